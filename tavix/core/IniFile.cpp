@@ -1,0 +1,195 @@
+#include "tavix/core/IniFile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <istream>
+
+#include "tavix/core/SettingsText.h"
+#include "tavix/core/StringUtil.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::core {
+
+namespace {
+
+const std::string kNoValue;
+
+void MergeKeys(IniFile::KeyMap& target, const IniFile::KeyMap& source) {
+  for (const auto& [key, value] : source) target.insert_or_assign(key, value);
+}
+
+// Moves every entry over; where a key exists on both sides the source's value wins.
+void SpliceKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
+  if (target.empty()) {
+    target.swap(source);
+    return;
+  }
+  target.merge(source);
+  for (auto& [key, value] : source) target[key] = std::move(value);
+  source.clear();
+}
+
+}  // namespace
+
+IniFile::IniFile(const char* path) {
+  Load(path);
+}
+
+void IniFile::Load(const char* path) {
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw osa::Exception("Failed to open settings file '%s': %s", path, std::strerror(errno ? errno : EIO));
+  LoadFromStream(file, path);
+}
+
+void IniFile::LoadFromString(const std::string& text) {
+  LoadFromMemory(text.data(), text.data() + text.size(), "settings text");
+}
+
+void IniFile::LoadFromStream(std::istream& in) {
+  LoadFromStream(in, "settings text");
+}
+
+void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
+  SettingsTextReader reader(source);
+  for (std::string line; std::getline(in, line);) reader.ReadLine(line.data(), line.data() + line.size());
+  if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
+  MergeSettings(reader.TakeDocument());
+}
+
+void IniFile::LoadFromMemory(const char* begin, const char* end, const std::string& source) {
+  SettingsTextReader reader(source);
+  while (begin < end) {
+    const auto* lineEnd = static_cast<const char*>(std::memchr(begin, '\n', static_cast<size_t>(end - begin)));
+    if (!lineEnd) lineEnd = end;
+    reader.ReadLine(begin, lineEnd);
+    begin = lineEnd + 1;
+  }
+  MergeSettings(reader.TakeDocument());
+}
+
+void IniFile::SaveToStream(std::ostream& out) const {
+  SettingsTextWriter writer(out);
+  for (const auto& [name, keys] : _groups) writer.WriteGroup(name, keys);
+}
+
+void IniFile::SaveGroupToStream(std::ostream& out, const std::string& group) const {
+  const auto found = _groups.find(group);
+  if (found != _groups.end()) SaveGroupToStream(out, found);
+}
+
+void IniFile::SaveGroupToStream(std::ostream& out, const_iterator group) {
+  SettingsTextWriter(out).WriteGroup(group->first, group->second);
+}
+
+const std::string* IniFile::FindValue(const std::string& group, const std::string& key) const {
+  const auto keys = _groups.find(group);
+  if (keys == _groups.end()) return nullptr;
+  const auto value = keys->second.find(key);
+  return value == keys->second.end() ? nullptr : &value->second;
+}
+
+const std::string& IniFile::GetValue(const std::string& group, const std::string& key) const {
+  if (const std::string* value = FindValue(group, key)) return *value;
+  throw osa::Exception("No setting '[%s]%s'", group.c_str(), key.c_str());
+}
+
+const std::string& IniFile::GetValueOrDefault(const std::string& group, const std::string& key) const {
+  const std::string* value = FindValue(group, key);
+  return value ? *value : kNoValue;
+}
+
+int IniFile::GetIntOrDefault(const std::string& group, const std::string& key, int def) const {
+  const std::string* text = FindValue(group, key);
+  int value = 0;
+  return text && StringUtil::TryParse(*text, value) ? value : def;
+}
+
+bool IniFile::GetBoolOrDefault(const std::string& group, const std::string& key, bool def) const {
+  const std::string* text = FindValue(group, key);
+  if (!text) return def;
+  for (const char* yes : {"true", "yes", "on", "1"}) {
+    if (StringUtil::EqualsIgnoringCase(*text, yes)) return true;
+  }
+  for (const char* no : {"false", "no", "off", "0"}) {
+    if (StringUtil::EqualsIgnoringCase(*text, no)) return false;
+  }
+  return def;
+}
+
+void IniFile::SetValue(const std::string& group, const std::string& key, const std::string& value) {
+  _groups[group].insert_or_assign(key, value);
+}
+
+void IniFile::SetInt(const std::string& group, const std::string& key, int value) {
+  SetValue(group, key, std::to_string(value));
+}
+
+bool IniFile::HasGroup(const std::string& group) const {
+  return _groups.count(group) != 0;
+}
+
+bool IniFile::HasValue(const std::string& group, const std::string& key) const {
+  return FindValue(group, key) != nullptr;
+}
+
+void IniFile::RemoveGroup(const std::string& group) {
+  _groups.erase(group);
+}
+
+void IniFile::RemoveGroup(const iterator& group) {
+  _groups.erase(group);
+}
+
+void IniFile::MergeSettings(const IniFile& src) {
+  if (this == &src) return;
+  for (const auto& [name, keys] : src._groups) MergeKeys(_groups[name], keys);
+}
+
+void IniFile::MergeSettings(IniFile&& src) {
+  if (this == &src) return;
+  if (_groups.empty()) {
+    _groups.swap(src._groups);
+    return;
+  }
+  _groups.merge(src._groups);
+  for (auto& [name, keys] : src._groups) SpliceKeys(_groups[name], keys);
+  src.Clear();
+}
+
+void IniFile::MergeSettings(const IniFile& src, const std::string& group) {
+  if (this == &src) return;
+  const auto found = src._groups.find(group);
+  if (found != src._groups.end()) MergeKeys(_groups[group], found->second);
+}
+
+bool IniFile::ContainsSettings(const IniFile& other) const {
+  for (const auto& [name, keys] : other._groups) {
+    for (const auto& [key, value] : keys) {
+      const std::string* mine = FindValue(name, key);
+      if (!mine || *mine != value) return false;
+    }
+  }
+  return true;
+}
+
+void IniFile::ValueListAppendUnique(const std::string& name, const std::string& value) {
+  KeyMap& list = _groups[name];
+  const auto own = list.find(value);
+  if (own != list.end() && own->second == value) return;
+  for (const auto& entry : list) {
+    if (entry.second == value) return;
+  }
+  std::string key = value;
+  while (list.count(key) != 0) key += '~';
+  list.emplace(std::move(key), value);
+}
+
+const IniFile::KeyMap& IniFile::operator[](const std::string& group) const {
+  const auto found = _groups.find(group);
+  if (found == _groups.end()) throw osa::Exception("No settings group '%s'", group.c_str());
+  return found->second;
+}
+
+}  // namespace tavix::core

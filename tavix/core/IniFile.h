@@ -1,0 +1,109 @@
+#pragma once
+
+#include <iosfwd>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "tavix/osa/Export.h"
+
+namespace tavix::core {
+
+// A settings document: groups of keys with values, all of them byte strings, in ascending byte order. A plain value.
+// A setting is missing when its group, or its key in the group, does not exist. An empty name, key or value is legal.
+//
+// Text form: docs/settings-text.md. Every document survives being saved and loaded.
+// Threads:   as a standard container: many readers or one writer.
+// Errors:    osa::Exception that names the source, the line and what stands there. A load that fails changes nothing.
+class TAVIX_EXPORT IniFile {
+ public:
+  using KeyMap = std::map<std::string, std::string>;
+  using GroupMap = std::map<std::string, KeyMap>;
+  using iterator = GroupMap::iterator;
+  using const_iterator = GroupMap::const_iterator;
+
+  IniFile() = default;
+
+  explicit IniFile(GroupMap groups) : _groups(std::move(groups)) {}
+
+  // Loads the file at "path", as Load.
+  explicit IniFile(const char* path);
+
+  // Add what they read to the document; a key that exists gets the new value.
+  void Load(const char* path);
+  void LoadFromString(const std::string& text);
+
+  // Reads until the stream ends. source: what error texts call the stream.
+  void LoadFromStream(std::istream& in);
+  void LoadFromStream(std::istream& in, const std::string& source);
+
+  // Write settings text whose every line ends with a line feed and is never "." alone. Texts written one after the
+  // other read back as one document. A missing group writes nothing. The stream's state tells of failures.
+  void SaveToStream(std::ostream& out) const;
+  void SaveGroupToStream(std::ostream& out, const std::string& group) const;
+  static void SaveGroupToStream(std::ostream& out, const_iterator group);
+
+  // The stored value; a missing setting throws.
+  const std::string& GetValue(const std::string& group, const std::string& key) const;
+
+  // The stored value, or an empty string.
+  const std::string& GetValueOrDefault(const std::string& group, const std::string& key) const;
+
+  // A decimal number with an optional sign, blanks around it allowed. Missing, not a number or out of range: "def".
+  int GetIntOrDefault(const std::string& group, const std::string& key, int def) const;
+
+  // true, yes, on, 1 or false, no, off, 0, in any case. Missing or anything else: "def".
+  bool GetBoolOrDefault(const std::string& group, const std::string& key, bool def) const;
+
+  // Create group and key as needed.
+  void SetValue(const std::string& group, const std::string& key, const std::string& value);
+  void SetInt(const std::string& group, const std::string& key, int value);
+
+  bool HasGroup(const std::string& group) const;
+  bool HasValue(const std::string& group, const std::string& key) const;
+
+  // A missing group is no error.
+  void RemoveGroup(const std::string& group);
+
+  // Other iterators stay valid.
+  void RemoveGroup(const iterator& group);
+
+  // Sets here every value of "src"; removes nothing. A group of "src" without keys is created.
+  void MergeSettings(const IniFile& src);
+
+  // The same, moving what it can: "src" is empty afterwards. No text is copied.
+  void MergeSettings(IniFile&& src);
+
+  // The same for one group; nothing happens when "src" lacks it.
+  void MergeSettings(const IniFile& src, const std::string& group);
+
+  // Whether every value of "other" stands here, byte by byte. Groups without keys ask for nothing.
+  bool ContainsSettings(const IniFile& other) const;
+
+  // Adds "value" to the list that the group "name" is, unless it is in it. A member's key is its own text, so that
+  // merging two lists loses no member.
+  void ValueListAppendUnique(const std::string& name, const std::string& value);
+
+  void Clear() { _groups.clear(); }
+  bool IsEmpty() const { return _groups.empty(); }
+
+  // The keys of a group: created when missing, or throwing when missing.
+  KeyMap& operator[](const std::string& group) { return _groups[group]; }
+  const KeyMap& operator[](const std::string& group) const;
+
+  iterator begin() { return _groups.begin(); }
+  iterator end() { return _groups.end(); }
+  const_iterator begin() const { return _groups.begin(); }
+  const_iterator end() const { return _groups.end(); }
+
+  // All groups, for algorithms over sorted ranges.
+  const GroupMap& GetGroups() const { return _groups; }
+
+ private:
+  const std::string* FindValue(const std::string& group, const std::string& key) const;
+  void LoadFromMemory(const char* begin, const char* end, const std::string& source);
+
+  GroupMap _groups;
+};
+
+}  // namespace tavix::core

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "tavix/core/Logger.h"
+
+namespace tavix::core {
+
+// Where log lines go. Called with the log's lock held, so one call at a time.
+class LogOutput {
+ public:
+  virtual ~LogOutput() = default;
+
+  // line: whole, with its time and its line feed. text: the same line from the logger's name on, without line feed, for
+  // outputs that add time and level themselves.
+  virtual void Write(LogLevel level, const std::string& line, const std::string& text) = 0;
+};
+
+// Writes lines to a descriptor that it does not own, for example standard error.
+std::unique_ptr<LogOutput> MakeDescriptorOutput(int descriptor);
+
+// Writes to the system log, under the process's name.
+std::unique_ptr<LogOutput> MakeSystemLogOutput();
+
+}  // namespace tavix::core

@@ -1,0 +1,121 @@
+#include "tavix/core/RotatingLogFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "tavix/core/StringUtil.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::core {
+
+namespace {
+
+// The steps from "directory" to "file", the last of them the file's own name.
+std::vector<std::string> StepsBelow(const std::string& directory, const std::string& file) {
+  std::string relative = file;
+  if (file.find('/') != std::string::npos) {
+    const std::string prefix = directory + "/";
+    if (!StringUtil::StartsWith(file, prefix))
+      throw osa::Exception("Log file '%s' is not below '%s'", file.c_str(), directory.c_str());
+    relative = file.substr(prefix.size());
+  }
+  std::vector<std::string> steps;
+  StringUtil::Split(steps, relative, "/", 0);
+  for (const std::string& step : steps) {
+    if (step.empty() || step == "." || step == ".." || step.find('\0') != std::string::npos)
+      throw osa::Exception("Log file '%s' is no plain path below '%s'", file.c_str(), directory.c_str());
+  }
+  return steps;
+}
+
+}  // namespace
+
+RotatingLogFile::RotatingLogFile(const std::string& directory, const std::string& file, Limits limits)
+    : _path(file), _limits(limits) {
+  std::vector<std::string> steps = StepsBelow(directory, file);
+  _name = steps.back();
+  steps.pop_back();
+  _directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (const std::string& step : steps) {
+    if (_directory < 0) break;
+    const int next = openat(_directory, step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int error = errno;
+    close(_directory);
+    _directory = next;
+    errno = error;
+  }
+  if (_directory < 0) throw osa::Exception("Failed to open log file '%s': %s", file.c_str(), std::strerror(errno));
+  try {
+    Open();
+  } catch (...) {
+    close(_directory);
+    throw;
+  }
+}
+
+RotatingLogFile::~RotatingLogFile() {
+  Close();
+  close(_directory);
+}
+
+void RotatingLogFile::Write(LogLevel, const std::string& line, const std::string&) {
+  try {
+    if (!IsInPlace()) {
+      Close();
+      Open();
+    }
+    struct stat now {};
+    if (fstat(_descriptor, &now) == 0 && now.st_size > 0 &&
+        static_cast<size_t>(now.st_size) + line.size() > _limits.bytes) {
+      Rotate();
+    }
+    ssize_t written = 0;
+    do {
+      written = ::write(_descriptor, line.data(), line.size());
+    } while (written < 0 && errno == EINTR);
+  } catch (const osa::Exception&) {  // the next line tries again
+    Close();
+  }
+}
+
+// A pipe or device could block or do harm: only a regular file will do. O_NONBLOCK is for the open itself.
+void RotatingLogFile::Open() {
+  const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  _descriptor = openat(_directory, _name.c_str(), flags, 0640);
+  if (_descriptor < 0) throw osa::Exception("Failed to open log file '%s': %s", _path.c_str(), std::strerror(errno));
+  struct stat status {};
+  if (fstat(_descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+    Close();
+    throw osa::Exception("Failed to open log file '%s': not a regular file", _path.c_str());
+  }
+}
+
+void RotatingLogFile::Close() noexcept {
+  if (_descriptor >= 0) close(_descriptor);
+  _descriptor = -1;
+}
+
+bool RotatingLogFile::IsInPlace() const {
+  struct stat open {};
+  struct stat named {};
+  return _descriptor >= 0 && fstat(_descriptor, &open) == 0 &&
+         fstatat(_directory, _name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && open.st_ino == named.st_ino &&
+         open.st_dev == named.st_dev;
+}
+
+void RotatingLogFile::Rotate() {
+  for (int age = _limits.kept; age > 0; --age) {
+    const std::string from = age == 1 ? _name : _name + "." + std::to_string(age - 1);
+    renameat(_directory, from.c_str(), _directory, (_name + "." + std::to_string(age)).c_str());
+  }
+  Close();
+  Open();
+}
+
+}  // namespace tavix::core

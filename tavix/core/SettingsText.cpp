@@ -1,0 +1,259 @@
+#include "tavix/core/SettingsText.h"
+
+#include <cstdint>
+#include <cstring>
+#include <ostream>
+
+#include "tavix/osa/Exception.h"
+
+namespace tavix::core {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+bool IsControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+}
+
+void SkipBlanks(const char*& begin, const char*& end) {
+  while (begin < end && IsBlank(*begin)) ++begin;
+  while (end > begin && IsBlank(end[-1])) --end;
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// The byte that the escape at "at" (a backslash) stands for; moves "at" behind it. False: no escape that we know.
+bool ReadEscape(const char*& at, const char* end, char& byte) {
+  if (end - at < 2) return false;
+  size_t length = 2;
+  switch (at[1]) {
+    case '\\':
+      byte = '\\';
+      break;
+    case 'n':
+      byte = '\n';
+      break;
+    case 'r':
+      byte = '\r';
+      break;
+    case 't':
+      byte = '\t';
+      break;
+    case 's':
+      byte = ' ';
+      break;
+    case 'x':
+      if (end - at < 4 || HexDigit(at[2]) < 0 || HexDigit(at[3]) < 0) return false;
+      byte = static_cast<char>(HexDigit(at[2]) * 16 + HexDigit(at[3]));
+      length = 4;
+      break;
+    default:
+      return false;
+  }
+  at += length;
+  return true;
+}
+
+std::string Unescape(const char* begin, const char* end) {
+  const auto* backslash = static_cast<const char*>(std::memchr(begin, '\\', static_cast<size_t>(end - begin)));
+  if (!backslash) return std::string(begin, end);
+  std::string text(begin, backslash);
+  for (const char* at = backslash; at < end;) {
+    char byte = *at;
+    if (byte != '\\' || !ReadEscape(at, end, byte)) ++at;
+    text.push_back(byte);
+  }
+  return text;
+}
+
+const char* FindUnescapedEquals(const char* begin, const char* end) {
+  const auto* equals = static_cast<const char*>(std::memchr(begin, '=', static_cast<size_t>(end - begin)));
+  if (!equals || !std::memchr(begin, '\\', static_cast<size_t>(equals - begin))) return equals;
+  for (const char* at = begin; at < end; ++at) {
+    if (*at == '=') return at;
+    if (*at == '\\') ++at;
+  }
+  return nullptr;
+}
+
+// The entry of "name", created when missing. In sorted text its place is the end; elsewhere the map finds it.
+template <class Map>
+typename Map::mapped_type& EntryAt(Map& map, std::string&& name) {
+  if (map.empty() || map.rbegin()->first < name)
+    return map.emplace_hint(map.end(), std::move(name), typename Map::mapped_type())->second;
+  return map[std::move(name)];
+}
+
+constexpr uint64_t kOnes = 0x0101010101010101u;
+constexpr uint64_t kHighs = 0x8080808080808080u;
+
+// Non-zero when one of the eight bytes is below "limit" (at most 0x80); bytes from 0x80 on are not.
+// Both tests: Bit Twiddling Hacks, S. E. Anderson, "Determine if a word has a byte less than n" and "... a zero byte".
+constexpr uint64_t AnyBelow(uint64_t word, uint64_t limit) {
+  return (word - kOnes * limit) & ~word & kHighs;
+}
+
+constexpr uint64_t AnyEqual(uint64_t word, unsigned char byte) {
+  const uint64_t different = word ^ (kOnes * byte);
+  return (different - kOnes) & ~different & kHighs;
+}
+
+// Whether a byte of the text is a control byte, a backslash or "special". May say yes without need, never no: the
+// careful pass that follows decides byte by byte.
+bool MayNeedEscape(const std::string& text, unsigned char special) {
+  const char* at = text.data();
+  size_t left = text.size();
+  uint64_t found = 0;
+  const auto test = [&](uint64_t word) {
+    found |= AnyBelow(word, 0x20) | AnyEqual(word, 0x7f) | AnyEqual(word, '\\') | AnyEqual(word, special);
+  };
+  for (; left >= sizeof(uint64_t); at += sizeof(uint64_t), left -= sizeof(uint64_t)) {
+    uint64_t word;
+    std::memcpy(&word, at, sizeof word);
+    test(word);
+  }
+  if (left > 0) {
+    uint64_t word = kOnes * 'a';
+    std::memcpy(&word, at, left);
+    test(word);
+  }
+  return found != 0;
+}
+
+}  // namespace
+
+void SettingsTextReader::ReadLine(const char* begin, const char* end) {
+  ++_lineNumber;
+  if (_lineNumber == 1 && end - begin >= 3 && std::memcmp(begin, "\xEF\xBB\xBF", 3) == 0) begin += 3;
+  if (end > begin && end[-1] == '\r') --end;
+  SkipBlanks(begin, end);
+  if (begin == end || *begin == '#' || *begin == ';') return;
+  if (*begin == '[') {
+    ReadHeader(begin, end);
+  } else {
+    ReadSetting(begin, end);
+  }
+}
+
+void SettingsTextReader::ReadHeader(const char* begin, const char* end) {
+  if (end[-1] != ']') Fail("\"[group]\" or \"key=value\"", begin, end);
+  _open = &EntryAt(_groups, Unescape(begin + 1, end - 1));
+}
+
+void SettingsTextReader::ReadSetting(const char* begin, const char* end) {
+  const char* equals = FindUnescapedEquals(begin, end);
+  if (!equals) Fail("\"[group]\" or \"key=value\"", begin, end);
+  if (!_open) Fail("\"[group]\" before the first \"key=value\"", begin, end);
+  const char* keyEnd = equals;
+  const char* valueBegin = equals + 1;
+  SkipBlanks(begin, keyEnd);
+  SkipBlanks(valueBegin, end);
+  EntryAt(*_open, Unescape(begin, keyEnd)) = Unescape(valueBegin, end);
+}
+
+void SettingsTextReader::Fail(const char* expected, const char* begin, const char* end) const {
+  throw osa::Exception("%s:%zu: expected %s, found \"%s\"", _source.c_str(), _lineNumber, expected,
+                       PrintableText(std::string(begin, end), 80).c_str());
+}
+
+SettingsTextWriter::~SettingsTextWriter() {
+  Flush();
+}
+
+void SettingsTextWriter::WriteGroup(const std::string& name, const IniFile::KeyMap& keys) {
+  Append('[');
+  WriteText(name, Place::kName);
+  Append("]\n", 2);
+  for (const auto& [key, value] : keys) {
+    WriteText(key, Place::kKey);
+    Append('=');
+    WriteText(value, Place::kValue);
+    Append('\n');
+  }
+}
+
+void SettingsTextWriter::WriteText(const std::string& text, Place place) {
+  if (text.empty()) return;
+  const char front = text.front();
+  const bool plainEnds = place == Place::kName || (front != ' ' && text.back() != ' ');
+  const bool plainStart = place != Place::kKey || (front != '[' && front != '#' && front != ';');
+  const auto special = static_cast<unsigned char>(place == Place::kName ? ']' : place == Place::kKey ? '=' : '\\');
+  if (plainEnds && plainStart && !MayNeedEscape(text, special)) {
+    Append(text.data(), text.size());
+  } else {
+    WriteEscaped(text, place);
+  }
+}
+
+void SettingsTextWriter::WriteEscaped(const std::string& text, Place place) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool atEnd = i == 0 || i + 1 == text.size();
+    if (c == '\\') {
+      Append("\\\\", 2);
+    } else if (c == '\n') {
+      Append("\\n", 2);
+    } else if (c == '\r') {
+      Append("\\r", 2);
+    } else if (c == '\t') {
+      Append("\\t", 2);
+    } else if (c == ' ' && atEnd && place != Place::kName) {
+      Append("\\s", 2);
+    } else if (IsControl(c) || (place == Place::kName && c == ']') ||
+               (place == Place::kKey && (c == '=' || (i == 0 && (c == '[' || c == '#' || c == ';'))))) {
+      const auto byte = static_cast<unsigned char>(c);
+      const char escape[] = {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
+      Append(escape, sizeof escape);
+    } else {
+      Append(c);
+    }
+  }
+}
+
+void SettingsTextWriter::Append(const char* bytes, size_t count) {
+  if (count > sizeof _buffer - _used) {
+    Flush();
+    if (count > sizeof _buffer) {
+      _out.write(bytes, static_cast<std::streamsize>(count));
+      return;
+    }
+  }
+  std::memcpy(_buffer + _used, bytes, count);
+  _used += count;
+}
+
+void SettingsTextWriter::Append(char byte) {
+  if (_used == sizeof _buffer) Flush();
+  _buffer[_used++] = byte;
+}
+
+void SettingsTextWriter::Flush() {
+  if (_used > 0) _out.write(_buffer, static_cast<std::streamsize>(_used));
+  _used = 0;
+}
+
+std::string PrintableText(const std::string& text, size_t most) {
+  std::string printable;
+  for (size_t i = 0; i < text.size() && printable.size() < most; ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    if (IsControl(text[i])) {
+      printable += {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
+    } else {
+      printable += text[i];
+    }
+  }
+  if (text.size() > most) printable += "...";
+  return printable;
+}
+
+}  // namespace tavix::core

@@ -1,0 +1,7 @@
+#pragma once
+
+// Marks what the shared library exports; everything else stays hidden.
+#define TAVIX_EXPORT __attribute__((visibility("default")))
+
+// Lets the compiler check printf-style arguments. Member functions count "this" as argument 1.
+#define TAVIX_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))

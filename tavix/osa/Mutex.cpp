@@ -1,0 +1,36 @@
+#include "tavix/osa/Mutex.h"
+
+#include "tavix/osa/LockException.h"
+#include "tavix/osa/Time.h"
+
+namespace tavix::osa {
+
+Mutex::Mutex(const char* name) : _name(name ? name : "unnamed") {}
+
+void Mutex::Lock(unsigned int timeout) {
+  if (_owner.load(std::memory_order_relaxed) == std::this_thread::get_id())
+    throw Exception("Mutex '%s' is already held by this thread", _name.c_str());
+  if (!TryLock(timeout)) {
+    throw LockException("Lock Timeout: mutex '" + _name + "' was not free within " + std::to_string(timeout) + " ms",
+                        LockException::kTimeout);
+  }
+  _owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
+}
+
+bool Mutex::TryLock(unsigned int timeout) {
+  if (timeout == kWaitForever) {
+    _mutex.lock();
+    return true;
+  }
+  if (timeout == 0) return _mutex.try_lock();
+  return _mutex.try_lock_until(Deadline(timeout).GetEnd());
+}
+
+void Mutex::Release() {
+  if (_owner.load(std::memory_order_relaxed) != std::this_thread::get_id())
+    throw Exception("Mutex '%s' was released by a thread that does not hold it", _name.c_str());
+  _owner.store(std::thread::id(), std::memory_order_relaxed);
+  _mutex.unlock();
+}
+
+}  // namespace tavix::osa

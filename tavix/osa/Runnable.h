@@ -1,0 +1,19 @@
+#pragma once
+
+#include "tavix/osa/Export.h"
+
+namespace tavix::osa {
+
+// What a Thread executes.
+class TAVIX_EXPORT Runnable {
+ public:
+  virtual ~Runnable() = default;
+
+  // The thread's work; runs once, on the new thread.
+  virtual void Run() = 0;
+
+  // Asks the work to end soon, from any thread. Optional: does nothing here.
+  virtual void Stop() {}
+};
+
+}  // namespace tavix::osa

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "tavix/osa/Export.h"
+
+namespace tavix::osa {
+
+// A counting semaphore, first come, first served: a release goes to whoever has waited longest, and a newcomer never
+// overtakes. Any thread may release.
+class TAVIX_EXPORT Semaphore {
+ public:
+  // name: for error texts; may be null. maxCount: what may be free at most. initialCount: what is free now.
+  Semaphore(const char* name, unsigned short maxCount, unsigned short initialCount);
+
+  // Nobody may wait on it any more.
+  ~Semaphore() = default;
+
+  Semaphore(const Semaphore&) = delete;
+  Semaphore& operator=(const Semaphore&) = delete;
+
+  // Takes one. timeout: milliseconds; kWaitForever never gives up, 0 does not wait. Throws LockException when it
+  // passes.
+  void Lock(unsigned int timeout);
+
+  // As Lock, but false when the time has passed.
+  [[nodiscard]] bool TryLock(unsigned int timeout);
+
+  // Gives one back. Throws Exception when all were free already.
+  void Release();
+
+ private:
+  struct Waiter;
+
+  void Append(Waiter& waiter);
+  void Remove(Waiter& waiter);
+
+  const std::string _name;
+  const unsigned int _maxCount;
+  std::mutex _mutex;  // guards what follows
+  unsigned int _count;
+  Waiter* _first = nullptr;  // the queue of waiters, on their own stacks
+  Waiter* _last = nullptr;
+};
+
+}  // namespace tavix::osa

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+namespace tavix::osa {
+
+// Where a service is reached.
+struct ServiceEndpoint {
+  std::string host;         // a numeric address, or a name for the system's resolver
+  unsigned short port = 0;  // in host byte order
+};
+
+// The port of a service that nobody gave another one.
+constexpr unsigned short kDefaultServicePort = 7211;
+
+// Finds the endpoint of "host". A service label (one word without dots or colons, for example "tavix-settings-server")
+// is reached, the first that applies:
+//   1. where the environment variable named after it says (upper case, '-' as '_'): HOST, HOST:PORT, [V6]:PORT or V6;
+//   2. at the address that the hosts database gives the label;
+//   3. at 127.0.0.1.
+// Anything else is taken as it is. Port 0, or none in the variable, is kDefaultServicePort.
+//
+// Throws Exception when the variable can't be understood. The environment and the hosts database are read at each call.
+ServiceEndpoint FindServiceEndpoint(const std::string& host, unsigned short port,
+                                    const char* hostsDatabase = "/etc/hosts");
+
+// Parses the variable's value; "source" names it in the error text.
+ServiceEndpoint ParseEndpoint(const std::string& text, const std::string& source);
+
+}  // namespace tavix::osa

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <streambuf>
+#include <vector>
+
+namespace tavix::osa {
+
+class TcpSocket;
+
+// Writes to a socket: collects until it is synchronised, then sends. The buffer grows with the message and is given
+// back when it has grown large.
+class SocketOutputBuf : public std::streambuf {
+ public:
+  explicit SocketOutputBuf(TcpSocket& socket) : _socket(socket) {}
+
+ protected:
+  int_type overflow(int_type character) override;
+  std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+  int sync() override;
+
+ private:
+  bool Grow(size_t atLeast);
+  bool SendAll(const char* bytes, size_t count);
+  size_t Pending() const { return static_cast<size_t>(pptr() - pbase()); }
+
+  TcpSocket& _socket;
+  std::vector<char> _buffer;
+  bool _failed = false;
+};
+
+// Reads from a socket; what is written to it goes on to the output side. The buffer grows while the peer fills it.
+class SocketDuplexBuf : public std::streambuf {
+ public:
+  SocketDuplexBuf(TcpSocket& socket, SocketOutputBuf& output) : _socket(socket), _output(output) {}
+
+ protected:
+  int_type underflow() override;
+  int_type overflow(int_type character) override;
+  std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+  int sync() override;
+
+ private:
+  TcpSocket& _socket;
+  SocketOutputBuf& _output;
+  std::unique_ptr<char[]> _buffer;
+  size_t _capacity = 0;
+  size_t _lastRead = 0;
+};
+
+}  // namespace tavix::osa

@@ -1,0 +1,55 @@
+#include "tavix/osa/TcpSocketStream.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <locale>
+
+#include "tavix/osa/SocketStreamBuf.h"
+#include "tavix/osa/TcpSocket.h"
+#include "tavix/osa/Time.h"
+
+namespace tavix::osa {
+
+namespace {
+
+// The kernel's own limit costs nothing per call; it takes 0 as "none".
+void SetTimeout(const TcpSocket& socket, int option, unsigned int timeout) {
+  timeval limit{};
+  if (timeout != kWaitForever) {
+    const unsigned int shortest = std::max(timeout, 1u);
+    limit.tv_sec = static_cast<time_t>(shortest / 1000);
+    limit.tv_usec = static_cast<suseconds_t>(shortest % 1000) * 1000;
+  }
+  setsockopt(socket.GetDescriptor(), SOL_SOCKET, option, &limit, sizeof limit);
+}
+
+}  // namespace
+
+struct TcpSocketStream::State {
+  explicit State(TcpSocket& socket) : output(socket), duplex(socket, output), ostream(&output) {}
+
+  SocketOutputBuf output;
+  SocketDuplexBuf duplex;
+  std::ostream ostream;
+};
+
+TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int timeout) : TcpSocketStream(socket, timeout, timeout) {}
+
+TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int readTimeout, unsigned int writeTimeout)
+    : std::iostream(nullptr), _state(std::make_unique<State>(*socket)) {
+  rdbuf(&_state->duplex);
+  imbue(std::locale::classic());
+  _state->ostream.imbue(std::locale::classic());
+  SetTimeout(*socket, SO_RCVTIMEO, readTimeout);
+  SetTimeout(*socket, SO_SNDTIMEO, writeTimeout);
+}
+
+TcpSocketStream::~TcpSocketStream() = default;
+
+std::ostream& TcpSocketStream::GetOstream() {
+  return _state->ostream;
+}
+
+}  // namespace tavix::osa
