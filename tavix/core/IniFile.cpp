@@ -16,6 +16,10 @@ namespace {
 const std::string kNoValue;
 
 void MergeKeys(IniFile::KeyMap& target, const IniFile::KeyMap& source) {
+  if (target.empty()) {
+    target = source;
+    return;
+  }
   for (const auto& [key, value] : source) target.insert_or_assign(key, value);
 }
 
@@ -161,7 +165,11 @@ void IniFile::MergeSettings(IniFile&& src) {
 void IniFile::MergeSettings(const IniFile& src, const std::string& group) {
   if (this == &src) return;
   const auto found = src._groups.find(group);
-  if (found != src._groups.end()) MergeKeys(_groups[group], found->second);
+  if (found != src._groups.end()) MergeGroup(found);
+}
+
+void IniFile::MergeGroup(const_iterator group) {
+  MergeKeys(_groups[group->first], group->second);
 }
 
 bool IniFile::ContainsSettings(const IniFile& other) const {

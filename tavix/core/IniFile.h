@@ -77,6 +77,9 @@ class TAVIX_EXPORT IniFile {
   // The same for one group; nothing happens when "src" lacks it.
   void MergeSettings(const IniFile& src, const std::string& group);
 
+  // The same for a group of another document, without a search for it there.
+  void MergeGroup(const_iterator group);
+
   // Whether every value of "other" stands here, byte by byte. Groups without keys ask for nothing.
   bool ContainsSettings(const IniFile& other) const;
 

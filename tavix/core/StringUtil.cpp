@@ -29,6 +29,7 @@ bool StringUtil::MatchesPattern(std::string_view pattern, std::string_view text)
   while (t < text.size()) {
     if (p < pattern.size() && pattern[p] == '*') {
       afterStar = ++p;
+      if (p == pattern.size()) return true;
       resume = t;
     } else if (p < pattern.size() && pattern[p] == text[t]) {
       ++p;

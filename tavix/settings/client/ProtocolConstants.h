@@ -1,0 +1,33 @@
+#pragma once
+
+// The words of the settings protocol, for both of its ends. docs/protocol.md describes every message.
+namespace tavix::settings::client::protocol {
+
+constexpr char kGet[] = "get";
+constexpr char kMerge[] = "merge";
+constexpr char kTestAndMerge[] = "test-and-merge";
+constexpr char kOverwrite[] = "overwrite";
+constexpr char kRestore[] = "restore";
+constexpr char kSubscribe[] = "subscribe";
+constexpr char kSerialize[] = "serialize";
+constexpr char kDump[] = "dump";
+constexpr char kInfo[] = "info";
+constexpr char kQuit[] = "quit";
+
+constexpr char kDelimited[] = "delimited";
+constexpr char kNoPersist[] = "nopersist";
+constexpr char kAll[] = "all";
+constexpr char kSubscribed[] = "subscribed";
+
+constexpr char kData[] = "data";
+constexpr char kResult[] = "result";
+constexpr char kAsync[] = "async";
+constexpr char kAsyncChange[] = "async change";
+constexpr char kOk[] = "ok";
+constexpr char kFailure[] = "failure";
+
+// Ends lists and payloads when it stands alone on a line.
+constexpr char kTerminator[] = ".";
+constexpr char kTerminatorLine[] = ".\n";
+
+}  // namespace tavix::settings::client::protocol

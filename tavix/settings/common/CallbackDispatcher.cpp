@@ -1,0 +1,52 @@
+#include "tavix/settings/common/CallbackDispatcher.h"
+
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/Time.h"
+
+namespace tavix::settings::common {
+
+using osa::kWaitForever;
+using osa::MutexAutoLock;
+
+void CallbackDispatcher::AddCallback(IChangeCallback* cb, const std::set<std::string>& groups) {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  _callbacks[cb].AddNamesAndPatterns(groups);
+}
+
+void CallbackDispatcher::AddCallback(IChangeCallback* cb, const GroupNameMatcher& matcher) {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  _callbacks[cb].Merge(matcher);
+}
+
+void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  std::set<std::string> matched;
+  for (const auto& [callback, matcher] : _callbacks) {
+    matcher.GetMatchingGroups(changedGroups, matched);
+    if (matched.empty()) continue;
+    callback->OnChange(matched, settings);
+    matched.clear();
+  }
+}
+
+void CallbackDispatcher::OnChange(const core::IniFile& settings) const {
+  std::set<std::string> changedGroups;
+  for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
+  OnChange(changedGroups, settings);
+}
+
+void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) const {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  for (const auto& entry : _callbacks) {
+    const GroupNameMatcher& matcher = entry.second;
+    out.insert(matcher.GetNames().begin(), matcher.GetNames().end());
+    out.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
+  }
+}
+
+void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  _callbacks.erase(cb);
+}
+
+}  // namespace tavix::settings::common

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <istream>
+#include <iterator>
+#include <string>
+
+#include "tavix/core/DelimitedIstream.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::settings::common {
+
+// Reads a list: one value a line, taken verbatim, ended by a line that holds only ".". Each value is assigned to "out".
+// "in" then stands behind the terminator's line; a stream that ends first ends the list.
+template <class OutputIterator>
+void readDelimitedValues(std::istream* in, OutputIterator out) {
+  stl::DelimitedIstream view(in);
+  for (std::string value; std::getline(view, value, view.widen('\n'));) *out++ = value;
+}
+
+// Adds each string assigned to it to a matcher, as name or pattern.
+class GroupNameMatcherInsertIterator {
+ public:
+  using iterator_category = std::output_iterator_tag;
+  using value_type = void;
+  using difference_type = void;
+  using pointer = void;
+  using reference = void;
+
+  // matcher: borrowed, outlives the iterator.
+  explicit GroupNameMatcherInsertIterator(GroupNameMatcher& matcher) : _matcher(&matcher) {}
+
+  GroupNameMatcherInsertIterator& operator=(const std::string& value) {
+    _matcher->AddNameOrPattern(value);
+    return *this;
+  }
+  GroupNameMatcherInsertIterator& operator*() { return *this; }
+  GroupNameMatcherInsertIterator& operator++() { return *this; }
+  GroupNameMatcherInsertIterator& operator++(int) { return *this; }
+
+ private:
+  GroupNameMatcher* _matcher;
+};
+
+}  // namespace tavix::settings::common

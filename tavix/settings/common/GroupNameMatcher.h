@@ -1,0 +1,46 @@
+#pragma once
+
+#include <iosfwd>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Export.h"
+
+namespace tavix::settings::common {
+
+// Says which groups somebody means: literal names, and patterns in which '*' stands for any run of bytes. A string is a
+// pattern if and only if it holds a '*'. A plain value.
+//
+// Cost: names are looked up; a pattern is tried on the groups that share its text before the first '*' only.
+class TAVIX_EXPORT GroupNameMatcher {
+ public:
+  void AddNameOrPattern(const std::string& s);
+  void AddNamesAndPatterns(const std::set<std::string>& in);
+  void Merge(const GroupNameMatcher& other);
+
+  // Add the candidates, or groups of "ini", that match to "out", which is not cleared. Names never create groups.
+  void GetMatchingGroups(const std::set<std::string>& candidates, std::set<std::string>& out) const;
+  void GetMatchingGroups(const core::IniFile& ini, std::set<std::string>& out) const;
+
+  // The same without copying a name: replaces "out" by the places of the groups that match, each once, in ascending
+  // order. They are valid until the document changes.
+  void GetMatchingGroups(const core::IniFile& ini, std::vector<core::IniFile::const_iterator>& out) const;
+
+  // Writes the matching groups of "ini" as settings text. A name that is less than some group but not a group itself is
+  // passed over for good, and so is the name after which that was found; GetMatchingGroups has no such gap.
+  void SerializeIni(std::ostream& os, const core::IniFile& ini) const;
+
+  bool IsEmpty() const { return _names.empty() && _patterns.empty(); }
+  const std::set<std::string>& GetNames() const { return _names; }
+  const std::set<std::string>& GetPatterns() const { return _patterns; }
+
+ private:
+  bool MatchesAnyPattern(const std::string& group) const;
+
+  std::set<std::string> _names;
+  std::set<std::string> _patterns;
+};
+
+}  // namespace tavix::settings::common

@@ -1,0 +1,231 @@
+#include "tavix/settings/server/ClientHandler.h"
+
+#include <istream>
+#include <iterator>
+#include <ostream>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/core/Logger.h"
+#include "tavix/core/SettingsText.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/Time.h"
+#include "tavix/settings/client/ProtocolConstants.h"
+#include "tavix/settings/common/DelimitedValues.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ClientHandlerDispatcher.h"
+#include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/SerializationManager.h"
+#include "tavix/settings/server/ServerEnv.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::settings::server {
+
+namespace protocol = client::protocol;
+
+using common::GroupNameMatcher;
+using common::GroupNameMatcherInsertIterator;
+using common::readDelimitedValues;
+using core::IniFile;
+using osa::kWaitForever;
+using osa::MutexAutoLock;
+
+namespace {
+
+constexpr size_t kKeptMessageMemory = 4 * 1024;  // an idle connection keeps no more than this
+
+std::set<std::string> ReadGroupSet(std::istream* in) {
+  std::set<std::string> groups;
+  readDelimitedValues(in, std::inserter(groups, groups.begin()));
+  return groups;
+}
+
+GroupNameMatcher ReadGroupMatcher(std::istream* in) {
+  GroupNameMatcher matcher;
+  readDelimitedValues(in, GroupNameMatcherInsertIterator(matcher));
+  return matcher;
+}
+
+// Group lists have a name on each line, so a group with such a name could be announced to nobody.
+void CheckGroupNames(const IniFile& document) {
+  for (const auto& group : document) {
+    const std::string& name = group.first;
+    if (name == protocol::kTerminator || name.find('\n') != std::string::npos) {
+      throw osa::Exception("Group name \"%s\" can't stand on a line of its own", core::PrintableText(name, 80).c_str());
+    }
+  }
+}
+
+}  // namespace
+
+ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out)
+    : _logger(core::Logger::GetLogger("ClientHandler")),
+      _in(in),
+      _outputMutex(nullptr),
+      _out(out),
+      _settingsManager(env->settingsManager),
+      _serializationManager(env->serializationManager),
+      _serializer(_serializationManager->GetSerializer("ini")) {}
+
+ClientHandler::~ClientHandler() {
+  _settingsManager->Unsubscribe(this);
+}
+
+void ClientHandler::Run() {
+  while (HandleNext()) continue;
+  _settingsManager->Unsubscribe(this);
+}
+
+bool ClientHandler::HandleNext() {
+  if (_quit || !std::getline(*_in, _line, _in->widen('\n'))) return false;
+  _args.SetText(_line);
+  _word.clear();
+  _args >> _word;
+  if (!_word.empty() && _word != protocol::kTerminator) MsgDispatcher::Get().Dispatch(*this, _word, _args);
+  return true;
+}
+
+void ClientHandler::LogStatistics(void* logContext) {
+  MsgDispatcher::Get().LogStatistics(logContext);
+}
+
+void ClientHandler::Quit(std::istream&) {
+  _quit = true;
+}
+
+void ClientHandler::Dump(std::istream& args) {
+  const bool all = TakesWord(args, protocol::kAll);
+  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  _message.Reset(kKeptMessageMemory);
+  if (all) {
+    _settingsManager->DumpAllSettings(_message);
+  } else {
+    _settingsManager->DumpUserSettings(_message);
+  }
+  _message << protocol::kTerminatorLine;
+  Send(_message.GetText());
+}
+
+void ClientHandler::Merge(std::istream& args) {
+  const unsigned int flags = TakesWord(args, protocol::kNoPersist) ? SettingsManager::kNoPersist : 0;
+  IniFile settings;
+  if (ReadPayload(settings)) _settingsManager->MergeSettings(settings, flags);
+}
+
+void ClientHandler::TestAndMerge(std::istream&) {
+  IniFile condition;
+  IniFile change;
+  if (!ReadPayload(condition)) return;
+  _serializer.load()->SkipPayloadEnd(*_in);
+  if (!ReadPayload(change)) return;
+  const bool merged = _settingsManager->TestAndMerge(condition, change);
+
+  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  _message.Reset(kKeptMessageMemory);
+  _message << protocol::kResult << '\n' << (merged ? protocol::kOk : protocol::kFailure) << '\n';
+  Send(_message.GetText());
+}
+
+void ClientHandler::Subscribe(std::istream&) {
+  const std::set<std::string> groups = ReadGroupSet(_in);
+  if (!groups.empty()) _settingsManager->Subscribe(this, groups);
+}
+
+void ClientHandler::GetSections(std::istream& args) {
+  const bool delimited = TakesWord(args, protocol::kDelimited);
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in);
+  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  _message.Reset(kKeptMessageMemory);
+  if (delimited) _message << protocol::kData << '\n';
+  if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
+  if (delimited) _message << protocol::kTerminatorLine;
+  Send(_message.GetText());
+}
+
+void ClientHandler::Overwrite(std::istream&) {
+  const std::set<std::string> groups = ReadGroupSet(_in);
+  IniFile settings;
+  if (WasCutOff() || !ReadPayload(settings)) return;
+  _settingsManager->OverwriteSettings(groups, settings);
+}
+
+void ClientHandler::ChangeSerialization(std::istream& args) {
+  std::string name;
+  args >> name;
+  const ISettingsSerializer* serializer = _serializationManager->GetSerializer(name);
+  if (!serializer) return;
+  _logger->Trace("switching to serialization mode: %s", name.c_str());
+  _serializer.store(serializer);
+}
+
+void ClientHandler::RestoreDefaults(std::istream&) {
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in);
+  if (!WasCutOff()) _settingsManager->RestoreToDefaults(matcher);
+}
+
+// Takes the output mutex before the dispatcher's, a notification does the reverse; the gate, taken first by both, keeps
+// the two apart.
+void ClientHandler::Info(std::istream& args) {
+  if (!TakesWord(args, protocol::kSubscribed)) return;
+  MutexAutoLock gate(&_settingsManager->GetNotificationGate(), kWaitForever, true);
+  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  std::set<std::string> groups;
+  _settingsManager->GetAllSubscribedGroups(groups);
+  _message.Reset(kKeptMessageMemory);
+  _message << "Subscribed groups\n-----------------\n";
+  for (const std::string& group : groups) _message << group << '\n';
+  _message << '\n';
+  Send(_message.GetText());
+}
+
+void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {
+  try {
+    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    try {
+      WriteNotice(changedGroups);
+    } catch (...) {
+      _out->setstate(std::ios::badbit);  // half a notice may be out: nothing may follow it
+      throw;
+    }
+  } catch (const std::exception& exception) {
+    _logger->Warning("Failed to write a change notice: %s", exception.what());
+  } catch (...) {
+    _logger->Warning("Failed to write a change notice: %s", "unknown");
+  }
+}
+
+// The caller holds the output mutex.
+void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(changedGroups);
+  _message.Reset(kKeptMessageMemory);
+  _message << protocol::kAsyncChange << '\n';
+  for (const std::string& group : changedGroups) _message << group << '\n';
+  _message << protocol::kTerminatorLine;
+  _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
+  _message << protocol::kTerminatorLine;
+  Send(_message.GetText());
+}
+
+bool ClientHandler::TakesWord(std::istream& args, const char* expected) {
+  _word.clear();
+  return args >> _word && _word == expected;
+}
+
+// False when the input ended before the payload did: what came of it must not be carried out.
+bool ClientHandler::ReadPayload(IniFile& document) {
+  _serializer.load()->OnDeserialize(*_in, document);
+  CheckGroupNames(document);
+  return !WasCutOff();
+}
+
+bool ClientHandler::WasCutOff() const {
+  return !_in->good();
+}
+
+void ClientHandler::Send(const std::string& message) {
+  _out->write(message.data(), static_cast<std::streamsize>(message.size()));
+  _out->flush();
+}
+
+}  // namespace tavix::settings::server

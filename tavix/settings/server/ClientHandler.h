@@ -1,0 +1,101 @@
+#pragma once
+
+#include <atomic>
+#include <iosfwd>
+#include <map>
+#include <set>
+#include <string>
+
+#include "tavix/core/MemoryStream.h"
+#include "tavix/osa/Export.h"
+#include "tavix/osa/Mutex.h"
+#include "tavix/settings/IChangeCallback.h"
+
+namespace tavix::core {
+class IniFile;
+class Logger;
+}  // namespace tavix::core
+
+namespace tavix::settings::server {
+
+class ISettingsSerializer;
+class SerializationManager;
+class SettingsManager;
+struct ServerEnv;
+
+// Serves one connection: reads requests, carries them out on the store, writes replies, and writes a notice when groups
+// change that the connection subscribed to. docs/protocol.md describes every message.
+//
+// Threads: requests are handled on the thread that calls Run or HandleNext; notices are written by whichever thread
+// made
+//          the change. Each reply and each notice is contiguous on the output and ends with a flush.
+// Locks:   the output mutex, inside the store's notification gate and dispatcher, outside its "SettingsMutex". Nothing
+// is
+//          held while a request changes the store, so a connection is told of its own changes.
+// Owns:    neither environment nor streams; all outlive the handler. The streams are never closed here.
+// Errors:  a payload that can't be parsed, and whatever the store throws, leaves HandleNext: the connection is then out
+// of
+//          step and must end. A request that the end of the input cuts off changes nothing. Output errors are not
+//          looked at; a notice that can't be written breaks the output and is nobody else's trouble.
+class TAVIX_EXPORT ClientHandler : public IChangeCallback {
+ public:
+  ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out);
+
+  // Ends the subscription; returns once no notice is being written.
+  ~ClientHandler() override;
+
+  ClientHandler(const ClientHandler&) = delete;
+  ClientHandler& operator=(const ClientHandler&) = delete;
+
+  // Handles requests until the client quits or the input ends, then ends the subscription.
+  void Run();
+
+  // Handles one line of input and what belongs to it. False, having read nothing, once the client has quit or the input
+  // has ended.
+  [[nodiscard]] bool HandleNext();
+
+  // Writes the notice. Throws nothing.
+  void OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) override;
+
+  // Logs how often each command was handled, by all handlers of the process together, through the core logging entry
+  // point. logContext: passed to it untouched.
+  static void LogStatistics(void* logContext);
+
+ private:
+  class MsgDispatcher;
+
+  // The commands; "args" is the rest of the command's line.
+  void Quit(std::istream& args);
+  void Dump(std::istream& args);
+  void Merge(std::istream& args);
+  void TestAndMerge(std::istream& args);
+  void Subscribe(std::istream& args);
+  void GetSections(std::istream& args);
+  void Overwrite(std::istream& args);
+  void ChangeSerialization(std::istream& args);
+  void RestoreDefaults(std::istream& args);
+  void Info(std::istream& args);
+
+  bool TakesWord(std::istream& args, const char* expected);
+  bool ReadPayload(core::IniFile& document);
+  bool WasCutOff() const;
+  void WriteNotice(const std::set<std::string>& changedGroups);
+  void Send(const std::string& message);
+
+  core::Logger* const _logger;
+  bool _quit = false;
+  std::istream* const _in;
+  osa::Mutex _outputMutex;  // guards what goes to _out, and _message
+  std::ostream* const _out;
+  SettingsManager* const _settingsManager;
+  SerializationManager* const _serializationManager;
+  std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
+
+  // Kept for their memory only.
+  std::string _line;
+  std::string _word;
+  core::ViewIstream _args;
+  core::StringOstream _message;
+};
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,61 @@
+#include "tavix/settings/server/ClientHandlerDispatcher.h"
+
+#include <memory>
+
+#include "tavix/core/CoreLogging.h"
+#include "tavix/core/Logger.h"
+#include "tavix/core/Stopwatch.h"
+#include "tavix/settings/client/ProtocolConstants.h"
+
+namespace tavix::settings::server {
+
+namespace protocol = client::protocol;
+
+std::atomic<ClientHandler::MsgDispatcher*> ClientHandler::MsgDispatcher::s_pInstance{nullptr};
+
+ClientHandler::MsgDispatcher& ClientHandler::MsgDispatcher::Get() {
+  if (MsgDispatcher* known = s_pInstance.load(std::memory_order_acquire)) return *known;
+  std::unique_ptr<MsgDispatcher> made(new MsgDispatcher);
+  MsgDispatcher* first = nullptr;
+  if (s_pInstance.compare_exchange_strong(first, made.get(), std::memory_order_acq_rel)) first = made.release();
+  return *first;
+}
+
+ClientHandler::MsgDispatcher::MsgDispatcher() : _logger(core::Logger::GetLogger("MsgDispatcher")) {
+  Add(protocol::kQuit, &ClientHandler::Quit);
+  Add(protocol::kDump, &ClientHandler::Dump);
+  Add(protocol::kMerge, &ClientHandler::Merge);
+  Add(protocol::kTestAndMerge, &ClientHandler::TestAndMerge);
+  Add(protocol::kSubscribe, &ClientHandler::Subscribe);
+  Add(protocol::kGet, &ClientHandler::GetSections);
+  Add(protocol::kOverwrite, &ClientHandler::Overwrite);
+  Add(protocol::kSerialize, &ClientHandler::ChangeSerialization);
+  Add(protocol::kRestore, &ClientHandler::RestoreDefaults);
+  Add(protocol::kInfo, &ClientHandler::Info);
+}
+
+void ClientHandler::MsgDispatcher::Add(const char* word, void (ClientHandler::*handler)(std::istream& args)) {
+  _handlers[word].handler = handler;
+}
+
+void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, const std::string& word, std::istream& args) {
+  const auto found = _handlers.find(word);
+  if (found == _handlers.end()) {
+    _logger->Warning("Invalid command: %s", word.c_str());
+    return;
+  }
+  const core::Stopwatch stopwatch(true);
+  _logger->Trace("Handling command: %s", found->first.c_str());
+  (handler.*found->second.handler)(args);
+  found->second.count.fetch_add(1, std::memory_order_relaxed);
+  _logger->Trace("Command %s took %f seconds", found->first.c_str(), stopwatch.Read());
+}
+
+void ClientHandler::MsgDispatcher::LogStatistics(void* logContext) const {
+  for (const auto& [name, entry] : _handlers) {
+    pelko_core_logging_log(logContext, core::kLogNotice, "ClientHandler stats: dispatch %s count %d", name.c_str(),
+                           entry.count.load(std::memory_order_relaxed));
+  }
+}
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <atomic>
+#include <iosfwd>
+#include <map>
+#include <string>
+
+#include "tavix/settings/server/ClientHandler.h"
+
+namespace tavix::settings::server {
+
+// Finds a command's handler by its word, and counts. One for the process; its counts cover all connections of all time.
+class ClientHandler::MsgDispatcher {
+ public:
+  // Made on first use and never freed.
+  static MsgDispatcher& Get();
+
+  // Calls the command's handler on "handler"; an unknown word is logged and dropped. A call that throws is not counted.
+  void Dispatch(ClientHandler& handler, const std::string& word, std::istream& args);
+
+  void LogStatistics(void* logContext) const;
+
+ private:
+  struct fpMsgHandler {
+    void (ClientHandler::*handler)(std::istream& args);
+    std::atomic<int> count{0};
+  };
+
+  MsgDispatcher();
+  void Add(const char* word, void (ClientHandler::*handler)(std::istream& args));
+
+  static std::atomic<MsgDispatcher*> s_pInstance;
+
+  core::Logger* const _logger;
+  std::map<std::string, fpMsgHandler> _handlers;
+};
+
+}  // namespace tavix::settings::server

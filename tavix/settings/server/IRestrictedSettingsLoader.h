@@ -1,0 +1,18 @@
+#pragma once
+
+#include "tavix/osa/Export.h"
+
+namespace tavix::settings::server {
+
+class SettingsCombiner;
+
+// The only source of restricted groups. What it loads wins over every other layer, restricted or not.
+class TAVIX_EXPORT IRestrictedSettingsLoader {
+ public:
+  virtual ~IRestrictedSettingsLoader() = default;
+
+  // Loads its sources through "combiner". Exceptions end the store's loading.
+  virtual void LoadRestrictedSettings(SettingsCombiner& combiner) = 0;
+};
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "tavix/osa/Export.h"
+
+namespace tavix::core {
+class IniFile;
+}
+
+namespace tavix::settings::server {
+
+class SettingsCombiner;
+
+// Where a store's settings come from and where the user's go. The hosting program supplies it.
+//
+// Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
+//          at once, and beside a save: every restore loads the defaults anew.
+// Errors:  exceptions pass through the store to whoever made the call. One that leaves SaveUserSettings leaves the
+// change
+//          in memory, announced to nobody.
+class TAVIX_EXPORT ISettingsPersister {
+ public:
+  virtual ~ISettingsPersister() = default;
+
+  // Load every source of defaults, or of the user's saved settings, through "combiner".
+  virtual void LoadDefaultSettings(SettingsCombiner& combiner) = 0;
+  virtual void LoadUserSettings(SettingsCombiner& combiner) = 0;
+
+  // userSettings: the whole user layer, valid during the call only.
+  virtual void SaveUserSettings(const core::IniFile& userSettings) = 0;
+};
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,114 @@
+#include "tavix/settings/server/PhpArraySettingsSerializer.h"
+
+#include <algorithm>
+#include <cctype>
+#include <istream>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::settings::server {
+
+using core::IniFile;
+using osa::Exception;
+
+namespace {
+
+constexpr size_t kChunk = 255;  // a false length must not make us reserve what never comes
+
+void Expect(std::istream& is, char expected) {
+  char read = 0;
+  if (!(is >> read)) throw Exception("phparray missing data (expected '%c')", expected);
+  if (read != expected) throw Exception("expected: '%c' but got: '%c'", expected, read);
+}
+
+// The standard extraction takes a sign even for unsigned numbers; a size has none.
+unsigned int ReadSize(std::istream& is) {
+  unsigned int size = 0;
+  const int next = (is >> std::ws).peek();
+  if (next < '0' || next > '9' || !(is >> size)) throw Exception("failed to read size specification");
+  return size;
+}
+
+unsigned int ReadArrayHeader(std::istream& is) {
+  Expect(is, 'a');
+  Expect(is, ':');
+  const unsigned int count = ReadSize(is);
+  Expect(is, ':');
+  Expect(is, '{');
+  return count;
+}
+
+std::string ReadString(std::istream& is) {
+  Expect(is, 's');
+  Expect(is, ':');
+  size_t missing = ReadSize(is);
+  Expect(is, ':');
+  Expect(is, '"');
+  std::string text;
+  char chunk[kChunk];
+  while (missing > 0) {
+    const size_t size = std::min(missing, kChunk);
+    if (!is.read(chunk, static_cast<std::streamsize>(size)))
+      throw Exception("phparray failed to read %zu characters for string", missing);
+    text.append(chunk, size);
+    missing -= size;
+  }
+  Expect(is, '"');
+  Expect(is, ';');
+  return text;
+}
+
+void ReadGroup(std::istream& is, IniFile& settings) {
+  const std::string name = ReadString(is);
+  IniFile::KeyMap& keys = settings[name];
+  for (unsigned int left = ReadArrayHeader(is); left > 0; --left) {
+    std::string key = ReadString(is);
+    keys[std::move(key)] = ReadString(is);
+  }
+  Expect(is, '}');
+}
+
+void WriteArrayHeader(std::ostream& os, size_t count) {
+  os << "a:" << count << ":{";
+}
+
+void WriteString(std::ostream& os, const std::string& text) {
+  os << "s:" << text.size() << ":\"" << text << "\";";
+}
+
+void WriteGroup(std::ostream& os, IniFile::const_iterator group) {
+  WriteString(os, group->first);
+  WriteArrayHeader(os, group->second.size());
+  for (const auto& [key, value] : group->second) {
+    WriteString(os, key);
+    WriteString(os, value);
+  }
+  os << '}';
+}
+
+}  // namespace
+
+void PhpArraySettingsSerializer::OnSerialize(const IniFile& settings, const common::GroupNameMatcher& groups,
+                                             std::ostream& os) const {
+  std::vector<IniFile::const_iterator> matched;
+  groups.GetMatchingGroups(settings, matched);
+  WriteArrayHeader(os, matched.size());
+  for (const auto& group : matched) WriteGroup(os, group);
+  os << "}\n" << std::endl;
+}
+
+void PhpArraySettingsSerializer::OnDeserialize(std::istream& is, IniFile& settings) const {
+  for (unsigned int left = ReadArrayHeader(is); left > 0; --left) ReadGroup(is, settings);
+  Expect(is, '}');
+}
+
+void PhpArraySettingsSerializer::SkipPayloadEnd(std::istream& is) const {
+  if ((is >> std::ws).peek() == '.') is.get();
+}
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,244 @@
+#include "tavix/settings/server/SettingsManager.h"
+
+#include <utility>
+
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/osa/Time.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/IRestrictedSettingsLoader.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/LoadPriorityIncludeFilter.h"
+#include "tavix/settings/server/SettingsCombiner.h"
+
+namespace tavix::settings::server {
+
+using common::GroupNameMatcher;
+using core::IniFile;
+using osa::kWaitForever;
+using osa::ReadAutoLock;
+using osa::WriteAutoLock;
+
+namespace {
+
+constexpr char kGateName[] = "notification gate (a change callback must not change its own store)";
+
+GroupNameMatcher MatcherFor(const std::string& nameOrPattern) {
+  GroupNameMatcher matcher;
+  matcher.AddNameOrPattern(nameOrPattern);
+  return matcher;
+}
+
+IniFile UnrestrictedPartOf(const IniFile& settings) {
+  IniFile filtered;
+  GroupDiscriminator::MergeUnrestrictedGroups(filtered, settings);
+  return filtered;
+}
+
+}  // namespace
+
+SettingsManager::SettingsManager()
+    : _persister(nullptr),
+      _restrictedLoader(nullptr),
+      _includeFilter(nullptr),
+      _loadPriorityFilter(new LoadPriorityIncludeFilter),
+      _settingsMutex("SettingsMutex"),
+      _notificationGate(kGateName) {}
+
+SettingsManager::SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
+                                 IIncludeFilter* includeFilter, bool deferLoad)
+    : SettingsManager() {
+  _persister = persister;
+  _restrictedLoader = restrictedLoader;
+  _includeFilter = includeFilter;
+  _settingsMutex.WriteLock(kWaitForever);
+  if (!deferLoad) LoadSettings();
+}
+
+SettingsManager::~SettingsManager() = default;
+
+void SettingsManager::LoadSettings() {
+  if (!_persister) return;
+  SettingsCombiner combiner(_allSettings);
+  ConfigureSettingsCombiner(combiner);
+  _persister->LoadDefaultSettings(combiner);
+  LoadUserSettings();
+  RemoveDeletedGroups();
+  _allSettings.MergeSettings(_userSettings);
+  GroupDiscriminator::FilterOutRestrictedGroups(_allSettings);
+  MergeRestrictedSettings();
+  _allSettings.RemoveGroup(kDeletedGroups);
+  _settingsMutex.Release();
+}
+
+void SettingsManager::LoadUserSettings() {
+  if (!_persister) return;
+  SettingsCombiner combiner(_userSettings);
+  _persister->LoadUserSettings(combiner);
+  GroupDiscriminator::FilterOutRestrictedGroups(_userSettings);
+}
+
+void SettingsManager::RemoveDeletedGroups() {
+  if (!_userSettings.HasGroup(kDeletedGroups)) return;
+  GroupNameMatcher deleted;
+  for (const auto& entry : _userSettings[kDeletedGroups]) deleted.AddNameOrPattern(entry.second);
+  std::set<std::string> groups;
+  deleted.GetMatchingGroups(_allSettings, groups);
+  for (const std::string& group : groups) _allSettings.RemoveGroup(group);
+}
+
+void SettingsManager::MergeRestrictedSettings() {
+  if (!_restrictedLoader) return;
+  IniFile restricted;
+  SettingsCombiner combiner(restricted);
+  ConfigureSettingsCombiner(combiner);
+  _restrictedLoader->LoadRestrictedSettings(combiner);
+  _allSettings.MergeSettings(std::move(restricted));
+}
+
+void SettingsManager::ConfigureSettingsCombiner(SettingsCombiner& combiner) const {
+  if (_includeFilter) combiner.AddFilter(_includeFilter);
+  combiner.AddFilter(_loadPriorityFilter.get());
+}
+
+void SettingsManager::GetGroups(IniFile& out, const GroupNameMatcher& matcher) const {
+  ReadAutoLock lock(_settingsMutex);
+  std::vector<IniFile::const_iterator> matched;
+  matcher.GetMatchingGroups(_allSettings, matched);
+  for (const auto& group : matched) out.MergeGroup(group);
+}
+
+void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) const {
+  GetGroups(out, MatcherFor(nameOrPattern));
+}
+
+void SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
+                                  const ISettingsSerializer& serializer) const {
+  ReadAutoLock lock(_settingsMutex);
+  serializer.OnSerialize(_allSettings, matcher, os);
+}
+
+void SettingsManager::DumpUserSettings(std::ostream& os) const {
+  ReadAutoLock lock(_settingsMutex);
+  _userSettings.SaveToStream(os);
+}
+
+void SettingsManager::DumpAllSettings(std::ostream& os) const {
+  ReadAutoLock lock(_settingsMutex);
+  _allSettings.SaveToStream(os);
+}
+
+void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
+  const IniFile filtered = UnrestrictedPartOf(settings);
+  WriteAutoLock lock(_settingsMutex);
+  PerformMergeUnlocked(filtered, flags);
+  lock.Release();
+  Notify(filtered);
+}
+
+bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  const IniFile filtered = UnrestrictedPartOf(settings);
+  WriteAutoLock lock(_settingsMutex);
+  if (!_allSettings.ContainsSettings(test)) return false;
+  PerformMergeUnlocked(filtered, 0);
+  lock.Release();
+  Notify(filtered);
+  return true;
+}
+
+void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  const IniFile filtered = UnrestrictedPartOf(settings);
+  WriteAutoLock lock(_settingsMutex);
+  std::set<std::string> changed;
+  matcher.GetMatchingGroups(_allSettings, changed);
+  GroupDiscriminator::FilterOutRestrictedGroups(changed);
+  for (const std::string& group : changed) {
+    _allSettings.RemoveGroup(group);
+    _userSettings.RemoveGroup(group);
+  }
+  _allSettings.MergeSettings(filtered);
+  _userSettings.MergeSettings(filtered);
+  for (const std::string& group : groups) _userSettings.ValueListAppendUnique(kDeletedGroups, group);
+  Save();
+  lock.Release();
+  for (const auto& group : filtered) changed.insert(group.first);
+  Notify(changed, filtered);
+}
+
+void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
+  OverwriteSettings(std::set<std::string>{group}, settings);
+}
+
+void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
+  if (!_persister) return;
+  IniFile defaults;
+  SettingsCombiner combiner(defaults);
+  ConfigureSettingsCombiner(combiner);
+  _persister->LoadDefaultSettings(combiner);
+
+  IniFile restored;
+  WriteAutoLock lock(_settingsMutex);
+  std::set<std::string> changed;
+  matcher.GetMatchingGroups(_userSettings, changed);
+  for (const std::string& group : changed) {
+    _userSettings.RemoveGroup(group);
+    _allSettings.RemoveGroup(group);
+  }
+  std::vector<IniFile::const_iterator> matched;
+  matcher.GetMatchingGroups(defaults, matched);
+  for (const auto& group : matched) {
+    _userSettings.MergeGroup(group);
+    _allSettings.MergeGroup(group);
+    restored.MergeGroup(group);
+    changed.insert(group->first);
+  }
+  Save();
+  lock.Release();
+  Notify(changed, restored);
+}
+
+void SettingsManager::Subscribe(IChangeCallback* cb, const GroupNameMatcher& matcher) {
+  _callbackDispatcher.AddCallback(cb, matcher);
+}
+
+void SettingsManager::Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) {
+  _callbackDispatcher.AddCallback(cb, groups);
+}
+
+void SettingsManager::Subscribe(IChangeCallback* cb, const std::string& nameOrPattern) {
+  _callbackDispatcher.AddCallback(cb, MatcherFor(nameOrPattern));
+}
+
+void SettingsManager::Unsubscribe(IChangeCallback* cb) {
+  _callbackDispatcher.RemoveCallback(cb);
+}
+
+void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
+  _callbackDispatcher.GetAllSubscribedGroups(out);
+}
+
+void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
+  _allSettings.MergeSettings(settings);
+  if (flags & kNoPersist) return;
+  _userSettings.MergeSettings(settings);
+  Save();
+}
+
+void SettingsManager::Save() {
+  if (_persister) _persister->SaveUserSettings(_userSettings);
+}
+
+void SettingsManager::Notify(const std::set<std::string>& changedGroups, const IniFile& settings) const {
+  osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
+  _callbackDispatcher.OnChange(changedGroups, settings);
+}
+
+void SettingsManager::Notify(const IniFile& settings) const {
+  osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
+  _callbackDispatcher.OnChange(settings);
+}
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Export.h"
+#include "tavix/osa/Mutex.h"
+#include "tavix/osa/ReadWriteLock.h"
+#include "tavix/settings/IChangeCallback.h"
+#include "tavix/settings/common/CallbackDispatcher.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::settings::server {
+
+class IIncludeFilter;
+class IRestrictedSettingsLoader;
+class ISettingsPersister;
+class ISettingsSerializer;
+class SettingsCombiner;
+
+// The one store of settings of a process. What readers see, the winner first:
+//
+//     restricted settings  what the restricted loader brings; clients never write restricted groups
+//     user settings        what clients wrote; the only layer that is saved
+//     deleted groups       recorded in the user settings when a client overwrites; take a whole default group away
+//     defaults             read through the persister
+//
+// Threads: every operation may be called from any thread. Callbacks run on the thread that made the change, after
+//          "SettingsMutex" is released, one change at a time; they may read the store and must not change it: a
+//          callback that does gets an exception.
+// Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
+//          notification gate comes first of all, then the dispatcher's mutex.
+// Owns:    nothing that is passed in; persister, loader and filter outlive the store.
+// Errors:  none of its own; those of persister, loader, filters and documents pass through. A save that fails keeps the
+//          change in memory and tells nobody.
+class TAVIX_EXPORT SettingsManager {
+ public:
+  // Merge flag: change only what readers see; the user settings, and so the saved copy, stay as they are.
+  static constexpr unsigned int kNoPersist = 1;
+
+  // The user settings' record of what clients overwrote. Never seen by readers.
+  static constexpr char kDeletedGroups[] = "TavixSettings/Data/DeletedGroups";
+
+  // An empty store that never loads or saves anything.
+  SettingsManager();
+
+  // Loads the store. deferLoad: leave that to a later LoadSettings, from any thread; until then every reader and writer
+  // waits. All three may be null; but a store made with a null persister here is never unlocked, deferred or not: for a
+  // store without one there is the constructor above.
+  SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
+                  IIncludeFilter* includeFilter, bool deferLoad);
+
+  // Unsubscribes nobody and saves nothing.
+  ~SettingsManager();
+
+  SettingsManager(const SettingsManager&) = delete;
+  SettingsManager& operator=(const SettingsManager&) = delete;
+
+  // Builds both documents and releases the write lock that the constructor took. For one call on a store whose loading
+  // was deferred. Does nothing at all without a persister.
+  void LoadSettings();
+
+  // The user layer alone; the caller holds the write lock.
+  void LoadUserSettings();
+
+  // Adds the store's filters: the caller's own first, then the one for load priorities.
+  void ConfigureSettingsCombiner(SettingsCombiner& combiner) const;
+
+  // Add the matching groups that readers see to "out", which is not cleared.
+  void GetGroups(core::IniFile& out, const common::GroupNameMatcher& matcher) const;
+  void GetGroups(core::IniFile& out, const std::string& nameOrPattern) const;
+
+  // Writes the matching groups while no writer can change them.
+  void WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
+                   const ISettingsSerializer& serializer) const;
+
+  // Write settings text: the user layer with its bookkeeping, or what readers see.
+  void DumpUserSettings(std::ostream& os) const;
+  void DumpAllSettings(std::ostream& os) const;
+
+  // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
+  // callbacks are given the values of this request.
+  void MergeSettings(const core::IniFile& settings, unsigned int flags);
+
+  // Merges "settings" if readers see every value of "test", as one step. Returns whether it did; if not, nobody is
+  // told.
+  bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
+
+  // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
+  // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in
+  // the document they are given. Restricted groups stay. Always saved.
+  void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings);
+  void OverwriteSettings(const std::string& group, const core::IniFile& settings);
+
+  // Brings defaults, read anew, back for matching groups, as user settings: they are pinned to the defaults of this
+  // moment. Matching user groups without defaults disappear. Does nothing at all without a persister.
+  void RestoreToDefaults(const common::GroupNameMatcher& matcher);
+
+  // Subscriptions of one callback add up, and end only as a whole. Unsubscribe returns once no call of "cb" is under
+  // way.
+  void Subscribe(IChangeCallback* cb, const common::GroupNameMatcher& matcher);
+  void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups);
+  void Subscribe(IChangeCallback* cb, const std::string& nameOrPattern);
+  void Unsubscribe(IChangeCallback* cb);
+
+  // Adds the names and patterns of all subscribers to "out".
+  void GetAllSubscribedGroups(std::set<std::string>& out) const;
+
+  // Held during every notification. Whoever must take a lock that callbacks take, and then the dispatcher's, takes this
+  // one before both; it comes before every other lock.
+  osa::Mutex& GetNotificationGate() const { return _notificationGate; }
+
+  // The merge itself; the caller holds the write lock, filters and notifies.
+  void PerformMergeUnlocked(const core::IniFile& settings, unsigned int flags);
+
+ private:
+  void RemoveDeletedGroups();
+  void MergeRestrictedSettings();
+  void Save();
+  void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  void Notify(const core::IniFile& settings) const;
+
+  ISettingsPersister* _persister;                       // may be null
+  IRestrictedSettingsLoader* _restrictedLoader;         // may be null
+  IIncludeFilter* _includeFilter;                       // may be null
+  std::unique_ptr<IIncludeFilter> _loadPriorityFilter;  // remembers priorities for the store's whole life
+  mutable osa::ReadWriteLock _settingsMutex;
+  core::IniFile _userSettings;  // guarded by _settingsMutex
+  core::IniFile _allSettings;   // guarded by _settingsMutex
+  common::CallbackDispatcher _callbackDispatcher;
+  mutable osa::Mutex _notificationGate;
+};
+
+}  // namespace tavix::settings::server
