@@ -28,6 +28,8 @@ class PipeStreamPair {
   // A second call does nothing.
   void ClosePipe();
 
+  bool IsClosed() const;
+
  private:
   struct State;
   std::unique_ptr<State> _state;

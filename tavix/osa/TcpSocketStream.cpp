@@ -15,7 +15,7 @@ namespace tavix::osa {
 namespace {
 
 // The kernel's own limit costs nothing per call; it takes 0 as "none".
-void SetTimeout(const TcpSocket& socket, int option, unsigned int timeout) {
+void SetTimeout(const TcpSocket& socket, int option, unsigned int timeout) noexcept {
   timeval limit{};
   if (timeout != kWaitForever) {
     const unsigned int shortest = std::max(timeout, 1u);
@@ -28,8 +28,10 @@ void SetTimeout(const TcpSocket& socket, int option, unsigned int timeout) {
 }  // namespace
 
 struct TcpSocketStream::State {
-  explicit State(TcpSocket& socket) : output(socket), duplex(socket, output), ostream(&output) {}
+  explicit State(TcpSocket& tcpSocket)
+      : socket(tcpSocket), output(tcpSocket), duplex(tcpSocket, output), ostream(&output) {}
 
+  TcpSocket& socket;
   SocketOutputBuf output;
   SocketDuplexBuf duplex;
   std::ostream ostream;
@@ -43,7 +45,11 @@ TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int readTimeout, un
   imbue(std::locale::classic());
   _state->ostream.imbue(std::locale::classic());
   SetTimeout(*socket, SO_RCVTIMEO, readTimeout);
-  SetTimeout(*socket, SO_SNDTIMEO, writeTimeout);
+  SetWriteTimeout(writeTimeout);
+}
+
+void TcpSocketStream::SetWriteTimeout(unsigned int timeout) noexcept {
+  SetTimeout(_state->socket, SO_SNDTIMEO, timeout);
 }
 
 TcpSocketStream::~TcpSocketStream() = default;

@@ -26,6 +26,9 @@ class TcpSocketStream : public std::iostream {
   // As above with a limit of its own for each direction.
   TcpSocketStream(TcpSocket* socket, unsigned int readTimeout, unsigned int writeTimeout);
 
+  // For writes from now on. Any thread may call.
+  void SetWriteTimeout(unsigned int timeout) noexcept;
+
   // Writes nothing: what was not flushed is gone.
   ~TcpSocketStream() override;
 

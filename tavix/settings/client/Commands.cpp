@@ -1,0 +1,87 @@
+#include "tavix/settings/client/Commands.h"
+
+#include <istream>
+#include <limits>
+#include <ostream>
+
+#include "tavix/core/DelimitedIstream.h"
+#include "tavix/core/IniFile.h"
+#include "tavix/settings/client/ProtocolConstants.h"
+
+namespace tavix::settings::client {
+
+namespace {
+
+constexpr unsigned int kNoPersistFlag = 1;
+
+void WriteGroups(std::ostream& os, const std::set<std::string>& groups) {
+  for (const std::string& group : groups) os << group << '\n';
+}
+
+void EndRequest(std::ostream& os) {
+  os << protocol::kTerminator << std::endl;
+}
+
+}  // namespace
+
+void GetSettingsCommand::SendRequest(std::ostream& os) {
+  os << protocol::kGet << ' ' << protocol::kDelimited << '\n';
+  WriteGroups(os, *_groups);
+  EndRequest(os);
+}
+
+bool GetSettingsCommand::HandleResponse(std::istream& is) {
+  stl::DelimitedIstream payload(&is, protocol::kTerminator);
+  try {
+    _result->LoadFromStream(payload, "reply");
+  } catch (...) {
+    payload.ignore(std::numeric_limits<std::streamsize>::max());  // what follows belongs to the next message
+    throw;
+  }
+  return true;
+}
+
+void MergeCommand::SendRequest(std::ostream& os) {
+  os << protocol::kMerge;
+  if (_flags & kNoPersistFlag) os << ' ' << protocol::kNoPersist;
+  os << '\n';
+  _settings->SaveToStream(os);
+  EndRequest(os);
+}
+
+void TestAndMergeCommand::SendRequest(std::ostream& os) {
+  os << protocol::kTestAndMerge << '\n';
+  _test->SaveToStream(os);
+  os << protocol::kTerminatorLine;
+  _settings->SaveToStream(os);
+  EndRequest(os);
+}
+
+bool TestAndMergeCommand::HandleResponse(std::istream& is) {
+  std::string outcome;
+  std::getline(is, outcome);
+  if (outcome == protocol::kOk) _success = true;
+  return _success;
+}
+
+void OverwriteCommand::SendRequest(std::ostream& os) {
+  os << protocol::kOverwrite << '\n';
+  WriteGroups(os, *_groups);
+  os << protocol::kTerminatorLine;
+  _settings->SaveToStream(os);
+  EndRequest(os);
+}
+
+void RestoreToDefaultsCommand::SendRequest(std::ostream& os) {
+  os << protocol::kRestore << '\n';
+  WriteGroups(os, *_groups);
+  EndRequest(os);
+}
+
+void WriteSubscribeRequest(std::ostream& os, const std::set<std::string>& groups) {
+  os << protocol::kSubscribe << '\n';
+  WriteGroups(os, groups);
+  EndRequest(os);
+}
+
+}  // namespace tavix::settings::client

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "tavix/settings/client/RemoteCommand.h"
+
+namespace tavix::core {
+class IniFile;
+}
+
+// The commands, one for each operation of a remote client; whoever makes one fills its members. docs/protocol.md shows
+// their requests and replies.
+namespace tavix::settings::client {
+
+// Reply: the groups are merged into *_result. A reply that can't be parsed throws, is read to its end all the same, and
+// leaves *_result as it was.
+class GetSettingsCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+  bool HandleResponse(std::istream& is) override;
+
+  const std::set<std::string>* _groups = nullptr;
+  core::IniFile* _result = nullptr;
+};
+
+class MergeCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+
+  const core::IniFile* _settings = nullptr;
+  unsigned int _flags = 0;  // bit 0: nopersist; the others have no meaning
+};
+
+// Reply: whether the condition held and the change was made, also left in _success.
+class TestAndMergeCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+  bool HandleResponse(std::istream& is) override;
+
+  const core::IniFile* _test = nullptr;
+  const core::IniFile* _settings = nullptr;
+  bool _success = false;
+};
+
+class OverwriteCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+
+  const std::set<std::string>* _groups = nullptr;
+  const core::IniFile* _settings = nullptr;
+};
+
+class RestoreToDefaultsCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+
+  const std::set<std::string>* _groups = nullptr;
+};
+
+// Writes a subscription, which has no reply and no command: only the multi-threaded client subscribes.
+void WriteSubscribeRequest(std::ostream& os, const std::set<std::string>& groups);
+
+}  // namespace tavix::settings::client

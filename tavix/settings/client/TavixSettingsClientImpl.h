@@ -1,0 +1,42 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "tavix/settings/IChangeCallback.h"
+#include "tavix/settings/common/CallbackDispatcher.h"
+
+namespace tavix::core {
+class IniFile;
+class Logger;
+}  // namespace tavix::core
+
+namespace tavix::settings::client {
+
+// What a settings client can do, whichever way it reaches the store. TavixSettingsClient.h states each operation.
+class TavixSettingsClientImpl {
+ public:
+  virtual ~TavixSettingsClientImpl() = default;
+
+  TavixSettingsClientImpl(const TavixSettingsClientImpl&) = delete;
+  TavixSettingsClientImpl& operator=(const TavixSettingsClientImpl&) = delete;
+
+  // False when a reply came that can't be read; "out" is then as it was.
+  virtual bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const = 0;
+  virtual void MergeSettings(const core::IniFile& settings, unsigned int flags) = 0;
+  virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) = 0;
+  virtual void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) = 0;
+  virtual void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) = 0;
+  virtual void RestoreToDefaults(const std::set<std::string>& groups) = 0;
+
+  // The subscribers of the remote clients; the facade unsubscribes here.
+  common::CallbackDispatcher& GetDispatcher() { return _commonDispatcher; }
+
+ protected:
+  TavixSettingsClientImpl();
+
+  core::Logger* const _logger;
+  common::CallbackDispatcher _commonDispatcher;
+};
+
+}  // namespace tavix::settings::client

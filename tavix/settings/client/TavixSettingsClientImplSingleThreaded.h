@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+
+#include "tavix/osa/Mutex.h"
+#include "tavix/settings/client/TavixSettingsClientImpl.h"
+
+namespace tavix::settings::client {
+
+class RemoteCommand;
+class TavixSettingsConnection;
+
+// A remote client without a thread of its own: each call connects if it must, sends its request and reads the reply, on
+// the caller's thread.
+//
+// Threads: any; calls run one after the other.
+// Errors:  an exchange that fails is made again, with a new connection, up to five times in all; then osa::Exception
+//          "Failed to connect to tavix-settings-server". A request whose reply was lost may so reach the server twice.
+//          A server that is there but never answers is waited for without limit. Subscribe always throws.
+class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
+ public:
+  // connection: taken over. Does not connect.
+  explicit TavixSettingsClientImplSingleThreaded(TavixSettingsConnection* connection);
+  ~TavixSettingsClientImplSingleThreaded() override;
+
+  bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const override;
+  void MergeSettings(const core::IniFile& settings, unsigned int flags) override;
+  bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) override;
+  void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
+  void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
+  void RestoreToDefaults(const std::set<std::string>& groups) override;
+
+ private:
+  void RunCommand(const char* name, RemoteCommand& command) const;
+  bool TryExchange(RemoteCommand& command) const;
+  void CloseConnection() const;
+
+  mutable osa::Mutex _mutex;  // held for a whole call
+  const std::unique_ptr<TavixSettingsConnection> _pConnection;
+};
+
+}  // namespace tavix::settings::client

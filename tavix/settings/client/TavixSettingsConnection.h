@@ -1,0 +1,57 @@
+#pragma once
+
+#include <iosfwd>
+
+namespace tavix::core {
+class Logger;
+}
+
+namespace tavix::settings::client {
+
+// A pair of streams to a settings server.
+//
+// Threads: its owner calls it from one thread at a time; BreakConnection and AbortConnection may be called from any
+//          thread while others use the streams.
+class TavixSettingsConnection {
+ public:
+  virtual ~TavixSettingsConnection() = default;
+
+  TavixSettingsConnection(const TavixSettingsConnection&) = delete;
+  TavixSettingsConnection& operator=(const TavixSettingsConnection&) = delete;
+
+  // Connects unless both streams are there and in order. Throws osa::Exception when that fails.
+  virtual void EnsureConnection(int attempts) = 0;
+
+  // Frees the streams where they belong to the connection; the pointers are the owner's to clear.
+  virtual void CloseConnection() = 0;
+
+  // Fails the streams at once, for whoever is asleep in them. They still must be closed.
+  virtual void BreakConnection() noexcept = 0;
+
+  // The same for good: no attempt to connect is made any more, and one that is under way ends soon.
+  virtual void AbortConnection() noexcept = 0;
+
+  // Shortens what a later write may wait for a peer that does not read, to milliseconds.
+  virtual void LimitWrites(unsigned int timeout) noexcept = 0;
+
+  bool IsReady() const { return _pIstream && _pOstream; }
+  std::istream* GetIstream() const { return _pIstream; }
+  std::ostream* GetOstream() const { return _pOstream; }
+
+  void ClearStreams() {
+    _pIstream = nullptr;
+    _pOstream = nullptr;
+  }
+
+ protected:
+  TavixSettingsConnection();
+
+  // Whether both streams are there and neither has failed.
+  bool IsInOrder() const;
+
+  core::Logger* const _logger;
+  std::istream* _pIstream = nullptr;  // null when not connected
+  std::ostream* _pOstream = nullptr;
+};
+
+}  // namespace tavix::settings::client

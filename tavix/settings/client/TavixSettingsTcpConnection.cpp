@@ -1,0 +1,91 @@
+#include "tavix/settings/client/TavixSettingsTcpConnection.h"
+
+#include <chrono>
+
+#include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/osa/Time.h"
+
+namespace tavix::settings::client {
+
+namespace {
+
+constexpr char kServiceLabel[] = "tavix-settings-server";
+constexpr char kConnectFailed[] = "Failed to connect to tavix-settings-server";
+constexpr unsigned short kServicePort = 0;     // the service's own
+constexpr unsigned int kConnectTimeout = 10;   // milliseconds, counted as a second: the shortest there is
+constexpr unsigned int kWriteTimeout = 10000;  // milliseconds
+constexpr std::chrono::milliseconds kRetryPause{1000};
+
+}  // namespace
+
+TavixSettingsTcpConnection::~TavixSettingsTcpConnection() {
+  TavixSettingsTcpConnection::CloseConnection();
+}
+
+void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
+  for (int attempt = 0; !IsInOrder(); ++attempt) {
+    if (attempt >= attempts) {
+      _logger->Warning("%s", kConnectFailed);
+      throw osa::Exception("%s", kConnectFailed);
+    }
+    CloseConnection();
+    ClearStreams();
+    if (attempt > 0) PauseBeforeRetry();
+    try {
+      Connect();
+    } catch (const std::exception&) {
+      CloseConnection();
+      _logger->Warning("%s", kConnectFailed);
+      _logger->Information("Retrying connection");
+    }
+  }
+}
+
+// The socket is visible to other threads only once it is connected: a connect takes a second at most, and an abort that
+// came meanwhile is noticed then.
+void TavixSettingsTcpConnection::Connect() {
+  auto socket = std::make_unique<osa::TcpSocket>(1);
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_aborted) throw osa::Exception("%s", kConnectFailed);
+  }
+  socket->Connect(kServiceLabel, kServicePort, kConnectTimeout);
+  auto stream = std::make_unique<osa::TcpSocketStream>(socket.get(), osa::kWaitForever, kWriteTimeout);
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_aborted) throw osa::Exception("%s", kConnectFailed);
+  _socket = std::move(socket);
+  _stream = std::move(stream);
+  _pIstream = _stream.get();
+  _pOstream = &_stream->GetOstream();
+}
+
+void TavixSettingsTcpConnection::PauseBeforeRetry() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  _abort.wait_for(lock, kRetryPause, [this] { return _aborted; });
+}
+
+void TavixSettingsTcpConnection::CloseConnection() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _stream.reset();
+  _socket.reset();
+}
+
+void TavixSettingsTcpConnection::BreakConnection() noexcept {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_socket) _socket->Shutdown();
+}
+
+void TavixSettingsTcpConnection::AbortConnection() noexcept {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _aborted = true;
+  _abort.notify_all();
+  if (_socket) _socket->Shutdown();
+}
+
+void TavixSettingsTcpConnection::LimitWrites(unsigned int timeout) noexcept {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_stream) _stream->SetWriteTimeout(timeout);
+}
+
+}  // namespace tavix::settings::client

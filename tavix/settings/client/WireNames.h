@@ -1,0 +1,17 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+namespace tavix::core {
+class IniFile;
+}
+
+namespace tavix::settings::client {
+
+// Lists have a name on each line and end with a line that holds only ".": a name or pattern that holds a line break, or
+// is ".", can't be sent. Both throw osa::Exception that shows the name.
+void RequireSendableNames(const std::set<std::string>& namesAndPatterns);
+void RequireSendableNames(const core::IniFile& settings);
+
+}  // namespace tavix::settings::client
