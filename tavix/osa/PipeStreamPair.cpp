@@ -131,4 +131,8 @@ void PipeStreamPair::ClosePipe() {
   _state->queue.Close();
 }
 
+bool PipeStreamPair::IsClosed() const {
+  return _state->queue.IsClosed();
+}
+
 }  // namespace tavix::osa
