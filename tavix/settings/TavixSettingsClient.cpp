@@ -150,4 +150,16 @@ void TavixSettingsClient::UnSubscribe(IChangeCallback* cb) {
   _pImpl->GetDispatcher().RemoveCallback(cb);
 }
 
+void TavixSettingsClient::Detach(IChangeCallback* cb) {
+  _pImpl->Detach(cb);
+}
+
+void TavixSettingsClient::AddConnectionObserver(IConnectionObserver* observer) {
+  _pImpl->AddConnectionObserver(observer);
+}
+
+void TavixSettingsClient::RemoveConnectionObserver(IConnectionObserver* observer) {
+  _pImpl->RemoveConnectionObserver(observer);
+}
+
 }  // namespace tavix::settings

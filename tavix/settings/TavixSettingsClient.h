@@ -8,6 +8,7 @@
 #include "tavix/osa/Export.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/SettingLocator.h"
+#include "tavix/settings/client/IConnectionObserver.h"
 
 namespace tavix::settings {
 
@@ -105,6 +106,14 @@ class TAVIX_EXPORT TavixSettingsClient {
   // Ends all subscriptions of "cb"; returns once no call of it is under way. In Local mode it does nothing: callbacks
   // stay subscribed, on purpose, and must outlive the client or ignore late calls.
   void UnSubscribe(IChangeCallback* cb);
+
+  // The same in every mode, Local included.
+  void Detach(IChangeCallback* cb);
+
+  // Have "observer" told of every connection that a MultiThreaded client makes from now on; the other modes have none
+  // to tell of. Removing returns once no call of it is under way. Not from an observer.
+  void AddConnectionObserver(IConnectionObserver* observer);
+  void RemoveConnectionObserver(IConnectionObserver* observer);
 
  private:
   std::unique_ptr<client::TavixSettingsClientImpl> _pImpl;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/settings/IChangeCallback.h"
+#include "tavix/settings/client/IConnectionObserver.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 
 namespace tavix::core {
@@ -28,6 +29,13 @@ class TavixSettingsClientImpl {
   virtual void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) = 0;
   virtual void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) = 0;
   virtual void RestoreToDefaults(const std::set<std::string>& groups) = 0;
+
+  // Ends all subscriptions of "cb", wherever they are kept.
+  virtual void Detach(IChangeCallback* cb);
+
+  // Observers are told of connections. Only clients that connect by themselves have any to tell of.
+  virtual void AddConnectionObserver(IConnectionObserver* observer);
+  virtual void RemoveConnectionObserver(IConnectionObserver* observer);
 
   // The subscribers of the remote clients; the facade unsubscribes here.
   common::CallbackDispatcher& GetDispatcher() { return _commonDispatcher; }

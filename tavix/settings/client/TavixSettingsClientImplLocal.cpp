@@ -59,6 +59,10 @@ void TavixSettingsClientImplLocal::RestoreToDefaults(const std::set<std::string>
   _manager.RestoreToDefaults(MatcherFor(groups));
 }
 
+void TavixSettingsClientImplLocal::Detach(IChangeCallback* cb) {
+  _dispatcher.RemoveCallback(cb);
+}
+
 void TavixSettingsClientImplLocal::OnChange(const std::set<std::string>& groups, const IniFile&) {
   IniFile current;
   _manager.GetGroups(current, MatcherFor(groups));

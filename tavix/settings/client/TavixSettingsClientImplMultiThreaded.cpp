@@ -182,6 +182,16 @@ void TavixSettingsClientImplMultiThreaded::RestoreToDefaults(const std::set<std:
   RunCommand("RestoreToDefaults", std::move(command));
 }
 
+void TavixSettingsClientImplMultiThreaded::AddConnectionObserver(IConnectionObserver* observer) {
+  std::lock_guard<std::mutex> lock(_observerMutex);
+  _observers.insert(observer);
+}
+
+void TavixSettingsClientImplMultiThreaded::RemoveConnectionObserver(IConnectionObserver* observer) {
+  std::lock_guard<std::mutex> lock(_observerMutex);
+  _observers.erase(observer);
+}
+
 // A connection that is made between writing and registering knows nothing of the subscription: then it is written
 // again. Once registered, every later connection brings it back by itself.
 void TavixSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) {
@@ -316,6 +326,7 @@ void TavixSettingsClientImplMultiThreaded::ServeConnection() {
   Resubscribe();
   _logger->Information("Connected to tavix-settings-server, releasing semaphore");
   _sendMutex.Release();
+  TellObservers();
   try {
     ReadUntilBroken();
   } catch (const std::exception& exception) {
@@ -339,6 +350,17 @@ void TavixSettingsClientImplMultiThreaded::Resubscribe() {
   } catch (const std::exception& exception) {
     _logger->Error("Caught %s", exception.what());
     _pConnection->BreakConnection();
+  }
+}
+
+void TavixSettingsClientImplMultiThreaded::TellObservers() {
+  std::lock_guard<std::mutex> lock(_observerMutex);
+  for (IConnectionObserver* observer : _observers) {
+    try {
+      observer->OnConnected();
+    } catch (const std::exception& exception) {
+      _logger->Error("Caught %s", exception.what());
+    }
   }
 }
 

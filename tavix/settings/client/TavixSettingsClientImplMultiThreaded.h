@@ -56,6 +56,8 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
+  void AddConnectionObserver(IConnectionObserver* observer) override;
+  void RemoveConnectionObserver(IConnectionObserver* observer) override;
 
   // The worker.
   void Run() override;
@@ -84,6 +86,7 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
   void Connect();
   void ServeConnection();
   void Resubscribe();
+  void TellObservers();
   void ReadUntilBroken();
   void HandleLine(const std::string& line, LinesToSkip& toSkip);
   void HandleChange();
@@ -109,7 +112,9 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
   osa::Semaphore _workerEnded;                            // free once the worker is done
   std::atomic<std::thread::id> _workerId{};
   std::atomic<unsigned int> _generation{0};  // counts connections
-  mutable std::mutex _handoverMutex;         // guards what follows; both queues' one slot with it
+  std::mutex _observerMutex;                 // guards what follows; held while observers are told
+  std::set<IConnectionObserver*> _observers;
+  mutable std::mutex _handoverMutex;  // guards what follows; both queues' one slot with it
   mutable CallState _callState = CallState::kNone;
   mutable bool _currentWithdrawn = false;                         // the caller left while its reply was being handled
   mutable std::deque<std::unique_ptr<RemoteCommand>> _withdrawn;  // left by their callers, replies still to come

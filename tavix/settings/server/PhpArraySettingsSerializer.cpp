@@ -1,8 +1,11 @@
 #include "tavix/settings/server/PhpArraySettingsSerializer.h"
 
 #include <algorithm>
-#include <cctype>
+#include <charconv>
+#include <cstdint>
 #include <istream>
+#include <iterator>
+#include <limits>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -26,12 +29,16 @@ void Expect(std::istream& is, char expected) {
   if (read != expected) throw Exception("expected: '%c' but got: '%c'", expected, read);
 }
 
-// The standard extraction takes a sign even for unsigned numbers; a size has none.
+// Digits only, and whatever the stream's locale and flags are: the standard extraction takes a sign and separators.
 unsigned int ReadSize(std::istream& is) {
-  unsigned int size = 0;
-  const int next = (is >> std::ws).peek();
-  if (next < '0' || next > '9' || !(is >> size)) throw Exception("failed to read size specification");
-  return size;
+  const auto isDigit = [](int byte) { return byte >= '0' && byte <= '9'; };
+  if (!isDigit((is >> std::ws).peek())) throw Exception("failed to read size specification");
+  uint64_t size = 0;
+  while (isDigit(is.peek())) {
+    size = size * 10 + static_cast<uint64_t>(is.get() - '0');
+    if (size > std::numeric_limits<unsigned int>::max()) throw Exception("failed to read size specification");
+  }
+  return static_cast<unsigned int>(size);
 }
 
 unsigned int ReadArrayHeader(std::istream& is) {
@@ -73,12 +80,21 @@ void ReadGroup(std::istream& is, IniFile& settings) {
   Expect(is, '}');
 }
 
+void WriteSize(std::ostream& os, size_t size) {
+  char digits[24];
+  os.write(digits, std::to_chars(std::begin(digits), std::end(digits), size).ptr - digits);
+}
+
 void WriteArrayHeader(std::ostream& os, size_t count) {
-  os << "a:" << count << ":{";
+  os << "a:";
+  WriteSize(os, count);
+  os << ":{";
 }
 
 void WriteString(std::ostream& os, const std::string& text) {
-  os << "s:" << text.size() << ":\"" << text << "\";";
+  os << "s:";
+  WriteSize(os, text.size());
+  os << ":\"" << text << "\";";
 }
 
 void WriteGroup(std::ostream& os, IniFile::const_iterator group) {
