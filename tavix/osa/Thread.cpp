@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -82,13 +83,14 @@ void Thread::Run() {
 
 void Thread::Join() {
   if (!_started || _joined) return;
-  const int error = pthread_join(_handle, nullptr);
+  const bool isSelf = pthread_equal(pthread_self(), _handle) != 0;
+  const int error = isSelf ? EDEADLK : pthread_join(_handle, nullptr);
   if (error) throw Exception("Failed to join thread '%s': %s", _name.c_str(), std::strerror(error));
   _joined = true;
 }
 
-void* Thread::Main(void* argument) {
-  auto* self = static_cast<Thread*>(argument);
+void* Thread::Main(void* thread) {
+  auto* self = static_cast<Thread*>(thread);
   pthread_setname_np(pthread_self(), self->_name.substr(0, 15).c_str());  // the kernel keeps 15 characters
   try {
     self->_runnable->Run();

@@ -45,7 +45,7 @@ class Thread {
   static void SetExceptionReporter(ExceptionReporter reporter);
 
  private:
-  static void* Main(void* self);
+  static void* Main(void* thread);
 
   std::string _name;
   Runnable* _runnable;
