@@ -32,6 +32,12 @@ Connection::~Connection() {
   _thread.Join();
 }
 
+// What has arrived can still be read from a socket that is shut down; the flag ends the reading of it.
+void Connection::Shutdown() {
+  _stop = true;
+  _socket->Shutdown();
+}
+
 void Connection::Run() {
   try {
     Serve();
@@ -45,7 +51,7 @@ void Connection::Run() {
 
 void Connection::Serve() {
   settings::server::ClientHandler handler(_env, &_stream, &_stream.GetOstream());
-  while (handler.HandleNext()) continue;
+  while (!_stop && handler.HandleNext()) continue;
 }
 
 }  // namespace tavix::daemon

@@ -27,8 +27,9 @@ class Connection : private osa::Runnable {
   // Whether its thread is done; destroying it then does not wait.
   bool HasEnded() const { return _ended; }
 
-  // Has the connection end soon. Returns at once.
-  void Shutdown() { _socket->Shutdown(); }
+  // Has the connection end soon: behind the request that is being handled, whatever the client has sent ahead. Returns
+  // at once.
+  void Shutdown();
 
  private:
   void Run() override;
@@ -39,6 +40,7 @@ class Connection : private osa::Runnable {
   const std::unique_ptr<osa::TcpSocket> _socket;
   const std::string _peer;
   osa::TcpSocketStream _stream;
+  std::atomic<bool> _stop{false};
   std::atomic<bool> _ended{false};
   osa::Thread _thread;
 };

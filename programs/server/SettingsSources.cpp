@@ -58,11 +58,25 @@ std::vector<std::string> RestrictedGroupsOf(const IniFile& document) {
   return names;
 }
 
-// A file that is replaced by rename would turn a link to it into a file.
+// Waiting for a pipe's writer would hold up the start, or a restore, for ever; a device would become a file by a save.
+IniFile LoadFile(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+    throw osa::Exception("Failed to open settings file '%s': not a regular file", path.c_str());
+  return IniFile(path.c_str());
+}
+
+// A file that is replaced by rename would turn a link to it into a file. What a link leads to may not exist yet.
 std::string FollowLinks(const std::string& path) {
+  constexpr int kMostLinks = 40;  // as the kernel's own limit; a circle is left for the first access to report
+  fs::path end = path;
   std::error_code error;
-  const fs::path target = fs::canonical(path, error);
-  return error ? path : target.string();
+  for (int i = 0; i < kMostLinks; ++i) {
+    const fs::path target = fs::read_symlink(end, error);
+    if (error) break;
+    end = end.parent_path() / target;
+  }
+  return end.string();
 }
 
 }  // namespace
@@ -85,7 +99,7 @@ SettingsSources::SettingsSources(std::vector<std::string> defaults, std::vector<
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
   ForEachFile(_defaults, [&](const std::string& file) {
-    IniFile document(file.c_str());
+    IniFile document = LoadFile(file);
     std::vector<std::string> dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
     Remember({"defaults", file, CountGroupsOf(document), std::move(dropped), false});
@@ -100,14 +114,14 @@ void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
     Remember({"user settings", _userSettings, 0, {}, true});
     return;
   }
-  IniFile document(_userSettings.c_str());
+  IniFile document = LoadFile(_userSettings);
   Remember({"user settings", _userSettings, CountGroupsOf(document), RestrictedGroupsOf(document), false});
   combiner.LoadFromIni(std::move(document));
 }
 
 void SettingsSources::LoadRestrictedSettings(SettingsCombiner& combiner) {
   ForEachFile(_restricted, [&](const std::string& file) {
-    IniFile document(file.c_str());
+    IniFile document = LoadFile(file);
     Remember({"restricted", file, CountGroupsOf(document), {}, false});
     combiner.LoadFromIni(std::move(document));
   });

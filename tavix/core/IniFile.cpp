@@ -57,25 +57,21 @@ void IniFile::LoadFromStream(std::istream& in) {
 
 void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
   SettingsTextReader reader(source);
-  for (std::string line; std::getline(in, line);) reader.ReadLine(line.data(), line.data() + line.size());
+  reader.ReadStream(in);
   if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
   MergeSettings(reader.TakeDocument());
 }
 
 void IniFile::LoadFromMemory(const char* begin, const char* end, const std::string& source) {
   SettingsTextReader reader(source);
-  while (begin < end) {
-    const auto* lineEnd = static_cast<const char*>(std::memchr(begin, '\n', static_cast<size_t>(end - begin)));
-    if (!lineEnd) lineEnd = end;
-    reader.ReadLine(begin, lineEnd);
-    begin = lineEnd + 1;
-  }
+  reader.ReadLines(begin, end);
   MergeSettings(reader.TakeDocument());
 }
 
 void IniFile::SaveToStream(std::ostream& out) const {
   SettingsTextWriter writer(out);
   for (const auto& [name, keys] : _groups) writer.WriteGroup(name, keys);
+  writer.Flush();
 }
 
 void IniFile::SaveGroupToStream(std::ostream& out, const std::string& group) const {
@@ -84,7 +80,9 @@ void IniFile::SaveGroupToStream(std::ostream& out, const std::string& group) con
 }
 
 void IniFile::SaveGroupToStream(std::ostream& out, const_iterator group) {
-  SettingsTextWriter(out).WriteGroup(group->first, group->second);
+  SettingsTextWriter writer(out);
+  writer.WriteGroup(group->first, group->second);
+  writer.Flush();
 }
 
 const std::string* IniFile::FindValue(const std::string& group, const std::string& key) const {

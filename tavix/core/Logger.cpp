@@ -85,16 +85,22 @@ class Log {
     WriteLine(level, text);
   }
 
-  // outputs: none keeps lines until there are some again.
-  void ReplaceOutputs(std::vector<std::unique_ptr<LogOutput>> outputs, bool keepLines) {
+  // Lines are kept from here on, until WriteKeptLines.
+  void ReplaceOutputs(std::vector<std::unique_ptr<LogOutput>> outputs) {
     std::lock_guard<std::mutex> lock(_mutex);
     WriteRepeats();
     _lastText.clear();
     _outputs = std::move(outputs);
     _file.reset();
     _filePath.clear();
-    _keepsLines = keepLines;
-    if (!keepLines) WriteKeptLines();
+    _keepsLines = true;
+  }
+
+  void WriteKeptLines() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    for (const Line& line : _keptLines) PassOn(line);
+    _keptLines.clear();
+    _keepsLines = false;
   }
 
   // Throws osa::Exception when the file can't or may not be used.
@@ -147,11 +153,6 @@ class Log {
     _repeats = 0;
   }
 
-  void WriteKeptLines() {
-    for (const Line& line : _keptLines) PassOn(line);
-    _keptLines.clear();
-  }
-
   std::mutex _mutex;  // guards everything here
   std::map<std::string, std::unique_ptr<Logger>> _loggers;
   std::vector<std::unique_ptr<LogOutput>> _outputs;
@@ -196,13 +197,14 @@ void Logger::ConfigureLogging(const IniFile& settings, const std::string& group)
   if (settings.GetBoolOrDefault(group, "log.syslog", true)) outputs.push_back(MakeSystemLogOutput());
   if (settings.GetBoolOrDefault(group, "log.stdout", false)) outputs.push_back(MakeDescriptorOutput(STDOUT_FILENO));
   s_level.store(settings.GetIntOrDefault(group, "log.level", kLogError), std::memory_order_relaxed);
-  Log::Get().ReplaceOutputs(std::move(outputs), false);
+  Log::Get().ReplaceOutputs(std::move(outputs));
   const std::string& file = settings.GetValueOrDefault(group, "log.file");
   if (!file.empty()) ModifyLogRotateConf(file, group);
+  Log::Get().WriteKeptLines();  // last, so that the file gets them, too
 }
 
 void Logger::ClearAppenders() {
-  Log::Get().ReplaceOutputs({}, true);
+  Log::Get().ReplaceOutputs({});
 }
 
 void Logger::ModifyLogRotateConf(const std::string& file, const std::string& group) {

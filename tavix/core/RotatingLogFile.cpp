@@ -75,13 +75,23 @@ void RotatingLogFile::Write(LogLevel, const std::string& line, const std::string
         static_cast<size_t>(now.st_size) + line.size() > _limits.bytes) {
       Rotate();
     }
-    ssize_t written = 0;
-    do {
-      written = ::write(_descriptor, line.data(), line.size());
-    } while (written < 0 && errno == EINTR);
+    Append(line);
   } catch (const osa::Exception&) {  // the next line tries again
     Close();
   }
+}
+
+// A line goes in whole or not at all: what a full device took of it would make one line with the next.
+void RotatingLogFile::Append(const std::string& line) {
+  ssize_t written = 0;
+  do {
+    written = ::write(_descriptor, line.data(), line.size());
+  } while (written < 0 && errno == EINTR);
+  if (written <= 0 || static_cast<size_t>(written) == line.size()) return;
+  const off_t end = lseek(_descriptor, 0, SEEK_CUR);
+  struct stat now {};
+  if (fstat(_descriptor, &now) != 0 || now.st_size != end) return;  // another process wrote behind it
+  if (ftruncate(_descriptor, end - written) != 0) return;
 }
 
 // A pipe or device could block or do harm: only a regular file will do. O_NONBLOCK is for the open itself.

@@ -29,6 +29,7 @@ class RotatingLogFile : public LogOutput {
   void Close() noexcept;
   bool IsInPlace() const;
   void Rotate();
+  void Append(const std::string& line);
 
   const std::string _path;  // for error texts
   const Limits _limits;

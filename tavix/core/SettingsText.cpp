@@ -1,8 +1,12 @@
 #include "tavix/core/SettingsText.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <istream>
 #include <ostream>
+#include <tuple>
+#include <utility>
 
 #include "tavix/osa/Exception.h"
 
@@ -20,9 +24,16 @@ bool IsControl(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
 }
 
-void SkipBlanks(const char*& begin, const char*& end) {
+std::string_view WithoutBlanks(const char* begin, const char* end) {
   while (begin < end && IsBlank(*begin)) ++begin;
   while (end > begin && IsBlank(end[-1])) --end;
+  return {begin, static_cast<size_t>(end - begin)};
+}
+
+// The first such byte, or "end".
+const char* Find(const char* begin, const char* end, char byte) {
+  const void* found = begin < end ? std::memchr(begin, byte, static_cast<size_t>(end - begin)) : nullptr;
+  return found ? static_cast<const char*>(found) : end;
 }
 
 int HexDigit(char c) {
@@ -64,11 +75,10 @@ bool ReadEscape(const char*& at, const char* end, char& byte) {
   return true;
 }
 
-std::string Unescape(const char* begin, const char* end) {
-  const auto* backslash = static_cast<const char*>(std::memchr(begin, '\\', static_cast<size_t>(end - begin)));
-  if (!backslash) return std::string(begin, end);
-  std::string text(begin, backslash);
-  for (const char* at = backslash; at < end;) {
+std::string Unescape(std::string_view escaped) {
+  std::string text;
+  const char* const end = escaped.data() + escaped.size();
+  for (const char* at = escaped.data(); at < end;) {
     char byte = *at;
     if (byte != '\\' || !ReadEscape(at, end, byte)) ++at;
     text.push_back(byte);
@@ -77,21 +87,19 @@ std::string Unescape(const char* begin, const char* end) {
 }
 
 const char* FindUnescapedEquals(const char* begin, const char* end) {
-  const auto* equals = static_cast<const char*>(std::memchr(begin, '=', static_cast<size_t>(end - begin)));
-  if (!equals || !std::memchr(begin, '\\', static_cast<size_t>(equals - begin))) return equals;
   for (const char* at = begin; at < end; ++at) {
     if (*at == '=') return at;
     if (*at == '\\') ++at;
   }
-  return nullptr;
+  return end;
 }
 
-// The entry of "name", created when missing. In sorted text its place is the end; elsewhere the map finds it.
-template <class Map>
-typename Map::mapped_type& EntryAt(Map& map, std::string&& name) {
-  if (map.empty() || map.rbegin()->first < name)
-    return map.emplace_hint(map.end(), std::move(name), typename Map::mapped_type())->second;
-  return map[std::move(name)];
+// Has the stream's buffer filled when it is empty and takes bytes from it; returns how many, 0 at the end.
+size_t TakeWhatIsAtHand(std::istream& in, char* bytes, size_t most) {
+  if (in.peek() == std::istream::traits_type::eof()) return 0;
+  const auto atHand = std::clamp<std::streamsize>(in.rdbuf()->in_avail(), 1, static_cast<std::streamsize>(most));
+  in.read(bytes, atHand);
+  return static_cast<size_t>(in.gcount());
 }
 
 constexpr uint64_t kOnes = 0x0101010101010101u;
@@ -132,33 +140,87 @@ bool MayNeedEscape(const std::string& text, unsigned char special) {
 
 }  // namespace
 
-void SettingsTextReader::ReadLine(const char* begin, const char* end) {
-  ++_lineNumber;
-  if (_lineNumber == 1 && end - begin >= 3 && std::memcmp(begin, "\xEF\xBB\xBF", 3) == 0) begin += 3;
-  if (end > begin && end[-1] == '\r') --end;
-  SkipBlanks(begin, end);
-  if (begin == end || *begin == '#' || *begin == ';') return;
-  if (*begin == '[') {
-    ReadHeader(begin, end);
-  } else {
-    ReadSetting(begin, end);
+// Escapes are rare: the next one is looked for once, not in every line.
+void SettingsTextReader::ReadLines(const char* begin, const char* end) {
+  const char* backslash = Find(begin, end, '\\');
+  while (begin < end) {
+    const char* lineEnd = Find(begin, end, '\n');
+    if (backslash < begin) backslash = Find(begin, end, '\\');
+    ReadLine(begin, lineEnd, backslash < lineEnd);
+    begin = lineEnd + 1;
   }
 }
 
-void SettingsTextReader::ReadHeader(const char* begin, const char* end) {
-  if (end[-1] != ']') Fail("\"[group]\" or \"key=value\"", begin, end);
-  _open = &EntryAt(_groups, Unescape(begin + 1, end - 1));
+void SettingsTextReader::ReadStream(std::istream& in) {
+  char chunk[2048];
+  std::string begun;  // of a line whose end is still to come
+  while (const size_t size = TakeWhatIsAtHand(in, chunk, sizeof chunk)) {
+    const char* begin = chunk;
+    const char* end = chunk + size;
+    if (!begun.empty()) {
+      const char* lineEnd = Find(begin, end, '\n');
+      begun.append(begin, lineEnd);
+      if (lineEnd == end) continue;
+      ReadLines(begun.data(), begun.data() + begun.size());
+      begin = lineEnd + 1;
+    }
+    const char* const chunkEnd = end;
+    while (end > begin && end[-1] != '\n') --end;
+    ReadLines(begin, end);
+    begun.assign(end, chunkEnd);
+  }
+  ReadLines(begun.data(), begun.data() + begun.size());
 }
 
-void SettingsTextReader::ReadSetting(const char* begin, const char* end) {
-  const char* equals = FindUnescapedEquals(begin, end);
-  if (!equals) Fail("\"[group]\" or \"key=value\"", begin, end);
+void SettingsTextReader::ReadLine(const char* begin, const char* end, bool hasEscapes) {
+  ++_lineNumber;
+  if (_lineNumber == 1 && end - begin >= 3 && std::memcmp(begin, "\xEF\xBB\xBF", 3) == 0) begin += 3;
+  if (end > begin && end[-1] == '\r') --end;
+  const std::string_view line = WithoutBlanks(begin, end);
+  if (line.empty() || line.front() == '#' || line.front() == ';') return;
+  begin = line.data();
+  end = begin + line.size();
+  if (*begin == '[') {
+    ReadHeader(begin, end, hasEscapes);
+  } else {
+    ReadSetting(begin, end, hasEscapes);
+  }
+}
+
+void SettingsTextReader::ReadHeader(const char* begin, const char* end, bool hasEscapes) {
+  if (end[-1] != ']') Fail("\"[group]\" or \"key=value\"", begin, end);
+  const std::string_view name(begin + 1, static_cast<size_t>(end - begin) - 2);
+  if (hasEscapes) {
+    OpenGroup(Unescape(name));
+  } else {
+    OpenGroup(name);
+  }
+}
+
+void SettingsTextReader::ReadSetting(const char* begin, const char* end, bool hasEscapes) {
+  const char* equals = hasEscapes ? FindUnescapedEquals(begin, end) : Find(begin, end, '=');
+  if (equals == end) Fail("\"[group]\" or \"key=value\"", begin, end);
   if (!_open) Fail("\"[group]\" before the first \"key=value\"", begin, end);
-  const char* keyEnd = equals;
-  const char* valueBegin = equals + 1;
-  SkipBlanks(begin, keyEnd);
-  SkipBlanks(valueBegin, end);
-  EntryAt(*_open, Unescape(begin, keyEnd)) = Unescape(valueBegin, end);
+  const std::string_view key = WithoutBlanks(begin, equals);
+  const std::string_view value = WithoutBlanks(equals + 1, end);
+  if (hasEscapes) {
+    SetValue(Unescape(key), Unescape(value));
+  } else {
+    SetValue(key, value);
+  }
+}
+
+// In sorted text an entry's place is the end; elsewhere, or when it exists, the map finds it.
+void SettingsTextReader::OpenGroup(std::string_view name) {
+  const auto group =
+      _groups.emplace_hint(_groups.end(), std::piecewise_construct, std::forward_as_tuple(name), std::tuple<>());
+  _open = &group->second;
+}
+
+void SettingsTextReader::SetValue(std::string_view key, std::string_view value) {
+  const size_t known = _open->size();
+  const auto entry = _open->emplace_hint(_open->end(), key, value);
+  if (_open->size() == known) entry->second = value;
 }
 
 void SettingsTextReader::Fail(const char* expected, const char* begin, const char* end) const {
@@ -167,7 +229,10 @@ void SettingsTextReader::Fail(const char* expected, const char* begin, const cha
 }
 
 SettingsTextWriter::~SettingsTextWriter() {
-  Flush();
+  try {
+    Flush();
+  } catch (...) {  // the stream's state tells
+  }
 }
 
 void SettingsTextWriter::WriteGroup(const std::string& name, const IniFile::KeyMap& keys) {
@@ -238,13 +303,15 @@ void SettingsTextWriter::Append(char byte) {
 }
 
 void SettingsTextWriter::Flush() {
-  if (_used > 0) _out.write(_buffer, static_cast<std::streamsize>(_used));
-  _used = 0;
+  const auto count = static_cast<std::streamsize>(_used);
+  _used = 0;  // first, so that what a stream refused is not offered to it again
+  if (count > 0) _out.write(_buffer, count);
 }
 
 std::string PrintableText(const std::string& text, size_t most) {
   std::string printable;
-  for (size_t i = 0; i < text.size() && printable.size() < most; ++i) {
+  size_t i = 0;
+  for (; i < text.size() && printable.size() < most; ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
     if (IsControl(text[i])) {
       printable += {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15]};
@@ -252,7 +319,7 @@ std::string PrintableText(const std::string& text, size_t most) {
       printable += text[i];
     }
   }
-  if (text.size() > most) printable += "...";
+  if (i < text.size()) printable += "...";
   return printable;
 }
 

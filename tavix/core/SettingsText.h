@@ -2,26 +2,36 @@
 
 #include <iosfwd>
 #include <string>
+#include <string_view>
 
 #include "tavix/core/IniFile.h"
 
 namespace tavix::core {
 
-// Reads settings text, line by line, into a document of its own. The grammar is docs/settings-text.md.
+// Reads settings text into a document of its own. The grammar is docs/settings-text.md.
+//
+// Errors: osa::Exception for a line that is no settings text.
 class SettingsTextReader {
  public:
   // source: what error texts call the text.
   explicit SettingsTextReader(const std::string& source) : _source(source) {}
 
-  // One line without its line feed. Throws osa::Exception for a line that is no settings text.
-  void ReadLine(const char* begin, const char* end);
+  // Lines that follow one another; the last one may lack its line feed.
+  void ReadLines(const char* begin, const char* end);
+
+  // Lines until the stream ends. No more is taken from the stream than its buffer holds when it is filled: a view that
+  // is filled line by line stands right behind the line that is no settings text.
+  void ReadStream(std::istream& in);
 
   // What was read so far, moved out: the reader is done with it.
   IniFile TakeDocument() { return IniFile(std::move(_groups)); }
 
  private:
-  void ReadHeader(const char* begin, const char* end);
-  void ReadSetting(const char* begin, const char* end);
+  void ReadLine(const char* begin, const char* end, bool hasEscapes);
+  void ReadHeader(const char* begin, const char* end, bool hasEscapes);
+  void ReadSetting(const char* begin, const char* end, bool hasEscapes);
+  void OpenGroup(std::string_view name);
+  void SetValue(std::string_view key, std::string_view value);
   [[noreturn]] void Fail(const char* expected, const char* begin, const char* end) const;
 
   const std::string& _source;
@@ -30,16 +40,21 @@ class SettingsTextReader {
   IniFile::KeyMap* _open = nullptr;  // the keys of the group that is open, in _groups
 };
 
-// Writes settings text to a stream, through a small buffer of its own that the destructor passes on.
+// Writes settings text to a stream, through a small buffer of its own.
 class SettingsTextWriter {
  public:
   explicit SettingsTextWriter(std::ostream& out) : _out(out) {}
+
+  // Flushes what was not; a stream's exception ends here.
   ~SettingsTextWriter();
 
   SettingsTextWriter(const SettingsTextWriter&) = delete;
   SettingsTextWriter& operator=(const SettingsTextWriter&) = delete;
 
   void WriteGroup(const std::string& name, const IniFile::KeyMap& keys);
+
+  // Passes on what the buffer holds. Throws when the stream was told to throw.
+  void Flush();
 
  private:
   enum class Place { kName, kKey, kValue };
@@ -48,7 +63,6 @@ class SettingsTextWriter {
   void WriteEscaped(const std::string& text, Place place);
   void Append(const char* bytes, size_t count);
   void Append(char byte);
-  void Flush();
 
   std::ostream& _out;
   size_t _used = 0;

@@ -4,10 +4,12 @@
 #include <string_view>
 #include <vector>
 
+#include "tavix/osa/Export.h"
+
 namespace tavix::core {
 
 // Small operations on byte strings.
-class StringUtil {
+class TAVIX_EXPORT StringUtil {
  public:
   // Whether "text" matches "pattern", in which '*' stands for any run of bytes, an empty one included, and every other
   // byte for itself. Takes at most pattern x text steps.

@@ -3,5 +3,8 @@
 // Marks what the shared library exports; everything else stays hidden.
 #define TAVIX_EXPORT __attribute__((visibility("default")))
 
+// Keeps a nested class of an exported one hidden.
+#define TAVIX_LOCAL __attribute__((visibility("hidden")))
+
 // Lets the compiler check printf-style arguments. Member functions count "this" as argument 1.
 #define TAVIX_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))

@@ -1,11 +1,9 @@
 #pragma once
 
-#include "tavix/osa/Export.h"
-
 namespace tavix::osa {
 
 // What a Thread executes.
-class TAVIX_EXPORT Runnable {
+class Runnable {
  public:
   virtual ~Runnable() = default;
 

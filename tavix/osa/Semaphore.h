@@ -3,13 +3,11 @@
 #include <mutex>
 #include <string>
 
-#include "tavix/osa/Export.h"
-
 namespace tavix::osa {
 
 // A counting semaphore, first come, first served: a release goes to whoever has waited longest, and a newcomer never
 // overtakes. Any thread may release.
-class TAVIX_EXPORT Semaphore {
+class Semaphore {
  public:
   // name: for error texts; may be null. maxCount: what may be free at most. initialCount: what is free now.
   Semaphore(const char* name, unsigned short maxCount, unsigned short initialCount);

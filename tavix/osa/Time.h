@@ -20,7 +20,7 @@ struct TimeStruct {
 TAVIX_EXPORT void TimeMonotonic(TimeStruct& out);
 
 // The moment at which a time limit ends, on the monotonic clock: a jump of the wall clock neither fires nor freezes it.
-class Deadline {
+class TAVIX_EXPORT Deadline {
  public:
   using Clock = std::chrono::steady_clock;
 

@@ -50,7 +50,7 @@ class TAVIX_EXPORT IniWatcher {
   bool TryUpdate();
 
  private:
-  class IniWatcherImpl;
+  class TAVIX_LOCAL IniWatcherImpl;
   std::unique_ptr<IniWatcherImpl> _pImpl;
 };
 

@@ -34,7 +34,7 @@ class TAVIX_EXPORT LogManager {
   LogManager& operator=(const LogManager&) = delete;
 
  private:
-  class ChangeCallback;
+  class TAVIX_LOCAL ChangeCallback;
   std::unique_ptr<ChangeCallback> _pChangeCallback;
 };
 

@@ -71,7 +71,7 @@ class TAVIX_EXPORT ResourceManager {
   [[nodiscard]] bool ReserveForConsumer(const std::string& consumer, const std::list<ResourceUsage>& usages);
 
  private:
-  class ResourceManagerImpl;
+  class TAVIX_LOCAL ResourceManagerImpl;
   std::unique_ptr<ResourceManagerImpl> _pImpl;
 };
 

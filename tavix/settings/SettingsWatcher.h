@@ -44,7 +44,7 @@ class TAVIX_EXPORT SettingsWatcher {
   bool TryUpdateSettings();
 
  private:
-  class SettingsWatcherImpl;
+  class TAVIX_LOCAL SettingsWatcherImpl;
   std::unique_ptr<SettingsWatcherImpl> _pImpl;
 };
 

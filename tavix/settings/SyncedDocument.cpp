@@ -38,7 +38,9 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
 
   ~Impl() override { _client->RemoveConnectionObserver(this); }
 
-  void AddPattern(const std::string& pattern) { _patterns.insert(pattern); }
+  void AddPattern(const std::string& pattern) {
+    if (!_subscribed) _patterns.insert(pattern);
+  }
 
   bool Update() {
     if (!_subscribed) {

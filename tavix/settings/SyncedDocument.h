@@ -40,7 +40,7 @@ class TAVIX_EXPORT SyncedDocument {
   bool TryUpdate();
 
  private:
-  class Impl;
+  class TAVIX_LOCAL Impl;
   std::unique_ptr<Impl> _pImpl;
 };
 

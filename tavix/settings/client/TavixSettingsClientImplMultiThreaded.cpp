@@ -99,14 +99,19 @@ class TavixSettingsClientImplMultiThreaded::LinesToSkip {
 
 TavixSettingsClientImplMultiThreaded::TavixSettingsClientImplMultiThreaded(TavixSettingsConnection* connection)
     : _thread("TavixSettings", this, kStackSize, 0),
-      _pConnection(connection),
       _commandMutex(nullptr),
       _sendMutex("sendMutex", 1, 0),
       _requestQueue("TavixSettingsClientImpl::_requestQueue", 1),
       _responseQueue("TavixSettingsClientImpl::_responseQueue", 1),
       _stopping("TavixSettingsClientImpl::_stopping", 1, 0),
       _workerEnded("TavixSettingsClientImpl::_workerEnded", 1, 0) {
-  _thread.Run();
+  _pConnection.reset(connection);
+  try {
+    _thread.Run();
+  } catch (...) {
+    _pConnection.release();  // nothing is taken over by a constructor that fails
+    throw;
+  }
 }
 
 TavixSettingsClientImplMultiThreaded::~TavixSettingsClientImplMultiThreaded() {
@@ -326,8 +331,8 @@ void TavixSettingsClientImplMultiThreaded::ServeConnection() {
   Resubscribe();
   _logger->Information("Connected to tavix-settings-server, releasing semaphore");
   _sendMutex.Release();
-  TellObservers();
   try {
+    TellObservers();
     ReadUntilBroken();
   } catch (const std::exception& exception) {
     _logger->Error("Caught %s", exception.what());
@@ -471,7 +476,9 @@ void TavixSettingsClientImplMultiThreaded::Finish(std::unique_ptr<RemoteCommand>
 }
 
 void TavixSettingsClientImplMultiThreaded::CleanUp() {
-  _pConnection->BreakConnection();  // wakes a caller that is blocked in a write, and holds the right to write
+  // Wakes a caller that is blocked in a write, and holds the right to write. Pipes never block it, and can't be made
+  // again.
+  if (!_pConnection->OutlivesClosing()) _pConnection->BreakConnection();
   _sendMutex.Lock(kWaitForever);
   PauseUnlessStopping(kRetryPause);
   DiscardCommands();
@@ -480,16 +487,17 @@ void TavixSettingsClientImplMultiThreaded::CleanUp() {
   _pConnection->ClearStreams();
 }
 
+// Their callers are failed. Where replies still come, the commands stay for them as withdrawn ones.
 void TavixSettingsClientImplMultiThreaded::DiscardCommands() const {
   std::lock_guard<std::mutex> lock(_handoverMutex);
-  _withdrawn.clear();
   while (_requestQueue.GetSize() > 0) {
     _logger->Information("cleaning request queue");
     RemoteCommand* command = nullptr;
     _requestQueue.GetMsg(command, kWaitForever);
-    delete command;
+    _withdrawn.emplace_back(command);
   }
-  _callState = CallState::kNone;
+  if (!_pConnection->OutlivesClosing()) _withdrawn.clear();
+  if (_callState != CallState::kPosted) _callState = CallState::kNone;  // what is posted is still its caller's alone
 }
 
 // A slot that is still full holds a failure that nobody has asked for yet; one is enough.

@@ -43,7 +43,7 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
     bool result = false;
   };
 
-  // connection: taken over. Starts the worker, which connects.
+  // connection: taken over, unless this throws. Starts the worker, which connects.
   explicit TavixSettingsClientImplMultiThreaded(TavixSettingsConnection* connection);
 
   // Has the server end the connection, and breaks it when that takes long. Aborts the process when called on the
@@ -102,7 +102,7 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
 
   osa::Thread _thread;
   std::atomic<bool> _stop{false};
-  const std::unique_ptr<TavixSettingsConnection> _pConnection;
+  std::unique_ptr<TavixSettingsConnection> _pConnection;  // never exchanged
   mutable osa::Mutex _commandMutex;
   mutable osa::Semaphore _sendMutex;
   const unsigned int _sendTimeout = 10000;                // milliseconds

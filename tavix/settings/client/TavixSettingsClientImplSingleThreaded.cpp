@@ -24,6 +24,15 @@ namespace {
 constexpr int kTries = 5;
 constexpr int kConnectAttempts = 5;
 
+// Each try begins with nothing: what a reply that was cut off had brought is no part of the next one.
+class RepeatedGetSettingsCommand : public GetSettingsCommand {
+ public:
+  void SendRequest(std::ostream& os) override {
+    _result->Clear();
+    GetSettingsCommand::SendRequest(os);
+  }
+};
+
 }  // namespace
 
 TavixSettingsClientImplSingleThreaded::TavixSettingsClientImplSingleThreaded(TavixSettingsConnection* connection)
@@ -33,8 +42,8 @@ TavixSettingsClientImplSingleThreaded::~TavixSettingsClientImplSingleThreaded() 
 
 bool TavixSettingsClientImplSingleThreaded::GetSettings(const std::set<std::string>& groups, IniFile& out) const {
   RequireSendableNames(groups);
-  IniFile result;  // a try that fails half-way leaves nothing behind
-  GetSettingsCommand command;
+  IniFile result;  // a call that fails leaves "out" as it was
+  RepeatedGetSettingsCommand command;
   command._responseKeyword = protocol::kData;
   command._groups = &groups;
   command._result = &result;

@@ -25,6 +25,9 @@ class TavixSettingsConnection {
   // Frees the streams where they belong to the connection; the pointers are the owner's to clear.
   virtual void CloseConnection() = 0;
 
+  // Whether the streams outlive CloseConnection: what was on its way when it was called is then read later.
+  virtual bool OutlivesClosing() const { return false; }
+
   // Fails the streams at once, for whoever is asleep in them. They still must be closed.
   virtual void BreakConnection() noexcept = 0;
 

@@ -41,6 +41,7 @@ TavixSettingsLocalConnection::TavixSettingsLocalConnection()
 TavixSettingsLocalConnection::~TavixSettingsLocalConnection() {
   try {
     *_requests.GetOstream() << protocol::kQuit << std::endl;
+    _requests.ClosePipe();  // for a stream that has failed and took no quit
     _thread->Join();
     _thread.reset();
   } catch (const std::exception& exception) {

@@ -29,6 +29,7 @@ class TavixSettingsLocalConnection : public TavixSettingsConnection, public osa:
 
   // Does nothing: the pipes last as long as the connection.
   void CloseConnection() override {}
+  bool OutlivesClosing() const override { return true; }
   void BreakConnection() noexcept override;
   void AbortConnection() noexcept override { BreakConnection(); }
 

@@ -62,7 +62,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   static void LogStatistics(void* logContext);
 
  private:
-  class MsgDispatcher;
+  class TAVIX_LOCAL MsgDispatcher;
 
   // The commands; "args" is the rest of the command's line.
   void Quit(std::istream& args);
