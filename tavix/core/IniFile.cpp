@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <istream>
+#include <string_view>
 
 #include "tavix/core/SettingsText.h"
 #include "tavix/core/StringUtil.h"
@@ -181,15 +182,20 @@ bool IniFile::ContainsSettings(const IniFile& other) const {
 }
 
 void IniFile::ValueListAppendUnique(const std::string& name, const std::string& value) {
+  ValueListAppendUnique(name, std::set<std::string>{value});
+}
+
+void IniFile::ValueListAppendUnique(const std::string& name, const std::set<std::string>& values) {
+  if (values.empty()) return;
   KeyMap& list = _groups[name];
-  const auto own = list.find(value);
-  if (own != list.end() && own->second == value) return;
-  for (const auto& entry : list) {
-    if (entry.second == value) return;
+  std::set<std::string_view> members;
+  for (const auto& entry : list) members.insert(entry.second);
+  for (const std::string& value : values) {
+    if (!members.insert(value).second) continue;
+    std::string key = value;
+    while (list.count(key) != 0) key += '~';
+    list.emplace(std::move(key), value);
   }
-  std::string key = value;
-  while (list.count(key) != 0) key += '~';
-  list.emplace(std::move(key), value);
 }
 
 const IniFile::KeyMap& IniFile::operator[](const std::string& group) const {

@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -86,6 +87,9 @@ class TAVIX_EXPORT IniFile {
   // Adds "value" to the list that the group "name" is, unless it is in it. A member's key is its own text, so that
   // merging two lists loses no member.
   void ValueListAppendUnique(const std::string& name, const std::string& value);
+
+  // The same for many values, in one walk over the list.
+  void ValueListAppendUnique(const std::string& name, const std::set<std::string>& values);
 
   void Clear() { _groups.clear(); }
   bool IsEmpty() const { return _groups.empty(); }

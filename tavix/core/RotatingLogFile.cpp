@@ -20,7 +20,7 @@ namespace {
 std::vector<std::string> StepsBelow(const std::string& directory, const std::string& file) {
   std::string relative = file;
   if (file.find('/') != std::string::npos) {
-    const std::string prefix = directory + "/";
+    const std::string prefix = directory == "/" ? directory : directory + "/";
     if (!StringUtil::StartsWith(file, prefix))
       throw osa::Exception("Log file '%s' is not below '%s'", file.c_str(), directory.c_str());
     relative = file.substr(prefix.size());

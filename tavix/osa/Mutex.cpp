@@ -7,9 +7,12 @@ namespace tavix::osa {
 
 Mutex::Mutex(const char* name) : _name(name ? name : "unnamed") {}
 
+bool Mutex::IsHeldByThisThread() const {
+  return _owner.load(std::memory_order_relaxed) == std::this_thread::get_id();
+}
+
 void Mutex::Lock(unsigned int timeout) {
-  if (_owner.load(std::memory_order_relaxed) == std::this_thread::get_id())
-    throw Exception("Mutex '%s' is already held by this thread", _name.c_str());
+  if (IsHeldByThisThread()) throw Exception("Mutex '%s' is already held by this thread", _name.c_str());
   if (!TryLock(timeout)) {
     throw LockException("Lock Timeout: mutex '" + _name + "' was not free within " + std::to_string(timeout) + " ms",
                         LockException::kTimeout);
@@ -32,7 +35,7 @@ bool Mutex::TryLock(unsigned int timeout) {
 }
 
 void Mutex::Release() {
-  if (_owner.load(std::memory_order_relaxed) != std::this_thread::get_id())
+  if (!IsHeldByThisThread())
     throw Exception("Mutex '%s' was released by a thread that does not hold it", _name.c_str());
   _owner.store(std::thread::id(), std::memory_order_relaxed);
   _mutex.unlock();

@@ -26,6 +26,8 @@ class TAVIX_EXPORT Mutex {
   // Throws Exception when the calling thread does not hold the lock.
   void Release();
 
+  bool IsHeldByThisThread() const;
+
  private:
   bool TryLock(unsigned int timeout);
 

@@ -74,10 +74,9 @@ bool SocketOutputBuf::SendAll(const char* bytes, size_t count) {
 
 SocketDuplexBuf::int_type SocketDuplexBuf::underflow() {
   if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-  const size_t wanted = _capacity == 0                 ? kSmallestBuffer
-                        : _lastRead == _capacity       ? std::min(2 * _capacity, kLargestBuffer)
-                        : _lastRead <= kKeptBuffer / 2 ? std::min(_capacity, kKeptBuffer)
-                                                       : _capacity;
+  const size_t wanted = _capacity == 0           ? kSmallestBuffer
+                        : _lastRead == _capacity ? std::min(2 * _capacity, kLargestBuffer)
+                                                 : std::min(_capacity, kKeptBuffer);
   if (wanted != _capacity) {
     setg(nullptr, nullptr, nullptr);
     _buffer.reset(new char[wanted]);

@@ -43,13 +43,15 @@ void SetOption(int descriptor, int level, int name, int value) {
   setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
-// Finds a peer that is gone without a word after two minutes.
+// Finds a peer that is gone without a word after two minutes: by probes while nothing is under way, by the time limit
+// while something is, for then there are no probes.
 void SetUp(int descriptor) {
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
   SetOption(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, 60);
   SetOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, 10);
   SetOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, 6);
+  SetOption(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
 }
 
 // Waits for a connect that is under way; the error that it ended with, 0 for none.

@@ -4,8 +4,8 @@
 
 namespace tavix::osa {
 
-// One end of a TCP connection. Its descriptor is closed on exec and by the destructor; a dead peer is found by
-// keepalive probes; small messages leave at once (TCP_NODELAY).
+// One end of a TCP connection. Its descriptor is closed on exec and by the destructor; a dead peer is found within
+// two minutes; small messages leave at once (TCP_NODELAY).
 //
 // Threads: Connect belongs to one thread; Shutdown may be called from any thread while others read and write.
 class TcpSocket {

@@ -56,7 +56,8 @@ class TAVIX_EXPORT TavixSettingsClient {
   explicit TavixSettingsClient(OperationMode mode);
   TavixSettingsClient(OperationMode mode, const core::IniFile& defaults);
 
-  // Returns within 3 s, and once a callback that is under way has returned. Not from a callback.
+  // Returns within 3 s, and once a callback or the system's name resolution that is under way has returned. Not from a
+  // callback.
   ~TavixSettingsClient();
 
   TavixSettingsClient(const TavixSettingsClient&) = delete;

@@ -32,7 +32,8 @@ constexpr unsigned int kStackSize = 32768;
 constexpr int kConnectAttempts = 3;
 constexpr unsigned int kRetryPause = 1000;
 constexpr unsigned int kQuitTimeout = 1000;
-constexpr unsigned int kQuitGrace = 500;
+constexpr unsigned int kQuitWriteTimeout = 500;
+constexpr unsigned int kQuitGrace = 1000;
 
 [[noreturn]] void AbortProcess(const char* format, const char* name) {
   std::fprintf(stderr, format, name);
@@ -78,8 +79,6 @@ class TavixSettingsClientImplMultiThreaded::EndNotice {
 // The rest of a reply that nobody can use: read as further lines, but never as another's reply.
 class TavixSettingsClientImplMultiThreaded::LinesToSkip {
  public:
-  static bool IsReplyWord(const std::string& word) { return word == protocol::kData || word == protocol::kResult; }
-
   void Expect(const std::string& word) {
     _one = word == protocol::kResult;
     _untilTerminator = word == protocol::kData;
@@ -124,14 +123,17 @@ TavixSettingsClientImplMultiThreaded::~TavixSettingsClientImplMultiThreaded() {
 }
 
 void TavixSettingsClientImplMultiThreaded::EndWorker() {
+  unsigned int grace = kQuitGrace;
   try {
     SendRight right(_sendMutex, kQuitTimeout);
-    _pConnection->LimitWrites(kQuitGrace);
+    _pConnection->LimitWrites(kQuitWriteTimeout);
     if (_pConnection->IsReady()) *_pConnection->GetOstream() << protocol::kQuit << std::endl;
   } catch (const std::exception& exception) {
     _logger->Trace("Ending without a quit: %s", exception.what());
+    _endsUnasked = true;
+    grace = 0;
   }
-  if (!_workerEnded.TryLock(kQuitGrace)) _pConnection->AbortConnection();
+  if (!_workerEnded.TryLock(grace)) _pConnection->AbortConnection();
   try {
     _thread.Join();
   } catch (const std::exception& exception) {
@@ -210,6 +212,7 @@ void TavixSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* cb, const 
       written = SendSubscription(groups);
     } catch (const osa::Exception& exception) {
       _logger->Information("Subscribing again is left to the next connection: %s", exception.what());
+      _pConnection->BreakConnection();
       return;
     }
   }
@@ -365,16 +368,20 @@ void TavixSettingsClientImplMultiThreaded::TellObservers() {
       observer->OnConnected();
     } catch (const std::exception& exception) {
       _logger->Error("Caught %s", exception.what());
+    } catch (...) {
+      _logger->Error("Caught %s", "unknown");
     }
   }
 }
 
-// The output's state belongs to the writers. A write that fails breaks the connection, which is then seen here.
+// The output's state belongs to the writers. A write that fails breaks the connection, which is then seen here. Where a
+// "quit" was written the server ends the connection: whoever closed it earlier would take writes back that are still on
+// their way.
 void TavixSettingsClientImplMultiThreaded::ReadUntilBroken() {
   std::istream& in = *_pConnection->GetIstream();
   LinesToSkip toSkip;
   std::string line;
-  while (!_stop && std::getline(in, line)) HandleLine(line, toSkip);
+  while (!_endsUnasked && std::getline(in, line)) HandleLine(line, toSkip);
 }
 
 void TavixSettingsClientImplMultiThreaded::HandleLine(const std::string& line, LinesToSkip& toSkip) {
@@ -412,14 +419,11 @@ void TavixSettingsClientImplMultiThreaded::HandleReply(const std::string& word, 
     return;
   }
   const ResponseStatus status = ReadReply(*command, word);
-  const bool outOfStep = !status.received && !LinesToSkip::IsReplyWord(word);
-  if (outOfStep || !_pConnection->GetIstream()->good()) {
-    // Cut off, or no reply at all: the caller is failed with the connection.
+  if (!_pConnection->GetIstream()->good()) {  // cut off: the caller is failed with the connection
     std::lock_guard<std::mutex> lock(_handoverMutex);
     if (_callState == CallState::kHandled) _callState = CallState::kNone;
     _currentWithdrawn = false;
     command.reset();
-    if (outOfStep) throw std::runtime_error("unexpected reply '" + word + "' from tavix-settings-server");
     return;
   }
   if (!status.received) toSkip.Expect(word);

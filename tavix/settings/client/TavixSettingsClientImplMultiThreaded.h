@@ -33,8 +33,7 @@ class TavixSettingsConnection;
 // Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply behind:
 // the
 //          worker reads that reply into the command's own document and drops it. A reply whose keyword is the wrong one
-//          fails the caller it was for; a line that is no reply at all ends the connection, for a late reply could then
-//          be taken for another's.
+//          fails the caller it was for, and what follows of it is dropped.
 class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, public osa::Runnable {
  public:
   // What became of a request: whether a reply with the expected keyword came, and what handling it returned.
@@ -102,6 +101,7 @@ class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, pub
 
   osa::Thread _thread;
   std::atomic<bool> _stop{false};
+  std::atomic<bool> _endsUnasked{false};                  // stopping, and no "quit" could be written
   std::unique_ptr<TavixSettingsConnection> _pConnection;  // never exchanged
   mutable osa::Mutex _commandMutex;
   mutable osa::Semaphore _sendMutex;

@@ -34,7 +34,8 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
     if (attempt > 0) PauseBeforeRetry();
     try {
       Connect();
-    } catch (const std::exception&) {
+    } catch (const std::exception& exception) {
+      _logger->Trace("%s", exception.what());
       CloseConnection();
       _logger->Warning("%s", kConnectFailed);
       _logger->Information("Retrying connection");

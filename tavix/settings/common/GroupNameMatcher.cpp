@@ -58,6 +58,11 @@ void FindPattern(const std::string& pattern, const Candidates& candidates, Found
   }
 }
 
+void SortAndUnite(std::vector<IniFile::const_iterator>& groups) {
+  std::sort(groups.begin(), groups.end(), [](auto a, auto b) { return a->first < b->first; });
+  groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
+}
+
 template <class Candidates>
 void AddMatches(const GroupNameMatcher& matcher, const Candidates& candidates, std::set<std::string>& out) {
   auto hint = out.begin();
@@ -102,11 +107,12 @@ void GroupNameMatcher::GetMatchingGroups(const IniFile& ini, std::vector<IniFile
   out.clear();
   const auto add = [&](IniFile::const_iterator at) { out.push_back(at); };
   FindNames(_names, ini.GetGroups(), add);
-  for (const std::string& pattern : _patterns) FindPattern(pattern, ini.GetGroups(), add);
   const bool ascending = _patterns.empty() || (_names.empty() && _patterns.size() == 1);
-  if (ascending) return;
-  std::sort(out.begin(), out.end(), [](auto a, auto b) { return a->first < b->first; });
-  out.erase(std::unique(out.begin(), out.end()), out.end());
+  for (const std::string& pattern : _patterns) {
+    FindPattern(pattern, ini.GetGroups(), add);
+    if (out.size() > 2 * ini.GetGroups().size()) SortAndUnite(out);  // many patterns may find the same groups
+  }
+  if (!ascending) SortAndUnite(out);
 }
 
 void GroupNameMatcher::SerializeIni(std::ostream& os, const IniFile& ini) const {

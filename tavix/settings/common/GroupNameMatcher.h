@@ -28,8 +28,9 @@ class TAVIX_EXPORT GroupNameMatcher {
   // order. They are valid until the document changes.
   void GetMatchingGroups(const core::IniFile& ini, std::vector<core::IniFile::const_iterator>& out) const;
 
-  // Writes the matching groups of "ini" as settings text. A name that is less than some group but not a group itself is
-  // passed over for good, and so is the name after which that was found; GetMatchingGroups has no such gap.
+  // Writes the matching groups of "ini" as settings text. A name that is greater than the group at hand is passed over
+  // for good, so that it may miss its own group: with names {b}, groups a and b write nothing. GetMatchingGroups has no
+  // such gap.
   void SerializeIni(std::ostream& os, const core::IniFile& ini) const;
 
   bool IsEmpty() const { return _names.empty() && _patterns.empty(); }

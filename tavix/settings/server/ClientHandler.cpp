@@ -2,6 +2,7 @@
 
 #include <istream>
 #include <iterator>
+#include <optional>
 #include <ostream>
 
 #include "tavix/core/IniFile.h"
@@ -32,7 +33,7 @@ using osa::MutexAutoLock;
 
 namespace {
 
-constexpr size_t kKeptMessageMemory = 4 * 1024;  // an idle connection keeps no more than this
+constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
 
 std::set<std::string> ReadGroupSet(std::istream* in) {
   std::set<std::string> groups;
@@ -46,11 +47,16 @@ GroupNameMatcher ReadGroupMatcher(std::istream* in) {
   return matcher;
 }
 
-// Group lists have a name on each line, so a group with such a name could be announced to nobody.
+// Whether the name can stand on a line of a list.
+bool IsLine(const std::string& name) {
+  return name != protocol::kTerminator && name.find('\n') == std::string::npos;
+}
+
+// A group whose name can't stand in a list could be announced to nobody.
 void CheckGroupNames(const IniFile& document) {
   for (const auto& group : document) {
     const std::string& name = group.first;
-    if (name == protocol::kTerminator || name.find('\n') != std::string::npos) {
+    if (!IsLine(name)) {
       throw osa::Exception("Group name \"%s\" can't stand on a line of its own", core::PrintableText(name, 80).c_str());
     }
   }
@@ -77,6 +83,7 @@ void ClientHandler::Run() {
 }
 
 bool ClientHandler::HandleNext() {
+  if (_line.capacity() > kKeptMemory) std::string().swap(_line);
   if (_quit || !std::getline(*_in, _line, _in->widen('\n'))) return false;
   _args.SetText(_line);
   _word.clear();
@@ -96,14 +103,14 @@ void ClientHandler::Quit(std::istream&) {
 void ClientHandler::Dump(std::istream& args) {
   const bool all = TakesWord(args, protocol::kAll);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
-  _message.Reset(kKeptMessageMemory);
+  _message.Reset(kKeptMemory);
   if (all) {
     _settingsManager->DumpAllSettings(_message);
   } else {
     _settingsManager->DumpUserSettings(_message);
   }
   _message << protocol::kTerminatorLine;
-  Send(_message.GetText());
+  SendMessage();
 }
 
 void ClientHandler::Merge(std::istream& args) {
@@ -121,9 +128,9 @@ void ClientHandler::TestAndMerge(std::istream&) {
   const bool merged = _settingsManager->TestAndMerge(condition, change);
 
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
-  _message.Reset(kKeptMessageMemory);
+  _message.Reset(kKeptMemory);
   _message << protocol::kResult << '\n' << (merged ? protocol::kOk : protocol::kFailure) << '\n';
-  Send(_message.GetText());
+  SendMessage();
 }
 
 void ClientHandler::Subscribe(std::istream&) {
@@ -135,11 +142,11 @@ void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakesWord(args, protocol::kDelimited);
   const GroupNameMatcher matcher = ReadGroupMatcher(_in);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
-  _message.Reset(kKeptMessageMemory);
+  _message.Reset(kKeptMemory);
   if (delimited) _message << protocol::kData << '\n';
   if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
   if (delimited) _message << protocol::kTerminatorLine;
-  Send(_message.GetText());
+  SendMessage();
 }
 
 void ClientHandler::Overwrite(std::istream&) {
@@ -164,18 +171,19 @@ void ClientHandler::RestoreDefaults(std::istream&) {
 }
 
 // Takes the output mutex before the dispatcher's, a notification does the reverse; the gate, taken first by both, keeps
-// the two apart.
+// the two apart. It is given back before anything is sent: a slow reader must not hold up notifications.
 void ClientHandler::Info(std::istream& args) {
   if (!TakesWord(args, protocol::kSubscribed)) return;
-  MutexAutoLock gate(&_settingsManager->GetNotificationGate(), kWaitForever, true);
+  std::optional<MutexAutoLock> gate(std::in_place, &_settingsManager->GetNotificationGate(), kWaitForever, true);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   std::set<std::string> groups;
   _settingsManager->GetAllSubscribedGroups(groups);
-  _message.Reset(kKeptMessageMemory);
+  gate.reset();
+  _message.Reset(kKeptMemory);
   _message << "Subscribed groups\n-----------------\n";
   for (const std::string& group : groups) _message << group << '\n';
   _message << '\n';
-  Send(_message.GetText());
+  SendMessage();
 }
 
 void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {
@@ -198,13 +206,15 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
 void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(changedGroups);
-  _message.Reset(kKeptMessageMemory);
+  _message.Reset(kKeptMemory);
   _message << protocol::kAsyncChange << '\n';
-  for (const std::string& group : changedGroups) _message << group << '\n';
+  for (const std::string& group : changedGroups) {
+    if (IsLine(group)) _message << group << '\n';
+  }
   _message << protocol::kTerminatorLine;
   _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
   _message << protocol::kTerminatorLine;
-  Send(_message.GetText());
+  SendMessage();
 }
 
 bool ClientHandler::TakesWord(std::istream& args, const char* expected) {
@@ -223,9 +233,11 @@ bool ClientHandler::WasCutOff() const {
   return !_in->good();
 }
 
-void ClientHandler::Send(const std::string& message) {
+void ClientHandler::SendMessage() {
+  const std::string& message = _message.GetText();
   _out->write(message.data(), static_cast<std::streamsize>(message.size()));
   _out->flush();
+  _message.Reset(kKeptMemory);
 }
 
 }  // namespace tavix::settings::server

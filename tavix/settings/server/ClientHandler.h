@@ -80,7 +80,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
   void WriteNotice(const std::set<std::string>& changedGroups);
-  void Send(const std::string& message);
+  void SendMessage();
 
   core::Logger* const _logger;
   bool _quit = false;

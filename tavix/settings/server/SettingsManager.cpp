@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/Time.h"
@@ -22,7 +23,7 @@ using osa::WriteAutoLock;
 
 namespace {
 
-constexpr char kGateName[] = "notification gate (a change callback must not change its own store)";
+constexpr char kGateName[] = "notification gate";
 
 GroupNameMatcher MatcherFor(const std::string& nameOrPattern) {
   GroupNameMatcher matcher;
@@ -68,7 +69,7 @@ void SettingsManager::LoadSettings() {
   _allSettings.MergeSettings(_userSettings);
   GroupDiscriminator::FilterOutRestrictedGroups(_allSettings);
   MergeRestrictedSettings();
-  _allSettings.RemoveGroup(kDeletedGroups);
+  HideBookkeeping();
   _settingsMutex.Release();
 }
 
@@ -130,6 +131,7 @@ void SettingsManager::DumpAllSettings(std::ostream& os) const {
 }
 
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
+  RefuseInCallback();
   const IniFile filtered = UnrestrictedPartOf(settings);
   WriteAutoLock lock(_settingsMutex);
   PerformMergeUnlocked(filtered, flags);
@@ -138,6 +140,7 @@ void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags)
 }
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  RefuseInCallback();
   const IniFile filtered = UnrestrictedPartOf(settings);
   WriteAutoLock lock(_settingsMutex);
   if (!_allSettings.ContainsSettings(test)) return false;
@@ -148,6 +151,7 @@ bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings)
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
+  RefuseInCallback();
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
   const IniFile filtered = UnrestrictedPartOf(settings);
@@ -161,7 +165,8 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   }
   _allSettings.MergeSettings(filtered);
   _userSettings.MergeSettings(filtered);
-  for (const std::string& group : groups) _userSettings.ValueListAppendUnique(kDeletedGroups, group);
+  _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
+  HideBookkeeping();
   Save();
   lock.Release();
   for (const auto& group : filtered) changed.insert(group.first);
@@ -174,6 +179,7 @@ void SettingsManager::OverwriteSettings(const std::string& group, const IniFile&
 
 void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   if (!_persister) return;
+  RefuseInCallback();
   IniFile defaults;
   SettingsCombiner combiner(defaults);
   ConfigureSettingsCombiner(combiner);
@@ -195,6 +201,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
     restored.MergeGroup(group);
     changed.insert(group->first);
   }
+  HideBookkeeping();
   Save();
   lock.Release();
   Notify(changed, restored);
@@ -222,9 +229,20 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
   _allSettings.MergeSettings(settings);
+  HideBookkeeping();
   if (flags & kNoPersist) return;
   _userSettings.MergeSettings(settings);
   Save();
+}
+
+void SettingsManager::HideBookkeeping() {
+  _allSettings.RemoveGroup(kDeletedGroups);
+}
+
+// Better refused before the change than found out when it is to be announced.
+void SettingsManager::RefuseInCallback() const {
+  if (_notificationGate.IsHeldByThisThread())
+    throw osa::Exception("A change callback must not change the store that it is told about");
 }
 
 void SettingsManager::Save() {

@@ -30,7 +30,7 @@ class SettingsCombiner;
 //
 // Threads: every operation may be called from any thread. Callbacks run on the thread that made the change, after
 //          "SettingsMutex" is released, one change at a time; they may read the store and must not change it: a
-//          callback that does gets an exception.
+//          callback that tries gets an exception, and nothing is changed.
 // Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
 //          notification gate comes first of all, then the dispatcher's mutex.
 // Owns:    nothing that is passed in; persister, loader and filter outlive the store.
@@ -119,6 +119,8 @@ class TAVIX_EXPORT SettingsManager {
  private:
   void RemoveDeletedGroups();
   void MergeRestrictedSettings();
+  void HideBookkeeping();
+  void RefuseInCallback() const;
   void Save();
   void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(const core::IniFile& settings) const;
