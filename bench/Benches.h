@@ -1,0 +1,19 @@
+#pragma once
+
+#include "bench/Suite.h"
+
+// What is measured, a file each: SettingsTextBench.cpp and so on.
+namespace tavix::bench {
+
+void AddSettingsTextBenches(Suite& suite);
+void AddDocumentBenches(Suite& suite);
+void AddMatchBenches(Suite& suite);
+void AddStoreBenches(Suite& suite);
+void AddDispatchBenches(Suite& suite);
+void AddRoundTripBenches(Suite& suite);
+void AddThroughputBenches(Suite& suite);
+void AddDurableBenches(Suite& suite);
+void AddNotifyBenches(Suite& suite);
+void AddFootprintBenches(Suite& suite);
+
+}  // namespace tavix::bench

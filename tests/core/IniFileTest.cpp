@@ -1,0 +1,624 @@
+#include "tavix/core/IniFile.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <fstream>
+#include <ios>
+#include <map>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavix/osa/Exception.h"
+#include "tests/support/RandomDocument.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using tavix::core::IniFile;
+using tavix::osa::Exception;
+using tavix::test::RandomDocuments;
+using tavix::test::TemporaryDirectory;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+
+IniFile FromText(const std::string& text) {
+  IniFile ini;
+  ini.LoadFromString(text);
+  return ini;
+}
+
+std::vector<std::string> Members(const IniFile& ini, const std::string& list) {
+  std::vector<std::string> members;
+  for (const auto& [key, value] : ini[list]) members.push_back(value);
+  return members;
+}
+
+TEST(IniFile, IsEmptyAtFirst) {
+  const IniFile ini;
+  EXPECT_TRUE(ini.IsEmpty());
+  EXPECT_EQ(ini.begin(), ini.end());
+}
+
+TEST(IniFile, AnEmptyDocumentIsWrittenAsNothing) {
+  std::ostringstream text;
+  IniFile().SaveToStream(text);
+  EXPECT_EQ(text.str(), "");
+}
+
+TEST(IniFile, SetValueCreatesAndReplaces) {
+  IniFile ini;
+  ini.SetValue("Network", "ip", "10.0.0.1");
+  ini.SetValue("Network", "ip", "10.0.0.2");
+  ini.SetValue("Network", "mask", "255.0.0.0");
+  EXPECT_EQ(ini.GetGroups(), (IniFile::GroupMap{{"Network", {{"ip", "10.0.0.2"}, {"mask", "255.0.0.0"}}}}));
+}
+
+TEST(IniFile, AValueMayBeSetToItself) {
+  IniFile ini = FromText("[g]\nk=v\n");
+  ini.SetValue("g", "k", ini.GetValue("g", "k"));
+  EXPECT_EQ(ini.GetValue("g", "k"), "v");
+}
+
+TEST(IniFile, GetValueOfAMissingSettingThrowsAndNamesIt) {
+  const IniFile ini = FromText("[Network]\nip=10.0.0.1\n");
+  EXPECT_EQ(ini.GetValue("Network", "ip"), "10.0.0.1");
+  EXPECT_THAT([&] { ini.GetValue("Network", "mask"); }, testing::ThrowsMessage<Exception>(HasSubstr("[Network]mask")));
+  EXPECT_THAT([&] { ini.GetValue("Audio", "ip"); }, testing::ThrowsMessage<Exception>(HasSubstr("[Audio]ip")));
+}
+
+TEST(IniFile, GetValueOrDefaultOfAMissingSettingIsEmpty) {
+  const IniFile ini = FromText("[Network]\nip=10.0.0.1\n");
+  EXPECT_EQ(ini.GetValueOrDefault("Network", "ip"), "10.0.0.1");
+  EXPECT_EQ(ini.GetValueOrDefault("Network", "mask"), "");
+  EXPECT_EQ(ini.GetValueOrDefault("Audio", "ip"), "");
+}
+
+TEST(IniFile, HasValueCountsEmptyValues) {
+  const IniFile ini = FromText("[Network]\nip=\n[Empty]\n");
+  EXPECT_TRUE(ini.HasValue("Network", "ip"));
+  EXPECT_FALSE(ini.HasValue("Network", "mask"));
+  EXPECT_FALSE(ini.HasValue("Empty", "ip"));
+  EXPECT_FALSE(ini.HasValue("Audio", "ip"));
+}
+
+TEST(IniFile, HasGroupCountsEmptyGroups) {
+  const IniFile ini = FromText("[Empty]\n");
+  EXPECT_TRUE(ini.HasGroup("Empty"));
+  EXPECT_FALSE(ini.HasGroup("empty")) << "names are compared byte by byte";
+  EXPECT_FALSE(ini.HasGroup(""));
+}
+
+TEST(IniFile, NamesAreNotSplitAtSlashes) {
+  IniFile ini;
+  ini.SetValue("TavixSettings/Data/DeletedGroups", "a", "b");
+  EXPECT_FALSE(ini.HasGroup("TavixSettings"));
+  EXPECT_FALSE(ini.HasGroup("TavixSettings/Data"));
+}
+
+TEST(IniFile, IteratesInByteOrder) {
+  IniFile ini;
+  for (const char* name : {"b", "a/b", "\xff", "a", "B", "", "ab"}) ini[name];
+  std::vector<std::string> names;
+  for (const auto& group : std::as_const(ini)) names.push_back(group.first);
+  EXPECT_THAT(names, ElementsAre("", "B", "a", "a/b", "ab", "b", "\xff"));
+}
+
+TEST(IniFile, TheIteratorIsThatOfAMapOfMaps) {
+  IniFile ini = FromText("[a]\nk=v\n");
+  std::map<std::string, std::map<std::string, std::string>>::iterator group = ini.begin();
+  group->second["k"] = "w";
+  EXPECT_EQ(ini.GetValue("a", "k"), "w");
+}
+
+TEST(IniFile, IndexingCreatesAGroup) {
+  IniFile ini;
+  ini["Network"]["ip"] = "10.0.0.1";
+  std::map<std::string, std::string>& empty = ini["Empty"];
+  EXPECT_TRUE(empty.empty());
+  EXPECT_EQ(ini.GetGroups(), (IniFile::GroupMap{{"Empty", {}}, {"Network", {{"ip", "10.0.0.1"}}}}));
+}
+
+TEST(IniFile, IndexingAConstantDocumentThrowsForAMissingGroup) {
+  const IniFile ini = FromText("[Network]\nip=10.0.0.1\n");
+  EXPECT_THAT(ini["Network"], ElementsAre(Pair("ip", "10.0.0.1")));
+  EXPECT_THAT([&] { ini["Audio"]; }, testing::ThrowsMessage<Exception>(HasSubstr("Audio")));
+}
+
+TEST(IniFile, ClearRemovesAllGroups) {
+  IniFile ini = FromText("[a]\nk=v\n[b]\n");
+  ini.Clear();
+  EXPECT_TRUE(ini.IsEmpty());
+  EXPECT_FALSE(ini.HasGroup("a"));
+}
+
+TEST(IniFile, RemoveGroupRemovesItsKeys) {
+  IniFile ini = FromText("[a]\nk=v\n[b]\nk=v\n");
+  ini.RemoveGroup("a");
+  EXPECT_EQ(ini.GetGroups(), (IniFile::GroupMap{{"b", {{"k", "v"}}}}));
+}
+
+TEST(IniFile, RemovingAMissingGroupChangesNothing) {
+  IniFile ini = FromText("[a]\nk=v\n");
+  ini.RemoveGroup("b");
+  ini.RemoveGroup("");
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=v\n").GetGroups());
+}
+
+TEST(IniFile, RemovingAtAnIteratorKeepsTheOthersValid) {
+  IniFile ini = FromText("[a]\n[b]\n[c]\nk=v\n");
+  for (IniFile::iterator group = ini.begin(); group != ini.end();) {
+    const IniFile::iterator current = group++;
+    if (current->first != "c") ini.RemoveGroup(current);
+  }
+  EXPECT_EQ(ini.GetGroups(), FromText("[c]\nk=v\n").GetGroups());
+}
+
+TEST(IniFile, AMissingNumberIsTheDefault) {
+  const IniFile ini = FromText("[g]\nempty=\n");
+  EXPECT_EQ(ini.GetIntOrDefault("g", "missing", 100), 100);
+  EXPECT_EQ(ini.GetIntOrDefault("missing", "k", -7), -7);
+  EXPECT_EQ(ini.GetIntOrDefault("g", "empty", 100), 100);
+}
+
+TEST(IniFile, ANumberThatIsSetReadsBack) {
+  IniFile ini;
+  for (const int number : {0, 1, -1, 3, 100, -2147483647, INT_MIN, INT_MAX}) {
+    ini.SetInt("g", "k", number);
+    EXPECT_EQ(ini.GetIntOrDefault("g", "k", 42), number);
+  }
+}
+
+TEST(IniFile, ANumberIsWrittenInDecimal) {
+  IniFile ini;
+  ini.SetInt("g", "log.level", 3);
+  ini.SetInt("g", "negative", -1234567);
+  EXPECT_EQ(ini.GetValue("g", "log.level"), "3");
+  EXPECT_EQ(ini.GetValue("g", "negative"), "-1234567");
+}
+
+TEST(IniFile, NumbersMayHaveASignAndBlanksAround) {
+  for (const auto& [text, number] :
+       {std::pair("7", 7), std::pair("+7", 7), std::pair("-7", -7), std::pair(" 7", 7), std::pair("7\t ", 7),
+        std::pair("\t+7 ", 7), std::pair("007", 7), std::pair("-0", 0), std::pair("+0", 0),
+        std::pair("2147483647", INT_MAX), std::pair("-2147483648", INT_MIN)}) {
+    IniFile ini;
+    ini.SetValue("g", "k", text);
+    EXPECT_EQ(ini.GetIntOrDefault("g", "k", 42), number) << text;
+  }
+}
+
+TEST(IniFile, WhatIsNoNumberIsTheDefault) {
+  for (const std::string text : {"",
+                                 " ",
+                                 "+",
+                                 "-",
+                                 "+-7",
+                                 "-+7",
+                                 "++7",
+                                 "--7",
+                                 "- 7",
+                                 "+ 7",
+                                 "7x",
+                                 "x7",
+                                 "7 7",
+                                 "7.0",
+                                 "7,0",
+                                 "1e3",
+                                 "0x10",
+                                 "2147483648",
+                                 "-2147483649",
+                                 "99999999999999999999",
+                                 "true",
+                                 "\n7",
+                                 "7\n",
+                                 "7\r",
+                                 "\v7",
+                                 "\xC2\xA0"
+                                 "7"}) {
+    IniFile ini;
+    ini.SetValue("g", "k", text);
+    EXPECT_EQ(ini.GetIntOrDefault("g", "k", 42), 42) << text;
+  }
+}
+
+TEST(IniFile, ANumberWithANulByteIsNone) {
+  IniFile ini;
+  ini.SetValue("g", "k", std::string("7\0", 2));
+  EXPECT_EQ(ini.GetIntOrDefault("g", "k", 42), 42);
+}
+
+TEST(IniFile, BooleansHaveFourSpellingsEachInAnyCase) {
+  IniFile ini;
+  for (const char* yes : {"true", "True", "TRUE", "tRuE", "yes", "YES", "on", "On", "1"}) {
+    ini.SetValue("g", "k", yes);
+    EXPECT_TRUE(ini.GetBoolOrDefault("g", "k", false)) << yes;
+  }
+  for (const char* no : {"false", "False", "FALSE", "fAlSe", "no", "NO", "off", "oFF", "0"}) {
+    ini.SetValue("g", "k", no);
+    EXPECT_FALSE(ini.GetBoolOrDefault("g", "k", true)) << no;
+  }
+}
+
+TEST(IniFile, WhatIsNoBooleanIsTheDefault) {
+  IniFile ini;
+  for (const std::string text : {"", "t", "f", "y", "n", "2", "-1", "00", "01", "truee", "tru", "enabled", " true",
+                                 "true ", "true\n", "\xC3\xB6n", "wrong"}) {
+    ini.SetValue("g", "k", text);
+    EXPECT_TRUE(ini.GetBoolOrDefault("g", "k", true)) << text;
+    EXPECT_FALSE(ini.GetBoolOrDefault("g", "k", false)) << text;
+  }
+}
+
+TEST(IniFile, AMissingBooleanIsTheDefault) {
+  const IniFile ini;
+  EXPECT_TRUE(ini.GetBoolOrDefault("g", "k", true));
+  EXPECT_FALSE(ini.GetBoolOrDefault("g", "k", false));
+}
+
+TEST(IniFile, AMergeLetsTheSourceWinAndRemovesNothing) {
+  IniFile ini = FromText("[a]\nkept=1\nchanged=1\n[only here]\nk=v\n");
+  ini.MergeSettings(FromText("[a]\nchanged=2\nadded=2\n[only there]\nk=v\n"));
+  EXPECT_EQ(ini.GetGroups(),
+            FromText("[a]\nadded=2\nchanged=2\nkept=1\n[only here]\nk=v\n[only there]\nk=v\n").GetGroups());
+}
+
+TEST(IniFile, AMergeKeepsTheSourceAsItWas) {
+  IniFile ini = FromText("[a]\nk=1\n");
+  const IniFile source = FromText("[a]\nk=2\n[b]\nk=2\n");
+  ini.MergeSettings(source);
+  EXPECT_EQ(source.GetGroups(), FromText("[a]\nk=2\n[b]\nk=2\n").GetGroups());
+}
+
+TEST(IniFile, AMergeCreatesGroupsWithoutKeys) {
+  IniFile copied, moved;
+  copied.MergeSettings(FromText("[Empty]\n"));
+  EXPECT_TRUE(copied.HasGroup("Empty"));
+  const IniFile source = FromText("[Empty]\n");
+  moved.MergeSettings(source, "Empty");
+  EXPECT_TRUE(moved.HasGroup("Empty"));
+}
+
+TEST(IniFile, MergingADocumentIntoItselfChangesNothing) {
+  const IniFile expected = FromText("[a]\nk=1\n[b]\n");
+  IniFile ini = FromText("[a]\nk=1\n[b]\n");
+  const IniFile& same = ini;
+  ini.MergeSettings(same);
+  EXPECT_EQ(ini.GetGroups(), expected.GetGroups());
+  ini.MergeSettings(same, "a");
+  EXPECT_EQ(ini.GetGroups(), expected.GetGroups());
+  ini.MergeSettings(std::move(ini));
+  EXPECT_EQ(ini.GetGroups(), expected.GetGroups());
+}
+
+TEST(IniFile, MergingAnEmptyDocumentChangesNothing) {
+  IniFile ini = FromText("[a]\nk=1\n");
+  const IniFile empty;
+  ini.MergeSettings(empty);
+  ini.MergeSettings(IniFile());
+  ini.MergeSettings(empty, "a");
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=1\n").GetGroups());
+}
+
+TEST(IniFile, AMergeOfOneGroupLeavesTheOthers) {
+  IniFile ini = FromText("[a]\nk=1\nkept=1\n");
+  const IniFile source = FromText("[a]\nk=2\n[b]\nk=2\n");
+  ini.MergeSettings(source, "a");
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=2\nkept=1\n").GetGroups());
+}
+
+TEST(IniFile, AGroupOfAnotherDocumentIsMergedByItsPlaceThere) {
+  IniFile ini = FromText("[a]\nk=1\nkept=1\n");
+  const IniFile source = FromText("[a]\nk=2\n[b]\nk=2\n[c]\n");
+  for (IniFile::const_iterator group = source.begin(); group != source.end(); ++group) {
+    if (group->first != "b") ini.MergeGroup(group);
+  }
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=2\nkept=1\n[c]\n").GetGroups());
+}
+
+TEST(IniFile, AMergeOfAMissingGroupChangesNothing) {
+  IniFile ini = FromText("[a]\nk=1\n");
+  const IniFile source = FromText("[b]\nk=2\n");
+  ini.MergeSettings(source, "a");
+  ini.MergeSettings(source, "c");
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=1\n").GetGroups());
+}
+
+IniFile::GroupMap Merged(IniFile::GroupMap target, const IniFile::GroupMap& source) {
+  for (const auto& [name, keys] : source) {
+    IniFile::KeyMap& merged = target[name];
+    for (const auto& [key, value] : keys) merged[key] = value;
+  }
+  return target;
+}
+
+TEST(IniFile, EveryKindOfMergeGivesTheSameDocument) {
+  RandomDocuments documents(1);
+  for (int round = 0; round < 2000; ++round) {
+    const IniFile::GroupMap first = documents.Next();
+    const IniFile::GroupMap second = documents.Next();
+    const IniFile source(second);
+    IniFile copied(first), moved(first), byGroup(first);
+    copied.MergeSettings(source);
+    moved.MergeSettings(IniFile(second));
+    for (const auto& group : second) byGroup.MergeSettings(source, group.first);
+    const IniFile::GroupMap expected = Merged(first, second);
+    ASSERT_EQ(copied.GetGroups(), expected);
+    ASSERT_EQ(moved.GetGroups(), expected);
+    ASSERT_EQ(byGroup.GetGroups(), expected);
+  }
+}
+
+TEST(IniFile, AMergeThatMovesEmptiesItsSource) {
+  for (const char* target : {"", "[a]\nk=1\n", "[a]\n", "[b]\nk=1\n"}) {
+    IniFile ini = FromText(target);
+    IniFile source = FromText("[a]\nk=2\n[b]\nk=2\n");
+    ini.MergeSettings(std::move(source));
+    EXPECT_TRUE(source.IsEmpty()) << target;
+    EXPECT_EQ(ini.GetValue("a", "k") + ini.GetValue("b", "k"), "22") << target;
+  }
+}
+
+TEST(IniFile, AMergeThatMovesCopiesNoText) {
+  const std::string text(1000, 'x');
+  for (const char* target : {"", "[a]\n", "[a]\nother=1\n", "[a]\nk=1\n", "[b]\n"}) {
+    IniFile ini = FromText(target);
+    IniFile source = FromText("[a]\nk=" + text + "\n");
+    const char* bytes = source.GetValue("a", "k").data();
+    ini.MergeSettings(std::move(source));
+    EXPECT_EQ(ini.GetValue("a", "k").data(), bytes) << target;
+  }
+}
+
+TEST(IniFile, ContainsWhatStandsInIt) {
+  const IniFile ini = FromText("[a]\nk=1\nl=2\n[b]\nempty=\n");
+  for (const char* part : {"", "[a]\nk=1\n", "[a]\nl=2\n[b]\nempty=\n", "[a]\nk=1\nl=2\n[b]\nempty=\n"})
+    EXPECT_TRUE(ini.ContainsSettings(FromText(part))) << part;
+  EXPECT_TRUE(ini.ContainsSettings(ini));
+}
+
+TEST(IniFile, DoesNotContainWhatDiffersInOneByte) {
+  const IniFile ini = FromText("[a]\nk=value\n");
+  for (const char* other : {"[a]\nk=Value\n", "[a]\nk=valu\n", "[a]\nk=value1\n", "[a]\nk=\n", "[a]\nk=value\\x00\n"})
+    EXPECT_FALSE(ini.ContainsSettings(FromText(other))) << other;
+}
+
+TEST(IniFile, DoesNotContainWhatItLacks) {
+  const IniFile ini = FromText("[a]\nk=1\n");
+  for (const char* other : {"[a]\nk=1\nextra=\n", "[b]\nk=1\n", "[a]\nk=1\n[b]\nextra=1\n"})
+    EXPECT_FALSE(ini.ContainsSettings(FromText(other))) << other;
+}
+
+TEST(IniFile, GroupsWithoutKeysAreContainedEverywhere) {
+  EXPECT_TRUE(IniFile().ContainsSettings(FromText("[a]\n[b]\n")));
+}
+
+TEST(IniFile, AListIsTheValuesOfAGroup) {
+  IniFile ini;
+  ini.ValueListAppendUnique("List", "b");
+  ini.ValueListAppendUnique("List", "a");
+  EXPECT_THAT(Members(ini, "List"), testing::UnorderedElementsAre("a", "b"));
+}
+
+TEST(IniFile, AListHoldsAMemberOnce) {
+  IniFile ini;
+  ini.ValueListAppendUnique("List", "a");
+  ini.ValueListAppendUnique("List", "a");
+  EXPECT_THAT(Members(ini, "List"), ElementsAre("a"));
+}
+
+TEST(IniFile, AMemberUnderAnotherKeyIsNotAddedAgain) {
+  IniFile ini = FromText("[List]\n0=a\n");
+  ini.ValueListAppendUnique("List", "a");
+  EXPECT_EQ(ini.GetGroups(), FromText("[List]\n0=a\n").GetGroups());
+}
+
+// Whoever numbers the members loses one when two lists with the same numbers are merged.
+TEST(IniFile, AMembersKeyIsItsOwnText) {
+  IniFile ini;
+  ini.ValueListAppendUnique("List", "Network/Eth0");
+  EXPECT_THAT(ini["List"], ElementsAre(Pair("Network/Eth0", "Network/Eth0")));
+}
+
+TEST(IniFile, AnotherEntrysKeyIsNeverTakenOver) {
+  IniFile ini = FromText("[List]\na=b\n");
+  ini.ValueListAppendUnique("List", "a");
+  EXPECT_THAT(Members(ini, "List"), testing::UnorderedElementsAre("a", "b"));
+  ini.ValueListAppendUnique("List", "a");
+  EXPECT_EQ(ini["List"].size(), 2u);
+}
+
+TEST(IniFile, ManyMembersAreAddedAtOnceAsOneByOne) {
+  const std::set<std::string> values{"", "a", "a~", "b", "c"};
+  IniFile atOnce = FromText("[List]\na=b\n0=c\n");
+  IniFile oneByOne = FromText("[List]\na=b\n0=c\n");
+  atOnce.ValueListAppendUnique("List", values);
+  for (const std::string& value : values) oneByOne.ValueListAppendUnique("List", value);
+  EXPECT_EQ(atOnce.GetGroups(), oneByOne.GetGroups());
+  EXPECT_THAT(Members(atOnce, "List"), testing::UnorderedElementsAreArray(values));
+}
+
+TEST(IniFile, AddingNoMembersMakesNoList) {
+  IniFile ini;
+  ini.ValueListAppendUnique("List", std::set<std::string>());
+  EXPECT_FALSE(ini.HasGroup("List"));
+}
+
+TEST(IniFile, MergingTwoListsLosesNoMember) {
+  IniFile ini, other;
+  for (const char* member : {"a", "b", "c"}) ini.ValueListAppendUnique("List", member);
+  for (const char* member : {"c", "d", "e"}) other.ValueListAppendUnique("List", member);
+  ini.MergeSettings(other);
+  EXPECT_THAT(Members(ini, "List"), ElementsAre("a", "b", "c", "d", "e"));
+}
+
+TEST(IniFile, AListOfAnyMembersSurvivesSavingAndLoading) {
+  RandomDocuments texts(2);
+  std::set<std::string> members{""};
+  for (int i = 0; i < 200; ++i) members.insert(texts.NextText(10));
+  IniFile ini;
+  for (const std::string& member : members) ini.ValueListAppendUnique("List", member);
+  std::stringstream text;
+  ini.SaveToStream(text);
+  IniFile loaded;
+  loaded.LoadFromStream(text);
+  EXPECT_THAT(Members(loaded, "List"), testing::UnorderedElementsAreArray(members));
+}
+
+TEST(IniFile, LoadingAddsAndReplaces) {
+  IniFile ini = FromText("[a]\nkept=1\nchanged=1\n");
+  ini.LoadFromString("[a]\nchanged=2\n[b]\nk=2\n");
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nchanged=2\nkept=1\n[b]\nk=2\n").GetGroups());
+  std::istringstream more("[b]\nk=3\n");
+  ini.LoadFromStream(more);
+  EXPECT_EQ(ini.GetValue("b", "k"), "3");
+}
+
+TEST(IniFile, AFileIsLoaded) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("site.ini", "[Network]\nip=10.0.0.2\n");
+  const IniFile constructed(path.c_str());
+  IniFile loaded;
+  loaded.Load(path.c_str());
+  EXPECT_EQ(constructed.GetGroups(), (IniFile::GroupMap{{"Network", {{"ip", "10.0.0.2"}}}}));
+  EXPECT_EQ(loaded.GetGroups(), constructed.GetGroups());
+}
+
+TEST(IniFile, AnEmptyFileIsAnEmptyDocument) {
+  const TemporaryDirectory directory;
+  EXPECT_TRUE(IniFile(directory.Write("empty.ini", "").c_str()).IsEmpty());
+}
+
+void ExpectLoadFails(const std::string& path, const std::string& reason) {
+  IniFile ini = FromText("[kept]\nk=v\n");
+  EXPECT_THAT([&] { ini.Load(path.c_str()); },
+              testing::ThrowsMessage<Exception>(testing::AllOf(HasSubstr(path), HasSubstr(reason))));
+  EXPECT_EQ(ini.GetGroups(), FromText("[kept]\nk=v\n").GetGroups());
+}
+
+TEST(IniFile, AFileThatCannotBeOpenedIsNamedWithTheReason) {
+  const TemporaryDirectory directory;
+  ExpectLoadFails(directory.Path("missing.ini"), "No such file or directory");
+  ExpectLoadFails(directory.Path("missing/site.ini"), "No such file or directory");
+  ExpectLoadFails(directory.Write("file", "") + "/site.ini", "Not a directory");
+  ASSERT_EQ(symlink("loop.ini", directory.Path("loop.ini").c_str()), 0);
+  ExpectLoadFails(directory.Path("loop.ini"), "Too many levels of symbolic links");
+  ExpectLoadFails(directory.Path(std::string(300, 'x')), "File name too long");
+}
+
+TEST(IniFile, ADirectoryIsNoSettingsFile) {
+  const TemporaryDirectory directory;
+  ExpectLoadFails(directory.GetPath(), "Is a directory");
+}
+
+TEST(IniFile, TheTextOfAMissingFilesErrorIsForThePersonWhoHasToAct) {
+  EXPECT_THAT([] { IniFile("/nonexistent/site.ini"); },
+              testing::ThrowsMessage<Exception>(
+                  "Failed to open settings file '/nonexistent/site.ini': No such file or directory"));
+}
+
+TEST(IniFile, AFileWithABadLineIsNamedWithTheLine) {
+  const TemporaryDirectory directory;
+  ExpectLoadFails(directory.Write("bad.ini", "[a]\nk=1\nbad line\n"), "bad.ini:3: ");
+}
+
+TEST(IniFile, ALoadThatFailsChangesNothing) {
+  const std::string bad = "[a]\nk=2\n[b]\nk=2\nbad line\n[c]\nk=2\n";
+  IniFile ini = FromText("[a]\nk=1\n");
+  EXPECT_THROW(ini.LoadFromString(bad), Exception);
+  std::istringstream stream(bad);
+  EXPECT_THROW(ini.LoadFromStream(stream), Exception);
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=1\n").GetGroups());
+}
+
+// Breaks after its text, as a disk does.
+class BreakingBuf : public std::stringbuf {
+ public:
+  explicit BreakingBuf(const std::string& text) : std::stringbuf(text) {}
+
+ protected:
+  int_type underflow() override {
+    const int_type next = std::stringbuf::underflow();
+    if (traits_type::eq_int_type(next, traits_type::eof())) throw std::runtime_error("broken");
+    return next;
+  }
+};
+
+TEST(IniFile, AStreamThatBreaksIsAnErrorAndChangesNothing) {
+  BreakingBuf buffer("[a]\nk=2\n");
+  std::istream stream(&buffer);
+  IniFile ini = FromText("[a]\nk=1\n");
+  EXPECT_THAT([&] { ini.LoadFromStream(stream, "the disk"); },
+              testing::ThrowsMessage<Exception>(HasSubstr("the disk")));
+  EXPECT_EQ(ini.GetValue("a", "k"), "1");
+}
+
+TEST(IniFile, AStreamThatHasEndedAddsNothing) {
+  std::istringstream stream("");
+  IniFile ini = FromText("[a]\nk=1\n");
+  ini.LoadFromStream(stream);
+  ini.LoadFromStream(stream);
+  EXPECT_EQ(ini.GetGroups(), FromText("[a]\nk=1\n").GetGroups());
+}
+
+TEST(IniFile, OneGroupIsSavedAlone) {
+  const IniFile ini = FromText("[a]\nk=1\n[b]\nk=2\n");
+  std::ostringstream text;
+  ini.SaveGroupToStream(text, "b");
+  EXPECT_EQ(text.str(), "[b]\nk=2\n");
+}
+
+TEST(IniFile, AMissingGroupIsSavedAsNothing) {
+  std::ostringstream text;
+  FromText("[a]\nk=1\n").SaveGroupToStream(text, "b");
+  EXPECT_EQ(text.str(), "");
+  EXPECT_TRUE(text.good());
+}
+
+TEST(IniFile, GroupsSavedOneByOneReadBackAsOneDocument) {
+  const IniFile ini = FromText("[a]\nk=1\n[b]\n[c]\nk=3\n");
+  std::stringstream text;
+  for (const char* group : {"c", "a", "b"}) ini.SaveGroupToStream(text, group);
+  IniFile loaded;
+  loaded.LoadFromStream(text);
+  EXPECT_EQ(loaded.GetGroups(), ini.GetGroups());
+}
+
+TEST(IniFile, AStreamThatFailsTellsByItsState) {
+  IniFile ini;
+  ini.SetValue("a", "k", std::string(100 * 1000, 'x'));
+  std::ofstream full("/dev/full");
+  ini.SaveToStream(full);
+  full.flush();
+  EXPECT_FALSE(full);
+}
+
+// Takes nothing.
+class FullBuf : public std::streambuf {
+ protected:
+  std::streamsize xsputn(const char*, std::streamsize) override { return 0; }
+};
+
+TEST(IniFile, AStreamThatWasToldToThrowDoesSo) {
+  for (const size_t size : {1u, 100u * 1000}) {
+    IniFile ini;
+    ini.SetValue("a", "k", std::string(size, 'x'));
+    ini.SetValue("b", "k", std::string(size, 'x'));
+    FullBuf buffer;
+    std::ostream full(&buffer);
+    full.exceptions(std::ios::badbit);
+    EXPECT_THROW(ini.SaveToStream(full), std::ios::failure) << size;
+    full.clear();
+    EXPECT_THROW(ini.SaveGroupToStream(full, "a"), std::ios::failure) << size;
+  }
+}
+
+}  // namespace

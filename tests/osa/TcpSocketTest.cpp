@@ -1,0 +1,226 @@
+#include "tavix/osa/TcpSocket.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tavix/osa/Exception.h"
+#include "tavix/osa/Time.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/Environment.h"
+#include "tests/support/ListeningSocket.h"
+
+namespace {
+
+using tavix::osa::Exception;
+using tavix::osa::kWaitForever;
+using tavix::osa::TcpSocket;
+using tavix::test::BackgroundCall;
+using tavix::test::Descriptor;
+using tavix::test::ListeningSocket;
+using tavix::test::MillisecondsOf;
+using tavix::test::ReceiveAll;
+using tavix::test::ScopedEnvironment;
+
+constexpr char kLoopback[] = "127.0.0.1";
+
+int Option(int descriptor, int level, int name) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  getsockopt(descriptor, level, name, &value, &size);
+  return value;
+}
+
+std::string ConnectedText(unsigned short port) {
+  return std::string("Failed to connect to 127.0.0.1 port ") + std::to_string(port) + ": ";
+}
+
+TEST(TcpSocket, IsUnconnectedAtFirst) {
+  TcpSocket socket(7211);
+  EXPECT_EQ(socket.GetDescriptor(), -1);
+  EXPECT_NO_THROW(socket.Shutdown());
+}
+
+TEST(TcpSocket, ConnectsToAListeningPeer) {
+  for (const unsigned int timeout : {0u, 1000u, 60000u, kWaitForever}) {
+    const ListeningSocket listener;
+    TcpSocket socket(0);
+    socket.Connect(kLoopback, listener.GetPort(), timeout);
+    const Descriptor peer = listener.Accept();
+    EXPECT_EQ(send(socket.GetDescriptor(), "x", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(tavix::test::ReceiveOnce(peer), "x");
+  }
+}
+
+TEST(TcpSocket, ARefusalNamesHostPortAndReason) {
+  const ListeningSocket occupied(ListeningSocket::kNotListening);
+  TcpSocket socket(0);
+  EXPECT_THAT([&] { socket.Connect(kLoopback, occupied.GetPort(), 1000); },
+              testing::ThrowsMessage<Exception>(ConnectedText(occupied.GetPort()) + "Connection refused"));
+  EXPECT_EQ(socket.GetDescriptor(), -1);
+}
+
+TEST(TcpSocket, AHostThatCannotBeResolvedIsNamed) {
+  TcpSocket socket(0);
+  EXPECT_THAT([&] { socket.Connect("no..host", 7211, 1000); },
+              testing::ThrowsMessage<Exception>(testing::StartsWith("Failed to connect to no..host port 7211: ")));
+  EXPECT_EQ(socket.GetDescriptor(), -1);
+}
+
+TEST(TcpSocket, ANullHostIsAnErrorLikeAnyOther) {
+  TcpSocket socket(0);
+  EXPECT_THROW(socket.Connect(nullptr, 1, 1000), Exception);
+}
+
+TEST(TcpSocket, MayTryAgainAfterAFailure) {
+  const ListeningSocket later(ListeningSocket::kNotListening);
+  TcpSocket socket(0);
+  EXPECT_THROW(socket.Connect(kLoopback, later.GetPort(), 1000), Exception);
+  ASSERT_EQ(listen(later.GetDescriptor(), 1), 0);
+  EXPECT_NO_THROW(socket.Connect(kLoopback, later.GetPort(), 1000));
+  EXPECT_GE(socket.GetDescriptor(), 0);
+}
+
+TEST(TcpSocket, ConnectingAgainEndsTheFirstConnection) {
+  const ListeningSocket listener;
+  TcpSocket socket(0);
+  socket.Connect(kLoopback, listener.GetPort(), 1000);
+  const Descriptor first = listener.Accept();
+  socket.Connect(kLoopback, listener.GetPort(), 1000);
+  const Descriptor second = listener.Accept();
+  EXPECT_EQ(ReceiveAll(first), "");
+  EXPECT_EQ(send(socket.GetDescriptor(), "x", 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(tavix::test::ReceiveOnce(second), "x");
+}
+
+// A peer whose queue of connections is full answers nothing: connects to it end by their limit alone.
+class FullListener {
+ public:
+  FullListener() : _listener(0) {
+    for (int i = 0; i < 3; ++i) {
+      _fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      address.sin_port = htons(_listener.GetPort());
+      (void)connect(_fillers.back().Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+  }
+
+  unsigned short GetPort() const { return _listener.GetPort(); }
+
+ private:
+  ListeningSocket _listener;
+  std::vector<Descriptor> _fillers;
+};
+
+TEST(TcpSocket, ALimitBelowASecondCountsAsASecond) {
+  const FullListener full;
+  for (const unsigned int timeout : {0u, 1u}) {
+    TcpSocket socket(0);
+    EXPECT_GE(MillisecondsOf([&] { EXPECT_THROW(socket.Connect(kLoopback, full.GetPort(), timeout), Exception); }),
+              1000);
+  }
+}
+
+TEST(TcpSocket, AConnectThatTimesOutSaysSo) {
+  const FullListener full;
+  TcpSocket socket(0);
+  const long took = MillisecondsOf([&] {
+    EXPECT_THAT([&] { socket.Connect(kLoopback, full.GetPort(), 1200); },
+                testing::ThrowsMessage<Exception>(ConnectedText(full.GetPort()) + "Connection timed out"));
+  });
+  EXPECT_GE(took, 1200);
+  EXPECT_EQ(socket.GetDescriptor(), -1);
+}
+
+TEST(TcpSocket, AServiceLabelGoesWhereItsVariableSays) {
+  const ListeningSocket listener;
+  const ScopedEnvironment variable("TAVIX_SETTINGS_SERVER",
+                                   ("127.0.0.1:" + std::to_string(listener.GetPort())).c_str());
+  TcpSocket socket(0);
+  socket.Connect("tavix-settings-server", 0, 1000);
+  EXPECT_GE(listener.Accept().Get(), 0);
+}
+
+TEST(TcpSocket, TheVariableIsReadAtEachAttempt) {
+  const ListeningSocket listener;
+  const ListeningSocket occupied(ListeningSocket::kNotListening);
+  TcpSocket socket(0);
+  const ScopedEnvironment first("TAVIX_SETTINGS_SERVER", ("127.0.0.1:" + std::to_string(occupied.GetPort())).c_str());
+  EXPECT_THROW(socket.Connect("tavix-settings-server", 0, 1000), Exception);
+  const ScopedEnvironment second("TAVIX_SETTINGS_SERVER", ("127.0.0.1:" + std::to_string(listener.GetPort())).c_str());
+  EXPECT_NO_THROW(socket.Connect("tavix-settings-server", 0, 1000));
+}
+
+// The error names where the attempt went, not the label: that is what the person who reads it has to look at.
+TEST(TcpSocket, AFailureNamesWhereTheVariableLedTo) {
+  const ListeningSocket occupied(ListeningSocket::kNotListening);
+  const ScopedEnvironment variable("TAVIX_SETTINGS_SERVER",
+                                   ("127.0.0.1:" + std::to_string(occupied.GetPort())).c_str());
+  TcpSocket socket(0);
+  EXPECT_THAT([&] { socket.Connect("tavix-settings-server", 0, 1000); },
+              testing::ThrowsMessage<Exception>(testing::StartsWith(ConnectedText(occupied.GetPort()))));
+}
+
+TEST(TcpSocket, IsClosedOnExecAndBlocksAndFindsDeadPeers) {
+  const ListeningSocket listener;
+  TcpSocket socket(0);
+  socket.Connect(kLoopback, listener.GetPort(), 1000);
+  const auto adopted = TcpSocket::Adopt(listener.Accept().Release());
+  for (const int descriptor : {socket.GetDescriptor(), adopted->GetDescriptor()}) {
+    EXPECT_TRUE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC);
+    EXPECT_FALSE(fcntl(descriptor, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(Option(descriptor, IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(Option(descriptor, SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(Option(descriptor, IPPROTO_TCP, TCP_KEEPIDLE) +
+                  Option(descriptor, IPPROTO_TCP, TCP_KEEPINTVL) * Option(descriptor, IPPROTO_TCP, TCP_KEEPCNT),
+              120);
+    EXPECT_EQ(Option(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT), 120 * 1000);
+  }
+}
+
+TEST(TcpSocket, AnAdoptedDescriptorIsClosedOnExecWhateverItWas) {
+  const Descriptor occupied(socket(AF_INET, SOCK_STREAM, 0));
+  const auto adopted = TcpSocket::Adopt(dup(occupied.Get()));
+  EXPECT_TRUE(fcntl(adopted->GetDescriptor(), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST(TcpSocket, TheDestructorClosesTheConnection) {
+  const ListeningSocket listener;
+  auto socket = std::make_unique<TcpSocket>(static_cast<unsigned short>(0));
+  socket->Connect(kLoopback, listener.GetPort(), 1000);
+  const Descriptor peer = listener.Accept();
+  const int descriptor = socket->GetDescriptor();
+  socket.reset();
+  EXPECT_EQ(ReceiveAll(peer), "");
+  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+}
+
+TEST(TcpSocket, ShutdownFromAnotherThreadWakesAReader) {
+  const ListeningSocket listener;
+  TcpSocket socket(0);
+  socket.Connect(kLoopback, listener.GetPort(), 1000);
+  const Descriptor peer = listener.Accept();
+  ssize_t received = -1;
+  BackgroundCall reader([&] {
+    char byte = 0;
+    received = recv(socket.GetDescriptor(), &byte, 1, 0);
+  });
+  reader.AwaitBlocked();
+  EXPECT_FALSE(reader.HasEnded());
+  socket.Shutdown();
+  reader.Join();
+  EXPECT_EQ(received, 0);
+  EXPECT_EQ(ReceiveAll(peer), "") << "the peer sees the end, too";
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "tests/programs/server/Daemon.h"
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr char kDevice[] = TAVIX_SOURCE_DIR "/examples/device/";
+
+class Check : public testing::Test {
+ protected:
+  // Runs the program with --check and these arguments; leaves what it wrote in _output and _errors.
+  int RunToEnd(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "--check");
+    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+    const int status = daemon.AwaitEnd();
+    _output = daemon.GetOutput();
+    _errors = daemon.GetErrors();
+    return status;
+  }
+
+  const TemporaryDirectory _directory;
+  std::string _output;
+  std::string _errors;
+};
+
+}  // namespace
+
+TEST_F(Check, SaysWhatTheDeviceExampleLoads) {
+  const std::string device = kDevice;
+  EXPECT_EQ(RunToEnd({"--defaults", device + "defaults.d", "--restricted", device + "restricted.d", "--user-settings", "u.ini"}),
+            0);
+  EXPECT_EQ(_errors, "");
+  EXPECT_THAT(_output, StartsWith("defaults: " + device + "defaults.d/10-base.ini: "));
+  EXPECT_THAT(_output, HasSubstr("/90-site.ini: 6 groups\n  dropped, restricted: [Secure/Users/installer]\n"));
+  EXPECT_THAT(_output, HasSubstr("\nuser settings: u.ini: absent, nothing loaded\n"));
+  EXPECT_THAT(_output, HasSubstr("\nrestricted: " + device + "restricted.d/20-keys.ini: 4 groups\nok: "));
+}
+
+TEST_F(Check, SaysWhatWasLoadedFromWhereAndHowMuchReadersWillSee) {
+  _directory.Write("d.ini", "[A]\nx=1\n[B]\ny=1\n[Trusted/T]\n");
+  _directory.Write("u.ini", "[A]\nx=2\n[Secure/S]\nk=1\n");
+  _directory.Write("r.ini", "[Secure/R]\nk=1\n");
+  EXPECT_EQ(RunToEnd({"--defaults", "d.ini", "--user-settings", "u.ini", "--restricted", "r.ini"}), 0);
+  EXPECT_EQ(_output,
+            "defaults: d.ini: 2 groups\n  dropped, restricted: [Trusted/T]\n"
+            "user settings: u.ini: 2 groups\n  dropped, restricted: [Secure/S]\n"
+            "restricted: r.ini: 1 group\n"
+            "ok: 3 groups\n");
+}
+
+TEST_F(Check, NoFilesAreNoSettings) {
+  EXPECT_EQ(RunToEnd({}), 0);
+  EXPECT_EQ(_output, "ok: 0 groups\n");
+}
+
+TEST_F(Check, ServesNothingAndWritesNothing) {
+  const std::string text = "[A]\n # by hand\n x = 1\n[Secure/S]\n";
+  _directory.Write("u.ini", text);
+  EXPECT_EQ(RunToEnd({"--listen", "192.0.2.1:1", "--user-settings", "u.ini"}), 0);
+  EXPECT_EQ(_directory.Read("u.ini"), text);
+}
+
+TEST_F(Check, LineThatIsNoSettingsTextEndsWithStatus78AndItsPlace) {
+  std::filesystem::create_directory(_directory.Path("d"));
+  _directory.Write("d/bad.ini", "[A]\nx=1\n\nnonsense\n");
+  _directory.Write("early.ini", "x=1\n");
+  _directory.Write("open.ini", "[A]\n[B\n");
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"d", "d/bad.ini:4: expected \"[group]\" or \"key=value\", found \"nonsense\""},
+      {"early.ini", "early.ini:1: expected \"[group]\" before the first \"key=value\", found \"x=1\""},
+      {"open.ini", "open.ini:2: expected \"[group]\" or \"key=value\", found \"[B\""},
+  };
+  for (const auto& [path, error] : cases) {
+    for (const char* option : {"--defaults", "--restricted"}) {
+      EXPECT_EQ(RunToEnd({option, path}), 78) << option << ' ' << path;
+      EXPECT_EQ(_errors, "tavix-settings-server: " + error + "\n");
+      EXPECT_EQ(_output, "");
+    }
+  }
+}
+
+TEST_F(Check, FileThatIsNotThereEndsWithStatus78AndItsName) {
+  for (const char* option : {"--defaults", "--restricted"}) {
+    EXPECT_EQ(RunToEnd({option, "gone.ini"}), 78);
+    EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'gone.ini': No such file or directory\n");
+  }
+  std::filesystem::create_directory(_directory.Path("d"));
+  std::filesystem::create_symlink("gone", _directory.Path("d/link.ini"));
+  EXPECT_EQ(RunToEnd({"--defaults", "d"}), 78);
+  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'd/link.ini': No such file or directory\n");
+}
+
+TEST_F(Check, UserSettingsBelowAFileAreAnError) {
+  _directory.Write("file", "");
+  EXPECT_EQ(RunToEnd({"--user-settings", "file/user.ini"}), 78);
+  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'file/user.ini': Not a directory\n");
+}
+
+// A pipe would hold the start up for ever, and user settings that are a device would be replaced by a file.
+TEST_F(Check, WhatIsNoFileIsRefusedAndNotWaitedFor) {
+  std::filesystem::create_directories(_directory.Path("d/sub.ini"));
+  std::filesystem::create_directory(_directory.Path("p"));
+  ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(_directory.Path("p/x.ini").c_str(), 0600), 0);
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"--defaults", "pipe"},      {"--restricted", "pipe"},      {"--user-settings", "pipe"}, {"--user-settings", "d"},
+      {"--user-settings", "/dev/null"}, {"--defaults", "/dev/zero"},
+  };
+  for (const auto& [option, path] : cases) {
+    EXPECT_EQ(RunToEnd({option, path}), 78) << option;
+    EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file '" + path + "': not a regular file\n");
+  }
+  EXPECT_EQ(RunToEnd({"--defaults", "p"}), 78);
+  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'p/x.ini': not a regular file\n");
+  EXPECT_EQ(RunToEnd({"--defaults", "d"}), 78);
+  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'd/sub.ini': not a regular file\n");
+}
+
+TEST_F(Check, BytesThatAreNoTextAreAnErrorThatCanBePrinted) {
+  _directory.Write("d.ini", std::string("[A]\n\0\x1b[31m\n", 12));
+  EXPECT_EQ(RunToEnd({"--defaults", "d.ini"}), 78);
+  EXPECT_EQ(_errors,
+            "tavix-settings-server: d.ini:2: expected \"[group]\" or \"key=value\", found \"\\x00\\x1b[31m\"\n");
+}
+
+}  // namespace tavix::test

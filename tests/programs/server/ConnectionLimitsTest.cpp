@@ -1,0 +1,123 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <list>
+#include <utility>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMostConnections = 1024;
+
+// Lets this process have that many descriptors.
+void AllowDescriptors(rlim_t count) {
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  ASSERT_GE(limit.rlim_max, count);
+  limit.rlim_cur = std::max(limit.rlim_cur, count);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+// Whether a new connection is served; the other possibility is that it is closed at once.
+bool IsServed(unsigned short port) {
+  ProtocolClient client(port);
+  return client.TrySend("get delimited\n.\nquit\n") && client.ReadToEnd() == "data\n.\n";
+}
+
+// Opens that many connections, and keeps those that are served.
+std::list<ProtocolClient> Open(unsigned short port, size_t count) {
+  std::list<ProtocolClient> served;
+  for (size_t i = 0; i < count; ++i) {
+    ProtocolClient client(port);
+    if (client.TrySend("get delimited\n.\n") && client.ReadFor(-1) == "data\n.\n") served.push_back(std::move(client));
+  }
+  return served;
+}
+
+// The processor time that the process has used, in seconds.
+double ProcessorTimeOf(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::vector<std::string> values((std::istream_iterator<std::string>(fields)), std::istream_iterator<std::string>());
+  return (std::stod(values.at(11)) + std::stod(values.at(12))) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// Changes how many descriptors the daemon may have; returns how many that were.
+rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
+  rlimit limit{};
+  EXPECT_EQ(prlimit(daemon.GetId(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  const rlim_t before = std::exchange(limit.rlim_cur, count);
+  EXPECT_EQ(prlimit(daemon.GetId(), RLIMIT_NOFILE, &limit, nullptr), 0);
+  return before;
+}
+
+// Looks at a second in which the daemon has ten requests to handle and nothing else.
+void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
+  const double before = ProcessorTimeOf(daemon.GetId());
+  for (int i = 0; i < 10; ++i) {
+    client.AwaitHandled();
+    EXPECT_EQ(client.ReadFor(100), "");
+  }
+  EXPECT_LT(ProcessorTimeOf(daemon.GetId()) - before, 0.3);
+}
+
+}  // namespace
+
+TEST(ConnectionLimits, OneConnectionMoreThanTheMostIsClosedAtOnceAndAFreedPlaceIsUsedAgain) {
+  AllowDescriptors(2 * kMostConnections);
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), kMostConnections);
+  ASSERT_EQ(clients.size(), kMostConnections);
+  EXPECT_FALSE(IsServed(daemon.GetPort()));
+  daemon.AwaitErrors("WARNING Server: Connection refused: 1024 are served already\n");
+  clients.back().AwaitHandled();
+  clients.pop_front();
+  EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
+}
+
+TEST(ConnectionLimits, ConnectionsLeaveTheDescriptorsThatASaveNeeds) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--user-settings", "user.ini"}, {64, {}});
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), 100);
+  EXPECT_THAT(clients.size(), testing::AllOf(testing::Gt(0u), testing::Lt(64u)));
+  clients.back().Send("merge\n[A]\nx=1\n.\n");
+  clients.back().AwaitHandled();
+  EXPECT_EQ(directory.Read("user.ini"), "[A]\nx=1\n");
+  clients.clear();
+  EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
+}
+
+// As when the whole system runs out of descriptors.
+TEST(ConnectionLimits, DaemonWithoutAFreeDescriptorRefusesConnectionsAndServesTheOthers) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
+  SetDescriptorLimit(daemon, 12);
+  EXPECT_THAT(Open(daemon.GetPort(), 100), testing::IsEmpty());
+  ExpectNoSpinning(daemon, clients.back());
+}
+
+TEST(ConnectionLimits, DaemonThatCanNotEvenRefuseLetsConnectionsWaitAndDoesNotSpin) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
+  const rlim_t before = SetDescriptorLimit(daemon, 3);
+  ProtocolClient waiting(daemon.GetPort());
+  daemon.AwaitErrors("WARNING Server: Connection refused: Too many open files\n");
+  ExpectNoSpinning(daemon, clients.back());
+  SetDescriptorLimit(daemon, before);
+  waiting.AwaitHandled();
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/support/DaemonProcess.h"
+#include "tests/support/ProtocolClient.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tavix::test {
+
+// The daemon in a directory, on a port of loopback that the kernel picks. Arguments name files relative to the
+// directory.
+class Daemon : public DaemonProcess {
+ public:
+  explicit Daemon(const TemporaryDirectory& directory, const std::vector<std::string>& arguments = {},
+                  const ProcessLimits& limits = {})
+      : DaemonProcess(TAVIX_SERVER_PROGRAM, directory.GetPath(), WithAddress(arguments), limits) {}
+
+ private:
+  static std::vector<std::string> WithAddress(std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
+    return arguments;
+  }
+};
+
+inline size_t CountOf(const std::string& part, const std::string& text) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) ++count;
+  return count;
+}
+
+}  // namespace tavix::test

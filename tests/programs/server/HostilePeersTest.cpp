@@ -1,0 +1,157 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <random>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/ElapsedTime.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMegabyte = 1024 * 1024;
+
+class HostilePeers : public testing::Test {
+ protected:
+  HostilePeers()
+      : _daemon(_directory, {"--defaults", _directory.Write("d.ini", "[A]\nx=1\n")}),
+        _port(_daemon.GetPort()),
+        _bystander(_port) {
+    _bystander.AwaitHandled();
+  }
+
+  void ExpectOthersAreServed() {
+    EXPECT_EQ(_bystander.Get("A\n"), "data\n[A]\nx=1\n.\n");
+    EXPECT_EQ(Converse(_port, "get\nA\n.\n"), "[A]\nx=1\n");
+  }
+
+  size_t CountOfEntries(const char* directory) const {
+    const std::string path = "/proc/" + std::to_string(_daemon.GetId()) + "/" + directory;
+    const std::filesystem::directory_iterator entries(path);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+  }
+
+  // The most that the daemon has mapped so far.
+  size_t AddressSpace() const {
+    std::ifstream status("/proc/" + std::to_string(_daemon.GetId()) + "/status");
+    for (std::string word; status >> word;) {
+      size_t kilobytes = 0;
+      if (word == "VmPeak:" && status >> kilobytes) return kilobytes * 1024;
+    }
+    ADD_FAILURE() << "no VmPeak";
+    return 0;
+  }
+
+  const TemporaryDirectory _directory;
+  Daemon _daemon;
+  const unsigned short _port;
+  ProtocolClient _bystander;
+};
+
+std::string RandomBytes(size_t count) {
+  std::mt19937 random(20240607);
+  std::uniform_int_distribution<int> byte(0, 255);
+  std::string bytes(count, '\0');
+  for (char& one : bytes) one = static_cast<char>(byte(random));
+  return bytes;
+}
+
+}  // namespace
+
+TEST_F(HostilePeers, RandomBytesHarmNobodyElse) {
+  const std::string bytes = RandomBytes(kMegabyte);
+  for (const char* start : {"", "merge\n", "merge\n[B]\n", "get delimited\n", "overwrite\n", "subscribe\n", "restore\n",
+                            "test-and-merge\n", "serialize phparray\nmerge\n", "serialize phparray\nmerge\na:9:{"}) {
+    ProtocolClient client(_port);
+    if (client.TrySend(start + bytes)) client.TrySend("\n.\nquit\n");
+    client.ReadToEnd();
+    ExpectOthersAreServed();
+  }
+}
+
+TEST_F(HostilePeers, SixteenMegabytesWithoutALineFeedAreOneLine) {
+  const std::string huge(16 * kMegabyte, 'x');
+  ProtocolClient client(_port);
+  client.Send(huge);
+  ExpectOthersAreServed();
+  client.Send("\nget delimited\nA\n" + huge + "\n.\n");
+  EXPECT_EQ(client.ReadUntil("\n.\n"), "data\n[A]\nx=1\n.\n");
+  ExpectOthersAreServed();
+}
+
+TEST_F(HostilePeers, FalseSizesInAPhpArrayReserveNothing) {
+  const size_t before = AddressSpace();
+  for (const char* payload : {"a:4294967295:{", "a:1:{s:4294967295:\"", "a:1:{s:1:\"A\";a:4294967295:{", "a:4294967296:{",
+                              "a:1:{s:99999999999999999999:\""}) {
+    ProtocolClient client(_port);
+    client.Send(std::string("serialize phparray\nmerge\n") + payload);
+    client.HalfClose();
+    EXPECT_EQ(client.ReadToEnd(), "") << payload;
+    ExpectOthersAreServed();
+  }
+  EXPECT_LT(AddressSpace(), before + 1024 * kMegabyte);
+}
+
+TEST_F(HostilePeers, HalfClosedPeerGetsTheWholeOfALargeReply) {
+  const std::string group = "[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n";
+  EXPECT_EQ(Converse(_port, "merge\n" + group + ".\nget\nLarge\n.\n"), group);
+}
+
+TEST_F(HostilePeers, ConnectionsThatComeAndGoLeaveNothingBehind) {
+  const size_t descriptors = CountOfEntries("fd");
+  const size_t threads = CountOfEntries("task");
+  for (int i = 0; i < 1000; ++i) ProtocolClient client(_port);
+  for (int i = 0; i < 100; ++i) ProtocolClient(_port).Reset();
+  for (int i = 0; i < 100; ++i) Converse(_port, "subscribe\n*\n.\nmerge nopersist\n[B]\ny=1\n.\n");
+  EXPECT_TRUE(Eventually([&] { return CountOfEntries("fd") == descriptors && CountOfEntries("task") == threads; }))
+      << CountOfEntries("fd") << " descriptors, " << CountOfEntries("task") << " threads";
+  ExpectOthersAreServed();
+}
+
+TEST_F(HostilePeers, PeerThatResetsItsConnectionWithinAReplyOrARequestHarmsNobodyElse) {
+  const size_t descriptors = CountOfEntries("fd");
+  Converse(_port, "merge\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n");
+  for (const char* request : {"get delimited\nLarge\n.\n", "subscribe\nLarge\n.\nget delimited\nLarge\n.\n", "dump all\n"}) {
+    ProtocolClient client(_port, 4096);
+    client.Send(request);
+    client.Read(1);
+    client.Reset();
+    ExpectOthersAreServed();
+  }
+  ProtocolClient client(_port);
+  client.Send("merge\n[A]\nx=");
+  client.AwaitTaken();
+  client.Reset();
+  EXPECT_TRUE(Eventually([&] { return CountOfEntries("fd") == descriptors; }));
+  ExpectOthersAreServed();
+}
+
+// Takes as long as the daemon waits for a peer that takes nothing.
+TEST_F(HostilePeers, SubscriberThatStopsReadingIsCutOffAfterTenSecondsAndWritersGoOn) {
+  ProtocolClient subscriber(_port, 4096);
+  subscriber.Send("subscribe\nLarge\n.\n");
+  subscriber.AwaitHandled();
+  std::list<BackgroundCall> writers;
+  const long waited = MillisecondsOf([&] {
+    for (int i = 0; i < 3; ++i) {
+      writers.emplace_back([this] {
+        EXPECT_EQ(Converse(_port, "merge\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\nget\nA\n.\n"),
+                  "[A]\nx=1\n");
+      });
+    }
+    EXPECT_EQ(subscriber.ReadLine(), "async change\n");
+    ExpectOthersAreServed();  // readers do not wait at all
+    for (BackgroundCall& writer : writers) writer.Join();
+  });
+  EXPECT_GE(waited, 9000);
+  EXPECT_LT(waited, 14000);
+  EXPECT_LT(subscriber.ReadToEnd().size(), 8 * kMegabyte);
+  EXPECT_EQ(Converse(_port, "info subscribed\n"), "Subscribed groups\n-----------------\n\n");
+}
+
+}  // namespace tavix::test

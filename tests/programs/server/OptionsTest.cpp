@@ -1,0 +1,150 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tests/programs/server/Daemon.h"
+
+namespace tavix::test {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+struct Outcome {
+  int status;
+  std::string output;
+  std::string errors;
+};
+
+// Runs the program to its end.
+Outcome RunToEnd(const std::vector<std::string>& arguments) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), arguments);
+  const int status = daemon.AwaitEnd();
+  return {status, daemon.GetOutput(), daemon.GetErrors()};
+}
+
+bool HasIpv6Loopback() {
+  std::ifstream addresses("/proc/net/if_inet6");
+  for (std::string line; std::getline(addresses, line);) {
+    if (line.rfind("00000000000000000000000000000001 ", 0) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST(Options, HelpNamesEveryOptionAndExitStatusOnStandardOutput) {
+  const Outcome outcome = RunToEnd({"--help"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_THAT(outcome.output, StartsWith("Usage: tavix-settings-server [OPTION]...\n"));
+  for (const char* word : {"--listen", "--allow-remote", "--defaults", "--restricted", "--user-settings", "--check",
+                           "--help", "--version", "127.0.0.1:7211", "64", "69", "74", "78"})
+    EXPECT_THAT(outcome.output, HasSubstr(word));
+}
+
+TEST(Options, VersionIsOneLineOnStandardOutput) {
+  const Outcome outcome = RunToEnd({"--version"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.output, MatchesRegex("tavix-settings-server [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+  EXPECT_EQ(outcome.errors, "");
+}
+
+TEST(Options, CommandLineThatIsNotUnderstoodEndsWithStatus64AndAHint) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{"--nonsense"}, "unrecognized option '--nonsense'"},
+      {{"--listen"}, "option '--listen' requires an argument"},
+      {{"--check=yes"}, "option '--check' doesn't allow an argument"},
+      {{"-x"}, "invalid option -- 'x'"},
+      {{"--check", "extra"}, "unexpected argument 'extra'"},
+      {{"--check", "--", "--check"}, "unexpected argument '--check'"},
+  };
+  for (const auto& [arguments, reason] : cases) {
+    const Outcome outcome = RunToEnd(arguments);
+    EXPECT_EQ(outcome.status, 64) << reason;
+    EXPECT_EQ(outcome.output, "") << reason;
+    EXPECT_THAT(outcome.errors, HasSubstr(reason));
+    EXPECT_THAT(outcome.errors, HasSubstr("Try 'tavix-settings-server --help'.\n"));
+  }
+}
+
+TEST(Options, AddressThatCanNotBeListenedOnEndsWithStatus69AndSaysWhy) {
+  const std::string expected = "expected HOST:PORT or [V6]:PORT";
+  const std::string remote = "it is not loopback, and --allow-remote was not given";
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"", expected},
+      {"nonsense", expected},
+      {":7211", expected},
+      {"127.0.0.1:", expected},
+      {"127.0.0.1:x", expected},
+      {"127.0.0.1:65536", expected},
+      {"127.0.0.1:-1", expected},
+      {"::1:7211", expected},
+      {"[::1]", expected},
+      {"0.0.0.0:0", remote},
+      {"[::]:0", remote},
+      {"192.0.2.1:0", remote},
+  };
+  for (const auto& [address, reason] : cases) {
+    const Outcome outcome = RunToEnd({"--listen", "127.0.0.1:0", "--listen", address});
+    EXPECT_EQ(outcome.status, 69) << address;
+    EXPECT_EQ(outcome.output, "") << address;
+    EXPECT_THAT(outcome.errors, StartsWith("tavix-settings-server: Can't listen on '" + address + "': " + reason));
+  }
+}
+
+TEST(Options, AddressInUseEndsWithStatus69AndSaysSo) {
+  const TemporaryDirectory directory;
+  Daemon first(directory);
+  const std::string address = first.AwaitAddresses().front();
+  const Outcome second = RunToEnd({"--listen", address});
+  EXPECT_EQ(second.status, 69);
+  EXPECT_EQ(second.errors, "tavix-settings-server: Can't listen on '" + address + "': Address already in use\n");
+  ProtocolClient(first.GetPort()).AwaitHandled();
+}
+
+TEST(Options, EveryAddressIsServedAndThePortIsTheOneThatTheKernelPicked) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(),
+                       {"--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0", "--listen", "127.1.2.3:0"});
+  const std::vector<std::string> addresses = daemon.AwaitAddresses(3);
+  EXPECT_THAT(addresses, ElementsAre(MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"), MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"),
+                                     MatchesRegex("127\\.1\\.2\\.3:[1-9][0-9]+")));
+  EXPECT_NE(addresses[0], addresses[1]);
+  for (const std::string& address : addresses) ProtocolClient(address).AwaitHandled();
+}
+
+TEST(Options, VersionSixAddressesStandInBrackets) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--listen", "[::1]:0"});
+  if (!HasIpv6Loopback()) {
+    EXPECT_EQ(daemon.AwaitEnd(), 69);
+    return;
+  }
+  const std::string address = daemon.AwaitAddresses().front();
+  EXPECT_THAT(address, MatchesRegex("\\[::1\\]:[1-9][0-9]+"));
+  ProtocolClient(address).AwaitHandled();
+}
+
+TEST(Options, RemoteAddressIsServedWhenThatIsAllowed) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--allow-remote", "--listen", "0.0.0.0:0"});
+  EXPECT_THAT(daemon.AwaitAddresses().front(), MatchesRegex("0\\.0\\.0\\.0:[1-9][0-9]+"));
+  ProtocolClient(daemon.GetPort()).AwaitHandled();
+}
+
+TEST(Options, StandardOutputHoldsTheAddressesAndNothingElse) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  const std::string address = daemon.AwaitAddresses().front();
+  Converse(daemon.GetPort(), "bogus\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(daemon.GetOutput(), "tavix-settings-server: listening on " + address + "\n");
+}
+
+}  // namespace tavix::test

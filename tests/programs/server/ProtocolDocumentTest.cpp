@@ -1,0 +1,96 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/FencedBlocks.h"
+
+namespace tavix::test {
+
+namespace {
+
+enum class Sign : char { kSent = '>', kReceived = '<', kClosed = 'x' };
+
+// A line of a transcript: "> text", "< text" or "x", with a connection's figure in front or without.
+struct TranscriptLine {
+  explicit TranscriptLine(const std::string& line) {
+    const size_t at = line.find_first_of("><x");
+    if (at == std::string::npos || at > 1) throw std::runtime_error("No line of a transcript: " + line);
+    connection = line.substr(0, at);
+    sign = static_cast<Sign>(line[at]);
+    text = line.substr(std::min(at + 2, line.size())) + "\n";
+  }
+
+  std::string connection;
+  Sign sign;
+  std::string text;
+};
+
+std::vector<TranscriptLine> LinesOf(const FencedBlock& block) {
+  return {block.lines.begin(), block.lines.end()};
+}
+
+// Plays a transcript against a daemon, each connection opened when it is first named. What follows each other in one
+// direction is sent at once.
+void Replay(const std::vector<TranscriptLine>& lines, unsigned short port) {
+  std::map<std::string, ProtocolClient> clients;
+  std::set<std::string> closed;
+  for (size_t i = 0; i < lines.size(); ++i) {
+    const TranscriptLine& line = lines[i];
+    ProtocolClient& client = clients.try_emplace(line.connection, port).first->second;
+    if (line.sign == Sign::kSent) {
+      std::string text = line.text;
+      for (; i + 1 < lines.size() && lines[i + 1].sign == Sign::kSent && lines[i + 1].connection == line.connection; ++i)
+        text += lines[i + 1].text;
+      client.Send(text);
+    } else if (line.sign == Sign::kReceived) {
+      ASSERT_EQ(client.ReadLine(), line.text);
+    } else {
+      ASSERT_EQ(client.ReadToEnd(), "");
+      closed.insert(line.connection);
+    }
+  }
+  for (auto& [name, client] : clients) {
+    if (closed.count(name)) continue;
+    client.HalfClose();
+    EXPECT_EQ(client.ReadToEnd(), "") << "connection " << name << " gets more than the document shows";
+  }
+}
+
+std::vector<FencedBlock> BlocksOf(const std::string& kind) {
+  std::vector<FencedBlock> blocks = ReadFencedBlocks("docs/protocol.md");
+  const auto isOther = [&](const FencedBlock& block) { return block.kind != kind; };
+  blocks.erase(std::remove_if(blocks.begin(), blocks.end(), isOther), blocks.end());
+  return blocks;
+}
+
+}  // namespace
+
+TEST(ProtocolDocument, EveryTranscriptIsWhatADaemonSays) {
+  for (const FencedBlock& transcript : BlocksOf("transcript")) {
+    SCOPED_TRACE(transcript.place);
+    const TemporaryDirectory directory;
+    directory.Write("defaults.ini", BlocksOf("ini defaults").at(0).GetText());
+    directory.Write("restricted.ini", BlocksOf("ini restricted").at(0).GetText());
+    Daemon daemon(directory, {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"});
+    Replay(LinesOf(transcript), daemon.GetPort());
+  }
+}
+
+TEST(ProtocolDocument, EveryRequestHasATranscript) {
+  std::set<std::string> sent;
+  for (const FencedBlock& transcript : BlocksOf("transcript")) {
+    for (const TranscriptLine& line : LinesOf(transcript)) {
+      if (line.sign == Sign::kSent) sent.insert(line.text);
+    }
+  }
+  for (const char* request :
+       {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n", "overwrite\n", "restore\n", "subscribe\n",
+        "serialize ini\n", "serialize phparray\n", "dump\n", "dump all\n", "info subscribed\n", "quit\n"})
+    EXPECT_THAT(sent, testing::Contains(request));
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,425 @@
+// What the multi-threaded client makes of connections that are lost and of replies that are no replies.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/settings/TavixSettingsClient.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/LogOf.h"
+#include "tests/support/PendingValue.h"
+#include "tests/support/RecordingCallback.h"
+#include "tests/support/ScriptedServer.h"
+
+namespace {
+
+using tavix::core::IniFile;
+using tavix::osa::Exception;
+using tavix::settings::TavixSettingsClient;
+using tavix::test::BackgroundCall;
+using tavix::test::Change;
+using tavix::test::DocumentOf;
+using tavix::test::Eventually;
+using tavix::test::LogOf;
+using tavix::test::MillisecondsOf;
+using tavix::test::PendingValue;
+using tavix::test::RecordingCallback;
+using tavix::test::ScriptedServer;
+using tavix::test::ServerEnd;
+using tavix::test::ServerThreads;
+using tavix::test::TextOf;
+using Groups = std::set<std::string>;
+
+constexpr auto kMode = TavixSettingsClient::MultiThreaded;
+constexpr char kGetA[] = "get delimited\nA\n.\n";
+constexpr char kReplyA[] = "data\n[A]\nx=1\n.\n";
+constexpr char kNoticeA[] = "async change\nA\n.\n[A]\nx=1\n.\n";
+constexpr char kGetFailed[] = "GetSettings failed to communicate with tavix-settings-server";
+constexpr char kTestFailed[] = "TestAndMerge failed to communicate with tavix-settings-server";
+constexpr char kStray[] = "ERROR TavixSettings: Message received without corresponding request";
+
+// A client that has lost so many connections while nobody waited, and the server's end of the one that it has now.
+struct ClientAfterLosses {
+  explicit ClientAfterLosses(int losses) : client(kMode), peer(server.Accept()) {
+    for (; losses > 0; --losses) {
+      peer.Close();
+      peer = server.Accept();
+    }
+    client.MergeSettings(IniFile());  // which waits until it is connected
+    peer.ReadThrough();
+  }
+
+  ScriptedServer server;
+  TavixSettingsClient client;
+  ServerEnd peer;
+};
+
+// A call that finds its reply at once, as calls do when nothing is wrong.
+void ExpectGoodCall(const TavixSettingsClient& client, ServerEnd& peer) {
+  PendingValue value(client);
+  EXPECT_EQ(peer.ReadThrough(), kGetA);
+  peer.Send(kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+// Deliberate: whoever asks first after a lost connection is told of it, though its own request is in order.
+TEST(TavixSettingsClientImplMultiThreaded, AfterAnyNumberOfLossesExactlyOneCallFails) {
+  for (const int losses : {1, 2}) {
+    ClientAfterLosses after(losses);
+    EXPECT_THAT([&] { after.client.GetValue("[A]x"); }, testing::ThrowsMessage<Exception>(kGetFailed)) << losses;
+    EXPECT_EQ(after.peer.ReadThrough(), kGetA);
+    after.peer.Send("data\n[A]\nx=late\n.\n");
+    ExpectGoodCall(after.client, after.peer);
+    ExpectGoodCall(after.client, after.peer);
+  }
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnEarlierLossFailsTestAndMergeWhichTheServerMayHaveDone) {
+  ClientAfterLosses after(1);
+  const auto test = [&] { return after.client.TestAndMerge(IniFile(), IniFile()); };
+  EXPECT_THAT(test, testing::ThrowsMessage<Exception>(kTestFailed));
+  EXPECT_EQ(after.peer.ReadThrough("test-and-merge"), "test-and-merge\n");
+  after.peer.ReadThrough(), after.peer.ReadThrough();
+  BackgroundCall next([&] { EXPECT_FALSE(test()); });
+  after.peer.ReadThrough("test-and-merge");
+  after.peer.Send("result\nok\nresult\nfailure\n");
+  next.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnEarlierLossDoesNotFailAChange) {
+  ClientAfterLosses after(1);
+  after.client.SetValue("[A]x", "1");
+  EXPECT_EQ(after.peer.ReadThrough(), "merge\n[A]\nx=1\n.\n");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, NothingIsWrittenIntoTheDocumentOfACallThatWasFailed) {
+  ClientAfterLosses after(1);
+  auto out = std::make_unique<IniFile>(DocumentOf("[A]\nx=0\n"));
+  EXPECT_THROW(after.client.GetSettings("A", *out), Exception);
+  EXPECT_EQ(TextOf(*out), "[A]\nx=0\n");
+  out.reset();
+  std::string late = "data\n";
+  for (int i = 0; i < 1000; ++i) late += "[A" + std::to_string(i) + "]\nx=late\n";
+  after.peer.ReadThrough();
+  after.peer.Send(late + ".\n");
+  ExpectGoodCall(after.client, after.peer);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, TheNextCallGetsItsOwnReplyAndNotTheLateOneOfAFailedCall) {
+  ClientAfterLosses after(1);
+  EXPECT_THROW(after.client.GetValue("[A]x"), Exception);
+  PendingValue value(after.client);
+  EXPECT_EQ(after.peer.ReadThrough(), kGetA);
+  EXPECT_EQ(after.peer.ReadThrough(), kGetA);
+  after.peer.Send("data\n[A]\nx=late\n.\n");
+  after.peer.Send(kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LateRepliesOfDifferentKindsMeetTheirOwnRequests) {
+  ClientAfterLosses after(1);
+  EXPECT_THROW(after.client.TestAndMerge(IniFile(), IniFile()), Exception);
+  PendingValue value(after.client);
+  after.peer.ReadThrough(), after.peer.ReadThrough(), after.peer.ReadThrough();
+  after.peer.Send(std::string("result\nok\n") + kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+// The reply came at once, before its caller saw the earlier loss: it must not stay for the next one.
+TEST(TavixSettingsClientImplMultiThreaded, AReplyThatOvertakesAnEarlierFailureIsNobodyElses) {
+  ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
+    if (number == 0) return;
+    for (int i = 0;; ++i) {
+      peer.ReadThrough();
+      peer.Send("data\n[A]\nx=" + std::to_string(i) + "\n.\n");
+    }
+  });
+  const TavixSettingsClient client(kMode);
+  int next = 0;
+  while (next == 0) {
+    try {
+      const std::string value = client.GetValue("[A]x");
+      next = std::stoi(value) + 1;
+    } catch (const Exception&) {
+    }
+  }
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(client.GetValue("[A]x"), std::to_string(next++));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ALossFailsTheCallerThatWaitsAndNobodyElse) {
+  ScriptedServer server;
+  const TavixSettingsClient client(kMode);
+  PendingValue value(client);
+  ServerEnd before = server.Accept();
+  before.ReadThrough();
+  before.Reset();
+  EXPECT_THAT([&] { value.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed));
+  ServerEnd after = server.Accept();
+  ExpectGoodCall(client, after);
+}
+
+// Each byte with a client of its own, all at once: every loss takes a second.
+TEST(TavixSettingsClientImplMultiThreaded, AReplyThatIsCutOffAnywhereFailsItsCallerAndLeavesTheDocument) {
+  const std::string reply = kReplyA;
+  ScriptedServer server;
+  const ServerThreads threads(server, [&](ServerEnd& peer, size_t number) {
+    peer.ReadThrough();
+    peer.Send(reply.substr(0, number));
+    if (number >= reply.size()) peer.ReadThrough("quit");
+  });
+  std::deque<TavixSettingsClient> clients;
+  std::deque<BackgroundCall> calls;
+  for (size_t cuts = reply.size(); cuts > 0; --cuts) {
+    const TavixSettingsClient& client = clients.emplace_back(kMode);
+    calls.emplace_back([&client] {
+      IniFile out = DocumentOf("[A]\nx=0\n");
+      EXPECT_THAT([&] { client.GetSettings("A", out); }, testing::ThrowsMessage<Exception>(kGetFailed));
+      EXPECT_EQ(TextOf(out), "[A]\nx=0\n");
+      IniFile next;
+      EXPECT_TRUE(client.GetSettings("A", next));
+      EXPECT_EQ(TextOf(next), "[A]\nx=1\n");
+    });
+  }
+  for (BackgroundCall& call : calls) call.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnOutcomeThatIsCutOffAnywhereFailsItsCaller) {
+  const std::string reply = "result\nok\n";
+  ScriptedServer server;
+  const ServerThreads threads(server, [&](ServerEnd& peer, size_t number) {
+    peer.ReadThrough(), peer.ReadThrough();
+    peer.Send(reply.substr(0, number));
+    if (number >= reply.size()) peer.ReadThrough("quit");
+  });
+  std::deque<TavixSettingsClient> clients;
+  std::deque<BackgroundCall> calls;
+  for (size_t cuts = reply.size(); cuts > 0; --cuts) {
+    TavixSettingsClient& client = clients.emplace_back(kMode);
+    calls.emplace_back([&client] {
+      const auto test = [&] { return client.TestAndMerge(IniFile(), IniFile()); };
+      EXPECT_THAT(test, testing::ThrowsMessage<Exception>(kTestFailed));
+      EXPECT_TRUE(test());
+    });
+  }
+  for (BackgroundCall& call : calls) call.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ANoticeThatIsCutOffAnywhereCallsNobodyAndTheNextConnectionDoes) {
+  const std::string notice = kNoticeA;
+  ScriptedServer server;
+  const ServerThreads threads(server, [&](ServerEnd& peer, size_t number) {
+    EXPECT_EQ(peer.ReadThrough(), "subscribe\nA\n.\n");
+    if (number < notice.size()) return peer.Send(notice.substr(0, number));
+    peer.Send("async change\nA\n.\n[A]\nx=2\n.\n");
+    peer.ReadThrough("quit");
+  });
+  std::deque<RecordingCallback> callbacks(notice.size());
+  std::deque<TavixSettingsClient> clients;
+  for (RecordingCallback& callback : callbacks) clients.emplace_back(kMode).Subscribe(&callback, "A");
+  for (RecordingCallback& callback : callbacks) {
+    EXPECT_TRUE(Eventually([&] { return !callback.GetChanges().empty(); }));
+    EXPECT_THAT(callback.GetChanges(), testing::ElementsAre(Change{{"A"}, "[A]\nx=2\n"}));
+  }
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AReplyThatCannotBeParsedIsFalseAndItsRestIsNoMessage) {
+  ClientAfterLosses with(0);
+  IniFile out = DocumentOf("[A]\nx=0\n");
+  bool got = true;
+  const auto messages = LogOf([&] {
+    BackgroundCall get([&] { got = with.client.GetSettings("A", out); });
+    with.peer.ReadThrough();
+    with.peer.Send("data\n[A]\nx=1\nno setting\nasync change\n[B]\n\ny=2\n.\n");
+    get.Join();
+  });
+  EXPECT_FALSE(got);
+  EXPECT_EQ(TextOf(out), "[A]\nx=0\n");
+  EXPECT_THAT(messages,
+              testing::ElementsAre("TRACE TavixSettings: GetSettings",
+                                   testing::StartsWith("ERROR TavixSettings: Exception handling response from "
+                                                       "server: reply:3: ")));
+  ExpectGoodCall(with.client, with.peer);  // on the same connection
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AReplyOfTheWrongKindFailsItsCallerAndItsRestIsReadAsFurtherLines) {
+  ClientAfterLosses with(0);
+  const auto messages = LogOf([&] {
+    BackgroundCall test([&] { with.client.TestAndMerge(IniFile(), IniFile()); });
+    with.peer.ReadThrough(), with.peer.ReadThrough();
+    with.peer.Send(kReplyA);
+    EXPECT_THAT([&] { test.Join(); }, testing::ThrowsMessage<Exception>(kTestFailed));
+    PendingValue value(with.client);
+    with.peer.ReadThrough();
+    with.peer.Send("result\nok\n");
+    EXPECT_THAT([&] { value.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed));
+    ExpectGoodCall(with.client, with.peer);  // on the same connection
+  });
+  EXPECT_THAT(messages, testing::IsSupersetOf({"ERROR TavixSettings: TestAndMerge failed",
+                                               "ERROR TavixSettings: GetSettings failed", kStray}));
+}
+
+// The rest of a wrong reply is never taken for the next caller's, however early that one asks.
+TEST(TavixSettingsClientImplMultiThreaded, TheRestOfAReplyOfTheWrongKindIsNobodysReply) {
+  ClientAfterLosses with(0);
+  BackgroundCall test([&] { with.client.TestAndMerge(IniFile(), IniFile()); });
+  with.peer.ReadThrough(), with.peer.ReadThrough();
+  with.peer.Send("data\n");
+  EXPECT_THROW(test.Join(), Exception);
+  PendingValue value(with.client);
+  EXPECT_EQ(with.peer.ReadThrough(), kGetA);
+  with.peer.Send("[A]\nx=wrong\n\n.\n");
+  with.peer.Send(kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ALineThatIsNoReplyFailsTheCallerAtOnceAndTheConnectionStays) {
+  ClientAfterLosses with(0);
+  for (const std::string line : {"bogus line", ".", "DATA", " "}) {
+    PendingValue value(with.client);
+    with.peer.ReadThrough();
+    with.peer.Send(line + "\n");
+    EXPECT_THAT([&] { value.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed)) << line;
+    ExpectGoodCall(with.client, with.peer);
+  }
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LinesThatNobodyWaitsForAreLoggedAndDropped) {
+  ClientAfterLosses with(0);
+  RecordingCallback callback;
+  with.client.Subscribe(&callback, "A");
+  with.peer.ReadThrough();
+  const auto messages = LogOf([&] {
+    with.peer.Send("bogus\nresult\nok\n. \n");
+    with.peer.Send(kNoticeA);
+    Eventually([&] { return !callback.GetChanges().empty(); });
+  });
+  // Four times the same; repeats are folded.
+  EXPECT_THAT(messages, testing::ElementsAre(kStray));
+  ExpectGoodCall(with.client, with.peer);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnEmptyLineEndsTheConnection) {
+  ClientAfterLosses with(0);
+  const auto messages = LogOf([&] {
+    PendingValue value(with.client);
+    with.peer.ReadThrough();
+    with.peer.Send("\n");
+    EXPECT_THAT([&] { value.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed));
+    EXPECT_EQ(with.peer.ReadToEnd(), "");
+    ServerEnd after = with.server.Accept();
+    ExpectGoodCall(with.client, after);
+  });
+  EXPECT_THAT(messages, testing::Contains("ERROR TavixSettings: Caught Unexpected empty line returned from tcp "
+                                          "connection with tavix-settings-server"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ANoticeThatCannotBeParsedEndsTheConnection) {
+  ClientAfterLosses with(0);
+  const auto messages = LogOf([&] {
+    with.peer.Send("async change\nA\n.\nno setting\n.\n");
+    EXPECT_EQ(with.peer.ReadToEnd(), "");
+  });
+  EXPECT_THAT(messages, testing::ElementsAre(testing::StartsWith("ERROR TavixSettings: Caught change notice:1: ")));
+  EXPECT_NO_THROW(with.server.Accept());
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ACallbackThatThrowsEndsTheConnectionAndTheClientLives) {
+  ScriptedServer server;
+  std::promise<void> second;
+  int calls = 0;
+  RecordingCallback callback([&] {
+    if (++calls == 1) throw std::runtime_error("of the callback");
+    second.set_value();
+  });
+  TavixSettingsClient client(kMode);
+  client.Subscribe(&callback, "A");
+  ServerEnd before = server.Accept();
+  const auto messages = LogOf([&] {
+    before.Send(kNoticeA);
+    EXPECT_EQ(before.ReadToEnd(), "subscribe\nA\n.\n");
+  });
+  EXPECT_THAT(messages, testing::ElementsAre("ERROR TavixSettings: Caught of the callback"));
+  ServerEnd after = server.Accept();
+  EXPECT_EQ(after.ReadThrough(), "subscribe\nA\n.\n");
+  after.Send(kNoticeA);
+  second.get_future().wait();
+}
+
+// The pipes can't be made again: they must stay in use, with all that is on its way in them.
+TEST(TavixSettingsClientImplMultiThreaded, ACallbackThatThrowsLeavesALocalConnectionInUse) {
+  int calls = 0;
+  RecordingCallback callback([&] {
+    if (++calls == 1) throw std::runtime_error("of the callback");
+  });
+  TavixSettingsClient client(TavixSettingsClient::MultiThreadedLocalConnection);
+  client.Subscribe(&callback, "A");
+  client.SetValue("[A]x", "1");
+  EXPECT_THAT([&] { client.GetValue("[A]x"); }, testing::ThrowsMessage<Exception>(kGetFailed));
+  EXPECT_EQ(client.GetValue("[A]x"), "1");
+  EXPECT_EQ(client.GetValue("[B]x"), "");  // and not the late reply of the call that was failed
+  client.SetValue("[A]x", "2");
+  EXPECT_EQ(client.GetValue("[A]x"), "2");
+  EXPECT_EQ(callback.GetChanges().size(), 2u);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnythingElseThatACallbackThrowsEndsTheWorkerAndLaterCallsTimeOut) {
+  ScriptedServer server;
+  RecordingCallback callback([] { throw 42; });
+  TavixSettingsClient client(kMode);
+  client.Subscribe(&callback, "A");
+  ServerEnd peer = server.Accept();
+  PendingValue waits(client);
+  peer.ReadThrough(), peer.ReadThrough();
+  const auto messages = LogOf(
+      [&] {
+        peer.Send(kNoticeA);
+        EXPECT_EQ(peer.ReadToEnd(), "");
+      },
+      3);
+  EXPECT_THAT(messages, testing::Contains("ERROR Thread: thread 'TavixSettings' ended by an exception: unknown"));
+  EXPECT_THAT([&] { waits.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed));
+  BackgroundCall get([&] { client.GetValue("[A]x"); });
+  BackgroundCall merge([&] { client.SetValue("[A]x", "1"); });
+  EXPECT_THAT([&] { get.Join(); }, testing::ThrowsMessage<Exception>(testing::StartsWith("Lock Timeout")));
+  EXPECT_THAT([&] { merge.Join(); }, testing::ThrowsMessage<Exception>(testing::StartsWith("Lock Timeout")));
+  EXPECT_FALSE(server.HasWaitingConnection());
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, CallsThatWouldWaitForThemselvesAreRefusedInACallback) {
+  ScriptedServer server;
+  std::unique_ptr<TavixSettingsClient> client;
+  std::promise<void> done;
+  const std::string why = " can't be called from a change callback of the same client: its thread receives the replies";
+  RecordingCallback callback([&] {
+    IniFile out;
+    const auto refuses = [&](const char* name) { return testing::ThrowsMessage<Exception>(name + why); };
+    EXPECT_THAT([&] { client->GetSettings("A", out); }, refuses("GetSettings"));
+    EXPECT_THAT([&] { client->TestAndMerge(out, out); }, refuses("TestAndMerge"));
+    EXPECT_THAT([&] { client->Subscribe(&callback, "B"); }, refuses("Subscribe"));
+    EXPECT_THROW(client->UnSubscribe(&callback), Exception);
+    client->SetValue("[B]y", "2");
+    client->EraseGroups("C");
+    client->RestoreToDefaults("D");
+    done.set_value();
+  });
+  client = std::make_unique<TavixSettingsClient>(kMode);
+  client->Subscribe(&callback, "A");
+  ServerEnd peer = server.Accept();
+  peer.Send(kNoticeA);
+  done.get_future().wait();
+  EXPECT_EQ(peer.ReadThrough("D"), "subscribe\nA\n.\nmerge\n[B]\ny=2\n.\noverwrite\nC\n.\n.\nrestore\nD\n");
+  EXPECT_EQ(peer.ReadThrough(), ".\n");
+  ExpectGoodCall(*client, peer);
+}
+
+}  // namespace

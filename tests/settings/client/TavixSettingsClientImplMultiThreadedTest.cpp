@@ -1,0 +1,505 @@
+#include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <deque>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/osa/LockException.h"
+#include "tavix/settings/TavixSettingsClient.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/FakeConnection.h"
+#include "tests/support/LogOf.h"
+#include "tests/support/OwnThreads.h"
+#include "tests/support/PendingValue.h"
+#include "tests/support/RecordingCallback.h"
+#include "tests/support/ScriptedServer.h"
+
+namespace {
+
+using tavix::core::IniFile;
+using tavix::osa::Exception;
+using tavix::osa::LockException;
+using tavix::settings::TavixSettingsClient;
+using tavix::settings::client::TavixSettingsClientImplMultiThreaded;
+using tavix::test::BackgroundCall;
+using tavix::test::Change;
+using tavix::test::DocumentOf;
+using tavix::test::Eventually;
+using tavix::test::FakeConnection;
+using tavix::test::ListeningSocket;
+using tavix::test::LogOf;
+using tavix::test::MillisecondsOf;
+using tavix::test::PendingValue;
+using tavix::test::RecordingCallback;
+using tavix::test::ScriptedServer;
+using tavix::test::ServerEnd;
+using tavix::test::TextOf;
+using Groups = std::set<std::string>;
+
+constexpr auto kMode = TavixSettingsClient::MultiThreaded;
+constexpr char kGetA[] = "get delimited\nA\n.\n";
+constexpr char kReplyA[] = "data\n[A]\nx=1\n.\n";
+constexpr char kNoticeA[] = "async change\nA\n.\n[A]\nx=1\n.\n";
+
+// Answers a request of PendingValue.
+void Answer(ServerEnd& peer) {
+  EXPECT_EQ(peer.ReadThrough(), kGetA);
+  peer.Send(kReplyA);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, TheWorkerConnectsByItself) {
+  ScriptedServer server;
+  const TavixSettingsClient client(kMode);
+  EXPECT_NO_THROW(server.Accept());
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, QuitIsTheLastThingItSays) {
+  ScriptedServer server;
+  auto client = std::make_unique<TavixSettingsClient>(kMode);
+  ServerEnd peer = server.Accept();
+  client->MergeSettings(IniFile());
+  BackgroundCall end([&] { client.reset(); });
+  EXPECT_EQ(peer.ReadThrough("quit"), "merge\n.\nquit\n");
+  peer.HalfClose();
+  EXPECT_EQ(peer.ReadToEnd(), "");
+  end.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AnEmptyListOfSubscriptionsIsNotSent) {
+  ScriptedServer server;
+  TavixSettingsClient client(kMode);
+  client.MergeSettings(IniFile());
+  EXPECT_EQ(server.Accept().ReadThrough(), "merge\n.\n");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, TheFirstRequestWaitsForTheConnection) {
+  ScriptedServer server(ListeningSocket::kNotListening);
+  TavixSettingsClient client(kMode);
+  BackgroundCall merge([&] { client.MergeSettings(IniFile()); });
+  merge.AwaitBlocked();
+  EXPECT_FALSE(merge.HasEnded());
+  server.Listen();
+  EXPECT_EQ(server.Accept().ReadThrough(), "merge\n.\n");
+  merge.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, WithoutAConnectionCallsTimeOutAfterTenSecondsAndLeaveNothingBehind) {
+  ScriptedServer server(ListeningSocket::kNotListening);
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  const std::function<void()> calls[] = {[&] { client.MergeSettings(IniFile()); }, [&] { client.EraseGroups("A"); },
+                                         [&] { client.RestoreToDefaults("A"); }, [&] { client.GetValue("[A]x"); },
+                                         [&] { client.Subscribe(&callback, "A"); }};
+  std::deque<BackgroundCall> waiting;
+  const long took = MillisecondsOf([&] {
+    for (const auto& call : calls) waiting.emplace_back(call);
+    for (BackgroundCall& call : waiting) {
+      EXPECT_THAT([&] { call.Join(); }, testing::ThrowsMessage<LockException>(testing::StartsWith("Lock Timeout")));
+    }
+  });
+  EXPECT_GE(took, 10000);
+  EXPECT_LT(took, 12000);
+  server.Listen();
+  ServerEnd peer = server.Accept();
+  client.MergeSettings(IniFile());
+  EXPECT_EQ(peer.ReadThrough(), "merge\n.\n");
+}
+
+// The server reads nothing and answers nothing: nobody learns whether a change was made.
+TEST(TavixSettingsClientImplMultiThreaded, AChangeReturnsOnceItIsWritten) {
+  ScriptedServer server;
+  TavixSettingsClient client(kMode);
+  client.MergeSettings(DocumentOf("[A]\nx=1\n"));
+  client.EraseGroups("A");
+  client.RestoreToDefaults("A");
+  EXPECT_NO_THROW(server.Accept());
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AReplyIsMergedIntoTheCallersDocument) {
+  ScriptedServer server;
+  const TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  IniFile out = DocumentOf("[A]\nx=0\ny=0\n[B]\n");
+  BackgroundCall get([&] { EXPECT_TRUE(client.GetSettings("A", out)); });
+  Answer(peer);
+  get.Join();
+  EXPECT_EQ(TextOf(out), "[A]\nx=1\ny=0\n[B]\n");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, TheOutcomeOfTestAndMergeIsTrueForOkAlone) {
+  ScriptedServer server;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  for (const std::string outcome : {"ok", "failure", "OK", "ok ", ""}) {
+    bool merged = outcome != "ok";
+    BackgroundCall call([&] { merged = client.TestAndMerge(IniFile(), IniFile()); });
+    peer.ReadThrough(), peer.ReadThrough();
+    peer.Send("result\n" + outcome + "\n");
+    call.Join();
+    EXPECT_EQ(merged, outcome == "ok") << outcome;
+  }
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AReplysFirstWordCounts) {
+  ScriptedServer server;
+  const TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  PendingValue value(client);
+  peer.ReadThrough();
+  peer.Send("  data and more\r\n[A]\nx=1\n.\n");
+  EXPECT_EQ(value.Join(), "1");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, SubscribesWithOneRequestWithoutAReply) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  client.Subscribe(&callback, Groups{"B", "A", "Net/*"});
+  EXPECT_EQ(peer.ReadThrough(), "subscribe\nA\nB\nNet/*\n.\n");
+  client.Subscribe(&callback, Groups{});
+  EXPECT_EQ(peer.ReadThrough(), "subscribe\n.\n");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ANoticeReachesTheCallbacksOfItsGroupsOnTheWorker) {
+  ScriptedServer server;
+  char name[16] = "";
+  RecordingCallback a([&] { pthread_getname_np(pthread_self(), name, sizeof name); });
+  RecordingCallback b;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  client.Subscribe(&a, "A*");
+  client.Subscribe(&b, "B");
+  peer.Send("async change\nA1\nA2\nOther\n.\n[A1]\nx=1\n[Other]\ny=1\n.\n");
+  PendingValue value(client);  // its reply comes after the callbacks
+  peer.ReadThrough(), peer.ReadThrough();
+  Answer(peer);
+  EXPECT_EQ(value.Join(), "1");
+  EXPECT_THAT(a.GetChanges(), testing::ElementsAre(Change{{"A1", "A2"}, "[A1]\nx=1\n[Other]\ny=1\n"}));
+  EXPECT_TRUE(b.GetChanges().empty());
+  EXPECT_STREQ(name, "TavixSettings");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, NoticesMayComeBeforeAReply) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  client.Subscribe(&callback, "A");
+  bool merged = false;
+  BackgroundCall call([&] { merged = client.TestAndMerge(IniFile(), IniFile()); });
+  peer.ReadThrough(), peer.ReadThrough(), peer.ReadThrough();
+  peer.Send(std::string(kNoticeA) + kNoticeA + "result\nok\n");
+  call.Join();
+  EXPECT_TRUE(merged);
+  EXPECT_EQ(callback.GetChanges().size(), 2u);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ANoticeForNobodyIsRead) {
+  ScriptedServer server;
+  const TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  peer.Send(std::string(kNoticeA) + "async\n.\n.\n" + kNoticeA);
+  PendingValue value(client);
+  Answer(peer);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ChangesAreSentWhileAnotherCallerWaits) {
+  ScriptedServer server;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  PendingValue value(client);
+  EXPECT_EQ(peer.ReadThrough(), kGetA);
+  client.MergeSettings(IniFile());
+  EXPECT_EQ(peer.ReadThrough(), "merge\n.\n");
+  EXPECT_FALSE(value.HasEnded());
+  peer.Send(kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, OneRequestThatAwaitsAReplyIsUnderWayAtATime) {
+  ScriptedServer server;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  PendingValue first(client);
+  EXPECT_EQ(peer.ReadThrough(), kGetA);
+  PendingValue second(client, "[B]y");
+  second.AwaitBlocked();
+  client.MergeSettings(IniFile());
+  EXPECT_EQ(peer.ReadThrough(), "merge\n.\n");
+  peer.Send(kReplyA);
+  EXPECT_EQ(first.Join(), "1");
+  EXPECT_EQ(peer.ReadThrough(), "get delimited\nB\n.\n");
+  peer.Send("data\n[B]\ny=2\n.\n");
+  EXPECT_EQ(second.Join(), "2");
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, UnSubscribeEndsTheCallsAtOnceAndSendsNothing) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  client.Subscribe(&callback, "A");
+  client.UnSubscribe(&callback);
+  peer.Send(kNoticeA);
+  PendingValue value(client);
+  EXPECT_EQ(peer.ReadThrough(), "subscribe\nA\n.\n");
+  Answer(peer);
+  EXPECT_EQ(value.Join(), "1");
+  EXPECT_TRUE(callback.GetChanges().empty());
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, UnSubscribeWaitsForACallThatIsUnderWay) {
+  ScriptedServer server;
+  std::promise<void> called, mayReturn;
+  RecordingCallback callback([&] {
+    called.set_value();
+    mayReturn.get_future().wait();
+  });
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  client.Subscribe(&callback, "A");
+  peer.Send(kNoticeA);
+  called.get_future().wait();
+  BackgroundCall unsubscribe([&] { client.UnSubscribe(&callback); });
+  unsubscribe.AwaitBlocked();
+  EXPECT_FALSE(unsubscribe.HasEnded());
+  mayReturn.set_value();
+  unsubscribe.Join();
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AfterAReconnectAllGroupsAreSubscribedInOneRequestBeforeAnyOther) {
+  ScriptedServer server;
+  RecordingCallback first, second, gone;
+  TavixSettingsClient client(kMode);
+  ServerEnd before = server.Accept();
+  client.Subscribe(&first, "B");
+  client.Subscribe(&second, Groups{"A", "B", "C*"});
+  client.Subscribe(&gone, "D");
+  client.UnSubscribe(&gone);
+  PendingValue value(client);
+  before.ReadThrough("get delimited");
+  before.Close();
+  EXPECT_THROW(value.Join(), Exception);  // the worker has the right to write from now on
+  std::deque<BackgroundCall> merges;
+  for (int i = 0; i < 4; ++i) merges.emplace_back([&] { client.MergeSettings(IniFile()); });
+  ServerEnd after = server.Accept();
+  EXPECT_EQ(after.ReadThrough(), "subscribe\nA\nB\nC*\n.\n");
+  for (BackgroundCall& merge : merges) merge.Join();
+  for (size_t i = 0; i < merges.size(); ++i) EXPECT_EQ(after.ReadThrough(), "merge\n.\n");
+  after.Send(kNoticeA);
+  EXPECT_TRUE(Eventually([&] { return second.GetChanges().size() == 1; }));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LogsItsConnection) {
+  ScriptedServer server;
+  std::unique_ptr<TavixSettingsClient> client;
+  EXPECT_THAT(LogOf([&] { client = std::make_unique<TavixSettingsClient>(kMode); }, 2),
+              testing::ElementsAre("INFO TavixSettings: (re)Connecting to tavix-setting server",
+                                   "INFO TavixSettings: Connected to tavix-settings-server, releasing semaphore"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LogsItsOperations) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  client.MergeSettings(IniFile());
+  const auto messages = LogOf([&] {
+    client.Subscribe(&callback, "A");
+    client.MergeSettings(IniFile());
+    client.EraseGroups("A");
+    client.RestoreToDefaults("A");
+  });
+  EXPECT_THAT(messages,
+              testing::ElementsAre("TRACE TavixSettings: Subscribe", "TRACE TavixSettings: MergeSettings",
+                                   "TRACE TavixSettings: OverwriteSettings", "TRACE TavixSettings: RestoreToDefaults"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LogsALossUnderAWaitingCallerAndTheReconnect) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  client.Subscribe(&callback, Groups{"A", "B"});
+  const auto messages = LogOf(
+      [&] {
+        BackgroundCall call([&] { client.TestAndMerge(IniFile(), IniFile()); });
+        server.Accept().ReadThrough("test-and-merge");
+      },
+      6);
+  EXPECT_THAT(messages, testing::UnorderedElementsAre(
+                            "TRACE TavixSettings: TestAndMerge", "INFO TavixSettings: cleaning request queue",
+                            "ERROR TavixSettings: TestAndMerge failed",
+                            "INFO TavixSettings: (re)Connecting to tavix-setting server",
+                            "INFO TavixSettings: Resubscribing 2 groups",
+                            "INFO TavixSettings: Connected to tavix-settings-server, releasing semaphore"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, LogsEachFailureToConnect) {
+  const ScriptedServer server(ListeningSocket::kNotListening);
+  std::unique_ptr<TavixSettingsClient> client;
+  auto messages = LogOf([&] { client = std::make_unique<TavixSettingsClient>(kMode); }, 11);
+  messages.resize(11);
+  const char warning[] = "WARNING TavixSettingsConnection: Failed to connect to tavix-settings-server";
+  const char retrying[] = "INFO TavixSettingsConnection: Retrying connection";
+  EXPECT_THAT(messages, testing::ElementsAre(
+                            "INFO TavixSettings: (re)Connecting to tavix-setting server", warning, retrying, warning,
+                            retrying, warning, retrying, warning,
+                            "WARNING TavixSettings: Connect() failed: Failed to connect to tavix-settings-server",
+                            "WARNING TavixSettings: Attempting to reconnect in 1 second",
+                            "INFO TavixSettings: (re)Connecting to tavix-setting server"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AConnectThatFailsInAnyWayIsTriedAgain) {
+  int connects = 0;
+  const auto messages = LogOf([&] {
+    TavixSettingsClientImplMultiThreaded client(new FakeConnection([&] {
+      ++connects;
+      if (connects == 1) throw 42;
+      if (connects == 2) throw std::runtime_error("no luck");
+    }));
+    client.MergeSettings(IniFile(), 0);
+  });
+  EXPECT_EQ(connects, 3);
+  EXPECT_THAT(messages, testing::IsSupersetOf({"WARNING TavixSettings: Connect() failed: unknown",
+                                               "WARNING TavixSettings: Connect() failed: no luck"}));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, AWriteThatFailsNamesItsOperationAndWakesTheWorker) {
+  const IniFile none;
+  const struct {
+    const char* name;
+    std::function<void(TavixSettingsClientImplMultiThreaded&)> call;
+  } cases[] = {
+      {"GetSettings",
+       [](auto& client) {
+         IniFile out;
+         client.GetSettings({"A"}, out);
+       }},
+      {"MergeSettings", [&](auto& client) { client.MergeSettings(none, 0); }},
+      {"TestAndMerge", [&](auto& client) { client.TestAndMerge(none, none); }},
+      {"OverwriteSettings", [&](auto& client) { client.OverwriteSettings({"A"}, none); }},
+      {"RestoreToDefaults", [](auto& client) { client.RestoreToDefaults({"A"}); }},
+  };
+  for (const auto& each : cases) {
+    auto* connection = new FakeConnection;
+    TavixSettingsClientImplMultiThreaded client(connection);
+    connection->requests.ClosePipe();
+    EXPECT_THAT([&] { each.call(client); }, testing::ThrowsMessage<Exception>(
+                                                std::string(each.name) + " lost connection to tavix-settings-server"));
+    EXPECT_TRUE(connection->replies.IsClosed()) << each.name;
+  }
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, DeletesItsConnection) {
+  struct Counted : FakeConnection {
+    explicit Counted(int& count) : _count(count) { ++_count; }
+    ~Counted() override { --_count; }
+    int& _count;
+  };
+  int count = 0;
+  { const TavixSettingsClientImplMultiThreaded client(new Counted(count)); }
+  EXPECT_EQ(count, 0);
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, NamesThatCannotStandOnALineAreRefusedBeforeAByteIsSent) {
+  ScriptedServer server;
+  RecordingCallback callback;
+  TavixSettingsClient client(kMode);
+  ServerEnd peer = server.Accept();
+  const IniFile good;
+  for (const std::string name : {".", "a\nb", "\n", "A\n.\nquit\n"}) {
+    IniFile bad, out;
+    bad[name];
+    EXPECT_THROW(client.GetSettings(Groups{"A", name}, out), Exception) << name;
+    EXPECT_THROW(client.MergeSettings(bad), Exception) << name;
+    EXPECT_THROW(client.TestAndMerge(bad, good), Exception) << name;
+    EXPECT_THROW(client.TestAndMerge(good, bad), Exception) << name;
+    EXPECT_THROW(client.Subscribe(&callback, name), Exception) << name;
+    EXPECT_THROW(client.OverwriteSettings(name, good), Exception) << name;
+    EXPECT_THROW(client.OverwriteSettings("A", bad), Exception) << name;
+    EXPECT_THROW(client.RestoreToDefaults(name), Exception) << name;
+  }
+  client.SetValue("[A]x", "1");
+  EXPECT_EQ(peer.ReadThrough(), "merge\n[A]\nx=1\n.\n");
+  peer.Close();
+  ServerEnd after = server.Accept();  // and nothing was registered
+  client.SetValue("[A]x", "2");
+  EXPECT_EQ(after.ReadThrough(), "merge\n[A]\nx=2\n.\n");
+}
+
+// The reader's end of a connection that loses its streams under the worker, which nothing but a bug could do.
+void CallWithoutStreams(const std::function<void(TavixSettingsClientImplMultiThreaded&)>& call) {
+  auto* connection = new FakeConnection;
+  TavixSettingsClientImplMultiThreaded client(connection);
+  client.MergeSettings(IniFile(), 0);
+  tavix::test::AwaitAsleep(tavix::test::FindThreads("TavixSettings").at(0));
+  connection->ClearStreams();
+  call(client);
+}
+
+class TavixSettingsClientImplMultiThreadedDeathTest : public testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(TavixSettingsClientImplMultiThreadedDeathTest, ARequestThatFindsNoStreamsAbortsTheProcess) {
+  RecordingCallback callback;
+  const std::string text = ": invariant broken: take\\(_sendMutex\\) && \\(!_pConnection->IsReady\\(\\)\\)\n";
+  const std::string prefix = "TavixSettingsClientImplMultiThreaded::";
+  EXPECT_EXIT(CallWithoutStreams([](auto& client) { client.MergeSettings(IniFile(), 0); }),
+              testing::KilledBySignal(SIGABRT), prefix + "MergeSettings" + text);
+  EXPECT_EXIT(CallWithoutStreams([](auto& client) { client.TestAndMerge(IniFile(), IniFile()); }),
+              testing::KilledBySignal(SIGABRT), prefix + "TestAndMerge" + text);
+  EXPECT_EXIT(CallWithoutStreams([&](auto& client) { client.Subscribe(&callback, {"A"}); }),
+              testing::KilledBySignal(SIGABRT), prefix + "Subscribe" + text);
+}
+
+void DestroyFromACallback() {
+  ScriptedServer server;
+  std::unique_ptr<TavixSettingsClient> client;
+  RecordingCallback callback([&] { client.reset(); });
+  client = std::make_unique<TavixSettingsClient>(kMode);
+  ServerEnd peer = server.Accept();
+  client->Subscribe(&callback, "A");
+  peer.Send(kNoticeA);
+  peer.ReadToEnd();
+}
+
+TEST_F(TavixSettingsClientImplMultiThreadedDeathTest, DestructionFromACallbackAbortsTheProcessInsteadOfHanging) {
+  EXPECT_EXIT(DestroyFromACallback(), testing::KilledBySignal(SIGABRT),
+              "~TavixSettingsClientImplMultiThreaded: called from a change callback of its own client\n");
+}
+
+// As a user who may not start any more threads.
+[[noreturn]] void MakeClientWithoutThreads() {
+  if (geteuid() == 0 && setuid(65534) != 0) std::_Exit(2);
+  const rlimit none{0, 0};
+  setrlimit(RLIMIT_NPROC, &none);
+  try {
+    const TavixSettingsClient client(kMode);
+  } catch (const Exception& exception) {
+    std::fprintf(stderr, "%s\n", exception.what());
+    std::_Exit(0);
+  }
+  std::_Exit(1);
+}
+
+TEST_F(TavixSettingsClientImplMultiThreadedDeathTest, AWorkerThatCannotBeStartedFailsTheConstructor) {
+  EXPECT_EXIT(MakeClientWithoutThreads(), testing::ExitedWithCode(0), "Failed to start thread 'TavixSettings': ");
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include "tests/support/DaemonProcess.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace tavix::test {
+
+namespace {
+
+constexpr std::chrono::seconds kLimit{30};
+constexpr char kListening[] = "tavix-settings-server: listening on ";
+
+int Require(int result, const char* call) {
+  if (result < 0) throw std::system_error(errno, std::generic_category(), call);
+  return result;
+}
+
+struct Pipe {
+  Pipe() {
+    int ends[2];
+    Require(pipe2(ends, O_CLOEXEC), "pipe");
+    reading = Descriptor(ends[0]);
+    writing = Descriptor(ends[1]);
+  }
+
+  Descriptor reading;
+  Descriptor writing;
+};
+
+bool LimitDescriptors(const std::optional<unsigned long>& count) {
+  if (!count) return true;
+  const rlimit limit{*count, *count};
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+// The hard limit stays, so that a test can raise the limit again.
+bool LimitFileSize(const std::optional<unsigned long>& size) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+  if (size) limit.rlim_cur = *size;
+  return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+
+// Between fork and exec only what is safe in a signal handler may be called: other threads may have held locks.
+[[noreturn]] void RunProgram(const char* directory, char* const* arguments, const ProcessLimits& limits, int output,
+                             int errors, pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(126);
+  const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  signal(SIGXFSZ, SIG_IGN);  // a write past the limit is to fail, not to kill
+  if (chdir(directory) == 0 && dup2(input, 0) >= 0 && dup2(output, 1) >= 0 && dup2(errors, 2) >= 0 &&
+      LimitFileSize(limits.fileSize) && LimitDescriptors(limits.descriptors)) {
+    execv(arguments[0], arguments);
+  }
+  _exit(127);
+}
+
+std::vector<std::string> AddressesIn(const std::string& output) {
+  std::vector<std::string> addresses;
+  for (size_t at = 0; (at = output.find(kListening, at)) != std::string::npos;) {
+    at += sizeof kListening - 1;
+    const size_t end = output.find('\n', at);
+    if (end != std::string::npos) addresses.push_back(output.substr(at, end - at));
+  }
+  return addresses;
+}
+
+bool HoldsSanitizerReport(const std::string& errors) {
+  return errors.find("Sanitizer") != std::string::npos || errors.find("runtime error:") != std::string::npos;
+}
+
+}  // namespace
+
+DaemonProcess::DaemonProcess(const std::string& program, const std::string& directory,
+                             const std::vector<std::string>& arguments, const ProcessLimits& limits) {
+  Pipe output;
+  Pipe errors;
+  std::vector<char*> pointers{const_cast<char*>(program.c_str())};
+  for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
+  pointers.push_back(nullptr);
+  const pid_t parent = getpid();
+  _id = Require(fork(), "fork");
+  if (_id == 0)
+    RunProgram(directory.c_str(), pointers.data(), limits, output.writing.Get(), errors.writing.Get(), parent);
+  _outputPipe = std::move(output.reading);
+  _errorPipe = std::move(errors.reading);
+  _collector = std::thread(&DaemonProcess::Collect, this);
+}
+
+DaemonProcess::~DaemonProcess() {
+  try {
+    if (!_status && Stop() != 0) ADD_FAILURE() << "The daemon ended with status " << *_status << "\n" << GetErrors();
+  } catch (const std::exception& exception) {
+    ADD_FAILURE() << exception.what();
+    Signal(SIGKILL);
+    waitpid(_id, nullptr, 0);
+  }
+  _collector.join();
+  if (HoldsSanitizerReport(_errors)) ADD_FAILURE() << "A sanitizer found this in the daemon:\n" << _errors;
+}
+
+void DaemonProcess::Collect() {
+  while (true) {
+    pollfd pipes[] = {{_outputPipe.Get(), POLLIN, 0}, {_errorPipe.Get(), POLLIN, 0}};
+    if (pipes[0].fd < 0 && pipes[1].fd < 0) return;
+    if (poll(pipes, 2, -1) < 0) continue;
+    if (pipes[0].revents) Receive(_outputPipe, _output);
+    if (pipes[1].revents) Receive(_errorPipe, _errors);
+  }
+}
+
+void DaemonProcess::Receive(Descriptor& pipe, std::string& text) {
+  char part[16 * 1024];
+  const ssize_t count = read(pipe.Get(), part, sizeof part);
+  if (count < 0 && errno == EINTR) return;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (count > 0) {
+      text.append(part, static_cast<size_t>(count));
+    } else {
+      pipe.Close();
+    }
+  }
+  _changed.notify_all();
+}
+
+template <class Condition>
+void DaemonProcess::Await(const char* what, Condition condition) const {
+  std::unique_lock<std::mutex> lock(_mutex);
+  const auto hasEnded = [&] { return _outputPipe.Get() < 0 && _errorPipe.Get() < 0; };
+  _changed.wait_for(lock, kLimit, [&] { return condition() || hasEnded(); });
+  if (!condition())
+    throw std::runtime_error(std::string("The daemon ") + what + (hasEnded() ? " before its end" : " within 30 s") +
+                             ". Output:\n" + _output + "\nErrors:\n" + _errors);
+}
+
+std::vector<std::string> DaemonProcess::AwaitAddresses(size_t count) const {
+  std::vector<std::string> addresses;
+  Await("did not say that it listens", [&] {
+    addresses = AddressesIn(_output);
+    return addresses.size() >= count;
+  });
+  return addresses;
+}
+
+unsigned short DaemonProcess::GetPort() const {
+  const std::string address = AwaitAddresses().front();
+  return static_cast<unsigned short>(std::stoul(address.substr(address.rfind(':') + 1)));
+}
+
+std::string DaemonProcess::GetOutput() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _output;
+}
+
+std::string DaemonProcess::GetErrors() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _errors;
+}
+
+void DaemonProcess::AwaitErrors(const std::string& text) const {
+  const std::string what = "did not write \"" + text + "\"";
+  Await(what.c_str(), [&] { return _errors.find(text) != std::string::npos; });
+}
+
+void DaemonProcess::Signal(int signal) const {
+  if (!_status) kill(_id, signal);
+}
+
+int DaemonProcess::AwaitEnd() {
+  if (_status) return *_status;
+  Await("did not end", [&] { return _outputPipe.Get() < 0 && _errorPipe.Get() < 0; });
+  int status = 0;
+  Require(waitpid(_id, &status, 0), "waitpid");
+  _status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  return *_status;
+}
+
+int DaemonProcess::Stop(int signal) {
+  Signal(signal);
+  return AwaitEnd();
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Descriptor.h"
+
+namespace tavix::test {
+
+// What the kernel lets the child have.
+struct ProcessLimits {
+  std::optional<unsigned long> descriptors;  // that may be open at a time
+  std::optional<unsigned long> fileSize;     // in bytes; writing more fails, as on a full disk
+};
+
+// The real tavix-settings-server as a child process, whose output is collected from its start to its end.
+//
+// Threads: made on the test's main thread: the child is killed when the thread that made it ends.
+// Errors:  what waits throws std::runtime_error after 30 s, with what the daemon wrote. A daemon that is still there in
+//          the destructor is ended by SIGTERM and must exit with status 0, else the test fails. What a sanitizer wrote
+//          fails the test in any case.
+class DaemonProcess {
+ public:
+  // directory: what the program runs in.
+  DaemonProcess(const std::string& program, const std::string& directory, const std::vector<std::string>& arguments,
+                const ProcessLimits& limits = {});
+  ~DaemonProcess();
+
+  DaemonProcess(const DaemonProcess&) = delete;
+  DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+  pid_t GetId() const { return _id; }
+
+  // The addresses that it says it listens on, HOST:PORT each, once there are that many.
+  std::vector<std::string> AwaitAddresses(size_t count = 1) const;
+
+  // The port of its first address.
+  unsigned short GetPort() const;
+
+  // What it wrote to standard output and standard error so far.
+  std::string GetOutput() const;
+  std::string GetErrors() const;
+
+  // Waits until it wrote that text to standard error.
+  void AwaitErrors(const std::string& text) const;
+
+  void Signal(int signal) const;
+
+  // Waits for its end and for all that it wrote. The exit status; 128 and the signal's number when a signal ended it.
+  int AwaitEnd();
+
+  // Sends the signal and waits for the end.
+  int Stop(int signal = SIGTERM);
+
+ private:
+  void Collect();
+  void Receive(Descriptor& pipe, std::string& text);
+  template <class Condition>
+  void Await(const char* what, Condition condition) const;
+
+  pid_t _id = -1;
+  std::optional<int> _status;
+
+  mutable std::mutex _mutex;  // guards what follows
+  mutable std::condition_variable _changed;
+  std::string _output;
+  std::string _errors;
+  Descriptor _outputPipe;  // closed once there is no more to come
+  Descriptor _errorPipe;
+
+  std::thread _collector;
+};
+
+}  // namespace tavix::test

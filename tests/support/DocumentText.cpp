@@ -1,0 +1,33 @@
+#include "tests/support/DocumentText.h"
+
+#include <sstream>
+
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::test {
+
+core::IniFile DocumentOf(const std::string& text) {
+  core::IniFile document;
+  document.LoadFromString(text);
+  return document;
+}
+
+std::string TextOf(const core::IniFile& document) {
+  std::ostringstream text;
+  document.SaveToStream(text);
+  return text.str();
+}
+
+std::string AllSettingsOf(const settings::server::SettingsManager& store) {
+  std::ostringstream text;
+  store.DumpAllSettings(text);
+  return text.str();
+}
+
+std::string UserSettingsOf(const settings::server::SettingsManager& store) {
+  std::ostringstream text;
+  store.DumpUserSettings(text);
+  return text.str();
+}
+
+}  // namespace tavix::test
