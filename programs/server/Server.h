@@ -20,7 +20,8 @@ class StopSignals;
 // Threads: one thread constructs, runs and destroys it.
 class Server {
  public:
-  // The most connections at a time; one more is accepted and closed at once.
+  // The most connections at a time, fewer when the process may not have enough descriptors for them and for its files;
+  // one more is accepted and closed at once.
   static constexpr size_t kMostConnections = 1024;
 
   // Listens on all addresses; connections queue until Run. store: outlives the server. Throws osa::Exception that names
@@ -41,15 +42,17 @@ class Server {
 
  private:
   void AcceptFrom(const Listener& listener);
-  void RefuseOne(const Listener& listener);
+  bool RefuseOne(const Listener& listener);
   void RemoveEndedConnections();
   void EndAllConnections();
 
   settings::server::SerializationManager _serializationManager;
   settings::server::ServerEnv _env;
   std::vector<Listener> _listeners;
-  int _wake;   // an eventfd that connections write to when they end
-  int _spare;  // given up for a moment when descriptors run out, so that the queue can be emptied
+  int _wake;                // an eventfd that connections write to when they end
+  int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
+  bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
+  const size_t _mostConnections;
   std::list<std::unique_ptr<Connection>> _connections;
 };
 

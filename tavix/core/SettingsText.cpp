@@ -147,7 +147,7 @@ void SettingsTextReader::ReadLines(const char* begin, const char* end) {
     const char* lineEnd = Find(begin, end, '\n');
     if (backslash < begin) backslash = Find(begin, end, '\\');
     ReadLine(begin, lineEnd, backslash < lineEnd);
-    begin = lineEnd + 1;
+    begin = lineEnd == end ? end : lineEnd + 1;
   }
 }
 

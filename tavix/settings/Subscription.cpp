@@ -1,7 +1,9 @@
 #include "tavix/settings/Subscription.h"
 
 #include <exception>
+#include <list>
 #include <mutex>
+#include <utility>
 
 #include "tavix/core/Logger.h"
 #include "tavix/settings/TavixSettingsClient.h"
@@ -27,20 +29,71 @@ class Subscription::Forwarder : public IChangeCallback {
   IChangeCallback* _target;     // guarded by _mutex
 };
 
+// Small callbacks that a client could not let go of. They are freed when it can: the client is asked again whenever
+// somebody waits for its dispatcher anyway. A client that is gone lets go of all.
+class Subscription::LeftBehind {
+ public:
+  // Never freed, so that subscriptions may end at any time.
+  static LeftBehind& Get() {
+    static LeftBehind* const leftBehind = new LeftBehind;
+    return *leftBehind;
+  }
+
+  void Add(TavixSettingsClient* client, std::unique_ptr<Forwarder> forwarder) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _forwarders.emplace_back(client, std::move(forwarder));
+  }
+
+  // The lock is not held while the client is asked: a callback of it may want to add another.
+  void FreeThoseOf(TavixSettingsClient* client) {
+    std::list<Entry> mine = TakeThoseOf(client);
+    for (auto at = mine.begin(); at != mine.end();) at = TryDetach(*client, *at->second) ? mine.erase(at) : ++at;
+    std::lock_guard<std::mutex> lock(_mutex);
+    _forwarders.splice(_forwarders.end(), mine);
+  }
+
+ private:
+  using Entry = std::pair<TavixSettingsClient*, std::unique_ptr<Forwarder>>;
+
+  std::list<Entry> TakeThoseOf(TavixSettingsClient* client) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    std::list<Entry> taken;
+    for (auto at = _forwarders.begin(); at != _forwarders.end();) {
+      const auto here = at++;
+      if (here->first == client) taken.splice(taken.end(), _forwarders, here);
+    }
+    return taken;
+  }
+
+  std::mutex _mutex;  // guards what follows
+  std::list<Entry> _forwarders;
+};
+
+// False from a callback of the client: it can't let go of another one then.
+bool Subscription::TryDetach(TavixSettingsClient& client, Forwarder& forwarder) {
+  try {
+    client.Detach(&forwarder);
+    return true;
+  } catch (const std::exception& exception) {
+    core::Logger::GetLogger("Subscription")->Information("A callback stays subscribed: %s", exception.what());
+    return false;
+  }
+}
+
 Subscription::Subscription(TavixSettingsClient* client, IChangeCallback* target)
     : _client(client), _forwarder(std::make_unique<Forwarder>(target)) {}
 
 Subscription::~Subscription() {
   _forwarder->Forget();
-  try {
-    _client->Detach(_forwarder.get());
-  } catch (const std::exception& exception) {  // from a callback the client can't let go of it
-    core::Logger::GetLogger("Subscription")->Information("A callback stays subscribed: %s", exception.what());
-    static_cast<void>(_forwarder.release());
+  if (TryDetach(*_client, *_forwarder)) {
+    LeftBehind::Get().FreeThoseOf(_client);
+  } else {
+    LeftBehind::Get().Add(_client, std::move(_forwarder));
   }
 }
 
 void Subscription::Subscribe(const std::set<std::string>& groups) {
+  LeftBehind::Get().FreeThoseOf(_client);
   _client->Subscribe(_forwarder.get(), groups);
 }
 

@@ -15,7 +15,7 @@ class TavixSettingsClient;
 //
 // Threads: as the client's own operations; destroying it waits for a call that is under way on another thread. From a
 //          callback of the same client, too, it may be destroyed: the small callback then stays behind and does
-//          nothing.
+//          nothing, until the next subscription with the client begins or ends.
 class Subscription {
  public:
   // Both are borrowed and outlive the subscription. Subscribes to nothing yet.
@@ -30,6 +30,9 @@ class Subscription {
 
  private:
   class Forwarder;
+  class LeftBehind;
+
+  static bool TryDetach(TavixSettingsClient& client, Forwarder& forwarder);
 
   TavixSettingsClient* const _client;
   std::unique_ptr<Forwarder> _forwarder;

@@ -90,8 +90,9 @@ class Logger : public testing::Test {
     Configure({});
   }
 
-  // What was captured tells what failed.
+  // What was captured tells what failed. A count of repeats that is still due must not go to the next test.
   ~Logger() override {
+    Configure({});
     if (HasFailure()) std::cout << _output.Finish();
   }
 

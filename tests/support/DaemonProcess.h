@@ -52,6 +52,9 @@ class DaemonProcess {
   // Waits until it wrote that text to standard error.
   void AwaitErrors(const std::string& text) const;
 
+  // Waits until all its threads sleep: it has read what has arrived, and what is sent from now on arrives on its own.
+  void AwaitIdle() const;
+
   void Signal(int signal) const;
 
   // Waits for its end and for all that it wrote. The exit status; 128 and the signal's number when a signal ended it.

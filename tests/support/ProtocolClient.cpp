@@ -8,13 +8,10 @@
 #include <sys/time.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
-
-#include "tests/support/BackgroundCall.h"
+#include <utility>
 
 namespace tavix::test {
 
@@ -35,31 +32,6 @@ void SetUp(int descriptor, int receiveBuffer) {
   Require(setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit), "setsockopt");
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   if (receiveBuffer > 0) SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, receiveBuffer);
-}
-
-// As /proc/net/tcp writes it.
-std::string KernelText(const sockaddr_in& address) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%08X:%04X", address.sin_addr.s_addr, ntohs(address.sin_port));
-  return text;
-}
-
-// Whether the far end of the socket has nothing left to read.
-bool IsTaken(int descriptor) {
-  sockaddr_in own{};
-  sockaddr_in peer{};
-  socklen_t size = sizeof own;
-  Require(getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size), "getsockname");
-  Require(getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size), "getpeername");
-  const std::string wanted = KernelText(peer) + " " + KernelText(own) + " ";
-  std::ifstream connections("/proc/net/tcp");
-  for (std::string line; std::getline(connections, line);) {
-    const size_t at = line.find(wanted);
-    if (at == std::string::npos) continue;
-    const size_t receiveQueue = line.find(':', at + wanted.size());
-    return line.compare(receiveQueue + 1, 8, "00000000") == 0;
-  }
-  return false;
 }
 
 }  // namespace
@@ -98,10 +70,6 @@ bool ProtocolClient::TrySend(const std::string& text) {
     if (count > 0) sent += static_cast<size_t>(count);
   }
   return true;
-}
-
-void ProtocolClient::AwaitTaken() const {
-  if (!Eventually([this] { return IsTaken(_socket.Get()); })) throw std::runtime_error("The daemon reads nothing");
 }
 
 // False at the end of the connection.

@@ -23,9 +23,6 @@ class ProtocolClient {
   // The same; false when the peer is gone or takes nothing.
   bool TrySend(const std::string& text);
 
-  // Waits until the daemon has read all that was sent, so that what follows arrives on its own.
-  void AwaitTaken() const;
-
   // That many bytes.
   std::string Read(size_t count);
 

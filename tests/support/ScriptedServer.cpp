@@ -1,5 +1,7 @@
 #include "tests/support/ScriptedServer.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -26,7 +28,9 @@ bool IsReadable(int descriptor, int milliseconds) {
 
 ServerEnd::ServerEnd(Descriptor socket) : _socket(std::move(socket)) {
   const timeval limit{kLimit / 1000, 0};
+  const int atOnce = 1;
   setsockopt(_socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  setsockopt(_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
 }
 
 // False at the end of the connection.

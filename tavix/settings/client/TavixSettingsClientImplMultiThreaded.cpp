@@ -316,6 +316,7 @@ void TavixSettingsClientImplMultiThreaded::Run() {
       PauseUnlessStopping(kRetryPause);
     }
   }
+  _sendMutex.Release();  // only the destructor is left, which would wait for it in vain
 }
 
 void TavixSettingsClientImplMultiThreaded::Connect() {

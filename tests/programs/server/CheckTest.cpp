@@ -36,7 +36,8 @@ class Check : public testing::Test {
 
 TEST_F(Check, SaysWhatTheDeviceExampleLoads) {
   const std::string device = kDevice;
-  EXPECT_EQ(RunToEnd({"--defaults", device + "defaults.d", "--restricted", device + "restricted.d", "--user-settings", "u.ini"}),
+  EXPECT_EQ(RunToEnd({"--defaults", device + "defaults.d", "--restricted", device + "restricted.d", "--user-settings",
+                      "u.ini"}),
             0);
   EXPECT_EQ(_errors, "");
   EXPECT_THAT(_output, StartsWith("defaults: " + device + "defaults.d/10-base.ini: "));
@@ -112,8 +113,8 @@ TEST_F(Check, WhatIsNoFileIsRefusedAndNotWaitedFor) {
   ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(_directory.Path("p/x.ini").c_str(), 0600), 0);
   const std::vector<std::pair<std::string, std::string>> cases{
-      {"--defaults", "pipe"},      {"--restricted", "pipe"},      {"--user-settings", "pipe"}, {"--user-settings", "d"},
-      {"--user-settings", "/dev/null"}, {"--defaults", "/dev/zero"},
+      {"--defaults", "pipe"},   {"--restricted", "pipe"},         {"--user-settings", "pipe"},
+      {"--user-settings", "d"}, {"--user-settings", "/dev/null"}, {"--defaults", "/dev/zero"},
   };
   for (const auto& [option, path] : cases) {
     EXPECT_EQ(RunToEnd({option, path}), 78) << option;

@@ -52,6 +52,13 @@ double ProcessorTimeOf(pid_t process) {
   return (std::stod(values.at(11)) + std::stod(values.at(12))) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+// A sanitizer needs descriptors to look at a class for the first time: a connection has to come and go, and a line to
+// be logged, before there are none.
+void WarmUp(const Daemon& daemon) {
+  Converse(daemon.GetPort(), "bogus\n");
+  daemon.AwaitIdle();
+}
+
 // Changes how many descriptors the daemon may have; returns how many that were.
 rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
   rlimit limit{};
@@ -103,6 +110,7 @@ TEST(ConnectionLimits, DaemonWithoutAFreeDescriptorRefusesConnectionsAndServesTh
   const TemporaryDirectory directory;
   Daemon daemon(directory);
   std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
+  WarmUp(daemon);
   SetDescriptorLimit(daemon, 12);
   EXPECT_THAT(Open(daemon.GetPort(), 100), testing::IsEmpty());
   ExpectNoSpinning(daemon, clients.back());
@@ -112,6 +120,7 @@ TEST(ConnectionLimits, DaemonThatCanNotEvenRefuseLetsConnectionsWaitAndDoesNotSp
   const TemporaryDirectory directory;
   Daemon daemon(directory);
   std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
+  WarmUp(daemon);
   const rlim_t before = SetDescriptorLimit(daemon, 3);
   ProtocolClient waiting(daemon.GetPort());
   daemon.AwaitErrors("WARNING Server: Connection refused: Too many open files\n");

@@ -86,8 +86,8 @@ TEST_F(HostilePeers, SixteenMegabytesWithoutALineFeedAreOneLine) {
 
 TEST_F(HostilePeers, FalseSizesInAPhpArrayReserveNothing) {
   const size_t before = AddressSpace();
-  for (const char* payload : {"a:4294967295:{", "a:1:{s:4294967295:\"", "a:1:{s:1:\"A\";a:4294967295:{", "a:4294967296:{",
-                              "a:1:{s:99999999999999999999:\""}) {
+  for (const char* payload : {"a:4294967295:{", "a:1:{s:4294967295:\"", "a:1:{s:1:\"A\";a:4294967295:{",
+                              "a:4294967296:{", "a:1:{s:99999999999999999999:\""}) {
     ProtocolClient client(_port);
     client.Send(std::string("serialize phparray\nmerge\n") + payload);
     client.HalfClose();
@@ -116,7 +116,8 @@ TEST_F(HostilePeers, ConnectionsThatComeAndGoLeaveNothingBehind) {
 TEST_F(HostilePeers, PeerThatResetsItsConnectionWithinAReplyOrARequestHarmsNobodyElse) {
   const size_t descriptors = CountOfEntries("fd");
   Converse(_port, "merge\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n");
-  for (const char* request : {"get delimited\nLarge\n.\n", "subscribe\nLarge\n.\nget delimited\nLarge\n.\n", "dump all\n"}) {
+  for (const char* request :
+       {"get delimited\nLarge\n.\n", "subscribe\nLarge\n.\nget delimited\nLarge\n.\n", "dump all\n"}) {
     ProtocolClient client(_port, 4096);
     client.Send(request);
     client.Read(1);
@@ -125,7 +126,7 @@ TEST_F(HostilePeers, PeerThatResetsItsConnectionWithinAReplyOrARequestHarmsNobod
   }
   ProtocolClient client(_port);
   client.Send("merge\n[A]\nx=");
-  client.AwaitTaken();
+  _daemon.AwaitIdle();
   client.Reset();
   EXPECT_TRUE(Eventually([&] { return CountOfEntries("fd") == descriptors; }));
   ExpectOthersAreServed();

@@ -46,7 +46,8 @@ TEST_F(DeviceExample, LoadPrioritiesDecideAsItsTableSays) {
 
 TEST_F(DeviceExample, RestrictedGroupsComeFromTheRestrictedFilesOnly) {
   const std::string before = Ask("get\nSecure/*\nTrusted/*\n.\n");
-  EXPECT_THAT(before, testing::AllOf(HasSubstr("[Secure/Users/admin]\nmust_change=true\n"), HasSubstr("[Trusted/Hosts]\n")));
+  EXPECT_THAT(before,
+              testing::AllOf(HasSubstr("[Secure/Users/admin]\nmust_change=true\n"), HasSubstr("[Trusted/Hosts]\n")));
   EXPECT_THAT(before, Not(HasSubstr("[Secure/Users/installer]")));
   Ask("merge\n[Secure/Users/installer]\nrole=administrator\n.\noverwrite\nSecure/*\n.\n[Secure/Tls]\nkey=mine\n.\n");
   EXPECT_EQ(Ask("get\nSecure/*\nTrusted/*\n.\n"), before);

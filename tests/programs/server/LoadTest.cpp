@@ -27,8 +27,8 @@ void Increment(ProtocolClient& client) {
   std::string outcome;
   while (outcome != "ok\n") {
     const int value = ValueIn(client.Get("Counter\n"));
-    client.Send("test-and-merge\n[Counter]\nn=" + std::to_string(value) + "\n.\n[Counter]\nn=" +
-                std::to_string(value + 1) + "\n.\n");
+    client.Send("test-and-merge\n[Counter]\nn=" + std::to_string(value) +
+                "\n.\n[Counter]\nn=" + std::to_string(value + 1) + "\n.\n");
     ASSERT_EQ(client.ReadLine(), "result\n");
     outcome = client.ReadLine();
     ASSERT_THAT(outcome, testing::AnyOf("ok\n", "failure\n"));

@@ -113,8 +113,9 @@ TEST(Options, EveryAddressIsServedAndThePortIsTheOneThatTheKernelPicked) {
   DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(),
                        {"--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0", "--listen", "127.1.2.3:0"});
   const std::vector<std::string> addresses = daemon.AwaitAddresses(3);
-  EXPECT_THAT(addresses, ElementsAre(MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"), MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"),
-                                     MatchesRegex("127\\.1\\.2\\.3:[1-9][0-9]+")));
+  EXPECT_THAT(addresses,
+              ElementsAre(MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"), MatchesRegex("127\\.0\\.0\\.1:[1-9][0-9]+"),
+                          MatchesRegex("127\\.1\\.2\\.3:[1-9][0-9]+")));
   EXPECT_NE(addresses[0], addresses[1]);
   for (const std::string& address : addresses) ProtocolClient(address).AwaitHandled();
 }

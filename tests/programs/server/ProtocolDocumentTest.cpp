@@ -43,7 +43,8 @@ void Replay(const std::vector<TranscriptLine>& lines, unsigned short port) {
     ProtocolClient& client = clients.try_emplace(line.connection, port).first->second;
     if (line.sign == Sign::kSent) {
       std::string text = line.text;
-      for (; i + 1 < lines.size() && lines[i + 1].sign == Sign::kSent && lines[i + 1].connection == line.connection; ++i)
+      for (; i + 1 < lines.size() && lines[i + 1].sign == Sign::kSent && lines[i + 1].connection == line.connection;
+           ++i)
         text += lines[i + 1].text;
       client.Send(text);
     } else if (line.sign == Sign::kReceived) {
@@ -75,7 +76,8 @@ TEST(ProtocolDocument, EveryTranscriptIsWhatADaemonSays) {
     const TemporaryDirectory directory;
     directory.Write("defaults.ini", BlocksOf("ini defaults").at(0).GetText());
     directory.Write("restricted.ini", BlocksOf("ini restricted").at(0).GetText());
-    Daemon daemon(directory, {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"});
+    Daemon daemon(directory,
+                  {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"});
     Replay(LinesOf(transcript), daemon.GetPort());
   }
 }
@@ -87,9 +89,9 @@ TEST(ProtocolDocument, EveryRequestHasATranscript) {
       if (line.sign == Sign::kSent) sent.insert(line.text);
     }
   }
-  for (const char* request :
-       {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n", "overwrite\n", "restore\n", "subscribe\n",
-        "serialize ini\n", "serialize phparray\n", "dump\n", "dump all\n", "info subscribed\n", "quit\n"})
+  for (const char* request : {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n",
+                              "overwrite\n", "restore\n", "subscribe\n", "serialize ini\n", "serialize phparray\n",
+                              "dump\n", "dump all\n", "info subscribed\n", "quit\n"})
     EXPECT_THAT(sent, testing::Contains(request));
 }
 

@@ -26,7 +26,8 @@ class Protocol : public testing::Test {
  protected:
   Protocol()
       : _defaults(_directory.Write("defaults.ini", kDefaults)),
-        _daemon(_directory, {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"}),
+        _daemon(_directory,
+                {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"}),
         _port(_daemon.GetPort()) {}
 
   std::string Converse(const std::string& requests) { return tavix::test::Converse(_port, requests); }
@@ -199,9 +200,9 @@ TEST_F(Protocol, ListThatTheEndOfTheConnectionCutsOffIsStillAnswered) {
 }
 
 TEST_F(Protocol, ChangeThatTheEndOfTheConnectionCutsOffIsNotCarriedOut) {
-  for (const char* request :
-       {"merge\n[A]\nx=5\n", "merge\n[A]\nx=5", "merge", "overwrite\nA\n.\n", "overwrite\nA\n", "overwrite\nA\n.\n[A]\ny=1",
-        "restore\nA\n", "test-and-merge\n.\n[A]\nx=5\n", "serialize phparray\nmerge\na:1:{s:1:\"A\";a:1:{s:1:\"x\";"}) {
+  for (const char* request : {"merge\n[A]\nx=5\n", "merge\n[A]\nx=5", "merge", "overwrite\nA\n.\n", "overwrite\nA\n",
+                              "overwrite\nA\n.\n[A]\ny=1", "restore\nA\n", "test-and-merge\n.\n[A]\nx=5\n",
+                              "serialize phparray\nmerge\na:1:{s:1:\"A\";a:1:{s:1:\"x\";"}) {
     EXPECT_EQ(Converse(request), "") << request;
     EXPECT_EQ(Converse("get delimited\nA\n.\ndump\n"), "data\n[A]\nx=1\n.\n.\n") << request;
   }
@@ -240,8 +241,9 @@ TEST_F(Protocol, PhpArrayPayloadsOfOneRequestMayFollowEachOtherWithOrWithoutATer
   const std::string condition = "a:1:{s:1:\"A\";a:1:{s:1:\"x\";s:1:\"1\";}}";
   const std::string change = "a:1:{s:1:\"B\";a:1:{s:1:\"y\";s:1:\"2\";}}";
   for (const char* between : {"\n.\n", "\n\n.\n", "\n", ""}) {
-    EXPECT_EQ(Converse("serialize phparray\ntest-and-merge\n" + condition + between + change + "\n\n.\ninfo subscribed\n"),
-              "result\nok\nSubscribed groups\n-----------------\n\n")
+    EXPECT_EQ(
+        Converse("serialize phparray\ntest-and-merge\n" + condition + between + change + "\n\n.\ninfo subscribed\n"),
+        "result\nok\nSubscribed groups\n-----------------\n\n")
         << between;
   }
 }
@@ -300,7 +302,7 @@ TEST_F(Protocol, RequestSplitAnywhereIsAnsweredTheSame) {
     for (size_t split = 1; split <= end; ++split) {
       ProtocolClient client(_port);
       client.Send(conversation.sent.substr(0, split));
-      client.AwaitTaken();
+      _daemon.AwaitIdle();
       client.Send(conversation.sent.substr(split));
       client.HalfClose();
       ASSERT_EQ(client.ReadToEnd(), conversation.received) << conversation.about << " split at " << split;
@@ -335,8 +337,7 @@ TEST_F(Protocol, LargePayloadsPassWhole) {
   client.Send("merge\n[Large]\nk=" + large + "\n.\n");
   EXPECT_EQ(client.Get("Large\n"), "data\n[Large]\nk=" + large + "\n.\n");
   client.Send("serialize phparray\n");
-  EXPECT_EQ(client.Get("Large\n"),
-            "data\na:1:{s:5:\"Large\";a:1:{s:1:\"k\";s:4194304:\"" + large + "\";}}\n\n.\n");
+  EXPECT_EQ(client.Get("Large\n"), "data\na:1:{s:5:\"Large\";a:1:{s:1:\"k\";s:4194304:\"" + large + "\";}}\n\n.\n");
 }
 
 }  // namespace tavix::test

@@ -62,14 +62,15 @@ TEST(Stopping, IdleClientsAndThoseWithinARequestAreEnded) {
   const TemporaryDirectory directory;
   Daemon daemon(directory, {"--user-settings", "user.ini"});
   std::list<ProtocolClient> clients;
-  for (const char* sent : {"", "subscribe\n*\n.\n", "merge\n[A]\nx=", "get delimited\nA", "serialize phparray\nmerge\na:1:{"}) {
+  for (const char* sent :
+       {"", "subscribe\n*\n.\n", "merge\n[A]\nx=", "get delimited\nA", "serialize phparray\nmerge\na:1:{"}) {
     for (int i = 0; i < 10; ++i) {
       clients.emplace_back(daemon.GetPort());
       clients.back().AwaitHandled();
       clients.back().Send(sent);
-      clients.back().AwaitTaken();
     }
   }
+  daemon.AwaitIdle();
   ExpectCleanStop(daemon, SIGTERM);
   for (ProtocolClient& client : clients) client.ReadToEnd();
   EXPECT_FALSE(directory.Has("user.ini"));

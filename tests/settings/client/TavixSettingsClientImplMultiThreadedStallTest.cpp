@@ -3,11 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/TavixSettingsClient.h"
+#include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
+#include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/PendingValue.h"
@@ -19,6 +24,8 @@ namespace {
 using tavix::core::IniFile;
 using tavix::osa::Exception;
 using tavix::settings::TavixSettingsClient;
+using tavix::settings::client::TavixSettingsClientImplMultiThreaded;
+using tavix::settings::client::TavixSettingsTcpConnection;
 using tavix::test::BackgroundCall;
 using tavix::test::Eventually;
 using tavix::test::MillisecondsOf;
@@ -50,15 +57,27 @@ struct BlockedMerge {
   BackgroundCall merge;
 };
 
+// With the limit of ten seconds cut down to one.
+class ImpatientConnection : public TavixSettingsTcpConnection {
+ public:
+  void EnsureConnection(int attempts) override {
+    TavixSettingsTcpConnection::EnsureConnection(attempts);
+    LimitWrites(1000);
+  }
+};
+
 TEST(TavixSettingsClientImplMultiThreaded, AWriteWithoutProgressEndsAfterItsLimitAndTheWorkerWakes) {
-  BlockedMerge blocked;
-  const long took = MillisecondsOf(
-      [&] { EXPECT_THAT([&] { blocked.merge.Join(); }, testing::ThrowsMessage<Exception>(kMergeLost)); });
-  EXPECT_GE(took, 9000);
-  EXPECT_LT(took, 22000);
-  ServerEnd after = blocked.server.Accept();
-  blocked.client.SetValue("[A]x", "1");
-  EXPECT_EQ(after.ReadThrough(), "merge\n[A]\nx=1\n.\n");
+  ScriptedServer server;
+  TavixSettingsClientImplMultiThreaded client(std::make_unique<ImpatientConnection>().release());
+  const ServerEnd before = server.Accept();
+  const long took = MillisecondsOf([&] {
+    EXPECT_THAT([&] { client.MergeSettings(LargeDocument(), 0); }, testing::ThrowsMessage<Exception>(kMergeLost));
+  });
+  EXPECT_GE(took, 1000);
+  EXPECT_LT(took, 5000);
+  ServerEnd after = server.Accept();
+  client.RestoreToDefaults({"A"});
+  EXPECT_EQ(after.ReadThrough(), "restore\nA\n.\n");
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, TheEndOfThePeersOutputWakesABlockedWriter) {

@@ -3,11 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
@@ -44,25 +41,6 @@ struct Watched {
   IniFile document;
   IniWatcher watcher;
 };
-
-using Clock = std::chrono::steady_clock;
-
-template <class Call>
-Clock::duration DurationOf(Call call) {
-  const Clock::time_point begin = Clock::now();
-  call();
-  return Clock::now() - begin;
-}
-
-void SpinFor(Clock::duration duration) {
-  for (const Clock::time_point end = Clock::now() + duration; Clock::now() < end;) std::this_thread::yield();
-}
-
-IniFile LargeDocument() {
-  IniFile document;
-  for (int group = 0; group < 1000; ++group) document.SetInt("Group " + std::to_string(group), "key", group);
-  return document;
-}
 
 }  // namespace
 
@@ -363,30 +341,11 @@ TEST(IniWatcher, MayBeDestroyedFromACallbackOfTheSameClient) {
   }
 }
 
-// While a notice is being collected, TryUpdate finds the lock busy. That is certain where it returns false though a
-// notice was collected since the last application: at most one more than was counted was in that application. Each try
-// is made a little later in the course of a change than the one before.
 TEST(IniWatcher, TryUpdateReturnsFalseWhileANoticeIsCollectedAndKeepsWhatIsPending) {
   StoreInMode store(Client::Local);
   Watched watched(store.GetClient(), "*");
-  const IniFile large = LargeDocument();
-  std::atomic<int> collected{0};
-  std::atomic<bool> stop{false};
-  std::atomic<Clock::duration> length{Clock::duration::zero()};  // of a change
-  BackgroundCall writer([&] {
-    for (; !stop; ++collected) length = DurationOf([&] { store.GetClient()->MergeSettings(large); });
-  });
-  int applied = 0;
-  int tries = 0;
-  EXPECT_TRUE(test::Eventually([&] {
-    if (collected <= applied) return false;
-    SpinFor(length.load() * (++tries % 32) / 32);
-    if (!watched.watcher.TryUpdate()) return true;
-    applied = collected + 1;
-    return false;
-  }));
-  stop = true;
-  writer.Join();
+  const IniFile large = test::LargeDocument();
+  EXPECT_TRUE(test::FindsTheLockBusy(*store.GetClient(), large, [&] { return watched.watcher.TryUpdate(); }));
   EXPECT_TRUE(watched.watcher.TryUpdate());
   EXPECT_EQ(TextOf(watched.document), TextOf(large));
 }

@@ -250,6 +250,21 @@ TEST(SettingsWatcher, MayBeDestroyedFromACallbackOfTheSameClient) {
   }
 }
 
+TEST(SettingsWatcher, TryUpdateSettingsTouchesNoVariableWhileANoticeIsCollected) {
+  StoreInMode store(Client::Local);
+  int number = 0;
+  SettingsWatcher watcher(store.GetClient());
+  for (int group = 0; group < 1000; ++group) watcher.AddSetting("Group " + std::to_string(group), "key", &number);
+  watcher.UpdateSettings();
+  EXPECT_TRUE(test::FindsTheLockBusy(*store.GetClient(), test::LargeDocument(), [&] {
+    number = -1;
+    return watcher.TryUpdateSettings();
+  }));
+  EXPECT_EQ(number, -1);
+  EXPECT_TRUE(watcher.TryUpdateSettings());
+  EXPECT_EQ(number, 999);
+}
+
 TEST(SettingsWatcher, VariablesAreWhatTheStoreHoldsOnceAWriterAtFullSpeedIsDone) {
   for (const Mode mode : test::kSubscribingModes) {
     StoreInMode store(mode, "[Busy/0]\nkey0=1\n");

@@ -5,10 +5,13 @@
 
 #include <future>
 #include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tests/settings/layers/BusyWriter.h"
 #include "tests/settings/layers/StoreInMode.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedLog.h"
@@ -129,6 +132,40 @@ TEST(Subscription, MayBeDestroyedByItsOwnTarget) {
     EXPECT_EQ(subscription, nullptr);
     store.Merge("[A]\nx=2\n");
     EXPECT_EQ(target.GetChanges().size(), 1u);
+  }
+}
+
+TEST(Subscription, OthersBeginAndEndAfterSomeWereDestroyedFromACallback) {
+  for (const Mode mode : test::kSubscribingModes) {
+    StoreInMode store(mode);
+    RecordingCallback target;
+    std::vector<std::unique_ptr<Subscription>> gone;
+    for (int i = 0; i < 3; ++i) {
+      gone.push_back(std::make_unique<Subscription>(store.GetClient(), &target));
+      gone.back()->Subscribe({"A"});
+    }
+    RecordingCallback destroyer([&] { gone.clear(); });
+    Subscription destroying(store.GetClient(), &destroyer);
+    destroying.Subscribe({"B"});
+    store.Merge("[B]\nx=1\n");
+    Subscription later(store.GetClient(), &target);
+    later.Subscribe({"A"});
+    store.Merge("[A]\nx=1\n");
+    EXPECT_EQ(target.GetChanges().size(), 1u);
+  }
+}
+
+TEST(Subscription, MayBeginAndEndWhileAWriterWritesAtFullSpeed) {
+  for (const Mode mode : test::kSubscribingModes) {
+    StoreInMode store(mode);
+    BackgroundCall writer([&] { test::ChangeAtFullSpeed(*store.GetClient()); });
+    while (!writer.HasEnded()) {
+      RecordingCallback target;
+      Subscription subscription(store.GetClient(), &target);
+      subscription.Subscribe({"Busy/*"});
+      store.GetClient()->GetValue("[Busy/0]key0");
+    }
+    writer.Join();
   }
 }
 

@@ -319,6 +319,15 @@ TEST(SyncedDocument, MayBeDestroyedFromACallbackOfTheSameClient) {
   }
 }
 
+TEST(SyncedDocument, TryUpdateReturnsFalseWhileANoticeIsCollectedAndKeepsWhatIsPending) {
+  StoreInMode store(Client::Local);
+  Synced synced(store.GetClient(), "*");
+  const IniFile large = test::LargeDocument();
+  EXPECT_TRUE(test::FindsTheLockBusy(*store.GetClient(), large, [&] { return synced.synced.TryUpdate(); }));
+  EXPECT_TRUE(synced.synced.TryUpdate());
+  EXPECT_EQ(TextOf(synced.document), TextOf(large));
+}
+
 // The first update, too, is made while the writer writes: it has no moment in which a change gets lost.
 TEST(SyncedDocument, HoldsWhatTheStoreHoldsOnceAWriterAtFullSpeedIsDone) {
   for (const Mode mode : test::kSubscribingModes) {
