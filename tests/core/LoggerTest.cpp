@@ -92,8 +92,10 @@ class Logger : public testing::Test {
 
   // What was captured tells what failed. A count of repeats that is still due must not go to the next test.
   ~Logger() override {
+    const std::string captured = _output.Finish();
+    const CapturedOutput swallowed(STDOUT_FILENO);
     Configure({});
-    if (HasFailure()) std::cout << _output.Finish();
+    if (HasFailure()) std::cerr << captured;
   }
 
   std::vector<std::string> WrittenLines() { return WithoutTimes(_output.Finish()); }

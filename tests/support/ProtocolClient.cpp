@@ -127,7 +127,8 @@ void ProtocolClient::AwaitHandled() {
 }
 
 void ProtocolClient::HalfClose() {
-  Require(shutdown(_socket.Get(), SHUT_WR), "shutdown");
+  if (shutdown(_socket.Get(), SHUT_WR) < 0 && errno != ENOTCONN)
+    throw std::system_error(errno, std::generic_category(), "shutdown");
 }
 
 void ProtocolClient::Reset() {

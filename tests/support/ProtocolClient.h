@@ -42,7 +42,7 @@ class ProtocolClient {
   // Returns when all requests so far were carried out. Nothing else may be on its way to the client.
   void AwaitHandled();
 
-  // No more will be sent; what comes can still be read.
+  // No more will be sent; what comes can still be read. The peer may be gone already.
   void HalfClose();
 
   // Ends the connection without a farewell, by a reset.

@@ -8,7 +8,6 @@ namespace tavix::test {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 constexpr char kDefaults[] =
     "[A]\nx=1\n"

@@ -92,10 +92,11 @@ TEST(Stopping, ClientsThatDoNotReadALargeReplyAreNotWaitedFor) {
 TEST(Stopping, SubscriberThatDoesNotReadIsNotWaitedFor) {
   const TemporaryDirectory directory;
   Daemon daemon(directory);
+  ProtocolClient writer(daemon.GetPort());
+  writer.AwaitHandled();
   ProtocolClient subscriber(daemon.GetPort(), 4096);
   subscriber.Send("subscribe\nLarge\n.\n");
   subscriber.AwaitHandled();
-  ProtocolClient writer(daemon.GetPort());
   writer.Send("merge\n[Large]\nk=" + std::string(kLarge, 'v') + "\n.\n");
   EXPECT_EQ(subscriber.ReadLine(), "async change\n");
   ExpectCleanStop(daemon, SIGTERM);

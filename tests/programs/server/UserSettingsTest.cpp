@@ -71,6 +71,15 @@ TEST_F(UserSettings, RestoreReadsTheDefaultsAnew) {
   EXPECT_EQ(client.Get("A\n"), "data\n[A]\nx=100\ny=2\n.\n");
 }
 
+TEST_F(UserSettings, RestoreFromDefaultsThatCanNotBeReadEndsTheConnectionAndChangesNothing) {
+  Daemon daemon(_directory, {"--defaults", "defaults.ini"});
+  Converse(daemon.GetPort(), "merge\n[A]\nx=5\n.\n");
+  _directory.Write("defaults.ini", "nonsense\n");
+  EXPECT_EQ(Converse(daemon.GetPort(), "restore\nA\n.\nget\nA\n.\n"), "");
+  daemon.AwaitErrors("connection ended: defaults.ini:1: expected \"[group]\" or \"key=value\", found \"nonsense\"\n");
+  EXPECT_EQ(Converse(daemon.GetPort(), "get\nA\n.\n"), "[A]\nx=5\ny=2\n");
+}
+
 TEST_F(UserSettings, EveryByteSurvives) {
   std::string bytes;
   for (int byte = 0; byte < 256; ++byte) bytes += static_cast<char>(byte);

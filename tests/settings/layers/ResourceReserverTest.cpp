@@ -106,12 +106,14 @@ TEST(ResourceReserver, EveryCallButIsAuthorizedReadsTheFiguresOnceAfresh) {
 
 TEST(ResourceReserver, ABookingReadsTheFiguresAfreshFirst) {
   const std::string booked = "[Resources/R/Consumers/me]\nCurrentlyUsed=";
-  AnsweringServer server("", {}, Client::SingleThreaded);
+  AnsweringServer server(booked + "6\n", {}, Client::SingleThreaded);
   ResourceReserver reserver(server.GetClient(), "R", "me");
+  EXPECT_TRUE(reserver.IsAuthorized());
   EXPECT_TRUE(reserver.TrySetUsage(7));
   EXPECT_TRUE(reserver.TrySetUsagePercent(0.08));
-  EXPECT_THAT(server.GetRequests(), ElementsAre(kReading, "test-and-merge\n.\n" + booked + "7\n.\n", kReading,
-                                                "test-and-merge\n" + booked + "7\n.\n" + booked + "8\n.\n"));
+  EXPECT_THAT(server.GetRequests(),
+              ElementsAre(kReading, kReading, "test-and-merge\n" + booked + "6\n.\n" + booked + "7\n.\n", kReading,
+                          "test-and-merge\n" + booked + "7\n.\n" + booked + "8\n.\n"));
 }
 
 TEST(ResourceReserver, WhetherItIsAuthorisedIsAnsweredFromTheFiguresReadLast) {
