@@ -1,57 +1,195 @@
 #include "programs/server/Connection.h"
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
 #include <exception>
-#include <utility>
 
 #include "programs/server/Listener.h"
 #include "tavix/core/Logger.h"
-#include "tavix/osa/Time.h"
-#include "tavix/settings/server/ClientHandler.h"
 
 namespace tavix::daemon {
 
 namespace {
 
-constexpr unsigned int kStackSize = 64 * 1024;
-constexpr unsigned int kWriteTimeout = 10 * 1000;
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("Connection");
+  return logger;
+}
+
+// METHOD target HTTP/...
+bool IsHttpRequestLine(std::string_view line) {
+  const size_t first = line.find(' ');
+  const size_t last = line.rfind(' ');
+  return first != std::string_view::npos && first != last && line.substr(last + 1, 5) == "HTTP/";
+}
 
 }  // namespace
 
-Connection::Connection(int descriptor, settings::server::ServerEnv* env, std::function<void()> onEnd)
-    : _env(env),
-      _onEnd(std::move(onEnd)),
-      _socket(osa::TcpSocket::Adopt(descriptor)),
+Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits)
+    : _socket(osa::TcpSocket::Adopt(descriptor)),
+      _descriptor(descriptor),
+      _poll(poll),
+      _wakeLoop(wakeLoop),
+      _limits(limits),
       _peer(PeerAddress(descriptor)),
-      _stream(_socket.get(), osa::kWaitForever, kWriteTimeout),
-      _thread("Connection", this, kStackSize, 0) {
-  _thread.Run();
+      _output(descriptor, limits.hardBacklogBytes, [this] { OnKept(); }),
+      _handler(env, &_request, &_output.GetOstream()) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = this;
+  epoll_ctl(_poll, EPOLL_CTL_ADD, _descriptor, &event);
 }
 
-Connection::~Connection() {
-  Shutdown();
-  _thread.Join();
-}
-
-// What has arrived can still be read from a socket that is shut down; the flag ends the reading of it.
-void Connection::Shutdown() {
-  _stop = true;
-  _socket->Shutdown();
-}
-
-void Connection::Run() {
-  try {
-    Serve();
-  } catch (const std::exception& exception) {
-    core::Logger::GetLogger("Connection")->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+bool Connection::OnReadable(char* scratch, size_t size) {
+  const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
+  if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  if (count == 0) {
+    _inputEnded = true;
+    return HandleRest() && !EndsNow();
   }
-  Shutdown();  // the client learns of the end now, not when the thread is joined
-  _ended = true;
-  _onEnd();
+  const std::string_view received(scratch, static_cast<size_t>(count));
+  if (_input.empty()) return TakeInput(received);
+  _input.append(received);
+  return TakeInput(_input);
 }
 
-void Connection::Serve() {
-  settings::server::ClientHandler handler(_env, &_stream, &_stream.GetOstream());
-  while (!_stop && handler.HandleNext()) continue;
+// received: all of _input, or what came while there was none.
+bool Connection::TakeInput(std::string_view received) {
+  const bool wasUnfinished = !_input.empty();
+  size_t handled = 0;
+  if (!HandleRequests(received, handled)) return false;
+  received.remove_prefix(handled);
+  if (received.empty()) {
+    _input.clear();
+    _input.shrink_to_fit();
+    return CheckInput();
+  }
+  if (handled > 0 || !wasUnfinished) {
+    _unfinishedSince = Clock::now();
+    _input = std::string(received);
+    eventfd_write(_wakeLoop, 1);
+  }
+  return CheckInput();
+}
+
+bool Connection::HandleRequests(std::string_view received, size_t& handled) {
+  if (_first && IsForeignProtocol(received)) return Cut("not our protocol", received.size());
+  try {
+    while (_output.GetKeptBytes() <= _limits.pauseBytes) {
+      const std::string_view rest = received.substr(handled);
+      const size_t length = _framer.FindEnd(rest);
+      if (length == 0) break;
+      _first = false;
+      _request.SetText(rest.substr(0, length));
+      if (!_handler.HandleNext()) break;
+      handled += length;
+      if (_handler.HasQuit()) return !EndsNow();
+    }
+  } catch (const std::exception& exception) {
+    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+    return false;
+  }
+  return !_output.IsBroken();
+}
+
+// What the input's end cut off is handled as far as that is right: lists are answered, changes are not made.
+bool Connection::HandleRest() {
+  try {
+    _request.SetText(_input);
+    while (_handler.HandleNext()) continue;
+  } catch (const std::exception& exception) {
+    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+    return false;
+  }
+  _input.clear();
+  return true;
+}
+
+// After the last request: whether everything was sent. If not, the rest goes out first.
+bool Connection::EndsNow() {
+  _inputEnded = true;
+  UpdateInterest();
+  return _output.GetKeptBytes() == 0;
+}
+
+bool Connection::OnWritable() {
+  const size_t left = _output.Send();
+  if (_output.IsBroken()) return false;
+  if (_inputEnded) return left > 0;
+  const bool resumes = left <= _limits.pauseBytes && !_input.empty();
+  if (resumes && !TakeInput(_input)) return false;
+  UpdateInterest();
+  return true;
+}
+
+bool Connection::OnTick(Clock::time_point now) {
+  if (_output.IsBroken()) return Cut("more unread than is kept", _limits.hardBacklogBytes);
+  const size_t kept = _output.GetKeptBytes();
+  if (kept > _limits.backlogBytes && now - _output.GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
+    return Cut("too much unread for too long, bytes", kept);
+  const bool unfinished = !_input.empty() && kept <= _limits.pauseBytes;
+  if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
+    return Cut("unfinished request, bytes", _input.size());
+  return true;
+}
+
+bool Connection::NeedsTicks() const {
+  return !_input.empty() || _output.GetKeptBytes() > 0 || _output.IsBroken();
+}
+
+bool Connection::CheckInput() {
+  if (_output.GetKeptBytes() > _limits.pauseBytes) {
+    UpdateInterest();
+    return true;
+  }
+  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut("line too long, bytes", _input.size());
+  if (_input.size() > _limits.requestBytes) return Cut("request too long, bytes", _input.size());
+  return true;
+}
+
+bool Connection::Cut(const char* reason, size_t figure) {
+  Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), reason, figure);
+  return false;
+}
+
+// A web page must not be able to write settings; a TLS client would only wait.
+bool Connection::IsForeignProtocol(std::string_view received) const {
+  if (received.size() >= 2 && received[0] == '\x16' && received[1] == '\x03') return true;
+  return IsHttpRequestLine(received.substr(0, received.find_first_of("\r\n")));
+}
+
+// On any thread, with the output locked.
+void Connection::OnKept() {
+  {
+    std::lock_guard<std::mutex> lock(_interestMutex);
+    _wantsWrite = true;
+    Announce();
+  }
+  eventfd_write(_wakeLoop, 1);
+}
+
+// On the loop's thread. Bytes that are kept between the look and the lock must not be forgotten: then it looks again.
+void Connection::UpdateInterest() {
+  size_t kept = 0;
+  do {
+    kept = _output.GetKeptBytes();
+    std::lock_guard<std::mutex> lock(_interestMutex);
+    _wantsRead = !_inputEnded && kept <= _limits.pauseBytes;
+    _wantsWrite = kept > 0;
+    Announce();
+  } while (kept == 0 && _output.GetKeptBytes() > 0);
+}
+
+// The caller holds the interest's lock.
+void Connection::Announce() {
+  epoll_event event{};
+  event.events = (_wantsRead ? EPOLLIN : 0u) | (_wantsWrite ? EPOLLOUT : 0u);
+  event.data.ptr = this;
+  epoll_ctl(_poll, EPOLL_CTL_MOD, _descriptor, &event);
 }
 
 }  // namespace tavix::daemon

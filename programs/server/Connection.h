@@ -1,48 +1,78 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
+#include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 
-#include "tavix/osa/Runnable.h"
+#include "programs/server/Limits.h"
+#include "programs/server/OutputQueue.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/TcpSocket.h"
-#include "tavix/osa/TcpSocketStream.h"
-#include "tavix/osa/Thread.h"
+#include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/RequestFramer.h"
 #include "tavix/settings/server/ServerEnv.h"
 
 namespace tavix::daemon {
 
-// One client's connection, served on a thread of its own from construction until the client quits, goes away, sends
-// what can't be parsed, or stops taking what it is sent for 10 s.
-class Connection : private osa::Runnable {
+// One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
+// send, or does not read, keeps the loop's thread waiting.
+//
+// Threads: its loop's, but for what other threads' notices write to its output.
+class Connection {
  public:
-  // descriptor: connected; taken over. env: outlives the connection. onEnd: called once, on the connection's thread, as
-  // the last thing that it does.
-  Connection(int descriptor, settings::server::ServerEnv* env, std::function<void()> onEnd);
+  using Clock = std::chrono::steady_clock;
 
-  // Ends the connection and waits for its thread.
-  ~Connection() override;
+  // descriptor: connected; taken over. poll: the loop's epoll descriptor, to which the connection adds itself.
+  // wakeLoop: an eventfd that tells the loop that bytes are kept. env and limits outlive the connection.
+  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits);
 
-  // Whether its thread is done; destroying it then does not wait.
-  bool HasEnded() const { return _ended; }
+  // What was not sent is gone.
+  ~Connection() = default;
 
-  // Has the connection end soon: behind the request that is being handled, whatever the client has sent ahead. Returns
-  // at once.
-  void Shutdown();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // These return false once the connection is to be destroyed.
+  // scratch: memory to receive into, the loop's.
+  bool OnReadable(char* scratch, size_t size);
+  bool OnWritable();
+  bool OnTick(Clock::time_point now);
+
+  // Whether OnTick has anything to watch.
+  bool NeedsTicks() const;
 
  private:
-  void Run() override;
-  void Serve();
+  bool TakeInput(std::string_view received);
+  bool HandleRequests(std::string_view received, size_t& handled);
+  bool HandleRest();
+  bool EndsNow();
+  bool CheckInput();
+  bool Cut(const char* reason, size_t figure);
+  bool IsForeignProtocol(std::string_view received) const;
+  void OnKept();
+  void UpdateInterest();
+  void Announce();
 
-  settings::server::ServerEnv* const _env;
-  const std::function<void()> _onEnd;
   const std::unique_ptr<osa::TcpSocket> _socket;
+  const int _descriptor;
+  const int _poll;
+  const int _wakeLoop;
+  const Limits& _limits;
   const std::string _peer;
-  osa::TcpSocketStream _stream;
-  std::atomic<bool> _stop{false};
-  std::atomic<bool> _ended{false};
-  osa::Thread _thread;
+  std::string _input;  // received, not handled yet
+  Clock::time_point _unfinishedSince{};
+  settings::server::RequestFramer _framer;
+  core::ViewIstream _request;
+  OutputQueue _output;
+  settings::server::ClientHandler _handler;
+  bool _first = true;  // nothing was handled yet
+  bool _inputEnded = false;
+  std::mutex _interestMutex;  // guards what follows
+  bool _wantsRead = true;
+  bool _wantsWrite = false;
 };
 
 }  // namespace tavix::daemon

@@ -2,7 +2,9 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <thread>
 
 namespace tavix::daemon {
 
@@ -97,6 +99,7 @@ OptionsResult ParseOptions(int argc, char** argv, Options& options) {
     return UsageError();
   }
   if (options.listen.empty()) options.listen.emplace_back("127.0.0.1:7211");
+  if (options.loops == 0) options.loops = std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
   return OptionsResult::kRun;
 }
 

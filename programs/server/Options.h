@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "programs/server/Limits.h"
+
 namespace tavix::daemon {
 
 // What the command line asks for.
@@ -12,6 +14,8 @@ struct Options {
   std::vector<std::string> restricted;  // the same
   std::string userSettings;             // a file; empty: nothing is persisted
   bool allowRemote = false;
+  unsigned int loops = 0;  // threads that serve; never 0 after ParseOptions
+  Limits limits;
   bool check = false;
 };
 

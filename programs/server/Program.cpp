@@ -28,7 +28,7 @@ int Serve(const Options& options, SettingsStore& store) {
   const StopSignals signals;
   std::unique_ptr<Server> server;
   try {
-    server = std::make_unique<Server>(store, options.listen, options.allowRemote);
+    server = std::make_unique<Server>(store, options.listen, options.allowRemote, options.loops, options.limits);
   } catch (const std::exception& exception) {
     return Fail(kExitUnavailable, exception);
   }

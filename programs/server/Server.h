@@ -1,11 +1,11 @@
 #pragma once
 
-#include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "programs/server/Connection.h"
+#include "programs/server/EventLoop.h"
+#include "programs/server/Limits.h"
 #include "programs/server/Listener.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -15,18 +15,15 @@ namespace tavix::daemon {
 class SettingsStore;
 class StopSignals;
 
-// Accepts connections and serves each on a thread of its own.
+// Accepts connections and hands them to a few event loops in turn.
 //
 // Threads: one thread constructs, runs and destroys it.
 class Server {
  public:
-  // The most connections at a time, fewer when the process may not have enough descriptors for them and for its files;
-  // one more is accepted and closed at once.
-  static constexpr size_t kMostConnections = 1024;
-
-  // Listens on all addresses; connections queue until Run. store: outlives the server. Throws osa::Exception that names
-  // the address that can't be listened on.
-  Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote);
+  // Listens on all addresses; connections queue until Run. store: outlives the server. loops: how many threads serve.
+  // Throws osa::Exception that names the address that can't be listened on.
+  Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, unsigned int loops,
+         const Limits& limits);
 
   // Ends every connection.
   ~Server();
@@ -42,18 +39,16 @@ class Server {
 
  private:
   void AcceptFrom(const Listener& listener);
-  bool RefuseOne(const Listener& listener);
-  void RemoveEndedConnections();
-  void EndAllConnections();
+  void RefuseOne(const Listener& listener);
+  EventLoop& FindLeastBusy() const;
+  size_t CountConnections() const;
 
+  const Limits _limits;
   settings::server::SerializationManager _serializationManager;
   settings::server::ServerEnv _env;
   std::vector<Listener> _listeners;
-  int _wake;                // an eventfd that connections write to when they end
-  int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
-  bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
-  const size_t _mostConnections;
-  std::list<std::unique_ptr<Connection>> _connections;
+  int _spare;  // given up for a moment when descriptors run out, so that the queue can be emptied
+  std::vector<std::unique_ptr<EventLoop>> _loops;
 };
 
 }  // namespace tavix::daemon

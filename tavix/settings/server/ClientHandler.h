@@ -54,6 +54,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // has ended.
   [[nodiscard]] bool HandleNext();
 
+  // Whether the client has quit: nothing more is read.
+  bool HasQuit() const { return _quit; }
+
   // Writes the notice. Throws nothing.
   void OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) override;
 

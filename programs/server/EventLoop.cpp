@@ -1,0 +1,132 @@
+#include "programs/server/EventLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr unsigned int kStackSize = 128 * 1024;
+constexpr size_t kScratchSize = 64 * 1024;
+constexpr int kTickMilliseconds = 1000;
+constexpr int kMostEvents = 64;
+
+int Checked(int descriptor, const char* what) {
+  if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
+  return descriptor;
+}
+
+}  // namespace
+
+EventLoop::EventLoop(settings::server::ServerEnv* env, const Limits& limits)
+    : _env(env),
+      _limits(limits),
+      _poll(Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor")),
+      _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
+      _scratch(new char[kScratchSize]),
+      _thread("EventLoop", this, kStackSize, 0) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  epoll_ctl(_poll, EPOLL_CTL_ADD, _wake, &event);
+  _thread.Run();
+}
+
+EventLoop::~EventLoop() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _stop = true;
+  }
+  eventfd_write(_wake, 1);
+  _thread.Join();
+  for (int descriptor : _new) close(descriptor);
+  close(_wake);
+  close(_poll);
+}
+
+void EventLoop::Add(int descriptor) {
+  ++_count;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _new.push_back(descriptor);
+  }
+  eventfd_write(_wake, 1);
+}
+
+void EventLoop::Run() {
+  std::unique_lock<std::mutex> lock(_mutex, std::defer_lock);
+  epoll_event events[kMostEvents];
+  while (true) {
+    const int count = epoll_wait(_poll, events, kMostEvents, _ticks ? kTickMilliseconds : -1);
+    for (int i = 0; i < count; ++i) {
+      if (events[i].data.ptr) {
+        HandleEvent(static_cast<Connection*>(events[i].data.ptr), events[i].events);
+        continue;
+      }
+      eventfd_t ignored = 0;
+      eventfd_read(_wake, &ignored);
+      lock.lock();
+      const bool stop = _stop;
+      lock.unlock();
+      if (stop) return _connections.clear();
+      _ticks = true;
+    }
+    TakeNewConnections();
+    if (_ticks) Tick();
+  }
+}
+
+void EventLoop::TakeNewConnections() {
+  std::vector<int> descriptors;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    descriptors.swap(_new);
+  }
+  for (int descriptor : descriptors) {
+    try {
+      auto connection = std::make_unique<Connection>(descriptor, _poll, _wake, _env, _limits);
+      Connection* key = connection.get();
+      _connections.emplace(key, std::move(connection));
+    } catch (const std::exception& exception) {
+      core::Logger::GetLogger("EventLoop")->Warning("Connection refused: %s", exception.what());
+      --_count;
+    }
+  }
+}
+
+void EventLoop::HandleEvent(Connection* connection, unsigned int events) {
+  bool lives = true;
+  if (events & EPOLLOUT) lives = connection->OnWritable();
+  if (lives && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) lives = connection->OnReadable(_scratch.get(), kScratchSize);
+  if (!lives) End(connection);
+}
+
+// Once a second while something must be watched.
+void EventLoop::Tick() {
+  const auto now = Connection::Clock::now();
+  _ticks = false;
+  for (auto next = _connections.begin(); next != _connections.end();) {
+    Connection* connection = (next++)->first;
+    if (!connection->OnTick(now)) {
+      End(connection);
+    } else if (connection->NeedsTicks()) {
+      _ticks = true;
+    }
+  }
+}
+
+void EventLoop::End(Connection* connection) {
+  _connections.erase(connection);
+  --_count;
+}
+
+}  // namespace tavix::daemon

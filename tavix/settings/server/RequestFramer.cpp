@@ -1,0 +1,118 @@
+#include "tavix/settings/server/RequestFramer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "tavix/settings/client/ProtocolConstants.h"
+
+namespace tavix::settings::server {
+
+namespace protocol = client::protocol;
+
+namespace {
+
+constexpr char kBlanks[] = " \t\v\f\r";
+
+struct Command {
+  const char* word;
+  const char* parts;  // what follows the command's line: 'l' a list, 'p' a payload
+};
+
+constexpr Command kCommands[] = {
+    {protocol::kGet, "l"},       {protocol::kMerge, "p"},      {protocol::kTestAndMerge, "pp"},
+    {protocol::kSubscribe, "l"}, {protocol::kOverwrite, "lp"}, {protocol::kRestore, "l"},
+};
+
+// Takes the first word off the line.
+std::string_view TakeWord(std::string_view& line) {
+  const size_t begin = std::min(line.find_first_not_of(kBlanks), line.size());
+  const size_t end = std::min(line.find_first_of(kBlanks, begin), line.size());
+  const std::string_view word = line.substr(begin, end - begin);
+  line.remove_prefix(end);
+  return word;
+}
+
+bool IsSpace(char byte) {
+  return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
+}  // namespace
+
+size_t RequestFramer::FindEnd(std::string_view received) {
+  bool whole = false;
+  while (!whole && _looked < received.size()) {
+    if (_part == Part::kPhpArray || _part == Part::kBetween) {
+      whole = TakePhpArray(received);
+      continue;
+    }
+    const void* found = std::memchr(received.data() + _looked, '\n', received.size() - _looked);
+    if (!found) {
+      _looked = received.size();
+      break;
+    }
+    const auto end = static_cast<size_t>(static_cast<const char*>(found) - received.data());
+    const std::string_view line = received.substr(_lineBegin, end - _lineBegin);
+    _looked = _lineBegin = end + 1;
+    whole = _part == Part::kCommand ? TakeCommand(line) : TakeLine(line);
+  }
+  if (!whole) return 0;
+  const size_t length = _looked;
+  _part = Part::kCommand;
+  _looked = _lineBegin = 0;
+  return length;
+}
+
+size_t RequestFramer::GetUnfinishedLine(std::string_view received) const {
+  return _part == Part::kPhpArray || _part == Part::kBetween ? 0 : received.size() - _lineBegin;
+}
+
+// These return whether the request is whole.
+bool RequestFramer::TakeCommand(std::string_view line) {
+  const std::string_view word = TakeWord(line);
+  if (word == protocol::kSerialize) {
+    const std::string_view name = TakeWord(line);
+    if (name == "phparray") _phpArray = true;
+    if (name == "ini") _phpArray = false;
+    return true;
+  }
+  const auto isWord = [&](const Command& command) { return word == command.word; };
+  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands), isWord);
+  if (command == std::end(kCommands)) return true;
+  _partsLeft = command->parts;
+  return BeginNextPart();
+}
+
+bool RequestFramer::TakeLine(std::string_view line) {
+  return line == protocol::kTerminator && BeginNextPart();
+}
+
+// White space and one dot may stand between two payloads.
+bool RequestFramer::TakePhpArray(std::string_view received) {
+  if (_part == Part::kBetween) {
+    const char byte = received[_looked];
+    if (IsSpace(byte) || (byte == '.' && !_betweenDot)) {
+      _betweenDot = _betweenDot || byte == '.';
+      ++_looked;
+      return false;
+    }
+    _part = Part::kPhpArray;
+  }
+  _looked += _scanner.Take(received.substr(_looked));
+  return _scanner.IsMalformed() || (_scanner.IsDone() && BeginNextPart());
+}
+
+bool RequestFramer::BeginNextPart() {
+  const char next = *_partsLeft;
+  if (next == '\0') return true;
+  ++_partsLeft;
+  if (next == 'l' || !_phpArray) {
+    _part = Part::kLines;
+  } else {
+    _part = _part == Part::kPhpArray ? Part::kBetween : Part::kPhpArray;
+    _betweenDot = false;
+    _scanner = PhpArrayScanner();
+  }
+  return false;
+}
+
+}  // namespace tavix::settings::server
