@@ -7,14 +7,14 @@ namespace tavix::daemon {
 // What one client, and all together, may cost the daemon. Beyond a bound its connection ends with a line in the log.
 struct Limits {
   size_t connections = 1024;
-  size_t lineBytes = 1024 * 1024;
-  size_t requestBytes = 64 * 1024 * 1024;
-  unsigned int requestSeconds = 60;             // that a request may stay unfinished
-  size_t pauseBytes = 1024 * 1024;              // unread by the peer, above which nothing more is read from it
-  size_t backlogBytes = 8 * 1024 * 1024;        // unread by the peer, above which it must make progress
-  unsigned int backlogSeconds = 10;             // that it may go without
-  size_t hardBacklogBytes = 256 * 1024 * 1024;  // unread by the peer, at most
   size_t subscriptions = 4096;                  // names and patterns of one connection
+  size_t lineBytes = 1024 * 1024;               // of one line that it sends
+  size_t requestBytes = 64 * 1024 * 1024;       // of one request
+  size_t requestSeconds = 60;                   // that a request may stay unfinished
+  size_t pauseBytes = 1024 * 1024;              // unread by it, above which nothing more is read from it
+  size_t backlogBytes = 8 * 1024 * 1024;        // unread by it, above which it must make progress
+  size_t backlogSeconds = 10;                   // that it may go without
+  size_t hardBacklogBytes = 256 * 1024 * 1024;  // unread by it, at most
 };
 
 }  // namespace tavix::daemon

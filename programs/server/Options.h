@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@ struct Options {
   std::vector<std::string> restricted;  // the same
   std::string userSettings;             // a file; empty: nothing is persisted
   bool allowRemote = false;
-  unsigned int loops = 0;  // threads that serve; never 0 after ParseOptions
+  size_t loops = 0;  // threads that serve; never 0 after ParseOptions
   Limits limits;
   bool check = false;
 };

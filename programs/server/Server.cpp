@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "programs/server/SettingsSources.h"
 #include "programs/server/StopSignals.h"
@@ -17,6 +19,24 @@
 namespace tavix::daemon {
 
 namespace {
+
+constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
+constexpr int kPause = 100;                  // milliseconds
+
+// Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
+// the process then has descriptors for.
+Limits WithinDescriptors(Limits limits) {
+  const rlim_t wanted = limits.connections + kReservedDescriptors;
+  rlimit possible{};
+  if (getrlimit(RLIMIT_NOFILE, &possible) != 0) return limits;
+  if (possible.rlim_cur < wanted) {
+    possible.rlim_cur = std::min(wanted, possible.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &possible);
+  }
+  const rlim_t descriptors = std::max(possible.rlim_cur, kReservedDescriptors + 1);
+  limits.connections = static_cast<size_t>(std::min(wanted, descriptors) - kReservedDescriptors);
+  return limits;
+}
 
 int OpenSpare() {
   return open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -33,13 +53,13 @@ std::vector<Listener> OpenAll(const std::vector<std::string>& addresses, bool al
 
 }  // namespace
 
-Server::Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, unsigned int loops,
+Server::Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, size_t loops,
                const Limits& limits)
-    : _limits(limits),
-      _env{&store.GetManager(), &_serializationManager},
+    : _limits(WithinDescriptors(limits)),
+      _env{&store.GetManager(), &_serializationManager, limits.subscriptions},
       _listeners(OpenAll(addresses, allowRemote)),
       _spare(OpenSpare()) {
-  for (unsigned int i = 0; i < loops; ++i) _loops.push_back(std::make_unique<EventLoop>(&_env, _limits));
+  while (_loops.size() < loops) _loops.push_back(std::make_unique<EventLoop>(&_env, _limits));
 }
 
 Server::~Server() {
@@ -57,9 +77,10 @@ void Server::Run(const StopSignals& signals) {
   std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}};
   for (const Listener& listener : _listeners) watched.push_back({listener.GetDescriptor(), POLLIN, 0});
   while (true) {
-    if (poll(watched.data(), watched.size(), -1) < 0) continue;  // EINTR, or no memory for a moment
+    const bool pauses = std::exchange(_mustPause, false);
+    if (poll(watched.data(), pauses ? 1 : watched.size(), pauses ? kPause : -1) < 0) continue;  // EINTR, or no memory
     if (watched[0].revents) break;
-    for (size_t i = 0; i < _listeners.size(); ++i) {
+    for (size_t i = 0; i < _listeners.size() && !pauses; ++i) {
       if (watched[i + 1].revents) AcceptFrom(_listeners[i]);
     }
   }
@@ -70,7 +91,8 @@ void Server::Run(const StopSignals& signals) {
 void Server::AcceptFrom(const Listener& listener) {
   const int descriptor = listener.Accept();
   if (descriptor < 0) {
-    if (errno == EMFILE || errno == ENFILE) RefuseOne(listener);
+    const bool isGone = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
+    if (!isGone && !RefuseOne(listener)) _mustPause = true;
     return;
   }
   if (CountConnections() >= _limits.connections) {
@@ -81,13 +103,15 @@ void Server::AcceptFrom(const Listener& listener) {
   FindLeastBusy().Add(descriptor);
 }
 
-// Without a free descriptor a connection can't even be refused, and would keep the listener readable for ever.
-void Server::RefuseOne(const Listener& listener) {
+// Without a free descriptor a connection can't even be refused, and would keep the listener readable for ever. False
+// when it could not be refused either.
+bool Server::RefuseOne(const Listener& listener) {
   core::Logger::GetLogger("Server")->Warning("Connection refused: %s", std::strerror(errno));
   if (_spare >= 0) close(_spare);
   const int descriptor = listener.Accept();
   if (descriptor >= 0) close(descriptor);
   _spare = OpenSpare();
+  return descriptor >= 0;
 }
 
 EventLoop& Server::FindLeastBusy() const {

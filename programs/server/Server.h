@@ -22,7 +22,7 @@ class Server {
  public:
   // Listens on all addresses; connections queue until Run. store: outlives the server. loops: how many threads serve.
   // Throws osa::Exception that names the address that can't be listened on.
-  Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, unsigned int loops,
+  Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, size_t loops,
          const Limits& limits);
 
   // Ends every connection.
@@ -39,15 +39,16 @@ class Server {
 
  private:
   void AcceptFrom(const Listener& listener);
-  void RefuseOne(const Listener& listener);
+  bool RefuseOne(const Listener& listener);
   EventLoop& FindLeastBusy() const;
   size_t CountConnections() const;
 
-  const Limits _limits;
+  const Limits _limits;  // with as many connections as there are descriptors for
   settings::server::SerializationManager _serializationManager;
   settings::server::ServerEnv _env;
   std::vector<Listener> _listeners;
-  int _spare;  // given up for a moment when descriptors run out, so that the queue can be emptied
+  int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
+  bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
   std::vector<std::unique_ptr<EventLoop>> _loops;
 };
 

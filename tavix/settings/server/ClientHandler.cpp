@@ -71,6 +71,7 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _out(out),
       _settingsManager(env->settingsManager),
       _serializationManager(env->serializationManager),
+      _mostSubscriptions(env->mostSubscriptions),
       _serializer(_serializationManager->GetSerializer("ini")) {}
 
 ClientHandler::~ClientHandler() {
@@ -135,7 +136,16 @@ void ClientHandler::TestAndMerge(std::istream&) {
 
 void ClientHandler::Subscribe(std::istream&) {
   const std::set<std::string> groups = ReadGroupSet(_in);
-  if (!groups.empty()) _settingsManager->Subscribe(this, groups);
+  if (groups.empty()) return;
+  if (_mostSubscriptions > 0) CountSubscriptions(groups);
+  _settingsManager->Subscribe(this, groups);
+}
+
+void ClientHandler::CountSubscriptions(const std::set<std::string>& groups) {
+  _subscriptions.AddNamesAndPatterns(groups);
+  const size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
+  if (count > _mostSubscriptions)
+    throw osa::Exception("%zu subscriptions are more than the %zu allowed", count, _mostSubscriptions);
 }
 
 void ClientHandler::GetSections(std::istream& args) {

@@ -10,6 +10,7 @@
 #include "tavix/osa/Export.h"
 #include "tavix/osa/Mutex.h"
 #include "tavix/settings/IChangeCallback.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::core {
 class IniFile;
@@ -79,6 +80,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RestoreDefaults(std::istream& args);
   void Info(std::istream& args);
 
+  void CountSubscriptions(const std::set<std::string>& groups);
   bool TakesWord(std::istream& args, const char* expected);
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
@@ -92,7 +94,10 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   std::ostream* const _out;
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
+  const size_t _mostSubscriptions;
   std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
+
+  common::GroupNameMatcher _subscriptions;  // what was subscribed to so far, to count it
 
   // Kept for their memory only.
   std::string _line;

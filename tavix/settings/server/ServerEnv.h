@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 namespace tavix::settings::server {
 
 class SerializationManager;
@@ -10,6 +12,9 @@ class SettingsManager;
 struct ServerEnv {
   SettingsManager* settingsManager = nullptr;
   SerializationManager* serializationManager = nullptr;
+
+  // How many names and patterns one connection may subscribe to; a request for more ends the connection. 0: no limit.
+  size_t mostSubscriptions = 0;
 };
 
 }  // namespace tavix::settings::server
