@@ -17,7 +17,9 @@ install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targe
 set(internal_headers
     tavix/settings/PendingChanges.h
     tavix/settings/Subscription.h
-    tavix/settings/server/ClientHandlerDispatcher.h)
+    tavix/settings/server/ClientHandlerDispatcher.h
+    tavix/settings/server/PhpArrayScanner.h
+    tavix/settings/server/RequestFramer.h)
 set(lower_headers
     tavix/core/CoreLogging.h
     tavix/core/DelimitedIstream.h

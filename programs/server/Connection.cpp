@@ -20,11 +20,19 @@ core::Logger* Log() {
   return logger;
 }
 
-// METHOD target HTTP/...
-bool IsHttpRequestLine(std::string_view line) {
+constexpr int kRequestsInATurn = 64;
+
+// "METHOD target HTTP/...": a web page must not be able to write settings.
+bool IsHttpRequestLine(std::string_view request) {
+  const std::string_view line = request.substr(0, request.find_first_of("\r\n"));
   const size_t first = line.find(' ');
   const size_t last = line.rfind(' ');
   return first != std::string_view::npos && first != last && line.substr(last + 1, 5) == "HTTP/";
+}
+
+// A TLS client would only wait.
+bool IsTlsHandshake(std::string_view received) {
+  return received.size() >= 2 && received[0] == '\x16' && received[1] == '\x03';
 }
 
 }  // namespace
@@ -45,6 +53,7 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
 }
 
 bool Connection::OnReadable(char* scratch, size_t size) {
+  if (_hasMore) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   if (count == 0) {
@@ -77,17 +86,21 @@ bool Connection::TakeInput(std::string_view received) {
 }
 
 bool Connection::HandleRequests(std::string_view received, size_t& handled) {
-  if (_first && IsForeignProtocol(received)) return Cut("not our protocol", received.size());
+  if (_first && IsTlsHandshake(received)) return Cut("TLS is not our protocol, bytes", received.size());
   try {
-    while (_output.GetKeptBytes() <= _limits.pauseBytes) {
+    _hasMore = false;
+    for (int turn = 0; _output.GetKeptBytes() <= _limits.pauseBytes; ++turn) {
       const std::string_view rest = received.substr(handled);
       const size_t length = _framer.FindEnd(rest);
       if (length == 0) break;
+      if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut("HTTP is not our protocol, bytes", length);
       _first = false;
       _request.SetText(rest.substr(0, length));
       if (!_handler.HandleNext()) break;
       handled += length;
+      _hasMore = turn + 1 == kRequestsInATurn && handled < received.size();
       if (_handler.HasQuit()) return !EndsNow();
+      if (_hasMore) break;
     }
   } catch (const std::exception& exception) {
     Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
@@ -114,6 +127,10 @@ bool Connection::EndsNow() {
   _inputEnded = true;
   UpdateInterest();
   return _output.GetKeptBytes() == 0;
+}
+
+bool Connection::OnTurn() {
+  return _inputEnded || TakeInput(_input);
 }
 
 bool Connection::OnWritable() {
@@ -154,12 +171,6 @@ bool Connection::CheckInput() {
 bool Connection::Cut(const char* reason, size_t figure) {
   Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), reason, figure);
   return false;
-}
-
-// A web page must not be able to write settings; a TLS client would only wait.
-bool Connection::IsForeignProtocol(std::string_view received) const {
-  if (received.size() >= 2 && received[0] == '\x16' && received[1] == '\x03') return true;
-  return IsHttpRequestLine(received.substr(0, received.find_first_of("\r\n")));
 }
 
 // On any thread, with the output locked.

@@ -41,6 +41,10 @@ class Connection {
   bool OnWritable();
   bool OnTick(Clock::time_point now);
 
+  // Goes on with requests that have come but were left for the next turn, so that others are served meanwhile.
+  bool OnTurn();
+  bool HasMore() const { return _hasMore; }
+
   // Whether OnTick has anything to watch.
   bool NeedsTicks() const;
 
@@ -51,7 +55,6 @@ class Connection {
   bool EndsNow();
   bool CheckInput();
   bool Cut(const char* reason, size_t figure);
-  bool IsForeignProtocol(std::string_view received) const;
   void OnKept();
   void UpdateInterest();
   void Announce();
@@ -68,7 +71,8 @@ class Connection {
   core::ViewIstream _request;
   OutputQueue _output;
   settings::server::ClientHandler _handler;
-  bool _first = true;  // nothing was handled yet
+  bool _first = true;     // nothing was handled yet
+  bool _hasMore = false;  // the turn ended before the requests did
   bool _inputEnded = false;
   std::mutex _interestMutex;  // guards what follows
   bool _wantsRead = true;

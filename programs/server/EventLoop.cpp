@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "tavix/core/Logger.h"
@@ -66,7 +68,8 @@ void EventLoop::Run() {
   std::unique_lock<std::mutex> lock(_mutex, std::defer_lock);
   epoll_event events[kMostEvents];
   while (true) {
-    const int count = epoll_wait(_poll, events, kMostEvents, _ticks ? kTickMilliseconds : -1);
+    const int wait = !_busy.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
+    const int count = epoll_wait(_poll, events, kMostEvents, wait);
     for (int i = 0; i < count; ++i) {
       if (events[i].data.ptr) {
         HandleEvent(static_cast<Connection*>(events[i].data.ptr), events[i].events);
@@ -81,7 +84,8 @@ void EventLoop::Run() {
       _ticks = true;
     }
     TakeNewConnections();
-    if (_ticks) Tick();
+    GiveTurns();
+    if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
   }
 }
 
@@ -107,12 +111,26 @@ void EventLoop::HandleEvent(Connection* connection, unsigned int events) {
   bool lives = true;
   if (events & EPOLLOUT) lives = connection->OnWritable();
   if (lives && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) lives = connection->OnReadable(_scratch.get(), kScratchSize);
-  if (!lives) End(connection);
+  if (!lives) return End(connection);
+  if (connection->HasMore()) _busy.insert(connection);
+}
+
+void EventLoop::GiveTurns() {
+  std::set<Connection*> busy;
+  busy.swap(_busy);
+  for (Connection* connection : busy) {
+    if (!connection->OnTurn()) {
+      End(connection);
+    } else if (connection->HasMore()) {
+      _busy.insert(connection);
+    }
+  }
 }
 
 // Once a second while something must be watched.
 void EventLoop::Tick() {
   const auto now = Connection::Clock::now();
+  _nextTick = now + std::chrono::milliseconds(kTickMilliseconds);
   _ticks = false;
   for (auto next = _connections.begin(); next != _connections.end();) {
     Connection* connection = (next++)->first;
@@ -125,6 +143,7 @@ void EventLoop::Tick() {
 }
 
 void EventLoop::End(Connection* connection) {
+  _busy.erase(connection);
   _connections.erase(connection);
   --_count;
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <vector>
 
 #include "programs/server/Connection.h"
@@ -33,6 +34,7 @@ class EventLoop : private osa::Runnable {
   void Run() override;
   void TakeNewConnections();
   void HandleEvent(Connection* connection, unsigned int events);
+  void GiveTurns();
   void Tick();
   void End(Connection* connection);
 
@@ -42,7 +44,9 @@ class EventLoop : private osa::Runnable {
   const int _wake;
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
-  bool _ticks = false;                                              // likewise
+  std::set<Connection*> _busy;                // likewise: requests have come that are left for the next turn
+  bool _ticks = false;                        // likewise
+  Connection::Clock::time_point _nextTick{};  // likewise
   std::atomic<size_t> _count{0};
   std::mutex _mutex;  // guards what follows
   std::vector<int> _new;

@@ -49,7 +49,9 @@ void FindNames(const std::set<std::string>& names, const Candidates& candidates,
 // Every byte before the first '*' stands for itself, so only the sorted range with that prefix can match.
 template <class Candidates, class Found>
 void FindPattern(const std::string& pattern, const Candidates& candidates, Found found) {
-  const std::string prefix = pattern.substr(0, pattern.find('*'));
+  const std::string_view literal = std::string_view(pattern).substr(0, pattern.find('*'));
+  if (candidates.size() == 1 && !StringUtil::StartsWith(NameAt(candidates.begin()), literal)) return;
+  const std::string prefix(literal);
   const std::string_view rest = std::string_view(pattern).substr(prefix.size());
   for (auto at = candidates.lower_bound(prefix); at != candidates.end(); ++at) {
     const std::string_view name = NameAt(at);

@@ -229,7 +229,7 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
   _allSettings.MergeSettings(settings);
-  HideBookkeeping();
+  if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
   if (flags & kNoPersist) return;
   _userSettings.MergeSettings(settings);
   Save();

@@ -25,8 +25,8 @@ class Protocol : public testing::Test {
  protected:
   Protocol()
       : _defaults(_directory.Write("defaults.ini", kDefaults)),
-        _daemon(_directory,
-                {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini"}),
+        _daemon(_directory, {"--defaults", "defaults.ini", "--restricted", "restricted.ini", "--user-settings", "u.ini",
+                             "--max-line", "67108864"}),
         _port(_daemon.GetPort()) {}
 
   std::string Converse(const std::string& requests) { return tavix::test::Converse(_port, requests); }

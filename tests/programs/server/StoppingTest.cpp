@@ -91,7 +91,7 @@ TEST(Stopping, ClientsThatDoNotReadALargeReplyAreNotWaitedFor) {
 
 TEST(Stopping, SubscriberThatDoesNotReadIsNotWaitedFor) {
   const TemporaryDirectory directory;
-  Daemon daemon(directory);
+  Daemon daemon(directory, {"--max-line", "67108864"});
   ProtocolClient writer(daemon.GetPort());
   writer.AwaitHandled();
   ProtocolClient subscriber(daemon.GetPort(), 4096);

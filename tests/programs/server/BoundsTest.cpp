@@ -1,0 +1,106 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMegabyte = 1024 * 1024;
+
+std::string MergeOfLargeGroup() {
+  return "merge nopersist\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n";
+}
+
+// Sends what exceeds a bound: the connection ends, the log says why, and others are served.
+void ExpectCut(const std::vector<std::string>& arguments, const std::string& sent, const std::string& reason) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, arguments);
+  ProtocolClient client(daemon.GetPort());
+  client.TrySend(sent);
+  EXPECT_EQ(client.ReadToEnd(), "");
+  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n.\n"), "data\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr(reason));
+}
+
+}  // namespace
+
+TEST(Bounds, LineThatIsTooLongEndsItsConnection) {
+  ExpectCut({}, std::string(kMegabyte + 4096, 'x'), "connection cut: line too long");
+}
+
+TEST(Bounds, RequestThatIsTooLongEndsItsConnection) {
+  std::string lines = "merge\n[A]\n";
+  while (lines.size() < 200 * 1024) lines += "key" + std::to_string(lines.size()) + "=value\n";
+  ExpectCut({"--max-request", "131072"}, lines, "connection cut: request too long");
+}
+
+TEST(Bounds, RequestThatStaysUnfinishedEndsItsConnection) {
+  ExpectCut({"--request-timeout", "1"}, "merge\n[A]\nx=1\n", "connection cut: unfinished request");
+}
+
+TEST(Bounds, MoreSubscriptionsThanAllowedEndTheConnection) {
+  ExpectCut({"--max-subscriptions", "2"}, "subscribe\nA\nB*\n.\nsubscribe\nB*\nC\n.\n",
+            "3 subscriptions are more than the 2 allowed");
+}
+
+TEST(Bounds, WebPageCanWriteNothing) {
+  ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n", "connection cut: HTTP is not our protocol");
+}
+
+TEST(Bounds, TlsHandshakeIsRefused) {
+  ExpectCut({}, std::string("\x16\x03\x01\x02\x00\x01", 6), "connection cut: TLS is not our protocol");
+}
+
+TEST(Bounds, CommandThatLooksLikeARequestForAPageIsOnlyUnknown) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  EXPECT_EQ(Converse(daemon.GetPort(), "GET delimited\nget delimited\n.\n"), "data\n.\n");
+}
+
+TEST(Bounds, SubscriberThatStopsReadingIsCutOffAndWritersDoNotWait) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-line", "67108864", "--backlog-timeout", "1"});
+  ProtocolClient subscriber(daemon.GetPort(), 4096);
+  subscriber.Send("subscribe\nLarge\n.\n");
+  subscriber.AwaitHandled();
+  ProtocolClient writer(daemon.GetPort());
+  for (int i = 0; i < 3; ++i) {
+    writer.Send(MergeOfLargeGroup());
+    EXPECT_EQ(writer.Get("A\n"), "data\n.\n");
+  }
+  EXPECT_TRUE(Eventually(
+      [&] { return Converse(daemon.GetPort(), "info subscribed\n") == "Subscribed groups\n-----------------\n\n"; }));
+  EXPECT_LT(subscriber.ReadToEnd().size(), 24 * kMegabyte);
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr("connection cut: too much unread for too long"));
+}
+
+TEST(Bounds, BacklogBeyondTheHardBoundBreaksTheConnectionAtOnce) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-line", "67108864", "--hard-backlog", "9000000", "--backlog-timeout", "1000"});
+  ProtocolClient subscriber(daemon.GetPort(), 4096);
+  subscriber.Send("subscribe\nLarge\n.\n");
+  subscriber.AwaitHandled();
+  for (int i = 0; i < 3; ++i) Converse(daemon.GetPort(), MergeOfLargeGroup());
+  EXPECT_TRUE(Eventually(
+      [&] { return Converse(daemon.GetPort(), "info subscribed\n") == "Subscribed groups\n-----------------\n\n"; }));
+}
+
+// Replies that nobody reads are kept up to a bound; then nothing more is read, and all are answered once somebody does.
+TEST(Bounds, RepliesThatNobodyReadsHoldUpTheirOwnConnectionOnly) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-line", "67108864"});
+  ProtocolClient client(daemon.GetPort());
+  client.Send(MergeOfLargeGroup());
+  std::string requests;
+  for (int i = 0; i < 5; ++i) requests += "get\nLarge\n.\n";
+  client.Send(requests + "quit\n");
+  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n.\n"), "data\n.\n");
+  EXPECT_EQ(client.ReadToEnd().size(), 5 * (8 * kMegabyte + std::string("[Large]\nk=\n").size()));
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,108 @@
+#include "tavix/settings/server/RequestFramer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace tavix::test {
+
+using settings::server::RequestFramer;
+
+namespace {
+
+const std::vector<std::string> kIniSession{
+    "get delimited\nNet\n*\n.\n",
+    "\n",
+    ".\n",
+    "bogus words\n",
+    "merge nopersist\n[A]\nx=1\n.\n",
+    "merge\n.\n",
+    "test-and-merge\n[A]\nx=1\n.\n[A]\nx=2\n.\n",
+    "test-and-merge\n.\n.\n",
+    " subscribe\r\nA\n..\n. \n.\n",
+    "overwrite\nA\n.\n[A]\n.x=1\n.\n",
+    "restore\n.\n",
+    "serialize\tini\n",
+    "serialize nonsense\n",
+    "info subscribed\n",
+    "dump all\n",
+    "quit\n",
+};
+
+const std::vector<std::string> kPhpArraySession{
+    "serialize phparray\n",
+    "merge\na:1:{s:1:\"A\";a:1:{s:1:\"x\";s:6:\"}\n.\n\";\";}}",
+    "\n",
+    ".\n",
+    "merge\na:0:{}",
+    "\n",
+    "test-and-merge\na:0:{}\n\n.\n a:1:{ s:0:\"\" ; a : 0 : { } }",
+    "\n",
+    ".\n",
+    "test-and-merge\na:0:{}a:0:{}",
+    "overwrite\nA\n.\na:2:{s:1:\"A\";a:0:{}s:1:\"B\";a:2:{s:0:\"\";s:0:\"\";s:1:\"k\";s:1:\"v\";}}",
+    "get\nA\n.\n",
+    "serialize ini\n",
+    "merge\n.\n",
+};
+
+// Shows the bytes as a connection does, "step" more at a time, and collects the requests.
+std::vector<std::string> Frame(const std::string& bytes, size_t step) {
+  RequestFramer framer;
+  std::vector<std::string> requests;
+  std::string received;
+  for (size_t at = 0; at < bytes.size(); at += step) {
+    received += bytes.substr(at, step);
+    while (const size_t length = framer.FindEnd(received)) {
+      requests.push_back(received.substr(0, length));
+      received.erase(0, length);
+    }
+  }
+  return requests;
+}
+
+std::string Join(const std::vector<std::string>& parts) {
+  std::string joined;
+  for (const std::string& part : parts) joined += part;
+  return joined;
+}
+
+}  // namespace
+
+TEST(RequestFramer, FindsEveryRequestHoweverItIsCut) {
+  for (const auto& session : {kIniSession, kPhpArraySession}) {
+    const std::string bytes = Join(session);
+    for (size_t step = 1; step <= bytes.size(); ++step) EXPECT_EQ(Frame(bytes, step), session) << step;
+  }
+}
+
+TEST(RequestFramer, FindsNothingInABeginning) {
+  const RequestFramer ini;
+  RequestFramer phpArray;
+  phpArray.FindEnd("serialize phparray\n");
+  for (const std::string& request : kIniSession) {
+    RequestFramer framer = ini;
+    for (size_t size = 0; size < request.size(); ++size) EXPECT_EQ(framer.FindEnd(request.substr(0, size)), 0u);
+  }
+  for (const std::string& request : kPhpArraySession) {
+    RequestFramer framer = phpArray;
+    for (size_t size = 0; size < request.size(); ++size) EXPECT_EQ(framer.FindEnd(request.substr(0, size)), 0u);
+    phpArray.FindEnd(request);
+  }
+}
+
+TEST(RequestFramer, PayloadThatCanNotBeParsedEndsWhereThatShows) {
+  for (const char* payload : {"b", "a:x", "a:1:{s:1:\"A\";a:1:{s:2:\"ip\";}", "a:4294967296", "a:1:{s:1:\"AB"}) {
+    RequestFramer framer;
+    framer.FindEnd("serialize phparray\n");
+    const std::string request = std::string("test-and-merge\n") + payload;
+    EXPECT_EQ(framer.FindEnd(request + "rest"), request.size()) << payload;
+  }
+}
+
+TEST(RequestFramer, TellsHowLongTheUnfinishedLineIs) {
+  RequestFramer framer;
+  EXPECT_EQ(framer.FindEnd("merge\n[A]\nx="), 0u);
+  EXPECT_EQ(framer.GetUnfinishedLine("merge\n[A]\nx="), 2u);
+}
+
+}  // namespace tavix::test
