@@ -1,12 +1,15 @@
 #include "tavix/osa/SocketStreamBuf.h"
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "tavix/osa/TcpSocket.h"
+#include "tavix/osa/Time.h"
 
 namespace tavix::osa {
 
@@ -59,17 +62,33 @@ bool SocketOutputBuf::Grow(size_t atLeast) {
 
 bool SocketOutputBuf::SendAll(const char* bytes, size_t count) {
   while (count > 0) {
-    const ssize_t sent = send(_socket.GetDescriptor(), bytes, count, MSG_NOSIGNAL);
+    const ssize_t sent = send(_socket.GetDescriptor(), bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       bytes += sent;
       count -= static_cast<size_t>(sent);
-    } else if (sent == 0 || errno != EINTR) {
+    } else if (sent == 0 || (errno != EINTR && !(errno == EAGAIN && AwaitRoom()))) {
       _failed = true;
       _socket.Shutdown();
       return false;
     }
   }
   return true;
+}
+
+// A send that waited by itself would return, when its time is over, what it got rid of before; the next one would wait
+// for the whole time again. False when the peer took nothing within the time limit.
+bool SocketOutputBuf::AwaitRoom() const {
+  timeval limit{};
+  socklen_t size = sizeof limit;
+  getsockopt(_socket.GetDescriptor(), SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
+  const auto milliseconds = static_cast<unsigned int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
+  const Deadline deadline(milliseconds == 0 ? kWaitForever : milliseconds);
+  pollfd room{_socket.GetDescriptor(), POLLOUT, 0};
+  int ready = 0;
+  do {
+    ready = poll(&room, 1, deadline.GetPollTimeout());
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0;
 }
 
 SocketDuplexBuf::int_type SocketDuplexBuf::underflow() {

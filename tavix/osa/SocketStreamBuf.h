@@ -22,6 +22,7 @@ class SocketOutputBuf : public std::streambuf {
  private:
   bool Grow(size_t atLeast);
   bool SendAll(const char* bytes, size_t count);
+  bool AwaitRoom() const;
   size_t Pending() const { return static_cast<size_t>(pptr() - pbase()); }
 
   TcpSocket& _socket;
