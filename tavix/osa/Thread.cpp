@@ -23,7 +23,7 @@ namespace {
 // static thread-local storage lives on the stack too.
 constexpr size_t kPlatformStack = 64 * 1024;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr size_t kSanitizerStack = 512 * 1024;
+constexpr size_t kSanitizerStack = 1536 * 1024;
 #else
 constexpr size_t kSanitizerStack = 0;
 #endif

@@ -34,7 +34,7 @@ class TavixSettingsConnection;
 // the
 //          worker reads that reply into the command's own document and drops it. A reply whose keyword is the wrong one
 //          fails the caller it was for, and what follows of it is dropped.
-class TavixSettingsClientImplMultiThreaded : public TavixSettingsClientImpl, public osa::Runnable {
+class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImpl, public osa::Runnable {
  public:
   // What became of a request: whether a reply with the expected keyword came, and what handling it returned.
   struct ResponseStatus {

@@ -10,7 +10,7 @@ namespace tavix::settings::client {
 TavixSettingsConnection::TavixSettingsConnection() : _logger(core::Logger::GetLogger("TavixSettingsConnection")) {}
 
 bool TavixSettingsConnection::IsInOrder() const {
-  return IsReady() && !_pIstream->fail() && !_pOstream->fail();
+  return IsReady() && !GetIstream()->fail() && !GetOstream()->fail();
 }
 
 }  // namespace tavix::settings::client

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <iosfwd>
 
 namespace tavix::core {
@@ -53,8 +54,9 @@ class TavixSettingsConnection {
   bool IsInOrder() const;
 
   core::Logger* const _logger;
-  std::istream* _pIstream = nullptr;  // null when not connected
-  std::ostream* _pOstream = nullptr;
+  // Null when not connected. Atomic, so that a reader who finds them gone against all rules can still say so.
+  std::atomic<std::istream*> _pIstream{nullptr};
+  std::atomic<std::ostream*> _pOstream{nullptr};
 };
 
 }  // namespace tavix::settings::client

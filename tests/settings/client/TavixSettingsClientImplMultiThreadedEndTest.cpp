@@ -87,7 +87,7 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsWhileItPausesBetweenTwoAttempts) 
 TEST(TavixSettingsClientImplMultiThreaded, EndsWhileItPausesAfterFailedAttempts) {
   const ScriptedServer server(ListeningSocket::kNotListening);
   Client client;
-  const auto messages = LogOf([&] { client = MakeClient(); }, 10);
+  const auto messages = LogOf([&] { client = MakeClient(); }, 13);
   EXPECT_THAT(messages, testing::Contains("WARNING TavixSettings: Attempting to reconnect in 1 second"));
   ExpectQuickEnd(client);
 }
@@ -149,8 +149,9 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsInTheMiddleOfAReplyToACallThatWas
 TEST(TavixSettingsClientImplMultiThreaded, EndsBetweenTwoConnections) {
   ScriptedServer server;
   Client client = MakeClient();
-  server.Accept().Close();
+  ServerEnd peer = server.Accept();
   client->MergeSettings(IniFile());
+  peer.Close();
   AwaitAsleepWorkers();
   ExpectQuickEnd(client);
 }

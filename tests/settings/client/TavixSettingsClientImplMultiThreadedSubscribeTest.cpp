@@ -30,9 +30,15 @@ using tavix::test::ScriptedServer;
 using tavix::test::ServerEnd;
 using tavix::test::ServerThreads;
 
-class Client : public TavixSettingsClientImplMultiThreaded {
+class Client {
  public:
-  Client() : TavixSettingsClientImplMultiThreaded(std::make_unique<TavixSettingsTcpConnection>().release()) {}
+  void Subscribe(RecordingCallback* callback, const std::set<std::string>& groups) {
+    _client.Subscribe(callback, groups);
+  }
+  auto& GetDispatcher() { return _client.GetDispatcher(); }
+
+ private:
+  TavixSettingsClientImplMultiThreaded _client{std::make_unique<TavixSettingsTcpConnection>().release()};
 };
 
 TEST(TavixSettingsClientImplMultiThreaded, AConnectionThatEndsRightAfterASubscribeIsFollowedByOneThatHasIt) {
