@@ -57,6 +57,9 @@ TEST(TavixSettingsClientImplMultiThreaded, AConnectionThatEndsRightAfterASubscri
     EXPECT_TRUE(Eventually([&] { return callback.GetChanges().size() == 1; }));
 }
 
+// ThreadSanitizer keeps signals back from a thread that waits for a mutex, so there the order can't be brought about.
+#if !defined(__SANITIZE_THREAD__)
+
 std::atomic<bool> g_interrupted{false};
 
 // A connection is made between the write of a subscription and its registration: it knows nothing of it, and the
@@ -98,5 +101,7 @@ TEST(TavixSettingsClientImplMultiThreaded, ASubscriptionThatAReconnectOvertookIs
   after.Send("async change\nLate\n.\n.\n");
   EXPECT_TRUE(Eventually([&] { return late.GetChanges().size() == 1; }));
 }
+
+#endif
 
 }  // namespace
