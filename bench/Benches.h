@@ -15,5 +15,6 @@ void AddThroughputBenches(Suite& suite);
 void AddDurableBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
+void AddLayersBenches(Suite& suite);
 
 }  // namespace tavix::bench

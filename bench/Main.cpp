@@ -119,6 +119,7 @@ int Run(const Options& options) {
   AddDurableBenches(suite);
   AddNotifyBenches(suite);
   AddFootprintBenches(suite);
+  AddLayersBenches(suite);
   if (!options.only.empty() && !suite.Select(options.only)) return kExitUsage;
 
   Report report;
