@@ -159,6 +159,7 @@ bool Connection::NeedsTicks() const {
 }
 
 bool Connection::CheckInput() {
+  if (_hasMore) return true;  // that may be many requests
   if (_output.GetKeptBytes() > _limits.pauseBytes) {
     UpdateInterest();
     return true;

@@ -47,6 +47,34 @@ TEST(Bounds, MoreSubscriptionsThanAllowedEndTheConnection) {
             "3 subscriptions are more than the 2 allowed");
 }
 
+TEST(Bounds, ConnectionMayHave4096SubscriptionsAndNotOneMore) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::string names;
+  for (int i = 0; i < 4096; ++i) names += (i % 2 ? "Group" : "*Pattern") + std::to_string(i) + "\n";
+  ProtocolClient client(daemon.GetPort());
+  client.Send("subscribe\n" + names + ".\nsubscribe\n*Pattern0\nGroup1\n.\n");
+  client.AwaitHandled();
+  EXPECT_EQ(CountOf("\n", Converse(daemon.GetPort(), "info subscribed\n")), 3u + 4096u);
+  client.Send("subscribe\nOneMore\n.\n");
+  EXPECT_EQ(client.ReadToEnd(), "");
+  daemon.AwaitErrors("4097 subscriptions are more than the 4096 allowed");
+}
+
+// Each is within the bounds, whatever comes with it.
+TEST(Bounds, ManyRequestsThatComeAtOnceAreNotTakenForOneLineOrOneRequest) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-line", "100", "--max-request", "100"});
+  std::string requests;
+  std::string replies;
+  for (int i = 0; i < 1000; ++i) {
+    requests += "get delimited\n.\n";
+    replies += "data\n.\n";
+  }
+  EXPECT_EQ(Converse(daemon.GetPort(), requests), replies);
+  EXPECT_EQ(daemon.GetErrors(), "");
+}
+
 TEST(Bounds, WebPageCanWriteNothing) {
   ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n", "connection cut: HTTP is not our protocol");
 }
