@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 #include "programs/server/Listener.h"
 #include "tavix/core/Logger.h"
@@ -190,7 +191,8 @@ void Connection::UpdateInterest() {
   do {
     kept = _output.GetKeptBytes();
     std::lock_guard<std::mutex> lock(_interestMutex);
-    _wantsRead = !_inputEnded && kept <= _limits.pauseBytes;
+    const bool hadToWait = !std::exchange(_wantsRead, !_inputEnded && kept <= _limits.pauseBytes);
+    if (hadToWait && _wantsRead) _unfinishedSince = Clock::now();
     _wantsWrite = kept > 0;
     Announce();
   } while (kept == 0 && _output.GetKeptBytes() > 0);
