@@ -22,6 +22,8 @@ core::Logger* Log() {
 }
 
 constexpr int kRequestsInATurn = 64;
+constexpr int kMostDropped = 64;  // parts of kDropped bytes
+constexpr size_t kDropped = 64 * 1024;
 
 // "METHOD target HTTP/...": a web page must not be able to write settings.
 bool IsHttpRequestLine(std::string_view request) {
@@ -46,20 +48,30 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
       _limits(limits),
       _peer(PeerAddress(descriptor)),
       _output(descriptor, limits.hardBacklogBytes, [this] { OnKept(); }),
-      _handler(env, &_request, &_output.GetOstream()) {
+      _handler(std::in_place, env, &_request, &_output.GetOstream()) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.ptr = this;
   epoll_ctl(_poll, EPOLL_CTL_ADD, _descriptor, &event);
 }
 
+// The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
+// which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
+// it is there, and bounded.
+Connection::~Connection() {
+  _handler.reset();
+  const auto drop = [this] { return recv(_descriptor, nullptr, kDropped, MSG_DONTWAIT | MSG_TRUNC) > 0; };
+  for (int parts = 0; _inputEnded && parts < kMostDropped && drop();) ++parts;
+}
+
 bool Connection::OnReadable(char* scratch, size_t size) {
   if (_hasMore) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  if (_inputEnded) return count > 0 || _output.GetKeptBytes() > 0;
   if (count == 0) {
-    _inputEnded = true;
-    return HandleRest() && !EndsNow();
+    HandleRest();
+    return !EndsNow();
   }
   const std::string_view received(scratch, static_cast<size_t>(count));
   if (_input.empty()) return TakeInput(received);
@@ -72,7 +84,7 @@ bool Connection::TakeInput(std::string_view received) {
   const bool wasUnfinished = !_input.empty();
   size_t handled = 0;
   if (!HandleRequests(received, handled)) return false;
-  received.remove_prefix(handled);
+  received.remove_prefix(_inputEnded ? received.size() : handled);
   if (received.empty()) {
     _input.clear();
     _input.shrink_to_fit();
@@ -97,35 +109,35 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
       if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut("HTTP is not our protocol, bytes", length);
       _first = false;
       _request.SetText(rest.substr(0, length));
-      if (!_handler.HandleNext()) break;
+      if (!_handler->HandleNext()) break;
       handled += length;
+      if (_handler->HasQuit()) return !EndsNow();
       _hasMore = turn + 1 == kRequestsInATurn && handled < received.size();
-      if (_handler.HasQuit()) return !EndsNow();
       if (_hasMore) break;
     }
   } catch (const std::exception& exception) {
     Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
-    return false;
+    return !EndsNow();
   }
   return !_output.IsBroken();
 }
 
 // What the input's end cut off is handled as far as that is right: lists are answered, changes are not made.
-bool Connection::HandleRest() {
+void Connection::HandleRest() {
   try {
     _request.SetText(_input);
-    while (_handler.HandleNext()) continue;
+    while (_handler->HandleNext()) continue;
   } catch (const std::exception& exception) {
     Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
-    return false;
   }
   _input.clear();
-  return true;
 }
 
-// After the last request: whether everything was sent. If not, the rest goes out first.
+// After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.
 bool Connection::EndsNow() {
   _inputEnded = true;
+  _hasMore = false;
+  _handler.reset();
   UpdateInterest();
   return _output.GetKeptBytes() == 0;
 }

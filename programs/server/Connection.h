@@ -4,6 +4,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -29,8 +30,8 @@ class Connection {
   // wakeLoop: an eventfd that tells the loop that bytes are kept. env and limits outlive the connection.
   Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits);
 
-  // What was not sent is gone.
-  ~Connection() = default;
+  // What was not sent is gone. What the kernel still has to send goes out all the same.
+  ~Connection();
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -51,7 +52,7 @@ class Connection {
  private:
   bool TakeInput(std::string_view received);
   bool HandleRequests(std::string_view received, size_t& handled);
-  bool HandleRest();
+  void HandleRest();
   bool EndsNow();
   bool CheckInput();
   bool Cut(const char* reason, size_t figure);
@@ -70,11 +71,11 @@ class Connection {
   settings::server::RequestFramer _framer;
   core::ViewIstream _request;
   OutputQueue _output;
-  settings::server::ClientHandler _handler;
-  bool _first = true;     // nothing was handled yet
-  bool _hasMore = false;  // the turn ended before the requests did
-  bool _inputEnded = false;
-  std::mutex _interestMutex;  // guards what follows
+  std::optional<settings::server::ClientHandler> _handler;  // until the last request
+  bool _first = true;                                       // nothing was handled yet
+  bool _hasMore = false;                                    // the turn ended before the requests did
+  bool _inputEnded = false;                                 // what still comes is not handled
+  std::mutex _interestMutex;                                // guards what follows
   bool _wantsRead = true;
   bool _wantsWrite = false;
 };

@@ -26,10 +26,15 @@ void SetOption(int descriptor, int level, int name, int value) {
   Require(setsockopt(descriptor, level, name, &value, sizeof value), "setsockopt");
 }
 
-void SetUp(int descriptor, int receiveBuffer) {
-  const timeval limit{30, 0};
+// seconds: 0 waits for ever.
+void SetTimeLimit(int descriptor, time_t seconds) {
+  const timeval limit{seconds, 0};
   Require(setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), "setsockopt");
   Require(setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit), "setsockopt");
+}
+
+void SetUp(int descriptor, int receiveBuffer) {
+  SetTimeLimit(descriptor, 30);
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   if (receiveBuffer > 0) SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, receiveBuffer);
 }
@@ -135,6 +140,10 @@ void ProtocolClient::Reset() {
   const linger atOnce{1, 0};
   Require(setsockopt(_socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce), "setsockopt");
   _socket.Close();
+}
+
+void ProtocolClient::WaitForEver() {
+  SetTimeLimit(_socket.Get(), 0);
 }
 
 std::string Converse(unsigned short port, const std::string& requests) {

@@ -50,6 +50,10 @@ class ProtocolClient {
 
   void Close() { _socket.Close(); }
 
+  // For what only the kernel can do with it. WaitForEver takes the limits of time off it.
+  int GetDescriptor() const { return _socket.Get(); }
+  void WaitForEver();
+
  private:
   void Connect(const std::string& host, const std::string& port, int receiveBuffer);
   bool Receive();
