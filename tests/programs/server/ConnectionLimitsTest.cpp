@@ -1,16 +1,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <list>
 #include <utility>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/ProcessFigures.h"
 
 namespace tavix::test {
 
@@ -43,15 +41,6 @@ std::list<ProtocolClient> Open(unsigned short port, size_t count) {
   return served;
 }
 
-// The processor time that the process has used, in seconds.
-double ProcessorTimeOf(pid_t process) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::vector<std::string> values((std::istream_iterator<std::string>(fields)), std::istream_iterator<std::string>());
-  return (std::stod(values.at(11)) + std::stod(values.at(12))) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 // A sanitizer needs descriptors to look at a class for the first time: a connection has to come and go, and a line to
 // be logged, before there are none.
 void WarmUp(const Daemon& daemon) {
@@ -70,12 +59,12 @@ rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
 
 // Looks at a second in which the daemon has ten requests to handle and nothing else.
 void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
-  const double before = ProcessorTimeOf(daemon.GetId());
+  const double before = ProcessorTime(daemon.GetId());
   for (int i = 0; i < 10; ++i) {
     client.AwaitHandled();
     EXPECT_EQ(client.ReadFor(100), "");
   }
-  EXPECT_LT(ProcessorTimeOf(daemon.GetId()) - before, 0.3);
+  EXPECT_LT(ProcessorTime(daemon.GetId()) - before, 0.3);
 }
 
 }  // namespace
@@ -103,6 +92,29 @@ TEST(ConnectionLimits, ConnectionsLeaveTheDescriptorsThatASaveNeeds) {
   EXPECT_EQ(directory.Read("user.ini"), "[A]\nx=1\n");
   clients.clear();
   EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
+}
+
+// With more connects than a process of 128 descriptors can hold, those that are served are served as before, and what
+// they change outlives the daemon.
+TEST(ConnectionLimits, FiveHundredConnectsToADaemonOf128DescriptorsHarmNeitherClientsNorSaves) {
+  const TemporaryDirectory directory;
+  const std::vector<std::string> arguments{"--user-settings", "user.ini"};
+  {
+    Daemon daemon(directory, arguments, {128, {}});
+    std::list<ProtocolClient> clients = Open(daemon.GetPort(), 500);
+    EXPECT_THAT(clients.size(), testing::AllOf(testing::Gt(64u), testing::Lt(128u)));
+    std::list<ProtocolClient> refused;
+    while (refused.size() < 400) refused.emplace_back(daemon.GetPort());
+    ExpectNoSpinning(daemon, clients.back());
+    int round = 0;
+    for (ProtocolClient& client : clients) {
+      client.Send("merge\n[A]\nx=" + std::to_string(++round) + "\n.\n");
+      EXPECT_EQ(client.Get("A\n"), "data\n[A]\nx=" + std::to_string(round) + "\n.\n");
+    }
+    EXPECT_LE(CountDescriptors(daemon.GetId()), 128u);
+  }
+  Daemon restarted(directory, arguments);
+  EXPECT_THAT(Converse(restarted.GetPort(), "get\nA\n.\n"), testing::MatchesRegex("\\[A\\]\nx=[0-9]+\n"));
 }
 
 // As when the whole system runs out of descriptors.

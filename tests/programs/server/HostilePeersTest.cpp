@@ -1,14 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <list>
 #include <random>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/ElapsedTime.h"
+#include "tests/support/ProcessFigures.h"
 
 namespace tavix::test {
 
@@ -28,23 +25,6 @@ class HostilePeers : public testing::Test {
   void ExpectOthersAreServed() {
     EXPECT_EQ(_bystander.Get("A\n"), "data\n[A]\nx=1\n.\n");
     EXPECT_EQ(Converse(_port, "get\nA\n.\n"), "[A]\nx=1\n");
-  }
-
-  size_t CountOfEntries(const char* directory) const {
-    const std::string path = "/proc/" + std::to_string(_daemon.GetId()) + "/" + directory;
-    const std::filesystem::directory_iterator entries(path);
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-  }
-
-  // The most that the daemon has mapped so far.
-  size_t AddressSpace() const {
-    std::ifstream status("/proc/" + std::to_string(_daemon.GetId()) + "/status");
-    for (std::string word; status >> word;) {
-      size_t kilobytes = 0;
-      if (word == "VmPeak:" && status >> kilobytes) return kilobytes * 1024;
-    }
-    ADD_FAILURE() << "no VmPeak";
-    return 0;
   }
 
   const TemporaryDirectory _directory;
@@ -85,16 +65,18 @@ TEST_F(HostilePeers, SixteenMegabytesWithoutALineFeedAreOneLine) {
 }
 
 TEST_F(HostilePeers, FalseSizesInAPhpArrayReserveNothing) {
-  const size_t before = AddressSpace();
-  for (const char* payload : {"a:4294967295:{", "a:1:{s:4294967295:\"", "a:1:{s:1:\"A\";a:4294967295:{",
-                              "a:4294967296:{", "a:1:{s:99999999999999999999:\""}) {
-    ProtocolClient client(_port);
-    client.Send(std::string("serialize phparray\nmerge\n") + payload);
-    client.HalfClose();
-    EXPECT_EQ(client.ReadToEnd(), "") << payload;
-    ExpectOthersAreServed();
+  const size_t before = PeakAddressSpace(_daemon.GetId());
+  for (const char* start :
+       {"merge\n", "merge nopersist\n", "test-and-merge\n", "test-and-merge\na:0:{}\n.\n", "overwrite\nA\n.\n"}) {
+    for (const char* payload :
+         {"a:4294967295:{", "a:1:{s:4294967295:\"", "a:1:{s:1:\"A\";a:4294967295:{",
+          "a:1:{s:1:\"A\";a:4294967295:{s:4294967295:\"", "a:4294967296:{", "a:1:{s:99999999999999999999:\""}) {
+      EXPECT_EQ(Converse(_port, std::string("serialize phparray\n") + start + payload), "") << start << payload;
+      EXPECT_EQ(Converse(_port, std::string("serialize ini\n") + start + payload), "") << start << payload;
+      ExpectOthersAreServed();
+    }
   }
-  EXPECT_LT(AddressSpace(), before + 1024 * kMegabyte);
+  EXPECT_LT(PeakAddressSpace(_daemon.GetId()), before + 1024 * kMegabyte);
 }
 
 TEST_F(HostilePeers, HalfClosedPeerGetsTheWholeOfALargeReply) {
@@ -102,19 +84,8 @@ TEST_F(HostilePeers, HalfClosedPeerGetsTheWholeOfALargeReply) {
   EXPECT_EQ(Converse(_port, "merge\n" + group + ".\nget\nLarge\n.\n"), group);
 }
 
-TEST_F(HostilePeers, ConnectionsThatComeAndGoLeaveNothingBehind) {
-  const size_t descriptors = CountOfEntries("fd");
-  const size_t threads = CountOfEntries("task");
-  for (int i = 0; i < 1000; ++i) ProtocolClient client(_port);
-  for (int i = 0; i < 100; ++i) ProtocolClient(_port).Reset();
-  for (int i = 0; i < 100; ++i) Converse(_port, "subscribe\n*\n.\nmerge nopersist\n[B]\ny=1\n.\n");
-  EXPECT_TRUE(Eventually([&] { return CountOfEntries("fd") == descriptors && CountOfEntries("task") == threads; }))
-      << CountOfEntries("fd") << " descriptors, " << CountOfEntries("task") << " threads";
-  ExpectOthersAreServed();
-}
-
 TEST_F(HostilePeers, PeerThatResetsItsConnectionWithinAReplyOrARequestHarmsNobodyElse) {
-  const size_t descriptors = CountOfEntries("fd");
+  const size_t descriptors = CountDescriptors(_daemon.GetId());
   Converse(_port, "merge\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n");
   for (const char* request :
        {"get delimited\nLarge\n.\n", "subscribe\nLarge\n.\nget delimited\nLarge\n.\n", "dump all\n"}) {
@@ -128,7 +99,7 @@ TEST_F(HostilePeers, PeerThatResetsItsConnectionWithinAReplyOrARequestHarmsNobod
   client.Send("merge\n[A]\nx=");
   _daemon.AwaitIdle();
   client.Reset();
-  EXPECT_TRUE(Eventually([&] { return CountOfEntries("fd") == descriptors; }));
+  EXPECT_TRUE(Eventually([&] { return CountDescriptors(_daemon.GetId()) == descriptors; }));
   ExpectOthersAreServed();
 }
 

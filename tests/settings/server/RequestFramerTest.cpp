@@ -41,6 +41,15 @@ const std::vector<std::string> kPhpArraySession{
     "test-and-merge\na:0:{}a:0:{}",
     "overwrite\nA\n.\na:2:{s:1:\"A\";a:0:{}s:1:\"B\";a:2:{s:0:\"\";s:0:\"\";s:1:\"k\";s:1:\"v\";}}",
     "get\nA\n.\n",
+    "get delimited\nNet\n*\n.\n",
+    "subscribe\nA\n.\n",
+    "restore\nA*\n.\n",
+    "info subscribed\n",
+    "dump\n",
+    "bogus\n",
+    "quit\n",
+    "serialize nonsense\n",
+    "merge nopersist\na:1:{s:0:\"\";a:0:{}}",
     "serialize ini\n",
     "merge\n.\n",
 };
@@ -72,6 +81,33 @@ TEST(RequestFramer, FindsEveryRequestHoweverItIsCut) {
   for (const auto& session : {kIniSession, kPhpArraySession}) {
     const std::string bytes = Join(session);
     for (size_t step = 1; step <= bytes.size(); ++step) EXPECT_EQ(Frame(bytes, step), session) << step;
+  }
+}
+
+// The first piece ends anywhere, the second anywhere behind it; the rest of the request comes with the next one.
+TEST(RequestFramer, FindsARequestThatComesInThreePiecesWhereverItIsCut) {
+  for (const auto& session : {kIniSession, kPhpArraySession}) {
+    RequestFramer before;
+    for (const std::string& request : session) {
+      for (size_t first = 0; first < request.size(); ++first) {
+        for (size_t second = first; second < request.size(); ++second) {
+          RequestFramer framer = before;
+          ASSERT_EQ(framer.FindEnd(request.substr(0, first)), 0u) << request;
+          ASSERT_EQ(framer.FindEnd(request.substr(0, second)), 0u) << request;
+          ASSERT_EQ(framer.FindEnd(request + "get\n.\n"), request.size()) << request;
+        }
+      }
+      before.FindEnd(request);
+    }
+  }
+}
+
+TEST(RequestFramer, SessionsHoldEveryCommand) {
+  for (const char* word :
+       {"quit", "dump", "merge", "test-and-merge", "subscribe", "get", "overwrite", "serialize", "restore", "info"}) {
+    const auto isIt = testing::Contains(testing::ContainsRegex(std::string("^ ?") + word + "[ \n\t\r]"));
+    EXPECT_THAT(kIniSession, isIt);
+    EXPECT_THAT(kPhpArraySession, isIt);
   }
 }
 

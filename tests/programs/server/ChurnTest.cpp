@@ -1,0 +1,59 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/ProcessFigures.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMegabyte = 1024 * 1024;
+constexpr int kConnections = 10'000;
+
+// A client that leaves in one of the ways there are, half of which are resets.
+void ComeAndGo(unsigned short port, int way) {
+  ProtocolClient client(port);
+  switch (way % 6) {
+    case 0:
+      return;
+    case 1:
+      return client.Reset();
+    case 2:
+      return client.AwaitHandled();
+    case 3:
+      client.AwaitHandled();
+      return client.Reset();
+    case 4:
+      return client.Send("subscribe\nA\n.\nmerge nopersist\n[A]\nx=1\n.\nquit\n");
+    default:
+      client.Send("subscribe\nA\nB*\n.\nmerge nopersist\n[A]\nx=1\n.\nmerge\n[A]\nx=");
+      return client.Reset();
+  }
+}
+
+}  // namespace
+
+TEST(Churn, TenThousandConnectionsHalfOfThemResetLeaveNothingBehind) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  ProtocolClient bystander(daemon.GetPort());
+  bystander.AwaitHandled();
+  const size_t descriptors = CountDescriptors(daemon.GetId());
+  const size_t threads = CountThreads(daemon.GetId());
+  const auto areGone = [&] { return CountDescriptors(daemon.GetId()) == descriptors; };
+  for (int i = 0; i < 1000; ++i) ComeAndGo(daemon.GetPort(), i);
+  ASSERT_TRUE(Eventually(areGone));
+  const size_t memory = ResidentMemory(daemon.GetId());
+
+  for (int i = 0; i < kConnections; ++i) ComeAndGo(daemon.GetPort(), i);
+
+  EXPECT_TRUE(Eventually(areGone)) << CountDescriptors(daemon.GetId()) << " descriptors, not " << descriptors;
+  EXPECT_EQ(CountThreads(daemon.GetId()), threads);
+  EXPECT_LT(ResidentMemory(daemon.GetId()), memory + (kMemoryIsInflated ? 256 : 1) * kMegabyte);
+  EXPECT_EQ(Converse(daemon.GetPort(), "info subscribed\n"), "Subscribed groups\n-----------------\n\n");
+  bystander.AwaitHandled();
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,182 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <list>
+#include <thread>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Durations.h"
+#include "tests/support/ProcessFigures.h"
+#include "tests/support/ReaderProcess.h"
+#include "tests/support/RunLength.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMegabyte = 1024 * 1024;
+constexpr size_t kStopped = 50;
+constexpr size_t kLive = 10;
+constexpr int kMostChanges = 200'000;
+constexpr char kCut[] = "connection cut: too much unread for too long, bytes ";
+
+// Every state has the same length.
+std::string State(int number) {
+  return "[Load]\nn=" + std::to_string(1'000'000 + number) + "\nv=" + std::string(1000, 'v') + "\n";
+}
+
+std::string NoticeOf(int number) {
+  return "async change\nLoad\n.\n" + State(number) + ".\n";
+}
+
+// receiveBuffer: as ProtocolClient takes it.
+ProtocolClient Subscribe(unsigned short port, int receiveBuffer = 0) {
+  ProtocolClient client(port, receiveBuffer);
+  client.Send("subscribe\nLoad\n.\n");
+  client.AwaitHandled();
+  return client;
+}
+
+// Ten subscribers that read whatever comes, and want to see every state there is.
+class LiveSubscribers {
+ public:
+  explicit LiveSubscribers(unsigned short port) {
+    for (size_t i = 0; i < kLive; ++i) _clients.push_back(Subscribe(port));
+    for (ProtocolClient& client : _clients) _calls.emplace_back([this, &client] { Follow(client); });
+  }
+
+  // To be called before the last change.
+  void SetLast(int last) { _last = last; }
+
+  void Join() {
+    for (BackgroundCall& call : _calls) call.Join();
+  }
+
+ private:
+  void Follow(ProtocolClient& client) {
+    const size_t size = NoticeOf(0).size();
+    for (int number = 1; _last < 0 || number <= _last; ++number) ASSERT_EQ(client.Read(size), NoticeOf(number));
+  }
+
+  std::atomic<int> _last{-1};
+  std::list<ProtocolClient> _clients;
+  std::list<BackgroundCall> _calls;
+};
+
+// One that takes the store from state to state, as a client that makes sure that nobody was faster.
+class Writer {
+ public:
+  explicit Writer(unsigned short port) : _client(port) {
+    _client.Send("merge\n" + State(0) + ".\n");
+    _client.AwaitHandled();
+  }
+
+  int GetState() const { return _state; }
+
+  void Change() {
+    const std::string condition = "[Load]\nn=" + std::to_string(1'000'000 + _state) + "\n.\n";
+    _client.Send("test-and-merge\n" + condition + State(++_state) + ".\n");
+    ASSERT_EQ(_client.ReadLine(), "result\n");
+    ASSERT_EQ(_client.ReadLine(), "ok\n");
+  }
+
+  void ChangeUntil(const std::function<bool()>& isEnough) {
+    while (_state < kMostChanges && !isEnough()) Change();
+  }
+
+  // 200 times a second; how long each took, in milliseconds.
+  Durations ChangeSteadily(int count) {
+    Durations durations;
+    auto next = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i) {
+      std::this_thread::sleep_until(next += std::chrono::milliseconds(5));  // the load is what the test is about
+      durations.Measure([this] { Change(); });
+    }
+    return durations;
+  }
+
+ private:
+  ProtocolClient _client;
+  int _state = 0;
+};
+
+// Subscribers in processes of their own that are stopped.
+std::list<ReaderProcess> StopSubscribers(unsigned short port) {
+  std::list<ReaderProcess> stopped;
+  for (size_t i = 0; i < kStopped; ++i) stopped.emplace_back(Subscribe(port, 4096)).Stop();
+  return stopped;
+}
+
+size_t CountCuts(const Daemon& daemon) {
+  return CountOf(kCut, daemon.GetErrors());
+}
+
+// The most bytes that were kept for one of them when it was cut.
+size_t MostKept(const std::string& errors) {
+  size_t most = 0;
+  for (size_t at = 0; (at = errors.find(kCut, at)) != std::string::npos;) {
+    at += sizeof kCut - 1;
+    most = std::max(most, static_cast<size_t>(std::stoul(errors.substr(at))));
+  }
+  return most;
+}
+
+}  // namespace
+
+TEST(StalledSubscribers, AreCutWhileOthersMissNothingAndTheirMemoryReturns) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-backlog", "1048576", "--backlog-timeout", "1"});
+  const unsigned short port = daemon.GetPort();
+  Writer writer(port);
+  LiveSubscribers live(port);
+  writer.ChangeUntil([&] { return writer.GetState() == 100; });
+  const size_t memory = ResidentMemory(daemon.GetId());
+  const size_t descriptors = CountDescriptors(daemon.GetId());
+  std::list<ReaderProcess> stopped = StopSubscribers(port);
+
+  writer.ChangeUntil([&] { return CountCuts(daemon) == kStopped; });
+
+  EXPECT_EQ(CountCuts(daemon), kStopped) << daemon.GetErrors();
+  EXPECT_TRUE(Eventually([&] { return CountDescriptors(daemon.GetId()) == descriptors; }));
+  EXPECT_LT(ResidentMemory(daemon.GetId()), memory + (kMemoryIsInflated ? 512 : 8) * kMegabyte);
+  live.SetLast(writer.GetState() + 1);
+  writer.Change();
+  live.Join();
+  for (ReaderProcess& process : stopped) process.AwaitEnd();
+}
+
+// The claims about time are made by a long run alone: a minute of each, with the daemon's own bounds.
+TEST(StalledSubscribers, DoNotSlowWritersDown) {
+  const int changes = IsLongRun() ? 12'000 : 100;
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  Writer writer(daemon.GetPort());
+  LiveSubscribers live(daemon.GetPort());
+  writer.ChangeSteadily(100);
+  const size_t memory = ResidentMemory(daemon.GetId());
+  const Durations alone = writer.ChangeSteadily(changes);
+  std::list<ReaderProcess> stopped = StopSubscribers(daemon.GetPort());
+  live.SetLast(writer.GetState() + changes);
+  const Durations beside = writer.ChangeSteadily(changes);
+  live.Join();
+
+  const size_t peak = PeakResidentMemory(daemon.GetId());
+  std::printf("test-and-merge: p50 %.3f and p99 %.3f ms, beside %zu stalled subscribers %.3f and %.3f ms\n",
+              alone.Quantile(0.5), alone.Quantile(0.99), kStopped, beside.Quantile(0.5), beside.Quantile(0.99));
+  if (!IsLongRun()) return;
+  EXPECT_LE(beside.Quantile(0.99), 2 * alone.Quantile(0.99));
+  EXPECT_EQ(CountCuts(daemon), kStopped);
+  EXPECT_LT(MostKept(daemon.GetErrors()), 9 * kMegabyte);
+  const size_t left = ResidentMemory(daemon.GetId());
+  std::printf("resident: before %zu KiB, at most %zu KiB, in the end %zu KiB; at most %zu bytes kept for one\n",
+              memory / 1024, peak / 1024, left / 1024, MostKept(daemon.GetErrors()));
+  EXPECT_LT(left, memory + (kMemoryIsInflated ? 512 : 8) * kMegabyte);
+}
+
+}  // namespace tavix::test
