@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <locale>
+#include <string_view>
 #include <utility>
 
 namespace tavix::daemon {
@@ -27,21 +28,19 @@ OutputQueue::OutputQueue(int descriptor, size_t most, std::function<void()> onKe
 size_t OutputQueue::Send() {
   std::lock_guard<std::mutex> lock(_mutex);
   if (_broken) return 0;
-  const size_t sent = SendSome(_kept.data() + _sent, _kept.size() - _sent);
-  _sent += sent;
-  if (_sent == _kept.size()) {
-    _sent = 0;
-    ReleaseMemory(_kept);
-  } else if (_sent > _kept.size() / 2) {
-    _kept.erase(0, _sent);
-    _sent = 0;
+  bool takesMore = true;
+  while (takesMore && _kept.GetSize() > 0) {
+    const std::string_view front = _kept.GetFront();
+    const size_t sent = SendSome(front.data(), front.size());
+    takesMore = sent == front.size();
+    if (!_broken) _kept.Drop(sent);
   }
-  return _kept.size() - _sent;
+  return _kept.GetSize();
 }
 
 size_t OutputQueue::GetKeptBytes() const {
   std::lock_guard<std::mutex> lock(_mutex);
-  return _kept.size() - _sent;
+  return _kept.GetSize();
 }
 
 bool OutputQueue::IsBroken() const {
@@ -68,7 +67,7 @@ std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
 int OutputQueue::sync() {
   std::lock_guard<std::mutex> lock(_mutex);
   if (!_broken) {
-    const size_t sent = _kept.empty() ? SendSome(_message.data(), _message.size()) : 0;
+    const size_t sent = _kept.GetSize() == 0 ? SendSome(_message.data(), _message.size()) : 0;
     if (sent < _message.size() && !_broken) Keep(_message.data() + sent, _message.size() - sent);
   }
   ReleaseMemory(_message);
@@ -94,10 +93,10 @@ size_t OutputQueue::SendSome(const char* bytes, size_t count) {
 }
 
 void OutputQueue::Keep(const char* bytes, size_t count) {
-  const bool first = _kept.empty();
+  const bool first = _kept.GetSize() == 0;
   if (first) _lastProgress = Clock::now();
-  _kept.append(bytes, count);
-  if (_kept.size() - _sent > _most) {
+  _kept.Append(bytes, count);
+  if (_kept.GetSize() > _most) {
     Break();
   } else if (first) {
     _onKept();
@@ -107,8 +106,7 @@ void OutputQueue::Keep(const char* bytes, size_t count) {
 void OutputQueue::Break() {
   _broken = true;
   shutdown(_descriptor, SHUT_RDWR);  // the loop is told by the socket
-  _sent = 0;
-  std::string().swap(_kept);
+  _kept.Clear();
   _onKept();
 }
 

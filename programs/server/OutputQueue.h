@@ -8,6 +8,8 @@
 #include <streambuf>
 #include <string>
 
+#include "programs/server/ByteQueue.h"
+
 namespace tavix::daemon {
 
 // What a connection is still to be sent, as an ostream that never waits: a message that is flushed goes to the socket
@@ -49,8 +51,7 @@ class OutputQueue : private std::streambuf {
   std::string _message;  // the writer's, until it is flushed
   std::ostream _ostream;
   mutable std::mutex _mutex;  // guards what follows
-  std::string _kept;
-  size_t _sent = 0;  // of _kept
+  ByteQueue _kept;
   bool _broken = false;
   Clock::time_point _lastProgress{};
 };
