@@ -127,7 +127,8 @@ TEST(RequestFramer, FindsNothingInABeginning) {
 }
 
 TEST(RequestFramer, PayloadThatCanNotBeParsedEndsWhereThatShows) {
-  for (const char* payload : {"b", "a:x", "a:1:{s:1:\"A\";a:1:{s:2:\"ip\";}", "a:4294967296", "a:1:{s:1:\"AB"}) {
+  for (const char* payload : {"b", "a:x", "a:1:{s:1:\"A\";a:1:{s:2:\"ip\";}", "a:4294967296", "a:1:{s:1:\"AB",
+                              "a:0:{}x", "a:0:{}\n.\n.", "a:0:{}a:0:{x"}) {
     RequestFramer framer;
     framer.FindEnd("serialize phparray\n");
     const std::string request = std::string("test-and-merge\n") + payload;
