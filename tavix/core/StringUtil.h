@@ -12,7 +12,8 @@ namespace tavix::core {
 class TAVIX_EXPORT StringUtil {
  public:
   // Whether "text" matches "pattern", in which '*' stands for any run of bytes, an empty one included, and every other
-  // byte for itself. Takes at most pattern x text steps.
+  // byte for itself. The time that it takes grows with their sizes, not with the product of these: both come from
+  // clients.
   static bool MatchesPattern(std::string_view pattern, std::string_view text);
 
   static bool StartsWith(std::string_view text, std::string_view prefix);

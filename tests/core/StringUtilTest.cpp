@@ -75,6 +75,15 @@ TEST(StringUtil, ManyStarsDoNotMakeMatchingSlow) {
   EXPECT_TRUE(StringUtil::MatchesPattern(pattern, std::string(20000, 'a')));
 }
 
+// Where a search starts over at every byte this takes minutes.
+TEST(StringUtil, LongPiecesOfAPatternAreFoundWithoutStartingOverAtEveryByte) {
+  const std::string name(1'000'000, 'a');
+  const std::string piece(500'000, 'a');
+  EXPECT_TRUE(StringUtil::MatchesPattern("*" + piece + "*" + piece, name));
+  EXPECT_FALSE(StringUtil::MatchesPattern("*" + piece + "b*", name));
+  EXPECT_FALSE(StringUtil::MatchesPattern("*b" + piece + "*", name));
+}
+
 TEST(StringUtil, StartsWithTestsAPrefix) {
   EXPECT_TRUE(StringUtil::StartsWith("Network", "Net"));
   EXPECT_TRUE(StringUtil::StartsWith("Net", "Net"));

@@ -79,6 +79,12 @@ TEST_F(HostilePeers, FalseSizesInAPhpArrayReserveNothing) {
   EXPECT_LT(PeakAddressSpace(_daemon.GetId()), before + 1024 * kMegabyte);
 }
 
+TEST_F(HostilePeers, LongPatternAndLongNameThatAlmostMatchKeepNobodyWaiting) {
+  EXPECT_EQ(Converse(_port, "merge\n[" + std::string(kMegabyte - 2, 'a') + "]\nk=v\n.\n"), "");
+  EXPECT_EQ(Converse(_port, "get\n*" + std::string(kMegabyte / 2, 'a') + "b*\n.\n"), "");
+  ExpectOthersAreServed();
+}
+
 TEST_F(HostilePeers, HalfClosedPeerGetsTheWholeOfALargeReply) {
   const std::string group = "[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n";
   EXPECT_EQ(Converse(_port, "merge\n" + group + ".\nget\nLarge\n.\n"), group);
