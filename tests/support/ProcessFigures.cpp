@@ -32,6 +32,14 @@ size_t StatusInBytes(pid_t process, const std::string& name) {
   throw std::runtime_error("No " + name + " in " + Path(process, "status"));
 }
 
+size_t Growth([[maybe_unused]] size_t before, [[maybe_unused]] size_t now) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return 0;
+#else
+  return now > before ? now - before : 0;
+#endif
+}
+
 }  // namespace
 
 size_t CountDescriptors(pid_t process) {
@@ -46,8 +54,12 @@ size_t ResidentMemory(pid_t process) {
   return StatusInBytes(process, "VmRSS:");
 }
 
-size_t PeakResidentMemory(pid_t process) {
-  return StatusInBytes(process, "VmHWM:");
+size_t ResidentGrowth(pid_t process, size_t before) {
+  return Growth(before, ResidentMemory(process));
+}
+
+size_t PeakResidentGrowth(pid_t process, size_t before) {
+  return Growth(before, StatusInBytes(process, "VmHWM:"));
 }
 
 size_t PeakAddressSpace(pid_t process) {

@@ -12,20 +12,16 @@ namespace tavix::test {
 size_t CountDescriptors(pid_t process);
 size_t CountThreads(pid_t process);
 
-// In bytes: the memory that is resident, the most that ever was, and the most that was ever mapped.
+// In bytes: the memory that is resident, and the most that ever was mapped.
 size_t ResidentMemory(pid_t process);
-size_t PeakResidentMemory(pid_t process);
 size_t PeakAddressSpace(pid_t process);
+
+// By how much more than "before" is resident, or ever was. Always 0 in a build with a sanitizer, which keeps what was
+// freed and adds some of its own.
+size_t ResidentGrowth(pid_t process, size_t before);
+size_t PeakResidentGrowth(pid_t process, size_t before);
 
 // The processor time that it has used, in seconds.
 double ProcessorTime(pid_t process);
-
-// Whether tests and programs are built with a sanitizer that keeps freed memory and adds some of its own: then figures
-// of memory say little.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMemoryIsInflated = true;
-#else
-constexpr bool kMemoryIsInflated = false;
-#endif
 
 }  // namespace tavix::test
