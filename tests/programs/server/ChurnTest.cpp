@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <list>
+
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ProcessFigures.h"
@@ -51,8 +53,43 @@ TEST(Churn, TenThousandConnectionsHalfOfThemResetLeaveNothingBehind) {
   EXPECT_TRUE(Eventually(areGone)) << CountDescriptors(daemon.GetId()) << " descriptors, not " << descriptors;
   EXPECT_EQ(CountThreads(daemon.GetId()), threads);
   EXPECT_LT(ResidentGrowth(daemon.GetId(), memory), 1024u * 1024);
-  EXPECT_EQ(Converse(daemon.GetPort(), "info subscribed\n"), "Subscribed groups\n-----------------\n\n");
   bystander.AwaitHandled();
+}
+
+// Notices are on their way to them when they leave.
+TEST(Churn, SubscribersThatComeAndGoWhileGroupsChangeCostNobodyANotice) {
+  constexpr int kChanges = 5000;
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  const unsigned short port = daemon.GetPort();
+  ProtocolClient witness(port);
+  witness.Send("subscribe\nCounter\n.\n");
+  witness.AwaitHandled();
+  std::list<BackgroundCall> guests;
+  for (int guest = 0; guest < 3; ++guest) {
+    guests.emplace_back([port, guest] {
+      for (int i = 0; i < 300; ++i) {
+        ProtocolClient client(port);
+        client.Send("subscribe\n*\n.\nget delimited\nCounter\n.\n");
+        client.Read(5);
+        if ((i + guest) % 3 == 0) client.Send("quit\n");
+        if ((i + guest) % 3 == 1) client.Reset();
+      }
+    });
+  }
+  BackgroundCall writer([port] {
+    std::string requests;
+    for (int n = 0; n < kChanges; ++n) requests += "merge\n[Counter]\nn=" + std::to_string(n) + "\n.\n";
+    Converse(port, requests);
+  });
+  for (int n = 0; n < kChanges; ++n) {
+    const std::string notice = "async change\nCounter\n.\n[Counter]\nn=" + std::to_string(n) + "\n.\n";
+    ASSERT_EQ(witness.Read(notice.size()), notice);
+  }
+  writer.Join();
+  for (BackgroundCall& guest : guests) guest.Join();
+  const std::string listing = "Subscribed groups\n-----------------\nCounter\n\n";
+  EXPECT_TRUE(Eventually([&] { return Converse(port, "info subscribed\n") == listing; }));
 }
 
 }  // namespace tavix::test
