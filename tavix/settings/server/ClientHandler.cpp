@@ -15,6 +15,7 @@
 #include "tavix/settings/common/DelimitedValues.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
+#include "tavix/settings/server/IMessageObserver.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -34,6 +35,8 @@ using osa::MutexAutoLock;
 namespace {
 
 constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
+
+const GroupNameMatcher kNoGroups;
 
 std::set<std::string> ReadGroupSet(std::istream* in) {
   std::set<std::string> groups;
@@ -72,6 +75,7 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _settingsManager(env->settingsManager),
       _serializationManager(env->serializationManager),
       _mostSubscriptions(env->mostSubscriptions),
+      _messageObserver(env->messageObserver),
       _serializer(_serializationManager->GetSerializer("ini")) {}
 
 ClientHandler::~ClientHandler() {
@@ -111,7 +115,7 @@ void ClientHandler::Dump(std::istream& args) {
     _settingsManager->DumpUserSettings(_message);
   }
   _message << protocol::kTerminatorLine;
-  SendMessage();
+  SendMessage(nullptr);
 }
 
 void ClientHandler::Merge(std::istream& args) {
@@ -131,7 +135,7 @@ void ClientHandler::TestAndMerge(std::istream&) {
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
   _message << protocol::kResult << '\n' << (merged ? protocol::kOk : protocol::kFailure) << '\n';
-  SendMessage();
+  SendMessage(nullptr);
 }
 
 void ClientHandler::Subscribe(std::istream&) {
@@ -156,7 +160,7 @@ void ClientHandler::GetSections(std::istream& args) {
   if (delimited) _message << protocol::kData << '\n';
   if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
   if (delimited) _message << protocol::kTerminatorLine;
-  SendMessage();
+  SendMessage(&matcher);
 }
 
 void ClientHandler::Overwrite(std::istream&) {
@@ -193,7 +197,7 @@ void ClientHandler::Info(std::istream& args) {
   _message << "Subscribed groups\n-----------------\n";
   for (const std::string& group : groups) _message << group << '\n';
   _message << '\n';
-  SendMessage();
+  SendMessage(&kNoGroups);
 }
 
 void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {
@@ -224,7 +228,7 @@ void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
   _message << protocol::kTerminatorLine;
   _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
   _message << protocol::kTerminatorLine;
-  SendMessage();
+  SendMessage(&matcher);
 }
 
 bool ClientHandler::TakesWord(std::istream& args, const char* expected) {
@@ -243,7 +247,8 @@ bool ClientHandler::WasCutOff() const {
   return !_in->good();
 }
 
-void ClientHandler::SendMessage() {
+void ClientHandler::SendMessage(const GroupNameMatcher* groups) {
+  if (_messageObserver) _messageObserver->OnMessage(*_out, groups);
   const std::string& message = _message.GetText();
   _out->write(message.data(), static_cast<std::streamsize>(message.size()));
   _out->flush();

@@ -19,6 +19,7 @@ class Logger;
 
 namespace tavix::settings::server {
 
+class IMessageObserver;
 class ISettingsSerializer;
 class SerializationManager;
 class SettingsManager;
@@ -85,7 +86,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
   void WriteNotice(const std::set<std::string>& changedGroups);
-  void SendMessage();
+  void SendMessage(const common::GroupNameMatcher* groups);
 
   core::Logger* const _logger;
   bool _quit = false;
@@ -95,6 +96,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
   const size_t _mostSubscriptions;
+  IMessageObserver* const _messageObserver;             // may be null
   std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
 
   common::GroupNameMatcher _subscriptions;  // what was subscribed to so far, to count it

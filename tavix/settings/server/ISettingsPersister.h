@@ -1,5 +1,8 @@
 #pragma once
 
+#include <set>
+#include <string>
+
 #include "tavix/osa/Export.h"
 
 namespace tavix::core {
@@ -12,11 +15,11 @@ class SettingsCombiner;
 
 // Where a store's settings come from and where the user's go. The hosting program supplies it.
 //
+// A change is saved through SaveChangedGroups, which a persister overrides when it can save less than everything.
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
-// Errors:  exceptions pass through the store to whoever made the call. One that leaves SaveUserSettings leaves the
-// change
-//          in memory, announced to nobody.
+// Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in memory,
+//          announced to nobody.
 class TAVIX_EXPORT ISettingsPersister {
  public:
   virtual ~ISettingsPersister() = default;
@@ -27,6 +30,13 @@ class TAVIX_EXPORT ISettingsPersister {
 
   // userSettings: the whole user layer, valid during the call only.
   virtual void SaveUserSettings(const core::IniFile& userSettings) = 0;
+
+  // The same, knowing which groups of the layer came, went or hold something else than before. Called for every change
+  // that is to be saved, even when no group differs.
+  virtual void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
+    static_cast<void>(changedGroups);
+    SaveUserSettings(userSettings);
+  }
 };
 
 }  // namespace tavix::settings::server

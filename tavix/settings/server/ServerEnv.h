@@ -4,6 +4,7 @@
 
 namespace tavix::settings::server {
 
+class IMessageObserver;
 class SerializationManager;
 class SettingsManager;
 
@@ -15,6 +16,9 @@ struct ServerEnv {
 
   // How many names and patterns one connection may subscribe to; a request for more ends the connection. 0: no limit.
   size_t mostSubscriptions = 0;
+
+  // Told of every reply and notice; may be null.
+  IMessageObserver* messageObserver = nullptr;
 };
 
 }  // namespace tavix::settings::server

@@ -1,5 +1,6 @@
 #include "tavix/settings/server/SettingsManager.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "tavix/osa/Exception.h"
@@ -36,6 +37,48 @@ IniFile UnrestrictedPartOf(const IniFile& settings) {
   GroupDiscriminator::MergeUnrestrictedGroups(filtered, settings);
   return filtered;
 }
+
+// The groups of which "change" sets something that "document" does not hold.
+std::set<std::string> FindGroupsToChange(const IniFile& document, const IniFile& change) {
+  std::set<std::string> differing;
+  for (const auto& [name, keys] : change) {
+    const auto group = document.GetGroups().find(name);
+    const auto isSet = [&](const auto& setting) {
+      const auto key = group->second.find(setting.first);
+      return key != group->second.end() && key->second == setting.second;
+    };
+    const bool isSame = group != document.GetGroups().end() && std::all_of(keys.begin(), keys.end(), isSet);
+    if (!isSame) differing.insert(name);
+  }
+  return differing;
+}
+
+// Groups of the user layer as they are before a change, to find out which of them it changes.
+class GroupsBefore {
+ public:
+  GroupsBefore(const IniFile& document, const std::set<std::string>& names) : _names(names) {
+    for (const std::string& name : names) {
+      const auto group = document.GetGroups().find(name);
+      if (group != document.GetGroups().end()) _groups.MergeGroup(group);
+    }
+  }
+
+  std::set<std::string> FindDifferent(const IniFile& after) const {
+    std::set<std::string> different;
+    for (const std::string& name : _names) {
+      const auto was = _groups.GetGroups().find(name);
+      const auto is = after.GetGroups().find(name);
+      const bool wasThere = was != _groups.GetGroups().end();
+      const bool isThere = is != after.GetGroups().end();
+      if (wasThere != isThere || (isThere && was->second != is->second)) different.insert(name);
+    }
+    return different;
+  }
+
+ private:
+  const std::set<std::string> _names;
+  IniFile _groups;
+};
 
 }  // namespace
 
@@ -130,6 +173,11 @@ void SettingsManager::DumpAllSettings(std::ostream& os) const {
   _allSettings.SaveToStream(os);
 }
 
+void SettingsManager::ReadUserSettings(const std::function<void(const IniFile&)>& reader) const {
+  ReadAutoLock lock(_settingsMutex);
+  reader(_userSettings);
+}
+
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
   RefuseInCallback();
   const IniFile filtered = UnrestrictedPartOf(settings);
@@ -159,6 +207,10 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   std::set<std::string> changed;
   matcher.GetMatchingGroups(_allSettings, changed);
   GroupDiscriminator::FilterOutRestrictedGroups(changed);
+  std::set<std::string> touched = changed;
+  touched.insert(kDeletedGroups);
+  for (const auto& group : filtered) touched.insert(group.first);
+  const GroupsBefore before(_userSettings, touched);
   for (const std::string& group : changed) {
     _allSettings.RemoveGroup(group);
     _userSettings.RemoveGroup(group);
@@ -167,7 +219,7 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   _userSettings.MergeSettings(filtered);
   _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
   HideBookkeeping();
-  Save();
+  Save(before.FindDifferent(_userSettings));
   lock.Release();
   for (const auto& group : filtered) changed.insert(group.first);
   Notify(changed, filtered);
@@ -189,12 +241,15 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   WriteAutoLock lock(_settingsMutex);
   std::set<std::string> changed;
   matcher.GetMatchingGroups(_userSettings, changed);
+  std::vector<IniFile::const_iterator> matched;
+  matcher.GetMatchingGroups(defaults, matched);
+  std::set<std::string> touched = changed;
+  for (const auto& group : matched) touched.insert(group->first);
+  const GroupsBefore before(_userSettings, touched);
   for (const std::string& group : changed) {
     _userSettings.RemoveGroup(group);
     _allSettings.RemoveGroup(group);
   }
-  std::vector<IniFile::const_iterator> matched;
-  matcher.GetMatchingGroups(defaults, matched);
   for (const auto& group : matched) {
     _userSettings.MergeGroup(group);
     _allSettings.MergeGroup(group);
@@ -202,7 +257,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
     changed.insert(group->first);
   }
   HideBookkeeping();
-  Save();
+  Save(before.FindDifferent(_userSettings));
   lock.Release();
   Notify(changed, restored);
 }
@@ -231,8 +286,10 @@ void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int
   _allSettings.MergeSettings(settings);
   if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
   if (flags & kNoPersist) return;
+  const std::set<std::string> changed =
+      _persister ? FindGroupsToChange(_userSettings, settings) : std::set<std::string>();
   _userSettings.MergeSettings(settings);
-  Save();
+  Save(changed);
 }
 
 void SettingsManager::HideBookkeeping() {
@@ -245,8 +302,8 @@ void SettingsManager::RefuseInCallback() const {
     throw osa::Exception("A change callback must not change the store that it is told about");
 }
 
-void SettingsManager::Save() {
-  if (_persister) _persister->SaveUserSettings(_userSettings);
+void SettingsManager::Save(const std::set<std::string>& changedGroups) {
+  if (_persister) _persister->SaveChangedGroups(_userSettings, changedGroups);
 }
 
 void SettingsManager::Notify(const std::set<std::string>& changedGroups, const IniFile& settings) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <set>
@@ -81,6 +82,10 @@ class TAVIX_EXPORT SettingsManager {
   void DumpUserSettings(std::ostream& os) const;
   void DumpAllSettings(std::ostream& os) const;
 
+  // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation of
+  // the store.
+  void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
+
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);
@@ -121,7 +126,7 @@ class TAVIX_EXPORT SettingsManager {
   void MergeRestrictedSettings();
   void HideBookkeeping();
   void RefuseInCallback() const;
-  void Save();
+  void Save(const std::set<std::string>& changedGroups);
   void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(const core::IniFile& settings) const;
 

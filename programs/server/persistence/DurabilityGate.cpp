@@ -1,0 +1,82 @@
+#include "programs/server/persistence/DurabilityGate.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace tavix::daemon {
+
+thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
+
+DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>& groups) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
+  const bool isHeld = _holds && !_letsGo;
+  if (isHeld) {
+    for (const std::string& group : groups) _groups[group] = ticket;
+  } else {
+    _durable.store(ticket, std::memory_order_release);
+  }
+  _last.store(ticket, std::memory_order_release);
+  lastOfThisThread = ticket;
+  return ticket;
+}
+
+void DurabilityGate::SetDurable(Ticket ticket) {
+  Release(ticket);
+}
+
+void DurabilityGate::LetGo() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _letsGo = true;
+  }
+  Release(_last.load(std::memory_order_acquire));
+}
+
+void DurabilityGate::Hold() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _letsGo = false;
+}
+
+void DurabilityGate::Release(Ticket ticket) {
+  decltype(_waiting) released;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (IsDurable(ticket)) return;
+    _durable.store(ticket, std::memory_order_release);
+    for (auto group = _groups.begin(); group != _groups.end();) {
+      group = group->second <= ticket ? _groups.erase(group) : std::next(group);
+    }
+    const auto first = std::partition(_waiting.begin(), _waiting.end(),
+                                      [&](const auto& waiting) { return waiting.first > ticket; });
+    std::move(first, _waiting.end(), std::back_inserter(released));
+    _waiting.erase(first, _waiting.end());
+  }
+  for (const auto& waiting : released) waiting.second->OnDurable();
+}
+
+DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNameMatcher* groups) const {
+  const Ticket last = _last.load(std::memory_order_acquire);
+  if (!groups || IsDurable(last)) return last;
+  std::lock_guard<std::mutex> lock(_mutex);
+  Ticket found = 0;
+  std::set<std::string> candidate;
+  std::set<std::string> matching;
+  for (const auto& [name, ticket] : _groups) {
+    if (ticket <= found) continue;
+    candidate = {name};
+    matching.clear();
+    groups->GetMatchingGroups(candidate, matching);
+    if (!matching.empty()) found = ticket;
+  }
+  return found;
+}
+
+bool DurabilityGate::Await(Ticket ticket, std::shared_ptr<IHeldOutput> output) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (IsDurable(ticket)) return false;
+  _waiting.emplace_back(ticket, std::move(output));
+  return true;
+}
+
+}  // namespace tavix::daemon

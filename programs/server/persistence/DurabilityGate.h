@@ -1,0 +1,76 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::daemon {
+
+// Output that waits for the disk.
+class IHeldOutput {
+ public:
+  virtual ~IHeldOutput() = default;
+
+  // Something that was waited for is durable. On the thread that found out, which holds nothing.
+  virtual void OnDurable() = 0;
+};
+
+// Keeps back what would tell somebody of a change that a power cut could still take away. Every change has a ticket;
+// tickets become durable in their order. Changes need not wait for one another, nor reads for the disk: only messages do.
+//
+// Threads: any.
+// Locks:   its own mutex, inside all others.
+class DurabilityGate {
+ public:
+  using Ticket = uint64_t;  // 0: durable for ever
+
+  // holds: whether anything is kept back at all.
+  explicit DurabilityGate(bool holds) : _holds(holds) {}
+
+  DurabilityGate(const DurabilityGate&) = delete;
+  DurabilityGate& operator=(const DurabilityGate&) = delete;
+
+  // A change of these groups, made in memory by this thread and visible to nobody yet.
+  Ticket Add(const std::set<std::string>& groups);
+
+  // All changes up to that one are durable. Tells who waits for them.
+  void SetDurable(Ticket ticket);
+
+  // The disk fails: from now on nothing is kept back, until Hold.
+  void LetGo();
+  void Hold();
+
+  bool IsDurable(Ticket ticket) const { return ticket <= _durable.load(std::memory_order_acquire); }
+
+  // The last change that a message shows which holds the matching groups; null: which shows anything.
+  Ticket FindLast(const settings::common::GroupNameMatcher* groups) const;
+
+  // The last change that this thread made through any gate.
+  static Ticket GetLastOfThisThread() { return lastOfThisThread; }
+
+  // Has "output" told, once, when the change is durable. False, and nobody is told, when it is already.
+  [[nodiscard]] bool Await(Ticket ticket, std::shared_ptr<IHeldOutput> output);
+
+ private:
+  void Release(Ticket ticket);
+
+  static thread_local Ticket lastOfThisThread;
+
+  const bool _holds;
+  std::atomic<Ticket> _last{0};
+  std::atomic<Ticket> _durable{0};
+  mutable std::mutex _mutex;  // guards what follows
+  bool _letsGo = false;
+  std::map<std::string, Ticket> _groups;  // the last change of each, where it is not durable
+  std::vector<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;
+};
+
+}  // namespace tavix::daemon

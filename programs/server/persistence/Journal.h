@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/JournalText.h"
+
+namespace tavix::daemon {
+
+// The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
+// when it is synced for the first time: until then what was synced into the old one counts.
+//
+// The file is filled with zeros ahead of its records, so that a sync has no metadata to write.
+// Threads: one appends while another syncs.
+// Errors:  osa::Exception from the file system; the journal is then to be given up.
+class Journal {
+ public:
+  static std::string PathOf(const std::string& snapshotPath) { return snapshotPath + ".journal"; }
+  static std::string NewPathOf(const std::string& snapshotPath) { return snapshotPath + ".journal.new"; }
+
+  // A new journal that begins with these changes. files: outlive it.
+  static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, uint64_t follows,
+                                         const std::vector<Change>& changes);
+
+  // Goes on where the reader ended.
+  static std::unique_ptr<Journal> Resume(FileSystem& files, const std::string& snapshotPath, bool isInPlace,
+                                         const JournalReader& reader, uint64_t fileSize);
+
+  // Written once it returns, but not synced.
+  void Append(const Change& change);
+
+  // Returns once what was appended before is on the disk, and will be found there.
+  void Sync();
+
+  // Makes the journal the one that is found, synced or not.
+  void TakePlace();
+
+  uint64_t GetFollowed() const { return _follows; }
+
+  // Behind the last record.
+  uint64_t GetEnd() const { return _end; }
+
+ private:
+  Journal(FileSystem& files, const std::string& snapshotPath, uint64_t follows)
+      : _files(files), _snapshotPath(snapshotPath), _follows(follows) {}
+
+  void Write(const std::string& bytes);
+
+  FileSystem& _files;
+  const std::string _snapshotPath;
+  const uint64_t _follows;
+  std::unique_ptr<File> _file;
+  bool _isInPlace = false;  // the syncing thread's
+  uint64_t _end = 0;
+  uint64_t _filled = 0;  // so far the file has been written to
+  uint32_t _checksum = 0;
+};
+
+}  // namespace tavix::daemon

@@ -1,0 +1,109 @@
+#include "programs/server/persistence/Snapshot.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+
+#include "programs/server/persistence/Checksum.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr std::string_view kFirstLine =
+    "# User settings, kept by tavix-settings-server. Stop it before you edit them; keep this line and the last.\n";
+constexpr std::string_view kLastLine = "# End of user settings: ";
+
+struct LastLine {
+  SnapshotEnd end;
+  uint32_t checksum = 0;
+  bool found = false;
+  bool isLast = false;
+  bool matches = false;
+};
+
+// The checksum covers the last line up to itself.
+LastLine FindLastLine(std::string_view text) {
+  LastLine line;
+  const size_t begin = text.rfind(kLastLine);
+  if (begin == std::string_view::npos || (begin > 0 && text[begin - 1] != '\n')) return line;
+  const size_t feed = text.find('\n', begin);
+  const std::string fields(text.substr(begin + kLastLine.size(), feed - begin - kLastLine.size()));
+  int beforeChecksum = 0;
+  int size = -1;
+  line.found = std::sscanf(fields.c_str(),
+                           "generation %" SCNu64 ", journal %" SCNu64 " to %" SCNu64 ", written %" SCNd64
+                           ", crc32 %n%" SCNx32 "%n",
+                           &line.end.generation, &line.end.journalFollows, &line.end.journalEnd, &line.end.written,
+                           &beforeChecksum, &line.checksum, &size) == 5 &&
+               line.end.generation > 0;
+  line.isLast = line.found && feed + 1 == text.size() && size == static_cast<int>(fields.size());
+  const size_t covered = begin + kLastLine.size() + static_cast<size_t>(beforeChecksum);
+  line.matches = line.isLast && Checksum(text.substr(0, covered)) == line.checksum;
+  return line;
+}
+
+bool IsBeginOfOurs(std::string_view text) {
+  return text.substr(0, kFirstLine.size()) == kFirstLine.substr(0, text.size());
+}
+
+bool IsZeroInside(std::string_view text) {
+  return text.find('\0') != std::string_view::npos;
+}
+
+bool Parse(const std::string& path, const FileContent& content, Snapshot& snapshot) {
+  try {
+    core::ViewIstream in;
+    in.SetText(content.bytes);
+    snapshot.settings.LoadFromStream(in, path);
+    return true;
+  } catch (const std::exception& exception) {
+    snapshot.problem = exception.what();
+    return false;
+  }
+}
+
+// Empty: it may be read, if it parses.
+std::string FindDamage(const FileContent& content, const LastLine& line) {
+  if (!content.problem.empty()) return content.problem;
+  if (line.matches) return "";
+  if (IsZeroInside(content.bytes)) return "it holds zeros";
+  if (!line.found) return IsBeginOfOurs(content.bytes) && !content.bytes.empty() ? "it has no last line" : "";
+  return content.modificationTime == line.end.written ? "its checksum is wrong" : "";
+}
+
+}  // namespace
+
+void BeginSnapshot(core::StringOstream& text) {
+  text << kFirstLine;
+}
+
+void EndSnapshot(core::StringOstream& text, const SnapshotEnd& end) {
+  char line[200];
+  std::snprintf(line, sizeof line,
+                "generation %" PRIu64 ", journal %" PRIu64 " to %" PRIu64 ", written %" PRId64 ", crc32 ",
+                end.generation, end.journalFollows, end.journalEnd, end.written);
+  text << kLastLine << line;
+  std::snprintf(line, sizeof line, "%08" PRIx32 "\n", Checksum(text.GetText()));
+  text << line;
+}
+
+Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
+  Snapshot snapshot;
+  if (!content.exists) return snapshot;
+  const LastLine line = FindLastLine(content.bytes);
+  snapshot.end = line.end;
+  snapshot.bytes = content.bytes.size();
+  snapshot.problem = FindDamage(content, line);
+  if (!snapshot.problem.empty()) snapshot.problem = "'" + path + "': " + snapshot.problem;
+  if (!snapshot.problem.empty() || !Parse(path, content, snapshot)) {
+    snapshot.state = Snapshot::State::kDamaged;
+  } else if (line.matches) {
+    snapshot.state = Snapshot::State::kIntact;
+  } else {
+    snapshot.state = line.found ? Snapshot::State::kEdited : Snapshot::State::kForeign;
+  }
+  return snapshot;
+}
+
+}  // namespace tavix::daemon

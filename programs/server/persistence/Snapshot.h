@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "programs/server/persistence/FileSystem.h"
+#include "tavix/core/IniFile.h"
+#include "tavix/core/MemoryStream.h"
+
+namespace tavix::daemon {
+
+// What a snapshot's last line says of it.
+struct SnapshotEnd {
+  uint64_t generation = 0;  // one more than that of the snapshot before; 0: none of ours
+
+  // Where the changes go on that the snapshot does not hold, until a journal of its own stands: behind so many bytes of
+  // the journal that follows that generation. 0: nowhere.
+  uint64_t journalFollows = 0;
+  uint64_t journalEnd = 0;
+
+  int64_t written = 0;  // nanoseconds since the epoch, also the file's modification time
+};
+
+// The user layer as one settings text, from a first to a last line of ours: docs/persistence.md.
+struct Snapshot {
+  enum class State {
+    kAbsent,
+    kIntact,   // as it was written
+    kEdited,   // changed by hand since, and readable
+    kForeign,  // never ours, and readable
+    kDamaged,  // torn, rotten, unreadable
+  };
+
+  State state = State::kAbsent;
+  std::string problem;  // what is wrong with a damaged one
+  SnapshotEnd end;
+  size_t bytes = 0;
+  core::IniFile settings;
+};
+
+// Write what comes before and behind the settings. text: holds what the checksum covers, and nothing else.
+void BeginSnapshot(core::StringOstream& text);
+void EndSnapshot(core::StringOstream& text, const SnapshotEnd& end);
+
+// Never throws for what the content is like. path: what problems name.
+//
+// An editor changes the modification time, and leaves no control bytes; what rots does neither. That, and the two lines,
+// tell the states apart.
+Snapshot ReadSnapshot(const std::string& path, const FileContent& content);
+
+}  // namespace tavix::daemon

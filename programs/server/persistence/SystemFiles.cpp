@@ -1,0 +1,167 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "programs/server/persistence/FileSystem.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr int64_t kNanosecondsInASecond = 1000 * 1000 * 1000;
+constexpr mode_t kOwnerOnly = 0600;
+
+[[noreturn]] void Fail(const char* what, const std::string& path) {
+  throw osa::Exception("Failed to %s '%s': %s", what, path.c_str(), std::strerror(errno));
+}
+
+// Calls again what a signal interrupted.
+template <class Call>
+auto Retry(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : _descriptor(descriptor) {}
+  ~Descriptor() {
+    if (_descriptor >= 0) close(_descriptor);
+  }
+
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  int Get() const { return _descriptor; }
+
+ private:
+  const int _descriptor;
+};
+
+Descriptor OpenOrFail(const char* what, const std::string& path, int flags, mode_t mode = 0) {
+  const int descriptor = Retry([&] { return open(path.c_str(), flags | O_CLOEXEC, mode); });
+  if (descriptor < 0) Fail(what, path);
+  return Descriptor(descriptor);
+}
+
+class SystemFile : public File {
+ public:
+  SystemFile(const char* what, const std::string& path, int flags)
+      : _path(path), _descriptor(OpenOrFail(what, path, flags | O_WRONLY | O_NOFOLLOW, kOwnerOnly)) {}
+
+  void WriteAt(uint64_t offset, std::string_view bytes) override {
+    while (!bytes.empty()) {
+      const ssize_t written =
+          Retry([&] { return pwrite(_descriptor.Get(), bytes.data(), bytes.size(), static_cast<off_t>(offset)); });
+      if (written == 0) errno = ENOSPC;  // no progress, for ever
+      if (written <= 0) Fail("write", _path);
+      bytes.remove_prefix(static_cast<size_t>(written));
+      offset += static_cast<uint64_t>(written);
+    }
+  }
+
+  void Sync() override {
+    if (Retry([&] { return fdatasync(_descriptor.Get()); }) != 0) Fail("sync", _path);
+  }
+
+  void SetModificationTime(int64_t nanoseconds) override {
+    timespec times[2] = {{0, UTIME_OMIT}, {}};
+    times[1].tv_sec = nanoseconds / kNanosecondsInASecond;
+    times[1].tv_nsec = nanoseconds % kNanosecondsInASecond;
+    if (futimens(_descriptor.Get(), times) != 0) Fail("set the time of", _path);
+  }
+
+ private:
+  const std::string _path;
+  const Descriptor _descriptor;
+};
+
+// Until the file's end, which the size is only a guess of.
+bool ReadAll(int descriptor, size_t size, std::string& bytes) {
+  bytes.resize(size + 1);
+  size_t used = 0;
+  while (true) {
+    const ssize_t count = Retry([&] { return read(descriptor, bytes.data() + used, bytes.size() - used); });
+    if (count < 0) return false;
+    used += static_cast<size_t>(count);
+    if (count == 0) break;
+    if (used == bytes.size()) bytes.resize(2 * used);
+  }
+  bytes.resize(used);
+  return true;
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+class SystemFiles : public FileSystem {
+ public:
+  std::unique_ptr<File> Create(const std::string& path) override {
+    Remove(path);
+    return std::make_unique<SystemFile>("create", path, O_CREAT | O_EXCL);
+  }
+
+  std::unique_ptr<File> Open(const std::string& path) override {
+    return std::make_unique<SystemFile>("open", path, 0);
+  }
+
+  FileContent Read(const std::string& path) override {
+    FileContent content;
+    // A pipe without a writer, or a device, must not hold up anybody.
+    const Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+    content.exists = file.Get() >= 0 || (errno != ENOENT && errno != ENOTDIR);
+    struct stat status {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+      if (content.exists) content.problem = std::strerror(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+      content.problem = "not a regular file";
+    } else if (!ReadAll(file.Get(), static_cast<size_t>(status.st_size), content.bytes)) {
+      content.problem = std::strerror(errno);
+      content.bytes.clear();
+    }
+    content.modificationTime = status.st_mtim.tv_sec * kNanosecondsInASecond + status.st_mtim.tv_nsec;
+    return content;
+  }
+
+  void Rename(const std::string& from, const std::string& to) override {
+    if (std::rename(from.c_str(), to.c_str()) != 0) Fail("replace", to);
+  }
+
+  void Link(const std::string& from, const std::string& to) override {
+    if (link(from.c_str(), to.c_str()) != 0) Fail("link", to);
+  }
+
+  void Remove(const std::string& path) override {
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) Fail("remove", path);
+  }
+
+  bool Exists(const std::string& path) override {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+  }
+
+  // Some file systems can't sync a directory and say EINVAL; their renames are as durable as they get.
+  void SyncDirectoryOf(const std::string& path) override {
+    const std::string directory = DirectoryOf(path);
+    const Descriptor opened = OpenOrFail("open directory", directory, O_RDONLY | O_DIRECTORY);
+    if (Retry([&] { return fsync(opened.Get()); }) != 0 && errno != EINVAL) Fail("sync directory", directory);
+  }
+};
+
+}  // namespace
+
+FileSystem& GetSystemFiles() {
+  static SystemFiles files;
+  return files;
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/Journal.h"
+#include "programs/server/persistence/Snapshot.h"
+#include "tavix/core/IniFile.h"
+
+namespace tavix::daemon {
+
+// What was found at start.
+struct FoundUserSettings {
+  core::IniFile settings;
+  uint64_t generation = 0;      // of the snapshot that counts; 0: there is none that a journal could follow
+  uint64_t nextGeneration = 1;  // above all that were seen
+  size_t snapshotBytes = 0;
+  std::unique_ptr<Journal> journal;  // that goes on; null: there is none
+  bool isAbsent = false;
+  bool mustBeWritten = false;         // what was read stands nowhere as a whole
+  std::vector<std::string> notices;   // what is worth knowing
+  std::vector<std::string> problems;  // what was damaged, and what became of it
+};
+
+// The files of the user layer beside one another:
+//
+//     FILE              the snapshot
+//     FILE.journal      the changes since
+//     FILE.bak          the snapshot before
+//     FILE.new, FILE.journal.new   on their way to take the place of the first two
+//     FILE.bad-TIME     what could not be read, kept for whoever wants to look; FILE.journal.bad-TIME likewise
+//
+// Threads: one at a time.
+// Errors:  ReplaceSnapshot throws osa::Exception that names the file and the reason.
+class UserSettingsFiles {
+ public:
+  // files: outlive the object. path: of the snapshot. Links are not followed here.
+  UserSettingsFiles(FileSystem& files, std::string path);
+
+  // mayRepair: put aside what is damaged; otherwise nothing is touched. Never throws for what the files are like.
+  FoundUserSettings Find(bool mayRepair);
+
+  // Makes the text the snapshot. Whatever fails or whenever the power goes, what counts is the old one or the new one,
+  // whole.
+  void ReplaceSnapshot(const std::string& text, int64_t written);
+
+  // After a snapshot that holds everything.
+  void RemoveJournals();
+
+ private:
+  Snapshot FindSnapshot(bool mayRepair, FoundUserSettings& found);
+  Snapshot UseBackup(const Snapshot& damaged, Snapshot backup, bool mayRepair, FoundUserSettings& found);
+  void ApplyJournal(const Snapshot& snapshot, bool mayRepair, FoundUserSettings& found);
+  void PutAside(const std::string& path, bool mayRepair, FoundUserSettings& found);
+  void KeepBackup();
+
+  FileSystem& _files;
+  const std::string _path;
+  bool _isGood = true;        // what stands at the path is worth being the backup
+  bool _mustPutAside = false;  // it is damaged, and could not be put aside so far
+};
+
+}  // namespace tavix::daemon
