@@ -2,11 +2,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 
+#include "programs/server/Counters.h"
 #include "programs/server/Limits.h"
 #include "programs/server/OutputQueue.h"
 #include "tavix/core/MemoryStream.h"
@@ -26,8 +28,9 @@ class Connection {
   using Clock = std::chrono::steady_clock;
 
   // descriptor: connected; taken over. poll: the loop's epoll descriptor, to which the connection adds itself.
-  // wakeLoop: an eventfd that tells the loop that bytes are kept. env and limits outlive the connection.
-  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits);
+  // wakeLoop: an eventfd that tells the loop that bytes are kept. env, limits and counters outlive the connection.
+  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
+             Counters& counters);
 
   // What was not sent is gone.
   ~Connection() = default;
@@ -54,7 +57,8 @@ class Connection {
   bool HandleRest();
   bool EndsNow();
   bool CheckInput();
-  bool Cut(const char* reason, size_t figure);
+  bool Cut(CutReason reason, size_t figure);
+  bool CutAfter(const std::exception& exception);
   void OnKept();
   void UpdateInterest();
   void Announce();
@@ -64,6 +68,7 @@ class Connection {
   const int _poll;
   const int _wakeLoop;
   const Limits& _limits;
+  Counters& _counters;
   const std::string _peer;
   std::string _input;  // received, not handled yet
   Clock::time_point _unfinishedSince{};
