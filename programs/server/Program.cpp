@@ -52,7 +52,8 @@ int Check(const Options& options) {
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
   if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
   for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
-  std::printf("ok: %zu groups\n", store->CountGroups());
+  const size_t groups = store->CountGroups();
+  std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
   return kExitDone;
 }
 

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <memory>
@@ -26,10 +27,14 @@ void SetOption(int descriptor, int level, int name, int value) {
   Require(setsockopt(descriptor, level, name, &value, sizeof value), "setsockopt");
 }
 
-void SetUp(int descriptor, int receiveBuffer) {
+void LimitWaits(int descriptor) {
   const timeval limit{30, 0};
   Require(setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), "setsockopt");
   Require(setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit), "setsockopt");
+}
+
+void SetUp(int descriptor, int receiveBuffer) {
+  LimitWaits(descriptor);
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   if (receiveBuffer > 0) SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, receiveBuffer);
 }
@@ -41,6 +46,10 @@ ProtocolClient::ProtocolClient(unsigned short port, int receiveBuffer) {
 }
 
 ProtocolClient::ProtocolClient(const std::string& address, int receiveBuffer) {
+  if (address.rfind("unix:", 0) == 0) {
+    ConnectToPath(address.substr(5));
+    return;
+  }
   const size_t colon = address.rfind(':');
   const bool bracketed = address.front() == '[';
   const std::string host = bracketed ? address.substr(1, colon - 2) : address.substr(0, colon);
@@ -57,6 +66,15 @@ void ProtocolClient::Connect(const std::string& host, const std::string& port, i
   _socket = Descriptor(Require(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetUp(_socket.Get(), receiveBuffer);
   Require(connect(_socket.Get(), address->ai_addr, address->ai_addrlen), "connect");
+}
+
+void ProtocolClient::ConnectToPath(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  _socket = Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+  LimitWaits(_socket.Get());
+  Require(connect(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), "connect");
 }
 
 void ProtocolClient::Send(const std::string& text) {
