@@ -95,10 +95,10 @@ std::string Announce(const Server& server) {
 int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
   const Signals signals;
   const ServiceManager serviceManager;
-  serviceManager.Tell("STATUS=Loading settings");
   const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });
   std::vector<Listener> listeners = OrFail(kExitUnavailable, [&] { return Listener::OpenAll(options); });
   WarnOfOpenDoors(listeners, options);
+  serviceManager.Tell("STATUS=Loading settings");
   Counters counters;
   SettingsSources sources(options.defaults, options.restricted, options.userSettings, counters);
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
