@@ -34,6 +34,8 @@ class Counter {
 // What the daemon counts beside its work. Everything may be called from any thread; figures that are read together may
 // stem from slightly different moments. Reasons are kept in the order of their enumerations.
 struct Counters {
+  const std::time_t startTime = std::time(nullptr);
+
   Counter clients;   // connected now
   Counter accepted;  // connections taken
   std::array<Counter, static_cast<size_t>(Refusal::kCount)> refused;

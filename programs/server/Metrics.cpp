@@ -11,12 +11,12 @@ using settings::server::SettingsManager;
 
 namespace {
 
-void AddProcess(MetricsText& text) {
+void AddProcess(MetricsText& text, const Counters& counters) {
   const ProcessFigures figures = ReadProcessFigures();
   text.BeginGauge("build_info", "Which program this is.");
   text.Add(1ull, {{"version", TAVIX_VERSION}});
-  text.BeginGauge("start_time_seconds", "When the daemon started, in seconds since the epoch.");
-  text.Add(figures.startTime);
+  text.BeginGauge("start_time_seconds", "When the daemon started, in seconds since the epoch, as the clock was then.");
+  text.Add(static_cast<unsigned long long>(counters.startTime));
   text.BeginGauge("resident_memory_bytes", "Memory that is not swapped out.");
   text.Add(figures.residentBytes);
   text.BeginGauge("open_descriptors", "Descriptors that are open.");
@@ -79,7 +79,7 @@ void AddSaves(MetricsText& text, const Counters& counters) {
 
 std::string ComposeMetrics(const Counters& counters, const SettingsManager& manager) {
   MetricsText text;
-  AddProcess(text);
+  AddProcess(text, counters);
   AddConnections(text, counters);
   AddCommands(text);
   AddLayers(text, counters, manager);

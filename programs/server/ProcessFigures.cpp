@@ -4,38 +4,10 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
-#include <string>
 
 namespace tavix::daemon {
 
 namespace {
-
-constexpr int kFieldsBeforeStartTime = 19;  // behind the name, as proc(5) numbers them
-
-double BootTime() {
-  std::ifstream file("/proc/stat");
-  double time = 0;
-  for (std::string word; file >> word;) {
-    if (word == "btime") file >> time;
-  }
-  return time;
-}
-
-// The name stands in parentheses and may hold blanks, and parentheses.
-double StartTimeSinceBoot() {
-  std::ifstream file("/proc/self/stat");
-  std::string text;
-  std::getline(file, text);
-  const size_t nameEnd = text.rfind(')');
-  if (nameEnd == std::string::npos) return 0;
-  std::istringstream fields(text.substr(nameEnd + 1));
-  std::string skipped;
-  for (int i = 0; i < kFieldsBeforeStartTime; ++i) fields >> skipped;
-  double ticks = 0;
-  fields >> ticks;
-  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
 
 unsigned long long ResidentBytes() {
   std::ifstream file("/proc/self/statm");
@@ -58,7 +30,7 @@ unsigned long long CountDescriptors() {
 }  // namespace
 
 ProcessFigures ReadProcessFigures() {
-  return {BootTime() + StartTimeSinceBoot(), ResidentBytes(), CountDescriptors()};
+  return {ResidentBytes(), CountDescriptors()};
 }
 
 }  // namespace tavix::daemon

@@ -4,7 +4,6 @@ namespace tavix::daemon {
 
 // What the kernel knows of this process.
 struct ProcessFigures {
-  double startTime = 0;  // seconds since the epoch
   unsigned long long residentBytes = 0;
   unsigned long long descriptors = 0;  // open now
 };
