@@ -130,6 +130,21 @@ void SettingsManager::DumpAllSettings(std::ostream& os) const {
   _allSettings.SaveToStream(os);
 }
 
+SettingsManager::Sizes SettingsManager::GetSizes() const {
+  Sizes sizes;
+  ReadAutoLock lock(_settingsMutex);
+  for (const auto& group : _allSettings) {
+    ++sizes.allGroups;
+    sizes.allKeys += group.second.size();
+  }
+  for (const auto& group : _userSettings) {
+    if (group.first == kDeletedGroups) continue;
+    ++sizes.userGroups;
+    sizes.userKeys += group.second.size();
+  }
+  return sizes;
+}
+
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
   RefuseInCallback();
   const IniFile filtered = UnrestrictedPartOf(settings);
