@@ -9,7 +9,7 @@
 #include <exception>
 #include <utility>
 
-#include "programs/server/Listener.h"
+#include "programs/server/SocketName.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
@@ -24,6 +24,30 @@ core::Logger* Log() {
 constexpr int kRequestsInATurn = 64;
 constexpr int kMostDropped = 64;  // parts of kDropped bytes
 constexpr size_t kDropped = 64 * 1024;
+
+// As the log says it, before a figure.
+const char* TextOf(CutReason reason) {
+  switch (reason) {
+    case CutReason::kTls:
+      return "TLS is not our protocol, bytes";
+    case CutReason::kHttp:
+      return "HTTP is not our protocol, bytes";
+    case CutReason::kHardBacklog:
+      return "more unread than is kept";
+    case CutReason::kBacklog:
+      return "too much unread for too long, bytes";
+    case CutReason::kRequestTime:
+      return "unfinished request, bytes";
+    case CutReason::kLine:
+      return "line too long, bytes";
+    case CutReason::kRequest:
+      return "request too long, bytes";
+    case CutReason::kError:
+    case CutReason::kCount:
+      break;
+  }
+  return "";
+}
 
 // "METHOD target HTTP/...": a web page must not be able to write settings.
 bool IsHttpRequestLine(std::string_view request) {
@@ -40,13 +64,15 @@ bool IsTlsHandshake(std::string_view received) {
 
 }  // namespace
 
-Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits)
+Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
+                       Counters& counters)
     : _socket(osa::TcpSocket::Adopt(descriptor)),
       _descriptor(descriptor),
       _poll(poll),
       _wakeLoop(wakeLoop),
       _limits(limits),
-      _peer(PeerAddress(descriptor)),
+      _counters(counters),
+      _peer(PeerName(descriptor)),
       _output(descriptor, limits.hardBacklogBytes, [this] { OnKept(); }),
       _handler(std::in_place, env, &_request, &_output.GetOstream()) {
   epoll_event event{};
@@ -99,14 +125,14 @@ bool Connection::TakeInput(std::string_view received) {
 }
 
 bool Connection::HandleRequests(std::string_view received, size_t& handled) {
-  if (_first && IsTlsHandshake(received)) return Cut("TLS is not our protocol, bytes", received.size());
+  if (_first && IsTlsHandshake(received)) return Cut(CutReason::kTls, received.size());
   try {
     _hasMore = false;
     for (int turn = 0; _output.GetKeptBytes() <= _limits.pauseBytes; ++turn) {
       const std::string_view rest = received.substr(handled);
       const size_t length = _framer.FindEnd(rest);
       if (length == 0) break;
-      if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut("HTTP is not our protocol, bytes", length);
+      if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut(CutReason::kHttp, length);
       _first = false;
       _request.SetText(rest.substr(0, length));
       if (!_handler->HandleNext()) break;
@@ -116,7 +142,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
       if (_hasMore) break;
     }
   } catch (const std::exception& exception) {
-    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+    CountFailure(exception);
     return !EndsNow();
   }
   return !_output.IsBroken();
@@ -128,7 +154,7 @@ void Connection::HandleRest() {
     _request.SetText(_input);
     while (_handler->HandleNext()) continue;
   } catch (const std::exception& exception) {
-    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+    CountFailure(exception);
   }
   _input.clear();
 }
@@ -157,13 +183,13 @@ bool Connection::OnWritable() {
 }
 
 bool Connection::OnTick(Clock::time_point now) {
-  if (_output.IsBroken()) return Cut("more unread than is kept", _limits.hardBacklogBytes);
+  if (_output.IsBroken()) return Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
   const size_t kept = _output.GetKeptBytes();
   if (kept > _limits.backlogBytes && now - _output.GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
-    return Cut("too much unread for too long, bytes", kept);
+    return Cut(CutReason::kBacklog, kept);
   const bool unfinished = !_input.empty() && kept <= _limits.pauseBytes;
   if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
-    return Cut("unfinished request, bytes", _input.size());
+    return Cut(CutReason::kRequestTime, _input.size());
   return true;
 }
 
@@ -177,14 +203,20 @@ bool Connection::CheckInput() {
     UpdateInterest();
     return true;
   }
-  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut("line too long, bytes", _input.size());
-  if (_input.size() > _limits.requestBytes) return Cut("request too long, bytes", _input.size());
+  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut(CutReason::kLine, _input.size());
+  if (_input.size() > _limits.requestBytes) return Cut(CutReason::kRequest, _input.size());
   return true;
 }
 
-bool Connection::Cut(const char* reason, size_t figure) {
-  Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), reason, figure);
+bool Connection::Cut(CutReason reason, size_t figure) {
+  _counters.Count(reason);
+  Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), TextOf(reason), figure);
   return false;
+}
+
+void Connection::CountFailure(const std::exception& exception) {
+  _counters.Count(CutReason::kError);
+  Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
 }
 
 // On any thread, with the output locked.

@@ -2,12 +2,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "programs/server/Counters.h"
 #include "programs/server/Limits.h"
 #include "programs/server/OutputQueue.h"
 #include "tavix/core/MemoryStream.h"
@@ -27,8 +29,9 @@ class Connection {
   using Clock = std::chrono::steady_clock;
 
   // descriptor: connected; taken over. poll: the loop's epoll descriptor, to which the connection adds itself.
-  // wakeLoop: an eventfd that tells the loop that bytes are kept. env and limits outlive the connection.
-  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits);
+  // wakeLoop: an eventfd that tells the loop that bytes are kept. env, limits and counters outlive the connection.
+  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
+             Counters& counters);
 
   // What was not sent is gone. What the kernel still has to send goes out all the same.
   ~Connection();
@@ -55,7 +58,8 @@ class Connection {
   void HandleRest();
   bool EndsNow();
   bool CheckInput();
-  bool Cut(const char* reason, size_t figure);
+  bool Cut(CutReason reason, size_t figure);
+  void CountFailure(const std::exception& exception);
   void OnKept();
   void UpdateInterest();
   void Announce();
@@ -65,6 +69,7 @@ class Connection {
   const int _poll;
   const int _wakeLoop;
   const Limits& _limits;
+  Counters& _counters;
   const std::string _peer;
   std::string _input;  // received, not handled yet
   Clock::time_point _unfinishedSince{};

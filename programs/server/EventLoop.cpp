@@ -29,9 +29,10 @@ int Checked(int descriptor, const char* what) {
 
 }  // namespace
 
-EventLoop::EventLoop(settings::server::ServerEnv* env, const Limits& limits)
+EventLoop::EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters)
     : _env(env),
       _limits(limits),
+      _counters(counters),
       _poll(Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor")),
       _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
       _scratch(new char[kScratchSize]),
@@ -57,6 +58,7 @@ EventLoop::~EventLoop() {
 
 void EventLoop::Add(int descriptor) {
   ++_count;
+  _counters.clients.Add();
   {
     std::lock_guard<std::mutex> lock(_mutex);
     _new.push_back(descriptor);
@@ -97,12 +99,13 @@ void EventLoop::TakeNewConnections() {
   }
   for (int descriptor : descriptors) {
     try {
-      auto connection = std::make_unique<Connection>(descriptor, _poll, _wake, _env, _limits);
+      auto connection = std::make_unique<Connection>(descriptor, _poll, _wake, _env, _limits, _counters);
       Connection* key = connection.get();
       _connections.emplace(key, std::move(connection));
     } catch (const std::exception& exception) {
       core::Logger::GetLogger("EventLoop")->Warning("Connection refused: %s", exception.what());
-      --_count;
+      _counters.Count(Refusal::kSetup);
+      CountOneLess();
     }
   }
 }
@@ -145,7 +148,12 @@ void EventLoop::Tick() {
 void EventLoop::End(Connection* connection) {
   _busy.erase(connection);
   _connections.erase(connection);
+  CountOneLess();
+}
+
+void EventLoop::CountOneLess() {
   --_count;
+  _counters.clients.Subtract();
 }
 
 }  // namespace tavix::daemon

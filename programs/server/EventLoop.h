@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "programs/server/Connection.h"
+#include "programs/server/Counters.h"
 #include "programs/server/Limits.h"
 #include "tavix/osa/Runnable.h"
 #include "tavix/osa/Thread.h"
@@ -18,8 +19,8 @@ namespace tavix::daemon {
 // A thread that serves many connections, each when there is something to do for it.
 class EventLoop : private osa::Runnable {
  public:
-  // Starts the thread. env and limits outlive the loop.
-  EventLoop(settings::server::ServerEnv* env, const Limits& limits);
+  // Starts the thread. env, limits and counters outlive the loop.
+  EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters);
 
   // Ends the thread and every connection.
   ~EventLoop() override;
@@ -37,9 +38,11 @@ class EventLoop : private osa::Runnable {
   void GiveTurns();
   void Tick();
   void End(Connection* connection);
+  void CountOneLess();
 
   settings::server::ServerEnv* const _env;
   const Limits& _limits;
+  Counters& _counters;
   const int _poll;
   const int _wake;
   std::unique_ptr<char[]> _scratch;

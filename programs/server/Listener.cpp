@@ -1,5 +1,6 @@
 #include "programs/server/Listener.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -7,8 +8,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <utility>
 
+#include "programs/server/PassedSockets.h"
+#include "programs/server/SocketName.h"
+#include "programs/server/UnixSocketFile.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -16,97 +20,132 @@ namespace tavix::daemon {
 namespace {
 
 constexpr int kBacklog = 1024;
+constexpr char kUsualAddress[] = "127.0.0.1:7211";
 
-struct HostAndPort {
-  std::string host;
-  std::string port;
-};
+using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
-HostAndPort SplitAddress(const std::string& address) {
-  const size_t colon = address.rfind(':');
-  const bool bracketed = !address.empty() && address.front() == '[';
-  const bool wellFormed = colon != std::string::npos && colon > 0 && colon + 1 < address.size() &&
-                          (bracketed ? address[colon - 1] == ']' : address.find(':') == colon) &&
-                          address.find_first_not_of("0123456789", colon + 1) == std::string::npos &&
-                          address.size() - colon <= 6 && std::stoul(address.substr(colon + 1)) <= 65535;
-  if (!wellFormed) throw osa::Exception("Can't listen on '%s': expected HOST:PORT or [V6]:PORT", address.c_str());
-  const std::string host = bracketed ? address.substr(1, colon - 2) : address.substr(0, colon);
-  return {host, address.substr(colon + 1)};
+[[noreturn]] void Fail(const std::string& address, const char* reason) {
+  throw osa::Exception("Can't listen on '%s': %s", address.c_str(), reason);
 }
 
-std::string ToText(const sockaddr* address, socklen_t size) {
-  char host[NI_MAXHOST];
-  char port[NI_MAXSERV];
-  if (getnameinfo(address, size, host, sizeof host, port, sizeof port, NI_NUMERICHOST | NI_NUMERICSERV) != 0)
-    return "?";
-  return address->sa_family == AF_INET6 ? "[" + std::string(host) + "]:" + port : std::string(host) + ":" + port;
+void RequireLocal(const sockaddr* found, const std::string& address, bool allowRemote) {
+  if (!allowRemote && !IsLocal(found)) Fail(address, "it is not loopback, and --allow-remote was not given");
 }
 
-bool IsLoopback(const sockaddr* address) {
-  if (address->sa_family == AF_INET6)
-    return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr);
-  return (ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr) >> 24) == 127;
-}
-
-int OpenSocket(const addrinfo& address) {
-  const int descriptor = socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor < 0) return -1;
-  const int on = 1;
-  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (address.ai_family == AF_INET6) setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  if (bind(descriptor, address.ai_addr, address.ai_addrlen) == 0 && listen(descriptor, kBacklog) == 0)
-    return descriptor;
-  const int error = errno;
-  close(descriptor);
-  errno = error;
-  return -1;
-}
-
-}  // namespace
-
-std::vector<Listener> Listener::Open(const std::string& address, bool allowRemote) {
-  const HostAndPort parts = SplitAddress(address);
+AddressList Resolve(const ListenAddress& address) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
   addrinfo* found = nullptr;
-  const int error = getaddrinfo(parts.host.c_str(), parts.port.c_str(), &hints, &found);
-  if (error) throw osa::Exception("Can't listen on '%s': %s", address.c_str(), gai_strerror(error));
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
+  const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
+  if (error) Fail(address.text, gai_strerror(error));
+  return AddressList(found, freeaddrinfo);
+}
 
+// None, with errno set, when it can't be had.
+Descriptor OpenSocket(const addrinfo& address) {
+  Descriptor made(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!made) return made;
+  const int on = 1;
+  setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (address.ai_family == AF_INET6) setsockopt(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  if (bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), kBacklog) == 0) return made;
+  const int error = errno;
+  made.Reset();
+  errno = error;
+  return made;
+}
+
+struct BoundAddress {
+  sockaddr_storage storage{};
+  socklen_t size = sizeof storage;
+
+  const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+};
+
+BoundAddress AddressOf(int descriptor) {
+  BoundAddress bound;
+  if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound.storage), &bound.size) != 0) bound.size = 0;
+  return bound;
+}
+
+bool IsListeningStream(int descriptor) {
+  int type = 0;
+  int listens = 0;
+  socklen_t size = sizeof type;
+  return getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM &&
+         getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens;
+}
+
+}  // namespace
+
+std::vector<Listener> Listener::OpenAll(const Options& options) {
   std::vector<Listener> listeners;
-  for (const addrinfo* one = addresses.get(); one; one = one->ai_next) {
-    if (!allowRemote && !IsLoopback(one->ai_addr)) {
-      throw osa::Exception("Can't listen on '%s': it is not loopback, and --allow-remote was not given",
-                           address.c_str());
+  std::vector<Descriptor> passed = TakePassedSockets();
+  if (!passed.empty()) {
+    TakePassed(std::move(passed), options.allowRemote, listeners);
+    return listeners;
+  }
+  std::vector<ListenAddress> addresses = options.listen;
+  if (addresses.empty()) addresses.push_back(ParseListenAddress(kUsualAddress));
+  for (const ListenAddress& address : addresses) {
+    if (address.path.empty()) {
+      OpenTcp(address, options.allowRemote, listeners);
+    } else {
+      OpenUnix(address, options, listeners);
     }
-    const int descriptor = OpenSocket(*one);
-    if (descriptor < 0) throw osa::Exception("Can't listen on '%s': %s", address.c_str(), std::strerror(errno));
-    sockaddr_storage bound{};
-    socklen_t size = sizeof bound;
-    getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound), &size);
-    listeners.push_back(Listener(descriptor, ToText(reinterpret_cast<sockaddr*>(&bound), size)));
   }
   return listeners;
 }
 
-Listener::Listener(Listener&& other) noexcept : _descriptor(other._descriptor), _address(std::move(other._address)) {
-  other._descriptor = -1;
+// A name may have several addresses: there is a listener for each.
+void Listener::OpenTcp(const ListenAddress& address, bool allowRemote, std::vector<Listener>& listeners) {
+  const AddressList addresses = Resolve(address);
+  for (const addrinfo* one = addresses.get(); one; one = one->ai_next) {
+    RequireLocal(one->ai_addr, address.text, allowRemote);
+    Descriptor descriptor = OpenSocket(*one);
+    if (!descriptor) Fail(address.text, std::strerror(errno));
+    listeners.push_back(Listener(std::move(descriptor), nullptr));
+  }
 }
 
-Listener::~Listener() {
-  if (_descriptor >= 0) close(_descriptor);
+void Listener::OpenUnix(const ListenAddress& address, const Options& options, std::vector<Listener>& listeners) {
+  try {
+    auto file = std::make_unique<UnixSocketFile>(address.path);
+    Descriptor descriptor = file->Bind(options.unixMode, options.unixGroup);
+    if (listen(descriptor.Get(), kBacklog) != 0) throw osa::Exception("%s", std::strerror(errno));
+    listeners.push_back(Listener(std::move(descriptor), std::move(file)));
+  } catch (const osa::Exception& exception) {
+    Fail(address.text, exception.what());
+  }
 }
+
+void Listener::TakePassed(std::vector<Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners) {
+  for (Descriptor& descriptor : passed) {
+    const BoundAddress bound = AddressOf(descriptor.Get());
+    if (!IsListeningStream(descriptor.Get()))
+      throw osa::Exception("Descriptor %d, which the service manager passed, is no listening stream socket",
+                           descriptor.Get());
+    RequireLocal(bound.Get(), ToText(bound.Get(), bound.size), allowRemote);
+    const int flags = fcntl(descriptor.Get(), F_GETFL);
+    if (flags >= 0) fcntl(descriptor.Get(), F_SETFL, flags | O_NONBLOCK);
+    listeners.push_back(Listener(std::move(descriptor), nullptr));
+  }
+}
+
+Listener::Listener(Descriptor descriptor, std::unique_ptr<UnixSocketFile> file)
+    : _file(std::move(file)), _descriptor(std::move(descriptor)) {
+  const BoundAddress bound = AddressOf(_descriptor.Get());
+  _isUnix = bound.Get()->sa_family == AF_UNIX;
+  _address = ToText(bound.Get(), bound.size);
+}
+
+Listener::Listener(Listener&&) noexcept = default;
+
+Listener::~Listener() = default;
 
 int Listener::Accept() const {
-  return accept4(_descriptor, nullptr, nullptr, SOCK_CLOEXEC);
-}
-
-std::string PeerAddress(int descriptor) {
-  sockaddr_storage peer{};
-  socklen_t size = sizeof peer;
-  if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return "?";
-  return ToText(reinterpret_cast<sockaddr*>(&peer), size);
+  return accept4(_descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC);
 }
 
 }  // namespace tavix::daemon

@@ -1,38 +1,48 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "programs/server/Descriptor.h"
+#include "programs/server/Options.h"
+
 namespace tavix::daemon {
 
-// One listening socket. Non-blocking, closed on exec, its address reusable at once after a restart.
+class UnixSocketFile;
+
+// One listening socket. Non-blocking, closed on exec. A TCP address is reusable at once after a restart.
 class Listener {
  public:
-  // address: HOST:PORT or [V6]:PORT, port 0 for one that the kernel picks. A name may have several addresses: there is
-  // a listener for each. Throws osa::Exception that names the address and the reason; without "allowRemote" an address
-  // that is not loopback is refused.
-  static std::vector<Listener> Open(const std::string& address, bool allowRemote);
+  // Listens where the options say, and on the sockets that a service manager passed, if it did, instead. Clients queue
+  // from now on. Throws osa::Exception that names the address and the reason; without allowRemote an address that is
+  // not loopback is refused.
+  static std::vector<Listener> OpenAll(const Options& options);
 
   ~Listener();
   Listener(Listener&& other) noexcept;
   Listener& operator=(Listener&&) = delete;
 
-  int GetDescriptor() const { return _descriptor; }
+  int GetDescriptor() const { return _descriptor.Get(); }
+  bool IsUnix() const { return _isUnix; }
 
-  // HOST:PORT as bound, with the port that the kernel picked.
+  // HOST:PORT as bound, with the port that the kernel picked, or unix:PATH.
   const std::string& GetAddress() const { return _address; }
 
   // The next connection's descriptor, or -1 with errno set.
   int Accept() const;
 
  private:
-  Listener(int descriptor, std::string address) : _descriptor(descriptor), _address(std::move(address)) {}
+  Listener(Descriptor descriptor, std::unique_ptr<UnixSocketFile> file);
 
-  int _descriptor;
+  static void OpenTcp(const ListenAddress& address, bool allowRemote, std::vector<Listener>& listeners);
+  static void OpenUnix(const ListenAddress& address, const Options& options, std::vector<Listener>& listeners);
+  static void TakePassed(std::vector<Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners);
+
+  std::unique_ptr<UnixSocketFile> _file;  // goes after the socket
+  Descriptor _descriptor;
+  bool _isUnix;
   std::string _address;
 };
-
-// HOST:PORT of the far end of a connected socket, for log lines.
-std::string PeerAddress(int descriptor);
 
 }  // namespace tavix::daemon

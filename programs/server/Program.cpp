@@ -1,71 +1,139 @@
 #include "programs/server/Program.h"
 
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
 
-#include "programs/server/Options.h"
+#include "programs/server/CommandLine.h"
+#include "programs/server/FileLock.h"
+#include "programs/server/LinkTarget.h"
+#include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
+#include "programs/server/ServiceManager.h"
 #include "programs/server/SettingsSources.h"
-#include "programs/server/StopSignals.h"
+#include "programs/server/Signals.h"
+#include "programs/server/Upkeep.h"
+#include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
 
 namespace {
 
+// What ends the program before it serves.
+class Failure : public osa::Exception {
+ public:
+  Failure(ExitCode code, const std::string& message) : Exception(message), _code(code) {}
+
+  ExitCode GetCode() const { return _code; }
+
+ private:
+  ExitCode _code;
+};
+
+// Does one step of the start; what it throws ends the program with that code.
+template <class Step>
+auto OrFail(ExitCode code, Step step) {
+  try {
+    return step();
+  } catch (const std::exception& exception) {
+    throw Failure(code, exception.what());
+  }
+}
+
 int Fail(ExitCode code, const std::exception& exception) {
-  std::fprintf(stderr, "tavix-settings-server: %s\n", exception.what());
+  const char* const level = ServiceManager::HasJournal() ? "<3>" : "";
+  std::fprintf(stderr, "%stavix-settings-server: %s\n", level, exception.what());
   return code;
 }
 
-void PrintReport(const SettingsSources& sources, const SettingsStore& store) {
+int Check(const Options& options) {
+  Counters counters;
+  SettingsSources sources(options.defaults, options.restricted, options.userSettings, counters);
+  const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
+  if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
   for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
-  std::printf("ok: %zu groups\n", store.CountGroups());
+  const size_t groups = store->CountGroups();
+  std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
+  return kExitDone;
 }
 
-int Serve(const Options& options, SettingsStore& store) {
-  const StopSignals signals;
-  std::unique_ptr<Server> server;
+// None when there is no file to lock, and when the lock's file can't be made: a device with a disk that is full or
+// read-only must start all the same.
+std::unique_ptr<FileLock> LockUserSettings(const std::string& file) {
+  if (file.empty()) return nullptr;
   try {
-    server = std::make_unique<Server>(store, options.listen, options.allowRemote, options.loops, options.limits);
-  } catch (const std::exception& exception) {
-    return Fail(kExitUnavailable, exception);
+    return std::make_unique<FileLock>(FollowLinks(file));
+  } catch (const FileLock::Held&) {
+    throw;
+  } catch (const osa::Exception& exception) {
+    core::Logger::GetLogger("Program")->Warning("%s; nothing keeps a second daemon off the user settings",
+                                                exception.what());
+    return nullptr;
   }
-  for (const std::string& address : server->GetAddresses())
+}
+
+void WarnOfOpenDoors(const std::vector<Listener>& listeners, const Options& options) {
+  for (const Listener& listener : listeners) {
+    if (listener.IsUnix() || options.allowedUsers.empty()) continue;
+    core::Logger::GetLogger("Program")->Warning("--allow-uid counts for unix sockets alone: %s lets every user in",
+                                                listener.GetAddress().c_str());
+  }
+}
+
+// For people; one line each on standard output.
+std::string Announce(const Server& server) {
+  std::string all;
+  for (const std::string& address : server.GetAddresses()) {
     std::printf("tavix-settings-server: listening on %s\n", address.c_str());
+    all += (all.empty() ? "" : ", ") + address;
+  }
   std::fflush(stdout);
-  server->Run(signals);
-  return store.SaveLastChange() ? kExitDone : kExitNotSaved;
+  return all;
+}
+
+// The listeners come before the settings, so that clients queue, and are not refused, while a large store is loaded.
+int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
+  const Signals signals;
+  const ServiceManager serviceManager;
+  const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });
+  std::vector<Listener> listeners = OrFail(kExitUnavailable, [&] { return Listener::OpenAll(options); });
+  WarnOfOpenDoors(listeners, options);
+  serviceManager.Tell("STATUS=Loading settings");
+  Counters counters;
+  SettingsSources sources(options.defaults, options.restricted, options.userSettings, counters);
+  const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
+  {
+    Server server(*store, std::move(listeners), options, counters);
+    Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager);
+    server.Run(signals, [&](int signal) { upkeep.OnSignal(signal); });
+  }
+  return store->SaveLastChange() ? kExitDone : kExitNotSaved;
 }
 
 }  // namespace
 
 int RunProgram(int argc, char** argv) {
-  Options options;
-  switch (ParseOptions(argc, argv, options)) {
-    case OptionsResult::kRun:
-      break;
-    case OptionsResult::kDone:
-      return kExitDone;
-    case OptionsResult::kError:
-      return kExitUsage;
-  }
-  std::signal(SIGPIPE, SIG_IGN);
-  StopSignals::Block();
+  Signals::Block();
+  std::vector<GivenOption> commandLine;
+  if (!ParseCommandLine(argc, argv, commandLine)) return kExitUsage;
   try {
-    SettingsSources sources(options.defaults, options.restricted, options.userSettings);
-    std::unique_ptr<SettingsStore> store;
-    try {
-      store = std::make_unique<SettingsStore>(sources);
-    } catch (const std::exception& exception) {
-      return Fail(kExitConfiguration, exception);
+    switch (FindAction(commandLine)) {
+      case Options::Action::kShowHelp:
+        std::fputs(FormatHelp().c_str(), stdout);
+        return kExitDone;
+      case Options::Action::kShowVersion:
+        std::puts("tavix-settings-server " TAVIX_VERSION);
+        return kExitDone;
+      case Options::Action::kCheck:
+      case Options::Action::kServe:
+        break;
     }
-    if (options.check) {
-      PrintReport(sources, *store);
-      return kExitDone;
-    }
-    return Serve(options, *store);
+    const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
+    if (options.action == Options::Action::kCheck) return Check(options);
+    ConfigureLog(options.log);
+    return Serve(options, commandLine);
+  } catch (const Failure& failure) {
+    return Fail(failure.GetCode(), failure);
   } catch (const std::exception& exception) {
     return Fail(kExitFailure, exception);
   }

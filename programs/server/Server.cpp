@@ -1,24 +1,29 @@
 #include "programs/server/Server.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
-#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "programs/server/SettingsSources.h"
-#include "programs/server/StopSignals.h"
+#include "programs/server/Signals.h"
+#include "programs/server/SocketName.h"
 #include "tavix/core/Logger.h"
-#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
 namespace {
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("Server");
+  return logger;
+}
 
 constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
 constexpr int kPause = 100;                  // milliseconds
@@ -42,24 +47,16 @@ int OpenSpare() {
   return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-std::vector<Listener> OpenAll(const std::vector<std::string>& addresses, bool allowRemote) {
-  std::vector<Listener> listeners;
-  for (const std::string& address : addresses) {
-    std::vector<Listener> opened = Listener::Open(address, allowRemote);
-    std::move(opened.begin(), opened.end(), std::back_inserter(listeners));
-  }
-  return listeners;
-}
-
 }  // namespace
 
-Server::Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, size_t loops,
-               const Limits& limits)
-    : _limits(WithinDescriptors(limits)),
-      _env{&store.GetManager(), &_serializationManager, limits.subscriptions},
-      _listeners(OpenAll(addresses, allowRemote)),
+Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Options& options, Counters& counters)
+    : _allowedUsers(options.allowedUsers),
+      _counters(counters),
+      _limits(WithinDescriptors(options.limits)),
+      _env{&store.GetManager(), &_serializationManager, options.limits.subscriptions},
+      _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
-  while (_loops.size() < loops) _loops.push_back(std::make_unique<EventLoop>(&_env, _limits));
+  while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(&_env, _limits, counters));
 }
 
 Server::~Server() {
@@ -73,40 +70,58 @@ std::vector<std::string> Server::GetAddresses() const {
   return addresses;
 }
 
-void Server::Run(const StopSignals& signals) {
+void Server::Run(const Signals& signals, const std::function<void(int)>& onSignal) {
   std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}};
   for (const Listener& listener : _listeners) watched.push_back({listener.GetDescriptor(), POLLIN, 0});
-  while (true) {
+  for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
     const bool pauses = std::exchange(_mustPause, false);
     if (poll(watched.data(), pauses ? 1 : watched.size(), pauses ? kPause : -1) < 0) continue;  // EINTR, or no memory
-    if (watched[0].revents) break;
-    for (size_t i = 0; i < _listeners.size() && !pauses; ++i) {
-      if (watched[i + 1].revents) AcceptFrom(_listeners[i]);
-    }
+    signal = watched[0].revents ? signals.Take() : 0;
+    if (signal != 0) onSignal(signal);
+    if (!pauses) AcceptFromAll(watched);
   }
   _listeners.clear();
   _loops.clear();
 }
 
+void Server::AcceptFromAll(const std::vector<pollfd>& watched) {
+  for (size_t i = 0; i < _listeners.size(); ++i) {
+    if (watched[i + 1].revents) AcceptFrom(_listeners[i]);
+  }
+}
+
 void Server::AcceptFrom(const Listener& listener) {
-  const int descriptor = listener.Accept();
-  if (descriptor < 0) {
+  Descriptor descriptor(listener.Accept());
+  if (!descriptor) {
     const bool isGone = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
     if (!isGone && !RefuseOne(listener)) _mustPause = true;
     return;
   }
   if (CountConnections() >= _limits.connections) {
-    close(descriptor);
-    core::Logger::GetLogger("Server")->Warning("Connection refused: %zu are served already", _limits.connections);
+    _counters.Count(Refusal::kTooMany);
+    Log()->Warning("Connection refused: %zu are served already", _limits.connections);
     return;
   }
-  FindLeastBusy().Add(descriptor);
+  if (!MayEnter(descriptor.Get(), listener)) return;
+  _counters.accepted.Add();
+  FindLeastBusy().Add(descriptor.Release());
+}
+
+// The permissions of a unix socket's file have let the process in already.
+bool Server::MayEnter(int descriptor, const Listener& listener) const {
+  if (_allowedUsers.empty() || !listener.IsUnix()) return true;
+  const std::optional<ucred> peer = FindPeerProcess(descriptor);
+  if (peer && std::count(_allowedUsers.begin(), _allowedUsers.end(), peer->uid) > 0) return true;
+  _counters.Count(Refusal::kUser);
+  Log()->Warning("Connection refused: %s is not allowed", PeerName(descriptor).c_str());
+  return false;
 }
 
 // Without a free descriptor a connection can't even be refused, and would keep the listener readable for ever. False
 // when it could not be refused either.
 bool Server::RefuseOne(const Listener& listener) {
-  core::Logger::GetLogger("Server")->Warning("Connection refused: %s", std::strerror(errno));
+  Log()->Warning("Connection refused: %s", std::strerror(errno));
+  _counters.Count(Refusal::kDescriptors);
   if (_spare >= 0) close(_spare);
   const int descriptor = listener.Accept();
   if (descriptor >= 0) close(descriptor);

@@ -1,29 +1,33 @@
 #pragma once
 
+#include <poll.h>
+#include <sys/types.h>
+
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "programs/server/Counters.h"
 #include "programs/server/EventLoop.h"
 #include "programs/server/Limits.h"
 #include "programs/server/Listener.h"
+#include "programs/server/Options.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 
 namespace tavix::daemon {
 
 class SettingsStore;
-class StopSignals;
+class Signals;
 
 // Accepts connections and hands them to a few event loops in turn.
 //
 // Threads: one thread constructs, runs and destroys it.
 class Server {
  public:
-  // Listens on all addresses; connections queue until Run. store: outlives the server. loops: how many threads serve.
-  // Throws osa::Exception that names the address that can't be listened on.
-  Server(SettingsStore& store, const std::vector<std::string>& addresses, bool allowRemote, size_t loops,
-         const Limits& limits);
+  // Connections queue at the listeners until Run. store and counters outlive the server.
+  Server(SettingsStore& store, std::vector<Listener> listeners, const Options& options, Counters& counters);
 
   // Ends every connection.
   ~Server();
@@ -31,18 +35,22 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Every address as bound, HOST:PORT.
+  // Every address as bound, HOST:PORT or unix:PATH.
   std::vector<std::string> GetAddresses() const;
 
-  // Serves until a stop signal comes, then ends every connection.
-  void Run(const StopSignals& signals);
+  // Serves until SIGTERM or SIGINT comes, then ends every connection. onSignal: called with each signal's number.
+  void Run(const Signals& signals, const std::function<void(int)>& onSignal);
 
  private:
+  void AcceptFromAll(const std::vector<pollfd>& watched);
   void AcceptFrom(const Listener& listener);
+  bool MayEnter(int descriptor, const Listener& listener) const;
   bool RefuseOne(const Listener& listener);
   EventLoop& FindLeastBusy() const;
   size_t CountConnections() const;
 
+  const std::vector<uid_t> _allowedUsers;  // on unix sockets; empty: all
+  Counters& _counters;
   const Limits _limits;  // with as many connections as there are descriptors for
   settings::server::SerializationManager _serializationManager;
   settings::server::ServerEnv _env;

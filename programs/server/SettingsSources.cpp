@@ -5,46 +5,29 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <sstream>
 #include <utility>
 
+#include "programs/server/LayerFiles.h"
+#include "programs/server/LinkTarget.h"
 #include "programs/server/ReplaceFile.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/LoadPriorityIncludeFilter.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 
 namespace tavix::daemon {
 
-namespace fs = std::filesystem;
-
 using core::IniFile;
 using settings::server::GroupDiscriminator;
+using settings::server::LoadPriorityIncludeFilter;
 using settings::server::SettingsCombiner;
 
 namespace {
 
-// The ini files that a path of the command line stands for.
-std::vector<std::string> ListFiles(const std::string& path) {
-  std::error_code error;
-  if (!fs::is_directory(path, error)) return {path};
-  std::vector<std::string> files;
-  for (fs::directory_iterator entry(path, error), end; !error && entry != end; entry.increment(error)) {
-    if (entry->path().extension() == ".ini") files.push_back(entry->path().string());
-  }
-  if (error) throw osa::Exception("Failed to read directory '%s': %s", path.c_str(), error.message().c_str());
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
-template <class Load>
-void ForEachFile(const std::vector<std::string>& paths, Load load) {
-  for (const std::string& path : paths) {
-    for (const std::string& file : ListFiles(path)) load(file);
-  }
-}
+constexpr char kUserLayer[] = "user settings";
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -66,17 +49,32 @@ IniFile LoadFile(const std::string& path) {
   return IniFile(path.c_str());
 }
 
-// A file that is replaced by rename would turn a link to it into a file. What a link leads to may not exist yet.
-std::string FollowLinks(const std::string& path) {
-  constexpr int kMostLinks = 40;  // as the kernel's own limit; a circle is left for the first access to report
-  fs::path end = path;
-  std::error_code error;
-  for (int i = 0; i < kMostLinks; ++i) {
-    const fs::path target = fs::read_symlink(end, error);
-    if (error) break;
-    end = end.parent_path() / target;
+// The names of "before" that "after" lacks.
+std::vector<std::string> MissingGroups(const std::vector<std::string>& before, const IniFile& after) {
+  std::vector<std::string> missing;
+  for (const std::string& group : before) {
+    if (!after.HasGroup(group) && group != LoadPriorityIncludeFilter::kGroup) missing.push_back(group);
   }
-  return end.string();
+  return missing;
+}
+
+std::vector<std::string> GroupsOf(const IniFile& document) {
+  std::vector<std::string> names;
+  for (const auto& group : document) names.push_back(group.first);
+  return names;
+}
+
+LayerSize SizeOf(const IniFile& document) {
+  LayerSize size;
+  for (const auto& group : document) {
+    ++size.groups;
+    size.keys += group.second.size();
+  }
+  return size;
+}
+
+void AppendGroups(std::ostream& text, const char* reason, const std::vector<std::string>& groups) {
+  for (const std::string& group : groups) text << "\n  dropped, " << reason << ": [" << group << "]";
 }
 
 }  // namespace
@@ -84,47 +82,80 @@ std::string FollowLinks(const std::string& path) {
 std::string SettingsSources::Report::ToText() const {
   std::ostringstream text;
   text << layer << ": " << path << ": ";
-  if (absent) {
-    text << "absent, nothing loaded";
+  if (!notLoaded.empty()) {
+    text << notLoaded << ", nothing loaded";
   } else {
     text << groups << (groups == 1 ? " group" : " groups");
   }
-  for (const std::string& group : dropped) text << "\n  dropped, restricted: [" << group << "]";
+  AppendGroups(text, "restricted", dropped);
+  AppendGroups(text, "outbid by an earlier file's priority", outbid);
   return text.str();
 }
 
-SettingsSources::SettingsSources(std::vector<std::string> defaults, std::vector<std::string> restricted,
-                                 std::string userSettings)
-    : _defaults(std::move(defaults)), _restricted(std::move(restricted)), _userSettings(FollowLinks(userSettings)) {}
+// The user settings' file is replaced by rename, which would turn a link to it into a file.
+SettingsSources::SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings,
+                                 Counters& counters)
+    : _defaults(std::move(defaults)),
+      _restricted(std::move(restricted)),
+      _userSettings(FollowLinks(userSettings)),
+      _counters(counters) {}
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
-  ForEachFile(_defaults, [&](const std::string& file) {
-    IniFile document = LoadFile(file);
-    std::vector<std::string> dropped = RestrictedGroupsOf(document);
+  const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
+  _counters.defaultGroups.Set(size.groups);
+  _counters.defaultKeys.Set(size.keys);
+}
+
+void SettingsSources::LoadRestrictedSettings(SettingsCombiner& combiner) {
+  const LayerSize size = LoadLayer(Layer::kRestricted, combiner);
+  _counters.restrictedGroups.Set(size.groups);
+  _counters.restrictedKeys.Set(size.keys);
+}
+
+const char* SettingsSources::NameOf(Layer layer) {
+  return layer == Layer::kDefaults ? "defaults" : "restricted";
+}
+
+// The whole layer first, so that it can be counted; no text is copied on the way.
+LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
+  IniFile merged;
+  for (const LayerFile& file : ListLayerFiles(layer == Layer::kDefaults ? _defaults : _restricted)) {
+    if (file.notLoaded.empty()) {
+      LoadLayerFile(layer, file.path, combiner, merged);
+    } else {
+      Remember({NameOf(layer), file.path, 0, {}, {}, file.notLoaded});
+    }
+  }
+  const LayerSize size = SizeOf(merged);
+  combiner.Merge(std::move(merged));
+  return size;
+}
+
+void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
+                                    IniFile& merged) {
+  IniFile document = LoadFile(path);
+  std::vector<std::string> dropped;
+  if (layer == Layer::kDefaults) {
+    dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
-    Remember({"defaults", file, CountGroupsOf(document), std::move(dropped), false});
-    combiner.LoadFromIni(std::move(document));
-  });
+  }
+  const std::vector<std::string> before = GroupsOf(document);
+  combiner.RunFilters(document);
+  Remember({NameOf(layer), path, CountGroupsOf(document), std::move(dropped), MissingGroups(before, document), ""});
+  merged.MergeSettings(std::move(document));
 }
 
 void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
   if (_userSettings.empty()) return;
   struct stat status {};
   if (stat(_userSettings.c_str(), &status) != 0 && errno == ENOENT) {
-    Remember({"user settings", _userSettings, 0, {}, true});
+    Remember({kUserLayer, _userSettings, 0, {}, {}, "absent"});
     return;
   }
   IniFile document = LoadFile(_userSettings);
-  Remember({"user settings", _userSettings, CountGroupsOf(document), RestrictedGroupsOf(document), false});
+  _counters.userFileBytes.Set(static_cast<unsigned long long>(status.st_size));
+  Remember({kUserLayer, _userSettings, CountGroupsOf(document), RestrictedGroupsOf(document), {}, ""});
   combiner.LoadFromIni(std::move(document));
-}
-
-void SettingsSources::LoadRestrictedSettings(SettingsCombiner& combiner) {
-  ForEachFile(_restricted, [&](const std::string& file) {
-    IniFile document = LoadFile(file);
-    Remember({"restricted", file, CountGroupsOf(document), {}, false});
-    combiner.LoadFromIni(std::move(document));
-  });
 }
 
 void SettingsSources::SaveUserSettings(const IniFile& userSettings) {
@@ -138,8 +169,10 @@ bool SettingsSources::SaveText(const std::string& text) {
   try {
     ReplaceFile(_userSettings, text);
     _hasUnsavedChange = false;
+    _counters.CountSave(text.size());
   } catch (const std::exception& exception) {
     _hasUnsavedChange = true;
+    _counters.CountFailedSave();
     core::Logger::GetLogger("SettingsSources")
         ->Error("%s; the change is kept in memory and saved with the next one", exception.what());
   }

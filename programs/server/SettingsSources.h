@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "programs/server/Counters.h"
+#include "programs/server/Options.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -26,16 +28,17 @@ class SettingsSources : public settings::server::ISettingsPersister,
   struct Report {
     std::string layer;
     std::string path;
-    size_t groups = 0;
+    size_t groups = 0;                 // that count
     std::vector<std::string> dropped;  // restricted groups in a layer that can't set them
-    bool absent = false;
+    std::vector<std::string> outbid;   // groups that an earlier file of higher priority protects
+    std::string notLoaded;             // why it was not; empty: it was
 
     std::string ToText() const;
   };
 
-  // A path is a file, or a directory whose *.ini are taken in lexical order, listed anew at each load. userSettings:
-  // may be absent; empty: nothing is persisted. A link to it is followed once, now.
-  SettingsSources(std::vector<std::string> defaults, std::vector<std::string> restricted, std::string userSettings);
+  // The layers' files are listed anew at each load. userSettings: may be absent; empty: nothing is persisted. A link to
+  // it is followed once, now. counters: outlives the sources; is told of loads and saves.
+  SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings, Counters& counters);
 
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
@@ -48,15 +51,22 @@ class SettingsSources : public settings::server::ISettingsPersister,
   // Whether a change was not saved.
   bool HasUnsavedChange() const { return _hasUnsavedChange; }
 
-  // One for each file loaded so far.
+  // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
 
  private:
+  enum class Layer { kDefaults, kRestricted };
+
+  static const char* NameOf(Layer layer);
+  LayerSize LoadLayer(Layer layer, settings::server::SettingsCombiner& combiner);
+  void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
+                     core::IniFile& merged);
   void Remember(Report report);
 
-  const std::vector<std::string> _defaults;
-  const std::vector<std::string> _restricted;
+  const LayerSources _defaults;
+  const LayerSources _restricted;
   const std::string _userSettings;
+  Counters& _counters;
   std::atomic<bool> _hasUnsavedChange{false};
   mutable std::mutex _mutex;  // guards _reports
   std::vector<Report> _reports;

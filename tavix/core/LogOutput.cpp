@@ -4,25 +4,44 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 namespace tavix::core {
 
 namespace {
 
+int SystemLevelOf(LogLevel level) {
+  return level >= kLogTrace ? LOG_DEBUG : static_cast<int>(level);
+}
+
+void WriteAll(int descriptor, const std::string& text) {
+  const char* at = text.data();
+  size_t left = text.size();
+  while (left > 0) {
+    const ssize_t written = ::write(descriptor, at, left);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    at += written;
+    left -= static_cast<size_t>(written);
+  }
+}
+
 class DescriptorOutput : public LogOutput {
  public:
   explicit DescriptorOutput(int descriptor) : _descriptor(descriptor) {}
 
-  void Write(LogLevel, const std::string& line, const std::string&) override {
-    const char* at = line.data();
-    size_t left = line.size();
-    while (left > 0) {
-      const ssize_t written = ::write(_descriptor, at, left);
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) return;
-      at += written;
-      left -= static_cast<size_t>(written);
-    }
+  void Write(LogLevel, const std::string& line, const std::string&) override { WriteAll(_descriptor, line); }
+
+ private:
+  int _descriptor;
+};
+
+class JournalOutput : public LogOutput {
+ public:
+  explicit JournalOutput(int descriptor) : _descriptor(descriptor) {}
+
+  void Write(LogLevel level, const std::string&, const std::string& text) override {
+    WriteAll(_descriptor, "<" + std::to_string(SystemLevelOf(level)) + ">" + text + "\n");
   }
 
  private:
@@ -32,7 +51,7 @@ class DescriptorOutput : public LogOutput {
 class SystemLogOutput : public LogOutput {
  public:
   void Write(LogLevel level, const std::string&, const std::string& text) override {
-    syslog(LOG_USER | (level >= kLogTrace ? LOG_DEBUG : static_cast<int>(level)), "%s", text.c_str());
+    syslog(LOG_USER | SystemLevelOf(level), "%s", text.c_str());
   }
 };
 
@@ -40,6 +59,10 @@ class SystemLogOutput : public LogOutput {
 
 std::unique_ptr<LogOutput> MakeDescriptorOutput(int descriptor) {
   return std::make_unique<DescriptorOutput>(descriptor);
+}
+
+std::unique_ptr<LogOutput> MakeJournalOutput(int descriptor) {
+  return std::make_unique<JournalOutput>(descriptor);
 }
 
 std::unique_ptr<LogOutput> MakeSystemLogOutput() {

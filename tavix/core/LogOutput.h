@@ -20,6 +20,10 @@ class LogOutput {
 // Writes lines to a descriptor that it does not own, for example standard error.
 std::unique_ptr<LogOutput> MakeDescriptorOutput(int descriptor);
 
+// The same for a descriptor that the system's journal reads: without the time, which it adds, and with the level as it
+// expects it, "<4>" for a warning.
+std::unique_ptr<LogOutput> MakeJournalOutput(int descriptor);
+
 // Writes to the system log, under the process's name.
 std::unique_ptr<LogOutput> MakeSystemLogOutput();
 

@@ -179,6 +179,7 @@ Log::Log() {
 }  // namespace
 
 std::atomic<int> Logger::s_level{kLogWarning};
+std::atomic<bool> Logger::s_isJournal{false};
 
 Logger* Logger::GetLogger(const std::string& name) {
   return Log::Get().FindOrAdd(name, [](const std::string& n) { return std::unique_ptr<Logger>(new Logger(n)); });
@@ -196,11 +197,18 @@ void Logger::ConfigureLogging(const IniFile& settings, const std::string& group)
   std::vector<std::unique_ptr<LogOutput>> outputs;
   if (settings.GetBoolOrDefault(group, "log.syslog", true)) outputs.push_back(MakeSystemLogOutput());
   if (settings.GetBoolOrDefault(group, "log.stdout", false)) outputs.push_back(MakeDescriptorOutput(STDOUT_FILENO));
+  if (settings.GetBoolOrDefault(group, "log.stderr", false)) {
+    outputs.push_back(s_isJournal ? MakeJournalOutput(STDERR_FILENO) : MakeDescriptorOutput(STDERR_FILENO));
+  }
   s_level.store(settings.GetIntOrDefault(group, "log.level", kLogError), std::memory_order_relaxed);
   Log::Get().ReplaceOutputs(std::move(outputs));
   const std::string& file = settings.GetValueOrDefault(group, "log.file");
   if (!file.empty()) ModifyLogRotateConf(file, group);
   Log::Get().WriteKeptLines();  // last, so that the file gets them, too
+}
+
+void Logger::SetJournal(bool isJournal) {
+  s_isJournal = isJournal;
 }
 
 void Logger::ClearAppenders() {

@@ -51,6 +51,12 @@ class TAVIX_EXPORT Logger {
     LogMessageV(kLogWarning, format, arguments);
     va_end(arguments);
   }
+  void Notice(const char* format, ...) const TAVIX_PRINTF(2, 3) {
+    va_list arguments;
+    va_start(arguments, format);
+    LogMessageV(kLogNotice, format, arguments);
+    va_end(arguments);
+  }
   void Information(const char* format, ...) const TAVIX_PRINTF(2, 3) {
     va_list arguments;
     va_start(arguments, format);
@@ -68,8 +74,13 @@ class TAVIX_EXPORT Logger {
   //   log.level   messages up to this level are written (3)
   //   log.syslog  whether to the system log (true)
   //   log.stdout  whether to standard output (false)
+  //   log.stderr  whether to standard error (false)
   //   log.file    to this file as well, see SetLogFileDirectory (none)
   static void ConfigureLogging(const IniFile& settings, const std::string& group);
+
+  // Whether standard error is read by the system's journal: lines on it then begin with their level as the journal
+  // expects it, "<4>" for a warning, and have no time. Counts from the next ConfigureLogging on. Default: it is not.
+  static void SetJournal(bool isJournal);
 
   // Removes all outputs. Lines that come before the next configuration are kept for it, the newest 256 of them.
   static void ClearAppenders();
@@ -86,6 +97,7 @@ class TAVIX_EXPORT Logger {
   explicit Logger(const std::string& name) : _name(name) {}
 
   static std::atomic<int> s_level;
+  static std::atomic<bool> s_isJournal;
 
   const std::string _name;
 };

@@ -1,5 +1,7 @@
 #include "tavix/osa/ServiceEndpoint.h"
 
+#include <sys/un.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -10,6 +12,23 @@
 namespace tavix::osa {
 
 namespace {
+
+constexpr char kUnix[] = "unix:";
+constexpr size_t kUnixSize = sizeof kUnix - 1;
+constexpr size_t kLongestPath = sizeof(sockaddr_un::sun_path) - 1;
+
+bool IsUnix(const std::string& text) {
+  return text.compare(0, kUnixSize, kUnix) == 0;
+}
+
+ServiceEndpoint ParseUnix(const std::string& text, const std::string& source) {
+  const std::string path = text.substr(kUnixSize);
+  if (path.empty() || path.size() > kLongestPath) {
+    throw Exception("%s: '%s' is not an endpoint: the path must have 1 to %zu bytes", source.c_str(), text.c_str(),
+                    kLongestPath);
+  }
+  return {"", 0, path};
+}
 
 bool IsServiceLabel(const std::string& host) {
   return !host.empty() && host.find_first_of(".:") == std::string::npos;
@@ -51,6 +70,7 @@ std::string FindInHosts(const char* path, const std::string& label) {
 }  // namespace
 
 ServiceEndpoint ParseEndpoint(const std::string& text, const std::string& source) {
+  if (IsUnix(text)) return ParseUnix(text, source);
   ServiceEndpoint endpoint{text, kDefaultServicePort};
   if (!text.empty() && text.front() == '[') {
     const size_t close = text.find(']');
@@ -69,6 +89,7 @@ ServiceEndpoint ParseEndpoint(const std::string& text, const std::string& source
 }
 
 ServiceEndpoint FindServiceEndpoint(const std::string& host, unsigned short port, const char* hostsDatabase) {
+  if (IsUnix(host)) return ParseUnix(host, "Failed to connect");
   ServiceEndpoint endpoint{host, port};
   if (IsServiceLabel(host)) {
     const std::string variable = VariableNameFor(host);

@@ -8,6 +8,7 @@ namespace tavix::osa {
 struct ServiceEndpoint {
   std::string host;         // a numeric address, or a name for the system's resolver
   unsigned short port = 0;  // in host byte order
+  std::string path = {};    // of a unix socket; then there is neither host nor port
 };
 
 // The port of a service that nobody gave another one.
@@ -15,10 +16,11 @@ constexpr unsigned short kDefaultServicePort = 7211;
 
 // Finds the endpoint of "host". A service label (one word without dots or colons, for example "tavix-settings-server")
 // is reached, the first that applies:
-//   1. where the environment variable named after it says (upper case, '-' as '_'): HOST, HOST:PORT, [V6]:PORT or V6;
+//   1. where the environment variable named after it says (upper case, '-' as '_'): HOST, HOST:PORT, [V6]:PORT, V6 or
+//      unix:PATH;
 //   2. at the address that the hosts database gives the label;
 //   3. at 127.0.0.1.
-// Anything else is taken as it is. Port 0, or none in the variable, is kDefaultServicePort.
+// unix:PATH is a unix socket. Anything else is taken as it is. Port 0, or none in the variable, is kDefaultServicePort.
 //
 // Throws Exception when the variable can't be understood. The environment and the hosts database are read at each call.
 ServiceEndpoint FindServiceEndpoint(const std::string& host, unsigned short port,

@@ -6,6 +6,8 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,6 +77,25 @@ int ConnectOne(int descriptor, const addrinfo& address, const Deadline& deadline
   return FinishConnect(descriptor, deadline);
 }
 
+// A unix socket whose queue is full can't be waited for by poll(2), but its connect can have a time limit.
+int ConnectToPath(int descriptor, const std::string& path, const Deadline& deadline) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  int result = 0;
+  do {
+    const int left = deadline.GetPollTimeout();
+    if (left == 0) return ETIMEDOUT;
+    const timeval limit{std::max(left, 0) / 1000, std::max(left, 0) % 1000 * 1000};
+    setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    result = connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (result < 0 && errno == EINTR);
+  if (result < 0) return errno == EAGAIN ? ETIMEDOUT : errno;
+  const timeval none{};
+  setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none);
+  return 0;
+}
+
 void SetBlocking(int descriptor) {
   const int flags = fcntl(descriptor, F_GETFL);
   if (flags >= 0) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
@@ -102,6 +123,14 @@ void TcpSocket::Connect(const char* host, unsigned short port, unsigned int time
   Close();
   const Deadline deadline(std::max(timeout, kShortestTimeout));
   const ServiceEndpoint endpoint = FindServiceEndpoint(host ? host : "", port);
+  if (endpoint.path.empty()) {
+    ConnectTcp(endpoint, deadline);
+  } else {
+    ConnectUnix(endpoint.path, deadline);
+  }
+}
+
+void TcpSocket::ConnectTcp(const ServiceEndpoint& endpoint, const Deadline& deadline) {
   const AddressList addresses = Resolve(endpoint);
   int error = EHOSTUNREACH;
   for (const addrinfo* address = addresses.get(); address; address = address->ai_next) {
@@ -120,6 +149,14 @@ void TcpSocket::Connect(const char* host, unsigned short port, unsigned int time
   }
   throw Exception("Failed to connect to %s port %u: %s", endpoint.host.c_str(), unsigned{endpoint.port},
                   std::strerror(error));
+}
+
+void TcpSocket::ConnectUnix(const std::string& path, const Deadline& deadline) {
+  _descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int error = _descriptor < 0 ? errno : ConnectToPath(_descriptor, path, deadline);
+  if (error == 0) return;
+  Close();
+  throw Exception("Failed to connect to unix:%s: %s", path.c_str(), std::strerror(error));
 }
 
 void TcpSocket::Shutdown() noexcept {

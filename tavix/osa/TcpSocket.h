@@ -1,11 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 namespace tavix::osa {
 
-// One end of a TCP connection. Its descriptor is closed on exec and by the destructor; a dead peer is found within
-// two minutes; small messages leave at once (TCP_NODELAY).
+class Deadline;
+struct ServiceEndpoint;
+
+// One end of a TCP connection, or of a connection through a unix socket. Its descriptor is closed on exec and by the
+// destructor; a dead peer is found within two minutes; small messages leave at once (TCP_NODELAY).
 //
 // Threads: Connect belongs to one thread; Shutdown may be called from any thread while others read and write.
 class TcpSocket {
@@ -21,9 +25,11 @@ class TcpSocket {
   TcpSocket(const TcpSocket&) = delete;
   TcpSocket& operator=(const TcpSocket&) = delete;
 
-  // Connects to "host", found by FindServiceEndpoint, trying each of its addresses in the time given.
+  // Connects to "host", found by FindServiceEndpoint, trying each of its addresses in the time given; unix:PATH is a
+  // unix socket.
   // timeout: milliseconds; less than a second counts as a second, kWaitForever leaves it to the system.
-  // Throws Exception that names host, port and reason; the socket then is unconnected and may try again.
+  // Throws Exception that names host and port, or path, and the reason; the socket then is unconnected and may try
+  // again.
   void Connect(const char* host, unsigned short port, unsigned int timeout);
 
   // Ends both directions: readers see the end of the connection, writers fail. Harmless when not connected.
@@ -36,6 +42,8 @@ class TcpSocket {
   struct AdoptTag {};
   TcpSocket(AdoptTag, int descriptor);
 
+  void ConnectTcp(const ServiceEndpoint& endpoint, const Deadline& deadline);
+  void ConnectUnix(const std::string& path, const Deadline& deadline);
   void Close() noexcept;
 
   int _descriptor = -1;

@@ -516,4 +516,33 @@ TEST_F(UnconfiguredLogger, KeepsLogFilesInVarLog) {
   EXPECT_EXIT(logAndEnd(), testing::ExitedWithCode(0), HasSubstr("Log file '/tmp/tavix.log' is not below '/var/log'"));
 }
 
+TEST_F(Logger, StandardErrorIsAnOutputWhenTheGroupSaysSo) {
+  CapturedOutput errors(STDERR_FILENO);
+  Configure({{"log.stderr", "true"}});
+  _log->Warning("both");
+  Configure({});
+  _log->Warning("one");
+  EXPECT_THAT(WithoutTimes(errors.Finish()), ElementsAre("WARNING Test: both"));
+  EXPECT_THAT(WrittenLines(), ElementsAre("WARNING Test: both", "WARNING Test: one"));
+}
+
+TEST_F(Logger, LinesForTheJournalBeginWithTheirLevelAndHaveNoTime) {
+  CapturedOutput errors(STDERR_FILENO);
+  Log::SetJournal(true);
+  Configure({{"log.stderr", "true"}});
+  LogAtEveryLevel();
+  Log::SetJournal(false);
+  Configure({{"log.stderr", "true"}});
+  _log->Error("plain");
+  EXPECT_THAT(Lines(errors.Finish()), ElementsAre("<3>Test: 3", "<4>Test: 4", "<5>Test: 5", "<6>Test: 6", "<7>Test: 8",
+                                                  EndsWith("Z ERROR Test: plain")));
+}
+
+TEST_F(Logger, NoticeIsWrittenAtItsLevel) {
+  _log->Notice("%s", "seen");
+  Configure({{"log.level", "4"}});
+  _log->Notice("%s", "not seen");
+  EXPECT_THAT(WrittenLines(), ElementsAre("NOTICE Test: seen"));
+}
+
 }  // namespace

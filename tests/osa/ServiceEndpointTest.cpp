@@ -125,6 +125,27 @@ TEST_F(ServiceEndpoint, AVariableThatCannotBeUnderstoodThrowsAndIsNamed) {
   }
 }
 
+TEST_F(ServiceEndpoint, APathBehindUnixIsAUnixSocket) {
+  for (const char* path : {"/run/settings", "settings.sock", "/run/a:b", "/"}) {
+    const std::string value = std::string("unix:") + path;
+    const ScopedEnvironment variable(kVariable, value.c_str());
+    for (const std::string& host : {std::string(kLabel), value}) {
+      const Endpoint endpoint = FindWithHosts(host, 9, "10.0.0.2 tavix-settings-server unix\n");
+      EXPECT_EQ(endpoint.path, path);
+      EXPECT_THAT(endpoint, Is("", 0));
+    }
+  }
+}
+
+TEST_F(ServiceEndpoint, AUnixSocketHasAPathOfAtMost107Bytes) {
+  EXPECT_EQ(ParseEndpoint("unix:" + std::string(107, 'x'), "V").path.size(), 107u);
+  for (const std::string& text : {std::string("unix:"), "unix:" + std::string(108, 'x')}) {
+    EXPECT_THAT(
+        [&] { ParseEndpoint(text, "V"); },
+        testing::ThrowsMessage<Exception>("V: '" + text + "' is not an endpoint: the path must have 1 to 107 bytes"));
+  }
+}
+
 TEST_F(ServiceEndpoint, AnythingButALabelIsTakenAsItIs) {
   for (const char* host : {"192.168.0.1", "settings.example", "::1", "fe80::1%eth0", ""})
     EXPECT_THAT(FindWithHosts(host, 0, "10.0.0.2 settings.example 192.168.0.1\n"), Is(host, 7211));

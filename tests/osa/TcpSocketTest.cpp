@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <memory>
 #include <string>
@@ -17,6 +18,7 @@
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/Environment.h"
 #include "tests/support/ListeningSocket.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -221,6 +223,79 @@ TEST(TcpSocket, ShutdownFromAnotherThreadWakesAReader) {
   reader.Join();
   EXPECT_EQ(received, 0);
   EXPECT_EQ(ReceiveAll(peer), "") << "the peer sees the end, too";
+}
+
+// A unix socket in a directory of its own.
+class UnixListener {
+ public:
+  explicit UnixListener(int backlog) : _socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_un address = GetAddress();
+    EXPECT_EQ(bind(_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(_socket.Get(), backlog), 0);
+  }
+
+  std::string GetHost() const { return "unix:" + _directory.Path("s"); }
+
+  sockaddr_un GetAddress() const {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    _directory.Path("s").copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+  }
+
+  Descriptor Accept() const { return Descriptor(accept(_socket.Get(), nullptr, nullptr)); }
+
+ private:
+  const tavix::test::TemporaryDirectory _directory;
+  const Descriptor _socket;
+};
+
+TEST(TcpSocket, ConnectsToAUnixSocket) {
+  for (const unsigned int timeout : {0u, 1000u, kWaitForever}) {
+    const UnixListener listener(1);
+    TcpSocket socket(0);
+    socket.Connect(listener.GetHost().c_str(), 0, timeout);
+    const Descriptor peer = listener.Accept();
+    EXPECT_EQ(send(socket.GetDescriptor(), "x", 1, MSG_NOSIGNAL), 1);
+    EXPECT_EQ(tavix::test::ReceiveOnce(peer), "x");
+    EXPECT_NE(fcntl(socket.GetDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
+  }
+}
+
+TEST(TcpSocket, TheVariableMayNameAUnixSocket) {
+  const UnixListener listener(1);
+  const ScopedEnvironment variable("TAVIX_SETTINGS_SERVER", listener.GetHost().c_str());
+  TcpSocket socket(0);
+  EXPECT_NO_THROW(socket.Connect("tavix-settings-server", 0, 1000));
+}
+
+TEST(TcpSocket, AUnixSocketThatIsNotThereIsNamedWithTheReason) {
+  const tavix::test::TemporaryDirectory directory;
+  const std::string gone = "unix:" + directory.Path("gone");
+  const std::string file = "unix:" + directory.Write("file", "");
+  TcpSocket socket(0);
+  EXPECT_THAT([&] { socket.Connect(gone.c_str(), 0, 1000); },
+              testing::ThrowsMessage<Exception>("Failed to connect to " + gone + ": No such file or directory"));
+  EXPECT_THAT([&] { socket.Connect(file.c_str(), 0, 1000); },
+              testing::ThrowsMessage<Exception>("Failed to connect to " + file + ": Connection refused"));
+  EXPECT_EQ(socket.GetDescriptor(), -1);
+}
+
+TEST(TcpSocket, AUnixSocketWhoseQueueIsFullIsWaitedForAsLongAsTheLimitSays) {
+  const UnixListener listener(0);
+  TcpSocket first(0);
+  first.Connect(listener.GetHost().c_str(), 0, 1000);
+  TcpSocket second(0);
+  EXPECT_GE(MillisecondsOf([&] {
+              EXPECT_THAT([&] { second.Connect(listener.GetHost().c_str(), 0, 0); },
+                          testing::ThrowsMessage<Exception>("Failed to connect to " + listener.GetHost() +
+                                                            ": Connection timed out"));
+            }),
+            1000);
+  BackgroundCall waiting([&] { second.Connect(listener.GetHost().c_str(), 0, kWaitForever); });
+  waiting.AwaitBlocked();
+  const Descriptor taken = listener.Accept();
+  EXPECT_NO_THROW(waiting.Join());
 }
 
 }  // namespace

@@ -62,7 +62,6 @@ bool LimitFileSize(const std::optional<unsigned long>& size) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(126);
   const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  signal(SIGXFSZ, SIG_IGN);  // a write past the limit is to fail, not to kill
   if (chdir(directory) == 0 && dup2(input, 0) >= 0 && dup2(output, 1) >= 0 && dup2(errors, 2) >= 0 &&
       LimitFileSize(limits.fileSize) && LimitDescriptors(limits.descriptors)) {
     execv(arguments[0], arguments);

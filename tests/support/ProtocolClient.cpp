@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <memory>
@@ -46,6 +47,10 @@ ProtocolClient::ProtocolClient(unsigned short port, int receiveBuffer) {
 }
 
 ProtocolClient::ProtocolClient(const std::string& address, int receiveBuffer) {
+  if (address.rfind("unix:", 0) == 0) {
+    ConnectToPath(address.substr(5));
+    return;
+  }
   const size_t colon = address.rfind(':');
   const bool bracketed = address.front() == '[';
   const std::string host = bracketed ? address.substr(1, colon - 2) : address.substr(0, colon);
@@ -62,6 +67,15 @@ void ProtocolClient::Connect(const std::string& host, const std::string& port, i
   _socket = Descriptor(Require(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetUp(_socket.Get(), receiveBuffer);
   Require(connect(_socket.Get(), address->ai_addr, address->ai_addrlen), "connect");
+}
+
+void ProtocolClient::ConnectToPath(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  _socket = Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+  SetTimeLimit(_socket.Get(), 30);
+  Require(connect(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), "connect");
 }
 
 void ProtocolClient::Send(const std::string& text) {

@@ -15,7 +15,7 @@ class ProtocolClient {
   // receiveBuffer: a wish for the kernel, 0 for its default.
   explicit ProtocolClient(unsigned short port, int receiveBuffer = 0);
 
-  // address: HOST:PORT or [V6]:PORT, in figures, as the daemon prints it.
+  // address: HOST:PORT or [V6]:PORT, in figures, or unix:PATH, as the daemon prints it.
   explicit ProtocolClient(const std::string& address, int receiveBuffer = 0);
 
   void Send(const std::string& text);
@@ -56,6 +56,7 @@ class ProtocolClient {
 
  private:
   void Connect(const std::string& host, const std::string& port, int receiveBuffer);
+  void ConnectToPath(const std::string& path);
   bool Receive();
 
   Descriptor _socket;

@@ -101,6 +101,10 @@ void ClientHandler::LogStatistics(void* logContext) {
   MsgDispatcher::Get().LogStatistics(logContext);
 }
 
+ClientHandler::Statistics ClientHandler::ReadStatistics() {
+  return MsgDispatcher::Get().ReadStatistics();
+}
+
 void ClientHandler::Quit(std::istream&) {
   _quit = true;
 }
@@ -205,6 +209,7 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
     MutexAutoLock lock(&_outputMutex, kWaitForever, true);
     try {
       WriteNotice(changedGroups);
+      MsgDispatcher::Get().CountNotice();
     } catch (...) {
       _out->setstate(std::ios::badbit);  // half a notice may be out: nothing may follow it
       throw;

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Export.h"
@@ -65,6 +66,20 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // Logs how often each command was handled, by all handlers of the process together, through the core logging entry
   // point. logContext: passed to it untouched.
   static void LogStatistics(void* logContext);
+
+  // What all handlers of the process together have done so far.
+  struct Statistics {
+    struct Command {
+      std::string name;
+      unsigned long long count;  // calls that ended without an exception
+      double seconds;            // that these took together
+    };
+
+    std::vector<Command> commands;   // every command, in ascending order of names
+    unsigned long long unknown = 0;  // words that were no command
+    unsigned long long notices = 0;  // that were written
+  };
+  static Statistics ReadStatistics();
 
  private:
   class TAVIX_LOCAL MsgDispatcher;

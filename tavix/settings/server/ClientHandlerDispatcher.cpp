@@ -41,14 +41,17 @@ void ClientHandler::MsgDispatcher::Add(const char* word, void (ClientHandler::*h
 void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, const std::string& word, std::istream& args) {
   const auto found = _handlers.find(word);
   if (found == _handlers.end()) {
+    _unknown.fetch_add(1, std::memory_order_relaxed);
     _logger->Warning("Invalid command: %s", word.c_str());
     return;
   }
   const core::Stopwatch stopwatch(true);
   _logger->Trace("Handling command: %s", found->first.c_str());
   (handler.*found->second.handler)(args);
+  const double seconds = stopwatch.Read();
   found->second.count.fetch_add(1, std::memory_order_relaxed);
-  _logger->Trace("Command %s took %f seconds", found->first.c_str(), stopwatch.Read());
+  found->second.nanoseconds.fetch_add(static_cast<unsigned long long>(seconds * 1e9), std::memory_order_relaxed);
+  _logger->Trace("Command %s took %f seconds", found->first.c_str(), seconds);
 }
 
 void ClientHandler::MsgDispatcher::LogStatistics(void* logContext) const {
@@ -56,6 +59,18 @@ void ClientHandler::MsgDispatcher::LogStatistics(void* logContext) const {
     pelko_core_logging_log(logContext, core::kLogNotice, "ClientHandler stats: dispatch %s count %d", name.c_str(),
                            entry.count.load(std::memory_order_relaxed));
   }
+}
+
+ClientHandler::Statistics ClientHandler::MsgDispatcher::ReadStatistics() const {
+  Statistics statistics;
+  for (const auto& [name, entry] : _handlers) {
+    const auto count = static_cast<unsigned int>(entry.count.load(std::memory_order_relaxed));
+    const auto nanoseconds = static_cast<double>(entry.nanoseconds.load(std::memory_order_relaxed));
+    statistics.commands.push_back({name, count, nanoseconds / 1e9});
+  }
+  statistics.unknown = _unknown.load(std::memory_order_relaxed);
+  statistics.notices = _notices.load(std::memory_order_relaxed);
+  return statistics;
 }
 
 }  // namespace tavix::settings::server

@@ -19,11 +19,15 @@ class ClientHandler::MsgDispatcher {
   void Dispatch(ClientHandler& handler, const std::string& word, std::istream& args);
 
   void LogStatistics(void* logContext) const;
+  Statistics ReadStatistics() const;
+
+  void CountNotice() { _notices.fetch_add(1, std::memory_order_relaxed); }
 
  private:
   struct fpMsgHandler {
     void (ClientHandler::*handler)(std::istream& args);
     std::atomic<int> count{0};
+    std::atomic<unsigned long long> nanoseconds{0};
   };
 
   MsgDispatcher();
@@ -33,6 +37,8 @@ class ClientHandler::MsgDispatcher {
 
   core::Logger* const _logger;
   std::map<std::string, fpMsgHandler> _handlers;
+  std::atomic<unsigned long long> _unknown{0};
+  std::atomic<unsigned long long> _notices{0};
 };
 
 }  // namespace tavix::settings::server

@@ -178,6 +178,21 @@ void SettingsManager::ReadUserSettings(const std::function<void(const IniFile&)>
   reader(_userSettings);
 }
 
+SettingsManager::Sizes SettingsManager::GetSizes() const {
+  Sizes sizes;
+  ReadAutoLock lock(_settingsMutex);
+  for (const auto& group : _allSettings) {
+    ++sizes.allGroups;
+    sizes.allKeys += group.second.size();
+  }
+  for (const auto& group : _userSettings) {
+    if (group.first == kDeletedGroups) continue;
+    ++sizes.userGroups;
+    sizes.userKeys += group.second.size();
+  }
+  return sizes;
+}
+
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
   RefuseInCallback();
   const IniFile filtered = UnrestrictedPartOf(settings);

@@ -86,6 +86,15 @@ class TAVIX_EXPORT SettingsManager {
   // the store.
   void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
 
+  // How much there is: in what readers see, and in the user layer without its bookkeeping. O(groups).
+  struct Sizes {
+    size_t allGroups = 0;
+    size_t allKeys = 0;
+    size_t userGroups = 0;
+    size_t userKeys = 0;
+  };
+  Sizes GetSizes() const;
+
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);

@@ -41,7 +41,10 @@ TEST_F(Check, SaysWhatTheDeviceExampleLoads) {
             0);
   EXPECT_EQ(_errors, "");
   EXPECT_THAT(_output, StartsWith("defaults: " + device + "defaults.d/10-base.ini: "));
-  EXPECT_THAT(_output, HasSubstr("/90-site.ini: 6 groups\n  dropped, restricted: [Secure/Users/installer]\n"));
+  EXPECT_THAT(_output, HasSubstr("/90-site.ini: 3 groups\n"
+                                 "  dropped, restricted: [Secure/Users/installer]\n"
+                                 "  dropped, outbid by an earlier file's priority: [Events/Tamper]\n"
+                                 "  dropped, outbid by an earlier file's priority: [Network/Firewall]\n"));
   EXPECT_THAT(_output, HasSubstr("\nuser settings: u.ini: absent, nothing loaded\n"));
   EXPECT_THAT(_output, HasSubstr("\nrestricted: " + device + "restricted.d/20-keys.ini: 4 groups\nok: "));
 }

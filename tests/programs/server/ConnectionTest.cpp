@@ -24,7 +24,7 @@ class ServerConnection : public testing::Test {
     _peer = Descriptor(ends[1]);
     const int small = 4096;
     EXPECT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    _connection = std::make_unique<daemon::Connection>(ends[0], _poll.Get(), _wake.Get(), &_env, _limits);
+    _connection = std::make_unique<daemon::Connection>(ends[0], _poll.Get(), _wake.Get(), &_env, _limits, _counters);
     core::IniFile settings;
     settings.SetValue("Large", "k", std::string(100'000, 'v'));
     _store.MergeSettings(settings, 0);
@@ -54,6 +54,7 @@ class ServerConnection : public testing::Test {
   settings::server::SerializationManager _serializers;
   settings::server::ServerEnv _env{&_store, &_serializers};
   const daemon::Limits _limits;
+  daemon::Counters _counters;
   const Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
   const Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   Descriptor _peer;

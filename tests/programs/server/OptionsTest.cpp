@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <fstream>
 
+#include "programs/server/OptionTable.h"
 #include "tests/programs/server/Daemon.h"
 
 namespace tavix::test {
@@ -43,9 +45,12 @@ TEST(Options, HelpNamesEveryOptionAndExitStatusOnStandardOutput) {
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.errors, "");
   EXPECT_THAT(outcome.output, StartsWith("Usage: tavix-settings-server [OPTION]...\n"));
-  for (const char* word : {"--listen", "--allow-remote", "--defaults", "--restricted", "--user-settings", "--check",
-                           "--help", "--version", "127.0.0.1:7211", "64", "69", "74", "78"})
+  for (const daemon::OptionEntry& entry : daemon::GetOptionTable())
+    EXPECT_THAT(outcome.output, HasSubstr("\n  --" + std::string(entry.name) + (*entry.argument ? " " : "")));
+  for (const char* word : {"127.0.0.1:7211", "64", "69", "74", "78", "SIGHUP", "SIGUSR1"})
     EXPECT_THAT(outcome.output, HasSubstr(word));
+  std::istringstream lines(outcome.output);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80u) << line;
 }
 
 TEST(Options, VersionIsOneLineOnStandardOutput) {
@@ -73,9 +78,9 @@ TEST(Options, CommandLineThatIsNotUnderstoodEndsWithStatus64AndAHint) {
   }
 }
 
-TEST(Options, AddressThatCanNotBeListenedOnEndsWithStatus69AndSaysWhy) {
-  const std::string expected = "expected HOST:PORT or [V6]:PORT";
-  const std::string remote = "it is not loopback, and --allow-remote was not given";
+TEST(Options, ListenAddressThatIsNoneEndsWithStatus64) {
+  const std::string expected = "expected HOST:PORT, [V6]:PORT or unix:PATH";
+  const std::string expectedPath = "expected unix: and a path of at most 107 bytes";
   const std::vector<std::pair<std::string, std::string>> cases{
       {"", expected},
       {"nonsense", expected},
@@ -86,15 +91,57 @@ TEST(Options, AddressThatCanNotBeListenedOnEndsWithStatus69AndSaysWhy) {
       {"127.0.0.1:-1", expected},
       {"::1:7211", expected},
       {"[::1]", expected},
-      {"0.0.0.0:0", remote},
-      {"[::]:0", remote},
-      {"192.0.2.1:0", remote},
+      {"unix:", expectedPath},
+      {"unix:/" + std::string(107, 'x'), expectedPath},
   };
   for (const auto& [address, reason] : cases) {
     const Outcome outcome = RunToEnd({"--listen", "127.0.0.1:0", "--listen", address});
+    EXPECT_EQ(outcome.status, 64) << address;
+    EXPECT_EQ(outcome.output, "") << address;
+    EXPECT_THAT(outcome.errors, StartsWith("tavix-settings-server: --listen '" + address + "': " + reason + "\n"));
+  }
+}
+
+TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
+  const std::vector<std::array<std::string, 3>> cases{
+      {"--loops", "0", "a number from 1 to 64"},
+      {"--loops", "65", "a number from 1 to 64"},
+      {"--max-line", "1 ", "a number from 1 to 1099511627776"},
+      {"--metrics-interval", "-1", "a number from 1 to 86400"},
+      {"--unix-mode", "0800", "an octal number from 0 to 0777"},
+      {"--unix-mode", "1000", "an octal number from 0 to 0777"},
+      {"--allow-uid", "1,x", "the numbers of users, with commas between them"},
+      {"--allow-uid", ",", "the numbers of users, with commas between them"},
+      {"--allow-uid", "4294967295", "the numbers of users, with commas between them"},
+      {"--log-level", "loud", "error, warning, notice, information or trace"},
+      {"--log-file", "relative.log", "an absolute path"},
+      {"--defaults", "", "a path"},
+      {"--restricted-dir", "", "a path"},
+      {"--config", "", "a path"},
+  };
+  for (const auto& [option, value, expected] : cases) {
+    const Outcome outcome = RunToEnd({option, value});
+    EXPECT_EQ(outcome.status, 64) << option;
+    EXPECT_EQ(outcome.errors, "tavix-settings-server: " + option + " '" + value + "': expected " + expected +
+                                  "\nTry 'tavix-settings-server --help'.\n");
+  }
+}
+
+TEST(Options, FlagMayBeSwitchedOffAndTakesNothingElse) {
+  const Outcome outcome = RunToEnd({"--allow-remote", "--allow-remote=no", "--listen", "0.0.0.0:0"});
+  EXPECT_EQ(outcome.status, 69);
+  const Outcome wrong = RunToEnd({"--allow-remote=perhaps"});
+  EXPECT_EQ(wrong.status, 64);
+  EXPECT_THAT(wrong.errors, StartsWith("tavix-settings-server: --allow-remote 'perhaps': expected true or false\n"));
+}
+
+TEST(Options, AddressThatIsNotLoopbackEndsWithStatus69UnlessThatIsAllowed) {
+  for (const char* address : {"0.0.0.0:0", "[::]:0", "192.0.2.1:0"}) {
+    const Outcome outcome = RunToEnd({"--listen", "127.0.0.1:0", "--listen", address});
     EXPECT_EQ(outcome.status, 69) << address;
     EXPECT_EQ(outcome.output, "") << address;
-    EXPECT_THAT(outcome.errors, StartsWith("tavix-settings-server: Can't listen on '" + address + "': " + reason));
+    EXPECT_EQ(outcome.errors, "tavix-settings-server: Can't listen on '" + std::string(address) +
+                                  "': it is not loopback, and --allow-remote was not given\n");
   }
 }
 

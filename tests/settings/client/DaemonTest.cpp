@@ -171,4 +171,19 @@ TEST(Daemon, CarriesDocumentsOfMegabytesBothWays) {
   }
 }
 
+TEST(UnixSocket, LeadsClientsOfEveryModeToTheDaemon) {
+  const TemporaryDirectory directory;
+  const std::string address = "unix:" + directory.Path("settings.sock");
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--listen", address});
+  EXPECT_EQ(daemon.AwaitAddresses().front(), address);
+  const ScopedEnvironment endpoint("TAVIX_SETTINGS_SERVER", address.c_str());
+  const ScopedEnvironment noOverride("TAVIX_SETTINGS_LOCALFILE", nullptr);
+  for (const Mode mode : {TavixSettingsClient::SingleThreaded, TavixSettingsClient::MultiThreaded}) {
+    TavixSettingsClient client(mode);
+    const std::string value = "mode " + std::to_string(mode);
+    client.SetValue("[A]x", value);
+    EXPECT_EQ(client.GetValue("[A]x"), value);
+  }
+}
+
 }  // namespace

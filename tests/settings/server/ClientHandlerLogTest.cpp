@@ -172,4 +172,20 @@ TEST(ClientHandler, ACommandThatThrowsIsNotCounted) {
               ElementsAre(testing::Pair("serialize", 1)));
 }
 
+TEST(ClientHandler, StatisticsTellOfCommandsUnknownWordsAndNotices) {
+  ServedStore served;
+  const CapturedLog log;
+  const ClientHandler::Statistics before = ClientHandler::ReadStatistics();
+  served.Serve("subscribe\nA\n.\nbogus\nmerge\n[A]\nx=1\n.\nmerge\n[B]\nx=1\n.\n");
+  const ClientHandler::Statistics after = ClientHandler::ReadStatistics();
+  EXPECT_EQ(after.unknown - before.unknown, 1u);
+  EXPECT_EQ(after.notices - before.notices, 1u);
+  for (size_t i = 0; i < after.commands.size(); ++i) {
+    const std::string& name = after.commands[i].name;
+    const unsigned long long expected = name == "merge" ? 2 : name == "subscribe" ? 1 : 0;
+    EXPECT_EQ(after.commands[i].count - before.commands[i].count, expected) << name;
+    EXPECT_EQ(after.commands[i].seconds > before.commands[i].seconds, expected > 0) << name;
+  }
+}
+
 }  // namespace

@@ -86,4 +86,14 @@ TEST(SettingsManager, DumpsTheUserLayerWithItsBookkeepingAndAllSettingsWithout) 
   EXPECT_EQ(AllSettingsOf(served.store), "[A]\nz=1\n[B]\ny=1\n");
 }
 
+TEST(SettingsManager, TellsItsSizeAsReadersSeeItAndOfTheUserLayerWithoutBookkeeping) {
+  ServedStore served({"[A]\nx=1\ny=1\n[B]\ny=1\n"}, "", "[Secure/S]\nk=1\n");
+  served.store.OverwriteSettings("A", DocumentOf("[A]\nz=1\n[C]\n"));
+  const SettingsManager::Sizes sizes = served.store.GetSizes();
+  EXPECT_EQ(sizes.allGroups, 4u);
+  EXPECT_EQ(sizes.allKeys, 3u);
+  EXPECT_EQ(sizes.userGroups, 2u);
+  EXPECT_EQ(sizes.userKeys, 1u);
+}
+
 }  // namespace

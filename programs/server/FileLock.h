@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+
+#include "programs/server/Descriptor.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+// Keeps other daemons off something that has a path, by a lock on PATH.lock beside it. What stands at PATH may be
+// replaced meanwhile. The lock ends with the process, however that ends; the destructor takes the lock's file away.
+class FileLock {
+ public:
+  // Another process has the lock.
+  class Held : public osa::Exception {
+   public:
+    explicit Held(const std::string& message) : Exception(message) {}
+  };
+
+  // Throws Held, which names "path" and the process; osa::Exception when the lock's file can't be made.
+  explicit FileLock(const std::string& path);
+  ~FileLock();
+
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+ private:
+  bool Acquire();
+  std::string ReadOwner() const;
+
+  const std::string _path;  // of the lock's file
+  Descriptor _file;
+};
+
+}  // namespace tavix::daemon

@@ -1,0 +1,31 @@
+#include "programs/server/LogSetup.h"
+
+#include "programs/server/ServiceManager.h"
+#include "tavix/core/IniFile.h"
+#include "tavix/core/Logger.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr char kGroup[] = "Server";
+
+const char* ToText(bool flag) {
+  return flag ? "true" : "false";
+}
+
+}  // namespace
+
+// Whoever writes the daemon's configuration may choose the log's place, other than whoever writes settings.
+void ConfigureLog(const LogOptions& options) {
+  core::IniFile settings;
+  settings.SetInt(kGroup, "log.level", options.level);
+  settings.SetValue(kGroup, "log.stderr", ToText(options.standardError));
+  settings.SetValue(kGroup, "log.syslog", ToText(options.systemLog));
+  settings.SetValue(kGroup, "log.file", options.file);
+  if (!options.file.empty()) core::Logger::SetLogFileDirectory(options.file.substr(0, options.file.rfind('/') + 1));
+  core::Logger::SetJournal(ServiceManager::HasJournal());
+  core::Logger::ConfigureLogging(settings, kGroup);
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+// What options' values are read with. Each throws osa::Exception with what it expected.
+
+// From 1 to "most".
+size_t ParseNumber(const std::string& text, size_t most);
+
+// As IniFile reads it; empty is true.
+bool ParseFlag(const std::string& text);
+
+// Octal, up to 0777.
+mode_t ParseMode(const std::string& text);
+
+// A level's name; returns its number.
+int ParseLogLevel(const std::string& text);
+
+// Adds the numbers of a list with commas.
+void AppendUsers(const std::string& list, std::vector<uid_t>& users);
+
+void RequireText(const std::string& text);
+
+// The parts between commas, without blanks around them; empty parts don't count.
+std::vector<std::string> SplitList(const std::string& list);
+
+}  // namespace tavix::daemon

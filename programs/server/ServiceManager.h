@@ -1,0 +1,34 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace tavix::daemon {
+
+// What a service manager is told about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
+// describes them. Without one, nothing is told.
+//
+// Threads: any.
+// Errors:  none; what can't be sent is dropped, and nothing ever waits.
+class ServiceManager {
+ public:
+  // Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID, once.
+  ServiceManager();
+
+  bool IsListening() const { return !_socket.empty(); }
+
+  // lines: "READY=1", or several with line feeds between them.
+  void Tell(const std::string& lines) const;
+
+  // How often this process has to tell WATCHDOG=1; zero: it need not.
+  std::chrono::microseconds GetWatchdogTime() const { return _watchdogTime; }
+
+  // Whether standard error is connected to the system's journal, as JOURNAL_STREAM says.
+  static bool HasJournal();
+
+ private:
+  std::string _socket;
+  std::chrono::microseconds _watchdogTime{0};
+};
+
+}  // namespace tavix::daemon

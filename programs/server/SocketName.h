@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <optional>
+#include <string>
+
+namespace tavix::daemon {
+
+// An address for people: HOST:PORT, [V6]:PORT or unix:PATH.
+std::string ToText(const sockaddr* address, socklen_t size);
+
+// Whether only this machine reaches the address.
+bool IsLocal(const sockaddr* address);
+
+// The far end of a connected socket, for log lines: its address, or user and process of a unix socket.
+std::string PeerName(int descriptor);
+
+// Who connected, as the kernel saw it then. None when the socket is no unix socket.
+std::optional<ucred> FindPeerProcess(int descriptor);
+
+}  // namespace tavix::daemon

@@ -1,0 +1,23 @@
+#include "programs/server/StoreProbe.h"
+
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/Time.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::daemon {
+
+void ProbeStore(const settings::server::SettingsManager& manager) {
+  {
+    osa::MutexAutoLock gate(&manager.GetNotificationGate(), osa::kWaitForever, true);
+    std::set<std::string> groups;
+    manager.GetAllSubscribedGroups(groups);
+  }
+  core::IniFile nothing;
+  manager.GetGroups(nothing, settings::common::GroupNameMatcher());
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,89 @@
+#include "programs/server/Upkeep.h"
+
+#include <csignal>
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "programs/server/LogSetup.h"
+#include "programs/server/StoreProbe.h"
+#include "tavix/core/Logger.h"
+#include "tavix/settings/server/ClientHandler.h"
+
+namespace tavix::daemon {
+
+using settings::server::ClientHandler;
+using settings::server::SettingsManager;
+
+namespace {
+
+constexpr int kFeedsInATime = 3;  // one that comes late is no reason to be restarted
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("Upkeep");
+  return logger;
+}
+
+std::string MonotonicMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::to_string(now.tv_sec * 1000000LL + now.tv_nsec / 1000);
+}
+
+}  // namespace
+
+Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
+               const Counters& counters, const SettingsManager& manager, const ServiceManager& serviceManager)
+    : _commandLine(commandLine),
+      _addresses(std::move(addresses)),
+      _counters(counters),
+      _serviceManager(serviceManager) {
+  if (!options.metricsFile.empty()) {
+    _metricsFile.emplace(options.metricsFile, counters, manager);
+    _metrics.emplace("Metrics", std::chrono::seconds(options.metricsSeconds), [this] { _metricsFile->Write(); });
+  }
+  _serviceManager.Tell("READY=1\n" + GetStatus());
+  if (_serviceManager.GetWatchdogTime().count() > 0) StartWatchdog(manager);
+}
+
+void Upkeep::StartWatchdog(const SettingsManager& manager) {
+  const auto interval = _serviceManager.GetWatchdogTime() / kFeedsInATime;
+  _watchdog.emplace("Watchdog", std::chrono::duration_cast<std::chrono::milliseconds>(interval), [this, &manager] {
+    ProbeStore(manager);
+    _serviceManager.Tell("WATCHDOG=1\n" + GetStatus());
+  });
+}
+
+void Upkeep::OnSignal(int signal) {
+  if (signal == SIGHUP) {
+    _serviceManager.Tell("RELOADING=1\nMONOTONIC_USEC=" + MonotonicMicroseconds());
+    ReadLogOptions();
+    _serviceManager.Tell("READY=1\n" + GetStatus());
+  } else if (signal == SIGUSR1) {
+    ClientHandler::LogStatistics(nullptr);
+    if (_metrics) _metrics->Trigger();
+  } else {
+    _serviceManager.Tell("STOPPING=1\nSTATUS=Ending");
+  }
+}
+
+// What happened is said while notices are written, be it before or after.
+void Upkeep::ReadLogOptions() const {
+  constexpr char kDone[] =
+      "SIGHUP: the log options were read again; everything else, defaults included, needs a restart";
+  try {
+    const Options options = ReadOptions(_commandLine);
+    const bool isSaidBefore = core::Logger::IsEnabled(core::kLogNotice);
+    if (isSaidBefore) Log()->Notice("%s", kDone);
+    ConfigureLog(options.log);
+    if (!isSaidBefore) Log()->Notice("%s", kDone);
+  } catch (const std::exception& exception) {
+    Log()->Error("SIGHUP: %s; the log options stay as they were", exception.what());
+  }
+}
+
+std::string Upkeep::GetStatus() const {
+  return "STATUS=Serving " + std::to_string(_counters.clients.Get()) + " clients on " + _addresses;
+}
+
+}  // namespace tavix::daemon

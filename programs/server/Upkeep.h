@@ -1,0 +1,45 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "programs/server/CommandLine.h"
+#include "programs/server/Counters.h"
+#include "programs/server/MetricsFile.h"
+#include "programs/server/Periodic.h"
+#include "programs/server/ServiceManager.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::daemon {
+
+// What a daemon does beside serving: writes its metrics, tells the service manager how it is, answers signals.
+//
+// Threads: metrics and watchdog have a thread each, so that a disk that stalls does not look like a store that does.
+//          OnSignal belongs to one thread.
+class Upkeep {
+ public:
+  // Everything that is passed by reference outlives the upkeep. addresses: what is served, for the status line.
+  Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
+         const Counters& counters, const settings::server::SettingsManager& manager,
+         const ServiceManager& serviceManager);
+
+  // SIGHUP reads the log options again, SIGUSR1 logs the statistics and has the metrics written; other signals end the
+  // daemon, which the service manager is told.
+  void OnSignal(int signal);
+
+ private:
+  void StartWatchdog(const settings::server::SettingsManager& manager);
+  void ReadLogOptions() const;
+  std::string GetStatus() const;
+
+  const std::vector<GivenOption>& _commandLine;
+  const std::string _addresses;
+  const Counters& _counters;
+  const ServiceManager& _serviceManager;
+  std::optional<MetricsFile> _metricsFile;
+  std::optional<Periodic> _metrics;
+  std::optional<Periodic> _watchdog;
+};
+
+}  // namespace tavix::daemon

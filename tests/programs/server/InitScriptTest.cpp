@@ -1,0 +1,116 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <string>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Environment.h"
+
+// The init script, as each of the shells runs it that devices have.
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+constexpr char kScript[] = TAVIX_SOURCE_DIR "/packaging/init.d/tavix-settings-server";
+
+class InitScript : public testing::TestWithParam<std::string> {
+ protected:
+  ~InitScript() override { Run("stop"); }
+
+  // Runs the script with that word, and returns its exit status; _output is what it printed.
+  int Run(const std::string& word) {
+    std::vector<std::string> arguments{kScript, word};
+    std::string program = "/bin/sh";
+    if (GetParam() == "busybox") {
+      program = TAVIX_BUSYBOX_PROGRAM;
+      arguments.insert(arguments.begin(), "sh");
+    }
+    DaemonProcess script(program, _directory.GetPath(), arguments);
+    const int status = script.AwaitEnd();
+    _output = script.GetOutput() + script.GetErrors();
+    return status;
+  }
+
+  std::string Address() const { return "unix:" + _directory.Path("s.sock"); }
+  pid_t DaemonId() const { return std::stoi(_directory.Read("run/server.pid")); }
+
+  const TemporaryDirectory _directory;
+  const ScopedEnvironment _program{"DAEMON", TAVIX_SERVER_PROGRAM};
+  const ScopedEnvironment _arguments{"DAEMON_ARGS", "--listen unix:s.sock --user-settings user.ini"};
+  const ScopedEnvironment _place{"RUN_DIR", _directory.Path("run").c_str()};
+  std::string _output;
+};
+
+INSTANTIATE_TEST_SUITE_P(OfEveryShell, InitScript, testing::Values("sh", "busybox"),
+                         [](const auto& test) { return test.param; });
+
+}  // namespace
+
+TEST_P(InitScript, StartReturnsWhenTheDaemonServesAndStopWhenItHasEnded) {
+  EXPECT_EQ(Run("status"), 3);
+  EXPECT_EQ(Run("start"), 0);
+  EXPECT_EQ(_output, "tavix-settings-server started\n");
+  ProtocolClient client(Address());
+  client.Send("merge\n[A]\nx=1\n.\n");
+  client.AwaitHandled();
+  EXPECT_EQ(Run("status"), 0);
+  EXPECT_EQ(_output, "tavix-settings-server is running as process " + std::to_string(DaemonId()) + "\n");
+  EXPECT_EQ(Run("start"), 0);
+  EXPECT_EQ(_output, "tavix-settings-server is running already\n");
+  EXPECT_EQ(Run("stop"), 0);
+  EXPECT_EQ(client.ReadToEnd(), "");
+  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(Run("status"), 3);
+}
+
+TEST_P(InitScript, RestartMakesANewDaemonAndReloadIsASigHup) {
+  EXPECT_EQ(Run("start"), 0);
+  const pid_t first = DaemonId();
+  EXPECT_EQ(Run("restart"), 0);
+  EXPECT_NE(DaemonId(), first);
+  EXPECT_EQ(Run("reload"), 0);
+  ProtocolClient(Address()).AwaitHandled();
+  EXPECT_TRUE(Eventually([&] { return _directory.Read("run/server.err").find("SIGHUP: ") != std::string::npos; }));
+}
+
+TEST_P(InitScript, StartThatFailsSaysWhy) {
+  const ScopedEnvironment wrong("DAEMON_ARGS", "--listen nowhere");
+  EXPECT_EQ(Run("start"), 1);
+  EXPECT_THAT(_output, StartsWith("tavix-settings-server did not start:\ntavix-settings-server: --listen 'nowhere': "));
+}
+
+TEST_P(InitScript, NumberThatACrashLeftIsNotTakenForTheDaemon) {
+  EXPECT_EQ(Run("start"), 0);
+  const pid_t crashed = DaemonId();
+  kill(crashed, SIGKILL);
+  _directory.Write("run/server.pid", std::to_string(getpid()) + "\n");
+  EXPECT_EQ(Run("status"), 3);
+  EXPECT_EQ(Run("stop"), 0) << "and this process still lives";
+  EXPECT_EQ(Run("start"), 0);
+  ProtocolClient(Address()).AwaitHandled();
+}
+
+TEST_P(InitScript, WordThatIsNoneEndsWithStatus2) {
+  EXPECT_EQ(Run("begin"), 2);
+  EXPECT_THAT(_output,
+              MatchesRegex("Usage: .*/tavix-settings-server \\{start\\|stop\\|restart\\|reload\\|status\\}\n"));
+}
+
+TEST(PackagedConfiguration, IsRight) {
+  const TemporaryDirectory directory;
+  const std::string file = TAVIX_SOURCE_DIR "/packaging/server.conf";
+  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--check", "--config", file});
+  EXPECT_EQ(daemon.AwaitEnd(), 0);
+  EXPECT_THAT(daemon.GetOutput(), StartsWith("configuration: " + file + "\nuser settings: /var/lib/tavix-settings/"));
+}
+
+}  // namespace tavix::test

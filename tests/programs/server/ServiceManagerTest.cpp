@@ -1,0 +1,298 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/NotifySocket.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Environment.h"
+
+// The real daemon as a service manager runs it: told of by datagrams, given sockets, watched.
+
+namespace tavix::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+class ServiceManager : public testing::Test {
+ protected:
+  const TemporaryDirectory _directory;
+  NotifySocket _manager;
+};
+
+// With NOTIFY_SOCKET set for every process that the test starts.
+class Notified : public ServiceManager {
+ protected:
+  const ScopedEnvironment _notify{"NOTIFY_SOCKET", _manager.GetPath().c_str()};
+};
+
+// With WATCHDOG_USEC set, too.
+class Watched : public Notified {
+ protected:
+  static constexpr int kMilliseconds = 600;
+
+  // Whether nothing is fed for longer than the service manager would wait.
+  bool StopsFeeding() {
+    return Eventually([&] {
+      for (int waited = 0; waited < 2; ++waited) {
+        if (_manager.ReceiveFor(kMilliseconds)) return false;
+      }
+      return true;
+    });
+  }
+
+  const ScopedEnvironment _time{"WATCHDOG_USEC", "600000"};
+};
+
+// The program under systemd-socket-activate, which listens and starts it when the first client comes.
+class Activated : public DaemonProcess {
+ public:
+  Activated(const TemporaryDirectory& directory, const std::string& listen, const NotifySocket& manager,
+            const std::vector<std::string>& arguments = {})
+      : DaemonProcess(TAVIX_ACTIVATE_PROGRAM, directory.GetPath(), Arguments(listen, manager, arguments)) {
+    AwaitErrors("Listening on ");
+  }
+
+ private:
+  static std::vector<std::string> Arguments(const std::string& listen, const NotifySocket& manager,
+                                            const std::vector<std::string>& more) {
+    std::vector<std::string> all{"--listen=" + listen, "--setenv=NOTIFY_SOCKET=" + manager.GetPath()};
+    for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+      if (getenv(variable)) all.push_back("--setenv=" + std::string(variable));
+    }
+    all.emplace_back(TAVIX_SERVER_PROGRAM);
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+  }
+};
+
+// An address of loopback that no other process uses at the same time.
+std::string OwnLoopbackAddress(const char* port) {
+  const pid_t id = getpid();
+  return "127." + std::to_string(129 + (id >> 16 & 0x3f)) + "." + std::to_string(id >> 8 & 0xff) + "." +
+         std::to_string(id & 0xff) + ":" + port;
+}
+
+// A socket that listens on every address, which programs inherit.
+Descriptor ListenEverywhere() {
+  Descriptor made(socket(AF_INET, SOCK_STREAM, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (bind(made.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(made.Get(), 16) != 0)
+    throw std::runtime_error("listen");
+  return made;
+}
+
+// A pipe with a name, full to the brim: whoever writes to it waits until it is drained.
+class FullPipe {
+ public:
+  explicit FullPipe(const std::string& path) {
+    if (mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo");
+    _end = Descriptor(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    while (write(_end.Get(), "x", 1) == 1) continue;
+  }
+
+  // Reads what is there, for as long as the condition does not hold.
+  bool DrainUntil(const std::function<bool()>& condition) {
+    return Eventually([&] {
+      char part[64 * 1024];
+      while (read(_end.Get(), part, sizeof part) > 0) continue;
+      return condition();
+    });
+  }
+
+ private:
+  Descriptor _end;
+};
+
+}  // namespace
+
+TEST_F(Notified, IsToldOfLoadingOfReadinessOfTheStatusAndOfTheEnd) {
+  Daemon daemon(_directory);
+  EXPECT_EQ(_manager.Await(""), "STATUS=Loading settings");
+  EXPECT_EQ(_manager.Await(""), "READY=1\nSTATUS=Serving 0 clients on " + daemon.AwaitAddresses().front());
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(_manager.Await(""), "STOPPING=1\nSTATUS=Ending");
+  EXPECT_EQ(_manager.ReceiveFor(0), std::nullopt);
+}
+
+TEST_F(Notified, DaemonThatIsReadyAnswers) {
+  Daemon daemon(_directory, {"--listen", "unix:s.sock"});
+  _manager.Await("READY=1");
+  ProtocolClient("unix:" + _directory.Path("s.sock")).AwaitHandled();
+}
+
+// A client must not be refused because it comes while a large store is loaded.
+TEST_F(Notified, ClientsThatComeWhileSettingsAreLoadedAreServedAfterwards) {
+  std::string text;
+  for (int i = 0; i < 100000; ++i) text += "[Group" + std::to_string(i) + "]\nkey=value\n";
+  _directory.Write("large.ini", text);
+  Daemon daemon(_directory, {"--defaults", "large.ini", "--listen", "unix:s.sock"});
+  EXPECT_EQ(_manager.Await(""), "STATUS=Loading settings");
+  ProtocolClient client("unix:" + _directory.Path("s.sock"));
+  EXPECT_EQ(client.Get("Group99999\n"), "data\n[Group99999]\nkey=value\n.\n");
+  EXPECT_THAT(_manager.Await(""), StartsWith("READY=1\n"));
+}
+
+TEST_F(Notified, FailedStartIsNeverReady) {
+  _directory.Write("d.ini", "nonsense\n");
+  Daemon daemon(_directory, {"--defaults", "d.ini"});
+  EXPECT_EQ(daemon.AwaitEnd(), 78);
+  EXPECT_EQ(_manager.Await(""), "STATUS=Loading settings");
+  EXPECT_EQ(_manager.ReceiveFor(0), std::nullopt);
+}
+
+TEST_F(Notified, CheckTellsNothing) {
+  Daemon daemon(_directory, {"--check"});
+  EXPECT_EQ(daemon.AwaitEnd(), 0);
+  EXPECT_EQ(_manager.ReceiveFor(0), std::nullopt);
+}
+
+TEST_F(Notified, ReloadIsToldFromItsBeginningToItsEnd) {
+  Daemon daemon(_directory);
+  _manager.Await("READY=1");
+  daemon.Signal(SIGHUP);
+  EXPECT_THAT(_manager.Await(""), MatchesRegex("RELOADING=1\nMONOTONIC_USEC=[0-9]+"));
+  EXPECT_THAT(_manager.Await(""), StartsWith("READY=1\nSTATUS=Serving 0 clients on "));
+}
+
+TEST_F(Notified, WithoutAWatchdogTimeNothingIsFed) {
+  const ScopedEnvironment otherProcess("WATCHDOG_PID", "1");
+  const ScopedEnvironment time("WATCHDOG_USEC", "1000");
+  Daemon daemon(_directory);
+  _manager.Await("READY=1");
+  EXPECT_EQ(_manager.ReceiveFor(100), std::nullopt);
+}
+
+TEST(ServiceManagerThatIsGone, DoesNotKeepTheDaemonFromServing) {
+  const TemporaryDirectory directory;
+  for (const char* socket : {"", "/gone/notify", "@tavix-nobody-listens", "relative", "/", "@"}) {
+    const ScopedEnvironment notify("NOTIFY_SOCKET", socket);
+    const ScopedEnvironment watchdog("WATCHDOG_USEC", "many");
+    Daemon daemon(directory);
+    ProtocolClient(daemon.GetPort()).AwaitHandled();
+  }
+}
+
+TEST_F(Watched, FeedsWhileTheStoreCanBeHadAndSaysHowManyClientsThereAre) {
+  Daemon daemon(_directory);
+  _manager.Await("READY=1");
+  for (int i = 0; i < 5; ++i) EXPECT_THAT(_manager.Await(""), StartsWith("WATCHDOG=1\nSTATUS=Serving 0 clients on "));
+  ProtocolClient client(daemon.GetPort());
+  _manager.Await("WATCHDOG=1\nSTATUS=Serving 1 clients on 127.0.0.1:");
+}
+
+// Whoever reads the log is stuck: a save that fails is then held up, with the store locked, while it says so.
+TEST_F(Watched, StopsFeedingWhileTheStoreIsHeldAndGoesOnAfterwards) {
+  FullPipe errors(_directory.Path("errors"));
+  DaemonProcess daemon("/bin/sh", _directory.GetPath(),
+                       {"-c", "exec 2>errors; exec \"$0\" \"$@\"", TAVIX_SERVER_PROGRAM, "--listen", "127.0.0.1:0",
+                        "--log-level", "error", "--user-settings", "gone/user.ini"});
+  _manager.Await("READY=1");
+  _manager.Await("WATCHDOG=1");
+  ProtocolClient client(daemon.GetPort());
+  client.Send("merge\n[A]\nx=1\n.\n");
+  EXPECT_TRUE(StopsFeeding());
+  fs::create_directory(_directory.Path("gone"));
+  EXPECT_TRUE(errors.DrainUntil([&] { return _manager.ReceiveFor(0).has_value(); }));
+  client.AwaitHandled();
+  _manager.Await("WATCHDOG=1");
+}
+
+TEST_F(ServiceManager, PassesAUnixSocketAndTheFirstClientStartsTheDaemon) {
+  const std::string path = _directory.Path("s.sock");
+  Activated daemon(_directory, path, _manager, {"--user-settings", "user.ini"});
+  ProtocolClient client("unix:" + path);
+  client.Send("merge\n[A]\nx=1\n.\n");
+  client.AwaitHandled();
+  EXPECT_THAT(_manager.Await("READY=1"), HasSubstr("clients on unix:" + path));
+  EXPECT_EQ(daemon.AwaitAddresses(), std::vector<std::string>{"unix:" + path});
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_TRUE(_directory.Has("s.sock")) << "it is the service manager's";
+  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+}
+
+TEST_F(ServiceManager, PassesATcpSocketThatIsServedInsteadOfTheUsualAddress) {
+  const std::string address = OwnLoopbackAddress("7299");
+  Activated daemon(_directory, address, _manager, {"--listen", "127.0.0.1:1"});
+  ProtocolClient(address).AwaitHandled();
+  EXPECT_EQ(daemon.AwaitAddresses(), std::vector<std::string>{address});
+}
+
+TEST_F(ServiceManager, PassedSocketThatIsNotLoopbackNeedsToBeAllowed) {
+  const Descriptor remote = ListenEverywhere();
+  const std::string number = std::to_string(remote.Get());
+  const auto run = [&](const std::string& options) {
+    return std::vector<std::string>{"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" " + options + " 3<&" + number,
+                                    TAVIX_SERVER_PROGRAM};
+  };
+  DaemonProcess refused("/bin/sh", _directory.GetPath(), run(""));
+  EXPECT_EQ(refused.AwaitEnd(), 69);
+  EXPECT_THAT(refused.GetErrors(), MatchesRegex("tavix-settings-server: Can't listen on '0\\.0\\.0\\.0:[0-9]+': it is "
+                                                "not loopback, and --allow-remote was not given\n"));
+  DaemonProcess daemon("/bin/sh", _directory.GetPath(), run("--allow-remote"));
+  ProtocolClient(daemon.GetPort()).AwaitHandled();
+}
+
+TEST_F(ServiceManager, SocketsOfAnotherProcessAreNotTaken) {
+  const ScopedEnvironment process("LISTEN_PID", "1");
+  const ScopedEnvironment count("LISTEN_FDS", "1");
+  Daemon daemon(_directory);
+  ProtocolClient(daemon.GetPort()).AwaitHandled();
+}
+
+TEST_F(ServiceManager, PassedDescriptorThatIsNoListeningSocketEndsWithStatus69) {
+  DaemonProcess daemon("/bin/sh", _directory.GetPath(),
+                       {"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" 3</dev/null", TAVIX_SERVER_PROGRAM});
+  EXPECT_EQ(daemon.AwaitEnd(), 69);
+  EXPECT_EQ(daemon.GetErrors(),
+            "tavix-settings-server: Descriptor 3, which the service manager passed, is no listening stream socket\n");
+}
+
+TEST(Journal, LinesBeginWithTheirLevelWhenStandardErrorIsTheJournal) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon("/bin/sh", directory.GetPath(),
+                       {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"",
+                        TAVIX_SERVER_PROGRAM, "--listen", "127.0.0.1:0"});
+  Converse(daemon.GetPort(), "bogus\n");
+  daemon.AwaitErrors("<4>MsgDispatcher: Invalid command: bogus\n");
+  daemon.Signal(SIGHUP);
+  daemon.AwaitErrors("<5>Upkeep: SIGHUP: the log options were read again;");
+  Converse(daemon.GetPort(), "again\n");
+  daemon.AwaitErrors("<4>MsgDispatcher: Invalid command: again\n");
+}
+
+TEST(Journal, FailedStartIsAnErrorInTheJournal) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon("/bin/sh", directory.GetPath(),
+                       {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"",
+                        TAVIX_SERVER_PROGRAM, "--defaults", "gone.ini", "--listen", "127.0.0.1:0"});
+  EXPECT_EQ(daemon.AwaitEnd(), 78);
+  EXPECT_THAT(daemon.GetErrors(), StartsWith("<3>tavix-settings-server: Failed to open settings file 'gone.ini'"));
+}
+
+TEST(Journal, LinesAreAsUsualWhenStandardErrorIsSomethingElse) {
+  const TemporaryDirectory directory;
+  const ScopedEnvironment journal("JOURNAL_STREAM", "8:1234");
+  Daemon daemon(directory);
+  Converse(daemon.GetPort(), "bogus\n");
+  daemon.AwaitErrors("WARNING MsgDispatcher: Invalid command: bogus\n");
+  EXPECT_THAT(daemon.GetErrors(), Not(HasSubstr("<4>")));
+}
+
+}  // namespace tavix::test
