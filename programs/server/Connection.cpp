@@ -65,7 +65,7 @@ bool IsTlsHandshake(std::string_view received) {
 }  // namespace
 
 Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
-                       Counters& counters)
+                       Counters& counters, DurabilityGate* gate)
     : _socket(osa::TcpSocket::Adopt(descriptor)),
       _descriptor(descriptor),
       _poll(poll),
@@ -73,8 +73,8 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
       _limits(limits),
       _counters(counters),
       _peer(PeerName(descriptor)),
-      _output(descriptor, limits.hardBacklogBytes, [this] { OnKept(); }),
-      _handler(std::in_place, env, &_request, &_output.GetOstream()) {
+      _output(std::make_shared<OutputQueue>(descriptor, limits.hardBacklogBytes, gate, [this] { OnKept(); })),
+      _handler(std::in_place, env, &_request, &_output->GetOstream()) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.ptr = this;
@@ -86,6 +86,7 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
 // it is there, and bounded.
 Connection::~Connection() {
   _handler.reset();
+  _output->Close();
   const auto drop = [this] { return recv(_descriptor, nullptr, kDropped, MSG_DONTWAIT | MSG_TRUNC) > 0; };
   for (int parts = 0; _inputEnded && parts < kMostDropped && drop();) ++parts;
 }
@@ -94,7 +95,7 @@ bool Connection::OnReadable(char* scratch, size_t size) {
   if (_hasMore) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
-  if (_inputEnded) return count > 0 || _output.GetKeptBytes() > 0;
+  if (_inputEnded) return count > 0 || _output->GetKeptBytes() > 0;
   if (count == 0) {
     HandleRest();
     return !EndsNow();
@@ -128,14 +129,14 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
   if (_first && IsTlsHandshake(received)) return Cut(CutReason::kTls, received.size());
   try {
     _hasMore = false;
-    for (int turn = 0; _output.GetKeptBytes() <= _limits.pauseBytes; ++turn) {
+    for (int turn = 0; _output->GetKeptBytes() <= _limits.pauseBytes; ++turn) {
       const std::string_view rest = received.substr(handled);
       const size_t length = _framer.FindEnd(rest);
       if (length == 0) break;
       if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut(CutReason::kHttp, length);
       _first = false;
       _request.SetText(rest.substr(0, length));
-      if (!_handler->HandleNext()) break;
+      if (!HandleOne()) break;
       handled += length;
       if (_handler->HasQuit()) return !EndsNow();
       _hasMore = turn + 1 == kRequestsInATurn && handled < received.size();
@@ -145,14 +146,23 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
     CountFailure(exception);
     return !EndsNow();
   }
-  return !_output.IsBroken();
+  return !_output->IsBroken();
+}
+
+// Who made a change hears nothing more before it is durable: a reply proves what came before it.
+bool Connection::HandleOne() {
+  const DurabilityGate::Ticket before = DurabilityGate::GetLastOfThisThread();
+  const bool goesOn = _handler->HandleNext();
+  const DurabilityGate::Ticket after = DurabilityGate::GetLastOfThisThread();
+  if (after != before) _output->HoldFromNowOn(after);
+  return goesOn;
 }
 
 // What the input's end cut off is handled as far as that is right: lists are answered, changes are not made.
 void Connection::HandleRest() {
   try {
     _request.SetText(_input);
-    while (_handler->HandleNext()) continue;
+    while (HandleOne()) continue;
   } catch (const std::exception& exception) {
     CountFailure(exception);
   }
@@ -165,7 +175,7 @@ bool Connection::EndsNow() {
   _hasMore = false;
   _handler.reset();
   UpdateInterest();
-  return _output.GetKeptBytes() == 0;
+  return _output->GetKeptBytes() == 0;
 }
 
 bool Connection::OnTurn() {
@@ -173,9 +183,12 @@ bool Connection::OnTurn() {
 }
 
 bool Connection::OnWritable() {
-  const size_t left = _output.Send();
-  if (_output.IsBroken()) return false;
-  if (_inputEnded) return left > 0;
+  const size_t left = _output->Send();
+  if (_output->IsBroken()) return false;
+  if (_inputEnded) {
+    UpdateInterest();
+    return _output->GetKeptBytes() > 0;
+  }
   const bool resumes = left <= _limits.pauseBytes && !_input.empty();
   if (resumes && !TakeInput(_input)) return false;
   UpdateInterest();
@@ -183,10 +196,11 @@ bool Connection::OnWritable() {
 }
 
 bool Connection::OnTick(Clock::time_point now) {
-  if (_output.IsBroken()) return Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
-  const size_t kept = _output.GetKeptBytes();
-  if (kept > _limits.backlogBytes && now - _output.GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
-    return Cut(CutReason::kBacklog, kept);
+  if (_output->IsBroken()) return Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
+  const size_t kept = _output->GetKeptBytes();
+  const size_t unread = _output->GetSendableBytes();
+  if (unread > _limits.backlogBytes && now - _output->GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
+    return Cut(CutReason::kBacklog, unread);
   const bool unfinished = !_input.empty() && kept <= _limits.pauseBytes;
   if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
     return Cut(CutReason::kRequestTime, _input.size());
@@ -194,12 +208,12 @@ bool Connection::OnTick(Clock::time_point now) {
 }
 
 bool Connection::NeedsTicks() const {
-  return !_input.empty() || _output.GetKeptBytes() > 0 || _output.IsBroken();
+  return !_input.empty() || _output->GetKeptBytes() > 0 || _output->IsBroken();
 }
 
 bool Connection::CheckInput() {
   if (_hasMore) return true;  // that may be many requests
-  if (_output.GetKeptBytes() > _limits.pauseBytes) {
+  if (_output->GetKeptBytes() > _limits.pauseBytes) {
     UpdateInterest();
     return true;
   }
@@ -223,29 +237,34 @@ void Connection::CountFailure(const std::exception& exception) {
 void Connection::OnKept() {
   {
     std::lock_guard<std::mutex> lock(_interestMutex);
-    _wantsWrite = true;
+    _interest.write = true;
     Announce();
   }
   eventfd_write(_wakeLoop, 1);
 }
 
-// On the loop's thread. Bytes that are kept between the look and the lock must not be forgotten: then it looks again.
+Connection::Interest Connection::FindInterest() const {
+  return {!_inputEnded && _output->GetKeptBytes() <= _limits.pauseBytes, _output->GetSendableBytes() > 0};
+}
+
+// On the loop's thread. What others send or keep between the look and the lock must not be forgotten: then it looks
+// again.
 void Connection::UpdateInterest() {
-  size_t kept = 0;
+  Interest wanted;
   do {
-    kept = _output.GetKeptBytes();
+    wanted = FindInterest();
+    _output->TellWhenSent(!wanted.read);
     std::lock_guard<std::mutex> lock(_interestMutex);
-    const bool hadToWait = !std::exchange(_wantsRead, !_inputEnded && kept <= _limits.pauseBytes);
-    if (hadToWait && _wantsRead) _unfinishedSince = Clock::now();
-    _wantsWrite = kept > 0;
+    if (!_interest.read && wanted.read) _unfinishedSince = Clock::now();
+    _interest = wanted;
     Announce();
-  } while (kept == 0 && _output.GetKeptBytes() > 0);
+  } while (!(FindInterest() == wanted));
 }
 
 // The caller holds the interest's lock.
 void Connection::Announce() {
   epoll_event event{};
-  event.events = (_wantsRead ? EPOLLIN : 0u) | (_wantsWrite ? EPOLLOUT : 0u);
+  event.events = (_interest.read ? EPOLLIN : 0u) | (_interest.write ? EPOLLOUT : 0u);
   event.data.ptr = this;
   epoll_ctl(_poll, EPOLL_CTL_MOD, _descriptor, &event);
 }

@@ -29,9 +29,10 @@ class Connection {
   using Clock = std::chrono::steady_clock;
 
   // descriptor: connected; taken over. poll: the loop's epoll descriptor, to which the connection adds itself.
-  // wakeLoop: an eventfd that tells the loop that bytes are kept. env, limits and counters outlive the connection.
+  // wakeLoop: an eventfd that tells the loop that bytes are kept. gate: may be null. Everything else outlives the
+  // connection.
   Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
-             Counters& counters);
+             Counters& counters, DurabilityGate* gate);
 
   // What was not sent is gone. What the kernel still has to send goes out all the same.
   ~Connection();
@@ -61,6 +62,14 @@ class Connection {
   bool Cut(CutReason reason, size_t figure);
   void CountFailure(const std::exception& exception);
   void OnKept();
+  struct Interest {
+    bool read = true;
+    bool write = false;
+    bool operator==(const Interest& other) const { return read == other.read && write == other.write; }
+  };
+
+  bool HandleOne();
+  Interest FindInterest() const;
   void UpdateInterest();
   void Announce();
 
@@ -75,14 +84,13 @@ class Connection {
   Clock::time_point _unfinishedSince{};
   settings::server::RequestFramer _framer;
   core::ViewIstream _request;
-  OutputQueue _output;
+  const std::shared_ptr<OutputQueue> _output;               // may outlive the connection, closed
   std::optional<settings::server::ClientHandler> _handler;  // until the last request
   bool _first = true;                                       // nothing was handled yet
   bool _hasMore = false;                                    // the turn ended before the requests did
   bool _inputEnded = false;                                 // what still comes is not handled
   std::mutex _interestMutex;                                // guards what follows
-  bool _wantsRead = true;
-  bool _wantsWrite = false;
+  Interest _interest;
 };
 
 }  // namespace tavix::daemon

@@ -57,7 +57,7 @@ struct Counters {
   void CountSave(size_t fileBytes) {
     saved.Add();
     lastSave.Set(static_cast<unsigned long long>(std::time(nullptr)));
-    userFileBytes.Set(fileBytes);
+    if (fileBytes > 0) userFileBytes.Set(fileBytes);
   }
   void CountFailedSave() { notSaved.Add(); }
 };

@@ -29,10 +29,11 @@ int Checked(int descriptor, const char* what) {
 
 }  // namespace
 
-EventLoop::EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters)
+EventLoop::EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters, DurabilityGate* gate)
     : _env(env),
       _limits(limits),
       _counters(counters),
+      _gate(gate),
       _poll(Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor")),
       _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
       _scratch(new char[kScratchSize]),
@@ -99,7 +100,7 @@ void EventLoop::TakeNewConnections() {
   }
   for (int descriptor : descriptors) {
     try {
-      auto connection = std::make_unique<Connection>(descriptor, _poll, _wake, _env, _limits, _counters);
+      auto connection = std::make_unique<Connection>(descriptor, _poll, _wake, _env, _limits, _counters, _gate);
       Connection* key = connection.get();
       _connections.emplace(key, std::move(connection));
     } catch (const std::exception& exception) {

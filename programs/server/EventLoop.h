@@ -19,8 +19,8 @@ namespace tavix::daemon {
 // A thread that serves many connections, each when there is something to do for it.
 class EventLoop : private osa::Runnable {
  public:
-  // Starts the thread. env, limits and counters outlive the loop.
-  EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters);
+  // Starts the thread. gate: may be null. Everything that is passed outlives the loop.
+  EventLoop(settings::server::ServerEnv* env, const Limits& limits, Counters& counters, DurabilityGate* gate);
 
   // Ends the thread and every connection.
   ~EventLoop() override;
@@ -43,6 +43,7 @@ class EventLoop : private osa::Runnable {
   settings::server::ServerEnv* const _env;
   const Limits& _limits;
   Counters& _counters;
+  DurabilityGate* const _gate;
   const int _poll;
   const int _wake;
   std::unique_ptr<char[]> _scratch;

@@ -113,6 +113,11 @@ std::vector<OptionEntry> MakeTable() {
       {"", "user-settings", "FILE", Kind::kValue, true,
        "where the users' changes are kept; may not exist yet. Without it nothing is persisted",
        Text(&Options::userSettings)},
+      {"", "durability", "WHEN", Kind::kValue, true,
+       "what a power cut may take back of them: always, nothing that anybody was shown; a time such as 250ms or 2s, "
+       "what "
+       "was changed in that time; none, what the system had not written yet (always)",
+       [](Options& options, const std::string& value) { options.durability = ParseDurability(value); }},
 
       {"Seeing inside", "log-level", "LEVEL", Kind::kValue, true,
        "error, warning, notice, information or trace (notice). SIGHUP has the four log options read again",

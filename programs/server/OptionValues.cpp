@@ -1,7 +1,9 @@
 #include "programs/server/OptionValues.h"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
+#include <string_view>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
@@ -60,6 +62,19 @@ void AppendUsers(const std::string& list, std::vector<uid_t>& users) {
     users.push_back(user);
   }
   if (parts.empty()) throw osa::Exception("expected the numbers of users, with commas between them");
+}
+
+Durability ParseDurability(const std::string& text) {
+  if (text == "always") return {Durability::Kind::kAlways, {}};
+  if (text == "none") return {Durability::Kind::kNone, {}};
+  size_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [unit, error] = std::from_chars(text.data(), end, number);
+  const std::string_view given(unit, static_cast<size_t>(end - unit));
+  const size_t milliseconds = given == "ms" ? number : 1000 * std::min<size_t>(number, 61);
+  const bool isTime = error == std::errc() && (given == "ms" || given == "s") && number > 0 && milliseconds <= 60000;
+  if (!isTime) throw osa::Exception("expected always, none, or a time from 1ms to 60s");
+  return {Durability::Kind::kInterval, std::chrono::milliseconds(milliseconds)};
 }
 
 void RequireText(const std::string& text) {

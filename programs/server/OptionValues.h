@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/server/persistence/Durability.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -26,6 +27,9 @@ int ParseLogLevel(const std::string& text);
 
 // Adds the numbers of a list with commas.
 void AppendUsers(const std::string& list, std::vector<uid_t>& users);
+
+// always, none, or a time in ms or s, up to a minute.
+Durability ParseDurability(const std::string& text);
 
 void RequireText(const std::string& text);
 

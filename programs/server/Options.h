@@ -8,6 +8,7 @@
 
 #include "programs/server/Limits.h"
 #include "programs/server/ListenAddress.h"
+#include "programs/server/persistence/Durability.h"
 
 namespace tavix::daemon {
 
@@ -42,6 +43,7 @@ struct Options {
   LayerSources defaults;
   LayerSources restricted;
   std::string userSettings;  // a file; empty: nothing is persisted
+  Durability durability;     // of that file
 
   std::string metricsFile;  // empty: none
   size_t metricsSeconds = 15;

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <locale>
 #include <string_view>
@@ -20,27 +21,46 @@ void ReleaseMemory(std::string& text) {
 
 }  // namespace
 
-OutputQueue::OutputQueue(int descriptor, size_t most, std::function<void()> onKept)
-    : _descriptor(descriptor), _most(most), _onKept(std::move(onKept)), _ostream(this) {
+OutputQueue::OutputQueue(int descriptor, size_t most, DurabilityGate* gate, std::function<void()> onKept)
+    : _descriptor(descriptor), _most(most), _gate(gate), _onKept(std::move(onKept)), _ostream(this) {
   _ostream.imbue(std::locale::classic());
 }
 
-size_t OutputQueue::Send() {
+void OutputQueue::HoldFromNowOn(Ticket ticket) {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_broken) return 0;
-  bool takesMore = true;
-  while (takesMore && _kept.GetSize() > 0) {
-    const std::string_view front = _kept.GetFront();
-    const size_t sent = SendSome(front.data(), front.size());
-    takesMore = sent == front.size();
-    if (!_broken) _kept.Drop(sent);
+  _leastTicket = std::max(_leastTicket, ticket);
+}
+
+size_t OutputQueue::Send() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    SendSendable();
+    _waits = CountSendable() > 0;
   }
-  return _kept.GetSize();
+  AwaitDurable();
+  return GetKeptBytes();
+}
+
+void OutputQueue::Close() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _broken = true;
+  _kept.Clear();
+  _holds.clear();
+}
+
+void OutputQueue::TellWhenSent(bool tells) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _tellsWhenSent = tells;
 }
 
 size_t OutputQueue::GetKeptBytes() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _kept.GetSize();
+}
+
+size_t OutputQueue::GetSendableBytes() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return CountSendable();
 }
 
 bool OutputQueue::IsBroken() const {
@@ -51,6 +71,23 @@ bool OutputQueue::IsBroken() const {
 OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _lastProgress;
+}
+
+void OutputQueue::OnDurable() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _awaits = false;
+    if (_broken) return;
+    if (!_waits) _lastProgress = Clock::now();
+    SendSendable();
+    if (_broken) return;
+    if (CountSendable() > 0) {
+      WaitForPeer();
+    } else if (_tellsWhenSent) {
+      _onKept();
+    }
+  }
+  AwaitDurable();
 }
 
 OutputQueue::int_type OutputQueue::overflow(int_type character) {
@@ -65,16 +102,70 @@ std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
 }
 
 int OutputQueue::sync() {
-  std::lock_guard<std::mutex> lock(_mutex);
-  if (!_broken) {
-    const size_t sent = _kept.GetSize() == 0 ? SendSome(_message.data(), _message.size()) : 0;
-    if (sent < _message.size() && !_broken) Keep(_message.data() + sent, _message.size() - sent);
-  }
+  const bool isFlushed = FlushMessage();
+  _messageTicket = 0;
   ReleaseMemory(_message);
-  return _broken ? -1 : 0;
+  AwaitDurable();
+  return isFlushed ? 0 : -1;
 }
 
-// The caller holds the lock, here and below.
+bool OutputQueue::FlushMessage() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_broken) return false;
+  const Ticket ticket = std::max(_messageTicket, _leastTicket);
+  const bool isHeld = _gate && !_gate->IsDurable(ticket);
+  if (isHeld) _holds.push_back({_left + _kept.GetSize(), ticket});
+  const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
+  const size_t sent = goesAtOnce ? SendSome(_message.data(), _message.size()) : 0;
+  if (sent < _message.size() && !_broken) Keep(sent);
+  return !_broken;
+}
+
+// The caller holds the lock, here and below, unless something else is said.
+void OutputQueue::Keep(size_t sent) {
+  if (_kept.GetSize() == 0) _lastProgress = Clock::now();
+  _kept.Append(_message.data() + sent, _message.size() - sent);
+  if (_kept.GetSize() > _most) {
+    Break();
+  } else if (CountSendable() > 0) {
+    WaitForPeer();
+  }
+}
+
+void OutputQueue::SendSendable() {
+  DropDurableHolds();
+  bool takesMore = !_broken;
+  while (takesMore && CountSendable() > 0) {
+    const std::string_view front = _kept.GetFront().substr(0, CountSendable());
+    const size_t sent = SendSome(front.data(), front.size());
+    takesMore = sent == front.size();
+    if (_broken) return;
+    _kept.Drop(sent);
+    _left += sent;
+  }
+}
+
+size_t OutputQueue::CountSendable() const {
+  return _holds.empty() ? _kept.GetSize() : _holds.front().begin - _left;
+}
+
+void OutputQueue::DropDurableHolds() {
+  const auto isHeld = [this](const Hold& hold) { return !_gate->IsDurable(hold.ticket); };
+  _holds.erase(_holds.begin(), std::find_if(_holds.begin(), _holds.end(), isHeld));
+}
+
+// The caller does not hold the lock. The gate may have been passed meanwhile; then it is for this thread to send.
+void OutputQueue::AwaitDurable() {
+  Ticket ticket = 0;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_holds.empty() || _awaits || _broken) return;
+    ticket = _holds.front().ticket;
+    _awaits = true;
+  }
+  if (!_gate->Await(ticket, shared_from_this())) OnDurable();
+}
+
 size_t OutputQueue::SendSome(const char* bytes, size_t count) {
   size_t done = 0;
   while (done < count) {
@@ -92,21 +183,15 @@ size_t OutputQueue::SendSome(const char* bytes, size_t count) {
   return done;
 }
 
-void OutputQueue::Keep(const char* bytes, size_t count) {
-  const bool first = _kept.GetSize() == 0;
-  if (first) _lastProgress = Clock::now();
-  _kept.Append(bytes, count);
-  if (_kept.GetSize() > _most) {
-    Break();
-  } else if (first) {
-    _onKept();
-  }
+void OutputQueue::WaitForPeer() {
+  if (!std::exchange(_waits, true)) _onKept();
 }
 
 void OutputQueue::Break() {
   _broken = true;
   shutdown(_descriptor, SHUT_RDWR);  // the loop is told by the socket
   _kept.Clear();
+  _holds.clear();
   _onKept();
 }
 

@@ -48,7 +48,7 @@ int Fail(ExitCode code, const std::exception& exception) {
 
 int Check(const Options& options) {
   Counters counters;
-  SettingsSources sources(options.defaults, options.restricted, options.userSettings, counters);
+  SettingsSources sources(options, counters);
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
   if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
   for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
@@ -100,14 +100,14 @@ int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
   WarnOfOpenDoors(listeners, options);
   serviceManager.Tell("STATUS=Loading settings");
   Counters counters;
-  SettingsSources sources(options.defaults, options.restricted, options.userSettings, counters);
+  SettingsSources sources(options, counters);
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
   {
     Server server(*store, std::move(listeners), options, counters);
     Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager);
     server.Run(signals, [&](int signal) { upkeep.OnSignal(signal); });
   }
-  return store->SaveLastChange() ? kExitDone : kExitNotSaved;
+  return store->Finish() ? kExitDone : kExitNotSaved;
 }
 
 }  // namespace

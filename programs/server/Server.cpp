@@ -53,10 +53,12 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
     : _allowedUsers(options.allowedUsers),
       _counters(counters),
       _limits(WithinDescriptors(options.limits)),
-      _env{&store.GetManager(), &_serializationManager, options.limits.subscriptions},
+      _messageHolder(store.GetGate()),
+      _env{&store.GetManager(), &_serializationManager, options.limits.subscriptions, &_messageHolder},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
-  while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(&_env, _limits, counters));
+  while (_loops.size() < options.loops)
+    _loops.push_back(std::make_unique<EventLoop>(&_env, _limits, counters, store.GetGate()));
 }
 
 Server::~Server() {

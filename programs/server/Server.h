@@ -12,6 +12,7 @@
 #include "programs/server/EventLoop.h"
 #include "programs/server/Limits.h"
 #include "programs/server/Listener.h"
+#include "programs/server/MessageHolder.h"
 #include "programs/server/Options.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -53,6 +54,7 @@ class Server {
   Counters& _counters;
   const Limits _limits;  // with as many connections as there are descriptors for
   settings::server::SerializationManager _serializationManager;
+  MessageHolder _messageHolder;
   settings::server::ServerEnv _env;
   std::vector<Listener> _listeners;
   int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied

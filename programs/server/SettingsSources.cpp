@@ -10,7 +10,6 @@
 
 #include "programs/server/LayerFiles.h"
 #include "programs/server/LinkTarget.h"
-#include "programs/server/ReplaceFile.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -92,13 +91,30 @@ std::string SettingsSources::Report::ToText() const {
   return text.str();
 }
 
+namespace {
+
+std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, const std::string& path,
+                                                     Counters& counters) {
+  if (path.empty() || options.action == Options::Action::kCheck) return nullptr;
+  const auto count = [&counters](bool succeeded, size_t bytes) {
+    if (succeeded) {
+      counters.CountSave(bytes);
+    } else {
+      counters.CountFailedSave();
+    }
+  };
+  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count);
+}
+
+}  // namespace
+
 // The user settings' file is replaced by rename, which would turn a link to it into a file.
-SettingsSources::SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings,
-                                 Counters& counters)
-    : _defaults(std::move(defaults)),
-      _restricted(std::move(restricted)),
-      _userSettings(FollowLinks(userSettings)),
-      _counters(counters) {}
+SettingsSources::SettingsSources(const Options& options, Counters& counters)
+    : _defaults(options.defaults),
+      _restricted(options.restricted),
+      _userSettings(FollowLinks(options.userSettings)),
+      _counters(counters),
+      _persister(MakePersister(options, _userSettings, counters)) {}
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
   const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
@@ -147,36 +163,34 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
 
 void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
   if (_userSettings.empty()) return;
-  struct stat status {};
-  if (stat(_userSettings.c_str(), &status) != 0 && errno == ENOENT) {
-    Remember({kUserLayer, _userSettings, 0, {}, {}, "absent"});
-    return;
-  }
-  IniFile document = LoadFile(_userSettings);
-  _counters.userFileBytes.Set(static_cast<unsigned long long>(status.st_size));
-  Remember({kUserLayer, _userSettings, CountGroupsOf(document), RestrictedGroupsOf(document), {}, ""});
-  combiner.LoadFromIni(std::move(document));
+  FoundUserSettings found = FindUserSettings();
+  _counters.userFileBytes.Set(found.snapshotBytes);
+  Remember({kUserLayer,
+            _userSettings,
+            CountGroupsOf(found.settings),
+            RestrictedGroupsOf(found.settings),
+            {},
+            found.isAbsent && found.settings.IsEmpty() ? "absent" : ""});
+  combiner.LoadFromIni(std::move(found.settings));
+}
+
+FoundUserSettings SettingsSources::FindUserSettings() {
+  if (_persister) return _persister->Load();
+  FoundUserSettings found = UserSettingsFiles(GetSystemFiles(), _userSettings).Find(false);
+  if (!found.problems.empty()) throw osa::Exception("%s", found.problems.front().c_str());
+  return found;
 }
 
 void SettingsSources::SaveUserSettings(const IniFile& userSettings) {
-  if (_userSettings.empty()) return;
-  std::ostringstream text;
-  userSettings.SaveToStream(text);
-  SaveText(text.str());
+  SaveChangedGroups(userSettings, [&] {
+    std::set<std::string> all;
+    for (const auto& group : userSettings) all.insert(group.first);
+    return all;
+  }());
 }
 
-bool SettingsSources::SaveText(const std::string& text) {
-  try {
-    ReplaceFile(_userSettings, text);
-    _hasUnsavedChange = false;
-    _counters.CountSave(text.size());
-  } catch (const std::exception& exception) {
-    _hasUnsavedChange = true;
-    _counters.CountFailedSave();
-    core::Logger::GetLogger("SettingsSources")
-        ->Error("%s; the change is kept in memory and saved with the next one", exception.what());
-  }
-  return !_hasUnsavedChange;
+void SettingsSources::SaveChangedGroups(const IniFile& userSettings, const std::set<std::string>& changedGroups) {
+  if (_persister) _persister->Save(userSettings, changedGroups);
 }
 
 std::vector<SettingsSources::Report> SettingsSources::GetReports() const {
@@ -195,17 +209,28 @@ void SettingsSources::Remember(Report report) {
   }
 }
 
-size_t SettingsStore::CountGroups() const {
-  IniFile all;
-  _manager.GetGroups(all, "*");
-  return CountGroupsOf(all);
+SettingsStore::SettingsStore(SettingsSources& sources)
+    : _sources(sources), _manager(&sources, &sources, nullptr, false) {
+  if (UserSettingsPersister* persister = _sources.GetPersister())
+    persister->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
 }
 
-bool SettingsStore::SaveLastChange() {
-  if (!_sources.HasUnsavedChange()) return true;
-  std::ostringstream text;
-  _manager.DumpUserSettings(text);
-  return _sources.SaveText(text.str());
+SettingsStore::~SettingsStore() {
+  if (UserSettingsPersister* persister = _sources.GetPersister()) persister->Stop();
+}
+
+size_t SettingsStore::CountGroups() const {
+  return _manager.GetSizes().allGroups;
+}
+
+DurabilityGate* SettingsStore::GetGate() {
+  UserSettingsPersister* const persister = _sources.GetPersister();
+  return persister ? &persister->GetGate() : nullptr;
+}
+
+bool SettingsStore::Finish() {
+  UserSettingsPersister* const persister = _sources.GetPersister();
+  return !persister || persister->Finish();
 }
 
 }  // namespace tavix::daemon

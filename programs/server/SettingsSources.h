@@ -1,26 +1,26 @@
 #pragma once
 
-#include <atomic>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "programs/server/Counters.h"
 #include "programs/server/Options.h"
+#include "programs/server/persistence/UserSettingsPersister.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
 
-// The files that the store is loaded from, and the one that it is saved to.
+// The files that the store is loaded from; what becomes of changes is the persister's.
 //
 // Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore.
 // Threads: as ISettingsPersister asks; loading defaults may run beside a save.
-// Errors:  loading throws osa::Exception naming the file, and the line where there is one. Saving never throws: the
-//          change stays in memory, the log says why it could not be saved, and the next save includes it.
-// Survives: a crash or power cut at any moment leaves the old user settings or the new, whole. What a client wrote is
-//          on the disk before it is announced to subscribers, unless saving fails.
+// Errors:  loading throws osa::Exception naming the file, and the line where there is one; but for the user settings,
+//          which are never in the way of a start. Saving never throws.
 class SettingsSources : public settings::server::ISettingsPersister,
                         public settings::server::IRestrictedSettingsLoader {
  public:
@@ -36,20 +36,18 @@ class SettingsSources : public settings::server::ISettingsPersister,
     std::string ToText() const;
   };
 
-  // The layers' files are listed anew at each load. userSettings: may be absent; empty: nothing is persisted. A link to
-  // it is followed once, now. counters: outlives the sources; is told of loads and saves.
-  SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings, Counters& counters);
+  // The layers' files are listed anew at each load. A link to the user settings is followed once, now. To check them,
+  // nothing is written, and damaged ones are an error. counters: outlives the sources; is told of loads and saves.
+  SettingsSources(const Options& options, Counters& counters);
 
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
   void SaveUserSettings(const core::IniFile& userSettings) override;
+  void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override;
   void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override;
 
-  // Replaces the user settings' file by "text". False, with the log saying why, when that fails.
-  bool SaveText(const std::string& text);
-
-  // Whether a change was not saved.
-  bool HasUnsavedChange() const { return _hasUnsavedChange; }
+  // Null when nothing is persisted.
+  UserSettingsPersister* GetPersister() { return _persister.get(); }
 
   // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
@@ -61,29 +59,39 @@ class SettingsSources : public settings::server::ISettingsPersister,
   LayerSize LoadLayer(Layer layer, settings::server::SettingsCombiner& combiner);
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
                      core::IniFile& merged);
+  FoundUserSettings FindUserSettings();
   void Remember(Report report);
 
   const LayerSources _defaults;
   const LayerSources _restricted;
-  const std::string _userSettings;
+  const std::string _userSettings;  // empty: there are none
   Counters& _counters;
-  std::atomic<bool> _hasUnsavedChange{false};
-  mutable std::mutex _mutex;  // guards _reports
+  const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
+  mutable std::mutex _mutex;                                // guards _reports
   std::vector<Report> _reports;
 };
 
-// The daemon's store over its sources. The constructor loads everything and throws what can't be loaded.
+// The daemon's store over its sources, whose changes are persisted from its construction to its end. The constructor
+// loads everything and throws what can't be loaded.
 class SettingsStore {
  public:
   // sources: outlives the store.
-  explicit SettingsStore(SettingsSources& sources) : _sources(sources), _manager(&sources, &sources, nullptr, false) {}
+  explicit SettingsStore(SettingsSources& sources);
+  ~SettingsStore();
+
+  SettingsStore(const SettingsStore&) = delete;
+  SettingsStore& operator=(const SettingsStore&) = delete;
 
   settings::server::SettingsManager& GetManager() { return _manager; }
 
   size_t CountGroups() const;
 
-  // Tries once more to save a change that could not be saved. False when that fails again.
-  bool SaveLastChange();
+  // What keeps messages back until they may be seen; null when nothing is persisted.
+  DurabilityGate* GetGate();
+
+  // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
+  // saved.
+  bool Finish();
 
  private:
   SettingsSources& _sources;

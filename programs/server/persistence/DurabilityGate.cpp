@@ -47,8 +47,8 @@ void DurabilityGate::Release(Ticket ticket) {
     for (auto group = _groups.begin(); group != _groups.end();) {
       group = group->second <= ticket ? _groups.erase(group) : std::next(group);
     }
-    const auto first = std::partition(_waiting.begin(), _waiting.end(),
-                                      [&](const auto& waiting) { return waiting.first > ticket; });
+    const auto first =
+        std::partition(_waiting.begin(), _waiting.end(), [&](const auto& waiting) { return waiting.first > ticket; });
     std::move(first, _waiting.end(), std::back_inserter(released));
     _waiting.erase(first, _waiting.end());
   }

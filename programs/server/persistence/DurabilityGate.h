@@ -24,7 +24,8 @@ class IHeldOutput {
 };
 
 // Keeps back what would tell somebody of a change that a power cut could still take away. Every change has a ticket;
-// tickets become durable in their order. Changes need not wait for one another, nor reads for the disk: only messages do.
+// tickets become durable in their order. Changes need not wait for one another, nor reads for the disk: only messages
+// do.
 //
 // Threads: any.
 // Locks:   its own mutex, inside all others.

@@ -29,7 +29,7 @@ class File {
 // What a path leads to.
 struct FileContent {
   bool exists = false;
-  std::string problem;       // why there are no bytes although something exists; empty: there are
+  std::string problem;  // why there are no bytes although something exists; empty: there are
   std::string bytes;
   int64_t modificationTime = 0;  // nanoseconds since the epoch
 };

@@ -23,8 +23,8 @@ Change DescribeChange(const core::IniFile& userSettings, const std::set<std::str
 // Makes the change to a document. Throws osa::Exception for what is no settings text.
 void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set);
 
-// The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each record's
-// checksum covers the one before it, so that records count in their order only, and only in this journal.
+// The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each
+// record's checksum covers the one before it, so that records count in their order only, and only in this journal.
 constexpr size_t kJournalHeaderSize = 64;
 
 // checksum: of what stands before; set to that of what is returned.

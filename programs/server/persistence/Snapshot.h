@@ -45,8 +45,8 @@ void EndSnapshot(core::StringOstream& text, const SnapshotEnd& end);
 
 // Never throws for what the content is like. path: what problems name.
 //
-// An editor changes the modification time, and leaves no control bytes; what rots does neither. That, and the two lines,
-// tell the states apart.
+// An editor changes the modification time, and leaves no control bytes; what rots does neither. That, and the two
+// lines, tell the states apart.
 Snapshot ReadSnapshot(const std::string& path, const FileContent& content);
 
 }  // namespace tavix::daemon

@@ -110,9 +110,7 @@ class SystemFiles : public FileSystem {
     return std::make_unique<SystemFile>("create", path, O_CREAT | O_EXCL);
   }
 
-  std::unique_ptr<File> Open(const std::string& path) override {
-    return std::make_unique<SystemFile>("open", path, 0);
-  }
+  std::unique_ptr<File> Open(const std::string& path) override { return std::make_unique<SystemFile>("open", path, 0); }
 
   FileContent Read(const std::string& path) override {
     FileContent content;

@@ -129,7 +129,8 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
     PutAside(journal->path, mayRepair, found);
   }
   // Both hold the same changes, as far as each goes.
-  const bool newIsLonger = onItsWay.changesFrom > 0 && onItsWay.changes > (inPlace.changesFrom > 0 ? inPlace.changes : 0);
+  const bool newIsLonger =
+      onItsWay.changesFrom > 0 && onItsWay.changes > (inPlace.changesFrom > 0 ? inPlace.changes : 0);
   const FoundJournal& journal = newIsLonger ? onItsWay : inPlace;
   if (journal.changesFrom == 0) return;
   try {

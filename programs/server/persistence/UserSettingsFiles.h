@@ -59,7 +59,7 @@ class UserSettingsFiles {
 
   FileSystem& _files;
   const std::string _path;
-  bool _isGood = true;        // what stands at the path is worth being the backup
+  bool _isGood = true;         // what stands at the path is worth being the backup
   bool _mustPutAside = false;  // it is damaged, and could not be put aside so far
 };
 

@@ -19,18 +19,19 @@
 
 namespace tavix::daemon {
 
-// Keeps the user layer on the disk, as a snapshot and a journal of the changes since: docs/persistence.md. A change costs
-// what it is long, however large the layer is; when the journal outgrows the snapshot, a new snapshot is made beside the
-// service.
+// Keeps the user layer on the disk, as a snapshot and a journal of the changes since: docs/persistence.md. A change
+// costs what it is long, however large the layer is; when the journal outgrows the snapshot, a new snapshot is made
+// beside the service.
 //
 // Survives: a crash of the daemon loses nothing. After a power cut the layer is as it was after some change, whole, and
 //           with Durability::kAlways that is the last one that anybody was shown, or a later one. Not promised: with
-//           kInterval the changes of that interval, with kNone those that the system had not written; and after the disk
-//           has failed, until the log says that it is well again, those since.
+//           kInterval the changes of that interval, with kNone those that the system had not written; and after the
+//           disk has failed, until the log says that it is well again, those since.
 // Threads:  Save and the reader that is passed to Start run under the store's lock; the rest is called by one thread.
 //           "JournalSync" syncs the journal, once for all who wait; "Snapshot" writes snapshots.
 // Locks:    its own mutex, inside "SettingsMutex"; held while the journal is appended to, never during a sync.
-// Errors:   none leave it. What goes wrong is logged with its file and reason, changes are served from memory, nothing is
+// Errors:   none leave it. What goes wrong is logged with its file and reason, changes are served from memory, nothing
+// is
 //           kept back for the disk, and a snapshot is tried after 1 s, later up to 60 s, until the disk has it.
 class UserSettingsPersister {
  public:
@@ -62,6 +63,9 @@ class UserSettingsPersister {
   // disk.
   bool Finish();
 
+  // Ends the threads; nothing is saved any more. A second call does nothing.
+  void Stop();
+
   DurabilityGate& GetGate() { return _gate; }
 
  private:
@@ -92,7 +96,6 @@ class UserSettingsPersister {
   void Fail(const std::string& reason);
   void FailSnapshot(const std::string& reason);
   void TryLater();
-  void Stop();
 
   FileSystem& _filesystem;
   const std::string _path;
@@ -109,16 +112,16 @@ class UserSettingsPersister {
   uint64_t _generation = 0;  // of the snapshot; 0: changes can't be appended to a journal yet
   uint64_t _nextGeneration = 1;
   size_t _snapshotBytes = 0;
-  std::shared_ptr<Journal> _journal;       // null: none since the snapshot
-  DurabilityGate::Ticket _last = 0;        // the last change
-  DurabilityGate::Ticket _synced = 0;      // the last that is durable
-  Clock::time_point _firstUnsynced{};      // when the oldest change that is not was made
-  bool _failed = false;                    // the disk lacks changes that were served
+  std::shared_ptr<Journal> _journal;   // null: none since the snapshot
+  DurabilityGate::Ticket _last = 0;    // the last change
+  DurabilityGate::Ticket _synced = 0;  // the last that is durable
+  Clock::time_point _firstUnsynced{};  // when the oldest change that is not was made
+  bool _failed = false;                // the disk lacks changes that were served
   bool _snapshotIsAsked = false;
-  Clock::time_point _nextTry{};            // no snapshot before
-  std::chrono::seconds _delay{0};          // until the next try, after a failure
-  bool _keepsChanges = false;              // a snapshot is being written ...
-  std::vector<Change> _changes;            // ... that lacks these
+  Clock::time_point _nextTry{};    // no snapshot before
+  std::chrono::seconds _delay{0};  // until the next try, after a failure
+  bool _keepsChanges = false;      // a snapshot is being written ...
+  std::vector<Change> _changes;    // ... that lacks these
 
   std::unique_ptr<Worker> _sync;
   std::unique_ptr<Worker> _snapshot;

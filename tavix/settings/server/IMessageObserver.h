@@ -20,8 +20,8 @@ class TAVIX_EXPORT IMessageObserver {
  public:
   virtual ~IMessageObserver() = default;
 
-  // A message was made of the store's present contents, and is written to "out" next, and flushed. groups: those that it
-  // shows, or shows to be missing; null: it may tell of any.
+  // A message was made of the store's present contents, and is written to "out" next, and flushed. groups: those that
+  // it shows, or shows to be missing; null: it may tell of any.
   virtual void OnMessage(std::ostream& out, const common::GroupNameMatcher* groups) = 0;
 };
 

@@ -18,7 +18,8 @@ class SettingsCombiner;
 // A change is saved through SaveChangedGroups, which a persister overrides when it can save less than everything.
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
-// Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in memory,
+// Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in
+// memory,
 //          announced to nobody.
 class TAVIX_EXPORT ISettingsPersister {
  public:

@@ -82,8 +82,8 @@ class TAVIX_EXPORT SettingsManager {
   void DumpUserSettings(std::ostream& os) const;
   void DumpAllSettings(std::ostream& os) const;
 
-  // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation of
-  // the store.
+  // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation
+  // of the store.
   void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
 
   // How much there is: in what readers see, and in the user layer without its bookkeeping. O(groups).

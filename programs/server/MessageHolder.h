@@ -1,0 +1,24 @@
+#pragma once
+
+#include "programs/server/OutputQueue.h"
+#include "programs/server/persistence/DurabilityGate.h"
+#include "tavix/settings/server/IMessageObserver.h"
+
+namespace tavix::daemon {
+
+// Has messages that show changes wait in their output queues until those are durable.
+class MessageHolder : public settings::server::IMessageObserver {
+ public:
+  // gate: may be null, then nothing waits; else outlives the holder.
+  explicit MessageHolder(DurabilityGate* gate) : _gate(gate) {}
+
+  // out: of an output queue.
+  void OnMessage(std::ostream& out, const settings::common::GroupNameMatcher* groups) override {
+    if (_gate) OutputQueue::Of(out).HoldMessage(_gate->FindLast(groups));
+  }
+
+ private:
+  DurabilityGate* const _gate;
+};
+
+}  // namespace tavix::daemon
