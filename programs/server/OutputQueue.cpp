@@ -45,6 +45,7 @@ void OutputQueue::Close() {
   std::lock_guard<std::mutex> lock(_mutex);
   _broken = true;
   _kept.Clear();
+  _keptBytes = 0;
   _holds.clear();
 }
 
@@ -53,19 +54,9 @@ void OutputQueue::TellWhenSent(bool tells) {
   _tellsWhenSent = tells;
 }
 
-size_t OutputQueue::GetKeptBytes() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _kept.GetSize();
-}
-
 size_t OutputQueue::GetSendableBytes() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return CountSendable();
-}
-
-bool OutputQueue::IsBroken() const {
-  std::lock_guard<std::mutex> lock(_mutex);
-  return _broken;
 }
 
 OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
@@ -102,29 +93,29 @@ std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
 }
 
 int OutputQueue::sync() {
-  const bool isFlushed = FlushMessage();
+  FlushMessage();
   _messageTicket = 0;
   ReleaseMemory(_message);
-  AwaitDurable();
-  return isFlushed ? 0 : -1;
+  if (_keptBytes > 0) AwaitDurable();
+  return _broken ? -1 : 0;
 }
 
-bool OutputQueue::FlushMessage() {
+void OutputQueue::FlushMessage() {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_broken) return false;
+  if (_broken) return;
   const Ticket ticket = std::max(_messageTicket, _leastTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
   if (isHeld) _holds.push_back({_left + _kept.GetSize(), ticket});
   const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
   const size_t sent = goesAtOnce ? SendSome(_message.data(), _message.size()) : 0;
   if (sent < _message.size() && !_broken) Keep(sent);
-  return !_broken;
 }
 
 // The caller holds the lock, here and below, unless something else is said.
 void OutputQueue::Keep(size_t sent) {
   if (_kept.GetSize() == 0) _lastProgress = Clock::now();
   _kept.Append(_message.data() + sent, _message.size() - sent);
+  _keptBytes = _kept.GetSize();
   if (_kept.GetSize() > _most) {
     Break();
   } else if (CountSendable() > 0) {
@@ -140,7 +131,9 @@ void OutputQueue::SendSendable() {
     const size_t sent = SendSome(front.data(), front.size());
     takesMore = sent == front.size();
     if (_broken) return;
+    if (sent > 0) _lastProgress = Clock::now();
     _kept.Drop(sent);
+    _keptBytes = _kept.GetSize();
     _left += sent;
   }
 }
@@ -179,7 +172,6 @@ size_t OutputQueue::SendSome(const char* bytes, size_t count) {
       break;
     }
   }
-  if (done > 0) _lastProgress = Clock::now();
   return done;
 }
 
@@ -191,6 +183,7 @@ void OutputQueue::Break() {
   _broken = true;
   shutdown(_descriptor, SHUT_RDWR);  // the loop is told by the socket
   _kept.Clear();
+  _keptBytes = 0;
   _holds.clear();
   _onKept();
 }

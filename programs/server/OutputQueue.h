@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -53,8 +54,8 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   // Has onKept called as well when something that had to wait for the disk was sent.
   void TellWhenSent(bool tells);
 
-  size_t GetKeptBytes() const;
-  bool IsBroken() const;
+  size_t GetKeptBytes() const { return _keptBytes; }
+  bool IsBroken() const { return _broken; }
 
   // What of the kept bytes waits for the peer alone.
   size_t GetSendableBytes() const;
@@ -74,7 +75,7 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::streamsize xsputn(const char* bytes, std::streamsize count) override;
   int sync() override;
 
-  bool FlushMessage();
+  void FlushMessage();
   void Keep(size_t sent);
   void SendSendable();
   size_t CountSendable() const;
@@ -93,13 +94,14 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::ostream _ostream;
   mutable std::mutex _mutex;  // guards what follows
   ByteQueue _kept;
-  size_t _left = 0;          // how many kept bytes have left
-  std::vector<Hold> _holds;  // in the order of their bytes
-  Ticket _leastTicket = 0;   // for every message from now on
-  bool _awaits = false;      // the gate will tell
-  bool _waits = false;       // for the peer, and onKept was told so
+  std::atomic<size_t> _keptBytes{0};  // that many; for those who only ask
+  size_t _left = 0;                   // how many kept bytes have left
+  std::vector<Hold> _holds;           // in the order of their bytes
+  Ticket _leastTicket = 0;            // for every message from now on
+  bool _awaits = false;               // the gate will tell
+  bool _waits = false;                // for the peer, and onKept was told so
   bool _tellsWhenSent = false;
-  bool _broken = false;
+  std::atomic<bool> _broken{false};
   Clock::time_point _lastProgress{};
 };
 

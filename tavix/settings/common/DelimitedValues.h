@@ -4,7 +4,6 @@
 #include <iterator>
 #include <string>
 
-#include "tavix/core/DelimitedIstream.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::settings::common {
@@ -13,8 +12,7 @@ namespace tavix::settings::common {
 // "in" then stands behind the terminator's line; a stream that ends first ends the list.
 template <class OutputIterator>
 void readDelimitedValues(std::istream* in, OutputIterator out) {
-  stl::DelimitedIstream view(in);
-  for (std::string value; std::getline(view, value, view.widen('\n'));) *out++ = value;
+  for (std::string value; std::getline(*in, value) && value != ".";) *out++ = value;
 }
 
 // Adds each string assigned to it to a matcher, as name or pattern.
