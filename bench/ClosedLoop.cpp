@@ -16,9 +16,9 @@ constexpr int kPatience = 5000;  // milliseconds
 
 class ClosedLoop {
  public:
-  ClosedLoop(const std::vector<Descriptor>& connections, const Exchange& exchange)
-      : _exchange(exchange), _poller(epoll_create1(EPOLL_CLOEXEC), "make an epoll"), _buffer(exchange.reply.size(), 0) {
-    for (const Descriptor& connection : connections) _conversations.push_back({&connection, 0});
+  ClosedLoop(const std::vector<Descriptor>& connections, const std::vector<Script>& scripts)
+      : _poller(epoll_create1(EPOLL_CLOEXEC), "make an epoll"), _buffer(scripts.front().front().reply.size(), 0) {
+    for (size_t i = 0; i < connections.size(); ++i) _conversations.push_back({&connections[i], &scripts[i], 0, 0});
     for (Conversation& conversation : _conversations) {
       epoll_event event{};
       event.events = EPOLLIN;
@@ -54,12 +54,15 @@ class ClosedLoop {
  private:
   struct Conversation {
     const Descriptor* connection;
+    const Script* script;
+    size_t next;
     size_t missing;
   };
 
   void Send(Conversation& conversation) {
-    conversation.missing = _exchange.reply.size();
-    WriteAll(*conversation.connection, _exchange.request);
+    const Exchange& exchange = (*conversation.script)[conversation.next++ % conversation.script->size()];
+    conversation.missing = exchange.reply.size();
+    WriteAll(*conversation.connection, exchange.request);
   }
 
   // Whether the reply is complete.
@@ -70,7 +73,6 @@ class ClosedLoop {
     return conversation.missing == 0;
   }
 
-  const Exchange& _exchange;
   const Descriptor _poller;
   std::vector<Conversation> _conversations;
   std::vector<epoll_event> _events{256};
@@ -79,8 +81,13 @@ class ClosedLoop {
 
 }  // namespace
 
+double MeasureClosedLoop(const std::vector<Descriptor>& connections, const std::vector<Script>& scripts,
+                         double seconds) {
+  return ClosedLoop(connections, scripts).Run(seconds);
+}
+
 double MeasureClosedLoop(const std::vector<Descriptor>& connections, const Exchange& exchange, double seconds) {
-  return ClosedLoop(connections, exchange).Run(seconds);
+  return MeasureClosedLoop(connections, std::vector<Script>(connections.size(), Script{exchange}), seconds);
 }
 
 }  // namespace tavix::bench

@@ -1,16 +1,19 @@
-// Changes that are on the disk before their reply is sent.
+// Changes that are on the disk before their reply is sent, and what they cost others.
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/Benches.h"
+#include "bench/ClosedLoop.h"
 #include "bench/Daemon.h"
 #include "bench/Exchange.h"
 #include "bench/SampleSettings.h"
@@ -25,6 +28,11 @@ namespace {
 constexpr int kGroup = 7;
 constexpr char kMerge[] = "merge-durable";
 constexpr char kTestAndMerge[] = "tam-durable";
+constexpr char kGetUnderMerge[] = "get-under-merge";
+constexpr char kStalled[] = "merge-stalled-subscriber";
+constexpr char kAppend[] = "append 128 B, fdatasync";
+constexpr double kMostOverFloor = 1.2;
+constexpr double kMostUnderMerge = 2;
 
 // A user layer of some size.
 struct Layer {
@@ -33,44 +41,153 @@ struct Layer {
 };
 
 const Layer kLayers[] = {{"4 KiB", 4 << 10}, {"300 KiB", 300 << 10}, {"26 MB", 26000000}};
+const Layer& kMiddleLayer = kLayers[1];
 
 std::string OursVariant(const Layer& layer) {
-  return std::string("whole layer, ") + layer.name;
+  return std::string("journal, ") + layer.name;
 }
 
-std::string FloorVariant(const Layer& layer) {
-  return std::string("replace ") + layer.name;
-}
+// The least that makes a record durable.
+class AppendedFile {
+ public:
+  explicit AppendedFile(const std::string& directory)
+      : _file(open((directory + "/floor.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
+              "create a file") {}
 
-void Check(bool succeeded, const char* what) {
-  if (!succeeded) throw osa::Exception("Failed to %s: %s", what, std::strerror(errno));
-}
+  void Append() {
+    WriteAll(_file, _record);
+    if (fdatasync(_file.Get()) != 0) throw osa::Exception("Failed to sync a file: %s", std::strerror(errno));
+  }
 
-// The least that replaces a file so that a power cut leaves the old or the new one.
-void ReplaceDurably(const std::string& directory, const std::string& content) {
-  const std::string path = directory + "/floor.ini";
-  const std::string newPath = path + ".new";
-  const Descriptor file(open(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), "create a file");
-  WriteAll(file, content);
-  Check(fdatasync(file.Get()) == 0, "sync a file");
-  Check(std::rename(newPath.c_str(), path.c_str()) == 0, "rename a file");
-  const Descriptor folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), "open a directory");
-  Check(fsync(folder.Get()) == 0, "sync a directory");
-}
+ private:
+  const Descriptor _file;
+  const std::string _record = std::string(128, 'r');
+};
+
+// A daemon with a user layer.
+class DurableDaemon {
+ public:
+  DurableDaemon(const Recorder& recorder, const Layer& layer, const char* durability = "always")
+      : _path(WriteSettingsFile(MakeDirectory(recorder), "user.ini", GroupsInBytes(layer.bytes, kKeysOfGroup))),
+        _daemon(recorder.GetSetup().server, {"--user-settings", _path, "--durability", durability}) {
+    // The first change of a file that the daemon did not write makes a snapshot of its own.
+    TimedExchange(_daemon.Connect(), ChangeExchange("merge", kGroup, 0));
+  }
+
+  Descriptor Connect() const { return _daemon.Connect(); }
+
+ private:
+  // What a daemon that was killed left beside its file is in nobody's way.
+  static std::string MakeDirectory(const Recorder& recorder) {
+    std::string path = recorder.GetSetup().directory + "/durable-XXXXXX";
+    if (!mkdtemp(path.data())) throw osa::Exception("Failed to make '%s': %s", path.c_str(), std::strerror(errno));
+    return path;
+  }
+
+  const std::string _path;
+  const Daemon _daemon;
+};
 
 void Measure(Recorder& recorder, const std::string& item, const Layer& layer,
              const std::function<Exchange(int version)>& makeExchange) {
-  const std::string& directory = recorder.GetSetup().directory;
-  const std::string path = WriteSettingsFile(directory, "user.ini", GroupsInBytes(layer.bytes, kKeysOfGroup));
-  const Daemon daemon(recorder.GetSetup().server, {"--user-settings", path});
+  const DurableDaemon daemon(recorder, layer);
   const Descriptor connection = daemon.Connect();
-  const std::string content(layer.bytes, 'c');
+  AppendedFile file(recorder.GetSetup().directory);
   int version = 0;
   const Contender ours{{item, kOurs, OursVariant(layer)},
                        [&] { return TimedExchange(connection, makeExchange(++version)); }};
-  const Contender floor{{item, kFloor, FloorVariant(layer)},
-                        [&] { return Timed([&] { ReplaceDurably(directory, content); }); }};
-  MeasureInTurnsFor(recorder, {ours, floor}, recorder.Choose(0.15, 0.4), recorder.Choose(2, 3));
+  const Contender floor{{item, kFloor, kAppend}, [&] { return Timed([&] { file.Append(); }); }};
+  MeasureInTurnsFor(recorder, {ours, floor}, recorder.Choose(0.15, 0.4), recorder.Choose(20, 200));
+}
+
+// No request sets what another one set: all have something to write.
+std::vector<Script> MakeMergeScripts(int connections, int groups) {
+  std::vector<Script> scripts;
+  for (int i = 0; i < connections; ++i)
+    scripts.push_back({ChangeExchange("merge", i % groups, 2 * i), ChangeExchange("merge", i % groups, 2 * i + 1)});
+  return scripts;
+}
+
+std::string ThroughputItem(int connections) {
+  return "merge-throughput-" + std::to_string(connections) + "conn";
+}
+
+void MeasureThroughput(Recorder& recorder, int count, const char* variant, const char* durability) {
+  const DurableDaemon daemon(recorder, kLayers[0], durability);
+  std::vector<Descriptor> connections;
+  for (int i = 0; i < count; ++i) connections.push_back(daemon.Connect());
+  const double perSecond = MeasureClosedLoop(
+      connections, MakeMergeScripts(count, GroupsInBytes(kLayers[0].bytes, kKeysOfGroup)), recorder.Choose(0.1, 0.3));
+  recorder.Add({ThroughputItem(count), kOurs, variant}, kOperationsPerSecond, perSecond);
+}
+
+// Changes a group all the time, one change after the other.
+class BusyWriter {
+ public:
+  explicit BusyWriter(const DurableDaemon& daemon)
+      : _thread([this, connection = daemon.Connect()] {
+          for (int version = 0; !_stop; ++version) TimedExchange(connection, ChangeExchange("merge", kGroup, version));
+        }) {}
+
+  ~BusyWriter() {
+    _stop = true;
+    _thread.join();
+  }
+
+ private:
+  std::atomic<bool> _stop{false};
+  std::thread _thread;
+};
+
+Samples TimeGets(const Descriptor& connection, double seconds) {
+  Samples samples;
+  const Exchange get = GetExchange(kGroup + 1);
+  for (const double end = NowInMicroseconds() + seconds * 1e6; NowInMicroseconds() < end;)
+    samples.Add(TimedExchange(connection, get));
+  return samples;
+}
+
+void MeasureGetUnderMerge(Recorder& recorder) {
+  const DurableDaemon daemon(recorder, kMiddleLayer);
+  const Descriptor connection = daemon.Connect();
+  const double seconds = recorder.Choose(0.1, 0.5);
+  TimeGets(connection, seconds / 4);
+  const Samples alone = TimeGets(connection, seconds);
+  const BusyWriter writer(daemon);
+  const Samples beside = TimeGets(connection, seconds);
+  recorder.Add({kGetUnderMerge, kOurs, "beside a writer"}, kMicroseconds, beside);
+  recorder.Add({kGetUnderMerge, kOurs, "alone"}, kMicroseconds, alone);
+  recorder.Add({kGetUnderMerge, kOurs, "p99 beside a writer"}, kMicroseconds, beside.GetQuantile(0.99));
+  recorder.Add({kGetUnderMerge, kOurs, "p99 alone"}, kMicroseconds, alone.GetQuantile(0.99));
+}
+
+// A subscriber that reads nothing, with 8 MB of notices on their way to it.
+Descriptor MakeStalledSubscriber(const Daemon& daemon) {
+  constexpr size_t kUnread = 8000000;
+  Descriptor stalled = daemon.Connect();
+  WriteAll(stalled, "subscribe\n" + GroupName(kGroup) + "\n.\n");
+  const Descriptor writer = daemon.Connect();
+  const Exchange notice = NoticeExchange(kGroup, 1);
+  for (size_t sent = 0; sent < kUnread; sent += notice.reply.size()) WriteAll(writer, notice.request);
+  TimedExchange(writer, GetExchange(kGroup + 1));
+  return stalled;
+}
+
+void MeasureStalled(Recorder& recorder) {
+  const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "stalled.ini", 2 * kGroup);
+  const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings});
+  const Daemon undisturbed(recorder.GetSetup().server, {"--defaults", settings});
+  const Descriptor stalled = MakeStalledSubscriber(daemon);
+  const Descriptor beside = daemon.Connect();
+  const Descriptor alone = undisturbed.Connect();
+  int version = 0;
+  const auto change = [&](const Descriptor& connection) {
+    return TimedExchange(connection, ChangeExchange("merge", kGroup, ++version));
+  };
+  MeasureInTurnsFor(recorder,
+                    {{{kStalled, kOurs, "raw"}, [&] { return change(beside); }},
+                     {{kStalled, kOurs, "without it"}, [&] { return change(alone); }}},
+                    recorder.Choose(0.05, 0.3), 20);
 }
 
 }  // namespace
@@ -81,14 +198,24 @@ void AddDurableBenches(Suite& suite) {
     suite.Add(
         {kMerge}, [=](Recorder& recorder) { Measure(recorder, kMerge, layer, makeExchange); },
         Suite::Frequency::kFewRounds);
-    suite.Compare({kMerge, kOurs, OursVariant(layer)}, {kMerge, kFloor, FloorVariant(layer)});
+    suite.Compare({kMerge, kOurs, OursVariant(layer)}, {kMerge, kFloor, kAppend}, kMostOverFloor);
   }
-  const Layer& middle = kLayers[1];
   const auto makeExchange = [](int version) { return TestAndMergeExchange(kGroup, version); };
   suite.Add(
-      {kTestAndMerge}, [=](Recorder& recorder) { Measure(recorder, kTestAndMerge, middle, makeExchange); },
+      {kTestAndMerge}, [=](Recorder& recorder) { Measure(recorder, kTestAndMerge, kMiddleLayer, makeExchange); },
       Suite::Frequency::kFewRounds);
-  suite.Compare({kTestAndMerge, kOurs, OursVariant(middle)}, {kTestAndMerge, kFloor, FloorVariant(middle)});
+  suite.Compare({kTestAndMerge, kOurs, OursVariant(kMiddleLayer)}, {kTestAndMerge, kFloor, kAppend}, kMostOverFloor);
+  for (int connections : {1, 10, 100}) {
+    suite.Add({ThroughputItem(connections)}, [=](Recorder& recorder) {
+      MeasureThroughput(recorder, connections, "durable", "always");
+      MeasureThroughput(recorder, connections, "deferred", "250ms");
+    });
+  }
+  suite.Add({kGetUnderMerge}, MeasureGetUnderMerge);
+  suite.Compare({kGetUnderMerge, kOurs, "beside a writer"}, {kGetUnderMerge, kOurs, "alone"});
+  suite.Compare({kGetUnderMerge, kOurs, "p99 beside a writer"}, {kGetUnderMerge, kOurs, "p99 alone"}, kMostUnderMerge);
+  suite.Add({kStalled}, MeasureStalled);
+  suite.Compare({kStalled, kOurs, "raw"}, {kStalled, kOurs, "without it"});
 }
 
 }  // namespace tavix::bench

@@ -126,7 +126,7 @@ void Measure(Recorder& recorder, int subscribers, const Placement& placement, co
 }  // namespace
 
 void AddNotifyBenches(Suite& suite) {
-  for (int subscribers : {1, 10, 100}) {
+  for (int subscribers : {1, 10, 100, 1000}) {
     const std::string item = Item(subscribers);
     suite.Add({item}, [=](Recorder& recorder) {
       const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "notify.ini", kGroups);

@@ -18,6 +18,7 @@ set(internal_headers
     tavix/settings/PendingChanges.h
     tavix/settings/Subscription.h
     tavix/settings/server/ClientHandlerDispatcher.h
+    tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h)
 set(lower_headers

@@ -47,13 +47,6 @@ void Journal::Write(const std::string& bytes) {
   _end = end;
 }
 
-void Journal::Sync() {
-  _file->Sync();
-  if (_isInPlace) return;
-  TakePlace();
-  _files.SyncDirectoryOf(_snapshotPath);
-}
-
 void Journal::TakePlace() {
   _files.Rename(NewPathOf(_snapshotPath), PathOf(_snapshotPath));
   _isInPlace = true;

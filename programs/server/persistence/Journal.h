@@ -10,11 +10,11 @@
 
 namespace tavix::daemon {
 
-// The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
-// when it is synced for the first time: until then what was synced into the old one counts.
+// The changes since a snapshot, appended to a file. A new journal is written beside the old one, and is to take its
+// place when it was synced for the first time: until then what was synced into the old one counts.
 //
 // The file is filled with zeros ahead of its records, so that a sync has no metadata to write.
-// Threads: one appends while another syncs.
+// Threads: one syncs while another does everything else.
 // Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
@@ -32,10 +32,12 @@ class Journal {
   // Written once it returns, but not synced.
   void Append(const Change& change);
 
-  // Returns once what was appended before is on the disk, and will be found there.
-  void Sync();
+  // Returns once what was appended before is on the disk; it is found there if the journal was in its place.
+  void Sync() { _file->Sync(); }
 
-  // Makes the journal the one that is found, synced or not.
+  // A journal that is not in its place yet takes it, which the directory's sync makes durable. Not while another one is
+  // created: a journal that was replaced must not take the place of the one that replaced it.
+  bool IsInPlace() const { return _isInPlace; }
   void TakePlace();
 
   uint64_t GetFollowed() const { return _follows; }
@@ -53,7 +55,7 @@ class Journal {
   const std::string _snapshotPath;
   const uint64_t _follows;
   std::unique_ptr<File> _file;
-  bool _isInPlace = false;  // the syncing thread's
+  bool _isInPlace = false;
   uint64_t _end = 0;
   uint64_t _filled = 0;  // so far the file has been written to
   uint32_t _checksum = 0;

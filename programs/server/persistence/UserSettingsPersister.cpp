@@ -26,6 +26,17 @@ int64_t GetNanoseconds() {
   return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// What "operation" throws; empty: nothing.
+template <class Operation>
+std::string FindProblem(Operation operation) {
+  try {
+    operation();
+    return "";
+  } catch (const std::exception& exception) {
+    return exception.what();
+  }
+}
+
 }  // namespace
 
 UserSettingsPersister::Worker::Worker(const char* name, std::function<void()> loop)
@@ -121,26 +132,37 @@ bool UserSettingsPersister::AwaitSync(std::unique_lock<std::mutex>& lock) {
   return false;
 }
 
+// What is synced counts only where it will be found. A journal that a snapshot has replaced meanwhile must not take the
+// next one's place, and need not: its changes are in the snapshot or in the next journal.
 void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<Journal> journal = _journal;
   const DurabilityGate::Ticket last = _last;
-  std::string problem;
   lock.unlock();
-  try {
-    journal->Sync();
-  } catch (const std::exception& exception) {
-    problem = exception.what();
-  }
-  if (problem.empty()) _gate.SetDurable(last);
-  _observer(problem.empty(), 0);
+  std::string problem = FindProblem([&] { journal->Sync(); });
   lock.lock();
+  if (!journal->IsInPlace()) {
+    if (journal != _journal) return;
+    if (problem.empty()) problem = FindProblem([&] { journal->TakePlace(); });
+    lock.unlock();
+    if (problem.empty()) problem = FindProblem([&] { _filesystem.SyncDirectoryOf(_path); });
+    lock.lock();
+  }
+  FinishSync(lock, *journal, last, problem);
+}
+
+void UserSettingsPersister::FinishSync(std::unique_lock<std::mutex>& lock, const Journal& journal,
+                                       DurabilityGate::Ticket last, const std::string& problem) {
   if (problem.empty()) {
     _synced = std::max(_synced, last);
     _firstUnsynced = Clock::now();
     if (!_snapshotIsAsked) _delay = std::chrono::seconds(0);
-  } else if (journal == _journal) {  // else a snapshot has made it worthless meanwhile
+  } else if (&journal == _journal.get()) {  // else a snapshot has made it worthless meanwhile
     Fail(problem);
   }
+  lock.unlock();
+  _observer(problem.empty(), 0);
+  if (problem.empty()) _gate.SetDurable(last);
+  lock.lock();
 }
 
 void UserSettingsPersister::SnapshotLoop() {

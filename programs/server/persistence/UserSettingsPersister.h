@@ -87,6 +87,8 @@ class UserSettingsPersister {
   void SyncLoop();
   bool AwaitSync(std::unique_lock<std::mutex>& lock);
   void SyncJournal(std::unique_lock<std::mutex>& lock);
+  void FinishSync(std::unique_lock<std::mutex>& lock, const Journal& journal, DurabilityGate::Ticket last,
+                  const std::string& problem);
   void SnapshotLoop();
   bool WriteSnapshot();
   void TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket);

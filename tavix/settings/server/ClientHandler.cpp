@@ -17,6 +17,7 @@
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
 #include "tavix/settings/server/IMessageObserver.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/NoticeText.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -239,14 +240,27 @@ void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(changedGroups);
   _message.Reset(kKeptMemory);
+  NoticeText& last = NoticeText::OfThisThread();
+  const ISettingsSerializer* const serializer = _serializer.load();
+  if (const std::string* text = last.Find(*_settingsManager, changedGroups, serializer)) {
+    _message << *text;
+  } else {
+    const unsigned long long version = _settingsManager->GetVersion();
+    ComposeNotice(changedGroups, matcher, *serializer);
+    last.Keep(*_settingsManager, version, changedGroups, serializer, _message.GetText());
+  }
+  SendMessage(&matcher);
+}
+
+void ClientHandler::ComposeNotice(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
+                                  const ISettingsSerializer& serializer) {
   _message << protocol::kAsyncChange << '\n';
   for (const std::string& group : changedGroups) {
     if (IsLine(group)) _message << group << '\n';
   }
   _message << protocol::kTerminatorLine;
-  _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
+  _settingsManager->WriteGroups(_message, matcher, serializer);
   _message << protocol::kTerminatorLine;
-  SendMessage(&matcher);
 }
 
 bool ClientHandler::TakesWord(std::istream& args, const char* expected) {

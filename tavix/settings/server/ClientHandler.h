@@ -101,6 +101,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
   void WriteNotice(const std::set<std::string>& changedGroups);
+  void ComposeNotice(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
+                     const ISettingsSerializer& serializer);
   void SendMessage(const common::GroupNameMatcher* groups);
 
   core::Logger* const _logger;

@@ -104,6 +104,7 @@ SettingsManager::~SettingsManager() = default;
 
 void SettingsManager::LoadSettings() {
   if (!_persister) return;
+  BeginChange();
   SettingsCombiner combiner(_allSettings);
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
@@ -226,6 +227,7 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   touched.insert(kDeletedGroups);
   for (const auto& group : filtered) touched.insert(group.first);
   const GroupsBefore before(_userSettings, touched);
+  BeginChange();
   for (const std::string& group : changed) {
     _allSettings.RemoveGroup(group);
     _userSettings.RemoveGroup(group);
@@ -261,6 +263,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   std::set<std::string> touched = changed;
   for (const auto& group : matched) touched.insert(group->first);
   const GroupsBefore before(_userSettings, touched);
+  BeginChange();
   for (const std::string& group : changed) {
     _userSettings.RemoveGroup(group);
     _allSettings.RemoveGroup(group);
@@ -298,6 +301,7 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 }
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
+  BeginChange();
   _allSettings.MergeSettings(settings);
   if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
   if (flags & kNoPersist) return;
@@ -305,6 +309,12 @@ void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int
       _persister ? FindGroupsToChange(_userSettings, settings) : std::set<std::string>();
   _userSettings.MergeSettings(settings);
   Save(changed);
+}
+
+// The caller holds the write lock.
+void SettingsManager::BeginChange() {
+  static std::atomic<unsigned long long> last{0};
+  _version.store(last.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
 void SettingsManager::HideBookkeeping() {

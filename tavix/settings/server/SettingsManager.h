@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <iosfwd>
 #include <memory>
@@ -95,6 +96,10 @@ class TAVIX_EXPORT SettingsManager {
   };
   Sizes GetSizes() const;
 
+  // Another number, which no store ever had before, once anything that readers see may have changed. Asked before and
+  // after a read, it tells whether something may have changed meanwhile.
+  unsigned long long GetVersion() const { return _version.load(std::memory_order_acquire); }
+
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);
@@ -135,6 +140,7 @@ class TAVIX_EXPORT SettingsManager {
   void MergeRestrictedSettings();
   void HideBookkeeping();
   void RefuseInCallback() const;
+  void BeginChange();
   void Save(const std::set<std::string>& changedGroups);
   void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(const core::IniFile& settings) const;
@@ -146,6 +152,7 @@ class TAVIX_EXPORT SettingsManager {
   mutable osa::ReadWriteLock _settingsMutex;
   core::IniFile _userSettings;  // guarded by _settingsMutex
   core::IniFile _allSettings;   // guarded by _settingsMutex
+  std::atomic<unsigned long long> _version{0};
   common::CallbackDispatcher _callbackDispatcher;
   mutable osa::Mutex _notificationGate;
 };
