@@ -287,6 +287,8 @@ bool UserSettingsPersister::Finish() {
       _files.RemoveJournals();
     } else if (_journal) {
       _journal->Sync();
+      if (!_journal->IsInPlace()) _journal->TakePlace();
+      _filesystem.SyncDirectoryOf(_path);
     }
     return !_failed;
   } catch (const std::exception& exception) {
