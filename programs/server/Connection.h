@@ -58,6 +58,7 @@ class Connection {
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure);
+  bool CutIfOverfull();
   bool CutAfter(const std::exception& exception);
   void OnKept();
   void UpdateInterest();

@@ -49,6 +49,11 @@ bool OutputQueue::IsBroken() const {
   return _broken;
 }
 
+bool OutputQueue::IsOverfull() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _overfull;
+}
+
 OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _lastProgress;
@@ -98,6 +103,7 @@ void OutputQueue::Keep(const char* bytes, size_t count) {
   if (first) _lastProgress = Clock::now();
   _kept.append(bytes, count);
   if (_kept.size() - _sent > _most) {
+    _overfull = true;
     Break();
   } else if (first) {
     _onKept();

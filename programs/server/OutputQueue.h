@@ -31,6 +31,9 @@ class OutputQueue : private std::streambuf {
   size_t GetKeptBytes() const;
   bool IsBroken() const;
 
+  // Whether it broke because the peer had more unread than is kept.
+  bool IsOverfull() const;
+
   // Since when the peer has taken nothing of what is kept.
   Clock::time_point GetLastProgress() const;
 
@@ -52,6 +55,7 @@ class OutputQueue : private std::streambuf {
   std::string _kept;
   size_t _sent = 0;  // of _kept
   bool _broken = false;
+  bool _overfull = false;
   Clock::time_point _lastProgress{};
 };
 

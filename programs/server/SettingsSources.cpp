@@ -93,7 +93,7 @@ std::string SettingsSources::Report::ToText() const {
 }
 
 // The user settings' file is replaced by rename, which would turn a link to it into a file.
-SettingsSources::SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings,
+SettingsSources::SettingsSources(LayerSources defaults, LayerSources restricted, const std::string& userSettings,
                                  Counters& counters)
     : _defaults(std::move(defaults)),
       _restricted(std::move(restricted)),

@@ -38,7 +38,7 @@ class SettingsSources : public settings::server::ISettingsPersister,
 
   // The layers' files are listed anew at each load. userSettings: may be absent; empty: nothing is persisted. A link to
   // it is followed once, now. counters: outlives the sources; is told of loads and saves.
-  SettingsSources(LayerSources defaults, LayerSources restricted, std::string userSettings, Counters& counters);
+  SettingsSources(LayerSources defaults, LayerSources restricted, const std::string& userSettings, Counters& counters);
 
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
