@@ -5,19 +5,25 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace tavix::daemon {
 
 FileLock::FileLock(const std::string& path) : _path(path + ".lock") {
-  while (!Acquire()) {
-    if (errno == EINTR) continue;
+  for (Outcome outcome = Outcome::kRemoved; outcome != Outcome::kLocked;) {
+    outcome = TryLock();
+    if (outcome != Outcome::kFailed || errno == EINTR) continue;
     if (errno == EWOULDBLOCK) throw Held("'" + path + "' is in use by process " + ReadOwner());
-    if (errno != ESTALE) throw osa::Exception("Failed to lock '%s': %s", _path.c_str(), std::strerror(errno));
+    throw osa::Exception("Failed to lock '%s': %s", _path.c_str(), std::strerror(errno));
   }
-  if (ftruncate(_file.Get(), 0) != 0 || dprintf(_file.Get(), "%d\n", static_cast<int>(getpid())) < 0)
-    throw osa::Exception("Failed to write '%s': %s", _path.c_str(), std::strerror(errno));
+  WriteOwner();
+}
+
+// The number is for error texts only: a full disk must not cost the lock.
+void FileLock::WriteOwner() const {
+  const std::string owner = std::to_string(getpid()) + "\n";
+  const bool isWritten = ftruncate(_file.Get(), 0) == 0 && pwrite(_file.Get(), owner.data(), owner.size(), 0) > 0;
+  (void)isWritten;
 }
 
 // Unlocked first, another process could lock the file that is then removed, and a third one a new file.
@@ -25,20 +31,19 @@ FileLock::~FileLock() {
   unlink(_path.c_str());
 }
 
-// False with errno set. ESTALE: the file that was locked has been removed by its owner meanwhile.
-bool FileLock::Acquire() {
+// kFailed: errno tells why. kRemoved: the file that was locked has been taken away by its owner meanwhile.
+FileLock::Outcome FileLock::TryLock() {
   _file.Reset(open(_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
-  if (!_file || flock(_file.Get(), LOCK_EX | LOCK_NB) != 0) return false;
+  if (!_file || flock(_file.Get(), LOCK_EX | LOCK_NB) != 0) return Outcome::kFailed;
   struct stat locked {};
   struct stat present {};
-  if (fstat(_file.Get(), &locked) != 0) return false;
-  if (stat(_path.c_str(), &present) == 0 && locked.st_ino == present.st_ino && locked.st_dev == present.st_dev)
-    return true;
-  errno = ESTALE;
-  return false;
+  if (fstat(_file.Get(), &locked) != 0) return Outcome::kFailed;
+  const bool isThere = stat(_path.c_str(), &present) == 0;
+  const bool isSame = locked.st_ino == present.st_ino && locked.st_dev == present.st_dev;
+  return isThere && isSame ? Outcome::kLocked : Outcome::kRemoved;
 }
 
-// Its number; "?" in the moment before it is written.
+// Its number; "?" before it was written, or when it could not be.
 std::string FileLock::ReadOwner() const {
   char text[32];
   const ssize_t count = pread(_file.Get(), text, sizeof text, 0);

@@ -25,7 +25,10 @@ class FileLock {
   FileLock& operator=(const FileLock&) = delete;
 
  private:
-  bool Acquire();
+  enum class Outcome { kLocked, kRemoved, kFailed };
+
+  Outcome TryLock();
+  void WriteOwner() const;
   std::string ReadOwner() const;
 
   const std::string _path;  // of the lock's file

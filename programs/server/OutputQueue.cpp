@@ -117,6 +117,7 @@ void OutputQueue::Keep(size_t sent) {
   _kept.Append(_message.data() + sent, _message.size() - sent);
   _keptBytes = _kept.GetSize();
   if (_kept.GetSize() > _most) {
+    _overfull = true;
     Break();
   } else if (CountSendable() > 0) {
     WaitForPeer();

@@ -57,6 +57,9 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   size_t GetKeptBytes() const { return _keptBytes; }
   bool IsBroken() const { return _broken; }
 
+  // Whether it broke because the peer had more unread than is kept.
+  bool IsOverfull() const { return _overfull; }
+
   // What of the kept bytes waits for the peer alone.
   size_t GetSendableBytes() const;
 
@@ -102,6 +105,7 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   bool _waits = false;                // for the peer, and onKept was told so
   bool _tellsWhenSent = false;
   std::atomic<bool> _broken{false};
+  std::atomic<bool> _overfull{false};
   Clock::time_point _lastProgress{};
 };
 

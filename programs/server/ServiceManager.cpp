@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -9,11 +10,11 @@
 #include <cstddef>
 #include <cstdlib>
 
-#include "programs/server/Descriptor.h"
-
 namespace tavix::daemon {
 
 namespace {
+
+constexpr timeval kLongestWait{1, 0};
 
 std::string Variable(const char* name) {
   const char* const value = std::getenv(name);
@@ -30,25 +31,28 @@ unsigned long long Number(const std::string& text) {
 
 }  // namespace
 
+// A name that begins with '@' is an abstract one.
 ServiceManager::ServiceManager() {
-  const std::string socket = Variable("NOTIFY_SOCKET");
-  const bool hasKnownForm = socket.size() > 1 && (socket.front() == '/' || socket.front() == '@');
-  if (hasKnownForm && socket.size() < sizeof(sockaddr_un::sun_path)) _socket = socket;
+  const std::string name = Variable("NOTIFY_SOCKET");
+  const bool hasKnownForm = name.size() > 1 && (name.front() == '/' || name.front() == '@');
+  if (hasKnownForm && name.size() < sizeof(sockaddr_un::sun_path)) {
+    _name = name;
+    if (name.front() == '@') _name.front() = '\0';
+    _socket.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    setsockopt(_socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait);
+  }
   const std::string process = Variable("WATCHDOG_PID");
   if (process.empty() || process == std::to_string(getpid()))
     _watchdogTime = std::chrono::microseconds(Number(Variable("WATCHDOG_USEC")));
 }
 
 void ServiceManager::Tell(const std::string& lines) const {
-  if (!IsListening()) return;
+  if (_name.empty()) return;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  _socket.copy(address.sun_path, _socket.size());
-  if (_socket.front() == '@') address.sun_path[0] = '\0';
-  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + _socket.size());
-  const Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sendto(sender.Get(), lines.data(), lines.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
-         reinterpret_cast<const sockaddr*>(&address), size);
+  _name.copy(address.sun_path, _name.size());
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + _name.size());
+  sendto(_socket.Get(), lines.data(), lines.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address), size);
 }
 
 bool ServiceManager::HasJournal() {

@@ -3,19 +3,19 @@
 #include <chrono>
 #include <string>
 
+#include "programs/server/Descriptor.h"
+
 namespace tavix::daemon {
 
 // What a service manager is told about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
 // describes them. Without one, nothing is told.
 //
 // Threads: any.
-// Errors:  none; what can't be sent is dropped, and nothing ever waits.
+// Errors:  none; what can't be sent within a second is dropped.
 class ServiceManager {
  public:
   // Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID, once.
   ServiceManager();
-
-  bool IsListening() const { return !_socket.empty(); }
 
   // lines: "READY=1", or several with line feeds between them.
   void Tell(const std::string& lines) const;
@@ -27,7 +27,8 @@ class ServiceManager {
   static bool HasJournal();
 
  private:
-  std::string _socket;
+  std::string _name;   // of the service manager's socket, as it stands in an address; empty: there is none
+  Descriptor _socket;  // ours, so that one is left when descriptors run out
   std::chrono::microseconds _watchdogTime{0};
 };
 

@@ -1,5 +1,6 @@
 #include "programs/server/Upkeep.h"
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <exception>
@@ -18,6 +19,8 @@ using settings::server::SettingsManager;
 namespace {
 
 constexpr int kFeedsInATime = 3;  // one that comes late is no reason to be restarted
+constexpr std::chrono::milliseconds kShortestInterval{1};
+constexpr std::chrono::hours kLongestInterval{1};
 
 core::Logger* Log() {
   static core::Logger* const logger = core::Logger::GetLogger("Upkeep");
@@ -47,8 +50,10 @@ Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLi
 }
 
 void Upkeep::StartWatchdog(const SettingsManager& manager) {
-  const auto interval = _serviceManager.GetWatchdogTime() / kFeedsInATime;
-  _watchdog.emplace("Watchdog", std::chrono::duration_cast<std::chrono::milliseconds>(interval), [this, &manager] {
+  using std::chrono::milliseconds;
+  const auto wanted = std::chrono::duration_cast<milliseconds>(_serviceManager.GetWatchdogTime() / kFeedsInATime);
+  const milliseconds interval = std::clamp<milliseconds>(wanted, kShortestInterval, kLongestInterval);
+  _watchdog.emplace("Watchdog", interval, [this, &manager] {
     ProbeStore(manager);
     _serviceManager.Tell("WATCHDOG=1\n" + GetStatus());
   });
@@ -83,7 +88,8 @@ void Upkeep::ReadLogOptions() const {
 }
 
 std::string Upkeep::GetStatus() const {
-  return "STATUS=Serving " + std::to_string(_counters.clients.Get()) + " clients on " + _addresses;
+  const unsigned long long clients = _counters.clients.Get();
+  return "STATUS=Serving " + std::to_string(clients) + (clients == 1 ? " client on " : " clients on ") + _addresses;
 }
 
 }  // namespace tavix::daemon

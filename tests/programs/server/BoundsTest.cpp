@@ -132,6 +132,8 @@ TEST(Bounds, BacklogBeyondTheHardBoundBreaksTheConnectionAtOnce) {
   for (int i = 0; i < 3; ++i) Converse(daemon.GetPort(), MergeOfLargeGroup());
   EXPECT_TRUE(Eventually(
       [&] { return Converse(daemon.GetPort(), "info subscribed\n") == "Subscribed groups\n-----------------\n\n"; }));
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(CountOf("connection cut: more unread than is kept 9000000\n", daemon.GetErrors()), 1u);
 }
 
 // Replies that nobody reads are kept up to a bound; then nothing more is read, and all are answered once somebody does.

@@ -84,6 +84,15 @@ TEST_F(InUse, LockThatCanNotBeMadeIsWarnedOfAndTheDaemonServes) {
       "off the user settings\n");
 }
 
+TEST_F(InUse, FullDiskDoesNotCostTheLock) {
+  Daemon first(_directory, {"--user-settings", "user.ini"}, {{}, 0});
+  first.AwaitAddresses();
+  Daemon second(_directory, {"--user-settings", "user.ini"});
+  EXPECT_EQ(second.AwaitEnd(), 69);
+  EXPECT_EQ(second.GetErrors(), "tavix-settings-server: 'user.ini' is in use by process ?\n");
+  EXPECT_EQ(first.GetErrors(), "");
+}
+
 TEST_F(InUse, ManyAtOnceLeaveExactlyOne) {
   for (int round = 0; round < 5; ++round) {
     std::vector<std::unique_ptr<Daemon>> daemons;

@@ -189,12 +189,24 @@ TEST(ServiceManagerThatIsGone, DoesNotKeepTheDaemonFromServing) {
   }
 }
 
+TEST_F(Notified, AnyWatchdogTimeIsKeptWithoutSpinning) {
+  for (const char* time : {"1", "9223372036854775807", "18446744073709551615", "-1", ""}) {
+    const ScopedEnvironment watchdog("WATCHDOG_USEC", time);
+    Daemon daemon(_directory);
+    ProtocolClient(daemon.GetPort()).AwaitHandled();
+    while (_manager.ReceiveFor(0)) continue;
+    int messages = 0;
+    while (_manager.ReceiveFor(5) && messages < 100) ++messages;
+    EXPECT_TRUE(time == std::string("1") ? messages == 100 : messages <= 1) << time << ": " << messages;
+  }
+}
+
 TEST_F(Watched, FeedsWhileTheStoreCanBeHadAndSaysHowManyClientsThereAre) {
   Daemon daemon(_directory);
   _manager.Await("READY=1");
   for (int i = 0; i < 5; ++i) EXPECT_THAT(_manager.Await(""), StartsWith("WATCHDOG=1\nSTATUS=Serving 0 clients on "));
   ProtocolClient client(daemon.GetPort());
-  _manager.Await("WATCHDOG=1\nSTATUS=Serving 1 clients on 127.0.0.1:");
+  _manager.Await("WATCHDOG=1\nSTATUS=Serving 1 client on 127.0.0.1:");
 }
 
 // Whoever reads the log is stuck: a save that fails is then held up, with the store locked, while it says so.
