@@ -53,10 +53,13 @@ void Console::Flush() {
 }
 
 void Console::Say(const std::string& line) const {
-  if (!_quiet) std::fprintf(stderr, "%s\n", line.c_str());
+  if (_quiet) return;
+  std::fflush(stdout);  // data and talk in the order in which they came, where both go to one place
+  std::fprintf(stderr, "%s\n", line.c_str());
 }
 
 void Console::Warn(const std::string& line) {
+  std::fflush(stdout);
   std::fprintf(stderr, "tavix-settings: %s\n", line.c_str());
 }
 

@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 
 #include "programs/cli/CommandLine.h"
@@ -47,8 +48,13 @@ void PrintLevels(Context& context, const IniFile& levels) {
     console.Print(Pretty(object));
     return;
   }
-  for (const auto& [group, keys] : levels)
-    console.Print(console.Paint(Console::kGroup, SpellName(group)) + "  " + Describe(keys.at(kKey)) + "\n");
+  size_t width = 0;
+  for (const auto& [group, keys] : levels) width = std::max(width, SpellName(group).size());
+  for (const auto& [group, keys] : levels) {
+    const std::string name = SpellName(group);
+    console.Print(console.Paint(Console::kGroup, name) + std::string(width - name.size() + 2, ' ') +
+                  Describe(keys.at(kKey)) + "\n");
+  }
 }
 
 int ReadLevel(Context& context, const std::string& group) {
@@ -73,7 +79,7 @@ int SetLevel(Context& context, const Options& options) {
   IniFile settings;
   settings.SetInt(options.group, kKey, level);
   Merge(context.GetSession(), settings, false);
-  context.GetConsole().Say("done: " + SpellName(options.group) + "  " + Describe(std::to_string(level)));
+  context.GetConsole().Say("done: " + SpellName(options.group) + " " + Describe(std::to_string(level)));
   return kExitDone;
 }
 

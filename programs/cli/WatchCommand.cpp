@@ -32,6 +32,7 @@ class Watch {
       : _context(context), _options(options), _targets(TargetsOf(options)), _follower(context, GroupsOf(_targets)) {}
 
   int Run() {
+    SayWhatIsWatched();
     IniFile known = Select(_follower.GetSettings());
     if (_options.isInitial) PrintInitial(known);
     const Follower::End end = FindEnd();
@@ -76,6 +77,14 @@ class Watch {
     whole.GetMatchingGroups(all, groups);
     for (const std::string& group : groups) selected.MergeSettings(all, group);
     return selected;
+  }
+
+  // For somebody who looks on: two words may name one setting where two groups were meant.
+  void SayWhatIsWatched() const {
+    if (!_context.GetConsole().IsOutputTerminal()) return;
+    std::string names;
+    for (const Target& target : _targets) names += " " + target.ToText();
+    _context.GetConsole().Say("watching" + names + "; Ctrl-C ends");
   }
 
   void PrintInitial(const IniFile& settings) const {

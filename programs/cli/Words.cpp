@@ -40,7 +40,7 @@ std::string KeyOf(const std::string& word, size_t end) {
 // "[group]" alone is a group.
 Target ParseBracketed(const std::string& word) {
   Target target{GroupOf(word), std::nullopt};
-  if (word.back() != ']' || word.find(']') + 1 != word.size()) target.key = KeyOf(word, word.size());
+  if (FindClosingBracket(word) + 1 != word.size()) target.key = KeyOf(word, word.size());
   return target;
 }
 
@@ -59,10 +59,12 @@ class AssignmentParser {
   IniFile Parse() {
     while (_at < _words.size()) {
       const std::string& word = Next("");
-      if (IsBracketed(word)) {
-        ParseBracketedWord(word);
-      } else {
+      if (!IsBracketed(word)) {
         ParseGroup(word);
+      } else if (FindClosingBracket(word) + 1 == word.size()) {
+        ParseGroup(GroupOf(word));
+      } else {
+        ParseBracketedWord(word);
       }
     }
     return std::move(_settings);
