@@ -129,6 +129,7 @@ CLI::App& CommandLine::AddTo(CLI::App& group, const std::string& names, const st
   CLI::App* command = group.add_subcommand(names.substr(0, comma), description);
   if (comma != std::string::npos) command->alias(names.substr(comma + 1));
   command->fallthrough();
+  command->footer("'tavix-settings --help' shows the options of every command.\n");
   command->callback([this, action = std::move(action)] { _action = action; });
   return *command;
 }
@@ -146,6 +147,9 @@ CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOpt
     const std::vector<std::string> extras = _app->remaining(true);
     FailUnknown(extras.empty() ? std::string() : Unmark(extras.front()));
   } catch (const CLI::ParseError& error) {
+    const std::vector<std::string> extras = _app->remaining(true);
+    if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && !extras.empty())
+      FailUnknown(Unmark(extras.front()));
     std::string text = error.what();
     text.erase(std::remove(text.begin(), text.end(), kMark), text.end());
     FailUsage(text);

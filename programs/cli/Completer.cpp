@@ -133,6 +133,7 @@ void Completer::Complete() {
   } else if (_current.rfind("--", 0) == 0 && _current.find('=') != std::string::npos) {
     const size_t equals = _current.find('=');
     const std::string option = _current.substr(0, equals);
+    _prefix = _current.substr(0, equals + 1);
     _current.erase(0, equals + 1);
     CompleteOptionValue(option);
   } else if (!_current.empty() && _current.front() == '-') {
@@ -228,7 +229,7 @@ Words Completer::ReadKeys(const std::string& group) const {
 void Completer::Offer(const Words& candidates, const std::string& prefix) const {
   for (const std::string& candidate : candidates) {
     const std::string word = prefix + candidate;
-    if (word.rfind(_current, 0) == 0) std::printf("%s\n", word.c_str());
+    if (word.rfind(_current, 0) == 0) std::printf("%s%s\n", _prefix.c_str(), word.c_str());
   }
 }
 

@@ -44,6 +44,7 @@ class Completer {
   const CLI::App* _command = nullptr;     // the innermost that was named
   std::vector<std::string> _positionals;  // of it, without the last word
   std::string _pending;                   // an option whose value is to be completed
+  std::string _prefix;                    // of the last word, in front of what is to be completed
   std::string _current;
 };
 

@@ -30,7 +30,7 @@ void AddCompletion(CommandLine& line) {
   CLI::App& command = line.Add("completion", "Print the completion script of a shell",
                                [shell](Context& context) { return PrintScript(context, *shell); });
   AddText(command, "SHELL", *shell, "bash, zsh or fish")->required();
-  command.footer("  eval \"$(tavix-settings completion bash)\"\n");
+  command.footer("For example: eval \"$(tavix-settings completion bash)\"\n");
 }
 
 }  // namespace tavix::cli

@@ -171,6 +171,7 @@ void Write(Session& session, const IniFile& before, const IniFile& after, const 
 int Edit(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
   Session& session = context.GetSession();
+  session.AllowNew();
   RefuseRestricted(session, options.words.empty() ? std::set<std::string>() : groups);
   const IniFile before = ReadGroups(session, groups);
   const EditedFile file;

@@ -9,8 +9,9 @@ namespace tavix::cli {
 
 void AddHelp(CommandLine& line) {
   const auto name = std::make_shared<std::string>();
-  CLI::App& command = line.Add("help", "Show the help of a command", [&line, name](Context& context) {
-    context.GetConsole().Print(line.GetHelp(*name));
+  CLI::App& command = line.Add("help", "Show the help of a command", [name](Context& context) {
+    // Not the one that was just parsed: what it was asked for would take the place of what is to be shown.
+    context.GetConsole().Print(CommandLine().GetHelp(*name));
     return kExitDone;
   });
   AddText(command, "COMMAND", *name, "The command; the program's own help without it");

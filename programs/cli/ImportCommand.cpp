@@ -34,6 +34,7 @@ class Import {
         _options(options),
         _session(context.GetSession()),
         _file(SelectGroups(ReadDocument(options.file), options.words)) {
+    _session.AllowNew();
     TakeOutDeletedGroups();
     TakeOutUnchangedRestricted();
   }

@@ -74,11 +74,11 @@ bool LocalSession::Write(const std::function<bool(IniFile&)>& change) const {
 }
 
 IniFile LocalSession::Get(const Groups& groups) {
-  return Select(Read(false).GetSettings(), groups);
+  return Select(Read(_mayBeNew).GetSettings(), groups);
 }
 
 IniFile LocalSession::GetUserSettings() {
-  return Read(false).GetSettings();
+  return Read(_mayBeNew).GetSettings();
 }
 
 void LocalSession::Merge(const IniFile& settings, bool isVolatile) {

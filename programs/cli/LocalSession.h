@@ -17,6 +17,7 @@ class LocalSession : public Session {
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
+  void AllowNew() override { _mayBeNew = true; }
   core::IniFile GetUserSettings() override;
   bool IsRestricted(const std::string&) const override { return false; }
   void Merge(const core::IniFile& settings, bool isVolatile) override;
@@ -37,6 +38,7 @@ class LocalSession : public Session {
   bool Write(const std::function<bool(core::IniFile&)>& change) const;
 
   const std::string _path;
+  bool _mayBeNew = false;
   Groups _subscribed;
   Groups _lastNames;  // of the subscribed groups, when they were last read
   int _watch = -1;    // a descriptor of inotify(7)

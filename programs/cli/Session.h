@@ -43,6 +43,9 @@ class Session {
   // The groups that names and '*' patterns mean.
   virtual core::IniFile Get(const Groups& groups) = 0;
 
+  // From now on a store that does not exist yet reads as an empty one: it is about to be written.
+  virtual void AllowNew() {}
+
   // What clients wrote, with the bookkeeping of what they deleted.
   virtual core::IniFile GetUserSettings() = 0;
 

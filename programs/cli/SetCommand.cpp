@@ -24,6 +24,7 @@ struct Options {
 
 void ShowWhatWouldChange(Context& context, const IniFile& condition, const IniFile& settings) {
   Session& session = context.GetSession();
+  session.AllowNew();
   RefuseRestricted(session, NamesOf(settings));
   IniFile asked = condition;
   asked.MergeSettings(settings);

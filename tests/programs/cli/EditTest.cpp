@@ -89,8 +89,7 @@ TEST_F(EditCommand, ConcurrentChangeIsMetAndTheTextKept) {
 TEST_F(EditCommand, ConcurrentChangeOfAGroupThatWasNotEditedDoesNotMatter) {
   const std::string other = std::string(TAVIX_CLI_PROGRAM) + " -q set '[Network/Wlan0]enabled=true'";
   EXPECT_EQ(Edit("sed -i s/true/false/ \"$1\"; " + other, {"Network/*"}).status, 0);
-  EXPECT_EQ(Ask("Network/*"),
-            "[Network/Eth0]\naddress=192.168.0.90\ndhcp=false\n[Network/Wlan0]\nenabled=true\n");
+  EXPECT_EQ(Ask("Network/*"), "[Network/Eth0]\naddress=192.168.0.90\ndhcp=false\n[Network/Wlan0]\nenabled=true\n");
 }
 
 TEST_F(EditCommand, TextThatDoesNotParseIsExitStatus6AndKept) {
@@ -120,12 +119,14 @@ TEST_F(EditCommand, DryRunShowsWhatWouldChange) {
 }
 
 TEST_F(EditCommand, VisualGoesBeforeEditorAndMayHaveArguments) {
-  const Outcome outcome = Run({"edit", "New"}, {}, {{"EDITOR", "false"}, {"VISUAL", Editor("echo \"$1=1\" >>\"$2\"") + " key"}});
+  const Outcome outcome =
+      Run({"edit", "New"}, {}, {{"EDITOR", "false"}, {"VISUAL", Editor("echo \"$1=1\" >>\"$2\"") + " key"}});
   EXPECT_EQ(outcome.output, "+[New]key=1\n");
 }
 
 TEST_F(EditCommand, OnATerminalWhatDoesNotParseMayBeEditedAgain) {
-  const std::string editor = Editor("if test -e second; then sed -i s/nonsense/a=1/ \"$1\"; else echo nonsense >>\"$1\"; touch second; fi");
+  const std::string editor =
+      Editor("if test -e second; then sed -i s/nonsense/a=1/ \"$1\"; else echo nonsense >>\"$1\"; touch second; fi");
   CommandProcess process(_directory.GetPath(), WithProgram({"--color=never", "edit", "New"}),
                          Environment({{"EDITOR", editor}}), CommandProcess::Streams::kTerminal);
   process.AwaitOutput("Edit again? [y/N] ");

@@ -25,11 +25,10 @@ TEST_F(InspectionCommands, StatusTellsAddressLatencyAndSizes) {
   for (const char* command : {"status", "ping"}) {
     const Outcome outcome = Run({command});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_THAT(outcome.output,
-                testing::MatchesRegex("server         " + _address +
-                                      "\nlatency        [0-9]+\\.[0-9][0-9][0-9] ms\ngroups         5\n"
-                                      "  restricted   1\n  user         1\nsettings       7\n"
-                                      "size           [0-9]+ bytes\nversion        [0-9.]+\n"));
+    EXPECT_THAT(outcome.output, testing::MatchesRegex("server         " + _address +
+                                                      "\nlatency        [0-9]+\\.[0-9][0-9][0-9] ms\ngroups         5\n"
+                                                      "  restricted   1\n  user         1\nsettings       7\n"
+                                                      "size           [0-9]+ bytes\nversion        [0-9.]+\n"));
   }
   const json status = json::parse(Run({"status", "--json"}).output);
   EXPECT_EQ(status["server"], _address);
@@ -101,9 +100,10 @@ TEST_F(InspectionCommands, ResourceThatDoesNotExistGetsASuggestion) {
   ExpectRun({"resource", "show", "bandwith"}, 1, "",
             "tavix-settings: there is no resource 'bandwith'; did you mean 'Bandwidth'?\n");
   ExpectRun({"resource", "reserve", "X", "1", "-c", "Y"}, 1, "", "tavix-settings: there is no resource 'X'\n");
-  ExpectRun({"resource", "reserve", "Sessions", "much", "-c", "Y"}, 2, "",
-            "tavix-settings: 'much' is no amount: expected a whole number, such as 20, or a share of the total, such as "
-            "20%\n");
+  ExpectRun(
+      {"resource", "reserve", "Sessions", "much", "-c", "Y"}, 2, "",
+      "tavix-settings: 'much' is no amount: expected a whole number, such as 20, or a share of the total, such as "
+      "20%\n");
 }
 
 TEST_F(InspectionCommands, LogLevelIsReadAndSetByNameOrNumber) {

@@ -46,7 +46,9 @@ TEST_F(OnATerminal, ChangesAndMatchesAreColored) {
 
 TEST_F(OnATerminal, ControlBytesNeverReachIt) {
   Merge("[C]\nx=\\x1b[31mred\\x07\\n\\xc2\\x9b1m\\xff\n");
-  Run({"set", "[C]y", "\xC2\x9B" "1m"});
+  Run({"set", "[C]y",
+       "\xC2\x9B"
+       "1m"});
   for (const Words& words : std::vector<Words>{{"get", "[C]x"},
                                                {"get", "[C]y"},
                                                {"get", "-n", "[C]x"},
@@ -59,7 +61,8 @@ TEST_F(OnATerminal, ControlBytesNeverReachIt) {
     Words plain = words;
     plain.insert(plain.begin(), "--color=never");
     const std::string output = RunThere(plain);
-    for (const char* bytes : {"\x1b", "\x07", "\xC2\x9B", "\xFF"}) EXPECT_THAT(output, Not(HasSubstr(bytes))) << words[0];
+    for (const char* bytes : {"\x1b", "\x07", "\xC2\x9B", "\xFF"})
+      EXPECT_THAT(output, Not(HasSubstr(bytes))) << words[0];
   }
   EXPECT_EQ(RunThere({"get", "[C]y"}), "\\xc2\\x9b1m\n");
 }
