@@ -29,6 +29,7 @@ using std::chrono::milliseconds;
 constexpr char kLabel[] = "tavix-settings-server";
 constexpr char kVariable[] = "TAVIX_SETTINGS_SERVER";
 constexpr char kUnix[] = "unix:";
+constexpr long long kLongestWait = 1000 * 1000 * 1000;  // milliseconds, what poll(2) takes at a time
 constexpr size_t kMostAtOnce = 64 * size_t{1024};
 
 bool IsUnix(const std::string& server) {
@@ -44,6 +45,16 @@ osa::ServiceEndpoint FindEndpoint(const std::string& server) {
   }
 }
 
+// A peer that is gone without a farewell is found within a minute.
+void SetUpTcp(int descriptor) {
+  const auto set = [&](int level, int name, int value) { setsockopt(descriptor, level, name, &value, sizeof value); };
+  set(IPPROTO_TCP, TCP_NODELAY, 1);
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
+  set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+}
+
 // Waits for the event in spite of signals; false when the time is up.
 bool Await(int descriptor, short events, std::optional<milliseconds> limit) {
   using Clock = std::chrono::steady_clock;
@@ -51,9 +62,10 @@ bool Await(int descriptor, short events, std::optional<milliseconds> limit) {
   while (true) {
     const auto left = std::chrono::ceil<milliseconds>(end - Clock::now()).count();
     pollfd waiting{descriptor, events, 0};
-    const int count = poll(&waiting, 1, limit ? static_cast<int>(std::max<long long>(left, 0)) : -1);
+    const int count = poll(&waiting, 1, limit ? static_cast<int>(std::clamp<long long>(left, 0, kLongestWait)) : -1);
     if (count > 0) return true;
-    if (count == 0 || errno != EINTR) return false;
+    if (count == 0 && left <= kLongestWait) return false;
+    if (count < 0 && errno != EINTR) return false;
   }
 }
 
@@ -110,8 +122,7 @@ bool Connection::TryConnect(int family, const void* address, unsigned int size) 
   _descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   _error = errno;
   if (_descriptor < 0) return false;
-  const int on = 1;
-  if (family != AF_UNIX) setsockopt(_descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (family != AF_UNIX) SetUpTcp(_descriptor);
   _error = connect(_descriptor, static_cast<const sockaddr*>(address), size) == 0 ? 0 : errno;
   if (_error == EINPROGRESS) {
     socklen_t length = sizeof _error;

@@ -4,6 +4,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -41,11 +42,6 @@ Session::Groups NamesOf(const IniFile& settings) {
 
 bool IsMissing(const std::string& path) {
   return access(path.c_str(), F_OK) != 0 && errno == ENOENT;
-}
-
-std::string DirectoryOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
 }  // namespace
@@ -121,7 +117,7 @@ IniFile LocalSession::Subscribe(const Groups& groups) {
   _subscribed = groups;
   if (_watch < 0) _watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
-  if (_watch < 0 || inotify_add_watch(_watch, DirectoryOf(_path).c_str(), events) < 0)
+  if (_watch < 0 || inotify_add_watch(_watch, FindDirectory(_path).c_str(), events) < 0)
     throw Failure(kExitNoServer, "'" + _path + "' can't be watched: " + std::strerror(errno));
   IniFile settings = Get(groups);
   _lastNames = NamesOf(settings);
@@ -130,7 +126,9 @@ IniFile LocalSession::Subscribe(const Groups& groups) {
 
 std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
   pollfd waiting{_watch, POLLIN, 0};
-  if (poll(&waiting, 1, limit ? static_cast<int>(limit->count()) : -1) <= 0) return std::nullopt;
+  constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
+  const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
+  if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
   alignas(inotify_event) char events[4096];
   while (read(_watch, events, sizeof events) > 0) continue;
   Notice notice;

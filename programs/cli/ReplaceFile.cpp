@@ -101,6 +101,10 @@ std::string ReadFile(const std::string& path) {
   }
 }
 
+std::string FindDirectory(const std::string& path) {
+  return DirectoryOf(TargetOf(path));
+}
+
 void ReplaceFile(const std::string& path, const std::string& text) {
   const std::string target = TargetOf(path);
   std::string name = target + ".XXXXXX";
@@ -112,7 +116,7 @@ void ReplaceFile(const std::string& path, const std::string& text) {
 }
 
 FileLock::FileLock(const std::string& path)
-    : _descriptor(open(DirectoryOf(TargetOf(path)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    : _descriptor(open(FindDirectory(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   while (_descriptor >= 0 && flock(_descriptor, LOCK_EX) != 0 && errno == EINTR) continue;
 }
 

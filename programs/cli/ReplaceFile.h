@@ -8,6 +8,9 @@ namespace tavix::cli {
 // be read.
 std::string ReadFile(const std::string& path);
 
+// The directory of what "path" leads to, where links end.
+std::string FindDirectory(const std::string& path);
+
 // Replaces the file at "path", or makes it: written beside it, synced and renamed, so that whatever fails the file is
 // the old one or the new one, whole. Keeps the old file's permissions, and follows a link to it.
 // Throws Failure, kExitNotApplied, that names the file and the reason.

@@ -127,7 +127,7 @@ void AddWatch(CommandLine& line) {
   });
   AddTexts(command, "SETTING", options->words, "Groups, '*' patterns or '[group]key'; everything without any");
   command.add_option("--count", options->count, "End after so many changes")->check(CLI::PositiveNumber);
-  command.add_option("--for", options->seconds, "End after so many seconds")->check(CLI::PositiveNumber);
+  command.add_option("--for", options->seconds, "End after so many seconds")->check(CLI::Range(0.001, 1e9));
   command.add_flag("--initial", options->isInitial, "Print what is set now first");
   AddText(command, "--exec", options->command,
           "Run this by the shell for each change, with TAVIX_GROUP, TAVIX_KEY, TAVIX_OLD and TAVIX_NEW");
