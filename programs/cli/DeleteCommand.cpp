@@ -7,7 +7,7 @@
 #include "programs/cli/Confirmation.h"
 #include "programs/cli/Documents.h"
 #include "programs/cli/Failure.h"
-#include "programs/cli/Spelling.h"
+#include "programs/cli/Missing.h"
 #include "programs/cli/Words.h"
 #include "programs/cli/Writes.h"
 
@@ -33,7 +33,7 @@ IniFile Select(Session& session, const std::set<std::string>& groups) {
   RefuseRestricted(session, names);
   IniFile all = session.Get(groups);
   for (const std::string& name : names) {
-    if (!all.HasGroup(name)) throw Failure(kExitNo, "there is no group '" + SpellName(name) + "'");
+    if (!all.HasGroup(name)) throw Failure(kExitNo, DescribeMissingGroups(session, {name}));
   }
   for (const std::string& name : NamesOf(all)) {
     if (session.IsRestricted(name)) all.RemoveGroup(name);

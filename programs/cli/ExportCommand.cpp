@@ -6,6 +6,8 @@
 #include "programs/cli/Commands.h"
 #include "programs/cli/Documents.h"
 #include "programs/cli/Failure.h"
+#include "programs/cli/Missing.h"
+#include "programs/cli/Words.h"
 
 namespace tavix::cli {
 
@@ -20,7 +22,8 @@ int Export(Context& context, const Options& options) {
   context.RequireOutput({Output::kIni, Output::kJson});
   size_t leftOut = 0;
   const core::IniFile settings = ReadStore(context.GetSession(), options.words, options.isUserLayer, leftOut);
-  if (settings.IsEmpty() && !options.words.empty()) throw Failure(kExitNo, "no group matches");
+  if (settings.IsEmpty() && !options.words.empty())
+    throw Failure(kExitNo, DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
   PrintAs(context.GetConsole(), context.GetOptions().output, settings);
   if (leftOut > 0)
     context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");

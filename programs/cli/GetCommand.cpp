@@ -6,10 +6,8 @@
 #include "programs/cli/Documents.h"
 #include "programs/cli/Failure.h"
 #include "programs/cli/Json.h"
-#include "programs/cli/Spelling.h"
-#include "programs/cli/Suggestion.h"
+#include "programs/cli/Missing.h"
 #include "programs/cli/Words.h"
-#include "programs/cli/Writes.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::cli {
@@ -32,28 +30,6 @@ struct Selection {
   bool isComplete = true;
 };
 
-std::vector<std::string> KeysOf(const IniFile& settings, const std::string& group) {
-  std::vector<std::string> keys;
-  if (!settings.HasGroup(group)) return keys;
-  for (const auto& [key, value] : settings[group]) keys.push_back(key);
-  return keys;
-}
-
-// Names what there is instead: the answer is no anyway, and a look at all names costs little.
-std::string FindHint(Session& session, const Target& target, const IniFile& all) {
-  if (target.key && all.HasGroup(target.group)) return DidYouMean(*target.key, KeysOf(all, target.group));
-  if (target.IsPattern()) return std::string();
-  const std::set<std::string> names = NamesOf(session.Get({"*"}));
-  return DidYouMean(target.group, {names.begin(), names.end()});
-}
-
-void SayMissing(Session& session, const Target& target, const IniFile& all) {
-  const std::string text = target.key           ? target.ToText() + " is not set"
-                           : target.IsPattern() ? "no group matches '" + target.ToText() + "'"
-                                                : "there is no group '" + target.ToText() + "'";
-  Console::Warn(text + FindHint(session, target, all));
-}
-
 void SelectSetting(Session& session, const Target& target, const IniFile& all, const Options& options,
                    Selection& selection) {
   if (all.HasValue(target.group, *target.key)) {
@@ -61,7 +37,7 @@ void SelectSetting(Session& session, const Target& target, const IniFile& all, c
   } else if (options.hasDefault) {
     selection.settings.SetValue(target.group, *target.key, options.defaultValue);
   } else {
-    SayMissing(session, target, all);
+    Console::Warn(DescribeMissingSetting(session, target.group, *target.key));
     selection.isComplete = false;
   }
 }
@@ -73,7 +49,7 @@ void SelectGroups(Session& session, const Target& target, const IniFile& all, Se
   matcher.GetMatchingGroups(all, groups);
   for (const std::string& group : groups) selection.settings.MergeSettings(all, group);
   if (!groups.empty()) return;
-  SayMissing(session, target, all);
+  Console::Warn(DescribeMissingGroups(session, {target.group}));
   selection.isComplete = false;
 }
 

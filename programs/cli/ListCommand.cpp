@@ -8,6 +8,7 @@
 #include "programs/cli/Failure.h"
 #include "programs/cli/Json.h"
 #include "programs/cli/Layers.h"
+#include "programs/cli/Missing.h"
 #include "programs/cli/Spelling.h"
 #include "programs/cli/Words.h"
 
@@ -87,7 +88,9 @@ int List(Context& context, const Options& options) {
   } else {
     PrintGroups(context, settings, origin);
   }
-  return settings.IsEmpty() && !options.words.empty() ? kExitNo : kExitDone;
+  if (!settings.IsEmpty() || options.words.empty()) return kExitDone;
+  Console::Warn(DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
+  return kExitNo;
 }
 
 }  // namespace

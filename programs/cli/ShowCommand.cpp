@@ -7,6 +7,7 @@
 #include "programs/cli/Failure.h"
 #include "programs/cli/Json.h"
 #include "programs/cli/Layers.h"
+#include "programs/cli/Missing.h"
 #include "programs/cli/Words.h"
 
 namespace tavix::cli {
@@ -62,7 +63,7 @@ int Show(Context& context, const Options& options) {
     PrintAs(console, context.GetOptions().output, settings);
   }
   if (!settings.IsEmpty() || options.words.empty()) return kExitDone;
-  Console::Warn("no group matches");
+  Console::Warn(DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
   return kExitNo;
 }
 

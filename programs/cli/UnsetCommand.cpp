@@ -6,7 +6,7 @@
 #include "programs/cli/Commands.h"
 #include "programs/cli/Documents.h"
 #include "programs/cli/Failure.h"
-#include "programs/cli/Spelling.h"
+#include "programs/cli/Missing.h"
 #include "programs/cli/Words.h"
 #include "programs/cli/Writes.h"
 
@@ -31,7 +31,8 @@ int Unset(Context& context, const Options& options) {
   const IniFile before = session.Get(groups);
   IniFile after = before;
   for (const Target& setting : settings) {
-    if (!before.HasValue(setting.group, *setting.key)) throw Failure(kExitNo, setting.ToText() + " is not set");
+    if (!before.HasValue(setting.group, *setting.key))
+      throw Failure(kExitNo, DescribeMissingSetting(session, setting.group, *setting.key));
     after[setting.group].erase(*setting.key);
   }
   if (options.isDryRun) {

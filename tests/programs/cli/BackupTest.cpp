@@ -44,7 +44,7 @@ TEST_F(BackupCommands, ExportLeavesRestrictedGroupsOutAndSaysSo) {
   ExpectRun({"export"}, 0, kDefaults, kLeftOut);
   ExpectRun({"export", "*"}, 0, std::string(kDefaults) + kRestricted, "");
   ExpectRun({"export", "Network/Wlan0"}, 0, "[Network/Wlan0]\nenabled=false\n", "");
-  ExpectRun({"export", "Nothing"}, 1, "", "tavix-settings: no group matches\n");
+  ExpectRun({"export", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
 }
 
 TEST_F(BackupCommands, ExportPrintsJson) {

@@ -81,7 +81,7 @@ TEST_F(Completion, IsDoneInTimeWhateverTheServerDoes) {
     EXPECT_EQ(Complete({"-s", "127.0.0.1:" + std::to_string(silent.GetPort()), "get", "N"}), "");
   });
   EXPECT_GE(took, 200);
-  EXPECT_LT(took, 1500);  // a busy machine may start programs late
+  EXPECT_LT(took, 3000);  // a busy machine may start programs late
 }
 
 TEST_F(Completion, IsPrintedForEachShellAsItIsInstalled) {

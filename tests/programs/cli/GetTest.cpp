@@ -34,6 +34,8 @@ TEST_F(GetCommand, MissingSettingIsExitStatus1AndASuggestion) {
             "tavix-settings: [Network/Eth0]adress is not set; did you mean 'address'?\n");
   ExpectRun({"get", "Network/Eht0"}, 1, "",
             "tavix-settings: there is no group 'Network/Eht0'; did you mean 'Network/Eth0'?\n");
+  ExpectRun({"get", "Network/Eth0", "Network/Wlan0"}, 1, "",
+            "tavix-settings: [Network/Eth0]Network/Wlan0 is not set; for two groups, use 'show'\n");
   ExpectRun({"get", "Nothing/*"}, 1, "", "tavix-settings: no group matches 'Nothing/*'\n");
 }
 

@@ -19,7 +19,7 @@ TEST_F(ListingCommands, ListPrintsGroupsWithTheirNumbersOfSettings) {
   ExpectRun({"list", "Network/*", "Device/Identity"}, 0, "Device/Identity  2\nNetwork/Eth0     2\nNetwork/Wlan0    1\n",
             "");
   ExpectRun({"list", "-o", "value", "N*"}, 0, "Network/Eth0\nNetwork/Wlan0\n", "");
-  ExpectRun({"list", "Nothing"}, 1, "", "");
+  ExpectRun({"list", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
 }
 
 TEST_F(ListingCommands, ListTellsTheLayer) {
@@ -50,7 +50,10 @@ TEST_F(ListingCommands, ShowPrintsIniWithEmptyLinesBetweenGroups) {
   ExpectRun({"show", "Network/*"}, 0,
             "[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n\n[Network/Wlan0]\nenabled=false\n", "");
   EXPECT_THAT(Run({"show"}).output, testing::EndsWith("\n\n[Secure/Wlan0]\npassphrase=example\n"));
-  ExpectRun({"show", "Nothing"}, 1, "", "tavix-settings: no group matches\n");
+  ExpectRun({"show", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
+  ExpectRun({"show", "Nothing", "X*"}, 1, "", "tavix-settings: no group matches\n");
+  ExpectRun({"show", "Network/eth0"}, 1, "",
+            "tavix-settings: there is no group 'Network/eth0'; did you mean 'Network/Eth0'?\n");
 }
 
 TEST_F(ListingCommands, ShowPrintsInEveryForm) {

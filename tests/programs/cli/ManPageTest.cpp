@@ -56,7 +56,7 @@ TEST_F(ManPage, NamesEveryCommand) {
 TEST_F(ManPage, NamesEveryOptionAndNoOther) {
   const std::string page = ReadPage();
   const std::set<std::string> options = FindAllOptions();
-  EXPECT_GT(options.size(), 30U);
+  EXPECT_GE(options.size(), 30U);
   for (const std::string& option : options) EXPECT_THAT(page, HasSubstr("*" + option + "*"));
   const std::regex bold("\\*(--[a-z-]+)");
   for (std::sregex_iterator at(page.begin(), page.end(), bold), end; at != end; ++at)

@@ -63,7 +63,8 @@ TEST_F(RemovalCommands, DeleteInADryRunShowsWhatWouldGo) {
 }
 
 TEST_F(RemovalCommands, DeleteOfAMissingGroupIsExitStatus1AndDeletesNone) {
-  ExpectRun({"delete", "Network/Eth0", "Network/Eth1"}, 1, "", "tavix-settings: there is no group 'Network/Eth1'\n");
+  ExpectRun({"delete", "Network/Eth0", "Network/Eth1"}, 1, "",
+            "tavix-settings: there is no group 'Network/Eth1'; did you mean 'Network/Eth0'?\n");
   ExpectRun({"delete", "Nothing*", "-y"}, 1, "", "tavix-settings: no group matches that could be deleted\n");
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
