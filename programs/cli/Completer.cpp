@@ -196,7 +196,7 @@ void Completer::CompleteResources() {
   if (!_positionals.empty()) return;
   Console console(_options);
   Context context(_options, console);
-  const std::set<std::string> names = Figures(context.GetSession()).GetResources();
+  const std::set<std::string> names = Figures::Read(context.GetSession()).GetResources();
   Offer({names.begin(), names.end()});
 }
 
@@ -204,7 +204,7 @@ void Completer::CompleteConsumers() {
   if (_positionals.empty()) return;
   Console console(_options);
   Context context(_options, console);
-  const std::set<std::string> names = Figures(context.GetSession()).GetConsumers(_positionals.front());
+  const std::set<std::string> names = Figures::Read(context.GetSession()).GetConsumers(_positionals.front());
   Offer({names.begin(), names.end()});
 }
 

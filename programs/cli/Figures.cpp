@@ -1,24 +1,24 @@
 #include "programs/cli/Figures.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 
 #include "programs/cli/Failure.h"
+#include "programs/cli/Spelling.h"
 #include "programs/cli/Writes.h"
 #include "tavix/core/StringUtil.h"
-#include "tavix/settings/ResourceManager.h"
-#include "tavix/settings/TavixSettingsClient.h"
 
 namespace tavix::cli {
 
 using core::IniFile;
-using settings::ResourceManager;
-using settings::TavixSettingsClient;
 
 namespace {
 
 constexpr char kPrefix[] = "Resources/";
 constexpr int kDefaultTotal = 100;
+constexpr double kRoundingMiss = 0.01;
 
 std::string GroupOf(const std::string& resource) {
   return kPrefix + resource;
@@ -39,24 +39,30 @@ std::set<std::string> FindNames(const IniFile& settings, const std::string& pref
   return names;
 }
 
-ResourceManager::ResourceUsage ParseAmount(const std::string& resource, const std::string& amount) {
-  ResourceManager::ResourceUsage usage;
-  usage.resource = resource;
-  if (core::StringUtil::TryParse(amount, usage.amount)) return usage;
-  char* end = nullptr;
-  const double percent = std::strtod(amount.c_str(), &end);
-  if (end == amount.c_str() || std::string(end) != "%" || !std::isfinite(percent))
-    throw Failure(kExitUsage, "'" + amount +
-                                  "' is no amount: expected a whole number, such as 20, or a share of the "
-                                  "total, such as 20%");
-  usage.isPercent = true;
-  usage.fraction = percent / 100;
-  return usage;
+int Saturated(long long value) {
+  return static_cast<int>(
+      std::clamp<long long>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }
 
 }  // namespace
 
-Figures::Figures(Session& session) : _settings(session.Get({std::string(kPrefix) + "*"})) {}
+Figures::Amount Figures::ParseAmount(const std::string& text) {
+  Amount amount;
+  if (core::StringUtil::TryParse(text, amount.number)) return amount;
+  char* end = nullptr;
+  const double percent = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || std::string(end) != "%" || !std::isfinite(percent))
+    throw Failure(kExitUsage, "'" + SpellValue(text) +
+                                  "' is no amount: expected a whole number, such as 20, or a share "
+                                  "of the total, such as 20%");
+  amount.isShare = true;
+  amount.fraction = percent / 100;
+  return amount;
+}
+
+Figures Figures::Read(Session& session) {
+  return Figures(session.Get({std::string(kPrefix) + "*"}));
+}
 
 std::set<std::string> Figures::GetResources() const {
   return FindNames(_settings, kPrefix);
@@ -78,9 +84,18 @@ int Figures::GetUsed(const std::string& resource, const std::string& consumer) c
   return _settings.GetIntOrDefault(GroupOf(resource, consumer), "CurrentlyUsed", 0);
 }
 
+long long Figures::GetUsedByOthers(const std::string& resource, const std::string& consumer) const {
+  long long used = 0;
+  for (const std::string& other : FindNames(_settings, GroupOf(resource) + "/Consumers/")) {
+    if (other != consumer) used += GetUsed(resource, other);
+  }
+  return used;
+}
+
 long long Figures::GetUsedByAll(const std::string& resource) const {
   long long used = 0;
-  for (const std::string& consumer : GetConsumers(resource)) used += GetUsed(resource, consumer);
+  for (const std::string& consumer : FindNames(_settings, GroupOf(resource) + "/Consumers/"))
+    used += GetUsed(resource, consumer);
   return used;
 }
 
@@ -90,22 +105,49 @@ std::optional<int> Figures::GetMost(const std::string& resource, const std::stri
   return core::StringUtil::TryParse(text, most) ? std::make_optional(most) : std::nullopt;
 }
 
-// The rules are the library's: its manager books in a store of its own that holds what was just read, and what it
-// booked there is written to the real one if all of that still holds.
+bool Figures::IsAllowed(const std::string& resource, const std::string& consumer) const {
+  const std::string group = GroupOf(resource) + "/AllowedConsumers";
+  if (!_settings.HasGroup(group)) return true;
+  const IniFile::KeyMap& allowed = _settings[group];
+  return std::any_of(allowed.begin(), allowed.end(), [&](const auto& entry) { return entry.second == consumer; });
+}
+
+int Figures::GetAvailable(const std::string& resource, const std::string& consumer) const {
+  if (!IsAllowed(resource, consumer)) return 0;
+  const int available = Saturated(GetTotal(resource) - GetUsedByOthers(resource, consumer));
+  return std::min(available, GetMost(resource, consumer).value_or(available));
+}
+
+std::optional<int> Figures::FindBooking(const std::string& resource, const std::string& consumer,
+                                        const Amount& amount) const {
+  const int available = GetAvailable(resource, consumer);
+  const std::optional<int> booking =
+      amount.isShare ? FindShare(amount.fraction * GetTotal(resource), available) : amount.number;
+  if (!booking || *booking < 0) return std::nullopt;
+  if (*booking > 0 && *booking > available) return std::nullopt;
+  return booking;
+}
+
+// Rounded up; a share that does not fit only because of that takes what there is.
+std::optional<int> Figures::FindShare(double share, int available) {
+  const double rounded = std::ceil(share);
+  if (!std::isfinite(share) || std::fabs(rounded) > std::numeric_limits<int>::max()) return std::nullopt;
+  if (rounded <= available || rounded == 0) return static_cast<int>(rounded);
+  if (share <= available + kRoundingMiss) return available;
+  return std::nullopt;
+}
+
 std::optional<int> Book(Session& session, const std::string& resource, const std::string& consumer,
-                        const std::string& amount) {
-  const ResourceManager::ResourceUsage usage = ParseAmount(resource, amount);
+                        const Figures::Amount& amount) {
   const std::string group = GroupOf(resource, consumer);
   RefuseRestricted(session, {group});
   while (true) {
-    const IniFile figures = session.Get({GroupOf(resource) + "*"});
-    TavixSettingsClient model(TavixSettingsClient::Local, figures);
-    ResourceManager manager(&model);
-    if (!manager.ReserveForConsumer(consumer, {usage})) return std::nullopt;
-    const int booked = manager.GetUsed(consumer, resource);
-    IniFile booking;
-    booking.SetInt(group, "CurrentlyUsed", booked);
-    if (session.TestAndMerge(figures, booking)) return booked;
+    const IniFile read = session.Get({GroupOf(resource) + "*"});
+    const std::optional<int> booking = Figures(read).FindBooking(resource, consumer, amount);
+    if (!booking) return std::nullopt;
+    IniFile written;
+    written.SetInt(group, "CurrentlyUsed", *booking);
+    if (session.TestAndMerge(read, written)) return booking;
   }
 }
 

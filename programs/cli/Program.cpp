@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 
 #include "programs/cli/CommandLine.h"
@@ -51,8 +50,6 @@ int Run(const std::vector<std::string>& words) {
 
 int RunProgram(int argc, char** argv) {
   HandleInterrupt();
-  // The library would take its own store in place of the one that was asked for.
-  unsetenv("TAVIX_SETTINGS_LOCALFILE");
   try {
     return Run({argv + (argc > 0 ? 1 : 0), argv + argc});
   } catch (const Failure& failure) {

@@ -83,7 +83,7 @@ std::string ToLine(const Console& console, const Figures& figures, const std::st
 
 int ListResources(Context& context) {
   context.RequireOutput({Output::kJson});
-  const Figures figures(context.GetSession());
+  const Figures figures = Figures::Read(context.GetSession());
   Console& console = context.GetConsole();
   const std::set<std::string> resources = figures.GetResources();
   if (context.PrintsJson()) {
@@ -99,7 +99,7 @@ int ListResources(Context& context) {
 
 int ShowResource(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  const Figures figures(context.GetSession());
+  const Figures figures = Figures::Read(context.GetSession());
   RequireResource(figures, options.resource);
   Console& console = context.GetConsole();
   if (context.PrintsJson()) {
@@ -121,8 +121,9 @@ int ShowResource(Context& context, const Options& options) {
 
 int Reserve(Context& context, const Options& options) {
   Session& session = context.GetSession();
-  RequireResource(Figures(session), options.resource);
-  const std::optional<int> booked = Book(session, options.resource, options.consumer, options.amount);
+  const Figures::Amount amount = Figures::ParseAmount(options.amount);
+  RequireResource(Figures::Read(session), options.resource);
+  const std::optional<int> booked = Book(session, options.resource, options.consumer, amount);
   if (!booked)
     throw Failure(kExitNo,
                   "'" + SpellValue(options.amount) + "' of " + SpellName(options.resource) + " does not fit for " +
