@@ -91,6 +91,10 @@ CommandLine::CommandLine()
       _app(std::make_unique<CLI::App>("Reads, changes and watches a device's settings.", "tavix-settings")) {
   _app->require_subcommand(0, 1);
   _app->footer(kFooter);
+  _app->get_formatter()->label("Subcommands", "Commands");
+  _app->get_formatter()->label("SUBCOMMAND", "COMMAND");
+  _app->get_formatter()->label("OPTIONS", "OPTION...");
+  _app->get_formatter()->label("REQUIRED", "");
   AddGlobalOptions();
   AddAllCommands(*this);
 }
@@ -100,17 +104,21 @@ CommandLine::~CommandLine() = default;
 void CommandLine::AddGlobalOptions() {
   _app->set_help_flag("-h,--help", "Show this text");
   _app->set_version_flag("-V,--version", "tavix-settings " TAVIX_VERSION, "Show the version");
-  AddText(*_app, "-s,--server", _words->server, "HOST, HOST:PORT or unix:PATH of the server (TAVIX_SETTINGS_SERVER)");
-  AddText(*_app, "--local", _words->local, "Work on a settings file, without a server")->excludes("--server");
+  AddText(*_app, "-s,--server", _words->server, "HOST, HOST:PORT or unix:PATH (or TAVIX_SETTINGS_SERVER)")
+      ->type_name("SERVER");
+  AddText(*_app, "--local", _words->local, "Work on a settings file, without a server")->type_name("FILE");
   _app->add_option("-t,--timeout", _words->timeout, "Seconds that the server may keep silent (2)")
-      ->check(CLI::Range(0.001, 1e6));
+      ->check(CLI::Range(0.001, 1e6).description(""))
+      ->type_name("SECONDS");
   _app->add_option("-o,--output", _words->output, "text, ini, json, shell or value")
-      ->check(CLI::IsMember({"text", "ini", "json", "shell", "value"}));
+      ->check(CLI::IsMember({"text", "ini", "json", "shell", "value"}).description(""))
+      ->type_name("FORM");
   _app->add_flag("--json", _words->json, "The same as --output json");
   _app->add_flag("-q,--quiet", _words->quiet, "Say nothing but errors");
   _app->add_flag("-v,--verbose", _words->verbose, "Show the protocol's lines, > sent and < received");
   _app->add_option("--color", _words->color, "auto, always or never")
-      ->check(CLI::IsMember({"auto", "always", "never"}));
+      ->check(CLI::IsMember({"auto", "always", "never"}).description(""))
+      ->type_name("WHEN");
 }
 
 CLI::App& CommandLine::Add(const std::string& names, const std::string& description, Action action) {
@@ -140,7 +148,7 @@ CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOpt
     ReadGlobalOptions(options);
     return action;
   } catch (const CLI::CallForHelp&) {
-    std::fputs(ChosenCommand(_app.get())->help().c_str(), stdout);
+    std::fputs(_app->help().c_str(), stdout);
   } catch (const CLI::CallForVersion& version) {
     std::printf("%s\n", version.what());
   } catch (const CLI::ExtrasError&) {
@@ -167,6 +175,8 @@ CommandLine::Action CommandLine::ParseProtected(std::vector<std::string> words) 
 }
 
 void CommandLine::ReadGlobalOptions(GlobalOptions& options) const {
+  if (!_words->server.empty() && !_words->local.empty())
+    FailUsage("--server and --local can't go together: it is one store or the other");
   options.server = _words->server;
   options.local = _words->local;
   options.timeout = _words->timeout;
@@ -203,19 +213,28 @@ void CommandLine::FailUsage(const std::string& text) const {
 std::string CommandLine::GetHelp(const std::string& command) const {
   if (command.empty()) return _app->help();
   for (const CLI::App* found : _app->get_subcommands([](const CLI::App*) { return true; })) {
-    if (found->check_name(command)) return found->help();
+    if (found->check_name(command)) return found->help(_app->get_name());
   }
   throw Failure(kExitUsage,
                 "there is no command '" + SpellValue(command) + "'" + DidYouMean(command, CommandNames(*_app)));
 }
 
+namespace {
+
+// What has a dash is shown with a word for its value.
+const char* TypeNameOf(const std::string& names) {
+  return names.front() == '-' ? "TEXT" : "";
+}
+
+}  // namespace
+
 CLI::Option* AddText(CLI::App& command, const std::string& names, std::string& target, const std::string& description) {
-  return command.add_option(names, target, description)->transform(Unmark, "")->type_name("TEXT");
+  return command.add_option(names, target, description)->transform(Unmark, "")->type_name(TypeNameOf(names));
 }
 
 CLI::Option* AddTexts(CLI::App& command, const std::string& names, std::vector<std::string>& target,
                       const std::string& description) {
-  return command.add_option(names, target, description)->transform(Unmark, "")->type_name("TEXT");
+  return command.add_option(names, target, description)->transform(Unmark, "")->type_name(TypeNameOf(names));
 }
 
 }  // namespace tavix::cli

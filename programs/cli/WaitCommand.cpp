@@ -132,7 +132,8 @@ void AddWait(CommandLine& line) {
   AddTexts(command, "SETTING", options->words, "'[group]key=value', '[group]key', GROUP KEY, or GROUP KEY VALUE")
       ->required();
   command.add_option("--timeout", options->seconds, "Give up after so many seconds, with exit status 1")
-      ->check(CLI::Range(0.0, 1e9));
+      ->check(CLI::Range(0.0, 1e9).description(""))
+      ->type_name("SECONDS");
   CLI::Option* unset = command.add_flag("--unset", options->isUnset, "Until the settings are not there");
   command.add_flag("--changed", options->isChanged, "Until the settings are not what they are now")->excludes(unset);
 }

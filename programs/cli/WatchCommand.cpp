@@ -126,8 +126,12 @@ void AddWatch(CommandLine& line) {
     return Watch(context, *options).Run();
   });
   AddTexts(command, "SETTING", options->words, "Groups, '*' patterns or '[group]key'; everything without any");
-  command.add_option("--count", options->count, "End after so many changes")->check(CLI::PositiveNumber);
-  command.add_option("--for", options->seconds, "End after so many seconds")->check(CLI::Range(0.001, 1e9));
+  command.add_option("--count", options->count, "End after so many changes")
+      ->check(CLI::Range(1, 1000000000).description(""))
+      ->type_name("N");
+  command.add_option("--for", options->seconds, "End after so many seconds")
+      ->check(CLI::Range(0.001, 1e9).description(""))
+      ->type_name("SECONDS");
   command.add_flag("--initial", options->isInitial, "Print what is set now first");
   AddText(command, "--exec", options->command,
           "Run this by the shell for each change, with TAVIX_GROUP, TAVIX_KEY, TAVIX_OLD and TAVIX_NEW");
