@@ -1,10 +1,25 @@
-# What "cmake --install" puts where: the daemon, both libraries, the headers that users include, and what find_package
-# and pkg-config ask for.
+# What "cmake --install" puts where: the daemon, the command with its completions, man pages, both libraries, the
+# headers that users include, and what find_package and pkg-config ask for.
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
 if(TAVIX_BUILD_PROGRAMS)
   install(TARGETS tavix-settings-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_CLI)
+  install(TARGETS tavix-settings-command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  set(completions ${PROJECT_SOURCE_DIR}/programs/cli/completion)
+  install(FILES ${completions}/tavix-settings.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          RENAME tavix-settings)
+  install(FILES ${completions}/_tavix-settings DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+  install(FILES ${completions}/tavix-settings.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+endif()
+
+# Man pages are written in scdoc's form; without scdoc there are none.
+find_program(SCDOC scdoc)
+if(SCDOC)
+  add_subdirectory(${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/docs/man)
 endif()
 
 install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targets

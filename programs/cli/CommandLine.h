@@ -1,0 +1,65 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programs/cli/Context.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace tavix::cli {
+
+// The commands with their options, and the parser over them.
+class CommandLine {
+ public:
+  // What a command does; returns an ExitCode.
+  using Action = std::function<int(Context&)>;
+
+  // Knows all commands.
+  CommandLine();
+  ~CommandLine();
+
+  CommandLine(const CommandLine&) = delete;
+  CommandLine& operator=(const CommandLine&) = delete;
+
+  // Adds a command to the program, or to a command that only groups others; whoever adds one declares its options.
+  // Aliases stand behind the name, each behind a comma.
+  CLI::App& Add(const std::string& names, const std::string& description, Action action);
+  CLI::App& AddGroup(const std::string& name, const std::string& description);
+  CLI::App& AddTo(CLI::App& group, const std::string& names, const std::string& description, Action action);
+
+  // Parses the words behind the program's name. The command to be run, or nothing when all was done already: help or
+  // the version was printed. Throws Failure, kExitUsage.
+  Action Parse(std::vector<std::string> words, GlobalOptions& options);
+
+  // What a command's help shows; the program's own for an empty name. Throws Failure for one that does not exist.
+  std::string GetHelp(const std::string& command) const;
+
+  // The commands and their options, to be looked at.
+  const CLI::App& GetApp() const { return *_app; }
+
+ private:
+  void AddGlobalOptions();
+  void ReadGlobalOptions(GlobalOptions& options) const;
+  Action ParseProtected(std::vector<std::string> words);
+  [[noreturn]] void FailUnknown(const std::string& word) const;
+  [[noreturn]] void FailUsage(const std::string& text) const;
+
+  struct GlobalWords;
+  std::unique_ptr<GlobalWords> _words;
+  std::unique_ptr<CLI::App> _app;
+  Action _action;
+};
+
+// Declare an option or a positional that takes any text, such as "[a]", "{}" or "-5", as it is. The target outlives the
+// parsing.
+CLI::Option* AddText(CLI::App& command, const std::string& names, std::string& target, const std::string& description);
+CLI::Option* AddTexts(CLI::App& command, const std::string& names, std::vector<std::string>& target,
+                      const std::string& description);
+
+}  // namespace tavix::cli

@@ -1,0 +1,36 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "programs/cli/CommandLine.h"
+#include "programs/cli/Commands.h"
+#include "programs/cli/CompletionScripts.h"
+#include "programs/cli/Failure.h"
+#include "programs/cli/Spelling.h"
+#include "programs/cli/Suggestion.h"
+
+namespace tavix::cli {
+
+namespace {
+
+int PrintScript(Context& context, const std::string& shell) {
+  const char* script = shell == "bash"   ? kBashCompletion
+                       : shell == "zsh"  ? kZshCompletion
+                       : shell == "fish" ? kFishCompletion
+                                         : nullptr;
+  if (script == nullptr)
+    throw Failure(kExitUsage, "there is no completion for '" + SpellValue(shell) + "', only for bash, zsh and fish");
+  context.GetConsole().Print(script);
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddCompletion(CommandLine& line) {
+  const auto shell = std::make_shared<std::string>();
+  CLI::App& command = line.Add("completion", "Print the completion script of a shell",
+                               [shell](Context& context) { return PrintScript(context, *shell); });
+  AddText(command, "SHELL", *shell, "bash, zsh or fish")->required();
+  command.footer("For example: eval \"$(tavix-settings completion bash)\"\n");
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,43 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "programs/cli/Backup.h"
+#include "programs/cli/CommandLine.h"
+#include "programs/cli/Commands.h"
+#include "programs/cli/Documents.h"
+#include "programs/cli/Failure.h"
+#include "programs/cli/Missing.h"
+#include "programs/cli/Words.h"
+
+namespace tavix::cli {
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  bool isUserLayer = false;
+};
+
+int Export(Context& context, const Options& options) {
+  context.RequireOutput({Output::kIni, Output::kJson});
+  size_t leftOut = 0;
+  const core::IniFile settings = ReadStore(context.GetSession(), options.words, options.isUserLayer, leftOut);
+  if (settings.IsEmpty() && !options.words.empty())
+    throw Failure(kExitNo, DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
+  PrintAs(context.GetConsole(), context.GetOptions().output, settings);
+  if (leftOut > 0)
+    context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddExport(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = line.Add("export", "Print a backup, as ini or with --json",
+                               [options](Context& context) { return Export(context, *options); });
+  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
+  command.add_flag("--user", options->isUserLayer, "Only what users changed, and what they deleted");
+}
+
+}  // namespace tavix::cli

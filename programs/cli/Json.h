@@ -1,0 +1,30 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+
+// Settings as JSON: an object of groups, each an object of keys with strings. JSON's strings are text, settings are
+// bytes. So a value that is not UTF-8 is the object {"base64": "..."}, and a name or key that is not, or that begins
+// with "base64:", is "base64:" with its base64 behind.
+namespace tavix::cli {
+
+nlohmann::json NameToJson(const std::string& name);
+nlohmann::json ValueToJson(const std::string& value);
+
+// null where there is none.
+nlohmann::json ValueToJson(const std::optional<std::string>& value);
+
+nlohmann::json ToJson(const core::IniFile& settings);
+
+// The text of a whole document, with a line feed behind it.
+std::string Pretty(const nlohmann::json& json);
+
+bool LooksLikeJson(const std::string& text);
+
+// Numbers and truth values are taken as JSON writes them. Throws Failure, kExitBadInput, with "source" and the line.
+core::IniFile FromJson(const std::string& text, const std::string& source);
+
+}  // namespace tavix::cli

@@ -1,0 +1,141 @@
+#include "programs/cli/LocalSession.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "programs/cli/Failure.h"
+#include "programs/cli/ReplaceFile.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+using std::chrono::milliseconds;
+
+namespace {
+
+IniFile Select(const IniFile& settings, const Session::Groups& groups) {
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  std::vector<IniFile::const_iterator> places;
+  matcher.GetMatchingGroups(settings, places);
+  IniFile selected;
+  for (const IniFile::const_iterator& place : places) selected.MergeGroup(place);
+  return selected;
+}
+
+void Remove(IniFile& settings, const Session::Groups& groups) {
+  for (const auto& [group, keys] : Select(settings, groups)) settings.RemoveGroup(group);
+}
+
+Session::Groups NamesOf(const IniFile& settings) {
+  Session::Groups names;
+  for (const auto& [group, keys] : settings) names.insert(names.end(), group);
+  return names;
+}
+
+bool IsMissing(const std::string& path) {
+  return access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+LocalSession::LocalSession(std::string path) : _path(std::move(path)) {}
+
+LocalSession::~LocalSession() {
+  if (_watch >= 0) close(_watch);
+}
+
+LocalText LocalSession::Read(bool mayBeMissing) const {
+  if (!IsMissing(_path)) return LocalText(ReadFile(_path), _path);
+  if (!mayBeMissing) throw Failure(kExitNoServer, "there is no file '" + _path + "'", "'set' and 'import' make it");
+  return LocalText(std::string(), _path);
+}
+
+bool LocalSession::Write(const std::function<bool(IniFile&)>& change) const {
+  const FileLock lock(_path);
+  LocalText text = Read(true);
+  IniFile settings = text.GetSettings();
+  if (!change(settings)) return false;
+  if (settings.GetGroups() == text.GetSettings().GetGroups()) return true;
+  text.Change(settings);
+  ReplaceFile(_path, text.ToText());
+  return true;
+}
+
+IniFile LocalSession::Get(const Groups& groups) {
+  return Select(Read(_mayBeNew).GetSettings(), groups);
+}
+
+IniFile LocalSession::GetUserSettings() {
+  return Read(_mayBeNew).GetSettings();
+}
+
+void LocalSession::Merge(const IniFile& settings, bool isVolatile) {
+  if (isVolatile) throw Failure(kExitUsage, "--volatile makes no sense with --local: a file is all there is");
+  Write([&](IniFile& all) {
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+bool LocalSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  return Write([&](IniFile& all) {
+    if (!all.ContainsSettings(test)) return false;
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+void LocalSession::Overwrite(const Groups& groups, const IniFile& settings) {
+  Write([&](IniFile& all) {
+    Remove(all, groups);
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+void LocalSession::Restore(const Groups& groups) {
+  Write([&](IniFile& all) {
+    Remove(all, groups);
+    return true;
+  });
+}
+
+std::vector<std::string> LocalSession::GetSubscribed() {
+  throw Failure(kExitUsage, "a file has no subscribers: leave --local out");
+}
+
+// The directory is watched, since the file is replaced and not written.
+IniFile LocalSession::Subscribe(const Groups& groups) {
+  _subscribed = groups;
+  if (_watch < 0) _watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
+  if (_watch < 0 || inotify_add_watch(_watch, FindDirectory(_path).c_str(), events) < 0)
+    throw Failure(kExitNoServer, "'" + _path + "' can't be watched: " + std::strerror(errno));
+  IniFile settings = Get(groups);
+  _lastNames = NamesOf(settings);
+  return settings;
+}
+
+std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
+  pollfd waiting{_watch, POLLIN, 0};
+  constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
+  const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
+  if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
+  alignas(inotify_event) char events[4096];
+  while (read(_watch, events, sizeof events) > 0) continue;
+  Notice notice;
+  notice.settings = Select(Read(true).GetSettings(), _subscribed);
+  notice.groups = std::exchange(_lastNames, NamesOf(notice.settings));
+  notice.groups.insert(_lastNames.begin(), _lastNames.end());
+  return notice;
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,62 @@
+#include "programs/cli/Program.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "programs/cli/CommandLine.h"
+#include "programs/cli/Completer.h"
+#include "programs/cli/Failure.h"
+
+namespace tavix::cli {
+
+namespace {
+
+// Nothing of ours needs to be cleaned up: files are replaced whole, and a watched line is flushed when it is printed.
+extern "C" void ExitAtInterrupt(int) {
+  _exit(kExitInterrupted);
+}
+
+// A shell that starts a program in the background may have it ignore interrupts.
+void HandleInterrupt() {
+  if (std::signal(SIGINT, ExitAtInterrupt) == SIG_IGN) std::signal(SIGINT, SIG_IGN);
+}
+
+int Report(const Failure& failure) {
+  std::fflush(stdout);
+  if (*failure.what() != '\0') std::fprintf(stderr, "tavix-settings: %s\n", failure.what());
+  if (!failure.GetHint().empty()) std::fprintf(stderr, "hint: %s\n", failure.GetHint().c_str());
+  return failure.GetCode();
+}
+
+int Run(const std::vector<std::string>& words) {
+  CommandLine line;
+  if (Completer::IsAsked(words)) return Completer(line).Run(words);
+  GlobalOptions options;
+  const CommandLine::Action action = line.Parse(words, options);
+  Console console(options);
+  int code = kExitDone;
+  if (action) {
+    Context context(options, console);
+    code = action(context);
+  }
+  console.Flush();
+  return code;
+}
+
+}  // namespace
+
+int RunProgram(int argc, char** argv) {
+  HandleInterrupt();
+  try {
+    return Run({argv + (argc > 0 ? 1 : 0), argv + argc});
+  } catch (const Failure& failure) {
+    return Report(failure);
+  } catch (const std::exception& exception) {
+    return Report(Failure(kExitNotApplied, exception.what()));
+  }
+}
+
+}  // namespace tavix::cli

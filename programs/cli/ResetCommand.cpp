@@ -1,0 +1,80 @@
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "programs/cli/Backup.h"
+#include "programs/cli/Changes.h"
+#include "programs/cli/CommandLine.h"
+#include "programs/cli/Commands.h"
+#include "programs/cli/Confirmation.h"
+#include "programs/cli/Documents.h"
+#include "programs/cli/Failure.h"
+#include "programs/cli/Spelling.h"
+#include "programs/cli/Words.h"
+#include "programs/cli/Writes.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  bool isConfirmed = false;
+  bool isDryRun = false;
+};
+
+// The groups of the user layer that a restore would touch. Those alone can differ from the defaults.
+std::set<std::string> FindUserGroups(Session& session, const std::set<std::string>& groups) {
+  IniFile user = session.GetUserSettings();
+  user.RemoveGroup(kDeletedGroups);
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  std::set<std::string> found;
+  matcher.GetMatchingGroups(user, found);
+  return found;
+}
+
+void RefuseNames(const Session& session, const std::set<std::string>& groups) {
+  std::set<std::string> names;
+  for (const std::string& group : groups) {
+    if (group.find('*') == std::string::npos) names.insert(group);
+  }
+  RefuseRestricted(session, names);
+}
+
+// Only the server knows the defaults: what it did is told by what was there before and after.
+int Reset(Context& context, const Options& options) {
+  const std::set<std::string> groups = ParseGroups(options.words);
+  Session& session = context.GetSession();
+  RefuseNames(session, groups);
+  Console& console = context.GetConsole();
+  const std::set<std::string> changed = FindUserGroups(session, groups);
+  if (options.isDryRun) {
+    for (const std::string& group : changed) console.Print(SpellName(group) + "\n");
+    return kExitDone;
+  }
+  if (HasPattern(groups)) Confirm("reset", changed, options.isConfirmed);
+  const IniFile before = session.Get(groups);
+  session.Restore(groups);
+  const IniFile after = session.Get(groups);
+  if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
+  PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
+  console.Say("done: " + Count(after.GetGroups().size(), "group") + " at " +
+              (after.GetGroups().size() == 1 ? "its" : "their") + " defaults");
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddReset(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  CLI::App& command = line.Add("reset", "Put groups back to their defaults, and print what that changed",
+                               [options](Context& context) { return Reset(context, *options); });
+  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns")->required();
+  command.add_flag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.add_flag("--dry-run", options->isDryRun, "Print the groups that users changed, and change nothing");
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+
+// What words on the command line mean. "[group]key" names a setting, spelled as in settings text; GROUP and KEY as two
+// bare words name it as they are; a bare word alone is a group, or a '*' pattern of groups.
+namespace tavix::cli {
+
+// A group or pattern, or with a key one setting.
+struct Target {
+  std::string group;
+  std::optional<std::string> key;
+
+  bool IsPattern() const { return group.find('*') != std::string::npos; }
+
+  // As a person would write it.
+  std::string ToText() const;
+};
+
+// Words as targets. Two bare words alone are GROUP KEY; otherwise each bare word is a group.
+std::vector<Target> ParseTargets(const std::vector<std::string>& words);
+
+// Words as settings that exist or not: "[group]key" each, or GROUP KEY in pairs. Throws Failure for a group alone.
+std::vector<Target> ParseSettings(const std::vector<std::string>& words);
+
+// Words as settings with values: "[group]key=value", "[group]key" VALUE, GROUP KEY VALUE, or GROUP KEY=VALUE... for
+// several of one group. A VALUE "-" is read from standard input, less one line feed at its end.
+core::IniFile ParseAssignments(const std::vector<std::string>& words);
+
+// "[group]key=value" with everything in one word. An option's name says where it came from.
+core::IniFile ParseConditions(const std::vector<std::string>& words, const std::string& option);
+
+// Words as groups and patterns; without any, all groups. Throws Failure for a setting.
+std::set<std::string> ParseGroups(const std::vector<std::string>& words);
+
+}  // namespace tavix::cli

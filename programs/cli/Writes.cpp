@@ -1,0 +1,126 @@
+#include "programs/cli/Writes.h"
+
+#include <algorithm>
+
+#include "programs/cli/Failure.h"
+#include "programs/cli/Spelling.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+// What stands there in place of what should; empty when it does.
+std::string FindDifference(const IniFile& current, const IniFile& wanted) {
+  for (const auto& [group, keys] : wanted) {
+    for (const auto& [key, value] : keys) {
+      const std::string name = SpellSetting(group, key);
+      if (!current.HasValue(group, key)) return name + " is not set";
+      const std::string& found = current.GetValue(group, key);
+      if (found != value) return name + " is '" + SpellValue(found) + "', not '" + SpellValue(value) + "'";
+    }
+    if (!current.HasGroup(group)) return "there is no group '" + SpellName(group) + "'";
+  }
+  return std::string();
+}
+
+void RequireApplied(const IniFile& current, const IniFile& wanted) {
+  const std::string difference = FindDifference(current, wanted);
+  if (!difference.empty()) throw Failure(kExitNotApplied, "not applied: " + difference);
+}
+
+// Throws when the group holds something that it should not.
+void RequireGone(const IniFile& current, const IniFile& wanted, const std::string& group) {
+  if (!current.HasGroup(group)) return;
+  if (!wanted.HasGroup(group))
+    throw Failure(kExitNotApplied, "not applied: there still is a group '" + SpellName(group) + "'");
+  for (const auto& [key, value] : current[group]) {
+    if (!wanted.HasValue(group, key))
+      throw Failure(kExitNotApplied, "not applied: " + SpellSetting(group, key) + " is still set");
+  }
+}
+
+bool LosesSomething(const std::string& group, const IniFile::KeyMap& keys, const IniFile& after) {
+  if (!after.HasGroup(group)) return true;
+  return std::any_of(keys.begin(), keys.end(), [&](const auto& entry) { return !after.HasValue(group, entry.first); });
+}
+
+void AddNewValues(const IniFile::GroupMap::value_type& group, const IniFile& before, IniFile& out) {
+  const auto& [name, keys] = group;
+  if (!before.HasGroup(name)) out[name];
+  for (const auto& [key, value] : keys) {
+    if (!before.HasValue(name, key) || before.GetValue(name, key) != value) out.SetValue(name, key, value);
+  }
+}
+
+}  // namespace
+
+void RefuseRestricted(const Session& session, const std::set<std::string>& groups) {
+  for (const std::string& group : groups) {
+    if (session.IsRestricted(group))
+      throw Failure(kExitRefused, "refused: '" + SpellName(group) + "' is a restricted group",
+                    "groups with 'Secure' or 'Trusted' in their names are set by the server's restricted files only");
+  }
+}
+
+std::set<std::string> NamesOf(const IniFile& settings) {
+  std::set<std::string> names;
+  for (const auto& [group, keys] : settings) names.insert(names.end(), group);
+  return names;
+}
+
+void Merge(Session& session, const IniFile& settings, bool isVolatile) {
+  const std::set<std::string> groups = NamesOf(settings);
+  RefuseRestricted(session, groups);
+  session.Merge(settings, isVolatile);
+  RequireApplied(session.Get(groups), settings);
+}
+
+void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
+  const std::set<std::string> groups = NamesOf(settings);
+  RefuseRestricted(session, groups);
+  if (!session.TestAndMerge(condition, settings)) {
+    RequireHolds(session.Get(NamesOf(condition)), condition);
+    throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
+  }
+  RequireApplied(session.Get(groups), settings);
+}
+
+void RequireHolds(const IniFile& current, const IniFile& condition) {
+  const std::string difference = FindDifference(current, condition);
+  if (!difference.empty()) throw Failure(kExitConditionFailed, "condition failed: " + difference);
+}
+
+void Replace(Session& session, const std::set<std::string>& groups, const IniFile& settings) {
+  std::set<std::string> touched = NamesOf(settings);
+  touched.insert(groups.begin(), groups.end());
+  RefuseRestricted(session, touched);
+  session.Overwrite(groups, settings);
+  const IniFile current = session.Get(touched);
+  RequireApplied(current, settings);
+  for (const std::string& group : groups) RequireGone(current, settings, group);
+}
+
+void Apply(Session& session, const IniFile& before, const IniFile& after) {
+  std::set<std::string> replaced;
+  for (const auto& [group, keys] : before) {
+    if (LosesSomething(group, keys, after)) replaced.insert(replaced.end(), group);
+  }
+  IniFile written;
+  for (auto group = after.begin(); group != after.end(); ++group) {
+    if (replaced.count(group->first) != 0) {
+      written.MergeGroup(group);
+    } else {
+      AddNewValues(*group, before, written);
+    }
+  }
+  // One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
+  if (!replaced.empty()) {
+    Replace(session, replaced, written);
+  } else if (!written.IsEmpty()) {
+    Merge(session, written, false);
+  }
+}
+
+}  // namespace tavix::cli

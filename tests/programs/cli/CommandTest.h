@@ -1,0 +1,83 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/CommandProcess.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tavix::test {
+
+using Words = std::vector<std::string>;
+
+// The real command beside a real daemon with a few defaults and restricted settings.
+//
+// Outcomes are compared byte by byte: ExpectRun takes what has to stand on standard output and on standard error.
+class CommandTest : public testing::Test {
+ protected:
+  static constexpr char kDefaults[] =
+      "[Device/Identity]\nmodel=NC-240\nname=Camera\n"
+      "[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
+      "[Network/Wlan0]\nenabled=false\n";
+  static constexpr char kRestricted[] = "[Secure/Wlan0]\npassphrase=example\n";
+
+  CommandTest()
+      : _daemon(_directory, {"--defaults", _directory.Write("defaults.ini", kDefaults), "--restricted",
+                             _directory.Write("restricted.ini", kRestricted), "--user-settings", "user.ini"}),
+        _address(_daemon.AwaitAddresses().front()) {}
+
+  // The daemon's address, a terminal that can do colors, and nothing of the machine's own.
+  Variables Environment(Variables more = {}) const {
+    Variables variables{{"TAVIX_SETTINGS_SERVER", _address},
+                        {"TERM", "xterm"},
+                        {"NO_COLOR", std::nullopt},
+                        {"EDITOR", std::nullopt},
+                        {"VISUAL", std::nullopt},
+                        {"TMPDIR", _directory.GetPath()},
+                        {"LC_ALL", "C"}};
+    for (auto& [name, value] : more) variables[name] = value;
+    return variables;
+  }
+
+  static Words WithProgram(Words words) {
+    words.insert(words.begin(), TAVIX_CLI_PROGRAM);
+    return words;
+  }
+
+  Outcome Run(const Words& words, const std::string& input = {}, const Variables& more = {}) const {
+    return RunToEnd(_directory.GetPath(), WithProgram(words), input, Environment(more));
+  }
+
+  void ExpectRun(const Words& words, int status, const std::string& output, const std::string& errors) const {
+    const Outcome outcome = Run(words);
+    const std::string line = testing::PrintToString(words);
+    EXPECT_EQ(outcome.output, output) << line;
+    EXPECT_EQ(outcome.errors, errors) << line;
+    EXPECT_EQ(outcome.status, status) << line;
+  }
+
+  // What the daemon holds, by the protocol and not by the command.
+  std::string Ask(const std::string& groups) const {
+    std::string reply = ProtocolClient(_daemon.GetPort()).Get(groups + "\n");
+    return reply.substr(5, reply.size() - 5 - 2);
+  }
+
+  std::string AskUser() const { return Converse(_daemon.GetPort(), "dump\n"); }
+
+  // A change by somebody else; done when it returns.
+  void Merge(const std::string& settings) const {
+    ProtocolClient client(_daemon.GetPort());
+    client.Send("merge\n" + settings + ".\n");
+    client.AwaitHandled();
+  }
+
+  const TemporaryDirectory _directory;
+  const Daemon _daemon;
+  const std::string _address;
+};
+
+}  // namespace tavix::test

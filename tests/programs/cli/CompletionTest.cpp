@@ -1,0 +1,106 @@
+#include "tests/programs/cli/CommandTest.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/ListeningSocket.h"
+
+namespace tavix::test {
+
+namespace {
+
+class Completion : public CommandTest {
+ protected:
+  // What the last word may become.
+  std::string Complete(Words words) const {
+    words.insert(words.begin(), "__complete");
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    return outcome.output;
+  }
+
+  // The replies that bash collects for a line of these words, with the cursor behind the last.
+  std::string InBash(const Words& words) const {
+    std::string line;
+    for (const std::string& word : words) line += " '" + word + "'";
+    const std::string script = "source '" + std::string(TAVIX_SOURCE_DIR) +
+                               "/programs/cli/completion/tavix-settings.bash'\n"
+                               "COMP_WORDS=('" TAVIX_CLI_PROGRAM "'" +
+                               line +
+                               ")\n"
+                               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n_tavix_settings\n"
+                               "printf '%s\\n' \"${COMPREPLY[@]}\"\n";
+    const Outcome outcome = RunToEnd(_directory.GetPath(), {"bash", "-c", script}, {}, Environment());
+    EXPECT_EQ(outcome.errors, "");
+    return outcome.output;
+  }
+};
+
+}  // namespace
+
+TEST_F(Completion, KnowsCommandsAndOptions) {
+  EXPECT_EQ(Complete({"se"}), "search\nset\n");
+  EXPECT_EQ(Complete({"resource", "re"}), "reserve\nrelease\n");
+  EXPECT_EQ(Complete({"get", "--def"}), "--default\n");
+  EXPECT_EQ(Complete({"get", "--jso"}), "--json\n");
+  EXPECT_EQ(Complete({"-o", "j"}), "json\n");
+  EXPECT_EQ(Complete({"--output=s"}), "--output=shell\n");
+  EXPECT_EQ(Complete({"--color", ""}), "auto\nalways\nnever\n");
+  EXPECT_EQ(Complete({"help", "wa"}), "watch\nwait\n");
+  EXPECT_EQ(Complete({"completion", "z"}), "zsh\n");
+  EXPECT_EQ(Complete({"log-level", "Network/Eth0", "wa"}), "warning\n");
+  EXPECT_EQ(Complete({"import", ""}), "");
+}
+
+TEST_F(Completion, KnowsGroupsAndKeysOfTheLiveStore) {
+  EXPECT_EQ(Complete({"get", "Net"}), "Network/Eth0\nNetwork/Wlan0\n");
+  EXPECT_EQ(Complete({"get", "[Net"}), "[Network/Eth0]\n[Network/Wlan0]\n");
+  EXPECT_EQ(Complete({"get", "'[Network/E"}), "[Network/Eth0]\n");
+  EXPECT_EQ(Complete({"get", "[Network/Eth0]"}), "[Network/Eth0]address\n[Network/Eth0]dhcp\n");
+  EXPECT_EQ(Complete({"get", "Network/Eth0", "d"}), "dhcp\n");
+  EXPECT_EQ(Complete({"set", "--if", "[Network/Eth0]a"}), "[Network/Eth0]address\n");
+  EXPECT_EQ(Complete({"show", "Device/Identity", "Net"}), "Network/Eth0\nNetwork/Wlan0\n");
+  EXPECT_EQ(Complete({"diff", "x.ini", "Dev"}), "Device/Identity\n");
+  Merge("[New/Group]\nx=1\n");
+  EXPECT_EQ(Complete({"list", "New"}), "New/Group\n");
+}
+
+TEST_F(Completion, KnowsResourcesAndConsumers) {
+  Merge("[Resources/Bandwidth/Consumers/Live]\nCurrentlyUsed=0\n");
+  EXPECT_EQ(Complete({"resource", "show", "B"}), "Bandwidth\n");
+  EXPECT_EQ(Complete({"resource", "reserve", "Bandwidth", "5", "-c", "L"}), "Live\n");
+}
+
+TEST_F(Completion, LooksWhereTheOtherWordsSay) {
+  _directory.Write("x.ini", "[Local/Group]\nx=1\n");
+  EXPECT_EQ(Complete({"--local", "x.ini", "get", "L"}), "Local/Group\n");
+  EXPECT_EQ(Complete({"--server=127.0.0.1:1", "get", "N"}), "");
+}
+
+TEST_F(Completion, IsDoneInTimeWhateverTheServerDoes) {
+  const ListeningSocket silent;
+  const long took = MillisecondsOf([&] {
+    EXPECT_EQ(Complete({"-s", "127.0.0.1:" + std::to_string(silent.GetPort()), "get", "N"}), "");
+  });
+  EXPECT_GE(took, 200);
+  EXPECT_LT(took, 3000);  // a busy machine may start programs late
+}
+
+TEST_F(Completion, IsPrintedForEachShellAsItIsInstalled) {
+  const std::string folder = std::string(TAVIX_SOURCE_DIR) + "/programs/cli/completion/";
+  for (const auto& [shell, file] : std::vector<std::pair<std::string, std::string>>{
+           {"bash", "tavix-settings.bash"}, {"zsh", "_tavix-settings"}, {"fish", "tavix-settings.fish"}}) {
+    const Outcome text = RunToEnd(_directory.GetPath(), {"cat", folder + file});
+    ExpectRun({"completion", shell}, 0, text.output, "");
+  }
+  ExpectRun({"completion", "csh"}, 2, "",
+            "tavix-settings: there is no completion for 'csh', only for bash, zsh and fish\n");
+}
+
+TEST_F(Completion, WorksInBash) {
+  EXPECT_EQ(InBash({"se"}), "search\nset\n");
+  EXPECT_EQ(InBash({"get", "Network/E"}), "Network/Eth0\n");
+  EXPECT_EQ(InBash({"get", "[Network/E"}), "\\[Network/Eth0\\]\n");
+  EXPECT_EQ(InBash({"--output", "=", "js"}), "json\n");
+  EXPECT_EQ(InBash({"-s", "127.0.0.1", ":", "1", "get", "N"}), "\n");
+}
+
+}  // namespace tavix::test

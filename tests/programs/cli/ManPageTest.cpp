@@ -1,0 +1,71 @@
+#include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tests/programs/cli/CommandTest.h"
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+
+class ManPage : public CommandTest {
+ protected:
+  // The candidates of the completion, which knows all there is.
+  Words Complete(Words words) const {
+    words.insert(words.begin(), "__complete");
+    std::istringstream lines(Run(words).output);
+    Words candidates;
+    for (std::string line; std::getline(lines, line);) candidates.push_back(line);
+    return candidates;
+  }
+
+  static std::string ReadPage() {
+    std::ifstream file(std::string(TAVIX_SOURCE_DIR) + "/docs/man/tavix-settings.1.scd");
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  std::set<std::string> FindAllOptions() const {
+    std::set<std::string> options;
+    for (const std::string& command : Complete({""})) {
+      for (const std::string& option : Complete({command, "--"})) options.insert(option);
+    }
+    for (const std::string& command : Complete({"resource", ""})) {
+      for (const std::string& option : Complete({"resource", command, "--"})) options.insert(option);
+    }
+    return options;
+  }
+};
+
+}  // namespace
+
+TEST_F(ManPage, NamesEveryCommand) {
+  const std::string page = ReadPage();
+  const Words commands = Complete({""});
+  EXPECT_GT(commands.size(), 19U);
+  for (const std::string& command : commands) {
+    const bool isGroup = command == "resource";
+    EXPECT_THAT(page, HasSubstr("*" + command + (isGroup ? " " : "*")));
+  }
+  for (const std::string& command : Complete({"resource", ""}))
+    EXPECT_THAT(page, HasSubstr("*resource " + command + "*"));
+}
+
+TEST_F(ManPage, NamesEveryOptionAndNoOther) {
+  const std::string page = ReadPage();
+  const std::set<std::string> options = FindAllOptions();
+  EXPECT_GE(options.size(), 30U);
+  for (const std::string& option : options) EXPECT_THAT(page, HasSubstr("*" + option + "*"));
+  const std::regex bold("\\*(--[a-z-]+)");
+  for (std::sregex_iterator at(page.begin(), page.end(), bold), end; at != end; ++at)
+    EXPECT_EQ(options.count((*at)[1]), 1U) << (*at)[1];
+}
+
+TEST_F(ManPage, NamesEveryExitStatus) {
+  for (const char* status : {"*0*", "*1*", "*2*", "*3*", "*4*", "*5*", "*6*", "*7*", "*130*"})
+    EXPECT_THAT(ReadPage(), HasSubstr(status));
+}
+
+}  // namespace tavix::test

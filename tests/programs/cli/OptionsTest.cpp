@@ -1,0 +1,225 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "tests/programs/cli/CommandTest.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/ListeningSocket.h"
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+constexpr char kHint[] =
+    "hint: start one with 'tavix-settings-server', name another with --server, or use --local FILE\n";
+
+class GlobalOptions : public CommandTest {};
+
+// A server of one connection that answers what it is told to.
+class OneAnswer {
+ public:
+  explicit OneAnswer(std::string answer)
+      : _thread([this, answer = std::move(answer)] {
+          const Descriptor peer = _listener.Accept();
+          ReceiveOnce(peer);
+          Send(peer, answer);
+        }) {}
+  ~OneAnswer() { _thread.join(); }
+
+  std::string GetAddress() const { return "127.0.0.1:" + std::to_string(_listener.GetPort()); }
+
+ private:
+  const ListeningSocket _listener;
+  std::thread _thread;
+};
+
+}  // namespace
+
+TEST_F(GlobalOptions, HelpGoesToStandardOutput) {
+  for (const Words& words : std::vector<Words>{{"--help"}, {"-h"}, {"help"}}) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    for (const char* word :
+         {"get",      "list",      "show",       "search",    "set",        "unset",     "delete",   "reset",
+          "edit",     "diff",      "export",     "import",    "watch",      "wait",      "status",   "subscribers",
+          "resource", "log-level", "completion", "--server",  "--local",    "--timeout", "--output", "--json",
+          "--quiet",  "--verbose", "--color",    "--version", "Exit status"})
+      EXPECT_THAT(outcome.output, HasSubstr(word));
+  }
+  EXPECT_THAT(Run({"get", "--help"}).output, HasSubstr("--default"));
+  EXPECT_EQ(Run({"help", "get"}).output, Run({"get", "-h"}).output);
+  EXPECT_THAT(Run({"resource", "reserve", "-h"}).output, HasSubstr("--consumer"));
+}
+
+TEST_F(GlobalOptions, VersionIsOneLine) {
+  for (const char* option : {"-V", "--version"}) {
+    const Outcome outcome = Run({option});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_THAT(outcome.output, MatchesRegex("tavix-settings [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+  }
+}
+
+TEST_F(GlobalOptions, StandBeforeOrBehindTheCommand) {
+  ExpectRun({"-s", _address, "get", "[Network/Eth0]dhcp"}, 0, "true\n", "");
+  ExpectRun({"get", "[Network/Eth0]dhcp", "--server", _address, "-o", "value"}, 0, "true\n", "");
+  ExpectRun({"-o", "json", "get", "[Network/Eth0]dhcp", "--server=" + _address}, 0, "\"true\"\n", "");
+}
+
+TEST_F(GlobalOptions, UnknownWordsGetASuggestion) {
+  ExpectRun({"shwo"}, 2, "",
+            "tavix-settings: there is no command 'shwo'; did you mean 'show'?\nhint: try 'tavix-settings --help'\n");
+  ExpectRun({"get", "--defualt", "x", "[a]b"}, 2, "",
+            "tavix-settings: there is no option '--defualt'; did you mean '--default'?\n"
+            "hint: try 'tavix-settings get --help'\n");
+  ExpectRun({"resource", "resreve"}, 2, "",
+            "tavix-settings: there is no command 'resreve'; did you mean 'reserve'?\n"
+            "hint: try 'tavix-settings resource --help'\n");
+  ExpectRun({"help", "lst"}, 2, "", "tavix-settings: there is no command 'lst'; did you mean 'list'?\n");
+  ExpectRun({"xyzzy"}, 2, "", "tavix-settings: there is no command 'xyzzy'\nhint: try 'tavix-settings --help'\n");
+}
+
+TEST_F(GlobalOptions, CommandLineThatIsNotUnderstoodIsExitStatus2) {
+  for (const Words& words : std::vector<Words>{{},
+                                               {"get"},
+                                               {"resource"},
+                                               {"-o", "xml", "list"},
+                                               {"-t", "-1", "list"},
+                                               {"-t", "soon", "list"},
+                                               {"--color", "blue", "list"},
+                                               {"--local", "x", "--server", "y", "list"},
+                                               {"-s", "127.0.0.1:x", "list"},
+                                               {"-s", "unix:", "list"},
+                                               {"status", "now"},
+                                               {"watch", "--count", "0"},
+                                               {"search", "-k", "-g", "x"}}) {
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 2) << testing::PrintToString(words);
+    EXPECT_EQ(outcome.output, "") << testing::PrintToString(words);
+    EXPECT_THAT(outcome.errors, StartsWith("tavix-settings: ")) << testing::PrintToString(words);
+  }
+}
+
+TEST_F(GlobalOptions, WithoutAServerEveryCommandFailsAtOnceWithAHint) {
+  const ListeningSocket closed(ListeningSocket::kNotListening);
+  const std::string address = "127.0.0.1:" + std::to_string(closed.GetPort());
+  for (Words words : std::vector<Words>{{"get", "A"},
+                                        {"list"},
+                                        {"show"},
+                                        {"search", "x"},
+                                        {"set", "[A]b=c"},
+                                        {"unset", "[A]b"},
+                                        {"delete", "A"},
+                                        {"reset", "A"},
+                                        {"edit"},
+                                        {"diff", "/dev/null"},
+                                        {"export"},
+                                        {"import", "/dev/null"},
+                                        {"watch"},
+                                        {"wait", "[A]b"},
+                                        {"status"},
+                                        {"subscribers"},
+                                        {"resource", "ls"},
+                                        {"log-level"}}) {
+    words.insert(words.end(), {"-s", address});
+    const long took = MillisecondsOf(
+        [&] { ExpectRun(words, 3, "", "tavix-settings: no server at " + address + ": Connection refused\n" + kHint); });
+    EXPECT_LT(took, 3000) << words[0];
+  }
+}
+
+TEST_F(GlobalOptions, EnvironmentNamesTheServerUnlessAnOptionDoes) {
+  EXPECT_EQ(Run({"-s", _address, "list"}, {}, {{"TAVIX_SETTINGS_SERVER", "127.0.0.1:1"}}).status, 0);
+  EXPECT_EQ(Run({"list"}, {}, {{"TAVIX_SETTINGS_SERVER", "127.0.0.1:nonsense"}}).status, 2);
+}
+
+TEST_F(GlobalOptions, SilentServerIsExitStatus3AfterTheTimeout) {
+  const ListeningSocket silent;
+  const std::string address = "127.0.0.1:" + std::to_string(silent.GetPort());
+  ExpectRun({"-t", "0.1", "-s", address, "list"}, 3, "",
+            "tavix-settings: no answer from " + address + " within 0.1 s\n");
+}
+
+TEST_F(GlobalOptions, LostConnectionIsExitStatus3) {
+  const OneAnswer server("data\n[A]\nx=");
+  ExpectRun({"-s", server.GetAddress(), "get", "A"}, 3, "",
+            "tavix-settings: the connection to " + server.GetAddress() + " was lost\n");
+}
+
+TEST_F(GlobalOptions, ServerOfAnotherKindIsToldApart) {
+  const OneAnswer server("HTTP/1.1 400 Bad Request\r\n\r\n");
+  ExpectRun({"-s", server.GetAddress(), "get", "A"}, 3, "",
+            "tavix-settings: " + server.GetAddress() +
+                " does not speak the settings protocol: expected \"data\", got \"HTTP/1.1 400 Bad Request\\r\"\n");
+}
+
+TEST_F(GlobalOptions, WriteThatTheServerDidNotCarryOutIsExitStatus7) {
+  const OneAnswer server("data\n[A]\nx=old\n.\n");
+  ExpectRun({"-s", server.GetAddress(), "set", "[A]x=new"}, 7, "",
+            "tavix-settings: not applied: [A]x is 'old', not 'new'\n");
+}
+
+TEST_F(GlobalOptions, ServerMayListenOnAUnixSocket) {
+  const std::string path = _directory.Path("socket");
+  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener.Get(), 4), 0);
+  std::thread server([&] {
+    for (int i = 0; i < 2; ++i) {
+      const Descriptor peer(accept(listener.Get(), nullptr, nullptr));
+      ReceiveOnce(peer);
+      Send(peer, "data\n[A]\nx=1\n.\n");
+    }
+  });
+  ExpectRun({"-s", "unix:" + path, "get", "[A]x"}, 0, "1\n", "");
+  EXPECT_EQ(Run({"get", "[A]x"}, {}, {{"TAVIX_SETTINGS_SERVER", "unix:" + path}}).output, "1\n");
+  server.join();
+  ExpectRun({"-s", "unix:gone", "list"}, 3, "",
+            std::string("tavix-settings: no server at unix:gone: No such file or directory\n") + kHint);
+}
+
+TEST_F(GlobalOptions, VerboseShowsTheProtocol) {
+  ExpectRun(
+      {"-v", "get", "[Network/Eth0]dhcp"}, 0, "true\n",
+      "> get delimited\n> Network/Eth0\n> .\n< data\n< [Network/Eth0]\n< address=192.168.0.90\n< dhcp=true\n< .\n");
+}
+
+TEST_F(GlobalOptions, NoteThatNobodyReadsEndsQuietly) {
+  std::string text;
+  for (int i = 0; i < 3000; ++i) text += "[Many/" + std::to_string(i) + "]\nx=" + std::string(100, 'v') + "\n";
+  Merge(text);
+  const Outcome outcome =
+      RunToEnd(_directory.GetPath(), {"sh", "-c", "\"$0\" show; echo $? >&2", TAVIX_CLI_PROGRAM}, {}, Environment());
+  EXPECT_EQ(outcome.errors, "0\n");
+  const Outcome cut =
+      RunToEnd(_directory.GetPath(), {"sh", "-c", "\"$0\" show | head -n 1", TAVIX_CLI_PROGRAM}, {}, Environment());
+  EXPECT_EQ(cut.output, "[Device/Identity]\n");
+  EXPECT_EQ(cut.errors, "");
+}
+
+TEST_F(GlobalOptions, OutputThatCanNotBeWrittenIsNoSuccess) {
+  const Outcome outcome =
+      RunToEnd(_directory.GetPath(), {"sh", "-c", "\"$0\" show >/dev/full", TAVIX_CLI_PROGRAM}, {}, Environment());
+  EXPECT_EQ(outcome.status, 7);
+  EXPECT_EQ(outcome.errors, "tavix-settings: standard output can't be written: No space left on device\n");
+}
+
+TEST_F(GlobalOptions, ColorsAreForcedOrForbidden) {
+  const char colored[] = "\x1b[1;36m[Network/Wlan0]\x1b[0m\n\x1b[33menabled\x1b[0m=false\n";
+  ExpectRun({"--color", "always", "show", "Network/Wlan0"}, 0, colored, "");
+  ExpectRun({"--color=never", "show", "Network/Wlan0"}, 0, "[Network/Wlan0]\nenabled=false\n", "");
+  ExpectRun({"show", "Network/Wlan0"}, 0, "[Network/Wlan0]\nenabled=false\n", "");
+}
+
+}  // namespace tavix::test
