@@ -78,13 +78,17 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
   epoll_ctl(_poll, EPOLL_CTL_ADD, _descriptor, &event);
 }
 
+// However it was found that the output is broken.
+Connection::~Connection() {
+  if (_output.IsOverfull()) Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
+}
+
 bool Connection::OnReadable(char* scratch, size_t size) {
   if (_hasMore) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   if (count == 0) {
     _inputEnded = true;
-    if (_output.IsOverfull()) return CutIfOverfull();
     return HandleRest() && !EndsNow();
   }
   const std::string_view received(scratch, static_cast<size_t>(count));
@@ -132,7 +136,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
   } catch (const std::exception& exception) {
     return CutAfter(exception);
   }
-  return !_output.IsBroken() || CutIfOverfull();
+  return !_output.IsBroken();
 }
 
 // What the input's end cut off is handled as far as that is right: lists are answered, changes are not made.
@@ -160,7 +164,7 @@ bool Connection::OnTurn() {
 
 bool Connection::OnWritable() {
   const size_t left = _output.Send();
-  if (_output.IsBroken()) return CutIfOverfull();
+  if (_output.IsBroken()) return false;
   if (_inputEnded) return left > 0;
   const bool resumes = left <= _limits.pauseBytes && !_input.empty();
   if (resumes && !TakeInput(_input)) return false;
@@ -169,7 +173,7 @@ bool Connection::OnWritable() {
 }
 
 bool Connection::OnTick(Clock::time_point now) {
-  if (_output.IsBroken()) return CutIfOverfull();
+  if (_output.IsBroken()) return false;
   const size_t kept = _output.GetKeptBytes();
   if (kept > _limits.backlogBytes && now - _output.GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
     return Cut(CutReason::kBacklog, kept);
@@ -197,11 +201,6 @@ bool Connection::Cut(CutReason reason, size_t figure) {
   _counters.Count(reason);
   Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), TextOf(reason), figure);
   return false;
-}
-
-// Of a connection whose output is broken, which ends in any case.
-bool Connection::CutIfOverfull() {
-  return _output.IsOverfull() && Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
 }
 
 bool Connection::CutAfter(const std::exception& exception) {

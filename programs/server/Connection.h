@@ -33,7 +33,7 @@ class Connection {
              Counters& counters);
 
   // What was not sent is gone.
-  ~Connection() = default;
+  ~Connection();
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -58,7 +58,6 @@ class Connection {
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure);
-  bool CutIfOverfull();
   bool CutAfter(const std::exception& exception);
   void OnKept();
   void UpdateInterest();
