@@ -83,8 +83,9 @@ Connection::Connection(int descriptor, int poll, int wakeLoop, settings::server:
 
 // The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
 // which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
-// it is there, and bounded.
+// it is there, and bounded. However it was found that too much was unread, it is told here.
 Connection::~Connection() {
+  if (_output->IsOverfull()) Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
   _handler.reset();
   _output->Close();
   const auto drop = [this] { return recv(_descriptor, nullptr, kDropped, MSG_DONTWAIT | MSG_TRUNC) > 0; };
@@ -97,7 +98,6 @@ bool Connection::OnReadable(char* scratch, size_t size) {
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
   if (_inputEnded) return count > 0 || _output->GetKeptBytes() > 0;
   if (count == 0) {
-    if (_output->IsOverfull()) return CutIfOverfull();
     HandleRest();
     return !EndsNow();
   }
@@ -147,7 +147,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
     CountFailure(exception);
     return !EndsNow();
   }
-  return !_output->IsBroken() || CutIfOverfull();
+  return !_output->IsBroken();
 }
 
 // Who made a change hears nothing more before it is durable: a reply proves what came before it.
@@ -185,7 +185,7 @@ bool Connection::OnTurn() {
 
 bool Connection::OnWritable() {
   const size_t left = _output->Send();
-  if (_output->IsBroken()) return CutIfOverfull();
+  if (_output->IsBroken()) return false;
   if (_inputEnded) {
     UpdateInterest();
     return _output->GetKeptBytes() > 0;
@@ -197,7 +197,7 @@ bool Connection::OnWritable() {
 }
 
 bool Connection::OnTick(Clock::time_point now) {
-  if (_output->IsBroken()) return CutIfOverfull();
+  if (_output->IsBroken()) return false;
   const size_t kept = _output->GetKeptBytes();
   const size_t unread = _output->GetSendableBytes();
   if (unread > _limits.backlogBytes && now - _output->GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
@@ -227,11 +227,6 @@ bool Connection::Cut(CutReason reason, size_t figure) {
   _counters.Count(reason);
   Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), TextOf(reason), figure);
   return false;
-}
-
-// Of a connection whose output is broken, which ends in any case.
-bool Connection::CutIfOverfull() {
-  return _output->IsOverfull() && Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
 }
 
 void Connection::CountFailure(const std::exception& exception) {

@@ -60,7 +60,6 @@ class Connection {
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure);
-  bool CutIfOverfull();
   void CountFailure(const std::exception& exception);
   void OnKept();
   struct Interest {
