@@ -35,6 +35,7 @@ class InterruptsIgnored {
   std::vector<std::string> words{"sh", "-c", command, "sh"};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   execv("/bin/sh", pointers.data());

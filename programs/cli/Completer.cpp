@@ -156,7 +156,7 @@ void Completer::CompletePositional() {
   const std::string name = _command->get_name();
   if (IsOneOf(name, {"get", "watch", "unset", "wait", "set"})) {
     CompleteSettings();
-  } else if (name == "show" && _command->get_parent() != &_line.GetApp()) {
+  } else if (_command->get_parent() != &_line.GetApp()) {
     CompleteResources();
   } else if (IsOneOf(name, {"list", "show", "delete", "reset", "edit", "export"})) {
     Offer(ReadGroups());
@@ -164,8 +164,6 @@ void Completer::CompletePositional() {
     if (!_positionals.empty()) Offer(ReadGroups());
   } else if (name == "log-level") {
     Offer(_positionals.empty() ? ReadGroups() : GetLogLevelNames());
-  } else if (IsOneOf(name, {"reserve", "release"})) {
-    CompleteResources();
   } else if (name == "help") {
     Offer(SubCommandsOf(_line.GetApp()));
   } else if (name == "completion") {
@@ -173,23 +171,26 @@ void Completer::CompletePositional() {
   }
 }
 
-// "[group]key" behind a bracket; groups without one, and keys behind a group.
+// "[group]key" behind a bracket; keys behind a group, and groups everywhere else.
 void Completer::CompleteSettings() {
   if (!_current.empty() && _current.front() == '[') {
-    const size_t close = _current.find(']');
-    if (close == std::string::npos) {
-      Words names = ReadGroups();
-      for (std::string& group : names) group = "[" + group + "]";
-      Offer(names);
-    } else {
-      const std::string head = _current.substr(0, close + 1);
-      Offer(ReadKeys(Unspell(head.substr(1, close - 1))), head);
-    }
-  } else if (!_positionals.empty() && _positionals.back().front() != '[') {
-    Offer(ReadKeys(_positionals.back()));
-  } else {
-    Offer(ReadGroups());
+    CompleteBracketed();
+    return;
   }
+  const Words keys = _positionals.empty() ? Words() : ReadKeys(_positionals.back());
+  Offer(keys.empty() ? ReadGroups() : keys);
+}
+
+void Completer::CompleteBracketed() {
+  const size_t close = _current.find(']');
+  if (close == std::string::npos) {
+    Words names = ReadGroups();
+    for (std::string& group : names) group.insert(0, "[").append("]");
+    Offer(names);
+    return;
+  }
+  const std::string head = _current.substr(0, close + 1);
+  Offer(ReadKeys(Unspell(head.substr(1, close - 1))), head);
 }
 
 void Completer::CompleteResources() {

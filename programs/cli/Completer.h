@@ -32,6 +32,7 @@ class Completer {
   void Complete();
   void CompleteOptionValue(const std::string& option);
   void CompleteSettings();
+  void CompleteBracketed();
   void CompletePositional();
   void CompleteResources();
   void CompleteConsumers();

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -146,10 +147,8 @@ IniFile FindNewValues(const IniFile& after, const std::vector<Change>& changes) 
 }
 
 bool LosesAnything(const std::vector<Change>& changes) {
-  for (const Change& change : changes) {
-    if (change.key ? !change.after.has_value() : !change.hasCome) return true;
-  }
-  return false;
+  return std::any_of(changes.begin(), changes.end(),
+                     [](const Change& change) { return change.key ? !change.after.has_value() : !change.hasCome; });
 }
 
 // The protocol's conditional write can only set. What goes is taken away right behind it, on the same connection.

@@ -39,7 +39,7 @@ bool Follower::AwaitChange(End end) {
     return true;
   } catch (const Failure& failure) {
     if (failure.GetCode() != kExitNoServer) throw;
-    Console::Warn(std::string(failure.what()) + "; trying again");
+    _context.GetConsole().Say(std::string(failure.what()) + "; trying again");
     return ReconnectUntil(end);
   }
 }

@@ -27,7 +27,7 @@ struct GlobalOptions {
   ColorChoice color = ColorChoice::kAuto;
 
   std::chrono::milliseconds GetTimeout() const {
-    return std::chrono::milliseconds(static_cast<long long>(timeout * 1000 + 0.5));
+    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(timeout));
   }
 };
 

@@ -17,7 +17,7 @@ using core::IniFile;
 namespace {
 
 struct Options {
-  std::string file = "-";
+  std::string file;  // empty: standard input
   std::vector<std::string> words;
   bool replaces = false;
   bool isUserLayer = false;
@@ -33,7 +33,7 @@ class Import {
       : _context(context),
         _options(options),
         _session(context.GetSession()),
-        _file(SelectGroups(ReadDocument(options.file), options.words)) {
+        _file(SelectGroups(ReadDocument(FindSource(options)), options.words)) {
     _session.AllowNew();
     TakeOutDeletedGroups();
     TakeOutUnchangedRestricted();
@@ -58,6 +58,13 @@ class Import {
   }
 
  private:
+  // Nobody types a backup: who forgot the file is not to sit and wait.
+  static std::string FindSource(const Options& options) {
+    if (!options.file.empty()) return options.file;
+    if (Console::CanAsk()) throw Failure(kExitUsage, "expected a FILE, or a backup on standard input");
+    return "-";
+  }
+
   // A backup of the user layer tells what was deleted. In a file that is a group like any other.
   void TakeOutDeletedGroups() {
     if (!_context.GetOptions().local.empty() || !_file.HasGroup(kDeletedGroups)) return;

@@ -20,7 +20,7 @@ nlohmann::json ValueToJson(const std::optional<std::string>& value);
 nlohmann::json ToJson(const core::IniFile& settings);
 
 // The text of a whole document, with a line feed behind it.
-std::string Pretty(const nlohmann::json& json);
+std::string Pretty(const nlohmann::json& document);
 
 bool LooksLikeJson(const std::string& text);
 

@@ -117,8 +117,10 @@ std::string Target::ToText() const {
 }
 
 std::vector<Target> ParseTargets(const Words& words) {
-  const bool isPair = words.size() == 2 && !IsBracketed(words[0]) && !IsBracketed(words[1]);
-  if (isPair && (words[0] + words[1]).find('*') == std::string::npos) return {{words[0], words[1]}};
+  const auto isPlain = [](const std::string& word) {
+    return !IsBracketed(word) && word.find('*') == std::string::npos;
+  };
+  if (words.size() == 2 && isPlain(words[0]) && isPlain(words[1])) return {{words[0], words[1]}};
   std::vector<Target> targets;
   for (const std::string& word : words)
     targets.push_back(IsBracketed(word) ? ParseBracketed(word) : Target{word, std::nullopt});

@@ -195,7 +195,7 @@ TEST_F(GlobalOptions, VerboseShowsTheProtocol) {
       "> get delimited\n> Network/Eth0\n> .\n< data\n< [Network/Eth0]\n< address=192.168.0.90\n< dhcp=true\n< .\n");
 }
 
-TEST_F(GlobalOptions, NoteThatNobodyReadsEndsQuietly) {
+TEST_F(GlobalOptions, OutputThatNobodyReadsEndsQuietly) {
   std::string text;
   for (int i = 0; i < 3000; ++i) text += "[Many/" + std::to_string(i) + "]\nx=" + std::string(100, 'v') + "\n";
   Merge(text);
@@ -206,6 +206,14 @@ TEST_F(GlobalOptions, NoteThatNobodyReadsEndsQuietly) {
       RunToEnd(_directory.GetPath(), {"sh", "-c", "\"$0\" show | head -n 1", TAVIX_CLI_PROGRAM}, {}, Environment());
   EXPECT_EQ(cut.output, "[Device/Identity]\n");
   EXPECT_EQ(cut.errors, "");
+  const Outcome ignoring =
+      RunToEnd(_directory.GetPath(), {"sh", "-c", "trap '' PIPE; \"$0\" show | head -n 1", TAVIX_CLI_PROGRAM}, {},
+               Environment());
+  EXPECT_EQ(ignoring.errors, "");
+  CommandProcess process(_directory.GetPath(), WithProgram({"show"}), Environment());
+  process.CloseOutput();
+  EXPECT_EQ(process.AwaitEnd(), 128 + SIGPIPE);
+  EXPECT_EQ(process.GetErrors(), "");
 }
 
 TEST_F(GlobalOptions, OutputThatCanNotBeWrittenIsNoSuccess) {

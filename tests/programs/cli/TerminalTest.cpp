@@ -104,6 +104,12 @@ TEST_F(OnATerminal, InterruptAtAPromptIsExitStatus130) {
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
 
+TEST_F(OnATerminal, ImportWithoutAFileDoesNotWaitForSomebodyToTypeOne) {
+  const auto process = Start({"import"});
+  EXPECT_EQ(process->AwaitEnd(), 2);
+  EXPECT_EQ(process->GetOutput(), "tavix-settings: expected a FILE, or a backup on standard input\n");
+}
+
 TEST_F(OnATerminal, WatchTellsWhatItWatches) {
   const auto process = Start({"--color=never", "watch", "Network/*"});
   process->AwaitOutput("watching Network/*; Ctrl-C ends\n");

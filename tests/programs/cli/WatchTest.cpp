@@ -126,8 +126,8 @@ TEST_F(WatchCommand, SurvivesARestartOfTheDaemonAndMissesNothingThatStillHolds) 
   EXPECT_EQ(watch->AwaitEnd(), 0);
   EXPECT_THAT(watch->GetOutput(),
               testing::EndsWith("[Network/Eth0]dhcp: true -> false\n[Network/Wlan0]enabled: false -> true\n"));
-  EXPECT_EQ(watch->GetErrors(), "tavix-settings: the connection to " + address + " was lost; trying again\n" +
-                                    "connected again to " + address + "\n");
+  EXPECT_EQ(watch->GetErrors(),
+            "the connection to " + address + " was lost; trying again\n" + "connected again to " + address + "\n");
 }
 
 TEST_F(WatchCommand, WithoutAServerItFailsAtOnce) {
