@@ -113,6 +113,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
     : _defaults(options.defaults),
       _restricted(options.restricted),
       _userSettings(FollowLinks(options.userSettings)),
+      _namesGroups(options.action == Options::Action::kCheck),
       _counters(counters),
       _persister(MakePersister(options, _userSettings, counters)) {}
 
@@ -150,14 +151,16 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
 void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
                                     IniFile& merged) {
   IniFile document = LoadFile(path);
-  std::vector<std::string> dropped;
+  Report report{NameOf(layer), path, 0, {}, {}, ""};
   if (layer == Layer::kDefaults) {
-    dropped = RestrictedGroupsOf(document);
+    if (_namesGroups) report.dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
   }
-  const std::vector<std::string> before = GroupsOf(document);
+  const std::vector<std::string> before = _namesGroups ? GroupsOf(document) : std::vector<std::string>();
   combiner.RunFilters(document);
-  Remember({NameOf(layer), path, CountGroupsOf(document), std::move(dropped), MissingGroups(before, document), ""});
+  report.outbid = MissingGroups(before, document);
+  report.groups = CountGroupsOf(document);
+  Remember(std::move(report));
   merged.MergeSettings(std::move(document));
 }
 

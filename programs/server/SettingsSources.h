@@ -65,6 +65,7 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const LayerSources _defaults;
   const LayerSources _restricted;
   const std::string _userSettings;  // empty: there are none
+  const bool _namesGroups;  // whether reports are to be read; with many groups they cost as much as the settings
   Counters& _counters;
   const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
   mutable std::mutex _mutex;                                // guards _reports
