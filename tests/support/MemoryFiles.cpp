@@ -75,12 +75,12 @@ MemoryFiles::MemoryFiles(const Image& image) {
 // effect: is told whether the operation fails, and then does what a failure leaves, if anything.
 template <class Effect>
 void MemoryFiles::Do(Operation operation, Effect effect) {
-  Observer observer;
+  std::vector<Observer> observers;
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    observer = _observer;
+    observers = _observers;
   }
-  if (observer) observer(operation);
+  for (const Observer& observer : observers) observer(operation);
   std::lock_guard<std::mutex> lock(_mutex);
   const bool fails = _fails && _untilFailure == 0;
   if (_fails && _untilFailure > 0) --_untilFailure;
@@ -217,9 +217,9 @@ void MemoryFiles::FailNoMore() {
   _fails = false;
 }
 
-void MemoryFiles::SetObserver(Observer observer) {
+void MemoryFiles::AddObserver(Observer observer) {
   std::lock_guard<std::mutex> lock(_mutex);
-  _observer = std::move(observer);
+  _observers.push_back(std::move(observer));
 }
 
 // The caller holds the lock.

@@ -58,8 +58,8 @@ class MemoryFiles : public daemon::FileSystem {
   void FailAfter(size_t operations, bool forEver);
   void FailNoMore();
 
-  // Called before each operation.
-  void SetObserver(Observer observer);
+  // Is called before each operation, after those that were added earlier.
+  void AddObserver(Observer observer);
 
  private:
   class OpenFile;
@@ -77,7 +77,7 @@ class MemoryFiles : public daemon::FileSystem {
   std::vector<Content> _files;
   std::map<std::string, size_t> _names;
   std::vector<Operation> _operations;
-  Observer _observer;
+  std::vector<Observer> _observers;
   size_t _untilFailure = 0;
   bool _fails = false;
   bool _failsForEver = false;
