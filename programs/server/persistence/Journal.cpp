@@ -29,6 +29,8 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
   journal->_end = reader.GetEnd();
   journal->_filled = fileSize;
   journal->_checksum = reader.GetChecksum();
+  if (reader.HasMore())
+    journal->_file->WriteAt(journal->_end, std::string(static_cast<size_t>(fileSize - journal->_end), '\0'));
   return journal;
 }
 
@@ -48,15 +50,25 @@ void Journal::Write(const std::string& bytes) {
 }
 
 void Journal::Sync() {
-  _file->Sync();
-  if (_isInPlace) return;
+  SyncRecords();
   TakePlace();
-  _files.SyncDirectoryOf(_snapshotPath);
+  SyncName();
+}
+
+void Journal::SyncRecords() {
+  _file->Sync();
 }
 
 void Journal::TakePlace() {
+  if (_isInPlace) return;
   _files.Rename(NewPathOf(_snapshotPath), PathOf(_snapshotPath));
   _isInPlace = true;
+}
+
+void Journal::SyncName() {
+  if (_nameIsSynced) return;
+  _files.SyncDirectoryOf(_snapshotPath);
+  _nameIsSynced = true;
 }
 
 }  // namespace tavix::daemon

@@ -14,7 +14,7 @@ namespace tavix::daemon {
 // when it is synced for the first time: until then what was synced into the old one counts.
 //
 // The file is filled with zeros ahead of its records, so that a sync has no metadata to write.
-// Threads: one appends while another syncs.
+// Threads: one appends while another syncs records or the name; taking the place is for one at a time.
 // Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
@@ -25,18 +25,26 @@ class Journal {
   static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, uint64_t follows,
                                          const std::vector<Change>& changes);
 
-  // Goes on where the reader ended.
+  // Goes on where the reader ended. What stands behind, of a change that was never finished, is wiped out: a change
+  // that is made again must not bring back those that once followed it. To be synced before anything is appended.
   static std::unique_ptr<Journal> Resume(FileSystem& files, const std::string& snapshotPath, bool isInPlace,
                                          const JournalReader& reader, uint64_t fileSize);
 
   // Written once it returns, but not synced.
   void Append(const Change& change);
 
-  // Returns once what was appended before is on the disk, and will be found there.
+  // Returns once what was appended before is on the disk, and will be found there: the three steps below.
   void Sync();
 
-  // Makes the journal the one that is found, synced or not.
+  void SyncRecords();
+
+  // Makes the journal the one that is found, synced or not. Does nothing when it is. Not while another is made, which
+  // would get its place.
   void TakePlace();
+  bool IsInPlace() const { return _isInPlace; }
+
+  // Of a journal that is in place.
+  void SyncName();
 
   uint64_t GetFollowed() const { return _follows; }
 
@@ -53,7 +61,8 @@ class Journal {
   const std::string _snapshotPath;
   const uint64_t _follows;
   std::unique_ptr<File> _file;
-  bool _isInPlace = false;  // the syncing thread's
+  bool _isInPlace = false;
+  bool _nameIsSynced = false;  // the syncing thread's
   uint64_t _end = 0;
   uint64_t _filled = 0;  // so far the file has been written to
   uint32_t _checksum = 0;
