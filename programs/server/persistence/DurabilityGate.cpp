@@ -7,12 +7,14 @@ namespace tavix::daemon {
 
 thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
 
-DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>& groups) {
+DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups) {
   std::lock_guard<std::mutex> lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
   const bool isHeld = _holds && !_letsGo;
-  if (isHeld) {
-    for (const std::string& group : groups) _groups[group] = ticket;
+  if (isHeld && groups) {
+    for (const std::string& group : *groups) _groups[group] = ticket;
+  } else if (isHeld) {
+    _lastOfAny = ticket;
   } else {
     _durable.store(ticket, std::memory_order_release);
   }
@@ -59,7 +61,7 @@ DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNam
   const Ticket last = _last.load(std::memory_order_acquire);
   if (!groups || IsDurable(last)) return last;
   std::lock_guard<std::mutex> lock(_mutex);
-  Ticket found = 0;
+  Ticket found = _lastOfAny;
   std::set<std::string> candidate;
   std::set<std::string> matching;
   for (const auto& [name, ticket] : _groups) {

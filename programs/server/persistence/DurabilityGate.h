@@ -19,7 +19,8 @@ class IHeldOutput {
  public:
   virtual ~IHeldOutput() = default;
 
-  // Something that was waited for is durable. On the thread that found out, which holds nothing.
+  // Something that was waited for is durable, or is waited for no more. On the thread that found out. It may hold the
+  // locks of the store and of the persister, which are not to be taken.
   virtual void OnDurable() = 0;
 };
 
@@ -39,13 +40,13 @@ class DurabilityGate {
   DurabilityGate(const DurabilityGate&) = delete;
   DurabilityGate& operator=(const DurabilityGate&) = delete;
 
-  // A change of these groups, made in memory by this thread and visible to nobody yet.
-  Ticket Add(const std::set<std::string>& groups);
+  // A change of these groups, made in memory by this thread and visible to nobody yet. null: any group may show it.
+  Ticket Add(const std::set<std::string>* groups);
 
   // All changes up to that one are durable. Tells who waits for them.
   void SetDurable(Ticket ticket);
 
-  // The disk fails: from now on nothing is kept back, until Hold.
+  // The disk fails: from now on nothing is kept back, until Hold. Tells who waits.
   void LetGo();
   void Hold();
 
@@ -71,6 +72,7 @@ class DurabilityGate {
   mutable std::mutex _mutex;  // guards what follows
   bool _letsGo = false;
   std::map<std::string, Ticket> _groups;  // the last change of each, where it is not durable
+  Ticket _lastOfAny = 0;                  // the last change that any group may show
   std::vector<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;
 };
 

@@ -29,6 +29,8 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
   journal->_end = reader.GetEnd();
   journal->_filled = fileSize;
   journal->_checksum = reader.GetChecksum();
+  if (reader.HasMore())
+    journal->_file->WriteAt(journal->_end, std::string(static_cast<size_t>(fileSize - journal->_end), '\0'));
   return journal;
 }
 
@@ -47,9 +49,26 @@ void Journal::Write(const std::string& bytes) {
   _end = end;
 }
 
+void Journal::Sync() {
+  SyncRecords();
+  TakePlace();
+  SyncName();
+}
+
+void Journal::SyncRecords() {
+  _file->Sync();
+}
+
 void Journal::TakePlace() {
+  if (_isInPlace) return;
   _files.Rename(NewPathOf(_snapshotPath), PathOf(_snapshotPath));
   _isInPlace = true;
+}
+
+void Journal::SyncName() {
+  if (_nameIsSynced) return;
+  _files.SyncDirectoryOf(_snapshotPath);
+  _nameIsSynced = true;
 }
 
 }  // namespace tavix::daemon

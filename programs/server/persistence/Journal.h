@@ -10,11 +10,11 @@
 
 namespace tavix::daemon {
 
-// The changes since a snapshot, appended to a file. A new journal is written beside the old one, and is to take its
-// place when it was synced for the first time: until then what was synced into the old one counts.
+// The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
+// when it is synced for the first time: until then what was synced into the old one counts.
 //
 // The file is filled with zeros ahead of its records, so that a sync has no metadata to write.
-// Threads: one syncs while another does everything else.
+// Threads: one appends while another syncs records or the name; taking the place is for one at a time.
 // Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
@@ -25,20 +25,26 @@ class Journal {
   static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, uint64_t follows,
                                          const std::vector<Change>& changes);
 
-  // Goes on where the reader ended.
+  // Goes on where the reader ended. What stands behind, of a change that was never finished, is wiped out: a change
+  // that is made again must not bring back those that once followed it. To be synced before anything is appended.
   static std::unique_ptr<Journal> Resume(FileSystem& files, const std::string& snapshotPath, bool isInPlace,
                                          const JournalReader& reader, uint64_t fileSize);
 
   // Written once it returns, but not synced.
   void Append(const Change& change);
 
-  // Returns once what was appended before is on the disk; it is found there if the journal was in its place.
-  void Sync() { _file->Sync(); }
+  // Returns once what was appended before is on the disk, and will be found there: the three steps below.
+  void Sync();
 
-  // A journal that is not in its place yet takes it, which the directory's sync makes durable. Not while another one is
-  // created: a journal that was replaced must not take the place of the one that replaced it.
-  bool IsInPlace() const { return _isInPlace; }
+  void SyncRecords();
+
+  // Makes the journal the one that is found, synced or not. Does nothing when it is. Not while another is made, which
+  // would get its place.
   void TakePlace();
+  bool IsInPlace() const { return _isInPlace; }
+
+  // Of a journal that is in place.
+  void SyncName();
 
   uint64_t GetFollowed() const { return _follows; }
 
@@ -56,6 +62,7 @@ class Journal {
   const uint64_t _follows;
   std::unique_ptr<File> _file;
   bool _isInPlace = false;
+  bool _nameIsSynced = false;  // the syncing thread's
   uint64_t _end = 0;
   uint64_t _filled = 0;  // so far the file has been written to
   uint32_t _checksum = 0;

@@ -51,8 +51,9 @@ Change DescribeChange(const core::IniFile& userSettings, const std::set<std::str
 }
 
 void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set) {
-  for (const auto& group : ParseText(removed)) document.RemoveGroup(group.first);
+  const core::IniFile gone = ParseText(removed);
   core::IniFile changed = ParseText(set);
+  for (const auto& group : gone) document.RemoveGroup(group.first);
   for (const auto& group : changed) document.RemoveGroup(group.first);
   document.MergeSettings(std::move(changed));
 }

@@ -20,7 +20,7 @@ struct Change {
 // userSettings: after the change.
 Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups);
 
-// Makes the change to a document. Throws osa::Exception for what is no settings text.
+// Makes the change to a document. Throws osa::Exception for what is no settings text; the document is as it was then.
 void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set);
 
 // The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each

@@ -11,6 +11,11 @@ namespace tavix::daemon {
 
 namespace {
 
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("UserSettings");
+  return logger;
+}
+
 std::string BackupOf(const std::string& path) {
   return path + ".bak";
 }
@@ -79,15 +84,31 @@ UserSettingsFiles::UserSettingsFiles(FileSystem& files, std::string path) : _fil
 
 FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   FoundUserSettings found;
-  Snapshot snapshot = FindSnapshot(mayRepair, found);
+  Snapshot snapshot = FindSnapshot(found);
   found.settings = std::move(snapshot.settings);
   found.generation = snapshot.end.generation;
   found.snapshotBytes = snapshot.bytes;
   ApplyJournal(snapshot, mayRepair, found);
+  if (mayRepair) MakeDurable(found);
   return found;
 }
 
-Snapshot UserSettingsFiles::FindSnapshot(bool mayRepair, FoundUserSettings& found) {
+// The daemon before may have ended before it had synced what it wrote, and from now on people are shown that.
+void UserSettingsFiles::MakeDurable(FoundUserSettings& found) {
+  try {
+    if (found.journal) {
+      found.journal->Sync();
+    } else if (!found.isAbsent && !found.mustBeWritten) {
+      _files.SyncDirectoryOf(_path);
+    }
+  } catch (const std::exception& exception) {
+    found.problems.push_back(exception.what());
+    found.mustBeWritten = true;
+    found.journal.reset();
+  }
+}
+
+Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
   const FileContent content = _files.Read(_path);
   Snapshot snapshot = ReadSnapshot(_path, content);
   AvoidGeneration(snapshot.end.generation, found);
@@ -103,18 +124,17 @@ Snapshot UserSettingsFiles::FindSnapshot(bool mayRepair, FoundUserSettings& foun
     if (backup.state == Snapshot::State::kAbsent) return snapshot;
     snapshot.problem = "'" + _path + "': it is empty";
   }
-  return UseBackup(snapshot, std::move(backup), mayRepair, found);
+  return UseBackup(snapshot, std::move(backup), found);
 }
 
-Snapshot UserSettingsFiles::UseBackup(const Snapshot& damaged, Snapshot backup, bool mayRepair,
-                                      FoundUserSettings& found) {
+Snapshot UserSettingsFiles::UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found) {
   const bool isUsable = backup.state != Snapshot::State::kAbsent && backup.state != Snapshot::State::kDamaged;
   AvoidGeneration(backup.end.generation, found);
   found.mustBeWritten = true;
   found.problems.push_back("User settings are damaged: " + damaged.problem + "; " +
                            (isUsable ? "the backup '" + BackupOf(_path) + "' is used"
                                      : std::string("there is no backup of use, they begin empty")));
-  PutAside(_path, mayRepair, found);
+  _isDamaged = true;
   if (backup.state == Snapshot::State::kDamaged) found.problems.push_back("The backup is damaged: " + backup.problem);
   return isUsable ? std::move(backup) : Snapshot();
 }
@@ -132,7 +152,8 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
   const bool newIsLonger =
       onItsWay.changesFrom > 0 && onItsWay.changes > (inPlace.changesFrom > 0 ? inPlace.changes : 0);
   const FoundJournal& journal = newIsLonger ? onItsWay : inPlace;
-  if (journal.changesFrom == 0) return;
+  // One without changes does not go on: it may even end before those that the snapshot holds.
+  if (journal.changes == 0 || journal.changesFrom == 0) return;
   try {
     const JournalReader reader = Replay(journal, found.settings);
     if (reader.HasMore())
@@ -148,33 +169,67 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
 
 void UserSettingsFiles::PutAside(const std::string& path, bool mayRepair, FoundUserSettings& found) {
   if (!mayRepair) return;
-  if (path == _path) _isGood = false;
   try {
     const std::string name = FindBadName(_files, path);
     _files.Rename(path, name);
     found.problems.back() += "; it is kept as '" + name + "'";
   } catch (const std::exception& exception) {
     found.problems.back() += std::string("; it can't be put aside: ") + exception.what();
-    if (path == _path) _mustPutAside = true;
   }
 }
 
 void UserSettingsFiles::ReplaceSnapshot(const std::string& text, int64_t written) {
   const std::string newPath = _path + ".new";
-  {
-    const std::unique_ptr<File> file = _files.Create(newPath);
-    file->WriteAt(0, text);
-    file->SetModificationTime(written);
-    file->Sync();
+  try {
+    WriteNewSnapshot(newPath, text, written);
+    if (_isDamaged) {
+      KeepDamaged();
+    } else {
+      KeepBackup();
+    }
+    _files.Rename(newPath, _path);
+  } catch (...) {
+    RemoveQuietly(newPath);
+    throw;
   }
-  if (_mustPutAside) {
-    _files.Rename(_path, FindBadName(_files, _path));
-    _mustPutAside = false;
-  }
-  if (_isGood) KeepBackup();
-  _files.Rename(newPath, _path);
-  _isGood = true;
+  _isDamaged = false;
+  _damagedIsKept = false;
   _files.SyncDirectoryOf(_path);
+}
+
+void UserSettingsFiles::WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written) {
+  const std::unique_ptr<File> file = _files.Create(newPath);
+  file->WriteAt(0, text);
+  try {
+    file->SetModificationTime(written);
+  } catch (const std::exception& exception) {
+    // Then rot looks like an edit. That is no reason not to save.
+    Log()->Trace("%s", exception.what());
+  }
+  file->Sync();
+}
+
+// What is left of a try would only take room that the next one needs.
+void UserSettingsFiles::RemoveQuietly(const std::string& path) {
+  try {
+    _files.Remove(path);
+  } catch (const std::exception& exception) {
+    Log()->Trace("%s", exception.what());
+  }
+}
+
+// Not before there is something to replace it: a start that found neither would not look for the backup. What can't
+// have a second name, a directory for instance, is renamed.
+void UserSettingsFiles::KeepDamaged() {
+  if (_damagedIsKept || !_files.Exists(_path)) return;
+  const std::string name = FindBadName(_files, _path);
+  try {
+    _files.Link(_path, name);
+  } catch (const std::exception&) {
+    _files.Rename(_path, name);
+  }
+  _damagedIsKept = true;
+  Log()->Warning("The damaged '%s' is kept as '%s'", _path.c_str(), name.c_str());
 }
 
 // Some file systems have no links: then there is no backup, and that is no reason not to save.
@@ -186,7 +241,7 @@ void UserSettingsFiles::KeepBackup() {
     _files.Link(_path, newBackup);
     _files.Rename(newBackup, BackupOf(_path));
   } catch (const std::exception& exception) {
-    core::Logger::GetLogger("UserSettings")->Warning("No backup is kept: %s", exception.what());
+    Log()->Warning("No backup is kept: %s", exception.what());
   }
 }
 

@@ -40,7 +40,8 @@ class UserSettingsFiles {
   // files: outlive the object. path: of the snapshot. Links are not followed here.
   UserSettingsFiles(FileSystem& files, std::string path);
 
-  // mayRepair: put aside what is damaged; otherwise nothing is touched. Never throws for what the files are like.
+  // mayRepair: make durable what is found, and put journals aside that belong to nothing; otherwise nothing is touched.
+  // A damaged snapshot stays until the next one is there. Never throws for what the files are like.
   FoundUserSettings Find(bool mayRepair);
 
   // Makes the text the snapshot. Whatever fails or whenever the power goes, what counts is the old one or the new one,
@@ -51,16 +52,20 @@ class UserSettingsFiles {
   void RemoveJournals();
 
  private:
-  Snapshot FindSnapshot(bool mayRepair, FoundUserSettings& found);
-  Snapshot UseBackup(const Snapshot& damaged, Snapshot backup, bool mayRepair, FoundUserSettings& found);
+  Snapshot FindSnapshot(FoundUserSettings& found);
+  Snapshot UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found);
   void ApplyJournal(const Snapshot& snapshot, bool mayRepair, FoundUserSettings& found);
   void PutAside(const std::string& path, bool mayRepair, FoundUserSettings& found);
+  void MakeDurable(FoundUserSettings& found);
+  void WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written);
+  void RemoveQuietly(const std::string& path);
   void KeepBackup();
+  void KeepDamaged();
 
   FileSystem& _files;
   const std::string _path;
-  bool _isGood = true;         // what stands at the path is worth being the backup
-  bool _mustPutAside = false;  // it is damaged, and could not be put aside so far
+  bool _isDamaged = false;      // what stands at the path is not worth being the backup
+  bool _damagedIsKept = false;  // under another name
 };
 
 }  // namespace tavix::daemon

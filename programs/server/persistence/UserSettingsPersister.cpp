@@ -4,9 +4,9 @@
 #include <exception>
 #include <utility>
 
-#include "programs/server/persistence/Snapshot.h"
 #include "tavix/core/Logger.h"
 #include "tavix/core/MemoryStream.h"
+#include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
 
@@ -24,17 +24,6 @@ core::Logger* Log() {
 
 int64_t GetNanoseconds() {
   return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
-}
-
-// What "operation" throws; empty: nothing.
-template <class Operation>
-std::string FindProblem(Operation operation) {
-  try {
-    operation();
-    return "";
-  } catch (const std::exception& exception) {
-    return exception.what();
-  }
 }
 
 }  // namespace
@@ -69,8 +58,8 @@ FoundUserSettings UserSettingsPersister::Load() {
   _generation = found.mustBeWritten ? 0 : found.generation;
   _nextGeneration = found.nextGeneration;
   _snapshotBytes = found.snapshotBytes;
-  _journal = std::move(found.journal);
-  if (found.mustBeWritten) _snapshotIsAsked = true;
+  if (!found.mustBeWritten) _journal = std::move(found.journal);
+  _snapshotIsAsked = found.mustBeWritten;
   return found;
 }
 
@@ -85,10 +74,15 @@ void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::s
   const Change change = DescribeChange(userSettings, changedGroups);
   std::lock_guard<std::mutex> lock(_mutex);
   if (_synced == _last) _firstUnsynced = Clock::now();
-  _last = _gate.Add(changedGroups);
+  // What was overwritten takes default groups away, which the user layer need not hold.
+  const bool mayShowInAny = changedGroups.count(settings::server::SettingsManager::kDeletedGroups) > 0;
+  _last = _gate.Add(mayShowInAny ? nullptr : &changedGroups);
   if (_keepsChanges) _changes.push_back(change);
-  if (_failed || _generation == 0) return AskForSnapshot();
-  Append(change);
+  if (!_failed && _generation != 0) {
+    Append(change);
+  } else if (!_keepsChanges) {
+    AskForSnapshot();
+  }
 }
 
 // The caller holds the lock, here and wherever nothing else is said.
@@ -132,37 +126,29 @@ bool UserSettingsPersister::AwaitSync(std::unique_lock<std::mutex>& lock) {
   return false;
 }
 
-// What is synced counts only where it will be found. A journal that a snapshot has replaced meanwhile must not take the
-// next one's place, and need not: its changes are in the snapshot or in the next journal.
 void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<Journal> journal = _journal;
   const DurabilityGate::Ticket last = _last;
-  lock.unlock();
-  std::string problem = FindProblem([&] { journal->Sync(); });
-  lock.lock();
-  if (!journal->IsInPlace()) {
-    if (journal != _journal) return;
-    if (problem.empty()) problem = FindProblem([&] { journal->TakePlace(); });
+  _firstUnsynced = Clock::now();  // no change that is made from now on is older
+  try {
     lock.unlock();
-    if (problem.empty()) problem = FindProblem([&] { _filesystem.SyncDirectoryOf(_path); });
+    journal->SyncRecords();
     lock.lock();
-  }
-  FinishSync(lock, *journal, last, problem);
-}
-
-void UserSettingsPersister::FinishSync(std::unique_lock<std::mutex>& lock, const Journal& journal,
-                                       DurabilityGate::Ticket last, const std::string& problem) {
-  if (problem.empty()) {
+    if (journal != _journal && !journal->IsInPlace()) return;  // given up, and the place is another's by now
+    journal->TakePlace();
+    lock.unlock();
+    journal->SyncName();
+    _gate.SetDurable(last);
+    _observer(true, 0);
+    lock.lock();
     _synced = std::max(_synced, last);
-    _firstUnsynced = Clock::now();
     if (!_snapshotIsAsked) _delay = std::chrono::seconds(0);
-  } else if (&journal == _journal.get()) {  // else a snapshot has made it worthless meanwhile
-    Fail(problem);
+  } catch (const std::exception& exception) {
+    if (!lock.owns_lock()) lock.lock();
+    if (journal != _journal) return;  // a snapshot has made it worthless meanwhile
+    _observer(false, 0);
+    Fail(exception.what());
   }
-  lock.unlock();
-  _observer(problem.empty(), 0);
-  if (problem.empty()) _gate.SetDurable(last);
-  lock.lock();
 }
 
 void UserSettingsPersister::SnapshotLoop() {
@@ -173,7 +159,6 @@ void UserSettingsPersister::SnapshotLoop() {
     } else if (Clock::now() < _nextTry) {
       _wakeSnapshot.wait_until(lock, _nextTry);
     } else {
-      _snapshotIsAsked = false;
       lock.unlock();
       WriteSnapshot();
       lock.lock();
@@ -186,19 +171,19 @@ bool UserSettingsPersister::WriteSnapshot() {
   core::StringOstream text;
   SnapshotEnd end;
   DurabilityGate::Ticket last = 0;
-  BeginSnapshot(text);
-  _readLayer([&](const core::IniFile& layer) {
-    layer.SaveToStream(text);
-    std::lock_guard<std::mutex> lock(_mutex);
-    end.generation = _nextGeneration++;
-    if (_journal) end.journalFollows = _journal->GetFollowed();
-    if (_journal) end.journalEnd = _journal->GetEnd();
-    last = _last;
-    _keepsChanges = true;
-  });
-  end.written = GetNanoseconds();
-  EndSnapshot(text, end);
   try {
+    BeginSnapshot(text);
+    _readLayer([&](const core::IniFile& layer) {
+      layer.SaveToStream(text);
+      std::lock_guard<std::mutex> lock(_mutex);
+      end.generation = _nextGeneration++;
+      SayWhereChangesGoOn(end);
+      last = _last;
+      _keepsChanges = true;
+      _snapshotIsAsked = false;
+    });
+    end.written = GetNanoseconds();
+    EndSnapshot(text, end);
     _files.ReplaceSnapshot(text.GetText(), end.written);
   } catch (const std::exception& exception) {
     FailSnapshot(exception.what());
@@ -208,6 +193,14 @@ bool UserSettingsPersister::WriteSnapshot() {
   return true;
 }
 
+// Those that are made while a snapshot is written go to the journal there is, or to one that is begun meanwhile. After
+// a failure they go nowhere.
+void UserSettingsPersister::SayWhereChangesGoOn(SnapshotEnd& end) const {
+  if (_failed || _generation == 0) return;
+  end.journalFollows = _journal ? _journal->GetFollowed() : _generation;
+  end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
+}
+
 // The snapshot holds all changes up to that one; those since begin a journal of their own. The caller does not hold the
 // lock.
 void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket) {
@@ -215,10 +208,11 @@ void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, Durabili
   {
     std::lock_guard<std::mutex> lock(_mutex);
     _keepsChanges = false;
+    _snapshotIsAsked = false;
     const std::vector<Change> changes = std::exchange(_changes, {});
     _generation = generation;
     _snapshotBytes = bytes;
-    _journal.reset();
+    const std::shared_ptr<Journal> before = std::exchange(_journal, nullptr);
     _synced = std::max(_synced, ticket);
     if (std::exchange(_failed, false)) {
       Log()->Warning("'%s' is saved again", _path.c_str());
@@ -226,6 +220,8 @@ void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, Durabili
     }
     if (changes.empty()) _delay = std::chrono::seconds(0);
     try {
+      // Until the new journal stands, the one before holds the changes, and its name on the way is the new one's.
+      if (before && !changes.empty()) before->TakePlace();
       if (!changes.empty()) OpenJournal(changes);
       if (_synced < _last) _wakeSync.notify_one();
     } catch (const std::exception& exception) {
@@ -287,14 +283,12 @@ bool UserSettingsPersister::Finish() {
       _files.RemoveJournals();
     } else if (_journal) {
       _journal->Sync();
-      if (!_journal->IsInPlace()) _journal->TakePlace();
-      _filesystem.SyncDirectoryOf(_path);
     }
-    return !_failed;
   } catch (const std::exception& exception) {
     Log()->Warning("%s", exception.what());
-    return !_failed && isWhole;
+    if (_journal) return false;
   }
+  return !_failed;
 }
 
 }  // namespace tavix::daemon

@@ -12,6 +12,7 @@
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Runnable.h"
@@ -30,9 +31,9 @@ namespace tavix::daemon {
 // Threads:  Save and the reader that is passed to Start run under the store's lock; the rest is called by one thread.
 //           "JournalSync" syncs the journal, once for all who wait; "Snapshot" writes snapshots.
 // Locks:    its own mutex, inside "SettingsMutex"; held while the journal is appended to, never during a sync.
-// Errors:   none leave it. What goes wrong is logged with its file and reason, changes are served from memory, nothing
-// is
-//           kept back for the disk, and a snapshot is tried after 1 s, later up to 60 s, until the disk has it.
+// Errors:   none leave it but std::bad_alloc. What goes wrong is logged with its file and reason, changes are served
+//           from memory, nothing is kept back for the disk, and a snapshot is tried after 1 s, later up to 60 s, until
+//           the disk has it.
 class UserSettingsPersister {
  public:
   // Calls back with the user layer while nobody can change it.
@@ -87,13 +88,12 @@ class UserSettingsPersister {
   void SyncLoop();
   bool AwaitSync(std::unique_lock<std::mutex>& lock);
   void SyncJournal(std::unique_lock<std::mutex>& lock);
-  void FinishSync(std::unique_lock<std::mutex>& lock, const Journal& journal, DurabilityGate::Ticket last,
-                  const std::string& problem);
   void SnapshotLoop();
   bool WriteSnapshot();
   void TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket);
   void Append(const Change& change);
   void OpenJournal(const std::vector<Change>& changes);
+  void SayWhereChangesGoOn(SnapshotEnd& end) const;
   void AskForSnapshot();
   void Fail(const std::string& reason);
   void FailSnapshot(const std::string& reason);

@@ -1,0 +1,128 @@
+#include "programs/server/persistence/DurabilityGate.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+namespace tavix::test {
+
+using daemon::DurabilityGate;
+using settings::common::GroupNameMatcher;
+
+namespace {
+
+const std::set<std::string> kA = {"A"};
+const std::set<std::string> kB = {"B"};
+
+class CountingOutput : public daemon::IHeldOutput {
+ public:
+  void OnDurable() override { ++calls; }
+
+  int calls = 0;
+};
+
+GroupNameMatcher Matching(const std::string& nameOrPattern) {
+  GroupNameMatcher matcher;
+  matcher.AddNameOrPattern(nameOrPattern);
+  return matcher;
+}
+
+class DurabilityGateTest : public testing::Test {
+ protected:
+  DurabilityGate::Ticket FindLast(const std::string& nameOrPattern) const {
+    const GroupNameMatcher matcher = Matching(nameOrPattern);
+    return _gate.FindLast(&matcher);
+  }
+
+  bool IsHeld(const std::string& nameOrPattern) const { return !_gate.IsDurable(FindLast(nameOrPattern)); }
+
+  DurabilityGate _gate{true};
+  const std::shared_ptr<CountingOutput> _output = std::make_shared<CountingOutput>();
+};
+
+}  // namespace
+
+TEST_F(DurabilityGateTest, NothingIsHeldAtFirst) {
+  EXPECT_FALSE(IsHeld("*"));
+  EXPECT_TRUE(_gate.IsDurable(_gate.FindLast(nullptr)));
+  EXPECT_FALSE(_gate.Await(0, _output));
+}
+
+TEST_F(DurabilityGateTest, ChangeIsHeldUntilItIsDurable) {
+  const DurabilityGate::Ticket ticket = _gate.Add(&kA);
+  EXPECT_TRUE(IsHeld("A"));
+  _gate.SetDurable(ticket);
+  EXPECT_FALSE(IsHeld("A"));
+}
+
+TEST_F(DurabilityGateTest, MessageShowsTheLastChangeOfItsGroups) {
+  const DurabilityGate::Ticket first = _gate.Add(&kA);
+  const DurabilityGate::Ticket second = _gate.Add(&kB);
+  EXPECT_EQ(FindLast("A"), first);
+  EXPECT_EQ(FindLast("B"), second);
+  EXPECT_EQ(FindLast("*"), second);
+  EXPECT_EQ(_gate.FindLast(nullptr), second);
+  EXPECT_FALSE(IsHeld("C"));
+}
+
+TEST_F(DurabilityGateTest, GroupThatChangesAgainWaitsForTheLaterChange) {
+  const DurabilityGate::Ticket first = _gate.Add(&kA);
+  _gate.Add(&kA);
+  _gate.SetDurable(first);
+  EXPECT_TRUE(IsHeld("A"));
+}
+
+TEST_F(DurabilityGateTest, ChangeThatAnyGroupMayShowHoldsAllMessages) {
+  const DurabilityGate::Ticket ticket = _gate.Add(nullptr);
+  EXPECT_TRUE(IsHeld("C"));
+  _gate.SetDurable(ticket);
+  EXPECT_FALSE(IsHeld("C"));
+}
+
+TEST_F(DurabilityGateTest, WaitingOutputIsToldOnceWhenItsChangeIsDurable) {
+  const DurabilityGate::Ticket first = _gate.Add(&kA);
+  const DurabilityGate::Ticket second = _gate.Add(&kA);
+  EXPECT_TRUE(_gate.Await(second, _output));
+  _gate.SetDurable(first);
+  EXPECT_EQ(_output->calls, 0);
+  _gate.SetDurable(second);
+  _gate.SetDurable(second);
+  EXPECT_EQ(_output->calls, 1);
+}
+
+TEST_F(DurabilityGateTest, LaterChangeThatIsDurableMakesTheEarlierOnesSo) {
+  const DurabilityGate::Ticket first = _gate.Add(&kA);
+  EXPECT_TRUE(_gate.Await(first, _output));
+  _gate.SetDurable(_gate.Add(&kB));
+  EXPECT_EQ(_output->calls, 1);
+  _gate.SetDurable(first);
+  EXPECT_TRUE(_gate.IsDurable(_gate.FindLast(nullptr)));
+}
+
+TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsAndHoldsNothingUntilTold) {
+  EXPECT_TRUE(_gate.Await(_gate.Add(&kA), _output));
+  _gate.LetGo();
+  EXPECT_EQ(_output->calls, 1);
+  _gate.Add(&kB);
+  EXPECT_FALSE(IsHeld("*"));
+  _gate.Hold();
+  EXPECT_FALSE(IsHeld("*"));
+  _gate.Add(&kB);
+  EXPECT_TRUE(IsHeld("B"));
+}
+
+TEST_F(DurabilityGateTest, ThreadKnowsItsOwnLastChange) {
+  const DurabilityGate::Ticket ticket = _gate.Add(&kA);
+  std::thread([this] { _gate.Add(&kB); }).join();
+  EXPECT_EQ(DurabilityGate::GetLastOfThisThread(), ticket);
+}
+
+TEST(OpenDurabilityGate, HoldsNothing) {
+  DurabilityGate gate(false);
+  const DurabilityGate::Ticket ticket = gate.Add(&kA);
+  EXPECT_TRUE(gate.IsDurable(ticket));
+  EXPECT_FALSE(gate.Await(ticket, std::make_shared<CountingOutput>()));
+}
+
+}  // namespace tavix::test

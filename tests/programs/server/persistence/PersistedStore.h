@@ -1,0 +1,79 @@
+#pragma once
+
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "programs/server/persistence/UserSettingsPersister.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/SettingsCombiner.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::test {
+
+inline constexpr char kUserFile[] = "user.ini";
+inline constexpr daemon::Durability kAlways{daemon::Durability::Kind::kAlways, std::chrono::milliseconds(0)};
+inline constexpr daemon::Durability kHourly{daemon::Durability::Kind::kInterval, std::chrono::hours(1)};
+inline constexpr daemon::Durability kNever{daemon::Durability::Kind::kNone, std::chrono::milliseconds(0)};
+
+// Output that does nothing but to note when it is let go.
+class NotedOutput : public daemon::IHeldOutput {
+ public:
+  void OnDurable() override { _promise.set_value(); }
+  void Await() { _promise.get_future().wait(); }
+
+ private:
+  std::promise<void> _promise;
+};
+
+inline void AwaitDurable(daemon::DurabilityGate& gate, daemon::DurabilityGate::Ticket ticket) {
+  const auto output = std::make_shared<NotedOutput>();
+  if (gate.Await(ticket, output)) output->Await();
+}
+
+// A store whose user settings are persisted. It ends like a program that crashes: what was not saved is not saved.
+class PersistedStore : private settings::server::ISettingsPersister {
+ public:
+  // files: outlive the store. defaults: settings text.
+  PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "")
+      : _defaults(std::move(defaults)),
+        _persister(files, kUserFile, durability, [](bool, size_t) {}),
+        _manager(this, nullptr, nullptr, false) {
+    _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
+  }
+
+  ~PersistedStore() override { Crash(); }
+
+  settings::server::SettingsManager& GetManager() { return _manager; }
+  daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
+  bool Finish() { return _persister.Finish(); }
+  void Crash() { _persister.Stop(); }
+
+  void Merge(const std::string& settings) {
+    core::IniFile document;
+    document.LoadFromString(settings);
+    _manager.MergeSettings(document, 0);
+  }
+
+  // Returns when everything that this thread changed is durable, or let go.
+  void AwaitDurable() { test::AwaitDurable(GetGate(), daemon::DurabilityGate::GetLastOfThisThread()); }
+
+ private:
+  void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override {
+    combiner.LoadFromString(_defaults);
+  }
+  void LoadUserSettings(settings::server::SettingsCombiner& combiner) override {
+    combiner.LoadFromIni(_persister.Load().settings);
+  }
+  void SaveUserSettings(const core::IniFile&) override {}
+  void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override {
+    _persister.Save(userSettings, changedGroups);
+  }
+
+  const std::string _defaults;
+  daemon::UserSettingsPersister _persister;
+  settings::server::SettingsManager _manager;
+};
+
+}  // namespace tavix::test

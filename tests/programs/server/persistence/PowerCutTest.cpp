@@ -1,0 +1,138 @@
+#include "tests/support/PowerCuts.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iostream>
+#include <random>
+
+#include "programs/server/persistence/UserSettingsFiles.h"
+#include "tests/programs/server/persistence/History.h"
+#include "tests/programs/server/persistence/Pace.h"
+#include "tests/programs/server/persistence/PersistedStore.h"
+#include "tests/programs/server/persistence/RandomChanges.h"
+#include "tests/support/DocumentText.h"
+
+namespace tavix::test {
+
+namespace {
+
+constexpr int kChanges = 200;
+constexpr int kChangesInALife = 40;
+constexpr int kChangesToALargeOne = 45;
+constexpr size_t kLarge = 70 * 1000;  // more than a journal has before a snapshot is made
+constexpr size_t kImages = 24 * 1000;
+constexpr char kDefaults[] = "[A/settings]\nkey1=default\n[B/settings]\nkey2=default\n[F]\nkey=default\n";
+
+unsigned int PickSeed() {
+  const unsigned int seed = std::random_device()();
+  std::cout << "seed " << seed << std::endl;
+  testing::Test::RecordProperty("seed", std::to_string(seed));
+  return seed;
+}
+
+// A store that was changed, and crashed and was started again, on files that tell all that was done to them.
+class RecordedLives {
+ public:
+  // image: the files at first.
+  RecordedLives(const MemoryFiles::Image& image, daemon::Durability durability, unsigned int seed)
+      : _durability(durability), _changes(seed), _files(image) {
+    _files.AddObserver([this](const auto& operation) { _pace.OnOperation(operation); });
+    for (int change = 0; change < kChanges; change += kChangesInALife) Live(change);
+  }
+
+  const MemoryFiles& GetFiles() const { return _files; }
+
+  size_t CountSnapshots() const {
+    const auto operations = _files.GetOperations();
+    return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), [](const auto& operation) {
+      return operation.kind == MemoryFiles::Operation::Kind::kRename && operation.to == kUserFile;
+    }));
+  }
+
+  // Empty, or what is wrong with finding these files at that time.
+  std::string FindFault(const MemoryFiles::Image& image, size_t time) const {
+    MemoryFiles files(image);
+    const daemon::FoundUserSettings found = daemon::UserSettingsFiles(files, kUserFile).Find(true);
+    if (!found.problems.empty()) return found.problems.front();
+    const std::string fault = _history.FindFault(TextOf(found.settings), time);
+    return fault.empty() ? "" : "The state at operation " + std::to_string(time) + " " + fault;
+  }
+
+ private:
+  void Live(int first) {
+    _pace.Rest(true);
+    PersistedStore store(_files, _durability, kDefaults);
+    _history.AddLoaded(UserSettingsOf(store.GetManager()), 0);
+    _pace.Rest(false);
+    for (int change = first; change < first + kChangesInALife; ++change) MakeChange(store, change);
+    _pace.Rest(true);
+  }
+
+  void MakeChange(PersistedStore& store, int change) {
+    const size_t begun = _files.CountOperations();
+    const std::string before = UserSettingsOf(store.GetManager());
+    if (change % kChangesToALargeOne == kChangesToALargeOne / 2) {
+      _changes.MakeLarge(store.GetManager(), kLarge + 100 * static_cast<size_t>(change));
+    } else {
+      _changes.MakeOne(store.GetManager());
+    }
+    const std::string after = UserSettingsOf(store.GetManager());
+    if (after == before) return;
+    _history.Add(after, begun, store.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
+    _pace.OnChange();
+    if (_changes.Below(4) == 0) AwaitDurable(store);
+  }
+
+  void AwaitDurable(PersistedStore& store) {
+    _pace.Rest(true);
+    store.AwaitDurable();
+    _pace.Rest(false);
+  }
+
+  const daemon::Durability _durability;
+  RandomChanges _changes;
+  MemoryFiles _files;
+  History _history{_files};
+  Pace _pace;
+};
+
+MemoryFiles::Image MakeSavedFiles() {
+  MemoryFiles files;
+  PersistedStore store(files, kAlways);
+  store.Merge("[First]\nx=1\n");
+  store.Finish();
+  return files.GetImage();
+}
+
+}  // namespace
+
+TEST(PowerCut, LeavesAStateThatWasCurrentAndNoOlderOneThanAnybodyWasShown) {
+  const unsigned int seed = PickSeed();
+  const RecordedLives lives({}, kAlways, seed);
+  PowerCuts cuts({}, lives.GetFiles().GetOperations(), seed);
+  const size_t imagesAtEach = kImages / lives.GetFiles().CountOperations() + 1;
+  size_t images = 0;
+  do {
+    for (size_t image = 0; image < imagesAtEach; ++image, ++images)
+      ASSERT_EQ(lives.FindFault(cuts.Cut(), cuts.GetPosition()), "");
+  } while (cuts.Advance());
+  EXPECT_GE(images, kImages);
+  EXPECT_GE(lives.CountSnapshots(), 3u);
+  std::cout << images << " images of " << cuts.GetPosition() << " operations, " << lives.CountSnapshots()
+            << " snapshots\n";
+}
+
+// A first snapshot stands, which journals can follow.
+TEST(Crash, LosesNothingAtAnyMomentThoughNothingWasSynced) {
+  const unsigned int seed = PickSeed();
+  const MemoryFiles::Image image = MakeSavedFiles();
+  const RecordedLives lives(image, kHourly, seed);
+  PowerCuts crashes(image, lives.GetFiles().GetOperations(), seed);
+  do {
+    ASSERT_EQ(lives.FindFault(crashes.Keep(), crashes.GetPosition()), "");
+  } while (crashes.Advance());
+  EXPECT_GE(lives.CountSnapshots(), 2u);
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <random>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::test {
+
+// Changes a store in all the ways there are, one random change after the other; no value is ever set twice.
+class RandomChanges {
+ public:
+  explicit RandomChanges(unsigned int seed) : _random(seed) {}
+
+  // Something small.
+  void MakeOne(settings::server::SettingsManager& store) {
+    switch (Below(8)) {
+      case 0:
+        return store.OverwriteSettings(NextGroup(), core::IniFile());
+      case 1:
+        return store.OverwriteSettings(NextGroup(), NextDocument(1));
+      case 2:
+        return store.OverwriteSettings({NextGroup(), "E*", "Large"}, NextDocument(2));
+      case 3:
+        return store.RestoreToDefaults(MatcherOf(NextGroup()));
+      case 4:
+        static_cast<void>(store.TestAndMerge(core::IniFile(), NextDocument(1)));
+        return;
+      default:
+        return store.MergeSettings(NextDocument(1 + Below(3)), 0);
+    }
+  }
+
+  // Something that makes the journal longer than the snapshot, if it has more bytes than ever before.
+  void MakeLarge(settings::server::SettingsManager& store, size_t bytes) {
+    core::IniFile document;
+    document.SetValue("Large", "x", std::string(bytes, 'x'));
+    store.MergeSettings(document, 0);
+  }
+
+  size_t Below(size_t limit) { return _random() % limit; }
+
+ private:
+  std::string NextGroup() { return std::string(1, static_cast<char>('A' + Below(8))) + "/settings"; }
+
+  core::IniFile NextDocument(size_t groups) {
+    core::IniFile document;
+    while (document.GetGroups().size() < groups) {
+      const std::string group = NextGroup();
+      for (size_t keys = Below(4); keys > 0; --keys)
+        document.SetValue(group, "key" + std::to_string(Below(5)), "value " + std::to_string(++_values));
+      document[group];
+    }
+    return document;
+  }
+
+  static settings::common::GroupNameMatcher MatcherOf(const std::string& name) {
+    settings::common::GroupNameMatcher matcher;
+    matcher.AddNameOrPattern(name);
+    return matcher;
+  }
+
+  std::mt19937 _random;
+  size_t _values = 0;
+};
+
+}  // namespace tavix::test

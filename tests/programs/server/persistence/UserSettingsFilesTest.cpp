@@ -1,0 +1,285 @@
+#include "programs/server/persistence/UserSettingsFiles.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tavix/osa/Exception.h"
+#include "tests/programs/server/persistence/PersistedStore.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/MemoryFiles.h"
+
+namespace tavix::test {
+
+using daemon::Change;
+using daemon::FoundUserSettings;
+using daemon::Journal;
+using daemon::SnapshotEnd;
+using daemon::UserSettingsFiles;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr int64_t kWritten = 1234567890;
+constexpr size_t kOperationsOfASnapshot = 8;
+
+std::string MakeSnapshot(const std::string& settings, const SnapshotEnd& end) {
+  core::StringOstream text;
+  daemon::BeginSnapshot(text);
+  text << settings;
+  daemon::EndSnapshot(text, end);
+  return text.GetText();
+}
+
+// Files as a daemon leaves them.
+class UserFiles : public testing::Test {
+ protected:
+  FoundUserSettings Find() { return UserSettingsFiles(_files, kUserFile).Find(true); }
+
+  void Save(const std::string& settings, uint64_t generation) {
+    UserSettingsFiles(_files, kUserFile)
+        .ReplaceSnapshot(MakeSnapshot(settings, {generation, 0, 0, kWritten}), kWritten);
+  }
+
+  std::unique_ptr<Journal> Begin(uint64_t follows, const std::vector<Change>& changes) {
+    return Journal::Create(_files, kUserFile, follows, changes);
+  }
+
+  // As it rots.
+  void Damage(const std::string& path, const std::string& part) {
+    std::string bytes = _files.Get(path);
+    bytes.replace(bytes.find(part), part.size(), part.size(), '\0');
+    _files.Put(path, bytes);
+  }
+
+  MemoryFiles _files;
+};
+
+const Change kSetsY{"", "[B]\ny=2\n"};
+const Change kSetsZ{"", "[C]\nz=3\n"};
+
+}  // namespace
+
+TEST_F(UserFiles, AreEmptyAtFirst) {
+  const FoundUserSettings found = Find();
+  EXPECT_TRUE(found.isAbsent);
+  EXPECT_TRUE(found.settings.IsEmpty());
+  EXPECT_EQ(found.generation, 0u);
+  EXPECT_EQ(found.nextGeneration, 1u);
+  EXPECT_THAT(found.problems, IsEmpty());
+}
+
+TEST_F(UserFiles, HoldASnapshot) {
+  Save("[A]\nx=1\n", 7);
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_EQ(found.generation, 7u);
+  EXPECT_EQ(found.nextGeneration, 8u);
+  EXPECT_THAT(found.problems, IsEmpty());
+  EXPECT_FALSE(found.mustBeWritten);
+}
+
+TEST_F(UserFiles, HoldTheChangesSinceTheSnapshot) {
+  Save("[A]\nx=1\n", 7);
+  Begin(7, {kSetsY, {"[A]\n", ""}})->Sync();
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[B]\ny=2\n");
+  ASSERT_TRUE(found.journal);
+  found.journal->Append(kSetsZ);
+  EXPECT_EQ(TextOf(Find().settings), "[B]\ny=2\n[C]\nz=3\n");
+}
+
+TEST_F(UserFiles, HoldTheChangesOfAJournalThatWasNeverSynced) {
+  Save("[A]\nx=1\n", 7);
+  Begin(7, {kSetsY});
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n[B]\ny=2\n");
+}
+
+// What is found is shown; a power cut must not take it back.
+TEST_F(UserFiles, AreOnTheDiskOnceTheyAreFound) {
+  Save("[A]\nx=1\n", 7);
+  Begin(7, {kSetsY});
+  Find();
+  const auto operations = _files.GetOperations();
+  ASSERT_GE(operations.size(), 3u);
+  const auto last = operations.end();
+  EXPECT_EQ((last - 3)->kind, MemoryFiles::Operation::Kind::kSync);
+  EXPECT_EQ((last - 2)->to, "user.ini.journal");
+  EXPECT_EQ((last - 1)->kind, MemoryFiles::Operation::Kind::kSyncDirectory);
+}
+
+TEST_F(UserFiles, SnapshotTakesUpTheJournalBeforeItWhereItWasMade) {
+  const auto journal = Begin(6, {kSetsY});
+  journal->Sync();
+  const uint64_t end = journal->GetEnd();
+  journal->Append(kSetsZ);
+  _files.Put(kUserFile, MakeSnapshot("[A]\nx=1\n", {7, 6, end, kWritten}));
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n[C]\nz=3\n");
+}
+
+// Changes that go on there would stand before those that the snapshot knows, and not count.
+TEST_F(UserFiles, JournalThatEndsBeforeWhereTheSnapshotTakesItUpDoesNotGoOn) {
+  Begin(6, {kSetsY})->Sync();
+  _files.Put(kUserFile, MakeSnapshot("[A]\nx=1\n", {7, 6, 5000, kWritten}));
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_FALSE(found.journal);
+  EXPECT_FALSE(found.mustBeWritten);
+}
+
+TEST_F(UserFiles, JournalOfAnEarlierSnapshotDoesNotCount) {
+  Begin(6, {kSetsY})->Sync();
+  Save("[A]\nx=1\n", 7);
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_THAT(found.problems, IsEmpty());
+}
+
+TEST_F(UserFiles, NewJournalCountsWhenItHasMoreChangesThanTheOneBefore) {
+  const auto before = Begin(6, {kSetsY});
+  before->Sync();
+  _files.Put(kUserFile, MakeSnapshot("[A]\nx=1\n", {7, 6, daemon::kJournalHeaderSize, kWritten}));
+  Begin(7, {kSetsY, kSetsZ});
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n[B]\ny=2\n[C]\nz=3\n");
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile, "user.ini.journal"));
+}
+
+TEST_F(UserFiles, TornChangeIsDroppedAndNoted) {
+  Save("[A]\nx=1\n", 7);
+  const auto journal = Begin(7, {kSetsY, kSetsZ});
+  journal->Sync();
+  Damage("user.ini.journal", "z=3");
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n[B]\ny=2\n");
+  EXPECT_THAT(found.notices, ElementsAre("'user.ini.journal' ends with an unfinished change, which is dropped"));
+  EXPECT_THAT(Find().notices, IsEmpty());
+}
+
+TEST_F(UserFiles, JournalWithoutItsSnapshotIsPutAsideAndItsGenerationAvoided) {
+  Begin(9, {kSetsY})->Sync();
+  Save("[A]\nx=1\n", 7);
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_EQ(found.nextGeneration, 10u);
+  ASSERT_EQ(found.problems.size(), 1u);
+  EXPECT_THAT(found.problems[0], HasSubstr("belong to no user settings that are there; it is kept as "));
+  EXPECT_THAT(_files.GetNames(), Contains(StartsWith("user.ini.journal.bad-")));
+  EXPECT_THAT(Find().problems, IsEmpty());
+}
+
+TEST_F(UserFiles, BackupIsTheSnapshotBefore) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  EXPECT_THAT(_files.Get("user.ini.bak"), HasSubstr("x=1"));
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile, "user.ini.bak"));
+}
+
+TEST_F(UserFiles, BackupIsUsedWhenTheSnapshotIsDamaged) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  Damage(kUserFile, "x=2");
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_TRUE(found.mustBeWritten);
+  EXPECT_THAT(found.problems, ElementsAre("User settings are damaged: 'user.ini': it holds zeros; the backup "
+                                          "'user.ini.bak' is used"));
+}
+
+TEST_F(UserFiles, BackupIsUsedWhenTheSnapshotIsEmpty) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  _files.Put(kUserFile, "");
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n");
+}
+
+TEST_F(UserFiles, WithoutABackupOfUseTheyBeginEmpty) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  Damage(kUserFile, "x=2");
+  Damage("user.ini.bak", "x=1");
+  const FoundUserSettings found = Find();
+  EXPECT_TRUE(found.settings.IsEmpty());
+  EXPECT_EQ(found.problems.size(), 2u);
+  EXPECT_EQ(found.nextGeneration, 9u);
+}
+
+// If it were gone after a second crash, nobody would look for the backup any more.
+TEST_F(UserFiles, DamagedSnapshotStaysUntilThereIsAnother) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  Damage(kUserFile, "x=2");
+  Find();
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n");
+}
+
+TEST_F(UserFiles, DamagedSnapshotIsKeptAsideAndNeverTheBackup) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  Damage(kUserFile, "x=2");
+  const std::string damaged = _files.Get(kUserFile);
+  UserSettingsFiles files(_files, kUserFile);
+  files.Find(true);
+  files.ReplaceSnapshot(MakeSnapshot("[A]\nx=3\n", {9, 0, 0, kWritten}), kWritten);
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile, StartsWith("user.ini.bad-"), "user.ini.bak"));
+  EXPECT_EQ(_files.Get(_files.GetNames()[1]), damaged);
+  EXPECT_THAT(_files.Get("user.ini.bak"), HasSubstr("x=1"));
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=3\n");
+}
+
+TEST_F(UserFiles, LookingAtThemTouchesNothing) {
+  Save("[A]\nx=1\n", 7);
+  Begin(9, {kSetsY})->Sync();
+  Damage(kUserFile, "x=1");
+  const size_t operations = _files.CountOperations();
+  EXPECT_EQ(UserSettingsFiles(_files, kUserFile).Find(false).problems.size(), 2u);
+  EXPECT_EQ(_files.CountOperations(), operations);
+}
+
+TEST_F(UserFiles, ThatCanNotBeWrittenAreReadAllTheSame) {
+  Save("[A]\nx=1\n", 7);
+  Begin(7, {kSetsY})->Sync();
+  _files.FailAfter(0, true);
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n[B]\ny=2\n");
+  EXPECT_THAT(found.problems, ElementsAre("Failed to open 'user.ini.journal': No space left on device"));
+  EXPECT_TRUE(found.mustBeWritten);
+}
+
+TEST_F(UserFiles, AfterAFailureAnywhereTheOldSnapshotCountsOrTheNewOne) {
+  for (size_t failing = 0; failing < kOperationsOfASnapshot; ++failing) {
+    MemoryFiles files;
+    UserSettingsFiles user(files, kUserFile);
+    user.ReplaceSnapshot(MakeSnapshot("[A]\nx=1\n", {1, 0, 0, kWritten}), kWritten);
+    files.FailAfter(failing, false);
+    bool failed = false;
+    try {
+      user.ReplaceSnapshot(MakeSnapshot("[A]\nx=2\n", {2, 0, 0, kWritten}), kWritten);
+    } catch (const osa::Exception&) {
+      failed = true;
+    }
+    const FoundUserSettings found = UserSettingsFiles(files, kUserFile).Find(true);
+    EXPECT_THAT(TextOf(found.settings), testing::AnyOf("[A]\nx=2\n", failed ? "[A]\nx=1\n" : "")) << failing;
+    EXPECT_THAT(found.problems, IsEmpty());
+    EXPECT_THAT(files.GetNames(), Not(Contains("user.ini.new")));
+  }
+}
+
+TEST_F(UserFiles, ThatHaveNoTimesOfTheirOwnAreSavedAllTheSame) {
+  _files.FailAfter(2, false);
+  Save("[A]\nx=1\n", 7);
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=1\n");
+}
+
+TEST_F(UserFiles, WithoutJournalsAreOneFile) {
+  Save("[A]\nx=1\n", 7);
+  Begin(7, {kSetsY})->Sync();
+  Begin(8, {kSetsY});
+  UserSettingsFiles(_files, kUserFile).RemoveJournals();
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,293 @@
+#include "programs/server/persistence/UserSettingsPersister.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+
+#include "tests/programs/server/persistence/PersistedStore.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/LogOf.h"
+#include "tests/support/MemoryFiles.h"
+#include "tests/support/PowerCuts.h"
+
+namespace tavix::test {
+
+using settings::common::GroupNameMatcher;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Kind = MemoryFiles::Operation::Kind;
+
+namespace {
+
+size_t CountSnapshots(const MemoryFiles& files) {
+  const auto operations = files.GetOperations();
+  return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), [](const auto& operation) {
+    return operation.kind == Kind::kRename && operation.to == kUserFile;
+  }));
+}
+
+size_t CountCreated(const MemoryFiles& files, const std::string& path) {
+  const auto operations = files.GetOperations();
+  return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), [&](const auto& operation) {
+    return operation.kind == Kind::kCreate && operation.path == path;
+  }));
+}
+
+// What a daemon would find that is started on these files.
+std::string Load(const MemoryFiles& files) {
+  MemoryFiles image(files.GetImage());
+  PersistedStore store(image, kAlways);
+  return UserSettingsOf(store.GetManager());
+}
+
+bool IsHeld(PersistedStore& store, const std::string& group) {
+  GroupNameMatcher matcher;
+  matcher.AddNameOrPattern(group);
+  return !store.GetGate().IsDurable(store.GetGate().FindLast(&matcher));
+}
+
+// Stops the first operation that is of that kind, and for that path, until it may go on.
+class Stop {
+ public:
+  Stop(MemoryFiles& files, Kind kind, const std::string& path) {
+    files.AddObserver([stop = _stop, kind, path](const auto& operation) {
+      if (operation.kind != kind || operation.path != path || stop->isReached.exchange(true)) return;
+      stop->reached.set_value();
+      stop->mayGoOn.get_future().wait();
+    });
+  }
+
+  ~Stop() {
+    if (!_wentOn) GoOn();
+  }
+
+  void Await() { _stop->reached.get_future().wait(); }
+
+  void GoOn() {
+    _wentOn = true;
+    _stop->mayGoOn.set_value();
+  }
+
+ private:
+  struct State {
+    std::atomic<bool> isReached{false};
+    std::promise<void> reached;
+    std::promise<void> mayGoOn;
+  };
+
+  const std::shared_ptr<State> _stop = std::make_shared<State>();
+  bool _wentOn = false;
+};
+
+// Files of a store that was saved, and ended as it should.
+class Persister : public testing::Test {
+ protected:
+  // Whether that is found after each of many power cuts that may happen now.
+  testing::AssertionResult PowerCutsLeave(const std::string& settings) const {
+    PowerCuts cuts(_image, _files.GetOperations(), 1);
+    while (cuts.Advance()) continue;
+    for (int i = 0; i < 100; ++i) {
+      const std::string found = Load(MemoryFiles(cuts.Cut()));
+      if (found.find(settings) == std::string::npos) return testing::AssertionFailure() << found.substr(0, 200);
+    }
+    return testing::AssertionSuccess();
+  }
+
+  static MemoryFiles::Image MakeImage() {
+    MemoryFiles files;
+    PersistedStore store(files, kAlways);
+    store.Merge("[A]\nx=1\n");
+    store.Finish();
+    return files.GetImage();
+  }
+
+  const MemoryFiles::Image _image = MakeImage();
+  MemoryFiles _files{_image};
+};
+
+}  // namespace
+
+TEST_F(Persister, LeavesOneTextWhenItFinishes) {
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
+  EXPECT_EQ(TextOf(DocumentOf(_files.Get(kUserFile))), "[A]\nx=1\n");
+}
+
+TEST_F(Persister, WithoutAChangeWritesNothing) {
+  const std::string before = _files.Get(kUserFile);
+  const size_t snapshots = CountSnapshots(_files);
+  EXPECT_TRUE(PersistedStore(_files, kAlways).Finish());
+  EXPECT_EQ(_files.Get(kUserFile), before);
+  EXPECT_EQ(CountSnapshots(_files), snapshots);
+}
+
+TEST_F(Persister, ChangeThatChangesNothingIsNotWritten) {
+  PersistedStore store(_files, kAlways);
+  const size_t operations = _files.CountOperations();
+  store.Merge("[A]\nx=1\n");
+  EXPECT_EQ(_files.CountOperations(), operations);
+}
+
+TEST_F(Persister, CrashLosesNothingWhateverTheDurabilityIs) {
+  for (const daemon::Durability& durability : {kAlways, kHourly, kNever}) {
+    PersistedStore store(_files, durability);
+    store.Merge("[B]\ny=2\n");
+    store.Merge("[A]\nx=3\n");
+    EXPECT_EQ(Load(_files), "[A]\nx=3\n[B]\ny=2\n");
+    store.Finish();
+  }
+}
+
+TEST_F(Persister, ChangesAreAppendedAndNoSnapshotIsMade) {
+  PersistedStore store(_files, kAlways);
+  const std::string before = _files.Get(kUserFile);
+  for (int i = 0; i < 100; ++i) store.Merge("[A]\nx=" + std::to_string(i) + "\n");
+  store.AwaitDurable();
+  EXPECT_EQ(_files.Get(kUserFile), before);
+}
+
+TEST_F(Persister, LongJournalIsReplacedByASnapshot) {
+  PersistedStore store(_files, kAlways);
+  const size_t before = CountSnapshots(_files);
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  EXPECT_TRUE(Eventually([&] { return CountSnapshots(_files) == before + 1; }));
+  EXPECT_THAT(_files.Get("user.ini.bak"), HasSubstr("x=1"));
+}
+
+TEST_F(Persister, ChangeIsHeldUntilItsSyncReturns) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  EXPECT_TRUE(IsHeld(store, "B"));
+  EXPECT_FALSE(IsHeld(store, "A"));
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_FALSE(IsHeld(store, "B"));
+}
+
+// The user layer never held it: only the record of what was overwritten changed.
+TEST_F(Persister, DefaultGroupThatWasTakenAwayIsHeldToo) {
+  PersistedStore store(_files, kAlways, "[Default]\nx=1\n");
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.GetManager().OverwriteSettings("Default", core::IniFile());
+  EXPECT_TRUE(IsHeld(store, "Default"));
+}
+
+TEST_F(Persister, ManyChangesWaitForOneSync) {
+  PersistedStore store(_files, kAlways);
+  {
+    Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+    store.Merge("[B]\ny=0\n");
+    sync.Await();
+    for (int i = 1; i < 100; ++i) store.Merge("[B]\ny=" + std::to_string(i) + "\n");
+    sync.GoOn();
+    store.AwaitDurable();
+  }
+  const auto operations = _files.GetOperations();
+  const auto isSync = [](const auto& operation) {
+    return operation.kind == Kind::kSync && operation.path == "user.ini.journal.new";
+  };
+  EXPECT_EQ(std::count_if(operations.begin(), operations.end(), isSync), 2);
+}
+
+TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptAndNeedNoOther) {
+  MemoryFiles files;
+  PersistedStore store(files, kAlways);
+  Stop sync(files, Kind::kSync, "user.ini.new");
+  store.Merge("[A]\nx=1\n");
+  sync.Await();
+  for (int i = 2; i < 10; ++i) store.Merge("[A]\nx=" + std::to_string(i) + "\n");
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_EQ(Load(files), "[A]\nx=9\n");
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(CountSnapshots(files), 2u);
+}
+
+// The sync must not give the new one's name to the one that it has synced.
+TEST_F(Persister, JournalThatIsReplacedDuringItsFirstSyncLeavesTheNewOneItsName) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  Stop snapshot(_files, Kind::kSync, "user.ini.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  snapshot.Await();
+  store.Merge("[B]\ny=2\n");
+  snapshot.GoOn();
+  EXPECT_TRUE(Eventually([&] { return CountCreated(_files, "user.ini.journal.new") == 2; }));
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_TRUE(PowerCutsLeave("[B]\ny=2\n"));
+}
+
+TEST_F(Persister, DiskThatFailsLetsGoAndHasEverythingOnceItIsWell) {
+  PersistedStore store(_files, kAlways);
+  const auto log = LogOf(
+      [&] {
+        _files.FailAfter(0, true);
+        store.Merge("[B]\ny=2\n");
+        store.AwaitDurable();
+        EXPECT_FALSE(IsHeld(store, "B"));
+        _files.FailNoMore();
+        EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=2\n"; }));
+      },
+      2);
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_EQ(log[0],
+            "ERROR UserSettings: Failed to create 'user.ini.journal.new': No space left on device; changes are kept in "
+            "memory and saved as soon as that is possible");
+  EXPECT_EQ(log[1], "WARNING UserSettings: 'user.ini' is saved again");
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.Merge("[C]\nz=3\n");
+  EXPECT_TRUE(IsHeld(store, "C"));
+}
+
+TEST_F(Persister, FinishSaysWhetherEverythingIsOnTheDisk) {
+  PersistedStore store(_files, kAlways);
+  _files.FailAfter(0, true);
+  store.Merge("[B]\ny=2\n");
+  EXPECT_FALSE(store.Finish());
+  _files.FailNoMore();
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n");
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=2\n");
+}
+
+TEST_F(Persister, SnapshotThatCanNotBeMadeAtTheEndLeavesTheJournal) {
+  PersistedStore store(_files, kHourly);
+  store.Merge("[B]\ny=2\n");
+  _files.FailAfter(0, false);
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=2\n");
+}
+
+TEST_F(Persister, IntervalSyncsByItself) {
+  PersistedStore store(_files, {daemon::Durability::Kind::kInterval, std::chrono::milliseconds(1)});
+  store.Merge("[B]\ny=2\n");
+  EXPECT_TRUE(Eventually([&] { return !_files.Get("user.ini.journal").empty(); }));
+}
+
+// Whatever fails, once or for ever: what is found is a state that was current, and nothing is lost once it is well.
+TEST_F(Persister, FailureOfAnyOperationLosesNothingInTheEnd) {
+  for (size_t number = 0; number < 40; ++number) {
+    MemoryFiles files(_files.GetImage());
+    PersistedStore store(files, kAlways);
+    files.FailAfter(number / 2, number % 2 == 0);
+    store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+    for (int i = 2; i < 5; ++i) store.Merge("[A]\nx=" + std::to_string(i) + "\n[B]\nx=" + std::to_string(i) + "\n");
+    store.AwaitDurable();
+    const core::IniFile found = DocumentOf(Load(files));
+    const std::string x = found.GetValue("A", "x");
+    EXPECT_EQ(found.GetValueOrDefault("B", "x"), x == "1" ? "" : x) << number;
+    files.FailNoMore();
+    EXPECT_TRUE(store.Finish()) << number;
+    EXPECT_EQ(Load(files), UserSettingsOf(store.GetManager())) << number;
+  }
+}
+
+}  // namespace tavix::test
