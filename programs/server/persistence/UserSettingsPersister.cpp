@@ -43,7 +43,7 @@ UserSettingsPersister::UserSettingsPersister(FileSystem& files, const std::strin
       _path(path),
       _durability(durability),
       _observer(std::move(observer)),
-      _gate(durability.kind == Durability::Kind::kAlways),
+      _gate(true),
       _files(files, path) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
@@ -60,6 +60,7 @@ FoundUserSettings UserSettingsPersister::Load() {
   _snapshotBytes = found.snapshotBytes;
   _journal = std::move(found.journal);
   if (found.mustBeWritten) _snapshotIsAsked = true;
+  LetGoUnlessAlways();
   return found;
 }
 
@@ -108,7 +109,9 @@ void UserSettingsPersister::SyncLoop() {
 
 // False when it is time to stop.
 bool UserSettingsPersister::AwaitSync(std::unique_lock<std::mutex>& lock) {
-  const auto mustSync = [this] { return _journal && _synced < _last && _durability.kind != Durability::Kind::kNone; };
+  const auto mustSync = [this] {
+    return _journal && _synced < _last && !_takesOver && _durability.kind != Durability::Kind::kNone;
+  };
   while (!_stop) {
     if (!mustSync()) {
       _wakeSync.wait(lock);
@@ -125,19 +128,22 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<Journal> journal = _journal;
   const DurabilityGate::Ticket last = _last;
   std::string problem;
+  _isSyncing = true;
   lock.unlock();
   try {
     journal->Sync();
   } catch (const std::exception& exception) {
     problem = exception.what();
   }
-  if (problem.empty()) _gate.SetDurable(last);
   _observer(problem.empty(), 0);
+  if (problem.empty()) _gate.SetDurable(last);
   lock.lock();
+  _isSyncing = false;
+  if (_takesOver) _wakeSnapshot.notify_one();
   if (problem.empty()) {
     _synced = std::max(_synced, last);
     _firstUnsynced = Clock::now();
-    if (!_snapshotIsAsked) _delay = std::chrono::seconds(0);
+    if (!_snapshotIsAsked && !_keepsChanges) _delay = std::chrono::seconds(0);
   } else if (journal == _journal) {  // else a snapshot has made it worthless meanwhile
     Fail(problem);
   }
@@ -169,8 +175,13 @@ bool UserSettingsPersister::WriteSnapshot() {
     layer.SaveToStream(text);
     std::lock_guard<std::mutex> lock(_mutex);
     end.generation = _nextGeneration++;
-    if (_journal) end.journalFollows = _journal->GetFollowed();
-    if (_journal) end.journalEnd = _journal->GetEnd();
+    if (_journal) {
+      end.journalFollows = _journal->GetFollowed();
+      end.journalEnd = _journal->GetEnd();
+    } else if (!_failed) {  // one that may begin while the snapshot is on its way
+      end.journalFollows = _generation;
+      end.journalEnd = _generation == 0 ? 0 : kJournalHeaderSize;
+    }
     last = _last;
     _keepsChanges = true;
   });
@@ -191,7 +202,8 @@ bool UserSettingsPersister::WriteSnapshot() {
 void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket) {
   _observer(true, bytes);
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    std::unique_lock<std::mutex> lock(_mutex);
+    AwaitSyncsEnd(lock);
     _keepsChanges = false;
     const std::vector<Change> changes = std::exchange(_changes, {});
     _generation = generation;
@@ -209,8 +221,22 @@ void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, Durabili
     } catch (const std::exception& exception) {
       Fail(exception.what());
     }
+    LetGoUnlessAlways();
   }
   _gate.SetDurable(ticket);
+}
+
+// Until there is a snapshot that a journal can follow, a change is in memory alone: to show it would promise too much,
+// whatever the durability.
+void UserSettingsPersister::LetGoUnlessAlways() {
+  if (_durability.kind != Durability::Kind::kAlways && _generation != 0) _gate.LetGo();
+}
+
+// A journal that is on its way to its place must not meet the one that comes after it there.
+void UserSettingsPersister::AwaitSyncsEnd(std::unique_lock<std::mutex>& lock) {
+  _takesOver = true;
+  _wakeSnapshot.wait(lock, [this] { return !_isSyncing; });
+  _takesOver = false;
 }
 
 // What was synced so far stays; the journal goes on if there is one.
@@ -224,15 +250,16 @@ void UserSettingsPersister::FailSnapshot(const std::string& reason) {
   TryLater();
 }
 
+// What waits for the disk is let go first: nobody is to wait for whoever reads the log.
 void UserSettingsPersister::Fail(const std::string& reason) {
+  _journal.reset();
+  TryLater();
+  _gate.LetGo();
   if (!std::exchange(_failed, true)) {
     Log()->Error("%s; changes are kept in memory and saved as soon as that is possible", reason.c_str());
   } else {
     Log()->Warning("%s; it is tried again", reason.c_str());
   }
-  _journal.reset();
-  TryLater();
-  _gate.LetGo();
 }
 
 void UserSettingsPersister::AskForSnapshot() {
@@ -259,9 +286,10 @@ void UserSettingsPersister::Stop() {
 
 bool UserSettingsPersister::Finish() {
   Stop();
-  const bool isWhole = !_journal && !_failed && !_snapshotIsAsked;
+  bool isWhole = !_journal && !_failed && !_snapshotIsAsked;
   try {
-    if (isWhole || WriteSnapshot()) {
+    isWhole = isWhole || WriteSnapshot();
+    if (isWhole) {
       _files.RemoveJournals();
     } else if (_journal) {
       _journal->Sync();
@@ -269,7 +297,7 @@ bool UserSettingsPersister::Finish() {
     return !_failed;
   } catch (const std::exception& exception) {
     Log()->Warning("%s", exception.what());
-    return !_failed && isWhole;
+    return isWhole;
   }
 }
 

@@ -87,11 +87,13 @@ class UserSettingsPersister {
   void SyncLoop();
   bool AwaitSync(std::unique_lock<std::mutex>& lock);
   void SyncJournal(std::unique_lock<std::mutex>& lock);
+  void AwaitSyncsEnd(std::unique_lock<std::mutex>& lock);
   void SnapshotLoop();
   bool WriteSnapshot();
   void TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket);
   void Append(const Change& change);
   void OpenJournal(const std::vector<Change>& changes);
+  void LetGoUnlessAlways();
   void AskForSnapshot();
   void Fail(const std::string& reason);
   void FailSnapshot(const std::string& reason);
@@ -116,6 +118,8 @@ class UserSettingsPersister {
   DurabilityGate::Ticket _last = 0;    // the last change
   DurabilityGate::Ticket _synced = 0;  // the last that is durable
   Clock::time_point _firstUnsynced{};  // when the oldest change that is not was made
+  bool _isSyncing = false;             // the journal, by "JournalSync"
+  bool _takesOver = false;             // a snapshot wants to, and no sync begins meanwhile
   bool _failed = false;                // the disk lacks changes that were served
   bool _snapshotIsAsked = false;
   Clock::time_point _nextTry{};    // no snapshot before
