@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Environment.h"
 
@@ -68,7 +69,7 @@ TEST_P(InitScript, StartReturnsWhenTheDaemonServesAndStopWhenItHasEnded) {
   EXPECT_EQ(_output, "tavix-settings-server is running already\n");
   EXPECT_EQ(Run("stop"), 0);
   EXPECT_EQ(client.ReadToEnd(), "");
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=1\n");
   EXPECT_EQ(Run("status"), 3);
 }
 

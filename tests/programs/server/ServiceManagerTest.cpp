@@ -12,6 +12,7 @@
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/NotifySocket.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Environment.h"
 
@@ -197,7 +198,8 @@ TEST_F(Watched, FeedsWhileTheStoreCanBeHadAndSaysHowManyClientsThereAre) {
   _manager.Await("WATCHDOG=1\nSTATUS=Serving 1 clients on 127.0.0.1:");
 }
 
-// Whoever reads the log is stuck: a save that fails is then held up, with the store locked, while it says so.
+// Whoever reads the log is stuck: a save that failed is then held up while it says so, and the next one, with the store
+// locked, by that.
 TEST_F(Watched, StopsFeedingWhileTheStoreIsHeldAndGoesOnAfterwards) {
   FullPipe errors(_directory.Path("errors"));
   DaemonProcess daemon("/bin/sh", _directory.GetPath(),
@@ -207,6 +209,8 @@ TEST_F(Watched, StopsFeedingWhileTheStoreIsHeldAndGoesOnAfterwards) {
   _manager.Await("WATCHDOG=1");
   ProtocolClient client(daemon.GetPort());
   client.Send("merge\n[A]\nx=1\n.\n");
+  client.AwaitHandled();
+  client.Send("merge\n[A]\nx=2\n.\n");
   EXPECT_TRUE(StopsFeeding());
   fs::create_directory(_directory.Path("gone"));
   EXPECT_TRUE(errors.DrainUntil([&] { return _manager.ReceiveFor(0).has_value(); }));
@@ -224,7 +228,7 @@ TEST_F(ServiceManager, PassesAUnixSocketAndTheFirstClientStartsTheDaemon) {
   EXPECT_EQ(daemon.AwaitAddresses(), std::vector<std::string>{"unix:" + path});
   EXPECT_EQ(daemon.Stop(), 0);
   EXPECT_TRUE(_directory.Has("s.sock")) << "it is the service manager's";
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=1\n");
 }
 
 TEST_F(ServiceManager, PassesATcpSocketThatIsServedInsteadOfTheUsualAddress) {

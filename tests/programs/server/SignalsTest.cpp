@@ -6,6 +6,7 @@
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/NotifySocket.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/Environment.h"
@@ -126,7 +127,7 @@ TEST_F(Signals, EveryOrderOfThemTwiceEndsTheDaemonWell) {
       daemon.Signal(signal);
     }
     EXPECT_LT(MillisecondsOf([&] { EXPECT_EQ(daemon.AwaitEnd(), 0); }), 2000);
-    EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+    EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=1\n");
   } while (std::next_permutation(order.begin(), order.end()));
 }
 
@@ -173,7 +174,7 @@ TEST_F(Signals, DuringTheEndDoNoHarm) {
   manager.Await("STOPPING=1");
   for (const int signal : {SIGHUP, SIGUSR1, SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGPIPE, SIGXFSZ}) daemon.Signal(signal);
   EXPECT_EQ(daemon.AwaitEnd(), 0);
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=1\n");
 }
 
 }  // namespace tavix::test
