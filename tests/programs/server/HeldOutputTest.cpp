@@ -244,6 +244,7 @@ TEST_F(HeldOutput, SnapshotThatOvertakesTheFirstSyncOfAJournalHarmsNothing) {
   for (int i = 1; i <= 3; ++i) _writer->Send(Merge("A", i));
   _writer->Send(Question("A\n"));
   ExpectHeldUntilTheDiskGoesOn(*_writer, "data\n" + Document("A", 3));
+  _daemon->AwaitIdle();
   EXPECT_EQ(_daemon->GetErrors(), "");
   KillAndRestart();
   EXPECT_EQ(_writer->Get("A\nLarge\n"), "data\n[A]\nx=3\n[Large]\nk=" + large + "\n.\n");
