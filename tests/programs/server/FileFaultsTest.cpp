@@ -49,19 +49,26 @@ std::string KeyOf(int change) {
   return "k" + std::to_string(change) + "=" + ValueOf(change) + "\n";
 }
 
+// What the files hold before the changes, and how they are kept.
+struct Begin {
+  std::string directory;  // the files are in
+  std::string key;        // of group A; empty: there is no file
+  std::string durability = "always";
+};
+
 // What the layer is after so many changes.
-std::string StateAfter(int changes) {
+std::string StateAfter(int changes, const Begin& begin) {
+  if (changes == 0 && begin.key.empty()) return "";
   std::string state = "[A]\n";
   for (int i = 1; i <= changes; ++i) state += KeyOf(i);
-  return state + "old=1\n";
+  return state + begin.key;
 }
 
 // A daemon over a snapshot and a journal, of whose file calls some fail.
 class FaultyDaemon {
  public:
-  // template: the directory of the files to start from.
-  FaultyDaemon(const std::string& from, const Fault& fault, uint64_t call) : _fault(fault), _call(call) {
-    fs::copy(from, _directory.GetPath());
+  FaultyDaemon(Begin begin, const Fault& fault, uint64_t call) : _begin(std::move(begin)), _fault(fault), _call(call) {
+    fs::copy(_begin.directory, _directory.GetPath());
     _faults.Fail(fault.error, call, fault.isForEver ? FileFaults::kForEver : call);
     Start();
   }
@@ -72,14 +79,15 @@ class FaultyDaemon {
     ProtocolClient client(port);
     for (int change = 1; change <= kChanges; ++change) {
       client.Send("merge\n[A]\n" + KeyOf(change) + ".\n");
-      EXPECT_EQ(client.Get("A\n"), "data\n" + StateAfter(change) + ".\n") << Name();
+      EXPECT_EQ(client.Get("A\n"), "data\n" + After(change) + ".\n") << Name();
     }
+    _daemon->AwaitIdle();  // a snapshot may be on its way
     _calls = _faults.CountCalls();
     if (_fault.isForEver && _calls >= _call) ExpectWholeState();
     _faults.Succeed();
-    EXPECT_TRUE(Eventually([&] { return FindSavedText(_directory) == StateAfter(kChanges); })) << Name() << Errors();
+    EXPECT_TRUE(Eventually([&] { return FindSavedText(_directory) == After(kChanges); })) << Name() << Errors();
     ProtocolClient other(port);
-    EXPECT_EQ(other.Get("A\n"), "data\n" + StateAfter(kChanges) + ".\n") << Name();
+    EXPECT_EQ(other.Get("A\n"), "data\n" + After(kChanges) + ".\n") << Name();
   }
 
   // On the main thread.
@@ -87,9 +95,9 @@ class FaultyDaemon {
     EXPECT_EQ(_daemon->Stop(SIGKILL), 128 + SIGKILL) << Name() << Errors();
     EXPECT_THAT(FindSaved(_directory.Path("user.ini")).problems, testing::IsEmpty()) << Name();
     Start();
-    EXPECT_EQ(Converse(_daemon->GetPort(), "get\n*\n.\n"), StateAfter(kChanges)) << Name();
+    EXPECT_EQ(Converse(_daemon->GetPort(), "get\n*\n.\n"), After(kChanges)) << Name();
     EXPECT_EQ(_daemon->Stop(), 0) << Name();
-    EXPECT_EQ(ReadSnapshot(_directory), StateAfter(kChanges)) << Name();
+    EXPECT_EQ(ReadSnapshot(_directory), After(kChanges)) << Name();
   }
 
   // How many file calls the changes took.
@@ -98,8 +106,11 @@ class FaultyDaemon {
  private:
   void Start() {
     const FileFaults::Environment environment(_faults, TAVIX_FILE_FAULTS);
-    _daemon.emplace(_directory, std::vector<std::string>{"--user-settings", _directory.Path("user.ini")});
+    _daemon.emplace(_directory, std::vector<std::string>{"--user-settings", _directory.Path("user.ini"), "--durability",
+                                                         _begin.durability});
   }
+
+  std::string After(int changes) const { return StateAfter(changes, _begin); }
 
   std::string Name() const { return std::string(_fault.name) + " at call " + std::to_string(_call) + "\n"; }
   std::string Errors() const { return _daemon->GetErrors(); }
@@ -113,7 +124,7 @@ class FaultyDaemon {
     EXPECT_THAT(found.problems, testing::IsEmpty()) << Name();
     const std::string text = TextOf(found.settings);
     bool isWhole = false;
-    for (int change = 0; change <= kChanges; ++change) isWhole = isWhole || text == StateAfter(change);
+    for (int change = 0; change <= kChanges; ++change) isWhole = isWhole || text == After(change);
     EXPECT_TRUE(isWhole) << Name() << text;
   }
 
@@ -124,6 +135,7 @@ class FaultyDaemon {
     return text.compare(text.rfind(')'), 3, ") T") == 0;
   }
 
+  const Begin _begin;
   const Fault _fault;
   const uint64_t _call;
   const TemporaryDirectory _directory;
@@ -153,19 +165,32 @@ class FileFaultsOfADaemon : public testing::Test {
   }
 
   // How many calls there are when none fails.
-  uint64_t CountCalls() {
-    FaultyDaemon daemon(_template.GetPath(), {"nothing fails", 0, false}, 0);
+  static uint64_t CountCalls(const Begin& begin) {
+    FaultyDaemon daemon(begin, {"nothing fails", 0, false}, 0);
     daemon.Run();
     daemon.KillAndRestart();
     return daemon.GetCalls();
   }
 
+  // Each call fails in some way, and in the long run in each way there is.
+  void FailEachCall(const Begin& begin) {
+    const uint64_t last = CountCalls(begin);
+    EXPECT_GT(last, 15u);
+    std::vector<FaultCase> cases;
+    for (uint64_t call = 1; call <= last; ++call) {
+      for (size_t i = 0; i < std::size(kFaults); ++i) {
+        if (IsLongRun() || call % std::size(kFaults) == i) cases.push_back({kFaults[i], call});
+      }
+    }
+    RunCases(begin, std::move(cases));
+  }
+
   // In parallel: most of the time they wait for a next try.
-  void RunCases(std::vector<FaultCase> cases) {
+  void RunCases(const Begin& begin, std::vector<FaultCase> cases) {
     while (!cases.empty() && !HasFailure()) {
       const size_t count = std::min(cases.size(), kAtATime);
       std::list<FaultyDaemon> daemons;
-      for (size_t i = 0; i < count; ++i) daemons.emplace_back(_template.GetPath(), cases[i].fault, cases[i].call);
+      for (size_t i = 0; i < count; ++i) daemons.emplace_back(begin, cases[i].fault, cases[i].call);
       cases.erase(cases.begin(), cases.begin() + static_cast<ptrdiff_t>(count));
       {
         std::list<BackgroundCall> calls;
@@ -181,17 +206,17 @@ class FileFaultsOfADaemon : public testing::Test {
 
 }  // namespace
 
-// Each call fails in some way, and in the long run in each way there is.
 TEST_F(FileFaultsOfADaemon, LoseNothingWhichEverCallItIsAndHealByThemselves) {
-  const uint64_t last = CountCalls();
-  EXPECT_GT(last, 30u);
-  std::vector<FaultCase> cases;
-  for (uint64_t call = 1; call <= last; ++call) {
-    for (size_t i = 0; i < std::size(kFaults); ++i) {
-      if (IsLongRun() || call % std::size(kFaults) == i) cases.push_back({kFaults[i], call});
-    }
-  }
-  RunCases(std::move(cases));
+  FailEachCall({_template.GetPath(), "old=1\n"});
+}
+
+TEST_F(FileFaultsOfADaemon, LoseNothingWhichEverCallItIsWhenThereIsNoFileYet) {
+  const TemporaryDirectory empty;
+  FailEachCall({empty.GetPath(), ""});
+}
+
+TEST_F(FileFaultsOfADaemon, LoseNothingWhichEverCallItIsWithoutDurabilityEither) {
+  FailEachCall({_template.GetPath(), "old=1\n", "none"});
 }
 
 TEST_F(FileFaultsOfADaemon, OnAReadOnlyFileSystemItServesWarnsAndTriesAgain) {

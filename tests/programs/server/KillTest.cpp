@@ -110,7 +110,7 @@ class Kill : public testing::Test {
   }
 
   void RunRound(std::list<CountingWriter>& writers, int changes) {
-    Daemon daemon(_directory, {"--user-settings", "user.ini"});
+    Daemon daemon(_directory, {"--user-settings", "user.ini", "--durability", _durability});
     const unsigned short port = daemon.GetPort();
     ExpectServed(port);
     std::atomic<int> left{changes};
@@ -143,6 +143,7 @@ class Kill : public testing::Test {
   }
 
   const TemporaryDirectory _directory;
+  std::string _durability = "always";
   std::mt19937 _random{7};
   std::string _found;
   uint64_t _snapshots = 0;
@@ -153,6 +154,17 @@ class Kill : public testing::Test {
 TEST_F(Kill, LosesNothingOfASmallLayerThatAnybodyWasShown) {
   RunRounds(IsLongRun() ? 1000 : 40, 200, 1000);
   EXPECT_GT(_snapshots, 10u) << "they should meet snapshots that are being written";
+}
+
+// Only a power cut may take back what was shown.
+TEST_F(Kill, LosesNothingWithALaterSyncEither) {
+  _durability = "250ms";
+  RunRounds(IsLongRun() ? 300 : 20, 200, 2000);
+}
+
+TEST_F(Kill, LosesNothingWithoutAnySyncEither) {
+  _durability = "none";
+  RunRounds(IsLongRun() ? 300 : 20, 200, 2000);
 }
 
 TEST_F(Kill, LosesNothingOfLargeGroupsThatAnybodyWasShown) {
