@@ -232,6 +232,29 @@ TEST_F(HeldOutput, LastReplyOfAClientThatSaysNoMoreComesAllTheSame) {
   EXPECT_EQ(_writer->ReadToEnd(), "data\n" + Document("A", 1));
 }
 
+TEST_F(HeldOutput, LastReplyBeforeAQuitComesAllTheSame) {
+  ChangeAOnASlowDisk();
+  _writer->Send(Question("A\n") + "quit\n");
+  EXPECT_EQ(_writer->ReadFor(kALittle), "");
+  _faults.LetSyncsGo();
+  EXPECT_EQ(_writer->ReadToEnd(), "data\n" + Document("A", 1));
+}
+
+// More waits than a connection may have unread: nothing more is read from it until the disk goes on.
+TEST_F(HeldOutput, ConnectionThatPausedForWhatWaitsGoesOnAfterwards) {
+  constexpr int kReplies = 20;
+  ProtocolClient reader(_daemon->GetPort());
+  const std::string large = "[Large]\nk=" + std::string(300'000, 'v') + "\n.\n";
+  _faults.HoldSyncs();
+  _writer->Send("merge\n" + large);
+  _faults.AwaitHeldSync();
+  for (int i = 0; i < kReplies; ++i) reader.Send(Question("Large\n"));
+  EXPECT_EQ(reader.ReadFor(kALittle), "");
+  _faults.LetSyncsGo();
+  for (int i = 0; i < kReplies; ++i) EXPECT_EQ(reader.Read(large.size() + 5), "data\n" + large);
+  EXPECT_EQ(reader.Get("B\n"), "data\n" + Document("B", 0));
+}
+
 // A journal that takes its place late must not take that of the next one.
 TEST_F(HeldOutput, SnapshotThatOvertakesTheFirstSyncOfAJournalHarmsNothing) {
   EXPECT_EQ(_daemon->Stop(), 0);
