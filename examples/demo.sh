@@ -174,9 +174,9 @@ stop_and_show_the_file() {
   stop_server
   exec {client}>&- {subscriber}>&-
 
-  say 'What it kept: one ini file with what clients changed. Of the first stream that is one value, the rest comes' \
-    'from the defaults. A group that was restored is kept as a copy of its defaults, and DeletedGroups notes what' \
-    'was overwritten.'
+  say 'What it kept: one ini file with what clients changed, between two lines that tell whether it is whole. Of the' \
+    'first stream that is one value, the rest comes from the defaults. A group that was restored is kept as a copy of' \
+    'its defaults, and DeletedGroups notes what was overwritten.'
   [[ -r $temp/user.ini ]] || fail 'the daemon left no user file'
   local line group='' saved=''
   while IFS= read -r line; do

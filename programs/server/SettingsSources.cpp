@@ -48,6 +48,13 @@ IniFile LoadFile(const std::string& path) {
   return IniFile(path.c_str());
 }
 
+// What a mistake in the options names, rather than what damage left: a device, which a save would replace by a file.
+void RefuseDevice(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0 && (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)))
+    throw osa::Exception("Failed to open settings file '%s': it is a device", path.c_str());
+}
+
 // The names of "before" that "after" lacks.
 std::vector<std::string> MissingGroups(const std::vector<std::string>& before, const IniFile& after) {
   std::vector<std::string> missing;
@@ -178,9 +185,13 @@ void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
 }
 
 FoundUserSettings SettingsSources::FindUserSettings() {
+  RefuseDevice(_userSettings);
   if (_persister) return _persister->Load();
   FoundUserSettings found = UserSettingsFiles(GetSystemFiles(), _userSettings).Find(false);
   if (!found.problems.empty()) throw osa::Exception("%s", found.problems.front().c_str());
+  struct stat status {};
+  if (stat(_userSettings.c_str(), &status) != 0 && errno == ENOTDIR)
+    throw osa::Exception("Failed to open settings file '%s': %s", _userSettings.c_str(), std::strerror(errno));
   return found;
 }
 

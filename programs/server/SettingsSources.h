@@ -20,7 +20,7 @@ namespace tavix::daemon {
 // Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore.
 // Threads: as ISettingsPersister asks; loading defaults may run beside a save.
 // Errors:  loading throws osa::Exception naming the file, and the line where there is one; but for the user settings,
-//          which are never in the way of a start. Saving never throws.
+//          which are in the way of a start only as a device. Saving never throws.
 class SettingsSources : public settings::server::ISettingsPersister,
                         public settings::server::IRestrictedSettingsLoader {
  public:

@@ -43,7 +43,7 @@ UserSettingsPersister::UserSettingsPersister(FileSystem& files, const std::strin
       _path(path),
       _durability(durability),
       _observer(std::move(observer)),
-      _gate(durability.kind == Durability::Kind::kAlways),
+      _gate(true),
       _files(files, path) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
@@ -60,6 +60,7 @@ FoundUserSettings UserSettingsPersister::Load() {
   _snapshotBytes = found.snapshotBytes;
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   _snapshotIsAsked = found.mustBeWritten;
+  LetGoUnlessAlways();
   return found;
 }
 
@@ -138,11 +139,11 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
     journal->TakePlace();
     lock.unlock();
     journal->SyncName();
-    _gate.SetDurable(last);
     _observer(true, 0);
+    _gate.SetDurable(last);
     lock.lock();
     _synced = std::max(_synced, last);
-    if (!_snapshotIsAsked) _delay = std::chrono::seconds(0);
+    if (!_snapshotIsAsked && !_keepsChanges) _delay = std::chrono::seconds(0);
   } catch (const std::exception& exception) {
     if (!lock.owns_lock()) lock.lock();
     if (journal != _journal) return;  // a snapshot has made it worthless meanwhile
@@ -227,8 +228,15 @@ void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, Durabili
     } catch (const std::exception& exception) {
       Fail(exception.what());
     }
+    LetGoUnlessAlways();
   }
   _gate.SetDurable(ticket);
+}
+
+// Until there is a snapshot that a journal can follow, a change is in memory alone: to show it would promise too much,
+// whatever the durability.
+void UserSettingsPersister::LetGoUnlessAlways() {
+  if (_durability.kind != Durability::Kind::kAlways && _generation != 0) _gate.LetGo();
 }
 
 // What was synced so far stays; the journal goes on if there is one.
@@ -242,15 +250,16 @@ void UserSettingsPersister::FailSnapshot(const std::string& reason) {
   TryLater();
 }
 
+// What waits for the disk is let go first: nobody is to wait for whoever reads the log.
 void UserSettingsPersister::Fail(const std::string& reason) {
+  _journal.reset();
+  TryLater();
+  _gate.LetGo();
   if (!std::exchange(_failed, true)) {
     Log()->Error("%s; changes are kept in memory and saved as soon as that is possible", reason.c_str());
   } else {
     Log()->Warning("%s; it is tried again", reason.c_str());
   }
-  _journal.reset();
-  TryLater();
-  _gate.LetGo();
 }
 
 void UserSettingsPersister::AskForSnapshot() {
@@ -277,18 +286,19 @@ void UserSettingsPersister::Stop() {
 
 bool UserSettingsPersister::Finish() {
   Stop();
-  const bool isWhole = !_journal && !_failed && !_snapshotIsAsked;
+  bool isWhole = !_journal && !_failed && !_snapshotIsAsked;
   try {
-    if (isWhole || WriteSnapshot()) {
+    isWhole = isWhole || WriteSnapshot();
+    if (isWhole) {
       _files.RemoveJournals();
     } else if (_journal) {
       _journal->Sync();
     }
+    return !_failed;
   } catch (const std::exception& exception) {
     Log()->Warning("%s", exception.what());
-    if (_journal) return false;
+    return isWhole;
   }
-  return !_failed;
 }
 
 }  // namespace tavix::daemon

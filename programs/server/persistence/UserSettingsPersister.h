@@ -94,6 +94,7 @@ class UserSettingsPersister {
   void Append(const Change& change);
   void OpenJournal(const std::vector<Change>& changes);
   void SayWhereChangesGoOn(SnapshotEnd& end) const;
+  void LetGoUnlessAlways();
   void AskForSnapshot();
   void Fail(const std::string& reason);
   void FailSnapshot(const std::string& reason);

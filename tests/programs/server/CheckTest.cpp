@@ -109,16 +109,14 @@ TEST_F(Check, UserSettingsBelowAFileAreAnError) {
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'file/user.ini': Not a directory\n");
 }
 
-// A pipe would hold the start up for ever, and user settings that are a device would be replaced by a file.
+// A pipe would hold the start up for ever.
 TEST_F(Check, WhatIsNoFileIsRefusedAndNotWaitedFor) {
   std::filesystem::create_directories(_directory.Path("d/sub.ini"));
   std::filesystem::create_directory(_directory.Path("p"));
   ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(_directory.Path("p/x.ini").c_str(), 0600), 0);
   const std::vector<std::pair<std::string, std::string>> cases{
-      {"--defaults", "pipe"},   {"--restricted", "pipe"},         {"--user-settings", "pipe"},
-      {"--user-settings", "d"}, {"--user-settings", "/dev/null"}, {"--defaults", "/dev/zero"},
-  };
+      {"--defaults", "pipe"}, {"--restricted", "pipe"}, {"--defaults", "/dev/zero"}, {"--restricted", "/dev/zero"}};
   for (const auto& [option, path] : cases) {
     EXPECT_EQ(RunToEnd({option, path}), 78) << option;
     EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file '" + path + "': not a regular file\n");
@@ -127,6 +125,23 @@ TEST_F(Check, WhatIsNoFileIsRefusedAndNotWaitedFor) {
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'p/x.ini': not a regular file\n");
   EXPECT_EQ(RunToEnd({"--defaults", "d"}), 78);
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'd/sub.ini': not a regular file\n");
+}
+
+TEST_F(Check, UserSettingsThatAreNoFileAreDamagedAndLeftAlone) {
+  std::filesystem::create_directory(_directory.Path("d"));
+  ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
+  for (const std::string path : {"d", "pipe"}) {
+    EXPECT_EQ(RunToEnd({"--user-settings", path}), 78) << path;
+    EXPECT_EQ(_errors, "tavix-settings-server: User settings are damaged: '" + path +
+                           "': not a regular file; there is no backup of use, they begin empty\n");
+    EXPECT_TRUE(_directory.Has(path));
+  }
+}
+
+// Putting a device aside, or replacing it by a file, would harm others.
+TEST_F(Check, UserSettingsThatAreADeviceAreRefused) {
+  EXPECT_EQ(RunToEnd({"--user-settings", "/dev/null"}), 78);
+  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file '/dev/null': it is a device\n");
 }
 
 TEST_F(Check, BytesThatAreNoTextAreAnErrorThatCanBePrinted) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ProcessFigures.h"
 
@@ -89,7 +90,7 @@ TEST(ConnectionLimits, ConnectionsLeaveTheDescriptorsThatASaveNeeds) {
   EXPECT_THAT(clients.size(), testing::AllOf(testing::Gt(0u), testing::Lt(64u)));
   clients.back().Send("merge\n[A]\nx=1\n.\n");
   clients.back().AwaitHandled();
-  EXPECT_EQ(directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(FindSavedText(directory), "[A]\nx=1\n");
   clients.clear();
   EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Environment.h"
 

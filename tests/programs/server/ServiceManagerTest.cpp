@@ -14,6 +14,7 @@
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/NotifySocket.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Environment.h"
 

@@ -6,6 +6,7 @@
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/NotifySocket.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/Environment.h"

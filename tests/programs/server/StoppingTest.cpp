@@ -6,6 +6,7 @@
 #include <list>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 
@@ -55,7 +56,7 @@ TEST(Stopping, SecondSignalChangesNothing) {
   daemon.Signal(SIGTERM);
   daemon.Signal(SIGINT);
   ExpectCleanStop(daemon, SIGTERM);
-  EXPECT_EQ(directory.Read("user.ini"), "[A]\nx=1\n");
+  EXPECT_EQ(ReadSnapshot(directory), "[A]\nx=1\n");
 }
 
 TEST(Stopping, IdleClientsAndThoseWithinARequestAreEnded) {
@@ -117,7 +118,7 @@ TEST(Stopping, RequestsThatClientsSentAheadAreNotWaitedFor) {
   }
   EXPECT_TRUE(Eventually([&] { return directory.Has("user.ini"); }));
   ExpectCleanStop(daemon, SIGTERM);
-  EXPECT_THAT(directory.Read("user.ini"), testing::MatchesRegex("\\[A\\]\nx=[0-9]+\n"));
+  EXPECT_THAT(ReadSnapshot(directory), testing::MatchesRegex("\\[A\\]\nx=[0-9]+\n"));
 }
 
 TEST(Stopping, ReadersAndWritersAtFullSpeedAreEnded) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/UserFiles.h"
 
 namespace tavix::test {
 
@@ -42,7 +43,7 @@ TEST_F(UserSettings, SurviveAnyEndOfTheDaemon) {
 
 TEST_F(UserSettings, AreOneTextOfWhatClientsSet) {
   Session("merge\n[A]\nx=5\n.\nmerge nopersist\n[A]\ny=6\n.\n");
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=5\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=5\n");
 }
 
 TEST_F(UserSettings, DefaultsOfAnOverwrittenGroupDoNotComeBack) {
@@ -58,7 +59,7 @@ TEST_F(UserSettings, MergeWithoutPersistenceIsGoneAfterARestart) {
 // Deliberate: a restore copies the defaults of its moment into the user layer.
 TEST_F(UserSettings, RestoredGroupStaysAsItWasRestored) {
   Session("merge\n[A]\nx=5\n.\nrestore\nA\n.\n");
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=1\ny=2\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=1\ny=2\n");
   _directory.Write("defaults.ini", "[A]\nx=100\nnew=3\n");
   EXPECT_EQ(Session("get\nA\n.\n"), "[A]\nnew=3\nx=1\ny=2\n");
 }
@@ -96,7 +97,7 @@ TEST_F(UserSettings, AreOnTheDiskBeforeAChangeIsAnnounced) {
   for (const char* value : {"1", "2", "3"}) {
     client.Send(std::string("merge\n[A]\nx=") + value + "\n.\n");
     client.ReadUntil("x=" + std::string(value) + "\n.\n");
-    EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=" + std::string(value) + "\n");
+    EXPECT_EQ(FindSavedText(_directory), "[A]\nx=" + std::string(value) + "\n");
   }
 }
 
@@ -126,7 +127,7 @@ TEST_F(UserSettings, FileThatIsALinkStaysALink) {
       fs::create_symlink(to, _directory.Path("user.ini"));
       Session("merge\n[A]\nx=5\n.\n");
       EXPECT_EQ(fs::read_symlink(_directory.Path("user.ini")), to) << about;
-      EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=5\n") << about;
+      EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=5\n") << about;
     }
   }
 }
@@ -138,13 +139,13 @@ TEST_F(UserSettings, LinkThatPointsToALinkStaysALink) {
   Session("merge\n[A]\nx=5\n.\n");
   EXPECT_EQ(fs::read_symlink(_directory.Path("user.ini")), "data/second.ini");
   EXPECT_EQ(fs::read_symlink(_directory.Path("data/second.ini")), "third.ini");
-  EXPECT_EQ(_directory.Read("data/third.ini"), "[A]\nx=5\n");
+  EXPECT_EQ(ReadSnapshot(_directory, "data/third.ini"), "[A]\nx=5\n");
 }
 
 TEST_F(UserSettings, RestrictedGroupsOfTheFileDoNotCountAndAreDroppedByTheNextSave) {
   _directory.Write("user.ini", "[A]\nx=5\n[Secure/Keys]\nk=1\n");
   EXPECT_EQ(Session("get\nSecure/*\n.\nmerge\n[A]\ny=6\n.\n"), "");
-  EXPECT_EQ(_directory.Read("user.ini"), "[A]\nx=5\ny=6\n");
+  EXPECT_EQ(ReadSnapshot(_directory), "[A]\nx=5\ny=6\n");
 }
 
 TEST_F(UserSettings, FileThatAPersonWroteIsRead) {

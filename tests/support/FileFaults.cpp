@@ -1,0 +1,77 @@
+#include "tests/support/FileFaults.h"
+
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Descriptor.h"
+
+namespace tavix::test {
+
+namespace {
+
+FileFaultControl* Map(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  void* const memory = mmap(nullptr, sizeof(FileFaultControl), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
+  if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), path);
+  return static_cast<FileFaultControl*>(memory);
+}
+
+// A sanitizer's library wants to be the first of all, although it does without.
+std::string AddressSanitizerOptions() {
+  const char* const before = std::getenv("ASAN_OPTIONS");
+  return (before ? std::string(before) + ":" : "") + "verify_asan_link_order=0";
+}
+
+}  // namespace
+
+FileFaults::FileFaults(std::string directory)
+    : _directory(std::move(directory)),
+      _path(_ownDirectory.Write("control", std::string(sizeof(FileFaultControl), '\0'))),
+      _control(Map(_path)) {}
+
+FileFaults::~FileFaults() {
+  LetSyncsGo();
+  munmap(_control, sizeof *_control);
+}
+
+FileFaults::Environment::Environment(const FileFaults& faults, const char* preload)
+    : _preload("LD_PRELOAD", preload),
+      _control(FileFaultControl::kPathVariable, faults._path.c_str()),
+      _directory(FileFaultControl::kDirectoryVariable, faults._directory.c_str()),
+      _addressSanitizer("ASAN_OPTIONS", AddressSanitizerOptions().c_str()) {}
+
+void FileFaults::Fail(int error, uint64_t from, uint64_t to) {
+  _control->failsTo = 0;
+  _control->error = error;
+  _control->failsFrom = from;
+  _control->failsTo = to;
+}
+
+void FileFaults::HoldSyncs(const std::string& name) {
+  if (name.size() >= FileFaultControl::kLongestName) throw std::length_error(name);
+  name.copy(_control->heldName, name.size());
+  _control->heldName[name.size()] = '\0';
+  _control->holdsSyncs = 1;
+}
+
+void FileFaults::LetSyncsGo() {
+  _control->holdsSyncs = 0;
+  syscall(SYS_futex, &_control->holdsSyncs, FUTEX_WAKE, INT_MAX);
+}
+
+void FileFaults::AwaitHeldSync() const {
+  if (!Eventually([this] { return IsSyncHeld(); })) throw std::runtime_error("No sync is held within 20 s");
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tests/faults/FileFaultControl.h"
+#include "tests/support/Environment.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace tavix::test {
+
+// Makes file calls of daemons fail, or stand still: those below one directory that change something, or make a change
+// durable. The daemons are those that are started while an Environment of it exists, with absolute paths.
+//
+// Threads: any, but for the environment.
+class FileFaults {
+ public:
+  static constexpr uint64_t kForEver = UINT64_MAX;
+  static constexpr int kShortWrite = FileFaultControl::kShortWrite;
+
+  // directory: exists.
+  explicit FileFaults(std::string directory);
+  ~FileFaults();
+
+  FileFaults(const FileFaults&) = delete;
+  FileFaults& operator=(const FileFaults&) = delete;
+
+  // Loads the faults into each process that is started. preload: the module's path.
+  class Environment {
+   public:
+    Environment(const FileFaults& faults, const char* preload);
+
+   private:
+    const ScopedEnvironment _preload;
+    const ScopedEnvironment _control;
+    const ScopedEnvironment _directory;
+    const ScopedEnvironment _addressSanitizer;
+  };
+
+  // How many calls there were.
+  uint64_t CountCalls() const { return _control->calls; }
+
+  // These calls fail, counted from 1, until it is said otherwise. error: as errno has it, or kShortWrite.
+  void Fail(int error, uint64_t from = 1, uint64_t to = kForEver);
+  void Succeed() { _control->failsTo = 0; }
+
+  // Syncs of files stand still, until LetSyncsGo or the end. name: what the files' paths hold.
+  void HoldSyncs(const std::string& name = "");
+  void LetSyncsGo();
+
+  // Returns when a sync stands still.
+  void AwaitHeldSync() const;
+  bool IsSyncHeld() const { return _control->heldSyncs > 0; }
+
+  // How many syncs of files were begun.
+  uint64_t CountSyncs() const { return _control->syncs; }
+
+ private:
+  const std::string _directory;
+  const TemporaryDirectory _ownDirectory;
+  const std::string _path;
+  FileFaultControl* const _control;
+};
+
+}  // namespace tavix::test
