@@ -131,7 +131,8 @@ class DamagedFiles : public testing::Test {
     EXPECT_EQ(Serve(), kBackup);
     EXPECT_EQ(CountOf(" ERROR ", " " + _errors), 1u) << _errors;
     EXPECT_THAT(_errors, HasSubstr(kDamaged));
-    EXPECT_THAT(_errors, HasSubstr("; the backup 'user.ini.bak' is used; it is kept as 'user.ini.bad-"));
+    EXPECT_THAT(_errors, HasSubstr("; the backup 'user.ini.bak' is used\n"));
+    EXPECT_THAT(_errors, HasSubstr("The damaged 'user.ini' is kept as 'user.ini.bad-"));
     const std::vector<std::string> bad = FindBad();
     ASSERT_EQ(bad.size(), 1u);
     EXPECT_EQ(_directory.Read(bad[0]), bytes);
@@ -143,7 +144,8 @@ class DamagedFiles : public testing::Test {
   void ExpectTheBackupInsteadOf(const std::string& damage) {
     ExpectCheckFinds(damage);
     EXPECT_EQ(Serve(), kBackup);
-    EXPECT_THAT(_errors, HasSubstr(kDamaged + damage + "; the backup 'user.ini.bak' is used; it is kept as 'user.ini"));
+    EXPECT_THAT(_errors, HasSubstr(kDamaged + damage + "; the backup 'user.ini.bak' is used\n"));
+    EXPECT_THAT(_errors, HasSubstr("The damaged 'user.ini' is kept as 'user.ini.bad-"));
     EXPECT_EQ(FindBad().size(), 1u);
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(_directory.Path("user.ini"))));
   }
@@ -286,8 +288,8 @@ TEST_F(DamagedFiles, LinkToADirectoryPutsTheDirectoryAsideAndStaysALink) {
   fs::create_directory(_directory.Path("elsewhere"));
   fs::create_symlink("elsewhere", _directory.Path("user.ini"));
   EXPECT_EQ(Serve(), "");
-  EXPECT_THAT(_errors,
-              HasSubstr("elsewhere': not a regular file; there is no backup of use, they begin empty; it is kept"));
+  EXPECT_THAT(_errors, HasSubstr("elsewhere': not a regular file; there is no backup of use, they begin empty\n"));
+  EXPECT_THAT(_errors, HasSubstr("elsewhere' is kept as '"));
   EXPECT_TRUE(fs::is_directory(_directory.Path(FindBad().at(0))));
   EXPECT_TRUE(fs::is_symlink(_directory.Path("user.ini")));
 }
@@ -303,7 +305,8 @@ TEST_F(DamagedFiles, WithoutABackupTheLayerBeginsEmptyAndIsSavedFromThenOn) {
       _directory.Write("user.ini.bak", _snapshot.substr(0, 90));
     }
     EXPECT_EQ(Serve(), "");
-    EXPECT_THAT(_errors, HasSubstr("there is no backup of use, they begin empty; it is kept as 'user.ini.bad-"));
+    EXPECT_THAT(_errors, HasSubstr("there is no backup of use, they begin empty\n"));
+    EXPECT_THAT(_errors, HasSubstr("The damaged 'user.ini' is kept as 'user.ini.bad-"));
     EXPECT_EQ(FindBad().size(), 1u);
     Save("[D]\nx=1\n");
     EXPECT_EQ(Serve(), "[D]\nx=1\n");
