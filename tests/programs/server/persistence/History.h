@@ -39,7 +39,17 @@ class History {
   // The layer is loaded, and everybody may see it.
   void AddLoaded(const std::string& state, size_t begun) {
     daemon::DurabilityGate gate(false);
+    {
+      std::lock_guard<std::mutex> lock(_mutex);
+      _lives = true;
+    }
     Add(state, begun, gate, 0);
+  }
+
+  // The program crashes: until it is loaded again, nobody is shown anything.
+  void EndLife() {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _lives = false;
   }
 
   // Empty, or what is wrong with finding that state after a power cut at that time.
@@ -79,11 +89,12 @@ class History {
   void Show(size_t number) {
     const size_t now = _files.CountOperations();
     std::lock_guard<std::mutex> lock(_mutex);
-    _states[number].shown = now;
+    if (_lives) _states[number].shown = now;
   }
 
   const MemoryFiles& _files;
   mutable std::mutex _mutex;  // guards what follows
+  bool _lives = false;
   std::vector<State> _states;
   std::unordered_map<std::string, std::vector<size_t>> _numbers;  // of each state's text
 };

@@ -66,7 +66,11 @@ class RecordedLives {
     _history.AddLoaded(UserSettingsOf(store.GetManager()), 0);
     _pace.Rest(false);
     for (int change = first; change < first + kChangesInALife; ++change) MakeChange(store, change);
+    _history.EndLife();
+    _files.FailAfter(0, true);
     _pace.Rest(true);
+    store.Crash();
+    _files.FailNoMore();
   }
 
   void MakeChange(PersistedStore& store, int change) {

@@ -225,6 +225,17 @@ TEST_F(Persister, JournalThatIsReplacedDuringItsFirstSyncLeavesTheNewOneItsName)
   EXPECT_TRUE(PowerCutsLeave("[B]\ny=2\n"));
 }
 
+TEST_F(Persister, JournalThatBeginsDuringTheFirstSyncOfAnOldOneKeepsItsName) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  store.AwaitDurable();  // by the snapshot
+  store.Merge("[B]\ny=2\n");
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_TRUE(PowerCutsLeave("[B]\ny=2\n"));
+}
+
 TEST_F(Persister, DiskThatFailsLetsGoAndHasEverythingOnceItIsWell) {
   PersistedStore store(_files, kAlways);
   const auto log = LogOf(
