@@ -11,6 +11,7 @@
 #include "tests/programs/server/persistence/Pace.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/programs/server/persistence/RandomChanges.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 
 namespace tavix::test {
@@ -66,6 +67,7 @@ class RecordedLives {
     _history.AddLoaded(UserSettingsOf(store.GetManager()), 0);
     _pace.Rest(false);
     for (int change = first; change < first + kChangesInALife; ++change) MakeChange(store, change);
+    if (first / kChangesInALife % 2 == 0) return Finish(store);
     _history.EndLife();
     _files.FailAfter(0, true);
     _pace.Rest(true);
@@ -73,10 +75,20 @@ class RecordedLives {
     _files.FailNoMore();
   }
 
+  // In an orderly way, and not before the snapshot that the life's large change asked for.
+  void Finish(PersistedStore& store) {
+    _pace.Rest(true);
+    EXPECT_TRUE(!_awaitsSnapshot || Eventually([this] { return CountSnapshots() > _snapshotsBefore; }));
+    _awaitsSnapshot = false;
+    EXPECT_TRUE(store.Finish());
+  }
+
   void MakeChange(PersistedStore& store, int change) {
     const size_t begun = _files.CountOperations();
     const std::string before = UserSettingsOf(store.GetManager());
     if (change % kChangesToALargeOne == kChangesToALargeOne / 2) {
+      _awaitsSnapshot = true;
+      _snapshotsBefore = CountSnapshots();
       _changes.MakeLarge(store.GetManager(), kLarge + 100 * static_cast<size_t>(change));
     } else {
       _changes.MakeOne(store.GetManager());
@@ -96,6 +108,8 @@ class RecordedLives {
 
   const daemon::Durability _durability;
   RandomChanges _changes;
+  bool _awaitsSnapshot = false;
+  size_t _snapshotsBefore = 0;
   MemoryFiles _files;
   History _history{_files};
   Pace _pace;

@@ -1,0 +1,212 @@
+#include "programs/server/OutputQueue.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/OwnSockets.h"
+
+namespace tavix::test {
+
+using daemon::DurabilityGate;
+using daemon::OutputQueue;
+
+namespace {
+
+constexpr size_t kMost = 1024 * 1024;
+const std::set<std::string> kGroups = {"A"};
+
+// A queue over one end of a pair of sockets; the test is the peer.
+class HeldOutput : public testing::Test {
+ protected:
+  HeldOutput() {
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, _sockets), 0);
+    _queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
+  }
+
+  ~HeldOutput() override {
+    _queue->Close();
+    for (int socket : _sockets) close(socket);
+  }
+
+  DurabilityGate::Ticket Change() { return _gate.Add(&kGroups); }
+
+  // A message that shows that change; 0: none.
+  void Write(const std::string& message, DurabilityGate::Ticket ticket = 0) {
+    _queue->HoldMessage(ticket);
+    _queue->GetOstream() << message << std::flush;
+  }
+
+  // What has come so far.
+  std::string Receive() {
+    std::string all;
+    char bytes[4096];
+    for (ssize_t count; (count = recv(_sockets[1], bytes, sizeof bytes, 0)) > 0;)
+      all.append(bytes, static_cast<size_t>(count));
+    return all;
+  }
+
+  int _sockets[2] = {-1, -1};
+  DurabilityGate _gate{true};
+  std::atomic<int> _kept{0};
+  std::shared_ptr<OutputQueue> _queue;
+};
+
+}  // namespace
+
+TEST_F(HeldOutput, MessageThatShowsNoChangeLeavesAtOnce) {
+  Change();
+  Write("a\n");
+  EXPECT_EQ(Receive(), "a\n");
+  EXPECT_EQ(_queue->GetKeptBytes(), 0u);
+}
+
+TEST_F(HeldOutput, MessageLeavesWhenItsChangeIsDurable) {
+  const DurabilityGate::Ticket ticket = Change();
+  Write("a\n", ticket);
+  EXPECT_EQ(Receive(), "");
+  EXPECT_EQ(_queue->GetKeptBytes(), 2u);
+  EXPECT_EQ(_queue->GetSendableBytes(), 0u);
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(Receive(), "a\n");
+  EXPECT_EQ(_queue->GetKeptBytes(), 0u);
+}
+
+TEST_F(HeldOutput, MessageOfADurableChangeIsNotHeld) {
+  const DurabilityGate::Ticket ticket = Change();
+  _gate.SetDurable(ticket);
+  Write("a\n", ticket);
+  EXPECT_EQ(Receive(), "a\n");
+}
+
+TEST_F(HeldOutput, WhatIsWrittenLaterWaitsBehindIt) {
+  const DurabilityGate::Ticket ticket = Change();
+  Write("a\n", ticket);
+  Write("b\n");
+  EXPECT_EQ(Receive(), "");
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(Receive(), "a\nb\n");
+}
+
+TEST_F(HeldOutput, EachMessageWaitsForItsOwnChange) {
+  const DurabilityGate::Ticket first = Change();
+  const DurabilityGate::Ticket second = Change();
+  Write("a\n", first);
+  Write("b\n");
+  Write("c\n", second);
+  Write("d\n", first);
+  _gate.SetDurable(first);
+  EXPECT_EQ(Receive(), "a\nb\n");
+  _gate.SetDurable(second);
+  EXPECT_EQ(Receive(), "c\nd\n");
+}
+
+TEST_F(HeldOutput, HoldingFromNowOnHoldsMessagesThatShowNothing) {
+  const DurabilityGate::Ticket ticket = Change();
+  _queue->HoldFromNowOn(ticket);
+  Write("a\n");
+  EXPECT_EQ(Receive(), "");
+  _gate.SetDurable(ticket);
+  Write("b\n");
+  EXPECT_EQ(Receive(), "a\nb\n");
+}
+
+TEST_F(HeldOutput, IsLetGoWhenTheDiskFails) {
+  Write("a\n", Change());
+  _gate.LetGo();
+  EXPECT_EQ(Receive(), "a\n");
+}
+
+TEST_F(HeldOutput, PeerThatTakesNoMoreGetsTheRestFromTheLoopInOrder) {
+  FillOutput(_sockets[0]);
+  const DurabilityGate::Ticket ticket = Change();
+  Write("a\n", ticket);
+  EXPECT_EQ(_kept, 0);
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(_kept, 1);
+  Write("b\n");
+  Receive();
+  EXPECT_EQ(_queue->Send(), 0u);
+  EXPECT_EQ(Receive(), "a\nb\n");
+}
+
+TEST_F(HeldOutput, LoopSendsNothingThatIsHeld) {
+  const DurabilityGate::Ticket ticket = Change();
+  Write("a\n", ticket);
+  EXPECT_EQ(_queue->Send(), 2u);
+  EXPECT_EQ(Receive(), "");
+}
+
+// A connection that has quit, or reads nothing more until its output shrinks, goes on then.
+TEST_F(HeldOutput, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
+  const DurabilityGate::Ticket first = Change();
+  Write("a\n", first);
+  _gate.SetDurable(first);
+  EXPECT_EQ(_kept, 0);
+  _queue->TellWhenSent(true);
+  const DurabilityGate::Ticket second = Change();
+  Write("b\n", second);
+  _gate.SetDurable(second);
+  EXPECT_EQ(_kept, 1);
+}
+
+TEST_F(HeldOutput, MoreThanIsKeptBreaksIt) {
+  Write(std::string(kMost + 1, 'a'), Change());
+  EXPECT_TRUE(_queue->IsBroken());
+  EXPECT_EQ(_queue->GetKeptBytes(), 0u);
+  _gate.LetGo();
+  EXPECT_EQ(Receive(), "");
+}
+
+TEST_F(HeldOutput, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
+  const DurabilityGate::Ticket ticket = Change();
+  _queue->TellWhenSent(true);
+  Write("a\n", ticket);
+  _queue->Close();
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(Receive(), "");
+  EXPECT_EQ(_kept, 0);
+}
+
+TEST_F(HeldOutput, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
+  for (int i = 0; i < 300; ++i) {
+    auto queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
+    const DurabilityGate::Ticket ticket = Change();
+    queue->HoldMessage(ticket);
+    queue->GetOstream() << "a\n" << std::flush;
+    BackgroundCall release([&] { _gate.SetDurable(ticket); });
+    queue->Close();
+    queue.reset();
+    release.Join();
+    const std::string received = Receive();
+    EXPECT_TRUE(received.empty() || received == "a\n");
+  }
+}
+
+TEST_F(HeldOutput, ComesWholeAndInOrderWhileAnotherThreadMakesItDurable) {
+  constexpr int kMessages = 5000;
+  std::atomic<bool> ended{false};
+  BackgroundCall sync([&] {
+    while (!ended) _gate.SetDurable(_gate.FindLast(nullptr));
+  });
+  std::string expected;
+  std::string received;
+  for (int i = 0; i < kMessages; ++i) {
+    const std::string message = std::to_string(i) + "\n";
+    Write(message, i % 3 == 0 ? Change() : 0);
+    expected += message;
+    received += Receive();
+  }
+  ended = true;
+  sync.Join();
+  _gate.SetDurable(_gate.FindLast(nullptr));
+  EXPECT_EQ(received + Receive(), expected);
+}
+
+}  // namespace tavix::test
