@@ -152,7 +152,7 @@ class Kill : public testing::Test {
 }  // namespace
 
 TEST_F(Kill, LosesNothingOfASmallLayerThatAnybodyWasShown) {
-  RunRounds(IsLongRun() ? 1000 : 40, 200, 1000);
+  RunRounds(IsLongRun() ? 1000 : 25, 500, 400);
   EXPECT_GT(_snapshots, 10u) << "they should meet snapshots that are being written";
 }
 
