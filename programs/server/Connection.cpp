@@ -196,6 +196,11 @@ bool Connection::OnWritable() {
   return true;
 }
 
+// The socket takes nothing any more, and would say so without end while output waits for the disk.
+bool Connection::OnHangUp() {
+  return !_inputEnded;
+}
+
 bool Connection::OnTick(Clock::time_point now) {
   if (_output->IsBroken()) return false;
   const size_t kept = _output->GetKeptBytes();

@@ -44,6 +44,7 @@ class Connection {
   // scratch: memory to receive into, the loop's.
   bool OnReadable(char* scratch, size_t size);
   bool OnWritable();
+  bool OnHangUp();
   bool OnTick(Clock::time_point now);
 
   // Goes on with requests that have come but were left for the next turn, so that others are served meanwhile.

@@ -115,6 +115,7 @@ void EventLoop::HandleEvent(Connection* connection, unsigned int events) {
   bool lives = true;
   if (events & EPOLLOUT) lives = connection->OnWritable();
   if (lives && (events & (EPOLLIN | EPOLLHUP | EPOLLERR))) lives = connection->OnReadable(_scratch.get(), kScratchSize);
+  if (lives && (events & EPOLLHUP)) lives = connection->OnHangUp();
   if (!lives) return End(connection);
   if (connection->HasMore()) _busy.insert(connection);
 }

@@ -3,7 +3,21 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tavix/core/StringUtil.h"
+
 namespace tavix::daemon {
+
+namespace {
+
+// Of groups that wait for the disk: to try more of them against patterns would take longer than to wait as well.
+constexpr size_t kMostTried = 1000;
+
+bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) {
+  return std::any_of(patterns.begin(), patterns.end(),
+                     [&](const std::string& pattern) { return core::StringUtil::MatchesPattern(pattern, name); });
+}
+
+}  // namespace
 
 thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
 
@@ -62,14 +76,14 @@ DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNam
   if (!groups || IsDurable(last)) return last;
   std::lock_guard<std::mutex> lock(_mutex);
   Ticket found = _lastOfAny;
-  std::set<std::string> candidate;
-  std::set<std::string> matching;
+  for (const std::string& name : groups->GetNames()) {
+    const auto group = _groups.find(name);
+    if (group != _groups.end()) found = std::max(found, group->second);
+  }
+  if (groups->GetPatterns().empty()) return found;
+  if (_groups.size() > kMostTried) return last;
   for (const auto& [name, ticket] : _groups) {
-    if (ticket <= found) continue;
-    candidate = {name};
-    matching.clear();
-    groups->GetMatchingGroups(candidate, matching);
-    if (!matching.empty()) found = ticket;
+    if (ticket > found && MatchesAny(groups->GetPatterns(), name)) found = ticket;
   }
   return found;
 }

@@ -23,14 +23,14 @@ constexpr size_t kMost = 1024 * 1024;
 const std::set<std::string> kGroups = {"A"};
 
 // A queue over one end of a pair of sockets; the test is the peer.
-class HeldOutput : public testing::Test {
+class HoldingQueue : public testing::Test {
  protected:
-  HeldOutput() {
+  HoldingQueue() {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, _sockets), 0);
     _queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
   }
 
-  ~HeldOutput() override {
+  ~HoldingQueue() override {
     _queue->Close();
     for (int socket : _sockets) close(socket);
   }
@@ -60,14 +60,14 @@ class HeldOutput : public testing::Test {
 
 }  // namespace
 
-TEST_F(HeldOutput, MessageThatShowsNoChangeLeavesAtOnce) {
+TEST_F(HoldingQueue, MessageThatShowsNoChangeLeavesAtOnce) {
   Change();
   Write("a\n");
   EXPECT_EQ(Receive(), "a\n");
   EXPECT_EQ(_queue->GetKeptBytes(), 0u);
 }
 
-TEST_F(HeldOutput, MessageLeavesWhenItsChangeIsDurable) {
+TEST_F(HoldingQueue, MessageLeavesWhenItsChangeIsDurable) {
   const DurabilityGate::Ticket ticket = Change();
   Write("a\n", ticket);
   EXPECT_EQ(Receive(), "");
@@ -78,14 +78,14 @@ TEST_F(HeldOutput, MessageLeavesWhenItsChangeIsDurable) {
   EXPECT_EQ(_queue->GetKeptBytes(), 0u);
 }
 
-TEST_F(HeldOutput, MessageOfADurableChangeIsNotHeld) {
+TEST_F(HoldingQueue, MessageOfADurableChangeIsNotHeld) {
   const DurabilityGate::Ticket ticket = Change();
   _gate.SetDurable(ticket);
   Write("a\n", ticket);
   EXPECT_EQ(Receive(), "a\n");
 }
 
-TEST_F(HeldOutput, WhatIsWrittenLaterWaitsBehindIt) {
+TEST_F(HoldingQueue, WhatIsWrittenLaterWaitsBehindIt) {
   const DurabilityGate::Ticket ticket = Change();
   Write("a\n", ticket);
   Write("b\n");
@@ -94,7 +94,7 @@ TEST_F(HeldOutput, WhatIsWrittenLaterWaitsBehindIt) {
   EXPECT_EQ(Receive(), "a\nb\n");
 }
 
-TEST_F(HeldOutput, EachMessageWaitsForItsOwnChange) {
+TEST_F(HoldingQueue, EachMessageWaitsForItsOwnChange) {
   const DurabilityGate::Ticket first = Change();
   const DurabilityGate::Ticket second = Change();
   Write("a\n", first);
@@ -107,7 +107,7 @@ TEST_F(HeldOutput, EachMessageWaitsForItsOwnChange) {
   EXPECT_EQ(Receive(), "c\nd\n");
 }
 
-TEST_F(HeldOutput, HoldingFromNowOnHoldsMessagesThatShowNothing) {
+TEST_F(HoldingQueue, HoldingFromNowOnHoldsMessagesThatShowNothing) {
   const DurabilityGate::Ticket ticket = Change();
   _queue->HoldFromNowOn(ticket);
   Write("a\n");
@@ -117,13 +117,13 @@ TEST_F(HeldOutput, HoldingFromNowOnHoldsMessagesThatShowNothing) {
   EXPECT_EQ(Receive(), "a\nb\n");
 }
 
-TEST_F(HeldOutput, IsLetGoWhenTheDiskFails) {
+TEST_F(HoldingQueue, IsLetGoWhenTheDiskFails) {
   Write("a\n", Change());
   _gate.LetGo();
   EXPECT_EQ(Receive(), "a\n");
 }
 
-TEST_F(HeldOutput, PeerThatTakesNoMoreGetsTheRestFromTheLoopInOrder) {
+TEST_F(HoldingQueue, PeerThatTakesNoMoreGetsTheRestFromTheLoopInOrder) {
   FillOutput(_sockets[0]);
   const DurabilityGate::Ticket ticket = Change();
   Write("a\n", ticket);
@@ -136,7 +136,7 @@ TEST_F(HeldOutput, PeerThatTakesNoMoreGetsTheRestFromTheLoopInOrder) {
   EXPECT_EQ(Receive(), "a\nb\n");
 }
 
-TEST_F(HeldOutput, LoopSendsNothingThatIsHeld) {
+TEST_F(HoldingQueue, LoopSendsNothingThatIsHeld) {
   const DurabilityGate::Ticket ticket = Change();
   Write("a\n", ticket);
   EXPECT_EQ(_queue->Send(), 2u);
@@ -144,7 +144,7 @@ TEST_F(HeldOutput, LoopSendsNothingThatIsHeld) {
 }
 
 // A connection that has quit, or reads nothing more until its output shrinks, goes on then.
-TEST_F(HeldOutput, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
+TEST_F(HoldingQueue, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
   const DurabilityGate::Ticket first = Change();
   Write("a\n", first);
   _gate.SetDurable(first);
@@ -156,7 +156,7 @@ TEST_F(HeldOutput, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
   EXPECT_EQ(_kept, 1);
 }
 
-TEST_F(HeldOutput, MoreThanIsKeptBreaksIt) {
+TEST_F(HoldingQueue, MoreThanIsKeptBreaksIt) {
   Write(std::string(kMost + 1, 'a'), Change());
   EXPECT_TRUE(_queue->IsBroken());
   EXPECT_EQ(_queue->GetKeptBytes(), 0u);
@@ -164,7 +164,7 @@ TEST_F(HeldOutput, MoreThanIsKeptBreaksIt) {
   EXPECT_EQ(Receive(), "");
 }
 
-TEST_F(HeldOutput, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
+TEST_F(HoldingQueue, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
   const DurabilityGate::Ticket ticket = Change();
   _queue->TellWhenSent(true);
   Write("a\n", ticket);
@@ -174,7 +174,7 @@ TEST_F(HeldOutput, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
   EXPECT_EQ(_kept, 0);
 }
 
-TEST_F(HeldOutput, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
+TEST_F(HoldingQueue, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
   for (int i = 0; i < 300; ++i) {
     auto queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
     const DurabilityGate::Ticket ticket = Change();
@@ -189,7 +189,7 @@ TEST_F(HeldOutput, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
   }
 }
 
-TEST_F(HeldOutput, ComesWholeAndInOrderWhileAnotherThreadMakesItDurable) {
+TEST_F(HoldingQueue, ComesWholeAndInOrderWhileAnotherThreadMakesItDurable) {
   constexpr int kMessages = 5000;
   std::atomic<bool> ended{false};
   BackgroundCall sync([&] {
