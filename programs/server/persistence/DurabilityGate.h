@@ -19,7 +19,8 @@ class IHeldOutput {
  public:
   virtual ~IHeldOutput() = default;
 
-  // Something that was waited for is durable. On the thread that found out, which holds nothing.
+  // Something that was waited for is durable, or the disk failed. On the thread that found out, which holds no lock of
+  // the gate's or of an output, but after a failure perhaps those outside of them.
   virtual void OnDurable() = 0;
 };
 
