@@ -60,7 +60,10 @@ file(GLOB headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/tavix/settings/common/*.h
      ${PROJECT_SOURCE_DIR}/tavix/settings/server/*.h)
 list(REMOVE_ITEM headers ${internal_headers})
-foreach(header ${headers} ${lower_headers})
+list(APPEND headers ${lower_headers})
+list(JOIN headers "\n" public_headers)
+file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/public-headers.txt CONTENT "${public_headers}\n")
+foreach(header ${headers})
   get_filename_component(folder ${header} DIRECTORY)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
 endforeach()

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 
 #include "programs/server/Counters.h"
 #include "programs/server/Metrics.h"
@@ -50,6 +52,35 @@ TEST(OperationsDocument, ManualPageNamesEveryOption) {
   const std::string page = ReadDocument("man/tavix-settings-server.8.scd");
   for (const daemon::OptionEntry& option : daemon::GetOptionTable())
     EXPECT_THAT(page, HasSubstr("*--" + std::string(option.name) + "*"));
+}
+
+TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
+  const std::string page = ReadDocument("man/tavix-settings.7.scd");
+  for (const char* request :
+       {"get delimited", "merge", "nopersist", "test-and-merge", "overwrite", "restore", "subscribe", "serialize",
+        "phparray", "dump", "all", "info subscribed", "quit", "data", "result", "ok", "failure", "async change"})
+    EXPECT_THAT(page, HasSubstr("*" + std::string(request) + "*"));
+}
+
+// Each text of the table is one that the daemon has: of what varies there stand dots or capitals.
+TEST(OperationsDocument, EveryMessageOfTheTroubleshootingIsOneOfTheDaemon) {
+  const std::string document = ReadDocument("operations.md");
+  std::string sources;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(TAVIX_SOURCE_DIR "/programs/server")) {
+    std::ifstream file(entry.path());
+    if (entry.path().extension() == ".cpp") sources.append(std::istreambuf_iterator<char>(file), {});
+  }
+  const size_t begin = document.find("| message |");
+  const std::string table = document.substr(begin, document.find("\n\n", begin) - begin);
+  const std::regex cell("\n\\| `([^|]*)` \\|");
+  const std::regex fixed("[A-Za-z][a-z]+( [a-z]+,?){2,}");
+  size_t parts = 0;
+  for (std::sregex_iterator row(table.begin(), table.end(), cell), end; row != end; ++row) {
+    const std::string text = (*row)[1];
+    for (std::sregex_iterator part(text.begin(), text.end(), fixed); part != end; ++part, ++parts)
+      EXPECT_THAT(sources, HasSubstr(part->str())) << text;
+  }
+  EXPECT_GT(parts, 15U);
 }
 
 }  // namespace tavix::test

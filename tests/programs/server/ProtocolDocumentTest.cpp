@@ -82,6 +82,18 @@ TEST(ProtocolDocument, EveryTranscriptIsWhatADaemonSays) {
   }
 }
 
+// Behind the line that connects.
+TEST(ProtocolDocument, ManualPageShowsWhatADaemonSays) {
+  std::vector<FencedBlock> blocks = ReadFencedBlocks("docs/man/tavix-settings.7.scd");
+  ASSERT_EQ(blocks.size(), 1U);
+  ASSERT_THAT(blocks[0].lines.at(0), testing::StartsWith("$ "));
+  blocks[0].lines.erase(blocks[0].lines.begin());
+  const TemporaryDirectory directory;
+  directory.Write("defaults.ini", BlocksOf("ini defaults").at(0).GetText());
+  Daemon daemon(directory, {"--defaults", "defaults.ini"});
+  Replay(LinesOf(blocks[0]), daemon.GetPort());
+}
+
 TEST(ProtocolDocument, EveryRequestHasATranscript) {
   std::set<std::string> sent;
   for (const FencedBlock& transcript : BlocksOf("transcript")) {
