@@ -34,7 +34,7 @@ class TAVIX_DAEMON_EXPORT Thread {
   // Joining from the thread itself throws.
   void Join();
 
-  class CurrentThread {
+  class TAVIX_LOCAL CurrentThread {
    public:
     // Sleeps that many milliseconds; a signal does not shorten it.
     static void Sleep(unsigned int milliseconds);

@@ -24,8 +24,8 @@ class ServerConnection : public testing::Test {
     _peer = Descriptor(ends[1]);
     const int small = 4096;
     EXPECT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    _connection = std::make_unique<daemon::Connection>(ends[0], _poll.Get(), _wake.Get(), &_env, _limits, _counters,
-                                                       nullptr);
+    _connection =
+        std::make_unique<daemon::Connection>(ends[0], _poll.Get(), _wake.Get(), &_env, _limits, _counters, nullptr);
     core::IniFile settings;
     settings.SetValue("Large", "k", std::string(100'000, 'v'));
     _store.MergeSettings(settings, 0);
