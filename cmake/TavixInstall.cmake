@@ -1,19 +1,32 @@
-# What "cmake --install" puts where: the daemon, the command with its completions, man pages, both libraries, the
-# headers that users include, and what find_package and pkg-config ask for.
+# What "cmake --install" puts where. Each file belongs to one component, and each component is a package of a
+# distribution:
+#
+#     library      the shared library
+#     development  the static library, the headers that users include, and what find_package and pkg-config ask for
+#     server       the daemon, its man pages, and what starts it
+#     tools        the command, its completions and its man pages
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
 if(TAVIX_BUILD_PROGRAMS)
-  install(TARGETS tavix-settings-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  # Below /usr the loader finds the library by itself; below other prefixes it is told where.
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set_target_properties(tavix-settings-server PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  install(TARGETS tavix-settings-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT server)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/InstallService.cmake.in ${PROJECT_BINARY_DIR}/InstallService.cmake @ONLY)
+  install(SCRIPT ${PROJECT_BINARY_DIR}/InstallService.cmake COMPONENT server)
 endif()
 
 if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_CLI)
-  install(TARGETS tavix-settings-command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS tavix-settings-command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   set(completions ${PROJECT_SOURCE_DIR}/programs/cli/completion)
   install(FILES ${completions}/tavix-settings.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-          RENAME tavix-settings)
-  install(FILES ${completions}/_tavix-settings DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-  install(FILES ${completions}/tavix-settings.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+          RENAME tavix-settings COMPONENT tools)
+  install(FILES ${completions}/_tavix-settings DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
+          COMPONENT tools)
+  install(FILES ${completions}/tavix-settings.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
+          COMPONENT tools)
 endif()
 
 # Man pages are written in scdoc's form; without scdoc there are none.
@@ -23,8 +36,8 @@ if(SCDOC)
 endif()
 
 install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # Every header of the upper folders is for users unless it stands here; of the lower ones, what those include or what is
@@ -65,18 +78,20 @@ list(JOIN headers "\n" public_headers)
 file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/public-headers.txt CONTENT "${public_headers}\n")
 foreach(header ${headers})
   get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder}
+          COMPONENT development)
 endforeach()
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tavix-settings)
-install(EXPORT tavix-settings-targets NAMESPACE tavix:: DESTINATION ${package_folder})
+install(EXPORT tavix-settings-targets NAMESPACE tavix:: DESTINATION ${package_folder}
+        COMPONENT development)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/tavix-settings-config.cmake.in
                               ${PROJECT_BINARY_DIR}/tavix-settings-config.cmake INSTALL_DESTINATION ${package_folder})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tavix-settings-config-version.cmake
                                  COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/tavix-settings-config.cmake
               ${PROJECT_BINARY_DIR}/tavix-settings-config-version.cmake
-        DESTINATION ${package_folder})
+        DESTINATION ${package_folder} COMPONENT development)
 
 # The prefix is told from where the file lies, so that an installed tree can be moved.
 set(pkgconfig_folder ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
@@ -85,4 +100,5 @@ string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 file(RELATIVE_PATH libdir_from_prefix ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
 file(RELATIVE_PATH includedir_from_prefix ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/tavix-settings.pc.in ${PROJECT_BINARY_DIR}/tavix-settings.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/tavix-settings.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${PROJECT_BINARY_DIR}/tavix-settings.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/osa/Export.h"
 
 namespace tavix::core {
 
@@ -70,6 +71,6 @@ class SettingsTextWriter {
 };
 
 // Makes text fit for a message: control bytes as \xHH, cut after "most" bytes.
-std::string PrintableText(const std::string& text, size_t most);
+TAVIX_DAEMON_EXPORT std::string PrintableText(const std::string& text, size_t most);
 
 }  // namespace tavix::core

@@ -3,6 +3,10 @@
 // Marks what the shared library exports; everything else stays hidden.
 #define TAVIX_EXPORT __attribute__((visibility("default")))
 
+// Marks what the shared library exports for the daemon alone, which is of the same version: no promise to others, and
+// no header that is installed.
+#define TAVIX_DAEMON_EXPORT __attribute__((visibility("default")))
+
 // Keeps a nested class of an exported one hidden.
 #define TAVIX_LOCAL __attribute__((visibility("hidden")))
 

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "tavix/osa/Export.h"
+
 namespace tavix::osa {
 
 class Deadline;
@@ -12,7 +14,7 @@ struct ServiceEndpoint;
 // destructor; a dead peer is found within two minutes; small messages leave at once (TCP_NODELAY).
 //
 // Threads: Connect belongs to one thread; Shutdown may be called from any thread while others read and write.
-class TcpSocket {
+class TAVIX_DAEMON_EXPORT TcpSocket {
  public:
   // An unconnected client socket. port: a number for the owner's use; nothing is bound to it.
   explicit TcpSocket(unsigned short port);

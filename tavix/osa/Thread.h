@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "tavix/osa/Export.h"
 #include "tavix/osa/Runnable.h"
 
 namespace tavix::osa {
@@ -15,7 +16,7 @@ namespace tavix::osa {
 // Signals: asynchronous signals are blocked on the thread; the host's handlers run on the host's own threads.
 // Errors:  an exception that leaves Run is reported with the thread's name and ends that thread alone, not the process.
 // Owns:    neither name nor runnable; the runnable outlives the thread.
-class Thread {
+class TAVIX_DAEMON_EXPORT Thread {
  public:
   // Starts nothing. stackSize: bytes. priority: 0 is the creator's, the only one supported; another throws.
   Thread(const char* name, Runnable* runnable, unsigned int stackSize, signed char priority);
@@ -33,7 +34,7 @@ class Thread {
   // Joining from the thread itself throws.
   void Join();
 
-  class CurrentThread {
+  class TAVIX_LOCAL CurrentThread {
    public:
     // Sleeps that many milliseconds; a signal does not shorten it.
     static void Sleep(unsigned int milliseconds);

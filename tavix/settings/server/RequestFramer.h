@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "tavix/osa/Export.h"
 #include "tavix/settings/server/PhpArrayScanner.h"
 
 namespace tavix::settings::server {
@@ -14,7 +15,7 @@ namespace tavix::settings::server {
 // handler takes it.
 //
 // Cost: each byte is looked at once, however small the pieces are.
-class RequestFramer {
+class TAVIX_DAEMON_EXPORT RequestFramer {
  public:
   // received: everything from the beginning of the request that is not finished yet; each call shows the same bytes
   // with more behind them. Returns the length of the request once it is whole, and starts over behind it; else 0. A

@@ -102,8 +102,9 @@ TEST_P(InitScript, NumberThatACrashLeftIsNotTakenForTheDaemon) {
 
 TEST_P(InitScript, WordThatIsNoneEndsWithStatus2) {
   EXPECT_EQ(Run("begin"), 2);
-  EXPECT_THAT(_output,
-              MatchesRegex("Usage: .*/tavix-settings-server \\{start\\|stop\\|restart\\|reload\\|status\\}\n"));
+  EXPECT_THAT(
+      _output,
+      MatchesRegex("Usage: .*/tavix-settings-server \\{start\\|stop\\|restart\\|reload\\|force-reload\\|status\\}\n"));
 }
 
 TEST(PackagedConfiguration, IsRight) {
