@@ -47,6 +47,7 @@ class InitScript : public testing::TestWithParam<std::string> {
   const TemporaryDirectory _directory;
   const ScopedEnvironment _program{"DAEMON", TAVIX_SERVER_PROGRAM};
   const ScopedEnvironment _arguments{"DAEMON_ARGS", "--listen unix:s.sock --user-settings user.ini"};
+  const ScopedEnvironment _defaults{"DEFAULTS", "/dev/null"};  // not those of a daemon that this machine may have
   const ScopedEnvironment _place{"RUN_DIR", _directory.Path("run").c_str()};
   std::string _output;
 };
