@@ -61,6 +61,9 @@ bool LimitFileSize(const std::optional<unsigned long>& size) {
                              int errors, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(126);
+#ifdef __SANITIZE_THREAD__
+  signal(SIGXFSZ, SIG_IGN);  // the sanitizer's runtime fills a file before the daemon can say so itself
+#endif
   const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (chdir(directory) == 0 && dup2(input, 0) >= 0 && dup2(output, 1) >= 0 && dup2(errors, 2) >= 0 &&
       LimitFileSize(limits.fileSize) && LimitDescriptors(limits.descriptors)) {
