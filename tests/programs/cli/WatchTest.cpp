@@ -174,7 +174,8 @@ TEST_F(WaitCommand, WaitsForASettingToGo) {
 }
 
 TEST_F(WaitCommand, WaitsForAnyChange) {
-  const auto wait = Wait({"wait", "--changed", "Network/Eth0", "dhcp"});
+  const auto wait = Wait({"-v", "wait", "--changed", "Network/Eth0", "dhcp"});
+  wait->AwaitErrors("< dhcp=true\n");  // it knows what is to change
   Merge("[Network/Eth0]\ndhcp=maybe\n");
   EXPECT_EQ(wait->AwaitEnd(), 0);
 }
