@@ -60,6 +60,7 @@ bool Follower::ReconnectUntil(End end) {
     } catch (const Failure& failure) {
       if (failure.GetCode() != kExitNoServer) throw;
     }
+    // Nobody tells when a daemon that is away comes back.
     std::this_thread::sleep_for(std::min(pause, LeftUntil(end).value_or(pause)));
   }
   return false;
