@@ -10,8 +10,7 @@ namespace tavix::cli {
 // A connection to the daemon, in lines. One attempt to connect, and no other.
 //
 // Errors: Failure: kExitUsage for an address that is none; kExitNoServer when nobody listens, the connection is lost,
-// or
-//         the peer makes no progress for the time given.
+//         or the peer makes no progress for the time given.
 class Connection {
  public:
   using Progress = std::function<void(size_t done, size_t all)>;

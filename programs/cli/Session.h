@@ -15,8 +15,7 @@ namespace tavix::cli {
 //
 // Threads: one.
 // Errors:  Failure: kExitNoServer when the store can't be reached or does not answer in time, kExitBadInput when what
-// it
-//          holds can't be parsed, kExitNotApplied when a file can't be written, kExitUsage for a name that can't be
+//          it holds can't be parsed, kExitNotApplied when a file can't be written, kExitUsage for a name that can't be
 //          sent.
 class Session {
  public:

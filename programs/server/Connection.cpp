@@ -96,6 +96,7 @@ bool Connection::OnReadable(char* scratch, size_t size) {
   if (_hasMore) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  ++_reads;
   if (_inputEnded) return count > 0 || _output->GetKeptBytes() > 0;
   if (count == 0) {
     HandleRest();

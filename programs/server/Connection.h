@@ -51,6 +51,12 @@ class Connection {
   bool OnTurn();
   bool HasMore() const { return _hasMore; }
 
+  // Whether everything that has come was answered, and the answers have left.
+  bool AwaitsRequest() const { return !_inputEnded && !_hasMore && _input.empty() && _output->GetKeptBytes() == 0; }
+
+  // How often OnReadable received something.
+  size_t CountReads() const { return _reads; }
+
   // Whether OnTick has anything to watch.
   bool NeedsTicks() const;
 
@@ -87,10 +93,11 @@ class Connection {
   core::ViewIstream _request;
   const std::shared_ptr<OutputQueue> _output;               // may outlive the connection, closed
   std::optional<settings::server::ClientHandler> _handler;  // until the last request
-  bool _first = true;                                       // nothing was handled yet
-  bool _hasMore = false;                                    // the turn ended before the requests did
-  bool _inputEnded = false;                                 // what still comes is not handled
-  std::mutex _interestMutex;                                // guards what follows
+  size_t _reads = 0;
+  bool _first = true;         // nothing was handled yet
+  bool _hasMore = false;      // the turn ended before the requests did
+  bool _inputEnded = false;   // what still comes is not handled
+  std::mutex _interestMutex;  // guards what follows
   Interest _interest;
 };
 

@@ -34,7 +34,8 @@ class EventLoop : private osa::Runnable {
  private:
   void Run() override;
   void TakeNewConnections();
-  void HandleEvent(Connection* connection, unsigned int events);
+  void HandleEvent(Connection* connection, unsigned int events, bool isAlone);
+  bool ReadOn(Connection* connection);
   void GiveTurns();
   void Tick();
   void End(Connection* connection);
@@ -49,6 +50,7 @@ class EventLoop : private osa::Runnable {
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::set<Connection*> _busy;                // likewise: requests have come that are left for the next turn
+  int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
   bool _ticks = false;                        // likewise
   Connection::Clock::time_point _nextTick{};  // likewise
   std::atomic<size_t> _count{0};

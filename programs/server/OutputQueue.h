@@ -21,8 +21,7 @@ namespace tavix::daemon {
 // change which is not durable is kept until it is, and everything behind it.
 //
 // Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, and the thread that finds
-// changes
-//          durable, call the rest meanwhile.
+//          changes durable, call the rest meanwhile.
 // Locks:   its own mutex, outside the gate's.
 // Errors:  a peer that is gone, or has more unread than "most" bytes, breaks the queue: writers fail, kept bytes go.
 class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<OutputQueue>, private std::streambuf {

@@ -42,6 +42,7 @@ Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLi
       _counters(counters),
       _serviceManager(serviceManager) {
   if (!options.metricsFile.empty()) {
+    ClientHandler::TimeCommands();
     _metricsFile.emplace(options.metricsFile, counters, manager);
     _metrics.emplace("Metrics", std::chrono::seconds(options.metricsSeconds), [this] { _metricsFile->Write(); });
   }

@@ -49,7 +49,7 @@ void IniFile::Load(const char* path) {
 }
 
 void IniFile::LoadFromString(const std::string& text) {
-  LoadFromMemory(text.data(), text.data() + text.size(), "settings text");
+  LoadFromMemory(text, "settings text");
 }
 
 void IniFile::LoadFromStream(std::istream& in) {
@@ -63,9 +63,9 @@ void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
   MergeSettings(reader.TakeDocument());
 }
 
-void IniFile::LoadFromMemory(const char* begin, const char* end, const std::string& source) {
+void IniFile::LoadFromMemory(std::string_view text, const std::string& source) {
   SettingsTextReader reader(source);
-  reader.ReadLines(begin, end);
+  reader.ReadLines(text.data(), text.data() + text.size());
   MergeSettings(reader.TakeDocument());
 }
 

@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tavix/osa/Export.h"
@@ -33,6 +34,9 @@ class TAVIX_EXPORT IniFile {
   // Add what they read to the document; a key that exists gets the new value.
   void Load(const char* path);
   void LoadFromString(const std::string& text);
+
+  // source: what error texts call the text.
+  void LoadFromMemory(std::string_view text, const std::string& source);
 
   // Reads until the stream ends. source: what error texts call the stream.
   void LoadFromStream(std::istream& in);
@@ -108,7 +112,6 @@ class TAVIX_EXPORT IniFile {
 
  private:
   const std::string* FindValue(const std::string& group, const std::string& key) const;
-  void LoadFromMemory(const char* begin, const char* end, const std::string& source);
 
   GroupMap _groups;
 };

@@ -6,19 +6,26 @@
 #include <streambuf>
 #include <string>
 #include <string_view>
+#include <typeinfo>
 
 namespace tavix::core {
 
 // Appends what is written to a string, which the owner may read and clear at any time. Keeps its memory for the next
-// use, which makes it cheaper than a string stream.
+// use, which makes it cheaper than a string stream. When memory runs out, writing throws std::bad_alloc: other streams
+// would only note it, and half a text would pass for a whole one.
 class StringOstream : public std::ostream {
  public:
   StringOstream() : std::ostream(nullptr) {
     init(&_buffer);
     imbue(std::locale::classic());
+    exceptions(std::ios::badbit);
   }
 
   const std::string& GetText() const { return _buffer.text; }
+
+  // Write without looking at the stream's state, for less than "<<" takes.
+  void Append(std::string_view text) { _buffer.text.append(text); }
+  void AppendLine(std::string_view line) { _buffer.text.append(line).push_back('\n'); }
 
   // Forgets the text and any error; keeps "most" bytes of memory for the next one.
   void Reset(size_t most) {
@@ -44,18 +51,44 @@ class StringOstream : public std::ostream {
   Buffer _buffer;
 };
 
-// Reads bytes that somebody else keeps. Made once, it serves one text after the other.
-class ViewIstream : public std::istream {
+// Reads bytes that somebody else keeps. Made once, it serves one text after the other. Who finds that a stream is a
+// view may look at the bytes where they are.
+class ViewIstream final : public std::istream {
  public:
   ViewIstream() : std::istream(nullptr) {
     init(&_buffer);
     imbue(std::locale::classic());
   }
 
+  // The stream as a view, when it is one, else null.
+  static ViewIstream* From(std::istream& in) {
+    return typeid(in) == typeid(ViewIstream) ? static_cast<ViewIstream*>(&in) : nullptr;
+  }
+
   // text: borrowed until the next call.
   void SetText(std::string_view text) {
     _buffer.SetText(text);
     clear();
+  }
+
+  // What was not read yet.
+  std::string_view GetRest() const { return _buffer.GetRest(); }
+
+  // Passes bytes of the rest, as if they had been read.
+  void Skip(size_t count) { _buffer.Skip(count); }
+
+  // As std::getline, down to the stream's state, but shows the line instead of copying it.
+  bool TakeLine(std::string_view& line) {
+    const std::string_view rest = GetRest();
+    if (!good() || rest.empty()) {
+      setstate(good() ? eofbit | failbit : failbit);
+      return false;
+    }
+    const size_t feed = rest.find('\n');
+    line = rest.substr(0, feed);
+    Skip(line.size() + (feed == std::string_view::npos ? 0 : 1));
+    if (feed == std::string_view::npos) setstate(eofbit);
+    return true;
   }
 
  private:
@@ -65,6 +98,8 @@ class ViewIstream : public std::istream {
       char* begin = const_cast<char*>(text.data());
       setg(begin, begin, begin + text.size());
     }
+    std::string_view GetRest() const { return {gptr(), static_cast<size_t>(egptr() - gptr())}; }
+    void Skip(size_t count) { setg(eback(), gptr() + count, egptr()); }
   };
 
   Buffer _buffer;

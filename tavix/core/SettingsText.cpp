@@ -8,6 +8,7 @@
 #include <tuple>
 #include <utility>
 
+#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::core {
@@ -105,37 +106,34 @@ size_t TakeWhatIsAtHand(std::istream& in, char* bytes, size_t most) {
 constexpr uint64_t kOnes = 0x0101010101010101u;
 constexpr uint64_t kHighs = 0x8080808080808080u;
 
-// Non-zero when one of the eight bytes is below "limit" (at most 0x80); bytes from 0x80 on are not.
-// Both tests: Bit Twiddling Hacks, S. E. Anderson, "Determine if a word has a byte less than n" and "... a zero byte".
-constexpr uint64_t AnyBelow(uint64_t word, uint64_t limit) {
-  return (word - kOnes * limit) & ~word & kHighs;
-}
-
-constexpr uint64_t AnyEqual(uint64_t word, unsigned char byte) {
-  const uint64_t different = word ^ (kOnes * byte);
-  return (different - kOnes) & ~different & kHighs;
+uint64_t WordAt(const char* at) {
+  uint64_t word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
 }
 
 // Whether a byte of the text is a control byte, a backslash or "special". May say yes without need, never no: the
-// careful pass that follows decides byte by byte.
-bool MayNeedEscape(const std::string& text, unsigned char special) {
+// careful pass that follows decides byte by byte. Eight bytes at a time, after Bit Twiddling Hacks, S. E. Anderson,
+// "Determine if a word has a byte less than n": in each byte the difference sets the high bit that the byte itself
+// lacks. The last word of a text overlaps the one before it.
+bool MayNeedEscape(const std::string& text, char special) {
   const char* at = text.data();
-  size_t left = text.size();
+  const char* const end = at + text.size();
+  if (text.size() < sizeof(uint64_t)) {
+    return std::any_of(at, end, [special](char c) { return IsControl(c) || c == '\\' || c == special; });
+  }
+  const uint64_t specials = kOnes * static_cast<unsigned char>(special);
   uint64_t found = 0;
   const auto test = [&](uint64_t word) {
-    found |= AnyBelow(word, 0x20) | AnyEqual(word, 0x7f) | AnyEqual(word, '\\') | AnyEqual(word, special);
+    const uint64_t isBackslash = (word ^ (kOnes * '\\')) - kOnes;
+    const uint64_t isSpecial = (word ^ specials) - kOnes;
+    const uint64_t isDelete = word + kOnes;
+    const uint64_t isBelowBlank = word - kOnes * ' ';
+    found |= (isBackslash | isSpecial | isDelete | isBelowBlank) & ~word;
   };
-  for (; left >= sizeof(uint64_t); at += sizeof(uint64_t), left -= sizeof(uint64_t)) {
-    uint64_t word;
-    std::memcpy(&word, at, sizeof word);
-    test(word);
-  }
-  if (left > 0) {
-    uint64_t word = kOnes * 'a';
-    std::memcpy(&word, at, left);
-    test(word);
-  }
-  return found != 0;
+  for (; at + sizeof(uint64_t) < end; at += sizeof(uint64_t)) test(WordAt(at));
+  test(WordAt(end - sizeof(uint64_t)));
+  return (found & kHighs) != 0;
 }
 
 }  // namespace
@@ -152,6 +150,12 @@ void SettingsTextReader::ReadLines(const char* begin, const char* end) {
 }
 
 void SettingsTextReader::ReadStream(std::istream& in) {
+  if (ViewIstream* view = ViewIstream::From(in); view && view->good()) {
+    const std::string_view rest = view->GetRest();
+    view->Skip(rest.size());
+    view->setstate(std::ios::eofbit);
+    return ReadLines(rest.data(), rest.data() + rest.size());
+  }
   char chunk[2048];
   std::string begun;  // of a line whose end is still to come
   while (const size_t size = TakeWhatIsAtHand(in, chunk, sizeof chunk)) {
@@ -252,7 +256,7 @@ void SettingsTextWriter::WriteText(const std::string& text, Place place) {
   const char front = text.front();
   const bool plainEnds = place == Place::kName || (front != ' ' && text.back() != ' ');
   const bool plainStart = place != Place::kKey || (front != '[' && front != '#' && front != ';');
-  const auto special = static_cast<unsigned char>(place == Place::kName ? ']' : place == Place::kKey ? '=' : '\\');
+  const char special = place == Place::kName ? ']' : place == Place::kKey ? '=' : '\\';
   if (plainEnds && plainStart && !MayNeedEscape(text, special)) {
     Append(text.data(), text.size());
   } else {

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "tests/support/ForeignLocale.h"
 
@@ -28,7 +31,7 @@ TEST(StringOstream, KeepsWhatIsWritten) {
 TEST(StringOstream, ResetForgetsTextAndErrors) {
   StringOstream out;
   out << "old";
-  out.setstate(std::ios::badbit);
+  out.setstate(std::ios::failbit);
   out.Reset(1024);
   EXPECT_TRUE(out.good());
   out << "new";
@@ -50,6 +53,18 @@ TEST(StringOstream, DoesNotFollowTheProcesssLocale) {
   StringOstream out;
   out << 1234567;
   EXPECT_EQ(out.GetText(), "1234567");
+}
+
+// A string refuses to grow beyond max_size before it touches a byte: as good as memory that has run out.
+TEST(StringOstream, ThrowsWhenMemoryRunsOut) {
+  StringOstream out;
+  out << "kept";
+  const auto tooMany = static_cast<std::streamsize>(std::string().max_size());
+  EXPECT_THROW(out.write(out.GetText().data(), tooMany), std::length_error);
+  EXPECT_EQ(out.GetText(), "kept");
+  out.Reset(1024);
+  out << "works again";
+  EXPECT_EQ(out.GetText(), "works again");
 }
 
 TEST(ViewIstream, IsAtItsEndUntilItGetsAText) {
@@ -75,6 +90,43 @@ TEST(ViewIstream, ANewTextReplacesAnUnreadRest) {
   EXPECT_EQ(ReadLine(in), "first line");
   in.SetText("");
   EXPECT_EQ(in.get(), std::char_traits<char>::eof());
+}
+
+TEST(ViewIstream, IsFoundBehindAnIstream) {
+  ViewIstream in;
+  std::istringstream other("text");
+  EXPECT_EQ(ViewIstream::From(in), &in);
+  EXPECT_EQ(ViewIstream::From(other), nullptr);
+}
+
+// What one reader does with the stream, the other must do as well: same lines, same states.
+TEST(ViewIstream, TakesLinesAsGetlineDoes) {
+  const std::string ways[] = {"", "\n", "a", "a\n", "a\nb", "\n\n", std::string("a\0b\r\n.\n", 7)};
+  for (const std::string& text : ways) {
+    SCOPED_TRACE(testing::PrintToString(text));
+    ViewIstream in;
+    in.SetText(text);
+    std::istringstream expected(text);
+    for (int i = 0; i < 4; ++i) {
+      std::string_view line;
+      std::string expectedLine;
+      const bool taken = in.TakeLine(line);
+      ASSERT_EQ(taken, static_cast<bool>(std::getline(expected, expectedLine)));
+      ASSERT_EQ(in.rdstate(), expected.rdstate());
+      if (taken) {
+        ASSERT_EQ(line, expectedLine);
+      }
+    }
+  }
+}
+
+TEST(ViewIstream, ShowsAndSkipsWhatIsLeft) {
+  ViewIstream in;
+  in.SetText("word rest");
+  in.Skip(5);
+  EXPECT_EQ(in.GetRest(), "rest");
+  EXPECT_EQ(ReadLine(in), "rest");
+  EXPECT_EQ(in.GetRest(), "");
 }
 
 TEST(ViewIstream, DoesNotFollowTheProcesssLocale) {

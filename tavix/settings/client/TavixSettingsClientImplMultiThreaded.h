@@ -26,14 +26,13 @@ class TavixSettingsConnection;
 //
 // Threads: any number of callers, and the worker "TavixSettings". Callbacks run on the worker; a call from there that
 //          would wait for a reply, or subscribe, throws. One request that awaits a reply is under way at a time.
-// Locks:   "_commandMutex" before "_sendMutex" before "_handoverMutex". The worker never takes the first, and holds
-// none
-//          while callbacks run. "_sendMutex" is the right to write: the worker holds it while it is not connected, and
-//          whoever writes a request queues its command before giving it back, so that replies meet their commands.
-// Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply behind:
-// the
-//          worker reads that reply into the command's own document and drops it. A reply whose keyword is the wrong one
-//          fails the caller it was for, and what follows of it is dropped.
+// Locks:   "_commandMutex" before "_sendMutex" before "_handoverMutex". The worker never takes the first, and
+//          holds none while callbacks run. "_sendMutex" is the right to write: the worker holds it while it is not
+//          connected, and whoever writes a request queues its command before giving it back, so that replies meet
+//          their commands.
+// Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply
+//          behind: the worker reads that reply into the command's own document and drops it. A reply whose keyword is
+//          the wrong one fails the caller it was for, and what follows of it is dropped.
 class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImpl, public osa::Runnable {
  public:
   // What became of a request: whether a reply with the expected keyword came, and what handling it returned.

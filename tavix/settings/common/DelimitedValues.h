@@ -3,7 +3,9 @@
 #include <istream>
 #include <iterator>
 #include <string>
+#include <string_view>
 
+#include "tavix/core/MemoryStream.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::settings::common {
@@ -12,7 +14,12 @@ namespace tavix::settings::common {
 // "in" then stands behind the terminator's line; a stream that ends first ends the list.
 template <class OutputIterator>
 void readDelimitedValues(std::istream* in, OutputIterator out) {
-  for (std::string value; std::getline(*in, value) && value != ".";) *out++ = value;
+  std::string value;
+  if (core::ViewIstream* view = core::ViewIstream::From(*in)) {
+    for (std::string_view line; view->TakeLine(line) && line != ".";) *out++ = value.assign(line);
+    return;
+  }
+  while (std::getline(*in, value) && value != ".") *out++ = value;
 }
 
 // Adds each string assigned to it to a matcher, as name or pattern.

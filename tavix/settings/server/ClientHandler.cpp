@@ -1,9 +1,11 @@
 #include "tavix/settings/server/ClientHandler.h"
 
+#include <algorithm>
 #include <istream>
 #include <iterator>
 #include <optional>
 #include <ostream>
+#include <string_view>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
@@ -51,18 +53,21 @@ GroupNameMatcher ReadGroupMatcher(std::istream* in) {
   return matcher;
 }
 
-bool IsBlank(int character) {
+bool IsBlank(char character) {
   return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
 // As ">>" does in the classic locale, but without what a stream does around it, which takes longer than the reading.
-bool ReadWord(std::istream& in, std::string& word) {
-  std::streambuf& text = *in.rdbuf();
-  word.clear();
-  int next = text.sgetc();
-  while (IsBlank(next)) next = text.snextc();
-  for (; next != std::streambuf::traits_type::eof() && !IsBlank(next); next = text.snextc())
-    word.push_back(static_cast<char>(next));
+// args: the rest of a command's line, which is always a view.
+bool ReadWord(std::istream& args, std::string& word) {
+  auto& view = static_cast<core::ViewIstream&>(args);
+  const std::string_view rest = view.GetRest();
+  size_t begin = 0;
+  while (begin < rest.size() && IsBlank(rest[begin])) ++begin;
+  size_t end = begin;
+  while (end < rest.size() && !IsBlank(rest[end])) ++end;
+  word.assign(rest, begin, end - begin);
+  view.Skip(end);
   return !word.empty();
 }
 
@@ -105,9 +110,17 @@ void ClientHandler::Run() {
 
 bool ClientHandler::HandleNext() {
   if (_line.capacity() > kKeptMemory) std::string().swap(_line);
-  if (_quit || !std::getline(*_in, _line, _in->widen('\n'))) return false;
-  _args.SetText(_line);
+  std::string_view line;
+  if (_quit || !TakeLine(line)) return false;
+  _args.SetText(line);
   if (ReadWord(_args, _word) && _word != protocol::kTerminator) MsgDispatcher::Get().Dispatch(*this, _word, _args);
+  return true;
+}
+
+bool ClientHandler::TakeLine(std::string_view& line) {
+  if (core::ViewIstream* view = core::ViewIstream::From(*_in)) return view->TakeLine(line);
+  if (!std::getline(*_in, _line)) return false;
+  line = _line;
   return true;
 }
 
@@ -117,6 +130,10 @@ void ClientHandler::LogStatistics(void* logContext) {
 
 ClientHandler::Statistics ClientHandler::ReadStatistics() {
   return MsgDispatcher::Get().ReadStatistics();
+}
+
+void ClientHandler::TimeCommands() {
+  MsgDispatcher::Get().TimeCommands();
 }
 
 void ClientHandler::Quit(std::istream&) {
@@ -132,7 +149,7 @@ void ClientHandler::Dump(std::istream& args) {
   } else {
     _settingsManager->DumpUserSettings(_message);
   }
-  _message << protocol::kTerminatorLine;
+  _message.AppendLine(protocol::kTerminator);
   SendMessage(nullptr);
 }
 
@@ -152,7 +169,8 @@ void ClientHandler::TestAndMerge(std::istream&) {
 
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
-  _message << protocol::kResult << '\n' << (merged ? protocol::kOk : protocol::kFailure) << '\n';
+  _message.AppendLine(protocol::kResult);
+  _message.AppendLine(merged ? protocol::kOk : protocol::kFailure);
   SendMessage(nullptr);
 }
 
@@ -175,9 +193,9 @@ void ClientHandler::GetSections(std::istream& args) {
   const GroupNameMatcher matcher = ReadGroupMatcher(_in);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
-  if (delimited) _message << protocol::kData << '\n';
+  if (delimited) _message.AppendLine(protocol::kData);
   if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
-  if (delimited) _message << protocol::kTerminatorLine;
+  if (delimited) _message.AppendLine(protocol::kTerminator);
   SendMessage(&matcher);
 }
 
@@ -243,7 +261,7 @@ void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
   NoticeText& last = NoticeText::OfThisThread();
   const ISettingsSerializer* const serializer = _serializer.load();
   if (const std::string* text = last.Find(*_settingsManager, changedGroups, serializer)) {
-    _message << *text;
+    _message.Append(*text);
   } else {
     const unsigned long long version = _settingsManager->GetVersion();
     ComposeNotice(changedGroups, matcher, *serializer);
@@ -254,13 +272,13 @@ void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
 
 void ClientHandler::ComposeNotice(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
                                   const ISettingsSerializer& serializer) {
-  _message << protocol::kAsyncChange << '\n';
+  _message.AppendLine(protocol::kAsyncChange);
   for (const std::string& group : changedGroups) {
-    if (IsLine(group)) _message << group << '\n';
+    if (IsLine(group)) _message.AppendLine(group);
   }
-  _message << protocol::kTerminatorLine;
+  _message.AppendLine(protocol::kTerminator);
   _settingsManager->WriteGroups(_message, matcher, serializer);
-  _message << protocol::kTerminatorLine;
+  _message.AppendLine(protocol::kTerminator);
 }
 
 bool ClientHandler::TakesWord(std::istream& args, const char* expected) {

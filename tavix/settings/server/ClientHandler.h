@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tavix/core/MemoryStream.h"
@@ -30,15 +31,12 @@ struct ServerEnv;
 // change that the connection subscribed to. docs/protocol.md describes every message.
 //
 // Threads: requests are handled on the thread that calls Run or HandleNext; notices are written by whichever thread
-// made
-//          the change. Each reply and each notice is contiguous on the output and ends with a flush.
+//          made the change. Each reply and each notice is contiguous on the output and ends with a flush.
 // Locks:   the output mutex, inside the store's notification gate and dispatcher, outside its "SettingsMutex". Nothing
-// is
-//          held while a request changes the store, so a connection is told of its own changes.
+//          is held while a request changes the store, so a connection is told of its own changes.
 // Owns:    neither environment nor streams; all outlive the handler. The streams are never closed here.
 // Errors:  a payload that can't be parsed, and whatever the store throws, leaves HandleNext: the connection is then out
-// of
-//          step and must end. A request that the end of the input cuts off changes nothing. Output errors are not
+//          of step and must end. A request that the end of the input cuts off changes nothing. Output errors are not
 //          looked at; a notice that can't be written breaks the output and is nobody else's trouble.
 class TAVIX_EXPORT ClientHandler : public IChangeCallback {
  public:
@@ -72,7 +70,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
     struct Command {
       std::string name;
       unsigned long long count;  // calls that ended without an exception
-      double seconds;            // that these took together
+      double seconds;            // that these took together, since TimeCommands
     };
 
     std::vector<Command> commands;   // every command, in ascending order of names
@@ -80,6 +78,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
     unsigned long long notices = 0;  // that were written
   };
   static Statistics ReadStatistics();
+
+  // Has all handlers of the process time their commands from now on: reading the clock is a part of a short one.
+  static void TimeCommands();
 
  private:
   class TAVIX_LOCAL MsgDispatcher;
@@ -96,6 +97,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RestoreDefaults(std::istream& args);
   void Info(std::istream& args);
 
+  bool TakeLine(std::string_view& line);
   void CountSubscriptions(const std::set<std::string>& groups);
   bool TakesWord(std::istream& args, const char* expected);
   bool ReadPayload(core::IniFile& document);

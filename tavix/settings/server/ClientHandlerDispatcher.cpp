@@ -45,13 +45,17 @@ void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, const std::s
     _logger->Warning("Invalid command: %s", word.c_str());
     return;
   }
-  const core::Stopwatch stopwatch(true);
-  _logger->Trace("Handling command: %s", found->first.c_str());
-  (handler.*found->second.handler)(args);
+  auto& [name, entry] = *found;
+  const bool traces = core::Logger::IsEnabled(core::kLogTrace);
+  const bool isTimed = traces || _times.load(std::memory_order_relaxed);
+  if (traces) _logger->Trace("Handling command: %s", name.c_str());
+  const core::Stopwatch stopwatch(isTimed);
+  (handler.*entry.handler)(args);
+  entry.count.fetch_add(1, std::memory_order_relaxed);
+  if (!isTimed) return;
   const double seconds = stopwatch.Read();
-  found->second.count.fetch_add(1, std::memory_order_relaxed);
-  found->second.nanoseconds.fetch_add(static_cast<unsigned long long>(seconds * 1e9), std::memory_order_relaxed);
-  _logger->Trace("Command %s took %f seconds", found->first.c_str(), seconds);
+  entry.nanoseconds.fetch_add(static_cast<unsigned long long>(seconds * 1e9), std::memory_order_relaxed);
+  if (traces) _logger->Trace("Command %s took %f seconds", name.c_str(), seconds);
 }
 
 void ClientHandler::MsgDispatcher::LogStatistics(void* logContext) const {

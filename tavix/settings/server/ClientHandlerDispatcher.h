@@ -18,6 +18,9 @@ class ClientHandler::MsgDispatcher {
   // Calls the command's handler on "handler"; an unknown word is logged and dropped. A call that throws is not counted.
   void Dispatch(ClientHandler& handler, const std::string& word, std::istream& args);
 
+  // Has commands timed from now on, whether or not anybody reads traces.
+  void TimeCommands() { _times.store(true, std::memory_order_relaxed); }
+
   void LogStatistics(void* logContext) const;
   Statistics ReadStatistics() const;
 
@@ -37,6 +40,7 @@ class ClientHandler::MsgDispatcher {
 
   core::Logger* const _logger;
   std::map<std::string, fpMsgHandler> _handlers;
+  std::atomic<bool> _times{false};
   std::atomic<unsigned long long> _unknown{0};
   std::atomic<unsigned long long> _notices{0};
 };

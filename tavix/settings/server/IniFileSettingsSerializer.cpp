@@ -1,14 +1,34 @@
 #include "tavix/settings/server/IniFileSettingsSerializer.h"
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "tavix/core/DelimitedIstream.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/core/MemoryStream.h"
+#include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::settings::server {
 
+using client::protocol::kTerminator;
 using core::IniFile;
+using core::ViewIstream;
+
+namespace {
+
+const std::string kSource = "settings payload";
+
+// The lines up to the terminator's, which is taken, too.
+std::string_view TakeLines(ViewIstream& in) {
+  const char* const begin = in.GetRest().data();
+  const char* end = begin;
+  for (std::string_view line; in.TakeLine(line) && line != kTerminator;) end = line.data() + line.size();
+  return {begin, static_cast<size_t>(end - begin)};
+}
+
+}  // namespace
 
 void IniFileSettingsSerializer::OnSerialize(const IniFile& settings, const common::GroupNameMatcher& groups,
                                             std::ostream& os) const {
@@ -18,8 +38,9 @@ void IniFileSettingsSerializer::OnSerialize(const IniFile& settings, const commo
 }
 
 void IniFileSettingsSerializer::OnDeserialize(std::istream& is, IniFile& settings) const {
+  if (ViewIstream* view = ViewIstream::From(is)) return settings.LoadFromMemory(TakeLines(*view), kSource);
   stl::DelimitedIstream payload(&is);
-  settings.LoadFromStream(payload, "settings payload");
+  settings.LoadFromStream(payload, kSource);
 }
 
 }  // namespace tavix::settings::server

@@ -11,8 +11,6 @@ namespace protocol = client::protocol;
 
 namespace {
 
-constexpr char kBlanks[] = " \t\v\f\r";
-
 struct Command {
   const char* word;
   const char* parts;  // what follows the command's line: 'l' a list, 'p' a payload
@@ -23,17 +21,19 @@ constexpr Command kCommands[] = {
     {protocol::kSubscribe, "l"}, {protocol::kOverwrite, "lp"}, {protocol::kRestore, "l"},
 };
 
+bool IsSpace(char byte) {
+  return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
 // Takes the first word off the line.
 std::string_view TakeWord(std::string_view& line) {
-  const size_t begin = std::min(line.find_first_not_of(kBlanks), line.size());
-  const size_t end = std::min(line.find_first_of(kBlanks, begin), line.size());
+  size_t begin = 0;
+  while (begin < line.size() && IsSpace(line[begin])) ++begin;
+  size_t end = begin;
+  while (end < line.size() && !IsSpace(line[end])) ++end;
   const std::string_view word = line.substr(begin, end - begin);
   line.remove_prefix(end);
   return word;
-}
-
-bool IsSpace(char byte) {
-  return byte == ' ' || (byte >= '\t' && byte <= '\r');
 }
 
 }  // namespace

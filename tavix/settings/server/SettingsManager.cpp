@@ -32,11 +32,23 @@ GroupNameMatcher MatcherFor(const std::string& nameOrPattern) {
   return matcher;
 }
 
-IniFile UnrestrictedPartOf(const IniFile& settings) {
-  IniFile filtered;
-  GroupDiscriminator::MergeUnrestrictedGroups(filtered, settings);
-  return filtered;
-}
+// What of a document may be written: the document itself, unless something has to be left out.
+class UnrestrictedPart {
+ public:
+  explicit UnrestrictedPart(const IniFile& settings)
+      : _isWhole(std::none_of(settings.begin(), settings.end(),
+                              [](const auto& group) { return GroupDiscriminator::IsRestrictedGroup(group.first); })),
+        _whole(settings) {
+    if (!_isWhole) GroupDiscriminator::MergeUnrestrictedGroups(_part, settings);
+  }
+
+  const IniFile& Get() const { return _isWhole ? _whole : _part; }
+
+ private:
+  const bool _isWhole;
+  const IniFile& _whole;
+  IniFile _part;
+};
 
 // The groups of which "change" sets something that "document" does not hold.
 std::set<std::string> FindGroupsToChange(const IniFile& document, const IniFile& change) {
@@ -196,7 +208,8 @@ SettingsManager::Sizes SettingsManager::GetSizes() const {
 
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
   RefuseInCallback();
-  const IniFile filtered = UnrestrictedPartOf(settings);
+  const UnrestrictedPart part(settings);
+  const IniFile& filtered = part.Get();
   WriteAutoLock lock(_settingsMutex);
   PerformMergeUnlocked(filtered, flags);
   lock.Release();
@@ -205,7 +218,8 @@ void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags)
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
   RefuseInCallback();
-  const IniFile filtered = UnrestrictedPartOf(settings);
+  const UnrestrictedPart part(settings);
+  const IniFile& filtered = part.Get();
   WriteAutoLock lock(_settingsMutex);
   if (!_allSettings.ContainsSettings(test)) return false;
   PerformMergeUnlocked(filtered, 0);
@@ -218,7 +232,8 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   RefuseInCallback();
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
-  const IniFile filtered = UnrestrictedPartOf(settings);
+  const UnrestrictedPart part(settings);
+  const IniFile& filtered = part.Get();
   WriteAutoLock lock(_settingsMutex);
   std::set<std::string> changed;
   matcher.GetMatchingGroups(_allSettings, changed);

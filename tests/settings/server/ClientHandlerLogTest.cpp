@@ -175,6 +175,7 @@ TEST(ClientHandler, ACommandThatThrowsIsNotCounted) {
 TEST(ClientHandler, StatisticsTellOfCommandsUnknownWordsAndNotices) {
   ServedStore served;
   const CapturedLog log;
+  ClientHandler::TimeCommands();
   const ClientHandler::Statistics before = ClientHandler::ReadStatistics();
   served.Serve("subscribe\nA\n.\nbogus\nmerge\n[A]\nx=1\n.\nmerge\n[B]\nx=1\n.\n");
   const ClientHandler::Statistics after = ClientHandler::ReadStatistics();
