@@ -16,6 +16,7 @@
 #include "bench/ClosedLoop.h"
 #include "bench/Daemon.h"
 #include "bench/Exchange.h"
+#include "bench/Placement.h"
 #include "bench/SampleSettings.h"
 #include "bench/Timing.h"
 #include "bench/Turns.h"
@@ -30,6 +31,8 @@ constexpr char kMerge[] = "merge-durable";
 constexpr char kTestAndMerge[] = "tam-durable";
 constexpr char kGetUnderMerge[] = "get-under-merge";
 constexpr char kStalled[] = "merge-stalled-subscriber";
+constexpr char kBeside[] = "raw";
+constexpr char kAlone[] = "without it";
 constexpr char kAppend[] = "append 128 B, fdatasync";
 constexpr double kMostOverFloor = 1.2;
 constexpr double kMostUnderMerge = 2;
@@ -173,10 +176,15 @@ Descriptor MakeStalledSubscriber(const Daemon& daemon) {
   return stalled;
 }
 
-void MeasureStalled(Recorder& recorder) {
+FigureName StalledName(const char* what, const Placement& placement) {
+  return {kStalled, kOurs, std::string(what) + ", " + placement.name};
+}
+
+void MeasureStalled(Recorder& recorder, const Placement& placement) {
   const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "stalled.ini", 2 * kGroup);
-  const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings});
-  const Daemon undisturbed(recorder.GetSetup().server, {"--defaults", settings});
+  const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
+  const Daemon undisturbed(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
+  PinToCore(placement.client);
   const Descriptor stalled = MakeStalledSubscriber(daemon);
   const Descriptor beside = daemon.Connect();
   const Descriptor alone = undisturbed.Connect();
@@ -185,8 +193,8 @@ void MeasureStalled(Recorder& recorder) {
     return TimedExchange(connection, ChangeExchange("merge", kGroup, ++version));
   };
   MeasureInTurnsFor(recorder,
-                    {{{kStalled, kOurs, "raw"}, [&] { return change(beside); }},
-                     {{kStalled, kOurs, "without it"}, [&] { return change(alone); }}},
+                    {{StalledName(kBeside, placement), [&] { return change(beside); }},
+                     {StalledName(kAlone, placement), [&] { return change(alone); }}},
                     recorder.Choose(0.05, 0.3), 20);
 }
 
@@ -214,8 +222,10 @@ void AddDurableBenches(Suite& suite) {
   suite.Add({kGetUnderMerge}, MeasureGetUnderMerge);
   suite.Compare({kGetUnderMerge, kOurs, "beside a writer"}, {kGetUnderMerge, kOurs, "alone"});
   suite.Compare({kGetUnderMerge, kOurs, "p99 beside a writer"}, {kGetUnderMerge, kOurs, "p99 alone"}, kMostUnderMerge);
-  suite.Add({kStalled}, MeasureStalled);
-  suite.Compare({kStalled, kOurs, "raw"}, {kStalled, kOurs, "without it"});
+  for (const Placement& placement : Placements()) {
+    suite.Add({kStalled}, [=](Recorder& recorder) { MeasureStalled(recorder, placement); });
+    suite.Compare(StalledName(kBeside, placement), StalledName(kAlone, placement));
+  }
 }
 
 }  // namespace tavix::bench

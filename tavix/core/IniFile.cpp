@@ -147,6 +147,10 @@ void IniFile::RemoveGroup(const iterator& group) {
 
 void IniFile::MergeSettings(const IniFile& src) {
   if (this == &src) return;
+  if (_groups.empty()) {
+    _groups = src._groups;  // much faster than one by one
+    return;
+  }
   for (const auto& [name, keys] : src._groups) MergeKeys(_groups[name], keys);
 }
 

@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "programs/server/persistence/Checksum.h"
@@ -22,11 +23,22 @@ struct LastLine {
   bool matches = false;
 };
 
+// Where the last line that begins like ours begins. Another's text may have to be gone through to its begin.
+size_t FindBeginOfLastLine(std::string_view text) {
+  for (size_t end = text.size(); const void* found = memrchr(text.data(), kLastLine.front(), end);) {
+    const auto begin = static_cast<size_t>(static_cast<const char*>(found) - text.data());
+    const bool beginsLine = begin == 0 || text[begin - 1] == '\n';
+    if (beginsLine && text.compare(begin, kLastLine.size(), kLastLine) == 0) return begin;
+    end = begin;
+  }
+  return std::string_view::npos;
+}
+
 // The checksum covers the last line up to itself.
 LastLine FindLastLine(std::string_view text) {
   LastLine line;
-  const size_t begin = text.rfind(kLastLine);
-  if (begin == std::string_view::npos || (begin > 0 && text[begin - 1] != '\n')) return line;
+  const size_t begin = FindBeginOfLastLine(text);
+  if (begin == std::string_view::npos) return line;
   const size_t feed = text.find('\n', begin);
   const std::string fields(text.substr(begin + kLastLine.size(), feed - begin - kLastLine.size()));
   int beforeChecksum = 0;

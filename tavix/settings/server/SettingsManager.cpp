@@ -122,8 +122,8 @@ void SettingsManager::LoadSettings() {
   _persister->LoadDefaultSettings(combiner);
   LoadUserSettings();
   RemoveDeletedGroups();
-  _allSettings.MergeSettings(_userSettings);
   GroupDiscriminator::FilterOutRestrictedGroups(_allSettings);
+  _allSettings.MergeSettings(_userSettings);
   MergeRestrictedSettings();
   HideBookkeeping();
   _settingsMutex.Release();
