@@ -20,6 +20,20 @@ void CallbackDispatcher::AddCallback(IChangeCallback* cb, const GroupNameMatcher
 
 void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
   MutexAutoLock lock(&_mutex, kWaitForever, true);
+  TellSubscribers(changedGroups, settings);
+}
+
+void CallbackDispatcher::OnChange(const core::IniFile& settings) const {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  if (_callbacks.empty()) return;
+  std::set<std::string> changedGroups;
+  for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
+  TellSubscribers(changedGroups, settings);
+}
+
+// The caller holds the mutex.
+void CallbackDispatcher::TellSubscribers(const std::set<std::string>& changedGroups,
+                                         const core::IniFile& settings) const {
   std::set<std::string> matched;
   for (const auto& [callback, matcher] : _callbacks) {
     matcher.GetMatchingGroups(changedGroups, matched);
@@ -27,12 +41,6 @@ void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, co
     callback->OnChange(matched, settings);
     matched.clear();
   }
-}
-
-void CallbackDispatcher::OnChange(const core::IniFile& settings) const {
-  std::set<std::string> changedGroups;
-  for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
-  OnChange(changedGroups, settings);
 }
 
 void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) const {

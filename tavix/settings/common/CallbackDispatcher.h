@@ -39,6 +39,8 @@ class TAVIX_EXPORT CallbackDispatcher {
   void RemoveCallback(IChangeCallback* cb);
 
  private:
+  void TellSubscribers(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+
   mutable osa::Mutex _mutex;  // guards what follows; held while callbacks run
   std::map<IChangeCallback*, GroupNameMatcher> _callbacks;
 };

@@ -57,18 +57,17 @@ bool IsBlank(char character) {
   return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
-// As ">>" does in the classic locale, but without what a stream does around it, which takes longer than the reading.
-// args: the rest of a command's line, which is always a view.
-bool ReadWord(std::istream& args, std::string& word) {
+// The next word as ">>" finds it in the classic locale, empty when there is none, but without what a stream does around
+// it, which takes longer than the reading. args: the rest of a command's line, which is always a view.
+std::string_view TakeWord(std::istream& args) {
   auto& view = static_cast<core::ViewIstream&>(args);
   const std::string_view rest = view.GetRest();
   size_t begin = 0;
   while (begin < rest.size() && IsBlank(rest[begin])) ++begin;
   size_t end = begin;
   while (end < rest.size() && !IsBlank(rest[end])) ++end;
-  word.assign(rest, begin, end - begin);
   view.Skip(end);
-  return !word.empty();
+  return rest.substr(begin, end - begin);
 }
 
 // Whether the name can stand on a line of a list.
@@ -113,7 +112,8 @@ bool ClientHandler::HandleNext() {
   std::string_view line;
   if (_quit || !TakeLine(line)) return false;
   _args.SetText(line);
-  if (ReadWord(_args, _word) && _word != protocol::kTerminator) MsgDispatcher::Get().Dispatch(*this, _word, _args);
+  const std::string_view word = TakeWord(_args);
+  if (!word.empty() && word != protocol::kTerminator) MsgDispatcher::Get().Dispatch(*this, word, _args);
   return true;
 }
 
@@ -141,7 +141,7 @@ void ClientHandler::Quit(std::istream&) {
 }
 
 void ClientHandler::Dump(std::istream& args) {
-  const bool all = TakesWord(args, protocol::kAll);
+  const bool all = TakeWord(args) == protocol::kAll;
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
   if (all) {
@@ -154,7 +154,7 @@ void ClientHandler::Dump(std::istream& args) {
 }
 
 void ClientHandler::Merge(std::istream& args) {
-  const unsigned int flags = TakesWord(args, protocol::kNoPersist) ? SettingsManager::kNoPersist : 0;
+  const unsigned int flags = TakeWord(args) == protocol::kNoPersist ? SettingsManager::kNoPersist : 0;
   IniFile settings;
   if (ReadPayload(settings)) _settingsManager->MergeSettings(settings, flags);
 }
@@ -189,7 +189,7 @@ void ClientHandler::CountSubscriptions(const std::set<std::string>& groups) {
 }
 
 void ClientHandler::GetSections(std::istream& args) {
-  const bool delimited = TakesWord(args, protocol::kDelimited);
+  const bool delimited = TakeWord(args) == protocol::kDelimited;
   const GroupNameMatcher matcher = ReadGroupMatcher(_in);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
@@ -207,8 +207,7 @@ void ClientHandler::Overwrite(std::istream&) {
 }
 
 void ClientHandler::ChangeSerialization(std::istream& args) {
-  std::string name;
-  ReadWord(args, name);
+  const std::string name(TakeWord(args));
   const ISettingsSerializer* serializer = _serializationManager->GetSerializer(name);
   if (!serializer) return;
   _logger->Trace("switching to serialization mode: %s", name.c_str());
@@ -223,7 +222,7 @@ void ClientHandler::RestoreDefaults(std::istream&) {
 // Takes the output mutex before the dispatcher's, a notification does the reverse; the gate, taken first by both, keeps
 // the two apart. It is given back before anything is sent: a slow reader must not hold up notifications.
 void ClientHandler::Info(std::istream& args) {
-  if (!TakesWord(args, protocol::kSubscribed)) return;
+  if (TakeWord(args) != protocol::kSubscribed) return;
   std::optional<MutexAutoLock> gate(std::in_place, &_settingsManager->GetNotificationGate(), kWaitForever, true);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   std::set<std::string> groups;
@@ -279,10 +278,6 @@ void ClientHandler::ComposeNotice(const std::set<std::string>& changedGroups, co
   _message.AppendLine(protocol::kTerminator);
   _settingsManager->WriteGroups(_message, matcher, serializer);
   _message.AppendLine(protocol::kTerminator);
-}
-
-bool ClientHandler::TakesWord(std::istream& args, const char* expected) {
-  return ReadWord(args, _word) && _word == expected;
 }
 
 // False when the input ended before the payload did: what came of it must not be carried out.

@@ -99,7 +99,6 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
   bool TakeLine(std::string_view& line);
   void CountSubscriptions(const std::set<std::string>& groups);
-  bool TakesWord(std::istream& args, const char* expected);
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
   void WriteNotice(const std::set<std::string>& changedGroups);
@@ -122,7 +121,6 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
   // Kept for their memory only.
   std::string _line;
-  std::string _word;
   core::ViewIstream _args;
   core::StringOstream _message;
 };

@@ -38,11 +38,11 @@ void ClientHandler::MsgDispatcher::Add(const char* word, void (ClientHandler::*h
   _handlers[word].handler = handler;
 }
 
-void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, const std::string& word, std::istream& args) {
+void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, std::string_view word, std::istream& args) {
   const auto found = _handlers.find(word);
   if (found == _handlers.end()) {
     _unknown.fetch_add(1, std::memory_order_relaxed);
-    _logger->Warning("Invalid command: %s", word.c_str());
+    _logger->Warning("Invalid command: %s", std::string(word).c_str());
     return;
   }
   auto& [name, entry] = *found;

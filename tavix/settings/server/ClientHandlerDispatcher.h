@@ -1,9 +1,11 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "tavix/settings/server/ClientHandler.h"
 
@@ -16,7 +18,7 @@ class ClientHandler::MsgDispatcher {
   static MsgDispatcher& Get();
 
   // Calls the command's handler on "handler"; an unknown word is logged and dropped. A call that throws is not counted.
-  void Dispatch(ClientHandler& handler, const std::string& word, std::istream& args);
+  void Dispatch(ClientHandler& handler, std::string_view word, std::istream& args);
 
   // Has commands timed from now on, whether or not anybody reads traces.
   void TimeCommands() { _times.store(true, std::memory_order_relaxed); }
@@ -39,7 +41,7 @@ class ClientHandler::MsgDispatcher {
   static std::atomic<MsgDispatcher*> s_pInstance;
 
   core::Logger* const _logger;
-  std::map<std::string, fpMsgHandler> _handlers;
+  std::map<std::string, fpMsgHandler, std::less<>> _handlers;
   std::atomic<bool> _times{false};
   std::atomic<unsigned long long> _unknown{0};
   std::atomic<unsigned long long> _notices{0};
