@@ -4,9 +4,11 @@
 #include <cstring>
 #include <fstream>
 #include <istream>
+#include <iterator>
 #include <string_view>
 
 #include "tavix/core/SettingsText.h"
+#include "tavix/core/SideBySide.h"
 #include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
 
@@ -33,6 +35,54 @@ void SpliceKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
   target.merge(source);
   for (auto& [key, value] : source) target[key] = std::move(value);
   source.clear();
+}
+
+// Whether all of "source" comes behind "target".
+bool ComesBehind(const IniFile::GroupMap& source, const IniFile::GroupMap& target) {
+  return target.empty() || source.empty() || target.rbegin()->first < source.begin()->first;
+}
+
+void Append(IniFile::GroupMap& target, IniFile::GroupMap&& source) {
+  while (!source.empty()) target.insert(target.end(), source.extract(source.begin()));
+}
+
+IniFile::GroupMap CopyGroups(const IniFile::GroupMap& source) {
+  constexpr size_t kLarge = 10000;  // groups
+  if (source.size() < kLarge) return source;
+  const auto middle = std::next(source.begin(), static_cast<std::ptrdiff_t>(source.size() / 2));
+  IniFile::GroupMap copy;
+  IniFile::GroupMap rest;
+  RunSideBySide([&] { copy.insert(source.begin(), middle); }, [&] { rest.insert(middle, source.end()); });
+  Append(copy, std::move(rest));
+  return copy;
+}
+
+IniFile ReadText(std::string_view text, const std::string& source) {
+  SettingsTextReader reader(source);
+  reader.ReadLines(text.data(), text.data() + text.size());
+  return reader.TakeDocument();
+}
+
+// Where a group begins about half-way through a large text; else its end.
+size_t FindMiddle(std::string_view text) {
+  constexpr size_t kLarge = 4 * 1024 * 1024;
+  if (text.size() < kLarge) return text.size();
+  const size_t feed = text.find("\n[", text.size() / 2);
+  return feed == std::string_view::npos ? text.size() : feed + 1;
+}
+
+// An error names its line, which only who reads from the begin knows.
+IniFile ReadInHalves(std::string_view text, size_t middle, const std::string& source) {
+  IniFile document;
+  IniFile rest;
+  try {
+    RunSideBySide([&] { document = ReadText(text.substr(0, middle), source); },
+                  [&] { rest = ReadText(text.substr(middle), source); });
+  } catch (const osa::Exception&) {
+    return ReadText(text, source);
+  }
+  document.MergeSettings(std::move(rest));
+  return document;
 }
 
 }  // namespace
@@ -64,9 +114,8 @@ void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
 }
 
 void IniFile::LoadFromMemory(std::string_view text, const std::string& source) {
-  SettingsTextReader reader(source);
-  reader.ReadLines(text.data(), text.data() + text.size());
-  MergeSettings(reader.TakeDocument());
+  const size_t middle = FindMiddle(text);
+  MergeSettings(middle < text.size() ? ReadInHalves(text, middle, source) : ReadText(text, source));
 }
 
 void IniFile::SaveToStream(std::ostream& out) const {
@@ -148,7 +197,7 @@ void IniFile::RemoveGroup(const iterator& group) {
 void IniFile::MergeSettings(const IniFile& src) {
   if (this == &src) return;
   if (_groups.empty()) {
-    _groups = src._groups;  // much faster than one by one
+    _groups = CopyGroups(src._groups);
     return;
   }
   for (const auto& [name, keys] : src._groups) MergeKeys(_groups[name], keys);
@@ -160,6 +209,7 @@ void IniFile::MergeSettings(IniFile&& src) {
     _groups.swap(src._groups);
     return;
   }
+  if (ComesBehind(src._groups, _groups)) return Append(_groups, std::move(src._groups));
   _groups.merge(src._groups);
   for (auto& [name, keys] : src._groups) SpliceKeys(_groups[name], keys);
   src.Clear();

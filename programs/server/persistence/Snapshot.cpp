@@ -65,9 +65,7 @@ bool IsZeroInside(std::string_view text) {
 
 bool Parse(const std::string& path, const FileContent& content, Snapshot& snapshot) {
   try {
-    core::ViewIstream in;
-    in.SetText(content.bytes);
-    snapshot.settings.LoadFromStream(in, path);
+    snapshot.settings.LoadFromMemory(content.bytes, path);
     return true;
   } catch (const std::exception& exception) {
     snapshot.problem = exception.what();
