@@ -57,15 +57,13 @@ int Check(const Options& options) {
   return kExitDone;
 }
 
-// None when there is no file to lock, and when the lock's file can't be made: a device with a disk that is full or
-// read-only must start all the same.
+// None when there is no file to lock, and when there is no lock's file and none can be made: a device with a disk that
+// is full or read-only must start all the same. A lock that is there and can't be had is another daemon's.
 std::unique_ptr<FileLock> LockUserSettings(const std::string& file) {
   if (file.empty()) return nullptr;
   try {
     return std::make_unique<FileLock>(FollowLinks(file));
-  } catch (const FileLock::Held&) {
-    throw;
-  } catch (const osa::Exception& exception) {
+  } catch (const FileLock::CanNotBeMade& exception) {
     core::Logger::GetLogger("Program")->Warning("%s; nothing keeps a second daemon off the user settings",
                                                 exception.what());
     return nullptr;
