@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 
+#include "programs/server/Check.h"
 #include "programs/server/CommandLine.h"
 #include "programs/server/FileLock.h"
 #include "programs/server/LinkTarget.h"
@@ -44,17 +45,6 @@ int Fail(ExitCode code, const std::exception& exception) {
   const char* const level = ServiceManager::HasJournal() ? "<3>" : "";
   std::fprintf(stderr, "%stavix-settings-server: %s\n", level, exception.what());
   return code;
-}
-
-int Check(const Options& options) {
-  Counters counters;
-  SettingsSources sources(options, counters);
-  const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
-  if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
-  for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
-  const size_t groups = store->CountGroups();
-  std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
-  return kExitDone;
 }
 
 // None when there is no file to lock, and when there is no lock's file and none can be made: a device with a disk that
@@ -127,7 +117,7 @@ int RunProgram(int argc, char** argv) {
         break;
     }
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
-    if (options.action == Options::Action::kCheck) return Check(options);
+    if (options.action == Options::Action::kCheck) return RunCheck(options);
     ConfigureLog(options.log);
     return Serve(options, commandLine);
   } catch (const Failure& failure) {
