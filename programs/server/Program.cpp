@@ -101,7 +101,6 @@ int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
 }  // namespace
 
 int RunProgram(int argc, char** argv) {
-  Signals::Block();
   std::vector<GivenOption> commandLine;
   if (!ParseCommandLine(argc, argv, commandLine)) return kExitUsage;
   try {
@@ -118,6 +117,7 @@ int RunProgram(int argc, char** argv) {
     }
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
     if (options.action == Options::Action::kCheck) return RunCheck(options);
+    Signals::Block();
     ConfigureLog(options.log);
     return Serve(options, commandLine);
   } catch (const Failure& failure) {
