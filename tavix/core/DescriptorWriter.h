@@ -7,11 +7,11 @@
 namespace tavix::core {
 
 // Writes lines to a descriptor that it does not own, for example standard error, and never waits for whoever reads
-// them.
+// what it wrote.
 //
 // Whether a pipe or a terminal makes its writers wait is a property that all processes share which have it, and theirs
-// to choose: it stays as it is. Where /proc is missing or forbids it, a pipe that another process fills at the very
-// same moment can still make it wait.
+// to choose: it stays as it is. Where /proc does not let it open them again, a terminal that has room for a part of a
+// line alone, or a pipe that another process fills at the very same moment, can still make it wait.
 //
 // Threads: one at a time.
 class DescriptorWriter {

@@ -29,9 +29,9 @@ enum LogLevel : int {
 //
 // Threads: everything here may be called from any thread; lines are never torn, nor lost while outputs are exchanged.
 // Owns:    loggers are never freed.
-// Errors:  logging throws nothing, and waits for nobody who reads the log: what an output can't take at once is
-// dropped,
-//          and the output is told how many lines it missed as soon as it takes one again.
+// Errors:  logging throws nothing, and waits for nobody who reads the log. What an output can't take at once is
+//          dropped; the output is told how many lines it missed as soon as it takes one again. A file on a disk that
+//          does not answer can make it wait.
 class TAVIX_EXPORT Logger {
  public:
   // The process's one logger of that name.
