@@ -34,8 +34,6 @@ foreach(component ${CPACK_COMPONENTS_ALL})
             COMPONENT ${component} RENAME ${package} EXCLUDE_FROM_ALL)
   endif()
 endforeach()
-install(FILES ${debian}/tavix-settings-server.default DESTINATION /etc/default COMPONENT server
-        RENAME tavix-settings-server EXCLUDE_FROM_ALL)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

@@ -9,14 +9,43 @@
 
 namespace tavix::daemon {
 
+namespace {
+
+constexpr int kFlags = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
+// Whether this tells of the file system, and nothing of another process.
+bool IsOfTheFileSystem(int error) {
+  switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+    case EROFS:
+    case EIO:
+    case ENOENT:
+    case ENOTDIR:
+    case ENOLCK:
+    case ENOSYS:
+    case EOPNOTSUPP:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
 FileLock::FileLock(const std::string& path) : _path(path + ".lock") {
   for (Outcome outcome = Outcome::kRemoved; outcome != Outcome::kLocked;) {
     outcome = TryLock();
-    if (outcome != Outcome::kFailed || errno == EINTR) continue;
-    if (errno == EWOULDBLOCK) throw Held("'" + path + "' is in use by process " + ReadOwner());
-    throw osa::Exception("Failed to lock '%s': %s", _path.c_str(), std::strerror(errno));
+    if (outcome == Outcome::kFailed && errno != EINTR) Fail(path, errno);
   }
   WriteOwner();
+}
+
+void FileLock::Fail(const std::string& path, int error) const {
+  if (error == EWOULDBLOCK) throw Held("'" + path + "' is in use by process " + ReadOwner());
+  const std::string message = "Failed to lock '" + _path + "': " + std::strerror(error);
+  if (IsOfTheFileSystem(error) || (error == EACCES && !IsThere())) throw CanNotBeMade(message);
+  throw osa::Exception("%s", message.c_str());
 }
 
 // The number is for error texts only: a full disk must not cost the lock.
@@ -33,7 +62,7 @@ FileLock::~FileLock() {
 
 // kFailed: errno tells why. kRemoved: the file that was locked has been taken away by its owner meanwhile.
 FileLock::Outcome FileLock::TryLock() {
-  _file.Reset(open(_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600));
+  Open();
   if (!_file || flock(_file.Get(), LOCK_EX | LOCK_NB) != 0) return Outcome::kFailed;
   struct stat locked {};
   struct stat present {};
@@ -41,6 +70,20 @@ FileLock::Outcome FileLock::TryLock() {
   const bool isThere = stat(_path.c_str(), &present) == 0;
   const bool isSame = locked.st_ino == present.st_ino && locked.st_dev == present.st_dev;
   return isThere && isSame ? Outcome::kLocked : Outcome::kRemoved;
+}
+
+// Not for others to open, who could keep the daemon from starting by a lock of their own. A disk that became read-only
+// may hold the lock of a daemon that runs.
+void FileLock::Open() {
+  _file.Reset(open(_path.c_str(), O_RDWR | O_CREAT | kFlags, 0600));
+  if (_file || errno != EROFS) return;
+  _file.Reset(open(_path.c_str(), O_RDONLY | kFlags));
+  if (!_file && errno == ENOENT) errno = EROFS;
+}
+
+bool FileLock::IsThere() const {
+  struct stat present {};
+  return lstat(_path.c_str(), &present) == 0;
 }
 
 // Its number; "?" before it was written, or when it could not be.

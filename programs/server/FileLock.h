@@ -17,7 +17,15 @@ class FileLock {
     explicit Held(const std::string& message) : Exception(message) {}
   };
 
-  // Throws Held, which names "path" and the process; osa::Exception when the lock's file can't be made.
+  // There is no lock's file and none can be made: the file system is full, read-only, broken or not there, or the
+  // directory is not ours to write to.
+  class CanNotBeMade : public osa::Exception {
+   public:
+    explicit CanNotBeMade(const std::string& message) : Exception(message) {}
+  };
+
+  // Throws Held, which names "path" and the process; CanNotBeMade; and osa::Exception when the lock's file is there and
+  // can't be used, for example because another user's process made it: that may have the lock.
   explicit FileLock(const std::string& path);
   ~FileLock();
 
@@ -28,6 +36,9 @@ class FileLock {
   enum class Outcome { kLocked, kRemoved, kFailed };
 
   Outcome TryLock();
+  void Open();
+  bool IsThere() const;
+  [[noreturn]] void Fail(const std::string& path, int error) const;
   void WriteOwner() const;
   std::string ReadOwner() const;
 

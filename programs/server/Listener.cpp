@@ -1,10 +1,7 @@
 #include "programs/server/Listener.h"
 
 #include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +9,7 @@
 
 #include "programs/server/PassedSockets.h"
 #include "programs/server/SocketName.h"
+#include "programs/server/TcpSockets.h"
 #include "programs/server/UnixSocketFile.h"
 #include "tavix/osa/Exception.h"
 
@@ -19,41 +17,33 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr int kBacklog = 1024;
 constexpr char kUsualAddress[] = "127.0.0.1:7211";
-
-using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
 [[noreturn]] void Fail(const std::string& address, const char* reason) {
   throw osa::Exception("Can't listen on '%s': %s", address.c_str(), reason);
 }
 
-void RequireLocal(const sockaddr* found, const std::string& address, bool allowRemote) {
-  if (!allowRemote && !IsLocal(found)) Fail(address, "it is not loopback, and --allow-remote was not given");
+std::vector<ListenAddress> AddressesOf(const Options& options) {
+  return options.listen.empty() ? std::vector<ListenAddress>{ParseListenAddress(kUsualAddress)} : options.listen;
 }
 
-AddressList Resolve(const ListenAddress& address) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
-  addrinfo* found = nullptr;
-  const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
-  if (error) Fail(address.text, gai_strerror(error));
-  return AddressList(found, freeaddrinfo);
+AddressList ResolveAllowed(const ListenAddress& address, bool allowRemote) {
+  AddressList addresses = Resolve(address);
+  for (const addrinfo* one = addresses.get(); one; one = one->ai_next)
+    RequireLocal(one->ai_addr, address.text, allowRemote);
+  return addresses;
 }
 
-// None, with errno set, when it can't be had.
-Descriptor OpenSocket(const addrinfo& address) {
-  Descriptor made(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!made) return made;
-  const int on = 1;
-  setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (address.ai_family == AF_INET6) setsockopt(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-  if (bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), kBacklog) == 0) return made;
-  const int error = errno;
-  made.Reset();
-  errno = error;
-  return made;
+void RequirePossible(const ListenAddress& address, const Options& options) {
+  if (address.path.empty()) {
+    ResolveAllowed(address, options.allowRemote);
+    return;
+  }
+  try {
+    UnixSocketFile::RequireGroup(options.unixGroup);
+  } catch (const osa::Exception& exception) {
+    Fail(address.text, exception.what());
+  }
 }
 
 struct BoundAddress {
@@ -86,9 +76,7 @@ std::vector<Listener> Listener::OpenAll(const Options& options) {
     TakePassed(std::move(passed), options.allowRemote, listeners);
     return listeners;
   }
-  std::vector<ListenAddress> addresses = options.listen;
-  if (addresses.empty()) addresses.push_back(ParseListenAddress(kUsualAddress));
-  for (const ListenAddress& address : addresses) {
+  for (const ListenAddress& address : AddressesOf(options)) {
     if (address.path.empty()) {
       OpenTcp(address, options.allowRemote, listeners);
     } else {
@@ -98,15 +86,23 @@ std::vector<Listener> Listener::OpenAll(const Options& options) {
   return listeners;
 }
 
+std::vector<std::string> Listener::FindProblems(const Options& options) {
+  std::vector<std::string> problems;
+  for (const ListenAddress& address : AddressesOf(options)) {
+    try {
+      RequirePossible(address, options);
+    } catch (const osa::Exception& exception) {
+      problems.emplace_back(exception.what());
+    }
+  }
+  return problems;
+}
+
 // A name may have several addresses: there is a listener for each.
 void Listener::OpenTcp(const ListenAddress& address, bool allowRemote, std::vector<Listener>& listeners) {
-  const AddressList addresses = Resolve(address);
-  for (const addrinfo* one = addresses.get(); one; one = one->ai_next) {
-    RequireLocal(one->ai_addr, address.text, allowRemote);
-    Descriptor descriptor = OpenSocket(*one);
-    if (!descriptor) Fail(address.text, std::strerror(errno));
+  const AddressList addresses = ResolveAllowed(address, allowRemote);
+  for (Descriptor& descriptor : ListenOnAll(addresses.get(), address.text))
     listeners.push_back(Listener(std::move(descriptor), nullptr));
-  }
 }
 
 void Listener::OpenUnix(const ListenAddress& address, const Options& options, std::vector<Listener>& listeners) {

@@ -19,6 +19,9 @@ class Listener {
   // not loopback is refused.
   static std::vector<Listener> OpenAll(const Options& options);
 
+  // Why the options' addresses can't be listened on, as far as that can be told without doing it; empty: they can.
+  static std::vector<std::string> FindProblems(const Options& options);
+
   ~Listener();
   Listener(Listener&& other) noexcept;
   Listener& operator=(Listener&&) = delete;

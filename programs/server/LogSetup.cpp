@@ -14,10 +14,8 @@ const char* ToText(bool flag) {
   return flag ? "true" : "false";
 }
 
-}  // namespace
-
 // Whoever writes the daemon's configuration may choose the log's place, other than whoever writes settings.
-void ConfigureLog(const LogOptions& options) {
+core::IniFile Prepare(const LogOptions& options) {
   core::IniFile settings;
   settings.SetInt(kGroup, "log.level", options.level);
   settings.SetValue(kGroup, "log.stderr", ToText(options.standardError));
@@ -25,7 +23,17 @@ void ConfigureLog(const LogOptions& options) {
   settings.SetValue(kGroup, "log.file", options.file);
   if (!options.file.empty()) core::Logger::SetLogFileDirectory(options.file.substr(0, options.file.rfind('/') + 1));
   core::Logger::SetJournal(ServiceManager::HasJournal());
-  core::Logger::ConfigureLogging(settings, kGroup);
+  return settings;
+}
+
+}  // namespace
+
+void ConfigureLog(const LogOptions& options) {
+  core::Logger::ConfigureLogging(Prepare(options), kGroup);
+}
+
+void ReconfigureLog(const LogOptions& options) {
+  core::Logger::ReconfigureLogging(Prepare(options), kGroup);
 }
 
 }  // namespace tavix::daemon

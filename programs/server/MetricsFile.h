@@ -7,8 +7,8 @@
 
 namespace tavix::daemon {
 
-// A file that always holds the latest figures, whole: each time a new one takes its place. It is not synced: after a
-// power cut the figures would be of no use.
+// A file that always holds the latest figures, whole, for everybody to read: each time a new one takes its place. It is
+// not synced: after a power cut the figures would be of no use.
 //
 // Threads: one at a time.
 // Errors:  none leave it. What fails is logged when it begins to fail.

@@ -59,6 +59,11 @@ void AddListen(Options& options, const std::string& value) {
   options.listen.push_back(ParseListenAddress(value));
 }
 
+void SetUserSettings(Options& options, const std::string& value) {
+  RequireText(value);
+  options.userSettings = value;
+}
+
 void SetLogFile(Options& options, const std::string& value) {
   if (!value.empty() && value.front() != '/') throw osa::Exception("expected an absolute path");
   options.log.file = value;
@@ -70,7 +75,7 @@ std::vector<OptionEntry> MakeTable() {
        "the configuration file: a group [Server] whose keys are these options without their dashes. What the command "
        "line says beats it. Default: /etc/tavix-settings/server.conf, which may be absent",
        SetConfiguration},
-      {"", "check", "", Kind::kCommand, false, "load everything, say what was loaded, serve nothing",
+      {"", "check", "", Kind::kCommand, false, "load everything, say what was loaded and what is wrong, serve nothing",
        Do(Action::kCheck)},
       {"", "help", "", Kind::kCommand, false, "show this text", Do(Action::kShowHelp)},
       {"", "version", "", Kind::kCommand, false, "show the version", Do(Action::kShowVersion)},
@@ -111,8 +116,7 @@ std::vector<OptionEntry> MakeTable() {
       {"", "restricted-dir", "DIR", Kind::kList, true, "as --defaults-dir; the usual places are named restricted.d",
        Append(&Options::restricted, &LayerSources::directories)},
       {"", "user-settings", "FILE", Kind::kValue, true,
-       "where the users' changes are kept; may not exist yet. Without it nothing is persisted",
-       Text(&Options::userSettings)},
+       "where the users' changes are kept; may not exist yet. Without it nothing is persisted", SetUserSettings},
       {"", "durability", "WHEN", Kind::kValue, true,
        "what a power cut may take back of them: always, nothing that anybody was shown; a time such as 250ms or 2s, "
        "what "

@@ -4,6 +4,7 @@
 #include <exception>
 #include <memory>
 
+#include "programs/server/Check.h"
 #include "programs/server/CommandLine.h"
 #include "programs/server/FileLock.h"
 #include "programs/server/LinkTarget.h"
@@ -46,26 +47,13 @@ int Fail(ExitCode code, const std::exception& exception) {
   return code;
 }
 
-int Check(const Options& options) {
-  Counters counters;
-  SettingsSources sources(options, counters);
-  const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
-  if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
-  for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
-  const size_t groups = store->CountGroups();
-  std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
-  return kExitDone;
-}
-
-// None when there is no file to lock, and when the lock's file can't be made: a device with a disk that is full or
-// read-only must start all the same.
+// None when there is no file to lock, and when there is no lock's file and none can be made: a device with a disk that
+// is full or read-only must start all the same. A lock that is there and can't be had is another daemon's.
 std::unique_ptr<FileLock> LockUserSettings(const std::string& file) {
   if (file.empty()) return nullptr;
   try {
     return std::make_unique<FileLock>(FollowLinks(file));
-  } catch (const FileLock::Held&) {
-    throw;
-  } catch (const osa::Exception& exception) {
+  } catch (const FileLock::CanNotBeMade& exception) {
     core::Logger::GetLogger("Program")->Warning("%s; nothing keeps a second daemon off the user settings",
                                                 exception.what());
     return nullptr;
@@ -113,7 +101,6 @@ int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
 }  // namespace
 
 int RunProgram(int argc, char** argv) {
-  Signals::Block();
   std::vector<GivenOption> commandLine;
   if (!ParseCommandLine(argc, argv, commandLine)) return kExitUsage;
   try {
@@ -129,7 +116,8 @@ int RunProgram(int argc, char** argv) {
         break;
     }
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
-    if (options.action == Options::Action::kCheck) return Check(options);
+    if (options.action == Options::Action::kCheck) return RunCheck(options);
+    Signals::Block();
     ConfigureLog(options.log);
     return Serve(options, commandLine);
   } catch (const Failure& failure) {

@@ -27,6 +27,7 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
+constexpr char kWrong[] = "error";
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -120,7 +121,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
     : _defaults(options.defaults),
       _restricted(options.restricted),
       _userSettings(FollowLinks(options.userSettings)),
-      _namesGroups(options.action == Options::Action::kCheck),
+      _isCheck(options.action == Options::Action::kCheck),
       _counters(counters),
       _persister(MakePersister(options, _userSettings, counters)) {}
 
@@ -140,14 +141,33 @@ const char* SettingsSources::NameOf(Layer layer) {
   return layer == Layer::kDefaults ? "defaults" : "restricted";
 }
 
+// False when it failed and that is for GetProblems to tell.
+template <class Step>
+bool SettingsSources::Try(Step step) {
+  if (!_isCheck) {
+    step();
+    return true;
+  }
+  try {
+    step();
+    return true;
+  } catch (const std::exception& exception) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _problems.emplace_back(exception.what());
+    return false;
+  }
+}
+
 // The whole layer first, so that it can be counted; no text is copied on the way.
 LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
   IniFile merged;
-  for (const LayerFile& file : ListLayerFiles(layer == Layer::kDefaults ? _defaults : _restricted)) {
-    if (file.notLoaded.empty()) {
-      LoadLayerFile(layer, file.path, combiner, merged);
-    } else {
+  std::vector<LayerFile> files;
+  Try([&] { files = ListLayerFiles(layer == Layer::kDefaults ? _defaults : _restricted); });
+  for (const LayerFile& file : files) {
+    if (!file.notLoaded.empty()) {
       Remember({NameOf(layer), file.path, 0, {}, {}, file.notLoaded});
+    } else if (!Try([&] { LoadLayerFile(layer, file.path, combiner, merged); })) {
+      Remember({NameOf(layer), file.path, 0, {}, {}, kWrong});
     }
   }
   const LayerSize size = SizeOf(merged);
@@ -160,10 +180,10 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
   IniFile document = LoadFile(path);
   Report report{NameOf(layer), path, 0, {}, {}, ""};
   if (layer == Layer::kDefaults) {
-    if (_namesGroups) report.dropped = RestrictedGroupsOf(document);
+    if (_isCheck) report.dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
   }
-  const std::vector<std::string> before = _namesGroups ? GroupsOf(document) : std::vector<std::string>();
+  const std::vector<std::string> before = _isCheck ? GroupsOf(document) : std::vector<std::string>();
   combiner.RunFilters(document);
   report.outbid = MissingGroups(before, document);
   report.groups = CountGroupsOf(document);
@@ -173,14 +193,18 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
 
 void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
   if (_userSettings.empty()) return;
-  FoundUserSettings found = FindUserSettings();
+  FoundUserSettings found;
+  const bool isFound = Try([&] { found = FindUserSettings(); });
   _counters.userFileBytes.Set(found.snapshotBytes);
+  const bool isAbsent = found.isAbsent && found.settings.IsEmpty();
   Remember({kUserLayer,
             _userSettings,
             CountGroupsOf(found.settings),
             RestrictedGroupsOf(found.settings),
             {},
-            found.isAbsent && found.settings.IsEmpty() ? "absent" : ""});
+            !isFound   ? kWrong
+            : isAbsent ? "absent"
+                       : ""});
   combiner.LoadFromIni(std::move(found.settings));
 }
 
@@ -210,6 +234,11 @@ void SettingsSources::SaveChangedGroups(const IniFile& userSettings, const std::
 std::vector<SettingsSources::Report> SettingsSources::GetReports() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _reports;
+}
+
+std::vector<std::string> SettingsSources::GetProblems() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _problems;
 }
 
 void SettingsSources::Remember(Report report) {

@@ -36,8 +36,11 @@ class SettingsSources : public settings::server::ISettingsPersister,
     std::string ToText() const;
   };
 
-  // The layers' files are listed anew at each load. A link to the user settings is followed once, now. To check them,
-  // nothing is written, and damaged ones are an error. counters: outlives the sources; is told of loads and saves.
+  // The layers' files are listed anew at each load. A link to the user settings is followed once, now. counters:
+  // outlives the sources; is told of loads and saves.
+  //
+  // To check them, nothing is written, damaged user settings are an error, and what can't be loaded becomes a problem
+  // instead of an exception, so that the rest is looked at, too.
   SettingsSources(const Options& options, Counters& counters);
 
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
@@ -52,11 +55,16 @@ class SettingsSources : public settings::server::ISettingsPersister,
   // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
 
+  // What could not be loaded, and why. None but to check.
+  std::vector<std::string> GetProblems() const;
+
  private:
   enum class Layer { kDefaults, kRestricted };
 
   static const char* NameOf(Layer layer);
   LayerSize LoadLayer(Layer layer, settings::server::SettingsCombiner& combiner);
+  template <class Step>
+  bool Try(Step step);
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
                      core::IniFile& merged);
   FoundUserSettings FindUserSettings();
@@ -65,11 +73,12 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const LayerSources _defaults;
   const LayerSources _restricted;
   const std::string _userSettings;  // empty: there are none
-  const bool _namesGroups;  // whether reports are to be read; with many groups they cost as much as the settings
+  const bool _isCheck;              // else reports name no groups: with many, these cost as much as the settings
   Counters& _counters;
   const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
-  mutable std::mutex _mutex;                                // guards _reports
+  mutable std::mutex _mutex;                                // guards what follows
   std::vector<Report> _reports;
+  std::vector<std::string> _problems;
 };
 
 // The daemon's store over its sources, whose changes are persisted from its construction to its end. The constructor

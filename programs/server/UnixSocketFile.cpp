@@ -44,6 +44,10 @@ gid_t FindGroup(const std::string& name) {
 
 }  // namespace
 
+void UnixSocketFile::RequireGroup(const std::string& group) {
+  if (!group.empty()) FindGroup(group);
+}
+
 UnixSocketFile::UnixSocketFile(const std::string& path) : _path(path), _lock(path) {}
 
 UnixSocketFile::~UnixSocketFile() {

@@ -21,6 +21,9 @@ class UnixSocketFile {
   UnixSocketFile(const UnixSocketFile&) = delete;
   UnixSocketFile& operator=(const UnixSocketFile&) = delete;
 
+  // Throws osa::Exception when there is no such group. group: as below.
+  static void RequireGroup(const std::string& group);
+
   // Binds a new stream socket to the place and gives it these permissions; nobody can connect before it listens.
   // group: a name or a number; empty: leaves it.
   Descriptor Bind(mode_t mode, const std::string& group);

@@ -73,16 +73,16 @@ void Upkeep::OnSignal(int signal) {
   }
 }
 
-// What happened is said while notices are written, be it before or after.
+// What happened is said afterwards, but for a level that would hide it: then before.
 void Upkeep::ReadLogOptions() const {
   constexpr char kDone[] =
       "SIGHUP: the log options were read again; everything else, defaults included, needs a restart";
   try {
     const Options options = ReadOptions(_commandLine);
-    const bool isSaidBefore = core::Logger::IsEnabled(core::kLogNotice);
-    if (isSaidBefore) Log()->Notice("%s", kDone);
-    ConfigureLog(options.log);
-    if (!isSaidBefore) Log()->Notice("%s", kDone);
+    const bool isHiddenAfter = options.log.level < core::kLogNotice;
+    if (isHiddenAfter) Log()->Notice("%s", kDone);
+    ReconfigureLog(options.log);
+    if (!isHiddenAfter) Log()->Notice("%s", kDone);
   } catch (const std::exception& exception) {
     Log()->Error("SIGHUP: %s; the log options stay as they were", exception.what());
   }

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "tavix/core/IniFile.h"
@@ -26,6 +27,7 @@ namespace {
 constexpr size_t kLongestLine = 1024;
 constexpr size_t kKeptLines = 256;
 constexpr std::chrono::seconds kFoldTime{10};
+constexpr char kFileKey[] = "log.file";
 
 const char* NameOf(LogLevel level) {
   if (level <= kLogError) return "ERROR";
@@ -56,6 +58,8 @@ std::string Format(const char* format, va_list arguments) {
   return std::string(text, std::min(static_cast<size_t>(length), sizeof text - 1));
 }
 
+using Outputs = std::vector<std::unique_ptr<LogOutput>>;
+
 // The one log of the process: outputs, the lines that wait for outputs, and the message that may be repeating. It is
 // never freed, so that logging works to the end.
 class Log {
@@ -85,32 +89,51 @@ class Log {
     WriteLine(level, text);
   }
 
-  // Lines are kept from here on, until WriteKeptLines.
-  void ReplaceOutputs(std::vector<std::unique_ptr<LogOutput>> outputs) {
+  // Lines are kept from here on, until the next Configure.
+  void ClearOutputs() {
     std::lock_guard<std::mutex> lock(_mutex);
-    WriteRepeats();
-    _lastText.clear();
-    _outputs = std::move(outputs);
-    _file.reset();
+    TakeLeave();
+    _outlets.clear();
+    _file = Outlet();
     _filePath.clear();
     _keepsLines = true;
   }
 
-  void WriteKeptLines() {
+  // file: of that path; may be null.
+  void Configure(Outputs outputs, std::unique_ptr<LogOutput> file, const std::string& filePath) {
     std::lock_guard<std::mutex> lock(_mutex);
-    for (const Line& line : _keptLines) PassOn(line);
-    _keptLines.clear();
+    TakeLeave();
+    _outlets.clear();
+    for (auto& output : outputs) _outlets.emplace_back(std::move(output));
+    _file = Outlet(std::move(file));
+    _filePath = filePath;
+    for (const Line& line : std::exchange(_keptLines, {})) PassOn(line);
     _keepsLines = false;
   }
 
   // Throws osa::Exception when the file can't or may not be used.
-  void SetFile(const std::string& path) {
+  std::unique_ptr<LogOutput> OpenFile(const std::string& path) {
     std::lock_guard<std::mutex> lock(_mutex);
-    if (_file && path == _filePath) return;
-    _file.reset();
-    _filePath.clear();
-    _file = std::make_unique<RotatingLogFile>(_fileDirectory, path);
+    return std::make_unique<RotatingLogFile>(_fileDirectory, path);
+  }
+
+  // Throws as OpenFile, and the file before it stays.
+  void SetFile(const std::string& path) {
+    std::unique_ptr<LogOutput> file = OpenFile(path);
+    std::lock_guard<std::mutex> lock(_mutex);
+    _file = Outlet(std::move(file));
     _filePath = path;
+  }
+
+  bool HasFile(const std::string& path) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    return _file.output && path == _filePath;
+  }
+
+  // What nobody would get goes there.
+  void FallBackTo(std::unique_ptr<LogOutput> output) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_outlets.empty() && !_file.output && !_keepsLines) _outlets.emplace_back(std::move(output));
   }
 
   void SetFileDirectory(const std::string& directory) {
@@ -128,12 +151,25 @@ class Log {
     std::string text;
   };
 
+  // An output, and how many lines it could not take since the last one that it took.
+  struct Outlet {
+    explicit Outlet(std::unique_ptr<LogOutput> o = nullptr) : output(std::move(o)) {}
+
+    std::unique_ptr<LogOutput> output;
+    unsigned long lost = 0;
+  };
+
   Log();
 
-  void WriteLine(LogLevel level, const std::string& text) {
+  static Line MakeLine(LogLevel level, const std::string& text) {
     Line line{level, TimeStamp() + " " + NameOf(level) + " " + text, text};
     if (line.line.size() >= kLongestLine) line.line.resize(kLongestLine - 1);
     line.line += '\n';
+    return line;
+  }
+
+  void WriteLine(LogLevel level, const std::string& text) {
+    Line line = MakeLine(level, text);
     if (_keepsLines) {
       _keptLines.push_back(std::move(line));
       if (_keptLines.size() > kKeptLines) _keptLines.pop_front();
@@ -143,8 +179,30 @@ class Log {
   }
 
   void PassOn(const Line& line) {
-    for (const auto& output : _outputs) output->Write(line.level, line.line, line.text);
-    if (_file) _file->Write(line.level, line.line, line.text);
+    for (Outlet& outlet : _outlets) PassOn(line, outlet);
+    if (_file.output) PassOn(line, _file);
+  }
+
+  static void PassOn(const Line& line, Outlet& outlet) {
+    if (!TellOfLost(outlet) || !outlet.output->Write(line.level, line.line, line.text)) ++outlet.lost;
+  }
+
+  // False when the output does not even take that.
+  static bool TellOfLost(Outlet& outlet) {
+    if (outlet.lost == 0) return true;
+    const std::string text = "Logger: lines lost here, because the output took no more: ";
+    const Line line = MakeLine(kLogWarning, text + std::to_string(outlet.lost));
+    if (!outlet.output->Write(line.level, line.line, line.text)) return false;
+    outlet.lost = 0;
+    return true;
+  }
+
+  // What the outputs are still to be told.
+  void TakeLeave() {
+    WriteRepeats();
+    _lastText.clear();
+    for (Outlet& outlet : _outlets) TellOfLost(outlet);
+    if (_file.output) TellOfLost(_file);
   }
 
   void WriteRepeats() {
@@ -155,8 +213,8 @@ class Log {
 
   std::mutex _mutex;  // guards everything here
   std::map<std::string, std::unique_ptr<Logger>> _loggers;
-  std::vector<std::unique_ptr<LogOutput>> _outputs;
-  std::unique_ptr<LogOutput> _file;
+  std::vector<Outlet> _outlets;
+  Outlet _file;
   std::string _filePath;
   std::string _fileDirectory = "/var/log";
   bool _keepsLines = false;
@@ -172,7 +230,7 @@ void ReportThreadException(const char* threadName, const char* what) {
 }
 
 Log::Log() {
-  _outputs.push_back(MakeDescriptorOutput(STDERR_FILENO));
+  _outlets.emplace_back(MakeDescriptorOutput(STDERR_FILENO));
   osa::Thread::SetExceptionReporter(ReportThreadException);
 }
 
@@ -194,17 +252,37 @@ void Logger::LogMessageV(LogLevel level, const char* format, va_list arguments) 
 }
 
 void Logger::ConfigureLogging(const IniFile& settings, const std::string& group) {
-  std::vector<std::unique_ptr<LogOutput>> outputs;
+  try {
+    ReconfigureLogging(settings, group);
+  } catch (const osa::Exception& exception) {
+    Configure(settings, group, nullptr);
+    RefuseFile(exception.what(), group);
+  }
+}
+
+void Logger::ReconfigureLogging(const IniFile& settings, const std::string& group) {
+  const std::string& file = settings.GetValueOrDefault(group, kFileKey);
+  Configure(settings, group, file.empty() ? nullptr : Log::Get().OpenFile(file));
+}
+
+void Logger::Configure(const IniFile& settings, const std::string& group, std::unique_ptr<LogOutput> file) {
+  Outputs outputs;
   if (settings.GetBoolOrDefault(group, "log.syslog", true)) outputs.push_back(MakeSystemLogOutput());
   if (settings.GetBoolOrDefault(group, "log.stdout", false)) outputs.push_back(MakeDescriptorOutput(STDOUT_FILENO));
-  if (settings.GetBoolOrDefault(group, "log.stderr", false)) {
-    outputs.push_back(s_isJournal ? MakeJournalOutput(STDERR_FILENO) : MakeDescriptorOutput(STDERR_FILENO));
-  }
+  if (settings.GetBoolOrDefault(group, "log.stderr", false)) outputs.push_back(MakeStandardErrorOutput());
+  const std::string path = file ? settings.GetValueOrDefault(group, kFileKey) : "";
   s_level.store(settings.GetIntOrDefault(group, "log.level", kLogError), std::memory_order_relaxed);
-  Log::Get().ReplaceOutputs(std::move(outputs));
-  const std::string& file = settings.GetValueOrDefault(group, "log.file");
-  if (!file.empty()) ModifyLogRotateConf(file, group);
-  Log::Get().WriteKeptLines();  // last, so that the file gets them, too
+  Log::Get().Configure(std::move(outputs), std::move(file), path);
+}
+
+std::unique_ptr<LogOutput> Logger::MakeStandardErrorOutput() {
+  return s_isJournal ? MakeJournalOutput(STDERR_FILENO) : MakeDescriptorOutput(STDERR_FILENO);
+}
+
+// A log that went to the file alone goes to standard error, so that it is not lost.
+void Logger::RefuseFile(const char* reason, const std::string& group) {
+  Log::Get().FallBackTo(MakeStandardErrorOutput());
+  GetLogger("Logger")->Warning("%s (log.file of group '%s')", reason, group.c_str());
 }
 
 void Logger::SetJournal(bool isJournal) {
@@ -212,14 +290,15 @@ void Logger::SetJournal(bool isJournal) {
 }
 
 void Logger::ClearAppenders() {
-  Log::Get().ReplaceOutputs({});
+  Log::Get().ClearOutputs();
 }
 
 void Logger::ModifyLogRotateConf(const std::string& file, const std::string& group) {
+  if (Log::Get().HasFile(file)) return;
   try {
     Log::Get().SetFile(file);
   } catch (const osa::Exception& exception) {
-    GetLogger("Logger")->Warning("%s (log.file of group '%s')", exception.what(), group.c_str());
+    RefuseFile(exception.what(), group);
   }
 }
 

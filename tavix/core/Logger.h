@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdarg>
+#include <memory>
 #include <string>
 
 #include "tavix/osa/Export.h"
@@ -9,6 +10,7 @@
 namespace tavix::core {
 
 class IniFile;
+class LogOutput;
 
 // As the system log numbers them, and one of our own below debug.
 enum LogLevel : int {
@@ -27,7 +29,9 @@ enum LogLevel : int {
 //
 // Threads: everything here may be called from any thread; lines are never torn, nor lost while outputs are exchanged.
 // Owns:    loggers are never freed.
-// Errors:  logging throws nothing; what an output can't take is dropped.
+// Errors:  logging throws nothing, and waits for nobody who reads the log. What an output can't take at once is
+//          dropped; the output is told how many lines it missed as soon as it takes one again. A file on a disk that
+//          does not answer can make it wait.
 class TAVIX_EXPORT Logger {
  public:
   // The process's one logger of that name.
@@ -76,7 +80,13 @@ class TAVIX_EXPORT Logger {
   //   log.stdout  whether to standard output (false)
   //   log.stderr  whether to standard error (false)
   //   log.file    to this file as well, see SetLogFileDirectory (none)
+  //
+  // A file that may not or can't be used is refused with a warning, and logging goes on without it; when there is
+  // nothing else to log to, on standard error.
   static void ConfigureLogging(const IniFile& settings, const std::string& group);
+
+  // The same or nothing: when the file can't be used, it throws osa::Exception and everything stays as it was.
+  static void ReconfigureLogging(const IniFile& settings, const std::string& group);
 
   // Whether standard error is read by the system's journal: lines on it then begin with their level as the journal
   // expects it, "<4>" for a warning, and have no time. Counts from the next ConfigureLogging on. Default: it is not.
@@ -86,7 +96,7 @@ class TAVIX_EXPORT Logger {
   static void ClearAppenders();
 
   // Has the group's log go to "file" and be rotated there: at 1 MiB it becomes FILE.1, up to FILE.3; a file that was
-  // moved away is made again. A file that may not be used is refused with a warning, and logging goes on without it.
+  // moved away is made again. A file that may not be used is refused with a warning, and logging goes on as before.
   static void ModifyLogRotateConf(const std::string& file, const std::string& group);
 
   // The only directory in and below which log files are written, so that whoever may write settings can't choose what a
@@ -95,6 +105,10 @@ class TAVIX_EXPORT Logger {
 
  private:
   explicit Logger(const std::string& name) : _name(name) {}
+
+  static void Configure(const IniFile& settings, const std::string& group, std::unique_ptr<LogOutput> file);
+  static std::unique_ptr<LogOutput> MakeStandardErrorOutput();
+  static void RefuseFile(const char* reason, const std::string& group);
 
   static std::atomic<int> s_level;
   static std::atomic<bool> s_isJournal;

@@ -64,7 +64,7 @@ RotatingLogFile::~RotatingLogFile() {
   close(_directory);
 }
 
-void RotatingLogFile::Write(LogLevel, const std::string& line, const std::string&) {
+bool RotatingLogFile::Write(LogLevel, const std::string& line, const std::string&) {
   try {
     if (!IsInPlace()) {
       Close();
@@ -75,23 +75,25 @@ void RotatingLogFile::Write(LogLevel, const std::string& line, const std::string
         static_cast<size_t>(now.st_size) + line.size() > _limits.bytes) {
       Rotate();
     }
-    Append(line);
-  } catch (const osa::Exception&) {  // the next line tries again
+    return Append(line);
+  } catch (const osa::Exception&) {
     Close();
+    return false;
   }
 }
 
 // A line goes in whole or not at all: what a full device took of it would make one line with the next.
-void RotatingLogFile::Append(const std::string& line) {
+bool RotatingLogFile::Append(const std::string& line) {
   ssize_t written = 0;
   do {
     written = ::write(_descriptor, line.data(), line.size());
   } while (written < 0 && errno == EINTR);
-  if (written <= 0 || static_cast<size_t>(written) == line.size()) return;
+  if (written >= 0 && static_cast<size_t>(written) == line.size()) return true;
   const off_t end = lseek(_descriptor, 0, SEEK_CUR);
   struct stat now {};
-  if (fstat(_descriptor, &now) != 0 || now.st_size != end) return;  // another process wrote behind it
-  if (ftruncate(_descriptor, end - written) != 0) return;
+  const bool isLast = fstat(_descriptor, &now) == 0 && now.st_size == end;  // no other process wrote behind it
+  if (written > 0 && isLast && ftruncate(_descriptor, end - written) != 0) return false;
+  return false;
 }
 
 // A pipe or device could block or do harm: only a regular file will do. O_NONBLOCK is for the open itself.

@@ -22,14 +22,15 @@ class RotatingLogFile : public LogOutput {
   RotatingLogFile(const std::string& directory, const std::string& file) : RotatingLogFile(directory, file, Limits()) {}
   ~RotatingLogFile() override;
 
-  void Write(LogLevel level, const std::string& line, const std::string& text) override;
+  // A file that is full, or can't be made again, costs the line; the next one tries again.
+  [[nodiscard]] bool Write(LogLevel level, const std::string& line, const std::string& text) override;
 
  private:
   void Open();
   void Close() noexcept;
   bool IsInPlace() const;
   void Rotate();
-  void Append(const std::string& line);
+  bool Append(const std::string& line);
 
   const std::string _path;  // for error texts
   const Limits _limits;

@@ -25,6 +25,8 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"
 #include "tests/support/Environment.h"
+#include "tests/support/FullDevice.h"
+#include "tests/support/StalledPipe.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -33,7 +35,9 @@ using tavix::core::IniFile;
 using tavix::core::LogLevel;
 using tavix::test::BackgroundCall;
 using tavix::test::CapturedOutput;
+using tavix::test::FullDevice;
 using tavix::test::ScopedEnvironment;
+using tavix::test::StalledPipe;
 using tavix::test::TemporaryDirectory;
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -451,12 +455,85 @@ TEST_F(Logger, TheRotationFollowsTheLastFile) {
   EXPECT_THAT(WithoutTimes(_directory.Read("second.log")), ElementsAre("ERROR Test: second"));
 }
 
-TEST_F(Logger, AFileThatIsRefusedLaterEndsTheOneBefore) {
+TEST_F(Logger, AFileThatIsRefusedLaterLeavesTheOneBefore) {
   Log::ModifyLogRotateConf("first.log", "Log");
-  Log::ModifyLogRotateConf("/etc/second.log", "Log");
-  _log->Error("only here");
-  EXPECT_EQ(_directory.Read("first.log"), "");
-  EXPECT_THAT(WrittenLines(), ElementsAre(HasSubstr("/etc/second.log"), "ERROR Test: only here"));
+  for (const char* file : {"/etc/second.log", "gone/second.log", ""}) Log::ModifyLogRotateConf(file, "Log");
+  _log->Error("goes on");
+  const std::vector<std::string> lines = WrittenLines();
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("/etc/second.log"), HasSubstr("gone/second.log"), HasSubstr("''"),
+                                 "ERROR Test: goes on"));
+  EXPECT_EQ(WithoutTimes(_directory.Read("first.log")), lines);
+}
+
+TEST_F(Logger, ALogThatAnUnusableFileWouldCostGoesToStandardError) {
+  CapturedOutput errors(STDERR_FILENO);
+  Configure({{"log.stdout", "false"}, {"log.file", _directory.Path("gone/tavix.log")}});
+  _log->Error("not lost");
+  EXPECT_THAT(WithoutTimes(errors.Finish()),
+              ElementsAre(HasSubstr("WARNING Logger: Failed to open log file '"), "ERROR Test: not lost"));
+}
+
+TEST_F(Logger, ALogToNothingIsLeftThatWay) {
+  CapturedOutput errors(STDERR_FILENO);
+  Configure({{"log.stdout", "false"}});
+  _log->Error("nobody wants it");
+  EXPECT_EQ(errors.Finish(), "");
+}
+
+TEST_F(Logger, AReconfigurationWhoseFileCanNotBeUsedChangesNothing) {
+  Configure({{"log.level", "4"}, {"log.file", "first.log"}});
+  const std::string gone = _directory.Path("gone/tavix.log");
+  const IniFile settings(IniFile::GroupMap{{"Log", {{"log.level", "8"}, {"log.file", gone}}}});
+  EXPECT_THAT([&] { Log::ReconfigureLogging(settings, "Log"); },
+              testing::ThrowsMessage<tavix::osa::Exception>("Failed to open log file '" + gone +
+                                                            "': No such file or directory"));
+  _log->Trace("not seen");
+  _log->Warning("as before");
+  EXPECT_THAT(WithoutTimes(_directory.Read("first.log")), ElementsAre("WARNING Test: as before"));
+  EXPECT_THAT(WrittenLines(), ElementsAre("WARNING Test: as before"));
+}
+
+TEST_F(Logger, AReconfigurationIsAConfigurationOtherwise) {
+  const IniFile settings(IniFile::GroupMap{
+      {"Log", {{"log.level", "8"}, {"log.syslog", "false"}, {"log.stdout", "true"}, {"log.file", "tavix.log"}}}});
+  Log::ReconfigureLogging(settings, "Log");
+  _log->Trace("both");
+  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")), ElementsAre("TRACE Test: both"));
+  EXPECT_THAT(WrittenLines(), ElementsAre("TRACE Test: both"));
+}
+
+TEST_F(Logger, LinesThatAnOutputCouldNotTakeAreCountedThere) {
+  StalledPipe pipe(STDERR_FILENO);
+  Configure({{"log.stderr", "true"}});
+  for (int i = 1; i <= 3; ++i) _log->Error("%d", i);
+  pipe.Drain();
+  _log->Error("4");
+  EXPECT_THAT(WithoutTimes(pipe.Drain()),
+              ElementsAre("WARNING Logger: lines lost here, because the output took no more: 3", "ERROR Test: 4"));
+  EXPECT_THAT(WrittenLines(), ElementsAre("ERROR Test: 1", "ERROR Test: 2", "ERROR Test: 3", "ERROR Test: 4"));
+}
+
+TEST_F(Logger, AnOutputIsToldOfLostLinesBeforeItGoes) {
+  StalledPipe pipe(STDERR_FILENO);
+  Configure({{"log.stderr", "true"}});
+  _log->Error("lost");
+  pipe.Drain();
+  Configure({});
+  EXPECT_THAT(WithoutTimes(pipe.Drain()),
+              ElementsAre("WARNING Logger: lines lost here, because the output took no more: 1"));
+}
+
+TEST_F(Logger, LinesThatAFullDiskCostAreCountedInTheFile) {
+  Configure({{"log.file", "tavix.log"}});
+  _log->Error("before");
+  {
+    const FullDevice full(_directory.Read("tavix.log").size());
+    _log->Error("lost");
+  }
+  _log->Error("after");
+  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")),
+              ElementsAre("ERROR Test: before", "WARNING Logger: lines lost here, because the output took no more: 1",
+                          "ERROR Test: after"));
 }
 
 TEST_F(Logger, TheLogFileIsRotatedAtOneMebibyteWithThreeOldFiles) {

@@ -36,7 +36,8 @@ define TAVIX_SETTINGS_INSTALL_INIT_SYSV
 endef
 
 define TAVIX_SETTINGS_INSTALL_INIT_SYSTEMD
-	rm -f $(TARGET_DIR)/etc/init.d/tavix-settings-server
+	rm -f $(TARGET_DIR)/etc/init.d/tavix-settings-server \
+		$(TARGET_DIR)/etc/default/tavix-settings-server
 endef
 else
 TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_PROGRAMS=OFF

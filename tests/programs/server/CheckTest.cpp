@@ -10,7 +10,10 @@ namespace tavix::test {
 
 namespace {
 
+using testing::AllOf;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 constexpr char kDevice[] = TAVIX_SOURCE_DIR "/examples/device/";
@@ -69,7 +72,7 @@ TEST_F(Check, NoFilesAreNoSettings) {
 TEST_F(Check, ServesNothingAndWritesNothing) {
   const std::string text = "[A]\n # by hand\n x = 1\n[Secure/S]\n";
   _directory.Write("u.ini", text);
-  EXPECT_EQ(RunToEnd({"--listen", "192.0.2.1:1", "--user-settings", "u.ini"}), 0);
+  EXPECT_EQ(RunToEnd({"--listen", "192.0.2.1:1", "--allow-remote", "--user-settings", "u.ini"}), 0);
   EXPECT_EQ(_directory.Read("u.ini"), text);
 }
 
@@ -87,9 +90,65 @@ TEST_F(Check, LineThatIsNoSettingsTextEndsWithStatus78AndItsPlace) {
     for (const char* option : {"--defaults", "--restricted"}) {
       EXPECT_EQ(RunToEnd({option, path}), 78) << option << ' ' << path;
       EXPECT_EQ(_errors, "tavix-settings-server: " + error + "\n");
-      EXPECT_EQ(_output, "");
+      EXPECT_THAT(_output, EndsWith(": error, nothing loaded\n"));
     }
   }
+}
+
+TEST_F(Check, OneWrongFileDoesNotHideTheOthers) {
+  std::filesystem::create_directory(_directory.Path("d"));
+  _directory.Write("d/10.ini", "[A]\nx=1\n");
+  _directory.Write("d/20.ini", "oops\n");
+  _directory.Write("d/30.ini", "[B]\noops\n");
+  _directory.Write("d/40.ini", "[C]\ny=1\n");
+  _directory.Write("user.ini", "[D\n");
+  EXPECT_EQ(RunToEnd({"--defaults", "d", "--user-settings", "user.ini", "--restricted", "gone.ini"}), 78);
+  EXPECT_EQ(_output,
+            "defaults: d/10.ini: 1 group\n"
+            "defaults: d/20.ini: error, nothing loaded\n"
+            "defaults: d/30.ini: error, nothing loaded\n"
+            "defaults: d/40.ini: 1 group\n"
+            "user settings: user.ini: error, nothing loaded\n"
+            "restricted: gone.ini: error, nothing loaded\n");
+  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: d/20.ini:1: expected "));
+  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: d/30.ini:2: expected "));
+  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: User settings are damaged: user.ini:1: expected "));
+  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: Failed to open settings file 'gone.ini': "));
+}
+
+TEST_F(Check, AddressesThatAStartWouldRefuseEndWithStatus69) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{"--listen", "0.0.0.0:1"}, "'0.0.0.0:1': it is not loopback, and --allow-remote was not given"},
+      {{"--listen", "unix:s.sock", "--unix-group", "no-such-group"},
+       "'unix:s.sock': there is no group 'no-such-group'"},
+  };
+  for (const auto& [arguments, reason] : cases) {
+    EXPECT_EQ(RunToEnd(arguments), 69) << reason;
+    EXPECT_EQ(_errors, "tavix-settings-server: Can't listen on " + reason + "\n");
+  }
+  EXPECT_EQ(RunToEnd({"--unix-group", "no-such-group"}), 0) << "of no socket";
+}
+
+TEST_F(Check, AddressesAndFilesAreToldTogether) {
+  _directory.Write("d.ini", "oops\n");
+  EXPECT_EQ(RunToEnd({"--listen", "0.0.0.0:1", "--listen", "0.0.0.0:2", "--defaults", "d.ini"}), 69);
+  EXPECT_THAT(_errors, AllOf(HasSubstr("'0.0.0.0:1'"), HasSubstr("'0.0.0.0:2'"), HasSubstr("d.ini:1: expected ")));
+}
+
+// The daemon starts in spite of them.
+TEST_F(Check, FilesThatTheDaemonCouldNotWriteAreWarnedOf) {
+  const std::string gone = _directory.Path("gone/");
+  std::filesystem::create_directory(_directory.Path("d"));
+  EXPECT_EQ(RunToEnd({"--user-settings", gone + "u.ini", "--log-file", gone + "l", "--metrics-file", gone + "m"}), 0);
+  const auto warning = [&](const std::string& option, const std::string& file) {
+    return "warning: --" + option + " '" + gone + file + "': No such file or directory\n";
+  };
+  EXPECT_THAT(_output, EndsWith(warning("user-settings", "u.ini") + warning("log-file", "l") +
+                                warning("metrics-file", "m") + "ok: 0 groups\n"));
+  EXPECT_EQ(RunToEnd({"--log-file", _directory.Path("d")}), 0);
+  EXPECT_THAT(_output, StartsWith("warning: --log-file '" + _directory.Path("d") + "': not a regular file\n"));
+  EXPECT_EQ(RunToEnd({"--log-file", _directory.Path("l"), "--metrics-file", "m", "--user-settings", "u.ini"}), 0);
+  EXPECT_THAT(_output, Not(HasSubstr("warning")));
 }
 
 TEST_F(Check, FileThatIsNotThereEndsWithStatus78AndItsName) {

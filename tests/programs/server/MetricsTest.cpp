@@ -63,11 +63,26 @@ TEST_F(Metrics, AreThereWhenTheDaemonServesAndGoWithIt) {
   Daemon daemon(_directory, Arguments());
   daemon.AwaitAddresses();
   EXPECT_TRUE(Eventually([&] { return _directory.Has(kFile); }));
-  struct stat status {};
-  ASSERT_EQ(stat(_directory.Path(kFile).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0444, 0444u & ~umask(umask(0)));
   EXPECT_EQ(daemon.Stop(), 0);
   EXPECT_TRUE(fs::is_empty(_directory.GetPath()));
+}
+
+// A service that keeps its own files to itself has a umask for that.
+TEST_F(Metrics, AreForEverybodyToReadWhateverTheUmask) {
+  const mode_t before = umask(0077);
+  Daemon daemon(_directory, Arguments());
+  umask(before);
+  daemon.AwaitAddresses();
+  EXPECT_TRUE(Eventually([&] { return _directory.Has(kFile); }));
+  struct stat status {};
+  ASSERT_EQ(stat(_directory.Path(kFile).c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0644u);
+}
+
+TEST_F(Metrics, ThatCanNotBeWrittenLeaveNothing) {
+  Daemon daemon(_directory, Arguments(), {{}, 0});
+  daemon.AwaitErrors("ERROR MetricsFile: Failed to write metrics file '" + std::string(kFile) + ".new': ");
+  EXPECT_TRUE(Eventually([&] { return fs::is_empty(_directory.GetPath()); }));
 }
 
 TEST_F(Metrics, TellWhichProgramThisIsAndWhatItUses) {

@@ -116,6 +116,7 @@ TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
       {"--log-level", "loud", "error, warning, notice, information or trace"},
       {"--log-file", "relative.log", "an absolute path"},
       {"--defaults", "", "a path"},
+      {"--user-settings", "", "a path"},
       {"--restricted-dir", "", "a path"},
       {"--config", "", "a path"},
   };

@@ -104,6 +104,21 @@ TEST_F(Signals, ConfigurationThatIsWrongAtAHupChangesNothing) {
   daemon.AwaitErrors("WARNING MsgDispatcher: Invalid command: bogus\n");
 }
 
+TEST_F(Signals, LogFileThatCanNotBeOpenedAtAHupChangesNothing) {
+  const std::string file = _directory.Path("d.log");
+  const std::string gone = _directory.Path("gone/d.log");
+  Daemon daemon(_directory, Configure("log-stderr=false\nlog-file=" + file + "\n"));
+  daemon.AwaitAddresses();
+  Configure("log-stderr=false\nlog-file=" + gone + "\n");
+  daemon.Signal(SIGHUP);
+  const std::string error = "ERROR Upkeep: SIGHUP: Failed to open log file '" + gone +
+                            "': No such file or directory; the log options stay as they were\n";
+  EXPECT_TRUE(Eventually([&] { return _directory.Read("d.log").find(error) != std::string::npos; }));
+  Converse(daemon.GetPort(), "bogus\n");
+  EXPECT_THAT(_directory.Read("d.log"), AllOf(HasSubstr("Invalid command: bogus\n"), Not(HasSubstr("read again"))));
+  EXPECT_EQ(daemon.GetErrors(), "");
+}
+
 TEST_F(Signals, LogFileIsWrittenAndMadeAgainAtAHupAfterItWasMovedAway) {
   Daemon daemon(_directory, Configure("log-stderr=false\nlog-file=" + _directory.Path("d.log") + "\n"));
   Converse(daemon.GetPort(), "first\n");
@@ -162,6 +177,21 @@ TEST_F(Signals, ToEndDuringTheStartEndsTheDaemonWell) {
     for (const int one : {signal, SIGHUP, signal}) daemon.Signal(one);
     EXPECT_EQ(daemon.AwaitEnd(), 0);
     EXPECT_FALSE(_directory.Has("user.ini.lock"));
+  }
+}
+
+// It has nothing to tidy up. Here it waits for somebody to read what it says.
+TEST_F(Signals, EndACheckAtOnceWhateverItWaitsFor) {
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    DaemonProcess check("/bin/sh", _directory.GetPath(),
+                        {"-c",
+                         "rm -f full; mkfifo full; exec 3<>full; head -c 65536 /dev/zero >&3; echo is full >&2; "
+                         "exec \"$0\" --check >full",
+                         TAVIX_SERVER_PROGRAM});
+    check.AwaitErrors("is full\n");
+    check.AwaitIdle();
+    check.Signal(signal);
+    EXPECT_EQ(check.AwaitEnd(), 128 + signal);
   }
 }
 

@@ -50,7 +50,7 @@ FILES:${PN}-server = "\
 "
 FILES:${PN} += "${datadir}/zsh ${datadir}/fish ${datadir}/bash-completion"
 ALLOW_EMPTY:${PN} = "1"
-CONFFILES:${PN}-server = "${sysconfdir}/tavix-settings/server.conf"
+CONFFILES:${PN}-server = "${sysconfdir}/tavix-settings/server.conf ${sysconfdir}/default/tavix-settings-server"
 
 SYSTEMD_PACKAGES = "${PN}-server"
 SYSTEMD_SERVICE:${PN}-server = "tavix-settings-server.socket tavix-settings-server.service"

@@ -1,0 +1,76 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "tests/programs/server/Daemon.h"
+#include "tests/support/Descriptor.h"
+
+// Logs that nobody reads or that can't be written.
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+
+class Log : public testing::Test {
+ protected:
+  const TemporaryDirectory _directory;
+};
+
+// The daemon with standard error on a pipe that stays open and that nobody reads.
+class StalledDaemon : public DaemonProcess {
+ public:
+  explicit StalledDaemon(const TemporaryDirectory& directory)
+      : DaemonProcess("/bin/sh", directory.GetPath(),
+                      {"-c", "mkfifo -m 0600 errors; exec 3<>errors; exec \"$0\" --listen 127.0.0.1:0 2>errors",
+                       TAVIX_SERVER_PROGRAM}) {}
+};
+
+std::string ManyUnknownCommands() {
+  std::string requests;
+  for (int i = 0; i < 5000; ++i) requests += "bogus" + std::to_string(i) + "\n";
+  return requests;
+}
+
+// What a pipe holds at the moment.
+std::string Drain(const std::string& path) {
+  const Descriptor pipe(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  std::string text;
+  char part[4096];
+  for (ssize_t count; (count = read(pipe.Get(), part, sizeof part)) > 0;) text.append(part, static_cast<size_t>(count));
+  return text;
+}
+
+}  // namespace
+
+TEST_F(Log, PipeThatNobodyReadsHoldsNobodyUp) {
+  StalledDaemon daemon(_directory);
+  Converse(daemon.GetPort(), ManyUnknownCommands());
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(Converse(daemon.GetPort(), "bogus\nget delimited\n.\n"), "data\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST_F(Log, PipeThatIsReadAgainIsToldWhatWasLost) {
+  StalledDaemon daemon(_directory);
+  Converse(daemon.GetPort(), ManyUnknownCommands());
+  const std::string first = Drain(_directory.Path("errors"));
+  EXPECT_THAT(first, HasSubstr("Invalid command: bogus0\n"));
+  Converse(daemon.GetPort(), "again\n");
+  const size_t lost = 5000 - CountOf("\n", first);
+  const std::string second = Drain(_directory.Path("errors"));
+  EXPECT_THAT(second, HasSubstr("lines lost here, because the output took no more: " + std::to_string(lost) + "\n"));
+  EXPECT_THAT(second, HasSubstr("Invalid command: again\n"));
+}
+
+// A device has to come up, and its log has to go somewhere.
+TEST_F(Log, FileThatCanNotBeOpenedAtTheStartIsReplacedByStandardError) {
+  const std::string file = _directory.Path("gone/d.log");
+  Daemon daemon(_directory, {"--log-stderr=no", "--log-file", file});
+  Converse(daemon.GetPort(), "bogus\n");
+  daemon.AwaitErrors("WARNING Logger: Failed to open log file '" + file + "': No such file or directory");
+  daemon.AwaitErrors("Invalid command: bogus\n");
+}
+
+}  // namespace tavix::test
