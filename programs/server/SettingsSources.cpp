@@ -27,7 +27,6 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
-constexpr char kWrong[] = "error";
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -100,6 +99,8 @@ std::string SettingsSources::Report::ToText() const {
 }
 
 namespace {
+
+constexpr char kWrong[] = "error";  // in a report, of a file whose problem is told by itself
 
 std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, const std::string& path,
                                                      Counters& counters) {
