@@ -20,7 +20,7 @@ struct ServerEnv {
   // Told of every reply and notice; may be null.
   IMessageObserver* messageObserver = nullptr;
 
-  // How many bytes these names and patterns may have together. 0: no limit.
+  // How many bytes the names and patterns of its subscriptions may have. 0: no limit.
   size_t mostSubscriptionBytes = 0;
 
   // How many names and patterns a list may hold, and how many of these may be patterns, which cost more: each may have
