@@ -108,6 +108,7 @@ void EventLoop::ServeUntilStopped() {
     _turns.swap(_busy);
     const int wait = !_turns.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
     const int count = epoll_wait(_poll.Get(), events, kMostEvents, wait);
+    if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
     for (int i = 0; i < count; ++i) {
       auto* const connection = static_cast<Connection*>(events[i].data.ptr);
       if (connection) {
