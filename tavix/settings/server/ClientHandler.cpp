@@ -48,15 +48,18 @@ struct ListBounds {
   size_t patterns;
 };
 
+void CheckCount(size_t count, size_t most, const char* what) {
+  if (count > most && most > 0) throw osa::Exception("A list holds more than the %zu %s allowed", most, what);
+}
+
 // Passes a list's values on to another iterator. Throws once there are too many, whatever follows.
 template <class Target>
 class CountingIterator {
  public:
-  CountingIterator(Target target, const ListBounds& bounds) : _target(target), _bounds(bounds) {}
+  CountingIterator(Target target, size_t most) : _target(target), _most(most) {}
 
   CountingIterator& operator=(const std::string& value) {
-    Count(_listed, _bounds.listed, "names and patterns");
-    if (_bounds.patterns > 0 && value.find('*') != std::string::npos) Count(_patterns, _bounds.patterns, "patterns");
+    CheckCount(++_count, _most, "names and patterns");
     *_target++ = value;
     return *this;
   }
@@ -65,25 +68,27 @@ class CountingIterator {
   CountingIterator& operator++(int) { return *this; }
 
  private:
-  static void Count(size_t& count, size_t most, const char* what) {
-    if (++count > most && most > 0) throw osa::Exception("A list holds more than the %zu %s allowed", most, what);
-  }
-
   Target _target;
-  const ListBounds _bounds;
-  size_t _listed = 0;
-  size_t _patterns = 0;
+  const size_t _most;
+  size_t _count = 0;
 };
+
+bool IsPattern(const std::string& value) {
+  return value.find('*') != std::string::npos;
+}
 
 std::set<std::string> ReadGroupSet(std::istream* in, const ListBounds& bounds) {
   std::set<std::string> groups;
-  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds));
+  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds.listed));
+  const auto patterns = bounds.patterns > 0 ? std::count_if(groups.begin(), groups.end(), IsPattern) : 0;
+  CheckCount(static_cast<size_t>(patterns), bounds.patterns, "patterns");
   return groups;
 }
 
 GroupNameMatcher ReadGroupMatcher(std::istream* in, const ListBounds& bounds) {
   GroupNameMatcher matcher;
-  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds));
+  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds.listed));
+  CheckCount(matcher.GetPatterns().size(), bounds.patterns, "patterns");
   return matcher;
 }
 
