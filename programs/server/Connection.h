@@ -10,8 +10,10 @@
 #include <string_view>
 
 #include "programs/server/Counters.h"
+#include "programs/server/Descriptor.h"
 #include "programs/server/Limits.h"
 #include "programs/server/OutputQueue.h"
+#include "programs/server/SharedBound.h"
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/settings/server/ClientHandler.h"
@@ -23,22 +25,38 @@ namespace tavix::daemon {
 // One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
 // send, or does not read, keeps the loop's thread waiting.
 //
+// A peer that reads no more has its requests carried out all the same, as far as they have come.
+//
 // Threads: its loop's, but for what other threads' notices write to its output.
+// Errors:  what the memory does not suffice for is thrown; the connection is then to be destroyed.
 class Connection {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // descriptor: connected; taken over. poll: the loop's epoll descriptor, to which the connection adds itself.
-  // wakeLoop: an eventfd that tells the loop that bytes are kept. gate: may be null. Everything else outlives the
-  // connection.
-  Connection(int descriptor, int poll, int wakeLoop, settings::server::ServerEnv* env, const Limits& limits,
-             Counters& counters, DurabilityGate* gate);
+  // What all connections share; it outlives them.
+  struct Shared {
+    settings::server::ServerEnv* env;
+    const Limits& limits;
+    SharedBounds& bounds;
+    Counters& counters;
+    DurabilityGate* gate;  // may be null
+  };
 
-  // What was not sent is gone. What the kernel still has to send goes out all the same.
+  // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
+  // that tells the loop that bytes are kept.
+  Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
+
+  // What was not sent is gone. What the kernel still has to send goes out all the same. Says why, if a bound is passed.
   ~Connection();
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
+
+  // Whether it is to be destroyed whatever happens. Then nothing else is to be called.
+  bool IsCut() const;
+
+  // Notes that one of the following threw that.
+  void OnFailure(const std::exception& exception) noexcept;
 
   // These return false once the connection is to be destroyed.
   // scratch: memory to receive into, the loop's.
@@ -54,6 +72,9 @@ class Connection {
   // Whether everything that has come was answered, and the answers have left.
   bool AwaitsRequest() const { return !_inputEnded && !_hasMore && _input.empty() && _output->GetKeptBytes() == 0; }
 
+  // For the loop, which notes there whether the connection has a place among those that are given turns.
+  bool isInTurns = false;
+
   // How often OnReadable received something.
   size_t CountReads() const { return _reads; }
 
@@ -61,22 +82,21 @@ class Connection {
   bool NeedsTicks() const;
 
  private:
-  bool TakeInput(std::string_view received);
-  bool HandleRequests(std::string_view received, size_t& handled);
-  void HandleRest();
-  bool EndsNow();
-  bool CheckInput();
-  bool Cut(CutReason reason, size_t figure);
-  void CountFailure(const std::exception& exception);
-  void OnKept();
   struct Interest {
     bool read = true;
     bool write = false;
-    bool operator==(const Interest& other) const { return read == other.read && write == other.write; }
   };
 
+  bool TakeInput(std::string_view received);
+  bool HandleRequests(std::string_view received, size_t& handled);
+  bool HandleWhole(std::string_view received, size_t& handled);
   bool HandleOne();
-  Interest FindInterest() const;
+  bool EndsNow();
+  bool CheckInput();
+  bool Cut(CutReason reason, size_t figure) noexcept;
+  void TellWhyItEnds() noexcept;
+  void OnKept();
+  bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
   void UpdateInterest();
   void Announce();
 
@@ -88,6 +108,7 @@ class Connection {
   Counters& _counters;
   const std::string _peer;
   std::string _input;  // received, not handled yet
+  SharedBound::Part _inputPart;
   Clock::time_point _unfinishedSince{};
   settings::server::RequestFramer _framer;
   core::ViewIstream _request;
@@ -96,7 +117,10 @@ class Connection {
   size_t _reads = 0;
   bool _first = true;         // nothing was handled yet
   bool _hasMore = false;      // the turn ended before the requests did
+  bool _isPaused = false;     // likewise, because too much is unread
+  bool _peerEnded = false;    // nothing more comes
   bool _inputEnded = false;   // what still comes is not handled
+  bool _isTold = false;       // why it ends
   std::mutex _interestMutex;  // guards what follows
   Interest _interest;
 };

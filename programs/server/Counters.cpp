@@ -26,8 +26,14 @@ const char* NameOf(CutReason reason) {
       return "http";
     case CutReason::kError:
       return "error";
+    case CutReason::kMemory:
+      return "memory";
     case CutReason::kHardBacklog:
       return "hard_backlog";
+    case CutReason::kHeldBacklog:
+      return "held_backlog";
+    case CutReason::kAllBacklog:
+      return "all_backlog";
     case CutReason::kBacklog:
       return "backlog";
     case CutReason::kRequestTime:
@@ -36,6 +42,8 @@ const char* NameOf(CutReason reason) {
       return "line";
     case CutReason::kRequest:
       return "request";
+    case CutReason::kAllRequests:
+      return "all_requests";
     case CutReason::kCount:
       break;
   }

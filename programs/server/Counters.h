@@ -11,7 +11,21 @@ namespace tavix::daemon {
 enum class Refusal { kTooMany, kDescriptors, kUser, kSetup, kCount };
 
 // Why a connection was ended by the daemon.
-enum class CutReason { kTls, kHttp, kError, kHardBacklog, kBacklog, kRequestTime, kLine, kRequest, kCount };
+enum class CutReason {
+  kTls,
+  kHttp,
+  kError,
+  kMemory,
+  kHardBacklog,
+  kHeldBacklog,
+  kAllBacklog,
+  kBacklog,
+  kRequestTime,
+  kLine,
+  kRequest,
+  kAllRequests,
+  kCount
+};
 
 // A layer's size.
 struct LayerSize {

@@ -45,6 +45,10 @@ Apply Limit(size_t Limits::*limit) {
   return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMostOfALimit); };
 }
 
+Apply Time(size_t Limits::*limit) {
+  return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMostSeconds); };
+}
+
 Apply Do(Action action) {
   return [=](Options& options, const std::string&) { options.action = action; };
 }
@@ -138,16 +142,29 @@ std::vector<OptionEntry> MakeTable() {
        "clients at a time (1024)", Limit(&Limits::connections)},
       {"", "max-subscriptions", "N", Kind::kValue, true, "names and patterns of one client (4096)",
        Limit(&Limits::subscriptions)},
+      {"", "max-subscription-bytes", "BYTES", Kind::kValue, true, "of these (256 KiB)",
+       Limit(&Limits::subscriptionBytes)},
+      {"", "max-list", "N", Kind::kValue, true, "names and patterns of one request (131072)", Limit(&Limits::listed)},
+      {"", "max-patterns", "N", Kind::kValue, true,
+       "patterns of one request, but for subscriptions; each may be tried on every group (64)",
+       Limit(&Limits::patterns)},
       {"", "max-line", "BYTES", Kind::kValue, true, "of one line that a client sends (1 MiB)",
        Limit(&Limits::lineBytes)},
       {"", "max-request", "BYTES", Kind::kValue, true, "of one request (64 MiB)", Limit(&Limits::requestBytes)},
-      {"", "request-timeout", "S", Kind::kValue, true, "for an unfinished request (60)",
-       Limit(&Limits::requestSeconds)},
+      {"", "request-timeout", "S", Kind::kValue, true, "for an unfinished request (60)", Time(&Limits::requestSeconds)},
+      {"", "all-requests", "BYTES", Kind::kValue, true,
+       "of the unfinished requests of all clients together; the longest ends (256 MiB)",
+       Limit(&Limits::allRequestBytes)},
       {"", "max-backlog", "BYTES", Kind::kValue, true, "unread by a client that makes no progress (8 MiB) ...",
        Limit(&Limits::backlogBytes)},
-      {"", "backlog-timeout", "S", Kind::kValue, true, "... for so long (10)", Limit(&Limits::backlogSeconds)},
+      {"", "backlog-timeout", "S", Kind::kValue, true, "... for so long (10)", Time(&Limits::backlogSeconds)},
       {"", "hard-backlog", "BYTES", Kind::kValue, true, "unread by a client, whatever it does (256 MiB)",
        Limit(&Limits::hardBacklogBytes)},
+      {"", "held-backlog", "BYTES", Kind::kValue, true, "for a client, but waiting for the disk (256 MiB)",
+       Limit(&Limits::heldBacklogBytes)},
+      {"", "all-backlogs", "BYTES", Kind::kValue, true,
+       "unread by all clients, or waiting for the disk, together; the longest ends (512 MiB)",
+       Limit(&Limits::allBacklogBytes)},
   };
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <locale>
 #include <string_view>
 #include <utility>
@@ -21,8 +22,13 @@ void ReleaseMemory(std::string& text) {
 
 }  // namespace
 
-OutputQueue::OutputQueue(int descriptor, size_t most, DurabilityGate* gate, std::function<void()> onKept)
-    : _descriptor(descriptor), _most(most), _gate(gate), _onKept(std::move(onKept)), _ostream(this) {
+OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept)
+    : _descriptor(descriptor),
+      _bounds(bounds),
+      _gate(gate),
+      _onKept(std::move(onKept)),
+      _ostream(this),
+      _part(bounds.all, descriptor) {
   _ostream.imbue(std::locale::classic());
 }
 
@@ -35,7 +41,6 @@ size_t OutputQueue::Send() {
   {
     std::lock_guard<std::mutex> lock(_mutex);
     SendSendable();
-    _waits = CountSendable() > 0;
   }
   AwaitDurable();
   return GetKeptBytes();
@@ -47,6 +52,7 @@ void OutputQueue::Close() {
   _kept.Clear();
   _keptBytes = 0;
   _holds.clear();
+  _part.End();
 }
 
 void OutputQueue::TellWhenSent(bool tells) {
@@ -69,31 +75,27 @@ void OutputQueue::OnDurable() {
     std::lock_guard<std::mutex> lock(_mutex);
     _awaits = false;
     if (_broken) return;
-    if (!_waits) _lastProgress = Clock::now();
+    if (CountSendable() == 0) _lastProgress = Clock::now();
     SendSendable();
     if (_broken) return;
-    if (CountSendable() > 0) {
-      WaitForPeer();
-    } else if (_tellsWhenSent) {
-      _onKept();
-    }
+    if (CountSendable() > 0 || _tellsWhenSent) _onKept();
   }
   AwaitDurable();
 }
 
 OutputQueue::int_type OutputQueue::overflow(int_type character) {
-  if (!traits_type::eq_int_type(character, traits_type::eof()))
-    _message.push_back(traits_type::to_char_type(character));
-  return traits_type::not_eof(character);
+  if (traits_type::eq_int_type(character, traits_type::eof())) return traits_type::not_eof(character);
+  const char byte = traits_type::to_char_type(character);
+  return xsputn(&byte, 1) == 1 ? character : traits_type::eof();
 }
 
 std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
-  _message.append(bytes, static_cast<size_t>(count));
-  return count;
+  if (_broken) return 0;
+  return DoOrBreak([&] { _message.append(bytes, static_cast<size_t>(count)); }) ? count : 0;
 }
 
 int OutputQueue::sync() {
-  FlushMessage();
+  DoOrBreak([this] { FlushMessage(); });
   _messageTicket = 0;
   ReleaseMemory(_message);
   if (_keptBytes > 0) AwaitDurable();
@@ -102,10 +104,11 @@ int OutputQueue::sync() {
 
 void OutputQueue::FlushMessage() {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_broken) return;
+  if (_broken || _message.empty() || GetPicked() > 0) return;
   const Ticket ticket = std::max(_messageTicket, _leastTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
-  if (isHeld) _holds.push_back({_left + _kept.GetSize(), ticket});
+  const bool isHeldLonger = isHeld && (_holds.empty() || ticket > _holds.back().ticket);
+  if (isHeldLonger) _holds.push_back({_left + _kept.GetSize(), ticket});
   const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
   const size_t sent = goesAtOnce ? SendSome(_message.data(), _message.size()) : 0;
   if (sent < _message.size() && !_broken) Keep(sent);
@@ -115,12 +118,22 @@ void OutputQueue::FlushMessage() {
 void OutputQueue::Keep(size_t sent) {
   if (_kept.GetSize() == 0) _lastProgress = Clock::now();
   _kept.Append(_message.data() + sent, _message.size() - sent);
+  NoteKept();
+  Enforce();
+  if (!_broken && CountSendable() > 0) _onKept();
+}
+
+void OutputQueue::NoteKept() {
   _keptBytes = _kept.GetSize();
-  if (_kept.GetSize() > _most) {
-    _overfull = true;
-    Break();
-  } else if (CountSendable() > 0) {
-    WaitForPeer();
+  _part.Set(_kept.GetSize());
+}
+
+void OutputQueue::Enforce() {
+  const size_t unread = CountSendable();
+  if (unread > _bounds.unread) {
+    Break(End::kUnread);
+  } else if (_kept.GetSize() - unread > _bounds.held) {
+    Break(End::kHeld);
   }
 }
 
@@ -134,7 +147,7 @@ void OutputQueue::SendSendable() {
     if (_broken) return;
     if (sent > 0) _lastProgress = Clock::now();
     _kept.Drop(sent);
-    _keptBytes = _kept.GetSize();
+    NoteKept();
     _left += sent;
   }
 }
@@ -157,7 +170,9 @@ void OutputQueue::AwaitDurable() {
     ticket = _holds.front().ticket;
     _awaits = true;
   }
-  if (!_gate->Await(ticket, shared_from_this())) OnDurable();
+  bool isHeld = true;
+  DoOrBreak([&] { isHeld = _gate->Await(ticket, shared_from_this()); });
+  if (!isHeld) OnDurable();
 }
 
 size_t OutputQueue::SendSome(const char* bytes, size_t count) {
@@ -169,24 +184,41 @@ size_t OutputQueue::SendSome(const char* bytes, size_t count) {
     } else if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       break;
     } else if (sent == 0 || errno != EINTR) {
-      Break();
+      Break(End::kPeer);
       break;
     }
   }
   return done;
 }
 
-void OutputQueue::WaitForPeer() {
-  if (!std::exchange(_waits, true)) _onKept();
-}
-
-void OutputQueue::Break() {
+// A peer that is gone may have sent requests before, which are still to be read; with any other, the loop is told by
+// the socket.
+void OutputQueue::Break(End end) {
+  if (_broken) return;
+  _end = end;
   _broken = true;
-  shutdown(_descriptor, SHUT_RDWR);  // the loop is told by the socket
+  shutdown(_descriptor, end == End::kPeer ? SHUT_WR : SHUT_RDWR);
   _kept.Clear();
-  _keptBytes = 0;
+  NoteKept();
   _holds.clear();
   _onKept();
+}
+
+// The caller does not hold the lock, here and below.
+void OutputQueue::BreakFor(End end) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  Break(end);
+}
+
+// A stream would note an exception, and the connection would live on, mute.
+template <class Work>
+bool OutputQueue::DoOrBreak(Work work) {
+  try {
+    work();
+  } catch (const std::exception&) {
+    BreakFor(End::kMemory);
+  }
+  return !_broken;
 }
 
 }  // namespace tavix::daemon

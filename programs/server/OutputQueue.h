@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "programs/server/ByteQueue.h"
+#include "programs/server/SharedBound.h"
 #include "programs/server/persistence/DurabilityGate.h"
 
 namespace tavix::daemon {
@@ -23,15 +24,27 @@ namespace tavix::daemon {
 // Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, and the thread that finds
 //          changes durable, call the rest meanwhile.
 // Locks:   its own mutex, outside the gate's.
-// Errors:  a peer that is gone, or has more unread than "most" bytes, breaks the queue: writers fail, kept bytes go.
+// Errors:  a peer that is gone, more bytes than may be kept, and memory that runs out break the queue for ever: writers
+//          fail, kept bytes go.
 class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<OutputQueue>, private std::streambuf {
  public:
   using Clock = std::chrono::steady_clock;
   using Ticket = DurabilityGate::Ticket;
 
-  // descriptor: a non-blocking socket, borrowed until Close. gate: may be null, else outlives the queue. onKept:
-  // called, with the queue locked, when the socket does not take more, when the queue breaks, and see TellWhenSent.
-  OutputQueue(int descriptor, size_t most, DurabilityGate* gate, std::function<void()> onKept);
+  // In bytes.
+  struct Bounds {
+    size_t unread;     // that wait for the peer
+    size_t held;       // that wait for the disk, or behind what does
+    SharedBound& all;  // outlives the queue, or its Close
+  };
+
+  // Why it is broken.
+  enum class End { kNone, kPeer, kUnread, kHeld, kMemory };
+
+  // descriptor: a connected socket, borrowed until Close. gate: may be null, else outlives the queue. onKept: called,
+  // with the queue locked, whenever bytes wait for the peer, be they the first or not, when the queue breaks, and see
+  // TellWhenSent. It throws nothing.
+  OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept);
 
   // The queue that such a stream writes to.
   static OutputQueue& Of(std::ostream& out) { return static_cast<OutputQueue&>(*out.rdbuf()); }
@@ -47,6 +60,12 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   // Sends on what is kept, as far as the socket takes it. Returns what stays.
   size_t Send();
 
+  // Nothing that is written from now on would reach the peer.
+  void OnPeerGone() { BreakFor(End::kPeer); }
+
+  // A message was lost, so that nothing may follow it.
+  void OnMessageLost() { BreakFor(End::kMemory); }
+
   // Nothing is sent, and nobody is told of anything, any more.
   void Close();
 
@@ -55,9 +74,10 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
 
   size_t GetKeptBytes() const { return _keptBytes; }
   bool IsBroken() const { return _broken; }
+  End GetEnd() const { return _end; }
 
-  // Whether it broke because the peer had more unread than is kept.
-  bool IsOverfull() const { return _overfull; }
+  // Of the bound of all queues.
+  size_t GetPicked() const { return _part.GetPicked(); }
 
   // What of the kept bytes waits for the peer alone.
   size_t GetSendableBytes() const;
@@ -79,16 +99,20 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
 
   void FlushMessage();
   void Keep(size_t sent);
+  void NoteKept();
+  void Enforce();
   void SendSendable();
   size_t CountSendable() const;
   void DropDurableHolds();
   void AwaitDurable();
   size_t SendSome(const char* bytes, size_t count);
-  void WaitForPeer();
-  void Break();
+  void Break(End end);
+  void BreakFor(End end);
+  template <class Work>
+  bool DoOrBreak(Work work);
 
   const int _descriptor;
-  const size_t _most;
+  const Bounds _bounds;
   DurabilityGate* const _gate;  // may be null
   const std::function<void()> _onKept;
   std::string _message;       // the writer's, until it is flushed
@@ -101,11 +125,11 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::vector<Hold> _holds;           // in the order of their bytes
   Ticket _leastTicket = 0;            // for every message from now on
   bool _awaits = false;               // the gate will tell
-  bool _waits = false;                // for the peer, and onKept was told so
   bool _tellsWhenSent = false;
   std::atomic<bool> _broken{false};
-  std::atomic<bool> _overfull{false};
+  std::atomic<End> _end{End::kNone};
   Clock::time_point _lastProgress{};
+  SharedBound::Part _part;
 };
 
 }  // namespace tavix::daemon

@@ -13,6 +13,7 @@
 #include "programs/server/ServiceManager.h"
 #include "programs/server/SettingsSources.h"
 #include "programs/server/Signals.h"
+#include "programs/server/StoreProbe.h"
 #include "programs/server/Upkeep.h"
 #include "tavix/core/Logger.h"
 
@@ -92,7 +93,11 @@ int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
   {
     Server server(*store, std::move(listeners), options, counters);
-    Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager);
+    const auto probe = [&] {
+      ProbeStore(store->GetManager());
+      server.Probe();
+    };
+    Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager, probe);
     server.Run(signals, [&](int signal) { upkeep.OnSignal(signal); });
   }
   return store->Finish() ? kExitDone : kExitNotSaved;

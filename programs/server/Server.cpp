@@ -15,6 +15,7 @@
 #include "programs/server/Signals.h"
 #include "programs/server/SocketName.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
@@ -26,21 +27,42 @@ core::Logger* Log() {
 }
 
 constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
-constexpr int kPause = 100;                  // milliseconds
+constexpr rlim_t kDescriptorsOfALoop = 2;
+constexpr int kPause = 100;  // milliseconds
 
 // Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
 // the process then has descriptors for.
-Limits WithinDescriptors(Limits limits) {
-  const rlim_t wanted = limits.connections + kReservedDescriptors;
+Limits WithinDescriptors(Limits limits, size_t loops) {
+  const rlim_t reserved = kReservedDescriptors + kDescriptorsOfALoop * loops;
+  const rlim_t wanted = limits.connections + reserved;
   rlimit possible{};
   if (getrlimit(RLIMIT_NOFILE, &possible) != 0) return limits;
   if (possible.rlim_cur < wanted) {
     possible.rlim_cur = std::min(wanted, possible.rlim_max);
     setrlimit(RLIMIT_NOFILE, &possible);
   }
-  const rlim_t descriptors = std::max(possible.rlim_cur, kReservedDescriptors + 1);
-  limits.connections = static_cast<size_t>(std::min(wanted, descriptors) - kReservedDescriptors);
+  const rlim_t descriptors = std::max(possible.rlim_cur, reserved + 1);
+  limits.connections = static_cast<size_t>(std::min(wanted, descriptors) - reserved);
   return limits;
+}
+
+// What a handler is given.
+settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server::SerializationManager& serializations,
+                                          const Limits& limits, settings::server::IMessageObserver& observer) {
+  settings::server::ServerEnv env;
+  env.settingsManager = &store.GetManager();
+  env.serializationManager = &serializations;
+  env.mostSubscriptions = limits.subscriptions;
+  env.mostSubscriptionBytes = limits.subscriptionBytes;
+  env.mostListed = limits.listed;
+  env.mostPatterns = limits.patterns;
+  env.messageObserver = &observer;
+  return env;
+}
+
+// Whoever has signals sent to it looks for the reason.
+void EndProcess() {
+  kill(getpid(), SIGTERM);
 }
 
 int OpenSpare() {
@@ -52,17 +74,18 @@ int OpenSpare() {
 Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Options& options, Counters& counters)
     : _allowedUsers(options.allowedUsers),
       _counters(counters),
-      _limits(WithinDescriptors(options.limits)),
+      _limits(WithinDescriptors(options.limits, options.loops)),
       _messageHolder(store.GetGate()),
-      _env{&store.GetManager(), &_serializationManager, options.limits.subscriptions, &_messageHolder},
+      _env(EnvironmentOf(store, _serializationManager, _limits, _messageHolder)),
+      _bounds{SharedBound(_limits.allRequestBytes), SharedBound(_limits.allBacklogBytes)},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
-  while (_loops.size() < options.loops)
-    _loops.push_back(std::make_unique<EventLoop>(&_env, _limits, counters, store.GetGate()));
+  const Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
+  while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));
 }
 
 Server::~Server() {
-  _loops.clear();
+  EndLoops();
   if (_spare >= 0) close(_spare);
 }
 
@@ -83,6 +106,19 @@ void Server::Run(const Signals& signals, const std::function<void(int)>& onSigna
     if (!pauses) AcceptFromAll(watched);
   }
   _listeners.clear();
+  const auto hasFailed = [](const auto& loop) { return loop->HasFailed(); };
+  const bool failed = std::any_of(_loops.begin(), _loops.end(), hasFailed);
+  EndLoops();
+  if (failed) throw osa::Exception("An event loop failed");
+}
+
+void Server::Probe() {
+  std::lock_guard<std::mutex> lock(_probeMutex);
+  for (const auto& loop : _loops) loop->Probe();
+}
+
+void Server::EndLoops() {
+  std::lock_guard<std::mutex> lock(_probeMutex);
   _loops.clear();
 }
 
@@ -106,7 +142,7 @@ void Server::AcceptFrom(const Listener& listener) {
   }
   if (!MayEnter(descriptor.Get(), listener)) return;
   _counters.accepted.Add();
-  FindLeastBusy().Add(descriptor.Release());
+  FindLeastBusy().Add(std::move(descriptor));
 }
 
 // The permissions of a unix socket's file have let the process in already.

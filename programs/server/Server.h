@@ -5,15 +5,18 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "programs/server/Connection.h"
 #include "programs/server/Counters.h"
 #include "programs/server/EventLoop.h"
 #include "programs/server/Limits.h"
 #include "programs/server/Listener.h"
 #include "programs/server/MessageHolder.h"
 #include "programs/server/Options.h"
+#include "programs/server/SharedBound.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 
@@ -40,7 +43,11 @@ class Server {
   std::vector<std::string> GetAddresses() const;
 
   // Serves until SIGTERM or SIGINT comes, then ends every connection. onSignal: called with each signal's number.
+  // Throws osa::Exception when it ended because an event loop failed.
   void Run(const Signals& signals, const std::function<void(int)>& onSignal);
+
+  // Returns once every event loop has come round. From any thread.
+  void Probe();
 
  private:
   void AcceptFromAll(const std::vector<pollfd>& watched);
@@ -49,6 +56,7 @@ class Server {
   bool RefuseOne(const Listener& listener);
   EventLoop& FindLeastBusy() const;
   size_t CountConnections() const;
+  void EndLoops();
 
   const std::vector<uid_t> _allowedUsers;  // on unix sockets; empty: all
   Counters& _counters;
@@ -56,9 +64,11 @@ class Server {
   settings::server::SerializationManager _serializationManager;
   MessageHolder _messageHolder;
   settings::server::ServerEnv _env;
+  SharedBounds _bounds;
   std::vector<Listener> _listeners;
   int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
   bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
+  std::mutex _probeMutex;   // held while loops are probed, and while they end
   std::vector<std::unique_ptr<EventLoop>> _loops;
 };
 

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "programs/server/LogSetup.h"
-#include "programs/server/StoreProbe.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/server/ClientHandler.h"
 
@@ -36,7 +35,8 @@ std::string MonotonicMicroseconds() {
 }  // namespace
 
 Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
-               const Counters& counters, const SettingsManager& manager, const ServiceManager& serviceManager)
+               const Counters& counters, const SettingsManager& manager, const ServiceManager& serviceManager,
+               std::function<void()> probe)
     : _commandLine(commandLine),
       _addresses(std::move(addresses)),
       _counters(counters),
@@ -47,15 +47,15 @@ Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLi
     _metrics.emplace("Metrics", std::chrono::seconds(options.metricsSeconds), [this] { _metricsFile->Write(); });
   }
   _serviceManager.Tell("READY=1\n" + GetStatus());
-  if (_serviceManager.GetWatchdogTime().count() > 0) StartWatchdog(manager);
+  if (_serviceManager.GetWatchdogTime().count() > 0) StartWatchdog(std::move(probe));
 }
 
-void Upkeep::StartWatchdog(const SettingsManager& manager) {
+void Upkeep::StartWatchdog(std::function<void()> probe) {
   using std::chrono::milliseconds;
   const auto wanted = std::chrono::duration_cast<milliseconds>(_serviceManager.GetWatchdogTime() / kFeedsInATime);
   const milliseconds interval = std::clamp<milliseconds>(wanted, kShortestInterval, kLongestInterval);
-  _watchdog.emplace("Watchdog", interval, [this, &manager] {
-    ProbeStore(manager);
+  _watchdog.emplace("Watchdog", interval, [this, probe = std::move(probe)] {
+    probe();
     _serviceManager.Tell("WATCHDOG=1\n" + GetStatus());
   });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,17 +20,18 @@ namespace tavix::daemon {
 //          OnSignal belongs to one thread.
 class Upkeep {
  public:
-  // Everything that is passed by reference outlives the upkeep. addresses: what is served, for the status line.
+  // Everything that is passed by reference outlives the upkeep. addresses: what is served, for the status line. probe:
+  // for the watchdog; returns once the daemon was seen to work.
   Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
          const Counters& counters, const settings::server::SettingsManager& manager,
-         const ServiceManager& serviceManager);
+         const ServiceManager& serviceManager, std::function<void()> probe);
 
   // SIGHUP reads the log options again, SIGUSR1 logs the statistics and has the metrics written; other signals end the
   // daemon, which the service manager is told.
   void OnSignal(int signal);
 
  private:
-  void StartWatchdog(const settings::server::SettingsManager& manager);
+  void StartWatchdog(std::function<void()> probe);
   void ReadLogOptions() const;
   std::string GetStatus() const;
 

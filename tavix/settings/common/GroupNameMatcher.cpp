@@ -1,6 +1,7 @@
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 #include <algorithm>
+#include <iterator>
 #include <ostream>
 #include <string_view>
 
@@ -46,17 +47,40 @@ void FindNames(const std::set<std::string>& names, const Candidates& candidates,
   }
 }
 
-// Every byte before the first '*' stands for itself, so only the sorted range with that prefix can match.
+std::string_view LiteralOf(const std::string& pattern) {
+  return std::string_view(pattern).substr(0, pattern.find('*'));
+}
+
+using PatternAt = std::set<std::string>::const_iterator;
+
+// Patterns with the same text before their first '*'; they lie together.
+struct SimilarPatterns {
+  PatternAt begin;
+  PatternAt end;
+  std::string_view literal;
+
+  bool MatchAny(std::string_view rest) const {
+    return std::any_of(begin, end, [&](const std::string& pattern) {
+      return StringUtil::MatchesPattern(std::string_view(pattern).substr(literal.size()), rest);
+    });
+  }
+};
+
+SimilarPatterns FindSimilar(PatternAt begin, PatternAt end) {
+  const std::string_view literal = LiteralOf(*begin);
+  const auto isOther = [&](const std::string& pattern) { return LiteralOf(pattern) != literal; };
+  return {begin, std::find_if(std::next(begin), end, isOther), literal};
+}
+
+// Every byte before the first '*' stands for itself, so only the sorted range with that prefix can match. It is walked
+// once for all patterns that have it: to come from one candidate to the next takes longer than most tries.
 template <class Candidates, class Found>
-void FindPattern(const std::string& pattern, const Candidates& candidates, Found found) {
-  const std::string_view literal = std::string_view(pattern).substr(0, pattern.find('*'));
-  if (candidates.size() == 1 && !StringUtil::StartsWith(NameAt(candidates.begin()), literal)) return;
-  const std::string prefix(literal);
-  const std::string_view rest = std::string_view(pattern).substr(prefix.size());
-  for (auto at = candidates.lower_bound(prefix); at != candidates.end(); ++at) {
+void FindPatterns(const SimilarPatterns& patterns, const Candidates& candidates, Found found) {
+  if (candidates.size() == 1 && !StringUtil::StartsWith(NameAt(candidates.begin()), patterns.literal)) return;
+  for (auto at = candidates.lower_bound(std::string(patterns.literal)); at != candidates.end(); ++at) {
     const std::string_view name = NameAt(at);
-    if (!StringUtil::StartsWith(name, prefix)) return;
-    if (StringUtil::MatchesPattern(rest, name.substr(prefix.size()))) found(at);
+    if (!StringUtil::StartsWith(name, patterns.literal)) return;
+    if (patterns.MatchAny(name.substr(patterns.literal.size()))) found(at);
   }
 }
 
@@ -70,7 +94,12 @@ void AddMatches(const GroupNameMatcher& matcher, const Candidates& candidates, s
   auto hint = out.begin();
   const auto add = [&](auto at) { hint = out.insert(hint, NameAt(at)); };
   FindNames(matcher.GetNames(), candidates, add);
-  for (const std::string& pattern : matcher.GetPatterns()) FindPattern(pattern, candidates, add);
+  const std::set<std::string>& patterns = matcher.GetPatterns();
+  for (auto at = patterns.begin(); at != patterns.end();) {
+    const SimilarPatterns similar = FindSimilar(at, patterns.end());
+    FindPatterns(similar, candidates, add);
+    at = similar.end;
+  }
 }
 
 }  // namespace
@@ -110,9 +139,11 @@ void GroupNameMatcher::GetMatchingGroups(const IniFile& ini, std::vector<IniFile
   const auto add = [&](IniFile::const_iterator at) { out.push_back(at); };
   FindNames(_names, ini.GetGroups(), add);
   const bool ascending = _patterns.empty() || (_names.empty() && _patterns.size() == 1);
-  for (const std::string& pattern : _patterns) {
-    FindPattern(pattern, ini.GetGroups(), add);
+  for (auto at = _patterns.begin(); at != _patterns.end();) {
+    const SimilarPatterns similar = FindSimilar(at, _patterns.end());
+    FindPatterns(similar, ini.GetGroups(), add);
     if (out.size() > 2 * ini.GetGroups().size()) SortAndUnite(out);  // many patterns may find the same groups
+    at = similar.end;
   }
   if (!ascending) SortAndUnite(out);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <istream>
 #include <iterator>
+#include <numeric>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -41,16 +42,59 @@ constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more th
 
 const GroupNameMatcher kNoGroups;
 
-std::set<std::string> ReadGroupSet(std::istream* in) {
+// How much a list may hold. 0: no limit.
+struct ListBounds {
+  size_t listed;
+  size_t patterns;
+};
+
+void CheckCount(size_t count, size_t most, const char* what) {
+  if (count > most && most > 0) throw osa::Exception("A list holds more than the %zu %s allowed", most, what);
+}
+
+// Passes a list's values on to another iterator. Throws once there are too many, whatever follows.
+template <class Target>
+class CountingIterator {
+ public:
+  CountingIterator(Target target, size_t most) : _target(target), _most(most) {}
+
+  CountingIterator& operator=(const std::string& value) {
+    CheckCount(++_count, _most, "names and patterns");
+    *_target++ = value;
+    return *this;
+  }
+  CountingIterator& operator*() { return *this; }
+  CountingIterator& operator++() { return *this; }
+  CountingIterator& operator++(int) { return *this; }
+
+ private:
+  Target _target;
+  const size_t _most;
+  size_t _count = 0;
+};
+
+bool IsPattern(const std::string& value) {
+  return value.find('*') != std::string::npos;
+}
+
+std::set<std::string> ReadGroupSet(std::istream* in, const ListBounds& bounds) {
   std::set<std::string> groups;
-  readDelimitedValues(in, std::inserter(groups, groups.begin()));
+  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds.listed));
+  const auto patterns = bounds.patterns > 0 ? std::count_if(groups.begin(), groups.end(), IsPattern) : 0;
+  CheckCount(static_cast<size_t>(patterns), bounds.patterns, "patterns");
   return groups;
 }
 
-GroupNameMatcher ReadGroupMatcher(std::istream* in) {
+GroupNameMatcher ReadGroupMatcher(std::istream* in, const ListBounds& bounds) {
   GroupNameMatcher matcher;
-  readDelimitedValues(in, GroupNameMatcherInsertIterator(matcher));
+  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds.listed));
+  CheckCount(matcher.GetPatterns().size(), bounds.patterns, "patterns");
   return matcher;
+}
+
+size_t BytesOf(const std::set<std::string>& names) {
+  return std::accumulate(names.begin(), names.end(), size_t{0},
+                         [](size_t bytes, const std::string& name) { return bytes + name.size(); });
 }
 
 bool IsBlank(char character) {
@@ -95,6 +139,9 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _settingsManager(env->settingsManager),
       _serializationManager(env->serializationManager),
       _mostSubscriptions(env->mostSubscriptions),
+      _mostSubscriptionBytes(env->mostSubscriptionBytes),
+      _mostListed(env->mostListed),
+      _mostPatterns(env->mostPatterns),
       _messageObserver(env->messageObserver),
       _serializer(_serializationManager->GetSerializer("ini")) {}
 
@@ -175,22 +222,26 @@ void ClientHandler::TestAndMerge(std::istream&) {
 }
 
 void ClientHandler::Subscribe(std::istream&) {
-  const std::set<std::string> groups = ReadGroupSet(_in);
+  const size_t most = _mostListed > 0 ? std::max(_mostListed, _mostSubscriptions) : 0;
+  const std::set<std::string> groups = ReadGroupSet(_in, {most, 0});
   if (groups.empty()) return;
-  if (_mostSubscriptions > 0) CountSubscriptions(groups);
+  if (_mostSubscriptions > 0 || _mostSubscriptionBytes > 0) CountSubscriptions(groups);
   _settingsManager->Subscribe(this, groups);
 }
 
 void ClientHandler::CountSubscriptions(const std::set<std::string>& groups) {
   _subscriptions.AddNamesAndPatterns(groups);
   const size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
-  if (count > _mostSubscriptions)
+  if (count > _mostSubscriptions && _mostSubscriptions > 0)
     throw osa::Exception("%zu subscriptions are more than the %zu allowed", count, _mostSubscriptions);
+  const size_t bytes = BytesOf(_subscriptions.GetNames()) + BytesOf(_subscriptions.GetPatterns());
+  if (bytes > _mostSubscriptionBytes && _mostSubscriptionBytes > 0)
+    throw osa::Exception("Subscriptions of %zu bytes are more than the %zu allowed", bytes, _mostSubscriptionBytes);
 }
 
 void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in);
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns});
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   _message.Reset(kKeptMemory);
   if (delimited) _message.AppendLine(protocol::kData);
@@ -200,7 +251,7 @@ void ClientHandler::GetSections(std::istream& args) {
 }
 
 void ClientHandler::Overwrite(std::istream&) {
-  const std::set<std::string> groups = ReadGroupSet(_in);
+  const std::set<std::string> groups = ReadGroupSet(_in, {_mostListed, _mostPatterns});
   IniFile settings;
   if (WasCutOff() || !ReadPayload(settings)) return;
   _settingsManager->OverwriteSettings(groups, settings);
@@ -215,7 +266,7 @@ void ClientHandler::ChangeSerialization(std::istream& args) {
 }
 
 void ClientHandler::RestoreDefaults(std::istream&) {
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in);
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns});
   if (!WasCutOff()) _settingsManager->RestoreToDefaults(matcher);
 }
 
@@ -242,6 +293,7 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
       WriteNotice(changedGroups);
       MsgDispatcher::Get().CountNotice();
     } catch (...) {
+      if (_messageObserver) _messageObserver->OnMessageLost(*_out);
       _out->setstate(std::ios::badbit);  // half a notice may be out: nothing may follow it
       throw;
     }

@@ -114,6 +114,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
   const size_t _mostSubscriptions;
+  const size_t _mostSubscriptionBytes;
+  const size_t _mostListed;
+  const size_t _mostPatterns;
   IMessageObserver* const _messageObserver;             // may be null
   std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
 

@@ -23,6 +23,9 @@ class TAVIX_EXPORT IMessageObserver {
   // A message was made of the store's present contents, and is written to "out" next, and flushed. groups: those that
   // it shows, or shows to be missing; null: it may tell of any.
   virtual void OnMessage(std::ostream& out, const common::GroupNameMatcher* groups) = 0;
+
+  // A notice for "out" could not be made, or not wholly be written: nothing may follow it.
+  virtual void OnMessageLost(std::ostream& out) { static_cast<void>(out); }
 };
 
 }  // namespace tavix::settings::server

@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <fstream>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
@@ -12,6 +15,31 @@ constexpr size_t kMegabyte = 1024 * 1024;
 
 std::string MergeOfLargeGroup() {
   return "merge nopersist\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n";
+}
+
+std::string Repeated(int count, const std::string& text) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+// How much memory the daemon's data has, in bytes.
+size_t DataSize(const Daemon& daemon) {
+  std::ifstream status("/proc/" + std::to_string(daemon.GetId()) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmData:", 0) == 0) return 1024 * std::stoul(line.substr(7));
+  }
+  ADD_FAILURE() << "no VmData";
+  return 0;
+}
+
+// Changes how much it may have; returns how much that was.
+rlimit AllowData(const Daemon& daemon, rlim_t bytes) {
+  rlimit before{};
+  EXPECT_EQ(prlimit(daemon.GetId(), RLIMIT_DATA, nullptr, &before), 0);
+  const rlimit limit{bytes, before.rlim_max};
+  EXPECT_EQ(prlimit(daemon.GetId(), RLIMIT_DATA, &limit, nullptr), 0);
+  return before;
 }
 
 // Sends what exceeds a bound: the connection ends, the log says why, and others are served.
@@ -45,6 +73,38 @@ TEST(Bounds, RequestThatStaysUnfinishedEndsItsConnection) {
 TEST(Bounds, MoreSubscriptionsThanAllowedEndTheConnection) {
   ExpectCut({"--max-subscriptions", "2"}, "subscribe\nA\nB*\n.\nsubscribe\nB*\nC\n.\n",
             "3 subscriptions are more than the 2 allowed");
+}
+
+TEST(Bounds, LongerSubscriptionsThanAllowedEndTheConnection) {
+  ExpectCut({"--max-subscription-bytes", "10"}, "subscribe\nFive5\nFive*\n.\nsubscribe\nFive*\nS\n.\n",
+            "Subscriptions of 11 bytes are more than the 10 allowed");
+  ExpectCut({}, "subscribe\n" + std::string(kMegabyte / 4 + 1, 'x') + "\n.\n",
+            "Subscriptions of 262145 bytes are more than the 262144 allowed");
+}
+
+TEST(Bounds, MoreInAListThanAllowedEndsTheConnection) {
+  for (const char* request : {"get delimited\n", "restore\n", "overwrite\n", "subscribe\n"}) {
+    ExpectCut({"--max-list", "2", "--max-subscriptions", "1"}, request + std::string("A\nA\nA\n.\n[A]\n.\n"),
+              "connection ended: A list holds more than the 2 names and patterns allowed");
+  }
+}
+
+// Each may have to be tried on every group of the store.
+TEST(Bounds, MorePatternsInAListThanAllowedEndTheConnection) {
+  for (const char* request : {"get delimited\n", "restore\n", "overwrite\n"}) {
+    ExpectCut({"--max-patterns", "2"}, request + std::string("A\nB\nC\nA*\n*B\nC*\n.\n[A]\n.\n"),
+              "connection ended: A list holds more than the 2 patterns allowed");
+  }
+}
+
+TEST(Bounds, ListMayHave64PatternsAndManyMoreNames) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::string list;
+  for (int i = 0; i < 64; ++i) list += "*Pattern" + std::to_string(i) + "\n";
+  for (int i = 0; i < 20'000; ++i) list += "Name" + std::to_string(i) + "\n";
+  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n" + list + ".\n"), "data\n.\n");
+  EXPECT_EQ(daemon.GetErrors(), "");
 }
 
 TEST(Bounds, ConnectionMayHave4096SubscriptionsAndNotOneMore) {
@@ -148,5 +208,62 @@ TEST(Bounds, RepliesThatNobodyReadsHoldUpTheirOwnConnectionOnly) {
   EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n.\n"), "data\n.\n");
   EXPECT_EQ(client.ReadToEnd().size(), 5 * (8 * kMegabyte + std::string("[Large]\nk=\n").size()));
 }
+
+// The memory of all is bounded, whatever each may have.
+TEST(Bounds, LongestUnfinishedRequestIsCutWhenAllAreTooLong) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--all-requests", "1048576", "--loops", "2"});
+  const std::string lines = "merge nopersist\n[A]\nk=" + std::string(600'000, 'v') + "\n";
+  ProtocolClient longest(daemon.GetPort());
+  longest.Send(lines);
+  daemon.AwaitIdle();
+  ProtocolClient other(daemon.GetPort());
+  other.Send(lines.substr(0, 500'000));
+  EXPECT_EQ(longest.ReadToEnd(), "");
+  other.Send("\n.\n");
+  other.AwaitHandled();
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr("connection cut: too much unfinished of all together, bytes"));
+  EXPECT_EQ(CountOf("connection cut", daemon.GetErrors()), 1u);
+}
+
+TEST(Bounds, LongestBacklogIsCutWhenAllAreTooLong) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-line", "67108864", "--all-backlogs", "14000000", "--backlog-timeout", "1000"});
+  ProtocolClient writer(daemon.GetPort());
+  writer.Send(MergeOfLargeGroup());
+  ProtocolClient longest(daemon.GetPort(), 4096);
+  longest.Send("subscribe\nLarge\n.\nget\nLarge\n.\n");
+  longest.ReadUntil("k=");
+  ProtocolClient other(daemon.GetPort(), 4096);
+  other.Send("subscribe\nLarge\n.\n");
+  other.AwaitHandled();
+  writer.Send(MergeOfLargeGroup());
+  writer.AwaitHandled();
+  EXPECT_LT(longest.ReadToEnd().size(), 16 * kMegabyte);
+  other.ReadUntil("v\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr("connection cut: too much unread by all together, bytes of this"));
+  EXPECT_EQ(CountOf("connection cut", daemon.GetErrors()), 1u);
+}
+
+// A sanitizer needs memory of its own, and ends the process when there is none.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(Bounds, RequestThatTheMemoryDoesNotSufficeForEndsItsConnectionOnly) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--loops", "1"});
+  ProtocolClient bystander(daemon.GetPort());
+  bystander.AwaitHandled();
+  const rlimit before = AllowData(daemon, DataSize(daemon) + 2 * kMegabyte);
+  ProtocolClient client(daemon.GetPort());
+  client.TrySend("merge nopersist\n" + Repeated(8, "[A]\nk=" + std::string(900'000, 'v') + "\n"));
+  EXPECT_EQ(client.ReadToEnd(), "");
+  AllowData(daemon, before.rlim_cur);
+  bystander.AwaitHandled();
+  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n.\n"), "data\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(CountOf("connection cut: out of memory, bytes kept ", daemon.GetErrors()), 1u) << daemon.GetErrors();
+}
+#endif
 
 }  // namespace tavix::test

@@ -95,6 +95,17 @@ TEST(ConnectionLimits, ConnectionsLeaveTheDescriptorsThatASaveNeeds) {
   EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
 }
 
+TEST(ConnectionLimits, EventLoopsHaveTheirDescriptorsBesideThoseOfASave) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--user-settings", "user.ini", "--loops", "64"}, {256, {}});
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), 256);
+  EXPECT_THAT(clients.size(), testing::AllOf(testing::Gt(64u), testing::Lt(128u)));
+  clients.back().Send("merge\n[A]\nx=1\n.\n");
+  clients.back().AwaitHandled();
+  EXPECT_EQ(FindSavedText(directory), "[A]\nx=1\n");
+  EXPECT_EQ(CountOf("Too many open files", daemon.GetErrors()), 0u);
+}
+
 // With more connects than a process of 128 descriptors can hold, those that are served are served as before, and what
 // they change outlives the daemon.
 TEST(ConnectionLimits, FiveHundredConnectsToADaemonOf128DescriptorsHarmNeitherClientsNorSaves) {

@@ -32,10 +32,10 @@ class HeldOutput : public testing::Test {
 
   ~HeldOutput() override { _faults.LetSyncsGo(); }
 
-  void Start() {
+  void Start(std::vector<std::string> arguments = {}) {
     const FileFaults::Environment environment(_faults, TAVIX_FILE_FAULTS);
-    _daemon.emplace(_directory, std::vector<std::string>{"--user-settings", _directory.Path("user.ini"), "--durability",
-                                                         _durability});
+    arguments.insert(arguments.end(), {"--user-settings", _directory.Path("user.ini"), "--durability", _durability});
+    _daemon.emplace(_directory, arguments);
     _writer.emplace(_daemon->GetPort());
   }
 
@@ -253,6 +253,21 @@ TEST_F(HeldOutput, ConnectionThatPausedForWhatWaitsGoesOnAfterwards) {
   _faults.LetSyncsGo();
   for (int i = 0; i < kReplies; ++i) EXPECT_EQ(reader.Read(large.size() + 5), "data\n" + large);
   EXPECT_EQ(reader.Get("B\n"), "data\n" + Document("B", 0));
+}
+
+// Healthy clients must not be taken for clients that do not read, and the daemon's memory is bounded all the same.
+TEST_F(HeldOutput, ThatIsMoreThanIsKeptForTheDiskEndsItsConnectionAndSaysSo) {
+  EXPECT_EQ(_daemon->Stop(), 0);
+  Start({"--held-backlog", "100"});
+  ProtocolClient subscriber(_daemon->GetPort());
+  subscriber.Send("subscribe\nA\n.\n");
+  subscriber.AwaitHandled();
+  ChangeAOnASlowDisk();
+  for (int i = 0; i < 10; ++i) _writer->Send(Merge("A", i));
+  EXPECT_EQ(subscriber.ReadToEnd(), "");
+  _daemon->AwaitErrors("connection cut: more waits for the disk than is kept 100\n");
+  _faults.LetSyncsGo();
+  EXPECT_EQ(_writer->Get("A\n"), "data\n" + Document("A", 9));
 }
 
 // A journal that takes its place late must not take that of the next one.

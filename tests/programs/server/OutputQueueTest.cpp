@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,6 +17,7 @@ namespace tavix::test {
 
 using daemon::DurabilityGate;
 using daemon::OutputQueue;
+using daemon::SharedBound;
 
 namespace {
 
@@ -27,7 +29,7 @@ class HoldingQueue : public testing::Test {
  protected:
   HoldingQueue() {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, _sockets), 0);
-    _queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
+    _queue = std::make_shared<OutputQueue>(_sockets[0], _bounds, &_gate, [this] { ++_kept; });
   }
 
   ~HoldingQueue() override {
@@ -53,6 +55,8 @@ class HoldingQueue : public testing::Test {
   }
 
   int _sockets[2] = {-1, -1};
+  SharedBound _all{2 * kMost};
+  const OutputQueue::Bounds _bounds{kMost, kMost, _all};
   DurabilityGate _gate{true};
   std::atomic<int> _kept{0};
   std::shared_ptr<OutputQueue> _queue;
@@ -164,6 +168,55 @@ TEST_F(HoldingQueue, MoreThanIsKeptBreaksIt) {
   EXPECT_EQ(Receive(), "");
 }
 
+// Whose fault it is that much is kept makes a difference.
+TEST_F(HoldingQueue, WhatWaitsForTheDiskHasABoundOfItsOwn) {
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kNone);
+  Write(std::string(kMost, 'a'), Change());
+  EXPECT_FALSE(_queue->IsBroken());
+  Write("b");
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kHeld);
+}
+
+TEST_F(HoldingQueue, WhatThePeerDoesNotReadIsNotCountedAsHeld) {
+  FillOutput(_sockets[0]);
+  Write(std::string(kMost / 2 + 1, 'a'));
+  Write(std::string(kMost / 2 + 1, 'b'), Change());
+  EXPECT_FALSE(_queue->IsBroken());
+  _gate.LetGo();
+  Write(std::string(1, 'c'));
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kUnread);
+}
+
+TEST_F(HoldingQueue, MessageThatMemoryDoesNotSufficeForBreaksIt) {
+  Write("a\n");
+  _queue->GetOstream().write("b", std::numeric_limits<std::streamsize>::max());
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kMemory);
+  Write("c\n");
+  EXPECT_EQ(Receive(), "a\n");
+  EXPECT_GT(_kept, 0) << "the loop is told";
+}
+
+TEST_F(HoldingQueue, PeerThatIsGoneBreaksItAndIsStillReadFrom) {
+  EXPECT_EQ(send(_sockets[1], "request", 7, 0), 7);
+  EXPECT_EQ(shutdown(_sockets[1], SHUT_RDWR), 0);
+  Write("a\n");
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kPeer);
+  char bytes[16];
+  EXPECT_EQ(recv(_sockets[0], bytes, sizeof bytes, 0), 7);
+}
+
+TEST_F(HoldingQueue, ThatKeepsMostOfAllIsPickedWhenAllKeepTooMuch) {
+  int others[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, others), 0);
+  SharedBound::Part other(_all, others[0]);
+  other.Set(kMost + kMost / 2);
+  Write(std::string(kMost / 2 + 1, 'a'), Change());
+  EXPECT_EQ(other.GetPicked(), kMost + kMost / 2);
+  EXPECT_EQ(_queue->GetPicked(), 0u);
+  other.End();
+  for (int socket : others) close(socket);
+}
+
 TEST_F(HoldingQueue, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
   const DurabilityGate::Ticket ticket = Change();
   _queue->TellWhenSent(true);
@@ -176,7 +229,7 @@ TEST_F(HoldingQueue, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
 
 TEST_F(HoldingQueue, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
   for (int i = 0; i < 300; ++i) {
-    auto queue = std::make_shared<OutputQueue>(_sockets[0], kMost, &_gate, [this] { ++_kept; });
+    auto queue = std::make_shared<OutputQueue>(_sockets[0], _bounds, &_gate, [this] { ++_kept; });
     const DurabilityGate::Ticket ticket = Change();
     queue->HoldMessage(ticket);
     queue->GetOstream() << "a\n" << std::flush;

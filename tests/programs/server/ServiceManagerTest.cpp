@@ -268,6 +268,18 @@ TEST_F(Watched, StopsFeedingWhileTheStoreIsHeldAndGoesOnAfterwards) {
   EXPECT_EQ(subscriber.ReadUntil("x=1\n.\n"), "async change\nA\n.\n[A]\nx=1\n.\n");
 }
 
+// It holds nothing, so that the store can be had, and its clients wait for ever.
+TEST_F(Watched, StopsFeedingWhileAnEventLoopStandsStillAndGoesOnAfterwards) {
+  Daemon daemon(_directory, {"--loops", "1"});
+  ProtocolClient(daemon.GetPort()).AwaitHandled();
+  _manager.Await("WATCHDOG=1");
+  HeldThread loop(FindThread(daemon.GetId(), "EventLoop"));
+  EXPECT_TRUE(StopsFeeding());
+  loop.LetGo();
+  _manager.Await("WATCHDOG=1");
+  ProtocolClient(daemon.GetPort()).AwaitHandled();
+}
+
 TEST_F(ServiceManager, PassesAUnixSocketAndTheFirstClientStartsTheDaemon) {
   const std::string path = _directory.Path("s.sock");
   Activated daemon(_directory, path, _manager, {"--user-settings", "user.ini"});

@@ -134,6 +134,30 @@ TEST_F(UnusualPeers, RequestThatCanNotBeParsedTakesNoRepliesBack) {
 }
 
 // An urgent byte stands beside the stream, which nobody reads here.
+// Nobody hears the replies, and that is no reason to drop the changes.
+TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
+  const std::string path = "unix:" + _directory.Path("s.sock");
+  Daemon daemon(_directory, {"--listen", path});
+  for (const std::string& address : daemon.AwaitAddresses(2)) {
+    for (const char* first : {"", "get delimited\nA\n.\n", "subscribe\nM*\n.\n"}) {
+      ProtocolClient client(address);
+      client.AwaitHandled();
+      daemon.Signal(SIGSTOP);
+      EXPECT_EQ(waitpid(daemon.GetId(), nullptr, WUNTRACED), daemon.GetId());
+      std::string changes;
+      for (int i = 0; i < 200; ++i) changes += "merge\n[M" + std::to_string(i) + "]\na=1\n.\n";
+      client.Send(first + changes);
+      client.Close();
+      daemon.Signal(SIGCONT);
+      daemon.AwaitIdle();
+      ProtocolClient other(address);
+      EXPECT_EQ(CountOf("[M", other.Get("M*\n")), 200u) << address << ' ' << first;
+      other.Send("overwrite\nM*\n.\n.\n");
+      other.AwaitHandled();
+    }
+  }
+}
+
 TEST_F(UnusualPeers, UrgentDataIsNoPartOfARequestAndKeepsNobodyBusy) {
   ProtocolClient client(_port);
   for (const char* part : {"!", "get delimited\n!", "A\n!", ".\n!"}) {

@@ -11,6 +11,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/IMessageObserver.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/DocumentText.h"
@@ -171,6 +172,24 @@ TEST(ClientHandler, AnOutputThatThrowsBreaksItselfOnly) {
   for (size_t i : {1u, 3u}) EXPECT_TRUE(subscribers[i].out.bad());
   EXPECT_THAT(log.GetMessages(),
               testing::Contains(testing::StartsWith("WARNING ClientHandler: Failed to write a change notice: ")));
+}
+
+TEST(ClientHandler, ObserverIsToldOfANoticeThatIsLost) {
+  struct Observer : tavix::settings::server::IMessageObserver {
+    void OnMessage(std::ostream&, const tavix::settings::common::GroupNameMatcher*) override {}
+    void OnMessageLost(std::ostream& out) override { lost.push_back(&out); }
+    std::vector<std::ostream*> lost;
+  };
+  const CapturedLog log;
+  Observer observer;
+  ServedStore served;
+  served.env.messageObserver = &observer;
+  ThrowingBuffer broken;
+  Subscriber lost(served, "A\n", &broken);
+  Subscriber other(served, "A\n");
+  lost.out.exceptions(std::ios::badbit | std::ios::failbit);  // throws what the stream itself would swallow
+  served.store.MergeSettings(DocumentOf("[A]\nx=1\n"), 0);
+  EXPECT_THAT(observer.lost, testing::ElementsAre(&lost.out));
 }
 
 TEST(ClientHandler, AnOutputThatIsBrokenDoesNotKeepOthersFromLaterNotices) {
