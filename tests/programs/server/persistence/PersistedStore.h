@@ -47,7 +47,12 @@ class PersistedStore : private settings::server::ISettingsPersister {
 
   settings::server::SettingsManager& GetManager() { return _manager; }
   daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
-  bool Finish() { return _persister.Finish(); }
+  bool Finish() {
+    return _persister.Finish(std::chrono::hours(1), [](bool) {});
+  }
+  bool Finish(std::chrono::milliseconds limit, const daemon::UserSettingsPersister::LateEnd& onLate) {
+    return _persister.Finish(limit, onLate);
+  }
   void Crash() { _persister.Stop(); }
 
   void Merge(const std::string& settings) {
