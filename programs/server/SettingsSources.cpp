@@ -116,7 +116,10 @@ std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, con
       counters.CountFailedSave();
     }
   };
-  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count);
+  const auto noteUnsaved = [&counters](std::time_t since) {
+    counters.unsavedSince.Set(static_cast<unsigned long long>(since));
+  };
+  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count, noteUnsaved);
 }
 
 // A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "programs/server/persistence/Deadline.h"
@@ -13,11 +14,9 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr unsigned int kStackSize = 128 * 1024;
 constexpr uint64_t kLeastJournal = 64 * 1024;  // below that no snapshot is worth its while
 constexpr std::chrono::seconds kFirstDelay{1};
 constexpr std::chrono::seconds kLongestDelay{60};
-constexpr std::chrono::seconds kLongSync{5};
 constexpr size_t kFewGroups = 16;  // are written while nobody can change anything
 constexpr int kMostRounds = 4;
 constexpr char kJournalGoesOn[] = "; the journal goes on, and the snapshot is tried again";
@@ -44,25 +43,18 @@ std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std
 
 }  // namespace
 
-UserSettingsPersister::Worker::Worker(const char* name, std::function<void()> loop)
-    : _loop(std::move(loop)), _thread(name, this, kStackSize, 0) {
-  _thread.Run();
-}
-
-UserSettingsPersister::Worker::~Worker() {
-  _thread.Join();
-}
-
 UserSettingsPersister::UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability,
-                                             SaveObserver observer)
+                                             SaveObserver observer, UnsavedObserver unsavedObserver)
     : _filesystem(files),
       _path(path),
       _quotedPath("'" + path + "'"),
       _durability(durability),
       _observer(std::move(observer)),
+      _unsavedObserver(std::move(unsavedObserver)),
       _gate(true),
       _files(files, path),
-      _log(Log()) {}
+      _log(Log()),
+      _watch(path, _log) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
   Stop();
@@ -84,15 +76,18 @@ FoundUserSettings UserSettingsPersister::Load() {
 
 void UserSettingsPersister::Start(LayerReader readLayer) {
   _readLayer = std::move(readLayer);
-  _sync = std::make_unique<Worker>("JournalSync", [this] { SyncLoop(); });
-  _snapshot = std::make_unique<Worker>("Snapshot", [this] { SnapshotLoop(); });
+  _sync = std::make_unique<LoopThread>("JournalSync", [this] { SyncLoop(); });
+  _snapshot = std::make_unique<LoopThread>("Snapshot", [this] { SnapshotLoop(); });
 }
 
 void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
   if (changedGroups.empty()) return;
   const std::optional<Change> change = TryToDescribe(userSettings, changedGroups);
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_synced == _last) _firstUnsynced = Clock::now();
+  if (_synced == _last) {
+    _firstUnsynced = Clock::now();
+    TellSinceWhenUnsaved(std::time(nullptr));
+  }
   AddTicket(changedGroups);
   if (_keepsChanges) NoteChanged(changedGroups);
   if (!change) {
@@ -165,7 +160,8 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<Journal> journal = _journal;
   const DurabilityGate::Ticket last = _last;
   _firstUnsynced = Clock::now();  // no change that is made from now on is older
-  BeginToWatchSync();
+  const std::time_t now = std::time(nullptr);
+  if (_watch.Begin(_firstUnsynced)) _wakeSnapshot.notify_one();
   try {
     lock.unlock();
     journal->SyncRecords();
@@ -176,15 +172,15 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
       _gate.SetDurable(last);
     }
     lock.lock();
-    EndSync();
+    if (_watch.End()) _wakeSnapshot.notify_one();
     if (!isInPlace) return;
     _synced = std::max(_synced, last);
+    TellSinceWhenUnsaved(_synced == _last ? 0 : now);
     if (!_snapshotIsAsked && !_keepsChanges) _delay = std::chrono::seconds(0);
     SayThatAllIsWell();
   } catch (const std::exception& exception) {
     if (!lock.owns_lock()) lock.lock();
-    _syncBegan.reset();
-    _saidThatItHangs = false;
+    if (_watch.End()) _wakeSnapshot.notify_one();
     if (journal != _journal) return;  // a snapshot has made it worthless meanwhile
     _observer(false, 0);
     Fail(ReasonOf(exception));
@@ -203,35 +199,10 @@ bool UserSettingsPersister::TakePlace(Journal& journal) {
   return true;
 }
 
-// A disk that hangs says nothing: somebody else has to. To be woken for each sync would cost more than it is worth.
-void UserSettingsPersister::BeginToWatchSync() {
-  _syncBegan = _firstUnsynced;
-  if (std::exchange(_watchesSync, true)) return;
-  _nextLook = _firstUnsynced + kLongSync;
-  _wakeSnapshot.notify_one();
-}
-
-void UserSettingsPersister::WatchSync() {
-  const Clock::time_point now = Clock::now();
-  if (!_watchesSync || now < _nextLook) return;
-  const bool hangs = _syncBegan && now - *_syncBegan >= kLongSync;
-  if (hangs && !std::exchange(_saidThatItHangs, true))
-    _log.AddWarning(_quotedPath.c_str(), ": the disk takes long to sync the last changes");
-  _watchesSync = _syncBegan.has_value();
-  _nextLook = (hangs || !_syncBegan ? now : *_syncBegan) + kLongSync;
-}
-
-void UserSettingsPersister::EndSync() {
-  _syncBegan.reset();
-  if (!std::exchange(_saidThatItHangs, false)) return;
-  _log.AddWarning(_quotedPath.c_str(), ": the disk syncs changes again");
-  _wakeSnapshot.notify_one();
-}
-
 void UserSettingsPersister::SnapshotLoop() {
   std::unique_lock<std::mutex> lock(_mutex);
   while (!_stop) {
-    WatchSync();
+    _watch.Look(Clock::now());
     if (!_log.IsEmpty()) {
       lock.unlock();
       _log.Write();
@@ -247,10 +218,11 @@ void UserSettingsPersister::SnapshotLoop() {
 }
 
 void UserSettingsPersister::AwaitWork(std::unique_lock<std::mutex>& lock) {
+  const std::optional<Clock::time_point> look = _watch.GetNextLook();
   if (_snapshotIsAsked) {
-    _wakeSnapshot.wait_until(lock, _watchesSync ? std::min(_nextLook, _nextTry) : _nextTry);
-  } else if (_watchesSync) {
-    _wakeSnapshot.wait_until(lock, _nextLook);
+    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _nextTry) : _nextTry);
+  } else if (look) {
+    _wakeSnapshot.wait_until(lock, *look);
   } else {
     _wakeSnapshot.wait(lock);
   }
@@ -381,8 +353,12 @@ void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, Dur
     _gate.Hold();
   }
   if (_synced == _last || _durability.kind == Durability::Kind::kNone) SayThatAllIsWell();
-  if (_synced == _last) _delay = std::chrono::seconds(0);
-  if (_synced < _last) _wakeSync.notify_one();
+  if (_synced == _last) {
+    _delay = std::chrono::seconds(0);
+    TellSinceWhenUnsaved(0);
+  } else {
+    _wakeSync.notify_one();
+  }
   LetGoUnlessAlways();
 }
 
@@ -393,6 +369,10 @@ void UserSettingsPersister::FailToFollow(const char* reason) {
   if (!_journal) return Fail(reason);
   _log.AddWarning(reason, kJournalGoesOn);
   TryLater();
+}
+
+void UserSettingsPersister::TellSinceWhenUnsaved(std::time_t since) {
+  if (_unsavedObserver && _durability.kind != Durability::Kind::kNone) _unsavedObserver(since);
 }
 
 // Until there is a snapshot that a journal can follow, a change is in memory alone: to show it would promise too much,
@@ -454,7 +434,12 @@ void UserSettingsPersister::Stop() {
 }
 
 bool UserSettingsPersister::Finish(std::chrono::milliseconds limit, const LateEnd& onLate) {
-  const Deadline deadline(limit, [&] { onLate(IsSaved()); });
+  std::optional<Deadline> deadline;
+  try {
+    deadline.emplace(limit, [&] { onLate(IsSaved()); });
+  } catch (const std::exception& exception) {
+    _log.AddWarning(ReasonOf(exception));  // then it takes as long as it takes
+  }
   Stop();
   const bool isSaved = WriteTheLast();
   _log.Write();

@@ -2,10 +2,10 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <string>
 
@@ -13,11 +13,11 @@
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/Snapshot.h"
+#include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
-#include "tavix/osa/Runnable.h"
-#include "tavix/osa/Thread.h"
 
 namespace tavix::daemon {
 
@@ -44,11 +44,17 @@ class UserSettingsPersister {
   // What became of a sync or a snapshot; bytes: the snapshot's, else 0.
   using SaveObserver = std::function<void(bool succeeded, size_t bytes)>;
 
+  // Since when there are changes that the disk lacks, in seconds since the epoch; 0: there are none. Never called with
+  // kNone.
+  using UnsavedObserver = std::function<void(std::time_t since)>;
+
   // The disk does not let Finish end. isSaved: whether it has everything all the same.
   using LateEnd = std::function<void(bool isSaved)>;
 
-  // files: outlive the object. path: the snapshot's; links are not followed. observer: called from any thread.
-  UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability, SaveObserver observer);
+  // files: outlive the object. path: the snapshot's; links are not followed. The observers are called from any thread,
+  // which may hold the store's lock; the second may be empty.
+  UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability, SaveObserver observer,
+                        UnsavedObserver unsavedObserver = {});
 
   // Nothing is saved any more.
   ~UserSettingsPersister();
@@ -77,27 +83,11 @@ class UserSettingsPersister {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // A thread that runs one of the loops.
-  class Worker : private osa::Runnable {
-   public:
-    Worker(const char* name, std::function<void()> loop);
-    ~Worker() override;
-
-   private:
-    void Run() override { _loop(); }
-
-    const std::function<void()> _loop;
-    osa::Thread _thread;
-  };
-
   void SyncLoop();
   bool AwaitSync(std::unique_lock<std::mutex>& lock);
   void SyncJournal(std::unique_lock<std::mutex>& lock);
   void SnapshotLoop();
   void AwaitWork(std::unique_lock<std::mutex>& lock);
-  void BeginToWatchSync();
-  void WatchSync();
-  void EndSync();
   bool TakePlace(Journal& journal);
   bool WriteSnapshot();
   void RemoveGivenUpJournal();
@@ -111,6 +101,7 @@ class UserSettingsPersister {
   void NoteChanged(const std::set<std::string>& changedGroups);
   void Append(const Change& change);
   void OpenJournal(const Change& change);
+  void TellSinceWhenUnsaved(std::time_t since);
   void LetGoUnlessAlways();
   void AskForSnapshot();
   void SayThatAllIsWell();
@@ -125,6 +116,7 @@ class UserSettingsPersister {
   const std::string _quotedPath;  // for messages
   const Durability _durability;
   const SaveObserver _observer;
+  const UnsavedObserver _unsavedObserver;
   DurabilityGate _gate;
   UserSettingsFiles _files;
   LayerReader _readLayer;
@@ -132,23 +124,20 @@ class UserSettingsPersister {
 
   std::mutex _names;  // held by whoever makes a journal, or gives one its place
   std::mutex _mutex;  // guards what follows
+  SyncWatch _watch;
   std::condition_variable _wakeSync;
   std::condition_variable _wakeSnapshot;
   bool _stop = false;
   SnapshotId _snapshotId;  // generation 0: changes can't be appended to a journal yet
   uint64_t _nextGeneration = 1;
   size_t _snapshotBytes = 0;
-  std::shared_ptr<Journal> _journal;            // null: none since the snapshot
-  DurabilityGate::Ticket _last = 0;             // the last change
-  DurabilityGate::Ticket _synced = 0;           // the last that is durable
-  Clock::time_point _firstUnsynced{};           // when the oldest change that is not was made
-  std::optional<Clock::time_point> _syncBegan;  // the one that is under way
-  bool _watchesSync = false;                    // "Snapshot" wakes up then, to see whether it hangs:
-  Clock::time_point _nextLook{};
-  bool _saidThatItHangs = false;
-  bool _failed = false;          // the disk lacks changes that were served
-  bool _saysWhenWell = false;    // nobody was told yet that it has them again
-  bool _leftNewJournal = false;  // one was given up on its way, and nobody needs it
+  std::shared_ptr<Journal> _journal;   // null: none since the snapshot
+  DurabilityGate::Ticket _last = 0;    // the last change
+  DurabilityGate::Ticket _synced = 0;  // the last that is durable
+  Clock::time_point _firstUnsynced{};  // when the oldest change that is not was made
+  bool _failed = false;                // the disk lacks changes that were served
+  bool _saysWhenWell = false;          // nobody was told yet that it has them again
+  bool _leftNewJournal = false;        // one was given up on its way, and nobody needs it
   bool _snapshotIsAsked = false;
   Clock::time_point _nextTry{};    // no snapshot before
   std::chrono::seconds _delay{0};  // until the next try, after a failure
@@ -156,8 +145,8 @@ class UserSettingsPersister {
   std::set<std::string> _changed;  // ... that lacks what became of these groups ...
   bool _missesChanges = false;     // ... and of others, whose names there was no memory for
 
-  std::unique_ptr<Worker> _sync;
-  std::unique_ptr<Worker> _snapshot;
+  std::unique_ptr<LoopThread> _sync;
+  std::unique_ptr<LoopThread> _snapshot;
 };
 
 }  // namespace tavix::daemon

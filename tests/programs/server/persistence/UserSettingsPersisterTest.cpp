@@ -218,6 +218,19 @@ TEST_F(Persister, DefaultGroupThatWasTakenAwayIsHeldTooAndNoOther) {
   EXPECT_THAT(Load(_files), HasSubstr("=Default\n"));
 }
 
+TEST_F(Persister, TellsSinceWhenTheDiskLacksAChange) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  EXPECT_EQ(store.GetUnsavedSince(), 0);
+  const std::time_t before = std::time(nullptr);
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  EXPECT_GE(store.GetUnsavedSince(), before);
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_TRUE(Eventually([&] { return store.GetUnsavedSince() == 0; }));
+}
+
 TEST_F(Persister, ManyChangesWaitForOneSync) {
   PersistedStore store(_files, kAlways);
   {
