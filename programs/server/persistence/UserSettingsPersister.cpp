@@ -19,6 +19,8 @@ constexpr std::chrono::seconds kFirstDelay{1};
 constexpr std::chrono::seconds kLongestDelay{60};
 constexpr size_t kFewGroups = 16;  // are written while nobody can change anything
 constexpr int kMostRounds = 4;
+constexpr size_t kFewParts = 4;
+constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 constexpr char kJournalGoesOn[] = "; the journal goes on, and the snapshot is tried again";
 
 const core::Logger& Log() {
@@ -89,7 +91,7 @@ void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::s
     TellSinceWhenUnsaved(std::time(nullptr));
   }
   AddTicket(changedGroups);
-  if (_keepsChanges) NoteChanged(changedGroups);
+  if (_collects || _keepsChanges) NoteChanged(changedGroups);
   if (!change) {
     Fail(ReasonOf(std::bad_alloc()));
   } else if (!_failed && _snapshotId.generation != 0 && (_journal || !_keepsChanges)) {
@@ -231,19 +233,22 @@ void UserSettingsPersister::AwaitWork(std::unique_lock<std::mutex>& lock) {
 // The caller does not hold the lock.
 bool UserSettingsPersister::WriteSnapshot() {
   try {
-    core::StringOstream text;
     SnapshotEnd end;
     DurabilityGate::Ticket last = 0;
     RemoveGivenUpJournal();
-    text.Reserve(_snapshotBytes + kLeastJournal);
-    BeginSnapshot(text);
+    LayerText layerText;
+    CollectText(layerText);
     _readLayer([&](const core::IniFile& layer) {
-      layer.SaveToStream(text);
+      for (const size_t part : layerText.FindParts(TakeChanged())) layerText.MakeAgain(layer, part);
       std::lock_guard<std::mutex> lock(_mutex);
       end = BeginToKeepChanges();
       last = _last;
     });
     end.written = GetTimeOfSnapshot();
+    core::StringOstream text;
+    text.Reserve(layerText.CountBytes() + kBytesAround);
+    BeginSnapshot(text);
+    layerText.MoveTo(text);
     const SnapshotId id = EndSnapshot(text, end);
     for (const std::string& notice : _files.ReplaceSnapshot(text.GetText(), end.written))
       _log.AddWarning(notice.c_str());
@@ -253,6 +258,33 @@ bool UserSettingsPersister::WriteSnapshot() {
     FailSnapshot(ReasonOf(exception));
     return false;
   }
+}
+
+// Nobody waits for longer than a part takes. What is left to be done in one go are the parts that changed while the
+// last round went on. The caller does not hold the lock.
+void UserSettingsPersister::CollectText(LayerText& text) {
+  BeginToCollect();
+  for (bool isLast = false; !isLast;) _readLayer([&](const core::IniFile& layer) { isLast = !text.AddPart(layer); });
+  for (int round = 0; round < kMostRounds; ++round) {
+    const std::set<size_t> parts = text.FindParts(TakeChanged());
+    for (const size_t part : parts) _readLayer([&](const core::IniFile& layer) { text.MakeAgain(layer, part); });
+    if (parts.size() <= kFewParts) return;
+  }
+}
+
+// The caller does not hold the lock.
+void UserSettingsPersister::BeginToCollect() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _collects = true;
+  _missesChanges = false;
+  _changed.clear();
+}
+
+// The caller does not hold the lock.
+std::set<std::string> UserSettingsPersister::TakeChanged() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_missesChanges) throw std::bad_alloc();
+  return std::exchange(_changed, {});
 }
 
 // It may have the room that the snapshot needs. The caller does not hold the lock.
@@ -274,9 +306,8 @@ SnapshotEnd UserSettingsPersister::BeginToKeepChanges() {
     end.journalFollows = _journal ? _journal->GetFollowed().generation : _snapshotId.generation;
     end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
   }
+  _collects = false;
   _keepsChanges = true;
-  _missesChanges = false;
-  _changed.clear();
   _snapshotIsAsked = false;
   return end;
 }
@@ -385,6 +416,7 @@ void UserSettingsPersister::LetGoUnlessAlways() {
 void UserSettingsPersister::FailSnapshot(const char* reason) {
   _observer(false, 0);
   std::lock_guard<std::mutex> lock(_mutex);
+  _collects = false;
   _keepsChanges = false;
   _changed.clear();
   if (_snapshotId.generation == 0 || _failed) return Fail(reason);

@@ -13,6 +13,7 @@
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/LayerText.h"
 #include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/SyncWatch.h"
@@ -91,6 +92,9 @@ class UserSettingsPersister {
   bool TakePlace(Journal& journal);
   bool WriteSnapshot();
   void RemoveGivenUpJournal();
+  void CollectText(LayerText& text);
+  void BeginToCollect();
+  std::set<std::string> TakeChanged();
   SnapshotEnd BeginToKeepChanges();
   void TakeOver(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
   std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot);
@@ -141,7 +145,8 @@ class UserSettingsPersister {
   bool _snapshotIsAsked = false;
   Clock::time_point _nextTry{};    // no snapshot before
   std::chrono::seconds _delay{0};  // until the next try, after a failure
-  bool _keepsChanges = false;      // a snapshot is being written ...
+  bool _collects = false;          // a snapshot's text is being made ...
+  bool _keepsChanges = false;      // or written ...
   std::set<std::string> _changed;  // ... that lacks what became of these groups ...
   bool _missesChanges = false;     // ... and of others, whose names there was no memory for
 

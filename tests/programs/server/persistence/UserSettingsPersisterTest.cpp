@@ -23,6 +23,7 @@ using settings::common::GroupNameMatcher;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using Kind = MemoryFiles::Operation::Kind;
 
@@ -270,9 +271,40 @@ TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptOnceForEachGro
   snapshot.Await();
   for (int i = 0; i < 50; ++i) store.Merge("[B]\nx=" + std::string(1000, 'x') + std::to_string(i) + "\n");
   snapshot.GoOn();
-  store.AwaitDurable();
-  EXPECT_TRUE(Eventually([&] { return CountRecords(_files.Get("user.ini.journal")) == 1; }));
+  int value = 0;
+  EXPECT_TRUE(Eventually([&] {  // the next journal takes its place with the first change that it holds alone
+    store.Merge("[C]\nz=" + std::to_string(++value) + "\n");
+    store.AwaitDurable();
+    return CountRecords(_files.Get("user.ini.journal")) < 50;
+  }));
+  const std::string journal = _files.Get("user.ini.journal");
+  EXPECT_THAT(journal, HasSubstr("x49\n"));
+  EXPECT_THAT(journal, Not(HasSubstr("x48\n")));
   EXPECT_TRUE(PowerCutsLeave("x49\n"));
+}
+
+// The text of a large layer is made part by part, and is that of one moment all the same.
+TEST_F(Persister, SnapshotOfALayerThatChangesMeanwhileIsOneStateOfIt) {
+  PersistedStore store(_files, kNever);
+  std::string large;
+  for (int group = 0; group < 300; ++group)
+    large += "[G" + std::to_string(group) + "]\nx=" + std::string(2000, 'x') + "\n";
+  store.Merge(large);
+  std::atomic<bool> isOver{false};
+  BackgroundCall writer([&] {
+    for (int i = 0; !isOver; ++i)
+      store.Merge("[G0]\nn=" + std::to_string(i) + "\n[G299]\nn=" + std::to_string(i) + "\n");
+  });
+  for (size_t snapshots = CountSnapshots(_files), last = snapshots + 10; snapshots < last;) {
+    if (!Eventually([&] { return CountSnapshots(_files) > snapshots; })) break;
+    snapshots = CountSnapshots(_files);
+    const core::IniFile saved = DocumentOf(_files.Get(kUserFile));
+    EXPECT_EQ(saved.GetValueOrDefault("G0", "n"), saved.GetValueOrDefault("G299", "n"));
+  }
+  isOver = true;
+  writer.Join();
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(Load(_files), UserSettingsOf(store.GetManager()));
 }
 
 TEST_F(Persister, NextJournalThatCanNotBeMadeLeavesTheOneBefore) {
@@ -414,7 +446,7 @@ TEST_F(Persister, JournalThatWasGivenUpOnItsWayLeavesItsRoom) {
   sync.GoOn();
   EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=3\n"; }));
   const auto names = _files.GetNames();
-  EXPECT_THAT(names, testing::Not(Contains("user.ini.journal.new")));
+  EXPECT_THAT(names, Not(Contains("user.ini.journal.new")));
 }
 
 TEST_F(Persister, IntervalSyncsByItself) {
