@@ -58,6 +58,7 @@ struct Counters {
   Counter saved;  // changes of the user settings that reached the file
   Counter notSaved;
   Counter lastSave;       // when, in seconds since the epoch; 0: never
+  Counter unsavedSince;   // likewise, when the oldest change was made that the disk lacks; 0: there is none
   Counter userFileBytes;  // as it was last loaded or saved
 
   Counter defaultGroups;  // as they were last loaded

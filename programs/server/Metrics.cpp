@@ -1,5 +1,7 @@
 #include "programs/server/Metrics.h"
 
+#include <ctime>
+
 #include "programs/server/MetricsText.h"
 #include "programs/server/ProcessFigures.h"
 #include "tavix/settings/server/ClientHandler.h"
@@ -65,12 +67,20 @@ void AddLayers(MetricsText& text, const Counters& counters, const SettingsManage
   text.Add(static_cast<unsigned long long>(sizes.allKeys), {{"layer", "effective"}});
 }
 
+// since: in seconds since the epoch; 0: never.
+unsigned long long AgeOf(unsigned long long since) {
+  const auto now = static_cast<unsigned long long>(std::time(nullptr));
+  return since == 0 || now < since ? 0 : now - since;
+}
+
 void AddSaves(MetricsText& text, const Counters& counters) {
   text.BeginCounter("saves_total", "Attempts to save the user settings.");
   text.Add(counters.saved.Get(), {{"result", "ok"}});
   text.Add(counters.notSaved.Get(), {{"result", "failed"}});
   text.BeginGauge("last_save_time_seconds", "When the user settings were last saved, since the epoch; 0: not yet.");
   text.Add(counters.lastSave.Get());
+  text.BeginGauge("unsaved_seconds", "Age of the oldest change that the disk lacks; 0: there is none.");
+  text.Add(AgeOf(counters.unsavedSince.Get()));
   text.BeginGauge("user_file_bytes", "Size of the user settings' file as it was last loaded or saved.");
   text.Add(counters.userFileBytes.Get());
 }

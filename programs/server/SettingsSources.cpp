@@ -1,15 +1,19 @@
 #include "programs/server/SettingsSources.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <sstream>
 #include <utility>
 
 #include "programs/server/LayerFiles.h"
 #include "programs/server/LinkTarget.h"
+#include "programs/server/Program.h"
+#include "programs/server/persistence/Deadline.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -27,6 +31,8 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
+constexpr std::chrono::seconds kMostForTheEnd{10};  // with what comes before, less than the unit's TimeoutStopSec
+constexpr std::chrono::seconds kMostForALine{1};
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -112,7 +118,21 @@ std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, con
       counters.CountFailedSave();
     }
   };
-  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count);
+  const auto noteUnsaved = [&counters](std::time_t since) {
+    counters.unsavedSince.Set(static_cast<unsigned long long>(since));
+  };
+  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count, noteUnsaved);
+}
+
+// A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a
+// log that nobody reads.
+void EndAtOnce(bool isSaved) {
+  const int status = isSaved ? kExitDone : kExitNotSaved;
+  const Deadline silent(kMostForALine, [status] { _exit(status); });
+  core::Logger::GetLogger("UserSettings")
+      ->Error("The disk does not answer; the daemon ends without a snapshot%s",
+              isSaved ? "" : ", and the last changes are lost");
+  _exit(status);
 }
 
 }  // namespace
@@ -274,7 +294,7 @@ DurabilityGate* SettingsStore::GetGate() {
 
 bool SettingsStore::Finish() {
   UserSettingsPersister* const persister = _sources.GetPersister();
-  return !persister || persister->Finish();
+  return !persister || persister->Finish(kMostForTheEnd, EndAtOnce);
 }
 
 }  // namespace tavix::daemon

@@ -100,7 +100,7 @@ class SettingsStore {
   DurabilityGate* GetGate();
 
   // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved.
+  // saved. Ends the process itself when the disk takes more than 10 s.
   bool Finish();
 
  private:

@@ -27,6 +27,9 @@ class StringOstream : public std::ostream {
   void Append(std::string_view text) { _buffer.text.append(text); }
   void AppendLine(std::string_view line) { _buffer.text.append(line).push_back('\n'); }
 
+  // Asks for memory for a text of that length in advance.
+  void Reserve(size_t bytes) { _buffer.text.reserve(bytes); }
+
   // Forgets the text and any error; keeps "most" bytes of memory for the next one.
   void Reset(size_t most) {
     _buffer.text.clear();

@@ -95,6 +95,14 @@ ssize_t CountToWrite(int descriptor, size_t count) {
   return static_cast<ssize_t>(fault == FileFaultControl::kShortWrite && count > 1 ? count / 2 : count);
 }
 
+bool IsFile(int descriptor) {
+  struct stat status {};
+  const int before = errno;
+  const bool isFile = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+  errno = before;
+  return isFile;
+}
+
 void StandWhileHeld(int descriptor) {
   if (!Control()) return;
   const OpenPath path(descriptor);
@@ -180,6 +188,7 @@ TAVIX_REPLACES int fdatasync(int descriptor) {
 }
 
 TAVIX_REPLACES int fsync(int descriptor) {
+  if (tavix::test::IsFile(descriptor)) tavix::test::StandWhileHeld(descriptor);
   if (tavix::test::FailsOn(descriptor)) return -1;
   return tavix::test::Next<int(int)>("fsync")(descriptor);
 }

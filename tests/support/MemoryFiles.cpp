@@ -14,8 +14,8 @@ using Kind = MemoryFiles::Operation::Kind;
 namespace {
 
 const char* NameOf(Kind kind) {
-  static constexpr const char* kNames[] = {"create",  "open", "write",  "sync",          "set the time of",
-                                           "replace", "link", "remove", "sync directory"};
+  static constexpr const char* kNames[] = {"create",          "open",    "make room for", "write",  "sync",
+                                           "set the time of", "replace", "link",          "remove", "sync directory"};
   return kNames[static_cast<size_t>(kind)];
 }
 
@@ -42,6 +42,13 @@ class MemoryFiles::OpenFile : public File {
     _files.Do(std::move(operation), [&](Operation&, bool fails) {
       _files.Write(_number, offset, fails ? bytes.substr(0, bytes.size() / 2) : bytes);
     });
+  }
+
+  void Reserve(uint64_t bytes) override {
+    Operation operation = MakeOperation(Kind::kReserve, _path);
+    operation.file = _number;
+    operation.offset = bytes;
+    _files.Do(std::move(operation), [](Operation&, bool) {});
   }
 
   void Sync() override {
@@ -158,6 +165,14 @@ void MemoryFiles::Remove(const std::string& path) {
 bool MemoryFiles::Exists(const std::string& path) {
   std::lock_guard<std::mutex> lock(_mutex);
   return _names.count(path) > 0;
+}
+
+void MemoryFiles::Sync(const std::string& path) {
+  Do(MakeOperation(Kind::kSync, path), [&](Operation& operation, bool) {
+    const auto name = _names.find(path);
+    if (name == _names.end()) throw osa::Exception("Failed to open '%s': No such file or directory", path.c_str());
+    operation.file = name->second;
+  });
 }
 
 void MemoryFiles::SyncDirectoryOf(const std::string& path) {

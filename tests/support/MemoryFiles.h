@@ -20,7 +20,7 @@ namespace tavix::test {
 class MemoryFiles : public daemon::FileSystem {
  public:
   struct Operation {
-    enum class Kind { kCreate, kOpen, kWrite, kSync, kSetTime, kRename, kLink, kRemove, kSyncDirectory };
+    enum class Kind { kCreate, kOpen, kReserve, kWrite, kSync, kSetTime, kRename, kLink, kRemove, kSyncDirectory };
 
     Kind kind = Kind::kCreate;
     std::string path;  // of a file: the one that it was created or opened with
@@ -43,6 +43,7 @@ class MemoryFiles : public daemon::FileSystem {
   void Link(const std::string& from, const std::string& to) override;
   void Remove(const std::string& path) override;
   bool Exists(const std::string& path) override;
+  void Sync(const std::string& path) override;
   void SyncDirectoryOf(const std::string& path) override;
 
   void Put(const std::string& path, const std::string& bytes);

@@ -28,6 +28,7 @@ bool PowerCuts::Advance() {
   DiskFile& file = _files[operation.file];
   switch (operation.kind) {
     case Kind::kOpen:
+    case Kind::kReserve:
       break;
     case Kind::kWrite:
       file.unsynced.push_back(&operation);

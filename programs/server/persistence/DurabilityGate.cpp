@@ -58,15 +58,17 @@ void DurabilityGate::Release(Ticket ticket) {
   decltype(_waiting) released;
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    if (IsDurable(ticket)) return;
+    // One that is durable already may have become so while nothing was held, without anybody being told.
+    ticket = std::max(ticket, _durable.load(std::memory_order_relaxed));
     _durable.store(ticket, std::memory_order_release);
     for (auto group = _groups.begin(); group != _groups.end();) {
       group = group->second <= ticket ? _groups.erase(group) : std::next(group);
     }
-    const auto first =
-        std::partition(_waiting.begin(), _waiting.end(), [&](const auto& waiting) { return waiting.first > ticket; });
-    std::move(first, _waiting.end(), std::back_inserter(released));
-    _waiting.erase(first, _waiting.end());
+    for (auto waiting = _waiting.begin(); waiting != _waiting.end();) {
+      const auto next = std::next(waiting);
+      if (waiting->first <= ticket) released.splice(released.end(), _waiting, waiting);
+      waiting = next;
+    }
   }
   for (const auto& waiting : released) waiting.second->OnDurable();
 }

@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "tavix/settings/common/GroupNameMatcher.h"
 
@@ -40,7 +40,8 @@ class DurabilityGate {
   DurabilityGate(const DurabilityGate&) = delete;
   DurabilityGate& operator=(const DurabilityGate&) = delete;
 
-  // A change of these groups, made in memory by this thread and visible to nobody yet. null: any group may show it.
+  // A change of these groups, made in memory by this thread and visible to nobody yet. null: any group may show it, and
+  // no memory is asked for.
   Ticket Add(const std::set<std::string>* groups);
 
   // All changes up to that one are durable. Tells who waits for them.
@@ -73,7 +74,7 @@ class DurabilityGate {
   bool _letsGo = false;
   std::map<std::string, Ticket> _groups;  // the last change of each, where it is not durable
   Ticket _lastOfAny = 0;                  // the last change that any group may show
-  std::vector<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;
+  std::list<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;  // to be let go without memory
 };
 
 }  // namespace tavix::daemon

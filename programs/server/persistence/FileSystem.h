@@ -19,7 +19,12 @@ class File {
   // Fills a gap behind the file's end with zeros.
   virtual void WriteAt(uint64_t offset, std::string_view bytes) = 0;
 
-  // Returns once everything that was written before is on the disk. The file's name may not be.
+  // Takes room on the disk for the file's first bytes, so that the disk can't be found full half-way. Throws when there
+  // is none; then none is taken. Where the file system can't do that, nothing happens.
+  virtual void Reserve(uint64_t bytes) = 0;
+
+  // Returns once everything that was written before is on the disk, a modification time that was set too. The file's
+  // name may not be.
   virtual void Sync() = 0;
 
   // nanoseconds: since the epoch.
@@ -48,7 +53,8 @@ class FileSystem {
   // An existing file, to be written to.
   virtual std::unique_ptr<File> Open(const std::string& path) = 0;
 
-  // Throws nothing but std::bad_alloc. Only regular files have content; nothing else is waited for.
+  // Throws nothing but std::bad_alloc. Only regular files have content, and those that could be ours by their size;
+  // nothing else is waited for.
   virtual FileContent Read(const std::string& path) = 0;
 
   // Replaces what stands at "to", as one step.
@@ -62,9 +68,15 @@ class FileSystem {
 
   virtual bool Exists(const std::string& path) = 0;
 
+  // Returns once the content of an existing file is on the disk, whoever wrote it. It need not be writable.
+  virtual void Sync(const std::string& path) = 0;
+
   // Returns once the names in the file's directory are on the disk.
   virtual void SyncDirectoryOf(const std::string& path) = 0;
 };
+
+// Removes what is of no use; a failure is none of anybody's business.
+void RemoveQuietly(FileSystem& files, const std::string& path);
 
 // The files of this machine.
 FileSystem& GetSystemFiles();

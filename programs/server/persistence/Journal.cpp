@@ -1,6 +1,7 @@
 #include "programs/server/persistence/Journal.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace tavix::daemon {
 
@@ -11,13 +12,24 @@ constexpr uint64_t kMostFilled = 1024 * 1024;
 
 }  // namespace
 
-std::unique_ptr<Journal> Journal::Create(FileSystem& files, const std::string& snapshotPath, uint64_t follows,
-                                         const std::vector<Change>& changes) {
+std::unique_ptr<Journal> Journal::Create(FileSystem& files, const std::string& snapshotPath,
+                                         const SnapshotId& follows) {
   std::unique_ptr<Journal> journal(new Journal(files, snapshotPath, follows));
   journal->_file = files.Create(NewPathOf(snapshotPath));
-  std::string bytes = EncodeJournalHeader(follows, journal->_checksum);
-  for (const Change& change : changes) bytes += EncodeRecord(change, journal->_checksum);
-  journal->Write(bytes);
+  journal->FillAhead(journal->_end);
+  return journal;
+}
+
+std::unique_ptr<Journal> Journal::Create(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows,
+                                         const std::vector<Change>& changes) {
+  std::unique_ptr<Journal> journal = Create(files, snapshotPath, follows);
+  try {
+    for (const Change& change : changes) journal->Append(change);
+    journal->Begin();
+  } catch (...) {
+    RemoveQuietly(files, NewPathOf(snapshotPath));
+    throw;
+  }
   return journal;
 }
 
@@ -35,18 +47,30 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
 }
 
 void Journal::Append(const Change& change) {
-  Write(EncodeRecord(change, _checksum));
-}
-
-void Journal::Write(const std::string& bytes) {
+  uint32_t checksum = _checksum;
+  const std::string bytes = EncodeRecord(change, checksum);
   const uint64_t end = _end + bytes.size();
-  if (end > _filled) {
-    const uint64_t filled = end + std::clamp(end, kLeastFilled, kMostFilled);
-    _file->WriteAt(_filled, std::string(static_cast<size_t>(filled - _filled), '\0'));
-    _filled = filled;
-  }
+  if (end > _filled) FillAhead(end);
   _file->WriteAt(_end, bytes);
   _end = end;
+  _filled = std::max(_filled, end);
+  _checksum = checksum;
+}
+
+void Journal::Begin() {
+  _file->WriteAt(0, EncodeJournalHeader(_follows, _end));
+}
+
+// A disk that has no room for zeros may have room for a record: what is wrong is the record's to find out.
+void Journal::FillAhead(uint64_t end) {
+  const uint64_t filled = end + std::clamp(end, kLeastFilled, kMostFilled);
+  try {
+    _file->Reserve(filled);
+    _file->WriteAt(_filled, std::string(static_cast<size_t>(filled - _filled), '\0'));
+    _filled = filled;
+  } catch (const std::exception&) {
+    return;
+  }
 }
 
 void Journal::Sync() {

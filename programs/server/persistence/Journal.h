@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -13,7 +14,7 @@ namespace tavix::daemon {
 // The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
 // when it is synced for the first time: until then what was synced into the old one counts.
 //
-// The file is filled with zeros ahead of its records, so that a sync has no metadata to write.
+// The file is filled with zeros ahead of its records where there is room, so that a sync has no metadata to write.
 // Threads: one appends while another syncs records or the name; taking the place is for one at a time.
 // Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
@@ -21,8 +22,11 @@ class Journal {
   static std::string PathOf(const std::string& snapshotPath) { return snapshotPath + ".journal"; }
   static std::string NewPathOf(const std::string& snapshotPath) { return snapshotPath + ".journal.new"; }
 
-  // A new journal that begins with these changes. files: outlive it.
-  static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, uint64_t follows,
+  // A new journal that counts once it has begun. files: outlive it.
+  static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows);
+
+  // The same, begun with these changes. What fails leaves nothing.
+  static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows,
                                          const std::vector<Change>& changes);
 
   // Goes on where the reader ended. What stands behind, of a change that was never finished, is wiped out: a change
@@ -32,6 +36,9 @@ class Journal {
 
   // Written once it returns, but not synced.
   void Append(const Change& change);
+
+  // From now on a new journal counts, instead of the one before: with all that was appended so far, or not at all.
+  void Begin();
 
   // Returns once what was appended before is on the disk, and will be found there: the three steps below.
   void Sync();
@@ -46,26 +53,27 @@ class Journal {
   // Of a journal that is in place.
   void SyncName();
 
-  uint64_t GetFollowed() const { return _follows; }
+  const SnapshotId& GetFollowed() const { return _follows; }
 
   // Behind the last record.
   uint64_t GetEnd() const { return _end; }
+  bool HasChanges() const { return _end > kJournalHeaderSize; }
 
  private:
-  Journal(FileSystem& files, const std::string& snapshotPath, uint64_t follows)
-      : _files(files), _snapshotPath(snapshotPath), _follows(follows) {}
+  Journal(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows)
+      : _files(files), _snapshotPath(snapshotPath), _follows(follows), _checksum(BeginJournalChecksum(follows)) {}
 
-  void Write(const std::string& bytes);
+  void FillAhead(uint64_t end);
 
   FileSystem& _files;
   const std::string _snapshotPath;
-  const uint64_t _follows;
+  const SnapshotId _follows;
   std::unique_ptr<File> _file;
-  bool _isInPlace = false;
+  std::atomic<bool> _isInPlace{false};
   bool _nameIsSynced = false;  // the syncing thread's
-  uint64_t _end = 0;
+  uint64_t _end = kJournalHeaderSize;
   uint64_t _filled = 0;  // so far the file has been written to
-  uint32_t _checksum = 0;
+  uint32_t _checksum;
 };
 
 }  // namespace tavix::daemon

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "programs/server/persistence/SnapshotId.h"
 #include "tavix/core/IniFile.h"
 
 namespace tavix::daemon {
@@ -25,11 +26,19 @@ void ApplyChange(core::IniFile& document, std::string_view removed, std::string_
 
 // The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each
 // record's checksum covers the one before it, so that records count in their order only, and only in this journal.
-constexpr size_t kJournalHeaderSize = 64;
+constexpr size_t kJournalHeaderSize = 128;
+
+// wholeFrom: where the records end that belong together, and count all or not at all beside another journal.
+std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom);
+
+// What the first record's checksum starts with.
+uint32_t BeginJournalChecksum(const SnapshotId& follows);
 
 // checksum: of what stands before; set to that of what is returned.
-std::string EncodeJournalHeader(uint64_t follows, uint32_t& checksum);
 std::string EncodeRecord(const Change& change, uint32_t& checksum);
+
+// Whether a header may begin so.
+bool IsBeginOfJournal(std::string_view bytes);
 
 // Walks through a journal until its end, or the first record that is torn, damaged or out of order.
 class JournalReader {
@@ -39,7 +48,8 @@ class JournalReader {
 
   // Whether there is a header; nothing else may be asked otherwise.
   bool IsJournal() const { return _isJournal; }
-  uint64_t GetFollowed() const { return _follows; }
+  const SnapshotId& GetFollowed() const { return _follows; }
+  uint64_t GetWholeFrom() const { return _wholeFrom; }
 
   // The next record, its texts within the bytes. False at the end.
   bool Next();
@@ -53,10 +63,22 @@ class JournalReader {
   // Whether something else than the zeros that were filled ahead stands there.
   bool HasMore() const;
 
+  // How many bytes that are.
+  uint64_t CountMore() const;
+
+  // Where the first record behind the end begins that is whole, but does not count for what stands before it. npos:
+  // there is none.
+  size_t FindLater() const;
+
+  // Whether the rest is damaged, rather than a change that was not finished when the power went: that leaves zeros, or
+  // nothing, where it was not written.
+  bool IsRotten() const;
+
  private:
   const std::string_view _bytes;
   bool _isJournal = false;
-  uint64_t _follows = 0;
+  SnapshotId _follows;
+  uint64_t _wholeFrom = 0;
   uint64_t _end = 0;
   uint32_t _checksum = 0;
   std::string_view _removed;

@@ -1,5 +1,6 @@
 #include "programs/server/persistence/Snapshot.h"
 
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -88,14 +89,27 @@ void BeginSnapshot(core::StringOstream& text) {
   text << kFirstLine;
 }
 
-void EndSnapshot(core::StringOstream& text, const SnapshotEnd& end) {
+SnapshotId EndSnapshot(core::StringOstream& text, const SnapshotEnd& end) {
   char line[200];
   std::snprintf(line, sizeof line,
                 "generation %" PRIu64 ", journal %" PRIu64 " to %" PRIu64 ", written %" PRId64 ", crc32 ",
                 end.generation, end.journalFollows, end.journalEnd, end.written);
   text << kLastLine << line;
-  std::snprintf(line, sizeof line, "%08" PRIx32 "\n", Checksum(text.GetText()));
+  const uint32_t checksum = Checksum(text.GetText());
+  std::snprintf(line, sizeof line, "%08" PRIx32 "\n", checksum);
   text << line;
+  return {end.generation, checksum};
+}
+
+bool IsWholeSnapshot(std::string_view text) {
+  return FindLastLine(text).matches;
+}
+
+int64_t GetTimeOfSnapshot() {
+  constexpr int64_t kCoarsest = int64_t{2} * 1000 * 1000 * 1000;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const int64_t nanoseconds = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  return nanoseconds - nanoseconds % kCoarsest;
 }
 
 Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
@@ -103,6 +117,7 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
   if (!content.exists) return snapshot;
   const LastLine line = FindLastLine(content.bytes);
   snapshot.end = line.end;
+  snapshot.checksum = line.checksum;
   snapshot.bytes = content.bytes.size();
   snapshot.problem = FindDamage(content, line);
   if (!snapshot.problem.empty()) snapshot.problem = "'" + path + "': " + snapshot.problem;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/SnapshotId.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/MemoryStream.h"
 
@@ -35,13 +36,22 @@ struct Snapshot {
   State state = State::kAbsent;
   std::string problem;  // what is wrong with a damaged one
   SnapshotEnd end;
+  uint32_t checksum = 0;  // as the last line says
   size_t bytes = 0;
+
+  SnapshotId GetId() const { return {end.generation, checksum}; }
   core::IniFile settings;
 };
 
 // Write what comes before and behind the settings. text: holds what the checksum covers, and nothing else.
 void BeginSnapshot(core::StringOstream& text);
-void EndSnapshot(core::StringOstream& text, const SnapshotEnd& end);
+SnapshotId EndSnapshot(core::StringOstream& text, const SnapshotEnd& end);
+
+// What is not must never take the place of one that is.
+bool IsWholeSnapshot(std::string_view text);
+
+// The time now, as coarse as file systems keep it: another one would look like an edit.
+int64_t GetTimeOfSnapshot();
 
 // Never throws for what the content is like. path: what problems name.
 //

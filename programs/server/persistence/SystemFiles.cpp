@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "programs/server/persistence/FileSystem.h"
+#include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -15,6 +16,7 @@ namespace {
 
 constexpr int64_t kNanosecondsInASecond = 1000 * 1000 * 1000;
 constexpr mode_t kOwnerOnly = 0600;
+constexpr off_t kMostBytes = 1024 * 1024 * 1024;  // of settings; a file that claims more is a file system's damage
 
 [[noreturn]] void Fail(const char* what, const std::string& path) {
   throw osa::Exception("Failed to %s '%s': %s", what, path.c_str(), std::strerror(errno));
@@ -66,8 +68,24 @@ class SystemFile : public File {
     }
   }
 
+  // The file's size stays: what is behind it would read as zeros that were never written.
+  void Reserve(uint64_t bytes) override {
+    const int descriptor = _descriptor.Get();
+    const off_t size = static_cast<off_t>(bytes);
+    if (Retry([&] { return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size); }) == 0) return;
+    const int error = errno;
+    if (error != ENOSPC && error != EDQUOT) return;
+    struct stat status {};
+    const bool isGivenBack = fstat(descriptor, &status) == 0 && ftruncate(descriptor, status.st_size) == 0;
+    static_cast<void>(isGivenBack);  // some file systems keep what they found
+    errno = error;
+    Fail("make room for", _path);
+  }
+
   void Sync() override {
-    if (Retry([&] { return fdatasync(_descriptor.Get()); }) != 0) Fail("sync", _path);
+    const auto sync = [&] { return _timeIsNew ? fsync(_descriptor.Get()) : fdatasync(_descriptor.Get()); };
+    if (Retry(sync) != 0) Fail("sync", _path);
+    _timeIsNew = false;
   }
 
   void SetModificationTime(int64_t nanoseconds) override {
@@ -75,11 +93,13 @@ class SystemFile : public File {
     times[1].tv_sec = nanoseconds / kNanosecondsInASecond;
     times[1].tv_nsec = nanoseconds % kNanosecondsInASecond;
     if (futimens(_descriptor.Get(), times) != 0) Fail("set the time of", _path);
+    _timeIsNew = true;
   }
 
  private:
   const std::string _path;
   const Descriptor _descriptor;
+  bool _timeIsNew = false;
 };
 
 // Until the file's end, which the size is only a guess of.
@@ -122,6 +142,8 @@ class SystemFiles : public FileSystem {
       if (content.exists) content.problem = std::strerror(errno);
     } else if (!S_ISREG(status.st_mode)) {
       content.problem = "not a regular file";
+    } else if (status.st_size > kMostBytes) {
+      content.problem = "it is too large: " + std::to_string(status.st_size) + " bytes";
     } else if (!ReadAll(file.Get(), static_cast<size_t>(status.st_size), content.bytes)) {
       content.problem = std::strerror(errno);
       content.bytes.clear();
@@ -147,6 +169,11 @@ class SystemFiles : public FileSystem {
     return lstat(path.c_str(), &status) == 0;
   }
 
+  void Sync(const std::string& path) override {
+    const Descriptor opened = OpenOrFail("open", path, O_RDONLY | O_NONBLOCK);
+    if (Retry([&] { return fsync(opened.Get()); }) != 0) Fail("sync", path);
+  }
+
   // Some file systems can't sync a directory and say EINVAL; their renames are as durable as they get.
   void SyncDirectoryOf(const std::string& path) override {
     const std::string directory = DirectoryOf(path);
@@ -156,6 +183,14 @@ class SystemFiles : public FileSystem {
 };
 
 }  // namespace
+
+void RemoveQuietly(FileSystem& files, const std::string& path) {
+  try {
+    files.Remove(path);
+  } catch (const std::exception& exception) {
+    core::Logger::GetLogger("UserSettings")->Trace("%s", exception.what());
+  }
+}
 
 FileSystem& GetSystemFiles() {
   static SystemFiles files;

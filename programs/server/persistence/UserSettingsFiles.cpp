@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
@@ -18,6 +19,10 @@ core::Logger* Log() {
 
 std::string BackupOf(const std::string& path) {
   return path + ".bak";
+}
+
+std::string NewPathOf(const std::string& path) {
+  return path + ".new";
 }
 
 // A name that nothing has yet.
@@ -33,28 +38,24 @@ std::string FindBadName(FileSystem& files, const std::string& path) {
   return free;
 }
 
-// A journal as it was found, and how many of its changes the snapshot lacks.
-struct FoundJournal {
-  std::string path;
-  FileContent content;
-  uint64_t changesFrom = 0;  // 0: it does not belong to the snapshot
-  size_t changes = 0;
-};
-
-uint64_t FindWhereChangesBegin(const JournalReader& journal, const SnapshotEnd& snapshot) {
-  if (!journal.IsJournal() || snapshot.generation == 0) return 0;
-  if (journal.GetFollowed() == snapshot.generation) return kJournalHeaderSize;
-  return journal.GetFollowed() == snapshot.journalFollows ? snapshot.journalEnd : 0;
+uint64_t FindWhereChangesBegin(const JournalReader& journal, const Snapshot& snapshot) {
+  if (!journal.IsJournal() || snapshot.end.generation == 0) return 0;
+  if (journal.GetFollowed() == snapshot.GetId()) return kJournalHeaderSize;
+  return journal.GetFollowed().generation == snapshot.end.journalFollows ? snapshot.end.journalEnd : 0;
 }
 
-FoundJournal LookAt(FileSystem& files, const std::string& path, const SnapshotEnd& snapshot) {
-  FoundJournal found{path, files.Read(path), 0, 0};
+FoundJournal LookAt(FileSystem& files, const std::string& path, const Snapshot& snapshot) {
+  FoundJournal found{path, files.Read(path), 0, 0, false};
   JournalReader reader(found.content.bytes);
   found.changesFrom = FindWhereChangesBegin(reader, snapshot);
   if (!reader.IsJournal()) return found;
+  bool goesOnThere = false;
   for (uint64_t begin = reader.GetEnd(); reader.Next(); begin = reader.GetEnd()) {
+    goesOnThere = goesOnThere || begin == found.changesFrom;
     if (begin >= found.changesFrom) ++found.changes;
   }
+  if (found.changes > 0 && !goesOnThere) found.changesFrom = 0;  // it is another device's
+  found.isWhole = found.changesFrom > 0 && reader.GetEnd() >= reader.GetWholeFrom();
   return found;
 }
 
@@ -71,11 +72,26 @@ void AvoidGeneration(uint64_t generation, FoundUserSettings& found) {
   found.nextGeneration = std::max(found.nextGeneration, generation + 1);
 }
 
+// Whether the power went before its beginning was on the disk, and nothing of use behind it is there either.
+bool HasNotBegun(std::string_view bytes) {
+  const std::string_view header = bytes.substr(0, kJournalHeaderSize);
+  const bool isTorn = header.size() < kJournalHeaderSize && IsBeginOfJournal(header);
+  return (isTorn || header.find('\0') != std::string_view::npos) &&
+         JournalReader(bytes).FindLater() == std::string_view::npos;
+}
+
 // Whether it holds changes that are in no snapshot that counts.
 bool IsOrphan(const FoundJournal& journal, const SnapshotEnd& snapshot) {
   if (!journal.content.exists || journal.changesFrom > 0) return false;
   const JournalReader reader(journal.content.bytes);
-  return !reader.IsJournal() || (journal.changes > 0 && reader.GetFollowed() >= snapshot.generation);
+  if (reader.IsJournal()) return journal.changes > 0 && reader.GetFollowed().generation >= snapshot.generation;
+  return !journal.content.problem.empty() || !HasNotBegun(journal.content.bytes);
+}
+
+std::string DescribeOrphan(const FoundJournal& journal) {
+  const std::string name = "'" + journal.path + "'";
+  if (!journal.content.problem.empty()) return "The changes in " + name + " can't be read: " + journal.content.problem;
+  return "The changes in " + name + " belong to no user settings that are there";
 }
 
 }  // namespace
@@ -86,16 +102,27 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   FoundUserSettings found;
   Snapshot snapshot = FindSnapshot(found);
   found.settings = std::move(snapshot.settings);
-  found.generation = snapshot.end.generation;
+  found.snapshot = snapshot.GetId();
   found.snapshotBytes = snapshot.bytes;
   ApplyJournal(snapshot, mayRepair, found);
-  if (mayRepair) MakeDurable(found);
+  if (!mayRepair) return found;
+  if (!found.mustBeWritten) RemoveLeftovers(found);
+  MakeDurable(found);
   return found;
 }
 
-// The daemon before may have ended before it had synced what it wrote, and from now on people are shown that.
+// Of what was on its way when the power went. Room that others may need.
+void UserSettingsFiles::RemoveLeftovers(const FoundUserSettings& found) {
+  RemoveQuietly(_files, NewPathOf(_path));
+  RemoveQuietly(_files, NewPathOf(BackupOf(_path)));
+  if (!found.journal || found.journal->IsInPlace()) RemoveQuietly(_files, Journal::NewPathOf(_path));
+}
+
+// The daemon before may have ended before it had synced what it wrote, or somebody put a copy there a moment ago, and
+// from now on people are shown that.
 void UserSettingsFiles::MakeDurable(FoundUserSettings& found) {
   try {
+    if (!found.isAbsent && !found.mustBeWritten) _files.Sync(_path);
     if (found.journal) {
       found.journal->Sync();
     } else if (!found.isAbsent && !found.mustBeWritten) {
@@ -116,6 +143,7 @@ Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
   if (snapshot.state == Snapshot::State::kEdited)
     found.notices.push_back("'" + _path + "' was edited by hand since it was saved; it is used as it is");
 
+  if (found.isAbsent) return UseNewSnapshot(std::move(snapshot), found);
   const bool isEmpty = content.exists && content.problem.empty() && content.bytes.empty();
   if (snapshot.state != Snapshot::State::kDamaged && !isEmpty) return snapshot;
   Snapshot backup = ReadSnapshot(BackupOf(_path), _files.Read(BackupOf(_path)));
@@ -125,6 +153,17 @@ Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
     snapshot.problem = "'" + _path + "': it is empty";
   }
   return UseBackup(snapshot, std::move(backup), found);
+}
+
+// Something that can't be copied, a directory for instance, was put aside, and the power went before the rename.
+Snapshot UserSettingsFiles::UseNewSnapshot(Snapshot absent, FoundUserSettings& found) {
+  Snapshot next = ReadSnapshot(NewPathOf(_path), _files.Read(NewPathOf(_path)));
+  if (next.state != Snapshot::State::kIntact) return absent;
+  AvoidGeneration(next.end.generation, found);
+  found.isAbsent = false;
+  found.mustBeWritten = true;
+  found.notices.push_back("'" + _path + "' is missing; '" + NewPathOf(_path) + "', which was to be it, is used");
+  return next;
 }
 
 Snapshot UserSettingsFiles::UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found) {
@@ -140,31 +179,55 @@ Snapshot UserSettingsFiles::UseBackup(const Snapshot& damaged, Snapshot backup, 
 }
 
 void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, FoundUserSettings& found) {
-  const FoundJournal inPlace = LookAt(_files, Journal::PathOf(_path), snapshot.end);
-  const FoundJournal onItsWay = LookAt(_files, Journal::NewPathOf(_path), snapshot.end);
+  const FoundJournal inPlace = LookAt(_files, Journal::PathOf(_path), snapshot);
+  const FoundJournal onItsWay = LookAt(_files, Journal::NewPathOf(_path), snapshot);
   for (const FoundJournal* journal : {&inPlace, &onItsWay}) {
-    AvoidGeneration(JournalReader(journal->content.bytes).GetFollowed(), found);
+    AvoidGeneration(JournalReader(journal->content.bytes).GetFollowed().generation, found);
     if (!IsOrphan(*journal, snapshot.end) || (journal == &onItsWay && journal->changes == 0)) continue;
-    found.problems.push_back("The changes in '" + journal->path + "' belong to no user settings that are there");
+    found.problems.push_back(DescribeOrphan(*journal));
     PutAside(journal->path, mayRepair, found);
   }
-  // Both hold the same changes, as far as each goes.
-  const bool newIsLonger =
-      onItsWay.changesFrom > 0 && onItsWay.changes > (inPlace.changesFrom > 0 ? inPlace.changes : 0);
-  const FoundJournal& journal = newIsLonger ? onItsWay : inPlace;
+  // A new one that is whole holds all changes of the one before.
+  const bool newCounts = onItsWay.isWhole && onItsWay.changes > 0;
+  const FoundJournal& journal = newCounts ? onItsWay : inPlace;
   // One without changes does not go on: it may even end before those that the snapshot holds.
   if (journal.changes == 0 || journal.changesFrom == 0) return;
   try {
     const JournalReader reader = Replay(journal, found.settings);
-    if (reader.HasMore())
-      found.notices.push_back("'" + journal.path + "' ends with an unfinished change, which is dropped");
-    if (mayRepair)
+    const bool mayGoOn = !reader.HasMore() || NoteRest(journal, reader, mayRepair, found);
+    found.mustBeWritten = found.mustBeWritten || !mayGoOn;
+    if (mayRepair && mayGoOn)
       found.journal =
-          Journal::Resume(_files, _path, !newIsLonger, reader, static_cast<uint64_t>(journal.content.bytes.size()));
+          Journal::Resume(_files, _path, !newCounts, reader, static_cast<uint64_t>(journal.content.bytes.size()));
   } catch (const std::exception& exception) {
     found.problems.push_back(exception.what());
     found.mustBeWritten = true;
   }
+}
+
+// What follows the last change that counts is to be wiped out. What could be more than a change that was never finished
+// is kept before. False when that is impossible.
+bool UserSettingsFiles::NoteRest(const FoundJournal& journal, const JournalReader& reader, bool mayRepair,
+                                 FoundUserSettings& found) {
+  const std::string dropped = std::to_string(reader.CountMore()) + " bytes";
+  const bool isRotten = reader.IsRotten();
+  std::string text = isRotten ? "'" + journal.path + "' is damaged behind byte " + std::to_string(reader.GetEnd()) +
+                                    ": changes are lost, " + dropped
+                              : "'" + journal.path + "' ends with an unfinished change, which is dropped, " + dropped;
+  bool isKept = true;
+  if (mayRepair && (isRotten || reader.FindLater() != std::string_view::npos)) {
+    try {
+      const std::string name = FindBadName(_files, Journal::PathOf(_path));
+      const std::string_view bytes = journal.content.bytes;
+      WriteCopy(name, bytes.substr(0, static_cast<size_t>(reader.GetEnd() + reader.CountMore())));
+      text += "; it is kept as '" + name + "'";
+    } catch (const std::exception& exception) {
+      text += std::string("; it can't be kept: ") + exception.what();
+      isKept = false;
+    }
+  }
+  (isRotten ? found.problems : found.notices).push_back(text);
+  return isKept;
 }
 
 void UserSettingsFiles::PutAside(const std::string& path, bool mayRepair, FoundUserSettings& found) {
@@ -178,8 +241,10 @@ void UserSettingsFiles::PutAside(const std::string& path, bool mayRepair, FoundU
   }
 }
 
-void UserSettingsFiles::ReplaceSnapshot(const std::string& text, int64_t written) {
-  const std::string newPath = _path + ".new";
+std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& text, int64_t written) {
+  if (!IsWholeSnapshot(text)) throw osa::Exception("'%s': half a text is not saved", _path.c_str());
+  const std::string newPath = NewPathOf(_path);
+  _notices.clear();
   try {
     WriteNewSnapshot(newPath, text, written);
     if (_isDamaged) {
@@ -189,16 +254,18 @@ void UserSettingsFiles::ReplaceSnapshot(const std::string& text, int64_t written
     }
     _files.Rename(newPath, _path);
   } catch (...) {
-    RemoveQuietly(newPath);
+    RemoveQuietly(_files, newPath);
     throw;
   }
   _isDamaged = false;
   _damagedIsKept = false;
   _files.SyncDirectoryOf(_path);
+  return std::move(_notices);
 }
 
 void UserSettingsFiles::WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written) {
   const std::unique_ptr<File> file = _files.Create(newPath);
+  file->Reserve(text.size());
   file->WriteAt(0, text);
   try {
     file->SetModificationTime(written);
@@ -209,39 +276,53 @@ void UserSettingsFiles::WriteNewSnapshot(const std::string& newPath, const std::
   file->Sync();
 }
 
-// What is left of a try would only take room that the next one needs.
-void UserSettingsFiles::RemoveQuietly(const std::string& path) {
-  try {
-    _files.Remove(path);
-  } catch (const std::exception& exception) {
-    Log()->Trace("%s", exception.what());
-  }
-}
-
-// Not before there is something to replace it: a start that found neither would not look for the backup. What can't
-// have a second name, a directory for instance, is renamed.
+// Not before there is something to replace it: a start that found neither would not look for the backup.
 void UserSettingsFiles::KeepDamaged() {
   if (_damagedIsKept || !_files.Exists(_path)) return;
   const std::string name = FindBadName(_files, _path);
   try {
     _files.Link(_path, name);
   } catch (const std::exception&) {
-    _files.Rename(_path, name);
+    CopyOrRename(name);
   }
   _damagedIsKept = true;
-  Log()->Warning("The damaged '%s' is kept as '%s'", _path.c_str(), name.c_str());
+  _notices.push_back("The damaged '" + _path + "' is kept as '" + name + "'");
+}
+
+// A name that is gone until the new one's rename would look like settings that somebody removed. What has no bytes to
+// be copied, a directory for instance, is renamed all the same.
+void UserSettingsFiles::CopyOrRename(const std::string& to) {
+  const FileContent content = _files.Read(_path);
+  if (content.problem.empty()) {
+    WriteCopy(to, content.bytes);
+  } else {
+    _files.Rename(_path, to);
+  }
+}
+
+void UserSettingsFiles::WriteCopy(const std::string& path, std::string_view bytes) {
+  try {
+    const std::unique_ptr<File> file = _files.Create(path);
+    file->Reserve(bytes.size());
+    file->WriteAt(0, bytes);
+    file->Sync();
+  } catch (...) {
+    RemoveQuietly(_files, path);
+    throw;
+  }
+  _files.SyncDirectoryOf(path);
 }
 
 // Some file systems have no links: then there is no backup, and that is no reason not to save.
 void UserSettingsFiles::KeepBackup() {
   if (!_files.Exists(_path)) return;
-  const std::string newBackup = BackupOf(_path) + ".new";
+  const std::string newBackup = NewPathOf(BackupOf(_path));
   try {
     _files.Remove(newBackup);
     _files.Link(_path, newBackup);
     _files.Rename(newBackup, BackupOf(_path));
   } catch (const std::exception& exception) {
-    Log()->Warning("No backup is kept: %s", exception.what());
+    _notices.push_back(std::string("No backup is kept: ") + exception.what());
   }
 }
 
@@ -250,6 +331,10 @@ void UserSettingsFiles::RemoveJournals() {
   _files.Remove(Journal::PathOf(_path));
   _files.Remove(Journal::NewPathOf(_path));
   _files.SyncDirectoryOf(_path);
+}
+
+void UserSettingsFiles::RemoveNewJournal() {
+  RemoveQuietly(_files, Journal::NewPathOf(_path));
 }
 
 }  // namespace tavix::daemon

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "programs/server/persistence/FileSystem.h"
@@ -15,7 +16,7 @@ namespace tavix::daemon {
 // What was found at start.
 struct FoundUserSettings {
   core::IniFile settings;
-  uint64_t generation = 0;      // of the snapshot that counts; 0: there is none that a journal could follow
+  SnapshotId snapshot;          // that counts; generation 0: there is none that a journal could follow
   uint64_t nextGeneration = 1;  // above all that were seen
   size_t snapshotBytes = 0;
   std::unique_ptr<Journal> journal;  // that goes on; null: there is none
@@ -23,6 +24,15 @@ struct FoundUserSettings {
   bool mustBeWritten = false;         // what was read stands nowhere as a whole
   std::vector<std::string> notices;   // what is worth knowing
   std::vector<std::string> problems;  // what was damaged, and what became of it
+};
+
+// A journal as it was found, and how many of its changes the snapshot lacks.
+struct FoundJournal {
+  std::string path;
+  FileContent content;
+  uint64_t changesFrom = 0;  // 0: it does not belong to the snapshot
+  size_t changes = 0;
+  bool isWhole = false;  // so far that it counts instead of the one before
 };
 
 // The files of the user layer beside one another:
@@ -45,27 +55,35 @@ class UserSettingsFiles {
   FoundUserSettings Find(bool mayRepair);
 
   // Makes the text the snapshot. Whatever fails or whenever the power goes, what counts is the old one or the new one,
-  // whole.
-  void ReplaceSnapshot(const std::string& text, int64_t written);
+  // whole. Returns what is worth knowing.
+  std::vector<std::string> ReplaceSnapshot(const std::string& text, int64_t written);
 
   // After a snapshot that holds everything.
   void RemoveJournals();
 
+  // The journal on its way, which was given up: its room may be what the next snapshot needs.
+  void RemoveNewJournal();
+
  private:
   Snapshot FindSnapshot(FoundUserSettings& found);
   Snapshot UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found);
+  Snapshot UseNewSnapshot(Snapshot absent, FoundUserSettings& found);
   void ApplyJournal(const Snapshot& snapshot, bool mayRepair, FoundUserSettings& found);
+  bool NoteRest(const FoundJournal& journal, const JournalReader& reader, bool mayRepair, FoundUserSettings& found);
+  void RemoveLeftovers(const FoundUserSettings& found);
   void PutAside(const std::string& path, bool mayRepair, FoundUserSettings& found);
   void MakeDurable(FoundUserSettings& found);
   void WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written);
-  void RemoveQuietly(const std::string& path);
   void KeepBackup();
   void KeepDamaged();
+  void CopyOrRename(const std::string& to);
+  void WriteCopy(const std::string& path, std::string_view bytes);
 
   FileSystem& _files;
   const std::string _path;
   bool _isDamaged = false;      // what stands at the path is not worth being the backup
   bool _damagedIsKept = false;  // under another name
+  std::vector<std::string> _notices;
 };
 
 }  // namespace tavix::daemon

@@ -2,49 +2,61 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
+#include <optional>
 #include <utility>
 
+#include "programs/server/persistence/Deadline.h"
 #include "tavix/core/Logger.h"
 #include "tavix/core/MemoryStream.h"
-#include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
 
 namespace {
 
-constexpr unsigned int kStackSize = 128 * 1024;
 constexpr uint64_t kLeastJournal = 64 * 1024;  // below that no snapshot is worth its while
 constexpr std::chrono::seconds kFirstDelay{1};
 constexpr std::chrono::seconds kLongestDelay{60};
+constexpr size_t kFewGroups = 16;  // are written while nobody can change anything
+constexpr int kMostRounds = 4;
+constexpr size_t kFewParts = 4;
+constexpr size_t kBytesAround = 512;  // a text, its first and its last line
+constexpr char kJournalGoesOn[] = "; the journal goes on, and the snapshot is tried again";
 
-core::Logger* Log() {
-  static core::Logger* const logger = core::Logger::GetLogger("UserSettings");
-  return logger;
+const core::Logger& Log() {
+  static const core::Logger* const logger = core::Logger::GetLogger("UserSettings");
+  return *logger;
 }
 
-int64_t GetNanoseconds() {
-  return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+// Asks for no memory.
+const char* ReasonOf(const std::exception& exception) {
+  return dynamic_cast<const std::bad_alloc*>(&exception) ? "Failed to save the user settings: out of memory"
+                                                         : exception.what();
+}
+
+// Null without memory for it.
+std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
+  try {
+    return DescribeChange(userSettings, changedGroups);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace
 
-UserSettingsPersister::Worker::Worker(const char* name, std::function<void()> loop)
-    : _loop(std::move(loop)), _thread(name, this, kStackSize, 0) {
-  _thread.Run();
-}
-
-UserSettingsPersister::Worker::~Worker() {
-  _thread.Join();
-}
-
 UserSettingsPersister::UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability,
-                                             SaveObserver observer)
+                                             SaveObserver observer, UnsavedObserver unsavedObserver)
     : _filesystem(files),
       _path(path),
+      _quotedPath("'" + path + "'"),
       _durability(durability),
       _observer(std::move(observer)),
+      _unsavedObserver(std::move(unsavedObserver)),
       _gate(true),
-      _files(files, path) {}
+      _files(files, path),
+      _log(Log()),
+      _watch(path, _log) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
   Stop();
@@ -52,10 +64,10 @@ UserSettingsPersister::~UserSettingsPersister() {
 
 FoundUserSettings UserSettingsPersister::Load() {
   FoundUserSettings found = _files.Find(true);
-  for (const std::string& problem : found.problems) Log()->Error("%s", problem.c_str());
-  for (const std::string& notice : found.notices) Log()->Warning("%s", notice.c_str());
+  for (const std::string& problem : found.problems) Log().Error("%s", problem.c_str());
+  for (const std::string& notice : found.notices) Log().Warning("%s", notice.c_str());
   std::lock_guard<std::mutex> lock(_mutex);
-  _generation = found.mustBeWritten ? 0 : found.generation;
+  _snapshotId = found.mustBeWritten ? SnapshotId() : found.snapshot;
   _nextGeneration = found.nextGeneration;
   _snapshotBytes = found.snapshotBytes;
   if (!found.mustBeWritten) _journal = std::move(found.journal);
@@ -66,44 +78,63 @@ FoundUserSettings UserSettingsPersister::Load() {
 
 void UserSettingsPersister::Start(LayerReader readLayer) {
   _readLayer = std::move(readLayer);
-  _sync = std::make_unique<Worker>("JournalSync", [this] { SyncLoop(); });
-  _snapshot = std::make_unique<Worker>("Snapshot", [this] { SnapshotLoop(); });
+  _sync = std::make_unique<LoopThread>("JournalSync", [this] { SyncLoop(); });
+  _snapshot = std::make_unique<LoopThread>("Snapshot", [this] { SnapshotLoop(); });
 }
 
 void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
   if (changedGroups.empty()) return;
-  const Change change = DescribeChange(userSettings, changedGroups);
+  const std::optional<Change> change = TryToDescribe(userSettings, changedGroups);
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_synced == _last) _firstUnsynced = Clock::now();
-  // What was overwritten takes default groups away, which the user layer need not hold.
-  const bool mayShowInAny = changedGroups.count(settings::server::SettingsManager::kDeletedGroups) > 0;
-  _last = _gate.Add(mayShowInAny ? nullptr : &changedGroups);
-  if (_keepsChanges) _changes.push_back(change);
-  if (!_failed && _generation != 0) {
-    Append(change);
+  if (_synced == _last) {
+    _firstUnsynced = Clock::now();
+    TellSinceWhenUnsaved(std::time(nullptr));
+  }
+  AddTicket(changedGroups);
+  if (_collects || _keepsChanges) NoteChanged(changedGroups);
+  if (!change) {
+    Fail(ReasonOf(std::bad_alloc()));
+  } else if (!_failed && _snapshotId.generation != 0 && (_journal || !_keepsChanges)) {
+    Append(*change);
   } else if (!_keepsChanges) {
     AskForSnapshot();
   }
 }
 
 // The caller holds the lock, here and wherever nothing else is said.
+void UserSettingsPersister::AddTicket(const std::set<std::string>& changedGroups) {
+  try {
+    _last = _gate.Add(&changedGroups);
+  } catch (const std::bad_alloc&) {
+    _last = _gate.Add(nullptr);
+  }
+}
+
+void UserSettingsPersister::NoteChanged(const std::set<std::string>& changedGroups) {
+  try {
+    _changed.insert(changedGroups.begin(), changedGroups.end());
+  } catch (const std::bad_alloc&) {
+    _missesChanges = true;
+  }
+}
+
 void UserSettingsPersister::Append(const Change& change) {
   try {
     if (_journal) {
       _journal->Append(change);
     } else {
-      OpenJournal({change});
+      OpenJournal(change);
     }
     const bool isLong = _journal->GetEnd() > std::max<uint64_t>(_snapshotBytes, kLeastJournal);
     if (isLong && !_keepsChanges) AskForSnapshot();
     if (_durability.kind != Durability::Kind::kNone) _wakeSync.notify_one();
   } catch (const std::exception& exception) {
-    Fail(exception.what());
+    Fail(ReasonOf(exception));
   }
 }
 
-void UserSettingsPersister::OpenJournal(const std::vector<Change>& changes) {
-  _journal = Journal::Create(_filesystem, _path, _generation, changes);
+void UserSettingsPersister::OpenJournal(const Change& change) {
+  _journal = Journal::Create(_filesystem, _path, _snapshotId, {change});
   if (_durability.kind == Durability::Kind::kNone) _journal->TakePlace();
 }
 
@@ -131,135 +162,285 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
   const std::shared_ptr<Journal> journal = _journal;
   const DurabilityGate::Ticket last = _last;
   _firstUnsynced = Clock::now();  // no change that is made from now on is older
+  const std::time_t now = std::time(nullptr);
+  if (_watch.Begin(_firstUnsynced)) _wakeSnapshot.notify_one();
   try {
     lock.unlock();
     journal->SyncRecords();
+    const bool isInPlace = TakePlace(*journal);
+    if (isInPlace) {
+      journal->SyncName();
+      _observer(true, 0);
+      _gate.SetDurable(last);
+    }
     lock.lock();
-    if (journal != _journal && !journal->IsInPlace()) return;  // given up, and the place is another's by now
-    journal->TakePlace();
-    lock.unlock();
-    journal->SyncName();
-    _observer(true, 0);
-    _gate.SetDurable(last);
-    lock.lock();
+    if (_watch.End()) _wakeSnapshot.notify_one();
+    if (!isInPlace) return;
     _synced = std::max(_synced, last);
+    TellSinceWhenUnsaved(_synced == _last ? 0 : now);
     if (!_snapshotIsAsked && !_keepsChanges) _delay = std::chrono::seconds(0);
+    SayThatAllIsWell();
   } catch (const std::exception& exception) {
     if (!lock.owns_lock()) lock.lock();
+    if (_watch.End()) _wakeSnapshot.notify_one();
     if (journal != _journal) return;  // a snapshot has made it worthless meanwhile
     _observer(false, 0);
-    Fail(exception.what());
+    Fail(ReasonOf(exception));
   }
+}
+
+// False when the journal was given up, and the name on the way is another's by now. The caller does not hold the lock.
+bool UserSettingsPersister::TakePlace(Journal& journal) {
+  if (journal.IsInPlace()) return true;
+  std::lock_guard<std::mutex> names(_names);
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (&journal != _journal.get() && !journal.IsInPlace()) return false;
+  }
+  journal.TakePlace();
+  return true;
 }
 
 void UserSettingsPersister::SnapshotLoop() {
   std::unique_lock<std::mutex> lock(_mutex);
   while (!_stop) {
-    if (!_snapshotIsAsked) {
-      _wakeSnapshot.wait(lock);
-    } else if (Clock::now() < _nextTry) {
-      _wakeSnapshot.wait_until(lock, _nextTry);
-    } else {
+    _watch.Look(Clock::now());
+    if (!_log.IsEmpty()) {
+      lock.unlock();
+      _log.Write();
+      lock.lock();
+    } else if (_snapshotIsAsked && Clock::now() >= _nextTry) {
       lock.unlock();
       WriteSnapshot();
       lock.lock();
+    } else {
+      AwaitWork(lock);
     }
+  }
+}
+
+void UserSettingsPersister::AwaitWork(std::unique_lock<std::mutex>& lock) {
+  const std::optional<Clock::time_point> look = _watch.GetNextLook();
+  if (_snapshotIsAsked) {
+    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _nextTry) : _nextTry);
+  } else if (look) {
+    _wakeSnapshot.wait_until(lock, *look);
+  } else {
+    _wakeSnapshot.wait(lock);
   }
 }
 
 // The caller does not hold the lock.
 bool UserSettingsPersister::WriteSnapshot() {
-  core::StringOstream text;
-  SnapshotEnd end;
-  DurabilityGate::Ticket last = 0;
   try {
-    BeginSnapshot(text);
+    SnapshotEnd end;
+    DurabilityGate::Ticket last = 0;
+    RemoveGivenUpJournal();
+    LayerText layerText;
+    CollectText(layerText);
     _readLayer([&](const core::IniFile& layer) {
-      layer.SaveToStream(text);
+      for (const size_t part : layerText.FindParts(TakeChanged())) layerText.MakeAgain(layer, part);
       std::lock_guard<std::mutex> lock(_mutex);
-      end.generation = _nextGeneration++;
-      SayWhereChangesGoOn(end);
+      end = BeginToKeepChanges();
       last = _last;
-      _keepsChanges = true;
-      _snapshotIsAsked = false;
     });
-    end.written = GetNanoseconds();
-    EndSnapshot(text, end);
-    _files.ReplaceSnapshot(text.GetText(), end.written);
+    end.written = GetTimeOfSnapshot();
+    core::StringOstream text;
+    text.Reserve(layerText.CountBytes() + kBytesAround);
+    BeginSnapshot(text);
+    layerText.MoveTo(text);
+    const SnapshotId id = EndSnapshot(text, end);
+    for (const std::string& notice : _files.ReplaceSnapshot(text.GetText(), end.written))
+      _log.AddWarning(notice.c_str());
+    TakeOver(id, text.GetText().size(), last);
+    return true;
   } catch (const std::exception& exception) {
-    FailSnapshot(exception.what());
+    FailSnapshot(ReasonOf(exception));
     return false;
   }
-  TakeOver(end.generation, text.GetText().size(), last);
-  return true;
 }
 
-// Those that are made while a snapshot is written go to the journal there is, or to one that is begun meanwhile. After
-// a failure they go nowhere.
-void UserSettingsPersister::SayWhereChangesGoOn(SnapshotEnd& end) const {
-  if (_failed || _generation == 0) return;
-  end.journalFollows = _journal ? _journal->GetFollowed() : _generation;
-  end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
+// Nobody waits for longer than a part takes. What is left to be done in one go are the parts that changed while the
+// last round went on. The caller does not hold the lock.
+void UserSettingsPersister::CollectText(LayerText& text) {
+  BeginToCollect();
+  for (bool isLast = false; !isLast;) _readLayer([&](const core::IniFile& layer) { isLast = !text.AddPart(layer); });
+  for (int round = 0; round < kMostRounds; ++round) {
+    const std::set<size_t> parts = text.FindParts(TakeChanged());
+    for (const size_t part : parts) _readLayer([&](const core::IniFile& layer) { text.MakeAgain(layer, part); });
+    if (parts.size() <= kFewParts) return;
+  }
 }
 
-// The snapshot holds all changes up to that one; those since begin a journal of their own. The caller does not hold the
-// lock.
-void UserSettingsPersister::TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket) {
-  _observer(true, bytes);
+// The caller does not hold the lock.
+void UserSettingsPersister::BeginToCollect() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _collects = true;
+  _missesChanges = false;
+  _changed.clear();
+}
+
+// The caller does not hold the lock.
+std::set<std::string> UserSettingsPersister::TakeChanged() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_missesChanges) throw std::bad_alloc();
+  return std::exchange(_changed, {});
+}
+
+// It may have the room that the snapshot needs. The caller does not hold the lock.
+void UserSettingsPersister::RemoveGivenUpJournal() {
+  std::lock_guard<std::mutex> names(_names);
   {
     std::lock_guard<std::mutex> lock(_mutex);
-    _keepsChanges = false;
-    _snapshotIsAsked = false;
-    const std::vector<Change> changes = std::exchange(_changes, {});
-    _generation = generation;
-    _snapshotBytes = bytes;
-    const std::shared_ptr<Journal> before = std::exchange(_journal, nullptr);
-    _synced = std::max(_synced, ticket);
-    if (std::exchange(_failed, false)) {
-      Log()->Warning("'%s' is saved again", _path.c_str());
-      _gate.Hold();
-    }
-    if (changes.empty()) _delay = std::chrono::seconds(0);
-    try {
-      // Until the new journal stands, the one before holds the changes, and its name on the way is the new one's.
-      if (before && !changes.empty()) before->TakePlace();
-      if (!changes.empty()) OpenJournal(changes);
-      if (_synced < _last) _wakeSync.notify_one();
-    } catch (const std::exception& exception) {
-      Fail(exception.what());
-    }
-    LetGoUnlessAlways();
+    if (!std::exchange(_leftNewJournal, false)) return;
+  }
+  _files.RemoveNewJournal();
+}
+
+// Those that are made while a snapshot is written go to the journal there is, and then to the next one. After a failure
+// they go nowhere.
+SnapshotEnd UserSettingsPersister::BeginToKeepChanges() {
+  SnapshotEnd end;
+  end.generation = _nextGeneration++;
+  if (!_failed && _snapshotId.generation != 0) {
+    end.journalFollows = _journal ? _journal->GetFollowed().generation : _snapshotId.generation;
+    end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
+  }
+  _collects = false;
+  _keepsChanges = true;
+  _snapshotIsAsked = false;
+  return end;
+}
+
+// The snapshot stands, and holds all changes up to that one; those since begin a journal of their own. Until that has
+// begun, they are in the one before. The caller does not hold the lock.
+void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket) {
+  _observer(true, bytes);
+  std::lock_guard<std::mutex> names(_names);
+  try {
+    std::shared_ptr<Journal> next = MakeNextJournal(snapshot);
+    _readLayer([&](const core::IniFile& layer) {
+      std::lock_guard<std::mutex> lock(_mutex);
+      if (_missesChanges) throw std::bad_alloc();
+      if (!next && !_changed.empty()) next = Journal::Create(_filesystem, _path, snapshot);
+      if (!_changed.empty()) next->Append(TakeChanges(layer));
+      if (next) next->Begin();
+      _journal = next;
+      Follow(snapshot, bytes, ticket);
+    });
+    if (next && _durability.kind == Durability::Kind::kNone) next->TakePlace();
+  } catch (const std::exception& exception) {
+    std::unique_lock<std::mutex> lock(_mutex);
+    const bool mayRemove = !_journal || _journal->IsInPlace();
+    if (_journal && !_failed) Follow(snapshot, bytes, ticket);
+    FailToFollow(ReasonOf(exception));
+    lock.unlock();
+    if (mayRemove) _files.RemoveNewJournal();
   }
   _gate.SetDurable(ticket);
+}
+
+// With most of what was changed meanwhile. Null: none is needed before the next change. The caller holds the names, not
+// the lock.
+std::shared_ptr<Journal> UserSettingsPersister::MakeNextJournal(const SnapshotId& snapshot) {
+  std::shared_ptr<Journal> before;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    before = _journal;
+    if (_changed.empty() && (_stop || !before)) return nullptr;
+  }
+  if (before) before->TakePlace();  // its name on the way is the new one's
+  std::shared_ptr<Journal> next = Journal::Create(_filesystem, _path, snapshot);
+  for (int round = 0; round < kMostRounds; ++round) {
+    Change change;
+    bool isWorthIt = false;
+    _readLayer([&](const core::IniFile& layer) {
+      std::lock_guard<std::mutex> lock(_mutex);
+      isWorthIt = _changed.size() > kFewGroups;
+      if (isWorthIt) change = TakeChanges(layer);
+    });
+    if (!isWorthIt) break;
+    next->Append(change);
+  }
+  return next;
+}
+
+// Of the groups that the snapshot lacks, as one. Nobody can change the layer.
+Change UserSettingsPersister::TakeChanges(const core::IniFile& layer) {
+  Change change = DescribeChange(layer, _changed);
+  _changed.clear();
+  return change;
+}
+
+void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket) {
+  _keepsChanges = false;
+  _changed.clear();
+  _snapshotIsAsked = false;
+  _snapshotId = snapshot;
+  _snapshotBytes = bytes;
+  _synced = std::max(_synced, ticket);
+  if (std::exchange(_failed, false)) {
+    _saysWhenWell = true;
+    _gate.Hold();
+  }
+  if (_synced == _last || _durability.kind == Durability::Kind::kNone) SayThatAllIsWell();
+  if (_synced == _last) {
+    _delay = std::chrono::seconds(0);
+    TellSinceWhenUnsaved(0);
+  } else {
+    _wakeSync.notify_one();
+  }
+  LetGoUnlessAlways();
+}
+
+// The snapshot can't have a journal of its own. The one before goes on if there is one: the snapshot names where.
+void UserSettingsPersister::FailToFollow(const char* reason) {
+  _keepsChanges = false;
+  _changed.clear();
+  if (!_journal) return Fail(reason);
+  _log.AddWarning(reason, kJournalGoesOn);
+  TryLater();
+}
+
+void UserSettingsPersister::TellSinceWhenUnsaved(std::time_t since) {
+  if (_unsavedObserver && _durability.kind != Durability::Kind::kNone) _unsavedObserver(since);
 }
 
 // Until there is a snapshot that a journal can follow, a change is in memory alone: to show it would promise too much,
 // whatever the durability.
 void UserSettingsPersister::LetGoUnlessAlways() {
-  if (_durability.kind != Durability::Kind::kAlways && _generation != 0) _gate.LetGo();
+  if (_durability.kind != Durability::Kind::kAlways && _snapshotId.generation != 0) _gate.LetGo();
 }
 
-// What was synced so far stays; the journal goes on if there is one.
-void UserSettingsPersister::FailSnapshot(const std::string& reason) {
+// What was synced so far stays; the journal goes on if there is one. The caller does not hold the lock.
+void UserSettingsPersister::FailSnapshot(const char* reason) {
   _observer(false, 0);
   std::lock_guard<std::mutex> lock(_mutex);
+  _collects = false;
   _keepsChanges = false;
-  _changes.clear();
-  if (_generation == 0 || _failed) return Fail(reason);
-  Log()->Warning("%s; the journal goes on, and the snapshot is tried again", reason.c_str());
+  _changed.clear();
+  if (_snapshotId.generation == 0 || _failed) return Fail(reason);
+  _log.AddWarning(reason, kJournalGoesOn);
   TryLater();
 }
 
-// What waits for the disk is let go first: nobody is to wait for whoever reads the log.
-void UserSettingsPersister::Fail(const std::string& reason) {
+// Nobody was shown what is in a journal on its way when a sync is waited for: it is of no use any more.
+void UserSettingsPersister::Fail(const char* reason) {
+  if (_journal && !_journal->IsInPlace() && _durability.kind == Durability::Kind::kAlways) _leftNewJournal = true;
   _journal.reset();
   TryLater();
   _gate.LetGo();
   if (!std::exchange(_failed, true)) {
-    Log()->Error("%s; changes are kept in memory and saved as soon as that is possible", reason.c_str());
+    _log.AddError(reason, "; changes are kept in memory and saved as soon as that is possible");
   } else {
-    Log()->Warning("%s; it is tried again", reason.c_str());
+    _log.AddWarning(reason, "; it is tried again");
   }
+}
+
+void UserSettingsPersister::SayThatAllIsWell() {
+  if (!std::exchange(_saysWhenWell, false)) return;
+  _log.AddWarning(_quotedPath.c_str(), " is saved again");
+  _wakeSnapshot.notify_one();
 }
 
 void UserSettingsPersister::AskForSnapshot() {
@@ -284,9 +465,21 @@ void UserSettingsPersister::Stop() {
   _snapshot.reset();
 }
 
-bool UserSettingsPersister::Finish() {
+bool UserSettingsPersister::Finish(std::chrono::milliseconds limit, const LateEnd& onLate) {
+  std::optional<Deadline> deadline;
+  try {
+    deadline.emplace(limit, [&] { onLate(IsSaved()); });
+  } catch (const std::exception& exception) {
+    _log.AddWarning(ReasonOf(exception));  // then it takes as long as it takes
+  }
   Stop();
-  bool isWhole = !_journal && !_failed && !_snapshotIsAsked;
+  const bool isSaved = WriteTheLast();
+  _log.Write();
+  return isSaved;
+}
+
+bool UserSettingsPersister::WriteTheLast() {
+  bool isWhole = !(_journal && _journal->HasChanges()) && !_failed && !_snapshotIsAsked;
   try {
     isWhole = isWhole || WriteSnapshot();
     if (isWhole) {
@@ -296,9 +489,14 @@ bool UserSettingsPersister::Finish() {
     }
     return !_failed;
   } catch (const std::exception& exception) {
-    Log()->Warning("%s", exception.what());
+    _log.AddWarning(ReasonOf(exception));
     return isWhole;
   }
+}
+
+bool UserSettingsPersister::IsSaved() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return !_failed && _snapshotId.generation != 0 && (_synced == _last || _durability.kind == Durability::Kind::kNone);
 }
 
 }  // namespace tavix::daemon

@@ -2,21 +2,23 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
-#include <vector>
 
+#include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/LayerText.h"
+#include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/Snapshot.h"
+#include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
-#include "tavix/osa/Runnable.h"
-#include "tavix/osa/Thread.h"
 
 namespace tavix::daemon {
 
@@ -29,11 +31,12 @@ namespace tavix::daemon {
 //           kInterval the changes of that interval, with kNone those that the system had not written; and after the
 //           disk has failed, until the log says that it is well again, those since.
 // Threads:  Save and the reader that is passed to Start run under the store's lock; the rest is called by one thread.
-//           "JournalSync" syncs the journal, once for all who wait; "Snapshot" writes snapshots.
-// Locks:    its own mutex, inside "SettingsMutex"; held while the journal is appended to, never during a sync.
-// Errors:   none leave it but std::bad_alloc. What goes wrong is logged with its file and reason, changes are served
-//           from memory, nothing is kept back for the disk, and a snapshot is tried after 1 s, later up to 60 s, until
-//           the disk has it.
+//           "JournalSync" syncs the journal, once for all who wait; "Snapshot" writes snapshots, and what is logged.
+// Locks:    its own mutex, inside "SettingsMutex"; held while the journal is appended to, never during a sync, while a
+//           long journal is written, or while something is logged. Before both, the one for the names of journals.
+// Errors:   none leave it. What goes wrong, refused memory included, is logged with its file and reason, changes are
+//           served from memory, nothing is kept back for the disk, and a snapshot is tried after 1 s, later up to 60 s,
+//           until the disk has it.
 class UserSettingsPersister {
  public:
   // Calls back with the user layer while nobody can change it.
@@ -42,8 +45,17 @@ class UserSettingsPersister {
   // What became of a sync or a snapshot; bytes: the snapshot's, else 0.
   using SaveObserver = std::function<void(bool succeeded, size_t bytes)>;
 
-  // files: outlive the object. path: the snapshot's; links are not followed. observer: called from any thread.
-  UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability, SaveObserver observer);
+  // Since when there are changes that the disk lacks, in seconds since the epoch; 0: there are none. Never called with
+  // kNone.
+  using UnsavedObserver = std::function<void(std::time_t since)>;
+
+  // The disk does not let Finish end. isSaved: whether it has everything all the same.
+  using LateEnd = std::function<void(bool isSaved)>;
+
+  // files: outlive the object. path: the snapshot's; links are not followed. The observers are called from any thread,
+  // which may hold the store's lock; the second may be empty.
+  UserSettingsPersister(FileSystem& files, const std::string& path, Durability durability, SaveObserver observer,
+                        UnsavedObserver unsavedObserver = {});
 
   // Nothing is saved any more.
   ~UserSettingsPersister();
@@ -61,8 +73,8 @@ class UserSettingsPersister {
   void Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups);
 
   // Ends the threads and leaves one snapshot that holds everything. False when there are changes that are not on the
-  // disk.
-  bool Finish();
+  // disk. onLate: is called on another thread when that takes longer than the limit; it may end the process.
+  bool Finish(std::chrono::milliseconds limit, const LateEnd& onLate);
 
   // Ends the threads; nothing is saved any more. A second call does nothing.
   void Stop();
@@ -72,47 +84,55 @@ class UserSettingsPersister {
  private:
   using Clock = std::chrono::steady_clock;
 
-  // A thread that runs one of the loops.
-  class Worker : private osa::Runnable {
-   public:
-    Worker(const char* name, std::function<void()> loop);
-    ~Worker() override;
-
-   private:
-    void Run() override { _loop(); }
-
-    const std::function<void()> _loop;
-    osa::Thread _thread;
-  };
-
   void SyncLoop();
   bool AwaitSync(std::unique_lock<std::mutex>& lock);
   void SyncJournal(std::unique_lock<std::mutex>& lock);
   void SnapshotLoop();
+  void AwaitWork(std::unique_lock<std::mutex>& lock);
+  bool TakePlace(Journal& journal);
   bool WriteSnapshot();
-  void TakeOver(uint64_t generation, size_t bytes, DurabilityGate::Ticket ticket);
+  void RemoveGivenUpJournal();
+  void CollectText(LayerText& text);
+  void BeginToCollect();
+  std::set<std::string> TakeChanged();
+  SnapshotEnd BeginToKeepChanges();
+  void TakeOver(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
+  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot);
+  Change TakeChanges(const core::IniFile& layer);
+  void Follow(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
+  void FailToFollow(const char* reason);
+  void AddTicket(const std::set<std::string>& changedGroups);
+  void NoteChanged(const std::set<std::string>& changedGroups);
   void Append(const Change& change);
-  void OpenJournal(const std::vector<Change>& changes);
-  void SayWhereChangesGoOn(SnapshotEnd& end) const;
+  void OpenJournal(const Change& change);
+  void TellSinceWhenUnsaved(std::time_t since);
   void LetGoUnlessAlways();
   void AskForSnapshot();
-  void Fail(const std::string& reason);
-  void FailSnapshot(const std::string& reason);
+  void SayThatAllIsWell();
+  void Fail(const char* reason);
+  void FailSnapshot(const char* reason);
   void TryLater();
+  bool WriteTheLast();
+  bool IsSaved();
 
   FileSystem& _filesystem;
   const std::string _path;
+  const std::string _quotedPath;  // for messages
   const Durability _durability;
   const SaveObserver _observer;
+  const UnsavedObserver _unsavedObserver;
   DurabilityGate _gate;
   UserSettingsFiles _files;
   LayerReader _readLayer;
+  DeferredLog _log;
 
+  std::mutex _names;  // held by whoever makes a journal, or gives one its place
   std::mutex _mutex;  // guards what follows
+  SyncWatch _watch;
   std::condition_variable _wakeSync;
   std::condition_variable _wakeSnapshot;
   bool _stop = false;
-  uint64_t _generation = 0;  // of the snapshot; 0: changes can't be appended to a journal yet
+  SnapshotId _snapshotId;  // generation 0: changes can't be appended to a journal yet
   uint64_t _nextGeneration = 1;
   size_t _snapshotBytes = 0;
   std::shared_ptr<Journal> _journal;   // null: none since the snapshot
@@ -120,14 +140,18 @@ class UserSettingsPersister {
   DurabilityGate::Ticket _synced = 0;  // the last that is durable
   Clock::time_point _firstUnsynced{};  // when the oldest change that is not was made
   bool _failed = false;                // the disk lacks changes that were served
+  bool _saysWhenWell = false;          // nobody was told yet that it has them again
+  bool _leftNewJournal = false;        // one was given up on its way, and nobody needs it
   bool _snapshotIsAsked = false;
   Clock::time_point _nextTry{};    // no snapshot before
   std::chrono::seconds _delay{0};  // until the next try, after a failure
-  bool _keepsChanges = false;      // a snapshot is being written ...
-  std::vector<Change> _changes;    // ... that lacks these
+  bool _collects = false;          // a snapshot's text is being made ...
+  bool _keepsChanges = false;      // or written ...
+  std::set<std::string> _changed;  // ... that lacks what became of these groups ...
+  bool _missesChanges = false;     // ... and of others, whose names there was no memory for
 
-  std::unique_ptr<Worker> _sync;
-  std::unique_ptr<Worker> _snapshot;
+  std::unique_ptr<LoopThread> _sync;
+  std::unique_ptr<LoopThread> _snapshot;
 };
 
 }  // namespace tavix::daemon

@@ -32,8 +32,8 @@ class TAVIX_EXPORT ISettingsPersister {
   // userSettings: the whole user layer, valid during the call only.
   virtual void SaveUserSettings(const core::IniFile& userSettings) = 0;
 
-  // The same, knowing which groups of the layer came, went or hold something else than before. Called for every change
-  // that is to be saved, even when no group differs.
+  // The same, knowing which groups of the layer came, went or hold something else than before, or are not seen any more
+  // though the layer never held them. Called for every change that is to be saved, even when no group differs.
   virtual void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
     static_cast<void>(changedGroups);
     SaveUserSettings(userSettings);

@@ -251,7 +251,9 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   _userSettings.MergeSettings(filtered);
   _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
   HideBookkeeping();
-  Save(before.FindDifferent(_userSettings));
+  std::set<std::string> saved = before.FindDifferent(_userSettings);
+  if (!saved.empty()) saved.insert(changed.begin(), changed.end());  // default groups go by the record alone
+  Save(saved);
   lock.Release();
   for (const auto& group : filtered) changed.insert(group.first);
   Notify(changed, filtered);

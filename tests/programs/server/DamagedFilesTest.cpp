@@ -156,6 +156,14 @@ TEST_F(DamagedFiles, WithoutABackupTheLayerBeginsEmptyAndIsSavedFromThenOn) {
   }
 }
 
+// To ask for memory for it would end the start, and the backup is good.
+TEST_F(DamagedFiles, SizeThatIsNoneDoesNotKeepTheDaemonFromStarting) {
+  fs::resize_file(_directory.Path("user.ini"), uintmax_t{2} << 30);
+  EXPECT_EQ(Serve(), kBackup);
+  EXPECT_THAT(_errors, HasSubstr("'user.ini': it is too large: 2147483648 bytes; the backup 'user.ini.bak' is used\n"));
+  EXPECT_EQ(FindBad().size(), 1u);
+}
+
 TEST_F(DamagedFiles, FileThatAPersonEditedIsUsedAndTheLogSaysSo) {
   _directory.Write("user.ini", _snapshot.substr(0, _snapshot.find("[B]")) + "[B]\nmine=1\n" +
                                    _snapshot.substr(_snapshot.rfind("# End")));

@@ -82,6 +82,26 @@ TEST_F(DamagedJournal, WhatIsNoJournalIsPutAside) {
   EXPECT_EQ(_directory.Read(FindBad()[0]), "something else\n");
 }
 
+TEST_F(DamagedJournal, BehindTheDamageIsKeptAsItWas) {
+  const size_t bit = 8 * _journal.find("n=2");
+  fs::remove(_directory.Path("user.ini.lock"));
+  const std::string flipped = Flip(_journal, bit);
+  _directory.Write("user.ini.journal", flipped);
+  EXPECT_EQ(Serve(), kSaved + Change(1));
+  EXPECT_THAT(_errors, HasSubstr("ERROR UserSettings: 'user.ini.journal' is damaged behind byte "));
+  ASSERT_EQ(FindBad().size(), 1u);
+  EXPECT_EQ(_directory.Read(FindBad()[0]), flipped);
+}
+
+TEST_F(DamagedJournal, ThatCanNotBeReadIsPutAsideAndTheReasonTold) {
+  fs::remove(_directory.Path("user.ini.lock"));
+  fs::remove(_directory.Path("user.ini.journal"));
+  ASSERT_EQ(mkfifo(_directory.Path("user.ini.journal").c_str(), 0600), 0);
+  EXPECT_EQ(Serve(), kSaved);
+  EXPECT_THAT(_errors, HasSubstr("ERROR UserSettings: The changes in 'user.ini.journal' can't be read: not a regular "
+                                 "file; it is kept as 'user.ini.journal.bad-"));
+}
+
 TEST_F(DamagedJournal, ThatIsADirectoryIsPutAside) {
   fs::remove(_directory.Path("user.ini.lock"));
   fs::remove(_directory.Path("user.ini.journal"));

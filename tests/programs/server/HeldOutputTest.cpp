@@ -240,6 +240,32 @@ TEST_F(HeldOutput, LastReplyBeforeAQuitComesAllTheSame) {
   EXPECT_EQ(_writer->ReadToEnd(), "data\n" + Document("A", 1));
 }
 
+// Nothing else would say why replies do not come.
+TEST_F(HeldOutput, DiskThatHangsIsTold) {
+  ChangeAOnASlowDisk();
+  _daemon->AwaitErrors(": the disk takes long to sync the last changes\n");
+  _faults.LetSyncsGo();
+  _daemon->AwaitErrors(": the disk syncs changes again\n");
+}
+
+// The service manager would kill it for that later, and say less.
+TEST_F(HeldOutput, DiskThatHangsDoesNotKeepTheDaemonFromEnding) {
+  ChangeAOnASlowDisk();
+  EXPECT_EQ(_daemon->Stop(), 74);
+  EXPECT_THAT(_daemon->GetErrors(), testing::HasSubstr("ERROR UserSettings: The disk does not answer; the daemon ends "
+                                                       "without a snapshot, and the last changes are lost\n"));
+}
+
+TEST_F(HeldOutput, OverwrittenGroupHoldsUpNoOther) {
+  ProtocolClient reader(_daemon->GetPort());
+  _faults.HoldSyncs();
+  _writer->Send("overwrite\nC\n.\n.\n");
+  _faults.AwaitHeldSync();
+  EXPECT_EQ(reader.Get("A\n"), "data\n" + Document("A", 0));
+  reader.Send(Question("C\n"));
+  ExpectHeldUntilTheDiskGoesOn(reader, "data\n.\n");
+}
+
 // More waits than a connection may have unread: nothing more is read from it until the disk goes on.
 TEST_F(HeldOutput, ConnectionThatPausedForWhatWaitsGoesOnAfterwards) {
   constexpr int kReplies = 20;

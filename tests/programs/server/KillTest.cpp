@@ -132,7 +132,7 @@ class Kill : public testing::Test {
     EXPECT_THAT(found.problems, testing::IsEmpty());
     for (CountingWriter& writer : writers) writer.ExpectNothingLost(found.settings);
     _found = TextOf(found.settings);
-    _snapshots = std::max(_snapshots, found.generation);
+    _snapshots = std::max(_snapshots, found.snapshot.generation);
     for (const auto& file : fs::directory_iterator(_directory.GetPath()))
       EXPECT_EQ(file.path().string().find(".bad-"), std::string::npos) << file.path();
   }

@@ -137,6 +137,7 @@ TEST_F(Metrics, AgreeWithWhatASessionDid) {
       {"keys{layer=\"effective\"}", 5},
       {"saves_total{result=\"ok\"}", 3},
       {"saves_total{result=\"failed\"}", 0},
+      {"unsaved_seconds", 0},
       {"user_file_bytes", static_cast<double>(_directory.Read("user.ini").size())},
   };
   for (const auto& [series, value] : expected) EXPECT_EQ(metrics.Get(series), value) << series;

@@ -112,6 +112,21 @@ TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsAndHoldsNothingUntilTold) {
   EXPECT_TRUE(IsHeld("B"));
 }
 
+// A change that is made while the gate is being opened is not held, and must not make those before it look released.
+TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsThoughChangesAreMadeMeanwhile) {
+  for (int i = 0; i < 500; ++i) {
+    DurabilityGate gate(true);
+    const auto output = std::make_shared<CountingOutput>();
+    EXPECT_TRUE(gate.Await(gate.Add(&kA), output));
+    std::thread writer([&] {
+      for (int change = 0; change < 20; ++change) gate.Add(&kB);
+    });
+    gate.LetGo();
+    writer.join();
+    ASSERT_EQ(output->calls, 1);
+  }
+}
+
 TEST_F(DurabilityGateTest, ThreadKnowsItsOwnLastChange) {
   const DurabilityGate::Ticket ticket = _gate.Add(&kA);
   std::thread([this] { _gate.Add(&kB); }).join();

@@ -55,7 +55,7 @@ size_t CountDirectorySyncs(const MemoryFiles& files) {
 TEST(Journal, TakesItsPlaceWhenItIsSyncedForTheFirstTime) {
   MemoryFiles files;
   files.Put(kInPlace, "the one before");
-  const auto journal = Journal::Create(files, kPath, 7, {Setting("1")});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   EXPECT_EQ(files.Get(kInPlace), "the one before");
   journal->Sync();
   EXPECT_THAT(files.GetNames(), ElementsAre(kInPlace));
@@ -64,7 +64,7 @@ TEST(Journal, TakesItsPlaceWhenItIsSyncedForTheFirstTime) {
 
 TEST(Journal, SyncsItsNameOnce) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {});
   journal->Sync();
   journal->Append(Setting("1"));
   journal->Sync();
@@ -73,7 +73,7 @@ TEST(Journal, SyncsItsNameOnce) {
 
 TEST(Journal, SyncsItsNameEvenWhenItTookItsPlaceBefore) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {});
   journal->TakePlace();
   EXPECT_EQ(CountDirectorySyncs(files), 0u);
   journal->Sync();
@@ -82,7 +82,7 @@ TEST(Journal, SyncsItsNameEvenWhenItTookItsPlaceBefore) {
 
 TEST(Journal, TakesItsPlaceOnce) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {});
   journal->TakePlace();
   files.Put(kOnItsWay, "the next one");
   journal->TakePlace();
@@ -91,7 +91,7 @@ TEST(Journal, TakesItsPlaceOnce) {
 
 TEST(Journal, DoesNotGrowWithEachChange) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {});
   const size_t size = files.Get(kOnItsWay).size();
   for (int i = 0; i < 100; ++i) journal->Append(Setting(std::to_string(i)));
   EXPECT_EQ(files.Get(kOnItsWay).size(), size);
@@ -100,7 +100,7 @@ TEST(Journal, DoesNotGrowWithEachChange) {
 
 TEST(Journal, TakesAChangeThatIsLongerThanAllThatIsFilledAhead) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {Setting("1")});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   const std::string large(3 * 1024 * 1024, 'x');
   journal->Append(Setting(large));
   journal->Append(Setting("3"));
@@ -109,9 +109,9 @@ TEST(Journal, TakesAChangeThatIsLongerThanAllThatIsFilledAhead) {
 
 TEST(Journal, GoesOnAfterARestart) {
   MemoryFiles files;
-  Journal::Create(files, kPath, 7, {Setting("1")})->Sync();
+  Journal::Create(files, kPath, {7, 0}, {Setting("1")})->Sync();
   const auto journal = Resume(files);
-  EXPECT_EQ(journal->GetFollowed(), 7u);
+  EXPECT_EQ(journal->GetFollowed().generation, 7u);
   journal->Append(Setting("2"));
   EXPECT_THAT(ReadValues(files), ElementsAre("1", "2"));
 }
@@ -119,7 +119,7 @@ TEST(Journal, GoesOnAfterARestart) {
 // A power cut took the second change and left the third.
 TEST(Journal, ChangeThatIsMadeAgainDoesNotBringBackTheLostOnesThatFollowedIt) {
   MemoryFiles files;
-  const auto before = Journal::Create(files, kPath, 7, {Setting("1")});
+  const auto before = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   before->TakePlace();
   const size_t second = before->GetEnd();
   before->Append(Setting("2"));
@@ -130,9 +130,38 @@ TEST(Journal, ChangeThatIsMadeAgainDoesNotBringBackTheLostOnesThatFollowedIt) {
   EXPECT_THAT(ReadValues(files), ElementsAre("1", "2"));
 }
 
+// Its beginning may be on the disk before the rest is.
+TEST(Journal, ThatHasNotBegunDoesNotCount) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0});
+  journal->Append(Setting("1"));
+  EXPECT_FALSE(JournalReader(files.Get(kOnItsWay)).IsJournal());
+  journal->Append(Setting("2"));
+  journal->Begin();
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2"));
+  EXPECT_EQ(JournalReader(files.Get(kOnItsWay)).GetWholeFrom(), journal->GetEnd());
+}
+
+TEST(Journal, WithoutRoomForZerosTakesChangesAllTheSame) {
+  MemoryFiles files;
+  files.FailAfter(1, false);
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  journal->Append(Setting("2"));
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2"));
+}
+
+TEST(Journal, ThatCanNotBeginLeavesNothing) {
+  for (size_t failing = 3; failing < 5; ++failing) {
+    MemoryFiles files;
+    files.FailAfter(failing, false);
+    EXPECT_THROW(Journal::Create(files, kPath, {7, 0}, {Setting("1")}), osa::Exception);
+    EXPECT_THAT(files.GetNames(), ElementsAre());
+  }
+}
+
 TEST(Journal, FailureIsThrownAndTheChangesBeforeStay) {
   MemoryFiles files;
-  const auto journal = Journal::Create(files, kPath, 7, {Setting("1")});
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   journal->Sync();
   files.FailAfter(0, false);
   EXPECT_THROW(journal->Append(Setting("2")), osa::Exception);

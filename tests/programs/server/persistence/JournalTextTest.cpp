@@ -18,8 +18,8 @@ namespace {
 const std::vector<Change> kChanges = {{"", "[A]\nx=1\n"}, {"[A]\n", "[B]\ny=2\n"}, {"", "[C]\n"}};
 
 std::string MakeJournal(const std::vector<Change>& changes = kChanges, uint64_t follows = 7) {
-  uint32_t checksum = 0;
-  std::string journal = daemon::EncodeJournalHeader(follows, checksum);
+  uint32_t checksum = daemon::BeginJournalChecksum({follows, 0});
+  std::string journal = daemon::EncodeJournalHeader({follows, 0}, daemon::kJournalHeaderSize);
   for (const Change& change : changes) journal += daemon::EncodeRecord(change, checksum);
   return journal;
 }
@@ -75,7 +75,7 @@ TEST(JournalText, ReadsBackAsItWasWritten) {
   const std::string journal = MakeJournal();
   JournalReader reader(journal);
   ASSERT_TRUE(reader.IsJournal());
-  EXPECT_EQ(reader.GetFollowed(), 7u);
+  EXPECT_EQ(reader.GetFollowed().generation, 7u);
   EXPECT_EQ(reader.GetEnd(), daemon::kJournalHeaderSize);
   for (const Change& change : kChanges) {
     ASSERT_TRUE(reader.Next());
@@ -131,6 +131,45 @@ TEST(JournalText, RecordsOutOfOrderDoNotCount) {
 TEST(JournalText, RecordsOfAnotherJournalDoNotCount) {
   const std::string other = MakeJournal(kChanges, 8);
   EXPECT_EQ(CountRecords(MakeJournal({}) + other.substr(daemon::kJournalHeaderSize)), 0u);
+}
+
+TEST(JournalText, FlippedBitIsToldFromAChangeThatWasNeverFinished) {
+  const std::string journal = MakeJournal();
+  // With a greater length the last one could have been written in part.
+  const size_t lastLengths = MakeJournal({kChanges[0], kChanges[1]}).size() + std::string("# change ").size();
+  for (size_t bit = 8 * daemon::kJournalHeaderSize; bit < 8 * (lastLengths + 17); ++bit) {
+    std::string flipped = journal;
+    flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ (1 << (bit % 8)));
+    if (flipped[bit / 8] == '\0') continue;  // looks like a byte that was never written
+    JournalReader reader(flipped);
+    while (reader.Next()) continue;
+    EXPECT_TRUE(reader.IsRotten() || bit / 8 >= lastLengths) << bit;
+  }
+}
+
+TEST(JournalText, TornChangeIsNotRotten) {
+  const std::string journal = MakeJournal();
+  for (size_t size = daemon::kJournalHeaderSize; size < journal.size(); ++size) {
+    for (const size_t zeros : {0, 1000}) {
+      const std::string torn = journal.substr(0, size) + std::string(zeros, '\0');
+      JournalReader reader(torn);
+      while (reader.Next()) continue;
+      EXPECT_FALSE(reader.IsRotten()) << size;
+    }
+  }
+}
+
+TEST(JournalText, WholeChangesBehindOneThatWasNotWrittenAreFound) {
+  std::string journal = MakeJournal();
+  const size_t first = MakeJournal({}).size();
+  const size_t second = MakeJournal({kChanges[0]}).size();
+  const size_t third = MakeJournal({kChanges[0], kChanges[1]}).size();
+  journal.replace(first, second - first, second - first, '\0');
+  JournalReader reader(journal);
+  EXPECT_FALSE(reader.Next());
+  EXPECT_EQ(reader.FindLater(), third);
+  EXPECT_FALSE(reader.IsRotten());
+  EXPECT_EQ(reader.CountMore(), journal.size() - first);
 }
 
 TEST(JournalText, OtherBytesAreNoJournal) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <ctime>
 #include <future>
 #include <memory>
 #include <set>
@@ -38,7 +40,8 @@ class PersistedStore : private settings::server::ISettingsPersister {
   // files: outlive the store. defaults: settings text.
   PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "")
       : _defaults(std::move(defaults)),
-        _persister(files, kUserFile, durability, [](bool, size_t) {}),
+        _persister(
+            files, kUserFile, durability, [](bool, size_t) {}, [this](std::time_t since) { _unsavedSince = since; }),
         _manager(this, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
   }
@@ -47,7 +50,12 @@ class PersistedStore : private settings::server::ISettingsPersister {
 
   settings::server::SettingsManager& GetManager() { return _manager; }
   daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
-  bool Finish() { return _persister.Finish(); }
+  bool Finish() {
+    return _persister.Finish(std::chrono::hours(1), [](bool) {});
+  }
+  bool Finish(std::chrono::milliseconds limit, const daemon::UserSettingsPersister::LateEnd& onLate) {
+    return _persister.Finish(limit, onLate);
+  }
   void Crash() { _persister.Stop(); }
 
   void Merge(const std::string& settings) {
@@ -55,6 +63,9 @@ class PersistedStore : private settings::server::ISettingsPersister {
     document.LoadFromString(settings);
     _manager.MergeSettings(document, 0);
   }
+
+  // In seconds since the epoch; 0: the disk has everything.
+  std::time_t GetUnsavedSince() const { return _unsavedSince; }
 
   // Returns when everything that this thread changed is durable, or let go.
   void AwaitDurable() { test::AwaitDurable(GetGate(), daemon::DurabilityGate::GetLastOfThisThread()); }
@@ -72,6 +83,7 @@ class PersistedStore : private settings::server::ISettingsPersister {
   }
 
   const std::string _defaults;
+  std::atomic<std::time_t> _unsavedSince{0};
   daemon::UserSettingsPersister _persister;
   settings::server::SettingsManager _manager;
 };

@@ -47,6 +47,17 @@ TEST(Snapshot, IntactOneIsKnownWhateverItsTimeIs) {
   EXPECT_EQ(ReadText(MakeText(), 0).state, Snapshot::State::kIntact);
 }
 
+TEST(Snapshot, HalfATextIsNotAWholeOne) {
+  const std::string text = MakeText();
+  EXPECT_TRUE(daemon::IsWholeSnapshot(text));
+  for (size_t size = 0; size < text.size(); ++size) EXPECT_FALSE(daemon::IsWholeSnapshot(text.substr(0, size))) << size;
+}
+
+// Some keep every second one alone: then rot would look like an edit.
+TEST(Snapshot, TimeIsOneThatAllFileSystemsKeep) {
+  EXPECT_EQ(daemon::GetTimeOfSnapshot() % 2'000'000'000, 0);
+}
+
 TEST(Snapshot, AbsentOneIsEmpty) {
   const Snapshot snapshot = daemon::ReadSnapshot("user.ini", {});
   EXPECT_EQ(snapshot.state, Snapshot::State::kAbsent);

@@ -1,12 +1,15 @@
 #include "programs/server/persistence/UserSettingsPersister.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <future>
 
+#include "tavix/osa/Exception.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
@@ -20,6 +23,7 @@ using settings::common::GroupNameMatcher;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 using Kind = MemoryFiles::Operation::Kind;
 
@@ -51,6 +55,38 @@ bool IsHeld(PersistedStore& store, const std::string& group) {
   matcher.AddNameOrPattern(group);
   return !store.GetGate().IsDurable(store.GetGate().FindLast(&matcher));
 }
+
+size_t CountRecords(const std::string& journal) {
+  daemon::JournalReader reader(journal);
+  size_t count = 0;
+  while (reader.IsJournal() && reader.Next()) ++count;
+  return count;
+}
+
+// Standard error as a pipe that is full, and whose reader rests until the end.
+class FullStandardError {
+ public:
+  FullStandardError() : _before(dup(STDERR_FILENO)) {
+    EXPECT_EQ(pipe2(_ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string bytes(4096, 'x');
+    while (write(_ends[1], bytes.data(), bytes.size()) > 0) continue;
+    fcntl(_ends[1], F_SETFL, 0);
+    dup2(_ends[1], STDERR_FILENO);
+    close(_ends[1]);
+  }
+
+  ~FullStandardError() {
+    dup2(_before, STDERR_FILENO);
+    fcntl(_ends[0], F_SETFL, 0);
+    for (char bytes[4096]; read(_ends[0], bytes, sizeof bytes) > 0;) continue;
+    close(_ends[0]);
+    close(_before);
+  }
+
+ private:
+  const int _before;
+  int _ends[2];
+};
 
 // Stops the first operation that is of that kind, and for that path, until it may go on.
 class Stop {
@@ -172,11 +208,28 @@ TEST_F(Persister, ChangeIsHeldUntilItsSyncReturns) {
 }
 
 // The user layer never held it: only the record of what was overwritten changed.
-TEST_F(Persister, DefaultGroupThatWasTakenAwayIsHeldToo) {
-  PersistedStore store(_files, kAlways, "[Default]\nx=1\n");
+TEST_F(Persister, DefaultGroupThatWasTakenAwayIsHeldTooAndNoOther) {
+  PersistedStore store(_files, kAlways, "[Default]\nx=1\n[Other]\nx=1\n");
   Stop sync(_files, Kind::kSync, "user.ini.journal.new");
   store.GetManager().OverwriteSettings("Default", core::IniFile());
   EXPECT_TRUE(IsHeld(store, "Default"));
+  EXPECT_FALSE(IsHeld(store, "Other"));
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_THAT(Load(_files), HasSubstr("=Default\n"));
+}
+
+TEST_F(Persister, TellsSinceWhenTheDiskLacksAChange) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  EXPECT_EQ(store.GetUnsavedSince(), 0);
+  const std::time_t before = std::time(nullptr);
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  EXPECT_GE(store.GetUnsavedSince(), before);
+  sync.GoOn();
+  store.AwaitDurable();
+  EXPECT_TRUE(Eventually([&] { return store.GetUnsavedSince() == 0; }));
 }
 
 TEST_F(Persister, ManyChangesWaitForOneSync) {
@@ -208,6 +261,68 @@ TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptAndNeedNoOther
   EXPECT_EQ(Load(files), "[A]\nx=9\n");
   EXPECT_TRUE(store.Finish());
   EXPECT_EQ(CountSnapshots(files), 2u);
+}
+
+// However many there are, and however long they are together.
+TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptOnceForEachGroup) {
+  PersistedStore store(_files, kAlways);
+  Stop snapshot(_files, Kind::kSync, "user.ini.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  snapshot.Await();
+  for (int i = 0; i < 50; ++i) store.Merge("[B]\nx=" + std::string(1000, 'x') + std::to_string(i) + "\n");
+  snapshot.GoOn();
+  int value = 0;
+  EXPECT_TRUE(Eventually([&] {  // the next journal takes its place with the first change that it holds alone
+    store.Merge("[C]\nz=" + std::to_string(++value) + "\n");
+    store.AwaitDurable();
+    return CountRecords(_files.Get("user.ini.journal")) < 50;
+  }));
+  const std::string journal = _files.Get("user.ini.journal");
+  EXPECT_THAT(journal, HasSubstr("x49\n"));
+  EXPECT_THAT(journal, Not(HasSubstr("x48\n")));
+  EXPECT_TRUE(PowerCutsLeave("x49\n"));
+}
+
+// The text of a large layer is made part by part, and is that of one moment all the same.
+TEST_F(Persister, SnapshotOfALayerThatChangesMeanwhileIsOneStateOfIt) {
+  PersistedStore store(_files, kNever);
+  std::string large;
+  for (int group = 0; group < 300; ++group)
+    large += "[G" + std::to_string(group) + "]\nx=" + std::string(2000, 'x') + "\n";
+  store.Merge(large);
+  std::atomic<bool> isOver{false};
+  BackgroundCall writer([&] {
+    for (int i = 0; !isOver; ++i)
+      store.Merge("[G0]\nn=" + std::to_string(i) + "\n[G299]\nn=" + std::to_string(i) + "\n");
+  });
+  for (size_t snapshots = CountSnapshots(_files), last = snapshots + 10; snapshots < last;) {
+    if (!Eventually([&] { return CountSnapshots(_files) > snapshots; })) break;
+    snapshots = CountSnapshots(_files);
+    const core::IniFile saved = DocumentOf(_files.Get(kUserFile));
+    EXPECT_EQ(saved.GetValueOrDefault("G0", "n"), saved.GetValueOrDefault("G299", "n"));
+  }
+  isOver = true;
+  writer.Join();
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(Load(_files), UserSettingsOf(store.GetManager()));
+}
+
+TEST_F(Persister, NextJournalThatCanNotBeMadeLeavesTheOneBefore) {
+  PersistedStore store(_files, kAlways);
+  store.Merge("[B]\ny=1\n");
+  store.AwaitDurable();
+  bool isRefused = false;
+  _files.AddObserver([&](const auto& operation) {
+    if (operation.kind != Kind::kCreate || operation.path != "user.ini.journal.new" || isRefused) return;
+    isRefused = true;
+    throw osa::Exception("No journal");
+  });
+  const auto log = LogOf([&] { store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n"); }, 1);
+  EXPECT_THAT(log,
+              ElementsAre("WARNING UserSettings: No journal; the journal goes on, and the snapshot is tried again"));
+  store.Merge("[B]\ny=2\n");
+  store.AwaitDurable();
+  EXPECT_TRUE(PowerCutsLeave("[B]\ny=2\n"));
 }
 
 // The sync must not give the new one's name to the one that it has synced.
@@ -278,6 +393,60 @@ TEST_F(Persister, SnapshotThatCanNotBeMadeAtTheEndLeavesTheJournal) {
   _files.FailAfter(0, false);
   EXPECT_TRUE(store.Finish());
   EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=2\n");
+}
+
+// Neither writers nor readers wait for whoever reads the log, and may not.
+TEST_F(Persister, LogThatNobodyReadsHoldsUpNobody) {
+  PersistedStore store(_files, kAlways);
+  {
+    const FullStandardError nobodyReads;
+    _files.FailAfter(0, true);
+    store.Merge("[B]\ny=2\n");
+    store.Merge("[B]\ny=3\n");
+    EXPECT_EQ(UserSettingsOf(store.GetManager()), "[A]\nx=1\n[B]\ny=3\n");
+    _files.FailNoMore();
+  }
+  EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=3\n"; }));
+}
+
+TEST_F(Persister, EndThatTheDiskHoldsUpIsTold) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  std::promise<bool> isSaved;
+  EXPECT_TRUE(store.Finish(std::chrono::milliseconds(1), [&](bool saved) {
+    isSaved.set_value(saved);
+    sync.GoOn();
+  }));
+  EXPECT_FALSE(isSaved.get_future().get());
+}
+
+// Nothing is lost when only the last snapshot can't be made.
+TEST_F(Persister, EndThatOnlyASnapshotHoldsUpIsNoLoss) {
+  PersistedStore store(_files, kAlways);
+  store.Merge("[B]\ny=2\n");
+  store.AwaitDurable();
+  Stop snapshot(_files, Kind::kSync, "user.ini.new");
+  std::promise<bool> isSaved;
+  store.Finish(std::chrono::milliseconds(1), [&](bool saved) {
+    isSaved.set_value(saved);
+    snapshot.GoOn();
+  });
+  EXPECT_TRUE(isSaved.get_future().get());
+}
+
+TEST_F(Persister, JournalThatWasGivenUpOnItsWayLeavesItsRoom) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  _files.FailAfter(0, false);
+  store.Merge("[B]\ny=3\n");
+  sync.GoOn();
+  EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=3\n"; }));
+  const auto names = _files.GetNames();
+  EXPECT_THAT(names, Not(Contains("user.ini.journal.new")));
 }
 
 TEST_F(Persister, IntervalSyncsByItself) {

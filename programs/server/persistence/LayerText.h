@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/core/MemoryStream.h"
+
+namespace tavix::daemon {
+
+// A layer as settings text, made part by part, between which the layer may change: nobody waits for longer than a part
+// takes. Parts whose groups came, went or changed since are made again; then it is the layer's text.
+//
+// Threads: one at a time. The layer does not change during a call.
+// Errors:  std::bad_alloc, after which the text is of no use.
+class LayerText {
+ public:
+  explicit LayerText(size_t bytesOfAPart = 64 * 1024) : _bytesOfAPart(bytesOfAPart) {}
+
+  // Adds the next part. False when it was the last.
+  bool AddPart(const core::IniFile& layer);
+
+  // The parts that hold these groups, or would.
+  std::set<size_t> FindParts(const std::set<std::string>& groups) const;
+
+  void MakeAgain(const core::IniFile& layer, size_t part);
+
+  size_t CountBytes() const;
+
+  // Appends all, and keeps nothing.
+  void MoveTo(core::StringOstream& out);
+
+ private:
+  struct Part {
+    std::string first;  // all groups from that name on, up to the next part's
+    std::string text;
+  };
+
+  const size_t _bytesOfAPart;
+  core::StringOstream _out;
+  std::vector<Part> _parts;
+  std::string _next;  // the first group that no part has yet
+};
+
+}  // namespace tavix::daemon

@@ -1,0 +1,22 @@
+#include "programs/server/persistence/LoopThread.h"
+
+#include <utility>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr unsigned int kStackSize = 128 * 1024;
+
+}  // namespace
+
+LoopThread::LoopThread(const char* name, std::function<void()> loop)
+    : _loop(std::move(loop)), _thread(name, this, kStackSize, 0) {
+  _thread.Run();
+}
+
+LoopThread::~LoopThread() {
+  _thread.Join();
+}
+
+}  // namespace tavix::daemon

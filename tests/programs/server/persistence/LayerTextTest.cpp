@@ -1,0 +1,90 @@
+#include "programs/server/persistence/LayerText.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "tests/support/DocumentText.h"
+
+namespace tavix::test {
+
+using daemon::LayerText;
+
+namespace {
+
+std::string MoveOut(LayerText& text) {
+  core::StringOstream out;
+  text.MoveTo(out);
+  return out.GetText();
+}
+
+// Changes some groups of a layer, and notes which.
+class Changes {
+ public:
+  explicit Changes(unsigned int seed) : _random(seed) {}
+
+  void Make(core::IniFile& layer, size_t count, std::set<std::string>& changed) {
+    while (count-- > 0) {
+      const std::string group = "Group " + std::to_string(Below(60));
+      changed.insert(group);
+      if (Below(3) == 0) {
+        layer.RemoveGroup(group);
+      } else {
+        layer.SetValue(group, "key" + std::to_string(Below(3)), std::string(Below(40), 'v'));
+      }
+    }
+  }
+
+  size_t Below(size_t limit) { return _random() % limit; }
+
+ private:
+  std::mt19937 _random;
+};
+
+}  // namespace
+
+TEST(LayerText, OfAnEmptyLayerIsEmpty) {
+  LayerText text;
+  EXPECT_FALSE(text.AddPart(core::IniFile()));
+  EXPECT_EQ(text.CountBytes(), 0u);
+  EXPECT_EQ(MoveOut(text), "");
+}
+
+TEST(LayerText, OfALayerThatStandsStillIsItsText) {
+  const core::IniFile layer = DocumentOf("[A]\nx=1\n[B]\ny=2\n[C]\n[D]\nz=3\n");
+  for (size_t bytes = 1; bytes < 40; ++bytes) {
+    LayerText text(bytes);
+    while (text.AddPart(layer)) continue;
+    EXPECT_EQ(text.CountBytes(), TextOf(layer).size());
+    EXPECT_EQ(MoveOut(text), TextOf(layer)) << bytes;
+  }
+}
+
+TEST(LayerText, FindsThePartsThatHoldGroupsOrWould) {
+  const core::IniFile layer = DocumentOf("[B]\nx=1\n[D]\nx=1\n[F]\nx=1\n");
+  LayerText text(1);
+  while (text.AddPart(layer)) continue;
+  EXPECT_THAT(text.FindParts({"A", "B", "C"}), testing::ElementsAre(0));
+  EXPECT_THAT(text.FindParts({"D", "E"}), testing::ElementsAre(1));
+  EXPECT_THAT(text.FindParts({"C", "Z"}), testing::ElementsAre(0, 2));
+  EXPECT_THAT(text.FindParts({}), testing::ElementsAre());
+}
+
+// Whatever comes, goes and changes while the parts are made.
+TEST(LayerText, IsTheLayersOnceThePartsThatChangedWereMadeAgain) {
+  for (unsigned int seed = 0; seed < 300; ++seed) {
+    Changes changes(seed);
+    core::IniFile layer;
+    std::set<std::string> changed;
+    changes.Make(layer, 80, changed);
+    changed.clear();
+    LayerText text(1 + changes.Below(200));
+    while (text.AddPart(layer)) changes.Make(layer, changes.Below(4), changed);
+    changes.Make(layer, changes.Below(4), changed);
+    for (const size_t part : text.FindParts(changed)) text.MakeAgain(layer, part);
+    ASSERT_EQ(MoveOut(text), TextOf(layer)) << seed;
+  }
+}
+
+}  // namespace tavix::test

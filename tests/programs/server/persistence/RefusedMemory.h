@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+
+namespace tavix::test {
+
+// While it lives, no thread of the process gets more memory at once than that many bytes: as on a device without more.
+class RefusedMemory {
+ public:
+  explicit RefusedMemory(size_t most);
+  ~RefusedMemory();
+
+  RefusedMemory(const RefusedMemory&) = delete;
+  RefusedMemory& operator=(const RefusedMemory&) = delete;
+};
+
+}  // namespace tavix::test

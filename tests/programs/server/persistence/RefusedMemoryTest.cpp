@@ -1,0 +1,116 @@
+#include "tests/programs/server/persistence/RefusedMemory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+
+#include "tests/programs/server/persistence/PersistedStore.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/LogOf.h"
+#include "tests/support/MemoryFiles.h"
+
+namespace {
+
+std::atomic<size_t> mostAtOnce{SIZE_MAX};
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* const memory = size > mostAtOnce ? nullptr : std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace tavix::test {
+
+RefusedMemory::RefusedMemory(size_t most) {
+  mostAtOnce = most;
+}
+
+RefusedMemory::~RefusedMemory() {
+  mostAtOnce = SIZE_MAX;
+}
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr size_t kMost = 20'000;
+constexpr char kRefused[] =
+    "ERROR UserSettings: Failed to save the user settings: out of memory; changes are kept in memory and saved as soon "
+    "as that is possible";
+
+// A persister over a layer that is only changed by the test.
+class PersisterWithoutMemory : public testing::Test {
+ protected:
+  PersisterWithoutMemory() {
+    _persister.Load();
+    _persister.Start([this](const auto& reader) { reader(_layer); });
+    Change("A", "1");
+    AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
+  }
+
+  ~PersisterWithoutMemory() override { _persister.Stop(); }
+
+  void Change(const std::string& group, const std::string& value) {
+    _layer.SetValue(group, "x", value);
+    _persister.Save(_layer, {group});
+  }
+
+  std::string FindSaved() {
+    MemoryFiles image(_files.GetImage());
+    return TextOf(daemon::UserSettingsFiles(image, kUserFile).Find(true).settings);
+  }
+
+  MemoryFiles _files;
+  core::IniFile _layer;
+  daemon::UserSettingsPersister _persister{_files, kUserFile, kAlways, [](bool, size_t) {}};
+};
+
+}  // namespace
+
+TEST_F(PersisterWithoutMemory, OwesTheChangeToASnapshot) {
+  _layer.SetValue("Large", "x", std::string(2 * kMost, 'x'));
+  const auto log = LogOf(
+      [&] {
+        {
+          const RefusedMemory refused(kMost);
+          EXPECT_NO_THROW(_persister.Save(_layer, {"Large"}));
+        }
+        EXPECT_TRUE(Eventually([&] { return FindSaved() == TextOf(_layer); }));
+      },
+      2);
+  EXPECT_THAT(log, ElementsAre(kRefused, "WARNING UserSettings: 'user.ini' is saved again"));
+}
+
+TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
+  const std::string before = _files.Get(kUserFile);
+  const auto log = LogOf(
+      [&] {
+        _layer.SetValue("Large", "x", std::string(5 * kMost, 'x'));
+        const RefusedMemory refused(kMost);
+        _persister.Save(_layer, {"Large"});
+        EXPECT_FALSE(_persister.Finish(std::chrono::hours(1), [](bool) {}));
+      },
+      1);
+  EXPECT_EQ(log[0], kRefused);
+  EXPECT_EQ(_files.Get(kUserFile), before);
+  EXPECT_THAT(_files.Get("user.ini.bak"), Not(HasSubstr("Large")));
+}
+
+}  // namespace tavix::test
