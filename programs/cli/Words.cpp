@@ -44,13 +44,6 @@ Target ParseBracketed(const std::string& word) {
   return target;
 }
 
-std::string ValueFrom(const std::string& word) {
-  if (word != "-") return word;
-  std::string value = ReadFile("-");
-  if (!value.empty() && value.back() == '\n') value.pop_back();
-  return value;
-}
-
 // Walks over the words of "set".
 class AssignmentParser {
  public:
@@ -71,6 +64,15 @@ class AssignmentParser {
   }
 
  private:
+  std::string ValueFrom(const std::string& word) {
+    if (word != "-") return word;
+    if (_hasReadInput) throw Failure(kExitUsage, "'-' is standard input, which can be one value only");
+    _hasReadInput = true;
+    std::string value = ReadFile("-");
+    if (!value.empty() && value.back() == '\n') value.pop_back();
+    return value;
+  }
+
   void ParseBracketedWord(const std::string& word) {
     const size_t equals = word.find('=', FindClosingBracket(word));
     const std::string group = GroupOf(word);
@@ -107,6 +109,7 @@ class AssignmentParser {
 
   const Words& _words;
   size_t _at = 0;
+  bool _hasReadInput = false;
   IniFile _settings;
 };
 
