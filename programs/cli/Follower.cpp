@@ -38,6 +38,11 @@ bool Follower::AwaitChange(End end) {
     TakeOver(*notice);
     return true;
   } catch (const Failure& failure) {
+    // Somebody may be writing it still.
+    if (failure.GetCode() == kExitBadInput && !_context.GetOptions().local.empty()) {
+      _context.GetConsole().Say(std::string(failure.what()) + "; waiting for the next change");
+      return true;
+    }
     if (failure.GetCode() != kExitNoServer) throw;
     _context.GetConsole().Say(std::string(failure.what()) + "; trying again");
     return ReconnectUntil(end);

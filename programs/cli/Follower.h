@@ -24,7 +24,8 @@ class Follower {
 
   const core::IniFile& GetSettings() const { return _settings; }
 
-  // Waits until the copy may have changed. False when "end" has come; without one it waits for ever.
+  // Waits until the copy may have changed. A file that does not parse is told; what it held before counts. False when
+  // "end" has come; without one it waits for ever.
   bool AwaitChange(End end);
 
  private:

@@ -73,18 +73,22 @@ std::set<std::string> NamesOf(const IniFile& settings) {
 void Merge(Session& session, const IniFile& settings, bool isVolatile) {
   const std::set<std::string> groups = NamesOf(settings);
   RefuseRestricted(session, groups);
-  session.Merge(settings, isVolatile);
-  RequireApplied(session.Get(groups), settings);
+  session.RunAlone([&] {
+    session.Merge(settings, isVolatile);
+    RequireApplied(session.Get(groups), settings);
+  });
 }
 
 void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
   const std::set<std::string> groups = NamesOf(settings);
   RefuseRestricted(session, groups);
-  if (!session.TestAndMerge(condition, settings)) {
-    RequireHolds(session.Get(NamesOf(condition)), condition);
-    throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
-  }
-  RequireApplied(session.Get(groups), settings);
+  session.RunAlone([&] {
+    if (!session.TestAndMerge(condition, settings)) {
+      RequireHolds(session.Get(NamesOf(condition)), condition);
+      throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
+    }
+    RequireApplied(session.Get(groups), settings);
+  });
 }
 
 void RequireHolds(const IniFile& current, const IniFile& condition) {
@@ -96,10 +100,12 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
   std::set<std::string> touched = NamesOf(settings);
   touched.insert(groups.begin(), groups.end());
   RefuseRestricted(session, touched);
-  session.Overwrite(groups, settings);
-  const IniFile current = session.Get(touched);
-  RequireApplied(current, settings);
-  for (const std::string& group : groups) RequireGone(current, settings, group);
+  session.RunAlone([&] {
+    session.Overwrite(groups, settings);
+    const IniFile current = session.Get(touched);
+    RequireApplied(current, settings);
+    for (const std::string& group : groups) RequireGone(current, settings, group);
+  });
 }
 
 void Apply(Session& session, const IniFile& before, const IniFile& after) {
