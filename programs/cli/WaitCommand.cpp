@@ -54,7 +54,8 @@ std::vector<Condition> ParseWaits(const Options& options) {
     const Target target = ParseSettings({word}).front();
     conditions.push_back({target.group, *target.key, std::nullopt});
   }
-  if (isPair) conditions.push_back({words[0], words[1], std::nullopt});
+  for (const Target& target : isPair ? ParseSettings(words) : std::vector<Target>())
+    conditions.push_back({target.group, *target.key, std::nullopt});
   return conditions;
 }
 

@@ -64,6 +64,17 @@ void RefuseRestricted(const Session& session, const std::set<std::string>& group
   }
 }
 
+void RefusePatterns(const std::set<std::string>& groups) {
+  for (const std::string& group : groups) {
+    if (group.find('*') != std::string::npos)
+      throw Failure(kExitUsage,
+                    "the name '" + SpellName(group) +
+                        "' holds a '*': who replaces or deletes that group does so "
+                        "with all that match it",
+                    "'tavix-settings reset' takes what users set in it, and in those that match it, away");
+  }
+}
+
 std::set<std::string> NamesOf(const IniFile& settings) {
   std::set<std::string> names;
   for (const auto& [group, keys] : settings) names.insert(names.end(), group);
@@ -123,6 +134,7 @@ void Apply(Session& session, const IniFile& before, const IniFile& after) {
   }
   // One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
   if (!replaced.empty()) {
+    RefusePatterns(replaced);
     Replace(session, replaced, written);
   } else if (!written.IsEmpty()) {
     Merge(session, written, false);
