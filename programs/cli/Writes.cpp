@@ -107,6 +107,22 @@ void RequireHolds(const IniFile& current, const IniFile& condition) {
   if (!difference.empty()) throw Failure(kExitConditionFailed, "condition failed: " + difference);
 }
 
+void RequireUnchanged(Session& session, const std::set<std::string>& groups, const IniFile& before) {
+  const IniFile current = session.Get(groups);
+  IniFile condition;
+  for (const std::string& group : groups) condition.MergeSettings(before, group);
+  RequireHolds(current, condition);
+  for (const auto& [group, keys] : current) {
+    for (const auto& [key, value] : keys) {
+      if (!before.HasValue(group, key))
+        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set by now, to '" +
+                                                SpellValue(value) + "'");
+    }
+    if (!before.HasGroup(group))
+      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
+  }
+}
+
 void Replace(Session& session, const std::set<std::string>& groups, const IniFile& settings) {
   std::set<std::string> touched = NamesOf(settings);
   touched.insert(groups.begin(), groups.end());

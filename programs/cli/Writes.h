@@ -29,6 +29,9 @@ void MergeIf(Session& session, const core::IniFile& condition, const core::IniFi
 // Throws as MergeIf does.
 void RequireHolds(const core::IniFile& current, const core::IniFile& condition);
 
+// Throws Failure, kExitConditionFailed, that names what differs, when these groups are not as they were.
+void RequireUnchanged(Session& session, const std::set<std::string>& groups, const core::IniFile& before);
+
 // Replaces exactly these groups: those that "settings" lacks go.
 void Replace(Session& session, const std::set<std::string>& groups, const core::IniFile& settings);
 
