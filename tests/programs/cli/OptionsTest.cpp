@@ -161,6 +161,27 @@ TEST_F(GlobalOptions, ServerOfAnotherKindIsToldApart) {
                 " does not speak the settings protocol: expected \"data\", got \"HTTP/1.1 400 Bad Request\\r\"\n");
 }
 
+TEST_F(GlobalOptions, EmptyStoreIsNoOtherStore) {
+  const std::string hint = "hint: try 'tavix-settings set --help'\n";
+  ExpectRun({"--local", "", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --local: expected a file's name, found an empty text\n" + hint);
+  ExpectRun({"set", "[A]b=1", "--local="}, 2, "",
+            "tavix-settings: --local: expected a file's name, found an empty text\n" + hint);
+  ExpectRun({"--server", "", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --server: expected an address, found an empty text\n" + hint);
+  ExpectRun({"--local", "-", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --local: '-' is no file; one of that name is './-'\n" + hint);
+  EXPECT_EQ(Ask("A"), "");
+}
+
+TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsToldOf) {
+  const Outcome outcome = Run({"set", "A", "b", "-"}, std::string(8000000, 'x'));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
+                                " was lost\nhint: a server takes lines of 1 MiB and requests of 64 MiB, unless its "
+                                "--max-line and --max-request say otherwise\n");
+}
+
 TEST_F(GlobalOptions, WriteThatTheServerDidNotCarryOutIsExitStatus7) {
   const OneAnswer server("data\n[A]\nx=old\n.\n");
   ExpectRun({"-s", server.GetAddress(), "set", "[A]x=new"}, 7, "",
