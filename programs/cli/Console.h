@@ -15,6 +15,10 @@ class Console {
   enum Color { kPlain, kGroup, kKey, kRemoved, kAdded, kMatch, kDim };
 
   explicit Console(const GlobalOptions& options);
+  ~Console() { ClearProgress(); }
+
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
 
   // Data, as it is. What is printed may be kept until Flush.
   void Print(const std::string& text);

@@ -210,6 +210,28 @@ TEST_F(GlobalOptions, ServerMayListenOnAUnixSocket) {
             std::string("tavix-settings: no server at unix:gone: No such file or directory\n") + kHint);
 }
 
+TEST_F(GlobalOptions, UnixSocketWhoseQueueIsFullIsAwaited) {
+  const std::string path = _directory.Path("socket");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(listener.Get(), name, sizeof address), 0);
+  ASSERT_EQ(listen(listener.Get(), 0), 0);
+  const Descriptor waiting(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(connect(waiting.Get(), name, sizeof address), 0);
+  ExpectRun({"-s", "unix:" + path, "-t", "0.05", "list"}, 3, "",
+            "tavix-settings: the server at unix:" + path +
+                " took no connection within 0.05 s\nhint: it is busy with others, or stopped\n");
+  CommandProcess patient(_directory.GetPath(), WithProgram({"-s", "unix:" + path, "-t", "20", "get", "[A]x"}));
+  const Descriptor first(accept(listener.Get(), nullptr, nullptr));
+  const Descriptor peer(accept(listener.Get(), nullptr, nullptr));
+  ReceiveOnce(peer);
+  Send(peer, "data\n[A]\nx=1\n.\n");
+  EXPECT_EQ(patient.AwaitEnd(), 0);
+}
+
 TEST_F(GlobalOptions, VerboseShowsTheProtocol) {
   ExpectRun(
       {"-v", "get", "[Network/Eth0]dhcp"}, 0, "true\n",

@@ -117,6 +117,15 @@ TEST_F(OnATerminal, WatchTellsWhatItWatches) {
   EXPECT_EQ(process->AwaitEnd(), 130);
 }
 
+TEST_F(OnATerminal, ErrorStandsOnALineOfItsOwnBehindProgress) {
+  std::string text = "[Big]\n";
+  for (int i = 0; i < 1000; ++i) text += "k" + std::to_string(i) + "=" + std::string(1000, 'v') + "\n";
+  _directory.Write("big.ini", text + "last=" + std::string(8000000, 'v') + "\n");
+  const std::string output = RunThere({"import", "big.ini"});
+  EXPECT_THAT(output, HasSubstr("\r\x1b[Kimport: "));
+  EXPECT_THAT(output, HasSubstr("\r\x1b[Ktavix-settings: the connection to "));
+}
+
 TEST_F(OnATerminal, LongImportShowsItsProgress) {
   std::string text;
   for (int i = 0; i < 5000; ++i) text += "[Many/" + std::to_string(i) + "]\nx=" + std::string(200, 'v') + "\n";
