@@ -21,10 +21,6 @@ std::optional<milliseconds> LeftUntil(Follower::End end) {
   return std::max(left, milliseconds(0));
 }
 
-bool HasCome(Follower::End end) {
-  return end && Follower::Clock::now() >= *end;
-}
-
 }  // namespace
 
 Follower::Follower(Context& context, std::set<std::string> groups) : _context(context), _groups(std::move(groups)) {

@@ -19,6 +19,8 @@ class Follower {
   using Clock = std::chrono::steady_clock;
   using End = std::optional<Clock::time_point>;
 
+  static bool HasCome(End end) { return end && Clock::now() >= *end; }
+
   // context: outlives this. Connects.
   Follower(Context& context, std::set<std::string> groups);
 
