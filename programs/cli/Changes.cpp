@@ -82,7 +82,7 @@ void PrintChanges(Console& console, Output output, const std::vector<Change>& ch
 
 void PrintEvent(Console& console, Output output, const Change& change) {
   if (output == Output::kJson) {
-    console.Print(ToJson(change).dump() + "\n");
+    console.Print(Compact(ToJson(change)) + "\n");
     return;
   }
   const std::string name = console.Paint(Console::kGroup, "[" + SpellName(change.group) + "]");

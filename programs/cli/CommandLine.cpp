@@ -175,8 +175,13 @@ CommandLine::Action CommandLine::ParseProtected(std::vector<std::string> words) 
 }
 
 void CommandLine::ReadGlobalOptions(GlobalOptions& options) const {
-  if (!_words->server.empty() && !_words->local.empty())
-    FailUsage("--server and --local can't go together: it is one store or the other");
+  const bool hasServer = _app->get_option("--server")->count() > 0;
+  const bool hasLocal = _app->get_option("--local")->count() > 0;
+  if (hasServer && hasLocal) FailUsage("--server and --local can't go together: it is one store or the other");
+  // A script's empty variable must not mean another store.
+  if (hasServer && _words->server.empty()) FailUsage("--server: expected an address, found an empty text");
+  if (hasLocal && _words->local.empty()) FailUsage("--local: expected a file's name, found an empty text");
+  if (_words->local == "-") FailUsage("--local: '-' is no file; one of that name is './-'");
   options.server = _words->server;
   options.local = _words->local;
   options.timeout = _words->timeout;

@@ -1,5 +1,6 @@
 #include "programs/cli/Connection.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -31,6 +32,10 @@ constexpr char kVariable[] = "TAVIX_SETTINGS_SERVER";
 constexpr char kUnix[] = "unix:";
 constexpr long long kLongestWait = 1000 * 1000 * 1000;  // milliseconds, what poll(2) takes at a time
 constexpr size_t kMostAtOnce = 64 * size_t{1024};
+constexpr size_t kMostInALine = 1024 * size_t{1024};
+constexpr size_t kMostInARequest = 64 * kMostInALine;
+constexpr char kLimits[] =
+    "a server takes lines of 1 MiB and requests of 64 MiB, unless its --max-line and --max-request say otherwise";
 
 bool IsUnix(const std::string& server) {
   return server.rfind(kUnix, 0) == 0;
@@ -45,6 +50,17 @@ osa::ServiceEndpoint FindEndpoint(const std::string& server) {
   }
 }
 
+// Whether that is more than a server takes whose limits nobody has changed.
+bool IsMuch(const std::string& request) {
+  size_t longest = 0;
+  for (size_t at = 0; at < request.size();) {
+    const size_t end = std::min(request.find('\n', at), request.size());
+    longest = std::max(longest, end - at);
+    at = end + 1;
+  }
+  return longest > kMostInALine || request.size() > kMostInARequest;
+}
+
 // A peer that is gone without a farewell is found within a minute.
 void SetUpTcp(int descriptor) {
   const auto set = [&](int level, int name, int value) { setsockopt(descriptor, level, name, &value, sizeof value); };
@@ -53,6 +69,15 @@ void SetUpTcp(int descriptor) {
   set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
   set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
   set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+}
+
+// A unix socket whose queue is full refuses at once who does not block, and no event tells when there is room.
+void SetUpUnix(int descriptor, milliseconds timeout) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+  const timeval limit{static_cast<time_t>(seconds.count()),
+                      static_cast<suseconds_t>(std::chrono::microseconds(timeout - seconds).count())};
+  setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  fcntl(descriptor, F_SETFL, O_RDWR);
 }
 
 // Waits for the event in spite of signals; false when the time is up.
@@ -102,6 +127,9 @@ void Connection::ConnectUnix(const std::string& path) {
                                   std::to_string(sizeof address.sun_path - 1) + " bytes");
   std::memcpy(address.sun_path, path.data(), path.size());
   TryConnect(AF_UNIX, &address, sizeof address);
+  if (_error == EAGAIN)
+    throw Failure(kExitNoServer, "the server at " + _address + " took no connection within " + ShowTimeout(),
+                  "it is busy with others, or stopped");
 }
 
 void Connection::ConnectTcp(const std::string& host, unsigned short port) {
@@ -122,7 +150,11 @@ bool Connection::TryConnect(int family, const void* address, unsigned int size) 
   _descriptor = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   _error = errno;
   if (_descriptor < 0) return false;
-  if (family != AF_UNIX) SetUpTcp(_descriptor);
+  if (family == AF_UNIX) {
+    SetUpUnix(_descriptor, _timeout);
+  } else {
+    SetUpTcp(_descriptor);
+  }
   _error = connect(_descriptor, static_cast<const sockaddr*>(address), size) == 0 ? 0 : errno;
   if (_error == EINPROGRESS) {
     socklen_t length = sizeof _error;
@@ -132,6 +164,7 @@ bool Connection::TryConnect(int family, const void* address, unsigned int size) 
       _error = errno;
     }
   }
+  if (_error == 0 && fcntl(_descriptor, F_SETFL, O_RDWR | O_NONBLOCK) != 0) _error = errno;
   if (_error == 0) return true;
   close(_descriptor);
   _descriptor = -1;
@@ -140,6 +173,7 @@ bool Connection::TryConnect(int family, const void* address, unsigned int size) 
 
 void Connection::Send(const std::string& text, const Progress& progress) {
   if (_isTraced) Trace('>', text);
+  if (IsMuch(text)) _hasSentMuch = true;
   for (size_t sent = 0; sent < text.size();) {
     const ssize_t count =
         send(_descriptor, text.data() + sent, std::min(text.size() - sent, kMostAtOnce), MSG_NOSIGNAL);
@@ -206,13 +240,17 @@ void Connection::FailToConnect() const {
 }
 
 void Connection::FailLost() const {
-  throw Failure(kExitNoServer, "the connection to " + _address + " was lost");
+  throw Failure(kExitNoServer, "the connection to " + _address + " was lost", _hasSentMuch ? kLimits : "");
 }
 
 void Connection::FailTimedOut() const {
-  char seconds[32];
-  std::snprintf(seconds, sizeof seconds, "%g", static_cast<double>(_timeout.count()) / 1000);
-  throw Failure(kExitNoServer, "no answer from " + _address + " within " + seconds + " s");
+  throw Failure(kExitNoServer, "no answer from " + _address + " within " + ShowTimeout());
+}
+
+std::string Connection::ShowTimeout() const {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g s", static_cast<double>(_timeout.count()) / 1000);
+  return text;
 }
 
 }  // namespace tavix::cli

@@ -40,6 +40,7 @@ class Connection {
   bool TryConnect(int family, const void* address, unsigned int size);
   void Receive();
   void Trace(char sign, const std::string& text) const;
+  std::string ShowTimeout() const;
   [[noreturn]] void FailToConnect() const;
   [[noreturn]] void FailLost() const;
   [[noreturn]] void FailTimedOut() const;
@@ -47,6 +48,7 @@ class Connection {
   const std::chrono::milliseconds _timeout;
   const bool _isTraced;
   std::string _address;
+  bool _hasSentMuch = false;  // more than a server may take
   int _descriptor = -1;
   int _error = 0;         // of the attempts to connect
   std::string _received;  // and not yet read, from _start on

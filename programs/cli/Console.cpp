@@ -35,6 +35,12 @@ bool DecideColors(ColorChoice choice) {
   throw Failure(kExitNotApplied, std::string("standard output can't be written: ") + std::strerror(errno));
 }
 
+// Data and talk come in the order in which they came, where both go to one place. A buffer that can't be written is
+// dropped, and the next flush succeeds: so no failure may be passed over.
+void FlushData() {
+  if (std::fflush(stdout) != 0) FailToPrint();
+}
+
 }  // namespace
 
 Console::Console(const GlobalOptions& options)
@@ -49,17 +55,18 @@ void Console::Print(const std::string& text) {
 }
 
 void Console::Flush() {
-  if (std::fflush(stdout) != 0) FailToPrint();
+  FlushData();
+  if (std::ferror(stdout) != 0) throw Failure(kExitNotApplied, "standard output can't be written");
 }
 
 void Console::Say(const std::string& line) const {
   if (_quiet) return;
-  std::fflush(stdout);  // data and talk in the order in which they came, where both go to one place
+  FlushData();
   std::fprintf(stderr, "%s\n", line.c_str());
 }
 
 void Console::Warn(const std::string& line) {
-  std::fflush(stdout);
+  FlushData();
   std::fprintf(stderr, "tavix-settings: %s\n", line.c_str());
 }
 
@@ -98,7 +105,7 @@ bool Console::CanAsk() {
 }
 
 bool Console::Ask(const std::string& question) {
-  std::fflush(stdout);
+  FlushData();
   std::fprintf(stderr, "%s [y/N] ", question.c_str());
   std::string answer;
   if (!std::getline(std::cin, answer)) std::fputs("\n", stderr);

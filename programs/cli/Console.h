@@ -9,12 +9,16 @@ namespace tavix::cli {
 // The standard streams: data goes to standard output, talk to standard error.
 //
 // Threads: one.
-// Errors:  Failure when standard output can't take what is printed.
+// Errors:  Failure when standard output can't take what was printed, from whichever member finds that out first.
 class Console {
  public:
   enum Color { kPlain, kGroup, kKey, kRemoved, kAdded, kMatch, kDim };
 
   explicit Console(const GlobalOptions& options);
+  ~Console() { ClearProgress(); }
+
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
 
   // Data, as it is. What is printed may be kept until Flush.
   void Print(const std::string& text);

@@ -17,7 +17,7 @@ Session& Context::Reconnect() {
   if (_options.local.empty()) {
     _session = std::make_unique<DaemonSession>(_options.server, _options.GetTimeout(), _options.verbose);
   } else {
-    _session = std::make_unique<LocalSession>(_options.local);
+    _session = std::make_unique<LocalSession>(_options.local, _options.GetTimeout());
   }
   return *_session;
 }

@@ -85,11 +85,18 @@ void DaemonSession::Restore(const Groups& groups) {
 }
 
 std::vector<std::string> DaemonSession::GetSubscribed() {
-  Send(Line(protocol::kInfo, protocol::kSubscribed));
+  // The list ends with an empty line, and so may a name be one. What shows the end is the reply to another request,
+  // "data" and the line that no name can be.
+  Send(Line(protocol::kInfo, protocol::kSubscribed) + Line(protocol::kGet, protocol::kDelimited) +
+       protocol::kTerminatorLine);
   Expect("Subscribed groups");
   Expect("-----------------");
   std::vector<std::string> names;
-  for (std::string line; !(line = _connection.ReadLine()).empty();) names.push_back(line);
+  for (std::string line; (line = _connection.ReadLine()) != protocol::kTerminator;) names.push_back(line);
+  for (const char* line : {protocol::kData, ""}) {
+    if (names.empty() || names.back() != line) FailUnexpected(line, names.empty() ? std::string() : names.back());
+    names.pop_back();
+  }
   return names;
 }
 

@@ -53,6 +53,7 @@ int Delete(Context& context, const Options& options) {
     return kExitDone;
   }
   const std::set<std::string> names = NamesOf(before);
+  RefusePatterns(names);
   Confirm("delete", names, options.isConfirmed || !HasPattern(groups));
   Replace(session, names, IniFile());
   context.GetConsole().Say("done: " + Count(names.size(), "group") + " deleted");

@@ -115,8 +115,8 @@ IniFile EditUntilParsed(const EditedFile& file) {
       return file.ReadSettings();
     } catch (const Failure& failure) {
       if (!Console::CanAsk()) throw;
-      Console::Warn(failure.what());
-      if (!Console::Ask("Edit again?")) throw;
+      Console::Warn(failure.what() + std::string("\nhint: ") + failure.GetHint());  // an interrupt may be the answer
+      if (!Console::Ask("Edit again?")) throw Failure(failure.GetCode(), "nothing was changed", failure.GetHint());
     }
   }
 }
@@ -126,6 +126,12 @@ void DropNewEmptyGroups(IniFile& after, const IniFile& before) {
   for (const std::string& name : NamesOf(after)) {
     if (after[name].empty() && !before.HasGroup(name)) after.RemoveGroup(name);
   }
+}
+
+IniFile SelectGroups(const IniFile& settings, const std::set<std::string>& names) {
+  IniFile selected;
+  for (const std::string& name : names) selected.MergeSettings(settings, name);
+  return selected;
 }
 
 // The groups that differ, as they were shown: what has to be so still.
@@ -151,20 +157,18 @@ bool LosesAnything(const std::vector<Change>& changes) {
                      [](const Change& change) { return change.key ? !change.after.has_value() : !change.hasCome; });
 }
 
-// The protocol's conditional write can only set. What goes is taken away right behind it, on the same connection.
+// The protocol's conditional write can only set, and tests only what is there. So what has come is looked for right
+// before it, and what goes is taken away right behind it, on the same connection.
 void Write(Session& session, const IniFile& before, const IniFile& after, const std::vector<Change>& changes) {
   std::set<std::string> groups;
   for (const Change& change : changes) groups.insert(change.group);
   RefuseRestricted(session, groups);
-  MergeIf(session, FindCondition(before, changes), FindNewValues(after, changes));
-  if (!LosesAnything(changes)) return;
-  IniFile old;
-  IniFile wanted;
-  for (const std::string& group : groups) {
-    old.MergeSettings(before, group);
-    wanted.MergeSettings(after, group);
-  }
-  Apply(session, old, wanted);
+  RefusePatterns(groups);
+  session.RunAlone([&] {
+    RequireUnchanged(session, groups, before);
+    MergeIf(session, FindCondition(before, changes), FindNewValues(after, changes));
+    if (LosesAnything(changes)) Apply(session, SelectGroups(before, groups), SelectGroups(after, groups));
+  });
 }
 
 int Edit(Context& context, const Options& options) {
@@ -183,7 +187,9 @@ int Edit(Context& context, const Options& options) {
   if (!changes.empty() && !options.isDryRun) {
     try {
       // The editor may have been open for long: a session of its own, that nobody has given up meanwhile.
-      Write(context.Reconnect(), before, after, changes);
+      Session& later = context.Reconnect();
+      later.AllowNew();
+      Write(later, before, after, changes);
     } catch (const Failure& failure) {
       throw Failure(failure.GetCode(), failure.what(), file.GetHint());
     }

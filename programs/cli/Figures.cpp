@@ -56,7 +56,7 @@ Figures::Amount Figures::ParseAmount(const std::string& text) {
                                   "' is no amount: expected a whole number, such as 20, or a share "
                                   "of the total, such as 20%");
   amount.isShare = true;
-  amount.fraction = percent / 100;
+  amount.percent = percent;
   return amount;
 }
 
@@ -122,7 +122,7 @@ std::optional<int> Figures::FindBooking(const std::string& resource, const std::
                                         const Amount& amount) const {
   const int available = GetAvailable(resource, consumer);
   const std::optional<int> booking =
-      amount.isShare ? FindShare(amount.fraction * GetTotal(resource), available) : amount.number;
+      amount.isShare ? FindShare(amount.percent * GetTotal(resource) / 100, available) : amount.number;
   if (!booking || *booking < 0) return std::nullopt;
   if (*booking > 0 && *booking > available) return std::nullopt;
   return booking;

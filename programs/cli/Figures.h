@@ -20,7 +20,7 @@ class Figures {
   struct Amount {
     bool isShare = false;
     int number = 0;
-    double fraction = 0;
+    double percent = 0;  // whose product with the total is exact for whole numbers, as that of 0.14 and 100 is not
   };
 
   // Throws Failure, kExitUsage, when the text is no amount.

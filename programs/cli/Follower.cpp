@@ -21,10 +21,6 @@ std::optional<milliseconds> LeftUntil(Follower::End end) {
   return std::max(left, milliseconds(0));
 }
 
-bool HasCome(Follower::End end) {
-  return end && Follower::Clock::now() >= *end;
-}
-
 }  // namespace
 
 Follower::Follower(Context& context, std::set<std::string> groups) : _context(context), _groups(std::move(groups)) {
@@ -38,6 +34,11 @@ bool Follower::AwaitChange(End end) {
     TakeOver(*notice);
     return true;
   } catch (const Failure& failure) {
+    // Somebody may be writing it still.
+    if (failure.GetCode() == kExitBadInput && !_context.GetOptions().local.empty()) {
+      _context.GetConsole().Say(std::string(failure.what()) + "; waiting for the next change");
+      return true;
+    }
     if (failure.GetCode() != kExitNoServer) throw;
     _context.GetConsole().Say(std::string(failure.what()) + "; trying again");
     return ReconnectUntil(end);

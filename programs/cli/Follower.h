@@ -19,12 +19,15 @@ class Follower {
   using Clock = std::chrono::steady_clock;
   using End = std::optional<Clock::time_point>;
 
+  static bool HasCome(End end) { return end && Clock::now() >= *end; }
+
   // context: outlives this. Connects.
   Follower(Context& context, std::set<std::string> groups);
 
   const core::IniFile& GetSettings() const { return _settings; }
 
-  // Waits until the copy may have changed. False when "end" has come; without one it waits for ever.
+  // Waits until the copy may have changed. A file that does not parse is told; what it held before counts. False when
+  // "end" has come; without one it waits for ever.
   bool AwaitChange(End end);
 
  private:

@@ -72,7 +72,7 @@ void PrintOne(Context& context, const std::string& value, const Options& options
   Console& console = context.GetConsole();
   const bool isBare = context.GetOptions().output == Output::kValue || options.endsWithNul || options.endsWithNothing;
   std::string text = isBare ? console.ShowBareValue(value) : console.ShowValue(value);
-  if (context.PrintsJson()) text = ValueToJson(value).dump();
+  if (context.PrintsJson()) text = Compact(ValueToJson(value));
   if (options.endsWithNul) {
     text += '\0';
   } else if (!options.endsWithNothing) {
@@ -83,7 +83,7 @@ void PrintOne(Context& context, const std::string& value, const Options& options
 
 void PrintWithNuls(Console& console, const IniFile& settings) {
   for (const auto& [group, keys] : settings) {
-    for (const auto& [key, value] : keys) console.Print(value + '\0');
+    for (const auto& [key, value] : keys) console.Print(console.ShowBareValue(value) + '\0');
   }
 }
 

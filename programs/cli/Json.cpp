@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
+#include <sstream>
+#include <utility>
 
 #include "programs/cli/Failure.h"
 #include "programs/cli/Spelling.h"
@@ -49,46 +52,130 @@ bool DecodeBase64(std::string text, std::string& bytes) {
   return true;
 }
 
-class Reader {
+// Builds settings from what the parser finds. No tree is built in between: it would lose how numbers were written and
+// which keys stood twice, and one of any depth could not even be shown.
+class Reader : public nlohmann::json_sax<json> {
  public:
-  explicit Reader(const std::string& source) : _source(source) {}
+  // in: what is parsed; it tells how far that went. Both outlive this.
+  Reader(std::istringstream& in, const std::string& source) : _in(in), _source(source) {}
 
-  IniFile Read(const json& document) const {
-    if (!document.is_object()) Fail("expected an object of groups, found " + document.dump());
-    IniFile settings;
-    for (const auto& [name, keys] : document.items()) {
-      const std::string group = ReadName(name);
-      if (!keys.is_object()) Fail("[" + SpellName(group) + "]: expected an object of keys, found " + keys.dump());
-      settings[group];
-      for (const auto& [key, value] : keys.items()) {
-        const std::string keyName = ReadName(key);
-        settings.SetValue(group, keyName, ReadValue(value, group, keyName));
-      }
+  IniFile TakeSettings() { return std::move(_settings); }
+
+  bool null() override { FailUnexpected("null"); }
+  bool boolean(bool value) override { return TakeText(value ? "true" : "false"); }
+  bool number_integer(number_integer_t value) override { return TakeText(std::to_string(value)); }
+  bool number_unsigned(number_unsigned_t value) override { return TakeText(std::to_string(value)); }
+  bool number_float(number_float_t, const std::string& text) override { return TakeText(text); }
+  bool binary(binary_t&) override { FailUnexpected("binary data"); }
+  bool start_array(size_t) override { FailUnexpected("an array"); }
+  bool end_array() override { return true; }
+
+  bool string(std::string& text) override {
+    if (_depth < kInBase64) return TakeText(text);
+    std::string bytes;
+    if (!DecodeBase64(text, bytes)) Fail("'" + SpellValue(text) + "' is no base64");
+    SetValue(bytes);
+    return true;
+  }
+
+  bool start_object(size_t) override {
+    if (_depth == kInBase64) FailUnexpected("an object");
+    ++_depth;
+    return true;
+  }
+
+  bool key(std::string& text) override {
+    if (_depth == kInDocument) return OpenGroup(ReadName(text));
+    if (_depth == kInGroup) {
+      _key = ReadName(text);
+      if (_settings.HasValue(_group, _key)) Fail(SpellSetting(_group, _key) + " stands twice");
+      return true;
     }
-    return settings;
+    if (text != kBase64 || _hasBase64) FailUnexpected("an object");
+    _hasBase64 = true;
+    return true;
+  }
+
+  bool end_object() override {
+    if (_depth == kInBase64 && !std::exchange(_hasBase64, false)) FailUnexpected("an object");
+    --_depth;
+    return true;
+  }
+
+  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    const std::string reason = error.what();
+    Fail(reason.substr(reason.find("] ") + 2));
   }
 
  private:
-  std::string ReadName(const std::string& text) const {
+  // How many objects are open.
+  enum Depth { kNowhere, kInDocument, kInGroup, kInBase64 };
+
+  bool OpenGroup(const std::string& name) {
+    if (_settings.HasGroup(name)) Fail("[" + SpellName(name) + "] stands twice");
+    _group = name;
+    _settings[name];
+    return true;
+  }
+
+  std::string ReadName(const std::string& text) {
     if (text.rfind(kBase64Prefix, 0) != 0) return text;
     std::string name;
-    if (!DecodeBase64(text.substr(sizeof kBase64Prefix - 1), name)) Fail("'" + text + "' is no base64");
+    if (!DecodeBase64(text.substr(sizeof kBase64Prefix - 1), name)) Fail("'" + SpellValue(text) + "' is no base64");
     return name;
   }
 
-  std::string ReadValue(const json& value, const std::string& group, const std::string& key) const {
-    if (value.is_string()) return value.get<std::string>();
-    if (value.is_number() || value.is_boolean()) return value.dump();
-    const bool isBytes = value.is_object() && value.size() == 1 && value.contains(kBase64);
-    std::string bytes;
-    if (isBytes && value[kBase64].is_string() && DecodeBase64(value[kBase64].get<std::string>(), bytes)) return bytes;
-    Fail(SpellSetting(group, key) + ": expected a string or {\"base64\": \"...\"}, found " + value.dump());
+  bool TakeText(const std::string& text) {
+    if (_depth != kInGroup) FailUnexpected(SpellValue(text.substr(0, kMostShown)));
+    SetValue(text);
+    return true;
   }
 
-  [[noreturn]] void Fail(const std::string& what) const { throw Failure(kExitBadInput, _source + ": " + what); }
+  void SetValue(const std::string& value) { _settings.SetValue(_group, _key, value); }
 
+  [[noreturn]] void FailUnexpected(const std::string& found) {
+    if (_depth == kNowhere) Fail("expected an object of groups, found " + found);
+    if (_depth == kInDocument) Fail("[" + SpellName(_group) + "]: expected an object of keys, found " + found);
+    Fail(SpellSetting(_group, _key) + ": expected a string or {\"base64\": \"...\"}, found " + found);
+  }
+
+  // The parser has read one character beyond what it tells of.
+  [[noreturn]] void Fail(const std::string& what) {
+    const auto at = _in.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
+    const std::string text = _in.str();
+    const auto end = text.begin() + std::max<std::ptrdiff_t>(0, static_cast<std::ptrdiff_t>(at) - 1);
+    const auto line = 1 + std::count(text.begin(), end, '\n');
+    throw Failure(kExitBadInput, _source + ":" + std::to_string(line) + ": " + what);
+  }
+
+  static constexpr size_t kMostShown = 40;
+
+  std::istringstream& _in;
   const std::string& _source;
+  IniFile _settings;
+  int _depth = kNowhere;
+  std::string _group;
+  std::string _key;
+  bool _hasBase64 = false;
 };
+
+// Control characters that JSON lets stand as they are: they must not reach a terminal.
+std::string WithoutControls(const std::string& text) {
+  std::string out;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const bool isDelete = text[at] == '\x7F';
+    const bool isAbove = text[at] == '\xC2' && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0;
+    if (!isDelete && !isAbove) {
+      out += text[at];
+      continue;
+    }
+    if (isAbove) ++at;
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(text[at]));
+    out += escaped;
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -115,24 +202,24 @@ json ToJson(const IniFile& settings) {
 }
 
 std::string Pretty(const json& document) {
-  return document.dump(2) + "\n";
+  return WithoutControls(document.dump(2)) + "\n";
+}
+
+std::string Compact(const json& document) {
+  return WithoutControls(document.dump());
 }
 
 bool LooksLikeJson(const std::string& text) {
-  const size_t first = text.find_first_not_of(" \t\r\n");
+  const size_t begin = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;  // a byte order mark
+  const size_t first = text.find_first_not_of(" \t\r\n", begin);
   return first != std::string::npos && text[first] == '{';
 }
 
 IniFile FromJson(const std::string& text, const std::string& source) {
-  try {
-    return Reader(source).Read(json::parse(text));
-  } catch (const json::parse_error& error) {
-    const size_t at = std::min(error.byte, text.size());
-    const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
-    std::string reason = error.what();
-    reason.erase(0, reason.find("] ") + 2);
-    throw Failure(kExitBadInput, source + ":" + std::to_string(line) + ": " + reason);
-  }
+  std::istringstream in(text);
+  Reader reader(in, source);
+  json::sax_parse(in, &reader);
+  return reader.TakeSettings();
 }
 
 }  // namespace tavix::cli

@@ -22,9 +22,13 @@ nlohmann::json ToJson(const core::IniFile& settings);
 // The text of a whole document, with a line feed behind it.
 std::string Pretty(const nlohmann::json& document);
 
+// The same on one line, without a line feed.
+std::string Compact(const nlohmann::json& document);
+
 bool LooksLikeJson(const std::string& text);
 
-// Numbers and truth values are taken as JSON writes them. Throws Failure, kExitBadInput, with "source" and the line.
+// Numbers and truth values are taken as they are written. A name that stands twice is refused. Throws Failure,
+// kExitBadInput, with "source" and the line.
 core::IniFile FromJson(const std::string& text, const std::string& source);
 
 }  // namespace tavix::cli

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "programs/cli/Failure.h"
-#include "programs/cli/ReplaceFile.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::cli {
@@ -46,7 +45,7 @@ bool IsMissing(const std::string& path) {
 
 }  // namespace
 
-LocalSession::LocalSession(std::string path) : _path(std::move(path)) {}
+LocalSession::LocalSession(std::string path, milliseconds patience) : _path(std::move(path)), _patience(patience) {}
 
 LocalSession::~LocalSession() {
   if (_watch >= 0) close(_watch);
@@ -58,15 +57,28 @@ LocalText LocalSession::Read(bool mayBeMissing) const {
   return LocalText(std::string(), _path);
 }
 
-bool LocalSession::Write(const std::function<bool(IniFile&)>& change) const {
-  const FileLock lock(_path);
-  LocalText text = Read(true);
-  IniFile settings = text.GetSettings();
-  if (!change(settings)) return false;
-  if (settings.GetGroups() == text.GetSettings().GetGroups()) return true;
-  text.Change(settings);
-  ReplaceFile(_path, text.ToText());
-  return true;
+void LocalSession::RunAlone(const std::function<void()>& change) {
+  if (_lock) return change();
+  struct Unlocking {
+    std::optional<FileLock>& lock;
+    ~Unlocking() { lock.reset(); }
+  } const unlocking{_lock};
+  _lock.emplace(_path, _patience);
+  RequireReplaceable(_path);
+  change();
+}
+
+bool LocalSession::Write(const std::function<bool(IniFile&)>& change) {
+  bool isDone = false;
+  RunAlone([&] {
+    LocalText text = Read(true);
+    IniFile settings = text.GetSettings();
+    isDone = change(settings);
+    if (!isDone || settings.GetGroups() == text.GetSettings().GetGroups()) return;
+    text.Change(settings);
+    ReplaceFile(_path, text.ToText());
+  });
+  return isDone;
 }
 
 IniFile LocalSession::Get(const Groups& groups) {
@@ -116,7 +128,7 @@ std::vector<std::string> LocalSession::GetSubscribed() {
 IniFile LocalSession::Subscribe(const Groups& groups) {
   _subscribed = groups;
   if (_watch < 0) _watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
+  const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF | IN_ONLYDIR;
   if (_watch < 0 || inotify_add_watch(_watch, FindDirectory(_path).c_str(), events) < 0)
     throw Failure(kExitNoServer, "'" + _path + "' can't be watched: " + std::strerror(errno));
   IniFile settings = Get(groups);
@@ -124,13 +136,26 @@ IniFile LocalSession::Subscribe(const Groups& groups) {
   return settings;
 }
 
+bool LocalSession::ReadEvents() const {
+  alignas(inotify_event) char events[4096];
+  bool isInPlace = true;
+  for (ssize_t size = 0; (size = read(_watch, events, sizeof events)) > 0;) {
+    for (ssize_t at = 0; at < size;) {
+      inotify_event event{};
+      std::memcpy(&event, events + at, sizeof event);
+      isInPlace = isInPlace && (event.mask & (IN_MOVE_SELF | IN_IGNORED)) == 0;
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+  }
+  return isInPlace;
+}
+
 std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
   pollfd waiting{_watch, POLLIN, 0};
   constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
   const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
   if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
-  alignas(inotify_event) char events[4096];
-  while (read(_watch, events, sizeof events) > 0) continue;
+  if (!ReadEvents()) throw Failure(kExitNoServer, "the directory of '" + _path + "' was moved or removed");
   Notice notice;
   notice.settings = Select(Read(true).GetSettings(), _subscribed);
   notice.groups = std::exchange(_lastNames, NamesOf(notice.settings));

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <optional>
+
 #include "programs/cli/LocalText.h"
+#include "programs/cli/ReplaceFile.h"
 #include "programs/cli/Session.h"
 
 namespace tavix::cli {
@@ -9,16 +12,21 @@ namespace tavix::cli {
 // defaults goes, so that the defaults count again wherever the file is used. A file that is missing can be written, and
 // not read. Comments and order are kept.
 //
-// Two commands at once: each write reads the file anew under a lock, and replaces it whole.
+// Two commands at once: each write reads the file anew under a lock, and replaces it whole. RunAlone holds the lock.
+//
+// Errors: besides the base's, writes throw Failure: kExitNoServer when another command holds the lock for too long;
+//         kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it.
 class LocalSession : public Session {
  public:
-  explicit LocalSession(std::string path);
+  // patience: how long a write waits for another command's.
+  LocalSession(std::string path, std::chrono::milliseconds patience);
   ~LocalSession() override;
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
   void AllowNew() override { _mayBeNew = true; }
   core::IniFile GetUserSettings() override;
+  void RunAlone(const std::function<void()>& change) override;
   bool IsRestricted(const std::string&) const override { return false; }
   void Merge(const core::IniFile& settings, bool isVolatile) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) override;
@@ -30,14 +38,19 @@ class LocalSession : public Session {
   void SetProgress(Progress) override {}
 
  private:
+  // False when the directory is no longer where it was.
+  bool ReadEvents() const;
+
   // What stands in the file; an empty text when it is missing and may be.
   LocalText Read(bool mayBeMissing) const;
 
   // Reads the file, has "change" change the settings, and writes them, with no other command in between. A change that
   // returns false changes nothing.
-  bool Write(const std::function<bool(core::IniFile&)>& change) const;
+  bool Write(const std::function<bool(core::IniFile&)>& change);
 
   const std::string _path;
+  const std::chrono::milliseconds _patience;
+  std::optional<FileLock> _lock;  // while something runs alone
   bool _mayBeNew = false;
   Groups _subscribed;
   Groups _lastNames;  // of the subscribed groups, when they were last read

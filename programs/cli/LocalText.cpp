@@ -56,12 +56,19 @@ void LocalText::AddLine(const std::string& text) {
 
 void LocalText::Change(const IniFile& settings) {
   RemoveWhatIsMissingIn(settings);
+  const Places places = FindPlaces();
+  std::map<size_t, Lines> added;  // behind which line
+  Lines newGroups;
   for (const auto& [group, keys] : settings) {
-    if (!_settings.HasGroup(group)) AddGroup(group);
-    for (const auto& [key, value] : keys) {
-      if (!_settings.HasValue(group, key) || _settings.GetValue(group, key) != value) SetValue(group, key, value);
+    const auto place = places.find(group);
+    if (place == places.end()) {
+      AddGroup(group, keys, newGroups);
+    } else {
+      SetValues(group, keys, place->second, added[place->second.last]);
     }
   }
+  Insert(added);
+  Append(std::move(newGroups));
   _settings = settings;
   // The file is somebody's settings: what is written has to read as what was asked for, whatever it looks like.
   if (Parse(ToText(), "the changed text").GetGroups() == settings.GetGroups()) return;
@@ -79,28 +86,63 @@ void LocalText::RemoveWhatIsMissingIn(const IniFile& settings) {
 }
 
 // The last of several lines for a key is the one that counts.
-void LocalText::SetValue(const std::string& group, const std::string& key, const std::string& value) {
-  Line line{Kind::kSetting, group, key, SpellKey(key) + "=" + SpellValue(value)};
-  const auto last = std::find_if(_lines.rbegin(), _lines.rend(), [&](const Line& at) {
-    return at.kind == Kind::kSetting && at.group == group && at.key == key;
-  });
-  if (last != _lines.rend()) {
-    *last = std::move(line);
-  } else {
-    AddSetting(group, std::move(line));
+LocalText::Places LocalText::FindPlaces() const {
+  Places places;
+  for (size_t i = 0; i < _lines.size(); ++i) {
+    const Line& line = _lines[i];
+    if (line.kind == Kind::kOther) continue;
+    Place& place = places[line.group];
+    place.last = i;
+    if (line.kind == Kind::kSetting) place.keys[line.key] = i;
+  }
+  return places;
+}
+
+// A line that ends as its neighbour does.
+LocalText::Line LocalText::MakeLine(Line line, const Line& neighbour) {
+  if (!neighbour.text.empty() && neighbour.text.back() == '\r') line.text += '\r';
+  return line;
+}
+
+LocalText::Line LocalText::MakeSetting(const std::string& group, const std::string& key, const std::string& value,
+                                       const Line& neighbour) {
+  return MakeLine({Kind::kSetting, group, key, SpellKey(key) + "=" + SpellValue(value)}, neighbour);
+}
+
+// What is new goes behind the group's last setting, so that blank lines and comments before the next header stay before
+// that.
+void LocalText::SetValues(const std::string& group, const IniFile::KeyMap& keys, const Place& place, Lines& added) {
+  for (const auto& [key, value] : keys) {
+    const auto line = place.keys.find(key);
+    if (line == place.keys.end()) {
+      added.push_back(MakeSetting(group, key, value, _lines[place.last]));
+    } else if (_settings.GetValue(group, key) != value) {
+      _lines[line->second] = MakeSetting(group, key, value, _lines[line->second]);
+    }
   }
 }
 
-// Behind the group's last setting, so that blank lines and comments before the next header stay before that.
-void LocalText::AddSetting(const std::string& group, Line line) {
-  const auto last = std::find_if(_lines.rbegin(), _lines.rend(),
-                                 [&](const Line& at) { return at.kind != Kind::kOther && at.group == group; });
-  _lines.insert(last.base(), std::move(line));
+void LocalText::AddGroup(const std::string& group, const IniFile::KeyMap& keys, Lines& added) const {
+  const auto isBlank = [](const Line& line) { return line.text.empty() || line.text == "\r"; };
+  const Lines& before = added.empty() ? _lines : added;
+  const Line first = _lines.empty() ? Line() : _lines.front();
+  if (!before.empty() && !isBlank(before.back())) added.push_back(MakeLine({Kind::kOther, group, "", ""}, first));
+  added.push_back(MakeLine({Kind::kHeader, group, "", "[" + SpellName(group) + "]"}, first));
+  for (const auto& [key, value] : keys) added.push_back(MakeSetting(group, key, value, first));
 }
 
-void LocalText::AddGroup(const std::string& group) {
-  if (!_lines.empty() && !_lines.back().text.empty()) _lines.push_back({Kind::kOther, group, "", ""});
-  _lines.push_back({Kind::kHeader, group, "", "[" + SpellName(group) + "]"});
+void LocalText::Insert(std::map<size_t, Lines>& added) {
+  Lines lines;
+  for (size_t i = 0; i < _lines.size(); ++i) {
+    lines.push_back(std::move(_lines[i]));
+    const auto behind = added.find(i);
+    if (behind != added.end()) std::move(behind->second.begin(), behind->second.end(), std::back_inserter(lines));
+  }
+  _lines = std::move(lines);
+}
+
+void LocalText::Append(Lines lines) {
+  std::move(lines.begin(), lines.end(), std::back_inserter(_lines));
 }
 
 std::string LocalText::ToText() const {

@@ -9,6 +9,7 @@
 #include "programs/cli/LogLevels.h"
 #include "programs/cli/Spelling.h"
 #include "programs/cli/Suggestion.h"
+#include "programs/cli/Words.h"
 #include "programs/cli/Writes.h"
 
 namespace tavix::cli {
@@ -76,6 +77,7 @@ int ReadLevel(Context& context, const std::string& group) {
 
 int SetLevel(Context& context, const Options& options) {
   const int level = ParseLogLevel(options.level);
+  RefusePattern(options.group);
   IniFile settings;
   settings.SetInt(options.group, kKey, level);
   Merge(context.GetSession(), settings, false);

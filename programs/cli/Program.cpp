@@ -1,9 +1,12 @@
 #include "programs/cli/Program.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "programs/cli/CommandLine.h"
@@ -22,6 +25,16 @@ extern "C" void ExitAtInterrupt(int) {
 // A shell that starts a program in the background may have it ignore interrupts.
 void HandleInterrupt() {
   if (std::signal(SIGINT, ExitAtInterrupt) == SIG_IGN) std::signal(SIGINT, SIG_IGN);
+}
+
+// What is opened later must not take the place of a standard stream that was closed: what is printed would go there.
+// Reading and writing fails as before, for the streams are opened the wrong way round.
+void FillClosedStreams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    if (open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) != stream)
+      throw Failure(kExitNotApplied, std::string("failed to open '/dev/null': ") + std::strerror(errno));
+  }
 }
 
 int Report(const Failure& failure) {
@@ -52,6 +65,7 @@ int RunProgram(int argc, char** argv) {
   HandleInterrupt();
   std::signal(SIGPIPE, SIG_DFL);  // whoever started us may have it ignored
   try {
+    FillClosedStreams();
     return Run({argv + (argc > 0 ? 1 : 0), argv + argc});
   } catch (const Failure& failure) {
     return Report(failure);

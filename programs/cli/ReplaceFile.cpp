@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +18,8 @@
 namespace tavix::cli {
 
 namespace {
+
+constexpr int kMostLinks = 40;  // as the kernel
 
 class Descriptor {
  public:
@@ -43,11 +47,53 @@ std::string DirectoryOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-// Where the links end; the path itself when nothing is there yet.
+// Where the links end, also when nothing is there yet.
 std::string TargetOf(const std::string& path) {
   char target[PATH_MAX];
-  return realpath(path.c_str(), target) != nullptr ? target : path;
+  if (realpath(path.c_str(), target) != nullptr) return target;
+  std::string at = path;
+  for (int i = 0; i < kMostLinks; ++i) {
+    const ssize_t size = readlink(at.c_str(), target, sizeof target);
+    if (size < 0) return at;
+    const std::string next(target, static_cast<size_t>(size));
+    at = next.front() == '/' ? next : DirectoryOf(at) + "/" + next;
+  }
+  errno = ELOOP;
+  Fail(kExitNotApplied, "follow", path);
 }
+
+// Whether a daemon holds its lock on the file, FILE.lock.
+bool IsLockedByDaemon(const std::string& path) {
+  const Descriptor lock(open((path + ".lock").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return lock.Get() >= 0 && flock(lock.Get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+// Interrupts the calls of its thread after "patience", and then again and again: one signal may come too early.
+class Alarm {
+ public:
+  explicit Alarm(std::chrono::milliseconds patience) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &_before);
+    const auto microseconds = std::chrono::microseconds(patience).count();
+    const itimerval timer{{0, kAgain}, {microseconds / kSecond, static_cast<suseconds_t>(microseconds % kSecond)}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+  }
+  ~Alarm() {
+    const itimerval none{};
+    setitimer(ITIMER_REAL, &none, nullptr);
+    sigaction(SIGALRM, &_before, nullptr);
+  }
+
+  Alarm(const Alarm&) = delete;
+  Alarm& operator=(const Alarm&) = delete;
+
+ private:
+  static constexpr long kSecond = 1000 * 1000;  // in microseconds
+  static constexpr suseconds_t kAgain = 20 * 1000;
+
+  struct sigaction _before {};
+};
 
 void WriteAll(int descriptor, const std::string& text, const std::string& path) {
   for (size_t done = 0; done < text.size();) {
@@ -105,6 +151,16 @@ std::string FindDirectory(const std::string& path) {
   return DirectoryOf(TargetOf(path));
 }
 
+void RequireReplaceable(const std::string& path) {
+  const std::string target = TargetOf(path);
+  struct stat status {};
+  if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+    throw Failure(kExitNotApplied, "'" + path + "' is no plain file, and nothing else is replaced");
+  if (IsLockedByDaemon(target) || access((target + ".journal").c_str(), F_OK) == 0)
+    throw Failure(kExitNotApplied, "'" + path + "' belongs to a daemon, which would undo the change",
+                  "leave --local out, or stop the daemon; one that was killed has to be started once more before");
+}
+
 void ReplaceFile(const std::string& path, const std::string& text) {
   const std::string target = TargetOf(path);
   std::string name = target + ".XXXXXX";
@@ -115,9 +171,29 @@ void ReplaceFile(const std::string& path, const std::string& text) {
     Fail(kExitNotApplied, "sync the directory of", target);
 }
 
-FileLock::FileLock(const std::string& path)
+FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
     : _descriptor(open(FindDirectory(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  while (_descriptor >= 0 && flock(_descriptor, LOCK_EX) != 0 && errno == EINTR) continue;
+  if (_descriptor < 0 && errno != ENOENT && errno != ENOTDIR) Fail(kExitNotApplied, "lock the directory of", path);
+  if (_descriptor < 0) return;
+  try {
+    Lock(path, patience);
+  } catch (...) {
+    close(_descriptor);
+    throw;
+  }
+}
+
+void FileLock::Lock(const std::string& path, std::chrono::milliseconds patience) const {
+  using Clock = std::chrono::steady_clock;
+  if (flock(_descriptor, LOCK_EX | LOCK_NB) == 0) return;
+  const Clock::time_point end = Clock::now() + patience;
+  const Alarm alarm(patience);
+  while (flock(_descriptor, LOCK_EX) != 0) {
+    if (errno != EINTR) Fail(kExitNotApplied, "lock the directory of", path);
+    if (Clock::now() >= end)
+      throw Failure(kExitNoServer, "the directory of '" + path + "' is kept locked by another command",
+                    "--timeout says how long to wait for it");
+  }
 }
 
 FileLock::~FileLock() {

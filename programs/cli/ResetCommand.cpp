@@ -1,7 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
-#include "programs/cli/Backup.h"
 #include "programs/cli/Changes.h"
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"
@@ -9,9 +8,9 @@
 #include "programs/cli/Documents.h"
 #include "programs/cli/Failure.h"
 #include "programs/cli/Spelling.h"
+#include "programs/cli/UserLayer.h"
 #include "programs/cli/Words.h"
 #include "programs/cli/Writes.h"
-#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::cli {
 
@@ -25,14 +24,12 @@ struct Options {
   bool isDryRun = false;
 };
 
-// The groups of the user layer that a restore would touch. Those alone can differ from the defaults.
-std::set<std::string> FindUserGroups(Session& session, const std::set<std::string>& groups) {
-  IniFile user = session.GetUserSettings();
-  user.RemoveGroup(kDeletedGroups);
-  settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(groups);
-  std::set<std::string> found;
-  matcher.GetMatchingGroups(user, found);
+// The groups that users changed or deleted: those alone can differ from the defaults.
+std::set<std::string> FindUserGroups(Session& session, const std::vector<std::string>& words) {
+  UserLayer layer = UserLayer::From(session.GetUserSettings(), words);
+  layer.DropRestricted(session);
+  std::set<std::string> found = NamesOf(layer.settings);
+  found.insert(layer.deleted.begin(), layer.deleted.end());
   return found;
 }
 
@@ -50,15 +47,19 @@ int Reset(Context& context, const Options& options) {
   Session& session = context.GetSession();
   RefuseNames(session, groups);
   Console& console = context.GetConsole();
-  const std::set<std::string> changed = FindUserGroups(session, groups);
+  const std::set<std::string> changed = FindUserGroups(session, options.words);
   if (options.isDryRun) {
     for (const std::string& group : changed) console.Print(SpellName(group) + "\n");
     return kExitDone;
   }
   if (HasPattern(groups)) Confirm("reset", changed, options.isConfirmed);
-  const IniFile before = session.Get(groups);
-  session.Restore(groups);
-  const IniFile after = session.Get(groups);
+  IniFile before;
+  IniFile after;
+  session.RunAlone([&] {
+    before = session.Get(groups);
+    session.Restore(groups);
+    after = session.Get(groups);
+  });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
   PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
   console.Say("done: " + Count(after.GetGroups().size(), "group") + " at " +
@@ -74,7 +75,8 @@ void AddReset(CommandLine& line) {
                                [options](Context& context) { return Reset(context, *options); });
   AddTexts(command, "GROUP", options->words, "Groups or '*' patterns")->required();
   command.add_flag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
-  command.add_flag("--dry-run", options->isDryRun, "Print the groups that users changed, and change nothing");
+  command.add_flag("--dry-run", options->isDryRun,
+                   "Print the groups that users changed or deleted, and change nothing");
 }
 
 }  // namespace tavix::cli

@@ -119,6 +119,12 @@ int ShowResource(Context& context, const Options& options) {
   return kExitDone;
 }
 
+// What stands below a consumer's group is its own business, and is not counted.
+void RequireConsumer(const std::string& consumer) {
+  if (consumer.find('/') != std::string::npos)
+    throw Failure(kExitUsage, "'" + SpellName(consumer) + "' is no consumer: a booking below a '/' is not counted");
+}
+
 int Reserve(Context& context, const Options& options) {
   Session& session = context.GetSession();
   const Figures::Amount amount = Figures::ParseAmount(options.amount);
@@ -153,8 +159,11 @@ void AddResource(CommandLine& line) {
                               [options](Context& context) { return ShowResource(context, *options); });
   AddResource(show, *options);
 
-  CLI::App& reserve = line.AddTo(group, "reserve", "Book an amount, in place of what the consumer had",
-                                 [options](Context& context) { return Reserve(context, *options); });
+  CLI::App& reserve =
+      line.AddTo(group, "reserve", "Book an amount, in place of what the consumer had", [options](Context& context) {
+        RequireConsumer(options->consumer);
+        return Reserve(context, *options);
+      });
   AddResource(reserve, *options);
   AddText(reserve, "AMOUNT", options->amount, "A whole number, or a share of the total such as 20%")->required();
   AddConsumer(reserve, *options);

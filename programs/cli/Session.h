@@ -51,6 +51,10 @@ class Session {
   // Whether clients can't write the group.
   virtual bool IsRestricted(const std::string& group) const = 0;
 
+  // Runs "change", which reads this store and writes what follows from that. No other command writes in between where
+  // the store can promise that: a file can; a daemon has nothing but the condition of TestAndMerge. May be nested.
+  virtual void RunAlone(const std::function<void()>& change) { change(); }
+
   // A write returns when it was handed over: whoever wants to know what became of it reads.
   virtual void Merge(const core::IniFile& settings, bool isVolatile) = 0;
   [[nodiscard]] virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) = 0;

@@ -21,26 +21,43 @@ struct Options {
   bool isDryRun = false;
 };
 
+// The groups that the settings are in, before and after.
+struct Groups {
+  IniFile before;
+  IniFile after;
+};
+
+Groups FindGroups(Session& session, const std::set<std::string>& names, const std::vector<Target>& settings) {
+  Groups groups;
+  groups.before = session.Get(names);
+  groups.after = groups.before;
+  for (const Target& setting : settings) {
+    if (!groups.before.HasValue(setting.group, *setting.key))
+      throw Failure(kExitNo, DescribeMissingSetting(session, setting.group, *setting.key));
+    groups.after[setting.group].erase(*setting.key);
+  }
+  return groups;
+}
+
 // The protocol has no way to take a single key: the group is written again without it.
 int Unset(Context& context, const Options& options) {
   const std::vector<Target> settings = ParseSettings(options.words);
-  std::set<std::string> groups;
-  for (const Target& setting : settings) groups.insert(setting.group);
+  std::set<std::string> names;
+  for (const Target& setting : settings) names.insert(setting.group);
   Session& session = context.GetSession();
-  RefuseRestricted(session, groups);
-  const IniFile before = session.Get(groups);
-  IniFile after = before;
-  for (const Target& setting : settings) {
-    if (!before.HasValue(setting.group, *setting.key))
-      throw Failure(kExitNo, DescribeMissingSetting(session, setting.group, *setting.key));
-    after[setting.group].erase(*setting.key);
-  }
+  RefuseRestricted(session, names);
   if (options.isDryRun) {
-    PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
+    const Groups groups = FindGroups(session, names, settings);
+    PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(groups.before, groups.after));
     return kExitDone;
   }
-  Replace(session, groups, after);
-  context.GetConsole().Say("done: " + Count(CountSettings(before) - CountSettings(after), "setting") + " unset");
+  size_t count = 0;
+  session.RunAlone([&] {
+    const Groups groups = FindGroups(session, names, settings);
+    Replace(session, names, groups.after);
+    count = CountSettings(groups.before) - CountSettings(groups.after);
+  });
+  context.GetConsole().Say("done: " + Count(count, "setting") + " unset");
   return kExitDone;
 }
 

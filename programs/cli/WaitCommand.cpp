@@ -54,7 +54,10 @@ std::vector<Condition> ParseWaits(const Options& options) {
     const Target target = ParseSettings({word}).front();
     conditions.push_back({target.group, *target.key, std::nullopt});
   }
-  if (isPair) conditions.push_back({words[0], words[1], std::nullopt});
+  if (isPair) {
+    RefusePattern(words[0]);
+    conditions.push_back({words[0], words[1], std::nullopt});
+  }
   return conditions;
 }
 

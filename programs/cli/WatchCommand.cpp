@@ -36,11 +36,13 @@ class Watch {
     IniFile known = Select(_follower.GetSettings());
     if (_options.isInitial) PrintInitial(known);
     const Follower::End end = FindEnd();
-    while (_follower.AwaitChange(end)) {
+    // What has come already would be handed out even behind the end.
+    while (!Follower::HasCome(end) && _follower.AwaitChange(end)) {
       IniFile now = Select(_follower.GetSettings());
       for (const Change& change : FindChanges(known, now)) {
-        Announce(change);
+        if (!Announce(change)) return kExitInterrupted;
         if (_options.count != 0 && ++_announced == _options.count) return kExitDone;
+        if (Follower::HasCome(end)) return kExitDone;
       }
       known = std::move(now);
     }
@@ -97,17 +99,20 @@ class Watch {
     console.Flush();
   }
 
-  void Announce(const Change& change) const {
+  // False when the command was interrupted: then so are we, who leave interrupts to it.
+  bool Announce(const Change& change) const {
     Console& console = _context.GetConsole();
     PrintEvent(console, _context.GetOptions().output, change);
     console.Flush();
-    if (_options.command.empty()) return;
+    if (_options.command.empty()) return true;
     const int status = RunShell(_options.command, {},
                                 {{"TAVIX_GROUP", change.group},
                                  {"TAVIX_KEY", change.key.value_or("")},
                                  {"TAVIX_OLD", change.before.value_or("")},
                                  {"TAVIX_NEW", change.after.value_or("")}});
+    if (status == kExitInterrupted) return false;
     if (status != 0) Console::Warn("the command of --exec ended with status " + std::to_string(status));
+    return true;
   }
 
   Context& _context;

@@ -40,15 +40,10 @@ std::string KeyOf(const std::string& word, size_t end) {
 // "[group]" alone is a group.
 Target ParseBracketed(const std::string& word) {
   Target target{GroupOf(word), std::nullopt};
-  if (FindClosingBracket(word) + 1 != word.size()) target.key = KeyOf(word, word.size());
+  if (FindClosingBracket(word) + 1 == word.size()) return target;
+  RefusePattern(target.group);
+  target.key = KeyOf(word, word.size());
   return target;
-}
-
-std::string ValueFrom(const std::string& word) {
-  if (word != "-") return word;
-  std::string value = ReadFile("-");
-  if (!value.empty() && value.back() == '\n') value.pop_back();
-  return value;
 }
 
 // Walks over the words of "set".
@@ -71,9 +66,19 @@ class AssignmentParser {
   }
 
  private:
+  std::string ValueFrom(const std::string& word) {
+    if (word != "-") return word;
+    if (_hasReadInput) throw Failure(kExitUsage, "'-' is standard input, which can be one value only");
+    _hasReadInput = true;
+    std::string value = ReadFile("-");
+    if (!value.empty() && value.back() == '\n') value.pop_back();
+    return value;
+  }
+
   void ParseBracketedWord(const std::string& word) {
     const size_t equals = word.find('=', FindClosingBracket(word));
     const std::string group = GroupOf(word);
+    RefusePattern(group);
     const std::string key = KeyOf(word, std::min(equals, word.size()));
     if (equals != std::string::npos) {
       _settings.SetValue(group, key, word.substr(equals + 1));
@@ -83,8 +88,7 @@ class AssignmentParser {
   }
 
   void ParseGroup(const std::string& group) {
-    if (group.find('*') != std::string::npos)
-      throw Failure(kExitUsage, "'" + group + "' is a pattern: name the group whose settings to set");
+    RefusePattern(group);
     const std::string& word = Next("KEY VALUE or KEY=VALUE behind the group '" + group + "'");
     if (word.find('=') == std::string::npos) {
       _settings.SetValue(group, word, ValueFrom(Next("a value behind '" + group + " " + word + "'")));
@@ -107,10 +111,16 @@ class AssignmentParser {
 
   const Words& _words;
   size_t _at = 0;
+  bool _hasReadInput = false;
   IniFile _settings;
 };
 
 }  // namespace
+
+void RefusePattern(const std::string& group) {
+  if (group.find('*') != std::string::npos)
+    throw Failure(kExitUsage, "'" + group + "' is a pattern: name the group whose settings are meant");
+}
 
 std::string Target::ToText() const {
   return key ? SpellSetting(group, *key) : SpellName(group);
@@ -133,6 +143,7 @@ std::vector<Target> ParseSettings(const Words& words) {
     if (IsBracketed(words[at])) {
       settings.push_back(ParseBracketed(words[at]));
     } else if (at + 1 < words.size() && !IsBracketed(words[at + 1])) {
+      RefusePattern(words[at]);
       settings.push_back({words[at], words[at + 1]});
       ++at;
     } else {

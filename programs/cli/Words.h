@@ -8,7 +8,8 @@
 #include "tavix/core/IniFile.h"
 
 // What words on the command line mean. "[group]key" names a setting, spelled as in settings text; GROUP and KEY as two
-// bare words name it as they are; a bare word alone is a group, or a '*' pattern of groups.
+// bare words name it as they are; a bare word alone is a group, or a '*' pattern of groups. A setting of a pattern is
+// refused: what names a group for reading or replacing would mean others too.
 namespace tavix::cli {
 
 // A group or pattern, or with a key one setting.
@@ -21,6 +22,9 @@ struct Target {
   // As a person would write it.
   std::string ToText() const;
 };
+
+// Throws Failure, kExitUsage, for a pattern.
+void RefusePattern(const std::string& group);
 
 // Words as targets. Two bare words alone are GROUP KEY; otherwise each bare word is a group.
 std::vector<Target> ParseTargets(const std::vector<std::string>& words);

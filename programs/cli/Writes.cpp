@@ -64,6 +64,17 @@ void RefuseRestricted(const Session& session, const std::set<std::string>& group
   }
 }
 
+void RefusePatterns(const std::set<std::string>& groups) {
+  for (const std::string& group : groups) {
+    if (group.find('*') != std::string::npos)
+      throw Failure(kExitUsage,
+                    "the name '" + SpellName(group) +
+                        "' holds a '*': who replaces or deletes that group does so "
+                        "with all that match it",
+                    "'tavix-settings reset' takes what users set in it, and in those that match it, away");
+  }
+}
+
 std::set<std::string> NamesOf(const IniFile& settings) {
   std::set<std::string> names;
   for (const auto& [group, keys] : settings) names.insert(names.end(), group);
@@ -73,18 +84,22 @@ std::set<std::string> NamesOf(const IniFile& settings) {
 void Merge(Session& session, const IniFile& settings, bool isVolatile) {
   const std::set<std::string> groups = NamesOf(settings);
   RefuseRestricted(session, groups);
-  session.Merge(settings, isVolatile);
-  RequireApplied(session.Get(groups), settings);
+  session.RunAlone([&] {
+    session.Merge(settings, isVolatile);
+    RequireApplied(session.Get(groups), settings);
+  });
 }
 
 void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
   const std::set<std::string> groups = NamesOf(settings);
   RefuseRestricted(session, groups);
-  if (!session.TestAndMerge(condition, settings)) {
-    RequireHolds(session.Get(NamesOf(condition)), condition);
-    throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
-  }
-  RequireApplied(session.Get(groups), settings);
+  session.RunAlone([&] {
+    if (!session.TestAndMerge(condition, settings)) {
+      RequireHolds(session.Get(NamesOf(condition)), condition);
+      throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
+    }
+    RequireApplied(session.Get(groups), settings);
+  });
 }
 
 void RequireHolds(const IniFile& current, const IniFile& condition) {
@@ -92,14 +107,32 @@ void RequireHolds(const IniFile& current, const IniFile& condition) {
   if (!difference.empty()) throw Failure(kExitConditionFailed, "condition failed: " + difference);
 }
 
+void RequireUnchanged(Session& session, const std::set<std::string>& groups, const IniFile& before) {
+  const IniFile current = session.Get(groups);
+  IniFile condition;
+  for (const std::string& group : groups) condition.MergeSettings(before, group);
+  RequireHolds(current, condition);
+  for (const auto& [group, keys] : current) {
+    for (const auto& [key, value] : keys) {
+      if (!before.HasValue(group, key))
+        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set by now, to '" +
+                                                SpellValue(value) + "'");
+    }
+    if (!before.HasGroup(group))
+      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
+  }
+}
+
 void Replace(Session& session, const std::set<std::string>& groups, const IniFile& settings) {
   std::set<std::string> touched = NamesOf(settings);
   touched.insert(groups.begin(), groups.end());
   RefuseRestricted(session, touched);
-  session.Overwrite(groups, settings);
-  const IniFile current = session.Get(touched);
-  RequireApplied(current, settings);
-  for (const std::string& group : groups) RequireGone(current, settings, group);
+  session.RunAlone([&] {
+    session.Overwrite(groups, settings);
+    const IniFile current = session.Get(touched);
+    RequireApplied(current, settings);
+    for (const std::string& group : groups) RequireGone(current, settings, group);
+  });
 }
 
 void Apply(Session& session, const IniFile& before, const IniFile& after) {
@@ -117,6 +150,7 @@ void Apply(Session& session, const IniFile& before, const IniFile& after) {
   }
   // One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
   if (!replaced.empty()) {
+    RefusePatterns(replaced);
     Replace(session, replaced, written);
   } else if (!written.IsEmpty()) {
     Merge(session, written, false);

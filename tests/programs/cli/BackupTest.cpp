@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include <sstream>
+#include <tuple>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
@@ -180,7 +181,43 @@ TEST_F(BackupCommands, InputThatDoesNotParseIsExitStatus6WithFileAndLine) {
   EXPECT_THAT(Run({"import", "bad.json"}).errors, testing::StartsWith("tavix-settings: bad.json:2: "));
   EXPECT_EQ(Run({"import", "bad.json"}).status, 6);
   EXPECT_EQ(Run({"import"}, "{\"A\": {\"x\": [1]}}").errors,
-            "tavix-settings: standard input: [A]x: expected a string or {\"base64\": \"...\"}, found [1]\n");
+            "tavix-settings: standard input:1: [A]x: expected a string or {\"base64\": \"...\"}, found an array\n");
+}
+
+TEST_F(BackupCommands, JsonThatIsNoSettingsIsExitStatus6WithFileAndLine) {
+  const std::string wanted = "expected a string or {\"base64\": \"...\"}, found ";
+  for (const auto& [text, line, error] : std::vector<std::tuple<std::string, int, std::string>>{
+           {"{\n\"A\": 5}", 2, "[A]: expected an object of keys, found 5"},
+           {"{\"A\": {\"x\":\n\nnull}}", 3, "[A]x: " + wanted + "null"},
+           {"{\"A\": {\"x\": {}\n}}", 1, "[A]x: " + wanted + "an object"},
+           {"{\"A\": {\"x\": {\"base64\": 5}}}", 1, "[A]x: " + wanted + "5"},
+           {"{\"A\": {\"x\": {\"base64\": \"QQ==\", \"more\": \"\"}}}", 1, "[A]x: " + wanted + "an object"},
+           {"{\"A\": {\"x\": {\"base64\": \"?\"}}}", 1, "'?' is no base64"},
+           {"{\"base64:?\": {}}", 1, "'base64:?' is no base64"},
+           {"{\"A\": {\"x\": \"1\",\n\"x\": \"2\"}}", 2, "[A]x stands twice"},
+           {"{\"A\": {},\n\"A\": {}}", 2, "[A] stands twice"},
+           {"{\"A\":\n{\"x\": 1e400}}", 2, "number overflow parsing '1e400'"},
+           {"{\"A\": {\"x\": " + std::string(200000, '[') + std::string(200000, ']') + "}}", 1,
+            "[A]x: " + wanted + "an array"}}) {
+    const Outcome outcome = Run({"import"}, text);
+    EXPECT_EQ(outcome.errors, "tavix-settings: standard input:" + std::to_string(line) + ": " + error + "\n");
+    EXPECT_EQ(outcome.status, 6);
+  }
+  EXPECT_EQ(Ask("A"), "");
+}
+
+TEST_F(BackupCommands, JsonNumbersAreTakenAsTheyAreWritten) {
+  EXPECT_EQ(Run({"import"}, "\xEF\xBB\xBF{\"A\": {\"a\": 1e2, \"b\": 0.10, \"c\": 12345678901234567890123, \"d\": -5}}")
+                .status,
+            0);
+  EXPECT_EQ(Ask("A"), "[A]\na=1e2\nb=0.10\nc=12345678901234567890123\nd=-5\n");
+}
+
+TEST_F(BackupCommands, GroupThatNoListCanNameIsExitStatus6) {
+  const Outcome outcome = Run({"import"}, "[A]\nx=1\n[.]\nx=1\n");
+  EXPECT_EQ(outcome.status, 6);
+  EXPECT_THAT(outcome.errors, testing::StartsWith("tavix-settings: standard input: "));
+  EXPECT_EQ(Ask("A"), "");
 }
 
 TEST_F(BackupCommands, BackupOfTheExampleDeviceImportsWithoutDifferences) {

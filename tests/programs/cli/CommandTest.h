@@ -52,6 +52,11 @@ class CommandTest : public testing::Test {
     return RunToEnd(_directory.GetPath(), WithProgram(words), input, Environment(more));
   }
 
+  // A line of the shell with the program as "$0".
+  Outcome RunInShell(const std::string& line, const std::string& input = {}) const {
+    return RunToEnd(_directory.GetPath(), {"sh", "-c", line, TAVIX_CLI_PROGRAM}, input, Environment());
+  }
+
   void ExpectRun(const Words& words, int status, const std::string& output, const std::string& errors) const {
     const Outcome outcome = Run(words);
     const std::string line = testing::PrintToString(words);

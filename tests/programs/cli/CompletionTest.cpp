@@ -17,10 +17,16 @@ class Completion : public CommandTest {
     return outcome.output;
   }
 
+  static std::string Escaped(const std::string& word) {
+    std::string text;
+    for (const char c : word) text += (c == '\'' || c == '\\' ? "\\" : "") + std::string(1, c);
+    return text;
+  }
+
   // The replies that bash collects for a line of these words, with the cursor behind the last.
   std::string InBash(const Words& words) const {
     std::string line;
-    for (const std::string& word : words) line += " '" + word + "'";
+    for (const std::string& word : words) line += " $'" + Escaped(word) + "'";
     const std::string script = "source '" + std::string(TAVIX_SOURCE_DIR) +
                                "/programs/cli/completion/tavix-settings.bash'\n"
                                "COMP_WORDS=('" TAVIX_CLI_PROGRAM "'" +
@@ -101,6 +107,22 @@ TEST_F(Completion, WorksInBash) {
   EXPECT_EQ(InBash({"get", "[Network/E"}), "\\[Network/Eth0\\]\n");
   EXPECT_EQ(InBash({"--output", "=", "js"}), "json\n");
   EXPECT_EQ(InBash({"-s", "127.0.0.1", ":", "1", "get", "N"}), "\n");
+}
+
+TEST_F(Completion, InBashLeavesWhatStandsBehindAQuoteWhole) {
+  Merge("[fe80::1/if]\nwe:ird=1\n[My Group]\nkey=1\n");
+  EXPECT_EQ(InBash({"get", "'[fe80::"}), "[fe80::1/if]\n");
+  EXPECT_EQ(InBash({"get", "'[fe80::1/if]we:"}), "[fe80::1/if]we:ird\n");
+  EXPECT_EQ(InBash({"get", "\"[My"}), "[My Group]\n");
+  EXPECT_EQ(InBash({"get", "fe80", "::", "1"}), "1/if\n");
+}
+
+TEST_F(Completion, InBashTakesWordsAsTheShellDoes) {
+  Merge("[My Group]\nkey=1\n");
+  EXPECT_EQ(InBash({"get", "'My Group'", ""}), "key\n");
+  EXPECT_EQ(InBash({"get", "\"My Group\"", ""}), "key\n");
+  EXPECT_EQ(InBash({"get", "My\\ Group", ""}), "key\n");
+  EXPECT_EQ(InBash({"get", "\\[My\\ Group\\]"}), "\\[My\\ Group\\]key\n");
 }
 
 }  // namespace tavix::test

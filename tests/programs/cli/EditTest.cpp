@@ -92,6 +92,26 @@ TEST_F(EditCommand, ConcurrentChangeOfAGroupThatWasNotEditedDoesNotMatter) {
   EXPECT_EQ(Ask("Network/*"), "[Network/Eth0]\naddress=192.168.0.90\ndhcp=false\n[Network/Wlan0]\nenabled=true\n");
 }
 
+TEST_F(EditCommand, SettingThatSomebodyElseAddedMeanwhileIsNotLost) {
+  const std::string other = std::string(TAVIX_CLI_PROGRAM) + " -q set '[Network/Eth0]mtu=9000'";
+  const Outcome outcome = Edit("sed -i /dhcp/d \"$1\"; " + other, {"Network/Eth0"});
+  EXPECT_EQ(outcome.status, 4);
+  EXPECT_THAT(outcome.errors,
+              testing::StartsWith("tavix-settings: condition failed: [Network/Eth0]mtu is set by now, to "
+                                  "'9000'\nhint: the edited text is kept in "));
+  EXPECT_EQ(Ask("Network/Eth0"), "[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\nmtu=9000\n");
+}
+
+TEST_F(EditCommand, GroupThatSomebodyElseMadeMeanwhileIsNotOverwritten) {
+  const std::string program = TAVIX_CLI_PROGRAM;
+  const Outcome set = Edit("echo owner=me >>\"$1\"; " + program + " -q set '[New]owner=other'", {"New"});
+  EXPECT_EQ(set.status, 4);
+  EXPECT_EQ(Ask("New"), "[New]\nowner=other\n");
+  const Outcome empty = Edit("echo owner=me >>\"$1\"; echo '[Empty]' | " + program + " -q import", {"Empty"});
+  EXPECT_EQ(empty.status, 4);
+  EXPECT_THAT(empty.errors, HasSubstr("there is a group 'Empty' by now\n"));
+}
+
 TEST_F(EditCommand, TextThatDoesNotParseIsExitStatus6AndKept) {
   const Outcome outcome = Edit("echo nonsense >>\"$1\"", {"Network/Wlan0"});
   EXPECT_EQ(outcome.status, 6);
@@ -122,6 +142,17 @@ TEST_F(EditCommand, VisualGoesBeforeEditorAndMayHaveArguments) {
   const Outcome outcome =
       Run({"edit", "New"}, {}, {{"EDITOR", "false"}, {"VISUAL", Editor("echo \"$1=1\" >>\"$2\"") + " key"}});
   EXPECT_EQ(outcome.output, "+[New]key=1\n");
+}
+
+TEST_F(EditCommand, InterruptWhenAskedToEditAgainLeavesTheTextAndTellsWhere) {
+  CommandProcess process(_directory.GetPath(), WithProgram({"edit", "New"}),
+                         Environment({{"EDITOR", Editor("echo nonsense >>\"$1\"")}}),
+                         CommandProcess::Streams::kTerminal);
+  process.AwaitOutput("Edit again? [y/N] ");
+  process.Write("\x03");
+  EXPECT_EQ(process.AwaitEnd(), 130);
+  EXPECT_THAT(process.GetOutput(), HasSubstr("hint: the edited text is kept in " + _directory.GetPath() + "/tavix-"));
+  EXPECT_EQ(CountTexts(), 1U);
 }
 
 TEST_F(EditCommand, OnATerminalWhatDoesNotParseMayBeEditedAgain) {

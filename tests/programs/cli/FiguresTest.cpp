@@ -20,8 +20,8 @@ using settings::TavixSettingsClient;
 
 const std::vector<std::string> kFigures{"0",  "1",          "7",           "10",   "33", "100",
                                         "-5", "2147483647", "-2147483648", "none", ""};
-const std::vector<std::string> kAmounts{"0",  "1",   "10",  "100",   "-1",   "2147483647",
-                                        "0%", "10%", "14%", "33.3%", "100%", "101%"};
+const std::vector<std::string> kAmounts{"0",  "1",   "10",    "100",   "-1",   "2147483647",
+                                        "0%", "10%", "12.5%", "33.3%", "100%", "101%"};
 
 class RandomFigures {
  public:
@@ -52,7 +52,7 @@ ResourceManager::ResourceUsage UsageOf(const Figures::Amount& amount) {
   usage.resource = "R";
   usage.isPercent = amount.isShare;
   usage.amount = amount.number;
-  usage.fraction = amount.fraction;
+  usage.fraction = amount.percent / 100;
   return usage;
 }
 
@@ -84,9 +84,17 @@ TEST(Figures, BookAsTheLibraryDoes) {
 TEST(Figures, AmountIsAWholeNumberOrAShare) {
   EXPECT_EQ(Figures::ParseAmount("20").number, 20);
   EXPECT_FALSE(Figures::ParseAmount("-3").isShare);
-  EXPECT_DOUBLE_EQ(Figures::ParseAmount("12.5%").fraction, 0.125);
+  EXPECT_DOUBLE_EQ(Figures::ParseAmount("12.5%").percent, 12.5);
   for (const char* text : {"", "x", "5 %", "%", "1.5", "nan%", "20%%"}) {
     EXPECT_THROW(Figures::ParseAmount(text), cli::Failure) << text;
+  }
+}
+
+TEST(Figures, WholePercentsOfAHundredAreThatNumber) {
+  const Figures figures{IniFile()};
+  for (int percent = 0; percent <= 100; ++percent) {
+    const std::string text = std::to_string(percent) + "%";
+    EXPECT_EQ(figures.FindBooking("R", "A", Figures::ParseAmount(text)), percent) << text;
   }
 }
 

@@ -51,6 +51,21 @@ TEST_F(InspectionCommands, SubscribersTellsWhatIsSubscribedTo) {
   EXPECT_EQ(json::parse(Run({"subscribers", "--json"}).output), json::parse(R"(["Device/Identity", "Network/*"])"));
 }
 
+TEST_F(InspectionCommands, SubscribersTellsOfAnEmptyNameAndThoseBehindIt) {
+  ProtocolClient client(_daemon.GetPort());
+  client.Send("subscribe\n\ndata\nX*\n.\n");
+  client.AwaitHandled();
+  ExpectRun({"subscribers"}, 0, "\nX*\ndata\n", "");
+  EXPECT_EQ(json::parse(Run({"subscribers", "--json"}).output), json::parse(R"(["", "X*", "data"])"));
+}
+
+TEST_F(InspectionCommands, BookingThatWouldNotBeCountedIsRefused) {
+  AddResources();
+  ExpectRun({"resource", "reserve", "Bandwidth", "5", "-c", "Live/Notes"}, 2, "",
+            "tavix-settings: 'Live/Notes' is no consumer: a booking below a '/' is not counted\n");
+  ExpectRun({"resource", "release", "Bandwidth", "-c", "Live/Notes"}, 0, "", "done: Live/Notes has 0 of Bandwidth\n");
+}
+
 TEST_F(InspectionCommands, ResourcesAreDrawnAsBars) {
   AddResources();
   const std::string all =

@@ -5,36 +5,13 @@
 #include <memory>
 #include <thread>
 
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/LocalFileTest.h"
 
 namespace tavix::test {
 
 namespace {
 
-// The command on a file, with no daemon anywhere.
-class LocalFile : public testing::Test {
- protected:
-  Words WithFile(Words words) const {
-    words.insert(words.begin(), {TAVIX_CLI_PROGRAM, "--local", "x.ini"});
-    return words;
-  }
-
-  Outcome Run(const Words& words, const std::string& input = {}) const {
-    return RunToEnd(_directory.GetPath(), WithFile(words), input, {{"TAVIX_SETTINGS_SERVER", "127.0.0.1:1"}});
-  }
-
-  void ExpectRun(const Words& words, int status, const std::string& output, const std::string& errors) const {
-    const Outcome outcome = Run(words);
-    EXPECT_EQ(outcome.output, output) << testing::PrintToString(words);
-    EXPECT_EQ(outcome.errors, errors) << testing::PrintToString(words);
-    EXPECT_EQ(outcome.status, status) << testing::PrintToString(words);
-  }
-
-  std::string Read() const { return _directory.Read("x.ini"); }
-  void Write(const std::string& text) const { _directory.Write("x.ini", text); }
-
-  const TemporaryDirectory _directory;
-};
+class LocalFile : public LocalFileTest {};
 
 constexpr char kCommented[] =
     "# What this is.\n"

@@ -161,6 +161,27 @@ TEST_F(GlobalOptions, ServerOfAnotherKindIsToldApart) {
                 " does not speak the settings protocol: expected \"data\", got \"HTTP/1.1 400 Bad Request\\r\"\n");
 }
 
+TEST_F(GlobalOptions, EmptyStoreIsNoOtherStore) {
+  const std::string hint = "hint: try 'tavix-settings set --help'\n";
+  ExpectRun({"--local", "", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --local: expected a file's name, found an empty text\n" + hint);
+  ExpectRun({"set", "[A]b=1", "--local="}, 2, "",
+            "tavix-settings: --local: expected a file's name, found an empty text\n" + hint);
+  ExpectRun({"--server", "", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --server: expected an address, found an empty text\n" + hint);
+  ExpectRun({"--local", "-", "set", "[A]b=1"}, 2, "",
+            "tavix-settings: --local: '-' is no file; one of that name is './-'\n" + hint);
+  EXPECT_EQ(Ask("A"), "");
+}
+
+TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsToldOf) {
+  const Outcome outcome = Run({"set", "A", "b", "-"}, std::string(8000000, 'x'));
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
+                                " was lost\nhint: a server takes lines of 1 MiB and requests of 64 MiB, unless its "
+                                "--max-line and --max-request say otherwise\n");
+}
+
 TEST_F(GlobalOptions, WriteThatTheServerDidNotCarryOutIsExitStatus7) {
   const OneAnswer server("data\n[A]\nx=old\n.\n");
   ExpectRun({"-s", server.GetAddress(), "set", "[A]x=new"}, 7, "",
@@ -187,6 +208,28 @@ TEST_F(GlobalOptions, ServerMayListenOnAUnixSocket) {
   server.join();
   ExpectRun({"-s", "unix:gone", "list"}, 3, "",
             std::string("tavix-settings: no server at unix:gone: No such file or directory\n") + kHint);
+}
+
+TEST_F(GlobalOptions, UnixSocketWhoseQueueIsFullIsAwaited) {
+  const std::string path = _directory.Path("socket");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(listener.Get(), name, sizeof address), 0);
+  ASSERT_EQ(listen(listener.Get(), 0), 0);
+  const Descriptor waiting(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(connect(waiting.Get(), name, sizeof address), 0);
+  ExpectRun({"-s", "unix:" + path, "-t", "0.05", "list"}, 3, "",
+            "tavix-settings: the server at unix:" + path +
+                " took no connection within 0.05 s\nhint: it is busy with others, or stopped\n");
+  CommandProcess patient(_directory.GetPath(), WithProgram({"-s", "unix:" + path, "-t", "20", "get", "[A]x"}));
+  const Descriptor first(accept(listener.Get(), nullptr, nullptr));
+  const Descriptor peer(accept(listener.Get(), nullptr, nullptr));
+  ReceiveOnce(peer);
+  Send(peer, "data\n[A]\nx=1\n.\n");
+  EXPECT_EQ(patient.AwaitEnd(), 0);
 }
 
 TEST_F(GlobalOptions, VerboseShowsTheProtocol) {

@@ -73,6 +73,16 @@ TEST(LocalText, SaysWhatItWasToldWhateverStoodThereBefore) {
   }
 }
 
+TEST(LocalText, AddsLinesThatEndAsTheirNeighboursDo) {
+  cli::LocalText text("[a]\r\nk=1\r\n[b]\r\n", "x");
+  core::IniFile settings = text.GetSettings();
+  settings.SetValue("a", "l", "2");
+  settings.SetValue("b", "m", "3");
+  settings.SetValue("c", "n", "4");
+  text.Change(settings);
+  EXPECT_EQ(text.ToText(), "[a]\r\nk=1\r\nl=2\r\n[b]\r\nm=3\r\n\r\n[c]\r\nn=4\r\n");
+}
+
 TEST(LocalText, KeepsEveryLineThatDoesNotChange) {
   const std::string before = "\xEF\xBB\xBF[a]\r\nk = 1\n#c\n[b]\n[a]\nk=2\nl=\\q\n";
   cli::LocalText text(before, "x");

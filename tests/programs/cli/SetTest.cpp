@@ -99,7 +99,7 @@ TEST_F(SetCommand, WhatIsNoAssignmentIsAUsageError) {
   ExpectRun({"set", "A", "x"}, 2, "", "tavix-settings: expected a value behind 'A x'\n");
   ExpectRun({"set", "[A]x"}, 2, "", "tavix-settings: expected a value behind '[A]x'\n");
   ExpectRun({"set", "A*", "x", "1"}, 2, "",
-            "tavix-settings: 'A*' is a pattern: name the group whose settings to set\n");
+            "tavix-settings: 'A*' is a pattern: name the group whose settings are meant\n");
   ExpectRun({"set", "--if", "A", "[A]x=1"}, 2, "", "tavix-settings: --if: expected '[group]key=value', found 'A'\n");
 }
 

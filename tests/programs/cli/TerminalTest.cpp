@@ -52,6 +52,10 @@ TEST_F(OnATerminal, ControlBytesNeverReachIt) {
   for (const Words& words : std::vector<Words>{{"get", "[C]x"},
                                                {"get", "[C]y"},
                                                {"get", "-n", "[C]x"},
+                                               {"get", "-z", "C"},
+                                               {"get", "-z", "[C]x"},
+                                               {"get", "--json", "C"},
+                                               {"get", "--json", "[C]y"},
                                                {"get", "-o", "value", "C"},
                                                {"get", "-o", "shell", "C"},
                                                {"show", "C"},
@@ -115,6 +119,15 @@ TEST_F(OnATerminal, WatchTellsWhatItWatches) {
   process->AwaitOutput("watching Network/*; Ctrl-C ends\n");
   process->Write("\x03");
   EXPECT_EQ(process->AwaitEnd(), 130);
+}
+
+TEST_F(OnATerminal, ErrorStandsOnALineOfItsOwnBehindProgress) {
+  std::string text = "[Big]\n";
+  for (int i = 0; i < 1000; ++i) text += "k" + std::to_string(i) + "=" + std::string(1000, 'v') + "\n";
+  _directory.Write("big.ini", text + "last=" + std::string(8000000, 'v') + "\n");
+  const std::string output = RunThere({"import", "big.ini"});
+  EXPECT_THAT(output, HasSubstr("\r\x1b[Kimport: "));
+  EXPECT_THAT(output, HasSubstr("\r\x1b[Ktavix-settings: the connection to "));
 }
 
 TEST_F(OnATerminal, LongImportShowsItsProgress) {

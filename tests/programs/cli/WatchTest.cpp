@@ -109,6 +109,23 @@ TEST_F(WatchCommand, RunsACommandForEachChange) {
   EXPECT_EQ(watch->GetErrors(), "tavix-settings: the command of --exec ended with status 1\n");
 }
 
+TEST_F(WatchCommand, EndsWithACommandThatIsInterrupted) {
+  const auto watch = Watch({"Network/*", "--exec", "echo runs; kill -INT $$"});
+  Merge("[Network/Eth0]\nx=1\ny=1\n");
+  EXPECT_EQ(watch->AwaitEnd(), 130);
+  EXPECT_THAT(watch->GetOutput(), testing::EndsWith("x: (not set) -> 1\nruns\n"));
+  EXPECT_EQ(watch->GetErrors(), "");
+}
+
+TEST_F(WatchCommand, EndsInTimeWhateverHasComeMeanwhile) {
+  const auto watch = Watch({"Network/*", "--for", "1", "--exec", "echo runs; sleep 1.2"});
+  Merge("[Network/Eth0]\nx=1\n");
+  watch->AwaitOutput("runs\n");
+  Merge("[Network/Eth0]\nx=2\n");
+  EXPECT_EQ(watch->AwaitEnd(), 0);
+  EXPECT_THAT(watch->GetOutput(), testing::EndsWith("x: (not set) -> 1\nruns\n"));
+}
+
 TEST_F(WatchCommand, SurvivesARestartOfTheDaemonAndMissesNothingThatStillHolds) {
   const std::string defaults = _directory.Write("d.ini", kDefaults);
   auto first = std::make_unique<Daemon>(_directory, Words{"--defaults", defaults, "--user-settings", "own.ini"});

@@ -1,0 +1,122 @@
+#include "tests/programs/cli/CommandTest.h"
+
+namespace tavix::test {
+
+namespace {
+
+using testing::HasSubstr;
+
+class ImportThatReplaces : public CommandTest {
+ protected:
+  Outcome ReplaceUser(const std::string& backup, Words words = {}) const {
+    words.insert(words.begin(), {"import", "-", "--user", "--replace"});
+    return Run(words, backup);
+  }
+};
+
+}  // namespace
+
+TEST_F(ImportThatReplaces, DoesNotTakeEverythingAwayForAnEmptyText) {
+  for (const char* text : {"", "# nothing\n", "{}"}) {
+    const Outcome outcome = Run({"import", "--replace"}, text);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(outcome.errors,
+              "tavix-settings: a text without any group would take 3 groups away: give --yes to do it\n"
+              "hint: --dry-run shows them\n");
+  }
+  EXPECT_THAT(Run({"import", "-", "--replace", "Network/*"}, "[Other]\na=1\n").errors,
+              HasSubstr("a text without any of these groups would take 2 groups away: give --yes to do it\n"));
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+}
+
+TEST_F(ImportThatReplaces, TakesEverythingAwayForAnEmptyTextWhenToldTo) {
+  EXPECT_THAT(Run({"import", "--replace", "--dry-run"}).output, HasSubstr("-[Device/Identity]\n"));
+  EXPECT_EQ(Run({"import", "--replace", "--yes"}).status, 0);
+  EXPECT_EQ(Ask("*"), kRestricted);
+}
+
+TEST_F(ImportThatReplaces, RefusesABackupOfTheUserLayerInPlaceOfAllSettings) {
+  Run({"delete", "Network/Wlan0"});
+  _directory.Write("user.backup", Run({"export", "--user"}).output);
+  const std::string before = Ask("*");
+  ExpectRun({"import", "--replace", "user.backup"}, 2, "",
+            "tavix-settings: 'user.backup' tells what users deleted: it is a backup of the user layer\n"
+            "hint: give --user with --replace\n");
+  EXPECT_EQ(Ask("*"), before);
+}
+
+TEST_F(ImportThatReplaces, UserSettingsNeedsReplace) {
+  const Outcome outcome = Run({"import", "--user"}, "[A]\nb=1\n");
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.errors, testing::StartsWith("tavix-settings: --user requires --replace\n"));
+}
+
+TEST_F(ImportThatReplaces, UserSettingsBringsDeletedGroupsBack) {
+  Merge("[Network/Eth0]\ndhcp=false\n");
+  const std::string backup = Run({"export", "--user"}).output;
+  const std::string all = Ask("*");
+  Run({"delete", "Network/Wlan0", "Device/Identity"});
+  Merge("[Own]\nx=1\n");
+  const Outcome outcome = ReplaceUser(backup);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(Ask("*"), all);
+  EXPECT_EQ(outcome.errors,
+            "done: 8 differences\nkept as user settings, which the backup lacks: 3 settings, at the defaults\n");
+  EXPECT_EQ(
+      AskUser(),
+      "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Eth0]\ndhcp=false\n[Network/Wlan0]\nenabled=false\n.\n");
+}
+
+TEST_F(ImportThatReplaces, UserSettingsKeepsWhatTheBackupDeletedAway) {
+  Merge("[Network/Eth0]\ndhcp=false\n");
+  Run({"delete", "Network/Wlan0"});
+  const std::string user = AskUser();
+  const std::string backup = Run({"export", "--user"}).output;
+  const std::string all = Ask("*");
+  Run({"reset", "-y", "*"});
+  Merge("[Network/Wlan0]\nchannel=6\n[Own]\nx=1\n");
+  Run({"delete", "Device/Identity"});
+  EXPECT_EQ(ReplaceUser(backup).status, 0);
+  EXPECT_EQ(Ask("*"), all);
+  EXPECT_EQ(ReplaceUser(backup).status, 0);
+  EXPECT_EQ(Ask("*"), all);
+}
+
+TEST_F(ImportThatReplaces, UserSettingsWithoutDifferencesTouchesNothing) {
+  Merge("[Network/Eth0]\ndhcp=false\n");
+  Run({"delete", "Network/Wlan0"});
+  const std::string user = AskUser();
+  EXPECT_EQ(ReplaceUser(Run({"export", "--user"}).output).errors, "done: no differences\n");
+  EXPECT_EQ(AskUser(), user);
+}
+
+TEST_F(ImportThatReplaces, UserSettingsShowsDeletionsInADryRun) {
+  Run({"delete", "Network/Wlan0"});
+  const Outcome outcome = ReplaceUser("[Own]\nx=1\n", {"--dry-run"});
+  EXPECT_EQ(outcome.output,
+            "+[Own]x=1\n-[TavixSettings/Data/DeletedGroups]\n"
+            "-[TavixSettings/Data/DeletedGroups]Network/Wlan0=Network/Wlan0\n");
+}
+
+TEST_F(ImportThatReplaces, UserSettingsKeepsToTheGroupsGiven) {
+  const std::string device = Ask("Device/*");
+  Run({"delete", "Network/Wlan0", "Device/Identity"});
+  Merge("[Own]\nx=1\n");
+  EXPECT_EQ(ReplaceUser("[Device/Identity]\nname=Gate\n", {"D*"}).status, 0);
+  EXPECT_EQ(Ask("*"),
+            "[Device/Identity]\nmodel=NC-240\nname=Gate\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
+            "[Own]\nx=1\n" +
+                std::string(kRestricted));
+}
+
+TEST_F(ImportThatReplaces, RestrictedNamesAmongTheDeletedAreNoHindrance) {
+  ProtocolClient client(_daemon.GetPort());
+  client.Send("overwrite\nSecure/Wlan0\n.\n.\nmerge\n[Network/Eth0]\ndhcp=false\n.\n");
+  client.AwaitHandled();
+  const std::string backup = Run({"export", "--user"}).output;
+  EXPECT_THAT(backup, HasSubstr("Secure/Wlan0=Secure/Wlan0"));
+  EXPECT_EQ(Run({"import"}, backup).errors, "done: no differences\n");
+  EXPECT_EQ(ReplaceUser(backup).errors, "done: no differences\n");
+}
+
+}  // namespace tavix::test
