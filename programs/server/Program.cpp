@@ -1,5 +1,8 @@
 #include "programs/server/Program.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -42,9 +45,12 @@ auto OrFail(ExitCode code, Step step) {
   }
 }
 
+// The status tells the most of it; standard error on a pipe that nobody reads must not keep the daemon from ending.
 int Fail(ExitCode code, const std::exception& exception) {
   const char* const level = ServiceManager::HasJournal() ? "<3>" : "";
-  std::fprintf(stderr, "%stavix-settings-server: %s\n", level, exception.what());
+  pollfd errors{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT))
+    std::fprintf(stderr, "%stavix-settings-server: %s\n", level, exception.what());
   return code;
 }
 

@@ -89,10 +89,12 @@ bool RotatingLogFile::Append(const std::string& line) {
     written = ::write(_descriptor, line.data(), line.size());
   } while (written < 0 && errno == EINTR);
   if (written >= 0 && static_cast<size_t>(written) == line.size()) return true;
+  if (written <= 0) return false;
   const off_t end = lseek(_descriptor, 0, SEEK_CUR);
   struct stat now {};
-  const bool isLast = fstat(_descriptor, &now) == 0 && now.st_size == end;  // no other process wrote behind it
-  if (written > 0 && isLast && ftruncate(_descriptor, end - written) != 0) return false;
+  if (fstat(_descriptor, &now) != 0 || now.st_size != end) return false;  // another process wrote behind it
+  const bool isTorn = ftruncate(_descriptor, end - written) != 0;
+  (void)isTorn;
   return false;
 }
 

@@ -64,6 +64,15 @@ TEST_F(Log, PipeThatIsReadAgainIsToldWhatWasLost) {
   EXPECT_THAT(second, HasSubstr("Invalid command: again\n"));
 }
 
+TEST_F(Log, PipeThatNobodyReadsDoesNotHoldUpAStartThatFails) {
+  DaemonProcess daemon("/bin/sh", _directory.GetPath(),
+                       {"-c",
+                        "mkfifo errors; exec 3<>errors; dd if=/dev/zero of=errors bs=4096 oflag=nonblock; "
+                        "exec \"$0\" --listen 0.0.0.0:0 2>errors",
+                        TAVIX_SERVER_PROGRAM});
+  EXPECT_EQ(daemon.AwaitEnd(), 69);
+}
+
 // A device has to come up, and its log has to go somewhere.
 TEST_F(Log, FileThatCanNotBeOpenedAtTheStartIsReplacedByStandardError) {
   const std::string file = _directory.Path("gone/d.log");

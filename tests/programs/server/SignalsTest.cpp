@@ -183,11 +183,12 @@ TEST_F(Signals, ToEndDuringTheStartEndsTheDaemonWell) {
 // It has nothing to tidy up. Here it waits for somebody to read what it says.
 TEST_F(Signals, EndACheckAtOnceWhateverItWaitsFor) {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    DaemonProcess check("/bin/sh", _directory.GetPath(),
-                        {"-c",
-                         "rm -f full; mkfifo full; exec 3<>full; head -c 65536 /dev/zero >&3; echo is full >&2; "
-                         "exec \"$0\" --check >full",
-                         TAVIX_SERVER_PROGRAM});
+    DaemonProcess check(
+        "/bin/sh", _directory.GetPath(),
+        {"-c",
+         "rm -f full; mkfifo full; exec 3<>full; dd if=/dev/zero of=full bs=4096 oflag=nonblock; echo is full >&2; "
+         "exec \"$0\" --check >full",
+         TAVIX_SERVER_PROGRAM});
     check.AwaitErrors("is full\n");
     check.AwaitIdle();
     check.Signal(signal);
