@@ -62,7 +62,7 @@ class EventLoop : private osa::Runnable {
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
-  std::vector<Connection*> _turns;            // likewise: this turn's. Both have room for all connections
+  std::vector<Connection*> _turns;            // likewise: who has a turn in this round. Both have room for all
   int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
   bool _ticks = false;                        // likewise
   Connection::Clock::time_point _nextTick{};  // likewise
