@@ -56,7 +56,8 @@ std::string TargetOf(const std::string& path) {
     const ssize_t size = readlink(at.c_str(), target, sizeof target);
     if (size < 0) return at;
     const std::string next(target, static_cast<size_t>(size));
-    at = next.front() == '/' ? next : DirectoryOf(at) + "/" + next;
+    at = next.front() == '/' ? std::string() : DirectoryOf(at).append("/");
+    at += next;
   }
   errno = ELOOP;
   Fail(kExitNotApplied, "follow", path);

@@ -20,14 +20,16 @@ std::set<std::string> Without(const std::set<std::string>& names, const std::set
   return rest;
 }
 
-// The groups that hold a setting, or only themselves, that is not wanted.
+bool HoldsAllKeys(const IniFile& wanted, const std::string& group, const IniFile::KeyMap& keys) {
+  if (!wanted.HasGroup(group)) return false;
+  return std::all_of(keys.begin(), keys.end(), [&](const auto& entry) { return wanted.HasValue(group, entry.first); });
+}
+
+// The groups that are not wanted, or hold a setting that is not.
 std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted) {
   std::set<std::string> names;
   for (const auto& [group, keys] : before) {
-    const bool isWanted = wanted.HasGroup(group) && std::all_of(keys.begin(), keys.end(), [&](const auto& entry) {
-                            return wanted.HasValue(group, entry.first);
-                          });
-    if (!isWanted) names.insert(names.end(), group);
+    if (!HoldsAllKeys(wanted, group, keys)) names.insert(names.end(), group);
   }
   return names;
 }
