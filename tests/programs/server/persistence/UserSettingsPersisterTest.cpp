@@ -483,7 +483,7 @@ TEST_F(Persister, IntervalSyncsByItself) {
 
 // Whatever fails, once or for ever: what is found is a state that was current, and nothing is lost once it is well.
 TEST_F(Persister, FailureOfAnyOperationLosesNothingInTheEnd) {
-  for (size_t number = 0; number < 40; ++number) {
+  for (size_t number = 0; number < 120; ++number) {
     MemoryFiles files(_files.GetImage());
     PersistedStore store(files, kAlways);
     files.FailAfter(number / 2, number % 2 == 0);
