@@ -63,10 +63,11 @@ void Journal::Begin() {
 
 // A disk that has no room for zeros may have room for a record: what is wrong is the record's to find out.
 void Journal::FillAhead(uint64_t end) {
+  const uint64_t begin = std::max(_filled, _end);
   const uint64_t filled = end + std::clamp(end, kLeastFilled, kMostFilled);
   try {
     _file->Reserve(filled);
-    _file->WriteAt(_filled, std::string(static_cast<size_t>(filled - _filled), '\0'));
+    _file->WriteAt(begin, std::string(static_cast<size_t>(filled - begin), '\0'));
     _filled = filled;
   } catch (const std::exception&) {
     return;

@@ -378,6 +378,7 @@ void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, Dur
   _snapshotIsAsked = false;
   _snapshotId = snapshot;
   _snapshotBytes = bytes;
+  _leftNewJournal = false;  // the name is the next one's
   _synced = std::max(_synced, ticket);
   if (std::exchange(_failed, false)) {
     _saysWhenWell = true;

@@ -150,6 +150,14 @@ TEST(Journal, WithoutRoomForZerosTakesChangesAllTheSame) {
   EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2"));
 }
 
+TEST(Journal, ThatIsFilledAheadLateKeepsWhatItHas) {
+  MemoryFiles files;
+  files.FailAfter(1, false);
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {});
+  journal->Append(Setting("1"));
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1"));
+}
+
 TEST(Journal, ThatCanNotBeginLeavesNothing) {
   for (size_t failing = 3; failing < 5; ++failing) {
     MemoryFiles files;

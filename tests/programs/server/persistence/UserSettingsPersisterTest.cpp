@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <optional>
 
 #include "tavix/osa/Exception.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
@@ -449,6 +450,31 @@ TEST_F(Persister, JournalThatWasGivenUpOnItsWayLeavesItsRoom) {
   EXPECT_THAT(names, Not(Contains("user.ini.journal.new")));
 }
 
+// Its name is that of the next one by then.
+TEST_F(Persister, JournalThatWasGivenUpDuringASnapshotTakesNoOtherWithIt) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  std::optional<Stop> snapshot(std::in_place, _files, Kind::kSync, "user.ini.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  sync.Await();
+  snapshot->Await();
+  const auto log = LogOf([&] {
+    _files.FailAfter(0, false);
+    store.Merge("[B]\ny=2\n");
+    snapshot->GoOn();
+    store.AwaitDurable();
+    EXPECT_TRUE(Eventually([&] { return _files.Get("user.ini.journal.new").find("y=2\n") != std::string::npos; }));
+    const size_t snapshots = CountSnapshots(_files);
+    store.Merge("[Large]\nx=" + std::string(140 * 1000, 'y') + "\n");
+    EXPECT_TRUE(Eventually([&] { return CountSnapshots(_files) > snapshots; }));
+    sync.GoOn();
+    store.AwaitDurable();
+    EXPECT_TRUE(store.Finish());
+  });
+  EXPECT_THAT(log, testing::Each(Not(HasSubstr("Failed to replace"))));
+  EXPECT_EQ(Load(_files), UserSettingsOf(store.GetManager()));
+}
+
 TEST_F(Persister, IntervalSyncsByItself) {
   PersistedStore store(_files, {daemon::Durability::Kind::kInterval, std::chrono::milliseconds(1)});
   store.Merge("[B]\ny=2\n");
@@ -457,7 +483,7 @@ TEST_F(Persister, IntervalSyncsByItself) {
 
 // Whatever fails, once or for ever: what is found is a state that was current, and nothing is lost once it is well.
 TEST_F(Persister, FailureOfAnyOperationLosesNothingInTheEnd) {
-  for (size_t number = 0; number < 40; ++number) {
+  for (size_t number = 0; number < 120; ++number) {
     MemoryFiles files(_files.GetImage());
     PersistedStore store(files, kAlways);
     files.FailAfter(number / 2, number % 2 == 0);
