@@ -10,7 +10,7 @@ struct Limits {
   size_t subscriptions = 4096;                  // names and patterns of one connection
   size_t subscriptionBytes = 256 * 1024;        // of these
   size_t listed = 128 * 1024;                   // names and patterns of one list
-  size_t patterns = 64;                         // of these, patterns
+  size_t patterns = 256;                        // of these, patterns
   size_t lineBytes = 1024 * 1024;               // of one line that it sends
   size_t requestBytes = 64 * 1024 * 1024;       // of one request
   size_t requestSeconds = 60;                   // that a request may stay unfinished

@@ -146,7 +146,7 @@ std::vector<OptionEntry> MakeTable() {
        Limit(&Limits::subscriptionBytes)},
       {"", "max-list", "N", Kind::kValue, true, "names and patterns of one request (131072)", Limit(&Limits::listed)},
       {"", "max-patterns", "N", Kind::kValue, true,
-       "patterns of one request, but for subscriptions; each may be tried on every group (64)",
+       "patterns of one request, but for subscriptions; each may be tried on every group (256)",
        Limit(&Limits::patterns)},
       {"", "max-line", "BYTES", Kind::kValue, true, "of one line that a client sends (1 MiB)",
        Limit(&Limits::lineBytes)},
