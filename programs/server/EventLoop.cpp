@@ -22,8 +22,8 @@ constexpr unsigned int kStackSize = 128 * 1024;
 constexpr size_t kScratchSize = 64 * 1024;
 constexpr int kTickMilliseconds = 1000;
 constexpr int kMostEvents = 64;
-constexpr int kReadsInARow = 16;
-constexpr int kPauseAfterVainRead = 32;
+constexpr int kReadsInARow = 64;
+constexpr int kPauseAfterVainRead = 8;
 
 Descriptor Checked(int descriptor, const char* what) {
   if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
