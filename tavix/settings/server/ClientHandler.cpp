@@ -306,18 +306,18 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
 
 // The caller holds the output mutex.
 void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
-  GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(changedGroups);
   _message.Reset(kKeptMemory);
   NoticeText& last = NoticeText::OfThisThread();
   const ISettingsSerializer* const serializer = _serializer.load();
-  if (const std::string* text = last.Find(*_settingsManager, changedGroups, serializer)) {
-    _message.Append(*text);
-  } else {
-    const unsigned long long version = _settingsManager->GetVersion();
-    ComposeNotice(changedGroups, matcher, *serializer);
-    last.Keep(*_settingsManager, version, changedGroups, serializer, _message.GetText());
+  if (const NoticeText::Notice* notice = last.Find(*_settingsManager, changedGroups, serializer)) {
+    _message.Append(notice->text);
+    return SendMessage(&notice->groups);
   }
+  const unsigned long long version = _settingsManager->GetVersion();
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(changedGroups);
+  ComposeNotice(changedGroups, matcher, *serializer);
+  last.Keep(*_settingsManager, version, changedGroups, serializer, _message.GetText(), matcher);
   SendMessage(&matcher);
 }
 

@@ -15,21 +15,21 @@ NoticeText& NoticeText::OfThisThread() {
   return text;
 }
 
-const std::string* NoticeText::Find(const SettingsManager& store, const std::set<std::string>& changedGroups,
-                                    const ISettingsSerializer* serializer) const {
+const NoticeText::Notice* NoticeText::Find(const SettingsManager& store, const std::set<std::string>& changedGroups,
+                                           const ISettingsSerializer* serializer) const {
   const bool isSame =
       _version != 0 && _version == store.GetVersion() && _serializer == serializer && _changedGroups == changedGroups;
-  return isSame ? &_text : nullptr;
+  return isSame ? &_notice : nullptr;
 }
 
 void NoticeText::Keep(const SettingsManager& store, unsigned long long version,
                       const std::set<std::string>& changedGroups, const ISettingsSerializer* serializer,
-                      const std::string& text) {
+                      const std::string& text, const common::GroupNameMatcher& groups) {
   _version = 0;
   if (text.size() > kLongestKept || version != store.GetVersion()) return;
   _serializer = serializer;
   _changedGroups = changedGroups;
-  _text = text;
+  _notice = {text, groups};
   _version = version;
 }
 
