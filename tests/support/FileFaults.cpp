@@ -33,6 +33,13 @@ std::string AddressSanitizerOptions() {
   return (before ? std::string(before) + ":" : "") + "verify_asan_link_order=0";
 }
 
+// The loader takes a blank in a path for the end of it.
+std::string LinkWithoutBlanks(const char* module, const std::string& link) {
+  if (symlink(module, link.c_str()) != 0 && errno != EEXIST)
+    throw std::system_error(errno, std::generic_category(), link);
+  return link;
+}
+
 }  // namespace
 
 FileFaults::FileFaults(std::string directory)
@@ -46,7 +53,7 @@ FileFaults::~FileFaults() {
 }
 
 FileFaults::Environment::Environment(const FileFaults& faults, const char* preload)
-    : _preload("LD_PRELOAD", preload),
+    : _preload("LD_PRELOAD", LinkWithoutBlanks(preload, faults._ownDirectory.Path("faults.so")).c_str()),
       _control(FileFaultControl::kPathVariable, faults._path.c_str()),
       _directory(FileFaultControl::kDirectoryVariable, faults._directory.c_str()),
       _addressSanitizer("ASAN_OPTIONS", AddressSanitizerOptions().c_str()) {}
