@@ -43,6 +43,9 @@ class CommandTest : public testing::Test {
     return variables;
   }
 
+  // As a word of a shell's command: the path may hold blanks.
+  static std::string QuotedProgram() { return "'" TAVIX_CLI_PROGRAM "'"; }
+
   static Words WithProgram(Words words) {
     words.insert(words.begin(), TAVIX_CLI_PROGRAM);
     return words;

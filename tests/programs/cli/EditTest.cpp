@@ -75,7 +75,7 @@ TEST_F(EditCommand, TextWithoutChangesOrGroupsChangesNothing) {
 }
 
 TEST_F(EditCommand, ConcurrentChangeIsMetAndTheTextKept) {
-  const std::string other = std::string(TAVIX_CLI_PROGRAM) + " -q set '[Network/Eth0]address=10.0.0.9'";
+  const std::string other = QuotedProgram() + " -q set '[Network/Eth0]address=10.0.0.9'";
   const Outcome outcome = Edit("sed -i s/true/false/ \"$1\"; " + other, {"Network/Eth0"});
   EXPECT_EQ(outcome.status, 4);
   EXPECT_THAT(outcome.errors,
@@ -87,13 +87,13 @@ TEST_F(EditCommand, ConcurrentChangeIsMetAndTheTextKept) {
 }
 
 TEST_F(EditCommand, ConcurrentChangeOfAGroupThatWasNotEditedDoesNotMatter) {
-  const std::string other = std::string(TAVIX_CLI_PROGRAM) + " -q set '[Network/Wlan0]enabled=true'";
+  const std::string other = QuotedProgram() + " -q set '[Network/Wlan0]enabled=true'";
   EXPECT_EQ(Edit("sed -i s/true/false/ \"$1\"; " + other, {"Network/*"}).status, 0);
   EXPECT_EQ(Ask("Network/*"), "[Network/Eth0]\naddress=192.168.0.90\ndhcp=false\n[Network/Wlan0]\nenabled=true\n");
 }
 
 TEST_F(EditCommand, SettingThatSomebodyElseAddedMeanwhileIsNotLost) {
-  const std::string other = std::string(TAVIX_CLI_PROGRAM) + " -q set '[Network/Eth0]mtu=9000'";
+  const std::string other = QuotedProgram() + " -q set '[Network/Eth0]mtu=9000'";
   const Outcome outcome = Edit("sed -i /dhcp/d \"$1\"; " + other, {"Network/Eth0"});
   EXPECT_EQ(outcome.status, 4);
   EXPECT_THAT(outcome.errors,
@@ -103,7 +103,7 @@ TEST_F(EditCommand, SettingThatSomebodyElseAddedMeanwhileIsNotLost) {
 }
 
 TEST_F(EditCommand, GroupThatSomebodyElseMadeMeanwhileIsNotOverwritten) {
-  const std::string program = TAVIX_CLI_PROGRAM;
+  const std::string program = QuotedProgram();
   const Outcome set = Edit("echo owner=me >>\"$1\"; " + program + " -q set '[New]owner=other'", {"New"});
   EXPECT_EQ(set.status, 4);
   EXPECT_EQ(Ask("New"), "[New]\nowner=other\n");

@@ -76,7 +76,7 @@ TEST_F(LocalWrites, ImportsAtOnceAllCount) {
 TEST_F(LocalWrites, EditMeetsAChangeThatCameMeanwhile) {
   Write("[A]\nx=1\ny=1\n");
   const std::string editor = _directory.Write(
-      "editor", "#!/bin/sh\n" TAVIX_CLI_PROGRAM " -q --local x.ini set '[A]z=1' && sed -i /y=1/d \"$1\"\n");
+      "editor", "#!/bin/sh\n'" TAVIX_CLI_PROGRAM "' -q --local x.ini set '[A]z=1' && sed -i /y=1/d \"$1\"\n");
   chmod(editor.c_str(), 0700);
   const Outcome outcome = Run({"edit", "A"}, {}, {{"EDITOR", editor}, {"TMPDIR", _directory.GetPath()}});
   EXPECT_EQ(outcome.status, 4);
