@@ -19,6 +19,7 @@ constexpr int kGroups = 100000;
 constexpr int kConnections = 1000;
 constexpr char kStartup[] = "startup-100k";
 constexpr char kMemory[] = "rss-100k";
+constexpr char kEmptyMemory[] = "rss-empty";
 constexpr char kConnectionMemory[] = "rss-1000conn";
 constexpr char kBareMap[] = "bare map";
 constexpr char kThreads[] = "thread per connection";
@@ -51,6 +52,12 @@ void MeasureBareMapStart(Recorder& recorder, const std::string& settings) {
   const double end = NowInMicroseconds();
   recorder.Add({kStartup, kFloor, kBareMap}, kMilliseconds, (end - start) / 1000);
   recorder.Add({kMemory, kFloor, kBareMap}, kMebibytes, ResidentMebibytes(program.GetId()));
+}
+
+void MeasureEmptyDaemon(Recorder& recorder) {
+  const Daemon daemon(recorder.GetSetup().server, {});
+  TimedExchange(daemon.Connect(), GetNothingExchange());
+  recorder.Add({kEmptyMemory, kOurs, "after one get"}, kMebibytes, ResidentMebibytes(daemon.GetId()));
 }
 
 // The last connection's reply proves that all before it were accepted.
@@ -91,6 +98,7 @@ void AddFootprintBenches(Suite& suite) {
     suite.Compare({kStartup, kOurs, layer.variant}, {kStartup, kFloor, kBareMap}, layer.startupAim);
     suite.Compare({kMemory, kOurs, layer.variant}, {kMemory, kFloor, kBareMap}, layer.memoryAim);
   }
+  suite.Add({kEmptyMemory}, MeasureEmptyDaemon, Suite::Frequency::kFewRounds);
   suite.Add({kConnectionMemory}, MeasureIdleConnections, Suite::Frequency::kFewRounds);
   for (const char* variant : {kIdle, kAfterGet}) {
     suite.Compare({kConnectionMemory, kOurs, variant},
