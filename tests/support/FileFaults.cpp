@@ -27,10 +27,9 @@ FileFaultControl* Map(const std::string& path) {
   return static_cast<FileFaultControl*>(memory);
 }
 
-// A sanitizer's library wants to be the first of all, although it does without.
-std::string AddressSanitizerOptions() {
-  const char* const before = std::getenv("ASAN_OPTIONS");
-  return (before ? std::string(before) + ":" : "") + "verify_asan_link_order=0";
+std::string WithOption(const char* variable, const std::string& option) {
+  const char* const before = std::getenv(variable);
+  return (before ? std::string(before) + ":" : "") + option;
 }
 
 // The loader takes a blank in a path for the end of it.
@@ -56,7 +55,10 @@ FileFaults::Environment::Environment(const FileFaults& faults, const char* prelo
     : _preload("LD_PRELOAD", LinkWithoutBlanks(preload, faults._ownDirectory.Path("faults.so")).c_str()),
       _control(FileFaultControl::kPathVariable, faults._path.c_str()),
       _directory(FileFaultControl::kDirectoryVariable, faults._directory.c_str()),
-      _addressSanitizer("ASAN_OPTIONS", AddressSanitizerOptions().c_str()) {}
+      // It wants to be the first library of all, although it does without.
+      _addressSanitizer("ASAN_OPTIONS", WithOption("ASAN_OPTIONS", "verify_asan_link_order=0").c_str()),
+      // A daemon whose disk hangs ends without its threads.
+      _threadSanitizer("TSAN_OPTIONS", WithOption("TSAN_OPTIONS", "report_thread_leaks=0").c_str()) {}
 
 void FileFaults::Fail(int error, uint64_t from, uint64_t to) {
   _control->failsTo = 0;

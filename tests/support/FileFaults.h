@@ -35,6 +35,7 @@ class FileFaults {
     const ScopedEnvironment _control;
     const ScopedEnvironment _directory;
     const ScopedEnvironment _addressSanitizer;
+    const ScopedEnvironment _threadSanitizer;
   };
 
   // How many calls there were.
