@@ -25,7 +25,6 @@ core::Logger* Log() {
 }
 
 constexpr int kRequestsInATurn = 64;
-constexpr long kMillisecondsOfATurn = 5;
 constexpr int kMostDropped = 64;  // parts of kDropped bytes
 constexpr size_t kDropped = 64 * 1024;
 
@@ -78,11 +77,13 @@ bool IsTlsHandshake(std::string_view received) {
 // only, and of the clocks the cheapest, which goes by steps of some milliseconds.
 class Turn {
  public:
+  explicit Turn(int milliseconds) : _milliseconds(milliseconds) {}
+
   // To be called before each request that is followed by another, and to be asked behind it.
   void Begin() {
     if (_requests++ == 0) _begin = ReadClock();
   }
-  bool IsOver() const { return _requests == kRequestsInATurn || ReadClock() - _begin >= kMillisecondsOfATurn; }
+  bool IsOver() const { return _requests == kRequestsInATurn || ReadClock() - _begin >= _milliseconds; }
 
  private:
   static long ReadClock() {
@@ -91,6 +92,7 @@ class Turn {
     return now.tv_sec * 1000L + now.tv_nsec / 1'000'000;
   }
 
+  const int _milliseconds;
   int _requests = 0;
   long _begin = 0;
 };
@@ -102,6 +104,7 @@ Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shar
       _descriptor(_socket->GetDescriptor()),
       _poll(poll),
       _wakeLoop(wakeLoop),
+      _turnMilliseconds(shared.turnMilliseconds),
       _limits(shared.limits),
       _counters(shared.counters),
       _peer(PeerName(_descriptor)),
@@ -190,7 +193,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
 
 // Those of a turn, as long as there is room for their replies. Where nobody reads these, there is.
 bool Connection::HandleWhole(std::string_view received, size_t& handled) {
-  for (Turn turn; !_hasMore && !_handler->HasQuit();) {
+  for (Turn turn(_turnMilliseconds); !_hasMore && !_handler->HasQuit();) {
     _isPaused = !HasRoom();
     if (_isPaused) break;
     const std::string_view rest = received.substr(handled);

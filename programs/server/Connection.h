@@ -39,7 +39,8 @@ class Connection {
     const Limits& limits;
     SharedBounds& bounds;
     Counters& counters;
-    DurabilityGate* gate;  // may be null
+    DurabilityGate* gate;      // may be null
+    int turnMilliseconds = 5;  // after which a connection with many requests lets the others go first
   };
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
@@ -104,6 +105,7 @@ class Connection {
   const int _descriptor;
   const int _poll;
   const int _wakeLoop;
+  const int _turnMilliseconds;
   const Limits& _limits;
   Counters& _counters;
   const std::string _peer;
