@@ -5,6 +5,26 @@
 
 namespace tavix::daemon {
 
+namespace {
+
+constexpr int kMostRounds = 4;
+constexpr size_t kFewParts = 4;
+
+}  // namespace
+
+void LayerText::Collect(const Reader& readLayer, const std::function<std::set<std::string>()>& takeChanged) {
+  for (bool isLast = false; !isLast;) readLayer([&](const core::IniFile& layer) { isLast = !AddPart(layer); });
+  for (int round = 0; round < kMostRounds; ++round) {
+    const std::set<size_t> parts = FindParts(takeChanged());
+    for (const size_t part : parts) readLayer([&](const core::IniFile& layer) { MakeAgain(layer, part); });
+    if (parts.size() <= kFewParts) return;
+  }
+}
+
+void LayerText::Update(const core::IniFile& layer, const std::set<std::string>& changedGroups) {
+  for (const size_t part : FindParts(changedGroups)) MakeAgain(layer, part);
+}
+
 bool LayerText::AddPart(const core::IniFile& layer) {
   _parts.push_back({_next, ""});
   _out.Reset(2 * _bytesOfAPart);

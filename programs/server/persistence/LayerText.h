@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,7 +18,18 @@ namespace tavix::daemon {
 // Errors:  std::bad_alloc, after which the text is of no use.
 class LayerText {
  public:
+  // Calls back with the layer while nobody can change it.
+  using Reader = std::function<void(const std::function<void(const core::IniFile&)>&)>;
+
   explicit LayerText(size_t bytesOfAPart = 64 * 1024) : _bytesOfAPart(bytesOfAPart) {}
+
+  // Adds all parts, and makes those again whose groups changed meanwhile until these are few: what is still to be made
+  // again, in one go, are those of the groups that change before somebody looks next. takeChanged: which groups changed
+  // since it was called before.
+  void Collect(const Reader& readLayer, const std::function<std::set<std::string>()>& takeChanged);
+
+  // Makes the parts of these groups again.
+  void Update(const core::IniFile& layer, const std::set<std::string>& changedGroups);
 
   // Adds the next part. False when it was the last.
   bool AddPart(const core::IniFile& layer);

@@ -15,11 +15,8 @@ namespace tavix::daemon {
 namespace {
 
 constexpr uint64_t kLeastJournal = 64 * 1024;  // below that no snapshot is worth its while
-constexpr std::chrono::seconds kFirstDelay{1};
-constexpr std::chrono::seconds kLongestDelay{60};
-constexpr size_t kFewGroups = 16;  // are written while nobody can change anything
+constexpr size_t kFewGroups = 16;              // are written while nobody can change anything
 constexpr int kMostRounds = 4;
-constexpr size_t kFewParts = 4;
 constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 constexpr char kJournalGoesOn[] = "; the journal goes on, and the snapshot is tried again";
 
@@ -91,7 +88,7 @@ void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::s
     TellSinceWhenUnsaved(std::time(nullptr));
   }
   AddTicket(changedGroups);
-  if (_collects || _keepsChanges) NoteChanged(changedGroups);
+  _changed.Note(changedGroups);
   if (!change) {
     Fail(ReasonOf(std::bad_alloc()));
   } else if (!_failed && _snapshotId.generation != 0 && (_journal || !_keepsChanges)) {
@@ -107,14 +104,6 @@ void UserSettingsPersister::AddTicket(const std::set<std::string>& changedGroups
     _last = _gate.Add(&changedGroups);
   } catch (const std::bad_alloc&) {
     _last = _gate.Add(nullptr);
-  }
-}
-
-void UserSettingsPersister::NoteChanged(const std::set<std::string>& changedGroups) {
-  try {
-    _changed.insert(changedGroups.begin(), changedGroups.end());
-  } catch (const std::bad_alloc&) {
-    _missesChanges = true;
   }
 }
 
@@ -178,7 +167,7 @@ void UserSettingsPersister::SyncJournal(std::unique_lock<std::mutex>& lock) {
     if (!isInPlace) return;
     _synced = std::max(_synced, last);
     TellSinceWhenUnsaved(_synced == _last ? 0 : now);
-    if (!_snapshotIsAsked && !_keepsChanges) _delay = std::chrono::seconds(0);
+    if (!_snapshotIsAsked && !_keepsChanges) _retry.OnSuccess();
     SayThatAllIsWell();
   } catch (const std::exception& exception) {
     if (!lock.owns_lock()) lock.lock();
@@ -209,7 +198,7 @@ void UserSettingsPersister::SnapshotLoop() {
       lock.unlock();
       _log.Write();
       lock.lock();
-    } else if (_snapshotIsAsked && Clock::now() >= _nextTry) {
+    } else if (_snapshotIsAsked && Clock::now() >= _retry.GetNext()) {
       lock.unlock();
       WriteSnapshot();
       lock.lock();
@@ -222,7 +211,7 @@ void UserSettingsPersister::SnapshotLoop() {
 void UserSettingsPersister::AwaitWork(std::unique_lock<std::mutex>& lock) {
   const std::optional<Clock::time_point> look = _watch.GetNextLook();
   if (_snapshotIsAsked) {
-    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _nextTry) : _nextTry);
+    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _retry.GetNext()) : _retry.GetNext());
   } else if (look) {
     _wakeSnapshot.wait_until(lock, *look);
   } else {
@@ -236,10 +225,11 @@ bool UserSettingsPersister::WriteSnapshot() {
     SnapshotEnd end;
     DurabilityGate::Ticket last = 0;
     RemoveGivenUpJournal();
+    BeginToNoteChanges();
     LayerText layerText;
-    CollectText(layerText);
+    layerText.Collect(_readLayer, [this] { return TakeChanged(); });
     _readLayer([&](const core::IniFile& layer) {
-      for (const size_t part : layerText.FindParts(TakeChanged())) layerText.MakeAgain(layer, part);
+      layerText.Update(layer, TakeChanged());
       std::lock_guard<std::mutex> lock(_mutex);
       end = BeginToKeepChanges();
       last = _last;
@@ -260,31 +250,16 @@ bool UserSettingsPersister::WriteSnapshot() {
   }
 }
 
-// Nobody waits for longer than a part takes. What is left to be done in one go are the parts that changed while the
-// last round went on. The caller does not hold the lock.
-void UserSettingsPersister::CollectText(LayerText& text) {
-  BeginToCollect();
-  for (bool isLast = false; !isLast;) _readLayer([&](const core::IniFile& layer) { isLast = !text.AddPart(layer); });
-  for (int round = 0; round < kMostRounds; ++round) {
-    const std::set<size_t> parts = text.FindParts(TakeChanged());
-    for (const size_t part : parts) _readLayer([&](const core::IniFile& layer) { text.MakeAgain(layer, part); });
-    if (parts.size() <= kFewParts) return;
-  }
-}
-
 // The caller does not hold the lock.
-void UserSettingsPersister::BeginToCollect() {
+void UserSettingsPersister::BeginToNoteChanges() {
   std::lock_guard<std::mutex> lock(_mutex);
-  _collects = true;
-  _missesChanges = false;
-  _changed.clear();
+  _changed.Begin();
 }
 
 // The caller does not hold the lock.
 std::set<std::string> UserSettingsPersister::TakeChanged() {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_missesChanges) throw std::bad_alloc();
-  return std::exchange(_changed, {});
+  return _changed.Take();
 }
 
 // It may have the room that the snapshot needs. The caller does not hold the lock.
@@ -306,7 +281,6 @@ SnapshotEnd UserSettingsPersister::BeginToKeepChanges() {
     end.journalFollows = _journal ? _journal->GetFollowed().generation : _snapshotId.generation;
     end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
   }
-  _collects = false;
   _keepsChanges = true;
   _snapshotIsAsked = false;
   return end;
@@ -321,9 +295,9 @@ void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, D
     std::shared_ptr<Journal> next = MakeNextJournal(snapshot);
     _readLayer([&](const core::IniFile& layer) {
       std::lock_guard<std::mutex> lock(_mutex);
-      if (_missesChanges) throw std::bad_alloc();
-      if (!next && !_changed.empty()) next = Journal::Create(_filesystem, _path, snapshot);
-      if (!_changed.empty()) next->Append(TakeChanges(layer));
+      const std::set<std::string> changed = _changed.Take();
+      if (!next && !changed.empty()) next = Journal::Create(_filesystem, _path, snapshot);
+      if (!changed.empty()) next->Append(DescribeChange(layer, changed));
       if (next) next->Begin();
       _journal = next;
       Follow(snapshot, bytes, ticket);
@@ -347,7 +321,7 @@ std::shared_ptr<Journal> UserSettingsPersister::MakeNextJournal(const SnapshotId
   {
     std::lock_guard<std::mutex> lock(_mutex);
     before = _journal;
-    if (_changed.empty() && (_stop || !before)) return nullptr;
+    if (_changed.Count() == 0 && (_stop || !before)) return nullptr;
   }
   if (before) before->TakePlace();  // its name on the way is the new one's
   std::shared_ptr<Journal> next = Journal::Create(_filesystem, _path, snapshot);
@@ -356,8 +330,8 @@ std::shared_ptr<Journal> UserSettingsPersister::MakeNextJournal(const SnapshotId
     bool isWorthIt = false;
     _readLayer([&](const core::IniFile& layer) {
       std::lock_guard<std::mutex> lock(_mutex);
-      isWorthIt = _changed.size() > kFewGroups;
-      if (isWorthIt) change = TakeChanges(layer);
+      isWorthIt = _changed.Count() > kFewGroups;
+      if (isWorthIt) change = DescribeChange(layer, _changed.Take());
     });
     if (!isWorthIt) break;
     next->Append(change);
@@ -365,16 +339,8 @@ std::shared_ptr<Journal> UserSettingsPersister::MakeNextJournal(const SnapshotId
   return next;
 }
 
-// Of the groups that the snapshot lacks, as one. Nobody can change the layer.
-Change UserSettingsPersister::TakeChanges(const core::IniFile& layer) {
-  Change change = DescribeChange(layer, _changed);
-  _changed.clear();
-  return change;
-}
-
 void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket) {
-  _keepsChanges = false;
-  _changed.clear();
+  EndSnapshotting();
   _snapshotIsAsked = false;
   _snapshotId = snapshot;
   _snapshotBytes = bytes;
@@ -386,7 +352,7 @@ void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, Dur
   }
   if (_synced == _last || _durability.kind == Durability::Kind::kNone) SayThatAllIsWell();
   if (_synced == _last) {
-    _delay = std::chrono::seconds(0);
+    _retry.OnSuccess();
     TellSinceWhenUnsaved(0);
   } else {
     _wakeSync.notify_one();
@@ -396,11 +362,15 @@ void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, Dur
 
 // The snapshot can't have a journal of its own. The one before goes on if there is one: the snapshot names where.
 void UserSettingsPersister::FailToFollow(const char* reason) {
-  _keepsChanges = false;
-  _changed.clear();
+  EndSnapshotting();
   if (!_journal) return Fail(reason);
   _log.AddWarning(reason, kJournalGoesOn);
   TryLater();
+}
+
+void UserSettingsPersister::EndSnapshotting() {
+  _keepsChanges = false;
+  _changed.End();
 }
 
 void UserSettingsPersister::TellSinceWhenUnsaved(std::time_t since) {
@@ -417,9 +387,7 @@ void UserSettingsPersister::LetGoUnlessAlways() {
 void UserSettingsPersister::FailSnapshot(const char* reason) {
   _observer(false, 0);
   std::lock_guard<std::mutex> lock(_mutex);
-  _collects = false;
-  _keepsChanges = false;
-  _changed.clear();
+  EndSnapshotting();
   if (_snapshotId.generation == 0 || _failed) return Fail(reason);
   _log.AddWarning(reason, kJournalGoesOn);
   TryLater();
@@ -450,8 +418,7 @@ void UserSettingsPersister::AskForSnapshot() {
 }
 
 void UserSettingsPersister::TryLater() {
-  _delay = std::clamp(2 * _delay, kFirstDelay, kLongestDelay);
-  _nextTry = Clock::now() + _delay;
+  _retry.OnFailure(Clock::now());
   AskForSnapshot();
 }
 

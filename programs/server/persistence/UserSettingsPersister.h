@@ -9,12 +9,14 @@
 #include <set>
 #include <string>
 
+#include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
 #include "programs/server/persistence/LayerText.h"
 #include "programs/server/persistence/LoopThread.h"
+#include "programs/server/persistence/RetryTime.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
@@ -40,7 +42,7 @@ namespace tavix::daemon {
 class UserSettingsPersister {
  public:
   // Calls back with the user layer while nobody can change it.
-  using LayerReader = std::function<void(const std::function<void(const core::IniFile&)>&)>;
+  using LayerReader = LayerText::Reader;
 
   // What became of a sync or a snapshot; bytes: the snapshot's, else 0.
   using SaveObserver = std::function<void(bool succeeded, size_t bytes)>;
@@ -92,17 +94,15 @@ class UserSettingsPersister {
   bool TakePlace(Journal& journal);
   bool WriteSnapshot();
   void RemoveGivenUpJournal();
-  void CollectText(LayerText& text);
-  void BeginToCollect();
+  void BeginToNoteChanges();
   std::set<std::string> TakeChanged();
   SnapshotEnd BeginToKeepChanges();
   void TakeOver(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
   std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot);
-  Change TakeChanges(const core::IniFile& layer);
   void Follow(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
   void FailToFollow(const char* reason);
+  void EndSnapshotting();
   void AddTicket(const std::set<std::string>& changedGroups);
-  void NoteChanged(const std::set<std::string>& changedGroups);
   void Append(const Change& change);
   void OpenJournal(const Change& change);
   void TellSinceWhenUnsaved(std::time_t since);
@@ -143,12 +143,9 @@ class UserSettingsPersister {
   bool _saysWhenWell = false;          // nobody was told yet that it has them again
   bool _leftNewJournal = false;        // one was given up on its way, and nobody needs it
   bool _snapshotIsAsked = false;
-  Clock::time_point _nextTry{};    // no snapshot before
-  std::chrono::seconds _delay{0};  // until the next try, after a failure
-  bool _collects = false;          // a snapshot's text is being made ...
-  bool _keepsChanges = false;      // or written ...
-  std::set<std::string> _changed;  // ... that lacks what became of these groups ...
-  bool _missesChanges = false;     // ... and of others, whose names there was no memory for
+  RetryTime _retry;            // no snapshot before
+  ChangedGroups _changed;      // since the text of a snapshot was begun
+  bool _keepsChanges = false;  // it is written; the changes above are for the next journal
 
   std::unique_ptr<LoopThread> _sync;
   std::unique_ptr<LoopThread> _snapshot;

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
+#include <utility>
 
 #include "tests/support/DocumentText.h"
 
@@ -82,9 +84,44 @@ TEST(LayerText, IsTheLayersOnceThePartsThatChangedWereMadeAgain) {
     LayerText text(1 + changes.Below(200));
     while (text.AddPart(layer)) changes.Make(layer, changes.Below(4), changed);
     changes.Make(layer, changes.Below(4), changed);
-    for (const size_t part : text.FindParts(changed)) text.MakeAgain(layer, part);
+    text.Update(layer, changed);
     ASSERT_EQ(MoveOut(text), TextOf(layer)) << seed;
   }
+}
+
+TEST(LayerText, IsCollectedWhileTheLayerChanges) {
+  for (unsigned int seed = 0; seed < 300; ++seed) {
+    Changes changes(seed);
+    core::IniFile layer;
+    std::set<std::string> changed;
+    changes.Make(layer, 80, changed);
+    changed.clear();
+    LayerText text(1 + changes.Below(200));
+    const LayerText::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+      changes.Make(layer, changes.Below(3), changed);
+      read(layer);
+    };
+    text.Collect(readLayer, [&] { return std::exchange(changed, {}); });
+    text.Update(layer, changed);
+    ASSERT_EQ(MoveOut(text), TextOf(layer)) << seed;
+  }
+}
+
+// Nobody waits for changes that never end.
+TEST(LayerText, IsCollectedInATimeThatIsBoundedAlthoughAllChangesAgainAndAgain) {
+  core::IniFile layer;
+  std::set<std::string> all;
+  for (int i = 0; i < 100; ++i) all.insert("Group " + std::to_string(i));
+  for (const std::string& group : all) layer.SetValue(group, "key", "value");
+  LayerText text(1);
+  int reads = 0;
+  text.Collect(
+      [&](const std::function<void(const core::IniFile&)>& read) {
+        ++reads;
+        read(layer);
+      },
+      [&] { return all; });
+  EXPECT_LE(reads, 5 * 100);
 }
 
 }  // namespace tavix::test

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+namespace tavix::daemon {
+
+// When to try again what fails: after 1 s, then after twice as long each time, up to 60 s.
+//
+// Threads: one at a time.
+class RetryTime {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  void OnFailure(Clock::time_point now) {
+    _delay = std::clamp(2 * _delay, kFirstDelay, kLongestDelay);
+    _next = now + _delay;
+  }
+
+  // The next failure is a first one again.
+  void OnSuccess() { _delay = std::chrono::seconds(0); }
+
+  // In the past: at once.
+  Clock::time_point GetNext() const { return _next; }
+
+ private:
+  static constexpr std::chrono::seconds kFirstDelay{1};
+  static constexpr std::chrono::seconds kLongestDelay{60};
+
+  std::chrono::seconds _delay{0};
+  Clock::time_point _next{};
+};
+
+}  // namespace tavix::daemon

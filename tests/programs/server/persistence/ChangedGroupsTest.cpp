@@ -1,0 +1,55 @@
+#include "programs/server/persistence/ChangedGroups.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <new>
+
+#include "tests/programs/server/persistence/RefusedMemory.h"
+
+namespace tavix::test {
+
+using daemon::ChangedGroups;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(ChangedGroups, AreNotedFromTheBeginToTheEnd) {
+  ChangedGroups changed;
+  changed.Note({"Before"});
+  changed.Begin();
+  changed.Note({"A", "B"});
+  changed.Note({"B", "C"});
+  EXPECT_EQ(changed.Count(), 3u);
+  EXPECT_THAT(changed.Take(), ElementsAre("A", "B", "C"));
+  changed.Note({"D"});
+  EXPECT_THAT(changed.Take(), ElementsAre("D"));
+  changed.Note({"E"});
+  changed.End();
+  changed.Note({"Behind"});
+  EXPECT_THAT(changed.Take(), IsEmpty());
+}
+
+TEST(ChangedGroups, ThatWereNotedBeforeASecondBeginAreForgotten) {
+  ChangedGroups changed;
+  changed.Begin();
+  changed.Note({"A"});
+  changed.Begin();
+  EXPECT_THAT(changed.Take(), IsEmpty());
+}
+
+// Whoever asks would write a snapshot that lacks them.
+TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBegin) {
+  ChangedGroups changed;
+  changed.Begin();
+  const std::set<std::string> groups{std::string(1000, 'g')};
+  {
+    RefusedMemory refused(500);
+    changed.Note(groups);
+  }
+  EXPECT_THROW(changed.Take(), std::bad_alloc);
+  EXPECT_THROW(changed.Take(), std::bad_alloc);
+  changed.Begin();
+  EXPECT_THAT(changed.Take(), IsEmpty());
+}
+
+}  // namespace tavix::test
