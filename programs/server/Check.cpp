@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/Counters.h"
-#include "programs/server/LinkTarget.h"
-#include "programs/server/Listener.h"
 #include "programs/server/Program.h"
 #include "programs/server/SettingsSources.h"
+#include "programs/server/connections/Listener.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/system/LinkTarget.h"
 
 namespace tavix::daemon {
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <utility>
 
-#include "programs/server/NullDevice.h"
+#include "programs/server/system/NullDevice.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/Options.h"
+#include "programs/server/options/Options.h"
 
 namespace tavix::daemon {
 

@@ -1,6 +1,6 @@
 #include "programs/server/LogSetup.h"
 
-#include "programs/server/ServiceManager.h"
+#include "programs/server/system/ServiceManager.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "programs/server/Options.h"
+#include "programs/server/options/Options.h"
 
 namespace tavix::daemon {
 

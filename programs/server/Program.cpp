@@ -8,16 +8,16 @@
 #include <memory>
 
 #include "programs/server/Check.h"
-#include "programs/server/CommandLine.h"
-#include "programs/server/FileLock.h"
-#include "programs/server/LinkTarget.h"
 #include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
-#include "programs/server/ServiceManager.h"
 #include "programs/server/SettingsSources.h"
-#include "programs/server/Signals.h"
 #include "programs/server/StoreProbe.h"
 #include "programs/server/Upkeep.h"
+#include "programs/server/options/CommandLine.h"
+#include "programs/server/system/FileLock.h"
+#include "programs/server/system/LinkTarget.h"
+#include "programs/server/system/ServiceManager.h"
+#include "programs/server/system/Signals.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {

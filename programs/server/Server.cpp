@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "programs/server/SettingsSources.h"
-#include "programs/server/Signals.h"
-#include "programs/server/SocketName.h"
+#include "programs/server/system/Signals.h"
+#include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 

@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/Connection.h"
-#include "programs/server/Counters.h"
-#include "programs/server/EventLoop.h"
-#include "programs/server/Limits.h"
-#include "programs/server/Listener.h"
-#include "programs/server/MessageHolder.h"
-#include "programs/server/Options.h"
-#include "programs/server/SharedBound.h"
+#include "programs/server/connections/Connection.h"
+#include "programs/server/connections/EventLoop.h"
+#include "programs/server/connections/Listener.h"
+#include "programs/server/connections/MessageHolder.h"
+#include "programs/server/connections/SharedBound.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/options/Limits.h"
+#include "programs/server/options/Options.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 

@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "programs/server/LayerFiles.h"
-#include "programs/server/LinkTarget.h"
 #include "programs/server/Program.h"
 #include "programs/server/persistence/Deadline.h"
+#include "programs/server/system/LinkTarget.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/Counters.h"
-#include "programs/server/Options.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/options/Options.h"
 #include "programs/server/persistence/UserSettingsPersister.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 #include "tavix/settings/server/ISettingsPersister.h"

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/CommandLine.h"
-#include "programs/server/Counters.h"
-#include "programs/server/MetricsFile.h"
-#include "programs/server/Periodic.h"
-#include "programs/server/ServiceManager.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/metrics/MetricsFile.h"
+#include "programs/server/options/CommandLine.h"
+#include "programs/server/system/Periodic.h"
+#include "programs/server/system/ServiceManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {

@@ -6,7 +6,7 @@
 #include <csignal>
 #include <filesystem>
 
-#include "programs/server/FileLock.h"
+#include "programs/server/system/FileLock.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
 

@@ -9,7 +9,7 @@
 #include <map>
 #include <set>
 
-#include "programs/server/MetricsText.h"
+#include "programs/server/metrics/MetricsText.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/PrometheusText.h"
 #include "tests/support/BackgroundCall.h"

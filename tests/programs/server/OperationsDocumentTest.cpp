@@ -6,9 +6,9 @@
 #include <iterator>
 #include <regex>
 
-#include "programs/server/Counters.h"
-#include "programs/server/Metrics.h"
-#include "programs/server/OptionTable.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/metrics/Metrics.h"
+#include "programs/server/options/OptionTable.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/programs/server/PrometheusText.h"
 

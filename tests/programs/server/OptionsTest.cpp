@@ -4,7 +4,7 @@
 #include <array>
 #include <fstream>
 
-#include "programs/server/OptionTable.h"
+#include "programs/server/options/OptionTable.h"
 #include "tests/programs/server/Daemon.h"
 
 namespace tavix::test {

@@ -1,0 +1,75 @@
+#include "programs/server/connections/ByteQueue.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr size_t kMostOfHead = 64 * 1024;
+constexpr size_t kBlock = 256 * 1024;
+constexpr size_t kKeptMemory = 4 * 1024;  // an empty queue keeps no more than this
+
+}  // namespace
+
+void ByteQueue::Unmap::operator()(char* block) const {
+  munmap(block, kBlock);
+}
+
+ByteQueue::Block ByteQueue::MakeBlock() {
+  void* memory = mmap(nullptr, kBlock, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) throw std::bad_alloc();
+  return Block(static_cast<char*>(memory));
+}
+
+void ByteQueue::Append(const char* bytes, size_t count) {
+  if (_blocks.empty() && _head.size() + count <= kMostOfHead) {
+    _head.append(bytes, count);
+    _size += count;
+    return;
+  }
+  while (count > 0) {
+    if (_blocks.empty() || _usedOfLast == kBlock) {
+      _blocks.push_back(MakeBlock());
+      _usedOfLast = 0;
+    }
+    const size_t part = std::min(count, kBlock - _usedOfLast);
+    std::memcpy(_blocks.back().get() + _usedOfLast, bytes, part);
+    _usedOfLast += part;
+    _size += part;
+    bytes += part;
+    count -= part;
+  }
+}
+
+std::string_view ByteQueue::GetFront() const {
+  if (!_head.empty()) return std::string_view(_head).substr(_dropped);
+  if (_blocks.empty()) return std::string_view();
+  const size_t used = _blocks.size() == 1 ? _usedOfLast : kBlock;
+  return std::string_view(_blocks.front().get() + _dropped, used - _dropped);
+}
+
+void ByteQueue::Drop(size_t count) {
+  _dropped += count;
+  _size -= count;
+  if (!GetFront().empty()) return;
+  _dropped = 0;
+  if (_head.empty()) {
+    if (!_blocks.empty()) _blocks.pop_front();
+    return;
+  }
+  _head.clear();
+  if (_head.capacity() > kKeptMemory) std::string().swap(_head);
+}
+
+void ByteQueue::Clear() {
+  std::string().swap(_head);
+  _blocks.clear();
+  _dropped = _usedOfLast = _size = 0;
+}
+
+}  // namespace tavix::daemon

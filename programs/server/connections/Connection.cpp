@@ -1,0 +1,358 @@
+#include "programs/server/connections/Connection.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "programs/server/system/SocketName.h"
+#include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("Connection");
+  return logger;
+}
+
+constexpr int kRequestsInATurn = 64;
+constexpr int kMostDropped = 64;  // parts of kDropped bytes
+constexpr size_t kDropped = 64 * 1024;
+
+// As the log says it, before a figure.
+const char* TextOf(CutReason reason) {
+  switch (reason) {
+    case CutReason::kTls:
+      return "TLS is not our protocol, bytes";
+    case CutReason::kHttp:
+      return "HTTP is not our protocol, bytes";
+    case CutReason::kMemory:
+      return "out of memory, bytes kept";
+    case CutReason::kHardBacklog:
+      return "more unread than is kept";
+    case CutReason::kHeldBacklog:
+      return "more waits for the disk than is kept";
+    case CutReason::kAllBacklog:
+      return "too much unread by all together, bytes of this one";
+    case CutReason::kBacklog:
+      return "too much unread for too long, bytes";
+    case CutReason::kRequestTime:
+      return "unfinished request, bytes";
+    case CutReason::kLine:
+      return "line too long, bytes";
+    case CutReason::kRequest:
+      return "request too long, bytes";
+    case CutReason::kAllRequests:
+      return "too much unfinished of all together, bytes of this one";
+    case CutReason::kError:
+    case CutReason::kCount:
+      break;
+  }
+  return "";
+}
+
+// "METHOD target HTTP/...": a web page must not be able to write settings.
+bool IsHttpRequestLine(std::string_view request) {
+  const std::string_view line = request.substr(0, request.find_first_of("\r\n"));
+  const size_t first = line.find(' ');
+  const size_t last = line.rfind(' ');
+  return first != std::string_view::npos && first != last && line.substr(last + 1, 5) == "HTTP/";
+}
+
+// A TLS client would only wait.
+bool IsTlsHandshake(std::string_view received) {
+  return received.size() >= 2 && received[0] == '\x16' && received[1] == '\x03';
+}
+
+// Ends early enough for the others, however long the requests take. The clock is read where there are more of them
+// only, and of the clocks the cheapest, which goes by steps of some milliseconds.
+class Turn {
+ public:
+  explicit Turn(int milliseconds) : _milliseconds(milliseconds) {}
+
+  // To be called before each request that is followed by another, and to be asked behind it.
+  void Begin() {
+    if (_requests++ == 0) _begin = ReadClock();
+  }
+  bool IsOver() const { return _requests == kRequestsInATurn || ReadClock() - _begin >= _milliseconds; }
+
+ private:
+  static long ReadClock() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec * 1000L + now.tv_nsec / 1'000'000;
+  }
+
+  const int _milliseconds;
+  int _requests = 0;
+  long _begin = 0;
+};
+
+}  // namespace
+
+Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
+    : _socket(osa::TcpSocket::Adopt(descriptor.Release())),
+      _descriptor(_socket->GetDescriptor()),
+      _poll(poll),
+      _wakeLoop(wakeLoop),
+      _turnMilliseconds(shared.turnMilliseconds),
+      _limits(shared.limits),
+      _counters(shared.counters),
+      _peer(PeerName(_descriptor)),
+      _inputPart(shared.bounds.requests, _descriptor),
+      _output(std::make_shared<OutputQueue>(
+          _descriptor, OutputQueue::Bounds{_limits.hardBacklogBytes, _limits.heldBacklogBytes, shared.bounds.backlog},
+          shared.gate, [this] { OnKept(); })),
+      _handler(std::in_place, shared.env, &_request, &_output->GetOstream()) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = this;
+  if (epoll_ctl(_poll, EPOLL_CTL_ADD, _descriptor, &event) != 0) {
+    _output->Close();
+    throw osa::Exception("%s: Failed to watch it: %s", _peer.c_str(), std::strerror(errno));
+  }
+}
+
+// The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
+// which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
+// it is there, and bounded. However it was found that a bound was passed, it is told here.
+Connection::~Connection() {
+  _handler.reset();
+  TellWhyItEnds();
+  _output->Close();
+  const auto drop = [this] { return recv(_descriptor, nullptr, kDropped, MSG_DONTWAIT | MSG_TRUNC) > 0; };
+  for (int parts = 0; _inputEnded && parts < kMostDropped && drop();) ++parts;
+}
+
+bool Connection::IsCut() const {
+  return _output->GetEnd() > OutputQueue::End::kPeer || _output->GetPicked() > 0 || _inputPart.GetPicked() > 0;
+}
+
+bool Connection::OnReadable(char* scratch, size_t size) {
+  if (_hasMore || _peerEnded) return true;  // first what has come
+  const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
+  if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
+  ++_reads;
+  if (count < 0) _output->OnPeerGone();
+  if (_inputEnded) return count > 0 || _output->GetKeptBytes() > 0;
+  if (count <= 0) {
+    _peerEnded = true;
+    return TakeInput(_input);
+  }
+  const std::string_view received(scratch, static_cast<size_t>(count));
+  if (_input.empty()) return TakeInput(received);
+  _input.append(received);
+  return TakeInput(_input);
+}
+
+bool Connection::TakeInput(std::string_view received) {
+  const bool wasUnfinished = !_input.empty();
+  size_t handled = 0;
+  if (!HandleRequests(received, handled)) return false;
+  received.remove_prefix(_inputEnded ? received.size() : handled);
+  if (received.empty()) {
+    _input.clear();
+    _input.shrink_to_fit();
+    return CheckInput();
+  }
+  if (handled > 0 || !wasUnfinished) {
+    _unfinishedSince = Clock::now();
+    _input = std::string(received);
+    eventfd_write(_wakeLoop, 1);
+  }
+  return CheckInput();
+}
+
+bool Connection::HandleRequests(std::string_view received, size_t& handled) {
+  if (_first && IsTlsHandshake(received)) return Cut(CutReason::kTls, received.size());
+  _hasMore = _isPaused = false;
+  try {
+    if (!HandleWhole(received, handled)) return false;
+    if (_hasMore || _isPaused) return true;
+    if (_peerEnded && !_inputEnded) {
+      // What the end cut off is handled as far as that is right: lists are answered, changes are not made.
+      _request.SetText(received.substr(handled));
+      while (HandleOne()) continue;
+    }
+  } catch (const std::exception& exception) {
+    OnFailure(exception);
+    return !EndsNow();
+  }
+  if (_peerEnded || _handler->HasQuit()) return !EndsNow();
+  return !IsCut();
+}
+
+// Those of a turn, as long as there is room for their replies. Where nobody reads these, there is.
+bool Connection::HandleWhole(std::string_view received, size_t& handled) {
+  for (Turn turn(_turnMilliseconds); !_hasMore && !_handler->HasQuit();) {
+    _isPaused = !HasRoom();
+    if (_isPaused) break;
+    const std::string_view rest = received.substr(handled);
+    const size_t length = _framer.FindEnd(rest);
+    if (length == 0) break;
+    if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut(CutReason::kHttp, length);
+    _first = false;
+    _request.SetText(rest.substr(0, length));
+    const bool isFollowed = length < rest.size();
+    if (isFollowed) turn.Begin();
+    if (!HandleOne()) break;
+    handled += length;
+    _hasMore = isFollowed && !_handler->HasQuit() && turn.IsOver();
+  }
+  return true;
+}
+
+// Who made a change hears nothing more before it is durable: a reply proves what came before it.
+bool Connection::HandleOne() {
+  const DurabilityGate::Ticket before = DurabilityGate::GetLastOfThisThread();
+  const bool goesOn = _handler->HandleNext();
+  const DurabilityGate::Ticket after = DurabilityGate::GetLastOfThisThread();
+  if (after != before) _output->HoldFromNowOn(after);
+  return goesOn;
+}
+
+// After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.
+bool Connection::EndsNow() {
+  _inputEnded = true;
+  _hasMore = false;
+  _handler.reset();
+  UpdateInterest();
+  return _output->GetKeptBytes() == 0;
+}
+
+bool Connection::OnTurn() {
+  return _inputEnded || TakeInput(_input);
+}
+
+bool Connection::OnWritable() {
+  _output->Send();
+  if (IsCut()) return false;
+  UpdateInterest();
+  return !_inputEnded || _output->GetKeptBytes() > 0;
+}
+
+// The socket takes nothing any more, and would say so without end while output waits for the disk. What has come before
+// is still to be read.
+bool Connection::OnHangUp() {
+  if (_inputEnded) return false;
+  _output->OnPeerGone();
+  UpdateInterest();
+  return true;
+}
+
+bool Connection::OnTick(Clock::time_point now) {
+  if (IsCut()) return false;
+  const size_t unread = _output->GetSendableBytes();
+  if (unread > _limits.backlogBytes && now - _output->GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
+    return Cut(CutReason::kBacklog, unread);
+  const bool unfinished = !_input.empty() && !_hasMore && !_isPaused && HasRoom();
+  if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
+    return Cut(CutReason::kRequestTime, _input.size());
+  return true;
+}
+
+bool Connection::NeedsTicks() const {
+  return !_input.empty() || _output->GetKeptBytes() > 0 || IsCut();
+}
+
+bool Connection::CheckInput() {
+  _inputPart.Set(_input.size());
+  if (IsCut()) return false;
+  if (_inputEnded || _hasMore) return true;  // that may be many requests
+  if (_isPaused) {
+    UpdateInterest();
+    return true;
+  }
+  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut(CutReason::kLine, _input.size());
+  if (_input.size() > _limits.requestBytes) return Cut(CutReason::kRequest, _input.size());
+  return true;
+}
+
+// Returns false. A line that can't be written for want of memory is left out.
+bool Connection::Cut(CutReason reason, size_t figure) noexcept {
+  _isTold = true;
+  _counters.Count(reason);
+  try {
+    Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), TextOf(reason), figure);
+  } catch (const std::exception&) {
+  }
+  return false;
+}
+
+void Connection::OnFailure(const std::exception& exception) noexcept {
+  if (dynamic_cast<const std::bad_alloc*>(&exception)) {
+    Cut(CutReason::kMemory, _input.size());
+    return;
+  }
+  _isTold = true;
+  _counters.Count(CutReason::kError);
+  try {
+    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
+  } catch (const std::exception&) {
+  }
+}
+
+void Connection::TellWhyItEnds() noexcept {
+  using End = OutputQueue::End;
+  const End end = _output->GetEnd();
+  if (_isTold) return;
+  if (_inputPart.GetPicked() > 0) {
+    Cut(CutReason::kAllRequests, _inputPart.GetPicked());
+  } else if (_output->GetPicked() > 0) {
+    Cut(CutReason::kAllBacklog, _output->GetPicked());
+  } else if (end == End::kUnread) {
+    Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
+  } else if (end == End::kHeld) {
+    Cut(CutReason::kHeldBacklog, _limits.heldBacklogBytes);
+  } else if (end == End::kMemory) {
+    Cut(CutReason::kMemory, _input.size());
+  }
+}
+
+// On any thread, with the output locked. A loop that waits for the peer already is told when it takes something.
+void Connection::OnKept() {
+  {
+    std::lock_guard<std::mutex> lock(_interestMutex);
+    if (_interest.write) return;
+    _interest.write = true;
+    Announce();
+  }
+  eventfd_write(_wakeLoop, 1);
+}
+
+// On the loop's thread. What others send or keep between the look and the lock must not be forgotten: then it looks
+// again. Requests that were left for want of room go on as soon as there is some, whoever made it.
+void Connection::UpdateInterest() {
+  bool hasRoom = false;
+  bool sends = false;
+  do {
+    hasRoom = HasRoom();
+    sends = _output->GetSendableBytes() > 0;
+    _output->TellWhenSent(!hasRoom || _inputEnded);
+    const bool reads = hasRoom && !_inputEnded && !_peerEnded;
+    std::lock_guard<std::mutex> lock(_interestMutex);
+    if (!_interest.read && reads) _unfinishedSince = Clock::now();
+    _interest = {reads, sends};
+    Announce();
+  } while (HasRoom() != hasRoom || (_output->GetSendableBytes() > 0) != sends);
+  if (hasRoom && _isPaused && !_inputEnded) _hasMore = true;
+}
+
+// The caller holds the interest's lock.
+void Connection::Announce() {
+  epoll_event event{};
+  event.events = (_interest.read ? EPOLLIN : 0u) | (_interest.write ? EPOLLOUT : 0u);
+  event.data.ptr = this;
+  epoll_ctl(_poll, EPOLL_CTL_MOD, _descriptor, &event);
+}
+
+}  // namespace tavix::daemon

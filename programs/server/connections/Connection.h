@@ -1,0 +1,130 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "programs/server/connections/OutputQueue.h"
+#include "programs/server/connections/SharedBound.h"
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/options/Limits.h"
+#include "programs/server/system/Descriptor.h"
+#include "tavix/core/MemoryStream.h"
+#include "tavix/osa/TcpSocket.h"
+#include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/RequestFramer.h"
+#include "tavix/settings/server/ServerEnv.h"
+
+namespace tavix::daemon {
+
+// One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
+// send, or does not read, keeps the loop's thread waiting.
+//
+// A peer that reads no more has its requests carried out all the same, as far as they have come.
+//
+// Threads: its loop's, but for what other threads' notices write to its output.
+// Errors:  what the memory does not suffice for is thrown; the connection is then to be destroyed.
+class Connection {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // What all connections share; it outlives them.
+  struct Shared {
+    settings::server::ServerEnv* env;
+    const Limits& limits;
+    SharedBounds& bounds;
+    Counters& counters;
+    DurabilityGate* gate;      // may be null
+    int turnMilliseconds = 5;  // after which a connection with many requests lets the others go first
+  };
+
+  // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
+  // that tells the loop that bytes are kept.
+  Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
+
+  // What was not sent is gone. What the kernel still has to send goes out all the same. Says why, if a bound is passed.
+  ~Connection();
+
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Whether it is to be destroyed whatever happens. Then nothing else is to be called.
+  bool IsCut() const;
+
+  // Notes that one of the following threw that.
+  void OnFailure(const std::exception& exception) noexcept;
+
+  // These return false once the connection is to be destroyed.
+  // scratch: memory to receive into, the loop's.
+  bool OnReadable(char* scratch, size_t size);
+  bool OnWritable();
+  bool OnHangUp();
+  bool OnTick(Clock::time_point now);
+
+  // Goes on with requests that have come but were left for the next turn, so that others are served meanwhile.
+  bool OnTurn();
+  bool HasMore() const { return _hasMore; }
+
+  // Whether everything that has come was answered, and the answers have left.
+  bool AwaitsRequest() const { return !_inputEnded && !_hasMore && _input.empty() && _output->GetKeptBytes() == 0; }
+
+  // For the loop, which notes there whether the connection has a place among those that are given turns.
+  bool isInTurns = false;
+
+  // How often OnReadable received something.
+  size_t CountReads() const { return _reads; }
+
+  // Whether OnTick has anything to watch.
+  bool NeedsTicks() const;
+
+ private:
+  struct Interest {
+    bool read = true;
+    bool write = false;
+  };
+
+  bool TakeInput(std::string_view received);
+  bool HandleRequests(std::string_view received, size_t& handled);
+  bool HandleWhole(std::string_view received, size_t& handled);
+  bool HandleOne();
+  bool EndsNow();
+  bool CheckInput();
+  bool Cut(CutReason reason, size_t figure) noexcept;
+  void TellWhyItEnds() noexcept;
+  void OnKept();
+  bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
+  void UpdateInterest();
+  void Announce();
+
+  const std::unique_ptr<osa::TcpSocket> _socket;
+  const int _descriptor;
+  const int _poll;
+  const int _wakeLoop;
+  const int _turnMilliseconds;
+  const Limits& _limits;
+  Counters& _counters;
+  const std::string _peer;
+  std::string _input;  // received, not handled yet
+  SharedBound::Part _inputPart;
+  Clock::time_point _unfinishedSince{};
+  settings::server::RequestFramer _framer;
+  core::ViewIstream _request;
+  const std::shared_ptr<OutputQueue> _output;               // may outlive the connection, closed
+  std::optional<settings::server::ClientHandler> _handler;  // until the last request
+  size_t _reads = 0;
+  bool _first = true;         // nothing was handled yet
+  bool _hasMore = false;      // the turn ended before the requests did
+  bool _isPaused = false;     // likewise, because too much is unread
+  bool _peerEnded = false;    // nothing more comes
+  bool _inputEnded = false;   // what still comes is not handled
+  bool _isTold = false;       // why it ends
+  std::mutex _interestMutex;  // guards what follows
+  Interest _interest;
+};
+
+}  // namespace tavix::daemon

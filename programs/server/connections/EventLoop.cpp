@@ -1,0 +1,255 @@
+#include "programs/server/connections/EventLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr unsigned int kStackSize = 128 * 1024;
+constexpr size_t kScratchSize = 64 * 1024;
+constexpr int kTickMilliseconds = 1000;
+constexpr int kMostEvents = 64;
+constexpr int kReadsInARow = 64;
+constexpr int kPauseAfterVainRead = 8;
+
+Descriptor Checked(int descriptor, const char* what) {
+  if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
+  return Descriptor(descriptor);
+}
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("EventLoop");
+  return logger;
+}
+
+}  // namespace
+
+EventLoop::EventLoop(const Connection::Shared& shared, std::function<void()> onFailure)
+    : _shared(shared),
+      _onFailure(std::move(onFailure)),
+      _poll(Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor")),
+      _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
+      _scratch(new char[kScratchSize]),
+      _thread("EventLoop", this, kStackSize, 0) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  if (epoll_ctl(_poll.Get(), EPOLL_CTL_ADD, _wake.Get(), &event) != 0)
+    throw osa::Exception("Failed to watch an event descriptor: %s", std::strerror(errno));
+  _thread.Run();
+}
+
+EventLoop::~EventLoop() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _stop = true;
+  }
+  eventfd_write(_wake.Get(), 1);
+  _thread.Join();
+}
+
+void EventLoop::Add(Descriptor descriptor) {
+  ++_count;
+  _shared.counters.clients.Add();
+  try {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _new.push_back(std::move(descriptor));
+  } catch (const std::exception& exception) {
+    Refuse(exception.what());
+  }
+  eventfd_write(_wake.Get(), 1);
+}
+
+void EventLoop::Probe() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  const unsigned long long probe = ++_probes;
+  eventfd_write(_wake.Get(), 1);
+  _answered.wait(lock, [&] { return _answers >= probe || _failed; });
+}
+
+void EventLoop::Run() {
+  try {
+    ServeUntilStopped();
+  } catch (const std::exception& exception) {
+    Fail(exception.what());
+  } catch (...) {
+    Fail("unknown");
+  }
+}
+
+// A daemon that listens and never answers helps nobody: whoever watches it is told to start it anew.
+void EventLoop::Fail(const char* reason) {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _failed = true;
+  }
+  _answered.notify_all();
+  _connections.clear();
+  _onFailure();
+  Log()->Error("An event loop failed: %s; the daemon ends", reason);
+}
+
+void EventLoop::ServeUntilStopped() {
+  epoll_event events[kMostEvents];
+  while (true) {
+    _turns.swap(_busy);
+    const int wait = !_turns.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
+    const int count = epoll_wait(_poll.Get(), events, kMostEvents, wait);
+    if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
+    for (int i = 0; i < count; ++i) {
+      auto* const connection = static_cast<Connection*>(events[i].data.ptr);
+      if (connection) {
+        Serve(connection, [&] { return HandleEvent(connection, events[i].events, count == 1); });
+      } else if (!TakeCall()) {
+        return _connections.clear();
+      }
+    }
+    if (!_turns.empty()) GiveTurns();
+    if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
+  }
+}
+
+// Another thread wants something. Returns whether the loop goes on.
+bool EventLoop::TakeCall() {
+  eventfd_t ignored = 0;
+  eventfd_read(_wake.Get(), &ignored);
+  _ticks = true;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_stop) return false;
+    if (_answers < _probes) _answered.notify_all();
+    _answers = _probes;
+  }
+  TakeNewConnections();
+  return true;
+}
+
+void EventLoop::TakeNewConnections() {
+  std::vector<Descriptor> descriptors;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    descriptors.swap(_new);
+  }
+  for (Descriptor& descriptor : descriptors) {
+    try {
+      TakeNew(std::move(descriptor));
+    } catch (const std::exception& exception) {
+      Refuse(exception.what());
+    }
+  }
+}
+
+void EventLoop::TakeNew(Descriptor descriptor) {
+  for (std::vector<Connection*>* places : {&_busy, &_turns}) {
+    if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
+  }
+  auto connection = std::make_unique<Connection>(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
+  Connection* const key = connection.get();
+  _connections.emplace(key, std::move(connection));
+}
+
+// A line that can't be written for want of memory is left out.
+void EventLoop::Refuse(const char* reason) noexcept {
+  _shared.counters.Count(Refusal::kSetup);
+  CountOneLess();
+  try {
+    Log()->Warning("Connection refused: %s", reason);
+  } catch (const std::exception&) {
+  }
+}
+
+// Whatever happens to one connection, the others are served. Returns whether it lives.
+template <class Work>
+bool EventLoop::Serve(Connection* connection, Work work) {
+  bool lives = false;
+  try {
+    lives = !connection->IsCut() && work();
+  } catch (const std::exception& exception) {
+    connection->OnFailure(exception);
+  }
+  if (!lives) {
+    End(connection);
+  } else if (connection->HasMore() && !std::exchange(connection->isInTurns, true)) {
+    _busy.push_back(connection);
+  }
+  return lives;
+}
+
+bool EventLoop::HandleEvent(Connection* connection, unsigned int events, bool isAlone) {
+  if ((events & EPOLLOUT) && !connection->OnWritable()) return false;
+  if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
+    if (!connection->OnReadable(_scratch.get(), kScratchSize)) return false;
+    if (isAlone && !ReadOn(connection)) return false;
+  }
+  return !(events & EPOLLHUP) || connection->OnHangUp();
+}
+
+// A client that waits for each reply may have sent its next request by the time the reply is out, above all on a single
+// processor, where it ran meanwhile. Looking is cheaper than waiting, when it finds something: after a vain look, and
+// for the sake of the others after some in a row, the next ones are left out.
+bool EventLoop::ReadOn(Connection* connection) {
+  if (_readsToLeaveOut > 0) {
+    --_readsToLeaveOut;
+    return true;
+  }
+  for (int reads = 0; reads < kReadsInARow; ++reads) {
+    if (!connection->AwaitsRequest()) return true;
+    const size_t before = connection->CountReads();
+    if (!connection->OnReadable(_scratch.get(), kScratchSize)) return false;
+    if (connection->CountReads() == before) {
+      _readsToLeaveOut = kPauseAfterVainRead;
+      return true;
+    }
+  }
+  return true;
+}
+
+// Whose requests came in this round has had its turn.
+void EventLoop::GiveTurns() {
+  for (Connection* connection : _turns) {
+    connection->isInTurns = false;
+    Serve(connection, [&] { return connection->OnTurn(); });
+  }
+  _turns.clear();
+}
+
+// Once a second while something must be watched.
+void EventLoop::Tick() {
+  const auto now = Connection::Clock::now();
+  _nextTick = now + std::chrono::milliseconds(kTickMilliseconds);
+  _ticks = false;
+  for (auto next = _connections.begin(); next != _connections.end();) {
+    Connection* connection = (next++)->first;
+    const bool lives = Serve(connection, [&] { return connection->OnTick(now); });
+    if (lives && connection->NeedsTicks()) _ticks = true;
+  }
+}
+
+void EventLoop::End(Connection* connection) {
+  if (connection->isInTurns) {
+    for (std::vector<Connection*>* places : {&_busy, &_turns})
+      places->erase(std::remove(places->begin(), places->end(), connection), places->end());
+  }
+  _connections.erase(connection);
+  CountOneLess();
+}
+
+void EventLoop::CountOneLess() {
+  --_count;
+  _shared.counters.clients.Subtract();
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "programs/server/connections/Connection.h"
+#include "tavix/osa/Runnable.h"
+#include "tavix/osa/Thread.h"
+
+namespace tavix::daemon {
+
+// A thread that serves many connections, each when there is something to do for it.
+//
+// Errors: what a connection's work throws ends that connection. Anything else ends the loop with all of its
+//         connections.
+class EventLoop : private osa::Runnable {
+ public:
+  // Starts the thread. shared: what it refers to outlives the loop. onFailure: called when the loop has ended by
+  // itself, on its thread.
+  EventLoop(const Connection::Shared& shared, std::function<void()> onFailure);
+
+  // Ends the thread and every connection.
+  ~EventLoop() override;
+
+  // Takes a connected descriptor over. From any thread.
+  void Add(Descriptor descriptor);
+
+  // Returns once the loop has come round after the call, or has failed. From any thread, while nobody ends the loop.
+  void Probe();
+
+  bool HasFailed() const { return _failed; }
+
+  // How many connections there are, those on their way included.
+  size_t CountConnections() const { return _count; }
+
+ private:
+  void Run() override;
+  void ServeUntilStopped();
+  bool TakeCall();
+  void Fail(const char* reason);
+  void TakeNewConnections();
+  void TakeNew(Descriptor descriptor);
+  template <class Work>
+  bool Serve(Connection* connection, Work work);
+  bool HandleEvent(Connection* connection, unsigned int events, bool isAlone);
+  bool ReadOn(Connection* connection);
+  void GiveTurns();
+  void Tick();
+  void End(Connection* connection);
+  void Refuse(const char* reason) noexcept;
+  void CountOneLess();
+
+  const Connection::Shared _shared;
+  const std::function<void()> _onFailure;
+  const Descriptor _poll;
+  const Descriptor _wake;
+  std::unique_ptr<char[]> _scratch;
+  std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
+  std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
+  std::vector<Connection*> _turns;            // likewise: who has a turn in this round. Both have room for all
+  int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
+  bool _ticks = false;                        // likewise
+  Connection::Clock::time_point _nextTick{};  // likewise
+  std::atomic<size_t> _count{0};
+  std::atomic<bool> _failed{false};
+  std::mutex _mutex;  // guards what follows
+  std::vector<Descriptor> _new;
+  bool _stop = false;
+  unsigned long long _probes = 0;
+  unsigned long long _answers = 0;  // to that many probes
+  std::condition_variable _answered;
+  osa::Thread _thread;
+};
+
+}  // namespace tavix::daemon

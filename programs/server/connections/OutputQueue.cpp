@@ -1,0 +1,224 @@
+#include "programs/server/connections/OutputQueue.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <locale>
+#include <string_view>
+#include <utility>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
+
+void ReleaseMemory(std::string& text) {
+  text.clear();
+  if (text.capacity() > kKeptMemory) std::string().swap(text);
+}
+
+}  // namespace
+
+OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept)
+    : _descriptor(descriptor),
+      _bounds(bounds),
+      _gate(gate),
+      _onKept(std::move(onKept)),
+      _ostream(this),
+      _part(bounds.all, descriptor) {
+  _ostream.imbue(std::locale::classic());
+}
+
+void OutputQueue::HoldFromNowOn(Ticket ticket) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _leastTicket = std::max(_leastTicket, ticket);
+}
+
+size_t OutputQueue::Send() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    SendSendable();
+  }
+  AwaitDurable();
+  return GetKeptBytes();
+}
+
+void OutputQueue::Close() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _broken = true;
+  _kept.Clear();
+  _keptBytes = 0;
+  _holds.clear();
+  _part.End();
+}
+
+void OutputQueue::TellWhenSent(bool tells) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _tellsWhenSent = tells;
+}
+
+size_t OutputQueue::GetSendableBytes() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return CountSendable();
+}
+
+OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _lastProgress;
+}
+
+void OutputQueue::OnDurable() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _awaits = false;
+    if (_broken) return;
+    if (CountSendable() == 0) _lastProgress = Clock::now();
+    SendSendable();
+    if (_broken) return;
+    if (CountSendable() > 0 || _tellsWhenSent) _onKept();
+  }
+  AwaitDurable();
+}
+
+OutputQueue::int_type OutputQueue::overflow(int_type character) {
+  if (traits_type::eq_int_type(character, traits_type::eof())) return traits_type::not_eof(character);
+  const char byte = traits_type::to_char_type(character);
+  return xsputn(&byte, 1) == 1 ? character : traits_type::eof();
+}
+
+std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
+  if (_broken) return 0;
+  return DoOrBreak([&] { _message.append(bytes, static_cast<size_t>(count)); }) ? count : 0;
+}
+
+int OutputQueue::sync() {
+  DoOrBreak([this] { FlushMessage(); });
+  _messageTicket = 0;
+  ReleaseMemory(_message);
+  if (_keptBytes > 0) AwaitDurable();
+  return _broken ? -1 : 0;
+}
+
+void OutputQueue::FlushMessage() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_broken || _message.empty() || GetPicked() > 0) return;
+  const Ticket ticket = std::max(_messageTicket, _leastTicket);
+  const bool isHeld = _gate && !_gate->IsDurable(ticket);
+  const bool isHeldLonger = isHeld && (_holds.empty() || ticket > _holds.back().ticket);
+  if (isHeldLonger) _holds.push_back({_left + _kept.GetSize(), ticket});
+  const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
+  const size_t sent = goesAtOnce ? SendSome(_message.data(), _message.size()) : 0;
+  if (sent < _message.size() && !_broken) Keep(sent);
+}
+
+// The caller holds the lock, here and below, unless something else is said.
+void OutputQueue::Keep(size_t sent) {
+  if (_kept.GetSize() == 0) _lastProgress = Clock::now();
+  _kept.Append(_message.data() + sent, _message.size() - sent);
+  NoteKept();
+  Enforce();
+  if (!_broken && CountSendable() > 0) _onKept();
+}
+
+void OutputQueue::NoteKept() {
+  _keptBytes = _kept.GetSize();
+  _part.Set(_kept.GetSize());
+}
+
+void OutputQueue::Enforce() {
+  const size_t unread = CountSendable();
+  if (unread > _bounds.unread) {
+    Break(End::kUnread);
+  } else if (_kept.GetSize() - unread > _bounds.held) {
+    Break(End::kHeld);
+  }
+}
+
+void OutputQueue::SendSendable() {
+  DropDurableHolds();
+  bool takesMore = !_broken;
+  while (takesMore && CountSendable() > 0) {
+    const std::string_view front = _kept.GetFront().substr(0, CountSendable());
+    const size_t sent = SendSome(front.data(), front.size());
+    takesMore = sent == front.size();
+    if (_broken) return;
+    if (sent > 0) _lastProgress = Clock::now();
+    _kept.Drop(sent);
+    NoteKept();
+    _left += sent;
+  }
+}
+
+size_t OutputQueue::CountSendable() const {
+  return _holds.empty() ? _kept.GetSize() : _holds.front().begin - _left;
+}
+
+void OutputQueue::DropDurableHolds() {
+  const auto isHeld = [this](const Hold& hold) { return !_gate->IsDurable(hold.ticket); };
+  _holds.erase(_holds.begin(), std::find_if(_holds.begin(), _holds.end(), isHeld));
+}
+
+// The caller does not hold the lock. The gate may have been passed meanwhile; then it is for this thread to send.
+void OutputQueue::AwaitDurable() {
+  Ticket ticket = 0;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (_holds.empty() || _awaits || _broken) return;
+    ticket = _holds.front().ticket;
+    _awaits = true;
+  }
+  bool isHeld = true;
+  DoOrBreak([&] { isHeld = _gate->Await(ticket, shared_from_this()); });
+  if (!isHeld) OnDurable();
+}
+
+size_t OutputQueue::SendSome(const char* bytes, size_t count) {
+  size_t done = 0;
+  while (done < count) {
+    const ssize_t sent = send(_descriptor, bytes + done, count - done, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0) {
+      done += static_cast<size_t>(sent);
+    } else if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      break;
+    } else if (sent == 0 || errno != EINTR) {
+      Break(End::kPeer);
+      break;
+    }
+  }
+  return done;
+}
+
+// A peer that is gone may have sent requests before, which are still to be read; with any other, the loop is told by
+// the socket.
+void OutputQueue::Break(End end) {
+  if (_broken) return;
+  _end = end;
+  _broken = true;
+  shutdown(_descriptor, end == End::kPeer ? SHUT_WR : SHUT_RDWR);
+  _kept.Clear();
+  NoteKept();
+  _holds.clear();
+  _onKept();
+}
+
+// The caller does not hold the lock, here and below.
+void OutputQueue::BreakFor(End end) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  Break(end);
+}
+
+// A stream would note an exception, and the connection would live on, mute.
+template <class Work>
+bool OutputQueue::DoOrBreak(Work work) {
+  try {
+    work();
+  } catch (const std::exception&) {
+    BreakFor(End::kMemory);
+  }
+  return !_broken;
+}
+
+}  // namespace tavix::daemon

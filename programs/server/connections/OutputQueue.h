@@ -1,0 +1,135 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+#include "programs/server/connections/ByteQueue.h"
+#include "programs/server/connections/SharedBound.h"
+#include "programs/server/persistence/DurabilityGate.h"
+
+namespace tavix::daemon {
+
+// What a connection is still to be sent, as an ostream that never waits: a message that is flushed goes to the socket
+// as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A message that shows a
+// change which is not durable is kept until it is, and everything behind it.
+//
+// Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, and the thread that finds
+//          changes durable, call the rest meanwhile.
+// Locks:   its own mutex, outside the gate's.
+// Errors:  a peer that is gone, more bytes than may be kept, and memory that runs out break the queue for ever: writers
+//          fail, kept bytes go.
+class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<OutputQueue>, private std::streambuf {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Ticket = DurabilityGate::Ticket;
+
+  // In bytes.
+  struct Bounds {
+    size_t unread;     // that wait for the peer
+    size_t held;       // that wait for the disk, or behind what does
+    SharedBound& all;  // outlives the queue, or its Close
+  };
+
+  // Why it is broken.
+  enum class End { kNone, kPeer, kUnread, kHeld, kMemory };
+
+  // descriptor: a connected socket, borrowed until Close. gate: may be null, else outlives the queue. onKept: called,
+  // with the queue locked, whenever bytes wait for the peer, be they the first or not, when the queue breaks, and see
+  // TellWhenSent. It throws nothing.
+  OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept);
+
+  // The queue that such a stream writes to.
+  static OutputQueue& Of(std::ostream& out) { return static_cast<OutputQueue&>(*out.rdbuf()); }
+
+  std::ostream& GetOstream() { return _ostream; }
+
+  // The message that is flushed next leaves when that change is durable. By its writer.
+  void HoldMessage(Ticket ticket) { _messageTicket = ticket; }
+
+  // Likewise every message from now on.
+  void HoldFromNowOn(Ticket ticket);
+
+  // Sends on what is kept, as far as the socket takes it. Returns what stays.
+  size_t Send();
+
+  // Nothing that is written from now on would reach the peer.
+  void OnPeerGone() { BreakFor(End::kPeer); }
+
+  // A message was lost, so that nothing may follow it.
+  void OnMessageLost() { BreakFor(End::kMemory); }
+
+  // Nothing is sent, and nobody is told of anything, any more.
+  void Close();
+
+  // Has onKept called as well when something that had to wait for the disk was sent.
+  void TellWhenSent(bool tells);
+
+  size_t GetKeptBytes() const { return _keptBytes; }
+  bool IsBroken() const { return _broken; }
+  End GetEnd() const { return _end; }
+
+  // Of the bound of all queues.
+  size_t GetPicked() const { return _part.GetPicked(); }
+
+  // What of the kept bytes waits for the peer alone.
+  size_t GetSendableBytes() const;
+
+  // Since when the peer has taken nothing of that.
+  Clock::time_point GetLastProgress() const;
+
+  void OnDurable() override;
+
+ private:
+  struct Hold {
+    size_t begin;  // counted from the first byte that ever was kept
+    Ticket ticket;
+  };
+
+  int_type overflow(int_type character) override;
+  std::streamsize xsputn(const char* bytes, std::streamsize count) override;
+  int sync() override;
+
+  void FlushMessage();
+  void Keep(size_t sent);
+  void NoteKept();
+  void Enforce();
+  void SendSendable();
+  size_t CountSendable() const;
+  void DropDurableHolds();
+  void AwaitDurable();
+  size_t SendSome(const char* bytes, size_t count);
+  void Break(End end);
+  void BreakFor(End end);
+  template <class Work>
+  bool DoOrBreak(Work work);
+
+  const int _descriptor;
+  const Bounds _bounds;
+  DurabilityGate* const _gate;  // may be null
+  const std::function<void()> _onKept;
+  std::string _message;       // the writer's, until it is flushed
+  Ticket _messageTicket = 0;  // likewise
+  std::ostream _ostream;
+  mutable std::mutex _mutex;  // guards what follows
+  ByteQueue _kept;
+  std::atomic<size_t> _keptBytes{0};  // that many; for those who only ask
+  size_t _left = 0;                   // how many kept bytes have left
+  std::vector<Hold> _holds;           // in the order of their bytes
+  Ticket _leastTicket = 0;            // for every message from now on
+  bool _awaits = false;               // the gate will tell
+  bool _tellsWhenSent = false;
+  std::atomic<bool> _broken{false};
+  std::atomic<End> _end{End::kNone};
+  Clock::time_point _lastProgress{};
+  SharedBound::Part _part;
+};
+
+}  // namespace tavix::daemon

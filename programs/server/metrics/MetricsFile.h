@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+
+#include "programs/server/metrics/Counters.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::daemon {
+
+// A file that always holds the latest figures, whole, for everybody to read: each time a new one takes its place. It is
+// not synced: after a power cut the figures would be of no use.
+//
+// Threads: one at a time.
+// Errors:  none leave it. What fails is logged when it begins to fail.
+class MetricsFile {
+ public:
+  // counters and manager outlive the file.
+  MetricsFile(const std::string& path, const Counters& counters, const settings::server::SettingsManager& manager);
+
+  // Takes the file away: the figures of a daemon that has ended are nobody's.
+  ~MetricsFile();
+
+  MetricsFile(const MetricsFile&) = delete;
+  MetricsFile& operator=(const MetricsFile&) = delete;
+
+  void Write();
+
+ private:
+  void Replace(const std::string& text) const;
+
+  const std::string _path;
+  const std::string _newPath;
+  const Counters& _counters;
+  const settings::server::SettingsManager& _manager;
+  bool _fails = false;
+};
+
+}  // namespace tavix::daemon

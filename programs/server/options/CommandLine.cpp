@@ -1,0 +1,106 @@
+#include "programs/server/options/CommandLine.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <thread>
+
+#include "programs/server/options/ConfigurationFile.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+using Kind = OptionEntry::Kind;
+
+constexpr int kFirstCode = 256;  // of the table's first option; smaller ones are characters
+
+int ArgumentOf(Kind kind) {
+  if (kind == Kind::kCommand) return no_argument;
+  return kind == Kind::kFlag ? optional_argument : required_argument;
+}
+
+std::vector<option> MakeSystemTable() {
+  std::vector<option> options;
+  int code = kFirstCode;
+  for (const OptionEntry& entry : GetOptionTable())
+    options.push_back({entry.name, ArgumentOf(entry.kind), nullptr, code++});
+  options.push_back({nullptr, 0, nullptr, 0});
+  return options;
+}
+
+bool UsageError() {
+  std::fputs("Try 'tavix-settings-server --help'.\n", stderr);
+  return false;
+}
+
+// Whether the value is right; prints what is wrong otherwise.
+bool TryValue(const OptionEntry& entry, const std::string& value) {
+  try {
+    Options scratch;
+    entry.apply(scratch, value);
+    return true;
+  } catch (const osa::Exception& exception) {
+    std::fprintf(stderr, "tavix-settings-server: --%s '%s': %s\n", entry.name, value.c_str(), exception.what());
+    return false;
+  }
+}
+
+// The usual places of drop-ins, for a layer that nobody gave anything.
+void SetUsualPlaces(LayerSources& layer, const char* folder) {
+  if (!layer.paths.empty() || !layer.directories.empty()) return;
+  for (const char* place : {"/usr/share/tavix-settings/", "/run/tavix-settings/", "/etc/tavix-settings/"})
+    layer.directories.push_back(std::string(place) + folder);
+}
+
+void SetDefaults(Options& options) {
+  SetUsualPlaces(options.defaults, "defaults.d");
+  SetUsualPlaces(options.restricted, "restricted.d");
+  if (options.loops == 0) options.loops = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+}
+
+void Apply(const std::vector<GivenOption>& given, Options& options) {
+  for (const GivenOption& one : given) one.option->apply(options, one.value);
+}
+
+}  // namespace
+
+bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given) {
+  const std::vector<option> known = MakeSystemTable();
+  optind = 1;
+  for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
+    if (code < kFirstCode) return UsageError();
+    const OptionEntry& entry = GetOptionTable()[static_cast<size_t>(code - kFirstCode)];
+    given.push_back({&entry, optarg ? optarg : ""});
+    if (!TryValue(entry, given.back().value)) return UsageError();
+  }
+  if (optind == argc) return true;
+  std::fprintf(stderr, "tavix-settings-server: unexpected argument '%s'\n", argv[optind]);
+  return UsageError();
+}
+
+Options::Action FindAction(const std::vector<GivenOption>& commandLine) {
+  Options options;
+  Apply(commandLine, options);
+  return options.action;
+}
+
+Options ReadOptions(const std::vector<GivenOption>& commandLine) {
+  Options options;
+  Apply(commandLine, options);
+  std::vector<GivenOption> all = ReadConfigurationFile(options.configuration, options.configurationWasGiven);
+  const auto isOverruled = [&](const GivenOption& one) {
+    return std::any_of(commandLine.begin(), commandLine.end(),
+                       [&](const GivenOption& other) { return other.option == one.option; });
+  };
+  all.erase(std::remove_if(all.begin(), all.end(), isOverruled), all.end());
+  all.insert(all.end(), commandLine.begin(), commandLine.end());
+  options = Options();
+  Apply(all, options);
+  SetDefaults(options);
+  return options;
+}
+
+}  // namespace tavix::daemon

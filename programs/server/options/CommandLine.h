@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "programs/server/options/OptionTable.h"
+
+namespace tavix::daemon {
+
+// An option with the value that somebody gave it.
+struct GivenOption {
+  const OptionEntry* option;
+  std::string value;
+};
+
+// Reads the command line. False when it is wrong: standard error then says how.
+[[nodiscard]] bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given);
+
+// What the command line asks for.
+Options::Action FindAction(const std::vector<GivenOption>& commandLine);
+
+// All options: what the command line gives, for the rest what the configuration file gives, and for the rest the
+// defaults. Throws osa::Exception naming file, key and value. commandLine: as ParseCommandLine left it.
+Options ReadOptions(const std::vector<GivenOption>& commandLine);
+
+}  // namespace tavix::daemon

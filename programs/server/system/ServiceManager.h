@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "programs/server/system/Descriptor.h"
+
+namespace tavix::daemon {
+
+// What a service manager is told about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
+// describes them. Without one, nothing is told.
+//
+// Threads: any.
+// Errors:  none; what can't be sent within a second is dropped.
+class ServiceManager {
+ public:
+  // Reads NOTIFY_SOCKET, WATCHDOG_USEC and WATCHDOG_PID, once.
+  ServiceManager();
+
+  // lines: "READY=1", or several with line feeds between them.
+  void Tell(const std::string& lines) const;
+
+  // How often this process has to tell WATCHDOG=1; zero: it need not.
+  std::chrono::microseconds GetWatchdogTime() const { return _watchdogTime; }
+
+  // Whether standard error is connected to the system's journal, as JOURNAL_STREAM says.
+  static bool HasJournal();
+
+ private:
+  std::string _name;   // of the service manager's socket, as it stands in an address; empty: there is none
+  Descriptor _socket;  // ours, so that one is left when descriptors run out
+  std::chrono::microseconds _watchdogTime{0};
+};
+
+}  // namespace tavix::daemon
