@@ -1,5 +1,7 @@
 #include "programs/cli/Changes.h"
 
+#include <nlohmann/json.hpp>
+
 #include "programs/cli/Json.h"
 #include "programs/cli/Spelling.h"
 

@@ -6,16 +6,13 @@
 
 #include "programs/cli/Commands.h"
 #include "programs/cli/Failure.h"
+#include "programs/cli/ParserWords.h"
 #include "programs/cli/Spelling.h"
 #include "programs/cli/Suggestion.h"
 
 namespace tavix::cli {
 
 namespace {
-
-// The parser gives some words a meaning of its own: "[a,b]" is a list, "{}" an empty one, "-5" an option. Values are
-// bytes, so that these words are marked on their way through it.
-constexpr char kMark = '\x01';
 
 constexpr char kFooter[] =
     R"(One setting is '[group]key', quoted for the shell, or GROUP KEY; a bare word is a
@@ -30,27 +27,6 @@ silent; 4 a condition failed; 5 refused; 6 input does not parse; 7 not applied;
   tavix-settings get Network/Hostname name
   tavix-settings watch 'Network/*'
 )";
-
-bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-
-bool NeedsMark(const std::string& word) {
-  if (word.empty()) return true;
-  if (word[0] == '-') return word.size() > 1 && (IsDigit(word[1]) || (word[1] == '.' && word.size() > 2));
-  return std::string("[{%").find(word[0]) != std::string::npos || word[0] == kMark;
-}
-
-std::string Mark(const std::string& word) {
-  if (NeedsMark(word)) return kMark + word;
-  const size_t equals = word.find('=');
-  if (word.rfind("--", 0) != 0 || equals == std::string::npos || !NeedsMark(word.substr(equals + 1))) return word;
-  return word.substr(0, equals + 1) + kMark + word.substr(equals + 1);
-}
-
-std::string Unmark(const std::string& word) {
-  return !word.empty() && word.front() == kMark ? word.substr(1) : word;
-}
 
 std::vector<std::string> OptionNames(const CLI::App* app) {
   std::vector<std::string> names;
@@ -104,9 +80,11 @@ CommandLine::~CommandLine() = default;
 void CommandLine::AddGlobalOptions() {
   _app->set_help_flag("-h,--help", "Show this text");
   _app->set_version_flag("-V,--version", "tavix-settings " TAVIX_VERSION, "Show the version");
-  AddText(*_app, "-s,--server", _words->server, "HOST, HOST:PORT or unix:PATH (or TAVIX_SETTINGS_SERVER)")
-      ->type_name("SERVER");
-  AddText(*_app, "--local", _words->local, "Work on a settings file, without a server")->type_name("FILE");
+  const CommandOptions options(*_app);
+  options.AddText("-s,--server", _words->server, "HOST, HOST:PORT or unix:PATH (or TAVIX_SETTINGS_SERVER)");
+  options.AddText("--local", _words->local, "Work on a settings file, without a server");
+  _app->get_option("--server")->type_name("SERVER");
+  _app->get_option("--local")->type_name("FILE");
   _app->add_option("-t,--timeout", _words->timeout, "Seconds that the server may keep silent (2)")
       ->check(CLI::Range(0.001, 1e6).description(""))
       ->type_name("SECONDS");
@@ -121,25 +99,26 @@ void CommandLine::AddGlobalOptions() {
       ->type_name("WHEN");
 }
 
-CLI::App& CommandLine::Add(const std::string& names, const std::string& description, Action action) {
-  return AddTo(*_app, names, description, std::move(action));
+CommandOptions CommandLine::Add(const std::string& names, const std::string& description, Action action) {
+  return AddTo(CommandOptions(*_app), names, description, std::move(action));
 }
 
-CLI::App& CommandLine::AddGroup(const std::string& name, const std::string& description) {
+CommandOptions CommandLine::AddGroup(const std::string& name, const std::string& description) {
   CLI::App* group = _app->add_subcommand(name, description);
   group->fallthrough();
   group->require_subcommand(1);
-  return *group;
+  return CommandOptions(*group);
 }
 
-CLI::App& CommandLine::AddTo(CLI::App& group, const std::string& names, const std::string& description, Action action) {
+CommandOptions CommandLine::AddTo(const CommandOptions& group, const std::string& names, const std::string& description,
+                                  Action action) {
   const size_t comma = names.find(',');
-  CLI::App* command = group.add_subcommand(names.substr(0, comma), description);
+  CLI::App* command = group.GetParser().add_subcommand(names.substr(0, comma), description);
   if (comma != std::string::npos) command->alias(names.substr(comma + 1));
   command->fallthrough();
   command->footer("'tavix-settings --help' shows the options of every command.\n");
   command->callback([this, action = std::move(action)] { _action = action; });
-  return *command;
+  return CommandOptions(*command);
 }
 
 CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOptions& options) {
@@ -153,13 +132,13 @@ CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOpt
     std::printf("%s\n", version.what());
   } catch (const CLI::ExtrasError&) {
     const std::vector<std::string> extras = _app->remaining(true);
-    FailUnknown(extras.empty() ? std::string() : Unmark(extras.front()));
+    FailUnknown(extras.empty() ? std::string() : UnmarkWord(extras.front()));
   } catch (const CLI::ParseError& error) {
     const std::vector<std::string> extras = _app->remaining(true);
     if (dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && !extras.empty())
-      FailUnknown(Unmark(extras.front()));
+      FailUnknown(UnmarkWord(extras.front()));
     std::string text = error.what();
-    text.erase(std::remove(text.begin(), text.end(), kMark), text.end());
+    text.erase(std::remove(text.begin(), text.end(), kWordMark), text.end());
     FailUsage(text);
   }
   return nullptr;
@@ -167,7 +146,7 @@ CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOpt
 
 // The parser takes the words from the back.
 CommandLine::Action CommandLine::ParseProtected(std::vector<std::string> words) {
-  std::transform(words.begin(), words.end(), words.begin(), Mark);
+  std::transform(words.begin(), words.end(), words.begin(), MarkWord);
   std::reverse(words.begin(), words.end());
   _app->parse(std::move(words));
   if (!_action) throw Failure(kExitUsage, "expected a command", "try 'tavix-settings --help'");
@@ -222,24 +201,6 @@ std::string CommandLine::GetHelp(const std::string& command) const {
   }
   throw Failure(kExitUsage,
                 "there is no command '" + SpellValue(command) + "'" + DidYouMean(command, CommandNames(*_app)));
-}
-
-namespace {
-
-// What has a dash is shown with a word for its value.
-const char* TypeNameOf(const std::string& names) {
-  return names.front() == '-' ? "TEXT" : "";
-}
-
-}  // namespace
-
-CLI::Option* AddText(CLI::App& command, const std::string& names, std::string& target, const std::string& description) {
-  return command.add_option(names, target, description)->transform(Unmark, "")->type_name(TypeNameOf(names));
-}
-
-CLI::Option* AddTexts(CLI::App& command, const std::string& names, std::vector<std::string>& target,
-                      const std::string& description) {
-  return command.add_option(names, target, description)->transform(Unmark, "")->type_name(TypeNameOf(names));
 }
 
 }  // namespace tavix::cli

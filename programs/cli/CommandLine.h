@@ -5,12 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "programs/cli/CommandOptions.h"
 #include "programs/cli/Context.h"
-
-namespace CLI {
-class App;
-class Option;
-}  // namespace CLI
 
 namespace tavix::cli {
 
@@ -29,9 +25,10 @@ class CommandLine {
 
   // Adds a command to the program, or to a command that only groups others; whoever adds one declares its options.
   // Aliases stand behind the name, each behind a comma.
-  CLI::App& Add(const std::string& names, const std::string& description, Action action);
-  CLI::App& AddGroup(const std::string& name, const std::string& description);
-  CLI::App& AddTo(CLI::App& group, const std::string& names, const std::string& description, Action action);
+  CommandOptions Add(const std::string& names, const std::string& description, Action action);
+  CommandOptions AddGroup(const std::string& name, const std::string& description);
+  CommandOptions AddTo(const CommandOptions& group, const std::string& names, const std::string& description,
+                       Action action);
 
   // Parses the words behind the program's name. The command to be run, or nothing when all was done already: help or
   // the version was printed. Throws Failure, kExitUsage.
@@ -55,11 +52,5 @@ class CommandLine {
   std::unique_ptr<CLI::App> _app;
   Action _action;
 };
-
-// Declare an option or a positional that takes any text, such as "[a]", "{}" or "-5", as it is. The target outlives the
-// parsing.
-CLI::Option* AddText(CLI::App& command, const std::string& names, std::string& target, const std::string& description);
-CLI::Option* AddTexts(CLI::App& command, const std::string& names, std::vector<std::string>& target,
-                      const std::string& description);
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/CommandLine.h"
@@ -27,10 +26,10 @@ int PrintScript(Context& context, const std::string& shell) {
 
 void AddCompletion(CommandLine& line) {
   const auto shell = std::make_shared<std::string>();
-  CLI::App& command = line.Add("completion", "Print the completion script of a shell",
-                               [shell](Context& context) { return PrintScript(context, *shell); });
-  AddText(command, "SHELL", *shell, "bash, zsh or fish")->required();
-  command.footer("For example: eval \"$(tavix-settings completion bash)\"\n");
+  const CommandOptions command = line.Add("completion", "Print the completion script of a shell",
+                                          [shell](Context& context) { return PrintScript(context, *shell); });
+  command.AddText("SHELL", *shell, "bash, zsh or fish").Require();
+  command.SetFooter("For example: eval \"$(tavix-settings completion bash)\"\n");
 }
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Changes.h"
@@ -64,11 +63,11 @@ int Delete(Context& context, const Options& options) {
 
 void AddDelete(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("delete,rm", "Take groups away; their defaults do not come back",
-                               [options](Context& context) { return Delete(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns")->required();
-  command.add_flag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
-  command.add_flag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  const CommandOptions command = line.Add("delete,rm", "Take groups away; their defaults do not come back",
+                                          [options](Context& context) { return Delete(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns").Require();
+  command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
 }  // namespace tavix::cli

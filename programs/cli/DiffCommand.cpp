@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Backup.h"
@@ -45,11 +44,11 @@ int Diff(Context& context, const Options& options) {
 
 void AddDiff(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("diff", "Compare a file with the store: - stands there, + in the file",
-                               [options](Context& context) { return Diff(context, *options); });
-  AddText(command, "FILE", options->file, "Settings as ini or JSON; '-' is standard input")->required();
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns to compare; all without any");
-  command.add_flag("--user", options->isUserLayer, "Compare with what users changed only");
+  const CommandOptions command = line.Add("diff", "Compare a file with the store: - stands there, + in the file",
+                                          [options](Context& context) { return Diff(context, *options); });
+  command.AddText("FILE", options->file, "Settings as ini or JSON; '-' is standard input").Require();
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns to compare; all without any");
+  command.AddFlag("--user", options->isUserLayer, "Compare with what users changed only");
 }
 
 }  // namespace tavix::cli

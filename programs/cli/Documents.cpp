@@ -1,5 +1,7 @@
 #include "programs/cli/Documents.h"
 
+#include <nlohmann/json.hpp>
+
 #include "programs/cli/Failure.h"
 #include "programs/cli/Json.h"
 #include "programs/cli/Spelling.h"

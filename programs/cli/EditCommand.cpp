@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -203,11 +202,11 @@ int Edit(Context& context, const Options& options) {
 
 void AddEdit(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command =
+  const CommandOptions command =
       line.Add("edit", "Change groups in $VISUAL or $EDITOR, unless somebody else changes them meanwhile",
                [options](Context& context) { return Edit(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
-  command.add_flag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Backup.h"
@@ -34,10 +33,10 @@ int Export(Context& context, const Options& options) {
 
 void AddExport(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("export", "Print a backup, as ini or with --json",
-                               [options](Context& context) { return Export(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
-  command.add_flag("--user", options->isUserLayer, "Only what users changed, and what they deleted");
+  const CommandOptions command = line.Add("export", "Print a backup, as ini or with --json",
+                                          [options](Context& context) { return Export(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
+  command.AddFlag("--user", options->isUserLayer, "Only what users changed, and what they deleted");
 }
 
 }  // namespace tavix::cli

@@ -1,5 +1,5 @@
-#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"
@@ -117,13 +117,13 @@ int Get(Context& context, const Options& options) {
 
 void AddGet(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("get", "Print a value; a group as ini; several as [group]key=value",
-                               [options](Context& context) { return Get(context, *options); });
-  AddTexts(command, "SETTING", options->words, "'[group]key', GROUP KEY, a group, or a '*' pattern")->required();
-  AddText(command, "--default", options->defaultValue, "What to print for a setting that is not set")
-      ->each([options](const std::string&) { options->hasDefault = true; });
-  command.add_flag("-z,--null", options->endsWithNul, "End values with a NUL byte");
-  command.add_flag("-n,--no-newline", options->endsWithNothing, "End a value with nothing");
+  const CommandOptions command = line.Add("get", "Print a value; a group as ini; several as [group]key=value",
+                                          [options](Context& context) { return Get(context, *options); });
+  command.AddTexts("SETTING", options->words, "'[group]key', GROUP KEY, a group, or a '*' pattern").Require();
+  command.AddText("--default", options->defaultValue, "What to print for a setting that is not set")
+      .Note(options->hasDefault);
+  command.AddFlag("-z,--null", options->endsWithNul, "End values with a NUL byte");
+  command.AddFlag("-n,--no-newline", options->endsWithNothing, "End a value with nothing");
 }
 
 }  // namespace tavix::cli

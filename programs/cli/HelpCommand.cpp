@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/CommandLine.h"
@@ -9,12 +8,12 @@ namespace tavix::cli {
 
 void AddHelp(CommandLine& line) {
   const auto name = std::make_shared<std::string>();
-  CLI::App& command = line.Add("help", "Show the help of a command", [name](Context& context) {
+  const CommandOptions command = line.Add("help", "Show the help of a command", [name](Context& context) {
     // Not the one that was just parsed: what it was asked for would take the place of what is to be shown.
     context.GetConsole().Print(CommandLine().GetHelp(*name));
     return kExitDone;
   });
-  AddText(command, "COMMAND", *name, "The command; the program's own help without it");
+  command.AddText("COMMAND", *name, "The command; the program's own help without it");
 }
 
 }  // namespace tavix::cli

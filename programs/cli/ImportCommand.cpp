@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Backup.h"
@@ -204,19 +203,19 @@ class Import {
 
 void AddImport(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command =
+  const CommandOptions command =
       line.Add("import", "Bring a backup back: set what it holds, or with --replace make the store hold nothing else",
                [options](Context& context) {
                  context.RequireOutput({Output::kJson});
                  return Import(context, *options).Run();
                });
-  AddText(command, "FILE", options->file, "Settings as ini or JSON; standard input without it");
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns to bring back; all without any");
-  CLI::Option* replace =
-      command.add_flag("--replace", options->replaces, "Take away what the file lacks; restricted groups stay");
-  command.add_flag("--user", options->isUserLayer, "With --replace: take away only what users changed")->needs(replace);
-  command.add_flag("-y,--yes", options->isConfirmed, "Do it even with a text that holds no group");
-  command.add_flag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  command.AddText("FILE", options->file, "Settings as ini or JSON; standard input without it");
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns to bring back; all without any");
+  const DeclaredOption replace =
+      command.AddFlag("--replace", options->replaces, "Take away what the file lacks; restricted groups stay");
+  command.AddFlag("--user", options->isUserLayer, "With --replace: take away only what users changed").Need(replace);
+  command.AddFlag("-y,--yes", options->isConfirmed, "Do it even with a text that holds no group");
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
 }  // namespace tavix::cli

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
 

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "programs/cli/CommandLine.h"
@@ -97,11 +97,11 @@ int List(Context& context, const Options& options) {
 
 void AddList(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("list,ls", "Print the groups, each with the number of its settings",
-                               [options](Context& context) { return List(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns; all without any");
-  command.add_flag("--keys", options->keys, "Print the settings' names instead, [group]key each");
-  command.add_flag("--origin", options->origin, "Tell the layer: default, user, mixed or restricted");
+  const CommandOptions command = line.Add("list,ls", "Print the groups, each with the number of its settings",
+                                          [options](Context& context) { return List(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns; all without any");
+  command.AddFlag("--keys", options->keys, "Print the settings' names instead, [group]key each");
+  command.AddFlag("--origin", options->origin, "Tell the layer: default, user, mixed or restricted");
 }
 
 }  // namespace tavix::cli

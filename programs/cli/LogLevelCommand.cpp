@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"
@@ -98,10 +98,10 @@ int LogLevel(Context& context, const Options& options) {
 
 void AddLogLevel(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("log-level", "Print or set how much a program logs",
-                               [options](Context& context) { return LogLevel(context, *options); });
-  AddText(command, "GROUP", options->group, "A log group or '*' pattern; all without it");
-  AddText(command, "LEVEL", options->level, "error, warning, notice, information, trace, or a number from 0 to 8");
+  const CommandOptions command = line.Add("log-level", "Print or set how much a program logs",
+                                          [options](Context& context) { return LogLevel(context, *options); });
+  command.AddText("GROUP", options->group, "A log group or '*' pattern; all without it");
+  command.AddText("LEVEL", options->level, "error, warning, notice, information, trace, or a number from 0 to 8");
 }
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Changes.h"
@@ -71,12 +70,11 @@ int Reset(Context& context, const Options& options) {
 
 void AddReset(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("reset", "Put groups back to their defaults, and print what that changed",
-                               [options](Context& context) { return Reset(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns")->required();
-  command.add_flag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
-  command.add_flag("--dry-run", options->isDryRun,
-                   "Print the groups that users changed or deleted, and change nothing");
+  const CommandOptions command = line.Add("reset", "Put groups back to their defaults, and print what that changed",
+                                          [options](Context& context) { return Reset(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns").Require();
+  command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.AddFlag("--dry-run", options->isDryRun, "Print the groups that users changed or deleted, and change nothing");
 }
 
 }  // namespace tavix::cli

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"
@@ -140,38 +140,39 @@ int Reserve(Context& context, const Options& options) {
   return kExitDone;
 }
 
-void AddResource(CLI::App& command, Options& options) {
-  AddText(command, "RESOURCE", options.resource, "The resource's name")->required();
+void AddResource(const CommandOptions& command, Options& options) {
+  command.AddText("RESOURCE", options.resource, "The resource's name").Require();
 }
 
-void AddConsumer(CLI::App& command, Options& options) {
-  AddText(command, "-c,--consumer", options.consumer, "Who books")->required();
+void AddConsumer(const CommandOptions& command, Options& options) {
+  command.AddText("-c,--consumer", options.consumer, "Who books").Require();
 }
 
 }  // namespace
 
 void AddResource(CommandLine& line) {
-  CLI::App& group = line.AddGroup("resource", "Show and book shares of resources");
+  const CommandOptions group = line.AddGroup("resource", "Show and book shares of resources");
   line.AddTo(group, "ls,list", "Print all resources and how much of each is booked", ListResources);
 
   const auto options = std::make_shared<Options>();
-  CLI::App& show = line.AddTo(group, "show", "Print who has booked how much of a resource",
-                              [options](Context& context) { return ShowResource(context, *options); });
+  const CommandOptions show = line.AddTo(group, "show", "Print who has booked how much of a resource",
+                                         [options](Context& context) { return ShowResource(context, *options); });
   AddResource(show, *options);
 
-  CLI::App& reserve =
+  const CommandOptions reserve =
       line.AddTo(group, "reserve", "Book an amount, in place of what the consumer had", [options](Context& context) {
         RequireConsumer(options->consumer);
         return Reserve(context, *options);
       });
   AddResource(reserve, *options);
-  AddText(reserve, "AMOUNT", options->amount, "A whole number, or a share of the total such as 20%")->required();
+  reserve.AddText("AMOUNT", options->amount, "A whole number, or a share of the total such as 20%").Require();
   AddConsumer(reserve, *options);
 
-  CLI::App& release = line.AddTo(group, "release", "Give back all that the consumer has", [options](Context& context) {
-    options->amount = "0";
-    return Reserve(context, *options);
-  });
+  const CommandOptions release =
+      line.AddTo(group, "release", "Give back all that the consumer has", [options](Context& context) {
+        options->amount = "0";
+        return Reserve(context, *options);
+      });
   AddResource(release, *options);
   AddConsumer(release, *options);
 }

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
 #include <memory>
@@ -92,13 +91,13 @@ int Search(Context& context, const Options& options) {
 
 void AddSearch(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("search,grep", "Find text in names, keys and values",
-                               [options](Context& context) { return Search(context, *options); });
-  AddText(command, "TEXT", options->text, "What to look for, as it is")->required();
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns to look in; all without any");
-  command.add_flag("-i,--ignore-case", options->ignoresCase, "Take ASCII letters of either case as equal");
-  CLI::Option* keys = command.add_flag("-k,--keys", options->keysOnly, "Look at keys only");
-  command.add_flag("-g,--groups", options->groupsOnly, "Look at groups' names only, and print those")->excludes(keys);
+  const CommandOptions command = line.Add("search,grep", "Find text in names, keys and values",
+                                          [options](Context& context) { return Search(context, *options); });
+  command.AddText("TEXT", options->text, "What to look for, as it is").Require();
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns to look in; all without any");
+  command.AddFlag("-i,--ignore-case", options->ignoresCase, "Take ASCII letters of either case as equal");
+  const DeclaredOption keys = command.AddFlag("-k,--keys", options->keysOnly, "Look at keys only");
+  command.AddFlag("-g,--groups", options->groupsOnly, "Look at groups' names only, and print those").Exclude(keys);
 }
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Changes.h"
@@ -57,15 +56,16 @@ int Set(Context& context, const Options& options) {
 
 void AddSet(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("set", "Set one or many settings, in one step",
-                               [options](Context& context) { return Set(context, *options); });
-  AddTexts(command, "SETTING", options->words,
-           "'[group]key=value', '[group]key' VALUE, GROUP KEY VALUE, or GROUP KEY=VALUE...")
-      ->required();
-  AddTexts(command, "--if", options->conditions, "Only if this '[group]key=value' holds; may be repeated")
-      ->allow_extra_args(false);
-  command.add_flag("--volatile", options->isVolatile, "Do not save: it lasts until the server ends");
-  command.add_flag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  const CommandOptions command = line.Add("set", "Set one or many settings, in one step",
+                                          [options](Context& context) { return Set(context, *options); });
+  command
+      .AddTexts("SETTING", options->words,
+                "'[group]key=value', '[group]key' VALUE, GROUP KEY VALUE, or GROUP KEY=VALUE...")
+      .Require();
+  command.AddTexts("--if", options->conditions, "Only if this '[group]key=value' holds; may be repeated")
+      .TakeOneWordEach();
+  command.AddFlag("--volatile", options->isVolatile, "Do not save: it lasts until the server ends");
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
 }  // namespace tavix::cli

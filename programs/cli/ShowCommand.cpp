@@ -1,5 +1,5 @@
-#include <CLI/CLI.hpp>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"
@@ -71,10 +71,10 @@ int Show(Context& context, const Options& options) {
 
 void AddShow(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("show", "Print settings, group by group",
-                               [options](Context& context) { return Show(context, *options); });
-  AddTexts(command, "GROUP", options->words, "Groups or '*' patterns; all without any");
-  command.add_flag("--origin", options->origin, "Tell the layer in front: default, user or restricted");
+  const CommandOptions command = line.Add("show", "Print settings, group by group",
+                                          [options](Context& context) { return Show(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns; all without any");
+  command.AddFlag("--origin", options->origin, "Tell the layer in front: default, user or restricted");
 }
 
 }  // namespace tavix::cli

@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "programs/cli/CommandLine.h"

@@ -1,4 +1,4 @@
-#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "programs/cli/CommandLine.h"
 #include "programs/cli/Commands.h"

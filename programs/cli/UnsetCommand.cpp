@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Changes.h"
@@ -65,10 +64,10 @@ int Unset(Context& context, const Options& options) {
 
 void AddUnset(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("unset", "Take settings away; their defaults do not come back",
-                               [options](Context& context) { return Unset(context, *options); });
-  AddTexts(command, "SETTING", options->words, "'[group]key' or GROUP KEY, any number of them")->required();
-  command.add_flag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  const CommandOptions command = line.Add("unset", "Take settings away; their defaults do not come back",
+                                          [options](Context& context) { return Unset(context, *options); });
+  command.AddTexts("SETTING", options->words, "'[group]key' or GROUP KEY, any number of them").Require();
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
 }  // namespace tavix::cli

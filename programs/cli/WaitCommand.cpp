@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 
@@ -127,18 +126,16 @@ class Wait {
 
 void AddWait(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command =
+  const CommandOptions command =
       line.Add("wait", "Wait until settings have a value, or are there at all", [options](Context& context) {
         RequireSensible(ParseWaits(*options), *options);
         return Wait(context, *options).Run();
       });
-  AddTexts(command, "SETTING", options->words, "'[group]key=value', '[group]key', GROUP KEY, or GROUP KEY VALUE")
-      ->required();
-  command.add_option("--timeout", options->seconds, "Give up after so many seconds, with exit status 1")
-      ->check(CLI::Range(0.0, 1e9).description(""))
-      ->type_name("SECONDS");
-  CLI::Option* unset = command.add_flag("--unset", options->isUnset, "Until the settings are not there");
-  command.add_flag("--changed", options->isChanged, "Until the settings are not what they are now")->excludes(unset);
+  command.AddTexts("SETTING", options->words, "'[group]key=value', '[group]key', GROUP KEY, or GROUP KEY VALUE")
+      .Require();
+  command.AddSeconds("--timeout", options->seconds, 0, "Give up after so many seconds, with exit status 1");
+  const DeclaredOption unset = command.AddFlag("--unset", options->isUnset, "Until the settings are not there");
+  command.AddFlag("--changed", options->isChanged, "Until the settings are not what they are now").Exclude(unset);
 }
 
 }  // namespace tavix::cli

@@ -1,4 +1,3 @@
-#include <CLI/CLI.hpp>
 #include <memory>
 
 #include "programs/cli/Changes.h"
@@ -126,20 +125,17 @@ class Watch {
 
 void AddWatch(CommandLine& line) {
   const auto options = std::make_shared<Options>();
-  CLI::App& command = line.Add("watch", "Print changes as they come, until Ctrl-C", [options](Context& context) {
-    context.RequireOutput({Output::kJson});
-    return Watch(context, *options).Run();
-  });
-  AddTexts(command, "SETTING", options->words, "Groups, '*' patterns or '[group]key'; everything without any");
-  command.add_option("--count", options->count, "End after so many changes")
-      ->check(CLI::Range(1, 1000000000).description(""))
-      ->type_name("N");
-  command.add_option("--for", options->seconds, "End after so many seconds")
-      ->check(CLI::Range(0.001, 1e9).description(""))
-      ->type_name("SECONDS");
-  command.add_flag("--initial", options->isInitial, "Print what is set now first");
-  AddText(command, "--exec", options->command,
-          "Run this by the shell for each change, with TAVIX_GROUP, TAVIX_KEY, TAVIX_OLD and TAVIX_NEW");
+  const CommandOptions command =
+      line.Add("watch", "Print changes as they come, until Ctrl-C", [options](Context& context) {
+        context.RequireOutput({Output::kJson});
+        return Watch(context, *options).Run();
+      });
+  command.AddTexts("SETTING", options->words, "Groups, '*' patterns or '[group]key'; everything without any");
+  command.AddCount("--count", options->count, "End after so many changes");
+  command.AddSeconds("--for", options->seconds, 0.001, "End after so many seconds");
+  command.AddFlag("--initial", options->isInitial, "Print what is set now first");
+  command.AddText("--exec", options->command,
+                  "Run this by the shell for each change, with TAVIX_GROUP, TAVIX_KEY, TAVIX_OLD and TAVIX_NEW");
 }
 
 }  // namespace tavix::cli

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace tavix::cli {
+
+// An option or positional that was declared; the command line keeps it.
+class DeclaredOption {
+ public:
+  explicit DeclaredOption(CLI::Option& option) : _option(option) {}
+
+  const DeclaredOption& Require() const;
+  const DeclaredOption& Need(const DeclaredOption& other) const;
+  const DeclaredOption& Exclude(const DeclaredOption& other) const;
+
+  // Of an option with texts: it may be repeated, and takes one word each time.
+  const DeclaredOption& TakeOneWordEach() const;
+
+  // isGiven: becomes true when it stands on the command line; outlives the parsing.
+  const DeclaredOption& Note(bool& isGiven) const;
+
+ private:
+  CLI::Option& _option;
+};
+
+// What a command takes, as the command declares it; the parser is known to CommandLine alone, as its headers take long
+// to compile. Names: "-y,--yes" for an option, "GROUP" for a positional. Targets outlive the parsing.
+class CommandOptions {
+ public:
+  explicit CommandOptions(CLI::App& command) : _command(command) {}
+
+  DeclaredOption AddFlag(const std::string& names, bool& target, const std::string& description) const;
+
+  // Take any text, such as "[a]", "{}" or "-5", as it is.
+  DeclaredOption AddText(const std::string& names, std::string& target, const std::string& description) const;
+  DeclaredOption AddTexts(const std::string& names, std::vector<std::string>& target,
+                          const std::string& description) const;
+
+  // Seconds, which may have a fraction, and counts from 1 on.
+  DeclaredOption AddSeconds(const std::string& names, double& target, double least,
+                            const std::string& description) const;
+  DeclaredOption AddCount(const std::string& names, size_t& target, const std::string& description) const;
+
+  // What the command's help ends with.
+  void SetFooter(const std::string& text) const;
+
+  CLI::App& GetParser() const { return _command; }
+
+ private:
+  CLI::App& _command;
+};
+
+}  // namespace tavix::cli

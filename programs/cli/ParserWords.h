@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+namespace tavix::cli {
+
+// The parser gives some words a meaning of its own: "[a,b]" is a list, "{}" an empty one, "-5" an option. Values are
+// bytes, so that these words are marked on their way through it.
+constexpr char kWordMark = '\x01';
+
+std::string MarkWord(const std::string& word);
+std::string UnmarkWord(const std::string& word);
+
+}  // namespace tavix::cli
