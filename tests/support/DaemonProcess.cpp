@@ -36,6 +36,7 @@ struct Pipe {
     Require(pipe2(ends, O_CLOEXEC), "pipe");
     reading = Descriptor(ends[0]);
     writing = Descriptor(ends[1]);
+    Require(fcntl(ends[0], F_SETFL, O_NONBLOCK), "fcntl");
   }
 
   Descriptor reading;
@@ -129,24 +130,27 @@ void DaemonProcess::Collect() {
     pollfd pipes[] = {{_outputPipe.Get(), POLLIN, 0}, {_errorPipe.Get(), POLLIN, 0}};
     if (pipes[0].fd < 0 && pipes[1].fd < 0) return;
     if (poll(pipes, 2, -1) < 0) continue;
-    if (pipes[0].revents) Receive(_outputPipe, _output);
-    if (pipes[1].revents) Receive(_errorPipe, _errors);
+    {
+      std::lock_guard<std::mutex> lock(_mutex);
+      if (!Receive(_outputPipe, _output)) _outputPipe.Close();
+      if (!Receive(_errorPipe, _errors)) _errorPipe.Close();
+    }
+    _changed.notify_all();
   }
 }
 
-void DaemonProcess::Receive(Descriptor& pipe, std::string& text) {
+// All that is there. False at the end. Whoever reads holds the lock.
+bool DaemonProcess::Receive(const Descriptor& pipe, std::string& text) {
   char part[16 * 1024];
-  const ssize_t count = read(pipe.Get(), part, sizeof part);
-  if (count < 0 && errno == EINTR) return;
-  {
-    std::lock_guard<std::mutex> lock(_mutex);
+  ssize_t count;
+  while ((count = read(pipe.Get(), part, sizeof part)) != 0) {
     if (count > 0) {
       text.append(part, static_cast<size_t>(count));
-    } else {
-      pipe.Close();
+    } else if (errno != EINTR) {
+      return errno == EAGAIN;
     }
   }
-  _changed.notify_all();
+  return false;
 }
 
 template <class Condition>
@@ -175,11 +179,15 @@ unsigned short DaemonProcess::GetPort() const {
 
 std::string DaemonProcess::GetOutput() const {
   std::lock_guard<std::mutex> lock(_mutex);
+  Receive(_outputPipe, _output);
+  _changed.notify_all();
   return _output;
 }
 
 std::string DaemonProcess::GetErrors() const {
   std::lock_guard<std::mutex> lock(_mutex);
+  Receive(_errorPipe, _errors);
+  _changed.notify_all();
   return _errors;
 }
 

@@ -45,7 +45,7 @@ class DaemonProcess {
   // The port of its first address.
   unsigned short GetPort() const;
 
-  // What it wrote to standard output and standard error so far.
+  // All that it wrote to standard output and standard error before the call.
   std::string GetOutput() const;
   std::string GetErrors() const;
 
@@ -65,7 +65,7 @@ class DaemonProcess {
 
  private:
   void Collect();
-  void Receive(Descriptor& pipe, std::string& text);
+  static bool Receive(const Descriptor& pipe, std::string& text);
   template <class Condition>
   void Await(const char* what, Condition condition) const;
 
@@ -74,9 +74,9 @@ class DaemonProcess {
 
   mutable std::mutex _mutex;  // guards what follows
   mutable std::condition_variable _changed;
-  std::string _output;
-  std::string _errors;
-  Descriptor _outputPipe;  // closed once there is no more to come
+  mutable std::string _output;
+  mutable std::string _errors;
+  Descriptor _outputPipe;  // closed by the collector once there is no more to come
   Descriptor _errorPipe;
 
   std::thread _collector;
