@@ -113,7 +113,7 @@ CommandOptions CommandLine::AddGroup(const std::string& name, const std::string&
 CommandOptions CommandLine::AddTo(const CommandOptions& group, const std::string& names, const std::string& description,
                                   Action action) {
   const size_t comma = names.find(',');
-  CLI::App* command = group.GetParser().add_subcommand(names.substr(0, comma), description);
+  CLI::App* command = group._command.add_subcommand(names.substr(0, comma), description);
   if (comma != std::string::npos) command->alias(names.substr(comma + 1));
   command->fallthrough();
   command->footer("'tavix-settings --help' shows the options of every command.\n");

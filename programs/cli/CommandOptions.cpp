@@ -21,27 +21,27 @@ DeclaredOption AddAnyText(CLI::App& command, const std::string& names, Target& t
 
 }  // namespace
 
-const DeclaredOption& DeclaredOption::Require() const {
+DeclaredOption DeclaredOption::Require() const {
   _option.required();
   return *this;
 }
 
-const DeclaredOption& DeclaredOption::Need(const DeclaredOption& other) const {
+DeclaredOption DeclaredOption::Need(const DeclaredOption& other) const {
   _option.needs(&other._option);
   return *this;
 }
 
-const DeclaredOption& DeclaredOption::Exclude(const DeclaredOption& other) const {
+DeclaredOption DeclaredOption::Exclude(const DeclaredOption& other) const {
   _option.excludes(&other._option);
   return *this;
 }
 
-const DeclaredOption& DeclaredOption::TakeOneWordEach() const {
+DeclaredOption DeclaredOption::TakeOneWordEach() const {
   _option.allow_extra_args(false);
   return *this;
 }
 
-const DeclaredOption& DeclaredOption::Note(bool& isGiven) const {
+DeclaredOption DeclaredOption::SetWhenGiven(bool& isGiven) const {
   _option.each([&isGiven](const std::string&) { isGiven = true; });
   return *this;
 }

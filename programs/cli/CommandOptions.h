@@ -11,27 +11,29 @@ class Option;
 
 namespace tavix::cli {
 
-// An option or positional that was declared; the command line keeps it.
+// An option or positional that was declared; the command line keeps it. Each operation returns the same one.
 class DeclaredOption {
  public:
   explicit DeclaredOption(CLI::Option& option) : _option(option) {}
 
-  const DeclaredOption& Require() const;
-  const DeclaredOption& Need(const DeclaredOption& other) const;
-  const DeclaredOption& Exclude(const DeclaredOption& other) const;
+  // It must be given; only together with the other; not together with the other.
+  DeclaredOption Require() const;
+  DeclaredOption Need(const DeclaredOption& other) const;
+  DeclaredOption Exclude(const DeclaredOption& other) const;
 
   // Of an option with texts: it may be repeated, and takes one word each time.
-  const DeclaredOption& TakeOneWordEach() const;
+  DeclaredOption TakeOneWordEach() const;
 
   // isGiven: becomes true when it stands on the command line; outlives the parsing.
-  const DeclaredOption& Note(bool& isGiven) const;
+  DeclaredOption SetWhenGiven(bool& isGiven) const;
 
  private:
   CLI::Option& _option;
 };
 
-// What a command takes, as the command declares it; the parser is known to CommandLine alone, as its headers take long
-// to compile. Names: "-y,--yes" for an option, "GROUP" for a positional. Targets outlive the parsing.
+// What a command takes, as the command declares it; the parser is known to this, CommandLine and Completer alone, as
+// its headers take long to compile. Names: "-y,--yes" for an option, "GROUP" for a positional. Targets outlive the
+// parsing.
 class CommandOptions {
  public:
   explicit CommandOptions(CLI::App& command) : _command(command) {}
@@ -51,9 +53,9 @@ class CommandOptions {
   // What the command's help ends with.
   void SetFooter(const std::string& text) const;
 
-  CLI::App& GetParser() const { return _command; }
-
  private:
+  friend class CommandLine;
+
   CLI::App& _command;
 };
 

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sstream>
 
 #include "programs/cli/Changes.h"
 #include "programs/cli/ChildProcess.h"

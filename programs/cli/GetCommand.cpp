@@ -121,7 +121,7 @@ void AddGet(CommandLine& line) {
                                           [options](Context& context) { return Get(context, *options); });
   command.AddTexts("SETTING", options->words, "'[group]key', GROUP KEY, a group, or a '*' pattern").Require();
   command.AddText("--default", options->defaultValue, "What to print for a setting that is not set")
-      .Note(options->hasDefault);
+      .SetWhenGiven(options->hasDefault);
   command.AddFlag("-z,--null", options->endsWithNul, "End values with a NUL byte");
   command.AddFlag("-n,--no-newline", options->endsWithNothing, "End a value with nothing");
 }

@@ -1,7 +1,6 @@
 #include "programs/cli/Json.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <nlohmann/json.hpp>

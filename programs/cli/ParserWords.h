@@ -8,7 +8,10 @@ namespace tavix::cli {
 // bytes, so that these words are marked on their way through it.
 constexpr char kWordMark = '\x01';
 
+// Marks a word, or the value behind "--name=", if the parser would take it for its own.
 std::string MarkWord(const std::string& word);
+
+// Takes the mark from the front, if there is one.
 std::string UnmarkWord(const std::string& word);
 
 }  // namespace tavix::cli

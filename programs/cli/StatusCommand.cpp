@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 

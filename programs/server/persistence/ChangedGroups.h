@@ -5,7 +5,7 @@
 
 namespace tavix::daemon {
 
-// The groups that changed while a snapshot is made, which therefore lacks what became of them.
+// The groups that changed while a snapshot is made, and that its maker has not looked at again yet.
 //
 // Threads: one at a time.
 class ChangedGroups {
@@ -17,7 +17,8 @@ class ChangedGroups {
   // Does nothing before Begin and behind End. Never throws; what there is no memory for is told by Take.
   void Note(const std::set<std::string>& groups) noexcept;
 
-  // Those that were noted since the last call. Throws std::bad_alloc when some could not be, until the next Begin.
+  // Those that were noted since the last call. Throws std::bad_alloc when some could not be, until the next Begin or
+  // End.
   std::set<std::string> Take();
 
   size_t Count() const { return _groups.size(); }

@@ -25,6 +25,7 @@ void LayerText::Update(const core::IniFile& layer, const std::set<std::string>& 
   for (const size_t part : FindParts(changedGroups)) MakeAgain(layer, part);
 }
 
+// False when it was the last.
 bool LayerText::AddPart(const core::IniFile& layer) {
   _parts.push_back({_next, ""});
   _out.Reset(2 * _bytesOfAPart);

@@ -14,8 +14,8 @@ namespace tavix::daemon {
 // A layer as settings text, made part by part, between which the layer may change: nobody waits for longer than a part
 // takes. Parts whose groups came, went or changed since are made again; then it is the layer's text.
 //
-// Threads: one at a time. The layer does not change during a call.
-// Errors:  std::bad_alloc, after which the text is of no use.
+// Threads: one at a time. A layer that is passed in does not change during the call; between the reads of Collect it
+// may. Errors:  std::bad_alloc, and what the functions throw that are passed in; then the text is of no use.
 class LayerText {
  public:
   // Calls back with the layer while nobody can change it.
@@ -23,21 +23,13 @@ class LayerText {
 
   explicit LayerText(size_t bytesOfAPart = 64 * 1024) : _bytesOfAPart(bytesOfAPart) {}
 
-  // Adds all parts, and makes those again whose groups changed meanwhile until these are few: what is still to be made
-  // again, in one go, are those of the groups that change before somebody looks next. takeChanged: which groups changed
-  // since it was called before.
+  // Makes all parts, and those again whose groups changed meanwhile, until these are few, but not for ever.
+  // takeChanged: the groups that changed since its last call; those that change from its last one on are left to
+  // Update.
   void Collect(const Reader& readLayer, const std::function<std::set<std::string>()>& takeChanged);
 
-  // Makes the parts of these groups again.
+  // Makes the parts again that hold these groups, or would.
   void Update(const core::IniFile& layer, const std::set<std::string>& changedGroups);
-
-  // Adds the next part. False when it was the last.
-  bool AddPart(const core::IniFile& layer);
-
-  // The parts that hold these groups, or would.
-  std::set<size_t> FindParts(const std::set<std::string>& groups) const;
-
-  void MakeAgain(const core::IniFile& layer, size_t part);
 
   size_t CountBytes() const;
 
@@ -49,6 +41,10 @@ class LayerText {
     std::string first;  // all groups from that name on, up to the next part's
     std::string text;
   };
+
+  bool AddPart(const core::IniFile& layer);
+  std::set<size_t> FindParts(const std::set<std::string>& groups) const;
+  void MakeAgain(const core::IniFile& layer, size_t part);
 
   const size_t _bytesOfAPart;
   core::StringOstream _out;

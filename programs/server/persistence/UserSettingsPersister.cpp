@@ -198,7 +198,7 @@ void UserSettingsPersister::SnapshotLoop() {
       lock.unlock();
       _log.Write();
       lock.lock();
-    } else if (_snapshotIsAsked && Clock::now() >= _retry.GetNext()) {
+    } else if (_snapshotIsAsked && Clock::now() >= _retry.GetNextTry()) {
       lock.unlock();
       WriteSnapshot();
       lock.lock();
@@ -211,7 +211,7 @@ void UserSettingsPersister::SnapshotLoop() {
 void UserSettingsPersister::AwaitWork(std::unique_lock<std::mutex>& lock) {
   const std::optional<Clock::time_point> look = _watch.GetNextLook();
   if (_snapshotIsAsked) {
-    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _retry.GetNext()) : _retry.GetNext());
+    _wakeSnapshot.wait_until(lock, look ? std::min(*look, _retry.GetNextTry()) : _retry.GetNextTry());
   } else if (look) {
     _wakeSnapshot.wait_until(lock, *look);
   } else {

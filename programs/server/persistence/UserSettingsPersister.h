@@ -16,7 +16,7 @@
 #include "programs/server/persistence/FileSystem.h"
 #include "programs/server/persistence/LayerText.h"
 #include "programs/server/persistence/LoopThread.h"
-#include "programs/server/persistence/RetryTime.h"
+#include "programs/server/persistence/RetryBackoff.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
@@ -143,9 +143,9 @@ class UserSettingsPersister {
   bool _saysWhenWell = false;          // nobody was told yet that it has them again
   bool _leftNewJournal = false;        // one was given up on its way, and nobody needs it
   bool _snapshotIsAsked = false;
-  RetryTime _retry;            // no snapshot before
-  ChangedGroups _changed;      // since the text of a snapshot was begun
-  bool _keepsChanges = false;  // it is written; the changes above are for the next journal
+  RetryBackoff _retry;         // no snapshot before its time
+  ChangedGroups _changed;      // what the snapshot that is being made lacks so far
+  bool _keepsChanges = false;  // its text is whole; what changes now is for the next journal
 
   std::unique_ptr<LoopThread> _sync;
   std::unique_ptr<LoopThread> _snapshot;

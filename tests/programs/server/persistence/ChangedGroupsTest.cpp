@@ -38,7 +38,7 @@ TEST(ChangedGroups, ThatWereNotedBeforeASecondBeginAreForgotten) {
 }
 
 // Whoever asks would write a snapshot that lacks them.
-TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBegin) {
+TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBeginOrEnd) {
   ChangedGroups changed;
   changed.Begin();
   const std::set<std::string> groups{std::string(1000, 'g')};
@@ -49,6 +49,12 @@ TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBegin) {
   EXPECT_THROW(changed.Take(), std::bad_alloc);
   EXPECT_THROW(changed.Take(), std::bad_alloc);
   changed.Begin();
+  EXPECT_THAT(changed.Take(), IsEmpty());
+  {
+    RefusedMemory refused(500);
+    changed.Note(groups);
+  }
+  changed.End();
   EXPECT_THAT(changed.Take(), IsEmpty());
 }
 

@@ -21,6 +21,23 @@ std::string MoveOut(LayerText& text) {
   return out.GetText();
 }
 
+// Returns how often the layer was read.
+int Collect(LayerText& text, const core::IniFile& layer, const std::set<std::string>& changed = {}) {
+  int reads = 0;
+  const LayerText::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+    ++reads;
+    read(layer);
+  };
+  text.Collect(readLayer, [&] { return changed; });
+  return reads;
+}
+
+// Of a layer whose groups are a part each, once these have changed.
+int CountPartsMadeAgain(const core::IniFile& layer, const std::set<std::string>& changed) {
+  LayerText text(1);
+  return Collect(text, layer, changed) - static_cast<int>(layer.GetGroups().size());
+}
+
 // Changes some groups of a layer, and notes which.
 class Changes {
  public:
@@ -48,7 +65,7 @@ class Changes {
 
 TEST(LayerText, OfAnEmptyLayerIsEmpty) {
   LayerText text;
-  EXPECT_FALSE(text.AddPart(core::IniFile()));
+  Collect(text, core::IniFile());
   EXPECT_EQ(text.CountBytes(), 0u);
   EXPECT_EQ(MoveOut(text), "");
 }
@@ -57,36 +74,18 @@ TEST(LayerText, OfALayerThatStandsStillIsItsText) {
   const core::IniFile layer = DocumentOf("[A]\nx=1\n[B]\ny=2\n[C]\n[D]\nz=3\n");
   for (size_t bytes = 1; bytes < 40; ++bytes) {
     LayerText text(bytes);
-    while (text.AddPart(layer)) continue;
+    Collect(text, layer);
     EXPECT_EQ(text.CountBytes(), TextOf(layer).size());
     EXPECT_EQ(MoveOut(text), TextOf(layer)) << bytes;
   }
 }
 
-TEST(LayerText, FindsThePartsThatHoldGroupsOrWould) {
+TEST(LayerText, MakesThosePartsAgainAloneThatHoldTheChangedGroupsOrWould) {
   const core::IniFile layer = DocumentOf("[B]\nx=1\n[D]\nx=1\n[F]\nx=1\n");
-  LayerText text(1);
-  while (text.AddPart(layer)) continue;
-  EXPECT_THAT(text.FindParts({"A", "B", "C"}), testing::ElementsAre(0));
-  EXPECT_THAT(text.FindParts({"D", "E"}), testing::ElementsAre(1));
-  EXPECT_THAT(text.FindParts({"C", "Z"}), testing::ElementsAre(0, 2));
-  EXPECT_THAT(text.FindParts({}), testing::ElementsAre());
-}
-
-// Whatever comes, goes and changes while the parts are made.
-TEST(LayerText, IsTheLayersOnceThePartsThatChangedWereMadeAgain) {
-  for (unsigned int seed = 0; seed < 300; ++seed) {
-    Changes changes(seed);
-    core::IniFile layer;
-    std::set<std::string> changed;
-    changes.Make(layer, 80, changed);
-    changed.clear();
-    LayerText text(1 + changes.Below(200));
-    while (text.AddPart(layer)) changes.Make(layer, changes.Below(4), changed);
-    changes.Make(layer, changes.Below(4), changed);
-    text.Update(layer, changed);
-    ASSERT_EQ(MoveOut(text), TextOf(layer)) << seed;
-  }
+  EXPECT_EQ(CountPartsMadeAgain(layer, {"A", "B", "C"}), 1);
+  EXPECT_EQ(CountPartsMadeAgain(layer, {"D", "E"}), 1);
+  EXPECT_EQ(CountPartsMadeAgain(layer, {"C", "Z"}), 2);
+  EXPECT_EQ(CountPartsMadeAgain(layer, {}), 0);
 }
 
 TEST(LayerText, IsCollectedWhileTheLayerChanges) {
@@ -102,6 +101,7 @@ TEST(LayerText, IsCollectedWhileTheLayerChanges) {
       read(layer);
     };
     text.Collect(readLayer, [&] { return std::exchange(changed, {}); });
+    changes.Make(layer, changes.Below(4), changed);
     text.Update(layer, changed);
     ASSERT_EQ(MoveOut(text), TextOf(layer)) << seed;
   }
@@ -114,14 +114,7 @@ TEST(LayerText, IsCollectedInATimeThatIsBoundedAlthoughAllChangesAgainAndAgain) 
   for (int i = 0; i < 100; ++i) all.insert("Group " + std::to_string(i));
   for (const std::string& group : all) layer.SetValue(group, "key", "value");
   LayerText text(1);
-  int reads = 0;
-  text.Collect(
-      [&](const std::function<void(const core::IniFile&)>& read) {
-        ++reads;
-        read(layer);
-      },
-      [&] { return all; });
-  EXPECT_LE(reads, 5 * 100);
+  EXPECT_LE(Collect(text, layer, all), 5 * 100);
 }
 
 }  // namespace tavix::test

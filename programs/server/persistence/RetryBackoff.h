@@ -8,7 +8,7 @@ namespace tavix::daemon {
 // When to try again what fails: after 1 s, then after twice as long each time, up to 60 s.
 //
 // Threads: one at a time.
-class RetryTime {
+class RetryBackoff {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -17,11 +17,11 @@ class RetryTime {
     _next = now + _delay;
   }
 
-  // The next failure is a first one again.
+  // The next failure is a first one again. A time that was set stays.
   void OnSuccess() { _delay = std::chrono::seconds(0); }
 
   // In the past: at once.
-  Clock::time_point GetNext() const { return _next; }
+  Clock::time_point GetNextTry() const { return _next; }
 
  private:
   static constexpr std::chrono::seconds kFirstDelay{1};
