@@ -302,8 +302,9 @@ TEST_F(HeldOutput, SnapshotThatOvertakesTheFirstSyncOfAJournalHarmsNothing) {
   Start();  // without a journal
   _faults.HoldSyncs(".journal.new");
   const std::string large(100'000, 'v');
-  _writer->Send("merge\n[Large]\nk=" + large + "\n.\n");
+  _writer->Send(Merge("B", 1));
   _faults.AwaitHeldSync();
+  _writer->Send("merge\n[Large]\nk=" + large + "\n.\n");  // outgrows the snapshot there is
   EXPECT_TRUE(Eventually([&] { return _directory.Read("user.ini").find("[Large]\n") != std::string::npos; }));
   for (int i = 1; i <= 3; ++i) _writer->Send(Merge("A", i));
   _writer->Send(Question("A\n"));
