@@ -6,7 +6,15 @@
 #include <chrono>
 #include <fstream>
 
+#include "tests/support/Patience.h"
+
 namespace tavix::test {
+
+namespace {
+
+constexpr std::chrono::microseconds kPause{200};  // leaves the processor to what is waited for
+
+}  // namespace
 
 BackgroundCall::BackgroundCall(std::function<void()> call) {
   _thread = std::thread([this, call = std::move(call)] {
@@ -54,10 +62,10 @@ void BackgroundCall::AwaitBlocked() const {
 }
 
 bool Eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto end = std::chrono::steady_clock::now() + kPatience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::yield();
+    std::this_thread::sleep_for(kPause);
   }
   return true;
 }

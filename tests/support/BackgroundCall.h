@@ -42,7 +42,7 @@ class BackgroundCall {
   std::thread _thread;
 };
 
-// Asks again and again until the condition holds; false after 20 s. For what has no event to wait for.
+// Asks again and again until the condition holds; false after kPatience. For what has no event to wait for.
 bool Eventually(const std::function<bool()>& condition);
 
 }  // namespace tavix::test

@@ -14,13 +14,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "tests/support/Patience.h"
+
 namespace tavix::test {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kLimit{30};
 
 int Require(int result, const char* call) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), call);
@@ -152,11 +152,11 @@ void CommandProcess::Signal(int signal) const {
 }
 
 void CommandProcess::Await(const std::string& what, const std::function<bool()>& condition) {
-  const Clock::time_point end = Clock::now() + kLimit;
+  const Clock::time_point end = Clock::now() + kPatience;
   while (!condition()) {
     if (HasEnded() || Clock::now() > end)
-      throw std::runtime_error("The program " + what + (HasEnded() ? " before its end" : " within 30 s") +
-                               ". Output:\n" + _outputText + "\nErrors:\n" + _errorText);
+      throw std::runtime_error("The program " + what + (HasEnded() ? " before its end" : " in time") + ". Output:\n" +
+                               _outputText + "\nErrors:\n" + _errorText);
     Step();
   }
 }

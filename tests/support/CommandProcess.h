@@ -18,8 +18,8 @@ using Variables = std::map<std::string, std::optional<std::string>>;
 // A program of a shell's prompt as a child process: on pipes, or with all three standard streams on a terminal.
 //
 // Threads: made on the test's main thread: the child is killed when the thread that made it ends.
-// Errors:  what waits throws std::runtime_error after 30 s, with what the program wrote. A program that is still there
-// in
+// Errors:  what waits throws std::runtime_error after kPatience, with what the program wrote. A program that is still
+// there in
 //          the destructor is killed. What a sanitizer wrote fails the test.
 class CommandProcess {
  public:

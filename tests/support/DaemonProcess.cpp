@@ -17,12 +17,12 @@
 #include <utility>
 
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/Patience.h"
 
 namespace tavix::test {
 
 namespace {
 
-constexpr std::chrono::seconds kLimit{30};
 constexpr char kListening[] = "tavix-settings-server: listening on ";
 
 int Require(int result, const char* call) {
@@ -157,9 +157,9 @@ template <class Condition>
 void DaemonProcess::Await(const char* what, Condition condition) const {
   std::unique_lock<std::mutex> lock(_mutex);
   const auto hasEnded = [&] { return _outputPipe.Get() < 0 && _errorPipe.Get() < 0; };
-  _changed.wait_for(lock, kLimit, [&] { return condition() || hasEnded(); });
+  _changed.wait_for(lock, kPatience, [&] { return condition() || hasEnded(); });
   if (!condition())
-    throw std::runtime_error(std::string("The daemon ") + what + (hasEnded() ? " before its end" : " within 30 s") +
+    throw std::runtime_error(std::string("The daemon ") + what + (hasEnded() ? " before its end" : " in time") +
                              ". Output:\n" + _output + "\nErrors:\n" + _errors);
 }
 

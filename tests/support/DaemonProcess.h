@@ -24,7 +24,8 @@ struct ProcessLimits {
 // The real tavix-settings-server as a child process, whose output is collected from its start to its end.
 //
 // Threads: made on the test's main thread: the child is killed when the thread that made it ends.
-// Errors:  what waits throws std::runtime_error after 30 s, with what the daemon wrote. A daemon that is still there in
+// Errors:  what waits throws std::runtime_error after kPatience, with what the daemon wrote. A daemon that is still
+// there in
 //          the destructor is ended by SIGTERM and must exit with status 0, else the test fails. What a sanitizer wrote
 //          fails the test in any case.
 class DaemonProcess {

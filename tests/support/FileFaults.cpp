@@ -80,7 +80,7 @@ void FileFaults::LetSyncsGo() {
 }
 
 void FileFaults::AwaitHeldSync() const {
-  if (!Eventually([this] { return IsSyncHeld(); })) throw std::runtime_error("No sync is held within 20 s");
+  if (!Eventually([this] { return IsSyncHeld(); })) throw std::runtime_error("No sync is held in time");
 }
 
 }  // namespace tavix::test

@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "tests/support/Patience.h"
+
 namespace tavix::test {
 
 namespace {
@@ -35,7 +37,7 @@ void SetTimeLimit(int descriptor, time_t seconds) {
 }
 
 void SetUp(int descriptor, int receiveBuffer) {
-  SetTimeLimit(descriptor, 30);
+  SetTimeLimit(descriptor, kPatience.count());
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   if (receiveBuffer > 0) SetOption(descriptor, SOL_SOCKET, SO_RCVBUF, receiveBuffer);
 }
@@ -74,7 +76,7 @@ void ProtocolClient::ConnectToPath(const std::string& path) {
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   _socket = Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
-  SetTimeLimit(_socket.Get(), 30);
+  SetTimeLimit(_socket.Get(), kPatience.count());
   Require(connect(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), "connect");
 }
 
@@ -98,7 +100,7 @@ bool ProtocolClient::Receive() {
   if (count > 0) {
     _received.append(part, static_cast<size_t>(count));
   } else if (count < 0 && errno == EAGAIN) {
-    throw std::runtime_error("Nothing came for 30 s, and before that only: " + _received);
+    throw std::runtime_error("Nothing came in time, and before that only: " + _received);
   } else if (count < 0 && errno != EINTR && errno != ECONNRESET) {
     throw std::system_error(errno, std::generic_category(), "recv");
   }

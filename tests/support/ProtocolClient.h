@@ -9,7 +9,7 @@ namespace tavix::test {
 // One connection to a daemon, in plain blocking system calls. It knows next to nothing of the protocol: what it sends
 // and what it reads are bytes. What is sent leaves at once, in packets of its own.
 //
-// Errors: what waits for 30 s, and sending to a peer that is gone, throws std::runtime_error.
+// Errors: what waits for kPatience, and sending to a peer that is gone, throws std::runtime_error.
 class ProtocolClient {
  public:
   // receiveBuffer: a wish for the kernel, 0 for its default.

@@ -9,17 +9,17 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/Patience.h"
+
 namespace tavix::test {
 
 namespace {
 
-constexpr int kLimit = 30 * 1000;  // milliseconds
-
-bool IsReadable(int descriptor, int milliseconds) {
+bool IsReadable(int descriptor, std::chrono::milliseconds limit) {
   pollfd wait{descriptor, POLLIN, 0};
   int ready = 0;
   do {
-    ready = poll(&wait, 1, milliseconds);
+    ready = poll(&wait, 1, static_cast<int>(limit.count()));
   } while (ready < 0 && errno == EINTR);
   return ready > 0;
 }
@@ -27,7 +27,7 @@ bool IsReadable(int descriptor, int milliseconds) {
 }  // namespace
 
 ServerEnd::ServerEnd(Descriptor socket) : _socket(std::move(socket)) {
-  const timeval limit{kLimit / 1000, 0};
+  const timeval limit{kPatience.count(), 0};
   const int atOnce = 1;
   setsockopt(_socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   setsockopt(_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
@@ -43,7 +43,7 @@ bool ServerEnd::Receive() {
 }
 
 void ServerEnd::AwaitBytes() {
-  if (!IsReadable(_socket.Get(), kLimit)) throw std::runtime_error("Nothing came for 30 s behind: " + _received);
+  if (!IsReadable(_socket.Get(), kPatience)) throw std::runtime_error("Nothing came in time behind: " + _received);
 }
 
 std::string ServerEnd::ReadThrough(const std::string& last) {
@@ -96,12 +96,12 @@ void ScriptedServer::Listen() {
 }
 
 ServerEnd ScriptedServer::Accept() const {
-  if (!IsReadable(_listener.GetDescriptor(), kLimit)) throw std::runtime_error("Nobody connected for 30 s");
+  if (!IsReadable(_listener.GetDescriptor(), kPatience)) throw std::runtime_error("Nobody connected in time");
   return ServerEnd(_listener.Accept());
 }
 
 bool ScriptedServer::HasWaitingConnection() const {
-  return IsReadable(_listener.GetDescriptor(), 0);
+  return IsReadable(_listener.GetDescriptor(), std::chrono::milliseconds(0));
 }
 
 void ScriptedServer::StopListening() const {

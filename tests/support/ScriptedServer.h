@@ -14,7 +14,7 @@ namespace tavix::test {
 
 // A server's end of one connection, in plain blocking system calls: what it reads and what it sends are bytes.
 //
-// Errors: what waits for 30 s, a peer that is gone included, throws std::runtime_error.
+// Errors: what waits for kPatience, a peer that is gone included, throws std::runtime_error.
 class ServerEnd {
  public:
   explicit ServerEnd(Descriptor socket);
@@ -59,7 +59,7 @@ class ScriptedServer {
 
   void Listen();
 
-  // The next connection; throws std::runtime_error when none comes for 30 s.
+  // The next connection; throws std::runtime_error when none comes for kPatience.
   ServerEnd Accept() const;
 
   // Whether a connection waits to be accepted.

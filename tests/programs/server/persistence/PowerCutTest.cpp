@@ -22,8 +22,8 @@ constexpr int kChanges = 200;
 constexpr int kChangesInALife = 40;
 constexpr int kChangesToALargeOne = 45;
 constexpr size_t kLarge = 70 * 1000;  // more than a journal has before a snapshot is made
-#ifdef __SANITIZE_THREAD__
-constexpr size_t kImages = 2 * 1000;  // one takes many times as long, and they need no threads
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr size_t kImages = 4 * 1000;  // one takes many times as long, and what is tested is the same
 #else
 constexpr size_t kImages = 24 * 1000;
 #endif
