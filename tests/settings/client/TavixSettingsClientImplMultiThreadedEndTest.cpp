@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -13,6 +14,8 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/TavixSettingsClient.h"
+#include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
+#include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/ElapsedTime.h"
@@ -20,6 +23,7 @@
 #include "tests/support/OwnSockets.h"
 #include "tests/support/OwnThreads.h"
 #include "tests/support/RecordingCallback.h"
+#include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -28,6 +32,8 @@ namespace {
 using tavix::core::IniFile;
 using tavix::osa::Exception;
 using tavix::settings::TavixSettingsClient;
+using tavix::settings::client::TavixSettingsClientImplMultiThreaded;
+using tavix::settings::client::TavixSettingsTcpConnection;
 using tavix::test::AwaitAsleep;
 using tavix::test::BackgroundCall;
 using tavix::test::DaemonProcess;
@@ -35,6 +41,7 @@ using tavix::test::Eventually;
 using tavix::test::FillOutput;
 using tavix::test::FindConnectionsTo;
 using tavix::test::FindThreads;
+using tavix::test::IsLongRun;
 using tavix::test::ListeningSocket;
 using tavix::test::LogOf;
 using tavix::test::MillisecondsOf;
@@ -45,7 +52,6 @@ using tavix::test::ServerEnd;
 using tavix::test::TemporaryDirectory;
 using Client = std::unique_ptr<TavixSettingsClient>;
 
-constexpr long kLongestEnd = 3000;  // milliseconds
 constexpr char kNoticeA[] = "async change\nA\n.\n[A]\nx=1\n.\n";
 
 Client MakeClient(TavixSettingsClient::OperationMode mode = TavixSettingsClient::MultiThreaded) {
@@ -58,9 +64,49 @@ void AwaitAsleepWorkers(size_t count = 1) {
   for (const pid_t worker : FindThreads("TavixSettings")) AwaitAsleep(worker);
 }
 
+// The kernel lists a thread for a moment after its end was awaited.
+void ExpectNoThreads(const std::string& name) {
+  EXPECT_TRUE(Eventually([&] { return FindThreads(name).empty(); })) << name;
+}
+
+// What ends for another reason than the destructor's own takes ten seconds, the limit of a write, or for ever.
+void ExpectEndInTime(Client& client) {
+  EXPECT_LT(MillisecondsOf([&] { client.reset(); }), IsLongRun() ? 3000 : 9000);
+}
+
 void ExpectQuickEnd(Client& client) {
-  EXPECT_LT(MillisecondsOf([&] { client.reset(); }), kLongestEnd);
-  EXPECT_TRUE(FindThreads("TavixSettings").empty());
+  ExpectEndInTime(client);
+  ExpectNoThreads("TavixSettings");
+}
+
+// Counts how often its owner has lost patience with it.
+class CountingConnection : public TavixSettingsTcpConnection {
+ public:
+  // aborts: outlives this.
+  explicit CountingConnection(std::atomic<int>& aborts) : _aborts(aborts) {}
+
+  void AbortConnection() noexcept override {
+    ++_aborts;
+    TavixSettingsTcpConnection::AbortConnection();
+  }
+
+ private:
+  std::atomic<int>& _aborts;
+};
+
+// Whether a client whose server ends the connection on its "quit" ends without breaking it after its second of grace.
+bool EndsWithoutItsGrace(const ScriptedServer& server) {
+  std::atomic<int> aborts{0};
+  auto client =
+      std::make_unique<TavixSettingsClientImplMultiThreaded>(std::make_unique<CountingConnection>(aborts).release());
+  ServerEnd peer = server.Accept();
+  client->MergeSettings(IniFile(), 0);
+  BackgroundCall serve([&] {
+    peer.ReadThrough("quit");
+    peer.Close();
+  });
+  client.reset();
+  return aborts == 0;
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, EndsRightAfterItBegan) {
@@ -99,20 +145,14 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsWhileAConnectIsUnderWay) {
   first->MergeSettings(IniFile());  // connected: there is room for one
   Client client = MakeClient();
   AwaitAsleepWorkers(2);
-  EXPECT_LT(MillisecondsOf([&] { client.reset(); }), kLongestEnd);
+  ExpectEndInTime(client);
   ExpectQuickEnd(first);
 }
 
+// On a machine that stalls for the length of the grace the server answers too late: once in time shows it.
 TEST(TavixSettingsClientImplMultiThreaded, EndsAtOnceWhenTheServerEndsTheConnectionOnQuit) {
-  ScriptedServer server;
-  Client client = MakeClient();
-  ServerEnd peer = server.Accept();
-  client->MergeSettings(IniFile());
-  BackgroundCall serve([&] {
-    peer.ReadThrough("quit");
-    peer.Close();
-  });
-  EXPECT_LT(MillisecondsOf([&] { client.reset(); }), 400);
+  const ScriptedServer server;
+  EXPECT_TRUE(Eventually([&] { return EndsWithoutItsGrace(server); }));
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, EndsWhenTheServerIgnoresTheQuit) {
@@ -173,8 +213,8 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsOnceACallbackThatIsUnderWayHasRet
   EXPECT_EQ(peer.ReadToEnd(), "");  // it has given up on the peer, and waits for the callback alone
   EXPECT_FALSE(end.HasEnded());
   mayReturn.set_value();
-  EXPECT_LT(MillisecondsOf([&] { end.Join(); }), 1000);
-  EXPECT_TRUE(FindThreads("TavixSettings").empty());
+  end.Join();
+  ExpectNoThreads("TavixSettings");
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, EndsAfterItsWorkerHasEnded) {
@@ -222,7 +262,7 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsOverALocalConnection) {
   for (int i = 0; i < 50; ++i) {
     Client client = MakeClient(TavixSettingsClient::MultiThreadedLocalConnection);
     ExpectQuickEnd(client);
-    EXPECT_TRUE(FindThreads("LocalConnection").empty());
+    ExpectNoThreads("LocalConnection");
   }
 }
 
@@ -237,7 +277,7 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsOverALocalConnectionWhoseCallback
   client->SetValue("[A]x", "1");
   called.get_future().wait();
   ExpectQuickEnd(client);
-  EXPECT_TRUE(FindThreads("LocalConnection").empty());
+  ExpectNoThreads("LocalConnection");
 }
 
 }  // namespace

@@ -6,15 +6,17 @@
 #include <deque>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/TavixSettingsClient.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
-#include "tests/support/ElapsedTime.h"
 #include "tests/support/LogOf.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
@@ -30,7 +32,6 @@ using tavix::test::Change;
 using tavix::test::DocumentOf;
 using tavix::test::Eventually;
 using tavix::test::LogOf;
-using tavix::test::MillisecondsOf;
 using tavix::test::PendingValue;
 using tavix::test::RecordingCallback;
 using tavix::test::ScriptedServer;
@@ -70,6 +71,41 @@ void ExpectGoodCall(const TavixSettingsClient& client, ServerEnd& peer) {
   peer.Send(kReplyA);
   EXPECT_EQ(value.Join(), "1");
 }
+
+// Without what is said of connecting again, which may already be under way.
+std::vector<std::string> ErrorsIn(const std::vector<std::string>& messages) {
+  std::vector<std::string> errors;
+  for (const std::string& message : messages) {
+    if (message.rfind("ERROR ", 0) == 0) errors.push_back(message);
+  }
+  return errors;
+}
+
+// Replies to many clients, each of which asks something of its own. Connections come in any order: a client's second
+// one may overtake another's first.
+class RepliesCutOffOnce {
+ public:
+  explicit RepliesCutOffOnce(std::string reply) : _reply(std::move(reply)) {}
+
+  // Whether the reply was sent whole. The first reply to each client is not: none of its bytes to the first client, one
+  // to the second, and so on.
+  bool Answer(ServerEnd& peer, const std::string& request) {
+    const std::string part = PartFor(request);
+    peer.Send(part);
+    return part.size() == _reply.size();
+  }
+
+ private:
+  std::string PartFor(const std::string& request) {
+    std::lock_guard<std::mutex> lock(_mutex);
+    const size_t before = _requests.size();
+    return _requests.insert(request).second ? _reply.substr(0, before) : _reply;
+  }
+
+  const std::string _reply;
+  std::mutex _mutex;  // guards what follows
+  std::set<std::string> _requests;
+};
 
 // Deliberate: whoever asks first after a lost connection is told of it, though its own request is in order.
 TEST(TavixSettingsClientImplMultiThreaded, AfterAnyNumberOfLossesExactlyOneCallFails) {
@@ -170,23 +206,21 @@ TEST(TavixSettingsClientImplMultiThreaded, ALossFailsTheCallerThatWaitsAndNobody
 
 // Each byte with a client of its own, all at once: every loss takes a second.
 TEST(TavixSettingsClientImplMultiThreaded, AReplyThatIsCutOffAnywhereFailsItsCallerAndLeavesTheDocument) {
-  const std::string reply = kReplyA;
+  RepliesCutOffOnce replies(kReplyA);
   ScriptedServer server;
-  const ServerThreads threads(server, [&](ServerEnd& peer, size_t number) {
-    peer.ReadThrough();
-    peer.Send(reply.substr(0, number));
-    if (number >= reply.size()) peer.ReadThrough("quit");
+  const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
+    if (replies.Answer(peer, peer.ReadThrough())) peer.ReadThrough("quit");
   });
   std::deque<TavixSettingsClient> clients;
   std::deque<BackgroundCall> calls;
-  for (size_t cuts = reply.size(); cuts > 0; --cuts) {
+  for (size_t cuts = std::string(kReplyA).size(); cuts > 0; --cuts) {
     const TavixSettingsClient& client = clients.emplace_back(kMode);
-    calls.emplace_back([&client] {
+    calls.emplace_back([&client, group = std::to_string(cuts)] {
       IniFile out = DocumentOf("[A]\nx=0\n");
-      EXPECT_THAT([&] { client.GetSettings("A", out); }, testing::ThrowsMessage<Exception>(kGetFailed));
+      EXPECT_THAT([&] { client.GetSettings(group, out); }, testing::ThrowsMessage<Exception>(kGetFailed));
       EXPECT_EQ(TextOf(out), "[A]\nx=0\n");
       IniFile next;
-      EXPECT_TRUE(client.GetSettings("A", next));
+      EXPECT_TRUE(client.GetSettings(group, next));
       EXPECT_EQ(TextOf(next), "[A]\nx=1\n");
     });
   }
@@ -195,18 +229,21 @@ TEST(TavixSettingsClientImplMultiThreaded, AReplyThatIsCutOffAnywhereFailsItsCal
 
 TEST(TavixSettingsClientImplMultiThreaded, AnOutcomeThatIsCutOffAnywhereFailsItsCaller) {
   const std::string reply = "result\nok\n";
+  RepliesCutOffOnce replies(reply);
   ScriptedServer server;
-  const ServerThreads threads(server, [&](ServerEnd& peer, size_t number) {
-    peer.ReadThrough(), peer.ReadThrough();
-    peer.Send(reply.substr(0, number));
-    if (number >= reply.size()) peer.ReadThrough("quit");
+  const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
+    const std::string test = peer.ReadThrough();
+    peer.ReadThrough();
+    if (replies.Answer(peer, test)) peer.ReadThrough("quit");
   });
   std::deque<TavixSettingsClient> clients;
   std::deque<BackgroundCall> calls;
   for (size_t cuts = reply.size(); cuts > 0; --cuts) {
     TavixSettingsClient& client = clients.emplace_back(kMode);
-    calls.emplace_back([&client] {
-      const auto test = [&] { return client.TestAndMerge(IniFile(), IniFile()); };
+    calls.emplace_back([&client, cuts] {
+      IniFile own;
+      own[std::to_string(cuts)];
+      const auto test = [&] { return client.TestAndMerge(own, IniFile()); };
       EXPECT_THAT(test, testing::ThrowsMessage<Exception>(kTestFailed));
       EXPECT_TRUE(test());
     });
@@ -329,7 +366,8 @@ TEST(TavixSettingsClientImplMultiThreaded, ANoticeThatCannotBeParsedEndsTheConne
     with.peer.Send("async change\nA\n.\nno setting\n.\n");
     EXPECT_EQ(with.peer.ReadToEnd(), "");
   });
-  EXPECT_THAT(messages, testing::ElementsAre(testing::StartsWith("ERROR TavixSettings: Caught change notice:1: ")));
+  EXPECT_THAT(ErrorsIn(messages),
+              testing::ElementsAre(testing::StartsWith("ERROR TavixSettings: Caught change notice:1: ")));
   EXPECT_NO_THROW(with.server.Accept());
 }
 
@@ -348,7 +386,7 @@ TEST(TavixSettingsClientImplMultiThreaded, ACallbackThatThrowsEndsTheConnectionA
     before.Send(kNoticeA);
     EXPECT_EQ(before.ReadToEnd(), "subscribe\nA\n.\n");
   });
-  EXPECT_THAT(messages, testing::ElementsAre("ERROR TavixSettings: Caught of the callback"));
+  EXPECT_THAT(ErrorsIn(messages), testing::ElementsAre("ERROR TavixSettings: Caught of the callback"));
   ServerEnd after = server.Accept();
   EXPECT_EQ(after.ReadThrough(), "subscribe\nA\n.\n");
   after.Send(kNoticeA);
