@@ -5,6 +5,7 @@
 
 #include "tests/programs/cli/CommandTest.h"
 #include "tests/support/ListeningSocket.h"
+#include "tests/support/OwnLoopbackAddress.h"
 
 namespace tavix::test {
 
@@ -128,17 +129,17 @@ TEST_F(WatchCommand, EndsInTimeWhateverHasComeMeanwhile) {
 
 TEST_F(WatchCommand, SurvivesARestartOfTheDaemonAndMissesNothingThatStillHolds) {
   const std::string defaults = _directory.Write("d.ini", kDefaults);
-  auto first = std::make_unique<Daemon>(_directory, Words{"--defaults", defaults, "--user-settings", "own.ini"});
-  const std::string address = first->AwaitAddresses().front();
+  Words arguments{"--defaults", defaults, "--user-settings", "own.ini", "--listen", OwnLoopbackAddress() + ":0"};
+  DaemonProcess first(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+  const std::string address = arguments.back() = first.AwaitAddresses().front();
   const auto watch = Start({"watch", "--initial", "Network/*", "--server", address, "--count", "2"});
   watch->AwaitOutput("enabled=false\n");
-  EXPECT_EQ(first->Stop(), 0);
+  EXPECT_EQ(first.Stop(), 0);
   watch->AwaitErrors("trying again\n");
   _directory.Write("own.ini", "[Network/Eth0]\ndhcp=false\n");
-  const DaemonProcess second(TAVIX_SERVER_PROGRAM, _directory.GetPath(),
-                             {"--defaults", defaults, "--user-settings", "own.ini", "--listen", address});
+  const DaemonProcess second(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
   watch->AwaitOutput("[Network/Eth0]dhcp: true -> false\n");
-  ProtocolClient client(second.GetPort());
+  ProtocolClient client(address);
   client.Send("merge\n[Network/Wlan0]\nenabled=true\n.\n");
   EXPECT_EQ(watch->AwaitEnd(), 0);
   EXPECT_THAT(watch->GetOutput(),
