@@ -1,7 +1,10 @@
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <thread>
 
 #include "tests/programs/cli/CommandTest.h"
 #include "tests/support/ListeningSocket.h"
@@ -119,10 +122,14 @@ TEST_F(WatchCommand, EndsWithACommandThatIsInterrupted) {
 }
 
 TEST_F(WatchCommand, EndsInTimeWhateverHasComeMeanwhile) {
-  const auto watch = Watch({"Network/*", "--for", "1", "--exec", "echo runs; sleep 1.2"});
+  ASSERT_EQ(mkfifo(_directory.Path("go on").c_str(), 0600), 0);
+  const auto watch = Watch({"Network/*", "--for", "4", "--exec", "echo runs; read line <'go on'"});
   Merge("[Network/Eth0]\nx=1\n");
   watch->AwaitOutput("runs\n");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);  // certainly behind its own
   Merge("[Network/Eth0]\nx=2\n");
+  std::this_thread::sleep_until(end);
+  _directory.Write("go on", "now\n");
   EXPECT_EQ(watch->AwaitEnd(), 0);
   EXPECT_THAT(watch->GetOutput(), testing::EndsWith("x: (not set) -> 1\nruns\n"));
 }
