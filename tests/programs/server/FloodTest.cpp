@@ -88,7 +88,7 @@ TEST_F(Flood, PhpArrayThatIsAsLongAsItSaysIsCutAtTheBoundOfARequest) {
   EXPECT_LT(SendUntilCut(begin + "s:4294967295:\"", std::string(kMegabyte, 'x'), 1024 * kMegabyte), 64 * kMegabyte);
   EXPECT_LT(SendUntilCut("serialize phparray\nmerge\n", std::string(kMegabyte, ' '), 1024 * kMegabyte), 64 * kMegabyte);
   EXPECT_EQ(CountOf("connection cut: request too long, bytes 4", _daemon->GetErrors()), 3u) << _daemon->GetErrors();
-  EXPECT_LT(MostMemory(), 24 * kMegabyte);
+  EXPECT_LT(MostMemory(), 40 * kMegabyte);  // one may still be on its way out when the next comes
 }
 
 // Each sends a byte from time to time of a request that never ends.
