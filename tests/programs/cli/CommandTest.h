@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -43,10 +44,14 @@ class CommandTest : public testing::Test {
     return variables;
   }
 
-  // As a word of a shell's command: the path may hold blanks.
-  static std::string QuotedProgram() { return "'" TAVIX_CLI_PROGRAM "'"; }
+  // As words of a shell's command: the path may hold blanks.
+  static std::string QuotedProgram() { return "'" TAVIX_CLI_PROGRAM "' " + std::string(kPatience) + " " + kSeconds; }
 
+  // The usual two seconds of silence may pass while a busy machine's disk syncs a change.
   static Words WithProgram(Words words) {
+    const bool saysHowLong = std::find(words.begin(), words.end(), kPatience) != words.end();
+    const bool isCompletion = !words.empty() && words.front() == "__complete";
+    if (!words.empty() && !saysHowLong && !isCompletion) words.insert(words.begin(), {kPatience, kSeconds});
     words.insert(words.begin(), TAVIX_CLI_PROGRAM);
     return words;
   }
@@ -55,9 +60,10 @@ class CommandTest : public testing::Test {
     return RunToEnd(_directory.GetPath(), WithProgram(words), input, Environment(more));
   }
 
-  // A line of the shell with the program as "$0".
+  // A line of the shell with the program as the words "$0" "$@".
   Outcome RunInShell(const std::string& line, const std::string& input = {}) const {
-    return RunToEnd(_directory.GetPath(), {"sh", "-c", line, TAVIX_CLI_PROGRAM}, input, Environment());
+    return RunToEnd(_directory.GetPath(), {"sh", "-c", line, TAVIX_CLI_PROGRAM, kPatience, kSeconds}, input,
+                    Environment());
   }
 
   void ExpectRun(const Words& words, int status, const std::string& output, const std::string& errors) const {
@@ -82,6 +88,9 @@ class CommandTest : public testing::Test {
     client.Send("merge\n" + settings + ".\n");
     client.AwaitHandled();
   }
+
+  static constexpr char kPatience[] = "-t";
+  static constexpr char kSeconds[] = "20";
 
   const TemporaryDirectory _directory;
   const Daemon _daemon;

@@ -1,6 +1,10 @@
+#include <functional>
+
 #include "tests/programs/cli/CommandTest.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/ListeningSocket.h"
+#include "tests/support/RunLength.h"
 
 namespace tavix::test {
 
@@ -8,8 +12,18 @@ namespace {
 
 class Completion : public CommandTest {
  protected:
-  // What the last word may become.
-  std::string Complete(Words words) const {
+  static std::string AskAgainWhile(const std::string& late, const std::function<std::string()>& ask) {
+    std::string answer = late;
+    Eventually([&] { return (answer = ask()) != late; });
+    return answer;
+  }
+
+  // What the last word may become. What would come too late for a shell is nothing, and so is asked for again.
+  std::string Complete(const Words& words) const {
+    return AskAgainWhile("", [&] { return CompleteOnce(words); });
+  }
+
+  std::string CompleteOnce(Words words) const {
     words.insert(words.begin(), "__complete");
     const Outcome outcome = Run(words);
     EXPECT_EQ(outcome.status, 0);
@@ -23,8 +37,12 @@ class Completion : public CommandTest {
     return text;
   }
 
-  // The replies that bash collects for a line of these words, with the cursor behind the last.
+  // The replies that bash collects for a line of these words, with the cursor behind the last; again likewise.
   std::string InBash(const Words& words) const {
+    return AskAgainWhile("\n", [&] { return InBashOnce(words); });
+  }
+
+  std::string InBashOnce(const Words& words) const {
     std::string line;
     for (const std::string& word : words) line += " $'" + Escaped(word) + "'";
     const std::string script = "source '" + std::string(TAVIX_SOURCE_DIR) +
@@ -53,7 +71,7 @@ TEST_F(Completion, KnowsCommandsAndOptions) {
   EXPECT_EQ(Complete({"help", "wa"}), "watch\nwait\n");
   EXPECT_EQ(Complete({"completion", "z"}), "zsh\n");
   EXPECT_EQ(Complete({"log-level", "Network/Eth0", "wa"}), "warning\n");
-  EXPECT_EQ(Complete({"import", ""}), "");
+  EXPECT_EQ(CompleteOnce({"import", ""}), "");
 }
 
 TEST_F(Completion, KnowsGroupsAndKeysOfTheLiveStore) {
@@ -78,16 +96,18 @@ TEST_F(Completion, KnowsResourcesAndConsumers) {
 TEST_F(Completion, LooksWhereTheOtherWordsSay) {
   _directory.Write("x.ini", "[Local/Group]\nx=1\n");
   EXPECT_EQ(Complete({"--local", "x.ini", "get", "L"}), "Local/Group\n");
-  EXPECT_EQ(Complete({"--server=127.0.0.1:1", "get", "N"}), "");
+  EXPECT_EQ(CompleteOnce({"--server=127.0.0.1:1", "get", "N"}), "");
 }
 
 TEST_F(Completion, IsDoneInTimeWhateverTheServerDoes) {
   const ListeningSocket silent;
   const long took = MillisecondsOf([&] {
-    EXPECT_EQ(Complete({"-s", "127.0.0.1:" + std::to_string(silent.GetPort()), "get", "N"}), "");
+    EXPECT_EQ(CompleteOnce({"-s", "127.0.0.1:" + std::to_string(silent.GetPort()), "get", "N"}), "");
   });
   EXPECT_GE(took, 200);
-  EXPECT_LT(took, 3000);  // a busy machine may start programs late
+  if (IsLongRun()) {
+    EXPECT_LT(took, 1000);  // a busy machine may start programs late
+  }
 }
 
 TEST_F(Completion, IsPrintedForEachShellAsItIsInstalled) {
@@ -106,7 +126,7 @@ TEST_F(Completion, WorksInBash) {
   EXPECT_EQ(InBash({"get", "Network/E"}), "Network/Eth0\n");
   EXPECT_EQ(InBash({"get", "[Network/E"}), "\\[Network/Eth0\\]\n");
   EXPECT_EQ(InBash({"--output", "=", "js"}), "json\n");
-  EXPECT_EQ(InBash({"-s", "127.0.0.1", ":", "1", "get", "N"}), "\n");
+  EXPECT_EQ(InBashOnce({"-s", "127.0.0.1", ":", "1", "get", "N"}), "\n");
 }
 
 TEST_F(Completion, InBashLeavesWhatStandsBehindAQuoteWhole) {

@@ -84,11 +84,12 @@ class DocumentTerminal {
   const std::string& GetOutput() const { return _shell.GetOutput(); }
 
  private:
-  // The programs under their own names. Each leaves its process's number, and ends with the shell.
+  // The programs under their own names. Each leaves its process's number, and ends with the shell. The command bears
+  // the silence of a busy machine's daemon for longer than usual.
   static Variables MakeEnvironment(const TemporaryDirectory& tools, const std::string& idFile,
                                    const std::optional<std::string>& server) {
-    WriteProgram(tools.Path("tavix-settings"), TAVIX_CLI_PROGRAM);
-    WriteProgram(tools.Path("tavix-settings-server"), TAVIX_SERVER_PROGRAM);
+    WriteProgram(tools.Path("tavix-settings"), "'" TAVIX_CLI_PROGRAM "' -t 20");
+    WriteProgram(tools.Path("tavix-settings-server"), "'" TAVIX_SERVER_PROGRAM "'");
     return {{"PATH", tools.GetPath() + ":/usr/bin:/bin"},
             {"TERMINAL_ID_FILE", idFile},
             {"TAVIX_SETTINGS_SERVER", server},
@@ -96,10 +97,11 @@ class DocumentTerminal {
             {"LC_ALL", "C"}};
   }
 
-  static void WriteProgram(const std::string& path, const std::string& program) {
+  // words: of a shell's command.
+  static void WriteProgram(const std::string& path, const std::string& words) {
     if (std::filesystem::exists(path)) return;
-    std::ofstream(path) << "#!/bin/sh\necho $$ >\"$TERMINAL_ID_FILE\"\nexec setpriv --pdeathsig KILL '" << program
-                        << "' \"$@\"\n";
+    std::ofstream(path) << "#!/bin/sh\necho $$ >\"$TERMINAL_ID_FILE\"\nexec setpriv --pdeathsig KILL " << words
+                        << " \"$@\"\n";
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
   }
 

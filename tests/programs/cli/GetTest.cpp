@@ -74,9 +74,7 @@ TEST_F(GetCommand, PrintsInEveryForm) {
 
 TEST_F(GetCommand, ShellFormIsSafeToEvaluate) {
   Merge("[Q]\nx=a'b $(false) `false` \\n\\x01\"\n");
-  const Outcome outcome = RunToEnd(
-      _directory.GetPath(), {"sh", "-c", R"~(eval "$("$0" -o shell get Q)"; printf %s "$Q_x")~", TAVIX_CLI_PROGRAM}, {},
-      Environment());
+  const Outcome outcome = RunInShell(R"~(eval "$("$0" "$@" -o shell get Q)"; printf %s "$Q_x")~");
   EXPECT_EQ(outcome.output, "a'b $(false) `false` \n\x01\"");
 }
 

@@ -1,10 +1,14 @@
+#include <sys/stat.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <thread>
 
 #include "tests/programs/cli/CommandTest.h"
 #include "tests/support/ListeningSocket.h"
+#include "tests/support/OwnLoopbackAddress.h"
 
 namespace tavix::test {
 
@@ -118,27 +122,31 @@ TEST_F(WatchCommand, EndsWithACommandThatIsInterrupted) {
 }
 
 TEST_F(WatchCommand, EndsInTimeWhateverHasComeMeanwhile) {
-  const auto watch = Watch({"Network/*", "--for", "1", "--exec", "echo runs; sleep 1.2"});
+  ASSERT_EQ(mkfifo(_directory.Path("go on").c_str(), 0600), 0);
+  const auto watch = Watch({"Network/*", "--for", "4", "--exec", "echo runs; read line <'go on'"});
   Merge("[Network/Eth0]\nx=1\n");
   watch->AwaitOutput("runs\n");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);  // certainly behind its own
   Merge("[Network/Eth0]\nx=2\n");
+  std::this_thread::sleep_until(end);
+  _directory.Write("go on", "now\n");
   EXPECT_EQ(watch->AwaitEnd(), 0);
   EXPECT_THAT(watch->GetOutput(), testing::EndsWith("x: (not set) -> 1\nruns\n"));
 }
 
 TEST_F(WatchCommand, SurvivesARestartOfTheDaemonAndMissesNothingThatStillHolds) {
   const std::string defaults = _directory.Write("d.ini", kDefaults);
-  auto first = std::make_unique<Daemon>(_directory, Words{"--defaults", defaults, "--user-settings", "own.ini"});
-  const std::string address = first->AwaitAddresses().front();
+  Words arguments{"--defaults", defaults, "--user-settings", "own.ini", "--listen", OwnLoopbackAddress() + ":0"};
+  DaemonProcess first(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+  const std::string address = arguments.back() = first.AwaitAddresses().front();
   const auto watch = Start({"watch", "--initial", "Network/*", "--server", address, "--count", "2"});
   watch->AwaitOutput("enabled=false\n");
-  EXPECT_EQ(first->Stop(), 0);
+  EXPECT_EQ(first.Stop(), 0);
   watch->AwaitErrors("trying again\n");
   _directory.Write("own.ini", "[Network/Eth0]\ndhcp=false\n");
-  const DaemonProcess second(TAVIX_SERVER_PROGRAM, _directory.GetPath(),
-                             {"--defaults", defaults, "--user-settings", "own.ini", "--listen", address});
+  const DaemonProcess second(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
   watch->AwaitOutput("[Network/Eth0]dhcp: true -> false\n");
-  ProtocolClient client(second.GetPort());
+  ProtocolClient client(address);
   client.Send("merge\n[Network/Wlan0]\nenabled=true\n.\n");
   EXPECT_EQ(watch->AwaitEnd(), 0);
   EXPECT_THAT(watch->GetOutput(),

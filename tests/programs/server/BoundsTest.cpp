@@ -107,22 +107,6 @@ TEST(Bounds, ManyRequestsThatComeAtOnceAreNotTakenForOneLineOrOneRequest) {
   EXPECT_EQ(daemon.GetErrors(), "");
 }
 
-// While its replies wait for it nothing is read from a client, and that time is not counted against its request.
-TEST(Bounds, RequestThatTheDaemonLeftUnreadIsNotUnfinished) {
-  const TemporaryDirectory directory;
-  Daemon daemon(directory, {"--max-line", "67108864", "--request-timeout", "3"});
-  ProtocolClient client(daemon.GetPort(), 4096);
-  client.Send(MergeOfLargeGroup() + "get\nLarge\n.\nmerge\n[A]\nx=1\n");
-  client.ReadUntil("k=");
-  ProtocolClient unfinished(daemon.GetPort());
-  unfinished.Send("merge\n");
-  EXPECT_EQ(unfinished.ReadToEnd(), "");  // so more than that time has passed
-  client.ReadUntil("v\n");
-  EXPECT_EQ(client.ReadFor(1100), "");  // more than a second, in which it is looked at
-  client.Send(".\n");
-  EXPECT_EQ(client.Get("A\n"), "data\n[A]\nx=1\n.\n");
-}
-
 TEST(Bounds, WebPageCanWriteNothing) {
   ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n", "connection cut: HTTP is not our protocol");
 }

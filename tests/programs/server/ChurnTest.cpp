@@ -80,7 +80,7 @@ TEST(Churn, SubscribersThatComeAndGoWhileGroupsChangeCostNobodyANotice) {
   BackgroundCall writer([port] {
     std::string requests;
     for (int n = 0; n < kChanges; ++n) requests += "merge\n[Counter]\nn=" + std::to_string(n) + "\n.\n";
-    Converse(port, requests);
+    CarryOut(port, requests);
   });
   for (int n = 0; n < kChanges; ++n) {
     const std::string notice = "async change\nCounter\n.\n[Counter]\nn=" + std::to_string(n) + "\n.\n";

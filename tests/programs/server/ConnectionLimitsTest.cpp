@@ -60,6 +60,7 @@ rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
 
 // Looks at a second in which the daemon has ten requests to handle and nothing else.
 void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
+  daemon.AwaitIdle();
   const double before = ProcessorTime(daemon.GetId());
   for (int i = 0; i < 10; ++i) {
     client.AwaitHandled();

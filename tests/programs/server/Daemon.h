@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,15 @@ class Daemon : public DaemonProcess {
     return arguments;
   }
 };
+
+// A whole connection whose requests have no replies, however long they take together.
+inline void CarryOut(unsigned short port, const std::string& requests) {
+  ProtocolClient client(port);
+  client.WaitForEver();
+  client.Send(requests);
+  client.HalfClose();
+  if (!client.ReadToEnd().empty()) throw std::runtime_error("There is a reply");
+}
 
 inline size_t CountOf(const std::string& part, const std::string& text) {
   size_t count = 0;

@@ -4,10 +4,12 @@
 #include <csignal>
 #include <filesystem>
 #include <list>
+#include <sstream>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/ElapsedTime.h"
 #include "tests/support/FileFaults.h"
 
 // Who hears of a change, and when, while the disk is slow: its syncs stand still until the test lets them go.
@@ -64,6 +66,12 @@ class HeldOutput : public testing::Test {
     EXPECT_EQ(client.Read(expected.size()), expected);
   }
 
+  // Nothing is logged but that the disk is slow, as it is for long on a busy machine.
+  void ExpectNoErrors() const {
+    std::istringstream lines(_daemon->GetErrors());
+    for (std::string line; std::getline(lines, line);) EXPECT_THAT(line, testing::HasSubstr(": the disk "));
+  }
+
   void KillAndRestart() {
     EXPECT_EQ(_daemon->Stop(SIGKILL), 128 + SIGKILL);
     _faults.LetSyncsGo();
@@ -79,7 +87,9 @@ class HeldOutput : public testing::Test {
 
 class OutputOfAnInterval : public HeldOutput {
  protected:
-  OutputOfAnInterval() : HeldOutput("250ms") {}
+  OutputOfAnInterval() : HeldOutput(std::to_string(kInterval) + "ms") {}
+
+  static constexpr long kInterval = 250;
 };
 
 class OutputWithoutDurability : public HeldOutput {
@@ -310,7 +320,7 @@ TEST_F(HeldOutput, SnapshotThatOvertakesTheFirstSyncOfAJournalHarmsNothing) {
   _writer->Send(Question("A\n"));
   ExpectHeldUntilTheDiskGoesOn(*_writer, "data\n" + Document("A", 3));
   _daemon->AwaitIdle();
-  EXPECT_EQ(_daemon->GetErrors(), "");
+  ExpectNoErrors();
   KillAndRestart();
   EXPECT_EQ(_writer->Get("A\nLarge\n"), "data\n[A]\nx=3\n[Large]\nk=" + large + "\n.\n");
 }
@@ -332,12 +342,14 @@ TEST_F(OutputOfAnInterval, OneSyncIsForAllThatChangesWithinIt) {
   _faults.LetSyncsGo();
   EXPECT_TRUE(Eventually([&] { return !_faults.IsSyncHeld(); }));
   const uint64_t before = _faults.CountSyncs();
-  for (int i = 1; i <= 20; ++i) {
-    _writer->Send(Merge("A", i));
-    _writer->AwaitHandled();
-  }
-  EXPECT_TRUE(Eventually([&] { return _faults.CountSyncs() > before; }));
-  EXPECT_LT(_faults.CountSyncs(), before + 20);
+  const long took = MillisecondsOf([&] {
+    for (int i = 1; i <= 20; ++i) {
+      _writer->Send(Merge("A", i));
+      _writer->AwaitHandled();
+    }
+    EXPECT_TRUE(Eventually([&] { return _faults.CountSyncs() > before; }));
+  });
+  EXPECT_LE(_faults.CountSyncs(), before + 2 + static_cast<uint64_t>(took / kInterval));
 }
 
 // A journal follows a snapshot: the first change is not saved before there is one.

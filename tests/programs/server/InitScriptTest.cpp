@@ -1,7 +1,9 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -12,6 +14,7 @@
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/Descriptor.h"
 #include "tests/support/Environment.h"
 
 // The init script, as each of the shells runs it that devices have.
@@ -45,6 +48,12 @@ class InitScript : public testing::TestWithParam<std::string> {
     const int status = script.AwaitEnd();
     _output = script.GetOutput() + script.GetErrors();
     return status;
+  }
+
+  // Whether no process has the lock of that file, as when the one that had it is gone.
+  bool IsUnlocked(const std::string& name) const {
+    const Descriptor lock(open(_directory.Path(name + ".lock").c_str(), O_RDWR | O_CLOEXEC));
+    return flock(lock.Get(), LOCK_EX | LOCK_NB) == 0;
   }
 
   std::string Address() const { return "unix:" + _directory.Path("s.sock"); }
@@ -102,6 +111,7 @@ TEST_P(InitScript, NumberThatACrashLeftIsNotTakenForTheDaemon) {
   EXPECT_EQ(Run("start"), 0);
   const pid_t crashed = DaemonId();
   kill(crashed, SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return IsUnlocked("s.sock") && IsUnlocked("user.ini"); })) << "it does not go";
   _directory.Write("own/server.pid", std::to_string(getpid()) + "\n");
   EXPECT_EQ(Run("status"), 3);
   EXPECT_EQ(Run("stop"), 0) << "and this process still lives";
@@ -129,7 +139,7 @@ TEST_P(InitScript, DaemonThatDoesNotEndIsKilledAndGoneWhenStopReturns) {
       "#!/bin/sh\ntrap '' TERM\necho tavix-settings-server: listening on nothing\nwhile :; do sleep 1; done\n");
   ASSERT_EQ(chmod(stubborn.c_str(), 0755), 0);
   const ScopedEnvironment program("DAEMON", stubborn.c_str());
-  const ScopedEnvironment seconds("STOP_SECONDS", "1");
+  const ScopedEnvironment seconds("STOP_SECONDS", "5");  // for its end by the signal that it can't ignore, too
   EXPECT_EQ(Run("start"), 0);
   const std::string process = "/proc/" + std::to_string(DaemonId());
   EXPECT_EQ(Run("stop"), 0);

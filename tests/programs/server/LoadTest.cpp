@@ -44,7 +44,8 @@ std::string Pair(int writer, int value) {
 
 TEST(Load, CounterThatEightConnectionsIncrementLosesNothing) {
   const TemporaryDirectory directory;
-  const std::vector<std::string> arguments{"--user-settings", directory.Write("user.ini", "[Counter]\nn=0\n")};
+  const std::vector<std::string> arguments{"--user-settings", directory.Write("user.ini", "[Counter]\nn=0\n"),
+                                           "--durability", "none"};
   {
     Daemon daemon(directory, arguments);
     const unsigned short port = daemon.GetPort();
@@ -90,7 +91,7 @@ TEST(Load, SubscriberGetsEveryNoticeOfEveryWriterWholeAndInOrder) {
     RunAtOnce(4, [&](int writer) {
       std::string requests;
       for (int round = 1; round <= kRounds; ++round) requests += "merge\n" + Pair(writer, round) + ".\n";
-      Converse(port, requests);
+      CarryOut(port, requests);
     });
   });
   int last[4] = {0, 0, 0, 0};

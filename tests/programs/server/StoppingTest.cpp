@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <list>
@@ -9,23 +8,22 @@
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
+#include "tests/support/OwnLoopbackAddress.h"
+#include "tests/support/RunLength.h"
 
 namespace tavix::test {
 
 namespace {
 
-constexpr long kLimit = 2000;  // milliseconds
+constexpr long kLimit = 2000;  // milliseconds, on a machine that has nothing else to do
 constexpr size_t kLarge = 8 * 1024 * 1024;
 
+// What is not to be waited for never comes, so that the end alone tells.
 void ExpectCleanStop(Daemon& daemon, int signal) {
-  EXPECT_LT(MillisecondsOf([&] { EXPECT_EQ(daemon.Stop(signal), 0); }), kLimit);
-}
-
-// An address of loopback that no other process uses at the same time.
-std::string OwnLoopbackAddress() {
-  const pid_t id = getpid();
-  return "127." + std::to_string(1 + (id >> 16 & 0x7f)) + "." + std::to_string(id >> 8 & 0xff) + "." +
-         std::to_string(id & 0xff);
+  const long took = MillisecondsOf([&] { EXPECT_EQ(daemon.Stop(signal), 0); });
+  if (IsLongRun()) {
+    EXPECT_LT(took, kLimit);
+  }
 }
 
 // More merges than a socket's buffers hold.
@@ -103,7 +101,7 @@ TEST(Stopping, SubscriberThatDoesNotReadIsNotWaitedFor) {
   ExpectCleanStop(daemon, SIGTERM);
 }
 
-// What a client has sent ahead may be minutes of work.
+// What a client has sent ahead may be minutes of work: here there is always more.
 TEST(Stopping, RequestsThatClientsSentAheadAreNotWaitedFor) {
   const TemporaryDirectory directory;
   Daemon daemon(directory, {"--user-settings", "user.ini"});
@@ -112,8 +110,7 @@ TEST(Stopping, RequestsThatClientsSentAheadAreNotWaitedFor) {
   for (int i = 0; i < 4; ++i) {
     senders.emplace_back([port] {
       ProtocolClient client(port);
-      client.TrySend(ManyMerges());
-      client.ReadToEnd();
+      while (client.TrySend(ManyMerges())) continue;
     });
   }
   EXPECT_TRUE(Eventually([&] { return directory.Has("user.ini"); }));

@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -34,6 +36,16 @@ class UnusualPeers : public testing::Test {
     client.HalfClose();
     _daemon.Signal(SIGCONT);
     return client.ReadToEnd();
+  }
+
+  // Waits until the daemon's socket has all that the client sent, and the daemon has nothing left to do with it.
+  void AwaitArrived(const ProtocolClient& client) const {
+    const auto hasArrived = [&] {
+      int unacknowledged = 0;
+      return ioctl(client.GetDescriptor(), SIOCOUTQ, &unacknowledged) == 0 && unacknowledged == 0;
+    };
+    EXPECT_TRUE(Eventually(hasArrived));
+    _daemon.AwaitIdle();
   }
 
   const std::string _large = "[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n";
@@ -106,7 +118,7 @@ TEST_F(UnusualPeers, WhatFollowsAQuitIsNeitherCarriedOutNorTakesRepliesBack) {
   for (size_t before : {0, 1, 62, 63, 64, 65, 200}) {
     ProtocolClient client(_port, 4096);
     client.Send(Repeated(before, "get\nA\n.\n") + "get\nLarge\n.\nquit\n" + kGarbage);
-    _daemon.AwaitIdle();
+    AwaitArrived(client);
     EXPECT_EQ(client.Read(before * 8 + _large.size()), Repeated(before, "[A]\nx=1\n") + _large);
     EXPECT_EQ(client.ReadToEnd(), "");
   }
@@ -120,7 +132,7 @@ TEST_F(UnusualPeers, QuitWithRepliesUnreadAtTheEndOfATurnKeepsNobodyBusy) {
   for (size_t large = 2; large < 16; ++large) {
     ProtocolClient client(_port, 4096);
     client.Send(Repeated(large, "get\nHalf\n.\n") + Repeated(63 - large, "get\nA\n.\n") + "quit\n" + kGarbage);
-    _daemon.AwaitIdle();
+    AwaitArrived(client);
     EXPECT_EQ(client.ReadToEnd(), Repeated(large, half) + Repeated(63 - large, "[A]\nx=1\n")) << large;
   }
 }
@@ -128,7 +140,7 @@ TEST_F(UnusualPeers, QuitWithRepliesUnreadAtTheEndOfATurnKeepsNobodyBusy) {
 TEST_F(UnusualPeers, RequestThatCanNotBeParsedTakesNoRepliesBack) {
   ProtocolClient client(_port, 4096);
   client.Send("get\nLarge\n.\nmerge\n[Open\n.\n" + kGarbage);
-  _daemon.AwaitIdle();
+  AwaitArrived(client);
   EXPECT_EQ(client.ReadToEnd(), _large);
   EXPECT_EQ(Converse(_port, "get\nA\n.\n"), "[A]\nx=1\n");
 }
@@ -163,7 +175,7 @@ TEST_F(UnusualPeers, UrgentDataIsNoPartOfARequestAndKeepsNobodyBusy) {
   for (const char* part : {"!", "get delimited\n!", "A\n!", ".\n!"}) {
     const std::string text = part;
     ASSERT_EQ(send(client.GetDescriptor(), part, text.size(), MSG_OOB), static_cast<ssize_t>(text.size()));
-    _daemon.AwaitIdle();
+    AwaitArrived(client);
   }
   EXPECT_EQ(client.ReadUntil("\n.\n"), "data\n[A]\nx=1\n.\n");
 }

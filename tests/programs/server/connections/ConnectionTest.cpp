@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/IMessageObserver.h"
@@ -22,6 +24,7 @@ namespace tavix::test {
 namespace {
 
 using daemon::DurabilityGate;
+using Clock = daemon::Connection::Clock;
 
 constexpr int kLongWait = 20 * 1000;  // milliseconds
 
@@ -210,7 +213,7 @@ TEST_F(ServerConnection, RequestsThatWereLeftForWantOfRoomGoOnWhoeverMadeTheRoom
     const DurabilityGate::Ticket ticket = HoldMessages();
     _holder.isMade = false;
     BackgroundCall sync([&] {
-      while (!_holder.isMade) continue;
+      while (!_holder.isMade) std::this_thread::yield();
       for (volatile int wait = i % 100 * 100; wait > 0; wait = wait - 1) continue;
       _gate.SetDurable(ticket);
     });
@@ -218,6 +221,19 @@ TEST_F(ServerConnection, RequestsThatWereLeftForWantOfRoomGoOnWhoeverMadeTheRoom
     ASSERT_EQ(ReceiveInRounds(2 * reply.size()), Repeated(2, reply)) << i;
     sync.Join();
   }
+}
+
+// Nothing is read from it while its replies wait for it.
+TEST_F(ServerConnection, RequestThatIsLeftUnreadIsNotUnfinished) {
+  const std::chrono::seconds limit(_limits.requestSeconds);
+  SetGroup("Huge", std::string(2 * _limits.pauseBytes, 'h'));
+  EXPECT_TRUE(Request("get\nHuge\n.\nmerge\n[A]\nx=1\n"));
+  EXPECT_TRUE(_connection->OnTick(Clock::now() + std::chrono::hours(1)));
+  const Clock::time_point unread = Clock::now();
+  const std::string reply = "[Huge]\nk=" + std::string(2 * _limits.pauseBytes, 'h') + "\n";
+  EXPECT_EQ(ReceiveInRounds(reply.size()).size(), reply.size());
+  EXPECT_TRUE(_connection->OnTick(unread + limit)) << "it counts from when it could be read again";
+  EXPECT_FALSE(_connection->OnTick(Clock::now() + limit + std::chrono::seconds(1)));
 }
 
 TEST_F(ServerConnection, RequestsOfAPeerThatReadsNoMoreAreCarriedOut) {

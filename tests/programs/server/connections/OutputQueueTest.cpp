@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/OwnSockets.h"
@@ -246,7 +247,7 @@ TEST_F(HoldingQueue, ComesWholeAndInOrderWhileAnotherThreadMakesItDurable) {
   constexpr int kMessages = 5000;
   std::atomic<bool> ended{false};
   BackgroundCall sync([&] {
-    while (!ended) _gate.SetDurable(_gate.FindLast(nullptr));
+    for (; !ended; std::this_thread::yield()) _gate.SetDurable(_gate.FindLast(nullptr));
   });
   std::string expected;
   std::string received;

@@ -10,6 +10,7 @@
 #include "programs/server/system/SocketName.h"
 #include "tavix/osa/Exception.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/OwnLoopbackAddress.h"
 
 namespace tavix::test {
 
@@ -94,12 +95,13 @@ TEST(TcpSockets, AddressThatSomebodyElseHasIsAnErrorThoughOthersAreFree) {
 }
 
 TEST(TcpSockets, AddressThatIsGivenTwiceIsListenedOnOnce) {
+  const std::string own = OwnLoopbackAddress();
   in_port_t port = 0;
   {
-    const auto free = daemon::ListenOnAll(Answer({"127.0.0.1"}).Get(), "free:0");
+    const auto free = daemon::ListenOnAll(Answer({own}).Get(), "free:0");
     port = PortOf(free.front());
   }
-  EXPECT_EQ(daemon::ListenOnAll(Answer({"127.0.0.1", "127.0.0.1"}, port).Get(), "here").size(), 1u);
+  EXPECT_EQ(daemon::ListenOnAll(Answer({own, own}, port).Get(), "here").size(), 1u);
 }
 
 }  // namespace tavix::test

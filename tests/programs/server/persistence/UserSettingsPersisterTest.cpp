@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "tavix/osa/Exception.h"
+#include "tests/programs/server/persistence/LogOfFailure.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
@@ -22,6 +23,7 @@ namespace tavix::test {
 
 using settings::common::GroupNameMatcher;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -30,11 +32,13 @@ using Kind = MemoryFiles::Operation::Kind;
 
 namespace {
 
+bool IsSnapshot(const MemoryFiles::Operation& operation) {
+  return operation.kind == Kind::kRename && operation.to == kUserFile;
+}
+
 size_t CountSnapshots(const MemoryFiles& files) {
   const auto operations = files.GetOperations();
-  return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), [](const auto& operation) {
-    return operation.kind == Kind::kRename && operation.to == kUserFile;
-  }));
+  return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), IsSnapshot));
 }
 
 size_t CountCreated(const MemoryFiles& files, const std::string& path) {
@@ -286,6 +290,8 @@ TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptOnceForEachGro
 
 // The text of a large layer is made part by part, and is that of one moment all the same.
 TEST_F(Persister, SnapshotOfALayerThatChangesMeanwhileIsOneStateOfIt) {
+  std::atomic<size_t> snapshots{0};
+  _files.AddObserver([&](const auto& operation) { snapshots += IsSnapshot(operation) ? 1 : 0; });
   PersistedStore store(_files, kNever);
   std::string large;
   for (int group = 0; group < 300; ++group)
@@ -296,9 +302,9 @@ TEST_F(Persister, SnapshotOfALayerThatChangesMeanwhileIsOneStateOfIt) {
     for (int i = 0; !isOver; ++i)
       store.Merge("[G0]\nn=" + std::to_string(i) + "\n[G299]\nn=" + std::to_string(i) + "\n");
   });
-  for (size_t snapshots = CountSnapshots(_files), last = snapshots + 10; snapshots < last;) {
-    if (!Eventually([&] { return CountSnapshots(_files) > snapshots; })) break;
-    snapshots = CountSnapshots(_files);
+  for (size_t seen = snapshots, last = seen + 10; seen < last;) {
+    if (!Eventually([&] { return snapshots > seen; })) break;
+    seen = snapshots;
     const core::IniFile saved = DocumentOf(_files.Get(kUserFile));
     EXPECT_EQ(saved.GetValueOrDefault("G0", "n"), saved.GetValueOrDefault("G299", "n"));
   }
@@ -351,27 +357,23 @@ TEST_F(Persister, JournalThatBeginsDuringTheFirstSyncOfAnOldOneKeepsItsName) {
     sync.GoOn();
     store.AwaitDurable();
   });
-  EXPECT_THAT(log, testing::IsEmpty());
+  EXPECT_THAT(log, Each(HasSubstr(": the disk ")));  // syncs slowly, on a machine that does
   EXPECT_TRUE(PowerCutsLeave("[B]\ny=2\n"));
 }
 
 TEST_F(Persister, DiskThatFailsLetsGoAndHasEverythingOnceItIsWell) {
   PersistedStore store(_files, kAlways);
-  const auto log = LogOf(
-      [&] {
-        _files.FailAfter(0, true);
-        store.Merge("[B]\ny=2\n");
-        store.AwaitDurable();
-        EXPECT_FALSE(IsHeld(store, "B"));
-        _files.FailNoMore();
-        EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=2\n"; }));
-      },
-      2);
-  ASSERT_EQ(log.size(), 2u);
-  EXPECT_EQ(log[0],
-            "ERROR UserSettings: Failed to create 'user.ini.journal.new': No space left on device; changes are kept in "
-            "memory and saved as soon as that is possible");
-  EXPECT_EQ(log[1], "WARNING UserSettings: 'user.ini' is saved again");
+  const auto log = LogOfFailure([&] {
+    _files.FailAfter(0, true);
+    store.Merge("[B]\ny=2\n");
+    store.AwaitDurable();
+    EXPECT_FALSE(IsHeld(store, "B"));
+    _files.FailNoMore();
+    EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=2\n"; }));
+  });
+  EXPECT_THAT(log, ElementsAre("ERROR UserSettings: Failed to create 'user.ini.journal.new': No space left on device; "
+                               "changes are kept in memory and saved as soon as that is possible",
+                               kSavedAgain));
   Stop sync(_files, Kind::kSync, "user.ini.journal.new");
   store.Merge("[C]\nz=3\n");
   EXPECT_TRUE(IsHeld(store, "C"));
@@ -427,7 +429,7 @@ TEST_F(Persister, EndThatTheDiskHoldsUpIsTold) {
 TEST_F(Persister, EndThatOnlyASnapshotHoldsUpIsNoLoss) {
   PersistedStore store(_files, kAlways);
   store.Merge("[B]\ny=2\n");
-  store.AwaitDurable();
+  EXPECT_TRUE(Eventually([&] { return store.GetUnsavedSince() == 0; }));  // told once the sync has been noted
   Stop snapshot(_files, Kind::kSync, "user.ini.new");
   std::promise<bool> isSaved;
   store.Finish(std::chrono::milliseconds(1), [&](bool saved) {
@@ -471,7 +473,7 @@ TEST_F(Persister, JournalThatWasGivenUpDuringASnapshotTakesNoOtherWithIt) {
     store.AwaitDurable();
     EXPECT_TRUE(store.Finish());
   });
-  EXPECT_THAT(log, testing::Each(Not(HasSubstr("Failed to replace"))));
+  EXPECT_THAT(log, Each(Not(HasSubstr("Failed to replace"))));
   EXPECT_EQ(Load(_files), UserSettingsOf(store.GetManager()));
 }
 
