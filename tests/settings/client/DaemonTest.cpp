@@ -18,6 +18,7 @@
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/Environment.h"
+#include "tests/support/OwnLoopbackAddress.h"
 #include "tests/support/ProtocolClient.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -32,6 +33,7 @@ using tavix::test::Change;
 using tavix::test::DaemonProcess;
 using tavix::test::DocumentOf;
 using tavix::test::Eventually;
+using tavix::test::OwnLoopbackAddress;
 using tavix::test::ProtocolClient;
 using tavix::test::RecordingCallback;
 using tavix::test::ScopedEnvironment;
@@ -44,7 +46,8 @@ using Mode = TavixSettingsClient::OperationMode;
 class ServedByDaemon {
  public:
   ServedByDaemon() {
-    _daemon.emplace(TAVIX_SERVER_PROGRAM, _directory.GetPath(), std::vector<std::string>{"--listen", "127.0.0.1:0"});
+    _daemon.emplace(TAVIX_SERVER_PROGRAM, _directory.GetPath(),
+                    std::vector<std::string>{"--listen", OwnLoopbackAddress() + ":0"});
     _address = _daemon->AwaitAddresses().front();
     _endpoint.emplace("TAVIX_SETTINGS_SERVER", _address.c_str());
   }
