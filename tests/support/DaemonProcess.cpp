@@ -8,16 +8,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Patience.h"
+#include "tests/support/Threads.h"
 
 namespace tavix::test {
 
@@ -81,14 +79,6 @@ std::vector<std::string> AddressesIn(const std::string& output) {
     if (end != std::string::npos) addresses.push_back(output.substr(at, end - at));
   }
   return addresses;
-}
-
-bool IsAsleep(const std::filesystem::path& task) {
-  std::ifstream file(task / "stat");
-  std::string text;
-  std::getline(file, text);
-  const size_t name = text.rfind(')');
-  return name != std::string::npos && text.compare(name, 3, ") S") == 0;
 }
 
 bool HoldsSanitizerReport(const std::string& errors) {
@@ -197,12 +187,7 @@ void DaemonProcess::AwaitErrors(const std::string& text) const {
 }
 
 void DaemonProcess::AwaitIdle() const {
-  const std::string tasks = "/proc/" + std::to_string(_id) + "/task";
-  const auto isIdle = [&] {
-    const std::filesystem::directory_iterator all(tasks);
-    return std::all_of(begin(all), end(all), [](const auto& task) { return IsAsleep(task.path()); });
-  };
-  if (!Eventually(isIdle)) throw std::runtime_error("The daemon does not come to rest");
+  if (!AwaitAllAsleep(_id)) throw std::runtime_error("The daemon does not come to rest");
 }
 
 void DaemonProcess::Signal(int signal) const {

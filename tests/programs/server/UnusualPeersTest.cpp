@@ -161,9 +161,8 @@ TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
       client.Send(first + changes);
       client.Close();
       daemon.Signal(SIGCONT);
-      daemon.AwaitIdle();
       ProtocolClient other(address);
-      EXPECT_EQ(CountOf("[M", other.Get("M*\n")), 200u) << address << ' ' << first;
+      EXPECT_TRUE(Eventually([&] { return CountOf("[M", other.Get("M*\n")) == 200; })) << address << ' ' << first;
       other.Send("overwrite\nM*\n.\n.\n");
       other.AwaitHandled();
     }

@@ -21,7 +21,7 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"
 #include "tests/support/DocumentText.h"
-#include "tests/support/OwnThreads.h"
+#include "tests/support/Threads.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"

@@ -21,7 +21,7 @@
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/LogOf.h"
 #include "tests/support/OwnSockets.h"
-#include "tests/support/OwnThreads.h"
+#include "tests/support/Threads.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"

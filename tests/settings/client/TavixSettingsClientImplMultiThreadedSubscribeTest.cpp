@@ -14,7 +14,7 @@
 #include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/OwnThreads.h"
+#include "tests/support/Threads.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
 

@@ -22,7 +22,7 @@
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/FakeConnection.h"
 #include "tests/support/LogOf.h"
-#include "tests/support/OwnThreads.h"
+#include "tests/support/Threads.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
