@@ -84,13 +84,12 @@ int ConnectToPath(int descriptor, const std::string& path, const Deadline& deadl
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   int result = 0;
   do {
-    const int left = deadline.GetPollTimeout();
-    if (left == 0) return ETIMEDOUT;
-    const timeval limit{std::max(left, 0) / 1000, std::max(left, 0) % 1000 * 1000};
+    const int left = deadline.IsNever() ? 0 : std::max(deadline.GetPollTimeout(), 1);  // 0 stands for no limit
+    const timeval limit{left / 1000, left % 1000 * 1000};
     setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     result = connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  } while (result < 0 && errno == EINTR);
-  if (result < 0) return errno == EAGAIN ? ETIMEDOUT : errno;
+  } while (result < 0 && errno == EINTR && deadline.GetPollTimeout() != 0);
+  if (result < 0) return errno == EAGAIN || errno == EINTR ? ETIMEDOUT : errno;
   const timeval none{};
   setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none);
   return 0;
