@@ -243,8 +243,8 @@ void EventLoop::End(Connection* connection) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }
+  CountOneLess();  // first: who sees its connection end may want another one at once
   _connections.erase(connection);
-  CountOneLess();
 }
 
 void EventLoop::CountOneLess() {
