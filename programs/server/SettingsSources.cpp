@@ -31,8 +31,7 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
-constexpr std::chrono::seconds kMostForTheEnd{10};  // with what comes before, less than the unit's TimeoutStopSec
-constexpr std::chrono::seconds kMostForALine{1};
+constexpr std::chrono::seconds kMostForALine{3};  // with what comes before, less than the unit's TimeoutStopSec
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -143,6 +142,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
       _restricted(options.restricted),
       _userSettings(FollowLinks(options.userSettings)),
       _isCheck(options.action == Options::Action::kCheck),
+      _mostForTheEnd(options.stopSeconds),
       _counters(counters),
       _persister(MakePersister(options, _userSettings, counters)) {}
 
@@ -294,7 +294,7 @@ DurabilityGate* SettingsStore::GetGate() {
 
 bool SettingsStore::Finish() {
   UserSettingsPersister* const persister = _sources.GetPersister();
-  return !persister || persister->Finish(kMostForTheEnd, EndAtOnce);
+  return !persister || persister->Finish(_sources.GetMostForTheEnd(), EndAtOnce);
 }
 
 }  // namespace tavix::daemon

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -52,6 +53,9 @@ class SettingsSources : public settings::server::ISettingsPersister,
   // Null when nothing is persisted.
   UserSettingsPersister* GetPersister() { return _persister.get(); }
 
+  // How long the end may wait for the disk.
+  std::chrono::seconds GetMostForTheEnd() const { return _mostForTheEnd; }
+
   // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
 
@@ -74,6 +78,7 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const LayerSources _restricted;
   const std::string _userSettings;  // empty: there are none
   const bool _isCheck;              // else reports name no groups: with many, these cost as much as the settings
+  const std::chrono::seconds _mostForTheEnd;
   Counters& _counters;
   const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
   mutable std::mutex _mutex;                                // guards what follows
@@ -100,7 +105,7 @@ class SettingsStore {
   DurabilityGate* GetGate();
 
   // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved. Ends the process itself when the disk takes more than 10 s.
+  // saved. Ends the process itself when the disk takes longer than the options allow.
   bool Finish();
 
  private:

@@ -126,6 +126,9 @@ std::vector<OptionEntry> MakeTable() {
        "what "
        "was changed in that time; none, what the system had not written yet (always)",
        [](Options& options, const std::string& value) { options.durability = ParseDurability(value); }},
+      {"", "stop-timeout", "S", Kind::kValue, true,
+       "how long the daemon waits for the disk when it is ended; what is not saved then is lost (10)",
+       Number(&Options::stopSeconds, kMostSeconds)},
 
       {"Seeing inside", "log-level", "LEVEL", Kind::kValue, true,
        "error, warning, notice, information or trace (notice). SIGHUP has the four log options read again",

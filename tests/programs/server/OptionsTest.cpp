@@ -108,6 +108,7 @@ TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
       {"--loops", "65", "a number from 1 to 64"},
       {"--max-line", "1 ", "a number from 1 to 1099511627776"},
       {"--metrics-interval", "-1", "a number from 1 to 86400"},
+      {"--stop-timeout", "0", "a number from 1 to 86400"},
       {"--request-timeout", "86401", "a number from 1 to 86400"},
       {"--backlog-timeout", "9999999999", "a number from 1 to 86400"},
       {"--unix-mode", "0800", "an octal number from 0 to 0777"},
