@@ -216,7 +216,7 @@ TEST_F(TcpSocketStream, AReadEndsWithItsLimit) {
 }
 
 TEST_F(TcpSocketStream, AReadThatTimedOutLosesNothing) {
-  Stream stream(&_socket, 20u);
+  Stream stream(&_socket, 200u);
   EXPECT_EQ(stream.get(), std::char_traits<char>::eof());
   Send(_peer, "late");
   stream.clear();
@@ -249,7 +249,13 @@ TEST_F(TcpSocketStream, AWriteThatTimesOutWakesTheReader) {
   reader.Join();
 }
 
+void SetBufferSize(const Descriptor& peer, const TcpSocket& socket, int size) {
+  setsockopt(peer.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  setsockopt(socket.GetDescriptor(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
 TEST_F(TcpSocketStream, EachDirectionHasALimitOfItsOwn) {
+  SetBufferSize(_peer, _socket, 64 * 1024);
   Stream stream(&_socket, 20, kWaitForever);
   EXPECT_EQ(stream.get(), std::char_traits<char>::eof());
   BackgroundCall writer([&] { stream.GetOstream() << std::string(16 * 1024 * 1024, 'x') << std::flush; });
@@ -265,11 +271,6 @@ TEST_F(TcpSocketStream, TheLimitOfWritesMayChangeWhileAnotherThreadReads) {
   stream.SetWriteTimeout(50);
   EXPECT_GE(MillisecondsOf([&] { WriteUntilItFails(stream.GetOstream()); }), 50);
   reader.Join();
-}
-
-void SetBufferSize(const Descriptor& peer, const TcpSocket& socket, int size) {
-  setsockopt(peer.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-  setsockopt(socket.GetDescriptor(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
 }
 
 // Whether a message arrives whole at a peer that pauses before each part for a fifth of the limit, twelve times: far

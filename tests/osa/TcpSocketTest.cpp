@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -114,12 +115,19 @@ class FullListener {
       address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
       address.sin_port = htons(_listener.GetPort());
       (void)connect(_fillers.back().Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+      if (i == 0) AwaitFirst();
     }
   }
 
   unsigned short GetPort() const { return _listener.GetPort(); }
 
  private:
+  // There is room until the first connection is in the queue.
+  void AwaitFirst() const {
+    pollfd wait{_listener.GetDescriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&wait, 1, -1), 1);
+  }
+
   ListeningSocket _listener;
   std::vector<Descriptor> _fillers;
 };

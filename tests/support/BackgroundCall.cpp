@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 
 #include "tests/support/Patience.h"
+#include "tests/support/Threads.h"
 
 namespace tavix::test {
 
@@ -38,27 +38,8 @@ void BackgroundCall::Join() {
   if (_exception) std::rethrow_exception(_exception);
 }
 
-// "sleeping", with the number of times that the thread gave up the processor by itself; empty when it runs or is gone.
-std::string BackgroundCall::GetStatus() const {
-  std::ifstream file("/proc/self/task/" + std::to_string(_id) + "/status");
-  bool sleeps = false;
-  for (std::string line; std::getline(file, line);) {
-    if (line.rfind("State:\tS", 0) == 0) sleeps = true;
-    if (sleeps && line.rfind("voluntary_ctxt_switches:", 0) == 0) return line;
-  }
-  return std::string();
-}
-
-// A thread may sleep for a moment on its way, for a lock of the allocator for example: it must be found in the very
-// same sleep many times in a row.
 void BackgroundCall::AwaitBlocked() const {
-  std::string last;
-  for (int same = 0; same < 50 && !HasEnded();) {
-    const std::string now = GetStatus();
-    same = !now.empty() && now == last ? same + 1 : 0;
-    last = now;
-    std::this_thread::yield();
-  }
+  AwaitSameLook([this] { return HasEnded() ? "ended" : LookAtThread(_id); }, kLooksAtOne);
 }
 
 bool Eventually(const std::function<bool()>& condition) {

@@ -33,8 +33,6 @@ class BackgroundCall {
   pthread_t GetHandle() { return _thread.native_handle(); }
 
  private:
-  std::string GetStatus() const;
-
   std::promise<pid_t> _started;
   pid_t _id = 0;  // the kernel's number of the thread
   std::atomic<bool> _ended{false};

@@ -31,9 +31,11 @@ std::vector<int> FindConnectionsTo(unsigned short port) {
 
 // The kernel may still move bytes on to the peer's buffer: it is full once nothing has moved for a while.
 void FillOutput(int descriptor) {
+  constexpr int kLongestResend = 400;  // milliseconds: the kernel sends again what was lost after half of that
   const std::string lines(64 * 1024, '\n');
   pollfd wait{descriptor, POLLOUT, 0};
-  while (poll(&wait, 1, 100) > 0 && send(descriptor, lines.data(), lines.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+  while (poll(&wait, 1, kLongestResend) > 0 &&
+         send(descriptor, lines.data(), lines.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
     continue;
   while (send(descriptor, "\n", 1, MSG_DONTWAIT | MSG_NOSIGNAL) > 0) continue;
 }

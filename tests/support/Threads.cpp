@@ -35,19 +35,6 @@ std::string SleepOfAll(const fs::path& tasks) {
   return all;
 }
 
-// A thread may sleep for a moment on its way: it must be found in the very same sleep many times in a row.
-template <typename GetSleep>
-bool AwaitSleep(const GetSleep& getSleep) {
-  std::string last;
-  int same = 0;
-  return Eventually([&] {
-    const std::string now = getSleep();
-    same = !now.empty() && now == last ? same + 1 : 0;
-    last = now;
-    return same == 50;
-  });
-}
-
 }  // namespace
 
 std::vector<pid_t> FindThreads(const std::string& name) {
@@ -60,14 +47,30 @@ std::vector<pid_t> FindThreads(const std::string& name) {
   return found;
 }
 
-bool AwaitAsleep(pid_t thread) {
-  const fs::path task = fs::path(kOwnTasks) / std::to_string(thread);
-  return AwaitSleep([&] { return SleepOf(task); });
+bool AwaitSameLook(const std::function<std::string()>& look, int times) {
+  std::string last;
+  int same = 0;
+  return Eventually([&] {
+    const std::string now = look();
+    same = now.empty() || now != last ? 1 : same + 1;
+    last = now;
+    return !now.empty() && same >= times;
+  });
 }
 
+std::string LookAtThread(pid_t thread) {
+  return SleepOf(fs::path(kOwnTasks) / std::to_string(thread));
+}
+
+// It may sleep for a moment on its way, for a lock of the allocator for example: the very same sleep must last.
+bool AwaitAsleep(pid_t thread) {
+  return AwaitSameLook([&] { return LookAtThread(thread); }, kLooksAtOne);
+}
+
+// What one of them waits for on its way is another one that runs. Between the two looks, all slept at one time.
 bool AwaitAllAsleep(pid_t process) {
   const fs::path tasks = "/proc/" + std::to_string(process) + "/task";
-  return AwaitSleep([&] { return SleepOfAll(tasks); });
+  return AwaitSameLook([&] { return SleepOfAll(tasks); }, 2);
 }
 
 }  // namespace tavix::test

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,5 +15,12 @@ std::vector<pid_t> FindThreads(const std::string& name);
 // their way. False when that does not come.
 bool AwaitAsleep(pid_t thread);
 bool AwaitAllAsleep(pid_t process);
+
+// What tells one sleep of a thread of this process from another; empty when it runs or is gone.
+std::string LookAtThread(pid_t thread);
+
+// Waits until that many looks in a row show the same, and not nothing. False when that does not come.
+constexpr int kLooksAtOne = 50;
+bool AwaitSameLook(const std::function<std::string()>& look, int times);
 
 }  // namespace tavix::test

@@ -233,7 +233,7 @@ TEST_F(BackupCommands, BackupOfTheExampleDeviceImportsWithoutDifferences) {
 
 TEST_F(BackupCommands, BackupOfAnyDocumentImportsWithoutDifferencesAndRestoresTheStore) {
   RandomDocuments documents(7);
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 10; ++i) {
     const Daemon daemon(_directory, {"--defaults", _directory.Write("random.ini", SendableText(documents.Next()))});
     for (const Words& form : std::vector<Words>{{"export"}, {"export", "--json"}}) {
       const std::string backup = RunOn(daemon, form).output;

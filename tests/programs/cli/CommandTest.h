@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/CommandProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -45,13 +47,13 @@ class CommandTest : public testing::Test {
   }
 
   // As words of a shell's command: the path may hold blanks.
-  static std::string QuotedProgram() { return "'" TAVIX_CLI_PROGRAM "' " + std::string(kPatience) + " " + kSeconds; }
+  static std::string QuotedProgram() { return "'" TAVIX_CLI_PROGRAM "' " + std::string(kTimeout) + " " + kSeconds; }
 
   // The usual two seconds of silence may pass while a busy machine's disk syncs a change.
   static Words WithProgram(Words words) {
-    const bool saysHowLong = std::find(words.begin(), words.end(), kPatience) != words.end();
+    const bool saysHowLong = std::find(words.begin(), words.end(), kTimeout) != words.end();
     const bool isCompletion = !words.empty() && words.front() == "__complete";
-    if (!words.empty() && !saysHowLong && !isCompletion) words.insert(words.begin(), {kPatience, kSeconds});
+    if (!words.empty() && !saysHowLong && !isCompletion) words.insert(words.begin(), {kTimeout, kSeconds});
     words.insert(words.begin(), TAVIX_CLI_PROGRAM);
     return words;
   }
@@ -62,7 +64,7 @@ class CommandTest : public testing::Test {
 
   // A line of the shell with the program as the words "$0" "$@".
   Outcome RunInShell(const std::string& line, const std::string& input = {}) const {
-    return RunToEnd(_directory.GetPath(), {"sh", "-c", line, TAVIX_CLI_PROGRAM, kPatience, kSeconds}, input,
+    return RunToEnd(_directory.GetPath(), {"sh", "-c", line, TAVIX_CLI_PROGRAM, kTimeout, kSeconds}, input,
                     Environment());
   }
 
@@ -72,6 +74,26 @@ class CommandTest : public testing::Test {
     EXPECT_EQ(outcome.output, output) << line;
     EXPECT_EQ(outcome.errors, errors) << line;
     EXPECT_EQ(outcome.status, status) << line;
+  }
+
+  static std::string AskAgainWhile(const std::string& late, const std::function<std::string()>& ask) {
+    std::string answer = late;
+    Eventually([&] { return (answer = ask()) != late; });
+    return answer;
+  }
+
+  // What the last word may become, in lines. What would come too late for a shell is nothing, and so is asked for
+  // again.
+  std::string Complete(const Words& words) const {
+    return AskAgainWhile("", [&] { return CompleteOnce(words); });
+  }
+
+  std::string CompleteOnce(Words words) const {
+    words.insert(words.begin(), "__complete");
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    return outcome.output;
   }
 
   // What the daemon holds, by the protocol and not by the command.
@@ -89,8 +111,8 @@ class CommandTest : public testing::Test {
     client.AwaitHandled();
   }
 
-  static constexpr char kPatience[] = "-t";
-  static constexpr char kSeconds[] = "20";
+  static constexpr char kTimeout[] = "-t";
+  static constexpr char kSeconds[] = "100";
 
   const TemporaryDirectory _directory;
   const Daemon _daemon;

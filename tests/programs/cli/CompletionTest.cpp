@@ -12,25 +12,6 @@ namespace {
 
 class Completion : public CommandTest {
  protected:
-  static std::string AskAgainWhile(const std::string& late, const std::function<std::string()>& ask) {
-    std::string answer = late;
-    Eventually([&] { return (answer = ask()) != late; });
-    return answer;
-  }
-
-  // What the last word may become. What would come too late for a shell is nothing, and so is asked for again.
-  std::string Complete(const Words& words) const {
-    return AskAgainWhile("", [&] { return CompleteOnce(words); });
-  }
-
-  std::string CompleteOnce(Words words) const {
-    words.insert(words.begin(), "__complete");
-    const Outcome outcome = Run(words);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.errors, "");
-    return outcome.output;
-  }
-
   static std::string Escaped(const std::string& word) {
     std::string text;
     for (const char c : word) text += (c == '\'' || c == '\\' ? "\\" : "") + std::string(1, c);

@@ -14,9 +14,8 @@ using testing::HasSubstr;
 class ManPage : public CommandTest {
  protected:
   // The candidates of the completion, which knows all there is.
-  Words Complete(Words words) const {
-    words.insert(words.begin(), "__complete");
-    std::istringstream lines(Run(words).output);
+  Words FindCandidates(const Words& words) const {
+    std::istringstream lines(Complete(words));
     Words candidates;
     for (std::string line; std::getline(lines, line);) candidates.push_back(line);
     return candidates;
@@ -29,11 +28,11 @@ class ManPage : public CommandTest {
 
   std::set<std::string> FindAllOptions() const {
     std::set<std::string> options;
-    for (const std::string& command : Complete({""})) {
-      for (const std::string& option : Complete({command, "--"})) options.insert(option);
+    for (const std::string& command : FindCandidates({""})) {
+      for (const std::string& option : FindCandidates({command, "--"})) options.insert(option);
     }
-    for (const std::string& command : Complete({"resource", ""})) {
-      for (const std::string& option : Complete({"resource", command, "--"})) options.insert(option);
+    for (const std::string& command : FindCandidates({"resource", ""})) {
+      for (const std::string& option : FindCandidates({"resource", command, "--"})) options.insert(option);
     }
     return options;
   }
@@ -43,13 +42,13 @@ class ManPage : public CommandTest {
 
 TEST_F(ManPage, NamesEveryCommand) {
   const std::string page = ReadPage();
-  const Words commands = Complete({""});
+  const Words commands = FindCandidates({""});
   EXPECT_GT(commands.size(), 19U);
   for (const std::string& command : commands) {
     const bool isGroup = command == "resource";
     EXPECT_THAT(page, HasSubstr("*" + command + (isGroup ? " " : "*")));
   }
-  for (const std::string& command : Complete({"resource", ""}))
+  for (const std::string& command : FindCandidates({"resource", ""}))
     EXPECT_THAT(page, HasSubstr("*resource " + command + "*"));
 }
 

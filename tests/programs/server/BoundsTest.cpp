@@ -168,7 +168,7 @@ TEST(Bounds, RepliesThatNobodyReadsHoldUpTheirOwnConnectionOnly) {
 // The memory of all is bounded, whatever each may have.
 TEST(Bounds, LongestUnfinishedRequestIsCutWhenAllAreTooLong) {
   const TemporaryDirectory directory;
-  Daemon daemon(directory, {"--all-requests", "1048576", "--loops", "2"});
+  Daemon daemon(directory, {"--all-requests", "1048576", "--loops", "2", "--request-timeout", "1000"});
   const std::string lines = "merge nopersist\n[A]\nk=" + std::string(600'000, 'v') + "\n";
   ProtocolClient longest(daemon.GetPort());
   longest.Send(lines);
@@ -188,6 +188,7 @@ TEST(Bounds, LongestBacklogIsCutWhenAllAreTooLong) {
   Daemon daemon(directory, {"--max-line", "67108864", "--all-backlogs", "14000000", "--backlog-timeout", "1000"});
   ProtocolClient writer(daemon.GetPort());
   writer.Send(MergeOfLargeGroup());
+  writer.AwaitHandled();
   ProtocolClient longest(daemon.GetPort(), 4096);
   longest.Send("subscribe\nLarge\n.\nget\nLarge\n.\n");
   longest.ReadUntil("k=");

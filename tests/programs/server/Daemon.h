@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "tests/support/DaemonProcess.h"
+#include "tests/support/Patience.h"
 #include "tests/support/ProtocolClient.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
 
 // The daemon in a directory, on a port of loopback that the kernel picks. Arguments name files relative to the
-// directory.
+// directory. At its end it has all the time that a busy disk needs, unless they say otherwise.
 class Daemon : public DaemonProcess {
  public:
   explicit Daemon(const TemporaryDirectory& directory, const std::vector<std::string>& arguments = {},
@@ -20,6 +21,7 @@ class Daemon : public DaemonProcess {
 
  private:
   static std::vector<std::string> WithAddress(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {"--stop-timeout", std::to_string(kPatience.count())});
     arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     return arguments;
   }

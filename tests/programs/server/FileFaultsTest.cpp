@@ -128,11 +128,15 @@ class FaultyDaemon {
     EXPECT_TRUE(isWhole) << Name() << text;
   }
 
+  // All its threads: one may be within a system call.
   bool IsStopped() const {
-    std::ifstream file("/proc/" + std::to_string(_daemon->GetId()) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    return text.compare(text.rfind(')'), 3, ") T") == 0;
+    const fs::directory_iterator tasks("/proc/" + std::to_string(_daemon->GetId()) + "/task");
+    return std::all_of(begin(tasks), end(tasks), [](const fs::directory_entry& task) {
+      std::ifstream file(task.path() / "stat");
+      std::string text;
+      std::getline(file, text);
+      return text.compare(text.rfind(')'), 3, ") T") == 0;
+    });
   }
 
   const Begin _begin;

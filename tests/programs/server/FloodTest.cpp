@@ -71,7 +71,7 @@ TEST_F(Flood, OneLineOfAGigabyteIsCutAtTheBoundOfALine) {
 }
 
 TEST_F(Flood, RequestOfAGigabyteIsCutAtTheBoundOfARequest) {
-  Start({});
+  Start({"--request-timeout", "1000"});
   std::string lines;
   while (lines.size() < kMegabyte) lines += "key" + std::to_string(lines.size()) + "=value\n";
   EXPECT_LT(SendUntilCut("merge\n[A]\n", lines, 1024 * kMegabyte), 128 * kMegabyte);

@@ -131,11 +131,14 @@ class Kill : public testing::Test {
     ExpectWholeFiles(writers);
   }
 
-  // The kill before may have come in the middle of a long write: nobody was shown that change.
+  // The kill before may have come in the middle of a long write: nobody was shown that change. And the disk of a busy
+  // machine may take long.
   static void ExpectNoErrors(const std::string& log) {
     std::istringstream lines(log);
-    for (std::string line; std::getline(lines, line);)
-      EXPECT_THAT(line, testing::HasSubstr("ends with an unfinished change, which is dropped"));
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_THAT(line, testing::AnyOf(testing::HasSubstr("ends with an unfinished change, which is dropped"),
+                                       testing::HasSubstr(": the disk ")));
+    }
   }
 
   void ExpectWholeFiles(std::list<CountingWriter>& writers) {

@@ -4,11 +4,14 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cerrno>
+#include <chrono>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "tests/support/Descriptor.h"
+#include "tests/support/Patience.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
@@ -29,7 +32,11 @@ class NotifySocket {
   // The next message; none when there is none for so long.
   std::optional<std::string> ReceiveFor(int milliseconds) {
     pollfd wait{_socket.Get(), POLLIN, 0};
-    if (poll(&wait, 1, milliseconds) <= 0) return {};
+    int ready = 0;
+    do {
+      ready = poll(&wait, 1, milliseconds);
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) return {};
     char text[1024];
     const ssize_t size = recv(_socket.Get(), text, sizeof text, 0);
     return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
@@ -38,11 +45,12 @@ class NotifySocket {
   // Drops messages until one holds that text, and returns it.
   std::string Await(const std::string& part) {
     std::string before;
-    while (const std::optional<std::string> message = ReceiveFor(30 * 1000)) {
+    while (const std::optional<std::string> message =
+               ReceiveFor(static_cast<int>(std::chrono::milliseconds(kPatience).count()))) {
       if (message->find(part) != std::string::npos) return *message;
       before += *message + "\n";
     }
-    throw std::runtime_error("\"" + part + "\" did not come within 30 s, only:\n" + before);
+    throw std::runtime_error("\"" + part + "\" did not come, only:\n" + before);
   }
 
  private:

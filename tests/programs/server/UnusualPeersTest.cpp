@@ -30,21 +30,30 @@ class UnusualPeers : public testing::Test {
   std::string ReplyToAllAtOnce(const std::string& requests) {
     ProtocolClient client(_port);
     client.AwaitHandled();
-    _daemon.Signal(SIGSTOP);
-    EXPECT_EQ(waitpid(_daemon.GetId(), nullptr, WUNTRACED), _daemon.GetId());
+    Stop(_daemon);
     client.Send(requests);
     client.HalfClose();
     _daemon.Signal(SIGCONT);
     return client.ReadToEnd();
   }
 
-  // Waits until the daemon's socket has all that the client sent, and the daemon has nothing left to do with it.
-  void AwaitArrived(const ProtocolClient& client) const {
-    const auto hasArrived = [&] {
+  // Until it gets SIGCONT.
+  static void Stop(const Daemon& daemon) {
+    daemon.Signal(SIGSTOP);
+    EXPECT_EQ(waitpid(daemon.GetId(), nullptr, WUNTRACED), daemon.GetId());
+  }
+
+  // Waits until the daemon's socket has all that the client sent.
+  static void AwaitTaken(const ProtocolClient& client) {
+    EXPECT_TRUE(Eventually([&] {
       int unacknowledged = 0;
       return ioctl(client.GetDescriptor(), SIOCOUTQ, &unacknowledged) == 0 && unacknowledged == 0;
-    };
-    EXPECT_TRUE(Eventually(hasArrived));
+    }));
+  }
+
+  // And until the daemon has nothing left to do with it.
+  void AwaitArrived(const ProtocolClient& client) const {
+    AwaitTaken(client);
     _daemon.AwaitIdle();
   }
 
@@ -131,8 +140,12 @@ TEST_F(UnusualPeers, QuitWithRepliesUnreadAtTheEndOfATurnKeepsNobodyBusy) {
   EXPECT_EQ(Converse(_port, "merge\n" + half + ".\n"), "");
   for (size_t large = 2; large < 16; ++large) {
     ProtocolClient client(_port, 4096);
+    client.AwaitHandled();
+    Stop(_daemon);  // what came behind the close would undo replies
     client.Send(Repeated(large, "get\nHalf\n.\n") + Repeated(63 - large, "get\nA\n.\n") + "quit\n" + kGarbage);
-    AwaitArrived(client);
+    AwaitTaken(client);
+    _daemon.Signal(SIGCONT);
+    _daemon.AwaitIdle();
     EXPECT_EQ(client.ReadToEnd(), Repeated(large, half) + Repeated(63 - large, "[A]\nx=1\n")) << large;
   }
 }
@@ -145,7 +158,6 @@ TEST_F(UnusualPeers, RequestThatCanNotBeParsedTakesNoRepliesBack) {
   EXPECT_EQ(Converse(_port, "get\nA\n.\n"), "[A]\nx=1\n");
 }
 
-// An urgent byte stands beside the stream, which nobody reads here.
 // Nobody hears the replies, and that is no reason to drop the changes.
 TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
   const std::string path = "unix:" + _directory.Path("s.sock");
@@ -154,8 +166,7 @@ TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
     for (const char* first : {"", "get delimited\nA\n.\n", "subscribe\nM*\n.\n"}) {
       ProtocolClient client(address);
       client.AwaitHandled();
-      daemon.Signal(SIGSTOP);
-      EXPECT_EQ(waitpid(daemon.GetId(), nullptr, WUNTRACED), daemon.GetId());
+      Stop(daemon);
       std::string changes;
       for (int i = 0; i < 200; ++i) changes += "merge\n[M" + std::to_string(i) + "]\na=1\n.\n";
       client.Send(first + changes);
@@ -169,6 +180,7 @@ TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
   }
 }
 
+// An urgent byte stands beside the stream, which nobody reads here.
 TEST_F(UnusualPeers, UrgentDataIsNoPartOfARequestAndKeepsNobodyBusy) {
   ProtocolClient client(_port);
   for (const char* part : {"!", "get delimited\n!", "A\n!", ".\n!"}) {

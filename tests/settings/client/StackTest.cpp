@@ -21,12 +21,12 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"
 #include "tests/support/DocumentText.h"
-#include "tests/support/Threads.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/StackUse.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
@@ -126,16 +126,17 @@ StackUse MeasureHarassedWorker() {
   tavix::test::BackgroundCall subscribe([&] { client.Subscribe(&callback, "*"); });
   subscribe.AwaitBlocked();
   server.Listen();
+  ServerEnd peer = server.Accept();
+  subscribe.Join();
   for (const std::string last :
        {"async change\nno line feed", "\n", "async change\nThrow\n.\n.\n", "async change\n.\nno setting\n.\n"}) {
-    ServerEnd peer = server.Accept();
     Harass(peer, client);
     peer.Send(last);
     peer.HalfClose();
     peer.ReadToEnd();
+    peer = server.Accept();
   }
-  server.Accept().Send("async change\nMeasure\n.\n.\n");
-  subscribe.Join();
+  peer.Send("async change\nMeasure\n.\n.\n");
   return callback.measured.get_future().get();
 }
 

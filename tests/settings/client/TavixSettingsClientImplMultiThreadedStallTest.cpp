@@ -26,8 +26,8 @@ using tavix::osa::Exception;
 using tavix::settings::client::TavixSettingsClientImplMultiThreaded;
 using tavix::settings::client::TavixSettingsTcpConnection;
 using tavix::test::BackgroundCall;
+using tavix::test::ElapsedTime;
 using tavix::test::Eventually;
-using tavix::test::MillisecondsOf;
 using tavix::test::RecordingCallback;
 using tavix::test::ScriptedServer;
 using tavix::test::ServerEnd;
@@ -78,11 +78,11 @@ TEST(TavixSettingsClientImplMultiThreaded, AWriteWithoutProgressEndsAfterItsLimi
   ScriptedServer server;
   TavixSettingsClientImplMultiThreaded client(std::make_unique<LimitedConnection<1000>>().release());
   const ServerEnd before = server.Accept();
-  const long took = MillisecondsOf([&] {
-    EXPECT_THAT([&] { client.MergeSettings(LargeDocument(), 0); }, testing::ThrowsMessage<Exception>(kMergeLost));
-  });
-  EXPECT_GE(took, 1000);
-  EXPECT_LT(took, 9000);
+  const IniFile large = LargeDocument();
+  const ElapsedTime took(
+      [&] { EXPECT_THAT([&] { client.MergeSettings(large, 0); }, testing::ThrowsMessage<Exception>(kMergeLost)); });
+  EXPECT_GE(took.milliseconds, 1000);
+  EXPECT_LT(took.undisturbed, 9000);
   ServerEnd after = server.Accept();
   client.RestoreToDefaults({"A"});
   EXPECT_EQ(after.ReadThrough(), "restore\nA\n.\n");

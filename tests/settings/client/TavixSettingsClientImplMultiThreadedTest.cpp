@@ -22,10 +22,10 @@
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/FakeConnection.h"
 #include "tests/support/LogOf.h"
-#include "tests/support/Threads.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
@@ -37,11 +37,11 @@ using tavix::settings::client::TavixSettingsClientImplMultiThreaded;
 using tavix::test::BackgroundCall;
 using tavix::test::Change;
 using tavix::test::DocumentOf;
+using tavix::test::ElapsedTime;
 using tavix::test::Eventually;
 using tavix::test::FakeConnection;
 using tavix::test::ListeningSocket;
 using tavix::test::LogOf;
-using tavix::test::MillisecondsOf;
 using tavix::test::PendingValue;
 using tavix::test::RecordingCallback;
 using tavix::test::ScriptedServer;
@@ -104,14 +104,14 @@ TEST(TavixSettingsClientImplMultiThreaded, WithoutAConnectionCallsTimeOutAfterTe
                                          [&] { client.RestoreToDefaults("A"); }, [&] { client.GetValue("[A]x"); },
                                          [&] { client.Subscribe(&callback, "A"); }};
   std::deque<BackgroundCall> waiting;
-  const long took = MillisecondsOf([&] {
+  const ElapsedTime took([&] {
     for (const auto& call : calls) waiting.emplace_back(call);
     for (BackgroundCall& call : waiting) {
       EXPECT_THAT([&] { call.Join(); }, testing::ThrowsMessage<LockException>(testing::StartsWith("Lock Timeout")));
     }
   });
-  EXPECT_GE(took, 10000);
-  EXPECT_LT(took, 20000);  // and not one behind another
+  EXPECT_GE(took.milliseconds, 10000);
+  EXPECT_LT(took.undisturbed, 20000);  // and not one behind another
   server.Listen();
   ServerEnd peer = server.Accept();
   client.MergeSettings(IniFile());

@@ -362,7 +362,7 @@ TEST_F(LogManager, MayBeDestroyedFromACallbackOfTheSameClient) {
   }
 }
 
-constexpr int kRounds = 60;
+constexpr int kRounds = 15;
 constexpr int kThreads = 4;
 constexpr int kLines = 50;  // of all threads together fewer than are kept while there is no output
 

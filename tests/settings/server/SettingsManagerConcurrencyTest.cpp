@@ -34,7 +34,7 @@ using tavix::test::ServedStore;
 using tavix::test::UserSettingsOf;
 using testing::ElementsAre;
 
-constexpr int kRounds = 200;
+constexpr int kRounds = 100;
 
 GroupNameMatcher MatcherOf(const std::string& nameOrPattern) {
   GroupNameMatcher matcher;
