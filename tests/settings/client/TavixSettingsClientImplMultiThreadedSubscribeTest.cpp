@@ -14,9 +14,9 @@
 #include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Threads.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/Threads.h"
 
 namespace {
 
