@@ -12,16 +12,19 @@
 namespace tavix::test {
 
 // The daemon in a directory, on a port of loopback that the kernel picks. Arguments name files relative to the
-// directory. At its end it has all the time that a busy disk needs, unless they say otherwise.
+// directory. At its end it has all the time that a busy disk needs, and of what is installed on the machine it reads
+// nothing, unless they say otherwise.
 class Daemon : public DaemonProcess {
  public:
   explicit Daemon(const TemporaryDirectory& directory, const std::vector<std::string>& arguments = {},
                   const ProcessLimits& limits = {})
-      : DaemonProcess(TAVIX_SERVER_PROGRAM, directory.GetPath(), WithAddress(arguments), limits) {}
+      : DaemonProcess(TAVIX_SERVER_PROGRAM, directory.GetPath(), Complete(arguments), limits) {}
 
  private:
-  static std::vector<std::string> WithAddress(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), {"--stop-timeout", std::to_string(kPatience.count())});
+  static std::vector<std::string> Complete(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(),
+                     {"--config", "/dev/null", "--defaults-dir", "nothing-installed", "--restricted-dir",
+                      "nothing-installed", "--stop-timeout", std::to_string(kPatience.count())});
     arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     return arguments;
   }
