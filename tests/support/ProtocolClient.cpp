@@ -25,6 +25,15 @@ int Require(int result, const char* call) {
   return result;
 }
 
+// A socket with a time limit is interrupted by what only stops the process for a while. Linux goes on where it was.
+void ConnectTo(int descriptor, const sockaddr* address, socklen_t size) {
+  int result = 0;
+  do {
+    result = connect(descriptor, address, size);
+  } while (result < 0 && errno == EINTR);
+  Require(result, "connect");
+}
+
 void SetOption(int descriptor, int level, int name, int value) {
   Require(setsockopt(descriptor, level, name, &value, sizeof value), "setsockopt");
 }
@@ -68,7 +77,7 @@ void ProtocolClient::Connect(const std::string& host, const std::string& port, i
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> address(found, freeaddrinfo);
   _socket = Descriptor(Require(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetUp(_socket.Get(), receiveBuffer);
-  Require(connect(_socket.Get(), address->ai_addr, address->ai_addrlen), "connect");
+  ConnectTo(_socket.Get(), address->ai_addr, address->ai_addrlen);
 }
 
 void ProtocolClient::ConnectToPath(const std::string& path) {
@@ -77,7 +86,7 @@ void ProtocolClient::ConnectToPath(const std::string& path) {
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   _socket = Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetTimeLimit(_socket.Get(), kPatience.count());
-  Require(connect(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), "connect");
+  ConnectTo(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
 }
 
 void ProtocolClient::Send(const std::string& text) {

@@ -117,13 +117,25 @@ void Harass(ServerEnd& peer, const TavixSettingsClient& client) {
   peer.Send("async change\n" + ManyGroups("\n") + ".\n[" + ManyGroups("]\nkey=value\n[") + "]\n.\n");
 }
 
+// A call waits for a connection for ten seconds, and a machine may stand still for longer.
+void SubscribeToAll(TavixSettingsClient& client, MeasuringCallback& callback) {
+  EXPECT_TRUE(Eventually([&] {
+    try {
+      client.Subscribe(&callback, "*");
+      return true;
+    } catch (const Exception&) {
+      return false;
+    }
+  }));
+}
+
 StackUse MeasureHarassedWorker() {
   const EverythingLogged log;
   ScriptedServer server(ListeningSocket::kNotListening);
   const ScopedEnvironment byName("TAVIX_SETTINGS_SERVER", ("localhost:" + std::to_string(server.GetPort())).c_str());
   MeasuringCallback callback;
   TavixSettingsClient client(TavixSettingsClient::MultiThreaded);
-  tavix::test::BackgroundCall subscribe([&] { client.Subscribe(&callback, "*"); });
+  tavix::test::BackgroundCall subscribe([&] { SubscribeToAll(client, callback); });
   subscribe.AwaitBlocked();
   server.Listen();
   ServerEnd peer = server.Accept();

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <deque>
 #include <future>
@@ -366,13 +367,14 @@ TEST(TavixSettingsClientImplMultiThreaded, LogsEachFailureToConnect) {
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, AConnectThatFailsInAnyWayIsTriedAgain) {
-  int connects = 0;
+  std::atomic<int> connects{0};
   const auto messages = LogOf([&] {
     TavixSettingsClientImplMultiThreaded client(new FakeConnection([&] {
-      ++connects;
-      if (connects == 1) throw 42;
-      if (connects == 2) throw std::runtime_error("no luck");
+      const int number = ++connects;
+      if (number == 1) throw 42;
+      if (number == 2) throw std::runtime_error("no luck");
     }));
+    EXPECT_TRUE(Eventually([&] { return connects == 3; }));
     client.MergeSettings(IniFile(), 0);
   });
   EXPECT_EQ(connects, 3);

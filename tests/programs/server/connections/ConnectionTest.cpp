@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -90,7 +91,11 @@ class ServerConnection : public testing::Test {
     if (_connection->IsCut()) return false;
     if (_connection->HasMore()) return _connection->OnTurn();
     epoll_event event{};
-    if (epoll_wait(_poll.Get(), &event, 1, kLongWait) != 1) return false;
+    int count = 0;
+    do {
+      count = epoll_wait(_poll.Get(), &event, 1, kLongWait);
+    } while (count < 0 && errno == EINTR);
+    if (count != 1) return false;
     if ((event.events & EPOLLOUT) && !_connection->OnWritable()) return false;
     if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) && !Receive()) return false;
     return !(event.events & EPOLLHUP) || _connection->OnHangUp();
