@@ -2,15 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdarg>
-#include <filesystem>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -23,92 +19,22 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/Runnable.h"
 #include "tavix/osa/Thread.h"
+#include "tests/core/LoggerTest.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"
 #include "tests/support/Environment.h"
-#include "tests/support/FullDevice.h"
 #include "tests/support/StalledPipe.h"
-#include "tests/support/TemporaryDirectory.h"
+
+namespace tavix::test {
 
 namespace {
 
-using tavix::core::IniFile;
-using tavix::core::LogLevel;
-using tavix::test::BackgroundCall;
-using tavix::test::CapturedOutput;
-using tavix::test::FullDevice;
-using tavix::test::ScopedEnvironment;
-using tavix::test::StalledPipe;
-using tavix::test::TemporaryDirectory;
+using core::IniFile;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using Log = tavix::core::Logger;
-
-constexpr size_t kTimeSize = 25;  // of "2001-02-03T04:05:06.789Z "
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-// The lines from their level on.
-std::vector<std::string> WithoutTimes(const std::string& text) {
-  std::vector<std::string> lines = Lines(text);
-  for (std::string& line : lines) line.erase(0, kTimeSize);
-  return lines;
-}
-
-void LogAt(LogLevel level, const char* format, ...) __attribute__((format(printf, 2, 3)));
-
-void LogAt(LogLevel level, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  Log::GetLogger("Test")->LogMessageV(level, format, arguments);
-  va_end(arguments);
-}
-
-void LogAtEveryLevel() {
-  LogAt(tavix::core::kLogError, "3");
-  LogAt(tavix::core::kLogWarning, "4");
-  LogAt(tavix::core::kLogNotice, "5");
-  LogAt(tavix::core::kLogInformation, "6");
-  LogAt(tavix::core::kLogTrace, "8");
-}
-
-// Keys that "keys" lacks are set so that all levels go to standard output alone.
-void Configure(IniFile::KeyMap keys) {
-  keys.insert({{"log.level", "8"}, {"log.syslog", "false"}, {"log.stdout", "true"}});
-  Log::ConfigureLogging(IniFile(IniFile::GroupMap{{"Log", keys}}), "Log");
-}
-
-// Logging as a whole belongs to the process; every test begins with it going to standard output, which is captured, and
-// with log files in a directory of the test's own.
-class Logger : public testing::Test {
- protected:
-  Logger() {
-    Log::SetLogFileDirectory(_directory.GetPath());
-    Configure({});
-  }
-
-  // What was captured tells what failed. A count of repeats that is still due must not go to the next test.
-  ~Logger() override {
-    const std::string captured = _output.Finish();
-    const CapturedOutput swallowed(STDOUT_FILENO);
-    Configure({});
-    if (HasFailure()) std::cerr << captured;
-  }
-
-  std::vector<std::string> WrittenLines() { return WithoutTimes(_output.Finish()); }
-
-  const TemporaryDirectory _directory;
-  CapturedOutput _output{STDOUT_FILENO};
-  Log* const _log = Log::GetLogger("Test");
-};
 
 TEST_F(Logger, ThereIsOneOfEachName) {
   EXPECT_EQ(Log::GetLogger("TavixSettings"), Log::GetLogger("TavixSettings"));
@@ -130,11 +56,11 @@ TEST_F(Logger, EveryLevelHasAName) {
 }
 
 TEST_F(Logger, TheLevelsAreNumberedAsTheSystemLogNumbersThem) {
-  EXPECT_EQ(static_cast<int>(tavix::core::kLogError), LOG_ERR);
-  EXPECT_EQ(static_cast<int>(tavix::core::kLogWarning), LOG_WARNING);
-  EXPECT_EQ(static_cast<int>(tavix::core::kLogNotice), LOG_NOTICE);
-  EXPECT_EQ(static_cast<int>(tavix::core::kLogInformation), LOG_INFO);
-  EXPECT_EQ(static_cast<int>(tavix::core::kLogTrace), 8);
+  EXPECT_EQ(static_cast<int>(core::kLogError), LOG_ERR);
+  EXPECT_EQ(static_cast<int>(core::kLogWarning), LOG_WARNING);
+  EXPECT_EQ(static_cast<int>(core::kLogNotice), LOG_NOTICE);
+  EXPECT_EQ(static_cast<int>(core::kLogInformation), LOG_INFO);
+  EXPECT_EQ(static_cast<int>(core::kLogTrace), 8);
 }
 
 TEST_F(Logger, TheVariadicFormsLogAtTheirLevel) {
@@ -149,7 +75,7 @@ TEST_F(Logger, TheTimeIsUtcWhateverTheTimeZone) {
   const ScopedEnvironment zone("TZ", "FAR-11");
   tzset();
   using std::chrono::system_clock;
-  const auto now = [] { return system_clock::to_time_t(system_clock::now()); };  // time(3) may be a tick behind
+  const auto now = [] { return system_clock::to_time_t(system_clock::now()); };  // time(2) may be a tick behind
   const time_t before = now();
   _log->Error("now");
   const time_t after = now();
@@ -247,9 +173,9 @@ TEST_F(Logger, MessagesUpToTheLevelAreWritten) {
 
 TEST_F(Logger, TellsWhetherALevelIsWritten) {
   Configure({{"log.level", "4"}});
-  EXPECT_TRUE(Log::IsEnabled(tavix::core::kLogError));
-  EXPECT_TRUE(Log::IsEnabled(tavix::core::kLogWarning));
-  EXPECT_FALSE(Log::IsEnabled(tavix::core::kLogInformation));
+  EXPECT_TRUE(Log::IsEnabled(core::kLogError));
+  EXPECT_TRUE(Log::IsEnabled(core::kLogWarning));
+  EXPECT_FALSE(Log::IsEnabled(core::kLogInformation));
 }
 
 // What the system log is given is shown on standard error, too, under the name of the process.
@@ -327,21 +253,6 @@ TEST_F(Logger, AConfigurationReplacesTheOneBefore) {
   EXPECT_THAT(WrittenLines(), IsEmpty());
 }
 
-TEST_F(Logger, AFileGetsTheLinesThatTheOtherOutputsGet) {
-  Configure({{"log.file", "tavix.log"}});
-  _log->Error("both");
-  const std::string written = _output.Finish();
-  EXPECT_THAT(written, EndsWith("Z ERROR Test: both\n"));
-  EXPECT_EQ(_directory.Read("tavix.log"), written);
-}
-
-TEST_F(Logger, AnEmptyFileNameMeansNone) {
-  Configure({{"log.file", ""}});
-  _log->Error("only here");
-  EXPECT_THAT(WrittenLines(), ElementsAre("ERROR Test: only here"));
-  EXPECT_TRUE(std::filesystem::is_empty(_directory.GetPath()));
-}
-
 TEST_F(Logger, LinesWithoutOutputsWaitForTheNextConfiguration) {
   Log::ClearAppenders();
   _log->Error("kept");
@@ -349,13 +260,6 @@ TEST_F(Logger, LinesWithoutOutputsWaitForTheNextConfiguration) {
   EXPECT_EQ(_output.GetText(), "");
   Configure({});
   EXPECT_THAT(WrittenLines(), ElementsAre("ERROR Test: kept", "WARNING Test: kept, too"));
-}
-
-TEST_F(Logger, LinesThatWaitedGoToTheLogFile) {
-  Log::ClearAppenders();
-  _log->Error("kept");
-  Configure({{"log.file", "tavix.log"}, {"log.stdout", "false"}});
-  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")), ElementsAre("ERROR Test: kept"));
 }
 
 TEST_F(Logger, LinesThatWaitedAreWrittenOnce) {
@@ -420,91 +324,6 @@ TEST_F(Logger, LinesOfManyThreadsAreNeverTorn) {
   for (const auto& [logger, count] : next) EXPECT_EQ(count, kLines) << logger;
 }
 
-TEST_F(Logger, AFileThatMayNotBeUsedIsRefusedWithAWarningAndLoggingGoesOn) {
-  const TemporaryDirectory elsewhere;
-  const std::string target = elsewhere.Write("target", "precious");
-  std::filesystem::create_symlink(target, _directory.Path("link"));
-  std::filesystem::create_symlink(elsewhere.GetPath(), _directory.Path("linked"));
-  std::filesystem::create_directories(_directory.Path("directory"));
-  ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
-  for (const std::string& file :
-       {elsewhere.Path("new"), std::string("../new"), _directory.Path("../new"), _directory.Path("linked/new"),
-        std::string("link"), std::string("pipe"), std::string("directory"), std::string("..")}) {
-    CapturedOutput output(STDOUT_FILENO);
-    Configure({{"log.file", file}});
-    _log->Error("goes on");
-    const std::vector<std::string> lines = WithoutTimes(output.Finish());
-    EXPECT_THAT(lines, ElementsAre(testing::AllOf(testing::StartsWith("WARNING Logger: "), HasSubstr("'" + file + "'"),
-                                                  EndsWith(" (log.file of group 'Log')")),
-                                   "ERROR Test: goes on"));
-  }
-  EXPECT_EQ(elsewhere.Read("target"), "precious");
-  EXPECT_FALSE(elsewhere.Has("new"));
-}
-
-TEST_F(Logger, TheRotationMayBePointedAtAFileLater) {
-  Log::ModifyLogRotateConf("tavix.log", "Log");
-  _log->Error("first");
-  Log::ModifyLogRotateConf("tavix.log", "Log");
-  _log->Error("second");
-  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")), ElementsAre("ERROR Test: first", "ERROR Test: second"));
-}
-
-TEST_F(Logger, TheRotationFollowsTheLastFile) {
-  Log::ModifyLogRotateConf("first.log", "Log");
-  Log::ModifyLogRotateConf("second.log", "Log");
-  _log->Error("second");
-  EXPECT_EQ(_directory.Read("first.log"), "");
-  EXPECT_THAT(WithoutTimes(_directory.Read("second.log")), ElementsAre("ERROR Test: second"));
-}
-
-TEST_F(Logger, AFileThatIsRefusedLaterLeavesTheOneBefore) {
-  Log::ModifyLogRotateConf("first.log", "Log");
-  for (const char* file : {"/etc/second.log", "gone/second.log", ""}) Log::ModifyLogRotateConf(file, "Log");
-  _log->Error("goes on");
-  const std::vector<std::string> lines = WrittenLines();
-  EXPECT_THAT(lines, ElementsAre(HasSubstr("/etc/second.log"), HasSubstr("gone/second.log"), HasSubstr("''"),
-                                 "ERROR Test: goes on"));
-  EXPECT_EQ(WithoutTimes(_directory.Read("first.log")), lines);
-}
-
-TEST_F(Logger, ALogThatAnUnusableFileWouldCostGoesToStandardError) {
-  CapturedOutput errors(STDERR_FILENO);
-  Configure({{"log.stdout", "false"}, {"log.file", _directory.Path("gone/tavix.log")}});
-  _log->Error("not lost");
-  EXPECT_THAT(WithoutTimes(errors.Finish()),
-              ElementsAre(HasSubstr("WARNING Logger: Failed to open log file '"), "ERROR Test: not lost"));
-}
-
-TEST_F(Logger, ALogToNothingIsLeftThatWay) {
-  CapturedOutput errors(STDERR_FILENO);
-  Configure({{"log.stdout", "false"}});
-  _log->Error("nobody wants it");
-  EXPECT_EQ(errors.Finish(), "");
-}
-
-TEST_F(Logger, AReconfigurationWhoseFileCanNotBeUsedChangesNothing) {
-  Configure({{"log.level", "4"}, {"log.file", "first.log"}});
-  const std::string gone = _directory.Path("gone/tavix.log");
-  const IniFile settings(IniFile::GroupMap{{"Log", {{"log.level", "8"}, {"log.file", gone}}}});
-  EXPECT_THAT([&] { Log::ReconfigureLogging(settings, "Log"); },
-              testing::ThrowsMessage<tavix::osa::Exception>("Failed to open log file '" + gone +
-                                                            "': No such file or directory"));
-  _log->Trace("not seen");
-  _log->Warning("as before");
-  EXPECT_THAT(WithoutTimes(_directory.Read("first.log")), ElementsAre("WARNING Test: as before"));
-  EXPECT_THAT(WrittenLines(), ElementsAre("WARNING Test: as before"));
-}
-
-TEST_F(Logger, AReconfigurationIsAConfigurationOtherwise) {
-  const IniFile settings(IniFile::GroupMap{
-      {"Log", {{"log.level", "8"}, {"log.syslog", "false"}, {"log.stdout", "true"}, {"log.file", "tavix.log"}}}});
-  Log::ReconfigureLogging(settings, "Log");
-  _log->Trace("both");
-  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")), ElementsAre("TRACE Test: both"));
-  EXPECT_THAT(WrittenLines(), ElementsAre("TRACE Test: both"));
-}
-
 TEST_F(Logger, LinesThatAnOutputCouldNotTakeAreCountedThere) {
   StalledPipe pipe(STDERR_FILENO);
   Configure({{"log.stderr", "true"}});
@@ -526,47 +345,14 @@ TEST_F(Logger, AnOutputIsToldOfLostLinesBeforeItGoes) {
               ElementsAre("WARNING Logger: lines lost here, because the output took no more: 1"));
 }
 
-TEST_F(Logger, LinesThatAFullDiskCostAreCountedInTheFile) {
-  Configure({{"log.file", "tavix.log"}});
-  _log->Error("before");
-  {
-    const FullDevice full(_directory.Read("tavix.log").size());
-    _log->Error("lost");
-  }
-  _log->Error("after");
-  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")),
-              ElementsAre("ERROR Test: before", "WARNING Logger: lines lost here, because the output took no more: 1",
-                          "ERROR Test: after"));
-}
-
-TEST_F(Logger, TheLogFileIsRotatedAtOneMebibyteWithThreeOldFiles) {
-  Configure({{"log.file", "tavix.log"}, {"log.stdout", "false"}});
-  const std::string filler(950, 'x');
-  for (int i = 0; i < 6000; ++i) _log->Error("%d %s", i, filler.c_str());
-  for (const char* old : {"tavix.log.1", "tavix.log.2", "tavix.log.3"}) {
-    const std::string text = _directory.Read(old);
-    EXPECT_LE(text.size(), 1024u * 1024) << old;
-    EXPECT_GE(text.size(), 1023u * 1024) << old;
-  }
-  EXPECT_FALSE(_directory.Has("tavix.log.4"));
-  EXPECT_THAT(_directory.Read("tavix.log"), HasSubstr("ERROR Test: 5999 "));
-}
-
-TEST_F(Logger, TheDirectoryOfLogFilesMayBeGivenWithSlashesAtItsEnd) {
-  Log::SetLogFileDirectory(_directory.GetPath() + "//");
-  Configure({{"log.file", _directory.Path("tavix.log")}, {"log.stdout", "false"}});
-  _log->Error("there");
-  EXPECT_THAT(WithoutTimes(_directory.Read("tavix.log")), ElementsAre("ERROR Test: there"));
-}
-
-class Failing : public tavix::osa::Runnable {
+class Failing : public osa::Runnable {
  public:
-  void Run() override { throw tavix::osa::Exception("it broke"); }
+  void Run() override { throw osa::Exception("it broke"); }
 };
 
 TEST_F(Logger, AThreadsExceptionIsLogged) {
   Failing failing;
-  tavix::osa::Thread thread("LocalConnection", &failing, 32768, 0);
+  osa::Thread thread("LocalConnection", &failing, 32768, 0);
   thread.Run();
   thread.Join();
   EXPECT_THAT(WrittenLines(), ElementsAre("ERROR Thread: thread 'LocalConnection' ended by an exception: it broke"));
@@ -626,3 +412,5 @@ TEST_F(Logger, NoticeIsWrittenAtItsLevel) {
 }
 
 }  // namespace
+
+}  // namespace tavix::test
