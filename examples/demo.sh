@@ -9,6 +9,8 @@ set -euo pipefail
 
 # Seconds that any one command or line, or the daemon's exit, may take. A machine that is busy with a build may be slow.
 readonly limit=60
+# And how long the command waits for the daemon, which waits for the disk.
+readonly patience=50
 
 daemon=''
 command=''
@@ -104,7 +106,7 @@ expect() {
   local wanted_status=$1 wanted=$2 status=0 printed
   shift 2
   show_command "$@"
-  printed=$(timeout "$limit" "$command" -t "$limit" "$@" 2>&1 </dev/null) || status=$?
+  printed=$(timeout "$limit" "$command" -t "$patience" "$@" 2>&1 </dev/null) || status=$?
   if [[ $printed ]]; then printf '%s\n' "$printed"; fi
   if ((status == 124)); then fail "the command took more than $limit s"; fi
   if [[ $printed != "$wanted" ]]; then fail "expected '$wanted'"; fi
@@ -114,7 +116,7 @@ expect() {
 # start_watch WORD...: in the background, its output on a fifo.
 start_watch() {
   show_command "$@" '&'
-  "$command" -t "$limit" "$@" >"$temp/watch.out" 2>>"$temp/watch.log" </dev/null &
+  "$command" -t "$patience" "$@" >"$temp/watch.out" 2>>"$temp/watch.log" </dev/null &
   watch_pid=$!
   exec {watch_out}<"$temp/watch.out"
 }

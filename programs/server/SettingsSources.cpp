@@ -31,7 +31,7 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
-constexpr std::chrono::seconds kMostForALine{3};  // with what comes before, less than the unit's TimeoutStopSec
+constexpr std::chrono::seconds kMostForALine{3};  // of the 5 s beside --stop-timeout; connections may take the others
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <string>
 #include <thread>
 
 namespace tavix::test {

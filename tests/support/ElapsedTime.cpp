@@ -30,7 +30,7 @@ class StandstillMeter {
  private:
   void Measure() {
     constexpr std::chrono::milliseconds kSleep{10};
-    constexpr long kUsual = 50;  // on a busy machine
+    constexpr long kUsual = 250;  // and less, on a busy machine
     std::unique_lock<std::mutex> lock(_mutex);
     while (!_stop) {
       const long slept = MillisecondsOf([&] { _changed.wait_for(lock, kSleep); });

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "tests/support/BackgroundCall.h"
 
@@ -47,30 +48,30 @@ std::vector<pid_t> FindThreads(const std::string& name) {
   return found;
 }
 
-bool AwaitSameLook(const std::function<std::string()>& look, int times) {
+void AwaitSameLook(const std::function<std::string()>& look, int times) {
   std::string last;
   int same = 0;
-  return Eventually([&] {
+  const bool isSame = Eventually([&] {
     const std::string now = look();
     same = now.empty() || now != last ? 1 : same + 1;
     last = now;
     return !now.empty() && same >= times;
   });
+  if (!isSame) throw std::runtime_error("What is waited for does not come to rest");
 }
 
 std::string LookAtThread(pid_t thread) {
   return SleepOf(fs::path(kOwnTasks) / std::to_string(thread));
 }
 
-// It may sleep for a moment on its way, for a lock of the allocator for example: the very same sleep must last.
-bool AwaitAsleep(pid_t thread) {
-  return AwaitSameLook([&] { return LookAtThread(thread); }, kLooksAtOne);
+void AwaitAsleep(pid_t thread) {
+  AwaitSameLook([&] { return LookAtThread(thread); }, kLooksAtOne);
 }
 
 // What one of them waits for on its way is another one that runs. Between the two looks, all slept at one time.
-bool AwaitAllAsleep(pid_t process) {
+void AwaitAllAsleep(pid_t process) {
   const fs::path tasks = "/proc/" + std::to_string(process) + "/task";
-  return AwaitSameLook([&] { return SleepOfAll(tasks); }, 2);
+  AwaitSameLook([&] { return SleepOfAll(tasks); }, 2);
 }
 
 }  // namespace tavix::test

@@ -243,7 +243,7 @@ void EventLoop::End(Connection* connection) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }
-  CountOneLess();  // first: who sees its connection end may want another one at once
+  CountOneLess();  // first: whose connection is closed here may come again at once
   _connections.erase(connection);
 }
 

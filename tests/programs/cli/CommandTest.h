@@ -112,7 +112,7 @@ class CommandTest : public testing::Test {
   }
 
   static constexpr char kTimeout[] = "-t";
-  static constexpr char kSeconds[] = "100";
+  static constexpr char kSeconds[] = "80";
 
   const TemporaryDirectory _directory;
   const Daemon _daemon;

@@ -1,7 +1,4 @@
-#include <functional>
-
 #include "tests/programs/cli/CommandTest.h"
-#include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/RunLength.h"

@@ -88,7 +88,7 @@ class DocumentTerminal {
   // the silence of a busy machine's daemon for longer than usual.
   static Variables MakeEnvironment(const TemporaryDirectory& tools, const std::string& idFile,
                                    const std::optional<std::string>& server) {
-    WriteProgram(tools.Path("tavix-settings"), "'" TAVIX_CLI_PROGRAM "' -t 100");
+    WriteProgram(tools.Path("tavix-settings"), "'" TAVIX_CLI_PROGRAM "' -t 80");
     WriteProgram(tools.Path("tavix-settings-server"), "'" TAVIX_SERVER_PROGRAM "'");
     return {{"PATH", tools.GetPath() + ":/usr/bin:/bin"},
             {"TERMINAL_ID_FILE", idFile},

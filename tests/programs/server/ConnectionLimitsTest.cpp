@@ -84,6 +84,12 @@ TEST(ConnectionLimits, OneConnectionMoreThanTheMostIsClosedAtOnceAndAFreedPlaceI
   EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
 }
 
+TEST(ConnectionLimits, PlaceIsFreeWhenItsClientSeesTheEnd) {
+  const TemporaryDirectory directory;
+  const Daemon daemon(directory, {"--max-connections", "1"});
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(Converse(daemon.GetPort(), "get delimited\n.\nquit\n"), "data\n.\n") << i;
+}
+
 TEST(ConnectionLimits, ConnectionsLeaveTheDescriptorsThatASaveNeeds) {
   const TemporaryDirectory directory;
   Daemon daemon(directory, {"--user-settings", "user.ini"}, {64, {}});

@@ -12,8 +12,8 @@
 namespace tavix::test {
 
 // The daemon in a directory, on a port of loopback that the kernel picks. Arguments name files relative to the
-// directory. At its end it has all the time that a busy disk needs, and of what is installed on the machine it reads
-// nothing, unless they say otherwise.
+// directory. At its end it has the time that a busy disk needs, and it reads no settings that are installed on the
+// machine, unless they say otherwise.
 class Daemon : public DaemonProcess {
  public:
   explicit Daemon(const TemporaryDirectory& directory, const std::vector<std::string>& arguments = {},
@@ -22,9 +22,8 @@ class Daemon : public DaemonProcess {
 
  private:
   static std::vector<std::string> Complete(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(),
-                     {"--config", "/dev/null", "--defaults-dir", "nothing-installed", "--restricted-dir",
-                      "nothing-installed", "--stop-timeout", std::to_string(kPatience.count())});
+    arguments.insert(arguments.begin(), {"--defaults-dir", "nothing-installed", "--restricted-dir", "nothing-installed",
+                                         "--stop-timeout", std::to_string(kPatience.count() / 2)});
     arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     return arguments;
   }

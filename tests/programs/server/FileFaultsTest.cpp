@@ -135,7 +135,8 @@ class FaultyDaemon {
       std::ifstream file(task.path() / "stat");
       std::string text;
       std::getline(file, text);
-      return text.compare(text.rfind(')'), 3, ") T") == 0;
+      const size_t name = text.rfind(')');
+      return name != std::string::npos && text.compare(name, 3, ") T") == 0;
     });
   }
 

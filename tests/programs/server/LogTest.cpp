@@ -23,9 +23,11 @@ class Log : public testing::Test {
 class StalledDaemon : public DaemonProcess {
  public:
   explicit StalledDaemon(const TemporaryDirectory& directory)
-      : DaemonProcess("/bin/sh", directory.GetPath(),
-                      {"-c", "mkfifo -m 0600 errors; exec 3<>errors; exec \"$0\" --listen 127.0.0.1:0 2>errors",
-                       TAVIX_SERVER_PROGRAM}) {}
+      : DaemonProcess(
+            "/bin/sh", directory.GetPath(),
+            {"-c",
+             "mkfifo -m 0600 errors; exec 3<>errors; exec \"$0\" --config /dev/null --listen 127.0.0.1:0 2>errors",
+             TAVIX_SERVER_PROGRAM}) {}
 };
 
 std::string ManyUnknownCommands() {
@@ -68,7 +70,7 @@ TEST_F(Log, PipeThatNobodyReadsDoesNotHoldUpAStartThatFails) {
   DaemonProcess daemon("/bin/sh", _directory.GetPath(),
                        {"-c",
                         "mkfifo errors; exec 3<>errors; dd if=/dev/zero of=errors bs=4096 oflag=nonblock; "
-                        "exec \"$0\" --listen 0.0.0.0:0 2>errors",
+                        "exec \"$0\" --config /dev/null --listen 0.0.0.0:0 2>errors",
                         TAVIX_SERVER_PROGRAM});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
 }

@@ -48,6 +48,19 @@ TEST(OperationsDocument, NamesEveryReason) {
     EXPECT_THAT(document, HasSubstr("`" + std::string(NameOf(static_cast<daemon::CutReason>(i))) + "`"));
 }
 
+// Else the daemon is killed before it can say what is lost.
+TEST(OperationsDocument, WhoeverStopsTheDaemonHasMorePatienceThanItNeeds) {
+  const std::vector<std::pair<std::string, std::string>> limits{
+      {"systemd/tavix-settings-server.service", "\nTimeoutStopSec=([0-9]+)\n"},
+      {"init.d/tavix-settings-server", "STOP_SECONDS:=([0-9]+)\\}"}};
+  for (const auto& [name, pattern] : limits) {
+    const std::string text = ReadDocument("../packaging/" + name);
+    std::smatch limit;
+    ASSERT_TRUE(std::regex_search(text, limit, std::regex(pattern))) << name;
+    EXPECT_GE(std::stoul(limit[1]), daemon::Options().stopSeconds + 5) << name;
+  }
+}
+
 TEST(OperationsDocument, ManualPageNamesEveryOption) {
   const std::string page = ReadDocument("man/tavix-settings-server.8.scd");
   for (const daemon::OptionEntry& option : daemon::GetOptionTable())

@@ -22,6 +22,7 @@
 #include "tests/support/LogOf.h"
 #include "tests/support/OwnSockets.h"
 #include "tests/support/RecordingCallback.h"
+#include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Threads.h"
@@ -41,6 +42,7 @@ using tavix::test::Eventually;
 using tavix::test::FillOutput;
 using tavix::test::FindConnectionsTo;
 using tavix::test::FindThreads;
+using tavix::test::IsLongRun;
 using tavix::test::ListeningSocket;
 using tavix::test::LogOf;
 using tavix::test::RecordingCallback;
@@ -69,7 +71,7 @@ void ExpectNoThreads(const std::string& name) {
 
 // What ends for another reason than the destructor's own takes ten seconds, the limit of a write, or for ever.
 void ExpectEndInTime(Client& client) {
-  EXPECT_LT(ElapsedTime([&] { client.reset(); }).undisturbed, 9000);
+  EXPECT_LT(ElapsedTime([&] { client.reset(); }).undisturbed, IsLongRun() ? 3000 : 9000);
 }
 
 void ExpectQuickEnd(Client& client) {
