@@ -114,8 +114,7 @@ void UserSettingsPersister::Append(const Change& change) {
     } else {
       OpenJournal(change);
     }
-    const bool isLong = _journal->GetEnd() > std::max<uint64_t>(_snapshotBytes, kLeastJournal);
-    if (isLong && !_keepsChanges) AskForSnapshot();
+    if (!_keepsChanges) AskForSnapshotIfLong();
     if (_durability.kind != Durability::Kind::kNone) _wakeSync.notify_one();
   } catch (const std::exception& exception) {
     Fail(ReasonOf(exception));
@@ -301,6 +300,7 @@ void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, D
       if (next) next->Begin();
       _journal = next;
       Follow(snapshot, bytes, ticket);
+      if (next) AskForSnapshotIfLong();  // so much was changed meanwhile
     });
     if (next && _durability.kind == Durability::Kind::kNone) next->TakePlace();
   } catch (const std::exception& exception) {
@@ -415,6 +415,10 @@ void UserSettingsPersister::SayThatAllIsWell() {
 void UserSettingsPersister::AskForSnapshot() {
   _snapshotIsAsked = true;
   _wakeSnapshot.notify_one();
+}
+
+void UserSettingsPersister::AskForSnapshotIfLong() {
+  if (_journal->GetEnd() > std::max<uint64_t>(_snapshotBytes, kLeastJournal)) AskForSnapshot();
 }
 
 void UserSettingsPersister::TryLater() {

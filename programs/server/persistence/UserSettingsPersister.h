@@ -108,6 +108,7 @@ class UserSettingsPersister {
   void TellSinceWhenUnsaved(std::time_t since);
   void LetGoUnlessAlways();
   void AskForSnapshot();
+  void AskForSnapshotIfLong();
   void SayThatAllIsWell();
   void Fail(const char* reason);
   void FailSnapshot(const char* reason);

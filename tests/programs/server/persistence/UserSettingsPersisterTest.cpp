@@ -268,6 +268,18 @@ TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptAndNeedNoOther
   EXPECT_EQ(CountSnapshots(files), 2u);
 }
 
+// The next journal is long from its beginning. Nobody has to change anything more.
+TEST_F(Persister, MuchThatIsChangedWhileASnapshotIsWrittenTakesAnotherOne) {
+  PersistedStore store(_files, kAlways);
+  const size_t before = CountSnapshots(_files);
+  Stop snapshot(_files, Kind::kSync, "user.ini.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  snapshot.Await();
+  store.Merge("[Larger]\nx=" + std::string(90 * 1000, 'x') + "\n");
+  snapshot.GoOn();
+  EXPECT_TRUE(Eventually([&] { return CountSnapshots(_files) == before + 2; }));
+}
+
 // However many there are, and however long they are together.
 TEST_F(Persister, ChangesThatAreMadeWhileASnapshotIsWrittenAreKeptOnceForEachGroup) {
   PersistedStore store(_files, kAlways);
