@@ -14,7 +14,6 @@
 #include "tests/support/Environment.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
-#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -30,7 +29,6 @@ using tavix::test::RecordingCallback;
 using tavix::test::ScopedEnvironment;
 using tavix::test::ScriptedServer;
 using tavix::test::ServerEnd;
-using tavix::test::TemporaryDirectory;
 using tavix::test::TextOf;
 using Mode = TavixSettingsClient::OperationMode;
 using Groups = std::set<std::string>;
@@ -73,60 +71,6 @@ TEST_F(TavixSettingsClientTest, AnUnknownModeIsRefused) {
     EXPECT_THAT([&] { TavixSettingsClient client(ModeOf(number), IniFile()); },
                 testing::ThrowsMessage<Exception>("Invalid or unsupported operation mode"));
   }
-}
-
-TEST_F(TavixSettingsClientTest, AnEmptyOverrideMakesEveryClientLocalAndLoadsNothing) {
-  const ScopedEnvironment override(kOverride, "");
-  for (const int number : {0, 1, 2, 3, 4, 5, 7, -1}) {
-    RecordingCallback callback;
-    TavixSettingsClient client(ModeOf(number));
-    EXPECT_EQ(AllOf(client), "") << number;
-    client.Subscribe(&callback, "A");
-    client.SetValue("[A]x", "1");
-    EXPECT_EQ(callback.GetChanges().size(), 1u) << number;  // on this thread: no connection has been on the way
-  }
-}
-
-TEST_F(TavixSettingsClientTest, AnEmptyOverrideKeepsTheDefaultsGiven) {
-  const ScopedEnvironment override(kOverride, "");
-  const TavixSettingsClient client(TavixSettingsClient::MultiThreaded, DocumentOf("[A]\nx=1\n"));
-  EXPECT_EQ(AllOf(client), "[A]\nx=1\n");
-}
-
-TEST_F(TavixSettingsClientTest, TheFileOfTheOverrideIsLoadedOverTheDefaults) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.Write("local.ini", "[A]\nx=2\n[B]\nz=3\n");
-  const ScopedEnvironment override(kOverride, path.c_str());
-  const TavixSettingsClient client(ModeOf(7), DocumentOf("[A]\nx=1\ny=1\n"));
-  EXPECT_EQ(AllOf(client), "[A]\nx=2\ny=1\n[B]\nz=3\n");
-  const TavixSettingsClient withoutDefaults(TavixSettingsClient::SingleThreaded);
-  EXPECT_EQ(AllOf(withoutDefaults), "[A]\nx=2\n[B]\nz=3\n");
-}
-
-TEST_F(TavixSettingsClientTest, TheFileOfTheOverrideIsNeverWritten) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.Write("local.ini", "[A]\nx=2\n");
-  const ScopedEnvironment override(kOverride, path.c_str());
-  TavixSettingsClient(TavixSettingsClient::Local).SetValue("[A]x", "3");
-  EXPECT_EQ(directory.Read("local.ini"), "[A]\nx=2\n");
-}
-
-TEST_F(TavixSettingsClientTest, AFileOfTheOverrideThatCannotBeLoadedFailsTheConstructor) {
-  const TemporaryDirectory directory;
-  const std::string missing = directory.Path("missing.ini");
-  const std::string broken = directory.Write("broken.ini", "[A]\nno setting\n");
-  for (const auto& [path, text] : {std::pair(missing, std::string("No such file")), std::pair(broken, broken + ":2")}) {
-    const ScopedEnvironment override(kOverride, path.c_str());
-    EXPECT_THAT([] { TavixSettingsClient client(TavixSettingsClient::Local); },
-                testing::ThrowsMessage<Exception>(testing::HasSubstr(text)));
-  }
-}
-
-TEST_F(TavixSettingsClientTest, TheOverrideIsReadWhenAClientIsMade) {
-  TavixSettingsClient before(TavixSettingsClient::SingleThreadedLocalConnection);
-  const ScopedEnvironment override(kOverride, "");
-  RecordingCallback callback;
-  EXPECT_THROW(before.Subscribe(&callback, "A"), Exception);
 }
 
 TEST_F(TavixSettingsClientTest, ALocalClientCopiesItsDefaults) {
