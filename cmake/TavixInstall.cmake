@@ -45,6 +45,7 @@ install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targe
 set(internal_headers
     tavix/settings/PendingChanges.h
     tavix/settings/Subscription.h
+    tavix/settings/common/PreparedMatcher.h
     tavix/settings/server/ClientHandlerDispatcher.h
     tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h

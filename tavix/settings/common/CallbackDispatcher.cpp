@@ -52,6 +52,36 @@ void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) cons
   }
 }
 
+size_t CallbackDispatcher::CountSubscriptionBytes() const {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  size_t bytes = 0;
+  for (const auto& entry : _callbacks) {
+    for (const std::string& name : entry.second.GetNames()) bytes += name.size();
+    for (const std::string& pattern : entry.second.GetPatterns()) bytes += pattern.size();
+  }
+  return bytes;
+}
+
+bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const {
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  return WouldExceedMaxAlikePatterns(matcher);
+}
+
+bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const {
+  const size_t max = _maxAlikePatterns.load(std::memory_order_relaxed);
+  if (max == 0) return false;
+  std::set<std::string> all;
+  GetAllSubscribedGroups(all);
+  all.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
+  std::map<std::string, size_t> alike;
+  for (const std::string& pattern : all) {
+    const size_t star = pattern.find('*');
+    if (star != std::string::npos && ++alike[pattern.substr(0, star)] > max) return true;
+  }
+  return false;
+}
+
 void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
   MutexAutoLock lock(&_mutex, kWaitForever, true);
   _callbacks.erase(cb);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <map>
 #include <set>
 #include <string>
@@ -35,6 +37,17 @@ class TAVIX_EXPORT CallbackDispatcher {
   // Adds all names and patterns of all subscriptions to "out", which is not cleared.
   void GetAllSubscribedGroups(std::set<std::string>& out) const;
 
+  // The bytes of the names and patterns of all subscriptions together.
+  size_t CountSubscriptionBytes() const;
+
+  // How many different patterns may be so alike that each of them has to be tried on the same names. 0: any number.
+  // Subscriptions are not refused because of it: callers ask before they subscribe.
+  void SetMaxAlikePatterns(size_t max) { _maxAlikePatterns.store(max, std::memory_order_relaxed); }
+
+  // Whether more patterns than that would be alike with these as well.
+  bool WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const;
+  bool WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const;
+
   // Returns once no call of "cb" is under way, and none follows. An unknown callback is ignored.
   void RemoveCallback(IChangeCallback* cb);
 
@@ -43,6 +56,8 @@ class TAVIX_EXPORT CallbackDispatcher {
 
   mutable osa::Mutex _mutex;  // guards what follows; held while callbacks run
   std::map<IChangeCallback*, GroupNameMatcher> _callbacks;
+
+  std::atomic<size_t> _maxAlikePatterns{0};
 };
 
 }  // namespace tavix::settings::common

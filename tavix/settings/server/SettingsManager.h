@@ -128,6 +128,12 @@ class TAVIX_EXPORT SettingsManager {
   // Adds the names and patterns of all subscribers to "out".
   void GetAllSubscribedGroups(std::set<std::string>& out) const;
 
+  // For questions about the subscriptions.
+  const common::CallbackDispatcher& GetDispatcher() const { return _callbackDispatcher; }
+
+  // CallbackDispatcher::SetMaxAlikePatterns, before the store has subscribers.
+  void SetMaxAlikePatterns(size_t max) { _callbackDispatcher.SetMaxAlikePatterns(max); }
+
   // Held during every notification. Whoever must take a lock that callbacks take, and then the dispatcher's, takes this
   // one before both; it comes before every other lock.
   osa::Mutex& GetNotificationGate() const { return _notificationGate; }
