@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "programs/server/SettingsSources.h"
+#include "programs/server/connections/LogPeer.h"
 #include "programs/server/system/Signals.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
@@ -29,6 +30,10 @@ core::Logger* Log() {
 constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
 constexpr rlim_t kDescriptorsOfALoop = 2;
 constexpr int kPause = 100;  // milliseconds
+constexpr int kAcceptsInARow = 64;
+constexpr size_t kFirstListener = 3;  // of what is watched
+constexpr std::chrono::milliseconds kMaxWaitForPlace{1000};
+const std::string kAnybody = "all peers";  // for the log, before it is known who connects
 
 // Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
 // the process then has descriptors for.
@@ -65,6 +70,15 @@ void EndProcess() {
   kill(getpid(), SIGTERM);
 }
 
+// False when it was interrupted. A process that may have fewer descriptors than it watches waits for the first alone,
+// and tries the others.
+bool Wait(std::vector<pollfd>& watched, int timeout) {
+  if (poll(watched.data(), watched.size(), timeout) >= 0) return true;
+  if (errno == EINTR || poll(watched.data(), 1, kPause) < 0) return false;
+  for (size_t i = 1; i < watched.size(); ++i) watched[i].revents = POLLIN;
+  return true;
+}
+
 int OpenSpare() {
   return open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
@@ -75,12 +89,14 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
     : _allowedUsers(options.allowedUsers),
       _counters(counters),
       _limits(WithinDescriptors(options.limits, options.loops)),
+      _places(_limits.connections),
       _messageHolder(store.GetGate()),
       _env(EnvironmentOf(store, _serializationManager, _limits, _messageHolder)),
       _bounds{SharedBound(_limits.allRequestBytes), SharedBound(_limits.allBacklogBytes)},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
-  const Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
+  Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
+  shared.places = &_places;
   while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));
 }
 
@@ -96,13 +112,15 @@ std::vector<std::string> Server::GetAddresses() const {
 }
 
 void Server::Run(const Signals& signals, const std::function<void(int)>& onSignal) {
-  std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}};
-  for (const Listener& listener : _listeners) watched.push_back({listener.GetDescriptor(), POLLIN, 0});
   for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
+    std::vector<pollfd> watched = FindWatched(signals);
+    const int timeout = FindTimeout();
     const bool pauses = std::exchange(_mustPause, false);
-    if (poll(watched.data(), pauses ? 1 : watched.size(), pauses ? kPause : -1) < 0) continue;  // EINTR, or no memory
+    if (!Wait(watched, timeout)) continue;
     signal = watched[0].revents ? signals.Take() : 0;
     if (signal != 0) onSignal(signal);
+    if (watched[1].revents) _logLimiter.ReportDue(LogLimiter::Clock::now());
+    if (watched[2].revents) _places.Acknowledge();
     if (!pauses) AcceptFromAll(watched);
   }
   _listeners.clear();
@@ -122,27 +140,82 @@ void Server::EndLoops() {
   _loops.clear();
 }
 
+// Signals, the log's limiter, places, then the listeners. Connections that can't be taken now stay in the queues of
+// listeners, which are then not watched.
+std::vector<pollfd> Server::FindWatched(const Signals& signals) const {
+  std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0},
+                              {_logLimiter.GetDescriptor(), POLLIN, 0},
+                              {_places.GetDescriptor(), POLLIN, 0}};
+  const bool accepts = !_mustPause && _entry != Entry::kWaiting;
+  for (const Listener& listener : _listeners) watched.push_back({accepts ? listener.GetDescriptor() : -1, POLLIN, 0});
+  return watched;
+}
+
+// In milliseconds.
+int Server::FindTimeout() const {
+  if (_mustPause) return kPause;
+  if (_entry != Entry::kWaiting) return -1;
+  const auto left = _waitsSince + kMaxWaitForPlace - Clock::now();
+  return std::max(0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+}
+
 void Server::AcceptFromAll(const std::vector<pollfd>& watched) {
+  const bool tries = _entry == Entry::kWaiting;
   for (size_t i = 0; i < _listeners.size(); ++i) {
-    if (watched[i + 1].revents) AcceptFrom(_listeners[i]);
+    if (tries || watched[kFirstListener + i].revents) AcceptFrom(_listeners[i]);
   }
 }
 
 void Server::AcceptFrom(const Listener& listener) {
+  for (int i = 0; i < kAcceptsInARow; ++i) {
+    if (!_places.Take()) {
+      if (i == 0) OnNoPlace(listener);  // else nobody may be waiting
+      return;
+    }
+    _entry = Entry::kOpen;
+    if (!AcceptOne(listener)) return;
+  }
+}
+
+// With a place for it. Returns whether there may be another connection.
+bool Server::AcceptOne(const Listener& listener) {
   Descriptor descriptor(listener.Accept());
   if (!descriptor) {
-    const bool isGone = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
-    if (!isGone && !RefuseOne(listener)) _mustPause = true;
-    return;
+    const int error = errno;
+    _places.Free();
+    const bool isGone = error == EAGAIN || error == EINTR || error == ECONNABORTED;
+    if (!isGone && !RefuseOne(listener, error)) _mustPause = true;
+    return isGone && error != EAGAIN;
   }
-  if (CountConnections() >= _limits.connections) {
-    _counters.Count(Refusal::kTooMany);
-    Log()->Warning("Connection refused: %zu are served already", _limits.connections);
-    return;
+  if (!MayEnter(descriptor.Get(), listener)) {
+    _places.Free();
+    return true;
   }
-  if (!MayEnter(descriptor.Get(), listener)) return;
   _counters.accepted.Add();
   FindLeastBusy().Add(std::move(descriptor));
+  return true;
+}
+
+void Server::OnNoPlace(const Listener& listener) {
+  const auto now = Clock::now();
+  if (_entry == Entry::kOpen) {
+    _entry = Entry::kWaiting;
+    _waitsSince = now;
+  } else if (_entry == Entry::kWaiting && now - _waitsSince >= kMaxWaitForPlace) {
+    _entry = Entry::kRefusing;
+  }
+  if (_entry == Entry::kRefusing) RefuseQueue(listener);
+}
+
+void Server::RefuseQueue(const Listener& listener) const {
+  for (int i = 0; i < kAcceptsInARow; ++i) {
+    const Descriptor descriptor(listener.Accept());
+    if (!descriptor) return;
+    const std::string name = PeerWithoutPort(descriptor.Get());
+    const LogPeer peer(name);
+    _counters.Count(Refusal::kTooMany);
+    Log()->Warning("Connection refused: %zu are served already", _limits.connections);
+  }
 }
 
 // The permissions of a unix socket's file have let the process in already.
@@ -151,14 +224,17 @@ bool Server::MayEnter(int descriptor, const Listener& listener) const {
   const std::optional<ucred> peer = FindPeerProcess(descriptor);
   if (peer && std::count(_allowedUsers.begin(), _allowedUsers.end(), peer->uid) > 0) return true;
   _counters.Count(Refusal::kUser);
+  const std::string name = PeerWithoutPort(descriptor);
+  const LogPeer logPeer(name);
   Log()->Warning("Connection refused: %s is not allowed", PeerName(descriptor).c_str());
   return false;
 }
 
 // Without a free descriptor a connection can't even be refused, and would keep the listener readable for ever. False
 // when it could not be refused either.
-bool Server::RefuseOne(const Listener& listener) {
-  Log()->Warning("Connection refused: %s", std::strerror(errno));
+bool Server::RefuseOne(const Listener& listener, int error) {
+  const LogPeer peer(kAnybody);
+  Log()->Warning("Connection refused: %s", std::strerror(error));
   _counters.Count(Refusal::kDescriptors);
   if (_spare >= 0) close(_spare);
   const int descriptor = listener.Accept();
@@ -170,12 +246,6 @@ bool Server::RefuseOne(const Listener& listener) {
 EventLoop& Server::FindLeastBusy() const {
   const auto isLessBusy = [](const auto& a, const auto& b) { return a->CountConnections() < b->CountConnections(); };
   return **std::min_element(_loops.begin(), _loops.end(), isLessBusy);
-}
-
-size_t Server::CountConnections() const {
-  size_t count = 0;
-  for (const auto& loop : _loops) count += loop->CountConnections();
-  return count;
 }
 
 }  // namespace tavix::daemon

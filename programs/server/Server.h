@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -12,7 +13,9 @@
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/Listener.h"
+#include "programs/server/connections/LogLimiter.h"
 #include "programs/server/connections/MessageHolder.h"
+#include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
@@ -50,17 +53,33 @@ class Server {
   void Probe();
 
  private:
+  using Clock = std::chrono::steady_clock;
+
+  // A connection that finds no place waits for one: peers that come and reset at once have places until their loops
+  // have seen it. When none was freed for long, connections are refused until there is one again.
+  enum class Entry {
+    kOpen,      // there are places, as far as is known
+    kWaiting,   // connections wait in the listeners' queues
+    kRefusing,  // they are refused
+  };
+
+  std::vector<pollfd> FindWatched(const Signals& signals) const;
+  int FindTimeout() const;
   void AcceptFromAll(const std::vector<pollfd>& watched);
   void AcceptFrom(const Listener& listener);
+  bool AcceptOne(const Listener& listener);
+  void OnNoPlace(const Listener& listener);
+  void RefuseQueue(const Listener& listener) const;
   bool MayEnter(int descriptor, const Listener& listener) const;
-  bool RefuseOne(const Listener& listener);
+  bool RefuseOne(const Listener& listener, int error);
   EventLoop& FindLeastBusy() const;
-  size_t CountConnections() const;
   void EndLoops();
 
   const std::vector<uid_t> _allowedUsers;  // on unix sockets; empty: all
   Counters& _counters;
+  LogLimiter _logLimiter;
   const Limits _limits;  // with as many connections as there are descriptors for
+  Places _places;
   settings::server::SerializationManager _serializationManager;
   MessageHolder _messageHolder;
   settings::server::ServerEnv _env;
@@ -68,7 +87,9 @@ class Server {
   std::vector<Listener> _listeners;
   int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
   bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
-  std::mutex _probeMutex;   // held while loops are probed, and while they end
+  Entry _entry = Entry::kOpen;
+  Clock::time_point _waitsSince{};  // for a place
+  std::mutex _probeMutex;           // held while loops are probed, and while they end
   std::vector<std::unique_ptr<EventLoop>> _loops;
 };
 

@@ -108,6 +108,7 @@ void IniFile::LoadFromStream(std::istream& in) {
 
 void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
   SettingsTextReader reader(source);
+  errno = 0;  // streams keep no reason of their own, and an old one would mislead
   reader.ReadStream(in);
   if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
   MergeSettings(reader.TakeDocument());

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/core/LogFilter.h"
 #include "tavix/core/LogOutput.h"
 #include "tavix/core/RotatingLogFile.h"
 #include "tavix/core/SettingsText.h"
@@ -229,6 +230,13 @@ void ReportThreadException(const char* threadName, const char* what) {
   Logger::GetLogger("Thread")->Error("thread '%s' ended by an exception: %s", threadName, what);
 }
 
+std::atomic<LogFilter> g_filter{nullptr};
+
+bool PassesFilter(LogLevel level, const char* format, const std::string& text) {
+  const LogFilter filter = g_filter.load();
+  return !filter || filter(level, format, text);
+}
+
 Log::Log() {
   _outlets.emplace_back(MakeDescriptorOutput(STDERR_FILENO));
   osa::Thread::SetExceptionReporter(ReportThreadException);
@@ -246,9 +254,14 @@ Logger* Logger::GetLogger(const std::string& name) {
 void Logger::LogMessageV(LogLevel level, const char* format, va_list arguments) const {
   if (!IsEnabled(level)) return;
   try {
-    Log::Get().Write(level, PrintableText(_name + ": " + Format(format, arguments), kLongestLine));
+    const std::string text = PrintableText(_name + ": " + Format(format, arguments), kLongestLine);
+    if (PassesFilter(level, format, text)) Log::Get().Write(level, text);
   } catch (...) {  // whoever logs has something better to do than to handle a log that failed
   }
+}
+
+void SetLogFilter(LogFilter filter) {
+  g_filter = filter;
 }
 
 void Logger::ConfigureLogging(const IniFile& settings, const std::string& group) {

@@ -19,7 +19,8 @@ class TAVIX_DAEMON_EXPORT TcpSocket {
   // An unconnected client socket. port: a number for the owner's use; nothing is bound to it.
   explicit TcpSocket(unsigned short port);
 
-  // Takes over a connected descriptor, for example an accepted one, and sets it up as above.
+  // Takes over a connected descriptor, for example an accepted one, and sets it up as above. When it throws, the
+  // descriptor is still the caller's.
   static std::unique_ptr<TcpSocket> Adopt(int descriptor);
 
   ~TcpSocket();

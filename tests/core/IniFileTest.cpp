@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <climits>
 #include <map>
 #include <set>
@@ -465,6 +466,21 @@ TEST(IniFile, AListOfAnyMembersSurvivesSavingAndLoading) {
   IniFile loaded;
   loaded.LoadFromStream(text);
   EXPECT_THAT(Members(loaded, "List"), testing::UnorderedElementsAreArray(members));
+}
+
+// Streams keep no reason of their own, and what failed before has nothing to do with it.
+TEST(IniFile, StreamThatFailsIsNotReportedWithAnOldReason) {
+  struct : std::streambuf {
+    int_type underflow() override { throw std::runtime_error("broken"); }
+  } broken;
+  std::istream in(&broken);
+  errno = ENOENT;
+  try {
+    IniFile().LoadFromStream(in, "reply");
+    FAIL();
+  } catch (const Exception& exception) {
+    EXPECT_STREQ(exception.what(), "Failed to read reply: Input/output error");
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <new>
 #include <utility>
 
+#include "programs/server/connections/LogPeer.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -25,8 +26,7 @@ core::Logger* Log() {
 }
 
 constexpr int kRequestsInATurn = 64;
-constexpr int kMostDropped = 64;  // parts of kDropped bytes
-constexpr size_t kDropped = 64 * 1024;
+constexpr size_t kMaxDropped = 4 * 1024 * 1024;
 
 // As the log says it, before a figure.
 const char* TextOf(CutReason reason) {
@@ -60,17 +60,22 @@ const char* TextOf(CutReason reason) {
   return "";
 }
 
-// "METHOD target HTTP/...": a web page must not be able to write settings.
-bool IsHttpRequestLine(std::string_view request) {
-  const std::string_view line = request.substr(0, request.find_first_of("\r\n"));
-  const size_t first = line.find(' ');
-  const size_t last = line.rfind(' ');
-  return first != std::string_view::npos && first != last && line.substr(last + 1, 5) == "HTTP/";
+// The descriptor has an owner whatever throws.
+std::unique_ptr<osa::TcpSocket> Adopt(Descriptor& descriptor) {
+  std::unique_ptr<osa::TcpSocket> socket = osa::TcpSocket::Adopt(descriptor.Get());
+  descriptor.Release();
+  return socket;
 }
 
-// A TLS client would only wait.
-bool IsTlsHandshake(std::string_view received) {
-  return received.size() >= 2 && received[0] == '\x16' && received[1] == '\x03';
+// Reads what has come, as far as it is there, for nobody. Not every kind of socket drops bytes without a place for
+// them.
+void DropInput(int descriptor) {
+  char bytes[16 * 1024];
+  size_t dropped = 0;
+  for (ssize_t count = 1; count > 0 && dropped < kMaxDropped; dropped += static_cast<size_t>(count)) {
+    count = recv(descriptor, bytes, sizeof bytes, MSG_DONTWAIT);
+    if (count <= 0) return;
+  }
 }
 
 // Ends early enough for the others, however long the requests take. The clock is read where there are more of them
@@ -100,7 +105,7 @@ class Turn {
 }  // namespace
 
 Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
-    : _socket(osa::TcpSocket::Adopt(descriptor.Release())),
+    : _socket(Adopt(descriptor)),
       _descriptor(_socket->GetDescriptor()),
       _poll(poll),
       _wakeLoop(wakeLoop),
@@ -108,6 +113,7 @@ Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shar
       _limits(shared.limits),
       _counters(shared.counters),
       _peer(PeerName(_descriptor)),
+      _logPeer(PeerWithoutPort(_descriptor)),
       _inputPart(shared.bounds.requests, _descriptor),
       _output(std::make_shared<OutputQueue>(
           _descriptor, OutputQueue::Bounds{_limits.hardBacklogBytes, _limits.heldBacklogBytes, shared.bounds.backlog},
@@ -129,8 +135,7 @@ Connection::~Connection() {
   _handler.reset();
   TellWhyItEnds();
   _output->Close();
-  const auto drop = [this] { return recv(_descriptor, nullptr, kDropped, MSG_DONTWAIT | MSG_TRUNC) > 0; };
-  for (int parts = 0; _inputEnded && parts < kMostDropped && drop();) ++parts;
+  if (_inputEnded) DropInput(_descriptor);
 }
 
 bool Connection::IsCut() const {
@@ -173,7 +178,7 @@ bool Connection::TakeInput(std::string_view received) {
 }
 
 bool Connection::HandleRequests(std::string_view received, size_t& handled) {
-  if (_first && IsTlsHandshake(received)) return Cut(CutReason::kTls, received.size());
+  if (_opening.IsTls(received)) return Cut(CutReason::kTls, received.size());
   _hasMore = _isPaused = false;
   try {
     if (!HandleWhole(received, handled)) return false;
@@ -199,8 +204,7 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
     const std::string_view rest = received.substr(handled);
     const size_t length = _framer.FindEnd(rest);
     if (length == 0) break;
-    if (_first && IsHttpRequestLine(rest.substr(0, length))) return Cut(CutReason::kHttp, length);
-    _first = false;
+    if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length);
     _request.SetText(rest.substr(0, length));
     const bool isFollowed = length < rest.size();
     if (isFollowed) turn.Begin();
@@ -213,6 +217,7 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
 
 // Who made a change hears nothing more before it is durable: a reply proves what came before it.
 bool Connection::HandleOne() {
+  const LogPeer peer(_logPeer);
   const DurabilityGate::Ticket before = DurabilityGate::GetLastOfThisThread();
   const bool goesOn = _handler->HandleNext();
   const DurabilityGate::Ticket after = DurabilityGate::GetLastOfThisThread();
@@ -279,6 +284,7 @@ bool Connection::CheckInput() {
 
 // Returns false. A line that can't be written for want of memory is left out.
 bool Connection::Cut(CutReason reason, size_t figure) noexcept {
+  const LogPeer peer(_logPeer, static_cast<int>(reason));
   _isTold = true;
   _counters.Count(reason);
   try {
@@ -293,6 +299,7 @@ void Connection::OnFailure(const std::exception& exception) noexcept {
     Cut(CutReason::kMemory, _input.size());
     return;
   }
+  const LogPeer peer(_logPeer);
   _isTold = true;
   _counters.Count(CutReason::kError);
   try {

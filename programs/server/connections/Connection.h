@@ -9,7 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "programs/server/connections/OpeningGuard.h"
 #include "programs/server/connections/OutputQueue.h"
+#include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
@@ -41,6 +43,7 @@ class Connection {
     Counters& counters;
     DurabilityGate* gate;      // may be null
     int turnMilliseconds = 5;  // after which a connection with many requests lets the others go first
+    Places* places = nullptr;  // each connection has one; may be null
   };
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
@@ -109,6 +112,7 @@ class Connection {
   const Limits& _limits;
   Counters& _counters;
   const std::string _peer;
+  const std::string _logPeer;
   std::string _input;  // received, not handled yet
   SharedBound::Part _inputPart;
   Clock::time_point _unfinishedSince{};
@@ -116,8 +120,8 @@ class Connection {
   core::ViewIstream _request;
   const std::shared_ptr<OutputQueue> _output;               // may outlive the connection, closed
   std::optional<settings::server::ClientHandler> _handler;  // until the last request
+  OpeningGuard _opening;
   size_t _reads = 0;
-  bool _first = true;         // nothing was handled yet
   bool _hasMore = false;      // the turn ended before the requests did
   bool _isPaused = false;     // likewise, because too much is unread
   bool _peerEnded = false;    // nothing more comes

@@ -11,6 +11,7 @@
 #include <exception>
 #include <utility>
 
+#include "programs/server/connections/LogPeer.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -163,6 +164,8 @@ void EventLoop::TakeNew(Descriptor descriptor) {
 
 // A line that can't be written for want of memory is left out.
 void EventLoop::Refuse(const char* reason) noexcept {
+  static const std::string anybody = "all peers";
+  const LogPeer peer(anybody);
   _shared.counters.Count(Refusal::kSetup);
   CountOneLess();
   try {
@@ -249,6 +252,7 @@ void EventLoop::End(Connection* connection) {
 
 void EventLoop::CountOneLess() {
   --_count;
+  if (_shared.places) _shared.places->Free();
   _shared.counters.clients.Subtract();
 }
 

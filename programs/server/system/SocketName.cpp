@@ -52,6 +52,12 @@ std::optional<ucred> FindPeerProcess(int descriptor) {
   return peer;
 }
 
+std::string PeerWithoutPort(int descriptor) {
+  if (const std::optional<ucred> peer = FindPeerProcess(descriptor)) return "user " + std::to_string(peer->uid);
+  const std::string name = PeerName(descriptor);
+  return name.substr(0, name.rfind(':'));
+}
+
 std::string PeerName(int descriptor) {
   if (const std::optional<ucred> peer = FindPeerProcess(descriptor))
     return "user " + std::to_string(peer->uid) + " process " + std::to_string(peer->pid);

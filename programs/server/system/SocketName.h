@@ -16,6 +16,9 @@ bool IsLocal(const sockaddr* address);
 // The far end of a connected socket, for log lines: its address, or user and process of a unix socket.
 std::string PeerName(int descriptor);
 
+// The far end without what changes when it connects again: its address without the port, or the user of a unix socket.
+std::string PeerWithoutPort(int descriptor);
+
 // Who connected, as the kernel saw it then. None when the socket is no unix socket.
 std::optional<ucred> FindPeerProcess(int descriptor);
 

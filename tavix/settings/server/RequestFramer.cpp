@@ -19,6 +19,8 @@ struct Command {
 constexpr Command kCommands[] = {
     {protocol::kGet, "l"},       {protocol::kMerge, "p"},      {protocol::kTestAndMerge, "pp"},
     {protocol::kSubscribe, "l"}, {protocol::kOverwrite, "lp"}, {protocol::kRestore, "l"},
+    {protocol::kSerialize, ""},  {protocol::kDump, ""},        {protocol::kInfo, ""},
+    {protocol::kQuit, ""},
 };
 
 bool IsSpace(char byte) {
@@ -69,15 +71,15 @@ size_t RequestFramer::GetUnfinishedLine(std::string_view received) const {
 // These return whether the request is whole.
 bool RequestFramer::TakeCommand(std::string_view line) {
   const std::string_view word = TakeWord(line);
+  const auto isWord = [&](const Command& command) { return word == command.word; };
+  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands), isWord);
+  _isCommand = command != std::end(kCommands);
+  if (!_isCommand) return true;
   if (word == protocol::kSerialize) {
     const std::string_view name = TakeWord(line);
     if (name == "phparray") _phpArray = true;
     if (name == "ini") _phpArray = false;
-    return true;
   }
-  const auto isWord = [&](const Command& command) { return word == command.word; };
-  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands), isWord);
-  if (command == std::end(kCommands)) return true;
   _partsLeft = command->parts;
   return BeginNextPart();
 }

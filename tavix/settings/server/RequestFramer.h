@@ -22,6 +22,9 @@ class TAVIX_DAEMON_EXPORT RequestFramer {
   // payload that can't be parsed ends where that shows: the handler then says why.
   size_t FindEnd(std::string_view received);
 
+  // Whether the request that FindEnd found last begins with a command. If not, it is one line.
+  bool IsCommand() const { return _isCommand; }
+
   // How long the line is that is not finished yet, in bytes; 0 inside a phparray payload.
   size_t GetUnfinishedLine(std::string_view received) const;
 
@@ -35,8 +38,9 @@ class TAVIX_DAEMON_EXPORT RequestFramer {
 
   Part _part = Part::kCommand;
   const char* _partsLeft = "";  // 'l' a list, 'p' a payload
-  bool _phpArray = false;       // the connection's serialization
-  bool _betweenDot = false;     // the dot between two payloads was seen
+  bool _isCommand = false;
+  bool _phpArray = false;    // the connection's serialization
+  bool _betweenDot = false;  // the dot between two payloads was seen
   PhpArrayScanner _scanner;
   size_t _lineBegin = 0;
   size_t _looked = 0;  // so far, of what was received

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
 #include <list>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ProcessFigures.h"
+#include "tests/support/RunLength.h"
 
 namespace tavix::test {
 
@@ -111,6 +113,25 @@ TEST(ConnectionLimits, EventLoopsHaveTheirDescriptorsBesideThoseOfASave) {
   clients.back().AwaitHandled();
   EXPECT_EQ(FindSavedText(directory), "[A]\nx=1\n");
   EXPECT_EQ(CountOf("Too many open files", daemon.GetErrors()), 0u);
+}
+
+// Peers that connect and reset at once have places for a moment, and ever again.
+TEST(ConnectionLimits, PeersThatComeAndResetInALoopDoNotShutOthersOut) {
+  constexpr int kConnects = 300;
+  const TemporaryDirectory directory;
+  const Daemon daemon(directory, {"--max-connections", "4"});
+  const unsigned short port = daemon.GetPort();
+  std::atomic<bool> ends{false};
+  std::list<BackgroundCall> resetters;
+  for (int i = 0; i < 6; ++i) {
+    resetters.emplace_back([&ends, port] {
+      while (!ends) ProtocolClient(port).Reset();
+    });
+  }
+  int refused = 0;
+  for (int i = 0; i < kConnects; ++i) refused += IsServed(port) ? 0 : 1;
+  ends = true;
+  EXPECT_LE(refused, IsLongRun() ? kConnects / 100 : kConnects / 10);
 }
 
 // With more connects than a process of 128 descriptors can hold, those that are served are served as before, and what

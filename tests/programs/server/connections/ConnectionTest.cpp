@@ -298,4 +298,17 @@ TEST_F(ServerConnection, ThatCanNotBeWatchedIsNotMade) {
   EXPECT_EQ(ReceiveAll(peer), "");
 }
 
+// On a unix socket, too, where bytes that are left unread would have the peer find a reset, and no replies.
+TEST_F(ServerConnection, BytesBehindARequestThatCanNotBeParsedAreDropped) {
+  SetGroup("A", "1");
+  const std::string requests = "get\nA\n.\nmerge\n[Open\n.\n";
+  ASSERT_TRUE(Send(_peer, requests));
+  EXPECT_FALSE(_connection->OnReadable(_scratch.data(), requests.size()));
+  ASSERT_TRUE(Send(_peer, std::string(40'000, 'x')));
+  _connection.reset();
+  EXPECT_EQ(ReceiveAll(_peer), "[A]\nk=1\n");
+  char byte = 0;
+  EXPECT_EQ(recv(_peer.Get(), &byte, 1, 0), 0) << "an end, and no reset";
+}
+
 }  // namespace tavix::test

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "programs/server/system/Descriptor.h"
+
+namespace tavix::daemon {
+
+// How many connections there may be at a time. One thread takes a place for each, and any thread frees it.
+//
+// Threads: Take belongs to one thread.
+class Places {
+ public:
+  // Throws osa::Exception when the system has no event descriptor.
+  explicit Places(size_t max);
+
+  // False when there is none. GetDescriptor then becomes readable once there may be one.
+  bool Take();
+
+  void Free();
+
+  // Borrowed.
+  int GetDescriptor() const { return _freed.Get(); }
+
+  // Has the descriptor not be readable until the next place is freed for which somebody waits.
+  void Acknowledge();
+
+ private:
+  const size_t _max;
+  const Descriptor _freed;
+  std::atomic<size_t> _taken{0};
+  std::atomic<bool> _isAwaited{false};
+};
+
+}  // namespace tavix::daemon

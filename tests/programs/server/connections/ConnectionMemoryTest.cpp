@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <new>
+#include <optional>
+
+#include "programs/server/connections/Connection.h"
+#include "tavix/settings/server/SerializationManager.h"
+#include "tavix/settings/server/SettingsManager.h"
+#include "tests/support/Descriptor.h"
+#include "tests/support/ListeningSocket.h"
+
+namespace {
+
+thread_local int t_allocationsLeft = -1;  // until one fails; negative: none does
+
+}  // namespace
+
+void* operator new(size_t size) {
+  const bool fails = t_allocationsLeft >= 0 && t_allocationsLeft-- == 0;
+  void* const memory = fails ? nullptr : std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace tavix::test {
+
+namespace {
+
+class UnmadeConnection : public testing::Test {
+ protected:
+  // Whether it is made when that allocation of its constructor fails.
+  bool Make(daemon::Descriptor descriptor, int failing) {
+    std::optional<daemon::Connection> connection;
+    t_allocationsLeft = failing;
+    try {
+      connection.emplace(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
+    } catch (const std::bad_alloc&) {
+    }
+    t_allocationsLeft = -1;
+    return connection.has_value();
+  }
+
+  settings::server::SettingsManager _store;
+  settings::server::SerializationManager _serializers;
+  settings::server::ServerEnv _env{&_store, &_serializers};
+  const daemon::Limits _limits;
+  daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
+                               daemon::SharedBound(_limits.allBacklogBytes)};
+  daemon::Counters _counters;
+  const daemon::Connection::Shared _shared{&_env, _limits, _bounds, _counters, nullptr};
+  const Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
+  const Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+};
+
+}  // namespace
+
+TEST_F(UnmadeConnection, ClosesItsDescriptorWhicheverAllocationFailed) {
+  bool isMade = false;
+  for (int failing = 0; !isMade; ++failing) {
+    ASSERT_LT(failing, 1000);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const Descriptor peer(ends[1]);
+    isMade = Make(daemon::Descriptor(ends[0]), failing);
+    EXPECT_TRUE(failing > 0 || !isMade);
+    char byte = 0;
+    EXPECT_EQ(recv(peer.Get(), &byte, 1, MSG_DONTWAIT), 0) << "open after failure " << failing;
+  }
+}
+
+}  // namespace tavix::test
