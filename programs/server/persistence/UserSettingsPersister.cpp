@@ -225,7 +225,7 @@ bool UserSettingsPersister::WriteSnapshot() {
     DurabilityGate::Ticket last = 0;
     RemoveGivenUpJournal();
     BeginToNoteChanges();
-    LayerText layerText;
+    settings::server::TextInParts layerText;
     layerText.Collect(_readLayer, [this] { return TakeChanged(); });
     _readLayer([&](const core::IniFile& layer) {
       layerText.Update(layer, TakeChanged());

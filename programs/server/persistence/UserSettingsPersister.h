@@ -14,13 +14,13 @@
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/FileSystem.h"
-#include "programs/server/persistence/LayerText.h"
 #include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/RetryBackoff.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/TextInParts.h"
 
 namespace tavix::daemon {
 
@@ -42,7 +42,7 @@ namespace tavix::daemon {
 class UserSettingsPersister {
  public:
   // Calls back with the user layer while nobody can change it.
-  using LayerReader = LayerText::Reader;
+  using LayerReader = settings::server::TextInParts::Reader;
 
   // What became of a sync or a snapshot; bytes: the snapshot's, else 0.
   using SaveObserver = std::function<void(bool succeeded, size_t bytes)>;

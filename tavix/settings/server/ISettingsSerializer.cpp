@@ -4,4 +4,14 @@ namespace tavix::settings::server {
 
 void ISettingsSerializer::SkipPayloadEnd(std::istream&) const {}
 
+bool ISettingsSerializer::CanWriteGroups() const {
+  return false;
+}
+
+void ISettingsSerializer::WriteBegin(std::ostream&, size_t) const {}
+
+void ISettingsSerializer::WriteGroup(std::ostream&, core::IniFile::const_iterator) const {}
+
+void ISettingsSerializer::WriteEnd(std::ostream&) const {}
+
 }  // namespace tavix::settings::server

@@ -1,12 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <iosfwd>
 
+#include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 
-namespace tavix::core {
-class IniFile;
-}
 namespace tavix::settings::common {
 class GroupNameMatcher;
 }
@@ -28,6 +27,14 @@ class TAVIX_EXPORT ISettingsSerializer {
 
   // Reads what may stand between one payload and the next of the same request. Nothing here.
   virtual void SkipPayloadEnd(std::istream& is) const;
+
+  // Whether WriteBegin, WriteGroup for each group in ascending order and WriteEnd, one after the other, write what
+  // OnSerialize writes. Only then a long text is made in parts, between which the settings may be changed; others are
+  // made while every writer waits. Here: no, and the three write nothing.
+  virtual bool CanWriteGroups() const;
+  virtual void WriteBegin(std::ostream& os, size_t groups) const;
+  virtual void WriteGroup(std::ostream& os, core::IniFile::const_iterator group) const;
+  virtual void WriteEnd(std::ostream& os) const;
 };
 
 }  // namespace tavix::settings::server

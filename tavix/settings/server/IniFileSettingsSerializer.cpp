@@ -37,6 +37,10 @@ void IniFileSettingsSerializer::OnSerialize(const IniFile& settings, const commo
   for (const auto& group : matched) IniFile::SaveGroupToStream(os, group);
 }
 
+void IniFileSettingsSerializer::WriteGroup(std::ostream& os, IniFile::const_iterator group) const {
+  IniFile::SaveGroupToStream(os, group);
+}
+
 void IniFileSettingsSerializer::OnDeserialize(std::istream& is, IniFile& settings) const {
   if (ViewIstream* view = ViewIstream::From(is)) return settings.LoadFromMemory(TakeLines(*view), kSource);
   stl::DelimitedIstream payload(&is);

@@ -10,6 +10,9 @@ class TAVIX_EXPORT IniFileSettingsSerializer : public ISettingsSerializer {
   void OnSerialize(const core::IniFile& settings, const common::GroupNameMatcher& groups,
                    std::ostream& os) const override;
 
+  bool CanWriteGroups() const override { return true; }
+  void WriteGroup(std::ostream& os, core::IniFile::const_iterator group) const override;
+
   // Reads the terminator's line too.
   void OnDeserialize(std::istream& is, core::IniFile& settings) const override;
 };

@@ -97,7 +97,22 @@ void WriteString(std::ostream& os, const std::string& text) {
   os << ":\"" << text << "\";";
 }
 
-void WriteGroup(std::ostream& os, IniFile::const_iterator group) {
+}  // namespace
+
+void PhpArraySettingsSerializer::OnSerialize(const IniFile& settings, const common::GroupNameMatcher& groups,
+                                             std::ostream& os) const {
+  std::vector<IniFile::const_iterator> matched;
+  groups.GetMatchingGroups(settings, matched);
+  WriteBegin(os, matched.size());
+  for (const auto& group : matched) WriteGroup(os, group);
+  WriteEnd(os);
+}
+
+void PhpArraySettingsSerializer::WriteBegin(std::ostream& os, size_t groups) const {
+  WriteArrayHeader(os, groups);
+}
+
+void PhpArraySettingsSerializer::WriteGroup(std::ostream& os, IniFile::const_iterator group) const {
   WriteString(os, group->first);
   WriteArrayHeader(os, group->second.size());
   for (const auto& [key, value] : group->second) {
@@ -107,14 +122,7 @@ void WriteGroup(std::ostream& os, IniFile::const_iterator group) {
   os << '}';
 }
 
-}  // namespace
-
-void PhpArraySettingsSerializer::OnSerialize(const IniFile& settings, const common::GroupNameMatcher& groups,
-                                             std::ostream& os) const {
-  std::vector<IniFile::const_iterator> matched;
-  groups.GetMatchingGroups(settings, matched);
-  WriteArrayHeader(os, matched.size());
-  for (const auto& group : matched) WriteGroup(os, group);
+void PhpArraySettingsSerializer::WriteEnd(std::ostream& os) const {
   os << "}\n" << std::endl;
 }
 

@@ -18,6 +18,11 @@ class TAVIX_EXPORT PhpArraySettingsSerializer : public ISettingsSerializer {
   void OnSerialize(const core::IniFile& settings, const common::GroupNameMatcher& groups,
                    std::ostream& os) const override;
 
+  bool CanWriteGroups() const override { return true; }
+  void WriteBegin(std::ostream& os, size_t groups) const override;
+  void WriteGroup(std::ostream& os, core::IniFile::const_iterator group) const override;
+  void WriteEnd(std::ostream& os) const override;
+
   // Reads nothing behind the last brace.
   void OnDeserialize(std::istream& is, core::IniFile& settings) const override;
 

