@@ -46,17 +46,21 @@ void ByteQueue::Append(const char* bytes, size_t count) {
   }
 }
 
-std::string_view ByteQueue::GetFront() const {
-  if (!_head.empty()) return std::string_view(_head).substr(_dropped);
-  if (_blocks.empty()) return std::string_view();
-  const size_t used = _blocks.size() == 1 ? _usedOfLast : kBlock;
-  return std::string_view(_blocks.front().get() + _dropped, used - _dropped);
+std::string_view ByteQueue::GetRun(size_t offset) const {
+  size_t at = _dropped + offset;
+  if (at < _head.size()) return std::string_view(_head).substr(at);
+  at -= _head.size();
+  const size_t block = at / kBlock;
+  if (block >= _blocks.size()) return std::string_view();
+  const size_t used = block + 1 == _blocks.size() ? _usedOfLast : kBlock;
+  return std::string_view(_blocks[block].get() + at % kBlock, used - at % kBlock);
 }
 
 void ByteQueue::Drop(size_t count) {
+  const bool isRunDropped = count == GetFront().size();
   _dropped += count;
   _size -= count;
-  if (!GetFront().empty()) return;
+  if (!isRunDropped) return;
   _dropped = 0;
   if (_head.empty()) {
     if (!_blocks.empty()) _blocks.pop_front();

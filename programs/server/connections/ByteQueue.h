@@ -21,7 +21,10 @@ class ByteQueue {
   void Append(const char* bytes, size_t count);
 
   // The first bytes, as many as lie together; none when the queue is empty.
-  std::string_view GetFront() const;
+  std::string_view GetFront() const { return GetRun(0); }
+
+  // The bytes from that one on, counted from the first, as many as lie together. offset: at most the size.
+  std::string_view GetRun(size_t offset) const;
 
   // Drops that many of the first bytes, of those that GetFront shows at most.
   void Drop(size_t count);

@@ -1,5 +1,6 @@
 #include "programs/server/connections/OutputQueue.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@ namespace tavix::daemon {
 namespace {
 
 constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
+constexpr size_t kLarge = 64 * 1024;      // a message that is worth a look whether anybody reads the next one
 
 void ReleaseMemory(std::string& text) {
   text.clear();
@@ -28,7 +30,8 @@ OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* g
       _gate(gate),
       _onKept(std::move(onKept)),
       _ostream(this),
-      _part(bounds.all, descriptor) {
+      _part(bounds.all, descriptor),
+      _kept(_part) {
   _ostream.imbue(std::locale::classic());
 }
 
@@ -43,16 +46,20 @@ size_t OutputQueue::Send() {
     SendSendable();
   }
   AwaitDurable();
+  _bounds.all.ReturnUnusedMemory();
   return GetKeptBytes();
 }
 
 void OutputQueue::Close() {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _broken = true;
-  _kept.Clear();
-  _keptBytes = 0;
-  _holds.clear();
-  _part.End();
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _broken = true;
+    _kept.Clear();
+    _keptBytes = 0;
+    _holds.clear();
+    _part.End();
+  }
+  _bounds.all.ReturnUnusedMemory();
 }
 
 void OutputQueue::TellWhenSent(bool tells) {
@@ -95,29 +102,46 @@ std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
 }
 
 int OutputQueue::sync() {
-  DoOrBreak([this] { FlushMessage(); });
-  _messageTicket = 0;
-  ReleaseMemory(_message);
-  if (_keptBytes > 0) AwaitDurable();
+  DoOrBreak([this] { FlushMessage(_message, nullptr); });
+  EndMessage();
   return _broken ? -1 : 0;
 }
 
-void OutputQueue::FlushMessage() {
+void OutputQueue::WriteShared(const KeptOutput::Text& message) {
+  if (!_message.empty()) {  // it comes behind what was not flushed yet
+    _ostream << *message << std::flush;
+    return;
+  }
+  DoOrBreak([&] { FlushMessage(*message, &message); });
+  EndMessage();
+}
+
+void OutputQueue::EndMessage() {
+  _messageTicket = 0;
+  ReleaseMemory(_message);
+  if (_keptBytes > 0) AwaitDurable();
+}
+
+void OutputQueue::FlushMessage(std::string_view message, const KeptOutput::Text* shared) {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_broken || _message.empty() || GetPicked() > 0) return;
+  if (!IsReachable() || message.empty()) return;
   const Ticket ticket = std::max(_messageTicket, _leastTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
   const bool isHeldLonger = isHeld && (_holds.empty() || ticket > _holds.back().ticket);
   if (isHeldLonger) _holds.push_back({_left + _kept.GetSize(), ticket});
   const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
-  const size_t sent = goesAtOnce ? SendSome(_message.data(), _message.size()) : 0;
-  if (sent < _message.size() && !_broken) Keep(sent);
+  const size_t sent = goesAtOnce ? SendSome(message) : 0;
+  if (sent < message.size() && !_broken) Keep(message, sent, shared);
 }
 
 // The caller holds the lock, here and below, unless something else is said.
-void OutputQueue::Keep(size_t sent) {
+void OutputQueue::Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared) {
   if (_kept.GetSize() == 0) _lastProgress = Clock::now();
-  _kept.Append(_message.data() + sent, _message.size() - sent);
+  if (shared) {
+    _kept.Append(*shared, sent);
+  } else {
+    _kept.Append(message.substr(sent));
+  }
   NoteKept();
   Enforce();
   if (!_broken && CountSendable() > 0) _onKept();
@@ -125,7 +149,6 @@ void OutputQueue::Keep(size_t sent) {
 
 void OutputQueue::NoteKept() {
   _keptBytes = _kept.GetSize();
-  _part.Set(_kept.GetSize());
 }
 
 void OutputQueue::Enforce() {
@@ -141,9 +164,9 @@ void OutputQueue::SendSendable() {
   DropDurableHolds();
   bool takesMore = !_broken;
   while (takesMore && CountSendable() > 0) {
-    const std::string_view front = _kept.GetFront().substr(0, CountSendable());
-    const size_t sent = SendSome(front.data(), front.size());
-    takesMore = sent == front.size();
+    KeptOutput::Pieces pieces;
+    const size_t sent = SendOnce(pieces, _kept.GetFront(pieces, CountSendable()));
+    takesMore = sent > 0;
     if (_broken) return;
     if (sent > 0) _lastProgress = Clock::now();
     _kept.Drop(sent);
@@ -175,20 +198,37 @@ void OutputQueue::AwaitDurable() {
   if (!isHeld) OnDurable();
 }
 
-size_t OutputQueue::SendSome(const char* bytes, size_t count) {
+size_t OutputQueue::SendSome(std::string_view bytes) {
   size_t done = 0;
-  while (done < count) {
-    const ssize_t sent = send(_descriptor, bytes + done, count - done, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent > 0) {
-      done += static_cast<size_t>(sent);
-    } else if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      break;
-    } else if (sent == 0 || errno != EINTR) {
-      Break(End::kPeer);
-      break;
-    }
+  while (done < bytes.size()) {
+    KeptOutput::Pieces pieces;
+    pieces[0] = {const_cast<char*>(bytes.data()) + done, bytes.size() - done};
+    const size_t sent = SendOnce(pieces, 1);
+    if (sent == 0) break;
+    done += sent;
   }
+  if (done >= kLarge && !_broken && IsPeerGone()) Break(End::kPeer);
   return done;
+}
+
+// Returns 0 when the socket takes nothing, now or ever.
+size_t OutputQueue::SendOnce(KeptOutput::Pieces& pieces, size_t count) {
+  msghdr message{};
+  message.msg_iov = pieces.data();
+  message.msg_iovlen = count;
+  while (true) {
+    const ssize_t sent = sendmsg(_descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent > 0) return static_cast<size_t>(sent);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) Break(End::kPeer);
+    return 0;
+  }
+}
+
+// A peer that left before its answer came is known to be gone once that was sent. The next answer may be as large.
+bool OutputQueue::IsPeerGone() const {
+  pollfd look{_descriptor, 0, 0};
+  return poll(&look, 1, 0) > 0 && (look.revents & (POLLERR | POLLHUP));
 }
 
 // A peer that is gone may have sent requests before, which are still to be read; with any other, the loop is told by

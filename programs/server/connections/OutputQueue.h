@@ -9,9 +9,10 @@
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "programs/server/connections/ByteQueue.h"
+#include "programs/server/connections/KeptOutput.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/persistence/DurabilityGate.h"
 
@@ -19,7 +20,8 @@ namespace tavix::daemon {
 
 // What a connection is still to be sent, as an ostream that never waits: a message that is flushed goes to the socket
 // as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A message that shows a
-// change which is not durable is kept until it is, and everything behind it.
+// change which is not durable is kept until it is, and everything behind it. A message that many queues are given can
+// be kept by all of them together.
 //
 // Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, and the thread that finds
 //          changes durable, call the rest meanwhile.
@@ -57,6 +59,9 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   // Likewise every message from now on.
   void HoldFromNowOn(Ticket ticket);
 
+  // Writes and flushes a message which other queues may be given as well. By its writer.
+  void WriteShared(const KeptOutput::Text& message);
+
   // Sends on what is kept, as far as the socket takes it. Returns what stays.
   size_t Send();
 
@@ -79,6 +84,9 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   // Of the bound of all queues.
   size_t GetPicked() const { return _part.GetPicked(); }
 
+  // Whether what is written may reach the peer.
+  bool IsReachable() const { return !_broken && GetPicked() == 0; }
+
   // What of the kept bytes waits for the peer alone.
   size_t GetSendableBytes() const;
 
@@ -97,15 +105,18 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::streamsize xsputn(const char* bytes, std::streamsize count) override;
   int sync() override;
 
-  void FlushMessage();
-  void Keep(size_t sent);
+  void FlushMessage(std::string_view message, const KeptOutput::Text* shared);
+  void Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared);
+  void EndMessage();
   void NoteKept();
   void Enforce();
   void SendSendable();
   size_t CountSendable() const;
   void DropDurableHolds();
   void AwaitDurable();
-  size_t SendSome(const char* bytes, size_t count);
+  size_t SendSome(std::string_view bytes);
+  size_t SendOnce(KeptOutput::Pieces& pieces, size_t count);
+  bool IsPeerGone() const;
   void Break(End end);
   void BreakFor(End end);
   template <class Work>
@@ -118,8 +129,7 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::string _message;       // the writer's, until it is flushed
   Ticket _messageTicket = 0;  // likewise
   std::ostream _ostream;
-  mutable std::mutex _mutex;  // guards what follows
-  ByteQueue _kept;
+  mutable std::mutex _mutex;          // guards what follows
   std::atomic<size_t> _keptBytes{0};  // that many; for those who only ask
   size_t _left = 0;                   // how many kept bytes have left
   std::vector<Hold> _holds;           // in the order of their bytes
@@ -130,6 +140,7 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::atomic<End> _end{End::kNone};
   Clock::time_point _lastProgress{};
   SharedBound::Part _part;
+  KeptOutput _kept;
 };
 
 }  // namespace tavix::daemon

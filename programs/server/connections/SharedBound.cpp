@@ -10,6 +10,7 @@ namespace tavix::daemon {
 namespace {
 
 constexpr size_t kNotCounted = 64 * 1024;
+constexpr size_t kMuch = 1024 * 1024;
 
 }  // namespace
 
@@ -23,28 +24,105 @@ void SharedBound::Part::Set(size_t bytes) {
   if (counted == _bytes || _ended) return;
   std::lock_guard<std::mutex> lock(_bound._mutex);
   const size_t before = std::exchange(_bytes, counted);
-  if (_picked > 0) return;  // it is counted no more
+  if (!_isCounted) return;
   _bound._total = _bound._total - before + counted;
-  while (_bound._total > _bound._most) _bound.PickLargest();
+  _bound.Enforce();
+}
+
+void SharedBound::Part::AddText(const std::string& text) {
+  std::lock_guard<std::mutex> lock(_bound._mutex);
+  if (!_isCounted || _ended) return;
+  if (!_texts) _texts = std::make_unique<std::deque<Texts::value_type*>>();
+  _texts->push_back(nullptr);
+  try {
+    _texts->back() = &*_bound._texts.try_emplace(&text).first;
+  } catch (...) {
+    _texts->pop_back();
+    throw;
+  }
+  Keepers& keepers = _texts->back()->second;
+  ++keepers.all;
+  if (keepers.counted++ == 0) _bound._total += text.size();
+  _textBytes += text.size();
+  if (_bound._total > kMuch) _bound._keptMuch = true;
+  _bound.Enforce();
+}
+
+void SharedBound::Part::DropText() {
+  std::lock_guard<std::mutex> lock(_bound._mutex);
+  if (_texts) _bound.DropFirstText(*this);
+}
+
+void SharedBound::Part::Clear() {
+  Set(0);
+  std::lock_guard<std::mutex> lock(_bound._mutex);
+  while (_texts) _bound.DropFirstText(*this);
 }
 
 void SharedBound::Part::End() {
+  Clear();
   if (std::exchange(_ended, true)) return;
   std::lock_guard<std::mutex> lock(_bound._mutex);
-  if (_picked == 0) _bound._total -= _bytes;
-  _bytes = 0;
   _bound._parts.erase(std::find(_bound._parts.begin(), _bound._parts.end(), this));
 }
 
-// The caller holds the lock. There is a largest: what exceeds a bound are the bytes of parts that are not picked. Its
-// loop is told by the socket.
-void SharedBound::PickLargest() {
-  const auto kept = [](const Part* part) { return part->_picked > 0 ? 0 : part->_bytes; };
-  Part* const largest =
-      *std::max_element(_parts.begin(), _parts.end(), [&](const Part* a, const Part* b) { return kept(a) < kept(b); });
-  _total -= largest->_bytes;
-  largest->_picked = largest->_bytes;
-  shutdown(largest->_descriptor, SHUT_RDWR);
+// The caller holds the lock, here and below. Asks for no memory: the bound is enforced when there is little.
+void SharedBound::Enforce() {
+  Part* chosen = nullptr;
+  while (_total > _max) {
+    Part* const largest = FindLargest();
+    Uncount(*largest);
+    largest->_nextChosen = chosen;
+    chosen = largest;
+  }
+  for (Part* part = chosen; part; part = std::exchange(part->_nextChosen, nullptr)) {
+    Count(*part);
+    if (_total > _max) Pick(*part);
+  }
+}
+
+// There is one: what exceeds a bound are the bytes of parts that are counted.
+SharedBound::Part* SharedBound::FindLargest() const {
+  const auto size = [](const Part* part) { return part->_isCounted ? part->GetSize() : 0; };
+  return *std::max_element(_parts.begin(), _parts.end(),
+                           [&](const Part* a, const Part* b) { return size(a) < size(b); });
+}
+
+// Its loop is told by the socket.
+void SharedBound::Pick(Part& part) {
+  part._picked = part.GetSize();
+  Uncount(part);
+  while (part._texts) DropFirstText(part);
+  shutdown(part._descriptor, SHUT_RDWR);
+}
+
+void SharedBound::Count(Part& part) {
+  part._isCounted = true;
+  _total += part._bytes;
+  if (!part._texts) return;
+  for (Texts::value_type* text : *part._texts) {
+    if (text->second.counted++ == 0) _total += text->first->size();
+  }
+}
+
+void SharedBound::Uncount(Part& part) {
+  part._isCounted = false;
+  _total -= part._bytes;
+  if (!part._texts) return;
+  for (Texts::value_type* text : *part._texts) {
+    if (--text->second.counted == 0) _total -= text->first->size();
+  }
+}
+
+void SharedBound::DropFirstText(Part& part) {
+  Texts::value_type& text = *part._texts->front();
+  const size_t size = text.first->size();
+  part._textBytes -= size;
+  if (part._isCounted && --text.second.counted == 0) _total -= size;
+  if (--text.second.all == 0) _texts.erase(text.first);
+  part._texts->pop_front();
+  if (part._texts->empty()) part._texts.reset();
+  if (_texts.empty() && std::exchange(_keptMuch, false)) _unused.Note();
 }
 
 }  // namespace tavix::daemon

@@ -2,23 +2,42 @@
 
 #include <atomic>
 #include <cstddef>
+#include <deque>
+#include <memory>
 #include <mutex>
+#include <string>
+#include <unordered_map>
 #include <vector>
+
+#include "programs/server/system/UnusedMemory.h"
 
 namespace tavix::daemon {
 
-// How many bytes all connections together may keep for one purpose. When that is passed, those that keep the most are
-// picked, and their sockets shut down, until the others are within it: what many keep is bounded by itself, however
-// much each of them may keep.
+// How many bytes all connections together may keep for one purpose, so that memory is bounded however much each of them
+// may keep. A text that several of them keep is counted once.
+//
+// When the bound is passed, connections are picked, and their sockets shut down, until the rest is within it: first the
+// one that keeps the most, shared texts included, then the next. So those that are furthest behind end, together if
+// they share what they keep, for only then is its memory free; one that keeps little stays. A connection is spared in
+// the end if the rest would be within the bound even with it.
 //
 // Threads: any.
 // Locks:   its own mutex, inside all others but the log's.
 class SharedBound {
+  struct Keepers {
+    size_t all = 0;
+    size_t counted = 0;
+  };
+  using Texts = std::unordered_map<const std::string*, Keepers>;
+
  public:
-  explicit SharedBound(size_t most) : _most(most) {}
+  explicit SharedBound(size_t max) : _max(max) {}
 
   SharedBound(const SharedBound&) = delete;
   SharedBound& operator=(const SharedBound&) = delete;
+
+  // To be called when parts may have dropped texts, without a lock: they leave memory that nobody uses.
+  void ReturnUnusedMemory() { _unused.Return(); }
 
   // What one connection keeps. A little is not counted, so that short requests and replies cost no lock.
   //
@@ -32,8 +51,18 @@ class SharedBound {
     Part(const Part&) = delete;
     Part& operator=(const Part&) = delete;
 
-    // It keeps that many bytes now. May pick this part or others.
+    // It keeps that many bytes of its own now. May pick this part or others.
     void Set(size_t bytes);
+
+    // It keeps that text, too, which other parts may keep as well. Likewise. text: stays where it is until it is
+    // dropped. Throws std::bad_alloc, and has not added it then.
+    void AddText(const std::string& text);
+
+    // Drops the text that it added first.
+    void DropText();
+
+    // It keeps nothing any more.
+    void Clear();
 
     // It keeps nothing, and is not picked, any more.
     void End();
@@ -44,19 +73,33 @@ class SharedBound {
    private:
     friend class SharedBound;
 
+    size_t GetSize() const { return _bytes + _textBytes; }
+
     SharedBound& _bound;
     const int _descriptor;
     bool _ended = false;
-    size_t _bytes = 0;  // written with the bound's lock, which others need to read it
+    size_t _bytes = 0;  // written, as what follows, with the bound's lock, which others need to read it
+    size_t _textBytes = 0;
+    std::unique_ptr<std::deque<Texts::value_type*>> _texts;  // null when there are none: an idle part is small
+    bool _isCounted = true;
+    Part* _nextChosen = nullptr;  // while some are picked
     std::atomic<size_t> _picked{0};
   };
 
  private:
-  void PickLargest();
+  void Enforce();
+  Part* FindLargest() const;
+  void Pick(Part& part);
+  void Count(Part& part);
+  void Uncount(Part& part);
+  void DropFirstText(Part& part);
 
-  const size_t _most;
+  const size_t _max;
+  UnusedMemory _unused;
   std::mutex _mutex;  // guards what follows
-  size_t _total = 0;
+  size_t _total = 0;  // of the counted parts, which are all that were not picked
+  Texts _texts;
+  bool _keptMuch = false;  // since there were no texts
   std::vector<Part*> _parts;
 };
 

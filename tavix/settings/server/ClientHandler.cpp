@@ -190,6 +190,7 @@ void ClientHandler::Quit(std::istream&) {
 void ClientHandler::Dump(std::istream& args) {
   const bool all = TakeWord(args) == protocol::kAll;
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   if (all) {
     _settingsManager->DumpAllSettings(_message);
@@ -215,6 +216,7 @@ void ClientHandler::TestAndMerge(std::istream&) {
   const bool merged = _settingsManager->TestAndMerge(condition, change);
 
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   _message.AppendLine(protocol::kResult);
   _message.AppendLine(merged ? protocol::kOk : protocol::kFailure);
@@ -243,6 +245,7 @@ void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
   const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns});
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   if (delimited) _message.AppendLine(protocol::kData);
   if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
@@ -276,6 +279,7 @@ void ClientHandler::Info(std::istream& args) {
   if (TakeWord(args) != protocol::kSubscribed) return;
   std::optional<MutexAutoLock> gate(std::in_place, &_settingsManager->GetNotificationGate(), kWaitForever, true);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  if (!IsReachable()) return;
   std::set<std::string> groups;
   _settingsManager->GetAllSubscribedGroups(groups);
   gate.reset();
@@ -289,6 +293,7 @@ void ClientHandler::Info(std::istream& args) {
 void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {
   try {
     MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    if (!IsReachable()) return;
     try {
       WriteNotice(changedGroups);
       MsgDispatcher::Get().CountNotice();
@@ -306,19 +311,20 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
 
 // The caller holds the output mutex.
 void ClientHandler::WriteNotice(const std::set<std::string>& changedGroups) {
-  _message.Reset(kKeptMemory);
-  NoticeText& last = NoticeText::OfThisThread();
-  const ISettingsSerializer* const serializer = _serializer.load();
-  if (const NoticeText::Notice* notice = last.Find(*_settingsManager, changedGroups, serializer)) {
-    _message.Append(notice->text);
-    return SendMessage(&notice->groups);
-  }
+  NoticeText& known = NoticeText::OfThisThread();
   const unsigned long long version = _settingsManager->GetVersion();
-  GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(changedGroups);
-  ComposeNotice(changedGroups, matcher, *serializer);
-  last.Keep(*_settingsManager, version, changedGroups, serializer, _message.GetText(), matcher);
-  SendMessage(&matcher);
+  const NoticeText::Key key{version, _serializer.load(), changedGroups};
+  NoticeText::Notice notice = known.Find(key);
+  if (!notice.text) {
+    auto groups = std::make_shared<GroupNameMatcher>();
+    groups->AddNamesAndPatterns(changedGroups);
+    _message.Reset(kKeptMemory);
+    ComposeNotice(changedGroups, *groups, *key.serializer);
+    notice = {std::make_shared<const std::string>(_message.GetText()), std::move(groups)};
+    _message.Reset(kKeptMemory);
+    if (version == _settingsManager->GetVersion()) known.Keep(key, notice);
+  }
+  SendNotice(notice.text, *notice.groups);
 }
 
 void ClientHandler::ComposeNotice(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
@@ -343,12 +349,24 @@ bool ClientHandler::WasCutOff() const {
   return !_in->good();
 }
 
+// The caller holds the output mutex, here and below.
 void ClientHandler::SendMessage(const GroupNameMatcher* groups) {
+  Write(_message.GetText(), groups);
+  _message.Reset(kKeptMemory);
+}
+
+void ClientHandler::SendNotice(const std::shared_ptr<const std::string>& text, const GroupNameMatcher& groups) {
+  if (!_messageObserver || !_messageObserver->OnSharedMessage(*_out, text, &groups)) Write(*text, &groups);
+}
+
+void ClientHandler::Write(const std::string& message, const GroupNameMatcher* groups) {
   if (_messageObserver) _messageObserver->OnMessage(*_out, groups);
-  const std::string& message = _message.GetText();
   _out->write(message.data(), static_cast<std::streamsize>(message.size()));
   _out->flush();
-  _message.Reset(kKeptMemory);
+}
+
+bool ClientHandler::IsReachable() const {
+  return _out->good() && (!_messageObserver || _messageObserver->IsReachable(*_out));
 }
 
 }  // namespace tavix::settings::server

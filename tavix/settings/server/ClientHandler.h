@@ -3,6 +3,7 @@
 #include <atomic>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -36,8 +37,9 @@ struct ServerEnv;
 //          is held while a request changes the store, so a connection is told of its own changes.
 // Owns:    neither environment nor streams; all outlive the handler. The streams are never closed here.
 // Errors:  a payload that can't be parsed, and whatever the store throws, leaves HandleNext: the connection is then out
-//          of step and must end. A request that the end of the input cuts off changes nothing. Output errors are not
-//          looked at; a notice that can't be written breaks the output and is nobody else's trouble.
+//          of step and must end. A request that the end of the input cuts off changes nothing. A notice that can't be
+//          written breaks the output and is nobody else's trouble. Once the output is broken, or the observer says that
+//          nobody reads it, replies and notices are not made any more; requests are read, and changes are made.
 class TAVIX_EXPORT ClientHandler : public IChangeCallback {
  public:
   ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out);
@@ -105,6 +107,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void ComposeNotice(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
                      const ISettingsSerializer& serializer);
   void SendMessage(const common::GroupNameMatcher* groups);
+  void SendNotice(const std::shared_ptr<const std::string>& text, const common::GroupNameMatcher& groups);
+  void Write(const std::string& message, const common::GroupNameMatcher* groups);
+  bool IsReachable() const;
 
   core::Logger* const _logger;
   bool _quit = false;

@@ -1,36 +1,70 @@
 #include "tavix/settings/server/NoticeText.h"
 
-#include "tavix/settings/server/SettingsManager.h"
+#include <algorithm>
+#include <functional>
+#include <string_view>
 
 namespace tavix::settings::server {
 
 namespace {
 
-constexpr size_t kLongestKept = 64 * 1024;
+constexpr size_t kMaxEntries = 16;
+constexpr size_t kMaxKept = 1024 * 1024;
+
+// Sets that differ may begin alike: comparing this first is cheap.
+size_t HashOf(const std::set<std::string>& names) {
+  size_t hash = names.size();
+  for (const std::string& name : names) hash = hash * 31 + std::hash<std::string>()(name);
+  return hash;
+}
 
 }  // namespace
 
+NoticeText::Round::Round() {
+  ++OfThisThread()._rounds;
+}
+
+NoticeText::Round::~Round() {
+  NoticeText& texts = OfThisThread();
+  if (--texts._rounds > 0) return;
+  texts._entries.clear();
+  texts._keptBytes = 0;
+}
+
 NoticeText& NoticeText::OfThisThread() {
-  static thread_local NoticeText text;
-  return text;
+  static thread_local NoticeText texts;
+  return texts;
 }
 
-const NoticeText::Notice* NoticeText::Find(const SettingsManager& store, const std::set<std::string>& changedGroups,
-                                           const ISettingsSerializer* serializer) const {
-  const bool isSame =
-      _version != 0 && _version == store.GetVersion() && _serializer == serializer && _changedGroups == changedGroups;
-  return isSame ? &_notice : nullptr;
+NoticeText::Notice NoticeText::Find(const Key& key) const {
+  if (_entries.empty()) return {};
+  const size_t hash = HashOf(key.changedGroups);
+  const auto found = std::find_if(_entries.rbegin(), _entries.rend(), [&](const Entry& entry) {
+    return entry.hash == hash && entry.version == key.version && entry.serializer == key.serializer &&
+           entry.changedGroups == key.changedGroups;
+  });
+  if (found == _entries.rend()) return {};
+  return {found->text.lock(), found->notice.groups};
 }
 
-void NoticeText::Keep(const SettingsManager& store, unsigned long long version,
-                      const std::set<std::string>& changedGroups, const ISettingsSerializer* serializer,
-                      const std::string& text, const common::GroupNameMatcher& groups) {
-  _version = 0;
-  if (text.size() > kLongestKept || version != store.GetVersion()) return;
-  _serializer = serializer;
-  _changedGroups = changedGroups;
-  _notice = {text, groups};
-  _version = version;
+void NoticeText::Keep(const Key& key, const Notice& notice) {
+  if (_rounds == 0 || key.version == 0) return;
+  if (_entries.size() == kMaxEntries) {
+    if (_entries.front().notice.text) _keptBytes -= _entries.front().notice.text->size();
+    _entries.pop_front();
+  }
+  _entries.push_back({key.version, key.serializer, HashOf(key.changedGroups), key.changedGroups, notice, notice.text});
+  _keptBytes += notice.text->size();
+  ReleaseOldest();
+}
+
+void NoticeText::ReleaseOldest() {
+  for (Entry& entry : _entries) {
+    if (_keptBytes <= kMaxKept || &entry == &_entries.back()) return;
+    if (!entry.notice.text) continue;
+    _keptBytes -= entry.notice.text->size();
+    entry.notice.text.reset();
+  }
 }
 
 }  // namespace tavix::settings::server

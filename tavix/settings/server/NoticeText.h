@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <deque>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -8,34 +11,63 @@
 namespace tavix::settings::server {
 
 class ISettingsSerializer;
-class SettingsManager;
 
-// The text of the last notice that a thread composed. A change tells its subscribers one after the other, on one
-// thread: most of them get the same bytes, which need not be made anew while the store is as it was.
+// The texts of the notices that a thread composed last. A change tells its subscribers one after the other, on one
+// thread: most of them get the same bytes, which need not be made anew, nor kept twice, while the store is as it was.
+//
+// Threads: each has its own.
+// Memory:  a text lives until the round ends, and as long as others keep it. Beyond a megabyte the oldest ones are left
+//          to these others.
 class NoticeText {
  public:
+  // What a text depends on.
+  struct Key {
+    unsigned long long version;  // of the store, and of no other; 0: unknown, such a text is not kept
+    const ISettingsSerializer* serializer;
+    const std::set<std::string>& changedGroups;
+  };
+
   struct Notice {
-    std::string text;
-    common::GroupNameMatcher groups;  // that it shows
+    std::shared_ptr<const std::string> text;
+    std::shared_ptr<const common::GroupNameMatcher> groups;  // that it shows
+  };
+
+  // Marks the time in which this thread tells all subscribers of one change. Texts are kept within it only.
+  class Round {
+   public:
+    Round();
+    ~Round();
+
+    Round(const Round&) = delete;
+    Round& operator=(const Round&) = delete;
   };
 
   // The calling thread's own.
   static NoticeText& OfThisThread();
 
-  // Null when it is to be composed.
-  const Notice* Find(const SettingsManager& store, const std::set<std::string>& changedGroups,
-                     const ISettingsSerializer* serializer) const;
+  // Without a text when it is to be composed.
+  Notice Find(const Key& key) const;
 
-  // version: the store's, before the text was composed. Keeps nothing when the store has changed since, and no long
-  // text.
-  void Keep(const SettingsManager& store, unsigned long long version, const std::set<std::string>& changedGroups,
-            const ISettingsSerializer* serializer, const std::string& text, const common::GroupNameMatcher& groups);
+  void Keep(const Key& key, const Notice& notice);
+
+  // How many bytes it keeps itself.
+  size_t GetKeptBytes() const { return _keptBytes; }
 
  private:
-  unsigned long long _version = 0;  // 0: nothing is kept
-  const ISettingsSerializer* _serializer = nullptr;
-  std::set<std::string> _changedGroups;
-  Notice _notice;
+  struct Entry {
+    unsigned long long version;
+    const ISettingsSerializer* serializer;
+    size_t hash;
+    std::set<std::string> changedGroups;
+    Notice notice;  // without a text: it is left to the others
+    std::weak_ptr<const std::string> text;
+  };
+
+  void ReleaseOldest();
+
+  int _rounds = 0;
+  size_t _keptBytes = 0;
+  std::deque<Entry> _entries;  // the newest last
 };
 
 }  // namespace tavix::settings::server

@@ -14,6 +14,7 @@
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/LoadPriorityIncludeFilter.h"
+#include "tavix/settings/server/NoticeText.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/StoreText.h"
 #include "tavix/settings/server/TextInParts.h"
@@ -408,11 +409,13 @@ void SettingsManager::Save(const std::set<std::string>& changedGroups) {
 
 void SettingsManager::Notify(const std::set<std::string>& changedGroups, const IniFile& settings) const {
   osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
+  const NoticeText::Round round;
   _callbackDispatcher.OnChange(changedGroups, settings);
 }
 
 void SettingsManager::Notify(const IniFile& settings) const {
   osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
+  const NoticeText::Round round;
   _callbackDispatcher.OnChange(settings);
 }
 

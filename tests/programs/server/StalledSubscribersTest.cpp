@@ -173,6 +173,32 @@ TEST(StalledSubscribers, AreCutWhileOthersMissNothingAndTheirMemoryReturns) {
   for (ReaderProcess& process : stopped) process.AwaitEnd();
 }
 
+// They are told the same, so that what they have not read is kept once. Its bound is for all of them together.
+TEST(StalledSubscribers, ShareWhatTheyDoNotReadAndEndTogetherWhenThatIsTooMuch) {
+  constexpr size_t kValue = 256 * 1024;
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-backlog", "1073741824", "--all-backlogs", std::to_string(32 * kMegabyte)});
+  std::list<ProtocolClient> silent;
+  for (size_t i = 0; i < kStopped; ++i) silent.push_back(Subscribe(daemon.GetPort(), 4096));
+  ProtocolClient live = Subscribe(daemon.GetPort());
+  const size_t memory = ResidentMemory(daemon.GetId());
+  const std::string group = "Load\n.\n[Load]\nv=" + std::string(kValue, 'v') + "\n.\n";
+  const auto change = [&] {
+    live.Send("merge\n" + group.substr(7));
+    EXPECT_EQ(live.Read(13 + group.size()), "async change\n" + group);
+  };
+
+  for (int i = 0; i < 60; ++i) change();
+  EXPECT_EQ(daemon.GetErrors(), "") << "15 MiB are unread by each, and nobody is cut";
+  EXPECT_LT(PeakResidentGrowth(daemon.GetId(), memory), 48 * kMegabyte);
+
+  const std::string cut = "connection cut: too much unread by all together, bytes of this one ";
+  for (int i = 0; i < 200 && CountOf(cut, daemon.GetErrors()) == 0; ++i) change();
+  EXPECT_TRUE(Eventually([&] { return CountOf(cut, daemon.GetErrors()) == kStopped; })) << daemon.GetErrors();
+  EXPECT_LT(PeakResidentGrowth(daemon.GetId(), memory), 64 * kMegabyte);
+  change();
+}
+
 // The claims about time are made by a long run alone: a minute of each, with the daemon's own bounds.
 TEST(StalledSubscribers, DoNotSlowWritersDown) {
   const int changes = IsLongRun() ? 12'000 : 100;

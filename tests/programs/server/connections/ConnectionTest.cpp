@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -34,11 +36,14 @@ struct TestHolder : settings::server::IMessageObserver {
   void OnMessage(std::ostream& out, const settings::common::GroupNameMatcher*) override {
     daemon::OutputQueue::Of(out).HoldMessage(ticket);
     isMade = true;
+    ++made;
   }
+  bool IsReachable(std::ostream& out) override { return daemon::OutputQueue::Of(out).IsReachable(); }
   void OnMessageLost(std::ostream& out) override { daemon::OutputQueue::Of(out).OnMessageLost(); }
 
   DurabilityGate::Ticket ticket = 0;
   std::atomic<bool> isMade{false};
+  std::atomic<int> made{0};
 };
 
 // A connection whose peer is the test, over a socket that takes a few kilobytes at a time. The test is its loop, too.
@@ -54,10 +59,27 @@ class ServerConnection : public testing::Test {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     _peer = Descriptor(ends[1]);
-    _descriptor = ends[0];
     const int small = 4096;
     EXPECT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    _connection = std::make_unique<daemon::Connection>(daemon::Descriptor(ends[0]), _poll.Get(), _wake.Get(), _shared);
+    Serve(ends[0]);
+  }
+
+  // With buffers as large as the kernel makes them.
+  void ConnectOverTcp() {
+    const ListeningSocket listener;
+    _peer = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listener.GetPort());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(_peer.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    Serve(dup(listener.Accept().Get()));
+  }
+
+  void Serve(int descriptor) {
+    _descriptor = descriptor;
+    _connection =
+        std::make_unique<daemon::Connection>(daemon::Descriptor(descriptor), _poll.Get(), _wake.Get(), _shared);
   }
 
   void SetGroup(const std::string& name, const std::string& value) {
@@ -267,6 +289,32 @@ TEST_F(ServerConnection, RequestsThatAreLeftWhenThePeerHangsUpAreCarriedOut) {
   _peer.Close();
   while (GoRound()) continue;
   EXPECT_EQ(CountGroups(), 2u + 100u);
+}
+
+TEST_F(ServerConnection, PeerThatHasLeftIsGivenNoMoreThanOneAnswer) {
+  EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
+  _peer.Close();
+  while (GoRound()) continue;
+  EXPECT_EQ(_holder.made, 1);
+  EXPECT_EQ(CountGroups(), 2u) << "changes are made";
+}
+
+TEST_F(ServerConnection, PeerThatHasLeftOverTcpIsGivenNoMoreThanOneLargeAnswer) {
+  ConnectOverTcp();
+  EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
+  _peer.Close();
+  while (GoRound()) continue;
+  EXPECT_EQ(_holder.made, 1);
+  EXPECT_EQ(CountGroups(), 2u) << "changes are made";
+}
+
+TEST_F(ServerConnection, PeerThatOnlySendsNoMoreIsGivenAllAnswers) {
+  ConnectOverTcp();
+  EXPECT_TRUE(Send(_peer, Repeated(30, "get\nLarge\n.\n")));
+  EXPECT_EQ(shutdown(_peer.Get(), SHUT_WR), 0);
+  const std::string answers = Repeated(30, kLargeReply);
+  EXPECT_EQ(ReceiveInRounds(answers.size()).size(), answers.size());
+  EXPECT_EQ(_holder.made, 30);
 }
 
 TEST_F(ServerConnection, ManyRequestsBeforeTheEndOfTheInputAreHandledInTurns) {

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/OwnSockets.h"
@@ -216,6 +217,110 @@ TEST_F(HoldingQueue, ThatKeepsMostOfAllIsPickedWhenAllKeepTooMuch) {
   EXPECT_EQ(_queue->GetPicked(), 0u);
   other.End();
   for (int socket : others) close(socket);
+}
+
+TEST_F(HoldingQueue, SharedMessageThatTheSocketTakesIsNotKept) {
+  const auto text = std::make_shared<const std::string>(5000, 'a');
+  _queue->WriteShared(text);
+  EXPECT_EQ(Receive(), *text);
+  EXPECT_EQ(text.use_count(), 1);
+}
+
+TEST_F(HoldingQueue, SharedMessageIsKeptAsOneTextAndHeldInItsOrder) {
+  const auto text = std::make_shared<const std::string>(5000, 'a');
+  const DurabilityGate::Ticket ticket = Change();
+  Write("before\n");
+  _queue->HoldMessage(ticket);
+  _queue->WriteShared(text);
+  _queue->WriteShared(text);
+  Write("behind\n");
+  EXPECT_EQ(text.use_count(), 3);
+  EXPECT_EQ(_queue->GetKeptBytes(), 10'007u);
+  EXPECT_EQ(Receive(), "before\n");
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(Receive(), *text + *text + "behind\n");
+  EXPECT_EQ(text.use_count(), 1);
+}
+
+TEST_F(HoldingQueue, EachSharedMessageWaitsForItsOwnChange) {
+  const auto first = std::make_shared<const std::string>(5000, 'a');
+  const auto second = std::make_shared<const std::string>(5000, 'b');
+  const DurabilityGate::Ticket before = Change();
+  const DurabilityGate::Ticket after = Change();
+  _queue->HoldMessage(before);
+  _queue->WriteShared(first);
+  _queue->HoldMessage(after);
+  _queue->WriteShared(second);
+  _gate.SetDurable(before);
+  EXPECT_EQ(Receive(), *first);
+  _gate.SetDurable(after);
+  EXPECT_EQ(Receive(), *second);
+}
+
+TEST_F(HoldingQueue, SharedMessageOfWhichTheSocketTookAPartGoesOnThere) {
+  const auto text = std::make_shared<const std::string>(kMost - 1, 'a');
+  _queue->WriteShared(text);
+  EXPECT_EQ(text.use_count(), 2);
+  EXPECT_LT(_queue->GetKeptBytes(), text->size());
+  std::string received;
+  while (_queue->Send() > 0) received += Receive();
+  EXPECT_EQ(received + Receive(), *text);
+  EXPECT_EQ(text.use_count(), 1);
+}
+
+TEST_F(HoldingQueue, BrokenQueueDropsSharedMessages) {
+  const auto text = std::make_shared<const std::string>(kMost / 2 + 1, 'a');
+  _queue->HoldMessage(Change());
+  _queue->WriteShared(text);
+  EXPECT_EQ(text.use_count(), 2);
+  _queue->WriteShared(text);
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kHeld) << "each queue's own bound counts all that waits in it";
+  EXPECT_FALSE(_queue->IsReachable());
+  EXPECT_EQ(text.use_count(), 1);
+  _queue->WriteShared(text);
+  EXPECT_EQ(text.use_count(), 1);
+  EXPECT_EQ(_queue->GetKeptBytes(), 0u);
+}
+
+// What all queues together may keep is far less than the sum of what they wait for.
+TEST_F(HoldingQueue, ManyQueuesKeepOneTextTogether) {
+  const auto text = std::make_shared<const std::string>(kMost, 'a');
+  const DurabilityGate::Ticket ticket = Change();
+  std::vector<std::shared_ptr<OutputQueue>> queues;
+  for (int i = 0; i < 50; ++i) {
+    queues.push_back(std::make_shared<OutputQueue>(_sockets[0], _bounds, &_gate, [] {}));
+    queues.back()->HoldMessage(ticket);
+    queues.back()->WriteShared(text);
+  }
+  EXPECT_EQ(text.use_count(), 51);
+  for (const auto& queue : queues) EXPECT_TRUE(queue->IsReachable());
+  for (const auto& queue : queues) queue->Close();
+  EXPECT_EQ(text.use_count(), 1);
+}
+
+TEST_F(HoldingQueue, QueuesMaySendOneTextOnDifferentThreads) {
+  constexpr int kMessages = 300;
+  std::atomic<bool> ended{false};
+  BackgroundCall sync([&] {
+    for (; !ended; std::this_thread::yield()) _gate.SetDurable(_gate.FindLast(nullptr));
+  });
+  BackgroundCall loop([&] {
+    for (; !ended; std::this_thread::yield()) _queue->Send();
+  });
+  std::string received;
+  size_t expected = 0;
+  for (int i = 0; i < kMessages; ++i) {
+    const auto text = std::make_shared<const std::string>(3000, static_cast<char>('a' + i % 26));
+    if (i % 3 == 0) _queue->HoldMessage(Change());
+    _queue->WriteShared(text);
+    expected += text->size();
+    received += Receive();
+  }
+  EXPECT_TRUE(Eventually([&] { return (received += Receive()).size() == expected; }));
+  ended = true;
+  sync.Join();
+  loop.Join();
+  for (size_t i = 0; i < received.size(); ++i) ASSERT_EQ(received[i], static_cast<char>('a' + i / 3000 % 26)) << i;
 }
 
 TEST_F(HoldingQueue, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {

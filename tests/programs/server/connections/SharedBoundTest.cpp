@@ -6,6 +6,7 @@
 
 #include <list>
 #include <memory>
+#include <string>
 #include <thread>
 
 namespace tavix::test {
@@ -41,6 +42,12 @@ class Kept {
   int _sockets[2] = {-1, -1};
   std::unique_ptr<SharedBound::Part> _part;
 };
+
+size_t CountPicked(std::list<Kept>& all) {
+  size_t picked = 0;
+  for (Kept& kept : all) picked += kept->GetPicked() > 0 ? 1 : 0;
+  return picked;
+}
 
 }  // namespace
 
@@ -102,19 +109,110 @@ TEST(SharedBound, AsManyArePickedAsItTakes) {
   Kept last(bound);
   last->Set(kMost / 10 + 100);
   EXPECT_GT(last->GetPicked(), 0u) << "the largest";
-  size_t picked = 0;
-  for (Kept& kept : all) picked += kept->GetPicked() > 0 ? 1 : 0;
-  EXPECT_EQ(picked, 0u);
+  EXPECT_EQ(CountPicked(all), 0u);
+}
+
+TEST(SharedBound, TextThatManyKeepIsCountedOnce) {
+  SharedBound bound(kMost);
+  const std::string text(kMost / 2, 'x');
+  std::list<Kept> all;
+  for (int i = 0; i < 50; ++i) {
+    all.emplace_back(bound);
+    all.back()->AddText(text);
+    all.back()->AddText(text);
+  }
+  Kept last(bound);
+  last->Set(kMost / 2);
+  for (Kept& kept : all) EXPECT_EQ(kept->GetPicked(), 0u);
+  last->Set(kMost / 2 + 1);
+  EXPECT_EQ(CountPicked(all), 50u) << "they are furthest behind, each by twice the text";
+  EXPECT_EQ(last->GetPicked(), 0u);
+}
+
+TEST(SharedBound, TextIsCountedUntilTheLastHasDroppedIt) {
+  SharedBound bound(kMost);
+  const std::string text(kMost, 'x');
+  Kept first(bound);
+  Kept second(bound);
+  first->AddText(text);
+  second->AddText(text);
+  first->DropText();
+  Kept other(bound);
+  second->DropText();
+  other->Set(kMost);
+  EXPECT_EQ(other->GetPicked(), 0u);
+  other->Set(0);
+  first->AddText(text);
+  second->AddText(text);
+  first->DropText();
+  other->Set(kMost / 2);
+  EXPECT_EQ(second->GetPicked(), kMost);
+}
+
+// Nothing is free before all of them are gone.
+TEST(SharedBound, ThoseThatShareWhatTheyKeepEndTogetherAndOthersStay) {
+  SharedBound bound(kMost);
+  const std::string old(kMost / 2, 'o');
+  const std::string present(kMost / 2, 'p');
+  const std::string next(kMost / 2, 'n');
+  std::list<Kept> silent;
+  for (int i = 0; i < 10; ++i) {
+    silent.emplace_back(bound);
+    for (const std::string* text : {&old, &present}) silent.back()->AddText(*text);
+  }
+  std::list<Kept> healthy;
+  for (int i = 0; i < 10; ++i) {
+    healthy.emplace_back(bound);
+    healthy.back()->AddText(next);
+  }
+  EXPECT_EQ(CountPicked(silent), 10u);
+  EXPECT_EQ(CountPicked(healthy), 0u);
+  for (Kept& kept : silent) EXPECT_TRUE(kept.IsShutDown());
+}
+
+TEST(SharedBound, OneWithoutWhomNothingWouldBeFreeIsSpared) {
+  SharedBound bound(kMost);
+  const std::string text(kMost / 2, 'x');
+  Kept longest(bound);
+  Kept sharer(bound);
+  Kept alone(bound);
+  longest->AddText(text);
+  sharer->AddText(text);
+  longest->Set(kMost / 4);
+  alone->Set(kMost / 2 + 1);
+  EXPECT_EQ(alone->GetPicked(), kMost / 2 + 1);
+  EXPECT_EQ(longest->GetPicked(), 0u) << "although it keeps more";
+  EXPECT_EQ(sharer->GetPicked(), 0u);
+}
+
+TEST(SharedBound, OneThatWasPickedKeepsNoTextsAlive) {
+  SharedBound bound(kMost);
+  const std::string text(kMost + 1, 'x');
+  Kept first(bound);
+  first->AddText(text);
+  EXPECT_EQ(first->GetPicked(), kMost + 1);
+  first->AddText(text);
+  first->DropText();
+  first->DropText();
+  first->Clear();
+  Kept second(bound);
+  second->Set(kMost);
+  EXPECT_EQ(second->GetPicked(), 0u);
 }
 
 TEST(SharedBound, ThreadsMayGrowAndEndAtTheSameTime) {
   SharedBound bound(kMost);
+  const std::string text(kMost / 4, 'x');
   std::list<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&bound] {
+    threads.emplace_back([&bound, &text] {
       for (int round = 0; round < 200; ++round) {
         Kept kept(bound);
-        for (size_t bytes = 0; bytes < kMost && kept->GetPicked() == 0; bytes += kMost / 8) kept->Set(bytes);
+        for (size_t bytes = 0; bytes < kMost && kept->GetPicked() == 0; bytes += kMost / 8) {
+          kept->Set(bytes);
+          kept->AddText(text);
+        }
+        kept->DropText();
       }
     });
   }

@@ -1,0 +1,27 @@
+#include "programs/server/system/UnusedMemory.h"
+
+#include <cstdlib>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr std::time_t kSecondsBetween = 5;
+
+}  // namespace
+
+void UnusedMemory::ReturnNoted() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  std::time_t next = _next;
+  if (now.tv_sec < next || !_next.compare_exchange_strong(next, now.tv_sec + kSecondsBetween)) return;
+  _isNoted = false;
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
+
+}  // namespace tavix::daemon
