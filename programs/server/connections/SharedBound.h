@@ -24,6 +24,7 @@ namespace tavix::daemon {
 // Threads: any.
 // Locks:   its own mutex, inside all others but the log's.
 class SharedBound {
+  // How many parts keep a text, and how many of these are counted.
   struct Keepers {
     size_t all = 0;
     size_t counted = 0;
