@@ -13,6 +13,7 @@ void AddDispatchBenches(Suite& suite);
 void AddRoundTripBenches(Suite& suite);
 void AddThroughputBenches(Suite& suite);
 void AddDurableBenches(Suite& suite);
+void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);

@@ -117,6 +117,7 @@ int Run(const Options& options) {
   AddRoundTripBenches(suite);
   AddThroughputBenches(suite);
   AddDurableBenches(suite);
+  AddLoadBenches(suite);
   AddNotifyBenches(suite);
   AddFootprintBenches(suite);
   AddLayersBenches(suite);

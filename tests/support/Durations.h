@@ -17,6 +17,11 @@ class Durations {
     _milliseconds.push_back(taken.count());
   }
 
+  // Adds those of others.
+  void Add(const Durations& others) {
+    _milliseconds.insert(_milliseconds.end(), others._milliseconds.begin(), others._milliseconds.end());
+  }
+
   size_t Count() const { return _milliseconds.size(); }
 
   // In milliseconds: what that share of the calls, from 0 to 1, did not exceed. There must have been calls.

@@ -1,14 +1,12 @@
 #include "tests/support/ProcessFigures.h"
 
-#include <unistd.h>
+#include <time.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace tavix::test {
 
@@ -67,14 +65,11 @@ size_t PeakAddressSpace(pid_t process) {
 }
 
 double ProcessorTime(pid_t process) {
-  std::ifstream file(Path(process, "stat"));
-  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  const size_t name = text.rfind(')');  // which may hold blanks
-  if (name == std::string::npos) throw std::runtime_error("No process " + std::to_string(process));
-  std::istringstream fields(text.substr(name + 2));
-  const std::vector<std::string> values((std::istream_iterator<std::string>(fields)),
-                                        std::istream_iterator<std::string>());
-  return (std::stod(values.at(11)) + std::stod(values.at(12))) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  clockid_t clock{};
+  timespec used{};
+  if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &used) != 0)
+    throw std::runtime_error("No process " + std::to_string(process));
+  return static_cast<double>(used.tv_sec) + 1e-9 * static_cast<double>(used.tv_nsec);
 }
 
 }  // namespace tavix::test
