@@ -1,0 +1,114 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "tests/programs/server/load/LoadedDaemon.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/EchoFloor.h"
+#include "tests/support/PacedCalls.h"
+#include "tests/support/ProcessFigures.h"
+#include "tests/support/RandomClients.h"
+#include "tests/support/RunLength.h"
+
+// Clients that do whatever the bounds allow, and one beside them that has a group for itself.
+
+namespace tavix::test {
+
+namespace {
+
+constexpr size_t kMegabyte = 1024 * 1024;
+constexpr size_t kBound = 64 * kMegabyte;  // of all unread replies, and of all unfinished requests
+constexpr size_t kDescriptorsBeside = 200;
+
+// Another one at each run, unless the environment names one that is to be tried again.
+unsigned int ChooseSeed() {
+  const char* const given = std::getenv("TAVIX_TEST_SEED");
+  return given ? static_cast<unsigned int>(std::stoul(given)) : std::random_device()();
+}
+
+// How many connections this process and the daemon may have; asks the system for more where it gives more.
+size_t AllowConnections(size_t wanted) {
+  rlimit limit{};
+  EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, wanted + kDescriptorsBeside));
+  EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  return std::min<size_t>(wanted, limit.rlim_cur - kDescriptorsBeside);
+}
+
+// A client that has a group for itself and is told of its changes. It knows every byte that the daemon may send it.
+class OwnGroup {
+ public:
+  explicit OwnGroup(unsigned short port) : _client(port) { _client.Send("subscribe\nOWN\n.\n"); }
+
+  // Changes it twice and reads it, and a group that nobody changes. Returns what was wrong; empty when nothing was.
+  std::string Use() {
+    const std::string before = State();
+    ++_state;
+    const std::string merged = State();
+    ++_state;
+    const std::string store = LoadedGroupName(7) + "\n";
+    _client.Send("merge\n" + merged + ".\nget delimited\nOWN\n" + store + ".\n");
+    _client.Send("test-and-merge\n" + merged + ".\n" + State() + ".\n");
+    const std::string wanted =
+        Notice(merged) + "data\n" + LoadedGroupText(7) + merged + ".\n" + Notice(State()) + "result\nok\n";
+    const std::string received = _client.Read(wanted.size());
+    return received == wanted ? "" : "wanted:\n" + wanted + "received:\n" + received;
+  }
+
+  std::string State() const { return "[OWN]\nn=" + std::to_string(1'000'000 + _state) + "\n"; }
+
+ private:
+  static std::string Notice(const std::string& state) { return "async change\nOWN\n.\n" + state + ".\n"; }
+
+  ProtocolClient _client;
+  size_t _state = 0;
+};
+
+}  // namespace
+
+TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
+  const unsigned int seed = ChooseSeed();
+  const size_t clients = AllowConnections(IsLongRun() ? 2000 : 50);
+  std::printf("%zu clients, seed %u\n", clients, seed);
+  LoadSize size;
+  if (!IsLongRun()) size.storeGroups = 2'000;
+  LoadedDaemon daemon(size, Load{"random", "", true, {}},
+                      {"--max-connections", std::to_string(clients + 100), "--durability", "1s", "--all-backlogs",
+                       std::to_string(kBound), "--all-requests", std::to_string(kBound)});
+  const size_t memory = ResidentMemory(daemon.Get().GetId());
+  OwnGroup own(daemon.GetPort());
+  PacedCalls uses(
+      kUsualPause, [&] { return own.Use(); }, [] {});
+  EchoFloor floor;
+  RandomClients random(daemon.GetPort(), clients, seed);
+
+  if (IsLongRun()) {
+    std::this_thread::sleep_for(std::chrono::seconds(60));  // the load is what the test is about
+  } else {
+    EXPECT_TRUE(Eventually([&] { return random.CountRequests() >= 2000 && uses.Count() >= 5; }));
+  }
+
+  const CallFigures figures = Summarise(uses.Stop());
+  EXPECT_EQ(uses.GetFailure(), "") << "seed " << seed;
+  const CallFigures machine = floor.Stop();
+  const size_t growth = PeakResidentGrowth(daemon.Get().GetId(), memory);
+  std::printf("%zu requests on %zu connections; 3 of another's: p50 %.2f p99 %.2f longest %.1f ms; ",
+              random.CountRequests(), random.CountConnections(), figures.median, figures.p99, figures.longest);
+  std::printf("the machine %.2f, %.2f, %.1f ms; watchdog %ld ms; %zu MiB more\n", machine.median, machine.p99,
+              machine.longest, daemon.GetWatchdogTimes().GetLongestGap(), growth / kMegabyte);
+  EXPECT_EQ(daemon.Get().Stop(), 0) << "seed " << seed;
+  EXPECT_THAT(daemon.GetDirectory().Read("user.ini"), testing::HasSubstr(own.State()));
+  if (!IsLongRun()) return;
+  EXPECT_LT(figures.longest, 100 + machine.longest) << "seed " << seed;
+  EXPECT_LT(growth, 2 * kBound + 256 * kMegabyte) << "seed " << seed;
+}
+
+}  // namespace tavix::test
