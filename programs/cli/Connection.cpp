@@ -20,6 +20,7 @@
 #include "programs/cli/Spelling.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/ServiceEndpoint.h"
+#include "tavix/settings/client/ProtocolConstants.h"
 
 namespace tavix::cli {
 
@@ -32,10 +33,10 @@ constexpr char kVariable[] = "TAVIX_SETTINGS_SERVER";
 constexpr char kUnix[] = "unix:";
 constexpr long long kLongestWait = 1000 * 1000 * 1000;  // milliseconds, what poll(2) takes at a time
 constexpr size_t kMostAtOnce = 64 * size_t{1024};
-constexpr size_t kMostInALine = 1024 * size_t{1024};
-constexpr size_t kMostInARequest = 64 * kMostInALine;
+constexpr size_t kMostInALine = settings::client::protocol::kMaxLineBytes;
+constexpr size_t kMostInARequest = 4 * kMostInALine;
 constexpr char kLimits[] =
-    "a server takes lines of 1 MiB and requests of 64 MiB, unless its --max-line and --max-request say otherwise";
+    "a server takes lines of 16 MiB and requests of 64 MiB, unless its --max-line and --max-request say otherwise";
 
 bool IsUnix(const std::string& server) {
   return server.rfind(kUnix, 0) == 0;

@@ -61,6 +61,7 @@ settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server
   env.mostSubscriptionBytes = limits.subscriptionBytes;
   env.mostListed = limits.listed;
   env.mostPatterns = limits.patterns;
+  env.maxNameBytes = limits.nameBytes;
   env.messageObserver = &observer;
   return env;
 }
@@ -91,10 +92,12 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _limits(WithinDescriptors(options.limits, options.loops)),
       _places(_limits.connections),
       _messageHolder(store.GetGate()),
+      _subscriptionBudget(_limits.allSubscriptionBytes),
       _env(EnvironmentOf(store, _serializationManager, _limits, _messageHolder)),
       _bounds{SharedBound(_limits.allRequestBytes), SharedBound(_limits.allBacklogBytes)},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
+  _env.subscriptionBudget = &_subscriptionBudget;
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_places;
   while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));

@@ -22,6 +22,7 @@
 #include "programs/server/options/Options.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
+#include "tavix/settings/server/SubscriptionBudget.h"
 
 namespace tavix::daemon {
 
@@ -82,6 +83,7 @@ class Server {
   Places _places;
   settings::server::SerializationManager _serializationManager;
   MessageHolder _messageHolder;
+  settings::server::SubscriptionBudget _subscriptionBudget;
   settings::server::ServerEnv _env;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "programs/server/LayerFiles.h"
+#include "programs/server/LongNames.h"
 #include "programs/server/Program.h"
 #include "programs/server/persistence/Deadline.h"
 #include "programs/server/system/LinkTarget.h"
@@ -143,6 +144,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
       _userSettings(FollowLinks(options.userSettings)),
       _isCheck(options.action == Options::Action::kCheck),
       _mostForTheEnd(options.stopSeconds),
+      _maxNameBytes(options.limits.nameBytes),
       _counters(counters),
       _persister(MakePersister(options, _userSettings, counters)) {}
 
@@ -150,6 +152,7 @@ void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
   const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
   _counters.defaultGroups.Set(size.groups);
   _counters.defaultKeys.Set(size.keys);
+  _areDefaultsLoaded = true;
 }
 
 void SettingsSources::LoadRestrictedSettings(SettingsCombiner& combiner) {
@@ -199,6 +202,7 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
 void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
                                     IniFile& merged) {
   IniFile document = LoadFile(path);
+  if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document, _maxNameBytes);
   Report report{NameOf(layer), path, 0, {}, {}, ""};
   if (layer == Layer::kDefaults) {
     if (_isCheck) report.dropped = RestrictedGroupsOf(document);
@@ -217,6 +221,7 @@ void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
   FoundUserSettings found;
   const bool isFound = Try([&] { found = FindUserSettings(); });
   _counters.userFileBytes.Set(found.snapshotBytes);
+  WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
   const bool isAbsent = found.isAbsent && found.settings.IsEmpty();
   Remember({kUserLayer,
             _userSettings,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -79,8 +80,10 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const std::string _userSettings;  // empty: there are none
   const bool _isCheck;              // else reports name no groups: with many, these cost as much as the settings
   const std::chrono::seconds _mostForTheEnd;
+  const size_t _maxNameBytes;
   Counters& _counters;
   const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
+  std::atomic<bool> _areDefaultsLoaded{false};              // once; later loads are for restores
   mutable std::mutex _mutex;                                // guards what follows
   std::vector<Report> _reports;
   std::vector<std::string> _problems;

@@ -106,7 +106,7 @@ void LogLimiter::Report(const std::vector<std::string>& lines) {
 std::string LogLimiter::TakeReport(const std::string& peer, Cause& cause) {
   const std::string count = std::to_string(cause.leftOut);
   cause.leftOut = 0;
-  return peer + ": " + count + (count == "1" ? " more line" : " more lines") + " left out, like: " + cause.example;
+  return peer + ": lines left out: " + count + ", like: " + cause.example;
 }
 
 // The caller holds the lock, as for the following.

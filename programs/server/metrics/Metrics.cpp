@@ -49,6 +49,8 @@ void AddCommands(MetricsText& text) {
   for (const auto& command : statistics.commands) text.Add(command.seconds, {{"command", command.name}});
   text.BeginCounter("unknown_commands_total", "Lines that were no command.");
   text.Add(statistics.unknown);
+  text.BeginCounter("subscriptions_refused_total", "Requests that would have passed a bound of subscriptions.");
+  text.Add(statistics.refusedSubscriptions);
   text.BeginCounter("notifications_total", "Notices of a change that were written to clients.");
   text.Add(statistics.notices);
 }

@@ -30,4 +30,7 @@ constexpr char kFailure[] = "failure";
 constexpr char kTerminator[] = ".";
 constexpr char kTerminatorLine[] = ".\n";
 
+// How long a line may be, without its line feed, that a client sends.
+constexpr unsigned long kMaxLineBytes = 16 * 1024 * 1024;
+
 }  // namespace tavix::settings::client::protocol

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <istream>
 #include <iterator>
-#include <numeric>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -24,6 +23,7 @@
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SettingsManager.h"
+#include "tavix/settings/server/SubscriptionBudget.h"
 
 namespace tavix::settings::server {
 
@@ -46,20 +46,29 @@ const GroupNameMatcher kNoGroups;
 struct ListBounds {
   size_t listed;
   size_t patterns;
+  size_t nameBytes;
 };
 
 void CheckCount(size_t count, size_t most, const char* what) {
   if (count > most && most > 0) throw osa::Exception("A list holds more than the %zu %s allowed", most, what);
 }
 
-// Passes a list's values on to another iterator. Throws once there are too many, whatever follows.
+void CheckName(const std::string& name, size_t max) {
+  if (name.size() > max && max > 0) {
+    throw osa::Exception("The name \"%s...\" of %zu bytes is longer than the %zu allowed",
+                         core::PrintableText(name, 40).c_str(), name.size(), max);
+  }
+}
+
+// Passes a list's values on to another iterator. Throws once there are too many, or one is too long, whatever follows.
 template <class Target>
 class CountingIterator {
  public:
-  CountingIterator(Target target, size_t most) : _target(target), _most(most) {}
+  CountingIterator(Target target, const ListBounds& bounds) : _target(target), _bounds(bounds) {}
 
   CountingIterator& operator=(const std::string& value) {
-    CheckCount(++_count, _most, "names and patterns");
+    CheckName(value, _bounds.nameBytes);
+    CheckCount(++_count, _bounds.listed, "names and patterns");
     *_target++ = value;
     return *this;
   }
@@ -69,7 +78,7 @@ class CountingIterator {
 
  private:
   Target _target;
-  const size_t _most;
+  const ListBounds _bounds;
   size_t _count = 0;
 };
 
@@ -79,7 +88,7 @@ bool IsPattern(const std::string& value) {
 
 std::set<std::string> ReadGroupSet(std::istream* in, const ListBounds& bounds) {
   std::set<std::string> groups;
-  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds.listed));
+  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds));
   const auto patterns = bounds.patterns > 0 ? std::count_if(groups.begin(), groups.end(), IsPattern) : 0;
   CheckCount(static_cast<size_t>(patterns), bounds.patterns, "patterns");
   return groups;
@@ -87,14 +96,50 @@ std::set<std::string> ReadGroupSet(std::istream* in, const ListBounds& bounds) {
 
 GroupNameMatcher ReadGroupMatcher(std::istream* in, const ListBounds& bounds) {
   GroupNameMatcher matcher;
-  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds.listed));
+  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds));
   CheckCount(matcher.GetPatterns().size(), bounds.patterns, "patterns");
   return matcher;
 }
 
-size_t BytesOf(const std::set<std::string>& names) {
-  return std::accumulate(names.begin(), names.end(), size_t{0},
-                         [](size_t bytes, const std::string& name) { return bytes + name.size(); });
+// Keeps a list's values up to that many, and counts the others, so that the list is read to its end in any case.
+class BoundedSet {
+ public:
+  explicit BoundedSet(const ListBounds& bounds) : _bounds(bounds) {}
+
+  // For readDelimitedValues, by reference.
+  struct Iterator {
+    Iterator& operator=(const std::string& value) {
+      set->Add(value);
+      return *this;
+    }
+    Iterator& operator*() { return *this; }
+    Iterator& operator++(int) { return *this; }
+
+    BoundedSet* set;
+  };
+
+  Iterator GetIterator() { return {this}; }
+  bool IsTooLong() const { return _count > _bounds.listed && _bounds.listed > 0; }
+  const std::set<std::string>& GetValues() const { return _values; }
+
+ private:
+  void Add(const std::string& value) {
+    CheckName(value, _bounds.nameBytes);
+    ++_count;
+    if (IsTooLong()) {
+      _values.clear();
+    } else {
+      _values.insert(value);
+    }
+  }
+
+  const ListBounds _bounds;
+  std::set<std::string> _values;
+  size_t _count = 0;
+};
+
+std::string FormatExcess(const char* what, size_t count, size_t max) {
+  return std::to_string(count) + what + " are more than the " + std::to_string(max) + " allowed";
 }
 
 bool IsBlank(char character) {
@@ -120,12 +165,13 @@ bool IsLine(const std::string& name) {
 }
 
 // A group whose name can't stand in a list could be announced to nobody.
-void CheckGroupNames(const IniFile& document) {
-  for (const auto& group : document) {
-    const std::string& name = group.first;
+void CheckNames(const IniFile& document, size_t maxBytes) {
+  for (const auto& [name, keys] : document) {
+    CheckName(name, maxBytes);
     if (!IsLine(name)) {
       throw osa::Exception("Group name \"%s\" can't stand on a line of its own", core::PrintableText(name, 80).c_str());
     }
+    for (const auto& key : keys) CheckName(key.first, maxBytes);
   }
 }
 
@@ -142,11 +188,14 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _mostSubscriptionBytes(env->mostSubscriptionBytes),
       _mostListed(env->mostListed),
       _mostPatterns(env->mostPatterns),
+      _maxNameBytes(env->maxNameBytes),
+      _subscriptionBudget(env->subscriptionBudget),
       _messageObserver(env->messageObserver),
       _serializer(_serializationManager->GetSerializer("ini")) {}
 
 ClientHandler::~ClientHandler() {
   _settingsManager->Unsubscribe(this);
+  if (_subscriptionBudget) _subscriptionBudget->Return(_subscriptionBytes);
 }
 
 void ClientHandler::Run() {
@@ -223,27 +272,58 @@ void ClientHandler::TestAndMerge(std::istream&) {
   SendMessage(nullptr);
 }
 
+// What would pass a bound is left out as a whole: the client that asks for too much keeps what it had, and its
+// connection. Ended, it would only come back and ask for the same.
 void ClientHandler::Subscribe(std::istream&) {
   const size_t most = _mostListed > 0 ? std::max(_mostListed, _mostSubscriptions) : 0;
-  const std::set<std::string> groups = ReadGroupSet(_in, {most, 0});
+  BoundedSet list({most, 0, _maxNameBytes});
+  readDelimitedValues(_in, list.GetIterator());
+  if (list.IsTooLong())
+    return RefuseSubscription("A list holds more than the " + std::to_string(most) + " names and patterns allowed");
+  const std::set<std::string>& groups = list.GetValues();
   if (groups.empty()) return;
-  if (_mostSubscriptions > 0 || _mostSubscriptionBytes > 0) CountSubscriptions(groups);
+  std::string reason;
+  if (!TakeSubscriptions(groups, reason)) return RefuseSubscription(reason);
   _settingsManager->Subscribe(this, groups);
 }
 
-void ClientHandler::CountSubscriptions(const std::set<std::string>& groups) {
+// Counts what is new of them. False, having counted nothing, when that would pass a bound.
+bool ClientHandler::TakeSubscriptions(const std::set<std::string>& groups, std::string& reason) {
+  if (_settingsManager->GetDispatcher().WouldExceedMaxAlikePatterns(groups)) {
+    reason = "Too many patterns are alike";
+    return false;
+  }
+  if (_mostSubscriptions == 0 && _mostSubscriptionBytes == 0 && !_subscriptionBudget) return true;
+  size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
+  size_t newBytes = 0;
+  for (const std::string& group : groups) {
+    if (_subscriptions.GetNames().count(group) + _subscriptions.GetPatterns().count(group) > 0) continue;
+    ++count;
+    newBytes += group.size();
+  }
+  const size_t bytes = _subscriptionBytes + newBytes;
+  if (count > _mostSubscriptions && _mostSubscriptions > 0) {
+    reason = FormatExcess(" subscriptions", count, _mostSubscriptions);
+  } else if (bytes > _mostSubscriptionBytes && _mostSubscriptionBytes > 0) {
+    reason = FormatExcess(" bytes of subscriptions", bytes, _mostSubscriptionBytes);
+  } else if (_subscriptionBudget && !_subscriptionBudget->Take(newBytes)) {
+    reason = "All subscriptions together would have more than the " + std::to_string(_subscriptionBudget->GetMax()) +
+             " bytes allowed";
+  }
+  if (!reason.empty()) return false;
+  _subscriptionBytes = bytes;
   _subscriptions.AddNamesAndPatterns(groups);
-  const size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
-  if (count > _mostSubscriptions && _mostSubscriptions > 0)
-    throw osa::Exception("%zu subscriptions are more than the %zu allowed", count, _mostSubscriptions);
-  const size_t bytes = BytesOf(_subscriptions.GetNames()) + BytesOf(_subscriptions.GetPatterns());
-  if (bytes > _mostSubscriptionBytes && _mostSubscriptionBytes > 0)
-    throw osa::Exception("Subscriptions of %zu bytes are more than the %zu allowed", bytes, _mostSubscriptionBytes);
+  return true;
+}
+
+void ClientHandler::RefuseSubscription(const std::string& reason) {
+  MsgDispatcher::Get().CountRefusedSubscription();
+  _logger->Warning("Subscription refused: %s", reason.c_str());
 }
 
 void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns});
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
@@ -254,7 +334,7 @@ void ClientHandler::GetSections(std::istream& args) {
 }
 
 void ClientHandler::Overwrite(std::istream&) {
-  const std::set<std::string> groups = ReadGroupSet(_in, {_mostListed, _mostPatterns});
+  const std::set<std::string> groups = ReadGroupSet(_in, {_mostListed, _mostPatterns, _maxNameBytes});
   IniFile settings;
   if (WasCutOff() || !ReadPayload(settings)) return;
   _settingsManager->OverwriteSettings(groups, settings);
@@ -269,7 +349,7 @@ void ClientHandler::ChangeSerialization(std::istream& args) {
 }
 
 void ClientHandler::RestoreDefaults(std::istream&) {
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns});
+  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
   if (!WasCutOff()) _settingsManager->RestoreToDefaults(matcher);
 }
 
@@ -341,7 +421,7 @@ void ClientHandler::ComposeNotice(const std::set<std::string>& changedGroups, co
 // False when the input ended before the payload did: what came of it must not be carried out.
 bool ClientHandler::ReadPayload(IniFile& document) {
   _serializer.load()->OnDeserialize(*_in, document);
-  CheckGroupNames(document);
+  CheckNames(document, _maxNameBytes);
   return !WasCutOff();
 }
 

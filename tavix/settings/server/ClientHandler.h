@@ -26,6 +26,7 @@ class IMessageObserver;
 class ISettingsSerializer;
 class SerializationManager;
 class SettingsManager;
+class SubscriptionBudget;
 struct ServerEnv;
 
 // Serves one connection: reads requests, carries them out on the store, writes replies, and writes a notice when groups
@@ -75,9 +76,10 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
       double seconds;            // that these took together, since TimeCommands
     };
 
-    std::vector<Command> commands;   // every command, in ascending order of names
-    unsigned long long unknown = 0;  // words that were no command
-    unsigned long long notices = 0;  // that were written
+    std::vector<Command> commands;                // every command, in ascending order of names
+    unsigned long long unknown = 0;               // words that were no command
+    unsigned long long notices = 0;               // that were written
+    unsigned long long refusedSubscriptions = 0;  // requests that would have passed a bound
   };
   static Statistics ReadStatistics();
 
@@ -100,7 +102,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void Info(std::istream& args);
 
   bool TakeLine(std::string_view& line);
-  void CountSubscriptions(const std::set<std::string>& groups);
+  bool TakeSubscriptions(const std::set<std::string>& groups, std::string& reason);
+  void RefuseSubscription(const std::string& reason);
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
   void WriteNotice(const std::set<std::string>& changedGroups);
@@ -122,10 +125,14 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const size_t _mostSubscriptionBytes;
   const size_t _mostListed;
   const size_t _mostPatterns;
+  const size_t _maxNameBytes;
+  SubscriptionBudget* const _subscriptionBudget;        // may be null
   IMessageObserver* const _messageObserver;             // may be null
   std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
 
-  common::GroupNameMatcher _subscriptions;  // what was subscribed to so far, to count it
+  // What was subscribed to so far, to count it.
+  common::GroupNameMatcher _subscriptions;
+  size_t _subscriptionBytes = 0;
 
   // Kept for their memory only.
   std::string _line;

@@ -1,5 +1,6 @@
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
 
+#include <limits>
 #include <memory>
 
 #include "tavix/core/CoreLogging.h"
@@ -10,6 +11,16 @@
 namespace tavix::settings::server {
 
 namespace protocol = client::protocol;
+
+void LogCommandCount(void* logContext, const std::string& name, unsigned long long count) {
+  if (count <= static_cast<unsigned long long>(std::numeric_limits<int>::max())) {
+    pelko_core_logging_log(logContext, core::kLogNotice, "ClientHandler stats: dispatch %s count %d", name.c_str(),
+                           static_cast<int>(count));
+  } else {
+    pelko_core_logging_log(logContext, core::kLogNotice, "ClientHandler stats: dispatch %s count %llu", name.c_str(),
+                           count);
+  }
+}
 
 std::atomic<ClientHandler::MsgDispatcher*> ClientHandler::MsgDispatcher::s_pInstance{nullptr};
 
@@ -60,19 +71,19 @@ void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, std::string_
 
 void ClientHandler::MsgDispatcher::LogStatistics(void* logContext) const {
   for (const auto& [name, entry] : _handlers) {
-    pelko_core_logging_log(logContext, core::kLogNotice, "ClientHandler stats: dispatch %s count %d", name.c_str(),
-                           entry.count.load(std::memory_order_relaxed));
+    LogCommandCount(logContext, name, entry.count.load(std::memory_order_relaxed));
   }
 }
 
 ClientHandler::Statistics ClientHandler::MsgDispatcher::ReadStatistics() const {
   Statistics statistics;
   for (const auto& [name, entry] : _handlers) {
-    const auto count = static_cast<unsigned int>(entry.count.load(std::memory_order_relaxed));
+    const unsigned long long count = entry.count.load(std::memory_order_relaxed);
     const auto nanoseconds = static_cast<double>(entry.nanoseconds.load(std::memory_order_relaxed));
     statistics.commands.push_back({name, count, nanoseconds / 1e9});
   }
   statistics.unknown = _unknown.load(std::memory_order_relaxed);
+  statistics.refusedSubscriptions = _refusedSubscriptions.load(std::memory_order_relaxed);
   statistics.notices = _notices.load(std::memory_order_relaxed);
   return statistics;
 }

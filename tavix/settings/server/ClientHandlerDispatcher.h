@@ -11,6 +11,10 @@
 
 namespace tavix::settings::server {
 
+// One line of LogStatistics. Hosts know the format with an int; a count that is greater has a format of its own, and
+// the same text.
+void LogCommandCount(void* logContext, const std::string& name, unsigned long long count);
+
 // Finds a command's handler by its word, and counts. One for the process; its counts cover all connections of all time.
 class ClientHandler::MsgDispatcher {
  public:
@@ -26,12 +30,13 @@ class ClientHandler::MsgDispatcher {
   void LogStatistics(void* logContext) const;
   Statistics ReadStatistics() const;
 
+  void CountRefusedSubscription() { _refusedSubscriptions.fetch_add(1, std::memory_order_relaxed); }
   void CountNotice() { _notices.fetch_add(1, std::memory_order_relaxed); }
 
  private:
   struct fpMsgHandler {
     void (ClientHandler::*handler)(std::istream& args);
-    std::atomic<int> count{0};
+    std::atomic<unsigned long long> count{0};
     std::atomic<unsigned long long> nanoseconds{0};
   };
 
@@ -45,6 +50,7 @@ class ClientHandler::MsgDispatcher {
   std::atomic<bool> _times{false};
   std::atomic<unsigned long long> _unknown{0};
   std::atomic<unsigned long long> _notices{0};
+  std::atomic<unsigned long long> _refusedSubscriptions{0};
 };
 
 }  // namespace tavix::settings::server

@@ -36,8 +36,8 @@ bool PhpArrayScanner::TakeByte(char byte) {
   if (*_expected == '$') ++_expected;
   if (*_expected == '#') {
     if (byte >= '0' && byte <= '9') return TakeDigit(byte);
-    if (IsSpace(byte) && !_hasDigits) return true;
-    if (!_hasDigits) return false;
+    if (!_hasDigits) return TakeBeforeDigits(byte);
+    if (_sign == '-') _number = 0 - static_cast<uint32_t>(_number);
     ++_expected;
     _rawLeft = _number;
   }
@@ -46,6 +46,13 @@ bool PhpArrayScanner::TakeByte(char byte) {
   ++_expected;
   if (*_expected == '\0') EndToken();
   return true;
+}
+
+// White space, and then one sign.
+bool PhpArrayScanner::TakeBeforeDigits(char byte) {
+  if (_sign != '\0') return false;
+  if (byte == '+' || byte == '-') _sign = byte;
+  return _sign != '\0' || IsSpace(byte);
 }
 
 bool PhpArrayScanner::TakeDigit(char byte) {
@@ -86,6 +93,7 @@ void PhpArrayScanner::EndToken() {
 void PhpArrayScanner::Begin(Part part) {
   _part = part;
   _hasDigits = false;
+  _sign = '\0';
   _number = 0;
   const bool isHeader = part == Part::kOuterHeader || part == Part::kInnerHeader;
   const bool isEnd = part == Part::kInnerEnd || part == Part::kOuterEnd;

@@ -22,6 +22,7 @@ class PhpArrayScanner {
   enum class Part { kOuterHeader, kGroupName, kInnerHeader, kString, kInnerEnd, kOuterEnd };
 
   bool TakeByte(char byte);
+  bool TakeBeforeDigits(char byte);
   bool TakeDigit(char byte);
   void EndToken();
   void Begin(Part part);
@@ -29,6 +30,7 @@ class PhpArrayScanner {
   Part _part = Part::kOuterHeader;
   const char* _expected = "a:#:{";  // what is left of the token; '#' is a number, '$' that many raw bytes
   bool _hasDigits = false;
+  char _sign = '\0';  // of the number; '\0': none
   uint64_t _number = 0;
   uint64_t _rawLeft = 0;
   uint64_t _groupsLeft = 0;

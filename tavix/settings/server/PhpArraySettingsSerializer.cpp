@@ -29,16 +29,20 @@ void Expect(std::istream& is, char expected) {
   if (read != expected) throw Exception("expected: '%c' but got: '%c'", expected, read);
 }
 
-// Digits only, and whatever the stream's locale and flags are: the standard extraction takes a sign and separators.
+// As the standard extraction reads an unsigned number, down to a sign in front of it, which has it wrap; but whatever
+// the stream's locale and flags are.
 unsigned int ReadSize(std::istream& is) {
   const auto isDigit = [](int byte) { return byte >= '0' && byte <= '9'; };
-  if (!isDigit((is >> std::ws).peek())) throw Exception("failed to read size specification");
+  const int sign = (is >> std::ws).peek();
+  if (sign == '+' || sign == '-') is.get();
+  if (!isDigit(is.peek())) throw Exception("failed to read size specification");
   uint64_t size = 0;
   while (isDigit(is.peek())) {
     size = size * 10 + static_cast<uint64_t>(is.get() - '0');
     if (size > std::numeric_limits<unsigned int>::max()) throw Exception("failed to read size specification");
   }
-  return static_cast<unsigned int>(size);
+  const auto number = static_cast<unsigned int>(size);
+  return sign == '-' ? 0 - number : number;
 }
 
 unsigned int ReadArrayHeader(std::istream& is) {

@@ -10,7 +10,7 @@ namespace tavix::settings::server {
 // Errors: osa::Exception with one of
 //     phparray missing data (expected '%c')                 the stream ended where this character was due
 //     expected: '%c' but got: '%c'                          another character stands there
-//     failed to read size specification                     a count or length is no unsigned number
+//     failed to read size specification                     a count or length is no number of 32 bits
 //     phparray failed to read %zu characters for string     the stream ended inside a string
 class TAVIX_EXPORT PhpArraySettingsSerializer : public ISettingsSerializer {
  public:

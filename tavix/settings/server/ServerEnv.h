@@ -7,6 +7,7 @@ namespace tavix::settings::server {
 class IMessageObserver;
 class SerializationManager;
 class SettingsManager;
+class SubscriptionBudget;
 
 // What all connections of a server share. Filled by the hosting program; it and what it points to outlive every
 // handler.
@@ -14,7 +15,8 @@ struct ServerEnv {
   SettingsManager* settingsManager = nullptr;
   SerializationManager* serializationManager = nullptr;
 
-  // How many names and patterns one connection may subscribe to; a request for more ends the connection. 0: no limit.
+  // How many names and patterns one connection may subscribe to. 0: no limit. A request that would pass this or
+  // another bound of subscriptions subscribes to nothing, with a warning in the log.
   size_t mostSubscriptions = 0;
 
   // Told of every reply and notice; may be null.
@@ -27,6 +29,12 @@ struct ServerEnv {
   // to be tried on every group of the store. A request for more ends the connection. 0: no limit.
   size_t mostListed = 0;
   size_t mostPatterns = 0;
+
+  // How many bytes a group's name, a key, or a line of a list may have; a longer one ends the connection. 0: no limit.
+  size_t maxNameBytes = 0;
+
+  // What the subscriptions of all connections together may have; may be null.
+  SubscriptionBudget* subscriptionBudget = nullptr;
 };
 
 }  // namespace tavix::settings::server

@@ -177,7 +177,7 @@ TEST_F(GlobalOptions, EmptyStoreIsNoOtherStore) {
 }
 
 TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsToldOf) {
-  const Outcome outcome = Run({"set", "A", "b", "-"}, std::string(8000000, 'x'));
+  const Outcome outcome = Run({"set", "A", "b", "-"}, std::string(17'000'000, 'x'));
   EXPECT_EQ(outcome.status, 3);
   EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
                                 " was lost\nhint: a server takes lines of 1 MiB and requests of 64 MiB, unless its "

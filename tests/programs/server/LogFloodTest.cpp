@@ -43,8 +43,7 @@ TEST(LogFlood, OfTwoClientsLeavesABoundedLogInWhichOthersAreSeen) {
   EXPECT_EQ(daemon.Stop(), 0);
   const std::string errors = daemon.GetErrors();
   EXPECT_THAT(CountOf("\n", errors), testing::Lt(6000u));
-  EXPECT_THAT(errors,
-              testing::ContainsRegex("WARNING LogLimiter: 127.0.0.1: [0-9]+ more lines left out, like: MsgDisp"));
+  EXPECT_THAT(errors, testing::ContainsRegex("WARNING LogLimiter: 127.0.0.1: lines left out: [0-9]+, like: MsgDisp"));
 }
 
 TEST(LogFlood, LeavesOutNoLineUncounted) {
@@ -54,7 +53,7 @@ TEST(LogFlood, LeavesOutNoLineUncounted) {
   EXPECT_EQ(daemon.Stop(), 0);
   const std::string errors = daemon.GetErrors();
   size_t count = CountOf("Invalid command: bad", errors) - CountOf("like: MsgDispatcher: Invalid command: bad", errors);
-  const std::string beginning = "LogLimiter: 127.0.0.1: ";
+  const std::string beginning = "LogLimiter: 127.0.0.1: lines left out: ";
   for (size_t at = 0; (at = errors.find(beginning, at)) != std::string::npos; at += beginning.size())
     count += std::stoul(errors.substr(at + beginning.size()));
   EXPECT_EQ(count, static_cast<size_t>(kLines));

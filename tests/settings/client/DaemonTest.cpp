@@ -161,6 +161,35 @@ TEST(Daemon, TellsAClientOfItsOwnAndOfOthersChanges) {
               testing::ElementsAre(Change{{"A1"}, "[A1]\nx=1\n"}, Change{{"A2"}, "[A2]\ny=2\n"}, Change{{"A1"}, ""}));
 }
 
+// What was subscribed before stays, and the client is not cut off to come back and ask for the same.
+TEST(Daemon, RefusesTheSubscriptionThatIsOneTooManyAndServesItsClient) {
+  const ServedByDaemon daemon;
+  RecordingCallback callback;
+  TavixSettingsClient client(TavixSettingsClient::MultiThreaded);
+  client.Subscribe(&callback, "A");
+  Groups names;
+  for (int i = 0; i < 4096; ++i) names.insert("Name" + std::to_string(i));
+  client.Subscribe(&callback, names);
+  for (int i = 1; i <= 3; ++i) {
+    client.SetValue("[A]x", std::to_string(i));
+    EXPECT_EQ(client.GetValue("[A]x"), std::to_string(i));
+  }
+  EXPECT_EQ(daemon.AskSubscribed(), "Subscribed groups\n-----------------\nA\n\n");
+  EXPECT_TRUE(Eventually([&] { return callback.GetChanges().size() == 3; }));
+}
+
+// Nothing is sent of it: the connection goes on.
+TEST(Daemon, IsSentNoLineThatItWouldNotTake) {
+  const ServedByDaemon daemon;
+  for (const Mode mode : {TavixSettingsClient::MultiThreaded, TavixSettingsClient::SingleThreaded}) {
+    TavixSettingsClient client(mode);
+    EXPECT_THAT([&] { client.SetValue("[Long]key", std::string(17'000'000, 'x')); },
+                testing::ThrowsMessage<Exception>(testing::HasSubstr("Key \"key\" of group \"Long\" can't be sent")));
+    client.SetValue("[A]x", std::string(16'000'000, 'y'));
+    EXPECT_EQ(client.GetValue("[A]x").size(), 16'000'000u);
+  }
+}
+
 TEST(Daemon, CarriesDocumentsOfMegabytesBothWays) {
   const ServedByDaemon daemon;
   IniFile large;

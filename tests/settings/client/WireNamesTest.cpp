@@ -7,6 +7,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/client/ProtocolConstants.h"
 
 namespace {
 
@@ -45,6 +46,25 @@ TEST(WireNames, AnythingElseIsRefusedAndShown) {
 // Values travel inside settings text, which escapes them.
 TEST(WireNames, KeysAndValuesMayBeAnything) {
   EXPECT_NO_THROW(RequireSendableNames(IniFile({{"A", {{".", "."}, {"line\nbreak", "\n.\n"}}}})));
+}
+
+// Escapes count, and so does what stands around the text.
+TEST(WireNames, LineThatIsLongerThanTheMaximumIsRefused) {
+  const size_t max = tavix::settings::client::protocol::kMaxLineBytes;
+  for (const std::string& longest : {std::string(max - 2, 'x'), std::string((max - 2) / 2, '\n')}) {
+    EXPECT_NO_THROW(RequireSendableNames(IniFile({{"A", {{"k", longest}}}})));
+    EXPECT_THAT(
+        [&] {
+          RequireSendableNames(IniFile({{"A", {{"k", longest + "x"}}}}));
+        },
+        testing::ThrowsMessage<Exception>("Key \"k\" of group \"A\" can't be sent: its line of 16777217 bytes is "
+                                          "longer than the 16777216 allowed"));
+  }
+  const std::string name(max - 2, 'n');
+  EXPECT_NO_THROW(RequireSendableNames(IniFile({{"", {}}, {name, {}}})));
+  EXPECT_THROW(RequireSendableNames(IniFile({{"", {}}, {name + "n", {}}})), Exception);
+  EXPECT_NO_THROW(RequireSendableNames(std::set<std::string>{name + "nn"}));
+  EXPECT_THROW(RequireSendableNames(std::set<std::string>{name + "nnn"}), Exception);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "tavix/core/CoreLogging.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/ClientHandlerDispatcher.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ServedStore.h"
 
@@ -136,6 +137,20 @@ TEST(ClientHandler, LogsAStatisticForEachCommandInAscendingOrder) {
                           "ClientHandler stats: dispatch overwrite", "ClientHandler stats: dispatch quit",
                           "ClientHandler stats: dispatch restore", "ClientHandler stats: dispatch serialize",
                           "ClientHandler stats: dispatch subscribe", "ClientHandler stats: dispatch test-and-merge"));
+}
+
+TEST(ClientHandler, LogsACountBeyondAnIntAsItIs) {
+  std::vector<Statistic> statistics;
+  g_statistics = &statistics;
+  pelko_core_logging_set_sink(Collect);
+  for (const unsigned long long count : {2147483647ull, 2147483648ull, 10'000'000'000ull})
+    tavix::settings::server::LogCommandCount(nullptr, "get", count);
+  pelko_core_logging_set_sink(nullptr);
+  ASSERT_EQ(statistics.size(), 3u);
+  EXPECT_EQ(statistics[0].format, "ClientHandler stats: dispatch %s count %d");
+  EXPECT_EQ(statistics[0].text, "ClientHandler stats: dispatch get count 2147483647");
+  EXPECT_EQ(statistics[1].text, "ClientHandler stats: dispatch get count 2147483648");
+  EXPECT_EQ(statistics[2].text, "ClientHandler stats: dispatch get count 10000000000");
 }
 
 TEST(ClientHandler, PassesTheLogContextOnUntouched) {

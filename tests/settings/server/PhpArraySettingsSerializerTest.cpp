@@ -145,6 +145,12 @@ TEST(PhpArraySettingsSerializer, ReadsLongStringsAndThoseThatLookLikeSyntax) {
   }
 }
 
+TEST(PhpArraySettingsSerializer, NumbersMayHaveASign) {
+  EXPECT_EQ(TextOf(Deserialized("a:+1:{s:+01:\"A\";a: +1:{s:1:\"k\";s:-0:\"\";}}")), "[A]\nk=\n");
+  EXPECT_EQ(TextOf(Deserialized("a:-4294967295:{s:1:\"A\";a:-0:{}}")), "[A]\n");
+  EXPECT_EQ(ErrorOf("a:1:{s:-1:\"A"), "phparray failed to read 4294967295 characters for string");
+}
+
 TEST(PhpArraySettingsSerializer, WhiteSpaceMayStandBetweenTokensAndTheirParts) {
   EXPECT_EQ(TextOf(Deserialized("a:1:{ s:3:\"Net\"; a:0:{ } }")), "[Net]\n");
   EXPECT_EQ(TextOf(Deserialized("\n a : 1 :\t{ s : 1\n: \"A\" ; a : 1 : { s:1:\"k\";\r\ns:1:\"v\"; } }")),
@@ -205,8 +211,9 @@ TEST(PhpArraySettingsSerializer, AWrongCharacterIsNamedWithTheOneExpected) {
 }
 
 TEST(PhpArraySettingsSerializer, ACountOrLengthIsAnUnsignedNumber) {
-  for (const char* text : {"a:x:{", "a::{", "a:", "a:-1:{}", "a:+1:{}", "a:4294967296:{}", "a:99999999999999999999:{}",
-                           "a:1:{s:x:\"\";", "a:1:{s::\"\";", "a:1:{s:-1:\"\";", "a:1:{s:", "a:1:{s:1:\"A\";a:x:{"}) {
+  for (const char* text : {"a:x:{", "a::{", "a:", "a:- 1:{}", "a:+-1:{}", "a:+:{}", "a:-4294967296:{}",
+                           "a:4294967296:{}", "a:99999999999999999999:{}", "a:1:{s:x:\"\";", "a:1:{s::\"\";",
+                           "a:1:{s:-:\"\";", "a:1:{s:", "a:1:{s:1:\"A\";a:x:{"}) {
     EXPECT_EQ(ErrorOf(text), "failed to read size specification") << text;
   }
 }

@@ -127,12 +127,34 @@ TEST(RequestFramer, FindsNothingInABeginning) {
 }
 
 TEST(RequestFramer, PayloadThatCanNotBeParsedEndsWhereThatShows) {
-  for (const char* payload : {"b", "a:x", "a:1:{s:1:\"A\";a:1:{s:2:\"ip\";}", "a:4294967296", "a:1:{s:1:\"AB",
-                              "a:0:{}x", "a:0:{}\n.\n.", "a:0:{}a:0:{x"}) {
+  for (const char* payload : {"b", "a:x", "a:1:{s:1:\"A\";a:1:{s:2:\"ip\";}", "a:4294967296", "a:1:{s:1:\"AB", "a:+-",
+                              "a:- ", "a:0:{}x", "a:0:{}\n.\n.", "a:0:{}a:0:{x"}) {
     RequestFramer framer;
     framer.FindEnd("serialize phparray\n");
     const std::string request = std::string("test-and-merge\n") + payload;
     EXPECT_EQ(framer.FindEnd(request + "rest"), request.size()) << payload;
+  }
+}
+
+// As the serializer reads them.
+TEST(RequestFramer, TakesNumbersWithASign) {
+  for (const char* payload : {"a:+1:{s:+1:\"A\";a: -0:{}}", "a:-4294967295:{s:01:\"A\";a:0:{}}"}) {
+    RequestFramer framer;
+    framer.FindEnd("serialize phparray\n");
+    const std::string request = std::string("merge\n") + payload;
+    EXPECT_EQ(framer.FindEnd(request + "rest"), request.size()) << payload;
+  }
+}
+
+TEST(RequestFramer, TellsCommandsFromOtherLines) {
+  RequestFramer framer;
+  for (const char* request : {"get\n.\n", "merge\n.\n", "serialize nonsense\n", "info\n", " quit\n", "dump\n"}) {
+    ASSERT_GT(framer.FindEnd(request), 0u) << request;
+    EXPECT_TRUE(framer.IsCommand()) << request;
+  }
+  for (const char* line : {"\n", ".\n", "GET\n", "getx\n", "[A]\n"}) {
+    ASSERT_GT(framer.FindEnd(line), 0u) << line;
+    EXPECT_FALSE(framer.IsCommand()) << line;
   }
 }
 

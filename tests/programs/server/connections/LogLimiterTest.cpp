@@ -41,7 +41,7 @@ TEST(LogLimiter, TakesTenLinesInASecond) {
                 LogLimiter limiter;
                 ASSERT_EQ(CountTaken(limiter, milliseconds(1), milliseconds(1000)), 10u);
               }),
-              ElementsAre("WARNING LogLimiter: peer: 990 more lines left out, like: text"));
+              ElementsAre("WARNING LogLimiter: peer: lines left out: 990, like: text"));
 }
 
 TEST(LogLimiter, CountsOverAnySecond) {
@@ -66,7 +66,7 @@ TEST(LogLimiter, ReportsHowManyItLeftOutBeforeTheNextLine) {
     for (int i = 0; i < 12; ++i) limiter.TakeLine("peer", kFormat, 0, "text", kBegin);
     ASSERT_TRUE(limiter.TakeLine("peer", kFormat, 0, "text", kBegin + seconds(1)));
   });
-  EXPECT_THAT(log, ElementsAre("WARNING LogLimiter: peer: 2 more lines left out, like: text"));
+  EXPECT_THAT(log, ElementsAre("WARNING LogLimiter: peer: lines left out: 2, like: text"));
 }
 
 TEST(LogLimiter, ReportsWhatIsDueWithoutAnotherLine) {
@@ -77,7 +77,7 @@ TEST(LogLimiter, ReportsWhatIsDueWithoutAnotherLine) {
     limiter.ReportDue(kBegin + seconds(1));
     limiter.ReportDue(kBegin + seconds(2));
   });
-  EXPECT_THAT(log, ElementsAre("WARNING LogLimiter: peer: 1 more line left out, like: text"));
+  EXPECT_THAT(log, ElementsAre("WARNING LogLimiter: peer: lines left out: 1, like: text"));
 }
 
 TEST(LogLimiter, TellsItsOwnerWhenAReportIsDue) {
@@ -130,7 +130,7 @@ TEST(LogLimiter, LimitsWarningsThatAreLoggedForAPeerAlone) {
   EXPECT_THAT(log, testing::Contains(testing::HasSubstr("Test: note")).Times(15));
   EXPECT_THAT(log, testing::Contains(testing::HasSubstr("Test: of nobody")).Times(15));
   EXPECT_THAT(log.back(),
-              testing::MatchesRegex("WARNING LogLimiter: peer: [0-9]+ more lines left out, like: Test: bad .*"));
+              testing::MatchesRegex("WARNING LogLimiter: peer: lines left out: [0-9]+, like: Test: bad .*"));
 }
 
 TEST(LogLimiter, LimitsNothingOnceItIsGone) {
