@@ -111,6 +111,9 @@ class TAVIX_EXPORT IniFile {
   // All groups, for algorithms over sorted ranges.
   const GroupMap& GetGroups() const { return _groups; }
 
+  // The same, to move groups from one document to another.
+  GroupMap& GetMutableGroups() { return _groups; }
+
  private:
   const std::string* FindValue(const std::string& group, const std::string& key) const;
 

@@ -1,13 +1,17 @@
 #include "tavix/settings/server/SettingsManager.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/server/ChangeRecorder.h"
+#include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/EarlyMatches.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/GroupWalk.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
@@ -18,6 +22,7 @@
 #include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/StoreText.h"
 #include "tavix/settings/server/TextInParts.h"
+#include "tavix/settings/server/UnrestrictedPart.h"
 
 namespace tavix::settings::server {
 
@@ -36,66 +41,6 @@ GroupNameMatcher MatcherFor(const std::string& nameOrPattern) {
   matcher.AddNameOrPattern(nameOrPattern);
   return matcher;
 }
-
-// What of a document may be written: the document itself, unless something has to be left out.
-class UnrestrictedPart {
- public:
-  explicit UnrestrictedPart(const IniFile& settings)
-      : _isWhole(std::none_of(settings.begin(), settings.end(),
-                              [](const auto& group) { return GroupDiscriminator::IsRestrictedGroup(group.first); })),
-        _whole(settings) {
-    if (!_isWhole) GroupDiscriminator::MergeUnrestrictedGroups(_part, settings);
-  }
-
-  const IniFile& Get() const { return _isWhole ? _whole : _part; }
-
- private:
-  const bool _isWhole;
-  const IniFile& _whole;
-  IniFile _part;
-};
-
-// The groups of which "change" sets something that "document" does not hold.
-std::set<std::string> FindGroupsToChange(const IniFile& document, const IniFile& change) {
-  std::set<std::string> differing;
-  for (const auto& [name, keys] : change) {
-    const auto group = document.GetGroups().find(name);
-    const auto isSet = [&](const auto& setting) {
-      const auto key = group->second.find(setting.first);
-      return key != group->second.end() && key->second == setting.second;
-    };
-    const bool isSame = group != document.GetGroups().end() && std::all_of(keys.begin(), keys.end(), isSet);
-    if (!isSame) differing.insert(name);
-  }
-  return differing;
-}
-
-// Groups of the user layer as they are before a change, to find out which of them it changes.
-class GroupsBefore {
- public:
-  GroupsBefore(const IniFile& document, const std::set<std::string>& names) : _names(names) {
-    for (const std::string& name : names) {
-      const auto group = document.GetGroups().find(name);
-      if (group != document.GetGroups().end()) _groups.MergeGroup(group);
-    }
-  }
-
-  std::set<std::string> FindDifferent(const IniFile& after) const {
-    std::set<std::string> different;
-    for (const std::string& name : _names) {
-      const auto was = _groups.GetGroups().find(name);
-      const auto is = after.GetGroups().find(name);
-      const bool wasThere = was != _groups.GetGroups().end();
-      const bool isThere = is != after.GetGroups().end();
-      if (wasThere != isThere || (isThere && was->second != is->second)) different.insert(name);
-    }
-    return different;
-  }
-
- private:
-  const std::set<std::string> _names;
-  IniFile _groups;
-};
 
 void ThrowIfStopped(const SettingsManager::StopRequest& isStopped) {
   if (isStopped && isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
@@ -119,6 +64,7 @@ SettingsManager::SettingsManager(ISettingsPersister* persister, IRestrictedSetti
   _restrictedLoader = restrictedLoader;
   _includeFilter = includeFilter;
   _settingsMutex.WriteLock(kWaitForever);
+  _isLockedToLoad = true;
   if (!deferLoad) LoadSettings();
 }
 
@@ -126,7 +72,28 @@ SettingsManager::~SettingsManager() = default;
 
 void SettingsManager::LoadSettings() {
   if (!_persister) return;
+  if (!_isLockedToLoad.exchange(false)) _settingsMutex.WriteLock(kWaitForever);
+  osa::AdoptedWriteLock lock(_settingsMutex);
   BeginChange();
+  ClearAll();
+  try {
+    LoadAll();
+  } catch (...) {
+    ClearAll();
+    throw;
+  }
+  _changeRecorders->Note(_allSettings);
+}
+
+// The caller holds the write lock, here and in the next two.
+void SettingsManager::ClearAll() {
+  _changeRecorders->Note(_allSettings);
+  _changeRecorders->Note(_userSettings);
+  _allSettings.Clear();
+  _userSettings.Clear();
+}
+
+void SettingsManager::LoadAll() {
   SettingsCombiner combiner(_allSettings);
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
@@ -136,7 +103,6 @@ void SettingsManager::LoadSettings() {
   _allSettings.MergeSettings(_userSettings);
   MergeRestrictedSettings();
   HideBookkeeping();
-  _settingsMutex.Release();
 }
 
 void SettingsManager::LoadUserSettings() {
@@ -144,6 +110,7 @@ void SettingsManager::LoadUserSettings() {
   SettingsCombiner combiner(_userSettings);
   _persister->LoadUserSettings(combiner);
   GroupDiscriminator::FilterOutRestrictedGroups(_userSettings);
+  _changeRecorders->Note(_userSettings);
 }
 
 void SettingsManager::RemoveDeletedGroups() {
@@ -266,22 +233,51 @@ void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags)
   RefuseInCallback();
   const UnrestrictedPart part(settings);
   const IniFile& filtered = part.Get();
+  ValueCopies copies(filtered, !(flags & kNoPersist));
   WriteAutoLock lock(_settingsMutex);
-  PerformMergeUnlocked(filtered, flags);
+  PerformMerge(filtered, copies, flags);
   lock.Release();
   Notify(filtered);
 }
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
   RefuseInCallback();
+  std::optional<ChangeRecorder> recorder;
+  if (IsLarge(test)) {
+    recorder.emplace(*_changeRecorders);
+    if (!HoldsInParts(test)) return false;
+  }
   const UnrestrictedPart part(settings);
   const IniFile& filtered = part.Get();
+  ValueCopies copies(filtered, true);
   WriteAutoLock lock(_settingsMutex);
-  if (!_allSettings.ContainsSettings(test)) return false;
-  PerformMergeUnlocked(filtered, 0);
+  if (recorder ? !HoldsStill(test, recorder->Take()) : !_allSettings.ContainsSettings(test)) return false;
+  recorder.reset();  // the change that follows is our own
+  PerformMerge(filtered, copies, 0);
   lock.Release();
   Notify(filtered);
   return true;
+}
+
+// Each part of it may be tested at another moment. One that does not hold is enough for an answer.
+bool SettingsManager::HoldsInParts(const IniFile& test) const {
+  constexpr size_t kKeysOfAPart = 1000;
+  for (auto group = test.begin(); group != test.end();) {
+    ReadAutoLock lock(_settingsMutex);
+    for (size_t keys = 0; group != test.end() && keys < kKeysOfAPart; ++group) {
+      if (!HoldsValues(_allSettings, group)) return false;
+      keys += 1 + group->second.size();
+    }
+  }
+  return true;
+}
+
+// What held before, once these groups have changed. The caller holds the write lock.
+bool SettingsManager::HoldsStill(const IniFile& test, const std::set<std::string>& changedGroups) const {
+  return std::all_of(changedGroups.begin(), changedGroups.end(), [&](const std::string& name) {
+    const auto group = test.GetGroups().find(name);
+    return group == test.end() || HoldsValues(_allSettings, group);
+  });
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
@@ -290,30 +286,42 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   matcher.AddNamesAndPatterns(groups);
   const UnrestrictedPart part(settings);
   const IniFile& filtered = part.Get();
+  RemovedGroups removed;
+  ValueCopies copies(filtered, true);
+  EarlyMatches matches(matcher, _allSettings, _settingsMutex, *_changeRecorders);
   WriteAutoLock lock(_settingsMutex);
-  std::set<std::string> changed;
-  matcher.GetMatchingGroups(_allSettings, changed);
+  std::set<std::string> changed = matches.Take();
   GroupDiscriminator::FilterOutRestrictedGroups(changed);
-  std::set<std::string> touched = changed;
-  touched.insert(kDeletedGroups);
-  for (const auto& group : filtered) touched.insert(group.first);
-  const GroupsBefore before(_userSettings, touched);
   BeginChange();
-  _changeRecorders->Note(touched);
-  for (const std::string& group : changed) {
-    _allSettings.RemoveGroup(group);
-    _userSettings.RemoveGroup(group);
-  }
-  _allSettings.MergeSettings(filtered);
-  _userSettings.MergeSettings(filtered);
-  _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
+  _changeRecorders->Note(changed);
+  _changeRecorders->Note(filtered);
+  _changeRecorders->Note(std::set<std::string>{kDeletedGroups});
+  MoveGroups(_allSettings, changed, removed.all);
+  MoveGroups(_userSettings, changed, removed.user);
+  MergeIntoAll(filtered, copies);
+  std::set<std::string> different = MergeIntoUser(filtered, copies);
+  CompareGroups(removed.user, filtered, different);
+  if (RecordDeletedGroups(groups)) different.insert(kDeletedGroups);
   HideBookkeeping();
-  std::set<std::string> saved = before.FindDifferent(_userSettings);
-  if (!saved.empty()) saved.insert(changed.begin(), changed.end());  // default groups go by the record alone
-  Save(saved);
+  if (different.empty()) {
+    Save(different);
+  } else {
+    changed.merge(different);  // default groups go by the record alone
+    Save(changed);
+  }
   lock.Release();
+  changed.erase(kDeletedGroups);  // readers never saw it, unless it is in the request
   for (const auto& group : filtered) changed.insert(group.first);
   Notify(changed, filtered);
+}
+
+// Returns whether the record is another now.
+bool SettingsManager::RecordDeletedGroups(const std::set<std::string>& groups) {
+  const auto record = _userSettings.GetGroups().find(kDeletedGroups);
+  const bool wasThere = record != _userSettings.end();
+  const size_t before = wasThere ? record->second.size() : 0;
+  _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
+  return !groups.empty() && (!wasThere || _userSettings[kDeletedGroups].size() != before);
 }
 
 void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -328,30 +336,35 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
 
-  IniFile restored;
-  WriteAutoLock lock(_settingsMutex);
-  std::set<std::string> changed;
-  matcher.GetMatchingGroups(_userSettings, changed);
   std::vector<IniFile::const_iterator> matched;
   matcher.GetMatchingGroups(defaults, matched);
-  std::set<std::string> touched = changed;
-  for (const auto& group : matched) touched.insert(group->first);
-  const GroupsBefore before(_userSettings, touched);
-  BeginChange();
-  _changeRecorders->Note(touched);
-  for (const std::string& group : changed) {
-    _userSettings.RemoveGroup(group);
-    _allSettings.RemoveGroup(group);
-  }
+  IniFile restored;
+  std::set<std::string> saved;
   for (const auto& group : matched) {
-    _userSettings.MergeGroup(group);
-    _allSettings.MergeGroup(group);
     restored.MergeGroup(group);
-    changed.insert(group->first);
+    saved.insert(saved.end(), group->first);
   }
+  IniFile forAll;
+  forAll.MergeSettings(restored);
+  IniFile forUser;
+  forUser.MergeSettings(restored);
+
+  RemovedGroups removed;
+  EarlyMatches matches(matcher, _userSettings, _settingsMutex, *_changeRecorders);
+  WriteAutoLock lock(_settingsMutex);
+  std::set<std::string> changed = matches.Take();
+  BeginChange();
+  _changeRecorders->Note(changed);
+  _changeRecorders->Note(restored);
+  MoveGroups(_userSettings, changed, removed.user);
+  MoveGroups(_allSettings, changed, removed.all);
+  MoveValues(_userSettings, forUser, nullptr);
+  MoveValues(_allSettings, forAll, nullptr);
   HideBookkeeping();
-  Save(before.FindDifferent(_userSettings));
+  CompareGroups(removed.user, restored, saved);
+  Save(saved);
   lock.Release();
+  for (const auto& group : restored) changed.insert(group.first);
   Notify(changed, restored);
 }
 
@@ -376,15 +389,37 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 }
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
+  ValueCopies copies(settings, !(flags & kNoPersist));
+  PerformMerge(settings, copies, flags);
+}
+
+void SettingsManager::PerformMerge(const IniFile& settings, ValueCopies& copies, unsigned int flags) {
   BeginChange();
   _changeRecorders->Note(settings);
-  _allSettings.MergeSettings(settings);
+  MergeIntoAll(settings, copies);
   if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
   if (flags & kNoPersist) return;
-  const std::set<std::string> changed =
-      _persister ? FindGroupsToChange(_userSettings, settings) : std::set<std::string>();
-  _userSettings.MergeSettings(settings);
-  Save(changed);
+  Save(MergeIntoUser(settings, copies));
+}
+
+void SettingsManager::MergeIntoAll(const IniFile& settings, ValueCopies& copies) {
+  if (copies.areMade) {
+    MoveValues(_allSettings, copies.all, nullptr);
+  } else {
+    _allSettings.MergeSettings(settings);
+  }
+}
+
+// Returns the groups that hold something else than before, if anybody wants to know.
+std::set<std::string> SettingsManager::MergeIntoUser(const IniFile& settings, ValueCopies& copies) {
+  std::set<std::string> changed;
+  if (copies.areMade) {
+    MoveValues(_userSettings, copies.user, _persister ? &changed : nullptr);
+  } else {
+    if (_persister) changed = FindGroupsToChange(_userSettings, settings);
+    _userSettings.MergeSettings(settings);
+  }
+  return changed;
 }
 
 // The caller holds the write lock.

@@ -24,6 +24,7 @@ class ISettingsPersister;
 class ISettingsSerializer;
 class SettingsCombiner;
 class TextInParts;
+struct ValueCopies;
 
 // The one store of settings of a process. What readers see, the winner first:
 //
@@ -63,8 +64,9 @@ class TAVIX_EXPORT SettingsManager {
   SettingsManager(const SettingsManager&) = delete;
   SettingsManager& operator=(const SettingsManager&) = delete;
 
-  // Builds both documents and releases the write lock that the constructor took. For one call on a store whose loading
-  // was deferred. Does nothing at all without a persister.
+  // Builds both documents and releases the write lock that the constructor took. For a store whose loading was
+  // deferred. A call that throws leaves the store unlocked and empty; the next one takes the lock itself and starts
+  // afresh. Does nothing at all without a persister.
   void LoadSettings();
 
   // The user layer alone; the caller holds the write lock.
@@ -165,11 +167,19 @@ class TAVIX_EXPORT SettingsManager {
  private:
   void CollectText(TextInParts& text, const core::IniFile& document, const StopRequest& isStopped) const;
   void DumpInParts(std::ostream& os, const core::IniFile& document, const StopRequest& isStopped) const;
+  void ClearAll();
+  void LoadAll();
   void RemoveDeletedGroups();
   void MergeRestrictedSettings();
   void HideBookkeeping();
   void RefuseInCallback() const;
   void BeginChange();
+  bool HoldsInParts(const core::IniFile& test) const;
+  bool HoldsStill(const core::IniFile& test, const std::set<std::string>& changedGroups) const;
+  void PerformMerge(const core::IniFile& settings, ValueCopies& copies, unsigned int flags);
+  void MergeIntoAll(const core::IniFile& settings, ValueCopies& copies);
+  std::set<std::string> MergeIntoUser(const core::IniFile& settings, ValueCopies& copies);
+  bool RecordDeletedGroups(const std::set<std::string>& groups);
   void Save(const std::set<std::string>& changedGroups);
   void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(const core::IniFile& settings) const;
@@ -179,6 +189,7 @@ class TAVIX_EXPORT SettingsManager {
   IIncludeFilter* _includeFilter;                       // may be null
   std::unique_ptr<IIncludeFilter> _loadPriorityFilter;  // remembers priorities for the store's whole life
   std::unique_ptr<ChangeRecorders> _changeRecorders;    // of who reads in parts; changes are noted before they are made
+  std::atomic<bool> _isLockedToLoad{false};             // the constructor's lock waits for LoadSettings
   mutable osa::ReadWriteLock _settingsMutex;
   core::IniFile _userSettings;  // guarded by _settingsMutex
   core::IniFile _allSettings;   // guarded by _settingsMutex

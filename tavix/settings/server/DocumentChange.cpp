@@ -1,0 +1,134 @@
+#include "tavix/settings/server/DocumentChange.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace tavix::settings::server {
+
+using core::IniFile;
+
+namespace {
+
+// Searches for names in ascending order. Where they lie close to one another, to go on takes less than to begin again.
+class AscendingSearch {
+ public:
+  explicit AscendingSearch(IniFile::GroupMap& groups) : _groups(groups), _at(groups.begin()) {}
+
+  // The first group that is not less than the name.
+  IniFile::iterator Find(const std::string& name) {
+    constexpr int kCloseBy = 3;
+    for (int step = 0; step < kCloseBy && _at != _groups.end() && _at->first < name; ++step) ++_at;
+    if (_at != _groups.end() && _at->first < name) _at = _groups.lower_bound(name);
+    return _at;
+  }
+
+  void GoOnFrom(IniFile::iterator at) { _at = at; }
+
+ private:
+  IniFile::GroupMap& _groups;
+  IniFile::iterator _at;
+};
+
+bool HoldsKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
+  return std::all_of(wanted.begin(), wanted.end(), [&](const auto& setting) {
+    const auto key = keys.find(setting.first);
+    return key != keys.end() && key->second == setting.second;
+  });
+}
+
+// Returns whether one was missing or another.
+bool MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
+  bool isChanged = false;
+  for (auto next = source.begin(); next != source.end();) {
+    const auto setting = next++;
+    const auto key = target.find(setting->first);
+    if (key == target.end()) {
+      target.insert(source.extract(setting));
+    } else if (key->second != setting->second) {
+      key->second.swap(setting->second);
+    } else {
+      continue;
+    }
+    isChanged = true;
+  }
+  return isChanged;
+}
+
+}  // namespace
+
+bool IsLarge(const IniFile& document) {
+  constexpr size_t kFewGroups = 64;
+  constexpr size_t kFewBytes = 16 * 1024;
+  constexpr size_t kBytesOfKey = 64;
+  if (document.GetGroups().size() > kFewGroups) return true;
+  size_t bytes = 0;
+  for (const auto& group : document) {
+    for (const auto& [key, value] : group.second) {
+      bytes += kBytesOfKey + key.size() + value.size();
+      if (bytes > kFewBytes) return true;
+    }
+  }
+  return false;
+}
+
+void MoveGroups(IniFile& document, const std::set<std::string>& names, IniFile& removed) {
+  IniFile::GroupMap& groups = document.GetMutableGroups();
+  IniFile::GroupMap& target = removed.GetMutableGroups();
+  AscendingSearch search(groups);
+  for (const std::string& name : names) {
+    const auto group = search.Find(name);
+    if (group == groups.end()) return;
+    if (group->first != name) continue;
+    search.GoOnFrom(std::next(group));
+    target.insert(target.end(), groups.extract(group));
+  }
+}
+
+void MoveValues(IniFile& document, IniFile& change, std::set<std::string>* changed) {
+  IniFile::GroupMap& groups = document.GetMutableGroups();
+  IniFile::GroupMap& source = change.GetMutableGroups();
+  AscendingSearch search(groups);
+  for (auto next = source.begin(); next != source.end();) {
+    const auto group = next++;
+    const auto place = search.Find(group->first);
+    const bool isThere = place != groups.end() && place->first == group->first;
+    if (isThere && !MoveKeys(place->second, group->second)) continue;
+    if (changed) changed->insert(changed->end(), group->first);
+    if (!isThere) groups.insert(place, source.extract(group));
+  }
+}
+
+bool HoldsValues(const IniFile& document, IniFile::const_iterator group) {
+  if (group->second.empty()) return true;
+  const auto own = document.GetGroups().find(group->first);
+  return own != document.end() && HoldsKeys(own->second, group->second);
+}
+
+std::set<std::string> FindGroupsToChange(const IniFile& document, const IniFile& change) {
+  std::set<std::string> differing;
+  for (const auto& [name, keys] : change) {
+    const auto own = document.GetGroups().find(name);
+    if (own == document.end() || !HoldsKeys(own->second, keys)) differing.insert(differing.end(), name);
+  }
+  return differing;
+}
+
+void CompareGroups(const IniFile& before, const IniFile& after, std::set<std::string>& different) {
+  for (const auto& [name, keys] : before) {
+    const auto group = after.GetGroups().find(name);
+    if (group == after.end() || group->second != keys) {
+      different.insert(name);
+    } else {
+      different.erase(name);
+    }
+  }
+}
+
+ValueCopies::ValueCopies(const IniFile& settings, bool isForUser) : areMade(IsLarge(settings)) {
+  if (!areMade) return;
+  all.MergeSettings(settings);
+  if (isForUser) user.MergeSettings(settings);
+}
+
+}  // namespace tavix::settings::server
