@@ -1,14 +1,13 @@
 #include "programs/server/Check.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
+#include "programs/server/FilePlaces.h"
 #include "programs/server/Program.h"
 #include "programs/server/SettingsSources.h"
 #include "programs/server/connections/Listener.h"
@@ -21,21 +20,10 @@ namespace {
 
 using Problems = std::vector<std::string>;
 
-// 0, or the error of making a file there.
-int ErrorOfDirectory(const std::string& file) {
-  const size_t slash = file.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-  struct stat status {};
-  if (stat(directory.c_str(), &status) != 0) return errno;
-  if (!S_ISDIR(status.st_mode)) return ENOTDIR;
-  return access(directory.c_str(), W_OK | X_OK) == 0 ? 0 : errno;
-}
-
 // What a start goes on in spite of, as a device has to come up: files that the daemon can't write.
 void WarnOfFile(const char* option, const std::string& file) {
-  if (file.empty()) return;
-  const int error = ErrorOfDirectory(file);
-  if (error != 0) std::printf("warning: --%s '%s': %s\n", option, file.c_str(), std::strerror(error));
+  const std::string problem = FindDirectoryProblem(file);
+  if (!problem.empty()) std::printf("warning: --%s '%s': %s\n", option, file.c_str(), problem.c_str());
 }
 
 void WarnOfLogFile(const std::string& file) {
@@ -47,10 +35,23 @@ void WarnOfLogFile(const std::string& file) {
   }
 }
 
-void WarnOfFiles(const Options& options) {
-  WarnOfFile("user-settings", FollowLinks(options.userSettings));
-  WarnOfLogFile(options.log.file);
-  WarnOfFile("metrics-file", FollowLinks(options.metricsFile));
+// The first problem of the metrics' place, which keeps the daemon from starting.
+void CheckMetricsFile(const std::string& file, Problems& problems) {
+  try {
+    WarnOfFile("metrics-file", ResolveMetricsFile(file));
+  } catch (const std::exception& exception) {
+    problems.emplace_back(exception.what());
+  }
+}
+
+// The daemon would start, but a device whose changes are not kept is not what anybody wants.
+void CheckUserSettings(const std::string& file, Problems& problems) {
+  try {
+    const std::string problem = FindWhyNotKept(FollowLinks(file));
+    if (!problem.empty()) problems.push_back(problem);
+  } catch (const ForeignLink&) {
+    return;  // loading has found that
+  }
 }
 
 void Print(const Problems& problems) {
@@ -63,11 +64,13 @@ int RunCheck(const Options& options) {
   Counters counters;
   SettingsSources sources(options, counters);
   const SettingsStore store(sources);
-  const Problems files = sources.GetProblems();
+  Problems files = sources.GetProblems();
   const Problems addresses = Listener::FindProblems(options);
   if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
   for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
-  WarnOfFiles(options);
+  WarnOfLogFile(options.log.file);
+  CheckUserSettings(options.userSettings, files);
+  CheckMetricsFile(options.metricsFile, files);
   Print(addresses);
   Print(files);
   if (!addresses.empty()) return kExitUnavailable;

@@ -6,16 +6,18 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <new>
 
 #include "programs/server/Check.h"
+#include "programs/server/FilePlaces.h"
 #include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
 #include "programs/server/SettingsSources.h"
 #include "programs/server/StoreProbe.h"
 #include "programs/server/Upkeep.h"
 #include "programs/server/options/CommandLine.h"
+#include "programs/server/persistence/StartReads.h"
 #include "programs/server/system/FileLock.h"
-#include "programs/server/system/LinkTarget.h"
 #include "programs/server/system/ServiceManager.h"
 #include "programs/server/system/Signals.h"
 #include "tavix/core/Logger.h"
@@ -35,11 +37,19 @@ class Failure : public osa::Exception {
   ExitCode _code;
 };
 
+ExitCode CodeOf(UserSettingsRefused::Reason reason) {
+  return reason == UserSettingsRefused::Reason::kNoResources ? kExitResources : kExitConfiguration;
+}
+
 // Does one step of the start; what it throws ends the program with that code.
 template <class Step>
 auto OrFail(ExitCode code, Step step) {
   try {
     return step();
+  } catch (const UserSettingsRefused& refused) {
+    throw Failure(CodeOf(refused.GetReason()), refused.what());
+  } catch (const std::bad_alloc&) {
+    throw Failure(kExitResources, "Failed to start: out of memory");
   } catch (const std::exception& exception) {
     throw Failure(code, exception.what());
   }
@@ -59,12 +69,17 @@ int Fail(ExitCode code, const std::exception& exception) {
 std::unique_ptr<FileLock> LockUserSettings(const std::string& file) {
   if (file.empty()) return nullptr;
   try {
-    return std::make_unique<FileLock>(FollowLinks(file));
+    return std::make_unique<FileLock>(file);
   } catch (const FileLock::CanNotBeMade& exception) {
     core::Logger::GetLogger("Program")->Warning("%s; nothing keeps a second daemon off the user settings",
                                                 exception.what());
     return nullptr;
   }
+}
+
+void WarnUnlessKept(const std::string& userSettings) {
+  const std::string problem = FindWhyNotKept(userSettings);
+  if (!problem.empty()) core::Logger::GetLogger("Program")->Warning("%s", problem.c_str());
 }
 
 void WarnOfOpenDoors(const std::vector<Listener>& listeners, const Options& options) {
@@ -87,9 +102,11 @@ std::string Announce(const Server& server) {
 }
 
 // The listeners come before the settings, so that clients queue, and are not refused, while a large store is loaded.
-int Serve(const Options& options, const std::vector<GivenOption>& commandLine) {
+int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const Signals signals;
   const ServiceManager serviceManager;
+  OrFail(kExitConfiguration, [&] { ResolvePlaces(options); });
+  WarnUnlessKept(options.userSettings);
   const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });
   std::vector<Listener> listeners = OrFail(kExitUnavailable, [&] { return Listener::OpenAll(options); });
   WarnOfOpenDoors(listeners, options);

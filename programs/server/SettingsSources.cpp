@@ -10,11 +10,12 @@
 #include <sstream>
 #include <utility>
 
+#include "programs/server/FilePlaces.h"
 #include "programs/server/LayerFiles.h"
+#include "programs/server/LayerGroups.h"
 #include "programs/server/LongNames.h"
 #include "programs/server/Program.h"
 #include "programs/server/persistence/Deadline.h"
-#include "programs/server/system/LinkTarget.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -32,7 +33,13 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
+constexpr char kUnrestricted[] = "clients can change, until the next start, groups whose names are not restricted: ";
 constexpr std::chrono::seconds kMostForALine{3};  // of the 5 s beside --stop-timeout; connections may take the others
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("SettingsSources");
+  return logger;
+}
 
 size_t CountGroupsOf(const IniFile& document) {
   return document.GetGroups().size();
@@ -52,13 +59,6 @@ IniFile LoadFile(const std::string& path) {
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     throw osa::Exception("Failed to open settings file '%s': not a regular file", path.c_str());
   return IniFile(path.c_str());
-}
-
-// What a mistake in the options names, rather than what damage left: a device, which a save would replace by a file.
-void RefuseDevice(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) == 0 && (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)))
-    throw osa::Exception("Failed to open settings file '%s': it is a device", path.c_str());
 }
 
 // The names of "before" that "after" lacks.
@@ -101,6 +101,7 @@ std::string SettingsSources::Report::ToText() const {
   }
   AppendGroups(text, "restricted", dropped);
   AppendGroups(text, "outbid by an earlier file's priority", outbid);
+  if (!unrestricted.empty()) text << "\n  warning: " << kUnrestricted << SummarizeGroups(unrestricted);
   return text.str();
 }
 
@@ -137,11 +138,10 @@ void EndAtOnce(bool isSaved) {
 
 }  // namespace
 
-// The user settings' file is replaced by rename, which would turn a link to it into a file.
 SettingsSources::SettingsSources(const Options& options, Counters& counters)
     : _defaults(options.defaults),
       _restricted(options.restricted),
-      _userSettings(FollowLinks(options.userSettings)),
+      _userSettings(options.userSettings),
       _isCheck(options.action == Options::Action::kCheck),
       _mostForTheEnd(options.stopSeconds),
       _maxNameBytes(options.limits.nameBytes),
@@ -189,9 +189,9 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
   Try([&] { files = ListLayerFiles(layer == Layer::kDefaults ? _defaults : _restricted); });
   for (const LayerFile& file : files) {
     if (!file.notLoaded.empty()) {
-      Remember({NameOf(layer), file.path, 0, {}, {}, file.notLoaded});
+      Remember({NameOf(layer), file.path, 0, {}, {}, {}, file.notLoaded});
     } else if (!Try([&] { LoadLayerFile(layer, file.path, combiner, merged); })) {
-      Remember({NameOf(layer), file.path, 0, {}, {}, kWrong});
+      Remember({NameOf(layer), file.path, 0, {}, {}, {}, kWrong});
     }
   }
   const LayerSize size = SizeOf(merged);
@@ -203,7 +203,8 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
                                     IniFile& merged) {
   IniFile document = LoadFile(path);
   if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document, _maxNameBytes);
-  Report report{NameOf(layer), path, 0, {}, {}, ""};
+  for (const std::string& message : TakeUnlistableGroups(document, path)) WarnOnce(message);
+  Report report{NameOf(layer), path, 0, {}, {}, {}, ""};
   if (layer == Layer::kDefaults) {
     if (_isCheck) report.dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
@@ -212,8 +213,30 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
   combiner.RunFilters(document);
   report.outbid = MissingGroups(before, document);
   report.groups = CountGroupsOf(document);
+  if (layer == Layer::kRestricted) WarnOfUnrestricted(document, report);
   Remember(std::move(report));
   merged.MergeSettings(std::move(document));
+}
+
+void SettingsSources::WarnOfUnrestricted(const IniFile& document, Report& report) {
+  std::vector<std::string> names = FindUnrestrictedGroups(document);
+  if (names.empty()) return;
+  if (_isCheck) {
+    report.unrestricted = std::move(names);
+  } else {
+    Log()->Warning("'%s': %s%s", report.path.c_str(), kUnrestricted, SummarizeGroups(names).c_str());
+  }
+}
+
+// Each restore loads the defaults again, and their files may have changed.
+void SettingsSources::WarnOnce(const std::string& message) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!_warnings.insert(message).second) return;
+  if (_isCheck) {
+    _problems.push_back(message);
+  } else {
+    Log()->Warning("%s", message.c_str());
+  }
 }
 
 void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
@@ -228,6 +251,7 @@ void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
             CountGroupsOf(found.settings),
             RestrictedGroupsOf(found.settings),
             {},
+            {},
             !isFound   ? kWrong
             : isAbsent ? "absent"
                        : ""});
@@ -235,13 +259,9 @@ void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
 }
 
 FoundUserSettings SettingsSources::FindUserSettings() {
-  RefuseDevice(_userSettings);
   if (_persister) return _persister->Load();
-  FoundUserSettings found = UserSettingsFiles(GetSystemFiles(), _userSettings).Find(false);
+  FoundUserSettings found = UserSettingsFiles(GetSystemFiles(), ResolveUserSettings(_userSettings)).Find(false);
   if (!found.problems.empty()) throw osa::Exception("%s", found.problems.front().c_str());
-  struct stat status {};
-  if (stat(_userSettings.c_str(), &status) != 0 && errno == ENOTDIR)
-    throw osa::Exception("Failed to open settings file '%s': %s", _userSettings.c_str(), std::strerror(errno));
   return found;
 }
 

@@ -21,8 +21,9 @@ namespace tavix::daemon {
 //
 // Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore.
 // Threads: as ISettingsPersister asks; loading defaults may run beside a save.
-// Errors:  loading throws osa::Exception naming the file, and the line where there is one; but for the user settings,
-//          which are in the way of a start only as a device. Saving never throws.
+// Groups that no list of names can hold are left out of defaults and restricted settings, with a warning.
+// Errors:  loading throws osa::Exception naming the file, and the line where there is one; of the user settings, for
+//          those alone that can't be read for a reason that is not the disk's. Saving never throws.
 class SettingsSources : public settings::server::ISettingsPersister,
                         public settings::server::IRestrictedSettingsLoader {
  public:
@@ -30,16 +31,17 @@ class SettingsSources : public settings::server::ISettingsPersister,
   struct Report {
     std::string layer;
     std::string path;
-    size_t groups = 0;                 // that count
-    std::vector<std::string> dropped;  // restricted groups in a layer that can't set them
-    std::vector<std::string> outbid;   // groups that an earlier file of higher priority protects
-    std::string notLoaded;             // why it was not; empty: it was
+    size_t groups = 0;                      // that count
+    std::vector<std::string> dropped;       // restricted groups in a layer that can't set them
+    std::vector<std::string> outbid;        // groups that an earlier file of higher priority protects
+    std::vector<std::string> unrestricted;  // of a restricted layer: groups that clients can change nevertheless
+    std::string notLoaded;                  // why it was not; empty: it was
 
     std::string ToText() const;
   };
 
-  // The layers' files are listed anew at each load. A link to the user settings is followed once, now. counters:
-  // outlives the sources; is told of loads and saves.
+  // options: the path of the user settings is that of the file itself, but to check them: see FilePlaces.h. The layers'
+  // files are listed anew at each load. counters: outlives the sources; is told of loads and saves.
   //
   // To check them, nothing is written, damaged user settings are an error, and what can't be loaded becomes a problem
   // instead of an exception, so that the rest is looked at, too.
@@ -73,6 +75,8 @@ class SettingsSources : public settings::server::ISettingsPersister,
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
                      core::IniFile& merged);
   FoundUserSettings FindUserSettings();
+  void WarnOfUnrestricted(const core::IniFile& document, Report& report);
+  void WarnOnce(const std::string& message);
   void Remember(Report report);
 
   const LayerSources _defaults;
@@ -87,6 +91,7 @@ class SettingsSources : public settings::server::ISettingsPersister,
   mutable std::mutex _mutex;                                // guards what follows
   std::vector<Report> _reports;
   std::vector<std::string> _problems;
+  std::set<std::string> _warnings;  // that were logged
 };
 
 // The daemon's store over its sources, whose changes are persisted from its construction to its end. The constructor

@@ -1,6 +1,8 @@
 #include "tests/support/MemoryFiles.h"
 
 #include <algorithm>
+#include <cstring>
+#include <set>
 #include <utility>
 
 #include "tavix/osa/Exception.h"
@@ -15,8 +17,16 @@ namespace {
 
 const char* NameOf(Kind kind) {
   static constexpr const char* kNames[] = {"create",          "open",    "make room for", "write",  "sync",
-                                           "set the time of", "replace", "link",          "remove", "sync directory"};
+                                           "set the time of", "replace", "link",          "remove", "sync directory",
+                                           "shorten"};
   return kNames[static_cast<size_t>(kind)];
+}
+
+constexpr size_t kBlock = 4096;
+
+// What they take on a disk.
+size_t CountBlocks(size_t bytes) {
+  return (bytes + kBlock - 1) / kBlock * kBlock;
 }
 
 MemoryFiles::Operation MakeOperation(Kind kind, const std::string& path, const std::string& to = "") {
@@ -32,15 +42,21 @@ MemoryFiles::Operation MakeOperation(Kind kind, const std::string& path, const s
 class MemoryFiles::OpenFile : public File {
  public:
   OpenFile(MemoryFiles& files, std::string path, size_t number)
-      : _files(files), _path(std::move(path)), _number(number) {}
+      : _files(files), _path(std::move(path)), _number(number), _isOpen(files.NoteOpen(number)) {}
 
   void WriteAt(uint64_t offset, std::string_view bytes) override {
     Operation operation = MakeOperation(Kind::kWrite, _path);
     operation.file = _number;
     operation.offset = offset;
     operation.bytes = bytes;
-    _files.Do(std::move(operation), [&](Operation&, bool fails) {
-      _files.Write(_number, offset, fails ? bytes.substr(0, bytes.size() / 2) : bytes);
+    _files.Do(std::move(operation), [&](Operation& done, bool fails) {
+      const bool isFull = !fails && !_files.HasRoomFor(_number, offset + bytes.size());
+      const std::string_view written = fails || isFull ? bytes.substr(0, bytes.size() / 2) : bytes;
+      if (!isFull || _files.HasRoomFor(_number, offset + written.size())) _files.Write(_number, offset, written);
+      if (!isFull) return;
+      done.bytes = _files._files[_number].bytes.size() < offset + written.size() ? "" : std::string(written);
+      _files._operations.push_back(done);
+      throw daemon::NoRoom("Failed to write '" + _path + "': No space left on device");
     });
   }
 
@@ -48,7 +64,25 @@ class MemoryFiles::OpenFile : public File {
     Operation operation = MakeOperation(Kind::kReserve, _path);
     operation.file = _number;
     operation.offset = bytes;
-    _files.Do(std::move(operation), [](Operation&, bool) {});
+    _files.Do(std::move(operation), [&](Operation&, bool fails) {
+      if (fails) return;
+      if (!_files.HasRoomFor(_number, bytes))
+        throw daemon::NoRoom("Failed to make room for '" + _path + "': No space left on device");
+      size_t& reserved = _files._files[_number].reserved;
+      reserved = std::max<size_t>(reserved, bytes);
+    });
+  }
+
+  void Truncate(uint64_t bytes) override {
+    Operation operation = MakeOperation(Kind::kTruncate, _path);
+    operation.file = _number;
+    operation.offset = bytes;
+    _files.Do(std::move(operation), [&](Operation&, bool fails) {
+      if (fails) return;
+      Content& content = _files._files[_number];
+      content.bytes.resize(std::min<size_t>(content.bytes.size(), bytes));
+      content.reserved = 0;
+    });
   }
 
   void Sync() override {
@@ -70,12 +104,13 @@ class MemoryFiles::OpenFile : public File {
   MemoryFiles& _files;
   const std::string _path;
   const size_t _number;
+  const std::shared_ptr<const bool> _isOpen;
 };
 
 MemoryFiles::MemoryFiles(const Image& image) {
   for (const auto& [path, content] : image) {
     _names[path] = _files.size();
-    _files.push_back({content.bytes, content.modificationTime});
+    _files.push_back({content.bytes, content.modificationTime, 0, {}});
   }
 }
 
@@ -98,7 +133,8 @@ void MemoryFiles::Do(Operation operation, Effect effect) {
     _operations.push_back(operation);
   }
   if (fails)
-    throw osa::Exception("Failed to %s '%s': No space left on device", NameOf(operation.kind), operation.path.c_str());
+    throw daemon::NoRoom("Failed to " + std::string(NameOf(operation.kind)) + " '" + operation.path +
+                         "': No space left on device");
   _operations.push_back(std::move(operation));
 }
 
@@ -126,6 +162,14 @@ std::unique_ptr<File> MemoryFiles::Open(const std::string& path) {
 FileContent MemoryFiles::Read(const std::string& path) {
   std::lock_guard<std::mutex> lock(_mutex);
   FileContent content;
+  FailingRead& failing = _failingReads[path];
+  if (failing.times > 0) {
+    --failing.times;
+    content.exists = true;
+    content.error = failing.error;
+    content.problem = std::strerror(failing.error);
+    return content;
+  }
   const auto name = _names.find(path);
   if (name == _names.end()) return content;
   content.exists = true;
@@ -167,6 +211,14 @@ bool MemoryFiles::Exists(const std::string& path) {
   return _names.count(path) > 0;
 }
 
+std::vector<std::string> MemoryFiles::FindNames(const std::string& begin) {
+  std::vector<std::string> names;
+  for (std::string& name : GetNames()) {
+    if (name.compare(0, begin.size(), begin) == 0) names.push_back(std::move(name));
+  }
+  return names;
+}
+
 void MemoryFiles::Sync(const std::string& path) {
   Do(MakeOperation(Kind::kSync, path), [&](Operation& operation, bool) {
     const auto name = _names.find(path);
@@ -182,7 +234,7 @@ void MemoryFiles::SyncDirectoryOf(const std::string& path) {
 void MemoryFiles::Put(const std::string& path, const std::string& bytes) {
   std::lock_guard<std::mutex> lock(_mutex);
   _names[path] = _files.size();
-  _files.push_back({bytes, 0});
+  _files.push_back({bytes, 0, 0, {}});
 }
 
 std::string MemoryFiles::Get(const std::string& path) const {
@@ -232,6 +284,16 @@ void MemoryFiles::FailNoMore() {
   _fails = false;
 }
 
+void MemoryFiles::FailReads(const std::string& path, int error, size_t times) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _failingReads[path] = {error, times};
+}
+
+void MemoryFiles::LimitRoom(size_t bytes) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _room = bytes;
+}
+
 void MemoryFiles::AddObserver(Observer observer) {
   std::lock_guard<std::mutex> lock(_mutex);
   _observers.push_back(std::move(observer));
@@ -242,6 +304,34 @@ void MemoryFiles::Write(size_t file, uint64_t offset, std::string_view bytes) {
   std::string& content = _files[file].bytes;
   content.resize(std::max<size_t>(content.size(), offset + bytes.size()), '\0');
   content.replace(offset, bytes.size(), bytes);
+}
+
+std::shared_ptr<const bool> MemoryFiles::NoteOpen(size_t file) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  std::shared_ptr<const bool> isOpen = _files[file].isOpen.lock();
+  if (!isOpen) _files[file].isOpen = isOpen = std::make_shared<const bool>(true);
+  return isOpen;
+}
+
+// The caller holds the lock.
+size_t MemoryFiles::CountRoom() const {
+  std::set<size_t> named;
+  for (const auto& name : _names) named.insert(name.second);
+  size_t room = 0;
+  for (size_t number = 0; number < _files.size(); ++number) {
+    const Content& file = _files[number];
+    if (!file.isOpen.expired() || named.count(number) > 0)
+      room += CountBlocks(std::max(file.bytes.size(), file.reserved));
+  }
+  return room;
+}
+
+// The caller holds the lock.
+bool MemoryFiles::HasRoomFor(size_t file, uint64_t bytes) const {
+  const Content& content = _files[file];
+  const size_t before = CountBlocks(std::max(content.bytes.size(), content.reserved));
+  const size_t after = std::max(before, CountBlocks(static_cast<size_t>(bytes)));
+  return _room == SIZE_MAX || CountRoom() - before + after <= _room;
 }
 
 }  // namespace tavix::test

@@ -31,10 +31,11 @@ bool PowerCuts::Advance() {
     case Kind::kReserve:
       break;
     case Kind::kWrite:
+    case Kind::kTruncate:
       file.unsynced.push_back(&operation);
       break;
     case Kind::kSync:
-      for (const Operation* write : file.unsynced) Write(file.synced, write->offset, write->bytes);
+      for (const Operation* change : file.unsynced) Apply(file.synced, *change);
       file.unsynced.clear();
       break;
     case Kind::kSetTime:
@@ -69,7 +70,7 @@ MemoryFiles::Image PowerCuts::Keep() const {
   for (const auto& [path, number] : names) {
     const DiskFile& file = _files.at(number);
     std::string bytes = file.synced;
-    for (const Operation* write : file.unsynced) Write(bytes, write->offset, write->bytes);
+    for (const Operation* change : file.unsynced) Apply(bytes, *change);
     image[path] = {true, "", std::move(bytes), file.time};
   }
   return image;
@@ -91,6 +92,14 @@ void PowerCuts::ApplyName(Names& names, const Operation& operation) {
   }
 }
 
+void PowerCuts::Apply(std::string& bytes, const Operation& change) {
+  if (change.kind == Kind::kTruncate) {
+    bytes.resize(std::min<size_t>(bytes.size(), change.offset));
+  } else {
+    Write(bytes, change.offset, change.bytes);
+  }
+}
+
 void PowerCuts::Write(std::string& bytes, uint64_t offset, std::string_view part) {
   bytes.resize(std::max<size_t>(bytes.size(), offset + part.size()), '\0');
   bytes.replace(offset, part.size(), part);
@@ -101,9 +110,14 @@ std::string PowerCuts::CutFile(const DiskFile& file) {
   enum Fate { kKept, kDropped, kZeros, kTorn, kFates };
   const size_t sameForAll = Below(2 * kFates);  // else each write has a fate of its own
   for (const Operation* write : file.unsynced) {
-    switch (sameForAll < kFates ? sameForAll : Below(kFates)) {
+    const size_t fate = sameForAll < kFates ? sameForAll : Below(kFates);
+    if (write->kind == Kind::kTruncate) {
+      if (fate == kKept) Apply(bytes, *write);
+      continue;
+    }
+    switch (fate) {
       case kKept:
-        Write(bytes, write->offset, write->bytes);
+        Apply(bytes, *write);
         break;
       case kZeros:
         bytes.resize(std::max<size_t>(bytes.size(), write->offset + write->bytes.size()), '\0');

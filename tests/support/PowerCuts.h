@@ -17,6 +17,7 @@ namespace tavix::test {
 //
 //     bytes written, not synced   there, or not, or zeros, or in part (a byte, 512 or 4096 bytes at a time), later
 //                                 writes without earlier ones
+//     bytes cut off, not synced   cut off, or not
 //     names made, not synced      there up to any of them, in their order, as a journaling file system keeps them
 //     modification times          there or not, whatever was synced
 class PowerCuts {
@@ -47,6 +48,7 @@ class PowerCuts {
   };
 
   static void ApplyName(Names& names, const Operation& operation);
+  static void Apply(std::string& bytes, const Operation& change);
   static void Write(std::string& bytes, uint64_t offset, std::string_view part);
   std::string CutFile(const DiskFile& file);
   void WriteSome(std::string& bytes, const Operation& write);

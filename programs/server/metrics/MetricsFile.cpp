@@ -10,7 +10,6 @@
 
 #include "programs/server/metrics/Metrics.h"
 #include "programs/server/system/Descriptor.h"
-#include "programs/server/system/LinkTarget.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -28,11 +27,10 @@ constexpr mode_t kForEverybody = 0644;  // whatever the umask: a collector is an
 
 MetricsFile::MetricsFile(const std::string& path, const Counters& counters,
                          const settings::server::SettingsManager& manager)
-    : _path(FollowLinks(path)), _newPath(_path + ".new"), _counters(counters), _manager(manager) {}
+    : _path(path), _newPath(_path + ".new"), _counters(counters), _manager(manager) {}
 
 MetricsFile::~MetricsFile() {
-  unlink(_path.c_str());
-  unlink(_newPath.c_str());
+  if (IsOurs()) unlink(_path.c_str());
 }
 
 void MetricsFile::Write() {
@@ -42,20 +40,43 @@ void MetricsFile::Write() {
   } catch (const std::exception& exception) {
     if (!_fails) core::Logger::GetLogger("MetricsFile")->Error("%s", exception.what());
     _fails = true;
-    unlink(_newPath.c_str());  // half a file would take room where there is none
   }
 }
 
-void MetricsFile::Replace(const std::string& text) const {
+void MetricsFile::Replace(const std::string& text) {
   if (unlink(_newPath.c_str()) != 0 && errno != ENOENT) Fail("remove", _newPath);
-  const Descriptor file(open(_newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file || fchmod(file.Get(), kForEverybody) != 0) Fail("create", _newPath);
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t written = write(file.Get(), text.data() + done, text.size() - done);
-    if (written < 0 && errno != EINTR) Fail("write", _newPath);
-    if (written > 0) done += static_cast<size_t>(written);
+  const Identity written = WriteNew(text);
+  if (std::rename(_newPath.c_str(), _path.c_str()) != 0) {
+    const int error = errno;
+    unlink(_newPath.c_str());
+    errno = error;
+    Fail("replace", _path);
   }
-  if (std::rename(_newPath.c_str(), _path.c_str()) != 0) Fail("replace", _path);
+  _written = written;
+}
+
+MetricsFile::Identity MetricsFile::WriteNew(const std::string& text) const {
+  const Descriptor file(open(_newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file) Fail("create", _newPath);
+  try {
+    struct stat status {};
+    if (fchmod(file.Get(), kForEverybody) != 0 || fstat(file.Get(), &status) != 0) Fail("create", _newPath);
+    for (size_t done = 0; done < text.size();) {
+      const ssize_t written = write(file.Get(), text.data() + done, text.size() - done);
+      if (written < 0 && errno != EINTR) Fail("write", _newPath);
+      if (written > 0) done += static_cast<size_t>(written);
+    }
+    return {status.st_dev, status.st_ino};
+  } catch (...) {
+    unlink(_newPath.c_str());  // half a file would take room where there is none
+    throw;
+  }
+}
+
+bool MetricsFile::IsOurs() const {
+  struct stat status {};
+  return _written && lstat(_path.c_str(), &status) == 0 && status.st_dev == _written->device &&
+         status.st_ino == _written->number;
 }
 
 }  // namespace tavix::daemon

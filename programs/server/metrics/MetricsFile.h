@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 
 #include "programs/server/metrics/Counters.h"
@@ -10,14 +13,15 @@ namespace tavix::daemon {
 // A file that always holds the latest figures, whole, for everybody to read: each time a new one takes its place. It is
 // not synced: after a power cut the figures would be of no use.
 //
+// Removes nothing that it did not make, but for PATH.new, which is its own.
 // Threads: one at a time.
 // Errors:  none leave it. What fails is logged when it begins to fail.
 class MetricsFile {
  public:
-  // counters and manager outlive the file.
+  // path: links are not followed. counters and manager outlive the file.
   MetricsFile(const std::string& path, const Counters& counters, const settings::server::SettingsManager& manager);
 
-  // Takes the file away: the figures of a daemon that has ended are nobody's.
+  // Takes the file away, unless another one took its place: the figures of a daemon that has ended are nobody's.
   ~MetricsFile();
 
   MetricsFile(const MetricsFile&) = delete;
@@ -26,12 +30,21 @@ class MetricsFile {
   void Write();
 
  private:
-  void Replace(const std::string& text) const;
+  // Which file it is, whatever its name.
+  struct Identity {
+    dev_t device = 0;
+    ino_t number = 0;
+  };
+
+  void Replace(const std::string& text);
+  Identity WriteNew(const std::string& text) const;
+  bool IsOurs() const;
 
   const std::string _path;
   const std::string _newPath;
   const Counters& _counters;
   const settings::server::SettingsManager& _manager;
+  std::optional<Identity> _written;  // that took the path's place last
   bool _fails = false;
 };
 

@@ -115,7 +115,10 @@ std::vector<OptionEntry> MakeTable() {
        "/dev/null switches the name off. Where neither is given: /usr/share/tavix-settings/defaults.d, "
        "/run/tavix-settings/defaults.d, /etc/tavix-settings/defaults.d",
        Append(&Options::defaults, &LayerSources::directories)},
-      {"", "restricted", "PATH", Kind::kList, true, "restricted settings, which clients can't change; as --defaults",
+      {"", "restricted", "PATH", Kind::kList, true,
+       "restricted settings, which clients can't change; as --defaults. Only groups with Secure or Trusted in their "
+       "names "
+       "are: others can be changed until the next start",
        Append(&Options::restricted, &LayerSources::paths)},
       {"", "restricted-dir", "DIR", Kind::kList, true, "as --defaults-dir; the usual places are named restricted.d",
        Append(&Options::restricted, &LayerSources::directories)},

@@ -4,13 +4,23 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
+
+// The disk, or the user's share of it, is full.
+class NoRoom : public osa::Exception {
+ public:
+  explicit NoRoom(const std::string& message) : Exception(message) {}
+};
 
 // A file that is open for writing. Closed by its destructor; what counts is whether Sync succeeded.
 //
 // Threads: one writes while another syncs.
-// Errors:  osa::Exception that names the file and the reason. After a failed Sync nobody knows what is on the disk, and
+// Errors:  osa::Exception that names the file and the reason; NoRoom for a full disk. After a failed Sync nobody knows
+// what is on the disk, and
 //          another Sync may claim success: the file is to be given up.
 class File {
  public:
@@ -23,6 +33,9 @@ class File {
   // is none; then none is taken. Where the file system can't do that, nothing happens.
   virtual void Reserve(uint64_t bytes) = 0;
 
+  // Gives back what the file has on the disk behind its first bytes, of which there are at least so many.
+  virtual void Truncate(uint64_t bytes) = 0;
+
   // Returns once everything that was written before is on the disk, a modification time that was set too. The file's
   // name may not be.
   virtual void Sync() = 0;
@@ -34,15 +47,17 @@ class File {
 // What a path leads to.
 struct FileContent {
   bool exists = false;
-  std::string problem;  // why there are no bytes although something exists; empty: there are
-  std::string bytes;
+  std::string problem;           // why there are not all bytes although something exists; empty: there are
+  std::string bytes;             // of a file that is too large to be read: how it begins and how it ends
   int64_t modificationTime = 0;  // nanoseconds since the epoch
+  int error = 0;                 // of the call that failed, as errno has it; 0: none did
+  bool isRegular = true;         // links followed
 };
 
 // The calls that keeping the user settings takes, and no others, so that tests can fail each of them, and can cut the
 // power between any two.
 //
-// Errors: osa::Exception that names the file and the reason.
+// Errors: osa::Exception that names the file and the reason; NoRoom for a full disk.
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -54,7 +69,7 @@ class FileSystem {
   virtual std::unique_ptr<File> Open(const std::string& path) = 0;
 
   // Throws nothing but std::bad_alloc. Only regular files have content, and those that could be ours by their size;
-  // nothing else is waited for.
+  // nothing else is opened or waited for.
   virtual FileContent Read(const std::string& path) = 0;
 
   // Replaces what stands at "to", as one step.
@@ -67,6 +82,9 @@ class FileSystem {
   virtual void Remove(const std::string& path) = 0;
 
   virtual bool Exists(const std::string& path) = 0;
+
+  // The paths that begin with this one, in any order; none when they can't be listed.
+  virtual std::vector<std::string> FindNames(const std::string& begin) = 0;
 
   // Returns once the content of an existing file is on the disk, whoever wrote it. It need not be writable.
   virtual void Sync(const std::string& path) = 0;

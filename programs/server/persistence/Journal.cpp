@@ -9,6 +9,7 @@ namespace {
 
 constexpr uint64_t kLeastFilled = 64 * 1024;
 constexpr uint64_t kMostFilled = 1024 * 1024;
+constexpr uint64_t kSpare = 16 * 1024;
 
 }  // namespace
 
@@ -40,6 +41,7 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
   journal->_isInPlace = isInPlace;
   journal->_end = reader.GetEnd();
   journal->_filled = fileSize;
+  if (fileSize >= journal->_end + kSpare) journal->_spare = kSpare;
   journal->_checksum = reader.GetChecksum();
   if (reader.HasMore())
     journal->_file->WriteAt(journal->_end, std::string(static_cast<size_t>(fileSize - journal->_end), '\0'));
@@ -50,7 +52,9 @@ void Journal::Append(const Change& change) {
   uint32_t checksum = _checksum;
   const std::string bytes = EncodeRecord(change, checksum);
   const uint64_t end = _end + bytes.size();
-  if (end > _filled) FillAhead(end);
+  if (end + kSpare > _filled) FillAhead(end);
+  if (_spare > 0 && end + _spare > _filled)
+    throw NoRoom("Failed to make room for '" + PathOf(_snapshotPath) + "': No space left on device");
   _file->WriteAt(_end, bytes);
   _end = end;
   _filled = std::max(_filled, end);
@@ -61,16 +65,35 @@ void Journal::Begin() {
   _file->WriteAt(0, EncodeJournalHeader(_follows, _end));
 }
 
-// A disk that has no room for zeros may have room for a record: what is wrong is the record's to find out.
+// A part of a record may stand there, too, for which there was no room.
+void Journal::GiveRoomBack() {
+  _fillsAhead = false;
+  _file->Truncate(_end);
+  _filled = _end;
+  _spare = 0;
+}
+
+// A disk that never had room for zeros may have room for a record: what is wrong is the record's to find out.
 void Journal::FillAhead(uint64_t end) {
-  const uint64_t begin = std::max(_filled, _end);
-  const uint64_t filled = end + std::clamp(end, kLeastFilled, kMostFilled);
+  if (!_fillsAhead) return;
   try {
-    _file->Reserve(filled);
-    _file->WriteAt(begin, std::string(static_cast<size_t>(filled - begin), '\0'));
-    _filled = filled;
+    if (TryToFill(end + std::clamp(end, kLeastFilled, kMostFilled)) || TryToFill(end + kSpare)) _spare = kSpare;
   } catch (const std::exception&) {
-    return;
+    _spare = 0;
+  }
+}
+
+// False when the disk is full.
+bool Journal::TryToFill(uint64_t end) {
+  const uint64_t begin = std::max(_filled, _end);
+  if (end <= begin) return true;
+  try {
+    _file->Reserve(end);
+    _file->WriteAt(begin, std::string(static_cast<size_t>(end - begin), '\0'));
+    _filled = end;
+    return true;
+  } catch (const NoRoom&) {
+    return false;
   }
 }
 

@@ -14,9 +14,10 @@ namespace tavix::daemon {
 // The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
 // when it is synced for the first time: until then what was synced into the old one counts.
 //
-// The file is filled with zeros ahead of its records where there is room, so that a sync has no metadata to write.
-// Threads: one appends while another syncs records or the name; taking the place is for one at a time.
-// Errors:  osa::Exception from the file system; the journal is then to be given up.
+// The file is filled with zeros ahead of its records where there is room, so that a sync has no metadata to write. On a
+// full disk the last of them stay: what the journal can give back is room for a snapshot that takes its place.
+// Threads: one appends, or gives room back, while another syncs records or the name; taking the place is for one at a
+// time. Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
   static std::string PathOf(const std::string& snapshotPath) { return snapshotPath + ".journal"; }
@@ -36,6 +37,11 @@ class Journal {
 
   // Written once it returns, but not synced.
   void Append(const Change& change);
+
+  // Gives the room behind the last record back to the disk, and fills nothing ahead until the second is called. Not
+  // beside an Append.
+  void GiveRoomBack();
+  void FillAgain() { _fillsAhead = true; }
 
   // From now on a new journal counts, instead of the one before: with all that was appended so far, or not at all.
   void Begin();
@@ -64,6 +70,7 @@ class Journal {
       : _files(files), _snapshotPath(snapshotPath), _follows(follows), _checksum(BeginJournalChecksum(follows)) {}
 
   void FillAhead(uint64_t end);
+  bool TryToFill(uint64_t end);
 
   FileSystem& _files;
   const std::string _snapshotPath;
@@ -73,6 +80,8 @@ class Journal {
   bool _nameIsSynced = false;  // the syncing thread's
   uint64_t _end = kJournalHeaderSize;
   uint64_t _filled = 0;  // so far the file has been written to
+  bool _fillsAhead = true;
+  uint64_t _spare = 0;  // of that, what stays free of records: room for a snapshot of few settings
   uint32_t _checksum;
 };
 

@@ -64,6 +64,14 @@ bool IsZeroInside(std::string_view text) {
   return text.find('\0') != std::string_view::npos;
 }
 
+// Whether a line begins so.
+bool HasLine(std::string_view text, std::string_view begin) {
+  for (size_t at = text.find(begin); at != std::string_view::npos; at = text.find(begin, at + 1)) {
+    if (at == 0 || text[at - 1] == '\n') return true;
+  }
+  return false;
+}
+
 bool Parse(const std::string& path, const FileContent& content, Snapshot& snapshot) {
   try {
     snapshot.settings.LoadFromMemory(content.bytes, path);
@@ -129,6 +137,18 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
     snapshot.state = line.found ? Snapshot::State::kEdited : Snapshot::State::kForeign;
   }
   return snapshot;
+}
+
+bool HoldsNothing(std::string_view bytes) {
+  return bytes.find_first_not_of('\0') == std::string_view::npos;
+}
+
+std::string FindWhyForeign(const std::string& path, const FileContent& content) {
+  const std::string_view text = content.bytes;
+  if (HoldsNothing(text) || HasLine(text, kFirstLine) || HasLine(text, kLastLine)) return "";
+  if (!content.problem.empty()) return content.problem;
+  Snapshot snapshot;
+  return Parse(path, content, snapshot) ? "" : snapshot.problem;
 }
 
 }  // namespace tavix::daemon

@@ -59,4 +59,11 @@ int64_t GetTimeOfSnapshot();
 // lines, tell the states apart.
 Snapshot ReadSnapshot(const std::string& path, const FileContent& content);
 
+// Whether a power cut, or a file system that lost what was written, may have left this: no bytes, or zeros.
+bool HoldsNothing(std::string_view bytes);
+
+// Why a regular file was never written by this daemon: it has bytes other than zero, is no settings text, and no line
+// of it is our first or our last one. Empty: it may have been, or can't be read. path: what the reason names.
+std::string FindWhyForeign(const std::string& path, const FileContent& content);
+
 }  // namespace tavix::daemon

@@ -1,3 +1,4 @@
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "programs/server/persistence/FileSystem.h"
 #include "tavix/core/Logger.h"
@@ -16,10 +18,18 @@ namespace {
 
 constexpr int64_t kNanosecondsInASecond = 1000 * 1000 * 1000;
 constexpr mode_t kOwnerOnly = 0600;
-constexpr off_t kMostBytes = 1024 * 1024 * 1024;  // of settings; a file that claims more is a file system's damage
+constexpr off_t kMaxBytes = 1024 * 1024 * 1024;  // of settings; a file that claims more is a file system's damage
+constexpr size_t kEndBytes = 64 * 1024;          // read of each end of such a file
+
+bool IsFull(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
 
 [[noreturn]] void Fail(const char* what, const std::string& path) {
-  throw osa::Exception("Failed to %s '%s': %s", what, path.c_str(), std::strerror(errno));
+  const int error = errno;
+  const std::string message = std::string("Failed to ") + what + " '" + path + "': " + std::strerror(error);
+  if (IsFull(error)) throw NoRoom(message);
+  throw osa::Exception("%s", message.c_str());
 }
 
 // Calls again what a signal interrupted.
@@ -74,12 +84,16 @@ class SystemFile : public File {
     const off_t size = static_cast<off_t>(bytes);
     if (Retry([&] { return fallocate(descriptor, FALLOC_FL_KEEP_SIZE, 0, size); }) == 0) return;
     const int error = errno;
-    if (error != ENOSPC && error != EDQUOT) return;
+    if (!IsFull(error)) return;
     struct stat status {};
     const bool isGivenBack = fstat(descriptor, &status) == 0 && ftruncate(descriptor, status.st_size) == 0;
     static_cast<void>(isGivenBack);  // some file systems keep what they found
     errno = error;
     Fail("make room for", _path);
+  }
+
+  void Truncate(uint64_t bytes) override {
+    if (Retry([&] { return ftruncate(_descriptor.Get(), static_cast<off_t>(bytes)); }) != 0) Fail("shorten", _path);
   }
 
   void Sync() override {
@@ -117,11 +131,40 @@ bool ReadAll(int descriptor, size_t size, std::string& bytes) {
   return true;
 }
 
+// How a file begins and ends that is too large to be read.
+void ReadEnds(int descriptor, off_t size, std::string& bytes) {
+  for (const off_t begin : {off_t{0}, size - static_cast<off_t>(kEndBytes)}) {
+    std::string part(kEndBytes, '\0');
+    const ssize_t count = Retry([&] { return pread(descriptor, part.data(), part.size(), begin); });
+    bytes.append(part, 0, count > 0 ? static_cast<size_t>(count) : 0);
+  }
+}
+
+std::string DescribeKind(mode_t mode) {
+  const char* const kind = S_ISDIR(mode)                    ? "directory"
+                           : S_ISCHR(mode) || S_ISBLK(mode) ? "device"
+                           : S_ISFIFO(mode)                 ? "pipe"
+                           : S_ISSOCK(mode)                 ? "socket"
+                                                            : "special file";
+  return std::string("it is a ") + kind + ", not a regular file";
+}
+
+void NoteError(int error, FileContent& content) {
+  content.exists = error != ENOENT && error != ENOTDIR;
+  if (!content.exists) return;
+  content.error = error;
+  content.problem = std::strerror(error);
+}
+
 std::string DirectoryOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
 }
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
 
 class SystemFiles : public FileSystem {
  public:
@@ -132,23 +175,21 @@ class SystemFiles : public FileSystem {
 
   std::unique_ptr<File> Open(const std::string& path) override { return std::make_unique<SystemFile>("open", path, 0); }
 
+  // What is no file is not opened: that could wait for a pipe's writer, or start a device.
   FileContent Read(const std::string& path) override {
     FileContent content;
-    // A pipe without a writer, or a device, must not hold up anybody.
-    const Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
-    content.exists = file.Get() >= 0 || (errno != ENOENT && errno != ENOTDIR);
     struct stat status {};
-    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
-      if (content.exists) content.problem = std::strerror(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-      content.problem = "not a regular file";
-    } else if (status.st_size > kMostBytes) {
-      content.problem = "it is too large: " + std::to_string(status.st_size) + " bytes";
-    } else if (!ReadAll(file.Get(), static_cast<size_t>(status.st_size), content.bytes)) {
-      content.problem = std::strerror(errno);
-      content.bytes.clear();
+    if (stat(path.c_str(), &status) != 0) {
+      NoteError(errno, content);
+      return content;
     }
-    content.modificationTime = status.st_mtim.tv_sec * kNanosecondsInASecond + status.st_mtim.tv_nsec;
+    content.exists = true;
+    content.isRegular = S_ISREG(status.st_mode);
+    if (content.isRegular) {
+      ReadFile(path, content);
+    } else {
+      content.problem = DescribeKind(status.st_mode);
+    }
     return content;
   }
 
@@ -169,6 +210,19 @@ class SystemFiles : public FileSystem {
     return lstat(path.c_str(), &status) == 0;
   }
 
+  std::vector<std::string> FindNames(const std::string& begin) override {
+    const size_t nameBegin = begin.rfind('/') + 1;  // 0 when there is none
+    const std::string name = begin.substr(nameBegin);
+    std::vector<std::string> paths;
+    const std::unique_ptr<DIR, CloseDirectory> directory(opendir(DirectoryOf(begin).c_str()));
+    if (!directory) return paths;
+    while (const dirent* const entry = readdir(directory.get())) {
+      if (std::string_view(entry->d_name).substr(0, name.size()) != name) continue;
+      paths.push_back(begin.substr(0, nameBegin) + entry->d_name);
+    }
+    return paths;
+  }
+
   void Sync(const std::string& path) override {
     const Descriptor opened = OpenOrFail("open", path, O_RDONLY | O_NONBLOCK);
     if (Retry([&] { return fsync(opened.Get()); }) != 0) Fail("sync", path);
@@ -179,6 +233,22 @@ class SystemFiles : public FileSystem {
     const std::string directory = DirectoryOf(path);
     const Descriptor opened = OpenOrFail("open directory", directory, O_RDONLY | O_DIRECTORY);
     if (Retry([&] { return fsync(opened.Get()); }) != 0 && errno != EINVAL) Fail("sync directory", directory);
+  }
+
+ private:
+  // Another thing may stand there by now.
+  static void ReadFile(const std::string& path, FileContent& content) {
+    const Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+    struct stat status {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) return NoteError(errno, content);
+    content.modificationTime = status.st_mtim.tv_sec * kNanosecondsInASecond + status.st_mtim.tv_nsec;
+    if (status.st_size > kMaxBytes) {
+      content.problem = "it is too large: " + std::to_string(status.st_size) + " bytes";
+      ReadEnds(file.Get(), status.st_size, content.bytes);
+    } else if (!ReadAll(file.Get(), static_cast<size_t>(status.st_size), content.bytes)) {
+      NoteError(errno, content);
+      content.bytes.clear();
+    }
   }
 };
 

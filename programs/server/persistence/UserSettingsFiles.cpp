@@ -5,6 +5,7 @@
 #include <exception>
 #include <utility>
 
+#include "programs/server/persistence/StartReads.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -45,7 +46,7 @@ uint64_t FindWhereChangesBegin(const JournalReader& journal, const Snapshot& sna
 }
 
 FoundJournal LookAt(FileSystem& files, const std::string& path, const Snapshot& snapshot) {
-  FoundJournal found{path, files.Read(path), 0, 0, false};
+  FoundJournal found{path, ReadAtStart(files, path), 0, 0, false};
   JournalReader reader(found.content.bytes);
   found.changesFrom = FindWhereChangesBegin(reader, snapshot);
   if (!reader.IsJournal()) return found;
@@ -122,7 +123,7 @@ void UserSettingsFiles::RemoveLeftovers(const FoundUserSettings& found) {
 // from now on people are shown that.
 void UserSettingsFiles::MakeDurable(FoundUserSettings& found) {
   try {
-    if (!found.isAbsent && !found.mustBeWritten) _files.Sync(_path);
+    if (!found.isAbsent && !found.mustBeWritten) SyncSnapshot();
     if (found.journal) {
       found.journal->Sync();
     } else if (!found.isAbsent && !found.mustBeWritten) {
@@ -135,8 +136,14 @@ void UserSettingsFiles::MakeDurable(FoundUserSettings& found) {
   }
 }
 
+void UserSettingsFiles::SyncSnapshot() {
+  _synced = Synced::kNo;
+  _files.Sync(_path);
+  _synced = Synced::kYes;
+}
+
 Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
-  const FileContent content = _files.Read(_path);
+  const FileContent content = ReadAtStart(_files, _path);
   Snapshot snapshot = ReadSnapshot(_path, content);
   AvoidGeneration(snapshot.end.generation, found);
   found.isAbsent = snapshot.state == Snapshot::State::kAbsent;
@@ -146,7 +153,7 @@ Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
   if (found.isAbsent) return UseNewSnapshot(std::move(snapshot), found);
   const bool isEmpty = content.exists && content.problem.empty() && content.bytes.empty();
   if (snapshot.state != Snapshot::State::kDamaged && !isEmpty) return snapshot;
-  Snapshot backup = ReadSnapshot(BackupOf(_path), _files.Read(BackupOf(_path)));
+  Snapshot backup = ReadSnapshot(BackupOf(_path), ReadAtStart(_files, BackupOf(_path)));
   if (isEmpty) {
     // Nobody empties settings that were saved before but a file system that lost what was written to it.
     if (backup.state == Snapshot::State::kAbsent) return snapshot;
@@ -155,9 +162,9 @@ Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
   return UseBackup(snapshot, std::move(backup), found);
 }
 
-// Something that can't be copied, a directory for instance, was put aside, and the power went before the rename.
+// The power went before it got its name for the first time.
 Snapshot UserSettingsFiles::UseNewSnapshot(Snapshot absent, FoundUserSettings& found) {
-  Snapshot next = ReadSnapshot(NewPathOf(_path), _files.Read(NewPathOf(_path)));
+  Snapshot next = ReadSnapshot(NewPathOf(_path), ReadAtStart(_files, NewPathOf(_path)));
   if (next.state != Snapshot::State::kIntact) return absent;
   AvoidGeneration(next.end.generation, found);
   found.isAbsent = false;
@@ -257,6 +264,7 @@ std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& t
     RemoveQuietly(_files, newPath);
     throw;
   }
+  _synced = Synced::kYes;
   _isDamaged = false;
   _damagedIsKept = false;
   _files.SyncDirectoryOf(_path);
@@ -282,21 +290,22 @@ void UserSettingsFiles::KeepDamaged() {
   const std::string name = FindBadName(_files, _path);
   try {
     _files.Link(_path, name);
+    _damagedIsKept = true;
   } catch (const std::exception&) {
-    CopyOrRename(name);
+    KeepBytes(name);
   }
-  _damagedIsKept = true;
-  _notices.push_back("The damaged '" + _path + "' is kept as '" + name + "'");
+  if (_damagedIsKept) _notices.push_back("The damaged '" + _path + "' is kept as '" + name + "'");
 }
 
-// A name that is gone until the new one's rename would look like settings that somebody removed. What has no bytes to
-// be copied, a directory for instance, is renamed all the same.
-void UserSettingsFiles::CopyOrRename(const std::string& to) {
+// Not by a rename: a name that is gone until the new one takes its place would look like settings that somebody
+// removed.
+void UserSettingsFiles::KeepBytes(const std::string& to) {
   const FileContent content = _files.Read(_path);
   if (content.problem.empty()) {
     WriteCopy(to, content.bytes);
+    _damagedIsKept = true;
   } else {
-    _files.Rename(_path, to);
+    _notices.push_back("The damaged '" + _path + "' can't be kept: " + content.problem);
   }
 }
 
@@ -313,11 +322,14 @@ void UserSettingsFiles::WriteCopy(const std::string& path, std::string_view byte
   _files.SyncDirectoryOf(path);
 }
 
-// Some file systems have no links: then there is no backup, and that is no reason not to save.
+// Some file systems have no links: then there is no backup, and that is no reason not to save. What may not be on the
+// disk does not take the place of one that is.
 void UserSettingsFiles::KeepBackup() {
   if (!_files.Exists(_path)) return;
   const std::string newBackup = NewPathOf(BackupOf(_path));
   try {
+    if (_synced == Synced::kUnknown) SyncSnapshot();
+    if (_synced == Synced::kNo) throw osa::Exception("'%s' could not be synced", _path.c_str());
     _files.Remove(newBackup);
     _files.Link(_path, newBackup);
     _files.Rename(newBackup, BackupOf(_path));
@@ -331,6 +343,13 @@ void UserSettingsFiles::RemoveJournals() {
   _files.Remove(Journal::PathOf(_path));
   _files.Remove(Journal::NewPathOf(_path));
   _files.SyncDirectoryOf(_path);
+}
+
+bool UserSettingsFiles::RemoveBackup() {
+  const bool isNeeded = _isDamaged || _synced != Synced::kYes || !_files.Exists(_path);
+  if (isNeeded || !_files.Exists(BackupOf(_path))) return false;
+  _files.Remove(BackupOf(_path));
+  return true;
 }
 
 void UserSettingsFiles::RemoveNewJournal() {

@@ -51,7 +51,8 @@ class UserSettingsFiles {
   UserSettingsFiles(FileSystem& files, std::string path);
 
   // mayRepair: make durable what is found, and put journals aside that belong to nothing; otherwise nothing is touched.
-  // A damaged snapshot stays until the next one is there. Never throws for what the files are like.
+  // A damaged snapshot stays until the next one is there. Throws UserSettingsRefused when a file can't be read for a
+  // reason that is not the disk's, before anything is touched; never for what the files are like.
   FoundUserSettings Find(bool mayRepair);
 
   // Makes the text the snapshot. Whatever fails or whenever the power goes, what counts is the old one or the new one,
@@ -60,6 +61,10 @@ class UserSettingsFiles {
 
   // After a snapshot that holds everything.
   void RemoveJournals();
+
+  // Makes room on a full disk. False when there is no backup, or it may be needed: the snapshot is not known to be
+  // good.
+  bool RemoveBackup();
 
   // The journal on its way, which was given up: its room may be what the next snapshot needs.
   void RemoveNewJournal();
@@ -76,11 +81,17 @@ class UserSettingsFiles {
   void WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written);
   void KeepBackup();
   void KeepDamaged();
-  void CopyOrRename(const std::string& to);
+  void KeepBytes(const std::string& to);
+  void SyncSnapshot();
   void WriteCopy(const std::string& path, std::string_view bytes);
 
   FileSystem& _files;
   const std::string _path;
+  // Whether the content of what stands at the path is on the disk. A sync that failed is not repeated: the next one may
+  // claim success.
+  enum class Synced { kUnknown, kYes, kNo };
+
+  Synced _synced = Synced::kUnknown;
   bool _isDamaged = false;      // what stands at the path is not worth being the backup
   bool _damagedIsKept = false;  // under another name
   std::vector<std::string> _notices;

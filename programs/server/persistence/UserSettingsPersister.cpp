@@ -239,14 +239,49 @@ bool UserSettingsPersister::WriteSnapshot() {
     BeginSnapshot(text);
     layerText.MoveTo(text);
     const SnapshotId id = EndSnapshot(text, end);
-    for (const std::string& notice : _files.ReplaceSnapshot(text.GetText(), end.written))
-      _log.AddWarning(notice.c_str());
+    ReplaceSnapshot(text.GetText(), end.written);
     TakeOver(id, text.GetText().size(), last);
     return true;
   } catch (const std::exception& exception) {
     FailSnapshot(ReasonOf(exception));
     return false;
   }
+}
+
+// Our own files may have filled the disk. They give back what nobody needs, and then what somebody may need one day.
+void UserSettingsPersister::ReplaceSnapshot(const std::string& text, int64_t written) {
+  enum class Room { kAsItIs, kWithoutFilling, kWithoutBackup };
+  for (Room room = Room::kAsItIs;; room = room == Room::kAsItIs ? Room::kWithoutFilling : Room::kWithoutBackup) {
+    try {
+      for (const std::string& notice : _files.ReplaceSnapshot(text, written)) _log.AddWarning(notice.c_str());
+      return;
+    } catch (const NoRoom&) {
+      if (room == Room::kAsItIs) {
+        GiveRoomBack();
+      } else if (room == Room::kWithoutBackup || !RemoveBackup()) {
+        throw;
+      }
+    }
+  }
+}
+
+// The caller does not hold the lock.
+void UserSettingsPersister::GiveRoomBack() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
+    try {
+      if (journal) journal->GiveRoomBack();
+    } catch (const std::exception& exception) {
+      _log.AddWarning(ReasonOf(exception));
+    }
+  }
+}
+
+bool UserSettingsPersister::RemoveBackup() {
+  if (!_files.RemoveBackup()) return false;
+  _log.AddWarning(("'" + _path + ".bak'").c_str(),
+                  " is removed to make room: the disk is full, and the user settings come first");
+  return true;
 }
 
 // The caller does not hold the lock.
@@ -267,6 +302,7 @@ void UserSettingsPersister::RemoveGivenUpJournal() {
   {
     std::lock_guard<std::mutex> lock(_mutex);
     if (!std::exchange(_leftNewJournal, false)) return;
+    _failedJournal.reset();
   }
   _files.RemoveNewJournal();
 }
@@ -303,6 +339,7 @@ void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, D
       if (next) AskForSnapshotIfLong();  // so much was changed meanwhile
     });
     if (next && _durability.kind == Durability::Kind::kNone) next->TakePlace();
+    if (!next) RemoveOldJournal();
   } catch (const std::exception& exception) {
     std::unique_lock<std::mutex> lock(_mutex);
     const bool mayRemove = !_journal || _journal->IsInPlace();
@@ -312,6 +349,13 @@ void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, D
     if (mayRemove) _files.RemoveNewJournal();
   }
   _gate.SetDurable(ticket);
+}
+
+// The snapshot holds all its changes; the disk may need its room for the next one. The caller holds the names, not the
+// lock, under which a journal may take its place.
+void UserSettingsPersister::RemoveOldJournal() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!_journal) RemoveQuietly(_filesystem, Journal::PathOf(_path));
 }
 
 // With most of what was changed meanwhile. Null: none is needed before the next change. The caller holds the names, not
@@ -345,6 +389,7 @@ void UserSettingsPersister::Follow(const SnapshotId& snapshot, size_t bytes, Dur
   _snapshotId = snapshot;
   _snapshotBytes = bytes;
   _leftNewJournal = false;  // the name is the next one's
+  _failedJournal.reset();
   _synced = std::max(_synced, ticket);
   if (std::exchange(_failed, false)) {
     _saysWhenWell = true;
@@ -388,6 +433,7 @@ void UserSettingsPersister::FailSnapshot(const char* reason) {
   _observer(false, 0);
   std::lock_guard<std::mutex> lock(_mutex);
   EndSnapshotting();
+  if (_journal) _journal->FillAgain();
   if (_snapshotId.generation == 0 || _failed) return Fail(reason);
   _log.AddWarning(reason, kJournalGoesOn);
   TryLater();
@@ -396,6 +442,7 @@ void UserSettingsPersister::FailSnapshot(const char* reason) {
 // Nobody was shown what is in a journal on its way when a sync is waited for: it is of no use any more.
 void UserSettingsPersister::Fail(const char* reason) {
   if (_journal && !_journal->IsInPlace() && _durability.kind == Durability::Kind::kAlways) _leftNewJournal = true;
+  if (_journal) _failedJournal = std::move(_journal);
   _journal.reset();
   TryLater();
   _gate.LetGo();

@@ -93,6 +93,10 @@ class UserSettingsPersister {
   void AwaitWork(std::unique_lock<std::mutex>& lock);
   bool TakePlace(Journal& journal);
   bool WriteSnapshot();
+  void ReplaceSnapshot(const std::string& text, int64_t written);
+  void GiveRoomBack();
+  bool RemoveBackup();
+  void RemoveOldJournal();
   void RemoveGivenUpJournal();
   void BeginToNoteChanges();
   std::set<std::string> TakeChanged();
@@ -136,13 +140,14 @@ class UserSettingsPersister {
   SnapshotId _snapshotId;  // generation 0: changes can't be appended to a journal yet
   uint64_t _nextGeneration = 1;
   size_t _snapshotBytes = 0;
-  std::shared_ptr<Journal> _journal;   // null: none since the snapshot
-  DurabilityGate::Ticket _last = 0;    // the last change
-  DurabilityGate::Ticket _synced = 0;  // the last that is durable
-  Clock::time_point _firstUnsynced{};  // when the oldest change that is not was made
-  bool _failed = false;                // the disk lacks changes that were served
-  bool _saysWhenWell = false;          // nobody was told yet that it has them again
-  bool _leftNewJournal = false;        // one was given up on its way, and nobody needs it
+  std::shared_ptr<Journal> _journal;        // null: none since the snapshot
+  std::shared_ptr<Journal> _failedJournal;  // was given up since; its file may take room. Never synced
+  DurabilityGate::Ticket _last = 0;         // the last change
+  DurabilityGate::Ticket _synced = 0;       // the last that is durable
+  Clock::time_point _firstUnsynced{};       // when the oldest change that is not was made
+  bool _failed = false;                     // the disk lacks changes that were served
+  bool _saysWhenWell = false;               // nobody was told yet that it has them again
+  bool _leftNewJournal = false;             // one was given up on its way, and nobody needs it
   bool _snapshotIsAsked = false;
   RetryBackoff _retry;         // no snapshot before its time
   ChangedGroups _changed;      // what the snapshot that is being made lacks so far

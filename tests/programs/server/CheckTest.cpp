@@ -112,7 +112,8 @@ TEST_F(Check, OneWrongFileDoesNotHideTheOthers) {
             "restricted: gone.ini: error, nothing loaded\n");
   EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: d/20.ini:1: expected "));
   EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: d/30.ini:2: expected "));
-  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: User settings are damaged: user.ini:1: expected "));
+  EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: Failed to use --user-settings 'user.ini': it is not a file of "
+                                 "user settings (user.ini:1: expected "));
   EXPECT_THAT(_errors, HasSubstr("tavix-settings-server: Failed to open settings file 'gone.ini': "));
 }
 
@@ -137,18 +138,44 @@ TEST_F(Check, AddressesAndFilesAreToldTogether) {
 
 // The daemon starts in spite of them.
 TEST_F(Check, FilesThatTheDaemonCouldNotWriteAreWarnedOf) {
-  const std::string gone = _directory.Path("gone/");
+  const std::string gone = _directory.Path("gone");
   std::filesystem::create_directory(_directory.Path("d"));
-  EXPECT_EQ(RunToEnd({"--user-settings", gone + "u.ini", "--log-file", gone + "l", "--metrics-file", gone + "m"}), 0);
+  EXPECT_EQ(RunToEnd({"--log-file", gone + "/l", "--metrics-file", gone + "/m"}), 0);
   const auto warning = [&](const std::string& option, const std::string& file) {
-    return "warning: --" + option + " '" + gone + file + "': No such file or directory\n";
+    return "warning: --" + option + " '" + gone + file + "': directory '" + gone + "': No such file or directory\n";
   };
-  EXPECT_THAT(_output, EndsWith(warning("user-settings", "u.ini") + warning("log-file", "l") +
-                                warning("metrics-file", "m") + "ok: 0 groups\n"));
+  EXPECT_THAT(_output, EndsWith(warning("log-file", "/l") + warning("metrics-file", "/m") + "ok: 0 groups\n"));
   EXPECT_EQ(RunToEnd({"--log-file", _directory.Path("d")}), 0);
   EXPECT_THAT(_output, StartsWith("warning: --log-file '" + _directory.Path("d") + "': not a regular file\n"));
   EXPECT_EQ(RunToEnd({"--log-file", _directory.Path("l"), "--metrics-file", "m", "--user-settings", "u.ini"}), 0);
   EXPECT_THAT(_output, Not(HasSubstr("warning")));
+}
+
+TEST_F(Check, UserSettingsThatWouldNotBeKeptEndWithStatus78) {
+  _directory.Write("file", "");
+  const std::pair<std::string, std::string> cases[] = {{"gone", "No such file or directory"},
+                                                       {"file", "Not a directory"}};
+  for (const auto& [directory, reason] : cases) {
+    EXPECT_EQ(RunToEnd({"--user-settings", directory + "/user.ini"}), 78);
+    EXPECT_EQ(_errors, "tavix-settings-server: --user-settings '" + directory + "/user.ini': directory '" + directory +
+                           "': " + reason + "; changes will not be kept\n");
+  }
+}
+
+TEST_F(Check, GroupsThatNoListOfNamesCanHoldAreLeftOutAndEndWithStatus78) {
+  _directory.Write("d.ini", "[A]\nx=[.]\n\n [.]\ny=1\n[B]\n[C\\nD]\nz=1\n");
+  EXPECT_EQ(RunToEnd({"--defaults", "d.ini"}), 78);
+  EXPECT_EQ(_errors,
+            "tavix-settings-server: d.ini:4: group [.] is left out: no list of names can hold its name\n"
+            "tavix-settings-server: d.ini:7: group [C\\x0aD] is left out: no list of names can hold its name\n");
+  EXPECT_EQ(_output, "defaults: d.ini: 2 groups\n");
+}
+
+TEST_F(Check, RestrictedFilesWithGroupsThatClientsCanChangeAreWarnedOf) {
+  _directory.Write("r.ini", "[Secure/A]\n[A]\n[B]\n[C]\n[D]\n[E]\n[F]\n[G]\n[Trusted/B]\n");
+  EXPECT_EQ(RunToEnd({"--restricted", "r.ini"}), 0);
+  EXPECT_THAT(_output, StartsWith("restricted: r.ini: 9 groups\n  warning: clients can change, until the next start, "
+                                  "groups whose names are not restricted: [A], [B], [C], [D], [E] and 2 more\n"));
 }
 
 TEST_F(Check, FileThatIsNotThereEndsWithStatus78AndItsName) {
@@ -160,12 +187,6 @@ TEST_F(Check, FileThatIsNotThereEndsWithStatus78AndItsName) {
   std::filesystem::create_symlink("gone", _directory.Path("d/link.ini"));
   EXPECT_EQ(RunToEnd({"--defaults", "d"}), 78);
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'd/link.ini': No such file or directory\n");
-}
-
-TEST_F(Check, UserSettingsBelowAFileAreAnError) {
-  _directory.Write("file", "");
-  EXPECT_EQ(RunToEnd({"--user-settings", "file/user.ini"}), 78);
-  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'file/user.ini': Not a directory\n");
 }
 
 // A pipe would hold the start up for ever.
@@ -184,23 +205,6 @@ TEST_F(Check, WhatIsNoFileIsRefusedAndNotWaitedFor) {
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'p/x.ini': not a regular file\n");
   EXPECT_EQ(RunToEnd({"--defaults", "d"}), 78);
   EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file 'd/sub.ini': not a regular file\n");
-}
-
-TEST_F(Check, UserSettingsThatAreNoFileAreDamagedAndLeftAlone) {
-  std::filesystem::create_directory(_directory.Path("d"));
-  ASSERT_EQ(mkfifo(_directory.Path("pipe").c_str(), 0600), 0);
-  for (const std::string path : {"d", "pipe"}) {
-    EXPECT_EQ(RunToEnd({"--user-settings", path}), 78) << path;
-    EXPECT_EQ(_errors, "tavix-settings-server: User settings are damaged: '" + path +
-                           "': not a regular file; there is no backup of use, they begin empty\n");
-    EXPECT_TRUE(_directory.Has(path));
-  }
-}
-
-// Putting a device aside, or replacing it by a file, would harm others.
-TEST_F(Check, UserSettingsThatAreADeviceAreRefused) {
-  EXPECT_EQ(RunToEnd({"--user-settings", "/dev/null"}), 78);
-  EXPECT_EQ(_errors, "tavix-settings-server: Failed to open settings file '/dev/null': it is a device\n");
 }
 
 TEST_F(Check, BytesThatAreNoTextAreAnErrorThatCanBePrinted) {

@@ -136,16 +136,6 @@ class DamagedFiles : public testing::Test {
     EXPECT_EQ(_errors, "");
   }
 
-  // The same for something that is no file.
-  void ExpectTheBackupInsteadOf(const std::string& damage) {
-    ExpectCheckFinds(damage);
-    EXPECT_EQ(Serve(), kBackup);
-    EXPECT_THAT(_errors, testing::HasSubstr(kDamaged + damage + "; the backup 'user.ini.bak' is used\n"));
-    EXPECT_THAT(_errors, testing::HasSubstr("The damaged 'user.ini' is kept as 'user.ini.bad-"));
-    EXPECT_EQ(FindBad().size(), 1u);
-    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(_directory.Path("user.ini"))));
-  }
-
   const std::vector<std::string> kArguments{"--user-settings", "user.ini"};
   const TemporaryDirectory _directory;
   std::string _snapshot;

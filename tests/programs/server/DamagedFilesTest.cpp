@@ -97,26 +97,6 @@ TEST_F(DamagedFiles, BytesThatAreNoText) {
   ExpectTheBackup(bytes);
 }
 
-TEST_F(DamagedFiles, DirectoryInsteadOfTheFile) {
-  fs::remove(_directory.Path("user.ini"));
-  fs::create_directory(_directory.Path("user.ini"));
-  _directory.Write("user.ini/kept", "x");
-  ExpectTheBackupInsteadOf("not a regular file");
-  EXPECT_EQ(_directory.Read(FindBad().at(0) + "/kept"), "x");
-}
-
-TEST_F(DamagedFiles, PipeInsteadOfTheFile) {
-  fs::remove(_directory.Path("user.ini"));
-  ASSERT_EQ(mkfifo(_directory.Path("user.ini").c_str(), 0600), 0);
-  ExpectTheBackupInsteadOf("not a regular file");
-}
-
-TEST_F(DamagedFiles, LinkToItself) {
-  fs::remove(_directory.Path("user.ini"));
-  fs::create_symlink("user.ini", _directory.Path("user.ini"));
-  ExpectTheBackupInsteadOf("Too many levels of symbolic links");
-}
-
 // Where it leads is where the settings are: there is nothing yet.
 TEST_F(DamagedFiles, LinkToNowhereIsAnEmptyLayer) {
   fs::remove(_directory.Path("user.ini"));
@@ -124,17 +104,6 @@ TEST_F(DamagedFiles, LinkToNowhereIsAnEmptyLayer) {
   EXPECT_EQ(Serve(), "");
   EXPECT_EQ(_errors, "");
   EXPECT_THAT(FindBad(), IsEmpty());
-}
-
-TEST_F(DamagedFiles, LinkToADirectoryPutsTheDirectoryAsideAndStaysALink) {
-  fs::remove(_directory.Path("user.ini"));
-  fs::create_directory(_directory.Path("elsewhere"));
-  fs::create_symlink("elsewhere", _directory.Path("user.ini"));
-  EXPECT_EQ(Serve(), "");
-  EXPECT_THAT(_errors, HasSubstr("elsewhere': not a regular file; there is no backup of use, they begin empty\n"));
-  EXPECT_THAT(_errors, HasSubstr("elsewhere' is kept as '"));
-  EXPECT_TRUE(fs::is_directory(_directory.Path(FindBad().at(0))));
-  EXPECT_TRUE(fs::is_symlink(_directory.Path("user.ini")));
 }
 
 TEST_F(DamagedFiles, WithoutABackupTheLayerBeginsEmptyAndIsSavedFromThenOn) {

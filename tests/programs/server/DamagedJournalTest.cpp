@@ -98,8 +98,8 @@ TEST_F(DamagedJournal, ThatCanNotBeReadIsPutAsideAndTheReasonTold) {
   fs::remove(_directory.Path("user.ini.journal"));
   ASSERT_EQ(mkfifo(_directory.Path("user.ini.journal").c_str(), 0600), 0);
   EXPECT_EQ(Serve(), kSaved);
-  EXPECT_THAT(_errors, HasSubstr("ERROR UserSettings: The changes in 'user.ini.journal' can't be read: not a regular "
-                                 "file; it is kept as 'user.ini.journal.bad-"));
+  EXPECT_THAT(_errors, HasSubstr("ERROR UserSettings: The changes in 'user.ini.journal' can't be read: it is a pipe, "
+                                 "not a regular file; it is kept as 'user.ini.journal.bad-"));
 }
 
 TEST_F(DamagedJournal, ThatIsADirectoryIsPutAside) {

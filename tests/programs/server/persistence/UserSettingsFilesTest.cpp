@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include "programs/server/persistence/StartReads.h"
 #include "tavix/osa/Exception.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/support/DocumentText.h"
@@ -15,6 +18,7 @@ using daemon::FoundUserSettings;
 using daemon::Journal;
 using daemon::SnapshotEnd;
 using daemon::UserSettingsFiles;
+using daemon::UserSettingsRefused;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -23,6 +27,8 @@ using testing::Not;
 using testing::StartsWith;
 
 namespace {
+
+using Reason = UserSettingsRefused::Reason;
 
 constexpr int64_t kWritten = 1234567890;
 constexpr size_t kOperationsOfASnapshot = 9;
@@ -48,6 +54,16 @@ class UserFiles : public testing::Test {
   std::unique_ptr<Journal> Begin(uint64_t follows, const std::vector<Change>& changes) {
     const daemon::Snapshot snapshot = daemon::ReadSnapshot(kUserFile, _files.Read(kUserFile));
     return Journal::Create(_files, kUserFile, {follows, snapshot.checksum}, changes);
+  }
+
+  void ExpectRefused(Reason reason, const std::string& message) {
+    try {
+      Find();
+      ADD_FAILURE() << "It is not refused";
+    } catch (const UserSettingsRefused& refused) {
+      EXPECT_EQ(refused.GetReason(), reason);
+      EXPECT_EQ(refused.what(), message);
+    }
   }
 
   // As it rots.
@@ -253,8 +269,8 @@ TEST_F(UserFiles, LeftoversOfAnInterruptedSaveAreRemovedAtTheStart) {
   EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
 }
 
-// The old one, which could only be renamed, is aside, and the power went.
-TEST_F(UserFiles, NewSnapshotIsUsedWhenTheOldOneIsGone) {
+// The power went before it got its name.
+TEST_F(UserFiles, NewSnapshotIsUsedWhenThereIsNoOther) {
   _files.Put("user.ini.new", MakeSnapshot("[A]\nx=1\n", {8, 0, 0, kWritten}));
   const FoundUserSettings found = Find();
   EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
@@ -407,6 +423,72 @@ TEST_F(UserFiles, WithoutJournalsAreOneFile) {
   Begin(8, {kSetsY});
   UserSettingsFiles(_files, kUserFile).RemoveJournals();
   EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
+}
+
+// Nobody would know that there had been anything until the next one takes the place.
+TEST_F(UserFiles, DamagedSnapshotThatCanNeitherBeLinkedNorReadIsNotRenamed) {
+  Save("[A]\nx=1\n", 7);
+  Damage(kUserFile, "x=1");
+  UserSettingsFiles files(_files, kUserFile);
+  files.Find(true);
+  _files.AddObserver([](const auto& operation) {
+    if (operation.kind == MemoryFiles::Operation::Kind::kLink) throw osa::Exception("no links");
+  });
+  _files.FailReads(kUserFile, EIO, 1);
+  EXPECT_THAT(files.ReplaceSnapshot(MakeSnapshot("[A]\nx=3\n", {9, 0, 0, kWritten}), kWritten),
+              ElementsAre("The damaged 'user.ini' can't be kept: Input/output error"));
+  EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
+}
+
+TEST_F(UserFiles, SnapshotThatCouldNotBeSyncedIsNeverTheBackup) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  UserSettingsFiles files(_files, kUserFile);
+  _files.FailAfter(0, false);
+  EXPECT_TRUE(files.Find(true).mustBeWritten);
+  EXPECT_THAT(files.ReplaceSnapshot(MakeSnapshot("[A]\nx=3\n", {9, 0, 0, kWritten}), kWritten),
+              ElementsAre("No backup is kept: 'user.ini' could not be synced"));
+  EXPECT_THAT(_files.Get("user.ini.bak"), HasSubstr("x=1"));
+  Save("[A]\nx=4\n", 10);
+  EXPECT_THAT(_files.Get("user.ini.bak"), HasSubstr("x=3"));
+}
+
+TEST_F(UserFiles, ThatAreReadAfterAFewErrorsAreWhole) {
+  Save("[A]\nx=1\n", 7);
+  for (const int error : {EIO, EMFILE, ENOMEM, EACCES}) {
+    _files.FailReads(kUserFile, error, 3);
+    const FoundUserSettings found = Find();
+    EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n") << error;
+    EXPECT_THAT(found.problems, IsEmpty());
+  }
+}
+
+// A later start may find the newest state.
+TEST_F(UserFiles, ThatCanNotBeReadForAReasonThatIsNotTheDisksAreNotReplacedByTheBackup) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  Begin(8, {kSetsY})->Sync();
+  const size_t operations = _files.CountOperations();
+  for (const char* path : {kUserFile, "user.ini.journal"}) {
+    _files.FailReads(path, EMFILE, 4);
+    ExpectRefused(Reason::kNoResources, "Failed to read '" + std::string(path) + "': Too many open files");
+  }
+  _files.FailReads(kUserFile, ENOMEM, 4);
+  ExpectRefused(Reason::kNoResources, "Failed to read 'user.ini': Cannot allocate memory");
+  _files.FailReads(kUserFile, EACCES, 4);
+  ExpectRefused(Reason::kNoRights, "Failed to read 'user.ini': Permission denied");
+  EXPECT_EQ(_files.CountOperations(), operations);
+  EXPECT_EQ(TextOf(Find().settings), "[A]\nx=2\n[B]\ny=2\n");
+}
+
+TEST_F(UserFiles, ThatTheDiskCanNotReadAreReplacedByTheBackup) {
+  Save("[A]\nx=1\n", 7);
+  Save("[A]\nx=2\n", 8);
+  _files.FailReads(kUserFile, EIO, 4);
+  const FoundUserSettings found = Find();
+  EXPECT_EQ(TextOf(found.settings), "[A]\nx=1\n");
+  EXPECT_THAT(found.problems, ElementsAre("User settings are damaged: 'user.ini': Input/output error; the backup "
+                                          "'user.ini.bak' is used"));
 }
 
 }  // namespace tavix::test

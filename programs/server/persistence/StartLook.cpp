@@ -1,0 +1,64 @@
+#include "programs/server/persistence/StartLook.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+
+#include "programs/server/persistence/Journal.h"
+#include "programs/server/persistence/JournalText.h"
+#include "programs/server/persistence/Snapshot.h"
+#include "programs/server/persistence/StartReads.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+using Reason = UserSettingsRefused::Reason;
+
+// What is beside the file counts when it can be read; else the file itself decides.
+bool IsSnapshotOfOurs(FileSystem& files, const std::string& path) {
+  const FileContent content = files.Read(path);
+  return content.exists && content.isRegular && content.error == 0 && FindWhyForeign(path, content).empty();
+}
+
+bool IsJournalOfOurs(FileSystem& files, const std::string& path) {
+  const FileContent content = files.Read(path);
+  if (!content.exists || !content.isRegular || content.error != 0) return false;
+  return HoldsNothing(content.bytes) || IsBeginOfJournal(content.bytes) ||
+         JournalReader(content.bytes).FindLater() != std::string_view::npos;
+}
+
+// Nobody else gives names like these, whatever such a file holds.
+bool IsPutAside(const std::string& path, const std::string& begin) {
+  return path.size() > begin.size() && std::isdigit(static_cast<unsigned char>(path[begin.size()])) != 0;
+}
+
+bool HasPutAside(FileSystem& files, const std::string& path) {
+  for (const std::string& begin : {path + ".bad-", Journal::PathOf(path) + ".bad-"}) {
+    const std::vector<std::string> names = files.FindNames(begin);
+    if (std::any_of(names.begin(), names.end(), [&](const auto& name) { return IsPutAside(name, begin); })) return true;
+  }
+  return false;
+}
+
+// FILE.lock proves nothing: whoever starts makes it.
+bool HasOursBeside(FileSystem& files, const std::string& path) {
+  for (const char* end : {".bak", ".new", ".bak.new"}) {
+    if (IsSnapshotOfOurs(files, path + end)) return true;
+  }
+  return IsJournalOfOurs(files, Journal::PathOf(path)) || IsJournalOfOurs(files, Journal::NewPathOf(path)) ||
+         HasPutAside(files, path);
+}
+
+}  // namespace
+
+void LookAtUserSettings(FileSystem& files, const std::string& path, const std::string& name) {
+  const FileContent content = ReadAtStart(files, path, name);
+  if (!content.isRegular) throw UserSettingsRefused(Reason::kNotOurs, "Failed to use " + name + ": " + content.problem);
+  const std::string why = FindWhyForeign(path, content);
+  if (why.empty() || HasOursBeside(files, path)) return;
+  throw UserSettingsRefused(Reason::kNotOurs, "Failed to use " + name + ": it is not a file of user settings (" + why +
+                                                  "), and it is left as it is");
+}
+
+}  // namespace tavix::daemon

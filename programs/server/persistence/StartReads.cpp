@@ -1,0 +1,62 @@
+#include "programs/server/persistence/StartReads.h"
+
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <thread>
+
+namespace tavix::daemon {
+
+namespace {
+
+using Reason = UserSettingsRefused::Reason;
+
+constexpr std::chrono::milliseconds kPauses[] = {std::chrono::milliseconds(100), std::chrono::milliseconds(200),
+                                                 std::chrono::milliseconds(400)};
+
+FileContent TryToRead(FileSystem& files, const std::string& path) {
+  try {
+    return files.Read(path);
+  } catch (const std::bad_alloc&) {
+    FileContent content;
+    content.exists = true;
+    content.error = ENOMEM;
+    content.problem = "Cannot allocate memory";
+    return content;
+  }
+}
+
+[[noreturn]] void Refuse(Reason reason, const std::string& name, const std::string& problem) {
+  throw UserSettingsRefused(reason, "Failed to read " + name + ": " + problem);
+}
+
+}  // namespace
+
+FileContent ReadAtStart(FileSystem& files, const std::string& path) {
+  return ReadAtStart(files, path, "'" + path + "'");
+}
+
+FileContent ReadAtStart(FileSystem& files, const std::string& path, const std::string& name) {
+  FileContent content = TryToRead(files, path);
+  for (const std::chrono::milliseconds pause : kPauses) {
+    if (content.error == 0) return content;
+    std::this_thread::sleep_for(pause);
+    content = TryToRead(files, path);
+  }
+  switch (content.error) {
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+      Refuse(Reason::kNoResources, name, content.problem);
+    case EACCES:
+    case EPERM:
+      Refuse(Reason::kNoRights, name, content.problem);
+    case ELOOP:
+    case ENAMETOOLONG:
+      Refuse(Reason::kNotOurs, name, content.problem);
+    default:
+      return content;
+  }
+}
+
+}  // namespace tavix::daemon
