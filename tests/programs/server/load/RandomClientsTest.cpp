@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -77,7 +78,7 @@ class OwnGroup {
 TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
   const unsigned int seed = ChooseSeed();
   const size_t clients = AllowConnections(IsLongRun() ? 2000 : 50);
-  std::printf("%zu clients, seed %u\n", clients, seed);
+  std::cout << clients << " clients, seed " << seed << std::endl;  // seen even if the test is ended
   LoadSize size;
   if (!IsLongRun()) size.storeGroups = 2'000;
   LoadedDaemon daemon(size, Load{"random", "", true, {}},
