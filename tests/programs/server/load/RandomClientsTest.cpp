@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -47,7 +48,8 @@ size_t AllowConnections(size_t wanted) {
 // A client that has a group for itself and is told of its changes. It knows every byte that the daemon may send it.
 class OwnGroup {
  public:
-  explicit OwnGroup(unsigned short port) : _client(port) { _client.Send("subscribe\nOWN\n.\n"); }
+  // state: the number that its next value is above; nobody has set one above that before.
+  OwnGroup(unsigned short port, size_t state) : _client(port), _state(state) { _client.Send("subscribe\nOWN\n.\n"); }
 
   // Changes it twice and reads it, and a group that nobody changes. Returns what was wrong; empty when nothing was.
   std::string Use() {
@@ -64,13 +66,16 @@ class OwnGroup {
     return received == wanted ? "" : "wanted:\n" + wanted + "received:\n" + received;
   }
 
-  std::string State() const { return "[OWN]\nn=" + std::to_string(1'000'000 + _state) + "\n"; }
+  // Makes a use that is under way fail, from another thread.
+  void Interrupt() const { shutdown(_client.GetDescriptor(), SHUT_RDWR); }
+
+  std::string State() const { return "[OWN]\nn=" + std::to_string(_state) + "\n"; }
 
  private:
   static std::string Notice(const std::string& state) { return "async change\nOWN\n.\n" + state + ".\n"; }
 
   ProtocolClient _client;
-  size_t _state = 0;
+  size_t _state;
 };
 
 }  // namespace
@@ -85,9 +90,9 @@ TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
                       {"--max-connections", std::to_string(clients + 100), "--durability", "1s", "--all-backlogs",
                        std::to_string(kBound), "--all-requests", std::to_string(kBound)});
   const size_t memory = ResidentMemory(daemon.Get().GetId());
-  OwnGroup own(daemon.GetPort());
+  OwnGroup own(daemon.GetPort(), 1'000'000);
   PacedCalls uses(
-      kUsualPause, [&] { return own.Use(); }, [] {});
+      kUsualPause, [&] { return own.Use(); }, [&] { own.Interrupt(); });
   EchoFloor floor;
   RandomClients random(daemon.GetPort(), clients, seed);
 
@@ -105,8 +110,11 @@ TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
               random.CountRequests(), random.CountConnections(), figures.median, figures.p99, figures.longest);
   std::printf("the machine %.2f, %.2f, %.1f ms; watchdog %ld ms; %zu MiB more\n", machine.median, machine.p99,
               machine.longest, daemon.GetWatchdogTimes().GetLongestGap(), growth / kMegabyte);
+  random.Stop();
+  OwnGroup last(daemon.GetPort(), 2'000'000);
+  EXPECT_EQ(last.Use(), "") << "seed " << seed;
   EXPECT_EQ(daemon.Get().Stop(), 0) << "seed " << seed;
-  EXPECT_THAT(daemon.GetDirectory().Read("user.ini"), testing::HasSubstr(own.State()));
+  EXPECT_THAT(daemon.GetDirectory().Read("user.ini"), testing::HasSubstr(last.State()));
   if (!IsLongRun()) return;
   EXPECT_LT(figures.longest, 100 + machine.longest) << "seed " << seed;
   EXPECT_LT(growth, 2 * kBound + 256 * kMegabyte) << "seed " << seed;
