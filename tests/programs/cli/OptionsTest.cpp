@@ -176,11 +176,21 @@ TEST_F(GlobalOptions, EmptyStoreIsNoOtherStore) {
   EXPECT_EQ(Ask("A"), "");
 }
 
-TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsToldOf) {
+TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsNotSent) {
   const Outcome outcome = Run({"set", "A", "b", "-"}, std::string(17'000'000, 'x'));
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.errors,
+            "tavix-settings: Key \"b\" of group \"A\" can't be sent: its line of 17000002 bytes is longer than the "
+            "16777216 allowed\n");
+}
+
+TEST_F(GlobalOptions, RequestThatIsTooLongForTheServerIsToldOf) {
+  std::string text = "[A]\n";
+  for (int i = 0; i < 5; ++i) text += "k" + std::to_string(i) + "=" + std::string(16'000'000, 'x') + "\n";
+  const Outcome outcome = Run({"import", "-"}, text);
   EXPECT_EQ(outcome.status, 3);
   EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
-                                " was lost\nhint: a server takes lines of 1 MiB and requests of 64 MiB, unless its "
+                                " was lost\nhint: a server takes lines of 16 MiB and requests of 64 MiB, unless its "
                                 "--max-line and --max-request say otherwise\n");
 }
 
