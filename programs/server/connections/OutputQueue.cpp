@@ -15,7 +15,8 @@ namespace tavix::daemon {
 namespace {
 
 constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
-constexpr size_t kLarge = 64 * 1024;      // a message that is worth a look whether anybody reads the next one
+constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
+constexpr size_t kLarge = 64 * 1024;  // a message that is worth a look whether anybody reads the next one
 
 void ReleaseMemory(std::string& text) {
   text.clear();
@@ -217,7 +218,8 @@ size_t OutputQueue::SendOnce(KeptOutput::Pieces& pieces, size_t count) {
   message.msg_iov = pieces.data();
   message.msg_iovlen = count;
   while (true) {
-    const ssize_t sent = sendmsg(_descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t sent = count == 1 ? send(_descriptor, pieces[0].iov_base, pieces[0].iov_len, kFlags)
+                                    : sendmsg(_descriptor, &message, kFlags);
     if (sent > 0) return static_cast<size_t>(sent);
     if (sent < 0 && errno == EINTR) continue;
     if (sent == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) Break(End::kPeer);
