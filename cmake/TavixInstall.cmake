@@ -48,12 +48,14 @@ set(internal_headers
     tavix/settings/common/PreparedMatcher.h
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ClientHandlerDispatcher.h
+    tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
     tavix/settings/server/EarlyMatches.h
     tavix/settings/server/GroupWalk.h
     tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h
+    tavix/settings/server/StoreAccount.h
     tavix/settings/server/StoreText.h
     tavix/settings/server/TextInParts.h
     tavix/settings/server/UnrestrictedPart.h)

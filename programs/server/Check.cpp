@@ -58,6 +58,12 @@ void Print(const Problems& problems) {
   for (const std::string& problem : problems) std::fprintf(stderr, "tavix-settings-server: %s\n", problem.c_str());
 }
 
+// A start goes on with them, too, but nobody can add anything then.
+bool IsFullByDefaults(const SettingsSources& sources) {
+  const size_t max = sources.GetMaxStoreBytes();
+  return max > 0 && sources.GetLayerBytes() > max;
+}
+
 }  // namespace
 
 int RunCheck(const Options& options) {
@@ -71,10 +77,12 @@ int RunCheck(const Options& options) {
   WarnOfLogFile(options.log.file);
   CheckUserSettings(options.userSettings, files);
   CheckMetricsFile(options.metricsFile, files);
+  const std::string fullness = store.DescribeFullness();
+  if (!fullness.empty()) std::printf("warning: %s\n", fullness.c_str());
   Print(addresses);
   Print(files);
   if (!addresses.empty()) return kExitUnavailable;
-  if (!files.empty()) return kExitConfiguration;
+  if (!files.empty() || IsFullByDefaults(sources)) return kExitConfiguration;
   const size_t groups = store.CountGroups();
   std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
   return kExitDone;

@@ -114,6 +114,8 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   Counters counters;
   SettingsSources sources(options, counters);
   const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
+  const std::string fullness = store->DescribeFullness();
+  if (!fullness.empty()) core::Logger::GetLogger("Server")->Warning("%s", fullness.c_str());
   {
     Server server(*store, std::move(listeners), options, counters);
     const auto probe = [&] {

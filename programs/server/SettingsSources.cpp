@@ -107,7 +107,8 @@ std::string SettingsSources::Report::ToText() const {
 
 namespace {
 
-constexpr char kWrong[] = "error";  // in a report, of a file whose problem is told by itself
+constexpr size_t kMaxDeletedPatterns = 1024;  // each is tried on the defaults at each start
+constexpr char kWrong[] = "error";            // in a report, of a file whose problem is told by itself
 
 std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, const std::string& path,
                                                      Counters& counters) {
@@ -145,6 +146,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
       _isCheck(options.action == Options::Action::kCheck),
       _mostForTheEnd(options.stopSeconds),
       _maxNameBytes(options.limits.nameBytes),
+      _maxStoreBytes(options.limits.storeBytes),
       _counters(counters),
       _persister(MakePersister(options, _userSettings, counters)) {}
 
@@ -195,6 +197,7 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
     }
   }
   const LayerSize size = SizeOf(merged);
+  if (_isCheck) _layerBytes += settings::server::SettingsManager::CountApproximateBytes(merged);
   combiner.Merge(std::move(merged));
   return size;
 }
@@ -277,6 +280,15 @@ void SettingsSources::SaveChangedGroups(const IniFile& userSettings, const std::
   if (_persister) _persister->Save(userSettings, changedGroups);
 }
 
+void SettingsSources::SaveAddedSettings(const IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                        const IniFile& added) {
+  if (_persister) _persister->Save(userSettings, changedGroups, added);
+}
+
+void SettingsSources::NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) {
+  if (_persister) _persister->GetGate().NoteReliance(groups);
+}
+
 std::vector<SettingsSources::Report> SettingsSources::GetReports() const {
   std::lock_guard<std::mutex> lock(_mutex);
   return _reports;
@@ -300,6 +312,8 @@ void SettingsSources::Remember(Report report) {
 
 SettingsStore::SettingsStore(SettingsSources& sources)
     : _sources(sources), _manager(&sources, &sources, nullptr, false) {
+  _manager.SetMaxBytes(sources.GetMaxStoreBytes());
+  _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
   if (UserSettingsPersister* persister = _sources.GetPersister())
     persister->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
 }
@@ -310,6 +324,14 @@ SettingsStore::~SettingsStore() {
 
 size_t SettingsStore::CountGroups() const {
   return _manager.GetSizes().allGroups;
+}
+
+std::string SettingsStore::DescribeFullness() const {
+  const size_t bytes = _manager.GetApproximateBytes();
+  const size_t max = _sources.GetMaxStoreBytes();
+  if (max == 0 || bytes <= max) return "";
+  return "The settings take about " + std::to_string(bytes) + " bytes of memory, more than --max-store " +
+         std::to_string(max) + ": only changes that do not make them larger are carried out";
 }
 
 DurabilityGate* SettingsStore::GetGate() {

@@ -51,6 +51,9 @@ class SettingsSources : public settings::server::ISettingsPersister,
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
   void SaveUserSettings(const core::IniFile& userSettings) override;
   void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override;
+  void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                         const core::IniFile& added) override;
+  void NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) override;
   void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override;
 
   // Null when nothing is persisted.
@@ -61,6 +64,12 @@ class SettingsSources : public settings::server::ISettingsPersister,
 
   // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
+
+  // How much memory the settings may take, about.
+  size_t GetMaxStoreBytes() const { return _maxStoreBytes; }
+
+  // How much those of the files take that clients can't change. 0 but to check.
+  size_t GetLayerBytes() const { return _layerBytes; }
 
   // What could not be loaded, and why. None but to check.
   std::vector<std::string> GetProblems() const;
@@ -85,6 +94,8 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const bool _isCheck;              // else reports name no groups: with many, these cost as much as the settings
   const std::chrono::seconds _mostForTheEnd;
   const size_t _maxNameBytes;
+  const size_t _maxStoreBytes;
+  std::atomic<size_t> _layerBytes{0};
   Counters& _counters;
   const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
   std::atomic<bool> _areDefaultsLoaded{false};              // once; later loads are for restores
@@ -108,6 +119,9 @@ class SettingsStore {
   settings::server::SettingsManager& GetManager() { return _manager; }
 
   size_t CountGroups() const;
+
+  // Why only changes are made that do not make the store larger; empty: others are, too.
+  std::string DescribeFullness() const;
 
   // What keeps messages back until they may be seen; null when nothing is persisted.
   DurabilityGate* GetGate();

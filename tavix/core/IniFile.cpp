@@ -18,12 +18,25 @@ namespace {
 
 const std::string kNoValue;
 
+// A text that becomes much shorter gives its memory back.
+void SetText(std::string& target, const std::string& text) {
+  constexpr size_t kLittle = 64;
+  if (target.capacity() > 2 * text.size() + kLittle) {
+    target = std::string(text);
+  } else {
+    target = text;
+  }
+}
+
 void MergeKeys(IniFile::KeyMap& target, const IniFile::KeyMap& source) {
   if (target.empty()) {
     target = source;
     return;
   }
-  for (const auto& [key, value] : source) target.insert_or_assign(key, value);
+  for (const auto& [key, value] : source) {
+    const auto [place, isNew] = target.try_emplace(key, value);
+    if (!isNew) SetText(place->second, value);
+  }
 }
 
 // Moves every entry over; where a key exists on both sides the source's value wins.

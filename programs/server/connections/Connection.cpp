@@ -215,14 +215,21 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
   return true;
 }
 
-// Who made a change hears nothing more before it is durable: a reply proves what came before it.
+// After a request for a change, the output is held until what was asked for is durable, also if others had asked for it
+// before: a reply proves what came before it.
 bool Connection::HandleOne() {
   const LogPeer peer(_logPeer);
-  const DurabilityGate::Ticket before = DurabilityGate::GetLastOfThisThread();
+  DurabilityGate::TakeLastOfThisThread();  // of other connections
   const bool goesOn = _handler->HandleNext();
-  const DurabilityGate::Ticket after = DurabilityGate::GetLastOfThisThread();
-  if (after != before) _output->HoldFromNowOn(after);
+  const DurabilityGate::Ticket last = DurabilityGate::TakeLastOfThisThread();
+  if (last != 0) _output->HoldFromNowOn(last);
+  if (const settings::server::RefusedChange* refusal = _handler->GetRefusal()) ReportRefusal(*refusal);
   return goesOn;
+}
+
+void Connection::ReportRefusal(const settings::server::RefusedChange& refusal) {
+  _counters.Count(refusal.GetReason());
+  Log()->Warning("%s: change refused: %s", _peer.c_str(), refusal.what());
 }
 
 // After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.

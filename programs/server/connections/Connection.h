@@ -95,6 +95,7 @@ class Connection {
   bool HandleRequests(std::string_view received, size_t& handled);
   bool HandleWhole(std::string_view received, size_t& handled);
   bool HandleOne();
+  void ReportRefusal(const settings::server::RefusedChange& refusal);
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure) noexcept;

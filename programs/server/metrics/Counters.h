@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <ctime>
 
+#include "tavix/settings/server/RefusedChange.h"
+
 namespace tavix::daemon {
 
 // Why a connection was not taken.
@@ -55,6 +57,9 @@ struct Counters {
   std::array<Counter, static_cast<size_t>(Refusal::kCount)> refused;
   std::array<Counter, static_cast<size_t>(CutReason::kCount)> cut;
 
+  Counter refusedByFullStore;  // changes
+  Counter refusedByDeletedPatterns;
+
   Counter saved;  // changes of the user settings that reached the file
   Counter notSaved;
   Counter lastSave;       // when, in seconds since the epoch; 0: never
@@ -68,6 +73,11 @@ struct Counters {
 
   void Count(Refusal reason) { refused[static_cast<size_t>(reason)].Add(); }
   void Count(CutReason reason) { cut[static_cast<size_t>(reason)].Add(); }
+
+  void Count(settings::server::RefusedChange::Reason reason) {
+    const bool isFull = reason == settings::server::RefusedChange::Reason::kStoreFull;
+    (isFull ? refusedByFullStore : refusedByDeletedPatterns).Add();
+  }
 
   void CountSave(size_t fileBytes) {
     saved.Add();

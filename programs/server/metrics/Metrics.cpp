@@ -69,6 +69,14 @@ void AddLayers(MetricsText& text, const Counters& counters, const SettingsManage
   text.Add(static_cast<unsigned long long>(sizes.allKeys), {{"layer", "effective"}});
 }
 
+void AddStore(MetricsText& text, const Counters& counters, const SettingsManager& manager) {
+  text.BeginGauge("store_bytes", "Memory that the settings take, about.");
+  text.Add(static_cast<unsigned long long>(manager.GetApproximateBytes()));
+  text.BeginCounter("changes_refused_total", "Changes that were not made, for a bound of the store.");
+  text.Add(counters.refusedByFullStore.Get(), {{"reason", "store_full"}});
+  text.Add(counters.refusedByDeletedPatterns.Get(), {{"reason", "deleted_patterns"}});
+}
+
 // since: in seconds since the epoch; 0: never.
 unsigned long long AgeOf(unsigned long long since) {
   const auto now = static_cast<unsigned long long>(std::time(nullptr));
@@ -95,6 +103,7 @@ std::string ComposeMetrics(const Counters& counters, const SettingsManager& mana
   AddConnections(text, counters);
   AddCommands(text);
   AddLayers(text, counters, manager);
+  AddStore(text, counters, manager);
   AddSaves(text, counters);
   return text.GetText();
 }

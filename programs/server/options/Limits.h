@@ -23,6 +23,7 @@ struct Limits {
   size_t backlogSeconds = 10;                      // that it may go without
   size_t hardBacklogBytes = 256 * 1024 * 1024;     // unread by it, at most
   size_t heldBacklogBytes = 256 * 1024 * 1024;     // for it, but waiting for the disk
+  size_t storeBytes = 256 * 1024 * 1024;           // of the settings in memory, about; a change beyond it is not made
   size_t allBacklogBytes = 512 * 1024 * 1024;      // of all backlogs, held or not
 };
 

@@ -12,21 +12,31 @@ void ChangedGroups::Begin() {
 
 void ChangedGroups::End() {
   _notes = _missesSome = false;
-  _groups.clear();
+  _changes = {};
+  _added = 0;
 }
 
-void ChangedGroups::Note(const std::set<std::string>& groups) noexcept {
+void ChangedGroups::Note(const std::set<std::string>& groups, const core::IniFile& added) noexcept {
   if (!_notes) return;
   try {
-    _groups.insert(groups.begin(), groups.end());
+    _changes.groups.insert(groups.begin(), groups.end());
+    _changes.added.MergeSettings(added);
+    for (const auto& group : added) _added += group.second.size();
   } catch (const std::bad_alloc&) {
     _missesSome = true;
   }
 }
 
-std::set<std::string> ChangedGroups::Take() {
+ChangedGroups::Changes ChangedGroups::TakeChanges() {
   if (_missesSome) throw std::bad_alloc();
-  return std::exchange(_groups, {});
+  _added = 0;
+  return std::exchange(_changes, {});
+}
+
+std::set<std::string> ChangedGroups::Take() {
+  Changes changes = TakeChanges();
+  for (const auto& group : changes.added) changes.groups.insert(group.first);
+  return std::move(changes.groups);
 }
 
 }  // namespace tavix::daemon

@@ -37,6 +37,10 @@ DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups) 
   return ticket;
 }
 
+void DurabilityGate::NoteReliance(const settings::common::GroupNameMatcher& groups) {
+  lastOfThisThread = std::max(lastOfThisThread, FindLast(&groups));
+}
+
 void DurabilityGate::SetDurable(Ticket ticket) {
   Release(ticket);
 }

@@ -56,8 +56,14 @@ class DurabilityGate {
   // The last change that a message shows which holds the matching groups; null: which shows anything.
   Ticket FindLast(const settings::common::GroupNameMatcher* groups) const;
 
-  // The last change that this thread made through any gate.
+  // This thread relies on the changes of these groups, whoever made them, as on its own.
+  void NoteReliance(const settings::common::GroupNameMatcher& groups);
+
+  // The last change that this thread made through any gate, or relies on.
   static Ticket GetLastOfThisThread() { return lastOfThisThread; }
+
+  // The same since the last call.
+  static Ticket TakeLastOfThisThread() { return std::exchange(lastOfThisThread, 0); }
 
   // Has "output" told, once, when the change is durable. False, and nobody is told, when it is already.
   [[nodiscard]] bool Await(Ticket ticket, std::shared_ptr<IHeldOutput> output);

@@ -40,6 +40,8 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
   journal->_file = files.Open(isInPlace ? PathOf(snapshotPath) : NewPathOf(snapshotPath));
   journal->_isInPlace = isInPlace;
   journal->_end = reader.GetEnd();
+  journal->_hasBegun = true;
+  journal->_extends = reader.HasExtendingVersion();
   journal->_filled = fileSize;
   if (fileSize >= journal->_end + kSpare) journal->_spare = kSpare;
   journal->_checksum = reader.GetChecksum();
@@ -56,13 +58,16 @@ void Journal::Append(const Change& change) {
   if (_spare > 0 && end + _spare > _filled)
     throw NoRoom("Failed to make room for '" + PathOf(_snapshotPath) + "': No space left on device");
   _file->WriteAt(_end, bytes);
+  if (change.extends && !_extends && _hasBegun) _file->WriteAt(kJournalVersionAt, std::string(1, kExtendingVersion));
+  _extends = _extends || change.extends;
   _end = end;
   _filled = std::max(_filled, end);
   _checksum = checksum;
 }
 
 void Journal::Begin() {
-  _file->WriteAt(0, EncodeJournalHeader(_follows, _end));
+  _file->WriteAt(0, EncodeJournalHeader(_follows, _end, _extends));
+  _hasBegun = true;
 }
 
 // A part of a record may stand there, too, for which there was no room.

@@ -79,7 +79,9 @@ class Journal {
   std::atomic<bool> _isInPlace{false};
   bool _nameIsSynced = false;  // the syncing thread's
   uint64_t _end = kJournalHeaderSize;
-  uint64_t _filled = 0;  // so far the file has been written to
+  bool _hasBegun = false;
+  bool _extends = false;  // has a change that extends groups, and says so once it has begun
+  uint64_t _filled = 0;   // so far the file has been written to
   bool _fillsAhead = true;
   uint64_t _spare = 0;  // of that, what stays free of records: room for a snapshot of few settings
   uint32_t _checksum;

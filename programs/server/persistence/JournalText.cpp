@@ -16,9 +16,10 @@ namespace {
 constexpr char kHeader[] = "# tavix-settings journal 1, follows %016" PRIx64 " %08" PRIx32;
 constexpr char kWhole[] = ", whole from %016" PRIx64 ", ";
 constexpr std::string_view kMark = "# change ";
-constexpr std::string_view kNextMark = "\n# change ";  // no text holds that
+constexpr std::string_view kExtendingMark = "# extend ";
+constexpr std::string_view kBeginOfMarks = "# ";
 constexpr std::string_view kName = "# tavix-settings journal 1, ";
-constexpr char kRecord[] = "# change %08zx %08zx ";
+constexpr char kRecord[] = "%s%08zx %08zx ";
 constexpr char kEnd[] = "%08" PRIx32 "\n";
 constexpr size_t kRecordHeaderSize = 36;
 constexpr size_t kMostBytesOfAText = 0xFFFFFFFF;
@@ -37,8 +38,32 @@ std::string Format(const char* format, Values... values) {
   return {text, static_cast<size_t>(std::snprintf(text, sizeof text, format, values...))};
 }
 
+std::string BeginRecord(bool extends, size_t removed, size_t set) {
+  return Format(kRecord, (extends ? kExtendingMark : kMark).data(), removed, set);
+}
+
+bool IsMark(std::string_view bytes) {
+  const std::string_view begin = bytes.substr(0, kMark.size());
+  return begin == kMark || begin == kExtendingMark;
+}
+
+// Where the next mark of a record stands, from there on. No text holds one at the begin of a line.
+size_t FindMark(std::string_view bytes, size_t from) {
+  size_t at = bytes.find(kBeginOfMarks, from);
+  while (at != std::string_view::npos && !IsMark(bytes.substr(at))) at = bytes.find(kBeginOfMarks, at + 1);
+  return at;
+}
+
+// The same for one that begins a line, not the first: where its line feed stands.
+size_t FindNextMark(std::string_view bytes) {
+  size_t at = FindMark(bytes, 1);
+  while (at != std::string_view::npos && bytes[at - 1] != '\n') at = FindMark(bytes, at + 1);
+  return at == std::string_view::npos ? at : at - 1;
+}
+
 // A record as it says of itself.
 struct Record {
+  bool extends = false;
   size_t removed = 0;
   size_t set = 0;
   uint32_t checksum = 0;
@@ -46,17 +71,21 @@ struct Record {
 
   // Whether it is whole, and stands behind what gave that checksum.
   bool FollowsOn(uint32_t before) const {
-    return Checksum(texts, Checksum(Format(kRecord, removed, set), before)) == checksum;
+    return Checksum(texts, Checksum(BeginRecord(extends, removed, set), before)) == checksum;
   }
 };
 
 // Without its texts.
 std::optional<Record> ReadRecordHeader(std::string_view bytes) {
+  if (!IsMark(bytes)) return std::nullopt;
   const std::string header(bytes.substr(0, kRecordHeaderSize));
   Record record;
-  if (std::sscanf(header.c_str(), "# change %zx %zx %" SCNx32, &record.removed, &record.set, &record.checksum) != 3)
+  record.extends = header.compare(0, kMark.size(), kExtendingMark) == 0;
+  const char* const figures = header.c_str() + kMark.size();
+  if (std::sscanf(figures, "%zx %zx %" SCNx32, &record.removed, &record.set, &record.checksum) != 3)
     return std::nullopt;
-  if (header != Format(kRecord, record.removed, record.set) + Format(kEnd, record.checksum)) return std::nullopt;
+  if (header != BeginRecord(record.extends, record.removed, record.set) + Format(kEnd, record.checksum))
+    return std::nullopt;
   return record;
 }
 
@@ -71,36 +100,51 @@ std::optional<Record> ReadRecord(std::string_view bytes) {
   return record;
 }
 
+// What a change adds to groups that it does not replace. Empty, as a rule.
+core::IniFile FindExtensions(const std::set<std::string>& changedGroups, const core::IniFile& added) {
+  core::IniFile extensions;
+  for (auto group = added.begin(); group != added.end(); ++group) {
+    if (changedGroups.count(group->first) == 0) extensions.MergeGroup(group);
+  }
+  return extensions;
+}
+
 }  // namespace
 
-Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
+Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                      const core::IniFile& added) {
+  const core::IniFile extensions = FindExtensions(changedGroups, added);
+  const bool extends = !extensions.IsEmpty();
   core::StringOstream set;
   core::IniFile removed;
   for (const std::string& name : changedGroups) {
     const auto group = userSettings.GetGroups().find(name);
-    if (group == userSettings.GetGroups().end()) {
-      removed[name];
-    } else {
-      core::IniFile::SaveGroupToStream(set, group);
-    }
+    const bool isGone = group == userSettings.GetGroups().end();
+    if (isGone || extends) removed[name];
+    if (!isGone) core::IniFile::SaveGroupToStream(set, group);
   }
+  extensions.SaveToStream(set);
   core::StringOstream gone;
   removed.SaveToStream(gone);
-  return {gone.GetText(), set.GetText()};
+  return {gone.GetText(), set.GetText(), extends};
 }
 
-void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set) {
+void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set, bool extends) {
   const core::IniFile gone = ParseText(removed);
   core::IniFile changed = ParseText(set);
   for (const auto& group : gone) document.RemoveGroup(group.first);
-  for (const auto& group : changed) document.RemoveGroup(group.first);
+  if (!extends) {
+    for (const auto& group : changed) document.RemoveGroup(group.first);
+  }
   document.MergeSettings(std::move(changed));
 }
 
-std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom) {
+// The checksum is that of the first version.
+std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom, bool extends) {
   std::string header = Format(kHeader, follows.generation, follows.checksum) + Format(kWhole, wholeFrom);
   header += Format(kEnd, Checksum(header));
   header.insert(header.size() - 1, kJournalHeaderSize - header.size(), ' ');
+  if (extends) header[kJournalVersionAt] = kExtendingVersion;
   return header;
 }
 
@@ -111,7 +155,7 @@ uint32_t BeginJournalChecksum(const SnapshotId& follows) {
 std::string EncodeRecord(const Change& change, uint32_t& checksum) {
   if (std::max(change.removed.size(), change.set.size()) > kMostBytesOfAText)
     throw osa::Exception("A change of %zu bytes is more than a journal takes", change.set.size());
-  std::string record = Format(kRecord, change.removed.size(), change.set.size());
+  std::string record = BeginRecord(change.extends, change.removed.size(), change.set.size());
   checksum = Checksum(change.set, Checksum(change.removed, Checksum(record, checksum)));
   record += Format(kEnd, checksum);
   record.reserve(record.size() + change.removed.size() + change.set.size());
@@ -121,11 +165,17 @@ std::string EncodeRecord(const Change& change, uint32_t& checksum) {
 }
 
 bool IsBeginOfJournal(std::string_view bytes) {
-  return kName.substr(0, bytes.size()) == bytes.substr(0, kName.size());
+  std::string begin(bytes.substr(0, kName.size()));
+  if (begin.size() > kJournalVersionAt && begin[kJournalVersionAt] == kExtendingVersion)
+    begin[kJournalVersionAt] = kName[kJournalVersionAt];
+  return kName.substr(0, begin.size()) == begin;
 }
 
 JournalReader::JournalReader(std::string_view bytes) : _bytes(bytes) {
-  const std::string header(bytes.substr(0, kJournalHeaderSize));
+  std::string header(bytes.substr(0, kJournalHeaderSize));
+  if (!IsBeginOfJournal(header)) return;
+  _hasExtendingVersion = header.size() > kJournalVersionAt && header[kJournalVersionAt] == kExtendingVersion;
+  if (_hasExtendingVersion) header[kJournalVersionAt] = kName[kJournalVersionAt];
   if (std::sscanf(header.c_str(), "# tavix-settings journal 1, follows %" SCNx64 " %" SCNx32 ", whole from %" SCNx64,
                   &_follows.generation, &_follows.checksum, &_wholeFrom) != 3)
     return;
@@ -139,6 +189,7 @@ bool JournalReader::Next() {
   if (!record || !record->FollowsOn(_checksum)) return false;
   _removed = record->texts.substr(0, record->removed);
   _set = record->texts.substr(record->removed);
+  _extends = record->extends;
   _checksum = record->checksum;
   _end += kRecordHeaderSize + record->texts.size();
   return true;
@@ -155,7 +206,8 @@ uint64_t JournalReader::CountMore() const {
 
 // A record tells the checksum that the next one starts with, whatever became of its own texts.
 size_t JournalReader::FindLater() const {
-  for (size_t at = _bytes.find(kMark, _end); at != std::string_view::npos; at = _bytes.find(kMark, at + 1)) {
+  for (size_t at = FindMark(_bytes, static_cast<size_t>(_end)); at != std::string_view::npos;
+       at = FindMark(_bytes, at + 1)) {
     const std::optional<Record> before = ReadRecord(_bytes.substr(at));
     if (!before) continue;
     const size_t next = at + kRecordHeaderSize + before->texts.size();
@@ -169,7 +221,7 @@ bool JournalReader::IsRotten() const {
   if (!HasMore()) return false;
   const std::string_view rest = _bytes.substr(_end, CountMore());
   const auto wasWritten = [&](size_t size) { return rest.substr(0, size).find('\0') == std::string_view::npos; };
-  const size_t next = rest.find(kNextMark);
+  const size_t next = FindNextMark(rest);
   if (next != std::string_view::npos) return wasWritten(next);
   if (rest.size() < kRecordHeaderSize) return false;
   if (const std::optional<Record> record = ReadRecord(rest))

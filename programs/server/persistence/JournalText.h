@@ -12,24 +12,31 @@
 namespace tavix::daemon {
 
 // What one change made of the user layer: settings texts of the groups that are gone (headers only), and of those that
-// are new or different, whole.
+// are new or different, whole. A change that extends groups names in the first text those that are replaced, too; what
+// else stands in the second is added to what its groups hold.
 struct Change {
   std::string removed;
   std::string set;
+  bool extends = false;
 };
 
-// userSettings: after the change.
-Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups);
+// userSettings: after the change. added: what further groups have got, which are the same else.
+Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                      const core::IniFile& added = {});
 
 // Makes the change to a document. Throws osa::Exception for what is no settings text; the document is as it was then.
-void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set);
+void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set, bool extends = false);
 
 // The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each
 // record's checksum covers the one before it, so that records count in their order only, and only in this journal.
 constexpr size_t kJournalHeaderSize = 128;
 
-// wholeFrom: where the records end that belong together, and count all or not at all beside another journal.
-std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom);
+// wholeFrom: where the records end that belong together, and count all or not at all beside another journal. extends:
+// whether there are changes that extend groups. That makes a difference of one byte, which a journal can change later
+// without a moment in which half of it is written.
+std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom, bool extends = false);
+constexpr size_t kJournalVersionAt = 25;
+constexpr char kExtendingVersion = '2';
 
 // What the first record's checksum starts with.
 uint32_t BeginJournalChecksum(const SnapshotId& follows);
@@ -50,11 +57,13 @@ class JournalReader {
   bool IsJournal() const { return _isJournal; }
   const SnapshotId& GetFollowed() const { return _follows; }
   uint64_t GetWholeFrom() const { return _wholeFrom; }
+  bool HasExtendingVersion() const { return _hasExtendingVersion; }
 
   // The next record, its texts within the bytes. False at the end.
   bool Next();
   std::string_view GetRemoved() const { return _removed; }
   std::string_view GetSet() const { return _set; }
+  bool Extends() const { return _extends; }
 
   // Behind the last good record.
   uint64_t GetEnd() const { return _end; }
@@ -79,10 +88,12 @@ class JournalReader {
   bool _isJournal = false;
   SnapshotId _follows;
   uint64_t _wholeFrom = 0;
+  bool _hasExtendingVersion = false;
   uint64_t _end = 0;
   uint32_t _checksum = 0;
   std::string_view _removed;
   std::string_view _set;
+  bool _extends = false;
 };
 
 }  // namespace tavix::daemon

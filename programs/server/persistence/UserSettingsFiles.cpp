@@ -64,7 +64,7 @@ FoundJournal LookAt(FileSystem& files, const std::string& path, const Snapshot& 
 JournalReader Replay(const FoundJournal& journal, core::IniFile& settings) {
   JournalReader reader(journal.content.bytes);
   for (uint64_t begin = reader.GetEnd(); reader.Next(); begin = reader.GetEnd()) {
-    if (begin >= journal.changesFrom) ApplyChange(settings, reader.GetRemoved(), reader.GetSet());
+    if (begin >= journal.changesFrom) ApplyChange(settings, reader.GetRemoved(), reader.GetSet(), reader.Extends());
   }
   return reader;
 }

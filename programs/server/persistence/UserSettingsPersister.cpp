@@ -31,10 +31,15 @@ const char* ReasonOf(const std::exception& exception) {
                                                          : exception.what();
 }
 
+Change Describe(const core::IniFile& userSettings, const ChangedGroups::Changes& changes) {
+  return DescribeChange(userSettings, changes.groups, changes.added);
+}
+
 // Null without memory for it.
-std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
+std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                    const core::IniFile& added) {
   try {
-    return DescribeChange(userSettings, changedGroups);
+    return DescribeChange(userSettings, changedGroups, added);
   } catch (const std::bad_alloc&) {
     return std::nullopt;
   }
@@ -79,16 +84,17 @@ void UserSettingsPersister::Start(LayerReader readLayer) {
   _snapshot = std::make_unique<LoopThread>("Snapshot", [this] { SnapshotLoop(); });
 }
 
-void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
-  if (changedGroups.empty()) return;
-  const std::optional<Change> change = TryToDescribe(userSettings, changedGroups);
+void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                 const core::IniFile& added) {
+  if (changedGroups.empty() && added.IsEmpty()) return;
+  const std::optional<Change> change = TryToDescribe(userSettings, changedGroups, added);
   std::lock_guard<std::mutex> lock(_mutex);
   if (_synced == _last) {
     _firstUnsynced = Clock::now();
     TellSinceWhenUnsaved(std::time(nullptr));
   }
-  AddTicket(changedGroups);
-  _changed.Note(changedGroups);
+  AddTicket(changedGroups, added);
+  _changed.Note(changedGroups, added);
   if (!change) {
     Fail(ReasonOf(std::bad_alloc()));
   } else if (!_failed && _snapshotId.generation != 0 && (_journal || !_keepsChanges)) {
@@ -99,9 +105,11 @@ void UserSettingsPersister::Save(const core::IniFile& userSettings, const std::s
 }
 
 // The caller holds the lock, here and wherever nothing else is said.
-void UserSettingsPersister::AddTicket(const std::set<std::string>& changedGroups) {
+void UserSettingsPersister::AddTicket(const std::set<std::string>& changedGroups, const core::IniFile& added) {
   try {
-    _last = _gate.Add(&changedGroups);
+    std::set<std::string> groups = changedGroups;
+    for (const auto& group : added) groups.insert(group.first);
+    _last = _gate.Add(&groups);
   } catch (const std::bad_alloc&) {
     _last = _gate.Add(nullptr);
   }
@@ -330,9 +338,10 @@ void UserSettingsPersister::TakeOver(const SnapshotId& snapshot, size_t bytes, D
     std::shared_ptr<Journal> next = MakeNextJournal(snapshot);
     _readLayer([&](const core::IniFile& layer) {
       std::lock_guard<std::mutex> lock(_mutex);
-      const std::set<std::string> changed = _changed.Take();
-      if (!next && !changed.empty()) next = Journal::Create(_filesystem, _path, snapshot);
-      if (!changed.empty()) next->Append(DescribeChange(layer, changed));
+      const bool hasChanges = _changed.Count() > 0;
+      const ChangedGroups::Changes changes = _changed.TakeChanges();
+      if (!next && hasChanges) next = Journal::Create(_filesystem, _path, snapshot);
+      if (hasChanges) next->Append(Describe(layer, changes));
       if (next) next->Begin();
       _journal = next;
       Follow(snapshot, bytes, ticket);
@@ -375,7 +384,7 @@ std::shared_ptr<Journal> UserSettingsPersister::MakeNextJournal(const SnapshotId
     _readLayer([&](const core::IniFile& layer) {
       std::lock_guard<std::mutex> lock(_mutex);
       isWorthIt = _changed.Count() > kFewGroups;
-      if (isWorthIt) change = DescribeChange(layer, _changed.Take());
+      if (isWorthIt) change = Describe(layer, _changed.TakeChanges());
     });
     if (!isWorthIt) break;
     next->Append(change);

@@ -71,8 +71,10 @@ class UserSettingsPersister {
   // Begins to write; readLayer: is called until Finish.
   void Start(LayerReader readLayer);
 
-  // userSettings: the layer after a change of these groups. Returns before anything is durable; see the gate.
-  void Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups);
+  // userSettings: the layer after a change of these groups; added: what further groups got. Returns before anything is
+  // durable; see the gate.
+  void Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+            const core::IniFile& added = {});
 
   // Ends the threads and leaves one snapshot that holds everything. False when there are changes that are not on the
   // disk. onLate: is called on another thread when that takes longer than the limit; it may end the process.
@@ -106,7 +108,7 @@ class UserSettingsPersister {
   void Follow(const SnapshotId& snapshot, size_t bytes, DurabilityGate::Ticket ticket);
   void FailToFollow(const char* reason);
   void EndSnapshotting();
-  void AddTicket(const std::set<std::string>& changedGroups);
+  void AddTicket(const std::set<std::string>& changedGroups, const core::IniFile& added);
   void Append(const Change& change);
   void OpenJournal(const Change& change);
   void TellSinceWhenUnsaved(std::time_t since);

@@ -205,6 +205,7 @@ void ClientHandler::Run() {
 
 bool ClientHandler::HandleNext() {
   if (_line.capacity() > kKeptMemory) std::string().swap(_line);
+  _refusal.reset();
   std::string_view line;
   if (_quit || !TakeLine(line)) return false;
   _args.SetText(line);
@@ -250,10 +251,21 @@ void ClientHandler::Dump(std::istream& args) {
   SendMessage(nullptr);
 }
 
+// The request was read to its end: the connection is in step whether the store takes the change or not.
+template <class Change>
+void ClientHandler::CarryOut(Change change) {
+  try {
+    change();
+  } catch (const RefusedChange& refusal) {
+    _refusal = refusal;
+  }
+}
+
 void ClientHandler::Merge(std::istream& args) {
   const unsigned int flags = TakeWord(args) == protocol::kNoPersist ? SettingsManager::kNoPersist : 0;
   IniFile settings;
-  if (ReadPayload(settings)) _settingsManager->MergeSettings(settings, flags);
+  if (!ReadPayload(settings)) return;
+  CarryOut([&] { _settingsManager->MergeSettings(settings, flags); });
 }
 
 void ClientHandler::TestAndMerge(std::istream&) {
@@ -262,7 +274,8 @@ void ClientHandler::TestAndMerge(std::istream&) {
   if (!ReadPayload(condition)) return;
   _serializer.load()->SkipPayloadEnd(*_in);
   if (!ReadPayload(change)) return;
-  const bool merged = _settingsManager->TestAndMerge(condition, change);
+  bool merged = false;
+  CarryOut([&] { merged = _settingsManager->TestAndMerge(condition, change); });
 
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   if (!IsReachable()) return;
@@ -337,7 +350,7 @@ void ClientHandler::Overwrite(std::istream&) {
   const std::set<std::string> groups = ReadGroupSet(_in, {_mostListed, _mostPatterns, _maxNameBytes});
   IniFile settings;
   if (WasCutOff() || !ReadPayload(settings)) return;
-  _settingsManager->OverwriteSettings(groups, settings);
+  CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); });
 }
 
 void ClientHandler::ChangeSerialization(std::istream& args) {
@@ -350,7 +363,8 @@ void ClientHandler::ChangeSerialization(std::istream& args) {
 
 void ClientHandler::RestoreDefaults(std::istream&) {
   const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
-  if (!WasCutOff()) _settingsManager->RestoreToDefaults(matcher);
+  if (WasCutOff()) return;
+  CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); });
 }
 
 // Takes the output mutex before the dispatcher's, a notification does the reverse; the gate, taken first by both, keeps

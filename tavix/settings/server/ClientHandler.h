@@ -4,6 +4,7 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "tavix/osa/Mutex.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::core {
 class IniFile;
@@ -58,6 +60,10 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // has ended.
   [[nodiscard]] bool HandleNext();
 
+  // Why the store refused the change that the last HandleNext read; null: it did not. The client is told only where
+  // there is a reply that can tell.
+  const RefusedChange* GetRefusal() const { return _refusal ? &*_refusal : nullptr; }
+
   // Whether the client has quit: nothing more is read.
   bool HasQuit() const { return _quit; }
 
@@ -101,6 +107,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RestoreDefaults(std::istream& args);
   void Info(std::istream& args);
 
+  template <class Change>
+  void CarryOut(Change change);
   bool TakeLine(std::string_view& line);
   bool TakeSubscriptions(const std::set<std::string>& groups, std::string& reason);
   void RefuseSubscription(const std::string& reason);
@@ -116,6 +124,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
   core::Logger* const _logger;
   bool _quit = false;
+  std::optional<RefusedChange> _refusal;  // of the last request
   std::istream* const _in;
   osa::Mutex _outputMutex;  // guards what goes to _out, and _message
   std::ostream* const _out;

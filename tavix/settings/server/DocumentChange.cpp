@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "tavix/settings/server/StoreAccount.h"
+
 namespace tavix::settings::server {
 
 using core::IniFile;
@@ -125,7 +127,8 @@ void CompareGroups(const IniFile& before, const IniFile& after, std::set<std::st
   }
 }
 
-ValueCopies::ValueCopies(const IniFile& settings, bool isForUser) : areMade(IsLarge(settings)) {
+ValueCopies::ValueCopies(const IniFile& settings, bool isForUser)
+    : areMade(IsLarge(settings)), bytes(StoreAccount::Count(settings)) {
   if (!areMade) return;
   all.MergeSettings(settings);
   if (isForUser) user.MergeSettings(settings);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -36,6 +37,7 @@ struct ValueCopies {
   ValueCopies(const core::IniFile& settings, bool isForUser);
 
   const bool areMade;
+  const size_t bytes;  // that the settings take in a document, as the store's account counts them
   core::IniFile all;
   core::IniFile user;
 };

@@ -3,10 +3,11 @@
 #include <set>
 #include <string>
 
+#include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 
-namespace tavix::core {
-class IniFile;
+namespace tavix::settings::common {
+class GroupNameMatcher;
 }
 
 namespace tavix::settings::server {
@@ -19,8 +20,7 @@ class SettingsCombiner;
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
 // Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in
-// memory,
-//          announced to nobody.
+//          memory, announced to nobody.
 class TAVIX_EXPORT ISettingsPersister {
  public:
   virtual ~ISettingsPersister() = default;
@@ -38,6 +38,19 @@ class TAVIX_EXPORT ISettingsPersister {
     static_cast<void>(changedGroups);
     SaveUserSettings(userSettings);
   }
+
+  // The same for a change that also made groups larger: "added" holds the settings that they got. Nothing else of these
+  // groups is different, unless they are changed groups, too. Called instead, with an "added" that is not empty.
+  virtual void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                 const core::IniFile& added) {
+    std::set<std::string> groups = changedGroups;
+    for (const auto& group : added) groups.insert(group.first);
+    SaveChangedGroups(userSettings, groups);
+  }
+
+  // A request of this thread asked the user layer for what it held already: these groups, or some of them. Whoever made
+  // it relies on changes of others to be saved. Not under the store's lock as a rule.
+  virtual void NoteUnchangedGroups(const common::GroupNameMatcher& groups) { static_cast<void>(groups); }
 };
 
 }  // namespace tavix::settings::server

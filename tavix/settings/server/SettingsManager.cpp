@@ -10,6 +10,7 @@
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/server/ChangeRecorder.h"
+#include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/EarlyMatches.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
@@ -19,7 +20,9 @@
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/LoadPriorityIncludeFilter.h"
 #include "tavix/settings/server/NoticeText.h"
+#include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SettingsCombiner.h"
+#include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreText.h"
 #include "tavix/settings/server/TextInParts.h"
 #include "tavix/settings/server/UnrestrictedPart.h"
@@ -42,6 +45,12 @@ GroupNameMatcher MatcherFor(const std::string& nameOrPattern) {
   return matcher;
 }
 
+std::vector<IniFile::const_iterator> GroupsOf(const IniFile& document) {
+  std::vector<IniFile::const_iterator> groups;
+  for (auto group = document.begin(); group != document.end(); ++group) groups.push_back(group);
+  return groups;
+}
+
 void ThrowIfStopped(const SettingsManager::StopRequest& isStopped) {
   if (isStopped && isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
 }
@@ -55,6 +64,8 @@ SettingsManager::SettingsManager()
       _loadPriorityFilter(new LoadPriorityIncludeFilter),
       _changeRecorders(new ChangeRecorders),
       _settingsMutex("SettingsMutex"),
+      _record(new DeletedGroupsRecord),
+      _account(new StoreAccount),
       _notificationGate(kGateName) {}
 
 SettingsManager::SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
@@ -78,19 +89,26 @@ void SettingsManager::LoadSettings() {
   ClearAll();
   try {
     LoadAll();
+    CountAnew();
   } catch (...) {
     ClearAll();
+    CountAnew();
     throw;
   }
   _changeRecorders->Note(_allSettings);
 }
 
-// The caller holds the write lock, here and in the next two.
+// The caller holds the write lock, here and in the next three.
 void SettingsManager::ClearAll() {
   _changeRecorders->Note(_allSettings);
   _changeRecorders->Note(_userSettings);
   _allSettings.Clear();
   _userSettings.Clear();
+}
+
+void SettingsManager::CountAnew() {
+  _record->Read(_userSettings);
+  _account->Set(StoreAccount::Count(_allSettings) + StoreAccount::Count(_userSettings));
 }
 
 void SettingsManager::LoadAll() {
@@ -102,7 +120,7 @@ void SettingsManager::LoadAll() {
   GroupDiscriminator::FilterOutRestrictedGroups(_allSettings);
   _allSettings.MergeSettings(_userSettings);
   MergeRestrictedSettings();
-  HideBookkeeping();
+  _allSettings.RemoveGroup(kDeletedGroups);
 }
 
 void SettingsManager::LoadUserSettings() {
@@ -229,14 +247,32 @@ SettingsManager::Sizes SettingsManager::GetSizes() const {
   return sizes;
 }
 
+void SettingsManager::SetMaxBytes(size_t bytes) {
+  _account->SetBound(bytes);
+}
+
+void SettingsManager::SetMaxDeletedPatterns(size_t count) {
+  _maxDeletedPatterns = count;
+}
+
+size_t SettingsManager::GetApproximateBytes() const {
+  return _account->GetBytes();
+}
+
+size_t SettingsManager::CountApproximateBytes(const IniFile& document) {
+  return StoreAccount::Count(document);
+}
+
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
   RefuseInCallback();
   const UnrestrictedPart part(settings);
   const IniFile& filtered = part.Get();
   ValueCopies copies(filtered, !(flags & kNoPersist));
+  LateCount lateCount(*_account);
   WriteAutoLock lock(_settingsMutex);
-  PerformMerge(filtered, copies, flags);
+  const bool isSaved = PerformMerge(filtered, copies, lateCount, flags);
   lock.Release();
+  if (!isSaved) NoteUnchanged(filtered);
   Notify(filtered);
 }
 
@@ -250,11 +286,13 @@ bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings)
   const UnrestrictedPart part(settings);
   const IniFile& filtered = part.Get();
   ValueCopies copies(filtered, true);
+  LateCount lateCount(*_account);
   WriteAutoLock lock(_settingsMutex);
   if (recorder ? !HoldsStill(test, recorder->Take()) : !_allSettings.ContainsSettings(test)) return false;
   recorder.reset();  // the change that follows is our own
-  PerformMerge(filtered, copies, 0);
+  const bool isSaved = PerformMerge(filtered, copies, lateCount, 0);
   lock.Release();
+  if (!isSaved) NoteUnchanged(filtered);
   Notify(filtered);
   return true;
 }
@@ -288,40 +326,49 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   const IniFile& filtered = part.Get();
   RemovedGroups removed;
   ValueCopies copies(filtered, true);
+  const size_t bytes = StoreAccount::Count(filtered);
+  LateCount lateCount(*_account);
   EarlyMatches matches(matcher, _allSettings, _settingsMutex, *_changeRecorders);
   WriteAutoLock lock(_settingsMutex);
   std::set<std::string> changed = matches.Take();
   GroupDiscriminator::FilterOutRestrictedGroups(changed);
+  RequirePatterns(_record->CountNewPatterns(_userSettings, groups) +
+                  _record->CountNewPatterns(_userSettings, filtered));
+  RequireRoomToReplace(changed, filtered, bytes, _record->CountNewBytes(_userSettings, groups));
   BeginChange();
   _changeRecorders->Note(changed);
   _changeRecorders->Note(filtered);
   _changeRecorders->Note(std::set<std::string>{kDeletedGroups});
+  lateCount.Subtract(removed.all, removed.user);
   MoveGroups(_allSettings, changed, removed.all);
   MoveGroups(_userSettings, changed, removed.user);
-  MergeIntoAll(filtered, copies);
-  std::set<std::string> different = MergeIntoUser(filtered, copies);
+  MergeIntoAll(filtered, copies, lateCount);
+  std::set<std::string> different = MergeIntoUser(filtered, copies, lateCount);
   CompareGroups(removed.user, filtered, different);
-  if (RecordDeletedGroups(groups)) different.insert(kDeletedGroups);
+  const IniFile recorded = RecordDeletedGroups(groups);
   HideBookkeeping();
-  if (different.empty()) {
-    Save(different);
+  const bool isUnchanged = different.empty() && recorded.IsEmpty();
+  if (isUnchanged) {
+    Save({}, {});
   } else {
     changed.merge(different);  // default groups go by the record alone
-    Save(changed);
+    Save(changed, recorded);
   }
   lock.Release();
   changed.erase(kDeletedGroups);  // readers never saw it, unless it is in the request
   for (const auto& group : filtered) changed.insert(group.first);
+  if (isUnchanged && _persister) {
+    matcher.AddNamesAndPatterns(changed);
+    matcher.AddNameOrPattern(kDeletedGroups);
+    _persister->NoteUnchangedGroups(matcher);
+  }
   Notify(changed, filtered);
 }
 
-// Returns whether the record is another now.
-bool SettingsManager::RecordDeletedGroups(const std::set<std::string>& groups) {
-  const auto record = _userSettings.GetGroups().find(kDeletedGroups);
-  const bool wasThere = record != _userSettings.end();
-  const size_t before = wasThere ? record->second.size() : 0;
-  _userSettings.ValueListAppendUnique(kDeletedGroups, groups);
-  return !groups.empty() && (!wasThere || _userSettings[kDeletedGroups].size() != before);
+// Returns what the record got.
+IniFile SettingsManager::RecordDeletedGroups(const std::set<std::string>& groups) {
+  _account->Add(static_cast<std::ptrdiff_t>(_record->CountNewBytes(_userSettings, groups)));
+  return _record->Add(_userSettings, groups);
 }
 
 void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -350,20 +397,28 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   forUser.MergeSettings(restored);
 
   RemovedGroups removed;
+  const size_t bytes = StoreAccount::Count(restored);
+  LateCount lateCount(*_account);
   EarlyMatches matches(matcher, _userSettings, _settingsMutex, *_changeRecorders);
   WriteAutoLock lock(_settingsMutex);
   std::set<std::string> changed = matches.Take();
+  RequireRoomToReplace(changed, restored, bytes, 0);
   BeginChange();
   _changeRecorders->Note(changed);
   _changeRecorders->Note(restored);
+  lateCount.Subtract(removed.all, removed.user);
   MoveGroups(_userSettings, changed, removed.user);
   MoveGroups(_allSettings, changed, removed.all);
+  _account->Add(static_cast<std::ptrdiff_t>(2 * bytes));
+  lateCount.Subtract(forAll, forUser);
   MoveValues(_userSettings, forUser, nullptr);
   MoveValues(_allSettings, forAll, nullptr);
+  if (changed.count(kDeletedGroups) != 0 || restored.HasGroup(kDeletedGroups)) _record->Read(_userSettings);
   HideBookkeeping();
   CompareGroups(removed.user, restored, saved);
-  Save(saved);
+  Save(saved, {});
   lock.Release();
+  if (saved.empty()) _persister->NoteUnchangedGroups(matcher);
   for (const auto& group : restored) changed.insert(group.first);
   Notify(changed, restored);
 }
@@ -390,36 +445,83 @@ void SettingsManager::GetAllSubscribedGroups(std::set<std::string>& out) const {
 
 void SettingsManager::PerformMergeUnlocked(const IniFile& settings, unsigned int flags) {
   ValueCopies copies(settings, !(flags & kNoPersist));
-  PerformMerge(settings, copies, flags);
+  LateCount lateCount(*_account);
+  if (!PerformMerge(settings, copies, lateCount, flags)) NoteUnchanged(settings);
 }
 
-void SettingsManager::PerformMerge(const IniFile& settings, ValueCopies& copies, unsigned int flags) {
+// False when the user layer held it all before, though it was to be saved.
+bool SettingsManager::PerformMerge(const IniFile& settings, ValueCopies& copies, LateCount& lateCount,
+                                   unsigned int flags) {
+  const bool persists = (flags & kNoPersist) == 0;
+  if (persists) RequirePatterns(_record->CountNewPatterns(_userSettings, settings));
+  RequireRoomToMerge(settings, copies.bytes, persists);
   BeginChange();
   _changeRecorders->Note(settings);
-  MergeIntoAll(settings, copies);
+  MergeIntoAll(settings, copies, lateCount);
   if (settings.HasGroup(kDeletedGroups)) HideBookkeeping();
-  if (flags & kNoPersist) return;
-  Save(MergeIntoUser(settings, copies));
+  if (!persists) return true;
+  const std::set<std::string> changed = MergeIntoUser(settings, copies, lateCount);
+  Save(changed, {});
+  return !changed.empty();
 }
 
-void SettingsManager::MergeIntoAll(const IniFile& settings, ValueCopies& copies) {
+void SettingsManager::MergeIntoAll(const IniFile& settings, ValueCopies& copies, LateCount& lateCount) {
   if (copies.areMade) {
+    _account->Add(static_cast<std::ptrdiff_t>(copies.bytes));
+    lateCount.Subtract(copies.all);
     MoveValues(_allSettings, copies.all, nullptr);
   } else {
-    _allSettings.MergeSettings(settings);
+    _account->Merge(_allSettings, settings);
   }
 }
 
 // Returns the groups that hold something else than before, if anybody wants to know.
-std::set<std::string> SettingsManager::MergeIntoUser(const IniFile& settings, ValueCopies& copies) {
+std::set<std::string> SettingsManager::MergeIntoUser(const IniFile& settings, ValueCopies& copies,
+                                                     LateCount& lateCount) {
   std::set<std::string> changed;
+  _record->OnMerge(_userSettings, settings);
   if (copies.areMade) {
+    _account->Add(static_cast<std::ptrdiff_t>(copies.bytes));
+    lateCount.Subtract(copies.user);
     MoveValues(_userSettings, copies.user, _persister ? &changed : nullptr);
   } else {
     if (_persister) changed = FindGroupsToChange(_userSettings, settings);
-    _userSettings.MergeSettings(settings);
+    _account->Merge(_userSettings, settings);
   }
   return changed;
+}
+
+// bytes: of the settings, so that what has room anyway is not searched for. The caller holds the write lock, here and
+// in the next two.
+void SettingsManager::RequireRoomToMerge(const IniFile& settings, size_t bytes, bool persists) const {
+  if (_account->HasRoom(bytes * (persists ? 2 : 1))) return;
+  _account->RequireRoom(StoreAccount::CountGrowth(_allSettings, settings) +
+                        (persists ? StoreAccount::CountGrowth(_userSettings, settings) : 0));
+}
+
+// recordBytes: that the record of deleted groups gets besides.
+void SettingsManager::RequireRoomToReplace(const std::set<std::string>& removed, const IniFile& settings, size_t bytes,
+                                           size_t recordBytes) const {
+  if (_account->HasRoom(2 * bytes + recordBytes)) return;
+  _account->RequireRoom(StoreAccount::CountGrowth(_allSettings, _userSettings, removed, GroupsOf(settings)) +
+                        static_cast<std::ptrdiff_t>(recordBytes));
+}
+
+void SettingsManager::RequirePatterns(size_t newPatterns) const {
+  const size_t max = _maxDeletedPatterns;
+  if (max == 0 || newPatterns == 0 || _record->CountPatterns() + newPatterns <= max) return;
+  throw RefusedChange(RefusedChange::Reason::kDeletedPatterns,
+                      "the record of deleted groups holds " + std::to_string(_record->CountPatterns()) +
+                          " patterns of the " + std::to_string(max) + " allowed, and would get " +
+                          std::to_string(newPatterns) + " more");
+}
+
+// A power cut may still take back what this request finds done already.
+void SettingsManager::NoteUnchanged(const IniFile& settings) const {
+  if (!_persister) return;
+  GroupNameMatcher matcher;
+  for (const auto& group : settings) matcher.AddNameOrPattern(group.first);
+  _persister->NoteUnchangedGroups(matcher);
 }
 
 // The caller holds the write lock.
@@ -429,7 +531,7 @@ void SettingsManager::BeginChange() {
 }
 
 void SettingsManager::HideBookkeeping() {
-  _allSettings.RemoveGroup(kDeletedGroups);
+  _account->RemoveGroup(_allSettings, kDeletedGroups);
 }
 
 // Better refused before the change than found out when it is to be announced.
@@ -438,8 +540,14 @@ void SettingsManager::RefuseInCallback() const {
     throw osa::Exception("A change callback must not change the store that it is told about");
 }
 
-void SettingsManager::Save(const std::set<std::string>& changedGroups) {
-  if (_persister) _persister->SaveChangedGroups(_userSettings, changedGroups);
+// added: what the record alone has got.
+void SettingsManager::Save(const std::set<std::string>& changedGroups, const IniFile& added) {
+  if (!_persister) return;
+  if (added.IsEmpty()) {
+    _persister->SaveChangedGroups(_userSettings, changedGroups);
+  } else {
+    _persister->SaveAddedSettings(_userSettings, changedGroups, added);
+  }
 }
 
 void SettingsManager::Notify(const std::set<std::string>& changedGroups, const IniFile& settings) const {

@@ -18,11 +18,14 @@
 namespace tavix::settings::server {
 
 class ChangeRecorders;
+class DeletedGroupsRecord;
 class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
 class ISettingsSerializer;
+class LateCount;
 class SettingsCombiner;
+class StoreAccount;
 class TextInParts;
 struct ValueCopies;
 
@@ -39,8 +42,8 @@ struct ValueCopies;
 // Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
 //          notification gate comes first of all, then the dispatcher's mutex.
 // Owns:    nothing that is passed in; persister, loader and filter outlive the store.
-// Errors:  none of its own; those of persister, loader, filters and documents pass through. A save that fails keeps the
-//          change in memory and tells nobody.
+// Errors:  those of persister, loader, filters and documents pass through. A save that fails keeps the change in memory
+//          and tells nobody. Of its own only RefusedChange, by changes of a store that was given a bound.
 class TAVIX_EXPORT SettingsManager {
  public:
   // Merge flag: change only what readers see; the user settings, and so the saved copy, stay as they are.
@@ -123,6 +126,18 @@ class TAVIX_EXPORT SettingsManager {
   // after a read, it tells whether something may have changed meanwhile.
   unsigned long long GetVersion() const { return _version.load(std::memory_order_acquire); }
 
+  // Bounds; 0, as at first: none. Loading passes any. A change that would pass one is not carried out: it throws
+  // RefusedChange, and nothing is changed. What does not make the store larger is carried out beyond its bound, too.
+  // From any thread.
+  void SetMaxBytes(size_t bytes);            // of what GetApproximateBytes counts
+  void SetMaxDeletedPatterns(size_t count);  // in the record of deleted groups; names may be any number
+
+  // About how much memory both documents take. Takes no lock; lags behind a change for a moment.
+  size_t GetApproximateBytes() const;
+
+  // About how much a document takes. O(keys).
+  static size_t CountApproximateBytes(const core::IniFile& document);
+
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);
@@ -176,11 +191,17 @@ class TAVIX_EXPORT SettingsManager {
   void BeginChange();
   bool HoldsInParts(const core::IniFile& test) const;
   bool HoldsStill(const core::IniFile& test, const std::set<std::string>& changedGroups) const;
-  void PerformMerge(const core::IniFile& settings, ValueCopies& copies, unsigned int flags);
-  void MergeIntoAll(const core::IniFile& settings, ValueCopies& copies);
-  std::set<std::string> MergeIntoUser(const core::IniFile& settings, ValueCopies& copies);
-  bool RecordDeletedGroups(const std::set<std::string>& groups);
-  void Save(const std::set<std::string>& changedGroups);
+  bool PerformMerge(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount, unsigned int flags);
+  void MergeIntoAll(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount);
+  std::set<std::string> MergeIntoUser(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount);
+  core::IniFile RecordDeletedGroups(const std::set<std::string>& groups);
+  void CountAnew();
+  void RequireRoomToMerge(const core::IniFile& settings, size_t bytes, bool persists) const;
+  void RequireRoomToReplace(const std::set<std::string>& removed, const core::IniFile& settings, size_t bytes,
+                            size_t recordBytes) const;
+  void RequirePatterns(size_t newPatterns) const;
+  void NoteUnchanged(const core::IniFile& settings) const;
+  void Save(const std::set<std::string>& changedGroups, const core::IniFile& added);
   void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(const core::IniFile& settings) const;
 
@@ -191,8 +212,11 @@ class TAVIX_EXPORT SettingsManager {
   std::unique_ptr<ChangeRecorders> _changeRecorders;    // of who reads in parts; changes are noted before they are made
   std::atomic<bool> _isLockedToLoad{false};             // the constructor's lock waits for LoadSettings
   mutable osa::ReadWriteLock _settingsMutex;
-  core::IniFile _userSettings;  // guarded by _settingsMutex
-  core::IniFile _allSettings;   // guarded by _settingsMutex
+  core::IniFile _userSettings;                         // guarded by _settingsMutex
+  core::IniFile _allSettings;                          // guarded by _settingsMutex
+  const std::unique_ptr<DeletedGroupsRecord> _record;  // what is in _userSettings of it; guarded by _settingsMutex
+  const std::unique_ptr<StoreAccount> _account;        // of both documents
+  std::atomic<size_t> _maxDeletedPatterns{0};
   std::atomic<unsigned long long> _version{0};
   common::CallbackDispatcher _callbackDispatcher;
   mutable osa::Mutex _notificationGate;

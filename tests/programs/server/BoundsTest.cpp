@@ -42,6 +42,52 @@ TEST(Bounds, RequestThatStaysUnfinishedEndsItsConnection) {
   ExpectCut({"--request-timeout", "1"}, "merge\n[A]\nx=1\n", "connection cut: unfinished request");
 }
 
+TEST(Bounds, ChangeThatTheStoreHasNoRoomForIsNotMadeAndTheClientStays) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-store", "100000"});
+  ProtocolClient client(daemon.GetPort());
+  const std::string large = "[Large]\nk=" + std::string(100'000, 'v') + "\n.\n";
+  client.Send("merge\n" + large + "merge nopersist\n" + large + "overwrite\nA\n.\n" + large);
+  client.Send("test-and-merge\n.\n" + large);
+  EXPECT_EQ(client.ReadUntil("failure\n"), "result\nfailure\n");
+  client.Send("merge\n[A]\nx=1\n.\n");
+  EXPECT_EQ(client.Get("*\n"), "data\n[A]\nx=1\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(CountOf(": change refused: the store holds about 0 bytes of the 100000 allowed, and would grow by ",
+                    daemon.GetErrors()),
+            4u);
+}
+
+TEST(Bounds, OverwriteThatRecordsTooManyPatternsIsNotMadeAndTheClientStays) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  ProtocolClient client(daemon.GetPort());
+  for (int first = 0; first < 1024; first += 256) {
+    client.Send("overwrite\n");
+    for (int i = first; i < first + 256; ++i) client.Send("P" + std::to_string(i) + "/*\n");
+    client.Send(".\n.\n");
+  }
+  client.Send("overwrite\nOne more*\n.\n[A]\nx=1\n.\noverwrite\na name\nP7/*\n.\n[B]\nx=1\n.\n");
+  EXPECT_EQ(client.Get("*\n"), "data\n[B]\nx=1\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr(": change refused: the record of deleted groups holds 1024 "
+                                                     "patterns of the 1024 allowed, and would get 1 more"));
+}
+
+TEST(Bounds, SettingsThatTakeMoreThanTheStoreMayAreLoadedWithAWarning) {
+  const TemporaryDirectory directory;
+  directory.Write("defaults.ini", "[Large]\nk=" + std::string(10'000, 'v') + "\n");
+  Daemon daemon(directory, {"--defaults", directory.Path("defaults.ini"), "--max-store", "10000"});
+  ProtocolClient client(daemon.GetPort());
+  client.Send("merge\n[A]\nx=1\n.\n");
+  EXPECT_EQ(client.Get("*\n"), "data\n[Large]\nk=" + std::string(10'000, 'v') + "\n.\n");
+  client.Send("merge\n[Large]\nk=short\n.\n");
+  EXPECT_EQ(client.Get("*\n"), "data\n[Large]\nk=short\n.\n");
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(CountOf("The settings take about ", daemon.GetErrors()), 1u);
+  EXPECT_EQ(CountOf(": change refused: ", daemon.GetErrors()), 1u) << daemon.GetErrors();
+}
+
 // Nothing of it is subscribed to; what was before is, and the connection goes on in step.
 TEST(Bounds, SubscriptionBeyondABoundIsRefusedAlone) {
   const std::string name(100, 'x');

@@ -64,6 +64,20 @@ TEST_F(Check, SaysWhatWasLoadedFromWhereAndHowMuchReadersWillSee) {
             "ok: 3 groups\n");
 }
 
+TEST_F(Check, DefaultsThatTakeMoreThanTheStoreMayAreWrong) {
+  _directory.Write("d.ini", "[Large]\nk=" + std::string(10'000, 'v') + "\n");
+  EXPECT_EQ(RunToEnd({"--defaults", "d.ini", "--max-store", "10000"}), 78);
+  EXPECT_THAT(_output, HasSubstr("\nwarning: The settings take about "));
+  EXPECT_THAT(_output, HasSubstr(" bytes of memory, more than --max-store 10000: only changes that do not make them "
+                                 "larger are carried out\n"));
+}
+
+TEST_F(Check, UserSettingsThatTakeMoreThanTheStoreMayAreWorthAWarning) {
+  _directory.Write("u.ini", "[Large]\nk=" + std::string(10'000, 'v') + "\n");
+  EXPECT_EQ(RunToEnd({"--user-settings", "u.ini", "--max-store", "10000"}), 0);
+  EXPECT_THAT(_output, HasSubstr("\nwarning: The settings take about "));
+}
+
 TEST_F(Check, NoFilesAreNoSettings) {
   EXPECT_EQ(RunToEnd({}), 0);
   EXPECT_EQ(_output, "ok: 0 groups\n");

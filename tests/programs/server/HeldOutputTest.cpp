@@ -105,6 +105,35 @@ TEST_F(HeldOutput, ReplyOfTheWriterWaitsForItsChange) {
   ExpectHeldUntilTheDiskGoesOn(*_writer, "data\n" + Document("B", 0));
 }
 
+// It saves nothing, and what it asked for may still be taken back.
+TEST_F(HeldOutput, ReplyOfAWriterThatRepeatsTheChangeOfAnotherWaits) {
+  for (const std::string& request : {Merge("A", 1), "overwrite\nA\n.\n" + Document("A", 1)}) {
+    ProtocolClient other(_daemon->GetPort());
+    _faults.HoldSyncs();
+    _writer->Send(request);
+    _faults.AwaitHeldSync();
+    other.Send(request + Question("B\n"));
+    ExpectHeldUntilTheDiskGoesOn(other, "data\n" + Document("B", 0));
+  }
+}
+
+TEST_F(HeldOutput, ReplyOfAClientThatRepeatsTheRestoreOfAnotherWaits) {
+  ProtocolClient other(_daemon->GetPort());
+  _faults.HoldSyncs();
+  _writer->Send("restore\nA*\n.\n");
+  _faults.AwaitHeldSync();
+  other.Send("restore\nA\n.\n" + Question("B\n"));
+  ExpectHeldUntilTheDiskGoesOn(other, "data\n" + Document("B", 0));
+}
+
+TEST_F(HeldOutput, ReplyOfAWriterThatRepeatsWhatIsDurableDoesNotWait) {
+  ProtocolClient other(_daemon->GetPort());
+  ChangeAOnASlowDisk();
+  other.Send(Merge("B", 0));
+  EXPECT_EQ(other.Get("C\n"), "data\n" + Document("C", 0));
+  EXPECT_TRUE(_faults.IsSyncHeld());
+}
+
 TEST_F(HeldOutput, ReplyThatShowsTheChangeWaits) {
   ProtocolClient reader(_daemon->GetPort());
   ChangeAOnASlowDisk();

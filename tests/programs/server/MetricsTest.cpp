@@ -141,12 +141,26 @@ TEST_F(Metrics, AgreeWithWhatASessionDid) {
       {"saves_total{result=\"ok\"}", 3},
       {"saves_total{result=\"failed\"}", 0},
       {"unsaved_seconds", 0},
+      {"changes_refused_total{reason=\"store_full\"}", 0},
+      {"changes_refused_total{reason=\"deleted_patterns\"}", 0},
       {"user_file_bytes", static_cast<double>(_directory.Read("user.ini").size())},
   };
   for (const auto& [series, value] : expected) EXPECT_EQ(metrics.Get(series), value) << series;
+  EXPECT_GT(metrics.Get("store_bytes"), 0);
   EXPECT_GT(metrics.Get("command_seconds_total{command=\"merge\"}"), 0);
   EXPECT_EQ(metrics.Get("command_seconds_total{command=\"dump\"}"), 0);
   EXPECT_NEAR(metrics.Get("last_save_time_seconds"), static_cast<double>(std::time(nullptr)), 30);
+}
+
+TEST_F(Metrics, ChangesThatTheStoreRefusesAreCounted) {
+  Daemon daemon(_directory, Arguments({"--max-store", "1000"}));
+  ProtocolClient client(daemon.GetPort());
+  for (int i = 0; i < 2; ++i) client.Send("merge\n[A]\nx=" + std::string(1000, 'v') + "\n.\n");
+  client.AwaitHandled();
+  const PrometheusText metrics = ReadAnew(daemon);
+  EXPECT_EQ(metrics.Get("changes_refused_total{reason=\"store_full\"}"), 2);
+  EXPECT_EQ(metrics.Get("changes_refused_total{reason=\"deleted_patterns\"}"), 0);
+  EXPECT_EQ(metrics.Get("store_bytes"), 0);
 }
 
 TEST_F(Metrics, SaveThatFailsIsCounted) {

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "tests/programs/server/persistence/RefusedMemory.h"
+#include "tests/support/DocumentText.h"
 
 namespace tavix::test {
 
@@ -27,6 +28,20 @@ TEST(ChangedGroups, AreNotedFromTheBeginToTheEnd) {
   changed.End();
   changed.Note({"Behind"});
   EXPECT_THAT(changed.Take(), IsEmpty());
+}
+
+TEST(ChangedGroups, AreToldApartFromWhatWasAddedToOthers) {
+  ChangedGroups changed;
+  changed.Begin();
+  changed.Note({"A"}, DocumentOf("[List]\n1=one\n"));
+  changed.Note({}, DocumentOf("[List]\n2=two\n3=three\n"));
+  EXPECT_EQ(changed.Count(), 4u);
+  const ChangedGroups::Changes changes = changed.TakeChanges();
+  EXPECT_THAT(changes.groups, ElementsAre("A"));
+  EXPECT_EQ(TextOf(changes.added), "[List]\n1=one\n2=two\n3=three\n");
+  EXPECT_EQ(changed.Count(), 0u);
+  changed.Note({"A"}, DocumentOf("[List]\n4=four\n"));
+  EXPECT_THAT(changed.Take(), ElementsAre("A", "List"));
 }
 
 TEST(ChangedGroups, ThatWereNotedBeforeASecondBeginAreForgotten) {

@@ -133,6 +133,16 @@ TEST_F(DurabilityGateTest, ThreadKnowsItsOwnLastChange) {
   EXPECT_EQ(DurabilityGate::GetLastOfThisThread(), ticket);
 }
 
+TEST_F(DurabilityGateTest, ThreadReliesOnTheLastChangeOfTheGroupsThatItNotes) {
+  const DurabilityGate::Ticket first = _gate.Add(&kA);
+  _gate.Add(&kB);
+  DurabilityGate::TakeLastOfThisThread();
+  _gate.NoteReliance(Matching("A"));
+  EXPECT_EQ(DurabilityGate::TakeLastOfThisThread(), first);
+  _gate.NoteReliance(Matching("C"));
+  EXPECT_EQ(DurabilityGate::TakeLastOfThisThread(), 0u);
+}
+
 TEST(OpenDurabilityGate, HoldsNothing) {
   DurabilityGate gate(false);
   const DurabilityGate::Ticket ticket = gate.Add(&kA);

@@ -55,6 +55,47 @@ TEST(JournalText, ChangeReplacesWholeGroups) {
   EXPECT_EQ(TextOf(document), "[A]\nx=1\n[C]\nz=3\n");
 }
 
+TEST(JournalText, ChangeThatExtendsAGroupHoldsWhatTheGroupGotAndReplacesOthers) {
+  core::IniFile document = DocumentOf("[A]\nold=1\n[B]\ny=2\n[List]\n1=one\n");
+  const core::IniFile after = DocumentOf("[A]\nx=1\n[List]\n1=one\n2=two\n");
+  const Change change = daemon::DescribeChange(after, {"A", "B"}, DocumentOf("[List]\n2=two\n"));
+  EXPECT_TRUE(change.extends);
+  EXPECT_EQ(change.removed, "[A]\n[B]\n");
+  EXPECT_EQ(change.set, "[A]\nx=1\n[List]\n2=two\n");
+  daemon::ApplyChange(document, change.removed, change.set, change.extends);
+  EXPECT_EQ(TextOf(document), TextOf(after));
+}
+
+TEST(JournalText, GroupThatIsDifferentAltogetherIsNotExtended) {
+  const core::IniFile after = DocumentOf("[List]\n2=two\n");
+  const Change change = daemon::DescribeChange(after, {"List"}, DocumentOf("[List]\n2=two\n"));
+  EXPECT_FALSE(change.extends);
+  EXPECT_EQ(change.set, "[List]\n2=two\n");
+}
+
+TEST(JournalText, ChangesThatExtendAreToldFromOthers) {
+  std::string journal = MakeJournal({{"", "[A]\nx=1\n", true}, {"", "[A]\ny=1\n", false}});
+  journal[daemon::kJournalVersionAt] = daemon::kExtendingVersion;
+  JournalReader reader(journal);
+  ASSERT_TRUE(reader.IsJournal());
+  EXPECT_TRUE(reader.HasExtendingVersion());
+  EXPECT_TRUE(daemon::IsBeginOfJournal(journal));
+  ASSERT_TRUE(reader.Next());
+  EXPECT_TRUE(reader.Extends());
+  ASSERT_TRUE(reader.Next());
+  EXPECT_FALSE(reader.Extends());
+  EXPECT_FALSE(reader.HasMore());
+}
+
+TEST(JournalText, RecordThatExtendsIsFoundBehindADamagedOne) {
+  std::string journal = MakeJournal({{"", "[A]\nx=1\n"}, {"", "[A]\nx=2\n", true}, {"", "[A]\nx=3\n", true}});
+  journal[journal.find("x=1")] = 'y';
+  JournalReader reader(journal);
+  EXPECT_FALSE(reader.Next());
+  EXPECT_TRUE(reader.IsRotten());
+  EXPECT_EQ(reader.FindLater(), journal.find("# extend "));
+}
+
 TEST(JournalText, ChangeThatIsNoTextChangesNothing) {
   core::IniFile document = DocumentOf("[A]\nx=1\n");
   EXPECT_THROW(daemon::ApplyChange(document, "[A]\n", "what\n"), osa::Exception);

@@ -81,6 +81,13 @@ class PersistedStore : private settings::server::ISettingsPersister {
   void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override {
     _persister.Save(userSettings, changedGroups);
   }
+  void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                         const core::IniFile& added) override {
+    _persister.Save(userSettings, changedGroups, added);
+  }
+  void NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) override {
+    GetGate().NoteReliance(groups);
+  }
 
   const std::string _defaults;
   std::atomic<std::time_t> _unsavedSince{0};

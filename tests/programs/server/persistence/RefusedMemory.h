@@ -14,4 +14,7 @@ class RefusedMemory {
   RefusedMemory& operator=(const RefusedMemory&) = delete;
 };
 
+// How often this thread was given memory.
+size_t CountAllocations();
+
 }  // namespace tavix::test

@@ -18,12 +18,14 @@
 namespace {
 
 std::atomic<size_t> mostAtOnce{SIZE_MAX};
+thread_local size_t allocations = 0;
 
 }  // namespace
 
 void* operator new(size_t size) {
   void* const memory = size > mostAtOnce ? nullptr : std::malloc(size);
   if (!memory) throw std::bad_alloc();
+  ++allocations;
   return memory;
 }
 
@@ -43,6 +45,10 @@ RefusedMemory::RefusedMemory(size_t most) {
 
 RefusedMemory::~RefusedMemory() {
   mostAtOnce = SIZE_MAX;
+}
+
+size_t CountAllocations() {
+  return allocations;
 }
 
 namespace {

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+
+namespace tavix::settings::server {
+
+// Roughly how much memory the store's documents take: their texts beyond what a string holds in itself, and a fixed
+// cost for each group and each key, as the C library's allocator rounds them. Kept as the documents change, at the cost
+// of the change.
+//
+// Threads: whatever takes a document under the store's lock; the rest from any.
+class StoreAccount {
+ public:
+  using Groups = std::vector<core::IniFile::const_iterator>;
+
+  // What they take.
+  static size_t CountSetting(const std::string& key, const std::string& value);
+  static size_t CountGroup(const std::string& name, const core::IniFile::KeyMap& keys);
+  static size_t Count(const core::IniFile& document);
+
+  // By how much a merge makes the document larger; negative: smaller. Costs what "settings" are long.
+  static std::ptrdiff_t CountGrowth(const core::IniFile& document, const core::IniFile& settings);
+  static std::ptrdiff_t CountGrowth(const core::IniFile& document, core::IniFile::const_iterator group);
+
+  // By how much the two documents grow together when the groups "removed" go and then "set" are merged into both.
+  static std::ptrdiff_t CountGrowth(const core::IniFile& one, const core::IniFile& other,
+                                    const std::set<std::string>& removed, const Groups& set);
+
+  // Change a document of the store, and the account with it.
+  void Merge(core::IniFile& document, const core::IniFile& settings);
+  void RemoveGroup(core::IniFile& document, const std::string& name);
+
+  // The documents were changed otherwise by so much, or take so much altogether.
+  void Add(std::ptrdiff_t growth) { _bytes += static_cast<size_t>(growth); }
+  void Set(size_t bytes) { _bytes = bytes; }
+  size_t GetBytes() const { return _bytes; }
+
+  // 0: none.
+  void SetBound(size_t bytes) { _bound = bytes; }
+
+  // Whether so much more fits.
+  bool HasRoom(size_t growth) const;
+
+  // Throws RefusedChange when so much more is too much. Whatever does not grow fits.
+  void RequireRoom(std::ptrdiff_t growth) const;
+
+ private:
+  std::atomic<size_t> _bytes{0};
+  std::atomic<size_t> _bound{0};
+};
+
+// Takes documents out of an account once they were taken out of the store's: their memory moved, nothing was copied.
+// Large ones are counted after the store's lock is released.
+class LateCount {
+ public:
+  explicit LateCount(StoreAccount& account) : _account(account) {}
+  ~LateCount();
+
+  LateCount(const LateCount&) = delete;
+  LateCount& operator=(const LateCount&) = delete;
+
+  // As they are in the end; they outlive the object. Four documents at most.
+  void Subtract(const core::IniFile& document);
+  void Subtract(const core::IniFile& one, const core::IniFile& other);
+
+ private:
+  StoreAccount& _account;
+  std::array<const core::IniFile*, 4> _documents{};
+  size_t _count = 0;
+};
+
+}  // namespace tavix::settings::server
