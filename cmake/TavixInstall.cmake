@@ -45,7 +45,12 @@ install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targe
 set(internal_headers
     tavix/settings/PendingChanges.h
     tavix/settings/Subscription.h
+    tavix/settings/common/ChangeRound.h
+    tavix/settings/common/NumberedTable.h
+    tavix/settings/common/PatternIndex.h
     tavix/settings/common/PreparedMatcher.h
+    tavix/settings/common/SmallChange.h
+    tavix/settings/common/Subscriptions.h
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ClientHandlerDispatcher.h
     tavix/settings/server/DeletedGroupsRecord.h

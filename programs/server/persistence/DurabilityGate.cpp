@@ -9,8 +9,8 @@ namespace tavix::daemon {
 
 namespace {
 
-// Of groups that wait for the disk: to try more of them against patterns would take longer than to wait as well.
-constexpr size_t kMostTried = 1000;
+// Patterns on groups that wait for the disk: to try more of them would take longer than to wait as well.
+constexpr size_t kMaxTried = 1000;
 
 bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) {
   return std::any_of(patterns.begin(), patterns.end(),
@@ -87,7 +87,7 @@ DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNam
     if (group != _groups.end()) found = std::max(found, group->second);
   }
   if (groups->GetPatterns().empty()) return found;
-  if (_groups.size() > kMostTried) return last;
+  if (_groups.size() > kMaxTried / groups->GetPatterns().size()) return last;
   for (const auto& [name, ticket] : _groups) {
     if (ticket > found && MatchesAny(groups->GetPatterns(), name)) found = ticket;
   }

@@ -1,65 +1,155 @@
 #include "tavix/settings/common/CallbackDispatcher.h"
 
+#include <algorithm>
+
 #include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/osa/ReadWriteLock.h"
 #include "tavix/osa/Time.h"
+#include "tavix/settings/common/ChangeRound.h"
+#include "tavix/settings/common/SmallChange.h"
+#include "tavix/settings/common/Subscriptions.h"
 
 namespace tavix::settings::common {
 
+using core::IniFile;
 using osa::kWaitForever;
 using osa::MutexAutoLock;
+using osa::ReadAutoLock;
+using osa::WriteAutoLock;
+
+// Whoever has the dispatcher's mutex may read the subscriptions without "lock", since they change under both only.
+struct CallbackDispatcher::State {
+  osa::ReadWriteLock lock{"subscriptions"};
+  Subscriptions subscriptions;
+  std::vector<ChangeRound*> rounds;  // under way; guarded by "lock"
+  SmallChange smallChange;           // guarded by the dispatcher's mutex
+  std::atomic<unsigned long long> tried{0};
+};
+
+// A round that learns of all who come and go.
+class CallbackDispatcher::RoundUnderWay {
+ public:
+  RoundUnderWay(State& state, const std::set<std::string>& changedGroups) : _state(state), _round(changedGroups) {
+    WriteAutoLock lock(_state.lock);
+    _state.rounds.push_back(&_round);
+  }
+
+  ~RoundUnderWay() {
+    WriteAutoLock lock(_state.lock);
+    _state.rounds.erase(std::find(_state.rounds.begin(), _state.rounds.end(), &_round));
+  }
+
+  RoundUnderWay(const RoundUnderWay&) = delete;
+  RoundUnderWay& operator=(const RoundUnderWay&) = delete;
+
+  void MatchAll() {
+    const size_t triedBefore = _round.GetTried();
+    while (MatchPiece()) {
+    }
+    _state.tried.fetch_add(_round.GetTried() - triedBefore, std::memory_order_relaxed);
+  }
+
+  ChangeRound& Get() { return _round; }
+
+ private:
+  bool MatchPiece() {
+    ReadAutoLock lock(_state.lock);
+    return _round.MatchPiece(_state.subscriptions);
+  }
+
+  State& _state;
+  ChangeRound _round;
+};
+
+CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr), _state(std::make_unique<State>()) {}
+
+CallbackDispatcher::~CallbackDispatcher() = default;
 
 void CallbackDispatcher::AddCallback(IChangeCallback* cb, const std::set<std::string>& groups) {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
-  _callbacks[cb].AddNamesAndPatterns(groups);
+  Add(cb, {&groups});
 }
 
 void CallbackDispatcher::AddCallback(IChangeCallback* cb, const GroupNameMatcher& matcher) {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
-  _callbacks[cb].Merge(matcher);
+  Add(cb, {&matcher.GetNames(), &matcher.GetPatterns()});
 }
 
-void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
+void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups) {
   MutexAutoLock lock(&_mutex, kWaitForever, true);
-  TellSubscribers(changedGroups, settings);
+  WriteAutoLock change(_state->lock);
+  Subscriber& subscriber = _state->subscriptions.Get(cb);
+  for (const std::set<std::string>* texts : groups) {
+    const std::vector<PatternIndex::Id> added = _state->subscriptions.Add(subscriber, *texts);
+    for (ChangeRound* round : _state->rounds) round->OnAdded(subscriber, added);
+  }
 }
 
-void CallbackDispatcher::OnChange(const core::IniFile& settings) const {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
-  if (_callbacks.empty()) return;
+void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const IniFile& settings) const {
+  Notify(nullptr, changedGroups, settings);
+}
+
+void CallbackDispatcher::OnChange(const IniFile& settings) const {
+  Notify(nullptr, settings);
+}
+
+void CallbackDispatcher::OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups,
+                                  const IniFile& settings) const {
+  Notify(&gate, changedGroups, settings);
+}
+
+void CallbackDispatcher::OnChange(osa::Mutex& gate, const IniFile& settings) const {
+  Notify(&gate, settings);
+}
+
+void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const {
+  if (_state->subscriptions.IsEmpty()) return;
   std::set<std::string> changedGroups;
   for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
-  TellSubscribers(changedGroups, settings);
+  Notify(gate, changedGroups, settings);
 }
 
-// The caller holds the mutex.
-void CallbackDispatcher::TellSubscribers(const std::set<std::string>& changedGroups,
-                                         const core::IniFile& settings) const {
-  std::set<std::string> matched;
-  for (const auto& [callback, matcher] : _callbacks) {
-    matcher.GetMatchingGroups(changedGroups, matched);
-    if (matched.empty()) continue;
-    callback->OnChange(matched, settings);
-    matched.clear();
+void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups,
+                                const IniFile& settings) const {
+  if (_state->subscriptions.IsEmpty() || TellAtOnce(gate, changedGroups, settings)) return;
+  constexpr int kMaxAttempts = 3;
+  RoundUnderWay round(*_state, changedGroups);
+  for (int attempt = 1;; ++attempt) {
+    round.MatchAll();
+    MutexAutoLock gateLock(gate, kWaitForever, gate != nullptr);
+    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    if (attempt < kMaxAttempts && round.Get().IsOutdated()) {
+      round.Get().Restart();
+      continue;
+    }
+    round.Get().MatchAdded(_state->subscriptions);
+    return round.Get().Tell(_state->subscriptions, settings);
   }
+}
+
+// False, and nobody is told, when it would take long to find the subscribers.
+bool CallbackDispatcher::TellAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups,
+                                    const IniFile& settings) const {
+  if (!SmallChange::IsSmall(changedGroups)) return false;
+  MutexAutoLock gateLock(gate, kWaitForever, gate != nullptr);
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  SmallChange& change = _state->smallChange;
+  const bool isDone = change.Match(_state->subscriptions, changedGroups);
+  if (change.GetTried() > 0) _state->tried.fetch_add(change.GetTried(), std::memory_order_relaxed);
+  if (isDone) change.Tell(changedGroups, settings);
+  return isDone;
 }
 
 void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) const {
   MutexAutoLock lock(&_mutex, kWaitForever, true);
-  for (const auto& entry : _callbacks) {
-    const GroupNameMatcher& matcher = entry.second;
-    out.insert(matcher.GetNames().begin(), matcher.GetNames().end());
-    out.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
-  }
+  _state->subscriptions.GetIndex().ForEachText([&](const std::string& text) { out.insert(text); });
 }
 
 size_t CallbackDispatcher::CountSubscriptionBytes() const {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
-  size_t bytes = 0;
-  for (const auto& entry : _callbacks) {
-    for (const std::string& name : entry.second.GetNames()) bytes += name.size();
-    for (const std::string& pattern : entry.second.GetPatterns()) bytes += pattern.size();
-  }
-  return bytes;
+  return _state->subscriptions.CountBytes();
+}
+
+unsigned long long CallbackDispatcher::CountTriedPatterns() const {
+  return _state->tried.load(std::memory_order_relaxed);
 }
 
 bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const {
@@ -70,21 +160,17 @@ bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const std::set<std::string>
 
 bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const {
   const size_t max = _maxAlikePatterns.load(std::memory_order_relaxed);
-  if (max == 0) return false;
-  std::set<std::string> all;
-  GetAllSubscribedGroups(all);
-  all.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
-  std::map<std::string, size_t> alike;
-  for (const std::string& pattern : all) {
-    const size_t star = pattern.find('*');
-    if (star != std::string::npos && ++alike[pattern.substr(0, star)] > max) return true;
-  }
-  return false;
+  if (max == 0 || matcher.GetPatterns().empty()) return false;
+  ReadAutoLock lock(_state->lock);
+  return _state->subscriptions.GetIndex().CountAlikeWith(matcher.GetPatterns()) > max;
 }
 
 void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
   MutexAutoLock lock(&_mutex, kWaitForever, true);
-  _callbacks.erase(cb);
+  WriteAutoLock change(_state->lock);
+  _state->subscriptions.Remove(cb, [&](const Subscriber& subscriber) {
+    for (ChangeRound* round : _state->rounds) round->OnRemoved(subscriber);
+  });
 }
 
 }  // namespace tavix::settings::common

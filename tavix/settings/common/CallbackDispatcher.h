@@ -2,7 +2,8 @@
 
 #include <atomic>
 #include <cstddef>
-#include <map>
+#include <initializer_list>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -18,10 +19,17 @@ namespace tavix::settings::common {
 //
 // Threads: every operation may be called from any thread; they run one after the other, callbacks included. A callback
 //          that calls back into its dispatcher gets an exception.
+// Locks:   its mutex is held while callbacks run. Who has subscribed to the groups of a large change is found before,
+//          under a lock for the index of subscriptions alone, which is released every few microseconds.
+// Cost:    a change costs what it is long and whom it concerns, however many others have subscribed.
 // Owns:    no callback; each stays valid until it is removed.
 class TAVIX_EXPORT CallbackDispatcher {
  public:
-  CallbackDispatcher() : _mutex(nullptr) {}
+  CallbackDispatcher();
+  ~CallbackDispatcher();
+
+  CallbackDispatcher(const CallbackDispatcher&) = delete;
+  CallbackDispatcher& operator=(const CallbackDispatcher&) = delete;
 
   // A string with '*' is a pattern.
   void AddCallback(IChangeCallback* cb, const std::set<std::string>& groups);
@@ -34,17 +42,24 @@ class TAVIX_EXPORT CallbackDispatcher {
   // The same with every group of the document as a changed one.
   void OnChange(const core::IniFile& settings) const;
 
+  // The same two with "gate" held while callbacks run, taken before the dispatcher's own mutex.
+  void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  void OnChange(osa::Mutex& gate, const core::IniFile& settings) const;
+
   // Adds all names and patterns of all subscriptions to "out", which is not cleared.
   void GetAllSubscribedGroups(std::set<std::string>& out) const;
 
-  // The bytes of the names and patterns of all subscriptions together.
+  // The bytes of the names and patterns of all subscriptions together. Waits for nothing.
   size_t CountSubscriptionBytes() const;
+
+  // How many patterns have been compared with names of changed groups so far.
+  unsigned long long CountTriedPatterns() const;
 
   // How many different patterns may be so alike that each of them has to be tried on the same names. 0: any number.
   // Subscriptions are not refused because of it: callers ask before they subscribe.
   void SetMaxAlikePatterns(size_t max) { _maxAlikePatterns.store(max, std::memory_order_relaxed); }
 
-  // Whether more patterns than that would be alike with these as well.
+  // Whether more patterns than that would be alike with these as well. Waits for no callback.
   bool WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const;
   bool WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const;
 
@@ -52,11 +67,16 @@ class TAVIX_EXPORT CallbackDispatcher {
   void RemoveCallback(IChangeCallback* cb);
 
  private:
-  void TellSubscribers(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  struct TAVIX_LOCAL State;
+  class TAVIX_LOCAL RoundUnderWay;
 
-  mutable osa::Mutex _mutex;  // guards what follows; held while callbacks run
-  std::map<IChangeCallback*, GroupNameMatcher> _callbacks;
+  void Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups);
+  void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  void Notify(osa::Mutex* gate, const core::IniFile& settings) const;
+  bool TellAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
 
+  mutable osa::Mutex _mutex;  // held while callbacks run, and whenever subscriptions change
+  const std::unique_ptr<State> _state;
   std::atomic<size_t> _maxAlikePatterns{0};
 };
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "tavix/core/StringUtil.h"
+#include "tavix/settings/common/PatternIndex.h"
 
 namespace tavix::settings::common {
 
@@ -84,6 +85,75 @@ void FindPatterns(const SimilarPatterns& patterns, const Candidates& candidates,
   }
 }
 
+// From so many patterns on, on so many candidates, it pays to make an index of the patterns.
+constexpr size_t kManyPatterns = 16;
+constexpr size_t kManyCandidates = 64;
+
+std::vector<PatternAt> SortByLiteral(const std::set<std::string>& patterns) {
+  std::vector<PatternAt> sorted;
+  sorted.reserve(patterns.size());
+  for (auto at = patterns.begin(); at != patterns.end(); ++at) sorted.push_back(at);
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](PatternAt a, PatternAt b) { return LiteralOf(*a) < LiteralOf(*b); });
+  return sorted;
+}
+
+// Walks the range of the shortest literal, with which all others begin, once for all patterns.
+template <class At, class Candidates, class Found>
+void FindByIndex(At begin, At end, const Candidates& candidates, Found found) {
+  PatternIndex index;
+  for (At pattern = begin; pattern != end; ++pattern) index.Add(**pattern);
+  PatternIndex::Search search;
+  const std::string_view literal = LiteralOf(**begin);
+  for (auto at = candidates.lower_bound(std::string(literal)); at != candidates.end(); ++at) {
+    if (!StringUtil::StartsWith(NameAt(at), literal)) return;
+    if (index.HasMatching(NameAt(at), search)) found(at);
+  }
+}
+
+// "proceed" is called from time to time, when candidates may have been found several times.
+template <class Candidates, class Found, class Proceed>
+void FindEachPattern(const std::set<std::string>& patterns, const Candidates& candidates, Found found,
+                     Proceed proceed) {
+  for (auto at = patterns.begin(); at != patterns.end();) {
+    const SimilarPatterns similar = FindSimilar(at, patterns.end());
+    FindPatterns(similar, candidates, found);
+    proceed();
+    at = similar.end;
+  }
+}
+
+// As FindEachPattern; but where many patterns want the same range of candidates, that is walked once for all of them.
+template <class Candidates, class Found, class Proceed>
+void FindManyPatterns(const std::set<std::string>& patterns, const Candidates& candidates, Found found,
+                      Proceed proceed) {
+  const std::vector<PatternAt> sorted = SortByLiteral(patterns);
+  for (auto at = sorted.begin(); at != sorted.end();) {
+    const std::string_view shortest = LiteralOf(**at);
+    const auto isElsewhere = [&](PatternAt other) { return !StringUtil::StartsWith(LiteralOf(*other), shortest); };
+    const auto end = std::find_if(at, sorted.end(), isElsewhere);
+    if (static_cast<size_t>(end - at) >= kManyPatterns) {
+      FindByIndex(at, end, candidates, found);
+    } else {
+      for (auto pattern = at; pattern != end;) {
+        const SimilarPatterns similar = FindSimilar(*pattern, patterns.end());
+        FindPatterns(similar, candidates, found);
+        pattern += std::distance(similar.begin, similar.end);
+      }
+    }
+    proceed();
+    at = end;
+  }
+}
+
+template <class Candidates, class Found, class Proceed>
+void FindAllPatterns(const std::set<std::string>& patterns, const Candidates& candidates, Found found,
+                     Proceed proceed) {
+  if (patterns.size() < kManyPatterns || candidates.size() < kManyCandidates)
+    return FindEachPattern(patterns, candidates, found, proceed);
+  FindManyPatterns(patterns, candidates, found, proceed);
+}
+
 void SortAndUnite(std::vector<IniFile::const_iterator>& groups) {
   std::sort(groups.begin(), groups.end(), [](auto a, auto b) { return a->first < b->first; });
   groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
@@ -94,12 +164,7 @@ void AddMatches(const GroupNameMatcher& matcher, const Candidates& candidates, s
   auto hint = out.begin();
   const auto add = [&](auto at) { hint = out.insert(hint, NameAt(at)); };
   FindNames(matcher.GetNames(), candidates, add);
-  const std::set<std::string>& patterns = matcher.GetPatterns();
-  for (auto at = patterns.begin(); at != patterns.end();) {
-    const SimilarPatterns similar = FindSimilar(at, patterns.end());
-    FindPatterns(similar, candidates, add);
-    at = similar.end;
-  }
+  FindAllPatterns(matcher.GetPatterns(), candidates, add, [] {});
 }
 
 }  // namespace
@@ -139,28 +204,24 @@ void GroupNameMatcher::GetMatchingGroups(const IniFile& ini, std::vector<IniFile
   const auto add = [&](IniFile::const_iterator at) { out.push_back(at); };
   FindNames(_names, ini.GetGroups(), add);
   const bool ascending = _patterns.empty() || (_names.empty() && _patterns.size() == 1);
-  for (auto at = _patterns.begin(); at != _patterns.end();) {
-    const SimilarPatterns similar = FindSimilar(at, _patterns.end());
-    FindPatterns(similar, ini.GetGroups(), add);
-    if (out.size() > 2 * ini.GetGroups().size()) SortAndUnite(out);  // many patterns may find the same groups
-    at = similar.end;
-  }
+  const auto unite = [&] {
+    if (out.size() > 2 * ini.GetGroups().size()) SortAndUnite(out);
+  };
+  FindAllPatterns(_patterns, ini.GetGroups(), add, unite);
   if (!ascending) SortAndUnite(out);
 }
 
 void GroupNameMatcher::SerializeIni(std::ostream& os, const IniFile& ini) const {
+  PatternIndex patterns;
+  for (const std::string& pattern : _patterns) patterns.Add(pattern);
+  PatternIndex::Search search;
   auto name = _names.begin();
   for (auto group = ini.begin(); group != ini.end(); ++group) {
     int order = -1;
     // A name that is greater than this group is passed, too, and never compared again: kept that way on purpose.
     while (order < 0 && name != _names.end()) order = (name++)->compare(group->first);
-    if (order == 0 || MatchesAnyPattern(group->first)) IniFile::SaveGroupToStream(os, group);
+    if (order == 0 || patterns.HasMatching(group->first, search)) IniFile::SaveGroupToStream(os, group);
   }
-}
-
-bool GroupNameMatcher::MatchesAnyPattern(const std::string& group) const {
-  return std::any_of(_patterns.begin(), _patterns.end(),
-                     [&](const std::string& pattern) { return StringUtil::MatchesPattern(pattern, group); });
 }
 
 }  // namespace tavix::settings::common

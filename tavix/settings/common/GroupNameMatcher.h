@@ -13,7 +13,9 @@ namespace tavix::settings::common {
 // Says which groups somebody means: literal names, and patterns in which '*' stands for any run of bytes. A string is a
 // pattern if and only if it holds a '*'. A plain value.
 //
-// Cost: names are looked up; a pattern is tried on the groups that share its text before the first '*' only.
+// Cost: names are looked up; patterns are tried on the groups that share their text before the first '*' only, and
+// where
+//       many share it, through an index.
 class TAVIX_EXPORT GroupNameMatcher {
  public:
   void AddNameOrPattern(const std::string& s);
@@ -38,8 +40,6 @@ class TAVIX_EXPORT GroupNameMatcher {
   const std::set<std::string>& GetPatterns() const { return _patterns; }
 
  private:
-  bool MatchesAnyPattern(const std::string& group) const;
-
   std::set<std::string> _names;
   std::set<std::string> _patterns;
 };

@@ -8,6 +8,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/common/PatternIndex.h"
 
 namespace tavix::settings::common {
 
@@ -42,15 +43,21 @@ class TAVIX_DAEMON_EXPORT PreparedMatcher {
   const GroupNameMatcher& GetMatcher() const { return _matcher; }
 
  private:
-  // Either one name, or all names with that prefix.
+  enum class Kind {
+    kAllWithPrefix,   // every name that begins so matches
+    kSomeWithPrefix,  // patterns decide
+    kName,            // that name alone
+  };
+
   struct Range {
     std::string begin;
-    bool isPrefix;
+    Kind kind;
   };
 
   void AddRange(Range range);
 
   const GroupNameMatcher _matcher;
+  PatternIndex _index;         // of all names and patterns
   std::vector<Range> _ranges;  // ascending, none inside another: only what lies in one of them can match
 };
 

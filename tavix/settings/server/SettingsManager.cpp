@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tavix/osa/Exception.h"
-#include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/server/ChangeRecorder.h"
@@ -551,15 +550,13 @@ void SettingsManager::Save(const std::set<std::string>& changedGroups, const Ini
 }
 
 void SettingsManager::Notify(const std::set<std::string>& changedGroups, const IniFile& settings) const {
-  osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
   const NoticeText::Round round;
-  _callbackDispatcher.OnChange(changedGroups, settings);
+  _callbackDispatcher.OnChange(_notificationGate, changedGroups, settings);
 }
 
 void SettingsManager::Notify(const IniFile& settings) const {
-  osa::MutexAutoLock gate(&_notificationGate, kWaitForever, true);
   const NoticeText::Round round;
-  _callbackDispatcher.OnChange(settings);
+  _callbackDispatcher.OnChange(_notificationGate, settings);
 }
 
 }  // namespace tavix::settings::server

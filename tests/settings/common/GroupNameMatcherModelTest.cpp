@@ -129,6 +129,15 @@ TEST(GroupNameMatcherModel, ManyNamesAndPatternsTogetherAgreeWithThePlainMatcher
   }
 }
 
+// From some patterns on they are found by an index.
+TEST(GroupNameMatcherModel, ManyPatternsOnManyGroupsAgreeWithThePlainMatcher) {
+  RandomDocuments random(2107);
+  for (int round = 0; round < 300; ++round) {
+    const Names groups = RandomNames(random, 400);
+    ExpectMatches(RandomNames(random, 100), groups, DocumentWith(groups));
+  }
+}
+
 TEST(GroupNameMatcherModel, SerializingAgreesWithItsPlainWalk) {
   RandomDocuments random(2102);
   for (int round = 0; round < 3000; ++round) {

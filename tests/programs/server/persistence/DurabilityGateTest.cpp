@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
+#include <string>
 #include <thread>
 
 namespace tavix::test {
@@ -78,6 +80,19 @@ TEST_F(DurabilityGateTest, ChangeThatAnyGroupMayShowHoldsAllMessages) {
   EXPECT_TRUE(IsHeld("C"));
   _gate.SetDurable(ticket);
   EXPECT_FALSE(IsHeld("C"));
+}
+
+// To wait for all of them is right, too, and sooner done.
+TEST_F(DurabilityGateTest, ManyPatternsAreNotTriedOnManyGroups) {
+  for (int group = 0; group < 100; ++group) {
+    const std::set<std::string> changed = {"A" + std::to_string(group)};
+    _gate.Add(&changed);
+  }
+  GroupNameMatcher matcher;
+  for (int pattern = 0; pattern < 10; ++pattern) matcher.AddNameOrPattern("B" + std::to_string(pattern) + "*");
+  EXPECT_TRUE(_gate.IsDurable(_gate.FindLast(&matcher)));
+  matcher.AddNameOrPattern("C*");
+  EXPECT_EQ(_gate.FindLast(&matcher), _gate.FindLast(nullptr));
 }
 
 TEST_F(DurabilityGateTest, WaitingOutputIsToldOnceWhenItsChangeIsDurable) {
