@@ -28,6 +28,7 @@ using settings::common::GroupNameMatcher;
 constexpr int kManyGroups = 100000;
 constexpr char kInDocument[] = "places in a document";
 constexpr char kInSet[] = "names of a set";
+constexpr char kEveryPair[] = "every pattern on every name";
 
 std::set<std::string> Names(int count) {
   std::set<std::string> names;
@@ -154,6 +155,28 @@ void MeasureManyPatterns(Recorder& recorder, const std::string& item) {
   });
 }
 
+// What a client may subscribe to at most, on a change of many groups: texts that stand in names, all of them different.
+void MeasureMaxPatterns(Recorder& recorder, const std::string& item) {
+  constexpr int kPatterns = 4096;
+  std::set<std::string> patterns;
+  for (int i = 0; i < kPatterns; ++i) patterns.insert("*" + GroupName(4 * i).substr(4) + "*");
+  const std::set<std::string> names = Names(20000);
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(patterns);
+  MeasureCall(recorder, {item, kOurs, kInSet}, kMilliseconds, 1, [&] {
+    std::set<std::string> found;
+    matcher.GetMatchingGroups(names, found);
+    Expect(found.size(), kPatterns);
+  });
+  MeasureCall(recorder, {item, kFloor, kEveryPair}, kMilliseconds, 1, [&] {
+    size_t found = 0;
+    for (const std::string& name : names) {
+      for (const std::string& pattern : patterns) found += StringUtil::MatchesPattern(pattern, name);
+    }
+    Expect(found, kPatterns);
+  });
+}
+
 }  // namespace
 
 void AddMatchBenches(Suite& suite) {
@@ -169,6 +192,9 @@ void AddMatchBenches(Suite& suite) {
   const std::string many = "match-10k-by-100";
   suite.Add({many}, [=](Recorder& recorder) { MeasureManyPatterns(recorder, many); });
   suite.Compare({many, kOurs, kInSet}, {many, "fnmatch", "fnmatch on every pair"});
+  const std::string max = "match-20k-by-4096";
+  suite.Add({max}, [=](Recorder& recorder) { MeasureMaxPatterns(recorder, max); });
+  suite.Compare({max, kOurs, kInSet}, {max, kFloor, kEveryPair});
 }
 
 }  // namespace tavix::bench
