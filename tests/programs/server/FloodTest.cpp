@@ -67,7 +67,7 @@ TEST_F(Flood, OneLineOfAGigabyteIsCutAtTheBoundOfALine) {
   EXPECT_LT(SendUntilCut("", std::string(kMegabyte, 'x'), 1024 * kMegabyte), 64 * kMegabyte);
   EXPECT_LT(SendUntilCut("merge\n[A]\nv=", std::string(kMegabyte, 'x'), 1024 * kMegabyte), 64 * kMegabyte);
   EXPECT_EQ(CountOf("connection cut: line too long, bytes 1", _daemon->GetErrors()), 2u) << _daemon->GetErrors();
-  EXPECT_LT(MostMemory(), 16 * kMegabyte);
+  EXPECT_LT(MostMemory(), 4 * 16 * kMegabyte);  // a line, and the memory that it moves to as it grows
 }
 
 TEST_F(Flood, RequestOfAGigabyteIsCutAtTheBoundOfARequest) {
@@ -91,10 +91,12 @@ TEST_F(Flood, PhpArrayThatIsAsLongAsItSaysIsCutAtTheBoundOfARequest) {
   EXPECT_LT(MostMemory(), 48 * kMegabyte);  // one may still be on its way out when the next comes
 }
 
-// Each sends a byte from time to time of a request that never ends.
+// Each sends a byte from time to time of a request that never ends. The log does not name all of one peer.
 TEST_F(Flood, FiveHundredTricklingConnectionsAreCutAndOthersServed) {
   Start({"--request-timeout", IsLongRun() ? "20" : "2"});
   const Durations before = MeasureOthers();
+  _daemon->AwaitIdle();
+  const size_t descriptors = CountDescriptors(_daemon->GetId());
   std::list<ProtocolClient> clients;
   while (clients.size() < 500) {
     clients.emplace_back(_port);
@@ -107,7 +109,8 @@ TEST_F(Flood, FiveHundredTricklingConnectionsAreCutAndOthersServed) {
     for (int i = 0; i < 10; ++i) during.Measure([this] { ExpectBystanderIsServed(); });
     ++rounds;
     EXPECT_EQ(_bystander->ReadFor(IsLongRun() ? 1000 : 50), "");  // nobody sends it anything
-  } while (CountOf("connection cut: unfinished request, bytes ", _daemon->GetErrors()) < clients.size());
+  } while (CountDescriptors(_daemon->GetId()) > descriptors);
+  EXPECT_GE(CountOf("connection cut: unfinished request, bytes ", _daemon->GetErrors()), 10u);
   for (ProtocolClient& client : clients) EXPECT_EQ(client.ReadToEnd(), "");
   std::printf("%zu bytes each; a get of another: p50 %.3f and p99 %.3f ms, before %.3f and %.3f ms\n", rounds,
               during.Quantile(0.5), during.Quantile(0.99), before.Quantile(0.5), before.Quantile(0.99));

@@ -59,8 +59,15 @@ TEST_F(HostilePeers, SixteenMegabytesWithoutALineFeedAreOneLine) {
   ProtocolClient client(_port);
   client.Send(huge);
   ExpectOthersAreServed();
-  client.Send("\nget delimited\nA\n" + huge + "\n.\n");
+  client.Send("\nget delimited\nA\n.\nmerge\n[B]\nk=" + huge + "\n.\n");
   EXPECT_EQ(client.ReadUntil("\n.\n"), "data\n[A]\nx=1\n.\n");
+  EXPECT_EQ(client.Get("B\n"), "data\n[B]\nk=" + huge + "\n.\n");
+  ExpectOthersAreServed();
+}
+
+TEST_F(HostilePeers, SixteenMegabytesInAListAreNoNameAndEndTheirConnection) {
+  EXPECT_EQ(Converse(_port, "get delimited\nA\n" + std::string(16 * kMegabyte, 'x') + "\n.\nget\nA\n.\n"), "");
+  EXPECT_THAT(_daemon.GetErrors(), testing::HasSubstr(" of 16777216 bytes is longer than the 4096 allowed\n"));
   ExpectOthersAreServed();
 }
 
@@ -80,9 +87,11 @@ TEST_F(HostilePeers, FalseSizesInAPhpArrayReserveNothing) {
 }
 
 TEST_F(HostilePeers, LongPatternAndLongNameThatAlmostMatchKeepNobodyWaiting) {
-  EXPECT_EQ(Converse(_port, "merge\n[" + std::string(kMegabyte - 2, 'a') + "]\nk=v\n.\n"), "");
-  EXPECT_EQ(Converse(_port, "get\n*" + std::string(kMegabyte / 2, 'a') + "b*\n.\n"), "");
-  ExpectOthersAreServed();
+  const Daemon daemon(_directory, {"--max-name", std::to_string(kMegabyte)});
+  const std::string group = "[" + std::string(kMegabyte - 2, 'a') + "]\nk=v\n";
+  EXPECT_EQ(Converse(daemon.GetPort(), "merge\n" + group + ".\nget\na*\n.\n"), group);
+  EXPECT_EQ(Converse(daemon.GetPort(), "get\n*" + std::string(kMegabyte / 2, 'a') + "b*\n.\n"), "");
+  EXPECT_EQ(Converse(daemon.GetPort(), "get\na*\n.\n"), group);
 }
 
 TEST_F(HostilePeers, HalfClosedPeerGetsTheWholeOfALargeReply) {

@@ -25,6 +25,15 @@ std::string ReadDocument(const std::string& name) {
   return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
+std::string ReadSources(const std::string& directory) {
+  std::string sources;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(TAVIX_SOURCE_DIR "/" + directory)) {
+    std::ifstream file(entry.path());
+    if (entry.path().extension() == ".cpp") sources.append(std::istreambuf_iterator<char>(file), {});
+  }
+  return sources;
+}
+
 }  // namespace
 
 TEST(OperationsDocument, DescribesEveryMetric) {
@@ -75,14 +84,10 @@ TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
     EXPECT_THAT(page, HasSubstr("*" + std::string(request) + "*"));
 }
 
-// Each text of the table is one that the daemon has: of what varies there stand dots or capitals.
+// Each text of the table is one that the daemon or its library has: of what varies there stand dots or capitals.
 TEST(OperationsDocument, EveryMessageOfTheTroubleshootingIsOneOfTheDaemon) {
   const std::string document = ReadDocument("operations.md");
-  std::string sources;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(TAVIX_SOURCE_DIR "/programs/server")) {
-    std::ifstream file(entry.path());
-    if (entry.path().extension() == ".cpp") sources.append(std::istreambuf_iterator<char>(file), {});
-  }
+  const std::string sources = ReadSources("programs/server") + ReadSources("tavix/settings/server");
   const size_t begin = document.find("| message |");
   const std::string table = document.substr(begin, document.find("\n\n", begin) - begin);
   const std::regex cell("\n\\| `([^|]*)` \\|");
