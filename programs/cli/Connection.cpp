@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "programs/cli/Failure.h"
 #include "programs/cli/Spelling.h"
@@ -35,8 +36,10 @@ constexpr long long kLongestWait = 1000 * 1000 * 1000;  // milliseconds, what po
 constexpr size_t kMostAtOnce = 64 * size_t{1024};
 constexpr size_t kMostInALine = settings::client::protocol::kMaxLineBytes;
 constexpr size_t kMostInARequest = 4 * kMostInALine;
+constexpr size_t kMostInAName = 4 * size_t{1024};
 constexpr char kLimits[] =
-    "a server takes lines of 16 MiB and requests of 64 MiB, unless its --max-line and --max-request say otherwise";
+    "a server takes names of 4 KiB, lines of 16 MiB and requests of 64 MiB, unless its --max-name, --max-line and "
+    "--max-request say otherwise";
 
 bool IsUnix(const std::string& server) {
   return server.rfind(kUnix, 0) == 0;
@@ -51,15 +54,23 @@ osa::ServiceEndpoint FindEndpoint(const std::string& server) {
   }
 }
 
+// Of a line of a list or of settings text, as it is spelled.
+size_t CountName(std::string_view line) {
+  const bool isGroup = !line.empty() && line.front() == '[';
+  return isGroup ? line.size() - std::min<size_t>(2, line.size()) : std::min(line.find('='), line.size());
+}
+
 // Whether that is more than a server takes whose limits nobody has changed.
-bool IsMuch(const std::string& request) {
-  size_t longest = 0;
+bool IsMuch(std::string_view request) {
+  size_t longestLine = 0;
+  size_t longestName = 0;
   for (size_t at = 0; at < request.size();) {
-    const size_t end = std::min(request.find('\n', at), request.size());
-    longest = std::max(longest, end - at);
-    at = end + 1;
+    const std::string_view line = request.substr(at, request.find('\n', at) - at);
+    longestLine = std::max(longestLine, line.size());
+    longestName = std::max(longestName, CountName(line));
+    at += line.size() + 1;
   }
-  return longest > kMostInALine || request.size() > kMostInARequest;
+  return longestName > kMostInAName || longestLine > kMostInALine || request.size() > kMostInARequest;
 }
 
 // A peer that is gone without a farewell is found within a minute.

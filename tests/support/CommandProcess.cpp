@@ -13,6 +13,7 @@
 #include <csignal>
 #include <ctime>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 #include "tests/support/Patience.h"
@@ -72,7 +73,7 @@ class Image {
 };
 
 // A program that no longer reads is no failure of the test. What is pending for this thread alone is taken back.
-ssize_t WriteWithoutSignal(int descriptor, const std::string& text) {
+ssize_t WriteWithoutSignal(int descriptor, std::string_view text) {
   sigset_t pipe, before;
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
@@ -178,9 +179,10 @@ void CommandProcess::Await(const std::string& what, const std::function<bool()>&
 }
 
 void CommandProcess::Step() {
-  if (_input.empty() && _endsInput) _inputStream.Close();
+  const bool hasInput = _sent < _input.size();
+  if (!hasInput && _endsInput) _inputStream.Close();
   pollfd streams[] = {
-      {_output.Get(), POLLIN, 0}, {_errors.Get(), POLLIN, 0}, {_input.empty() ? -1 : _inputStream.Get(), POLLOUT, 0}};
+      {_output.Get(), POLLIN, 0}, {_errors.Get(), POLLIN, 0}, {hasInput ? _inputStream.Get() : -1, POLLOUT, 0}};
   if (poll(streams, 3, 1000) <= 0) return;
   if (streams[0].revents) Receive(_output, _outputText);
   if (streams[1].revents) Receive(_errors, _errorText);
@@ -188,11 +190,11 @@ void CommandProcess::Step() {
 }
 
 void CommandProcess::SendInput() {
-  const ssize_t count = WriteWithoutSignal(_inputStream.Get(), _input);
+  const ssize_t count = WriteWithoutSignal(_inputStream.Get(), std::string_view(_input).substr(_sent));
   if (count > 0) {
-    _input.erase(0, static_cast<size_t>(count));
+    _sent += static_cast<size_t>(count);
   } else if (errno != EINTR && errno != EAGAIN) {
-    _input.clear();
+    _sent = _input.size();
   }
 }
 

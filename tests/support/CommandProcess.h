@@ -68,7 +68,8 @@ class CommandProcess {
   std::optional<int> _status;
   bool _isTerminal = false;
   bool _endsInput = false;
-  std::string _input;  // and not yet sent
+  std::string _input;
+  size_t _sent = 0;  // of the input
   std::string _outputText;
   std::string _errorText;
   Descriptor _inputStream;

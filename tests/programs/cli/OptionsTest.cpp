@@ -187,11 +187,14 @@ TEST_F(GlobalOptions, LineThatIsTooLongForTheServerIsNotSent) {
 TEST_F(GlobalOptions, RequestThatIsTooLongForTheServerIsToldOf) {
   std::string text = "[A]\n";
   for (int i = 0; i < 5; ++i) text += "k" + std::to_string(i) + "=" + std::string(16'000'000, 'x') + "\n";
-  const Outcome outcome = Run({"import", "-"}, text);
-  EXPECT_EQ(outcome.status, 3);
-  EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
-                                " was lost\nhint: a server takes lines of 16 MiB and requests of 64 MiB, unless its "
-                                "--max-line and --max-request say otherwise\n");
+  const std::string name(5000, 'x');
+  for (const std::string& tooMuch : {text, "[" + name + "]\nk=v\n", "[A]\n" + name + "=v\n"}) {
+    const Outcome outcome = Run({"import", "-"}, tooMuch);
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.errors, "tavix-settings: the connection to " + _address +
+                                  " was lost\nhint: a server takes names of 4 KiB, lines of 16 MiB and requests of "
+                                  "64 MiB, unless its --max-name, --max-line and --max-request say otherwise\n");
+  }
 }
 
 TEST_F(GlobalOptions, WriteThatTheServerDidNotCarryOutIsExitStatus7) {

@@ -124,7 +124,7 @@ TEST_F(OnATerminal, WatchTellsWhatItWatches) {
 TEST_F(OnATerminal, ErrorStandsOnALineOfItsOwnBehindProgress) {
   std::string text = "[Big]\n";
   for (int i = 0; i < 1000; ++i) text += "k" + std::to_string(i) + "=" + std::string(1000, 'v') + "\n";
-  _directory.Write("big.ini", text + "last=" + std::string(8000000, 'v') + "\n");
+  _directory.Write("big.ini", text + "last=" + std::string(8000000, 'v') + "\n" + std::string(5000, 'n') + "=\n");
   const std::string output = RunThere({"import", "big.ini"});
   EXPECT_THAT(output, HasSubstr("\r\x1b[Kimport: "));
   EXPECT_THAT(output, HasSubstr("\r\x1b[Ktavix-settings: the connection to "));
