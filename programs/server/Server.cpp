@@ -34,6 +34,7 @@ constexpr int kAcceptsInARow = 64;
 constexpr size_t kFirstListener = 3;  // of what is watched
 constexpr std::chrono::milliseconds kMaxWaitForPlace{1000};
 const std::string kAnybody = "all peers";  // for the log, before it is known who connects
+constexpr int kTurnMilliseconds = 5;
 
 // Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
 // the process then has descriptors for.
@@ -100,6 +101,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
   _env.subscriptionBudget = &_subscriptionBudget;
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_places;
+  shared.lane = &_lane;
   while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));
 }
 
@@ -139,6 +141,7 @@ void Server::Probe() {
 }
 
 void Server::EndLoops() {
+  _lane.Stop();
   std::lock_guard<std::mutex> lock(_probeMutex);
   _loops.clear();
 }

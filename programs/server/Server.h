@@ -91,7 +91,8 @@ class Server {
   bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
   Entry _entry = Entry::kOpen;
   Clock::time_point _waitsSince{};  // for a place
-  std::mutex _probeMutex;           // held while loops are probed, and while they end
+  SlowLane _lane;
+  std::mutex _probeMutex;  // held while loops are probed, and while they end
   std::vector<std::unique_ptr<EventLoop>> _loops;
 };
 

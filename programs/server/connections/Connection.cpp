@@ -18,6 +18,8 @@
 
 namespace tavix::daemon {
 
+using settings::server::ClientHandler;
+
 namespace {
 
 core::Logger* Log() {
@@ -26,6 +28,7 @@ core::Logger* Log() {
 }
 
 constexpr int kRequestsInATurn = 64;
+constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
 constexpr size_t kMaxDropped = 4 * 1024 * 1024;
 
 // As the log says it, before a figure.
@@ -112,6 +115,7 @@ Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shar
       _turnMilliseconds(shared.turnMilliseconds),
       _limits(shared.limits),
       _counters(shared.counters),
+      _lane(shared.lane),
       _peer(PeerName(_descriptor)),
       _logPeer(PeerWithoutPort(_descriptor)),
       _inputPart(shared.bounds.requests, _descriptor),
@@ -132,6 +136,7 @@ Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shar
 // which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
 // it is there, and bounded. However it was found that a bound was passed, it is told here.
 Connection::~Connection() {
+  if (_isInLane && _lane) _lane->Withdraw(*this);
   _handler.reset();
   TellWhyItEnds();
   _output->Close();
@@ -143,7 +148,7 @@ bool Connection::IsCut() const {
 }
 
 bool Connection::OnReadable(char* scratch, size_t size) {
-  if (_hasMore || _peerEnded) return true;  // first what has come
+  if (_hasMore || _peerEnded || _isInLane) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
   ++_reads;
@@ -182,12 +187,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
   _hasMore = _isPaused = false;
   try {
     if (!HandleWhole(received, handled)) return false;
-    if (_hasMore || _isPaused) return true;
-    if (_peerEnded && !_inputEnded) {
-      // What the end cut off is handled as far as that is right: lists are answered, changes are not made.
-      _request.SetText(received.substr(handled));
-      while (HandleOne()) continue;
-    }
+    if (_hasMore || _isPaused || _isInLane) return true;
   } catch (const std::exception& exception) {
     OnFailure(exception);
     return !EndsNow();
@@ -198,33 +198,114 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
 
 // Those of a turn, as long as there is room for their replies. Where nobody reads these, there is.
 bool Connection::HandleWhole(std::string_view received, size_t& handled) {
-  for (Turn turn(_turnMilliseconds); !_hasMore && !_handler->HasQuit();) {
+  for (Turn turn(_turnMilliseconds); !_hasMore && !_isInLane && !_handler->HasQuit();) {
     _isPaused = !HasRoom();
     if (_isPaused) break;
     const std::string_view rest = received.substr(handled);
-    const size_t length = _framer.FindEnd(rest);
+    size_t length = _framer.FindEnd(rest);
+    // What the end cut off is handled as far as that is right: lists are answered, changes are not made.
+    if (length == 0 && _peerEnded) length = rest.size();
     if (length == 0) break;
     if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length);
     _request.SetText(rest.substr(0, length));
     const bool isFollowed = length < rest.size();
     if (isFollowed) turn.Begin();
-    if (!HandleOne()) break;
+    const ClientHandler::Attempt attempt = HandleOne();
+    if (attempt == ClientHandler::Attempt::kEnded) break;
+    if (attempt == ClientHandler::Attempt::kTooLong) LeaveToLane(received, handled, length);
     handled += length;
-    _hasMore = isFollowed && !_handler->HasQuit() && turn.IsOver();
+    _hasMore = isFollowed && !_isInLane && !_handler->HasQuit() && turn.IsOver();
   }
   return true;
 }
 
 // After a request for a change, the output is held until what was asked for is durable, also if others had asked for it
 // before: a reply proves what came before it.
-bool Connection::HandleOne() {
+template <class Work>
+auto Connection::HoldingChanges(Work work) {
   const LogPeer peer(_logPeer);
   DurabilityGate::TakeLastOfThisThread();  // of other connections
-  const bool goesOn = _handler->HandleNext();
+  const auto result = work();
   const DurabilityGate::Ticket last = DurabilityGate::TakeLastOfThisThread();
   if (last != 0) _output->HoldFromNowOn(last);
   if (const settings::server::RefusedChange* refusal = _handler->GetRefusal()) ReportRefusal(*refusal);
-  return goesOn;
+  return result;
+}
+
+ClientHandler::Attempt Connection::HandleOne() {
+  using Attempt = ClientHandler::Attempt;
+  return HoldingChanges([this] {
+    if (_lane) return _handler->HandleNextIfShort();
+    return _handler->HandleNext() ? Attempt::kHandled : Attempt::kEnded;
+  });
+}
+
+// A text that is long, and therefore kept in memory of its own, is handed over as it is; then "received" stays valid.
+void Connection::LeaveToLane(std::string_view received, size_t begin, size_t length) {
+  const bool isOwn = received.data() == _input.data() && received.size() > kLongText;
+  if (isOwn) {
+    _laneText = std::move(_input);
+    _input.clear();
+    _request.SetText(std::string_view(_laneText).substr(begin, length));
+  } else {
+    _laneText = received.substr(begin, length);
+    _request.SetText(_laneText);
+  }
+  _isLaneDone = false;
+  _isInLane = true;
+}
+
+void Connection::EnterLane() {
+  try {
+    _lane->Add(*this);
+  } catch (const std::exception&) {
+    _isInLane = false;
+    throw;
+  }
+}
+
+// On the lane's thread. Giving a long text's memory back takes a while, too.
+void Connection::Run(const std::function<bool()>& isStopped) noexcept {
+  try {
+    HoldingChanges([&] { return _handler->HandleNextInParts(isStopped); });
+  } catch (...) {
+    _laneFailure = std::current_exception();
+  }
+  std::string().swap(_laneText);
+  _isLaneDone.store(true, std::memory_order_release);
+}
+
+bool Connection::OnLaneDone() {
+  _isInLane = false;
+  _isLaneDone = false;
+  WatchAgain();
+  if (const std::exception_ptr failure = std::exchange(_laneFailure, nullptr)) {
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::exception& exception) {
+      OnFailure(exception);
+    }
+    return !EndsNow();
+  }
+  if (!TakeInput(_input)) return false;
+  if (!_inputEnded) UpdateInterest();
+  return true;
+}
+
+void Connection::WatchAgain() {
+  if (!std::exchange(_isUnwatched, false)) return;
+  std::lock_guard<std::mutex> lock(_interestMutex);
+  Watch(EPOLL_CTL_ADD);
+}
+
+void Connection::Abandon() {
+  _isAbandoned = true;
+  Unwatch();
+}
+
+// A socket whose peer is gone would be reported without end.
+void Connection::Unwatch() {
+  if (!std::exchange(_isUnwatched, true)) epoll_ctl(_poll, EPOLL_CTL_DEL, _descriptor, nullptr);
 }
 
 void Connection::ReportRefusal(const settings::server::RefusedChange& refusal) {
@@ -257,6 +338,7 @@ bool Connection::OnWritable() {
 bool Connection::OnHangUp() {
   if (_inputEnded) return false;
   _output->OnPeerGone();
+  if (_isInLane) Unwatch();
   UpdateInterest();
   return true;
 }
@@ -266,7 +348,7 @@ bool Connection::OnTick(Clock::time_point now) {
   const size_t unread = _output->GetSendableBytes();
   if (unread > _limits.backlogBytes && now - _output->GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
     return Cut(CutReason::kBacklog, unread);
-  const bool unfinished = !_input.empty() && !_hasMore && !_isPaused && HasRoom();
+  const bool unfinished = !_input.empty() && !_hasMore && !_isPaused && !_isInLane && HasRoom();
   if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
     return Cut(CutReason::kRequestTime, _input.size());
   return true;
@@ -277,10 +359,10 @@ bool Connection::NeedsTicks() const {
 }
 
 bool Connection::CheckInput() {
-  _inputPart.Set(_input.size());
+  _inputPart.Set(_input.size() + _laneText.size());
   if (IsCut()) return false;
   if (_inputEnded || _hasMore) return true;  // that may be many requests
-  if (_isPaused) {
+  if (_isPaused || _isInLane) {
     UpdateInterest();
     return true;
   }
@@ -338,7 +420,7 @@ void Connection::OnKept() {
     std::lock_guard<std::mutex> lock(_interestMutex);
     if (_interest.write) return;
     _interest.write = true;
-    Announce();
+    Watch(EPOLL_CTL_MOD);
   }
   eventfd_write(_wakeLoop, 1);
 }
@@ -352,21 +434,21 @@ void Connection::UpdateInterest() {
     hasRoom = HasRoom();
     sends = _output->GetSendableBytes() > 0;
     _output->TellWhenSent(!hasRoom || _inputEnded);
-    const bool reads = hasRoom && !_inputEnded && !_peerEnded;
+    const bool reads = hasRoom && !_inputEnded && !_peerEnded && !_isInLane;
     std::lock_guard<std::mutex> lock(_interestMutex);
     if (!_interest.read && reads) _unfinishedSince = Clock::now();
     _interest = {reads, sends};
-    Announce();
+    Watch(EPOLL_CTL_MOD);
   } while (HasRoom() != hasRoom || (_output->GetSendableBytes() > 0) != sends);
-  if (hasRoom && _isPaused && !_inputEnded) _hasMore = true;
+  if (hasRoom && _isPaused && !_inputEnded && !_isInLane) _hasMore = true;
 }
 
 // The caller holds the interest's lock.
-void Connection::Announce() {
+void Connection::Watch(int operation) {
   epoll_event event{};
   event.events = (_interest.read ? EPOLLIN : 0u) | (_interest.write ? EPOLLOUT : 0u);
   event.data.ptr = this;
-  epoll_ctl(_poll, EPOLL_CTL_MOD, _descriptor, &event);
+  epoll_ctl(_poll, operation, _descriptor, &event);
 }
 
 }  // namespace tavix::daemon

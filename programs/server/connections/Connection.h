@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,6 +14,7 @@
 #include "programs/server/connections/OutputQueue.h"
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
+#include "programs/server/connections/SlowLane.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/system/Descriptor.h"
@@ -25,13 +27,20 @@
 namespace tavix::daemon {
 
 // One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
-// send, or does not read, keeps the loop's thread waiting.
+// send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane:
+//
+//     on the loop   requests are handled as they come
+//     in the lane   one is carried out by the lane's thread; nothing more is read, notices go out as ever
+//     back          OnLaneDone: the requests behind it go on
+//
+// While a request is in the lane, the handler and the request's text are the lane's, and the connection must not be
+// destroyed but at the end of its loop, which waits for the lane then; Abandon prepares its end.
 //
 // A peer that reads no more has its requests carried out all the same, as far as they have come.
 //
-// Threads: its loop's, but for what other threads' notices write to its output.
+// Threads: its loop's, but for what other threads' notices write to its output, and the lane's Run.
 // Errors:  what the memory does not suffice for is thrown; the connection is then to be destroyed.
-class Connection {
+class Connection : private SlowLane::IJob {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -44,6 +53,7 @@ class Connection {
     DurabilityGate* gate;      // may be null
     int turnMilliseconds = 5;  // after which a connection with many requests lets the others go first
     Places* places = nullptr;  // each connection has one; may be null
+    SlowLane* lane = nullptr;  // null: its loop handles all requests
   };
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
@@ -51,7 +61,7 @@ class Connection {
   Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
 
   // What was not sent is gone. What the kernel still has to send goes out all the same. Says why, if a bound is passed.
-  ~Connection();
+  ~Connection() override;
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -74,7 +84,25 @@ class Connection {
   bool HasMore() const { return _hasMore; }
 
   // Whether everything that has come was answered, and the answers have left.
-  bool AwaitsRequest() const { return !_inputEnded && !_hasMore && _input.empty() && _output->GetKeptBytes() == 0; }
+  bool AwaitsRequest() const {
+    return !_inputEnded && !_hasMore && !_isInLane && _input.empty() && _output->GetKeptBytes() == 0;
+  }
+
+  // Whether a request is in the lane, or waits for EnterLane.
+  bool IsInLane() const { return _isInLane; }
+
+  // Gives the request to the lane. Throws std::bad_alloc; then it is not in the lane.
+  void EnterLane();
+
+  // Whether the lane has carried the request out, so that OnLaneDone is due.
+  bool IsLaneDone() const { return _isLaneDone.load(std::memory_order_acquire); }
+
+  // Goes on behind the request. False once the connection is to be destroyed.
+  bool OnLaneDone();
+
+  // The connection is to be destroyed when the lane has done with it. Until then its loop has no event of it.
+  void Abandon();
+  bool IsAbandoned() const { return _isAbandoned; }
 
   // For the loop, which notes there whether the connection has a place among those that are given turns.
   bool isInTurns = false;
@@ -86,6 +114,8 @@ class Connection {
   bool NeedsTicks() const;
 
  private:
+  using ClientHandler = settings::server::ClientHandler;
+
   struct Interest {
     bool read = true;
     bool write = false;
@@ -94,8 +124,13 @@ class Connection {
   bool TakeInput(std::string_view received);
   bool HandleRequests(std::string_view received, size_t& handled);
   bool HandleWhole(std::string_view received, size_t& handled);
-  bool HandleOne();
+  ClientHandler::Attempt HandleOne();
   void ReportRefusal(const settings::server::RefusedChange& refusal);
+  void LeaveToLane(std::string_view received, size_t begin, size_t length);
+  void Run(const std::function<bool()>& isStopped) noexcept override;
+  int GetDoneEvent() const override { return _wakeLoop; }
+  template <class Work>
+  auto HoldingChanges(Work work);
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure) noexcept;
@@ -103,7 +138,9 @@ class Connection {
   void OnKept();
   bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
   void UpdateInterest();
-  void Announce();
+  void Watch(int operation);
+  void Unwatch();
+  void WatchAgain();
 
   const std::unique_ptr<osa::TcpSocket> _socket;
   const int _descriptor;
@@ -112,6 +149,7 @@ class Connection {
   const int _turnMilliseconds;
   const Limits& _limits;
   Counters& _counters;
+  SlowLane* const _lane;  // may be null
   const std::string _peer;
   const std::string _logPeer;
   std::string _input;  // received, not handled yet
@@ -119,8 +157,8 @@ class Connection {
   Clock::time_point _unfinishedSince{};
   settings::server::RequestFramer _framer;
   core::ViewIstream _request;
-  const std::shared_ptr<OutputQueue> _output;               // may outlive the connection, closed
-  std::optional<settings::server::ClientHandler> _handler;  // until the last request
+  const std::shared_ptr<OutputQueue> _output;  // may outlive the connection, closed
+  std::optional<ClientHandler> _handler;       // until the last request
   OpeningGuard _opening;
   size_t _reads = 0;
   bool _hasMore = false;      // the turn ended before the requests did
@@ -128,6 +166,12 @@ class Connection {
   bool _peerEnded = false;    // nothing more comes
   bool _inputEnded = false;   // what still comes is not handled
   bool _isTold = false;       // why it ends
+  bool _isInLane = false;     // a request is; what follows is the lane's meanwhile
+  bool _isAbandoned = false;  // nothing is done behind that request
+  bool _isUnwatched = false;  // epoll tells nothing of it
+  std::string _laneText;      // what holds the request
+  std::exception_ptr _laneFailure;
+  std::atomic<bool> _isLaneDone{false};
   std::mutex _interestMutex;  // guards what follows
   Interest _interest;
 };

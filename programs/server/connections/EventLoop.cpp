@@ -118,6 +118,8 @@ void EventLoop::ServeUntilStopped() {
         return _connections.clear();
       }
     }
+    // Not before all events are handled: one of them may be of a connection that ends here.
+    if (!_inLane.empty()) TakeBackFromLane();
     if (!_turns.empty()) GiveTurns();
     if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
   }
@@ -154,7 +156,7 @@ void EventLoop::TakeNewConnections() {
 }
 
 void EventLoop::TakeNew(Descriptor descriptor) {
-  for (std::vector<Connection*>* places : {&_busy, &_turns}) {
+  for (std::vector<Connection*>* places : {&_busy, &_turns, &_inLane}) {
     if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
   }
   auto connection = std::make_unique<Connection>(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
@@ -174,12 +176,38 @@ void EventLoop::Refuse(const char* reason) noexcept {
   }
 }
 
+// A connection whose request is in the lane already stays there.
+void EventLoop::EnterLane(Connection* connection) {
+  if (std::find(_inLane.begin(), _inLane.end(), connection) != _inLane.end()) return;
+  connection->EnterLane();
+  _inLane.push_back(connection);
+}
+
+// Connections whose requests the lane has carried out. They may enter it again, behind those that are looked at here.
+void EventLoop::TakeBackFromLane() {
+  size_t next = 0;
+  for (size_t left = _inLane.size(); left > 0; --left) {
+    Connection* const connection = _inLane[next];
+    if (!connection->IsLaneDone()) {
+      ++next;
+      continue;
+    }
+    _inLane.erase(_inLane.begin() + static_cast<std::ptrdiff_t>(next));
+    if (connection->IsAbandoned()) {
+      End(connection);
+    } else {
+      Serve(connection, [&] { return connection->OnLaneDone(); });
+    }
+  }
+}
+
 // Whatever happens to one connection, the others are served. Returns whether it lives.
 template <class Work>
 bool EventLoop::Serve(Connection* connection, Work work) {
   bool lives = false;
   try {
     lives = !connection->IsCut() && work();
+    if (lives && connection->IsInLane() && !connection->IsLaneDone()) EnterLane(connection);
   } catch (const std::exception& exception) {
     connection->OnFailure(exception);
   }
@@ -197,7 +225,8 @@ bool EventLoop::HandleEvent(Connection* connection, unsigned int events, bool is
     if (!connection->OnReadable(_scratch.get(), kScratchSize)) return false;
     if (isAlone && !ReadOn(connection)) return false;
   }
-  return !(events & EPOLLHUP) || connection->OnHangUp();
+  const bool hangsUp = (events & EPOLLHUP) || ((events & EPOLLERR) && connection->IsInLane());
+  return !hangsUp || connection->OnHangUp();
 }
 
 // A client that waits for each reply may have sent its next request by the time the reply is out, above all on a single
@@ -242,6 +271,7 @@ void EventLoop::Tick() {
 }
 
 void EventLoop::End(Connection* connection) {
+  if (std::find(_inLane.begin(), _inLane.end(), connection) != _inLane.end()) return connection->Abandon();
   if (connection->isInTurns) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());

@@ -49,6 +49,8 @@ class EventLoop : private osa::Runnable {
   bool Serve(Connection* connection, Work work);
   bool HandleEvent(Connection* connection, unsigned int events, bool isAlone);
   bool ReadOn(Connection* connection);
+  void EnterLane(Connection* connection);
+  void TakeBackFromLane();
   void GiveTurns();
   void Tick();
   void End(Connection* connection);
@@ -63,6 +65,7 @@ class EventLoop : private osa::Runnable {
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
   std::vector<Connection*> _turns;            // likewise: who has a turn in this round. Both have room for all
+  std::vector<Connection*> _inLane;           // likewise: whose request the slow lane has. Has room for all
   int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
   bool _ticks = false;                        // likewise
   Connection::Clock::time_point _nextTick{};  // likewise

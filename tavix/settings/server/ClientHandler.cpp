@@ -38,7 +38,10 @@ using osa::MutexAutoLock;
 
 namespace {
 
-constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
+constexpr size_t kKeptMemory = 4 * 1024;         // an idle connection keeps no more than this
+constexpr size_t kShortRequest = 32 * 1024;      // bytes that are read and carried out in less than a millisecond
+constexpr size_t kShortSubscription = 8 * 1024;  // bytes of a subscription, likewise
+constexpr size_t kShortWork = 2'000;             // groups of the store, likewise
 
 const GroupNameMatcher kNoGroups;
 
@@ -159,6 +162,19 @@ std::string_view TakeWord(std::istream& args) {
   return rest.substr(begin, end - begin);
 }
 
+// Thrown by a handler that gives a request up before anything came of it.
+struct TooLong {};
+
+// Whether a request takes long whatever the store holds: reading it, reading the files of defaults, or going through
+// the whole store. What a get takes shows only when it is tried.
+bool IsLong(std::string_view request) {
+  if (request.size() > kShortRequest) return true;
+  const std::string_view word = request.substr(0, request.find_first_of(" \t\r\n"));
+  if (word == protocol::kSubscribe) return request.size() > kShortSubscription;
+  if (word == protocol::kOverwrite) return request.find('*') != std::string_view::npos;
+  return word == protocol::kRestore || word == protocol::kDump || word == protocol::kInfo;
+}
+
 // Whether the name can stand on a line of a list.
 bool IsLine(const std::string& name) {
   return name != protocol::kTerminator && name.find('\n') == std::string::npos;
@@ -204,6 +220,35 @@ void ClientHandler::Run() {
 }
 
 bool ClientHandler::HandleNext() {
+  _maxWork = 0;
+  _pIsStopped = nullptr;
+  return HandleLine();
+}
+
+ClientHandler::Attempt ClientHandler::HandleNextIfShort() {
+  auto& view = static_cast<core::ViewIstream&>(*_in);
+  const std::string_view request = view.GetRest();
+  if (IsLong(request)) return Attempt::kTooLong;
+  _maxWork = kShortWork;
+  _pIsStopped = nullptr;
+  try {
+    return HandleLine() ? Attempt::kHandled : Attempt::kEnded;
+  } catch (const TooLong&) {
+    view.SetText(request);
+    _isSecondAttempt = true;
+    return Attempt::kTooLong;
+  }
+}
+
+bool ClientHandler::HandleNextInParts(const std::function<bool()>& isStopped) {
+  _maxWork = 0;
+  _pIsStopped = &isStopped;
+  const bool goesOn = HandleLine();
+  _isSecondAttempt = false;
+  return goesOn;
+}
+
+bool ClientHandler::HandleLine() {
   if (_line.capacity() > kKeptMemory) std::string().swap(_line);
   _refusal.reset();
   std::string_view line;
@@ -239,6 +284,7 @@ void ClientHandler::Quit(std::istream&) {
 
 void ClientHandler::Dump(std::istream& args) {
   const bool all = TakeWord(args) == protocol::kAll;
+  if (_pIsStopped) return DumpInParts(all);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
@@ -249,6 +295,34 @@ void ClientHandler::Dump(std::istream& args) {
   }
   _message.AppendLine(protocol::kTerminator);
   SendMessage(nullptr);
+}
+
+void ClientHandler::DumpInParts(bool all) {
+  AnswerInParts(nullptr, "", [&](std::ostream& text, const SettingsManager::BetweenParts& between) {
+    if (all) {
+      _settingsManager->DumpAllSettingsInParts(text, between);
+    } else {
+      _settingsManager->DumpUserSettingsInParts(text, between);
+    }
+    text << protocol::kTerminator << '\n';
+  });
+}
+
+// Notices wait for the output mutex, so it is taken before the last part only. The reply then holds each change that
+// was made before, and a notice of any later one follows it: a client may rely on whichever comes last.
+template <class WriteParts>
+void ClientHandler::AnswerInParts(const GroupNameMatcher* groups, std::string_view firstLine, WriteParts write) {
+  {
+    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    if (!IsReachable()) return;
+  }
+  core::StringOstream text;
+  if (!firstLine.empty()) text.AppendLine(firstLine);
+  std::optional<MutexAutoLock> lock;
+  const auto takeLock = [&] { lock.emplace(&_outputMutex, kWaitForever, true); };
+  write(text, SettingsManager::BetweenParts{*_pIsStopped, takeLock});
+  if (!IsReachable()) return;
+  Write(text.GetText(), groups);
 }
 
 // The request was read to its end: the connection is in step whether the store takes the change or not.
@@ -337,13 +411,31 @@ void ClientHandler::RefuseSubscription(const std::string& reason) {
 void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
   const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
+  if (_pIsStopped && !matcher.IsEmpty()) return GetInParts(matcher, delimited);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   if (delimited) _message.AppendLine(protocol::kData);
-  if (!matcher.IsEmpty()) _settingsManager->WriteGroups(_message, matcher, *_serializer.load());
+  if (!matcher.IsEmpty()) AppendGroups(matcher);
   if (delimited) _message.AppendLine(protocol::kTerminator);
   SendMessage(&matcher);
+}
+
+// To the message.
+void ClientHandler::AppendGroups(const GroupNameMatcher& matcher) {
+  const ISettingsSerializer& serializer = *_serializer.load();
+  if (_maxWork == 0) return _settingsManager->WriteGroups(_message, matcher, serializer);
+  if (_settingsManager->TryWriteGroups(_message, matcher, serializer, _maxWork)) return;
+  _message.Reset(kKeptMemory);
+  throw TooLong();
+}
+
+void ClientHandler::GetInParts(const GroupNameMatcher& matcher, bool delimited) {
+  const char* const firstLine = delimited ? protocol::kData : "";
+  AnswerInParts(&matcher, firstLine, [&](std::ostream& text, const SettingsManager::BetweenParts& between) {
+    _settingsManager->WriteGroupsInParts(text, matcher, *_serializer.load(), between);
+    if (delimited) text << protocol::kTerminator << '\n';
+  });
 }
 
 void ClientHandler::Overwrite(std::istream&) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -64,6 +65,21 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // there is a reply that can tell.
   const RefusedChange* GetRefusal() const { return _refusal ? &*_refusal : nullptr; }
 
+  // What became of a request that was to be handled only if it is short.
+  enum class Attempt {
+    kHandled,  // as true from HandleNext
+    kEnded,    // as false from it
+    kTooLong,  // it may take longer than a millisecond: nothing was done, and the input stands before it again
+  };
+
+  // As HandleNext, for a thread that others wait for. The input has to be a view that shows one whole request.
+  [[nodiscard]] Attempt HandleNextIfShort();
+
+  // As HandleNext, for a request that takes long: neither the store nor notices to this connection wait for longer than
+  // a part of it takes. isStopped: asked between the parts; once it returns true, a request that only reads ends by an
+  // osa::Exception.
+  [[nodiscard]] bool HandleNextInParts(const std::function<bool()>& isStopped);
+
   // Whether the client has quit: nothing more is read.
   bool HasQuit() const { return _quit; }
 
@@ -109,6 +125,12 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
   template <class Change>
   void CarryOut(Change change);
+  bool HandleLine();
+  void DumpInParts(bool all);
+  void GetInParts(const common::GroupNameMatcher& matcher, bool delimited);
+  template <class WriteParts>
+  void AnswerInParts(const common::GroupNameMatcher* groups, std::string_view firstLine, WriteParts write);
+  void AppendGroups(const common::GroupNameMatcher& matcher);
   bool TakeLine(std::string_view& line);
   bool TakeSubscriptions(const std::set<std::string>& groups, std::string& reason);
   void RefuseSubscription(const std::string& reason);
@@ -138,6 +160,11 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   SubscriptionBudget* const _subscriptionBudget;        // may be null
   IMessageObserver* const _messageObserver;             // may be null
   std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
+
+  // How the request at hand is handled.
+  size_t _maxWork = 0;                                 // beyond which it is given up; 0: no limit
+  const std::function<bool()>* _pIsStopped = nullptr;  // null: not in parts
+  bool _isSecondAttempt = false;                       // the first one was given up
 
   // What was subscribed to so far, to count it.
   common::GroupNameMatcher _subscriptions;

@@ -59,7 +59,7 @@ void ClientHandler::MsgDispatcher::Dispatch(ClientHandler& handler, std::string_
   auto& [name, entry] = *found;
   const bool traces = core::Logger::IsEnabled(core::kLogTrace);
   const bool isTimed = traces || _times.load(std::memory_order_relaxed);
-  if (traces) _logger->Trace("Handling command: %s", name.c_str());
+  if (traces && !handler._isSecondAttempt) _logger->Trace("Handling command: %s", name.c_str());
   const core::Stopwatch stopwatch(isTimed);
   (handler.*entry.handler)(args);
   entry.count.fetch_add(1, std::memory_order_relaxed);

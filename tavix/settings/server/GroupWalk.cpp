@@ -11,10 +11,7 @@ using core::StringUtil;
 
 namespace {
 
-bool MatchesAny(const std::vector<const std::string*>& patterns, const std::string& name) {
-  return std::any_of(patterns.begin(), patterns.end(),
-                     [&](const std::string* pattern) { return StringUtil::MatchesPattern(*pattern, name); });
-}
+constexpr size_t kManyPatterns = 16;  // for which an index finds those to try sooner
 
 // To try a pattern takes a part of the time that it takes to come to the next group.
 GroupWalk::Work CostOfTrying(size_t patterns, const std::string& name) {
@@ -34,25 +31,41 @@ GroupWalk::GroupWalk(const common::GroupNameMatcher& matcher) : _matcher(matcher
     sorted.emplace_back(std::string_view(pattern).substr(0, pattern.find('*')), &pattern);
   std::sort(sorted.begin(), sorted.end());
   for (const auto& [prefix, pattern] : sorted) {
-    if (_ranges.empty() || !StringUtil::StartsWith(prefix, _ranges.back().prefix)) _ranges.push_back({prefix, {}});
+    if (_ranges.empty() || !StringUtil::StartsWith(prefix, _ranges.back().prefix))
+      _ranges.push_back({prefix, {}, nullptr});
     _ranges.back().patterns.push_back(pattern);
   }
+  for (Range& range : _ranges) {
+    if (range.patterns.size() < kManyPatterns) continue;
+    range.index = std::make_unique<common::PatternIndex>();
+    for (const std::string* pattern : range.patterns) range.index->Add(*pattern);
+  }
+}
+
+bool GroupWalk::MatchesAny(const Range& range, const std::string& name, Search& search) {
+  if (range.index) return range.index->HasMatching(name, search);
+  return std::any_of(range.patterns.begin(), range.patterns.end(),
+                     [&](const std::string* pattern) { return StringUtil::MatchesPattern(*pattern, name); });
 }
 
 bool GroupWalk::Matches(const std::string& name) const {
   if (MatchesName(name)) return true;
   const Range* range = FindRange(name);
-  return range && MatchesAny(range->patterns, name);
+  Search search;
+  return range && MatchesAny(*range, name, search);
 }
 
 IniFile::const_iterator GroupWalk::FindNext(const IniFile& document, IniFile::const_iterator at,
                                             IniFile::const_iterator end, Work& work) const {
   std::string buffer;
+  Search search;
   while (at != end && work > 0) {
     const std::string& name = at->first;
     const Range* range = FindRange(name);
-    if (MatchesName(name) || (range && MatchesAny(range->patterns, name))) return at;
-    Take(work, 1 + (range ? CostOfTrying(range->patterns.size(), name) : 0));
+    const size_t tried = search.GetTried();
+    if (MatchesName(name) || (range && MatchesAny(*range, name, search))) return at;
+    const size_t count = !range ? 0 : range->index ? search.GetTried() - tried : range->patterns.size();
+    Take(work, 1 + CostOfTrying(count, name));
     if (range) {
       ++at;
       continue;

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/common/PatternIndex.h"
 
 namespace tavix::settings::server {
 
@@ -35,7 +37,12 @@ class GroupWalk {
   struct Range {
     std::string_view prefix;
     std::vector<const std::string*> patterns;
+    std::unique_ptr<common::PatternIndex> index;  // of many patterns; null for few
   };
+
+  using Search = common::PatternIndex::Search;
+
+  static bool MatchesAny(const Range& range, const std::string& name, Search& search);
 
   const Range* FindRange(const std::string& name) const;
   const std::string* FindBoundAfter(const std::string& name, std::string& buffer) const;

@@ -50,8 +50,8 @@ std::vector<IniFile::const_iterator> GroupsOf(const IniFile& document) {
   return groups;
 }
 
-void ThrowIfStopped(const SettingsManager::StopRequest& isStopped) {
-  if (isStopped && isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
+void ThrowIfStopped(const SettingsManager::BetweenParts& between) {
+  if (between.isStopped && between.isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
 }
 
 }  // namespace
@@ -177,14 +177,15 @@ bool SettingsManager::TryWriteGroups(std::ostream& os, const GroupNameMatcher& m
 }
 
 void SettingsManager::WriteGroupsInParts(std::ostream& os, const GroupNameMatcher& matcher,
-                                         const ISettingsSerializer& serializer, const StopRequest& isStopped) const {
+                                         const ISettingsSerializer& serializer, const BetweenParts& between) const {
   if (!serializer.CanWriteGroups()) {
-    ThrowIfStopped(isStopped);
+    ThrowIfStopped(between);
+    if (between.onLast) between.onLast();
     return WriteGroups(os, matcher, serializer);
   }
   const GroupWalk walk(matcher);
   TextInParts text(walk, serializer);
-  CollectText(text, _allSettings, isStopped);
+  CollectText(text, _allSettings, between);
   serializer.WriteBegin(os, text.CountGroups());
   text.MoveTo(os);
   serializer.WriteEnd(os);
@@ -200,29 +201,30 @@ void SettingsManager::DumpAllSettings(std::ostream& os) const {
   _allSettings.SaveToStream(os);
 }
 
-void SettingsManager::DumpUserSettingsInParts(std::ostream& os, const StopRequest& isStopped) const {
-  DumpInParts(os, _userSettings, isStopped);
+void SettingsManager::DumpUserSettingsInParts(std::ostream& os, const BetweenParts& between) const {
+  DumpInParts(os, _userSettings, between);
 }
 
-void SettingsManager::DumpAllSettingsInParts(std::ostream& os, const StopRequest& isStopped) const {
-  DumpInParts(os, _allSettings, isStopped);
+void SettingsManager::DumpAllSettingsInParts(std::ostream& os, const BetweenParts& between) const {
+  DumpInParts(os, _allSettings, between);
 }
 
-void SettingsManager::DumpInParts(std::ostream& os, const IniFile& document, const StopRequest& isStopped) const {
+void SettingsManager::DumpInParts(std::ostream& os, const IniFile& document, const BetweenParts& between) const {
   TextInParts text;
-  CollectText(text, document, isStopped);
+  CollectText(text, document, between);
   text.MoveTo(os);
 }
 
 // document: one of the store's own.
-void SettingsManager::CollectText(TextInParts& text, const IniFile& document, const StopRequest& isStopped) const {
+void SettingsManager::CollectText(TextInParts& text, const IniFile& document, const BetweenParts& between) const {
   ChangeRecorder recorder(*_changeRecorders);
   const TextInParts::Reader read = [&](const std::function<void(const IniFile&)>& makePart) {
-    ThrowIfStopped(isStopped);
+    ThrowIfStopped(between);
     ReadAutoLock lock(_settingsMutex);
     makePart(document);
   };
   text.Collect(read, [&] { return recorder.Take(); });
+  if (between.onLast) between.onLast();
   read([&](const IniFile& settings) { text.Update(settings, recorder.Take()); });
 }
 

@@ -92,22 +92,25 @@ class TAVIX_EXPORT SettingsManager {
   [[nodiscard]] bool TryWriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
                                     const ISettingsSerializer& serializer, size_t maxWork) const;
 
-  // Asked between the parts of what takes long; true ends the operation by an osa::Exception.
-  using StopRequest = std::function<bool()>;
+  // What an operation in parts asks its caller, without a lock.
+  struct BetweenParts {
+    std::function<bool()> isStopped;    // asked between the parts; true ends the operation by an osa::Exception
+    std::function<void()> onLast = {};  // called before the last part: changes that are announced later are not seen
+  };
 
   // The same bytes, of one state that the store was in during the call, but writers wait for a short part only: parts
   // whose groups changed meanwhile are made again, the last of them in one go. "os" is written to once all is made.
-  // isStopped: may be empty; called without a lock. A serializer that can't write single groups writes all in one go.
+  // The functions may be empty. A serializer that can't write single groups writes all in one go.
   void WriteGroupsInParts(std::ostream& os, const common::GroupNameMatcher& matcher,
-                          const ISettingsSerializer& serializer, const StopRequest& isStopped) const;
+                          const ISettingsSerializer& serializer, const BetweenParts& between) const;
 
   // Write settings text: the user layer with its bookkeeping, or what readers see.
   void DumpUserSettings(std::ostream& os) const;
   void DumpAllSettings(std::ostream& os) const;
 
   // The same in parts, as WriteGroupsInParts.
-  void DumpUserSettingsInParts(std::ostream& os, const StopRequest& isStopped) const;
-  void DumpAllSettingsInParts(std::ostream& os, const StopRequest& isStopped) const;
+  void DumpUserSettingsInParts(std::ostream& os, const BetweenParts& between) const;
+  void DumpAllSettingsInParts(std::ostream& os, const BetweenParts& between) const;
 
   // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation
   // of the store.
@@ -180,8 +183,8 @@ class TAVIX_EXPORT SettingsManager {
   void PerformMergeUnlocked(const core::IniFile& settings, unsigned int flags);
 
  private:
-  void CollectText(TextInParts& text, const core::IniFile& document, const StopRequest& isStopped) const;
-  void DumpInParts(std::ostream& os, const core::IniFile& document, const StopRequest& isStopped) const;
+  void CollectText(TextInParts& text, const core::IniFile& document, const BetweenParts& between) const;
+  void DumpInParts(std::ostream& os, const core::IniFile& document, const BetweenParts& between) const;
   void ClearAll();
   void LoadAll();
   void RemoveDeletedGroups();

@@ -91,10 +91,16 @@ TEST(GroupWalk, VisitsOnlyGroupsThatMayMatch) {
   EXPECT_THAT(FindAll(document, MatcherOf({}), kNoEnd), IsEmpty());
 }
 
-TEST(GroupWalk, ManyPatternsOfOneGroupCountAsMoreWork) {
+TEST(GroupWalk, PatternsThatAreTriedOnEachGroupCountAsMoreWork) {
+  std::set<std::string> patterns;
+  for (std::string pattern = "1*1*1*1*"; patterns.size() < 250; pattern += "1*") patterns.insert(pattern);
+  EXPECT_GT(CountVisited(HundredGroups(), MatcherOf(patterns)), 900u);
+}
+
+TEST(GroupWalk, ManyPatternsThatNoGroupCanMatchAreNotTried) {
   std::set<std::string> patterns;
   for (int pattern = 0; pattern < 250; ++pattern) patterns.insert("*x" + std::to_string(pattern));
-  EXPECT_GT(CountVisited(HundredGroups(), MatcherOf(patterns)), 900u);
+  EXPECT_LE(CountVisited(HundredGroups(), MatcherOf(patterns)), 101u);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ using tavix::test::ServedStore;
 using tavix::test::UserSettingsOf;
 
 constexpr size_t kNoEnd = 1000000;
-const SettingsManager::StopRequest kNeverStopped;
+const SettingsManager::BetweenParts kNeverStopped;
 
 // Writes a line a group, in one piece only.
 struct NamesSerializer : ISettingsSerializer {
@@ -58,7 +58,7 @@ std::string Written(const std::function<void(std::ostream&)>& write) {
 
 std::string WrittenInParts(const SettingsManager& store, const GroupNameMatcher& matcher,
                            const ISettingsSerializer& serializer,
-                           const SettingsManager::StopRequest& isStopped = kNeverStopped) {
+                           const SettingsManager::BetweenParts& isStopped = kNeverStopped) {
   return Written([&](std::ostream& os) { store.WriteGroupsInParts(os, matcher, serializer, isStopped); });
 }
 
@@ -179,10 +179,10 @@ TEST(SettingsManagerInParts, AStoppedTextEndsByAnExceptionBetweenParts) {
   served.store.MergeSettings(SameEverywhere(5000, std::string(100, 'v')), 0);
   int asked = 0;
   std::ostringstream text;
-  EXPECT_THROW(served.store.DumpAllSettingsInParts(text, [&] { return ++asked == 3; }), Exception);
+  EXPECT_THROW(served.store.DumpAllSettingsInParts(text, {[&] { return ++asked == 3; }}), Exception);
   EXPECT_EQ(asked, 3);
   EXPECT_EQ(text.str(), "");
-  EXPECT_THROW(WrittenInParts(served.store, MatcherOf({"*"}), NamesSerializer(), [] { return true; }), Exception);
+  EXPECT_THROW(WrittenInParts(served.store, MatcherOf({"*"}), NamesSerializer(), {[] { return true; }}), Exception);
   EXPECT_EQ(DumpedInParts(served.store), AllSettingsOf(served.store)) << "nothing is left of it";
 }
 
@@ -196,9 +196,24 @@ TEST(SettingsManagerInParts, WritersGetTheirTurnBetweenParts) {
     return false;
   };
   const std::string text =
-      WrittenInParts(served.store, MatcherOf({"*"}), *served.serializers.GetSerializer("ini"), change);
+      WrittenInParts(served.store, MatcherOf({"*"}), *served.serializers.GetSerializer("ini"), {change});
   EXPECT_EQ(changes, 3);
   EXPECT_EQ(text, AllSettingsOf(served.store));
+}
+
+// So that whoever is told of changes can be kept waiting from then on, and is told of none that the text lacks.
+TEST(SettingsManagerInParts, WhatIsChangedBeforeTheLastPartIsSeen) {
+  ServedStore served;
+  served.store.MergeSettings(SameEverywhere(5000, std::string(100, 'v')), 0);
+  int calls = 0;
+  const auto change = [&] {
+    ++calls;
+    served.store.MergeSettings(SameEverywhere(1, "changed"), 0);
+  };
+  std::ostringstream text;
+  served.store.DumpAllSettingsInParts(text, {{}, change});
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(text.str(), AllSettingsOf(served.store));
 }
 
 TEST(SettingsManagerInParts, ATryGivesUpOnTooManyGroupsOrBytes) {

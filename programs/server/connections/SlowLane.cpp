@@ -1,0 +1,74 @@
+#include "programs/server/connections/SlowLane.h"
+
+#include <sys/eventfd.h>
+
+#include <algorithm>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr unsigned int kStackSize = 128 * 1024;
+
+}  // namespace
+
+SlowLane::SlowLane() : _thread("SlowLane", this, kStackSize, 0) {
+  _thread.Run();
+}
+
+SlowLane::~SlowLane() {
+  Stop();
+}
+
+void SlowLane::Add(IJob& job) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _waiting.push_back(&job);
+  _wake.notify_one();
+}
+
+void SlowLane::Withdraw(const IJob& job) {
+  std::unique_lock<std::mutex> lock(_mutex);
+  _waiting.erase(std::remove(_waiting.begin(), _waiting.end(), &job), _waiting.end());
+  _ended.wait(lock, [&] { return _running != &job; });
+}
+
+void SlowLane::Stop() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _stop = true;
+    _waiting.clear();
+  }
+  _wake.notify_one();
+  _thread.Join();
+}
+
+void SlowLane::Run() {
+  const std::function<bool()> isStopped = [this] { return _stop.load(std::memory_order_relaxed); };
+  while (IJob* job = AwaitJob()) {
+    const int doneEvent = job->GetDoneEvent();
+    job->Run(isStopped);
+    EndJob(doneEvent);
+  }
+}
+
+// Null when it is time to stop.
+SlowLane::IJob* SlowLane::AwaitJob() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  _wake.wait(lock, [this] { return _stop || !_waiting.empty(); });
+  if (_stop) return nullptr;
+  IJob* const job = _waiting.front();
+  _waiting.pop_front();
+  _running = job;
+  return job;
+}
+
+void SlowLane::EndJob(int doneEvent) {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _running = nullptr;
+  }
+  _ended.notify_all();
+  eventfd_write(doneEvent, 1);
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+#include "tavix/osa/Runnable.h"
+#include "tavix/osa/Thread.h"
+
+namespace tavix::daemon {
+
+// A thread for requests that take long, so that event loops go on with short ones. Jobs run one at a time, in the order
+// in which they were added. A connection adds its next job when the one before has ended, so clients take turns.
+//
+// Threads: every operation may be called from any thread, but for Stop and the destructor, which one thread calls.
+// Locks:   its own mutex, inside all others; it is not held while a job runs.
+// Owns:    no job. A job stays valid until its Run has ended, or until it was withdrawn.
+class SlowLane : private osa::Runnable {
+ public:
+  class IJob {
+   public:
+    virtual ~IJob() = default;
+
+    // Does the work, on the lane's thread. isStopped: returns true when the lane is to end; the job then ends soon.
+    virtual void Run(const std::function<bool()>& isStopped) noexcept = 0;
+
+    // An eventfd that is written when the job has ended. It outlives the lane.
+    virtual int GetDoneEvent() const = 0;
+  };
+
+  // Starts the thread.
+  SlowLane();
+
+  // Stops the lane.
+  ~SlowLane() override;
+
+  SlowLane(const SlowLane&) = delete;
+  SlowLane& operator=(const SlowLane&) = delete;
+
+  // Throws std::bad_alloc, and has not added the job then.
+  void Add(IJob& job);
+
+  // Returns once the job neither runs nor waits. From any thread but the lane's own.
+  void Withdraw(const IJob& job);
+
+  // Ends the job that runs and forgets those that wait. Later ones are never run. A second call does nothing.
+  void Stop();
+
+ private:
+  void Run() override;
+  IJob* AwaitJob();
+  void EndJob(int doneEvent);
+
+  std::mutex _mutex;  // guards what follows
+  std::condition_variable _wake;
+  std::condition_variable _ended;
+  std::deque<IJob*> _waiting;
+  const IJob* _running = nullptr;
+  std::atomic<bool> _stop{false};
+  osa::Thread _thread;
+};
+
+}  // namespace tavix::daemon

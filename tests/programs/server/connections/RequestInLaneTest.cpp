@@ -1,0 +1,173 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <future>
+#include <memory>
+
+#include "programs/server/connections/EventLoop.h"
+#include "programs/server/connections/SlowLane.h"
+#include "tavix/settings/server/SerializationManager.h"
+#include "tavix/settings/server/SettingsManager.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Descriptor.h"
+#include "tests/support/ListeningSocket.h"
+#include "tests/support/MemoryPersister.h"
+
+namespace tavix::test {
+
+namespace {
+
+using daemon::EventLoop;
+
+// Once it is told to, it reads the defaults for as long as the test wants.
+struct SlowPersister : MemoryPersister {
+  SlowPersister() : MemoryPersister({"[A]\nx=1\n"}) {}
+
+  void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override {
+    if (isSlow) {
+      started.set_value();
+      released.get_future().wait();
+    }
+    MemoryPersister::LoadDefaultSettings(combiner);
+  }
+
+  bool isSlow = false;
+  std::promise<void> started;
+  std::promise<void> released;
+};
+
+// A loop whose clients have a slow lane, in which one request stays for as long as the test wants.
+class RequestInLane : public testing::Test {
+ protected:
+  RequestInLane() { _persister.isSlow = true; }
+  ~RequestInLane() override { _lane.Stop(); }
+
+  Descriptor Connect() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    _loop->Add(daemon::Descriptor(ends[0]));
+    return Descriptor(ends[1]);
+  }
+
+  // Returns when the lane works on it.
+  void SendSlowRequest(const Descriptor& peer, const std::string& behind = "") {
+    EXPECT_TRUE(Send(peer, "restore\nA\n.\n" + behind));
+    _persister.started.get_future().wait();
+  }
+
+  void Release() { _persister.released.set_value(); }
+
+  static std::string Ask(const Descriptor& peer, const std::string& request, size_t count) {
+    EXPECT_TRUE(Send(peer, request));
+    return Receive(peer, count);
+  }
+
+  SlowPersister _persister;
+  settings::server::SettingsManager _store{&_persister, nullptr, nullptr, false};
+  settings::server::SerializationManager _serializers;
+  settings::server::ServerEnv _env{&_store, &_serializers};
+  const daemon::Limits _limits;
+  daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
+                               daemon::SharedBound(_limits.allBacklogBytes)};
+  daemon::Counters _counters;
+  daemon::SlowLane _lane;
+  std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(
+      daemon::Connection::Shared{&_env, _limits, _bounds, _counters, nullptr, 5, nullptr, &_lane}, [] {});
+};
+
+const std::string kGetA = "get delimited\nA\n.\n";
+const std::string kA = "data\n[A]\nx=1\n.\n";
+
+}  // namespace
+
+TEST_F(RequestInLane, OtherClientsOfTheLoopAreServed) {
+  const Descriptor slow = Connect();
+  const Descriptor other = Connect();
+  SendSlowRequest(slow);
+  EXPECT_EQ(Ask(other, kGetA, kA.size()), kA);
+  EXPECT_EQ(Ask(other, "test-and-merge\n.\n[B]\ny=2\n.\n", 10), "result\nok\n");
+  _loop->Probe();
+  Release();
+}
+
+TEST_F(RequestInLane, RequestsBehindItWaitAndAreAnsweredInTheirOrder) {
+  const Descriptor slow = Connect();
+  SendSlowRequest(slow, kGetA + "merge\n[A]\nx=2\n.\n");
+  EXPECT_TRUE(Send(slow, kGetA));
+  _loop->Probe();
+  char byte = 0;
+  EXPECT_EQ(recv(slow.Get(), &byte, 1, MSG_DONTWAIT), -1);
+  Release();
+  EXPECT_EQ(Receive(slow, 2 * kA.size()), kA + "data\n[A]\nx=2\n.\n");
+}
+
+TEST_F(RequestInLane, NoticesAreSentMeanwhile) {
+  const Descriptor slow = Connect();
+  const Descriptor other = Connect();
+  const std::string notice = "async change\nB\n.\n[B]\ny=2\n.\n";
+  SendSlowRequest(slow);
+  Release();
+  EXPECT_EQ(Ask(slow, "subscribe\nB\n.\n" + kGetA, kA.size()), kA);
+  _persister.started = std::promise<void>();
+  _persister.released = std::promise<void>();
+  SendSlowRequest(slow);
+  EXPECT_TRUE(Send(other, "merge\n[B]\ny=2\n.\n"));
+  EXPECT_EQ(Receive(slow, notice.size()), notice);
+  Release();
+}
+
+TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt) {
+  Descriptor slow = Connect();
+  SendSlowRequest(slow);
+  slow.Close();
+  for (int i = 0; i < 3; ++i) _loop->Probe();
+  EXPECT_EQ(_loop->CountConnections(), 1u);
+  Release();
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 0; }));
+}
+
+TEST_F(RequestInLane, HalfClosedClientGetsTheRepliesToTheRequestsBehindIt) {
+  const Descriptor slow = Connect();
+  SendSlowRequest(slow, kGetA);
+  shutdown(slow.Get(), SHUT_WR);
+  _loop->Probe();
+  Release();
+  EXPECT_EQ(ReceiveAll(slow), kA);
+}
+
+TEST_F(RequestInLane, QuitBehindItEndsTheConnection) {
+  const Descriptor slow = Connect();
+  SendSlowRequest(slow, kGetA + "quit\n" + kGetA);
+  Release();
+  EXPECT_EQ(ReceiveAll(slow), kA);
+}
+
+TEST_F(RequestInLane, ThatThrowsEndsItsConnectionAlone) {
+  const Descriptor slow = Connect();
+  const Descriptor other = Connect();
+  EXPECT_TRUE(Send(slow, "merge\n" + std::string(100'000, 'x') + "\n.\n"));
+  EXPECT_EQ(ReceiveAll(slow), "");
+  EXPECT_EQ(Ask(other, kGetA, kA.size()), kA);
+  EXPECT_EQ(_counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 1u);
+}
+
+TEST_F(RequestInLane, LongChangeIsMadeBeforeTheRequestsBehindIt) {
+  const Descriptor peer = Connect();
+  const std::string value(200'000, 'v');
+  const std::string reply = "data\n[B]\ny=" + value + "\n.\n";
+  EXPECT_TRUE(Send(peer, "merge\n[B]\ny=" + value + "\n.\nget delimited\nB\n.\n"));
+  EXPECT_EQ(Receive(peer, reply.size()), reply);
+}
+
+TEST_F(RequestInLane, LoopEndsOnceTheLaneHasDoneWithIt) {
+  const Descriptor slow = Connect();
+  SendSlowRequest(slow);
+  BackgroundCall end([this] { _loop.reset(); });
+  end.AwaitBlocked();
+  EXPECT_FALSE(end.HasEnded());
+  Release();
+  end.Join();
+  EXPECT_EQ(ReceiveAll(slow), "");
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,120 @@
+#include "programs/server/connections/SlowLane.h"
+
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <future>
+#include <vector>
+
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/Descriptor.h"
+
+namespace tavix::test {
+
+namespace {
+
+using daemon::SlowLane;
+
+// Runs until it is released, or until the lane is stopped.
+class TestJob : public SlowLane::IJob {
+ public:
+  void Run(const std::function<bool()>& isStopped) noexcept override {
+    ++runs;
+    started.set_value();
+    if (waits) released.get_future().wait();
+    while (endsWhenStopped && !isStopped()) std::this_thread::yield();
+  }
+  int GetDoneEvent() const override { return done.Get(); }
+
+  // Returns when the job has ended.
+  void AwaitDone() const {
+    eventfd_t count = 0;
+    EXPECT_EQ(eventfd_read(done.Get(), &count), 0);
+  }
+
+  std::atomic<int> runs{0};
+  bool waits = false;
+  bool endsWhenStopped = false;
+  std::promise<void> started;
+  std::promise<void> released;
+  const Descriptor done{eventfd(0, EFD_CLOEXEC)};
+};
+
+}  // namespace
+
+TEST(SlowLane, RunsJobsOneAtATimeInTheirOrder) {
+  TestJob first;
+  TestJob second;
+  first.waits = true;
+  SlowLane lane;
+  lane.Add(first);
+  lane.Add(second);
+  first.started.get_future().wait();
+  EXPECT_EQ(second.runs, 0);
+  first.released.set_value();
+  first.AwaitDone();
+  second.AwaitDone();
+  EXPECT_EQ(second.runs, 1);
+}
+
+TEST(SlowLane, JobRunsAgainWhenItIsAddedAgain) {
+  TestJob job;
+  SlowLane lane;
+  lane.Add(job);
+  job.AwaitDone();
+  job.started = std::promise<void>();
+  lane.Add(job);
+  job.AwaitDone();
+  EXPECT_EQ(job.runs, 2);
+}
+
+TEST(SlowLane, WithdrawnJobIsNeverRun) {
+  TestJob first;
+  TestJob withdrawn;
+  TestJob last;
+  first.waits = true;
+  SlowLane lane;
+  for (TestJob* job : {&first, &withdrawn, &last}) lane.Add(*job);
+  lane.Withdraw(withdrawn);
+  first.released.set_value();
+  last.AwaitDone();
+  EXPECT_EQ(withdrawn.runs, 0);
+}
+
+TEST(SlowLane, WithdrawOfTheRunningJobReturnsWhenItHasEnded) {
+  TestJob job;
+  job.waits = true;
+  SlowLane lane;
+  lane.Add(job);
+  job.started.get_future().wait();
+  BackgroundCall withdrawal([&] { lane.Withdraw(job); });
+  withdrawal.AwaitBlocked();
+  EXPECT_FALSE(withdrawal.HasEnded());
+  job.released.set_value();
+  withdrawal.Join();
+}
+
+TEST(SlowLane, StopEndsTheRunningJobAndForgetsTheOthers) {
+  TestJob running;
+  TestJob waiting;
+  running.endsWhenStopped = true;
+  SlowLane lane;
+  lane.Add(running);
+  lane.Add(waiting);
+  running.started.get_future().wait();
+  lane.Stop();
+  lane.Stop();
+  running.AwaitDone();
+  EXPECT_EQ(waiting.runs, 0);
+}
+
+TEST(SlowLane, JobThatIsAddedBehindTheEndIsNeverRun) {
+  TestJob job;
+  SlowLane lane;
+  lane.Stop();
+  lane.Add(job);
+  lane.Withdraw(job);
+  EXPECT_EQ(job.runs, 0);
+}
+
+}  // namespace tavix::test
