@@ -70,10 +70,13 @@ TEST(OperationsDocument, WhoeverStopsTheDaemonHasMorePatienceThanItNeeds) {
   }
 }
 
-TEST(OperationsDocument, ManualPageNamesEveryOption) {
+TEST(OperationsDocument, ItAndTheManualPageNameEveryOption) {
+  const std::string document = ReadDocument("operations.md");
   const std::string page = ReadDocument("man/tavix-settings-server.8.scd");
-  for (const daemon::OptionEntry& option : daemon::GetOptionTable())
+  for (const daemon::OptionEntry& option : daemon::GetOptionTable()) {
+    EXPECT_THAT(document, testing::ContainsRegex("[` ]--" + std::string(option.name) + "[` ]"));
     EXPECT_THAT(page, HasSubstr("*--" + std::string(option.name) + "*"));
+  }
 }
 
 TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
