@@ -1,8 +1,5 @@
 #include "programs/server/StoreProbe.h"
 
-#include <set>
-#include <string>
-
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/Time.h"
@@ -13,8 +10,7 @@ namespace tavix::daemon {
 void ProbeStore(const settings::server::SettingsManager& manager) {
   {
     osa::MutexAutoLock gate(&manager.GetNotificationGate(), osa::kWaitForever, true);
-    std::set<std::string> groups;
-    manager.GetAllSubscribedGroups(groups);
+    manager.GetDispatcher().Probe();
   }
   core::IniFile nothing;
   manager.GetGroups(nothing, settings::common::GroupNameMatcher());

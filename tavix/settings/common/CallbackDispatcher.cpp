@@ -84,6 +84,10 @@ void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const st
   }
 }
 
+void CallbackDispatcher::Probe() const {
+  MutexAutoLock lock(&_mutex, kWaitForever, true);
+}
+
 void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const IniFile& settings) const {
   Notify(nullptr, changedGroups, settings);
 }

@@ -63,6 +63,9 @@ class TAVIX_EXPORT CallbackDispatcher {
   bool WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const;
   bool WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const;
 
+  // Returns once the dispatcher's mutex was free: callbacks come to their end. For whoever watches that.
+  void Probe() const;
+
   // Returns once no call of "cb" is under way, and none follows. An unknown callback is ignored.
   void RemoveCallback(IChangeCallback* cb);
 
