@@ -17,8 +17,6 @@ python () {
         raise bb.parse.SkipRecipe("TAVIX_SETTINGS_SOURCE does not tell where the sources are")
 }
 
-DEPENDS = "zlib"
-
 inherit cmake pkgconfig systemd useradd update-rc.d
 
 # The command needs CLI11 and nlohmann-json of meta-oe; man pages need scdoc of the building machine.
