@@ -12,7 +12,9 @@
 #include "programs/server/SettingsSources.h"
 #include "programs/server/connections/Listener.h"
 #include "programs/server/metrics/Counters.h"
+#include "programs/server/options/MemoryShares.h"
 #include "programs/server/system/LinkTarget.h"
+#include "programs/server/system/MemorySize.h"
 
 namespace tavix::daemon {
 
@@ -54,6 +56,13 @@ void CheckUserSettings(const std::string& file, Problems& problems) {
   }
 }
 
+// The bounds of memory that depend on the machine.
+void PrintBounds(const Limits& limits) {
+  std::printf("bounds: --all-backlogs %s, --all-requests %s, with %s of memory\n",
+              FormatSize(limits.allBacklogBytes).c_str(), FormatSize(limits.allRequestBytes).c_str(),
+              FormatSize(MemorySize().GetBytes()).c_str());
+}
+
 void Print(const Problems& problems) {
   for (const std::string& problem : problems) std::fprintf(stderr, "tavix-settings-server: %s\n", problem.c_str());
 }
@@ -74,6 +83,7 @@ int RunCheck(const Options& options) {
   const Problems addresses = Listener::FindProblems(options);
   if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
   for (const SettingsSources::Report& report : sources.GetReports()) std::printf("%s\n", report.ToText().c_str());
+  PrintBounds(options.limits);
   WarnOfLogFile(options.log.file);
   CheckUserSettings(options.userSettings, files);
   CheckMetricsFile(options.metricsFile, files);

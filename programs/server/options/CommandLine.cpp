@@ -7,6 +7,8 @@
 #include <thread>
 
 #include "programs/server/options/ConfigurationFile.h"
+#include "programs/server/options/MemoryShares.h"
+#include "programs/server/system/MemorySize.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -65,7 +67,21 @@ void Apply(const std::vector<GivenOption>& given, Options& options) {
   for (const GivenOption& one : given) one.option->apply(options, one.value);
 }
 
+// What no option gives is as "limits" have it.
+Options MakeOptions(const Limits& limits, const std::vector<GivenOption>& given) {
+  Options options;
+  options.limits = limits;
+  Apply(given, options);
+  return options;
+}
+
 }  // namespace
+
+Limits FindDefaultLimits(const std::vector<GivenOption>& given) {
+  Limits limits = MakeOptions(ShareMemory(MemorySize().GetBytes()), given).limits;
+  BoundClientsByAll(limits);
+  return limits;
+}
 
 bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given) {
   const std::vector<option> known = MakeSystemTable();
@@ -97,8 +113,7 @@ Options ReadOptions(const std::vector<GivenOption>& commandLine) {
   };
   all.erase(std::remove_if(all.begin(), all.end(), isOverruled), all.end());
   all.insert(all.end(), commandLine.begin(), commandLine.end());
-  options = Options();
-  Apply(all, options);
+  options = MakeOptions(FindDefaultLimits(all), all);
   SetDefaults(options);
   return options;
 }

@@ -19,6 +19,10 @@ struct GivenOption {
 // What the command line asks for.
 Options::Action FindAction(const std::vector<GivenOption>& commandLine);
 
+// The bounds of memory that hold where "given" gives no others, on this machine. What one client may cost depends on
+// what all may.
+Limits FindDefaultLimits(const std::vector<GivenOption>& given);
+
 // All options: what the command line gives, for the rest what the configuration file gives, and for the rest the
 // defaults. Throws osa::Exception naming file, key and value. commandLine: as ParseCommandLine left it.
 Options ReadOptions(const std::vector<GivenOption>& commandLine);

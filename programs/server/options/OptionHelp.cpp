@@ -1,5 +1,6 @@
 #include <string_view>
 
+#include "programs/server/options/MemoryShares.h"
 #include "programs/server/options/OptionTable.h"
 
 namespace tavix::daemon {
@@ -42,7 +43,15 @@ void AppendWrapped(std::string& out, size_t at, std::string_view text) {
   out += '\n';
 }
 
-void AppendEntry(std::string& out, const OptionEntry& entry) {
+// The bounds of memory with what they come to.
+std::string DescribeOption(const OptionEntry& entry, const Limits& limits) {
+  std::string help = entry.help;
+  const size_t at = help.find("{}");
+  if (entry.limit && at != std::string::npos) help.replace(at, 2, FormatSize(limits.*entry.limit));
+  return help;
+}
+
+void AppendEntry(std::string& out, const OptionEntry& entry, const Limits& limits) {
   if (*entry.section) out.append("\n").append(entry.section).append(":\n");
   std::string beginning = std::string("  --") + entry.name;
   if (*entry.argument) beginning.append(" ").append(entry.argument);
@@ -51,14 +60,14 @@ void AppendEntry(std::string& out, const OptionEntry& entry) {
   } else {
     out.append(beginning).append(kColumn - beginning.size(), ' ');
   }
-  AppendWrapped(out, kColumn, entry.help);
+  AppendWrapped(out, kColumn, DescribeOption(entry, limits));
 }
 
 }  // namespace
 
-std::string FormatHelp() {
+std::string FormatHelp(const Limits& limits) {
   std::string help = kUsage;
-  for (const OptionEntry& entry : GetOptionTable()) AppendEntry(help, entry);
+  for (const OptionEntry& entry : GetOptionTable()) AppendEntry(help, entry, limits);
   return help + kEnding;
 }
 

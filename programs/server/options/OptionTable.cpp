@@ -1,6 +1,8 @@
 #include "programs/server/options/OptionTable.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "programs/server/options/OptionValues.h"
@@ -13,7 +15,9 @@ using Kind = OptionEntry::Kind;
 using Action = Options::Action;
 using Apply = std::function<void(Options&, const std::string&)>;
 
-constexpr size_t kMostOfALimit = size_t{1} << 40;
+// A half of what size_t holds, at most, so that two of them can be added.
+constexpr auto kMostOfALimit =
+    static_cast<size_t>(std::min<uint64_t>(uint64_t{1} << 40, std::numeric_limits<size_t>::max() / 2));
 constexpr size_t kMostSeconds = 24 * 60 * 60;
 constexpr size_t kMostLoops = 64;
 
@@ -161,24 +165,32 @@ std::vector<OptionEntry> MakeTable() {
        Limit(&Limits::patterns)},
       {"", "max-line", "BYTES", Kind::kValue, true, "of one line that a client sends (16 MiB)",
        Limit(&Limits::lineBytes)},
-      {"", "max-request", "BYTES", Kind::kValue, true, "of one request (64 MiB)", Limit(&Limits::requestBytes)},
+      {"", "max-request", "BYTES", Kind::kValue, true,
+       "of one request. Default: 64 MiB, or --all-requests if that is less; here {}", Limit(&Limits::requestBytes),
+       &Limits::requestBytes},
       {"", "request-timeout", "S", Kind::kValue, true, "for an unfinished request (60)", Time(&Limits::requestSeconds)},
       {"", "all-requests", "BYTES", Kind::kValue, true,
-       "of the unfinished requests of all clients together; the longest ends (256 MiB)",
-       Limit(&Limits::allRequestBytes)},
+       "of the unfinished requests of all clients together; the longest ends. Default: an eighth of the memory that "
+       "the "
+       "machine and the control group allow, from 4 to 256 MiB; here {}",
+       Limit(&Limits::allRequestBytes), &Limits::allRequestBytes},
       {"", "max-store", "BYTES", Kind::kValue, true,
        "of all settings in memory, about; a change that would pass it is not made, and the client stays (256 MiB)",
        Limit(&Limits::storeBytes)},
       {"", "max-backlog", "BYTES", Kind::kValue, true, "unread by a client that makes no progress (8 MiB) ...",
        Limit(&Limits::backlogBytes)},
       {"", "backlog-timeout", "S", Kind::kValue, true, "... for so long (10)", Time(&Limits::backlogSeconds)},
-      {"", "hard-backlog", "BYTES", Kind::kValue, true, "unread by a client, whatever it does (256 MiB)",
-       Limit(&Limits::hardBacklogBytes)},
-      {"", "held-backlog", "BYTES", Kind::kValue, true, "for a client, but waiting for the disk (256 MiB)",
-       Limit(&Limits::heldBacklogBytes)},
+      {"", "hard-backlog", "BYTES", Kind::kValue, true,
+       "unread by a client, whatever it does. Default: 256 MiB, or --all-backlogs if that is less; here {}",
+       Limit(&Limits::hardBacklogBytes), &Limits::hardBacklogBytes},
+      {"", "held-backlog", "BYTES", Kind::kValue, true,
+       "for a client, but waiting for the disk. Default: as --hard-backlog; here {}", Limit(&Limits::heldBacklogBytes),
+       &Limits::heldBacklogBytes},
       {"", "all-backlogs", "BYTES", Kind::kValue, true,
-       "unread by all clients, or waiting for the disk, together; the longest ends (512 MiB)",
-       Limit(&Limits::allBacklogBytes)},
+       "unread by all clients, or waiting for the disk, together; the longest ends. Default: an eighth of the memory, "
+       "as "
+       "for --all-requests, from 4 to 512 MiB; here {}",
+       Limit(&Limits::allBacklogBytes), &Limits::allBacklogBytes},
   };
 }
 

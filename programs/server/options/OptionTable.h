@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -21,11 +22,13 @@ struct OptionEntry {
   const char* name;
   const char* argument;  // what the help calls the value; empty: there is none to show
   Kind kind;
-  bool inFile;  // whether the configuration file may hold it
-  const char* help;
+  bool inFile;       // whether the configuration file may hold it
+  const char* help;  // may hold {}, for what "limit" comes to
 
   // Takes one value over. Throws osa::Exception with what was expected instead: "expected a number from 1 to 64".
   std::function<void(Options& options, const std::string& value)> apply;
+
+  size_t Limits::*limit = nullptr;  // the bound of memory that this is; null: it is none
 };
 
 // Every option there is: the one list that the command line, the configuration file and the help are made from.
@@ -34,7 +37,7 @@ const std::vector<OptionEntry>& GetOptionTable();
 // Null when there is no such option.
 const OptionEntry* FindOption(const std::string& name);
 
-// The help's text.
-std::string FormatHelp();
+// The help's text. limits: what holds where no option is given.
+std::string FormatHelp(const Limits& limits);
 
 }  // namespace tavix::daemon

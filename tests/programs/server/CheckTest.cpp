@@ -23,9 +23,9 @@ class Check : public testing::Test {
   // Runs the program with --check and these arguments; leaves what it wrote in _output and _errors.
   int RunToEnd(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "--check");
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), arguments);
     const int status = daemon.AwaitEnd();
-    _output = daemon.GetOutput();
+    _output = WithoutBounds(daemon.GetOutput());
     _errors = daemon.GetErrors();
     return status;
   }

@@ -20,9 +20,9 @@ class Configuration : public testing::Test {
   int Check(const std::string& configuration, std::vector<std::string> arguments = {}) {
     _directory.Write("server.conf", configuration);
     arguments.insert(arguments.begin(), {"--config", "server.conf", "--check"});
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), arguments);
     const int status = daemon.AwaitEnd();
-    _output = daemon.GetOutput();
+    _output = WithoutBounds(daemon.GetOutput());
     _errors = daemon.GetErrors();
     return status;
   }
@@ -57,11 +57,10 @@ TEST_F(Configuration, CommandLineReplacesWhatTheFileSaysOfTheSameOption) {
 TEST_F(Configuration, AddressesOfTheFileAreServedUnlessTheCommandLineNamesOthers) {
   _directory.Write("server.conf", "[Server]\nlisten=127.0.0.1:0, unix:a.sock\n");
   {
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--config", "server.conf"});
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", "server.conf"});
     EXPECT_THAT(daemon.AwaitAddresses(2), ElementsAre(StartsWith("127.0.0.1:"), "unix:a.sock"));
   }
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(),
-                       {"--config", "server.conf", "--listen", "unix:b.sock"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", "server.conf", "--listen", "unix:b.sock"});
   daemon.AwaitAddresses();
   EXPECT_EQ(daemon.Stop(), 0);
   EXPECT_EQ(daemon.GetOutput(), "tavix-settings-server: listening on unix:b.sock\n");
@@ -70,7 +69,7 @@ TEST_F(Configuration, AddressesOfTheFileAreServedUnlessTheCommandLineNamesOthers
 TEST_F(Configuration, FlagOfTheFileCanBeTakenBack) {
   EXPECT_EQ(Check("[Server]\nallow-remote=true\n"), 0);
   _directory.Write("server.conf", "[Server]\nallow-remote=true\nlisten=0.0.0.0:0\n");
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--config", "server.conf", "--allow-remote=no"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", "server.conf", "--allow-remote=no"});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
 }
 
@@ -104,7 +103,7 @@ TEST_F(Configuration, WrongValueCountsEvenWhenTheCommandLineReplacesIt) {
 
 TEST_F(Configuration, FileThatWasGivenMustBeThereAndBeAFile) {
   const auto errorsOf = [&](const char* path) {
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--config", path, "--check"});
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", path, "--check"});
     EXPECT_EQ(daemon.AwaitEnd(), 78);
     return daemon.GetErrors();
   };
@@ -116,14 +115,14 @@ TEST_F(Configuration, FileThatWasGivenMustBeThereAndBeAFile) {
 }
 
 TEST_F(Configuration, NullDeviceIsAnEmptyFile) {
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--config", "/dev/null", "--check"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", "/dev/null", "--check"});
   EXPECT_EQ(daemon.AwaitEnd(), 0);
   EXPECT_EQ(daemon.GetErrors(), "");
 }
 
 TEST_F(Configuration, FileThatIsWrongDoesNotKeepTheHelpAway) {
   _directory.Write("server.conf", "nonsense");
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--config", "server.conf", "--help"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--config", "server.conf", "--help"});
   EXPECT_EQ(daemon.AwaitEnd(), 0);
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "programs/server/options/Limits.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/Patience.h"
 #include "tests/support/ProtocolClient.h"
@@ -11,19 +13,29 @@
 
 namespace tavix::test {
 
+// The daemon that is tested: the one of this build, or the one that the environment names, built for another processor
+// that runs here as well.
+inline const char* ServerProgram() {
+  const char* const given = std::getenv("TAVIX_TEST_SERVER");
+  return given ? given : TAVIX_SERVER_PROGRAM;
+}
+
 // The daemon in a directory, on a port of loopback that the kernel picks. Arguments name files relative to the
-// directory. At its end it has the time that a busy disk needs, and it reads no settings that are installed on the
-// machine, unless they say otherwise.
+// directory. At its end it has the time that a busy disk needs, it reads no settings that are installed on the machine,
+// and its bounds do not depend on the machine's memory, unless they say otherwise.
 class Daemon : public DaemonProcess {
  public:
   explicit Daemon(const TemporaryDirectory& directory, const std::vector<std::string>& arguments = {},
                   const ProcessLimits& limits = {})
-      : DaemonProcess(TAVIX_SERVER_PROGRAM, directory.GetPath(), Complete(arguments), limits) {}
+      : DaemonProcess(ServerProgram(), directory.GetPath(), Complete(arguments), limits) {}
 
  private:
   static std::vector<std::string> Complete(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {"--defaults-dir", "nothing-installed", "--restricted-dir", "nothing-installed",
                                          "--stop-timeout", std::to_string(kPatience.count() / 2)});
+    const daemon::Limits limits;
+    arguments.insert(arguments.begin(), {"--all-backlogs", std::to_string(limits.allBacklogBytes), "--all-requests",
+                                         std::to_string(limits.allRequestBytes)});
     arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     return arguments;
   }
@@ -36,6 +48,12 @@ inline void CarryOut(unsigned short port, const std::string& requests) {
   client.Send(requests);
   client.HalfClose();
   if (!client.ReadToEnd().empty()) throw std::runtime_error("There is a reply");
+}
+
+// What --check prints, without the line that depends on the machine.
+inline std::string WithoutBounds(std::string output) {
+  const size_t line = output.find("bounds: ");
+  return line == std::string::npos ? output : output.erase(line, output.find('\n', line) + 1 - line);
 }
 
 inline size_t CountOf(const std::string& part, const std::string& text) {

@@ -37,9 +37,9 @@ class DropIns : public testing::TestWithParam<std::string> {
   std::string Check() const {
     std::vector<std::string> arguments = Arguments();
     arguments.emplace_back("--check");
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), arguments);
     EXPECT_EQ(daemon.AwaitEnd(), 0) << daemon.GetErrors();
-    return daemon.GetOutput();
+    return WithoutBounds(daemon.GetOutput());
   }
 
   // What readers see of the group.
@@ -122,7 +122,7 @@ TEST_P(DropIns, OnlyIniFilesCountAndAMissingDirectoryIsFine) {
 
 TEST_P(DropIns, DirectoryThatCanNotBeReadIsAnErrorThatNamesIt) {
   _directory.Write("file", "");
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--check", "--" + GetParam() + "-dir", "file/d"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--check", "--" + GetParam() + "-dir", "file/d"});
   EXPECT_EQ(daemon.AwaitEnd(), 78);
   EXPECT_THAT(daemon.GetErrors(), HasSubstr("Failed to read directory 'file/d': Not a directory\n"));
 }
@@ -131,7 +131,7 @@ TEST_P(DropIns, BrokenFileIsNamedWithItsLine) {
   _directory.Write("etc/10-a.ini", "[A]\nnonsense\n");
   std::vector<std::string> arguments = Arguments();
   arguments.emplace_back("--check");
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), arguments);
   EXPECT_EQ(daemon.AwaitEnd(), 78);
   EXPECT_THAT(daemon.GetErrors(), HasSubstr("etc/10-a.ini:2: expected"));
 }

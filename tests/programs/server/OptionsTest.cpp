@@ -3,6 +3,7 @@
 
 #include <array>
 #include <fstream>
+#include <iterator>
 
 #include "programs/server/options/OptionTable.h"
 #include "tests/programs/server/Daemon.h"
@@ -25,7 +26,7 @@ struct Outcome {
 // Runs the program to its end.
 Outcome RunToEnd(const std::vector<std::string>& arguments) {
   const TemporaryDirectory directory;
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), arguments);
+  DaemonProcess daemon(ServerProgram(), directory.GetPath(), arguments);
   const int status = daemon.AwaitEnd();
   return {status, daemon.GetOutput(), daemon.GetErrors()};
 }
@@ -36,6 +37,13 @@ bool HasIpv6Loopback() {
     if (line.rfind("00000000000000000000000000000001 ", 0) == 0) return true;
   }
   return false;
+}
+
+// A terabyte, where the daemon's addresses reach that far.
+std::string MaxBound() {
+  std::ifstream program(ServerProgram(), std::ios::binary);
+  const bool has64Bits = std::string(std::istreambuf_iterator<char>(program), {}).at(4) == 2;  // elf(5): EI_CLASS
+  return has64Bits ? "1099511627776" : "2147483647";
 }
 
 }  // namespace
@@ -106,7 +114,8 @@ TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
   const std::vector<std::array<std::string, 3>> cases{
       {"--loops", "0", "a number from 1 to 64"},
       {"--loops", "65", "a number from 1 to 64"},
-      {"--max-line", "1 ", "a number from 1 to 1099511627776"},
+      {"--all-backlogs", "1099511627777", "a number from 1 to " + MaxBound()},
+      {"--max-line", "1 ", "a number from 1 to " + MaxBound()},
       {"--metrics-interval", "-1", "a number from 1 to 86400"},
       {"--stop-timeout", "0", "a number from 1 to 86400"},
       {"--request-timeout", "86401", "a number from 1 to 86400"},
@@ -161,7 +170,7 @@ TEST(Options, AddressInUseEndsWithStatus69AndSaysSo) {
 
 TEST(Options, EveryAddressIsServedAndThePortIsTheOneThatTheKernelPicked) {
   const TemporaryDirectory directory;
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(),
+  DaemonProcess daemon(ServerProgram(), directory.GetPath(),
                        {"--listen", "127.0.0.1:0", "--listen", "127.0.0.1:0", "--listen", "127.1.2.3:0"});
   const std::vector<std::string> addresses = daemon.AwaitAddresses(3);
   EXPECT_THAT(addresses,
@@ -173,7 +182,7 @@ TEST(Options, EveryAddressIsServedAndThePortIsTheOneThatTheKernelPicked) {
 
 TEST(Options, VersionSixAddressesStandInBrackets) {
   const TemporaryDirectory directory;
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--listen", "[::1]:0"});
+  DaemonProcess daemon(ServerProgram(), directory.GetPath(), {"--listen", "[::1]:0"});
   if (!HasIpv6Loopback()) {
     EXPECT_EQ(daemon.AwaitEnd(), 69);
     return;
@@ -185,7 +194,7 @@ TEST(Options, VersionSixAddressesStandInBrackets) {
 
 TEST(Options, RemoteAddressIsServedWhenThatIsAllowed) {
   const TemporaryDirectory directory;
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--allow-remote", "--listen", "0.0.0.0:0"});
+  DaemonProcess daemon(ServerProgram(), directory.GetPath(), {"--allow-remote", "--listen", "0.0.0.0:0"});
   EXPECT_THAT(daemon.AwaitAddresses().front(), MatchesRegex("0\\.0\\.0\\.0:[1-9][0-9]+"));
   ProtocolClient(daemon.GetPort()).AwaitHandled();
 }

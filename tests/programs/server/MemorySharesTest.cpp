@@ -1,0 +1,105 @@
+#include "programs/server/options/MemoryShares.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "programs/server/options/OptionTable.h"
+#include "programs/server/system/MemorySize.h"
+#include "tests/programs/server/Daemon.h"
+
+namespace tavix::test {
+
+namespace {
+
+using daemon::FormatSize;
+using daemon::Limits;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr uint64_t kMegabyte = 1024 * 1024;
+
+std::string Show(const std::vector<std::string>& arguments) {
+  const TemporaryDirectory directory;
+  DaemonProcess daemon(ServerProgram(), directory.GetPath(), arguments);
+  EXPECT_EQ(daemon.AwaitEnd(), 0) << daemon.GetErrors();
+  return daemon.GetOutput();
+}
+
+}  // namespace
+
+TEST(MemoryShares, AreEighthsOfTheMemory) {
+  const Limits limits = daemon::ShareMemory(800 * kMegabyte);
+  EXPECT_EQ(limits.allBacklogBytes, 100 * kMegabyte);
+  EXPECT_EQ(limits.allRequestBytes, 100 * kMegabyte);
+}
+
+TEST(MemoryShares, AreBoundedByThatOfALargeMachine) {
+  const Limits limits = daemon::ShareMemory(1000 * 1024 * kMegabyte);
+  EXPECT_EQ(limits.allBacklogBytes, 512 * kMegabyte);
+  EXPECT_EQ(limits.allRequestBytes, 256 * kMegabyte);
+}
+
+TEST(MemoryShares, AreFourMebibytesAtLeast) {
+  for (const uint64_t memory : {uint64_t{0}, kMegabyte, 32 * kMegabyte}) {
+    const Limits limits = daemon::ShareMemory(memory);
+    EXPECT_EQ(limits.allBacklogBytes, 4 * kMegabyte);
+    EXPECT_EQ(limits.allRequestBytes, 4 * kMegabyte);
+  }
+}
+
+TEST(MemoryShares, BoundOneClientByWhatAllMayCost) {
+  Limits limits = daemon::ShareMemory(0);
+  daemon::BoundClientsByAll(limits);
+  EXPECT_EQ(limits.hardBacklogBytes, 4 * kMegabyte);
+  EXPECT_EQ(limits.heldBacklogBytes, 4 * kMegabyte);
+  EXPECT_EQ(limits.backlogBytes, 4 * kMegabyte);
+  EXPECT_EQ(limits.requestBytes, 4 * kMegabyte);
+}
+
+TEST(MemoryShares, LeaveTheBoundsOfOneClientOnALargeMachine) {
+  Limits limits = daemon::ShareMemory(1000 * 1024 * kMegabyte);
+  daemon::BoundClientsByAll(limits);
+  EXPECT_EQ(limits.hardBacklogBytes, Limits().hardBacklogBytes);
+  EXPECT_EQ(limits.heldBacklogBytes, Limits().heldBacklogBytes);
+  EXPECT_EQ(limits.backlogBytes, Limits().backlogBytes);
+  EXPECT_EQ(limits.requestBytes, Limits().requestBytes);
+  EXPECT_EQ(limits.lineBytes, Limits().lineBytes);
+}
+
+TEST(MemoryShares, SizesAreShownInMebibytes) {
+  EXPECT_EQ(FormatSize(512 * kMegabyte), "512 MiB");
+  EXPECT_EQ(FormatSize(15 * kMegabyte / 2), "7.5 MiB");
+}
+
+TEST(MemoryShares, HelpTellsWhatTheyComeToOnASmallMachine) {
+  const std::string help = daemon::FormatHelp(daemon::ShareMemory(80 * kMegabyte));
+  EXPECT_THAT(
+      help,
+      ContainsRegex("--all-requests BYTES[^-]*from[ \n]+4[ \n]+to[ \n]+256[ \n]+MiB;[ \n]+here[ \n]+10[ \n]+MiB\n"));
+  EXPECT_THAT(help, Not(HasSubstr("{}")));
+}
+
+TEST(MemoryShares, HelpTellsWhatTheyComeToHere) {
+  const Limits limits = daemon::ShareMemory(daemon::MemorySize().GetBytes());
+  std::string help = Show({"--help"});
+  for (size_t at = 0; (at = help.find("\n  ", at)) != std::string::npos;)  // lines that go on
+    help.replace(at, help.find_first_not_of(' ', at + 1) - at, " ");
+  EXPECT_THAT(help, HasSubstr("from 4 to 512 MiB; here " + FormatSize(limits.allBacklogBytes) + " "));
+  EXPECT_THAT(help, HasSubstr("from 4 to 256 MiB; here " + FormatSize(limits.allRequestBytes) + " "));
+}
+
+TEST(MemoryShares, CheckTellsWhatTheyComeToHere) {
+  const uint64_t memory = daemon::MemorySize().GetBytes();
+  const Limits limits = daemon::ShareMemory(memory);
+  EXPECT_THAT(Show({"--check"}),
+              HasSubstr("bounds: --all-backlogs " + FormatSize(limits.allBacklogBytes) + ", --all-requests " +
+                        FormatSize(limits.allRequestBytes) + ", with " + FormatSize(memory) + " of memory\n"));
+}
+
+TEST(MemoryShares, OptionsAreTakenAsGiven) {
+  EXPECT_THAT(Show({"--check", "--all-backlogs", "1048576", "--all-requests", "1073741824"}),
+              HasSubstr("bounds: --all-backlogs 1 MiB, --all-requests 1024 MiB, with "));
+}
+
+}  // namespace tavix::test
