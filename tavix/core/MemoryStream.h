@@ -6,7 +6,8 @@
 #include <streambuf>
 #include <string>
 #include <string_view>
-#include <typeinfo>
+
+#include "tavix/osa/Export.h"
 
 namespace tavix::core {
 
@@ -61,11 +62,13 @@ class ViewIstream final : public std::istream {
   ViewIstream() : std::istream(nullptr) {
     init(&_buffer);
     imbue(std::locale::classic());
+    pword(GetMark()) = this;
   }
 
-  // The stream as a view, when it is one, else null.
+  // The stream as a view, when it is one, else null. Works without run-time type information.
   static ViewIstream* From(std::istream& in) {
-    return typeid(in) == typeid(ViewIstream) ? static_cast<ViewIstream*>(&in) : nullptr;
+    auto* const view = static_cast<ViewIstream*>(in.pword(GetMark()));
+    return view && static_cast<std::istream*>(view) == &in ? view : nullptr;  // copyfmt() copies marks
   }
 
   // text: borrowed until the next call.
@@ -95,6 +98,9 @@ class ViewIstream final : public std::istream {
   }
 
  private:
+  // The index of the pword() of a view that holds its address.
+  TAVIX_EXPORT static int GetMark();
+
   struct Buffer : std::streambuf {
     // The get area is never written to; its type is that of all stream buffers.
     void SetText(std::string_view text) {

@@ -138,4 +138,22 @@ TEST(ViewIstream, DoesNotFollowTheProcesssLocale) {
   EXPECT_EQ(number, 1234567);
 }
 
+TEST(ViewIstream, IsFoundBehindItsBaseClass) {
+  ViewIstream in;
+  EXPECT_EQ(ViewIstream::From(in), &in);
+}
+
+TEST(ViewIstream, OtherStreamsAreNone) {
+  std::istringstream in("text");
+  EXPECT_EQ(ViewIstream::From(in), nullptr);
+  EXPECT_TRUE(in.good());
+}
+
+TEST(ViewIstream, StreamThatTakesOverItsFormatIsNone) {
+  const ViewIstream in;
+  std::istringstream other("text");
+  other.copyfmt(in);
+  EXPECT_EQ(ViewIstream::From(other), nullptr);
+}
+
 }  // namespace
