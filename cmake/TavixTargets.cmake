@@ -1,3 +1,14 @@
+# Lets a target's build use a library that is headers alone, the same for all processors: where they lie among the building
+# machine's own headers, which must not be seen then, they get a folder of their own. Of use in the calling directory.
+function(tavix_isolate_headers library folder)
+  get_target_property(include ${library} INTERFACE_INCLUDE_DIRECTORIES)
+  if(CMAKE_CROSSCOMPILING AND include STREQUAL "/usr/include")
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/headers)
+    file(CREATE_LINK ${include}/${folder} ${PROJECT_BINARY_DIR}/headers/${folder} SYMBOLIC)
+    set_target_properties(${library} PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${PROJECT_BINARY_DIR}/headers)
+  endif()
+endfunction()
+
 # What every target of ours is compiled with.
 function(tavix_configure target)
   target_compile_features(${target} PUBLIC cxx_std_17)
@@ -5,6 +16,10 @@ function(tavix_configure target)
     ${target} PROPERTIES CXX_STANDARD 17 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden
                          VISIBILITY_INLINES_HIDDEN ON)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor)
+  # Files above 2 GiB and times after 2038. No public header holds such types.
+  if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+  endif()
   if(TAVIX_IS_TOP_LEVEL)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

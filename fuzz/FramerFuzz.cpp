@@ -93,7 +93,7 @@ class PieceSizes {
 
   size_t Next() {
     _state = _state * 6364136223846793005u + 1442695040888963407u;
-    return 1 + (_state >> 33) % _most;
+    return 1 + static_cast<size_t>(_state >> 33) % _most;
   }
 
  private:

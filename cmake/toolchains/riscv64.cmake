@@ -5,8 +5,7 @@ set(triplet riscv64-linux-gnu)
 set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
 
-# Programs are the building machine's; libraries and headers are the target's: those of the compiler, and those that
-# Debian installs beside the machine's own (dpkg --add-architecture riscv64; apt-get install zlib1g-dev:riscv64).
+# Programs are the building machine's; libraries and headers are the target's, those of the compiler.
 set(CMAKE_FIND_ROOT_PATH /usr/${triplet})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -72,7 +73,7 @@ bool RotatingLogFile::Write(LogLevel, const std::string& line, const std::string
     }
     struct stat now {};
     if (fstat(_descriptor, &now) == 0 && now.st_size > 0 &&
-        static_cast<size_t>(now.st_size) + line.size() > _limits.bytes) {
+        static_cast<uint64_t>(now.st_size) + line.size() > _limits.bytes) {
       Rotate();
     }
     return Append(line);

@@ -158,6 +158,14 @@ TAVIX_REPLACES int open64(const char* path, int flags, ...) {
   return tavix::test::Open("open64", path, flags, mode);
 }
 
+TAVIX_REPLACES int openat64(int directory, const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = tavix::test::ModeOf(flags, arguments);
+  va_end(arguments);
+  return tavix::test::OpenAt("openat64", directory, path, flags, mode);
+}
+
 TAVIX_REPLACES int openat(int directory, const char* path, int flags, ...) {
   va_list arguments;
   va_start(arguments, flags);
@@ -198,9 +206,20 @@ TAVIX_REPLACES int ftruncate(int descriptor, off_t size) noexcept {
   return tavix::test::Next<int(int, off_t)>("ftruncate")(descriptor, size);
 }
 
+TAVIX_REPLACES int ftruncate64(int descriptor, off64_t size) noexcept {
+  if (tavix::test::FailsOn(descriptor)) return -1;
+  return tavix::test::Next<int(int, off64_t)>("ftruncate64")(descriptor, size);
+}
+
 TAVIX_REPLACES int futimens(int descriptor, const struct timespec times[2]) noexcept {
   if (tavix::test::FailsOn(descriptor)) return -1;
   return tavix::test::Next<int(int, const struct timespec*)>("futimens")(descriptor, times);
+}
+
+// What it is called on 32 bits, with times after 2038.
+TAVIX_REPLACES int __futimens64(int descriptor, const void* times) noexcept {
+  if (tavix::test::FailsOn(descriptor)) return -1;
+  return tavix::test::Next<int(int, const void*)>("__futimens64")(descriptor, times);
 }
 
 TAVIX_REPLACES int rename(const char* from, const char* to) noexcept {

@@ -302,8 +302,9 @@ void MemoryFiles::AddObserver(Observer observer) {
 // The caller holds the lock.
 void MemoryFiles::Write(size_t file, uint64_t offset, std::string_view bytes) {
   std::string& content = _files[file].bytes;
-  content.resize(std::max<size_t>(content.size(), offset + bytes.size()), '\0');
-  content.replace(offset, bytes.size(), bytes);
+  const auto begin = static_cast<size_t>(offset);
+  content.resize(std::max(content.size(), begin + bytes.size()), '\0');
+  content.replace(begin, bytes.size(), bytes);
 }
 
 std::shared_ptr<const bool> MemoryFiles::NoteOpen(size_t file) {

@@ -101,8 +101,9 @@ void PowerCuts::Apply(std::string& bytes, const Operation& change) {
 }
 
 void PowerCuts::Write(std::string& bytes, uint64_t offset, std::string_view part) {
-  bytes.resize(std::max<size_t>(bytes.size(), offset + part.size()), '\0');
-  bytes.replace(offset, part.size(), part);
+  const auto begin = static_cast<size_t>(offset);
+  bytes.resize(std::max(bytes.size(), begin + part.size()), '\0');
+  bytes.replace(begin, part.size(), part);
 }
 
 std::string PowerCuts::CutFile(const DiskFile& file) {
@@ -120,7 +121,7 @@ std::string PowerCuts::CutFile(const DiskFile& file) {
         Apply(bytes, *write);
         break;
       case kZeros:
-        bytes.resize(std::max<size_t>(bytes.size(), write->offset + write->bytes.size()), '\0');
+        bytes.resize(std::max(bytes.size(), static_cast<size_t>(write->offset) + write->bytes.size()), '\0');
         break;
       case kTorn:
         WriteSome(bytes, *write);
@@ -136,13 +137,14 @@ std::string PowerCuts::CutFile(const DiskFile& file) {
 void PowerCuts::WriteSome(std::string& bytes, const Operation& write) {
   const std::string_view part = write.bytes;
   const size_t granularity = kGranularities[Below(3)];
+  const auto offset = static_cast<size_t>(write.offset);
   if (granularity == 1) {
     const size_t split = Below(part.size() + 1);
     return Below(2) ? Write(bytes, write.offset, part.substr(0, split))
                     : Write(bytes, write.offset + split, part.substr(split));
   }
   for (size_t begin = 0; begin < part.size();) {
-    const size_t end = std::min<size_t>(part.size(), begin + granularity - (write.offset + begin) % granularity);
+    const size_t end = std::min<size_t>(part.size(), begin + granularity - (offset + begin) % granularity);
     if (Below(2)) Write(bytes, write.offset + begin, part.substr(begin, end - begin));
     begin = end;
   }

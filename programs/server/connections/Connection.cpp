@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -94,15 +95,15 @@ class Turn {
   bool IsOver() const { return _requests == kRequestsInATurn || ReadClock() - _begin >= _milliseconds; }
 
  private:
-  static long ReadClock() {
+  static int64_t ReadClock() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec * 1000L + now.tv_nsec / 1'000'000;
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
   }
 
   const int _milliseconds;
   int _requests = 0;
-  long _begin = 0;
+  int64_t _begin = 0;
 };
 
 }  // namespace

@@ -185,7 +185,7 @@ JournalReader::JournalReader(std::string_view bytes) : _bytes(bytes) {
 }
 
 bool JournalReader::Next() {
-  const std::optional<Record> record = ReadRecord(_bytes.substr(std::min<uint64_t>(_end, _bytes.size())));
+  const std::optional<Record> record = ReadRecord(_bytes.substr(std::min(_end, _bytes.size())));
   if (!record || !record->FollowsOn(_checksum)) return false;
   _removed = record->texts.substr(0, record->removed);
   _set = record->texts.substr(record->removed);
@@ -199,7 +199,7 @@ bool JournalReader::HasMore() const {
   return CountMore() > 0;
 }
 
-uint64_t JournalReader::CountMore() const {
+size_t JournalReader::CountMore() const {
   const size_t last = _bytes.find_last_not_of('\0');
   return last == std::string_view::npos || last < _end ? 0 : last + 1 - _end;
 }

@@ -73,7 +73,7 @@ class JournalReader {
   bool HasMore() const;
 
   // How many bytes that are.
-  uint64_t CountMore() const;
+  size_t CountMore() const;
 
   // Where the first record behind the end begins that is whole, but does not count for what stands before it. npos:
   // there is none.
@@ -89,7 +89,7 @@ class JournalReader {
   SnapshotId _follows;
   uint64_t _wholeFrom = 0;
   bool _hasExtendingVersion = false;
-  uint64_t _end = 0;
+  size_t _end = 0;
   uint32_t _checksum = 0;
   std::string_view _removed;
   std::string_view _set;

@@ -105,7 +105,7 @@ class SystemFile : public File {
   void SetModificationTime(int64_t nanoseconds) override {
     timespec times[2] = {{0, UTIME_OMIT}, {}};
     times[1].tv_sec = nanoseconds / kNanosecondsInASecond;
-    times[1].tv_nsec = nanoseconds % kNanosecondsInASecond;
+    times[1].tv_nsec = static_cast<long>(nanoseconds % kNanosecondsInASecond);
     if (futimens(_descriptor.Get(), times) != 0) Fail("set the time of", _path);
     _timeIsNew = true;
   }

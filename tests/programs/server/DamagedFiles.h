@@ -101,7 +101,7 @@ class DamagedFiles : public testing::Test {
   // That --check says so, and touches nothing.
   void ExpectCheckFinds(const std::string& damage) {
     const std::vector<std::string> before = ListFiles();
-    DaemonProcess check(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--check", "--user-settings", "user.ini"});
+    DaemonProcess check(ServerProgram(), _directory.GetPath(), {"--check", "--user-settings", "user.ini"});
     EXPECT_EQ(check.AwaitEnd(), 78);
     EXPECT_THAT(check.GetErrors(),
                 testing::HasSubstr("tavix-settings-server: User settings are damaged: 'user.ini': " + damage));

@@ -9,6 +9,7 @@
 #include <list>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/FileFaultsModule.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/FileFaults.h"
@@ -105,7 +106,7 @@ class FaultyDaemon {
 
  private:
   void Start() {
-    const FileFaults::Environment environment(_faults, TAVIX_FILE_FAULTS);
+    const FileFaults::Environment environment(_faults, FileFaultsModule());
     _daemon.emplace(_directory, std::vector<std::string>{"--user-settings", _directory.Path("user.ini"), "--durability",
                                                          _begin.durability});
   }
@@ -229,7 +230,7 @@ TEST_F(FileFaultsOfADaemon, OnAReadOnlyFileSystemItServesWarnsAndTriesAgain) {
   fs::copy(_template.GetPath(), directory.GetPath());
   FileFaults faults(directory.GetPath());
   faults.Fail(EROFS);
-  const FileFaults::Environment environment(faults, TAVIX_FILE_FAULTS);
+  const FileFaults::Environment environment(faults, FileFaultsModule());
   const std::string file = directory.Path("user.ini");
   Daemon daemon(directory, {"--user-settings", file});
   ProtocolClient client(daemon.GetPort());
@@ -248,7 +249,7 @@ TEST_F(FileFaultsOfADaemon, ChangesOfAReadOnlyFileSystemAreNotSavedAtTheEnd) {
   fs::copy(_template.GetPath(), directory.GetPath());
   FileFaults faults(directory.GetPath());
   faults.Fail(EROFS);
-  const FileFaults::Environment environment(faults, TAVIX_FILE_FAULTS);
+  const FileFaults::Environment environment(faults, FileFaultsModule());
   Daemon daemon(directory, {"--user-settings", directory.Path("user.ini")});
   Converse(daemon.GetPort(), "merge\n[A]\nk1=v1\n.\n");
   EXPECT_EQ(daemon.Stop(), 74);

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/FileFaultsModule.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
@@ -35,7 +36,7 @@ class HeldOutput : public testing::Test {
   ~HeldOutput() override { _faults.LetSyncsGo(); }
 
   void Start(std::vector<std::string> arguments = {}) {
-    const FileFaults::Environment environment(_faults, TAVIX_FILE_FAULTS);
+    const FileFaults::Environment environment(_faults, FileFaultsModule());
     arguments.insert(arguments.end(), {"--user-settings", _directory.Path("user.ini"), "--durability", _durability});
     _daemon.emplace(_directory, arguments);
     _writer.emplace(_daemon->GetPort());

@@ -60,7 +60,7 @@ class InitScript : public testing::TestWithParam<std::string> {
   pid_t DaemonId() const { return std::stoi(_directory.Read("own/server.pid")); }
 
   const TemporaryDirectory _directory;
-  const ScopedEnvironment _program{"DAEMON", TAVIX_SERVER_PROGRAM};
+  const ScopedEnvironment _program{"DAEMON", ServerProgram()};
   const ScopedEnvironment _arguments{"DAEMON_ARGS", "--listen unix:s.sock --user-settings user.ini"};
   const ScopedEnvironment _defaults{"DEFAULTS", "/dev/null"};  // not those of a daemon that this machine may have
   const ScopedEnvironment _ownPlace{"OWN_DIR", _directory.Path("own").c_str()};
@@ -179,10 +179,10 @@ TEST_P(InitScript, WordThatIsNoneEndsWithStatus2) {
 TEST(PackagedConfiguration, IsRight) {
   const TemporaryDirectory directory;
   const std::string file = TAVIX_SOURCE_DIR "/packaging/server.conf";
-  DaemonProcess asItIs(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--check", "--config", file});
+  DaemonProcess asItIs(ServerProgram(), directory.GetPath(), {"--check", "--config", file});
   asItIs.AwaitEnd();
   EXPECT_THAT(asItIs.GetOutput(), StartsWith("configuration: " + file + "\nuser settings: /var/lib/tavix-settings/"));
-  DaemonProcess elsewhere(TAVIX_SERVER_PROGRAM, directory.GetPath(),
+  DaemonProcess elsewhere(ServerProgram(), directory.GetPath(),
                           {"--check", "--config", file, "--user-settings", "user.ini"});
   EXPECT_EQ(elsewhere.AwaitEnd(), 0) << elsewhere.GetErrors();
 }

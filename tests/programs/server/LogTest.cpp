@@ -27,7 +27,7 @@ class StalledDaemon : public DaemonProcess {
                       {"-c",
                        "mkfifo -m 0600 errors; exec 3<>errors; "
                        "exec \"$0\" --config /dev/null --log-level trace --listen 127.0.0.1:0 2>errors",
-                       TAVIX_SERVER_PROGRAM}) {}
+                       ServerProgram()}) {}
 };
 
 constexpr size_t kCommands = 5000;
@@ -74,7 +74,7 @@ TEST_F(Log, PipeThatNobodyReadsDoesNotHoldUpAStartThatFails) {
                        {"-c",
                         "mkfifo errors; exec 3<>errors; dd if=/dev/zero of=errors bs=4096 oflag=nonblock; "
                         "exec \"$0\" --config /dev/null --listen 0.0.0.0:0 2>errors",
-                        TAVIX_SERVER_PROGRAM});
+                        ServerProgram()});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
 }
 

@@ -78,7 +78,7 @@ class Activated : public DaemonProcess {
     for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
       if (getenv(variable)) all.push_back("--setenv=" + std::string(variable));
     }
-    all.insert(all.end(), {TAVIX_SERVER_PROGRAM, "--config", "/dev/null"});
+    all.insert(all.end(), {ServerProgram(), "--config", "/dev/null"});
     all.insert(all.end(), more.begin(), more.end());
     return all;
   }
@@ -301,7 +301,7 @@ TEST_F(ServiceManager, PassedSocketThatIsNotLoopbackNeedsToBeAllowed) {
   const auto run = [&](const std::string& options) {
     return std::vector<std::string>{
         "-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null " + options + " 3<&" + number,
-        TAVIX_SERVER_PROGRAM};
+        ServerProgram()};
   };
   DaemonProcess refused("/bin/bash", _directory.GetPath(), run(""));
   EXPECT_EQ(refused.AwaitEnd(), 69);
@@ -321,7 +321,7 @@ TEST_F(ServiceManager, SocketsOfAnotherProcessAreNotTaken) {
 TEST_F(ServiceManager, PassedDescriptorThatIsNoListeningSocketEndsWithStatus69) {
   DaemonProcess daemon(
       "/bin/sh", _directory.GetPath(),
-      {"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null 3</dev/null", TAVIX_SERVER_PROGRAM});
+      {"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null 3</dev/null", ServerProgram()});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
   EXPECT_EQ(daemon.GetErrors(),
             "tavix-settings-server: Descriptor 3, which the service manager passed, is no listening stream socket\n");
@@ -330,8 +330,8 @@ TEST_F(ServiceManager, PassedDescriptorThatIsNoListeningSocketEndsWithStatus69) 
 TEST(Journal, LinesBeginWithTheirLevelWhenStandardErrorIsTheJournal) {
   const TemporaryDirectory directory;
   DaemonProcess daemon("/bin/sh", directory.GetPath(),
-                       {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"",
-                        TAVIX_SERVER_PROGRAM, "--config", "/dev/null", "--listen", "127.0.0.1:0"});
+                       {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"", ServerProgram(),
+                        "--config", "/dev/null", "--listen", "127.0.0.1:0"});
   Converse(daemon.GetPort(), "bogus\n");
   daemon.AwaitErrors("<4>MsgDispatcher: Invalid command: bogus\n");
   daemon.Signal(SIGHUP);
@@ -342,10 +342,9 @@ TEST(Journal, LinesBeginWithTheirLevelWhenStandardErrorIsTheJournal) {
 
 TEST(Journal, FailedStartIsAnErrorInTheJournal) {
   const TemporaryDirectory directory;
-  DaemonProcess daemon(
-      "/bin/sh", directory.GetPath(),
-      {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"", TAVIX_SERVER_PROGRAM, "--config",
-       "/dev/null", "--defaults", "gone.ini", "--listen", "127.0.0.1:0"});
+  DaemonProcess daemon("/bin/sh", directory.GetPath(),
+                       {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"", ServerProgram(),
+                        "--config", "/dev/null", "--defaults", "gone.ini", "--listen", "127.0.0.1:0"});
   EXPECT_EQ(daemon.AwaitEnd(), 78);
   EXPECT_THAT(daemon.GetErrors(), StartsWith("<3>tavix-settings-server: Failed to open settings file 'gone.ini'"));
 }

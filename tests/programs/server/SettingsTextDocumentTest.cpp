@@ -45,7 +45,7 @@ TEST(SettingsTextDocument, EveryErrorIsAsShown) {
     SCOPED_TRACE(example.text.place);
     const TemporaryDirectory directory;
     directory.Write("site.ini", example.text.GetText());
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--check", "--defaults", "site.ini"});
+    DaemonProcess daemon(ServerProgram(), directory.GetPath(), {"--check", "--defaults", "site.ini"});
     EXPECT_EQ(daemon.AwaitEnd(), 78);
     EXPECT_EQ(daemon.GetErrors(), "tavix-settings-server: " + example.outcome.GetText());
   }

@@ -192,7 +192,7 @@ TEST_F(Signals, EndACheckAtOnceWhateverItWaitsFor) {
         {"-c",
          "rm -f full; mkfifo full; exec 3<>full; dd if=/dev/zero of=full bs=4096 oflag=nonblock; echo is full >&2; "
          "exec \"$0\" --config /dev/null --check >full",
-         TAVIX_SERVER_PROGRAM});
+         ServerProgram()});
     check.AwaitErrors("is full\n");
     check.AwaitIdle();
     check.Signal(signal);

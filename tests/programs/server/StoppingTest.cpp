@@ -139,7 +139,7 @@ TEST(Stopping, AddressCanBeListenedOnAgainAtOnce) {
   const TemporaryDirectory directory;
   std::string address = OwnLoopbackAddress() + ":0";
   for (int round = 0; round < 3; ++round) {
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, directory.GetPath(), {"--listen", address});
+    DaemonProcess daemon(ServerProgram(), directory.GetPath(), {"--listen", address});
     address = daemon.AwaitAddresses().front();
     ProtocolClient client(address);
     client.AwaitHandled();

@@ -33,7 +33,7 @@ class UnixSocket : public testing::Test {
 
   // Runs the program to its end; returns what it wrote to standard error.
   std::string RunToEnd(int expectedStatus, const std::vector<std::string>& more = {}) const {
-    DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), Arguments(more));
+    DaemonProcess daemon(ServerProgram(), _directory.GetPath(), Arguments(more));
     EXPECT_EQ(daemon.AwaitEnd(), expectedStatus);
     return daemon.GetErrors();
   }
@@ -56,7 +56,7 @@ class UnixSocket : public testing::Test {
 class Running : public DaemonProcess {
  public:
   Running(const TemporaryDirectory& directory, const std::vector<std::string>& arguments)
-      : DaemonProcess(TAVIX_SERVER_PROGRAM, directory.GetPath(), arguments) {
+      : DaemonProcess(ServerProgram(), directory.GetPath(), arguments) {
     AwaitAddresses();
   }
 };
@@ -202,7 +202,7 @@ TEST_F(UnixSocket, WhatTookItsPlaceIsNotRemovedAtTheEnd) {
 }
 
 TEST_F(UnixSocket, MissingDirectoryEndsWithStatus69) {
-  DaemonProcess daemon(TAVIX_SERVER_PROGRAM, _directory.GetPath(), {"--listen", "unix:gone/s.sock"});
+  DaemonProcess daemon(ServerProgram(), _directory.GetPath(), {"--listen", "unix:gone/s.sock"});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
   EXPECT_EQ(
       daemon.GetErrors(),

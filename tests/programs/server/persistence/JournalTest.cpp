@@ -121,7 +121,7 @@ TEST(Journal, ChangeThatIsMadeAgainDoesNotBringBackTheLostOnesThatFollowedIt) {
   MemoryFiles files;
   const auto before = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   before->TakePlace();
-  const size_t second = before->GetEnd();
+  const uint64_t second = before->GetEnd();
   before->Append(Setting("2"));
   before->Append(Setting("3"));
   files.Open(kInPlace)->WriteAt(second, std::string(8, '\0'));

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <vector>
 
 namespace tavix::test {
@@ -11,7 +12,7 @@ using daemon::RetryBackoff;
 
 namespace {
 
-long SecondsAfterAFailure(RetryBackoff& retry) {
+int64_t SecondsAfterAFailure(RetryBackoff& retry) {
   const RetryBackoff::Clock::time_point now = RetryBackoff::Clock::now();
   retry.OnFailure(now);
   return std::chrono::duration_cast<std::chrono::seconds>(retry.GetNextTry() - now).count();
