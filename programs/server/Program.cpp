@@ -136,7 +136,7 @@ int RunProgram(int argc, char** argv) {
   try {
     switch (FindAction(commandLine)) {
       case Options::Action::kShowHelp:
-        std::fputs(FormatHelp(FindDefaultLimits({})).c_str(), stdout);
+        std::fputs(FormatHelp(FindDefaultLimits()).c_str(), stdout);
         return kExitDone;
       case Options::Action::kShowVersion:
         std::puts("tavix-settings-server " TAVIX_VERSION);

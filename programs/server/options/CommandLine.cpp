@@ -77,10 +77,8 @@ Options MakeOptions(const Limits& limits, const std::vector<GivenOption>& given)
 
 }  // namespace
 
-Limits FindDefaultLimits(const std::vector<GivenOption>& given) {
-  Limits limits = MakeOptions(ShareMemory(MemorySize().GetBytes()), given).limits;
-  BoundClientsByAll(limits);
-  return limits;
+Limits FindDefaultLimits() {
+  return ShareMemory(MemorySize().GetBytes());
 }
 
 bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given) {
@@ -113,7 +111,7 @@ Options ReadOptions(const std::vector<GivenOption>& commandLine) {
   };
   all.erase(std::remove_if(all.begin(), all.end(), isOverruled), all.end());
   all.insert(all.end(), commandLine.begin(), commandLine.end());
-  options = MakeOptions(FindDefaultLimits(all), all);
+  options = MakeOptions(FindDefaultLimits(), all);
   SetDefaults(options);
   return options;
 }

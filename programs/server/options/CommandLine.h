@@ -19,9 +19,8 @@ struct GivenOption {
 // What the command line asks for.
 Options::Action FindAction(const std::vector<GivenOption>& commandLine);
 
-// The bounds of memory that hold where "given" gives no others, on this machine. What one client may cost depends on
-// what all may.
-Limits FindDefaultLimits(const std::vector<GivenOption>& given);
+// The bounds that hold where no option gives others, on this machine.
+Limits FindDefaultLimits();
 
 // All options: what the command line gives, for the rest what the configuration file gives, and for the rest the
 // defaults. Throws osa::Exception naming file, key and value. commandLine: as ParseCommandLine left it.

@@ -23,13 +23,6 @@ Limits ShareMemory(uint64_t memoryBytes) {
   return limits;
 }
 
-void BoundClientsByAll(Limits& limits) {
-  for (size_t* const backlog : {&limits.backlogBytes, &limits.hardBacklogBytes, &limits.heldBacklogBytes})
-    *backlog = std::min(*backlog, limits.allBacklogBytes);
-  for (size_t* const request : {&limits.requestBytes, &limits.lineBytes})
-    *request = std::min(*request, limits.allRequestBytes);
-}
-
 std::string FormatSize(uint64_t bytes) {
   char text[32];
   const bool isWhole = bytes % kMegabyte == 0;

@@ -165,9 +165,7 @@ std::vector<OptionEntry> MakeTable() {
        Limit(&Limits::patterns)},
       {"", "max-line", "BYTES", Kind::kValue, true, "of one line that a client sends (16 MiB)",
        Limit(&Limits::lineBytes)},
-      {"", "max-request", "BYTES", Kind::kValue, true,
-       "of one request. Default: 64 MiB, or --all-requests if that is less; here {}", Limit(&Limits::requestBytes),
-       &Limits::requestBytes},
+      {"", "max-request", "BYTES", Kind::kValue, true, "of one request (64 MiB)", Limit(&Limits::requestBytes)},
       {"", "request-timeout", "S", Kind::kValue, true, "for an unfinished request (60)", Time(&Limits::requestSeconds)},
       {"", "all-requests", "BYTES", Kind::kValue, true,
        "of the unfinished requests of all clients together; the longest ends. Default: an eighth of the memory that "
@@ -180,12 +178,10 @@ std::vector<OptionEntry> MakeTable() {
       {"", "max-backlog", "BYTES", Kind::kValue, true, "unread by a client that makes no progress (8 MiB) ...",
        Limit(&Limits::backlogBytes)},
       {"", "backlog-timeout", "S", Kind::kValue, true, "... for so long (10)", Time(&Limits::backlogSeconds)},
-      {"", "hard-backlog", "BYTES", Kind::kValue, true,
-       "unread by a client, whatever it does. Default: 256 MiB, or --all-backlogs if that is less; here {}",
-       Limit(&Limits::hardBacklogBytes), &Limits::hardBacklogBytes},
-      {"", "held-backlog", "BYTES", Kind::kValue, true,
-       "for a client, but waiting for the disk. Default: as --hard-backlog; here {}", Limit(&Limits::heldBacklogBytes),
-       &Limits::heldBacklogBytes},
+      {"", "hard-backlog", "BYTES", Kind::kValue, true, "unread by a client, whatever it does (256 MiB)",
+       Limit(&Limits::hardBacklogBytes)},
+      {"", "held-backlog", "BYTES", Kind::kValue, true, "for a client, but waiting for the disk (256 MiB)",
+       Limit(&Limits::heldBacklogBytes)},
       {"", "all-backlogs", "BYTES", Kind::kValue, true,
        "unread by all clients, or waiting for the disk, together; the longest ends. Default: an eighth of the memory, "
        "as "
