@@ -129,10 +129,12 @@ int OpenAt(const char* name, int directory, const char* path, int flags, mode_t 
   return Next<int(int, const char*, int, ...)>(name)(directory, path, flags, mode);
 }
 
-ssize_t WriteAt(const char* name, int descriptor, const void* bytes, size_t count, off_t offset) {
+// Offset: off_t or off64_t, as "name" takes it; they differ on 32 bits.
+template <class Offset>
+ssize_t WriteAt(const char* name, int descriptor, const void* bytes, size_t count, Offset offset) {
   const ssize_t toWrite = CountToWrite(descriptor, count);
   if (toWrite < 0) return -1;
-  using Call = ssize_t(int, const void*, size_t, off_t);
+  using Call = ssize_t(int, const void*, size_t, Offset);
   return Next<Call>(name)(descriptor, bytes, static_cast<size_t>(toWrite), offset);
 }
 
