@@ -58,9 +58,9 @@ void CheckUserSettings(const std::string& file, Problems& problems) {
 
 // The bounds of memory that depend on the machine.
 void PrintBounds(const Limits& limits) {
-  std::printf("bounds: --all-backlogs %s, --all-requests %s, with %s of memory\n",
+  std::printf("bounds: --all-backlogs %s, --all-requests %s, --max-store %s, with %s of memory\n",
               FormatSize(limits.allBacklogBytes).c_str(), FormatSize(limits.allRequestBytes).c_str(),
-              FormatSize(MemorySize().GetBytes()).c_str());
+              FormatSize(limits.storeBytes).c_str(), FormatSize(MemorySize().GetBytes()).c_str());
 }
 
 void Print(const Problems& problems) {

@@ -20,6 +20,7 @@ Limits ShareMemory(uint64_t memoryBytes) {
   Limits limits;
   limits.allBacklogBytes = Share(memoryBytes / 8, limits.allBacklogBytes);
   limits.allRequestBytes = Share(memoryBytes / 8, limits.allRequestBytes);
+  limits.storeBytes = Share(memoryBytes / 4, limits.storeBytes);
   return limits;
 }
 

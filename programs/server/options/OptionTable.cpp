@@ -173,8 +173,9 @@ std::vector<OptionEntry> MakeTable() {
        "machine and the control group allow, from 4 to 256 MiB; here {}",
        Limit(&Limits::allRequestBytes), &Limits::allRequestBytes},
       {"", "max-store", "BYTES", Kind::kValue, true,
-       "of all settings in memory, about; a change that would pass it is not made, and the client stays (256 MiB)",
-       Limit(&Limits::storeBytes)},
+       "of all settings in memory, about; a change that would pass it is not made, and the client stays. Default: a "
+       "quarter of the memory, as for --all-requests, from 4 to 256 MiB; here {}",
+       Limit(&Limits::storeBytes), &Limits::storeBytes},
       {"", "max-backlog", "BYTES", Kind::kValue, true, "unread by a client that makes no progress (8 MiB) ...",
        Limit(&Limits::backlogBytes)},
       {"", "backlog-timeout", "S", Kind::kValue, true, "... for so long (10)", Time(&Limits::backlogSeconds)},

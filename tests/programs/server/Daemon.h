@@ -34,8 +34,9 @@ class Daemon : public DaemonProcess {
     arguments.insert(arguments.begin(), {"--defaults-dir", "nothing-installed", "--restricted-dir", "nothing-installed",
                                          "--stop-timeout", std::to_string(kPatience.count() / 2)});
     const daemon::Limits limits;
-    arguments.insert(arguments.begin(), {"--all-backlogs", std::to_string(limits.allBacklogBytes), "--all-requests",
-                                         std::to_string(limits.allRequestBytes)});
+    arguments.insert(arguments.begin(),
+                     {"--all-backlogs", std::to_string(limits.allBacklogBytes), "--all-requests",
+                      std::to_string(limits.allRequestBytes), "--max-store", std::to_string(limits.storeBytes)});
     arguments.insert(arguments.end(), {"--listen", "127.0.0.1:0"});
     return arguments;
   }

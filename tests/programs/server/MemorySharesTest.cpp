@@ -28,23 +28,26 @@ std::string Show(const std::vector<std::string>& arguments) {
 
 }  // namespace
 
-TEST(MemoryShares, AreEighthsOfTheMemory) {
+TEST(MemoryShares, AreEighthsAndAQuarterOfTheMemory) {
   const Limits limits = daemon::ShareMemory(800 * kMegabyte);
   EXPECT_EQ(limits.allBacklogBytes, 100 * kMegabyte);
   EXPECT_EQ(limits.allRequestBytes, 100 * kMegabyte);
+  EXPECT_EQ(limits.storeBytes, 200 * kMegabyte);
 }
 
 TEST(MemoryShares, AreBoundedByThatOfALargeMachine) {
   const Limits limits = daemon::ShareMemory(1000 * 1024 * kMegabyte);
   EXPECT_EQ(limits.allBacklogBytes, 512 * kMegabyte);
   EXPECT_EQ(limits.allRequestBytes, 256 * kMegabyte);
+  EXPECT_EQ(limits.storeBytes, 256 * kMegabyte);
 }
 
 TEST(MemoryShares, AreFourMebibytesAtLeast) {
-  for (const uint64_t memory : {uint64_t{0}, kMegabyte, 32 * kMegabyte}) {
+  for (const uint64_t memory : {uint64_t{0}, kMegabyte, 16 * kMegabyte}) {
     const Limits limits = daemon::ShareMemory(memory);
     EXPECT_EQ(limits.allBacklogBytes, 4 * kMegabyte);
     EXPECT_EQ(limits.allRequestBytes, 4 * kMegabyte);
+    EXPECT_EQ(limits.storeBytes, 4 * kMegabyte);
   }
 }
 
@@ -58,6 +61,8 @@ TEST(MemoryShares, HelpTellsWhatTheyComeToOnASmallMachine) {
   EXPECT_THAT(
       help,
       ContainsRegex("--all-requests BYTES[^-]*from[ \n]+4[ \n]+to[ \n]+256[ \n]+MiB;[ \n]+here[ \n]+10[ \n]+MiB\n"));
+  EXPECT_THAT(help, ContainsRegex("--max-store BYTES[^{]*--all-requests,[ \n]+from[ \n]+4[ \n]+to[ \n]+256[ \n]+MiB;"
+                                  "[ \n]+here[ \n]+20[ \n]+MiB\n"));
   EXPECT_THAT(help, Not(HasSubstr("{}")));
 }
 
@@ -67,7 +72,11 @@ TEST(MemoryShares, HelpTellsWhatTheyComeToHere) {
   for (size_t at = 0; (at = help.find("\n  ", at)) != std::string::npos;)  // lines that go on
     help.replace(at, help.find_first_not_of(' ', at + 1) - at, " ");
   EXPECT_THAT(help, HasSubstr("from 4 to 512 MiB; here " + FormatSize(limits.allBacklogBytes)));
-  EXPECT_THAT(help, HasSubstr("from 4 to 256 MiB; here " + FormatSize(limits.allRequestBytes)));
+  EXPECT_THAT(help,
+              HasSubstr("eighth of the memory that the machine and the control group allow, from 4 to 256 MiB; here " +
+                        FormatSize(limits.allRequestBytes)));
+  EXPECT_THAT(help, HasSubstr("quarter of the memory, as for --all-requests, from 4 to 256 MiB; here " +
+                              FormatSize(limits.storeBytes)));
 }
 
 TEST(MemoryShares, CheckTellsWhatTheyComeToHere) {
@@ -75,12 +84,13 @@ TEST(MemoryShares, CheckTellsWhatTheyComeToHere) {
   const Limits limits = daemon::ShareMemory(memory);
   EXPECT_THAT(Show({"--check"}),
               HasSubstr("bounds: --all-backlogs " + FormatSize(limits.allBacklogBytes) + ", --all-requests " +
-                        FormatSize(limits.allRequestBytes) + ", with " + FormatSize(memory) + " of memory\n"));
+                        FormatSize(limits.allRequestBytes) + ", --max-store " + FormatSize(limits.storeBytes) +
+                        ", with " + FormatSize(memory) + " of memory\n"));
 }
 
 TEST(MemoryShares, OptionsAreTakenAsGiven) {
-  EXPECT_THAT(Show({"--check", "--all-backlogs", "1048576", "--all-requests", "1073741824"}),
-              HasSubstr("bounds: --all-backlogs 1 MiB, --all-requests 1024 MiB, with "));
+  EXPECT_THAT(Show({"--check", "--all-backlogs", "1048576", "--all-requests", "1073741824", "--max-store", "1572864"}),
+              HasSubstr("bounds: --all-backlogs 1 MiB, --all-requests 1024 MiB, --max-store 1.5 MiB, with "));
 }
 
 }  // namespace tavix::test
