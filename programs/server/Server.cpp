@@ -63,6 +63,7 @@ settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server
   env.mostListed = limits.listed;
   env.mostPatterns = limits.patterns;
   env.maxNameBytes = limits.nameBytes;
+  env.maxMatchingWork = limits.work;
   env.messageObserver = &observer;
   return env;
 }
@@ -99,6 +100,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
   _env.subscriptionBudget = &_subscriptionBudget;
+  store.GetManager().SetMaxAlikePatterns(_limits.alikePatterns);
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_places;
   shared.lane = &_lane;

@@ -11,9 +11,11 @@ struct Limits {
   size_t subscriptions = 4096;                     // names and patterns of one connection
   size_t subscriptionBytes = 256 * 1024;           // of these
   size_t allSubscriptionBytes = 16 * 1024 * 1024;  // of those of all connections
+  size_t alikePatterns = 4096;                     // of these, that are tried on the same names; 0: any number
   size_t nameBytes = 4 * 1024;                     // of a group's name, a key, a line of a list
   size_t listed = 128 * 1024;                      // names and patterns of one list
   size_t patterns = 256;                           // of these, patterns
+  unsigned long long work = 1ull << 34;            // these times the bytes of all groups' names; 0: any
   size_t lineBytes = 16 * 1024 * 1024;             // of one line that it sends
   size_t requestBytes = 64 * 1024 * 1024;          // of one request
   size_t requestSeconds = 60;                      // that a request may stay unfinished

@@ -18,6 +18,7 @@ using Apply = std::function<void(Options&, const std::string&)>;
 // A half of what size_t holds, at most, so that two of them can be added.
 constexpr auto kMostOfALimit =
     static_cast<size_t>(std::min<uint64_t>(uint64_t{1} << 40, std::numeric_limits<size_t>::max() / 2));
+constexpr unsigned long long kMaxWork = 1ull << 60;
 constexpr size_t kMostSeconds = 24 * 60 * 60;
 constexpr size_t kMostLoops = 64;
 
@@ -47,6 +48,14 @@ Apply Number(size_t Options::*member, size_t most) {
 
 Apply Limit(size_t Limits::*limit) {
   return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMostOfALimit); };
+}
+
+// 0: none.
+template <class Number>
+Apply LimitOrNone(Number Limits::*limit, unsigned long long max) {
+  return [=](Options& options, const std::string& value) {
+    options.limits.*limit = static_cast<Number>(ParseLongNumber(value, 0, max));
+  };
 }
 
 Apply Time(size_t Limits::*limit) {
@@ -156,6 +165,10 @@ std::vector<OptionEntry> MakeTable() {
        Limit(&Limits::subscriptionBytes)},
       {"", "all-subscription-bytes", "BYTES", Kind::kValue, true, "of those of all clients together (16 MiB)",
        Limit(&Limits::allSubscriptionBytes)},
+      {"", "max-alike-patterns", "N", Kind::kValue, true,
+       "different patterns of all clients that are so alike that each has to be tried on the same names: neither what "
+       "stands before the first star nor three bytes in a row tells them apart. 0: any number (4096)",
+       LimitOrNone(&Limits::alikePatterns, kMostOfALimit)},
       {"", "max-name", "BYTES", Kind::kValue, true,
        "of a group's name, a key, or a line of a list that a client sends; files may hold longer ones (4 KiB)",
        Limit(&Limits::nameBytes)},
@@ -163,6 +176,10 @@ std::vector<OptionEntry> MakeTable() {
       {"", "max-patterns", "N", Kind::kValue, true,
        "patterns of one request, but for subscriptions; each may be tried on every group (256)",
        Limit(&Limits::patterns)},
+      {"", "max-work", "BYTES", Kind::kValue, true,
+       "of group names that these patterns may have to be tried on: their number times the bytes of the names of all "
+       "groups. 0: any (17179869184, for 256 patterns and a million groups with names of 64 bytes)",
+       LimitOrNone(&Limits::work, kMaxWork)},
       {"", "max-line", "BYTES", Kind::kValue, true, "of one line that a client sends (16 MiB)",
        Limit(&Limits::lineBytes)},
       {"", "max-request", "BYTES", Kind::kValue, true, "of one request (64 MiB)", Limit(&Limits::requestBytes)},

@@ -23,9 +23,13 @@ bool TryParse(const std::string& text, int base, Number& number) {
 }  // namespace
 
 size_t ParseNumber(const std::string& text, size_t most) {
-  size_t number = 0;
-  if (!TryParse(text, 10, number) || number < 1 || number > most)
-    throw osa::Exception("expected a number from 1 to %zu", most);
+  return static_cast<size_t>(ParseLongNumber(text, 1, most));
+}
+
+unsigned long long ParseLongNumber(const std::string& text, unsigned long long least, unsigned long long most) {
+  unsigned long long number = 0;
+  if (!TryParse(text, 10, number) || number < least || number > most)
+    throw osa::Exception("expected a number from %llu to %llu", least, most);
   return number;
 }
 

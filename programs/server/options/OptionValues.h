@@ -13,8 +13,9 @@ namespace tavix::daemon {
 
 // What options' values are read with. Each throws osa::Exception with what it expected.
 
-// From 1 to "most".
+// From 1 to "most", or from "least".
 size_t ParseNumber(const std::string& text, size_t most);
+unsigned long long ParseLongNumber(const std::string& text, unsigned long long least, unsigned long long most);
 
 // As IniFile reads it; empty is true.
 bool ParseFlag(const std::string& text);

@@ -1,6 +1,8 @@
 #include "tavix/settings/common/CallbackDispatcher.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
@@ -9,6 +11,7 @@
 #include "tavix/settings/common/ChangeRound.h"
 #include "tavix/settings/common/SmallChange.h"
 #include "tavix/settings/common/Subscriptions.h"
+#include "tavix/settings/common/TextCopy.h"
 
 namespace tavix::settings::common {
 
@@ -23,6 +26,7 @@ struct CallbackDispatcher::State {
   osa::ReadWriteLock lock{"subscriptions"};
   Subscriptions subscriptions;
   std::vector<ChangeRound*> rounds;  // under way; guarded by "lock"
+  std::vector<TextCopy*> copies;     // likewise
   SmallChange smallChange;           // guarded by the dispatcher's mutex
   std::atomic<unsigned long long> tried{0};
 };
@@ -62,6 +66,44 @@ class CallbackDispatcher::RoundUnderWay {
   ChangeRound _round;
 };
 
+// A copy of all texts that learns of all that come and go.
+class CallbackDispatcher::CopyUnderWay {
+ public:
+  explicit CopyUnderWay(State& state) : _state(state) {
+    WriteAutoLock lock(_state.lock);
+    _state.copies.push_back(&_copy);
+  }
+
+  ~CopyUnderWay() {
+    WriteAutoLock lock(_state.lock);
+    _state.copies.erase(std::find(_state.copies.begin(), _state.copies.end(), &_copy));
+  }
+
+  CopyUnderWay(const CopyUnderWay&) = delete;
+  CopyUnderWay& operator=(const CopyUnderWay&) = delete;
+
+  void CopyAll() {
+    while (CopyPiece()) {
+    }
+  }
+
+  // Under the dispatcher's mutex.
+  TextCopy Finish() {
+    ReadAutoLock lock(_state.lock);
+    _copy.Finish(_state.subscriptions.GetIndex());
+    return std::move(_copy);
+  }
+
+ private:
+  bool CopyPiece() {
+    ReadAutoLock lock(_state.lock);
+    return _copy.CopyPiece(_state.subscriptions.GetIndex());
+  }
+
+  State& _state;
+  TextCopy _copy;
+};
+
 CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr), _state(std::make_unique<State>()) {}
 
 CallbackDispatcher::~CallbackDispatcher() = default;
@@ -81,6 +123,7 @@ void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const st
   for (const std::set<std::string>* texts : groups) {
     const std::vector<PatternIndex::Id> added = _state->subscriptions.Add(subscriber, *texts);
     for (ChangeRound* round : _state->rounds) round->OnAdded(subscriber, added);
+    for (TextCopy* copy : _state->copies) copy->OnChanged(added);
   }
 }
 
@@ -144,8 +187,15 @@ bool CallbackDispatcher::TellAtOnce(osa::Mutex* gate, const std::set<std::string
 }
 
 void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) const {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
-  _state->subscriptions.GetIndex().ForEachText([&](const std::string& text) { out.insert(text); });
+  Probe();  // a callback that asks is refused before anything is copied
+  TextCopy all;
+  {
+    CopyUnderWay copy(*_state);
+    copy.CopyAll();
+    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    all = copy.Finish();
+  }
+  all.MoveTo(out);
 }
 
 size_t CallbackDispatcher::CountSubscriptionBytes() const {
@@ -163,7 +213,7 @@ bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const std::set<std::string>
 }
 
 bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const {
-  const size_t max = _maxAlikePatterns.load(std::memory_order_relaxed);
+  const size_t max = GetMaxAlikePatterns();
   if (max == 0 || matcher.GetPatterns().empty()) return false;
   ReadAutoLock lock(_state->lock);
   return _state->subscriptions.GetIndex().CountAlikeWith(matcher.GetPatterns()) > max;
@@ -174,6 +224,7 @@ void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
   WriteAutoLock change(_state->lock);
   _state->subscriptions.Remove(cb, [&](const Subscriber& subscriber) {
     for (ChangeRound* round : _state->rounds) round->OnRemoved(subscriber);
+    for (TextCopy* copy : _state->copies) copy->OnChanged(subscriber.texts);
   });
 }
 

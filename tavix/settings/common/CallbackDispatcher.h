@@ -46,7 +46,8 @@ class TAVIX_EXPORT CallbackDispatcher {
   void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void OnChange(osa::Mutex& gate, const core::IniFile& settings) const;
 
-  // Adds all names and patterns of all subscriptions to "out", which is not cleared.
+  // Adds all names and patterns of all subscriptions to "out", which is not cleared. Others wait for a small part of
+  // that only.
   void GetAllSubscribedGroups(std::set<std::string>& out) const;
 
   // The bytes of the names and patterns of all subscriptions together. Waits for nothing.
@@ -58,6 +59,7 @@ class TAVIX_EXPORT CallbackDispatcher {
   // How many different patterns may be so alike that each of them has to be tried on the same names. 0: any number.
   // Subscriptions are not refused because of it: callers ask before they subscribe.
   void SetMaxAlikePatterns(size_t max) { _maxAlikePatterns.store(max, std::memory_order_relaxed); }
+  size_t GetMaxAlikePatterns() const { return _maxAlikePatterns.load(std::memory_order_relaxed); }
 
   // Whether more patterns than that would be alike with these as well. Waits for no callback.
   bool WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const;
@@ -72,6 +74,7 @@ class TAVIX_EXPORT CallbackDispatcher {
  private:
   struct TAVIX_LOCAL State;
   class TAVIX_LOCAL RoundUnderWay;
+  class TAVIX_LOCAL CopyUnderWay;
 
   void Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups);
   void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;

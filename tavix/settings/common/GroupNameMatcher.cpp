@@ -52,6 +52,8 @@ std::string_view LiteralOf(const std::string& pattern) {
   return std::string_view(pattern).substr(0, pattern.find('*'));
 }
 
+thread_local unsigned long long triedPatterns = 0;
+
 using PatternAt = std::set<std::string>::const_iterator;
 
 // Patterns with the same text before their first '*'; they lie together.
@@ -62,6 +64,7 @@ struct SimilarPatterns {
 
   bool MatchAny(std::string_view rest) const {
     return std::any_of(begin, end, [&](const std::string& pattern) {
+      ++triedPatterns;
       return StringUtil::MatchesPattern(std::string_view(pattern).substr(literal.size()), rest);
     });
   }
@@ -106,9 +109,10 @@ void FindByIndex(At begin, At end, const Candidates& candidates, Found found) {
   PatternIndex::Search search;
   const std::string_view literal = LiteralOf(**begin);
   for (auto at = candidates.lower_bound(std::string(literal)); at != candidates.end(); ++at) {
-    if (!StringUtil::StartsWith(NameAt(at), literal)) return;
+    if (!StringUtil::StartsWith(NameAt(at), literal)) break;
     if (index.HasMatching(NameAt(at), search)) found(at);
   }
+  triedPatterns += search.GetTried();
 }
 
 // "proceed" is called from time to time, when candidates may have been found several times.
@@ -211,6 +215,10 @@ void GroupNameMatcher::GetMatchingGroups(const IniFile& ini, std::vector<IniFile
   if (!ascending) SortAndUnite(out);
 }
 
+unsigned long long GroupNameMatcher::CountTriedPatterns() {
+  return triedPatterns;
+}
+
 void GroupNameMatcher::SerializeIni(std::ostream& os, const IniFile& ini) const {
   PatternIndex patterns;
   for (const std::string& pattern : _patterns) patterns.Add(pattern);
@@ -222,6 +230,7 @@ void GroupNameMatcher::SerializeIni(std::ostream& os, const IniFile& ini) const 
     while (order < 0 && name != _names.end()) order = (name++)->compare(group->first);
     if (order == 0 || patterns.HasMatching(group->first, search)) IniFile::SaveGroupToStream(os, group);
   }
+  triedPatterns += search.GetTried();
 }
 
 }  // namespace tavix::settings::common

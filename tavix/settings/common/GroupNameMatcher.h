@@ -35,6 +35,9 @@ class TAVIX_EXPORT GroupNameMatcher {
   // such gap.
   void SerializeIni(std::ostream& os, const core::IniFile& ini) const;
 
+  // How many patterns were compared with names by all matchers on this thread so far.
+  static unsigned long long CountTriedPatterns();
+
   bool IsEmpty() const { return _names.empty() && _patterns.empty(); }
   const std::set<std::string>& GetNames() const { return _names; }
   const std::set<std::string>& GetPatterns() const { return _patterns; }

@@ -59,12 +59,8 @@ class NumberedTable {
 
   size_t GetSize() const { return _size; }
 
-  template <class Visit>
-  void ForEach(Visit visit) const {
-    for (Number head : _heads) {
-      for (Number number = head; number != kNone; number = _items[number].next) visit(_items[number]);
-    }
-  }
+  // All numbers are below it. An item that was removed is as a new one.
+  Number GetEnd() const { return static_cast<Number>(_items.size()); }
 
  private:
   Number& HeadOf(uint64_t hash) { return _heads[hash & (_heads.size() - 1)]; }

@@ -142,6 +142,7 @@ PatternIndex::Id PatternIndex::Add(std::string_view text) {
   const Id there = _texts.Find(hash, [&](const Text& entry) { return entry.text == text; });
   if (there != kNone) return there;
   Text entry;
+  entry.isUsed = true;
   entry.text = text;
   const Id id = _texts.Add(hash, std::move(entry));
   if (!IsPattern(text)) return id;

@@ -55,11 +55,9 @@ class PatternIndex {
 
   const std::string& GetText(Id id) const { return _texts[id].text; }
 
-  // Passes each text to "visit", in no order.
-  template <class Visit>
-  void ForEachText(Visit visit) const {
-    _texts.ForEach([&](const Text& text) { visit(text.text); });
-  }
+  // For walks through all texts in pieces: all ids are below the end, and those that are not in use have no text.
+  Id GetEndOfIds() const { return _texts.GetEnd(); }
+  bool IsUsed(Id id) const { return _texts[id].isUsed; }
 
   // Finds the texts that match. False, with some of them missing, when too many patterns would have to be tried.
   bool FindMatching(std::string_view name, Search& search) const;
@@ -98,6 +96,7 @@ class PatternIndex {
     uint32_t bucket = kNone;  // none for a name
     Id before = kNone;        // in the bucket's list
     Id after = kNone;
+    bool isUsed = false;
     std::string text;
   };
 

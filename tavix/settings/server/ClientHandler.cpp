@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <istream>
 #include <iterator>
+#include <limits>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -48,7 +49,6 @@ const GroupNameMatcher kNoGroups;
 // How much a list may hold. 0: no limit.
 struct ListBounds {
   size_t listed;
-  size_t patterns;
   size_t nameBytes;
 };
 
@@ -89,19 +89,10 @@ bool IsPattern(const std::string& value) {
   return value.find('*') != std::string::npos;
 }
 
-std::set<std::string> ReadGroupSet(std::istream* in, const ListBounds& bounds) {
-  std::set<std::string> groups;
-  readDelimitedValues(in, CountingIterator(std::inserter(groups, groups.begin()), bounds));
-  const auto patterns = bounds.patterns > 0 ? std::count_if(groups.begin(), groups.end(), IsPattern) : 0;
-  CheckCount(static_cast<size_t>(patterns), bounds.patterns, "patterns");
-  return groups;
-}
-
-GroupNameMatcher ReadGroupMatcher(std::istream* in, const ListBounds& bounds) {
-  GroupNameMatcher matcher;
-  readDelimitedValues(in, CountingIterator(GroupNameMatcherInsertIterator(matcher), bounds));
-  CheckCount(matcher.GetPatterns().size(), bounds.patterns, "patterns");
-  return matcher;
+// The product, or the greatest number there is.
+unsigned long long Multiply(unsigned long long a, unsigned long long b) {
+  constexpr auto kMax = std::numeric_limits<unsigned long long>::max();
+  return b > 0 && a > kMax / b ? kMax : a * b;
 }
 
 // Keeps a list's values up to that many, and counts the others, so that the list is read to its end in any case.
@@ -204,6 +195,7 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _mostSubscriptionBytes(env->mostSubscriptionBytes),
       _mostListed(env->mostListed),
       _mostPatterns(env->mostPatterns),
+      _maxMatchingWork(env->maxMatchingWork),
       _maxNameBytes(env->maxNameBytes),
       _subscriptionBudget(env->subscriptionBudget),
       _messageObserver(env->messageObserver),
@@ -264,6 +256,32 @@ bool ClientHandler::TakeLine(std::string_view& line) {
   if (!std::getline(*_in, _line)) return false;
   line = _line;
   return true;
+}
+
+std::set<std::string> ClientHandler::ReadGroupSet() {
+  std::set<std::string> groups;
+  readDelimitedValues(_in,
+                      CountingIterator(std::inserter(groups, groups.begin()), ListBounds{_mostListed, _maxNameBytes}));
+  CheckPatterns(static_cast<size_t>(std::count_if(groups.begin(), groups.end(), IsPattern)));
+  return groups;
+}
+
+GroupNameMatcher ClientHandler::ReadGroupMatcher() {
+  GroupNameMatcher matcher;
+  readDelimitedValues(
+      _in, CountingIterator(GroupNameMatcherInsertIterator(matcher), ListBounds{_mostListed, _maxNameBytes}));
+  CheckPatterns(matcher.GetPatterns().size());
+  return matcher;
+}
+
+// Each may have to be tried on every group of the store.
+void ClientHandler::CheckPatterns(size_t patterns) const {
+  CheckCount(patterns, _mostPatterns, "patterns");
+  if (_maxMatchingWork == 0 || patterns == 0) return;
+  const size_t nameBytes = _settingsManager->CountNameBytes();
+  if (Multiply(patterns, nameBytes) <= _maxMatchingWork) return;
+  throw osa::Exception("To try %zu patterns on %zu bytes of group names is more than the %llu bytes allowed", patterns,
+                       nameBytes, _maxMatchingWork);
 }
 
 void ClientHandler::LogStatistics(void* logContext) {
@@ -363,7 +381,7 @@ void ClientHandler::TestAndMerge(std::istream&) {
 // connection. Ended, it would only come back and ask for the same.
 void ClientHandler::Subscribe(std::istream&) {
   const size_t most = _mostListed > 0 ? std::max(_mostListed, _mostSubscriptions) : 0;
-  BoundedSet list({most, 0, _maxNameBytes});
+  BoundedSet list({most, _maxNameBytes});
   readDelimitedValues(_in, list.GetIterator());
   if (list.IsTooLong())
     return RefuseSubscription("A list holds more than the " + std::to_string(most) + " names and patterns allowed");
@@ -376,8 +394,9 @@ void ClientHandler::Subscribe(std::istream&) {
 
 // Counts what is new of them. False, having counted nothing, when that would pass a bound.
 bool ClientHandler::TakeSubscriptions(const std::set<std::string>& groups, std::string& reason) {
-  if (_settingsManager->GetDispatcher().WouldExceedMaxAlikePatterns(groups)) {
-    reason = "Too many patterns are alike";
+  const common::CallbackDispatcher& dispatcher = _settingsManager->GetDispatcher();
+  if (dispatcher.WouldExceedMaxAlikePatterns(groups)) {
+    reason = "More patterns would be alike than the " + std::to_string(dispatcher.GetMaxAlikePatterns()) + " allowed";
     return false;
   }
   if (_mostSubscriptions == 0 && _mostSubscriptionBytes == 0 && !_subscriptionBudget) return true;
@@ -410,7 +429,7 @@ void ClientHandler::RefuseSubscription(const std::string& reason) {
 
 void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
+  const GroupNameMatcher matcher = ReadGroupMatcher();
   if (_pIsStopped && !matcher.IsEmpty()) return GetInParts(matcher, delimited);
   MutexAutoLock lock(&_outputMutex, kWaitForever, true);
   if (!IsReachable()) return;
@@ -439,7 +458,7 @@ void ClientHandler::GetInParts(const GroupNameMatcher& matcher, bool delimited) 
 }
 
 void ClientHandler::Overwrite(std::istream&) {
-  const std::set<std::string> groups = ReadGroupSet(_in, {_mostListed, _mostPatterns, _maxNameBytes});
+  const std::set<std::string> groups = ReadGroupSet();
   IniFile settings;
   if (WasCutOff() || !ReadPayload(settings)) return;
   CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); });
@@ -454,26 +473,26 @@ void ClientHandler::ChangeSerialization(std::istream& args) {
 }
 
 void ClientHandler::RestoreDefaults(std::istream&) {
-  const GroupNameMatcher matcher = ReadGroupMatcher(_in, {_mostListed, _mostPatterns, _maxNameBytes});
+  const GroupNameMatcher matcher = ReadGroupMatcher();
   if (WasCutOff()) return;
   CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); });
 }
 
-// Takes the output mutex before the dispatcher's, a notification does the reverse; the gate, taken first by both, keeps
-// the two apart. It is given back before anything is sent: a slow reader must not hold up notifications.
+// A notification takes the output mutex after the dispatcher's, and waits for it: so all is made without it.
 void ClientHandler::Info(std::istream& args) {
   if (TakeWord(args) != protocol::kSubscribed) return;
-  std::optional<MutexAutoLock> gate(std::in_place, &_settingsManager->GetNotificationGate(), kWaitForever, true);
-  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
-  if (!IsReachable()) return;
+  {
+    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    if (!IsReachable()) return;
+  }
   std::set<std::string> groups;
   _settingsManager->GetAllSubscribedGroups(groups);
-  gate.reset();
-  _message.Reset(kKeptMemory);
-  _message << "Subscribed groups\n-----------------\n";
-  for (const std::string& group : groups) _message << group << '\n';
-  _message << '\n';
-  SendMessage(&kNoGroups);
+  core::StringOstream text;
+  text.AppendLine("Subscribed groups\n-----------------");
+  for (const std::string& group : groups) text.AppendLine(group);
+  text.AppendLine("");
+  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  if (IsReachable()) Write(text.GetText(), &kNoGroups);
 }
 
 void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {

@@ -132,6 +132,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void AnswerInParts(const common::GroupNameMatcher* groups, std::string_view firstLine, WriteParts write);
   void AppendGroups(const common::GroupNameMatcher& matcher);
   bool TakeLine(std::string_view& line);
+  std::set<std::string> ReadGroupSet();
+  common::GroupNameMatcher ReadGroupMatcher();
+  void CheckPatterns(size_t patterns) const;
   bool TakeSubscriptions(const std::set<std::string>& groups, std::string& reason);
   void RefuseSubscription(const std::string& reason);
   bool ReadPayload(core::IniFile& document);
@@ -156,6 +159,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const size_t _mostSubscriptionBytes;
   const size_t _mostListed;
   const size_t _mostPatterns;
+  const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
   SubscriptionBudget* const _subscriptionBudget;        // may be null
   IMessageObserver* const _messageObserver;             // may be null

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <utility>
 
+#include "tavix/settings/server/DocumentTally.h"
 #include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
@@ -74,7 +75,7 @@ bool IsLarge(const IniFile& document) {
   return false;
 }
 
-void MoveGroups(IniFile& document, const std::set<std::string>& names, IniFile& removed) {
+void MoveGroups(IniFile& document, DocumentTally& tally, const std::set<std::string>& names, IniFile& removed) {
   IniFile::GroupMap& groups = document.GetMutableGroups();
   IniFile::GroupMap& target = removed.GetMutableGroups();
   AscendingSearch search(groups);
@@ -83,11 +84,12 @@ void MoveGroups(IniFile& document, const std::set<std::string>& names, IniFile& 
     if (group == groups.end()) return;
     if (group->first != name) continue;
     search.GoOnFrom(std::next(group));
+    tally.OnGroupRemoved(name, group->second.size());
     target.insert(target.end(), groups.extract(group));
   }
 }
 
-void MoveValues(IniFile& document, IniFile& change, std::set<std::string>* changed) {
+void MoveValues(IniFile& document, DocumentTally& tally, IniFile& change, std::set<std::string>* changed) {
   IniFile::GroupMap& groups = document.GetMutableGroups();
   IniFile::GroupMap& source = change.GetMutableGroups();
   AscendingSearch search(groups);
@@ -95,9 +97,15 @@ void MoveValues(IniFile& document, IniFile& change, std::set<std::string>* chang
     const auto group = next++;
     const auto place = search.Find(group->first);
     const bool isThere = place != groups.end() && place->first == group->first;
+    const size_t keysBefore = isThere ? place->second.size() : 0;
     if (isThere && !MoveKeys(place->second, group->second)) continue;
     if (changed) changed->insert(changed->end(), group->first);
-    if (!isThere) groups.insert(place, source.extract(group));
+    if (isThere) {
+      tally.OnKeysAdded(place->second.size() - keysBefore);
+    } else {
+      tally.OnGroupAdded(group->first, group->second.size());
+      groups.insert(place, source.extract(group));
+    }
   }
 }
 

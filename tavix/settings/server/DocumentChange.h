@@ -8,19 +8,22 @@
 
 namespace tavix::settings::server {
 
+class DocumentTally;
+
 // Changes to large documents that take no longer than finding the places: what comes was copied before, and what goes
-// is destroyed later. None of it copies or destroys a value.
+// is destroyed later. None of it copies or destroys a value. The document's tally is kept.
 
 // Whether copying the document takes so long that it is worth doing before a lock is taken.
 bool IsLarge(const core::IniFile& document);
 
 // Moves the named groups to "removed", which holds none of these names.
-void MoveGroups(core::IniFile& document, const std::set<std::string>& names, core::IniFile& removed);
+void MoveGroups(core::IniFile& document, DocumentTally& tally, const std::set<std::string>& names,
+                core::IniFile& removed);
 
 // Sets every value of "change" in the document, as MergeSettings does, by moving it there; replaced values are left in
 // "change", which is of no other use any more. Adds the groups that did not hold all of the change before to "changed",
 // unless it is null.
-void MoveValues(core::IniFile& document, core::IniFile& change, std::set<std::string>* changed);
+void MoveValues(core::IniFile& document, DocumentTally& tally, core::IniFile& change, std::set<std::string>* changed);
 
 // Whether the document holds every value of the group. A group without keys asks for nothing.
 bool HoldsValues(const core::IniFile& document, core::IniFile::const_iterator group);

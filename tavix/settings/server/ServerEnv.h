@@ -35,6 +35,10 @@ struct ServerEnv {
 
   // What the subscriptions of all connections together may have; may be null.
   SubscriptionBudget* subscriptionBudget = nullptr;
+
+  // How much it may be to try a list's patterns on the groups of the store: the number of the patterns, times the bytes
+  // of the names of all groups. A request for more ends the connection. 0: no limit.
+  unsigned long long maxMatchingWork = 0;
 };
 
 }  // namespace tavix::settings::server

@@ -107,14 +107,14 @@ void SettingsManager::ClearAll() {
 
 void SettingsManager::CountAnew() {
   _record->Read(_userSettings);
-  _account->Set(StoreAccount::Count(_allSettings) + StoreAccount::Count(_userSettings));
+  _account->CountAnew(_allSettings, _userSettings);
 }
 
 void SettingsManager::LoadAll() {
   SettingsCombiner combiner(_allSettings);
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
-  LoadUserSettings();
+  LoadUserLayer();
   RemoveDeletedGroups();
   GroupDiscriminator::FilterOutRestrictedGroups(_allSettings);
   _allSettings.MergeSettings(_userSettings);
@@ -124,6 +124,11 @@ void SettingsManager::LoadAll() {
 
 void SettingsManager::LoadUserSettings() {
   if (!_persister) return;
+  LoadUserLayer();
+  CountAnew();
+}
+
+void SettingsManager::LoadUserLayer() {
   SettingsCombiner combiner(_userSettings);
   _persister->LoadUserSettings(combiner);
   GroupDiscriminator::FilterOutRestrictedGroups(_userSettings);
@@ -236,16 +241,20 @@ void SettingsManager::ReadUserSettings(const std::function<void(const IniFile&)>
 SettingsManager::Sizes SettingsManager::GetSizes() const {
   Sizes sizes;
   ReadAutoLock lock(_settingsMutex);
-  for (const auto& group : _allSettings) {
-    ++sizes.allGroups;
-    sizes.allKeys += group.second.size();
-  }
-  for (const auto& group : _userSettings) {
-    if (group.first == kDeletedGroups) continue;
-    ++sizes.userGroups;
-    sizes.userKeys += group.second.size();
+  sizes.allGroups = _allSettings.GetGroups().size();
+  sizes.allKeys = _account->GetAllTally().CountKeys();
+  sizes.userGroups = _userSettings.GetGroups().size();
+  sizes.userKeys = _account->GetUserTally().CountKeys();
+  const auto record = _userSettings.GetGroups().find(kDeletedGroups);
+  if (record != _userSettings.GetGroups().end()) {
+    --sizes.userGroups;
+    sizes.userKeys -= record->second.size();
   }
   return sizes;
+}
+
+size_t SettingsManager::CountNameBytes() const {
+  return _account->GetAllTally().CountNameBytes();
 }
 
 void SettingsManager::SetMaxBytes(size_t bytes) {
@@ -341,8 +350,8 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   _changeRecorders->Note(filtered);
   _changeRecorders->Note(std::set<std::string>{kDeletedGroups});
   lateCount.Subtract(removed.all, removed.user);
-  MoveGroups(_allSettings, changed, removed.all);
-  MoveGroups(_userSettings, changed, removed.user);
+  MoveGroups(_allSettings, _account->GetAllTally(), changed, removed.all);
+  MoveGroups(_userSettings, _account->GetUserTally(), changed, removed.user);
   MergeIntoAll(filtered, copies, lateCount);
   std::set<std::string> different = MergeIntoUser(filtered, copies, lateCount);
   CompareGroups(removed.user, filtered, different);
@@ -369,7 +378,17 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
 // Returns what the record got.
 IniFile SettingsManager::RecordDeletedGroups(const std::set<std::string>& groups) {
   _account->Add(static_cast<std::ptrdiff_t>(_record->CountNewBytes(_userSettings, groups)));
-  return _record->Add(_userSettings, groups);
+  const bool isFirst = !_userSettings.HasGroup(kDeletedGroups);
+  IniFile added = _record->Add(_userSettings, groups);
+  if (added.IsEmpty()) return added;
+  DocumentTally& tally = _account->GetUserTally();
+  const size_t members = added.begin()->second.size();
+  if (isFirst) {
+    tally.OnGroupAdded(kDeletedGroups, members);
+  } else {
+    tally.OnKeysAdded(members);
+  }
+  return added;
 }
 
 void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -408,12 +427,12 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
   _changeRecorders->Note(changed);
   _changeRecorders->Note(restored);
   lateCount.Subtract(removed.all, removed.user);
-  MoveGroups(_userSettings, changed, removed.user);
-  MoveGroups(_allSettings, changed, removed.all);
+  MoveGroups(_userSettings, _account->GetUserTally(), changed, removed.user);
+  MoveGroups(_allSettings, _account->GetAllTally(), changed, removed.all);
   _account->Add(static_cast<std::ptrdiff_t>(2 * bytes));
   lateCount.Subtract(forAll, forUser);
-  MoveValues(_userSettings, forUser, nullptr);
-  MoveValues(_allSettings, forAll, nullptr);
+  MoveValues(_userSettings, _account->GetUserTally(), forUser, nullptr);
+  MoveValues(_allSettings, _account->GetAllTally(), forAll, nullptr);
   if (changed.count(kDeletedGroups) != 0 || restored.HasGroup(kDeletedGroups)) _record->Read(_userSettings);
   HideBookkeeping();
   CompareGroups(removed.user, restored, saved);
@@ -470,9 +489,9 @@ void SettingsManager::MergeIntoAll(const IniFile& settings, ValueCopies& copies,
   if (copies.areMade) {
     _account->Add(static_cast<std::ptrdiff_t>(copies.bytes));
     lateCount.Subtract(copies.all);
-    MoveValues(_allSettings, copies.all, nullptr);
+    MoveValues(_allSettings, _account->GetAllTally(), copies.all, nullptr);
   } else {
-    _account->Merge(_allSettings, settings);
+    _account->Merge(_allSettings, _account->GetAllTally(), settings);
   }
 }
 
@@ -484,10 +503,10 @@ std::set<std::string> SettingsManager::MergeIntoUser(const IniFile& settings, Va
   if (copies.areMade) {
     _account->Add(static_cast<std::ptrdiff_t>(copies.bytes));
     lateCount.Subtract(copies.user);
-    MoveValues(_userSettings, copies.user, _persister ? &changed : nullptr);
+    MoveValues(_userSettings, _account->GetUserTally(), copies.user, _persister ? &changed : nullptr);
   } else {
     if (_persister) changed = FindGroupsToChange(_userSettings, settings);
-    _account->Merge(_userSettings, settings);
+    _account->Merge(_userSettings, _account->GetUserTally(), settings);
   }
   return changed;
 }
@@ -532,7 +551,7 @@ void SettingsManager::BeginChange() {
 }
 
 void SettingsManager::HideBookkeeping() {
-  _account->RemoveGroup(_allSettings, kDeletedGroups);
+  _account->RemoveGroup(_allSettings, _account->GetAllTally(), kDeletedGroups);
 }
 
 // Better refused before the change than found out when it is to be announced.

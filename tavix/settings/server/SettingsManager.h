@@ -116,7 +116,8 @@ class TAVIX_EXPORT SettingsManager {
   // of the store.
   void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
 
-  // How much there is: in what readers see, and in the user layer without its bookkeeping. O(groups).
+  // How much there is: in what readers see, and in the user layer without its bookkeeping. Costs the same however much
+  // it is.
   struct Sizes {
     size_t allGroups = 0;
     size_t allKeys = 0;
@@ -124,6 +125,9 @@ class TAVIX_EXPORT SettingsManager {
     size_t userKeys = 0;
   };
   Sizes GetSizes() const;
+
+  // The bytes of the names of all groups that readers see. Takes no lock.
+  size_t CountNameBytes() const;
 
   // Another number, which no store ever had before, once anything that readers see may have changed. Asked before and
   // after a read, it tells whether something may have changed meanwhile.
@@ -187,6 +191,7 @@ class TAVIX_EXPORT SettingsManager {
   void DumpInParts(std::ostream& os, const core::IniFile& document, const BetweenParts& between) const;
   void ClearAll();
   void LoadAll();
+  void LoadUserLayer();
   void RemoveDeletedGroups();
   void MergeRestrictedSettings();
   void HideBookkeeping();

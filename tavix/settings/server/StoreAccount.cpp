@@ -1,5 +1,7 @@
 #include "tavix/settings/server/StoreAccount.h"
 
+#include <algorithm>
+
 #include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::settings::server {
@@ -26,6 +28,15 @@ size_t CountText(const std::string& text) {
 
 std::ptrdiff_t Difference(size_t more, size_t less) {
   return static_cast<std::ptrdiff_t>(more) - static_cast<std::ptrdiff_t>(less);
+}
+
+// What the document gets more of when the group is merged into it.
+void TallyGrowth(const IniFile& document, IniFile::const_iterator group, DocumentTally& tally) {
+  const auto own = document.GetGroups().find(group->first);
+  if (own == document.GetGroups().end()) return tally.OnGroupAdded(group->first, group->second.size());
+  const auto isNew = [&](const auto& setting) { return own->second.count(setting.first) == 0; };
+  const auto count = std::count_if(group->second.begin(), group->second.end(), isNew);
+  tally.OnKeysAdded(static_cast<size_t>(count));
 }
 
 size_t CountNamed(const IniFile& document, const std::string& name) {
@@ -80,13 +91,25 @@ std::ptrdiff_t StoreAccount::CountGrowth(const IniFile& one, const IniFile& othe
   return growth;
 }
 
-void StoreAccount::Merge(IniFile& document, const IniFile& settings) {
-  Add(CountGrowth(document, settings));
+void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSettings) {
+  _allTally.CountAnew(allSettings);
+  _userTally.CountAnew(userSettings);
+  Set(Count(allSettings) + Count(userSettings));
+}
+
+void StoreAccount::Merge(IniFile& document, DocumentTally& tally, const IniFile& settings) {
+  for (auto group = settings.begin(); group != settings.end(); ++group) {
+    Add(CountGrowth(document, group));
+    TallyGrowth(document, group, tally);
+  }
   document.MergeSettings(settings);
 }
 
-void StoreAccount::RemoveGroup(IniFile& document, const std::string& name) {
-  _bytes -= CountNamed(document, name);
+void StoreAccount::RemoveGroup(IniFile& document, DocumentTally& tally, const std::string& name) {
+  const auto group = document.GetGroups().find(name);
+  if (group == document.GetGroups().end()) return;
+  _bytes -= CountGroup(group->first, group->second);
+  tally.OnGroupRemoved(group->first, group->second.size());
   document.RemoveGroup(name);
 }
 

@@ -8,12 +8,13 @@
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/DocumentTally.h"
 
 namespace tavix::settings::server {
 
 // Roughly how much memory the store's documents take: their texts beyond what a string holds in itself, and a fixed
-// cost for each group and each key, as the C library's allocator rounds them. Kept as the documents change, at the cost
-// of the change.
+// cost for each group and each key, as the C library's allocator rounds them. Beside that, what each of them holds.
+// Kept as the documents change, at the cost of the change.
 //
 // Threads: whatever takes a document under the store's lock; the rest from any.
 class StoreAccount {
@@ -33,11 +34,18 @@ class StoreAccount {
   static std::ptrdiff_t CountGrowth(const core::IniFile& one, const core::IniFile& other,
                                     const std::set<std::string>& removed, const Groups& set);
 
-  // Change a document of the store, and the account with it.
-  void Merge(core::IniFile& document, const core::IniFile& settings);
-  void RemoveGroup(core::IniFile& document, const std::string& name);
+  // What the document of all settings holds, and that of the user settings.
+  DocumentTally& GetAllTally() { return _allTally; }
+  DocumentTally& GetUserTally() { return _userTally; }
 
-  // The documents were changed otherwise by so much, or take so much altogether.
+  // Both were loaded.
+  void CountAnew(const core::IniFile& allSettings, const core::IniFile& userSettings);
+
+  // Change a document of the store, and the account and its tally with it.
+  void Merge(core::IniFile& document, DocumentTally& tally, const core::IniFile& settings);
+  void RemoveGroup(core::IniFile& document, DocumentTally& tally, const std::string& name);
+
+  // The documents were changed otherwise by so many bytes, or take so many altogether.
   void Add(std::ptrdiff_t growth) { _bytes += static_cast<size_t>(growth); }
   void Set(size_t bytes) { _bytes = bytes; }
   size_t GetBytes() const { return _bytes; }
@@ -54,6 +62,8 @@ class StoreAccount {
  private:
   std::atomic<size_t> _bytes{0};
   std::atomic<size_t> _bound{0};
+  DocumentTally _allTally;
+  DocumentTally _userTally;
 };
 
 // Takes documents out of an account once they were taken out of the store's: their memory moved, nothing was copied.

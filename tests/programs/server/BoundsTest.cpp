@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <list>
+
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
 
@@ -12,6 +14,13 @@ constexpr size_t kMegabyte = 1024 * 1024;
 
 std::string MergeOfLargeGroup() {
   return "merge nopersist\n[Large]\nk=" + std::string(8 * kMegabyte, 'v') + "\n.\n";
+}
+
+// The number's last 14 binary digits, as pieces of one byte each.
+std::string MakeAlikePattern(int number) {
+  std::string pattern = "*";
+  for (int digit = 0; digit < 14; ++digit) pattern += (number >> digit) % 2 ? "a*" : "b*";
+  return pattern;
 }
 
 // Sends what exceeds a bound: the connection ends, the log says why, and others are served.
@@ -182,6 +191,57 @@ TEST(Bounds, MorePatternsInAListThanAllowedEndTheConnection) {
     ExpectCut({"--max-patterns", "2"}, request + std::string("A\nB\nC\nA*\n*B\nC*\n.\n[A]\n.\n"),
               "connection ended: A list holds more than the 2 patterns allowed");
   }
+}
+
+// The work counts: patterns times the bytes of the names of all groups.
+TEST(Bounds, PatternsOnMoreBytesOfNamesThanAllowedEndTheConnection) {
+  for (const char* request : {"get delimited\n", "restore\n", "overwrite\n"}) {
+    ExpectCut({"--max-work", "19"}, "merge\n[Ten bytes!]\n.\n" + std::string(request) + "A*\n*B\nName\n.\n.\n",
+              "connection ended: To try 2 patterns on 10 bytes of group names is more than the 19 bytes allowed");
+  }
+}
+
+TEST(Bounds, NamesAndFewPatternsAreWithinTheBoundOfWork) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-work", "20"});
+  ProtocolClient client(daemon.GetPort());
+  client.Send("merge\n[Ten bytes!]\n.\n");
+  EXPECT_EQ(client.Get("A*\n*!\n"), "data\n[Ten bytes!]\n.\n");
+  client.Send("merge\n[And many more]\n.\n");
+  EXPECT_EQ(client.Get("Ten bytes!\nB\n"), "data\n[Ten bytes!]\n.\n");
+  client.Send("overwrite\nAnd many more\n.\n.\n");
+  EXPECT_EQ(client.Get("A*\n*!\n"), "data\n[Ten bytes!]\n.\n") << "the names have gone from the work, too";
+}
+
+TEST(Bounds, WorkHasNoBoundWhereItIsZero) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory, {"--max-work", "0", "--max-alike-patterns", "0"});
+  EXPECT_EQ(Converse(daemon.GetPort(), "merge\n[Ten bytes!]\n.\nget delimited\n*\n*!\n.\n"), "data\n[Ten bytes!]\n.\n");
+}
+
+// Of one-byte pieces, of which there are two: each pattern has to be tried on every name that has the byte that it is
+// filed under.
+TEST(Bounds, PatternsThatAreTooAlikeAreRefusedAndOrdinaryOnesAreNot) {
+  const TemporaryDirectory directory;
+  Daemon daemon(directory);
+  std::list<ProtocolClient> clients;
+  for (int first = 0; first < 3 * 4096; first += 4096) {
+    clients.emplace_back(daemon.GetPort()).Send("subscribe\n");
+    for (int i = first; i < first + 4096; ++i) clients.back().Send(MakeAlikePattern(i) + "\n");
+    clients.back().Send(".\n");
+    clients.back().AwaitHandled();
+  }
+  for (int i = 0; i < 1000; ++i) {
+    const std::string camera = std::to_string(i % 50);
+    clients.emplace_back(daemon.GetPort()).Send("subscribe\nCamera/" + camera + "/*\n*/Status\n*\nNet*\n.\n");
+  }
+  for (ProtocolClient& client : clients) client.AwaitHandled();
+  EXPECT_EQ(CountOf("\n", Converse(daemon.GetPort(), "info subscribed\n")), 3u + 2 * 4096u + 50u + 3u);
+  EXPECT_EQ(daemon.Stop(), 0);
+  EXPECT_EQ(CountOf("refused", daemon.GetErrors()), 1u);
+  EXPECT_THAT(daemon.GetErrors(),
+              testing::HasSubstr("ClientHandler: Subscription refused: More patterns would be alike "
+                                 "than the 4096 allowed"));
 }
 
 TEST(Bounds, ListMayHave256PatternsAndManyMoreNames) {

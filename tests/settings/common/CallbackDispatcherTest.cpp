@@ -155,6 +155,30 @@ TEST(CallbackDispatcher, ListsNothingOfWhoWasRemoved) {
   EXPECT_THAT(groups, IsEmpty());
 }
 
+TEST(CallbackDispatcher, ListsAStateThatWasWhileOthersComeAndGo) {
+  CallbackDispatcher dispatcher;
+  Names steady;
+  for (int i = 0; i < 20'000; ++i) steady.insert("Name" + std::to_string(i));
+  RecordingCallback callback;
+  dispatcher.AddCallback(&callback, steady);
+  std::atomic<bool> stop{false};
+  BackgroundCall others([&] {
+    RecordingCallback other;
+    while (!stop) {
+      dispatcher.AddCallback(&other, Names{"All of us", "or none", "Z*"});
+      dispatcher.RemoveCallback(&other);
+    }
+  });
+  for (int round = 0; round < 50; ++round) {
+    Names groups;
+    dispatcher.GetAllSubscribedGroups(groups);
+    const size_t ofOthers = groups.count("All of us") + groups.count("or none") + groups.count("Z*");
+    EXPECT_TRUE(ofOthers == 0 || ofOthers == 3) << ofOthers;
+    EXPECT_EQ(groups.size() - ofOthers, steady.size());
+  }
+  stop = true;
+}
+
 // Deliberate: what a callback throws is for whoever made the change, and ends the round.
 TEST(CallbackDispatcher, ACallbackThatThrowsEndsTheRound) {
   CallbackDispatcher dispatcher;

@@ -11,6 +11,8 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/Time.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
@@ -24,6 +26,8 @@
 namespace {
 
 using tavix::core::IniFile;
+using tavix::osa::kWaitForever;
+using tavix::osa::MutexAutoLock;
 using tavix::settings::server::ClientHandler;
 using tavix::test::BackgroundCall;
 using tavix::test::DocumentOf;
@@ -154,6 +158,14 @@ TEST(ClientHandlerConcurrency, AListingWaitsForANotificationWithoutHoldingTheOut
   change.Join();
   listing.Join();
   EXPECT_EQ(out.str(), "async change\nPair\n.\n" + kPairIs0 + ".\nSubscribed groups\n-----------------\nPair\n\n");
+}
+
+TEST(ClientHandlerConcurrency, AListingTakesNoGate) {
+  ServedStore served({kPairIs0});
+  const MutexAutoLock gate(&served.store.GetNotificationGate(), kWaitForever, true);
+  std::string reply;
+  BackgroundCall([&] { reply = served.Serve("subscribe\nPair\n.\ninfo subscribed\n"); }).Join();
+  EXPECT_EQ(reply, "Subscribed groups\n-----------------\nPair\n\n");
 }
 
 TEST(ClientHandlerConcurrency, ListingSubscriptionsAndNoticesDoNotWaitForEachOther) {

@@ -7,6 +7,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/BackgroundCall.h"
@@ -20,6 +21,7 @@ namespace {
 
 using tavix::core::IniFile;
 using tavix::osa::Exception;
+using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::SettingsManager;
 using tavix::test::AllSettingsOf;
@@ -145,6 +147,23 @@ TEST(SettingsManager, MadeWithANullPersisterStaysLockedForEver) {
   };
   EXPECT_EXIT(readInVain(false), testing::ExitedWithCode(0), "");
   EXPECT_EXIT(readInVain(true), testing::ExitedWithCode(0), "");
+}
+
+// Trying each pattern on each group would be 200 million tries.
+TEST(SettingsManager, LoadsManyDeletedPatternsWithFewTries) {
+  std::string defaults;
+  for (int i = 0; i < 20'000; ++i) defaults += "[Device/" + std::to_string(i) + "/End]\nx=1\n";
+  std::string record = "[TavixSettings/Data/DeletedGroups]\n";
+  for (int i = 0; i < 10'000; ++i) {
+    const std::string pattern = (i % 2 ? "*/" : "Device/") + std::to_string(i) + (i % 2 ? "/E*d" : "/*");
+    record += pattern + "=" + pattern + "\n";
+  }
+  const unsigned long long triedBefore = GroupNameMatcher::CountTriedPatterns();
+  const ServedStore served({defaults}, record);
+  const unsigned long long tried = GroupNameMatcher::CountTriedPatterns() - triedBefore;
+  EXPECT_EQ(served.store.GetSizes().allGroups, 10'000u);
+  EXPECT_GE(tried, 10'000u);
+  EXPECT_LT(tried, 2'000'000u);
 }
 
 TEST(SettingsManager, LoadingUserSettingsNeedsAPersister) {

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <random>
+#include <set>
 #include <string>
 
 #include "tavix/settings/server/RefusedChange.h"
@@ -28,14 +29,43 @@ size_t CountAnew(const SettingsManager& store) {
   return StoreAccount::Count(DocumentOf(AllSettingsOf(store))) + StoreAccount::Count(DocumentOf(UserSettingsOf(store)));
 }
 
+size_t CountKeys(const IniFile& document) {
+  size_t keys = 0;
+  for (const auto& group : document) keys += group.second.size();
+  return keys;
+}
+
+// What the store knows of its size is what it holds.
+void ExpectSizesCountedAnew(const SettingsManager& store) {
+  const IniFile all(DocumentOf(AllSettingsOf(store)));
+  IniFile user(DocumentOf(UserSettingsOf(store)));
+  user.RemoveGroup(SettingsManager::kDeletedGroups);
+  const SettingsManager::Sizes sizes = store.GetSizes();
+  EXPECT_EQ(sizes.allGroups, all.GetGroups().size());
+  EXPECT_EQ(sizes.allKeys, CountKeys(all));
+  EXPECT_EQ(sizes.userGroups, user.GetGroups().size());
+  EXPECT_EQ(sizes.userKeys, CountKeys(user));
+  size_t nameBytes = 0;
+  for (const auto& group : all) nameBytes += group.first.size();
+  EXPECT_EQ(store.CountNameBytes(), nameBytes);
+}
+
 GroupNameMatcher MatcherOf(const std::string& nameOrPattern) {
   GroupNameMatcher matcher;
   matcher.AddNameOrPattern(nameOrPattern);
   return matcher;
 }
 
+// What is copied before the store's lock is taken, with some keys of small documents.
+IniFile MakeLarge(IniFile document, std::mt19937& random) {
+  for (int i = 0; i < 80; ++i) document.SetValue("N" + std::to_string(random() % 200), "y", std::to_string(random()));
+  document.SetValue(SettingsManager::kDeletedGroups, std::to_string(random() % 3), "M" + std::to_string(random() % 3));
+  return document;
+}
+
 void MakeRandomChange(SettingsManager& store, RandomDocuments& documents, std::mt19937& random) {
-  const IniFile document(documents.Next());
+  IniFile document(documents.Next());
+  if (random() % 4 == 0) document = MakeLarge(document, random);
   const std::string group = document.IsEmpty() ? "A" : document.begin()->first;
   switch (random() % 6) {
     case 0:
@@ -90,6 +120,28 @@ TEST(StoreAccount, IsThatOfTheDocumentsAfterAnyChanges) {
     MakeRandomChange(store, documents, random);
     ASSERT_EQ(store.GetApproximateBytes(), CountAnew(store)) << i;
   }
+}
+
+TEST(StoreAccount, KnowsGroupsKeysAndBytesOfNamesAfterAnyChanges) {
+  RandomDocuments documents(5);
+  std::mt19937 random(7);
+  MemoryPersister persister({"[A]\nx=1\n[N1]\ny=1\nz=2\n"}, "[B]\nx=1\n[TavixSettings/Data/DeletedGroups]\nC=C\n");
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  ExpectSizesCountedAnew(store);
+  for (int i = 0; i < 500 && !testing::Test::HasFailure(); ++i) {
+    SCOPED_TRACE(i);
+    MakeRandomChange(store, documents, random);
+    ExpectSizesCountedAnew(store);
+  }
+}
+
+TEST(StoreAccount, KnowsWhatWasLoadedAgain) {
+  MemoryPersister persister({"[A]\nx=1\n"}, "[B]\nx=1\ny=2\n");
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  store.MergeSettings(DocumentOf("[C]\nx=1\n"), SettingsManager::kNoPersist);
+  store.LoadSettings();
+  ExpectSizesCountedAnew(store);
+  EXPECT_EQ(store.GetSizes().allKeys, 3u);
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these have allocators of their own
