@@ -22,6 +22,8 @@ std::string_view WithoutBlanks(std::string_view text) {
 size_t FindFirst(std::string_view text, std::string_view piece) {
   if (piece.empty()) return 0;
   if (text.size() < piece.size()) return std::string_view::npos;
+  if (text[0] == piece[0] && text.substr(0, piece.size()) == piece) return 0;
+  if (piece.size() == 1) return text.find(piece[0]);
   const void* found = memmem(text.data(), text.size(), piece.data(), piece.size());
   return found ? static_cast<size_t>(static_cast<const char*>(found) - text.data()) : std::string_view::npos;
 }
