@@ -35,7 +35,7 @@ std::vector<std::string> FindErrorTexts() {
 
 // What of a text does not depend on the occasion.
 std::vector<std::string> FixedPartsOf(const std::string& text) {
-  const std::regex placeholder("%(z|l|ll)?[a-z]");
+  const std::regex placeholder("%(ll|z|l)?[a-z]");
   const std::sregex_token_iterator begin(text.begin(), text.end(), placeholder, -1);
   std::vector<std::string> parts(begin, std::sregex_token_iterator());
   parts.erase(std::remove_if(parts.begin(), parts.end(), [](const std::string& part) { return part.size() < 3; }),
