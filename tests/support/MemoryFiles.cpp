@@ -69,7 +69,7 @@ class MemoryFiles::OpenFile : public File {
       if (!_files.HasRoomFor(_number, bytes))
         throw daemon::NoRoom("Failed to make room for '" + _path + "': No space left on device");
       size_t& reserved = _files._files[_number].reserved;
-      reserved = std::max<size_t>(reserved, bytes);
+      reserved = std::max(reserved, static_cast<size_t>(bytes));
     });
   }
 
@@ -80,7 +80,7 @@ class MemoryFiles::OpenFile : public File {
     _files.Do(std::move(operation), [&](Operation&, bool fails) {
       if (fails) return;
       Content& content = _files._files[_number];
-      content.bytes.resize(std::min<size_t>(content.bytes.size(), bytes));
+      content.bytes.resize(static_cast<size_t>(std::min<uint64_t>(content.bytes.size(), bytes)));
       content.reserved = 0;
     });
   }

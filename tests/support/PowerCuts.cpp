@@ -94,7 +94,7 @@ void PowerCuts::ApplyName(Names& names, const Operation& operation) {
 
 void PowerCuts::Apply(std::string& bytes, const Operation& change) {
   if (change.kind == Kind::kTruncate) {
-    bytes.resize(std::min<size_t>(bytes.size(), change.offset));
+    bytes.resize(static_cast<size_t>(std::min<uint64_t>(bytes.size(), change.offset)));
   } else {
     Write(bytes, change.offset, change.bytes);
   }

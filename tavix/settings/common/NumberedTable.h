@@ -63,8 +63,8 @@ class NumberedTable {
   Number GetEnd() const { return static_cast<Number>(_items.size()); }
 
  private:
-  Number& HeadOf(uint64_t hash) { return _heads[hash & (_heads.size() - 1)]; }
-  Number HeadOf(uint64_t hash) const { return _heads[hash & (_heads.size() - 1)]; }
+  Number& HeadOf(uint64_t hash) { return _heads[static_cast<size_t>(hash) & (_heads.size() - 1)]; }
+  Number HeadOf(uint64_t hash) const { return _heads[static_cast<size_t>(hash) & (_heads.size() - 1)]; }
 
   void Link(Number number) {
     Number& head = HeadOf(_items[number].hash);
