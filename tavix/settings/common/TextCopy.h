@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstddef>
+#include <deque>
 #include <set>
 #include <string>
 #include <utility>
@@ -33,7 +33,7 @@ class TextCopy {
 
   void RemoveChanged();
 
-  std::vector<Copied> _copied;  // in ascending order of ids
+  std::deque<Copied> _copied;  // in ascending order of ids; grows without moving all of them under the lock
   PatternIndex::Id _next = 0;
   std::vector<PatternIndex::Id> _changed;  // may hold one several times
   std::vector<std::string> _current;       // of these, as they are at the end
