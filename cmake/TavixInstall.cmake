@@ -48,7 +48,6 @@ set(internal_headers
     tavix/settings/common/ChangeRound.h
     tavix/settings/common/NumberedTable.h
     tavix/settings/common/PatternIndex.h
-    tavix/settings/common/PreparedMatcher.h
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/server/ChangeRecorder.h
