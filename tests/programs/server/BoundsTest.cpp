@@ -371,15 +371,16 @@ TEST(Bounds, LongestUnfinishedRequestIsCutWhenAllAreTooLong) {
   EXPECT_EQ(CountOf("connection cut", daemon.GetErrors()), 1u);
 }
 
-// The notice, which both are told, counts once; the longest has a reply before it.
+// The notice, which both are told, counts once; the longest has a reply before it that is longer than the
+// notice by more than the kernel keeps of it.
 TEST(Bounds, LongestBacklogIsCutWhenAllAreTooLong) {
   const TemporaryDirectory directory;
-  Daemon daemon(directory, {"--max-line", "67108864", "--all-backlogs", "10000000", "--backlog-timeout", "1000"});
+  Daemon daemon(directory, {"--max-line", "67108864", "--all-backlogs", "30000000", "--backlog-timeout", "1000"});
   ProtocolClient writer(daemon.GetPort());
-  writer.Send(MergeOfLargeGroup());
+  writer.Send(MergeOfLargeGroup() + "merge\n[More]\nk=" + std::string(20 * kMegabyte, 'm') + "\n.\n");
   writer.AwaitHandled();
   ProtocolClient longest(daemon.GetPort(), 4096);
-  longest.Send("subscribe\nLarge\n.\nget\nLarge\n.\n");
+  longest.Send("subscribe\nLarge\n.\nget\nLarge\nMore\n.\n");
   longest.ReadUntil("k=");
   ProtocolClient other(daemon.GetPort(), 4096);
   other.Send("subscribe\nLarge\n.\n");

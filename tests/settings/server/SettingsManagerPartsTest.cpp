@@ -146,7 +146,7 @@ TEST(SettingsManagerInParts, ShowsOneStateWhileAllChanges) {
 
 // Single groups change quickly: a pair is always changed by one merge, and is equal in each text.
 TEST(SettingsManagerInParts, ShowsOneStateWhilePairsChange) {
-  constexpr int kPairs = 2000;
+  constexpr int kPairs = 500;
   ServedStore served;
   IniFile start;
   const auto setPair = [](IniFile& document, size_t pair, const std::string& value) {
@@ -163,7 +163,7 @@ TEST(SettingsManagerInParts, ShowsOneStateWhilePairsChange) {
       served.store.MergeSettings(change, SettingsManager::kNoPersist);
     }
   });
-  for (int round = 0; round < 20 || changes < 1000; ++round) {
+  for (int round = 0; round < 10 || changes < 100; ++round) {
     const IniFile all = DocumentOf(DumpedInParts(served.store));
     for (int pair = 0; pair < kPairs; ++pair) {
       const std::string number = std::to_string(pair);
