@@ -70,12 +70,12 @@ void Journal::Begin() {
   _hasBegun = true;
 }
 
-// A part of a record may stand there, too, for which there was no room.
+// A part of a record may stand there, too, for which there was no room. The room is for a snapshot: a record that took
+// it would leave none for the next try, so there is none for records until the spare room can be had again.
 void Journal::GiveRoomBack() {
   _fillsAhead = false;
   _file->Truncate(_end);
   _filled = _end;
-  _spare = 0;
 }
 
 // A disk that never had room for zeros may have room for a record: what is wrong is the record's to find out.

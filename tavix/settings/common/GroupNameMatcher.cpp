@@ -96,8 +96,11 @@ std::vector<PatternAt> SortByLiteral(const std::set<std::string>& patterns) {
   std::vector<PatternAt> sorted;
   sorted.reserve(patterns.size());
   for (auto at = patterns.begin(); at != patterns.end(); ++at) sorted.push_back(at);
-  std::stable_sort(sorted.begin(), sorted.end(),
-                   [](PatternAt a, PatternAt b) { return LiteralOf(*a) < LiteralOf(*b); });
+  const auto isBefore = [](PatternAt a, PatternAt b) {
+    const int order = LiteralOf(*a).compare(LiteralOf(*b));
+    return order != 0 ? order < 0 : *a < *b;
+  };
+  std::sort(sorted.begin(), sorted.end(), isBefore);
   return sorted;
 }
 

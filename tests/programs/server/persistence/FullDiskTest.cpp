@@ -132,13 +132,16 @@ TEST_F(FullDisk, KeepsTheBackupOfADamagedSnapshot) {
 }
 
 // The journal that goes on fills nothing ahead: it would take what was just given back.
-TEST_F(FullDisk, RoomThatAJournalGaveBackIsNotFilledAgain) {
+TEST_F(FullDisk, RoomThatAJournalGaveBackIsNotForRecords) {
   MemoryFiles files;
   const auto journal = daemon::Journal::Create(files, kUserFile, {1, 2}, {{"", "[A]\nx=1\n"}});
   journal->GiveRoomBack();
   EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd());
-  journal->Append({"", "[A]\nx=2\n"});
+  EXPECT_THROW(journal->Append({"", "[A]\nx=2\n"}), daemon::NoRoom);
   EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd());
+  journal->FillAgain();
+  journal->Append({"", "[A]\nx=2\n"});
+  EXPECT_GT(files.Get("user.ini.journal.new").size(), journal->GetEnd());
 }
 
 }  // namespace tavix::test
