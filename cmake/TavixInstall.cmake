@@ -50,6 +50,7 @@ set(internal_headers
     tavix/settings/common/PatternIndex.h
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
+    tavix/settings/common/TextCopy.h
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ClientHandlerDispatcher.h
     tavix/settings/server/DeletedGroupsRecord.h
