@@ -34,9 +34,9 @@ constexpr char kVariable[] = "TAVIX_SETTINGS_SERVER";
 constexpr char kUnix[] = "unix:";
 constexpr long long kLongestWait = 1000 * 1000 * 1000;  // milliseconds, what poll(2) takes at a time
 constexpr size_t kMostAtOnce = 64 * size_t{1024};
-constexpr size_t kMostInALine = settings::client::protocol::kMaxLineBytes;
-constexpr size_t kMostInARequest = 4 * kMostInALine;
-constexpr size_t kMostInAName = 4 * size_t{1024};
+constexpr size_t kMaxLineBytes = settings::client::protocol::kMaxLineBytes;
+constexpr size_t kMaxRequestBytes = 4 * kMaxLineBytes;
+constexpr size_t kMaxNameBytes = 4 * size_t{1024};
 constexpr char kLimits[] =
     "a server takes names of 4 KiB, lines of 16 MiB and requests of 64 MiB, unless its --max-name, --max-line and "
     "--max-request say otherwise";
@@ -70,7 +70,7 @@ bool IsMuch(std::string_view request) {
     longestName = std::max(longestName, CountName(line));
     at += line.size() + 1;
   }
-  return longestName > kMostInAName || longestLine > kMostInALine || request.size() > kMostInARequest;
+  return longestName > kMaxNameBytes || longestLine > kMaxLineBytes || request.size() > kMaxRequestBytes;
 }
 
 // A peer that is gone without a farewell is found within a minute.

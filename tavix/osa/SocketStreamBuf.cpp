@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -78,11 +77,8 @@ bool SocketOutputBuf::SendAll(const char* bytes, size_t count) {
 // A send that waited by itself would return, when its time is over, what it got rid of before; the next one would wait
 // for the whole time again. False when the peer took nothing within the time limit.
 bool SocketOutputBuf::AwaitRoom() const {
-  timeval limit{};
-  socklen_t size = sizeof limit;
-  getsockopt(_socket.GetDescriptor(), SOL_SOCKET, SO_SNDTIMEO, &limit, &size);
-  const auto milliseconds = static_cast<unsigned int>(limit.tv_sec * 1000 + limit.tv_usec / 1000);
-  const Deadline deadline(milliseconds == 0 ? kWaitForever : milliseconds);
+  const unsigned int timeout = _timeout.load(std::memory_order_relaxed);
+  const Deadline deadline(timeout == kWaitForever ? timeout : std::max(timeout, 1u));
   pollfd room{_socket.GetDescriptor(), POLLOUT, 0};
   int ready = 0;
   do {

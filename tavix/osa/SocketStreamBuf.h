@@ -1,8 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <streambuf>
 #include <vector>
+
+#include "tavix/osa/Time.h"
 
 namespace tavix::osa {
 
@@ -13,6 +16,9 @@ class TcpSocket;
 class SocketOutputBuf : public std::streambuf {
  public:
   explicit SocketOutputBuf(TcpSocket& socket) : _socket(socket) {}
+
+  // How long a write waits for room, in milliseconds; kWaitForever, as at first: for ever. From any thread.
+  void SetTimeout(unsigned int timeout) { _timeout.store(timeout, std::memory_order_relaxed); }
 
  protected:
   int_type overflow(int_type character) override;
@@ -28,6 +34,7 @@ class SocketOutputBuf : public std::streambuf {
   TcpSocket& _socket;
   std::vector<char> _buffer;
   bool _failed = false;
+  std::atomic<unsigned int> _timeout{kWaitForever};
 };
 
 // Reads from a socket; what is written to it goes on to the output side. The buffer grows while the peer fills it.

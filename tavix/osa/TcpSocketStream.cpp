@@ -50,6 +50,7 @@ TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int readTimeout, un
 
 void TcpSocketStream::SetWriteTimeout(unsigned int timeout) noexcept {
   SetTimeout(_state->socket, SO_SNDTIMEO, timeout);
+  _state->output.SetTimeout(timeout);
 }
 
 TcpSocketStream::~TcpSocketStream() = default;

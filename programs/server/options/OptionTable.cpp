@@ -16,7 +16,7 @@ using Action = Options::Action;
 using Apply = std::function<void(Options&, const std::string&)>;
 
 // A half of what size_t holds, at most, so that two of them can be added.
-constexpr auto kMostOfALimit =
+constexpr auto kMaxLimit =
     static_cast<size_t>(std::min<uint64_t>(uint64_t{1} << 40, std::numeric_limits<size_t>::max() / 2));
 constexpr unsigned long long kMaxWork = 1ull << 60;
 constexpr size_t kMostSeconds = 24 * 60 * 60;
@@ -47,7 +47,7 @@ Apply Number(size_t Options::*member, size_t most) {
 }
 
 Apply Limit(size_t Limits::*limit) {
-  return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMostOfALimit); };
+  return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMaxLimit); };
 }
 
 // 0: none.
@@ -168,7 +168,7 @@ std::vector<OptionEntry> MakeTable() {
       {"", "max-alike-patterns", "N", Kind::kValue, true,
        "different patterns of all clients that are so alike that each has to be tried on the same names: neither what "
        "stands before the first star nor three bytes in a row tells them apart. 0: any number (4096)",
-       LimitOrNone(&Limits::alikePatterns, kMostOfALimit)},
+       LimitOrNone(&Limits::alikePatterns, kMaxLimit)},
       {"", "max-name", "BYTES", Kind::kValue, true,
        "of a group's name, a key, or a line of a list that a client sends; files may hold longer ones (4 KiB)",
        Limit(&Limits::nameBytes)},

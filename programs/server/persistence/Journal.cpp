@@ -8,7 +8,7 @@ namespace tavix::daemon {
 namespace {
 
 constexpr uint64_t kLeastFilled = 64 * 1024;
-constexpr uint64_t kMostFilled = 1024 * 1024;
+constexpr uint64_t kMaxFilled = 1024 * 1024;
 constexpr uint64_t kSpare = 16 * 1024;
 
 }  // namespace
@@ -82,7 +82,7 @@ void Journal::GiveRoomBack() {
 void Journal::FillAhead(uint64_t end) {
   if (!_fillsAhead) return;
   try {
-    if (TryToFill(end + std::clamp(end, kLeastFilled, kMostFilled)) || TryToFill(end + kSpare)) _spare = kSpare;
+    if (TryToFill(end + std::clamp(end, kLeastFilled, kMaxFilled)) || TryToFill(end + kSpare)) _spare = kSpare;
   } catch (const std::exception&) {
     _spare = 0;
   }

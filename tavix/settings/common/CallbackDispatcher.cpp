@@ -157,7 +157,7 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const
 
 void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups,
                                 const IniFile& settings) const {
-  if (_state->subscriptions.IsEmpty() || TellAtOnce(gate, changedGroups, settings)) return;
+  if (_state->subscriptions.IsEmpty() || NotifyAtOnce(gate, changedGroups, settings)) return;
   constexpr int kMaxAttempts = 3;
   RoundUnderWay round(*_state, changedGroups);
   for (int attempt = 1;; ++attempt) {
@@ -174,8 +174,8 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& c
 }
 
 // False, and nobody is told, when it would take long to find the subscribers.
-bool CallbackDispatcher::TellAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups,
-                                    const IniFile& settings) const {
+bool CallbackDispatcher::NotifyAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups,
+                                      const IniFile& settings) const {
   if (!SmallChange::IsSmall(changedGroups)) return false;
   MutexAutoLock gateLock(gate, kWaitForever, gate != nullptr);
   MutexAutoLock lock(&_mutex, kWaitForever, true);

@@ -79,7 +79,7 @@ class TAVIX_EXPORT CallbackDispatcher {
   void Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups);
   void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(osa::Mutex* gate, const core::IniFile& settings) const;
-  bool TellAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  bool NotifyAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
 
   mutable osa::Mutex _mutex;  // held while callbacks run, and whenever subscriptions change
   const std::unique_ptr<State> _state;

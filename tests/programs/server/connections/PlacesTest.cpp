@@ -27,7 +27,7 @@ TEST(Places, AreTakenUpToTheMaximum) {
   EXPECT_TRUE(places.Take());
 }
 
-TEST(Places, TellWhoFoundNoneThatOneIsFree) {
+TEST(Places, ReportAFreePlaceToThoseThatFoundNone) {
   Places places(1);
   ASSERT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
@@ -38,7 +38,7 @@ TEST(Places, TellWhoFoundNoneThatOneIsFree) {
   EXPECT_FALSE(IsReadable(places));
 }
 
-TEST(Places, TellNobodyWhereNobodyWaits) {
+TEST(Places, ReportNothingWhereNobodyWaits) {
   Places places(1);
   ASSERT_TRUE(places.Take());
   places.Free();
