@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/FilePlaces.h"
-#include "programs/server/Program.h"
-#include "programs/server/SettingsSources.h"
+#include "programs/server/ExitCode.h"
 #include "programs/server/connections/Listener.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/MemoryShares.h"
+#include "programs/server/store/FilePlaces.h"
+#include "programs/server/store/SettingsSources.h"
 #include "programs/server/system/LinkTarget.h"
 #include "programs/server/system/MemorySize.h"
 

@@ -3,20 +3,23 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <new>
 
 #include "programs/server/Check.h"
-#include "programs/server/FilePlaces.h"
+#include "programs/server/ExitCode.h"
 #include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
-#include "programs/server/SettingsSources.h"
-#include "programs/server/StoreProbe.h"
 #include "programs/server/Upkeep.h"
 #include "programs/server/options/CommandLine.h"
+#include "programs/server/persistence/Deadline.h"
 #include "programs/server/persistence/StartReads.h"
+#include "programs/server/store/FilePlaces.h"
+#include "programs/server/store/SettingsSources.h"
+#include "programs/server/store/StoreProbe.h"
 #include "programs/server/system/FileLock.h"
 #include "programs/server/system/ServiceManager.h"
 #include "programs/server/system/Signals.h"
@@ -25,6 +28,8 @@
 namespace tavix::daemon {
 
 namespace {
+
+constexpr std::chrono::seconds kMaxLogTime{3};  // of the 5 s beside --stop-timeout; connections may take the others
 
 // What ends the program before it serves.
 class Failure : public osa::Exception {
@@ -101,6 +106,17 @@ std::string Announce(const Server& server) {
   return all;
 }
 
+// A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a
+// log that nobody reads.
+void EndAtOnce(bool isSaved) {
+  const int status = isSaved ? kExitDone : kExitNotSaved;
+  const Deadline silent(kMaxLogTime, [status] { _exit(status); });
+  core::Logger::GetLogger("UserSettings")
+      ->Error("The disk does not answer; the daemon ends without a snapshot%s",
+              isSaved ? "" : ", and the last changes are lost");
+  _exit(status);
+}
+
 // The listeners come before the settings, so that clients queue, and are not refused, while a large store is loaded.
 int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const Signals signals;
@@ -125,7 +141,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
     Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager, probe);
     server.Run(signals, [&](int signal) { upkeep.OnSignal(signal); });
   }
-  return store->Finish() ? kExitDone : kExitNotSaved;
+  return store->Finish(EndAtOnce) ? kExitDone : kExitNotSaved;
 }
 
 }  // namespace

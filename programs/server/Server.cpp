@@ -11,8 +11,8 @@
 #include <optional>
 #include <utility>
 
-#include "programs/server/SettingsSources.h"
 #include "programs/server/connections/LogPeer.h"
+#include "programs/server/store/SettingsSources.h"
 #include "programs/server/system/Signals.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"

@@ -1,17 +1,10 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
-#include "programs/server/options/OptionTable.h"
+#include "programs/server/options/GivenOption.h"
 
 namespace tavix::daemon {
-
-// An option with the value that somebody gave it.
-struct GivenOption {
-  const OptionEntry* option;
-  std::string value;
-};
 
 // Reads the command line. False when it is wrong: standard error then says how.
 [[nodiscard]] bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given);

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "programs/server/options/CommandLine.h"
+#include "programs/server/options/GivenOption.h"
 
 namespace tavix::daemon {
 

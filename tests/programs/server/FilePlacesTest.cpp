@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "programs/server/FilePlaces.h"
+#include "programs/server/store/FilePlaces.h"
 #include "programs/server/system/LinkTarget.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"

@@ -1,4 +1,4 @@
-#include "programs/server/StoreProbe.h"
+#include "programs/server/store/StoreProbe.h"
 
 #include <gtest/gtest.h>
 

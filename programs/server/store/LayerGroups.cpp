@@ -1,4 +1,4 @@
-#include "programs/server/LayerGroups.h"
+#include "programs/server/store/LayerGroups.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "programs/server/FilePlaces.h"
+#include "programs/server/store/FilePlaces.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -9,9 +9,8 @@ namespace tavix::daemon {
 // Where the files that the daemon writes lie. Looked at before anything is locked, made, renamed or removed there, so
 // that a slip in an option harms nothing.
 //
-// Errors: UserSettingsRefused, and osa::Exception for the metrics, with one sentence that names the option, its path
-// and
-//         what is wrong with it.
+// Errors: UserSettingsRefused, and osa::Exception for the metrics, with one sentence: the option, its path and what is
+//         wrong with it.
 
 // Replaces the paths of the user settings and the metrics by those that they lead to, links followed.
 void ResolvePlaces(Options& options);

@@ -1,21 +1,17 @@
-#include "programs/server/SettingsSources.h"
+#include "programs/server/store/SettingsSources.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <sstream>
 #include <utility>
 
-#include "programs/server/FilePlaces.h"
-#include "programs/server/LayerFiles.h"
-#include "programs/server/LayerGroups.h"
-#include "programs/server/LongNames.h"
-#include "programs/server/Program.h"
-#include "programs/server/persistence/Deadline.h"
+#include "programs/server/store/FilePlaces.h"
+#include "programs/server/store/LayerFiles.h"
+#include "programs/server/store/LayerGroups.h"
+#include "programs/server/store/LongNames.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -34,7 +30,6 @@ namespace {
 
 constexpr char kUserLayer[] = "user settings";
 constexpr char kUnrestricted[] = "clients can change, until the next start, groups whose names are not restricted: ";
-constexpr std::chrono::seconds kMostForALine{3};  // of the 5 s beside --stop-timeout; connections may take the others
 
 core::Logger* Log() {
   static core::Logger* const logger = core::Logger::GetLogger("SettingsSources");
@@ -124,17 +119,6 @@ std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, con
     counters.unsavedSince.Set(static_cast<unsigned long long>(since));
   };
   return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count, noteUnsaved);
-}
-
-// A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a
-// log that nobody reads.
-void EndAtOnce(bool isSaved) {
-  const int status = isSaved ? kExitDone : kExitNotSaved;
-  const Deadline silent(kMostForALine, [status] { _exit(status); });
-  core::Logger::GetLogger("UserSettings")
-      ->Error("The disk does not answer; the daemon ends without a snapshot%s",
-              isSaved ? "" : ", and the last changes are lost");
-  _exit(status);
 }
 
 }  // namespace
@@ -339,9 +323,9 @@ DurabilityGate* SettingsStore::GetGate() {
   return persister ? &persister->GetGate() : nullptr;
 }
 
-bool SettingsStore::Finish() {
+bool SettingsStore::Finish(const std::function<void(bool isSaved)>& onLate) {
   UserSettingsPersister* const persister = _sources.GetPersister();
-  return !persister || persister->Finish(_sources.GetMostForTheEnd(), EndAtOnce);
+  return !persister || persister->Finish(_sources.GetMostForTheEnd(), onLate);
 }
 
 }  // namespace tavix::daemon

@@ -1,4 +1,4 @@
-#include "programs/server/StoreProbe.h"
+#include "programs/server/store/StoreProbe.h"
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/MutexAutoLock.h"

@@ -1,4 +1,4 @@
-#include "programs/server/LayerFiles.h"
+#include "programs/server/store/LayerFiles.h"
 
 #include <sys/stat.h>
 

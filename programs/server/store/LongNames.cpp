@@ -1,4 +1,4 @@
-#include "programs/server/LongNames.h"
+#include "programs/server/store/LongNames.h"
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -127,8 +128,8 @@ class SettingsStore {
   DurabilityGate* GetGate();
 
   // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved. Ends the process itself when the disk takes longer than the options allow.
-  bool Finish();
+  // saved. onLate: called on another thread when the disk takes longer than the options allow; it may end the process.
+  bool Finish(const std::function<void(bool isSaved)>& onLate);
 
  private:
   SettingsSources& _sources;
