@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "tavix/settings/server/SettingsManager.h"
 #include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
@@ -12,20 +11,15 @@ using core::IniFile;
 
 namespace {
 
-const std::string& RecordName() {
-  static const std::string name = SettingsManager::kDeletedGroups;
-  return name;
-}
-
 bool IsPattern(const std::string& member) {
   return member.find('*') != std::string::npos;
 }
 
 }  // namespace
 
-const DeletedGroupsRecord::Members& DeletedGroupsRecord::MembersOf(const IniFile& settings) {
+const DeletedGroupsRecord::Members& DeletedGroupsRecord::MembersOf(const IniFile& settings) const {
   static const Members none;
-  const auto record = settings.GetGroups().find(RecordName());
+  const auto record = settings.GetGroups().find(_group);
   return record == settings.GetGroups().end() ? none : record->second;
 }
 
@@ -49,12 +43,12 @@ void DeletedGroupsRecord::OnMerge(const IniFile& userSettings, const IniFile& se
 IniFile DeletedGroupsRecord::Add(IniFile& userSettings, const std::set<std::string>& members) {
   IniFile added;
   if (members.empty()) return added;
-  Members& record = userSettings[RecordName()];
+  Members& record = userSettings[_group];
   for (const std::string& member : members) {
     if (IsMember(record, member)) continue;
     std::string key = member;
     while (record.count(key) != 0) key += '~';
-    added[RecordName()].emplace(key, member);
+    added[_group].emplace(key, member);
     Note(key, member);
     record.emplace(std::move(key), member);
   }
@@ -79,7 +73,7 @@ size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const 
 
 size_t DeletedGroupsRecord::CountNewBytes(const IniFile& userSettings, const std::set<std::string>& members) const {
   const Members& record = MembersOf(userSettings);
-  size_t bytes = userSettings.HasGroup(RecordName()) ? 0 : StoreAccount::CountGroup(RecordName(), {});
+  size_t bytes = userSettings.HasGroup(_group) ? 0 : StoreAccount::CountGroup(_group, {});
   for (const std::string& member : members) {
     if (!IsMember(record, member)) bytes += StoreAccount::CountSetting(member, member);
   }

@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 
@@ -16,6 +17,9 @@ namespace tavix::settings::server {
 // Threads: as a container.
 class DeletedGroupsRecord {
  public:
+  // group: the name of the record.
+  explicit DeletedGroupsRecord(std::string group) : _group(std::move(group)) {}
+
   // Forgets everything and walks through the record of "userSettings".
   void Read(const core::IniFile& userSettings);
 
@@ -36,11 +40,12 @@ class DeletedGroupsRecord {
  private:
   using Members = core::IniFile::KeyMap;
 
-  static const Members& MembersOf(const core::IniFile& settings);
+  const Members& MembersOf(const core::IniFile& settings) const;
   bool IsMember(const Members& members, const std::string& value) const;
   void Note(const std::string& key, const std::string& value);
   void Forget(const std::string& key, const std::string& value);
 
+  const std::string _group;
   size_t _patterns = 0;
   std::map<std::string, size_t> _elsewhere;  // members that stand under other keys than their own text, and how often
 };

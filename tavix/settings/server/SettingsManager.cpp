@@ -63,7 +63,7 @@ SettingsManager::SettingsManager()
       _loadPriorityFilter(new LoadPriorityIncludeFilter),
       _changeRecorders(new ChangeRecorders),
       _settingsMutex("SettingsMutex"),
-      _record(new DeletedGroupsRecord),
+      _record(new DeletedGroupsRecord(kDeletedGroups)),
       _account(new StoreAccount),
       _notificationGate(kGateName) {}
 
