@@ -5,13 +5,12 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <exception>
 
-#include "programs/cli/CommandLine.h"
-#include "programs/cli/Completer.h"
-#include "programs/cli/Failure.h"
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Completer.h"
+#include "programs/cli/text/Failure.h"
 
 namespace tavix::cli {
 
@@ -38,9 +37,7 @@ void FillClosedStreams() {
 }
 
 int Report(const Failure& failure) {
-  std::fflush(stdout);
-  if (*failure.what() != '\0') std::fprintf(stderr, "tavix-settings: %s\n", failure.what());
-  if (!failure.GetHint().empty()) std::fprintf(stderr, "hint: %s\n", failure.GetHint().c_str());
+  Console::ReportFailure(failure.what(), failure.GetHint());
   return failure.GetCode();
 }
 
@@ -50,11 +47,8 @@ int Run(const std::vector<std::string>& words) {
   GlobalOptions options;
   const CommandLine::Action action = line.Parse(words, options);
   Console console(options);
-  int code = kExitDone;
-  if (action) {
-    Context context(options, console);
-    code = action(context);
-  }
+  Context context(options, console);
+  const int code = action(context);
   console.Flush();
   return code;
 }

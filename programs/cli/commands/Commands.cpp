@@ -1,0 +1,28 @@
+#include "programs/cli/commands/Commands.h"
+
+namespace tavix::cli {
+
+void AddAllCommands(CommandLine& line) {
+  AddGet(line);
+  AddList(line);
+  AddShow(line);
+  AddSearch(line);
+  AddSet(line);
+  AddUnset(line);
+  AddDelete(line);
+  AddReset(line);
+  AddEdit(line);
+  AddDiff(line);
+  AddExport(line);
+  AddImport(line);
+  AddWatch(line);
+  AddWait(line);
+  AddStatus(line);
+  AddSubscribers(line);
+  AddResource(line);
+  AddLogLevel(line);
+  AddCompletion(line);
+  AddHelp(line);
+}
+
+}  // namespace tavix::cli

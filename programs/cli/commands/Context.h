@@ -1,0 +1,41 @@
+#pragma once
+
+#include <initializer_list>
+#include <memory>
+
+#include "programs/cli/session/Session.h"
+#include "programs/cli/terminal/Console.h"
+#include "programs/cli/terminal/GlobalOptions.h"
+
+namespace tavix::cli {
+
+// What a command runs with.
+//
+// Owns:   the session.
+// Errors: GetSession and Reconnect throw what a session's constructor does.
+class Context {
+ public:
+  // Both outlive the context.
+  Context(const GlobalOptions& options, Console& console) : _options(options), _console(console) {}
+
+  const GlobalOptions& GetOptions() const { return _options; }
+  Console& GetConsole() const { return _console; }
+
+  // Connected when it is first asked for.
+  Session& GetSession();
+
+  // A new session in place of one that was lost.
+  Session& Reconnect();
+
+  // Throws Failure, kExitUsage, when --output is none of these and not kText.
+  void RequireOutput(std::initializer_list<Output> allowed) const;
+
+  bool PrintsJson() const { return _options.output == Output::kJson; }
+
+ private:
+  const GlobalOptions& _options;
+  Console& _console;
+  std::unique_ptr<Session> _session;
+};
+
+}  // namespace tavix::cli

@@ -1,0 +1,55 @@
+#include <memory>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/Backup.h"
+#include "programs/cli/terminal/PrintedChanges.h"
+#include "programs/cli/text/Changes.h"
+#include "programs/cli/text/Failure.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+struct Options {
+  std::string file = "-";
+  std::vector<std::string> words;
+  bool isUserLayer = false;
+};
+
+// A restricted group counts when the file holds it: exports leave the others out.
+IniFile ReadOther(Session& session, const Options& options, const IniFile& file) {
+  size_t leftOut = 0;
+  IniFile settings = ReadStore(session, options.words, options.isUserLayer, leftOut);
+  if (leftOut == 0) return settings;
+  std::set<std::string> restricted;
+  for (const auto& [group, keys] : file) {
+    if (session.IsRestricted(group)) restricted.insert(group);
+  }
+  if (!restricted.empty()) settings.MergeSettings(session.Get(restricted));
+  return settings;
+}
+
+int Diff(Context& context, const Options& options) {
+  context.RequireOutput({Output::kJson});
+  const IniFile file = SelectGroups(ReadDocument(options.file), options.words);
+  const std::vector<Change> changes = FindChanges(ReadOther(context.GetSession(), options, file), file);
+  if (!changes.empty() || context.PrintsJson())
+    PrintChanges(context.GetConsole(), context.GetOptions().output, changes);
+  return changes.empty() ? kExitDone : kExitNo;
+}
+
+}  // namespace
+
+void AddDiff(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("diff", "Compare a file with the store: - stands there, + in the file",
+                                          [options](Context& context) { return Diff(context, *options); });
+  command.AddText("FILE", options->file, "Settings as ini or JSON; '-' is standard input").Require();
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns to compare; all without any");
+  command.AddFlag("--user", options->isUserLayer, "Compare with what users changed only");
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,42 @@
+#include <memory>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/Backup.h"
+#include "programs/cli/session/Missing.h"
+#include "programs/cli/terminal/Documents.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Words.h"
+
+namespace tavix::cli {
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  bool isUserLayer = false;
+};
+
+int Export(Context& context, const Options& options) {
+  context.RequireOutput({Output::kIni, Output::kJson});
+  size_t leftOut = 0;
+  const core::IniFile settings = ReadStore(context.GetSession(), options.words, options.isUserLayer, leftOut);
+  if (settings.IsEmpty() && !options.words.empty())
+    throw Failure(kExitNo, DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
+  PrintAs(context.GetConsole(), context.GetOptions().output, settings);
+  if (leftOut > 0)
+    context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddExport(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("export", "Print a backup, as ini or with --json",
+                                          [options](Context& context) { return Export(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
+  command.AddFlag("--user", options->isUserLayer, "Only what users changed, and what they deleted");
+}
+
+}  // namespace tavix::cli

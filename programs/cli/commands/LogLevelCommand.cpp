@@ -1,0 +1,107 @@
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Json.h"
+#include "programs/cli/text/LogLevels.h"
+#include "programs/cli/text/Spelling.h"
+#include "programs/cli/text/Suggestion.h"
+#include "programs/cli/text/Words.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+constexpr char kKey[] = "log.level";
+
+struct Options {
+  std::string group;
+  std::string level;
+};
+
+std::string Describe(const std::string& value) {
+  const std::string name = NameOfLogLevel(value);
+  return SpellValue(value) + (name.empty() ? "" : " " + name);
+}
+
+// The groups that hold a level.
+IniFile ReadLevels(Session& session, const std::string& groups) {
+  IniFile levels;
+  const IniFile all = session.Get({groups});
+  for (const auto& [group, keys] : all) {
+    const auto level = keys.find(kKey);
+    if (level != keys.end()) levels.SetValue(group, kKey, level->second);
+  }
+  return levels;
+}
+
+void PrintLevels(Context& context, const IniFile& levels) {
+  Console& console = context.GetConsole();
+  if (context.PrintsJson()) {
+    nlohmann::json object = nlohmann::json::object();
+    for (const auto& [group, keys] : levels) object[NameToJson(group).get<std::string>()] = ValueToJson(keys.at(kKey));
+    console.Print(Pretty(object));
+    return;
+  }
+  size_t width = 0;
+  for (const auto& [group, keys] : levels) width = std::max(width, SpellName(group).size());
+  for (const auto& [group, keys] : levels) {
+    const std::string name = SpellName(group);
+    console.Print(console.Paint(Console::kGroup, name) + std::string(width - name.size() + 2, ' ') +
+                  Describe(keys.at(kKey)) + "\n");
+  }
+}
+
+int ReadLevel(Context& context, const std::string& group) {
+  Session& session = context.GetSession();
+  const IniFile levels = ReadLevels(session, group);
+  if (levels.IsEmpty()) {
+    const std::set<std::string> known = NamesOf(ReadLevels(session, "*"));
+    throw Failure(kExitNo, "'" + SpellName(group) + "' is no log group: it has no log.level" +
+                               DidYouMean(group, {known.begin(), known.end()}));
+  }
+  const bool isOne = group.find('*') == std::string::npos;
+  if (isOne && context.GetOptions().output == Output::kText) {
+    context.GetConsole().Print(Describe(levels.GetValue(group, kKey)) + "\n");
+  } else {
+    PrintLevels(context, levels);
+  }
+  return kExitDone;
+}
+
+int SetLevel(Context& context, const Options& options) {
+  const int level = ParseLogLevel(options.level);
+  RefusePattern(options.group);
+  IniFile settings;
+  settings.SetInt(options.group, kKey, level);
+  Merge(context.GetSession(), settings, false);
+  context.GetConsole().Say("done: " + SpellName(options.group) + " " + Describe(std::to_string(level)));
+  return kExitDone;
+}
+
+int LogLevel(Context& context, const Options& options) {
+  context.RequireOutput({Output::kJson});
+  if (options.group.empty()) {
+    PrintLevels(context, ReadLevels(context.GetSession(), "*"));
+    return kExitDone;
+  }
+  return options.level.empty() ? ReadLevel(context, options.group) : SetLevel(context, options);
+}
+
+}  // namespace
+
+void AddLogLevel(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("log-level", "Print or set how much a program logs",
+                                          [options](Context& context) { return LogLevel(context, *options); });
+  command.AddText("GROUP", options->group, "A log group or '*' pattern; all without it");
+  command.AddText("LEVEL", options->level, "error, warning, notice, information, trace, or a number from 0 to 8");
+}
+
+}  // namespace tavix::cli

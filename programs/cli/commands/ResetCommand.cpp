@@ -1,0 +1,80 @@
+#include <memory>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/UserLayer.h"
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/terminal/Confirmation.h"
+#include "programs/cli/terminal/Documents.h"
+#include "programs/cli/terminal/PrintedChanges.h"
+#include "programs/cli/text/Changes.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+#include "programs/cli/text/Words.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  bool isConfirmed = false;
+  bool isDryRun = false;
+};
+
+// The groups that users changed or deleted: those alone can differ from the defaults.
+std::set<std::string> FindUserGroups(Session& session, const std::vector<std::string>& words) {
+  UserLayer layer = UserLayer::From(session.GetUserSettings(), words);
+  layer.DropRestricted(session);
+  std::set<std::string> found = NamesOf(layer.settings);
+  found.insert(layer.deleted.begin(), layer.deleted.end());
+  return found;
+}
+
+void RefuseNames(const Session& session, const std::set<std::string>& groups) {
+  std::set<std::string> names;
+  for (const std::string& group : groups) {
+    if (group.find('*') == std::string::npos) names.insert(group);
+  }
+  RefuseRestricted(session, names);
+}
+
+// Only the server knows the defaults: what it did is told by what was there before and after.
+int Reset(Context& context, const Options& options) {
+  const std::set<std::string> groups = ParseGroups(options.words);
+  Session& session = context.GetSession();
+  RefuseNames(session, groups);
+  Console& console = context.GetConsole();
+  const std::set<std::string> changed = FindUserGroups(session, options.words);
+  if (options.isDryRun) {
+    for (const std::string& group : changed) console.Print(SpellName(group) + "\n");
+    return kExitDone;
+  }
+  if (HasPattern(groups)) Confirm("reset", changed, options.isConfirmed);
+  IniFile before;
+  IniFile after;
+  session.RunAlone([&] {
+    before = session.Get(groups);
+    after = Restore(session, groups);
+  });
+  if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
+  PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
+  console.Say("done: " + Count(after.GetGroups().size(), "group") + " at " +
+              (after.GetGroups().size() == 1 ? "its" : "their") + " defaults");
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddReset(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("reset", "Put groups back to their defaults, and print what that changed",
+                                          [options](Context& context) { return Reset(context, *options); });
+  command.AddTexts("GROUP", options->words, "Groups or '*' patterns").Require();
+  command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.AddFlag("--dry-run", options->isDryRun, "Print the groups that users changed or deleted, and change nothing");
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,72 @@
+#include <memory>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/terminal/Documents.h"
+#include "programs/cli/terminal/PrintedChanges.h"
+#include "programs/cli/text/Changes.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Words.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  std::vector<std::string> conditions;
+  bool isVolatile = false;
+  bool isDryRun = false;
+};
+
+void ShowWhatWouldChange(Context& context, const IniFile& condition, const IniFile& settings) {
+  Session& session = context.GetSession();
+  session.AllowNew();
+  RefuseRestricted(session, NamesOf(settings));
+  IniFile asked = condition;
+  asked.MergeSettings(settings);
+  const IniFile before = session.Get(NamesOf(asked));
+  RequireHolds(before, condition);
+  IniFile after = before;
+  after.MergeSettings(settings);
+  PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
+}
+
+int Set(Context& context, const Options& options) {
+  const IniFile settings = ParseAssignments(options.words);
+  const IniFile condition = ParseConditions(options.conditions, "--if");
+  if (options.isVolatile && !condition.IsEmpty())
+    throw Failure(kExitUsage, "--volatile and --if can't go together: a change with a condition is always saved");
+  if (options.isDryRun) {
+    ShowWhatWouldChange(context, condition, settings);
+    return kExitDone;
+  }
+  if (condition.IsEmpty()) {
+    Merge(context.GetSession(), settings, options.isVolatile);
+  } else {
+    MergeIf(context.GetSession(), condition, settings);
+  }
+  context.GetConsole().Say("done: " + Count(CountSettings(settings), "setting"));
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddSet(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("set", "Set one or many settings, in one step",
+                                          [options](Context& context) { return Set(context, *options); });
+  command
+      .AddTexts("SETTING", options->words,
+                "'[group]key=value', '[group]key' VALUE, GROUP KEY VALUE, or GROUP KEY=VALUE...")
+      .Require();
+  command.AddTexts("--if", options->conditions, "Only if this '[group]key=value' holds; may be repeated")
+      .TakeOneWordEach();
+  command.AddFlag("--volatile", options->isVolatile, "Do not save: it lasts until the server ends");
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+}
+
+}  // namespace tavix::cli

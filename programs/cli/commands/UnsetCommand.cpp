@@ -1,0 +1,74 @@
+#include <memory>
+
+#include "programs/cli/commands/CommandLine.h"
+#include "programs/cli/commands/Commands.h"
+#include "programs/cli/session/Missing.h"
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/terminal/Documents.h"
+#include "programs/cli/terminal/PrintedChanges.h"
+#include "programs/cli/text/Changes.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Words.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+struct Options {
+  std::vector<std::string> words;
+  bool isDryRun = false;
+};
+
+// The groups that the settings are in, before and after.
+struct Groups {
+  IniFile before;
+  IniFile after;
+};
+
+Groups FindGroups(Session& session, const std::set<std::string>& names, const std::vector<Target>& settings) {
+  Groups groups;
+  groups.before = session.Get(names);
+  groups.after = groups.before;
+  for (const Target& setting : settings) {
+    if (!groups.before.HasValue(setting.group, *setting.key))
+      throw Failure(kExitNo, DescribeMissingSetting(session, setting.group, *setting.key));
+    groups.after[setting.group].erase(*setting.key);
+  }
+  return groups;
+}
+
+// The protocol has no way to take a single key: the group is written again without it.
+int Unset(Context& context, const Options& options) {
+  const std::vector<Target> settings = ParseSettings(options.words);
+  std::set<std::string> names;
+  for (const Target& setting : settings) names.insert(setting.group);
+  Session& session = context.GetSession();
+  RefuseRestricted(session, names);
+  if (options.isDryRun) {
+    const Groups groups = FindGroups(session, names, settings);
+    PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(groups.before, groups.after));
+    return kExitDone;
+  }
+  size_t count = 0;
+  session.RunAlone([&] {
+    const Groups groups = FindGroups(session, names, settings);
+    Replace(session, names, groups.after);
+    count = CountSettings(groups.before) - CountSettings(groups.after);
+  });
+  context.GetConsole().Say("done: " + Count(count, "setting") + " unset");
+  return kExitDone;
+}
+
+}  // namespace
+
+void AddUnset(CommandLine& line) {
+  const auto options = std::make_shared<Options>();
+  const CommandOptions command = line.Add("unset", "Take settings away; their defaults do not come back",
+                                          [options](Context& context) { return Unset(context, *options); });
+  command.AddTexts("SETTING", options->words, "'[group]key' or GROUP KEY, any number of them").Require();
+  command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+}
+
+}  // namespace tavix::cli

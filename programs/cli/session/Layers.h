@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+
+#include "programs/cli/session/Session.h"
+#include "tavix/core/IniFile.h"
+
+namespace tavix::cli {
+
+// Tells which layer of the store a setting that readers see comes from.
+class Layers {
+ public:
+  // session: outlives this. Reads the user layer.
+  explicit Layers(Session& session);
+
+  // "restricted", "user" or "default".
+  const char* FindOrigin(const std::string& group, const std::string& key) const;
+
+  // The same for a whole group; "mixed" where its settings come from both.
+  const char* FindOrigin(core::IniFile::const_iterator group) const;
+
+ private:
+  const Session& _session;
+  const core::IniFile _user;
+};
+
+}  // namespace tavix::cli

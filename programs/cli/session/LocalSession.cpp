@@ -1,0 +1,168 @@
+#include "programs/cli/session/LocalSession.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/ReadFile.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+using std::chrono::milliseconds;
+
+namespace {
+
+IniFile Select(const IniFile& settings, const Session::Groups& groups) {
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  std::vector<IniFile::const_iterator> places;
+  matcher.GetMatchingGroups(settings, places);
+  IniFile selected;
+  for (const IniFile::const_iterator& place : places) selected.MergeGroup(place);
+  return selected;
+}
+
+void Remove(IniFile& settings, const Session::Groups& groups) {
+  for (const auto& [group, keys] : Select(settings, groups)) settings.RemoveGroup(group);
+}
+
+Session::Groups NamesOf(const IniFile& settings) {
+  Session::Groups names;
+  for (const auto& [group, keys] : settings) names.insert(names.end(), group);
+  return names;
+}
+
+bool IsMissing(const std::string& path) {
+  return access(path.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+LocalSession::LocalSession(std::string path, milliseconds patience) : _path(std::move(path)), _patience(patience) {}
+
+LocalSession::~LocalSession() {
+  if (_watch >= 0) close(_watch);
+}
+
+LocalText LocalSession::Read(bool mayBeMissing) const {
+  if (!IsMissing(_path)) return LocalText(ReadFile(_path), _path);
+  if (!mayBeMissing) throw Failure(kExitNoServer, "there is no file '" + _path + "'", "'set' and 'import' make it");
+  return LocalText(std::string(), _path);
+}
+
+void LocalSession::RunAlone(const std::function<void()>& change) {
+  if (_lock) return change();
+  struct Unlocking {
+    std::optional<FileLock>& lock;
+    ~Unlocking() { lock.reset(); }
+  } const unlocking{_lock};
+  _lock.emplace(_path, _patience);
+  RequireReplaceable(_path);
+  change();
+}
+
+bool LocalSession::Write(const std::function<bool(IniFile&)>& change) {
+  bool isDone = false;
+  RunAlone([&] {
+    LocalText text = Read(true);
+    IniFile settings = text.GetSettings();
+    isDone = change(settings);
+    if (!isDone || settings.GetGroups() == text.GetSettings().GetGroups()) return;
+    text.Change(settings);
+    ReplaceFile(_path, text.ToText());
+  });
+  return isDone;
+}
+
+IniFile LocalSession::Get(const Groups& groups) {
+  return Select(Read(_mayBeNew).GetSettings(), groups);
+}
+
+IniFile LocalSession::GetUserSettings() {
+  return Read(_mayBeNew).GetSettings();
+}
+
+void LocalSession::Merge(const IniFile& settings, bool isVolatile) {
+  if (isVolatile) throw Failure(kExitUsage, "--volatile makes no sense with --local: a file is all there is");
+  Write([&](IniFile& all) {
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+bool LocalSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  return Write([&](IniFile& all) {
+    if (!all.ContainsSettings(test)) return false;
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+void LocalSession::Overwrite(const Groups& groups, const IniFile& settings) {
+  Write([&](IniFile& all) {
+    Remove(all, groups);
+    all.MergeSettings(settings);
+    return true;
+  });
+}
+
+void LocalSession::Restore(const Groups& groups) {
+  Write([&](IniFile& all) {
+    Remove(all, groups);
+    return true;
+  });
+}
+
+std::vector<std::string> LocalSession::GetSubscribed() {
+  throw Failure(kExitUsage, "a file has no subscribers: leave --local out");
+}
+
+// The directory is watched, since the file is replaced and not written.
+IniFile LocalSession::Subscribe(const Groups& groups) {
+  _subscribed = groups;
+  if (_watch < 0) _watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF | IN_ONLYDIR;
+  if (_watch < 0 || inotify_add_watch(_watch, FindDirectory(_path).c_str(), events) < 0)
+    throw Failure(kExitNoServer, "'" + _path + "' can't be watched: " + std::strerror(errno));
+  IniFile settings = Get(groups);
+  _lastNames = NamesOf(settings);
+  return settings;
+}
+
+bool LocalSession::ReadEvents() const {
+  alignas(inotify_event) char events[4096];
+  bool isInPlace = true;
+  for (ssize_t size = 0; (size = read(_watch, events, sizeof events)) > 0;) {
+    for (ssize_t at = 0; at < size;) {
+      inotify_event event{};
+      std::memcpy(&event, events + at, sizeof event);
+      isInPlace = isInPlace && (event.mask & (IN_MOVE_SELF | IN_IGNORED)) == 0;
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+  }
+  return isInPlace;
+}
+
+std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
+  pollfd waiting{_watch, POLLIN, 0};
+  constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
+  const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
+  if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
+  if (!ReadEvents()) throw Failure(kExitNoServer, "the directory of '" + _path + "' was moved or removed");
+  Notice notice;
+  notice.settings = Select(Read(true).GetSettings(), _subscribed);
+  notice.groups = std::exchange(_lastNames, NamesOf(notice.settings));
+  notice.groups.insert(_lastNames.begin(), _lastNames.end());
+  return notice;
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <optional>
+
+#include "programs/cli/session/ReplaceFile.h"
+#include "programs/cli/session/Session.h"
+#include "programs/cli/text/LocalText.h"
+
+namespace tavix::cli {
+
+// A settings file in place of a daemon. It has one layer: nothing in it is restricted, and what is brought back to its
+// defaults goes, so that the defaults count again wherever the file is used. A file that is missing can be written, and
+// not read. Comments and order are kept.
+//
+// Two commands at once: each write reads the file anew under a lock, and replaces it whole. RunAlone holds the lock.
+//
+// Errors: besides the base's, writes throw Failure: kExitNoServer when another command holds the lock for too long;
+//         kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it.
+class LocalSession : public Session {
+ public:
+  // patience: how long a write waits for another command's.
+  LocalSession(std::string path, std::chrono::milliseconds patience);
+  ~LocalSession() override;
+
+  std::string GetAddress() const override { return "file '" + _path + "'"; }
+  core::IniFile Get(const Groups& groups) override;
+  void AllowNew() override { _mayBeNew = true; }
+  core::IniFile GetUserSettings() override;
+  void RunAlone(const std::function<void()>& change) override;
+  bool IsRestricted(const std::string&) const override { return false; }
+  std::vector<std::string> GetSubscribed() override;
+  core::IniFile Subscribe(const Groups& groups) override;
+  std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
+  void SetProgress(Progress) override {}
+
+ private:
+  void Merge(const core::IniFile& settings, bool isVolatile) override;
+  bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) override;
+  void Overwrite(const Groups& groups, const core::IniFile& settings) override;
+  void Restore(const Groups& groups) override;
+
+  // False when the directory is no longer where it was.
+  bool ReadEvents() const;
+
+  // What stands in the file; an empty text when it is missing and may be.
+  LocalText Read(bool mayBeMissing) const;
+
+  // Reads the file, has "change" change the settings, and writes them, with no other command in between. A change that
+  // returns false changes nothing.
+  bool Write(const std::function<bool(core::IniFile&)>& change);
+
+  const std::string _path;
+  const std::chrono::milliseconds _patience;
+  std::optional<FileLock> _lock;  // while something runs alone
+  bool _mayBeNew = false;
+  Groups _subscribed;
+  Groups _lastNames;  // of the subscribed groups, when they were last read
+  int _watch = -1;    // a descriptor of inotify(7)
+};
+
+}  // namespace tavix::cli

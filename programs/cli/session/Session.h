@@ -1,0 +1,79 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+
+namespace tavix::cli {
+
+// One way to a store, all that the commands know of it: a daemon's, or a file.
+//
+// Threads: one.
+// Errors:  Failure: kExitNoServer when the store can't be reached or does not answer in time, kExitBadInput when what
+//          it holds can't be parsed, kExitNotApplied when a file can't be written, kExitUsage for a name that can't be
+//          sent.
+class Session {
+ public:
+  using Groups = std::set<std::string>;
+
+  // Some groups have changed.
+  struct Notice {
+    Groups groups;           // that have changed
+    core::IniFile settings;  // what they hold now; those that are missing are gone
+  };
+
+  // Told how many of all bytes of a write have left.
+  using Progress = std::function<void(size_t done, size_t all)>;
+
+  Session() = default;
+  virtual ~Session() = default;
+
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // The store's address, for people.
+  virtual std::string GetAddress() const = 0;
+
+  // The groups that names and '*' patterns mean.
+  virtual core::IniFile Get(const Groups& groups) = 0;
+
+  // From now on a store that does not exist yet reads as an empty one: it is about to be written.
+  virtual void AllowNew() {}
+
+  // What clients wrote, with the bookkeeping of what they deleted.
+  virtual core::IniFile GetUserSettings() = 0;
+
+  // Whether clients can't write the group.
+  virtual bool IsRestricted(const std::string& group) const = 0;
+
+  // Runs "change", which reads this store and writes what follows from that. No other command writes in between where
+  // the store can promise that: a file can; a daemon has nothing but the condition of TestAndMerge. May be nested.
+  virtual void RunAlone(const std::function<void()>& change) { change(); }
+
+  // Names and patterns that anybody has subscribed to.
+  virtual std::vector<std::string> GetSubscribed() = 0;
+
+  // Returns what the groups hold at the moment from which on notices come.
+  virtual core::IniFile Subscribe(const Groups& groups) = 0;
+
+  // The next notice of the subscription; nothing when none came within the limit. Without a limit it waits for ever.
+  virtual std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) = 0;
+
+  virtual void SetProgress(Progress progress) = 0;
+
+ private:
+  friend class SessionWriter;  // of Writes.cpp: the commands write by the functions of Writes.h alone
+
+  // A write returns when it was handed over: what became of it is found by reading.
+  virtual void Merge(const core::IniFile& settings, bool isVolatile) = 0;
+  [[nodiscard]] virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) = 0;
+  virtual void Overwrite(const Groups& groups, const core::IniFile& settings) = 0;
+  virtual void Restore(const Groups& groups) = 0;
+};
+
+}  // namespace tavix::cli

@@ -1,0 +1,82 @@
+#include "programs/cli/session/UserLayer.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "programs/cli/session/Backup.h"
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/text/Words.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+std::set<std::string> Without(const std::set<std::string>& names, const std::set<std::string>& others) {
+  std::set<std::string> rest;
+  std::set_difference(names.begin(), names.end(), others.begin(), others.end(), std::inserter(rest, rest.end()));
+  return rest;
+}
+
+bool HoldsAllKeys(const IniFile& wanted, const std::string& group, const IniFile::KeyMap& keys) {
+  if (!wanted.HasGroup(group)) return false;
+  return std::all_of(keys.begin(), keys.end(), [&](const auto& entry) { return wanted.HasValue(group, entry.first); });
+}
+
+// The groups that are not wanted, or hold a setting that is not.
+std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted) {
+  std::set<std::string> names;
+  for (const auto& [group, keys] : before) {
+    if (!HoldsAllKeys(wanted, group, keys)) names.insert(names.end(), group);
+  }
+  return names;
+}
+
+}  // namespace
+
+UserLayer UserLayer::From(const IniFile& document, const std::vector<std::string>& groups) {
+  UserLayer layer;
+  layer.settings = document;
+  layer.settings.RemoveGroup(kDeletedGroups);
+  layer.settings = SelectGroups(layer.settings, groups);
+  if (!document.HasGroup(kDeletedGroups)) return layer;
+  std::set<std::string> deleted;
+  for (const auto& [key, name] : document[kDeletedGroups]) deleted.insert(name);
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(ParseGroups(groups));
+  matcher.GetMatchingGroups(deleted, layer.deleted);
+  return layer;
+}
+
+void UserLayer::DropRestricted(const Session& session) {
+  for (const std::string& name : NamesOf(settings)) {
+    if (session.IsRestricted(name)) settings.RemoveGroup(name);
+  }
+  for (auto name = deleted.begin(); name != deleted.end();)
+    name = session.IsRestricted(*name) ? deleted.erase(name) : std::next(name);
+}
+
+IniFile UserLayer::ToDocument() const {
+  IniFile document = settings;
+  for (const std::string& name : deleted) document.SetValue(kDeletedGroups, name, name);
+  return document;
+}
+
+void ReplaceUserLayer(Session& session, const UserLayer& before, const UserLayer& wanted, bool isWhole) {
+  const std::set<std::string> undeleted = Without(before.deleted, wanted.deleted);
+  std::set<std::string> restored = FindUnwanted(before.settings, wanted.settings);
+  restored.insert(undeleted.begin(), undeleted.end());
+  // Only the whole record can be taken away. Restoring alone leaves it as it is.
+  if (isWhole && !undeleted.empty()) restored.insert(kDeletedGroups);
+  if (!restored.empty()) Restore(session, restored);
+  const std::set<std::string> deleted = restored.empty() ? Without(wanted.deleted, before.deleted) : wanted.deleted;
+  if (!deleted.empty()) {
+    Replace(session, deleted, wanted.settings);
+  } else if (!wanted.settings.IsEmpty()) {
+    Merge(session, wanted.settings, false);
+  }
+}
+
+}  // namespace tavix::cli

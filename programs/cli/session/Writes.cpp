@@ -1,0 +1,195 @@
+#include "programs/cli/session/Writes.h"
+
+#include <algorithm>
+
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+// The one way to what a session keeps from all others.
+class SessionWriter {
+ public:
+  explicit SessionWriter(Session& session) : _session(session) {}
+
+  void Merge(const IniFile& settings, bool isVolatile) { _session.Merge(settings, isVolatile); }
+  [[nodiscard]] bool TestAndMerge(const IniFile& test, const IniFile& settings) {
+    return _session.TestAndMerge(test, settings);
+  }
+  void Overwrite(const std::set<std::string>& groups, const IniFile& settings) { _session.Overwrite(groups, settings); }
+  void Restore(const std::set<std::string>& groups) { _session.Restore(groups); }
+
+ private:
+  Session& _session;
+};
+
+namespace {
+
+// What stands there in place of what should; empty when it does.
+std::string FindDifference(const IniFile& current, const IniFile& wanted) {
+  for (const auto& [group, keys] : wanted) {
+    for (const auto& [key, value] : keys) {
+      const std::string name = SpellSetting(group, key);
+      if (!current.HasValue(group, key)) return name + " is not set";
+      const std::string& found = current.GetValue(group, key);
+      if (found != value) return name + " is '" + SpellValue(found) + "', not '" + SpellValue(value) + "'";
+    }
+    if (!current.HasGroup(group)) return "there is no group '" + SpellName(group) + "'";
+  }
+  return std::string();
+}
+
+void RequireApplied(const IniFile& current, const IniFile& wanted) {
+  const std::string difference = FindDifference(current, wanted);
+  if (!difference.empty()) throw Failure(kExitNotApplied, "not applied: " + difference);
+}
+
+// Throws when the group holds something that it should not.
+void RequireGone(const IniFile& current, const IniFile& wanted, const std::string& group) {
+  if (!current.HasGroup(group)) return;
+  if (!wanted.HasGroup(group))
+    throw Failure(kExitNotApplied, "not applied: there still is a group '" + SpellName(group) + "'");
+  for (const auto& [key, value] : current[group]) {
+    if (!wanted.HasValue(group, key))
+      throw Failure(kExitNotApplied, "not applied: " + SpellSetting(group, key) + " is still set");
+  }
+}
+
+bool LosesSomething(const std::string& group, const IniFile::KeyMap& keys, const IniFile& after) {
+  if (!after.HasGroup(group)) return true;
+  return std::any_of(keys.begin(), keys.end(), [&](const auto& entry) { return !after.HasValue(group, entry.first); });
+}
+
+void AddNewValues(const IniFile::GroupMap::value_type& group, const IniFile& before, IniFile& out) {
+  const auto& [name, keys] = group;
+  if (!before.HasGroup(name)) out[name];
+  for (const auto& [key, value] : keys) {
+    if (!before.HasValue(name, key) || before.GetValue(name, key) != value) out.SetValue(name, key, value);
+  }
+}
+
+}  // namespace
+
+void RefuseRestricted(const Session& session, const std::set<std::string>& groups) {
+  for (const std::string& group : groups) {
+    if (session.IsRestricted(group))
+      throw Failure(kExitRefused, "refused: '" + SpellName(group) + "' is a restricted group",
+                    "groups with 'Secure' or 'Trusted' in their names are set by the server's restricted files only");
+  }
+}
+
+void RefusePatterns(const std::set<std::string>& groups) {
+  for (const std::string& group : groups) {
+    if (group.find('*') != std::string::npos)
+      throw Failure(kExitUsage,
+                    "the name '" + SpellName(group) +
+                        "' holds a '*': who replaces or deletes that group does so "
+                        "with all that match it",
+                    "'tavix-settings reset' takes what users set in it, and in those that match it, away");
+  }
+}
+
+std::set<std::string> NamesOf(const IniFile& settings) {
+  std::set<std::string> names;
+  for (const auto& [group, keys] : settings) names.insert(names.end(), group);
+  return names;
+}
+
+void Merge(Session& session, const IniFile& settings, bool isVolatile) {
+  const std::set<std::string> groups = NamesOf(settings);
+  RefuseRestricted(session, groups);
+  session.RunAlone([&] {
+    SessionWriter(session).Merge(settings, isVolatile);
+    RequireApplied(session.Get(groups), settings);
+  });
+}
+
+void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
+  const std::set<std::string> groups = NamesOf(settings);
+  RefuseRestricted(session, groups);
+  session.RunAlone([&] {
+    if (!TryMergeIf(session, condition, settings)) {
+      RequireHolds(session.Get(NamesOf(condition)), condition);
+      throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
+    }
+    RequireApplied(session.Get(groups), settings);
+  });
+}
+
+bool TryMergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
+  RefuseRestricted(session, NamesOf(settings));
+  return SessionWriter(session).TestAndMerge(condition, settings);
+}
+
+void RequireHolds(const IniFile& current, const IniFile& condition) {
+  const std::string difference = FindDifference(current, condition);
+  if (!difference.empty()) throw Failure(kExitConditionFailed, "condition failed: " + difference);
+}
+
+void RequireUnchanged(Session& session, const std::set<std::string>& groups, const IniFile& before) {
+  const IniFile current = session.Get(groups);
+  IniFile condition;
+  for (const std::string& group : groups) condition.MergeSettings(before, group);
+  RequireHolds(current, condition);
+  for (const auto& [group, keys] : current) {
+    for (const auto& [key, value] : keys) {
+      if (!before.HasValue(group, key))
+        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set by now, to '" +
+                                                SpellValue(value) + "'");
+    }
+    if (!before.HasGroup(group))
+      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
+  }
+}
+
+void Replace(Session& session, const std::set<std::string>& groups, const IniFile& settings) {
+  std::set<std::string> touched = NamesOf(settings);
+  touched.insert(groups.begin(), groups.end());
+  RefuseRestricted(session, touched);
+  session.RunAlone([&] {
+    SessionWriter(session).Overwrite(groups, settings);
+    const IniFile current = session.Get(touched);
+    RequireApplied(current, settings);
+    for (const std::string& group : groups) RequireGone(current, settings, group);
+  });
+}
+
+IniFile Restore(Session& session, const std::set<std::string>& groups) {
+  std::set<std::string> names;
+  for (const std::string& group : groups) {
+    if (group.find('*') == std::string::npos) names.insert(group);
+  }
+  RefuseRestricted(session, names);
+  IniFile after;
+  session.RunAlone([&] {
+    SessionWriter(session).Restore(groups);
+    after = session.Get(groups);
+  });
+  return after;
+}
+
+void Apply(Session& session, const IniFile& before, const IniFile& after) {
+  std::set<std::string> replaced;
+  for (const auto& [group, keys] : before) {
+    if (LosesSomething(group, keys, after)) replaced.insert(replaced.end(), group);
+  }
+  IniFile written;
+  for (auto group = after.begin(); group != after.end(); ++group) {
+    if (replaced.count(group->first) != 0) {
+      written.MergeGroup(group);
+    } else {
+      AddNewValues(*group, before, written);
+    }
+  }
+  // One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
+  if (!replaced.empty()) {
+    RefusePatterns(replaced);
+    Replace(session, replaced, written);
+  } else if (!written.IsEmpty()) {
+    Merge(session, written, false);
+  }
+}
+
+}  // namespace tavix::cli

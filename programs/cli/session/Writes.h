@@ -1,0 +1,49 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "programs/cli/session/Session.h"
+#include "tavix/core/IniFile.h"
+
+// All that the commands write. Every function throws Failure, kExitRefused, for a restricted group before anything is
+// written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf, whose write has
+// one. Those that know what the store has to hold then throw Failure, kExitNotApplied, when something else stands
+// there.
+namespace tavix::cli {
+
+// Throws Failure, kExitRefused, when one of the groups can't be written.
+void RefuseRestricted(const Session& session, const std::set<std::string>& groups);
+
+// Throws Failure, kExitUsage, when a name holds a '*': a list of groups to be replaced takes that for a pattern, and
+// other groups would go too.
+void RefusePatterns(const std::set<std::string>& groups);
+
+// The names of the groups of a document.
+std::set<std::string> NamesOf(const core::IniFile& settings);
+
+void Merge(Session& session, const core::IniFile& settings, bool isVolatile);
+
+// Throws Failure, kExitConditionFailed, that names what differs, when the condition does not hold.
+void MergeIf(Session& session, const core::IniFile& condition, const core::IniFile& settings);
+
+// The same, once; false when the condition does not hold.
+[[nodiscard]] bool TryMergeIf(Session& session, const core::IniFile& condition, const core::IniFile& settings);
+
+// Throws as MergeIf does.
+void RequireHolds(const core::IniFile& current, const core::IniFile& condition);
+
+// Throws Failure, kExitConditionFailed, that names what differs, when these groups are not as they were.
+void RequireUnchanged(Session& session, const std::set<std::string>& groups, const core::IniFile& before);
+
+// Replaces exactly these groups: those that "settings" lacks go.
+void Replace(Session& session, const std::set<std::string>& groups, const core::IniFile& settings);
+
+// Puts groups and '*' patterns back to their defaults. Returns what they hold then: the store alone knows the defaults.
+core::IniFile Restore(Session& session, const std::set<std::string>& groups);
+
+// Makes the store hold "after" where it held "before". What was only set is merged; groups that lost something are
+// replaced, and refused as RefusePatterns does.
+void Apply(Session& session, const core::IniFile& before, const core::IniFile& after);
+
+}  // namespace tavix::cli

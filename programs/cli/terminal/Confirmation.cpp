@@ -1,0 +1,44 @@
+#include "programs/cli/terminal/Confirmation.h"
+
+#include <algorithm>
+
+#include "programs/cli/terminal/Console.h"
+#include "programs/cli/terminal/Documents.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+
+namespace tavix::cli {
+
+namespace {
+
+constexpr size_t kMaxShown = 20;
+
+std::string ListNames(const std::set<std::string>& groups) {
+  std::string lines;
+  size_t shown = 0;
+  for (const std::string& group : groups) {
+    if (++shown > kMaxShown) break;
+    lines += "  " + SpellName(group) + "\n";
+  }
+  if (groups.size() > kMaxShown) lines += "  ... and " + std::to_string(groups.size() - kMaxShown) + " more\n";
+  return lines;
+}
+
+}  // namespace
+
+void Confirm(const std::string& verb, const std::set<std::string>& groups, bool isGiven) {
+  if (isGiven) return;
+  if (!Console::CanAsk())
+    throw Failure(kExitUsage, "a pattern would " + verb + " " + Count(groups.size(), "group") + ": give --yes to do it",
+                  "--dry-run shows them");
+  std::string question = verb + " " + Count(groups.size(), "group") + "?";
+  question[0] = static_cast<char>(question[0] - 'a' + 'A');
+  if (!Console::Ask(ListNames(groups) + question)) throw Failure(kExitNo, "nothing was changed");
+}
+
+bool HasPattern(const std::set<std::string>& groups) {
+  return std::any_of(groups.begin(), groups.end(),
+                     [](const std::string& group) { return group.find('*') != std::string::npos; });
+}
+
+}  // namespace tavix::cli

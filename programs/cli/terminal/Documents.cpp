@@ -1,0 +1,89 @@
+#include "programs/cli/terminal/Documents.h"
+
+#include <nlohmann/json.hpp>
+
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Json.h"
+#include "programs/cli/text/Spelling.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+
+namespace {
+
+std::string PaintGroup(const Console& console, const std::string& group) {
+  return console.Paint(Console::kGroup, "[" + SpellName(group) + "]");
+}
+
+void PrintShell(Console& console, const IniFile& settings) {
+  for (const auto& [group, keys] : settings) {
+    for (const auto& [key, value] : keys) {
+      if (value.find('\0') != std::string::npos)
+        throw Failure(kExitNo, SpellSetting(group, key) + " holds a NUL byte, which no shell variable can");
+      const std::string word = console.IsOutputTerminal() ? console.ShowBareValue(value) : value;
+      console.Print(ShellVariable(group, key) + "=" + QuoteForShell(word) + "\n");
+    }
+  }
+}
+
+void PrintValues(Console& console, const IniFile& settings) {
+  for (const auto& [group, keys] : settings) {
+    for (const auto& [key, value] : keys) console.Print(console.ShowBareValue(value) + "\n");
+  }
+}
+
+}  // namespace
+
+void PrintIni(Console& console, const IniFile& settings, bool isSpaced) {
+  bool isFirst = true;
+  for (const auto& [group, keys] : settings) {
+    std::string text = isFirst || !isSpaced ? "" : "\n";
+    text += PaintGroup(console, group) + "\n";
+    for (const auto& [key, value] : keys)
+      text += console.Paint(Console::kKey, SpellKey(key)) + "=" + SpellValue(value) + "\n";
+    console.Print(text);
+    isFirst = false;
+  }
+}
+
+void PrintAssignments(Console& console, const IniFile& settings) {
+  for (const auto& [group, keys] : settings) {
+    if (keys.empty()) console.Print(PaintGroup(console, group) + "\n");
+    for (const auto& [key, value] : keys) console.Print(PaintAssignment(console, group, key, value) + "\n");
+  }
+}
+
+void PrintAs(Console& console, Output output, const IniFile& settings) {
+  switch (output) {
+    case Output::kText:
+    case Output::kIni:
+      PrintIni(console, settings, false);
+      break;
+    case Output::kJson:
+      console.Print(Pretty(ToJson(settings)));
+      break;
+    case Output::kShell:
+      PrintShell(console, settings);
+      break;
+    case Output::kValue:
+      PrintValues(console, settings);
+  }
+}
+
+std::string PaintAssignment(const Console& console, const std::string& group, const std::string& key,
+                            const std::string& value) {
+  return PaintGroup(console, group) + console.Paint(Console::kKey, SpellKey(key)) + "=" + SpellValue(value);
+}
+
+std::string Count(size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+size_t CountSettings(const IniFile& settings) {
+  size_t count = 0;
+  for (const auto& [group, keys] : settings) count += keys.size();
+  return count;
+}
+
+}  // namespace tavix::cli

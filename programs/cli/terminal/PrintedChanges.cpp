@@ -1,0 +1,53 @@
+#include "programs/cli/terminal/PrintedChanges.h"
+
+#include <nlohmann/json.hpp>
+
+#include "programs/cli/text/Json.h"
+#include "programs/cli/text/Spelling.h"
+
+namespace tavix::cli {
+
+using nlohmann::json;
+
+namespace {
+
+void PrintLine(Console& console, bool isAdded, const std::string& text) {
+  console.Print(console.Paint(isAdded ? Console::kAdded : Console::kRemoved, (isAdded ? "+" : "-") + text) + "\n");
+}
+
+std::string ShowSide(const Console& console, const std::optional<std::string>& value, Console::Color color) {
+  return value ? console.Paint(color, SpellValue(*value)) : console.Paint(Console::kDim, "(not set)");
+}
+
+}  // namespace
+
+void PrintChanges(Console& console, Output output, const std::vector<Change>& changes) {
+  if (output == Output::kJson) {
+    json list = json::array();
+    for (const Change& change : changes) list.push_back(ToJson(change));
+    console.Print(Pretty(list));
+    return;
+  }
+  for (const Change& change : changes) {
+    if (!change.key) PrintLine(console, change.hasCome, "[" + SpellName(change.group) + "]");
+    if (change.before) PrintLine(console, false, SpellAssignment(change.group, *change.key, *change.before));
+    if (change.after) PrintLine(console, true, SpellAssignment(change.group, *change.key, *change.after));
+  }
+}
+
+void PrintEvent(Console& console, Output output, const Change& change) {
+  if (output == Output::kJson) {
+    console.Print(Compact(ToJson(change)) + "\n");
+    return;
+  }
+  const std::string name = console.Paint(Console::kGroup, "[" + SpellName(change.group) + "]");
+  if (!change.key) {
+    console.Print(name + (change.hasCome ? ": group added\n" : ": group removed\n"));
+    return;
+  }
+  console.Print(name + console.Paint(Console::kKey, SpellKey(*change.key)) + ": " +
+                ShowSide(console, change.before, Console::kRemoved) + " -> " +
+                ShowSide(console, change.after, Console::kAdded) + "\n");
+}
+
+}  // namespace tavix::cli

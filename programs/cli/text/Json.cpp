@@ -1,0 +1,225 @@
+#include "programs/cli/text/Json.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <utility>
+
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+using nlohmann::json;
+
+namespace {
+
+constexpr char kBase64[] = "base64";
+constexpr char kBase64Prefix[] = "base64:";
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// RFC 4648, section 4.
+std::string EncodeBase64(const std::string& bytes) {
+  std::string text;
+  for (size_t at = 0; at < bytes.size(); at += 3) {
+    const size_t count = std::min<size_t>(3, bytes.size() - at);
+    uint32_t bits = 0;
+    for (size_t i = 0; i < 3; ++i) bits = bits << 8U | (i < count ? static_cast<unsigned char>(bytes[at + i]) : 0U);
+    for (size_t i = 0; i < 4; ++i) text += i <= count ? kAlphabet[bits >> (18 - 6 * i) & 0x3FU] : '=';
+  }
+  return text;
+}
+
+bool DecodeBase64(std::string text, std::string& bytes) {
+  if (text.size() % 4 != 0) return false;
+  for (int i = 0; i < 2 && !text.empty() && text.back() == '='; ++i) text.pop_back();
+  if (text.size() % 4 == 1) return false;
+  const std::string alphabet(kAlphabet);
+  uint32_t bits = 0;
+  unsigned int held = 0;
+  for (const char c : text) {
+    const size_t value = alphabet.find(c);
+    if (value == std::string::npos) return false;
+    bits = bits << 6U | static_cast<uint32_t>(value);
+    held += 6;
+    if (held < 8) continue;
+    held -= 8;
+    bytes += static_cast<char>(bits >> held & 0xFFU);
+  }
+  return true;
+}
+
+// Builds settings from what the parser finds. No tree is built in between: it would lose how numbers were written and
+// which keys stood twice, and one of any depth could not even be shown.
+class Reader : public nlohmann::json_sax<json> {
+ public:
+  // in: what is parsed; it tells how far that went. Both outlive this.
+  Reader(std::istringstream& in, const std::string& source) : _in(in), _source(source) {}
+
+  IniFile TakeSettings() { return std::move(_settings); }
+
+  bool null() override { FailUnexpected("null"); }
+  bool boolean(bool value) override { return TakeText(value ? "true" : "false"); }
+  bool number_integer(number_integer_t value) override { return TakeText(std::to_string(value)); }
+  bool number_unsigned(number_unsigned_t value) override { return TakeText(std::to_string(value)); }
+  bool number_float(number_float_t, const std::string& text) override { return TakeText(text); }
+  bool binary(binary_t&) override { FailUnexpected("binary data"); }
+  bool start_array(size_t) override { FailUnexpected("an array"); }
+  bool end_array() override { return true; }
+
+  bool string(std::string& text) override {
+    if (_depth < kInBase64) return TakeText(text);
+    std::string bytes;
+    if (!DecodeBase64(text, bytes)) Fail("'" + SpellValue(text) + "' is no base64");
+    SetValue(bytes);
+    return true;
+  }
+
+  bool start_object(size_t) override {
+    if (_depth == kInBase64) FailUnexpected("an object");
+    ++_depth;
+    return true;
+  }
+
+  bool key(std::string& text) override {
+    if (_depth == kInDocument) return OpenGroup(ReadName(text));
+    if (_depth == kInGroup) {
+      _key = ReadName(text);
+      if (_settings.HasValue(_group, _key)) Fail(SpellSetting(_group, _key) + " stands twice");
+      return true;
+    }
+    if (text != kBase64 || _hasBase64) FailUnexpected("an object");
+    _hasBase64 = true;
+    return true;
+  }
+
+  bool end_object() override {
+    if (_depth == kInBase64 && !std::exchange(_hasBase64, false)) FailUnexpected("an object");
+    --_depth;
+    return true;
+  }
+
+  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    const std::string reason = error.what();
+    Fail(reason.substr(reason.find("] ") + 2));
+  }
+
+ private:
+  // How many objects are open.
+  enum Depth { kNowhere, kInDocument, kInGroup, kInBase64 };
+
+  bool OpenGroup(const std::string& name) {
+    if (_settings.HasGroup(name)) Fail("[" + SpellName(name) + "] stands twice");
+    _group = name;
+    _settings[name];
+    return true;
+  }
+
+  std::string ReadName(const std::string& text) {
+    if (text.rfind(kBase64Prefix, 0) != 0) return text;
+    std::string name;
+    if (!DecodeBase64(text.substr(sizeof kBase64Prefix - 1), name)) Fail("'" + SpellValue(text) + "' is no base64");
+    return name;
+  }
+
+  bool TakeText(const std::string& text) {
+    if (_depth != kInGroup) FailUnexpected(SpellValue(text.substr(0, kMostShown)));
+    SetValue(text);
+    return true;
+  }
+
+  void SetValue(const std::string& value) { _settings.SetValue(_group, _key, value); }
+
+  [[noreturn]] void FailUnexpected(const std::string& found) {
+    if (_depth == kNowhere) Fail("expected an object of groups, found " + found);
+    if (_depth == kInDocument) Fail("[" + SpellName(_group) + "]: expected an object of keys, found " + found);
+    Fail(SpellSetting(_group, _key) + ": expected a string or {\"base64\": \"...\"}, found " + found);
+  }
+
+  // The parser has read one character beyond what it tells of.
+  [[noreturn]] void Fail(const std::string& what) {
+    const auto at = _in.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
+    const std::string text = _in.str();
+    const auto end = text.begin() + std::max<std::ptrdiff_t>(0, static_cast<std::ptrdiff_t>(at) - 1);
+    const auto line = 1 + std::count(text.begin(), end, '\n');
+    throw Failure(kExitBadInput, _source + ":" + std::to_string(line) + ": " + what);
+  }
+
+  static constexpr size_t kMostShown = 40;
+
+  std::istringstream& _in;
+  const std::string& _source;
+  IniFile _settings;
+  int _depth = kNowhere;
+  std::string _group;
+  std::string _key;
+  bool _hasBase64 = false;
+};
+
+// Control characters that JSON lets stand as they are: they must not reach a terminal.
+std::string WithoutControls(const std::string& text) {
+  std::string out;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const bool isDelete = text[at] == '\x7F';
+    const bool isAbove = text[at] == '\xC2' && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0;
+    if (!isDelete && !isAbove) {
+      out += text[at];
+      continue;
+    }
+    if (isAbove) ++at;
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(text[at]));
+    out += escaped;
+  }
+  return out;
+}
+
+}  // namespace
+
+json NameToJson(const std::string& name) {
+  return IsUtf8(name) && name.rfind(kBase64Prefix, 0) != 0 ? name : kBase64Prefix + EncodeBase64(name);
+}
+
+json ValueToJson(const std::string& value) {
+  if (IsUtf8(value)) return value;
+  return json::object({{kBase64, EncodeBase64(value)}});
+}
+
+json ValueToJson(const std::optional<std::string>& value) {
+  return value ? ValueToJson(*value) : json(nullptr);
+}
+
+json ToJson(const IniFile& settings) {
+  json document = json::object();
+  for (const auto& [group, keys] : settings) {
+    json& object = document[NameToJson(group).get<std::string>()] = json::object();
+    for (const auto& [key, value] : keys) object[NameToJson(key).get<std::string>()] = ValueToJson(value);
+  }
+  return document;
+}
+
+std::string Pretty(const json& document) {
+  return WithoutControls(document.dump(2)) + "\n";
+}
+
+std::string Compact(const json& document) {
+  return WithoutControls(document.dump());
+}
+
+bool LooksLikeJson(const std::string& text) {
+  const size_t begin = text.rfind("\xEF\xBB\xBF", 0) == 0 ? 3 : 0;  // a byte order mark
+  const size_t first = text.find_first_not_of(" \t\r\n", begin);
+  return first != std::string::npos && text[first] == '{';
+}
+
+IniFile FromJson(const std::string& text, const std::string& source) {
+  std::istringstream in(text);
+  Reader reader(in, source);
+  json::sax_parse(in, &reader);
+  return reader.TakeSettings();
+}
+
+}  // namespace tavix::cli

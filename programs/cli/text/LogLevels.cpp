@@ -1,0 +1,51 @@
+#include "programs/cli/text/LogLevels.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+#include "programs/cli/text/Suggestion.h"
+#include "tavix/core/StringUtil.h"
+
+namespace tavix::cli {
+
+namespace {
+
+constexpr const char* kNames[] = {"emergency", "alert",       "critical", "error", "warning",
+                                  "notice",    "information", "debug",    "trace"};
+constexpr int kHighest = static_cast<int>(std::size(kNames)) - 1;
+
+struct ShortForm {
+  const char* text;
+  int level;
+};
+
+constexpr ShortForm kShortForms[] = {{"emerg", 0}, {"crit", 2}, {"err", 3}, {"warn", 4}, {"info", 6}};
+
+}  // namespace
+
+std::vector<std::string> GetLogLevelNames() {
+  return {std::begin(kNames), std::end(kNames)};
+}
+
+std::string NameOfLogLevel(const std::string& value) {
+  int level = 0;
+  if (!core::StringUtil::TryParse(value, level) || level < 0 || level > kHighest) return std::string();
+  return kNames[level];
+}
+
+int ParseLogLevel(const std::string& text) {
+  int level = 0;
+  if (core::StringUtil::TryParse(text, level) && level >= 0 && level <= kHighest) return level;
+  for (int i = 0; i <= kHighest; ++i) {
+    if (core::StringUtil::EqualsIgnoringCase(text, kNames[i])) return i;
+  }
+  for (const ShortForm& form : kShortForms) {
+    if (core::StringUtil::EqualsIgnoringCase(text, form.text)) return form.level;
+  }
+  throw Failure(kExitUsage, "'" + SpellValue(text) + "' is no log level" + DidYouMean(text, GetLogLevelNames()),
+                "error, warning, notice, information, trace, or a number from 0 to 8");
+}
+
+}  // namespace tavix::cli
