@@ -78,7 +78,9 @@ set(lower_headers
     tavix/osa/LockException.h
     tavix/osa/Mutex.h
     tavix/osa/MutexAutoLock.h
+    tavix/osa/PlainMutex.h
     tavix/osa/ReadWriteLock.h
+    tavix/osa/ThreadAnnotations.h
     tavix/osa/Time.h
     tavix/settings/client/IConnectionObserver.h
     tavix/settings/client/ProtocolConstants.h)

@@ -34,7 +34,6 @@ constexpr int kAcceptsInARow = 64;
 constexpr size_t kFirstListener = 3;  // of what is watched
 constexpr std::chrono::milliseconds kMaxWaitForPlace{1000};
 const std::string kAnybody = "all peers";  // for the log, before it is known who connects
-constexpr int kTurnMilliseconds = 5;
 
 // Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
 // the process then has descriptors for.

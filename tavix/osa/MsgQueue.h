@@ -8,6 +8,7 @@
 #include "tavix/osa/Mutex.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/Semaphore.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
 
 namespace tavix::osa {
@@ -33,7 +34,7 @@ class tMsgQueue {
   // not wait. Throws LockException "Lock Timeout" when the time has passed.
   bool GetMsg(T& out, unsigned int timeout) {
     if (!_semaphore.TryLock(timeout)) throw LockException("Lock Timeout", LockException::kTimeout);
-    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     out = _messages.front();
     _messages.pop();
     return true;
@@ -42,7 +43,7 @@ class tMsgQueue {
   // Throws Exception "Message Queue Is Full" and leaves the queue as it is when it holds its capacity.
   void SendMsg(const T& msg) {
     {
-      MutexAutoLock lock(&_mutex, kWaitForever, true);
+      MutexAutoLock lock(_mutex);
       if (_messages.size() >= _capacity) throw Exception("Message Queue Is Full");
       _messages.push(msg);
     }
@@ -51,13 +52,13 @@ class tMsgQueue {
 
   // How many messages wait at this moment.
   size_t GetSize() {
-    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     return _messages.size();
   }
 
  private:
-  std::queue<T, std::deque<T>> _messages;  // guarded by _mutex
   Mutex _mutex;
+  std::queue<T, std::deque<T>> _messages TAVIX_GUARDED_BY(_mutex);
   Semaphore _semaphore;  // counts the messages that may be taken
   uint32_t _capacity;
 };

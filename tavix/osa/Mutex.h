@@ -6,12 +6,16 @@
 #include <thread>
 
 #include "tavix/osa/Export.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::osa {
 
 // A mutual-exclusion lock with time limits. Not recursive: a thread that locks it twice gets an exception, never a
 // silent deadlock. Take it through MutexAutoLock.
-class TAVIX_EXPORT Mutex {
+//
+// It is the lock where code of the user's runs while it is held, such as a callback or a stream, where another process
+// is waited for, or where somebody gives up waiting for it. Elsewhere PlainMutex is, which costs less.
+class TAVIX_EXPORT TAVIX_CAPABILITY("mutex") Mutex {
  public:
   // name: for error texts only; may be null.
   explicit Mutex(const char* name);
@@ -21,10 +25,10 @@ class TAVIX_EXPORT Mutex {
 
   // timeout: milliseconds; kWaitForever never gives up, 0 does not wait. Throws LockException when the time has passed,
   // Exception when the calling thread holds the lock already.
-  void Lock(unsigned int timeout);
+  void Lock(unsigned int timeout) TAVIX_ACQUIRE();
 
   // Throws Exception when the calling thread does not hold the lock.
-  void Release();
+  void Release() TAVIX_RELEASE();
 
   bool IsHeldByThisThread() const;
 

@@ -3,8 +3,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <locale>
-#include <mutex>
 #include <string>
+
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::osa {
 
@@ -16,7 +18,7 @@ constexpr size_t kKeptBuffer = 4 * 1024;
 class ByteQueue {
  public:
   bool Append(const std::string& bytes) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    PlainMutexLock lock(_mutex);
     if (_closed) return false;
     _bytes.append(bytes);
     _readable.notify_one();
@@ -26,14 +28,14 @@ class ByteQueue {
   // Waits for bytes and moves all of them into "out"; false at the end.
   bool TakeAll(std::string& out) {
     out.clear();
-    std::unique_lock<std::mutex> lock(_mutex);
-    _readable.wait(lock, [this] { return _closed || !_bytes.empty(); });
+    PlainMutexLock lock(_mutex);
+    lock.Wait(_readable, [this]() TAVIX_REQUIRES(_mutex) { return _closed || !_bytes.empty(); });
     out.swap(_bytes);
     return !out.empty();
   }
 
   void Close() {
-    std::lock_guard<std::mutex> lock(_mutex);
+    PlainMutexLock lock(_mutex);
     _closed = true;
     _readable.notify_all();
   }
@@ -41,9 +43,9 @@ class ByteQueue {
   bool IsClosed() const { return _closed; }
 
  private:
-  std::mutex _mutex;
+  PlainMutex _mutex;
   std::condition_variable _readable;
-  std::string _bytes;                // guarded by _mutex
+  std::string _bytes TAVIX_GUARDED_BY(_mutex);
   std::atomic<bool> _closed{false};  // written under _mutex
 };
 

@@ -1,20 +1,22 @@
 #pragma once
 
 #include "tavix/osa/ReadWriteLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
 
 namespace tavix::osa {
 
-// Holds a ReadWriteLock for the length of a scope, or until Release. A release that fails is swallowed: whoever calls
-// goes on.
-class AutoRelease {
+// What the scopes below share: releases once. A release that fails is swallowed: whoever calls goes on.
+class HeldReadWriteLock {
  public:
-  ~AutoRelease() { Release(); }
+  explicit HeldReadWriteLock(ReadWriteLock& lock) : _lock(&lock) {}
+  ~HeldReadWriteLock() { Release(); }
 
-  AutoRelease(const AutoRelease&) = delete;
-  AutoRelease& operator=(const AutoRelease&) = delete;
+  HeldReadWriteLock(const HeldReadWriteLock&) = delete;
+  HeldReadWriteLock& operator=(const HeldReadWriteLock&) = delete;
 
-  void Release() noexcept {
+  // The scopes' own marks say that the lock is released; here it is a member's, which can't be followed.
+  void Release() noexcept TAVIX_NO_THREAD_SAFETY_ANALYSIS {
     if (!_lock) return;
     try {
       _lock->Release();
@@ -23,27 +25,44 @@ class AutoRelease {
     _lock = nullptr;
   }
 
- protected:
-  explicit AutoRelease(ReadWriteLock& lock) : _lock(&lock) {}
-
  private:
   ReadWriteLock* _lock;
 };
 
-class ReadAutoLock : public AutoRelease {
+// Holds a ReadWriteLock for reading, for the length of a scope or until Release.
+class TAVIX_SCOPED_CAPABILITY ReadAutoLock {
  public:
-  explicit ReadAutoLock(ReadWriteLock& lock) : AutoRelease((lock.ReadLock(kWaitForever), lock)) {}
+  explicit ReadAutoLock(ReadWriteLock& lock) TAVIX_ACQUIRE_SHARED(lock) : _held((lock.ReadLock(kWaitForever), lock)) {}
+  ~ReadAutoLock() TAVIX_RELEASE() {}
+
+  void Release() noexcept TAVIX_RELEASE() { _held.Release(); }
+
+ private:
+  HeldReadWriteLock _held;
 };
 
-class WriteAutoLock : public AutoRelease {
+// Holds a ReadWriteLock for writing, for the length of a scope or until Release.
+class TAVIX_SCOPED_CAPABILITY WriteAutoLock {
  public:
-  explicit WriteAutoLock(ReadWriteLock& lock) : AutoRelease((lock.WriteLock(kWaitForever), lock)) {}
+  explicit WriteAutoLock(ReadWriteLock& lock) TAVIX_ACQUIRE(lock) : _held((lock.WriteLock(kWaitForever), lock)) {}
+  ~WriteAutoLock() TAVIX_RELEASE() {}
+
+  void Release() noexcept TAVIX_RELEASE() { _held.Release(); }
+
+ private:
+  HeldReadWriteLock _held;
 };
 
 // Takes over a write lock that is held already, to release it.
-class AdoptedWriteLock : public AutoRelease {
+class TAVIX_SCOPED_CAPABILITY AdoptedWriteLock {
  public:
-  explicit AdoptedWriteLock(ReadWriteLock& lock) : AutoRelease(lock) {}
+  explicit AdoptedWriteLock(ReadWriteLock& lock) TAVIX_REQUIRES(lock) : _held(lock) {}
+  ~AdoptedWriteLock() TAVIX_RELEASE() {}
+
+  void Release() noexcept TAVIX_RELEASE() { _held.Release(); }
+
+ private:
+  HeldReadWriteLock _held;
 };
 
 }  // namespace tavix::osa

@@ -22,34 +22,34 @@ class Counted {
 ReadWriteLock::ReadWriteLock(const char* name) : _name(name ? name : "unnamed") {}
 
 void ReadWriteLock::ReadLock(unsigned int timeout) {
-  std::unique_lock<std::mutex> lock(_mutex);
-  const auto ready = [this] { return !_writing && _waitingWriters == 0; };
-  if (!ready()) {
-    Counted waiting(_waitingReaders);
-    Wait(lock, _readersWake, timeout, ready);
+  PlainMutexLock lock(_mutex);
+  if (!CanRead()) {
+    const Counted waiting(_waitingReaders);
+    const auto canRead = [this]() TAVIX_REQUIRES(_mutex) { return CanRead(); };
+    if (!lock.WaitUntil(_readersWake, Deadline(timeout), canRead)) ThrowTimeout(timeout);
   }
   ++_readers;
 }
 
 void ReadWriteLock::WriteLock(unsigned int timeout) {
-  std::unique_lock<std::mutex> lock(_mutex);
-  const auto ready = [this] { return !_writing && _readers == 0; };
-  if (!ready()) {
-    try {
-      Counted waiting(_waitingWriters);
-      Wait(lock, _writersWake, timeout, ready);
-    } catch (...) {
-      if (_waitingWriters == 0) _readersWake.notify_all();  // those that stood behind this writer
-      throw;
-    }
+  PlainMutexLock lock(_mutex);
+  if (!CanWrite() && !AwaitWriting(lock, timeout)) {
+    if (_waitingWriters == 0) _readersWake.notify_all();  // those that stood behind this writer
+    ThrowTimeout(timeout);
   }
-  _writing = true;
+  _isWriting = true;
+}
+
+bool ReadWriteLock::AwaitWriting(PlainMutexLock& lock, unsigned int timeout) {
+  const Counted waiting(_waitingWriters);
+  const auto canWrite = [this]() TAVIX_REQUIRES(_mutex) { return CanWrite(); };
+  return lock.WaitUntil(_writersWake, Deadline(timeout), canWrite);
 }
 
 void ReadWriteLock::Release() {
-  std::lock_guard<std::mutex> lock(_mutex);
-  if (_writing) {
-    _writing = false;
+  PlainMutexLock lock(_mutex);
+  if (_isWriting) {
+    _isWriting = false;
   } else if (_readers > 0) {
     --_readers;
   } else {
@@ -63,16 +63,9 @@ void ReadWriteLock::Release() {
   }
 }
 
-template <class Ready>
-void ReadWriteLock::Wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wake, unsigned int timeout,
-                         Ready ready) {
-  const Deadline deadline(timeout);
-  if (deadline.IsNever()) {
-    wake.wait(lock, ready);
-  } else if (!wake.wait_until(lock, deadline.GetEnd(), ready)) {
-    throw LockException("Lock Timeout: lock '" + _name + "' was not free within " + std::to_string(timeout) + " ms",
-                        LockException::kTimeout);
-  }
+void ReadWriteLock::ThrowTimeout(unsigned int timeout) const {
+  throw LockException("Lock Timeout: lock '" + _name + "' was not free within " + std::to_string(timeout) + " ms",
+                      LockException::kTimeout);
 }
 
 }  // namespace tavix::osa

@@ -1,19 +1,18 @@
 #pragma once
 
 #include <condition_variable>
-#include <mutex>
 #include <string>
 
 #include "tavix/osa/Export.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::osa {
-
-class Deadline;
 
 // A shared/exclusive lock without owners: any thread may release what another took, and destroying a lock that is held
 // is legal when nobody waits on it. A waiting writer goes before new readers. Not recursive in either mode.
 // Take it through ReadAutoLock and WriteAutoLock.
-class TAVIX_EXPORT ReadWriteLock {
+class TAVIX_EXPORT TAVIX_CAPABILITY("read-write lock") ReadWriteLock {
  public:
   // name: for error texts; may be null.
   explicit ReadWriteLock(const char* name);
@@ -22,24 +21,26 @@ class TAVIX_EXPORT ReadWriteLock {
   ReadWriteLock& operator=(const ReadWriteLock&) = delete;
 
   // timeout: milliseconds; kWaitForever never gives up, 0 does not wait. Throw LockException when the time has passed.
-  void ReadLock(unsigned int timeout);
-  void WriteLock(unsigned int timeout);
+  void ReadLock(unsigned int timeout) TAVIX_ACQUIRE_SHARED();
+  void WriteLock(unsigned int timeout) TAVIX_ACQUIRE();
 
   // Ends the write lock if there is one, else one read lock. Throws Exception when neither is held.
-  void Release();
+  void Release() TAVIX_RELEASE_GENERIC();
 
  private:
-  template <class Ready>
-  void Wait(std::unique_lock<std::mutex>& lock, std::condition_variable& wake, unsigned int timeout, Ready ready);
+  bool CanRead() const TAVIX_REQUIRES(_mutex) { return !_isWriting && _waitingWriters == 0; }
+  bool CanWrite() const TAVIX_REQUIRES(_mutex) { return !_isWriting && _readers == 0; }
+  bool AwaitWriting(PlainMutexLock& lock, unsigned int timeout) TAVIX_REQUIRES(_mutex);
+  [[noreturn]] void ThrowTimeout(unsigned int timeout) const;
 
   const std::string _name;
-  std::mutex _mutex;  // guards what follows
+  PlainMutex _mutex;
   std::condition_variable _readersWake;
   std::condition_variable _writersWake;
-  unsigned int _readers = 0;
-  unsigned int _waitingReaders = 0;
-  unsigned int _waitingWriters = 0;
-  bool _writing = false;
+  unsigned int _readers TAVIX_GUARDED_BY(_mutex) = 0;
+  unsigned int _waitingReaders TAVIX_GUARDED_BY(_mutex) = 0;
+  unsigned int _waitingWriters TAVIX_GUARDED_BY(_mutex) = 0;
+  bool _isWriting TAVIX_GUARDED_BY(_mutex) = false;
 };
 
 }  // namespace tavix::osa

@@ -9,7 +9,7 @@ namespace tavix::osa {
 
 struct Semaphore::Waiter {
   std::condition_variable wake;
-  bool granted = false;
+  bool isGranted = false;
   Waiter* previous = nullptr;
   Waiter* next = nullptr;
 };
@@ -29,7 +29,7 @@ void Semaphore::Lock(unsigned int timeout) {
 }
 
 bool Semaphore::TryLock(unsigned int timeout) {
-  std::unique_lock<std::mutex> lock(_mutex);
+  PlainMutexLock lock(_mutex);
   if (_count > 0) {  // then nobody waits: a release goes to a waiter first
     --_count;
     return true;
@@ -38,23 +38,17 @@ bool Semaphore::TryLock(unsigned int timeout) {
 
   Waiter waiter;
   Append(waiter);
-  const Deadline deadline(timeout);
-  const auto granted = [&] { return waiter.granted; };
-  if (deadline.IsNever()) {
-    waiter.wake.wait(lock, granted);
-  } else if (!waiter.wake.wait_until(lock, deadline.GetEnd(), granted)) {
-    Remove(waiter);
-    return false;
-  }
-  return true;
+  const bool isGranted = lock.WaitUntil(waiter.wake, Deadline(timeout), [&] { return waiter.isGranted; });
+  if (!isGranted) Remove(waiter);
+  return isGranted;
 }
 
 void Semaphore::Release() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  PlainMutexLock lock(_mutex);
   if (_first) {
     Waiter& next = *_first;
     Remove(next);
-    next.granted = true;
+    next.isGranted = true;
     next.wake.notify_one();  // under the lock: the waiter's stack may be gone right after
   } else if (_count < _maxCount) {
     ++_count;

@@ -1,7 +1,9 @@
 #pragma once
 
-#include <mutex>
 #include <string>
+
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::osa {
 
@@ -31,15 +33,15 @@ class Semaphore {
  private:
   struct Waiter;
 
-  void Append(Waiter& waiter);
-  void Remove(Waiter& waiter);
+  void Append(Waiter& waiter) TAVIX_REQUIRES(_mutex);
+  void Remove(Waiter& waiter) TAVIX_REQUIRES(_mutex);
 
   const std::string _name;
   const unsigned int _maxCount;
-  std::mutex _mutex;  // guards what follows
-  unsigned int _count;
-  Waiter* _first = nullptr;  // the queue of waiters, on their own stacks
-  Waiter* _last = nullptr;
+  PlainMutex _mutex;
+  unsigned int _count TAVIX_GUARDED_BY(_mutex);
+  Waiter* _first TAVIX_GUARDED_BY(_mutex) TAVIX_PT_GUARDED_BY(_mutex) = nullptr;  // the waiters, on their own stacks
+  Waiter* _last TAVIX_GUARDED_BY(_mutex) TAVIX_PT_GUARDED_BY(_mutex) = nullptr;
 };
 
 }  // namespace tavix::osa

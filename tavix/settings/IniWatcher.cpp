@@ -8,7 +8,6 @@
 #include "tavix/osa/LockException.h"
 #include "tavix/osa/Mutex.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/PendingChanges.h"
 #include "tavix/settings/Subscription.h"
@@ -32,14 +31,14 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
 
   bool Update() {
     if (!_started) return Start();
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     return Apply();
   }
 
   bool TryUpdate() {
     if (!_started) throw osa::Exception("TryUpdate called before Update");
     try {
-      MutexAutoLock lock(&_mutex, 0, true);
+      MutexAutoLock lock(_mutex, 0);
       return Apply();
     } catch (const osa::LockException&) {
       return false;
@@ -47,7 +46,7 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
   }
 
   void OnChange(const std::set<std::string>& groups, const IniFile& settings) override {
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     _pending.Add(groups, settings);
   }
 

@@ -60,7 +60,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
   }
 
   void OnChange(const std::set<std::string>& groups, const IniFile& settings) override {
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     if (_mustRead) {
       _changedBeforeReading = true;
     } else {
@@ -70,7 +70,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
 
   // Nobody knows what changed while there was no connection.
   void OnConnected() override {
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     _mustRead = true;
     _changedBeforeReading = true;
   }
@@ -78,7 +78,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
  private:
   bool BringUpToDate(unsigned int timeout) {
     {
-      MutexAutoLock lock(&_mutex, timeout, true);
+      MutexAutoLock lock(_mutex, timeout);
       if (!_mustRead) {
         if (_pending.IsEmpty()) return false;
         _pending.ApplyTo(*_target);
@@ -108,14 +108,14 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
   }
 
   void MarkReading() {
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     _changedBeforeReading = false;
     _pending.Clear();
   }
 
   // Whether the document that was read is the store's, as of a moment after which every notice is kept.
   bool EndReading() {
-    MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     if (_changedBeforeReading) return false;
     _mustRead = false;
     return true;

@@ -70,7 +70,7 @@ TEST(Mutex, AReleaseWakesWhoWaits) {
   for (const unsigned int timeout : {kWaitForever, 1000u * 1000u}) {
     Mutex mutex(nullptr);
     mutex.Lock(0);
-    BackgroundCall waiter([&] { MutexAutoLock held(&mutex, timeout, true); });
+    BackgroundCall waiter([&] { MutexAutoLock held(mutex, timeout); });
     waiter.AwaitBlocked();
     EXPECT_FALSE(waiter.HasEnded());
     mutex.Release();
@@ -117,7 +117,7 @@ TEST(Mutex, OneHolderAtATime) {
     for (const unsigned int timeout : {kWaitForever, kWaitForever, 1000u * 1000u, 1000u * 1000u}) {
       calls.push_back(std::make_unique<BackgroundCall>([&, timeout] {
         for (int round = 0; round < 500; ++round) {
-          MutexAutoLock held(&mutex, timeout, true);
+          MutexAutoLock held(mutex, timeout);
           ++counter;
         }
       }));
@@ -129,7 +129,7 @@ TEST(Mutex, OneHolderAtATime) {
 TEST(MutexAutoLock, HoldsTheMutexForItsScope) {
   Mutex mutex(nullptr);
   {
-    MutexAutoLock held(&mutex, kWaitForever, true);
+    MutexAutoLock held(mutex);
     EXPECT_FALSE(IsFree(mutex));
   }
   EXPECT_TRUE(IsFree(mutex));
@@ -137,18 +137,27 @@ TEST(MutexAutoLock, HoldsTheMutexForItsScope) {
 
 TEST(MutexAutoLock, ABusyMutexThrowsAtOnceWhenNotAllowedToWait) {
   Mutex mutex(nullptr);
-  MutexAutoLock held(&mutex, kWaitForever, true);
-  BackgroundCall call([&] { MutexAutoLock second(&mutex, 0, true); });
+  MutexAutoLock held(mutex);
+  BackgroundCall call([&] { MutexAutoLock second(mutex, 0); });
   EXPECT_THROW(call.Join(), LockException);
 }
 
 TEST(MutexAutoLock, ReleasesWhenAnExceptionLeavesTheScope) {
   Mutex mutex(nullptr);
   const auto failing = [&] {
-    MutexAutoLock held(&mutex, kWaitForever, true);
+    MutexAutoLock held(mutex);
     throw Exception("inside");
   };
   EXPECT_THROW(failing(), Exception);
+  EXPECT_TRUE(IsFree(mutex));
+}
+
+TEST(MutexAutoLock, TheFormWithAFlagHoldsTheMutexWhenToldToLock) {
+  Mutex mutex(nullptr);
+  {
+    MutexAutoLock held(&mutex, kWaitForever, true);
+    EXPECT_FALSE(IsFree(mutex));
+  }
   EXPECT_TRUE(IsFree(mutex));
 }
 

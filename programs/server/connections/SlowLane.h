@@ -46,7 +46,7 @@ class SlowLane : private osa::Runnable {
   void Withdraw(const IJob& job);
 
   // Ends the job that runs and forgets those that wait. Later ones are never run. A second call does nothing.
-  void Stop();
+  void Stop() override;
 
  private:
   void Run() override;

@@ -2,14 +2,13 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::daemon {
 
 void ProbeStore(const settings::server::SettingsManager& manager) {
   {
-    osa::MutexAutoLock gate(&manager.GetNotificationGate(), osa::kWaitForever, true);
+    osa::MutexAutoLock gate(manager.GetNotificationGate());
     manager.GetDispatcher().Probe();
   }
   core::IniFile nothing;

@@ -234,7 +234,7 @@ bool TavixSettingsClientImplMultiThreaded::RunCommand(const char* name, std::uni
     return true;
   }
   RefuseOnWorker(name);
-  osa::MutexAutoLock oneAtATime(&_commandMutex, kWaitForever, true);
+  osa::MutexAutoLock oneAtATime(_commandMutex);
   {
     SendRight right(_sendMutex, _sendTimeout);
     Send(name, *command);

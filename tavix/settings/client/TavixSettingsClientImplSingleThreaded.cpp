@@ -8,7 +8,6 @@
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/client/Commands.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/client/ReplyLine.h"
@@ -93,7 +92,7 @@ void TavixSettingsClientImplSingleThreaded::RestoreToDefaults(const std::set<std
 }
 
 void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const {
-  osa::MutexAutoLock lock(&_mutex, osa::kWaitForever, true);
+  osa::MutexAutoLock lock(_mutex);
   for (int tries = kTries; tries > 0; --tries) {
     try {
       if (TryExchange(command)) return;

@@ -1,13 +1,13 @@
 #include "tavix/settings/common/CallbackDispatcher.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/ReadWriteLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/common/ChangeRound.h"
 #include "tavix/settings/common/SmallChange.h"
 #include "tavix/settings/common/Subscriptions.h"
@@ -16,7 +16,6 @@
 namespace tavix::settings::common {
 
 using core::IniFile;
-using osa::kWaitForever;
 using osa::MutexAutoLock;
 using osa::ReadAutoLock;
 using osa::WriteAutoLock;
@@ -117,7 +116,7 @@ void CallbackDispatcher::AddCallback(IChangeCallback* cb, const GroupNameMatcher
 }
 
 void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups) {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  MutexAutoLock lock(_mutex);
   WriteAutoLock change(_state->lock);
   Subscriber& subscriber = _state->subscriptions.Get(cb);
   for (const std::set<std::string>* texts : groups) {
@@ -128,7 +127,7 @@ void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const st
 }
 
 void CallbackDispatcher::Probe() const {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  MutexAutoLock lock(_mutex);
 }
 
 void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const IniFile& settings) const {
@@ -162,8 +161,9 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& c
   RoundUnderWay round(*_state, changedGroups);
   for (int attempt = 1;; ++attempt) {
     round.MatchAll();
-    MutexAutoLock gateLock(gate, kWaitForever, gate != nullptr);
-    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    std::optional<MutexAutoLock> gateLock;
+    if (gate) gateLock.emplace(*gate);
+    MutexAutoLock lock(_mutex);
     if (attempt < kMaxAttempts && round.Get().IsOutdated()) {
       round.Get().Restart();
       continue;
@@ -177,8 +177,9 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& c
 bool CallbackDispatcher::NotifyAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups,
                                       const IniFile& settings) const {
   if (!SmallChange::IsSmall(changedGroups)) return false;
-  MutexAutoLock gateLock(gate, kWaitForever, gate != nullptr);
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  std::optional<MutexAutoLock> gateLock;
+  if (gate) gateLock.emplace(*gate);
+  MutexAutoLock lock(_mutex);
   SmallChange& change = _state->smallChange;
   const bool isDone = change.Match(_state->subscriptions, changedGroups);
   if (change.GetTried() > 0) _state->tried.fetch_add(change.GetTried(), std::memory_order_relaxed);
@@ -192,7 +193,7 @@ void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) cons
   {
     CopyUnderWay copy(*_state);
     copy.CopyAll();
-    MutexAutoLock lock(&_mutex, kWaitForever, true);
+    MutexAutoLock lock(_mutex);
     all = copy.Finish();
   }
   all.MoveTo(out);
@@ -220,7 +221,7 @@ bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const GroupNameMatcher& mat
 }
 
 void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
-  MutexAutoLock lock(&_mutex, kWaitForever, true);
+  MutexAutoLock lock(_mutex);
   WriteAutoLock change(_state->lock);
   _state->subscriptions.Remove(cb, [&](const Subscriber& subscriber) {
     for (ChangeRound* round : _state->rounds) round->OnRemoved(subscriber);

@@ -13,7 +13,6 @@
 #include "tavix/core/SettingsText.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/common/DelimitedValues.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
@@ -34,7 +33,6 @@ using common::GroupNameMatcher;
 using common::GroupNameMatcherInsertIterator;
 using common::readDelimitedValues;
 using core::IniFile;
-using osa::kWaitForever;
 using osa::MutexAutoLock;
 
 namespace {
@@ -303,7 +301,7 @@ void ClientHandler::Quit(std::istream&) {
 void ClientHandler::Dump(std::istream& args) {
   const bool all = TakeWord(args) == protocol::kAll;
   if (_pIsStopped) return DumpInParts(all);
-  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  MutexAutoLock lock(_outputMutex);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   if (all) {
@@ -331,13 +329,13 @@ void ClientHandler::DumpInParts(bool all) {
 template <class WriteParts>
 void ClientHandler::AnswerInParts(const GroupNameMatcher* groups, std::string_view firstLine, WriteParts write) {
   {
-    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    MutexAutoLock lock(_outputMutex);
     if (!IsReachable()) return;
   }
   core::StringOstream text;
   if (!firstLine.empty()) text.AppendLine(firstLine);
   std::optional<MutexAutoLock> lock;
-  const auto takeLock = [&] { lock.emplace(&_outputMutex, kWaitForever, true); };
+  const auto takeLock = [&] { lock.emplace(_outputMutex); };
   write(text, SettingsManager::BetweenParts{*_pIsStopped, takeLock});
   if (!IsReachable()) return;
   Write(text.GetText(), groups);
@@ -369,7 +367,7 @@ void ClientHandler::TestAndMerge(std::istream&) {
   bool merged = false;
   CarryOut([&] { merged = _settingsManager->TestAndMerge(condition, change); });
 
-  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  MutexAutoLock lock(_outputMutex);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   _message.AppendLine(protocol::kResult);
@@ -431,7 +429,7 @@ void ClientHandler::GetSections(std::istream& args) {
   const bool delimited = TakeWord(args) == protocol::kDelimited;
   const GroupNameMatcher matcher = ReadGroupMatcher();
   if (_pIsStopped && !matcher.IsEmpty()) return GetInParts(matcher, delimited);
-  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  MutexAutoLock lock(_outputMutex);
   if (!IsReachable()) return;
   _message.Reset(kKeptMemory);
   if (delimited) _message.AppendLine(protocol::kData);
@@ -482,7 +480,7 @@ void ClientHandler::RestoreDefaults(std::istream&) {
 void ClientHandler::Info(std::istream& args) {
   if (TakeWord(args) != protocol::kSubscribed) return;
   {
-    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    MutexAutoLock lock(_outputMutex);
     if (!IsReachable()) return;
   }
   std::set<std::string> groups;
@@ -491,13 +489,13 @@ void ClientHandler::Info(std::istream& args) {
   text.AppendLine("Subscribed groups\n-----------------");
   for (const std::string& group : groups) text.AppendLine(group);
   text.AppendLine("");
-  MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+  MutexAutoLock lock(_outputMutex);
   if (IsReachable()) Write(text.GetText(), &kNoGroups);
 }
 
 void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const IniFile&) {
   try {
-    MutexAutoLock lock(&_outputMutex, kWaitForever, true);
+    MutexAutoLock lock(_outputMutex);
     if (!IsReachable()) return;
     try {
       WriteNotice(changedGroups);

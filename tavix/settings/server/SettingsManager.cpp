@@ -7,6 +7,7 @@
 
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/DeletedGroupsRecord.h"
@@ -50,6 +51,11 @@ std::vector<IniFile::const_iterator> GroupsOf(const IniFile& document) {
   return groups;
 }
 
+// Not followed by the analysis of locks: the constructor's lock may have waited for this call.
+void LockToLoad(osa::ReadWriteLock& lock, bool isLocked) TAVIX_ACQUIRE(lock) TAVIX_NO_THREAD_SAFETY_ANALYSIS {
+  if (!isLocked) lock.WriteLock(kWaitForever);
+}
+
 void ThrowIfStopped(const SettingsManager::BetweenParts& between) {
   if (between.isStopped && between.isStopped()) throw osa::Exception("The text of the settings is not wanted any more");
 }
@@ -82,7 +88,7 @@ SettingsManager::~SettingsManager() = default;
 
 void SettingsManager::LoadSettings() {
   if (!_persister) return;
-  if (!_isLockedToLoad.exchange(false)) _settingsMutex.WriteLock(kWaitForever);
+  LockToLoad(_settingsMutex, _isLockedToLoad.exchange(false));
   osa::AdoptedWriteLock lock(_settingsMutex);
   BeginChange();
   ClearAll();

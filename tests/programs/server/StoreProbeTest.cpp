@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -87,7 +86,7 @@ TEST(StoreProbe, WaitsWhileACallbackHoldsTheDispatcher) {
 
 TEST(StoreProbe, WaitsForTheNotificationGate) {
   const SettingsManager store;
-  std::optional<osa::MutexAutoLock> gate(std::in_place, &store.GetNotificationGate(), osa::kWaitForever, true);
+  std::optional<osa::MutexAutoLock> gate(std::in_place, store.GetNotificationGate());
   BackgroundCall probe([&] { daemon::ProbeStore(store); });
   probe.AwaitBlocked();
   EXPECT_FALSE(probe.HasEnded());

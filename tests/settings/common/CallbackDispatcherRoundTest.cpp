@@ -14,7 +14,6 @@
 #include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/RandomDocument.h"
@@ -27,7 +26,6 @@ namespace {
 using tavix::core::IniFile;
 using tavix::core::StringUtil;
 using tavix::osa::Exception;
-using tavix::osa::kWaitForever;
 using tavix::osa::Mutex;
 using tavix::osa::MutexAutoLock;
 using tavix::settings::IChangeCallback;
@@ -69,7 +67,7 @@ class WaitingChange {
  public:
   WaitingChange(const CallbackDispatcher& dispatcher, Names changed)
       : _changed(std::move(changed)),
-        _held(std::make_unique<MutexAutoLock>(&_gate, kWaitForever, true)),
+        _held(std::make_unique<MutexAutoLock>(_gate)),
         _call([&dispatcher, this] { dispatcher.OnChange(_gate, _changed, IniFile()); }) {
     _call.AwaitBlocked();
   }

@@ -12,7 +12,6 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
@@ -26,7 +25,6 @@
 namespace {
 
 using tavix::core::IniFile;
-using tavix::osa::kWaitForever;
 using tavix::osa::MutexAutoLock;
 using tavix::settings::server::ClientHandler;
 using tavix::test::BackgroundCall;
@@ -162,7 +160,7 @@ TEST(ClientHandlerConcurrency, AListingWaitsForANotificationWithoutHoldingTheOut
 
 TEST(ClientHandlerConcurrency, AListingTakesNoGate) {
   ServedStore served({kPairIs0});
-  const MutexAutoLock gate(&served.store.GetNotificationGate(), kWaitForever, true);
+  const MutexAutoLock gate(served.store.GetNotificationGate());
   std::string reply;
   BackgroundCall([&] { reply = served.Serve("subscribe\nPair\n.\ninfo subscribed\n"); }).Join();
   EXPECT_EQ(reply, "Subscribed groups\n-----------------\nPair\n\n");
