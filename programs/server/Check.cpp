@@ -13,6 +13,7 @@
 #include "programs/server/options/MemoryShares.h"
 #include "programs/server/store/FilePlaces.h"
 #include "programs/server/store/SettingsSources.h"
+#include "programs/server/store/SettingsStore.h"
 #include "programs/server/system/LinkTarget.h"
 #include "programs/server/system/MemorySize.h"
 
@@ -68,8 +69,7 @@ void Print(const Problems& problems) {
 }
 
 // A start goes on with them, too, but nobody can add anything then.
-bool IsFullByDefaults(const SettingsSources& sources) {
-  const size_t max = sources.GetMaxStoreBytes();
+bool IsFullByDefaults(const SettingsSources& sources, size_t max) {
   return max > 0 && sources.GetLayerBytes() > max;
 }
 
@@ -78,7 +78,7 @@ bool IsFullByDefaults(const SettingsSources& sources) {
 int RunCheck(const Options& options) {
   Counters counters;
   SettingsSources sources(options, counters);
-  const SettingsStore store(sources);
+  const SettingsStore store(sources, options, counters);
   Problems files = sources.GetProblems();
   const Problems addresses = Listener::FindProblems(options);
   if (options.configurationWasGiven) std::printf("configuration: %s\n", options.configuration.c_str());
@@ -92,7 +92,7 @@ int RunCheck(const Options& options) {
   Print(addresses);
   Print(files);
   if (!addresses.empty()) return kExitUnavailable;
-  if (!files.empty() || IsFullByDefaults(sources)) return kExitConfiguration;
+  if (!files.empty() || IsFullByDefaults(sources, options.limits.storeBytes)) return kExitConfiguration;
   const size_t groups = store.CountGroups();
   std::printf("ok: %zu %s\n", groups, groups == 1 ? "group" : "groups");
   return kExitDone;

@@ -19,6 +19,7 @@
 #include "programs/server/persistence/StartReads.h"
 #include "programs/server/store/FilePlaces.h"
 #include "programs/server/store/SettingsSources.h"
+#include "programs/server/store/SettingsStore.h"
 #include "programs/server/store/StoreProbe.h"
 #include "programs/server/system/FileLock.h"
 #include "programs/server/system/ServiceManager.h"
@@ -129,7 +130,8 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   serviceManager.Tell("STATUS=Loading settings");
   Counters counters;
   SettingsSources sources(options, counters);
-  const auto store = OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources); });
+  const auto store =
+      OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources, options, counters); });
   const std::string fullness = store->DescribeFullness();
   if (!fullness.empty()) core::Logger::GetLogger("Server")->Warning("%s", fullness.c_str());
   {

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "programs/server/connections/LogPeer.h"
-#include "programs/server/store/SettingsSources.h"
+#include "programs/server/store/SettingsStore.h"
 #include "programs/server/system/Signals.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"

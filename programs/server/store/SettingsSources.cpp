@@ -18,6 +18,7 @@
 #include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/LoadPriorityIncludeFilter.h"
 #include "tavix/settings/server/SettingsCombiner.h"
+#include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
 
@@ -29,6 +30,7 @@ using settings::server::SettingsCombiner;
 namespace {
 
 constexpr char kUserLayer[] = "user settings";
+constexpr char kWrong[] = "error";  // in a report, of a file whose problem is told by itself
 constexpr char kUnrestricted[] = "clients can change, until the next start, groups whose names are not restricted: ";
 
 core::Logger* Log() {
@@ -100,39 +102,13 @@ std::string SettingsSources::Report::ToText() const {
   return text.str();
 }
 
-namespace {
-
-constexpr size_t kMaxDeletedPatterns = 1024;  // each is tried on the defaults at each start
-constexpr char kWrong[] = "error";            // in a report, of a file whose problem is told by itself
-
-std::unique_ptr<UserSettingsPersister> MakePersister(const Options& options, const std::string& path,
-                                                     Counters& counters) {
-  if (path.empty() || options.action == Options::Action::kCheck) return nullptr;
-  const auto count = [&counters](bool succeeded, size_t bytes) {
-    if (succeeded) {
-      counters.CountSave(bytes);
-    } else {
-      counters.CountFailedSave();
-    }
-  };
-  const auto noteUnsaved = [&counters](std::time_t since) {
-    counters.unsavedSince.Set(static_cast<unsigned long long>(since));
-  };
-  return std::make_unique<UserSettingsPersister>(GetSystemFiles(), path, options.durability, count, noteUnsaved);
-}
-
-}  // namespace
-
 SettingsSources::SettingsSources(const Options& options, Counters& counters)
     : _defaults(options.defaults),
       _restricted(options.restricted),
       _userSettings(options.userSettings),
       _isCheck(options.action == Options::Action::kCheck),
-      _mostForTheEnd(options.stopSeconds),
       _maxNameBytes(options.limits.nameBytes),
-      _maxStoreBytes(options.limits.storeBytes),
-      _counters(counters),
-      _persister(MakePersister(options, _userSettings, counters)) {}
+      _counters(counters) {}
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
   const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
@@ -226,51 +202,36 @@ void SettingsSources::WarnOnce(const std::string& message) {
   }
 }
 
+void SettingsSources::OnUserSettingsFound(const FoundUserSettings& found) {
+  _counters.userFileBytes.Set(found.snapshotBytes);
+  WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
+  RememberUserSettings(found, found.isAbsent && found.settings.IsEmpty() ? "absent" : "");
+}
+
 void SettingsSources::LoadUserSettings(SettingsCombiner& combiner) {
   if (_userSettings.empty()) return;
   FoundUserSettings found;
-  const bool isFound = Try([&] { found = FindUserSettings(); });
-  _counters.userFileBytes.Set(found.snapshotBytes);
-  WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
-  const bool isAbsent = found.isAbsent && found.settings.IsEmpty();
+  const bool isFound = Try([&] {
+    FoundUserSettings all = UserSettingsFiles(GetSystemFiles(), ResolveUserSettings(_userSettings)).Find(false);
+    if (!all.problems.empty()) throw osa::Exception("%s", all.problems.front().c_str());
+    found = std::move(all);
+  });
+  if (isFound) {
+    OnUserSettingsFound(found);
+  } else {
+    RememberUserSettings(found, kWrong);
+  }
+  combiner.LoadFromIni(std::move(found.settings));
+}
+
+void SettingsSources::RememberUserSettings(const FoundUserSettings& found, const char* notLoaded) {
   Remember({kUserLayer,
             _userSettings,
             CountGroupsOf(found.settings),
             RestrictedGroupsOf(found.settings),
             {},
             {},
-            !isFound   ? kWrong
-            : isAbsent ? "absent"
-                       : ""});
-  combiner.LoadFromIni(std::move(found.settings));
-}
-
-FoundUserSettings SettingsSources::FindUserSettings() {
-  if (_persister) return _persister->Load();
-  FoundUserSettings found = UserSettingsFiles(GetSystemFiles(), ResolveUserSettings(_userSettings)).Find(false);
-  if (!found.problems.empty()) throw osa::Exception("%s", found.problems.front().c_str());
-  return found;
-}
-
-void SettingsSources::SaveUserSettings(const IniFile& userSettings) {
-  SaveChangedGroups(userSettings, [&] {
-    std::set<std::string> all;
-    for (const auto& group : userSettings) all.insert(group.first);
-    return all;
-  }());
-}
-
-void SettingsSources::SaveChangedGroups(const IniFile& userSettings, const std::set<std::string>& changedGroups) {
-  if (_persister) _persister->Save(userSettings, changedGroups);
-}
-
-void SettingsSources::SaveAddedSettings(const IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                        const IniFile& added) {
-  if (_persister) _persister->Save(userSettings, changedGroups, added);
-}
-
-void SettingsSources::NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) {
-  if (_persister) _persister->GetGate().NoteReliance(groups);
+            notLoaded});
 }
 
 std::vector<SettingsSources::Report> SettingsSources::GetReports() const {
@@ -292,40 +253,6 @@ void SettingsSources::Remember(Report report) {
   } else {
     *known = std::move(report);
   }
-}
-
-SettingsStore::SettingsStore(SettingsSources& sources)
-    : _sources(sources), _manager(&sources, &sources, nullptr, false) {
-  _manager.SetMaxBytes(sources.GetMaxStoreBytes());
-  _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
-  if (UserSettingsPersister* persister = _sources.GetPersister())
-    persister->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
-}
-
-SettingsStore::~SettingsStore() {
-  if (UserSettingsPersister* persister = _sources.GetPersister()) persister->Stop();
-}
-
-size_t SettingsStore::CountGroups() const {
-  return _manager.GetSizes().allGroups;
-}
-
-std::string SettingsStore::DescribeFullness() const {
-  const size_t bytes = _manager.GetApproximateBytes();
-  const size_t max = _sources.GetMaxStoreBytes();
-  if (max == 0 || bytes <= max) return "";
-  return "The settings take about " + std::to_string(bytes) + " bytes of memory, more than --max-store " +
-         std::to_string(max) + ": only changes that do not make them larger are carried out";
-}
-
-DurabilityGate* SettingsStore::GetGate() {
-  UserSettingsPersister* const persister = _sources.GetPersister();
-  return persister ? &persister->GetGate() : nullptr;
-}
-
-bool SettingsStore::Finish(const std::function<void(bool isSaved)>& onLate) {
-  UserSettingsPersister* const persister = _sources.GetPersister();
-  return !persister || persister->Finish(_sources.GetMostForTheEnd(), onLate);
 }
 
 }  // namespace tavix::daemon

@@ -1,9 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -13,20 +10,18 @@
 #include "programs/server/options/Options.h"
 #include "programs/server/persistence/UserSettingsPersister.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
-#include "tavix/settings/server/ISettingsPersister.h"
-#include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
 
-// The files that the store is loaded from; what becomes of changes is the persister's.
+// The files that a store is loaded from: defaults, restricted settings, and what becomes known of the user settings
+// when they are loaded. What becomes of changes is UserSettingsPersister's.
 //
 // Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore.
-// Threads: as ISettingsPersister asks; loading defaults may run beside a save.
+// Threads: defaults may be loaded on several threads at once, beside questions; the rest by one.
 // Groups that no list of names can hold are left out of defaults and restricted settings, with a warning.
 // Errors:  loading throws osa::Exception naming the file, and the line where there is one; of the user settings, for
-//          those alone that can't be read for a reason that is not the disk's. Saving never throws.
-class SettingsSources : public settings::server::ISettingsPersister,
-                        public settings::server::IRestrictedSettingsLoader {
+//          those alone that can't be read for a reason that is not the disk's.
+class SettingsSources : public ILayerSources, public settings::server::IRestrictedSettingsLoader {
  public:
   // What came of one file.
   struct Report {
@@ -49,25 +44,17 @@ class SettingsSources : public settings::server::ISettingsPersister,
   SettingsSources(const Options& options, Counters& counters);
 
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
-  void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
-  void SaveUserSettings(const core::IniFile& userSettings) override;
-  void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override;
-  void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                         const core::IniFile& added) override;
-  void NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) override;
   void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override;
 
-  // Null when nothing is persisted.
-  UserSettingsPersister* GetPersister() { return _persister.get(); }
+  // The user settings that are about to be loaded, by whoever keeps them.
+  void OnUserSettingsFound(const FoundUserSettings& found) override;
 
-  // How long the end may wait for the disk.
-  std::chrono::seconds GetMostForTheEnd() const { return _mostForTheEnd; }
+  // The user settings as they are, for a store that does not keep them; nothing is touched. None when there is no path
+  // for them.
+  void LoadUserSettings(settings::server::SettingsCombiner& combiner);
 
   // One for each file, in the order in which they are merged.
   std::vector<Report> GetReports() const;
-
-  // How much memory the settings may take, about.
-  size_t GetMaxStoreBytes() const { return _maxStoreBytes; }
 
   // How much those of the files take that clients can't change. 0 but to check.
   size_t GetLayerBytes() const { return _layerBytes; }
@@ -84,7 +71,7 @@ class SettingsSources : public settings::server::ISettingsPersister,
   bool Try(Step step);
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
                      core::IniFile& merged);
-  FoundUserSettings FindUserSettings();
+  void RememberUserSettings(const FoundUserSettings& found, const char* notLoaded);
   void WarnOfUnrestricted(const core::IniFile& document, Report& report);
   void WarnOnce(const std::string& message);
   void Remember(Report report);
@@ -93,47 +80,14 @@ class SettingsSources : public settings::server::ISettingsPersister,
   const LayerSources _restricted;
   const std::string _userSettings;  // empty: there are none
   const bool _isCheck;              // else reports name no groups: with many, these cost as much as the settings
-  const std::chrono::seconds _mostForTheEnd;
   const size_t _maxNameBytes;
-  const size_t _maxStoreBytes;
   std::atomic<size_t> _layerBytes{0};
   Counters& _counters;
-  const std::unique_ptr<UserSettingsPersister> _persister;  // may be null
-  std::atomic<bool> _areDefaultsLoaded{false};              // once; later loads are for restores
-  mutable std::mutex _mutex;                                // guards what follows
+  std::atomic<bool> _areDefaultsLoaded{false};  // once; later loads are for restores
+  mutable std::mutex _mutex;                    // guards what follows
   std::vector<Report> _reports;
   std::vector<std::string> _problems;
   std::set<std::string> _warnings;  // that were logged
-};
-
-// The daemon's store over its sources, whose changes are persisted from its construction to its end. The constructor
-// loads everything and throws what can't be loaded.
-class SettingsStore {
- public:
-  // sources: outlives the store.
-  explicit SettingsStore(SettingsSources& sources);
-  ~SettingsStore();
-
-  SettingsStore(const SettingsStore&) = delete;
-  SettingsStore& operator=(const SettingsStore&) = delete;
-
-  settings::server::SettingsManager& GetManager() { return _manager; }
-
-  size_t CountGroups() const;
-
-  // Why only changes are made that do not make the store larger; empty: others are, too.
-  std::string DescribeFullness() const;
-
-  // What keeps messages back until they may be seen; null when nothing is persisted.
-  DurabilityGate* GetGate();
-
-  // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved. onLate: called on another thread when the disk takes longer than the options allow; it may end the process.
-  bool Finish(const std::function<void(bool isSaved)>& onLate);
-
- private:
-  SettingsSources& _sources;
-  settings::server::SettingsManager _manager;
 };
 
 }  // namespace tavix::daemon

@@ -4,11 +4,9 @@
 #include <ctime>
 #include <future>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "programs/server/persistence/UserSettingsPersister.h"
-#include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/SettingsManager.h"
 
@@ -35,14 +33,15 @@ inline void AwaitDurable(daemon::DurabilityGate& gate, daemon::DurabilityGate::T
 }
 
 // A store whose user settings are persisted. It ends like a program that crashes: what was not saved is not saved.
-class PersistedStore : private settings::server::ISettingsPersister {
+class PersistedStore : private daemon::ILayerSources {
  public:
   // files: outlive the store. defaults: settings text.
   PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "")
       : _defaults(std::move(defaults)),
         _persister(
-            files, kUserFile, durability, [](bool, size_t) {}, [this](std::time_t since) { _unsavedSince = since; }),
-        _manager(this, nullptr, nullptr, false) {
+            {files, kUserFile, durability, [](bool, size_t) {}, [this](std::time_t since) { _unsavedSince = since; }},
+            *this),
+        _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
   }
 
@@ -73,20 +72,6 @@ class PersistedStore : private settings::server::ISettingsPersister {
  private:
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override {
     combiner.LoadFromString(_defaults);
-  }
-  void LoadUserSettings(settings::server::SettingsCombiner& combiner) override {
-    combiner.LoadFromIni(_persister.Load().settings);
-  }
-  void SaveUserSettings(const core::IniFile&) override {}
-  void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override {
-    _persister.Save(userSettings, changedGroups);
-  }
-  void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                         const core::IniFile& added) override {
-    _persister.Save(userSettings, changedGroups, added);
-  }
-  void NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) override {
-    GetGate().NoteReliance(groups);
   }
 
   const std::string _defaults;

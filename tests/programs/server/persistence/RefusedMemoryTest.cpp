@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "tavix/settings/server/SettingsCombiner.h"
 #include "tests/programs/server/persistence/LogOfFailure.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/support/BackgroundCall.h"
@@ -63,10 +64,11 @@ constexpr char kRefused[] =
     "as that is possible";
 
 // A persister over a layer that is only changed by the test.
-class PersisterWithoutMemory : public testing::Test {
+class PersisterWithoutMemory : public testing::Test, private daemon::ILayerSources {
  protected:
   PersisterWithoutMemory() {
-    _persister.Load();
+    settings::server::SettingsCombiner combiner(_layer);
+    _persister.LoadUserSettings(combiner);
     _persister.Start([this](const auto& reader) { reader(_layer); });
     Change("A", "1");
     AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
@@ -76,7 +78,7 @@ class PersisterWithoutMemory : public testing::Test {
 
   void Change(const std::string& group, const std::string& value) {
     _layer.SetValue(group, "x", value);
-    _persister.Save(_layer, {group});
+    _persister.SaveChangedGroups(_layer, {group});
   }
 
   std::string FindSaved() {
@@ -86,7 +88,10 @@ class PersisterWithoutMemory : public testing::Test {
 
   MemoryFiles _files;
   core::IniFile _layer;
-  daemon::UserSettingsPersister _persister{_files, kUserFile, kAlways, [](bool, size_t) {}};
+  daemon::UserSettingsPersister _persister{{_files, kUserFile, kAlways, [](bool, size_t) {}}, *this};
+
+ private:
+  void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
 };
 
 }  // namespace
@@ -96,7 +101,7 @@ TEST_F(PersisterWithoutMemory, OwesTheChangeToASnapshot) {
   const auto log = LogOfFailure([&] {
     {
       const RefusedMemory refused(kMost);
-      EXPECT_NO_THROW(_persister.Save(_layer, {"Large"}));
+      EXPECT_NO_THROW(_persister.SaveChangedGroups(_layer, {"Large"}));
     }
     EXPECT_TRUE(Eventually([&] { return FindSaved() == TextOf(_layer); }));
   });
@@ -109,7 +114,7 @@ TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
       [&] {
         _layer.SetValue("Large", "x", std::string(5 * kMost, 'x'));
         const RefusedMemory refused(kMost);
-        _persister.Save(_layer, {"Large"});
+        _persister.SaveChangedGroups(_layer, {"Large"});
         EXPECT_FALSE(_persister.Finish(std::chrono::hours(1), [](bool) {}));
       },
       1);

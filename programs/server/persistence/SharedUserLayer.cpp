@@ -1,0 +1,342 @@
+#include "programs/server/persistence/SharedUserLayer.h"
+
+#include <algorithm>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "programs/server/persistence/SaveFailure.h"
+#include "tavix/core/Logger.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr size_t kFewGroups = 16;  // can be written while nobody can change anything
+
+// None without memory for it.
+std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                    const core::IniFile& added) {
+  try {
+    return DescribeChange(userSettings, changedGroups, added);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
+}
+
+Change Describe(const core::IniFile& userSettings, const ChangedGroups::Changes& changes) {
+  return DescribeChange(userSettings, changes.groups, changes.added);
+}
+
+}  // namespace
+
+SharedUserLayer::SharedUserLayer(UserLayerSetup setup)
+    : _setup(std::move(setup)),
+      _quotedPath("'" + _setup.path + "'"),
+      _gate(true),
+      _log(*core::Logger::GetLogger("UserSettings")),
+      _state(_setup.durability),
+      _watch(_setup.path, _log) {}
+
+void SharedUserLayer::Load(FoundUserSettings& found) {
+  UserLayerState::Found state;
+  if (!found.mustBeWritten) state.snapshot = found.snapshot;
+  state.nextGeneration = found.nextGeneration;
+  state.snapshotBytes = found.snapshotBytes;
+  state.mustBeWritten = found.mustBeWritten;
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!found.mustBeWritten) _journal = std::move(found.journal);
+  state.hasJournal = _journal != nullptr;
+  state.isInPlace = _journal && _journal->IsInPlace();
+  state.journalFollows = _journal ? _journal->GetFollowed().generation : 0;
+  Perform(_state.Load(state));
+}
+
+// The gate knows the change before it is appended: nobody may see it without the ticket.
+void SharedUserLayer::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                           const core::IniFile& added) {
+  const std::optional<Change> change = TryToDescribe(userSettings, changedGroups, added);
+  std::lock_guard<std::mutex> lock(_mutex);
+  AddTicket(changedGroups, added);
+  _changed.Note(changedGroups, added);
+  const Steps steps = _state.OnChange(change.has_value(), Clock::now(), std::time(nullptr));
+  Perform(steps, kOutOfMemory);
+  if (steps.write != Steps::Write::kNothing) Append(steps.write, *change);
+}
+
+// The caller holds the lock, here and in all private functions.
+void SharedUserLayer::AddTicket(const std::set<std::string>& changedGroups, const core::IniFile& added) {
+  try {
+    std::set<std::string> groups = changedGroups;
+    for (const auto& group : added) groups.insert(group.first);
+    _gate.Add(&groups);
+  } catch (const std::bad_alloc&) {
+    _gate.Add(nullptr);
+  }
+}
+
+void SharedUserLayer::Append(Steps::Write write, const Change& change) {
+  try {
+    if (write == Steps::Write::kOpenJournal) {
+      OpenJournal(change);
+    } else {
+      _journal->Append(change);
+    }
+    Perform(_state.OnAppended(_journal->GetEnd()));
+  } catch (const std::exception& exception) {
+    Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
+  }
+}
+
+// Without durability it takes its place at once: no sync will give it one.
+void SharedUserLayer::OpenJournal(const Change& change) {
+  _journal = Journal::Create(_setup.files, _setup.path, _state.GetSnapshotId(), {change});
+  _state.OnOpened();
+  if (_setup.durability.kind != Durability::Kind::kNone) return;
+  _journal->TakePlace();
+  _state.GetNames().OnTookPlace(_state.GetNames().GetCurrent());
+}
+
+// Output is held and released under the lock, so that both happen in the order of their events.
+void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
+  if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
+    _setup.onUnsaved(*steps.unsavedSince);
+  if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
+  if (steps.output == Steps::Output::kHold) _gate.Hold();
+  if (steps.output == Steps::Output::kRelease) _gate.LetGo();
+  Report(steps.report, reason);
+  if (steps.reportsRecovery) _log.AddWarning(_quotedPath.c_str(), " is saved again");
+  if (steps.wakesSync) _wakeSync.notify_one();
+  if (steps.wakesSnapshot) _wakeSnapshot.notify_one();
+}
+
+void SharedUserLayer::Report(Steps::Report report, const char* reason) {
+  switch (report) {
+    case Steps::Report::kNothing:
+      return;
+    case Steps::Report::kFailure:
+      return _log.AddError(reason, "; changes are kept in memory and saved as soon as that is possible");
+    case Steps::Report::kFailedRetry:
+      return _log.AddWarning(reason, "; it is tried again");
+    case Steps::Report::kJournalGoesOn:
+      return _log.AddWarning(reason, "; the journal goes on, and the snapshot is tried again");
+  }
+}
+
+void SharedUserLayer::GiveUpJournal() {
+  if (_journal) _failedJournal = std::move(_journal);
+  _journal.reset();
+}
+
+void SharedUserLayer::Stop() {
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    _state.OnStop();
+  }
+  _wakeSync.notify_all();
+  _wakeSnapshot.notify_all();
+}
+
+bool SharedUserLayer::IsSaved() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _state.IsSaved();
+}
+
+bool SharedUserLayer::HasFailed() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _state.HasFailed();
+}
+
+bool SharedUserLayer::NeedsLastSnapshot() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return (_journal && _journal->HasChanges()) || _state.HasFailed() || _state.GetSnapshotTime();
+}
+
+std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _journal;
+}
+
+std::optional<SharedUserLayer::SyncRound> SharedUserLayer::AwaitSync() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  while (!_state.IsStopping()) {
+    const std::optional<Clock::time_point> time = _state.GetSyncTime();
+    const Clock::time_point now = Clock::now();
+    if (!time) {
+      _wakeSync.wait(lock);
+    } else if (now < *time) {
+      _wakeSync.wait_until(lock, *time);
+    } else {
+      if (_watch.Begin(now)) _wakeSnapshot.notify_one();
+      return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
+    }
+  }
+  return std::nullopt;
+}
+
+bool SharedUserLayer::TakePlace(const SyncRound& round) {
+  if (round.journal->IsInPlace()) return true;
+  std::lock_guard<std::mutex> names(_nameMutex);
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_state.GetNames().MayTakePlace(round.sync.journal)) return round.journal->IsInPlace();
+  }
+  round.journal->TakePlace();
+  std::lock_guard<std::mutex> lock(_mutex);
+  _state.GetNames().OnTookPlace(round.sync.journal);
+  return true;
+}
+
+void SharedUserLayer::OnSynced(const SyncRound& round) {
+  _setup.onSave(true, 0);
+  _gate.SetDurable(round.sync.last);
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_watch.End()) _wakeSnapshot.notify_one();
+  Perform(_state.OnSynced(round.sync));
+}
+
+void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_watch.End()) _wakeSnapshot.notify_one();
+  const std::optional<Steps> steps = _state.OnSyncFailed(round.sync, Clock::now());
+  if (!steps) return;
+  _setup.onSave(false, 0);
+  Perform(*steps, reason);
+}
+
+void SharedUserLayer::OnSyncUseless() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_watch.End()) _wakeSnapshot.notify_one();
+}
+
+SharedUserLayer::SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
+  std::unique_lock<std::mutex> lock(_mutex);
+  while (!_state.IsStopping()) {
+    const Clock::time_point now = Clock::now();
+    _watch.Look(now);
+    if (!_log.IsEmpty()) return SnapshotWork::kLog;
+    const std::optional<Clock::time_point> snapshot = _state.GetSnapshotTime();
+    const std::optional<Clock::time_point> look = _watch.GetNextLook();
+    if (snapshot && now >= *snapshot) return SnapshotWork::kSnapshot;
+    if (!snapshot && !look) {
+      _wakeSnapshot.wait(lock);
+    } else {
+      _wakeSnapshot.wait_until(lock, snapshot && look ? std::min(*snapshot, *look) : snapshot ? *snapshot : *look);
+    }
+  }
+  return SnapshotWork::kStop;
+}
+
+void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
+  std::lock_guard<std::mutex> names(_nameMutex);
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    if (!_state.GetNames().TakeUselessName()) return;
+    _failedJournal.reset();
+  }
+  files.RemoveNewJournal();
+}
+
+void SharedUserLayer::BeginToNote() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  _changed.Begin();
+}
+
+std::set<std::string> SharedUserLayer::TakeChangedGroups() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _changed.Take();
+}
+
+SharedUserLayer::SnapshotMoment SharedUserLayer::BeginSnapshot() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
+  SnapshotMoment moment;
+  moment.last = begin.last;
+  moment.end.generation = begin.generation;
+  moment.end.journalFollows = begin.journalFollows;
+  if (begin.journalFollows != 0) moment.end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
+  return moment;
+}
+
+void SharedUserLayer::GiveRoomBack() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
+    try {
+      if (journal) journal->GiveRoomBack();
+    } catch (const std::exception& exception) {
+      _log.AddWarning(ReasonOf(exception));
+    }
+  }
+}
+
+// What was synced so far stays, and the journal goes on if there is one.
+void SharedUserLayer::FailSnapshot(const char* reason) {
+  _setup.onSave(false, 0);
+  std::lock_guard<std::mutex> lock(_mutex);
+  _changed.End();
+  if (_journal) _journal->FillAgain();
+  Perform(_state.OnSnapshotFailed(Clock::now()), reason);
+}
+
+bool SharedUserLayer::NeedsNextJournal() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _changed.Count() > 0 || (_journal && !_state.IsStopping());
+}
+
+// The current journal takes its place first, synced or not: its name on the way is the next one's.
+std::shared_ptr<Journal> SharedUserLayer::CreateNextJournal(const SnapshotId& snapshot) {
+  if (const std::shared_ptr<Journal> journal = GetJournal()) TakePlaceNamed(*journal);
+  std::shared_ptr<Journal> next = Journal::Create(_setup.files, _setup.path, snapshot);
+  std::lock_guard<std::mutex> lock(_mutex);
+  _state.GetNames().OnNextCreated();
+  return next;
+}
+
+void SharedUserLayer::TakePlaceNamed(Journal& journal) {
+  journal.TakePlace();
+  std::lock_guard<std::mutex> lock(_mutex);
+  _state.GetNames().OnTookPlace(_state.GetNames().GetOwner());
+}
+
+std::optional<Change> SharedUserLayer::TakeManyChanges(const core::IniFile& layer) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (_changed.Count() <= kFewGroups) return std::nullopt;
+  return Describe(layer, _changed.TakeChanges());
+}
+
+std::shared_ptr<Journal> SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot,
+                                                 std::shared_ptr<Journal> next, const core::IniFile& layer) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  const bool hasChanges = _changed.Count() > 0;
+  const ChangedGroups::Changes changes = _changed.TakeChanges();
+  if (!next && hasChanges) {
+    next = Journal::Create(_setup.files, _setup.path, snapshot.id);
+    _state.GetNames().OnNextCreated();
+  }
+  if (hasChanges) next->Append(Describe(layer, changes));
+  if (next) next->Begin();
+  _changed.End();
+  _journal = next;
+  _failedJournal.reset();
+  Perform(_state.OnFollowed(snapshot, next ? _state.GetNames().GetOwner() : 0, next ? next->GetEnd() : 0));
+  return next;
+}
+
+void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, const char* reason,
+                                   UserSettingsFiles& files) {
+  bool mayRemove = false;
+  {
+    std::lock_guard<std::mutex> lock(_mutex);
+    mayRemove = _state.GetNames().ReleaseNext();
+    _changed.End();
+    Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
+  }
+  if (mayRemove) files.RemoveNewJournal();
+}
+
+void SharedUserLayer::RemoveOldJournal() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!_journal) RemoveQuietly(_setup.files, Journal::PathOf(_setup.path));
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,133 @@
+#include "programs/server/persistence/SnapshotWriter.h"
+
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "programs/server/persistence/SaveFailure.h"
+#include "tavix/core/MemoryStream.h"
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr int kMaxRounds = 4;
+constexpr size_t kBytesAround = 512;  // a text, its first and its last line
+
+}  // namespace
+
+SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, LayerReader readLayer)
+    : _layer(layer),
+      _files(files),
+      _readLayer(std::move(readLayer)),
+      _thread(std::make_unique<LoopThread>("Snapshot", [this] { Run(); })) {}
+
+void SnapshotWriter::Run() {
+  while (true) {
+    switch (_layer.AwaitSnapshotWork()) {
+      case SharedUserLayer::SnapshotWork::kStop:
+        return;
+      case SharedUserLayer::SnapshotWork::kLog:
+        _layer.GetLog().Write();
+        break;
+      case SharedUserLayer::SnapshotWork::kSnapshot:
+        Write();
+        break;
+    }
+  }
+}
+
+bool SnapshotWriter::Write() {
+  try {
+    _layer.RemoveUselessJournal(_files);
+    const Text text = MakeText();
+    Replace(text);
+    TakeOver(text.snapshot);
+    return true;
+  } catch (const std::exception& exception) {
+    _layer.FailSnapshot(ReasonOf(exception));
+    return false;
+  }
+}
+
+SnapshotWriter::Text SnapshotWriter::MakeText() {
+  _layer.BeginToNote();
+  settings::server::TextInParts layerText;
+  layerText.Collect(_readLayer, [this] { return _layer.TakeChangedGroups(); });
+  SharedUserLayer::SnapshotMoment moment;
+  _readLayer([&](const core::IniFile& layer) {
+    layerText.Update(layer, _layer.TakeChangedGroups());
+    moment = _layer.BeginSnapshot();
+  });
+  moment.end.written = GetTimeOfSnapshot();
+  core::StringOstream out;
+  out.Reserve(layerText.CountBytes() + kBytesAround);
+  daemon::BeginSnapshot(out);
+  layerText.MoveTo(out);
+  Text text;
+  text.snapshot.id = daemon::EndSnapshot(out, moment.end);
+  text.snapshot.last = moment.last;
+  text.time = moment.end.written;
+  text.bytes = out.GetText();
+  text.snapshot.bytes = text.bytes.size();
+  return text;
+}
+
+// The daemon's own files may have filled the disk. They give back what nobody needs, and then what somebody may need
+// one day.
+void SnapshotWriter::Replace(const Text& text) {
+  enum class Room { kAsItIs, kWithoutFilling, kWithoutBackup };
+  for (Room room = Room::kAsItIs;; room = room == Room::kAsItIs ? Room::kWithoutFilling : Room::kWithoutBackup) {
+    try {
+      for (const std::string& notice : _files.ReplaceSnapshot(text.bytes, text.time))
+        _layer.GetLog().AddWarning(notice.c_str());
+      return;
+    } catch (const NoRoom&) {
+      if (room == Room::kAsItIs) {
+        _layer.GiveRoomBack();
+      } else if (room == Room::kWithoutBackup || !RemoveBackup()) {
+        throw;
+      }
+    }
+  }
+}
+
+bool SnapshotWriter::RemoveBackup() {
+  if (!_files.RemoveBackup()) return false;
+  _layer.GetLog().AddWarning(("'" + _layer.GetSetup().path + ".bak'").c_str(),
+                             " is removed to make room: the disk is full, and the user settings come first");
+  return true;
+}
+
+// The snapshot stands, and holds all changes up to its last one; those since begin a journal of their own. Until that
+// has begun, they are in the one before.
+void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
+  _layer.GetSetup().onSave(true, snapshot.bytes);
+  {
+    std::lock_guard<std::mutex> names(_layer.GetNameMutex());
+    try {
+      std::shared_ptr<Journal> next = MakeNextJournal(snapshot.id);
+      _readLayer([&](const core::IniFile& layer) { next = _layer.Follow(snapshot, std::move(next), layer); });
+      if (next && _layer.GetSetup().durability.kind == Durability::Kind::kNone) _layer.TakePlaceNamed(*next);
+      if (!next) _layer.RemoveOldJournal();
+    } catch (const std::exception& exception) {
+      _layer.FailToFollow(snapshot, ReasonOf(exception), _files);
+    }
+  }
+  _layer.GetGate().SetDurable(snapshot.last);
+}
+
+// With most of what was changed meanwhile. Null: none is needed before the next change.
+std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snapshot) {
+  if (!_layer.NeedsNextJournal()) return nullptr;
+  std::shared_ptr<Journal> next = _layer.CreateNextJournal(snapshot);
+  for (int round = 0; round < kMaxRounds; ++round) {
+    std::optional<Change> change;
+    _readLayer([&](const core::IniFile& layer) { change = _layer.TakeManyChanges(layer); });
+    if (!change) break;
+    next->Append(*change);
+  }
+  return next;
+}
+
+}  // namespace tavix::daemon

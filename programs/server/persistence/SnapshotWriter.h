@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "programs/server/persistence/LoopThread.h"
+#include "programs/server/persistence/SharedUserLayer.h"
+#include "programs/server/persistence/UserSettingsFiles.h"
+#include "tavix/settings/server/TextInParts.h"
+
+namespace tavix::daemon {
+
+// The thread "Snapshot": writes a snapshot whenever one is due, and what the persister has to log.
+//
+// In order: groups that change are noted from the first to the last step. The layer's text is made in parts, each under
+// the store's read lock; parts whose groups changed are made again, the last of them in one go, which is the moment
+// whose state the snapshot holds. The file is written and takes the place of the snapshot before; changes go on into
+// the journal before it. At last the next journal is made, which gets the groups that changed since that moment: many
+// of them in parts that writers do not wait for, the rest under the store's read lock and the layer's, where the next
+// journal becomes the current one. Whatever fails, the layer is told, and tries again later.
+class SnapshotWriter {
+ public:
+  // Calls back with the user layer while nobody can change it.
+  using LayerReader = settings::server::TextInParts::Reader;
+
+  // layer, files: outlive the object.
+  SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, LayerReader readLayer);
+
+  // Waits for the thread, which ends once the layer is stopped.
+  void AwaitEnd() { _thread.reset(); }
+
+  // Writes a snapshot on this thread, which is the object's own or comes after its end. False when that failed.
+  bool Write();
+
+ private:
+  struct Text {
+    std::string bytes;
+    int64_t time = 0;
+    UserLayerState::Snapshot snapshot;
+  };
+
+  void Run();
+  Text MakeText();
+  void Replace(const Text& text);
+  bool RemoveBackup();
+  void TakeOver(const UserLayerState::Snapshot& snapshot);
+  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot);
+
+  SharedUserLayer& _layer;
+  UserSettingsFiles& _files;
+  const LayerReader _readLayer;
+  std::unique_ptr<LoopThread> _thread;
+};
+
+}  // namespace tavix::daemon

@@ -1,0 +1,191 @@
+#include "programs/server/persistence/UserLayerState.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr uint64_t kMinJournal = 64 * 1024;  // no snapshot is worth its cost for a shorter one
+
+}  // namespace
+
+UserLayerState::Steps UserLayerState::Load(const Found& found) {
+  Steps steps;
+  _snapshot.id = found.snapshot;
+  _snapshot.bytes = found.snapshotBytes;
+  _nextGeneration = found.nextGeneration;
+  _phase = HasSnapshot() ? Phase::kJournalling : Phase::kNoSnapshot;
+  _isSnapshotDue = found.mustBeWritten;
+  if (found.hasJournal) _names.OnFound(found.isInPlace);
+  _journalFollows = found.journalFollows;
+  ReleaseUnlessAlways(steps);
+  return steps;
+}
+
+UserLayerState::Steps UserLayerState::OnChange(bool hasText, Clock::time_point now, std::time_t time) {
+  Steps steps;
+  if (_changes.synced == _changes.last) {
+    _changes.firstUnsynced = now;
+    steps.unsavedSince = time;
+  }
+  ++_changes.last;
+  if (!hasText) {
+    const std::optional<std::time_t> unsavedSince = steps.unsavedSince;
+    steps = Fail(now);
+    steps.unsavedSince = unsavedSince;
+  } else if (CanAppend()) {
+    steps.write = HasJournal() ? Steps::Write::kAppend : Steps::Write::kOpenJournal;
+  } else if (!IsSnapshotting()) {
+    RequestSnapshot(steps);
+  }
+  return steps;
+}
+
+void UserLayerState::OnOpened() {
+  _names.OnOpened();
+  _journalFollows = _snapshot.id.generation;
+}
+
+UserLayerState::Steps UserLayerState::OnAppended(uint64_t journalEnd) {
+  Steps steps;
+  if (!IsSnapshotting()) RequestSnapshotIfLong(journalEnd, steps);
+  steps.wakesSync = _durability.kind != Durability::Kind::kNone;
+  return steps;
+}
+
+UserLayerState::Sync UserLayerState::OnSyncBegun(Clock::time_point now, std::time_t time) {
+  _changes.firstUnsynced = now;  // no change that is made from now on is older
+  return {_names.GetCurrent(), _changes.last, time};
+}
+
+UserLayerState::Steps UserLayerState::OnSynced(const Sync& sync) {
+  Steps steps;
+  _changes.synced = std::max(_changes.synced, sync.last);
+  steps.unsavedSince = _changes.synced == _changes.last ? 0 : sync.begun;
+  if (!_isSnapshotDue && !IsSnapshotting()) _retry.OnSuccess();
+  ReportRecovery(steps);
+  return steps;
+}
+
+std::optional<UserLayerState::Steps> UserLayerState::OnSyncFailed(const Sync& sync, Clock::time_point now) {
+  if (sync.journal != _names.GetCurrent()) return std::nullopt;
+  return Fail(now);
+}
+
+UserLayerState::SnapshotBegin UserLayerState::OnSnapshotBegun() {
+  SnapshotBegin begin;
+  begin.generation = _nextGeneration++;
+  begin.last = _changes.last;
+  if (_phase == Phase::kJournalling) begin.journalFollows = HasJournal() ? _journalFollows : _snapshot.id.generation;
+  _phaseOnFailure = std::exchange(_phase, Phase::kSnapshotting);
+  _isSnapshotDue = false;
+  return begin;
+}
+
+UserLayerState::Steps UserLayerState::OnSnapshotFailed(Clock::time_point now) {
+  if (IsSnapshotting()) _phase = _phaseOnFailure;
+  if (_phase != Phase::kJournalling) return Fail(now);
+  Steps steps;
+  steps.report = Steps::Report::kJournalGoesOn;
+  RetryLater(now, steps);
+  return steps;
+}
+
+UserLayerState::Steps UserLayerState::OnFollowed(const Snapshot& snapshot, JournalNumber next, uint64_t journalEnd) {
+  Steps steps;
+  _names.OnReplaced(next);
+  _journalFollows = snapshot.id.generation;
+  Follow(snapshot, steps);
+  if (next != 0) RequestSnapshotIfLong(journalEnd, steps);  // so much was changed meanwhile
+  return steps;
+}
+
+UserLayerState::Steps UserLayerState::OnFollowFailed(const Snapshot& snapshot, Clock::time_point now) {
+  if (!HasJournal()) {
+    _phase = _phaseOnFailure;
+    return Fail(now);
+  }
+  Steps steps;
+  Follow(snapshot, steps);
+  steps.report = Steps::Report::kJournalGoesOn;
+  RetryLater(now, steps);
+  return steps;
+}
+
+std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSyncTime() const {
+  const bool isNeeded = HasJournal() && _changes.synced < _changes.last;
+  if (!isNeeded || _durability.kind == Durability::Kind::kNone) return std::nullopt;
+  if (_durability.kind == Durability::Kind::kAlways) return Clock::time_point();
+  return _changes.firstUnsynced + _durability.interval;
+}
+
+std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSnapshotTime() const {
+  if (!_isSnapshotDue) return std::nullopt;
+  return _retry.GetNextTry();
+}
+
+bool UserLayerState::IsSaved() const {
+  const bool isSynced = _changes.synced == _changes.last || _durability.kind == Durability::Kind::kNone;
+  return !HasFailed() && HasSnapshot() && isSynced;
+}
+
+// The journal is given up: nobody knows what a file holds whose write or sync failed. Nobody was shown what is in a
+// journal that has not taken its place, when output waits for its sync: then nobody needs that file.
+UserLayerState::Steps UserLayerState::Fail(Clock::time_point now) {
+  Steps steps;
+  _names.OnGivenUp(_durability.kind != Durability::Kind::kAlways);
+  steps.output = Steps::Output::kRelease;
+  steps.report = HasFailed() ? Steps::Report::kFailedRetry : Steps::Report::kFailure;
+  (IsSnapshotting() ? _phaseOnFailure : _phase) = Phase::kFailed;
+  RetryLater(now, steps);
+  return steps;
+}
+
+void UserLayerState::Follow(const Snapshot& snapshot, Steps& steps) {
+  const bool hadFailed = HasFailed();
+  _phase = Phase::kJournalling;
+  _isSnapshotDue = false;
+  _snapshot = snapshot;
+  _changes.synced = std::max(_changes.synced, snapshot.last);
+  if (hadFailed) {
+    _hasToReportRecovery = true;
+    steps.output = Steps::Output::kHold;
+  }
+  const bool isSynced = _changes.synced == _changes.last;
+  if (isSynced || _durability.kind == Durability::Kind::kNone) ReportRecovery(steps);
+  if (isSynced) {
+    _retry.OnSuccess();
+    steps.unsavedSince = 0;
+  } else {
+    steps.wakesSync = true;
+  }
+  ReleaseUnlessAlways(steps);
+}
+
+void UserLayerState::RetryLater(Clock::time_point now, Steps& steps) {
+  _retry.OnFailure(now);
+  RequestSnapshot(steps);
+}
+
+void UserLayerState::RequestSnapshot(Steps& steps) {
+  _isSnapshotDue = true;
+  steps.wakesSnapshot = true;
+}
+
+void UserLayerState::RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps) {
+  if (journalEnd > std::max<uint64_t>(_snapshot.bytes, kMinJournal)) RequestSnapshot(steps);
+}
+
+// Until a snapshot stands that a journal can follow, a change is in memory only: to show it would promise too much,
+// whatever the durability is.
+void UserLayerState::ReleaseUnlessAlways(Steps& steps) const {
+  if (_durability.kind != Durability::Kind::kAlways && HasSnapshot()) steps.output = Steps::Output::kRelease;
+}
+
+void UserLayerState::ReportRecovery(Steps& steps) {
+  if (std::exchange(_hasToReportRecovery, false)) steps.reportsRecovery = steps.wakesSnapshot = true;
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,182 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+
+#include "programs/server/persistence/Durability.h"
+#include "programs/server/persistence/JournalNames.h"
+#include "programs/server/persistence/RetryBackoff.h"
+#include "programs/server/persistence/SnapshotId.h"
+
+namespace tavix::daemon {
+
+// What is known of the user layer on the disk: which changes the snapshot and its journal hold, and which are synced.
+// Each event is a method, which returns what its caller has to do; that makes more than twenty.
+//
+// In order: Load comes first. A change is appended to the current journal, which the first change after a snapshot
+// opens, and a sync that began later covers it. A journal that has grown long asks for a snapshot. OnSnapshotBegun is
+// the moment whose state the snapshot holds; changes go on into the journal before it until OnFollowed, from when on
+// the next journal is the current one. A change that can't be appended, a sync that fails and a first snapshot that
+// fails lead to kFailed: there is no journal then, changes are in memory only, and a snapshot of everything is due,
+// first after 1 s. Only a snapshot leads out of kNoSnapshot and kFailed. A snapshot that fails changes nothing else.
+//
+//     kNoSnapshot ---begun---> kSnapshotting ---followed---> kJournalling
+//     kJournalling --begun---> kSnapshotting ---failed-----> kJournalling
+//     kFailed -------begun---> kSnapshotting ---failed-----> kFailed, also from kNoSnapshot
+//     kJournalling --append or sync failed---> kFailed
+//     kSnapshotting -append or sync failed---> kSnapshotting; a snapshot that fails as well then leads to kFailed
+//
+// Without files, threads, clocks and locks: one caller at a time, who knows what time it is.
+class UserLayerState {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Ticket = uint64_t;  // of a change: 1 for the first one, then one more for each; 0: none
+  using JournalNumber = JournalNames::Number;
+
+  enum class Phase {
+    kNoSnapshot,    // no snapshot that a journal could follow: changes are owed to the first one
+    kJournalling,   // changes are appended to a journal that follows the snapshot
+    kSnapshotting,  // a snapshot is written; changes are noted for the next journal, and appended if there is a journal
+    kFailed,        // the disk lacks changes that were shown; everything is owed to a snapshot
+  };
+
+  // What an event asks its caller to do, all of it before the next event.
+  struct Steps {
+    enum class Write { kNothing, kAppend, kOpenJournal };  // where the change goes
+    enum class Output { kAsBefore, kHold, kRelease };      // whether output waits for changes from now on
+    enum class Report { kNothing, kFailure, kFailedRetry, kJournalGoesOn };
+
+    Write write = Write::kNothing;
+    Output output = Output::kAsBefore;
+    Report report = Report::kNothing;
+    bool reportsRecovery = false;
+    bool wakesSync = false;
+    bool wakesSnapshot = false;
+    std::optional<std::time_t> unsavedSince;  // to be reported; 0: everything is on the disk
+  };
+
+  // What a load found.
+  struct Found {
+    SnapshotId snapshot;  // generation 0: none that a journal could follow
+    uint64_t nextGeneration = 1;
+    size_t snapshotBytes = 0;
+    bool mustBeWritten = false;  // what was read stands nowhere as a whole
+    bool hasJournal = false;
+    bool isInPlace = false;       // the journal
+    uint64_t journalFollows = 0;  // its generation
+  };
+
+  // A sync under way.
+  struct Sync {
+    JournalNumber journal = 0;
+    Ticket last = 0;  // the change up to which it covers all
+    std::time_t begun = 0;
+  };
+
+  // A snapshot whose text is whole.
+  struct SnapshotBegin {
+    uint64_t generation = 0;
+    uint64_t journalFollows = 0;  // the generation whose journal the changes go on in; 0: they go on in none
+    Ticket last = 0;              // that the text holds
+  };
+
+  // A snapshot that stands at FILE.
+  struct Snapshot {
+    SnapshotId id;
+    size_t bytes = 0;
+    Ticket last = 0;
+  };
+
+  explicit UserLayerState(Durability durability) : _durability(durability) {}
+
+  Steps Load(const Found& found);
+
+  // A change was made in memory; it has the ticket GetLast() from now on. hasText: there was memory to describe it.
+  Steps OnChange(bool hasText, Clock::time_point now, std::time_t time);
+
+  // What Write::kOpenJournal asked for: the journal is at FILE.journal.new.
+  void OnOpened();
+
+  // The last change is written. journalEnd: behind it, in bytes.
+  Steps OnAppended(uint64_t journalEnd);
+  Steps OnAppendFailed(Clock::time_point now) { return Fail(now); }
+
+  // A sync begins, and has ended. The second: nothing, when the journal was replaced or given up meanwhile.
+  Sync OnSyncBegun(Clock::time_point now, std::time_t time);
+  Steps OnSynced(const Sync& sync);
+  std::optional<Steps> OnSyncFailed(const Sync& sync, Clock::time_point now);
+
+  // A snapshot's text is whole.
+  SnapshotBegin OnSnapshotBegun();
+
+  // It could not be made or saved, begun or not.
+  Steps OnSnapshotFailed(Clock::time_point now);
+
+  // The snapshot stands. The next journal holds all changes behind it, and is the current one from now on; journalEnd:
+  // its length. Without a next journal there must be none of these changes.
+  Steps OnFollowed(const Snapshot& snapshot, JournalNumber next, uint64_t journalEnd);
+
+  // The snapshot stands, but no journal could be made for the changes behind it. The one before goes on, if there is
+  // one: the snapshot says from where.
+  Steps OnFollowFailed(const Snapshot& snapshot, Clock::time_point now);
+
+  void OnStop() { _isStopping = true; }
+
+  // Who has the name FILE.journal.new. The next journal is created through this, and so is the end of a rename noted.
+  JournalNames& GetNames() { return _names; }
+  const JournalNames& GetNames() const { return _names; }
+
+  Phase GetPhase() const { return _phase; }
+  bool IsStopping() const { return _isStopping; }
+  bool HasFailed() const { return (IsSnapshotting() ? _phaseOnFailure : _phase) == Phase::kFailed; }
+  bool IsSnapshotting() const { return _phase == Phase::kSnapshotting; }
+  bool IsSnapshotDue() const { return _isSnapshotDue; }
+  Ticket GetLast() const { return _changes.last; }
+  Ticket GetSynced() const { return _changes.synced; }
+  SnapshotId GetSnapshotId() const { return _snapshot.id; }
+
+  // When a sync should begin; empty: there is nothing to sync.
+  std::optional<Clock::time_point> GetSyncTime() const;
+
+  // When a snapshot should be tried, in the past for at once; empty: none is due.
+  std::optional<Clock::time_point> GetSnapshotTime() const;
+
+  // Whether the disk has all that it must have when the daemon ends now.
+  bool IsSaved() const;
+
+ private:
+  struct Changes {
+    Ticket last = 0;
+    Ticket synced = 0;
+    Clock::time_point firstUnsynced{};  // when the oldest change that is not synced was made
+  };
+
+  bool HasSnapshot() const { return _snapshot.id.generation != 0; }
+  bool HasJournal() const { return _names.GetCurrent() != 0; }
+  bool CanAppend() const { return _phase == Phase::kJournalling || (IsSnapshotting() && HasJournal()); }
+  Steps Fail(Clock::time_point now);
+  void Follow(const Snapshot& snapshot, Steps& steps);
+  void RetryLater(Clock::time_point now, Steps& steps);
+  void RequestSnapshot(Steps& steps);
+  void RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps);
+  void ReleaseUnlessAlways(Steps& steps) const;
+  void ReportRecovery(Steps& steps);
+
+  const Durability _durability;
+  Phase _phase = Phase::kNoSnapshot;
+  Phase _phaseOnFailure = Phase::kNoSnapshot;  // to which a failure of the snapshot that is written leads
+  bool _isStopping = false;
+  Snapshot _snapshot;  // the last one that stands
+  uint64_t _nextGeneration = 1;
+  bool _isSnapshotDue = false;
+  RetryBackoff _retry;  // no snapshot before its time
+  JournalNames _names;
+  uint64_t _journalFollows = 0;  // the generation of the snapshot that the current journal follows
+  Changes _changes;
+  bool _hasToReportRecovery = false;
+};
+
+}  // namespace tavix::daemon

@@ -1,0 +1,77 @@
+#include "programs/server/store/SettingsStore.h"
+
+#include <ctime>
+
+namespace tavix::daemon {
+
+namespace {
+
+constexpr size_t kMaxDeletedPatterns = 1024;  // each is tried on the defaults at each start
+
+// Loads what the sources have, and saves nothing.
+class UnsavedLayers : public settings::server::ISettingsPersister {
+ public:
+  explicit UnsavedLayers(SettingsSources& sources) : _sources(sources) {}
+
+  void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override {
+    _sources.LoadDefaultSettings(combiner);
+  }
+  void LoadUserSettings(settings::server::SettingsCombiner& combiner) override { _sources.LoadUserSettings(combiner); }
+  void SaveUserSettings(const core::IniFile&) override {}
+  void SaveChangedGroups(const core::IniFile&, const std::set<std::string>&) override {}
+  void SaveAddedSettings(const core::IniFile&, const std::set<std::string>&, const core::IniFile&) override {}
+
+ private:
+  SettingsSources& _sources;
+};
+
+std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, const Options& options,
+                                                     Counters& counters) {
+  if (options.userSettings.empty() || options.action == Options::Action::kCheck) return nullptr;
+  const auto count = [&counters](bool succeeded, size_t bytes) {
+    if (succeeded) {
+      counters.CountSave(bytes);
+    } else {
+      counters.CountFailedSave();
+    }
+  };
+  const auto noteUnsaved = [&counters](std::time_t since) {
+    counters.unsavedSince.Set(static_cast<unsigned long long>(since));
+  };
+  const UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count, noteUnsaved};
+  return std::make_unique<UserSettingsPersister>(setup, sources);
+}
+
+}  // namespace
+
+SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, Counters& counters)
+    : _maxStopTime(options.stopSeconds),
+      _maxBytes(options.limits.storeBytes),
+      _userSettings(MakePersister(sources, options, counters)),
+      _unsaved(_userSettings ? nullptr : std::make_unique<UnsavedLayers>(sources)),
+      _manager(_userSettings ? _userSettings.get() : _unsaved.get(), &sources, nullptr, false) {
+  _manager.SetMaxBytes(_maxBytes);
+  _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
+  if (_userSettings) _userSettings->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
+}
+
+SettingsStore::~SettingsStore() {
+  if (_userSettings) _userSettings->Stop();
+}
+
+size_t SettingsStore::CountGroups() const {
+  return _manager.GetSizes().allGroups;
+}
+
+std::string SettingsStore::DescribeFullness() const {
+  const size_t bytes = _manager.GetApproximateBytes();
+  if (_maxBytes == 0 || bytes <= _maxBytes) return "";
+  return "The settings take about " + std::to_string(bytes) + " bytes of memory, more than --max-store " +
+         std::to_string(_maxBytes) + ": only changes that do not make them larger are carried out";
+}
+
+bool SettingsStore::Finish(const std::function<void(bool isSaved)>& onLate) {
+  return !_userSettings || _userSettings->Finish(_maxStopTime, onLate);
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "programs/server/metrics/Counters.h"
+#include "programs/server/options/Options.h"
+#include "programs/server/persistence/UserSettingsPersister.h"
+#include "programs/server/store/SettingsSources.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::daemon {
+
+// The daemon's store over its sources, whose changes are persisted from its construction to its end, unless the options
+// name no file for them or ask for a check.
+//
+// Threads: one; the manager and the gate are for any.
+// Errors:  the constructor loads everything and throws what can't be loaded.
+class SettingsStore {
+ public:
+  // sources, counters: outlive the store; the counters are told of saves.
+  SettingsStore(SettingsSources& sources, const Options& options, Counters& counters);
+  ~SettingsStore();
+
+  SettingsStore(const SettingsStore&) = delete;
+  SettingsStore& operator=(const SettingsStore&) = delete;
+
+  settings::server::SettingsManager& GetManager() { return _manager; }
+
+  size_t CountGroups() const;
+
+  // Why only changes are made that do not make the store larger; empty: others are, too.
+  std::string DescribeFullness() const;
+
+  // What keeps messages back until they may be seen; null when nothing is persisted.
+  DurabilityGate* GetGate() { return _userSettings ? &_userSettings->GetGate() : nullptr; }
+
+  // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
+  // saved. onLate: called on another thread when the disk takes longer than the options allow; it may end the process.
+  bool Finish(const std::function<void(bool isSaved)>& onLate);
+
+ private:
+  const std::chrono::seconds _maxStopTime;
+  const size_t _maxBytes;
+  const std::unique_ptr<UserSettingsPersister> _userSettings;            // null: nothing is persisted
+  const std::unique_ptr<settings::server::ISettingsPersister> _unsaved;  // null: changes are persisted
+  settings::server::SettingsManager _manager;
+};
+
+}  // namespace tavix::daemon
