@@ -21,17 +21,26 @@ void Mutex::Lock(unsigned int timeout) {
 }
 
 bool Mutex::TryLock(unsigned int timeout) {
+  if (_mutex.try_lock()) return true;
+  if (timeout == 0) return false;
   if (timeout == kWaitForever) {
+    const std::lock_guard<std::timed_mutex> entry(_entry);
     _mutex.lock();
     return true;
   }
-  if (timeout == 0) return _mutex.try_lock();
 #if defined(__SANITIZE_THREAD__)
   // ThreadSanitizer does not see a lock that is taken by the monotonic clock, and takes its release for an error.
-  return _mutex.try_lock_until(std::chrono::system_clock::now() + std::chrono::milliseconds(timeout));
+  const auto end = std::chrono::system_clock::now() + std::chrono::milliseconds(timeout);
 #else
-  return _mutex.try_lock_until(Deadline(timeout).GetEnd());
+  const auto end = Deadline(timeout).GetEnd();
 #endif
+  const std::unique_lock<std::timed_mutex> entry(_entry, end);
+  return entry.owns_lock() && _mutex.try_lock_until(end);
+}
+
+void Mutex::AwaitWaiter() {
+  if (IsHeldByThisThread()) return;
+  const std::lock_guard<std::timed_mutex> entry(_entry);
 }
 
 void Mutex::Release() {

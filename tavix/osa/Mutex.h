@@ -32,10 +32,16 @@ class TAVIX_EXPORT TAVIX_CAPABILITY("mutex") Mutex {
 
   bool IsHeldByThisThread() const;
 
+  // Returns once a thread that waits for the lock, if there is one, has got it. For a thread that releases the lock
+  // only for others to take it in between: as it runs already, it would mostly take the lock again before them. Not for
+  // a thread that holds the lock; it returns at once.
+  void AwaitWaiter();
+
  private:
   bool TryLock(unsigned int timeout);
 
   std::string _name;
+  std::timed_mutex _entry;  // held by the one thread that waits for _mutex; the others wait for it
   std::timed_mutex _mutex;
   std::atomic<std::thread::id> _owner{};
 };

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 #include <vector>
 
@@ -51,6 +52,31 @@ TEST(Mutex, ATimeoutThrowsAndNamesTheMutex) {
   BackgroundCall call([&] { mutex.Lock(1); });
   EXPECT_THAT([&] { call.Join(); }, testing::ThrowsMessage<LockException>(testing::AllOf(
                                         testing::HasSubstr("Lock Timeout"), testing::HasSubstr("_commandMutex"))));
+  mutex.Release();
+}
+
+TEST(Mutex, IsTakenByAWaitingThreadBeforeOneThatAwaitsItsTurn) {
+  Mutex mutex(nullptr);
+  std::promise<void> mayRelease;
+  mutex.Lock(0);
+  BackgroundCall waiter([&] {
+    mutex.Lock(kWaitForever);
+    mayRelease.get_future().wait();
+    mutex.Release();
+  });
+  waiter.AwaitBlocked();
+  mutex.Release();
+  mutex.AwaitWaiter();
+  EXPECT_THROW(mutex.Lock(0), LockException);
+  mayRelease.set_value();
+  waiter.Join();
+}
+
+TEST(Mutex, WithoutAWaitingThreadIsAwaitedInVainByNobody) {
+  Mutex mutex(nullptr);
+  mutex.AwaitWaiter();
+  mutex.Lock(0);
+  mutex.AwaitWaiter();
   mutex.Release();
 }
 

@@ -157,20 +157,29 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const
 void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups,
                                 const IniFile& settings) const {
   if (_state->subscriptions.IsEmpty() || NotifyAtOnce(gate, changedGroups, settings)) return;
-  constexpr int kMaxAttempts = 3;
+  constexpr int kMaxRestarts = 2;
   RoundUnderWay round(*_state, changedGroups);
-  for (int attempt = 1;; ++attempt) {
+  bool goesOn = true;
+  for (int restarts = 0; goesOn;) {
     round.MatchAll();
+    AwaitOthers(gate);
     std::optional<MutexAutoLock> gateLock;
     if (gate) gateLock.emplace(*gate);
     MutexAutoLock lock(_mutex);
-    if (attempt < kMaxAttempts && round.Get().IsOutdated()) {
+    if (round.Get().IsOutdated() && restarts < kMaxRestarts) {
       round.Get().Restart();
-      continue;
+      ++restarts;
+    } else {
+      goesOn = round.Get().CallPiece(_state->subscriptions, settings);
     }
-    round.Get().MatchAdded(_state->subscriptions);
-    return round.Get().Tell(_state->subscriptions, settings);
   }
+}
+
+// A round that calls many is long. Between two pieces of it others have their turn.
+void CallbackDispatcher::AwaitOthers(osa::Mutex* gate) const {
+  if (_mutex.IsHeldByThisThread()) return;
+  if (gate) gate->AwaitWaiter();
+  _mutex.AwaitWaiter();
 }
 
 // False, and nobody is told, when it would take long to find the subscribers.
@@ -218,6 +227,31 @@ bool CallbackDispatcher::WouldExceedMaxAlikePatterns(const GroupNameMatcher& mat
   if (max == 0 || matcher.GetPatterns().empty()) return false;
   ReadAutoLock lock(_state->lock);
   return _state->subscriptions.GetIndex().CountAlikeWith(matcher.GetPatterns()) > max;
+}
+
+bool CallbackDispatcher::WouldCallMoreThan(size_t max, const std::set<std::string>& changedGroups) const {
+  const auto nameOf = [](const std::string& group) -> const std::string& { return group; };
+  return WouldCallMoreThan(max, changedGroups, nameOf);
+}
+
+bool CallbackDispatcher::WouldCallMoreThan(size_t max, const IniFile& settings) const {
+  const auto nameOf = [](const auto& group) -> const std::string& { return group.first; };
+  return WouldCallMoreThan(max, settings.GetGroups(), nameOf);
+}
+
+template <class Groups, class NameOf>
+bool CallbackDispatcher::WouldCallMoreThan(size_t max, const Groups& groups, NameOf nameOf) const {
+  const Subscriptions& subscriptions = _state->subscriptions;
+  if (groups.size() * subscriptions.CountSubscribers() <= max) return false;
+  PatternIndex::Search search;
+  search.SetMaxTried(max);
+  size_t calls = 0;
+  ReadAutoLock lock(_state->lock);
+  return std::any_of(groups.begin(), groups.end(), [&](const auto& group) {
+    if (!subscriptions.GetIndex().FindMatching(nameOf(group), search)) return true;
+    for (const PatternIndex::Id text : search.GetFound()) calls += subscriptions.GetSubscribersOf(text).GetSize();
+    return calls > max;
+  });
 }
 
 void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {

@@ -17,10 +17,12 @@ namespace tavix::settings::common {
 // Knows who subscribed to which groups, and tells each subscriber of a change at most once, with only its own groups.
 // Subscribing twice adds to the subscription; it can only be taken back as a whole.
 //
-// Threads: every operation may be called from any thread; they run one after the other, callbacks included. A callback
-//          that calls back into its dispatcher gets an exception.
-// Locks:   its mutex is held while callbacks run. Who has subscribed to the groups of a large change is found before,
-//          under a lock for the index of subscriptions alone, which is released every few microseconds.
+// Threads: every operation may be called from any thread; callbacks run one at a time. A callback that calls back into
+//          its dispatcher gets an exception.
+// Locks:   its mutex is held while callbacks run. Where many of them have to be called, others get the mutex about once
+//          a millisecond: then subscribers come and go, and other changes are announced, between two callbacks. Who
+//          has subscribed to the groups of a large change is found before, under a lock for the index of subscriptions
+//          alone, which is released every few microseconds.
 // Cost:    a change costs what it is long and whom it concerns, however many others have subscribed.
 // Owns:    no callback; each stays valid until it is removed.
 class TAVIX_EXPORT CallbackDispatcher {
@@ -65,6 +67,11 @@ class TAVIX_EXPORT CallbackDispatcher {
   bool WouldExceedMaxAlikePatterns(const std::set<std::string>& groups) const;
   bool WouldExceedMaxAlikePatterns(const GroupNameMatcher& matcher) const;
 
+  // Whether a change of these groups, or of the document's, concerns more than "max" subscribers, each counted once for
+  // each of its groups, or too many patterns to find that out soon. Waits for no callback.
+  bool WouldCallMoreThan(size_t max, const std::set<std::string>& changedGroups) const;
+  bool WouldCallMoreThan(size_t max, const core::IniFile& settings) const;
+
   // Returns once the dispatcher's mutex was free: callbacks come to their end. For whoever watches that.
   void Probe() const;
 
@@ -79,6 +86,9 @@ class TAVIX_EXPORT CallbackDispatcher {
   void Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups);
   void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
   void Notify(osa::Mutex* gate, const core::IniFile& settings) const;
+  template <class Groups, class NameOf>
+  bool WouldCallMoreThan(size_t max, const Groups& groups, NameOf nameOf) const;
+  void AwaitOthers(osa::Mutex* gate) const;
   bool NotifyAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
 
   mutable osa::Mutex _mutex;  // held while callbacks run, and whenever subscriptions change

@@ -1,6 +1,7 @@
 #include "tavix/settings/common/ChangeRound.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tavix::settings::common {
 
@@ -10,6 +11,10 @@ namespace {
 constexpr size_t kTriedInPiece = 256;
 constexpr size_t kBytesInPiece = 4096;
 constexpr size_t kSubscribersInPiece = 4096;
+
+// What is called while other changes have to wait: about a millisecond of work, but one callback at least.
+constexpr size_t kGroupsInCalls = 512;
+constexpr size_t kCostOfCall = 8;  // in groups
 
 }  // namespace
 
@@ -67,6 +72,7 @@ bool ChangeRound::MatchPiece(const Subscriptions& subscriptions) {
 }
 
 void ChangeRound::OnAdded(const Subscriber& subscriber, const std::vector<PatternIndex::Id>& texts) {
+  if (_calls) return;
   for (const PatternIndex::Id text : texts) _added.emplace_back(subscriber.number, text);
 }
 
@@ -106,27 +112,30 @@ void ChangeRound::MatchAdded(const Subscriptions& subscriptions) {
   }
 }
 
-void ChangeRound::Tell(const Subscriptions& subscriptions, const core::IniFile& settings) const {
-  const GroupSubset* last = nullptr;  // that "names" were made for; subscribers of the same groups often follow
-  std::set<std::string> names;
-  for (const auto& [callback, subscriber] : subscriptions.GetCallbacks()) {
+bool ChangeRound::CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings) {
+  if (!std::exchange(_calls, true)) MatchAdded(subscriptions);
+  const Subscriptions::Callbacks& callbacks = subscriptions.GetCallbacks();
+  size_t cost = 0;
+  for (auto next = callbacks.upper_bound(_lastCalled); next != callbacks.end(); ++next) {
+    const auto& [callback, subscriber] = *next;
     if (subscriber.number >= _found.size()) continue;
     const GroupSubset& groups = _found[subscriber.number];
     if (groups.GetSize() == 0) continue;
-    if (groups.GetSize() == _groups.size()) {
-      callback->OnChange(_changedGroups, settings);
-      continue;
-    }
-    if (!last || !(*last == groups)) names = NamesOf(groups);
-    last = &groups;
-    callback->OnChange(names, settings);
+    if (cost >= kGroupsInCalls) return true;
+    cost += kCostOfCall + groups.GetSize();
+    _lastCalled = callback;
+    callback->OnChange(groups.GetSize() == _groups.size() ? _changedGroups : NamesOf(groups), settings);
   }
+  return false;
 }
 
-std::set<std::string> ChangeRound::NamesOf(const GroupSubset& groups) const {
-  std::set<std::string> names;
-  groups.ForEach([&](size_t group) { names.insert(names.end(), *_groups[group]); });
-  return names;
+// Valid until the next call.
+const std::set<std::string>& ChangeRound::NamesOf(const GroupSubset& groups) {
+  if (_named == groups) return _names;
+  _names.clear();
+  groups.ForEach([&](size_t group) { _names.insert(_names.end(), *_groups[group]); });
+  _named = groups;
+  return _names;
 }
 
 }  // namespace tavix::settings::common

@@ -39,8 +39,8 @@ class GroupSubset {
   size_t _size = 0;
 };
 
-// A change of many groups on its way to its subscribers: finds them piece by piece, while subscribers come and go, and
-// tells them at last.
+// A change of many groups on its way to its subscribers: first finds them, then calls them, both piece by piece, while
+// subscribers come and go.
 //
 // Threads: not safe on its own; the dispatcher's locks are named with each operation.
 class ChangeRound {
@@ -52,29 +52,30 @@ class ChangeRound {
   // subscriptions.
   bool MatchPiece(const Subscriptions& subscriptions);
 
-  // A subscriber got more texts, or goes, while the round is under way. Under the lock for changes.
+  // A subscriber got more texts, or goes, while the round is under way. Under the lock for changes. Who comes between
+  // the calls of the round is not called: it has subscribed after the change.
   void OnAdded(const Subscriber& subscriber, const std::vector<PatternIndex::Id>& texts);
   void OnRemoved(const Subscriber& subscriber);
 
-  // Whether so much was subscribed to meanwhile that it is better to begin anew without the lock under which
-  // MatchAdded would work.
+  // Whether so much was subscribed to before the first call that it is better to begin anew than to find the new
+  // subscribers under the lock that callbacks are called under.
   bool IsOutdated() const;
 
   // Forgets all that was found.
   void Restart();
 
-  // Finds the subscribers that came meanwhile. Until the end of the round nobody may come or go.
-  void MatchAdded(const Subscriptions& subscriptions);
-
-  // Calls those that were found, in ascending order of their addresses. What one throws ends the round.
-  void Tell(const Subscriptions& subscriptions, const core::IniFile& settings) const;
+  // Calls some more of those that were found, in ascending order of their addresses. The first call also finds the
+  // subscribers that came since they were looked for. False once all were called. During the call nobody may come or
+  // go. What a callback throws ends the round.
+  bool CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings);
 
   // How many patterns were compared with names of groups.
   size_t GetTried() const { return _search.GetTried(); }
 
  private:
+  void MatchAdded(const Subscriptions& subscriptions);
   GroupSubset& FoundBy(uint32_t number);
-  std::set<std::string> NamesOf(const GroupSubset& groups) const;
+  const std::set<std::string>& NamesOf(const GroupSubset& groups);
 
   const std::set<std::string>& _changedGroups;
   std::vector<const std::string*> _groups;
@@ -82,6 +83,10 @@ class ChangeRound {
   std::vector<GroupSubset> _found;                            // by the subscriber's number
   std::vector<std::pair<uint32_t, PatternIndex::Id>> _added;  // numbers of subscribers with new texts of theirs
   PatternIndex::Search _search;
+  bool _calls = false;  // the first of them was made
+  IChangeCallback* _lastCalled = nullptr;
+  GroupSubset _named;            // the groups of the last call; subscribers of the same groups often follow
+  std::set<std::string> _names;  // of these
 };
 
 }  // namespace tavix::settings::common

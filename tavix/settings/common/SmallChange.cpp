@@ -10,7 +10,7 @@ namespace {
 constexpr size_t kMaxGroups = 16;
 constexpr size_t kMaxBytes = 4096;
 constexpr size_t kMaxTried = 256;
-constexpr size_t kMaxFound = 16384;
+constexpr size_t kMaxFound = 1024;  // calls that others wait for, in one go
 
 }  // namespace
 
@@ -35,7 +35,7 @@ bool SmallChange::Match(const Subscriptions& subscriptions, const std::set<std::
       for (const Subscriber* subscriber : subscriptions.GetSubscribersOf(text))
         _found.emplace_back(subscriber->callback, bit);
     }
-    isDone = isDone && (texts <= 1 || _found.size() <= kMaxFound);
+    isDone = isDone && _found.size() <= kMaxFound;
   }
   _tried = _search.GetTried() - triedBefore;
   if (isDone && texts > 1) Unite();

@@ -31,6 +31,7 @@ class SubscriberList {
   void Remove(const Subscriber* subscriber);
 
   bool IsEmpty() const { return !_one && !_many; }
+  size_t GetSize() const { return static_cast<size_t>(end() - begin()); }
   const Subscriber* const* begin() const { return _many ? _many->data() : &_one; }
   const Subscriber* const* end() const { return _many ? _many->data() + _many->size() : &_one + (_one ? 1 : 0); }
 
@@ -71,7 +72,8 @@ class Subscriptions {
   const PatternIndex& GetIndex() const { return _index; }
   const SubscriberList& GetSubscribersOf(PatternIndex::Id text) const { return _subscribers[text]; }
 
-  bool IsEmpty() const { return _count.load(std::memory_order_acquire) == 0; }
+  bool IsEmpty() const { return CountSubscribers() == 0; }
+  size_t CountSubscribers() const { return _count.load(std::memory_order_acquire); }
 
   // The bytes of all texts of all subscribers.
   size_t CountBytes() const { return _bytes.load(std::memory_order_relaxed); }

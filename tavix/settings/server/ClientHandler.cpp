@@ -41,6 +41,7 @@ constexpr size_t kKeptMemory = 4 * 1024;         // an idle connection keeps no 
 constexpr size_t kShortRequest = 32 * 1024;      // bytes that are read and carried out in less than a millisecond
 constexpr size_t kShortSubscription = 8 * 1024;  // bytes of a subscription, likewise
 constexpr size_t kShortWork = 2'000;             // groups of the store, likewise
+constexpr size_t kShortNotices = 1'024;          // groups in notices of a change, likewise
 
 const GroupNameMatcher kNoGroups;
 
@@ -341,6 +342,12 @@ void ClientHandler::AnswerInParts(const GroupNameMatcher* groups, std::string_vi
   Write(text.GetText(), groups);
 }
 
+// A change may be short, and its notices many.
+template <class Groups>
+void ClientHandler::RequireShortNotices(const Groups& changed) const {
+  if (_maxWork > 0 && _settingsManager->GetDispatcher().WouldCallMoreThan(kShortNotices, changed)) throw TooLong();
+}
+
 // The request was read to its end: the connection is in step whether the store takes the change or not.
 template <class Change>
 void ClientHandler::CarryOut(Change change) {
@@ -355,6 +362,7 @@ void ClientHandler::Merge(std::istream& args) {
   const unsigned int flags = TakeWord(args) == protocol::kNoPersist ? SettingsManager::kNoPersist : 0;
   IniFile settings;
   if (!ReadPayload(settings)) return;
+  RequireShortNotices(settings);
   CarryOut([&] { _settingsManager->MergeSettings(settings, flags); });
 }
 
@@ -364,6 +372,7 @@ void ClientHandler::TestAndMerge(std::istream&) {
   if (!ReadPayload(condition)) return;
   _serializer.load()->SkipPayloadEnd(*_in);
   if (!ReadPayload(change)) return;
+  RequireShortNotices(change);
   bool merged = false;
   CarryOut([&] { merged = _settingsManager->TestAndMerge(condition, change); });
 
@@ -459,6 +468,8 @@ void ClientHandler::Overwrite(std::istream&) {
   const std::set<std::string> groups = ReadGroupSet();
   IniFile settings;
   if (WasCutOff() || !ReadPayload(settings)) return;
+  RequireShortNotices(groups);
+  RequireShortNotices(settings);
   CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); });
 }
 

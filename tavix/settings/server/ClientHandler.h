@@ -123,6 +123,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RestoreDefaults(std::istream& args);
   void Info(std::istream& args);
 
+  template <class Groups>
+  void RequireShortNotices(const Groups& changed) const;
   template <class Change>
   void CarryOut(Change change);
   bool HandleLine();

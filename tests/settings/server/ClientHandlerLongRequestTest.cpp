@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <deque>
 #include <sstream>
 #include <utility>
 
@@ -10,6 +11,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/RecordingCallback.h"
 #include "tests/support/ServedStore.h"
 
 namespace tavix::test {
@@ -91,6 +93,22 @@ TEST_F(LongRequest, IsLeftAloneByAThreadThatOthersWaitFor) {
   }
   EXPECT_EQ(TakeOutput(), "");
   EXPECT_EQ(Handle("get delimited\nG1\n.\n"), "data\n[G1]\nk=1\n.\n") << "nothing was changed";
+}
+
+// The change is short; its notices are not.
+TEST_F(LongRequest, ThatManyAreToBeToldOfIsLeftAloneByAThreadThatOthersWaitFor) {
+  std::deque<RecordingCallback> subscribers(600);
+  for (RecordingCallback& callback : subscribers) _served.store.Subscribe(&callback, "*");
+  EXPECT_EQ(Try("merge\n[A]\nx=1\n.\n"), Attempt::kHandled);
+  for (const std::string request : {"merge\n[A]\nx=2\n[B]\n.\n", "test-and-merge\n.\n[A]\nx=2\n[B]\n.\n",
+                                    "overwrite\nA\nB\n.\n.\n", "overwrite\n.\n[A]\nx=2\n[B]\n.\n"}) {
+    EXPECT_EQ(Try(request), Attempt::kTooLong) << request;
+    EXPECT_EQ(_in.GetRest(), request);
+  }
+  EXPECT_EQ(subscribers.front().GetChanges().size(), 1u);
+  EXPECT_TRUE(_handler.HandleNextInParts(kGoesOn));
+  EXPECT_EQ(subscribers.back().GetChanges().size(), 2u);
+  for (RecordingCallback& callback : subscribers) _served.store.Unsubscribe(&callback);
 }
 
 TEST_F(LongRequest, InPartsHasTheSameReply) {
