@@ -83,7 +83,10 @@ set(lower_headers
     tavix/osa/ThreadAnnotations.h
     tavix/osa/Time.h
     tavix/settings/client/IConnectionObserver.h
-    tavix/settings/client/ProtocolConstants.h)
+    tavix/settings/client/ProtocolClient.h
+    tavix/settings/client/ProtocolConstants.h
+    tavix/settings/client/ProtocolException.h
+    tavix/settings/client/ProtocolOptions.h)
 
 file(GLOB headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
      ${PROJECT_SOURCE_DIR}/tavix/settings/*.h

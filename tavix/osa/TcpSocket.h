@@ -1,14 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "tavix/osa/Export.h"
 
 namespace tavix::osa {
-
-class Deadline;
-struct ServiceEndpoint;
 
 // One end of a TCP connection, or of a connection through a unix socket. Its descriptor is closed on exec and by the
 // destructor; a dead peer is found within two minutes; small messages leave at once (TCP_NODELAY).
@@ -45,8 +41,6 @@ class TAVIX_DAEMON_EXPORT TcpSocket {
   struct AdoptTag {};
   TcpSocket(AdoptTag, int descriptor);
 
-  void ConnectTcp(const ServiceEndpoint& endpoint, const Deadline& deadline);
-  void ConnectUnix(const std::string& path, const Deadline& deadline);
   void Close() noexcept;
 
   int _descriptor = -1;

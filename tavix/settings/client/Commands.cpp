@@ -12,8 +12,6 @@ namespace tavix::settings::client {
 
 namespace {
 
-constexpr unsigned int kNoPersistFlag = 1;
-
 void WriteGroups(std::ostream& os, const std::set<std::string>& groups) {
   for (const std::string& group : groups) os << group << '\n';
 }

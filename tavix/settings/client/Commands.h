@@ -26,6 +26,8 @@ class GetSettingsCommand : public RemoteCommand {
 
 class MergeCommand : public RemoteCommand {
  public:
+  static constexpr unsigned int kNoPersistFlag = 1;
+
   void SendRequest(std::ostream& os) override;
 
   const core::IniFile* _settings = nullptr;

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Export.h"
+#include "tavix/settings/client/ProtocolException.h"
+#include "tavix/settings/client/ProtocolOptions.h"
+
+namespace tavix::settings::client {
+
+// One connection to a daemon, and the requests of the protocol (docs/protocol.md) over it, for programs that want to
+// know what went wrong. TavixSettingsClient is the interface for all others: it connects again by itself, repeats, and
+// hides lost connections.
+//
+// Connecting is one attempt, and no request is ever sent twice. Requests keep their order, so that what is read behind
+// a write holds it.
+//
+// Threads: one at a time for each object; several objects are independent. There is no thread of its own.
+// Time:    no call waits longer than its Timeouts allow, but for the system's resolver while it finds the address of a
+//          host's name.
+// Errors:  ProtocolException. After kUsage and kUnreadable the connection goes on. After any other failure it is
+//          closed, as nobody knows to which request the next reply would belong: each later call throws kLost, and a
+//          new object makes a new connection.
+// Signals: an interrupted wait goes on; a peer that is gone raises no SIGPIPE.
+// Fork:    the descriptor is closed on exec. A child that uses the object would take its parent's replies: it may only
+//          destroy it.
+// Owns:    the connection. Functions that are passed in are called by the calls of this object, on their thread; what
+//          they throw passes through, and the connection is closed.
+class TAVIX_EXPORT ProtocolClient {
+ public:
+  using Groups = std::set<std::string>;
+  using Milliseconds = std::chrono::milliseconds;
+  using Timeouts = ProtocolTimeouts;
+  using Options = ProtocolOptions;
+  using Notice = ProtocolNotice;
+
+  // Takes each line of the protocol as it is, without its line feed: '>' is sent, '<' is received.
+  using Trace = std::function<void(char direction, const std::string& line)>;
+
+  // Is told how many of all bytes of a request have left.
+  using Progress = std::function<void(size_t done, size_t all)>;
+
+  // How many notices are kept one by one.
+  static constexpr size_t kMaxPendingNotices = 64;
+
+  // Connects.
+  explicit ProtocolClient(const Options& options, Trace trace = nullptr);
+  ~ProtocolClient();
+
+  ProtocolClient(const ProtocolClient&) = delete;
+  ProtocolClient& operator=(const ProtocolClient&) = delete;
+
+  // Throw kUsage for what no line of the protocol can hold: names with a line feed, the name ".", and lines of more
+  // than 16 MiB. All calls that send names do so, before they send anything.
+  static void RequireSendable(const Groups& namesAndPatterns);
+  static void RequireSendable(const core::IniFile& settings);
+
+  // HOST:PORT, [V6]:PORT or unix:PATH, as it was found.
+  const std::string& GetAddress() const;
+
+  // Count from the next call on.
+  void SetTimeouts(const Timeouts& timeouts);
+
+  void SetProgress(Progress progress);
+
+  bool IsOpen() const;
+
+  // The connection's descriptor, to be waited for by poll(2) with POLLIN; -1 once it is closed. Call AwaitNotice(0)
+  // until it returns nothing before each such wait: what was received already does not wake poll. Nobody else may read
+  // from it, write to it or close it.
+  int GetDescriptor() const;
+
+  // The groups that names and '*' patterns mean. A name that does not exist is just not there.
+  core::IniFile Get(const Groups& namesAndPatterns);
+
+  // What clients wrote, with the bookkeeping of what they deleted.
+  core::IniFile GetUserSettings();
+
+  // These writes have no reply: they return when the request has left. Flush, or any call that reads, tells that they
+  // were carried out. What they may not write, such as restricted groups, the daemon drops without a word.
+  // isVolatile: the change is not saved.
+  void Merge(const core::IniFile& settings, bool isVolatile = false);
+  void Overwrite(const Groups& namesAndPatterns, const core::IniFile& settings);
+  void Restore(const Groups& namesAndPatterns);
+
+  // Sets "settings" if all that "test" holds is so still. Returns whether it was.
+  [[nodiscard]] bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
+
+  // Waits until the daemon has carried out all that was sent.
+  void Flush();
+
+  // Names and patterns that any client has subscribed to.
+  std::vector<std::string> GetSubscribed();
+
+  // From now on changes of these groups give notices, on top of earlier subscriptions; only the end of the connection
+  // takes one back. Returns what the groups hold at the moment from which on notices come: what pending notices held of
+  // them is dropped.
+  core::IniFile Subscribe(const Groups& namesAndPatterns);
+
+  // The next notice; nothing when none came within the limit. Zero does not wait. Without a limit it waits for ever for
+  // the first byte of a notice; the rest of it must come within the time-out of silence.
+  //
+  // Notices that come during other calls are kept. When kMaxPendingNotices wait, further ones are merged into the last
+  // one, so that no more is kept than that and what the subscribed groups hold. kUnreadable: a notice is lost, and what
+  // it told has to be read.
+  std::optional<Notice> AwaitNotice(std::optional<Milliseconds> limit);
+
+ private:
+  class TAVIX_LOCAL Exchange;
+
+  std::unique_ptr<Exchange> _exchange;
+};
+
+}  // namespace tavix::settings::client

@@ -1,0 +1,291 @@
+// The protocol client and servers that fall silent, end, or speak something else.
+
+#include <random>
+
+#include "tests/settings/client/ProtocolClientTest.h"
+#include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
+
+namespace tavix::test {
+
+namespace {
+
+const char kReply[] = "async change\nb\n.\n[b]\nk=1\n.\ndata\n[a]\nk=1\n.\n";
+
+// What a peer might send that has mixed something up.
+std::string RandomLines(std::mt19937& random) {
+  const std::vector<std::string> pieces{"data",   "result", "ok", "async change", ".",  "a",  "[a]", "k=1",
+                                        "\x80\\", "",       "\n", "\n",           "\n", "\n", "\r\n"};
+  std::string text;
+  for (size_t left = random() % 40; left > 0; --left) text += pieces[random() % pieces.size()];
+  return text;
+}
+
+}  // namespace
+
+class ProtocolClientFailure : public ProtocolClientTest {};
+
+TEST_F(ProtocolClientFailure, AReplyThatIsCutAnywhereIsNone) {
+  const std::string reply = kReply;
+  const ServerThreads threads(_server, [&](ServerEnd& peer, size_t number) {
+    peer.ReadThrough();
+    peer.Send(reply.substr(0, number));
+  });
+  for (size_t i = 0; i < reply.size(); ++i) {
+    Client client(Patient());
+    const Exception exception = Catch([&] { client.Get({"a"}); });
+    EXPECT_EQ(exception.GetReason(), Reason::kLost) << i;
+    EXPECT_EQ(exception.what(), "the connection to " + GetAddress() + " was lost");
+    EXPECT_TRUE(exception.WasSent());
+    EXPECT_FALSE(client.IsOpen());
+  }
+}
+
+TEST_F(ProtocolClientFailure, ANoticeThatIsCutAnywhereIsNone) {
+  const std::string notice = "async change\na\n.\n[a]\nk=1\n.\n";
+  const ServerThreads threads(_server, [&](ServerEnd& peer, size_t number) { peer.Send(notice.substr(0, number)); });
+  for (size_t i = 0; i < notice.size(); ++i) {
+    Client client(Patient());
+    EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kLost) << i;
+  }
+}
+
+TEST_F(ProtocolClientFailure, AReplySplitAnywhereIsWhole) {
+  const std::string reply = kReply;
+  const ServerThreads threads(_server, [&](ServerEnd& peer, size_t number) {
+    peer.ReadThrough();
+    peer.Send(reply.substr(0, number));
+    peer.Send(reply.substr(number));
+    peer.ReadToEnd();
+  });
+  for (size_t i = 0; i < reply.size(); ++i) {
+    Client client(Patient());
+    EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\nk=1\n") << i;
+    EXPECT_TRUE(client.AwaitNotice(std::chrono::milliseconds(0)));
+  }
+}
+
+TEST_F(ProtocolClientFailure, AWrongReplyShowsItsFirstLine) {
+  Answer(
+      {"HTTP/1.1 400 \x80"
+       "Bad\\ Request\r\n\r\n"});
+  Client client(Patient());
+  const Exception exception = Catch([&] { client.Get({"a"}); });
+  EXPECT_EQ(exception.GetReason(), Reason::kNotProtocol);
+  EXPECT_EQ(exception.what(), GetAddress() +
+                                  " does not speak the settings protocol: expected \"data\", got \"HTTP/1.1 400 "
+                                  "\\x80Bad\\\\ Request\\r\"");
+  EXPECT_FALSE(client.IsOpen());
+}
+
+TEST_F(ProtocolClientFailure, AReplyOfTheOtherKindIsNone) {
+  const ServerThreads threads(_server, [](ServerEnd& peer, size_t) {
+    peer.ReadThrough();
+    peer.Send("result\nok\n");
+    peer.ReadToEnd();
+  });
+  EXPECT_EQ(ReasonOf([] { Client(Patient()).Get({"a"}); }), Reason::kNotProtocol);
+  EXPECT_EQ(ReasonOf([] { Client(Patient()).GetSubscribed(); }), Reason::kNotProtocol);
+  EXPECT_EQ(ReasonOf([] { Client(Patient()).Subscribe({"a"}); }), Reason::kNotProtocol);
+}
+
+TEST_F(ProtocolClientFailure, AResultIsOkOrFailure) {
+  Answer({"result\nmaybe\n"});
+  Client client(Patient());
+  EXPECT_EQ(ReasonOf([&] { (void)client.TestAndMerge({}, {}); }), Reason::kNotProtocol);
+}
+
+TEST_F(ProtocolClientFailure, AListOfSubscriptionsWithoutItsEndIsNone) {
+  Answer({"Subscribed groups\n-----------------\na\n.\n"});
+  Client client(Patient());
+  EXPECT_EQ(ReasonOf([&] { client.GetSubscribed(); }), Reason::kNotProtocol);
+}
+
+TEST_F(ProtocolClientFailure, AReplyThatNobodyAskedForIsNoNotice) {
+  Client client(Patient());
+  _server.Accept().Send("data\n");
+  EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kNotProtocol);
+}
+
+TEST_F(ProtocolClientFailure, SilenceEndsACall) {
+  Answer({""});
+  Client client(Impatient());
+  const Exception exception = Catch([&] { client.Get({"a"}); });
+  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
+  EXPECT_EQ(exception.what(), "no answer from " + GetAddress() + " within 0.05 s");
+  EXPECT_TRUE(exception.WasSent());
+}
+
+TEST_F(ProtocolClientFailure, SilenceInsideOfAReplyEndsACall) {
+  Answer({"data\n[a]\n"});
+  Client client(Impatient());
+  EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTimedOut);
+}
+
+TEST_F(ProtocolClientFailure, SilenceInsideOfANoticeEndsAWaitWithoutLimit) {
+  Client client(Impatient());
+  ServerEnd peer = _server.Accept();
+  peer.Send("async ch");
+  EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kTimedOut);
+}
+
+TEST_F(ProtocolClientFailure, ACallHasATimeOutOfItsOwn) {
+  Answer({"data\n[a]\n"});
+  Client client(Patient());
+  client.SetTimeouts({kPatience, kShort});
+  const Exception exception = Catch([&] { client.Get({"a"}); });
+  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
+  EXPECT_EQ(exception.what(), "no answer from " + GetAddress() + " within 0.05 s");
+}
+
+TEST_F(ProtocolClientFailure, AServerThatSendsForEverDoesNotOutlastACall) {
+  Serve([](ServerEnd& peer) {
+    while (true) peer.Send("async change\na\n.\n.\n");
+  });
+  Client client(Patient());
+  client.SetTimeouts({kPatience, kShort});
+  EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTimedOut);
+}
+
+TEST_F(ProtocolClientFailure, APeerThatNeverReadsEndsACall) {
+  Client client(Impatient());
+  const ServerEnd peer = _server.Accept();
+  core::IniFile settings;
+  for (int i = 0; i < 8; ++i) settings.SetValue("a", std::to_string(i), std::string(8 * 1024 * 1024, 'x'));
+  const Exception exception = Catch([&] { client.Merge(settings); });
+  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
+  EXPECT_TRUE(exception.WasSent());
+  EXPECT_FALSE(client.IsOpen());
+}
+
+TEST_F(ProtocolClientFailure, AConnectionThatEndsUnderALargeRequestHintsAtTheServersLimits) {
+  Serve([](ServerEnd& peer) { peer.AwaitBytes(); });
+  Client client(Patient());
+  const core::IniFile settings = DocumentOf("[" + std::string(5000, 'n') + "]\nk=1\n");
+  client.Merge(settings);
+  const Exception exception = Catch([&] { client.Flush(); });
+  EXPECT_EQ(exception.GetReason(), Reason::kLost);
+  EXPECT_THAT(exception.GetHint(), testing::StartsWith("a server takes names of 4 KiB"));
+}
+
+TEST_F(ProtocolClientFailure, AServerThatHasEndedIsNoticedBeforeAnythingIsSent) {
+  Client client(Patient());
+  ServerEnd peer = _server.Accept();
+  peer.HalfClose();
+  const Exception exception = Catch([&] { client.Merge(DocumentOf("[a]\nk=1\n")); });
+  EXPECT_EQ(exception.GetReason(), Reason::kLost);
+  EXPECT_FALSE(exception.WasSent());
+  EXPECT_EQ(peer.ReadToEnd(), "");
+}
+
+TEST_F(ProtocolClientFailure, AWriteIsNotSentAgain) {
+  Client client(Patient());
+  {
+    ServerEnd peer = _server.Accept();
+    client.Merge(DocumentOf("[a]\nk=1\n"));
+    EXPECT_EQ(peer.ReadThrough(), "merge\n[a]\nk=1\n.\n");
+  }
+  EXPECT_EQ(ReasonOf([&] { client.Flush(); }), Reason::kLost);
+  EXPECT_EQ(ReasonOf([&] { client.Flush(); }), Reason::kLost);
+  EXPECT_FALSE(_server.HasWaitingConnection());
+}
+
+TEST_F(ProtocolClientFailure, EveryCallFailsAfterAFailure) {
+  Answer({"wrong\n"});
+  Client client(Patient());
+  EXPECT_THROW(client.Get({"a"}), Exception);
+  EXPECT_EQ(client.GetDescriptor(), -1);
+  const std::string closed = "the connection to " + GetAddress() + " was closed after an earlier failure";
+  for (const std::function<void()>& call : std::vector<std::function<void()>>{
+           [&] { client.Get({"a"}); }, [&] { client.Merge({}); }, [&] { client.AwaitNotice(std::nullopt); }}) {
+    const Exception exception = Catch(call);
+    EXPECT_EQ(exception.GetReason(), Reason::kLost);
+    EXPECT_EQ(exception.what(), closed);
+    EXPECT_FALSE(exception.WasSent());
+  }
+}
+
+TEST_F(ProtocolClientFailure, AReplyThatDoesNotParseLeavesTheConnectionInOrder) {
+  Answer({"data\nwithout a group\n.\n", "data\n[a]\n.\n"});
+  Client client(Patient());
+  const Exception exception = Catch([&] { client.Get({"a"}); });
+  EXPECT_EQ(exception.GetReason(), Reason::kUnreadable);
+  EXPECT_THAT(exception.what(), testing::StartsWith("the reply of " + GetAddress() + " can't be read: "));
+  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\n");
+}
+
+TEST_F(ProtocolClientFailure, ANoticeThatDoesNotParseSpoilsNoReply) {
+  Answer({"async change\na\n.\nwithout a group\n.\ndata\n[a]\n.\n"});
+  Client client(Patient());
+  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\n");
+  EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(kPatience); }), Reason::kUnreadable);
+  EXPECT_FALSE(client.AwaitNotice(std::chrono::milliseconds(0)));
+}
+
+TEST_F(ProtocolClientFailure, AReplyMayBeTooLarge) {
+  Answer({"data\n[a]\nk=1\n.\n", "data\n[a]\nk=" + std::string(64, 'x') + "\n.\n"});
+  Client::Options options = Patient();
+  options.maxMessageBytes = 64;
+  Client client(options);
+  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\nk=1\n");
+  const Exception exception = Catch([&] { client.Get({"a"}); });
+  EXPECT_EQ(exception.GetReason(), Reason::kTooLarge);
+  EXPECT_EQ(exception.what(), "the reply of " + GetAddress() + " has more than 64 bytes");
+}
+
+TEST_F(ProtocolClientFailure, ALineWithoutEndIsTooLarge) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough();
+    while (true) peer.Send(std::string(64 * 1024, 'x'));
+  });
+  Client::Options options = Patient();
+  options.maxMessageBytes = 1024 * 1024;
+  Client client(options);
+  EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTooLarge);
+}
+
+TEST_F(ProtocolClientFailure, WhatNoLineCanHoldIsNotSent) {
+  Client client(Patient());
+  ServerEnd peer = _server.Accept();
+  const core::IniFile settings = DocumentOf("[a\\nb]\nk=1\n");
+  for (const std::function<void()>& call : std::vector<std::function<void()>>{
+           [&] { client.Get({"a\nb"}); }, [&] { client.Subscribe({"."}); }, [&] { client.Merge(settings); },
+           [&] { client.Overwrite({"a"}, settings); }, [&] { client.Restore({"."}); },
+           [&] { (void)client.TestAndMerge(settings, {}); }, [&] { (void)client.TestAndMerge({}, settings); },
+           [&] { Client::RequireSendable(settings); }, [&] { Client::RequireSendable(Groups{"."}); }})
+    EXPECT_EQ(ReasonOf(call), Reason::kUsage);
+  client.Restore({"sent"});
+  EXPECT_EQ(peer.ReadThrough(), "restore\nsent\n.\n");
+}
+
+// The rest of the reply must not become the next one.
+TEST_F(ProtocolClientFailure, ATraceThatThrowsEndsTheConnection) {
+  Answer({"data\n[a]\n.\n", "data\n[b]\n.\n"});
+  Client client(Patient(), [](char, const std::string& line) {
+    if (line == "[a]") throw std::runtime_error("full");
+  });
+  EXPECT_THROW(client.Get({"a"}), std::runtime_error);
+  EXPECT_EQ(ReasonOf([&] { client.Get({"b"}); }), Reason::kLost);
+}
+
+// Whatever a peer sends, a call ends, with a reply or a failure.
+TEST_F(ProtocolClientFailure, GarbageEndsACall) {
+  std::mt19937 random(7);
+  std::vector<std::string> replies;
+  for (int i = 0; i < 300; ++i) replies.push_back(RandomLines(random));
+  const ServerThreads threads(_server, [&](ServerEnd& peer, size_t number) { peer.Send(replies[number]); });
+  size_t failures = 0;
+  for (size_t i = 0; i < replies.size(); ++i) {
+    Client client(Patient());
+    try {
+      client.Get({"a"});
+      while (client.AwaitNotice(std::nullopt)) continue;
+    } catch (const Exception& exception) {
+      ++failures;
+      EXPECT_NE(exception.GetReason(), Reason::kTimedOut) << replies[i];
+    }
+  }
+  EXPECT_EQ(failures, replies.size());
+}
+
+}  // namespace tavix::test
