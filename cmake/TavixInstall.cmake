@@ -51,16 +51,23 @@ set(internal_headers
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/common/TextCopy.h
+    tavix/settings/server/ChangeNotifier.h
     tavix/settings/server/ChangeRecorder.h
+    tavix/settings/server/ChangeRequest.h
     tavix/settings/server/ClientHandlerDispatcher.h
     tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
+    tavix/settings/server/DocumentTally.h
     tavix/settings/server/EarlyMatches.h
+    tavix/settings/server/EarlyTest.h
     tavix/settings/server/GroupWalk.h
     tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/StoreAccount.h
+    tavix/settings/server/StoreChange.h
+    tavix/settings/server/StoreDocuments.h
+    tavix/settings/server/StoreLoader.h
     tavix/settings/server/StoreText.h
     tavix/settings/server/TextInParts.h
     tavix/settings/server/UnrestrictedPart.h)

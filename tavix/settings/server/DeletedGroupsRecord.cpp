@@ -62,8 +62,9 @@ size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const 
 }
 
 size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const IniFile& settings) const {
-  const Members& record = MembersOf(userSettings);
   const Members& change = MembersOf(settings);
+  if (change.empty()) return 0;
+  const Members& record = MembersOf(userSettings);
   const auto isNew = [&](const auto& entry) {
     const auto before = record.find(entry.first);
     return IsPattern(entry.second) && (before == record.end() || !IsPattern(before->second));

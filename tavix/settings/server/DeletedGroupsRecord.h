@@ -20,6 +20,8 @@ class DeletedGroupsRecord {
   // group: the name of the record.
   explicit DeletedGroupsRecord(std::string group) : _group(std::move(group)) {}
 
+  const std::string& GetGroup() const { return _group; }
+
   // Forgets everything and walks through the record of "userSettings".
   void Read(const core::IniFile& userSettings);
 

@@ -14,29 +14,25 @@ constexpr GroupWalk::Work kWorkOfAPart = 1000;
 
 }  // namespace
 
-EarlyMatches::EarlyMatches(const common::GroupNameMatcher& matcher, const core::IniFile& document,
-                           osa::ReadWriteLock& lock, ChangeRecorders& recorders)
-    : _matcher(matcher), _document(document) {
-  if (matcher.GetPatterns().empty() && matcher.GetNames().size() <= kFewNames) return;
-  _walk.emplace(matcher);
-  _recorder.emplace(recorders);
-  FindInParts(lock);
+EarlyMatches::EarlyMatches(const common::GroupNameMatcher& matcher, StoreDocuments::Which which)
+    : _matcher(matcher), _which(which) {
+  if (!matcher.GetPatterns().empty() || matcher.GetNames().size() > kFewNames) _walk.emplace(matcher);
 }
 
-void EarlyMatches::FindInParts(osa::ReadWriteLock& lock) {
+void EarlyMatches::FindInParts(const StoreDocuments& documents) {
   std::string next;
   for (bool isDone = false; !isDone;) {
-    osa::ReadAutoLock part(lock);
-    isDone = FindPart(next);
+    const osa::ReadAutoLock part(documents.GetLock());
+    isDone = FindPart(documents.Get(_which), next);
   }
 }
 
 // Goes on from the group "next", and sets it for the next part. Returns whether there is none.
-bool EarlyMatches::FindPart(std::string& next) {
-  auto group = _document.GetGroups().lower_bound(next);
+bool EarlyMatches::FindPart(const core::IniFile& document, std::string& next) {
+  auto group = document.GetGroups().lower_bound(next);
   for (GroupWalk::Work work = kWorkOfAPart;; ++group, --work) {
-    group = _walk->FindNext(_document, group, _document.end(), work);
-    if (group == _document.end()) return true;
+    group = _walk->FindNext(document, group, document.end(), work);
+    if (group == document.end()) return true;
     if (work == 0) break;
     _found.insert(_found.end(), group->first);
   }
@@ -44,20 +40,16 @@ bool EarlyMatches::FindPart(std::string& next) {
   return false;
 }
 
-std::set<std::string> EarlyMatches::Take() {
-  if (!_walk) {
-    _matcher.GetMatchingGroups(_document, _found);
-    return std::move(_found);
-  }
-  for (const std::string& name : _recorder->Take()) {
-    if (!_walk->Matches(name)) continue;
-    if (_document.HasGroup(name)) {
+std::set<std::string> EarlyMatches::Take(const core::IniFile& document, const std::set<std::string>& changedGroups) {
+  if (!_walk) _matcher.GetMatchingGroups(document, _found);
+  for (const std::string& name : changedGroups) {
+    if (!_walk || !_walk->Matches(name)) continue;
+    if (document.HasGroup(name)) {
       _found.insert(name);
     } else {
       _found.erase(name);
     }
   }
-  _recorder.reset();  // the change that follows is the caller's own
   return std::move(_found);
 }
 

@@ -4,14 +4,9 @@
 #include <set>
 #include <string>
 
-#include "tavix/osa/ReadWriteLock.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
-#include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/GroupWalk.h"
-
-namespace tavix::core {
-class IniFile;
-}
+#include "tavix/settings/server/StoreDocuments.h"
 
 namespace tavix::settings::server {
 
@@ -19,21 +14,27 @@ namespace tavix::settings::server {
 // lock. Only what changed in between is matched under the write lock. A few names are looked up under it at once.
 class EarlyMatches {
  public:
-  // All outlive the object. lock: the store's, not held.
-  EarlyMatches(const common::GroupNameMatcher& matcher, const core::IniFile& document, osa::ReadWriteLock& lock,
-               ChangeRecorders& recorders);
+  // matcher: outlives the object.
+  EarlyMatches(const common::GroupNameMatcher& matcher, StoreDocuments::Which which);
 
-  // The caller holds the write lock. Once only.
-  std::set<std::string> Take();
+  StoreDocuments::Which GetWhich() const { return _which; }
+
+  // Whether it takes so long that FindInParts is to be called first.
+  bool AreMany() const { return _walk.has_value(); }
+
+  // The lock is not held. From before that call on a ChangeRecorder collects what changes.
+  void FindInParts(const StoreDocuments& documents);
+
+  // document: the one that was chosen, while the write lock is held. Once only. changedGroups: since before
+  // FindInParts.
+  std::set<std::string> Take(const core::IniFile& document, const std::set<std::string>& changedGroups);
 
  private:
-  void FindInParts(osa::ReadWriteLock& lock);
-  bool FindPart(std::string& next);
+  bool FindPart(const core::IniFile& document, std::string& next);
 
   const common::GroupNameMatcher& _matcher;
-  const core::IniFile& _document;
-  std::optional<GroupWalk> _walk;  // none: nothing was looked for yet
-  std::optional<ChangeRecorder> _recorder;
+  const StoreDocuments::Which _which;
+  std::optional<GroupWalk> _walk;  // none: there are few names to look up
   std::set<std::string> _found;
 };
 

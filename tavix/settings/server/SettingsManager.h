@@ -10,24 +10,20 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 #include "tavix/osa/Mutex.h"
-#include "tavix/osa/ReadWriteLock.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::settings::server {
 
-class ChangeRecorders;
-class DeletedGroupsRecord;
+class ChangeNotifier;
 class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
 class ISettingsSerializer;
-class LateCount;
 class SettingsCombiner;
-class StoreAccount;
-class TextInParts;
-struct ValueCopies;
+class StoreDocuments;
+class StoreLoader;
 
 // The one store of settings of a process. What readers see, the winner first:
 //
@@ -42,6 +38,8 @@ struct ValueCopies;
 // Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
 //          notification gate comes first of all, then the dispatcher's mutex.
 // Owns:    nothing that is passed in; persister, loader and filter outlive the store.
+// Methods: many, as it is the one door to the store for hosts: each is a few lines over StoreDocuments, which keeps the
+//          documents, StoreChange, which changes them, StoreLoader and ChangeNotifier.
 // Errors:  those of persister, loader, filters and documents pass through. A save that fails keeps the change in memory
 //          and tells nobody. Of its own only RefusedChange, by changes of a store that was given a bound.
 class TAVIX_EXPORT SettingsManager {
@@ -131,7 +129,7 @@ class TAVIX_EXPORT SettingsManager {
 
   // Another number, which no store ever had before, once anything that readers see may have changed. Asked before and
   // after a read, it tells whether something may have changed meanwhile.
-  unsigned long long GetVersion() const { return _version.load(std::memory_order_acquire); }
+  unsigned long long GetVersion() const;
 
   // Bounds; 0, as at first: none. Loading passes any. A change that would pass one is not carried out: it throws
   // RefusedChange, and nothing is changed. What does not make the store larger is carried out beyond its bound, too.
@@ -174,60 +172,27 @@ class TAVIX_EXPORT SettingsManager {
   void GetAllSubscribedGroups(std::set<std::string>& out) const;
 
   // For questions about the subscriptions.
-  const common::CallbackDispatcher& GetDispatcher() const { return _callbackDispatcher; }
+  const common::CallbackDispatcher& GetDispatcher() const;
 
   // CallbackDispatcher::SetMaxAlikePatterns, before the store has subscribers.
-  void SetMaxAlikePatterns(size_t max) { _callbackDispatcher.SetMaxAlikePatterns(max); }
+  void SetMaxAlikePatterns(size_t max);
 
   // Held during every notification. Whoever must take a lock that callbacks take, and then the dispatcher's, takes this
   // one before both; it comes before every other lock.
-  osa::Mutex& GetNotificationGate() const { return _notificationGate; }
+  osa::Mutex& GetNotificationGate() const;
 
   // The merge itself; the caller holds the write lock, filters and notifies.
   void PerformMergeUnlocked(const core::IniFile& settings, unsigned int flags);
 
  private:
-  void CollectText(TextInParts& text, const core::IniFile& document, const BetweenParts& between) const;
-  void DumpInParts(std::ostream& os, const core::IniFile& document, const BetweenParts& between) const;
-  void ClearAll();
-  void LoadAll();
-  void LoadUserLayer();
-  void RemoveDeletedGroups();
-  void MergeRestrictedSettings();
-  void HideBookkeeping();
-  void RefuseInCallback() const;
-  void BeginChange();
-  bool HoldsInParts(const core::IniFile& test) const;
-  bool HoldsStill(const core::IniFile& test, const std::set<std::string>& changedGroups) const;
-  bool PerformMerge(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount, unsigned int flags);
-  void MergeIntoAll(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount);
-  std::set<std::string> MergeIntoUser(const core::IniFile& settings, ValueCopies& copies, LateCount& lateCount);
-  core::IniFile RecordDeletedGroups(const std::set<std::string>& groups);
-  void CountAnew();
-  void RequireRoomToMerge(const core::IniFile& settings, size_t bytes, bool persists) const;
-  void RequireRoomToReplace(const std::set<std::string>& removed, const core::IniFile& settings, size_t bytes,
-                            size_t recordBytes) const;
-  void RequirePatterns(size_t newPatterns) const;
-  void NoteUnchanged(const core::IniFile& settings) const;
-  void Save(const std::set<std::string>& changedGroups, const core::IniFile& added);
-  void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
-  void Notify(const core::IniFile& settings) const;
+  SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
+                  IIncludeFilter* includeFilter);
 
-  ISettingsPersister* _persister;                       // may be null
-  IRestrictedSettingsLoader* _restrictedLoader;         // may be null
-  IIncludeFilter* _includeFilter;                       // may be null
-  std::unique_ptr<IIncludeFilter> _loadPriorityFilter;  // remembers priorities for the store's whole life
-  std::unique_ptr<ChangeRecorders> _changeRecorders;    // of who reads in parts; changes are noted before they are made
-  std::atomic<bool> _isLockedToLoad{false};             // the constructor's lock waits for LoadSettings
-  mutable osa::ReadWriteLock _settingsMutex;
-  core::IniFile _userSettings;                         // guarded by _settingsMutex
-  core::IniFile _allSettings;                          // guarded by _settingsMutex
-  const std::unique_ptr<DeletedGroupsRecord> _record;  // what is in _userSettings of it; guarded by _settingsMutex
-  const std::unique_ptr<StoreAccount> _account;        // of both documents
-  std::atomic<size_t> _maxDeletedPatterns{0};
-  std::atomic<unsigned long long> _version{0};
-  common::CallbackDispatcher _callbackDispatcher;
-  mutable osa::Mutex _notificationGate;
+  ISettingsPersister* const _persister;  // may be null
+  const std::unique_ptr<StoreLoader> _loader;
+  const std::unique_ptr<StoreDocuments> _documents;
+  const std::unique_ptr<ChangeNotifier> _notifier;
+  std::atomic<bool> _isLockedToLoad{false};  // the constructor's lock waits for LoadSettings
 };
 
 }  // namespace tavix::settings::server

@@ -37,6 +37,8 @@ class StoreAccount {
   // What the document of all settings holds, and that of the user settings.
   DocumentTally& GetAllTally() { return _allTally; }
   DocumentTally& GetUserTally() { return _userTally; }
+  const DocumentTally& GetAllTally() const { return _allTally; }
+  const DocumentTally& GetUserTally() const { return _userTally; }
 
   // Both were loaded.
   void CountAnew(const core::IniFile& allSettings, const core::IniFile& userSettings);

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/ReadWriteLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/ChangeRecorder.h"
+#include "tavix/settings/server/DeletedGroupsRecord.h"
+#include "tavix/settings/server/StoreAccount.h"
+
+namespace tavix::settings::server {
+
+// Both documents of a store, and what is known about them without a walk through them. Everybody may read them under
+// the lock; StoreChange alone can change them.
+//
+// Threads: any. The documents are read while the lock is held; the rest needs no lock.
+// Locks:   "SettingsMutex" guards both documents and the record. It is never held while the notification gate or a
+//          dispatcher's mutex is taken.
+class StoreDocuments {
+ public:
+  enum class Which {
+    kAll,   // what readers see
+    kUser,  // the user settings with their bookkeeping
+  };
+
+  // recordGroup: the group of the user settings that is the record of deleted groups.
+  explicit StoreDocuments(const std::string& recordGroup) : _recordGroup(recordGroup), _record(recordGroup) {}
+
+  StoreDocuments(const StoreDocuments&) = delete;
+  StoreDocuments& operator=(const StoreDocuments&) = delete;
+
+  osa::ReadWriteLock& GetLock() const TAVIX_RETURN_CAPABILITY(_lock) { return _lock; }
+
+  const core::IniFile& GetAll() const TAVIX_REQUIRES_SHARED(_lock) { return _all; }
+  const core::IniFile& GetUser() const TAVIX_REQUIRES_SHARED(_lock) { return _user; }
+  const core::IniFile& Get(Which which) const TAVIX_REQUIRES_SHARED(_lock) {
+    return which == Which::kAll ? _all : _user;
+  }
+  const DeletedGroupsRecord& GetRecord() const TAVIX_REQUIRES_SHARED(_lock) { return _record; }
+
+  const std::string& GetRecordGroup() const { return _recordGroup; }
+  const StoreAccount& GetAccount() const { return _account; }
+
+  // For readers that release the lock between parts of a document.
+  ChangeRecorders& GetRecorders() const { return _recorders; }
+
+  // Another number, which no store ever had before, once anything that readers see may have changed.
+  unsigned long long GetVersion() const { return _version.load(std::memory_order_acquire); }
+
+  // Bounds of changes; 0: none.
+  void SetMaxBytes(size_t bytes) { _account.SetBound(bytes); }
+  void SetMaxDeletedPatterns(size_t count) { _maxDeletedPatterns = count; }
+  size_t GetMaxDeletedPatterns() const { return _maxDeletedPatterns; }
+
+ private:
+  friend class StoreChange;
+
+  const std::string _recordGroup;
+  mutable osa::ReadWriteLock _lock{"SettingsMutex"};
+  core::IniFile _all TAVIX_GUARDED_BY(_lock);
+  core::IniFile _user TAVIX_GUARDED_BY(_lock);
+  DeletedGroupsRecord _record TAVIX_GUARDED_BY(_lock);  // what _user holds of it
+  StoreAccount _account;                                // of both documents
+  mutable ChangeRecorders _recorders;
+  std::atomic<size_t> _maxDeletedPatterns{0};
+  std::atomic<unsigned long long> _version{0};
+};
+
+}  // namespace tavix::settings::server

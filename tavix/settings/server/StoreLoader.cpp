@@ -1,0 +1,89 @@
+#include "tavix/settings/server/StoreLoader.h"
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/IRestrictedSettingsLoader.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/LoadPriorityIncludeFilter.h"
+#include "tavix/settings/server/SettingsCombiner.h"
+
+namespace tavix::settings::server {
+
+using common::GroupNameMatcher;
+using core::IniFile;
+
+namespace {
+
+void RemoveGroupsOf(const IniFile::KeyMap& record, IniFile& all) {
+  GroupNameMatcher deleted;
+  for (const auto& entry : record) deleted.AddNameOrPattern(entry.second);
+  std::set<std::string> groups;
+  deleted.GetMatchingGroups(all, groups);
+  for (const std::string& group : groups) all.RemoveGroup(group);
+}
+
+}  // namespace
+
+StoreLoader::StoreLoader(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
+                         IIncludeFilter* includeFilter, std::string recordGroup)
+    : _persister(persister),
+      _restrictedLoader(restrictedLoader),
+      _includeFilter(includeFilter),
+      _loadPriorityFilter(new LoadPriorityIncludeFilter),
+      _recordGroup(std::move(recordGroup)) {}
+
+StoreLoader::~StoreLoader() = default;
+
+void StoreLoader::ConfigureSettingsCombiner(SettingsCombiner& combiner) const {
+  if (_includeFilter) combiner.AddFilter(_includeFilter);
+  combiner.AddFilter(_loadPriorityFilter.get());
+}
+
+StoreLoader::Documents StoreLoader::Load() const {
+  Documents documents;
+  SettingsCombiner combiner(documents.all);
+  ConfigureSettingsCombiner(combiner);
+  _persister->LoadDefaultSettings(combiner);
+  LoadUserSettings(documents.user);
+  const auto record = documents.user.GetGroups().find(_recordGroup);
+  if (record != documents.user.GetGroups().end()) RemoveGroupsOf(record->second, documents.all);
+  GroupDiscriminator::FilterOutRestrictedGroups(documents.all);
+  documents.all.MergeSettings(documents.user);
+  MergeRestrictedSettings(documents.all);
+  documents.all.RemoveGroup(_recordGroup);
+  return documents;
+}
+
+void StoreLoader::LoadUserSettings(IniFile& user) const {
+  SettingsCombiner combiner(user);
+  _persister->LoadUserSettings(combiner);
+  GroupDiscriminator::FilterOutRestrictedGroups(user);
+}
+
+void StoreLoader::MergeRestrictedSettings(IniFile& all) const {
+  if (!_restrictedLoader) return;
+  IniFile restricted;
+  SettingsCombiner combiner(restricted);
+  ConfigureSettingsCombiner(combiner);
+  _restrictedLoader->LoadRestrictedSettings(combiner);
+  all.MergeSettings(std::move(restricted));
+}
+
+IniFile StoreLoader::LoadDefaults(const GroupNameMatcher& matcher) const {
+  IniFile defaults;
+  SettingsCombiner combiner(defaults);
+  ConfigureSettingsCombiner(combiner);
+  _persister->LoadDefaultSettings(combiner);
+  std::vector<IniFile::const_iterator> matched;
+  matcher.GetMatchingGroups(defaults, matched);
+  IniFile::GroupMap found;
+  for (const auto& group : matched) found.insert(found.end(), defaults.GetMutableGroups().extract(group));
+  return IniFile(std::move(found));
+}
+
+}  // namespace tavix::settings::server
