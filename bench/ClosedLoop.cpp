@@ -16,8 +16,9 @@ constexpr int kPatience = 5000;  // milliseconds
 
 class ClosedLoop {
  public:
-  ClosedLoop(const std::vector<Descriptor>& connections, const std::vector<Script>& scripts)
-      : _poller(epoll_create1(EPOLL_CLOEXEC), "make an epoll"), _buffer(scripts.front().front().reply.size(), 0) {
+  ClosedLoop(const std::vector<osa::Descriptor>& connections, const std::vector<Script>& scripts)
+      : _poller(Checked(epoll_create1(EPOLL_CLOEXEC), "make an epoll")),
+        _buffer(scripts.front().front().reply.size(), 0) {
     for (size_t i = 0; i < connections.size(); ++i) _conversations.push_back({&connections[i], &scripts[i], 0, 0});
     for (Conversation& conversation : _conversations) {
       epoll_event event{};
@@ -53,7 +54,7 @@ class ClosedLoop {
 
  private:
   struct Conversation {
-    const Descriptor* connection;
+    const osa::Descriptor* connection;
     const Script* script;
     size_t next;
     size_t missing;
@@ -73,7 +74,7 @@ class ClosedLoop {
     return conversation.missing == 0;
   }
 
-  const Descriptor _poller;
+  const osa::Descriptor _poller;
   std::vector<Conversation> _conversations;
   std::vector<epoll_event> _events{256};
   std::string _buffer;
@@ -81,12 +82,12 @@ class ClosedLoop {
 
 }  // namespace
 
-double MeasureClosedLoop(const std::vector<Descriptor>& connections, const std::vector<Script>& scripts,
+double MeasureClosedLoop(const std::vector<osa::Descriptor>& connections, const std::vector<Script>& scripts,
                          double seconds) {
   return ClosedLoop(connections, scripts).Run(seconds);
 }
 
-double MeasureClosedLoop(const std::vector<Descriptor>& connections, const Exchange& exchange, double seconds) {
+double MeasureClosedLoop(const std::vector<osa::Descriptor>& connections, const Exchange& exchange, double seconds) {
   return MeasureClosedLoop(connections, std::vector<Script>(connections.size(), Script{exchange}), seconds);
 }
 

@@ -59,7 +59,7 @@ Program::Program(std::vector<std::string> command, int core) {
 Daemon::Daemon(const std::string& server, const std::vector<std::string>& options, int core)
     : _program(CommandFor(server, options), core), _port(PortOf(_program.ReadLine())) {}
 
-Descriptor Daemon::Connect() const {
+osa::Descriptor Daemon::Connect() const {
   return ConnectToLoopback(_port);
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 #include "bench/OwnProcess.h"
 #include "bench/Placement.h"
 
@@ -22,8 +22,8 @@ class Program {
   std::string ReadLine() const { return bench::ReadLine(_output); }
 
  private:
-  Descriptor _output;
-  Descriptor _input;  // the writing end: the program's input lasts as long as this object
+  osa::Descriptor _output;
+  osa::Descriptor _input;  // the writing end: the program's input lasts as long as this object
   std::unique_ptr<OwnProcess> _process;
 };
 
@@ -35,7 +35,7 @@ class Daemon {
 
   pid_t GetId() const { return _program.GetId(); }
   int GetPort() const { return _port; }
-  Descriptor Connect() const;
+  osa::Descriptor Connect() const;
 
  private:
   Program _program;

@@ -54,8 +54,8 @@ std::string OursVariant(const Layer& layer) {
 class AppendedFile {
  public:
   explicit AppendedFile(const std::string& directory)
-      : _file(open((directory + "/floor.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
-              "create a file") {}
+      : _file(Checked(open((directory + "/floor.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
+                      "create a file")) {}
 
   void Append() {
     WriteAll(_file, _record);
@@ -63,7 +63,7 @@ class AppendedFile {
   }
 
  private:
-  const Descriptor _file;
+  const osa::Descriptor _file;
   const std::string _record = std::string(128, 'r');
 };
 
@@ -77,7 +77,7 @@ class DurableDaemon {
     TimedExchange(_daemon.Connect(), ChangeExchange("merge", kGroup, 0));
   }
 
-  Descriptor Connect() const { return _daemon.Connect(); }
+  osa::Descriptor Connect() const { return _daemon.Connect(); }
 
  private:
   // What a daemon that was killed left beside its file is in nobody's way.
@@ -94,7 +94,7 @@ class DurableDaemon {
 void Measure(Recorder& recorder, const std::string& item, const Layer& layer,
              const std::function<Exchange(int version)>& makeExchange) {
   const DurableDaemon daemon(recorder, layer);
-  const Descriptor connection = daemon.Connect();
+  const osa::Descriptor connection = daemon.Connect();
   AppendedFile file(recorder.GetSetup().directory);
   int version = 0;
   const Contender ours{{item, kOurs, OursVariant(layer)},
@@ -117,7 +117,7 @@ std::string ThroughputItem(int connections) {
 
 void MeasureThroughput(Recorder& recorder, int count, const char* variant, const char* durability) {
   const DurableDaemon daemon(recorder, kLayers[0], durability);
-  std::vector<Descriptor> connections;
+  std::vector<osa::Descriptor> connections;
   for (int i = 0; i < count; ++i) connections.push_back(daemon.Connect());
   const double perSecond = MeasureClosedLoop(
       connections, MakeMergeScripts(count, GroupsInBytes(kLayers[0].bytes, kKeysOfGroup)), recorder.Choose(0.1, 0.3));
@@ -142,7 +142,7 @@ class BusyWriter {
   std::thread _thread;
 };
 
-Samples TimeGets(const Descriptor& connection, double seconds) {
+Samples TimeGets(const osa::Descriptor& connection, double seconds) {
   Samples samples;
   const Exchange get = GetExchange(kGroup + 1);
   for (const double end = NowInMicroseconds() + seconds * 1e6; NowInMicroseconds() < end;)
@@ -152,7 +152,7 @@ Samples TimeGets(const Descriptor& connection, double seconds) {
 
 void MeasureGetUnderMerge(Recorder& recorder) {
   const DurableDaemon daemon(recorder, kMiddleLayer);
-  const Descriptor connection = daemon.Connect();
+  const osa::Descriptor connection = daemon.Connect();
   const double seconds = recorder.Choose(0.1, 0.5);
   TimeGets(connection, seconds / 4);
   const Samples alone = TimeGets(connection, seconds);
@@ -165,11 +165,11 @@ void MeasureGetUnderMerge(Recorder& recorder) {
 }
 
 // A subscriber that reads nothing, with 8 MB of notices on their way to it.
-Descriptor MakeStalledSubscriber(const Daemon& daemon) {
+osa::Descriptor MakeStalledSubscriber(const Daemon& daemon) {
   constexpr size_t kUnread = 8000000;
-  Descriptor stalled = daemon.Connect();
+  osa::Descriptor stalled = daemon.Connect();
   WriteAll(stalled, "subscribe\n" + GroupName(kGroup) + "\n.\n");
-  const Descriptor writer = daemon.Connect();
+  const osa::Descriptor writer = daemon.Connect();
   const Exchange notice = NoticeExchange(kGroup, 1);
   for (size_t sent = 0; sent < kUnread; sent += notice.reply.size()) WriteAll(writer, notice.request);
   TimedExchange(writer, GetExchange(kGroup + 1));
@@ -185,11 +185,11 @@ void MeasureStalled(Recorder& recorder, const Placement& placement) {
   const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
   const Daemon undisturbed(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
   PinToCore(placement.client);
-  const Descriptor stalled = MakeStalledSubscriber(daemon);
-  const Descriptor beside = daemon.Connect();
-  const Descriptor alone = undisturbed.Connect();
+  const osa::Descriptor stalled = MakeStalledSubscriber(daemon);
+  const osa::Descriptor beside = daemon.Connect();
+  const osa::Descriptor alone = undisturbed.Connect();
   int version = 0;
-  const auto change = [&](const Descriptor& connection) {
+  const auto change = [&](const osa::Descriptor& connection) {
     return TimedExchange(connection, ChangeExchange("merge", kGroup, ++version));
   };
   MeasureInTurnsFor(recorder,

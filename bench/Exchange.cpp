@@ -58,7 +58,7 @@ Exchange NoticeExchange(int group, int version) {
   return {merge, "async change\n" + GroupName(group) + "\n.\n" + ChangedGroupText(group, version) + ".\n"};
 }
 
-double TimedExchange(const Descriptor& connection, const Exchange& exchange) {
+double TimedExchange(const osa::Descriptor& connection, const Exchange& exchange) {
   std::string reply(exchange.reply.size(), '\0');
   const double start = NowInMicroseconds();
   WriteAll(connection, exchange.request);

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 
 namespace tavix::bench {
 
@@ -30,6 +30,6 @@ Exchange TestAndMergeExchange(int group, int version);
 Exchange NoticeExchange(int group, int version);
 
 // Microseconds from the request's first byte until the reply is there. Throws osa::Exception when it is another one.
-double TimedExchange(const Descriptor& connection, const Exchange& exchange);
+double TimedExchange(const osa::Descriptor& connection, const Exchange& exchange);
 
 }  // namespace tavix::bench

@@ -11,7 +11,7 @@ namespace tavix::bench {
 
 namespace {
 
-void Answer(const Descriptor& connection, ExchangeSize size) {
+void Answer(const osa::Descriptor& connection, ExchangeSize size) {
   std::string request(size.request, '\0');
   const std::string reply(size.reply, 'r');
   while (TryReadAll(connection, request.data(), request.size())) WriteAll(connection, reply);
@@ -25,15 +25,15 @@ void AnswerWithThreads(const LoopbackListener& listener, ExchangeSize size) {
 
 // A connection that it watches has a whole request as soon as it is readable: senders write it at once.
 void AnswerWithEventLoop(const LoopbackListener& listener, ExchangeSize size) {
-  const Descriptor poller(epoll_create1(EPOLL_CLOEXEC), "make an epoll");
-  const auto watch = [&](const Descriptor& descriptor) {
+  const osa::Descriptor poller = Checked(epoll_create1(EPOLL_CLOEXEC), "make an epoll");
+  const auto watch = [&](const osa::Descriptor& descriptor) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = descriptor.Get();
     epoll_ctl(poller.Get(), EPOLL_CTL_ADD, descriptor.Get(), &event);
   };
   watch(listener.GetDescriptor());
-  std::map<int, Descriptor> connections;
+  std::map<int, osa::Descriptor> connections;
   std::vector<epoll_event> events(256);
   std::string request(size.request, '\0');
   const std::string reply(size.reply, 'r');
@@ -42,10 +42,10 @@ void AnswerWithEventLoop(const LoopbackListener& listener, ExchangeSize size) {
     for (int i = 0; i < ready; ++i) {
       const int which = events[static_cast<size_t>(i)].data.fd;
       if (which == listener.GetDescriptor().Get()) {
-        Descriptor connection = listener.Accept();
+        osa::Descriptor connection = listener.Accept();
         watch(connection);
         connections.emplace(connection.Get(), std::move(connection));
-      } else if (const Descriptor& connection = connections[which];
+      } else if (const osa::Descriptor& connection = connections[which];
                  TryReadAll(connection, request.data(), request.size())) {
         WriteAll(connection, reply);
       } else {
@@ -56,13 +56,13 @@ void AnswerWithEventLoop(const LoopbackListener& listener, ExchangeSize size) {
 }
 
 void RelayRequests(const LoopbackListener& listener, ExchangeSize size, int receivers) {
-  const Descriptor sender = listener.Accept();
-  std::vector<Descriptor> connections;
+  const osa::Descriptor sender = listener.Accept();
+  std::vector<osa::Descriptor> connections;
   for (int i = 0; i < receivers; ++i) connections.push_back(listener.Accept());
   std::string request(size.request, '\0');
   const std::string message(size.reply, 'm');
   while (TryReadAll(sender, request.data(), request.size())) {
-    for (const Descriptor& connection : connections) WriteAll(connection, message);
+    for (const osa::Descriptor& connection : connections) WriteAll(connection, message);
   }
 }
 

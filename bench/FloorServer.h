@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 #include "bench/Loopback.h"
 #include "bench/OwnProcess.h"
 #include "bench/Placement.h"
@@ -30,7 +30,7 @@ class FloorServer {
   static FloorServer Relay(ExchangeSize size, int receivers, int core);
 
   pid_t GetId() const { return _process->GetId(); }
-  Descriptor Connect() const { return ConnectToLoopback(_port); }
+  osa::Descriptor Connect() const { return ConnectToLoopback(_port); }
 
  private:
   using Serve = std::function<void(const LoopbackListener&)>;

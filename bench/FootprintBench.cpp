@@ -64,14 +64,14 @@ void MeasureEmptyDaemon(Recorder& recorder) {
 template <class Server>
 void MeasureConnections(Recorder& recorder, const std::string& peer, const std::string& prefix, const Server& server,
                         const Exchange& exchange) {
-  const Descriptor first = server.Connect();
+  const osa::Descriptor first = server.Connect();
   TimedExchange(first, exchange);
   const double before = ResidentMebibytes(server.GetId());
-  std::vector<Descriptor> connections;
+  std::vector<osa::Descriptor> connections;
   for (int i = 0; i < kConnections; ++i) connections.push_back(server.Connect());
   TimedExchange(connections.back(), exchange);
   recorder.Add({kConnectionMemory, peer, prefix + kIdle}, kMebibytes, ResidentMebibytes(server.GetId()) - before);
-  for (const Descriptor& connection : connections) TimedExchange(connection, exchange);
+  for (const osa::Descriptor& connection : connections) TimedExchange(connection, exchange);
   recorder.Add({kConnectionMemory, peer, prefix + kAfterGet}, kMebibytes, ResidentMebibytes(server.GetId()) - before);
 }
 

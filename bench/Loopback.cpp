@@ -24,11 +24,11 @@ sockaddr_in LoopbackAddress(int port) {
   return address;
 }
 
-Descriptor MakeSocket() {
-  return Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "make a socket");
+osa::Descriptor MakeSocket() {
+  return Checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "make a socket");
 }
 
-void SendAtOnce(const Descriptor& descriptor) {
+void SendAtOnce(const osa::Descriptor& descriptor) {
   const int on = 1;
   setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
@@ -45,14 +45,15 @@ LoopbackListener::LoopbackListener() : _descriptor(MakeSocket()) {
   _port = ntohs(address.sin_port);
 }
 
-Descriptor LoopbackListener::Accept() const {
-  Descriptor connection(accept4(_descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC), "accept a connection");
+osa::Descriptor LoopbackListener::Accept() const {
+  osa::Descriptor connection =
+      Checked(accept4(_descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC), "accept a connection");
   SendAtOnce(connection);
   return connection;
 }
 
-Descriptor ConnectToLoopback(int port) {
-  Descriptor connection = MakeSocket();
+osa::Descriptor ConnectToLoopback(int port) {
+  osa::Descriptor connection = MakeSocket();
   const sockaddr_in address = LoopbackAddress(port);
   if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     throw osa::Exception("Failed to connect to port %d: %s", port, std::strerror(errno));

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 
 namespace tavix::bench {
 
@@ -10,17 +10,17 @@ class LoopbackListener {
   LoopbackListener();
 
   int GetPort() const { return _port; }
-  const Descriptor& GetDescriptor() const { return _descriptor; }
+  const osa::Descriptor& GetDescriptor() const { return _descriptor; }
 
   // The next connection, without Nagle's delay.
-  Descriptor Accept() const;
+  osa::Descriptor Accept() const;
 
  private:
-  Descriptor _descriptor;
+  osa::Descriptor _descriptor;
   int _port;
 };
 
 // A connection without Nagle's delay.
-Descriptor ConnectToLoopback(int port);
+osa::Descriptor ConnectToLoopback(int port);
 
 }  // namespace tavix::bench

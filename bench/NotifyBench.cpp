@@ -30,8 +30,8 @@ constexpr int kPatience = 5000;      // milliseconds
 // Reads from many connections until each has had one message.
 class Receivers {
  public:
-  explicit Receivers(std::vector<Descriptor> connections)
-      : _connections(std::move(connections)), _poller(epoll_create1(EPOLL_CLOEXEC), "make an epoll") {
+  explicit Receivers(std::vector<osa::Descriptor> connections)
+      : _connections(std::move(connections)), _poller(Checked(epoll_create1(EPOLL_CLOEXEC), "make an epoll")) {
     for (size_t i = 0; i < _connections.size(); ++i) {
       epoll_event event{};
       event.events = EPOLLIN;
@@ -63,8 +63,8 @@ class Receivers {
     return message.size() == size ? 1 : 0;
   }
 
-  const std::vector<Descriptor> _connections;
-  const Descriptor _poller;
+  const std::vector<osa::Descriptor> _connections;
+  const osa::Descriptor _poller;
   std::vector<std::string> _messages{_connections.size()};
   std::vector<epoll_event> _events{256};
 };
@@ -82,8 +82,8 @@ std::string FloorVariant(const Placement& placement) {
 }
 
 // The empty get proves that the subscription is there.
-Descriptor Subscribe(const Daemon& daemon) {
-  Descriptor connection = daemon.Connect();
+osa::Descriptor Subscribe(const Daemon& daemon) {
+  osa::Descriptor connection = daemon.Connect();
   Exchange exchange = GetNothingExchange();
   exchange.request = "subscribe\n" + GroupName(kGroup) + "\n.\n" + exchange.request;
   TimedExchange(connection, exchange);
@@ -91,7 +91,7 @@ Descriptor Subscribe(const Daemon& daemon) {
 }
 
 // From the first byte of the change until the last receiver has the whole message.
-double TimedNotice(const Descriptor& sender, Receivers& receivers, const Exchange& exchange) {
+double TimedNotice(const osa::Descriptor& sender, Receivers& receivers, const Exchange& exchange) {
   return Timed([&] {
     WriteAll(sender, exchange.request);
     receivers.AwaitMessage(exchange.reply);
@@ -104,10 +104,10 @@ void Measure(Recorder& recorder, int subscribers, const Placement& placement, co
   const Exchange bareChange{std::string(size.request, 'q'), std::string(size.reply, 'm')};
   const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
   const FloorServer relay = FloorServer::Relay(size, subscribers, placement.server);
-  const Descriptor sender = daemon.Connect();
-  const Descriptor bareSender = relay.Connect();
-  std::vector<Descriptor> connections;
-  std::vector<Descriptor> bareConnections;
+  const osa::Descriptor sender = daemon.Connect();
+  const osa::Descriptor bareSender = relay.Connect();
+  std::vector<osa::Descriptor> connections;
+  std::vector<osa::Descriptor> bareConnections;
   for (int i = 0; i < subscribers; ++i) {
     connections.push_back(Subscribe(daemon));
     bareConnections.push_back(relay.Connect());

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::bench {
@@ -77,13 +77,13 @@ bool OwnProcess::EndedWell() {
 
 std::vector<Figure> MeasureInOwnProcess(const Setup& setup, const std::function<void(Recorder&)>& measure) {
   auto [reader, writer] = MakePipe();
-  const Descriptor& out = writer;
+  const osa::Descriptor& out = writer;
   OwnProcess process([&] {
     Recorder recorder(setup);
     measure(recorder);
     WriteAll(out, ToText(recorder.GetFigures()));
   });
-  writer = Descriptor();
+  writer = osa::Descriptor();
   const std::string text = ReadToEnd(reader);
   if (!process.EndedWell()) throw osa::Exception("could not be measured");
   return ToFigures(text);

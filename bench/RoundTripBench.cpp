@@ -51,13 +51,14 @@ ExchangeSize SizeOf(const Exchange& exchange) {
   return {exchange.request.size(), exchange.reply.size()};
 }
 
-Contender BareContender(const FigureName& name, const Descriptor& connection, ExchangeSize size) {
+Contender BareContender(const FigureName& name, const osa::Descriptor& connection, ExchangeSize size) {
   const Exchange exchange{std::string(size.request, 'q'), std::string(size.reply, 'r')};
   return {name, [&connection, exchange] { return TimedExchange(connection, exchange); }};
 }
 
 // Sends the exchanges in turn.
-Contender RawContender(const FigureName& name, const Descriptor& connection, const std::vector<Exchange>& exchanges) {
+Contender RawContender(const FigureName& name, const osa::Descriptor& connection,
+                       const std::vector<Exchange>& exchanges) {
   return {name, [&connection, exchanges, next = size_t{0}]() mutable {
             return TimedExchange(connection, exchanges[next++ % exchanges.size()]);
           }};
@@ -78,8 +79,8 @@ void MeasureRaw(Recorder& recorder, const std::string& item, const std::vector<E
   const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "round-trip.ini", kGroups);
   const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
   const FloorServer floor = FloorServer::WithThreadPerConnection(SizeOf(exchanges[0]), placement.server);
-  const Descriptor ours = daemon.Connect();
-  const Descriptor bare = floor.Connect();
+  const osa::Descriptor ours = daemon.Connect();
+  const osa::Descriptor bare = floor.Connect();
   PinToCore(placement.client);
   MeasureInTurns(recorder,
                  {RawContender({item, kOurs, Variant("raw", placement)}, ours, exchanges),
@@ -92,8 +93,8 @@ void MeasureGet(Recorder& recorder, const Placement& placement) {
   const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "round-trip.ini", kGroups);
   const Daemon daemon(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
   const FloorServer floor = FloorServer::WithThreadPerConnection(SizeOf(exchange), placement.server);
-  const Descriptor ours = daemon.Connect();
-  const Descriptor bare = floor.Connect();
+  const osa::Descriptor ours = daemon.Connect();
+  const osa::Descriptor bare = floor.Connect();
   PinToCore(placement.client);
   setenv("TAVIX_SETTINGS_SERVER", ("127.0.0.1:" + std::to_string(daemon.GetPort())).c_str(), 1);
   Client single(Client::SingleThreaded);
@@ -118,7 +119,7 @@ class PipePingPong {
     });
   }
   ~PipePingPong() {
-    _request.second = Descriptor();
+    _request.second = osa::Descriptor();
     _thread.join();
   }
 
@@ -130,8 +131,8 @@ class PipePingPong {
   }
 
  private:
-  std::pair<Descriptor, Descriptor> _request;
-  std::pair<Descriptor, Descriptor> _reply;
+  std::pair<osa::Descriptor, osa::Descriptor> _request;
+  std::pair<osa::Descriptor, osa::Descriptor> _reply;
   std::thread _thread;
 };
 

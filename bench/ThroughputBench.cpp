@@ -46,7 +46,7 @@ class LoadedServer {
 
  private:
   FigureName _name;
-  std::vector<Descriptor> _connections;
+  std::vector<osa::Descriptor> _connections;
   Samples _perSecond;
 };
 
@@ -75,7 +75,7 @@ void MeasureConnecting(Recorder& recorder, const FigureName& name, const Server&
   for (int i = -count / 10; i < count; ++i) {
     const double start = NowInMicroseconds();
     {
-      const Descriptor connection = server.Connect();
+      const osa::Descriptor connection = server.Connect();
       TimedExchange(connection, exchange);
     }
     if (i >= 0) samples.Add(NowInMicroseconds() - start);

@@ -81,8 +81,8 @@ bool Wait(std::vector<pollfd>& watched, int timeout) {
   return true;
 }
 
-int OpenSpare() {
-  return open("/dev/null", O_RDONLY | O_CLOEXEC);
+osa::Descriptor OpenSpare() {
+  return osa::Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -108,7 +108,6 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
 
 Server::~Server() {
   EndLoops();
-  if (_spare >= 0) close(_spare);
 }
 
 std::vector<std::string> Server::GetAddresses() const {
@@ -186,7 +185,7 @@ void Server::AcceptFrom(const Listener& listener) {
 
 // With a place for it. Returns whether there may be another connection.
 bool Server::AcceptOne(const Listener& listener) {
-  Descriptor descriptor(listener.Accept());
+  osa::Descriptor descriptor(listener.Accept());
   if (!descriptor) {
     const int error = errno;
     _places.Free();
@@ -216,7 +215,7 @@ void Server::OnNoPlace(const Listener& listener) {
 
 void Server::RefuseQueue(const Listener& listener) const {
   for (int i = 0; i < kAcceptsInARow; ++i) {
-    const Descriptor descriptor(listener.Accept());
+    const osa::Descriptor descriptor(listener.Accept());
     if (!descriptor) return;
     const std::string name = PeerWithoutPort(descriptor.Get());
     const LogPeer peer(name);
@@ -243,11 +242,12 @@ bool Server::RefuseOne(const Listener& listener, int error) {
   const LogPeer peer(kAnybody);
   Log()->Warning("Connection refused: %s", std::strerror(error));
   _counters.Count(Refusal::kDescriptors);
-  if (_spare >= 0) close(_spare);
-  const int descriptor = listener.Accept();
-  if (descriptor >= 0) close(descriptor);
+  _spare.Reset();
+  osa::Descriptor refused(listener.Accept());
+  const bool isRefused = static_cast<bool>(refused);
+  refused.Reset();
   _spare = OpenSpare();
-  return descriptor >= 0;
+  return isRefused;
 }
 
 EventLoop& Server::FindLeastBusy() const {

@@ -20,6 +20,7 @@
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SubscriptionBudget.h"
@@ -87,7 +88,7 @@ class Server {
   settings::server::ServerEnv _env;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;
-  int _spare;               // given up for a moment when descriptors run out, so that the queue can be emptied
+  osa::Descriptor _spare;   // given up for a moment when descriptors run out, so that the queue can be emptied
   bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
   Entry _entry = Entry::kOpen;
   Clock::time_point _waitsSince{};  // for a place

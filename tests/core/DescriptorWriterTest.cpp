@@ -8,12 +8,12 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
-using tavix::test::Descriptor;
+using tavix::osa::Descriptor;
 using tavix::test::TemporaryDirectory;
 using Writer = tavix::core::DescriptorWriter;
 
@@ -92,14 +92,14 @@ TEST(DescriptorWriter, NeverWaitsForATerminalThatNobodyReads) {
 
 TEST(DescriptorWriter, PipeThatHasNoReaderTakesNothingAndRaisesNoSignal) {
   Ends ends = MakePipe();
-  ends.reading.Close();
+  ends.reading.Reset();
   Writer writer(ends.writing.Get());
   EXPECT_FALSE(writer.Write(kLine));
 }
 
 TEST(DescriptorWriter, SocketThatHasNoReaderTakesNothingAndRaisesNoSignal) {
   Ends ends = MakeSockets();
-  ends.reading.Close();
+  ends.reading.Reset();
   Writer writer(ends.writing.Get());
   EXPECT_FALSE(writer.Write(kLine));
 }

@@ -6,13 +6,13 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
 using tavix::core::MakeSystemLogOutput;
-using tavix::test::Descriptor;
+using tavix::osa::Descriptor;
 using tavix::test::TemporaryDirectory;
 
 // The socket of a system log's daemon that reads when it is told to.

@@ -14,15 +14,15 @@
 #include <utility>
 #include <vector>
 
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/FullDevice.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
+using tavix::osa::Descriptor;
 using tavix::osa::Exception;
-using tavix::test::Descriptor;
 using tavix::test::FullDevice;
 using tavix::test::TemporaryDirectory;
 using testing::HasSubstr;

@@ -23,8 +23,8 @@ namespace {
 using tavix::osa::kWaitForever;
 using tavix::osa::TcpSocket;
 using Stream = tavix::osa::TcpSocketStream;
+using tavix::osa::Descriptor;
 using tavix::test::BackgroundCall;
-using tavix::test::Descriptor;
 using tavix::test::ListeningSocket;
 using tavix::test::MillisecondsOf;
 using tavix::test::Receive;
@@ -49,7 +49,7 @@ class TcpSocketStream : public testing::Test {
   void ResetByPeer() {
     const linger atOnce{1, 0};
     setsockopt(_peer.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    _peer.Close();
+    _peer.Reset();
   }
 
   TcpSocket _socket{0};
@@ -149,7 +149,7 @@ TEST_F(TcpSocketStream, EveryWayToWriteKeepsTheOrder) {
 TEST_F(TcpSocketStream, TheEndOfTheConnectionFailsTheStream) {
   Stream stream(&_socket, kWaitForever);
   Send(_peer, "last words");
-  _peer.Close();
+  _peer.Reset();
   std::string line;
   EXPECT_TRUE(std::getline(stream, line));
   EXPECT_EQ(line, "last words");

@@ -23,11 +23,11 @@
 
 namespace {
 
+using tavix::osa::Descriptor;
 using tavix::osa::Exception;
 using tavix::osa::kWaitForever;
 using tavix::osa::TcpSocket;
 using tavix::test::BackgroundCall;
-using tavix::test::Descriptor;
 using tavix::test::ListeningSocket;
 using tavix::test::MillisecondsOf;
 using tavix::test::ReceiveAll;

@@ -31,7 +31,7 @@ bool ReadNothing(const settings::TavixSettingsClient& client) {
 // Takes the bytes of a connection apart into requests.
 class AnsweringServer::RequestReader {
  public:
-  explicit RequestReader(const Descriptor& peer) : _peer(peer) {}
+  explicit RequestReader(const osa::Descriptor& peer) : _peer(peer) {}
 
   // The next request; empty at the end of the connection and when the client quits.
   std::string Next() {
@@ -60,7 +60,7 @@ class AnsweringServer::RequestReader {
     return line;
   }
 
-  const Descriptor& _peer;
+  const osa::Descriptor& _peer;
   std::string _received;  // and not yet asked for
 };
 
@@ -78,7 +78,7 @@ AnsweringServer::~AnsweringServer() {
   _client.reset();
   shutdown(_listener.GetDescriptor(), SHUT_RDWR);
   _acceptor.join();
-  for (const Descriptor& peer : _peers) shutdown(peer.Get(), SHUT_RDWR);
+  for (const osa::Descriptor& peer : _peers) shutdown(peer.Get(), SHUT_RDWR);
   for (std::thread& thread : _threads) thread.join();
 }
 
@@ -114,9 +114,9 @@ void AnsweringServer::AwaitArrival() const {
 void AnsweringServer::AcceptAll() {
   try {
     while (true) {
-      Descriptor accepted = _listener.Accept();
+      osa::Descriptor accepted = _listener.Accept();
       std::lock_guard<std::mutex> lock(_mutex);
-      const Descriptor& peer = _peers.emplace_back(std::move(accepted));
+      const osa::Descriptor& peer = _peers.emplace_back(std::move(accepted));
       _threads.emplace_back(&AnsweringServer::AnswerAll, this, std::cref(peer));
     }
   } catch (const std::exception&) {  // nobody listens any more
@@ -131,7 +131,7 @@ void AnsweringServer::Note(const std::string& request) {
   if (_beforeAnswer) _beforeAnswer(*this, request);
 }
 
-void AnsweringServer::AnswerAll(const Descriptor& peer) {
+void AnsweringServer::AnswerAll(const osa::Descriptor& peer) {
   RequestReader reader(peer);
   try {
     for (std::string request; !(request = reader.Next()).empty();) {

@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/TavixSettingsClient.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/Environment.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/ServedStore.h"
@@ -59,7 +59,7 @@ class AnsweringServer {
 
   void AcceptAll();
   void Note(const std::string& request);
-  void AnswerAll(const Descriptor& peer);
+  void AnswerAll(const osa::Descriptor& peer);
 
   const Hook _beforeAnswer;
   const ListeningSocket _listener;
@@ -68,7 +68,7 @@ class AnsweringServer {
 
   mutable std::mutex _mutex;  // guards what follows
   std::vector<std::string> _requests;
-  std::list<Descriptor> _peers;
+  std::list<osa::Descriptor> _peers;
   std::list<std::thread> _threads;
 
   std::thread _acceptor;

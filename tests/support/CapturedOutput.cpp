@@ -43,7 +43,7 @@ std::string CapturedOutput::GetText() const {
 std::string CapturedOutput::Finish() {
   std::fflush(nullptr);
   if (_before.Get() >= 0) dup2(_before.Get(), _descriptor);
-  _before.Close();
+  _before.Reset();
   return GetText();
 }
 

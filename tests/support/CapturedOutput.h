@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -23,8 +23,8 @@ class CapturedOutput {
 
  private:
   const int _descriptor;
-  Descriptor _before;
-  Descriptor _file;
+  osa::Descriptor _before;
+  osa::Descriptor _file;
 };
 
 }  // namespace tavix::test

@@ -33,12 +33,12 @@ struct Pipe {
   Pipe() {
     int ends[2];
     Require(pipe2(ends, O_CLOEXEC), "pipe");
-    reading = Descriptor(ends[0]);
-    writing = Descriptor(ends[1]);
+    reading = osa::Descriptor(ends[0]);
+    writing = osa::Descriptor(ends[1]);
   }
 
-  Descriptor reading;
-  Descriptor writing;
+  osa::Descriptor reading;
+  osa::Descriptor writing;
 };
 
 // What exec(3) wants, made before the fork: between the two nothing may be allocated.
@@ -141,8 +141,8 @@ void CommandProcess::StartOnTerminal(const std::string& directory, const std::ve
   int main = -1;
   _id = Require(forkpty(&main, nullptr, &settings, &size), "forkpty");
   if (_id == 0) image.Run(directory.c_str(), parent);
-  _output = Descriptor(main);
-  _inputStream = Descriptor(Require(dup(main), "dup"));
+  _output = osa::Descriptor(main);
+  _inputStream = osa::Descriptor(Require(dup(main), "dup"));
   Require(fcntl(main, F_SETFD, FD_CLOEXEC), "fcntl");
   Require(fcntl(_inputStream.Get(), F_SETFD, FD_CLOEXEC), "fcntl");
 }
@@ -180,7 +180,7 @@ void CommandProcess::Await(const std::string& what, const std::function<bool()>&
 
 void CommandProcess::Step() {
   const bool hasInput = _sent < _input.size();
-  if (!hasInput && _endsInput) _inputStream.Close();
+  if (!hasInput && _endsInput) _inputStream.Reset();
   pollfd streams[] = {
       {_output.Get(), POLLIN, 0}, {_errors.Get(), POLLIN, 0}, {hasInput ? _inputStream.Get() : -1, POLLOUT, 0}};
   if (poll(streams, 3, 1000) <= 0) return;
@@ -199,13 +199,13 @@ void CommandProcess::SendInput() {
 }
 
 // A terminal whose programs are gone fails to be read.
-void CommandProcess::Receive(Descriptor& stream, std::string& text) {
+void CommandProcess::Receive(osa::Descriptor& stream, std::string& text) {
   char part[16 * 1024];
   const ssize_t count = read(stream.Get(), part, sizeof part);
   if (count > 0) {
     text.append(part, static_cast<size_t>(count));
   } else if (count == 0 || errno != EINTR) {
-    stream.Close();
+    stream.Reset();
   }
 }
 

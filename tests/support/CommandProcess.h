@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -40,7 +40,7 @@ class CommandProcess {
   void EndInput() { _endsInput = true; }
 
   // Nobody will read its standard output.
-  void CloseOutput() { _output.Close(); }
+  void CloseOutput() { _output.Reset(); }
 
   // Waits until that text was written to standard output or standard error. A terminal's is all output.
   void AwaitOutput(const std::string& text);
@@ -61,7 +61,7 @@ class CommandProcess {
   void Await(const std::string& what, const std::function<bool()>& condition);
   void Step();
   void SendInput();
-  static void Receive(Descriptor& stream, std::string& text);
+  static void Receive(osa::Descriptor& stream, std::string& text);
   bool HasEnded() const { return _output.Get() < 0 && _errors.Get() < 0; }
 
   pid_t _id = -1;
@@ -72,9 +72,9 @@ class CommandProcess {
   size_t _sent = 0;  // of the input
   std::string _outputText;
   std::string _errorText;
-  Descriptor _inputStream;
-  Descriptor _output;
-  Descriptor _errors;
+  osa::Descriptor _inputStream;
+  osa::Descriptor _output;
+  osa::Descriptor _errors;
 };
 
 // What came of a program that ran to its end.

@@ -34,13 +34,13 @@ struct Pipe {
   Pipe() {
     int ends[2];
     Require(pipe2(ends, O_CLOEXEC), "pipe");
-    reading = Descriptor(ends[0]);
-    writing = Descriptor(ends[1]);
+    reading = osa::Descriptor(ends[0]);
+    writing = osa::Descriptor(ends[1]);
     Require(fcntl(ends[0], F_SETFL, O_NONBLOCK), "fcntl");
   }
 
-  Descriptor reading;
-  Descriptor writing;
+  osa::Descriptor reading;
+  osa::Descriptor writing;
 };
 
 bool LimitDescriptors(const std::optional<unsigned long>& count) {
@@ -135,15 +135,15 @@ void DaemonProcess::Collect() {
     if (poll(pipes, 2, -1) < 0) continue;
     {
       std::lock_guard<std::mutex> lock(_mutex);
-      if (!Receive(_outputPipe, _output)) _outputPipe.Close();
-      if (!Receive(_errorPipe, _errors)) _errorPipe.Close();
+      if (!Receive(_outputPipe, _output)) _outputPipe.Reset();
+      if (!Receive(_errorPipe, _errors)) _errorPipe.Reset();
     }
     _changed.notify_all();
   }
 }
 
 // All that is there. False at the end. Whoever reads holds the lock.
-bool DaemonProcess::Receive(const Descriptor& pipe, std::string& text) {
+bool DaemonProcess::Receive(const osa::Descriptor& pipe, std::string& text) {
   char part[16 * 1024];
   ssize_t count;
   while ((count = read(pipe.Get(), part, sizeof part)) != 0) {

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -67,7 +67,7 @@ class DaemonProcess {
 
  private:
   void Collect();
-  static bool Receive(const Descriptor& pipe, std::string& text);
+  static bool Receive(const osa::Descriptor& pipe, std::string& text);
   template <class Condition>
   void Await(const char* what, Condition condition) const;
 
@@ -78,8 +78,8 @@ class DaemonProcess {
   mutable std::condition_variable _changed;
   mutable std::string _output;
   mutable std::string _errors;
-  Descriptor _outputPipe;  // closed by the collector once there is no more to come
-  Descriptor _errorPipe;
+  osa::Descriptor _outputPipe;  // closed by the collector once there is no more to come
+  osa::Descriptor _errorPipe;
 
   std::thread _collector;
 };

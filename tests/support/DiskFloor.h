@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/PacedCalls.h"
 
 namespace tavix::test {
@@ -20,7 +20,7 @@ class DiskFloor {
  private:
   std::string Append() const;
 
-  const Descriptor _file;
+  const osa::Descriptor _file;
   PacedCalls _calls;
 };
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -14,8 +14,8 @@ struct EchoFloor::Sockets {
   Sockets() {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("socketpair");
-    asking = Descriptor(ends[0]);
-    answering = Descriptor(ends[1]);
+    asking = osa::Descriptor(ends[0]);
+    answering = osa::Descriptor(ends[1]);
   }
 
   void Answer() const {
@@ -31,8 +31,8 @@ struct EchoFloor::Sockets {
 
   void End() const { shutdown(answering.Get(), SHUT_RD); }
 
-  Descriptor asking;
-  Descriptor answering;
+  osa::Descriptor asking;
+  osa::Descriptor answering;
 };
 
 // The last byte is echoed before the echo ends: nobody has to be interrupted.

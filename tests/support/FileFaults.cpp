@@ -13,15 +13,15 @@
 #include <system_error>
 #include <utility>
 
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 
 namespace tavix::test {
 
 namespace {
 
 FileFaultControl* Map(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const osa::Descriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC));
   void* const memory = mmap(nullptr, sizeof(FileFaultControl), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
   if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), path);
   return static_cast<FileFaultControl*>(memory);

@@ -31,11 +31,11 @@ ListeningSocket::ListeningSocket(int backlog)
   if (backlog != kNotListening) Require(listen(_socket.Get(), backlog), "listen");
 }
 
-Descriptor ListeningSocket::Accept() const {
-  return Descriptor(Require(accept4(_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC), "accept"));
+osa::Descriptor ListeningSocket::Accept() const {
+  return osa::Descriptor(Require(accept4(_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC), "accept"));
 }
 
-std::string Receive(const Descriptor& peer, size_t count) {
+std::string Receive(const osa::Descriptor& peer, size_t count) {
   std::string text;
   char part[64 * 1024];
   while (text.size() < count) {
@@ -47,18 +47,18 @@ std::string Receive(const Descriptor& peer, size_t count) {
   return text;
 }
 
-std::string ReceiveAll(const Descriptor& peer) {
+std::string ReceiveAll(const osa::Descriptor& peer) {
   return Receive(peer, std::numeric_limits<size_t>::max());
 }
 
-std::string ReceiveOnce(const Descriptor& peer) {
+std::string ReceiveOnce(const osa::Descriptor& peer) {
   std::string text(1024 * 1024, '\0');
   const ssize_t received = recv(peer.Get(), text.data(), text.size(), 0);
   text.resize(received > 0 ? static_cast<size_t>(received) : 0);
   return text;
 }
 
-bool Send(const Descriptor& peer, const std::string& text) {
+bool Send(const osa::Descriptor& peer, const std::string& text) {
   for (size_t sent = 0; sent < text.size();) {
     const ssize_t count = send(peer.Get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
     if (count < 0 && errno != EINTR) return false;

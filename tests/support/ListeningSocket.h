@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -17,23 +17,23 @@ class ListeningSocket {
   unsigned short GetPort() const { return _port; }
 
   // The next connection.
-  Descriptor Accept() const;
+  osa::Descriptor Accept() const;
 
  private:
-  Descriptor _socket;
+  osa::Descriptor _socket;
   unsigned short _port = 0;
 };
 
 // Reads that many bytes, fewer at the end of the connection.
-std::string Receive(const Descriptor& peer, size_t count);
+std::string Receive(const osa::Descriptor& peer, size_t count);
 
 // Reads to the end of the connection.
-std::string ReceiveAll(const Descriptor& peer);
+std::string ReceiveAll(const osa::Descriptor& peer);
 
 // What one recv(2) gets: at most 1 MiB, empty at the end of the connection.
-std::string ReceiveOnce(const Descriptor& peer);
+std::string ReceiveOnce(const osa::Descriptor& peer);
 
 // Writes all of it; false when the peer is gone.
-bool Send(const Descriptor& peer, const std::string& text);
+bool Send(const osa::Descriptor& peer, const std::string& text);
 
 }  // namespace tavix::test

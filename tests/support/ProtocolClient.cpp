@@ -75,7 +75,7 @@ void ProtocolClient::Connect(const std::string& host, const std::string& port, i
   addrinfo* found = nullptr;
   if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) throw std::runtime_error("No address: " + host);
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> address(found, freeaddrinfo);
-  _socket = Descriptor(Require(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+  _socket = osa::Descriptor(Require(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetUp(_socket.Get(), receiveBuffer);
   ConnectTo(_socket.Get(), address->ai_addr, address->ai_addrlen);
 }
@@ -84,7 +84,7 @@ void ProtocolClient::ConnectToPath(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  _socket = Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+  _socket = osa::Descriptor(Require(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
   SetTimeLimit(_socket.Get(), kPatience.count());
   ConnectTo(_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
 }
@@ -164,7 +164,7 @@ void ProtocolClient::HalfClose() {
 void ProtocolClient::Reset() {
   const linger atOnce{1, 0};
   Require(setsockopt(_socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce), "setsockopt");
-  _socket.Close();
+  _socket.Reset();
 }
 
 void ProtocolClient::WaitForEver() {

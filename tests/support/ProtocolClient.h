@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -48,7 +48,7 @@ class ProtocolClient {
   // Ends the connection without a farewell, by a reset.
   void Reset();
 
-  void Close() { _socket.Close(); }
+  void Close() { _socket.Reset(); }
 
   // For what only the kernel can do with it. WaitForEver takes the limits of time off it.
   int GetDescriptor() const { return _socket.Get(); }
@@ -59,7 +59,7 @@ class ProtocolClient {
   void ConnectToPath(const std::string& path);
   bool Receive();
 
-  Descriptor _socket;
+  osa::Descriptor _socket;
   std::string _received;  // and not yet asked for
 };
 

@@ -26,7 +26,7 @@ bool IsReadable(int descriptor, std::chrono::milliseconds limit) {
 
 }  // namespace
 
-ServerEnd::ServerEnd(Descriptor socket) : _socket(std::move(socket)) {
+ServerEnd::ServerEnd(osa::Descriptor socket) : _socket(std::move(socket)) {
   const timeval limit{kPatience.count(), 0};
   const int atOnce = 1;
   setsockopt(_socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);

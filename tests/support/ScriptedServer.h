@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/Environment.h"
 #include "tests/support/ListeningSocket.h"
 
@@ -17,7 +17,7 @@ namespace tavix::test {
 // Errors: what waits for kPatience, a peer that is gone included, throws std::runtime_error.
 class ServerEnd {
  public:
-  explicit ServerEnd(Descriptor socket);
+  explicit ServerEnd(osa::Descriptor socket);
 
   // What comes up to the line "last", that line included.
   std::string ReadThrough(const std::string& last = ".");
@@ -36,7 +36,7 @@ class ServerEnd {
   // Ends the connection without a farewell.
   void Reset() const;
 
-  void Close() { _socket.Close(); }
+  void Close() { _socket.Reset(); }
 
   // Ends both directions under whoever is asleep in them. Any thread may call.
   void Shutdown() const;
@@ -44,7 +44,7 @@ class ServerEnd {
  private:
   bool Receive();
 
-  Descriptor _socket;
+  osa::Descriptor _socket;
   std::string _received;  // and not yet asked for
 };
 

@@ -26,8 +26,8 @@ void Fill(int pipe) {
 StalledPipe::StalledPipe(int descriptor) : _descriptor(descriptor), _before(fcntl(descriptor, F_DUPFD_CLOEXEC, 3)) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
-  _reading = Descriptor(ends[0]);
-  const Descriptor writing(ends[1]);
+  _reading = osa::Descriptor(ends[0]);
+  const osa::Descriptor writing(ends[1]);
   Fill(writing.Get());
   std::fflush(nullptr);
   dup2(writing.Get(), descriptor);

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -20,8 +20,8 @@ class StalledPipe {
 
  private:
   const int _descriptor;
-  Descriptor _before;
-  Descriptor _reading;
+  osa::Descriptor _before;
+  osa::Descriptor _reading;
 };
 
 }  // namespace tavix::test

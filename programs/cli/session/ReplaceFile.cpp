@@ -14,28 +14,13 @@
 #include <cstring>
 
 #include "programs/cli/text/Failure.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::cli {
 
 namespace {
 
 constexpr int kMostLinks = 40;  // as the kernel
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : _descriptor(descriptor) {}
-  ~Descriptor() {
-    if (_descriptor > STDERR_FILENO) close(_descriptor);
-  }
-
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int Get() const { return _descriptor; }
-
- private:
-  int _descriptor;
-};
 
 [[noreturn]] void Fail(ExitCode code, const char* what, const std::string& path) {
   throw Failure(code, std::string("failed to ") + what + " '" + path + "': " + std::strerror(errno));
@@ -65,7 +50,7 @@ std::string TargetOf(const std::string& path) {
 
 // Whether a daemon holds its lock on the file, FILE.lock.
 bool IsLockedByDaemon(const std::string& path) {
-  const Descriptor lock(open((path + ".lock").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const osa::Descriptor lock(open((path + ".lock").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   return lock.Get() >= 0 && flock(lock.Get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
@@ -117,7 +102,7 @@ void KeepPermissions(int descriptor, const std::string& path) {
 }
 
 void WriteNewFile(std::string& name, const std::string& text, const std::string& path) {
-  const Descriptor file(mkostemp(name.data(), O_CLOEXEC));
+  const osa::Descriptor file(mkostemp(name.data(), O_CLOEXEC));
   if (file.Get() < 0) Fail(kExitNotApplied, "make a file beside", path);
   try {
     WriteAll(file.Get(), text, path);
@@ -150,7 +135,7 @@ void ReplaceFile(const std::string& path, const std::string& text) {
   const std::string target = TargetOf(path);
   std::string name = target + ".XXXXXX";
   WriteNewFile(name, text, target);
-  const Descriptor directory(open(DirectoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const osa::Descriptor directory(open(DirectoryOf(target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   // Some file systems can't sync a directory and say EINVAL; their renames are as durable as they get.
   if (directory.Get() < 0 || (fsync(directory.Get()) != 0 && errno != EINVAL))
     Fail(kExitNotApplied, "sync the directory of", target);
@@ -158,31 +143,24 @@ void ReplaceFile(const std::string& path, const std::string& text) {
 
 FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
     : _descriptor(open(FindDirectory(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (_descriptor < 0 && errno != ENOENT && errno != ENOTDIR) Fail(kExitNotApplied, "lock the directory of", path);
-  if (_descriptor < 0) return;
-  try {
+  if (_descriptor) {
     Lock(path, patience);
-  } catch (...) {
-    close(_descriptor);
-    throw;
+  } else if (errno != ENOENT && errno != ENOTDIR) {
+    Fail(kExitNotApplied, "lock the directory of", path);
   }
 }
 
 void FileLock::Lock(const std::string& path, std::chrono::milliseconds patience) const {
   using Clock = std::chrono::steady_clock;
-  if (flock(_descriptor, LOCK_EX | LOCK_NB) == 0) return;
+  if (flock(_descriptor.Get(), LOCK_EX | LOCK_NB) == 0) return;
   const Clock::time_point end = Clock::now() + patience;
   const Alarm alarm(patience);
-  while (flock(_descriptor, LOCK_EX) != 0) {
+  while (flock(_descriptor.Get(), LOCK_EX) != 0) {
     if (errno != EINTR) Fail(kExitNotApplied, "lock the directory of", path);
     if (Clock::now() >= end)
       throw Failure(kExitNoServer, "the directory of '" + path + "' is kept locked by another command",
                     "--timeout says how long to wait for it");
   }
-}
-
-FileLock::~FileLock() {
-  if (_descriptor >= 0) close(_descriptor);
 }
 
 }  // namespace tavix::cli

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <string>
 
+#include "tavix/osa/Descriptor.h"
+
 namespace tavix::cli {
 
 // The directory of what "path" leads to, where links end.
@@ -25,15 +27,11 @@ void ReplaceFile(const std::string& path, const std::string& text);
 class FileLock {
  public:
   FileLock(const std::string& path, std::chrono::milliseconds patience);
-  ~FileLock();
-
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
 
  private:
   void Lock(const std::string& path, std::chrono::milliseconds patience) const;
 
-  int _descriptor;
+  const osa::Descriptor _descriptor;
 };
 
 }  // namespace tavix::cli

@@ -65,7 +65,7 @@ const char* TextOf(CutReason reason) {
 }
 
 // The descriptor has an owner whatever throws.
-std::unique_ptr<osa::TcpSocket> Adopt(Descriptor& descriptor) {
+std::unique_ptr<osa::TcpSocket> Adopt(osa::Descriptor& descriptor) {
   std::unique_ptr<osa::TcpSocket> socket = osa::TcpSocket::Adopt(descriptor.Get());
   descriptor.Release();
   return socket;
@@ -108,7 +108,7 @@ class Turn {
 
 }  // namespace
 
-Connection::Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
+Connection::Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
     : _socket(Adopt(descriptor)),
       _descriptor(_socket->GetDescriptor()),
       _poll(poll),

@@ -17,8 +17,8 @@
 #include "programs/server/connections/SlowLane.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
-#include "programs/server/system/Descriptor.h"
 #include "tavix/core/MemoryStream.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/RequestFramer.h"
@@ -58,7 +58,7 @@ class Connection : private SlowLane::IJob {
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
   // that tells the loop that bytes are kept.
-  Connection(Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
+  Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
 
   // What was not sent is gone. What the kernel still has to send goes out all the same. Says why, if a bound is passed.
   ~Connection() override;

@@ -26,9 +26,9 @@ constexpr int kMostEvents = 64;
 constexpr int kReadsInARow = 64;
 constexpr int kPauseAfterVainRead = 8;
 
-Descriptor Checked(int descriptor, const char* what) {
+osa::Descriptor Checked(int descriptor, const char* what) {
   if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
-  return Descriptor(descriptor);
+  return osa::Descriptor(descriptor);
 }
 
 core::Logger* Log() {
@@ -62,7 +62,7 @@ EventLoop::~EventLoop() {
   _thread.Join();
 }
 
-void EventLoop::Add(Descriptor descriptor) {
+void EventLoop::Add(osa::Descriptor descriptor) {
   ++_count;
   _shared.counters.clients.Add();
   try {
@@ -141,12 +141,12 @@ bool EventLoop::TakeCall() {
 }
 
 void EventLoop::TakeNewConnections() {
-  std::vector<Descriptor> descriptors;
+  std::vector<osa::Descriptor> descriptors;
   {
     std::lock_guard<std::mutex> lock(_mutex);
     descriptors.swap(_new);
   }
-  for (Descriptor& descriptor : descriptors) {
+  for (osa::Descriptor& descriptor : descriptors) {
     try {
       TakeNew(std::move(descriptor));
     } catch (const std::exception& exception) {
@@ -155,7 +155,7 @@ void EventLoop::TakeNewConnections() {
   }
 }
 
-void EventLoop::TakeNew(Descriptor descriptor) {
+void EventLoop::TakeNew(osa::Descriptor descriptor) {
   for (std::vector<Connection*>* places : {&_busy, &_turns, &_inLane}) {
     if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
   }

@@ -28,7 +28,7 @@ class EventLoop : private osa::Runnable {
   ~EventLoop() override;
 
   // Takes a connected descriptor over. From any thread.
-  void Add(Descriptor descriptor);
+  void Add(osa::Descriptor descriptor);
 
   // Returns once the loop has come round after the call, or has failed. From any thread, while nobody ends the loop.
   void Probe();
@@ -44,7 +44,7 @@ class EventLoop : private osa::Runnable {
   bool TakeCall();
   void Fail(const char* reason);
   void TakeNewConnections();
-  void TakeNew(Descriptor descriptor);
+  void TakeNew(osa::Descriptor descriptor);
   template <class Work>
   bool Serve(Connection* connection, Work work);
   bool HandleEvent(Connection* connection, unsigned int events, bool isAlone);
@@ -59,8 +59,8 @@ class EventLoop : private osa::Runnable {
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
-  const Descriptor _poll;
-  const Descriptor _wake;
+  const osa::Descriptor _poll;
+  const osa::Descriptor _wake;
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
@@ -72,7 +72,7 @@ class EventLoop : private osa::Runnable {
   std::atomic<size_t> _count{0};
   std::atomic<bool> _failed{false};
   std::mutex _mutex;  // guards what follows
-  std::vector<Descriptor> _new;
+  std::vector<osa::Descriptor> _new;
   bool _stop = false;
   unsigned long long _probes = 0;
   unsigned long long _answers = 0;  // to that many probes

@@ -71,7 +71,7 @@ bool IsListeningStream(int descriptor) {
 
 std::vector<Listener> Listener::OpenAll(const Options& options) {
   std::vector<Listener> listeners;
-  std::vector<Descriptor> passed = TakePassedSockets();
+  std::vector<osa::Descriptor> passed = TakePassedSockets();
   if (!passed.empty()) {
     TakePassed(std::move(passed), options.allowRemote, listeners);
     return listeners;
@@ -101,14 +101,14 @@ std::vector<std::string> Listener::FindProblems(const Options& options) {
 // A name may have several addresses: there is a listener for each.
 void Listener::OpenTcp(const ListenAddress& address, bool allowRemote, std::vector<Listener>& listeners) {
   const AddressList addresses = ResolveAllowed(address, allowRemote);
-  for (Descriptor& descriptor : ListenOnAll(addresses.get(), address.text))
+  for (osa::Descriptor& descriptor : ListenOnAll(addresses.get(), address.text))
     listeners.push_back(Listener(std::move(descriptor), nullptr));
 }
 
 void Listener::OpenUnix(const ListenAddress& address, const Options& options, std::vector<Listener>& listeners) {
   try {
     auto file = std::make_unique<UnixSocketFile>(address.path);
-    Descriptor descriptor = file->Bind(options.unixMode, options.unixGroup);
+    osa::Descriptor descriptor = file->Bind(options.unixMode, options.unixGroup);
     if (listen(descriptor.Get(), kBacklog) != 0) throw osa::Exception("%s", std::strerror(errno));
     listeners.push_back(Listener(std::move(descriptor), std::move(file)));
   } catch (const osa::Exception& exception) {
@@ -116,8 +116,8 @@ void Listener::OpenUnix(const ListenAddress& address, const Options& options, st
   }
 }
 
-void Listener::TakePassed(std::vector<Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners) {
-  for (Descriptor& descriptor : passed) {
+void Listener::TakePassed(std::vector<osa::Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners) {
+  for (osa::Descriptor& descriptor : passed) {
     const BoundAddress bound = AddressOf(descriptor.Get());
     if (!IsListeningStream(descriptor.Get()))
       throw osa::Exception("Descriptor %d, which the service manager passed, is no listening stream socket",
@@ -129,7 +129,7 @@ void Listener::TakePassed(std::vector<Descriptor> passed, bool allowRemote, std:
   }
 }
 
-Listener::Listener(Descriptor descriptor, std::unique_ptr<UnixSocketFile> file)
+Listener::Listener(osa::Descriptor descriptor, std::unique_ptr<UnixSocketFile> file)
     : _file(std::move(file)), _descriptor(std::move(descriptor)) {
   const BoundAddress bound = AddressOf(_descriptor.Get());
   _isUnix = bound.Get()->sa_family == AF_UNIX;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "programs/server/options/Options.h"
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -36,14 +36,14 @@ class Listener {
   int Accept() const;
 
  private:
-  Listener(Descriptor descriptor, std::unique_ptr<UnixSocketFile> file);
+  Listener(osa::Descriptor descriptor, std::unique_ptr<UnixSocketFile> file);
 
   static void OpenTcp(const ListenAddress& address, bool allowRemote, std::vector<Listener>& listeners);
   static void OpenUnix(const ListenAddress& address, const Options& options, std::vector<Listener>& listeners);
-  static void TakePassed(std::vector<Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners);
+  static void TakePassed(std::vector<osa::Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners);
 
   std::unique_ptr<UnixSocketFile> _file;  // goes after the socket
-  Descriptor _descriptor;
+  osa::Descriptor _descriptor;
   bool _isUnix;
   std::string _address;
 };

@@ -8,8 +8,8 @@
 #include <tuple>
 #include <vector>
 
-#include "programs/server/system/Descriptor.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -71,7 +71,7 @@ class LogLimiter {
   static std::string TakeReport(const std::string& peer, Cause& cause);
   void SetTimer(Clock::time_point now, Clock::time_point due);
 
-  const Descriptor _timer;
+  const osa::Descriptor _timer;
   std::mutex _mutex;  // guards what follows
   std::map<Key, Cause> _causes;
   bool _isTimerSet = false;

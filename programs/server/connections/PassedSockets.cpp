@@ -25,8 +25,8 @@ int ReadNumber(const char* variable) {
 
 }  // namespace
 
-std::vector<Descriptor> TakePassedSockets() {
-  std::vector<Descriptor> passed;
+std::vector<osa::Descriptor> TakePassedSockets() {
+  std::vector<osa::Descriptor> passed;
   const int count = ReadNumber("LISTEN_PID") == getpid() ? ReadNumber("LISTEN_FDS") : 0;
   for (int i = 0; i < count && i < kMost; ++i) {
     if (fcntl(kFirst + i, F_SETFD, FD_CLOEXEC) == 0) passed.emplace_back(kFirst + i);

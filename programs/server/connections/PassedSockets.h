@@ -2,12 +2,12 @@
 
 #include <vector>
 
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
 // The descriptors that a service manager passed to this process, by LISTEN_PID and LISTEN_FDS as sd_listen_fds(3)
 // describes them; none when it passed none. They are taken once: both variables are removed.
-std::vector<Descriptor> TakePassedSockets();
+std::vector<osa::Descriptor> TakePassedSockets();
 
 }  // namespace tavix::daemon

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -28,7 +28,7 @@ class Places {
 
  private:
   const size_t _max;
-  const Descriptor _freed;
+  const osa::Descriptor _freed;
   std::atomic<size_t> _taken{0};
   std::atomic<bool> _isAwaited{false};
 };

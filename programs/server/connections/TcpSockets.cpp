@@ -19,8 +19,8 @@ namespace {
 }
 
 // None, with errno set, when it can't be had.
-Descriptor OpenSocket(const addrinfo& address) {
-  Descriptor made(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+osa::Descriptor OpenSocket(const addrinfo& address) {
+  osa::Descriptor made(socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!made) return made;
   const int on = 1;
   setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -61,12 +61,12 @@ void RequireLocal(const sockaddr* found, const std::string& text, bool allowRemo
   if (!allowRemote && !IsLocal(found)) Fail(text, "it is not loopback, and --allow-remote was not given");
 }
 
-std::vector<Descriptor> ListenOnAll(const addrinfo* found, const std::string& text) {
-  std::vector<Descriptor> sockets;
+std::vector<osa::Descriptor> ListenOnAll(const addrinfo* found, const std::string& text) {
+  std::vector<osa::Descriptor> sockets;
   std::vector<std::pair<const addrinfo*, int>> missing;
   for (const addrinfo* one = found; one; one = one->ai_next) {
     if (CameBefore(found, one)) continue;
-    Descriptor made = OpenSocket(*one);
+    osa::Descriptor made = OpenSocket(*one);
     if (made) {
       sockets.push_back(std::move(made));
     } else if (IsMissingHere(errno)) {

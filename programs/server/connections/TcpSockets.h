@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "programs/server/options/ListenAddress.h"
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -28,6 +28,6 @@ void RequireLocal(const sockaddr* found, const std::string& text, bool allowRemo
 //
 // A name may have addresses that this system has not, such as that of version 6 where it is switched off: these are
 // warned of as long as one is left. An address that somebody else has is an error: clients would meet a stranger there.
-std::vector<Descriptor> ListenOnAll(const addrinfo* found, const std::string& text);
+std::vector<osa::Descriptor> ListenOnAll(const addrinfo* found, const std::string& text);
 
 }  // namespace tavix::daemon

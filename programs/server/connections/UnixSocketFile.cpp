@@ -23,8 +23,8 @@ sockaddr_un AddressOf(const std::string& path) {
   return address;
 }
 
-Descriptor MakeSocket() {
-  return Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+osa::Descriptor MakeSocket() {
+  return osa::Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // Whoever opens the listener says which.
@@ -56,9 +56,9 @@ UnixSocketFile::~UnixSocketFile() {
     unlink(_path.c_str());
 }
 
-Descriptor UnixSocketFile::Bind(mode_t mode, const std::string& group) {
+osa::Descriptor UnixSocketFile::Bind(mode_t mode, const std::string& group) {
   RemoveStaleSocket();
-  Descriptor socket = MakeSocket();
+  osa::Descriptor socket = MakeSocket();
   const sockaddr_un address = AddressOf(_path);
   if (!socket || bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     Fail(std::strerror(errno));
@@ -79,7 +79,7 @@ void UnixSocketFile::RemoveStaleSocket() const {
     Fail(std::strerror(errno));
   }
   if (!S_ISSOCK(present.st_mode)) Fail("something that is no socket stands there");
-  const Descriptor probe = MakeSocket();
+  const osa::Descriptor probe = MakeSocket();
   const sockaddr_un address = AddressOf(_path);
   if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
     Fail("it is served by " + PeerName(probe.Get()));

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "programs/server/options/Options.h"
-#include "programs/server/system/Descriptor.h"
 #include "programs/server/system/FileLock.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -26,7 +26,7 @@ class UnixSocketFile {
 
   // Binds a new stream socket to the place and gives it these permissions; nobody can connect before it listens.
   // group: a name or a number; empty: leaves it.
-  Descriptor Bind(mode_t mode, const std::string& group);
+  osa::Descriptor Bind(mode_t mode, const std::string& group);
 
  private:
   void RemoveStaleSocket() const;

@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "programs/server/metrics/Metrics.h"
-#include "programs/server/system/Descriptor.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -56,7 +56,7 @@ void MetricsFile::Replace(const std::string& text) {
 }
 
 MetricsFile::Identity MetricsFile::WriteNew(const std::string& text) const {
-  const Descriptor file(open(_newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  const osa::Descriptor file(open(_newPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file) Fail("create", _newPath);
   try {
     struct stat status {};

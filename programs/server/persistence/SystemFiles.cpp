@@ -10,6 +10,7 @@
 
 #include "programs/server/persistence/FileSystem.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -40,26 +41,10 @@ auto Retry(Call call) {
   return result;
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : _descriptor(descriptor) {}
-  ~Descriptor() {
-    if (_descriptor >= 0) close(_descriptor);
-  }
-
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int Get() const { return _descriptor; }
-
- private:
-  const int _descriptor;
-};
-
-Descriptor OpenOrFail(const char* what, const std::string& path, int flags, mode_t mode = 0) {
+osa::Descriptor OpenOrFail(const char* what, const std::string& path, int flags, mode_t mode = 0) {
   const int descriptor = Retry([&] { return open(path.c_str(), flags | O_CLOEXEC, mode); });
   if (descriptor < 0) Fail(what, path);
-  return Descriptor(descriptor);
+  return osa::Descriptor(descriptor);
 }
 
 class SystemFile : public File {
@@ -112,7 +97,7 @@ class SystemFile : public File {
 
  private:
   const std::string _path;
-  const Descriptor _descriptor;
+  const osa::Descriptor _descriptor;
   bool _timeIsNew = false;
 };
 
@@ -224,21 +209,21 @@ class SystemFiles : public FileSystem {
   }
 
   void Sync(const std::string& path) override {
-    const Descriptor opened = OpenOrFail("open", path, O_RDONLY | O_NONBLOCK);
+    const osa::Descriptor opened = OpenOrFail("open", path, O_RDONLY | O_NONBLOCK);
     if (Retry([&] { return fsync(opened.Get()); }) != 0) Fail("sync", path);
   }
 
   // Some file systems can't sync a directory and say EINVAL; their renames are as durable as they get.
   void SyncDirectoryOf(const std::string& path) override {
     const std::string directory = DirectoryOf(path);
-    const Descriptor opened = OpenOrFail("open directory", directory, O_RDONLY | O_DIRECTORY);
+    const osa::Descriptor opened = OpenOrFail("open directory", directory, O_RDONLY | O_DIRECTORY);
     if (Retry([&] { return fsync(opened.Get()); }) != 0 && errno != EINVAL) Fail("sync directory", directory);
   }
 
  private:
   // Another thing may stand there by now.
   static void ReadFile(const std::string& path, FileContent& content) {
-    const Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+    const osa::Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
     struct stat status {};
     if (file.Get() < 0 || fstat(file.Get(), &status) != 0) return NoteError(errno, content);
     content.modificationTime = status.st_mtim.tv_sec * kNanosecondsInASecond + status.st_mtim.tv_nsec;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -43,7 +43,7 @@ class FileLock {
   std::string ReadOwner() const;
 
   const std::string _path;  // of the lock's file
-  Descriptor _file;
+  osa::Descriptor _file;
 };
 
 }  // namespace tavix::daemon

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -27,8 +27,8 @@ class ServiceManager {
   static bool HasJournal();
 
  private:
-  std::string _name;   // of the service manager's socket, as it stands in an address; empty: there is none
-  Descriptor _socket;  // ours, so that one is left when descriptors run out
+  std::string _name;        // of the service manager's socket, as it stands in an address; empty: there is none
+  osa::Descriptor _socket;  // ours, so that one is left when descriptors run out
   std::chrono::microseconds _watchdogTime{0};
 };
 

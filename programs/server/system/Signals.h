@@ -1,6 +1,6 @@
 #pragma once
 
-#include "programs/server/system/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
@@ -21,7 +21,7 @@ class Signals {
   int Take() const;
 
  private:
-  Descriptor _descriptor;
+  osa::Descriptor _descriptor;
 };
 
 }  // namespace tavix::daemon

@@ -5,9 +5,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "tavix/osa/Descriptor.h"
 #include "tests/programs/cli/LocalFileTest.h"
 #include "tests/programs/server/Daemon.h"
-#include "tests/support/Descriptor.h"
 
 namespace tavix::test {
 
@@ -18,8 +18,8 @@ using testing::HasSubstr;
 class LocalWrites : public LocalFileTest {
  protected:
   // Keeps the directory locked, as another command does.
-  Descriptor Lock() const {
-    Descriptor directory(open(_directory.GetPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  osa::Descriptor Lock() const {
+    osa::Descriptor directory(open(_directory.GetPath().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     EXPECT_EQ(flock(directory.Get(), LOCK_EX), 0);
     return directory;
   }
@@ -93,7 +93,7 @@ TEST_F(LocalWrites, EditMakesAFile) {
 
 TEST_F(LocalWrites, WaitNoLongerThanTheTimeoutForAnother) {
   Write("[A]\nb=1\n");
-  const Descriptor locked = Lock();
+  const osa::Descriptor locked = Lock();
   ExpectRun({"--timeout", "0.05", "set", "[A]b=2"}, 3, "",
             "tavix-settings: the directory of 'x.ini' is kept locked by another command\n"
             "hint: --timeout says how long to wait for it\n");

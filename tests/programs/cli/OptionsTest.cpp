@@ -29,7 +29,7 @@ class OneAnswer {
  public:
   explicit OneAnswer(std::string answer)
       : _thread([this, answer = std::move(answer)] {
-          const Descriptor peer = _listener.Accept();
+          const osa::Descriptor peer = _listener.Accept();
           ReceiveOnce(peer);
           Send(peer, answer);
         }) {}
@@ -205,7 +205,7 @@ TEST_F(GlobalOptions, WriteThatTheServerDidNotCarryOutIsExitStatus7) {
 
 TEST_F(GlobalOptions, ServerMayListenOnAUnixSocket) {
   const std::string path = _directory.Path("socket");
-  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const osa::Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
@@ -213,7 +213,7 @@ TEST_F(GlobalOptions, ServerMayListenOnAUnixSocket) {
   ASSERT_EQ(listen(listener.Get(), 4), 0);
   std::thread server([&] {
     for (int i = 0; i < 2; ++i) {
-      const Descriptor peer(accept(listener.Get(), nullptr, nullptr));
+      const osa::Descriptor peer(accept(listener.Get(), nullptr, nullptr));
       ReceiveOnce(peer);
       Send(peer, "data\n[A]\nx=1\n.\n");
     }
@@ -231,17 +231,17 @@ TEST_F(GlobalOptions, UnixSocketWhoseQueueIsFullIsAwaited) {
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
   const auto* const name = reinterpret_cast<const sockaddr*>(&address);
-  const Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const osa::Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(bind(listener.Get(), name, sizeof address), 0);
   ASSERT_EQ(listen(listener.Get(), 0), 0);
-  const Descriptor waiting(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const osa::Descriptor waiting(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(connect(waiting.Get(), name, sizeof address), 0);
   ExpectRun({"-s", "unix:" + path, "-t", "0.05", "list"}, 3, "",
             "tavix-settings: the server at unix:" + path +
                 " took no connection within 0.05 s\nhint: it is busy with others, or stopped\n");
   CommandProcess patient(_directory.GetPath(), WithProgram({"-s", "unix:" + path, "-t", "20", "get", "[A]x"}));
-  const Descriptor first(accept(listener.Get(), nullptr, nullptr));
-  const Descriptor peer(accept(listener.Get(), nullptr, nullptr));
+  const osa::Descriptor first(accept(listener.Get(), nullptr, nullptr));
+  const osa::Descriptor peer(accept(listener.Get(), nullptr, nullptr));
   ReceiveOnce(peer);
   Send(peer, "data\n[A]\nx=1\n.\n");
   EXPECT_EQ(patient.AwaitEnd(), 0);

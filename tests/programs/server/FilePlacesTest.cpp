@@ -12,10 +12,10 @@
 
 #include "programs/server/store/FilePlaces.h"
 #include "programs/server/system/LinkTarget.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/FileFaults.h"
 
 // A slip in an option harms nothing.
@@ -87,7 +87,7 @@ TEST_F(FilePlaces, PipeInPlaceOfTheUserSettingsIsRefusedAndNotWaitedFor) {
 }
 
 TEST_F(FilePlaces, SocketInPlaceOfTheUserSettingsIsRefused) {
-  const Descriptor unbound(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const osa::Descriptor unbound(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = _directory.Path("user.ini");

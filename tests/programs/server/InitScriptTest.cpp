@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <string>
 
+#include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/Environment.h"
 
 // The init script, as each of the shells runs it that devices have.
@@ -52,7 +52,7 @@ class InitScript : public testing::TestWithParam<std::string> {
 
   // Whether no process has the lock of that file, as when the one that had it is gone.
   bool IsUnlocked(const std::string& name) const {
-    const Descriptor lock(open(_directory.Path(name + ".lock").c_str(), O_RDWR | O_CLOEXEC));
+    const osa::Descriptor lock(open(_directory.Path(name + ".lock").c_str(), O_RDWR | O_CLOEXEC));
     return flock(lock.Get(), LOCK_EX | LOCK_NB) == 0;
   }
 

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/Daemon.h"
-#include "tests/support/Descriptor.h"
 
 // Logs that nobody reads or that can't be written.
 
@@ -41,7 +41,7 @@ std::string ManyCommands() {
 
 // What a pipe holds at the moment.
 std::string Drain(const std::string& path) {
-  const Descriptor pipe(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const osa::Descriptor pipe(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::string text;
   char part[4096];
   for (ssize_t count; (count = read(pipe.Get(), part, sizeof part)) > 0;) text.append(part, static_cast<size_t>(count));

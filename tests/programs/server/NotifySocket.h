@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/Descriptor.h"
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/Patience.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -55,7 +55,7 @@ class NotifySocket {
 
  private:
   const TemporaryDirectory _directory;
-  const Descriptor _socket;
+  const osa::Descriptor _socket;
 };
 
 }  // namespace tavix::test

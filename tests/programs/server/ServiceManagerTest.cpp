@@ -87,8 +87,8 @@ class Activated : public DaemonProcess {
 };
 
 // A socket that listens on every address, which programs inherit.
-Descriptor ListenEverywhere() {
-  Descriptor made(socket(AF_INET, SOCK_STREAM, 0));
+osa::Descriptor ListenEverywhere() {
+  osa::Descriptor made(socket(AF_INET, SOCK_STREAM, 0));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_ANY);
@@ -309,7 +309,7 @@ TEST_F(ServiceManager, PassesATcpSocketThatIsServedInsteadOfTheUsualAddress) {
 }
 
 TEST_F(ServiceManager, PassedSocketThatIsNotLoopbackNeedsToBeAllowed) {
-  const Descriptor remote = ListenEverywhere();
+  const osa::Descriptor remote = ListenEverywhere();
   const std::string number = std::to_string(remote.Get());  // of any length, which not every shell takes
   const auto run = [&](const std::string& options) {
     return std::vector<std::string>{

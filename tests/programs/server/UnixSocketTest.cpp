@@ -62,8 +62,8 @@ class Running : public DaemonProcess {
 };
 
 // A stream socket bound to the path, as another program would make it.
-Descriptor BindTo(const std::string& path, bool listens) {
-  Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+osa::Descriptor BindTo(const std::string& path, bool listens) {
+  osa::Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -169,7 +169,7 @@ TEST_F(UnixSocket, WhatACrashLeftIsReplaced) {
 }
 
 TEST_F(UnixSocket, WhatAnotherProgramLeftIsReplaced) {
-  BindTo(_path, true).Close();
+  BindTo(_path, true).Reset();
   Running daemon(_directory, Arguments());
   ProtocolClient(_address).AwaitHandled();
 }
@@ -181,7 +181,7 @@ TEST_F(UnixSocket, SecondDaemonIsRefusedAndTheFirstOneServesOn) {
 }
 
 TEST_F(UnixSocket, SocketThatAnotherProgramServesIsLeftAlone) {
-  const Descriptor other = BindTo(_path, true);
+  const osa::Descriptor other = BindTo(_path, true);
   const std::string owner = "user " + std::to_string(geteuid()) + " process " + std::to_string(getpid());
   EXPECT_EQ(RunToEnd(69), Refusal("it is served by " + owner));
   EXPECT_TRUE(S_ISSOCK(Look().st_mode));

@@ -8,9 +8,9 @@
 #include <optional>
 
 #include "programs/server/connections/Connection.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/SettingsManager.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/ListeningSocket.h"
 
 namespace {
@@ -41,7 +41,7 @@ namespace {
 class UnmadeConnection : public testing::Test {
  protected:
   // Whether it is made when that allocation of its constructor fails.
-  bool Make(daemon::Descriptor descriptor, int failing) {
+  bool Make(osa::Descriptor descriptor, int failing) {
     std::optional<daemon::Connection> connection;
     t_allocationsLeft = failing;
     try {
@@ -60,8 +60,8 @@ class UnmadeConnection : public testing::Test {
                                daemon::SharedBound(_limits.allBacklogBytes)};
   daemon::Counters _counters;
   const daemon::Connection::Shared _shared{&_env, _limits, _bounds, _counters, nullptr};
-  const Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
-  const Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  const osa::Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
+  const osa::Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };
 
 }  // namespace
@@ -72,8 +72,8 @@ TEST_F(UnmadeConnection, ClosesItsDescriptorWhicheverAllocationFailed) {
     ASSERT_LT(failing, 1000);
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const Descriptor peer(ends[1]);
-    isMade = Make(daemon::Descriptor(ends[0]), failing);
+    const osa::Descriptor peer(ends[1]);
+    isMade = Make(osa::Descriptor(ends[0]), failing);
     EXPECT_TRUE(failing > 0 || !isMade);
     char byte = 0;
     EXPECT_EQ(recv(peer.Get(), &byte, 1, MSG_DONTWAIT), 0) << "open after failure " << failing;

@@ -13,12 +13,12 @@
 #include <chrono>
 #include <thread>
 
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/IMessageObserver.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/OwnSockets.h"
 
@@ -58,7 +58,7 @@ class ServerConnection : public testing::Test {
   void Connect() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _peer = Descriptor(ends[1]);
+    _peer = osa::Descriptor(ends[1]);
     const int small = 4096;
     EXPECT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
     Serve(ends[0]);
@@ -67,7 +67,7 @@ class ServerConnection : public testing::Test {
   // With buffers as large as the kernel makes them.
   void ConnectOverTcp() {
     const ListeningSocket listener;
-    _peer = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    _peer = osa::Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(listener.GetPort());
@@ -78,8 +78,7 @@ class ServerConnection : public testing::Test {
 
   void Serve(int descriptor) {
     _descriptor = descriptor;
-    _connection =
-        std::make_unique<daemon::Connection>(daemon::Descriptor(descriptor), _poll.Get(), _wake.Get(), _shared);
+    _connection = std::make_unique<daemon::Connection>(osa::Descriptor(descriptor), _poll.Get(), _wake.Get(), _shared);
   }
 
   void SetGroup(const std::string& name, const std::string& value) {
@@ -158,10 +157,10 @@ class ServerConnection : public testing::Test {
   daemon::Counters _counters;
   DurabilityGate _gate{true};
   daemon::Connection::Shared _shared{&_env, _limits, _bounds, _counters, &_gate, kLongWait};
-  const Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
-  const Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  const osa::Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
+  const osa::Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   std::vector<char> _scratch = std::vector<char>(64 * 1024);
-  Descriptor _peer;
+  osa::Descriptor _peer;
   int _descriptor = -1;  // the connection's own
   std::unique_ptr<daemon::Connection> _connection;
 };
@@ -207,7 +206,7 @@ TEST_F(ServerConnection, RequestThatCanNotBeParsedEndsTheSubscriptionAndTakesNoR
 
 TEST_F(ServerConnection, PeerThatIsGoneEndsIt) {
   EXPECT_TRUE(Request("get\nLarge\n.\nquit\n"));
-  _peer.Close();
+  _peer.Reset();
   EXPECT_FALSE(_connection->OnWritable());
 }
 
@@ -265,7 +264,7 @@ TEST_F(ServerConnection, RequestThatIsLeftUnreadIsNotUnfinished) {
 
 TEST_F(ServerConnection, RequestsOfAPeerThatReadsNoMoreAreCarriedOut) {
   EXPECT_TRUE(Send(_peer, "subscribe\nM*\n.\nget\nLarge\n.\n" + MergeGroups(1000)));
-  _peer.Close();
+  _peer.Reset();
   while (GoRound()) continue;
   EXPECT_EQ(CountGroups(), 1u + 1000u);
   EXPECT_EQ(_counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 0u);
@@ -276,7 +275,7 @@ TEST_F(ServerConnection, RequestsOfAPeerThatEndedItsReadingAloneAreCarriedOutFor
   EXPECT_TRUE(Send(_peer, "get\nLarge\n.\n"));
   EXPECT_TRUE(GoRound());
   EXPECT_TRUE(Send(_peer, MergeGroups(1000)));
-  _peer.Close();
+  _peer.Reset();
   while (GoRound()) continue;
   EXPECT_EQ(CountGroups(), 1u + 1000u);
 }
@@ -286,14 +285,14 @@ TEST_F(ServerConnection, RequestsThatAreLeftWhenThePeerHangsUpAreCarriedOut) {
   SetGroup("Huge", std::string(2 * _limits.pauseBytes, 'h'));
   EXPECT_TRUE(Request("get\nHuge\n.\n" + MergeGroups(100) + "merge\n[Unfinished]\n"));
   EXPECT_EQ(CountGroups(), 2u);
-  _peer.Close();
+  _peer.Reset();
   while (GoRound()) continue;
   EXPECT_EQ(CountGroups(), 2u + 100u);
 }
 
 TEST_F(ServerConnection, PeerThatHasLeftIsGivenNoMoreThanOneAnswer) {
   EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
-  _peer.Close();
+  _peer.Reset();
   while (GoRound()) continue;
   EXPECT_EQ(_holder.made, 1);
   EXPECT_EQ(CountGroups(), 2u) << "changes are made";
@@ -302,7 +301,7 @@ TEST_F(ServerConnection, PeerThatHasLeftIsGivenNoMoreThanOneAnswer) {
 TEST_F(ServerConnection, PeerThatHasLeftOverTcpIsGivenNoMoreThanOneLargeAnswer) {
   ConnectOverTcp();
   EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
-  _peer.Close();
+  _peer.Reset();
   while (GoRound()) continue;
   EXPECT_EQ(_holder.made, 1);
   EXPECT_EQ(CountGroups(), 2u) << "changes are made";
@@ -341,8 +340,8 @@ TEST_F(ServerConnection, TurnOfLongRequestsEndsBeforeItHasHadAll) {
 TEST_F(ServerConnection, ThatCanNotBeWatchedIsNotMade) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  const Descriptor peer(ends[1]);
-  EXPECT_THROW(daemon::Connection(daemon::Descriptor(ends[0]), -1, _wake.Get(), _shared), osa::Exception);
+  const osa::Descriptor peer(ends[1]);
+  EXPECT_THROW(daemon::Connection(osa::Descriptor(ends[0]), -1, _wake.Get(), _shared), osa::Exception);
   EXPECT_EQ(ReceiveAll(peer), "");
 }
 

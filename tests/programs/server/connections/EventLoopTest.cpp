@@ -6,11 +6,11 @@
 #include <atomic>
 #include <list>
 
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/ListeningSocket.h"
 
 namespace tavix::test {
@@ -28,11 +28,11 @@ struct FailingPersister : settings::server::ISettingsPersister {
 
 class ServingLoop : public testing::Test {
  protected:
-  Descriptor Connect() {
+  osa::Descriptor Connect() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _loop.Add(daemon::Descriptor(ends[0]));
-    return Descriptor(ends[1]);
+    _loop.Add(osa::Descriptor(ends[0]));
+    return osa::Descriptor(ends[1]);
   }
 
   FailingPersister _persister;
@@ -50,7 +50,7 @@ class ServingLoop : public testing::Test {
 }  // namespace
 
 TEST_F(ServingLoop, ServesAndComesRound) {
-  const Descriptor peer = Connect();
+  const osa::Descriptor peer = Connect();
   EXPECT_TRUE(Send(peer, "get delimited\n.\n"));
   EXPECT_EQ(Receive(peer, 7), "data\n.\n");
   for (int i = 0; i < 100; ++i) _loop.Probe();
@@ -68,8 +68,8 @@ TEST_F(ServingLoop, ManyThatProbeItAreAllAnswered) {
 }
 
 TEST_F(ServingLoop, ThatFailsSaysSoAndKeepsNobodyWaiting) {
-  const Descriptor bystander = Connect();
-  const Descriptor peer = Connect();
+  const osa::Descriptor bystander = Connect();
+  const osa::Descriptor peer = Connect();
   EXPECT_TRUE(Send(peer, "merge\n[A]\nx=1\n.\n"));
   EXPECT_EQ(ReceiveAll(peer), "");
   EXPECT_EQ(ReceiveAll(bystander), "");

@@ -6,10 +6,10 @@
 
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/SlowLane.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/MemoryPersister.h"
 
@@ -42,22 +42,22 @@ class RequestInLane : public testing::Test {
   RequestInLane() { _persister.isSlow = true; }
   ~RequestInLane() override { _lane.Stop(); }
 
-  Descriptor Connect() {
+  osa::Descriptor Connect() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _loop->Add(daemon::Descriptor(ends[0]));
-    return Descriptor(ends[1]);
+    _loop->Add(osa::Descriptor(ends[0]));
+    return osa::Descriptor(ends[1]);
   }
 
   // Returns when the lane works on it.
-  void SendSlowRequest(const Descriptor& peer, const std::string& behind = "") {
+  void SendSlowRequest(const osa::Descriptor& peer, const std::string& behind = "") {
     EXPECT_TRUE(Send(peer, "restore\nA\n.\n" + behind));
     _persister.started.get_future().wait();
   }
 
   void Release() { _persister.released.set_value(); }
 
-  static std::string Ask(const Descriptor& peer, const std::string& request, size_t count) {
+  static std::string Ask(const osa::Descriptor& peer, const std::string& request, size_t count) {
     EXPECT_TRUE(Send(peer, request));
     return Receive(peer, count);
   }
@@ -81,8 +81,8 @@ const std::string kA = "data\n[A]\nx=1\n.\n";
 }  // namespace
 
 TEST_F(RequestInLane, OtherClientsOfTheLoopAreServed) {
-  const Descriptor slow = Connect();
-  const Descriptor other = Connect();
+  const osa::Descriptor slow = Connect();
+  const osa::Descriptor other = Connect();
   SendSlowRequest(slow);
   EXPECT_EQ(Ask(other, kGetA, kA.size()), kA);
   EXPECT_EQ(Ask(other, "test-and-merge\n.\n[B]\ny=2\n.\n", 10), "result\nok\n");
@@ -91,7 +91,7 @@ TEST_F(RequestInLane, OtherClientsOfTheLoopAreServed) {
 }
 
 TEST_F(RequestInLane, RequestsBehindItWaitAndAreAnsweredInTheirOrder) {
-  const Descriptor slow = Connect();
+  const osa::Descriptor slow = Connect();
   SendSlowRequest(slow, kGetA + "merge\n[A]\nx=2\n.\n");
   EXPECT_TRUE(Send(slow, kGetA));
   _loop->Probe();
@@ -102,8 +102,8 @@ TEST_F(RequestInLane, RequestsBehindItWaitAndAreAnsweredInTheirOrder) {
 }
 
 TEST_F(RequestInLane, NoticesAreSentMeanwhile) {
-  const Descriptor slow = Connect();
-  const Descriptor other = Connect();
+  const osa::Descriptor slow = Connect();
+  const osa::Descriptor other = Connect();
   const std::string notice = "async change\nB\n.\n[B]\ny=2\n.\n";
   SendSlowRequest(slow);
   Release();
@@ -117,9 +117,9 @@ TEST_F(RequestInLane, NoticesAreSentMeanwhile) {
 }
 
 TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt) {
-  Descriptor slow = Connect();
+  osa::Descriptor slow = Connect();
   SendSlowRequest(slow);
-  slow.Close();
+  slow.Reset();
   for (int i = 0; i < 3; ++i) _loop->Probe();
   EXPECT_EQ(_loop->CountConnections(), 1u);
   Release();
@@ -127,7 +127,7 @@ TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt
 }
 
 TEST_F(RequestInLane, HalfClosedClientGetsTheRepliesToTheRequestsBehindIt) {
-  const Descriptor slow = Connect();
+  const osa::Descriptor slow = Connect();
   SendSlowRequest(slow, kGetA);
   shutdown(slow.Get(), SHUT_WR);
   _loop->Probe();
@@ -136,15 +136,15 @@ TEST_F(RequestInLane, HalfClosedClientGetsTheRepliesToTheRequestsBehindIt) {
 }
 
 TEST_F(RequestInLane, QuitBehindItEndsTheConnection) {
-  const Descriptor slow = Connect();
+  const osa::Descriptor slow = Connect();
   SendSlowRequest(slow, kGetA + "quit\n" + kGetA);
   Release();
   EXPECT_EQ(ReceiveAll(slow), kA);
 }
 
 TEST_F(RequestInLane, ThatThrowsEndsItsConnectionAlone) {
-  const Descriptor slow = Connect();
-  const Descriptor other = Connect();
+  const osa::Descriptor slow = Connect();
+  const osa::Descriptor other = Connect();
   EXPECT_TRUE(Send(slow, "merge\n" + std::string(100'000, 'x') + "\n.\n"));
   EXPECT_EQ(ReceiveAll(slow), "");
   EXPECT_EQ(Ask(other, kGetA, kA.size()), kA);
@@ -152,7 +152,7 @@ TEST_F(RequestInLane, ThatThrowsEndsItsConnectionAlone) {
 }
 
 TEST_F(RequestInLane, LongChangeIsMadeBeforeTheRequestsBehindIt) {
-  const Descriptor peer = Connect();
+  const osa::Descriptor peer = Connect();
   const std::string value(200'000, 'v');
   const std::string reply = "data\n[B]\ny=" + value + "\n.\n";
   EXPECT_TRUE(Send(peer, "merge\n[B]\ny=" + value + "\n.\nget delimited\nB\n.\n"));
@@ -160,7 +160,7 @@ TEST_F(RequestInLane, LongChangeIsMadeBeforeTheRequestsBehindIt) {
 }
 
 TEST_F(RequestInLane, LoopEndsOnceTheLaneHasDoneWithIt) {
-  const Descriptor slow = Connect();
+  const osa::Descriptor slow = Connect();
   SendSlowRequest(slow);
   BackgroundCall end([this] { _loop.reset(); });
   end.AwaitBlocked();

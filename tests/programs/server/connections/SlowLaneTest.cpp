@@ -6,8 +6,8 @@
 #include <future>
 #include <vector>
 
+#include "tavix/osa/Descriptor.h"
 #include "tests/support/BackgroundCall.h"
-#include "tests/support/Descriptor.h"
 
 namespace tavix::test {
 
@@ -37,7 +37,7 @@ class TestJob : public SlowLane::IJob {
   bool endsWhenStopped = false;
   std::promise<void> started;
   std::promise<void> released;
-  const Descriptor done{eventfd(0, EFD_CLOEXEC)};
+  const osa::Descriptor done{eventfd(0, EFD_CLOEXEC)};
 };
 
 }  // namespace

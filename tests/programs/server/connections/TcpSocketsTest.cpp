@@ -50,7 +50,7 @@ class Answer {
   std::deque<addrinfo> _entries;
 };
 
-in_port_t PortOf(const daemon::Descriptor& descriptor) {
+in_port_t PortOf(const osa::Descriptor& descriptor) {
   sockaddr_in bound{};
   socklen_t size = sizeof bound;
   getsockname(descriptor.Get(), reinterpret_cast<sockaddr*>(&bound), &size);

@@ -14,10 +14,10 @@
 
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/MessageHolder.h"
+#include "tavix/osa/Descriptor.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tests/programs/server/persistence/PersisterTest.h"
-#include "tests/support/Descriptor.h"
 
 namespace tavix::test {
 
@@ -185,8 +185,8 @@ class Client {
   Client(int poll, int wake, const daemon::Connection::Shared& shared) {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _peer = Descriptor(ends[1]);
-    _connection = std::make_unique<daemon::Connection>(daemon::Descriptor(ends[0]), poll, wake, shared);
+    _peer = osa::Descriptor(ends[1]);
+    _connection = std::make_unique<daemon::Connection>(osa::Descriptor(ends[0]), poll, wake, shared);
   }
 
   // Asks behind the request for what shows nothing of it.
@@ -220,7 +220,7 @@ class Client {
   }
 
  private:
-  Descriptor _peer;
+  osa::Descriptor _peer;
   std::unique_ptr<daemon::Connection> _connection;
   std::string _received;
   size_t _asked = 0;
@@ -282,8 +282,8 @@ class DurableReply : public Persister {
   daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
                                daemon::SharedBound(_limits.allBacklogBytes)};
   daemon::Counters _counters;
-  const Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
-  const Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  const osa::Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
+  const osa::Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   size_t _replies = 0;
   size_t _early = 0;  // while syncs were held
 };

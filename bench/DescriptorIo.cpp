@@ -1,4 +1,4 @@
-#include "bench/Descriptor.h"
+#include "bench/DescriptorIo.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@ namespace tavix::bench {
 namespace {
 
 // How many bytes came; 0 at the end, negative on failure.
-ssize_t ReadSome(const Descriptor& descriptor, char* buffer, size_t count) {
+ssize_t ReadSome(const osa::Descriptor& descriptor, char* buffer, size_t count) {
   ssize_t got = 0;
   do {
     got = read(descriptor.Get(), buffer, count);
@@ -27,27 +27,18 @@ ssize_t ReadSome(const Descriptor& descriptor, char* buffer, size_t count) {
 
 }  // namespace
 
-Descriptor::Descriptor(int descriptor, const char* what) : _descriptor(descriptor) {
+osa::Descriptor Checked(int descriptor, const char* what) {
   if (descriptor < 0) Fail(what);
+  return osa::Descriptor(descriptor);
 }
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  std::swap(_descriptor, other._descriptor);
-  if (other._descriptor >= 0) close(std::exchange(other._descriptor, -1));
-  return *this;
-}
-
-Descriptor::~Descriptor() {
-  if (_descriptor >= 0) close(_descriptor);
-}
-
-std::pair<Descriptor, Descriptor> MakePipe() {
+std::pair<osa::Descriptor, osa::Descriptor> MakePipe() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) Fail("make a pipe");
-  return {Descriptor(ends[0], "make a pipe"), Descriptor(ends[1], "make a pipe")};
+  return {osa::Descriptor(ends[0]), osa::Descriptor(ends[1])};
 }
 
-void WriteAll(const Descriptor& descriptor, std::string_view bytes) {
+void WriteAll(const osa::Descriptor& descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = write(descriptor.Get(), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
@@ -56,7 +47,7 @@ void WriteAll(const Descriptor& descriptor, std::string_view bytes) {
   }
 }
 
-bool TryReadAll(const Descriptor& descriptor, char* buffer, size_t count) {
+bool TryReadAll(const osa::Descriptor& descriptor, char* buffer, size_t count) {
   while (count > 0) {
     const ssize_t got = ReadSome(descriptor, buffer, count);
     if (got <= 0) return false;
@@ -66,12 +57,12 @@ bool TryReadAll(const Descriptor& descriptor, char* buffer, size_t count) {
   return true;
 }
 
-void ReadAll(const Descriptor& descriptor, char* buffer, size_t count) {
+void ReadAll(const osa::Descriptor& descriptor, char* buffer, size_t count) {
   errno = EPIPE;  // what the end of the stream is reported as
   if (!TryReadAll(descriptor, buffer, count)) Fail("read");
 }
 
-std::string ReadToEnd(const Descriptor& descriptor) {
+std::string ReadToEnd(const osa::Descriptor& descriptor) {
   std::string text;
   char buffer[4096];
   for (ssize_t got; (got = ReadSome(descriptor, buffer, sizeof buffer)) > 0;)
@@ -79,7 +70,7 @@ std::string ReadToEnd(const Descriptor& descriptor) {
   return text;
 }
 
-std::string ReadLine(const Descriptor& descriptor) {
+std::string ReadLine(const osa::Descriptor& descriptor) {
   std::string line;
   for (char byte; ReadSome(descriptor, &byte, 1) == 1 && byte != '\n';) line += byte;
   return line;

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace tavix::daemon {
+namespace tavix::osa {
 
 // Owns a file descriptor; -1 is none.
 class Descriptor {
@@ -31,4 +31,4 @@ class Descriptor {
   int _descriptor;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::osa
