@@ -44,6 +44,7 @@ install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targe
 # of use beside them. A class with code in one of them is marked TAVIX_EXPORT.
 set(internal_headers
     tavix/settings/PendingChanges.h
+    tavix/settings/ResourceFigures.h
     tavix/settings/Subscription.h
     tavix/settings/common/ChangeRound.h
     tavix/settings/common/NumberedTable.h

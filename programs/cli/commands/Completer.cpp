@@ -9,7 +9,7 @@
 #include <set>
 
 #include "programs/cli/commands/CommandLine.h"
-#include "programs/cli/session/Figures.h"
+#include "programs/cli/session/Bookings.h"
 #include "programs/cli/session/Writes.h"
 #include "programs/cli/terminal/Console.h"
 #include "programs/cli/text/Failure.h"
@@ -196,7 +196,8 @@ void Completer::CompleteResources() {
   if (!_positionals.empty()) return;
   Console console(_options);
   Context context(_options, console);
-  const std::set<std::string> names = Figures::Read(context.GetSession()).GetResources();
+  const core::IniFile read = ReadResources(context.GetSession());
+  const std::set<std::string> names = settings::ResourceFigures(read).GetResources();
   Offer({names.begin(), names.end()});
 }
 
@@ -204,7 +205,8 @@ void Completer::CompleteConsumers() {
   if (_positionals.empty()) return;
   Console console(_options);
   Context context(_options, console);
-  const std::set<std::string> names = Figures::Read(context.GetSession()).GetConsumers(_positionals.front());
+  const core::IniFile read = ReadResources(context.GetSession());
+  const std::set<std::string> names = settings::ResourceFigures(read).GetConsumers(_positionals.front());
   Offer({names.begin(), names.end()});
 }
 

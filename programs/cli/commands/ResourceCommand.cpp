@@ -4,7 +4,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Figures.h"
+#include "programs/cli/session/Bookings.h"
 #include "programs/cli/text/Failure.h"
 #include "programs/cli/text/Json.h"
 #include "programs/cli/text/Spelling.h"
@@ -13,6 +13,7 @@
 namespace tavix::cli {
 
 using nlohmann::json;
+using settings::ResourceFigures;
 
 namespace {
 
@@ -51,19 +52,19 @@ std::string Right(long long number) {
   return std::string(8 - std::min<size_t>(8, text.size()), ' ') + text;
 }
 
-void RequireResource(const Figures& figures, const std::string& resource) {
+void RequireResource(const ResourceFigures& figures, const std::string& resource) {
   const std::set<std::string> known = figures.GetResources();
   if (known.count(resource) == 0)
     throw Failure(kExitNo, "there is no resource '" + SpellName(resource) + "'" +
                                DidYouMean(resource, {known.begin(), known.end()}));
 }
 
-json ToJson(const Figures& figures, const std::string& resource) {
+json ToJson(const ResourceFigures& figures, const std::string& resource) {
   const long long used = figures.GetUsedByAll(resource);
   json consumers = json::array();
   for (const std::string& consumer : figures.GetConsumers(resource)) {
-    json object = {{"consumer", NameToJson(consumer)}, {"used", figures.GetUsed(resource, consumer)}};
-    const std::optional<int> most = figures.GetMost(resource, consumer);
+    json object = {{"consumer", NameToJson(consumer)}, {"used", figures.GetUsed(consumer, resource)}};
+    const std::optional<int> most = figures.GetMaxAllowed(consumer, resource);
     object["most"] = most ? json(*most) : json(nullptr);
     consumers.push_back(std::move(object));
   }
@@ -74,7 +75,7 @@ json ToJson(const Figures& figures, const std::string& resource) {
           {"consumers", consumers}};
 }
 
-std::string ToLine(const Console& console, const Figures& figures, const std::string& resource, size_t width) {
+std::string ToLine(const Console& console, const ResourceFigures& figures, const std::string& resource, size_t width) {
   const long long used = figures.GetUsedByAll(resource);
   const long long total = figures.GetTotal(resource);
   return Left(SpellName(resource), width) + "  " + DrawBar(console, used, total) + Right(used) + " of " +
@@ -83,7 +84,8 @@ std::string ToLine(const Console& console, const Figures& figures, const std::st
 
 int ListResources(Context& context) {
   context.RequireOutput({Output::kJson});
-  const Figures figures = Figures::Read(context.GetSession());
+  const core::IniFile read = ReadResources(context.GetSession());
+  const ResourceFigures figures(read);
   Console& console = context.GetConsole();
   const std::set<std::string> resources = figures.GetResources();
   if (context.PrintsJson()) {
@@ -99,7 +101,8 @@ int ListResources(Context& context) {
 
 int ShowResource(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  const Figures figures = Figures::Read(context.GetSession());
+  const core::IniFile read = ReadResources(context.GetSession());
+  const ResourceFigures figures(read);
   RequireResource(figures, options.resource);
   Console& console = context.GetConsole();
   if (context.PrintsJson()) {
@@ -110,8 +113,8 @@ int ShowResource(Context& context, const Options& options) {
   const size_t width = std::max(WidestOf(consumers) + 2, SpellName(options.resource).size());
   console.Print(ToLine(console, figures, options.resource, width));
   for (const std::string& consumer : consumers) {
-    const int used = figures.GetUsed(options.resource, consumer);
-    const std::optional<int> most = figures.GetMost(options.resource, consumer);
+    const int used = figures.GetUsed(consumer, options.resource);
+    const std::optional<int> most = figures.GetMaxAllowed(consumer, options.resource);
     console.Print(Left("  " + SpellName(consumer), width) + "  " +
                   DrawBar(console, used, figures.GetTotal(options.resource)) + Right(used) +
                   (most ? " of at most " + std::to_string(*most) : "") + "\n");
@@ -127,9 +130,10 @@ void RequireConsumer(const std::string& consumer) {
 
 int Reserve(Context& context, const Options& options) {
   Session& session = context.GetSession();
-  const Figures::Amount amount = Figures::ParseAmount(options.amount);
-  RequireResource(Figures::Read(session), options.resource);
-  const std::optional<int> booked = Book(session, options.resource, options.consumer, amount);
+  const Amount amount = ParseAmount(options.amount);
+  const core::IniFile read = ReadResources(session);
+  RequireResource(ResourceFigures(read), options.resource);
+  const std::optional<int> booked = Book(session, options.consumer, options.resource, amount);
   if (!booked)
     throw Failure(kExitNo,
                   "'" + SpellValue(options.amount) + "' of " + SpellName(options.resource) + " does not fit for " +

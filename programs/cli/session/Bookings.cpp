@@ -1,0 +1,53 @@
+#include "programs/cli/session/Bookings.h"
+
+#include <cmath>
+#include <cstdlib>
+
+#include "programs/cli/session/Writes.h"
+#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/Spelling.h"
+#include "tavix/core/StringUtil.h"
+
+namespace tavix::cli {
+
+using core::IniFile;
+using settings::ResourceFigures;
+
+Amount ParseAmount(const std::string& text) {
+  Amount amount;
+  if (core::StringUtil::TryParse(text, amount.number)) return amount;
+  char* end = nullptr;
+  const double percent = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || std::string(end) != "%" || !std::isfinite(percent))
+    throw Failure(kExitUsage, "'" + SpellValue(text) +
+                                  "' is no amount: expected a whole number, such as 20, or a share "
+                                  "of the total, such as 20%");
+  amount.isShare = true;
+  amount.percent = percent;
+  return amount;
+}
+
+IniFile ReadResources(Session& session) {
+  return session.Get({ResourceFigures::GroupOf("*")});
+}
+
+std::optional<int> FindBooking(const ResourceFigures& figures, const std::string& consumer, const std::string& resource,
+                               const Amount& amount) {
+  if (!amount.isShare) return figures.FindBooking(consumer, resource, amount.number);
+  return figures.FindBookingOfShare(consumer, resource, amount.percent * figures.GetTotal(resource) / 100);
+}
+
+std::optional<int> Book(Session& session, const std::string& consumer, const std::string& resource,
+                        const Amount& amount) {
+  RefuseRestricted(session, {ResourceFigures::GroupOf(consumer, resource)});
+  while (true) {
+    const IniFile read = session.Get({ResourceFigures::GroupOf(resource) + "*"});
+    const std::optional<int> booking = FindBooking(ResourceFigures(read), consumer, resource, amount);
+    if (!booking) return std::nullopt;
+    IniFile written;
+    ResourceFigures::SetUsed(consumer, resource, *booking, written);
+    if (TryMergeIf(session, read, written)) return booking;
+  }
+}
+
+}  // namespace tavix::cli

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "programs/cli/session/Session.h"
+#include "tavix/core/IniFile.h"
+#include "tavix/settings/ResourceFigures.h"
+
+namespace tavix::cli {
+
+// What a person asks for: a whole number, or a share of the total.
+struct Amount {
+  bool isShare = false;
+  int number = 0;
+  double percent = 0;  // whose product with the total is exact for whole numbers, as that of 0.14 and 100 is not
+};
+
+// Understands "20" and "20%". Throws Failure, kExitUsage, when the text is no amount.
+Amount ParseAmount(const std::string& text);
+
+// The groups of all resources.
+core::IniFile ReadResources(Session& session);
+
+// What booking an amount comes to; nothing when it does not fit.
+std::optional<int> FindBooking(const settings::ResourceFigures& figures, const std::string& consumer,
+                               const std::string& resource, const Amount& amount);
+
+// Books for a consumer in place of its former booking, again and again until nothing changed in between. Returns what
+// was booked; nothing when it does not fit.
+std::optional<int> Book(Session& session, const std::string& consumer, const std::string& resource,
+                        const Amount& amount);
+
+}  // namespace tavix::cli
