@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/common/LinkTarget.h"
 #include "programs/server/ExitCode.h"
 #include "programs/server/connections/Listener.h"
 #include "programs/server/metrics/Counters.h"
@@ -14,7 +15,6 @@
 #include "programs/server/store/FilePlaces.h"
 #include "programs/server/store/SettingsSources.h"
 #include "programs/server/store/SettingsStore.h"
-#include "programs/server/system/LinkTarget.h"
 #include "programs/server/system/MemorySize.h"
 
 namespace tavix::daemon {
@@ -50,9 +50,9 @@ void CheckMetricsFile(const std::string& file, Problems& problems) {
 // The daemon would start, but a device whose changes are not kept is not what anybody wants.
 void CheckUserSettings(const std::string& file, Problems& problems) {
   try {
-    const std::string problem = FindWhyNotKept(FollowLinks(file));
+    const std::string problem = FindWhyNotKept(programs::FollowOwnLinks(file));
     if (!problem.empty()) problems.push_back(problem);
-  } catch (const ForeignLink&) {
+  } catch (const programs::ForeignLink&) {
     return;  // loading has found that
   }
 }

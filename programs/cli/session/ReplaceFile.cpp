@@ -7,20 +7,19 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "programs/cli/text/Failure.h"
+#include "programs/common/LinkTarget.h"
+#include "programs/common/SettingsFileNames.h"
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::cli {
 
 namespace {
-
-constexpr int kMostLinks = 40;  // as the kernel
 
 [[noreturn]] void Fail(ExitCode code, const char* what, const std::string& path) {
   throw Failure(code, std::string("failed to ") + what + " '" + path + "': " + std::strerror(errno));
@@ -34,23 +33,16 @@ std::string DirectoryOf(const std::string& path) {
 
 // Where the links end, also when nothing is there yet.
 std::string TargetOf(const std::string& path) {
-  char target[PATH_MAX];
-  if (realpath(path.c_str(), target) != nullptr) return target;
-  std::string at = path;
-  for (int i = 0; i < kMostLinks; ++i) {
-    const ssize_t size = readlink(at.c_str(), target, sizeof target);
-    if (size < 0) return at;
-    const std::string next(target, static_cast<size_t>(size));
-    at = next.front() == '/' ? std::string() : DirectoryOf(at).append("/");
-    at += next;
-  }
+  std::string target = programs::FollowLinks(path);
+  struct stat status {};
+  if (lstat(target.c_str(), &status) != 0 || !S_ISLNK(status.st_mode)) return target;
   errno = ELOOP;
   Fail(kExitNotApplied, "follow", path);
 }
 
-// Whether a daemon holds its lock on the file, FILE.lock.
+// Whether a daemon holds its lock on the file.
 bool IsLockedByDaemon(const std::string& path) {
-  const osa::Descriptor lock(open((path + ".lock").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const osa::Descriptor lock(open(programs::LockFileOf(path).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   return lock.Get() >= 0 && flock(lock.Get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
@@ -126,7 +118,7 @@ void RequireReplaceable(const std::string& path) {
   struct stat status {};
   if (stat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     throw Failure(kExitNotApplied, "'" + path + "' is no plain file, and nothing else is replaced");
-  if (IsLockedByDaemon(target) || access((target + ".journal").c_str(), F_OK) == 0)
+  if (IsLockedByDaemon(target) || access(programs::JournalOf(target).c_str(), F_OK) == 0)
     throw Failure(kExitNotApplied, "'" + path + "' belongs to a daemon, which would undo the change",
                   "leave --local out, or stop the daemon; one that was killed has to be started once more before");
 }

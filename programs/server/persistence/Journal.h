@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/FileSystem.h"
 #include "programs/server/persistence/JournalText.h"
 
@@ -20,8 +21,10 @@ namespace tavix::daemon {
 // time. Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
-  static std::string PathOf(const std::string& snapshotPath) { return snapshotPath + ".journal"; }
-  static std::string NewPathOf(const std::string& snapshotPath) { return snapshotPath + ".journal.new"; }
+  static std::string PathOf(const std::string& snapshotPath) { return programs::JournalOf(snapshotPath); }
+  static std::string NewPathOf(const std::string& snapshotPath) {
+    return programs::NewFileOf(programs::JournalOf(snapshotPath));
+  }
 
   // A new journal that counts once it has begun. files: outlive it.
   static std::unique_ptr<Journal> Create(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/SaveFailure.h"
 #include "tavix/core/MemoryStream.h"
 
@@ -94,7 +95,7 @@ void SnapshotWriter::Replace(const Text& text) {
 
 bool SnapshotWriter::RemoveBackup() {
   if (!_files.RemoveBackup()) return false;
-  _layer.GetLog().AddWarning(("'" + _layer.GetSetup().path + ".bak'").c_str(),
+  _layer.GetLog().AddWarning(("'" + programs::BackupOf(_layer.GetSetup().path) + "'").c_str(),
                              " is removed to make room: the disk is full, and the user settings come first");
   return true;
 }

@@ -4,12 +4,17 @@
 #include <cctype>
 #include <string_view>
 
+#include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/Journal.h"
 #include "programs/server/persistence/JournalText.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "programs/server/persistence/StartReads.h"
 
 namespace tavix::daemon {
+
+using programs::BackupOf;
+using programs::BadFilesOf;
+using programs::NewFileOf;
 
 namespace {
 
@@ -34,7 +39,7 @@ bool IsPutAside(const std::string& path, const std::string& begin) {
 }
 
 bool HasPutAside(FileSystem& files, const std::string& path) {
-  for (const std::string& begin : {path + ".bad-", Journal::PathOf(path) + ".bad-"}) {
+  for (const std::string& begin : {BadFilesOf(path), BadFilesOf(Journal::PathOf(path))}) {
     const std::vector<std::string> names = files.FindNames(begin);
     if (std::any_of(names.begin(), names.end(), [&](const auto& name) { return IsPutAside(name, begin); })) return true;
   }
@@ -43,8 +48,8 @@ bool HasPutAside(FileSystem& files, const std::string& path) {
 
 // FILE.lock proves nothing: whoever starts makes it.
 bool HasOursBeside(FileSystem& files, const std::string& path) {
-  for (const char* end : {".bak", ".new", ".bak.new"}) {
-    if (IsSnapshotOfOurs(files, path + end)) return true;
+  for (const std::string& beside : {BackupOf(path), NewFileOf(path), NewFileOf(BackupOf(path))}) {
+    if (IsSnapshotOfOurs(files, beside)) return true;
   }
   return IsJournalOfOurs(files, Journal::PathOf(path)) || IsJournalOfOurs(files, Journal::NewPathOf(path)) ||
          HasPutAside(files, path);

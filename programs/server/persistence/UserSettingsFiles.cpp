@@ -5,25 +5,22 @@
 #include <exception>
 #include <utility>
 
+#include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/StartReads.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
+using programs::BackupOf;
+using programs::BadFilesOf;
+using programs::NewFileOf;
+
 namespace {
 
 core::Logger* Log() {
   static core::Logger* const logger = core::Logger::GetLogger("UserSettings");
   return logger;
-}
-
-std::string BackupOf(const std::string& path) {
-  return path + ".bak";
-}
-
-std::string NewPathOf(const std::string& path) {
-  return path + ".new";
 }
 
 // A name that nothing has yet.
@@ -33,7 +30,7 @@ std::string FindBadName(FileSystem& files, const std::string& path) {
   gmtime_r(&now, &parts);
   char text[32];
   std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
-  const std::string name = path + ".bad-" + text;
+  const std::string name = BadFilesOf(path) + text;
   std::string free = name;
   for (int i = 2; files.Exists(free); ++i) free = name + "-" + std::to_string(i);
   return free;
@@ -114,8 +111,8 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
 
 // Of what was on its way when the power went. Room that others may need.
 void UserSettingsFiles::RemoveLeftovers(const FoundUserSettings& found) {
-  RemoveQuietly(_files, NewPathOf(_path));
-  RemoveQuietly(_files, NewPathOf(BackupOf(_path)));
+  RemoveQuietly(_files, NewFileOf(_path));
+  RemoveQuietly(_files, NewFileOf(BackupOf(_path)));
   if (!found.journal || found.journal->IsInPlace()) RemoveQuietly(_files, Journal::NewPathOf(_path));
 }
 
@@ -164,12 +161,12 @@ Snapshot UserSettingsFiles::FindSnapshot(FoundUserSettings& found) {
 
 // The power went before it got its name for the first time.
 Snapshot UserSettingsFiles::UseNewSnapshot(Snapshot absent, FoundUserSettings& found) {
-  Snapshot next = ReadSnapshot(NewPathOf(_path), ReadAtStart(_files, NewPathOf(_path)));
+  Snapshot next = ReadSnapshot(NewFileOf(_path), ReadAtStart(_files, NewFileOf(_path)));
   if (next.state != Snapshot::State::kIntact) return absent;
   AvoidGeneration(next.end.generation, found);
   found.isAbsent = false;
   found.mustBeWritten = true;
-  found.notices.push_back("'" + _path + "' is missing; '" + NewPathOf(_path) + "', which was to be it, is used");
+  found.notices.push_back("'" + _path + "' is missing; '" + NewFileOf(_path) + "', which was to be it, is used");
   return next;
 }
 
@@ -250,7 +247,7 @@ void UserSettingsFiles::PutAside(const std::string& path, bool mayRepair, FoundU
 
 std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& text, int64_t written) {
   if (!IsWholeSnapshot(text)) throw osa::Exception("'%s': half a text is not saved", _path.c_str());
-  const std::string newPath = NewPathOf(_path);
+  const std::string newPath = NewFileOf(_path);
   _notices.clear();
   try {
     WriteNewSnapshot(newPath, text, written);
@@ -326,7 +323,7 @@ void UserSettingsFiles::WriteCopy(const std::string& path, std::string_view byte
 // disk does not take the place of one that is.
 void UserSettingsFiles::KeepBackup() {
   if (!_files.Exists(_path)) return;
-  const std::string newBackup = NewPathOf(BackupOf(_path));
+  const std::string newBackup = NewFileOf(BackupOf(_path));
   try {
     if (_synced == Synced::kUnknown) SyncSnapshot();
     if (_synced == Synced::kNo) throw osa::Exception("'%s' could not be synced", _path.c_str());

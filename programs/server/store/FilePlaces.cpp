@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "programs/common/LinkTarget.h"
 #include "programs/server/persistence/FileSystem.h"
 #include "programs/server/persistence/StartLook.h"
 #include "programs/server/persistence/StartReads.h"
-#include "programs/server/system/LinkTarget.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -40,10 +40,10 @@ void ResolvePlaces(Options& options) {
 std::string ResolveUserSettings(const std::string& path) {
   if (path.empty()) return path;
   try {
-    std::string target = FollowLinks(path);
+    std::string target = programs::FollowOwnLinks(path);
     LookAtUserSettings(GetSystemFiles(), target, NameOf("user-settings", path, target));
     return target;
-  } catch (const ForeignLink& link) {
+  } catch (const programs::ForeignLink& link) {
     throw UserSettingsRefused(UserSettingsRefused::Reason::kNotOurs,
                               "Failed to use --user-settings '" + path + "': " + link.what());
   }
@@ -52,12 +52,12 @@ std::string ResolveUserSettings(const std::string& path) {
 std::string ResolveMetricsFile(const std::string& path) {
   if (path.empty()) return path;
   try {
-    std::string target = FollowLinks(path);
+    std::string target = programs::FollowOwnLinks(path);
     struct stat status {};
     if (lstat(target.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
       throw osa::Exception("Failed to use %s: it is not a regular file", NameOf("metrics-file", path, target).c_str());
     return target;
-  } catch (const ForeignLink& link) {
+  } catch (const programs::ForeignLink& link) {
     throw osa::Exception("Failed to use --metrics-file '%s': %s", path.c_str(), link.what());
   }
 }

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "programs/common/SettingsFileNames.h"
+
 namespace tavix::daemon {
 
 namespace {
@@ -33,7 +35,7 @@ bool IsOfTheFileSystem(int error) {
 
 }  // namespace
 
-FileLock::FileLock(const std::string& path) : _path(path + ".lock") {
+FileLock::FileLock(const std::string& path) : _path(programs::LockFileOf(path)) {
   for (Outcome outcome = Outcome::kRemoved; outcome != Outcome::kLocked;) {
     outcome = TryLock();
     if (outcome == Outcome::kFailed && errno != EINTR) Fail(path, errno);

@@ -11,7 +11,6 @@
 #include <filesystem>
 
 #include "programs/server/store/FilePlaces.h"
-#include "programs/server/system/LinkTarget.h"
 #include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
@@ -24,8 +23,6 @@ namespace tavix::test {
 
 namespace fs = std::filesystem;
 
-using daemon::FollowLinks;
-using daemon::ForeignLink;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -57,13 +54,6 @@ class FilePlaces : public testing::Test {
     }
     std::sort(files.begin(), files.end());
     return files;
-  }
-
-  // The user who has it then: another one than root, which a test may run as.
-  uid_t GiveToAUser(const std::string& name) const {
-    const uid_t user = getuid() == 0 ? 65534 : getuid();
-    EXPECT_EQ(lchown(_directory.Path(name).c_str(), user, static_cast<gid_t>(-1)), 0);
-    return user;
   }
 
   const TemporaryDirectory _directory;
@@ -148,24 +138,6 @@ TEST_F(FilePlaces, DirectoryThatCanNotBeWrittenToIsAProblem) {
   });
   call.Join();
   ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0755), 0);
-}
-
-TEST_F(FilePlaces, LinkOfAnotherUserIsNotFollowed) {
-  fs::create_symlink("third.ini", _directory.Path("second.ini"));
-  fs::create_symlink("second.ini", _directory.Path("first.ini"));
-  const uid_t user = GiveToAUser("second.ini");
-  GiveToAUser("first.ini");
-  EXPECT_EQ(FollowLinks(_directory.Path("first.ini"), user), _directory.Path("third.ini"));
-  ASSERT_EQ(lchown(_directory.Path("first.ini").c_str(), getuid(), static_cast<gid_t>(-1)), 0);
-  EXPECT_THROW(FollowLinks(_directory.Path("first.ini"), user + 1), ForeignLink);
-}
-
-TEST_F(FilePlaces, LinkOfAnotherUserAmongTheDirectoriesIsNotFollowed) {
-  fs::create_directory(_directory.Path("data"));
-  fs::create_symlink("data", _directory.Path("link"));
-  const uid_t user = GiveToAUser("link");
-  EXPECT_EQ(FollowLinks(_directory.Path("link/user.ini"), user), _directory.Path("link/user.ini"));
-  EXPECT_THROW(FollowLinks(_directory.Path("link/user.ini"), user + 1), ForeignLink);
 }
 
 TEST_F(FilePlaces, MetricsInPlaceOfSomethingElseThanAFileAreRefused) {

@@ -90,7 +90,8 @@ TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
 // Each text of the table is one that the daemon or its library has: of what varies there stand dots or capitals.
 TEST(OperationsDocument, EveryMessageOfTheTroubleshootingIsOneOfTheDaemon) {
   const std::string document = ReadDocument("operations.md");
-  const std::string sources = ReadSources("programs/server") + ReadSources("tavix/settings/server");
+  const std::string sources =
+      ReadSources("programs/server") + ReadSources("programs/common") + ReadSources("tavix/settings/server");
   const size_t begin = document.find("| message |");
   const std::string table = document.substr(begin, document.find("\n\n", begin) - begin);
   const std::regex cell("\n\\| `([^|]*)` \\|");
