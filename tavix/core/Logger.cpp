@@ -9,7 +9,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -19,7 +18,9 @@
 #include "tavix/core/RotatingLogFile.h"
 #include "tavix/core/SettingsText.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/Thread.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::core {
 
@@ -70,15 +71,16 @@ class Log {
     return *log;
   }
 
-  Logger* FindOrAdd(const std::string& name, std::unique_ptr<Logger> (*make)(const std::string&)) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  Logger* FindOrAdd(const std::string& name, std::unique_ptr<Logger> (*make)(const std::string&))
+      TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     std::unique_ptr<Logger>& logger = _loggers[name];
     if (!logger) logger = make(name);
     return logger.get();
   }
 
-  void Write(LogLevel level, const std::string& text) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void Write(LogLevel level, const std::string& text) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     if (level == _lastLevel && text == _lastText && Clock::now() - _lastWritten < kFoldTime) {
       ++_repeats;
       return;
@@ -91,8 +93,8 @@ class Log {
   }
 
   // Lines are kept from here on, until the next Configure.
-  void ClearOutputs() {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void ClearOutputs() TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     TakeLeave();
     _outlets.clear();
     _file = Outlet();
@@ -101,8 +103,8 @@ class Log {
   }
 
   // file: of that path; may be null.
-  void Configure(Outputs outputs, std::unique_ptr<LogOutput> file, const std::string& filePath) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void Configure(Outputs outputs, std::unique_ptr<LogOutput> file, const std::string& filePath) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     TakeLeave();
     _outlets.clear();
     for (auto& output : outputs) _outlets.emplace_back(std::move(output));
@@ -113,32 +115,32 @@ class Log {
   }
 
   // Throws osa::Exception when the file can't or may not be used.
-  std::unique_ptr<LogOutput> OpenFile(const std::string& path) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  std::unique_ptr<LogOutput> OpenFile(const std::string& path) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     return std::make_unique<RotatingLogFile>(_fileDirectory, path);
   }
 
   // Throws as OpenFile, and the file before it stays.
-  void SetFile(const std::string& path) {
+  void SetFile(const std::string& path) TAVIX_EXCLUDES(_mutex) {
     std::unique_ptr<LogOutput> file = OpenFile(path);
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _file = Outlet(std::move(file));
     _filePath = path;
   }
 
-  bool HasFile(const std::string& path) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  bool HasFile(const std::string& path) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     return _file.output && path == _filePath;
   }
 
   // What nobody would get goes there.
-  void FallBackTo(std::unique_ptr<LogOutput> output) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void FallBackTo(std::unique_ptr<LogOutput> output) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     if (_outlets.empty() && !_file.output && !_keepsLines) _outlets.emplace_back(std::move(output));
   }
 
-  void SetFileDirectory(const std::string& directory) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void SetFileDirectory(const std::string& directory) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     _fileDirectory = directory;
     while (_fileDirectory.size() > 1 && _fileDirectory.back() == '/') _fileDirectory.pop_back();
   }
@@ -169,7 +171,7 @@ class Log {
     return line;
   }
 
-  void WriteLine(LogLevel level, const std::string& text) {
+  void WriteLine(LogLevel level, const std::string& text) TAVIX_REQUIRES(_mutex) {
     Line line = MakeLine(level, text);
     if (_keepsLines) {
       _keptLines.push_back(std::move(line));
@@ -179,7 +181,7 @@ class Log {
     }
   }
 
-  void PassOn(const Line& line) {
+  void PassOn(const Line& line) TAVIX_REQUIRES(_mutex) {
     for (Outlet& outlet : _outlets) PassOn(line, outlet);
     if (_file.output) PassOn(line, _file);
   }
@@ -199,31 +201,31 @@ class Log {
   }
 
   // What the outputs are still to be told.
-  void TakeLeave() {
+  void TakeLeave() TAVIX_REQUIRES(_mutex) {
     WriteRepeats();
     _lastText.clear();
     for (Outlet& outlet : _outlets) TellOfLost(outlet);
     if (_file.output) TellOfLost(_file);
   }
 
-  void WriteRepeats() {
+  void WriteRepeats() TAVIX_REQUIRES(_mutex) {
     if (_repeats == 0) return;
     WriteLine(_lastLevel, "last message repeated " + std::to_string(_repeats) + " times");
     _repeats = 0;
   }
 
-  std::mutex _mutex;  // guards everything here
-  std::map<std::string, std::unique_ptr<Logger>> _loggers;
-  std::vector<Outlet> _outlets;
-  Outlet _file;
-  std::string _filePath;
-  std::string _fileDirectory = "/var/log";
-  bool _keepsLines = false;
-  std::deque<Line> _keptLines;
-  LogLevel _lastLevel = kLogTrace;
-  std::string _lastText;
-  Clock::time_point _lastWritten{};
-  unsigned long _repeats = 0;
+  osa::PlainMutex _mutex;
+  std::map<std::string, std::unique_ptr<Logger>> _loggers TAVIX_GUARDED_BY(_mutex);
+  std::vector<Outlet> _outlets TAVIX_GUARDED_BY(_mutex);
+  Outlet _file TAVIX_GUARDED_BY(_mutex);
+  std::string _filePath TAVIX_GUARDED_BY(_mutex);
+  std::string _fileDirectory TAVIX_GUARDED_BY(_mutex) = "/var/log";
+  bool _keepsLines TAVIX_GUARDED_BY(_mutex) = false;
+  std::deque<Line> _keptLines TAVIX_GUARDED_BY(_mutex);
+  LogLevel _lastLevel TAVIX_GUARDED_BY(_mutex) = kLogTrace;
+  std::string _lastText TAVIX_GUARDED_BY(_mutex);
+  Clock::time_point _lastWritten TAVIX_GUARDED_BY(_mutex){};
+  unsigned long _repeats TAVIX_GUARDED_BY(_mutex) = 0;
 };
 
 void ReportThreadException(const char* threadName, const char* what) {

@@ -8,6 +8,7 @@
 #include "tavix/osa/LockException.h"
 #include "tavix/osa/Mutex.h"
 #include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/PendingChanges.h"
 #include "tavix/settings/Subscription.h"
@@ -29,13 +30,13 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
 
   void AddPattern(const std::string& pattern) { _patterns.insert(pattern); }
 
-  bool Update() {
+  bool Update() TAVIX_EXCLUDES(_mutex) {
     if (!_started) return Start();
     MutexAutoLock lock(_mutex);
     return Apply();
   }
 
-  bool TryUpdate() {
+  bool TryUpdate() TAVIX_EXCLUDES(_mutex) {
     if (!_started) throw osa::Exception("TryUpdate called before Update");
     try {
       MutexAutoLock lock(_mutex, 0);
@@ -45,7 +46,7 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
     }
   }
 
-  void OnChange(const std::set<std::string>& groups, const IniFile& settings) override {
+  void OnChange(const std::set<std::string>& groups, const IniFile& settings) override TAVIX_EXCLUDES(_mutex) {
     MutexAutoLock lock(_mutex);
     _pending.Add(groups, settings);
   }
@@ -59,8 +60,7 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
     return true;
   }
 
-  // The caller holds the lock.
-  bool Apply() {
+  bool Apply() TAVIX_REQUIRES(_mutex) {
     if (_pending.IsEmpty()) return false;
     _logger->Trace("%zu groups changed", _pending.GetGroups().size());
     _pending.ApplyTo(*_target);
@@ -72,7 +72,7 @@ class IniWatcher::IniWatcherImpl : public IChangeCallback {
   std::set<std::string> _patterns;
   bool _started = false;
   osa::Mutex _mutex;
-  PendingChanges _pending;  // guarded by _mutex
+  PendingChanges _pending TAVIX_GUARDED_BY(_mutex);
   IniFile* const _target;
   Subscription _subscription;  // ends before anything else goes
 };

@@ -2,10 +2,14 @@
 
 #include <exception>
 #include <list>
-#include <mutex>
+#include <optional>
 #include <utility>
 
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Mutex.h"
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/TavixSettingsClient.h"
 
 namespace tavix::settings {
@@ -14,19 +18,23 @@ class Subscription::Forwarder : public IChangeCallback {
  public:
   explicit Forwarder(IChangeCallback* target) : _target(target) {}
 
-  void OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) override {
-    std::lock_guard<std::recursive_mutex> lock(_mutex);
+  void OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) override
+      TAVIX_EXCLUDES(_mutex) {
+    osa::MutexAutoLock lock(_mutex);
     if (_target) _target->OnChange(changedGroups, settings);
   }
 
-  void Forget() {
-    std::lock_guard<std::recursive_mutex> lock(_mutex);
+  // The target may end its subscription from its own call, which holds the mutex already: the analysis of locks does
+  // not follow that.
+  void Forget() TAVIX_NO_THREAD_SAFETY_ANALYSIS {
+    std::optional<osa::MutexAutoLock> lock;
+    if (!_mutex.IsHeldByThisThread()) lock.emplace(_mutex);
     _target = nullptr;
   }
 
  private:
-  std::recursive_mutex _mutex;  // recursive: the target may end its subscription from its own call
-  IChangeCallback* _target;     // guarded by _mutex
+  osa::Mutex _mutex{"Subscription::Forwarder"};  // held while the target is called
+  IChangeCallback* _target TAVIX_GUARDED_BY(_mutex);
 };
 
 // Small callbacks that a client could not let go of. They are freed when it can: the client is asked again whenever
@@ -39,24 +47,24 @@ class Subscription::LeftBehind {
     return *leftBehind;
   }
 
-  void Add(TavixSettingsClient* client, std::unique_ptr<Forwarder> forwarder) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  void Add(TavixSettingsClient* client, std::unique_ptr<Forwarder> forwarder) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     _forwarders.emplace_back(client, std::move(forwarder));
   }
 
   // The lock is not held while the client is asked: a callback of it may want to add another.
-  void FreeThoseOf(TavixSettingsClient* client) {
+  void FreeThoseOf(TavixSettingsClient* client) TAVIX_EXCLUDES(_mutex) {
     std::list<Entry> mine = TakeThoseOf(client);
     for (auto at = mine.begin(); at != mine.end();) at = TryDetach(*client, *at->second) ? mine.erase(at) : ++at;
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _forwarders.splice(_forwarders.end(), mine);
   }
 
  private:
   using Entry = std::pair<TavixSettingsClient*, std::unique_ptr<Forwarder>>;
 
-  std::list<Entry> TakeThoseOf(TavixSettingsClient* client) {
-    std::lock_guard<std::mutex> lock(_mutex);
+  std::list<Entry> TakeThoseOf(TavixSettingsClient* client) TAVIX_EXCLUDES(_mutex) {
+    osa::PlainMutexLock lock(_mutex);
     std::list<Entry> taken;
     for (auto at = _forwarders.begin(); at != _forwarders.end();) {
       const auto here = at++;
@@ -65,8 +73,8 @@ class Subscription::LeftBehind {
     return taken;
   }
 
-  std::mutex _mutex;  // guards what follows
-  std::list<Entry> _forwarders;
+  osa::PlainMutex _mutex;
+  std::list<Entry> _forwarders TAVIX_GUARDED_BY(_mutex);
 };
 
 // False from a callback of the client: it can't let go of another one then.

@@ -7,6 +7,7 @@
 #include "tavix/osa/LockException.h"
 #include "tavix/osa/Mutex.h"
 #include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/PendingChanges.h"
@@ -42,7 +43,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
     if (!_subscribed) _patterns.insert(pattern);
   }
 
-  bool Update() {
+  bool Update() TAVIX_EXCLUDES(_mutex) {
     if (!_subscribed) {
       _subscription.Subscribe(_patterns);
       _subscribed = true;
@@ -50,7 +51,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
     return BringUpToDate(osa::kWaitForever);
   }
 
-  bool TryUpdate() {
+  bool TryUpdate() TAVIX_EXCLUDES(_mutex) {
     if (!_filled) throw osa::Exception("TryUpdate called before Update");
     try {
       return BringUpToDate(0);
@@ -59,7 +60,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
     }
   }
 
-  void OnChange(const std::set<std::string>& groups, const IniFile& settings) override {
+  void OnChange(const std::set<std::string>& groups, const IniFile& settings) override TAVIX_EXCLUDES(_mutex) {
     MutexAutoLock lock(_mutex);
     if (_mustRead) {
       _changedBeforeReading = true;
@@ -69,14 +70,14 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
   }
 
   // Nobody knows what changed while there was no connection.
-  void OnConnected() override {
+  void OnConnected() override TAVIX_EXCLUDES(_mutex) {
     MutexAutoLock lock(_mutex);
     _mustRead = true;
     _changedBeforeReading = true;
   }
 
  private:
-  bool BringUpToDate(unsigned int timeout) {
+  bool BringUpToDate(unsigned int timeout) TAVIX_EXCLUDES(_mutex) {
     {
       MutexAutoLock lock(_mutex, timeout);
       if (!_mustRead) {
@@ -91,7 +92,7 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
   // A notice that comes while the reply is on its way may be older or newer than it. Once a reading had no such notice,
   // its document is current and all later notices are newer; after some tries under constant change the reading counts,
   // and the next update reads again.
-  bool Reread() {
+  bool Reread() TAVIX_EXCLUDES(_mutex) {
     IniFile current;
     bool settled = false;
     for (int tries = 0; tries < kSettleTries && !settled; ++tries) {
@@ -107,14 +108,14 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
     return changed;
   }
 
-  void MarkReading() {
+  void MarkReading() TAVIX_EXCLUDES(_mutex) {
     MutexAutoLock lock(_mutex);
     _changedBeforeReading = false;
     _pending.Clear();
   }
 
   // Whether the document that was read is the store's, as of a moment after which every notice is kept.
-  bool EndReading() {
+  bool EndReading() TAVIX_EXCLUDES(_mutex) {
     MutexAutoLock lock(_mutex);
     if (_changedBeforeReading) return false;
     _mustRead = false;
@@ -141,10 +142,12 @@ class SyncedDocument::Impl : public IChangeCallback, public IConnectionObserver 
   std::set<std::string> _patterns;
   bool _subscribed = false;
   bool _filled = false;
-  osa::Mutex _mutex;                   // guards what follows
-  bool _mustRead = true;               // the document must be read before notices count
-  bool _changedBeforeReading = false;  // a notice, or a new connection, came since the reading began
-  PendingChanges _pending;
+  osa::Mutex _mutex;
+  // The document must be read before notices count.
+  bool _mustRead TAVIX_GUARDED_BY(_mutex) = true;
+  // A notice, or a new connection, came since the reading began.
+  bool _changedBeforeReading TAVIX_GUARDED_BY(_mutex) = false;
+  PendingChanges _pending TAVIX_GUARDED_BY(_mutex);
   Subscription _subscription;  // ends before anything else goes
 };
 

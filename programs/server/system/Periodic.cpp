@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "tavix/osa/Time.h"
+
 namespace tavix::daemon {
 
 namespace {
@@ -17,8 +19,8 @@ Periodic::Periodic(const char* name, std::chrono::milliseconds interval, std::fu
 
 Periodic::~Periodic() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
-    _stop = true;
+    osa::PlainMutexLock lock(_mutex);
+    _isStopping = true;
   }
   _changed.notify_one();
   _thread.Join();
@@ -26,21 +28,30 @@ Periodic::~Periodic() {
 
 void Periodic::Trigger() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _isTriggered = true;
   }
   _changed.notify_one();
 }
 
 void Periodic::Run() {
-  std::unique_lock<std::mutex> lock(_mutex);
-  while (!_stop) {
-    _isTriggered = false;
-    lock.unlock();
+  while (BeginRound()) {
     _work();
-    lock.lock();
-    _changed.wait_for(lock, _interval, [this] { return _stop || _isTriggered; });
+    AwaitNextRound();
   }
+}
+
+// False when the thread is to end. A trigger that comes from here on is for the next round.
+bool Periodic::BeginRound() {
+  osa::PlainMutexLock lock(_mutex);
+  _isTriggered = false;
+  return !_isStopping;
+}
+
+void Periodic::AwaitNextRound() {
+  osa::PlainMutexLock lock(_mutex);
+  const auto isWoken = [this]() TAVIX_REQUIRES(_mutex) { return _isStopping || _isTriggered; };
+  (void)lock.WaitUntil(_changed, osa::Deadline::Clock::now() + _interval, isWoken);
 }
 
 }  // namespace tavix::daemon

@@ -3,10 +3,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 
+#include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/Runnable.h"
 #include "tavix/osa/Thread.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -23,17 +24,19 @@ class Periodic : private osa::Runnable {
   ~Periodic() override;
 
   // Has the work done once more as soon as possible.
-  void Trigger();
+  void Trigger() TAVIX_EXCLUDES(_mutex);
 
  private:
   void Run() override;
+  bool BeginRound() TAVIX_EXCLUDES(_mutex);
+  void AwaitNextRound() TAVIX_EXCLUDES(_mutex);
 
   const std::chrono::milliseconds _interval;
   const std::function<void()> _work;
-  std::mutex _mutex;  // guards what follows
+  osa::PlainMutex _mutex;
   std::condition_variable _changed;
-  bool _isTriggered = false;
-  bool _stop = false;
+  bool _isTriggered TAVIX_GUARDED_BY(_mutex) = false;
+  bool _isStopping TAVIX_GUARDED_BY(_mutex) = false;
   osa::Thread _thread;
 };
 

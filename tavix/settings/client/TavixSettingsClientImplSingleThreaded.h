@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "tavix/osa/Mutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/client/TavixSettingsClientImpl.h"
 
 namespace tavix::settings::client {
@@ -31,12 +32,12 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
   void RestoreToDefaults(const std::set<std::string>& groups) override;
 
  private:
-  void RunCommand(const char* name, RemoteCommand& command) const;
-  bool TryExchange(RemoteCommand& command) const;
-  void CloseConnection() const;
+  void RunCommand(const char* name, RemoteCommand& command) const TAVIX_EXCLUDES(_mutex);
+  bool TryExchange(RemoteCommand& command) const TAVIX_REQUIRES(_mutex);
+  void CloseConnection() const TAVIX_REQUIRES(_mutex);
 
   mutable osa::Mutex _mutex;  // held for a whole call
-  const std::unique_ptr<TavixSettingsConnection> _pConnection;
+  const std::unique_ptr<TavixSettingsConnection> _pConnection TAVIX_PT_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::settings::client

@@ -1,7 +1,5 @@
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 
-#include <chrono>
-
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/Time.h"
@@ -15,7 +13,7 @@ constexpr char kConnectFailed[] = "Failed to connect to tavix-settings-server";
 constexpr unsigned short kServicePort = 0;     // the service's own
 constexpr unsigned int kConnectTimeout = 10;   // milliseconds, counted as a second: the shortest there is
 constexpr unsigned int kWriteTimeout = 10000;  // milliseconds
-constexpr std::chrono::milliseconds kRetryPause{1000};
+constexpr unsigned int kRetryPause = 1000;     // milliseconds
 
 }  // namespace
 
@@ -48,44 +46,49 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
 void TavixSettingsTcpConnection::Connect() {
   auto socket = std::make_unique<osa::TcpSocket>(1);
   {
-    std::lock_guard<std::mutex> lock(_mutex);
-    if (_aborted) throw osa::Exception("%s", kConnectFailed);
+    osa::PlainMutexLock lock(_mutex);
+    RefuseWhenAborted();
   }
   socket->Connect(kServiceLabel, kServicePort, kConnectTimeout);
   auto stream = std::make_unique<osa::TcpSocketStream>(socket.get(), osa::kWaitForever, kWriteTimeout);
-  std::lock_guard<std::mutex> lock(_mutex);
-  if (_aborted) throw osa::Exception("%s", kConnectFailed);
+  osa::PlainMutexLock lock(_mutex);
+  RefuseWhenAborted();
   _socket = std::move(socket);
   _stream = std::move(stream);
   _pIstream = _stream.get();
   _pOstream = &_stream->GetOstream();
 }
 
+void TavixSettingsTcpConnection::RefuseWhenAborted() const {
+  if (_isAborted) throw osa::Exception("%s", kConnectFailed);
+}
+
 void TavixSettingsTcpConnection::PauseBeforeRetry() {
-  std::unique_lock<std::mutex> lock(_mutex);
-  _abort.wait_for(lock, kRetryPause, [this] { return _aborted; });
+  osa::PlainMutexLock lock(_mutex);
+  const auto isAborted = [this]() TAVIX_REQUIRES(_mutex) { return _isAborted; };
+  (void)lock.WaitUntil(_abort, osa::Deadline(kRetryPause), isAborted);
 }
 
 void TavixSettingsTcpConnection::CloseConnection() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _stream.reset();
   _socket.reset();
 }
 
 void TavixSettingsTcpConnection::BreakConnection() noexcept {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   if (_socket) _socket->Shutdown();
 }
 
 void TavixSettingsTcpConnection::AbortConnection() noexcept {
-  std::lock_guard<std::mutex> lock(_mutex);
-  _aborted = true;
+  osa::PlainMutexLock lock(_mutex);
+  _isAborted = true;
   _abort.notify_all();
   if (_socket) _socket->Shutdown();
 }
 
 void TavixSettingsTcpConnection::LimitWrites(unsigned int timeout) noexcept {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   if (_stream) _stream->SetWriteTimeout(timeout);
 }
 

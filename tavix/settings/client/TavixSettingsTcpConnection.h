@@ -2,10 +2,11 @@
 
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 
+#include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/osa/TcpSocketStream.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
 
 namespace tavix::settings::client {
@@ -20,21 +21,22 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
   ~TavixSettingsTcpConnection() override;
 
   // Makes up to "attempts" attempts, a second apart.
-  void EnsureConnection(int attempts) override;
-  void CloseConnection() override;
-  void BreakConnection() noexcept override;
-  void AbortConnection() noexcept override;
-  void LimitWrites(unsigned int timeout) noexcept override;
+  void EnsureConnection(int attempts) override TAVIX_EXCLUDES(_mutex);
+  void CloseConnection() override TAVIX_EXCLUDES(_mutex);
+  void BreakConnection() noexcept override TAVIX_EXCLUDES(_mutex);
+  void AbortConnection() noexcept override TAVIX_EXCLUDES(_mutex);
+  void LimitWrites(unsigned int timeout) noexcept override TAVIX_EXCLUDES(_mutex);
 
  private:
-  void Connect();
-  void PauseBeforeRetry();
+  void Connect() TAVIX_EXCLUDES(_mutex);
+  void PauseBeforeRetry() TAVIX_EXCLUDES(_mutex);
+  void RefuseWhenAborted() const TAVIX_REQUIRES(_mutex);
 
-  std::mutex _mutex;  // guards which socket there is, and _aborted; not the streams
+  osa::PlainMutex _mutex;
   std::condition_variable _abort;
-  bool _aborted = false;
-  std::unique_ptr<osa::TcpSocket> _socket;
-  std::unique_ptr<osa::TcpSocketStream> _stream;
+  bool _isAborted TAVIX_GUARDED_BY(_mutex) = false;
+  std::unique_ptr<osa::TcpSocket> _socket TAVIX_GUARDED_BY(_mutex);
+  std::unique_ptr<osa::TcpSocketStream> _stream TAVIX_GUARDED_BY(_mutex);  // its users read and write without the lock
 };
 
 }  // namespace tavix::settings::client

@@ -8,6 +8,7 @@
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/ReadWriteLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/ChangeRound.h"
 #include "tavix/settings/common/SmallChange.h"
 #include "tavix/settings/common/Subscriptions.h"
@@ -20,13 +21,22 @@ using osa::MutexAutoLock;
 using osa::ReadAutoLock;
 using osa::WriteAutoLock;
 
-// Whoever has the dispatcher's mutex may read the subscriptions without "lock", since they change under both only.
 struct CallbackDispatcher::State {
+  // Subscriptions change under both locks alone, so the mutex is enough to read them. The analysis of locks knows one
+  // lock of a member.
+  const Subscriptions& GetSubscriptions() const TAVIX_REQUIRES(mutex) TAVIX_NO_THREAD_SAFETY_ANALYSIS {
+    return subscriptions;
+  }
+
+  // Of these the sizes alone, which are atomic, may be asked for without a lock.
+  const Subscriptions& GetSizes() const TAVIX_NO_THREAD_SAFETY_ANALYSIS { return subscriptions; }
+
+  osa::Mutex mutex{nullptr};  // held while callbacks run, and whenever subscriptions change
   osa::ReadWriteLock lock{"subscriptions"};
-  Subscriptions subscriptions;
-  std::vector<ChangeRound*> rounds;  // under way; guarded by "lock"
-  std::vector<TextCopy*> copies;     // likewise
-  SmallChange smallChange;           // guarded by the dispatcher's mutex
+  Subscriptions subscriptions TAVIX_GUARDED_BY(lock);
+  std::vector<ChangeRound*> rounds TAVIX_GUARDED_BY(lock);  // under way
+  std::vector<TextCopy*> copies TAVIX_GUARDED_BY(lock);     // likewise
+  SmallChange smallChange TAVIX_GUARDED_BY(mutex);
   std::atomic<unsigned long long> tried{0};
 };
 
@@ -86,10 +96,9 @@ class CallbackDispatcher::CopyUnderWay {
     }
   }
 
-  // Under the dispatcher's mutex.
-  TextCopy Finish() {
-    ReadAutoLock lock(_state.lock);
-    _copy.Finish(_state.subscriptions.GetIndex());
+  // state: the copy's own.
+  TextCopy Finish(const State& state) TAVIX_REQUIRES(state.mutex) {
+    _copy.Finish(state.GetSubscriptions().GetIndex());
     return std::move(_copy);
   }
 
@@ -103,7 +112,7 @@ class CallbackDispatcher::CopyUnderWay {
   TextCopy _copy;
 };
 
-CallbackDispatcher::CallbackDispatcher() : _mutex(nullptr), _state(std::make_unique<State>()) {}
+CallbackDispatcher::CallbackDispatcher() : _state(std::make_unique<State>()) {}
 
 CallbackDispatcher::~CallbackDispatcher() = default;
 
@@ -116,7 +125,7 @@ void CallbackDispatcher::AddCallback(IChangeCallback* cb, const GroupNameMatcher
 }
 
 void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups) {
-  MutexAutoLock lock(_mutex);
+  MutexAutoLock lock(_state->mutex);
   WriteAutoLock change(_state->lock);
   Subscriber& subscriber = _state->subscriptions.Get(cb);
   for (const std::set<std::string>* texts : groups) {
@@ -127,7 +136,7 @@ void CallbackDispatcher::Add(IChangeCallback* cb, std::initializer_list<const st
 }
 
 void CallbackDispatcher::Probe() const {
-  MutexAutoLock lock(_mutex);
+  MutexAutoLock lock(_state->mutex);
 }
 
 void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const IniFile& settings) const {
@@ -148,7 +157,7 @@ void CallbackDispatcher::OnChange(osa::Mutex& gate, const IniFile& settings) con
 }
 
 void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const {
-  if (_state->subscriptions.IsEmpty()) return;
+  if (_state->GetSizes().IsEmpty()) return;
   std::set<std::string> changedGroups;
   for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
   Notify(gate, changedGroups, settings);
@@ -156,7 +165,7 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const
 
 void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups,
                                 const IniFile& settings) const {
-  if (_state->subscriptions.IsEmpty() || NotifyAtOnce(gate, changedGroups, settings)) return;
+  if (_state->GetSizes().IsEmpty() || NotifyAtOnce(gate, changedGroups, settings)) return;
   constexpr int kMaxRestarts = 2;
   RoundUnderWay round(*_state, changedGroups);
   bool goesOn = true;
@@ -165,21 +174,21 @@ void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& c
     AwaitOthers(gate);
     std::optional<MutexAutoLock> gateLock;
     if (gate) gateLock.emplace(*gate);
-    MutexAutoLock lock(_mutex);
+    MutexAutoLock lock(_state->mutex);
     if (round.Get().IsOutdated() && restarts < kMaxRestarts) {
       round.Get().Restart();
       ++restarts;
     } else {
-      goesOn = round.Get().CallPiece(_state->subscriptions, settings);
+      goesOn = round.Get().CallPiece(_state->GetSubscriptions(), settings);
     }
   }
 }
 
 // A round that calls many is long. Between two pieces of it others have their turn.
 void CallbackDispatcher::AwaitOthers(osa::Mutex* gate) const {
-  if (_mutex.IsHeldByThisThread()) return;
+  if (_state->mutex.IsHeldByThisThread()) return;
   if (gate) gate->AwaitWaiter();
-  _mutex.AwaitWaiter();
+  _state->mutex.AwaitWaiter();
 }
 
 // False, and nobody is told, when it would take long to find the subscribers.
@@ -188,9 +197,9 @@ bool CallbackDispatcher::NotifyAtOnce(osa::Mutex* gate, const std::set<std::stri
   if (!SmallChange::IsSmall(changedGroups)) return false;
   std::optional<MutexAutoLock> gateLock;
   if (gate) gateLock.emplace(*gate);
-  MutexAutoLock lock(_mutex);
+  MutexAutoLock lock(_state->mutex);
   SmallChange& change = _state->smallChange;
-  const bool isDone = change.Match(_state->subscriptions, changedGroups);
+  const bool isDone = change.Match(_state->GetSubscriptions(), changedGroups);
   if (change.GetTried() > 0) _state->tried.fetch_add(change.GetTried(), std::memory_order_relaxed);
   if (isDone) change.Tell(changedGroups, settings);
   return isDone;
@@ -202,14 +211,14 @@ void CallbackDispatcher::GetAllSubscribedGroups(std::set<std::string>& out) cons
   {
     CopyUnderWay copy(*_state);
     copy.CopyAll();
-    MutexAutoLock lock(_mutex);
-    all = copy.Finish();
+    MutexAutoLock lock(_state->mutex);
+    all = copy.Finish(*_state);
   }
   all.MoveTo(out);
 }
 
 size_t CallbackDispatcher::CountSubscriptionBytes() const {
-  return _state->subscriptions.CountBytes();
+  return _state->GetSizes().CountBytes();
 }
 
 unsigned long long CallbackDispatcher::CountTriedPatterns() const {
@@ -241,26 +250,28 @@ bool CallbackDispatcher::WouldCallMoreThan(size_t max, const IniFile& settings) 
 
 template <class Groups, class NameOf>
 bool CallbackDispatcher::WouldCallMoreThan(size_t max, const Groups& groups, NameOf nameOf) const {
-  const Subscriptions& subscriptions = _state->subscriptions;
-  if (groups.size() * subscriptions.CountSubscribers() <= max) return false;
+  if (groups.size() * _state->GetSizes().CountSubscribers() <= max) return false;
   PatternIndex::Search search;
   search.SetMaxTried(max);
   size_t calls = 0;
   ReadAutoLock lock(_state->lock);
-  return std::any_of(groups.begin(), groups.end(), [&](const auto& group) {
-    if (!subscriptions.GetIndex().FindMatching(nameOf(group), search)) return true;
-    for (const PatternIndex::Id text : search.GetFound()) calls += subscriptions.GetSubscribersOf(text).GetSize();
-    return calls > max;
-  });
+  for (const auto& group : groups) {
+    if (!_state->subscriptions.GetIndex().FindMatching(nameOf(group), search)) return true;
+    for (const PatternIndex::Id text : search.GetFound())
+      calls += _state->subscriptions.GetSubscribersOf(text).GetSize();
+    if (calls > max) return true;
+  }
+  return false;
 }
 
 void CallbackDispatcher::RemoveCallback(IChangeCallback* cb) {
-  MutexAutoLock lock(_mutex);
+  MutexAutoLock lock(_state->mutex);
   WriteAutoLock change(_state->lock);
-  _state->subscriptions.Remove(cb, [&](const Subscriber& subscriber) {
-    for (ChangeRound* round : _state->rounds) round->OnRemoved(subscriber);
-    for (TextCopy* copy : _state->copies) copy->OnChanged(subscriber.texts);
-  });
+  const Subscriber* const subscriber = _state->subscriptions.Find(cb);
+  if (!subscriber) return;
+  for (ChangeRound* round : _state->rounds) round->OnRemoved(*subscriber);
+  for (TextCopy* copy : _state->copies) copy->OnChanged(subscriber->texts);
+  _state->subscriptions.Remove(cb);
 }
 
 }  // namespace tavix::settings::common

@@ -9,6 +9,7 @@
 
 #include "tavix/osa/Export.h"
 #include "tavix/osa/Mutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
@@ -45,8 +46,9 @@ class TAVIX_EXPORT CallbackDispatcher {
   void OnChange(const core::IniFile& settings) const;
 
   // The same two with "gate" held while callbacks run, taken before the dispatcher's own mutex.
-  void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
-  void OnChange(osa::Mutex& gate, const core::IniFile& settings) const;
+  void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const
+      TAVIX_EXCLUDES(gate);
+  void OnChange(osa::Mutex& gate, const core::IniFile& settings) const TAVIX_EXCLUDES(gate);
 
   // Adds all names and patterns of all subscriptions to "out", which is not cleared. Others wait for a small part of
   // that only.
@@ -91,8 +93,7 @@ class TAVIX_EXPORT CallbackDispatcher {
   void AwaitOthers(osa::Mutex* gate) const;
   bool NotifyAtOnce(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
 
-  mutable osa::Mutex _mutex;  // held while callbacks run, and whenever subscriptions change
-  const std::unique_ptr<State> _state;
+  const std::unique_ptr<State> _state;  // the mutex, and what it guards
   std::atomic<size_t> _maxAlikePatterns{0};
 };
 

@@ -88,7 +88,14 @@ bool Subscriptions::AddText(Subscriber& subscriber, PatternIndex::Id id) {
   return isNew;
 }
 
-void Subscriptions::Remove(Callbacks::iterator subscriber) {
+const Subscriber* Subscriptions::Find(IChangeCallback* callback) const {
+  const auto found = _callbacks.find(callback);
+  return found == _callbacks.end() ? nullptr : &found->second;
+}
+
+void Subscriptions::Remove(IChangeCallback* callback) {
+  const auto subscriber = _callbacks.find(callback);
+  if (subscriber == _callbacks.end()) return;
   for (const PatternIndex::Id id : subscriber->second.texts) {
     _bytes.fetch_sub(_index.GetText(id).size(), std::memory_order_relaxed);
     _subscribers[id].Remove(&subscriber->second);

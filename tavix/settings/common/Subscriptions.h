@@ -54,14 +54,11 @@ class Subscriptions {
   // Returns the texts that the subscriber did not have before.
   std::vector<PatternIndex::Id> Add(Subscriber& subscriber, const Texts& texts);
 
-  // The callback's subscriber, before it goes, is passed to "forget".
-  template <class Forget>
-  void Remove(IChangeCallback* callback, Forget forget) {
-    const auto found = _callbacks.find(callback);
-    if (found == _callbacks.end()) return;
-    forget(found->second);
-    Remove(found);
-  }
+  // Null: the callback has none.
+  const Subscriber* Find(IChangeCallback* callback) const;
+
+  // A callback without a subscriber is ignored.
+  void Remove(IChangeCallback* callback);
 
   // By address.
   const Callbacks& GetCallbacks() const { return _callbacks; }
@@ -80,7 +77,6 @@ class Subscriptions {
 
  private:
   bool AddText(Subscriber& subscriber, PatternIndex::Id id);
-  void Remove(Callbacks::iterator subscriber);
   void DropIfUnused(PatternIndex::Id id);
 
   Callbacks _callbacks;
