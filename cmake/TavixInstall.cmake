@@ -9,7 +9,7 @@ include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
 if(TAVIX_BUILD_PROGRAMS)
-  # Below /usr the loader finds the library by itself; below other prefixes it is told where.
+  # Below /usr the loader finds the library by itself; below other prefixes both programs are told where.
   if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set_target_properties(tavix-settings-server PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
   endif()
@@ -19,6 +19,9 @@ if(TAVIX_BUILD_PROGRAMS)
 endif()
 
 if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_CLI)
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set_target_properties(tavix-settings-command PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  endif()
   install(TARGETS tavix-settings-command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   set(completions ${PROJECT_SOURCE_DIR}/programs/cli/completion)
   install(FILES ${completions}/tavix-settings.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions

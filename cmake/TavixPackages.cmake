@@ -55,7 +55,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/tavix) # where the daemon's library is
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/tavix) # where the programs' library is
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
@@ -87,6 +87,7 @@ set(CPACK_DEBIAN_SERVER_PACKAGE_CONTROL_EXTRA ${debian}/conffiles ${debian}/post
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "settings of a device (command)${common_description}This is the command that reads, changes, compares, backs up and watches
 settings, on a running daemon or on a file.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${package_of_library} ${same_version}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ${package_of_server})
 
 include(CPack)

@@ -9,8 +9,7 @@
 #include "programs/cli/terminal/PrintedChanges.h"
 #include "programs/cli/text/Changes.h"
 #include "programs/cli/text/Failure.h"
-#include "tavix/osa/Exception.h"
-#include "tavix/settings/client/WireNames.h"
+#include "tavix/settings/client/ProtocolClient.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::cli {
@@ -90,8 +89,8 @@ class Import {
 
   static void RequireSendable(const IniFile& settings, const std::string& source) {
     try {
-      settings::client::RequireSendableNames(settings);
-    } catch (const osa::Exception& exception) {
+      settings::client::ProtocolClient::RequireSendable(settings);
+    } catch (const settings::client::ProtocolException& exception) {
       throw Failure(kExitBadInput, (source == "-" ? "standard input" : source) + ": " + exception.what());
     }
   }

@@ -1,27 +1,32 @@
 #pragma once
 
-#include <deque>
+#include <memory>
+#include <utility>
 
-#include "programs/cli/session/Connection.h"
 #include "programs/cli/session/Session.h"
+#include "tavix/settings/client/ProtocolClient.h"
 
 namespace tavix::cli {
 
-// A session with the daemon, over one connection: docs/protocol.md. Requests keep their order, so that what is read
-// after a write holds it.
+// A session with the daemon, over one connection. Requests keep their order, so that what is read after a write holds
+// it.
 class DaemonSession : public Session {
  public:
-  // As Connection.
-  DaemonSession(const std::string& server, std::chrono::milliseconds timeout, Connection::Trace trace);
+  // Takes a line of the protocol as it is shown to a person; '>' is sent, '<' is received.
+  using Trace = settings::client::ProtocolClient::Trace;
 
-  std::string GetAddress() const override { return _connection.GetAddress(); }
+  // One attempt to connect. server: as --server; empty: TAVIX_SETTINGS_SERVER, the hosts database, or 127.0.0.1.
+  // timeout: how long the server may keep silent. trace: gets every line; may be empty.
+  DaemonSession(const std::string& server, std::chrono::milliseconds timeout, const Trace& trace);
+
+  std::string GetAddress() const override { return _client->GetAddress(); }
   core::IniFile Get(const Groups& groups) override;
   core::IniFile GetUserSettings() override;
   bool IsRestricted(const std::string& group) const override;
   std::vector<std::string> GetSubscribed() override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
-  void SetProgress(Progress progress) override { _progress = std::move(progress); }
+  void SetProgress(Progress progress) override { _client->SetProgress(std::move(progress)); }
 
  private:
   void Merge(const core::IniFile& settings, bool isVolatile) override;
@@ -29,20 +34,7 @@ class DaemonSession : public Session {
   void Overwrite(const Groups& groups, const core::IniFile& settings) override;
   void Restore(const Groups& groups) override;
 
-  void Send(const std::string& request) { _connection.Send(request, _progress); }
-
-  // The next line that belongs to no notice; notices are kept.
-  std::string ReadReplyLine();
-  void Expect(const char* line);
-  [[noreturn]] void FailUnexpected(const char* expected, const std::string& line) const;
-
-  // "first" was read already.
-  core::IniFile ReadPayload(std::optional<std::string> first = std::nullopt);
-  void ReadNotice();
-
-  Connection _connection;
-  Progress _progress;
-  std::deque<Notice> _notices;
+  std::unique_ptr<settings::client::ProtocolClient> _client;
 };
 
 }  // namespace tavix::cli

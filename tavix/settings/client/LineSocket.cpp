@@ -104,9 +104,10 @@ void LineSocket::StartCall() {
   if (_timeouts.call) _end = Clock::now() + std::min(*_timeouts.call, kLongestWait);
 }
 
-// The end of the connection stands behind what came before it.
-void LineSocket::RequirePeer() {
-  while (_received.size() - _start <= _maxMessageBytes && ReceiveSome()) continue;
+bool LineSocket::ReceiveAvailable() {
+  Received received = Received::kBytes;
+  while (received == Received::kBytes && _received.size() - _start <= _maxMessageBytes) received = TryReceive();
+  return received != Received::kEnd;
 }
 
 void LineSocket::Send(const std::string& text, const Progress& progress) {
@@ -121,7 +122,7 @@ void LineSocket::Send(const std::string& text, const Progress& progress) {
     } else if (errno == EAGAIN) {
       const bool hasRoom = _received.size() - _start <= _maxMessageBytes;
       const short ready = AwaitProgress(hasRoom ? POLLIN | POLLOUT : POLLOUT);
-      if ((ready & POLLIN) != 0) ReceiveSome();
+      if ((ready & POLLIN) != 0) Receive();
     } else if (errno != EINTR) {
       FailLost();
     }
@@ -132,7 +133,7 @@ std::string LineSocket::ReadLine() {
   while (true) {
     if (std::optional<std::string> line = TakeLine()) return std::move(*line);
     AwaitProgress(POLLIN);
-    ReceiveSome();
+    Receive();
   }
 }
 
@@ -155,19 +156,28 @@ std::optional<std::string> LineSocket::TakeLine() {
   return line;
 }
 
+void LineSocket::PutBack(const std::string& line) {
+  _start -= line.size() + 1;
+  _messageBytes -= line.size() + 1;
+}
+
 bool LineSocket::ReceiveWithin(std::optional<Milliseconds> limit) {
   if (Await(POLLIN, limit) == 0) return false;
-  ReceiveSome();
+  Receive();
   return true;
 }
 
-// False when there is nothing to be received, or a signal came.
-bool LineSocket::ReceiveSome() {
+LineSocket::Received LineSocket::TryReceive() {
   char part[kPartBytes];
   const ssize_t count = recv(_descriptor, part, sizeof part, MSG_DONTWAIT);
-  if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) FailLost();
-  if (count > 0) _received.append(part, static_cast<size_t>(count));
-  return count > 0;
+  if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return Received::kEnd;
+  if (count < 0) return Received::kNothing;
+  _received.append(part, static_cast<size_t>(count));
+  return Received::kBytes;
+}
+
+void LineSocket::Receive() {
+  if (TryReceive() == Received::kEnd) FailLost();
 }
 
 // Waits for one of the events in spite of signals, and returns those that came; none when the time is up.

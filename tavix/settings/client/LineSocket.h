@@ -42,8 +42,8 @@ class LineSocket {
   // Throws kLost when the connection is closed.
   void StartCall();
 
-  // Throws kLost when the server has ended the connection. Receives what came before.
-  void RequirePeer();
+  // Receives what has come so far, without waiting. False when the server has ended the connection behind it.
+  bool ReceiveAvailable();
 
   // Receives while it sends, so that a server that has to send first does not stop it.
   void Send(const std::string& text, const Progress& progress);
@@ -54,11 +54,14 @@ class LineSocket {
   // The next line if it has been received whole.
   std::optional<std::string> TakeLine();
 
+  // Makes a line that was just taken the next one again.
+  void PutBack(const std::string& line);
+
   // Waits until something is received; false when that takes longer than the limit. Without a limit it waits for ever.
   bool ReceiveWithin(std::optional<Milliseconds> limit);
 
-  // Whether bytes of a line were received that is not whole yet.
-  bool IsInLine() const { return _received.size() > _start; }
+  // Whether bytes were received that were not taken yet.
+  bool HasBytes() const { return _received.size() > _start; }
 
   // What the bytes of a message count from.
   void StartMessage() { _messageBytes = 0; }
@@ -66,15 +69,17 @@ class LineSocket {
   // Closes the connection and throws.
   [[noreturn]] void Fail(ProtocolException::Reason reason, const std::string& text, const std::string& hint = {});
   [[noreturn]] void FailTimedOut(Milliseconds limit);
+  [[noreturn]] void FailLost();
 
   void Close();
 
  private:
   void Connect(const ProtocolOptions& options);
-  bool ReceiveSome();
+  enum class Received { kBytes, kNothing, kEnd };
+  Received TryReceive();
+  void Receive();
   short Await(short events, std::optional<Milliseconds> limit);
   short AwaitProgress(short events);
-  [[noreturn]] void FailLost();
 
   ProtocolTimeouts _timeouts;
   const size_t _maxMessageBytes;

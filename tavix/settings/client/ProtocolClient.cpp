@@ -102,6 +102,8 @@ class ProtocolClient::Exchange {
   [[noreturn]] void FailUnreadable(const std::string& reason) const;
 
  private:
+  void RequirePeer();
+  std::optional<std::string> TakeReceivedLine();
   bool TakeNoticeLines();
   void ShowLines(const std::string& text) const;
 
@@ -117,6 +119,17 @@ void ProtocolClient::Exchange::StartCall() {
   _socket.StartCall();
 }
 
+// The end of the connection stands behind the notices that came before it. Anything else in front of it is a reply, for
+// this request to judge.
+void ProtocolClient::Exchange::RequirePeer() {
+  if (_socket.ReceiveAvailable()) return;
+  while (const std::optional<std::string> line = TakeReceivedLine()) {
+    if (!_notices.TakeLine(*line)) return _socket.PutBack(*line);
+    if (_trace) _trace('<', *line);
+  }
+  _socket.FailLost();
+}
+
 void ProtocolClient::Exchange::SendForReply(const std::string& request) {
   Send(request);
   _isReplyPending = true;
@@ -124,7 +137,7 @@ void ProtocolClient::Exchange::SendForReply(const std::string& request) {
 
 void ProtocolClient::Exchange::Send(const std::string& request) {
   StartCall();
-  _socket.RequirePeer();
+  RequirePeer();
   try {
     ShowLines(request);
     _socket.Send(request, _progress);
@@ -182,7 +195,7 @@ bool ProtocolClient::Exchange::AwaitNotice(std::optional<Milliseconds> limit) {
   while (!TakeNoticeLines()) {
     std::optional<Milliseconds> left = limit;
     if (left) left = std::max(*limit - std::chrono::floor<Milliseconds>(Clock::now() - start), Milliseconds(0));
-    const bool hasBegun = _notices.IsInNotice() || _socket.IsInLine();
+    const bool hasBegun = _notices.IsInNotice() || _socket.HasBytes();
     const Milliseconds silence = _socket.GetTimeouts().silence;
     const bool isSilenceShorter = hasBegun && (!left || silence < *left);
     if (_socket.ReceiveWithin(isSilenceShorter ? silence : left)) continue;
@@ -192,11 +205,16 @@ bool ProtocolClient::Exchange::AwaitNotice(std::optional<Milliseconds> limit) {
   return true;
 }
 
+// The next line outside of replies, if it was received whole.
+std::optional<std::string> ProtocolClient::Exchange::TakeReceivedLine() {
+  if (!_notices.IsInNotice()) _socket.StartMessage();
+  return _socket.TakeLine();
+}
+
 // Whether a whole notice waits.
 bool ProtocolClient::Exchange::TakeNoticeLines() {
   while (_notices.IsEmpty()) {
-    if (!_notices.IsInNotice()) _socket.StartMessage();
-    const std::optional<std::string> line = _socket.TakeLine();
+    const std::optional<std::string> line = TakeReceivedLine();
     if (!line) return false;
     if (_trace) _trace('<', *line);
     if (!_notices.TakeLine(*line)) FailUnexpected(protocol::kAsyncChange, *line);

@@ -178,6 +178,23 @@ TEST_F(ProtocolClientFailure, AServerThatHasEndedIsNoticedBeforeAnythingIsSent) 
   EXPECT_EQ(peer.ReadToEnd(), "");
 }
 
+TEST_F(ProtocolClientFailure, AServerThatHasEndedBehindANoticeIsNoticedToo) {
+  Client client(Patient());
+  ServerEnd peer = _server.Accept();
+  peer.Send("async change\na\n.\n.\nasync ch");
+  peer.HalfClose();
+  EXPECT_FALSE(Catch([&] { client.Merge(DocumentOf("[a]\nk=1\n")); }).WasSent());
+  EXPECT_EQ(peer.ReadToEnd(), "");
+}
+
+TEST_F(ProtocolClientFailure, AReplyBeforeTheEndOfTheConnectionCounts) {
+  Client client(Patient());
+  ServerEnd peer = _server.Accept();
+  peer.Send("data\n[a]\nk=1\n.\n");
+  peer.HalfClose();
+  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\nk=1\n");
+}
+
 TEST_F(ProtocolClientFailure, AWriteIsNotSentAgain) {
   Client client(Patient());
   {
