@@ -1,5 +1,7 @@
 #include "tavix/core/IniFile.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -7,6 +9,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "tavix/core/AssignText.h"
 #include "tavix/core/SettingsText.h"
 #include "tavix/core/SideBySide.h"
 #include "tavix/core/StringUtil.h"
@@ -16,17 +19,9 @@ namespace tavix::core {
 
 namespace {
 
-const std::string kNoValue;
+constexpr size_t kLargeText = 4 * 1024 * 1024;  // bytes, from which two threads read it
 
-// A text that becomes much shorter gives its memory back.
-void SetText(std::string& target, const std::string& text) {
-  constexpr size_t kLittle = 64;
-  if (target.capacity() > 2 * text.size() + kLittle) {
-    target = std::string(text);
-  } else {
-    target = text;
-  }
-}
+const std::string kNoValue;
 
 void MergeKeys(IniFile::KeyMap& target, const IniFile::KeyMap& source) {
   if (target.empty()) {
@@ -35,7 +30,7 @@ void MergeKeys(IniFile::KeyMap& target, const IniFile::KeyMap& source) {
   }
   for (const auto& [key, value] : source) {
     const auto [place, isNew] = target.try_emplace(key, value);
-    if (!isNew) SetText(place->second, value);
+    if (!isNew) AssignText(place->second, value);
   }
 }
 
@@ -78,8 +73,7 @@ IniFile ReadText(std::string_view text, const std::string& source) {
 
 // Where a group begins about half-way through a large text; else its end.
 size_t FindMiddle(std::string_view text) {
-  constexpr size_t kLarge = 4 * 1024 * 1024;
-  if (text.size() < kLarge) return text.size();
+  if (text.size() < kLargeText) return text.size();
   const size_t feed = text.find("\n[", text.size() / 2);
   return feed == std::string_view::npos ? text.size() : feed + 1;
 }
@@ -98,6 +92,12 @@ IniFile ReadInHalves(std::string_view text, size_t middle, const std::string& so
   return document;
 }
 
+// In bytes; 0: it is no regular file.
+size_t SizeOfFile(const char* path) {
+  struct stat status {};
+  return stat(path, &status) == 0 && S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
+}
+
 }  // namespace
 
 IniFile::IniFile(const char* path) {
@@ -108,7 +108,14 @@ void IniFile::Load(const char* path) {
   errno = 0;
   std::ifstream file(path, std::ios::binary);
   if (!file) throw osa::Exception("Failed to open settings file '%s': %s", path, std::strerror(errno ? errno : EIO));
-  LoadFromStream(file, path);
+  const size_t size = SizeOfFile(path);
+  if (size < kLargeText) return LoadFromStream(file, path);
+  std::string text(size, '\0');
+  errno = 0;
+  file.read(text.data(), static_cast<std::streamsize>(size));
+  if (file.bad()) throw osa::Exception("Failed to read %s: %s", path, std::strerror(errno ? errno : EIO));
+  text.resize(static_cast<size_t>(file.gcount()));
+  LoadFromMemory(text, path);
 }
 
 void IniFile::LoadFromString(const std::string& text) {

@@ -15,8 +15,9 @@ namespace tavix::core {
 // A setting is missing when its group, or its key in the group, does not exist. An empty name, key or value is legal.
 //
 // Text form: docs/settings-text.md. Every document survives being saved and loaded.
-// Threads:   as a standard container: many readers or one writer. Where there are two processors, texts in memory of
-//            4 MiB or more are read, and 10,000 groups or more are copied, by the caller's thread and one more.
+// Threads:   as a standard container: many readers or one writer. Where there are two processors, files and texts
+//            in memory of 4 MiB or more are read, and 10,000 groups or more are copied, by the caller's thread and one
+//            more.
 // Errors:    osa::Exception that names the source, the line and what stands there. A load that fails changes nothing.
 class TAVIX_EXPORT IniFile {
  public:

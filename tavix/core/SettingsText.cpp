@@ -194,6 +194,7 @@ void SettingsTextReader::ReadLine(const char* begin, const char* end, bool hasEs
 void SettingsTextReader::ReadHeader(const char* begin, const char* end, bool hasEscapes) {
   if (end[-1] != ']') Fail("\"[group]\" or \"key=value\"", begin, end);
   const std::string_view name(begin + 1, static_cast<size_t>(end - begin) - 2);
+  if (_keeps == Keeps::kNothing) return OpenGroup({});
   if (hasEscapes) {
     OpenGroup(Unescape(name));
   } else {
@@ -205,6 +206,7 @@ void SettingsTextReader::ReadSetting(const char* begin, const char* end, bool ha
   const char* equals = hasEscapes ? FindUnescapedEquals(begin, end) : Find(begin, end, '=');
   if (equals == end) Fail("\"[group]\" or \"key=value\"", begin, end);
   if (!_open) Fail("\"[group]\" before the first \"key=value\"", begin, end);
+  if (_keeps == Keeps::kNothing) return;
   const std::string_view key = WithoutBlanks(begin, equals);
   const std::string_view value = WithoutBlanks(equals + 1, end);
   if (hasEscapes) {
@@ -230,6 +232,11 @@ void SettingsTextReader::SetValue(std::string_view key, std::string_view value) 
 void SettingsTextReader::Fail(const char* expected, const char* begin, const char* end) const {
   throw osa::Exception("%s:%zu: expected %s, found \"%s\"", _source.c_str(), _lineNumber, expected,
                        PrintableText(std::string(begin, end), 80).c_str());
+}
+
+void CheckSettingsText(std::string_view text, const std::string& source) {
+  SettingsTextReader reader(source, SettingsTextReader::Keeps::kNothing);
+  reader.ReadLines(text.data(), text.data() + text.size());
 }
 
 SettingsTextWriter::~SettingsTextWriter() {

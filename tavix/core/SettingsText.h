@@ -14,8 +14,12 @@ namespace tavix::core {
 // Errors: osa::Exception for a line that is no settings text.
 class SettingsTextReader {
  public:
+  // kNothing: only errors are found; there is no document.
+  enum class Keeps { kDocument, kNothing };
+
   // source: what error texts call the text.
-  explicit SettingsTextReader(const std::string& source) : _source(source) {}
+  explicit SettingsTextReader(const std::string& source, Keeps keeps = Keeps::kDocument)
+      : _source(source), _keeps(keeps) {}
 
   // Lines that follow one another; the last one may lack its line feed.
   void ReadLines(const char* begin, const char* end);
@@ -36,10 +40,14 @@ class SettingsTextReader {
   [[noreturn]] void Fail(const char* expected, const char* begin, const char* end) const;
 
   const std::string& _source;
+  const Keeps _keeps;
   size_t _lineNumber = 0;
   IniFile::GroupMap _groups;
   IniFile::KeyMap* _open = nullptr;  // the keys of the group that is open, in _groups
 };
+
+// Throws what loading the text would throw, at a small part of its cost.
+TAVIX_DAEMON_EXPORT void CheckSettingsText(std::string_view text, const std::string& source);
 
 // Writes settings text to a stream, through a small buffer of its own.
 class SettingsTextWriter {

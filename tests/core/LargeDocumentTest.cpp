@@ -8,11 +8,13 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
 using tavix::core::IniFile;
 using tavix::osa::Exception;
+using tavix::test::TemporaryDirectory;
 
 constexpr int kGroups = 12000;
 
@@ -84,6 +86,19 @@ TEST(LargeDocument, AnErrorNamesItsLineInEitherHalf) {
     EXPECT_NE(error, "");
     EXPECT_EQ(error, ErrorOf(FromStream, text));
   }
+}
+
+TEST(LargeDocument, IsLoadedFromItsFileAsFromMemory) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("large.ini", LargeText());
+  EXPECT_TRUE(IniFile(path.c_str()).GetGroups() == FromStream(LargeText()).GetGroups());
+}
+
+TEST(LargeDocument, AnErrorInItsFileNamesFileAndLine) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("large.ini", "[g]\nbad\n" + LargeText());
+  const auto load = [](const std::string& file) { IniFile document(file.c_str()); };
+  EXPECT_EQ(ErrorOf(load, path), path + ":2: expected \"[group]\" or \"key=value\", found \"bad\"");
 }
 
 TEST(LargeDocument, ALoadThatFailsChangesNothing) {

@@ -18,6 +18,7 @@
 
 namespace {
 
+using tavix::core::CheckSettingsText;
 using tavix::core::IniFile;
 using tavix::core::PrintableText;
 using tavix::osa::Exception;
@@ -58,6 +59,15 @@ std::string ErrorOf(const std::string& text) {
   std::istringstream stream(text);
   try {
     IniFile().LoadFromStream(stream, "site.ini");
+  } catch (const Exception& exception) {
+    return exception.what();
+  }
+  return "no error";
+}
+
+std::string ErrorOfCheck(const std::string& text) {
+  try {
+    CheckSettingsText(text, "site.ini");
   } catch (const Exception& exception) {
     return exception.what();
   }
@@ -471,6 +481,13 @@ TEST(PrintableText, SaysWhenTextWasCut) {
   EXPECT_EQ(PrintableText("123456789", 8), "12345678...");
   EXPECT_EQ(PrintableText("\n\n\n", 8), "\\x0a\\x0a...");
   EXPECT_EQ(PrintableText("\n\n", 8), "\\x0a\\x0a");
+}
+
+TEST(SettingsText, ACheckFindsWhatLoadingFinds) {
+  for (const char* text : {"", "[g]\nk=v\n", "k=v\n", "[g\nk=v\n", "[g]\nnone\n", "[g]\nk\\=v\n", "[g]\nk\\==v\n",
+                           "\xEF\xBB\xBF[g]\nx\n", "# c\n\n; c\n[a\\]\nb", "[]\n=\n", "[g]\r\nk=v\r\nbad\r\n"}) {
+    EXPECT_EQ(ErrorOfCheck(text), ErrorOf(text)) << text;
+  }
 }
 
 }  // namespace

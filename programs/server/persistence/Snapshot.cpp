@@ -7,6 +7,8 @@
 #include <exception>
 
 #include "programs/server/persistence/Checksum.h"
+#include "programs/server/persistence/LongLine.h"
+#include "tavix/core/SettingsText.h"
 
 namespace tavix::daemon {
 
@@ -127,6 +129,7 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
   snapshot.end = line.end;
   snapshot.checksum = line.checksum;
   snapshot.bytes = content.bytes.size();
+  snapshot.hasLongLine = HasLongLine(content.bytes);
   snapshot.problem = FindDamage(content, line);
   if (!snapshot.problem.empty()) snapshot.problem = "'" + path + "': " + snapshot.problem;
   if (!snapshot.problem.empty() || !Parse(path, content, snapshot)) {
@@ -147,8 +150,12 @@ std::string FindWhyForeign(const std::string& path, const FileContent& content) 
   const std::string_view text = content.bytes;
   if (HoldsNothing(text) || HasLine(text, kFirstLine) || HasLine(text, kLastLine)) return "";
   if (!content.problem.empty()) return content.problem;
-  Snapshot snapshot;
-  return Parse(path, content, snapshot) ? "" : snapshot.problem;
+  try {
+    core::CheckSettingsText(text, path);
+    return "";
+  } catch (const std::exception& exception) {
+    return exception.what();
+  }
 }
 
 }  // namespace tavix::daemon

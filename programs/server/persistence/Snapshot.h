@@ -38,6 +38,7 @@ struct Snapshot {
   SnapshotEnd end;
   uint32_t checksum = 0;  // as the last line says
   size_t bytes = 0;
+  bool hasLongLine = false;
 
   SnapshotId GetId() const { return {end.generation, checksum}; }
   core::IniFile settings;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "programs/common/SettingsFileNames.h"
+#include "programs/server/persistence/LongLine.h"
 #include "programs/server/persistence/StartReads.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -102,6 +103,7 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   found.settings = std::move(snapshot.settings);
   found.snapshot = snapshot.GetId();
   found.snapshotBytes = snapshot.bytes;
+  found.hasLongLine = snapshot.hasLongLine;
   ApplyJournal(snapshot, mayRepair, found);
   if (!mayRepair) return found;
   if (!found.mustBeWritten) RemoveLeftovers(found);
@@ -198,11 +200,12 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
   if (journal.changes == 0 || journal.changesFrom == 0) return;
   try {
     const JournalReader reader = Replay(journal, found.settings);
+    const std::string_view bytes = journal.content.bytes;
+    found.hasLongLine = found.hasLongLine || HasLongLine(bytes.substr(0, static_cast<size_t>(reader.GetEnd())));
     const bool mayGoOn = !reader.HasMore() || NoteRest(journal, reader, mayRepair, found);
     found.mustBeWritten = found.mustBeWritten || !mayGoOn;
     if (mayRepair && mayGoOn)
-      found.journal =
-          Journal::Resume(_files, _path, !newCounts, reader, static_cast<uint64_t>(journal.content.bytes.size()));
+      found.journal = Journal::Resume(_files, _path, !newCounts, reader, static_cast<uint64_t>(bytes.size()));
   } catch (const std::exception& exception) {
     found.problems.push_back(exception.what());
     found.mustBeWritten = true;

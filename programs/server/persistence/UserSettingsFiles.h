@@ -20,6 +20,7 @@ struct FoundUserSettings {
   uint64_t nextGeneration = 1;  // above all that were seen
   size_t snapshotBytes = 0;
   std::unique_ptr<Journal> journal;  // that goes on; null: there is none
+  bool hasLongLine = false;          // HasLongLine is true of one of the texts
   bool isAbsent = false;
   bool mustBeWritten = false;         // what was read stands nowhere as a whole
   std::vector<std::string> notices;   // what is worth knowing

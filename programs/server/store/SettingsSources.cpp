@@ -8,6 +8,7 @@
 #include <sstream>
 #include <utility>
 
+#include "programs/server/persistence/LongLine.h"
 #include "programs/server/store/FilePlaces.h"
 #include "programs/server/store/LayerFiles.h"
 #include "programs/server/store/LayerGroups.h"
@@ -204,7 +205,7 @@ void SettingsSources::WarnOnce(const std::string& message) {
 
 void SettingsSources::OnUserSettingsFound(const FoundUserSettings& found) {
   _counters.userFileBytes.Set(found.snapshotBytes);
-  WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
+  if (found.hasLongLine || _maxNameBytes < kLongLine) WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
   RememberUserSettings(found, found.isAbsent && found.settings.IsEmpty() ? "absent" : "");
 }
 

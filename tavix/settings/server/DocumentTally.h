@@ -4,8 +4,6 @@
 #include <cstddef>
 #include <string>
 
-#include "tavix/core/IniFile.h"
-
 namespace tavix::settings::server {
 
 // How many keys a document of the store has, and how many bytes the names of its groups. Kept as the document changes,
@@ -14,14 +12,8 @@ namespace tavix::settings::server {
 // Threads: changed under the store's write lock; asked from any.
 class DocumentTally {
  public:
-  // Forgets everything and walks through the document.
-  void CountAnew(const core::IniFile& document) {
-    size_t keys = 0;
-    size_t nameBytes = 0;
-    for (const auto& group : document) {
-      keys += group.second.size();
-      nameBytes += group.first.size();
-    }
+  // The document was loaded.
+  void Set(size_t keys, size_t nameBytes) {
     _keys.store(keys, std::memory_order_relaxed);
     _nameBytes.store(nameBytes, std::memory_order_relaxed);
   }

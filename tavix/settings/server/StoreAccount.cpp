@@ -1,7 +1,10 @@
 #include "tavix/settings/server/StoreAccount.h"
 
 #include <algorithm>
+#include <iterator>
 
+#include "tavix/core/AssignText.h"
+#include "tavix/core/SideBySide.h"
 #include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::settings::server {
@@ -30,13 +33,39 @@ std::ptrdiff_t Difference(size_t more, size_t less) {
   return static_cast<std::ptrdiff_t>(more) - static_cast<std::ptrdiff_t>(less);
 }
 
-// What the document gets more of when the group is merged into it.
-void TallyGrowth(const IniFile& document, IniFile::const_iterator group, DocumentTally& tally) {
-  const auto own = document.GetGroups().find(group->first);
-  if (own == document.GetGroups().end()) return tally.OnGroupAdded(group->first, group->second.size());
-  const auto isNew = [&](const auto& setting) { return own->second.count(setting.first) == 0; };
-  const auto count = std::count_if(group->second.begin(), group->second.end(), isNew);
-  tally.OnKeysAdded(static_cast<size_t>(count));
+// Sets the values, and returns by how much they made the group larger.
+std::ptrdiff_t MergeKeys(IniFile::KeyMap& keys, const IniFile::KeyMap& change) {
+  std::ptrdiff_t growth = 0;
+  for (const auto& [key, value] : change) {
+    const auto [place, isNew] = keys.try_emplace(key, value);
+    if (isNew) {
+      growth += Difference(StoreAccount::CountSetting(key, value), 0);
+    } else {
+      growth += Difference(CountText(value), CountText(place->second));
+      core::AssignText(place->second, value);
+    }
+  }
+  return growth;
+}
+
+struct Content {
+  size_t bytes = 0;
+  size_t keys = 0;
+  size_t nameBytes = 0;
+};
+
+// half: the first, 0, or the second, 1.
+Content CountHalf(const IniFile::GroupMap& groups, size_t half) {
+  const size_t middle = groups.size() / 2;
+  const size_t count = half == 0 ? middle : groups.size() - middle;
+  auto group = half == 0 ? groups.begin() : std::prev(groups.end(), static_cast<std::ptrdiff_t>(count));
+  Content content;
+  for (size_t i = 0; i < count; ++i, ++group) {
+    content.bytes += StoreAccount::CountGroup(group->first, group->second);
+    content.keys += group->second.size();
+    content.nameBytes += group->first.size();
+  }
+  return content;
 }
 
 size_t CountNamed(const IniFile& document, const std::string& name) {
@@ -92,17 +121,37 @@ std::ptrdiff_t StoreAccount::CountGrowth(const IniFile& one, const IniFile& othe
 }
 
 void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSettings) {
-  _allTally.CountAnew(allSettings);
-  _userTally.CountAnew(userSettings);
-  Set(Count(allSettings) + Count(userSettings));
+  Content all[2];
+  Content user[2];
+  const auto countHalf = [&](size_t half) {
+    all[half] = CountHalf(allSettings.GetGroups(), half);
+    user[half] = CountHalf(userSettings.GetGroups(), half);
+  };
+  constexpr size_t kLarge = 10000;  // groups
+  if (allSettings.GetGroups().size() + userSettings.GetGroups().size() < kLarge) {
+    countHalf(0);
+    countHalf(1);
+  } else {
+    core::RunSideBySide([&] { countHalf(0); }, [&] { countHalf(1); });
+  }
+  _allTally.Set(all[0].keys + all[1].keys, all[0].nameBytes + all[1].nameBytes);
+  _userTally.Set(user[0].keys + user[1].keys, user[0].nameBytes + user[1].nameBytes);
+  Set(all[0].bytes + all[1].bytes + user[0].bytes + user[1].bytes);
 }
 
 void StoreAccount::Merge(IniFile& document, DocumentTally& tally, const IniFile& settings) {
-  for (auto group = settings.begin(); group != settings.end(); ++group) {
-    Add(CountGrowth(document, group));
-    TallyGrowth(document, group, tally);
+  IniFile::GroupMap& groups = document.GetMutableGroups();
+  for (const auto& [name, change] : settings) {
+    const auto [group, isNew] = groups.try_emplace(name, change);
+    if (isNew) {
+      Add(Difference(CountGroup(name, change), 0));
+      tally.OnGroupAdded(name, change.size());
+    } else {
+      const size_t keysBefore = group->second.size();
+      Add(MergeKeys(group->second, change));
+      tally.OnKeysAdded(group->second.size() - keysBefore);
+    }
   }
-  document.MergeSettings(settings);
 }
 
 void StoreAccount::RemoveGroup(IniFile& document, DocumentTally& tally, const std::string& name) {
