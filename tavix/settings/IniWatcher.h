@@ -28,8 +28,9 @@ class TavixSettingsClient;
 // matters.
 //
 // Threads: one thread calls; notices are collected on the client's. The document is touched in Update and TryUpdate
-// only. Owns:    neither client nor document; both outlive the watcher. Errors:  osa::Exception "%s was NULL",
-// "TryUpdate called before Update", and what the client throws. A first Update
+//          only.
+// Owns:    neither client nor document; both outlive the watcher.
+// Errors:  osa::Exception "%s was NULL", "TryUpdate called before Update", and what the client throws. A first Update
 //          that fails may be called again.
 class TAVIX_EXPORT IniWatcher {
  public:

@@ -53,8 +53,7 @@ class LogManager::ChangeCallback : public IChangeCallback {
     } catch (...) {
       _logger->Error(
           "Failed to subscribe to log settings - probably created TavixSettingsClient in SingleThreaded mode instead "
-          "of "
-          "MultiThreaded");
+          "of MultiThreaded");
     }
   }
 

@@ -17,9 +17,10 @@ class TavixSettingsClient;
 // it reads, and after every reconnection it reads again before it reports.
 //
 // Threads: one thread calls; notices are collected on the client's. The document is touched in Update and TryUpdate
-// only. Owns:    neither client nor document; both outlive this object. Errors:  osa::Exception "%s was NULL",
-// "TryUpdate called before Update", and what the client throws. A call that fails
-//          leaves the document as it was, and the next one makes up for it.
+//          only.
+// Owns:    neither client nor document; both outlive this object.
+// Errors:  osa::Exception "%s was NULL", "TryUpdate called before Update", and what the client throws. A call that
+//          fails leaves the document as it was, and the next one makes up for it.
 class TAVIX_EXPORT SyncedDocument {
  public:
   SyncedDocument(TavixSettingsClient* client, core::IniFile* target);

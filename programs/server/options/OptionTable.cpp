@@ -99,13 +99,11 @@ std::vector<OptionEntry> MakeTable() {
 
       {"Serving", "listen", "ADDRESS", Kind::kList, true,
        "serve on HOST:PORT, [V6]:PORT or unix:PATH; may be repeated. Port 0 lets the kernel pick. Sockets that a "
-       "service "
-       "manager passes are served instead. Default: 127.0.0.1:7211",
+       "service manager passes are served instead. Default: 127.0.0.1:7211",
        AddListen},
       {"", "allow-remote", "", Kind::kFlag, true,
        "let --listen name an address that is not loopback. The protocol knows no passwords: whoever reaches the port "
-       "may "
-       "read everything and change most of it",
+       "may read everything and change most of it",
        Flag(&Options::allowRemote)},
       {"", "unix-mode", "MODE", Kind::kValue, true, "permissions of unix sockets, octal (0660)",
        [](Options& options, const std::string& value) { options.unixMode = ParseMode(value); }},
@@ -123,15 +121,13 @@ std::vector<OptionEntry> MakeTable() {
        Append(&Options::defaults, &LayerSources::paths)},
       {"", "defaults-dir", "DIR", Kind::kList, true,
        "a directory of drop-ins, loaded after --defaults; may be repeated. Files are loaded in the order of their "
-       "names "
-       "whatever their directory; of equal names the one in the later directory counts, and an empty file or a link to "
-       "/dev/null switches the name off. Where neither is given: /usr/share/tavix-settings/defaults.d, "
+       "names whatever their directory; of equal names the one in the later directory counts, and an empty file or a "
+       "link to /dev/null switches the name off. Where neither is given: /usr/share/tavix-settings/defaults.d, "
        "/run/tavix-settings/defaults.d, /etc/tavix-settings/defaults.d",
        Append(&Options::defaults, &LayerSources::directories)},
       {"", "restricted", "PATH", Kind::kList, true,
        "restricted settings, which clients can't change; as --defaults. Only groups with Secure or Trusted in their "
-       "names "
-       "are: others can be changed until the next start",
+       "names are: others can be changed until the next start",
        Append(&Options::restricted, &LayerSources::paths)},
       {"", "restricted-dir", "DIR", Kind::kList, true, "as --defaults-dir; the usual places are named restricted.d",
        Append(&Options::restricted, &LayerSources::directories)},
@@ -139,8 +135,7 @@ std::vector<OptionEntry> MakeTable() {
        "where the users' changes are kept; may not exist yet. Without it nothing is persisted", SetUserSettings},
       {"", "durability", "WHEN", Kind::kValue, true,
        "what a power cut may take back of them: always, nothing that anybody was shown; a time such as 250ms or 2s, "
-       "what "
-       "was changed in that time; none, what the system had not written yet (always)",
+       "what was changed in that time; none, what the system had not written yet (always)",
        [](Options& options, const std::string& value) { options.durability = ParseDurability(value); }},
       {"", "stop-timeout", "S", Kind::kValue, true,
        "how long the daemon waits for the disk when it is ended; what is not saved then is lost (10)",
@@ -186,8 +181,7 @@ std::vector<OptionEntry> MakeTable() {
       {"", "request-timeout", "S", Kind::kValue, true, "for an unfinished request (60)", Time(&Limits::requestSeconds)},
       {"", "all-requests", "BYTES", Kind::kValue, true,
        "of the unfinished requests of all clients together; the longest ends. Default: an eighth of the memory that "
-       "the "
-       "machine and the control group allow, from 4 to 256 MiB; here {}",
+       "the machine and the control group allow, from 4 to 256 MiB; here {}",
        Limit(&Limits::allRequestBytes), &Limits::allRequestBytes},
       {"", "max-store", "BYTES", Kind::kValue, true,
        "of all settings in memory, about; a change that would pass it is not made, and the client stays. Default: a "
@@ -202,8 +196,7 @@ std::vector<OptionEntry> MakeTable() {
        Limit(&Limits::heldBacklogBytes)},
       {"", "all-backlogs", "BYTES", Kind::kValue, true,
        "unread by all clients, or waiting for the disk, together; the longest ends. Default: an eighth of the memory, "
-       "as "
-       "for --all-requests, from 4 to 512 MiB; here {}",
+       "as for --all-requests, from 4 to 512 MiB; here {}",
        Limit(&Limits::allBacklogBytes), &Limits::allBacklogBytes},
   };
 }

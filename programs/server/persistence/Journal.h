@@ -17,8 +17,10 @@ namespace tavix::daemon {
 //
 // The file is filled with zeros ahead of its records where there is room, so that a sync has no metadata to write. On a
 // full disk the last of them stay: what the journal can give back is room for a snapshot that takes its place.
+//
 // Threads: one appends, or gives room back, while another syncs records or the name; taking the place is for one at a
-// time. Errors:  osa::Exception from the file system; the journal is then to be given up.
+//          time.
+// Errors:  osa::Exception from the file system; the journal is then to be given up.
 class Journal {
  public:
   static std::string PathOf(const std::string& snapshotPath) { return programs::JournalOf(snapshotPath); }

@@ -42,7 +42,8 @@ class ChangeRecorders {
 
 // Collects the names of the groups that change while it exists, for who reads a store in parts.
 //
-// Threads: any. Errors: std::bad_alloc.
+// Threads: any.
+// Errors:  std::bad_alloc.
 class ChangeRecorder {
  public:
   // recorders: outlive the object.
