@@ -56,6 +56,13 @@ class TAVIX_SCOPED_CAPABILITY PlainMutexLock {
     return true;
   }
 
+  // The same without a question: they return when "condition" was notified, and now and then without a reason. Callers
+  // look what has changed, and wait again.
+  void Wait(std::condition_variable& condition) { condition.wait(_lock); }
+  void WaitUntil(std::condition_variable& condition, Deadline::Clock::time_point end) {
+    condition.wait_until(_lock, end);
+  }
+
  private:
   std::unique_lock<std::mutex> _lock;
 };

@@ -3,37 +3,33 @@
 #include <cstdio>
 #include <cstdlib>
 #include <istream>
-#include <iterator>
 #include <ostream>
-#include <stdexcept>
 #include <utility>
 
-#include "tavix/core/DelimitedIstream.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
-#include "tavix/osa/Time.h"
 #include "tavix/settings/client/Commands.h"
+#include "tavix/settings/client/MessageReader.h"
 #include "tavix/settings/client/ProtocolConstants.h"
-#include "tavix/settings/client/ReplyLine.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
 #include "tavix/settings/client/WireNames.h"
-#include "tavix/settings/common/DelimitedValues.h"
 
 namespace tavix::settings::client {
 
 using core::IniFile;
-using osa::kWaitForever;
 
 namespace {
 
 constexpr unsigned int kStackSize = 32768;
-constexpr int kConnectAttempts = 3;
+constexpr int kConnectAttempts = 3;  // of one round; the worker makes rounds until it succeeds
+
+// Milliseconds.
 constexpr unsigned int kRetryPause = 1000;
-constexpr unsigned int kQuitTimeout = 1000;
-constexpr unsigned int kQuitWriteTimeout = 500;
-constexpr unsigned int kQuitGrace = 1000;
+constexpr unsigned int kQuitTimeout = 1000;      // how long the destructor waits for the right to write
+constexpr unsigned int kQuitWriteTimeout = 500;  // and for room to write "quit"
+constexpr unsigned int kQuitGrace = 1000;        // and then for the server to end the connection
 
 [[noreturn]] void AbortProcess(const char* format, const char* name) {
   std::fprintf(stderr, format, name);
@@ -41,27 +37,6 @@ constexpr unsigned int kQuitGrace = 1000;
 }
 
 }  // namespace
-
-// The right to write to the connection, for the length of a scope.
-class TavixSettingsClientImplMultiThreaded::SendRight {
- public:
-  SendRight(osa::Semaphore& semaphore, unsigned int timeout) : _semaphore(semaphore) { _semaphore.Lock(timeout); }
-
-  ~SendRight() {
-    try {
-      _semaphore.Release();
-    } catch (...) {
-      std::fputs("TavixSettingsClientImplMultiThreaded: SemAutoLock: failed to release semaphore!\n", stderr);
-      std::abort();
-    }
-  }
-
-  SendRight(const SendRight&) = delete;
-  SendRight& operator=(const SendRight&) = delete;
-
- private:
-  osa::Semaphore& _semaphore;
-};
 
 // Tells the destructor that the worker is done, however it ends.
 class TavixSettingsClientImplMultiThreaded::EndNotice {
@@ -76,34 +51,12 @@ class TavixSettingsClientImplMultiThreaded::EndNotice {
   osa::Semaphore& _ended;
 };
 
-// The rest of a reply that nobody can use: read as further lines, but never as another's reply.
-class TavixSettingsClientImplMultiThreaded::LinesToSkip {
- public:
-  void Expect(const std::string& word) {
-    _one = word == protocol::kResult;
-    _untilTerminator = word == protocol::kData;
-  }
-
-  bool Takes(const std::string& line) {
-    const bool takes = _one || _untilTerminator;
-    _one = false;
-    if (line == protocol::kTerminator) _untilTerminator = false;
-    return takes;
-  }
-
- private:
-  bool _one = false;
-  bool _untilTerminator = false;
-};
-
 TavixSettingsClientImplMultiThreaded::TavixSettingsClientImplMultiThreaded(TavixSettingsConnection* connection)
     : _thread("TavixSettings", this, kStackSize, 0),
       _commandMutex(nullptr),
-      _sendMutex("sendMutex", 1, 0),
-      _requestQueue("TavixSettingsClientImpl::_requestQueue", 1),
-      _responseQueue("TavixSettingsClientImpl::_responseQueue", 1),
       _stopping("TavixSettingsClientImpl::_stopping", 1, 0),
-      _workerEnded("TavixSettingsClientImpl::_workerEnded", 1, 0) {
+      _workerEnded("TavixSettingsClientImpl::_workerEnded", 1, 0),
+      _observerMutex("TavixSettingsClientImpl::_observerMutex") {
   _pConnection.reset(connection);
   try {
     _thread.Run();
@@ -122,10 +75,13 @@ TavixSettingsClientImplMultiThreaded::~TavixSettingsClientImplMultiThreaded() {
   EndWorker();
 }
 
+// Asks first, because a server that ends the connection by itself has read everything that was sent. A worker that does
+// not end in time is asleep in the connection, a pause or a callback: breaking the connection wakes it from the first,
+// "_stopping" from the second, and the third is waited for.
 void TavixSettingsClientImplMultiThreaded::EndWorker() {
   unsigned int grace = kQuitGrace;
   try {
-    SendRight right(_sendMutex, kQuitTimeout);
+    SendRightLock right(_sendRight, kQuitTimeout);
     _pConnection->LimitWrites(kQuitWriteTimeout);
     if (_pConnection->IsReady()) *_pConnection->GetOstream() << protocol::kQuit << std::endl;
   } catch (const std::exception& exception) {
@@ -141,6 +97,7 @@ void TavixSettingsClientImplMultiThreaded::EndWorker() {
   }
 }
 
+// The reply is read into a document of the command's own: this call may be failed, and "out" gone, before it comes.
 bool TavixSettingsClientImplMultiThreaded::GetSettings(const std::set<std::string>& groups, IniFile& out) const {
   RequireSendableNames(groups);
   const auto result = std::make_shared<IniFile>();
@@ -190,12 +147,12 @@ void TavixSettingsClientImplMultiThreaded::RestoreToDefaults(const std::set<std:
 }
 
 void TavixSettingsClientImplMultiThreaded::AddConnectionObserver(IConnectionObserver* observer) {
-  std::lock_guard<std::mutex> lock(_observerMutex);
+  osa::MutexAutoLock lock(_observerMutex);
   _observers.insert(observer);
 }
 
 void TavixSettingsClientImplMultiThreaded::RemoveConnectionObserver(IConnectionObserver* observer) {
-  std::lock_guard<std::mutex> lock(_observerMutex);
+  osa::MutexAutoLock lock(_observerMutex);
   _observers.erase(observer);
 }
 
@@ -220,34 +177,29 @@ void TavixSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* cb, const 
 
 // Returns which connection it was written to.
 unsigned int TavixSettingsClientImplMultiThreaded::SendSubscription(const std::set<std::string>& groups) const {
-  SendRight right(_sendMutex, _sendTimeout);
+  SendRightLock right(_sendRight, _sendTimeout);
   RequireReady("Subscribe");
   WriteSubscribeRequest(*_pConnection->GetOstream(), groups);
   return _generation.load();
 }
 
+// On the caller's thread. A failure to get the right leaves nothing behind: nothing was written.
 bool TavixSettingsClientImplMultiThreaded::RunCommand(const char* name, std::unique_ptr<RemoteCommand> command) const {
   _logger->Trace("%s", name);
   if (command->_responseKeyword.empty()) {
-    SendRight right(_sendMutex, _sendTimeout);
+    SendRightLock right(_sendRight, _sendTimeout);
     Send(name, *command);
     return true;
   }
   RefuseOnWorker(name);
   osa::MutexAutoLock oneAtATime(_commandMutex);
   {
-    SendRight right(_sendMutex, _sendTimeout);
+    SendRightLock right(_sendRight, _sendTimeout);
     Send(name, *command);
-    Queue(std::move(command));
+    _slot.Queue(std::move(command));  // before the right is given back, so that its reply finds it
   }
-  ResponseStatus status;
-  _responseQueue.GetMsg(status, kWaitForever);
-  if (status.received) {
-    std::lock_guard<std::mutex> lock(_handoverMutex);
-    _callState = CallState::kNone;
-    return status.result;
-  }
-  Withdraw();
+  const ResponseStatus status = _slot.Await();
+  if (status.received) return status.result;
   _logger->Error("%s failed", name);
   throw osa::Exception("%s failed to communicate with tavix-settings-server", name);
 }
@@ -267,30 +219,7 @@ void TavixSettingsClientImplMultiThreaded::Send(const char* name, RemoteCommand&
   }
 }
 
-void TavixSettingsClientImplMultiThreaded::Queue(std::unique_ptr<RemoteCommand> command) const {
-  std::lock_guard<std::mutex> lock(_handoverMutex);
-  _requestQueue.SendMsg(command.get());
-  command.release();  // the worker's from now on
-  _callState = CallState::kQueued;
-}
-
-// The caller leaves with a failure. Its own reply may still come, be on its way through the worker, or lie in the slot:
-// wherever it is, nobody else may get it.
-void TavixSettingsClientImplMultiThreaded::Withdraw() const {
-  std::lock_guard<std::mutex> lock(_handoverMutex);
-  if (_callState == CallState::kQueued) {
-    RemoteCommand* command = nullptr;
-    _requestQueue.GetMsg(command, kWaitForever);  // it is there: only the handover's holder takes it out
-    _withdrawn.emplace_back(command);
-  } else if (_callState == CallState::kHandled) {
-    _currentWithdrawn = true;
-  } else if (_callState == CallState::kPosted && _responseQueue.GetSize() > 0) {
-    ResponseStatus mine;
-    _responseQueue.GetMsg(mine, kWaitForever);
-  }
-  _callState = CallState::kNone;
-}
-
+// The worker gives the right to write only with a connection, and takes it back before it closes that one.
 void TavixSettingsClientImplMultiThreaded::RequireReady(const char* name) const {
   if (_pConnection->IsReady()) return;
   AbortProcess(
@@ -298,12 +227,14 @@ void TavixSettingsClientImplMultiThreaded::RequireReady(const char* name) const 
       name);
 }
 
+// The worker would wait for a reply that it has to read itself.
 void TavixSettingsClientImplMultiThreaded::RefuseOnWorker(const char* name) const {
   if (_workerId.load() != std::this_thread::get_id()) return;
   throw osa::Exception("%s can't be called from a change callback of the same client: its thread receives the replies",
                        name);
 }
 
+// Begins with the right to write, as the semaphore is made.
 void TavixSettingsClientImplMultiThreaded::Run() {
   const EndNotice notice(_workerEnded);
   _workerId = std::this_thread::get_id();
@@ -316,9 +247,10 @@ void TavixSettingsClientImplMultiThreaded::Run() {
       PauseUnlessStopping(kRetryPause);
     }
   }
-  _sendMutex.Release();  // only the destructor is left, which would wait for it in vain
+  _sendRight.GiveToCallers();  // only the destructor is left, which would wait for it in vain
 }
 
+// Whatever goes wrong is tried again: a server that is not there yet is no reason to give up.
 void TavixSettingsClientImplMultiThreaded::Connect() {
   _logger->Information("(re)Connecting to tavix-setting server");
   try {
@@ -334,9 +266,9 @@ void TavixSettingsClientImplMultiThreaded::Connect() {
 void TavixSettingsClientImplMultiThreaded::ServeConnection() {
   Resubscribe();
   _logger->Information("Connected to tavix-settings-server, releasing semaphore");
-  _sendMutex.Release();
+  _sendRight.GiveToCallers();
   try {
-    TellObservers();
+    CallObservers();
     ReadUntilBroken();
   } catch (const std::exception& exception) {
     _logger->Error("Caught %s", exception.what());
@@ -362,8 +294,10 @@ void TavixSettingsClientImplMultiThreaded::Resubscribe() {
   }
 }
 
-void TavixSettingsClientImplMultiThreaded::TellObservers() {
-  std::lock_guard<std::mutex> lock(_observerMutex);
+// What one throws does not keep the others from being called. Before the first message is read, so that an observer
+// knows of the connection before any notice that comes over it.
+void TavixSettingsClientImplMultiThreaded::CallObservers() {
+  osa::MutexAutoLock lock(_observerMutex);
   for (IConnectionObserver* observer : _observers) {
     try {
       observer->OnConnected();
@@ -380,140 +314,28 @@ void TavixSettingsClientImplMultiThreaded::TellObservers() {
 // their way.
 void TavixSettingsClientImplMultiThreaded::ReadUntilBroken() {
   std::istream& in = *_pConnection->GetIstream();
-  LinesToSkip toSkip;
+  MessageReader reader(in, {_slot, _sendRight, _commonDispatcher, *_logger});
   std::string line;
-  while (!_endsUnasked && std::getline(in, line)) HandleLine(line, toSkip);
+  while (!_endsUnasked && std::getline(in, line)) reader.HandleMessage(line);
 }
 
-void TavixSettingsClientImplMultiThreaded::HandleLine(const std::string& line, LinesToSkip& toSkip) {
-  if (toSkip.Takes(line)) {
-    _logger->Error("Message received without corresponding request");
-    return;
-  }
-  if (line.empty())
-    throw std::runtime_error("Unexpected empty line returned from tcp connection with tavix-settings-server");
-  const std::string word = FirstWord(line);
-  if (word == protocol::kAsync) {
-    HandleChange();
-  } else {
-    HandleReply(word, toSkip);
-  }
-}
-
-void TavixSettingsClientImplMultiThreaded::HandleChange() {
-  std::istream& in = *_pConnection->GetIstream();
-  std::set<std::string> groups;
-  common::readDelimitedValues(&in, std::inserter(groups, groups.begin()));
-  IniFile settings;
-  {
-    stl::DelimitedIstream payload(&in, protocol::kTerminator);
-    settings.LoadFromStream(payload, "change notice");
-  }
-  if (in.good()) _commonDispatcher.OnChange(groups, settings);  // else the notice was cut off
-}
-
-void TavixSettingsClientImplMultiThreaded::HandleReply(const std::string& word, LinesToSkip& toSkip) {
-  bool withdrawn = false;
-  std::unique_ptr<RemoteCommand> command = TakeCommand(withdrawn);
-  if (!command) {
-    _logger->Error("Message received without corresponding request");
-    return;
-  }
-  const ResponseStatus status = ReadReply(*command, word);
-  if (!_pConnection->GetIstream()->good()) {  // cut off: the caller is failed with the connection
-    std::lock_guard<std::mutex> lock(_handoverMutex);
-    if (_callState == CallState::kHandled) _callState = CallState::kNone;
-    _currentWithdrawn = false;
-    command.reset();
-    return;
-  }
-  if (!status.received) toSkip.Expect(word);
-  Finish(std::move(command), withdrawn, status);
-}
-
-// The oldest command that awaits a reply; null when there is none. First without the right to write: a caller blocked
-// in a large request, and a server blocked in a large reply, would else wait for each other. With it, a command whose
-// request is written is certainly queued.
-std::unique_ptr<RemoteCommand> TavixSettingsClientImplMultiThreaded::TakeCommand(bool& withdrawn) const {
-  const auto tryTake = [&]() -> std::unique_ptr<RemoteCommand> {
-    std::lock_guard<std::mutex> lock(_handoverMutex);
-    withdrawn = !_withdrawn.empty();
-    if (withdrawn) {
-      std::unique_ptr<RemoteCommand> left = std::move(_withdrawn.front());
-      _withdrawn.pop_front();
-      return left;
-    }
-    if (_callState != CallState::kQueued) return nullptr;
-    RemoteCommand* command = nullptr;
-    _requestQueue.GetMsg(command, kWaitForever);
-    _callState = CallState::kHandled;
-    return std::unique_ptr<RemoteCommand>(command);
-  };
-  if (std::unique_ptr<RemoteCommand> command = tryTake()) return command;
-  SendRight right(_sendMutex, kWaitForever);
-  return tryTake();
-}
-
-TavixSettingsClientImplMultiThreaded::ResponseStatus TavixSettingsClientImplMultiThreaded::ReadReply(
-    RemoteCommand& command, const std::string& word) const {
-  ResponseStatus status;
-  if (command._responseKeyword != word) return status;
-  status.received = true;
-  try {
-    status.result = command.HandleResponse(*_pConnection->GetIstream());
-  } catch (const std::exception& exception) {
-    _logger->Error("Exception handling response from server: %s", exception.what());
-  }
-  return status;
-}
-
-void TavixSettingsClientImplMultiThreaded::Finish(std::unique_ptr<RemoteCommand> command, bool withdrawn,
-                                                  ResponseStatus status) const {
-  std::lock_guard<std::mutex> lock(_handoverMutex);
-  command.reset();  // before its caller goes on: what the reply was read into is then the caller's alone
-  if (withdrawn) return;
-  if (_currentWithdrawn) {
-    _currentWithdrawn = false;
-    return;
-  }
-  _callState = CallState::kPosted;
-  PostStatus(status);
-}
-
+// The order counts: the right is taken before the slot is failed, so that no caller can queue a command that nobody
+// fails; and the connection is closed last, when nobody can be using its streams any more.
 void TavixSettingsClientImplMultiThreaded::CleanUp() {
   // Wakes a caller that is blocked in a write, and holds the right to write. Pipes never block it, and can't be made
   // again.
   if (!_pConnection->OutlivesClosing()) _pConnection->BreakConnection();
-  _sendMutex.Lock(kWaitForever);
+  _sendRight.TakeFromCallers();
+  // Callers wait for the right meanwhile. A server that restarts gets time before all its clients come back.
   PauseUnlessStopping(kRetryPause);
-  DiscardCommands();
-  PostStatus({});  // the failure stays for the next caller on purpose: whoever asks first after a loss is told
+  if (_slot.IsQueued()) _logger->Information("cleaning request queue");
+  // The failure stays for the next caller on purpose: whoever asks first after a loss is told.
+  _slot.Fail(_pConnection->OutlivesClosing());
   _pConnection->CloseConnection();
   _pConnection->ClearStreams();
 }
 
-// Their callers are failed. Where replies still come, the commands stay for them as withdrawn ones.
-void TavixSettingsClientImplMultiThreaded::DiscardCommands() const {
-  std::lock_guard<std::mutex> lock(_handoverMutex);
-  while (_requestQueue.GetSize() > 0) {
-    _logger->Information("cleaning request queue");
-    RemoteCommand* command = nullptr;
-    _requestQueue.GetMsg(command, kWaitForever);
-    _withdrawn.emplace_back(command);
-  }
-  if (!_pConnection->OutlivesClosing()) _withdrawn.clear();
-  if (_callState != CallState::kPosted) _callState = CallState::kNone;  // what is posted is still its caller's alone
-}
-
-// A slot that is still full holds a failure that nobody has asked for yet; one is enough.
-void TavixSettingsClientImplMultiThreaded::PostStatus(ResponseStatus status) const {
-  try {
-    _responseQueue.SendMsg(status);
-  } catch (const osa::Exception& exception) {
-    _logger->Trace("%s", exception.what());
-  }
-}
-
+// The semaphore is passed on, so that later pauses end at once, too.
 void TavixSettingsClientImplMultiThreaded::PauseUnlessStopping(unsigned int milliseconds) {
   if (!_stop && _stopping.TryLock(milliseconds)) _stopping.Release();
 }

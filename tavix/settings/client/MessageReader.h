@@ -1,0 +1,63 @@
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+
+#include "tavix/settings/client/ReplySlot.h"
+#include "tavix/settings/client/SendRight.h"
+
+namespace tavix::core {
+class Logger;
+}
+namespace tavix::settings::common {
+class CallbackDispatcher;
+}
+
+namespace tavix::settings::client {
+
+// Reads what the server sends over one connection of a multi-threaded client: notices go to the dispatcher, replies to
+// the caller that awaits them.
+//
+// Threads: the worker alone, on which callbacks run.
+// Locks:   takes the right to write for a moment when a reply comes before its command is queued. None is held while
+//          callbacks run.
+// Errors:  what nobody awaits is logged and skipped. A message that is cut off by the end of the connection counts for
+//          nothing; its caller is failed with the connection.
+class MessageReader {
+ public:
+  // What the reader uses; all of it outlives the reader.
+  struct Targets {
+    ReplySlot& slot;
+    SendRight& sendRight;
+    common::CallbackDispatcher& dispatcher;
+    const core::Logger& logger;
+  };
+
+  // in: outlives the reader.
+  MessageReader(std::istream& in, const Targets& targets) : _in(in), _targets(targets) {}
+
+  MessageReader(const MessageReader&) = delete;
+  MessageReader& operator=(const MessageReader&) = delete;
+
+  // Handles the message that begins with this line, and reads the rest of it. Throws std::runtime_error when the line
+  // is empty, and whatever callbacks throw.
+  void HandleMessage(const std::string& line);
+
+ private:
+  bool SkipsRest(const std::string& line);
+  void HandleNotice();
+  void HandleReply(const std::string& word);
+  std::unique_ptr<RemoteCommand> TakeCommand();
+  ResponseStatus ReadReply(RemoteCommand& command, const std::string& word);
+  void ExpectRest(const std::string& word);
+  void ReportUnexpected() const;
+
+  std::istream& _in;
+  const Targets _targets;
+  // The rest of a reply that nobody can use is read as further lines, but never as another call's reply.
+  bool _skipsLine = false;
+  bool _skipsUntilTerminator = false;
+};
+
+}  // namespace tavix::settings::client

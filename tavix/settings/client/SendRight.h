@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "tavix/osa/Semaphore.h"
+#include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/osa/Time.h"
+
+namespace tavix::settings::client {
+
+// The right to write to the connection of a multi-threaded client. The worker has it while there is no connection, from
+// the start on; callers have it for one request each.
+//
+// Threads: any. Callers have it through SendRightLock.
+class TAVIX_CAPABILITY("right") SendRight {
+ public:
+  SendRight() : _semaphore("sendMutex", 1, 0) {}
+
+  SendRight(const SendRight&) = delete;
+  SendRight& operator=(const SendRight&) = delete;
+
+  // The worker gives the right to callers, once there is a connection, and takes it back when that is lost. Both are
+  // parts of one cycle in different functions, which the analysis of locks does not follow.
+  void GiveToCallers() { _semaphore.Release(); }
+  void TakeFromCallers() { _semaphore.Lock(osa::kWaitForever); }
+
+ private:
+  friend class SendRightLock;
+
+  osa::Semaphore _semaphore;
+};
+
+// Has the right to write for the length of a scope.
+class TAVIX_SCOPED_CAPABILITY SendRightLock {
+ public:
+  // timeout: milliseconds. Throws LockException when they have passed.
+  SendRightLock(SendRight& right, unsigned int timeout) TAVIX_ACQUIRE(right) : _semaphore(right._semaphore) {
+    _semaphore.Lock(timeout);
+  }
+
+  // A right that can't be given back would block all callers for ever.
+  ~SendRightLock() TAVIX_RELEASE() {
+    try {
+      _semaphore.Release();
+    } catch (...) {
+      std::fputs("TavixSettingsClientImplMultiThreaded: SemAutoLock: failed to release semaphore!\n", stderr);
+      std::abort();
+    }
+  }
+
+  SendRightLock(const SendRightLock&) = delete;
+  SendRightLock& operator=(const SendRightLock&) = delete;
+
+ private:
+  osa::Semaphore& _semaphore;
+};
+
+}  // namespace tavix::settings::client
