@@ -59,22 +59,28 @@ set(internal_headers
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ChangeRequest.h
     tavix/settings/server/ClientHandlerDispatcher.h
+    tavix/settings/server/CommandTable.h
     tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
     tavix/settings/server/DocumentTally.h
     tavix/settings/server/EarlyMatches.h
     tavix/settings/server/EarlyTest.h
     tavix/settings/server/GroupWalk.h
+    tavix/settings/server/HandlerCounts.h
+    tavix/settings/server/MessageWriter.h
+    tavix/settings/server/NoticeRound.h
     tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h
+    tavix/settings/server/RequestLists.h
     tavix/settings/server/StoreAccount.h
     tavix/settings/server/StoreChange.h
     tavix/settings/server/StoreDocuments.h
     tavix/settings/server/StoreLoader.h
     tavix/settings/server/StoreText.h
     tavix/settings/server/TextInParts.h
-    tavix/settings/server/UnrestrictedPart.h)
+    tavix/settings/server/UnrestrictedPart.h
+    tavix/settings/server/Words.h)
 set(lower_headers
     tavix/core/CoreLogging.h
     tavix/core/DelimitedIstream.h

@@ -140,48 +140,54 @@ void CallbackDispatcher::Probe() const {
 }
 
 void CallbackDispatcher::OnChange(const std::set<std::string>& changedGroups, const IniFile& settings) const {
-  Notify(nullptr, changedGroups, settings);
+  Notify(nullptr, changedGroups, settings, {});
 }
 
 void CallbackDispatcher::OnChange(const IniFile& settings) const {
-  Notify(nullptr, settings);
+  Notify(nullptr, settings, {});
 }
 
-void CallbackDispatcher::OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups,
-                                  const IniFile& settings) const {
-  Notify(&gate, changedGroups, settings);
+void CallbackDispatcher::OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const IniFile& settings,
+                                  const std::function<void()>& afterPiece) const {
+  Notify(&gate, changedGroups, settings, afterPiece);
 }
 
-void CallbackDispatcher::OnChange(osa::Mutex& gate, const IniFile& settings) const {
-  Notify(&gate, settings);
+void CallbackDispatcher::OnChange(osa::Mutex& gate, const IniFile& settings,
+                                  const std::function<void()>& afterPiece) const {
+  Notify(&gate, settings, afterPiece);
 }
 
-void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings) const {
+void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings,
+                                const std::function<void()>& afterPiece) const {
   if (_state->GetSizes().IsEmpty()) return;
   std::set<std::string> changedGroups;
   for (const auto& group : settings) changedGroups.insert(changedGroups.end(), group.first);
-  Notify(gate, changedGroups, settings);
+  Notify(gate, changedGroups, settings, afterPiece);
 }
 
-void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups,
-                                const IniFile& settings) const {
+void CallbackDispatcher::Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const IniFile& settings,
+                                const std::function<void()>& afterPiece) const {
   if (_state->GetSizes().IsEmpty() || NotifyAtOnce(gate, changedGroups, settings)) return;
   constexpr int kMaxRestarts = 2;
   RoundUnderWay round(*_state, changedGroups);
   bool goesOn = true;
-  for (int restarts = 0; goesOn;) {
+  for (int piece = 0; goesOn; ++piece) {
     round.MatchAll();
     AwaitOthers(gate);
-    std::optional<MutexAutoLock> gateLock;
-    if (gate) gateLock.emplace(*gate);
-    MutexAutoLock lock(_state->mutex);
-    if (round.Get().IsOutdated() && restarts < kMaxRestarts) {
-      round.Get().Restart();
-      ++restarts;
-    } else {
-      goesOn = round.Get().CallPiece(_state->GetSubscriptions(), settings);
-    }
+    goesOn = CallPiece(gate, round, piece < kMaxRestarts, settings);
+    if (goesOn && afterPiece) afterPiece();
   }
+}
+
+// Returns whether the round goes on.
+bool CallbackDispatcher::CallPiece(osa::Mutex* gate, RoundUnderWay& round, bool mayRestart,
+                                   const IniFile& settings) const {
+  std::optional<MutexAutoLock> gateLock;
+  if (gate) gateLock.emplace(*gate);
+  MutexAutoLock lock(_state->mutex);
+  if (!mayRestart || !round.Get().IsOutdated()) return round.Get().CallPiece(_state->GetSubscriptions(), settings);
+  round.Get().Restart();
+  return true;
 }
 
 // A round that calls many is long. Between two pieces of it others have their turn.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <set>
@@ -45,10 +46,12 @@ class TAVIX_EXPORT CallbackDispatcher {
   // The same with every group of the document as a changed one.
   void OnChange(const core::IniFile& settings) const;
 
-  // The same two with "gate" held while callbacks run, taken before the dispatcher's own mutex.
-  void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const
+  // The same two with "gate" held while callbacks run, taken before the dispatcher's own mutex. afterPiece: called with
+  // both released, where they are released between two callbacks; may be empty.
+  void OnChange(osa::Mutex& gate, const std::set<std::string>& changedGroups, const core::IniFile& settings,
+                const std::function<void()>& afterPiece = {}) const TAVIX_EXCLUDES(gate);
+  void OnChange(osa::Mutex& gate, const core::IniFile& settings, const std::function<void()>& afterPiece = {}) const
       TAVIX_EXCLUDES(gate);
-  void OnChange(osa::Mutex& gate, const core::IniFile& settings) const TAVIX_EXCLUDES(gate);
 
   // Adds all names and patterns of all subscriptions to "out", which is not cleared. Others wait for a small part of
   // that only.
@@ -86,8 +89,10 @@ class TAVIX_EXPORT CallbackDispatcher {
   class TAVIX_LOCAL CopyUnderWay;
 
   void Add(IChangeCallback* cb, std::initializer_list<const std::set<std::string>*> groups);
-  void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
-  void Notify(osa::Mutex* gate, const core::IniFile& settings) const;
+  void Notify(osa::Mutex* gate, const std::set<std::string>& changedGroups, const core::IniFile& settings,
+              const std::function<void()>& afterPiece) const;
+  void Notify(osa::Mutex* gate, const core::IniFile& settings, const std::function<void()>& afterPiece) const;
+  bool CallPiece(osa::Mutex* gate, RoundUnderWay& round, bool mayRestart, const core::IniFile& settings) const;
   template <class Groups, class NameOf>
   bool WouldCallMoreThan(size_t max, const Groups& groups, NameOf nameOf) const;
   void AwaitOthers(osa::Mutex* gate) const;

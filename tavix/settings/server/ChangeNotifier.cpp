@@ -1,7 +1,7 @@
 #include "tavix/settings/server/ChangeNotifier.h"
 
 #include "tavix/osa/Exception.h"
-#include "tavix/settings/server/NoticeText.h"
+#include "tavix/settings/server/NoticeRound.h"
 
 namespace tavix::settings::server {
 
@@ -11,13 +11,13 @@ void ChangeNotifier::RefuseInCallback() const {
 }
 
 void ChangeNotifier::Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
-  const NoticeText::Round round;
-  _dispatcher.OnChange(_gate, changedGroups, settings);
+  NoticeRound round;
+  _dispatcher.OnChange(_gate, changedGroups, settings, [&] { round.WriteNotices(); });
 }
 
 void ChangeNotifier::Notify(const core::IniFile& settings) const {
-  const NoticeText::Round round;
-  _dispatcher.OnChange(_gate, settings);
+  NoticeRound round;
+  _dispatcher.OnChange(_gate, settings, [&] { round.WriteNotices(); });
 }
 
 }  // namespace tavix::settings::server

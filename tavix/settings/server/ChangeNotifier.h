@@ -12,7 +12,8 @@ class IniFile;
 
 namespace tavix::settings::server {
 
-// Notifies a store's subscribers of its changes, one change at a time.
+// Notifies a store's subscribers of its changes. Connections among them are sent their notices behind the calls, once
+// the locks are released.
 //
 // Threads: any. Callbacks run on the thread that calls Notify.
 // Locks:   the notification gate, then the dispatcher's mutex; both are held while callbacks run. The caller of Notify

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <iosfwd>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -11,9 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Export.h"
-#include "tavix/osa/Mutex.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/RefusedChange.h"
@@ -25,8 +21,8 @@ class Logger;
 
 namespace tavix::settings::server {
 
-class IMessageObserver;
-class ISettingsSerializer;
+class CommandTable;
+class MessageWriter;
 class SerializationManager;
 class SettingsManager;
 class SubscriptionBudget;
@@ -37,8 +33,9 @@ struct ServerEnv;
 //
 // Threads: requests are handled on the thread that calls Run or HandleNext; notices are written by whichever thread
 //          made the change. Each reply and each notice is contiguous on the output and ends with a flush.
-// Locks:   the output mutex, inside the store's notification gate and dispatcher, outside its "SettingsMutex". Nothing
-//          is held while a request changes the store, so a connection is told of its own changes.
+// Locks:   the output mutex, outside the store's "SettingsMutex". Nothing is held while a request changes the store, so
+//          a connection is told of its own changes. A notice is made and written by the thread that made the change,
+//          once that has released the store's notification gate.
 // Owns:    neither environment nor streams; all outlive the handler. The streams are never closed here.
 // Errors:  a payload that can't be parsed, and whatever the store throws, leaves HandleNext: the connection is then out
 //          of step and must end. A request that the end of the input cuts off changes nothing. A notice that can't be
@@ -109,19 +106,19 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   static void TimeCommands();
 
  private:
-  class TAVIX_LOCAL MsgDispatcher;
+  friend class CommandTable;
 
   // The commands; "args" is the rest of the command's line.
-  void Quit(std::istream& args);
-  void Dump(std::istream& args);
-  void Merge(std::istream& args);
-  void TestAndMerge(std::istream& args);
-  void Subscribe(std::istream& args);
-  void GetSections(std::istream& args);
-  void Overwrite(std::istream& args);
-  void ChangeSerialization(std::istream& args);
-  void RestoreDefaults(std::istream& args);
-  void Info(std::istream& args);
+  void Quit(std::string_view args);
+  void Dump(std::string_view args);
+  void Merge(std::string_view args);
+  void TestAndMerge(std::string_view args);
+  void Subscribe(std::string_view args);
+  void GetSections(std::string_view args);
+  void Overwrite(std::string_view args);
+  void ChangeSerialization(std::string_view args);
+  void RestoreDefaults(std::string_view args);
+  void Info(std::string_view args);
 
   template <class Groups>
   void RequireShortNotices(const Groups& changed) const;
@@ -130,9 +127,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   bool HandleLine();
   void DumpInParts(bool all);
   void GetInParts(const common::GroupNameMatcher& matcher, bool delimited);
-  template <class WriteParts>
-  void AnswerInParts(const common::GroupNameMatcher* groups, std::string_view firstLine, WriteParts write);
-  void AppendGroups(const common::GroupNameMatcher& matcher);
+  void WriteGroups(std::ostream& message, const common::GroupNameMatcher& matcher) const;
   bool TakeLine(std::string_view& line);
   std::set<std::string> ReadGroupSet();
   common::GroupNameMatcher ReadGroupMatcher();
@@ -141,20 +136,12 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RefuseSubscription(const std::string& reason);
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
-  void WriteNotice(const std::set<std::string>& changedGroups);
-  void ComposeNotice(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
-                     const ISettingsSerializer& serializer);
-  void SendMessage(const common::GroupNameMatcher* groups);
-  void SendNotice(const std::shared_ptr<const std::string>& text, const common::GroupNameMatcher& groups);
-  void Write(const std::string& message, const common::GroupNameMatcher* groups);
-  bool IsReachable() const;
+  void EndSubscription();
 
   core::Logger* const _logger;
   bool _quit = false;
   std::optional<RefusedChange> _refusal;  // of the last request
   std::istream* const _in;
-  osa::Mutex _outputMutex;  // guards what goes to _out, and _message
-  std::ostream* const _out;
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
   const size_t _mostSubscriptions;
@@ -163,9 +150,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const size_t _mostPatterns;
   const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
-  SubscriptionBudget* const _subscriptionBudget;        // may be null
-  IMessageObserver* const _messageObserver;             // may be null
-  std::atomic<const ISettingsSerializer*> _serializer;  // switched by requests, used by notices
+  SubscriptionBudget* const _subscriptionBudget;  // may be null
+  const std::shared_ptr<MessageWriter> _writer;   // a thread that makes a change may hold it for a while longer
 
   // How the request at hand is handled.
   size_t _maxWork = 0;                                 // beyond which it is given up; 0: no limit
@@ -176,10 +162,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   common::GroupNameMatcher _subscriptions;
   size_t _subscriptionBytes = 0;
 
-  // Kept for their memory only.
-  std::string _line;
-  core::ViewIstream _args;
-  core::StringOstream _message;
+  std::string _line;  // kept for its memory only
 };
 
 }  // namespace tavix::settings::server

@@ -1,13 +1,12 @@
 #pragma once
 
+#include <array>
 #include <atomic>
-#include <functional>
-#include <iosfwd>
-#include <map>
 #include <string>
 #include <string_view>
 
 #include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/CommandTable.h"
 
 namespace tavix::settings::server {
 
@@ -16,41 +15,37 @@ namespace tavix::settings::server {
 void LogCommandCount(void* logContext, const std::string& name, unsigned long long count);
 
 // Finds a command's handler by its word, and counts. One for the process; its counts cover all connections of all time.
-class ClientHandler::MsgDispatcher {
+//
+// Threads: any.
+class MsgDispatcher {
  public:
   // Made on first use and never freed.
   static MsgDispatcher& Get();
 
   // Calls the command's handler on "handler"; an unknown word is logged and dropped. A call that throws is not counted.
-  void Dispatch(ClientHandler& handler, std::string_view word, std::istream& args);
+  // isSecondAttempt: the request was begun before, which a trace has said.
+  void Dispatch(ClientHandler& handler, std::string_view word, std::string_view args, bool isSecondAttempt);
 
   // Has commands timed from now on, whether or not anybody reads traces.
   void TimeCommands() { _times.store(true, std::memory_order_relaxed); }
 
   void LogStatistics(void* logContext) const;
-  Statistics ReadStatistics() const;
-
-  void CountRefusedSubscription() { _refusedSubscriptions.fetch_add(1, std::memory_order_relaxed); }
-  void CountNotice() { _notices.fetch_add(1, std::memory_order_relaxed); }
+  ClientHandler::Statistics ReadStatistics() const;
 
  private:
-  struct fpMsgHandler {
-    void (ClientHandler::*handler)(std::istream& args);
-    std::atomic<unsigned long long> count{0};
+  struct Count {
+    std::atomic<unsigned long long> calls{0};
     std::atomic<unsigned long long> nanoseconds{0};
   };
 
   MsgDispatcher();
-  void Add(const char* word, void (ClientHandler::*handler)(std::istream& args));
+  void Call(ClientHandler& handler, const CommandTable::Command& command, std::string_view args, bool traces);
 
   static std::atomic<MsgDispatcher*> s_pInstance;
 
   core::Logger* const _logger;
-  std::map<std::string, fpMsgHandler, std::less<>> _handlers;
+  std::array<Count, CommandTable::kCount> _counts;  // as the table
   std::atomic<bool> _times{false};
-  std::atomic<unsigned long long> _unknown{0};
-  std::atomic<unsigned long long> _notices{0};
-  std::atomic<unsigned long long> _refusedSubscriptions{0};
 };
 
 }  // namespace tavix::settings::server

@@ -15,8 +15,7 @@ namespace tavix::settings::server {
 // Told what a connection's peer is about to learn of the store. For hosts that keep messages back, until what they show
 // is on a disk for instance.
 //
-// Threads: called by whoever writes a message, which holds the connection's output mutex, and for notices what a
-//          notification holds.
+// Threads: called by the thread that writes a message, which holds the connection's output mutex.
 // Errors:  throws nothing.
 class TAVIX_EXPORT IMessageObserver {
  public:

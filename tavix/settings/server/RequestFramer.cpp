@@ -1,44 +1,14 @@
 #include "tavix/settings/server/RequestFramer.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "tavix/settings/client/ProtocolConstants.h"
+#include "tavix/settings/server/CommandTable.h"
+#include "tavix/settings/server/Words.h"
 
 namespace tavix::settings::server {
 
 namespace protocol = client::protocol;
-
-namespace {
-
-struct Command {
-  const char* word;
-  const char* parts;  // what follows the command's line: 'l' a list, 'p' a payload
-};
-
-constexpr Command kCommands[] = {
-    {protocol::kGet, "l"},       {protocol::kMerge, "p"},      {protocol::kTestAndMerge, "pp"},
-    {protocol::kSubscribe, "l"}, {protocol::kOverwrite, "lp"}, {protocol::kRestore, "l"},
-    {protocol::kSerialize, ""},  {protocol::kDump, ""},        {protocol::kInfo, ""},
-    {protocol::kQuit, ""},
-};
-
-bool IsSpace(char byte) {
-  return byte == ' ' || (byte >= '\t' && byte <= '\r');
-}
-
-// Takes the first word off the line.
-std::string_view TakeWord(std::string_view& line) {
-  size_t begin = 0;
-  while (begin < line.size() && IsSpace(line[begin])) ++begin;
-  size_t end = begin;
-  while (end < line.size() && !IsSpace(line[end])) ++end;
-  const std::string_view word = line.substr(begin, end - begin);
-  line.remove_prefix(end);
-  return word;
-}
-
-}  // namespace
 
 size_t RequestFramer::FindEnd(std::string_view received) {
   bool whole = false;
@@ -71,10 +41,9 @@ size_t RequestFramer::GetUnfinishedLine(std::string_view received) const {
 // These return whether the request is whole.
 bool RequestFramer::TakeCommand(std::string_view line) {
   const std::string_view word = TakeWord(line);
-  const auto isWord = [&](const Command& command) { return word == command.word; };
-  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands), isWord);
-  _isCommand = command != std::end(kCommands);
-  if (!_isCommand) return true;
+  const CommandTable::Command* const command = CommandTable::Find(word);
+  _isCommand = command != nullptr;
+  if (!command) return true;
   if (word == protocol::kSerialize) {
     const std::string_view name = TakeWord(line);
     if (name == "phparray") _phpArray = true;
@@ -92,7 +61,7 @@ bool RequestFramer::TakeLine(std::string_view line) {
 bool RequestFramer::TakePhpArray(std::string_view received) {
   if (_part == Part::kBetween) {
     const char byte = received[_looked];
-    if (IsSpace(byte) || (byte == '.' && !_betweenDot)) {
+    if (IsBlank(byte) || (byte == '.' && !_betweenDot)) {
       _betweenDot = _betweenDot || byte == '.';
       ++_looked;
       return false;

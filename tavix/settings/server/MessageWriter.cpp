@@ -1,0 +1,139 @@
+#include "tavix/settings/server/MessageWriter.h"
+
+#include <exception>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/core/Logger.h"
+#include "tavix/settings/client/ProtocolConstants.h"
+#include "tavix/settings/server/HandlerCounts.h"
+#include "tavix/settings/server/IMessageObserver.h"
+#include "tavix/settings/server/RequestLists.h"
+#include "tavix/settings/server/SerializationManager.h"
+#include "tavix/settings/server/ServerEnv.h"
+
+namespace tavix::settings::server {
+
+namespace protocol = client::protocol;
+
+using common::GroupNameMatcher;
+using osa::MutexAutoLock;
+
+MessageWriter::MessageWriter(const ServerEnv& env, std::ostream& out)
+    : _logger(core::Logger::GetLogger("ClientHandler")),
+      _settingsManager(*env.settingsManager),
+      _messageObserver(env.messageObserver),
+      _serializer(env.serializationManager->GetSerializer("ini")),
+      _outputMutex(nullptr),
+      _out(out) {}
+
+void MessageWriter::ReplyInParts(const GroupNameMatcher* groups, const std::function<bool()>& isStopped,
+                                 const ComposeParts& compose) {
+  if (!CanBeReached()) return;
+  core::StringOstream text;
+  std::optional<MutexAutoLock> lock;
+  compose(text, SettingsManager::BetweenParts{isStopped, [&] { lock.emplace(_outputMutex); }});
+  if (IsReachable()) Write(text.GetText(), groups);
+}
+
+void MessageWriter::ReplyUnlocked(const GroupNameMatcher* groups,
+                                  const std::function<void(core::StringOstream&)>& compose) {
+  if (!CanBeReached()) return;
+  core::StringOstream text;
+  compose(text);
+  MutexAutoLock lock(_outputMutex);
+  if (IsReachable()) Write(text.GetText(), groups);
+}
+
+void MessageWriter::WriteNotice(const std::set<std::string>& changedGroups) noexcept {
+  try {
+    MutexAutoLock lock(_outputMutex);
+    if (_hasEnded || !IsReachable()) return;
+    try {
+      MakeNotice(changedGroups);
+      HandlerCounts::CountOne(handlerCounts.notices);
+    } catch (...) {
+      Break();
+      throw;
+    }
+  } catch (const std::exception& exception) {
+    LogLoss(exception.what());
+  } catch (...) {
+    LogLoss("unknown");
+  }
+}
+
+void MessageWriter::OnNoticeLost(const char* reason) noexcept {
+  try {
+    MutexAutoLock lock(_outputMutex);
+    if (_hasEnded || !IsReachable()) return;
+    Break();
+  } catch (const std::exception&) {  // of a stream that throws when it breaks
+  }
+  LogLoss(reason);
+}
+
+// A line that can't be written for want of memory is left out.
+void MessageWriter::LogLoss(const char* reason) noexcept {
+  try {
+    _logger->Warning("Failed to write a change notice: %s", reason);
+  } catch (const std::exception&) {
+  }
+}
+
+void MessageWriter::EndNotices() {
+  MutexAutoLock lock(_outputMutex);
+  _hasEnded = true;
+}
+
+bool MessageWriter::CanBeReached() {
+  MutexAutoLock lock(_outputMutex);
+  return IsReachable();
+}
+
+bool MessageWriter::IsReachable() const {
+  return _out.good() && (!_messageObserver || _messageObserver->IsReachable(_out));
+}
+
+// Subscribers of the same change are mostly sent the same bytes, which this thread may just have made.
+void MessageWriter::MakeNotice(const std::set<std::string>& changedGroups) {
+  NoticeText& known = NoticeText::OfThisThread();
+  const unsigned long long version = _settingsManager.GetVersion();
+  const NoticeText::Key key{version, _serializer.load(), changedGroups};
+  NoticeText::Notice notice = known.Find(key);
+  if (!notice.text) {
+    auto groups = std::make_shared<GroupNameMatcher>();
+    groups->AddNamesAndPatterns(changedGroups);
+    _message.Reset(kKeptMemory);
+    Compose(changedGroups, *groups, *key.serializer);
+    notice = {std::make_shared<const std::string>(_message.GetText()), std::move(groups)};
+    _message.Reset(kKeptMemory);
+    if (version == _settingsManager.GetVersion()) known.Keep(key, notice);
+  }
+  if (!_messageObserver || !_messageObserver->OnSharedMessage(_out, notice.text, notice.groups.get()))
+    Write(*notice.text, notice.groups.get());
+}
+
+void MessageWriter::Compose(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
+                            const ISettingsSerializer& serializer) {
+  _message.AppendLine(protocol::kAsyncChange);
+  for (const std::string& group : changedGroups) {
+    if (IsLine(group)) _message.AppendLine(group);
+  }
+  _message.AppendLine(protocol::kTerminator);
+  _settingsManager.WriteGroups(_message, matcher, serializer);
+  _message.AppendLine(protocol::kTerminator);
+}
+
+// Half a notice may be out: nothing may follow it.
+void MessageWriter::Break() {
+  if (_messageObserver) _messageObserver->OnMessageLost(_out);
+  _out.setstate(std::ios::badbit);
+}
+
+void MessageWriter::Write(const std::string& message, const GroupNameMatcher* groups) {
+  if (_messageObserver) _messageObserver->OnMessage(_out, groups);
+  _out.write(message.data(), static_cast<std::streamsize>(message.size()));
+  _out.flush();
+}
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "tavix/core/MemoryStream.h"
+#include "tavix/osa/Mutex.h"
+#include "tavix/osa/MutexAutoLock.h"
+#include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/NoticeRound.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::core {
+class Logger;
+}
+
+namespace tavix::settings::server {
+
+class IMessageObserver;
+struct ServerEnv;
+
+// Writes what a connection is told: replies and notices, each whole and flushed. Once the output is broken, or nobody
+// can read it any more, messages are not even made.
+//
+// Threads: replies are written by the connection's handler, notices by the threads that make changes.
+// Locks:   the output mutex, outside the store's "SettingsMutex". Nobody takes the notification gate or a dispatcher's
+//          mutex inside it.
+// Owns:    neither environment nor stream; both outlive EndNotices. It may itself outlive its handler in a round of
+//          notices, which are dropped then.
+// Errors:  replies pass on what the store throws. A notice that can't be written breaks the output.
+class MessageWriter : public NoticeRound::IReceiver {
+ public:
+  MessageWriter(const ServerEnv& env, std::ostream& out);
+
+  // Used by all messages from now on. From any thread.
+  void SetSerializer(const ISettingsSerializer& serializer) { _serializer = &serializer; }
+  const ISettingsSerializer& GetSerializer() const { return *_serializer; }
+
+  // Writes what "compose" adds to a StringOstream. groups: those that the reply shows; null: it may show any.
+  template <class Compose>
+  void Reply(const common::GroupNameMatcher* groups, Compose compose) {
+    osa::MutexAutoLock lock(_outputMutex);
+    if (!IsReachable()) return;
+    _message.Reset(kKeptMemory);
+    try {
+      compose(_message);
+    } catch (...) {
+      _message.Reset(kKeptMemory);
+      throw;
+    }
+    Write(_message.GetText(), groups);
+    _message.Reset(kKeptMemory);
+  }
+
+  // The same for a text that is made in parts. Notices wait for the output mutex, so it is taken before the last part
+  // only. The reply then holds each change that was made before, and a notice of any later one follows it: a client may
+  // rely on whichever comes last. compose: adds to the stream, as it is asked between the parts.
+  using ComposeParts = std::function<void(core::StringOstream&, const SettingsManager::BetweenParts&)>;
+  void ReplyInParts(const common::GroupNameMatcher* groups, const std::function<bool()>& isStopped,
+                    const ComposeParts& compose) TAVIX_NO_THREAD_SAFETY_ANALYSIS;  // "compose" has the mutex taken
+
+  // The same for a text that is made without the output mutex, and only if somebody may read it.
+  void ReplyUnlocked(const common::GroupNameMatcher* groups, const std::function<void(core::StringOstream&)>& compose);
+
+  void WriteNotice(const std::set<std::string>& changedGroups) noexcept override;
+
+  // A notice could not even be kept for later: nothing may follow it.
+  void OnNoticeLost(const char* reason) noexcept;
+
+  // Returns when no notice is being written; none follows.
+  void EndNotices();
+
+ private:
+  static constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
+
+  void LogLoss(const char* reason) noexcept;
+  bool CanBeReached();
+  bool IsReachable() const TAVIX_REQUIRES(_outputMutex);
+  void MakeNotice(const std::set<std::string>& changedGroups) TAVIX_REQUIRES(_outputMutex);
+  void Compose(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
+               const ISettingsSerializer& serializer) TAVIX_REQUIRES(_outputMutex);
+  void Break() TAVIX_REQUIRES(_outputMutex);
+  void Write(const std::string& message, const common::GroupNameMatcher* groups) TAVIX_REQUIRES(_outputMutex);
+
+  core::Logger* const _logger;
+  const SettingsManager& _settingsManager;
+  IMessageObserver* const _messageObserver;  // may be null
+  std::atomic<const ISettingsSerializer*> _serializer;
+  osa::Mutex _outputMutex;
+  std::ostream& _out TAVIX_GUARDED_BY(_outputMutex);
+  core::StringOstream _message TAVIX_GUARDED_BY(_outputMutex);  // kept for its memory only
+  bool _hasEnded TAVIX_GUARDED_BY(_outputMutex) = false;
+};
+
+}  // namespace tavix::settings::server
