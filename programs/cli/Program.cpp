@@ -10,9 +10,9 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Completer.h"
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -68,4 +68,4 @@ int RunProgram(int argc, char** argv) {
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -1,8 +1,8 @@
 #pragma once
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // The whole program. Returns an ExitCode. SIGPIPE ends it as it ends any filter, SIGINT with kExitInterrupted.
 int RunProgram(int argc, char** argv);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -1,5 +1,5 @@
 #include "programs/cli/Program.h"
 
 int main(int argc, char** argv) {
-  return tavix::cli::RunProgram(argc, argv);
+  return tavix::programs::cli::RunProgram(argc, argv);
 }

@@ -5,11 +5,11 @@
 
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/ParserWords.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -208,4 +208,4 @@ std::string CommandLine::GetHelp(const std::string& command) const {
                 "there is no command '" + SpellValue(command) + "'" + DidYouMean(command, CommandNames(*_app)));
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

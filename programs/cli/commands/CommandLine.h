@@ -8,7 +8,7 @@
 #include "programs/cli/commands/CommandOptions.h"
 #include "programs/cli/commands/Context.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // The commands with their options, and the parser over them.
 class CommandLine {
@@ -53,4 +53,4 @@ class CommandLine {
   Action _action;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -4,7 +4,7 @@
 
 #include "programs/cli/commands/ParserWords.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -76,4 +76,4 @@ void CommandOptions::SetFooter(const std::string& text) const {
   _command.footer(text);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -9,7 +9,7 @@ class App;
 class Option;
 }  // namespace CLI
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // An option or positional that was declared; the command line keeps it. Each operation returns the same one.
 class DeclaredOption {
@@ -59,4 +59,4 @@ class CommandOptions {
   CLI::App& _command;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

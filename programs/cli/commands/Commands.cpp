@@ -1,6 +1,6 @@
 #include "programs/cli/commands/Commands.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 void AddAllCommands(CommandLine& line) {
   AddGet(line);
@@ -25,4 +25,4 @@ void AddAllCommands(CommandLine& line) {
   AddHelp(line);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

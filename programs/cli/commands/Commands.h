@@ -1,7 +1,7 @@
 #pragma once
 
 // One function for each command, in a source of its own: it declares the command, its options and what it does.
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 class CommandLine;
 
@@ -29,4 +29,4 @@ void AddHelp(CommandLine& line);
 // All of them, in the order in which help shows them.
 void AddAllCommands(CommandLine& line);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

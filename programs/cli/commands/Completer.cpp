@@ -10,13 +10,13 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/session/Bookings.h"
-#include "programs/cli/session/Writes.h"
 #include "programs/cli/terminal/Console.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/LogLevels.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/LogLevels.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -236,4 +236,4 @@ void Completer::Offer(const Words& candidates, const std::string& prefix) const 
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -9,7 +9,7 @@ namespace CLI {
 class App;
 }
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 class CommandLine;
 
@@ -49,4 +49,4 @@ class Completer {
   std::string _current;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,11 +3,11 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/CompletionScripts.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -32,4 +32,4 @@ void AddCompletion(CommandLine& line) {
   command.SetFooter("For example: eval \"$(tavix-settings completion bash)\"\n");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -1,12 +1,28 @@
 #include "programs/cli/commands/Context.h"
 
 #include <algorithm>
+#include <limits>
 
-#include "programs/cli/session/DaemonSession.h"
 #include "programs/cli/session/LocalSession.h"
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/DaemonSession.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
+
+namespace {
+
+std::unique_ptr<Session> Connect(const GlobalOptions& options) {
+  settings::client::ProtocolOptions client;
+  client.address = options.server;
+  client.addressSource = "--server";
+  client.timeouts.silence = options.GetTimeout();
+  client.maxMessageBytes = std::numeric_limits<size_t>::max();  // a store is as large as its owner lets it be
+  return std::make_unique<DaemonSession>(
+      client, "start one with 'tavix-settings-server', name another with --server, or use --local FILE",
+      options.verbose ? Console::Trace : nullptr);
+}
+
+}  // namespace
 
 Session& Context::GetSession() {
   return _session ? *_session : Reconnect();
@@ -15,8 +31,7 @@ Session& Context::GetSession() {
 Session& Context::Reconnect() {
   _session.reset();
   if (_options.local.empty()) {
-    _session = std::make_unique<DaemonSession>(_options.server, _options.GetTimeout(),
-                                               _options.verbose ? Console::Trace : nullptr);
+    _session = Connect(_options);
   } else {
     _session = std::make_unique<LocalSession>(_options.local, _options.GetTimeout());
   }
@@ -33,4 +48,4 @@ void Context::RequireOutput(std::initializer_list<Output> allowed) const {
                                 "', only as " + names);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,11 +3,11 @@
 #include <initializer_list>
 #include <memory>
 
-#include "programs/cli/session/Session.h"
 #include "programs/cli/terminal/Console.h"
 #include "programs/cli/terminal/GlobalOptions.h"
+#include "programs/common/client/Session.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // What a command runs with.
 //
@@ -38,4 +38,4 @@ class Context {
   std::unique_ptr<Session> _session;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

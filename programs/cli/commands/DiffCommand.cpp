@@ -2,12 +2,14 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Backup.h"
 #include "programs/cli/terminal/PrintedChanges.h"
-#include "programs/cli/text/Changes.h"
-#include "programs/cli/text/Failure.h"
+#include "programs/cli/text/ReadFile.h"
+#include "programs/cli/text/Words.h"
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -22,7 +24,7 @@ struct Options {
 // A restricted group counts when the file holds it: exports leave the others out.
 IniFile ReadOther(Session& session, const Options& options, const IniFile& file) {
   size_t leftOut = 0;
-  IniFile settings = ReadStore(session, options.words, options.isUserLayer, leftOut);
+  IniFile settings = ReadStore(session, ParseSelection(options.words), options.isUserLayer, leftOut);
   if (leftOut == 0) return settings;
   std::set<std::string> restricted;
   for (const auto& [group, keys] : file) {
@@ -34,7 +36,7 @@ IniFile ReadOther(Session& session, const Options& options, const IniFile& file)
 
 int Diff(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  const IniFile file = SelectGroups(ReadDocument(options.file), options.words);
+  const IniFile file = SelectGroups(ReadDocument(options.file), ParseSelection(options.words));
   const std::vector<Change> changes = FindChanges(ReadOther(context.GetSession(), options, file), file);
   if (!changes.empty() || context.PrintsJson())
     PrintChanges(context.GetConsole(), context.GetOptions().output, changes);
@@ -52,4 +54,4 @@ void AddDiff(CommandLine& line) {
   command.AddFlag("--user", options->isUserLayer, "Compare with what users changed only");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -10,17 +10,17 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/session/ReplaceFile.h"
-#include "programs/cli/session/Writes.h"
 #include "programs/cli/terminal/ChildProcess.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
-#include "programs/cli/text/Changes.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
 #include "tavix/osa/Exception.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -209,4 +209,4 @@ void AddEdit(CommandLine& line) {
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -2,13 +2,13 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Backup.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -20,7 +20,8 @@ struct Options {
 int Export(Context& context, const Options& options) {
   context.RequireOutput({Output::kIni, Output::kJson});
   size_t leftOut = 0;
-  const core::IniFile settings = ReadStore(context.GetSession(), options.words, options.isUserLayer, leftOut);
+  const core::IniFile settings =
+      ReadStore(context.GetSession(), ParseSelection(options.words), options.isUserLayer, leftOut);
   if (settings.IsEmpty() && !options.words.empty())
     throw Failure(kExitNo, DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
   PrintAs(context.GetConsole(), context.GetOptions().output, settings);
@@ -39,4 +40,4 @@ void AddExport(CommandLine& line) {
   command.AddFlag("--user", options->isUserLayer, "Only what users changed, and what they deleted");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

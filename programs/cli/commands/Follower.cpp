@@ -4,9 +4,9 @@
 #include <thread>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -67,4 +67,4 @@ bool Follower::ReconnectUntil(End end) {
   return false;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

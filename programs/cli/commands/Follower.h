@@ -8,7 +8,7 @@
 #include "programs/cli/commands/Context.h"
 #include "tavix/core/IniFile.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Keeps a copy of groups in step with the store, across lost connections: whatever still differs once there is one
 // again is seen then.
@@ -39,4 +39,4 @@ class Follower {
   core::IniFile _settings;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

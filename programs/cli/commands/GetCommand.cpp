@@ -5,12 +5,12 @@
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -126,4 +126,4 @@ void AddGet(CommandLine& line) {
   command.AddFlag("-n,--no-newline", options->endsWithNothing, "End a value with nothing");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

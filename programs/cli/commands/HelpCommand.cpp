@@ -2,9 +2,9 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 void AddHelp(CommandLine& line) {
   const auto name = std::make_shared<std::string>();
@@ -16,4 +16,4 @@ void AddHelp(CommandLine& line) {
   command.AddText("COMMAND", *name, "The command; the program's own help without it");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

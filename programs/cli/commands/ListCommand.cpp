@@ -5,14 +5,14 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Layers.h"
 #include "programs/cli/session/Missing.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/Spelling.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Layers.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 using nlohmann::json;
@@ -104,4 +104,4 @@ void AddList(CommandLine& line) {
   command.AddFlag("--origin", options->origin, "Tell the layer: default, user, mixed or restricted");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

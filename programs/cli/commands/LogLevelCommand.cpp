@@ -4,15 +4,15 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Writes.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/LogLevels.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/LogLevels.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
+#include "programs/common/client/Writes.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -104,4 +104,4 @@ void AddLogLevel(CommandLine& line) {
   command.AddText("LEVEL", options->level, "error, warning, notice, information, trace, or a number from 0 to 8");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -1,6 +1,6 @@
 #include "programs/cli/commands/ParserWords.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -27,4 +27,4 @@ std::string UnmarkWord(const std::string& word) {
   return !word.empty() && word.front() == kWordMark ? word.substr(1) : word;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

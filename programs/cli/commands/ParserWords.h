@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // The parser gives some words a meaning of its own: "[a,b]" is a list, "{}" an empty one, "-5" an option. Values are
 // bytes, so that these words are marked on their way through it.
@@ -14,4 +14,4 @@ std::string MarkWord(const std::string& word);
 // Takes the mark from the front, if there is one.
 std::string UnmarkWord(const std::string& word);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -2,17 +2,17 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/UserLayer.h"
-#include "programs/cli/session/Writes.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
-#include "programs/cli/text/Changes.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/UserLayer.h"
+#include "programs/common/client/Writes.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -26,7 +26,7 @@ struct Options {
 
 // The groups that users changed or deleted: those alone can differ from the defaults.
 std::set<std::string> FindUserGroups(Session& session, const std::vector<std::string>& words) {
-  UserLayer layer = UserLayer::From(session.GetUserSettings(), words);
+  UserLayer layer = UserLayer::From(session.GetUserSettings(), ParseSelection(words));
   layer.DropRestricted(session);
   std::set<std::string> found = NamesOf(layer.settings);
   found.insert(layer.deleted.begin(), layer.deleted.end());
@@ -77,4 +77,4 @@ void AddReset(CommandLine& line) {
   command.AddFlag("--dry-run", options->isDryRun, "Print the groups that users changed or deleted, and change nothing");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -5,12 +5,12 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/session/Bookings.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using nlohmann::json;
 using settings::ResourceFigures;
@@ -181,4 +181,4 @@ void AddResource(CommandLine& line) {
   AddConsumer(release, *options);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -5,11 +5,11 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -100,4 +100,4 @@ void AddSearch(CommandLine& line) {
   command.AddFlag("-g,--groups", options->groupsOnly, "Look at groups' names only, and print those").Exclude(keys);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

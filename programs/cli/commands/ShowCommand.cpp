@@ -3,14 +3,14 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Layers.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Layers.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 using nlohmann::json;
@@ -77,4 +77,4 @@ void AddShow(CommandLine& line) {
   command.AddFlag("--origin", options->origin, "Tell the layer in front: default, user or restricted");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -7,10 +7,10 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -92,4 +92,4 @@ void AddStatus(CommandLine& line) {
   line.Add("status,ping", "Tell whether the server is reachable, how quickly, and how much it holds", PrintStatus);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

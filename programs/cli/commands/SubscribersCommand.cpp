@@ -2,11 +2,11 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -29,4 +29,4 @@ void AddSubscribers(CommandLine& line) {
   line.Add("subscribers", "Print the groups and patterns that programs have subscribed to", PrintSubscribers);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

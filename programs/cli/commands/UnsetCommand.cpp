@@ -3,14 +3,14 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/session/Missing.h"
-#include "programs/cli/session/Writes.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
-#include "programs/cli/text/Changes.h"
-#include "programs/cli/text/Failure.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Writes.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -71,4 +71,4 @@ void AddUnset(CommandLine& line) {
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,11 +3,11 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Follower.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -137,4 +137,4 @@ void AddWait(CommandLine& line) {
   command.AddFlag("--changed", options->isChanged, "Until the settings are not what they are now").Exclude(unset);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

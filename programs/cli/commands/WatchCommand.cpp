@@ -6,12 +6,12 @@
 #include "programs/cli/terminal/ChildProcess.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
-#include "programs/cli/text/Changes.h"
-#include "programs/cli/text/Failure.h"
 #include "programs/cli/text/Words.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Failure.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -139,4 +139,4 @@ void AddWatch(CommandLine& line) {
                   "Run this by the shell for each change, with TAVIX_GROUP, TAVIX_KEY, TAVIX_OLD and TAVIX_NEW");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,12 +3,12 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "programs/cli/session/Writes.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
 #include "tavix/core/StringUtil.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 using settings::ResourceFigures;
@@ -50,4 +50,4 @@ std::optional<int> Book(Session& session, const std::string& consumer, const std
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,11 +3,11 @@
 #include <optional>
 #include <string>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/ResourceFigures.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // What a person asks for: a whole number, or a share of the total.
 struct Amount {
@@ -31,4 +31,4 @@ std::optional<int> FindBooking(const settings::ResourceFigures& figures, const s
 std::optional<int> Book(Session& session, const std::string& consumer, const std::string& resource,
                         const Amount& amount);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -10,11 +10,11 @@
 #include <cstring>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
 #include "programs/cli/text/ReadFile.h"
+#include "programs/common/client/Failure.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 using std::chrono::milliseconds;
@@ -165,4 +165,4 @@ std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseco
   return notice;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,10 +3,10 @@
 #include <optional>
 
 #include "programs/cli/session/ReplaceFile.h"
-#include "programs/cli/session/Session.h"
 #include "programs/cli/text/LocalText.h"
+#include "programs/common/client/Session.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // A settings file in place of a daemon. It has one layer: nothing in it is restricted, and what is brought back to its
 // defaults goes, so that the defaults count again wherever the file is used. A file that is missing can be written, and
@@ -58,4 +58,4 @@ class LocalSession : public Session {
   int _watch = -1;    // a descriptor of inotify(7)
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

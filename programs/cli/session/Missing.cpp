@@ -2,11 +2,11 @@
 
 #include <vector>
 
-#include "programs/cli/session/Writes.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
+#include "programs/common/client/Writes.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -31,4 +31,4 @@ std::string DescribeMissingSetting(Session& session, const std::string& group, c
   return text + DidYouMean(key, keys);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

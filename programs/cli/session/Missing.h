@@ -3,11 +3,11 @@
 #include <set>
 #include <string>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 
 // What is said when the store does not hold what was asked for. The answer is no anyway, and a look at all names costs
 // little: somebody who mistyped one is told which he may have meant.
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // No group matches these names and patterns.
 std::string DescribeMissingGroups(Session& session, const std::set<std::string>& groups);
@@ -15,4 +15,4 @@ std::string DescribeMissingGroups(Session& session, const std::set<std::string>&
 // A setting is not there.
 std::string DescribeMissingSetting(Session& session, const std::string& group, const std::string& key);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

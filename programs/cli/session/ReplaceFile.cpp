@@ -12,12 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "programs/cli/text/Failure.h"
 #include "programs/common/LinkTarget.h"
 #include "programs/common/SettingsFileNames.h"
+#include "programs/common/client/Failure.h"
 #include "tavix/osa/Descriptor.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -155,4 +155,4 @@ void FileLock::Lock(const std::string& path, std::chrono::milliseconds patience)
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

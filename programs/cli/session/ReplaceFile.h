@@ -5,7 +5,7 @@
 
 #include "tavix/osa/Descriptor.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // The directory of what "path" leads to, where links end.
 std::string FindDirectory(const std::string& path);
@@ -34,4 +34,4 @@ class FileLock {
   const osa::Descriptor _descriptor;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Failure.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -55,4 +55,4 @@ int RunShell(const std::string& command, const std::vector<std::string>& argumen
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Runs a shell with "command", which finds the arguments as "$1", "$2" and so on, and the variables in its environment.
 // Interrupts meanwhile are the child's affair. Returns its exit status; 128 and the signal's number when one ended it.
@@ -12,4 +12,4 @@ namespace tavix::cli {
 int RunShell(const std::string& command, const std::vector<std::string>& arguments,
              const std::map<std::string, std::string>& variables);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -4,10 +4,10 @@
 
 #include "programs/cli/terminal/Console.h"
 #include "programs/cli/terminal/Documents.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -41,4 +41,4 @@ bool HasPattern(const std::set<std::string>& groups) {
                      [](const std::string& group) { return group.find('*') != std::string::npos; });
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

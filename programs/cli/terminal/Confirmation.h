@@ -3,7 +3,7 @@
 #include <set>
 #include <string>
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Asks before something is done to groups that a pattern named, on a terminal; elsewhere --yes has to be given.
 // verb: "delete". Throws Failure: kExitUsage when nobody can be asked, kExitNo when the answer is no.
@@ -11,4 +11,4 @@ void Confirm(const std::string& verb, const std::set<std::string>& groups, bool 
 
 bool HasPattern(const std::set<std::string>& groups);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

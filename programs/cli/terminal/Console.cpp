@@ -9,10 +9,10 @@
 #include <cstring>
 #include <iostream>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -122,4 +122,4 @@ bool Console::Ask(const std::string& question) {
   return !answer.empty() && (answer.front() == 'y' || answer.front() == 'Y');
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -4,7 +4,7 @@
 
 #include "programs/cli/terminal/GlobalOptions.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // The standard streams: data goes to standard output, talk to standard error.
 //
@@ -68,4 +68,4 @@ class Console {
   bool _hasProgress = false;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

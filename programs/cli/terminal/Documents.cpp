@@ -2,11 +2,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -86,4 +86,4 @@ size_t CountSettings(const IniFile& settings) {
   return count;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -6,7 +6,7 @@
 #include "tavix/core/IniFile.h"
 
 // Settings in each form of output.
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Settings text. isSpaced: with an empty line between groups.
 void PrintIni(Console& console, const core::IniFile& settings, bool isSpaced);
@@ -26,4 +26,4 @@ std::string Count(size_t count, const std::string& noun);
 
 size_t CountSettings(const core::IniFile& settings);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // How data is printed.
 enum class Output {
@@ -31,4 +31,4 @@ struct GlobalOptions {
   }
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -2,10 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using nlohmann::json;
 
@@ -50,4 +50,4 @@ void PrintEvent(Console& console, Output output, const Change& change) {
                 ShowSide(console, change.after, Console::kAdded) + "\n");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

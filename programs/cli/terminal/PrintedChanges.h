@@ -3,10 +3,10 @@
 #include <vector>
 
 #include "programs/cli/terminal/Console.h"
-#include "programs/cli/text/Changes.h"
+#include "programs/common/client/Changes.h"
 
 // How what differs between two documents is shown.
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Lines with '-' for what goes and '+' for what comes; with kJson, an array of objects.
 void PrintChanges(Console& console, Output output, const std::vector<Change>& changes);
@@ -14,4 +14,4 @@ void PrintChanges(Console& console, Output output, const std::vector<Change>& ch
 // "[group]key: old -> new" on one line; with kJson, one object on one line.
 void PrintEvent(Console& console, Output output, const Change& change);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

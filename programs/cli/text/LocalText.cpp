@@ -5,11 +5,11 @@
 #include <sstream>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 #include "tavix/osa/Exception.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -151,4 +151,4 @@ std::string LocalText::ToText() const {
   return text;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

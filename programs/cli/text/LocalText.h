@@ -6,7 +6,7 @@
 
 #include "tavix/core/IniFile.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // Settings text that a person may have written, and that is changed without losing what is not settings: comments,
 // blank lines, the order of lines, their spelling and their ends stay where nothing changes; new lines end as their
@@ -58,4 +58,4 @@ class LocalText {
   std::string _openGroup;  // while lines are added
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

@@ -6,10 +6,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Failure.h"
 #include "tavix/osa/Descriptor.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 namespace {
 
@@ -41,4 +42,8 @@ std::string ReadFile(const std::string& path) {
   return ReadAll(file.Get(), path);
 }
 
-}  // namespace tavix::cli
+core::IniFile ReadDocument(const std::string& path) {
+  return ParseDocument(ReadFile(path), path == "-" ? "standard input" : path);
+}
+
+}  // namespace tavix::programs::cli

@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
 #include "programs/cli/text/ReadFile.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 using core::IniFile;
 
@@ -167,6 +167,10 @@ IniFile ParseConditions(const Words& words, const std::string& option) {
   return ParseAssignments(words);
 }
 
+std::set<std::string> ParseSelection(const Words& words) {
+  return words.empty() ? std::set<std::string>() : ParseGroups(words);
+}
+
 std::set<std::string> ParseGroups(const Words& words) {
   std::set<std::string> groups;
   for (const std::string& word : words) {
@@ -178,4 +182,4 @@ std::set<std::string> ParseGroups(const Words& words) {
   return groups;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs::cli

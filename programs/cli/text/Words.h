@@ -10,7 +10,7 @@
 // What words on the command line mean. "[group]key" names a setting, spelled as in settings text; GROUP and KEY as two
 // bare words name it as they are; a bare word alone is a group, or a '*' pattern of groups. A setting of a pattern is
 // refused: what names a group for reading or replacing would mean others too.
-namespace tavix::cli {
+namespace tavix::programs::cli {
 
 // A group or pattern, or with a key one setting.
 struct Target {
@@ -42,4 +42,7 @@ core::IniFile ParseConditions(const std::vector<std::string>& words, const std::
 // Words as groups and patterns; without any, all groups. Throws Failure for a setting.
 std::set<std::string> ParseGroups(const std::vector<std::string>& words);
 
-}  // namespace tavix::cli
+// The same, but nothing without any word: all of a document is meant then, and of a store all that is not restricted.
+std::set<std::string> ParseSelection(const std::vector<std::string>& words);
+
+}  // namespace tavix::programs::cli

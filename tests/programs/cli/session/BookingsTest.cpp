@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "programs/cli/text/Failure.h"
+#include "programs/common/client/Failure.h"
 
 namespace tavix::test {
 
@@ -14,11 +14,11 @@ using settings::ResourceFigures;
 using testing::Optional;
 
 TEST(Bookings, AmountIsAWholeNumberOrAShare) {
-  EXPECT_EQ(cli::ParseAmount("20").number, 20);
-  EXPECT_FALSE(cli::ParseAmount("-3").isShare);
-  EXPECT_DOUBLE_EQ(cli::ParseAmount("12.5%").percent, 12.5);
+  EXPECT_EQ(programs::cli::ParseAmount("20").number, 20);
+  EXPECT_FALSE(programs::cli::ParseAmount("-3").isShare);
+  EXPECT_DOUBLE_EQ(programs::cli::ParseAmount("12.5%").percent, 12.5);
   for (const char* text : {"", "x", "5 %", "%", "1.5", "nan%", "20%%"}) {
-    EXPECT_THROW(cli::ParseAmount(text), cli::Failure) << text;
+    EXPECT_THROW(programs::cli::ParseAmount(text), programs::Failure) << text;
   }
 }
 
@@ -27,7 +27,8 @@ TEST(Bookings, WholePercentsOfAHundredAreThatNumber) {
   const ResourceFigures figures(none);
   for (int percent = 0; percent <= 100; ++percent) {
     const std::string text = std::to_string(percent) + "%";
-    EXPECT_THAT(cli::FindBooking(figures, "A", "R", cli::ParseAmount(text)), Optional(percent)) << text;
+    EXPECT_THAT(programs::cli::FindBooking(figures, "A", "R", programs::cli::ParseAmount(text)), Optional(percent))
+        << text;
   }
 }
 

@@ -23,7 +23,7 @@ TEST(LocalText, SaysWhatItWasToldWhateverStoodThereBefore) {
   for (int i = 0; i < 300; ++i) {
     std::ostringstream before;
     core::IniFile(documents.Next()).SaveToStream(before);
-    cli::LocalText text("# first\n\n" + before.str() + "# last", "x");
+    programs::cli::LocalText text("# first\n\n" + before.str() + "# last", "x");
     const core::IniFile after(documents.Next());
     text.Change(after);
     EXPECT_EQ(Parse(text.ToText()).GetGroups(), after.GetGroups());
@@ -32,7 +32,7 @@ TEST(LocalText, SaysWhatItWasToldWhateverStoodThereBefore) {
 }
 
 TEST(LocalText, AddsLinesThatEndAsTheirNeighboursDo) {
-  cli::LocalText text("[a]\r\nk=1\r\n[b]\r\n", "x");
+  programs::cli::LocalText text("[a]\r\nk=1\r\n[b]\r\n", "x");
   core::IniFile settings = text.GetSettings();
   settings.SetValue("a", "l", "2");
   settings.SetValue("b", "m", "3");
@@ -43,7 +43,7 @@ TEST(LocalText, AddsLinesThatEndAsTheirNeighboursDo) {
 
 TEST(LocalText, KeepsEveryLineThatDoesNotChange) {
   const std::string before = "\xEF\xBB\xBF[a]\r\nk = 1\n#c\n[b]\n[a]\nk=2\nl=\\q\n";
-  cli::LocalText text(before, "x");
+  programs::cli::LocalText text(before, "x");
   EXPECT_EQ(text.ToText(), before);
   core::IniFile settings = text.GetSettings();
   settings.SetValue("a", "k", "3");

@@ -1,11 +1,11 @@
-#include "programs/cli/session/Writes.h"
+#include "programs/common/client/Writes.h"
 
 #include <algorithm>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 
@@ -192,4 +192,4 @@ void Apply(Session& session, const IniFile& before, const IniFile& after) {
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

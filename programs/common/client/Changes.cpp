@@ -1,10 +1,10 @@
-#include "programs/cli/text/Changes.h"
+#include "programs/common/client/Changes.h"
 
 #include <nlohmann/json.hpp>
 
-#include "programs/cli/text/Json.h"
+#include "programs/common/client/Json.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 using nlohmann::json;
@@ -59,4 +59,4 @@ json ToJson(const Change& change) {
   return object;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

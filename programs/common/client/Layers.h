@@ -2,10 +2,10 @@
 
 #include <string>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 #include "tavix/core/IniFile.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // Tells which layer of the store a setting that readers see comes from.
 class Layers {
@@ -24,4 +24,4 @@ class Layers {
   const core::IniFile _user;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

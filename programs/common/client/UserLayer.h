@@ -2,12 +2,11 @@
 
 #include <set>
 #include <string>
-#include <vector>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 #include "tavix/core/IniFile.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // What clients wrote over the defaults: settings, and the names and patterns of the groups that they deleted. A plain
 // value.
@@ -16,7 +15,7 @@ struct UserLayer {
   std::set<std::string> deleted;
 
   // The part of a document, such as a backup of the layer, that groups and patterns mean; all of it without any.
-  static UserLayer From(const core::IniFile& document, const std::vector<std::string>& groups);
+  static UserLayer From(const core::IniFile& document, const std::set<std::string>& groups);
 
   // Takes out what no client could write.
   void DropRestricted(const Session& session);
@@ -33,4 +32,4 @@ struct UserLayer {
 // Reads back what was set, and throws as the functions of Writes.h do.
 void ReplaceUserLayer(Session& session, const UserLayer& before, const UserLayer& wanted, bool isWhole);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // The candidate that somebody who wrote "word" is likely to have meant: few typing errors away from it, exchanged
 // neighbours and other case counted as one each. Empty when there is none.
@@ -12,4 +12,4 @@ std::string FindSimilar(const std::string& word, const std::vector<std::string>&
 // "; did you mean 'x'?", or nothing.
 std::string DidYouMean(const std::string& word, const std::vector<std::string>& candidates);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -1,4 +1,4 @@
-#include "programs/cli/text/Json.h"
+#include "programs/common/client/Json.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,10 +7,10 @@
 #include <sstream>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 using nlohmann::json;
@@ -222,4 +222,4 @@ IniFile FromJson(const std::string& text, const std::string& source) {
   return reader.TakeSettings();
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

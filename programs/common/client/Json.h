@@ -9,7 +9,7 @@
 // Settings as JSON: an object of groups, each an object of keys with strings. JSON's strings are text, settings are
 // bytes. So a value that is not UTF-8 is the object {"base64": "..."}, and a name or key that is not, or that begins
 // with "base64:", is "base64:" with its base64 behind.
-namespace tavix::cli {
+namespace tavix::programs {
 
 nlohmann::json NameToJson(const std::string& name);
 nlohmann::json ValueToJson(const std::string& value);
@@ -31,4 +31,4 @@ bool LooksLikeJson(const std::string& text);
 // kExitBadInput, with "source" and the line.
 core::IniFile FromJson(const std::string& text, const std::string& source);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -1,4 +1,4 @@
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Spelling.h"
 
 #include <gtest/gtest.h>
 
@@ -19,10 +19,10 @@ core::IniFile Parse(const std::string& text) {
 
 TEST(Spelling, KnowsUtf8) {
   for (const char* text : {"", "abc", "caf\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF"})
-    EXPECT_TRUE(cli::IsUtf8(text)) << text;
+    EXPECT_TRUE(programs::IsUtf8(text)) << text;
   for (const char* text :
        {"\xFF", "\xC3", "\xC0\x80", "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xE2\x82"})
-    EXPECT_FALSE(cli::IsUtf8(text)) << cli::SpellValue(text);
+    EXPECT_FALSE(programs::IsUtf8(text)) << programs::SpellValue(text);
 }
 
 TEST(Spelling, ReadsBackAsTheSameBytesAndAsSettingsText) {
@@ -31,11 +31,11 @@ TEST(Spelling, ReadsBackAsTheSameBytesAndAsSettingsText) {
     const std::string name = documents.NextText(12);
     const std::string key = documents.NextText(12);
     const std::string value = documents.NextText(12);
-    EXPECT_EQ(cli::Unspell(cli::SpellName(name)), name);
-    EXPECT_EQ(cli::Unspell(cli::SpellKey(key)), key);
-    EXPECT_EQ(cli::Unspell(cli::SpellValue(value)), value);
-    const core::IniFile settings =
-        Parse("[" + cli::SpellName(name) + "]\n" + cli::SpellKey(key) + "=" + cli::SpellValue(value) + "\n");
+    EXPECT_EQ(programs::Unspell(programs::SpellName(name)), name);
+    EXPECT_EQ(programs::Unspell(programs::SpellKey(key)), key);
+    EXPECT_EQ(programs::Unspell(programs::SpellValue(value)), value);
+    const core::IniFile settings = Parse("[" + programs::SpellName(name) + "]\n" + programs::SpellKey(key) + "=" +
+                                         programs::SpellValue(value) + "\n");
     EXPECT_EQ(settings.GetValue(name, key), value);
   }
 }
@@ -43,8 +43,8 @@ TEST(Spelling, ReadsBackAsTheSameBytesAndAsSettingsText) {
 TEST(Spelling, IsUtf8WithoutControlCharacters) {
   RandomDocuments documents(4);
   for (int i = 0; i < 3000; ++i) {
-    const std::string spelled = cli::SpellValue(documents.NextText(20));
-    EXPECT_TRUE(cli::IsUtf8(spelled));
+    const std::string spelled = programs::SpellValue(documents.NextText(20));
+    EXPECT_TRUE(programs::IsUtf8(spelled));
     for (const char c : spelled) EXPECT_TRUE(static_cast<unsigned char>(c) >= 0x20 && c != 0x7F);
     EXPECT_EQ(spelled.find("\xC2\x9B"), std::string::npos);
   }

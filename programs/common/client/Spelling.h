@@ -6,7 +6,7 @@
 // How names, keys and values are spelled in what is printed and in arguments: as settings text (docs/settings-text.md),
 // with two additions so that no byte can upset a terminal: what is not UTF-8, and the control characters above ASCII,
 // are spelled \xHH as well. Everything spelled so reads back as the same bytes.
-namespace tavix::cli {
+namespace tavix::programs {
 
 bool IsUtf8(std::string_view text);
 
@@ -27,4 +27,4 @@ std::string QuoteForShell(std::string_view text);
 // The name of a shell variable for a setting: every byte that a name can't hold becomes '_'.
 std::string ShellVariable(const std::string& group, const std::string& key);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -8,7 +8,7 @@
 #include "tavix/core/IniFile.h"
 
 // What differs between two documents.
-namespace tavix::cli {
+namespace tavix::programs {
 
 // One setting that differs; or, without a key, a group that came without settings or went.
 struct Change {
@@ -25,4 +25,4 @@ std::vector<Change> FindChanges(const core::IniFile& before, const core::IniFile
 // An object with "group", "key", "old" and "new"; or, without a key, with "group" and "event".
 nlohmann::json ToJson(const Change& change);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

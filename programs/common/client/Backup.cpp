@@ -1,22 +1,26 @@
-#include "programs/cli/session/Backup.h"
+#include "programs/common/client/Backup.h"
 
 #include <sstream>
 
-#include "programs/cli/session/Writes.h"
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Json.h"
-#include "programs/cli/text/ReadFile.h"
-#include "programs/cli/text/Words.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Writes.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 
-IniFile ReadDocument(const std::string& path) {
-  const std::string text = ReadFile(path);
-  const std::string source = path == "-" ? "standard input" : path;
+namespace {
+
+std::set<std::string> OrAll(const std::set<std::string>& groups) {
+  return groups.empty() ? std::set<std::string>{"*"} : groups;
+}
+
+}  // namespace
+
+IniFile ParseDocument(const std::string& text, const std::string& source) {
   if (LooksLikeJson(text)) return FromJson(text, source);
   std::istringstream in(text);
   IniFile settings;
@@ -28,8 +32,8 @@ IniFile ReadDocument(const std::string& path) {
   return settings;
 }
 
-IniFile ReadStore(Session& session, const std::vector<std::string>& groups, bool isUserLayer, size_t& leftOut) {
-  IniFile settings = isUserLayer ? SelectGroups(session.GetUserSettings(), groups) : session.Get(ParseGroups(groups));
+IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut) {
+  IniFile settings = isUserLayer ? SelectGroups(session.GetUserSettings(), groups) : session.Get(OrAll(groups));
   leftOut = 0;
   if (!groups.empty()) return settings;
   for (const std::string& name : NamesOf(settings)) {
@@ -40,9 +44,9 @@ IniFile ReadStore(Session& session, const std::vector<std::string>& groups, bool
   return settings;
 }
 
-IniFile SelectGroups(const IniFile& settings, const std::vector<std::string>& groups) {
+IniFile SelectGroups(const IniFile& settings, const std::set<std::string>& groups) {
   settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(ParseGroups(groups));
+  matcher.AddNamesAndPatterns(OrAll(groups));
   std::vector<IniFile::const_iterator> places;
   matcher.GetMatchingGroups(settings, places);
   IniFile selected;
@@ -50,4 +54,4 @@ IniFile SelectGroups(const IniFile& settings, const std::vector<std::string>& gr
   return selected;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -3,14 +3,14 @@
 #include <set>
 #include <string>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 #include "tavix/core/IniFile.h"
 
 // All that the commands write. Every function throws Failure, kExitRefused, for a restricted group before anything is
 // written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf, whose write has
 // one. Those that know what the store has to hold then throw Failure, kExitNotApplied, when something else stands
 // there.
-namespace tavix::cli {
+namespace tavix::programs {
 
 // Throws Failure, kExitRefused, when one of the groups can't be written.
 void RefuseRestricted(const Session& session, const std::set<std::string>& groups);
@@ -46,4 +46,4 @@ core::IniFile Restore(Session& session, const std::set<std::string>& groups);
 // replaced, and refused as RefusePatterns does.
 void Apply(Session& session, const core::IniFile& before, const core::IniFile& after);
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -1,14 +1,14 @@
-#include "programs/cli/text/LogLevels.h"
+#include "programs/common/client/LogLevels.h"
 
 #include <algorithm>
 #include <iterator>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Suggestion.h"
 #include "tavix/core/StringUtil.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 namespace {
 
@@ -48,4 +48,4 @@ int ParseLogLevel(const std::string& text) {
                 "error, warning, notice, information, trace, or a number from 0 to 8");
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

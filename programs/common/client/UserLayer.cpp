@@ -1,14 +1,13 @@
-#include "programs/cli/session/UserLayer.h"
+#include "programs/common/client/UserLayer.h"
 
 #include <algorithm>
 #include <iterator>
 
-#include "programs/cli/session/Backup.h"
-#include "programs/cli/session/Writes.h"
-#include "programs/cli/text/Words.h"
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Writes.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 
@@ -36,7 +35,7 @@ std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted)
 
 }  // namespace
 
-UserLayer UserLayer::From(const IniFile& document, const std::vector<std::string>& groups) {
+UserLayer UserLayer::From(const IniFile& document, const std::set<std::string>& groups) {
   UserLayer layer;
   layer.settings = document;
   layer.settings.RemoveGroup(kDeletedGroups);
@@ -45,7 +44,7 @@ UserLayer UserLayer::From(const IniFile& document, const std::vector<std::string
   std::set<std::string> deleted;
   for (const auto& [key, name] : document[kDeletedGroups]) deleted.insert(name);
   settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(ParseGroups(groups));
+  matcher.AddNamesAndPatterns(groups.empty() ? std::set<std::string>{"*"} : groups);
   matcher.GetMatchingGroups(deleted, layer.deleted);
   return layer;
 }
@@ -79,4 +78,4 @@ void ReplaceUserLayer(Session& session, const UserLayer& before, const UserLayer
   }
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

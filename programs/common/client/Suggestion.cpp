@@ -1,11 +1,11 @@
-#include "programs/cli/text/Suggestion.h"
+#include "programs/common/client/Suggestion.h"
 
 #include <algorithm>
 #include <cctype>
 
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Spelling.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 namespace {
 
@@ -49,4 +49,4 @@ std::string DidYouMean(const std::string& word, const std::vector<std::string>& 
   return similar.empty() ? similar : "; did you mean '" + SpellName(similar) + "'?";
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

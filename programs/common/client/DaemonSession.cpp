@@ -1,14 +1,13 @@
-#include "programs/cli/session/DaemonSession.h"
+#include "programs/common/client/DaemonSession.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
-#include "programs/cli/text/Failure.h"
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 using core::IniFile;
 using settings::client::ProtocolClient;
@@ -24,20 +23,6 @@ ExitCode ExitCodeOf(ProtocolException::Reason reason) {
       return kExitBadInput;
     default:
       return kExitNoServer;
-  }
-}
-
-// Runs a call of the client, and throws what the command makes of its errors.
-template <class Call>
-auto Run(Call call) {
-  try {
-    return call();
-  } catch (const ProtocolException& exception) {
-    const bool isUnreachable = exception.GetReason() == ProtocolException::Reason::kUnreachable;
-    throw Failure(ExitCodeOf(exception.GetReason()), exception.what(),
-                  isUnreachable
-                      ? "start one with 'tavix-settings-server', name another with --server, or use --local FILE"
-                      : exception.GetHint());
   }
 }
 
@@ -60,14 +45,18 @@ ProtocolClient::Trace Spelled(const DaemonSession::Trace& trace) {
 
 }  // namespace
 
-DaemonSession::DaemonSession(const std::string& server, std::chrono::milliseconds timeout, const Trace& trace) {
-  ProtocolClient::Options options;
-  options.address = server;
-  options.addressSource = "--server";
-  options.timeouts.silence = timeout;
-  options.maxMessageBytes = std::numeric_limits<size_t>::max();  // a store is as large as its owner lets it be
-  _client = Run([&] { return std::make_unique<ProtocolClient>(options, Spelled(trace)); });
+template <class Call>
+auto DaemonSession::Run(Call call) const {
+  try {
+    return call();
+  } catch (const ProtocolException& exception) {
+    const bool isUnreachable = exception.GetReason() == ProtocolException::Reason::kUnreachable;
+    throw Failure(ExitCodeOf(exception.GetReason()), exception.what(), isUnreachable ? _hint : exception.GetHint());
+  }
 }
+
+DaemonSession::DaemonSession(const settings::client::ProtocolOptions& options, std::string hint, const Trace& trace)
+    : _hint(std::move(hint)), _client(Run([&] { return std::make_unique<ProtocolClient>(options, Spelled(trace)); })) {}
 
 IniFile DaemonSession::Get(const Groups& groups) {
   return Run([&] { return _client->Get(groups); });
@@ -111,4 +100,4 @@ std::optional<Session::Notice> DaemonSession::AwaitNotice(std::optional<std::chr
   return Notice{std::move(notice->groups), std::move(notice->settings)};
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -1,6 +1,6 @@
-#include "programs/cli/session/Layers.h"
+#include "programs/common/client/Layers.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 namespace {
 
@@ -26,4 +26,4 @@ const char* Layers::FindOrigin(core::IniFile::const_iterator group) const {
   return fromUser == 0 ? kDefault : kMixed;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -3,10 +3,10 @@
 #include <memory>
 #include <utility>
 
-#include "programs/cli/session/Session.h"
+#include "programs/common/client/Session.h"
 #include "tavix/settings/client/ProtocolClient.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // A session with the daemon, over one connection. Requests keep their order, so that what is read after a write holds
 // it.
@@ -15,9 +15,9 @@ class DaemonSession : public Session {
   // Takes a line of the protocol as it is shown to a person; '>' is sent, '<' is received.
   using Trace = settings::client::ProtocolClient::Trace;
 
-  // One attempt to connect. server: as --server; empty: TAVIX_SETTINGS_SERVER, the hosts database, or 127.0.0.1.
-  // timeout: how long the server may keep silent. trace: gets every line; may be empty.
-  DaemonSession(const std::string& server, std::chrono::milliseconds timeout, const Trace& trace);
+  // One attempt to connect. hint: what a person can do when there is no server; may be empty. trace: gets every line;
+  // may be empty.
+  DaemonSession(const settings::client::ProtocolOptions& options, std::string hint, const Trace& trace);
 
   std::string GetAddress() const override { return _client->GetAddress(); }
   core::IniFile Get(const Groups& groups) override;
@@ -34,7 +34,12 @@ class DaemonSession : public Session {
   void Overwrite(const Groups& groups, const core::IniFile& settings) override;
   void Restore(const Groups& groups) override;
 
+  // Runs a call of the client, and throws Failure for its errors.
+  template <class Call>
+  auto Run(Call call) const;
+
+  const std::string _hint;
   std::unique_ptr<settings::client::ProtocolClient> _client;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -9,7 +9,7 @@
 
 #include "tavix/core/IniFile.h"
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // One way to a store, all that the commands know of it: a daemon's, or a file.
 //
@@ -76,4 +76,4 @@ class Session {
   virtual void Restore(const Groups& groups) = 0;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -1,9 +1,9 @@
-#include "programs/cli/text/Spelling.h"
+#include "programs/common/client/Spelling.h"
 
 #include <cctype>
 #include <cstdint>
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 namespace {
 
@@ -194,4 +194,4 @@ std::string ShellVariable(const std::string& group, const std::string& key) {
   return name;
 }
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-namespace tavix::cli {
+namespace tavix::programs {
 
 // What the program ends with.
 enum ExitCode : int {
@@ -34,4 +34,4 @@ class Failure : public std::runtime_error {
   std::string _hint;
 };
 
-}  // namespace tavix::cli
+}  // namespace tavix::programs

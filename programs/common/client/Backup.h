@@ -1,0 +1,25 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "programs/common/client/Session.h"
+#include "tavix/core/IniFile.h"
+
+// Groups are names and '*' patterns; without any, all groups are meant.
+namespace tavix::programs {
+
+// Where the store keeps, in the user layer, what clients deleted: its values are names and patterns.
+constexpr char kDeletedGroups[] = "TavixSettings/Data/DeletedGroups";
+
+// Settings text or JSON. source: what errors call it. Throws Failure, kExitBadInput, with the place.
+core::IniFile ParseDocument(const std::string& text, const std::string& source);
+
+// What a backup of the store holds: what readers see, or the user layer. Restricted groups, which no client could bring
+// back, are left out unless groups were named. leftOut: how many.
+core::IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut);
+
+// The part of a document that groups and patterns mean; all of it without any.
+core::IniFile SelectGroups(const core::IniFile& settings, const std::set<std::string>& groups);
+
+}  // namespace tavix::programs

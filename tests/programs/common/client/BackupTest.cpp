@@ -1,0 +1,42 @@
+#include "programs/common/client/Backup.h"
+
+#include <gtest/gtest.h>
+
+#include "programs/common/client/Failure.h"
+#include "tests/programs/common/client/MemorySession.h"
+
+namespace tavix::test {
+
+TEST(Backup, MayBeSettingsTextOrJson) {
+  EXPECT_EQ(TextOf(programs::ParseDocument("[a]\nk=1\n", "x")), "[a]\nk=1\n");
+  EXPECT_EQ(TextOf(programs::ParseDocument(R"({"a": {"k": 1}})", "x")), "[a]\nk=1\n");
+}
+
+TEST(Backup, NamesItsSourceWhenItDoesNotParse) {
+  for (const char* text : {"k=1\n", R"({"a": 1})"}) {
+    try {
+      programs::ParseDocument(text, "x.ini");
+      ADD_FAILURE() << text;
+    } catch (const programs::Failure& failure) {
+      EXPECT_EQ(failure.GetCode(), programs::kExitBadInput);
+      EXPECT_EQ(std::string(failure.what()).rfind("x.ini:", 0), 0U) << failure.what();
+    }
+  }
+}
+
+TEST(Backup, LeavesRestrictedGroupsOutUnlessGroupsAreNamed) {
+  MemorySession session("[SecureKeys]\nk=1\n[a]\nk=1\n", "[a]\nk=2\n");
+  size_t leftOut = 0;
+  EXPECT_EQ(TextOf(programs::ReadStore(session, {}, false, leftOut)), "[a]\nk=2\n");
+  EXPECT_EQ(leftOut, 1U);
+  EXPECT_EQ(TextOf(programs::ReadStore(session, {"Secure*"}, false, leftOut)), "[SecureKeys]\nk=1\n");
+  EXPECT_EQ(leftOut, 0U);
+}
+
+TEST(Backup, SelectsByNameAndPattern) {
+  const core::IniFile all = DocumentOf("[a]\nk=1\n[b/x]\nk=2\n[c]\nk=3\n");
+  EXPECT_EQ(TextOf(programs::SelectGroups(all, {"a", "b/*"})), "[a]\nk=1\n[b/x]\nk=2\n");
+  EXPECT_EQ(programs::SelectGroups(all, {}).GetGroups(), all.GetGroups());
+}
+
+}  // namespace tavix::test

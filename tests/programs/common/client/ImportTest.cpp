@@ -1,0 +1,107 @@
+#include "programs/common/client/Import.h"
+
+#include <gtest/gtest.h>
+
+#include "programs/common/client/Failure.h"
+#include "tests/programs/common/client/MemorySession.h"
+
+namespace tavix::test {
+
+namespace {
+
+using programs::ExitCode;
+using programs::Import;
+using programs::ImportOptions;
+
+const char kFiles[] = "[a]\nk=1\n[b]\nk=1\n[SecureKeys]\nk=1\n";
+
+void Confirm(const core::IniFile&) {}
+
+// What a failed import ends with.
+ExitCode CodeOf(MemorySession& session, const std::string& document, const ImportOptions& options) {
+  try {
+    Import(session, DocumentOf(document), "backup", options).Run(Confirm);
+  } catch (const programs::Failure& failure) {
+    return failure.GetCode();
+  }
+  return programs::kExitDone;
+}
+
+}  // namespace
+
+TEST(Import, SetsWhatTheDocumentHolds) {
+  MemorySession session(kFiles, "");
+  Import import(session, DocumentOf("[a]\nk=2\n[c]\nk=3\n"), "backup", {});
+  EXPECT_EQ(import.Run(Confirm).changes.size(), 2U);
+  EXPECT_EQ(TextOf(session.Get({"a", "b", "c"})), "[a]\nk=2\n[b]\nk=1\n[c]\nk=3\n");
+}
+
+TEST(Import, TakesAwayWhatTheDocumentLacksWhenItReplaces) {
+  MemorySession session(kFiles, "");
+  ImportOptions options;
+  options.replaces = true;
+  Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).Run(Confirm);
+  EXPECT_EQ(TextOf(session.Get({"*"})), "[SecureKeys]\nk=1\n[a]\nk=2\n");
+}
+
+TEST(Import, BringsBackTheGroupsThatWereNamedAlone) {
+  MemorySession session(kFiles, "");
+  ImportOptions options;
+  options.groups = {"b*"};
+  Import(session, DocumentOf("[a]\nk=2\n[b]\nk=2\n"), "backup", options).Run(Confirm);
+  EXPECT_EQ(TextOf(session.Get({"a", "b"})), "[a]\nk=1\n[b]\nk=2\n");
+}
+
+TEST(Import, PutsTheUserLayerBack) {
+  MemorySession session(kFiles, "[a]\nk=2\n[b]\nk=2\n");
+  ImportOptions options;
+  options.replaces = true;
+  options.isUserLayer = true;
+  Import(session, DocumentOf("[a]\nk=3\n"), "backup", options).Run(Confirm);
+  EXPECT_EQ(TextOf(session.user), "[a]\nk=3\n");
+}
+
+TEST(Import, FindsDifferencesWithoutWriting) {
+  MemorySession session(kFiles, "");
+  const Import import(session, DocumentOf("[a]\nk=2\n"), "backup", {});
+  const std::vector<programs::Change> changes = import.FindDifferences();
+  ASSERT_EQ(changes.size(), 1U);
+  EXPECT_EQ(changes[0].before, "1");
+  EXPECT_EQ(changes[0].after, "2");
+  EXPECT_EQ(session.writes, 0U);
+}
+
+TEST(Import, WritesNothingThatIsNotConfirmed) {
+  MemorySession session(kFiles, "");
+  ImportOptions options;
+  options.replaces = true;
+  Import import(session, {}, "backup", options);
+  EXPECT_TRUE(import.IsEmpty());
+  EXPECT_THROW(import.Run([](const core::IniFile& before) {
+    EXPECT_EQ(TextOf(before), "[a]\nk=1\n[b]\nk=1\n");
+    throw std::runtime_error("no");
+  }),
+               std::runtime_error);
+  EXPECT_EQ(session.writes, 0U);
+}
+
+TEST(Import, RefusesRestrictedGroupsThatDiffer) {
+  MemorySession session(kFiles, "");
+  EXPECT_EQ(CodeOf(session, "[SecureKeys]\nk=2\n[a]\nk=2\n", {}), programs::kExitRefused);
+  EXPECT_EQ(session.writes, 0U);
+  EXPECT_EQ(CodeOf(session, "[SecureKeys]\nk=1\n[a]\nk=2\n", {}), programs::kExitDone);
+}
+
+TEST(Import, RefusesABackupOfTheUserLayerForTheWholeStore) {
+  MemorySession session(kFiles, "");
+  ImportOptions options;
+  options.replaces = true;
+  EXPECT_EQ(CodeOf(session, "[TavixSettings/Data/DeletedGroups]\na=a\n", options), programs::kExitUsage);
+}
+
+TEST(Import, RefusesNamesThatCannotBeSent) {
+  MemorySession session(kFiles, "");
+  EXPECT_EQ(CodeOf(session, "[a\\nb]\nk=2\n", {}), programs::kExitBadInput);
+}
+
+}  // namespace tavix::test

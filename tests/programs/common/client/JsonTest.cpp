@@ -1,0 +1,36 @@
+#include "programs/common/client/Json.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "programs/common/client/Failure.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/RandomDocument.h"
+
+namespace tavix::test {
+
+TEST(Json, KeepsEveryDocument) {
+  RandomDocuments documents(10);
+  for (int i = 0; i < 300; ++i) {
+    const core::IniFile document(documents.Next());
+    const std::string text = programs::Pretty(programs::ToJson(document));
+    EXPECT_EQ(programs::FromJson(text, "x").GetGroups(), document.GetGroups());
+  }
+}
+
+TEST(Json, TakesNumbersAndTruthValuesAsTheyAreWritten) {
+  EXPECT_EQ(TextOf(programs::FromJson(R"({"a": {"k": 1.50, "l": true}})", "x")), "[a]\nk=1.50\nl=true\n");
+}
+
+TEST(Json, SpellsBytesThatAreNoText) {
+  EXPECT_EQ(programs::Compact(programs::ValueToJson(std::string("\xFF"))), R"({"base64":"/w=="})");
+  EXPECT_EQ(programs::Compact(programs::NameToJson("base64:")), "\"base64:YmFzZTY0Og==\"");
+}
+
+TEST(Json, RefusesWhatIsNoDocument) {
+  for (const char* text : {"[]", "{", R"({"a": 1})", R"({"a": {"k": null}})", R"({"a": {"k": "1", "k": "2"}})"})
+    EXPECT_THROW(programs::FromJson(text, "x"), programs::Failure) << text;
+}
+
+}  // namespace tavix::test
