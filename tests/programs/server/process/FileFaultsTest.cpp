@@ -9,8 +9,8 @@
 #include <list>
 
 #include "tests/programs/server/Daemon.h"
-#include "tests/programs/server/FileFaultsModule.h"
 #include "tests/programs/server/UserFiles.h"
+#include "tests/programs/server/process/FileFaultsModule.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/FileFaults.h"
 #include "tests/support/RunLength.h"

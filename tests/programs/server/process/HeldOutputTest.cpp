@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "tests/programs/server/Daemon.h"
-#include "tests/programs/server/FileFaultsModule.h"
 #include "tests/programs/server/UserFiles.h"
+#include "tests/programs/server/process/FileFaultsModule.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/FileFaults.h"

@@ -1,4 +1,4 @@
-#include "tests/programs/server/DamagedFiles.h"
+#include "tests/programs/server/process/DamagedFiles.h"
 
 // The daemon starts all the same, with the backup.
 

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -10,7 +9,6 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "programs/server/store/FilePlaces.h"
 #include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/programs/server/UserFiles.h"
@@ -126,18 +124,6 @@ TEST_F(FilePlaces, DirectoryThatIsMissingIsWarnedOfAtTheStart) {
       "WARNING Program: --user-settings 'gone/user.ini': directory 'gone': No such file or directory; changes will not "
       "be kept\n");
   ProtocolClient(daemon.GetPort()).AwaitHandled();
-}
-
-// A thread has a user of its own for that: root may write everywhere.
-TEST_F(FilePlaces, DirectoryThatCanNotBeWrittenToIsAProblem) {
-  ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0555), 0);
-  BackgroundCall call([&] {
-    ASSERT_EQ(syscall(SYS_setresuid, -1, getuid() == 0 ? 65534 : getuid(), -1), 0);
-    EXPECT_EQ(daemon::FindDirectoryProblem(_directory.Path("user.ini")),
-              "directory '" + _directory.GetPath() + "': Permission denied");
-  });
-  call.Join();
-  ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0755), 0);
 }
 
 TEST_F(FilePlaces, MetricsInPlaceOfSomethingElseThanAFileAreRefused) {

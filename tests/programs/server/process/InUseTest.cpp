@@ -1,14 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/fsuid.h>
 #include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
 
-#include "programs/server/system/FileLock.h"
 #include "tests/programs/server/Daemon.h"
-#include "tests/support/BackgroundCall.h"
 
 // User settings that two daemons want.
 
@@ -17,17 +14,6 @@ namespace tavix::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-using daemon::FileLock;
-
-// Does it as a user who has no rights to the files of others. A thread has a user of its own for that.
-void DoAsAnybody(const std::function<void()>& work) {
-  BackgroundCall call([&] {
-    setfsuid(getuid() == 0 ? 65534 : getuid());
-    work();
-  });
-  call.Join();
-}
 
 class InUse : public testing::Test {
  protected:
@@ -107,27 +93,6 @@ TEST_F(InUse, LockThatIsThereAndCanNotBeUsedRefusesTheDaemon) {
   EXPECT_EQ(daemon.GetOutput(), "");
   EXPECT_EQ(daemon.GetErrors(),
             "tavix-settings-server: Failed to lock 'user.ini.lock': Too many levels of symbolic links\n");
-}
-
-TEST_F(InUse, LockOfAnotherUserIsNoLockThatCanNotBeMade) {
-  const std::string path = _directory.Write("user.ini.lock", "1\n");
-  ASSERT_EQ(chmod(path.c_str(), 0), 0);
-  ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0755), 0);
-  DoAsAnybody([&] {
-    try {
-      const FileLock lock(_directory.Path("user.ini"));
-      ADD_FAILURE() << "it was locked";
-    } catch (const FileLock::CanNotBeMade& exception) {
-      ADD_FAILURE() << exception.what();
-    } catch (const osa::Exception& exception) {
-      EXPECT_EQ(exception.what(), "Failed to lock '" + path + "': Permission denied");
-    }
-  });
-}
-
-TEST_F(InUse, LockInADirectoryOfAnotherUserCanNotBeMade) {
-  ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0555), 0);
-  DoAsAnybody([&] { EXPECT_THROW(FileLock(_directory.Path("user.ini")), FileLock::CanNotBeMade); });
 }
 
 TEST_F(InUse, FullDiskDoesNotCostTheLock) {

@@ -1,6 +1,6 @@
 #include <csignal>
 
-#include "tests/programs/server/DamagedFiles.h"
+#include "tests/programs/server/process/DamagedFiles.h"
 
 // The changes since the last snapshot, where the daemon was killed and the disk then did the rest.
 
