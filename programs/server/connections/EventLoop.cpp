@@ -19,7 +19,6 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr unsigned int kStackSize = 128 * 1024;
 constexpr size_t kScratchSize = 64 * 1024;
 constexpr int kTickMilliseconds = 1000;
 constexpr int kMostEvents = 64;
@@ -29,6 +28,17 @@ constexpr int kPauseAfterVainRead = 8;
 osa::Descriptor Checked(int descriptor, const char* what) {
   if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
   return osa::Descriptor(descriptor);
+}
+
+// Tells of the event, without a connection.
+osa::Descriptor MakePoll(const osa::Descriptor& wake) {
+  osa::Descriptor poll = Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor");
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.ptr = nullptr;
+  if (epoll_ctl(poll.Get(), EPOLL_CTL_ADD, wake.Get(), &event) != 0)
+    throw osa::Exception("Failed to watch an event descriptor: %s", std::strerror(errno));
+  return poll;
 }
 
 core::Logger* Log() {
@@ -41,17 +51,10 @@ core::Logger* Log() {
 EventLoop::EventLoop(const Connection::Shared& shared, std::function<void()> onFailure)
     : _shared(shared),
       _onFailure(std::move(onFailure)),
-      _poll(Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor")),
       _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
+      _poll(MakePoll(_wake)),
       _scratch(new char[kScratchSize]),
-      _thread("EventLoop", this, kStackSize, 0) {
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.ptr = nullptr;
-  if (epoll_ctl(_poll.Get(), EPOLL_CTL_ADD, _wake.Get(), &event) != 0)
-    throw osa::Exception("Failed to watch an event descriptor: %s", std::strerror(errno));
-  _thread.Run();
-}
+      _thread("EventLoop", [this] { Run(); }) {}
 
 EventLoop::~EventLoop() {
   {

@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "programs/server/connections/Connection.h"
-#include "tavix/osa/Runnable.h"
-#include "tavix/osa/Thread.h"
+#include "programs/server/system/LoopThread.h"
 
 namespace tavix::daemon {
 
@@ -18,14 +17,17 @@ namespace tavix::daemon {
 //
 // Errors: what a connection's work throws ends that connection. Anything else ends the loop with all of its
 //         connections.
-class EventLoop : private osa::Runnable {
+class EventLoop {
  public:
   // Starts the thread. shared: what it refers to outlives the loop. onFailure: called when the loop has ended by
   // itself, on its thread.
   EventLoop(const Connection::Shared& shared, std::function<void()> onFailure);
 
   // Ends the thread and every connection.
-  ~EventLoop() override;
+  ~EventLoop();
+
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
 
   // Takes a connected descriptor over. From any thread.
   void Add(osa::Descriptor descriptor);
@@ -39,7 +41,7 @@ class EventLoop : private osa::Runnable {
   size_t CountConnections() const { return _count; }
 
  private:
-  void Run() override;
+  void Run();
   void ServeUntilStopped();
   bool TakeCall();
   void Fail(const char* reason);
@@ -59,8 +61,8 @@ class EventLoop : private osa::Runnable {
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
-  const osa::Descriptor _poll;
   const osa::Descriptor _wake;
+  const osa::Descriptor _poll;  // of the connections, and of _wake
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
@@ -77,7 +79,7 @@ class EventLoop : private osa::Runnable {
   unsigned long long _probes = 0;
   unsigned long long _answers = 0;  // to that many probes
   std::condition_variable _answered;
-  osa::Thread _thread;
+  LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

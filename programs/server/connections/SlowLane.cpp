@@ -6,15 +6,7 @@
 
 namespace tavix::daemon {
 
-namespace {
-
-constexpr unsigned int kStackSize = 128 * 1024;
-
-}  // namespace
-
-SlowLane::SlowLane() : _thread("SlowLane", this, kStackSize, 0) {
-  _thread.Run();
-}
+SlowLane::SlowLane() : _thread("SlowLane", [this] { Run(); }) {}
 
 SlowLane::~SlowLane() {
   Stop();

@@ -6,8 +6,7 @@
 #include <functional>
 #include <mutex>
 
-#include "tavix/osa/Runnable.h"
-#include "tavix/osa/Thread.h"
+#include "programs/server/system/LoopThread.h"
 
 namespace tavix::daemon {
 
@@ -17,7 +16,7 @@ namespace tavix::daemon {
 // Threads: every operation may be called from any thread, but for Stop and the destructor, which one thread calls.
 // Locks:   its own mutex, inside all others; it is not held while a job runs.
 // Owns:    no job. A job stays valid until its Run has ended, or until it was withdrawn.
-class SlowLane : private osa::Runnable {
+class SlowLane {
  public:
   class IJob {
    public:
@@ -34,7 +33,7 @@ class SlowLane : private osa::Runnable {
   SlowLane();
 
   // Stops the lane.
-  ~SlowLane() override;
+  ~SlowLane();
 
   SlowLane(const SlowLane&) = delete;
   SlowLane& operator=(const SlowLane&) = delete;
@@ -46,10 +45,10 @@ class SlowLane : private osa::Runnable {
   void Withdraw(const IJob& job);
 
   // Ends the job that runs and forgets those that wait. Later ones are never run. A second call does nothing.
-  void Stop() override;
+  void Stop();
 
  private:
-  void Run() override;
+  void Run();
   IJob* AwaitJob();
   void EndJob(int doneEvent);
 
@@ -59,7 +58,7 @@ class SlowLane : private osa::Runnable {
   std::deque<IJob*> _waiting;
   const IJob* _running = nullptr;
   std::atomic<bool> _stop{false};
-  osa::Thread _thread;
+  LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

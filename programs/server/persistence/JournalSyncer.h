@@ -1,7 +1,7 @@
 #pragma once
 
-#include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/SharedUserLayer.h"
+#include "programs/server/system/LoopThread.h"
 
 namespace tavix::daemon {
 

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "programs/server/persistence/LoopThread.h"
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
+#include "programs/server/system/LoopThread.h"
 #include "tavix/settings/server/TextInParts.h"
 
 namespace tavix::daemon {

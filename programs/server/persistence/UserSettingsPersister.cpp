@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "programs/server/persistence/Deadline.h"
 #include "programs/server/persistence/SaveFailure.h"
+#include "programs/server/system/Deadline.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 

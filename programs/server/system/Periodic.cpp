@@ -6,16 +6,8 @@
 
 namespace tavix::daemon {
 
-namespace {
-
-constexpr unsigned int kStackSize = 128 * 1024;
-
-}  // namespace
-
 Periodic::Periodic(const char* name, std::chrono::milliseconds interval, std::function<void()> work)
-    : _interval(interval), _work(std::move(work)), _thread(name, this, kStackSize, 0) {
-  _thread.Run();
-}
+    : _interval(interval), _work(std::move(work)), _thread(name, [this] { Run(); }) {}
 
 Periodic::~Periodic() {
   {

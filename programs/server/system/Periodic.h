@@ -4,9 +4,8 @@
 #include <condition_variable>
 #include <functional>
 
+#include "programs/server/system/LoopThread.h"
 #include "tavix/osa/PlainMutex.h"
-#include "tavix/osa/Runnable.h"
-#include "tavix/osa/Thread.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
@@ -15,19 +14,22 @@ namespace tavix::daemon {
 //
 // Threads: the work runs on a thread of its own, never twice at a time. Work that takes longer than the interval is
 //          not made up for.
-class Periodic : private osa::Runnable {
+class Periodic {
  public:
   // name: outlives the thread.
   Periodic(const char* name, std::chrono::milliseconds interval, std::function<void()> work);
 
   // Returns once the work that is under way has ended.
-  ~Periodic() override;
+  ~Periodic();
+
+  Periodic(const Periodic&) = delete;
+  Periodic& operator=(const Periodic&) = delete;
 
   // Has the work done once more as soon as possible.
   void Trigger() TAVIX_EXCLUDES(_mutex);
 
  private:
-  void Run() override;
+  void Run();
   bool BeginRound() TAVIX_EXCLUDES(_mutex);
   void AwaitNextRound() TAVIX_EXCLUDES(_mutex);
 
@@ -37,7 +39,7 @@ class Periodic : private osa::Runnable {
   std::condition_variable _changed;
   bool _isTriggered TAVIX_GUARDED_BY(_mutex) = false;
   bool _isStopping TAVIX_GUARDED_BY(_mutex) = false;
-  osa::Thread _thread;
+  LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

@@ -1,4 +1,4 @@
-#include "programs/server/persistence/LoopThread.h"
+#include "programs/server/system/LoopThread.h"
 
 #include <utility>
 
@@ -16,7 +16,7 @@ LoopThread::LoopThread(const char* name, std::function<void()> loop)
 }
 
 LoopThread::~LoopThread() {
-  _thread.Join();
+  Join();
 }
 
 }  // namespace tavix::daemon

@@ -1,21 +1,13 @@
-#include "programs/server/persistence/Deadline.h"
+#include "programs/server/system/Deadline.h"
 
 #include <utility>
 
 namespace tavix::daemon {
 
-namespace {
-
-constexpr unsigned int kStackSize = 64 * 1024;
-
-}  // namespace
-
 Deadline::Deadline(std::chrono::milliseconds limit, std::function<void()> onPassed)
     : _end(std::chrono::steady_clock::now() + limit),
       _onPassed(std::move(onPassed)),
-      _thread("Deadline", this, kStackSize, 0) {
-  _thread.Run();
-}
+      _thread("Deadline", [this] { Run(); }) {}
 
 Deadline::~Deadline() {
   {

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <functional>
+
+#include "tavix/osa/Runnable.h"
+#include "tavix/osa/Thread.h"
+
+namespace tavix::daemon {
+
+// A thread that runs one loop from the object's construction on: the last member of the class whose loop it is, so that
+// the loop finds the other members made. To end, the owner has its loop return, and then waits for that here.
+//
+// Threads: one thread makes, joins and destroys it.
+class LoopThread : private osa::Runnable {
+ public:
+  // name: outlives the thread.
+  LoopThread(const char* name, std::function<void()> loop);
+
+  // Joins the thread.
+  ~LoopThread() override;
+
+  LoopThread(const LoopThread&) = delete;
+  LoopThread& operator=(const LoopThread&) = delete;
+
+  // Returns when the loop has. A second call does nothing.
+  void Join() { _thread.Join(); }
+
+ private:
+  void Run() override { _loop(); }
+
+  const std::function<void()> _loop;
+  osa::Thread _thread;
+};
+
+}  // namespace tavix::daemon
