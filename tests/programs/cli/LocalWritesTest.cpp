@@ -126,6 +126,21 @@ TEST_F(LocalWrites, RefuseTheUserSettingsOfADaemonThatRuns) {
   ExpectRun({"get", "[A]b"}, 0, "2\n", "");
 }
 
+TEST_F(LocalWrites, RefuseTheUserSettingsOfADaemonThatCameToThemByOtherLinks) {
+  std::filesystem::create_directory(_directory.Path("data"));
+  std::filesystem::create_symlink("data", _directory.Path("link"));
+  std::filesystem::create_symlink("link/theirs.ini", _directory.Path("x.ini"));
+  std::filesystem::create_symlink("../data/real.ini", _directory.Path("data/theirs.ini"));
+  const Daemon daemon(_directory, {"--user-settings", "link/theirs.ini"});
+  daemon.AwaitAddresses();  // it serves
+  ExpectRefused("'x.ini' belongs to a daemon, which would undo the change\n");
+}
+
+TEST_F(LocalWrites, FollowNoCircle) {
+  std::filesystem::create_symlink("x.ini", _directory.Path("x.ini"));
+  ExpectRefused("failed to follow 'x.ini': Too many levels of symbolic links\n");
+}
+
 TEST_F(LocalWrites, RefuseTheUserSettingsOfADaemonThatWasKilled) {
   Write("[A]\nb=2\n");
   _directory.Write("x.ini.lock", "1\n");
