@@ -23,7 +23,7 @@ using Milliseconds = LineSocket::Milliseconds;
 using Reason = ProtocolException::Reason;
 
 constexpr char kLabel[] = "tavix-settings-server";
-constexpr Milliseconds kLongestWait{1000 * 1000 * 1000};  // what poll(2) takes at a time, and more than any time-out
+constexpr Milliseconds kMaxWait{1000 * 1000 * 1000};  // what poll(2) takes at a time, and more than any time-out
 constexpr size_t kPartBytes = 64 * size_t{1024};
 constexpr size_t kMaxLineBytes = protocol::kMaxLineBytes;
 constexpr size_t kMaxRequestBytes = 4 * kMaxLineBytes;
@@ -86,7 +86,7 @@ LineSocket::LineSocket(const ProtocolOptions& options)
 void LineSocket::Connect(const ProtocolOptions& options) {
   const osa::ServiceEndpoint endpoint = FindEndpoint(options);
   _address = ShowEndpoint(endpoint);
-  const Milliseconds limit = std::min({_timeouts.silence, _timeouts.call.value_or(kLongestWait), kLongestWait});
+  const Milliseconds limit = std::min({_timeouts.silence, _timeouts.call.value_or(kMaxWait), kMaxWait});
   const osa::Deadline deadline(static_cast<unsigned int>(std::max<Milliseconds::rep>(limit.count(), 0)));
   osa::ConnectResult result = osa::ConnectEndpoint(endpoint, deadline);
   _descriptor = result.descriptor;
@@ -101,7 +101,7 @@ void LineSocket::StartCall() {
   _wasSent = false;
   if (_descriptor < 0) Fail(Reason::kLost, "the connection to " + _address + " was closed after an earlier failure");
   _end.reset();
-  if (_timeouts.call) _end = Clock::now() + std::min(*_timeouts.call, kLongestWait);
+  if (_timeouts.call) _end = Clock::now() + std::min(*_timeouts.call, kMaxWait);
 }
 
 bool LineSocket::ReceiveAvailable() {
@@ -182,7 +182,7 @@ void LineSocket::Receive() {
 
 // Waits for one of the events in spite of signals, and returns those that came; none when the time is up.
 short LineSocket::Await(short events, std::optional<Milliseconds> limit) {
-  const Clock::time_point end = Clock::now() + std::min(limit.value_or(kLongestWait), kLongestWait);
+  const Clock::time_point end = Clock::now() + std::min(limit.value_or(kMaxWait), kMaxWait);
   while (true) {
     const Milliseconds left = std::max(TimeUntil(end), Milliseconds(0));
     pollfd wait{_descriptor, events, 0};
