@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "tavix/core/StringUtil.h"
@@ -42,43 +43,32 @@ RotatingLogFile::RotatingLogFile(const std::string& directory, const std::string
   std::vector<std::string> steps = StepsBelow(directory, file);
   _name = steps.back();
   steps.pop_back();
-  _directory = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  _directory.Reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   for (const std::string& step : steps) {
-    if (_directory < 0) break;
-    const int next = openat(_directory, step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (!_directory) break;
+    osa::Descriptor next(openat(_directory.Get(), step.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     const int error = errno;
-    close(_directory);
-    _directory = next;
+    _directory = std::move(next);
     errno = error;
   }
-  if (_directory < 0) throw osa::Exception("Failed to open log file '%s': %s", file.c_str(), std::strerror(errno));
-  try {
-    Open();
-  } catch (...) {
-    close(_directory);
-    throw;
-  }
-}
-
-RotatingLogFile::~RotatingLogFile() {
-  Close();
-  close(_directory);
+  if (!_directory) throw osa::Exception("Failed to open log file '%s': %s", file.c_str(), std::strerror(errno));
+  Open();
 }
 
 bool RotatingLogFile::Write(LogLevel, const std::string& line, const std::string&) {
   try {
     if (!IsInPlace()) {
-      Close();
+      _file.Reset();
       Open();
     }
     struct stat now {};
-    if (fstat(_descriptor, &now) == 0 && now.st_size > 0 &&
+    if (fstat(_file.Get(), &now) == 0 && now.st_size > 0 &&
         static_cast<uint64_t>(now.st_size) + line.size() > _limits.bytes) {
       Rotate();
     }
     return Append(line);
   } catch (const osa::Exception&) {
-    Close();
+    _file.Reset();
     return false;
   }
 }
@@ -87,14 +77,14 @@ bool RotatingLogFile::Write(LogLevel, const std::string& line, const std::string
 bool RotatingLogFile::Append(const std::string& line) {
   ssize_t written = 0;
   do {
-    written = ::write(_descriptor, line.data(), line.size());
+    written = ::write(_file.Get(), line.data(), line.size());
   } while (written < 0 && errno == EINTR);
   if (written >= 0 && static_cast<size_t>(written) == line.size()) return true;
   if (written <= 0) return false;
-  const off_t end = lseek(_descriptor, 0, SEEK_CUR);
+  const off_t end = lseek(_file.Get(), 0, SEEK_CUR);
   struct stat now {};
-  if (fstat(_descriptor, &now) != 0 || now.st_size != end) return false;  // another process wrote behind it
-  const bool isTorn = ftruncate(_descriptor, end - written) != 0;
+  if (fstat(_file.Get(), &now) != 0 || now.st_size != end) return false;  // another process wrote behind it
+  const bool isTorn = ftruncate(_file.Get(), end - written) != 0;
   (void)isTorn;
   return false;
 }
@@ -102,34 +92,29 @@ bool RotatingLogFile::Append(const std::string& line) {
 // A pipe or device could block or do harm: only a regular file will do. O_NONBLOCK is for the open itself.
 void RotatingLogFile::Open() {
   const int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  _descriptor = openat(_directory, _name.c_str(), flags, 0640);
-  if (_descriptor < 0) throw osa::Exception("Failed to open log file '%s': %s", _path.c_str(), std::strerror(errno));
+  _file.Reset(openat(_directory.Get(), _name.c_str(), flags, 0640));
+  if (!_file) throw osa::Exception("Failed to open log file '%s': %s", _path.c_str(), std::strerror(errno));
   struct stat status {};
-  if (fstat(_descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
-    Close();
+  if (fstat(_file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    _file.Reset();
     throw osa::Exception("Failed to open log file '%s': not a regular file", _path.c_str());
   }
-}
-
-void RotatingLogFile::Close() noexcept {
-  if (_descriptor >= 0) close(_descriptor);
-  _descriptor = -1;
 }
 
 bool RotatingLogFile::IsInPlace() const {
   struct stat open {};
   struct stat named {};
-  return _descriptor >= 0 && fstat(_descriptor, &open) == 0 &&
-         fstatat(_directory, _name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && open.st_ino == named.st_ino &&
+  return _file && fstat(_file.Get(), &open) == 0 &&
+         fstatat(_directory.Get(), _name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && open.st_ino == named.st_ino &&
          open.st_dev == named.st_dev;
 }
 
 void RotatingLogFile::Rotate() {
   for (int age = _limits.kept; age > 0; --age) {
     const std::string from = age == 1 ? _name : _name + "." + std::to_string(age - 1);
-    renameat(_directory, from.c_str(), _directory, (_name + "." + std::to_string(age)).c_str());
+    renameat(_directory.Get(), from.c_str(), _directory.Get(), (_name + "." + std::to_string(age)).c_str());
   }
-  Close();
+  _file.Reset();
   Open();
 }
 

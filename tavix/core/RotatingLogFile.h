@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/core/LogOutput.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::core {
 
@@ -20,14 +21,12 @@ class RotatingLogFile : public LogOutput {
   // No link is followed on the way from there, and only a regular file is written to. Throws osa::Exception.
   RotatingLogFile(const std::string& directory, const std::string& file, Limits limits);
   RotatingLogFile(const std::string& directory, const std::string& file) : RotatingLogFile(directory, file, Limits()) {}
-  ~RotatingLogFile() override;
 
   // A file that is full, or can't be made again, costs the line; the next one tries again.
   [[nodiscard]] bool Write(LogLevel level, const std::string& line, const std::string& text) override;
 
  private:
   void Open();
-  void Close() noexcept;
   bool IsInPlace() const;
   void Rotate();
   bool Append(const std::string& line);
@@ -35,8 +34,8 @@ class RotatingLogFile : public LogOutput {
   const std::string _path;  // for error texts
   const Limits _limits;
   std::string _name;  // in _directory
-  int _directory = -1;
-  int _descriptor = -1;
+  osa::Descriptor _directory;
+  osa::Descriptor _file;
 };
 
 }  // namespace tavix::core

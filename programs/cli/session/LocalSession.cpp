@@ -49,10 +49,6 @@ bool IsMissing(const std::string& path) {
 
 LocalSession::LocalSession(std::string path, milliseconds patience) : _path(std::move(path)), _patience(patience) {}
 
-LocalSession::~LocalSession() {
-  if (_watch >= 0) close(_watch);
-}
-
 LocalText LocalSession::Read(bool mayBeMissing) const {
   if (!IsMissing(_path)) return LocalText(ReadFile(_path), _path);
   if (!mayBeMissing) throw Failure(kExitNoServer, "there is no file '" + _path + "'", "'set' and 'import' make it");
@@ -129,9 +125,9 @@ std::vector<std::string> LocalSession::GetSubscribed() {
 // The directory is watched, since the file is replaced and not written.
 IniFile LocalSession::Subscribe(const Groups& groups) {
   _subscribed = groups;
-  if (_watch < 0) _watch = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+  if (!_watch) _watch.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
   const uint32_t events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_MOVE_SELF | IN_ONLYDIR;
-  if (_watch < 0 || inotify_add_watch(_watch, FindDirectory(_path).c_str(), events) < 0)
+  if (!_watch || inotify_add_watch(_watch.Get(), FindDirectory(_path).c_str(), events) < 0)
     throw Failure(kExitNoServer, "'" + _path + "' can't be watched: " + std::strerror(errno));
   IniFile settings = Get(groups);
   _lastNames = NamesOf(settings);
@@ -141,7 +137,7 @@ IniFile LocalSession::Subscribe(const Groups& groups) {
 bool LocalSession::ReadEvents() const {
   alignas(inotify_event) char events[4096];
   bool isInPlace = true;
-  for (ssize_t size = 0; (size = read(_watch, events, sizeof events)) > 0;) {
+  for (ssize_t size = 0; (size = read(_watch.Get(), events, sizeof events)) > 0;) {
     for (ssize_t at = 0; at < size;) {
       inotify_event event{};
       std::memcpy(&event, events + at, sizeof event);
@@ -153,7 +149,7 @@ bool LocalSession::ReadEvents() const {
 }
 
 std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
-  pollfd waiting{_watch, POLLIN, 0};
+  pollfd waiting{_watch.Get(), POLLIN, 0};
   constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
   const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
   if (poll(&waiting, 1, wait) <= 0) return std::nullopt;

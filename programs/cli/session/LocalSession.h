@@ -5,6 +5,7 @@
 #include "programs/cli/session/ReplaceFile.h"
 #include "programs/cli/text/LocalText.h"
 #include "programs/common/client/Session.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::programs::cli {
 
@@ -20,7 +21,6 @@ class LocalSession : public Session {
  public:
   // patience: how long a write waits for another command's.
   LocalSession(std::string path, std::chrono::milliseconds patience);
-  ~LocalSession() override;
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
@@ -54,8 +54,8 @@ class LocalSession : public Session {
   std::optional<FileLock> _lock;  // while something runs alone
   bool _mayBeNew = false;
   Groups _subscribed;
-  Groups _lastNames;  // of the subscribed groups, when they were last read
-  int _watch = -1;    // a descriptor of inotify(7)
+  Groups _lastNames;       // of the subscribed groups, when they were last read
+  osa::Descriptor _watch;  // a descriptor of inotify(7)
 };
 
 }  // namespace tavix::programs::cli
