@@ -2,8 +2,8 @@
 #include <map>
 #include <sstream>
 
-#include "tests/programs/cli/CommandTest.h"
-#include "tests/programs/cli/DocumentTerminal.h"
+#include "tests/programs/cli/process/CommandTest.h"
+#include "tests/programs/cli/process/DocumentTerminal.h"
 
 // What documents show of sessions is what happens.
 

@@ -1,6 +1,6 @@
 #include <nlohmann/json.hpp>
 
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 
 namespace tavix::test {
 

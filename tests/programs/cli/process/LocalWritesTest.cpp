@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "tavix/osa/Descriptor.h"
-#include "tests/programs/cli/LocalFileTest.h"
+#include "tests/programs/cli/process/LocalFileTest.h"
 #include "tests/programs/server/Daemon.h"
 
 namespace tavix::test {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/OwnLoopbackAddress.h"
 

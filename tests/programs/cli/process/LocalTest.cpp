@@ -5,7 +5,7 @@
 #include <memory>
 #include <thread>
 
-#include "tests/programs/cli/LocalFileTest.h"
+#include "tests/programs/cli/process/LocalFileTest.h"
 
 namespace tavix::test {
 

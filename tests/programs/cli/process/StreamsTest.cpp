@@ -1,4 +1,4 @@
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 
 namespace tavix::test {
 

@@ -1,4 +1,4 @@
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/RunLength.h"

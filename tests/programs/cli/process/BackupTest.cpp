@@ -5,7 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 #include "tests/support/RandomDocument.h"
 
 namespace tavix::test {

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 
 namespace tavix::test {
 

@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "tests/programs/cli/CommandTest.h"
+#include "tests/programs/cli/process/CommandTest.h"
 
 namespace tavix::test {
 
