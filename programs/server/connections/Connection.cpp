@@ -84,9 +84,9 @@ void DropInput(int descriptor) {
 
 // Ends early enough for the others, however long the requests take. The clock is read where there are more of them
 // only, and of the clocks the cheapest, which goes by steps of some milliseconds.
-class Turn {
+class TurnLimit {
  public:
-  explicit Turn(int milliseconds) : _milliseconds(milliseconds) {}
+  explicit TurnLimit(int milliseconds) : _milliseconds(milliseconds) {}
 
   // To be called before each request that is followed by another, and to be asked behind it.
   void Begin() {
@@ -199,7 +199,7 @@ bool Connection::HandleRequests(std::string_view received, size_t& handled) {
 
 // Those of a turn, as long as there is room for their replies. Where nobody reads these, there is.
 bool Connection::HandleWhole(std::string_view received, size_t& handled) {
-  for (Turn turn(_turnMilliseconds); !_hasMore && !_isInLane && !_handler->HasQuit();) {
+  for (TurnLimit limit(_turnMilliseconds); !_hasMore && !_isInLane && !_handler->HasQuit();) {
     _isPaused = !HasRoom();
     if (_isPaused) break;
     const std::string_view rest = received.substr(handled);
@@ -210,12 +210,12 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
     if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length);
     _request.SetText(rest.substr(0, length));
     const bool isFollowed = length < rest.size();
-    if (isFollowed) turn.Begin();
+    if (isFollowed) limit.Begin();
     const ClientHandler::Attempt attempt = HandleOne();
     if (attempt == ClientHandler::Attempt::kEnded) break;
     if (attempt == ClientHandler::Attempt::kTooLong) LeaveToLane(received, handled, length);
     handled += length;
-    _hasMore = isFollowed && !_isInLane && !_handler->HasQuit() && turn.IsOver();
+    _hasMore = isFollowed && !_isInLane && !_handler->HasQuit() && limit.IsOver();
   }
   return true;
 }

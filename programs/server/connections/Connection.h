@@ -15,6 +15,7 @@
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/connections/SlowLane.h"
+#include "programs/server/connections/Turn.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
 #include "tavix/core/MemoryStream.h"
@@ -104,8 +105,8 @@ class Connection : private SlowLane::IJob {
   void Abandon();
   bool IsAbandoned() const { return _isAbandoned; }
 
-  // For the loop, which notes there whether the connection has a place among those that are given turns.
-  bool isInTurns = false;
+  // The loop's.
+  Turn turn;
 
   // How often OnReadable received something.
   size_t CountReads() const { return _reads; }

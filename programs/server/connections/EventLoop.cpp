@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -21,7 +23,9 @@ namespace {
 
 constexpr size_t kScratchSize = 64 * 1024;
 constexpr int kTickMilliseconds = 1000;
-constexpr int kMostEvents = 64;
+constexpr int kMaxEvents = 1024;
+constexpr size_t kFewEvents = 16;                   // that are all served, in the order in which they came
+constexpr std::chrono::milliseconds kRoundTime{2};  // for events, and for turns, before the loop looks for new events
 constexpr int kReadsInARow = 64;
 constexpr int kPauseAfterVainRead = 8;
 
@@ -39,6 +43,13 @@ osa::Descriptor MakePoll(const osa::Descriptor& wake) {
   if (epoll_ctl(poll.Get(), EPOLL_CTL_ADD, wake.Get(), &event) != 0)
     throw osa::Exception("Failed to watch an event descriptor: %s", std::strerror(errno));
   return poll;
+}
+
+// The processor time of the thread is exact where many wait, as for locks, too; the other clock is cheaper to read.
+int64_t ReadMicroseconds(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
 }
 
 core::Logger* Log() {
@@ -107,24 +118,53 @@ void EventLoop::Fail(const char* reason) {
 }
 
 void EventLoop::ServeUntilStopped() {
-  epoll_event events[kMostEvents];
+  const std::unique_ptr<epoll_event[]> events(new epoll_event[kMaxEvents]);
+  _waiting.reserve(kMaxEvents);
   while (true) {
+    ++_round;
     _turns.swap(_busy);
     const int wait = !_turns.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
-    const int count = epoll_wait(_poll.Get(), events, kMostEvents, wait);
+    const int count = epoll_wait(_poll.Get(), events.get(), kMaxEvents, wait);
     if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
-    for (int i = 0; i < count; ++i) {
-      auto* const connection = static_cast<Connection*>(events[i].data.ptr);
-      if (connection) {
-        Serve(connection, [&] { return HandleEvent(connection, events[i].events, count == 1); });
-      } else if (!TakeCall()) {
-        return _connections.clear();
-      }
-    }
+    if (count > 0 && !ServeEvents(events.get(), static_cast<size_t>(count))) return _connections.clear();
     // Not before all events are handled: one of them may be of a connection that ends here.
     if (!_inLane.empty()) TakeBackFromLane();
     if (!_turns.empty()) GiveTurns();
     if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
+  }
+}
+
+// False when the loop is to stop.
+bool EventLoop::ServeEvents(const epoll_event* events, size_t count) {
+  _waiting.clear();
+  for (size_t i = 0; i < count; ++i) {
+    auto* const connection = static_cast<Connection*>(events[i].data.ptr);
+    if (connection) {
+      const bool isQueued = connection->turn.isQueued && events[i].events == EPOLLIN;  // first what has come before
+      if (!isQueued) _waiting.push_back({connection, events[i].events});
+    } else if (!TakeCall()) {
+      return false;
+    }
+  }
+  if (count == 1 && !_waiting.empty()) {
+    const Event event = _waiting.front();
+    ServeTimed(event.connection, CLOCK_MONOTONIC, [&] { return HandleEvent(event.connection, event.events, true); });
+  } else {
+    ServeInOrder();
+  }
+  return true;
+}
+
+// Those that are left when the time is up are reported again in the next round.
+void EventLoop::ServeInOrder() {
+  const bool areMany = _waiting.size() > kFewEvents;
+  if (areMany) Turn::Order(_waiting, [](const Event& event) -> const Turn& { return event.connection->turn; });
+  const clockid_t clock = areMany ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC;
+  const auto end = Connection::Clock::now() + kRoundTime;
+  for (size_t i = 0; i < _waiting.size(); ++i) {
+    const Event event = _waiting[i];
+    ServeTimed(event.connection, clock, [&] { return HandleEvent(event.connection, event.events, false); });
+    if (areMany && i >= Turn::kOldest && Connection::Clock::now() >= end) return;
   }
 }
 
@@ -216,9 +256,19 @@ bool EventLoop::Serve(Connection* connection, Work work) {
   }
   if (!lives) {
     End(connection);
-  } else if (connection->HasMore() && !std::exchange(connection->isInTurns, true)) {
+  } else if (connection->HasMore() && !std::exchange(connection->turn.isQueued, true)) {
     _busy.push_back(connection);
   }
+  return lives;
+}
+
+// The same, and notes what it cost.
+template <class Work>
+bool EventLoop::ServeTimed(Connection* connection, clockid_t clock, Work work) {
+  connection->turn.lastServed = _round;
+  const int64_t begin = ReadMicroseconds(clock);
+  const bool lives = Serve(connection, work);
+  if (lives) connection->turn.NoteCost(static_cast<unsigned int>(ReadMicroseconds(clock) - begin));
   return lives;
 }
 
@@ -252,13 +302,20 @@ bool EventLoop::ReadOn(Connection* connection) {
   return true;
 }
 
-// Whose requests came in this round has had its turn.
+// Connections that were read in this round already had their turn. Those that are left when the time is up come first in
+// the next round.
 void EventLoop::GiveTurns() {
-  for (Connection* connection : _turns) {
-    connection->isInTurns = false;
-    Serve(connection, [&] { return connection->OnTurn(); });
+  const auto end = Connection::Clock::now() + kRoundTime;
+  size_t given = 0;
+  while (given < _turns.size() && (given == 0 || Connection::Clock::now() < end)) {
+    Connection* const connection = _turns[given++];
+    connection->turn.isQueued = false;
+    ServeTimed(connection, CLOCK_THREAD_CPUTIME_ID, [&] { return connection->OnTurn(); });
   }
-  _turns.clear();
+  _turns.erase(_turns.begin(), _turns.begin() + static_cast<std::ptrdiff_t>(given));
+  _turns.insert(_turns.end(), _busy.begin(), _busy.end());
+  _busy.clear();
+  _busy.swap(_turns);
 }
 
 // Once a second while something must be watched.
@@ -275,7 +332,7 @@ void EventLoop::Tick() {
 
 void EventLoop::End(Connection* connection) {
   if (std::find(_inLane.begin(), _inLane.end(), connection) != _inLane.end()) return connection->Abandon();
-  if (connection->isInTurns) {
+  if (connection->turn.isQueued) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <atomic>
 #include <condition_variable>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -41,14 +44,23 @@ class EventLoop {
   size_t CountConnections() const { return _count; }
 
  private:
+  struct Event {
+    Connection* connection;
+    unsigned int events;  // as of epoll
+  };
+
   void Run();
   void ServeUntilStopped();
+  bool ServeEvents(const epoll_event* events, size_t count);
+  void ServeInOrder();
   bool TakeCall();
   void Fail(const char* reason);
   void TakeNewConnections();
   void TakeNew(osa::Descriptor descriptor);
   template <class Work>
   bool Serve(Connection* connection, Work work);
+  template <class Work>
+  bool ServeTimed(Connection* connection, clockid_t clock, Work work);
   bool HandleEvent(Connection* connection, unsigned int events, bool isAlone);
   bool ReadOn(Connection* connection);
   void EnterLane(Connection* connection);
@@ -67,6 +79,8 @@ class EventLoop {
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
   std::vector<Connection*> _turns;            // likewise: who has a turn in this round. Both have room for all
+  std::vector<Event> _waiting;                // likewise: events of this round. Has room for those of one wait
+  unsigned long long _round = 0;              // likewise
   std::vector<Connection*> _inLane;           // likewise: whose request the slow lane has. Has room for all
   int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
   bool _ticks = false;                        // likewise
