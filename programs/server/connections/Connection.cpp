@@ -5,14 +5,14 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <new>
 #include <utility>
 
+#include "programs/server/connections/CutText.h"
 #include "programs/server/connections/LogPeer.h"
+#include "programs/server/connections/TurnLimit.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -28,41 +28,8 @@ core::Logger* Log() {
   return logger;
 }
 
-constexpr int kRequestsInATurn = 64;
 constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
 constexpr size_t kMaxDropped = 4 * 1024 * 1024;
-
-// As the log says it, before a figure.
-const char* TextOf(CutReason reason) {
-  switch (reason) {
-    case CutReason::kTls:
-      return "TLS is not our protocol, bytes";
-    case CutReason::kHttp:
-      return "HTTP is not our protocol, bytes";
-    case CutReason::kMemory:
-      return "out of memory, bytes kept";
-    case CutReason::kHardBacklog:
-      return "more unread than is kept";
-    case CutReason::kHeldBacklog:
-      return "more waits for the disk than is kept";
-    case CutReason::kAllBacklog:
-      return "too much unread by all together, bytes of this one";
-    case CutReason::kBacklog:
-      return "too much unread for too long, bytes";
-    case CutReason::kRequestTime:
-      return "unfinished request, bytes";
-    case CutReason::kLine:
-      return "line too long, bytes";
-    case CutReason::kRequest:
-      return "request too long, bytes";
-    case CutReason::kAllRequests:
-      return "too much unfinished of all together, bytes of this one";
-    case CutReason::kError:
-    case CutReason::kCount:
-      break;
-  }
-  return "";
-}
 
 // The descriptor has an owner whatever throws.
 std::unique_ptr<osa::TcpSocket> Adopt(osa::Descriptor& descriptor) {
@@ -81,30 +48,6 @@ void DropInput(int descriptor) {
     if (count <= 0) return;
   }
 }
-
-// Ends early enough for the others, however long the requests take. The clock is read where there are more of them
-// only, and of the clocks the cheapest, which goes by steps of some milliseconds.
-class TurnLimit {
- public:
-  explicit TurnLimit(int milliseconds) : _milliseconds(milliseconds) {}
-
-  // To be called before each request that is followed by another, and to be asked behind it.
-  void Begin() {
-    if (_requests++ == 0) _begin = ReadClock();
-  }
-  bool IsOver() const { return _requests == kRequestsInATurn || ReadClock() - _begin >= _milliseconds; }
-
- private:
-  static int64_t ReadClock() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
-  }
-
-  const int _milliseconds;
-  int _requests = 0;
-  int64_t _begin = 0;
-};
 
 }  // namespace
 

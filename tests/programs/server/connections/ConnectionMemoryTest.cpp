@@ -9,8 +9,7 @@
 
 #include "programs/server/connections/Connection.h"
 #include "tavix/osa/Descriptor.h"
-#include "tavix/settings/server/SerializationManager.h"
-#include "tavix/settings/server/SettingsManager.h"
+#include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/ListeningSocket.h"
 
 namespace {
@@ -52,14 +51,8 @@ class UnmadeConnection : public testing::Test {
     return connection.has_value();
   }
 
-  settings::server::SettingsManager _store;
-  settings::server::SerializationManager _serializers;
-  settings::server::ServerEnv _env{&_store, &_serializers};
-  const daemon::Limits _limits;
-  daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
-                               daemon::SharedBound(_limits.allBacklogBytes)};
-  daemon::Counters _counters;
-  const daemon::Connection::Shared _shared{&_env, _limits, _bounds, _counters, nullptr};
+  ConnectionSetup _setup;
+  const daemon::Connection::Shared _shared = _setup.GetShared();
   const osa::Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
   const osa::Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
 };

@@ -8,8 +8,7 @@
 
 #include "tavix/osa/Descriptor.h"
 #include "tavix/settings/server/ISettingsPersister.h"
-#include "tavix/settings/server/SerializationManager.h"
-#include "tavix/settings/server/SettingsManager.h"
+#include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ListeningSocket.h"
 
@@ -36,15 +35,9 @@ class ServingLoop : public testing::Test {
   }
 
   FailingPersister _persister;
-  settings::server::SettingsManager _store{&_persister, nullptr, nullptr, false};
-  settings::server::SerializationManager _serializers;
-  settings::server::ServerEnv _env{&_store, &_serializers};
-  const daemon::Limits _limits;
-  daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
-                               daemon::SharedBound(_limits.allBacklogBytes)};
-  daemon::Counters _counters;
+  ConnectionSetup _setup{_persister};
   std::atomic<int> _failures{0};
-  EventLoop _loop{{&_env, _limits, _bounds, _counters, nullptr}, [this] { ++_failures; }};
+  EventLoop _loop{_setup.GetShared(), [this] { ++_failures; }};
 };
 
 }  // namespace

@@ -7,8 +7,7 @@
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/SlowLane.h"
 #include "tavix/osa/Descriptor.h"
-#include "tavix/settings/server/SerializationManager.h"
-#include "tavix/settings/server/SettingsManager.h"
+#include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/MemoryPersister.h"
@@ -63,16 +62,9 @@ class RequestInLane : public testing::Test {
   }
 
   SlowPersister _persister;
-  settings::server::SettingsManager _store{&_persister, nullptr, nullptr, false};
-  settings::server::SerializationManager _serializers;
-  settings::server::ServerEnv _env{&_store, &_serializers};
-  const daemon::Limits _limits;
-  daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
-                               daemon::SharedBound(_limits.allBacklogBytes)};
-  daemon::Counters _counters;
+  ConnectionSetup _setup{_persister};
   daemon::SlowLane _lane;
-  std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(
-      daemon::Connection::Shared{&_env, _limits, _bounds, _counters, nullptr, 5, nullptr, &_lane}, [] {});
+  std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(_setup.GetShared(&_lane), [] {});
 };
 
 const std::string kGetA = "get delimited\nA\n.\n";
@@ -148,7 +140,7 @@ TEST_F(RequestInLane, ThatThrowsEndsItsConnectionAlone) {
   EXPECT_TRUE(Send(slow, "merge\n" + std::string(100'000, 'x') + "\n.\n"));
   EXPECT_EQ(ReceiveAll(slow), "");
   EXPECT_EQ(Ask(other, kGetA, kA.size()), kA);
-  EXPECT_EQ(_counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 1u);
+  EXPECT_EQ(_setup.counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 1u);
 }
 
 TEST_F(RequestInLane, LongChangeIsMadeBeforeTheRequestsBehindIt) {
