@@ -62,6 +62,7 @@ set(internal_headers
     tavix/settings/server/CommandTable.h
     tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
+    tavix/settings/server/DocumentPlan.h
     tavix/settings/server/DocumentTally.h
     tavix/settings/server/EarlyMatches.h
     tavix/settings/server/EarlyTest.h

@@ -2,7 +2,8 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
-#include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
 
@@ -21,27 +22,52 @@ void ChangeRequest::RemoveUser(const GroupNameMatcher& matcher) {
 
 bool ChangeRequest::Prepare(const StoreDocuments& documents) {
   const bool isTestLong = _test && _test->IsLong();
-  const bool areMatchesMany = _matches && _matches->AreMany();
-  if (isTestLong || areMatchesMany) _recorder.emplace(documents.GetRecorders());
+  const bool isLong = IsLarge(*_settings) || (_matches && _matches->AreMany());
+  _changedGroups.clear();
+  if (isTestLong || isLong) _recorder.emplace(documents.GetRecorders());
   if (isTestLong && !_test->HoldsInParts(documents)) return false;
   PrepareLocked(documents);
-  if (areMatchesMany) _matches->FindInParts(documents);
+  if (isLong) Plan(documents);
   return true;
 }
 
 void ChangeRequest::PrepareLocked(const StoreDocuments& documents) {
   _hasRecord = !_settings->IsEmpty() && _settings->HasGroup(documents.GetRecordGroup());
-  _copies.emplace(*_settings, _isPersistent);
+  _bytes = StoreAccount::Count(*_settings);
+}
+
+void ChangeRequest::Plan(const StoreDocuments& documents) {
+  static const std::set<std::string> none;
+  if (_matches) _matches->FindInParts(documents);
+  const std::set<std::string>& removed = _matches ? _matches->GetFound() : none;
+  ChangePlans& plans = _plans.emplace();
+  plans.all.Make(documents, *_settings, removed);
+  if (!_isPersistent) return;
+  plans.user.Make(documents, *_settings, removed);
+  if (_members) plans.user.AddAllRemoved(removed);
+}
+
+bool ChangeRequest::IsOutdated() {
+  constexpr size_t kFewGroups = 64;
+  if (_recorder) TakeChangedGroups();
+  return _changedGroups.size() > kFewGroups;
+}
+
+// What changes from here on is our own, or looked at again.
+void ChangeRequest::TakeChangedGroups() {
+  _changedGroups = _recorder->Take();
+  _recorder.reset();
 }
 
 bool ChangeRequest::BringUpToDate(const StoreDocuments& documents) {
-  if (!_test && !_matches) return true;
-  std::set<std::string> changedGroups;
-  if (_recorder) changedGroups = _recorder->Take();
-  _recorder.reset();  // the change that follows is our own
-  if (_test && !_test->Holds(documents.GetAll(), changedGroups)) return false;
-  if (_matches) _removedNames = _matches->Take(documents.Get(_matches->GetWhich()), changedGroups);
-  if (_members) GroupDiscriminator::FilterOutRestrictedGroups(_removedNames);
+  if (_recorder) TakeChangedGroups();
+  if (_test && !_test->Holds(documents.GetAll(), _changedGroups)) return false;
+  if (_matches) _removedNames = _matches->Take(documents.Get(_matches->GetWhich()), _changedGroups);
+  if (!_plans) return true;
+  for (const std::string& name : _changedGroups) {
+    _plans->lateSettings.MergeSettings(*_settings, name);
+    if (_removedNames.count(name) != 0) _plans->lateNames.insert(name);
+  }
   return true;
 }
 

@@ -1,25 +1,32 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <set>
 #include <string>
 
+#include "tavix/core/IniFile.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ChangeRecorder.h"
-#include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/DocumentPlan.h"
 #include "tavix/settings/server/EarlyMatches.h"
 #include "tavix/settings/server/EarlyTest.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tavix/settings/server/UnrestrictedPart.h"
 
-namespace tavix::core {
-class IniFile;
-}
 namespace tavix::settings::common {
 class GroupNameMatcher;
 }
 
 namespace tavix::settings::server {
+
+// The plans of a long change, and what they leave to do because others changed these groups in the meantime.
+struct ChangePlans {
+  DocumentPlan all{StoreDocuments::Which::kAll};
+  DocumentPlan user{StoreDocuments::Which::kUser};  // not made when user settings are kept
+  core::IniFile lateSettings;
+  std::set<std::string> lateNames;
+};
 
 // What a writer wants changed in a store: groups are removed, then values are set. Does the long part of the work
 // before the write lock is taken: copies large values, and reads the documents in parts under the read lock. Changes
@@ -27,6 +34,7 @@ namespace tavix::settings::server {
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
+// Members: many; they are the request, then what each step leaves for the next one.
 class ChangeRequest {
  public:
   ChangeRequest() = default;
@@ -55,11 +63,14 @@ class ChangeRequest {
 
   // The steps towards the change.
 
-  // Without the lock. Returns false when the test fails already.
+  // Without the lock; again after IsOutdated. Returns false when the test fails already.
   [[nodiscard]] bool Prepare(const StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
 
-  // The same for a caller that holds the write lock; for a request that only sets values.
+  // The same for a caller that holds the write lock: nothing is planned.
   void PrepareLocked(const StoreDocuments& documents);
+
+  // The write lock is held. Whether so much changed since Prepare that it is better done again.
+  [[nodiscard]] bool IsOutdated();
 
   // The change follows. Returns false when the test fails.
   [[nodiscard]] bool BringUpToDate(const StoreDocuments& documents) TAVIX_REQUIRES(documents.GetLock());
@@ -67,10 +78,19 @@ class ChangeRequest {
   // What is to be done.
   const core::IniFile& GetSettings() const { return *_settings; }
   bool HasRecord() const { return _hasRecord; }  // whether the settings hold the record of deleted groups
-  ValueCopies& GetCopies() { return *_copies; }
-  const ValueCopies& GetCopies() const { return *_copies; }
+  size_t GetBytes() const { return _bytes; }     // of the settings, as the store's account counts them
   std::set<std::string>& GetRemovedNames() { return _removedNames; }
   const std::set<std::string>& GetRemovedNames() const { return _removedNames; }
+
+  // Of these what is not planned: all, or what others changed since the plans were made.
+  const core::IniFile& GetUnplannedSettings() const { return _plans ? _plans->lateSettings : *_settings; }
+  const std::set<std::string>& GetUnplannedNames() const { return _plans ? _plans->lateNames : _removedNames; }
+
+  // Null: the change is short.
+  ChangePlans* GetPlans() { return _plans ? &*_plans : nullptr; }
+
+  // The groups that others changed since the plans were made.
+  const std::set<std::string>& GetChangedGroups() const { return _changedGroups; }
 
   // Null: the request removes no groups, or adds nothing to the record.
   const common::GroupNameMatcher* GetRemovedMatcher() const { return _removedMatcher; }
@@ -78,6 +98,9 @@ class ChangeRequest {
   bool IsPersistent() const { return _isPersistent; }
 
  private:
+  void Plan(const StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
+  void TakeChangedGroups();
+
   const core::IniFile* _settings = nullptr;
   std::optional<UnrestrictedPart> _unrestricted;
   const common::GroupNameMatcher* _removedMatcher = nullptr;
@@ -85,11 +108,13 @@ class ChangeRequest {
   bool _isPersistent = true;
 
   bool _hasRecord = false;
-  std::optional<ValueCopies> _copies;
+  size_t _bytes = 0;
   std::optional<EarlyTest> _test;
   std::optional<EarlyMatches> _matches;
   std::optional<ChangeRecorder> _recorder;  // from the first part that is read on, until the write lock is held
-  std::set<std::string> _removedNames;      // known once the write lock is held
+  std::optional<ChangePlans> _plans;
+  std::set<std::string> _changedGroups;
+  std::set<std::string> _removedNames;  // known once the write lock is held
 };
 
 }  // namespace tavix::settings::server

@@ -73,6 +73,7 @@ size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const 
 }
 
 size_t DeletedGroupsRecord::CountNewBytes(const IniFile& userSettings, const std::set<std::string>& members) const {
+  if (members.empty()) return 0;
   const Members& record = MembersOf(userSettings);
   size_t bytes = userSettings.HasGroup(_group) ? 0 : StoreAccount::CountGroup(_group, {});
   for (const std::string& member : members) {

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "tavix/settings/server/DocumentTally.h"
-#include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
 
@@ -32,31 +31,6 @@ class AscendingSearch {
   IniFile::GroupMap& _groups;
   IniFile::iterator _at;
 };
-
-bool HoldsKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
-  return std::all_of(wanted.begin(), wanted.end(), [&](const auto& setting) {
-    const auto key = keys.find(setting.first);
-    return key != keys.end() && key->second == setting.second;
-  });
-}
-
-// Returns whether one was missing or another.
-bool MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
-  bool isChanged = false;
-  for (auto next = source.begin(); next != source.end();) {
-    const auto setting = next++;
-    const auto key = target.find(setting->first);
-    if (key == target.end()) {
-      target.insert(source.extract(setting));
-    } else if (key->second != setting->second) {
-      key->second.swap(setting->second);
-    } else {
-      continue;
-    }
-    isChanged = true;
-  }
-  return isChanged;
-}
 
 }  // namespace
 
@@ -89,22 +63,21 @@ void MoveGroups(IniFile& document, DocumentTally& tally, const std::set<std::str
   }
 }
 
-void MoveValues(IniFile& document, DocumentTally& tally, IniFile& change, std::set<std::string>* changed) {
-  IniFile::GroupMap& groups = document.GetMutableGroups();
-  IniFile::GroupMap& source = change.GetMutableGroups();
-  AscendingSearch search(groups);
+bool HoldsKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
+  return std::all_of(wanted.begin(), wanted.end(), [&](const auto& setting) {
+    const auto key = keys.find(setting.first);
+    return key != keys.end() && key->second == setting.second;
+  });
+}
+
+void MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
   for (auto next = source.begin(); next != source.end();) {
-    const auto group = next++;
-    const auto place = search.Find(group->first);
-    const bool isThere = place != groups.end() && place->first == group->first;
-    const size_t keysBefore = isThere ? place->second.size() : 0;
-    if (isThere && !MoveKeys(place->second, group->second)) continue;
-    if (changed) changed->insert(changed->end(), group->first);
-    if (isThere) {
-      tally.OnKeysAdded(place->second.size() - keysBefore);
+    const auto setting = next++;
+    const auto key = target.find(setting->first);
+    if (key == target.end()) {
+      target.insert(source.extract(setting));
     } else {
-      tally.OnGroupAdded(group->first, group->second.size());
-      groups.insert(place, source.extract(group));
+      key->second.swap(setting->second);
     }
   }
 }
@@ -133,13 +106,6 @@ void CompareGroups(const IniFile& before, const IniFile& after, std::set<std::st
       different.erase(name);
     }
   }
-}
-
-ValueCopies::ValueCopies(const IniFile& settings, bool isForUser)
-    : areMade(IsLarge(settings)), bytes(StoreAccount::Count(settings)) {
-  if (!areMade) return;
-  all.MergeSettings(settings);
-  if (isForUser) user.MergeSettings(settings);
 }
 
 }  // namespace tavix::settings::server

@@ -12,7 +12,7 @@ namespace tavix::settings::server {
 // Threads: changed under the store's write lock; asked from any.
 class DocumentTally {
  public:
-  // The document was loaded.
+  // Another document takes the place of this one.
   void Set(size_t keys, size_t nameBytes) {
     _keys.store(keys, std::memory_order_relaxed);
     _nameBytes.store(nameBytes, std::memory_order_relaxed);

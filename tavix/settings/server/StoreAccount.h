@@ -78,13 +78,13 @@ class LateCount {
   LateCount(const LateCount&) = delete;
   LateCount& operator=(const LateCount&) = delete;
 
-  // As they are in the end; they outlive the object. Four documents at most.
+  // As they are in the end; they outlive the object. Six documents at most.
   void Subtract(const core::IniFile& document);
   void Subtract(const core::IniFile& one, const core::IniFile& other);
 
  private:
   StoreAccount& _account;
-  std::array<const core::IniFile*, 4> _documents{};
+  std::array<const core::IniFile*, 6> _documents{};
   size_t _count = 0;
 };
 

@@ -38,10 +38,14 @@ StoreChange::StoreChange(StoreDocuments& documents, ISettingsPersister* persiste
 
 bool StoreChange::Make() {
   _notifier.RefuseInCallback();
-  if (!_request.Prepare(_documents)) return false;
-  {
+  constexpr int kMaxRounds = 4;
+  bool isDone = false;
+  for (int round = 1; !isDone; ++round) {
+    if (!_request.Prepare(_documents)) return false;
     const osa::WriteAutoLock lock(_documents.GetLock());
+    if (_request.IsOutdated() && round < kMaxRounds) continue;
     if (!MakeUnderLock()) return false;
+    isDone = true;
   }
   if (_isUnchanged) ReportUnchanged();
   Notify();
@@ -71,13 +75,30 @@ bool StoreChange::MakeUnderLock() {
   RequireRoom();
   BeginVersion(_documents);
   if (_documents._recorders.AreActive()) NoteGroups();
-  if (!_request.GetRemovedNames().empty()) RemoveGroups();
+  if (_request.GetPlans()) CarryOutPlans(*_request.GetPlans());
+  if (!_request.GetUnplannedNames().empty()) RemoveGroups();
   MergeIntoAll();
   if (!_request.IsPersistent()) return true;
   MergeIntoUser();
   if (_request.GetMembers()) RecordMembers();
   if (_persister) Save();
   return true;
+}
+
+void StoreChange::CarryOutPlans(ChangePlans& plans) {
+  StoreAccount& account = _documents._account;
+  const std::set<std::string>& changedGroups = _request.GetChangedGroups();
+  account.Add(static_cast<std::ptrdiff_t>(plans.all.GetBytes()));
+  _lateCount.Subtract(plans.all.GetReplaced(), plans.all.GetRemoved());
+  plans.all.CarryOut(_documents._all, account.GetAllTally(), changedGroups);
+  if (!_request.IsPersistent()) return;
+  account.Add(static_cast<std::ptrdiff_t>(plans.user.GetBytes()));
+  _lateCount.Subtract(plans.user.GetReplaced(), plans.user.GetRemoved());
+  plans.user.CarryOut(_documents._user, account.GetUserTally(), changedGroups);
+  if (_request.HasRecord() || _request.GetRemovedNames().count(_documents.GetRecordGroup()) != 0)
+    _documents._record.Read(_documents._user);
+  _isDifferent = plans.user.HasDifference();
+  _different = std::move(plans.user.GetDifferent());
 }
 
 // What comes from the defaults has no bound.
@@ -98,17 +119,17 @@ void StoreChange::RequirePatterns() const {
 }
 
 // What has room anyway is not searched for.
-void StoreChange::RequireRoom() const {
+void StoreChange::RequireRoom() {
   const IniFile& settings = _request.GetSettings();
   const std::set<std::string>* members = _request.GetMembers();
   const StoreAccount& account = _documents._account;
-  const size_t recordBytes = members ? _documents._record.CountNewBytes(_documents._user, *members) : 0;
+  if (members) _recordBytes = _documents._record.CountNewBytes(_documents._user, *members);
   const size_t copies = _request.IsPersistent() ? 2 : 1;
-  if (account.HasRoom(copies * _request.GetCopies().bytes + recordBytes)) return;
+  if (account.HasRoom(copies * _request.GetBytes() + _recordBytes)) return;
   if (!_request.IsPersistent()) return account.RequireRoom(StoreAccount::CountGrowth(_documents._all, settings));
   account.RequireRoom(
       StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings)) +
-      static_cast<std::ptrdiff_t>(recordBytes));
+      static_cast<std::ptrdiff_t>(_recordBytes));
 }
 
 void StoreChange::BeginVersion(StoreDocuments& documents) {
@@ -120,11 +141,15 @@ void StoreChange::NoteGroups() const {
   ChangeRecorders& recorders = _documents._recorders;
   recorders.Note(_request.GetRemovedNames());
   recorders.Note(_request.GetSettings());
+  if (const ChangePlans* plans = _request.GetPlans()) {
+    recorders.Note(plans->all.GetMoved());
+    recorders.Note(plans->user.GetMoved());
+  }
   if (_request.GetMembers()) recorders.Note(std::set<std::string>{_documents.GetRecordGroup()});
 }
 
 void StoreChange::RemoveGroups() {
-  const std::set<std::string>& names = _request.GetRemovedNames();
+  const std::set<std::string>& names = _request.GetUnplannedNames();
   _lateCount.Subtract(_removed.all, _removed.user);
   MoveGroups(_documents._all, _documents._account.GetAllTally(), names, _removed.all);
   MoveGroups(_documents._user, _documents._account.GetUserTally(), names, _removed.user);
@@ -133,39 +158,30 @@ void StoreChange::RemoveGroups() {
 
 void StoreChange::MergeIntoAll() {
   StoreAccount& account = _documents._account;
-  ValueCopies& copies = _request.GetCopies();
-  if (copies.areMade) {
-    account.Add(static_cast<std::ptrdiff_t>(copies.bytes));
-    _lateCount.Subtract(copies.all);
-    MoveValues(_documents._all, account.GetAllTally(), copies.all, nullptr);
-  } else {
-    account.Merge(_documents._all, account.GetAllTally(), _request.GetSettings());
-  }
+  account.Merge(_documents._all, account.GetAllTally(), _request.GetUnplannedSettings());
   if (_request.HasRecord()) account.RemoveGroup(_documents._all, account.GetAllTally(), _documents.GetRecordGroup());
 }
 
 // What differs is of interest to the persister alone.
 void StoreChange::MergeIntoUser() {
   StoreAccount& account = _documents._account;
-  const IniFile& settings = _request.GetSettings();
-  ValueCopies& copies = _request.GetCopies();
+  const IniFile& settings = _request.GetUnplannedSettings();
+  std::set<std::string> different;
+  if (_persister) different = FindGroupsToChange(_documents._user, settings);
   if (_request.HasRecord()) _documents._record.OnMerge(_documents._user, settings);
-  if (copies.areMade) {
-    account.Add(static_cast<std::ptrdiff_t>(copies.bytes));
-    _lateCount.Subtract(copies.user);
-    MoveValues(_documents._user, account.GetUserTally(), copies.user, _persister ? &_different : nullptr);
-  } else {
-    if (_persister) _different = FindGroupsToChange(_documents._user, settings);
-    account.Merge(_documents._user, account.GetUserTally(), settings);
-  }
-  if (_persister) CompareGroups(_removed.user, settings, _different);
+  account.Merge(_documents._user, account.GetUserTally(), settings);
+  if (!_persister) return;
+  CompareGroups(_removed.user, settings, different);
+  _isDifferent = _isDifferent || !different.empty();
+  _different.merge(different);
 }
 
 void StoreChange::RecordMembers() {
   const std::set<std::string>& members = *_request.GetMembers();
   IniFile& user = _documents._user;
   StoreAccount& account = _documents._account;
-  account.Add(static_cast<std::ptrdiff_t>(_documents._record.CountNewBytes(user, members)));
+  if (_request.HasRecord()) _recordBytes = _documents._record.CountNewBytes(user, members);  // the values changed it
+  account.Add(static_cast<std::ptrdiff_t>(_recordBytes));
   const bool isFirst = !user.HasGroup(_documents.GetRecordGroup());
   _recorded = _documents._record.Add(user, members);
   if (_recorded.IsEmpty()) return;
@@ -178,16 +194,16 @@ void StoreChange::RecordMembers() {
 }
 
 void StoreChange::Save() {
-  _isUnchanged = _different.empty() && _recorded.IsEmpty();
-  std::set<std::string>* changed = &_different;
-  if (_request.GetMembers() && !_isUnchanged) {
-    changed = &_request.GetRemovedNames();  // those of the defaults, too: they go by the record alone
-    changed->merge(_different);
-  }
+  static const std::set<std::string> none;
+  _isUnchanged = !_isDifferent && _recorded.IsEmpty();
+  // Groups of the defaults go by the record alone.
+  if (_request.GetMembers())
+    _different.insert(_request.GetUnplannedNames().begin(), _request.GetUnplannedNames().end());
+  const std::set<std::string>& changed = _isUnchanged ? none : _different;
   if (_recorded.IsEmpty()) {
-    _persister->SaveChangedGroups(_documents._user, *changed);
+    _persister->SaveChangedGroups(_documents._user, changed);
   } else {
-    _persister->SaveAddedSettings(_documents._user, *changed, _recorded);
+    _persister->SaveAddedSettings(_documents._user, changed, _recorded);
   }
 }
 

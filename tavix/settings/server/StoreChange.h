@@ -6,6 +6,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreDocuments.h"
@@ -13,7 +14,6 @@
 namespace tavix::settings::server {
 
 class ChangeNotifier;
-class ChangeRequest;
 class ISettingsPersister;
 
 // One change of a store, and the only way to change its documents. A writer fills a ChangeRequest with what differs
@@ -43,7 +43,8 @@ class StoreChange {
   // Once only. Returns false when the request's test fails: then nothing is changed and nobody is notified.
   [[nodiscard]] bool Make() TAVIX_EXCLUDES(_documents.GetLock());
 
-  // The same for a request that only sets values. Nobody is notified.
+  // The same by a caller that holds the lock, for a request that only sets values or was prepared before. Nobody is
+  // notified.
   void MakeLocked() TAVIX_REQUIRES(_documents.GetLock());
 
   // Replaces both documents, as loading does: no bounds, nothing is saved, nobody is notified.
@@ -55,8 +56,9 @@ class StoreChange {
 
   bool MakeUnderLock() TAVIX_REQUIRES(_documents.GetLock());
   void RequirePatterns() const TAVIX_REQUIRES(_documents.GetLock());
-  void RequireRoom() const TAVIX_REQUIRES(_documents.GetLock());
+  void RequireRoom() TAVIX_REQUIRES(_documents.GetLock());
   void NoteGroups() const TAVIX_REQUIRES(_documents.GetLock());
+  void CarryOutPlans(ChangePlans& plans) TAVIX_REQUIRES(_documents.GetLock());
   void RemoveGroups() TAVIX_REQUIRES(_documents.GetLock());
   void MergeIntoAll() TAVIX_REQUIRES(_documents.GetLock());
   void MergeIntoUser() TAVIX_REQUIRES(_documents.GetLock());
@@ -72,7 +74,9 @@ class StoreChange {
 
   RemovedGroups _removed;
   core::IniFile _recorded;           // the new members of the record of deleted groups
+  size_t _recordBytes = 0;           // which the record gets, as the account counts them
   std::set<std::string> _different;  // groups of the user settings that hold something else than before
+  bool _isDifferent = false;         // there are such groups, but those that only the record takes away
   bool _isUnchanged = false;         // the request was to be saved, and the user settings held it all before
   LateCount _lateCount;              // destroyed first
 };
