@@ -130,19 +130,19 @@ void Server::Run(const Signals& signals, const std::function<void(int)>& onSigna
   }
   _listeners.clear();
   const auto hasFailed = [](const auto& loop) { return loop->HasFailed(); };
-  const bool failed = std::any_of(_loops.begin(), _loops.end(), hasFailed);
+  const bool failed = std::any_of(GetLoops().begin(), GetLoops().end(), hasFailed);
   EndLoops();
   if (failed) throw osa::Exception("An event loop failed");
 }
 
 void Server::Probe() {
-  std::lock_guard<std::mutex> lock(_probeMutex);
+  osa::PlainMutexLock lock(_probeMutex);
   for (const auto& loop : _loops) loop->Probe();
 }
 
 void Server::EndLoops() {
   _lane.Stop();
-  std::lock_guard<std::mutex> lock(_probeMutex);
+  osa::PlainMutexLock lock(_probeMutex);
   _loops.clear();
 }
 
@@ -252,7 +252,7 @@ bool Server::RefuseOne(const Listener& listener, int error) {
 
 EventLoop& Server::FindLeastBusy() const {
   const auto isLessBusy = [](const auto& a, const auto& b) { return a->CountConnections() < b->CountConnections(); };
-  return **std::min_element(_loops.begin(), _loops.end(), isLessBusy);
+  return **std::min_element(GetLoops().begin(), GetLoops().end(), isLessBusy);
 }
 
 }  // namespace tavix::daemon

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,6 +20,8 @@
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
 #include "tavix/osa/Descriptor.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SubscriptionBudget.h"
@@ -52,7 +53,7 @@ class Server {
   void Run(const Signals& signals, const std::function<void(int)>& onSignal);
 
   // Returns once every event loop has come round. From any thread.
-  void Probe();
+  void Probe() TAVIX_EXCLUDES(_probeMutex);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -75,7 +76,10 @@ class Server {
   bool MayEnter(int descriptor, const Listener& listener) const;
   bool RefuseOne(const Listener& listener, int error);
   EventLoop& FindLeastBusy() const;
-  void EndLoops();
+  void EndLoops() TAVIX_EXCLUDES(_probeMutex);
+
+  // On the one thread that changes them, so that it reads them without the mutex.
+  const std::vector<std::unique_ptr<EventLoop>>& GetLoops() const TAVIX_NO_THREAD_SAFETY_ANALYSIS { return _loops; }
 
   const std::vector<uid_t> _allowedUsers;  // on unix sockets; empty: all
   Counters& _counters;
@@ -93,8 +97,8 @@ class Server {
   Entry _entry = Entry::kOpen;
   Clock::time_point _waitsSince{};  // for a place
   SlowLane _lane;
-  std::mutex _probeMutex;  // held while loops are probed, and while they end
-  std::vector<std::unique_ptr<EventLoop>> _loops;
+  osa::PlainMutex _probeMutex;  // held while loops are probed, and while they end
+  std::vector<std::unique_ptr<EventLoop>> _loops TAVIX_GUARDED_BY(_probeMutex);
 };
 
 }  // namespace tavix::daemon

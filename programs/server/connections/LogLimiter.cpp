@@ -55,7 +55,7 @@ bool LogLimiter::TakeLine(const std::string& peer, const char* format, int kind,
   std::vector<std::string> reports;
   bool isTaken = false;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     Cause& cause = FindCause(peer, format, kind, now);
     if (cause.leftOut > 0 && cause.MayLog(now)) {
       reports.push_back(TakeReport(peer, cause));
@@ -79,7 +79,7 @@ void LogLimiter::ReportDue(Clock::time_point now) {
   if (read(_timer.Get(), &ignored, sizeof ignored) < 0) ignored = 0;  // it has not expired, or there is none
   std::vector<std::string> lines;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _isTimerSet = false;
     Clock::time_point due = Clock::time_point::max();
     for (auto& [key, cause] : _causes) {
@@ -109,7 +109,6 @@ std::string LogLimiter::TakeReport(const std::string& peer, Cause& cause) {
   return peer + ": lines left out: " + count + ", like: " + cause.example;
 }
 
-// The caller holds the lock, as for the following.
 LogLimiter::Cause& LogLimiter::FindCause(const std::string& peer, const char* format, int kind, Clock::time_point now) {
   const Key key(peer, format, kind);
   const auto known = _causes.find(key);

@@ -3,13 +3,14 @@
 #include <chrono>
 #include <cstddef>
 #include <map>
-#include <mutex>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Descriptor.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -43,10 +44,11 @@ class LogLimiter {
   int GetDescriptor() const { return _timer.Get(); }
 
   // Reports what was left out of causes that may log again.
-  void ReportDue(Clock::time_point now);
+  void ReportDue(Clock::time_point now) TAVIX_EXCLUDES(_mutex);
 
   // Whether a line may be written. format, kind: its cause. text: the line.
-  bool TakeLine(const std::string& peer, const char* format, int kind, const std::string& text, Clock::time_point now);
+  bool TakeLine(const std::string& peer, const char* format, int kind, const std::string& text, Clock::time_point now)
+      TAVIX_EXCLUDES(_mutex);
 
  private:
   using Key = std::tuple<std::string, const char*, int>;
@@ -66,15 +68,15 @@ class LogLimiter {
   static bool FilterLine(core::LogLevel level, const char* format, const std::string& text);
   static void Report(const std::vector<std::string>& lines);
 
-  Cause& FindCause(const std::string& peer, const char* format, int kind, Clock::time_point now);
-  void RemoveOld(Clock::time_point now);
+  Cause& FindCause(const std::string& peer, const char* format, int kind, Clock::time_point now) TAVIX_REQUIRES(_mutex);
+  void RemoveOld(Clock::time_point now) TAVIX_REQUIRES(_mutex);
   static std::string TakeReport(const std::string& peer, Cause& cause);
-  void SetTimer(Clock::time_point now, Clock::time_point due);
+  void SetTimer(Clock::time_point now, Clock::time_point due) TAVIX_REQUIRES(_mutex);
 
   const osa::Descriptor _timer;
-  std::mutex _mutex;  // guards what follows
-  std::map<Key, Cause> _causes;
-  bool _isTimerSet = false;
+  osa::PlainMutex _mutex;
+  std::map<Key, Cause> _causes TAVIX_GUARDED_BY(_mutex);
+  bool _isTimerSet TAVIX_GUARDED_BY(_mutex) = false;
 };
 
 }  // namespace tavix::daemon

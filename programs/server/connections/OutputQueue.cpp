@@ -37,13 +37,13 @@ OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* g
 }
 
 void OutputQueue::HoldFromNowOn(Ticket ticket) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _leastTicket = std::max(_leastTicket, ticket);
 }
 
 size_t OutputQueue::Send() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     SendSendable();
   }
   AwaitDurable();
@@ -53,7 +53,7 @@ size_t OutputQueue::Send() {
 
 void OutputQueue::Close() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _broken = true;
     _kept.Clear();
     _keptBytes = 0;
@@ -64,23 +64,23 @@ void OutputQueue::Close() {
 }
 
 void OutputQueue::TellWhenSent(bool tells) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _tellsWhenSent = tells;
 }
 
 size_t OutputQueue::GetSendableBytes() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   return CountSendable();
 }
 
 OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   return _lastProgress;
 }
 
 void OutputQueue::OnDurable() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _awaits = false;
     if (_broken) return;
     if (CountSendable() == 0) _lastProgress = Clock::now();
@@ -124,7 +124,7 @@ void OutputQueue::EndMessage() {
 }
 
 void OutputQueue::FlushMessage(std::string_view message, const KeptOutput::Text* shared) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   if (!IsReachable() || message.empty()) return;
   const Ticket ticket = std::max(_messageTicket, _leastTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
@@ -135,7 +135,6 @@ void OutputQueue::FlushMessage(std::string_view message, const KeptOutput::Text*
   if (sent < message.size() && !_broken) Keep(message, sent, shared);
 }
 
-// The caller holds the lock, here and below, unless something else is said.
 void OutputQueue::Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared) {
   if (_kept.GetSize() == 0) _lastProgress = Clock::now();
   if (shared) {
@@ -185,11 +184,11 @@ void OutputQueue::DropDurableHolds() {
   _holds.erase(_holds.begin(), std::find_if(_holds.begin(), _holds.end(), isHeld));
 }
 
-// The caller does not hold the lock. The gate may have been passed meanwhile; then it is for this thread to send.
+// The gate may have been passed meanwhile; then it is for this thread to send.
 void OutputQueue::AwaitDurable() {
   Ticket ticket = 0;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     if (_holds.empty() || _awaits || _broken) return;
     ticket = _holds.front().ticket;
     _awaits = true;
@@ -246,9 +245,8 @@ void OutputQueue::Break(End end) {
   _onKept();
 }
 
-// The caller does not hold the lock, here and below.
 void OutputQueue::BreakFor(End end) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   Break(end);
 }
 

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -15,6 +14,8 @@
 #include "programs/server/connections/KeptOutput.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/persistence/DurabilityGate.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -57,25 +58,25 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   void HoldMessage(Ticket ticket) { _messageTicket = ticket; }
 
   // Likewise every message from now on.
-  void HoldFromNowOn(Ticket ticket);
+  void HoldFromNowOn(Ticket ticket) TAVIX_EXCLUDES(_mutex);
 
   // Writes and flushes a message which other queues may be given as well. By its writer.
-  void WriteShared(const KeptOutput::Text& message);
+  void WriteShared(const KeptOutput::Text& message) TAVIX_EXCLUDES(_mutex);
 
   // Sends on what is kept, as far as the socket takes it. Returns what stays.
-  size_t Send();
+  size_t Send() TAVIX_EXCLUDES(_mutex);
 
   // Nothing that is written from now on would reach the peer.
-  void OnPeerGone() { BreakFor(End::kPeer); }
+  void OnPeerGone() TAVIX_EXCLUDES(_mutex) { BreakFor(End::kPeer); }
 
   // A message was lost, so that nothing may follow it.
-  void OnMessageLost() { BreakFor(End::kMemory); }
+  void OnMessageLost() TAVIX_EXCLUDES(_mutex) { BreakFor(End::kMemory); }
 
   // Nothing is sent, and nobody is told of anything, any more.
-  void Close();
+  void Close() TAVIX_EXCLUDES(_mutex);
 
   // Has onKept called as well when something that had to wait for the disk was sent.
-  void TellWhenSent(bool tells);
+  void TellWhenSent(bool tells) TAVIX_EXCLUDES(_mutex);
 
   size_t GetKeptBytes() const { return _keptBytes; }
   bool IsBroken() const { return _broken; }
@@ -88,12 +89,12 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   bool IsReachable() const { return !_broken && GetPicked() == 0; }
 
   // What of the kept bytes waits for the peer alone.
-  size_t GetSendableBytes() const;
+  size_t GetSendableBytes() const TAVIX_EXCLUDES(_mutex);
 
   // Since when the peer has taken nothing of that.
-  Clock::time_point GetLastProgress() const;
+  Clock::time_point GetLastProgress() const TAVIX_EXCLUDES(_mutex);
 
-  void OnDurable() override;
+  void OnDurable() override TAVIX_EXCLUDES(_mutex);
 
  private:
   struct Hold {
@@ -105,22 +106,22 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::streamsize xsputn(const char* bytes, std::streamsize count) override;
   int sync() override;
 
-  void FlushMessage(std::string_view message, const KeptOutput::Text* shared);
-  void Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared);
-  void EndMessage();
-  void NoteKept();
-  void Enforce();
-  void SendSendable();
-  size_t CountSendable() const;
-  void DropDurableHolds();
-  void AwaitDurable();
-  size_t SendSome(std::string_view bytes);
-  size_t SendOnce(KeptOutput::Pieces& pieces, size_t count);
+  void FlushMessage(std::string_view message, const KeptOutput::Text* shared) TAVIX_EXCLUDES(_mutex);
+  void Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared) TAVIX_REQUIRES(_mutex);
+  void EndMessage() TAVIX_EXCLUDES(_mutex);
+  void NoteKept() TAVIX_REQUIRES(_mutex);
+  void Enforce() TAVIX_REQUIRES(_mutex);
+  void SendSendable() TAVIX_REQUIRES(_mutex);
+  size_t CountSendable() const TAVIX_REQUIRES(_mutex);
+  void DropDurableHolds() TAVIX_REQUIRES(_mutex);
+  void AwaitDurable() TAVIX_EXCLUDES(_mutex);
+  size_t SendSome(std::string_view bytes) TAVIX_REQUIRES(_mutex);
+  size_t SendOnce(KeptOutput::Pieces& pieces, size_t count) TAVIX_REQUIRES(_mutex);
   bool IsPeerGone() const;
-  void Break(End end);
-  void BreakFor(End end);
+  void Break(End end) TAVIX_REQUIRES(_mutex);
+  void BreakFor(End end) TAVIX_EXCLUDES(_mutex);
   template <class Work>
-  bool DoOrBreak(Work work);
+  bool DoOrBreak(Work work) TAVIX_EXCLUDES(_mutex);
 
   const int _descriptor;
   const Bounds _bounds;
@@ -129,18 +130,18 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   std::string _message;       // the writer's, until it is flushed
   Ticket _messageTicket = 0;  // likewise
   std::ostream _ostream;
-  mutable std::mutex _mutex;          // guards what follows
-  std::atomic<size_t> _keptBytes{0};  // that many; for those who only ask
-  size_t _left = 0;                   // how many kept bytes have left
-  std::vector<Hold> _holds;           // in the order of their bytes
-  Ticket _leastTicket = 0;            // for every message from now on
-  bool _awaits = false;               // the gate will tell
-  bool _tellsWhenSent = false;
-  std::atomic<bool> _broken{false};
-  std::atomic<End> _end{End::kNone};
-  Clock::time_point _lastProgress{};
-  SharedBound::Part _part;
-  KeptOutput _kept;
+  mutable osa::PlainMutex _mutex;
+  std::atomic<size_t> _keptBytes{0};                  // that many; for those who only ask
+  size_t _left TAVIX_GUARDED_BY(_mutex) = 0;          // how many kept bytes have left
+  std::vector<Hold> _holds TAVIX_GUARDED_BY(_mutex);  // in the order of their bytes
+  Ticket _leastTicket TAVIX_GUARDED_BY(_mutex) = 0;   // for every message from now on
+  bool _awaits TAVIX_GUARDED_BY(_mutex) = false;      // the gate will tell
+  bool _tellsWhenSent TAVIX_GUARDED_BY(_mutex) = false;
+  std::atomic<bool> _broken{false};   // written with the mutex held
+  std::atomic<End> _end{End::kNone};  // likewise
+  Clock::time_point _lastProgress TAVIX_GUARDED_BY(_mutex){};
+  SharedBound::Part _part;  // but for what may be asked at any time, used with the mutex held
+  KeptOutput _kept TAVIX_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::daemon

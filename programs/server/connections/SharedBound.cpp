@@ -15,14 +15,14 @@ constexpr size_t kMuch = 1024 * 1024;
 }  // namespace
 
 SharedBound::Part::Part(SharedBound& bound, int descriptor) : _bound(bound), _descriptor(descriptor) {
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   _bound._parts.push_back(this);
 }
 
 void SharedBound::Part::Set(size_t bytes) {
   const size_t counted = bytes > kNotCounted ? bytes : 0;
   if (counted == _bytes || _ended) return;
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   const size_t before = std::exchange(_bytes, counted);
   if (!_isCounted) return;
   _bound._total = _bound._total - before + counted;
@@ -30,7 +30,7 @@ void SharedBound::Part::Set(size_t bytes) {
 }
 
 void SharedBound::Part::AddText(const std::string& text) {
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   if (!_isCounted || _ended) return;
   if (!_texts) _texts = std::make_unique<std::deque<Texts::value_type*>>();
   _texts->push_back(nullptr);
@@ -49,24 +49,24 @@ void SharedBound::Part::AddText(const std::string& text) {
 }
 
 void SharedBound::Part::DropText() {
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   if (_texts) _bound.DropFirstText(*this);
 }
 
 void SharedBound::Part::Clear() {
   Set(0);
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   while (_texts) _bound.DropFirstText(*this);
 }
 
 void SharedBound::Part::End() {
   Clear();
   if (std::exchange(_ended, true)) return;
-  std::lock_guard<std::mutex> lock(_bound._mutex);
+  osa::PlainMutexLock lock(_bound._mutex);
   _bound._parts.erase(std::find(_bound._parts.begin(), _bound._parts.end(), this));
 }
 
-// The caller holds the lock, here and below. Asks for no memory: the bound is enforced when there is little.
+// Asks for no memory: the bound is enforced when there is little.
 void SharedBound::Enforce() {
   Part* chosen = nullptr;
   while (_total > _max) {

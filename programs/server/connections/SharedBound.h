@@ -4,12 +4,13 @@
 #include <cstddef>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "programs/server/system/UnusedMemory.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -88,20 +89,20 @@ class SharedBound {
   };
 
  private:
-  void Enforce();
-  Part* FindLargest() const;
-  void Pick(Part& part);
-  void Count(Part& part);
-  void Uncount(Part& part);
-  void DropFirstText(Part& part);
+  void Enforce() TAVIX_REQUIRES(_mutex);
+  Part* FindLargest() const TAVIX_REQUIRES(_mutex);
+  void Pick(Part& part) TAVIX_REQUIRES(_mutex);
+  void Count(Part& part) TAVIX_REQUIRES(_mutex);
+  void Uncount(Part& part) TAVIX_REQUIRES(_mutex);
+  void DropFirstText(Part& part) TAVIX_REQUIRES(_mutex);
 
   const size_t _max;
   UnusedMemory _unused;
-  std::mutex _mutex;  // guards what follows
-  size_t _total = 0;  // of the counted parts, which are all that were not picked
-  Texts _texts;
-  bool _keptMuch = false;  // since there were no texts
-  std::vector<Part*> _parts;
+  osa::PlainMutex _mutex;
+  size_t _total TAVIX_GUARDED_BY(_mutex) = 0;  // of the counted parts, which are all that were not picked
+  Texts _texts TAVIX_GUARDED_BY(_mutex);
+  bool _keptMuch TAVIX_GUARDED_BY(_mutex) = false;  // since there were no texts
+  std::vector<Part*> _parts TAVIX_GUARDED_BY(_mutex);
 };
 
 // What is bounded for all connections together.

@@ -8,7 +8,7 @@ namespace tavix::daemon {
 void DeferredLog::Add(bool isError, const char* what, const char* why) {
   try {
     Line line{isError, std::string(what) + why};
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _lines.push_back(std::move(line));
   } catch (const std::exception&) {
     return;
@@ -16,14 +16,14 @@ void DeferredLog::Add(bool isError, const char* what, const char* why) {
 }
 
 bool DeferredLog::IsEmpty() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   return _lines.empty();
 }
 
 void DeferredLog::Write() {
   std::vector<Line> lines;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     lines.swap(_lines);
   }
   for (const Line& line : lines) {

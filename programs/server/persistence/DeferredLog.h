@@ -1,10 +1,11 @@
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "tavix/core/Logger.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -21,13 +22,13 @@ class DeferredLog {
   DeferredLog& operator=(const DeferredLog&) = delete;
 
   // Never throw. Without memory the line is lost.
-  void AddError(const char* what, const char* why = "") { Add(true, what, why); }
-  void AddWarning(const char* what, const char* why = "") { Add(false, what, why); }
+  void AddError(const char* what, const char* why = "") TAVIX_EXCLUDES(_mutex) { Add(true, what, why); }
+  void AddWarning(const char* what, const char* why = "") TAVIX_EXCLUDES(_mutex) { Add(false, what, why); }
 
-  bool IsEmpty() const;
+  bool IsEmpty() const TAVIX_EXCLUDES(_mutex);
 
   // Everything so far, in its order. One thread at a time.
-  void Write();
+  void Write() TAVIX_EXCLUDES(_mutex);
 
  private:
   struct Line {
@@ -35,11 +36,11 @@ class DeferredLog {
     std::string text;
   };
 
-  void Add(bool isError, const char* what, const char* why);
+  void Add(bool isError, const char* what, const char* why) TAVIX_EXCLUDES(_mutex);
 
   const core::Logger& _logger;
-  mutable std::mutex _mutex;  // guards what follows
-  std::vector<Line> _lines;
+  mutable osa::PlainMutex _mutex;
+  std::vector<Line> _lines TAVIX_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::daemon

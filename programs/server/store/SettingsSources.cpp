@@ -139,7 +139,7 @@ bool SettingsSources::Try(Step step) {
     step();
     return true;
   } catch (const std::exception& exception) {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _problems.emplace_back(exception.what());
     return false;
   }
@@ -194,7 +194,7 @@ void SettingsSources::WarnOfUnrestricted(const IniFile& document, Report& report
 
 // Each restore loads the defaults again, and their files may have changed.
 void SettingsSources::WarnOnce(const std::string& message) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   if (!_warnings.insert(message).second) return;
   if (_isCheck) {
     _problems.push_back(message);
@@ -236,17 +236,17 @@ void SettingsSources::RememberUserSettings(const FoundUserSettings& found, const
 }
 
 std::vector<SettingsSources::Report> SettingsSources::GetReports() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   return _reports;
 }
 
 std::vector<std::string> SettingsSources::GetProblems() const {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   return _problems;
 }
 
 void SettingsSources::Remember(Report report) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   const auto isSame = [&](const Report& known) { return known.layer == report.layer && known.path == report.path; };
   const auto known = std::find_if(_reports.begin(), _reports.end(), isSame);
   if (known == _reports.end()) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -9,6 +8,8 @@
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Options.h"
 #include "programs/server/persistence/UserSettingsPersister.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 
 namespace tavix::daemon {
@@ -73,8 +74,8 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
                      core::IniFile& merged);
   void RememberUserSettings(const FoundUserSettings& found, const char* notLoaded);
   void WarnOfUnrestricted(const core::IniFile& document, Report& report);
-  void WarnOnce(const std::string& message);
-  void Remember(Report report);
+  void WarnOnce(const std::string& message) TAVIX_EXCLUDES(_mutex);
+  void Remember(Report report) TAVIX_EXCLUDES(_mutex);
 
   const LayerSources _defaults;
   const LayerSources _restricted;
@@ -84,10 +85,10 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
   std::atomic<size_t> _layerBytes{0};
   Counters& _counters;
   std::atomic<bool> _areDefaultsLoaded{false};  // once; later loads are for restores
-  mutable std::mutex _mutex;                    // guards what follows
-  std::vector<Report> _reports;
-  std::vector<std::string> _problems;
-  std::set<std::string> _warnings;  // that were logged
+  mutable osa::PlainMutex _mutex;
+  std::vector<Report> _reports TAVIX_GUARDED_BY(_mutex);
+  std::vector<std::string> _problems TAVIX_GUARDED_BY(_mutex);
+  std::set<std::string> _warnings TAVIX_GUARDED_BY(_mutex);  // that were logged
 };
 
 }  // namespace tavix::daemon

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/osa/Mutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 
 namespace tavix::core {
@@ -28,15 +29,15 @@ class ChangeNotifier {
 
   common::CallbackDispatcher& GetDispatcher() { return _dispatcher; }
   const common::CallbackDispatcher& GetDispatcher() const { return _dispatcher; }
-  osa::Mutex& GetGate() const { return _gate; }
+  osa::Mutex& GetGate() const TAVIX_RETURN_CAPABILITY(_gate) { return _gate; }
 
   // Throws osa::Exception on a thread that runs a change callback: a change is better refused before it is made than
   // when it is to be announced.
   void RefuseInCallback() const;
 
   // settings: what callbacks are given. Without names, each group of the settings has changed.
-  void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
-  void Notify(const core::IniFile& settings) const;
+  void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const TAVIX_EXCLUDES(_gate);
+  void Notify(const core::IniFile& settings) const TAVIX_EXCLUDES(_gate);
 
  private:
   common::CallbackDispatcher _dispatcher;

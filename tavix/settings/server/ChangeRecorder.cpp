@@ -22,7 +22,7 @@ void ChangeRecorders::Note(const core::IniFile& groups) noexcept {
 }
 
 void ChangeRecorders::ForEach(const std::function<void(ChangeRecorder&)>& note) noexcept {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   for (ChangeRecorder* recorder : _recorders) {
     try {
       note(*recorder);
@@ -33,13 +33,13 @@ void ChangeRecorders::ForEach(const std::function<void(ChangeRecorder&)>& note) 
 }
 
 void ChangeRecorders::Add(ChangeRecorder* recorder) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _recorders.push_back(recorder);
   _count.store(_recorders.size(), std::memory_order_release);
 }
 
 void ChangeRecorders::Remove(ChangeRecorder* recorder) noexcept {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _recorders.erase(std::remove(_recorders.begin(), _recorders.end(), recorder), _recorders.end());
   _count.store(_recorders.size(), std::memory_order_release);
 }
@@ -55,7 +55,7 @@ ChangeRecorder::~ChangeRecorder() {
 std::set<std::string> ChangeRecorder::Take() {
   std::vector<std::string> names;
   {
-    std::lock_guard<std::mutex> lock(_recorders._mutex);
+    osa::PlainMutexLock lock(_recorders._mutex);
     if (_missesSome) throw std::bad_alloc();
     names.swap(_names);
   }

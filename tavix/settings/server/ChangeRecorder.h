@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::core {
 class IniFile;
@@ -25,19 +27,19 @@ class ChangeRecorders {
   bool AreActive() const noexcept { return _count.load(std::memory_order_acquire) != 0; }
 
   // Note groups that change. Never throw: a recorder that there is no memory for reports that itself.
-  void Note(const std::set<std::string>& groups) noexcept;
-  void Note(const core::IniFile& groups) noexcept;
+  void Note(const std::set<std::string>& groups) noexcept TAVIX_EXCLUDES(_mutex);
+  void Note(const core::IniFile& groups) noexcept TAVIX_EXCLUDES(_mutex);
 
  private:
   friend class ChangeRecorder;
 
-  void Add(ChangeRecorder* recorder);
-  void Remove(ChangeRecorder* recorder) noexcept;
-  void ForEach(const std::function<void(ChangeRecorder&)>& note) noexcept;
+  void Add(ChangeRecorder* recorder) TAVIX_EXCLUDES(_mutex);
+  void Remove(ChangeRecorder* recorder) noexcept TAVIX_EXCLUDES(_mutex);
+  void ForEach(const std::function<void(ChangeRecorder&)>& note) noexcept TAVIX_EXCLUDES(_mutex);
 
   std::atomic<size_t> _count{0};
-  std::mutex _mutex;  // guards what follows, and what the recorders hold
-  std::vector<ChangeRecorder*> _recorders;
+  osa::PlainMutex _mutex;  // guards what the recorders hold, too
+  std::vector<ChangeRecorder*> _recorders TAVIX_GUARDED_BY(_mutex);
 };
 
 // Collects the names of the groups that change while it exists, for who reads a store in parts.

@@ -25,18 +25,18 @@ LoadPriorityIncludeFilter::Priorities ReadPriorities(const IniFile& ini) {
 
 void LoadPriorityIncludeFilter::FilterIni(IniFile& ini) {
   const Priorities incoming = ReadPriorities(ini);
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   RemoveOutrankedGroups(ini, incoming);
-  MergePrioritiesUnlocked(incoming);
+  RaisePriorities(incoming);
   ini.RemoveGroup(kGroup);
 }
 
 void LoadPriorityIncludeFilter::MergePriorities(const Priorities& more) {
-  std::lock_guard<std::mutex> lock(_mutex);
-  MergePrioritiesUnlocked(more);
+  osa::PlainMutexLock lock(_mutex);
+  RaisePriorities(more);
 }
 
-void LoadPriorityIncludeFilter::MergePrioritiesUnlocked(const Priorities& more) {
+void LoadPriorityIncludeFilter::RaisePriorities(const Priorities& more) {
   for (const auto& [group, priority] : more) {
     const auto [known, added] = _priorities.emplace(group, priority);
     if (!added && known->second < priority) known->second = priority;

@@ -1,9 +1,10 @@
 #pragma once
 
 #include <map>
-#include <mutex>
 #include <string>
 
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/IIncludeFilter.h"
 
 namespace tavix::settings::server {
@@ -22,17 +23,17 @@ class TAVIX_EXPORT LoadPriorityIncludeFilter : public IIncludeFilter {
 
   static constexpr char kGroup[] = "TavixSettings/LoadPriority";
 
-  void FilterIni(core::IniFile& ini) override;
+  void FilterIni(core::IniFile& ini) override TAVIX_EXCLUDES(_mutex);
 
   // Raises priorities; one that is lower than what is known changes nothing.
-  void MergePriorities(const Priorities& more);
+  void MergePriorities(const Priorities& more) TAVIX_EXCLUDES(_mutex);
 
  private:
-  void MergePrioritiesUnlocked(const Priorities& more);
-  void RemoveOutrankedGroups(core::IniFile& ini, const Priorities& incoming) const;
+  void RaisePriorities(const Priorities& more) TAVIX_REQUIRES(_mutex);
+  void RemoveOutrankedGroups(core::IniFile& ini, const Priorities& incoming) const TAVIX_REQUIRES(_mutex);
 
-  std::mutex _mutex;  // guards what follows
-  Priorities _priorities;
+  osa::PlainMutex _mutex;
+  Priorities _priorities TAVIX_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::settings::server
