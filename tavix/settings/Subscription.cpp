@@ -19,8 +19,8 @@ class Subscription::Forwarder : public IChangeCallback {
   explicit Forwarder(IChangeCallback* target) : _target(target) {}
 
   void OnChange(const std::set<std::string>& changedGroups, const core::IniFile& settings) override
-      TAVIX_EXCLUDES(_mutex) {
-    osa::MutexAutoLock lock(_mutex);
+      TAVIX_EXCLUDES(_callMutex) {
+    osa::MutexAutoLock lock(_callMutex);
     if (_target) _target->OnChange(changedGroups, settings);
   }
 
@@ -28,13 +28,13 @@ class Subscription::Forwarder : public IChangeCallback {
   // not follow that.
   void Forget() TAVIX_NO_THREAD_SAFETY_ANALYSIS {
     std::optional<osa::MutexAutoLock> lock;
-    if (!_mutex.IsHeldByThisThread()) lock.emplace(_mutex);
+    if (!_callMutex.IsHeldByThisThread()) lock.emplace(_callMutex);
     _target = nullptr;
   }
 
  private:
-  osa::Mutex _mutex{"Subscription::Forwarder"};  // held while the target is called
-  IChangeCallback* _target TAVIX_GUARDED_BY(_mutex);
+  osa::Mutex _callMutex{"Subscription::Forwarder"};  // held while the target is called
+  IChangeCallback* _target TAVIX_GUARDED_BY(_callMutex);
 };
 
 // Small callbacks that a client could not let go of. They are freed when it can: the client is asked again whenever
