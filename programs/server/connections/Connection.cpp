@@ -238,7 +238,7 @@ bool Connection::OnLaneDone() {
 
 void Connection::WatchAgain() {
   if (!std::exchange(_isUnwatched, false)) return;
-  std::lock_guard<std::mutex> lock(_interestMutex);
+  osa::PlainMutexLock lock(_interestMutex);
   Watch(EPOLL_CTL_ADD);
 }
 
@@ -361,7 +361,7 @@ void Connection::TellWhyItEnds() noexcept {
 // On any thread, with the output locked. A loop that waits for the peer already is told when it takes something.
 void Connection::OnKept() {
   {
-    std::lock_guard<std::mutex> lock(_interestMutex);
+    osa::PlainMutexLock lock(_interestMutex);
     if (_interest.write) return;
     _interest.write = true;
     Watch(EPOLL_CTL_MOD);
@@ -379,7 +379,7 @@ void Connection::UpdateInterest() {
     sends = _output->GetSendableBytes() > 0;
     _output->TellWhenSent(!hasRoom || _inputEnded);
     const bool reads = hasRoom && !_inputEnded && !_peerEnded && !_isInLane;
-    std::lock_guard<std::mutex> lock(_interestMutex);
+    osa::PlainMutexLock lock(_interestMutex);
     if (!_interest.read && reads) _unfinishedSince = Clock::now();
     _interest = {reads, sends};
     Watch(EPOLL_CTL_MOD);
@@ -387,7 +387,6 @@ void Connection::UpdateInterest() {
   if (hasRoom && _isPaused && !_inputEnded && !_isInLane) _hasMore = true;
 }
 
-// The caller holds the interest's lock.
 void Connection::Watch(int operation) {
   epoll_event event{};
   event.events = (_interest.read ? EPOLLIN : 0u) | (_interest.write ? EPOLLOUT : 0u);

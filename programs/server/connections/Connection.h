@@ -5,7 +5,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,7 +19,9 @@
 #include "programs/server/options/Limits.h"
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Descriptor.h"
+#include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/TcpSocket.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/RequestFramer.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -136,12 +137,12 @@ class Connection : private SlowLane::IJob {
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure) noexcept;
   void TellWhyItEnds() noexcept;
-  void OnKept();
+  void OnKept() TAVIX_EXCLUDES(_interestMutex);
   bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
-  void UpdateInterest();
-  void Watch(int operation);
+  void UpdateInterest() TAVIX_EXCLUDES(_interestMutex);
+  void Watch(int operation) TAVIX_REQUIRES(_interestMutex);
   void Unwatch();
-  void WatchAgain();
+  void WatchAgain() TAVIX_EXCLUDES(_interestMutex);
 
   const std::unique_ptr<osa::TcpSocket> _socket;
   const int _descriptor;
@@ -173,8 +174,8 @@ class Connection : private SlowLane::IJob {
   std::string _laneText;      // what holds the request
   std::exception_ptr _laneFailure;
   std::atomic<bool> _isLaneDone{false};
-  std::mutex _interestMutex;  // guards what follows
-  Interest _interest;
+  osa::PlainMutex _interestMutex;
+  Interest _interest TAVIX_GUARDED_BY(_interestMutex);
 };
 
 }  // namespace tavix::daemon

@@ -69,7 +69,7 @@ EventLoop::EventLoop(const Connection::Shared& shared, std::function<void()> onF
 
 EventLoop::~EventLoop() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _stop = true;
   }
   eventfd_write(_wake.Get(), 1);
@@ -80,7 +80,7 @@ void EventLoop::Add(osa::Descriptor descriptor) {
   ++_count;
   _shared.counters.clients.Add();
   try {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _new.push_back(std::move(descriptor));
   } catch (const std::exception& exception) {
     Refuse(exception.what());
@@ -89,10 +89,10 @@ void EventLoop::Add(osa::Descriptor descriptor) {
 }
 
 void EventLoop::Probe() {
-  std::unique_lock<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   const unsigned long long probe = ++_probes;
   eventfd_write(_wake.Get(), 1);
-  _answered.wait(lock, [&] { return _answers >= probe || _failed; });
+  lock.Wait(_answered, [&]() TAVIX_REQUIRES(_mutex) { return _answers >= probe || _failed; });
 }
 
 void EventLoop::Run() {
@@ -108,7 +108,7 @@ void EventLoop::Run() {
 // A daemon that listens and never answers helps nobody: whoever watches it is told to start it anew.
 void EventLoop::Fail(const char* reason) {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _failed = true;
   }
   _answered.notify_all();
@@ -174,7 +174,7 @@ bool EventLoop::TakeCall() {
   eventfd_read(_wake.Get(), &ignored);
   _ticks = true;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     if (_stop) return false;
     if (_answers < _probes) _answered.notify_all();
     _answers = _probes;
@@ -186,7 +186,7 @@ bool EventLoop::TakeCall() {
 void EventLoop::TakeNewConnections() {
   std::vector<osa::Descriptor> descriptors;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     descriptors.swap(_new);
   }
   for (osa::Descriptor& descriptor : descriptors) {

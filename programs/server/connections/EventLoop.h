@@ -8,11 +8,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "programs/server/connections/Connection.h"
 #include "programs/server/system/LoopThread.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -33,10 +34,10 @@ class EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
 
   // Takes a connected descriptor over. From any thread.
-  void Add(osa::Descriptor descriptor);
+  void Add(osa::Descriptor descriptor) TAVIX_EXCLUDES(_mutex);
 
   // Returns once the loop has come round after the call, or has failed. From any thread, while nobody ends the loop.
-  void Probe();
+  void Probe() TAVIX_EXCLUDES(_mutex);
 
   bool HasFailed() const { return _failed; }
 
@@ -87,11 +88,11 @@ class EventLoop {
   Connection::Clock::time_point _nextTick{};  // likewise
   std::atomic<size_t> _count{0};
   std::atomic<bool> _failed{false};
-  std::mutex _mutex;  // guards what follows
-  std::vector<osa::Descriptor> _new;
-  bool _stop = false;
-  unsigned long long _probes = 0;
-  unsigned long long _answers = 0;  // to that many probes
+  osa::PlainMutex _mutex;
+  std::vector<osa::Descriptor> _new TAVIX_GUARDED_BY(_mutex);
+  bool _stop TAVIX_GUARDED_BY(_mutex) = false;
+  unsigned long long _probes TAVIX_GUARDED_BY(_mutex) = 0;
+  unsigned long long _answers TAVIX_GUARDED_BY(_mutex) = 0;  // to that many probes
   std::condition_variable _answered;
   LoopThread _thread;
 };

@@ -13,20 +13,20 @@ SlowLane::~SlowLane() {
 }
 
 void SlowLane::Add(IJob& job) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _waiting.push_back(&job);
   _wake.notify_one();
 }
 
 void SlowLane::Withdraw(const IJob& job) {
-  std::unique_lock<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   _waiting.erase(std::remove(_waiting.begin(), _waiting.end(), &job), _waiting.end());
-  _ended.wait(lock, [&] { return _running != &job; });
+  lock.Wait(_ended, [&]() TAVIX_REQUIRES(_mutex) { return _running != &job; });
 }
 
 void SlowLane::Stop() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _stop = true;
     _waiting.clear();
   }
@@ -45,8 +45,8 @@ void SlowLane::Run() {
 
 // Null when it is time to stop.
 SlowLane::IJob* SlowLane::AwaitJob() {
-  std::unique_lock<std::mutex> lock(_mutex);
-  _wake.wait(lock, [this] { return _stop || !_waiting.empty(); });
+  osa::PlainMutexLock lock(_mutex);
+  lock.Wait(_wake, [this]() TAVIX_REQUIRES(_mutex) { return _stop || !_waiting.empty(); });
   if (_stop) return nullptr;
   IJob* const job = _waiting.front();
   _waiting.pop_front();
@@ -56,7 +56,7 @@ SlowLane::IJob* SlowLane::AwaitJob() {
 
 void SlowLane::EndJob(int doneEvent) {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _running = nullptr;
   }
   _ended.notify_all();

@@ -4,9 +4,10 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 
 #include "programs/server/system/LoopThread.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -39,24 +40,24 @@ class SlowLane {
   SlowLane& operator=(const SlowLane&) = delete;
 
   // Throws std::bad_alloc, and has not added the job then.
-  void Add(IJob& job);
+  void Add(IJob& job) TAVIX_EXCLUDES(_mutex);
 
   // Returns once the job neither runs nor waits. From any thread but the lane's own.
-  void Withdraw(const IJob& job);
+  void Withdraw(const IJob& job) TAVIX_EXCLUDES(_mutex);
 
   // Ends the job that runs and forgets those that wait. Later ones are never run. A second call does nothing.
   void Stop();
 
  private:
   void Run();
-  IJob* AwaitJob();
-  void EndJob(int doneEvent);
+  IJob* AwaitJob() TAVIX_EXCLUDES(_mutex);
+  void EndJob(int doneEvent) TAVIX_EXCLUDES(_mutex);
 
-  std::mutex _mutex;  // guards what follows
+  osa::PlainMutex _mutex;
   std::condition_variable _wake;
   std::condition_variable _ended;
-  std::deque<IJob*> _waiting;
-  const IJob* _running = nullptr;
+  std::deque<IJob*> _waiting TAVIX_GUARDED_BY(_mutex);
+  const IJob* _running TAVIX_GUARDED_BY(_mutex) = nullptr;
   std::atomic<bool> _stop{false};
   LoopThread _thread;
 };

@@ -11,7 +11,7 @@ Deadline::Deadline(std::chrono::milliseconds limit, std::function<void()> onPass
 
 Deadline::~Deadline() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    osa::PlainMutexLock lock(_mutex);
     _isOver = true;
   }
   _wake.notify_one();
@@ -19,10 +19,12 @@ Deadline::~Deadline() {
 }
 
 void Deadline::Run() {
-  std::unique_lock<std::mutex> lock(_mutex);
-  if (_wake.wait_until(lock, _end, [this] { return _isOver; })) return;
-  lock.unlock();
-  _onPassed();
+  if (!IsOverInTime()) _onPassed();
+}
+
+bool Deadline::IsOverInTime() {
+  osa::PlainMutexLock lock(_mutex);
+  return lock.WaitUntil(_wake, _end, [this]() TAVIX_REQUIRES(_mutex) { return _isOver; });
 }
 
 }  // namespace tavix::daemon

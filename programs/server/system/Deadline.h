@@ -3,9 +3,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 
 #include "programs/server/system/LoopThread.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -22,12 +23,13 @@ class Deadline {
 
  private:
   void Run();
+  bool IsOverInTime() TAVIX_EXCLUDES(_mutex);
 
   const std::chrono::steady_clock::time_point _end;
   const std::function<void()> _onPassed;
-  std::mutex _mutex;  // guards what follows
+  osa::PlainMutex _mutex;
   std::condition_variable _wake;
-  bool _isOver = false;
+  bool _isOver TAVIX_GUARDED_BY(_mutex) = false;
   LoopThread _thread;
 };
 
