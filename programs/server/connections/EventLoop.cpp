@@ -302,8 +302,8 @@ bool EventLoop::ReadOn(Connection* connection) {
   return true;
 }
 
-// Connections that were read in this round already had their turn. Those that are left when the time is up come first in
-// the next round.
+// Connections that were read in this round already had their turn. Those that are left when the time is up come first
+// in the next round.
 void EventLoop::GiveTurns() {
   const auto end = Connection::Clock::now() + kRoundTime;
   size_t given = 0;
