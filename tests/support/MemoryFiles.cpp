@@ -85,6 +85,8 @@ class MemoryFiles::OpenFile : public File {
     });
   }
 
+  void WriteOut(uint64_t, uint64_t, bool) override {}
+
   void Sync() override {
     Operation operation = MakeOperation(Kind::kSync, _path);
     operation.file = _number;

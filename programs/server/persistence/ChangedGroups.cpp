@@ -13,7 +13,7 @@ void ChangedGroups::Begin() {
 void ChangedGroups::End() {
   _notes = _missesSome = false;
   _changes = {};
-  _added = 0;
+  _many = _added = 0;
 }
 
 void ChangedGroups::Note(const std::set<std::string>& groups, const core::IniFile& added) noexcept {
@@ -27,16 +27,29 @@ void ChangedGroups::Note(const std::set<std::string>& groups, const core::IniFil
   }
 }
 
+void ChangedGroups::NoteMany(const Many& groups) noexcept {
+  if (!_notes) return;
+  if (!groups) _missesSome = true;
+  if (!groups) return;
+  try {
+    _changes.many.push_back(groups);
+    _many += groups->size();
+  } catch (const std::bad_alloc&) {
+    _missesSome = true;
+  }
+}
+
 ChangedGroups::Changes ChangedGroups::TakeChanges() {
   if (_missesSome) throw std::bad_alloc();
-  _added = 0;
+  _many = _added = 0;
   return std::exchange(_changes, {});
 }
 
-std::set<std::string> ChangedGroups::Take() {
-  Changes changes = TakeChanges();
-  for (const auto& group : changes.added) changes.groups.insert(group.first);
-  return std::move(changes.groups);
+std::set<std::string> ChangedGroups::Changes::TakeNames() {
+  std::set<std::string> names = std::move(groups);
+  for (const Many& some : many) names.insert(some->begin(), some->end());
+  for (const auto& group : added) names.insert(group.first);
+  return names;
 }
 
 }  // namespace tavix::daemon

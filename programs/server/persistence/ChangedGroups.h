@@ -1,21 +1,31 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tavix/core/IniFile.h"
 
 namespace tavix::daemon {
 
-// The groups that changed while a snapshot is made, and that its maker has not looked at again yet.
+// Groups that changed, and that somebody has not looked at again yet: who makes a snapshot of the layer meanwhile, or
+// who writes changes later.
 //
 // Threads: one at a time.
 class ChangedGroups {
  public:
+  // The groups of one large change, which are shared rather than copied.
+  using Many = std::shared_ptr<const std::set<std::string>>;
+
   struct Changes {
     std::set<std::string> groups;  // that may be different altogether
+    std::vector<Many> many;        // that may be, too
     core::IniFile added;           // what further groups have got since, which are the same else
+
+    // Which groups these are.
+    std::set<std::string> TakeNames();
   };
 
   // Forgets all, and notes from now on, or no longer.
@@ -24,20 +34,22 @@ class ChangedGroups {
 
   // Does nothing before Begin and behind End. Never throws; what there is no memory for is told by Take.
   void Note(const std::set<std::string>& groups, const core::IniFile& added = {}) noexcept;
+  void NoteMany(const Many& groups) noexcept;
 
   // What was noted since the last call. Throws std::bad_alloc when some could not be, until the next Begin or End.
   Changes TakeChanges();
 
-  // The same; only which groups.
-  std::set<std::string> Take();
+  // Whether there is nothing to take, and nothing was missed.
+  bool IsEmpty() const { return Count() == 0 && !_missesSome; }
 
   // Groups, and settings that further ones have got.
-  size_t Count() const { return _changes.groups.size() + _added; }
+  size_t Count() const { return _changes.groups.size() + _many + _added; }
 
  private:
   bool _notes = false;
   bool _missesSome = false;
   Changes _changes;
+  size_t _many = 0;   // how many groups
   size_t _added = 0;  // how many settings
 };
 

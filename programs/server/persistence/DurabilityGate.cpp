@@ -21,17 +21,27 @@ bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) 
 
 thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
 
-DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups) {
+DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups, bool isHeld) {
   std::lock_guard<std::mutex> lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
-  const bool isHeld = _holds && !_letsGo;
-  if (isHeld && groups) {
+  if (IsHeld(isHeld) && groups) {
     for (const std::string& group : *groups) _groups[group] = ticket;
-  } else if (isHeld) {
+  } else if (IsHeld(isHeld)) {
     _lastOfAny = ticket;
-  } else {
-    _durable.store(ticket, std::memory_order_release);
   }
+  return Publish(ticket, isHeld);
+}
+
+DurabilityGate::Ticket DurabilityGate::AddMany(Groups groups, bool isHeld) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
+  if (IsHeld(isHeld)) _manyGroups.emplace_back(ticket, std::move(groups));
+  return Publish(ticket, isHeld);
+}
+
+// The caller holds the lock, here and in IsHeld.
+DurabilityGate::Ticket DurabilityGate::Publish(Ticket ticket, bool isHeld) {
+  if (!IsHeld(isHeld)) _durable.store(ticket, std::memory_order_release);
   _last.store(ticket, std::memory_order_release);
   lastOfThisThread = ticket;
   return ticket;
@@ -45,12 +55,12 @@ void DurabilityGate::SetDurable(Ticket ticket) {
   Release(ticket);
 }
 
-void DurabilityGate::LetGo() {
+void DurabilityGate::LetGo(Ticket last) {
   {
     std::lock_guard<std::mutex> lock(_mutex);
     _letsGo = true;
   }
-  Release(_last.load(std::memory_order_acquire));
+  Release(last);
 }
 
 void DurabilityGate::Hold() {
@@ -60,6 +70,7 @@ void DurabilityGate::Hold() {
 
 void DurabilityGate::Release(Ticket ticket) {
   decltype(_waiting) released;
+  decltype(_manyGroups) forgotten;  // outlive the lock: many are not destroyed in no time
   {
     std::lock_guard<std::mutex> lock(_mutex);
     // One that is durable already may have become so while nothing was held, without anybody being told.
@@ -68,6 +79,8 @@ void DurabilityGate::Release(Ticket ticket) {
     for (auto group = _groups.begin(); group != _groups.end();) {
       group = group->second <= ticket ? _groups.erase(group) : std::next(group);
     }
+    while (!_manyGroups.empty() && _manyGroups.front().first <= ticket)
+      forgotten.splice(forgotten.end(), _manyGroups, _manyGroups.begin());
     for (auto waiting = _waiting.begin(); waiting != _waiting.end();) {
       const auto next = std::next(waiting);
       if (waiting->first <= ticket) released.splice(released.end(), _waiting, waiting);
@@ -85,9 +98,12 @@ DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNam
   for (const std::string& name : groups->GetNames()) {
     const auto group = _groups.find(name);
     if (group != _groups.end()) found = std::max(found, group->second);
+    for (const auto& [ticket, many] : _manyGroups) {
+      if (ticket > found && many->count(name) != 0) found = ticket;
+    }
   }
   if (groups->GetPatterns().empty()) return found;
-  if (_groups.size() > kMaxTried / groups->GetPatterns().size()) return last;
+  if (_groups.size() > kMaxTried / groups->GetPatterns().size() || !_manyGroups.empty()) return last;
   for (const auto& [name, ticket] : _groups) {
     if (ticket > found && MatchesAny(groups->GetPatterns(), name)) found = ticket;
   }

@@ -40,15 +40,23 @@ class DurabilityGate {
   DurabilityGate(const DurabilityGate&) = delete;
   DurabilityGate& operator=(const DurabilityGate&) = delete;
 
+  // The groups of a change. Not copied again for the next owner.
+  using Groups = std::shared_ptr<const std::set<std::string>>;
+
   // A change of these groups, made in memory by this thread and visible to nobody yet. null: any group may show it, and
-  // no memory is asked for.
-  Ticket Add(const std::set<std::string>* groups);
+  // no memory is asked for. isHeld: it is held even where nothing is.
+  Ticket Add(const std::set<std::string>* groups, bool isHeld = false);
+
+  // The same for many groups, which takes no longer than for a few. groups: not null.
+  Ticket AddMany(Groups groups, bool isHeld = false);
 
   // All changes up to that one are durable. Tells who waits for them.
   void SetDurable(Ticket ticket);
 
-  // The disk fails: from now on nothing is kept back, until Hold. Tells who waits.
-  void LetGo();
+  // The disk fails, or is not to be waited for: from now on nothing is kept back, until Hold. Tells who waits; those
+  // for changes behind "last" go on to wait.
+  void LetGo() { LetGo(_last.load(std::memory_order_acquire)); }
+  void LetGo(Ticket last);
   void Hold();
 
   bool IsDurable(Ticket ticket) const { return ticket <= _durable.load(std::memory_order_acquire); }
@@ -69,6 +77,8 @@ class DurabilityGate {
   [[nodiscard]] bool Await(Ticket ticket, std::shared_ptr<IHeldOutput> output);
 
  private:
+  bool IsHeld(bool isAlwaysHeld) const { return _holds && (isAlwaysHeld || !_letsGo); }
+  Ticket Publish(Ticket ticket, bool isHeld);
   void Release(Ticket ticket);
 
   static thread_local Ticket lastOfThisThread;
@@ -78,8 +88,9 @@ class DurabilityGate {
   std::atomic<Ticket> _durable{0};
   mutable std::mutex _mutex;  // guards what follows
   bool _letsGo = false;
-  std::map<std::string, Ticket> _groups;  // the last change of each, where it is not durable
-  Ticket _lastOfAny = 0;                  // the last change that any group may show
+  std::map<std::string, Ticket> _groups;             // the last change of each, where it is not durable
+  std::list<std::pair<Ticket, Groups>> _manyGroups;  // the same of changes of many groups
+  Ticket _lastOfAny = 0;                             // the last change that any group may show
   std::list<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;  // to be let go without memory
 };
 

@@ -36,6 +36,11 @@ class File {
   // Gives back what the file has on the disk behind its first bytes, of which there are at least so many.
   virtual void Truncate(uint64_t bytes) = 0;
 
+  // Begins to bring bytes that were written to the disk, so that a later Sync finds less to do. awaitsEarlier: returns
+  // once the bytes before them are there that the last call began with: so a sync of another file never finds much in
+  // its way. Makes nothing durable. A failure is that of a Sync. Where the system can't do that, nothing happens.
+  virtual void WriteOut(uint64_t offset, uint64_t bytes, bool awaitsEarlier) = 0;
+
   // Returns once everything that was written before is on the disk, a modification time that was set too. The file's
   // name may not be.
   virtual void Sync() = 0;

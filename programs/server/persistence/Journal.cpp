@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <exception>
 
+#include "programs/server/persistence/Checksum.h"
+#include "programs/server/persistence/PieceWriter.h"
+
 namespace tavix::daemon {
 
 namespace {
@@ -10,6 +13,10 @@ namespace {
 constexpr uint64_t kLeastFilled = 64 * 1024;
 constexpr uint64_t kMaxFilled = 1024 * 1024;
 constexpr uint64_t kSpare = 16 * 1024;
+
+uint64_t CountFilledAhead(uint64_t end) {
+  return std::clamp(end, kLeastFilled, kMaxFilled);
+}
 
 }  // namespace
 
@@ -55,14 +62,49 @@ void Journal::Append(const Change& change) {
   const std::string bytes = EncodeRecord(change, checksum);
   const uint64_t end = _end + bytes.size();
   if (end + kSpare > _filled) FillAhead(end);
+  RequireRoom(end);
+  _file->WriteAt(_end, bytes);
+  NoteWritten(change.extends, end, checksum);
+  _end = end;
+}
+
+void Journal::RequireRoom(uint64_t end) const {
   if (_spare > 0 && end + _spare > _filled)
     throw NoRoom("Failed to make room for '" + PathOf(_snapshotPath) + "': No space left on device");
-  _file->WriteAt(_end, bytes);
-  if (change.extends && !_extends && _hasBegun) _file->WriteAt(kJournalVersionAt, std::string(1, kExtendingVersion));
-  _extends = _extends || change.extends;
-  _end = end;
+}
+
+void Journal::NoteWritten(bool extends, uint64_t end, uint32_t checksum) {
+  if (extends && !_extends && _hasBegun) _file->WriteAt(kJournalVersionAt, std::string(1, kExtendingVersion));
+  _extends = _extends || extends;
   _filled = std::max(_filled, end);
   _checksum = checksum;
+}
+
+void Journal::BeginAppend(const RecordLine& line) {
+  _appending = {_end, line, false, true};
+  _end += line.CountRecordBytes();
+}
+
+// No zeros are filled in where the change comes to stand: they would be written twice. The line, which makes it count,
+// comes last, as its checksum does.
+void Journal::WriteAppended(const Texts& writeTexts) {
+  if (!ReserveAhead(_end)) RequireRoom(_end);
+  uint32_t checksum = _appending.line.BeginChecksum(_checksum);
+  PieceWriter pieces(*_file, _appending.begin + _appending.line.Encode(0).size(), PieceWriter::Pace::kFast);
+  writeTexts([&](std::string_view text) {
+    checksum = Checksum(text, checksum);
+    pieces.Write(text);
+  });
+  pieces.Flush();
+  _file->WriteAt(_appending.begin, _appending.line.Encode(checksum));
+  NoteWritten(_appending.line.extends, _end, checksum);
+  FillAhead(_end);
+  _appending.isWritten = true;
+}
+
+void Journal::EndAppend() {
+  if (_appending.isUnderWay && !_appending.isWritten) _end = _appending.begin;
+  _appending = {};
 }
 
 void Journal::Begin() {
@@ -73,16 +115,28 @@ void Journal::Begin() {
 // A part of a record may stand there, too, for which there was no room. The room is for a snapshot: a record that took
 // it would leave none for the next try, so there is none for records until the spare room can be had again.
 void Journal::GiveRoomBack() {
+  if (_appending.isUnderWay) return;
   _fillsAhead = false;
   _file->Truncate(_end);
   _filled = _end;
+}
+
+// Takes the room for as much as is filled ahead. False when it can't be had.
+bool Journal::ReserveAhead(uint64_t end) {
+  if (!_fillsAhead) return false;
+  try {
+    _file->Reserve(end + CountFilledAhead(end));
+    return true;
+  } catch (const std::exception&) {
+    return false;  // a record that has no room itself finds out
+  }
 }
 
 // A disk that never had room for zeros may have room for a record: what is wrong is the record's to find out.
 void Journal::FillAhead(uint64_t end) {
   if (!_fillsAhead) return;
   try {
-    if (TryToFill(end + std::clamp(end, kLeastFilled, kMaxFilled)) || TryToFill(end + kSpare)) _spare = kSpare;
+    if (TryToFill(end + CountFilledAhead(end)) || TryToFill(end + kSpare)) _spare = kSpare;
   } catch (const std::exception&) {
     _spare = 0;
   }

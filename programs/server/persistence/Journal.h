@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "programs/common/SettingsFileNames.h"
@@ -43,8 +45,16 @@ class Journal {
   // Written once it returns, but not synced.
   void Append(const Change& change);
 
+  // The same in three steps, of which the second takes long and may run beside everything but appends. BeginAppend
+  // gives a change its place: GetEnd is behind it. WriteAppended has "writeTexts" write its two texts, in as many
+  // pieces as it likes. EndAppend comes after a WriteAppended that failed, too: then the change is not there.
+  using Texts = std::function<void(const std::function<void(std::string_view)>& write)>;
+  void BeginAppend(const RecordLine& line);
+  void WriteAppended(const Texts& writeTexts);
+  void EndAppend();
+
   // Gives the room behind the last record back to the disk, and fills nothing ahead until the second is called. Not
-  // beside an Append.
+  // beside an Append; between BeginAppend and EndAppend it does nothing.
   void GiveRoomBack();
   void FillAgain() { _fillsAhead = true; }
 
@@ -74,7 +84,18 @@ class Journal {
   Journal(FileSystem& files, const std::string& snapshotPath, const SnapshotId& follows)
       : _files(files), _snapshotPath(snapshotPath), _follows(follows), _checksum(BeginJournalChecksum(follows)) {}
 
+  // A change that was given its place.
+  struct Appending {
+    uint64_t begin = 0;
+    RecordLine line;
+    bool isWritten = false;
+    bool isUnderWay = false;
+  };
+
+  void RequireRoom(uint64_t end) const;
+  void NoteWritten(bool extends, uint64_t end, uint32_t checksum);
   void FillAhead(uint64_t end);
+  bool ReserveAhead(uint64_t end);
   bool TryToFill(uint64_t end);
 
   FileSystem& _files;
@@ -87,9 +108,10 @@ class Journal {
   bool _hasBegun = false;
   bool _extends = false;  // has a change that extends groups, and says so once it has begun
   uint64_t _filled = 0;   // so far the file has been written to
-  bool _fillsAhead = true;
+  std::atomic<bool> _fillsAhead{true};
   uint64_t _spare = 0;  // of that, what stays free of records: room for a snapshot of few settings
   uint32_t _checksum;
+  Appending _appending;
 };
 
 }  // namespace tavix::daemon

@@ -2,26 +2,96 @@
 
 #include <exception>
 #include <optional>
+#include <utility>
 
 #include "programs/server/persistence/SaveFailure.h"
 
 namespace tavix::daemon {
 
-JournalSyncer::JournalSyncer(SharedUserLayer& layer) : _layer(layer), _thread("JournalSync", [this] { Run(); }) {}
+using core::IniFile;
+using Close = SharedUserLayer::Close;
+
+namespace {
+
+constexpr int kMaxRounds = 8;
+
+}  // namespace
+
+JournalSyncer::JournalSyncer(SharedUserLayer& layer, LayerReader readLayer)
+    : _layer(layer),
+      _readLayer(std::move(readLayer)),
+      _thread(std::make_unique<LoopThread>("JournalSync", [this] { Run(); })) {}
 
 void JournalSyncer::Run() {
-  while (const std::optional<SharedUserLayer::SyncRound> round = _layer.AwaitSync()) Sync(*round);
+  while (true) {
+    switch (_layer.AwaitJournalWork()) {
+      case SharedUserLayer::JournalWork::kStop:
+        return;
+      case SharedUserLayer::JournalWork::kWrite:
+        WritePending();
+        break;
+      case SharedUserLayer::JournalWork::kSync:
+        Sync();
+        break;
+    }
+  }
 }
 
-void JournalSyncer::Sync(const SharedUserLayer::SyncRound& round) {
+void JournalSyncer::Sync() {
+  const std::optional<SharedUserLayer::SyncRound> round = _layer.BeginSync();
+  if (!round) return;
   try {
-    round.journal->SyncRecords();
-    if (!_layer.TakePlace(round)) return _layer.OnSyncUseless();
-    round.journal->SyncName();
+    round->journal->SyncRecords();
+    if (!_layer.TakePlace(*round)) return _layer.OnSyncUseless();
+    round->journal->SyncName();
   } catch (const std::exception& exception) {
-    return _layer.OnSyncFailed(round, ReasonOf(exception));
+    return _layer.OnSyncFailed(*round, ReasonOf(exception));
   }
-  _layer.OnSynced(round);
+  _layer.OnSynced(*round);
+}
+
+// What came while a long record was written is appended behind it, and shares its sync, unless it is much.
+void JournalSyncer::WritePending() {
+  if (!Write([this](ChangeInParts& change) { return MakeChange(change); })) return;
+  Write([this](ChangeInParts& change) {
+    SharedUserLayer::LateRecord record;
+    _readLayer([&](const IniFile& layer) { _layer.ClosePending(change, layer, false, record); });
+    return record;
+  });
+}
+
+// make: returns the record that the change gets; it has no journal when there is nothing more to be written. False when
+// nothing more was.
+bool JournalSyncer::Write(const std::function<SharedUserLayer::LateRecord(ChangeInParts&)>& make) {
+  SharedUserLayer::LateRecord record;
+  try {
+    ChangeInParts change;
+    record = make(change);
+    if (!record.journal) return false;
+    record.journal->WriteAppended([&](const auto& write) { change.WriteTexts(write); });
+    _layer.OnLateWritten(record);
+    return true;
+  } catch (const std::exception& exception) {
+    _layer.OnLateWriteFailed(record, ReasonOf(exception));
+    return false;
+  }
+}
+
+SharedUserLayer::LateRecord JournalSyncer::MakeChange(ChangeInParts& change) const {
+  SharedUserLayer::LateRecord record;
+  Close close = Close::kMore;
+  for (int round = 1; close == Close::kMore; ++round) {
+    change.Add(_layer.TakePending());
+    for (bool hasMore = true; hasMore;) _readLayer([&](const IniFile& layer) { hasMore = change.MakePart(layer); });
+    const bool isLast = round == kMaxRounds;
+    _readLayer([&](const IniFile& layer) { close = _layer.ClosePending(change, layer, isLast, record); });
+  }
+  return record;
+}
+
+void JournalSyncer::WriteRest() {
+  while (_layer.IsLateWriteDue()) WritePending();
+  if (const std::shared_ptr<Journal> journal = _layer.GetJournal()) journal->Sync();
 }
 
 }  // namespace tavix::daemon

@@ -152,12 +152,24 @@ uint32_t BeginJournalChecksum(const SnapshotId& follows) {
   return Checksum(Format(kHeader, follows.generation, follows.checksum));
 }
 
+uint64_t RecordLine::CountRecordBytes() const {
+  return uint64_t{kRecordHeaderSize} + removed + set;
+}
+
+uint32_t RecordLine::BeginChecksum(uint32_t before) const {
+  if (std::max(removed, set) > kMostBytesOfAText)
+    throw osa::Exception("A change of %zu bytes is more than a journal takes", set);
+  return Checksum(BeginRecord(extends, removed, set), before);
+}
+
+std::string RecordLine::Encode(uint32_t checksum) const {
+  return BeginRecord(extends, removed, set) + Format(kEnd, checksum);
+}
+
 std::string EncodeRecord(const Change& change, uint32_t& checksum) {
-  if (std::max(change.removed.size(), change.set.size()) > kMostBytesOfAText)
-    throw osa::Exception("A change of %zu bytes is more than a journal takes", change.set.size());
-  std::string record = BeginRecord(change.extends, change.removed.size(), change.set.size());
-  checksum = Checksum(change.set, Checksum(change.removed, Checksum(record, checksum)));
-  record += Format(kEnd, checksum);
+  const RecordLine line{change.extends, change.removed.size(), change.set.size()};
+  checksum = Checksum(change.set, Checksum(change.removed, line.BeginChecksum(checksum)));
+  std::string record = line.Encode(checksum);
   record.reserve(record.size() + change.removed.size() + change.set.size());
   record += change.removed;
   record += change.set;

@@ -44,6 +44,18 @@ uint32_t BeginJournalChecksum(const SnapshotId& follows);
 // checksum: of what stands before; set to that of what is returned.
 std::string EncodeRecord(const Change& change, uint32_t& checksum);
 
+// A record of two texts that are not at hand as a whole. The line's checksum is that of the two texts, which starts
+// with the one of BeginChecksum.
+struct RecordLine {
+  bool extends = false;
+  size_t removed = 0;  // bytes
+  size_t set = 0;
+
+  uint64_t CountRecordBytes() const;
+  uint32_t BeginChecksum(uint32_t before) const;
+  std::string Encode(uint32_t checksum) const;
+};
+
 // Whether a header may begin so.
 bool IsBeginOfJournal(std::string_view bytes);
 

@@ -1,6 +1,14 @@
 #pragma once
 
 #include <exception>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "programs/server/persistence/DeferredLog.h"
+#include "programs/server/persistence/JournalText.h"
+#include "programs/server/persistence/UserLayerState.h"
+#include "tavix/core/IniFile.h"
 
 namespace tavix::daemon {
 
@@ -9,5 +17,12 @@ extern const char* const kOutOfMemory;
 
 // What to log about a failure to save. Asks for no memory: that may be what failed.
 const char* ReasonOf(const std::exception& exception);
+
+// Logs what a failure leads to.
+void LogFailure(DeferredLog& log, UserLayerState::Steps::Report report, const char* reason);
+
+// As DescribeChange; empty when memory is refused.
+std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                    const core::IniFile& added);
 
 }  // namespace tavix::daemon

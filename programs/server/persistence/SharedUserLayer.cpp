@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "programs/server/persistence/LargeChange.h"
 #include "programs/server/persistence/SaveFailure.h"
 #include "tavix/core/Logger.h"
 
@@ -12,21 +13,9 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr size_t kFewGroups = 16;  // can be written while nobody can change anything
+constexpr size_t kFewGroups = 16;  // can be described while nobody can change anything
 
-// None without memory for it.
-std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                    const core::IniFile& added) {
-  try {
-    return DescribeChange(userSettings, changedGroups, added);
-  } catch (const std::bad_alloc&) {
-    return std::nullopt;
-  }
-}
-
-Change Describe(const core::IniFile& userSettings, const ChangedGroups::Changes& changes) {
-  return DescribeChange(userSettings, changes.groups, changes.added);
-}
+using Size = UserLayerState::Size;
 
 }  // namespace
 
@@ -45,6 +34,7 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
   state.snapshotBytes = found.snapshotBytes;
   state.mustBeWritten = found.mustBeWritten;
   std::lock_guard<std::mutex> lock(_mutex);
+  _pending.Begin();
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   state.hasJournal = _journal != nullptr;
   state.isInPlace = _journal && _journal->IsInPlace();
@@ -55,30 +45,49 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
 // The gate knows the change before it is appended: nobody may see it without the ticket.
 void SharedUserLayer::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
                            const core::IniFile& added) {
-  const std::optional<Change> change = TryToDescribe(userSettings, changedGroups, added);
+  const bool isLarge = IsLargeChange(userSettings, changedGroups, added, _setup.largeChange);
+  std::optional<Change> change;
+  if (!isLarge) change = TryToDescribe(userSettings, changedGroups, added);
+  const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   std::lock_guard<std::mutex> lock(_mutex);
-  AddTicket(changedGroups, added);
-  _changed.Note(changedGroups, added);
-  const Steps steps = _state.OnChange(change.has_value(), Clock::now(), std::time(nullptr));
+  const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
+  Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
   Perform(steps, kOutOfMemory);
-  if (steps.write != Steps::Write::kNothing) Append(steps.write, *change);
+  if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
 }
 
 // The caller holds the lock, here and in all private functions.
-void SharedUserLayer::AddTicket(const std::set<std::string>& changedGroups, const core::IniFile& added) {
+void SharedUserLayer::Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld,
+                           bool isPending) {
+  if (changedGroups.size() > kManyGroups && added.IsEmpty()) return NoteMany(changedGroups, isHeld, isPending);
   try {
     std::set<std::string> groups = changedGroups;
     for (const auto& group : added) groups.insert(group.first);
-    _gate.Add(&groups);
+    _gate.Add(&groups, isHeld);
   } catch (const std::bad_alloc&) {
-    _gate.Add(nullptr);
+    _gate.Add(nullptr, isHeld);
   }
+  _changed.Note(changedGroups, added);
+  if (isPending) _pending.Note(changedGroups, added);
+}
+
+// They are copied once, however many have to know them.
+void SharedUserLayer::NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) {
+  ChangedGroups::Many groups;
+  try {
+    groups = std::make_shared<const std::set<std::string>>(changedGroups);
+    _gate.AddMany(groups, isHeld);
+  } catch (const std::bad_alloc&) {
+    _gate.Add(nullptr, isHeld);
+  }
+  _changed.NoteMany(groups);
+  if (isPending) _pending.NoteMany(groups);
 }
 
 void SharedUserLayer::Append(Steps::Write write, const Change& change) {
   try {
     if (write == Steps::Write::kOpenJournal) {
-      OpenJournal(change);
+      OpenJournal({change});
     } else {
       _journal->Append(change);
     }
@@ -89,8 +98,8 @@ void SharedUserLayer::Append(Steps::Write write, const Change& change) {
 }
 
 // Without durability it takes its place at once: no sync will give it one.
-void SharedUserLayer::OpenJournal(const Change& change) {
-  _journal = Journal::Create(_setup.files, _setup.path, _state.GetSnapshotId(), {change});
+void SharedUserLayer::OpenJournal(const std::vector<Change>& changes) {
+  _journal = Journal::Create(_setup.files, _setup.path, _state.GetSnapshotId(), changes);
   _state.OnOpened();
   if (_setup.durability.kind != Durability::Kind::kNone) return;
   _journal->TakePlace();
@@ -102,25 +111,17 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
+  if (!_state.AreChangesLate() && !_pending.IsEmpty()) _pending.Begin();  // it is owed to a snapshot
   if (steps.output == Steps::Output::kHold) _gate.Hold();
-  if (steps.output == Steps::Output::kRelease) _gate.LetGo();
-  Report(steps.report, reason);
+  if (steps.output == Steps::Output::kRelease) {
+    _gate.LetGo(steps.shown);
+  } else if (!_gate.IsDurable(steps.shown)) {
+    _gate.SetDurable(steps.shown);
+  }
+  LogFailure(_log, steps.report, reason);
   if (steps.reportsRecovery) _log.AddWarning(_quotedPath.c_str(), " is saved again");
   if (steps.wakesSync) _wakeSync.notify_one();
   if (steps.wakesSnapshot) _wakeSnapshot.notify_one();
-}
-
-void SharedUserLayer::Report(Steps::Report report, const char* reason) {
-  switch (report) {
-    case Steps::Report::kNothing:
-      return;
-    case Steps::Report::kFailure:
-      return _log.AddError(reason, "; changes are kept in memory and saved as soon as that is possible");
-    case Steps::Report::kFailedRetry:
-      return _log.AddWarning(reason, "; it is tried again");
-    case Steps::Report::kJournalGoesOn:
-      return _log.AddWarning(reason, "; the journal goes on, and the snapshot is tried again");
-  }
 }
 
 void SharedUserLayer::GiveUpJournal() {
@@ -149,7 +150,7 @@ bool SharedUserLayer::HasFailed() {
 
 bool SharedUserLayer::NeedsLastSnapshot() {
   std::lock_guard<std::mutex> lock(_mutex);
-  return (_journal && _journal->HasChanges()) || _state.HasFailed() || _state.GetSnapshotTime();
+  return (_journal && _journal->HasChanges()) || _state.HasFailed() || _state.GetSnapshotTime() || !_state.IsWritten();
 }
 
 std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
@@ -157,21 +158,73 @@ std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
   return _journal;
 }
 
-std::optional<SharedUserLayer::SyncRound> SharedUserLayer::AwaitSync() {
+SharedUserLayer::JournalWork SharedUserLayer::AwaitJournalWork() {
   std::unique_lock<std::mutex> lock(_mutex);
   while (!_state.IsStopping()) {
     const std::optional<Clock::time_point> time = _state.GetSyncTime();
-    const Clock::time_point now = Clock::now();
-    if (!time) {
-      _wakeSync.wait(lock);
-    } else if (now < *time) {
+    if (time && Clock::now() >= *time) return JournalWork::kSync;
+    if (_state.IsLateWriteDue()) return JournalWork::kWrite;
+    if (time) {
       _wakeSync.wait_until(lock, *time);
     } else {
-      if (_watch.Begin(now)) _wakeSnapshot.notify_one();
-      return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
+      _wakeSync.wait(lock);
     }
   }
-  return std::nullopt;
+  return JournalWork::kStop;
+}
+
+ChangedGroups::Changes SharedUserLayer::TakePending() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _pending.TakeChanges();
+}
+
+// A snapshot may take the journal over, and fail to: so what must not be written now stays pending.
+SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, const core::IniFile& layer, bool isLast,
+                                                     LateRecord& record) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!_state.IsLateWriteDue()) {
+    const ChangedGroups::Changes changes = change.TakeBack();
+    if (_state.AreChangesLate()) _pending.Note(changes.groups, changes.added);
+    return Close::kDone;
+  }
+  if (_pending.Count() > kFewGroups && !isLast) return Close::kMore;
+  change.Add(_pending.TakeChanges());
+  while (change.MakePart(layer)) continue;
+  const RecordLine line = change.Seal();
+  if (!_journal) OpenJournal({});
+  if (line.CountRecordBytes() <= _setup.largeChange) {
+    Append(Steps::Write::kAppend, change.GetChange());
+    return Close::kDone;
+  }
+  _journal->BeginAppend(line);
+  record = {_journal, _state.OnLateWriteBegun()};
+  return Close::kToWrite;
+}
+
+void SharedUserLayer::OnLateWritten(const LateRecord& record) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  record.journal->EndAppend();
+  Perform(_state.OnLateWritten(record.write, record.journal->GetEnd()));
+}
+
+void SharedUserLayer::OnLateWriteFailed(const LateRecord& record, const char* reason) {
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (record.journal) record.journal->EndAppend();
+  const UserLayerState::LateWrite write = record.journal ? record.write : _state.OnLateWriteBegun();
+  if (const std::optional<Steps> steps = _state.OnLateWriteFailed(write, Clock::now())) Perform(*steps, reason);
+}
+
+bool SharedUserLayer::IsLateWriteDue() {
+  std::lock_guard<std::mutex> lock(_mutex);
+  return _state.IsLateWriteDue();
+}
+
+std::optional<SharedUserLayer::SyncRound> SharedUserLayer::BeginSync() {
+  const Clock::time_point now = Clock::now();
+  std::lock_guard<std::mutex> lock(_mutex);
+  if (!_state.GetSyncTime()) return std::nullopt;
+  if (_watch.Begin(now)) _wakeSnapshot.notify_one();
+  return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
 }
 
 bool SharedUserLayer::TakePlace(const SyncRound& round) {
@@ -242,9 +295,9 @@ void SharedUserLayer::BeginToNote() {
   _changed.Begin();
 }
 
-std::set<std::string> SharedUserLayer::TakeChangedGroups() {
+ChangedGroups::Changes SharedUserLayer::TakeChanges() {
   std::lock_guard<std::mutex> lock(_mutex);
-  return _changed.Take();
+  return _changed.TakeChanges();
 }
 
 SharedUserLayer::SnapshotMoment SharedUserLayer::BeginSnapshot() {
@@ -298,28 +351,29 @@ void SharedUserLayer::TakePlaceNamed(Journal& journal) {
   _state.GetNames().OnTookPlace(_state.GetNames().GetOwner());
 }
 
-std::optional<Change> SharedUserLayer::TakeManyChanges(const core::IniFile& layer) {
+void SharedUserLayer::TakeOver() {
   std::lock_guard<std::mutex> lock(_mutex);
-  if (_changed.Count() <= kFewGroups) return std::nullopt;
-  return Describe(layer, _changed.TakeChanges());
+  _state.OnTakeOver();
 }
 
-std::shared_ptr<Journal> SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot,
-                                                 std::shared_ptr<Journal> next, const core::IniFile& layer) {
+std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const core::IniFile& layer,
+                                                                     bool isLast) {
   std::lock_guard<std::mutex> lock(_mutex);
-  const bool hasChanges = _changed.Count() > 0;
-  const ChangedGroups::Changes changes = _changed.TakeChanges();
-  if (!next && hasChanges) {
-    next = Journal::Create(_setup.files, _setup.path, snapshot.id);
-    _state.GetNames().OnNextCreated();
-  }
-  if (hasChanges) next->Append(Describe(layer, changes));
+  if (_changed.Count() > kFewGroups && !isLast) return std::nullopt;
+  change.Add(_changed.TakeChanges());
+  while (change.MakePart(layer)) continue;
+  return _state.GetLast();
+}
+
+void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shared_ptr<Journal> next, Ticket last) {
+  std::lock_guard<std::mutex> lock(_mutex);
   if (next) next->Begin();
-  _changed.End();
-  _journal = next;
+  _journal = std::move(next);
   _failedJournal.reset();
-  Perform(_state.OnFollowed(snapshot, next ? _state.GetNames().GetOwner() : 0, next ? next->GetEnd() : 0));
-  return next;
+  std::swap(_pending, _changed);
+  _changed.End();
+  const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
+  Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
 }
 
 void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, const char* reason,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -8,7 +9,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "programs/server/persistence/ChangeInParts.h"
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/Durability.h"
@@ -35,16 +38,21 @@ struct UserLayerSetup {
   // Since when there are changes that the disk lacks, in seconds since the epoch; 0: there are none. May be empty.
   // Never called with Durability::kNone.
   std::function<void(std::time_t since)> onUnsaved = {};
+
+  // A change of more bytes is not written by its writer, who holds the store's lock.
+  size_t largeChange = 512 * 1024;
 };
 
 // What a store's saves, JournalSyncer and SnapshotWriter share: the state of the user layer on the disk, the journal,
 // and the changes that the next snapshot lacks. An operation reports one event to UserLayerState and does what that
 // asks for, as one step under one lock; so the class has an operation for each event.
 //
-// In order: saves come under the store's lock, one at a time, and append to the journal. Beside them JournalSyncer
-// syncs what was appended, without a lock, and reports the end. Beside both SnapshotWriter makes a snapshot:
-// BeginToNote starts to note changed groups, BeginSnapshot is the snapshot's moment, and Follow, FailToFollow or
-// FailSnapshot its end.
+// In order: saves come under the store's lock, one at a time, and append to the journal. Of a large change, and of
+// those behind it until it is written, they note the groups only: the groups are pending. Beside them JournalSyncer
+// writes pending groups (TakePending, ClosePending and, when they are many, OnLateWritten), and syncs what was
+// appended, without a lock. Beside both SnapshotWriter makes a snapshot: BeginToNote starts to note changed groups,
+// BeginSnapshot is the snapshot's moment, TakeOver lets all further changes be pending, and Follow, FailToFollow or
+// FailSnapshot is its end. Then pending is what the next journal does not have.
 //
 // Threads: any.
 // Locks:   the mutex for names, outermost: held by an object for as long as a journal is made or takes its place. The
@@ -66,6 +74,22 @@ class SharedUserLayer {
   struct SnapshotMoment {
     SnapshotEnd end;  // without the time
     Ticket last = 0;
+  };
+
+  // What the thread "JournalSync" has to do next.
+  enum class JournalWork { kStop, kWrite, kSync };
+
+  // A record of pending groups that is written without a lock.
+  struct LateRecord {
+    std::shared_ptr<Journal> journal;  // that has a place for it
+    UserLayerState::LateWrite write;
+  };
+
+  // What became of an attempt to close a change.
+  enum class Close {
+    kMore,     // many groups are pending, whose text is to be made first
+    kDone,     // it is written, or must not be now
+    kToWrite,  // it is sealed, and has a place in the journal
   };
 
   // What the thread "Snapshot" has to do next.
@@ -102,8 +126,23 @@ class SharedUserLayer {
   // The current journal; null: there is none.
   std::shared_ptr<Journal> GetJournal();
 
-  // Waits until a sync has to begin; empty: it is time to stop.
-  std::optional<SyncRound> AwaitSync();
+  // Waits until there is something to do for the thread "JournalSync". A sync comes before a write.
+  JournalWork AwaitJournalWork();
+
+  // The pending groups since the last call, for a change that is made of them.
+  ChangedGroups::Changes TakePending();
+
+  // Completes the change by the few groups that are pending besides, so that it leads to the layer as it is now. A
+  // change of little text is written at once. isLast: however many groups are pending. Under the store's read lock.
+  Close ClosePending(ChangeInParts& change, const core::IniFile& layer, bool isLast, LateRecord& record);
+  void OnLateWritten(const LateRecord& record);
+
+  // Groups could not be made a change of, or the record could not be written; then it has a journal.
+  void OnLateWriteFailed(const LateRecord& record, const char* reason);
+  bool IsLateWriteDue();
+
+  // Empty when there is nothing to sync any more.
+  std::optional<SyncRound> BeginSync();
 
   // Makes the round's journal the one that is found. False when it was given up, and another may have its name by now.
   bool TakePlace(const SyncRound& round);
@@ -120,7 +159,7 @@ class SharedUserLayer {
   // Notes the groups that change from now on, and returns those noted since the last call. The second throws
   // std::bad_alloc when some could not be noted.
   void BeginToNote();
-  std::set<std::string> TakeChangedGroups();
+  ChangedGroups::Changes TakeChanges();
 
   // The snapshot's text is whole. Under the store's read lock.
   SnapshotMoment BeginSnapshot();
@@ -137,13 +176,16 @@ class SharedUserLayer {
   // Gives the current journal its place. The caller holds the mutex for names.
   void TakePlaceNamed(Journal& journal);
 
-  // What the next journal lacks, when that is more than a few groups. Under the store's read lock.
-  std::optional<Change> TakeManyChanges(const core::IniFile& layer);
+  // The next journal is about to get what it has to hold at last: all further changes are pending.
+  void TakeOver();
 
-  // The next journal gets the rest of the changes, and is the current one from now on. next: null when none was needed
-  // before; then one is made if it is now. Returns the current journal. Under the store's read lock.
-  std::shared_ptr<Journal> Follow(const UserLayerState::Snapshot& snapshot, std::shared_ptr<Journal> next,
-                                  const core::IniFile& layer);
+  // Completes a change of the next journal by the few groups that it lacks besides. Returns the last change that it
+  // leads to; empty: it lacks many. isLast: however many they are. Under the store's read lock.
+  std::optional<Ticket> CloseChanges(ChangeInParts& change, const core::IniFile& layer, bool isLast);
+
+  // The next journal, which holds all changes up to "last", begins and is the current one from now on; all others are
+  // pending. next: null when none is needed.
+  void Follow(const UserLayerState::Snapshot& snapshot, std::shared_ptr<Journal> next, Ticket last);
 
   // The snapshot stands, and can't have a journal.
   void FailToFollow(const UserLayerState::Snapshot& snapshot, const char* reason, UserSettingsFiles& files);
@@ -154,11 +196,11 @@ class SharedUserLayer {
  private:
   using Steps = UserLayerState::Steps;
 
-  void AddTicket(const std::set<std::string>& changedGroups, const core::IniFile& added);
+  void Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld, bool isPending);
+  void NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending);
   void Append(Steps::Write write, const Change& change);
-  void OpenJournal(const Change& change);
+  void OpenJournal(const std::vector<Change>& changes);
   void Perform(const Steps& steps, const char* reason = "");
-  void Report(Steps::Report report, const char* reason);
   void GiveUpJournal();
 
   const UserLayerSetup _setup;
@@ -175,6 +217,7 @@ class SharedUserLayer {
   std::shared_ptr<Journal> _journal;        // the current one; null: there is none
   std::shared_ptr<Journal> _failedJournal;  // the last that was given up; its file may take room. Never synced
   ChangedGroups _changed;                   // what the snapshot that is made, and then the next journal, lacks so far
+  ChangedGroups _pending;                   // what the current journal lacks while changes are written later
 };
 
 }  // namespace tavix::daemon

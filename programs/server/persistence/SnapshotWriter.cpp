@@ -12,7 +12,7 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr int kMaxRounds = 4;
+constexpr int kMaxRounds = 8;
 constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 
 }  // namespace
@@ -54,10 +54,10 @@ bool SnapshotWriter::Write() {
 SnapshotWriter::Text SnapshotWriter::MakeText() {
   _layer.BeginToNote();
   settings::server::TextInParts layerText;
-  layerText.Collect(_readLayer, [this] { return _layer.TakeChangedGroups(); });
+  layerText.Collect(_readLayer, [this] { return _layer.TakeChanges().TakeNames(); });
   SharedUserLayer::SnapshotMoment moment;
   _readLayer([&](const core::IniFile& layer) {
-    layerText.Update(layer, _layer.TakeChangedGroups());
+    layerText.Update(layer, _layer.TakeChanges().TakeNames());
     moment = _layer.BeginSnapshot();
   });
   moment.end.written = GetTimeOfSnapshot();
@@ -107,8 +107,9 @@ void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
   {
     std::lock_guard<std::mutex> names(_layer.GetNameMutex());
     try {
-      std::shared_ptr<Journal> next = MakeNextJournal(snapshot.id);
-      _readLayer([&](const core::IniFile& layer) { next = _layer.Follow(snapshot, std::move(next), layer); });
+      SharedUserLayer::Ticket last = snapshot.last;
+      const std::shared_ptr<Journal> next = MakeNextJournal(snapshot.id, last);
+      _layer.Follow(snapshot, next, last);
       if (next && _layer.GetSetup().durability.kind == Durability::Kind::kNone) _layer.TakePlaceNamed(*next);
       if (!next) _layer.RemoveOldJournal();
     } catch (const std::exception& exception) {
@@ -118,17 +119,33 @@ void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
   _layer.GetGate().SetDurable(snapshot.last);
 }
 
-// With most of what was changed meanwhile. Null: none is needed before the next change.
-std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snapshot) {
+// With all that was changed meanwhile, up to the last change. Null: none is needed before the next change.
+std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last) {
   if (!_layer.NeedsNextJournal()) return nullptr;
   std::shared_ptr<Journal> next = _layer.CreateNextJournal(snapshot);
-  for (int round = 0; round < kMaxRounds; ++round) {
-    std::optional<Change> change;
-    _readLayer([&](const core::IniFile& layer) { change = _layer.TakeManyChanges(layer); });
-    if (!change) break;
-    next->Append(*change);
-  }
+  AppendChanges(*next);
+  if (_layer.GetSetup().durability.kind != Durability::Kind::kNone) next->SyncRecords();  // leaves the next sync little
+  _layer.TakeOver();
+  last = AppendChanges(*next);
   return next;
+}
+
+// As JournalSyncer writes pending groups. Returns the last change that the journal holds then.
+SharedUserLayer::Ticket SnapshotWriter::AppendChanges(Journal& next) {
+  ChangeInParts change;
+  std::optional<SharedUserLayer::Ticket> last;
+  for (int round = 1; !last; ++round) {
+    change.Add(_layer.TakeChanges());
+    for (bool hasMore = true; hasMore;)
+      _readLayer([&](const core::IniFile& layer) { hasMore = change.MakePart(layer); });
+    const bool isLast = round == kMaxRounds;
+    _readLayer([&](const core::IniFile& layer) { last = _layer.CloseChanges(change, layer, isLast); });
+  }
+  if (change.IsEmpty()) return *last;
+  next.BeginAppend(change.Seal());
+  next.WriteAppended([&](const auto& write) { change.WriteTexts(write); });
+  next.EndAppend();
+  return *last;
 }
 
 }  // namespace tavix::daemon

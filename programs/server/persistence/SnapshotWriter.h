@@ -15,9 +15,10 @@ namespace tavix::daemon {
 // In order: groups that change are noted from the first to the last step. The layer's text is made in parts, each under
 // the store's read lock; parts whose groups changed are made again, the last of them in one go, which is the moment
 // whose state the snapshot holds. The file is written and takes the place of the snapshot before; changes go on into
-// the journal before it. At last the next journal is made, which gets the groups that changed since that moment: many
-// of them in parts that writers do not wait for, the rest under the store's read lock and the layer's, where the next
-// journal becomes the current one. Whatever fails, the layer is told, and tries again later.
+// the journal before it. At last the next journal is made, which gets the groups that changed since that moment, in
+// parts that writers do not wait for. From TakeOver on no change goes to any journal; once the next one has got those
+// before, it becomes the current one, and JournalSyncer writes those since. Whatever fails, the layer is told, and
+// tries again later.
 class SnapshotWriter {
  public:
   // Calls back with the user layer while nobody can change it.
@@ -44,7 +45,8 @@ class SnapshotWriter {
   void Replace(const Text& text);
   bool RemoveBackup();
   void TakeOver(const UserLayerState::Snapshot& snapshot);
-  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot);
+  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last);
+  SharedUserLayer::Ticket AppendChanges(Journal& next);
 
   SharedUserLayer& _layer;
   UserSettingsFiles& _files;

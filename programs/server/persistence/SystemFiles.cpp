@@ -81,6 +81,15 @@ class SystemFile : public File {
     if (Retry([&] { return ftruncate(_descriptor.Get(), static_cast<off_t>(bytes)); }) != 0) Fail("shorten", _path);
   }
 
+  // An error that is found here is not found by a sync again.
+  void WriteOut(uint64_t offset, uint64_t bytes, bool awaitsEarlier) override {
+    constexpr unsigned int kAwait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if (awaitsEarlier && _writtenOutEnd == offset) DoWriteOut(_writtenOutBegin, _writtenOutEnd, kAwait);
+    DoWriteOut(offset, offset + bytes, SYNC_FILE_RANGE_WRITE);
+    _writtenOutBegin = offset;
+    _writtenOutEnd = offset + bytes;
+  }
+
   void Sync() override {
     const auto sync = [&] { return _timeIsNew ? fsync(_descriptor.Get()) : fdatasync(_descriptor.Get()); };
     if (Retry(sync) != 0) Fail("sync", _path);
@@ -96,9 +105,18 @@ class SystemFile : public File {
   }
 
  private:
+  void DoWriteOut(uint64_t begin, uint64_t end, unsigned int flags) const {
+    const auto offset = static_cast<off_t>(begin);
+    const auto bytes = static_cast<off_t>(end - begin);
+    if (Retry([&] { return sync_file_range(_descriptor.Get(), offset, bytes, flags); }) == 0) return;
+    if (errno != ENOSYS && errno != EINVAL && errno != ESPIPE) Fail("sync", _path);
+  }
+
   const std::string _path;
   const osa::Descriptor _descriptor;
   bool _timeIsNew = false;
+  uint64_t _writtenOutBegin = 0;  // the last piece that is brought to the disk, the writer's
+  uint64_t _writtenOutEnd = 0;
 };
 
 // Until the file's end, which the size is only a guess of.

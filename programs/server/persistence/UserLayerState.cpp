@@ -24,21 +24,29 @@ UserLayerState::Steps UserLayerState::Load(const Found& found) {
   return steps;
 }
 
-UserLayerState::Steps UserLayerState::OnChange(bool hasText, Clock::time_point now, std::time_t time) {
-  Steps steps;
+// A change that is in memory only is shown to nobody, unless the disk has failed.
+UserLayerState::Steps UserLayerState::OnChange(Size size, Clock::time_point now, std::time_t time) {
+  std::optional<std::time_t> unsavedSince;
   if (_changes.synced == _changes.last) {
     _changes.firstUnsynced = now;
-    steps.unsavedSince = time;
+    unsavedSince = time;
   }
   ++_changes.last;
-  if (!hasText) {
-    const std::optional<std::time_t> unsavedSince = steps.unsavedSince;
-    steps = Fail(now);
-    steps.unsavedSince = unsavedSince;
-  } else if (CanAppend()) {
+  Steps steps = size == Size::kUnknown ? Fail(now) : FindWrite(size);
+  steps.unsavedSince = unsavedSince;
+  return steps;
+}
+
+UserLayerState::Steps UserLayerState::FindWrite(Size size) {
+  Steps steps;
+  if (!CanAppend()) {
+    steps.holdsChange = !HasFailed();
+    if (!IsSnapshotting()) RequestSnapshot(steps);
+  } else if (_changes.areLate || size == Size::kLarge) {
+    steps.write = Steps::Write::kLater;
+    steps.holdsChange = steps.wakesSync = _changes.areLate = true;
+  } else {
     steps.write = HasJournal() ? Steps::Write::kAppend : Steps::Write::kOpenJournal;
-  } else if (!IsSnapshotting()) {
-    RequestSnapshot(steps);
   }
   return steps;
 }
@@ -49,15 +57,28 @@ void UserLayerState::OnOpened() {
 }
 
 UserLayerState::Steps UserLayerState::OnAppended(uint64_t journalEnd) {
+  return OnLateWritten(OnLateWriteBegun(), journalEnd);
+}
+
+UserLayerState::Steps UserLayerState::OnLateWritten(const LateWrite& write, uint64_t journalEnd) {
   Steps steps;
+  if (write.journal != _names.GetCurrent()) return steps;
+  _changes.written = std::max(_changes.written, write.last);
+  if (_changes.written == _changes.last && !_changes.arePaused) _changes.areLate = false;
+  ShowWrittenUnlessAlways(steps);
   if (!IsSnapshotting()) RequestSnapshotIfLong(journalEnd, steps);
   steps.wakesSync = _durability.kind != Durability::Kind::kNone;
   return steps;
 }
 
+std::optional<UserLayerState::Steps> UserLayerState::OnLateWriteFailed(const LateWrite& write, Clock::time_point now) {
+  if (write.journal != _names.GetCurrent()) return std::nullopt;
+  return Fail(now);
+}
+
 UserLayerState::Sync UserLayerState::OnSyncBegun(Clock::time_point now, std::time_t time) {
   _changes.firstUnsynced = now;  // no change that is made from now on is older
-  return {_names.GetCurrent(), _changes.last, time};
+  return {_names.GetCurrent(), _changes.written, time};
 }
 
 UserLayerState::Steps UserLayerState::OnSynced(const Sync& sync) {
@@ -86,17 +107,26 @@ UserLayerState::SnapshotBegin UserLayerState::OnSnapshotBegun() {
 
 UserLayerState::Steps UserLayerState::OnSnapshotFailed(Clock::time_point now) {
   if (IsSnapshotting()) _phase = _phaseOnFailure;
-  if (_phase != Phase::kJournalling) return Fail(now);
+  const bool isInNoJournal = !HasJournal() && _changes.written < _changes.last;  // what was changed meanwhile
+  if (_phase != Phase::kJournalling || isInNoJournal) return Fail(now);
   Steps steps;
   steps.report = Steps::Report::kJournalGoesOn;
   RetryLater(now, steps);
   return steps;
 }
 
-UserLayerState::Steps UserLayerState::OnFollowed(const Snapshot& snapshot, JournalNumber next, uint64_t journalEnd) {
+// What the journal before gets behind the last change that the next one holds would be lost with it.
+void UserLayerState::OnTakeOver() {
+  if (CanAppend()) _changes.areLate = _changes.arePaused = true;
+}
+
+UserLayerState::Steps UserLayerState::OnFollowed(const Snapshot& snapshot, JournalNumber next, Ticket last,
+                                                 uint64_t journalEnd) {
   Steps steps;
   _names.OnReplaced(next);
   _journalFollows = snapshot.id.generation;
+  _changes.written = std::max(snapshot.last, last);
+  _changes.areLate = true;
   Follow(snapshot, steps);
   if (next != 0) RequestSnapshotIfLong(journalEnd, steps);  // so much was changed meanwhile
   return steps;
@@ -114,8 +144,12 @@ UserLayerState::Steps UserLayerState::OnFollowFailed(const Snapshot& snapshot, C
   return steps;
 }
 
+bool UserLayerState::IsLateWriteDue() const {
+  return CanAppend() && _changes.areLate && !_changes.arePaused && _changes.written < _changes.last;
+}
+
 std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSyncTime() const {
-  const bool isNeeded = HasJournal() && _changes.synced < _changes.last;
+  const bool isNeeded = HasJournal() && _changes.synced < _changes.written;
   if (!isNeeded || _durability.kind == Durability::Kind::kNone) return std::nullopt;
   if (_durability.kind == Durability::Kind::kAlways) return Clock::time_point();
   return _changes.firstUnsynced + _durability.interval;
@@ -127,7 +161,8 @@ std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSnapshotTime
 }
 
 bool UserLayerState::IsSaved() const {
-  const bool isSynced = _changes.synced == _changes.last || _durability.kind == Durability::Kind::kNone;
+  const bool isNone = _durability.kind == Durability::Kind::kNone;
+  const bool isSynced = (isNone ? _changes.written : _changes.synced) == _changes.last;
   return !HasFailed() && HasSnapshot() && isSynced;
 }
 
@@ -136,7 +171,9 @@ bool UserLayerState::IsSaved() const {
 UserLayerState::Steps UserLayerState::Fail(Clock::time_point now) {
   Steps steps;
   _names.OnGivenUp(_durability.kind != Durability::Kind::kAlways);
+  _changes.areLate = _changes.arePaused = false;
   steps.output = Steps::Output::kRelease;
+  steps.shown = _changes.last;
   steps.report = HasFailed() ? Steps::Report::kFailedRetry : Steps::Report::kFailure;
   (IsSnapshotting() ? _phaseOnFailure : _phase) = Phase::kFailed;
   RetryLater(now, steps);
@@ -149,6 +186,7 @@ void UserLayerState::Follow(const Snapshot& snapshot, Steps& steps) {
   _isSnapshotDue = false;
   _snapshot = snapshot;
   _changes.synced = std::max(_changes.synced, snapshot.last);
+  Resume(steps);
   if (hadFailed) {
     _hasToReportRecovery = true;
     steps.output = Steps::Output::kHold;
@@ -162,6 +200,13 @@ void UserLayerState::Follow(const Snapshot& snapshot, Steps& steps) {
     steps.wakesSync = true;
   }
   ReleaseUnlessAlways(steps);
+}
+
+// Changes are written again as they come, unless some still have to be written later.
+void UserLayerState::Resume(Steps& steps) {
+  _changes.arePaused = false;
+  _changes.areLate = _changes.areLate && _changes.written < _changes.last;
+  steps.wakesSync = _changes.areLate;
 }
 
 void UserLayerState::RetryLater(Clock::time_point now, Steps& steps) {
@@ -181,7 +226,14 @@ void UserLayerState::RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps) {
 // Until a snapshot stands that a journal can follow, a change is in memory only: to show it would promise too much,
 // whatever the durability is.
 void UserLayerState::ReleaseUnlessAlways(Steps& steps) const {
-  if (_durability.kind != Durability::Kind::kAlways && HasSnapshot()) steps.output = Steps::Output::kRelease;
+  if (_durability.kind == Durability::Kind::kAlways || !HasSnapshot()) return;
+  steps.output = Steps::Output::kRelease;
+  steps.shown = _changes.written;
+}
+
+// A crash of the daemon takes nothing back that is written.
+void UserLayerState::ShowWrittenUnlessAlways(Steps& steps) const {
+  if (_durability.kind != Durability::Kind::kAlways) steps.shown = _changes.written;
 }
 
 void UserLayerState::ReportRecovery(Steps& steps) {

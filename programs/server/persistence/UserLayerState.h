@@ -17,11 +17,14 @@ namespace tavix::daemon {
 // Each event is a method, which returns what its caller has to do; that makes more than twenty.
 //
 // In order: Load comes first. A change is appended to the current journal, which the first change after a snapshot
-// opens, and a sync that began later covers it. A journal that has grown long asks for a snapshot. OnSnapshotBegun is
-// the moment whose state the snapshot holds; changes go on into the journal before it until OnFollowed, from when on
-// the next journal is the current one. A change that can't be appended, a sync that fails and a first snapshot that
-// fails lead to kFailed: there is no journal then, changes are in memory only, and a snapshot of everything is due,
-// first after 1 s. Only a snapshot leads out of kNoSnapshot and kFailed. A snapshot that fails changes nothing else.
+// opens, and a sync that began later covers it. A large change is not written by its writer: it and all that come
+// behind it are written later, as one record, by JournalSyncer; once nothing is left to write, changes are appended
+// again. A journal that has grown long asks for a snapshot. OnSnapshotBegun is the moment whose state the snapshot
+// holds; changes go on into the journal before it until OnTakeOver, from then on they are written later, and after
+// OnFollowed the next journal is the current one. A change that can't be appended, a sync that fails and a first
+// snapshot that fails lead to kFailed: there is no journal then, changes are in memory only, and a snapshot of
+// everything is due, first after 1 s. Only a snapshot leads out of kNoSnapshot and kFailed. A snapshot that fails
+// changes nothing else.
 //
 //     kNoSnapshot ---begun---> kSnapshotting ---followed---> kJournalling
 //     kJournalling --begun---> kSnapshotting ---failed-----> kJournalling
@@ -43,15 +46,29 @@ class UserLayerState {
     kFailed,        // the disk lacks changes that were shown; everything is owed to a snapshot
   };
 
+  // A change as the caller found it.
+  enum class Size {
+    kUnknown,  // there was no memory to describe it
+    kSmall,
+    kLarge,  // to write it would take long
+  };
+
   // What an event asks its caller to do, all of it before the next event.
   struct Steps {
-    enum class Write { kNothing, kAppend, kOpenJournal };  // where the change goes
-    enum class Output { kAsBefore, kHold, kRelease };      // whether output waits for changes from now on
+    enum class Write {
+      kNothing,      // it is owed to a snapshot, or to the snapshot's next journal
+      kAppend,       // to the journal
+      kOpenJournal,  // that begins with it
+      kLater,        // it is noted for JournalSyncer
+    };
+    enum class Output { kAsBefore, kHold, kRelease };  // whether output waits for changes from now on
     enum class Report { kNothing, kFailure, kFailedRetry, kJournalGoesOn };
 
     Write write = Write::kNothing;
     Output output = Output::kAsBefore;
     Report report = Report::kNothing;
+    bool holdsChange = false;  // output waits for this change, even where it waits for no others
+    Ticket shown = 0;          // output need not wait for the changes up to this one any more
     bool reportsRecovery = false;
     bool wakesSync = false;
     bool wakesSnapshot = false;
@@ -67,6 +84,12 @@ class UserLayerState {
     bool hasJournal = false;
     bool isInPlace = false;       // the journal
     uint64_t journalFollows = 0;  // its generation
+  };
+
+  // A record of changes that are written later, under way.
+  struct LateWrite {
+    JournalNumber journal = 0;
+    Ticket last = 0;  // the change up to which the record holds all
   };
 
   // A sync under way.
@@ -94,15 +117,21 @@ class UserLayerState {
 
   Steps Load(const Found& found);
 
-  // A change was made in memory; it has the ticket GetLast() from now on. hasText: there was memory to describe it.
-  Steps OnChange(bool hasText, Clock::time_point now, std::time_t time);
+  // A change was made in memory; it has the ticket GetLast() from now on.
+  Steps OnChange(Size size, Clock::time_point now, std::time_t time);
 
-  // What Write::kOpenJournal asked for: the journal is at FILE.journal.new.
+  // A journal was opened at FILE.journal.new, for a change, or for those that are written later.
   void OnOpened();
 
-  // The last change is written. journalEnd: behind it, in bytes.
+  // All changes are written. journalEnd: behind the last one, in bytes.
   Steps OnAppended(uint64_t journalEnd);
   Steps OnAppendFailed(Clock::time_point now) { return Fail(now); }
+
+  // A record is about to be written that holds all changes which are not; there is a journal for it. Then it is
+  // written, or could not be: nothing, when the journal was replaced or given up meanwhile.
+  LateWrite OnLateWriteBegun() const { return {_names.GetCurrent(), _changes.last}; }
+  Steps OnLateWritten(const LateWrite& write, uint64_t journalEnd);
+  std::optional<Steps> OnLateWriteFailed(const LateWrite& write, Clock::time_point now);
 
   // A sync begins, and has ended. The second: nothing, when the journal was replaced or given up meanwhile.
   Sync OnSyncBegun(Clock::time_point now, std::time_t time);
@@ -115,9 +144,12 @@ class UserLayerState {
   // It could not be made or saved, begun or not.
   Steps OnSnapshotFailed(Clock::time_point now);
 
-  // The snapshot stands. The next journal holds all changes behind it, and is the current one from now on; journalEnd:
-  // its length. Without a next journal there must be none of these changes.
-  Steps OnFollowed(const Snapshot& snapshot, JournalNumber next, uint64_t journalEnd);
+  // The next journal is about to get the last changes that it has to hold: from now on the current one gets none.
+  void OnTakeOver();
+
+  // The snapshot stands. The next journal, if there is one, holds the changes behind it up to "last", and is the
+  // current one from now on; journalEnd: its length. Changes behind "last" are written later.
+  Steps OnFollowed(const Snapshot& snapshot, JournalNumber next, Ticket last, uint64_t journalEnd);
 
   // The snapshot stands, but no journal could be made for the changes behind it. The one before goes on, if there is
   // one: the snapshot says from where.
@@ -133,10 +165,14 @@ class UserLayerState {
   bool IsStopping() const { return _isStopping; }
   bool HasFailed() const { return (IsSnapshotting() ? _phaseOnFailure : _phase) == Phase::kFailed; }
   bool IsSnapshotting() const { return _phase == Phase::kSnapshotting; }
-  bool IsSnapshotDue() const { return _isSnapshotDue; }
+  bool AreChangesLate() const { return _changes.areLate; }
+  bool IsWritten() const { return _changes.written == _changes.last; }
   Ticket GetLast() const { return _changes.last; }
   Ticket GetSynced() const { return _changes.synced; }
   SnapshotId GetSnapshotId() const { return _snapshot.id; }
+
+  // Whether there are changes that have to be written later, and can be.
+  bool IsLateWriteDue() const;
 
   // When a sync should begin; empty: there is nothing to sync.
   std::optional<Clock::time_point> GetSyncTime() const;
@@ -150,19 +186,25 @@ class UserLayerState {
  private:
   struct Changes {
     Ticket last = 0;
+    Ticket written = 0;
     Ticket synced = 0;
+    bool areLate = false;               // they are written later
+    bool arePaused = false;             // and not before the snapshot is followed
     Clock::time_point firstUnsynced{};  // when the oldest change that is not synced was made
   };
 
   bool HasSnapshot() const { return _snapshot.id.generation != 0; }
   bool HasJournal() const { return _names.GetCurrent() != 0; }
   bool CanAppend() const { return _phase == Phase::kJournalling || (IsSnapshotting() && HasJournal()); }
+  Steps FindWrite(Size size);
   Steps Fail(Clock::time_point now);
+  void Resume(Steps& steps);
   void Follow(const Snapshot& snapshot, Steps& steps);
   void RetryLater(Clock::time_point now, Steps& steps);
   void RequestSnapshot(Steps& steps);
   void RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps);
   void ReleaseUnlessAlways(Steps& steps) const;
+  void ShowWrittenUnlessAlways(Steps& steps) const;
   void ReportRecovery(Steps& steps);
 
   const Durability _durability;

@@ -7,6 +7,7 @@
 
 #include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/LongLine.h"
+#include "programs/server/persistence/PieceWriter.h"
 #include "programs/server/persistence/StartReads.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -274,7 +275,9 @@ std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& t
 void UserSettingsFiles::WriteNewSnapshot(const std::string& newPath, const std::string& text, int64_t written) {
   const std::unique_ptr<File> file = _files.Create(newPath);
   file->Reserve(text.size());
-  file->WriteAt(0, text);
+  PieceWriter pieces(*file, 0, PieceWriter::Pace::kGentle);
+  pieces.Write(text);
+  pieces.Flush();
   try {
     file->SetModificationTime(written);
   } catch (const std::exception& exception) {

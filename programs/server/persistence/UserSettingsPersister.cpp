@@ -55,13 +55,13 @@ void UserSettingsPersister::NoteUnchangedGroups(const settings::common::GroupNam
 }
 
 void UserSettingsPersister::Start(LayerReader readLayer) {
-  _syncer = std::make_unique<JournalSyncer>(_layer);
+  _syncer = std::make_unique<JournalSyncer>(_layer, readLayer);
   _snapshotWriter = std::make_unique<SnapshotWriter>(_layer, _files, std::move(readLayer));
 }
 
 void UserSettingsPersister::Stop() {
   _layer.Stop();
-  _syncer.reset();
+  if (_syncer) _syncer->AwaitEnd();
   if (_snapshotWriter) _snapshotWriter->AwaitEnd();
 }
 
@@ -85,8 +85,8 @@ bool UserSettingsPersister::WriteTheLast() {
     isWhole = isWhole || _snapshotWriter->Write();
     if (isWhole) {
       _files.RemoveJournals();
-    } else if (const std::shared_ptr<Journal> journal = _layer.GetJournal()) {
-      journal->Sync();
+    } else {
+      _syncer->WriteRest();
     }
     return !_layer.HasFailed();
   } catch (const std::exception& exception) {

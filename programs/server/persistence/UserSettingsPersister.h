@@ -90,7 +90,7 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   ILayerSources& _sources;
   UserSettingsFiles _files;
   SharedUserLayer _layer;
-  std::unique_ptr<JournalSyncer> _syncer;           // null: not started, or stopped
+  std::unique_ptr<JournalSyncer> _syncer;           // null: not started
   std::unique_ptr<SnapshotWriter> _snapshotWriter;  // null: not started
 };
 

@@ -21,13 +21,13 @@ TEST(ChangedGroups, AreNotedFromTheBeginToTheEnd) {
   changed.Note({"A", "B"});
   changed.Note({"B", "C"});
   EXPECT_EQ(changed.Count(), 3u);
-  EXPECT_THAT(changed.Take(), ElementsAre("A", "B", "C"));
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), ElementsAre("A", "B", "C"));
   changed.Note({"D"});
-  EXPECT_THAT(changed.Take(), ElementsAre("D"));
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), ElementsAre("D"));
   changed.Note({"E"});
   changed.End();
   changed.Note({"Behind"});
-  EXPECT_THAT(changed.Take(), IsEmpty());
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), IsEmpty());
 }
 
 TEST(ChangedGroups, AreToldApartFromWhatWasAddedToOthers) {
@@ -41,7 +41,7 @@ TEST(ChangedGroups, AreToldApartFromWhatWasAddedToOthers) {
   EXPECT_EQ(TextOf(changes.added), "[List]\n1=one\n2=two\n3=three\n");
   EXPECT_EQ(changed.Count(), 0u);
   changed.Note({"A"}, DocumentOf("[List]\n4=four\n"));
-  EXPECT_THAT(changed.Take(), ElementsAre("A", "List"));
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), ElementsAre("A", "List"));
 }
 
 TEST(ChangedGroups, ThatWereNotedBeforeASecondBeginAreForgotten) {
@@ -49,7 +49,21 @@ TEST(ChangedGroups, ThatWereNotedBeforeASecondBeginAreForgotten) {
   changed.Begin();
   changed.Note({"A"});
   changed.Begin();
-  EXPECT_THAT(changed.Take(), IsEmpty());
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), IsEmpty());
+}
+
+TEST(ChangedGroups, OfALargeChangeAreSharedAndCounted) {
+  ChangedGroups changed;
+  changed.Begin();
+  EXPECT_TRUE(changed.IsEmpty());
+  const auto many = std::make_shared<const std::set<std::string>>(std::set<std::string>{"A", "B"});
+  changed.NoteMany(many);
+  changed.Note({"B", "C"});
+  EXPECT_EQ(changed.Count(), 4u);
+  ChangedGroups::Changes changes = changed.TakeChanges();
+  EXPECT_EQ(changes.many.front(), many);
+  EXPECT_THAT(changes.TakeNames(), ElementsAre("A", "B", "C"));
+  EXPECT_TRUE(changed.IsEmpty());
 }
 
 // Whoever asks would write a snapshot that lacks them.
@@ -61,16 +75,16 @@ TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBeginOrEnd) {
     RefusedMemory refused(500);
     changed.Note(groups);
   }
-  EXPECT_THROW(changed.Take(), std::bad_alloc);
-  EXPECT_THROW(changed.Take(), std::bad_alloc);
+  EXPECT_THROW(changed.TakeChanges().TakeNames(), std::bad_alloc);
+  EXPECT_THROW(changed.TakeChanges().TakeNames(), std::bad_alloc);
   changed.Begin();
-  EXPECT_THAT(changed.Take(), IsEmpty());
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), IsEmpty());
   {
     RefusedMemory refused(500);
     changed.Note(groups);
   }
   changed.End();
-  EXPECT_THAT(changed.Take(), IsEmpty());
+  EXPECT_THAT(changed.TakeChanges().TakeNames(), IsEmpty());
 }
 
 }  // namespace tavix::test

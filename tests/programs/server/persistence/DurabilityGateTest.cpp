@@ -165,4 +165,28 @@ TEST(OpenDurabilityGate, HoldsNothing) {
   EXPECT_FALSE(gate.Await(ticket, std::make_shared<CountingOutput>()));
 }
 
+TEST_F(DurabilityGateTest, ManyGroupsAreHeldAsFewAre) {
+  const auto many = std::make_shared<const std::set<std::string>>(std::set<std::string>{"A", "B"});
+  const DurabilityGate::Ticket ticket = _gate.AddMany(many);
+  EXPECT_TRUE(IsHeld("A"));
+  EXPECT_TRUE(IsHeld("B"));
+  EXPECT_FALSE(IsHeld("C"));
+  EXPECT_TRUE(IsHeld("*"));
+  _gate.SetDurable(ticket);
+  EXPECT_FALSE(IsHeld("A"));
+}
+
+// A crash could take it back that nothing else is held for.
+TEST_F(DurabilityGateTest, ChangeCanBeHeldWhileNothingElseIs) {
+  _gate.LetGo();
+  const DurabilityGate::Ticket ticket = _gate.Add(&kA, true);
+  EXPECT_TRUE(IsHeld("A"));
+  _gate.LetGo(ticket - 1);
+  EXPECT_TRUE(IsHeld("A"));
+  _gate.SetDurable(ticket);
+  EXPECT_FALSE(IsHeld("A"));
+  _gate.Add(&kB);
+  EXPECT_FALSE(IsHeld("B"));
+}
+
 }  // namespace tavix::test

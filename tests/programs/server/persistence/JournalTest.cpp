@@ -107,6 +107,45 @@ TEST(Journal, TakesAChangeThatIsLongerThanAllThatIsFilledAhead) {
   EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", large, "3"));
 }
 
+TEST(Journal, ChangeThatIsWrittenInPiecesIsLikeAnyOther) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  const std::string text = Setting("2").set;
+  journal->BeginAppend({false, 0, text.size()});
+  const uint64_t end = journal->GetEnd();
+  journal->WriteAppended([&](const auto& write) {
+    for (const char character : text) write(std::string(1, character));
+  });
+  journal->EndAppend();
+  EXPECT_EQ(journal->GetEnd(), end);
+  journal->Append(Setting("3"));
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2", "3"));
+}
+
+TEST(Journal, ChangeThatCanNotBeWrittenIsNotThere) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  const uint64_t end = journal->GetEnd();
+  journal->BeginAppend({false, 0, 9});
+  files.FailAfter(0, true);
+  EXPECT_THROW(journal->WriteAppended([](const auto& write) { write("[A]\nx=22\n"); }), osa::Exception);
+  journal->EndAppend();
+  EXPECT_EQ(journal->GetEnd(), end);
+}
+
+// The room behind the records is where the change is being written.
+TEST(Journal, GivesNoRoomBackWhileAChangeIsWritten) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  const size_t size = files.Get(kOnItsWay).size();
+  journal->BeginAppend({false, 0, 9});
+  journal->GiveRoomBack();
+  EXPECT_EQ(files.Get(kOnItsWay).size(), size);
+  journal->EndAppend();
+  journal->GiveRoomBack();
+  EXPECT_EQ(files.Get(kOnItsWay).size(), journal->GetEnd());
+}
+
 TEST(Journal, GoesOnAfterARestart) {
   MemoryFiles files;
   Journal::Create(files, kPath, {7, 0}, {Setting("1")})->Sync();

@@ -17,6 +17,8 @@ inline constexpr daemon::Durability kAlways{daemon::Durability::Kind::kAlways, s
 inline constexpr daemon::Durability kHourly{daemon::Durability::Kind::kInterval, std::chrono::hours(1)};
 inline constexpr daemon::Durability kNever{daemon::Durability::Kind::kNone, std::chrono::milliseconds(0)};
 
+inline constexpr size_t kLargeChange = 64 * 1024;  // less than what makes a journal long
+
 // Output that does nothing but to note when it is let go.
 class NotedOutput : public daemon::IHeldOutput {
  public:
@@ -38,9 +40,9 @@ class PersistedStore : private daemon::ILayerSources {
   // files: outlive the store. defaults: settings text.
   PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "")
       : _defaults(std::move(defaults)),
-        _persister(
-            {files, kUserFile, durability, [](bool, size_t) {}, [this](std::time_t since) { _unsavedSince = since; }},
-            *this),
+        _persister({files, kUserFile, durability, [](bool, size_t) {},
+                    [this](std::time_t since) { _unsavedSince = since; }, kLargeChange},
+                   *this),
         _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
   }

@@ -83,9 +83,11 @@ class RecordedLives {
     _pace.Rest(true);
     store.Crash();
     _files.FailNoMore();
+    _awaitsSnapshot = false;
   }
 
-  // In an orderly way, and not before the snapshot that the life's large change asked for.
+  // In an orderly way, and not before the snapshot that the life's large change asked for. One that is not awaited may
+  // be undone by the next change before it was written.
   void Finish(PersistedStore& store) {
     _pace.Rest(true);
     EXPECT_TRUE(!_awaitsSnapshot || Eventually([this] { return CountSnapshots() > _snapshotsBefore; }));
@@ -96,8 +98,10 @@ class RecordedLives {
   void MakeChange(PersistedStore& store, int change) {
     const size_t begun = _files.CountOperations();
     const std::string before = UserSettingsOf(store.GetManager());
-    if (change % kChangesToALargeOne == kChangesToALargeOne / 2) {
-      _awaitsSnapshot = true;
+    const bool isLarge = change % kChangesToALargeOne == kChangesToALargeOne / 2;
+    const bool isAwaited = isLarge && _changes.Below(2) == 0;
+    if (isLarge) {
+      _awaitsSnapshot = isAwaited;
       _snapshotsBefore = CountSnapshots();
       _changes.MakeLarge(store.GetManager(), kLarge + 100 * static_cast<size_t>(change));
     } else {
@@ -107,7 +111,7 @@ class RecordedLives {
     if (after == before) return;
     _history.Add(after, begun, store.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
     _pace.OnChange();
-    if (_changes.Below(4) == 0) AwaitDurable(store);
+    if (isAwaited || _changes.Below(4) == 0) AwaitDurable(store);
   }
 
   void AwaitDurable(PersistedStore& store) {

@@ -88,7 +88,7 @@ class PersisterWithoutMemory : public testing::Test, private daemon::ILayerSourc
 
   MemoryFiles _files;
   core::IniFile _layer;
-  daemon::UserSettingsPersister _persister{{_files, kUserFile, kAlways, [](bool, size_t) {}}, *this};
+  daemon::UserSettingsPersister _persister{{_files, kUserFile, kAlways, [](bool, size_t) {}, {}, kLargeChange}, *this};
 
  private:
   void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
@@ -115,6 +115,7 @@ TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
         _layer.SetValue("Large", "x", std::string(5 * kMost, 'x'));
         const RefusedMemory refused(kMost);
         _persister.SaveChangedGroups(_layer, {"Large"});
+        AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());  // is released
         EXPECT_FALSE(_persister.Finish(std::chrono::hours(1), [](bool) {}));
       },
       1);

@@ -26,10 +26,13 @@ unsigned int PickSeed() {
   return seed;
 }
 
+// What comes behind a large change may be on its way to the journal, and is shown to nobody until it is there.
 void MakeSome(RandomChanges& changes, PersistedStore& store) {
   for (size_t count = changes.Below(kMostChanges); count > 0; --count) changes.MakeOne(store.GetManager());
-  if (changes.Below(4) == 0) changes.MakeLarge(store.GetManager(), 70 * 1000 + changes.Below(1000));
+  const bool makesLarge = changes.Below(4) == 0;
+  if (makesLarge) changes.MakeLarge(store.GetManager(), 70 * 1000 + changes.Below(1000));
   for (size_t count = changes.Below(kMostChanges); count > 0; --count) changes.MakeOne(store.GetManager());
+  if (makesLarge) store.AwaitDurable();
 }
 
 // A first snapshot, which journals can follow.

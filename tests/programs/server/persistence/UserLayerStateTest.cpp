@@ -13,6 +13,7 @@ namespace tavix::test {
 using daemon::Durability;
 using daemon::UserLayerState;
 using Phase = UserLayerState::Phase;
+using Size = UserLayerState::Size;
 using Steps = UserLayerState::Steps;
 
 namespace {
@@ -27,12 +28,14 @@ std::string NameOf(Phase phase) {
 }
 
 std::string Describe(const Steps& steps) {
-  constexpr const char* kWrites[] = {"", ", append", ", open journal"};
+  constexpr const char* kWrites[] = {"", ", append", ", open journal", ", write later"};
   constexpr const char* kOutputs[] = {"", ", hold", ", release"};
   constexpr const char* kReports[] = {"", ", report failure", ", report retry", ", report that the journal goes on"};
   std::string text = kWrites[static_cast<size_t>(steps.write)];
   text += kOutputs[static_cast<size_t>(steps.output)];
   text += kReports[static_cast<size_t>(steps.report)];
+  if (steps.holdsChange) text += ", hold the change";
+  if (steps.shown != 0) text += ", show";
   if (steps.reportsRecovery) text += ", report recovery";
   if (steps.wakesSync) text += ", wake sync";
   if (steps.wakesSnapshot) text += ", wake snapshot";
@@ -44,6 +47,7 @@ std::string Describe(const UserLayerState& state) {
   std::string text = NameOf(state.GetPhase());
   if (state.HasFailed() && state.IsSnapshotting()) text += " after a failure";
   text += state.GetNames().GetCurrent() != 0 ? " with a journal" : " without";
+  if (state.AreChangesLate()) text += state.IsLateWriteDue() ? ", to write later" : ", late";
   if (state.GetSnapshotTime()) text += ", due";
   return text;
 }
@@ -67,7 +71,7 @@ class Driver {
     state.Load(found);
   }
 
-  Steps Change(bool hasText = true) { return state.OnChange(hasText, kNow, kTime); }
+  Steps Change(Size size = Size::kSmall) { return state.OnChange(size, kNow, kTime); }
 
   // Written as the state asks for.
   Steps SaveChange(uint64_t journalEnd = 1000) {
@@ -79,7 +83,24 @@ class Driver {
 
   Steps Follow(bool hasNext, uint64_t journalEnd = 1000) {
     const auto next = hasNext ? state.GetNames().OnNextCreated() : 0;
-    return state.OnFollowed(Written(_begin), next, journalEnd);
+    return state.OnFollowed(Written(_begin), next, state.GetLast(), journalEnd);
+  }
+
+  Steps FollowWithoutTheLast() {
+    const auto last = state.GetLast();
+    state.OnTakeOver();
+    Change();
+    return state.OnFollowed(Written(_begin), state.GetNames().OnNextCreated(), last, 1000);
+  }
+
+  Steps WriteLater() {
+    Change(Size::kLarge);
+    return state.OnLateWritten(state.OnLateWriteBegun(), 1000);
+  }
+
+  Steps FailToWriteLater() {
+    Change(Size::kLarge);
+    return state.OnLateWriteFailed(state.OnLateWriteBegun(), kNow).value_or(Steps());
   }
 
   Steps FailToFollow() { return state.OnFollowFailed(Written(_begin), kNow); }
@@ -165,11 +186,14 @@ const std::vector<Beginning> kBeginnings{
 
 const std::vector<Event> kEvents{
     {"change", Always, [](Driver& driver) { return driver.Change(); }},
-    {"change without memory", Always, [](Driver& driver) { return driver.Change(false); }},
+    {"large change", Always, [](Driver& driver) { return driver.Change(Size::kLarge); }},
+    {"change without memory", Always, [](Driver& driver) { return driver.Change(Size::kUnknown); }},
     {"short append", HasJournal, [](Driver& driver) { return driver.SaveChange(); }},
     {"append that makes the journal long", HasJournal,
      [](Driver& driver) { return driver.SaveChange(kSnapshotBytes + 1); }},
     {"failed append", HasJournal, FailAppend},
+    {"large change that is written later", HasJournal, [](Driver& driver) { return driver.WriteLater(); }},
+    {"large change that can't be written later", HasJournal, [](Driver& driver) { return driver.FailToWriteLater(); }},
     {"sync", HasJournal, [](Driver& driver) { return driver.Sync(); }},
     {"failed sync", HasJournal, [](Driver& driver) { return driver.FailSync(); }},
     {"failed snapshot", Always, [](Driver& driver) { return driver.state.OnSnapshotFailed(kNow); }},
@@ -178,6 +202,18 @@ const std::vector<Event> kEvents{
        driver.Begin();
        return Steps();
      }},
+    {"take-over", IsSnapshotting,
+     [](Driver& driver) {
+       driver.state.OnTakeOver();
+       return Steps();
+     }},
+    {"change during the take-over", IsSnapshotting,
+     [](Driver& driver) {
+       driver.state.OnTakeOver();
+       return driver.Change();
+     }},
+    {"snapshot followed by a journal that lacks a change", IsSnapshotting,
+     [](Driver& driver) { return driver.FollowWithoutTheLast(); }},
     {"snapshot followed by a journal", IsSnapshotting, [](Driver& driver) { return driver.Follow(true); }},
     {"snapshot followed by a long journal", IsSnapshotting,
      [](Driver& driver) { return driver.Follow(true, kSnapshotBytes + 1); }},
@@ -202,147 +238,203 @@ std::string MakeTable(Durability durability) {
 }
 
 constexpr char kTableOfAlways[] = R"(no snapshot
-    change: no snapshot without, due, wake snapshot, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
+    change: no snapshot without, due, hold the change, wake snapshot, unsaved
+    large change: no snapshot without, due, hold the change, wake snapshot, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: failed without, due, release, report failure, wake snapshot
     snapshot begun: snapshotting without
 no journal
     change: journalling without, open journal, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
+    large change: journalling without, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: journalling without, due, report that the journal goes on, wake snapshot
     snapshot begun: snapshotting without
 journal
     change: journalling with a journal, append, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
+    large change: journalling with a journal, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
     short append: journalling with a journal, wake sync
     append that makes the journal long: journalling with a journal, due, wake sync, wake snapshot
-    failed append: failed without, due, release, report failure, wake snapshot
+    failed append: failed without, due, release, report failure, show, wake snapshot
+    large change that is written later: journalling with a journal, wake sync
+    large change that can't be written later: failed without, due, release, report failure, show, wake snapshot
     sync: journalling with a journal, all saved
     failed sync: failed without, due, release, report failure, wake snapshot
     failed snapshot: journalling with a journal, due, report that the journal goes on, wake snapshot
     snapshot begun: snapshotting with a journal
 failed
     change: failed without, due, wake snapshot
-    change without memory: failed without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
+    large change: failed without, due, wake snapshot
+    change without memory: failed without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
     snapshot begun: snapshotting after a failure without
 first snapshot
-    change: snapshotting without, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
+    change: snapshotting without, hold the change, unsaved
+    large change: snapshotting without, hold the change, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: failed without, due, release, report failure, wake snapshot
+    take-over: snapshotting without
+    change during the take-over: snapshotting without, hold the change, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, wake sync
     snapshot followed by a journal: journalling with a journal, all saved
     snapshot followed by a long journal: journalling with a journal, due, wake snapshot, all saved
     snapshot without a next journal: journalling without, all saved
     snapshot that can't be followed: failed without, due, release, report failure, wake snapshot
 snapshot, no journal
-    change: snapshotting without, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
+    change: snapshotting without, hold the change, unsaved
+    large change: snapshotting without, hold the change, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: journalling without, due, report that the journal goes on, wake snapshot
+    take-over: snapshotting without
+    change during the take-over: snapshotting without, hold the change, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, wake sync
     snapshot followed by a journal: journalling with a journal, all saved
     snapshot followed by a long journal: journalling with a journal, due, wake snapshot, all saved
     snapshot without a next journal: journalling without, all saved
     snapshot that can't be followed: failed without, due, release, report failure, wake snapshot
 snapshot, journal
     change: snapshotting with a journal, append, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
+    large change: snapshotting with a journal, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
     short append: snapshotting with a journal, wake sync
     append that makes the journal long: snapshotting with a journal, wake sync
-    failed append: snapshotting after a failure without, due, release, report failure, wake snapshot
+    failed append: snapshotting after a failure without, due, release, report failure, show, wake snapshot
+    large change that is written later: snapshotting with a journal, wake sync
+    large change that can't be written later: snapshotting after a failure without, due, release, report failure, show, wake snapshot
     sync: snapshotting with a journal, all saved
     failed sync: snapshotting after a failure without, due, release, report failure, wake snapshot
     failed snapshot: journalling with a journal, due, report that the journal goes on, wake snapshot
+    take-over: snapshotting with a journal, late
+    change during the take-over: snapshotting with a journal, late, write later, hold the change, wake sync, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, wake sync
     snapshot followed by a journal: journalling with a journal, all saved
     snapshot followed by a long journal: journalling with a journal, due, wake snapshot, all saved
     snapshot without a next journal: journalling without, all saved
     snapshot that can't be followed: journalling with a journal, due, report that the journal goes on, wake snapshot, all saved
 snapshot, failure meanwhile
     change: snapshotting after a failure without, due
-    change without memory: snapshotting after a failure without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
+    large change: snapshotting after a failure without, due
+    change without memory: snapshotting after a failure without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
+    take-over: snapshotting after a failure without, due
+    change during the take-over: snapshotting after a failure without, due
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, hold, wake sync
     snapshot followed by a journal: journalling with a journal, hold, wake sync
     snapshot followed by a long journal: journalling with a journal, due, hold, wake sync, wake snapshot
     snapshot without a next journal: journalling without, hold, wake sync
-    snapshot that can't be followed: failed without, due, release, report retry, wake snapshot
+    snapshot that can't be followed: failed without, due, release, report retry, show, wake snapshot
 snapshot after a failure
     change: snapshotting after a failure without
-    change without memory: snapshotting after a failure without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
+    large change: snapshotting after a failure without
+    change without memory: snapshotting after a failure without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
+    take-over: snapshotting after a failure without
+    change during the take-over: snapshotting after a failure without
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, hold, wake sync
     snapshot followed by a journal: journalling with a journal, hold, report recovery, wake snapshot, all saved
     snapshot followed by a long journal: journalling with a journal, due, hold, report recovery, wake snapshot, all saved
     snapshot without a next journal: journalling without, hold, report recovery, wake snapshot, all saved
-    snapshot that can't be followed: failed without, due, release, report retry, wake snapshot
+    snapshot that can't be followed: failed without, due, release, report retry, show, wake snapshot
 )";
 
 constexpr char kTableOfNone[] = R"(no snapshot
-    change: no snapshot without, due, wake snapshot, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
+    change: no snapshot without, due, hold the change, wake snapshot, unsaved
+    large change: no snapshot without, due, hold the change, wake snapshot, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: failed without, due, release, report failure, wake snapshot
     snapshot begun: snapshotting without
 no journal
     change: journalling without, open journal, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
+    large change: journalling without, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: journalling without, due, report that the journal goes on, wake snapshot
     snapshot begun: snapshotting without
 journal
     change: journalling with a journal, append, unsaved
-    change without memory: failed without, due, release, report failure, wake snapshot, unsaved
-    short append: journalling with a journal
-    append that makes the journal long: journalling with a journal, due, wake snapshot
-    failed append: failed without, due, release, report failure, wake snapshot
+    large change: journalling with a journal, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: failed without, due, release, report failure, show, wake snapshot, unsaved
+    short append: journalling with a journal, show
+    append that makes the journal long: journalling with a journal, due, show, wake snapshot
+    failed append: failed without, due, release, report failure, show, wake snapshot
+    large change that is written later: journalling with a journal, show
+    large change that can't be written later: failed without, due, release, report failure, show, wake snapshot
     sync: journalling with a journal, all saved
     failed sync: failed without, due, release, report failure, wake snapshot
     failed snapshot: journalling with a journal, due, report that the journal goes on, wake snapshot
     snapshot begun: snapshotting with a journal
 failed
     change: failed without, due, wake snapshot
-    change without memory: failed without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
+    large change: failed without, due, wake snapshot
+    change without memory: failed without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
     snapshot begun: snapshotting after a failure without
 first snapshot
-    change: snapshotting without, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
+    change: snapshotting without, hold the change, unsaved
+    large change: snapshotting without, hold the change, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: failed without, due, release, report failure, wake snapshot
+    take-over: snapshotting without
+    change during the take-over: snapshotting without, hold the change, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, wake sync
     snapshot followed by a journal: journalling with a journal, release, all saved
     snapshot followed by a long journal: journalling with a journal, due, release, wake snapshot, all saved
     snapshot without a next journal: journalling without, release, all saved
     snapshot that can't be followed: failed without, due, release, report failure, wake snapshot
 snapshot, no journal
-    change: snapshotting without, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
+    change: snapshotting without, hold the change, unsaved
+    large change: snapshotting without, hold the change, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
     failed snapshot: journalling without, due, report that the journal goes on, wake snapshot
+    take-over: snapshotting without
+    change during the take-over: snapshotting without, hold the change, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, wake sync
     snapshot followed by a journal: journalling with a journal, release, all saved
     snapshot followed by a long journal: journalling with a journal, due, release, wake snapshot, all saved
     snapshot without a next journal: journalling without, release, all saved
     snapshot that can't be followed: failed without, due, release, report failure, wake snapshot
 snapshot, journal
     change: snapshotting with a journal, append, unsaved
-    change without memory: snapshotting after a failure without, due, release, report failure, wake snapshot, unsaved
-    short append: snapshotting with a journal
-    append that makes the journal long: snapshotting with a journal
-    failed append: snapshotting after a failure without, due, release, report failure, wake snapshot
+    large change: snapshotting with a journal, to write later, write later, hold the change, wake sync, unsaved
+    change without memory: snapshotting after a failure without, due, release, report failure, show, wake snapshot, unsaved
+    short append: snapshotting with a journal, show
+    append that makes the journal long: snapshotting with a journal, show
+    failed append: snapshotting after a failure without, due, release, report failure, show, wake snapshot
+    large change that is written later: snapshotting with a journal, show
+    large change that can't be written later: snapshotting after a failure without, due, release, report failure, show, wake snapshot
     sync: snapshotting with a journal, all saved
     failed sync: snapshotting after a failure without, due, release, report failure, wake snapshot
     failed snapshot: journalling with a journal, due, report that the journal goes on, wake snapshot
+    take-over: snapshotting with a journal, late
+    change during the take-over: snapshotting with a journal, late, write later, hold the change, wake sync, unsaved
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, wake sync
     snapshot followed by a journal: journalling with a journal, release, all saved
     snapshot followed by a long journal: journalling with a journal, due, release, wake snapshot, all saved
     snapshot without a next journal: journalling without, release, all saved
     snapshot that can't be followed: journalling with a journal, due, release, report that the journal goes on, wake snapshot, all saved
 snapshot, failure meanwhile
     change: snapshotting after a failure without, due
-    change without memory: snapshotting after a failure without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
-    snapshot followed by a journal: journalling with a journal, release, report recovery, wake sync, wake snapshot
-    snapshot followed by a long journal: journalling with a journal, due, release, report recovery, wake sync, wake snapshot
-    snapshot without a next journal: journalling without, release, report recovery, wake sync, wake snapshot
-    snapshot that can't be followed: failed without, due, release, report retry, wake snapshot
+    large change: snapshotting after a failure without, due
+    change without memory: snapshotting after a failure without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
+    take-over: snapshotting after a failure without, due
+    change during the take-over: snapshotting after a failure without, due
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, report recovery, wake sync, wake snapshot
+    snapshot followed by a journal: journalling with a journal, release, show, report recovery, wake sync, wake snapshot
+    snapshot followed by a long journal: journalling with a journal, due, release, show, report recovery, wake sync, wake snapshot
+    snapshot without a next journal: journalling without, release, show, report recovery, wake sync, wake snapshot
+    snapshot that can't be followed: failed without, due, release, report retry, show, wake snapshot
 snapshot after a failure
     change: snapshotting after a failure without
-    change without memory: snapshotting after a failure without, due, release, report retry, wake snapshot
-    failed snapshot: failed without, due, release, report retry, wake snapshot
-    snapshot followed by a journal: journalling with a journal, release, report recovery, wake snapshot, all saved
-    snapshot followed by a long journal: journalling with a journal, due, release, report recovery, wake snapshot, all saved
-    snapshot without a next journal: journalling without, release, report recovery, wake snapshot, all saved
-    snapshot that can't be followed: failed without, due, release, report retry, wake snapshot
+    large change: snapshotting after a failure without
+    change without memory: snapshotting after a failure without, due, release, report retry, show, wake snapshot
+    failed snapshot: failed without, due, release, report retry, show, wake snapshot
+    take-over: snapshotting after a failure without
+    change during the take-over: snapshotting after a failure without
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, report recovery, wake sync, wake snapshot
+    snapshot followed by a journal: journalling with a journal, release, show, report recovery, wake snapshot, all saved
+    snapshot followed by a long journal: journalling with a journal, due, release, show, report recovery, wake snapshot, all saved
+    snapshot without a next journal: journalling without, release, show, report recovery, wake snapshot, all saved
+    snapshot that can't be followed: failed without, due, release, report retry, show, wake snapshot
 )";
 
 }  // namespace
@@ -430,6 +522,41 @@ TEST(UserLayerState, IsSavedWhenTheDiskHasWhatTheDurabilityAsksFor) {
   never.Load(1, true);
   never.SaveChange();
   EXPECT_TRUE(never.state.IsSaved());
+}
+
+TEST(UserLayerState, SmallChangeBehindALargeOneIsWrittenLaterToo) {
+  Driver driver;
+  driver.Load(1, true);
+  driver.Change(Size::kLarge);
+  EXPECT_EQ(driver.Change().write, Steps::Write::kLater);
+  const auto write = driver.state.OnLateWriteBegun();
+  EXPECT_EQ(driver.Change().write, Steps::Write::kLater);
+  driver.state.OnLateWritten(write, 1000);
+  EXPECT_TRUE(driver.state.IsLateWriteDue());
+  driver.state.OnAppended(1000);
+  EXPECT_EQ(driver.Change().write, Steps::Write::kAppend);
+}
+
+TEST(UserLayerState, SyncDoesNotCoverWhatIsNotWritten) {
+  Driver driver;
+  driver.Load(1, true);
+  driver.SaveChange();
+  driver.Change(Size::kLarge);
+  driver.Sync();
+  EXPECT_EQ(driver.state.GetSynced(), 1u);
+  EXPECT_FALSE(driver.state.GetSyncTime());
+}
+
+// What the journal before got now would be lost with it.
+TEST(UserLayerState, NothingIsWrittenBetweenTheTakeOverAndItsEnd) {
+  Driver driver;
+  driver.Load(1, true);
+  driver.Begin();
+  driver.state.OnTakeOver();
+  EXPECT_EQ(driver.Change().write, Steps::Write::kLater);
+  EXPECT_FALSE(driver.state.IsLateWriteDue());
+  EXPECT_TRUE(driver.FailToFollow().wakesSync);
+  EXPECT_TRUE(driver.state.IsLateWriteDue());
 }
 
 TEST(UserLayerState, RecoveryIsReportedOnceAllIsOnTheDisk) {

@@ -177,7 +177,7 @@ TEST_F(Persister, JournalThatWasGivenUpDuringASnapshotTakesNoOtherWithIt) {
     store.AwaitDurable();
     EXPECT_TRUE(Eventually([&] { return _files.Get("user.ini.journal.new").find("y=2\n") != std::string::npos; }));
     const size_t snapshots = CountSnapshots(_files);
-    store.Merge("[Large]\nx=" + std::string(140 * 1000, 'y') + "\n");
+    for (const char value : {'1', '2', '3'}) store.Merge("[Large]\nx=" + std::string(60 * 1000, value) + "\n");
     EXPECT_TRUE(Eventually([&] { return CountSnapshots(_files) > snapshots; }));
     sync.GoOn();
     store.AwaitDurable();

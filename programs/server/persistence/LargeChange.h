@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+
+namespace tavix::daemon {
+
+inline constexpr size_t kManyGroups = 1000;  // take long to describe, however short they are
+
+// Whether it takes long to describe a change: it has many groups, or a text of more than about "maxBytes".
+bool IsLargeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                   const core::IniFile& added, size_t maxBytes);
+
+}  // namespace tavix::daemon
