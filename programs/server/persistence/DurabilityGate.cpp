@@ -22,7 +22,7 @@ bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) 
 thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
 
 DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups, bool isHeld) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
   if (IsHeld(isHeld) && groups) {
     for (const std::string& group : *groups) _groups[group] = ticket;
@@ -33,13 +33,12 @@ DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups, 
 }
 
 DurabilityGate::Ticket DurabilityGate::AddMany(Groups groups, bool isHeld) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
   if (IsHeld(isHeld)) _manyGroups.emplace_back(ticket, std::move(groups));
   return Publish(ticket, isHeld);
 }
 
-// The caller holds the lock, here and in IsHeld.
 DurabilityGate::Ticket DurabilityGate::Publish(Ticket ticket, bool isHeld) {
   if (!IsHeld(isHeld)) _durable.store(ticket, std::memory_order_release);
   _last.store(ticket, std::memory_order_release);
@@ -57,14 +56,14 @@ void DurabilityGate::SetDurable(Ticket ticket) {
 
 void DurabilityGate::LetGo(Ticket last) {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     _letsGo = true;
   }
   Release(last);
 }
 
 void DurabilityGate::Hold() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _letsGo = false;
 }
 
@@ -72,7 +71,7 @@ void DurabilityGate::Release(Ticket ticket) {
   decltype(_waiting) released;
   decltype(_manyGroups) forgotten;  // outlive the lock: many are not destroyed in no time
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     // One that is durable already may have become so while nothing was held, without anybody being told.
     ticket = std::max(ticket, _durable.load(std::memory_order_relaxed));
     _durable.store(ticket, std::memory_order_release);
@@ -93,7 +92,7 @@ void DurabilityGate::Release(Ticket ticket) {
 DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNameMatcher* groups) const {
   const Ticket last = _last.load(std::memory_order_acquire);
   if (!groups || IsDurable(last)) return last;
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   Ticket found = _lastOfAny;
   for (const std::string& name : groups->GetNames()) {
     const auto group = _groups.find(name);
@@ -111,7 +110,7 @@ DurabilityGate::Ticket DurabilityGate::FindLast(const settings::common::GroupNam
 }
 
 bool DurabilityGate::Await(Ticket ticket, std::shared_ptr<IHeldOutput> output) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (IsDurable(ticket)) return false;
   _waiting.emplace_back(ticket, std::move(output));
   return true;

@@ -5,11 +5,12 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
 
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::daemon {
@@ -77,8 +78,8 @@ class DurabilityGate {
   [[nodiscard]] bool Await(Ticket ticket, std::shared_ptr<IHeldOutput> output);
 
  private:
-  bool IsHeld(bool isAlwaysHeld) const { return _holds && (isAlwaysHeld || !_letsGo); }
-  Ticket Publish(Ticket ticket, bool isHeld);
+  bool IsHeld(bool isAlwaysHeld) const TAVIX_REQUIRES(_mutex) { return _holds && (isAlwaysHeld || !_letsGo); }
+  Ticket Publish(Ticket ticket, bool isHeld) TAVIX_REQUIRES(_mutex);
   void Release(Ticket ticket);
 
   static thread_local Ticket lastOfThisThread;
@@ -86,12 +87,13 @@ class DurabilityGate {
   const bool _holds;
   std::atomic<Ticket> _last{0};
   std::atomic<Ticket> _durable{0};
-  mutable std::mutex _mutex;  // guards what follows
-  bool _letsGo = false;
-  std::map<std::string, Ticket> _groups;             // the last change of each, where it is not durable
-  std::list<std::pair<Ticket, Groups>> _manyGroups;  // the same of changes of many groups
-  Ticket _lastOfAny = 0;                             // the last change that any group may show
-  std::list<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting;  // to be let go without memory
+  mutable osa::PlainMutex _mutex;
+  bool _letsGo TAVIX_GUARDED_BY(_mutex) = false;
+  std::map<std::string, Ticket> _groups TAVIX_GUARDED_BY(_mutex);  // the last change of each, where it is not durable
+  std::list<std::pair<Ticket, Groups>> _manyGroups TAVIX_GUARDED_BY(_mutex);  // the same of changes of many groups
+  Ticket _lastOfAny TAVIX_GUARDED_BY(_mutex) = 0;                             // the last change that any group may show
+  std::list<std::pair<Ticket, std::shared_ptr<IHeldOutput>>> _waiting
+      TAVIX_GUARDED_BY(_mutex);  // to be let go without memory
 };
 
 }  // namespace tavix::daemon

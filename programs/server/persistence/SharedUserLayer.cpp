@@ -33,7 +33,7 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
   state.nextGeneration = found.nextGeneration;
   state.snapshotBytes = found.snapshotBytes;
   state.mustBeWritten = found.mustBeWritten;
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _pending.Begin();
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   state.hasJournal = _journal != nullptr;
@@ -49,14 +49,13 @@ void SharedUserLayer::Save(const core::IniFile& userSettings, const std::set<std
   std::optional<Change> change;
   if (!isLarge) change = TryToDescribe(userSettings, changedGroups, added);
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
   Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
 }
 
-// The caller holds the lock, here and in all private functions.
 void SharedUserLayer::Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld,
                            bool isPending) {
   if (changedGroups.size() > kManyGroups && added.IsEmpty()) return NoteMany(changedGroups, isHeld, isPending);
@@ -131,7 +130,7 @@ void SharedUserLayer::GiveUpJournal() {
 
 void SharedUserLayer::Stop() {
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     _state.OnStop();
   }
   _wakeSync.notify_all();
@@ -139,49 +138,49 @@ void SharedUserLayer::Stop() {
 }
 
 bool SharedUserLayer::IsSaved() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _state.IsSaved();
 }
 
 bool SharedUserLayer::HasFailed() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _state.HasFailed();
 }
 
 bool SharedUserLayer::NeedsLastSnapshot() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return (_journal && _journal->HasChanges()) || _state.HasFailed() || _state.GetSnapshotTime() || !_state.IsWritten();
 }
 
 std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _journal;
 }
 
 SharedUserLayer::JournalWork SharedUserLayer::AwaitJournalWork() {
-  std::unique_lock<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   while (!_state.IsStopping()) {
     const std::optional<Clock::time_point> time = _state.GetSyncTime();
     if (time && Clock::now() >= *time) return JournalWork::kSync;
     if (_state.IsLateWriteDue()) return JournalWork::kWrite;
     if (time) {
-      _wakeSync.wait_until(lock, *time);
+      lock.WaitUntil(_wakeSync, *time);
     } else {
-      _wakeSync.wait(lock);
+      lock.Wait(_wakeSync);
     }
   }
   return JournalWork::kStop;
 }
 
 ChangedGroups::Changes SharedUserLayer::TakePending() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _pending.TakeChanges();
 }
 
 // A snapshot may take the journal over, and fail to: so what must not be written now stays pending.
 SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, const core::IniFile& layer, bool isLast,
                                                      LateRecord& record) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (!_state.IsLateWriteDue()) {
     const ChangedGroups::Changes changes = change.TakeBack();
     if (_state.AreChangesLate()) _pending.Note(changes.groups, changes.added);
@@ -202,26 +201,26 @@ SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, cons
 }
 
 void SharedUserLayer::OnLateWritten(const LateRecord& record) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   record.journal->EndAppend();
   Perform(_state.OnLateWritten(record.write, record.journal->GetEnd()));
 }
 
 void SharedUserLayer::OnLateWriteFailed(const LateRecord& record, const char* reason) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (record.journal) record.journal->EndAppend();
   const UserLayerState::LateWrite write = record.journal ? record.write : _state.OnLateWriteBegun();
   if (const std::optional<Steps> steps = _state.OnLateWriteFailed(write, Clock::now())) Perform(*steps, reason);
 }
 
 bool SharedUserLayer::IsLateWriteDue() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _state.IsLateWriteDue();
 }
 
 std::optional<SharedUserLayer::SyncRound> SharedUserLayer::BeginSync() {
   const Clock::time_point now = Clock::now();
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (!_state.GetSyncTime()) return std::nullopt;
   if (_watch.Begin(now)) _wakeSnapshot.notify_one();
   return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
@@ -229,13 +228,13 @@ std::optional<SharedUserLayer::SyncRound> SharedUserLayer::BeginSync() {
 
 bool SharedUserLayer::TakePlace(const SyncRound& round) {
   if (round.journal->IsInPlace()) return true;
-  std::lock_guard<std::mutex> names(_nameMutex);
+  const osa::PlainMutexLock names(_nameMutex);
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     if (!_state.GetNames().MayTakePlace(round.sync.journal)) return round.journal->IsInPlace();
   }
   round.journal->TakePlace();
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _state.GetNames().OnTookPlace(round.sync.journal);
   return true;
 }
@@ -243,13 +242,13 @@ bool SharedUserLayer::TakePlace(const SyncRound& round) {
 void SharedUserLayer::OnSynced(const SyncRound& round) {
   _setup.onSave(true, 0);
   _gate.SetDurable(round.sync.last);
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (_watch.End()) _wakeSnapshot.notify_one();
   Perform(_state.OnSynced(round.sync));
 }
 
 void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (_watch.End()) _wakeSnapshot.notify_one();
   const std::optional<Steps> steps = _state.OnSyncFailed(round.sync, Clock::now());
   if (!steps) return;
@@ -258,12 +257,12 @@ void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
 }
 
 void SharedUserLayer::OnSyncUseless() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (_watch.End()) _wakeSnapshot.notify_one();
 }
 
 SharedUserLayer::SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
-  std::unique_lock<std::mutex> lock(_mutex);
+  osa::PlainMutexLock lock(_mutex);
   while (!_state.IsStopping()) {
     const Clock::time_point now = Clock::now();
     _watch.Look(now);
@@ -272,18 +271,18 @@ SharedUserLayer::SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
     const std::optional<Clock::time_point> look = _watch.GetNextLook();
     if (snapshot && now >= *snapshot) return SnapshotWork::kSnapshot;
     if (!snapshot && !look) {
-      _wakeSnapshot.wait(lock);
+      lock.Wait(_wakeSnapshot);
     } else {
-      _wakeSnapshot.wait_until(lock, snapshot && look ? std::min(*snapshot, *look) : snapshot ? *snapshot : *look);
+      lock.WaitUntil(_wakeSnapshot, snapshot && look ? std::min(*snapshot, *look) : snapshot ? *snapshot : *look);
     }
   }
   return SnapshotWork::kStop;
 }
 
 void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
-  std::lock_guard<std::mutex> names(_nameMutex);
+  const osa::PlainMutexLock names(_nameMutex);
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     if (!_state.GetNames().TakeUselessName()) return;
     _failedJournal.reset();
   }
@@ -291,17 +290,17 @@ void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
 }
 
 void SharedUserLayer::BeginToNote() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _changed.Begin();
 }
 
 ChangedGroups::Changes SharedUserLayer::TakeChanges() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _changed.TakeChanges();
 }
 
 SharedUserLayer::SnapshotMoment SharedUserLayer::BeginSnapshot() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
   SnapshotMoment moment;
   moment.last = begin.last;
@@ -312,7 +311,7 @@ SharedUserLayer::SnapshotMoment SharedUserLayer::BeginSnapshot() {
 }
 
 void SharedUserLayer::GiveRoomBack() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
     try {
       if (journal) journal->GiveRoomBack();
@@ -325,14 +324,14 @@ void SharedUserLayer::GiveRoomBack() {
 // What was synced so far stays, and the journal goes on if there is one.
 void SharedUserLayer::FailSnapshot(const char* reason) {
   _setup.onSave(false, 0);
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _changed.End();
   if (_journal) _journal->FillAgain();
   Perform(_state.OnSnapshotFailed(Clock::now()), reason);
 }
 
 bool SharedUserLayer::NeedsNextJournal() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   return _changed.Count() > 0 || (_journal && !_state.IsStopping());
 }
 
@@ -340,25 +339,25 @@ bool SharedUserLayer::NeedsNextJournal() {
 std::shared_ptr<Journal> SharedUserLayer::CreateNextJournal(const SnapshotId& snapshot) {
   if (const std::shared_ptr<Journal> journal = GetJournal()) TakePlaceNamed(*journal);
   std::shared_ptr<Journal> next = Journal::Create(_setup.files, _setup.path, snapshot);
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _state.GetNames().OnNextCreated();
   return next;
 }
 
 void SharedUserLayer::TakePlaceNamed(Journal& journal) {
   journal.TakePlace();
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _state.GetNames().OnTookPlace(_state.GetNames().GetOwner());
 }
 
 void SharedUserLayer::TakeOver() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   _state.OnTakeOver();
 }
 
 std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const core::IniFile& layer,
                                                                      bool isLast) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (_changed.Count() > kFewGroups && !isLast) return std::nullopt;
   change.Add(_changed.TakeChanges());
   while (change.MakePart(layer)) continue;
@@ -366,7 +365,7 @@ std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInPar
 }
 
 void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shared_ptr<Journal> next, Ticket last) {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (next) next->Begin();
   _journal = std::move(next);
   _failedJournal.reset();
@@ -380,7 +379,7 @@ void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, con
                                    UserSettingsFiles& files) {
   bool mayRemove = false;
   {
-    std::lock_guard<std::mutex> lock(_mutex);
+    const osa::PlainMutexLock lock(_mutex);
     mayRemove = _state.GetNames().ReleaseNext();
     _changed.End();
     Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
@@ -389,7 +388,7 @@ void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, con
 }
 
 void SharedUserLayer::RemoveOldJournal() {
-  std::lock_guard<std::mutex> lock(_mutex);
+  const osa::PlainMutexLock lock(_mutex);
   if (!_journal) RemoveQuietly(_setup.files, Journal::PathOf(_setup.path));
 }
 

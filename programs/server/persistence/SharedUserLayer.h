@@ -5,7 +5,6 @@
 #include <ctime>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -22,6 +21,8 @@
 #include "programs/server/persistence/UserLayerState.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -105,7 +106,7 @@ class SharedUserLayer {
   DeferredLog& GetLog() { return _log; }
 
   // The mutex for names. Whoever makes a journal, or gives one its place, holds it.
-  std::mutex& GetNameMutex() { return _nameMutex; }
+  osa::PlainMutex& GetNameMutex() TAVIX_RETURN_CAPABILITY(_nameMutex) { return _nameMutex; }
 
   // Takes the journal over, and knows from now on what the disk has. Before all other operations.
   void Load(FoundUserSettings& found);
@@ -171,10 +172,10 @@ class SharedUserLayer {
 
   // Whether changes behind the snapshot need a journal before the next change does.
   bool NeedsNextJournal();
-  std::shared_ptr<Journal> CreateNextJournal(const SnapshotId& snapshot);
+  std::shared_ptr<Journal> CreateNextJournal(const SnapshotId& snapshot) TAVIX_REQUIRES(_nameMutex);
 
-  // Gives the current journal its place. The caller holds the mutex for names.
-  void TakePlaceNamed(Journal& journal);
+  // Gives the current journal its place.
+  void TakePlaceNamed(Journal& journal) TAVIX_REQUIRES(_nameMutex);
 
   // The next journal is about to get what it has to hold at last: all further changes are pending.
   void TakeOver();
@@ -196,28 +197,31 @@ class SharedUserLayer {
  private:
   using Steps = UserLayerState::Steps;
 
-  void Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld, bool isPending);
-  void NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending);
-  void Append(Steps::Write write, const Change& change);
-  void OpenJournal(const std::vector<Change>& changes);
-  void Perform(const Steps& steps, const char* reason = "");
-  void GiveUpJournal();
+  void Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld, bool isPending)
+      TAVIX_REQUIRES(_mutex);
+  void NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) TAVIX_REQUIRES(_mutex);
+  void Append(Steps::Write write, const Change& change) TAVIX_REQUIRES(_mutex);
+  void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
+  void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
+  void GiveUpJournal() TAVIX_REQUIRES(_mutex);
 
   const UserLayerSetup _setup;
   const std::string _quotedPath;  // for messages
   DurabilityGate _gate;
   DeferredLog _log;
 
-  std::mutex _nameMutex;
-  std::mutex _mutex;  // guards what follows
-  UserLayerState _state;
-  SyncWatch _watch;
+  osa::PlainMutex _nameMutex;
+  osa::PlainMutex _mutex;
+  UserLayerState _state TAVIX_GUARDED_BY(_mutex);
+  SyncWatch _watch TAVIX_GUARDED_BY(_mutex);
   std::condition_variable _wakeSync;
   std::condition_variable _wakeSnapshot;
-  std::shared_ptr<Journal> _journal;        // the current one; null: there is none
-  std::shared_ptr<Journal> _failedJournal;  // the last that was given up; its file may take room. Never synced
-  ChangedGroups _changed;                   // what the snapshot that is made, and then the next journal, lacks so far
-  ChangedGroups _pending;                   // what the current journal lacks while changes are written later
+  std::shared_ptr<Journal> _journal TAVIX_GUARDED_BY(_mutex);  // the current one; null: there is none
+  std::shared_ptr<Journal> _failedJournal
+      TAVIX_GUARDED_BY(_mutex);  // the last that was given up; its file may take room. Never synced
+  ChangedGroups _changed
+      TAVIX_GUARDED_BY(_mutex);  // what the snapshot that is made, and then the next journal, lacks so far
+  ChangedGroups _pending TAVIX_GUARDED_BY(_mutex);  // what the current journal lacks while changes are written later
 };
 
 }  // namespace tavix::daemon

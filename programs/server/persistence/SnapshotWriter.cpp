@@ -105,7 +105,7 @@ bool SnapshotWriter::RemoveBackup() {
 void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
   _layer.GetSetup().onSave(true, snapshot.bytes);
   {
-    std::lock_guard<std::mutex> names(_layer.GetNameMutex());
+    const osa::PlainMutexLock names(_layer.GetNameMutex());
     try {
       SharedUserLayer::Ticket last = snapshot.last;
       const std::shared_ptr<Journal> next = MakeNextJournal(snapshot.id, last);

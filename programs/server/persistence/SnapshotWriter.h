@@ -6,6 +6,7 @@
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "programs/server/system/LoopThread.h"
+#include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/TextInParts.h"
 
 namespace tavix::daemon {
@@ -45,7 +46,8 @@ class SnapshotWriter {
   void Replace(const Text& text);
   bool RemoveBackup();
   void TakeOver(const UserLayerState::Snapshot& snapshot);
-  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last);
+  std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last)
+      TAVIX_REQUIRES(_layer.GetNameMutex());
   SharedUserLayer::Ticket AppendChanges(Journal& next);
 
   SharedUserLayer& _layer;
