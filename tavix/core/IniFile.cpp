@@ -65,8 +65,9 @@ IniFile::GroupMap CopyGroups(const IniFile::GroupMap& source) {
   return copy;
 }
 
-IniFile ReadText(std::string_view text, const std::string& source) {
-  SettingsTextReader reader(source);
+// isWanted: may be null, here and below.
+IniFile ReadText(std::string_view text, const std::string& source, const IniFile::GroupFilter* isWanted) {
+  SettingsTextReader reader(source, isWanted);
   reader.ReadLines(text.data(), text.data() + text.size());
   return reader.TakeDocument();
 }
@@ -79,17 +80,31 @@ size_t FindMiddle(std::string_view text) {
 }
 
 // An error names its line, which only who reads from the begin knows.
-IniFile ReadInHalves(std::string_view text, size_t middle, const std::string& source) {
+IniFile ReadInHalves(std::string_view text, size_t middle, const std::string& source,
+                     const IniFile::GroupFilter* isWanted) {
   IniFile document;
   IniFile rest;
   try {
-    RunSideBySide([&] { document = ReadText(text.substr(0, middle), source); },
-                  [&] { rest = ReadText(text.substr(middle), source); });
+    RunSideBySide([&] { document = ReadText(text.substr(0, middle), source, isWanted); },
+                  [&] { rest = ReadText(text.substr(middle), source, isWanted); });
   } catch (const osa::Exception&) {
-    return ReadText(text, source);
+    return ReadText(text, source, isWanted);
   }
   document.MergeSettings(std::move(rest));
   return document;
+}
+
+IniFile ReadMemory(std::string_view text, const std::string& source, const IniFile::GroupFilter* isWanted) {
+  const size_t middle = FindMiddle(text);
+  return middle < text.size() ? ReadInHalves(text, middle, source, isWanted) : ReadText(text, source, isWanted);
+}
+
+IniFile ReadStream(std::istream& in, const std::string& source, const IniFile::GroupFilter* isWanted) {
+  SettingsTextReader reader(source, isWanted);
+  errno = 0;  // streams keep no reason of their own, and an old one would mislead
+  reader.ReadStream(in);
+  if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
+  return reader.TakeDocument();
 }
 
 // In bytes; 0: it is no regular file.
@@ -105,17 +120,25 @@ IniFile::IniFile(const char* path) {
 }
 
 void IniFile::Load(const char* path) {
+  LoadFile(path, nullptr);
+}
+
+void IniFile::LoadGroups(const char* path, const GroupFilter& isWanted) {
+  LoadFile(path, &isWanted);
+}
+
+void IniFile::LoadFile(const char* path, const GroupFilter* isWanted) {
   errno = 0;
   std::ifstream file(path, std::ios::binary);
   if (!file) throw osa::Exception("Failed to open settings file '%s': %s", path, std::strerror(errno ? errno : EIO));
   const size_t size = SizeOfFile(path);
-  if (size < kLargeText) return LoadFromStream(file, path);
+  if (size < kLargeText) return MergeSettings(ReadStream(file, path, isWanted));
   std::string text(size, '\0');
   errno = 0;
   file.read(text.data(), static_cast<std::streamsize>(size));
   if (file.bad()) throw osa::Exception("Failed to read %s: %s", path, std::strerror(errno ? errno : EIO));
   text.resize(static_cast<size_t>(file.gcount()));
-  LoadFromMemory(text, path);
+  MergeSettings(ReadMemory(text, path, isWanted));
 }
 
 void IniFile::LoadFromString(const std::string& text) {
@@ -127,16 +150,11 @@ void IniFile::LoadFromStream(std::istream& in) {
 }
 
 void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
-  SettingsTextReader reader(source);
-  errno = 0;  // streams keep no reason of their own, and an old one would mislead
-  reader.ReadStream(in);
-  if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
-  MergeSettings(reader.TakeDocument());
+  MergeSettings(ReadStream(in, source, nullptr));
 }
 
 void IniFile::LoadFromMemory(std::string_view text, const std::string& source) {
-  const size_t middle = FindMiddle(text);
-  MergeSettings(middle < text.size() ? ReadInHalves(text, middle, source) : ReadText(text, source));
+  MergeSettings(ReadMemory(text, source, nullptr));
 }
 
 void IniFile::SaveToStream(std::ostream& out) const {

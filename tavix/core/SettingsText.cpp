@@ -194,7 +194,6 @@ void SettingsTextReader::ReadLine(const char* begin, const char* end, bool hasEs
 void SettingsTextReader::ReadHeader(const char* begin, const char* end, bool hasEscapes) {
   if (end[-1] != ']') Fail("\"[group]\" or \"key=value\"", begin, end);
   const std::string_view name(begin + 1, static_cast<size_t>(end - begin) - 2);
-  if (_keeps == Keeps::kNothing) return OpenGroup({});
   if (hasEscapes) {
     OpenGroup(Unescape(name));
   } else {
@@ -205,8 +204,8 @@ void SettingsTextReader::ReadHeader(const char* begin, const char* end, bool has
 void SettingsTextReader::ReadSetting(const char* begin, const char* end, bool hasEscapes) {
   const char* equals = hasEscapes ? FindUnescapedEquals(begin, end) : Find(begin, end, '=');
   if (equals == end) Fail("\"[group]\" or \"key=value\"", begin, end);
-  if (!_open) Fail("\"[group]\" before the first \"key=value\"", begin, end);
-  if (_keeps == Keeps::kNothing) return;
+  if (!_hasGroup) Fail("\"[group]\" before the first \"key=value\"", begin, end);
+  if (!_open) return;
   const std::string_view key = WithoutBlanks(begin, equals);
   const std::string_view value = WithoutBlanks(equals + 1, end);
   if (hasEscapes) {
@@ -218,6 +217,9 @@ void SettingsTextReader::ReadSetting(const char* begin, const char* end, bool ha
 
 // In sorted text an entry's place is the end; elsewhere, or when it exists, the map finds it.
 void SettingsTextReader::OpenGroup(std::string_view name) {
+  _hasGroup = true;
+  _open = nullptr;
+  if (_isWanted && !(*_isWanted)(name)) return;
   const auto group =
       _groups.emplace_hint(_groups.end(), std::piecewise_construct, std::forward_as_tuple(name), std::tuple<>());
   _open = &group->second;
@@ -235,7 +237,8 @@ void SettingsTextReader::Fail(const char* expected, const char* begin, const cha
 }
 
 void CheckSettingsText(std::string_view text, const std::string& source) {
-  SettingsTextReader reader(source, SettingsTextReader::Keeps::kNothing);
+  const IniFile::GroupFilter none = [](std::string_view) { return false; };
+  SettingsTextReader reader(source, &none);
   reader.ReadLines(text.data(), text.data() + text.size());
 }
 

@@ -14,12 +14,10 @@ namespace tavix::core {
 // Errors: osa::Exception for a line that is no settings text.
 class SettingsTextReader {
  public:
-  // kNothing: only errors are found; there is no document.
-  enum class Keeps { kDocument, kNothing };
-
-  // source: what error texts call the text.
-  explicit SettingsTextReader(const std::string& source, Keeps keeps = Keeps::kDocument)
-      : _source(source), _keeps(keeps) {}
+  // source: what error texts call the text. isWanted: the groups that are kept; of others only errors are found. null:
+  // all are kept. Both outlive the reader.
+  explicit SettingsTextReader(const std::string& source, const IniFile::GroupFilter* isWanted = nullptr)
+      : _source(source), _isWanted(isWanted) {}
 
   // Lines that follow one another; the last one may lack its line feed.
   void ReadLines(const char* begin, const char* end);
@@ -40,10 +38,11 @@ class SettingsTextReader {
   [[noreturn]] void Fail(const char* expected, const char* begin, const char* end) const;
 
   const std::string& _source;
-  const Keeps _keeps;
+  const IniFile::GroupFilter* const _isWanted;
   size_t _lineNumber = 0;
   IniFile::GroupMap _groups;
-  IniFile::KeyMap* _open = nullptr;  // the keys of the group that is open, in _groups
+  bool _hasGroup = false;            // a group is open
+  IniFile::KeyMap* _open = nullptr;  // its keys, in _groups; null: it is not kept
 };
 
 // Throws what loading the text would throw, at a small part of its cost.

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <string_view>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
@@ -169,6 +170,23 @@ TEST(IniFile, AStreamThatWasToldToThrowDoesSo) {
     full.clear();
     EXPECT_THROW(ini.SaveGroupToStream(full, "a"), std::ios::failure) << size;
   }
+}
+
+// Groups that come again, and what is read past, included.
+TEST(IniFile, WantedGroupsOfAFileAreLoadedAlone) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("site.ini", "[a]\nx=1\n[b]\ny=1\n[a]\nz=2\n[c]\n[empty]\n");
+  IniFile ini = DocumentOf("[kept]\nk=1\n");
+  ini.LoadGroups(path.c_str(), [](std::string_view name) { return name == "a" || name == "empty"; });
+  EXPECT_EQ(ini.GetGroups(), DocumentOf("[a]\nx=1\nz=2\n[empty]\n[kept]\nk=1\n").GetGroups());
+}
+
+TEST(IniFile, GroupsThatAreNotWantedAreReadForTheirErrors) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("site.ini", "[a]\nx=1\n[b]\nbad\n");
+  IniFile ini;
+  EXPECT_THROW(ini.LoadGroups(path.c_str(), [](std::string_view name) { return name == "a"; }), Exception);
+  EXPECT_TRUE(ini.IsEmpty());
 }
 
 }  // namespace

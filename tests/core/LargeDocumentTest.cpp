@@ -4,6 +4,7 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "tavix/core/IniFile.h"
@@ -92,6 +93,17 @@ TEST(LargeDocument, IsLoadedFromItsFileAsFromMemory) {
   const TemporaryDirectory directory;
   const std::string path = directory.Write("large.ini", LargeText());
   EXPECT_TRUE(IniFile(path.c_str()).GetGroups() == FromStream(LargeText()).GetGroups());
+}
+
+TEST(LargeDocument, WantedGroupsAreLoadedFromBothHalves) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.Write("large.ini", LargeText());
+  IniFile document;
+  document.LoadGroups(path.c_str(),
+                      [](std::string_view name) { return name == GroupName(1) || name == GroupName(kGroups - 1); });
+  ASSERT_EQ(document.GetGroups().size(), 2u);
+  EXPECT_EQ(document.GetValue(GroupName(1), "key"), "1");
+  EXPECT_EQ(document.GetValue(GroupName(kGroups - 1), "key"), std::to_string(kGroups - 1));
 }
 
 TEST(LargeDocument, AnErrorInItsFileNamesFileAndLine) {

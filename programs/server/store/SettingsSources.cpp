@@ -52,11 +52,17 @@ std::vector<std::string> RestrictedGroupsOf(const IniFile& document) {
 }
 
 // Waiting for a pipe's writer would hold up the start, or a restore, for ever; a device would become a file by a save.
-IniFile LoadFile(const std::string& path) {
+IniFile LoadFile(const std::string& path, const IniFile::GroupFilter& isWanted) {
   struct stat status {};
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     throw osa::Exception("Failed to open settings file '%s': not a regular file", path.c_str());
-  return IniFile(path.c_str());
+  IniFile document;
+  if (isWanted) {
+    document.LoadGroups(path.c_str(), isWanted);
+  } else {
+    document.Load(path.c_str());
+  }
+  return document;
 }
 
 // The names of "before" that "after" lacks.
@@ -113,6 +119,7 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
   const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
+  if (combiner.GetWanted()) return;  // this was a part of them
   _counters.defaultGroups.Set(size.groups);
   _counters.defaultKeys.Set(size.keys);
   _areDefaultsLoaded = true;
@@ -165,7 +172,7 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
 
 void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
                                     IniFile& merged) {
-  IniFile document = LoadFile(path);
+  IniFile document = LoadFile(path, combiner.GetWanted());
   if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document, _maxNameBytes);
   for (const std::string& message : TakeUnlistableGroups(document, path)) WarnOnce(message);
   Report report{NameOf(layer), path, 0, {}, {}, {}, ""};

@@ -1,13 +1,11 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
-
-namespace tavix::core {
-class IniFile;
-}
 
 namespace tavix::settings::server {
 
@@ -24,6 +22,11 @@ class TAVIX_EXPORT SettingsCombiner {
 
   void AddFilter(IIncludeFilter* filter) { _filters.push_back(filter); }
 
+  // The groups that the caller is interested in. Who loads sources may leave others out, and none of them is missed:
+  // no filter needs them. Empty, as at first: all are wanted.
+  void SetWanted(core::IniFile::GroupFilter isWanted) { _isWanted = std::move(isWanted); }
+  const core::IniFile::GroupFilter& GetWanted() const { return _isWanted; }
+
   void LoadFromFile(const std::string& path);
   void LoadFromString(const std::string& text);
 
@@ -37,6 +40,7 @@ class TAVIX_EXPORT SettingsCombiner {
 
  private:
   std::vector<IIncludeFilter*> _filters;
+  core::IniFile::GroupFilter _isWanted;
   core::IniFile& _target;
 };
 

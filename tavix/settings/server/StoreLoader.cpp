@@ -1,10 +1,14 @@
 #include "tavix/settings/server/StoreLoader.h"
 
+#include <algorithm>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "tavix/core/StringUtil.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
@@ -25,6 +29,20 @@ void RemoveGroupsOf(const IniFile::KeyMap& record, IniFile& all) {
   std::set<std::string> groups;
   deleted.GetMatchingGroups(all, groups);
   for (const std::string& group : groups) all.RemoveGroup(group);
+}
+
+// What filters need counts as wanted. Empty where to try the patterns on all groups may take longer than to load them.
+IniFile::GroupFilter MakeFilter(const GroupNameMatcher& matcher) {
+  constexpr size_t kMaxPatterns = 8;
+  const std::set<std::string>& patterns = matcher.GetPatterns();
+  if (patterns.size() > kMaxPatterns) return nullptr;
+  std::unordered_set<std::string_view> names(matcher.GetNames().begin(), matcher.GetNames().end());
+  names.insert(LoadPriorityIncludeFilter::kGroup);
+  return [names = std::move(names), &patterns](std::string_view name) {
+    return names.count(name) != 0 || std::any_of(patterns.begin(), patterns.end(), [&](const auto& pattern) {
+             return core::StringUtil::MatchesPattern(pattern, name);
+           });
+  };
 }
 
 }  // namespace
@@ -78,6 +96,7 @@ IniFile StoreLoader::LoadDefaults(const GroupNameMatcher& matcher) const {
   IniFile defaults;
   SettingsCombiner combiner(defaults);
   ConfigureSettingsCombiner(combiner);
+  if (!_includeFilter) combiner.SetWanted(MakeFilter(matcher));  // nobody knows what a host's filter looks at
   _persister->LoadDefaultSettings(combiner);
   std::vector<IniFile::const_iterator> matched;
   matcher.GetMatchingGroups(defaults, matched);

@@ -7,6 +7,8 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/IIncludeFilter.h"
+#include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
@@ -18,10 +20,13 @@ namespace {
 using tavix::core::IniFile;
 using tavix::osa::Exception;
 using tavix::settings::common::GroupNameMatcher;
+using tavix::settings::server::IIncludeFilter;
+using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::SettingsManager;
 using tavix::test::AllSettingsOf;
 using tavix::test::Change;
 using tavix::test::DocumentOf;
+using tavix::test::MemoryPersister;
 using tavix::test::RecordingCallback;
 using tavix::test::ServedStore;
 using tavix::test::UserSettingsOf;
@@ -54,6 +59,54 @@ TEST(SettingsManager, RestoreReadsTheDefaultsAnew) {
   served.persister.SetDefaults({"[A]\nx=2\n"});
   Restore(served.store, {"A"});
   EXPECT_EQ(AllSettingsOf(served.store), "[A]\nx=2\n");
+}
+
+// What the store asks a persister for that can leave groups out.
+class WantedPersister : public MemoryPersister {
+ public:
+  using MemoryPersister::MemoryPersister;
+
+  void LoadDefaultSettings(SettingsCombiner& combiner) override {
+    const IniFile::GroupFilter& wanted = combiner.GetWanted();
+    hasWanted = static_cast<bool>(wanted);
+    areMatching.clear();
+    for (const char* name : {"A", "B", "Net/1", "TavixSettings/LoadPriority"}) {
+      if (hasWanted && wanted(name)) areMatching.insert(name);
+    }
+    MemoryPersister::LoadDefaultSettings(combiner);
+  }
+
+  bool hasWanted = false;
+  std::set<std::string> areMatching;
+};
+
+TEST(SettingsManager, RestoreWantsItsGroupsAndThePrioritiesAlone) {
+  WantedPersister persister({"[A]\nx=1\n[Net/1]\ny=1\n"});
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  EXPECT_FALSE(persister.hasWanted);
+  Restore(store, {"A", "Net/*"});
+  EXPECT_THAT(persister.areMatching, ElementsAre("A", "Net/1", "TavixSettings/LoadPriority"));
+}
+
+TEST(SettingsManager, RestoreOfManyPatternsWantsAllGroups) {
+  WantedPersister persister({"[A]\nx=1\n"});
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  std::set<std::string> patterns;
+  for (int i = 0; i < 100; ++i) patterns.insert("*" + std::to_string(i) + "*");
+  Restore(store, patterns);
+  EXPECT_FALSE(persister.hasWanted);
+}
+
+// Nobody knows what a host's filter looks at.
+TEST(SettingsManager, RestoreWithAFilterOfTheHostWantsAllGroups) {
+  class NoFilter : public IIncludeFilter {
+    void FilterIni(IniFile&) override {}
+  };
+  NoFilter filter;
+  WantedPersister persister({"[A]\nx=1\n"});
+  SettingsManager store(&persister, nullptr, &filter, false);
+  Restore(store, {"A"});
+  EXPECT_FALSE(persister.hasWanted);
 }
 
 TEST(SettingsManager, RestoreAfterAnOverwriteLeavesTheRecord) {
