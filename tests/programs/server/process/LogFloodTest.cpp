@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <list>
+#include <sstream>
+#include <string>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
@@ -17,6 +19,27 @@ std::string BadLines(const std::string& word) {
   std::string lines;
   for (int i = 0; i < kLines; ++i) lines += word + std::to_string(i) + "\n";
   return lines;
+}
+
+// What follows "beginning" in the line, as a number; 0 where it does not stand there.
+size_t NumberBehind(const std::string& beginning, const std::string& line) {
+  const size_t at = line.find(beginning);
+  return at == std::string::npos ? 0 : std::stoul(line.substr(at + beginning.size()));
+}
+
+// How many bad lines the log holds or reports as left out. Reports that are the same twice in a row are folded.
+size_t CountBadLines(const std::string& log) {
+  std::istringstream lines(log);
+  size_t count = 0;
+  size_t last = 0;
+  for (std::string line; std::getline(lines, line);) {
+    const size_t repeats = NumberBehind("last message repeated ", line);
+    const size_t leftOut = NumberBehind("LogLimiter: 127.0.0.1: lines left out: ", line);
+    const bool isBad = line.find("WARNING MsgDispatcher: Invalid command: bad") != std::string::npos;
+    if (repeats == 0) last = leftOut > 0 ? leftOut : isBad ? 1 : 0;
+    count += repeats > 0 ? repeats * last : last;
+  }
+  return count;
 }
 
 }  // namespace
@@ -51,12 +74,7 @@ TEST(LogFlood, LeavesOutNoLineUncounted) {
   Daemon daemon(directory);
   CarryOut(daemon.GetPort(), BadLines("bad"));
   EXPECT_EQ(daemon.Stop(), 0);
-  const std::string errors = daemon.GetErrors();
-  size_t count = CountOf("Invalid command: bad", errors) - CountOf("like: MsgDispatcher: Invalid command: bad", errors);
-  const std::string beginning = "LogLimiter: 127.0.0.1: lines left out: ";
-  for (size_t at = 0; (at = errors.find(beginning, at)) != std::string::npos; at += beginning.size())
-    count += std::stoul(errors.substr(at + beginning.size()));
-  EXPECT_EQ(count, static_cast<size_t>(kLines));
+  EXPECT_EQ(CountBadLines(daemon.GetErrors()), static_cast<size_t>(kLines));
 }
 
 }  // namespace tavix::test
