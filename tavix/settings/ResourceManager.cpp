@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
@@ -16,15 +17,19 @@ class ResourceManager::ResourceManagerImpl {
  public:
   explicit ResourceManagerImpl(TavixSettingsClient* client) : _client(client) {}
 
+  // A failure leaves the figures as they were: without them a booking would have no condition.
   void Refresh() {
-    _cache.Clear();
-    for (const std::string& resource : _known) Read(resource);
+    IniFile figures;
+    for (const std::string& resource : _known) Read(resource, figures);
+    _cache = std::move(figures);
   }
 
   // Of the resource as it was read last; read now when it never was.
   const ResourceFigures& FiguresOf(const std::string& resource) {
     if (_known.count(resource) == 0) {
-      Read(resource);
+      IniFile figures;
+      Read(resource, figures);
+      _cache.MergeSettings(std::move(figures));
       _known.insert(resource);
     }
     return _figures;
@@ -47,8 +52,8 @@ class ResourceManager::ResourceManagerImpl {
   }
 
  private:
-  void Read(const std::string& resource) {
-    if (!_client->GetSettings(ResourceFigures::GroupOf(resource) + "*", _cache))
+  void Read(const std::string& resource, IniFile& figures) {
+    if (!_client->GetSettings(ResourceFigures::GroupOf(resource) + "*", figures))
       throw osa::Exception("The figures of resource '%s' could not be read", resource.c_str());
   }
 

@@ -105,8 +105,12 @@ void LineSocket::StartCall() {
 }
 
 bool LineSocket::ReceiveAvailable() {
+  constexpr int kMaxParts = 64;  // a peer may send faster than we read
   Received received = Received::kBytes;
-  while (received == Received::kBytes && _received.size() - _start <= _maxMessageBytes) received = TryReceive();
+  for (int parts = 0; parts < kMaxParts && received == Received::kBytes; ++parts) {
+    if (_received.size() - _start > _maxMessageBytes) break;
+    received = TryReceive();
+  }
   return received != Received::kEnd;
 }
 
@@ -168,6 +172,10 @@ bool LineSocket::ReceiveWithin(std::optional<Milliseconds> limit) {
 }
 
 LineSocket::Received LineSocket::TryReceive() {
+  if (_start > _received.size() / 2) {
+    _received.erase(0, _start);  // lines that were taken
+    _start = 0;
+  }
   char part[kPartBytes];
   const ssize_t count = recv(_descriptor, part, sizeof part, MSG_DONTWAIT);
   if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return Received::kEnd;

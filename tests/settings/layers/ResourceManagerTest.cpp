@@ -398,4 +398,16 @@ TEST(ResourceManager, AClientsFailurePassesThrough) {
   EXPECT_EQ(manager.GetTotal("R"), 100);
 }
 
+// Without its figures a booking would have no condition, and always hold.
+TEST(ResourceManager, ARefreshThatFailsLeavesTheFiguresThatBookingsAreWorkedOutFrom) {
+  AnsweringServer server(kShared);
+  ResourceManager manager(server.GetClient());
+  EXPECT_EQ(manager.GetAvailable("me", "R"), 20);
+  server.Disconnect();
+  EXPECT_THROW(manager.Refresh(), osa::Exception);
+  server.AwaitConnection();
+  EXPECT_FALSE(manager.ReserveForConsumer("me", {Amount(30)}));
+  EXPECT_EQ(manager.GetAvailable("me", "R"), 20);
+}
+
 }  // namespace tavix::settings
