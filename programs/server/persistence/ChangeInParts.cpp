@@ -23,6 +23,9 @@ std::string TextOfDocument(const IniFile& document) {
 void ChangeInParts::Add(ChangedGroups::Changes changes) {
   for (const ChangedGroups::Many& many : changes.many) _missing.insert(many->begin(), many->end());
   _missing.merge(changes.groups);
+  for (const auto& group : changes.added) {
+    if (_texts.count(group.first) != 0) _missing.insert(group.first);  // its text lacks what it got since
+  }
   _added.MergeSettings(std::move(changes.added));
 }
 

@@ -55,7 +55,7 @@ void JournalSyncer::WritePending() {
   if (!Write([this](ChangeInParts& change) { return MakeChange(change); })) return;
   Write([this](ChangeInParts& change) {
     SharedUserLayer::LateRecord record;
-    _readLayer([&](const IniFile& layer) { _layer.ClosePending(change, layer, false, record); });
+    _readLayer([&](const IniFile& layer) { _layer.ClosePending(change, std::nullopt, layer, false, record); });
     return record;
   });
 }
@@ -80,11 +80,15 @@ bool JournalSyncer::Write(const std::function<SharedUserLayer::LateRecord(Change
 SharedUserLayer::LateRecord JournalSyncer::MakeChange(ChangeInParts& change) const {
   SharedUserLayer::LateRecord record;
   Close close = Close::kMore;
+  SharedUserLayer::PendingEpoch epoch = 0;
   for (int round = 1; close == Close::kMore; ++round) {
-    change.Add(_layer.TakePending());
+    SharedUserLayer::Pending pending = _layer.TakePending();
+    if (pending.epoch != epoch) change.TakeBack();  // belongs to no record any more
+    epoch = pending.epoch;
+    change.Add(std::move(pending.changes));
     for (bool hasMore = true; hasMore;) _readLayer([&](const IniFile& layer) { hasMore = change.MakePart(layer); });
     const bool isLast = round == kMaxRounds;
-    _readLayer([&](const IniFile& layer) { close = _layer.ClosePending(change, layer, isLast, record); });
+    _readLayer([&](const IniFile& layer) { close = _layer.ClosePending(change, epoch, layer, isLast, record); });
   }
   return record;
 }

@@ -110,7 +110,10 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
-  if (!_state.AreChangesLate() && !_pending.IsEmpty()) _pending.Begin();  // it is owed to a snapshot
+  if (!_state.AreChangesLate() && !_pending.IsEmpty()) {
+    _pending.Begin();  // it is owed to a snapshot
+    ++_pendingEpoch;
+  }
   if (steps.output == Steps::Output::kHold) _gate.Hold();
   if (steps.output == Steps::Output::kRelease) {
     _gate.LetGo(steps.shown);
@@ -172,15 +175,17 @@ SharedUserLayer::JournalWork SharedUserLayer::AwaitJournalWork() {
   return JournalWork::kStop;
 }
 
-ChangedGroups::Changes SharedUserLayer::TakePending() {
+SharedUserLayer::Pending SharedUserLayer::TakePending() {
   const osa::PlainMutexLock lock(_mutex);
-  return _pending.TakeChanges();
+  return {_pending.TakeChanges(), _pendingEpoch};
 }
 
 // A snapshot may take the journal over, and fail to: so what must not be written now stays pending.
-SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, const core::IniFile& layer, bool isLast,
-                                                     LateRecord& record) {
+SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<PendingEpoch> epoch,
+                                                     const core::IniFile& layer, bool isLast, LateRecord& record) {
   const osa::PlainMutexLock lock(_mutex);
+  // The next journal, or a snapshot, has all of it, maybe newer: nobody noted what became of these groups since.
+  if (epoch && *epoch != _pendingEpoch) return Close::kDone;
   if (!_state.IsLateWriteDue()) {
     const ChangedGroups::Changes changes = change.TakeBack();
     if (_state.AreChangesLate()) _pending.Note(changes.groups, changes.added);
@@ -370,6 +375,7 @@ void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shar
   _journal = std::move(next);
   _failedJournal.reset();
   std::swap(_pending, _changed);
+  ++_pendingEpoch;
   _changed.End();
   const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
   Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
@@ -382,6 +388,7 @@ void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, con
     const osa::PlainMutexLock lock(_mutex);
     mayRemove = _state.GetNames().ReleaseNext();
     _changed.End();
+    if (_journal) _journal->FillAgain();
     Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
   }
   if (mayRemove) files.RemoveNewJournal();

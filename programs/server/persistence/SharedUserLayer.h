@@ -130,12 +130,22 @@ class SharedUserLayer {
   // Waits until there is something to do for the thread "JournalSync". A sync comes before a write.
   JournalWork AwaitJournalWork();
 
+  // What is pending at a time. Another journal, or a failure, makes another of it: what was taken before belongs to no
+  // record any more.
+  using PendingEpoch = uint64_t;
+
   // The pending groups since the last call, for a change that is made of them.
-  ChangedGroups::Changes TakePending();
+  struct Pending {
+    ChangedGroups::Changes changes;
+    PendingEpoch epoch = 0;
+  };
+  Pending TakePending();
 
   // Completes the change by the few groups that are pending besides, so that it leads to the layer as it is now. A
-  // change of little text is written at once. isLast: however many groups are pending. Under the store's read lock.
-  Close ClosePending(ChangeInParts& change, const core::IniFile& layer, bool isLast, LateRecord& record);
+  // change of little text is written at once. epoch: of all that was taken for the change; when it is over, the change
+  // is dropped. Empty: nothing was taken. isLast: however many groups are pending. Under the store's read lock.
+  Close ClosePending(ChangeInParts& change, std::optional<PendingEpoch> epoch, const core::IniFile& layer, bool isLast,
+                     LateRecord& record);
   void OnLateWritten(const LateRecord& record);
 
   // Groups could not be made a change of, or the record could not be written; then it has a journal.
@@ -222,6 +232,7 @@ class SharedUserLayer {
   ChangedGroups _changed
       TAVIX_GUARDED_BY(_mutex);  // what the snapshot that is made, and then the next journal, lacks so far
   ChangedGroups _pending TAVIX_GUARDED_BY(_mutex);  // what the current journal lacks while changes are written later
+  PendingEpoch _pendingEpoch TAVIX_GUARDED_BY(_mutex) = 0;
 };
 
 }  // namespace tavix::daemon

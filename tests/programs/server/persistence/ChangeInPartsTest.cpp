@@ -63,6 +63,15 @@ TEST(ChangeInParts, IsThatOfTheLastMomentThoughGroupsChangedBetweenTheParts) {
   ExpectSame(MakeAll(change, layer), daemon::DescribeChange(layer, {"A", "B", "C"}));
 }
 
+TEST(ChangeInParts, HasWhatAGroupGotWhoseTextWasMadeBefore) {
+  ChangeInParts change;
+  change.Add(Groups({"A"}));
+  EXPECT_FALSE(change.MakePart(DocumentOf("[A]\nx=1\n")));
+  const IniFile layer = DocumentOf("[A]\nx=1\ny=2\n");
+  change.Add(Groups({}, DocumentOf("[A]\ny=2\n")));
+  ExpectSame(MakeAll(change, layer), daemon::DescribeChange(layer, {"A"}));
+}
+
 TEST(ChangeInParts, TakesTheGroupsOfLargeChangesToo) {
   const IniFile layer = DocumentOf("[A]\nx=1\n[B]\nx=2\n");
   ChangedGroups::Changes changes = Groups({"A"});
