@@ -100,6 +100,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _spare(OpenSpare()) {
   _env.subscriptionBudget = &_subscriptionBudget;
   store.GetManager().SetMaxAlikePatterns(_limits.alikePatterns);
+  store.GetManager().SetCallsInPieces(true);  // connections read the values that they announce
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_places;
   shared.lane = &_lane;

@@ -185,7 +185,9 @@ bool CallbackDispatcher::CallPiece(osa::Mutex* gate, RoundUnderWay& round, bool 
   std::optional<MutexAutoLock> gateLock;
   if (gate) gateLock.emplace(*gate);
   MutexAutoLock lock(_state->mutex);
-  if (!mayRestart || !round.Get().IsOutdated()) return round.Get().CallPiece(_state->GetSubscriptions(), settings);
+  if (!mayRestart || !round.Get().IsOutdated()) {
+    return round.Get().CallPiece(_state->GetSubscriptions(), settings, _callsInPieces.load(std::memory_order_relaxed));
+  }
   round.Get().Restart();
   return true;
 }

@@ -21,9 +21,8 @@ namespace tavix::settings::common {
 //
 // Threads: every operation may be called from any thread; callbacks run one at a time. A callback that calls back into
 //          its dispatcher gets an exception.
-// Locks:   its mutex is held while callbacks run. Where many of them have to be called, others get the mutex about once
-//          a millisecond: then subscribers come and go, and other changes are announced, between two callbacks. Who
-//          has subscribed to the groups of a large change is found before, under a lock for the index of subscriptions
+// Locks:   its mutex is held while callbacks run, for the whole of a change unless SetCallsInPieces was called. Who has
+//          subscribed to the groups of a large change is found before, under a lock for the index of subscriptions
 //          alone, which is released every few microseconds.
 // Cost:    a change costs what it is long and whom it concerns, however many others have subscribed.
 // Owns:    no callback; each stays valid until it is removed.
@@ -52,6 +51,11 @@ class TAVIX_EXPORT CallbackDispatcher {
                 const std::function<void()>& afterPiece = {}) const TAVIX_EXCLUDES(gate);
   void OnChange(osa::Mutex& gate, const core::IniFile& settings, const std::function<void()>& afterPiece = {}) const
       TAVIX_EXCLUDES(gate);
+
+  // Where many callbacks have to be called, others get the mutex about once a millisecond: then subscribers come and
+  // go, and other changes are announced, between two callbacks. So a callback may be given an older change's document
+  // behind a newer one's: for callbacks that look what the values are now. Before there are subscribers.
+  void SetCallsInPieces(bool callsInPieces) { _callsInPieces.store(callsInPieces, std::memory_order_relaxed); }
 
   // Adds all names and patterns of all subscriptions to "out", which is not cleared. Others wait for a small part of
   // that only.
@@ -100,6 +104,7 @@ class TAVIX_EXPORT CallbackDispatcher {
 
   const std::unique_ptr<State> _state;  // the mutex, and what it guards
   std::atomic<size_t> _maxAlikePatterns{0};
+  std::atomic<bool> _callsInPieces{false};
 };
 
 }  // namespace tavix::settings::common

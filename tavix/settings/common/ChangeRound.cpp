@@ -112,7 +112,7 @@ void ChangeRound::MatchAdded(const Subscriptions& subscriptions) {
   }
 }
 
-bool ChangeRound::CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings) {
+bool ChangeRound::CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings, bool isPiece) {
   if (!std::exchange(_calls, true)) MatchAdded(subscriptions);
   const Subscriptions::Callbacks& callbacks = subscriptions.GetCallbacks();
   size_t cost = 0;
@@ -121,7 +121,7 @@ bool ChangeRound::CallPiece(const Subscriptions& subscriptions, const core::IniF
     if (subscriber.number >= _found.size()) continue;
     const GroupSubset& groups = _found[subscriber.number];
     if (groups.GetSize() == 0) continue;
-    if (cost >= kGroupsInCalls) return true;
+    if (isPiece && cost >= kGroupsInCalls) return true;
     cost += kCostOfCall + groups.GetSize();
     _lastCalled = callback;
     callback->OnChange(groups.GetSize() == _groups.size() ? _changedGroups : NamesOf(groups), settings);

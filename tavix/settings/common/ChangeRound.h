@@ -66,8 +66,8 @@ class ChangeRound {
 
   // Calls some more of those that were found, in ascending order of their addresses. The first call also finds the
   // subscribers that came since they were looked for. False once all were called. During the call nobody may come or
-  // go. What a callback throws ends the round.
-  bool CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings);
+  // go. What a callback throws ends the round. isPiece: false: all of them are called.
+  bool CallPiece(const Subscriptions& subscriptions, const core::IniFile& settings, bool isPiece);
 
   // How many patterns were compared with names of groups.
   size_t GetTried() const { return _search.GetTried(); }

@@ -279,6 +279,10 @@ const common::CallbackDispatcher& SettingsManager::GetDispatcher() const {
   return _notifier->GetDispatcher();
 }
 
+void SettingsManager::SetCallsInPieces(bool callsInPieces) {
+  _notifier->GetDispatcher().SetCallsInPieces(callsInPieces);
+}
+
 void SettingsManager::SetMaxAlikePatterns(size_t max) {
   _notifier->GetDispatcher().SetMaxAlikePatterns(max);
 }

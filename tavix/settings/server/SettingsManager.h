@@ -174,8 +174,9 @@ class TAVIX_EXPORT SettingsManager {
   // For questions about the subscriptions.
   const common::CallbackDispatcher& GetDispatcher() const;
 
-  // CallbackDispatcher::SetMaxAlikePatterns, before the store has subscribers.
+  // CallbackDispatcher::SetMaxAlikePatterns and SetCallsInPieces, before the store has subscribers.
   void SetMaxAlikePatterns(size_t max);
+  void SetCallsInPieces(bool callsInPieces);
 
   // Held during every notification. Whoever must take a lock that callbacks take, and then the dispatcher's, takes this
   // one before both; it comes before every other lock.

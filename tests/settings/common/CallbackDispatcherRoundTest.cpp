@@ -276,6 +276,8 @@ TEST(CallbackDispatcherRound, ServesChangesOfAllSizesWhileSubscribersComeAndGo) 
 // While the first of its subscribers is called, another thread begins something.
 class LongRound : public testing::Test {
  protected:
+  LongRound() { _dispatcher.SetCallsInPieces(true); }
+
   void AddSubscribers(size_t count, const std::string& group) {
     for (size_t i = 0; i < count; ++i) {
       _callbacks.emplace_back([this] { OnCall(); });
@@ -315,6 +317,18 @@ TEST_F(LongRound, LetsOthersSubscribeBetweenItsCalls) {
   EXPECT_EQ(_called, 10);
   EXPECT_EQ(_calledBehind, 9);
   EXPECT_THAT(late.GetChanges(), IsEmpty()) << "the change came before it";
+}
+
+// Else the last document that a callback is given could be an older one.
+TEST_F(LongRound, OfCallbacksThatTakeTheDocumentIsOnePiece) {
+  _dispatcher.SetCallsInPieces(false);
+  AddSubscribers(10, "*");
+  RecordingCallback late;
+  _other = [&] { _dispatcher.AddCallback(&late, Names{"*", "12345678"}); };
+  _isOtherDone = [&] { return _dispatcher.CountSubscriptionBytes() > 10; };
+  Announce(ManyNames());
+  EXPECT_EQ(_called, 10);
+  EXPECT_EQ(_calledBehind, 0);
 }
 
 TEST_F(LongRound, OfOneGroupLetsOthersSubscribeAsWell) {
