@@ -203,6 +203,7 @@ void EventLoop::TakeNew(osa::Descriptor descriptor) {
     if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
   }
   auto connection = std::make_unique<Connection>(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
+  connection->turn.lastServed = _round;  // whoever waits already comes first
   Connection* const key = connection.get();
   _connections.emplace(key, std::move(connection));
 }

@@ -178,7 +178,12 @@ void StoreAccount::RequireRoom(std::ptrdiff_t growth) const {
 }
 
 LateCount::~LateCount() {
+  Finish();
+}
+
+void LateCount::Finish() {
   for (size_t i = 0; i < _count; ++i) _account.Add(-Difference(StoreAccount::Count(*_documents[i]), 0));
+  _count = 0;
 }
 
 void LateCount::Subtract(const IniFile& document) {

@@ -82,6 +82,9 @@ class LateCount {
   void Subtract(const core::IniFile& document);
   void Subtract(const core::IniFile& one, const core::IniFile& other);
 
+  // Subtracts now. Later calls of Subtract count anew.
+  void Finish();
+
  private:
   StoreAccount& _account;
   std::array<const core::IniFile*, 6> _documents{};

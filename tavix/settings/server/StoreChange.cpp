@@ -47,6 +47,7 @@ bool StoreChange::Make() {
     if (!MakeUnderLock()) return false;
     isDone = true;
   }
+  _lateCount.Finish();  // until then the store seems fuller than it is, and others are refused
   if (_isUnchanged) ReportUnchanged();
   Notify();
   return true;
