@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <utility>
 
 #include "tavix/osa/Runnable.h"
 #include "tavix/osa/Thread.h"
@@ -11,13 +12,13 @@ namespace tavix::daemon {
 // the loop finds the other members made. To end, the owner has its loop return, and then waits for that here.
 //
 // Threads: one thread makes, joins and destroys it.
-class LoopThread : private osa::Runnable {
+class LoopThread {
  public:
   // name: outlives the thread.
   LoopThread(const char* name, std::function<void()> loop);
 
   // Joins the thread.
-  ~LoopThread() override;
+  ~LoopThread();
 
   LoopThread(const LoopThread&) = delete;
   LoopThread& operator=(const LoopThread&) = delete;
@@ -26,9 +27,16 @@ class LoopThread : private osa::Runnable {
   void Join() { _thread.Join(); }
 
  private:
-  void Run() override { _loop(); }
+  class Loop : public osa::Runnable {
+   public:
+    explicit Loop(std::function<void()> run) : _run(std::move(run)) {}
+    void Run() override { _run(); }
 
-  const std::function<void()> _loop;
+   private:
+    const std::function<void()> _run;
+  };
+
+  Loop _loop;
   osa::Thread _thread;
 };
 

@@ -25,6 +25,14 @@ void* operator new(size_t size) {
   return memory;
 }
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size);
+}
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
