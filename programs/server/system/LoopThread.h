@@ -32,6 +32,9 @@ class LoopThread {
     explicit Loop(std::function<void()> run) : _run(std::move(run)) {}
     void Run() override { _run(); }
 
+    // A call at the start: at the first one a sanitizer looks what the object is, for which it needs a descriptor.
+    osa::Runnable* AsRunnable() { return this; }
+
    private:
     const std::function<void()> _run;
   };
