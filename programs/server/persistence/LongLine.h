@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace tavix::daemon {
@@ -17,5 +18,8 @@ inline bool HasLongLine(std::string_view text) {
   }
   return false;
 }
+
+// The same of a file's text. True as well when the file can't be read.
+bool FileHasLongLine(const std::string& path);
 
 }  // namespace tavix::daemon

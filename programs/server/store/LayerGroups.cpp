@@ -17,10 +17,6 @@ namespace {
 constexpr size_t kMaxNamed = 5;
 constexpr size_t kMaxNameBytes = 80;
 
-bool IsUnlistable(const std::string& name) {
-  return name == "." || name.find('\n') != std::string::npos;
-}
-
 bool IsHeaderOf(const std::string& line, const std::string& name) {
   if (line.find('[') == std::string::npos) return false;
   IniFile document;
@@ -49,11 +45,15 @@ std::string Print(const std::string& name) {
 
 }  // namespace
 
+bool IsUnlistableGroup(std::string_view name) {
+  return name == "." || name.find('\n') != std::string_view::npos;
+}
+
 std::vector<std::string> TakeUnlistableGroups(IniFile& document, const std::string& path) {
   std::vector<std::string> messages;
   for (auto next = document.begin(); next != document.end();) {
     const auto group = next++;
-    if (!IsUnlistable(group->first)) continue;
+    if (!IsUnlistableGroup(group->first)) continue;
     messages.push_back(path + ":" + std::to_string(FindLine(path, group->first)) + ": group " + Print(group->first) +
                        " is left out: no list of names can hold its name");
     document.RemoveGroup(group);

@@ -1,14 +1,18 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tavix/core/IniFile.h"
 
 namespace tavix::daemon {
 
-// Takes out the groups that no list of names can hold, because their names are the list's end or have a line feed: no
-// client could ask for them, or be told that they are gone. Returns a message with path and line for each.
+// Whether no list of names can hold the name, because it is the list's end or has a line feed: no client could ask for
+// the group, or be told that it is gone.
+bool IsUnlistableGroup(std::string_view name);
+
+// Takes such groups out. Returns a message with path and line for each.
 //
 // path: of the file that the document was read from.
 std::vector<std::string> TakeUnlistableGroups(core::IniFile& document, const std::string& path);

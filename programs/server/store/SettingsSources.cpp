@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "programs/server/persistence/LongLine.h"
@@ -57,11 +58,7 @@ IniFile LoadFile(const std::string& path, const IniFile::GroupFilter& isWanted) 
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     throw osa::Exception("Failed to open settings file '%s': not a regular file", path.c_str());
   IniFile document;
-  if (isWanted) {
-    document.LoadGroups(path.c_str(), isWanted);
-  } else {
-    document.Load(path.c_str());
-  }
+  document.LoadGroups(path.c_str(), isWanted);
   return document;
 }
 
@@ -172,12 +169,21 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
 
 void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
                                     IniFile& merged) {
-  IniFile document = LoadFile(path, combiner.GetWanted());
-  if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document, _maxNameBytes);
-  for (const std::string& message : TakeUnlistableGroups(document, path)) WarnOnce(message);
+  const bool isRestrictedDropped = layer == Layer::kDefaults;
+  std::atomic<bool> isAnyUnlistable{false};
+  // Names are looked at while the file is read: to walk over a large document costs as much as to read a tenth of it.
+  IniFile document = LoadFile(path, [&, &wanted = combiner.GetWanted()](std::string_view name) {
+    if (IsUnlistableGroup(name)) isAnyUnlistable = true;
+    if (isRestrictedDropped && !_isCheck && GroupDiscriminator::IsRestrictedGroup(std::string(name))) return false;
+    return !wanted || wanted(name);
+  });
+  if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document);
+  if (isAnyUnlistable) {
+    for (const std::string& message : TakeUnlistableGroups(document, path)) WarnOnce(message);
+  }
   Report report{NameOf(layer), path, 0, {}, {}, {}, ""};
-  if (layer == Layer::kDefaults) {
-    if (_isCheck) report.dropped = RestrictedGroupsOf(document);
+  if (isRestrictedDropped && _isCheck) {
+    report.dropped = RestrictedGroupsOf(document);
     GroupDiscriminator::FilterOutRestrictedGroups(document);
   }
   const std::vector<std::string> before = _isCheck ? GroupsOf(document) : std::vector<std::string>();
@@ -187,6 +193,11 @@ void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const 
   if (layer == Layer::kRestricted) WarnOfUnrestricted(document, report);
   Remember(std::move(report));
   merged.MergeSettings(std::move(document));
+}
+
+// Most files need no look at their names, see HasLongLine.
+void SettingsSources::WarnOfLongNames(const std::string& path, const IniFile& document) const {
+  if (_maxNameBytes < kLongLine || FileHasLongLine(path)) daemon::WarnOfLongNames(path, document, _maxNameBytes);
 }
 
 void SettingsSources::WarnOfUnrestricted(const IniFile& document, Report& report) {
@@ -212,7 +223,8 @@ void SettingsSources::WarnOnce(const std::string& message) {
 
 void SettingsSources::OnUserSettingsFound(const FoundUserSettings& found) {
   _counters.userFileBytes.Set(found.snapshotBytes);
-  if (found.hasLongLine || _maxNameBytes < kLongLine) WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
+  if (found.hasLongLine || _maxNameBytes < kLongLine)
+    daemon::WarnOfLongNames(_userSettings, found.settings, _maxNameBytes);
   RememberUserSettings(found, found.isAbsent && found.settings.IsEmpty() ? "absent" : "");
 }
 

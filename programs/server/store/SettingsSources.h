@@ -73,6 +73,7 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
                      core::IniFile& merged);
   void RememberUserSettings(const FoundUserSettings& found, const char* notLoaded);
+  void WarnOfLongNames(const std::string& path, const core::IniFile& document) const;
   void WarnOfUnrestricted(const core::IniFile& document, Report& report);
   void WarnOnce(const std::string& message) TAVIX_EXCLUDES(_mutex);
   void Remember(Report report) TAVIX_EXCLUDES(_mutex);
