@@ -157,6 +157,16 @@ void CallbackDispatcher::OnChange(osa::Mutex& gate, const IniFile& settings,
   Notify(&gate, settings, afterPiece);
 }
 
+void CallbackDispatcher::OnChangeOfOne(osa::Mutex& gate, const std::set<std::string>& changedGroup,
+                                       const IniFile& settings) const {
+  const MutexAutoLock gateLock(gate);
+  const MutexAutoLock lock(_state->mutex);
+  const Subscriptions& subscriptions = _state->GetSubscriptions();
+  for (const auto& [callback, subscriber] : subscriptions.GetCallbacks()) {
+    if (subscriptions.HasMatching(subscriber, *changedGroup.begin())) callback->OnChange(changedGroup, settings);
+  }
+}
+
 void CallbackDispatcher::Notify(osa::Mutex* gate, const IniFile& settings,
                                 const std::function<void()>& afterPiece) const {
   if (_state->GetSizes().IsEmpty()) return;
@@ -209,7 +219,7 @@ bool CallbackDispatcher::NotifyAtOnce(osa::Mutex* gate, const std::set<std::stri
   SmallChange& change = _state->smallChange;
   const bool isDone = change.Match(_state->GetSubscriptions(), changedGroups);
   if (change.GetTried() > 0) _state->tried.fetch_add(change.GetTried(), std::memory_order_relaxed);
-  if (isDone) change.Tell(changedGroups, settings);
+  if (isDone) change.CallAll(changedGroups, settings);
   return isDone;
 }
 

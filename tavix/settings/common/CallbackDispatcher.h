@@ -52,6 +52,11 @@ class TAVIX_EXPORT CallbackDispatcher {
   void OnChange(osa::Mutex& gate, const core::IniFile& settings, const std::function<void()>& afterPiece = {}) const
       TAVIX_EXCLUDES(gate);
 
+  // The same for a change of one group, which "changedGroup" holds alone. Asks for no memory: slow, for when there is
+  // none.
+  void OnChangeOfOne(osa::Mutex& gate, const std::set<std::string>& changedGroup, const core::IniFile& settings) const
+      TAVIX_EXCLUDES(gate);
+
   // Where many callbacks have to be called, others get the mutex about once a millisecond: then subscribers come and
   // go, and other changes are announced, between two callbacks. So a callback may be given an older change's document
   // behind a newer one's: for callbacks that look what the values are now. Before there are subscribers.

@@ -57,7 +57,7 @@ void SmallChange::Unite() {
   _found.resize(std::min(_found.size(), kept + 1));
 }
 
-void SmallChange::Tell(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
+void SmallChange::CallAll(const std::set<std::string>& changedGroups, const core::IniFile& settings) const {
   const Groups all = static_cast<Groups>((uint64_t{1} << changedGroups.size()) - 1);
   Groups last = all;  // that "names" were made for; subscribers of the same groups often follow
   std::set<std::string> names;

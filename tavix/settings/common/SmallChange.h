@@ -13,7 +13,7 @@
 
 namespace tavix::settings::common {
 
-// A change of few groups, whose subscribers are found within microseconds and then told. One object serves many
+// A change of few groups, whose subscribers are found within microseconds and then called. One object serves many
 // changes, one after the other, and keeps its memory for the next.
 //
 // Threads: one at a time, and nobody subscribes meanwhile.
@@ -25,7 +25,7 @@ class SmallChange {
   bool Match(const Subscriptions& subscriptions, const std::set<std::string>& changedGroups);
 
   // Calls those that were found, in ascending order of their addresses. What one throws ends the round.
-  void Tell(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
+  void CallAll(const std::set<std::string>& changedGroups, const core::IniFile& settings) const;
 
   // How many patterns the last Match compared with names of groups.
   size_t GetTried() const { return _tried; }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <functional>
 
+#include "tavix/core/StringUtil.h"
+
 namespace tavix::settings::common {
 
 namespace {
@@ -40,6 +42,12 @@ void SubscriberList::Remove(const Subscriber* subscriber) {
   if (_many->size() > 1) return;
   _one = _many->empty() ? nullptr : _many->front();
   _many.reset();
+}
+
+bool Subscriptions::HasMatching(const Subscriber& subscriber, const std::string& name) const {
+  return std::any_of(subscriber.texts.begin(), subscriber.texts.end(), [&](PatternIndex::Id text) {
+    return core::StringUtil::MatchesPattern(_index.GetText(text), name);
+  });
 }
 
 Subscriber& Subscriptions::Get(IChangeCallback* callback) {

@@ -60,6 +60,9 @@ class Subscriptions {
   // A callback without a subscriber is ignored.
   void Remove(IChangeCallback* callback);
 
+  // Whether one of the subscriber's texts matches the name. Tries them one by one, and asks for no memory.
+  bool HasMatching(const Subscriber& subscriber, const std::string& name) const;
+
   // By address.
   const Callbacks& GetCallbacks() const { return _callbacks; }
 

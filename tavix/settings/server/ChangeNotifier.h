@@ -13,13 +13,32 @@ class IniFile;
 
 namespace tavix::settings::server {
 
+class NoticeRound;
+
+// The memory that a notification needs at least. It is asked for before the change is made, so that no change stays
+// without its notification.
+//
+// Threads: one at a time.
+class NotificationReserve {
+ public:
+  // settings: those of the change. Throws std::bad_alloc.
+  explicit NotificationReserve(const core::IniFile& settings);
+
+  // A set of that name alone, which is as long as one of the settings' groups at most. Valid until the next call.
+  const std::set<std::string>& GetSetOf(const std::string& name) noexcept;
+
+ private:
+  std::set<std::string> _set;
+};
+
 // Notifies a store's subscribers of its changes. Connections among them are sent their notices behind the calls, once
 // the locks are released.
 //
 // Threads: any. Callbacks run on the thread that calls Notify.
 // Locks:   the notification gate, then the dispatcher's mutex; both are held while callbacks run. The caller of Notify
 //          holds no lock.
-// Errors:  an exception of a callback ends the notification and passes through.
+// Errors:  an exception of a callback ends the notification and passes through. Memory that runs out does not: callbacks
+//          are then called, again maybe, for one group after the other.
 class ChangeNotifier {
  public:
   ChangeNotifier() = default;
@@ -35,11 +54,17 @@ class ChangeNotifier {
   // when it is to be announced.
   void RefuseInCallback() const;
 
-  // settings: what callbacks are given. Without names, each group of the settings has changed.
-  void Notify(const std::set<std::string>& changedGroups, const core::IniFile& settings) const TAVIX_EXCLUDES(_gate);
-  void Notify(const core::IniFile& settings) const TAVIX_EXCLUDES(_gate);
+  // The groups "removed" and those of the settings have changed. settings: what callbacks are given. removed: used up.
+  // round, reserve: made before the change.
+  void Notify(NoticeRound& round, NotificationReserve& reserve, std::set<std::string>& removed,
+              const core::IniFile& settings) const TAVIX_EXCLUDES(_gate);
 
  private:
+  void NotifyOfAll(NoticeRound& round, std::set<std::string>& removed, const core::IniFile& settings) const
+      TAVIX_EXCLUDES(_gate);
+  void NotifyOneByOne(NotificationReserve& reserve, std::set<std::string>& removed, const core::IniFile& settings) const
+      TAVIX_EXCLUDES(_gate);
+
   common::CallbackDispatcher _dispatcher;
   mutable osa::Mutex _gate{"notification gate"};
 };

@@ -8,6 +8,11 @@
 
 namespace tavix::settings::server {
 
+void ChangeRecorders::Note(const std::string& group) noexcept {
+  if (!AreActive()) return;
+  ForEach([&](ChangeRecorder& recorder) { recorder._names.push_back(group); });
+}
+
 void ChangeRecorders::Note(const std::set<std::string>& groups) noexcept {
   if (!AreActive()) return;
   ForEach(

@@ -27,6 +27,7 @@ class ChangeRecorders {
   bool AreActive() const noexcept { return _count.load(std::memory_order_acquire) != 0; }
 
   // Note groups that change. Never throw: a recorder that there is no memory for reports that itself.
+  void Note(const std::string& group) noexcept TAVIX_EXCLUDES(_mutex);
   void Note(const std::set<std::string>& groups) noexcept TAVIX_EXCLUDES(_mutex);
   void Note(const core::IniFile& groups) noexcept TAVIX_EXCLUDES(_mutex);
 

@@ -27,13 +27,23 @@ bool ChangeRequest::Prepare(const StoreDocuments& documents) {
   if (isTestLong || isLong) _recorder.emplace(documents.GetRecorders());
   if (isTestLong && !_test->HoldsInParts(documents)) return false;
   PrepareLocked(documents);
-  if (isLong) Plan(documents);
+  if (!isLong) return true;
+  if (!_test) RequireRoom(documents);
+  Plan(documents);
   return true;
 }
 
 void ChangeRequest::PrepareLocked(const StoreDocuments& documents) {
   _hasRecord = !_settings->IsEmpty() && _settings->HasGroup(documents.GetRecordGroup());
   _bytes = StoreAccount::Count(*_settings);
+}
+
+// Both documents will hold all settings: what they don't leave room for by themselves is refused before it is copied.
+void ChangeRequest::RequireRoom(const StoreDocuments& documents) const {
+  if (_hasRecord) return;  // readers don't see it
+  const StoreAccount& account = documents.GetAccount();
+  const size_t bytes = _isPersistent ? 2 * _bytes : _bytes;
+  account.RequireRoom(static_cast<std::ptrdiff_t>(bytes) - static_cast<std::ptrdiff_t>(account.GetBytes()));
 }
 
 void ChangeRequest::Plan(const StoreDocuments& documents) {
@@ -64,6 +74,8 @@ bool ChangeRequest::BringUpToDate(const StoreDocuments& documents) {
   if (_test && !_test->Holds(documents.GetAll(), _changedGroups)) return false;
   if (_matches) _removedNames = _matches->Take(documents.Get(_matches->GetWhich()), _changedGroups);
   if (!_plans) return true;
+  _plans->all.Withdraw(_changedGroups);
+  _plans->user.Withdraw(_changedGroups);
   for (const std::string& name : _changedGroups) {
     _plans->lateSettings.MergeSettings(*_settings, name);
     if (_removedNames.count(name) != 0) _plans->lateNames.insert(name);

@@ -33,7 +33,7 @@ struct ChangePlans {
 // nothing; that is StoreChange's work.
 //
 // Threads: one at a time.
-// Errors:  std::bad_alloc.
+// Errors:  std::bad_alloc, and RefusedChange for what is larger than the store may be.
 // Members: many; they are the request, then what each step leaves for the next one.
 class ChangeRequest {
  public:
@@ -88,6 +88,7 @@ class ChangeRequest {
 
   // Null: the change is short.
   ChangePlans* GetPlans() { return _plans ? &*_plans : nullptr; }
+  const ChangePlans* GetPlans() const { return _plans ? &*_plans : nullptr; }
 
   // The groups that others changed since the plans were made.
   const std::set<std::string>& GetChangedGroups() const { return _changedGroups; }
@@ -98,6 +99,7 @@ class ChangeRequest {
   bool IsPersistent() const { return _isPersistent; }
 
  private:
+  void RequireRoom(const StoreDocuments& documents) const;
   void Plan(const StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
   void TakeChangedGroups();
 

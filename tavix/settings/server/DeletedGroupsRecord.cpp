@@ -1,9 +1,6 @@
 #include "tavix/settings/server/DeletedGroupsRecord.h"
 
-#include <algorithm>
 #include <utility>
-
-#include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
 
@@ -15,6 +12,31 @@ bool IsPattern(const std::string& member) {
   return member.find('*') != std::string::npos;
 }
 
+// A record and settings that will be merged into it, looked up as if they were.
+class MergedMembers {
+ public:
+  MergedMembers(const IniFile::KeyMap& record, const IniFile::KeyMap& settings)
+      : _record(record), _settings(settings) {}
+
+  // Null: there is no such key.
+  const std::string* Find(const std::string& key) const {
+    for (const IniFile::KeyMap* keys : {&_settings, &_record}) {
+      const auto found = keys->find(key);
+      if (found != keys->end()) return &found->second;
+    }
+    return nullptr;
+  }
+
+  bool HoldsUnderItsText(const std::string& member) const {
+    const std::string* value = Find(member);
+    return value && *value == member;
+  }
+
+ private:
+  const IniFile::KeyMap& _record;
+  const IniFile::KeyMap& _settings;
+};
+
 }  // namespace
 
 const DeletedGroupsRecord::Members& DeletedGroupsRecord::MembersOf(const IniFile& settings) const {
@@ -23,80 +45,65 @@ const DeletedGroupsRecord::Members& DeletedGroupsRecord::MembersOf(const IniFile
   return record == settings.GetGroups().end() ? none : record->second;
 }
 
+void DeletedGroupsRecord::Count(Change& change, const std::string& key, const std::string& value, int more) {
+  if (IsPattern(value)) change.patterns += more;
+  if (key != value) change.elsewhere[value] += more;
+}
+
 void DeletedGroupsRecord::Read(const IniFile& userSettings) {
-  _patterns = 0;
-  _elsewhere.clear();
-  for (const auto& [key, value] : MembersOf(userSettings)) Note(key, value);
+  Change change;
+  change.isCleared = true;
+  for (const auto& [key, value] : MembersOf(userSettings)) Count(change, key, value, 1);
+  CarryOut(change);
 }
 
-void DeletedGroupsRecord::OnMerge(const IniFile& userSettings, const IniFile& settings) {
-  const Members& change = MembersOf(settings);
-  if (change.empty()) return;
-  const Members& members = MembersOf(userSettings);
-  for (const auto& [key, value] : change) {
-    const auto before = members.find(key);
-    if (before != members.end()) Forget(key, before->second);
-    Note(key, value);
+DeletedGroupsRecord::Change DeletedGroupsRecord::Plan(const IniFile& userSettings, bool isRemoved,
+                                                      const IniFile& settings,
+                                                      const std::set<std::string>& members) const {
+  static const Members none;
+  const Members& record = isRemoved ? none : MembersOf(userSettings);
+  const Members& merged = MembersOf(settings);
+  Change change;
+  change.isCleared = isRemoved;
+  for (const auto& [key, value] : merged) {
+    const auto before = record.find(key);
+    if (before != record.end()) Count(change, key, before->second, -1);
+    Count(change, key, value, 1);
   }
-}
-
-IniFile DeletedGroupsRecord::Add(IniFile& userSettings, const std::set<std::string>& members) {
-  IniFile added;
-  if (members.empty()) return added;
-  Members& record = userSettings[_group];
+  const MergedMembers known(record, merged);
   for (const std::string& member : members) {
-    if (IsMember(record, member)) continue;
+    if (known.HoldsUnderItsText(member) || IsElsewhere(change, member)) continue;
+    Members& added = change.added[_group];
     std::string key = member;
-    while (record.count(key) != 0) key += '~';
-    added[_group].emplace(key, member);
-    Note(key, member);
-    record.emplace(std::move(key), member);
+    while (known.Find(key) || added.count(key) != 0) key += '~';
+    Count(change, key, member, 1);
+    added.emplace(std::move(key), member);
   }
-  return added;
+  return change;
 }
 
-size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const std::set<std::string>& members) const {
-  const Members& record = MembersOf(userSettings);
-  const auto isNew = [&](const std::string& member) { return IsPattern(member) && !IsMember(record, member); };
-  return static_cast<size_t>(std::count_if(members.begin(), members.end(), isNew));
+bool DeletedGroupsRecord::IsElsewhere(const Change& change, const std::string& member) const {
+  const auto before = change.isCleared ? _elsewhere.end() : _elsewhere.find(member);
+  const auto more = change.elsewhere.find(member);
+  return (before == _elsewhere.end() ? 0 : before->second) + (more == change.elsewhere.end() ? 0 : more->second) > 0;
 }
 
-size_t DeletedGroupsRecord::CountNewPatterns(const IniFile& userSettings, const IniFile& settings) const {
-  const Members& change = MembersOf(settings);
-  if (change.empty()) return 0;
-  const Members& record = MembersOf(userSettings);
-  const auto isNew = [&](const auto& entry) {
-    const auto before = record.find(entry.first);
-    return IsPattern(entry.second) && (before == record.end() || !IsPattern(before->second));
-  };
-  return static_cast<size_t>(std::count_if(change.begin(), change.end(), isNew));
-}
-
-size_t DeletedGroupsRecord::CountNewBytes(const IniFile& userSettings, const std::set<std::string>& members) const {
-  if (members.empty()) return 0;
-  const Members& record = MembersOf(userSettings);
-  size_t bytes = userSettings.HasGroup(_group) ? 0 : StoreAccount::CountGroup(_group, {});
-  for (const std::string& member : members) {
-    if (!IsMember(record, member)) bytes += StoreAccount::CountSetting(member, member);
+void DeletedGroupsRecord::CarryOut(Change& change) noexcept {
+  if (change.isCleared) {
+    _patterns = 0;
+    _elsewhere.clear();
   }
-  return bytes;
-}
-
-bool DeletedGroupsRecord::IsMember(const Members& members, const std::string& value) const {
-  const auto own = members.find(value);
-  return (own != members.end() && own->second == value) || _elsewhere.count(value) != 0;
-}
-
-void DeletedGroupsRecord::Note(const std::string& key, const std::string& value) {
-  if (IsPattern(value)) ++_patterns;
-  if (key != value) ++_elsewhere[value];
-}
-
-void DeletedGroupsRecord::Forget(const std::string& key, const std::string& value) {
-  if (IsPattern(value)) --_patterns;
-  if (key == value) return;
-  const auto found = _elsewhere.find(value);
-  if (found != _elsewhere.end() && --found->second == 0) _elsewhere.erase(found);
+  _patterns += change.patterns;
+  for (auto next = change.elsewhere.begin(); next != change.elsewhere.end();) {
+    const auto more = next++;
+    const auto own = _elsewhere.find(more->first);
+    if (own != _elsewhere.end()) {
+      own->second += more->second;
+      if (own->second == 0) _elsewhere.erase(own);
+    } else if (more->second != 0) {
+      _elsewhere.insert(change.elsewhere.extract(more));
+    }
+  }
 }
 
 }  // namespace tavix::settings::server

@@ -17,39 +17,46 @@ namespace tavix::settings::server {
 // Threads: as a container.
 class DeletedGroupsRecord {
  public:
+  // By how much the counts of texts change.
+  using Counts = std::map<std::string, std::ptrdiff_t>;
+
+  // What a change of the user settings does to the record.
+  struct Change {
+    core::IniFile added;          // the members that are new, as they will stand in the record
+    std::ptrdiff_t patterns = 0;  // how many more patterns there will be
+    Counts elsewhere;             // how many more members under other keys than their own text
+    bool isCleared = false;       // what was there is gone before
+  };
+
   // group: the name of the record.
   explicit DeletedGroupsRecord(std::string group) : _group(std::move(group)) {}
 
   const std::string& GetGroup() const { return _group; }
 
-  // Forgets everything and walks through the record of "userSettings".
+  // Forgets everything and walks through the record of "userSettings". Throws std::bad_alloc, and has forgotten nothing.
   void Read(const core::IniFile& userSettings);
 
-  // "settings" are merged into "userSettings" next.
-  void OnMerge(const core::IniFile& userSettings, const core::IniFile& settings);
+  // What becomes of the record when the user settings lose it (isRemoved), "settings" are merged into them, and those
+  // of "members" are added that it does not hold then. Costs what the latter two are long. Throws std::bad_alloc.
+  Change Plan(const core::IniFile& userSettings, bool isRemoved, const core::IniFile& settings,
+              const std::set<std::string>& members) const;
 
-  // Records the members that are new, and returns them as they stand in the record. Costs what "members" are long.
-  core::IniFile Add(core::IniFile& userSettings, const std::set<std::string>& members);
+  // The user settings are changed so, too.
+  void CarryOut(Change& change) noexcept;
 
-  // How many patterns are recorded, and how many more there would be at most after Add, or after a merge.
-  size_t CountPatterns() const { return _patterns; }
-  size_t CountNewPatterns(const core::IniFile& userSettings, const std::set<std::string>& members) const;
-  size_t CountNewPatterns(const core::IniFile& userSettings, const core::IniFile& settings) const;
-
-  // How many bytes Add would make of the record, as the store's account counts them.
-  size_t CountNewBytes(const core::IniFile& userSettings, const std::set<std::string>& members) const;
+  // How many patterns are recorded.
+  size_t CountPatterns() const { return static_cast<size_t>(_patterns); }
 
  private:
   using Members = core::IniFile::KeyMap;
 
   const Members& MembersOf(const core::IniFile& settings) const;
-  bool IsMember(const Members& members, const std::string& value) const;
-  void Note(const std::string& key, const std::string& value);
-  void Forget(const std::string& key, const std::string& value);
+  bool IsElsewhere(const Change& change, const std::string& member) const;
+  static void Count(Change& change, const std::string& key, const std::string& value, int more);
 
   const std::string _group;
-  size_t _patterns = 0;
-  std::map<std::string, size_t> _elsewhere;  // members that stand under other keys than their own text, and how often
+  std::ptrdiff_t _patterns = 0;
+  Counts _elsewhere;  // members that stand under other keys than their own text, and how often
 };
 
 }  // namespace tavix::settings::server

@@ -49,7 +49,8 @@ bool IsLarge(const IniFile& document) {
   return false;
 }
 
-void MoveGroups(IniFile& document, DocumentTally& tally, const std::set<std::string>& names, IniFile& removed) {
+void MoveGroups(IniFile& document, DocumentTally& tally, const std::set<std::string>& names,
+                IniFile& removed) noexcept {
   IniFile::GroupMap& groups = document.GetMutableGroups();
   IniFile::GroupMap& target = removed.GetMutableGroups();
   AscendingSearch search(groups);
@@ -70,7 +71,7 @@ bool HoldsKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
   });
 }
 
-void MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) {
+void MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) noexcept {
   for (auto next = source.begin(); next != source.end();) {
     const auto setting = next++;
     const auto key = target.find(setting->first);
@@ -88,24 +89,23 @@ bool HoldsValues(const IniFile& document, IniFile::const_iterator group) {
   return own != document.end() && HoldsKeys(own->second, group->second);
 }
 
-std::set<std::string> FindGroupsToChange(const IniFile& document, const IniFile& change) {
-  std::set<std::string> differing;
-  for (const auto& [name, keys] : change) {
-    const auto own = document.GetGroups().find(name);
-    if (own == document.end() || !HoldsKeys(own->second, keys)) differing.insert(differing.end(), name);
+std::set<std::string> FindDifference(const IniFile& document, const std::set<std::string>& removed,
+                                     const IniFile& settings) {
+  std::set<std::string> different;
+  const IniFile::GroupMap& groups = document.GetGroups();
+  for (const std::string& name : removed) {
+    const auto before = groups.find(name);
+    const auto after = settings.GetGroups().find(name);
+    const bool isThere = before != groups.end();
+    const bool isSet = after != settings.end();
+    if (isThere && isSet ? before->second != after->second : isThere != isSet) different.insert(different.end(), name);
   }
-  return differing;
-}
-
-void CompareGroups(const IniFile& before, const IniFile& after, std::set<std::string>& different) {
-  for (const auto& [name, keys] : before) {
-    const auto group = after.GetGroups().find(name);
-    if (group == after.end() || group->second != keys) {
-      different.insert(name);
-    } else {
-      different.erase(name);
-    }
+  for (const auto& [name, keys] : settings) {
+    if (removed.count(name) != 0) continue;
+    const auto own = groups.find(name);
+    if (own == groups.end() || !HoldsKeys(own->second, keys)) different.insert(name);
   }
+  return different;
 }
 
 }  // namespace tavix::settings::server

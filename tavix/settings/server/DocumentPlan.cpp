@@ -98,8 +98,14 @@ void DocumentPlan::FindSurvivors(const StoreDocuments& documents, const std::set
   }
 }
 
-void DocumentPlan::CarryOut(IniFile& document, DocumentTally& tally, const std::set<std::string>& changedGroups) {
+// Groups that others changed stay as they are, so that they survive, too.
+void DocumentPlan::Withdraw(const std::set<std::string>& changedGroups) {
   for (const std::string& name : changedGroups) Withdraw(name);
+  if (_leavesFew) _survivors.insert(changedGroups.begin(), changedGroups.end());
+}
+
+void DocumentPlan::CarryOut(IniFile& document, DocumentTally& tally,
+                            const std::set<std::string>& changedGroups) noexcept {
   if (_leavesFew) return ExchangeAll(document, tally, changedGroups);
   Set(document.GetMutableGroups(), tally, changedGroups);
   Remove(document.GetMutableGroups(), tally);
@@ -162,11 +168,10 @@ void DocumentPlan::Remove(IniFile::GroupMap& groups, DocumentTally& tally) {
   }
 }
 
-// Groups that others changed stay as they are, too; of the values, theirs are left out.
+// Of the values, those of groups that others changed are left out.
 void DocumentPlan::ExchangeAll(IniFile& document, DocumentTally& tally, const std::set<std::string>& changedGroups) {
   IniFile::GroupMap unused;
   for (const std::string& name : changedGroups) {
-    _survivors.insert(name);
     auto values = _values.GetMutableGroups().extract(name);
     if (!values) continue;
     _tally.OnGroupRemoved(name, values.mapped().size());

@@ -35,9 +35,12 @@ class DocumentPlan {
   // Adds the other removed groups to those that differ, without any of them counting as a difference.
   void AddAllRemoved(const std::set<std::string>& removed);
 
-  // document: the one that was chosen, while the write lock is held. changedGroups: since before Make; they are left as
-  // they are. Once only.
-  void CarryOut(core::IniFile& document, DocumentTally& tally, const std::set<std::string>& changedGroups);
+  // Takes groups that others changed since before Make out of the plan. Once, while the write lock is held.
+  void Withdraw(const std::set<std::string>& changedGroups);
+
+  // document: the one that was chosen, while the write lock is still held. changedGroups: those that were withdrawn;
+  // they are left as they are. Once only. Can't fail: all memory was asked for before.
+  void CarryOut(core::IniFile& document, DocumentTally& tally, const std::set<std::string>& changedGroups) noexcept;
 
   // How many bytes the document gets, as the store's account counts them, before what it loses is taken off: both of
   // the following, as they are in the end.

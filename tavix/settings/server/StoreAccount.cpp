@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include "tavix/core/AssignText.h"
 #include "tavix/core/SideBySide.h"
 #include "tavix/settings/server/RefusedChange.h"
 
@@ -31,21 +30,6 @@ size_t CountText(const std::string& text) {
 
 std::ptrdiff_t Difference(size_t more, size_t less) {
   return static_cast<std::ptrdiff_t>(more) - static_cast<std::ptrdiff_t>(less);
-}
-
-// Sets the values, and returns by how much they made the group larger.
-std::ptrdiff_t MergeKeys(IniFile::KeyMap& keys, const IniFile::KeyMap& change) {
-  std::ptrdiff_t growth = 0;
-  for (const auto& [key, value] : change) {
-    const auto [place, isNew] = keys.try_emplace(key, value);
-    if (isNew) {
-      growth += Difference(StoreAccount::CountSetting(key, value), 0);
-    } else {
-      growth += Difference(CountText(value), CountText(place->second));
-      core::AssignText(place->second, value);
-    }
-  }
-  return growth;
 }
 
 struct Content {
@@ -139,22 +123,7 @@ void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSett
   Set(all[0].bytes + all[1].bytes + user[0].bytes + user[1].bytes);
 }
 
-void StoreAccount::Merge(IniFile& document, DocumentTally& tally, const IniFile& settings) {
-  IniFile::GroupMap& groups = document.GetMutableGroups();
-  for (const auto& [name, change] : settings) {
-    const auto [group, isNew] = groups.try_emplace(name, change);
-    if (isNew) {
-      Add(Difference(CountGroup(name, change), 0));
-      tally.OnGroupAdded(name, change.size());
-    } else {
-      const size_t keysBefore = group->second.size();
-      Add(MergeKeys(group->second, change));
-      tally.OnKeysAdded(group->second.size() - keysBefore);
-    }
-  }
-}
-
-void StoreAccount::RemoveGroup(IniFile& document, DocumentTally& tally, const std::string& name) {
+void StoreAccount::RemoveGroup(IniFile& document, DocumentTally& tally, const std::string& name) noexcept {
   const auto group = document.GetGroups().find(name);
   if (group == document.GetGroups().end()) return;
   _bytes -= CountGroup(group->first, group->second);

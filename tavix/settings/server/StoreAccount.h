@@ -43,9 +43,8 @@ class StoreAccount {
   // Both were loaded.
   void CountAnew(const core::IniFile& allSettings, const core::IniFile& userSettings);
 
-  // Change a document of the store, and the account and its tally with it.
-  void Merge(core::IniFile& document, DocumentTally& tally, const core::IniFile& settings);
-  void RemoveGroup(core::IniFile& document, DocumentTally& tally, const std::string& name);
+  // Changes a document of the store, and the account and its tally with it.
+  void RemoveGroup(core::IniFile& document, DocumentTally& tally, const std::string& name) noexcept;
 
   // The documents were changed otherwise by so many bytes, or take so many altogether.
   void Add(std::ptrdiff_t growth) { _bytes += static_cast<size_t>(growth); }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/NoticeRound.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
@@ -39,6 +41,8 @@ StoreChange::StoreChange(StoreDocuments& documents, ISettingsPersister* persiste
 bool StoreChange::Make() {
   _notifier.RefuseInCallback();
   constexpr int kMaxRounds = 4;
+  NoticeRound notices;
+  NotificationReserve reserve(_request.GetSettings());
   bool isDone = false;
   for (int round = 1; !isDone; ++round) {
     if (!_request.Prepare(_documents)) return false;
@@ -48,17 +52,25 @@ bool StoreChange::Make() {
     isDone = true;
   }
   _lateCount.Finish();  // until then the store seems fuller than it is, and others are refused
-  if (_isUnchanged) ReportUnchanged();
-  Notify();
+  std::exception_ptr failure;
+  try {
+    ReportUnchanged();
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  _notifier.Notify(notices, reserve, _request.GetRemovedNames(), _request.GetSettings());
+  if (failure) std::rethrow_exception(failure);
   return true;
 }
 
 void StoreChange::MakeLocked() {
   _request.PrepareLocked(_documents);
-  if (MakeUnderLock() && _isUnchanged) ReportUnchanged();
+  if (MakeUnderLock()) ReportUnchanged();
 }
 
 void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user) {
+  documents._record.Read(user);
+  documents._account.CountAnew(all, user);
   BeginVersion(documents);
   documents._recorders.Note(documents._all);
   documents._recorders.Note(documents._user);
@@ -66,27 +78,102 @@ void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile use
   documents._recorders.Note(user);
   documents._all = std::move(all);
   documents._user = std::move(user);
-  documents._record.Read(documents._user);
-  documents._account.CountAnew(documents._all, documents._user);
 }
 
 bool StoreChange::MakeUnderLock() {
   if (!_request.BringUpToDate(_documents)) return false;
+  PlanRecord();
   RequirePatterns();
   RequireRoom();
+  Prepare();
+  CarryOut();
+  if (_request.IsPersistent() && _persister) Save();
+  return true;
+}
+
+void StoreChange::PlanRecord() {
+  static const std::set<std::string> none;
+  const std::set<std::string>* members = _request.GetMembers();
+  const bool isRemoved = _request.GetRemovedNames().count(_documents.GetRecordGroup()) != 0;
+  if (!_request.IsPersistent() || !(members || isRemoved || _request.HasRecord())) return;
+  _record = _documents._record.Plan(_documents._user, isRemoved, _request.GetSettings(), members ? *members : none);
+}
+
+// What comes from the defaults has no bound.
+void StoreChange::RequirePatterns() const {
+  const size_t max = _documents.GetMaxDeletedPatterns();
+  const std::set<std::string>* members = _request.GetMembers();
+  const bool isRestore = _request.GetRemovedMatcher() && !members;
+  if (max == 0 || isRestore || !_request.IsPersistent()) return;
+  const size_t recorded = _documents.GetRecord().CountPatterns();
+  if (_record.patterns <= 0 || recorded + static_cast<size_t>(_record.patterns) <= max) return;
+  throw RefusedChange(RefusedChange::Reason::kDeletedPatterns, "the record of deleted groups holds " +
+                                                                   std::to_string(recorded) + " patterns of the " +
+                                                                   std::to_string(max) + " allowed, and would get " +
+                                                                   std::to_string(_record.patterns) + " more");
+}
+
+// How many bytes the new members make of the record, as the store's account counts them.
+size_t StoreChange::CountRecordGrowth() const {
+  if (_record.added.IsEmpty()) return 0;
+  const auto& [name, members] = *_record.added.begin();
+  const size_t bytes = StoreAccount::CountGroup(name, members);
+  return _documents._user.HasGroup(name) ? bytes - StoreAccount::CountGroup(name, {}) : bytes;
+}
+
+// What has room anyway is not searched for.
+void StoreChange::RequireRoom() const {
+  const IniFile& settings = _request.GetSettings();
+  const StoreAccount& account = _documents._account;
+  const size_t recordGrowth = CountRecordGrowth();
+  const size_t copies = _request.IsPersistent() ? 2 : 1;
+  if (account.HasRoom(copies * _request.GetBytes() + recordGrowth)) return;
+  if (!_request.IsPersistent()) return account.RequireRoom(StoreAccount::CountGrowth(_documents._all, settings));
+  account.RequireRoom(
+      StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings)) +
+      static_cast<std::ptrdiff_t>(recordGrowth));
+}
+
+// All that the change needs memory for.
+void StoreChange::Prepare() {
+  const IniFile& settings = _request.GetUnplannedSettings();
+  const std::set<std::string>& removed = _request.GetUnplannedNames();
+  _mergeIntoAll.Prepare(_documents._all, settings, removed);
+  if (!_request.IsPersistent()) return;
+  _mergeIntoUser.Prepare(_documents._user, settings, removed);
+  _mergeIntoUser.Prepare(_documents._user, _record.added, removed);
+  if (_persister) PrepareSave();
+}
+
+// What differs is of interest to the persister alone.
+void StoreChange::PrepareSave() {
+  const std::set<std::string>& removed = _request.GetUnplannedNames();
+  const ChangePlans* plans = _request.GetPlans();
+  _different = FindDifference(_documents._user, removed, _request.GetUnplannedSettings());
+  const bool isUnchanged = _different.empty() && !(plans && plans->user.HasDifference()) && _record.added.IsEmpty();
+  if (_request.GetMembers()) _different.insert(removed.begin(), removed.end());  // defaults go by the record alone
+  if (!isUnchanged) return;
+  GroupNameMatcher& held = _held.emplace();
+  if (_request.GetRemovedMatcher()) held = *_request.GetRemovedMatcher();
+  held.AddNamesAndPatterns(_request.GetRemovedNames());
+  for (const auto& group : _request.GetSettings()) held.AddNameOrPattern(group.first);
+  if (_request.GetMembers()) held.AddNameOrPattern(_documents.GetRecordGroup());
+}
+
+void StoreChange::CarryOut() noexcept {
+  StoreAccount& account = _documents._account;
   BeginVersion(_documents);
   if (_documents._recorders.AreActive()) NoteGroups();
   if (_request.GetPlans()) CarryOutPlans(*_request.GetPlans());
   if (!_request.GetUnplannedNames().empty()) RemoveGroups();
-  MergeIntoAll();
-  if (!_request.IsPersistent()) return true;
-  MergeIntoUser();
-  if (_request.GetMembers()) RecordMembers();
-  if (_persister) Save();
-  return true;
+  _mergeIntoAll.CarryOut(_documents._all, account, account.GetAllTally());
+  if (_request.HasRecord()) account.RemoveGroup(_documents._all, account.GetAllTally(), _documents.GetRecordGroup());
+  if (!_request.IsPersistent()) return;
+  _mergeIntoUser.CarryOut(_documents._user, account, account.GetUserTally());
+  _documents._record.CarryOut(_record);
 }
 
-void StoreChange::CarryOutPlans(ChangePlans& plans) {
+void StoreChange::CarryOutPlans(ChangePlans& plans) noexcept {
   StoreAccount& account = _documents._account;
   const std::set<std::string>& changedGroups = _request.GetChangedGroups();
   account.Add(static_cast<std::ptrdiff_t>(plans.all.GetBytes()));
@@ -96,41 +183,7 @@ void StoreChange::CarryOutPlans(ChangePlans& plans) {
   account.Add(static_cast<std::ptrdiff_t>(plans.user.GetBytes()));
   _lateCount.Subtract(plans.user.GetReplaced(), plans.user.GetRemoved());
   plans.user.CarryOut(_documents._user, account.GetUserTally(), changedGroups);
-  if (_request.HasRecord() || _request.GetRemovedNames().count(_documents.GetRecordGroup()) != 0)
-    _documents._record.Read(_documents._user);
-  _isDifferent = plans.user.HasDifference();
-  _different = std::move(plans.user.GetDifferent());
-}
-
-// What comes from the defaults has no bound.
-void StoreChange::RequirePatterns() const {
-  const size_t max = _documents.GetMaxDeletedPatterns();
-  const std::set<std::string>* members = _request.GetMembers();
-  const bool isRestore = _request.GetRemovedMatcher() && !members;
-  if (max == 0 || isRestore || !_request.IsPersistent()) return;
-  const DeletedGroupsRecord& record = _documents.GetRecord();
-  const size_t newPatterns =
-      (_request.HasRecord() ? record.CountNewPatterns(_documents._user, _request.GetSettings()) : 0) +
-      (members ? record.CountNewPatterns(_documents._user, *members) : 0);
-  if (newPatterns == 0 || record.CountPatterns() + newPatterns <= max) return;
-  throw RefusedChange(RefusedChange::Reason::kDeletedPatterns,
-                      "the record of deleted groups holds " + std::to_string(record.CountPatterns()) +
-                          " patterns of the " + std::to_string(max) + " allowed, and would get " +
-                          std::to_string(newPatterns) + " more");
-}
-
-// What has room anyway is not searched for.
-void StoreChange::RequireRoom() {
-  const IniFile& settings = _request.GetSettings();
-  const std::set<std::string>* members = _request.GetMembers();
-  const StoreAccount& account = _documents._account;
-  if (members) _recordBytes = _documents._record.CountNewBytes(_documents._user, *members);
-  const size_t copies = _request.IsPersistent() ? 2 : 1;
-  if (account.HasRoom(copies * _request.GetBytes() + _recordBytes)) return;
-  if (!_request.IsPersistent()) return account.RequireRoom(StoreAccount::CountGrowth(_documents._all, settings));
-  account.RequireRoom(
-      StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings)) +
-      static_cast<std::ptrdiff_t>(_recordBytes));
+  _different.merge(plans.user.GetDifferent());
 }
 
 void StoreChange::BeginVersion(StoreDocuments& documents) {
@@ -138,7 +191,7 @@ void StoreChange::BeginVersion(StoreDocuments& documents) {
   documents._version.store(last.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
-void StoreChange::NoteGroups() const {
+void StoreChange::NoteGroups() const noexcept {
   ChangeRecorders& recorders = _documents._recorders;
   recorders.Note(_request.GetRemovedNames());
   recorders.Note(_request.GetSettings());
@@ -146,84 +199,29 @@ void StoreChange::NoteGroups() const {
     recorders.Note(plans->all.GetMoved());
     recorders.Note(plans->user.GetMoved());
   }
-  if (_request.GetMembers()) recorders.Note(std::set<std::string>{_documents.GetRecordGroup()});
+  if (_request.GetMembers()) recorders.Note(_documents.GetRecordGroup());
 }
 
-void StoreChange::RemoveGroups() {
+void StoreChange::RemoveGroups() noexcept {
   const std::set<std::string>& names = _request.GetUnplannedNames();
   _lateCount.Subtract(_removed.all, _removed.user);
   MoveGroups(_documents._all, _documents._account.GetAllTally(), names, _removed.all);
   MoveGroups(_documents._user, _documents._account.GetUserTally(), names, _removed.user);
-  if (names.count(_documents.GetRecordGroup()) != 0) _documents._record.Read(_documents._user);
-}
-
-void StoreChange::MergeIntoAll() {
-  StoreAccount& account = _documents._account;
-  account.Merge(_documents._all, account.GetAllTally(), _request.GetUnplannedSettings());
-  if (_request.HasRecord()) account.RemoveGroup(_documents._all, account.GetAllTally(), _documents.GetRecordGroup());
-}
-
-// What differs is of interest to the persister alone.
-void StoreChange::MergeIntoUser() {
-  StoreAccount& account = _documents._account;
-  const IniFile& settings = _request.GetUnplannedSettings();
-  std::set<std::string> different;
-  if (_persister) different = FindGroupsToChange(_documents._user, settings);
-  if (_request.HasRecord()) _documents._record.OnMerge(_documents._user, settings);
-  account.Merge(_documents._user, account.GetUserTally(), settings);
-  if (!_persister) return;
-  CompareGroups(_removed.user, settings, different);
-  _isDifferent = _isDifferent || !different.empty();
-  _different.merge(different);
-}
-
-void StoreChange::RecordMembers() {
-  const std::set<std::string>& members = *_request.GetMembers();
-  IniFile& user = _documents._user;
-  StoreAccount& account = _documents._account;
-  if (_request.HasRecord()) _recordBytes = _documents._record.CountNewBytes(user, members);  // the values changed it
-  account.Add(static_cast<std::ptrdiff_t>(_recordBytes));
-  const bool isFirst = !user.HasGroup(_documents.GetRecordGroup());
-  _recorded = _documents._record.Add(user, members);
-  if (_recorded.IsEmpty()) return;
-  const size_t count = _recorded.begin()->second.size();
-  if (isFirst) {
-    account.GetUserTally().OnGroupAdded(_documents.GetRecordGroup(), count);
-  } else {
-    account.GetUserTally().OnKeysAdded(count);
-  }
 }
 
 void StoreChange::Save() {
   static const std::set<std::string> none;
-  _isUnchanged = !_isDifferent && _recorded.IsEmpty();
-  // Groups of the defaults go by the record alone.
-  if (_request.GetMembers())
-    _different.insert(_request.GetUnplannedNames().begin(), _request.GetUnplannedNames().end());
-  const std::set<std::string>& changed = _isUnchanged ? none : _different;
-  if (_recorded.IsEmpty()) {
+  const std::set<std::string>& changed = _held ? none : _different;
+  if (_record.added.IsEmpty()) {
     _persister->SaveChangedGroups(_documents._user, changed);
   } else {
-    _persister->SaveAddedSettings(_documents._user, changed, _recorded);
+    _persister->SaveAddedSettings(_documents._user, changed, _record.added);
   }
 }
 
 // A power cut may still take back what the request finds done already.
 void StoreChange::ReportUnchanged() const {
-  GroupNameMatcher groups;
-  if (_request.GetRemovedMatcher()) groups = *_request.GetRemovedMatcher();
-  groups.AddNamesAndPatterns(_request.GetRemovedNames());
-  for (const auto& group : _request.GetSettings()) groups.AddNameOrPattern(group.first);
-  if (_request.GetMembers()) groups.AddNameOrPattern(_documents.GetRecordGroup());
-  _persister->NoteUnchangedGroups(groups);
-}
-
-void StoreChange::Notify() {
-  const IniFile& settings = _request.GetSettings();
-  if (!_request.GetRemovedMatcher()) return _notifier.Notify(settings);
-  std::set<std::string> changed = std::move(_request.GetRemovedNames());
-  for (const auto& group : settings) changed.insert(group.first);
-  _notifier.Notify(changed, settings);
+  if (_held) _persister->NoteUnchangedGroups(*_held);
 }
 
 }  // namespace tavix::settings::server

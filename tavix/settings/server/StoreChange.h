@@ -1,13 +1,17 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeRequest.h"
+#include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/PreparedMerge.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
@@ -20,17 +24,18 @@ class ISettingsPersister;
 // from the other writers; Make does what all have in common, in this order:
 //
 //   without the lock      the request is prepared
-//   under the write lock  what changed in between is matched and tested again; bounds are checked. From here on nothing
-//                         refuses the change: the store gets a new version, readers in parts are given the names of the
-//                         groups, both documents are changed, the record of deleted groups is hidden from readers, what
-//                         differs is saved
+//   under the write lock  what changed in between is matched and tested again; bounds are checked; all memory is asked
+//                         for. From here on nothing stops the change: the store gets a new version, readers in parts are
+//                         given the names of the groups, both documents are changed, the record of deleted groups is
+//                         hidden from readers. What differs is saved
 //   behind the lock       the persister learns of a request that changed nothing, subscribers are notified; what was
 //                         replaced is destroyed with the object
 //
 // Threads: one at a time.
 // Locks:   "SettingsMutex". It is not held when subscribers are notified.
-// Errors:  osa::Exception in a change callback, RefusedChange beyond a bound: then nothing is changed. Those of the
-//          persister and of callbacks pass through: then the change stays in memory, and the rest is not done.
+// Errors:  osa::Exception in a change callback, RefusedChange beyond a bound, std::bad_alloc: then nothing is changed.
+//          Those of the persister and of callbacks pass through: then the change stays in memory. Behind one that leaves
+//          a save nobody is notified.
 class StoreChange {
  public:
   // All outlive the object. persister: may be null.
@@ -55,30 +60,33 @@ class StoreChange {
   static void BeginVersion(StoreDocuments& documents);
 
   bool MakeUnderLock() TAVIX_REQUIRES(_documents.GetLock());
+  void PlanRecord() TAVIX_REQUIRES(_documents.GetLock());
   void RequirePatterns() const TAVIX_REQUIRES(_documents.GetLock());
-  void RequireRoom() TAVIX_REQUIRES(_documents.GetLock());
-  void NoteGroups() const TAVIX_REQUIRES(_documents.GetLock());
-  void CarryOutPlans(ChangePlans& plans) TAVIX_REQUIRES(_documents.GetLock());
-  void RemoveGroups() TAVIX_REQUIRES(_documents.GetLock());
-  void MergeIntoAll() TAVIX_REQUIRES(_documents.GetLock());
-  void MergeIntoUser() TAVIX_REQUIRES(_documents.GetLock());
-  void RecordMembers() TAVIX_REQUIRES(_documents.GetLock());
+  void RequireRoom() const TAVIX_REQUIRES(_documents.GetLock());
+  size_t CountRecordGrowth() const TAVIX_REQUIRES(_documents.GetLock());
+  void Prepare() TAVIX_REQUIRES(_documents.GetLock());
+  void PrepareSave() TAVIX_REQUIRES(_documents.GetLock());
+  void CarryOut() noexcept TAVIX_REQUIRES(_documents.GetLock());
+  void NoteGroups() const noexcept TAVIX_REQUIRES(_documents.GetLock());
+  void CarryOutPlans(ChangePlans& plans) noexcept TAVIX_REQUIRES(_documents.GetLock());
+  void RemoveGroups() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void Save() TAVIX_REQUIRES(_documents.GetLock());
   void ReportUnchanged() const;
-  void Notify();
 
   StoreDocuments& _documents;
   ISettingsPersister* const _persister;
   const ChangeNotifier& _notifier;
   ChangeRequest& _request;
 
+  // Made before the documents are changed.
+  DeletedGroupsRecord::Change _record;
+  PreparedMerge _mergeIntoAll;  // of what is not planned, as the next
+  PreparedMerge _mergeIntoUser;
+  std::set<std::string> _different;               // groups of the user settings that hold something else than before
+  std::optional<common::GroupNameMatcher> _held;  // the groups of a request that the user settings held all before
+
   RemovedGroups _removed;
-  core::IniFile _recorded;           // the new members of the record of deleted groups
-  size_t _recordBytes = 0;           // which the record gets, as the account counts them
-  std::set<std::string> _different;  // groups of the user settings that hold something else than before
-  bool _isDifferent = false;         // there are such groups, but those that only the record takes away
-  bool _isUnchanged = false;         // the request was to be saved, and the user settings held it all before
-  LateCount _lateCount;              // destroyed first
+  LateCount _lateCount;  // destroyed first
 };
 
 }  // namespace tavix::settings::server

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tavix/osa/Exception.h"
+#include "tavix/osa/Mutex.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/RecordingCallback.h"
@@ -101,6 +102,21 @@ TEST(CallbackDispatcher, ADocumentAloneMeansThatAllItsGroupsChanged) {
   dispatcher.AddCallback(&callback, Names{"*"});
   dispatcher.OnChange(DocumentOf("[A]\nx=1\n[Empty]\n"));
   EXPECT_THAT(callback.GetChanges(), ElementsAre(Change{{"A", "Empty"}, "[A]\nx=1\n[Empty]\n"}));
+}
+
+TEST(CallbackDispatcher, AChangeOfOneGroupCallsWhomAnyChangeWould) {
+  CallbackDispatcher dispatcher;
+  RecordingCallback byName;
+  RecordingCallback byPatterns;
+  RecordingCallback other;
+  tavix::osa::Mutex gate("gate");
+  dispatcher.AddCallback(&byName, Names{"A1", "B"});
+  dispatcher.AddCallback(&byPatterns, Names{"C", "A*", "*1"});
+  dispatcher.AddCallback(&other, Names{"A", "B*"});
+  dispatcher.OnChangeOfOne(gate, Names{"A1"}, DocumentOf("[A1]\nx=1\n"));
+  EXPECT_THAT(byName.GetChanges(), ElementsAre(Change{{"A1"}, "[A1]\nx=1\n"}));
+  EXPECT_THAT(byPatterns.GetChanges(), ElementsAre(Change{{"A1"}, "[A1]\nx=1\n"}));
+  EXPECT_THAT(other.GetChanges(), IsEmpty());
 }
 
 TEST(CallbackDispatcher, AnEmptyDocumentCallsNobody) {

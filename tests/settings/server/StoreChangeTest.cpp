@@ -76,6 +76,7 @@ class RecordingPersister : public ISettingsPersister {
   void NoteUnchangedGroups(const GroupNameMatcher& groups) override {
     unchanged.push_back(groups.GetNames());
     isLockedToNote = IsLocked();
+    if (failsToNote) throw Exception("No memory");
   }
 
   std::string user;
@@ -84,6 +85,7 @@ class RecordingPersister : public ISettingsPersister {
   std::vector<Names> unchanged;
   bool isLockedToSave = false;
   bool isLockedToNote = false;
+  bool failsToNote = false;
 
  private:
   bool IsLocked() const {
@@ -145,6 +147,17 @@ TEST_F(StoreChangeTest, ReportsWhatItFoundDoneAlreadyBehindTheLock) {
   EXPECT_FALSE(persister.isLockedToNote);
 }
 
+TEST_F(StoreChangeTest, NotifiesAlthoughThePersisterFailedBehindTheLock) {
+  RecordingCallback callback;
+  notifier.GetDispatcher().AddCallback(&callback, Names{"A"});
+  persister.failsToNote = true;
+  const IniFile settings = DocumentOf("[A]\nx=1\n");
+  ChangeRequest request;
+  request.MergeUnrestricted(settings);
+  EXPECT_THROW(static_cast<void>(Make(request)), Exception);
+  EXPECT_EQ(callback.GetChanges().size(), 1u);
+}
+
 TEST_F(StoreChangeTest, SavesGroupsOfTheDefaultsThatGoByTheRecordAlone) {
   Overwrite({"B", "C"}, DocumentOf("[B]\nx=2\n"));
   EXPECT_THAT(persister.saves, ElementsAre(Names{"B", "C"}));
@@ -193,6 +206,19 @@ TEST_F(StoreChangeTest, ThatIsRefusedOrWhoseTestFailsLeavesTheVersionAndSavesNot
   EXPECT_FALSE(Make(failing));
   EXPECT_EQ(documents.GetVersion(), before);
   EXPECT_THAT(persister.saves, IsEmpty());
+}
+
+// However little the documents held before, they would hold it all.
+TEST_F(StoreChangeTest, IsRefusedBeforeItIsPlannedWhenItIsLargerThanTheStoreMayBe) {
+  const IniFile settings = DocumentOf("[A]\nx=" + std::string(20'000, 'v') + "\n");
+  documents.SetMaxBytes(2 * 20'000);
+  ChangeRequest request;
+  request.Merge(settings);
+  EXPECT_THROW(static_cast<void>(request.Prepare(documents)), RefusedChange);
+  ChangeRequest forReaders;
+  forReaders.Merge(settings);
+  forReaders.KeepUserSettings();
+  EXPECT_TRUE(forReaders.Prepare(documents));
 }
 
 TEST_F(StoreChangeTest, NotifiesOfRemovedAndOfSetGroupsWithoutTheLock) {

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+
+namespace tavix::settings::server {
+
+class DocumentTally;
+class StoreAccount;
+
+// A merge of few settings into one document of a store, in two steps: Prepare asks for all memory, CarryOut can't fail.
+// So a change of several documents is made in all of them or in none.
+//
+// Threads: one at a time, which holds the store's write lock from Prepare until CarryOut has returned.
+class PreparedMerge {
+ public:
+  PreparedMerge() = default;
+
+  PreparedMerge(const PreparedMerge&) = delete;
+  PreparedMerge& operator=(const PreparedMerge&) = delete;
+
+  // Adds the settings to the merge. removed: groups that the document loses before CarryOut. Until then nothing else
+  // changes in the groups that are merged. The document is not changed yet. A second call brings other keys than the
+  // first. Throws std::bad_alloc.
+  void Prepare(core::IniFile& document, const core::IniFile& settings, const std::set<std::string>& removed);
+
+  // Once, after Prepare. What was replaced is destroyed with the object.
+  void CarryOut(core::IniFile& document, StoreAccount& account, DocumentTally& tally) noexcept;
+
+ private:
+  using Group = core::IniFile::GroupMap::value_type;
+
+  void AddKeys(const Group& group);
+  void MergeKeys(core::IniFile::KeyMap& keys, const Group& change);
+
+  core::IniFile _added;  // groups, and keys of groups, that the document lacks
+  std::vector<std::pair<std::string*, std::string>>
+      _changed;                // values in the document, and what they are exchanged for
+  std::ptrdiff_t _growth = 0;  // in bytes, of the keys alone
+};
+
+}  // namespace tavix::settings::server

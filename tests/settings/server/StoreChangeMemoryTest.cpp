@@ -1,0 +1,339 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <new>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/Exception.h"
+#include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeNotifier.h"
+#include "tavix/settings/server/ChangeRequest.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/StoreChange.h"
+#include "tavix/settings/server/StoreDocuments.h"
+#include "tests/support/DocumentText.h"
+
+// Changes of a store whose memory runs out at any moment: they are made altogether, or not at all.
+
+namespace {
+
+thread_local long t_allocationsLeft = -1;   // until one is refused; negative: none is
+thread_local bool t_areAllRefused = false;  // also those behind it
+thread_local bool t_wasRefused = false;
+
+bool IsRefused() {
+  if (t_allocationsLeft < 0 || t_allocationsLeft-- > 0) return false;
+  t_allocationsLeft = t_areAllRefused ? 0 : -1;
+  t_wasRefused = true;
+  return true;
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* const memory = IsRefused() ? nullptr : std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return IsRefused() ? nullptr : std::malloc(size);
+}
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace tavix::test {
+
+using core::IniFile;
+using settings::common::GroupNameMatcher;
+using settings::server::ChangeNotifier;
+using settings::server::ChangeRequest;
+using settings::server::ISettingsPersister;
+using settings::server::SettingsCombiner;
+using settings::server::StoreAccount;
+using settings::server::StoreChange;
+using settings::server::StoreDocuments;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+namespace {
+
+using Names = std::set<std::string>;
+
+constexpr char kRecord[] = "Record";
+const std::string kLong = "a value that is longer than a string holds in itself";
+
+// While it lives, the thread is refused that allocation, counted from 0, and perhaps all behind it.
+class RefusedAllocation {
+ public:
+  RefusedAllocation(long allocation, bool areAllBehindIt) {
+    t_areAllRefused = areAllBehindIt;
+    t_wasRefused = false;
+    t_allocationsLeft = allocation;
+  }
+
+  ~RefusedAllocation() { t_allocationsLeft = -1; }
+
+  RefusedAllocation(const RefusedAllocation&) = delete;
+  RefusedAllocation& operator=(const RefusedAllocation&) = delete;
+};
+
+// Counts its calls, without memory.
+class CountingPersister : public ISettingsPersister {
+ public:
+  void LoadDefaultSettings(SettingsCombiner&) override {}
+  void LoadUserSettings(SettingsCombiner&) override {}
+  void SaveUserSettings(const IniFile&) override {}
+  void SaveChangedGroups(const IniFile&, const Names&) override { ++saves; }
+  void SaveAddedSettings(const IniFile&, const Names&, const IniFile&) override { ++saves; }
+
+  int saves = 0;
+};
+
+// Remembers which groups it is called for, without memory.
+class SeenGroups : public settings::IChangeCallback {
+ public:
+  explicit SeenGroups(const Names& possible) {
+    for (const std::string& name : possible) _seen[name] = false;
+  }
+
+  void OnChange(const Names& changedGroups, const IniFile&) override {
+    for (const std::string& name : changedGroups) {
+      const auto seen = _seen.find(name);
+      if (seen != _seen.end()) seen->second = true;
+    }
+  }
+
+  Names Get() const {
+    Names names;
+    for (const auto& [name, isSeen] : _seen) {
+      if (isSeen) names.insert(name);
+    }
+    return names;
+  }
+
+ private:
+  std::map<std::string, bool> _seen;
+};
+
+struct Outcome {
+  std::string all;
+  std::string user;
+  size_t bytes = 0;
+  Names notified;
+  int saves = 0;
+
+  bool operator==(const Outcome& other) const {
+    return all == other.all && user == other.user && bytes == other.bytes && notified == other.notified &&
+           saves == other.saves;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
+  out << "all\n" << outcome.all << "user\n" << outcome.user << outcome.bytes << " bytes, saved " << outcome.saves;
+  for (const std::string& name : outcome.notified) out << ", notified of " << name;
+  return out;
+}
+
+// A store of its own, for one change.
+class SmallStore {
+ public:
+  using Fill = std::function<void(ChangeRequest&)>;
+
+  SmallStore() {
+    const osa::WriteAutoLock lock(_documents.GetLock());
+    StoreChange::ReplaceAll(
+        _documents, DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n"),
+        DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n"));
+    _notifier.GetDispatcher().AddCallback(&_callback, Names{"A", "B*", "*a*", "*New*"});
+  }
+
+  // Returns whether the change was made.
+  bool Change(const Fill& fill, long refused, bool areAllBehindIt) {
+    const RefusedAllocation allocation(refused, areAllBehindIt);
+    try {
+      ChangeRequest request;
+      fill(request);
+      return StoreChange(_documents, &_persister, _notifier, request).Make();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  // The same under the lock, behind what others do once the change is planned. Only the change is refused memory.
+  bool ChangeLate(const Fill& fill, const Fill& fillOther, long refused) {
+    ChangeRequest request;
+    fill(request);
+    EXPECT_TRUE(request.Prepare(_documents));
+    ChangeRequest other;
+    fillOther(other);
+    EXPECT_TRUE(StoreChange(_documents, nullptr, _notifier, other).Make());
+    const osa::WriteAutoLock lock(_documents.GetLock());
+    const RefusedAllocation allocation(refused, false);
+    try {
+      StoreChange(_documents, &_persister, _notifier, request).MakeLocked();
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  Outcome GetOutcome() const {
+    const osa::ReadAutoLock lock(_documents.GetLock());
+    const size_t bytes = StoreAccount::Count(_documents.GetAll()) + StoreAccount::Count(_documents.GetUser());
+    EXPECT_EQ(_documents.GetAccount().GetBytes(), bytes);
+    StoreAccount counted;
+    counted.CountAnew(_documents.GetAll(), _documents.GetUser());
+    EXPECT_EQ(_documents.GetAccount().GetUserTally().CountKeys(), counted.GetUserTally().CountKeys());
+    EXPECT_EQ(_documents.GetAccount().GetAllTally().CountNameBytes(), counted.GetAllTally().CountNameBytes());
+    return {TextOf(_documents.GetAll()), TextOf(_documents.GetUser()), bytes, _callback.Get(), _persister.saves};
+  }
+
+  unsigned long long GetVersion() const { return _documents.GetVersion(); }
+
+ private:
+  StoreDocuments _documents{kRecord};
+  CountingPersister _persister;
+  ChangeNotifier _notifier;
+  SeenGroups _callback{{"A", "B", "Default", "Default 2", "New group of a name that is long"}};
+};
+
+struct Case {
+  const char* name;
+  SmallStore::Fill fill;
+};
+
+GroupNameMatcher MatcherOf(const Names& groups) {
+  GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  return matcher;
+}
+
+const IniFile kSettings = DocumentOf("[A]\nx=1\ny=" + kLong + kLong + "\nz=" + kLong +
+                                     "\n[B]\nx=2\n[New group of a name that is long]\nk=" + kLong + "\n");
+const IniFile kLarge = DocumentOf("[A]\nz=" + std::string(20'000, 'v') + "\n[New group of a name that is long]\nk=1\n");
+const IniFile kHeld = DocumentOf("[A]\nx=1\n[B]\nx=2\n");
+const IniFile kWithRecord =
+    DocumentOf(std::string("[A]\nx=9\n[") + kRecord + "]\n2=" + kLong + "*\n3=" + kLong + "\nA=A\n");
+const Names kMembers{"A", "Default*", kLong, "1", "2"};
+const Names kFewMembers{"A", "B", "1", kLong, "Default"};
+const GroupNameMatcher kMatcher = MatcherOf(kMembers);
+const GroupNameMatcher kFewMatcher = MatcherOf(kFewMembers);
+const GroupNameMatcher kAll = MatcherOf({"*"});
+
+void MergeSettings(ChangeRequest& request) {
+  request.MergeUnrestricted(kSettings);
+}
+
+const std::vector<Case> kCases{
+    {"Merge", MergeSettings},
+    {"MergeIntoWhatReadersSeeAlone",
+     [](ChangeRequest& request) {
+       request.Merge(kSettings);
+       request.KeepUserSettings();
+     }},
+    {"MergeOfALargeValue", [](ChangeRequest& request) { request.Merge(kLarge); }},
+    {"MergeOfWhatIsThere", [](ChangeRequest& request) { request.Merge(kHeld); }},
+    {"MergeIntoTheRecord", [](ChangeRequest& request) { request.Merge(kWithRecord); }},
+    {"TestAndMerge",
+     [](ChangeRequest& request) {
+       request.SetTest(kHeld);
+       request.Merge(kSettings);
+     }},
+    {"OverwriteOfNames",
+     [](ChangeRequest& request) {
+       request.RemoveVisible(kFewMatcher, kFewMembers);
+       request.Merge(kSettings);
+     }},
+    {"OverwriteOfPatterns",
+     [](ChangeRequest& request) {
+       request.RemoveVisible(kMatcher, kMembers);
+       request.Merge(kSettings);
+     }},
+    {"OverwriteWithARecord",
+     [](ChangeRequest& request) {
+       request.RemoveVisible(kFewMatcher, kFewMembers);
+       request.Merge(kWithRecord);
+     }},
+    {"RestoreOfAll",
+     [](ChangeRequest& request) {
+       request.RemoveUser(kAll);
+       request.Merge(kSettings);
+     }},
+};
+
+class StoreWithoutMemory : public testing::TestWithParam<Case> {
+ protected:
+  // Refuses each allocation of the change in turn. What is left is all of the change, or nothing.
+  static void ExpectAllOrNothing(bool areAllBehindIt) {
+    const Outcome before = SmallStore().GetOutcome();
+    SmallStore model;
+    ASSERT_TRUE(model.Change(GetParam().fill, -1, false));
+    const Outcome after = model.GetOutcome();
+    ASSERT_THAT(after.notified, testing::Not(IsEmpty()));
+    bool isRefused = true;
+    for (long refused = 0; isRefused; ++refused) {
+      SCOPED_TRACE(refused);
+      ASSERT_LT(refused, 10'000);
+      SmallStore store;
+      const auto version = store.GetVersion();
+      const bool isMade = store.Change(GetParam().fill, refused, areAllBehindIt);
+      isRefused = t_wasRefused;
+      ASSERT_EQ(store.GetOutcome(), isMade ? after : before);
+      ASSERT_EQ(store.GetVersion() != version, isMade);
+      ASSERT_TRUE(isMade || isRefused);
+    }
+  }
+};
+
+}  // namespace
+
+TEST_P(StoreWithoutMemory, MakesAllOfAChangeAndNotifiesOfItOrDoesNothing) {
+  ExpectAllOrNothing(false);
+}
+
+TEST_P(StoreWithoutMemory, MakesAllOfAChangeAndNotifiesOfItOrDoesNothingWhenNoMemoryComesBack) {
+  ExpectAllOrNothing(true);
+}
+
+// Groups that others changed are done again, and survive an exchange of the whole document.
+TEST_P(StoreWithoutMemory, MakesAllOrNothingOfAChangeThatOthersWereFasterThan) {
+  const IniFile otherSettings = DocumentOf("[A]\nother=1\n[Default]\nx=other\n[Late]\nk=1\n");
+  const auto fillOther = [&](ChangeRequest& request) { request.Merge(otherSettings); };
+  SmallStore model;
+  ASSERT_TRUE(model.ChangeLate(GetParam().fill, fillOther, -1));
+  SmallStore first;
+  ASSERT_FALSE(first.ChangeLate(GetParam().fill, fillOther, 0));
+  bool isRefused = true;
+  for (long refused = 0; isRefused; ++refused) {
+    SCOPED_TRACE(refused);
+    ASSERT_LT(refused, 10'000);
+    SmallStore store;
+    const bool isMade = store.ChangeLate(GetParam().fill, fillOther, refused);
+    isRefused = t_wasRefused;
+    ASSERT_EQ(store.GetOutcome(), (isMade ? model : first).GetOutcome());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, StoreWithoutMemory, testing::ValuesIn(kCases),
+                         [](const auto& parameter) { return std::string(parameter.param.name); });
+
+}  // namespace tavix::test
