@@ -31,6 +31,8 @@ using settings::server::SettingsCombiner;
 
 namespace {
 
+const IniFile::GroupFilter kAllGroups;
+
 constexpr char kUserLayer[] = "user settings";
 constexpr char kWrong[] = "error";  // in a report, of a file whose problem is told by itself
 constexpr char kUnrestricted[] = "clients can change, until the next start, groups whose names are not restricted: ";
@@ -50,6 +52,16 @@ std::vector<std::string> RestrictedGroupsOf(const IniFile& document) {
     if (GroupDiscriminator::IsRestrictedGroup(group.first)) names.push_back(group.first);
   }
   return names;
+}
+
+std::string DescribeTime(const timespec& time) {
+  return ' ' + std::to_string(time.tv_sec) + '.' + std::to_string(time.tv_nsec);
+}
+
+// A file that is written or replaced has another description.
+std::string DescribeFile(const struct stat& status) {
+  return std::to_string(status.st_dev) + ' ' + std::to_string(status.st_ino) + ' ' + std::to_string(status.st_size) +
+         DescribeTime(status.st_mtim) + DescribeTime(status.st_ctim);
 }
 
 // Waiting for a pipe's writer would hold up the start, or a restore, for ever; a device would become a file by a save.
@@ -115,15 +127,35 @@ SettingsSources::SettingsSources(const Options& options, Counters& counters)
       _counters(counters) {}
 
 void SettingsSources::LoadDefaultSettings(SettingsCombiner& combiner) {
-  const LayerSize size = LoadLayer(Layer::kDefaults, combiner);
-  if (combiner.GetWanted()) return;  // this was a part of them
+  const std::string files = DescribeDefaults();  // before they are read: what changes meanwhile is seen next time
+  bool isPart = static_cast<bool>(combiner.GetWanted());
+  if (isPart) {
+    osa::PlainMutexLock lock(_mutex);
+    isPart = files == _loadedDefaults;
+  }
+  const LayerSize size = LoadLayer(Layer::kDefaults, combiner, isPart ? combiner.GetWanted() : kAllGroups);
+  if (isPart) return;
   _counters.defaultGroups.Set(size.groups);
   _counters.defaultKeys.Set(size.keys);
   _areDefaultsLoaded = true;
+  osa::PlainMutexLock lock(_mutex);
+  _loadedDefaults = files;
+}
+
+// What files there are, and what tells that one has changed. Throws what to load them would throw.
+std::string SettingsSources::DescribeDefaults() const {
+  if (_isCheck) return {};
+  std::string text;
+  for (const LayerFile& file : ListLayerFiles(_defaults)) {
+    struct stat status {};
+    const bool isThere = stat(file.path.c_str(), &status) == 0;
+    text += file.path + '\n' + (isThere ? DescribeFile(status) : "") + '\n';
+  }
+  return text;
 }
 
 void SettingsSources::LoadRestrictedSettings(SettingsCombiner& combiner) {
-  const LayerSize size = LoadLayer(Layer::kRestricted, combiner);
+  const LayerSize size = LoadLayer(Layer::kRestricted, combiner, kAllGroups);
   _counters.restrictedGroups.Set(size.groups);
   _counters.restrictedKeys.Set(size.keys);
 }
@@ -150,14 +182,14 @@ bool SettingsSources::Try(Step step) {
 }
 
 // The whole layer first, so that it can be counted; no text is copied on the way.
-LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
+LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner, const IniFile::GroupFilter& isWanted) {
   IniFile merged;
   std::vector<LayerFile> files;
   Try([&] { files = ListLayerFiles(layer == Layer::kDefaults ? _defaults : _restricted); });
   for (const LayerFile& file : files) {
     if (!file.notLoaded.empty()) {
       Remember({NameOf(layer), file.path, 0, {}, {}, {}, file.notLoaded});
-    } else if (!Try([&] { LoadLayerFile(layer, file.path, combiner, merged); })) {
+    } else if (!Try([&] { LoadLayerFile(layer, file.path, combiner, isWanted, merged); })) {
       Remember({NameOf(layer), file.path, 0, {}, {}, {}, kWrong});
     }
   }
@@ -168,14 +200,14 @@ LayerSize SettingsSources::LoadLayer(Layer layer, SettingsCombiner& combiner) {
 }
 
 void SettingsSources::LoadLayerFile(Layer layer, const std::string& path, const SettingsCombiner& combiner,
-                                    IniFile& merged) {
+                                    const IniFile::GroupFilter& isWanted, IniFile& merged) {
   const bool isRestrictedDropped = layer == Layer::kDefaults;
   std::atomic<bool> isAnyUnlistable{false};
   // Names are looked at while the file is read: to walk over a large document costs as much as to read a tenth of it.
-  IniFile document = LoadFile(path, [&, &wanted = combiner.GetWanted()](std::string_view name) {
+  IniFile document = LoadFile(path, [&](std::string_view name) {
     if (IsUnlistableGroup(name)) isAnyUnlistable = true;
     if (isRestrictedDropped && !_isCheck && GroupDiscriminator::IsRestrictedGroup(std::string(name))) return false;
-    return !wanted || wanted(name);
+    return !isWanted || isWanted(name);
   });
   if (layer == Layer::kRestricted || !_areDefaultsLoaded) WarnOfLongNames(path, document);
   if (isAnyUnlistable) {

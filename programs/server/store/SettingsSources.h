@@ -17,7 +17,9 @@ namespace tavix::daemon {
 // The files that a store is loaded from: defaults, restricted settings, and what becomes known of the user settings
 // when they are loaded. What becomes of changes is UserSettingsPersister's.
 //
-// Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore.
+// Restricted groups are taken out of defaults as they are loaded: they count neither at start nor after a restore. A
+// restore loads the groups that it needs alone, unless the files of defaults have changed since all of them were loaded
+// last: so the counters know what they hold now.
 // Threads: defaults may be loaded on several threads at once, beside questions; the rest by one.
 // Groups that no list of names can hold are left out of defaults and restricted settings, with a warning.
 // Errors:  loading throws osa::Exception naming the file, and the line where there is one; of the user settings, for
@@ -67,11 +69,13 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
   enum class Layer { kDefaults, kRestricted };
 
   static const char* NameOf(Layer layer);
-  LayerSize LoadLayer(Layer layer, settings::server::SettingsCombiner& combiner);
+  LayerSize LoadLayer(Layer layer, settings::server::SettingsCombiner& combiner,
+                      const core::IniFile::GroupFilter& isWanted);
+  std::string DescribeDefaults() const;
   template <class Step>
   bool Try(Step step);
   void LoadLayerFile(Layer layer, const std::string& path, const settings::server::SettingsCombiner& combiner,
-                     core::IniFile& merged);
+                     const core::IniFile::GroupFilter& isWanted, core::IniFile& merged);
   void RememberUserSettings(const FoundUserSettings& found, const char* notLoaded);
   void WarnOfLongNames(const std::string& path, const core::IniFile& document) const;
   void WarnOfUnrestricted(const core::IniFile& document, Report& report);
@@ -89,6 +93,7 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
   mutable osa::PlainMutex _mutex;
   std::vector<Report> _reports TAVIX_GUARDED_BY(_mutex);
   std::vector<std::string> _problems TAVIX_GUARDED_BY(_mutex);
+  std::string _loadedDefaults TAVIX_GUARDED_BY(_mutex);      // their files, when all of them were last loaded
   std::set<std::string> _warnings TAVIX_GUARDED_BY(_mutex);  // that were logged
 };
 
