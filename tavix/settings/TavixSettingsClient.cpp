@@ -79,13 +79,25 @@ bool TavixSettingsClient::RefreshSettings(IniFile& settings) const {
 }
 
 std::string TavixSettingsClient::GetValue(const SettingLocator& locator) const {
-  IniFile settings;
-  GetSettings(locator.group, settings);
-  return settings.GetValueOrDefault(locator.group, locator.key);
+  std::optional<std::string> value;
+  _pImpl->FindValue(locator.group, locator.key, value);
+  return value ? *std::move(value) : std::string();
 }
 
 std::string TavixSettingsClient::GetValue(const std::string& locator) const {
   return GetValue(SettingLocator(locator));
+}
+
+std::optional<std::string> TavixSettingsClient::FindValue(const SettingLocator& locator) const {
+  std::optional<std::string> value;
+  if (!_pImpl->FindValue(locator.group, locator.key, value))
+    throw osa::Exception("The settings server's reply for '[%s]%s' can't be read", locator.group.c_str(),
+                         locator.key.c_str());
+  return value;
+}
+
+std::optional<std::string> TavixSettingsClient::FindValue(const std::string& locator) const {
+  return FindValue(SettingLocator(locator));
 }
 
 void TavixSettingsClient::MergeSettings(const IniFile& settings) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -75,6 +76,10 @@ class TAVIX_EXPORT TavixSettingsClient {
   // One value; empty when there is none. The text form is "[group]key".
   std::string GetValue(const SettingLocator& locator) const;
   std::string GetValue(const std::string& locator) const;
+
+  // The same, but tells a value that is not set from an empty one. Throws where GetSettings returns false.
+  std::optional<std::string> FindValue(const SettingLocator& locator) const;
+  std::optional<std::string> FindValue(const std::string& locator) const;
 
   // Set every value of "settings" and leave the others alone. flags: 0, or kNoPersist.
   void MergeSettings(const core::IniFile& settings);

@@ -1,10 +1,23 @@
 #include "tavix/settings/client/TavixSettingsClientImpl.h"
 
+#include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::settings::client {
 
 TavixSettingsClientImpl::TavixSettingsClientImpl() : _logger(core::Logger::GetLogger("TavixSettings")) {}
+
+bool TavixSettingsClientImpl::FindValue(const std::string& group, const std::string& key,
+                                        std::optional<std::string>& value) const {
+  core::IniFile settings;
+  if (!GetSettings({group}, settings)) return false;
+  if (settings.HasValue(group, key)) {
+    value = settings.GetValue(group, key);
+  } else {
+    value.reset();
+  }
+  return true;
+}
 
 void TavixSettingsClientImpl::Detach(IChangeCallback* cb) {
   _commonDispatcher.RemoveCallback(cb);

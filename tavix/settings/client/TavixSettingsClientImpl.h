@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 
@@ -24,6 +25,10 @@ class TavixSettingsClientImpl {
 
   // False when a reply came that can't be read; "out" is then as it was.
   virtual bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const = 0;
+
+  // Sets "value" to one value, or to none when it is not set. False as above, with "value" as it was.
+  virtual bool FindValue(const std::string& group, const std::string& key, std::optional<std::string>& value) const;
+
   virtual void MergeSettings(const core::IniFile& settings, unsigned int flags) = 0;
   virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) = 0;
   virtual void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) = 0;

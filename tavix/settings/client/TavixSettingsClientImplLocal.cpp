@@ -38,6 +38,12 @@ bool TavixSettingsClientImplLocal::GetSettings(const std::set<std::string>& grou
   return true;
 }
 
+bool TavixSettingsClientImplLocal::FindValue(const std::string& group, const std::string& key,
+                                             std::optional<std::string>& value) const {
+  value = _manager.FindValue(group, key);
+  return true;
+}
+
 void TavixSettingsClientImplLocal::MergeSettings(const IniFile& settings, unsigned int flags) {
   _manager.MergeSettings(settings, flags);
 }

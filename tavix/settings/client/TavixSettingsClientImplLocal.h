@@ -20,6 +20,7 @@ class TavixSettingsClientImplLocal : public TavixSettingsClientImpl, public ICha
   explicit TavixSettingsClientImplLocal(const core::IniFile* defaults);
 
   bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const override;
+  bool FindValue(const std::string& group, const std::string& key, std::optional<std::string>& value) const override;
   void MergeSettings(const core::IniFile& settings, unsigned int flags) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) override;
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;

@@ -120,6 +120,14 @@ void SettingsManager::GetGroups(IniFile& out, const std::string& nameOrPattern) 
   GetGroups(out, MatcherFor(nameOrPattern));
 }
 
+std::optional<std::string> SettingsManager::FindValue(const std::string& group, const std::string& key) const {
+  const ReadAutoLock lock(_documents->GetLock());
+  const auto keys = _documents->GetAll().GetGroups().find(group);
+  if (keys == _documents->GetAll().GetGroups().end()) return std::nullopt;
+  const auto value = keys->second.find(key);
+  return value == keys->second.end() ? std::nullopt : std::optional<std::string>(value->second);
+}
+
 void SettingsManager::WriteGroups(std::ostream& os, const GroupNameMatcher& matcher,
                                   const ISettingsSerializer& serializer) const {
   const ReadAutoLock lock(_documents->GetLock());

@@ -4,6 +4,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -79,6 +80,9 @@ class TAVIX_EXPORT SettingsManager {
   // Add the matching groups that readers see to "out", which is not cleared.
   void GetGroups(core::IniFile& out, const common::GroupNameMatcher& matcher) const;
   void GetGroups(core::IniFile& out, const std::string& nameOrPattern) const;
+
+  // One value that readers see; none when it is not set.
+  std::optional<std::string> FindValue(const std::string& group, const std::string& key) const;
 
   // Writes the matching groups while no writer can change them.
   void WriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -144,6 +145,18 @@ TEST_F(TavixSettingsClientTest, AValueThatIsNotThereIsEmptyAndNoError) {
     client.SetValue("[A]x", "1");
     EXPECT_EQ(client.GetValue("[A]y"), "") << mode;
     EXPECT_EQ(client.GetValue("[B]x"), "") << mode;
+  }
+}
+
+TEST_F(TavixSettingsClientTest, AValueThatIsNotSetIsToldFromAnEmptyOne) {
+  for (const Mode mode : kInProcessModes) {
+    TavixSettingsClient client(mode);
+    client.SetValue("[A]x", "");
+    client.SetValue("[A]y", "1");
+    EXPECT_EQ(client.FindValue("[A]x"), std::optional<std::string>("")) << mode;
+    EXPECT_EQ(client.FindValue(SettingLocator("A", "y")), std::optional<std::string>("1")) << mode;
+    for (const char* unset : {"[A]z", "[B]x", "[*]x"})
+      EXPECT_EQ(client.FindValue(unset), std::nullopt) << mode << unset;
   }
 }
 
@@ -291,6 +304,22 @@ TEST_F(TavixSettingsClientTest, EachOperationIsOneRequestAndAMergePersistsUnless
   }
 }
 
+TEST_F(TavixSettingsClientTest, AReplyThatIsNoSettingsTextIsNoValueAndNotSaidToBeUnset) {
+  ScriptedServer server;
+  TavixSettingsClient client(TavixSettingsClient::MultiThreaded);
+  BackgroundCall calls([&] {
+    EXPECT_EQ(client.GetValue("[A]x"), "");
+    EXPECT_THAT([&] { client.FindValue("[A]x"); },
+                testing::ThrowsMessage<Exception>("The settings server's reply for '[A]x' can't be read"));
+  });
+  ServerEnd peer = server.Accept();
+  for (int i = 0; i < 2; ++i) {
+    peer.ReadThrough();
+    peer.Send("data\nno settings text\n.\n");
+  }
+  calls.Join();
+}
+
 TEST_F(TavixSettingsClientTest, EachOperationThatAsksSendsOneRequestAndReadsItsReply) {
   const struct {
     void (*call)(TavixSettingsClient& client);
@@ -298,6 +327,7 @@ TEST_F(TavixSettingsClientTest, EachOperationThatAsksSendsOneRequestAndReadsItsR
     const char* reply;
   } cases[] = {
       {[](auto& c) { EXPECT_EQ(c.GetValue("[A]x"), "1"); }, "get delimited\nA\n.\n", "data\n[A]\nx=1\n.\n"},
+      {[](auto& c) { EXPECT_EQ(c.FindValue("[A]x"), std::nullopt); }, "get delimited\nA\n.\n", "data\n.\n"},
       {[](auto& c) {
          IniFile out;
          EXPECT_TRUE(c.GetSettings("A", out));
