@@ -8,10 +8,13 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "programs/server/connections/LogPeer.h"
+#include "programs/server/options/OptionValues.h"
 #include "programs/server/store/SettingsStore.h"
 #include "programs/server/system/Signals.h"
 #include "programs/server/system/SocketName.h"
@@ -67,6 +70,14 @@ settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server
   return env;
 }
 
+// The path as it is wherever somebody reads it.
+KeptChanges KeptChangesOf(const Options& options) {
+  std::error_code error;
+  KeptChanges kept{options.userSettings, FormatDurability(options.durability)};
+  if (!kept.path.empty()) kept.path = std::filesystem::absolute(options.userSettings, error).string();
+  return kept;
+}
+
 // Whoever has signals sent to it looks for the reason.
 void EndProcess() {
   kill(getpid(), SIGTERM);
@@ -94,11 +105,13 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _places(_limits.connections),
       _messageHolder(store.GetGate()),
       _subscriptionBudget(_limits.allSubscriptionBytes),
+      _info(counters, store.GetManager(), KeptChangesOf(options)),
       _env(EnvironmentOf(store, _serializationManager, _limits, _messageHolder)),
       _bounds{SharedBound(_limits.allRequestBytes), SharedBound(_limits.allBacklogBytes)},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {
   _env.subscriptionBudget = &_subscriptionBudget;
+  _env.serverInfo = &_info;
   store.GetManager().SetMaxAlikePatterns(_limits.alikePatterns);
   store.GetManager().SetCallsInPieces(true);  // connections read the values that they announce
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};

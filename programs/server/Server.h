@@ -17,6 +17,7 @@
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/metrics/Counters.h"
+#include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
 #include "tavix/osa/Descriptor.h"
@@ -89,6 +90,7 @@ class Server {
   settings::server::SerializationManager _serializationManager;
   MessageHolder _messageHolder;
   settings::server::SubscriptionBudget _subscriptionBudget;
+  const ServerInfo _info;
   settings::server::ServerEnv _env;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;

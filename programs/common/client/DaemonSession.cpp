@@ -90,6 +90,10 @@ std::vector<std::string> DaemonSession::GetSubscribed() {
   return Run([&] { return _client->GetSubscribed(); });
 }
 
+std::map<std::string, std::string> DaemonSession::GetServerInfo() {
+  return Run([&] { return _client->GetServerInfo(); });
+}
+
 IniFile DaemonSession::Subscribe(const Groups& groups) {
   return Run([&] { return _client->Subscribe(groups); });
 }

@@ -24,6 +24,7 @@ class DaemonSession : public Session {
   core::IniFile GetUserSettings() override;
   bool IsRestricted(const std::string& group) const override;
   std::vector<std::string> GetSubscribed() override;
+  std::map<std::string, std::string> GetServerInfo() override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
   void SetProgress(Progress progress) override { _client->SetProgress(std::move(progress)); }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -57,6 +58,10 @@ class Session {
 
   // Names and patterns that anybody has subscribed to.
   virtual std::vector<std::string> GetSubscribed() = 0;
+
+  // What the store's server reports of itself, by name (docs/protocol.md): of the moment behind all that was read
+  // before. Empty: there is none, or it is older than that request.
+  virtual std::map<std::string, std::string> GetServerInfo() { return {}; }
 
   // Returns what the groups hold at the moment from which on notices come.
   virtual core::IniFile Subscribe(const Groups& groups) = 0;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <ctime>
 
+#include "programs/server/metrics/CurrentFailure.h"
 #include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::daemon {
@@ -62,9 +63,10 @@ struct Counters {
 
   Counter saved;  // changes of the user settings that reached the file
   Counter notSaved;
-  Counter lastSave;       // when, in seconds since the epoch; 0: never
-  Counter unsavedSince;   // likewise, when the oldest change was made that the disk lacks; 0: there is none
-  Counter userFileBytes;  // as it was last loaded or saved
+  Counter lastSave;        // when, in seconds since the epoch; 0: never
+  Counter unsavedSince;    // likewise, when the oldest change was made that the disk lacks; 0: there is none
+  Counter userFileBytes;   // as it was last loaded or saved
+  CurrentFailure failure;  // why changes are not kept
 
   Counter defaultGroups;  // as they were last loaded
   Counter defaultKeys;

@@ -81,6 +81,18 @@ Durability ParseDurability(const std::string& text) {
   return {Durability::Kind::kInterval, std::chrono::milliseconds(milliseconds)};
 }
 
+std::string FormatDurability(const Durability& durability) {
+  switch (durability.kind) {
+    case Durability::Kind::kAlways:
+      return "always";
+    case Durability::Kind::kInterval:
+      return std::to_string(durability.interval.count()) + "ms";
+    case Durability::Kind::kNone:
+      break;
+  }
+  return "none";
+}
+
 void RequireText(const std::string& text) {
   if (text.empty()) throw osa::Exception("expected a path");
 }

@@ -32,6 +32,9 @@ void AppendUsers(const std::string& list, std::vector<uid_t>& users);
 // always, none, or a time in ms or s, up to a minute.
 Durability ParseDurability(const std::string& text);
 
+// The same in one spelling, a time in ms. Throws nothing.
+std::string FormatDurability(const Durability& durability);
+
 void RequireText(const std::string& text);
 
 // The parts between commas, without blanks around them; empty parts don't count.

@@ -109,6 +109,7 @@ void SharedUserLayer::OpenJournal(const std::vector<Change>& changes) {
 void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
+  ReportFailure(steps, reason);
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
   if (!_state.AreChangesLate() && !_pending.IsEmpty()) {
     _pending.Begin();  // it is owed to a snapshot
@@ -124,6 +125,13 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.reportsRecovery) _log.AddWarning(_quotedPath.c_str(), " is saved again");
   if (steps.wakesSync) _wakeSync.notify_one();
   if (steps.wakesSnapshot) _wakeSnapshot.notify_one();
+}
+
+void SharedUserLayer::ReportFailure(const Steps& steps, const char* reason) const {
+  using Report = Steps::Report;
+  if (!_setup.onFailure) return;
+  if (steps.report == Report::kFailure || steps.report == Report::kFailedRetry) _setup.onFailure(reason);
+  if (steps.reportsRecovery) _setup.onFailure("");
 }
 
 void SharedUserLayer::GiveUpJournal() {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "programs/server/persistence/ChangeInParts.h"
@@ -39,6 +40,10 @@ struct UserLayerSetup {
   // Since when there are changes that the disk lacks, in seconds since the epoch; 0: there are none. May be empty.
   // Never called with Durability::kNone.
   std::function<void(std::time_t since)> onUnsaved = {};
+
+  // Why changes are not kept from now on; empty: they are again. Called before anybody is shown such a change, and asks
+  // for no memory. May be empty.
+  std::function<void(std::string_view reason)> onFailure = {};
 
   // A change of more bytes is not written by its writer, who holds the store's lock.
   size_t largeChange = 512 * 1024;
@@ -214,6 +219,7 @@ class SharedUserLayer {
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
   void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
   void GiveUpJournal() TAVIX_REQUIRES(_mutex);
+  void ReportFailure(const Steps& steps, const char* reason) const;
 
   const UserLayerSetup _setup;
   const std::string _quotedPath;  // for messages

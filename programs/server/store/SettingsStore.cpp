@@ -38,7 +38,9 @@ std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, c
   const auto noteUnsaved = [&counters](std::time_t since) {
     counters.unsavedSince.Set(static_cast<unsigned long long>(since));
   };
-  const UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count, noteUnsaved};
+  const auto noteFailure = [&counters](std::string_view reason) { counters.failure.Set(reason); };
+  const UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count,
+                             noteUnsaved,      noteFailure};
   return std::make_unique<UserSettingsPersister>(setup, sources);
 }
 

@@ -95,6 +95,9 @@ class ProtocolClient::Exchange {
   // The lines up to the one that ends a payload, as a document; "line" is the first of them.
   IniFile ReadPayload(std::string line);
 
+  // A text of a reply that was read to its end.
+  IniFile Parse(const std::string& text) const;
+
   // Queues what has come of notices, and waits for more; false when none is whole by the end of the limit.
   bool AwaitNotice(std::optional<Milliseconds> limit);
 
@@ -179,6 +182,10 @@ IniFile ProtocolClient::Exchange::ReadPayload(std::string line) {
   std::string text;
   for (; line != protocol::kTerminator; line = ReadLine()) text.append(line).append(1, '\n');
   EndReply();
+  return Parse(text);
+}
+
+IniFile ProtocolClient::Exchange::Parse(const std::string& text) const {
   IniFile settings;
   try {
     settings.LoadFromString(text);
@@ -335,6 +342,24 @@ std::vector<std::string> ProtocolClient::GetSubscribed() {
   }
   _exchange->EndReply();
   return names;
+}
+
+// An older daemon writes nothing for that request: what shows it is the reply to another one behind it.
+std::map<std::string, std::string> ProtocolClient::GetServerInfo() {
+  _exchange->SendForReply(std::string(protocol::kInfo) + " " + protocol::kServer + "\n" + GetRequest({}));
+  std::string figures = "[]\n";  // the header of a group
+  std::string line = _exchange->ReadFirstLine();
+  if (line == "Server") {
+    if (line = _exchange->ReadLine(); line != "------") _exchange->FailUnexpected("------", line);
+    while (!(line = _exchange->ReadLine()).empty()) figures.append(line).append(1, '\n');
+    line = _exchange->ReadLine();
+  }
+  if (line != protocol::kData) _exchange->FailUnexpected(protocol::kData, line);
+  if (line = _exchange->ReadLine(); line != protocol::kTerminator)
+    _exchange->FailUnexpected(protocol::kTerminator, line);
+  _exchange->EndReply();
+  IniFile document = _exchange->Parse(figures);
+  return std::move(document[""]);
 }
 
 // What came in between is in the reply: the server carries out one request after the other.

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -99,6 +100,11 @@ class TAVIX_EXPORT ProtocolClient {
 
   // Names and patterns that any client has subscribed to.
   std::vector<std::string> GetSubscribed();
+
+  // What the daemon reports of itself, by name: docs/protocol.md lists the figures. Empty when it is older than that
+  // request. They are of the moment when the daemon handles the request: Flush before it, so that they tell what
+  // became of a change.
+  std::map<std::string, std::string> GetServerInfo();
 
   // From now on changes of these groups give notices, on top of earlier subscriptions; only the end of the connection
   // takes one back. Returns what the groups hold at the moment from which on notices come: what pending notices held of

@@ -18,6 +18,7 @@ constexpr char kDelimited[] = "delimited";
 constexpr char kNoPersist[] = "nopersist";
 constexpr char kAll[] = "all";
 constexpr char kSubscribed[] = "subscribed";
+constexpr char kServer[] = "server";
 
 constexpr char kData[] = "data";
 constexpr char kResult[] = "result";

@@ -239,6 +239,10 @@ size_t CallbackDispatcher::CountSubscriptionBytes() const {
   return _state->GetSizes().CountBytes();
 }
 
+size_t CallbackDispatcher::CountSubscriptions() const {
+  return _state->GetSizes().CountTexts();
+}
+
 unsigned long long CallbackDispatcher::CountTriedPatterns() const {
   return _state->tried.load(std::memory_order_relaxed);
 }

@@ -69,6 +69,9 @@ class TAVIX_EXPORT CallbackDispatcher {
   // The bytes of the names and patterns of all subscriptions together. Waits for nothing.
   size_t CountSubscriptionBytes() const;
 
+  // How many names and patterns all subscriptions have, those of several subscribers counted for each. Likewise.
+  size_t CountSubscriptions() const;
+
   // How many patterns have been compared with names of changed groups so far.
   unsigned long long CountTriedPatterns() const;
 

@@ -90,6 +90,7 @@ bool Subscriptions::AddText(Subscriber& subscriber, PatternIndex::Id id) {
   }
   if (isNew) {
     _bytes.fetch_add(_index.GetText(id).size(), std::memory_order_relaxed);
+    _texts.fetch_add(1, std::memory_order_relaxed);
   } else {
     subscriber.texts.pop_back();
   }
@@ -106,6 +107,7 @@ void Subscriptions::Remove(IChangeCallback* callback) {
   if (subscriber == _callbacks.end()) return;
   for (const PatternIndex::Id id : subscriber->second.texts) {
     _bytes.fetch_sub(_index.GetText(id).size(), std::memory_order_relaxed);
+    _texts.fetch_sub(1, std::memory_order_relaxed);
     _subscribers[id].Remove(&subscriber->second);
     DropIfUnused(id);
   }

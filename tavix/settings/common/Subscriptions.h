@@ -78,6 +78,9 @@ class Subscriptions {
   // The bytes of all texts of all subscribers.
   size_t CountBytes() const { return _bytes.load(std::memory_order_relaxed); }
 
+  // How many these are, those that several subscribers have each time.
+  size_t CountTexts() const { return _texts.load(std::memory_order_relaxed); }
+
  private:
   bool AddText(Subscriber& subscriber, PatternIndex::Id id);
   void DropIfUnused(PatternIndex::Id id);
@@ -88,6 +91,7 @@ class Subscriptions {
   std::vector<bool> _numbers;               // which are in use
   std::atomic<size_t> _count{0};
   std::atomic<size_t> _bytes{0};
+  std::atomic<size_t> _texts{0};
 };
 
 }  // namespace tavix::settings::common

@@ -16,6 +16,7 @@
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
 #include "tavix/settings/server/HandlerCounts.h"
+#include "tavix/settings/server/IServerInfo.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/MessageWriter.h"
 #include "tavix/settings/server/RequestLists.h"
@@ -65,7 +66,8 @@ bool IsLong(std::string_view request) {
   const std::string_view word = TakeWord(line);
   if (word == protocol::kSubscribe) return request.size() > kShortSubscription;
   if (word == protocol::kOverwrite) return request.find('*') != std::string_view::npos;
-  return word == protocol::kRestore || word == protocol::kDump || word == protocol::kInfo;
+  if (word == protocol::kInfo) return TakeWord(line) == protocol::kSubscribed;
+  return word == protocol::kRestore || word == protocol::kDump;
 }
 
 }  // namespace
@@ -82,6 +84,7 @@ ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out
       _maxMatchingWork(env->maxMatchingWork),
       _maxNameBytes(env->maxNameBytes),
       _subscriptionBudget(env->subscriptionBudget),
+      _serverInfo(env->serverInfo),
       _writer(std::make_shared<MessageWriter>(*env, *out)) {}
 
 ClientHandler::~ClientHandler() {
@@ -352,15 +355,32 @@ void ClientHandler::RestoreDefaults(std::string_view) {
   CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); });
 }
 
-// Made without the output mutex: notices need not wait for it.
 void ClientHandler::Info(std::string_view args) {
-  if (TakeWord(args) != protocol::kSubscribed) return;
+  const std::string_view word = TakeWord(args);
+  if (word == protocol::kSubscribed) ShowSubscribed();
+  if (word == protocol::kServer && _serverInfo) ShowServer();
+}
+
+// Made without the output mutex: notices need not wait for it.
+void ClientHandler::ShowSubscribed() {
   _writer->ReplyUnlocked(&kNoGroups, [this](core::StringOstream& text) {
     std::set<std::string> groups;
     _settingsManager->GetAllSubscribedGroups(groups);
     text.AppendLine("Subscribed groups\n-----------------");
     for (const std::string& group : groups) text.AppendLine(group);
     text.AppendLine("");
+  });
+}
+
+void ClientHandler::ShowServer() {
+  IniFile document;
+  _serverInfo->AddFigures(document[""]);
+  core::StringOstream lines;
+  document.SaveToStream(lines);
+  _writer->Reply(&kNoGroups, [&](core::StringOstream& message) {
+    message.AppendLine("Server\n------");
+    message.Append(std::string_view(lines.GetText()).substr(lines.GetText().find('\n') + 1));
+    message.AppendLine("");
   });
 }
 

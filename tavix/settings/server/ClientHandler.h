@@ -22,6 +22,7 @@ class Logger;
 namespace tavix::settings::server {
 
 class CommandTable;
+class IServerInfo;
 class MessageWriter;
 class SerializationManager;
 class SettingsManager;
@@ -124,6 +125,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RequireShortNotices(const Groups& changed) const;
   template <class Change>
   void CarryOut(Change change);
+  void ShowSubscribed();
+  void ShowServer();
   bool HandleLine();
   void DumpInParts(bool all);
   void GetInParts(const common::GroupNameMatcher& matcher, bool delimited);
@@ -151,6 +154,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
   SubscriptionBudget* const _subscriptionBudget;  // may be null
+  const IServerInfo* const _serverInfo;           // may be null
   const std::shared_ptr<MessageWriter> _writer;   // a thread that makes a change may hold it for a while longer
 
   // How the request at hand is handled.

@@ -5,6 +5,7 @@
 namespace tavix::settings::server {
 
 class IMessageObserver;
+class IServerInfo;
 class SerializationManager;
 class SettingsManager;
 class SubscriptionBudget;
@@ -39,6 +40,9 @@ struct ServerEnv {
   // How much it may be to try a list's patterns on the groups of the store: the number of the patterns, times the bytes
   // of the names of all groups. A request for more ends the connection. 0: no limit.
   unsigned long long maxMatchingWork = 0;
+
+  // What `info server` answers with; null: nothing.
+  const IServerInfo* serverInfo = nullptr;
 };
 
 }  // namespace tavix::settings::server

@@ -8,6 +8,7 @@
 
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/metrics/Metrics.h"
+#include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/OptionTable.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/programs/server/PrometheusText.h"
@@ -81,10 +82,28 @@ TEST(OperationsDocument, ItAndTheManualPageNameEveryOption) {
 
 TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
   const std::string page = ReadDocument("man/tavix-settings.7.scd");
-  for (const char* request :
-       {"get delimited", "merge", "nopersist", "test-and-merge", "overwrite", "restore", "subscribe", "serialize",
-        "phparray", "dump", "all", "info subscribed", "quit", "data", "result", "ok", "failure", "async change"})
+  for (const char* request : {"get delimited", "merge", "nopersist", "test-and-merge", "overwrite", "restore",
+                              "subscribe", "serialize", "phparray", "dump", "all", "info subscribed", "info server",
+                              "quit", "data", "result", "ok", "failure", "async change"})
     EXPECT_THAT(page, HasSubstr("*" + std::string(request) + "*"));
+}
+
+// "cut.REASON" stands for all of them.
+TEST(OperationsDocument, DescriptionOfTheProtocolHasEveryFigureOfTheServer) {
+  const std::string document = ReadDocument("protocol.md");
+  const size_t begin = document.find("### info server");
+  const std::string section = document.substr(begin, document.find("### quit", begin) - begin);
+  daemon::Counters counters;
+  counters.lastSave.Set(1);
+  counters.unsavedSince.Set(1);
+  counters.failure.Set("no room");
+  const settings::server::SettingsManager store;
+  core::IniFile::KeyMap figures;
+  daemon::ServerInfo(counters, store, {"/user.ini", "always"}).AddFigures(figures);
+  for (const auto& [name, value] : figures) {
+    const std::string shown = name.rfind("cut.", 0) == 0 ? "cut.REASON" : name;
+    EXPECT_THAT(section, HasSubstr("`" + shown + "`"));
+  }
 }
 
 // Each text of the table is one that the daemon or its library has: of what varies there stand dots or capitals.

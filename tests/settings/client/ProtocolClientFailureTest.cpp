@@ -101,6 +101,26 @@ TEST_F(ProtocolClientFailure, AListOfSubscriptionsWithoutItsEndIsNone) {
   EXPECT_EQ(ReasonOf([&] { client.GetSubscribed(); }), Reason::kNotProtocol);
 }
 
+TEST_F(ProtocolClientFailure, FiguresOfAServerThatHaveNoEndAreNone) {
+  for (const char* reply : {"Servers\n", "Server\n-----\n", "Server\n------\na=1\n\nresult\n",
+                            "Server\n------\n\ndata\n[a]\n.\n", "data\n[a]\n.\n"}) {
+    ScriptedServer server;
+    const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
+      peer.ReadThrough();
+      peer.Send(reply);
+      peer.ReadToEnd();
+    });
+    EXPECT_EQ(ReasonOf([] { Client(Patient()).GetServerInfo(); }), Reason::kNotProtocol) << reply;
+  }
+}
+
+TEST_F(ProtocolClientFailure, FiguresThatCanNotBeReadLeaveTheConnectionInStep) {
+  Answer({"Server\n------\nno figure\n\ndata\n.\n", "data\n.\n"});
+  Client client(Patient());
+  EXPECT_EQ(ReasonOf([&] { client.GetServerInfo(); }), Reason::kUnreadable);
+  client.Flush();
+}
+
 TEST_F(ProtocolClientFailure, AReplyThatNobodyAskedForIsNoNotice) {
   Client client(Patient());
   _server.Accept().Send("data\n");

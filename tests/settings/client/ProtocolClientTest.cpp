@@ -145,6 +145,26 @@ TEST_F(ProtocolClientRequests, TheListOfSubscriptionsMayHoldTheEmptyName) {
   EXPECT_THAT(Client(Patient()).GetSubscribed(), ElementsAre("", "a*"));
 }
 
+TEST_F(ProtocolClientRequests, TheServerReportsFiguresByTheirNames) {
+  Serve([](ServerEnd& peer) {
+    EXPECT_EQ(peer.ReadThrough(), "info server\nget delimited\n.\n");
+    peer.Send(kNotice + std::string("Server\n------\na\\x3db=two\\nlines\nversion=9\n\ndata\n.\n"));
+    EXPECT_EQ(peer.ReadThrough(), "get delimited\n.\n");
+    peer.Send("data\n.\n");
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  EXPECT_THAT(client.GetServerInfo(), ElementsAre(testing::Pair("a=b", "two\nlines"), testing::Pair("version", "9")));
+  client.Flush();
+}
+
+TEST_F(ProtocolClientRequests, AnOlderServerReportsNothing) {
+  Answer({"data\n.\n", "data\n[a]\n.\n"});
+  Client client(Patient());
+  EXPECT_THAT(client.GetServerInfo(), testing::IsEmpty());
+  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\n");
+}
+
 TEST_F(ProtocolClientRequests, ASubscriptionReadsWhatItIsAbout) {
   Serve([](ServerEnd& peer) {
     EXPECT_EQ(ReadTwoParts(peer), "subscribe\na\n.\nget delimited\na\n.\n");

@@ -385,7 +385,7 @@ TEST(CallbackDispatcher, TakesAChangeForLargeWhoseSubscribersTakeLongToFind) {
   EXPECT_TRUE(dispatcher.WouldCallMoreThan(10, changed));
 }
 
-TEST(CallbackDispatcher, CountsTheBytesOfAllSubscriptions) {
+TEST(CallbackDispatcher, CountsAllSubscriptionsAndTheirBytes) {
   CallbackDispatcher dispatcher;
   RecordingCallback first;
   RecordingCallback second;
@@ -393,10 +393,13 @@ TEST(CallbackDispatcher, CountsTheBytesOfAllSubscriptions) {
   dispatcher.AddCallback(&first, Names{"*8", "9"});
   dispatcher.AddCallback(&second, Names{"12345"});
   EXPECT_EQ(dispatcher.CountSubscriptionBytes(), 13u) << "what is subscribed to twice by one counts once";
+  EXPECT_EQ(dispatcher.CountSubscriptions(), 4u);
   dispatcher.RemoveCallback(&first);
   EXPECT_EQ(dispatcher.CountSubscriptionBytes(), 5u);
+  EXPECT_EQ(dispatcher.CountSubscriptions(), 1u);
   dispatcher.RemoveCallback(&second);
   EXPECT_EQ(dispatcher.CountSubscriptionBytes(), 0u);
+  EXPECT_EQ(dispatcher.CountSubscriptions(), 0u);
 }
 
 TEST(CallbackDispatcher, TellsWhetherASubscriptionWouldHaveTooManyAlikePatterns) {

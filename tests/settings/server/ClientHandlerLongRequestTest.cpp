@@ -76,7 +76,7 @@ class LongRequest : public testing::Test {
 TEST_F(LongRequest, ShortOnesAreHandledAtOnce) {
   for (const std::string request :
        {"get delimited\nG1\nG2*7\n.\n", "merge\n[A]\nx=1\n.\n", "test-and-merge\n.\n[A]\nx=1\n.\n",
-        "overwrite\nA\n.\n.\n", "subscribe\nA*\n.\n", "serialize ini\n", "unknown\n", "\n"})
+        "overwrite\nA\n.\n.\n", "subscribe\nA*\n.\n", "serialize ini\n", "info server\n", "unknown\n", "\n"})
     EXPECT_EQ(Try(request), Attempt::kHandled) << request;
   EXPECT_EQ(Try("quit\n"), Attempt::kHandled);
   EXPECT_EQ(Try("\n"), Attempt::kEnded);

@@ -5,6 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/server/IServerInfo.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/DocumentText.h"
@@ -21,6 +22,17 @@ using tavix::test::CapturedLog;
 using tavix::test::RecordingCallback;
 using tavix::test::ServedStore;
 using tavix::test::UserSettingsOf;
+
+// A host with figures that take escapes.
+struct Figures : tavix::settings::server::IServerInfo {
+  void AddFigures(tavix::core::IniFile::KeyMap& figures) const override {
+    figures = {{"kept", " true"}, {"a=b", "two\nlines \\"}, {"#", ""}};
+  }
+};
+
+struct NoFigures : tavix::settings::server::IServerInfo {
+  void AddFigures(tavix::core::IniFile::KeyMap&) const override {}
+};
 
 constexpr char kNetwork[] = "[Audio]\nv=1\n[Net/Eth0]\nip=10.0.0.2\n[Net/Wlan0]\nssid=x\n";
 
@@ -162,6 +174,26 @@ TEST(ClientHandler, InfoWithoutSubscribersIsAnEmptyListing) {
   EXPECT_EQ(served.Serve("info subscribed\n"), "Subscribed groups\n-----------------\n\n");
   EXPECT_EQ(served.Serve("subscribe\n.\ninfo subscribed\n"), "Subscribed groups\n-----------------\n\n")
       << "an empty list subscribes to nothing";
+}
+
+TEST(ClientHandler, InfoOfTheServerWritesWhatTheHostReportsAsSettingsText) {
+  ServedStore served({"[A]\nx=1\n"});
+  const Figures figures;
+  served.env.serverInfo = &figures;
+  EXPECT_EQ(served.Serve("serialize phparray\ninfo server now\nserialize ini\nget delimited\n.\n"),
+            "Server\n------\n\\x23=\na\\x3db=two\\nlines \\\\\nkept=\\strue\n\ndata\n.\n");
+}
+
+TEST(ClientHandler, InfoOfAServerWithoutFiguresIsAnEmptyListing) {
+  ServedStore served;
+  const NoFigures figures;
+  served.env.serverInfo = &figures;
+  EXPECT_EQ(served.Serve("info server\n"), "Server\n------\n\n");
+}
+
+TEST(ClientHandler, InfoOfTheServerOfAHostThatReportsNothingWritesNothing) {
+  ServedStore served;
+  EXPECT_EQ(served.Serve("info server\nget delimited\n.\n"), "data\n.\n");
 }
 
 TEST(ClientHandler, InfoOfAnythingElseWritesNothing) {
