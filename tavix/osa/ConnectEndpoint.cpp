@@ -15,12 +15,17 @@
 #include <cstring>
 #include <memory>
 
+#include "tavix/osa/Descriptor.h"
 #include "tavix/osa/ServiceEndpoint.h"
 #include "tavix/osa/Time.h"
 
 namespace tavix::osa {
 
 namespace {
+
+ConnectResult Failed(int error) {
+  return {-1, error, std::strerror(error)};
+}
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
@@ -32,7 +37,13 @@ AddressList Resolve(const ServiceEndpoint& endpoint, ConnectResult& result) {
   hints.ai_flags = AI_NUMERICSERV;
   addrinfo* found = nullptr;
   const int error = getaddrinfo(endpoint.host.c_str(), std::to_string(endpoint.port).c_str(), &hints, &found);
-  if (error != 0) result.reason = error == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(error);
+  if (error == EAI_SYSTEM) {
+    result = Failed(errno);
+  } else if (error == EAI_MEMORY) {
+    result = Failed(ENOMEM);
+  } else if (error != 0) {
+    result.reason = gai_strerror(error);
+  }
   return AddressList(found, freeaddrinfo);
 }
 
@@ -55,7 +66,7 @@ int FinishConnect(int descriptor, const Deadline& deadline) {
   return error;
 }
 
-int ConnectOne(int descriptor, const addrinfo& address, const Deadline& deadline) {
+int AwaitConnect(int descriptor, const addrinfo& address, const Deadline& deadline) {
   if (connect(descriptor, address.ai_addr, address.ai_addrlen) == 0) return 0;
   if (errno != EINPROGRESS && errno != EINTR) return errno;
   return FinishConnect(descriptor, deadline);
@@ -84,41 +95,39 @@ void SetBlocking(int descriptor) {
   if (flags >= 0) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
 }
 
-ConnectResult Failed(int error) {
-  return {-1, error, std::strerror(error)};
+// The share of one of several addresses in the time that is left.
+Deadline ShareOf(const Deadline& deadline, size_t addressesLeft) {
+  if (deadline.IsNever()) return deadline;
+  return Deadline(static_cast<unsigned int>(deadline.GetPollTimeout()) / static_cast<unsigned int>(addressesLeft));
+}
+
+ConnectResult ConnectAddress(const addrinfo& address, const Deadline& deadline) {
+  Descriptor descriptor(
+      socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol));
+  const int error = descriptor ? AwaitConnect(descriptor.Get(), address, deadline) : errno;
+  if (error != 0) return Failed(error);
+  SetBlocking(descriptor.Get());
+  SetUpConnection(descriptor.Get());
+  return {descriptor.Release()};
 }
 
 ConnectResult ConnectTcp(const ServiceEndpoint& endpoint, const Deadline& deadline) {
   ConnectResult result;
   const AddressList addresses = Resolve(endpoint, result);
-  if (!addresses) return result;
-  int error = EHOSTUNREACH;
-  for (const addrinfo* address = addresses.get(); address; address = address->ai_next) {
-    const int descriptor =
-        socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address->ai_protocol);
-    error = descriptor < 0 ? errno : ConnectOne(descriptor, *address, deadline);
-    if (error == 0) {
-      SetBlocking(descriptor);
-      SetUpConnection(descriptor);
-      return {descriptor};
-    }
-    if (descriptor >= 0) close(descriptor);
-  }
-  return Failed(error);
+  return addresses ? ConnectAddresses(addresses.get(), deadline) : result;
 }
 
 ConnectResult ConnectUnix(const std::string& path, const Deadline& deadline) {
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int error = descriptor < 0 ? errno : ConnectToPath(descriptor, path, deadline);
-  if (error == 0) return {descriptor};
-  if (descriptor >= 0) close(descriptor);
-  return Failed(error);
+  Descriptor descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int error = descriptor ? ConnectToPath(descriptor.Get(), path, deadline) : errno;
+  if (error != 0) return Failed(error);
+  return {descriptor.Release()};
 }
 
 }  // namespace
 
-// Finds a peer that is gone without a word after two minutes: by probes while nothing is under way, by the time limit
-// while something is, for then there are no probes.
+// A peer that is gone without a word is found after two minutes: by probes while nothing is under way, by the time
+// limit while something is, for then there are no probes.
 void SetUpConnection(int descriptor) {
   SetOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -126,6 +135,19 @@ void SetUpConnection(int descriptor) {
   SetOption(descriptor, IPPROTO_TCP, TCP_KEEPINTVL, 10);
   SetOption(descriptor, IPPROTO_TCP, TCP_KEEPCNT, 6);
   SetOption(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, 120 * 1000);
+}
+
+ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadline) {
+  size_t addressesLeft = 0;
+  for (const addrinfo* address = addresses; address; address = address->ai_next) ++addressesLeft;
+  ConnectResult result = Failed(EHOSTUNREACH);
+  for (const addrinfo* address = addresses; address && result.descriptor < 0; address = address->ai_next)
+    result = ConnectAddress(*address, ShareOf(deadline, addressesLeft--));
+  return result;
+}
+
+bool IsShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS || error == EADDRNOTAVAIL;
 }
 
 ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline) {

@@ -2,6 +2,8 @@
 
 #include <string>
 
+struct addrinfo;
+
 namespace tavix::osa {
 
 class Deadline;
@@ -10,14 +12,21 @@ struct ServiceEndpoint;
 // How an attempt to connect ended.
 struct ConnectResult {
   int descriptor = -1;      // blocking, closed on exec; the caller's to close. -1 after a failure
-  int error = 0;            // of errno; 0 when the host was not found
+  int error = 0;            // of errno, ETIMEDOUT when the time was up; 0 when the host was not found
   std::string reason = {};  // of a failure
 };
 
-// Connects a socket to an endpoint, and tries each of its addresses in the time given. A TCP connection sends small
-// messages at once and finds a dead peer within two minutes. To find the address of a host's name takes as long as the
-// system's resolver takes.
+// Connects a socket to an endpoint. A TCP connection sends small messages at once and finds a dead peer within two
+// minutes. To find the addresses of a host's name takes as long as the system's resolver takes.
 ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline);
+
+// Tries the addresses of a host one after the other, each once. The time that is left is shared by those that were not
+// tried yet, so that one that does not answer takes no other's turn; an address that fails soon leaves its share to
+// the others. Without a limit each has as long as the system gives it. The failure is that of the last address.
+ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadline);
+
+// Whether a failure is this system's: it has no descriptor, memory or port left for a connection.
+bool IsShortage(int error);
 
 // Sets up a TCP connection as ConnectEndpoint does. Harmless for other sockets.
 void SetUpConnection(int descriptor);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -18,6 +17,7 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/Environment.h"
+#include "tests/support/FullListener.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -28,6 +28,7 @@ using tavix::osa::Exception;
 using tavix::osa::kWaitForever;
 using tavix::osa::TcpSocket;
 using tavix::test::BackgroundCall;
+using tavix::test::FullListener;
 using tavix::test::ListeningSocket;
 using tavix::test::MillisecondsOf;
 using tavix::test::ReceiveAll;
@@ -103,34 +104,6 @@ TEST(TcpSocket, ConnectingAgainEndsTheFirstConnection) {
   EXPECT_EQ(send(socket.GetDescriptor(), "x", 1, MSG_NOSIGNAL), 1);
   EXPECT_EQ(tavix::test::ReceiveOnce(second), "x");
 }
-
-// A peer whose queue of connections is full answers nothing: connects to it end by their limit alone.
-class FullListener {
- public:
-  FullListener() : _listener(0) {
-    for (int i = 0; i < 3; ++i) {
-      _fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      address.sin_port = htons(_listener.GetPort());
-      (void)connect(_fillers.back().Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
-      if (i == 0) AwaitFirst();
-    }
-  }
-
-  unsigned short GetPort() const { return _listener.GetPort(); }
-
- private:
-  // There is room until the first connection is in the queue.
-  void AwaitFirst() const {
-    pollfd wait{_listener.GetDescriptor(), POLLIN, 0};
-    EXPECT_EQ(poll(&wait, 1, -1), 1);
-  }
-
-  ListeningSocket _listener;
-  std::vector<Descriptor> _fillers;
-};
 
 TEST(TcpSocket, ALimitBelowASecondCountsAsASecond) {
   const FullListener full;

@@ -24,10 +24,13 @@ using Reason = ProtocolException::Reason;
 
 constexpr char kLabel[] = "tavix-settings-server";
 constexpr Milliseconds kMaxWait{1000 * 1000 * 1000};  // what poll(2) takes at a time, and more than any time-out
-constexpr size_t kPartBytes = 64 * size_t{1024};
+constexpr size_t kSendBytes = 64 * size_t{1024};      // at a time
+constexpr size_t kReceiveBytes = 16 * size_t{1024};   // at a time
 constexpr size_t kMaxLineBytes = protocol::kMaxLineBytes;
 constexpr size_t kMaxRequestBytes = 4 * kMaxLineBytes;
 constexpr size_t kMaxNameBytes = 4 * size_t{1024};
+constexpr char kBusyHint[] = "it is busy with others, or stopped";
+constexpr char kDroppedHint[] = "its host is off or busy, or something on the way drops what is sent to it";
 constexpr char kLimitsHint[] =
     "a server takes names of 4 KiB, lines of 16 MiB and requests of 64 MiB, unless its --max-name, --max-line and "
     "--max-request say otherwise";
@@ -72,11 +75,16 @@ bool IsLargeRequest(std::string_view request) {
   return longestName > kMaxNameBytes || longestLine > kMaxLineBytes || request.size() > kMaxRequestBytes;
 }
 
-Milliseconds TimeUntil(LineSocket::Clock::time_point end) {
-  return std::chrono::ceil<Milliseconds>(end - LineSocket::Clock::now());
+int PollTimeout(LineSocket::Clock::time_point end) {
+  const auto left = std::chrono::ceil<Milliseconds>(end - LineSocket::Clock::now());
+  return static_cast<int>(std::clamp(left, Milliseconds(0), kMaxWait).count());
 }
 
 }  // namespace
+
+LineSocket::Clock::time_point LineSocket::After(Clock::time_point start, Milliseconds time) {
+  return start + std::clamp(time, Milliseconds(0), kMaxWait);
+}
 
 LineSocket::LineSocket(const ProtocolOptions& options)
     : _timeouts(options.timeouts), _maxMessageBytes(options.maxMessageBytes) {
@@ -90,10 +98,13 @@ void LineSocket::Connect(const ProtocolOptions& options) {
   const osa::Deadline deadline(static_cast<unsigned int>(std::max<Milliseconds::rep>(limit.count(), 0)));
   osa::ConnectResult result = osa::ConnectEndpoint(endpoint, deadline);
   _descriptor = result.descriptor;
+  _receivedAt = Clock::now();
   if (_descriptor >= 0) return;
-  if (!endpoint.path.empty() && result.error == ETIMEDOUT)
+  if (result.error == ETIMEDOUT)
     Fail(Reason::kTimedOut, "the server at " + _address + " took no connection within " + ShowSeconds(limit),
-         "it is busy with others, or stopped");
+         endpoint.path.empty() ? kDroppedHint : kBusyHint);
+  if (osa::IsShortage(result.error))
+    Fail(Reason::kNoResources, "no connection to " + _address + " can be made: " + result.reason);
   Fail(Reason::kUnreachable, "no server at " + _address + ": " + result.reason);
 }
 
@@ -101,35 +112,38 @@ void LineSocket::StartCall() {
   _wasSent = false;
   if (_descriptor < 0) Fail(Reason::kLost, "the connection to " + _address + " was closed after an earlier failure");
   _end.reset();
-  if (_timeouts.call) _end = Clock::now() + std::min(*_timeouts.call, kMaxWait);
+  if (_timeouts.call) _end = After(Clock::now(), *_timeouts.call);
 }
 
+// Bounded, as a server may send faster than its client reads.
 bool LineSocket::ReceiveAvailable() {
-  constexpr int kMaxParts = 64;  // a peer may send faster than we read
   Received received = Received::kBytes;
-  for (int parts = 0; parts < kMaxParts && received == Received::kBytes; ++parts) {
-    if (_received.size() - _start > _maxMessageBytes) break;
+  const size_t maxBytes = _buffer.GetBytes() + kMaxAvailableBytes;
+  while (received == Received::kBytes && HasRoom() && _buffer.GetBytes() + kReceiveBytes <= maxBytes)
     received = TryReceive();
-  }
   return received != Received::kEnd;
 }
 
-void LineSocket::Send(const std::string& text, const Progress& progress) {
-  if (IsLargeRequest(text)) _isLarge = true;
-  for (size_t sent = 0; sent < text.size();) {
+void LineSocket::StartRequest(std::string_view request, bool isWrite) {
+  _isWrite = isWrite;
+  if (IsLargeRequest(request)) _isLarge = true;
+}
+
+size_t LineSocket::SendSome(std::string_view rest) {
+  while (true) {
     const ssize_t count =
-        send(_descriptor, text.data() + sent, std::min(text.size() - sent, kPartBytes), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (count >= 0) {
+        send(_descriptor, rest.data(), std::min(rest.size(), kSendBytes), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count > 0) {
       _wasSent = true;
-      sent += static_cast<size_t>(count);
-      if (progress) progress(sent, text.size());
-    } else if (errno == EAGAIN) {
-      const bool hasRoom = _received.size() - _start <= _maxMessageBytes;
-      const short ready = AwaitProgress(hasRoom ? POLLIN | POLLOUT : POLLOUT);
-      if ((ready & POLLIN) != 0) Receive();
-    } else if (errno != EINTR) {
-      FailLost();
+      if (_isWrite) _hasUnconfirmedWrites = true;
+      return static_cast<size_t>(count);
     }
+    if (count < 0 && errno == EAGAIN) {
+      const short ready = AwaitProgress(HasRoom() ? POLLIN | POLLOUT : POLLOUT);
+      if ((ready & POLLIN) != 0) Receive();
+      return 0;
+    }
+    if (count < 0 && errno != EINTR) FailLost();
   }
 }
 
@@ -142,45 +156,38 @@ std::string LineSocket::ReadLine() {
 }
 
 std::optional<std::string> LineSocket::TakeLine() {
-  const size_t end = _received.find('\n', _start + _scanned);
-  const size_t bytes = std::min(end, _received.size()) - _start;
-  if (_messageBytes + bytes > _maxMessageBytes)
+  if (_messageBytes + _buffer.CountLineBytes() > _maxMessageBytes)
     Fail(Reason::kTooLarge,
          "the reply of " + _address + " has more than " + std::to_string(_maxMessageBytes) + " bytes");
-  if (end == std::string::npos) {
-    _received.erase(0, _start);
-    _start = 0;
-    _scanned = bytes;
-    return std::nullopt;
-  }
-  std::string line = _received.substr(_start, bytes);
-  _start = end + 1;
-  _scanned = 0;
-  _messageBytes += bytes + 1;
+  std::optional<std::string> line = _buffer.TakeLine();
+  if (line) _messageBytes += line->size() + 1;
   return line;
 }
 
 void LineSocket::PutBack(const std::string& line) {
-  _start -= line.size() + 1;
+  _buffer.PutBack(line);
   _messageBytes -= line.size() + 1;
 }
 
-bool LineSocket::ReceiveWithin(std::optional<Milliseconds> limit) {
-  if (Await(POLLIN, limit) == 0) return false;
-  Receive();
-  return true;
+bool LineSocket::ReceiveUntil(std::optional<Clock::time_point> end, bool hasMessageBegun) {
+  const Clock::time_point silent = After(_receivedAt, _timeouts.silence);
+  if (_end) end = std::min(*_end, end.value_or(*_end));
+  if (Await(POLLIN, hasMessageBegun ? std::min(silent, end.value_or(silent)) : end) != 0) {
+    Receive();
+    return true;
+  }
+  if (hasMessageBegun && Clock::now() >= silent) FailTimedOut(_timeouts.silence);
+  if (hasMessageBegun && _end && Clock::now() >= *_end) FailTimedOut(*_timeouts.call);
+  return false;
 }
 
 LineSocket::Received LineSocket::TryReceive() {
-  if (_start > _received.size() / 2) {
-    _received.erase(0, _start);  // lines that were taken
-    _start = 0;
-  }
-  char part[kPartBytes];
-  const ssize_t count = recv(_descriptor, part, sizeof part, MSG_DONTWAIT);
+  char* const room = _buffer.MakeRoom(kReceiveBytes);
+  const ssize_t count = recv(_descriptor, room, kReceiveBytes, MSG_DONTWAIT);
   if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return Received::kEnd;
   if (count < 0) return Received::kNothing;
-  _received.append(part, static_cast<size_t>(count));
+  _buffer.AddWritten(static_cast<size_t>(count));
+  _receivedAt = Clock::now();
   return Received::kBytes;
 }
 
@@ -188,24 +195,24 @@ void LineSocket::Receive() {
   if (TryReceive() == Received::kEnd) FailLost();
 }
 
-// Waits for one of the events in spite of signals, and returns those that came; none when the time is up.
-short LineSocket::Await(short events, std::optional<Milliseconds> limit) {
-  const Clock::time_point end = Clock::now() + std::min(limit.value_or(kMaxWait), kMaxWait);
+// Waits for one of the events in spite of signals, and returns those that came; none at "end".
+short LineSocket::Await(short events, std::optional<Clock::time_point> end) {
   while (true) {
-    const Milliseconds left = std::max(TimeUntil(end), Milliseconds(0));
     pollfd wait{_descriptor, events, 0};
-    const int count = poll(&wait, 1, limit ? static_cast<int>(left.count()) : -1);
+    const int count = poll(&wait, 1, end ? PollTimeout(*end) : -1);
     if (count > 0) return wait.revents;
     if (count < 0 && errno != EINTR) FailLost();
-    if (limit && Clock::now() >= end) return 0;
+    if (end && Clock::now() >= *end) return 0;
   }
 }
 
+// A server that never stops sending makes progress for ever: then the end of the call is looked at here.
 short LineSocket::AwaitProgress(short events) {
-  Milliseconds limit = _timeouts.silence;
-  if (_end) limit = std::min(limit, TimeUntil(*_end));
-  const short ready = limit.count() < 0 ? short{0} : Await(events, limit);
-  if (ready == 0) FailTimedOut(_end && Clock::now() >= *_end ? *_timeouts.call : _timeouts.silence);
+  if (_end && Clock::now() >= *_end) FailTimedOut(*_timeouts.call);
+  const Clock::time_point silent = After(Clock::now(), _timeouts.silence);
+  const bool isCallSooner = _end && *_end < silent;
+  const short ready = Await(events, isCallSooner ? *_end : silent);
+  if (ready == 0) FailTimedOut(isCallSooner ? *_timeouts.call : _timeouts.silence);
   return ready;
 }
 
@@ -219,7 +226,7 @@ void LineSocket::FailLost() {
 
 void LineSocket::Fail(Reason reason, const std::string& text, const std::string& hint) {
   Close();
-  throw ProtocolException(reason, text, hint, _wasSent);
+  throw ProtocolException(reason, text, hint, WasSent());
 }
 
 void LineSocket::Close() {

@@ -2,10 +2,11 @@
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include "tavix/settings/client/LineBuffer.h"
 #include "tavix/settings/client/ProtocolException.h"
 #include "tavix/settings/client/ProtocolOptions.h"
 
@@ -17,14 +18,18 @@ namespace tavix::settings::client {
 //
 // Threads: one.
 // Owns:    the descriptor.
-// Errors:  ProtocolException. Each closes the connection.
+// Errors:  ProtocolException. Each closes the connection. What else is thrown, such as std::bad_alloc, does not: the
+//          caller closes it.
 class LineSocket {
  public:
   using Clock = std::chrono::steady_clock;
   using Milliseconds = std::chrono::milliseconds;
 
-  // Is told how many of all bytes have left.
-  using Progress = std::function<void(size_t done, size_t all)>;
+  // What one ReceiveAvailable receives at most.
+  static constexpr size_t kMaxAvailableBytes = size_t{1024} * 1024;
+
+  // Time-outs are the user's, and may be any: the sum never runs over.
+  static Clock::time_point After(Clock::time_point start, Milliseconds time);
 
   // One attempt to connect.
   explicit LineSocket(const ProtocolOptions& options);
@@ -36,17 +41,21 @@ class LineSocket {
   const std::string& GetAddress() const { return _address; }
   int GetDescriptor() const { return _descriptor; }
 
-  const ProtocolTimeouts& GetTimeouts() const { return _timeouts; }
   void SetTimeouts(const ProtocolTimeouts& timeouts) { _timeouts = timeouts; }
 
   // Throws kLost when the connection is closed.
   void StartCall();
 
-  // Receives what has come so far, without waiting. False when the server has ended the connection behind it.
+  // Receives what has come so far, without waiting: kMaxAvailableBytes of it, and nothing while more than a message may
+  // have was not taken. False when the server has ended the connection behind it.
   bool ReceiveAvailable();
 
-  // Receives while it sends, so that a server that has to send first does not stop it.
-  void Send(const std::string& text, const Progress& progress);
+  // Begins a request. isWrite: it may change the store.
+  void StartRequest(std::string_view request, bool isWrite);
+
+  // Sends what the server takes of it, and returns how much that was. 0: the server took nothing; then it was waited
+  // for, and what it sent meanwhile was received, so that a server that has to send first does not stop the client.
+  size_t SendSome(std::string_view rest);
 
   // The next line, without its line feed.
   std::string ReadLine();
@@ -54,32 +63,42 @@ class LineSocket {
   // The next line if it has been received whole.
   std::optional<std::string> TakeLine();
 
-  // Makes a line that was just taken the next one again.
+  // Makes the line that was taken last the next one again.
   void PutBack(const std::string& line);
 
-  // Waits until something is received; false when that takes longer than the limit. Without a limit it waits for ever.
-  bool ReceiveWithin(std::optional<Milliseconds> limit);
+  // Waits until something is received; false at "end", or at the end of the call. Without either it waits for ever.
+  // hasMessageBegun: the rest of a message is waited for. Then the end of the call, and a server that has been silent
+  // for too long, are kTimedOut; the silence of calls before counts.
+  bool ReceiveUntil(std::optional<Clock::time_point> end, bool hasMessageBegun);
 
-  // Whether bytes were received that were not taken yet.
-  bool HasBytes() const { return _received.size() > _start; }
+  // How many bytes were received that were not taken yet.
+  size_t GetReceivedBytes() const { return _buffer.GetBytes(); }
 
   // What the bytes of a message count from.
   void StartMessage() { _messageBytes = 0; }
 
+  // A reply was read: everything that was sent before it has been carried out.
+  void ConfirmWrites() { _hasUnconfirmedWrites = false; }
+
+  // Whether anything of the call's request, or of a write that no reply has confirmed, may have reached the server.
+  bool WasSent() const { return _wasSent || _hasUnconfirmedWrites; }
+
   // Closes the connection and throws.
   [[noreturn]] void Fail(ProtocolException::Reason reason, const std::string& text, const std::string& hint = {});
-  [[noreturn]] void FailTimedOut(Milliseconds limit);
   [[noreturn]] void FailLost();
 
   void Close();
 
  private:
-  void Connect(const ProtocolOptions& options);
   enum class Received { kBytes, kNothing, kEnd };
+
+  void Connect(const ProtocolOptions& options);
   Received TryReceive();
   void Receive();
-  short Await(short events, std::optional<Milliseconds> limit);
+  bool HasRoom() const { return _buffer.GetBytes() <= _maxMessageBytes; }
+  short Await(short events, std::optional<Clock::time_point> end);
   short AwaitProgress(short events);
+  [[noreturn]] void FailTimedOut(Milliseconds limit);
 
   ProtocolTimeouts _timeouts;
   const size_t _maxMessageBytes;
@@ -88,12 +107,13 @@ class LineSocket {
 
   std::optional<Clock::time_point> _end;  // of the call
   bool _wasSent = false;                  // some of the call's request
+  bool _isWrite = false;                  // the call's request
+  bool _hasUnconfirmedWrites = false;     // that were sent, in part at least
+  bool _isLarge = false;                  // a request was larger than a server takes by default
 
-  bool _isLarge = false;  // a request was larger than a server takes by default
-  std::string _received;  // and not yet read, from _start on
-  size_t _start = 0;
-  size_t _scanned = 0;       // of it, without a line feed
-  size_t _messageBytes = 0;  // of the message that is being read, in whole lines
+  LineBuffer _buffer;
+  Clock::time_point _receivedAt;  // of the last bytes
+  size_t _messageBytes = 0;       // of the message that is being read, in whole lines
 };
 
 }  // namespace tavix::settings::client

@@ -8,6 +8,30 @@
 
 namespace tavix::settings::client {
 
+namespace {
+
+constexpr size_t kNodeBytes = 64;  // what a container takes for an element, roughly
+
+size_t BytesOf(const std::string& name) {
+  return name.size() + kNodeBytes;
+}
+
+size_t BytesOf(const core::IniFile& settings, const std::string& group) {
+  if (!settings.HasGroup(group)) return 0;
+  size_t bytes = BytesOf(group);
+  for (const auto& [key, value] : settings[group]) bytes += BytesOf(key) + value.size();
+  return bytes;
+}
+
+size_t BytesOf(const NoticeQueue::Entry& entry) {
+  size_t bytes = kNodeBytes + entry.error.size();
+  for (const std::string& group : entry.notice.groups) bytes += BytesOf(group);
+  for (const auto& [group, keys] : entry.notice.settings) bytes += BytesOf(entry.notice.settings, group);
+  return bytes;
+}
+
+}  // namespace
+
 bool NoticeQueue::TakeLine(const std::string& line) {
   switch (_state) {
     case State::kNone:
@@ -43,23 +67,46 @@ void NoticeQueue::Finish() {
   Add(std::move(entry));
 }
 
+// One notice alone is kept whatever it takes: its reader has bounded it.
 void NoticeQueue::Add(Entry entry) {
+  if (_hasDropped) return;
   if (_entries.size() < _maxCount) {
+    _bytes += BytesOf(entry);
     _entries.push_back(std::move(entry));
-    return;
-  }
-  Entry& last = _entries.back();
-  if (!entry.error.empty()) last.error = std::move(entry.error);
-  for (const std::string& group : entry.notice.groups) {
-    last.notice.groups.insert(group);
-    last.notice.settings.RemoveGroup(group);
-    last.notice.settings.MergeSettings(entry.notice.settings, group);
+    if (_bytes > _maxBytes && _entries.size() > 1) DropAll();
+  } else {
+    MergeIntoLast(std::move(entry));
+    if (_bytes > _maxBytes) DropAll();
   }
 }
 
+void NoticeQueue::MergeIntoLast(Entry entry) {
+  Entry& last = _entries.back();
+  if (!entry.error.empty()) {
+    _bytes += entry.error.size() - last.error.size();
+    last.error = std::move(entry.error);
+  }
+  core::IniFile& settings = last.notice.settings;
+  for (const std::string& group : entry.notice.groups) {
+    if (last.notice.groups.insert(group).second) _bytes += BytesOf(group);
+    _bytes -= BytesOf(settings, group);
+    settings.RemoveGroup(group);
+    settings.MergeSettings(entry.notice.settings, group);
+    _bytes += BytesOf(settings, group);
+  }
+}
+
+void NoticeQueue::DropAll() {
+  _hasDropped = true;
+  _entries.clear();
+  _bytes = 0;
+}
+
 NoticeQueue::Entry NoticeQueue::Pop() {
+  if (std::exchange(_hasDropped, false)) return {{}, {}, true};
   Entry entry = std::move(_entries.front());
   _entries.pop_front();
+  _bytes -= BytesOf(entry);
   return entry;
 }
 
@@ -67,6 +114,7 @@ void NoticeQueue::Forget(const std::set<std::string>& namesAndPatterns) {
   common::GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(namesAndPatterns);
   std::deque<Entry> kept;
+  _bytes = 0;
   for (Entry& entry : _entries) {
     std::set<std::string> known;
     matcher.GetMatchingGroups(entry.notice.groups, known);
@@ -74,7 +122,9 @@ void NoticeQueue::Forget(const std::set<std::string>& namesAndPatterns) {
       entry.notice.groups.erase(group);
       entry.notice.settings.RemoveGroup(group);
     }
-    if (!entry.notice.groups.empty()) kept.push_back(std::move(entry));
+    if (entry.notice.groups.empty()) continue;
+    _bytes += BytesOf(entry);
+    kept.push_back(std::move(entry));
   }
   _entries = std::move(kept);
 }

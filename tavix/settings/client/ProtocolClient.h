@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,6 +16,8 @@
 
 namespace tavix::settings::client {
 
+class ProtocolExchange;
+
 // One connection to a daemon, and the requests of the protocol (docs/protocol.md) over it, for programs that want to
 // know what went wrong. TavixSettingsClient is the interface for all others: it connects again by itself, repeats, and
 // hides lost connections.
@@ -27,9 +28,10 @@ namespace tavix::settings::client {
 // Threads: one at a time for each object; several objects are independent. There is no thread of its own.
 // Time:    no call waits longer than its Timeouts allow, but for the system's resolver while it finds the address of a
 //          host's name.
-// Errors:  ProtocolException. After kUsage and kUnreadable the connection goes on. After any other failure it is
-//          closed, as nobody knows to which request the next reply would belong: each later call throws kLost, and a
-//          new object makes a new connection.
+// Errors:  ProtocolException. After kUsage, kUnreadable and kDropped the connection goes on. After any other failure,
+//          std::bad_alloc included, it is closed at once, as nobody knows to which request the next reply would belong:
+//          each later call throws kLost, and a new object makes a new connection. What comes that no request asked for,
+//          and is no notice, is such a failure of the next call.
 // Signals: an interrupted wait goes on; a peer that is gone raises no SIGPIPE.
 // Fork:    the descriptor is closed on exec. A child that uses the object would take its parent's replies: it may only
 //          destroy it.
@@ -43,13 +45,10 @@ class TAVIX_EXPORT ProtocolClient {
   using Options = ProtocolOptions;
   using Notice = ProtocolNotice;
 
-  // Takes each line of the protocol as it is, without its line feed: '>' is sent, '<' is received.
-  using Trace = std::function<void(char direction, const std::string& line)>;
+  using Trace = ProtocolTrace;
+  using Progress = ProtocolProgress;
 
-  // Is told how many of all bytes of a request have left.
-  using Progress = std::function<void(size_t done, size_t all)>;
-
-  // How many notices are kept one by one.
+  // How many pending notices are kept one by one.
   static constexpr size_t kMaxPendingNotices = 64;
 
   // Connects.
@@ -85,9 +84,10 @@ class TAVIX_EXPORT ProtocolClient {
   // What clients wrote, with the bookkeeping of what they deleted.
   core::IniFile GetUserSettings();
 
-  // These writes have no reply: they return when the request has left. Flush, or any call that reads, tells that they
-  // were carried out. What they may not write, such as restricted groups, the daemon drops without a word.
-  // isVolatile: the change is not saved.
+  // These writes have no reply: they return when the request has left. Flush, or any call that reads, confirms that
+  // they were carried out; when a later call fails before that, its ProtocolException::WasSent is true for these. What
+  // they may not write, such as restricted groups, the daemon drops without a word. isVolatile: the change is not
+  // saved.
   void Merge(const core::IniFile& settings, bool isVolatile = false);
   void Overwrite(const Groups& namesAndPatterns, const core::IniFile& settings);
   void Restore(const Groups& namesAndPatterns);
@@ -108,21 +108,29 @@ class TAVIX_EXPORT ProtocolClient {
 
   // From now on changes of these groups give notices, on top of earlier subscriptions; only the end of the connection
   // takes one back. Returns what the groups hold at the moment from which on notices come: what pending notices held of
-  // them is dropped.
+  // them is dropped. More than 256 patterns are read in several requests, each with a moment of its own.
+  //
+  // A daemon refuses a subscription that is beyond its limits, as a whole and without a word; the groups are read all
+  // the same. Names and patterns that GetSubscribed lacks afterwards were refused. It shows those of all clients: where
+  // others may have subscribed to the same, ask before, too.
   core::IniFile Subscribe(const Groups& namesAndPatterns);
 
-  // The next notice; nothing when none came within the limit. Zero does not wait. Without a limit it waits for ever for
-  // the first byte of a notice; the rest of it must come within the time-out of silence.
+  // The next notice; nothing when none came within the limit. Zero does not wait. Without a limit it waits for the
+  // first byte of a notice as long as the time-out of a call lets it, for ever if there is none. Once a notice has
+  // begun, its rest must come within that time-out, and the server may not be silent for longer than its own:
+  // kTimedOut. Silence counts from the last byte on, over several calls.
   //
-  // Notices that come during other calls are kept. When kMaxPendingNotices wait, further ones are merged into the last
-  // one, so that no more is kept than that and what the subscribed groups hold. kUnreadable: a notice is lost, and what
-  // it told has to be read.
+  // Notices that come before they are asked for are pending: every call takes those that were received. From
+  // kMaxPendingNotices on, a notice is merged into the last one, which then holds each group as it is now. When they
+  // take more than ProtocolOptions::maxPendingBytes, all are dropped, and so are those that follow, until this call has
+  // thrown kDropped, once: the subscriptions go on, and Subscribe with the same groups returns what they hold. A notice
+  // that pends alone may be as large as a message may.
+  //
+  // kUnreadable: a notice is lost, and what it was about has to be read.
   std::optional<Notice> AwaitNotice(std::optional<Milliseconds> limit);
 
  private:
-  class TAVIX_LOCAL Exchange;
-
-  std::unique_ptr<Exchange> _exchange;
+  std::unique_ptr<ProtocolExchange> _exchange;
 };
 
 }  // namespace tavix::settings::client

@@ -13,11 +13,13 @@ class TAVIX_EXPORT ProtocolException : public osa::Exception {
   enum class Reason {
     kUsage,        // the address is none, or a name or a line can't be sent; nothing was sent
     kUnreachable,  // there is no server at the address
-    kTimedOut,     // the server kept silent, or the call took too long
+    kTimedOut,     // the server kept silent, or took no connection, or the call took too long
     kLost,         // the connection has ended, or had to be ended after an earlier failure
     kNotProtocol,  // the peer answered something else than the protocol has
     kTooLarge,     // the reply or notice is larger than the client takes
     kUnreadable,   // a whole reply or notice came whose settings text does not parse; the connection goes on
+    kNoResources,  // this system has no descriptor, memory or port left for a connection
+    kDropped,      // notices were dropped, because too many were pending; the connection goes on
   };
 
   // hint: what the person who reads the text can do; may be empty. wasSent: see WasSent.
@@ -27,8 +29,10 @@ class TAVIX_EXPORT ProtocolException : public osa::Exception {
   Reason GetReason() const { return _reason; }
   const std::string& GetHint() const { return _hint; }
 
-  // Whether any of the request may have reached the server. If so, nobody knows what became of a write: read, and
-  // compare. If not, the same call can be made again on a new connection.
+  // Whether anything may have reached the server of the call's request, or of a write before it that no reply has
+  // confirmed: a write returns once it has left, and the next reply of any kind shows that it was carried out. If so,
+  // nobody knows what became of these writes: read, and compare. If not, nothing was lost, and the same call can be
+  // made again on a new connection.
   bool WasSent() const { return _wasSent; }
 
  private:

@@ -2,20 +2,22 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 
 #include "tavix/core/IniFile.h"
 
-// What ProtocolClient takes and gives. Plain values.
+// What ProtocolClient takes and gives: plain values, and functions of its user.
 namespace tavix::settings::client {
 
 struct ProtocolTimeouts {
   // How long the server may take nothing and send nothing while a call waits for it, connecting included.
   std::chrono::milliseconds silence{2000};
 
-  // How long one call may take in all; none: as long as there is progress.
+  // How long one call may take in all; none: as long as there is progress. A wait for a notice that has not begun ends
+  // then without one, as at its own limit.
   std::optional<std::chrono::milliseconds> call = {};
 };
 
@@ -31,7 +33,16 @@ struct ProtocolOptions {
 
   // The bytes that one reply or notice may have.
   size_t maxMessageBytes = 256 * size_t{1024} * 1024;
+
+  // The bytes that the notices may take which nobody has asked for yet; see ProtocolClient::AwaitNotice.
+  size_t maxPendingBytes = 16 * size_t{1024} * 1024;
 };
+
+// Takes each line of the protocol as it is, without its line feed: '>' is sent, '<' is received.
+using ProtocolTrace = std::function<void(char direction, const std::string& line)>;
+
+// Gets how many of all bytes of a request have left.
+using ProtocolProgress = std::function<void(size_t done, size_t all)>;
 
 // Some groups have changed.
 struct ProtocolNotice {

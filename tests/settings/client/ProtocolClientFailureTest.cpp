@@ -23,7 +23,23 @@ std::string RandomLines(std::mt19937& random) {
 
 }  // namespace
 
-class ProtocolClientFailure : public ProtocolClientTest {};
+class ProtocolClientFailure : public ProtocolClientTest {
+ protected:
+  // Makes a call whose trace throws at one of its lines. False when it has fewer lines.
+  static bool ThrowsAtLine(size_t line, const std::function<void(Client&)>& call) {
+    size_t seen = 0;
+    Client client(Patient(), [&](char, const std::string&) {
+      if (seen++ == line) throw std::bad_alloc();
+    });
+    try {
+      call(client);
+      return false;
+    } catch (const std::bad_alloc&) {
+      EXPECT_FALSE(client.IsOpen()) << line;
+      return true;
+    }
+  }
+};
 
 TEST_F(ProtocolClientFailure, AReplyThatIsCutAnywhereIsNone) {
   const std::string reply = kReply;
@@ -208,11 +224,60 @@ TEST_F(ProtocolClientFailure, AServerThatHasEndedBehindANoticeIsNoticedToo) {
 }
 
 TEST_F(ProtocolClientFailure, AReplyBeforeTheEndOfTheConnectionCounts) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough();
+    peer.Send("data\n[a]\nk=1\n.\n");
+  });
+  EXPECT_EQ(TextOf(Client(Patient()).Get({"a"})), "[a]\nk=1\n");
+}
+
+// Taken for the reply of the next request, it would put all later ones off by one.
+TEST_F(ProtocolClientFailure, TextThatNoRequestAskedForFailsTheNextOne) {
+  for (const char* stale : {"data\n[a]\n.\n", "220 mail\n", "async change\na\n.\n.\ndata\n"}) {
+    Client client(Patient());
+    ServerEnd peer = _server.Accept();
+    peer.Send(stale);
+    ASSERT_TRUE(AwaitReadable(client));
+    const Exception exception = Catch([&] { client.Get({"b"}); });
+    EXPECT_EQ(exception.GetReason(), Reason::kNotProtocol) << stale;
+    EXPECT_FALSE(exception.WasSent());
+    EXPECT_FALSE(client.IsOpen());
+    EXPECT_EQ(peer.ReadToEnd(), "");
+  }
+}
+
+TEST_F(ProtocolClientFailure, TextThatNoRequestAskedForIsShown) {
   Client client(Patient());
   ServerEnd peer = _server.Accept();
-  peer.Send("data\n[a]\nk=1\n.\n");
-  peer.HalfClose();
-  EXPECT_EQ(TextOf(client.Get({"a"})), "[a]\nk=1\n");
+  peer.Send("220 mail\x80\r\n");
+  ASSERT_TRUE(AwaitReadable(client));
+  EXPECT_EQ(
+      Catch([&] { client.Merge({}); }).what(),
+      GetAddress() + " does not speak the settings protocol: sent \"220 mail\\x80\\r\", which no request asked for");
+}
+
+TEST_F(ProtocolClientFailure, AFlushThatFailsTellsOfTheWritesBeforeIt) {
+  Client client(Patient());
+  ServerEnd peer = _server.Accept();
+  client.Merge(DocumentOf("[a]\nk=1\n"));
+  peer.ReadThrough();
+  peer.Close();
+  ASSERT_TRUE(AwaitReadable(client));
+  EXPECT_TRUE(Catch([&] { client.Flush(); }).WasSent());
+  EXPECT_TRUE(Catch([&] { client.Flush(); }).WasSent()) << "and so does every later call";
+}
+
+TEST_F(ProtocolClientFailure, WritesThatAReplyConfirmedAreNotInDoubt) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough();
+    peer.ReadThrough();
+    peer.Send("data\n.\n");
+  });
+  Client client(Patient());
+  client.Merge(DocumentOf("[a]\nk=1\n"));
+  client.Flush();
+  ASSERT_TRUE(AwaitReadable(client));
+  EXPECT_FALSE(Catch([&] { client.Flush(); }).WasSent());
 }
 
 TEST_F(ProtocolClientFailure, AWriteIsNotSentAgain) {
@@ -302,7 +367,36 @@ TEST_F(ProtocolClientFailure, ATraceThatThrowsEndsTheConnection) {
     if (line == "[a]") throw std::runtime_error("full");
   });
   EXPECT_THROW(client.Get({"a"}), std::runtime_error);
+  EXPECT_FALSE(client.IsOpen());
   EXPECT_EQ(ReasonOf([&] { client.Get({"b"}); }), Reason::kLost);
+}
+
+TEST_F(ProtocolClientFailure, AnExceptionAtAnyLineOfACallEndsTheConnectionAtOnce) {
+  const std::pair<std::function<void(Client&)>, std::string> calls[] = {
+      {[](Client& client) { client.Get({"a"}); }, kReply},
+      {[](Client& client) { client.GetUserSettings(); }, "[a]\n.\n"},
+      {[](Client& client) { client.Subscribe({"a"}); }, kReply},
+      {[](Client& client) { client.GetSubscribed(); }, "Subscribed groups\n-----------------\na\n\ndata\n.\n"},
+      {[](Client& client) { (void)client.TestAndMerge({}, {}); }, "result\nok\n"},
+      {[](Client& client) { client.Merge({}); }, ""}};
+  for (const auto& [call, reply] : calls) {
+    const ScriptedServer server;
+    const ServerThreads threads(server, [&text = reply](ServerEnd& peer, size_t) {
+      peer.AwaitBytes();
+      peer.Send(text);
+      peer.ReadToEnd();
+    });
+    size_t failures = 0;
+    while (ThrowsAtLine(failures, call)) ++failures;
+    EXPECT_GE(failures, 2U) << reply;
+  }
+}
+
+TEST_F(ProtocolClientFailure, AProgressThatThrowsEndsTheConnectionAtOnce) {
+  Client client(Patient());
+  client.SetProgress([](size_t, size_t) { throw std::runtime_error("full"); });
+  EXPECT_THROW(client.Merge({}), std::runtime_error);
+  EXPECT_FALSE(client.IsOpen());
 }
 
 // Whatever a peer sends, a call ends, with a reply or a failure.

@@ -2,13 +2,17 @@
 
 #include "tests/settings/client/ProtocolClientTest.h"
 
-#include <poll.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <csignal>
 
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/Environment.h"
+#include "tests/support/FullListener.h"
+#include "tests/support/NoMoreDescriptors.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
@@ -18,11 +22,6 @@ namespace {
 using testing::ElementsAre;
 
 const char kNotice[] = "async change\na\n.\n[a]\nk=2\n.\n";
-
-bool IsReadable(int descriptor, std::chrono::milliseconds limit) {
-  pollfd wait{descriptor, POLLIN, 0};
-  return poll(&wait, 1, static_cast<int>(limit.count())) > 0;
-}
 
 // Two lists or payloads, with what is in front of them.
 std::string ReadTwoParts(ServerEnd& peer) {
@@ -77,6 +76,50 @@ TEST(ProtocolClientConnect, AUnixSocketThatIsGoneIsNamed) {
   EXPECT_THAT([&] { const settings::client::ProtocolClient client(options); },
               testing::ThrowsMessage<settings::client::ProtocolException>("no server at " + options.address +
                                                                           ": No such file or directory"));
+}
+
+// A peer that never answers, as one whose queue of connections is full.
+TEST(ProtocolClientConnect, AServerThatTakesNoConnectionIsATimeOut) {
+  const FullListener full;
+  settings::client::ProtocolClient::Options options;
+  options.address = "127.0.0.1:" + std::to_string(full.GetPort());
+  options.timeouts.silence = kShort;
+  try {
+    const settings::client::ProtocolClient client(options);
+    FAIL() << "it connected";
+  } catch (const settings::client::ProtocolException& exception) {
+    EXPECT_EQ(exception.GetReason(), settings::client::ProtocolException::Reason::kTimedOut);
+    EXPECT_EQ(exception.what(), "the server at " + options.address + " took no connection within 0.05 s");
+    EXPECT_NE(exception.GetHint(), "");
+  }
+}
+
+TEST(ProtocolClientConnect, WithoutADescriptorThisSystemIsToBlame) {
+  const ListeningSocket listener;
+  settings::client::ProtocolClient::Options options;
+  options.address = "127.0.0.1:" + std::to_string(listener.GetPort());
+  const NoMoreDescriptors none;
+  try {
+    const settings::client::ProtocolClient client(options);
+    FAIL() << "it connected";
+  } catch (const settings::client::ProtocolException& exception) {
+    EXPECT_EQ(exception.GetReason(), settings::client::ProtocolException::Reason::kNoResources);
+    EXPECT_EQ(exception.what(), "no connection to " + options.address + " can be made: Too many open files");
+  }
+}
+
+TEST_F(ProtocolClientRequests, FindsAHostThatIsGoneWithoutAWordInTwoMinutes) {
+  const Client client(Patient());
+  const auto option = [&](int level, int name) {
+    int value = 0;
+    socklen_t size = sizeof value;
+    getsockopt(client.GetDescriptor(), level, name, &value, &size);
+    return value;
+  };
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE) + option(IPPROTO_TCP, TCP_KEEPINTVL) * option(IPPROTO_TCP, TCP_KEEPCNT),
+            120);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 120 * 1000);
 }
 
 TEST_F(ProtocolClientRequests, EachRequestIsSentAsTheProtocolHasIt) {
@@ -205,19 +248,22 @@ TEST_F(ProtocolClientRequests, ANoticeThatIsNotWholeIsNotWaitedFor) {
   Client client(Patient());
   ServerEnd peer = _server.Accept();
   peer.Send("async change\na\n.\n[a]\nk=");
-  EXPECT_TRUE(IsReadable(client.GetDescriptor(), kPatience));
+  EXPECT_TRUE(AwaitReadable(client));
   EXPECT_FALSE(client.AwaitNotice(std::chrono::milliseconds(0)));
   peer.Send("2\n.\n");
   EXPECT_EQ(TextOf(client.AwaitNotice(kPatience)->settings), "[a]\nk=2\n");
 }
 
 TEST_F(ProtocolClientRequests, ACallReadsOnWhereANoticeWasCut) {
+  Serve([](ServerEnd& peer) {
+    peer.Send("async change\na\n.\n[a]\n");
+    peer.ReadThrough();
+    peer.Send("k=2\n.\ndata\n[b]\n.\n");
+    peer.ReadToEnd();
+  });
   Client client(Patient());
-  ServerEnd peer = _server.Accept();
-  peer.Send("async change\na\n.\n[a]\n");
-  EXPECT_TRUE(IsReadable(client.GetDescriptor(), kPatience));
+  EXPECT_TRUE(AwaitReadable(client));
   EXPECT_FALSE(client.AwaitNotice(std::chrono::milliseconds(0)));
-  peer.Send("k=2\n.\ndata\n[b]\n.\n");
   EXPECT_EQ(TextOf(client.Get({"b"})), "[b]\n");
   EXPECT_EQ(TextOf(client.AwaitNotice(std::chrono::milliseconds(0))->settings), "[a]\nk=2\n");
 }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <functional>
 #include <optional>
@@ -65,6 +66,12 @@ class ProtocolClientTest : public testing::Test {
     }
     ADD_FAILURE() << "it threw nothing";
     return {Reason::kUsage, "nothing", "", false};
+  }
+
+  // Waits until the client has something to receive, the end of its connection included.
+  static bool AwaitReadable(const Client& client) {
+    pollfd wait{client.GetDescriptor(), POLLIN, 0};
+    return poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) > 0;
   }
 
   static Reason ReasonOf(const std::function<void()>& call) { return Catch(call).GetReason(); }

@@ -16,11 +16,15 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/osa/Runnable.h"
+#include "tavix/osa/Thread.h"
 #include "tavix/settings/TavixSettingsClient.h"
+#include "tavix/settings/client/ProtocolClient.h"
 #include "tavix/settings/client/TavixSettingsLocalConnection.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"
 #include "tests/support/DocumentText.h"
+#include "tests/support/Patience.h"
 #include "tests/support/PendingValue.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
@@ -154,6 +158,48 @@ StackUse MeasureHarassedWorker() {
 
 TEST(Stack, OfTheWorkerIsNeverHalfUsed) {
   ExpectRoom(MeasureHarassedWorker());
+}
+
+// All that the protocol client does, on a thread as small as those of the library.
+class ProtocolCalls : public tavix::osa::Runnable {
+ public:
+  void Run() override {
+    tavix::settings::client::ProtocolOptions options;
+    options.timeouts.silence = tavix::test::kPatience;
+    tavix::settings::client::ProtocolClient client(options);
+    client.Subscribe({"*"});
+    client.GetSubscribed();
+    client.GetUserSettings();
+    (void)client.TestAndMerge({}, {});
+    EXPECT_TRUE(client.AwaitNotice(std::nullopt));
+    use = MeasureStack(pthread_self());
+  }
+
+  StackUse use;
+};
+
+TEST(Stack, OfAThreadWithAProtocolClientIsNeverHalfUsed) {
+  const ScriptedServer server;
+  const ScopedEnvironment byName("TAVIX_SETTINGS_SERVER", ("localhost:" + std::to_string(server.GetPort())).c_str());
+  ProtocolCalls calls;
+  tavix::osa::Thread thread("ProtocolCalls", &calls, 32768, 0);
+  thread.Run();
+  ServerEnd peer = server.Accept();
+  const std::string document = "[" + ManyGroups("]\nkey=value\n[") + "]\n.\n";
+  for (const std::string& reply : {std::string(), "data\n" + document,
+                                   std::string("Subscribed groups\n-----------------\n*\n\ndata\n.\n"), document}) {
+    if (reply == document) {
+      peer.ReadThrough("dump");
+    } else {
+      peer.ReadThrough();
+    }
+    peer.Send(reply);
+  }
+  peer.ReadThrough();
+  peer.ReadThrough();
+  peer.Send("result\nok\nasync change\n" + ManyGroups("\n") + ".\n" + document);
+  thread.Join();
+  ExpectRoom(calls.use);
 }
 
 std::atomic<pthread_t> g_interrupted{};
