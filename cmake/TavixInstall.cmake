@@ -52,6 +52,7 @@ set(internal_headers
     tavix/settings/common/ChangeRound.h
     tavix/settings/common/NumberedTable.h
     tavix/settings/common/PatternIndex.h
+    tavix/settings/common/SettingGuess.h
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/common/TextCopy.h

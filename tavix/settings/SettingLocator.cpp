@@ -1,16 +1,29 @@
 #include "tavix/settings/SettingLocator.h"
 
+#include <optional>
 #include <vector>
 
 #include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/common/SettingGuess.h"
 
 namespace tavix::settings {
+
+namespace {
+
+[[noreturn]] void FailToParse(const std::string& text) {
+  const std::optional<common::GuessedSetting> guess = common::GuessSetting(text);
+  if (!guess) throw osa::Exception("Failed to parse '%s' as a SettingLocator", text.c_str());
+  throw osa::Exception("Failed to parse '%s' as a SettingLocator: one setting is '[%s]%s'", text.c_str(),
+                       guess->group.c_str(), guess->key.c_str());
+}
+
+}  // namespace
 
 SettingLocator::SettingLocator(const std::string& text) {
   std::vector<std::string> parts;
   core::StringUtil::Split(parts, text, "[]", 3);
-  if (parts.size() != 3) throw osa::Exception("Failed to parse '%s' as a SettingLocator", text.c_str());
+  if (parts.size() != 3) FailToParse(text);
   group = parts[1];
   key = parts[2];
 }

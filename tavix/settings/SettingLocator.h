@@ -11,7 +11,8 @@ struct TAVIX_EXPORT SettingLocator {
   SettingLocator(const std::string& groupName, const std::string& keyName) : group(groupName), key(keyName) {}
 
   // Parses "[group]key": what stands before the first bracket is ignored, and the key may itself hold brackets. Throws
-  // osa::Exception "Failed to parse '%s' as a SettingLocator".
+  // osa::Exception "Failed to parse '%s' as a SettingLocator"; where it is known what was meant, as with
+  // "Video.Main.fps", with ": one setting is '[Video/Main]fps'" behind it.
   explicit SettingLocator(const std::string& text);
 
   std::string group;

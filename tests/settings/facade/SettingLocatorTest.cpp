@@ -58,9 +58,17 @@ TEST(SettingLocator, EitherBracketDelimits) {
 }
 
 TEST(SettingLocator, ATextWithFewerThanTwoBracketsIsRefusedAndShown) {
-  for (const std::string text : {"Network.hostname", "", "[Network", "Network]hostname", "%s"}) {
+  for (const std::string text : {"hostname", "", "[Network", "Network]hostname", "%s", "a.", "/b"}) {
     EXPECT_THAT([&] { SettingLocator locator(text); },
                 testing::ThrowsMessage<Exception>("Failed to parse '" + text + "' as a SettingLocator"));
+  }
+}
+
+TEST(SettingLocator, OtherSpellingsAreAnsweredWithTheRightForm) {
+  for (const std::string text : {"Video.Main.fps", "Video/Main/fps", "Video/Main.fps"}) {
+    EXPECT_THAT([&] { SettingLocator locator(text); },
+                testing::ThrowsMessage<Exception>("Failed to parse '" + text +
+                                                  "' as a SettingLocator: one setting is '[Video/Main]fps'"));
   }
 }
 
