@@ -24,8 +24,8 @@ class TavixSettingsClientImpl;
 //     settings.SetValue("[Network]hostname", "camera-7");
 //
 // The environment variable TAVIX_SETTINGS_LOCALFILE, when set, makes every client a Local one whatever mode was asked
-// for; unless it is empty, it names a settings file that is loaded over the client's defaults. TAVIX_SETTINGS_SERVER
-// (host[:port]) says where the settings server is; without it that is the address that the hosts database gives
+// for; unless it is empty, it names a settings file that is loaded over the client's defaults. TAVIX_SETTINGS_SERVER is
+// where the settings server is: host[:port] or unix:PATH. Without it that is the address that the hosts database gives
 // "tavix-settings-server", or 127.0.0.1; port 7211.
 //
 // Threads: any thread may call. In MultiThreaded modes callbacks run on the client's own thread "TavixSettings", from
