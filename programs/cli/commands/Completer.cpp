@@ -99,6 +99,7 @@ int Completer::Run(const Words& words) {
 void Completer::ReadWords(const Words& words) {
   _command = &_line.GetApp();
   _options.timeout = kLimit / 1000.0;
+  _options.quiet = true;
   if (words.size() > 1) _current = words.back();
   // The shells leave an opening quote where it is.
   if (!_current.empty() && (_current.front() == '\'' || _current.front() == '"')) _current.erase(0, 1);

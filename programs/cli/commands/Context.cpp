@@ -1,7 +1,9 @@
 #include "programs/cli/commands/Context.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <limits>
+#include <utility>
 
 #include "programs/cli/session/LocalSession.h"
 #include "programs/common/client/DaemonSession.h"
@@ -22,7 +24,21 @@ std::unique_ptr<Session> Connect(const GlobalOptions& options) {
       options.verbose ? Console::Trace : nullptr);
 }
 
+constexpr char kFileVariable[] = "TAVIX_SETTINGS_LOCALFILE";
+
+// The library's clients take such a file for a store, whatever they were asked for, and never write to it.
+GlobalOptions WithEnvironment(GlobalOptions options) {
+  const char* file = std::getenv(kFileVariable);
+  if (file == nullptr || !options.server.empty() || !options.local.empty()) return options;
+  options.local = file;
+  options.isLocalReadOnly = true;
+  return options;
+}
+
 }  // namespace
+
+Context::Context(const GlobalOptions& options, Console& console)
+    : _options(WithEnvironment(options)), _console(console) {}
 
 Session& Context::GetSession() {
   return _session ? *_session : Reconnect();
@@ -30,12 +46,21 @@ Session& Context::GetSession() {
 
 Session& Context::Reconnect() {
   _session.reset();
-  if (_options.local.empty()) {
-    _session = Connect(_options);
-  } else {
-    _session = std::make_unique<LocalSession>(_options.local, _options.GetTimeout());
-  }
+  const bool isFile = _options.isLocalReadOnly || !_options.local.empty();
+  _session = isFile ? OpenFile() : Connect(_options);
   return *_session;
+}
+
+std::unique_ptr<Session> Context::OpenFile() {
+  using Access = LocalSession::Access;
+  if (!_options.isLocalReadOnly)
+    return std::make_unique<LocalSession>(_options.local, _options.GetTimeout(), Access::kReadWrite);
+  if (_options.local.empty())
+    throw Failure(kExitUsage, std::string(kFileVariable) + ": expected a file's name, found an empty text",
+                  "unset it, or give --server or --local");
+  if (!std::exchange(_isFileReported, true))
+    _console.Say(std::string(kFileVariable) + " is set: reading file '" + _options.local + "', no server");
+  return std::make_unique<LocalSession>(_options.local, _options.GetTimeout(), Access::kRead);
 }
 
 void Context::RequireOutput(std::initializer_list<Output> allowed) const {

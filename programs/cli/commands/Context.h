@@ -15,8 +15,8 @@ namespace tavix::programs::cli {
 // Errors: GetSession and Reconnect throw what a session's constructor does.
 class Context {
  public:
-  // Both outlive the context.
-  Context(const GlobalOptions& options, Console& console) : _options(options), _console(console) {}
+  // options: where they name no store, TAVIX_SETTINGS_LOCALFILE may name a file. console: outlives the context.
+  Context(const GlobalOptions& options, Console& console);
 
   const GlobalOptions& GetOptions() const { return _options; }
   Console& GetConsole() const { return _console; }
@@ -33,9 +33,12 @@ class Context {
   bool PrintsJson() const { return _options.output == Output::kJson; }
 
  private:
-  const GlobalOptions& _options;
+  std::unique_ptr<Session> OpenFile();
+
+  const GlobalOptions _options;
   Console& _console;
   std::unique_ptr<Session> _session;
+  bool _isFileReported = false;  // that the environment names it
 };
 
 }  // namespace tavix::programs::cli

@@ -12,6 +12,7 @@
 
 #include "programs/cli/text/ReadFile.h"
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::programs::cli {
@@ -47,15 +48,25 @@ bool IsMissing(const std::string& path) {
 
 }  // namespace
 
-LocalSession::LocalSession(std::string path, milliseconds patience) : _path(std::move(path)), _patience(patience) {}
+LocalSession::LocalSession(std::string path, milliseconds patience, Access access)
+    : _path(std::move(path)), _patience(patience), _access(access) {}
+
+void LocalSession::RequireWritable() const {
+  if (_access == Access::kRead)
+    throw Failure(kExitUsage, "TAVIX_SETTINGS_LOCALFILE names '" + _path + "', which is read and never written",
+                  "--local " + QuoteForShell(_path) + " changes the file");
+}
 
 LocalText LocalSession::Read(bool mayBeMissing) const {
   if (!IsMissing(_path)) return LocalText(ReadFile(_path), _path);
-  if (!mayBeMissing) throw Failure(kExitNoServer, "there is no file '" + _path + "'", "'set' and 'import' make it");
+  if (!mayBeMissing)
+    throw Failure(kExitNoServer, "there is no file '" + _path + "'",
+                  _access == Access::kRead ? "" : "'set' and 'import' make it");
   return LocalText(std::string(), _path);
 }
 
 void LocalSession::RunAlone(const std::function<void()>& change) {
+  RequireWritable();
   if (_lock) return change();
   struct Unlocking {
     std::optional<FileLock>& lock;
@@ -119,7 +130,8 @@ void LocalSession::Restore(const Groups& groups) {
 }
 
 std::vector<std::string> LocalSession::GetSubscribed() {
-  throw Failure(kExitUsage, "a file has no subscribers: leave --local out");
+  const std::string remedy = _access == Access::kRead ? "unset TAVIX_SETTINGS_LOCALFILE" : "leave --local out";
+  throw Failure(kExitUsage, "a file has no subscribers: " + remedy);
 }
 
 // The directory is watched, since the file is replaced and not written.

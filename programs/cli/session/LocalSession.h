@@ -16,17 +16,24 @@ namespace tavix::programs::cli {
 // Two commands at once: each write reads the file anew under a lock, and replaces it whole. RunAlone holds the lock.
 //
 // Errors: besides the base's, writes throw Failure: kExitNoServer when another command holds the lock for too long;
-//         kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it.
+//         kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it;
+//         kExitUsage when the access is kRead.
 class LocalSession : public Session {
  public:
+  enum class Access {
+    kReadWrite,
+    kRead,  // the environment names the file: programs read it, and none of them writes to it
+  };
+
   // patience: how long a write waits for another command's.
-  LocalSession(std::string path, std::chrono::milliseconds patience);
+  LocalSession(std::string path, std::chrono::milliseconds patience, Access access);
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
   void AllowNew() override { _mayBeNew = true; }
   core::IniFile GetUserSettings() override;
   void RunAlone(const std::function<void()>& change) override;
+  void RequireWritable() const override;
   bool IsRestricted(const std::string&) const override { return false; }
   std::vector<std::string> GetSubscribed() override;
   core::IniFile Subscribe(const Groups& groups) override;
@@ -51,6 +58,7 @@ class LocalSession : public Session {
 
   const std::string _path;
   const std::chrono::milliseconds _patience;
+  const Access _access;
   std::optional<FileLock> _lock;  // while something runs alone
   bool _mayBeNew = false;
   Groups _subscribed;

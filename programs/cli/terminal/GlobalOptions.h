@@ -18,9 +18,10 @@ enum class ColorChoice { kAuto, kAlways, kNever };
 
 // What may stand before or after any command.
 struct GlobalOptions {
-  std::string server;  // HOST[:PORT] or unix:PATH; empty: what the environment and the hosts database say
-  std::string local;   // a settings file instead of a server
-  double timeout = 2;  // seconds that the server may keep silent
+  std::string server;            // HOST[:PORT] or unix:PATH; empty: what the environment and the hosts database say
+  std::string local;             // a settings file instead of a server
+  bool isLocalReadOnly = false;  // TAVIX_SETTINGS_LOCALFILE names it
+  double timeout = 2;            // seconds that the server may keep silent
   Output output = Output::kText;
   bool quiet = false;
   bool verbose = false;

@@ -49,6 +49,9 @@ class Session {
   // What clients wrote, with the bookkeeping of what they deleted.
   virtual core::IniFile GetUserSettings() = 0;
 
+  // Throws Failure, kExitUsage, when this store is only read: so that nobody is asked or edits in vain.
+  virtual void RequireWritable() const {}
+
   // Whether clients can't write the group.
   virtual bool IsRestricted(const std::string& group) const = 0;
 
