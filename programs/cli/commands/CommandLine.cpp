@@ -5,6 +5,7 @@
 
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/ParserWords.h"
+#include "programs/cli/commands/WordMarker.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Suggestion.h"
@@ -92,6 +93,7 @@ void CommandLine::AddGlobalOptions() {
   _app->get_option("--server")->type_name("SERVER");
   _app->get_option("--local")->type_name("FILE");
   _app->add_option("-t,--timeout", _words->timeout, "Seconds that the server may keep silent (2)")
+      ->transform(WithoutUnit, "")
       ->check(CLI::Range(0.001, 1e6).description(""))
       ->type_name("SECONDS");
   _app->add_option("-o,--output", _words->output, "text, ini, json, shell or value")
@@ -112,7 +114,10 @@ CommandOptions CommandLine::Add(const std::string& names, const std::string& des
 CommandOptions CommandLine::AddGroup(const std::string& name, const std::string& description) {
   CLI::App* group = _app->add_subcommand(name, description);
   group->fallthrough();
-  group->require_subcommand(1);
+  group->require_subcommand(0, 1);
+  group->callback([this, group] {
+    if (group->get_subcommands().empty()) _action = PrintText(_app->help());
+  });
   return CommandOptions(*group);
 }
 
@@ -151,7 +156,7 @@ CommandLine::Action CommandLine::Parse(std::vector<std::string> words, GlobalOpt
 
 // The parser takes the words from the back.
 CommandLine::Action CommandLine::ParseProtected(std::vector<std::string> words) {
-  std::transform(words.begin(), words.end(), words.begin(), MarkWord);
+  words = WordMarker(*_app).Mark(words);
   std::reverse(words.begin(), words.end());
   _app->parse(std::move(words));
   if (!_action) throw Failure(kExitUsage, "expected a command", "try 'tavix-settings --help'");

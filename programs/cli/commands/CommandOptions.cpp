@@ -60,10 +60,11 @@ DeclaredOption CommandOptions::AddTexts(const std::string& names, std::vector<st
   return AddAnyText(_command, names, target, description);
 }
 
-DeclaredOption CommandOptions::AddSeconds(const std::string& names, double& target, double least,
+DeclaredOption CommandOptions::AddSeconds(const std::string& names, double& target, double min,
                                           const std::string& description) const {
   CLI::Option* const option = _command.add_option(names, target, description);
-  return DeclaredOption(*option->check(CLI::Range(least, 1e9).description(""))->type_name("SECONDS"));
+  return DeclaredOption(
+      *option->transform(WithoutUnit, "")->check(CLI::Range(min, 1e9).description(""))->type_name("SECONDS"));
 }
 
 DeclaredOption CommandOptions::AddCount(const std::string& names, size_t& target,

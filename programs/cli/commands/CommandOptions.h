@@ -31,7 +31,7 @@ class DeclaredOption {
   CLI::Option& _option;
 };
 
-// What a command takes, as the command declares it; the parser is known to this, CommandLine and Completer alone, as
+// What a command takes, as the command declares it; few sources beside this know the parser, as
 // its headers take long to compile. Names: "-y,--yes" for an option, "GROUP" for a positional. Targets outlive the
 // parsing.
 class CommandOptions {
@@ -45,9 +45,8 @@ class CommandOptions {
   DeclaredOption AddTexts(const std::string& names, std::vector<std::string>& target,
                           const std::string& description) const;
 
-  // Seconds, which may have a fraction, and counts from 1 on.
-  DeclaredOption AddSeconds(const std::string& names, double& target, double least,
-                            const std::string& description) const;
+  // Seconds, which may have a fraction and a unit ("2", "0.5", "2s", "500ms"), and counts from 1 on.
+  DeclaredOption AddSeconds(const std::string& names, double& target, double min, const std::string& description) const;
   DeclaredOption AddCount(const std::string& names, size_t& target, const std::string& description) const;
 
   // What the command's help ends with.

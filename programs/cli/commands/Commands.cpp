@@ -23,6 +23,7 @@ void AddAllCommands(CommandLine& line) {
   AddLogLevel(line);
   AddCompletion(line);
   AddHelp(line);
+  AddVersion(line);
 }
 
 }  // namespace tavix::programs::cli

@@ -25,6 +25,7 @@ void AddResource(CommandLine& line);
 void AddLogLevel(CommandLine& line);
 void AddCompletion(CommandLine& line);
 void AddHelp(CommandLine& line);
+void AddVersion(CommandLine& line);
 
 // All of them, in the order in which help shows them.
 void AddAllCommands(CommandLine& line);

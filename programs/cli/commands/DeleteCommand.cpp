@@ -21,6 +21,7 @@ struct Options {
   std::vector<std::string> words;
   bool isConfirmed = false;
   bool isDryRun = false;
+  bool isEmptyAllowed = false;
 };
 
 // The groups that names and patterns mean now. A name that means none is an error; a pattern passes over what is
@@ -33,7 +34,7 @@ IniFile Select(Session& session, const std::set<std::string>& groups) {
   RefuseRestricted(session, names);
   IniFile all = session.Get(groups);
   for (const std::string& name : names) {
-    if (!all.HasGroup(name)) throw Failure(kExitNo, DescribeMissingGroups(session, {name}));
+    if (!all.HasGroup(name)) throw Failure(kExitNo, DescribeMissingGroup(session, name));
   }
   for (const std::string& name : NamesOf(all)) {
     if (session.IsRestricted(name)) all.RemoveGroup(name);
@@ -46,7 +47,9 @@ IniFile Select(Session& session, const std::set<std::string>& groups) {
 // that a later version of the device brings.
 int Delete(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
+  RefuseEmptyName(groups, options.isEmptyAllowed);
   Session& session = context.GetSession();
+  if (!options.isDryRun) session.RequireWritable();
   const IniFile before = Select(session, groups);
   if (options.isDryRun) {
     PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, IniFile()));
@@ -54,7 +57,7 @@ int Delete(Context& context, const Options& options) {
   }
   const std::set<std::string> names = NamesOf(before);
   RefusePatterns(names);
-  Confirm("delete", names, options.isConfirmed || !HasPattern(groups));
+  if (HasPattern(groups) && !options.isConfirmed) Confirm("a pattern", "delete " + Count(names.size(), "group"), names);
   Replace(session, names, IniFile());
   context.GetConsole().Say("done: " + Count(names.size(), "group") + " deleted");
   return kExitDone;
@@ -68,6 +71,7 @@ void AddDelete(CommandLine& line) {
                                           [options](Context& context) { return Delete(context, *options); });
   command.AddTexts("GROUP", options->words, "Groups or '*' patterns").Require();
   command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 

@@ -22,9 +22,9 @@ struct Options {
 };
 
 // A restricted group counts when the file holds it: exports leave the others out.
-IniFile ReadOther(Session& session, const Options& options, const IniFile& file) {
+IniFile ReadOther(Session& session, const std::set<std::string>& groups, bool isUserLayer, const IniFile& file) {
   size_t leftOut = 0;
-  IniFile settings = ReadStore(session, ParseSelection(options.words), options.isUserLayer, leftOut);
+  IniFile settings = ReadStore(session, groups, isUserLayer, leftOut);
   if (leftOut == 0) return settings;
   std::set<std::string> restricted;
   for (const auto& [group, keys] : file) {
@@ -36,8 +36,12 @@ IniFile ReadOther(Session& session, const Options& options, const IniFile& file)
 
 int Diff(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  const IniFile file = SelectGroups(ReadDocument(options.file), ParseSelection(options.words));
-  const std::vector<Change> changes = FindChanges(ReadOther(context.GetSession(), options, file), file);
+  const SettingsFile file = ReadSettingsFile(options.file);
+  const std::set<std::string> groups = FindSelection(file, options.words);
+  const IniFile settings =
+      options.isUserLayer ? SelectUserGroups(file.settings, groups) : SelectGroups(file.settings, groups);
+  const std::vector<Change> changes =
+      FindChanges(ReadOther(context.GetSession(), groups, options.isUserLayer, settings), settings);
   if (!changes.empty() || context.PrintsJson())
     PrintChanges(context.GetConsole(), context.GetOptions().output, changes);
   return changes.empty() ? kExitDone : kExitNo;

@@ -29,6 +29,7 @@ namespace {
 struct Options {
   std::vector<std::string> words;
   bool isDryRun = false;
+  bool isEmptyAllowed = false;
 };
 
 constexpr char kHeading[] =
@@ -172,7 +173,9 @@ void Write(Session& session, const IniFile& before, const IniFile& after, const 
 
 int Edit(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
+  RefuseEmptyName(groups, options.isEmptyAllowed);
   Session& session = context.GetSession();
+  if (!options.isDryRun) session.RequireWritable();
   session.AllowNew();
   RefuseRestricted(session, options.words.empty() ? std::set<std::string>() : groups);
   const IniFile before = ReadGroups(session, groups);
@@ -206,6 +209,7 @@ void AddEdit(CommandLine& line) {
       line.Add("edit", "Change groups in $VISUAL or $EDITOR, unless somebody else changes them meanwhile",
                [options](Context& context) { return Edit(context, *options); });
   command.AddTexts("GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
+  command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 

@@ -2,7 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Missing.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Backup.h"
@@ -23,7 +23,8 @@ int Export(Context& context, const Options& options) {
   const core::IniFile settings =
       ReadStore(context.GetSession(), ParseSelection(options.words), options.isUserLayer, leftOut);
   if (settings.IsEmpty() && !options.words.empty())
-    throw Failure(kExitNo, DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
+    return ReportMissing(context, MissingGroups(ParseGroups(options.words)));
+  if (!context.PrintsJson()) context.GetConsole().Print(DescribeCoverage(ParseSelection(options.words)));
   PrintAs(context.GetConsole(), context.GetOptions().output, settings);
   if (leftOut > 0)
     context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -49,14 +50,37 @@ void SelectGroups(Session& session, const Target& target, const IniFile& all, Se
   matcher.GetMatchingGroups(all, groups);
   for (const std::string& group : groups) selection.settings.MergeSettings(all, group);
   if (!groups.empty()) return;
-  Console::Warn(DescribeMissingGroups(session, {target.group}));
+  Console::Warn(DescribeMissingGroup(session, target.group));
   selection.isComplete = false;
 }
 
-Selection Select(Session& session, const std::vector<Target>& targets, const Options& options) {
+// Bare words alone, an even number, may be GROUP KEY in pairs.
+bool MayBePairs(const std::vector<std::string>& words) {
+  return words.size() > 2 && words.size() % 2 == 0 && std::all_of(words.begin(), words.end(), IsPlainName);
+}
+
+// They are when one of the pairs is set, or no group stands in the place of a key.
+bool ArePairs(const std::vector<Target>& targets, const IniFile& all) {
+  bool isGroup = false;
+  for (size_t at = 0; at < targets.size(); at += 2) {
+    if (all.HasValue(targets[at].group, targets[at + 1].group)) return true;
+    isGroup = isGroup || all.HasGroup(targets[at + 1].group);
+  }
+  return !isGroup;
+}
+
+std::vector<Target> PairUp(const std::vector<Target>& targets) {
+  std::vector<Target> pairs;
+  for (size_t at = 0; at < targets.size(); at += 2) pairs.push_back({targets[at].group, targets[at + 1].group});
+  return pairs;
+}
+
+// Makes pairs of targets that were meant so.
+Selection Select(Session& session, const Options& options, std::vector<Target>& targets) {
   std::set<std::string> groups;
   for (const Target& target : targets) groups.insert(target.group);
   const IniFile all = session.Get(groups);
+  if (MayBePairs(options.words) && ArePairs(targets, all)) targets = PairUp(targets);
   Selection selection;
   for (const Target& target : targets) {
     if (target.key) {
@@ -100,8 +124,8 @@ void PrintAll(Context& context, const std::vector<Target>& targets, const IniFil
 }
 
 int Get(Context& context, const Options& options) {
-  const std::vector<Target> targets = ParseTargets(options.words);
-  const Selection selection = Select(context.GetSession(), targets, options);
+  std::vector<Target> targets = ParseTargets(options.words);
+  const Selection selection = Select(context.GetSession(), options, targets);
   const Output output = context.GetOptions().output;
   const bool isBareValue = output == Output::kText || output == Output::kJson || output == Output::kValue;
   if (targets.size() == 1 && targets.front().key && isBareValue) {

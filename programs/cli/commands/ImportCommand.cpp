@@ -2,16 +2,16 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
 #include "programs/cli/text/ReadFile.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Import.h"
+#include "programs/common/client/Spelling.h"
 
 namespace tavix::programs::cli {
-
-using core::IniFile;
 
 namespace {
 
@@ -39,13 +39,32 @@ void ShowProgress(Context& context) {
   });
 }
 
-// Such a text is what a command leaves that failed.
-void RequireConfirmed(const Options& options, const Import& backup, const IniFile& before) {
-  if (!options.replaces || options.isConfirmed || !backup.IsEmpty() || before.IsEmpty()) return;
-  throw Failure(kExitUsage,
-                std::string("a text without any ") + (options.words.empty() ? "group" : "of these groups") +
-                    " would take " + Count(before.GetGroups().size(), "group") + " away: give --yes to do it",
-                "--dry-run shows them");
+// A text without any group is what a command leaves that failed: nobody is asked whether that is meant.
+void ConfirmGone(Context& context, const Options& options, const Import& backup, const std::string& source,
+                 const std::set<std::string>& gone) {
+  const std::string count = Count(gone.size(), "group");
+  if (backup.IsEmpty())
+    throw Failure(kExitUsage,
+                  std::string("a text without any ") + (options.words.empty() ? "group" : "of these groups") +
+                      " would take " + count + " away: give --yes to do it",
+                  "--dry-run shows them");
+  const bool isReset = options.isUserLayer && context.GetOptions().local.empty();
+  Confirm("--replace", (isReset ? "reset " : "delete ") + count + " that '" + source + "' lacks", gone);
+}
+
+// What came while somebody was asked stays.
+void RequireConfirmed(const std::set<std::string>& gone, const std::set<std::string>& confirmed) {
+  for (const std::string& group : gone) {
+    if (confirmed.count(group) == 0)
+      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
+  }
+}
+
+Import::Result ImportConfirmed(Context& context, const Options& options, Import& backup, const std::string& source) {
+  if (!options.replaces || options.isConfirmed) return backup.Run([](const std::set<std::string>&) {});
+  const std::set<std::string> confirmed = backup.FindGone();
+  if (!confirmed.empty()) ConfirmGone(context, options, backup, source, confirmed);
+  return backup.Run([&](const std::set<std::string>& gone) { RequireConfirmed(gone, confirmed); });
 }
 
 int ShowDifferences(Context& context, const Import& backup) {
@@ -57,14 +76,15 @@ int ShowDifferences(Context& context, const Import& backup) {
 
 int RunImport(Context& context, const Options& options) {
   Session& session = context.GetSession();
-  const std::string source = FindSource(options);
-  const IniFile document = ReadDocument(source);
+  if (!options.isDryRun) session.RequireWritable();
+  const SettingsFile file = ReadSettingsFile(FindSource(options));
   const bool isFile = !context.GetOptions().local.empty();
-  Import backup(session, document, source == "-" ? "standard input" : source,
-                {ParseSelection(options.words), options.replaces, options.isUserLayer, isFile});
+  const std::set<std::string> groups =
+      options.replaces ? FindSelection(file, options.words) : ParseSelection(options.words);
+  Import backup(session, file.settings, file.name, {groups, options.replaces, options.isUserLayer, isFile});
   if (options.isDryRun) return ShowDifferences(context, backup);
   ShowProgress(context);
-  const Import::Result result = backup.Run([&](const IniFile& before) { RequireConfirmed(options, backup, before); });
+  const Import::Result result = ImportConfirmed(context, options, backup, file.name);
   Console& console = context.GetConsole();
   console.ClearProgress();
   console.Say(result.changes.empty() ? "done: no differences" : "done: " + Count(result.changes.size(), "difference"));
@@ -87,9 +107,9 @@ void AddImport(CommandLine& line) {
   command.AddText("FILE", options->file, "Settings as ini or JSON; standard input without it");
   command.AddTexts("GROUP", options->words, "Groups or '*' patterns to bring back; all without any");
   const DeclaredOption replace =
-      command.AddFlag("--replace", options->replaces, "Take away what the file lacks; restricted groups stay");
+      command.AddFlag("--replace", options->replaces, "Take away what the file lacks of the groups that it covers");
   command.AddFlag("--user", options->isUserLayer, "With --replace: take away only what users changed").Need(replace);
-  command.AddFlag("-y,--yes", options->isConfirmed, "Do it even with a text that holds no group");
+  command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask before groups go that the file lacks");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 

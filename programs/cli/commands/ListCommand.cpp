@@ -5,7 +5,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Missing.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
@@ -77,7 +77,8 @@ void PrintKeys(Context& context, const IniFile& settings, const Layers* layers) 
 
 int List(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson, Output::kValue});
-  const IniFile settings = context.GetSession().Get(ParseGroups(options.words));
+  const std::set<std::string> groups = ParseGroups(options.words);
+  const IniFile settings = context.GetSession().Get(groups);
   std::optional<Layers> layers;
   if (options.origin) layers.emplace(context.GetSession());
   const Layers* const origin = layers ? &*layers : nullptr;
@@ -88,9 +89,10 @@ int List(Context& context, const Options& options) {
   } else {
     PrintGroups(context, settings, origin);
   }
-  if (!settings.IsEmpty() || options.words.empty()) return kExitDone;
-  Console::Warn(DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
-  return kExitNo;
+  if (options.words.empty()) return kExitDone;
+  MissingGroups missing(groups);
+  missing.TakeAll(settings);
+  return ReportMissing(context, missing);
 }
 
 }  // namespace

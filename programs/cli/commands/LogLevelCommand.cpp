@@ -23,6 +23,8 @@ constexpr char kKey[] = "log.level";
 struct Options {
   std::string group;
   std::string level;
+  bool isGroupGiven = false;
+  bool isCreated = false;
 };
 
 std::string Describe(const std::string& value) {
@@ -58,14 +60,19 @@ void PrintLevels(Context& context, const IniFile& levels) {
   }
 }
 
-int ReadLevel(Context& context, const std::string& group) {
-  Session& session = context.GetSession();
+// hint: what else the person may want.
+IniFile RequireLevels(Session& session, const std::string& group, const std::string& hint) {
   const IniFile levels = ReadLevels(session, group);
-  if (levels.IsEmpty()) {
-    const std::set<std::string> known = NamesOf(ReadLevels(session, "*"));
-    throw Failure(kExitNo, "'" + SpellName(group) + "' is no log group: it has no log.level" +
-                               DidYouMean(group, {known.begin(), known.end()}));
-  }
+  if (!levels.IsEmpty()) return levels;
+  const std::set<std::string> known = NamesOf(ReadLevels(session, "*"));
+  throw Failure(kExitNo,
+                "'" + SpellName(group) + "' is no log group: it has no log.level" +
+                    DidYouMean(group, {known.begin(), known.end()}),
+                hint);
+}
+
+int ReadLevel(Context& context, const std::string& group) {
+  const IniFile levels = RequireLevels(context.GetSession(), group, "");
   const bool isOne = group.find('*') == std::string::npos;
   if (isOne && context.GetOptions().output == Output::kText) {
     context.GetConsole().Print(Describe(levels.GetValue(group, kKey)) + "\n");
@@ -78,6 +85,9 @@ int ReadLevel(Context& context, const std::string& group) {
 int SetLevel(Context& context, const Options& options) {
   const int level = ParseLogLevel(options.level);
   RefusePattern(options.group);
+  RefuseRestricted(context.GetSession(), {options.group});
+  if (!options.isCreated)
+    RequireLevels(context.GetSession(), options.group, "--create sets it for a program that has none yet");
   IniFile settings;
   settings.SetInt(options.group, kKey, level);
   Merge(context.GetSession(), settings, false);
@@ -87,7 +97,8 @@ int SetLevel(Context& context, const Options& options) {
 
 int LogLevel(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  if (options.group.empty()) {
+  RefuseEmptyName({options.group}, !options.isGroupGiven);
+  if (!options.isGroupGiven) {
     PrintLevels(context, ReadLevels(context.GetSession(), "*"));
     return kExitDone;
   }
@@ -100,8 +111,10 @@ void AddLogLevel(CommandLine& line) {
   const auto options = std::make_shared<Options>();
   const CommandOptions command = line.Add("log-level", "Print or set how much a program logs",
                                           [options](Context& context) { return LogLevel(context, *options); });
-  command.AddText("GROUP", options->group, "A log group or '*' pattern; all without it");
+  command.AddText("GROUP", options->group, "A log group or '*' pattern; all without it")
+      .SetWhenGiven(options->isGroupGiven);
   command.AddText("LEVEL", options->level, "error, warning, notice, information, trace, or a number from 0 to 8");
+  command.AddFlag("--create", options->isCreated, "Set the level of a program that has none yet");
 }
 
 }  // namespace tavix::programs::cli

@@ -22,6 +22,7 @@ struct Options {
   std::vector<std::string> words;
   bool isConfirmed = false;
   bool isDryRun = false;
+  bool isEmptyAllowed = false;
 };
 
 // The groups that users changed or deleted: those alone can differ from the defaults.
@@ -44,7 +45,9 @@ void RefuseNames(const Session& session, const std::set<std::string>& groups) {
 // Only the server knows the defaults: what it did is told by what was there before and after.
 int Reset(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
+  RefuseEmptyName(groups, options.isEmptyAllowed);
   Session& session = context.GetSession();
+  if (!options.isDryRun) session.RequireWritable();
   RefuseNames(session, groups);
   Console& console = context.GetConsole();
   const std::set<std::string> changed = FindUserGroups(session, options.words);
@@ -52,7 +55,8 @@ int Reset(Context& context, const Options& options) {
     for (const std::string& group : changed) console.Print(SpellName(group) + "\n");
     return kExitDone;
   }
-  if (HasPattern(groups)) Confirm("reset", changed, options.isConfirmed);
+  if (HasPattern(groups) && !options.isConfirmed)
+    Confirm("a pattern", "reset " + Count(changed.size(), "group"), changed);
   IniFile before;
   IniFile after;
   session.RunAlone([&] {
@@ -61,8 +65,9 @@ int Reset(Context& context, const Options& options) {
   });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
   PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
-  console.Say("done: " + Count(after.GetGroups().size(), "group") + " at " +
-              (after.GetGroups().size() == 1 ? "its" : "their") + " defaults");
+  std::set<std::string> names = NamesOf(before);
+  names.merge(NamesOf(after));
+  console.Say("done: " + Count(names.size(), "group") + " at " + (names.size() == 1 ? "its" : "their") + " defaults");
   return kExitDone;
 }
 
@@ -74,6 +79,7 @@ void AddReset(CommandLine& line) {
                                           [options](Context& context) { return Reset(context, *options); });
   command.AddTexts("GROUP", options->words, "Groups or '*' patterns").Require();
   command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask, even for a pattern");
+  command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print the groups that users changed or deleted, and change nothing");
 }
 

@@ -4,6 +4,7 @@
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
+#include "programs/cli/text/Assignments.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Changes.h"
 #include "programs/common/client/Failure.h"
@@ -20,6 +21,7 @@ struct Options {
   std::vector<std::string> conditions;
   bool isVolatile = false;
   bool isDryRun = false;
+  bool isEmptyAllowed = false;
 };
 
 void ShowWhatWouldChange(Context& context, const IniFile& condition, const IniFile& settings) {
@@ -38,6 +40,8 @@ void ShowWhatWouldChange(Context& context, const IniFile& condition, const IniFi
 int Set(Context& context, const Options& options) {
   const IniFile settings = ParseAssignments(options.words);
   const IniFile condition = ParseConditions(options.conditions, "--if");
+  RefuseEmptyName(NamesOf(settings), options.isEmptyAllowed);
+  RefuseEmptyName(NamesOf(condition), options.isEmptyAllowed);
   if (options.isVolatile && !condition.IsEmpty())
     throw Failure(kExitUsage, "--volatile and --if can't go together: a change with a condition is always saved");
   if (options.isDryRun) {
@@ -66,6 +70,7 @@ void AddSet(CommandLine& line) {
   command.AddTexts("--if", options->conditions, "Only if this '[group]key=value' holds; may be repeated")
       .TakeOneWordEach();
   command.AddFlag("--volatile", options->isVolatile, "Do not save: it lasts until the server ends");
+  command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 

@@ -3,7 +3,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
-#include "programs/cli/session/Missing.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Failure.h"
@@ -47,7 +47,8 @@ void PrintWithOrigin(Console& console, const IniFile& settings, const Layers& la
 }
 
 int Show(Context& context, const Options& options) {
-  const IniFile settings = context.GetSession().Get(ParseGroups(options.words));
+  const std::set<std::string> groups = ParseGroups(options.words);
+  const IniFile settings = context.GetSession().Get(groups);
   Console& console = context.GetConsole();
   if (options.origin) {
     context.RequireOutput({Output::kJson});
@@ -62,9 +63,10 @@ int Show(Context& context, const Options& options) {
   } else {
     PrintAs(console, context.GetOptions().output, settings);
   }
-  if (!settings.IsEmpty() || options.words.empty()) return kExitDone;
-  Console::Warn(DescribeMissingGroups(context.GetSession(), ParseGroups(options.words)));
-  return kExitNo;
+  if (options.words.empty()) return kExitDone;
+  MissingGroups missing(groups);
+  missing.TakeAll(settings);
+  return ReportMissing(context, missing);
 }
 
 }  // namespace

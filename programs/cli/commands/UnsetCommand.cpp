@@ -19,6 +19,7 @@ namespace {
 struct Options {
   std::vector<std::string> words;
   bool isDryRun = false;
+  bool isEmptyAllowed = false;
 };
 
 // The groups that the settings are in, before and after.
@@ -44,6 +45,7 @@ int Unset(Context& context, const Options& options) {
   const std::vector<Target> settings = ParseSettings(options.words);
   std::set<std::string> names;
   for (const Target& setting : settings) names.insert(setting.group);
+  RefuseEmptyName(names, options.isEmptyAllowed);
   Session& session = context.GetSession();
   RefuseRestricted(session, names);
   if (options.isDryRun) {
@@ -68,6 +70,7 @@ void AddUnset(CommandLine& line) {
   const CommandOptions command = line.Add("unset", "Take settings away; their defaults do not come back",
                                           [options](Context& context) { return Unset(context, *options); });
   command.AddTexts("SETTING", options->words, "'[group]key' or GROUP KEY, any number of them").Require();
+  command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
 }
 

@@ -3,6 +3,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Follower.h"
+#include "programs/cli/text/Assignments.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"

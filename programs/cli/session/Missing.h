@@ -5,12 +5,27 @@
 
 #include "programs/common/client/Session.h"
 
-// What is said when the store does not hold what was asked for. The answer is no anyway, and a look at all names costs
-// little: somebody who mistyped one is told which he may have meant.
+// What is reported when the store does not hold what was asked for. The answer is no anyway, and a look at all names
+// costs little: somebody who mistyped one is told which he may have meant.
 namespace tavix::programs::cli {
 
-// No group matches these names and patterns.
-std::string DescribeMissingGroups(Session& session, const std::set<std::string>& groups);
+// The names and patterns that no group has matched yet. A plain value.
+class MissingGroups {
+ public:
+  explicit MissingGroups(const std::set<std::string>& namesAndPatterns) : _missing(namesAndPatterns) {}
+
+  // A group that the store holds.
+  void Take(const std::string& group);
+  void TakeAll(const core::IniFile& settings);
+
+  const std::set<std::string>& Get() const { return _missing; }
+
+ private:
+  std::set<std::string> _missing;
+};
+
+// No group has this name, or matches this pattern.
+std::string DescribeMissingGroup(Session& session, const std::string& group);
 
 // A setting is not there.
 std::string DescribeMissingSetting(Session& session, const std::string& group, const std::string& key);

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "programs/cli/terminal/Console.h"
-#include "programs/cli/terminal/Documents.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
 
@@ -26,12 +25,10 @@ std::string ListNames(const std::set<std::string>& groups) {
 
 }  // namespace
 
-void Confirm(const std::string& verb, const std::set<std::string>& groups, bool isGiven) {
-  if (isGiven) return;
+void Confirm(const std::string& cause, const std::string& action, const std::set<std::string>& groups) {
   if (!Console::CanAsk())
-    throw Failure(kExitUsage, "a pattern would " + verb + " " + Count(groups.size(), "group") + ": give --yes to do it",
-                  "--dry-run shows them");
-  std::string question = verb + " " + Count(groups.size(), "group") + "?";
+    throw Failure(kExitUsage, cause + " would " + action + ": give --yes to do it", "--dry-run shows them");
+  std::string question = action + "?";
   question[0] = static_cast<char>(question[0] - 'a' + 'A');
   if (!Console::Ask(ListNames(groups) + question)) throw Failure(kExitNo, "nothing was changed");
 }

@@ -5,9 +5,10 @@
 
 namespace tavix::programs::cli {
 
-// Asks before something is done to groups that a pattern named, on a terminal; elsewhere --yes has to be given.
-// verb: "delete". Throws Failure: kExitUsage when nobody can be asked, kExitNo when the answer is no.
-void Confirm(const std::string& verb, const std::set<std::string>& groups, bool isGiven);
+// Asks on a terminal before something is done to groups that nobody named one by one; elsewhere --yes has to be given.
+// cause: what would do it, "a pattern". action: "delete 2 groups". Throws Failure: kExitUsage when nobody can be asked,
+// kExitNo when the answer is no.
+void Confirm(const std::string& cause, const std::string& action, const std::set<std::string>& groups);
 
 bool HasPattern(const std::set<std::string>& groups);
 

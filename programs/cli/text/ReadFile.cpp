@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "programs/cli/text/Words.h"
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::programs::cli {
@@ -15,7 +17,7 @@ namespace tavix::programs::cli {
 namespace {
 
 [[noreturn]] void Fail(const char* what, const std::string& path) {
-  throw Failure(kExitBadInput, std::string("failed to ") + what + " '" + path + "': " + std::strerror(errno));
+  throw Failure(kExitUsage, std::string("failed to ") + what + " '" + path + "': " + std::strerror(errno));
 }
 
 // Reads to the end. path: what an error text calls it.
@@ -42,8 +44,25 @@ std::string ReadFile(const std::string& path) {
   return ReadAll(file.Get(), path);
 }
 
-core::IniFile ReadDocument(const std::string& path) {
-  return ParseDocument(ReadFile(path), path == "-" ? "standard input" : path);
+SettingsFile ReadSettingsFile(const std::string& path) {
+  const std::string text = ReadFile(path);
+  SettingsFile file;
+  file.name = path == "-" ? "standard input" : path;
+  file.covered = ReadCoverage(text);
+  file.settings = ParseDocument(text, file.name);
+  return file;
+}
+
+std::set<std::string> FindSelection(const SettingsFile& file, const std::vector<std::string>& words) {
+  if (!words.empty() || file.covered.empty()) return ParseSelection(words);
+  const core::IniFile covered = SelectGroups(file.settings, file.covered);
+  for (const auto& [group, keys] : file.settings) {
+    if (covered.HasGroup(group) || group == kDeletedGroups) continue;
+    throw Failure(kExitUsage,
+                  "'" + file.name + "' holds '" + SpellName(group) + "', and says that it covers others alone",
+                  "name the groups that are meant");
+  }
+  return file.covered;
 }
 
 }  // namespace tavix::programs::cli

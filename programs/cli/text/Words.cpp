@@ -1,25 +1,34 @@
 #include "programs/cli/text/Words.h"
 
-#include <algorithm>
-#include <utility>
-
-#include "programs/cli/text/ReadFile.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
+#include "tavix/settings/common/SettingGuess.h"
 
 namespace tavix::programs::cli {
 
-using core::IniFile;
+using Words = std::vector<std::string>;
+using settings::common::GuessedSetting;
+using settings::common::GuessSetting;
 
 namespace {
 
-using Words = std::vector<std::string>;
+[[noreturn]] void FailWithoutKey(const std::string& word) {
+  const std::optional<GuessedSetting> guess = GuessSetting(word);
+  const std::string form = guess && guess->hasDot ? "one setting is '" + SpellSetting(guess->group, guess->key) + "'"
+                                                  : "expected '[group]key' or GROUP KEY";
+  throw Failure(kExitUsage, "'" + word + "' names no setting: " + form);
+}
+
+}  // namespace
 
 bool IsBracketed(const std::string& word) {
   return !word.empty() && word.front() == '[';
 }
 
-// Where the group's name ends: a name's own ']' is spelled \x5d.
+bool IsPlainName(const std::string& word) {
+  return !IsBracketed(word) && word.find('*') == std::string::npos;
+}
+
 size_t FindClosingBracket(const std::string& word) {
   const size_t close = word.find(']');
   if (close == std::string::npos)
@@ -28,94 +37,20 @@ size_t FindClosingBracket(const std::string& word) {
   return close;
 }
 
-std::string GroupOf(const std::string& word) {
-  return Unspell(word.substr(1, FindClosingBracket(word) - 1));
-}
-
-std::string KeyOf(const std::string& word, size_t end) {
-  const size_t begin = FindClosingBracket(word) + 1;
-  return Unspell(word.substr(begin, end - begin));
-}
-
-// "[group]" alone is a group.
 Target ParseBracketed(const std::string& word) {
-  Target target{GroupOf(word), std::nullopt};
-  if (FindClosingBracket(word) + 1 == word.size()) return target;
+  const size_t close = FindClosingBracket(word);
+  Target target{Unspell(word.substr(1, close - 1)), std::nullopt};
+  if (close + 1 == word.size()) return target;
   RefusePattern(target.group);
-  target.key = KeyOf(word, word.size());
+  target.key = Unspell(word.substr(close + 1));
   return target;
 }
 
-// Walks over the words of "set".
-class AssignmentParser {
- public:
-  explicit AssignmentParser(const Words& words) : _words(words) {}
-
-  IniFile Parse() {
-    while (_at < _words.size()) {
-      const std::string& word = Next("");
-      if (!IsBracketed(word)) {
-        ParseGroup(word);
-      } else if (FindClosingBracket(word) + 1 == word.size()) {
-        ParseGroup(GroupOf(word));
-      } else {
-        ParseBracketedWord(word);
-      }
-    }
-    return std::move(_settings);
-  }
-
- private:
-  std::string ValueFrom(const std::string& word) {
-    if (word != "-") return word;
-    if (_hasReadInput) throw Failure(kExitUsage, "'-' is standard input, which can be one value only");
-    _hasReadInput = true;
-    std::string value = ReadFile("-");
-    if (!value.empty() && value.back() == '\n') value.pop_back();
-    return value;
-  }
-
-  void ParseBracketedWord(const std::string& word) {
-    const size_t equals = word.find('=', FindClosingBracket(word));
-    const std::string group = GroupOf(word);
-    RefusePattern(group);
-    const std::string key = KeyOf(word, std::min(equals, word.size()));
-    if (equals != std::string::npos) {
-      _settings.SetValue(group, key, word.substr(equals + 1));
-    } else {
-      _settings.SetValue(group, key, ValueFrom(Next("a value behind '" + word + "'")));
-    }
-  }
-
-  void ParseGroup(const std::string& group) {
-    RefusePattern(group);
-    const std::string& word = Next("KEY VALUE or KEY=VALUE behind the group '" + group + "'");
-    if (word.find('=') == std::string::npos) {
-      _settings.SetValue(group, word, ValueFrom(Next("a value behind '" + group + " " + word + "'")));
-      return;
-    }
-    SetPair(group, word);
-    while (_at < _words.size() && !IsBracketed(_words[_at]) && _words[_at].find('=') != std::string::npos)
-      SetPair(group, _words[_at++]);
-  }
-
-  void SetPair(const std::string& group, const std::string& word) {
-    const size_t equals = word.find('=');
-    _settings.SetValue(group, word.substr(0, equals), word.substr(equals + 1));
-  }
-
-  const std::string& Next(const std::string& what) {
-    if (_at == _words.size()) throw Failure(kExitUsage, "expected " + what);
-    return _words[_at++];
-  }
-
-  const Words& _words;
-  size_t _at = 0;
-  bool _hasReadInput = false;
-  IniFile _settings;
-};
-
-}  // namespace
+void RefuseEmptyName(const std::set<std::string>& groups, bool isAllowed) {
+  if (!isAllowed && groups.count("") != 0)
+    throw Failure(kExitUsage, "the name of a group is empty, as that of a variable that is not set",
+                  "--allow-empty takes it as it is");
+}
 
 void RefusePattern(const std::string& group) {
   if (group.find('*') != std::string::npos)
@@ -127,10 +62,7 @@ std::string Target::ToText() const {
 }
 
 std::vector<Target> ParseTargets(const Words& words) {
-  const auto isPlain = [](const std::string& word) {
-    return !IsBracketed(word) && word.find('*') == std::string::npos;
-  };
-  if (words.size() == 2 && isPlain(words[0]) && isPlain(words[1])) return {{words[0], words[1]}};
+  if (words.size() == 2 && IsPlainName(words[0]) && IsPlainName(words[1])) return {{words[0], words[1]}};
   std::vector<Target> targets;
   for (const std::string& word : words)
     targets.push_back(IsBracketed(word) ? ParseBracketed(word) : Target{word, std::nullopt});
@@ -149,22 +81,9 @@ std::vector<Target> ParseSettings(const Words& words) {
     } else {
       settings.push_back({words[at], std::nullopt});
     }
-    if (!settings.back().key)
-      throw Failure(kExitUsage, "'" + settings.back().group + "' names no setting: expected '[group]key' or GROUP KEY");
+    if (!settings.back().key) FailWithoutKey(settings.back().group);
   }
   return settings;
-}
-
-IniFile ParseAssignments(const Words& words) {
-  return AssignmentParser(words).Parse();
-}
-
-IniFile ParseConditions(const Words& words, const std::string& option) {
-  for (const std::string& word : words) {
-    if (!IsBracketed(word) || word.find('=', FindClosingBracket(word)) == std::string::npos)
-      throw Failure(kExitUsage, option + ": expected '[group]key=value', found '" + word + "'");
-  }
-  return ParseAssignments(words);
 }
 
 std::set<std::string> ParseSelection(const Words& words) {

@@ -1,9 +1,11 @@
 #include "programs/common/client/Backup.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
@@ -17,6 +19,8 @@ namespace {
 std::set<std::string> OrAll(const std::set<std::string>& groups) {
   return groups.empty() ? std::set<std::string>{"*"} : groups;
 }
+
+constexpr char kCoverage[] = "# This backup covers: ";
 
 }  // namespace
 
@@ -32,8 +36,26 @@ IniFile ParseDocument(const std::string& text, const std::string& source) {
   return settings;
 }
 
+std::string DescribeCoverage(const std::set<std::string>& groups) {
+  std::string comments;
+  for (const std::string& group : groups) comments += kCoverage + SpellValue(group) + "\n";
+  return comments;
+}
+
+std::set<std::string> ReadCoverage(const std::string& text) {
+  constexpr size_t kSize = sizeof kCoverage - 1;
+  std::set<std::string> groups;
+  for (size_t at = text.find(kCoverage); at != std::string::npos; at = text.find(kCoverage, at + kSize)) {
+    if (at > 0 && text[at - 1] != '\n') continue;
+    const size_t end = std::min(text.find('\n', at), text.size());
+    const bool hasReturn = text[end - 1] == '\r';
+    groups.insert(Unspell(text.substr(at + kSize, end - at - kSize - (hasReturn ? 1 : 0))));
+  }
+  return groups;
+}
+
 IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut) {
-  IniFile settings = isUserLayer ? SelectGroups(session.GetUserSettings(), groups) : session.Get(OrAll(groups));
+  IniFile settings = isUserLayer ? SelectUserGroups(session.GetUserSettings(), groups) : session.Get(OrAll(groups));
   leftOut = 0;
   if (!groups.empty()) return settings;
   for (const std::string& name : NamesOf(settings)) {
@@ -51,6 +73,19 @@ IniFile SelectGroups(const IniFile& settings, const std::set<std::string>& group
   matcher.GetMatchingGroups(settings, places);
   IniFile selected;
   for (const IniFile::const_iterator& place : places) selected.MergeGroup(place);
+  return selected;
+}
+
+IniFile SelectUserGroups(const IniFile& layer, const std::set<std::string>& groups) {
+  IniFile selected = SelectGroups(layer, groups);
+  if (groups.empty() || !layer.HasGroup(kDeletedGroups)) return selected;
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
+  std::set<std::string> deleted;
+  for (const auto& [key, name] : layer[kDeletedGroups]) deleted.insert(name);
+  std::set<std::string> meant;
+  matcher.GetMatchingGroups(deleted, meant);
+  for (const std::string& name : meant) selected.SetValue(kDeletedGroups, name, name);
   return selected;
 }
 

@@ -15,11 +15,20 @@ constexpr char kDeletedGroups[] = "TavixSettings/Data/DeletedGroups";
 // Settings text or JSON. source: what errors call it. Throws Failure, kExitBadInput, with the place.
 core::IniFile ParseDocument(const std::string& text, const std::string& source);
 
+// Comments for the front of a backup, a line for each group or pattern that it was made of; nothing without any.
+std::string DescribeCoverage(const std::set<std::string>& groups);
+
+// The groups and patterns that such comments in a text name.
+std::set<std::string> ReadCoverage(const std::string& text);
+
 // What a backup of the store holds: what readers see, or the user layer. Restricted groups, which no client could bring
 // back, are left out unless groups were named. leftOut: how many.
 core::IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut);
 
 // The part of a document that groups and patterns mean; all of it without any.
 core::IniFile SelectGroups(const core::IniFile& settings, const std::set<std::string>& groups);
+
+// The same of a user layer: of the record of what was deleted, the groups and patterns that are meant.
+core::IniFile SelectUserGroups(const core::IniFile& layer, const std::set<std::string>& groups);
 
 }  // namespace tavix::programs

@@ -10,7 +10,7 @@ namespace tavix::programs {
 enum ExitCode : int {
   kExitDone = 0,
   kExitNo = 1,               // not set, differs, waited in vain
-  kExitUsage = 2,            // the command line
+  kExitUsage = 2,            // the command line, a file that it names and that can't be read, nobody to confirm
   kExitNoServer = 3,         // no server, lost, timed out; no file with --local
   kExitConditionFailed = 4,  // --if, or a change by somebody else
   kExitRefused = 5,          // a restricted group

@@ -22,6 +22,14 @@ void RequireSendable(const IniFile& settings, const std::string& source) {
   }
 }
 
+std::set<std::string> FindLost(const IniFile& before, const IniFile& after) {
+  std::set<std::string> names;
+  for (const auto& [group, keys] : before) {
+    if (!after.HasGroup(group)) names.insert(names.end(), group);
+  }
+  return names;
+}
+
 }  // namespace
 
 Import::Import(Session& session, const IniFile& document, const std::string& source, ImportOptions options)
@@ -64,12 +72,17 @@ std::vector<Change> Import::FindDifferences() const {
   return FindChanges(before, FindAfter(before));
 }
 
-Import::Result Import::Run(const std::function<void(const IniFile& before)>& confirm) {
+std::set<std::string> Import::FindGone() const {
+  const IniFile before = ReadBefore();
+  return FindLost(before, FindAfter(before));
+}
+
+Import::Result Import::Run(const std::function<void(const std::set<std::string>& gone)>& confirm) {
   Result result;
   _session.RunAlone([&] {
     const IniFile before = ReadBefore();
     const IniFile after = FindAfter(before);
-    confirm(before);
+    confirm(FindLost(before, after));
     Write(before, after);
     result.changes = FindChanges(before, ReplacesUserLayer() ? ReadBefore() : after);
     if (ReplacesUserLayer()) result.copies = CountCopies();

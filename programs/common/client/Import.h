@@ -39,8 +39,11 @@ class Import {
   // What would change.
   std::vector<Change> FindDifferences() const;
 
-  // confirm: is given what the store holds where the import may change it; what it throws ends the import.
-  Result Run(const std::function<void(const core::IniFile& before)>& confirm);
+  // The groups that go, or with "isUserLayer" back to their defaults: the store holds them, and the document does not.
+  std::set<std::string> FindGone() const;
+
+  // confirm: is given the groups that go at this moment; what it throws ends the import.
+  Result Run(const std::function<void(const std::set<std::string>& gone)>& confirm);
 
   // Whether the document held nothing of these groups.
   bool IsEmpty() const { return _isEmpty; }

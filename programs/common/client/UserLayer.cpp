@@ -5,7 +5,6 @@
 
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Writes.h"
-#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::programs {
 
@@ -36,16 +35,10 @@ std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted)
 }  // namespace
 
 UserLayer UserLayer::From(const IniFile& document, const std::set<std::string>& groups) {
-  UserLayer layer;
-  layer.settings = document;
+  UserLayer layer{SelectUserGroups(document, groups), {}};
+  if (!layer.settings.HasGroup(kDeletedGroups)) return layer;
+  for (const auto& [key, name] : layer.settings[kDeletedGroups]) layer.deleted.insert(name);
   layer.settings.RemoveGroup(kDeletedGroups);
-  layer.settings = SelectGroups(layer.settings, groups);
-  if (!document.HasGroup(kDeletedGroups)) return layer;
-  std::set<std::string> deleted;
-  for (const auto& [key, name] : document[kDeletedGroups]) deleted.insert(name);
-  settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(groups.empty() ? std::set<std::string>{"*"} : groups);
-  matcher.GetMatchingGroups(deleted, layer.deleted);
   return layer;
 }
 

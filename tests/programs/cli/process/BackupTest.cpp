@@ -43,9 +43,31 @@ std::string SendableText(const IniFile::GroupMap& groups) {
 
 TEST_F(BackupCommands, ExportLeavesRestrictedGroupsOutAndSaysSo) {
   ExpectRun({"export"}, 0, kDefaults, kLeftOut);
-  ExpectRun({"export", "*"}, 0, std::string(kDefaults) + kRestricted, "");
-  ExpectRun({"export", "Network/Wlan0"}, 0, "[Network/Wlan0]\nenabled=false\n", "");
+  ExpectRun({"export", "*"}, 0, "# This backup covers: *\n" + std::string(kDefaults) + kRestricted, "");
   ExpectRun({"export", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
+}
+
+TEST_F(BackupCommands, ExportOfGroupsNamesThemInComments) {
+  ExpectRun({"export", "Network/Wlan0"}, 0, "# This backup covers: Network/Wlan0\n[Network/Wlan0]\nenabled=false\n",
+            "");
+  ExpectRun({"export", "-o", "ini", "[Device/Identity]", " a\\*", "Network/Wlan0"}, 0,
+            "# This backup covers: \\sa\\\\*\n# This backup covers: Device/Identity\n"
+            "# This backup covers: Network/Wlan0\n"
+            "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Wlan0]\nenabled=false\n",
+            "");
+}
+
+TEST_F(BackupCommands, DiffComparesTheGroupsThatTheBackupCovers) {
+  const std::string backup = Run({"export", "Network/*"}).output;
+  Merge("[Device/Identity]\nname=Gate\n[Network/Wlan0]\nenabled=true\n");
+  EXPECT_EQ(Run({"diff", "-"}, backup).output, "-[Network/Wlan0]enabled=true\n+[Network/Wlan0]enabled=false\n");
+  EXPECT_EQ(Run({"diff", "-", "Device/*"}, backup).output,
+            "-[Device/Identity]\n-[Device/Identity]model=NC-240\n-[Device/Identity]name=Gate\n");
+}
+
+TEST_F(BackupCommands, DiffOfWhatCanNotBeReadIsExitStatus2) {
+  ExpectRun({"diff", "/nonexistent"}, 2, "",
+            "tavix-settings: failed to open '/nonexistent': No such file or directory\n");
 }
 
 TEST_F(BackupCommands, ExportPrintsJson) {
@@ -115,19 +137,19 @@ TEST_F(BackupCommands, ImportReadsJson) {
 }
 
 TEST_F(BackupCommands, ImportThatReplacesTakesAwayWhatTheFileLacks) {
-  const Outcome outcome = Run({"import", "--replace"}, "[Network/Eth0]\ndhcp=false\n[New]\na=1\n");
+  const Outcome outcome = Run({"import", "--replace", "-y"}, "[Network/Eth0]\ndhcp=false\n[New]\na=1\n");
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(Ask("*"), "[Network/Eth0]\ndhcp=false\n[New]\na=1\n" + std::string(kRestricted));
 }
 
 TEST_F(BackupCommands, ImportThatReplacesKeepsToTheGroupsGiven) {
-  EXPECT_EQ(Run({"import", "-", "Network/*", "--replace"}, "[Network/Eth0]\ndhcp=false\n[New]\na=1\n").status, 0);
+  EXPECT_EQ(Run({"import", "-", "Network/*", "--replace", "-y"}, "[Network/Eth0]\ndhcp=false\n[New]\na=1\n").status, 0);
   EXPECT_EQ(Ask("*"),
             "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Eth0]\ndhcp=false\n" + std::string(kRestricted));
 }
 
 TEST_F(BackupCommands, ImportTouchesOnlyGroupsThatDiffer) {
-  Run({"import", "--replace"},
+  Run({"import", "--replace", "-y"},
       "[Device/Identity]\nmodel=NC-240\nname=Gate\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n");
   EXPECT_EQ(AskUser(),
             "[Device/Identity]\nname=Gate\n[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\n.\n");
@@ -153,7 +175,7 @@ TEST_F(BackupCommands, BackupOfTheUserLayerBringsChangesAndDeletionsBack) {
 
 TEST_F(BackupCommands, ReplacingTheUserLayerPutsEverythingElseBackToItsDefaults) {
   Merge("[Network/Eth0]\ndhcp=false\n[Own]\nx=1\n");
-  const Outcome outcome = Run({"import", "--replace", "--user"}, "[Device/Identity]\nname=Gate\n");
+  const Outcome outcome = Run({"import", "--replace", "--user", "-y"}, "[Device/Identity]\nname=Gate\n");
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(Ask("*"),
             "[Device/Identity]\nmodel=NC-240\nname=Gate\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
@@ -174,7 +196,7 @@ TEST_F(BackupCommands, InputThatDoesNotParseIsExitStatus6WithFileAndLine) {
             "tavix-settings: bad.ini:3: expected \"[group]\" or \"key=value\", found \"nonsense\"\n");
   ExpectRun({"diff", "bad.ini"}, 6, "",
             "tavix-settings: bad.ini:3: expected \"[group]\" or \"key=value\", found \"nonsense\"\n");
-  ExpectRun({"import", "gone.ini"}, 6, "", "tavix-settings: failed to open 'gone.ini': No such file or directory\n");
+  ExpectRun({"import", "gone.ini"}, 2, "", "tavix-settings: failed to open 'gone.ini': No such file or directory\n");
   EXPECT_EQ(Run({"import"}, "x=1\n").errors,
             "tavix-settings: standard input:1: expected \"[group]\" before the first \"key=value\", found \"x=1\"\n");
   _directory.Write("bad.json", "{\"A\":\n {\"x\": }}\n");

@@ -39,6 +39,31 @@ TEST_F(GetCommand, MissingSettingIsExitStatus1AndASuggestion) {
   ExpectRun({"get", "Nothing/*"}, 1, "", "tavix-settings: no group matches 'Nothing/*'\n");
 }
 
+TEST_F(GetCommand, RecognizesPairs) {
+  ExpectRun({"get", "Network/Eth0", "dhcp", "nosuch", "y"}, 1, "[Network/Eth0]dhcp=true\n",
+            "tavix-settings: [nosuch]y is not set\n");
+  ExpectRun({"get", "nosuch", "x", "nosuch", "y"}, 1, "",
+            "tavix-settings: [nosuch]x is not set\ntavix-settings: [nosuch]y is not set\n");
+  ExpectRun({"get", "Network/Eth0", "Network/Wlan0", "Device/Identity", "nosuch"}, 1,
+            "[Device/Identity]model=NC-240\n[Device/Identity]name=Camera\n[Network/Eth0]address=192.168.0.90\n"
+            "[Network/Eth0]dhcp=true\n[Network/Wlan0]enabled=false\n",
+            "tavix-settings: there is no group 'nosuch'\n");
+}
+
+TEST_F(GetCommand, AnswersOtherSpellingsWithTheRightForm) {
+  for (const std::string word : {"Network.Eth0.dhcp", "Network/Eth0/dhcp", "Network/Eth0.dhcp"})
+    ExpectRun({"get", word}, 1, "",
+              "tavix-settings: there is no group '" + word + "'; one setting is '[Network/Eth0]dhcp'\n");
+  Merge("[a.b]\nc.d=1\n");
+  ExpectRun({"get", "a.b.c.d"}, 1, "", "tavix-settings: there is no group 'a.b.c.d'; one setting is '[a/b/c]d'\n");
+  ExpectRun({"get", "a.b/c.d"}, 1, "", "tavix-settings: there is no group 'a.b/c.d'; one setting is '[a.b]c.d'\n");
+  ExpectRun({"get", "Video.Main.fps"}, 1, "",
+            "tavix-settings: there is no group 'Video.Main.fps'; one setting is '[Video/Main]fps'\n");
+  ExpectRun({"get", "./x", "/", "x."}, 1, "",
+            "tavix-settings: there is no group './x'\ntavix-settings: there is no group '/'\n"
+            "tavix-settings: there is no group 'x.'\n");
+}
+
 TEST_F(GetCommand, PrintsWhatThereIsBesideWhatIsMissing) {
   ExpectRun({"get", "[Network/Eth0]dhcp", "[X/Y]z"}, 1, "[Network/Eth0]dhcp=true\n",
             "tavix-settings: [X/Y]z is not set\n");

@@ -134,6 +134,17 @@ TEST_F(InspectionCommands, LogLevelIsReadAndSetByNameOrNumber) {
             json::parse(R"({"Logging/A": "6", "Logging/Recorder": "6"})"));
 }
 
+TEST_F(InspectionCommands, LogLevelOfAProgramThatTheStoreDoesNotKnowNeedsCreate) {
+  Merge("[Logging/Recorder]\nlog.level=6\n");
+  ExpectRun(
+      {"log-level", "Logging/Recroder", "trace"}, 1, "",
+      "tavix-settings: 'Logging/Recroder' is no log group: it has no log.level; did you mean 'Logging/Recorder'?\n"
+      "hint: --create sets it for a program that has none yet\n");
+  EXPECT_EQ(Ask("Logging/Recroder"), "");
+  ExpectRun({"log-level", "Logging/New", "trace", "--create"}, 0, "", "done: Logging/New 8 trace\n");
+  EXPECT_EQ(Ask("Logging/New"), "[Logging/New]\nlog.level=8\n");
+}
+
 TEST_F(InspectionCommands, LogLevelThatIsNoneIsAUsageError) {
   ExpectRun({"log-level", "Logging/A", "9"}, 2, "",
             "tavix-settings: '9' is no log level\n"

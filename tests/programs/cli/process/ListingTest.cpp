@@ -20,6 +20,8 @@ TEST_F(ListingCommands, ListPrintsGroupsWithTheirNumbersOfSettings) {
             "");
   ExpectRun({"list", "-o", "value", "N*"}, 0, "Network/Eth0\nNetwork/Wlan0\n", "");
   ExpectRun({"list", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
+  ExpectRun({"list", "Network/Wlan0", "nosuch", "X*", "N*"}, 1, "Network/Eth0   2\nNetwork/Wlan0  1\n",
+            "tavix-settings: no group matches 'X*'\ntavix-settings: there is no group 'nosuch'\n");
 }
 
 TEST_F(ListingCommands, ListTellsTheLayer) {
@@ -51,7 +53,8 @@ TEST_F(ListingCommands, ShowPrintsIniWithEmptyLinesBetweenGroups) {
             "[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n\n[Network/Wlan0]\nenabled=false\n", "");
   EXPECT_THAT(Run({"show"}).output, testing::EndsWith("\n\n[Secure/Wlan0]\npassphrase=example\n"));
   ExpectRun({"show", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
-  ExpectRun({"show", "Nothing", "X*"}, 1, "", "tavix-settings: no group matches\n");
+  ExpectRun({"show", "Nothing", "X*", "Network/Wlan0"}, 1, "[Network/Wlan0]\nenabled=false\n",
+            "tavix-settings: there is no group 'Nothing'\ntavix-settings: no group matches 'X*'\n");
   ExpectRun({"show", "Network/eth0"}, 1, "",
             "tavix-settings: there is no group 'Network/eth0'; did you mean 'Network/Eth0'?\n");
 }

@@ -112,7 +112,7 @@ TEST_F(LocalFile, ThatCanNotBeWrittenIsExitStatus7AndStays) {
 
 TEST_F(LocalFile, ResetTakesGroupsOutSoThatDefaultsCount) {
   Write(kCommented);
-  ExpectRun({"reset", "Audio"}, 0, "-[Audio]\n-[Audio]volume=5\n", "done: 0 groups at their defaults\n");
+  ExpectRun({"reset", "Audio"}, 0, "-[Audio]\n-[Audio]volume=5\n", "done: 1 group at its defaults\n");
   ExpectRun({"list"}, 0, "Network  2\n", "");
 }
 

@@ -50,10 +50,10 @@ TEST_F(GlobalOptions, HelpGoesToStandardOutput) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "");
     for (const char* word :
-         {"get",      "list",      "show",       "search",    "set",        "unset",     "delete",   "reset",
-          "edit",     "diff",      "export",     "import",    "watch",      "wait",      "status",   "subscribers",
-          "resource", "log-level", "completion", "--server",  "--local",    "--timeout", "--output", "--json",
-          "--quiet",  "--verbose", "--color",    "--version", "Exit status"})
+         {"get",      "list",      "show",       "search",  "set",       "unset",      "delete",    "reset",
+          "edit",     "diff",      "export",     "import",  "watch",     "wait",       "status",    "subscribers",
+          "resource", "log-level", "completion", "version", "--server",  "--local",    "--timeout", "--output",
+          "--json",   "--quiet",   "--verbose",  "--color", "--version", "Exit status"})
       EXPECT_THAT(outcome.output, HasSubstr(word));
   }
   EXPECT_THAT(Run({"get", "--help"}).output, HasSubstr("--default"));
@@ -61,8 +61,23 @@ TEST_F(GlobalOptions, HelpGoesToStandardOutput) {
   EXPECT_THAT(Run({"resource", "reserve", "-h"}).output, HasSubstr("--consumer"));
 }
 
+TEST_F(GlobalOptions, GroupOfCommandsAloneShowsItsHelp) {
+  const Outcome outcome = Run({"resource"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_EQ(outcome.output, Run({"resource", "--help"}).output);
+  EXPECT_THAT(outcome.output, HasSubstr("reserve"));
+}
+
+TEST_F(GlobalOptions, TimesMayHaveAUnit) {
+  for (const char* time : {"80", "80.5", "80s", "80000ms"})
+    ExpectRun({"-t", time, "get", "[Network/Eth0]dhcp"}, 0, "true\n", "");
+  ExpectRun({"watch", "--for", "10ms"}, 0, "", "");
+  for (const char* time : {"s", "ms", "2m", "2 s", "2ss", "0s"}) EXPECT_EQ(Run({"-t", time, "list"}).status, 2) << time;
+}
+
 TEST_F(GlobalOptions, VersionIsOneLine) {
-  for (const char* option : {"-V", "--version"}) {
+  for (const char* option : {"-V", "--version", "version"}) {
     const Outcome outcome = Run({option});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_THAT(outcome.output, MatchesRegex("tavix-settings [0-9]+\\.[0-9]+\\.[0-9]+\n"));
@@ -91,7 +106,6 @@ TEST_F(GlobalOptions, UnknownWordsGetASuggestion) {
 TEST_F(GlobalOptions, CommandLineThatIsNotUnderstoodIsExitStatus2) {
   for (const Words& words : std::vector<Words>{{},
                                                {"get"},
-                                               {"resource"},
                                                {"-o", "xml", "list"},
                                                {"-t", "-1", "list"},
                                                {"-t", "soon", "list"},

@@ -101,6 +101,11 @@ TEST_F(RemovalCommands, ResetBringsDeletedGroupsBack) {
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
 
+TEST_F(RemovalCommands, ResetCountsGroupsThatHaveNoDefaults) {
+  Merge("[Own]\nx=1\n");
+  ExpectRun({"reset", "Own", "Network/Wlan0"}, 0, "-[Own]\n-[Own]x=1\n", "done: 2 groups at their defaults\n");
+}
+
 TEST_F(RemovalCommands, ResetOfWhatNobodyKnowsIsExitStatus1) {
   ExpectRun({"reset", "Nothing"}, 1, "", "tavix-settings: no group matches, and no default does\n");
 }

@@ -9,7 +9,7 @@ using testing::HasSubstr;
 class ImportThatReplaces : public CommandTest {
  protected:
   Outcome ReplaceUser(const std::string& backup, Words words = {}) const {
-    words.insert(words.begin(), {"import", "-", "--user", "--replace"});
+    words.insert(words.begin(), {"import", "-", "--user", "--replace", "--yes"});
     return Run(words, backup);
   }
 };
@@ -33,6 +33,61 @@ TEST_F(ImportThatReplaces, TakesEverythingAwayForAnEmptyTextWhenToldTo) {
   EXPECT_THAT(Run({"import", "--replace", "--dry-run"}).output, HasSubstr("-[Device/Identity]\n"));
   EXPECT_EQ(Run({"import", "--replace", "--yes"}).status, 0);
   EXPECT_EQ(Ask("*"), kRestricted);
+}
+
+TEST_F(ImportThatReplaces, NeedsYesBeforeGroupsGo) {
+  _directory.Write("x.ini", "[Network/Eth0]\ndhcp=true\n");
+  ExpectRun({"import", "x.ini", "--replace"}, 2, "",
+            "tavix-settings: --replace would delete 2 groups that 'x.ini' lacks: give --yes to do it\n"
+            "hint: --dry-run shows them\n");
+  EXPECT_EQ(Run({"import", "--replace", "-", "Network/*"}, "[Network/Eth0]\n").errors,
+            "tavix-settings: --replace would delete 1 group that 'standard input' lacks: give --yes to do it\n"
+            "hint: --dry-run shows them\n");
+  Merge("[Own]\nx=1\n");
+  ExpectRun({"import", "x.ini", "--replace", "--user"}, 2, "",
+            "tavix-settings: --replace would reset 1 group that 'x.ini' lacks: give --yes to do it\n"
+            "hint: --dry-run shows them\n");
+  EXPECT_EQ(AskUser(), "[Own]\nx=1\n.\n");
+  ExpectRun({"import", "x.ini", "--replace", "--yes"}, 0, "", "done: 8 differences\n");
+  EXPECT_EQ(Ask("*"), "[Network/Eth0]\ndhcp=true\n" + std::string(kRestricted));
+}
+
+TEST_F(ImportThatReplaces, NeedsNoYesWhereNoGroupGoes) {
+  _directory.Write("x.ini", Run({"export"}).output);
+  Merge("[Network/Eth0]\ndhcp=false\n");
+  Run({"delete", "Network/Wlan0"});
+  ExpectRun({"import", "x.ini", "--replace"}, 0, "", "done: 2 differences\n");
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+}
+
+TEST_F(ImportThatReplaces, ReplacesWhatTheBackupCoversAlone) {
+  _directory.Write("x.ini", Run({"export", "Network/*"}).output);
+  Merge("[Network/Eth1]\na=1\n[Own]\nx=1\n");
+  ExpectRun({"import", "x.ini", "--replace", "--yes"}, 0, "", "done: 2 differences\n");
+  EXPECT_EQ(Ask("*"),
+            "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
+            "[Network/Wlan0]\nenabled=false\n[Own]\nx=1\n" +
+                std::string(kRestricted));
+  ExpectRun({"import", "x.ini", "--replace", "Device/*"}, 2, "",
+            "tavix-settings: a text without any of these groups would take 1 group away: give --yes to do it\n"
+            "hint: --dry-run shows them\n");
+}
+
+TEST_F(ImportThatReplaces, RefusesABackupThatHoldsWhatItDoesNotCover) {
+  _directory.Write("x.ini", Run({"export", "Network/*"}).output + "[Own]\nx=1\n");
+  ExpectRun({"import", "x.ini", "--replace"}, 2, "",
+            "tavix-settings: 'x.ini' holds 'Own', and says that it covers others alone\n"
+            "hint: name the groups that are meant\n");
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+}
+
+TEST_F(ImportThatReplaces, PartOfTheUserLayerKnowsWhatWasDeleted) {
+  Run({"delete", "Network/Wlan0", "Device/Identity"});
+  const Outcome backup = Run({"export", "--user", "Network/*"});
+  EXPECT_EQ(backup.output,
+            "# This backup covers: Network/*\n[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\n");
+  EXPECT_EQ(Run({"diff", "--user", "-"}, backup.output).status, 0);
+  EXPECT_EQ(Run({"import", "--user", "--replace"}, backup.output).errors, "done: no differences\n");
 }
 
 TEST_F(ImportThatReplaces, RefusesABackupOfTheUserLayerInPlaceOfAllSettings) {

@@ -45,6 +45,50 @@ TEST_F(SetCommand, TakesAnyValueAsItIs) {
   }
 }
 
+TEST_F(SetCommand, TakesTheWordBehindGroupAndKeyWhateverItLooksLike) {
+  for (const std::string value : {"-h", "--help", "--json", "--dry-run", "-q", "set"}) {
+    ExpectRun({"set", "W", "w", value, "[W]v", value, "-q"}, 0, "", "");
+    ExpectRun({"get", "-z", "W"}, 0, value + '\0' + value + '\0', "");
+  }
+  ExpectRun({"set", "W", "w", "--"}, 0, "", "done: 1 setting\n");
+  ExpectRun({"get", "W", "w"}, 0, "--\n", "");
+  ExpectRun({"set", "W", "w", "--", "-x"}, 0, "", "done: 1 setting\n");
+  ExpectRun({"set", "--", "-g", "-k", "-v"}, 0, "", "done: 1 setting\n");
+  ExpectRun({"get", "--", "-g", "-k"}, 0, "-v\n", "");
+  EXPECT_EQ(Ask("W"), "[W]\nv=set\nw=-x\n");
+}
+
+TEST_F(SetCommand, RefusesAnEmptyGroupNameUnlessItIsMeant) {
+  const std::string refused =
+      "tavix-settings: the name of a group is empty, as that of a variable that is not set\n"
+      "hint: --allow-empty takes it as it is\n";
+  for (const Words& words : std::vector<Words>{{"set", "[]key=1"},
+                                               {"set", "[A]b=1", "", "key", "1"},
+                                               {"set", "[A]b=1", "--if", "[]x=1"},
+                                               {"unset", "[]key"},
+                                               {"delete", ""},
+                                               {"reset", ""},
+                                               {"edit", ""},
+                                               {"log-level", "", "trace"}})
+    ExpectRun(words, 2, "", refused);
+  EXPECT_EQ(AskUser(), ".\n");
+  ExpectRun({"set", "--allow-empty", "[]key=1"}, 0, "", "done: 1 setting\n");
+  ExpectRun({"get", "[]key"}, 0, "1\n", "");
+  ExpectRun({"unset", "--allow-empty", "[]key"}, 0, "", "done: 1 setting unset\n");
+  ExpectRun({"delete", "--allow-empty", ""}, 0, "", "done: 1 group deleted\n");
+}
+
+TEST_F(SetCommand, AnswersOtherSpellingsWithTheRightForm) {
+  ExpectRun({"set", "Video/Main.fps", "30"}, 2, "",
+            "tavix-settings: expected a value behind 'Video/Main.fps 30': one setting is '[Video/Main]fps'\n"
+            "hint: try '[Video/Main]fps=30'\n");
+  ExpectRun({"set", "fps=30"}, 2, "",
+            "tavix-settings: 'fps=30' names no group: one setting is '[group]fps'\nhint: try '[group]fps=30'\n");
+  ExpectRun({"unset", "Video.Main.fps"}, 2, "",
+            "tavix-settings: 'Video.Main.fps' names no setting: one setting is '[Video/Main]fps'\n");
+  EXPECT_EQ(AskUser(), ".\n");
+}
+
 TEST_F(SetCommand, DashIsStandardInputLessOneLineFeed) {
   EXPECT_EQ(Run({"set", "[A]x", "-"}, "one\ntwo\n\n").status, 0);
   EXPECT_EQ(Ask("A"), "[A]\nx=one\\ntwo\\n\n");

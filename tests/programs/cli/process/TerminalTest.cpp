@@ -100,6 +100,32 @@ TEST_F(OnATerminal, ResetAsksForAPatternAndNotForAName) {
   EXPECT_THAT(RunThere({"reset", "Network/Wlan0"}), testing::EndsWith("done: 1 group at its defaults\n"));
 }
 
+TEST_F(OnATerminal, ImportThatReplacesAsksBeforeGroupsGo) {
+  _directory.Write("x.ini", "[Network/Eth0]\ndhcp=true\n");
+  const auto no = Start({"import", "x.ini", "--replace"});
+  no->AwaitOutput("? [y/N] ");
+  EXPECT_EQ(no->GetOutput(), "  Device/Identity\n  Network/Wlan0\nDelete 2 groups that 'x.ini' lacks? [y/N] ");
+  no->Write("n\n");
+  EXPECT_EQ(no->AwaitEnd(), 1);
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+  const auto yes = Start({"import", "x.ini", "--replace"});
+  yes->AwaitOutput("? [y/N] ");
+  yes->Write("y\n");
+  EXPECT_EQ(yes->AwaitEnd(), 0);
+  EXPECT_EQ(Ask("*"), "[Network/Eth0]\ndhcp=true\n" + std::string(kRestricted));
+}
+
+TEST_F(OnATerminal, GroupThatCameWhileImportAskedStays) {
+  _directory.Write("x.ini", Run({"export", "Network/Eth0"}).output);
+  const auto process = Start({"import", "x.ini", "--replace", "Network/*"});
+  process->AwaitOutput("Delete 1 group that 'x.ini' lacks? [y/N] ");
+  Merge("[Network/New]\na=1\n");
+  process->Write("y\n");
+  EXPECT_EQ(process->AwaitEnd(), 4);
+  EXPECT_THAT(process->GetOutput(),
+              testing::EndsWith("tavix-settings: condition failed: there is a group 'Network/New' by now\n"));
+}
+
 TEST_F(OnATerminal, InterruptAtAPromptIsExitStatus130) {
   const auto process = Start({"delete", "Network/*"});
   process->AwaitOutput("? [y/N] ");

@@ -33,6 +33,26 @@ TEST(Backup, LeavesRestrictedGroupsOutUnlessGroupsAreNamed) {
   EXPECT_EQ(leftOut, 0U);
 }
 
+TEST(Backup, CoverageReadsBack) {
+  const std::set<std::string> groups{"", " a ", "b/*", "c\nd", "\xFF"};
+  EXPECT_EQ(programs::ReadCoverage(programs::DescribeCoverage(groups) + "[x]\nk=1\n"), groups);
+  EXPECT_EQ(programs::DescribeCoverage({"b/*", "c"}), "# This backup covers: b/*\n# This backup covers: c\n");
+}
+
+TEST(Backup, CoverageStandsInCommentsAnywhere) {
+  EXPECT_EQ(
+      programs::ReadCoverage("[x]\nk=# This backup covers: a\n# This backup covers: b\r\n# This backup covers: c"),
+      std::set<std::string>({"b", "c"}));
+  EXPECT_EQ(programs::ReadCoverage("{\"a\": {}}"), std::set<std::string>());
+}
+
+TEST(Backup, SelectsWhatUsersDeletedByTheNamesOfTheGroups) {
+  const core::IniFile layer = DocumentOf("[TavixSettings/Data/DeletedGroups]\na/x=a/x\nb=b\n[a/y]\nk=1\n[c]\nk=1\n");
+  EXPECT_EQ(TextOf(programs::SelectUserGroups(layer, {"a/*"})),
+            "[TavixSettings/Data/DeletedGroups]\na/x=a/x\n[a/y]\nk=1\n");
+  EXPECT_EQ(programs::SelectUserGroups(layer, {}).GetGroups(), layer.GetGroups());
+}
+
 TEST(Backup, SelectsByNameAndPattern) {
   const core::IniFile all = DocumentOf("[a]\nk=1\n[b/x]\nk=2\n[c]\nk=3\n");
   EXPECT_EQ(TextOf(programs::SelectGroups(all, {"a", "b/*"})), "[a]\nk=1\n[b/x]\nk=2\n");

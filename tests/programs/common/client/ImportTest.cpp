@@ -15,7 +15,7 @@ using programs::ImportOptions;
 
 const char kFiles[] = "[a]\nk=1\n[b]\nk=1\n[SecureKeys]\nk=1\n";
 
-void Confirm(const core::IniFile&) {}
+void Confirm(const std::set<std::string>&) {}
 
 // What a failed import ends with.
 ExitCode CodeOf(MemorySession& session, const std::string& document, const ImportOptions& options) {
@@ -77,12 +77,23 @@ TEST(Import, WritesNothingThatIsNotConfirmed) {
   options.replaces = true;
   Import import(session, {}, "backup", options);
   EXPECT_TRUE(import.IsEmpty());
-  EXPECT_THROW(import.Run([](const core::IniFile& before) {
-    EXPECT_EQ(TextOf(before), "[a]\nk=1\n[b]\nk=1\n");
+  EXPECT_EQ(import.FindGone(), std::set<std::string>({"a", "b"}));
+  EXPECT_THROW(import.Run([](const std::set<std::string>& gone) {
+    EXPECT_EQ(gone, std::set<std::string>({"a", "b"}));
     throw std::runtime_error("no");
   }),
                std::runtime_error);
   EXPECT_EQ(session.writes, 0U);
+}
+
+TEST(Import, FindsWhichGroupsGo) {
+  MemorySession session(kFiles, "[c]\nk=1\n");
+  ImportOptions options;
+  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>());
+  options.replaces = true;
+  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>({"b", "c"}));
+  options.isUserLayer = true;
+  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>({"c"}));
 }
 
 TEST(Import, RefusesRestrictedGroupsThatDiffer) {
