@@ -68,6 +68,7 @@ UserLayerState::Steps UserLayerState::OnLateWritten(const LateWrite& write, uint
   ShowWrittenUnlessAlways(steps);
   if (!IsSnapshotting()) RequestSnapshotIfLong(journalEnd, steps);
   steps.wakesSync = _durability.kind != Durability::Kind::kNone;
+  ReportRecovery(steps);
   return steps;
 }
 
@@ -161,9 +162,11 @@ std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSnapshotTime
 }
 
 bool UserLayerState::IsSaved() const {
-  const bool isNone = _durability.kind == Durability::Kind::kNone;
-  const bool isSynced = (isNone ? _changes.written : _changes.synced) == _changes.last;
-  return !HasFailed() && HasSnapshot() && isSynced;
+  return !HasFailed() && HasSnapshot() && GetSaved() == _changes.last;
+}
+
+UserLayerState::Ticket UserLayerState::GetSaved() const {
+  return _durability.kind == Durability::Kind::kNone ? _changes.written : _changes.synced;
 }
 
 // The journal is given up: nobody knows what a file holds whose write or sync failed. Nobody was shown what is in a
@@ -176,6 +179,7 @@ UserLayerState::Steps UserLayerState::Fail(Clock::time_point now) {
   steps.shown = _changes.last;
   steps.report = HasFailed() ? Steps::Report::kFailedRetry : Steps::Report::kFailure;
   (IsSnapshotting() ? _phaseOnFailure : _phase) = Phase::kFailed;
+  _recoveryTicket.reset();
   RetryLater(now, steps);
   return steps;
 }
@@ -188,12 +192,11 @@ void UserLayerState::Follow(const Snapshot& snapshot, Steps& steps) {
   _changes.synced = std::max(_changes.synced, snapshot.last);
   Resume(steps);
   if (hadFailed) {
-    _hasToReportRecovery = true;
+    _recoveryTicket = _changes.last;
     steps.output = Steps::Output::kHold;
   }
-  const bool isSynced = _changes.synced == _changes.last;
-  if (isSynced || _durability.kind == Durability::Kind::kNone) ReportRecovery(steps);
-  if (isSynced) {
+  ReportRecovery(steps);
+  if (_changes.synced == _changes.last) {
     _retry.OnSuccess();
     steps.unsavedSince = 0;
   } else {
@@ -236,8 +239,11 @@ void UserLayerState::ShowWrittenUnlessAlways(Steps& steps) const {
   if (_durability.kind != Durability::Kind::kAlways) steps.shown = _changes.written;
 }
 
+// The changes up to this one were shown without the disk; those behind it are held until the disk has them.
 void UserLayerState::ReportRecovery(Steps& steps) {
-  if (std::exchange(_hasToReportRecovery, false)) steps.reportsRecovery = steps.wakesSnapshot = true;
+  if (!_recoveryTicket || GetSaved() < *_recoveryTicket) return;
+  _recoveryTicket.reset();
+  steps.reportsRecovery = steps.wakesSnapshot = true;
 }
 
 }  // namespace tavix::daemon

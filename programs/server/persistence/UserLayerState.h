@@ -10,6 +10,7 @@
 #include "programs/server/persistence/JournalNames.h"
 #include "programs/server/persistence/RetryBackoff.h"
 #include "programs/server/persistence/SnapshotId.h"
+#include "programs/server/persistence/UserLayerSteps.h"
 
 namespace tavix::daemon {
 
@@ -53,38 +54,8 @@ class UserLayerState {
     kLarge,  // to write it would take long
   };
 
-  // What an event asks its caller to do, all of it before the next event.
-  struct Steps {
-    enum class Write {
-      kNothing,      // it is owed to a snapshot, or to the snapshot's next journal
-      kAppend,       // to the journal
-      kOpenJournal,  // that begins with it
-      kLater,        // it is noted for JournalSyncer
-    };
-    enum class Output { kAsBefore, kHold, kRelease };  // whether output waits for changes from now on
-    enum class Report { kNothing, kFailure, kFailedRetry, kJournalGoesOn };
-
-    Write write = Write::kNothing;
-    Output output = Output::kAsBefore;
-    Report report = Report::kNothing;
-    bool holdsChange = false;  // output waits for this change, even where it waits for no others
-    Ticket shown = 0;          // output need not wait for the changes up to this one any more
-    bool reportsRecovery = false;
-    bool wakesSync = false;
-    bool wakesSnapshot = false;
-    std::optional<std::time_t> unsavedSince;  // to be reported; 0: everything is on the disk
-  };
-
-  // What a load found.
-  struct Found {
-    SnapshotId snapshot;  // generation 0: none that a journal could follow
-    uint64_t nextGeneration = 1;
-    size_t snapshotBytes = 0;
-    bool mustBeWritten = false;  // what was read stands nowhere as a whole
-    bool hasJournal = false;
-    bool isInPlace = false;       // the journal
-    uint64_t journalFollows = 0;  // its generation
-  };
+  using Steps = UserLayerSteps;
+  using Found = FoundUserLayer;
 
   // A record of changes that are written later, under way.
   struct LateWrite {
@@ -196,6 +167,7 @@ class UserLayerState {
   bool HasSnapshot() const { return _snapshot.id.generation != 0; }
   bool HasJournal() const { return _names.GetCurrent() != 0; }
   bool CanAppend() const { return _phase == Phase::kJournalling || (IsSnapshotting() && HasJournal()); }
+  Ticket GetSaved() const;  // as the durability asks for
   Steps FindWrite(Size size);
   Steps Fail(Clock::time_point now);
   void Resume(Steps& steps);
@@ -218,7 +190,7 @@ class UserLayerState {
   JournalNames _names;
   uint64_t _journalFollows = 0;  // the generation of the snapshot that the current journal follows
   Changes _changes;
-  bool _hasToReportRecovery = false;
+  std::optional<Ticket> _recoveryTicket;  // recovery is reported once the changes up to it are saved
 };
 
 }  // namespace tavix::daemon

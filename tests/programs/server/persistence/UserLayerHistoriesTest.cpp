@@ -68,6 +68,7 @@ class RandomHistory {
   size_t CountSnapshots() const { return _snapshots; }
   size_t CountFailures() const { return _failures; }
   size_t CountLateWrites() const { return _lateWrites; }
+  size_t CountRecoveries() const { return _recoveries; }
 
  private:
   enum class Step { kNone, kBegun, kWritten, kNextCreated, kTakingOver, kClosed };  // of a snapshot
@@ -236,6 +237,7 @@ class RandomHistory {
     if (steps.output == Steps::Output::kHold) _isReleased = false;
     if (steps.output == Steps::Output::kRelease) _isReleased = true;
     Show(steps.shown);
+    if (steps.reportsRecovery) CheckThatAllIsSavedAgain();
     if (!_state.AreChangesLate()) _pending.clear();
     EXPECT_TRUE(steps.unsavedSince.value_or(1) != 0 || _state.GetSynced() == _state.GetLast());
   }
@@ -266,6 +268,13 @@ class RandomHistory {
     } else if (_shown > _shownUnsafely) {
       EXPECT_LT(_shown, FindFirstMissing(FindSafe()));
     }
+  }
+
+  // What was shown because the disk failed, too.
+  void CheckThatAllIsSavedAgain() {
+    ++_recoveries;
+    EXPECT_FALSE(_state.HasFailed());
+    EXPECT_LT(_shown, FindFirstMissing(FindSafe()));
   }
 
   // Each change is in the snapshot or its journal, will be written, or will be in a snapshot.
@@ -315,6 +324,7 @@ class RandomHistory {
   size_t _snapshots = 0;
   size_t _failures = 0;
   size_t _lateWrites = 0;
+  size_t _recoveries = 0;
 };
 
 }  // namespace
@@ -327,6 +337,7 @@ TEST_P(UserLayerHistories, KeepWhatWasShownAndForgetNothing) {
   size_t snapshots = 0;
   size_t failures = 0;
   size_t lateWrites = 0;
+  size_t recoveries = 0;
   for (unsigned int number = 0; number < kHistories && !HasFailure(); ++number) {
     SCOPED_TRACE("history " + std::to_string(number));
     RandomHistory history(GetParam(), seed + number);
@@ -334,10 +345,12 @@ TEST_P(UserLayerHistories, KeepWhatWasShownAndForgetNothing) {
     snapshots += history.CountSnapshots();
     failures += history.CountFailures();
     lateWrites += history.CountLateWrites();
+    recoveries += history.CountRecoveries();
   }
   EXPECT_GT(snapshots, kHistories);
   EXPECT_GT(failures, kHistories);
   EXPECT_GT(lateWrites, kHistories);
+  EXPECT_GT(recoveries, 0u);
 }
 
 std::string NameOfDurability(const testing::TestParamInfo<daemon::Durability>& info) {

@@ -418,7 +418,7 @@ snapshot, failure meanwhile
     failed snapshot: failed without, due, release, report retry, show, wake snapshot
     take-over: snapshotting after a failure without, due
     change during the take-over: snapshotting after a failure without, due
-    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, report recovery, wake sync, wake snapshot
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, wake sync
     snapshot followed by a journal: journalling with a journal, release, show, report recovery, wake sync, wake snapshot
     snapshot followed by a long journal: journalling with a journal, due, release, show, report recovery, wake sync, wake snapshot
     snapshot without a next journal: journalling without, release, show, report recovery, wake sync, wake snapshot
@@ -430,7 +430,7 @@ snapshot after a failure
     failed snapshot: failed without, due, release, report retry, show, wake snapshot
     take-over: snapshotting after a failure without
     change during the take-over: snapshotting after a failure without
-    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, report recovery, wake sync, wake snapshot
+    snapshot followed by a journal that lacks a change: journalling with a journal, to write later, release, show, wake sync
     snapshot followed by a journal: journalling with a journal, release, show, report recovery, wake snapshot, all saved
     snapshot followed by a long journal: journalling with a journal, due, release, show, report recovery, wake snapshot, all saved
     snapshot without a next journal: journalling without, release, show, report recovery, wake snapshot, all saved
@@ -567,6 +567,50 @@ TEST(UserLayerState, RecoveryIsReportedOnceAllIsOnTheDisk) {
   EXPECT_FALSE(driver.Follow(true).reportsRecovery);
   EXPECT_TRUE(driver.Sync().reportsRecovery);
   EXPECT_FALSE(driver.Sync().reportsRecovery);
+}
+
+// It was shown while the disk failed.
+TEST(UserLayerState, RecoveryIsNotReportedBeforeAChangeThatIsWrittenLater) {
+  Driver driver;
+  ReachFailed(driver);
+  driver.Begin();
+  EXPECT_FALSE(driver.FollowWithoutTheLast().reportsRecovery);
+  EXPECT_FALSE(driver.Sync().reportsRecovery);
+  EXPECT_FALSE(driver.state.OnLateWritten(driver.state.OnLateWriteBegun(), 1000).reportsRecovery);
+  EXPECT_TRUE(driver.Sync().reportsRecovery);
+}
+
+TEST(UserLayerState, WithoutDurabilityRecoveryIsReportedOnceAllIsWritten) {
+  Driver driver(kNever);
+  ReachFailed(driver);
+  driver.Begin();
+  EXPECT_FALSE(driver.FollowWithoutTheLast().reportsRecovery);
+  EXPECT_TRUE(driver.state.OnLateWritten(driver.state.OnLateWriteBegun(), 1000).reportsRecovery);
+}
+
+// Changes that are made meanwhile are held until the disk has them.
+TEST(UserLayerState, RecoveryIsReportedThoughChangesGoOn) {
+  Driver driver;
+  ReachFailed(driver);
+  driver.Begin();
+  driver.Change();
+  driver.Follow(true);
+  driver.SaveChange();
+  const auto sync = driver.state.OnSyncBegun(kNow, kTime);
+  driver.SaveChange();
+  EXPECT_TRUE(driver.state.OnSynced(sync).reportsRecovery);
+}
+
+TEST(UserLayerState, RecoveryIsNotReportedWhenTheDiskFailsAgainBefore) {
+  Driver driver;
+  ReachFailed(driver);
+  driver.Begin();
+  driver.Change();
+  driver.Follow(true);
+  const auto sync = driver.state.OnSyncBegun(kNow, kTime);
+  FailAppend(driver);
+  EXPECT_FALSE(driver.state.OnSynced(sync).reportsRecovery);
+  EXPECT_TRUE(driver.state.HasFailed());
 }
 
 }  // namespace tavix::test
