@@ -42,6 +42,15 @@ bool IsOfLostBeginning(const std::string& problem) {
   return problem.find("The changes in 'user.ini.journal' belong to no user settings that are there") == 0;
 }
 
+// Empty, or what is wrong with finding these files at that time.
+std::string FindFaultOf(const History& history, const MemoryFiles::Image& image, size_t time) {
+  MemoryFiles files(image);
+  const daemon::FoundUserSettings found = daemon::UserSettingsFiles(files, kUserFile).Find(true);
+  if (!found.problems.empty() && !IsOfLostBeginning(found.problems.front())) return found.problems.front();
+  const std::string fault = history.FindFault(TextOf(found.settings), time);
+  return fault.empty() ? "" : "The state at operation " + std::to_string(time) + " " + fault;
+}
+
 // A store that was changed, and crashed and was started again, on files that tell all that was done to them.
 class RecordedLives {
  public:
@@ -61,13 +70,8 @@ class RecordedLives {
     }));
   }
 
-  // Empty, or what is wrong with finding these files at that time.
   std::string FindFault(const MemoryFiles::Image& image, size_t time) const {
-    MemoryFiles files(image);
-    const daemon::FoundUserSettings found = daemon::UserSettingsFiles(files, kUserFile).Find(true);
-    if (!found.problems.empty() && !IsOfLostBeginning(found.problems.front())) return found.problems.front();
-    const std::string fault = _history.FindFault(TextOf(found.settings), time);
-    return fault.empty() ? "" : "The state at operation " + std::to_string(time) + " " + fault;
+    return FindFaultOf(_history, image, time);
   }
 
  private:
@@ -129,6 +133,69 @@ class RecordedLives {
   Pace _pace;
 };
 
+// A store whose files filled the disk, and that healed it when the settings fitted again. What is shown while the disk
+// is full is not safe; what was made before the disk had everything again must be.
+class HealedDisk {
+ public:
+  explicit HealedDisk(unsigned int seed) : _changes(seed) {
+    _files.LimitRoom(kRoom);
+    PersistedStore store(_files, kAlways);
+    _history.AddLoaded(UserSettingsOf(store.GetManager()), 0);
+    for (int round = 0; round < kRounds; ++round) FillAndHeal(store);
+    EXPECT_TRUE(store.Finish());
+  }
+
+  const MemoryFiles& GetFiles() const { return _files; }
+
+  size_t CountRoomGivenBack() const {
+    const auto operations = _files.GetOperations();
+    return static_cast<size_t>(std::count_if(operations.begin(), operations.end(), [](const auto& operation) {
+      return operation.kind == MemoryFiles::Operation::Kind::kTruncate;
+    }));
+  }
+
+  std::string FindFault(const MemoryFiles::Image& image, size_t time) const {
+    return FindFaultOf(_history, image, time);
+  }
+
+ private:
+  static constexpr size_t kRoom = 256 * 1024;
+  static constexpr int kRounds = 3;
+  static constexpr int kGroups = 30;
+  static constexpr size_t kBytesOfGroup = 9'000;
+  static constexpr size_t kBytesThatFit = 20'000;
+  static constexpr int kSmallChanges = 20;
+
+  void FillAndHeal(PersistedStore& store) {
+    for (int i = 0; i < kGroups; ++i) {
+      const std::string value = std::to_string(++_values) + std::string(kBytesOfGroup, 'x');
+      Change(store, [&] { store.Merge("[Group" + std::to_string(i) + "]\nx=" + value + "\n"); });
+    }
+    const std::string value = std::to_string(++_values) + std::string(kBytesThatFit, 'y');
+    const core::IniFile document = DocumentOf("[Group0]\nx=" + value + "\n");
+    Change(store, [&] { store.GetManager().OverwriteSettings(std::set<std::string>{"*"}, document); });
+    for (int i = 0; i < kSmallChanges; ++i) Change(store, [&] { _changes.MakeOne(store.GetManager()); });
+    ASSERT_TRUE(Eventually([&] { return store.GetUnsavedSince() == 0; }));
+    _saved.SetDurable(_last);
+  }
+
+  template <class Make>
+  void Change(PersistedStore& store, Make make) {
+    const size_t begun = _files.CountOperations();
+    make();
+    const std::set<std::string> any;
+    _last = _saved.Add(&any);
+    _history.Add(UserSettingsOf(store.GetManager()), begun, _saved, _last);
+  }
+
+  RandomChanges _changes;
+  size_t _values = 0;
+  MemoryFiles _files;
+  daemon::DurabilityGate _saved{true};  // of the changes that the disk is known to have
+  daemon::DurabilityGate::Ticket _last = 0;
+  History _history{_files};
+};
+
 MemoryFiles::Image MakeSavedFiles() {
   MemoryFiles files;
   PersistedStore store(files, kAlways);
@@ -153,6 +220,21 @@ TEST(PowerCut, LeavesAStateThatWasCurrentAndNoOlderOneThanAnybodyWasShown) {
   EXPECT_GE(lives.CountSnapshots(), 3u);
   std::cout << images << " images of " << cuts.GetPosition() << " operations, " << lives.CountSnapshots()
             << " snapshots\n";
+}
+
+TEST(PowerCut, WhileAFullDiskHealsLeavesAStateThatWasCurrentAndAllThatWasSaved) {
+  const unsigned int seed = PickSeed();
+  const HealedDisk disk(seed);
+  PowerCuts cuts({}, disk.GetFiles().GetOperations(), seed);
+  const size_t imagesAtEach = kImages / 6 / disk.GetFiles().CountOperations() + 1;
+  size_t images = 0;
+  do {
+    for (size_t image = 0; image < imagesAtEach; ++image, ++images)
+      ASSERT_EQ(disk.FindFault(cuts.Cut(), cuts.GetPosition()), "");
+  } while (cuts.Advance());
+  EXPECT_GE(disk.CountRoomGivenBack(), 1u);
+  std::cout << images << " images of " << cuts.GetPosition() << " operations, room was given back "
+            << disk.CountRoomGivenBack() << " times\n";
 }
 
 // Whatever the system had not written may be gone, but never half of it.
