@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -30,7 +31,7 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr std::chrono::seconds kMaxLogTime{3};  // of the 5 s beside --stop-timeout; connections may take the others
+constexpr std::chrono::seconds kMaxLogTime{3};  // of the 5 s beside --stop-timeout
 
 // What ends the program before it serves.
 class Failure : public osa::Exception {
@@ -141,9 +142,12 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
       server.Probe();
     };
     Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager, probe);
-    server.Run(signals, [&](int signal) { upkeep.OnSignal(signal); });
+    server.Run(signals, [&](int signal) {
+      if (signal == SIGTERM || signal == SIGINT) store->LimitEnd(EndAtOnce);
+      upkeep.OnSignal(signal);
+    });
   }
-  return store->Finish(EndAtOnce) ? kExitDone : kExitNotSaved;
+  return store->Finish() ? kExitDone : kExitNotSaved;
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace tavix::test {
 
 // What a test and the file faults that it had loaded into another process say to each other: a file that both map.
-// All zero: no call fails, no sync is held.
+// All zero: no call fails, none is held.
 struct FileFaultControl {
   static constexpr char kPathVariable[] = "TAVIX_FILE_FAULTS";                 // this file's path
   static constexpr char kDirectoryVariable[] = "TAVIX_FILE_FAULTS_DIRECTORY";  // calls on what is below it count
@@ -19,10 +19,12 @@ struct FileFaultControl {
   std::atomic<uint64_t> failsTo;    // ... of the last; 0: none does
   std::atomic<int> error;           // what a failing call leaves in errno; or kShortWrite: a write writes half
 
-  std::atomic<uint64_t> syncs;       // of files' content, begun
-  std::atomic<uint32_t> holdsSyncs;  // they do not go on while this is not 0; a futex
-  std::atomic<uint32_t> heldSyncs;   // how many stand there
-  char heldName[kLongestName];       // the part of a path that tells which are held; empty: all. Set before a hold
+  std::atomic<uint64_t> syncs;        // of files' content, begun
+  std::atomic<uint32_t> holdsSyncs;   // they do not go on while this is not 0; a futex
+  std::atomic<uint32_t> heldSyncs;    // how many stand there
+  std::atomic<uint32_t> holdsWrites;  // the same for writes, and for taking room for them
+  std::atomic<uint32_t> heldWrites;
+  char heldName[kLongestName];  // the part of a path that tells which are held; empty: all. Set before a hold
 };
 
 }  // namespace tavix::test

@@ -103,16 +103,26 @@ bool IsFile(int descriptor) {
   return isFile;
 }
 
-void StandWhileHeld(int descriptor) {
+// holds: a futex, not 0 while calls are held. held: counts them.
+void StandWhile(std::atomic<uint32_t>& holds, std::atomic<uint32_t>& held, const char* path) {
+  if (holds == 0 || !strstr(path, Control()->heldName)) return;
+  ++held;
+  while (const uint32_t value = holds) syscall(SYS_futex, &holds, FUTEX_WAIT, value, nullptr);
+  --held;
+}
+
+void StandInSync(int descriptor) {
   if (!Control()) return;
   const OpenPath path(descriptor);
   if (!IsWatched(path.text)) return;
-  FileFaultControl& control = *Control();
-  ++control.syncs;
-  if (control.holdsSyncs == 0 || !strstr(path.text, control.heldName)) return;
-  ++control.heldSyncs;
-  while (const uint32_t held = control.holdsSyncs) syscall(SYS_futex, &control.holdsSyncs, FUTEX_WAIT, held, nullptr);
-  --control.heldSyncs;
+  ++Control()->syncs;
+  StandWhile(Control()->holdsSyncs, Control()->heldSyncs, path.text);
+}
+
+void StandInWrite(int descriptor) {
+  if (!Control() || Control()->holdsWrites == 0) return;
+  const OpenPath path(descriptor);
+  if (IsWatched(path.text)) StandWhile(Control()->holdsWrites, Control()->heldWrites, path.text);
 }
 
 mode_t ModeOf(int flags, va_list arguments) {
@@ -132,10 +142,18 @@ int OpenAt(const char* name, int directory, const char* path, int flags, mode_t 
 // Offset: off_t or off64_t, as "name" takes it; they differ on 32 bits.
 template <class Offset>
 ssize_t WriteAt(const char* name, int descriptor, const void* bytes, size_t count, Offset offset) {
+  StandInWrite(descriptor);
   const ssize_t toWrite = CountToWrite(descriptor, count);
   if (toWrite < 0) return -1;
   using Call = ssize_t(int, const void*, size_t, Offset);
   return Next<Call>(name)(descriptor, bytes, static_cast<size_t>(toWrite), offset);
+}
+
+template <class Offset>
+int Allocate(const char* name, int descriptor, int mode, Offset offset, Offset size) {
+  StandInWrite(descriptor);
+  if (FailsOn(descriptor)) return -1;
+  return Next<int(int, int, Offset, Offset)>(name)(descriptor, mode, offset, size);
 }
 
 }  // namespace
@@ -191,14 +209,22 @@ TAVIX_REPLACES ssize_t pwrite64(int descriptor, const void* bytes, size_t count,
   return tavix::test::WriteAt("pwrite64", descriptor, bytes, count, offset);
 }
 
+TAVIX_REPLACES int fallocate(int descriptor, int mode, off_t offset, off_t size) {
+  return tavix::test::Allocate("fallocate", descriptor, mode, offset, size);
+}
+
+TAVIX_REPLACES int fallocate64(int descriptor, int mode, off64_t offset, off64_t size) {
+  return tavix::test::Allocate("fallocate64", descriptor, mode, offset, size);
+}
+
 TAVIX_REPLACES int fdatasync(int descriptor) {
-  tavix::test::StandWhileHeld(descriptor);
+  tavix::test::StandInSync(descriptor);
   if (tavix::test::FailsOn(descriptor)) return -1;
   return tavix::test::Next<int(int)>("fdatasync")(descriptor);
 }
 
 TAVIX_REPLACES int fsync(int descriptor) {
-  if (tavix::test::IsFile(descriptor)) tavix::test::StandWhileHeld(descriptor);
+  if (tavix::test::IsFile(descriptor)) tavix::test::StandInSync(descriptor);
   if (tavix::test::FailsOn(descriptor)) return -1;
   return tavix::test::Next<int(int)>("fsync")(descriptor);
 }

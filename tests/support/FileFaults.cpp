@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -32,6 +33,11 @@ std::string WithOption(const char* variable, const std::string& option) {
   return (before ? std::string(before) + ":" : "") + option;
 }
 
+void Release(std::atomic<uint32_t>& holds) {
+  holds = 0;
+  syscall(SYS_futex, &holds, FUTEX_WAKE, INT_MAX);
+}
+
 // The loader takes a blank in a path for the end of it.
 std::string LinkWithoutBlanks(const char* module, const std::string& link) {
   if (symlink(module, link.c_str()) != 0 && errno != EEXIST)
@@ -48,6 +54,7 @@ FileFaults::FileFaults(std::string directory)
 
 FileFaults::~FileFaults() {
   LetSyncsGo();
+  ReleaseWrites();
   munmap(_control, sizeof *_control);
 }
 
@@ -67,16 +74,32 @@ void FileFaults::Fail(int error, uint64_t from, uint64_t to) {
   _control->failsTo = to;
 }
 
-void FileFaults::HoldSyncs(const std::string& name) {
+void FileFaults::SetHeldName(const std::string& name) {
   if (name.size() >= FileFaultControl::kLongestName) throw std::length_error(name);
   name.copy(_control->heldName, name.size());
   _control->heldName[name.size()] = '\0';
+}
+
+void FileFaults::HoldSyncs(const std::string& name) {
+  SetHeldName(name);
   _control->holdsSyncs = 1;
 }
 
 void FileFaults::LetSyncsGo() {
-  _control->holdsSyncs = 0;
-  syscall(SYS_futex, &_control->holdsSyncs, FUTEX_WAKE, INT_MAX);
+  Release(_control->holdsSyncs);
+}
+
+void FileFaults::HoldWrites(const std::string& name) {
+  SetHeldName(name);
+  _control->holdsWrites = 1;
+}
+
+void FileFaults::ReleaseWrites() {
+  Release(_control->holdsWrites);
+}
+
+void FileFaults::AwaitHeldWrite() const {
+  if (!Eventually([this] { return _control->heldWrites > 0; })) throw std::runtime_error("No write is held in time");
 }
 
 void FileFaults::AwaitHeldSync() const {

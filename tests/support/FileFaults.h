@@ -49,6 +49,11 @@ class FileFaults {
   void HoldSyncs(const std::string& name = "");
   void LetSyncsGo();
 
+  // The same for writes.
+  void HoldWrites(const std::string& name);
+  void ReleaseWrites();
+  void AwaitHeldWrite() const;
+
   // Returns when a sync stands still.
   void AwaitHeldSync() const;
   bool IsSyncHeld() const { return _control->heldSyncs > 0; }
@@ -57,6 +62,8 @@ class FileFaults {
   uint64_t CountSyncs() const { return _control->syncs; }
 
  private:
+  void SetHeldName(const std::string& name);
+
   const std::string _directory;
   const TemporaryDirectory _ownDirectory;
   const std::string _path;

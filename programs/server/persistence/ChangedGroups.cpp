@@ -1,5 +1,7 @@
 #include "programs/server/persistence/ChangedGroups.h"
 
+#include <algorithm>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -30,13 +32,23 @@ void ChangedGroups::Note(const std::set<std::string>& groups, const core::IniFil
 void ChangedGroups::NoteMany(const Many& groups) noexcept {
   if (!_notes) return;
   if (!groups) _missesSome = true;
-  if (!groups) return;
+  if (!groups || std::count(_changes.many.begin(), _changes.many.end(), groups) > 0) return;
   try {
     _changes.many.push_back(groups);
     _many += groups->size();
+    if (_changes.many.size() > kMaxMany) MergeOldest();
   } catch (const std::bad_alloc&) {
     _missesSome = true;
   }
+}
+
+// Both are sorted: where they hold the same names, the hint is right and nothing is copied.
+void ChangedGroups::MergeOldest() {
+  const Many oldest = _changes.many.front();
+  auto hint = _changes.groups.begin();
+  for (const std::string& name : *oldest) hint = std::next(_changes.groups.insert(hint, name));
+  _changes.many.erase(_changes.many.begin());
+  _many -= oldest->size();
 }
 
 ChangedGroups::Changes ChangedGroups::TakeChanges() {

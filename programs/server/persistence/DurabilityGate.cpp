@@ -12,6 +12,8 @@ namespace {
 // Patterns on groups that wait for the disk: to try more of them would take longer than to wait as well.
 constexpr size_t kMaxTried = 1000;
 
+constexpr size_t kMaxMany = 4;  // large changes whose groups are kept as they came
+
 bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) {
   return std::any_of(patterns.begin(), patterns.end(),
                      [&](const std::string& pattern) { return core::StringUtil::MatchesPattern(pattern, name); });
@@ -35,8 +37,33 @@ DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups, 
 DurabilityGate::Ticket DurabilityGate::AddMany(Groups groups, bool isHeld) {
   const osa::PlainMutexLock lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
-  if (IsHeld(isHeld)) _manyGroups.emplace_back(ticket, std::move(groups));
+  if (IsHeld(isHeld)) NoteMany(ticket, std::move(groups));
   return Publish(ticket, isHeld);
+}
+
+// A change of the same groups as one before takes its place: whoever waits for the later one waits for both.
+void DurabilityGate::NoteMany(Ticket ticket, Groups groups) {
+  const auto isSame = [&](const auto& many) { return many.second == groups; };
+  const auto known = std::find_if(_manyGroups.begin(), _manyGroups.end(), isSame);
+  if (known != _manyGroups.end()) {
+    known->first = ticket;
+    _manyGroups.splice(_manyGroups.end(), _manyGroups, known);
+  } else {
+    _manyGroups.emplace_back(ticket, std::move(groups));
+    if (_manyGroups.size() > kMaxMany) MergeOldest();
+  }
+}
+
+// Both are sorted: where they hold the same names, the hint is right and nothing is copied.
+void DurabilityGate::MergeOldest() {
+  const auto& [ticket, oldest] = _manyGroups.front();
+  auto hint = _groups.begin();
+  for (const std::string& name : *oldest) {
+    const auto group = _groups.try_emplace(hint, name, ticket);
+    group->second = std::max(group->second, ticket);
+    hint = std::next(group);
+  }
+  _manyGroups.pop_front();
 }
 
 DurabilityGate::Ticket DurabilityGate::Publish(Ticket ticket, bool isHeld) {
@@ -54,32 +81,37 @@ void DurabilityGate::SetDurable(Ticket ticket) {
   Release(ticket);
 }
 
-void DurabilityGate::LetGo(Ticket last) {
+void DurabilityGate::StopHolding(Ticket last) {
   {
     const osa::PlainMutexLock lock(_mutex);
-    _letsGo = true;
+    _isHolding = false;
   }
   Release(last);
 }
 
 void DurabilityGate::Hold() {
   const osa::PlainMutexLock lock(_mutex);
-  _letsGo = false;
+  _isHolding = true;
 }
 
 void DurabilityGate::Release(Ticket ticket) {
   decltype(_waiting) released;
-  decltype(_manyGroups) forgotten;  // outlive the lock: many are not destroyed in no time
+  decltype(_manyGroups) durableMany;  // these two outlive the lock: to destroy many takes long
+  decltype(_groups) durable;
   {
     const osa::PlainMutexLock lock(_mutex);
-    // One that is durable already may have become so while nothing was held, without anybody being told.
+    // One that is durable already may have become so while nothing was held, when no output was called.
     ticket = std::max(ticket, _durable.load(std::memory_order_relaxed));
     _durable.store(ticket, std::memory_order_release);
-    for (auto group = _groups.begin(); group != _groups.end();) {
-      group = group->second <= ticket ? _groups.erase(group) : std::next(group);
+    if (ticket >= _last.load(std::memory_order_relaxed)) {
+      durable.swap(_groups);
+    } else {
+      for (auto group = _groups.begin(); group != _groups.end();) {
+        group = group->second <= ticket ? _groups.erase(group) : std::next(group);
+      }
     }
     while (!_manyGroups.empty() && _manyGroups.front().first <= ticket)
-      forgotten.splice(forgotten.end(), _manyGroups, _manyGroups.begin());
+      durableMany.splice(durableMany.end(), _manyGroups, _manyGroups.begin());
     for (auto waiting = _waiting.begin(); waiting != _waiting.end();) {
       const auto next = std::next(waiting);
       if (waiting->first <= ticket) released.splice(released.end(), _waiting, waiting);

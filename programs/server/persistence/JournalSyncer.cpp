@@ -9,7 +9,6 @@
 namespace tavix::daemon {
 
 using core::IniFile;
-using Close = SharedUserLayer::Close;
 
 namespace {
 
@@ -25,12 +24,12 @@ JournalSyncer::JournalSyncer(SharedUserLayer& layer, LayerReader readLayer)
 void JournalSyncer::Run() {
   while (true) {
     switch (_layer.AwaitJournalWork()) {
-      case SharedUserLayer::JournalWork::kStop:
+      case JournalWork::kStop:
         return;
-      case SharedUserLayer::JournalWork::kWrite:
+      case JournalWork::kWrite:
         WritePending();
         break;
-      case SharedUserLayer::JournalWork::kSync:
+      case JournalWork::kSync:
         Sync();
         break;
     }
@@ -38,7 +37,7 @@ void JournalSyncer::Run() {
 }
 
 void JournalSyncer::Sync() {
-  const std::optional<SharedUserLayer::SyncRound> round = _layer.BeginSync();
+  const std::optional<SyncRound> round = _layer.BeginSync();
   if (!round) return;
   try {
     round->journal->SyncRecords();
@@ -54,7 +53,7 @@ void JournalSyncer::Sync() {
 void JournalSyncer::WritePending() {
   if (!Write([this](ChangeInParts& change) { return MakeChange(change); })) return;
   Write([this](ChangeInParts& change) {
-    SharedUserLayer::LateRecord record;
+    LateRecord record;
     _readLayer([&](const IniFile& layer) { _layer.ClosePending(change, std::nullopt, layer, false, record); });
     return record;
   });
@@ -62,8 +61,8 @@ void JournalSyncer::WritePending() {
 
 // make: returns the record that the change gets; it has no journal when there is nothing more to be written. False when
 // nothing more was.
-bool JournalSyncer::Write(const std::function<SharedUserLayer::LateRecord(ChangeInParts&)>& make) {
-  SharedUserLayer::LateRecord record;
+bool JournalSyncer::Write(const std::function<LateRecord(ChangeInParts&)>& make) {
+  LateRecord record;
   try {
     ChangeInParts change;
     record = make(change);
@@ -77,12 +76,12 @@ bool JournalSyncer::Write(const std::function<SharedUserLayer::LateRecord(Change
   }
 }
 
-SharedUserLayer::LateRecord JournalSyncer::MakeChange(ChangeInParts& change) const {
-  SharedUserLayer::LateRecord record;
-  Close close = Close::kMore;
-  SharedUserLayer::PendingEpoch epoch = 0;
-  for (int round = 1; close == Close::kMore; ++round) {
-    SharedUserLayer::Pending pending = _layer.TakePending();
+LateRecord JournalSyncer::MakeChange(ChangeInParts& change) const {
+  LateRecord record;
+  CloseResult close = CloseResult::kMore;
+  NotedChanges::Epoch epoch = 0;
+  for (int round = 1; close == CloseResult::kMore; ++round) {
+    PendingGroups pending = _layer.TakePending();
     if (pending.epoch != epoch) change.TakeBack();  // belongs to no record any more
     epoch = pending.epoch;
     change.Add(std::move(pending.changes));

@@ -43,8 +43,8 @@ class JournalSyncer {
   void Run();
   void Sync();
   void WritePending();
-  bool Write(const std::function<SharedUserLayer::LateRecord(ChangeInParts&)>& make);
-  SharedUserLayer::LateRecord MakeChange(ChangeInParts& change) const;
+  bool Write(const std::function<LateRecord(ChangeInParts&)>& make);
+  LateRecord MakeChange(ChangeInParts& change) const;
 
   SharedUserLayer& _layer;
   const LayerReader _readLayer;

@@ -25,7 +25,8 @@ SharedUserLayer::SharedUserLayer(UserLayerSetup setup)
       _gate(true),
       _log(*core::Logger::GetLogger("UserSettings")),
       _state(_setup.durability),
-      _watch(_setup.path, _log) {}
+      _watch(_setup.path, _setup.longDiskWork, _log),
+      _notes(_gate) {}
 
 void SharedUserLayer::Load(FoundUserSettings& found) {
   UserLayerState::Found state;
@@ -34,7 +35,6 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
   state.snapshotBytes = found.snapshotBytes;
   state.mustBeWritten = found.mustBeWritten;
   const osa::PlainMutexLock lock(_mutex);
-  _pending.Begin();
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   state.hasJournal = _journal != nullptr;
   state.isInPlace = _journal && _journal->IsInPlace();
@@ -51,36 +51,9 @@ void SharedUserLayer::Save(const core::IniFile& userSettings, const std::set<std
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   const osa::PlainMutexLock lock(_mutex);
   const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
-  Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
+  _notes.Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
-}
-
-void SharedUserLayer::Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld,
-                           bool isPending) {
-  if (changedGroups.size() > kManyGroups && added.IsEmpty()) return NoteMany(changedGroups, isHeld, isPending);
-  try {
-    std::set<std::string> groups = changedGroups;
-    for (const auto& group : added) groups.insert(group.first);
-    _gate.Add(&groups, isHeld);
-  } catch (const std::bad_alloc&) {
-    _gate.Add(nullptr, isHeld);
-  }
-  _changed.Note(changedGroups, added);
-  if (isPending) _pending.Note(changedGroups, added);
-}
-
-// They are copied once, however many have to know them.
-void SharedUserLayer::NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) {
-  ChangedGroups::Many groups;
-  try {
-    groups = std::make_shared<const std::set<std::string>>(changedGroups);
-    _gate.AddMany(groups, isHeld);
-  } catch (const std::bad_alloc&) {
-    _gate.Add(nullptr, isHeld);
-  }
-  _changed.NoteMany(groups);
-  if (isPending) _pending.NoteMany(groups);
 }
 
 void SharedUserLayer::Append(Steps::Write write, const Change& change) {
@@ -105,19 +78,18 @@ void SharedUserLayer::OpenJournal(const std::vector<Change>& changes) {
   _state.GetNames().OnTookPlace(_state.GetNames().GetCurrent());
 }
 
-// Output is held and released under the lock, so that both happen in the order of their events.
+// Output is held and released under the lock, so that both happen in the order of their events. Every event that may
+// change whether all is saved leads here.
 void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
   ReportFailure(steps, reason);
+  _isSaved = _state.IsSaved();
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
-  if (!_state.AreChangesLate() && !_pending.IsEmpty()) {
-    _pending.Begin();  // it is owed to a snapshot
-    ++_pendingEpoch;
-  }
+  if (!_state.AreChangesLate()) _notes.DropPending();
   if (steps.output == Steps::Output::kHold) _gate.Hold();
   if (steps.output == Steps::Output::kRelease) {
-    _gate.LetGo(steps.shown);
+    _gate.StopHolding(steps.shown);
   } else if (!_gate.IsDurable(steps.shown)) {
     _gate.SetDurable(steps.shown);
   }
@@ -148,11 +120,6 @@ void SharedUserLayer::Stop() {
   _wakeSnapshot.notify_all();
 }
 
-bool SharedUserLayer::IsSaved() {
-  const osa::PlainMutexLock lock(_mutex);
-  return _state.IsSaved();
-}
-
 bool SharedUserLayer::HasFailed() {
   const osa::PlainMutexLock lock(_mutex);
   return _state.HasFailed();
@@ -168,7 +135,7 @@ std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
   return _journal;
 }
 
-SharedUserLayer::JournalWork SharedUserLayer::AwaitJournalWork() {
+JournalWork SharedUserLayer::AwaitJournalWork() {
   osa::PlainMutexLock lock(_mutex);
   while (!_state.IsStopping()) {
     const std::optional<Clock::time_point> time = _state.GetSyncTime();
@@ -183,44 +150,48 @@ SharedUserLayer::JournalWork SharedUserLayer::AwaitJournalWork() {
   return JournalWork::kStop;
 }
 
-SharedUserLayer::Pending SharedUserLayer::TakePending() {
+PendingGroups SharedUserLayer::TakePending() {
   const osa::PlainMutexLock lock(_mutex);
-  return {_pending.TakeChanges(), _pendingEpoch};
+  return {_notes.GetPending().TakeChanges(), _notes.GetEpoch()};
 }
 
 // A snapshot may take the journal over, and fail to: so what must not be written now stays pending.
-SharedUserLayer::Close SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<PendingEpoch> epoch,
-                                                     const core::IniFile& layer, bool isLast, LateRecord& record) {
+CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<NotedChanges::Epoch> epoch,
+                                          const core::IniFile& layer, bool isLast, LateRecord& record) {
   const osa::PlainMutexLock lock(_mutex);
   // The next journal, or a snapshot, has all of it, maybe newer: nobody noted what became of these groups since.
-  if (epoch && *epoch != _pendingEpoch) return Close::kDone;
+  if (epoch && *epoch != _notes.GetEpoch()) return CloseResult::kDone;
+  ChangedGroups& pending = _notes.GetPending();
   if (!_state.IsLateWriteDue()) {
     const ChangedGroups::Changes changes = change.TakeBack();
-    if (_state.AreChangesLate()) _pending.Note(changes.groups, changes.added);
-    return Close::kDone;
+    if (_state.AreChangesLate()) pending.Note(changes.groups, changes.added);
+    return CloseResult::kDone;
   }
-  if (_pending.Count() > kFewGroups && !isLast) return Close::kMore;
-  change.Add(_pending.TakeChanges());
+  if (pending.Count() > kFewGroups && !isLast) return CloseResult::kMore;
+  change.Add(pending.TakeChanges());
   while (change.MakePart(layer)) continue;
   const RecordLine line = change.Seal();
   if (!_journal) OpenJournal({});
   if (line.CountRecordBytes() <= _setup.largeChange) {
     Append(Steps::Write::kAppend, change.GetChange());
-    return Close::kDone;
+    return CloseResult::kDone;
   }
   _journal->BeginAppend(line);
   record = {_journal, _state.OnLateWriteBegun()};
-  return Close::kToWrite;
+  if (_watch.Begin(Clock::now())) _wakeSnapshot.notify_one();
+  return CloseResult::kToWrite;
 }
 
 void SharedUserLayer::OnLateWritten(const LateRecord& record) {
   const osa::PlainMutexLock lock(_mutex);
+  EndDiskWork();
   record.journal->EndAppend();
   Perform(_state.OnLateWritten(record.write, record.journal->GetEnd()));
 }
 
 void SharedUserLayer::OnLateWriteFailed(const LateRecord& record, const char* reason) {
   const osa::PlainMutexLock lock(_mutex);
+  EndDiskWork();
   if (record.journal) record.journal->EndAppend();
   const UserLayerState::LateWrite write = record.journal ? record.write : _state.OnLateWriteBegun();
   if (const std::optional<Steps> steps = _state.OnLateWriteFailed(write, Clock::now())) Perform(*steps, reason);
@@ -231,7 +202,7 @@ bool SharedUserLayer::IsLateWriteDue() {
   return _state.IsLateWriteDue();
 }
 
-std::optional<SharedUserLayer::SyncRound> SharedUserLayer::BeginSync() {
+std::optional<SyncRound> SharedUserLayer::BeginSync() {
   const Clock::time_point now = Clock::now();
   const osa::PlainMutexLock lock(_mutex);
   if (!_state.GetSyncTime()) return std::nullopt;
@@ -256,13 +227,13 @@ void SharedUserLayer::OnSynced(const SyncRound& round) {
   _setup.onSave(true, 0);
   _gate.SetDurable(round.sync.last);
   const osa::PlainMutexLock lock(_mutex);
-  if (_watch.End()) _wakeSnapshot.notify_one();
+  EndDiskWork();
   Perform(_state.OnSynced(round.sync));
 }
 
 void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
   const osa::PlainMutexLock lock(_mutex);
-  if (_watch.End()) _wakeSnapshot.notify_one();
+  EndDiskWork();
   const std::optional<Steps> steps = _state.OnSyncFailed(round.sync, Clock::now());
   if (!steps) return;
   _setup.onSave(false, 0);
@@ -271,10 +242,15 @@ void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
 
 void SharedUserLayer::OnSyncUseless() {
   const osa::PlainMutexLock lock(_mutex);
+  EndDiskWork();
+}
+
+// There is something to log when the disk has hung.
+void SharedUserLayer::EndDiskWork() {
   if (_watch.End()) _wakeSnapshot.notify_one();
 }
 
-SharedUserLayer::SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
+SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
   osa::PlainMutexLock lock(_mutex);
   while (!_state.IsStopping()) {
     const Clock::time_point now = Clock::now();
@@ -304,15 +280,15 @@ void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
 
 void SharedUserLayer::BeginToNote() {
   const osa::PlainMutexLock lock(_mutex);
-  _changed.Begin();
+  _notes.GetChanged().Begin();
 }
 
 ChangedGroups::Changes SharedUserLayer::TakeChanges() {
   const osa::PlainMutexLock lock(_mutex);
-  return _changed.TakeChanges();
+  return _notes.GetChanged().TakeChanges();
 }
 
-SharedUserLayer::SnapshotMoment SharedUserLayer::BeginSnapshot() {
+SnapshotMoment SharedUserLayer::BeginSnapshot() {
   const osa::PlainMutexLock lock(_mutex);
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
   SnapshotMoment moment;
@@ -338,14 +314,14 @@ void SharedUserLayer::GiveRoomBack() {
 void SharedUserLayer::FailSnapshot(const char* reason) {
   _setup.onSave(false, 0);
   const osa::PlainMutexLock lock(_mutex);
-  _changed.End();
+  _notes.GetChanged().End();
   if (_journal) _journal->FillAgain();
   Perform(_state.OnSnapshotFailed(Clock::now()), reason);
 }
 
 bool SharedUserLayer::NeedsNextJournal() {
   const osa::PlainMutexLock lock(_mutex);
-  return _changed.Count() > 0 || (_journal && !_state.IsStopping());
+  return _notes.GetChanged().Count() > 0 || (_journal && !_state.IsStopping());
 }
 
 // The current journal takes its place first, synced or not: its name on the way is the next one's.
@@ -371,8 +347,8 @@ void SharedUserLayer::TakeOver() {
 std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const core::IniFile& layer,
                                                                      bool isLast) {
   const osa::PlainMutexLock lock(_mutex);
-  if (_changed.Count() > kFewGroups && !isLast) return std::nullopt;
-  change.Add(_changed.TakeChanges());
+  if (_notes.GetChanged().Count() > kFewGroups && !isLast) return std::nullopt;
+  change.Add(_notes.GetChanged().TakeChanges());
   while (change.MakePart(layer)) continue;
   return _state.GetLast();
 }
@@ -382,9 +358,7 @@ void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shar
   if (next) next->Begin();
   _journal = std::move(next);
   _failedJournal.reset();
-  std::swap(_pending, _changed);
-  ++_pendingEpoch;
-  _changed.End();
+  _notes.FollowSnapshot();
   const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
   Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
 }
@@ -395,7 +369,7 @@ void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, con
   {
     const osa::PlainMutexLock lock(_mutex);
     mayRemove = _state.GetNames().ReleaseNext();
-    _changed.End();
+    _notes.GetChanged().End();
     if (_journal) _journal->FillAgain();
     Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
   }

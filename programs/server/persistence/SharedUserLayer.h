@@ -1,53 +1,28 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
-#include <cstdint>
-#include <ctime>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "programs/server/persistence/ChangeInParts.h"
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/DeferredLog.h"
-#include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/DurabilityGate.h"
-#include "programs/server/persistence/FileSystem.h"
-#include "programs/server/persistence/Snapshot.h"
+#include "programs/server/persistence/NotedChanges.h"
 #include "programs/server/persistence/SyncWatch.h"
+#include "programs/server/persistence/UserLayerSetup.h"
 #include "programs/server/persistence/UserLayerState.h"
+#include "programs/server/persistence/UserLayerWork.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
-
-// Where the user layer is kept, and who hears of it. The observers are called from any thread, which may hold the
-// store's lock.
-struct UserLayerSetup {
-  FileSystem& files;  // outlive the persister
-  std::string path;   // of the snapshot; links are not followed
-  Durability durability;
-
-  // What became of a sync or a snapshot; bytes: the snapshot's, else 0.
-  std::function<void(bool succeeded, size_t bytes)> onSave;
-
-  // Since when there are changes that the disk lacks, in seconds since the epoch; 0: there are none. May be empty.
-  // Never called with Durability::kNone.
-  std::function<void(std::time_t since)> onUnsaved = {};
-
-  // Why changes are not kept from now on; empty: they are again. Called before anybody is shown such a change, and asks
-  // for no memory. May be empty.
-  std::function<void(std::string_view reason)> onFailure = {};
-
-  // A change of more bytes is not written by its writer, who holds the store's lock.
-  size_t largeChange = 512 * 1024;
-};
 
 // What a store's saves, JournalSyncer and SnapshotWriter share: the state of the user layer on the disk, the journal,
 // and the changes that the next snapshot lacks. An operation reports one event to UserLayerState and does what that
@@ -70,37 +45,6 @@ class SharedUserLayer {
   using Ticket = DurabilityGate::Ticket;
   using Clock = UserLayerState::Clock;
 
-  // A sync of a journal.
-  struct SyncRound {
-    std::shared_ptr<Journal> journal;
-    UserLayerState::Sync sync;
-  };
-
-  // The moment whose state a snapshot holds.
-  struct SnapshotMoment {
-    SnapshotEnd end;  // without the time
-    Ticket last = 0;
-  };
-
-  // What the thread "JournalSync" has to do next.
-  enum class JournalWork { kStop, kWrite, kSync };
-
-  // A record of pending groups that is written without a lock.
-  struct LateRecord {
-    std::shared_ptr<Journal> journal;  // that has a place for it
-    UserLayerState::LateWrite write;
-  };
-
-  // What became of an attempt to close a change.
-  enum class Close {
-    kMore,     // many groups are pending, whose text is to be made first
-    kDone,     // it is written, or must not be now
-    kToWrite,  // it is sealed, and has a place in the journal
-  };
-
-  // What the thread "Snapshot" has to do next.
-  enum class SnapshotWork { kStop, kLog, kSnapshot };
-
   explicit SharedUserLayer(UserLayerSetup setup);
 
   SharedUserLayer(const SharedUserLayer&) = delete;
@@ -110,7 +54,7 @@ class SharedUserLayer {
   DurabilityGate& GetGate() { return _gate; }
   DeferredLog& GetLog() { return _log; }
 
-  // The mutex for names. Whoever makes a journal, or gives one its place, holds it.
+  // The mutex for names. A thread that makes a journal, or gives one its place, holds it.
   osa::PlainMutex& GetNameMutex() TAVIX_RETURN_CAPABILITY(_nameMutex) { return _nameMutex; }
 
   // Takes the journal over, and knows from now on what the disk has. Before all other operations.
@@ -122,8 +66,9 @@ class SharedUserLayer {
   // Ends the waits of both threads.
   void Stop();
 
-  // Whether the disk has all that it must have when the daemon ends now.
-  bool IsSaved();
+  // Whether the disk has all that it must have when the daemon ends now. Takes no lock: the mutex may be held by a
+  // thread that hangs in a call on the disk.
+  bool IsSaved() const { return _isSaved; }
   bool HasFailed();
 
   // Whether a snapshot has to be made for the daemon to leave one file.
@@ -135,22 +80,14 @@ class SharedUserLayer {
   // Waits until there is something to do for the thread "JournalSync". A sync comes before a write.
   JournalWork AwaitJournalWork();
 
-  // What is pending at a time. Another journal, or a failure, makes another of it: what was taken before belongs to no
-  // record any more.
-  using PendingEpoch = uint64_t;
-
-  // The pending groups since the last call, for a change that is made of them.
-  struct Pending {
-    ChangedGroups::Changes changes;
-    PendingEpoch epoch = 0;
-  };
-  Pending TakePending();
+  // The groups that became pending since the last call.
+  PendingGroups TakePending();
 
   // Completes the change by the few groups that are pending besides, so that it leads to the layer as it is now. A
   // change of little text is written at once. epoch: of all that was taken for the change; when it is over, the change
   // is dropped. Empty: nothing was taken. isLast: however many groups are pending. Under the store's read lock.
-  Close ClosePending(ChangeInParts& change, std::optional<PendingEpoch> epoch, const core::IniFile& layer, bool isLast,
-                     LateRecord& record);
+  CloseResult ClosePending(ChangeInParts& change, std::optional<NotedChanges::Epoch> epoch, const core::IniFile& layer,
+                           bool isLast, LateRecord& record);
   void OnLateWritten(const LateRecord& record);
 
   // Groups could not be made a change of, or the record could not be written; then it has a journal.
@@ -212,14 +149,12 @@ class SharedUserLayer {
  private:
   using Steps = UserLayerState::Steps;
 
-  void Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld, bool isPending)
-      TAVIX_REQUIRES(_mutex);
-  void NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) TAVIX_REQUIRES(_mutex);
   void Append(Steps::Write write, const Change& change) TAVIX_REQUIRES(_mutex);
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
   void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
   void GiveUpJournal() TAVIX_REQUIRES(_mutex);
   void ReportFailure(const Steps& steps, const char* reason) const;
+  void EndDiskWork() TAVIX_REQUIRES(_mutex);
 
   const UserLayerSetup _setup;
   const std::string _quotedPath;  // for messages
@@ -230,15 +165,14 @@ class SharedUserLayer {
   osa::PlainMutex _mutex;
   UserLayerState _state TAVIX_GUARDED_BY(_mutex);
   SyncWatch _watch TAVIX_GUARDED_BY(_mutex);
+  NotedChanges _notes TAVIX_GUARDED_BY(_mutex);
   std::condition_variable _wakeSync;
   std::condition_variable _wakeSnapshot;
+  std::atomic<bool> _isSaved{false};                           // as the state says
   std::shared_ptr<Journal> _journal TAVIX_GUARDED_BY(_mutex);  // the current one; null: there is none
-  std::shared_ptr<Journal> _failedJournal
-      TAVIX_GUARDED_BY(_mutex);  // the last that was given up; its file may take room. Never synced
-  ChangedGroups _changed
-      TAVIX_GUARDED_BY(_mutex);  // what the snapshot that is made, and then the next journal, lacks so far
-  ChangedGroups _pending TAVIX_GUARDED_BY(_mutex);  // what the current journal lacks while changes are written later
-  PendingEpoch _pendingEpoch TAVIX_GUARDED_BY(_mutex) = 0;
+
+  // The last that was given up; its file may take room. Never synced.
+  std::shared_ptr<Journal> _failedJournal TAVIX_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::daemon

@@ -26,12 +26,12 @@ SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files,
 void SnapshotWriter::Run() {
   while (true) {
     switch (_layer.AwaitSnapshotWork()) {
-      case SharedUserLayer::SnapshotWork::kStop:
+      case SnapshotWork::kStop:
         return;
-      case SharedUserLayer::SnapshotWork::kLog:
+      case SnapshotWork::kLog:
         _layer.GetLog().Write();
         break;
-      case SharedUserLayer::SnapshotWork::kSnapshot:
+      case SnapshotWork::kSnapshot:
         Write();
         break;
     }
@@ -55,7 +55,7 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   _layer.BeginToNote();
   settings::server::TextInParts layerText;
   layerText.Collect(_readLayer, [this] { return _layer.TakeChanges().TakeNames(); });
-  SharedUserLayer::SnapshotMoment moment;
+  SnapshotMoment moment;
   _readLayer([&](const core::IniFile& layer) {
     layerText.Update(layer, _layer.TakeChanges().TakeNames());
     moment = _layer.BeginSnapshot();

@@ -4,22 +4,16 @@
 
 namespace tavix::daemon {
 
-namespace {
-
-constexpr std::chrono::seconds kLong{5};
-
-}  // namespace
-
 bool SyncWatch::Begin(Clock::time_point now) {
   _began = now;
   if (_nextLook) return false;
-  _nextLook = now + kLong;
+  _nextLook = now + _limit;
   return true;
 }
 
 bool SyncWatch::End() {
   _began.reset();
-  if (!std::exchange(_wasTold, false)) return false;
+  if (!std::exchange(_isReported, false)) return false;
   _log.AddWarning(_quotedPath.c_str(), ": the disk syncs changes again");
   return true;
 }
@@ -27,11 +21,11 @@ bool SyncWatch::End() {
 void SyncWatch::Look(Clock::time_point now) {
   if (!_nextLook || now < *_nextLook) return;
   _nextLook.reset();
-  if (!_began) return;
-  const bool hangs = now - *_began >= kLong;
-  if (hangs && !std::exchange(_wasTold, true))
+  if (!_began) return;  // a rest
+  const bool hangs = now - *_began >= _limit;
+  if (hangs && !std::exchange(_isReported, true))
     _log.AddWarning(_quotedPath.c_str(), ": the disk takes long to sync the last changes");
-  _nextLook = (hangs ? now : *_began) + kLong;
+  _nextLook = (hangs ? now : *_began) + _limit;
 }
 
 }  // namespace tavix::daemon

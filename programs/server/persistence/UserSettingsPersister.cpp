@@ -1,11 +1,9 @@
 #include "programs/server/persistence/UserSettingsPersister.h"
 
 #include <exception>
-#include <optional>
 #include <utility>
 
 #include "programs/server/persistence/SaveFailure.h"
-#include "programs/server/system/Deadline.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 
@@ -65,16 +63,20 @@ void UserSettingsPersister::Stop() {
   if (_snapshotWriter) _snapshotWriter->AwaitEnd();
 }
 
-bool UserSettingsPersister::Finish(std::chrono::milliseconds limit, const LateEnd& onLate) {
-  std::optional<Deadline> deadline;
+void UserSettingsPersister::LimitEnd(std::chrono::milliseconds limit, LateEnd onLate) {
+  if (_deadline) return;
   try {
-    deadline.emplace(limit, [&] { onLate(_layer.IsSaved()); });
+    _deadline.emplace(limit, [this, onLate = std::move(onLate)] { onLate(_layer.IsSaved()); });
   } catch (const std::exception& exception) {
     _layer.GetLog().AddWarning(ReasonOf(exception));  // then it takes as long as it takes
   }
+}
+
+bool UserSettingsPersister::Finish() {
   Stop();
   const bool isSaved = WriteTheLast();
   _layer.GetLog().Write();
+  _deadline.reset();
   return isSaved;
 }
 

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -11,6 +12,7 @@
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/SnapshotWriter.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
+#include "programs/server/system/Deadline.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 
@@ -32,11 +34,11 @@ class ILayerSources {
 // costs what it is long, however large the layer is; when the journal outgrows the snapshot, a new snapshot is made
 // beside the service.
 //
-// In order: the store loads the user layer; Start begins to write; saves come, each under the store's lock; Finish, or
-// Stop for what is like a crash, ends the threads. A save appends one record to the journal and returns; output that
-// shows the change is held back by the gate until "JournalSync" has synced the record (JournalSyncer). "Snapshot"
-// writes snapshots and what is to be logged (SnapshotWriter). What these three share is SharedUserLayer, and what an
-// event means to them is decided by UserLayerState.
+// In order: the store loads the user layer; Start begins to write; saves come, each under the store's lock; LimitEnd
+// begins the daemon's end; Finish, or Stop for what is like a crash, ends the threads. A save appends one record to the
+// journal and returns; the gate holds output that shows the change until "JournalSync" has synced the record
+// (JournalSyncer). "Snapshot" writes snapshots, and what is to be logged (SnapshotWriter). These three share
+// SharedUserLayer, and UserLayerState decides what an event means to them.
 //
 // Survives: a crash of the daemon loses nothing. After a power cut the layer is as it was after some change, whole, and
 //           with Durability::kAlways that is the last one that anybody was shown, or a later one. Not promised: with
@@ -51,7 +53,8 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
  public:
   using LayerReader = SnapshotWriter::LayerReader;
 
-  // The disk does not let Finish end. isSaved: whether it has everything all the same.
+  // The end takes too long, since the disk hangs. isSaved: whether it has everything all the same. On a thread of its
+  // own; no lock of the store or the persister is held or needed.
   using LateEnd = std::function<void(bool isSaved)>;
 
   // sources: outlive the object.
@@ -75,9 +78,13 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   // Begins to write; readLayer: is called until Finish.
   void Start(LayerReader readLayer);
 
+  // Calls "onLate", which may end the process, when Finish has not returned within that time from now on. The first
+  // call counts. To be called before anything that may wait for a writer: a write to a disk that hangs holds locks.
+  void LimitEnd(std::chrono::milliseconds limit, LateEnd onLate);
+
   // Ends the threads and leaves one snapshot that holds everything. False when there are changes that are not on the
-  // disk. onLate: is called on another thread when that takes longer than the limit; it may end the process.
-  bool Finish(std::chrono::milliseconds limit, const LateEnd& onLate);
+  // disk.
+  bool Finish();
 
   // Ends the threads; nothing is saved any more. A second call does nothing.
   void Stop();
@@ -92,6 +99,7 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   SharedUserLayer _layer;
   std::unique_ptr<JournalSyncer> _syncer;           // null: not started
   std::unique_ptr<SnapshotWriter> _snapshotWriter;  // null: not started
+  std::optional<Deadline> _deadline;                // empty: the end has no limit
 };
 
 }  // namespace tavix::daemon

@@ -72,8 +72,12 @@ std::string SettingsStore::DescribeFullness() const {
          std::to_string(_maxBytes) + ": only changes that do not make them larger are carried out";
 }
 
-bool SettingsStore::Finish(const std::function<void(bool isSaved)>& onLate) {
-  return !_userSettings || _userSettings->Finish(_maxStopTime, onLate);
+void SettingsStore::LimitEnd(const std::function<void(bool isSaved)>& onLate) {
+  if (_userSettings) _userSettings->LimitEnd(_maxStopTime, onLate);
+}
+
+bool SettingsStore::Finish() {
+  return !_userSettings || _userSettings->Finish();
 }
 
 }  // namespace tavix::daemon

@@ -39,9 +39,13 @@ class SettingsStore {
   // What keeps messages back until they may be seen; null when nothing is persisted.
   DurabilityGate* GetGate() { return _userSettings ? &_userSettings->GetGate() : nullptr; }
 
+  // The daemon ends from now on. onLate: is called on another thread when Finish has not returned within
+  // --stop-timeout; it may end the process.
+  void LimitEnd(const std::function<void(bool isSaved)>& onLate);
+
   // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved. onLate: called on another thread when the disk takes longer than the options allow; it may end the process.
-  bool Finish(const std::function<void(bool isSaved)>& onLate);
+  // saved.
+  bool Finish();
 
  private:
   const std::chrono::seconds _maxStopTime;

@@ -66,7 +66,23 @@ TEST(ChangedGroups, OfALargeChangeAreSharedAndCounted) {
   EXPECT_TRUE(changed.IsEmpty());
 }
 
-// Whoever asks would write a snapshot that lacks them.
+TEST(ChangedGroups, OfLargeChangesTakeNoMoreMemoryThanTheDifferentOnesOfAll) {
+  ChangedGroups changed;
+  changed.Begin();
+  std::set<std::string> all;
+  for (int change = 0; change < 100; ++change) {
+    const std::set<std::string> groups{"A", "G" + std::to_string(change % 10)};
+    all.insert(groups.begin(), groups.end());
+    changed.NoteMany(std::make_shared<const std::set<std::string>>(groups));
+    EXPECT_LE(changed.Count(), all.size() + 2 * ChangedGroups::kMaxMany);
+  }
+  ChangedGroups::Changes changes = changed.TakeChanges();
+  EXPECT_LE(changes.many.size(), ChangedGroups::kMaxMany);
+  EXPECT_EQ(changes.TakeNames(), all);
+  EXPECT_TRUE(changed.IsEmpty());
+}
+
+// The taker would write a snapshot that lacks them.
 TEST(ChangedGroups, ThatThereIsNoMemoryForAreToldUntilTheNextBeginOrEnd) {
   ChangedGroups changed;
   changed.Begin();

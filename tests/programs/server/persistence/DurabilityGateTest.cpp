@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tavix::test {
 
@@ -28,6 +31,12 @@ GroupNameMatcher Matching(const std::string& nameOrPattern) {
   GroupNameMatcher matcher;
   matcher.AddNameOrPattern(nameOrPattern);
   return matcher;
+}
+
+DurabilityGate::Groups GroupsOf(std::initializer_list<int> numbers) {
+  std::set<std::string> groups;
+  for (const int number : numbers) groups.insert("G" + std::to_string(number));
+  return std::make_shared<const std::set<std::string>>(groups);
 }
 
 class DurabilityGateTest : public testing::Test {
@@ -115,9 +124,9 @@ TEST_F(DurabilityGateTest, LaterChangeThatIsDurableMakesTheEarlierOnesSo) {
   EXPECT_TRUE(_gate.IsDurable(_gate.FindLast(nullptr)));
 }
 
-TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsAndHoldsNothingUntilTold) {
+TEST_F(DurabilityGateTest, StopsHoldingUntilItHoldsAgain) {
   EXPECT_TRUE(_gate.Await(_gate.Add(&kA), _output));
-  _gate.LetGo();
+  _gate.StopHolding();
   EXPECT_EQ(_output->calls, 1);
   _gate.Add(&kB);
   EXPECT_FALSE(IsHeld("*"));
@@ -128,7 +137,7 @@ TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsAndHoldsNothingUntilTold) {
 }
 
 // A change that is made while the gate is being opened is not held, and must not make those before it look released.
-TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsThoughChangesAreMadeMeanwhile) {
+TEST_F(DurabilityGateTest, ReleasesWhatWaitsThoughChangesAreMadeMeanwhile) {
   for (int i = 0; i < 500; ++i) {
     DurabilityGate gate(true);
     const auto output = std::make_shared<CountingOutput>();
@@ -136,7 +145,7 @@ TEST_F(DurabilityGateTest, LettingGoReleasesWhatWaitsThoughChangesAreMadeMeanwhi
     std::thread writer([&] {
       for (int change = 0; change < 20; ++change) gate.Add(&kB);
     });
-    gate.LetGo();
+    gate.StopHolding();
     writer.join();
     ASSERT_EQ(output->calls, 1);
   }
@@ -178,15 +187,55 @@ TEST_F(DurabilityGateTest, ManyGroupsAreHeldAsFewAre) {
 
 // A crash could take it back that nothing else is held for.
 TEST_F(DurabilityGateTest, ChangeCanBeHeldWhileNothingElseIs) {
-  _gate.LetGo();
+  _gate.StopHolding();
   const DurabilityGate::Ticket ticket = _gate.Add(&kA, true);
   EXPECT_TRUE(IsHeld("A"));
-  _gate.LetGo(ticket - 1);
+  _gate.StopHolding(ticket - 1);
   EXPECT_TRUE(IsHeld("A"));
   _gate.SetDurable(ticket);
   EXPECT_FALSE(IsHeld("A"));
   _gate.Add(&kB);
   EXPECT_FALSE(IsHeld("B"));
+}
+
+TEST_F(DurabilityGateTest, ManyLargeChangesAreHeldEachUntilItsTicketIsDurable) {
+  std::vector<DurabilityGate::Ticket> tickets;
+  for (int change = 0; change < 20; ++change) tickets.push_back(_gate.AddMany(GroupsOf({change, change + 1})));
+  EXPECT_EQ(FindLast("G0"), tickets[0]);
+  EXPECT_EQ(FindLast("G7"), tickets[7]);
+  EXPECT_EQ(FindLast("G20"), tickets[19]);
+  _gate.SetDurable(tickets[7]);
+  EXPECT_FALSE(IsHeld("G7"));
+  EXPECT_TRUE(IsHeld("G8"));
+  _gate.SetDurable(tickets[19]);
+  EXPECT_FALSE(IsHeld("*"));
+}
+
+// A disk that hangs while clients go on to make large changes must not cost memory for each of them.
+TEST_F(DurabilityGateTest, GroupsOfManyLargeChangesAreNotKeptForEachOfThem) {
+  std::vector<std::weak_ptr<const std::set<std::string>>> kept;
+  for (int change = 0; change < 100; ++change) {
+    const DurabilityGate::Groups groups = GroupsOf({change % 10});
+    kept.push_back(groups);
+    _gate.AddMany(groups);
+  }
+  const auto isKept = [](const auto& groups) { return !groups.expired(); };
+  EXPECT_LT(std::count_if(kept.begin(), kept.end(), isKept), 10);
+  EXPECT_EQ(FindLast("G9"), 100u);
+  EXPECT_EQ(FindLast("G0"), 91u);
+}
+
+TEST_F(DurabilityGateTest, LargeChangeThatIsMadeAgainIsHeldUntilTheLastTimeIsDurable) {
+  const DurabilityGate::Groups groups = GroupsOf({1, 2});
+  const DurabilityGate::Ticket first = _gate.AddMany(groups);
+  const DurabilityGate::Ticket other = _gate.AddMany(GroupsOf({3}));
+  const DurabilityGate::Ticket again = _gate.AddMany(groups);
+  EXPECT_EQ(FindLast("G1"), again);
+  _gate.SetDurable(first);
+  EXPECT_TRUE(IsHeld("G1"));
+  _gate.SetDurable(other);
+  EXPECT_FALSE(IsHeld("G3"));
+  EXPECT_TRUE(IsHeld("G2"));
 }
 
 }  // namespace tavix::test

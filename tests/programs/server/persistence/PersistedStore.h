@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <ctime>
 #include <future>
 #include <memory>
@@ -37,11 +38,18 @@ inline void AwaitDurable(daemon::DurabilityGate& gate, daemon::DurabilityGate::T
 // A store whose user settings are persisted. It ends like a program that crashes: what was not saved is not saved.
 class PersistedStore : private daemon::ILayerSources {
  public:
-  // files: outlive the store. defaults: settings text.
-  PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "")
+  // files: outlive the store. defaults: settings text. longDiskWork: as UserLayerSetup.
+  PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "",
+                 std::chrono::milliseconds longDiskWork = std::chrono::hours(1))
       : _defaults(std::move(defaults)),
-        _persister({files, kUserFile, durability, [](bool, size_t) {},
-                    [this](std::time_t since) { _unsavedSince = since; }, kLargeChange},
+        _persister({files,
+                    kUserFile,
+                    durability,
+                    [](bool, size_t) {},
+                    [this](std::time_t since) { _unsavedSince = since; },
+                    {},
+                    kLargeChange,
+                    longDiskWork},
                    *this),
         _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
@@ -51,12 +59,10 @@ class PersistedStore : private daemon::ILayerSources {
 
   settings::server::SettingsManager& GetManager() { return _manager; }
   daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
-  bool Finish() {
-    return _persister.Finish(std::chrono::hours(1), [](bool) {});
+  void LimitEnd(std::chrono::milliseconds limit, daemon::UserSettingsPersister::LateEnd onLate) {
+    _persister.LimitEnd(limit, std::move(onLate));
   }
-  bool Finish(std::chrono::milliseconds limit, const daemon::UserSettingsPersister::LateEnd& onLate) {
-    return _persister.Finish(limit, onLate);
-  }
+  bool Finish() { return _persister.Finish(); }
   void Crash() { _persister.Stop(); }
 
   void Merge(const std::string& settings) {

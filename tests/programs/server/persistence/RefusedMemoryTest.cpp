@@ -88,7 +88,8 @@ class PersisterWithoutMemory : public testing::Test, private daemon::ILayerSourc
 
   MemoryFiles _files;
   core::IniFile _layer;
-  daemon::UserSettingsPersister _persister{{_files, kUserFile, kAlways, [](bool, size_t) {}, {}, kLargeChange}, *this};
+  daemon::UserSettingsPersister _persister{{_files, kUserFile, kAlways, [](bool, size_t) {}, {}, {}, kLargeChange},
+                                           *this};
 
  private:
   void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
@@ -116,7 +117,7 @@ TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
         const RefusedMemory refused(kMost);
         _persister.SaveChangedGroups(_layer, {"Large"});
         AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());  // is released
-        EXPECT_FALSE(_persister.Finish(std::chrono::hours(1), [](bool) {}));
+        EXPECT_FALSE(_persister.Finish());
       },
       1);
   EXPECT_EQ(log[0], kRefused);

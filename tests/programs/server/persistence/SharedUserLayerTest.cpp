@@ -30,14 +30,14 @@ class UserLayerSteps : public testing::Test {
     _shared.Save(_layer, {group}, {});
   }
 
-  SharedUserLayer::Close Close(ChangeInParts& change, SharedUserLayer::PendingEpoch epoch) {
+  daemon::CloseResult Close(ChangeInParts& change, daemon::NotedChanges::Epoch epoch) {
     return _shared.ClosePending(change, epoch, _layer, true, _record);
   }
 
   // Up to the moment that the snapshot holds.
   void BeginSnapshot() {
     _shared.BeginToNote();
-    const SharedUserLayer::SnapshotMoment moment = _shared.BeginSnapshot();
+    const daemon::SnapshotMoment moment = _shared.BeginSnapshot();
     _snapshot.id = {moment.end.generation, 1};
     _snapshot.last = moment.last;
   }
@@ -59,9 +59,9 @@ class UserLayerSteps : public testing::Test {
   }
 
   MemoryFiles _files;
-  SharedUserLayer _shared{{_files, kUserFile, kAlways, [](bool, size_t) {}, {}, 1}};  // all changes are large
+  SharedUserLayer _shared{{_files, kUserFile, kAlways, [](bool, size_t) {}, {}, {}, 1}};  // all changes are large
   IniFile _layer;
-  SharedUserLayer::LateRecord _record;
+  daemon::LateRecord _record;
   daemon::UserLayerState::Snapshot _snapshot;
   std::shared_ptr<daemon::Journal> _next;
 };
@@ -74,7 +74,7 @@ TEST_F(UserLayerSteps, WhatWasTakenBeforeTheNextJournalBeganIsNotWrittenBehindIt
   FillNextJournal();
   Follow();
   Change("A", "1");
-  SharedUserLayer::Pending pending = _shared.TakePending();
+  daemon::PendingGroups pending = _shared.TakePending();
   ChangeInParts change;
   change.Add(std::move(pending.changes));
   EXPECT_FALSE(change.MakePart(_layer));
@@ -83,7 +83,7 @@ TEST_F(UserLayerSteps, WhatWasTakenBeforeTheNextJournalBeganIsNotWrittenBehindIt
   Change("A", "2");
   Follow();
   Change("B", "1");
-  EXPECT_EQ(Close(change, pending.epoch), SharedUserLayer::Close::kDone);
+  EXPECT_EQ(Close(change, pending.epoch), daemon::CloseResult::kDone);
   EXPECT_EQ(_record.journal, nullptr);
   const std::string journal = _files.Read(daemon::Journal::NewPathOf(kUserFile)).bytes;
   EXPECT_EQ(journal.find("key=1"), std::string::npos) << journal;
@@ -94,10 +94,10 @@ TEST_F(UserLayerSteps, WhatIsTakenAndClosedInOneEpochIsWritten) {
   FillNextJournal();
   Follow();
   Change("A", "1");
-  SharedUserLayer::Pending pending = _shared.TakePending();
+  daemon::PendingGroups pending = _shared.TakePending();
   ChangeInParts change;
   change.Add(std::move(pending.changes));
-  EXPECT_EQ(Close(change, pending.epoch), SharedUserLayer::Close::kToWrite);
+  EXPECT_EQ(Close(change, pending.epoch), daemon::CloseResult::kToWrite);
   EXPECT_NE(_record.journal, nullptr);
 }
 

@@ -11,6 +11,7 @@
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/programs/server/persistence/PersisterTest.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/LogOf.h"
 #include "tests/support/MemoryFiles.h"
@@ -128,11 +129,44 @@ TEST_F(Persister, EndThatTheDiskHoldsUpIsTold) {
   store.Merge("[B]\ny=2\n");
   sync.Await();
   std::promise<bool> isSaved;
-  EXPECT_TRUE(store.Finish(std::chrono::milliseconds(1), [&](bool saved) {
+  store.LimitEnd(std::chrono::milliseconds(1), [&](bool saved) {
     isSaved.set_value(saved);
     sync.GoOn();
-  }));
+  });
+  EXPECT_TRUE(store.Finish());
   EXPECT_FALSE(isSaved.get_future().get());
+}
+
+// A write hangs with the locks of the store and the persister held.
+TEST_F(Persister, EndThatAWriteHoldsUpIsToldWithoutItsLocks) {
+  PersistedStore store(_files, kAlways);
+  Stop reserve(_files, Kind::kReserve, "user.ini.journal.new");
+  BackgroundCall writer([&] { store.Merge("[B]\ny=2\n"); });
+  reserve.Await();
+  std::promise<bool> isSaved;
+  store.LimitEnd(std::chrono::milliseconds(1), [&](bool saved) {
+    isSaved.set_value(saved);
+    reserve.GoOn();
+  });
+  EXPECT_TRUE(store.Finish());
+  EXPECT_FALSE(isSaved.get_future().get());
+  writer.Join();
+}
+
+TEST_F(Persister, LargeChangeWhoseWriteHangsIsReported) {
+  const CapturedLog log;
+  const auto isLogged = [&](const char* text) {
+    return Eventually([&] { return testing::Value(log.GetMessages(), Contains(HasSubstr(text))); });
+  };
+  PersistedStore store(_files, kAlways, "", std::chrono::milliseconds(50));
+  store.Merge("[B]\ny=1\n");
+  store.AwaitDurable();
+  Stop write(_files, Kind::kWrite, "user.ini.journal.new");
+  store.Merge("[Large]\nx=" + std::string(70 * 1000, 'x') + "\n");
+  write.Await();
+  EXPECT_TRUE(isLogged("'user.ini': the disk takes long to sync the last changes"));
+  write.GoOn();
+  EXPECT_TRUE(isLogged("'user.ini': the disk syncs changes again"));
 }
 
 // Nothing is lost when only the last snapshot can't be made.
@@ -142,10 +176,11 @@ TEST_F(Persister, EndThatOnlyASnapshotHoldsUpIsNoLoss) {
   EXPECT_TRUE(Eventually([&] { return store.GetUnsavedSince() == 0; }));  // told once the sync has been noted
   Stop snapshot(_files, Kind::kSync, "user.ini.new");
   std::promise<bool> isSaved;
-  store.Finish(std::chrono::milliseconds(1), [&](bool saved) {
+  store.LimitEnd(std::chrono::milliseconds(1), [&](bool saved) {
     isSaved.set_value(saved);
     snapshot.GoOn();
   });
+  store.Finish();
   EXPECT_TRUE(isSaved.get_future().get());
 }
 

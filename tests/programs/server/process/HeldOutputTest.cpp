@@ -298,6 +298,17 @@ TEST_F(HeldOutput, DiskThatHangsDoesNotKeepTheDaemonFromEnding) {
                                                        "without a snapshot, and the last changes are lost\n"));
 }
 
+// A write hangs with the locks of the store and the persister held, so that nothing that takes them ends.
+TEST_F(HeldOutput, DiskThatHangsInAWriteDoesNotKeepTheDaemonFromEnding) {
+  EXPECT_EQ(_daemon->Stop(), 0);
+  Start({"--stop-timeout", "1"});
+  _faults.HoldWrites("user.ini.journal");
+  _writer->Send(Merge("A", 1));
+  _faults.AwaitHeldWrite();
+  EXPECT_EQ(_daemon->Stop(), 74);
+  EXPECT_THAT(_daemon->GetErrors(), testing::HasSubstr("and the last changes are lost\n"));
+}
+
 TEST_F(HeldOutput, OverwrittenGroupHoldsUpNoOther) {
   ProtocolClient reader(_daemon->GetPort());
   _faults.HoldSyncs();
