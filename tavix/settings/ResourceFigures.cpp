@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "tavix/core/StringUtil.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
 
 namespace tavix::settings {
 
@@ -53,6 +54,14 @@ std::string ResourceFigures::GroupOf(const std::string& resource) {
 
 std::string ResourceFigures::GroupOf(const std::string& consumer, const std::string& resource) {
   return ConsumersPrefix(resource) + consumer;
+}
+
+bool ResourceFigures::IsWritable(const std::string& consumer, const std::string& resource) {
+  return !server::GroupDiscriminator::IsRestrictedGroup(GroupOf(consumer, resource));
+}
+
+bool ResourceFigures::IsCounted(const std::string& consumer) {
+  return consumer.find('/') == std::string::npos;
 }
 
 void ResourceFigures::SetUsed(const std::string& consumer, const std::string& resource, int amount, IniFile& document) {
@@ -122,6 +131,13 @@ std::optional<int> ResourceFigures::FindBookingOfShare(const std::string& consum
   const int available = GetAvailable(consumer, resource);
   const bool missesByRounding = rounded > available && rounded != 0 && share <= available + kRoundingMiss;
   return FindBooking(consumer, resource, missesByRounding ? available : static_cast<int>(rounded));
+}
+
+bool BookingAttempts::IsRefusedAfter(const IniFile& figures) {
+  const bool isSame = _refusals > 0 && _figures.GetGroups() == figures.GetGroups();
+  if (!isSame) _figures = figures;
+  _refusals = isSame ? _refusals + 1 : 1;
+  return _refusals >= kMaxRefusals;
 }
 
 // The consumers that have a group.

@@ -25,6 +25,12 @@ class TAVIX_DAEMON_EXPORT ResourceFigures {
   static std::string GroupOf(const std::string& resource);
   static std::string GroupOf(const std::string& consumer, const std::string& resource);
 
+  // What can't be written would seem to be booked, and so would what is not counted: more than the total would be given
+  // out. No client can write a group with a restricted name. What stands below a '/' is the business of the consumer
+  // before it; releasing it takes nothing from anybody.
+  static bool IsWritable(const std::string& consumer, const std::string& resource);
+  static bool IsCounted(const std::string& consumer);
+
   // Writes a consumer's booking into a document.
   static void SetUsed(const std::string& consumer, const std::string& resource, int amount, core::IniFile& document);
 
@@ -58,6 +64,25 @@ class TAVIX_DAEMON_EXPORT ResourceFigures {
   std::set<std::string> FindBookers(const std::string& resource) const;
 
   const core::IniFile& _document;
+};
+
+// Tells conflicts from refusals in the attempts of one booking. An attempt fails by a conflict when somebody changed a
+// figure meanwhile; there is no limit to these, as each means that somebody got on. When the same figures are read again
+// after each of many attempts in a row, the store refuses the write itself, because it is full, for example: a figure
+// that was changed and changed back each time, at the right moment, can't be the reason.
+//
+// Threads: one.
+// Owns:    a copy of the figures that were read last.
+class TAVIX_DAEMON_EXPORT BookingAttempts {
+ public:
+  static constexpr int kMaxRefusals = 50;
+
+  // An attempt on figures failed. Returns whether that counts as refused: so many attempts have failed on the same.
+  [[nodiscard]] bool IsRefusedAfter(const core::IniFile& figures);
+
+ private:
+  core::IniFile _figures;
+  int _refusals = 0;
 };
 
 }  // namespace tavix::settings

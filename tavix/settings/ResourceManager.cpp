@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/ResourceFigures.h"
 #include "tavix/settings/TavixSettingsClient.h"
@@ -36,6 +37,7 @@ class ResourceManager::ResourceManagerImpl {
   }
 
   bool Reserve(const std::string& consumer, const std::list<ResourceUsage>& usages) {
+    BookingAttempts attempts;
     while (true) {
       IniFile proposal;
       for (const ResourceUsage& usage : usages) {
@@ -47,6 +49,7 @@ class ResourceManager::ResourceManagerImpl {
         _cache.MergeSettings(std::move(proposal));
         return true;
       }
+      if (attempts.IsRefusedAfter(_cache)) return LogRefusal(consumer, usages);
       Refresh();  // somebody else was first: work it out again from the new figures
     }
   }
@@ -57,13 +60,38 @@ class ResourceManager::ResourceManagerImpl {
       throw osa::Exception("The figures of resource '%s' could not be read", resource.c_str());
   }
 
-  // What is to be booked; nothing when it does not fit.
+  // What is to be booked; nothing when it does not fit, or can't be.
   std::optional<int> FindAmount(const std::string& consumer, const ResourceUsage& usage) {
+    if (!CanBeBooked(consumer, usage)) return std::nullopt;
     const ResourceFigures& figures = FiguresOf(usage.resource);
     if (!usage.isPercent) return figures.FindBooking(consumer, usage.resource, usage.amount);
     return figures.FindBookingOfShare(consumer, usage.resource, usage.fraction * figures.GetTotal(usage.resource));
   }
 
+  // Whatever the figures are; logs why not.
+  bool CanBeBooked(const std::string& consumer, const ResourceUsage& usage) const {
+    const bool isRelease = usage.isPercent ? usage.fraction == 0 : usage.amount == 0;
+    const char* obstacle = nullptr;
+    if (!ResourceFigures::IsWritable(consumer, usage.resource)) {
+      obstacle = "its group is restricted, and no client can write it";
+    } else if (!isRelease && !ResourceFigures::IsCounted(consumer)) {
+      obstacle = "a booking below a '/' is not counted";
+    }
+    if (obstacle)
+      _logger->Error("Consumer '%s' can't book resource '%s': %s", consumer.c_str(), usage.resource.c_str(), obstacle);
+    return !obstacle;
+  }
+
+  // False, as the booking is not made.
+  bool LogRefusal(const std::string& consumer, const std::list<ResourceUsage>& usages) const {
+    std::string resources;
+    for (const ResourceUsage& usage : usages) resources += (resources.empty() ? "'" : ", '") + usage.resource + "'";
+    _logger->Error("The store refused %d times to book %s for consumer '%s', and no figure had changed: it may be full",
+                   BookingAttempts::kMaxRefusals, resources.c_str(), consumer.c_str());
+    return false;
+  }
+
+  core::Logger* const _logger = core::Logger::GetLogger("ResourceManager");
   TavixSettingsClient* const _client;
   IniFile _cache;  // what was last read of the known resources
   const ResourceFigures _figures{_cache};

@@ -15,12 +15,15 @@ class TavixSettingsClient;
 //
 //     [Resources/NAME]                       TotalAvailable   the capacity (100)
 //     [Resources/NAME/Consumers/CONSUMER]    CurrentlyUsed    what the consumer has booked (0)
-//                                            MaxAllowed       the most that it may have (no limit)
+//                                            MaxAllowed       its limit (none)
 //     [Resources/NAME/AllowedConsumers]      any keys         whose values are the consumers that may use it
 //                                                             (without the group: everybody)
 //
 // A booking is one test-and-merge: it is made only if everything that it was worked out from still holds; otherwise the
-// figures are read again, without limit.
+// figures are read again, without limit as long as they change. A booking is refused, with a line in the log at error:
+//   - when no figure has changed and the store refuses it all the same, 50 times in a row, because it is full;
+//   - when resource or consumer has a restricted name ("Secure" or "Trusted" in it), as no client can write its group;
+//   - when the consumer has a '/' in its name, as it would not be counted; releasing it is allowed.
 //
 // The condition can cover only figures that exist. The very first bookings of consumers that nobody declared can
 // therefore race with each other and, together, exceed the total. Declare every consumer in the defaults, with
@@ -66,8 +69,8 @@ class TAVIX_EXPORT ResourceManager {
   bool IsAuthorized(const std::string& consumer, const std::string& resource) const;
 
   // Books all usages in one step, each in place of the consumer's former booking of that resource. False, with nothing
-  // changed, when one is negative or does not fit. A share that misses only by rounding up takes what is left. Booking
-  // 0 releases a resource and always succeeds.
+  // changed, when one is negative or does not fit, or when the booking is refused as said above. A share that misses
+  // only by rounding up takes what is left. Booking 0 releases a resource: it always fits.
   [[nodiscard]] bool ReserveForConsumer(const std::string& consumer, const std::list<ResourceUsage>& usages);
 
  private:

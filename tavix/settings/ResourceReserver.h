@@ -27,7 +27,7 @@ class TAVIX_EXPORT ResourceReserver {
   ResourceReserver& operator=(const ResourceReserver&) = delete;
 
   // Book in place of the former booking: an amount, or a share of the total from 0.0 to 1.0. False, with nothing
-  // changed, when it does not fit or is negative.
+  // changed, when it does not fit, is negative or is refused.
   [[nodiscard]] bool TrySetUsage(int amount);
   [[nodiscard]] bool TrySetUsagePercent(double fraction);
 

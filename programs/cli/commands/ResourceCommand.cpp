@@ -64,8 +64,8 @@ json ToJson(const ResourceFigures& figures, const std::string& resource) {
   json consumers = json::array();
   for (const std::string& consumer : figures.GetConsumers(resource)) {
     json object = {{"consumer", NameToJson(consumer)}, {"used", figures.GetUsed(consumer, resource)}};
-    const std::optional<int> most = figures.GetMaxAllowed(consumer, resource);
-    object["most"] = most ? json(*most) : json(nullptr);
+    const std::optional<int> max = figures.GetMaxAllowed(consumer, resource);
+    object["most"] = max ? json(*max) : json(nullptr);
     consumers.push_back(std::move(object));
   }
   return {{"resource", NameToJson(resource)},
@@ -114,23 +114,18 @@ int ShowResource(Context& context, const Options& options) {
   console.Print(ToLine(console, figures, options.resource, width));
   for (const std::string& consumer : consumers) {
     const int used = figures.GetUsed(consumer, options.resource);
-    const std::optional<int> most = figures.GetMaxAllowed(consumer, options.resource);
+    const std::optional<int> max = figures.GetMaxAllowed(consumer, options.resource);
     console.Print(Left("  " + SpellName(consumer), width) + "  " +
                   DrawBar(console, used, figures.GetTotal(options.resource)) + Right(used) +
-                  (most ? " of at most " + std::to_string(*most) : "") + "\n");
+                  (max ? " of at most " + std::to_string(*max) : "") + "\n");
   }
   return kExitDone;
 }
 
-// What stands below a consumer's group is its own business, and is not counted.
-void RequireConsumer(const std::string& consumer) {
-  if (consumer.find('/') != std::string::npos)
-    throw Failure(kExitUsage, "'" + SpellName(consumer) + "' is no consumer: a booking below a '/' is not counted");
-}
-
 int Reserve(Context& context, const Options& options) {
-  Session& session = context.GetSession();
   const Amount amount = ParseAmount(options.amount);
+  RequireCounted(options.consumer, amount);
+  Session& session = context.GetSession();
   const core::IniFile read = ReadResources(session);
   RequireResource(ResourceFigures(read), options.resource);
   const std::optional<int> booked = Book(session, options.consumer, options.resource, amount);
@@ -163,11 +158,8 @@ void AddResource(CommandLine& line) {
                                          [options](Context& context) { return ShowResource(context, *options); });
   AddResource(show, *options);
 
-  const CommandOptions reserve =
-      line.AddTo(group, "reserve", "Book an amount, in place of what the consumer had", [options](Context& context) {
-        RequireConsumer(options->consumer);
-        return Reserve(context, *options);
-      });
+  const CommandOptions reserve = line.AddTo(group, "reserve", "Book an amount, in place of what the consumer had",
+                                            [options](Context& context) { return Reserve(context, *options); });
   AddResource(reserve, *options);
   reserve.AddText("AMOUNT", options->amount, "A whole number, or a share of the total such as 20%").Require();
   AddConsumer(reserve, *options);

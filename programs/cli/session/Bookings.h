@@ -16,7 +16,7 @@ struct Amount {
   double percent = 0;  // whose product with the total is exact for whole numbers, as that of 0.14 and 100 is not
 };
 
-// Understands "20" and "20%". Throws Failure, kExitUsage, when the text is no amount.
+// Parses "20" and "20%". Throws Failure, kExitUsage, when the text is no amount.
 Amount ParseAmount(const std::string& text);
 
 // The groups of all resources.
@@ -26,8 +26,13 @@ core::IniFile ReadResources(Session& session);
 std::optional<int> FindBooking(const settings::ResourceFigures& figures, const std::string& consumer,
                                const std::string& resource, const Amount& amount);
 
+// Throws Failure, kExitUsage, when the consumer has a '/' in its name and the amount is not 0.
+void RequireCounted(const std::string& consumer, const Amount& amount);
+
 // Books for a consumer in place of its former booking, again and again until nothing changed in between. Returns what
-// was booked; nothing when it does not fit.
+// was booked; nothing when it does not fit. Throws Failure for what ResourceManager refuses: kExitRefused for a
+// restricted name, what RequireCounted throws, and kExitNotApplied when the store refuses the write although no figure
+// has changed.
 std::optional<int> Book(Session& session, const std::string& consumer, const std::string& resource,
                         const Amount& amount);
 

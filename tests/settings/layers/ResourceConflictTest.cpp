@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <limits>
 #include <string>
 
+#include "tavix/settings/ResourceFigures.h"
 #include "tavix/settings/ResourceManager.h"
 #include "tests/settings/layers/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
+#include "tests/support/LogOf.h"
 
 namespace tavix::settings {
 
@@ -118,6 +121,23 @@ TEST(ResourceManager, ThereIsNoLimitToRetries) {
   ResourceManager manager(server.GetClient());
   EXPECT_TRUE(manager.ReserveForConsumer("me", {{"R", true, 0, 0.7}}));
   EXPECT_EQ(server.GetRequests().size(), 2 * 101u);
+}
+
+// No figure changes: that is no conflict, and would never end.
+TEST(ResourceManager, ABookingThatAFullStoreRefusesEnds) {
+  for (const Mode mode : kModesOverTcp) {
+    AnsweringServer server("[Resources/R]\nTotalAvailable=100\n", {}, mode);
+    server.served.store.SetMaxBytes(server.served.store.GetApproximateBytes());
+    ResourceManager manager(server.GetClient());
+    bool isBooked = true;
+    const auto log = test::LogOf([&] { isBooked = manager.ReserveForConsumer("me", {{"R", false, 40, 0.0}}); });
+    EXPECT_FALSE(isBooked);
+    EXPECT_EQ(server.GetRequests().size(), 2U * BookingAttempts::kMaxRefusals) << "each attempt reads and tries";
+    EXPECT_THAT(log, testing::Contains("ERROR ResourceManager: The store refused 50 times to book 'R' for consumer "
+                                       "'me', and no figure had changed: it may be full"));
+    server.served.store.SetMaxBytes(std::numeric_limits<size_t>::max());
+    EXPECT_TRUE(manager.ReserveForConsumer("me", {{"R", false, 40, 0.0}}));
+  }
 }
 
 // The other one takes 60 of R right before each request of a booking in turn: two readings and the write, that are done

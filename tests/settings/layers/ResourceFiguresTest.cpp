@@ -146,4 +146,28 @@ TEST(ResourceFigures, OneThatIsNotFoundIsNegativeOrDoesNotFit) {
   EXPECT_LT(found, 2500U);
 }
 
+TEST(ResourceFigures, NoClientCanWriteTheGroupOfARestrictedName) {
+  EXPECT_TRUE(ResourceFigures::IsWritable("me", "R"));
+  EXPECT_FALSE(ResourceFigures::IsWritable("Secure", "R"));
+  EXPECT_FALSE(ResourceFigures::IsWritable("me", "UntrustedTrustedR"));
+}
+
+TEST(ResourceFigures, AConsumerBelowAnotherIsNotCounted) {
+  EXPECT_TRUE(ResourceFigures::IsCounted(""));
+  EXPECT_FALSE(ResourceFigures::IsCounted("a/b"));
+}
+
+TEST(BookingAttempts, ManyFailuresInARowOnTheSameFiguresAreRefusals) {
+  BookingAttempts attempts;
+  const IniFile figures = DocumentOf("[Resources/R]\nTotalAvailable=7\n");
+  for (int i = 1; i < BookingAttempts::kMaxRefusals; ++i) EXPECT_FALSE(attempts.IsRefusedAfter(figures));
+  EXPECT_TRUE(attempts.IsRefusedAfter(figures));
+}
+
+TEST(BookingAttempts, FailuresOnFiguresThatChangeAreConflictsHoweverMany) {
+  BookingAttempts attempts;
+  for (int i = 0; i < 20 * BookingAttempts::kMaxRefusals; ++i)
+    EXPECT_FALSE(attempts.IsRefusedAfter(DocumentOf("[R]\nround=" + std::to_string(i / 40) + "\n")));
+}
+
 }  // namespace tavix::settings
