@@ -12,6 +12,7 @@
 
 #include "programs/server/Check.h"
 #include "programs/server/ExitCode.h"
+#include "programs/server/LifeLog.h"
 #include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
 #include "programs/server/Upkeep.h"
@@ -110,12 +111,13 @@ std::string Announce(const Server& server) {
 
 // A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a
 // log that nobody reads.
-void EndAtOnce(bool isSaved) {
+void EndAtOnce(bool isSaved, const LifeLog& life) {
   const int status = isSaved ? kExitDone : kExitNotSaved;
   const Deadline silent(kMaxLogTime, [status] { _exit(status); });
   core::Logger::GetLogger("UserSettings")
       ->Error("The disk does not answer; the daemon ends without a snapshot%s",
               isSaved ? "" : ", and the last changes are lost");
+  life.LogEnd(isSaved);
   _exit(status);
 }
 
@@ -123,6 +125,7 @@ void EndAtOnce(bool isSaved) {
 int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const Signals signals;
   const ServiceManager serviceManager;
+  LifeLog life(options);
   OrFail(kExitConfiguration, [&] { ResolvePlaces(options); });
   WarnUnlessKept(options.userSettings);
   const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });
@@ -133,6 +136,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   SettingsSources sources(options, counters);
   const auto store =
       OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources, options, counters); });
+  life.LogLoaded(sources);
   const std::string fullness = store->DescribeFullness();
   if (!fullness.empty()) core::Logger::GetLogger("Server")->Warning("%s", fullness.c_str());
   {
@@ -141,13 +145,21 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
       ProbeStore(store->GetManager());
       server.Probe();
     };
-    Upkeep upkeep(options, commandLine, Announce(server), counters, store->GetManager(), serviceManager, probe);
-    server.Run(signals, [&](int signal) {
-      if (signal == SIGTERM || signal == SIGINT) store->LimitEnd(EndAtOnce);
-      upkeep.OnSignal(signal);
+    const std::string addresses = Announce(server);
+    life.LogServing(addresses, store->CountGroups());
+    Upkeep upkeep(options, commandLine, addresses, counters, store->GetManager(), serviceManager, probe);
+    server.Run(signals, [&](const Signals::Signal& signal) {
+      if (signal.number == SIGTERM || signal.number == SIGINT) {
+        life.BeginEnd();
+        store->LimitEnd([&](bool isSaved) { EndAtOnce(isSaved, life); });
+        life.LogEnding(signal);
+      }
+      upkeep.OnSignal(signal.number);
     });
   }
-  return store->Finish() ? kExitDone : kExitNotSaved;
+  const bool isSaved = store->Finish();
+  life.LogEnd(isSaved);
+  return isSaved ? kExitDone : kExitNotSaved;
 }
 
 }  // namespace
@@ -155,6 +167,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
 int RunProgram(int argc, char** argv) {
   std::vector<GivenOption> commandLine;
   if (!ParseCommandLine(argc, argv, commandLine)) return kExitUsage;
+  LogOptions log;  // as far as it is set up
   try {
     switch (FindAction(commandLine)) {
       case Options::Action::kShowHelp:
@@ -171,10 +184,13 @@ int RunProgram(int argc, char** argv) {
     if (options.action == Options::Action::kCheck) return RunCheck(options);
     Signals::Block();
     ConfigureLog(options.log);
+    log = options.log;
     return Serve(options, commandLine);
   } catch (const Failure& failure) {
+    LifeLog::LogFailure(log, failure.what());
     return Fail(failure.GetCode(), failure);
   } catch (const std::exception& exception) {
+    LifeLog::LogFailure(log, exception.what());
     return Fail(kExitFailure, exception);
   }
 }

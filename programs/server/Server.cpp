@@ -16,7 +16,6 @@
 #include "programs/server/connections/LogPeer.h"
 #include "programs/server/options/OptionValues.h"
 #include "programs/server/store/SettingsStore.h"
-#include "programs/server/system/Signals.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
@@ -130,14 +129,14 @@ std::vector<std::string> Server::GetAddresses() const {
   return addresses;
 }
 
-void Server::Run(const Signals& signals, const std::function<void(int)>& onSignal) {
-  for (int signal = 0; signal != SIGTERM && signal != SIGINT;) {
+void Server::Run(const Signals& signals, const std::function<void(const Signals::Signal&)>& onSignal) {
+  for (Signals::Signal signal; signal.number != SIGTERM && signal.number != SIGINT;) {
     std::vector<pollfd> watched = FindWatched(signals);
     const int timeout = FindTimeout();
     const bool pauses = std::exchange(_mustPause, false);
     if (!Wait(watched, timeout)) continue;
-    signal = watched[0].revents ? signals.Take() : 0;
-    if (signal != 0) onSignal(signal);
+    signal = watched[0].revents ? signals.Take() : Signals::Signal();
+    if (signal.number != 0) onSignal(signal);
     if (watched[1].revents) _logLimiter.ReportDue(LogLimiter::Clock::now());
     if (watched[2].revents) _places.Acknowledge();
     if (!pauses) AcceptFromAll(watched);

@@ -20,6 +20,7 @@
 #include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
+#include "programs/server/system/Signals.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -30,7 +31,6 @@
 namespace tavix::daemon {
 
 class SettingsStore;
-class Signals;
 
 // Accepts connections and hands them to a few event loops in turn.
 //
@@ -49,9 +49,9 @@ class Server {
   // Every address as bound, HOST:PORT or unix:PATH.
   std::vector<std::string> GetAddresses() const;
 
-  // Serves until SIGTERM or SIGINT comes, then ends every connection. onSignal: called with each signal's number.
-  // Throws osa::Exception when it ended because an event loop failed.
-  void Run(const Signals& signals, const std::function<void(int)>& onSignal);
+  // Serves until SIGTERM or SIGINT comes, then ends every connection. onSignal: called with each signal. Throws
+  // osa::Exception when it ended because an event loop failed.
+  void Run(const Signals& signals, const std::function<void(const Signals::Signal&)>& onSignal);
 
   // Returns once every event loop has come round. From any thread.
   void Probe() TAVIX_EXCLUDES(_probeMutex);

@@ -84,12 +84,13 @@ std::vector<std::string> AddressesIn(const std::string& output) {
 }
 
 // A shell that starts the daemon has its own arguments. A check would tell of the configuration, and changes nothing.
+// What the arguments say of the log's level stands behind, and counts.
 std::vector<std::string> Configured(const std::string& program, std::vector<std::string> arguments) {
   const bool isDaemon = std::filesystem::path(program).filename() == "tavix-settings-server";
   const bool isConfigured = std::any_of(arguments.begin(), arguments.end(), [](const std::string& word) {
     return word.rfind("--config", 0) == 0 || word == "--check";
   });
-  if (isDaemon && !isConfigured) arguments.insert(arguments.begin(), {"--config", "/dev/null"});
+  if (isDaemon && !isConfigured) arguments.insert(arguments.begin(), {"--config", "/dev/null", "--log-level", "warning"});
   return arguments;
 }
 

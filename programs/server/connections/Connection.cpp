@@ -74,6 +74,7 @@ Connection::Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const
     _output->Close();
     throw osa::Exception("%s: Failed to watch it: %s", _peer.c_str(), std::strerror(errno));
   }
+  Log()->Information("%s: connected", _peer.c_str());
 }
 
 // The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
@@ -85,6 +86,7 @@ Connection::~Connection() {
   TellWhyItEnds();
   _output->Close();
   if (_inputEnded) DropInput(_descriptor);
+  Log()->Information("%s: disconnected", _peer.c_str());
 }
 
 bool Connection::IsCut() const {
@@ -173,6 +175,7 @@ auto Connection::HoldingChanges(Work work) {
   const DurabilityGate::Ticket last = DurabilityGate::TakeLastOfThisThread();
   if (last != 0) _output->HoldFromNowOn(last);
   if (const settings::server::RefusedChange* refusal = _handler->GetRefusal()) ReportRefusal(*refusal);
+  ReportChange();
   return result;
 }
 
@@ -255,6 +258,18 @@ void Connection::Unwatch() {
 void Connection::ReportRefusal(const settings::server::RefusedChange& refusal) {
   _counters.Count(refusal.GetReason());
   Log()->Warning("%s: change refused: %s", _peer.c_str(), refusal.what());
+}
+
+void Connection::ReportChange() const {
+  core::LogLevel level = core::kLogInformation;
+  for (const std::string& line : _handler->GetChangeLines()) {
+    if (level == core::kLogInformation) {
+      Log()->Information("%s: %s", _peer.c_str(), line.c_str());
+    } else {
+      Log()->Trace("%s: %s", _peer.c_str(), line.c_str());
+    }
+    level = core::kLogTrace;
+  }
 }
 
 // After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.

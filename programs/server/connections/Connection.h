@@ -128,6 +128,7 @@ class Connection : private SlowLane::IJob {
   bool HandleWhole(std::string_view received, size_t& handled);
   ClientHandler::Attempt HandleOne();
   void ReportRefusal(const settings::server::RefusedChange& refusal);
+  void ReportChange() const;
   void LeaveToLane(std::string_view received, size_t begin, size_t length);
   void Run(const std::function<bool()>& isStopped) noexcept override;
   int GetDoneEvent() const override { return _wakeLoop; }

@@ -35,9 +35,10 @@ Signals::Signals() {
   if (!_descriptor) throw osa::Exception("Failed to watch for signals: %s", std::strerror(errno));
 }
 
-int Signals::Take() const {
+Signals::Signal Signals::Take() const {
   signalfd_siginfo info{};
-  return read(_descriptor.Get(), &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
+  if (read(_descriptor.Get(), &info, sizeof info) != sizeof info) return {};
+  return {static_cast<int>(info.ssi_signo), static_cast<pid_t>(info.ssi_pid), info.ssi_uid};
 }
 
 }  // namespace tavix::daemon

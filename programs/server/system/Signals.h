@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
@@ -17,8 +19,14 @@ class Signals {
 
   int GetDescriptor() const { return _descriptor.Get(); }
 
-  // The next signal's number, 0 when there is none.
-  int Take() const;
+  struct Signal {
+    int number = 0;
+    pid_t process = 0;  // that sent it; 0: the kernel, or one that can't be seen from here
+    uid_t user = 0;     // of that process
+  };
+
+  // The next signal; its number is 0 when there is none.
+  Signal Take() const;
 
  private:
   osa::Descriptor _descriptor;

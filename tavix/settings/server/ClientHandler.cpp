@@ -4,6 +4,7 @@
 #include <istream>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -14,6 +15,7 @@
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/common/DelimitedValues.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeLines.h"
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
 #include "tavix/settings/server/HandlerCounts.h"
 #include "tavix/settings/server/IServerInfo.h"
@@ -53,6 +55,10 @@ unsigned long long Multiply(unsigned long long a, unsigned long long b) {
 
 std::string FormatExcess(const char* what, size_t count, size_t max) {
   return std::to_string(count) + what + " are more than the " + std::to_string(max) + " allowed";
+}
+
+bool IsChangeLogged() {
+  return core::Logger::IsEnabled(core::kLogInformation);
 }
 
 // Thrown by a handler that gives a request up before anything came of it.
@@ -135,6 +141,7 @@ bool ClientHandler::HandleNextInParts(const std::function<bool()>& isStopped) {
 bool ClientHandler::HandleLine() {
   if (_line.capacity() > kKeptMemory) std::string().swap(_line);
   _refusal.reset();
+  _changeLines.clear();
   std::string_view line;
   if (_quit || !TakeLine(line)) return false;
   const std::string_view word = TakeWord(line);
@@ -225,11 +232,21 @@ void ClientHandler::RequireShortNotices(const Groups& changed) const {
 
 // The request was read to its end: the connection is in step whether the store takes the change or not.
 template <class Change>
-void ClientHandler::CarryOut(Change change) {
+bool ClientHandler::CarryOut(Change change) {
   try {
     change();
+    return true;
   } catch (const RefusedChange& refusal) {
     _refusal = refusal;
+    return false;
+  }
+}
+
+void ClientHandler::NoteChange(const char* command, const std::set<std::string>& removed, const IniFile& settings) {
+  if (!IsChangeLogged()) return;
+  try {
+    _changeLines = MakeChangeLines(command, removed, settings, core::Logger::IsEnabled(core::kLogTrace));
+  } catch (const std::bad_alloc&) {  // the change is made, with or without a line in the log
   }
 }
 
@@ -238,7 +255,7 @@ void ClientHandler::Merge(std::string_view args) {
   IniFile settings;
   if (!ReadPayload(settings)) return;
   RequireShortNotices(settings);
-  CarryOut([&] { _settingsManager->MergeSettings(settings, flags); });
+  if (CarryOut([&] { _settingsManager->MergeSettings(settings, flags); })) NoteChange(protocol::kMerge, {}, settings);
 }
 
 void ClientHandler::TestAndMerge(std::string_view) {
@@ -250,6 +267,7 @@ void ClientHandler::TestAndMerge(std::string_view) {
   RequireShortNotices(change);
   bool merged = false;
   CarryOut([&] { merged = _settingsManager->TestAndMerge(condition, change); });
+  if (merged) NoteChange(protocol::kTestAndMerge, {}, change);
   _writer->Reply(nullptr, [&](core::StringOstream& message) {
     message.AppendLine(protocol::kResult);
     message.AppendLine(merged ? protocol::kOk : protocol::kFailure);
@@ -338,7 +356,8 @@ void ClientHandler::Overwrite(std::string_view) {
   if (WasCutOff() || !ReadPayload(settings)) return;
   RequireShortNotices(groups);
   RequireShortNotices(settings);
-  CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); });
+  if (CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); }))
+    NoteChange(protocol::kOverwrite, groups, settings);
 }
 
 void ClientHandler::ChangeSerialization(std::string_view args) {
@@ -352,7 +371,10 @@ void ClientHandler::ChangeSerialization(std::string_view args) {
 void ClientHandler::RestoreDefaults(std::string_view) {
   const GroupNameMatcher matcher = ReadGroupMatcher();
   if (WasCutOff()) return;
-  CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); });
+  if (!CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); }) || !IsChangeLogged()) return;
+  std::set<std::string> groups = matcher.GetNames();
+  groups.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
+  NoteChange(protocol::kRestore, groups, {});
 }
 
 void ClientHandler::Info(std::string_view args) {

@@ -63,6 +63,10 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // there is a reply that can tell.
   const RefusedChange* GetRefusal() const { return _refusal ? &*_refusal : nullptr; }
 
+  // What the last HandleNext changed, for a log: MakeChangeLines. The first line is for the level information, the others
+  // are for trace. None when nothing was changed, or the log has no such lines.
+  const std::vector<std::string>& GetChangeLines() const { return _changeLines; }
+
   // What became of a request that was to be handled only if it is short.
   enum class Attempt {
     kHandled,  // as true from HandleNext
@@ -124,7 +128,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   template <class Groups>
   void RequireShortNotices(const Groups& changed) const;
   template <class Change>
-  void CarryOut(Change change);
+  bool CarryOut(Change change);
+  void NoteChange(const char* command, const std::set<std::string>& removed, const core::IniFile& settings);
   void ShowSubscribed();
   void ShowServer();
   bool HandleLine();
@@ -144,6 +149,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   core::Logger* const _logger;
   bool _quit = false;
   std::optional<RefusedChange> _refusal;  // of the last request
+  std::vector<std::string> _changeLines;  // likewise
   std::istream* const _in;
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;

@@ -48,7 +48,7 @@ std::string LargeSettings() {
 }  // namespace
 
 TEST_F(Signals, Usr1LogsHowOftenEachCommandWasHandledAgainAndAgain) {
-  Daemon daemon(_directory);
+  Daemon daemon(_directory, {"--log-level", "notice"});
   ProtocolClient client(daemon.GetPort());
   for (const char* count : {"1", "2"}) {
     client.AwaitHandled();
@@ -163,7 +163,7 @@ TEST_F(Signals, DuringTheStartAreAnsweredOnceTheDaemonServes) {
   _directory.Write("large.ini", LargeSettings());
   NotifySocket manager;
   const ScopedEnvironment notify("NOTIFY_SOCKET", manager.GetPath().c_str());
-  Daemon daemon(_directory, {"--defaults", "large.ini"});
+  Daemon daemon(_directory, {"--defaults", "large.ini", "--log-level", "notice"});
   manager.Await("STATUS=Loading settings");
   for (const int signal : {SIGHUP, SIGUSR1, SIGHUP, SIGUSR1}) daemon.Signal(signal);
   daemon.AwaitErrors(kReadAgain);
