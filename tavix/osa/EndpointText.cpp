@@ -1,5 +1,7 @@
 #include "tavix/osa/EndpointText.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -23,6 +25,11 @@ std::optional<EndpointText> SplitBracketed(const std::string& text) {
   return parts;
 }
 
+bool IsVersion6(const std::string& host) {
+  in6_addr address{};
+  return inet_pton(AF_INET6, host.c_str(), &address) == 1;
+}
+
 }  // namespace
 
 std::optional<EndpointText> SplitEndpoint(const std::string& text) {
@@ -38,6 +45,16 @@ std::optional<EndpointText> SplitEndpoint(const std::string& text) {
   parts.host = hasPort ? text.substr(0, colon) : text;
   if (hasPort) parts.port = text.substr(colon + 1);
   return parts;
+}
+
+std::string SuggestEndpoint(const std::string& text) {
+  if (text.compare(0, kUnixSize, kUnix) == 0) return "";
+  const size_t colon = text.rfind(':');
+  if (const size_t slash = text.find('/'); slash != std::string::npos)
+    return slash > 0 && text.front() != '.' && colon != std::string::npos ? "no URL: HOST:PORT"
+                                                                          : "a path? unix:" + text;
+  if (colon == std::string::npos || !IsVersion6(text.substr(0, colon)) || !ParsePort(text.substr(colon + 1))) return "";
+  return "a port? [" + text.substr(0, colon) + "]" + text.substr(colon);
 }
 
 bool IsSocketPath(const std::string& path) {

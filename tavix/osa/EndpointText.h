@@ -25,6 +25,9 @@ constexpr size_t kMaxSocketPathBytes = sizeof(sockaddr_un::sun_path) - 1;
 // None for a bracket that is not closed, and for something else than a port behind it.
 TAVIX_DAEMON_EXPORT std::optional<EndpointText> SplitEndpoint(const std::string& text);
 
+// What was probably meant by a text that is no endpoint, for an error text: "a path? unix:/run/x". Empty: nobody knows.
+TAVIX_DAEMON_EXPORT std::string SuggestEndpoint(const std::string& text);
+
 // Whether a unix socket can have that path.
 TAVIX_DAEMON_EXPORT bool IsSocketPath(const std::string& path);
 

@@ -13,6 +13,8 @@ namespace tavix::osa {
 
 namespace {
 
+constexpr char kLoopback[] = "::1:";
+
 ServiceEndpoint UnixEndpoint(const std::string& path, const std::string& text, const std::string& source) {
   if (!IsSocketPath(path)) {
     throw Exception("%s: '%s' is not an endpoint: the path must have 1 to %zu bytes", source.c_str(), text.c_str(),
@@ -32,6 +34,12 @@ std::string VariableNameFor(const std::string& label) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
   });
   return name;
+}
+
+// "::1:7211" is an address as such, of those that were to hold one of version 4: nobody has one of these (RFC 4291,
+// 2.5.5.1).
+bool IsLoopbackWithPort(const std::string& text) {
+  return text.compare(0, sizeof kLoopback - 1, kLoopback) == 0 && ParsePort(text.substr(sizeof kLoopback - 1));
 }
 
 unsigned short RequirePort(const std::string& text, const std::string& whole, const std::string& source) {
@@ -61,9 +69,12 @@ std::string FindInHosts(const char* path, const std::string& label) {
 
 ServiceEndpoint ParseEndpoint(const std::string& text, const std::string& source) {
   const std::optional<EndpointText> parts = SplitEndpoint(text);
+  if (parts && parts->isUnix) return UnixEndpoint(parts->path, text, source);
+  if (text.find('/') != std::string::npos || IsLoopbackWithPort(text)) {
+    throw Exception("%s: '%s' is not an endpoint: %s", source.c_str(), text.c_str(), SuggestEndpoint(text).c_str());
+  }
   if (!parts)
     throw Exception("%s: '%s' is not an endpoint: expected [ADDRESS] or [ADDRESS]:PORT", source.c_str(), text.c_str());
-  if (parts->isUnix) return UnixEndpoint(parts->path, text, source);
   ServiceEndpoint endpoint{parts->host, kDefaultServicePort};
   if (parts->port) endpoint.port = RequirePort(*parts->port, text, source);
   if (endpoint.host.empty()) throw Exception("%s: '%s' is not an endpoint: no host", source.c_str(), text.c_str());

@@ -49,6 +49,22 @@ TEST(EndpointText, EverythingBehindUnixIsThePath) {
   EXPECT_EQ(Split("UNIX:x"), "UNIX|x");
 }
 
+TEST(EndpointText, ThatIsNoneMayHaveMeantAnother) {
+  EXPECT_EQ(SuggestEndpoint("/run/x.sock"), "a path? unix:/run/x.sock");
+  EXPECT_EQ(SuggestEndpoint("/run/a:80"), "a path? unix:/run/a:80");
+  EXPECT_EQ(SuggestEndpoint("./a:80"), "a path? unix:./a:80");
+  EXPECT_EQ(SuggestEndpoint("run/x"), "a path? unix:run/x");
+  for (const char* url : {"http://camera", "http://camera:80/x", "tcp://[::1]:80", "camera:80/x"})
+    EXPECT_EQ(SuggestEndpoint(url), "no URL: HOST:PORT") << url;
+  EXPECT_EQ(SuggestEndpoint("::1:7211"), "a port? [::1]:7211");
+  EXPECT_EQ(SuggestEndpoint("fe80::1:80"), "a port? [fe80::1]:80");
+}
+
+TEST(EndpointText, ThatMeansNothingElseHasNoSuggestion) {
+  for (const char* text : {"", ":", "camera", "camera:http", "::1", "::1:http", "[::1]80", "unix:", "unix:/"})
+    EXPECT_EQ(SuggestEndpoint(text), "") << text;
+}
+
 TEST(EndpointText, PathOfASocketFitsIntoItsAddress) {
   EXPECT_TRUE(IsSocketPath("x"));
   EXPECT_TRUE(IsSocketPath(std::string(kMaxSocketPathBytes, 'x')));

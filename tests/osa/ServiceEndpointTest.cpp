@@ -156,6 +156,7 @@ TEST_F(ServiceEndpoint, AnEndpointIsAHostAndPerhapsAPort) {
       {"host", "host", 7211},         {"host:1", "host", 1},
       {"10.0.0.1", "10.0.0.1", 7211}, {"10.0.0.1:65535", "10.0.0.1", 65535},
       {"::1", "::1", 7211},           {"fe80::2:1", "fe80::2:1", 7211},
+      {"::1:x", "::1:x", 7211},       {"::1:99999", "::1:99999", 7211},
       {"[::1]", "::1", 7211},         {"[::1]:00080", "::1", 80},
       {"[10.0.0.1]:5", "10.0.0.1", 5}};
   for (const auto& [text, host, port] : cases) EXPECT_THAT(ParseEndpoint(text, "--listen"), Is(host, port)) << text;
@@ -177,7 +178,11 @@ TEST_F(ServiceEndpoint, TextThatIsNoEndpointThrowsAndSaysWhy) {
       {"host:99999999999999999999", "the port must be a number from 1 to 65535"},
       {"[::1]:", "the port must be a number from 1 to 65535"},
       {"[::1", "expected [ADDRESS] or [ADDRESS]:PORT"},
-      {"[::1]80", "expected [ADDRESS] or [ADDRESS]:PORT"}};
+      {"[::1]80", "expected [ADDRESS] or [ADDRESS]:PORT"},
+      {"/run/x.sock", "a path? unix:/run/x.sock"},
+      {"http://camera:7211", "no URL: HOST:PORT"},
+      {"http://camera", "no URL: HOST:PORT"},
+      {"::1:7211", "a port? [::1]:7211"}};
   for (const auto& [text, reason] : cases) {
     const std::string whole = "--listen: '" + text + "' is not an endpoint: " + reason;
     const std::string& endpoint = text;

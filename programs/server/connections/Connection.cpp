@@ -84,9 +84,9 @@ Connection::~Connection() {
   if (_isInLane && _lane) _lane->Withdraw(*this);
   _handler.reset();
   TellWhyItEnds();
+  Log()->Information("%s: disconnected", _peer.c_str());
   _output->Close();
   if (_inputEnded) DropInput(_descriptor);
-  Log()->Information("%s: disconnected", _peer.c_str());
 }
 
 bool Connection::IsCut() const {

@@ -8,6 +8,7 @@
 
 #include "programs/server/options/ConfigurationFile.h"
 #include "programs/server/options/MemoryShares.h"
+#include "programs/server/options/OptionValues.h"
 #include "programs/server/system/MemorySize.h"
 #include "tavix/osa/Exception.h"
 
@@ -50,6 +51,22 @@ bool TryValue(const OptionEntry& entry, const std::string& value) {
   }
 }
 
+const OptionEntry& EntryOf(int code) {
+  return code == 'h' ? *FindOption("help") : GetOptionTable()[static_cast<size_t>(code - kFirstCode)];
+}
+
+// What stands behind a flag as a word of its own, if that is "true" or the like; else nothing. The system's reader of
+// options takes it only behind a "=".
+std::string TakeFlag(const OptionEntry& entry, int argc, char** argv) {
+  if (entry.kind != Kind::kFlag || optind >= argc || !*argv[optind]) return "";
+  try {
+    ParseFlag(argv[optind]);
+  } catch (const osa::Exception&) {
+    return "";
+  }
+  return argv[optind++];
+}
+
 // The usual places of drop-ins, for a layer that nobody gave anything.
 void SetUsualPlaces(LayerSources& layer, const char* folder) {
   if (!layer.paths.empty() || !layer.directories.empty()) return;
@@ -84,10 +101,10 @@ Limits FindDefaultLimits() {
 bool ParseCommandLine(int argc, char** argv, std::vector<GivenOption>& given) {
   const std::vector<option> known = MakeSystemTable();
   optind = 1;
-  for (int code = 0; (code = getopt_long(argc, argv, "", known.data(), nullptr)) != -1;) {
-    if (code < kFirstCode) return UsageError();
-    const OptionEntry& entry = GetOptionTable()[static_cast<size_t>(code - kFirstCode)];
-    given.push_back({&entry, optarg ? optarg : ""});
+  for (int code = 0; (code = getopt_long(argc, argv, "h", known.data(), nullptr)) != -1;) {
+    if (code < kFirstCode && code != 'h') return UsageError();
+    const OptionEntry& entry = EntryOf(code);
+    given.push_back({&entry, optarg ? optarg : TakeFlag(entry, argc, argv)});
     if (!TryValue(entry, given.back().value)) return UsageError();
   }
   if (optind == argc) return true;

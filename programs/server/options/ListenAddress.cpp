@@ -14,8 +14,11 @@ ListenAddress ParseListenAddress(const std::string& text) {
       throw osa::Exception("expected unix: and a path of at most %zu bytes", osa::kMaxSocketPathBytes);
     return {text, "", "", parts->path};
   }
-  if (!parts || parts->host.empty() || !parts->port || !osa::ParsePort(*parts->port))
-    throw osa::Exception("expected HOST:PORT, [V6]:PORT or unix:PATH");
+  const bool isAddress = parts && !parts->host.empty() && parts->host.find('/') == std::string::npos;
+  if (!isAddress || !parts->port || !osa::ParsePort(*parts->port)) {
+    const std::string hint = osa::SuggestEndpoint(text);
+    throw osa::Exception("expected HOST:PORT, [V6]:PORT or unix:PATH%s%s", hint.empty() ? "" : "; ", hint.c_str());
+  }
   return {text, parts->host, *parts->port, ""};
 }
 

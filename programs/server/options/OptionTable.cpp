@@ -94,7 +94,7 @@ std::vector<OptionEntry> MakeTable() {
        SetConfiguration},
       {"", "check", "", Kind::kCommand, false, "load everything, say what was loaded and what is wrong, serve nothing",
        Do(Action::kCheck)},
-      {"", "help", "", Kind::kCommand, false, "show this text", Do(Action::kShowHelp)},
+      {"", "help", "", Kind::kCommand, false, "show this text, as -h does", Do(Action::kShowHelp)},
       {"", "version", "", Kind::kCommand, false, "show the version", Do(Action::kShowVersion)},
 
       {"Serving", "listen", "ADDRESS", Kind::kList, true,

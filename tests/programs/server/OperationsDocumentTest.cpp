@@ -80,6 +80,21 @@ TEST(OperationsDocument, ItAndTheManualPageNameEveryOption) {
   }
 }
 
+// In one table.
+TEST(OperationsDocument, HasEveryExitStatusOfBothPrograms) {
+  const std::string document = ReadDocument("operations.md");
+  const size_t begin = document.find("### Exit status");
+  const std::string section = document.substr(begin, document.find("## Starting", begin) - begin);
+  for (const char* header : {"../programs/server/ExitCode.h", "../programs/common/client/Failure.h"}) {
+    const std::string text = ReadDocument(header);
+    const std::regex status("kExit[A-Za-z]+ = ([0-9]+),");
+    size_t count = 0;
+    for (std::sregex_iterator found(text.begin(), text.end(), status), end; found != end; ++found, ++count)
+      EXPECT_THAT(section, HasSubstr("| " + (*found)[1].str() + " |")) << header;
+    EXPECT_GT(count, 5U) << header;
+  }
+}
+
 TEST(OperationsDocument, ManualPageOfConceptsNamesEveryRequest) {
   const std::string page = ReadDocument("man/tavix-settings.7.scd");
   for (const char* request : {"get delimited", "merge", "nopersist", "test-and-merge", "overwrite", "restore",

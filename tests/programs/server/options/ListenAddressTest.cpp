@@ -1,8 +1,11 @@
 #include "programs/server/options/ListenAddress.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tavix/osa/Exception.h"
 
@@ -32,6 +35,20 @@ TEST(ListenAddress, IsThePathOfAUnixSocket) {
 TEST(ListenAddress, WithoutAPortIsNone) {
   for (const char* text : {"", "camera", "::1", "::1:80", "[::1]", "[::1]80", "[]:80", ":80", "camera:", "camera:http"})
     EXPECT_THROW(Parse(text), osa::Exception) << text;
+}
+
+TEST(ListenAddress, ThatIsNoneSaysWhatWasExpectedAndWhatWasPerhapsMeant) {
+  const std::string expected = "expected HOST:PORT, [V6]:PORT or unix:PATH";
+  const std::vector<std::pair<std::string, std::string>> cases = {{"camera", ""},
+                                                                  {"/run/x.sock", "; a path? unix:/run/x.sock"},
+                                                                  {"/run/x:80", "; a path? unix:/run/x:80"},
+                                                                  {"http://camera:7211", "; no URL: HOST:PORT"},
+                                                                  {"http://camera", "; no URL: HOST:PORT"},
+                                                                  {"::1:7211", "; a port? [::1]:7211"}};
+  for (const auto& [text, hint] : cases) {
+    const std::string& address = text;
+    EXPECT_THAT([&] { Parse(address); }, testing::ThrowsMessage<osa::Exception>(expected + hint));
+  }
 }
 
 TEST(ListenAddress, WithAPathThatNoSocketCanHaveIsNone) {

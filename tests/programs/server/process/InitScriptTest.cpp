@@ -152,7 +152,7 @@ TEST_P(InitScript, DaemonOfAnotherUserHasPlacesForItsSocketSettingsAndMetrics) {
   const ScopedEnvironment user("DAEMON_USER", getuid() == 0 ? "nobody" : getpwuid(getuid())->pw_name);
   const std::string words = "--listen unix:" + _directory.Path("run/s.sock") + " --user-settings " +
                             _directory.Path("state/user.ini") + " --metrics-file " +
-                            _directory.Path("run/metrics/m.prom");
+                            _directory.Path("run/metrics/m.prom") + " --log-level warning";
   const ScopedEnvironment arguments("DAEMON_ARGS", words.c_str());
   ASSERT_EQ(chmod(_directory.GetPath().c_str(), 0755), 0);
   EXPECT_EQ(Run("start"), 0) << _output;

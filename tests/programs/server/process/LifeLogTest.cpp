@@ -114,6 +114,7 @@ TEST_F(LifeLog, HasConnectionsAndChangesAtTheLevelInformationWithoutValues) {
     ProtocolClient client("unix:" + _directory.Path("s"));
     client.Send("merge\n[A]\nx=1\ny=2\n[Secure/B]\nk=hidden\n.\ntest-and-merge\n[A]\nx=2\n.\n[A]\nx=3\n.\n");
     client.Send("test-and-merge\n[A]\nx=1\n.\n[A]\nx=3\n.\noverwrite\nA\nB*\n.\n[C]\nz=1\n.\nrestore\nC\n.\n");
+    EXPECT_EQ(client.ReadUntil("ok\n"), "result\nfailure\nresult\nok\n");
     client.AwaitHandled();
   }
   daemon.AwaitErrors(peer + "disconnected\n");

@@ -61,6 +61,13 @@ TEST(Options, HelpNamesEveryOptionAndExitStatusOnStandardOutput) {
   for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80u) << line;
 }
 
+TEST(Options, HelpHasAShortName) {
+  const Outcome outcome = RunToEnd({"-h"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_EQ(outcome.output, RunToEnd({"--help"}).output);
+}
+
 TEST(Options, VersionIsOneLineOnStandardOutput) {
   const Outcome outcome = RunToEnd({"--version"});
   EXPECT_EQ(outcome.status, 0);
@@ -97,7 +104,9 @@ TEST(Options, ListenAddressThatIsNoneEndsWithStatus64) {
       {"127.0.0.1:x", expected},
       {"127.0.0.1:65536", expected},
       {"127.0.0.1:-1", expected},
-      {"::1:7211", expected},
+      {"::1:7211", expected + "; a port? [::1]:7211"},
+      {"/run/x.sock", expected + "; a path? unix:/run/x.sock"},
+      {"http://camera:7211", expected + "; no URL: HOST:PORT"},
       {"[::1]", expected},
       {"unix:", expectedPath},
       {"unix:/" + std::string(107, 'x'), expectedPath},
@@ -146,6 +155,17 @@ TEST(Options, FlagMayBeSwitchedOffAndTakesNothingElse) {
   const Outcome wrong = RunToEnd({"--allow-remote=perhaps"});
   EXPECT_EQ(wrong.status, 64);
   EXPECT_THAT(wrong.errors, StartsWith("tavix-settings-server: --allow-remote 'perhaps': expected true or false\n"));
+}
+
+TEST(Options, FlagMayHaveItsValueAsAWordOfItsOwn) {
+  const Outcome off = RunToEnd({"--allow-remote", "--allow-remote", "no", "--listen", "0.0.0.0:0"});
+  EXPECT_EQ(off.status, 69);
+  EXPECT_THAT(off.errors, HasSubstr("it is not loopback, and --allow-remote was not given\n"));
+  for (const char* word : {"perhaps", ""}) {
+    const Outcome wrong = RunToEnd({"--log-stderr", word});
+    EXPECT_EQ(wrong.status, 64);
+    EXPECT_THAT(wrong.errors, StartsWith("tavix-settings-server: unexpected argument '" + std::string(word) + "'\n"));
+  }
 }
 
 TEST(Options, AddressThatIsNotLoopbackEndsWithStatus69UnlessThatIsAllowed) {

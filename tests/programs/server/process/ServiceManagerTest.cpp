@@ -313,7 +313,8 @@ TEST_F(ServiceManager, PassedSocketThatIsNotLoopbackNeedsToBeAllowed) {
   const std::string number = std::to_string(remote.Get());  // of any length, which not every shell takes
   const auto run = [&](const std::string& options) {
     return std::vector<std::string>{
-        "-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null " + options + " 3<&" + number,
+        "-c",
+        "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null --log-level warning " + options + " 3<&" + number,
         ServerProgram()};
   };
   DaemonProcess refused("/bin/bash", _directory.GetPath(), run(""));
@@ -334,7 +335,8 @@ TEST_F(ServiceManager, SocketsOfAnotherProcessAreNotTaken) {
 TEST_F(ServiceManager, PassedDescriptorThatIsNoListeningSocketEndsWithStatus69) {
   DaemonProcess daemon(
       "/bin/sh", _directory.GetPath(),
-      {"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null 3</dev/null", ServerProgram()});
+      {"-c", "LISTEN_FDS=1 LISTEN_PID=$$ exec \"$0\" --config /dev/null --log-level warning 3</dev/null",
+       ServerProgram()});
   EXPECT_EQ(daemon.AwaitEnd(), 69);
   EXPECT_EQ(daemon.GetErrors(),
             "tavix-settings-server: Descriptor 3, which the service manager passed, is no listening stream socket\n");
@@ -359,7 +361,7 @@ TEST(Journal, FailedStartIsAnErrorInTheJournal) {
                        {"-c", "JOURNAL_STREAM=$(stat -L -c %d:%i /proc/self/fd/2) exec \"$0\" \"$@\"", ServerProgram(),
                         "--config", "/dev/null", "--defaults", "gone.ini", "--listen", "127.0.0.1:0"});
   EXPECT_EQ(daemon.AwaitEnd(), 78);
-  EXPECT_THAT(daemon.GetErrors(), StartsWith("<3>tavix-settings-server: Failed to open settings file 'gone.ini'"));
+  EXPECT_THAT(daemon.GetErrors(), HasSubstr("\n<3>tavix-settings-server: Failed to open settings file 'gone.ini'"));
 }
 
 TEST(Journal, LinesAreAsUsualWhenStandardErrorIsSomethingElse) {
