@@ -118,6 +118,7 @@ bool ClientHandler::HandleNext() {
 ClientHandler::Attempt ClientHandler::HandleNextIfShort() {
   auto& view = static_cast<core::ViewIstream&>(*_in);
   const std::string_view request = view.GetRest();
+  ForgetOutcome();
   if (IsLong(request)) return Attempt::kTooLong;
   _maxWork = kShortWork;
   _pIsStopped = nullptr;
@@ -140,14 +141,18 @@ bool ClientHandler::HandleNextInParts(const std::function<bool()>& isStopped) {
 
 bool ClientHandler::HandleLine() {
   if (_line.capacity() > kKeptMemory) std::string().swap(_line);
-  _refusal.reset();
-  _changeLines.clear();
+  ForgetOutcome();
   std::string_view line;
   if (_quit || !TakeLine(line)) return false;
   const std::string_view word = TakeWord(line);
   if (!word.empty() && word != protocol::kTerminator)
     MsgDispatcher::Get().Dispatch(*this, word, line, _isSecondAttempt);
   return true;
+}
+
+void ClientHandler::ForgetOutcome() {
+  _refusal.reset();
+  _changeLines.clear();
 }
 
 bool ClientHandler::TakeLine(std::string_view& line) {

@@ -133,6 +133,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void ShowSubscribed();
   void ShowServer();
   bool HandleLine();
+  void ForgetOutcome();
   void DumpInParts(bool all);
   void GetInParts(const common::GroupNameMatcher& matcher, bool delimited);
   void WriteGroups(std::ostream& message, const common::GroupNameMatcher& matcher) const;

@@ -111,6 +111,14 @@ TEST_F(LongRequest, ThatManyAreToBeToldOfIsLeftAloneByAThreadThatOthersWaitFor) 
   for (RecordingCallback& callback : subscribers) _served.store.Unsubscribe(&callback);
 }
 
+TEST_F(LongRequest, ThatIsLeftAloneHasNoOutcomeOfTheRequestBefore) {
+  _served.store.SetMaxBytes(1);
+  EXPECT_EQ(Try("merge\n[A]\nx=1\n.\n"), Attempt::kHandled);
+  EXPECT_NE(_handler.GetRefusal(), nullptr);
+  EXPECT_EQ(Try("dump\n"), Attempt::kTooLong);
+  EXPECT_EQ(_handler.GetRefusal(), nullptr);
+}
+
 TEST_F(LongRequest, InPartsHasTheSameReply) {
   for (const std::string request : {"get delimited\n*\n.\n", "get delimited\n*7\nG1\n.\n", "get\nG*\n.\n", "dump\n",
                                     "dump all\n", "get delimited\n.\n", "info subscribed\n"}) {

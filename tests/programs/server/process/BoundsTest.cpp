@@ -57,7 +57,7 @@ TEST(Bounds, ChangeThatTheStoreHasNoRoomForIsNotMadeAndTheClientStays) {
   ProtocolClient client(daemon.GetPort());
   const std::string large = "[Large]\nk=" + std::string(100'000, 'v') + "\n.\n";
   client.Send("merge\n" + large + "merge nopersist\n" + large + "overwrite\nA\n.\n" + large);
-  client.Send("test-and-merge\n.\n" + large);
+  client.Send("test-and-merge\n.\n[Large]\nk=" + std::string(120'000, 'v') + "\n.\n");  // the log counts equal lines
   EXPECT_EQ(client.ReadUntil("failure\n"), "result\nfailure\n");
   client.Send("merge\n[A]\nx=1\n.\n");
   EXPECT_EQ(client.Get("*\n"), "data\n[A]\nx=1\n.\n");
