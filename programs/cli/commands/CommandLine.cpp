@@ -20,7 +20,7 @@ group or a '*' pattern; '-' as a value is standard input.
 
 Exit status: 0 done; 1 the answer is no; 2 usage; 3 no server, or it was lost or
 silent; 4 a condition failed; 5 refused; 6 input does not parse; 7 not applied;
-130 interrupted.
+9 not kept; 130 interrupted.
 
   tavix-settings show 'Network/*'
   tavix-settings set '[Network/Hostname]name=camera-7'

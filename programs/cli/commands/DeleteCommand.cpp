@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
@@ -59,7 +60,7 @@ int Delete(Context& context, const Options& options) {
   RefusePatterns(names);
   if (HasPattern(groups) && !options.isConfirmed) Confirm("a pattern", "delete " + Count(names.size(), "group"), names);
   Replace(session, names, IniFile());
-  context.GetConsole().Say("done: " + Count(names.size(), "group") + " deleted");
+  ReportDone(context, "deleted", Count(names.size(), "group") + " deleted");
   return kExitDone;
 }
 

@@ -9,6 +9,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/ReplaceFile.h"
 #include "programs/cli/terminal/ChildProcess.h"
 #include "programs/cli/terminal/Documents.h"
@@ -197,7 +198,11 @@ int Edit(Context& context, const Options& options) {
     }
   }
   file.Remove();
-  console.Say(changes.empty() ? "no changes" : options.isDryRun ? "nothing was written" : "done");
+  if (!changes.empty() && !options.isDryRun) {
+    ReportDone(context, "set", "");
+  } else {
+    console.Say(changes.empty() ? "no changes" : "nothing was written");
+  }
   return kExitDone;
 }
 

@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
@@ -87,7 +88,11 @@ int RunImport(Context& context, const Options& options) {
   const Import::Result result = ImportConfirmed(context, options, backup, file.name);
   Console& console = context.GetConsole();
   console.ClearProgress();
-  console.Say(result.changes.empty() ? "done: no differences" : "done: " + Count(result.changes.size(), "difference"));
+  if (result.changes.empty()) {
+    console.Say("done: no differences");
+  } else {
+    ReportDone(context, "imported", Count(result.changes.size(), "difference"));
+  }
   if (result.copies > 0)
     console.Say("kept as user settings, which the backup lacks: " + Count(result.copies, "setting") +
                 ", at the defaults");

@@ -4,6 +4,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
@@ -91,7 +92,7 @@ int SetLevel(Context& context, const Options& options) {
   IniFile settings;
   settings.SetInt(options.group, kKey, level);
   Merge(context.GetSession(), settings, false);
-  context.GetConsole().Say("done: " + SpellName(options.group) + " " + Describe(std::to_string(level)));
+  ReportDone(context, "set", SpellName(options.group) + " " + Describe(std::to_string(level)));
   return kExitDone;
 }
 

@@ -1,12 +1,21 @@
 #include "programs/cli/commands/Reports.h"
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
 
 namespace tavix::programs::cli {
 
 int ReportMissing(Context& context, const MissingGroups& missing) {
   for (const std::string& group : missing.Get()) Console::Warn(DescribeMissingGroup(context.GetSession(), group));
   return missing.Get().empty() ? kExitDone : kExitNo;
+}
+
+void ReportDone(Context& context, const std::string& verb, const std::string& count) {
+  const Keeping keeping = FindKeeping(context.GetSession());
+  if (!keeping.failure.empty()) throw Failure(kExitNotKept, verb + ", but not kept: " + SpellValue(keeping.failure));
+  const std::string done = keeping.endsWithServer ? "done, until the server ends" : "done";
+  context.GetConsole().Say(count.empty() ? done : done + ": " + count);
 }
 
 }  // namespace tavix::programs::cli

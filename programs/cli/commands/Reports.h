@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "programs/cli/commands/Context.h"
 #include "programs/cli/session/Missing.h"
 
@@ -8,5 +10,9 @@ namespace tavix::programs::cli {
 
 // Warns of each name and pattern that no group matches. Returns kExitNo if there is one, kExitDone otherwise.
 int ReportMissing(Context& context, const MissingGroups& missing);
+
+// Reports that the store holds a change, "done: 1 setting", and whether it lasts only until the server ends. verb: what
+// was done, "set". count: may be empty. Throws Failure, kExitNotKept, when the server can't keep it at the moment.
+void ReportDone(Context& context, const std::string& verb, const std::string& count);
 
 }  // namespace tavix::programs::cli

@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
@@ -67,7 +68,8 @@ int Reset(Context& context, const Options& options) {
   PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
   std::set<std::string> names = NamesOf(before);
   names.merge(NamesOf(after));
-  console.Say("done: " + Count(names.size(), "group") + " at " + (names.size() == 1 ? "its" : "their") + " defaults");
+  ReportDone(context, "reset",
+             Count(names.size(), "group") + " at " + (names.size() == 1 ? "its" : "their") + " defaults");
   return kExitDone;
 }
 

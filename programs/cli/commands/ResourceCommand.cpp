@@ -4,6 +4,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/Bookings.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
@@ -134,8 +135,8 @@ int Reserve(Context& context, const Options& options) {
                   "'" + SpellValue(options.amount) + "' of " + SpellName(options.resource) + " does not fit for " +
                       SpellName(options.consumer),
                   "'tavix-settings resource show " + SpellName(options.resource) + "' tells who has what");
-  context.GetConsole().Say("done: " + SpellName(options.consumer) + " has " + std::to_string(*booked) + " of " +
-                           SpellName(options.resource));
+  ReportDone(context, "booked",
+             SpellName(options.consumer) + " has " + std::to_string(*booked) + " of " + SpellName(options.resource));
   return kExitDone;
 }
 

@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
 #include "programs/cli/text/Assignments.h"
@@ -53,7 +54,12 @@ int Set(Context& context, const Options& options) {
   } else {
     MergeIf(context.GetSession(), condition, settings);
   }
-  context.GetConsole().Say("done: " + Count(CountSettings(settings), "setting"));
+  const std::string count = Count(CountSettings(settings), "setting");
+  if (options.isVolatile) {
+    context.GetConsole().Say("done: " + count);
+  } else {
+    ReportDone(context, "set", count);
+  }
   return kExitDone;
 }
 

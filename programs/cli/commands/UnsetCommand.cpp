@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
@@ -59,7 +60,7 @@ int Unset(Context& context, const Options& options) {
     Replace(session, names, groups.after);
     count = CountSettings(groups.before) - CountSettings(groups.after);
   });
-  context.GetConsole().Say("done: " + Count(count, "setting") + " unset");
+  ReportDone(context, "unset", Count(count, "setting") + " unset");
   return kExitDone;
 }
 

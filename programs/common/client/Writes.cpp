@@ -144,6 +144,16 @@ void RequireUnchanged(Session& session, const std::set<std::string>& groups, con
   }
 }
 
+Keeping FindKeeping(Session& session) {
+  const std::map<std::string, std::string> figures = session.GetServerInfo();
+  Keeping keeping;
+  const auto kept = figures.find("kept");
+  keeping.endsWithServer = kept != figures.end() && kept->second == "false";
+  const auto failure = figures.find("failure");
+  if (failure != figures.end()) keeping.failure = failure->second;
+  return keeping;
+}
+
 void Replace(Session& session, const std::set<std::string>& groups, const IniFile& settings) {
   std::set<std::string> touched = NamesOf(settings);
   touched.insert(groups.begin(), groups.end());

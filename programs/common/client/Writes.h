@@ -36,6 +36,15 @@ void RequireHolds(const core::IniFile& current, const core::IniFile& condition);
 // Throws Failure, kExitConditionFailed, that names what differs, when these groups are not as they were.
 void RequireUnchanged(Session& session, const std::set<std::string>& groups, const core::IniFile& before);
 
+// What becomes of changes that the store holds.
+struct Keeping {
+  bool endsWithServer = false;  // the server keeps nothing
+  std::string failure;          // why changes are not kept at the moment; empty: they are, as far as is known
+};
+
+// Asks behind a change that was read back. A server that is older than the question leaves it open.
+Keeping FindKeeping(Session& session);
+
 // Replaces exactly these groups: those that "settings" lacks go.
 void Replace(Session& session, const std::set<std::string>& groups, const core::IniFile& settings);
 

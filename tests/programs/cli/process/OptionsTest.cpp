@@ -24,13 +24,17 @@ constexpr char kHint[] =
 
 class GlobalOptions : public CommandTest {};
 
-// A server of one connection that answers what it is told to.
+// A server of one connection that answers what it is told to, once something is read.
 class OneAnswer {
  public:
   explicit OneAnswer(std::string answer)
       : _thread([this, answer = std::move(answer)] {
           const osa::Descriptor peer = _listener.Accept();
-          ReceiveOnce(peer);
+          std::string received = ReceiveOnce(peer);
+          while (!received.empty() && received.find("get delimited\n") == std::string::npos) {
+            const std::string part = ReceiveOnce(peer);
+            received = part.empty() ? part : received + part;
+          }
           Send(peer, answer);
         }) {}
   ~OneAnswer() { _thread.join(); }
