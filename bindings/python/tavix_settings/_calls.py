@@ -1,0 +1,191 @@
+"""What a store can be asked for, each as one Call: the bytes to send, the replies that are due, and what they mean.
+
+Both stores send Calls and add nothing to their meaning. No state, any thread.
+"""
+
+from __future__ import annotations
+
+from typing import Callable, Dict, Generic, List, Optional, Sequence, Tuple, TypeVar, Union, cast
+
+from . import _protocol as protocol
+from ._errors import ConditionFailedError, RefusedError
+from ._names import (
+    AnyDocument,
+    AnyKeys,
+    AnyValues,
+    Name,
+    Names,
+    decode_document,
+    is_restricted,
+    to_bytes,
+    to_document,
+    to_keys,
+    to_name,
+    to_names,
+    to_text,
+    to_values,
+)
+from ._protocol import Form
+from ._text import RawDocument
+
+T = TypeVar("T")
+Replies = Sequence[object]
+Groups = Dict[str, Dict[str, str]]
+RawGroups = RawDocument
+
+AMEND = b"amend"
+_REASON = b"reason="
+
+
+class Missing:
+    """The default that is no default."""
+
+
+MISSING = Missing()
+
+
+class Call(Generic[T]):
+    """Requests that are sent in one go, over one connection.
+
+    is_write: sent once at most. feature: what the daemon has to know for this, None for what all know.
+    finish:   makes the result of the replies, or throws what they say.
+    """
+
+    __slots__ = ("request", "forms", "finish", "is_write", "feature")
+
+    def __init__(
+        self,
+        request: bytes,
+        forms: Tuple[Form, ...],
+        finish: Callable[[Replies], T],
+        is_write: bool = False,
+        feature: Optional[bytes] = None,
+    ) -> None:
+        self.request = request
+        self.forms = forms
+        self.finish = finish
+        self.is_write = is_write
+        self.feature = feature
+
+
+_DATA = (Form.DATA,)
+_RESULT = (Form.RESULT,)
+
+
+def _ignore(_: Replies) -> None:
+    return None
+
+
+def _document(reply: object) -> RawDocument:
+    return cast(RawDocument, reply)
+
+
+def get(group: Name, key: Name, default: object, raw: bool) -> Call[object]:
+    name, raw_key = to_name(group), to_bytes(key, f"a key of group {group!r}")
+
+    def finish(replies: Replies) -> object:
+        value = _document(replies[0]).get(name, {}).get(raw_key)
+        if value is not None:
+            return value if raw else to_text(value)
+        if default is MISSING:
+            raise KeyError(f"[{to_text(name)}]{to_text(raw_key)}")
+        return default
+
+    return Call(protocol.get_request([name]), _DATA, finish)
+
+
+def groups(patterns: Names, raw: bool) -> Call[Union[Groups, RawGroups]]:
+    def finish(replies: Replies) -> Union[Groups, RawGroups]:
+        return _document(replies[0]) if raw else decode_document(_document(replies[0]))
+
+    return Call(protocol.get_request(to_names(patterns)), _DATA, finish)
+
+
+def set_values(group: Name, values: AnyValues, expect: Optional[AnyValues]) -> Call[None]:
+    """The group is read behind the change: its reply proves that the change was carried out or refused."""
+    name = to_name(group)
+    change = {name: to_values(group, values)}
+    if is_restricted(name):
+        raise RefusedError(f"group {group!r} is restricted: only the device's own files set it")
+    behind = protocol.info_request(b"refused") + protocol.get_request([name])
+    forms_behind = (Form.INFO, Form.DATA)
+    if expect is None:
+        request = protocol.merge_request(change, persist=True)
+        return Call(request + behind, forms_behind, _require_not_refused, is_write=True)
+
+    def finish(replies: Replies) -> None:
+        if not replies[0]:
+            _raise_failed(to_text(name), replies[1])
+
+    request = protocol.test_and_merge_request({name: to_values(group, expect)}, change)
+    return Call(request + behind, _RESULT + forms_behind, finish, is_write=True)
+
+
+def merge(document: AnyDocument, persist: bool) -> Call[None]:
+    return Call(protocol.merge_request(to_document(document), persist), (), _ignore, is_write=True)
+
+
+def test_and_merge(test: AnyDocument, change: AnyDocument) -> Call[bool]:
+    request = protocol.test_and_merge_request(to_document(test), to_document(change))
+    return Call(request, _RESULT, lambda replies: bool(replies[0]), is_write=True)
+
+
+def amend(
+    present: Optional[AnyDocument],
+    absent: Optional[AnyKeys],
+    set: Optional[AnyDocument],
+    unset: Optional[AnyKeys],
+    replace: Optional[AnyDocument],
+) -> Call[bool]:
+    parts = [to_document(present), to_keys(absent), to_document(set), to_keys(unset), to_document(replace)]
+    request = protocol.amend_request(parts)
+    return Call(request, _RESULT, lambda replies: bool(replies[0]), is_write=True, feature=AMEND)
+
+
+def overwrite(names: Names, document: Optional[AnyDocument]) -> Call[None]:
+    return Call(protocol.overwrite_request(to_names(names), to_document(document)), (), _ignore, is_write=True)
+
+
+def restore(names: Names) -> Call[None]:
+    return Call(protocol.restore_request(to_names(names)), (), _ignore, is_write=True)
+
+
+def flush() -> Call[None]:
+    return Call(protocol.EMPTY_GET_REQUEST, _DATA, _ignore)
+
+
+def dump(raw: bool) -> Call[Union[str, bytes]]:
+    def finish(replies: Replies) -> Union[str, bytes]:
+        text = cast(bytes, replies[0])
+        return text if raw else to_text(text)
+
+    return Call(protocol.DUMP_REQUEST, (Form.TEXT,), finish)
+
+
+def features() -> Call[frozenset[bytes]]:
+    """The first words of what the daemon says that it has; an older one says nothing."""
+
+    def finish(replies: Replies) -> frozenset[bytes]:
+        lines = cast(Optional[Tuple[bytes, ...]], replies[0]) or ()
+        return frozenset(line.split(b" ")[0] for line in lines)
+
+    return Call(protocol.info_request(b"features") + protocol.EMPTY_GET_REQUEST, (Form.INFO, Form.DATA), finish)
+
+
+def _find_reason(reply: object) -> Optional[str]:
+    lines = cast(Optional[Tuple[bytes, ...]], reply) or ()
+    reasons: List[bytes] = [line[len(_REASON) :] for line in lines if line.startswith(_REASON)]
+    return to_text(reasons[0]) if reasons else None
+
+
+def _require_not_refused(replies: Replies) -> None:
+    reason = _find_reason(replies[0])
+    if reason is not None:
+        raise RefusedError(f"the daemon has refused the change: {reason}")
+
+
+def _raise_failed(group: str, reply: object) -> None:
+    reason = _find_reason(reply)
+    if reason is not None and "condition" not in reason:
+        raise RefusedError(f"the daemon has refused the change: {reason}")
+    raise ConditionFailedError(f"condition failed: group {group!r} holds something else")

@@ -1,0 +1,97 @@
+"""Settings text (docs/settings-text.md), as bytes.
+
+Documents are dictionaries of groups, each a dictionary of keys with values, all of them bytes. No state, any thread.
+"""
+
+from __future__ import annotations
+
+import re
+from typing import Dict, Iterable, Match
+
+from ._errors import ParseError
+
+RawGroup = Dict[bytes, bytes]
+RawDocument = Dict[bytes, RawGroup]
+
+_BLANKS = b" \t"
+_BYTE_ORDER_MARK = b"\xef\xbb\xbf"
+_MAX_SHOWN = 80
+
+_escape = re.compile(rb"\\(?:([\\nrts])|x([0-9A-Fa-f]{2}))")
+_unescaped = {b"\\": b"\\", b"n": b"\n", b"r": b"\r", b"t": b"\t", b"s": b" "}
+_key_before_equals = re.compile(rb"([^\\=]*(?:\\.[^\\=]*)*)=", re.DOTALL)
+
+_named_escapes = {b"\\": b"\\\\", b"\n": b"\\n", b"\r": b"\\r", b"\t": b"\\t"}
+_special_of_values = re.compile(rb"[\x00-\x1f\x7f\\]|^ | \Z")
+_special_of_names = re.compile(rb"[\x00-\x1f\x7f\\\]]")
+_special_of_keys = re.compile(rb"[\x00-\x1f\x7f\\=]|^[ \[#;]| \Z")
+
+
+def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
+    """Reads a whole text. Throws ParseError, which names source and line and counts from first_line on."""
+    document: RawDocument = {}
+    group = None
+    if text.startswith(_BYTE_ORDER_MARK):
+        text = text[len(_BYTE_ORDER_MARK) :]
+    for number, whole in enumerate(text.split(b"\n"), first_line):
+        line = (whole[:-1] if whole.endswith(b"\r") else whole).strip(_BLANKS)
+        if not line or line[0] in b"#;":
+            continue
+        if line[0] == ord("["):
+            if not line.endswith(b"]"):
+                raise ParseError(source, number, f'expected "[group]" or "key=value", found "{_show(line)}"')
+            group = document.setdefault(_unescape(line[1:-1]), {})
+            continue
+        key, separator, value = line.partition(b"=") if b"\\" not in line else _split_escaped(line)
+        if not separator:
+            raise ParseError(source, number, f'expected "[group]" or "key=value", found "{_show(line)}"')
+        if group is None:
+            raise ParseError(source, number, f'expected "[group]" before the first "key=value", found "{_show(line)}"')
+        group[_unescape(key.rstrip(_BLANKS))] = _unescape(value.lstrip(_BLANKS))
+    return document
+
+
+def format_text(document: RawDocument) -> bytes:
+    """The canonical text, which every document survives. No line of it is a single dot."""
+    lines = []
+    for name in sorted(document):
+        lines.append(b"[%b]\n" % _special_of_names.sub(_escape_match, name))
+        group = document[name]
+        for key in sorted(group):
+            value = _special_of_values.sub(_escape_blank_or_byte, group[key])
+            lines.append(b"%b=%b\n" % (_special_of_keys.sub(_escape_blank_or_byte, key), value))
+    return b"".join(lines)
+
+
+def longest_line(lines: Iterable[bytes]) -> int:
+    """In bytes, 0 where there is none."""
+    return max(map(len, lines), default=0)
+
+
+def _split_escaped(line: bytes) -> tuple[bytes, bytes, bytes]:
+    # A "=" behind a backslash does not end the key, whether the two are an escape or not.
+    found = _key_before_equals.match(line)
+    return (found.group(1), b"=", line[found.end() :]) if found else (line, b"", b"")
+
+
+def _unescape(text: bytes) -> bytes:
+    return _escape.sub(_unescape_match, text) if b"\\" in text else text
+
+
+def _unescape_match(found: Match[bytes]) -> bytes:
+    named = found.group(1)
+    return _unescaped[named] if named else bytes((int(found.group(2), 16),))
+
+
+def _escape_match(found: Match[bytes]) -> bytes:
+    byte = found.group()
+    return _named_escapes.get(byte) or b"\\x%02x" % ord(byte)
+
+
+def _escape_blank_or_byte(found: Match[bytes]) -> bytes:
+    return b"\\s" if found.group() == b" " else _escape_match(found)
+
+
+def _show(line: bytes) -> str:
+    shown = line[:_MAX_SHOWN].decode("utf-8", "backslashreplace") + ("..." if len(line) > _MAX_SHOWN else "")
+    return "".join(f"\\x{ord(c):02x}" if ord(c) < 0x20 or ord(c) == 0x7F else c for c in shown)

@@ -1,0 +1,108 @@
+"""Other ends of a connection: a script, and a daemon in memory behind a socket."""
+
+import contextlib
+import socket
+import threading
+
+from conftest import PATIENCE
+
+from tavix_settings.testing._daemon import FakeDaemon
+
+
+class Peer:
+    """Listens on a port of loopback and runs serve(connection, number) for one connection after the other, each in a
+    thread of its own. What a script raises fails the test at the end."""
+
+    def __init__(self, serve):
+        self._serve = serve
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._threads = []
+        self._connections = []
+        self._errors = []
+        self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
+
+    def __enter__(self):
+        self._acceptor = threading.Thread(target=self._accept)
+        self._acceptor.start()
+        return self
+
+    def __exit__(self, *_):
+        with contextlib.suppress(OSError):
+            self._listener.shutdown(socket.SHUT_RDWR)
+        self._acceptor.join()
+        for connection in self._connections:
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+        for thread in self._threads:
+            thread.join()
+        self._listener.close()
+        if self._errors:
+            raise self._errors[0]
+
+    def end_connections(self):
+        for connection, thread in zip(self._connections, self._threads):
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
+            thread.join()
+
+    @property
+    def count(self):
+        return len(self._connections)
+
+    def _accept(self):
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            connection.settimeout(PATIENCE)
+            self._connections.append(connection)
+            thread = threading.Thread(target=self._run, args=(connection, len(self._connections) - 1))
+            self._threads.append(thread)
+            thread.start()
+
+    def _run(self, connection, number):
+        with connection:
+            try:
+                self._serve(connection, number)
+            except (ConnectionError, TimeoutError):
+                pass
+            except Exception as error:
+                self._errors.append(error)
+
+
+def read_request(connection, end=b".\n"):
+    """All bytes up to such an end; what was received before the peer's end of the connection."""
+    received = b""
+    while not received.endswith(end):
+        byte = connection.recv(1)
+        if not byte:
+            break
+        received += byte
+    return received
+
+
+def wait_for_end(connection):
+    while connection.recv(65536):
+        pass
+
+
+class FakeServer(Peer):
+    """A daemon in memory behind a socket. "requests" has all bytes that it got."""
+
+    def __init__(self, features=("amend",)):
+        self.daemon = FakeDaemon({b"A": {b"x": b"1"}}, {}, [feature.encode() for feature in features])
+        self.requests = b""
+        self._lock = threading.Lock()
+        super().__init__(self._serve_client)
+
+    def _serve_client(self, connection, _):
+        with self._lock:
+            session = self.daemon.open_session(connection.sendall)
+        while True:
+            data = connection.recv(65536)
+            with self._lock:
+                if not data:
+                    return session.close()
+                self.requests += data
+                session.receive(data)

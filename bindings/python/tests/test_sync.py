@@ -1,0 +1,222 @@
+"""What only a store that waits has: threads, signals, forks of a watch."""
+
+import gc
+import os
+import random
+import signal
+import threading
+import time
+
+import pytest
+from conftest import DEFAULTS, PATIENCE, is_long_run
+from peers import Peer, read_request, wait_for_end
+
+import tavix_settings
+from tavix_settings.testing import FakeStore
+
+
+def count_descriptors():
+    gc.collect()
+    return len(os.listdir("/proc/self/fd"))
+
+
+def run_in_threads(count, work):
+    errors = []
+
+    def run(number):
+        try:
+            work(number)
+        except BaseException as error:
+            errors.append(error)
+
+    threads = [threading.Thread(target=run, args=(number,)) for number in range(count)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert errors == []
+
+
+@pytest.fixture(params=["real", "fake"])
+def store(request):
+    if request.param == "fake":
+        with FakeStore(DEFAULTS, timeout=PATIENCE) as made:
+            yield made
+    else:
+        with tavix_settings.connect(request.getfixturevalue("daemon").address, timeout=PATIENCE) as made:
+            yield made
+
+
+def test_fifty_threads_take_turns(store):
+    def work(number):
+        for turn in range(20):
+            store.set(f"Thread{number}", {"x": f"{number}-{turn}"})
+            assert store.get(f"Thread{number}", "x") == f"{number}-{turn}"
+
+    run_in_threads(50, work)
+
+
+def test_close_ends_calls_of_other_threads():
+    is_asked = threading.Event()
+
+    def serve(connection, number):
+        read_request(connection)
+        is_asked.set()
+        wait_for_end(connection)
+
+    with Peer(serve) as peer:
+        store = tavix_settings.connect(peer.address, timeout=None)
+        closer = threading.Thread(target=lambda: (is_asked.wait(PATIENCE), store.close()))
+        closer.start()
+        with pytest.raises(tavix_settings.ClosedError):
+            store.get("A", "x")
+        closer.join()
+
+
+def test_close_of_another_thread_ends_a_watch(store):
+    before = count_descriptors()
+    watch = store.watch("*")
+    threads = [threading.Thread(target=watch.close) for _ in range(3)]
+    for thread in threads:
+        thread.start()
+    assert list(watch) == []
+    for thread in threads:
+        thread.join()
+    assert count_descriptors() == before
+
+
+def test_leaving_the_loop_leaves_nothing_of_a_watch(store):
+    store.get("A", "x", None)
+    before = count_descriptors()
+    for _ in store.watch("*", initial=True):
+        break
+    assert count_descriptors() == before
+    assert threading.active_count() == 1
+
+
+def test_ctrl_c_ends_a_watch(store):
+    before = count_descriptors()
+    watch = store.watch("*")
+    interrupt = threading.Timer(0.05, lambda: os.kill(os.getpid(), signal.SIGINT))
+    interrupt.start()
+    with pytest.raises(KeyboardInterrupt):
+        next(watch)
+    interrupt.join()
+    assert list(watch) == []
+    assert count_descriptors() == before
+
+
+def test_a_child_can_close_a_watch_without_its_parent_noticing(store):
+    with store.watch("A", timeout=PATIENCE) as watch:
+        child = os.fork()
+        if child == 0:
+            try:
+                next(watch)
+            except tavix_settings.ClosedError:
+                watch.close()
+                os._exit(0)
+            os._exit(1)
+        assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
+        store.set("A", {"x": "1"})
+        assert next(watch).new == "1"
+
+
+class Cut(Exception):
+    pass
+
+
+# An interrupt may come between a socket's making and the statement that keeps it; the socket is closed by its end then.
+@pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning", "ignore::ResourceWarning")
+def test_a_call_cut_short_anywhere_leaves_no_reply_to_others(daemon, nonce):
+    rng = random.Random(20)
+    is_armed = False
+
+    def cut(*_):
+        if is_armed:
+            raise Cut
+
+    previous = signal.signal(signal.SIGALRM, cut)
+    try:
+        with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
+            store.merge({"Big": {str(number): "v" * 100 for number in range(2000)}})
+            cuts = 0
+            for _ in range(1000 if is_long_run() else 150):
+                try:
+                    is_armed = True
+                    signal.setitimer(signal.ITIMER_REAL, rng.uniform(1e-6, 3e-3))
+                    store.groups("Big")
+                    store.set("A", {"x": "before"})
+                except Cut:
+                    cuts += 1
+                finally:
+                    is_armed = False
+                    signal.setitimer(signal.ITIMER_REAL, 0)
+                expected = nonce()
+                store.set("Nonce", {"x": expected})
+                assert store.get("Nonce", "x") == expected
+            assert cuts > 0
+    finally:
+        signal.signal(signal.SIGALRM, previous)
+
+
+def test_restarts_of_the_daemon_lose_no_last_state_and_double_no_write(daemon):
+    """A writer counts up on the condition of what it wrote last; a watcher sees the last count."""
+    with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
+        store.set("Counter", {"x": "0"})
+        with store.watch("Counter", timeout=PATIENCE) as watch:
+            count = 0
+            for _ in range(100 if is_long_run() else 5):
+                daemon.kill()
+                restarter = threading.Thread(target=daemon.start)
+                restarter.start()
+                count = count_up(store, count)
+                restarter.join()
+            count = count_up(store, count)
+            while next(watch).new != str(count):
+                pass
+
+
+def count_up(store, count):
+    """A write that was sent twice, or a lost one that was taken for done, would fail the condition of the next."""
+    deadline = time.monotonic() + PATIENCE
+    while time.monotonic() < deadline:
+        try:
+            store.set("Counter", {"x": str(count + 1)}, expect={"x": str(count)})
+            return count + 1
+        except tavix_settings.ConnectionLostError as error:
+            if error.outcome_unknown and read_when_back(store) == str(count + 1):
+                return count + 1
+            time.sleep(0.01)
+    raise AssertionError("the daemon did not come back")
+
+
+def read_when_back(store):
+    deadline = time.monotonic() + PATIENCE
+    while time.monotonic() < deadline:
+        try:
+            return store.get("Counter", "x")
+        except tavix_settings.ConnectionLostError:
+            time.sleep(0.01)
+    raise AssertionError("the daemon did not come back")
+
+
+def test_a_watch_comes_back_with_what_differs_and_one_mark(daemon):
+    with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
+        store.set("A", {"x": "1", "y": "1"})
+        with store.watch("A", timeout=PATIENCE) as watch:
+            daemon.stop()
+            daemon.start()
+            store.set("A", {"x": "2"})
+            changes = [next(watch)]
+            while not changes[-1].resync or not any(change.new == "2" for change in changes):
+                changes.append(next(watch))
+            marks = [change for change in changes if change.resync]
+            assert marks == [tavix_settings.Change(None, resync=True)]
+            assert [change for change in changes if not change.resync] == [tavix_settings.Change("A", "x", "1", "2")]
+
+
+def test_a_watch_marks_that_it_came_back_even_if_nothing_differs(daemon):
+    with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store, store.watch("*", timeout=PATIENCE) as watch:
+        daemon.stop()
+        daemon.start()
+        assert next(watch) == tavix_settings.Change(None, resync=True)
