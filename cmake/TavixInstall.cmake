@@ -36,6 +36,8 @@ endif()
 find_program(SCDOC scdoc)
 if(SCDOC)
   add_subdirectory(${PROJECT_SOURCE_DIR}/docs/man ${PROJECT_BINARY_DIR}/docs/man)
+elseif(NOT DEFINED CACHE{SCDOC} OR "$CACHE{SCDOC}" STREQUAL "SCDOC-NOTFOUND")
+  message(STATUS "scdoc is missing (Debian: scdoc). No man pages are made.")
 endif()
 
 install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targets
@@ -56,6 +58,7 @@ set(internal_headers
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/common/TextCopy.h
+    tavix/settings/server/ChangeLines.h
     tavix/settings/server/ChangeNotifier.h
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ChangeRequest.h

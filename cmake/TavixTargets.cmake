@@ -1,3 +1,10 @@
+# Ends the configuration when something is missing: says how Debian calls it, and which option does without it.
+function(tavix_require found name package option without)
+  if(NOT ${found})
+    message(FATAL_ERROR "${name} is missing (Debian: ${package}). -D${option}=OFF builds without ${without}.")
+  endif()
+endfunction()
+
 # Lets a target's build use a library that is headers alone, the same for all processors: where they lie among the building
 # machine's own headers, which must not be seen then, they get a folder of their own. Of use in the calling directory.
 function(tavix_isolate_headers library folder)
