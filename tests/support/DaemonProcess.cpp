@@ -90,7 +90,8 @@ std::vector<std::string> Configured(const std::string& program, std::vector<std:
   const bool isConfigured = std::any_of(arguments.begin(), arguments.end(), [](const std::string& word) {
     return word.rfind("--config", 0) == 0 || word == "--check";
   });
-  if (isDaemon && !isConfigured) arguments.insert(arguments.begin(), {"--config", "/dev/null", "--log-level", "warning"});
+  if (isDaemon && !isConfigured)
+    arguments.insert(arguments.begin(), {"--config", "/dev/null", "--log-level", "warning"});
   return arguments;
 }
 

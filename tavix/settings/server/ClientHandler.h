@@ -63,8 +63,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // there is a reply that can tell.
   const RefusedChange* GetRefusal() const { return _refusal ? &*_refusal : nullptr; }
 
-  // What the last HandleNext changed, for a log: MakeChangeLines. The first line is for the level information, the others
-  // are for trace. None when nothing was changed, or the log has no such lines.
+  // What the last HandleNext changed, for a log: MakeChangeLines. The first line is for the level information, the
+  // others are for trace. None when nothing was changed, or the log has no such lines.
   const std::vector<std::string>& GetChangeLines() const { return _changeLines; }
 
   // What became of a request that was to be handled only if it is short.

@@ -6,6 +6,7 @@
 #include <iterator>
 #include <regex>
 
+#include "programs/server/connections/CutText.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/metrics/Metrics.h"
 #include "programs/server/metrics/ServerInfo.h"
@@ -77,6 +78,20 @@ TEST(OperationsDocument, ItAndTheManualPageNameEveryOption) {
   for (const daemon::OptionEntry& option : daemon::GetOptionTable()) {
     EXPECT_THAT(document, testing::ContainsRegex("[` ]--" + std::string(option.name) + "[` ]"));
     EXPECT_THAT(page, HasSubstr("*--" + std::string(option.name) + "*"));
+  }
+}
+
+TEST(OperationsDocument, DescriptionOfTheProtocolSaysWhyEachConnectionIsCut) {
+  const std::string document = ReadDocument("protocol.md");
+  const size_t begin = document.find("### Why was I disconnected");
+  const std::string section = document.substr(begin, document.find("\n## ", begin) - begin);
+  for (size_t i = 0; i < static_cast<size_t>(daemon::CutReason::kCount); ++i) {
+    const auto reason = static_cast<daemon::CutReason>(i);
+    EXPECT_THAT(section, HasSubstr("`" + std::string(NameOf(reason)) + "`"));
+    const std::string text = TextOf(reason);
+    if (reason != daemon::CutReason::kTls) {
+      EXPECT_THAT(section, HasSubstr(text.substr(0, text.find(','))));
+    }
   }
 }
 
