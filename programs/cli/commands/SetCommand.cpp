@@ -25,7 +25,7 @@ struct Options {
   bool isEmptyAllowed = false;
 };
 
-void ShowWhatWouldChange(Context& context, const IniFile& condition, const IniFile& settings) {
+void PrintPlannedChanges(Context& context, const IniFile& condition, const IniFile& settings) {
   Session& session = context.GetSession();
   session.AllowNew();
   RefuseRestricted(session, NamesOf(settings));
@@ -46,7 +46,7 @@ int Set(Context& context, const Options& options) {
   if (options.isVolatile && !condition.IsEmpty())
     throw Failure(kExitUsage, "--volatile and --if can't go together: a change with a condition is always saved");
   if (options.isDryRun) {
-    ShowWhatWouldChange(context, condition, settings);
+    PrintPlannedChanges(context, condition, settings);
     return kExitDone;
   }
   if (condition.IsEmpty()) {

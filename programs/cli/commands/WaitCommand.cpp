@@ -60,7 +60,7 @@ std::vector<Condition> ParseWaits(const Options& options) {
   return conditions;
 }
 
-void RequireSensible(const std::vector<Condition>& conditions, const Options& options) {
+void RequireNamesAlone(const std::vector<Condition>& conditions, const Options& options) {
   if (!options.isUnset && !options.isChanged) return;
   for (const Condition& condition : conditions) {
     if (condition.value)
@@ -128,7 +128,7 @@ void AddWait(CommandLine& line) {
   const auto options = std::make_shared<Options>();
   const CommandOptions command =
       line.Add("wait", "Wait until settings have a value, or are there at all", [options](Context& context) {
-        RequireSensible(ParseWaits(*options), *options);
+        RequireNamesAlone(ParseWaits(*options), *options);
         return Wait(context, *options).Run();
       });
   command.AddTexts("SETTING", options->words, "'[group]key=value', '[group]key', GROUP KEY, or GROUP KEY VALUE")

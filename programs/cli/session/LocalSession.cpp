@@ -57,9 +57,9 @@ void LocalSession::RequireWritable() const {
                   "--local " + QuoteForShell(_path) + " changes the file");
 }
 
-LocalText LocalSession::Read(bool mayBeMissing) const {
+LocalText LocalSession::Read(bool canBeMissing) const {
   if (!IsMissing(_path)) return LocalText(ReadFile(_path), _path);
-  if (!mayBeMissing)
+  if (!canBeMissing)
     throw Failure(kExitNoServer, "there is no file '" + _path + "'",
                   _access == Access::kRead ? "" : "'set' and 'import' make it");
   return LocalText(std::string(), _path);
@@ -91,11 +91,11 @@ bool LocalSession::Write(const std::function<bool(IniFile&)>& change) {
 }
 
 IniFile LocalSession::Get(const Groups& groups) {
-  return Select(Read(_mayBeNew).GetSettings(), groups);
+  return Select(Read(_canBeNew).GetSettings(), groups);
 }
 
 IniFile LocalSession::GetUserSettings() {
-  return Read(_mayBeNew).GetSettings();
+  return Read(_canBeNew).GetSettings();
 }
 
 void LocalSession::Merge(const IniFile& settings, bool isVolatile) {
@@ -162,8 +162,8 @@ bool LocalSession::ReadEvents() const {
 
 std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseconds> limit) {
   pollfd waiting{_watch.Get(), POLLIN, 0};
-  constexpr long long kLongestWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; who waits longer asks again
-  const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kLongestWait)) : -1;
+  constexpr long long kMaxWait = 1000 * 1000 * 1000;  // what poll(2) takes at a time; a longer wait asks again
+  const auto wait = limit ? static_cast<int>(std::min<long long>(limit->count(), kMaxWait)) : -1;
   if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
   if (!ReadEvents()) throw Failure(kExitNoServer, "the directory of '" + _path + "' was moved or removed");
   Notice notice;

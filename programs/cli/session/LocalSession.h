@@ -30,7 +30,7 @@ class LocalSession : public Session {
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
-  void AllowNew() override { _mayBeNew = true; }
+  void AllowNew() override { _canBeNew = true; }
   core::IniFile GetUserSettings() override;
   void RunAlone(const std::function<void()>& change) override;
   void RequireWritable() const override;
@@ -49,8 +49,8 @@ class LocalSession : public Session {
   // False when the directory is no longer where it was.
   bool ReadEvents() const;
 
-  // What stands in the file; an empty text when it is missing and may be.
-  LocalText Read(bool mayBeMissing) const;
+  // What stands in the file; an empty text when it is missing and can be.
+  LocalText Read(bool canBeMissing) const;
 
   // Reads the file, has "change" change the settings, and writes them, with no other command in between. A change that
   // returns false changes nothing.
@@ -60,7 +60,7 @@ class LocalSession : public Session {
   const std::chrono::milliseconds _patience;
   const Access _access;
   std::optional<FileLock> _lock;  // while something runs alone
-  bool _mayBeNew = false;
+  bool _canBeNew = false;
   Groups _subscribed;
   Groups _lastNames;       // of the subscribed groups, when they were last read
   osa::Descriptor _watch;  // a descriptor of inotify(7)

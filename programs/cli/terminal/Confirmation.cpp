@@ -1,7 +1,5 @@
 #include "programs/cli/terminal/Confirmation.h"
 
-#include <algorithm>
-
 #include "programs/cli/terminal/Console.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
@@ -31,11 +29,6 @@ void Confirm(const std::string& cause, const std::string& action, const std::set
   std::string question = action + "?";
   question[0] = static_cast<char>(question[0] - 'a' + 'A');
   if (!Console::Ask(ListNames(groups) + question)) throw Failure(kExitNo, "nothing was changed");
-}
-
-bool HasPattern(const std::set<std::string>& groups) {
-  return std::any_of(groups.begin(), groups.end(),
-                     [](const std::string& group) { return group.find('*') != std::string::npos; });
 }
 
 }  // namespace tavix::programs::cli

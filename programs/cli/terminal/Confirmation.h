@@ -10,6 +10,4 @@ namespace tavix::programs::cli {
 // kExitNo when the answer is no.
 void Confirm(const std::string& cause, const std::string& action, const std::set<std::string>& groups);
 
-bool HasPattern(const std::set<std::string>& groups);
-
 }  // namespace tavix::programs::cli

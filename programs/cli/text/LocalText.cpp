@@ -55,7 +55,7 @@ void LocalText::AddLine(const std::string& text) {
 }
 
 void LocalText::Change(const IniFile& settings) {
-  RemoveWhatIsMissingIn(settings);
+  RemoveMissing(settings);
   const Places places = FindPlaces();
   std::map<size_t, Lines> added;  // behind which line
   Lines newGroups;
@@ -77,7 +77,7 @@ void LocalText::Change(const IniFile& settings) {
   *this = LocalText(text.str(), "the changed text");
 }
 
-void LocalText::RemoveWhatIsMissingIn(const IniFile& settings) {
+void LocalText::RemoveMissing(const IniFile& settings) {
   const auto isGone = [&](const Line& line) {
     if (line.kind == Kind::kHeader) return !settings.HasGroup(line.group);
     return line.kind == Kind::kSetting && !settings.HasValue(line.group, line.key);

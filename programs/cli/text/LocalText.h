@@ -43,7 +43,7 @@ class LocalText {
   using Places = std::map<std::string, Place>;
 
   void AddLine(const std::string& text);
-  void RemoveWhatIsMissingIn(const core::IniFile& settings);
+  void RemoveMissing(const core::IniFile& settings);
   Places FindPlaces() const;
   static Line MakeLine(Line line, const Line& neighbour);
   static Line MakeSetting(const std::string& group, const std::string& key, const std::string& value,

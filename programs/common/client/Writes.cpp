@@ -91,6 +91,14 @@ void RefusePatterns(const std::set<std::string>& groups) {
   }
 }
 
+std::set<std::string> WithoutPatterns(const std::set<std::string>& groups) {
+  std::set<std::string> names;
+  for (const std::string& group : groups) {
+    if (group.find('*') == std::string::npos) names.insert(names.end(), group);
+  }
+  return names;
+}
+
 std::set<std::string> NamesOf(const IniFile& settings) {
   std::set<std::string> names;
   for (const auto& [group, keys] : settings) names.insert(names.end(), group);
@@ -167,11 +175,7 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
 }
 
 IniFile Restore(Session& session, const std::set<std::string>& groups) {
-  std::set<std::string> names;
-  for (const std::string& group : groups) {
-    if (group.find('*') == std::string::npos) names.insert(group);
-  }
-  RefuseRestricted(session, names);
+  RefuseRestricted(session, WithoutPatterns(groups));
   IniFile after;
   session.RunAlone([&] {
     SessionWriter(session).Restore(groups);

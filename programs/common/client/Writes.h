@@ -19,6 +19,9 @@ void RefuseRestricted(const Session& session, const std::set<std::string>& group
 // other groups would go too.
 void RefusePatterns(const std::set<std::string>& groups);
 
+// The names among names and '*' patterns.
+std::set<std::string> WithoutPatterns(const std::set<std::string>& groups);
+
 // The names of the groups of a document.
 std::set<std::string> NamesOf(const core::IniFile& settings);
 

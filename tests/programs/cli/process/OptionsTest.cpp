@@ -162,6 +162,17 @@ TEST_F(GlobalOptions, EnvironmentNamesTheServerUnlessAnOptionDoes) {
   EXPECT_EQ(Run({"list"}, {}, {{"TAVIX_SETTINGS_SERVER", "127.0.0.1:nonsense"}}).status, 2);
 }
 
+TEST_F(GlobalOptions, AddressThatIsNoneIsAnsweredWithWhatWasMeant) {
+  const std::string hint = "' is not an endpoint: ";
+  ExpectRun({"-s", "/run/x.sock", "list"}, 2, "",
+            "tavix-settings: --server: '/run/x.sock" + hint + "a path? unix:/run/x.sock\n");
+  ExpectRun({"-s", "http://camera:80/", "list"}, 2, "",
+            "tavix-settings: --server: 'http://camera:80/" + hint + "no URL: HOST:PORT\n");
+  ExpectRun({"-s", "::1:7211", "list"}, 2, "", "tavix-settings: --server: '::1:7211" + hint + "a port? [::1]:7211\n");
+  EXPECT_EQ(Run({"list"}, {}, {{"TAVIX_SETTINGS_SERVER", "/run/x.sock"}}).errors,
+            "tavix-settings: TAVIX_SETTINGS_SERVER: '/run/x.sock" + hint + "a path? unix:/run/x.sock\n");
+}
+
 TEST_F(GlobalOptions, SilentServerIsExitStatus3AfterTheTimeout) {
   const ListeningSocket silent;
   const std::string address = "127.0.0.1:" + std::to_string(silent.GetPort());
