@@ -65,6 +65,14 @@ std::string FindInHosts(const char* path, const std::string& label) {
   return std::string();
 }
 
+ServiceEndpoint ParseEndpointOfVariable(const char* value, const std::string& variable) {
+  try {
+    return ParseEndpoint(value, variable);
+  } catch (const Exception& exception) {
+    throw EndpointException(exception.what());
+  }
+}
+
 }  // namespace
 
 ServiceEndpoint ParseEndpoint(const std::string& text, const std::string& source) {
@@ -87,7 +95,7 @@ ServiceEndpoint FindServiceEndpoint(const std::string& host, unsigned short port
   ServiceEndpoint endpoint{host, port};
   if (IsServiceLabel(host)) {
     const std::string variable = VariableNameFor(host);
-    if (const char* value = std::getenv(variable.c_str())) return ParseEndpoint(value, variable);
+    if (const char* value = std::getenv(variable.c_str())) return ParseEndpointOfVariable(value, variable);
     endpoint.host = FindInHosts(hostsDatabase, host);
     if (endpoint.host.empty()) endpoint.host = "127.0.0.1";
   }

@@ -2,7 +2,15 @@
 
 #include <string>
 
+#include "tavix/osa/Exception.h"
+
 namespace tavix::osa {
+
+// The environment variable of a service holds a text that can't be an endpoint, whatever becomes of the system.
+class EndpointException : public Exception {
+ public:
+  explicit EndpointException(const std::string& text) : Exception(text) {}
+};
 
 // Where a service is reached.
 struct ServiceEndpoint {
@@ -22,7 +30,8 @@ constexpr unsigned short kDefaultServicePort = 7211;
 //   3. at 127.0.0.1.
 // unix:PATH is a unix socket. Anything else is taken as it is. Port 0, or none in the variable, is kDefaultServicePort.
 //
-// Throws Exception when the variable can't be understood. The environment and the hosts database are read at each call.
+// Throws EndpointException, which names the variable and its value, when the variable can't be parsed. The environment
+// and the hosts database are read at each call.
 ServiceEndpoint FindServiceEndpoint(const std::string& host, unsigned short port,
                                     const char* hostsDatabase = "/etc/hosts");
 

@@ -67,9 +67,9 @@ class TAVIX_DAEMON_EXPORT ResourceFigures {
 };
 
 // Tells conflicts from refusals in the attempts of one booking. An attempt fails by a conflict when somebody changed a
-// figure meanwhile; there is no limit to these, as each means that somebody got on. When the same figures are read again
-// after each of many attempts in a row, the store refuses the write itself, because it is full, for example: a figure
-// that was changed and changed back each time, at the right moment, can't be the reason.
+// figure meanwhile; there is no limit to these, as each means that somebody got on. When the same figures are read
+// again after each of many attempts in a row, the store refuses the write itself, because it is full, for example: a
+// figure that was changed and changed back each time, at the right moment, can't be the reason.
 //
 // Threads: one.
 // Owns:    a copy of the figures that were read last.

@@ -35,9 +35,10 @@ class TavixSettingsClientImpl;
 // Errors:  osa::Exception. In remote modes a group name or pattern that holds a line break or is "." is refused before
 //          anything is sent. MultiThreaded: "Lock Timeout..." when there is no connection within 10 s, "NAME failed to
 //          communicate with tavix-settings-server" when it was lost before the reply, or before this call with nobody
-//          waiting: whoever asks first after a lost connection is told. SingleThreaded: "Failed to connect to
-//          tavix-settings-server" after five tries. Writes have no reply: that they return says they were sent, and a
-//          request whose reply was lost may have been carried out.
+//          waiting: the first call after a lost connection fails. SingleThreaded: "Failed to connect to
+//          tavix-settings-server..." after five tries. Where no connection was made, both texts go on with the address,
+//          the reason and for how long it was tried; the log has that once, at warning. Writes have no reply: that they
+//          return says they were sent, and a request whose reply was lost may have been carried out.
 class TAVIX_EXPORT TavixSettingsClient {
  public:
   // The numbers are part of the interface.

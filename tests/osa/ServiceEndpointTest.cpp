@@ -21,6 +21,7 @@ void PrintTo(const ServiceEndpoint& endpoint, std::ostream* out) {
 
 namespace {
 
+using tavix::osa::EndpointException;
 using tavix::osa::Exception;
 using tavix::osa::FindServiceEndpoint;
 using tavix::osa::kDefaultServicePort;
@@ -118,9 +119,8 @@ TEST_F(ServiceEndpoint, EveryLabelHasAVariableOfItsOwn) {
 TEST_F(ServiceEndpoint, AVariableThatCannotBeUnderstoodThrowsAndIsNamed) {
   for (const char* value : {"", "host:", "host:x", "host:0", "host:65536", ":7211", "[::1", "[::1]7211"}) {
     const ScopedEnvironment variable(kVariable, value);
-    EXPECT_THAT(
-        [&] { FindWithHosts(kLabel, 0, ""); },
-        testing::ThrowsMessage<Exception>(testing::StartsWith("TAVIX_SETTINGS_SERVER: '" + std::string(value) + "' ")))
+    EXPECT_THAT([&] { FindWithHosts(kLabel, 0, ""); }, testing::ThrowsMessage<EndpointException>(testing::StartsWith(
+                                                           "TAVIX_SETTINGS_SERVER: '" + std::string(value) + "' ")))
         << value;
   }
 }

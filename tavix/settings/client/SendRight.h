@@ -2,10 +2,13 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
+#include "tavix/osa/LockException.h"
 #include "tavix/osa/Semaphore.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
+#include "tavix/settings/client/TavixSettingsConnection.h"
 
 namespace tavix::settings::client {
 
@@ -34,9 +37,19 @@ class TAVIX_CAPABILITY("right") SendRight {
 // Has the right to write for the length of a scope.
 class TAVIX_SCOPED_CAPABILITY SendRightLock {
  public:
-  // timeout: milliseconds. Throws LockException when they have passed.
-  SendRightLock(SendRight& right, unsigned int timeout) TAVIX_ACQUIRE(right) : _semaphore(right._semaphore) {
-    _semaphore.Lock(timeout);
+  // timeout: milliseconds. Throws LockException when they have passed. With a connection it says why that could not be
+  // made: then the worker has the right still. When it was made, another caller's request took so long.
+  SendRightLock(SendRight& right, unsigned int timeout, const TavixSettingsConnection* connection = nullptr)
+      TAVIX_ACQUIRE(right)
+      : _semaphore(right._semaphore) {
+    try {
+      _semaphore.Lock(timeout);
+    } catch (const osa::LockException& exception) {
+      const std::string failure = connection ? connection->DescribeFailure() : std::string();
+      if (failure.empty()) throw;
+      throw osa::LockException("Lock Timeout: no connection within " + std::to_string(timeout) + " ms: " + failure,
+                               exception.GetError());
+    }
   }
 
   // A right that can't be given back would block all callers for ever.

@@ -38,7 +38,7 @@ constexpr unsigned int kQuitGrace = 1000;        // and then for the server to e
 
 }  // namespace
 
-// Tells the destructor that the worker is done, however it ends.
+// Lets the destructor go on when the worker is done, however it ends: by a return, or by what a callback has thrown.
 class TavixSettingsClientImplMultiThreaded::EndNotice {
  public:
   explicit EndNotice(osa::Semaphore& ended) : _ended(ended) {}
@@ -81,7 +81,7 @@ TavixSettingsClientImplMultiThreaded::~TavixSettingsClientImplMultiThreaded() {
 void TavixSettingsClientImplMultiThreaded::EndWorker() {
   unsigned int grace = kQuitGrace;
   try {
-    SendRightLock right(_sendRight, kQuitTimeout);
+    SendRightLock right(_sendRight, kQuitTimeout, _pConnection.get());
     _pConnection->LimitWrites(kQuitWriteTimeout);
     if (_pConnection->IsReady()) *_pConnection->GetOstream() << protocol::kQuit << std::endl;
   } catch (const std::exception& exception) {
@@ -119,6 +119,7 @@ void TavixSettingsClientImplMultiThreaded::MergeSettings(const IniFile& settings
   RunCommand("MergeSettings", std::move(command));
 }
 
+// Its outcome comes back in the slot's status and not in the command, which is gone once its reply was read.
 bool TavixSettingsClientImplMultiThreaded::TestAndMerge(const IniFile& test, const IniFile& merge) {
   RequireSendableNames(test);
   RequireSendableNames(merge);
@@ -175,26 +176,32 @@ void TavixSettingsClientImplMultiThreaded::Subscribe(IChangeCallback* cb, const 
   }
 }
 
-// Returns which connection it was written to.
+// Returns the number of the connection that it was written to. While the right is held, that number stays: the worker
+// counts a new connection before it gives the right away.
 unsigned int TavixSettingsClientImplMultiThreaded::SendSubscription(const std::set<std::string>& groups) const {
-  SendRightLock right(_sendRight, _sendTimeout);
+  SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
   RequireReady("Subscribe");
   WriteSubscribeRequest(*_pConnection->GetOstream(), groups);
   return _generation.load();
 }
 
-// On the caller's thread. A failure to get the right leaves nothing behind: nothing was written.
+// On the caller's thread. What can happen, in this order:
+//   - The right is not free within its time, as there is no connection: nothing was written, and nothing stays behind.
+//   - The write fails: the connection is broken, so that the worker finds out, and no command is queued.
+//   - The command is queued, and the worker finds its reply, or a loss, and posts the outcome. The wait for it has no
+//     limit: the worker notices each loss.
+//   - The outcome is there already, left by an earlier loss that no call has reported: then this call fails, too.
 bool TavixSettingsClientImplMultiThreaded::RunCommand(const char* name, std::unique_ptr<RemoteCommand> command) const {
   _logger->Trace("%s", name);
   if (command->_responseKeyword.empty()) {
-    SendRightLock right(_sendRight, _sendTimeout);
+    SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
     Send(name, *command);
     return true;
   }
   RefuseOnWorker(name);
   osa::MutexAutoLock oneAtATime(_commandMutex);
   {
-    SendRightLock right(_sendRight, _sendTimeout);
+    SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
     Send(name, *command);
     _slot.Queue(std::move(command));  // before the right is given back, so that its reply finds it
   }
@@ -234,7 +241,8 @@ void TavixSettingsClientImplMultiThreaded::RefuseOnWorker(const char* name) cons
                        name);
 }
 
-// Begins with the right to write, as the semaphore is made.
+// Begins with the right to write, as the semaphore is made, so that callers wait for the first connection, too. Each
+// round has it again when it ends: an attempt that fails never gave it away, and CleanUp takes it back.
 void TavixSettingsClientImplMultiThreaded::Run() {
   const EndNotice notice(_workerEnded);
   _workerId = std::this_thread::get_id();
@@ -250,7 +258,8 @@ void TavixSettingsClientImplMultiThreaded::Run() {
   _sendRight.GiveToCallers();  // only the destructor is left, which would wait for it in vain
 }
 
-// Whatever goes wrong is tried again: a server that is not there yet is no reason to give up.
+// Each failure is followed by another attempt: a server that is not there yet is no reason to give up. The reasons are
+// the connection's to log.
 void TavixSettingsClientImplMultiThreaded::Connect() {
   _logger->Information("(re)Connecting to tavix-setting server");
   try {
@@ -323,13 +332,14 @@ void TavixSettingsClientImplMultiThreaded::ReadUntilBroken() {
 // fails; and the connection is closed last, when nobody can be using its streams any more.
 void TavixSettingsClientImplMultiThreaded::CleanUp() {
   // Wakes a caller that is blocked in a write, and holds the right to write. Pipes never block it, and can't be made
-  // again.
+  // again: there the reader has to be left in order.
   if (!_pConnection->OutlivesClosing()) _pConnection->BreakConnection();
   _sendRight.TakeFromCallers();
   // Callers wait for the right meanwhile. A server that restarts gets time before all its clients come back.
   PauseUnlessStopping(kRetryPause);
   if (_slot.IsQueued()) _logger->Information("cleaning request queue");
-  // The failure stays for the next caller on purpose: whoever asks first after a loss is told.
+  // Without a caller that waits the failure stays for the next one, on purpose: one call fails for each loss, or for
+  // several in a row.
   _slot.Fail(_pConnection->OutlivesClosing());
   _pConnection->CloseConnection();
   _pConnection->ClearStreams();

@@ -26,9 +26,9 @@ class TavixSettingsConnection;
 //
 // The worker goes round a cycle, and nobody else moves it on:
 //
-//     connecting   The worker has the right to write, so callers wait for it, 10 s at most. Attempts that fail are made
-//                  again after a second. Once there is a connection, the worker subscribes what was subscribed before,
-//                  and gives the right to callers.
+//     connecting   The worker has the right to write, so callers wait for it, 10 s at most; then they fail, with the
+//                  reason why the last attempt failed. Attempts that fail are made again after a second. Once there is
+//                  a connection, the worker subscribes what was subscribed before, and gives the right to callers.
 //     connected    Callers write requests, one at a time. The worker reads messages until the connection is lost, a
 //                  message is broken, or a callback throws.
 //     cleaning     The worker breaks the connection, so that a caller that is blocked in a write gives the right back,
@@ -43,8 +43,8 @@ class TavixSettingsConnection;
 // Threads: any number of callers, and the worker "TavixSettings". Callbacks run on the worker; a call from there that
 //          would wait for a reply, or subscribe, throws. One request that awaits a reply is under way at a time.
 // Locks:   "_commandMutex" before the right to write before the slot's mutex. The worker never takes the first, and
-//          holds none while callbacks run. Whoever writes a request queues its command before giving the right back, so
-//          that replies meet their commands. "_observerMutex" is held while observers are called; an observer that adds
+//          holds none while callbacks run. A caller queues its command before it gives the right back, so that replies
+//          meet their commands. "_observerMutex" is held while observers are called; an observer that adds
 //          or removes one then gets an exception.
 // Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply
 //          behind: the worker reads that reply into the command's own document and drops it. A reply whose keyword is

@@ -104,7 +104,8 @@ void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteComman
     }
     CloseConnection();
   }
-  throw osa::Exception("Failed to connect to tavix-settings-server");
+  const std::string failure = _pConnection->DescribeFailure();  // empty: connections were made, and lost
+  throw osa::Exception("Failed to connect to tavix-settings-server%s%s", failure.empty() ? "" : ": ", failure.c_str());
 }
 
 // After a failed exchange the rest of a reply may still be on its way: it must not meet the next request.

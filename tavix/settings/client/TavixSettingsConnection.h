@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <iosfwd>
+#include <string>
 
 namespace tavix::core {
 class Logger;
@@ -11,8 +12,8 @@ namespace tavix::settings::client {
 
 // A pair of streams to a settings server.
 //
-// Threads: its owner calls it from one thread at a time; BreakConnection and AbortConnection may be called from any
-//          thread while others use the streams.
+// Threads: its owner calls it from one thread at a time; BreakConnection, AbortConnection and DescribeFailure may be
+//          called from any thread while others use the streams.
 class TavixSettingsConnection {
  public:
   virtual ~TavixSettingsConnection() = default;
@@ -37,6 +38,10 @@ class TavixSettingsConnection {
 
   // Shortens what a later write may wait for a peer that does not read, to milliseconds.
   virtual void LimitWrites(unsigned int timeout) noexcept = 0;
+
+  // Why there is no connection: where the last attempt went, why it failed, and for how long attempts have failed.
+  // Empty when there is one, or no attempt has failed. Any thread may call.
+  virtual std::string DescribeFailure() const { return std::string(); }
 
   bool IsReady() const { return _pIstream && _pOstream; }
   std::istream* GetIstream() const { return _pIstream; }

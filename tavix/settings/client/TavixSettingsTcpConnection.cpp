@@ -1,8 +1,12 @@
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
-#include "tavix/osa/Time.h"
+#include "tavix/osa/ServiceEndpoint.h"
 
 namespace tavix::settings::client {
 
@@ -25,6 +29,7 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
   for (int attempt = 0; !IsInOrder(); ++attempt) {
     if (attempt >= attempts) {
       _logger->Warning("%s", kConnectFailed);
+      ReportOutage();
       throw osa::Exception("%s", kConnectFailed);
     }
     CloseConnection();
@@ -34,6 +39,8 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
       Connect();
     } catch (const std::exception& exception) {
       _logger->Trace("%s", exception.what());
+      NoteFailure(exception.what());
+      if (dynamic_cast<const osa::EndpointException*>(&exception)) ReportWrongVariable(exception.what());
       CloseConnection();
       _logger->Warning("%s", kConnectFailed);
       _logger->Information("Retrying connection");
@@ -55,8 +62,42 @@ void TavixSettingsTcpConnection::Connect() {
   RefuseWhenAborted();
   _socket = std::move(socket);
   _stream = std::move(stream);
+  _failure.reset();
   _pIstream = _stream.get();
   _pOstream = &_stream->GetOstream();
+}
+
+// The attempts of one outage differ in their reasons at times: the last one counts.
+void TavixSettingsTcpConnection::NoteFailure(const char* text) {
+  osa::PlainMutexLock lock(_mutex);
+  if (_isAborted) return;
+  if (!_failure) _failure = Failure{{}, osa::Deadline::Clock::now()};
+  _failure->text = text;
+}
+
+void TavixSettingsTcpConnection::ReportWrongVariable(const char* text) {
+  if (_wrongVariable == text) return;
+  _wrongVariable = text;
+  _logger->Error("%s", text);
+}
+
+// A log output may be slow: nothing is logged under the lock, which callers take to end a connection.
+void TavixSettingsTcpConnection::ReportOutage() {
+  {
+    osa::PlainMutexLock lock(_mutex);
+    if (_isAborted || !_failure || _failure->text == _wrongVariable) return;
+    if (std::exchange(_failure->isReported, true)) return;
+  }
+  _logger->Warning("%s", DescribeFailure().c_str());
+}
+
+std::string TavixSettingsTcpConnection::DescribeFailure() const {
+  osa::PlainMutexLock lock(_mutex);
+  if (!_failure) return std::string();
+  const std::chrono::duration<double> tried = osa::Deadline::Clock::now() - _failure->since;
+  char time[48];
+  std::snprintf(time, sizeof time, " (tried for %.1f s)", tried.count());
+  return _failure->text + time;
 }
 
 void TavixSettingsTcpConnection::RefuseWhenAborted() const {

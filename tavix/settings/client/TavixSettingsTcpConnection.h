@@ -2,11 +2,14 @@
 
 #include <condition_variable>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/osa/TcpSocketStream.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/osa/Time.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
 
 namespace tavix::settings::client {
@@ -14,6 +17,10 @@ namespace tavix::settings::client {
 // A connection to the settings server of the device, found by its service label "tavix-settings-server"
 // (osa::FindServiceEndpoint). Reads wait without limit; a write that makes no progress for 10 s fails and breaks the
 // connection, so that nobody sleeps for ever on a peer that stopped reading.
+//
+// From the first attempt that fails up to the one that succeeds is an outage. It is logged once in detail, when all
+// attempts of a call have failed; the lines of each attempt stay as they are. A TAVIX_SETTINGS_SERVER that can't be an
+// address is logged once at error for each value: no waiting helps against that.
 class TavixSettingsTcpConnection : public TavixSettingsConnection {
  public:
   // Does not connect.
@@ -26,16 +33,29 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
   void BreakConnection() noexcept override TAVIX_EXCLUDES(_mutex);
   void AbortConnection() noexcept override TAVIX_EXCLUDES(_mutex);
   void LimitWrites(unsigned int timeout) noexcept override TAVIX_EXCLUDES(_mutex);
+  std::string DescribeFailure() const override TAVIX_EXCLUDES(_mutex);
 
  private:
   void Connect() TAVIX_EXCLUDES(_mutex);
   void PauseBeforeRetry() TAVIX_EXCLUDES(_mutex);
   void RefuseWhenAborted() const TAVIX_REQUIRES(_mutex);
+  void NoteFailure(const char* text) TAVIX_EXCLUDES(_mutex);
+  void ReportWrongVariable(const char* text);
+  void ReportOutage() TAVIX_EXCLUDES(_mutex);
 
-  osa::PlainMutex _mutex;
+  // That the last attempt failed.
+  struct Failure {
+    std::string text;
+    osa::Deadline::Clock::time_point since;  // the outage began
+    bool isReported = false;
+  };
+
+  mutable osa::PlainMutex _mutex;
   std::condition_variable _abort;
   bool _isAborted TAVIX_GUARDED_BY(_mutex) = false;
   std::unique_ptr<osa::TcpSocket> _socket TAVIX_GUARDED_BY(_mutex);
+  std::optional<Failure> _failure TAVIX_GUARDED_BY(_mutex);
+  std::string _wrongVariable;                                              // that was reported last
   std::unique_ptr<osa::TcpSocketStream> _stream TAVIX_GUARDED_BY(_mutex);  // its users read and write without the lock
 };
 

@@ -104,7 +104,10 @@ TEST(TavixSettingsClientImplMultiThreaded, WithoutAConnectionCallsTimeOutAfterTe
   const ElapsedTime took([&] {
     for (const auto& call : calls) waiting.emplace_back(call);
     for (BackgroundCall& call : waiting) {
-      EXPECT_THAT([&] { call.Join(); }, testing::ThrowsMessage<LockException>(testing::StartsWith("Lock Timeout")));
+      EXPECT_THAT([&] { call.Join(); },
+                  testing::ThrowsMessage<LockException>(testing::MatchesRegex(
+                      "Lock Timeout: no connection within 10000 ms: Failed to connect to 127\\.0\\.0\\.1 port " +
+                      std::to_string(server.GetPort()) + ": Connection refused \\(tried for [0-9.]+ s\\)")));
     }
   });
   EXPECT_GE(took.milliseconds, 10000);
@@ -348,8 +351,8 @@ TEST(TavixSettingsClientImplMultiThreaded, LogsALossUnderAWaitingCallerAndTheRec
 TEST(TavixSettingsClientImplMultiThreaded, LogsEachFailureToConnect) {
   const ScriptedServer server(ListeningSocket::kNotListening);
   std::unique_ptr<TavixSettingsClient> client;
-  auto messages = LogOf([&] { client = std::make_unique<TavixSettingsClient>(kMode); }, 14);
-  messages.resize(14);
+  auto messages = LogOf([&] { client = std::make_unique<TavixSettingsClient>(kMode); }, 15);
+  messages.resize(15);
   const auto reason = testing::StartsWith("TRACE TavixSettingsConnection: Failed to connect to 127.0.0.1 port ");
   const char warning[] = "WARNING TavixSettingsConnection: Failed to connect to tavix-settings-server";
   const char retrying[] = "INFO TavixSettingsConnection: Retrying connection";
@@ -357,9 +360,20 @@ TEST(TavixSettingsClientImplMultiThreaded, LogsEachFailureToConnect) {
       messages,
       testing::ElementsAre("INFO TavixSettings: (re)Connecting to tavix-setting server",  //
                            reason, warning, retrying, reason, warning, retrying, reason, warning, retrying, warning,
+                           testing::StartsWith("WARNING TavixSettingsConnection: Failed to connect to 127.0.0.1 port "),
                            "WARNING TavixSettings: Connect() failed: Failed to connect to tavix-settings-server",
                            "WARNING TavixSettings: Attempting to reconnect in 1 second",
                            "INFO TavixSettings: (re)Connecting to tavix-setting server"));
+}
+
+TEST(TavixSettingsClientImplMultiThreaded, ACallSaysThatTheVariableIsWrong) {
+  const tavix::test::ScopedEnvironment noFile("TAVIX_SETTINGS_LOCALFILE", nullptr);
+  const tavix::test::ScopedEnvironment wrong("TAVIX_SETTINGS_SERVER", "127.0.0.1:notaport");
+  TavixSettingsClient client(kMode);
+  EXPECT_THAT([&] { client.MergeSettings(IniFile()); },
+              testing::ThrowsMessage<LockException>(testing::StartsWith(
+                  "Lock Timeout: no connection within 10000 ms: TAVIX_SETTINGS_SERVER: '127.0.0.1:notaport' is not an "
+                  "endpoint: the port must be a number from 1 to 65535 (tried for ")));
 }
 
 TEST(TavixSettingsClientImplMultiThreaded, AConnectThatFailsInAnyWayIsTriedAgain) {

@@ -290,7 +290,12 @@ TEST(TavixSettingsClientImplSingleThreaded, WithoutAServerACallFailsAfterFiveTim
   const Client client;
   long took = 0;
   const auto messages = LogOf([&] {
-    took = MillisecondsOf([&] { EXPECT_THAT([&] { client.Get(); }, testing::ThrowsMessage<Exception>(kFailed)); });
+    took = MillisecondsOf([&] {
+      EXPECT_THAT([&] { client.Get(); },
+                  testing::ThrowsMessage<Exception>(testing::MatchesRegex(
+                      std::string(kFailed) + ": Failed to connect to 127\\.0\\.0\\.1 port " +
+                      std::to_string(server.GetPort()) + ": Connection refused \\(tried for [0-9.]+ s\\)")));
+    });
   });
   EXPECT_GE(took, 20000);
   if (tavix::test::IsLongRun()) {
@@ -298,6 +303,10 @@ TEST(TavixSettingsClientImplSingleThreaded, WithoutAServerACallFailsAfterFiveTim
   }
   EXPECT_EQ(std::count(messages.begin(), messages.end(), "INFO TavixSettingsConnection: Retrying connection"), 25);
   EXPECT_EQ(std::count(messages.begin(), messages.end(), std::string("ERROR TavixSettings: ") + kFailed), 5);
+  const std::string once = "WARNING TavixSettingsConnection: Failed to connect to 127.0.0.1 port ";
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
+                          [&](const std::string& message) { return message.rfind(once, 0) == 0; }),
+            1);
 }
 
 TEST(TavixSettingsClientImplSingleThreaded, SubscribeIsRefusedAndConnectsToNobody) {

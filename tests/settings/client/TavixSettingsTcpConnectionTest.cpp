@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <istream>
+#include <iterator>
 #include <ostream>
 #include <string>
 
@@ -87,9 +89,63 @@ TEST(TavixSettingsTcpConnection, TriesAsOftenAsAskedASecondApart) {
     EXPECT_LT(took, 5000);
   }
   const auto reason = testing::StartsWith("TRACE TavixSettingsConnection: Failed to connect to 127.0.0.1 port ");
+  const auto outage = testing::StartsWith("WARNING TavixSettingsConnection: Failed to connect to 127.0.0.1 port ");
   EXPECT_THAT(messages, testing::ElementsAre(reason, kWarning, kRetrying, reason, kWarning, kRetrying, reason, kWarning,
-                                             kRetrying, kWarning));
+                                             kRetrying, kWarning, outage));
   EXPECT_FALSE(connection.IsReady());
+}
+
+TEST(TavixSettingsTcpConnection, DescribesWhyThereIsNoConnectionUntilThereIsOne) {
+  ScriptedServer server(ListeningSocket::kNotListening);
+  TavixSettingsTcpConnection connection;
+  EXPECT_EQ(connection.DescribeFailure(), "");
+  EXPECT_THROW(connection.EnsureConnection(1), Exception);
+  EXPECT_THAT(connection.DescribeFailure(),
+              testing::MatchesRegex("Failed to connect to 127\\.0\\.0\\.1 port " + std::to_string(server.GetPort()) +
+                                    ": Connection refused \\(tried for [0-9]+\\.[0-9] s\\)"));
+  server.Listen();
+  connection.EnsureConnection(1);
+  EXPECT_EQ(connection.DescribeFailure(), "");
+}
+
+TEST(TavixSettingsTcpConnection, LogsEachOutageOnceInDetail) {
+  TavixSettingsTcpConnection connection;
+  const auto messages = LogOf([&] {
+    for (int outage = 0; outage < 2; ++outage) {
+      ScriptedServer server(ListeningSocket::kNotListening);
+      for (int i = 0; i < 3; ++i) EXPECT_THROW(connection.EnsureConnection(1), Exception);
+      server.Listen();
+      connection.EnsureConnection(1);
+      connection.CloseConnection();
+      connection.ClearStreams();
+    }
+  });
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
+                          [](const std::string& message) {
+                            return message.rfind("WARNING TavixSettingsConnection: Failed to connect to 127.", 0) == 0;
+                          }),
+            2);
+}
+
+TEST(TavixSettingsTcpConnection, LogsAVariableThatCanBeNoAddressOnceAsAnError) {
+  TavixSettingsTcpConnection connection;
+  const auto messages = LogOf([&] {
+    for (const char* wrong : {"127.0.0.1:notaport", "unix:"}) {
+      const tavix::test::ScopedEnvironment endpoint("TAVIX_SETTINGS_SERVER", wrong);
+      for (int i = 0; i < 3; ++i) EXPECT_THROW(connection.EnsureConnection(1), Exception);
+    }
+  });
+  std::vector<std::string> loud;
+  std::copy_if(messages.begin(), messages.end(), std::back_inserter(loud), [](const std::string& message) {
+    return message != kWarning && message != kRetrying && message.rfind("TRACE", 0) != 0;
+  });
+  EXPECT_THAT(loud,
+              testing::ElementsAre(
+                  "ERROR TavixSettingsConnection: TAVIX_SETTINGS_SERVER: '127.0.0.1:notaport' is not an endpoint: "
+                  "the port must be a number from 1 to 65535",
+                  "ERROR TavixSettingsConnection: TAVIX_SETTINGS_SERVER: 'unix:' is not an endpoint: the path must "
+                  "have 1 to 107 bytes"));
+  EXPECT_THAT(connection.DescribeFailure(), testing::StartsWith("TAVIX_SETTINGS_SERVER: 'unix:' is not an endpoint"));
 }
 
 TEST(TavixSettingsTcpConnection, AServerThatComesUpMeanwhileIsFoundByALaterAttempt) {
