@@ -8,7 +8,7 @@ from __future__ import annotations
 from typing import Callable, Dict, Generic, List, Optional, Sequence, Tuple, TypeVar, Union, cast
 
 from . import _protocol as protocol
-from ._errors import ConditionFailedError, RefusedError
+from ._errors import ConditionFailedError, ConnectionLostError, RefusedError
 from ._names import (
     AnyDocument,
     AnyKeys,
@@ -170,6 +170,11 @@ def features() -> Call[frozenset[bytes]]:
         return frozenset(line.split(b" ")[0] for line in lines)
 
     return Call(protocol.info_request(b"features") + protocol.EMPTY_GET_REQUEST, (Form.INFO, Form.DATA), finish)
+
+
+def unproven(address: object) -> ConnectionLostError:
+    problem = f"the connection to {address} was lost before the daemon had carried out what was sent"
+    return ConnectionLostError(problem, outcome_unknown=True)
 
 
 def _find_reason(reply: object) -> Optional[str]:

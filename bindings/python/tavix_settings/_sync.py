@@ -324,8 +324,7 @@ class Store:
             has_lost = self._writes.has_lost
             self._writes.forget_lost()
         if has_lost:
-            problem = f"the connection to {self._address} was lost before the daemon had carried out what was sent"
-            raise ConnectionLostError(problem, outcome_unknown=True)
+            raise calls.unproven(self._address)
 
     def _connect(self, deadline: Optional[float]) -> _Connection:
         connection = self._connection

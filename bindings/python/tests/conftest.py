@@ -1,12 +1,15 @@
 """One suite for all stores: each is driven through the calls of the one that waits."""
 
+import asyncio
+import functools
 import itertools
 import os
 
 import pytest
 
-import tavix_settings
-from tavix_settings.testing import FakeStore, RealDaemon
+import tavix_settings.aio
+from tavix_settings.aio import AsyncWatch
+from tavix_settings.testing import AsyncFakeStore, FakeStore, RealDaemon
 
 DEFAULTS = {
     "Device/Identity": {"model": "NC-240", "name": "Camera"},
@@ -34,14 +37,64 @@ def daemon():
         yield running
 
 
-class RealStores:
-    def __init__(self, daemon):
-        self._daemon = daemon
+class Driver:
+    """Calls an asyncio store, or a watch of it, as if it waited."""
+
+    def __init__(self, driven, loop):
+        self.driven = driven
+        self._loop = loop
+
+    def __getattr__(self, name):
+        call = getattr(self.driven, name)
+
+        def wait(*arguments, **options):
+            result = call(*arguments, **options)
+            if asyncio.iscoroutine(result):
+                return self._loop.run_until_complete(result)
+            return Driver(result, self._loop).__enter__() if isinstance(result, AsyncWatch) else result
+
+        return wait
+
+    def __enter__(self):
+        self._loop.run_until_complete(self.driven.__aenter__())
+        return self
+
+    def __exit__(self, *_):
+        self._loop.run_until_complete(self.driven.close())
+
+    def __repr__(self):
+        return repr(self.driven)
+
+    def __iter__(self):
+        return self
+
+    def __next__(self):
+        try:
+            return self._loop.run_until_complete(self.driven.__anext__())
+        except StopAsyncIteration:
+            raise StopIteration from None
+
+
+@pytest.fixture
+def loop():
+    made = asyncio.new_event_loop()
+    yield made
+    assert asyncio.all_tasks(made) == set()
+    made.run_until_complete(made.shutdown_default_executor())
+    made.close()
+
+
+class Stores:
+    """Opens stores that are closed with the test."""
+
+    def __init__(self, open_first, open_more):
+        self._open_first = open_first
+        self._open_more = open_more
         self._opened = []
 
-    def open(self, **options):
-        options.setdefault("timeout", PATIENCE)
-        self._opened.append(tavix_settings.connect(self._daemon.address, **options))
+    def open(self, *arguments, **options):
+        open_one = self._open_more if self._opened else self._open_first
+        self._opened.append(open_one(*arguments, **options))
         return self._opened[-1]
 
     def close(self):
@@ -49,24 +102,43 @@ class RealStores:
             store.close()
 
 
-class FakeStores:
-    def __init__(self):
-        self._first = FakeStore(DEFAULTS, RESTRICTED, timeout=PATIENCE)
-        self._opened = [self._first]
-
-    def open(self):
-        self._opened.append(self._first.connect())
-        return self._opened[-1]
-
-    def close(self):
-        for store in self._opened:
-            store.close()
+def connect_sync(address, **options):
+    options.setdefault("timeout", PATIENCE)
+    return tavix_settings.connect(address, **options)
 
 
-@pytest.fixture(params=["sync", "fake"])
+def connect_async(loop, address, **options):
+    options.setdefault("timeout", PATIENCE)
+    return Driver(tavix_settings.aio.connect(address, **options), loop).__enter__()
+
+
+@pytest.fixture(params=["sync", "aio"])
+def connect(request):
+    """Connects stores of either kind."""
+    open_one = connect_sync
+    if request.param == "aio":
+        open_one = functools.partial(connect_async, request.getfixturevalue("loop"))
+    made = Stores(open_one, open_one)
+    yield made.open
+    made.close()
+
+
+@pytest.fixture(params=["sync", "aio", "fake", "aio-fake"])
 def stores(request):
     """Opens stores that share one content."""
-    made = FakeStores() if request.param == "fake" else RealStores(request.getfixturevalue("daemon"))
+    loop = request.getfixturevalue("loop") if "aio" in request.param else None
+    if request.param == "sync":
+        open_one = functools.partial(connect_sync, request.getfixturevalue("daemon").address)
+        made = Stores(open_one, open_one)
+    elif request.param == "aio":
+        open_one = functools.partial(connect_async, loop, request.getfixturevalue("daemon").address)
+        made = Stores(open_one, open_one)
+    elif request.param == "fake":
+        fake = FakeStore(DEFAULTS, RESTRICTED, timeout=PATIENCE)
+        made = Stores(lambda: fake, fake.connect)
+    else:
+        fake = AsyncFakeStore(DEFAULTS, RESTRICTED, timeout=PATIENCE)
+        made = Stores(lambda: Driver(fake, loop), lambda: Driver(fake.connect(), loop))
     yield made
     made.close()
 
@@ -74,21 +146,6 @@ def stores(request):
 @pytest.fixture
 def store(stores):
     return stores.open()
-
-
-@pytest.fixture
-def connect():
-    """Connects stores that the test's end closes."""
-    opened = []
-
-    def open_store(address, **options):
-        options.setdefault("timeout", PATIENCE)
-        opened.append(tavix_settings.connect(address, **options))
-        return opened[-1]
-
-    yield open_store
-    for each in opened:
-        each.close()
 
 
 @pytest.fixture
