@@ -152,7 +152,7 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
     // What the end cut off is handled as far as that is right: lists are answered, changes are not made.
     if (length == 0 && _peerEnded) length = rest.size();
     if (length == 0) break;
-    if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length);
+    if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length, rest);
     _request.SetText(rest.substr(0, length));
     const bool isFollowed = length < rest.size();
     if (isFollowed) limit.Begin();
@@ -309,7 +309,7 @@ bool Connection::OnTick(Clock::time_point now) {
     return Cut(CutReason::kBacklog, unread);
   const bool unfinished = !_input.empty() && !_hasMore && !_isPaused && !_isInLane && HasRoom();
   if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
-    return Cut(CutReason::kRequestTime, _input.size());
+    return Cut(CutReason::kRequestTime, _input.size(), _input);
   return true;
 }
 
@@ -325,18 +325,19 @@ bool Connection::CheckInput() {
     UpdateInterest();
     return true;
   }
-  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut(CutReason::kLine, _input.size());
-  if (_input.size() > _limits.requestBytes) return Cut(CutReason::kRequest, _input.size());
+  if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut(CutReason::kLine, _input.size(), _input);
+  if (_input.size() > _limits.requestBytes) return Cut(CutReason::kRequest, _input.size(), _input);
   return true;
 }
 
 // Returns false. A line that can't be written for want of memory is left out.
-bool Connection::Cut(CutReason reason, size_t figure) noexcept {
+bool Connection::Cut(CutReason reason, size_t figure, std::string_view sent) noexcept {
   const LogPeer peer(_logPeer, static_cast<int>(reason));
   _isTold = true;
   _counters.Count(reason);
   try {
-    Log()->Warning("%s: connection cut: %s %zu", _peer.c_str(), TextOf(reason), figure);
+    Log()->Warning("%s: connection cut: %s %zu%s", _peer.c_str(), TextOf(reason), figure,
+                   DescribeSent(reason, sent, _limits).c_str());
   } catch (const std::exception&) {
   }
   return false;

@@ -136,7 +136,7 @@ class Connection : private SlowLane::IJob {
   auto HoldingChanges(Work work);
   bool EndsNow();
   bool CheckInput();
-  bool Cut(CutReason reason, size_t figure) noexcept;
+  bool Cut(CutReason reason, size_t figure, std::string_view sent = {}) noexcept;
   void TellWhyItEnds() noexcept;
   void OnKept() TAVIX_EXCLUDES(_interestMutex);
   bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }

@@ -1,6 +1,21 @@
 #include "programs/server/connections/CutText.h"
 
+#include <algorithm>
+
+#include "tavix/core/SettingsText.h"
+
 namespace tavix::daemon {
+
+namespace {
+
+constexpr size_t kMaxShown = 60;
+
+std::string FirstLineOf(std::string_view text) {
+  const size_t end = std::min({text.find_first_of("\r\n"), text.size(), kMaxShown + 1});
+  return core::PrintableText(std::string(text.substr(0, end)), kMaxShown);
+}
+
+}  // namespace
 
 const char* TextOf(CutReason reason) {
   switch (reason) {
@@ -31,6 +46,18 @@ const char* TextOf(CutReason reason) {
       break;
   }
   return "";
+}
+
+std::string DescribeSent(CutReason reason, std::string_view sent, const Limits& limits) {
+  std::string expected;
+  if (reason == CutReason::kTls) return ": expected text";
+  if (reason == CutReason::kHttp) expected = "expected a command";
+  if (reason == CutReason::kRequestTime)
+    expected = "expected the end of the request within " + std::to_string(limits.requestSeconds) + " s";
+  if (reason == CutReason::kLine) expected = "expected at most " + std::to_string(limits.lineBytes);
+  if (reason == CutReason::kRequest) expected = "expected at most " + std::to_string(limits.requestBytes);
+  if (expected.empty()) return "";
+  return ": " + expected + ", found \"" + FirstLineOf(sent) + "\"";
 }
 
 }  // namespace tavix::daemon

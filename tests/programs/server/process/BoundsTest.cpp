@@ -38,17 +38,20 @@ void ExpectCut(const std::vector<std::string>& arguments, const std::string& sen
 }  // namespace
 
 TEST(Bounds, LineThatIsTooLongEndsItsConnection) {
-  ExpectCut({}, std::string(16 * kMegabyte + 70'000, 'x'), "connection cut: line too long");
+  ExpectCut({}, std::string(16 * kMegabyte + 70'000, 'x'),
+            ": expected at most 16777216, found \"" + std::string(60, 'x') + "...\"\n");
 }
 
 TEST(Bounds, RequestThatIsTooLongEndsItsConnection) {
   std::string lines = "merge\n[A]\n";
   while (lines.size() < 200 * 1024) lines += "key" + std::to_string(lines.size()) + "=value\n";
-  ExpectCut({"--max-request", "131072"}, lines, "connection cut: request too long");
+  ExpectCut({"--max-request", "131072"}, lines, ": expected at most 131072, found \"merge\"\n");
 }
 
 TEST(Bounds, RequestThatStaysUnfinishedEndsItsConnection) {
-  ExpectCut({"--request-timeout", "1"}, "merge\n[A]\nx=1\n", "connection cut: unfinished request");
+  ExpectCut({"--request-timeout", "1"}, "merge\n[A]\nx=1\n",
+            "connection cut: unfinished request, bytes 14: expected the end of the request within 1 s, found "
+            "\"merge\"\n");
 }
 
 TEST(Bounds, ChangeThatTheStoreHasNoRoomForIsNotMadeAndTheClientStays) {
@@ -283,7 +286,8 @@ TEST(Bounds, ManyRequestsThatComeAtOnceAreNotTakenForOneLineOrOneRequest) {
 }
 
 TEST(Bounds, WebPageCanWriteNothing) {
-  ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n", "connection cut: HTTP is not our protocol");
+  ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n",
+            "connection cut: HTTP is not our protocol, bytes 18: expected a command, found \"POST /x HTTP/1.1\"\n");
 }
 
 TEST(Bounds, OpeningOfAnotherProtocolIsRefusedHoweverItComes) {
@@ -300,7 +304,8 @@ TEST(Bounds, LinesOfAListAreNoOpening) {
 }
 
 TEST(Bounds, TlsHandshakeIsRefused) {
-  ExpectCut({}, std::string("\x16\x03\x01\x02\x00\x01", 6), "connection cut: TLS is not our protocol");
+  ExpectCut({}, std::string("\x16\x03\x01\x02\x00\x01", 6),
+            "connection cut: TLS is not our protocol, bytes 6: expected text\n");
 }
 
 TEST(Bounds, CommandThatLooksLikeARequestForAPageIsOnlyUnknown) {
