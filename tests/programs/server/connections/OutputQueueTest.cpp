@@ -125,7 +125,7 @@ TEST_F(HoldingQueue, HoldingFromNowOnHoldsMessagesThatShowNothing) {
 
 TEST_F(HoldingQueue, IsLetGoWhenTheDiskFails) {
   Write("a\n", Change());
-  _gate.LetGo();
+  _gate.StopHolding();
   EXPECT_EQ(Receive(), "a\n");
 }
 
@@ -166,7 +166,7 @@ TEST_F(HoldingQueue, MoreThanIsKeptBreaksIt) {
   Write(std::string(kMost + 1, 'a'), Change());
   EXPECT_TRUE(_queue->IsBroken());
   EXPECT_EQ(_queue->GetKeptBytes(), 0u);
-  _gate.LetGo();
+  _gate.StopHolding();
   EXPECT_EQ(Receive(), "");
 }
 
@@ -184,7 +184,7 @@ TEST_F(HoldingQueue, WhatThePeerDoesNotReadIsNotCountedAsHeld) {
   Write(std::string(kMost / 2 + 1, 'a'));
   Write(std::string(kMost / 2 + 1, 'b'), Change());
   EXPECT_FALSE(_queue->IsBroken());
-  _gate.LetGo();
+  _gate.StopHolding();
   Write(std::string(1, 'c'));
   EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kUnread);
 }
