@@ -16,7 +16,8 @@ namespace {
 
 constexpr char kFooter[] =
     R"(One setting is '[group]key', quoted for the shell, or GROUP KEY; a bare word is a
-group or a '*' pattern; '-' as a value is standard input.
+group or a '*' pattern; '-' as a value is standard input; all words behind '--'
+are taken as they are.
 
 Exit status: 0 done; 1 the answer is no; 2 usage; 3 no server, or it was lost or
 silent; 4 a condition failed; 5 refused; 6 input does not parse; 7 not applied;

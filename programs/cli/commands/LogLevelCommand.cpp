@@ -98,7 +98,8 @@ int SetLevel(Context& context, const Options& options) {
 
 int LogLevel(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
-  RefuseEmptyName({options.group}, !options.isGroupGiven);
+  if (options.isGroupGiven && options.group.empty())
+    throw Failure(kExitUsage, "expected a log group, found an empty text");
   if (!options.isGroupGiven) {
     PrintLevels(context, ReadLevels(context.GetSession(), "*"));
     return kExitDone;

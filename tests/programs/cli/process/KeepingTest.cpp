@@ -1,8 +1,10 @@
 #include <optional>
+#include <thread>
 
 #include "tests/programs/cli/process/CommandTest.h"
 #include "tests/programs/server/process/FileFaultsModule.h"
 #include "tests/support/FileFaults.h"
+#include "tests/support/ListeningSocket.h"
 
 namespace tavix::test {
 
@@ -29,15 +31,26 @@ std::vector<Case> AllChanges() {
           {{"resource", "reserve", "R", "2", "-c", "Me"}, "booked", ": Me has 2 of R"}};
 }
 
+// Until it ends so, or its peer is gone.
+void AwaitRequest(const osa::Descriptor& peer, const std::string& end) {
+  std::string received;
+  for (std::string part; received.size() < end.size() || received.substr(received.size() - end.size()) != end;
+       received += part) {
+    part = ReceiveOnce(peer);
+    if (part.empty()) return;
+  }
+}
+
 // A command over a daemon of each kind.
 class Keeping : public testing::Test {
  protected:
-  Outcome Run(const Daemon& daemon, Words words) const {
+  Outcome Run(const Daemon& daemon, const Words& words) const { return Run(daemon.AwaitAddresses().front(), words); }
+
+  Outcome Run(const std::string& address, Words words) const {
     words.insert(words.begin(), {TAVIX_CLI_PROGRAM, "-t", "80"});
-    return RunToEnd(_directory.GetPath(), words, "[C]\nz=1\n",
-                    {{"TAVIX_SETTINGS_SERVER", daemon.AwaitAddresses().front()},
-                     {"TMPDIR", _directory.GetPath()},
-                     {"EDITOR", "sed -i s/x=1/x=2/"}});
+    return RunToEnd(
+        _directory.GetPath(), words, "[C]\nz=1\n",
+        {{"TAVIX_SETTINGS_SERVER", address}, {"TMPDIR", _directory.GetPath()}, {"EDITOR", "sed -i s/x=1/x=2/"}});
   }
 
   const TemporaryDirectory _directory;
@@ -77,6 +90,19 @@ TEST_F(Keeping, ChangesThatAFailingDiskCanNotKeepAreExitStatus9) {
   }
   faults.Succeed();
   EXPECT_TRUE(Eventually([&] { return Run(*daemon, {"set", "[D]x=2"}).errors == "done: 1 setting\n"; }));
+}
+
+TEST_F(Keeping, OlderDaemonLeavesItOpen) {
+  const ListeningSocket listener;
+  std::thread server([&] {
+    const osa::Descriptor peer = listener.Accept();
+    AwaitRequest(peer, "get delimited\nB\n.\n");
+    Send(peer, "data\n[B]\ny=1\n.\n");
+    AwaitRequest(peer, "info server\nget delimited\n.\n");
+    Send(peer, "data\n.\n");
+  });
+  EXPECT_EQ(Run("127.0.0.1:" + std::to_string(listener.GetPort()), {"set", "[B]y=1"}).errors, "done: 1 setting\n");
+  server.join();
 }
 
 TEST_F(Keeping, FileKeepsChanges) {

@@ -68,9 +68,9 @@ TEST_F(SetCommand, RefusesAnEmptyGroupNameUnlessItIsMeant) {
                                                {"unset", "[]key"},
                                                {"delete", ""},
                                                {"reset", ""},
-                                               {"edit", ""},
-                                               {"log-level", "", "trace"}})
+                                               {"edit", ""}})
     ExpectRun(words, 2, "", refused);
+  ExpectRun({"log-level", "", "trace"}, 2, "", "tavix-settings: expected a log group, found an empty text\n");
   EXPECT_EQ(AskUser(), ".\n");
   ExpectRun({"set", "--allow-empty", "[]key=1"}, 0, "", "done: 1 setting\n");
   ExpectRun({"get", "[]key"}, 0, "1\n", "");
