@@ -23,7 +23,7 @@ class CommandLine {
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
-  // Adds a command to the program, or to a command that only groups others; whoever adds one declares its options.
+  // Adds a command to the program, or to a command that only groups others; the caller declares its options.
   // Aliases stand behind the name, each behind a comma.
   CommandOptions Add(const std::string& names, const std::string& description, Action action);
   CommandOptions AddGroup(const std::string& name, const std::string& description);
