@@ -10,12 +10,11 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr uint64_t kLeastFilled = 64 * 1024;
+constexpr uint64_t kMinFilled = 64 * 1024;
 constexpr uint64_t kMaxFilled = 1024 * 1024;
-constexpr uint64_t kSpare = 16 * 1024;
 
 uint64_t CountFilledAhead(uint64_t end) {
-  return std::clamp(end, kLeastFilled, kMaxFilled);
+  return std::clamp(end, kMinFilled, kMaxFilled);
 }
 
 }  // namespace
@@ -114,11 +113,12 @@ void Journal::Begin() {
 
 // A part of a record may stand there, too, for which there was no room. The room is for a snapshot: a record that took
 // it would leave none for the next try, so there is none for records until the spare room can be had again.
-void Journal::GiveRoomBack() {
+void Journal::GiveRoomBack(bool withSpare) {
   if (_appending.isUnderWay) return;
   _fillsAhead = false;
-  _file->Truncate(_end);
-  _filled = _end;
+  const uint64_t end = withSpare ? _end : std::min(_filled, _end + _spare);
+  _file->Truncate(end);
+  _filled = end;
 }
 
 // Takes the room for as much as is filled ahead. False when it can't be had.

@@ -53,10 +53,19 @@ class Journal {
   void WriteAppended(const Texts& writeTexts);
   void EndAppend();
 
-  // Gives the room behind the last record back to the disk, and fills nothing ahead until the second is called. Not
-  // beside an Append; between BeginAppend and EndAppend it does nothing.
-  void GiveRoomBack();
+  // The room behind the records that stays free of them: a snapshot of few settings finds it, however full the disk is.
+  static constexpr uint64_t kSpare = 16 * 1024;
+
+  // Gives the room behind the last record back to the disk, and fills nothing ahead until the second is called.
+  // withSpare: the spare room, too. A longer snapshot must not get that: if no next journal can be made behind it, this
+  // one goes on, and the spare room is all that there is for the next try. Not beside an Append; does nothing between
+  // BeginAppend and EndAppend.
+  void GiveRoomBack(bool withSpare);
   void FillAgain() { _fillsAhead = true; }
+
+  // False when there was no room for it. The second tries once more to take it; for the thread that appends.
+  bool HasSpareRoom() const { return _spare > 0; }
+  void TakeSpareRoom() { FillAhead(_end); }
 
   // From now on a new journal counts, instead of the one before: with all that was appended so far, or not at all.
   void Begin();
@@ -109,7 +118,7 @@ class Journal {
   bool _extends = false;  // has a change that extends groups, and says so once it has begun
   uint64_t _filled = 0;   // so far the file has been written to
   std::atomic<bool> _fillsAhead{true};
-  uint64_t _spare = 0;  // of that, what stays free of records: room for a snapshot of few settings
+  uint64_t _spare = 0;  // of that, what stays free of records
   uint32_t _checksum;
   Appending _appending;
 };

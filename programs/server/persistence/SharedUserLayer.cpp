@@ -299,11 +299,11 @@ SnapshotMoment SharedUserLayer::BeginSnapshot() {
   return moment;
 }
 
-void SharedUserLayer::GiveRoomBack() {
+void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {
   const osa::PlainMutexLock lock(_mutex);
   for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
     try {
-      if (journal) journal->GiveRoomBack();
+      if (journal) journal->GiveRoomBack(snapshotBytes <= Journal::kSpare);
     } catch (const std::exception& exception) {
       _log.AddWarning(ReasonOf(exception));
     }

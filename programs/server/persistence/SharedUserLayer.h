@@ -117,8 +117,8 @@ class SharedUserLayer {
   // The snapshot's text is whole. Under the store's read lock.
   SnapshotMoment BeginSnapshot();
 
-  // Cuts the zeros behind the last record off the journals.
-  void GiveRoomBack();
+  // Cuts zeros behind the last record off the journals, for a snapshot of so many bytes.
+  void GiveRoomBack(size_t snapshotBytes);
 
   void FailSnapshot(const char* reason);
 

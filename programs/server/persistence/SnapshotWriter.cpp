@@ -85,7 +85,7 @@ void SnapshotWriter::Replace(const Text& text) {
       return;
     } catch (const NoRoom&) {
       if (room == Room::kAsItIs) {
-        _layer.GiveRoomBack();
+        _layer.GiveRoomBack(text.bytes.size());
       } else if (room == Room::kWithoutBackup || !RemoveBackup()) {
         throw;
       }
@@ -109,8 +109,11 @@ void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
     try {
       SharedUserLayer::Ticket last = snapshot.last;
       const std::shared_ptr<Journal> next = MakeNextJournal(snapshot.id, last);
+      // Nothing behind the snapshot is in the journal before, which may have filled the disk.
+      const bool mayTakePlace = next && !next->HasChanges();
+      const bool isNone = _layer.GetSetup().durability.kind == Durability::Kind::kNone;  // no sync comes
       _layer.Follow(snapshot, next, last);
-      if (next && _layer.GetSetup().durability.kind == Durability::Kind::kNone) _layer.TakePlaceNamed(*next);
+      if (next && (isNone || mayTakePlace)) _layer.TakePlaceNamed(*next);
       if (!next) _layer.RemoveOldJournal();
     } catch (const std::exception& exception) {
       _layer.FailToFollow(snapshot, ReasonOf(exception), _files);
@@ -123,6 +126,8 @@ void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
 std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last) {
   if (!_layer.NeedsNextJournal()) return nullptr;
   std::shared_ptr<Journal> next = _layer.CreateNextJournal(snapshot);
+  // The journal before, which may have filled the disk, stays until this one stands.
+  if (!next->HasSpareRoom() && RemoveBackup()) next->TakeSpareRoom();
   AppendChanges(*next);
   if (_layer.GetSetup().durability.kind != Durability::Kind::kNone) next->SyncRecords();  // leaves the next sync little
   _layer.TakeOver();

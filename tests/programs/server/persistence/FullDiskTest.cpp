@@ -135,13 +135,24 @@ TEST_F(FullDisk, KeepsTheBackupOfADamagedSnapshot) {
 TEST_F(FullDisk, RoomThatAJournalGaveBackIsNotForRecords) {
   MemoryFiles files;
   const auto journal = daemon::Journal::Create(files, kUserFile, {1, 2}, {{"", "[A]\nx=1\n"}});
-  journal->GiveRoomBack();
+  journal->GiveRoomBack(true);
   EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd());
   EXPECT_THROW(journal->Append({"", "[A]\nx=2\n"}), daemon::NoRoom);
   EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd());
   journal->FillAgain();
   journal->Append({"", "[A]\nx=2\n"});
   EXPECT_GT(files.Get("user.ini.journal.new").size(), journal->GetEnd());
+}
+
+// It is for a snapshot of few settings, when this one had no room for a journal behind it.
+TEST_F(FullDisk, ALongSnapshotLeavesTheJournalItsSpareRoom) {
+  MemoryFiles files;
+  const auto journal = daemon::Journal::Create(files, kUserFile, {1, 2}, {{"", "[A]\nx=1\n"}});
+  journal->GiveRoomBack(false);
+  EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd() + daemon::Journal::kSpare);
+  EXPECT_THROW(journal->Append({"", "[A]\nx=2\n"}), daemon::NoRoom);
+  journal->GiveRoomBack(true);
+  EXPECT_EQ(files.Get("user.ini.journal.new").size(), journal->GetEnd());
 }
 
 }  // namespace tavix::test

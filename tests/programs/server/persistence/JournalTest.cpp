@@ -139,10 +139,10 @@ TEST(Journal, GivesNoRoomBackWhileAChangeIsWritten) {
   const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
   const size_t size = files.Get(kOnItsWay).size();
   journal->BeginAppend({false, 0, 9});
-  journal->GiveRoomBack();
+  journal->GiveRoomBack(true);
   EXPECT_EQ(files.Get(kOnItsWay).size(), size);
   journal->EndAppend();
-  journal->GiveRoomBack();
+  journal->GiveRoomBack(true);
   EXPECT_EQ(files.Get(kOnItsWay).size(), journal->GetEnd());
 }
 
