@@ -142,7 +142,8 @@ std::vector<OptionEntry> MakeTable() {
        Number(&Options::stopSeconds, kMostSeconds)},
 
       {"Seeing inside", "log-level", "LEVEL", Kind::kValue, true,
-       "error, warning, notice, information or trace (notice). SIGHUP has the four log options read again",
+       "error, warning, notice, information or trace (notice). Information adds who comes and who changes what, trace "
+       "the values. SIGHUP has the four log options read again",
        [](Options& options, const std::string& value) { options.log.level = ParseLogLevel(value); }},
       {"", "log-stderr", "", Kind::kFlag, true, "log to standard error (true)", LogFlag(&LogOptions::standardError)},
       {"", "log-syslog", "", Kind::kFlag, true, "log to the system log (false)", LogFlag(&LogOptions::systemLog)},
