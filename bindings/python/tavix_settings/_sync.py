@@ -34,6 +34,7 @@ from ._watching import Backoff, Change, WatchState
 from ._writes import Writes
 
 T = TypeVar("T")
+S = TypeVar("S", bound="Store")
 C = TypeVar("C", Change[str], Change[bytes])
 OpenLink = Callable[[Optional[float], Optional[Waker]], Link]
 
@@ -129,7 +130,7 @@ class Store:
             self._connection = None
             connection.link.close()
 
-    def __enter__(self) -> Store:
+    def __enter__(self: S) -> S:
         return self
 
     def __exit__(

@@ -47,6 +47,7 @@ from ._writes import Writes
 __all__ = ["AsyncStore", "AsyncWatch", "connect"]
 
 T = TypeVar("T")
+S = TypeVar("S", bound="AsyncStore")
 C = TypeVar("C", Change[str], Change[bytes])
 OpenLink = Callable[[Optional[float]], Awaitable[AsyncLink]]
 
@@ -163,7 +164,7 @@ class AsyncStore:
         self._connection: Optional[_Connection] = None
         self._writes = Writes()
 
-    async def open(self) -> AsyncStore:
+    async def open(self: S) -> S:
         """Connects unless there is a connection."""
         await self._connect(self._begin())
         return self
@@ -177,10 +178,10 @@ class AsyncStore:
         elif connection is not None:
             connection.end(self._closed())
 
-    def __await__(self) -> Generator[Any, None, AsyncStore]:
+    def __await__(self: S) -> Generator[Any, None, S]:
         return self.open().__await__()
 
-    async def __aenter__(self) -> AsyncStore:
+    async def __aenter__(self: S) -> S:
         return await self.open()
 
     async def __aexit__(

@@ -1,13 +1,20 @@
 """The sources themselves."""
 
 import ast
+import re
 from pathlib import Path
 
 import pytest
 
+import tavix_settings
+
 FOLDER = Path(__file__).parents[1]
 SOURCES = sorted(FOLDER.glob("tavix_settings/**/*.py"))
 TESTS = sorted(FOLDER.glob("tests/*.py"))
+
+
+def read(path):
+    return path.read_text(encoding="utf-8")
 
 
 def name_of(path):
@@ -20,19 +27,25 @@ def test_there_are_sources():
 
 @pytest.mark.parametrize("path", SOURCES, ids=name_of)
 def test_parses_as_the_oldest_python_that_is_promised(path):
-    ast.parse(path.read_text(encoding="utf-8"), feature_version=(3, 9))
+    ast.parse(read(path), feature_version=(3, 9))
 
 
 @pytest.mark.parametrize("path", SOURCES + TESTS, ids=name_of)
 def test_begins_with_what_it_is_for_and_has_no_line_too_wide(path):
-    text = path.read_text(encoding="utf-8")
+    text = read(path)
     assert ast.get_docstring(ast.parse(text))
     assert max(map(len, text.splitlines())) <= 120
 
 
 @pytest.mark.parametrize("name", ["_protocol", "_text", "_watching", "_calls", "_names", "_writes"])
 def test_the_core_knows_no_socket_and_no_clock(name):
-    tree = ast.parse((FOLDER / "tavix_settings" / f"{name}.py").read_text(encoding="utf-8"))
+    tree = ast.parse(read(FOLDER / "tavix_settings" / f"{name}.py"))
     imported = {alias.name for node in ast.walk(tree) if isinstance(node, ast.Import) for alias in node.names}
     imported |= {node.module for node in ast.walk(tree) if isinstance(node, ast.ImportFrom)}
     assert not imported & {"socket", "select", "time", "asyncio", "threading", "os", "_link"}
+
+
+def test_the_version_is_that_of_the_project():
+    project = re.search(r"^project\(.* VERSION ([0-9.]+) ", read(FOLDER.parents[1] / "CMakeLists.txt"), re.MULTILINE)
+    assert tavix_settings.__version__ == project.group(1)
+    assert f'version = "{project.group(1)}"' in read(FOLDER / "pyproject.toml")

@@ -97,11 +97,18 @@ def test_leaving_the_loop_leaves_nothing_of_a_watch(store):
 def test_ctrl_c_ends_a_watch(store):
     before = count_descriptors()
     watch = store.watch("*")
-    interrupt = threading.Timer(0.05, lambda: os.kill(os.getpid(), signal.SIGINT))
-    interrupt.start()
+
+    def interrupt():
+        while watch._lock.acquire(blocking=False):  # until the other thread is in next()
+            watch._lock.release()
+            time.sleep(0.001)
+        os.kill(os.getpid(), signal.SIGINT)
+
+    interrupter = threading.Thread(target=interrupt)
+    interrupter.start()
     with pytest.raises(KeyboardInterrupt):
         next(watch)
-    interrupt.join()
+    interrupter.join()
     assert list(watch) == []
     assert count_descriptors() == before
 

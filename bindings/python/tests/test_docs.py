@@ -1,0 +1,79 @@
+"""What docs/python.md shows."""
+
+import os
+import re
+import shlex
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from conftest import PATIENCE
+
+from tavix_settings._names import decode_document
+from tavix_settings._text import parse_text
+from tavix_settings.testing import RealDaemon
+
+ROOT = Path(__file__).parents[3]
+BLOCK = re.compile(r"^```([a-z ]+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+BLOCKS = BLOCK.findall((ROOT / "docs" / "python.md").read_text(encoding="utf-8"))
+DEFAULTS = decode_document(parse_text(BLOCKS[0][1].encode(), "docs/python.md"))
+# A block, and what it prints: what the block behind it shows, if that is text.
+PROGRAMS = [
+    (code, following[1] if following[0] == "text" else "")
+    for (kind, code), following in zip(BLOCKS, [*BLOCKS[1:], ("", "")])
+    if kind == "python"
+]
+SESSIONS = [text for kind, text in BLOCKS if kind == "console"]
+TESTS = [code for kind, code in BLOCKS if kind == "python pytest"]
+
+
+# The page shows the default time-outs, which a machine of tests may need for nothing at all.
+PATIENT = f"""\
+import tavix_settings.aio
+for connect in (tavix_settings.connect, tavix_settings.aio.connect):
+    connect.__kwdefaults__["timeout"] = {PATIENCE}
+"""
+
+
+def run(command, address, **options):
+    environment = {**os.environ, "TAVIX_SETTINGS_SERVER": address, "PYTHONPATH": str(ROOT / "bindings" / "python")}
+    return subprocess.run(
+        command, env=environment, stdout=subprocess.PIPE, timeout=PATIENCE, check=True, text=True, **options
+    ).stdout
+
+
+@pytest.fixture
+def address():
+    with RealDaemon(DEFAULTS) as daemon:
+        yield daemon.address
+
+
+def test_the_page_has_blocks_of_each_kind():
+    assert BLOCKS[0][0] == "ini defaults"
+    assert (len(PROGRAMS), len(SESSIONS), len(TESTS)) == (7, 1, 1)
+
+
+@pytest.mark.parametrize(["code", "output"], PROGRAMS)
+def test_programs_print_what_the_page_shows(code, output, address):
+    assert run([sys.executable, "-W", "error", "-c", PATIENT + code], address) == output
+
+
+@pytest.mark.parametrize("session", SESSIONS)
+def test_commands_print_what_the_page_shows(session, address):
+    for command, output in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", session, re.MULTILINE):
+        program, *arguments = shlex.split(command)
+        assert (program, *arguments[:2]) == ("python3", "-m", "tavix_settings")
+        arguments[2:2] = ["--timeout", str(PATIENCE)]
+        assert run([sys.executable, *arguments], address) == output
+
+
+@pytest.mark.parametrize("code", TESTS)
+def test_tests_pass(code, tmp_path):
+    (tmp_path / "test_page.py").write_text(code, encoding="utf-8")
+    run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider"], "", cwd=tmp_path)
+
+
+def test_the_example_prints_what_the_page_of_examples_promises():
+    with RealDaemon(options=["--defaults", str(ROOT / "examples" / "device" / "defaults.d")]) as daemon:
+        assert run([sys.executable, str(ROOT / "examples" / "read-value.py")], daemon.address) == "1920x1080\n"
