@@ -77,12 +77,14 @@ set(internal_headers
     tavix/settings/server/NoticeText.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h
+    tavix/settings/server/RequestInput.h
     tavix/settings/server/RequestLists.h
     tavix/settings/server/StoreAccount.h
     tavix/settings/server/StoreChange.h
     tavix/settings/server/StoreDocuments.h
     tavix/settings/server/StoreLoader.h
     tavix/settings/server/StoreText.h
+    tavix/settings/server/StreamOutput.h
     tavix/settings/server/TextInParts.h
     tavix/settings/server/UnrestrictedPart.h
     tavix/settings/server/Words.h)

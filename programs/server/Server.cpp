@@ -41,7 +41,8 @@ const std::string kAnybody = "all peers";  // for the log, before it is known wh
 // the process then has descriptors for.
 Limits WithinDescriptors(Limits limits, size_t loops) {
   const rlim_t reserved = kReservedDescriptors + kDescriptorsOfALoop * loops;
-  const rlim_t wanted = limits.connections + reserved;
+  const rlim_t needed = limits.connections + reserved;
+  const rlim_t wanted = limits.connections + needed;  // departed connections keep theirs for a while
   rlimit possible{};
   if (getrlimit(RLIMIT_NOFILE, &possible) != 0) return limits;
   if (possible.rlim_cur < wanted) {
@@ -49,13 +50,13 @@ Limits WithinDescriptors(Limits limits, size_t loops) {
     setrlimit(RLIMIT_NOFILE, &possible);
   }
   const rlim_t descriptors = std::max(possible.rlim_cur, reserved + 1);
-  limits.connections = static_cast<size_t>(std::min(wanted, descriptors) - reserved);
+  limits.connections = static_cast<size_t>(std::min(needed, descriptors) - reserved);
   return limits;
 }
 
 // What a handler is given.
 settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server::SerializationManager& serializations,
-                                          const Limits& limits, settings::server::IMessageObserver& observer) {
+                                          const Limits& limits) {
   settings::server::ServerEnv env;
   env.settingsManager = &store.GetManager();
   env.serializationManager = &serializations;
@@ -65,7 +66,6 @@ settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server
   env.mostPatterns = limits.patterns;
   env.maxNameBytes = limits.nameBytes;
   env.maxMatchingWork = limits.work;
-  env.messageObserver = &observer;
   return env;
 }
 
@@ -102,10 +102,9 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _counters(counters),
       _limits(WithinDescriptors(options.limits, options.loops)),
       _places(_limits.connections),
-      _messageHolder(store.GetGate()),
       _subscriptionBudget(_limits.allSubscriptionBytes),
       _info(counters, store.GetManager(), KeptChangesOf(options)),
-      _env(EnvironmentOf(store, _serializationManager, _limits, _messageHolder)),
+      _env(EnvironmentOf(store, _serializationManager, _limits)),
       _bounds{SharedBound(_limits.allRequestBytes), SharedBound(_limits.allBacklogBytes)},
       _listeners(std::move(listeners)),
       _spare(OpenSpare()) {

@@ -13,7 +13,6 @@
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/Listener.h"
 #include "programs/server/connections/LogLimiter.h"
-#include "programs/server/connections/MessageHolder.h"
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
 #include "programs/server/metrics/Counters.h"
@@ -88,7 +87,6 @@ class Server {
   const Limits _limits;  // with as many connections as there are descriptors for
   Places _places;
   settings::server::SerializationManager _serializationManager;
-  MessageHolder _messageHolder;
   settings::server::SubscriptionBudget _subscriptionBudget;
   const ServerInfo _info;
   settings::server::ServerEnv _env;

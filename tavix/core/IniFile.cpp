@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "tavix/core/AssignText.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/core/SettingsText.h"
 #include "tavix/core/SideBySide.h"
 #include "tavix/core/StringUtil.h"
@@ -151,6 +152,13 @@ void IniFile::LoadFromStream(std::istream& in) {
 
 void IniFile::LoadFromStream(std::istream& in, const std::string& source) {
   MergeSettings(ReadStream(in, source, nullptr));
+}
+
+void IniFile::LoadFromStream(ViewIstream& in) {
+  const std::string_view text = in.good() ? in.GetRest() : std::string_view();
+  in.Skip(text.size());
+  in.setstate(std::ios::eofbit);
+  LoadFromMemory(text, "settings text");
 }
 
 void IniFile::LoadFromMemory(std::string_view text, const std::string& source) {

@@ -12,6 +12,8 @@
 
 namespace tavix::core {
 
+class ViewIstream;
+
 // A settings document: groups of keys with values, all of them byte strings, in ascending byte order. A plain value.
 // A setting is missing when its group, or its key in the group, does not exist. An empty name, key or value is legal.
 //
@@ -50,6 +52,9 @@ class TAVIX_EXPORT IniFile {
   // Reads until the stream ends. source: what error texts call the stream.
   void LoadFromStream(std::istream& in);
   void LoadFromStream(std::istream& in, const std::string& source);
+
+  // The same from bytes where they lie.
+  void LoadFromStream(ViewIstream& in);
 
   // Write settings text whose every line ends with a line feed and is never "." alone. Texts written one after the
   // other read back as one document. A missing group writes nothing. The stream's state tells of failures.

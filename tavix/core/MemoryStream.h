@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "tavix/osa/Export.h"
-
 namespace tavix::core {
 
 // Appends what is written to a string, which the owner may read and clear at any time. Keeps its memory for the next
@@ -55,20 +53,15 @@ class StringOstream : public std::ostream {
   Buffer _buffer;
 };
 
-// Reads bytes that somebody else keeps. Made once, it serves one text after the other. Who finds that a stream is a
-// view may look at the bytes where they are.
+// Reads bytes that somebody else keeps. Made once, it serves one text after the other. A reader that is given a view,
+// and not just a stream, may look at the bytes where they are.
+//
+// Threads: one at a time.
 class ViewIstream final : public std::istream {
  public:
   ViewIstream() : std::istream(nullptr) {
     init(&_buffer);
     imbue(std::locale::classic());
-    pword(GetMark()) = this;
-  }
-
-  // The stream as a view, when it is one, else null. Works without run-time type information.
-  static ViewIstream* From(std::istream& in) {
-    auto* const view = static_cast<ViewIstream*>(in.pword(GetMark()));
-    return view && static_cast<std::istream*>(view) == &in ? view : nullptr;  // copyfmt() copies marks
   }
 
   // text: borrowed until the next call.
@@ -98,9 +91,6 @@ class ViewIstream final : public std::istream {
   }
 
  private:
-  // The index of the pword() of a view that holds its address.
-  TAVIX_EXPORT static int GetMark();
-
   struct Buffer : std::streambuf {
     // The get area is never written to; its type is that of all stream buffers.
     void SetText(std::string_view text) {

@@ -8,7 +8,6 @@
 #include <tuple>
 #include <utility>
 
-#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::core {
@@ -150,12 +149,6 @@ void SettingsTextReader::ReadLines(const char* begin, const char* end) {
 }
 
 void SettingsTextReader::ReadStream(std::istream& in) {
-  if (ViewIstream* view = ViewIstream::From(in); view && view->good()) {
-    const std::string_view rest = view->GetRest();
-    view->Skip(rest.size());
-    view->setstate(std::ios::eofbit);
-    return ReadLines(rest.data(), rest.data() + rest.size());
-  }
   char chunk[2048];
   std::string begun;  // of a line whose end is still to come
   while (const size_t size = TakeWhatIsAtHand(in, chunk, sizeof chunk)) {

@@ -7,10 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include "tavix/core/IniFile.h"
 #include "tests/support/ForeignLocale.h"
 
 namespace {
 
+using tavix::core::IniFile;
 using tavix::core::StringOstream;
 using tavix::core::ViewIstream;
 
@@ -92,13 +94,6 @@ TEST(ViewIstream, ANewTextReplacesAnUnreadRest) {
   EXPECT_EQ(in.get(), std::char_traits<char>::eof());
 }
 
-TEST(ViewIstream, IsFoundBehindAnIstream) {
-  ViewIstream in;
-  std::istringstream other("text");
-  EXPECT_EQ(ViewIstream::From(in), &in);
-  EXPECT_EQ(ViewIstream::From(other), nullptr);
-}
-
 // What one reader does with the stream, the other must do as well: same lines, same states.
 TEST(ViewIstream, TakesLinesAsGetlineDoes) {
   const std::string ways[] = {"", "\n", "a", "a\n", "a\nb", "\n\n", std::string("a\0b\r\n.\n", 7)};
@@ -129,6 +124,17 @@ TEST(ViewIstream, ShowsAndSkipsWhatIsLeft) {
   EXPECT_EQ(in.GetRest(), "");
 }
 
+TEST(ViewIstream, IsReadByADocumentWhereItsBytesLie) {
+  ViewIstream in;
+  in.SetText("skipped\n[A]\nx=1\n");
+  EXPECT_EQ(ReadLine(in), "skipped");
+  IniFile document;
+  document.LoadFromStream(in);
+  EXPECT_EQ(document.GetValueOrDefault("A", "x"), "1");
+  EXPECT_TRUE(in.eof());
+  EXPECT_EQ(in.GetRest(), "");
+}
+
 TEST(ViewIstream, DoesNotFollowTheProcesssLocale) {
   const tavix::test::ForeignLocale foreign;
   ViewIstream in;
@@ -136,24 +142,6 @@ TEST(ViewIstream, DoesNotFollowTheProcesssLocale) {
   int number = 0;
   in >> number;
   EXPECT_EQ(number, 1234567);
-}
-
-TEST(ViewIstream, IsFoundBehindItsBaseClass) {
-  ViewIstream in;
-  EXPECT_EQ(ViewIstream::From(in), &in);
-}
-
-TEST(ViewIstream, OtherStreamsAreNone) {
-  std::istringstream in("text");
-  EXPECT_EQ(ViewIstream::From(in), nullptr);
-  EXPECT_TRUE(in.good());
-}
-
-TEST(ViewIstream, StreamThatTakesOverItsFormatIsNone) {
-  const ViewIstream in;
-  std::istringstream other("text");
-  other.copyfmt(in);
-  EXPECT_EQ(ViewIstream::From(other), nullptr);
 }
 
 }  // namespace

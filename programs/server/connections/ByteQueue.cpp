@@ -10,7 +10,7 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr size_t kMostOfHead = 64 * 1024;
+constexpr size_t kMaxHead = 64 * 1024;
 constexpr size_t kBlock = 256 * 1024;
 constexpr size_t kKeptMemory = 4 * 1024;  // an empty queue keeps no more than this
 
@@ -27,7 +27,7 @@ ByteQueue::Block ByteQueue::MakeBlock() {
 }
 
 void ByteQueue::Append(const char* bytes, size_t count) {
-  if (_blocks.empty() && _head.size() + count <= kMostOfHead) {
+  if (_blocks.empty() && _head.size() + count <= kMaxHead) {
     _head.append(bytes, count);
     _size += count;
     return;

@@ -13,7 +13,8 @@ namespace tavix::daemon {
 // copies everything each time that it doubles: a notice to many stalled subscribers, whose queues are equally long,
 // would pay for all of them at once. And what many small allocations surround, the C library keeps.)
 //
-// Errors: std::bad_alloc, with the queue as it was but for whole blocks that were added.
+// Threads: one at a time.
+// Errors:  std::bad_alloc, with the queue as it was but for whole blocks that were added.
 class ByteQueue {
  public:
   size_t GetSize() const { return _size; }

@@ -10,11 +10,8 @@
 #include <new>
 #include <utility>
 
-#include "programs/server/connections/CutText.h"
 #include "programs/server/connections/LogPeer.h"
 #include "programs/server/connections/TurnLimit.h"
-#include "programs/server/system/SocketName.h"
-#include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -22,11 +19,6 @@ namespace tavix::daemon {
 using settings::server::ClientHandler;
 
 namespace {
-
-core::Logger* Log() {
-  static core::Logger* const logger = core::Logger::GetLogger("Connection");
-  return logger;
-}
 
 constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
 constexpr size_t kMaxDropped = 4 * 1024 * 1024;
@@ -58,35 +50,33 @@ Connection::Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const
       _wakeLoop(wakeLoop),
       _turnMilliseconds(shared.turnMilliseconds),
       _limits(shared.limits),
-      _counters(shared.counters),
       _lane(shared.lane),
-      _peer(PeerName(_descriptor)),
-      _logPeer(PeerWithoutPort(_descriptor)),
+      _report(_descriptor, shared.counters, shared.limits),
       _inputPart(shared.bounds.requests, _descriptor),
       _output(std::make_shared<OutputQueue>(
           _descriptor, OutputQueue::Bounds{_limits.hardBacklogBytes, _limits.heldBacklogBytes, shared.bounds.backlog},
           shared.gate, [this] { OnKept(); })),
-      _handler(std::in_place, shared.env, &_request, &_output->GetOstream()) {
+      _handler(std::in_place, shared.env, &_request, _output.get()) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.ptr = this;
   if (epoll_ctl(_poll, EPOLL_CTL_ADD, _descriptor, &event) != 0) {
     _output->Close();
-    throw osa::Exception("%s: Failed to watch it: %s", _peer.c_str(), std::strerror(errno));
+    throw osa::Exception("%s: Failed to watch it: %s", _report.GetPeer().c_str(), std::strerror(errno));
   }
-  Log()->Information("%s: connected", _peer.c_str());
+  _report.Connect();
 }
 
 // The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
 // which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
-// it is there, and bounded. However it was found that a bound was passed, it is told here.
+// it is there, and bounded. However it was found that a bound was passed, it is logged here.
 Connection::~Connection() {
-  if (_isInLane && _lane) _lane->Withdraw(*this);
+  if (IsInLane() && _lane) _lane->Withdraw(*this);
   _handler.reset();
-  TellWhyItEnds();
-  Log()->Information("%s: disconnected", _peer.c_str());
+  ReportEnd();
+  _report.Disconnect();
   _output->Close();
-  if (_inputEnded) DropInput(_descriptor);
+  if (_state == State::kDone) DropInput(_descriptor);
 }
 
 bool Connection::IsCut() const {
@@ -94,14 +84,14 @@ bool Connection::IsCut() const {
 }
 
 bool Connection::OnReadable(char* scratch, size_t size) {
-  if (_hasMore || _peerEnded || _isInLane) return true;  // first what has come
+  if (HasMore() || IsInLane() || _state == State::kPeerEnded) return true;  // first what has come
   const ssize_t count = recv(_descriptor, scratch, size, MSG_DONTWAIT);
   if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
   ++_reads;
   if (count < 0) _output->OnPeerGone();
-  if (_inputEnded) return count > 0 || _output->GetKeptBytes() > 0;
+  if (_state == State::kDone) return count > 0 || _output->GetKeptBytes() > 0;  // dropped
   if (count <= 0) {
-    _peerEnded = true;
+    _state = State::kPeerEnded;
     return TakeInput(_input);
   }
   const std::string_view received(scratch, static_cast<size_t>(count));
@@ -110,16 +100,17 @@ bool Connection::OnReadable(char* scratch, size_t size) {
   return TakeInput(_input);
 }
 
+// received: what was not handled yet, in the scratch memory or in _input. What is left of it is kept in _input.
 bool Connection::TakeInput(std::string_view received) {
   const bool wasUnfinished = !_input.empty();
   size_t handled = 0;
   if (!HandleRequests(received, handled)) return false;
-  received.remove_prefix(_inputEnded ? received.size() : handled);
+  received.remove_prefix(_state == State::kDone ? received.size() : handled);
   if (received.empty()) {
-    _input.clear();
-    _input.shrink_to_fit();
+    DropReceived();
     return CheckInput();
   }
+  // A request that was begun before has not moved: its time goes on to count. Ticks see that it ends.
   if (handled > 0 || !wasUnfinished) {
     _unfinishedSince = Clock::now();
     _input = std::string(received);
@@ -128,29 +119,38 @@ bool Connection::TakeInput(std::string_view received) {
   return CheckInput();
 }
 
+void Connection::DropReceived() {
+  _input.clear();
+  _input.shrink_to_fit();
+}
+
+// A failure ends the connection behind the replies that were made before.
 bool Connection::HandleRequests(std::string_view received, size_t& handled) {
   if (_opening.IsTls(received)) return Cut(CutReason::kTls, received.size());
-  _hasMore = _isPaused = false;
+  _progress = Progress::kCaughtUp;
   try {
     if (!HandleWhole(received, handled)) return false;
-    if (_hasMore || _isPaused || _isInLane) return true;
+    if (_progress != Progress::kCaughtUp) return true;
   } catch (const std::exception& exception) {
     OnFailure(exception);
     return !EndsNow();
   }
-  if (_peerEnded || _handler->HasQuit()) return !EndsNow();
+  if (_state == State::kPeerEnded || _handler->HasQuit()) return !EndsNow();
   return !IsCut();
 }
 
-// Those of a turn, as long as there is room for their replies. Where nobody reads these, there is.
+// The whole requests of a turn, as long as there is room for their replies; for a peer that is gone there always is, as
+// replies to it are not kept. Sets _progress when it stops before the last. False: the connection is cut.
 bool Connection::HandleWhole(std::string_view received, size_t& handled) {
-  for (TurnLimit limit(_turnMilliseconds); !_hasMore && !_isInLane && !_handler->HasQuit();) {
-    _isPaused = !HasRoom();
-    if (_isPaused) break;
+  for (TurnLimit limit(_turnMilliseconds); _progress == Progress::kCaughtUp && !_handler->HasQuit();) {
+    if (!HasRoom()) {
+      _progress = Progress::kPaused;
+      break;
+    }
     const std::string_view rest = received.substr(handled);
     size_t length = _framer.FindEnd(rest);
     // What the end cut off is handled as far as that is right: lists are answered, changes are not made.
-    if (length == 0 && _peerEnded) length = rest.size();
+    if (length == 0 && _state == State::kPeerEnded) length = rest.size();
     if (length == 0) break;
     if (_opening.IsHttp(rest.substr(0, length), _framer.IsCommand())) return Cut(CutReason::kHttp, length, rest);
     _request.SetText(rest.substr(0, length));
@@ -160,31 +160,29 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
     if (attempt == ClientHandler::Attempt::kEnded) break;
     if (attempt == ClientHandler::Attempt::kTooLong) LeaveToLane(received, handled, length);
     handled += length;
-    _hasMore = isFollowed && !_isInLane && !_handler->HasQuit() && limit.IsOver();
+    const bool goesOn = _progress == Progress::kCaughtUp && !_handler->HasQuit();
+    if (goesOn && isFollowed && limit.IsOver()) _progress = Progress::kNextTurn;
   }
   return true;
 }
 
-// After a request for a change, the output is held until what was asked for is durable, also if others had asked for it
-// before: a reply proves what came before it.
-template <class Work>
-auto Connection::HoldingChanges(Work work) {
-  const LogPeer peer(_logPeer);
-  DurabilityGate::TakeLastOfThisThread();  // of other connections
-  const auto result = work();
-  const DurabilityGate::Ticket last = DurabilityGate::TakeLastOfThisThread();
-  if (last != 0) _output->HoldFromNowOn(last);
-  if (const settings::server::RefusedChange* refusal = _handler->GetRefusal()) ReportRefusal(*refusal);
-  ReportChange();
-  return result;
-}
-
 ClientHandler::Attempt Connection::HandleOne() {
   using Attempt = ClientHandler::Attempt;
-  return HoldingChanges([this] {
-    if (_lane) return _handler->HandleNextIfShort();
-    return _handler->HandleNext() ? Attempt::kHandled : Attempt::kEnded;
-  });
+  const LogPeer peer(_report.GetLogPeer());
+  Attempt attempt = Attempt::kEnded;
+  if (_lane) {
+    attempt = _handler->HandleNextIfShort();
+  } else if (_handler->HandleNext()) {
+    attempt = Attempt::kHandled;
+  }
+  ReportOutcome();
+  return attempt;
+}
+
+// Of the request that was handled last.
+void Connection::ReportOutcome() {
+  if (const auto* const refusal = _handler->GetRefusal()) _report.Refuse(*refusal);
+  _report.Change(_handler->GetChangeLines());
 }
 
 // A text that is long, and therefore kept in memory of its own, is handed over as it is; then "received" stays valid.
@@ -199,14 +197,14 @@ void Connection::LeaveToLane(std::string_view received, size_t begin, size_t len
     _request.SetText(_laneText);
   }
   _isLaneDone = false;
-  _isInLane = true;
+  _progress = Progress::kInLane;
 }
 
 void Connection::EnterLane() {
   try {
     _lane->Add(*this);
   } catch (const std::exception&) {
-    _isInLane = false;
+    _progress = Progress::kCaughtUp;  // the connection is destroyed
     throw;
   }
 }
@@ -214,7 +212,9 @@ void Connection::EnterLane() {
 // On the lane's thread. Giving a long text's memory back takes a while, too.
 void Connection::Run(const std::function<bool()>& isStopped) noexcept {
   try {
-    HoldingChanges([&] { return _handler->HandleNextInParts(isStopped); });
+    const LogPeer peer(_report.GetLogPeer());
+    static_cast<void>(_handler->HandleNextInParts(isStopped));  // HasQuit is asked behind it
+    ReportOutcome();
   } catch (...) {
     _laneFailure = std::current_exception();
   }
@@ -223,81 +223,64 @@ void Connection::Run(const std::function<bool()>& isStopped) noexcept {
 }
 
 bool Connection::OnLaneDone() {
-  _isInLane = false;
+  _progress = Progress::kCaughtUp;
   _isLaneDone = false;
-  WatchAgain();
+  SetWatched(true);
   if (const std::exception_ptr failure = std::exchange(_laneFailure, nullptr)) {
     try {
       std::rethrow_exception(failure);
     } catch (const std::exception& exception) {
       OnFailure(exception);
     }
+    DropReceived();
+    _inputPart.Set(0);
     return !EndsNow();
   }
   if (!TakeInput(_input)) return false;
-  if (!_inputEnded) UpdateInterest();
+  if (_state != State::kDone) UpdateInterest();
   return true;
 }
 
-void Connection::WatchAgain() {
-  if (!std::exchange(_isUnwatched, false)) return;
+// The output's own reason to end, if it has one, is known no more once it is closed.
+void Connection::Abandon() noexcept {
+  if (IsAbandoned()) return;
+  _state = State::kAbandoned;
+  SetWatched(false);
+  ReportEnd();
+  _output->Close();
+}
+
+void Connection::SetWatched(bool isWatched) {
   osa::PlainMutexLock lock(_interestMutex);
-  Watch(EPOLL_CTL_ADD);
-}
-
-void Connection::Abandon() {
-  _isAbandoned = true;
-  Unwatch();
-}
-
-// A socket whose peer is gone would be reported without end.
-void Connection::Unwatch() {
-  if (!std::exchange(_isUnwatched, true)) epoll_ctl(_poll, EPOLL_CTL_DEL, _descriptor, nullptr);
-}
-
-void Connection::ReportRefusal(const settings::server::RefusedChange& refusal) {
-  _counters.Count(refusal.GetReason());
-  Log()->Warning("%s: change refused: %s", _peer.c_str(), refusal.what());
-}
-
-void Connection::ReportChange() const {
-  core::LogLevel level = core::kLogInformation;
-  for (const std::string& line : _handler->GetChangeLines()) {
-    if (level == core::kLogInformation) {
-      Log()->Information("%s: %s", _peer.c_str(), line.c_str());
-    } else {
-      Log()->Trace("%s: %s", _peer.c_str(), line.c_str());
-    }
-    level = core::kLogTrace;
-  }
+  if (std::exchange(_interest.isWatched, isWatched) != isWatched) Watch(isWatched ? EPOLL_CTL_ADD : EPOLL_CTL_DEL);
 }
 
 // After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.
 bool Connection::EndsNow() {
-  _inputEnded = true;
-  _hasMore = false;
+  _state = State::kDone;
+  _progress = Progress::kCaughtUp;
   _handler.reset();
   UpdateInterest();
   return _output->GetKeptBytes() == 0;
 }
 
 bool Connection::OnTurn() {
-  return _inputEnded || TakeInput(_input);
+  return _state == State::kDone || TakeInput(_input);
 }
 
 bool Connection::OnWritable() {
   _output->Send();
   if (IsCut()) return false;
   UpdateInterest();
-  return !_inputEnded || _output->GetKeptBytes() > 0;
+  return _state != State::kDone || _output->GetKeptBytes() > 0;
 }
 
-// The socket takes nothing any more, and would say so without end while output waits for the disk. What has come before
-// is still to be read.
+// The socket takes nothing any more, and epoll would report that without end while output waits for the disk. What has
+// come before is still to be read.
 bool Connection::OnHangUp() {
-  if (_inputEnded) return false;
+  if (_state == State::kDone) return false;
   _output->OnPeerGone();
-  if (_isInLane) Unwatch();
+  if (IsInLane()) SetWatched(false);
   UpdateInterest();
   return true;
 }
@@ -307,8 +290,8 @@ bool Connection::OnTick(Clock::time_point now) {
   const size_t unread = _output->GetSendableBytes();
   if (unread > _limits.backlogBytes && now - _output->GetLastProgress() > std::chrono::seconds(_limits.backlogSeconds))
     return Cut(CutReason::kBacklog, unread);
-  const bool unfinished = !_input.empty() && !_hasMore && !_isPaused && !_isInLane && HasRoom();
-  if (unfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
+  const bool isUnfinished = !_input.empty() && _progress == Progress::kCaughtUp && HasRoom();
+  if (isUnfinished && now - _unfinishedSince > std::chrono::seconds(_limits.requestSeconds))
     return Cut(CutReason::kRequestTime, _input.size(), _input);
   return true;
 }
@@ -320,9 +303,9 @@ bool Connection::NeedsTicks() const {
 bool Connection::CheckInput() {
   _inputPart.Set(_input.size() + _laneText.size());
   if (IsCut()) return false;
-  if (_inputEnded || _hasMore) return true;  // that may be many requests
-  if (_isPaused || _isInLane) {
-    UpdateInterest();
+  if (_state == State::kDone || HasMore()) return true;  // what is left may be many requests
+  if (_progress != Progress::kCaughtUp) {
+    UpdateInterest();  // nothing is read meanwhile
     return true;
   }
   if (_framer.GetUnfinishedLine(_input) > _limits.lineBytes) return Cut(CutReason::kLine, _input.size(), _input);
@@ -330,82 +313,72 @@ bool Connection::CheckInput() {
   return true;
 }
 
-// Returns false. A line that can't be written for want of memory is left out.
+// Returns false.
 bool Connection::Cut(CutReason reason, size_t figure, std::string_view sent) noexcept {
-  const LogPeer peer(_logPeer, static_cast<int>(reason));
-  _isTold = true;
-  _counters.Count(reason);
-  try {
-    Log()->Warning("%s: connection cut: %s %zu%s", _peer.c_str(), TextOf(reason), figure,
-                   DescribeSent(reason, sent, _limits).c_str());
-  } catch (const std::exception&) {
-  }
+  _report.Cut(reason, figure, sent);
   return false;
 }
 
 void Connection::OnFailure(const std::exception& exception) noexcept {
   if (dynamic_cast<const std::bad_alloc*>(&exception)) {
-    Cut(CutReason::kMemory, _input.size());
-    return;
-  }
-  const LogPeer peer(_logPeer);
-  _isTold = true;
-  _counters.Count(CutReason::kError);
-  try {
-    Log()->Warning("%s: connection ended: %s", _peer.c_str(), exception.what());
-  } catch (const std::exception&) {
+    _report.Cut(CutReason::kMemory, _input.size());
+  } else {
+    _report.Fail(exception);
   }
 }
 
-void Connection::TellWhyItEnds() noexcept {
+// When a bound was passed by what others did, nobody has called Cut.
+void Connection::ReportEnd() noexcept {
   using End = OutputQueue::End;
   const End end = _output->GetEnd();
-  if (_isTold) return;
+  if (_report.HasEnd()) return;
   if (_inputPart.GetPicked() > 0) {
-    Cut(CutReason::kAllRequests, _inputPart.GetPicked());
+    _report.Cut(CutReason::kAllRequests, _inputPart.GetPicked());
   } else if (_output->GetPicked() > 0) {
-    Cut(CutReason::kAllBacklog, _output->GetPicked());
+    _report.Cut(CutReason::kAllBacklog, _output->GetPicked());
   } else if (end == End::kUnread) {
-    Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
+    _report.Cut(CutReason::kHardBacklog, _limits.hardBacklogBytes);
   } else if (end == End::kHeld) {
-    Cut(CutReason::kHeldBacklog, _limits.heldBacklogBytes);
+    _report.Cut(CutReason::kHeldBacklog, _limits.heldBacklogBytes);
   } else if (end == End::kMemory) {
-    Cut(CutReason::kMemory, _input.size());
+    _report.Cut(CutReason::kMemory, _input.size());
   }
 }
 
-// On any thread, with the output locked. A loop that waits for the peer already is told when it takes something.
+// On any thread, with the output locked. A loop that waits for the peer already hears when it takes something.
 void Connection::OnKept() {
   {
     osa::PlainMutexLock lock(_interestMutex);
-    if (_interest.write) return;
-    _interest.write = true;
+    if (_interest.writes) return;
+    _interest.writes = true;
     Watch(EPOLL_CTL_MOD);
   }
   eventfd_write(_wakeLoop, 1);
 }
 
 // On the loop's thread. What others send or keep between the look and the lock must not be forgotten: then it looks
-// again. Requests that were left for want of room go on as soon as there is some, whoever made it.
+// again. Requests that were left for want of room go on as soon as there is some, whichever thread made it.
 void Connection::UpdateInterest() {
   bool hasRoom = false;
   bool sends = false;
   do {
     hasRoom = HasRoom();
     sends = _output->GetSendableBytes() > 0;
-    _output->TellWhenSent(!hasRoom || _inputEnded);
-    const bool reads = hasRoom && !_inputEnded && !_peerEnded && !_isInLane;
+    _output->ReportSent(!hasRoom || _state == State::kDone);
+    const bool reads = hasRoom && _state == State::kOpen && !IsInLane();
     osa::PlainMutexLock lock(_interestMutex);
-    if (!_interest.read && reads) _unfinishedSince = Clock::now();
-    _interest = {reads, sends};
+    if (!_interest.reads && reads) _unfinishedSince = Clock::now();
+    _interest.reads = reads;
+    _interest.writes = sends;
     Watch(EPOLL_CTL_MOD);
   } while (HasRoom() != hasRoom || (_output->GetSendableBytes() > 0) != sends);
-  if (hasRoom && _isPaused && !_inputEnded && !_isInLane) _hasMore = true;
+  if (hasRoom && _progress == Progress::kPaused) _progress = Progress::kNextTurn;
 }
 
 void Connection::Watch(int operation) {
+  if (!_interest.isWatched && operation != EPOLL_CTL_DEL) return;
   epoll_event event{};
-  event.events = (_interest.read ? EPOLLIN : 0u) | (_interest.write ? EPOLLOUT : 0u);
+  event.events = (_interest.reads ? EPOLLIN : 0u) | (_interest.writes ? EPOLLOUT : 0u);
   event.data.ptr = this;
   epoll_ctl(_poll, operation, _descriptor, &event);
 }

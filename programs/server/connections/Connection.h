@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "programs/server/connections/ConnectionReport.h"
 #include "programs/server/connections/OpeningGuard.h"
 #include "programs/server/connections/OutputQueue.h"
 #include "programs/server/connections/Places.h"
@@ -29,18 +30,23 @@
 namespace tavix::daemon {
 
 // One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
-// send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane:
+// send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane. A peer
+// that reads no more has its requests carried out all the same, as far as they have come.
 //
-//     on the loop   requests are handled as they come
-//     in the lane   one is carried out by the lane's thread; nothing more is read, notices go out as ever
-//     back          OnLaneDone: the requests behind it go on
+// Two states describe it. State is about the peer and goes one way only. It begins with kOpen. When the peer ends its
+// sending, OnReadable moves on to kPeerEnded, where the requests that have come are handled to the last. That one, a
+// quit or a failure leads to kDone: the handler goes, and the output that is kept goes out. Then, or when the peer is
+// gone by then, the loop destroys the connection. It may also destroy it in any state because a bound was passed; but
+// while the lane has a request of it, the loop calls Abandon (kAbandoned) and destroys it when the lane has finished.
 //
-// While a request is in the lane, the handler and the request's text are the lane's, and the connection must not be
-// destroyed but at the end of its loop, which waits for the lane then; Abandon prepares its end.
+// Progress is about the requests that have come, and changes while State is kOpen or kPeerEnded. HandleWhole handles
+// one after the other (kCaughtUp) until it has to stop: the turn is over (kNextTurn), the peer has too much to read
+// (kPaused), or a request takes long (kInLane). From kNextTurn the loop's OnTurn leads on; from kPaused UpdateInterest
+// leads to kNextTurn, once the peer has read enough; from kInLane OnLaneDone leads on, which the loop calls when the
+// lane's thread has set _isLaneDone. Notices go out in all of them.
 //
-// A peer that reads no more has its requests carried out all the same, as far as they have come.
-//
-// Threads: its loop's, but for what other threads' notices write to its output, and the lane's Run.
+// Threads: its loop's, but for what other threads' notices write to its output, and the lane's Run. While a request is
+//          in the lane, the handler and the request's text are the lane's thread's.
 // Errors:  what the memory does not suffice for is thrown; the connection is then to be destroyed.
 class Connection : private SlowLane::IJob {
  public:
@@ -59,10 +65,11 @@ class Connection : private SlowLane::IJob {
   };
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
-  // that tells the loop that bytes are kept.
+  // that wakes the loop when bytes are kept.
   Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
 
-  // What was not sent is gone. What the kernel still has to send goes out all the same. Says why, if a bound is passed.
+  // What was not sent is gone. What the kernel still has to send goes out all the same. Logs why it ends, if a bound is
+  // passed. Waits until the lane has finished with it.
   ~Connection() override;
 
   Connection(const Connection&) = delete;
@@ -83,15 +90,15 @@ class Connection : private SlowLane::IJob {
 
   // Goes on with requests that have come but were left for the next turn, so that others are served meanwhile.
   bool OnTurn();
-  bool HasMore() const { return _hasMore; }
+  bool HasMore() const { return _progress == Progress::kNextTurn; }
 
   // Whether everything that has come was answered, and the answers have left.
   bool AwaitsRequest() const {
-    return !_inputEnded && !_hasMore && !_isInLane && _input.empty() && _output->GetKeptBytes() == 0;
+    return _state == State::kOpen && _progress == Progress::kCaughtUp && _input.empty() && _output->GetKeptBytes() == 0;
   }
 
   // Whether a request is in the lane, or waits for EnterLane.
-  bool IsInLane() const { return _isInLane; }
+  bool IsInLane() const { return _progress == Progress::kInLane; }
 
   // Gives the request to the lane. Throws std::bad_alloc; then it is not in the lane.
   void EnterLane();
@@ -102,12 +109,14 @@ class Connection : private SlowLane::IJob {
   // Goes on behind the request. False once the connection is to be destroyed.
   bool OnLaneDone();
 
-  // The connection is to be destroyed when the lane has done with it. Until then its loop has no event of it.
-  void Abandon();
-  bool IsAbandoned() const { return _isAbandoned; }
+  // The connection is to be destroyed when the lane has finished with it. Until then its loop has no event of it, and
+  // nothing that is written is kept.
+  void Abandon() noexcept;
+  bool IsAbandoned() const { return _state == State::kAbandoned; }
 
   // The loop's.
   Turn turn;
+  bool hasDeparted = false;  // as Places has it
 
   // How often OnReadable received something.
   size_t CountReads() const { return _reads; }
@@ -118,32 +127,45 @@ class Connection : private SlowLane::IJob {
  private:
   using ClientHandler = settings::server::ClientHandler;
 
+  enum class State {
+    kOpen,       // requests come
+    kPeerEnded,  // no more come; those that have come are handled
+    kDone,       // no request is handled any more; output that is kept is sent
+    kAbandoned,  // nothing is done any more; the lane still has a request
+  };
+
+  enum class Progress {
+    kCaughtUp,  // all whole requests were handled
+    kNextTurn,  // more are left for the next turn
+    kPaused,    // more are left until the peer has read
+    kInLane,    // one is in the lane, or waits for EnterLane; those behind it are left
+  };
+
+  // What epoll reports of it. A socket whose peer is gone is not watched, as it would be reported without end.
   struct Interest {
-    bool read = true;
-    bool write = false;
+    bool isWatched = true;
+    bool reads = true;
+    bool writes = false;
   };
 
   bool TakeInput(std::string_view received);
   bool HandleRequests(std::string_view received, size_t& handled);
   bool HandleWhole(std::string_view received, size_t& handled);
   ClientHandler::Attempt HandleOne();
-  void ReportRefusal(const settings::server::RefusedChange& refusal);
-  void ReportChange() const;
+  void ReportOutcome();
   void LeaveToLane(std::string_view received, size_t begin, size_t length);
   void Run(const std::function<bool()>& isStopped) noexcept override;
   int GetDoneEvent() const override { return _wakeLoop; }
-  template <class Work>
-  auto HoldingChanges(Work work);
   bool EndsNow();
   bool CheckInput();
   bool Cut(CutReason reason, size_t figure, std::string_view sent = {}) noexcept;
-  void TellWhyItEnds() noexcept;
+  void ReportEnd() noexcept;
+  void DropReceived();
   void OnKept() TAVIX_EXCLUDES(_interestMutex);
   bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
   void UpdateInterest() TAVIX_EXCLUDES(_interestMutex);
   void Watch(int operation) TAVIX_REQUIRES(_interestMutex);
-  void Unwatch();
-  void WatchAgain() TAVIX_EXCLUDES(_interestMutex);
+  void SetWatched(bool isWatched) TAVIX_EXCLUDES(_interestMutex);
 
   const std::unique_ptr<osa::TcpSocket> _socket;
   const int _descriptor;
@@ -151,10 +173,8 @@ class Connection : private SlowLane::IJob {
   const int _wakeLoop;
   const int _turnMilliseconds;
   const Limits& _limits;
-  Counters& _counters;
   SlowLane* const _lane;  // may be null
-  const std::string _peer;
-  const std::string _logPeer;
+  ConnectionReport _report;
   std::string _input;  // received, not handled yet
   SharedBound::Part _inputPart;
   Clock::time_point _unfinishedSince{};
@@ -164,15 +184,9 @@ class Connection : private SlowLane::IJob {
   std::optional<ClientHandler> _handler;       // until the last request
   OpeningGuard _opening;
   size_t _reads = 0;
-  bool _hasMore = false;      // the turn ended before the requests did
-  bool _isPaused = false;     // likewise, because too much is unread
-  bool _peerEnded = false;    // nothing more comes
-  bool _inputEnded = false;   // what still comes is not handled
-  bool _isTold = false;       // why it ends
-  bool _isInLane = false;     // a request is; what follows is the lane's meanwhile
-  bool _isAbandoned = false;  // nothing is done behind that request
-  bool _isUnwatched = false;  // epoll tells nothing of it
-  std::string _laneText;      // what holds the request
+  State _state = State::kOpen;
+  Progress _progress = Progress::kCaughtUp;
+  std::string _laneText;  // holds the request that is in the lane; its thread's, as the next one
   std::exception_ptr _laneFailure;
   std::atomic<bool> _isLaneDone{false};
   osa::PlainMutex _interestMutex;

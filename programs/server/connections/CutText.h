@@ -8,7 +8,7 @@
 
 namespace tavix::daemon {
 
-// Why a connection was cut, as the log says it before a figure.
+// Why a connection was cut, as the log has it before a figure. From any thread.
 const char* TextOf(CutReason reason);
 
 // What was expected and what was found, for the end of that line; empty for a reason that is not what the client sent.

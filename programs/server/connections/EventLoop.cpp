@@ -34,7 +34,7 @@ osa::Descriptor Checked(int descriptor, const char* what) {
   return osa::Descriptor(descriptor);
 }
 
-// Tells of the event, without a connection.
+// An event of "wake" is reported with no connection.
 osa::Descriptor MakePoll(const osa::Descriptor& wake) {
   osa::Descriptor poll = Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor");
   epoll_event event{};
@@ -105,7 +105,7 @@ void EventLoop::Run() {
   }
 }
 
-// A daemon that listens and never answers helps nobody: whoever watches it is told to start it anew.
+// A daemon that listens and never answers helps nobody: it ends, and its service manager starts it anew.
 void EventLoop::Fail(const char* reason) {
   {
     osa::PlainMutexLock lock(_mutex);
@@ -198,12 +198,13 @@ void EventLoop::TakeNewConnections() {
   }
 }
 
+// The lists get room for all connections here, so that serving them asks for no memory.
 void EventLoop::TakeNew(osa::Descriptor descriptor) {
   for (std::vector<Connection*>* places : {&_busy, &_turns, &_inLane}) {
     if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
   }
   auto connection = std::make_unique<Connection>(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
-  connection->turn.lastServed = _round;  // whoever waits already comes first
+  connection->turn.lastServed = _round;  // those that wait already come first
   Connection* const key = connection.get();
   _connections.emplace(key, std::move(connection));
 }
@@ -213,7 +214,7 @@ void EventLoop::Refuse(const char* reason) noexcept {
   static const std::string anybody = "all peers";
   const LogPeer peer(anybody);
   _shared.counters.Count(Refusal::kSetup);
-  CountOneLess();
+  CountOneLess(false);
   try {
     Log()->Warning("Connection refused: %s", reason);
   } catch (const std::exception&) {
@@ -280,7 +281,15 @@ bool EventLoop::HandleEvent(Connection* connection, unsigned int events, bool is
     if (isAlone && !ReadOn(connection)) return false;
   }
   const bool hangsUp = (events & EPOLLHUP) || ((events & EPOLLERR) && connection->IsInLane());
-  return !hangsUp || connection->OnHangUp();
+  if (!hangsUp) return true;
+  if (!connection->OnHangUp()) return false;
+  Depart(connection);
+  return true;
+}
+
+// The peer is gone; what it asked for before is still carried out.
+void EventLoop::Depart(Connection* connection) {
+  if (_shared.places && !connection->hasDeparted) connection->hasDeparted = _shared.places->Depart();
 }
 
 // A client that waits for each reply may have sent its next request by the time the reply is out, above all on a single
@@ -326,24 +335,30 @@ void EventLoop::Tick() {
   _ticks = false;
   for (auto next = _connections.begin(); next != _connections.end();) {
     Connection* connection = (next++)->first;
+    if (connection->IsAbandoned()) continue;
     const bool lives = Serve(connection, [&] { return connection->OnTick(now); });
     if (lives && connection->NeedsTicks()) _ticks = true;
   }
 }
 
+// While the lane has a request of it, it is only abandoned, and ended by TakeBackFromLane.
 void EventLoop::End(Connection* connection) {
   if (std::find(_inLane.begin(), _inLane.end(), connection) != _inLane.end()) return connection->Abandon();
   if (connection->turn.isQueued) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }
-  CountOneLess();  // first: whose connection is closed here may come again at once
+  CountOneLess(connection->hasDeparted);  // first: whose connection is closed here may come again at once
   _connections.erase(connection);
 }
 
-void EventLoop::CountOneLess() {
+void EventLoop::CountOneLess(bool hasDeparted) {
   --_count;
-  if (_shared.places) _shared.places->Free();
+  if (hasDeparted) {
+    _shared.places->FreeDeparted();
+  } else if (_shared.places) {
+    _shared.places->Free();
+  }
   _shared.counters.clients.Subtract();
 }
 

@@ -17,10 +17,23 @@
 
 namespace tavix::daemon {
 
-// A thread that serves many connections, each when there is something to do for it.
+// A thread that serves many connections, each when there is something to do for it. It goes round, and a round is:
 //
-// Errors: what a connection's work throws ends that connection. Anything else ends the loop with all of its
-//         connections.
+//     wait      for events, or, where connections are queued for a turn, only look for them
+//     serve     the connections with events: few in the order in which they came, many in that of Turn. When that takes
+//               long, the rest is reported again in the next round, where it has waited longest
+//     lane      connections whose requests the slow lane has carried out go on
+//     turns     those that were queued go on with the requests that they have left; what the time does not suffice for
+//               comes first in the next round
+//     tick      once a second, while any connection has something to watch, bounds of time are checked
+//
+// A connection that still has requests behind its turn is queued (Turn::isQueued), in _busy for the next round. One
+// whose request takes long is in _inLane until the lane has finished with it; when it ends meanwhile, it is abandoned.
+//
+// Threads: its own has all connections. Add, Probe, HasFailed and CountConnections may be called from any thread.
+// Locks:   its own mutex; not held while a connection is served.
+// Errors:  what a connection's work throws ends that connection. Anything else ends the loop with all of its
+//          connections.
 class EventLoop {
  public:
   // Starts the thread. shared: what it refers to outlives the loop. onFailure: called when the loop has ended by
@@ -68,9 +81,10 @@ class EventLoop {
   void TakeBackFromLane();
   void GiveTurns();
   void Tick();
+  void Depart(Connection* connection);
   void End(Connection* connection);
   void Refuse(const char* reason) noexcept;
-  void CountOneLess();
+  void CountOneLess(bool hasDeparted);
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
@@ -92,7 +106,7 @@ class EventLoop {
   std::vector<osa::Descriptor> _new TAVIX_GUARDED_BY(_mutex);
   bool _stop TAVIX_GUARDED_BY(_mutex) = false;
   unsigned long long _probes TAVIX_GUARDED_BY(_mutex) = 0;
-  unsigned long long _answers TAVIX_GUARDED_BY(_mutex) = 0;  // to that many probes
+  unsigned long long _answers TAVIX_GUARDED_BY(_mutex) = 0;  // how many of the probes are answered
   std::condition_variable _answered;
   LoopThread _thread;
 };

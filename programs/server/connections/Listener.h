@@ -12,6 +12,8 @@ namespace tavix::daemon {
 class UnixSocketFile;
 
 // One listening socket. Non-blocking, closed on exec. A TCP address is reusable at once after a restart.
+//
+// Threads: one at a time.
 class Listener {
  public:
   // Listens where the options say, and on the sockets that a service manager passed, if it did, instead. Clients queue

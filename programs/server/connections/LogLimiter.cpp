@@ -126,7 +126,7 @@ void LogLimiter::RemoveOld(Clock::time_point now) {
   }
 }
 
-// The line before the last ten, or hundred, tells when there is room for another one.
+// The line before the last ten, or hundred, shows when there is room for another one.
 LogLimiter::Clock::time_point LogLimiter::Cause::GetNextTime() const {
   Clock::time_point due{};
   const size_t count = times.size();

@@ -6,10 +6,13 @@
 namespace tavix::daemon {
 
 // While it lives, its thread works for that peer: lines that are logged meanwhile count as that peer's (LogLimiter).
+// One that is made while another lives takes its place until its own end.
+//
+// Threads: the one that makes it, which destroys it, too.
 class LogPeer {
  public:
-  // peer: who causes the lines, the same for all of its connections; borrowed. kind: tells lines apart whose format is
-  // the same.
+  // peer: who causes the lines, the same for all of its connections; borrowed. kind: distinguishes lines
+  // whose format is the same.
   explicit LogPeer(const std::string& peer, int kind = 0) : LogPeer(&peer, kind) {}
 
   ~LogPeer() { s_current = _outer; }

@@ -36,9 +36,20 @@ OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* g
   _ostream.imbue(std::locale::classic());
 }
 
-void OutputQueue::HoldFromNowOn(Ticket ticket) {
+void OutputQueue::HoldMessages(Ticket ticket) {
   osa::PlainMutexLock lock(_mutex);
-  _leastTicket = std::max(_leastTicket, ticket);
+  _minTicket = std::max(_minTicket, ticket);
+}
+
+void OutputQueue::BeginMessage(const settings::common::GroupNameMatcher* groups) {
+  if (_gate) HoldMessage(_gate->FindLast(groups));
+}
+
+bool OutputQueue::WriteSharedMessage(const KeptOutput::Text& message,
+                                     const settings::common::GroupNameMatcher* groups) {
+  BeginMessage(groups);
+  WriteShared(message);
+  return true;
 }
 
 size_t OutputQueue::Send() {
@@ -54,7 +65,7 @@ size_t OutputQueue::Send() {
 void OutputQueue::Close() {
   {
     osa::PlainMutexLock lock(_mutex);
-    _broken = true;
+    _isBroken = true;
     _kept.Clear();
     _keptBytes = 0;
     _holds.clear();
@@ -63,9 +74,9 @@ void OutputQueue::Close() {
   _bounds.all.ReturnUnusedMemory();
 }
 
-void OutputQueue::TellWhenSent(bool tells) {
+void OutputQueue::ReportSent(bool isReported) {
   osa::PlainMutexLock lock(_mutex);
-  _tellsWhenSent = tells;
+  _reportsSent = isReported;
 }
 
 size_t OutputQueue::GetSendableBytes() const {
@@ -81,12 +92,12 @@ OutputQueue::Clock::time_point OutputQueue::GetLastProgress() const {
 void OutputQueue::OnDurable() {
   {
     osa::PlainMutexLock lock(_mutex);
-    _awaits = false;
-    if (_broken) return;
+    _isAwaiting = false;
+    if (_isBroken) return;
     if (CountSendable() == 0) _lastProgress = Clock::now();
     SendSendable();
-    if (_broken) return;
-    if (CountSendable() > 0 || _tellsWhenSent) _onKept();
+    if (_isBroken) return;
+    if (CountSendable() > 0 || _reportsSent) _onKept();
   }
   AwaitDurable();
 }
@@ -98,14 +109,14 @@ OutputQueue::int_type OutputQueue::overflow(int_type character) {
 }
 
 std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
-  if (_broken) return 0;
+  if (_isBroken) return 0;
   return DoOrBreak([&] { _message.append(bytes, static_cast<size_t>(count)); }) ? count : 0;
 }
 
 int OutputQueue::sync() {
   DoOrBreak([this] { FlushMessage(_message, nullptr); });
   EndMessage();
-  return _broken ? -1 : 0;
+  return _isBroken ? -1 : 0;
 }
 
 void OutputQueue::WriteShared(const KeptOutput::Text& message) {
@@ -123,16 +134,17 @@ void OutputQueue::EndMessage() {
   if (_keptBytes > 0) AwaitDurable();
 }
 
+// What is sent leaves at once only if nothing is kept before it, and nothing holds it.
 void OutputQueue::FlushMessage(std::string_view message, const KeptOutput::Text* shared) {
   osa::PlainMutexLock lock(_mutex);
-  if (!IsReachable() || message.empty()) return;
-  const Ticket ticket = std::max(_messageTicket, _leastTicket);
+  if (!CanReachPeer() || message.empty()) return;
+  const Ticket ticket = std::max(_messageTicket, _minTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
   const bool isHeldLonger = isHeld && (_holds.empty() || ticket > _holds.back().ticket);
   if (isHeldLonger) _holds.push_back({_left + _kept.GetSize(), ticket});
   const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
   const size_t sent = goesAtOnce ? SendSome(message) : 0;
-  if (sent < message.size() && !_broken) Keep(message, sent, shared);
+  if (sent < message.size() && !_isBroken) Keep(message, sent, shared);
 }
 
 void OutputQueue::Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared) {
@@ -144,13 +156,14 @@ void OutputQueue::Keep(std::string_view message, size_t sent, const KeptOutput::
   }
   NoteKept();
   Enforce();
-  if (!_broken && CountSendable() > 0) _onKept();
+  if (!_isBroken && CountSendable() > 0) _onKept();
 }
 
 void OutputQueue::NoteKept() {
   _keptBytes = _kept.GetSize();
 }
 
+// What waits for the peer and what waits for the disk are counted apart: a slow disk is not the client's fault.
 void OutputQueue::Enforce() {
   const size_t unread = CountSendable();
   if (unread > _bounds.unread) {
@@ -162,12 +175,12 @@ void OutputQueue::Enforce() {
 
 void OutputQueue::SendSendable() {
   DropDurableHolds();
-  bool takesMore = !_broken;
+  bool takesMore = !_isBroken;
   while (takesMore && CountSendable() > 0) {
     KeptOutput::Pieces pieces;
     const size_t sent = SendOnce(pieces, _kept.GetFront(pieces, CountSendable()));
     takesMore = sent > 0;
-    if (_broken) return;
+    if (_isBroken) return;
     if (sent > 0) _lastProgress = Clock::now();
     _kept.Drop(sent);
     NoteKept();
@@ -179,6 +192,7 @@ size_t OutputQueue::CountSendable() const {
   return _holds.empty() ? _kept.GetSize() : _holds.front().begin - _left;
 }
 
+// Tickets become durable in their order, and holds are in the order of their tickets.
 void OutputQueue::DropDurableHolds() {
   const auto isHeld = [this](const Hold& hold) { return !_gate->IsDurable(hold.ticket); };
   _holds.erase(_holds.begin(), std::find_if(_holds.begin(), _holds.end(), isHeld));
@@ -189,9 +203,9 @@ void OutputQueue::AwaitDurable() {
   Ticket ticket = 0;
   {
     osa::PlainMutexLock lock(_mutex);
-    if (_holds.empty() || _awaits || _broken) return;
+    if (_holds.empty() || _isAwaiting || _isBroken) return;
     ticket = _holds.front().ticket;
-    _awaits = true;
+    _isAwaiting = true;
   }
   bool isHeld = true;
   DoOrBreak([&] { isHeld = _gate->Await(ticket, shared_from_this()); });
@@ -207,7 +221,7 @@ size_t OutputQueue::SendSome(std::string_view bytes) {
     if (sent == 0) break;
     done += sent;
   }
-  if (done >= kLarge && !_broken && IsPeerGone()) Break(End::kPeer);
+  if (done >= kLarge && !_isBroken && IsPeerGone()) Break(End::kPeer);
   return done;
 }
 
@@ -232,12 +246,12 @@ bool OutputQueue::IsPeerGone() const {
   return poll(&look, 1, 0) > 0 && (look.revents & (POLLERR | POLLHUP));
 }
 
-// A peer that is gone may have sent requests before, which are still to be read; with any other, the loop is told by
-// the socket.
+// A peer that is gone may have sent requests before, which are still to be read. Any other reason ends the connection:
+// the loop sees it as an event of the socket.
 void OutputQueue::Break(End end) {
-  if (_broken) return;
+  if (_isBroken) return;
   _end = end;
-  _broken = true;
+  _isBroken = true;
   shutdown(_descriptor, end == End::kPeer ? SHUT_WR : SHUT_RDWR);
   _kept.Clear();
   NoteKept();
@@ -258,7 +272,7 @@ bool OutputQueue::DoOrBreak(Work work) {
   } catch (const std::exception&) {
     BreakFor(End::kMemory);
   }
-  return !_broken;
+  return !_isBroken;
 }
 
 }  // namespace tavix::daemon

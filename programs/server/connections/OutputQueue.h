@@ -16,20 +16,30 @@
 #include "programs/server/persistence/DurabilityGate.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/IClientOutput.h"
 
 namespace tavix::daemon {
 
-// What a connection is still to be sent, as an ostream that never waits: a message that is flushed goes to the socket
-// as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A message that shows a
-// change which is not durable is kept until it is, and everything behind it. A message that many queues are given can
-// be kept by all of them together.
+// What a connection is still to be sent: the output of its handler, whose stream never waits. A message that is flushed
+// goes to the socket as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A
+// message that shows a change which is not durable is kept until it is, and everything behind it. A message that many
+// queues are given can be kept by all of them together.
 //
-// Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, and the thread that finds
-//          changes durable, call the rest meanwhile.
+// In order: BeginMessage finds the ticket that the message waits for; the stream collects its bytes; the flush sends or
+// keeps them (FlushMessage). Kept bytes up to the first hold are sendable: the loop sends them when the socket takes
+// more (Send). A hold is a place among the kept bytes and the ticket that everything behind it waits for. The first
+// hold's ticket is awaited at the gate, which calls OnDurable: holds that are durable go, and what is sendable now is
+// sent by that thread. A break ends all this: nothing is sent or kept any more, and the loop finds the reason (GetEnd).
+//
+// Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, the handler's thread that
+//          calls HoldMessages, and the thread that finds changes durable, call the rest meanwhile.
 // Locks:   its own mutex, outside the gate's.
 // Errors:  a peer that is gone, more bytes than may be kept, and memory that runs out break the queue for ever: writers
 //          fail, kept bytes go.
-class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<OutputQueue>, private std::streambuf {
+class OutputQueue : public settings::server::IClientOutput,
+                    public IHeldOutput,
+                    public std::enable_shared_from_this<OutputQueue>,
+                    private std::streambuf {
  public:
   using Clock = std::chrono::steady_clock;
   using Ticket = DurabilityGate::Ticket;
@@ -46,19 +56,20 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
 
   // descriptor: a connected socket, borrowed until Close. gate: may be null, else outlives the queue. onKept: called,
   // with the queue locked, whenever bytes wait for the peer, be they the first or not, when the queue breaks, and see
-  // TellWhenSent. It throws nothing.
+  // ReportSent. It throws nothing.
   OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept);
 
-  // The queue that such a stream writes to.
-  static OutputQueue& Of(std::ostream& out) { return static_cast<OutputQueue&>(*out.rdbuf()); }
-
-  std::ostream& GetOstream() { return _ostream; }
+  // What the handler does. A message waits for the changes of the groups that it shows.
+  std::ostream& GetOstream() override { return _ostream; }
+  void HoldMessages(Ticket ticket) override TAVIX_EXCLUDES(_mutex);
+  void BeginMessage(const settings::common::GroupNameMatcher* groups) override;
+  bool WriteSharedMessage(const KeptOutput::Text& message, const settings::common::GroupNameMatcher* groups) override
+      TAVIX_EXCLUDES(_mutex);
+  bool IsReachable() override { return CanReachPeer(); }
+  void OnMessageLost() override TAVIX_EXCLUDES(_mutex) { BreakFor(End::kMemory); }
 
   // The message that is flushed next leaves when that change is durable. By its writer.
   void HoldMessage(Ticket ticket) { _messageTicket = ticket; }
-
-  // Likewise every message from now on.
-  void HoldFromNowOn(Ticket ticket) TAVIX_EXCLUDES(_mutex);
 
   // Writes and flushes a message which other queues may be given as well. By its writer.
   void WriteShared(const KeptOutput::Text& message) TAVIX_EXCLUDES(_mutex);
@@ -69,24 +80,21 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   // Nothing that is written from now on would reach the peer.
   void OnPeerGone() TAVIX_EXCLUDES(_mutex) { BreakFor(End::kPeer); }
 
-  // A message was lost, so that nothing may follow it.
-  void OnMessageLost() TAVIX_EXCLUDES(_mutex) { BreakFor(End::kMemory); }
-
-  // Nothing is sent, and nobody is told of anything, any more.
+  // Nothing is sent, kept or reported any more. A writer may be at work.
   void Close() TAVIX_EXCLUDES(_mutex);
 
   // Has onKept called as well when something that had to wait for the disk was sent.
-  void TellWhenSent(bool tells) TAVIX_EXCLUDES(_mutex);
+  void ReportSent(bool isReported) TAVIX_EXCLUDES(_mutex);
 
   size_t GetKeptBytes() const { return _keptBytes; }
-  bool IsBroken() const { return _broken; }
+  bool IsBroken() const { return _isBroken; }
   End GetEnd() const { return _end; }
 
   // Of the bound of all queues.
   size_t GetPicked() const { return _part.GetPicked(); }
 
   // Whether what is written may reach the peer.
-  bool IsReachable() const { return !_broken && GetPicked() == 0; }
+  bool CanReachPeer() const { return !_isBroken && GetPicked() == 0; }
 
   // What of the kept bytes waits for the peer alone.
   size_t GetSendableBytes() const TAVIX_EXCLUDES(_mutex);
@@ -131,14 +139,14 @@ class OutputQueue : public IHeldOutput, public std::enable_shared_from_this<Outp
   Ticket _messageTicket = 0;  // likewise
   std::ostream _ostream;
   mutable osa::PlainMutex _mutex;
-  std::atomic<size_t> _keptBytes{0};                  // that many; for those who only ask
+  std::atomic<size_t> _keptBytes{0};                  // the size of _kept, for readers without the mutex
   size_t _left TAVIX_GUARDED_BY(_mutex) = 0;          // how many kept bytes have left
   std::vector<Hold> _holds TAVIX_GUARDED_BY(_mutex);  // in the order of their bytes
-  Ticket _leastTicket TAVIX_GUARDED_BY(_mutex) = 0;   // for every message from now on
-  bool _awaits TAVIX_GUARDED_BY(_mutex) = false;      // the gate will tell
-  bool _tellsWhenSent TAVIX_GUARDED_BY(_mutex) = false;
-  std::atomic<bool> _broken{false};   // written with the mutex held
-  std::atomic<End> _end{End::kNone};  // likewise
+  Ticket _minTicket TAVIX_GUARDED_BY(_mutex) = 0;     // for every message from now on
+  bool _isAwaiting TAVIX_GUARDED_BY(_mutex) = false;  // the gate will call OnDurable
+  bool _reportsSent TAVIX_GUARDED_BY(_mutex) = false;
+  std::atomic<bool> _isBroken{false};  // written with the mutex held
+  std::atomic<End> _end{End::kNone};   // likewise
   Clock::time_point _lastProgress TAVIX_GUARDED_BY(_mutex){};
   SharedBound::Part _part;  // but for what may be asked at any time, used with the mutex held
   KeptOutput _kept TAVIX_GUARDED_BY(_mutex);

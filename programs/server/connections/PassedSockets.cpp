@@ -12,7 +12,7 @@ namespace tavix::daemon {
 namespace {
 
 constexpr int kFirst = 3;
-constexpr int kMost = 1024;
+constexpr int kMaxSockets = 1024;
 
 // 0 when the variable is not set or no number.
 int ReadNumber(const char* variable) {
@@ -28,7 +28,7 @@ int ReadNumber(const char* variable) {
 std::vector<osa::Descriptor> TakePassedSockets() {
   std::vector<osa::Descriptor> passed;
   const int count = ReadNumber("LISTEN_PID") == getpid() ? ReadNumber("LISTEN_FDS") : 0;
-  for (int i = 0; i < count && i < kMost; ++i) {
+  for (int i = 0; i < count && i < kMaxSockets; ++i) {
     if (fcntl(kFirst + i, F_SETFD, FD_CLOEXEC) == 0) passed.emplace_back(kFirst + i);
   }
   for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"}) unsetenv(variable);

@@ -31,6 +31,15 @@ void Places::Free() {
   if (_isAwaited.exchange(false)) eventfd_write(_freed.Get(), 1);
 }
 
+bool Places::Depart() {
+  if (_departed.fetch_add(1) >= _max) {
+    --_departed;
+    return false;
+  }
+  Free();
+  return true;
+}
+
 void Places::Acknowledge() {
   eventfd_t ignored = 0;
   eventfd_read(_freed.Get(), &ignored);

@@ -88,7 +88,7 @@ SharedBound::Part* SharedBound::FindLargest() const {
                            [&](const Part* a, const Part* b) { return size(a) < size(b); });
 }
 
-// Its loop is told by the socket.
+// Its loop sees it as an event of the socket.
 void SharedBound::Pick(Part& part) {
   part._picked = part.GetSize();
   Uncount(part);

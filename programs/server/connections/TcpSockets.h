@@ -16,7 +16,7 @@ constexpr int kBacklog = 1024;  // clients that may wait at a listener of any ki
 
 using AddressList = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
-// Each of these throws osa::Exception that names the address as it was given, and the reason.
+// Each of these throws osa::Exception that names the address as it was given, and the reason. From any thread.
 
 // The addresses of HOST:PORT, one at least.
 AddressList Resolve(const ListenAddress& address);

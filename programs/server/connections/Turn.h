@@ -10,8 +10,10 @@ namespace tavix::daemon {
 // What a loop knows of a connection to decide when it serves it. A loop owns what is in here.
 //
 // When many connections have requests at a time, serving each of them once takes long. First come the few that have
-// waited longest, whoever they are, so that everybody goes on. Then come those whose turns have been short: a client
+// waited longest, whatever they cost, so that everybody goes on. Then come those whose turns have been short: a client
 // with one short request waits for few others, however many send long ones.
+//
+// Threads: the loop's.
 struct Turn {
   static constexpr unsigned int kUnknown = std::numeric_limits<unsigned int>::max();
   static constexpr size_t kOldest = 4;
@@ -22,11 +24,11 @@ struct Turn {
 
   // A turn took that long. One that was long only because the machine had other things to do changes little.
   void NoteCost(unsigned int microseconds) {
-    constexpr unsigned int kMost = 1'000'000;
+    constexpr unsigned int kMax = 1'000'000;
     if (cost == kUnknown) {
-      cost = std::min(microseconds, kMost);
+      cost = std::min(microseconds, kMax);
     } else {
-      cost = (7 * cost + std::min({microseconds, 4 * cost + 50, kMost})) / 8;
+      cost = (7 * cost + std::min({microseconds, 4 * cost + 50, kMax})) / 8;
     }
   }
 

@@ -7,6 +7,8 @@ namespace tavix::daemon {
 
 // Ends early enough for the others, however long the requests take. The clock is read where there are more of them
 // only, and of the clocks the cheapest, which goes by steps of some milliseconds.
+//
+// Threads: one.
 class TurnLimit {
  public:
   explicit TurnLimit(int milliseconds) : _milliseconds(milliseconds) {}

@@ -27,7 +27,7 @@ osa::Descriptor MakeSocket() {
   return osa::Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
-// Whoever opens the listener says which.
+// The caller names it in its own error.
 [[noreturn]] void Fail(const std::string& reason) {
   throw osa::Exception("%s", reason.c_str());
 }

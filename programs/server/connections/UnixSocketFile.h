@@ -12,9 +12,11 @@ namespace tavix::daemon {
 
 // The place of a unix socket in the file system. A socket that a crash left there is replaced, one that somebody serves
 // is not, and neither is anything else. The destructor takes the file away, if it is still this one.
+//
+// Threads: one at a time.
 class UnixSocketFile {
  public:
-  // path: where. Throws osa::Exception that says why the place can't be had.
+  // path: where. Throws osa::Exception with the reason why the place can't be had.
   explicit UnixSocketFile(const std::string& path);
   ~UnixSocketFile();
 

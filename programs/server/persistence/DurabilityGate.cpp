@@ -21,8 +21,6 @@ bool MatchesAny(const std::set<std::string>& patterns, const std::string& name) 
 
 }  // namespace
 
-thread_local DurabilityGate::Ticket DurabilityGate::lastOfThisThread = 0;
-
 DurabilityGate::Ticket DurabilityGate::Add(const std::set<std::string>* groups, bool isHeld) {
   const osa::PlainMutexLock lock(_mutex);
   const Ticket ticket = _last.load(std::memory_order_relaxed) + 1;
@@ -69,12 +67,7 @@ void DurabilityGate::MergeOldest() {
 DurabilityGate::Ticket DurabilityGate::Publish(Ticket ticket, bool isHeld) {
   if (!IsHeld(isHeld)) _durable.store(ticket, std::memory_order_release);
   _last.store(ticket, std::memory_order_release);
-  lastOfThisThread = ticket;
   return ticket;
-}
-
-void DurabilityGate::NoteReliance(const settings::common::GroupNameMatcher& groups) {
-  lastOfThisThread = std::max(lastOfThisThread, FindLast(&groups));
 }
 
 void DurabilityGate::SetDurable(Ticket ticket) {

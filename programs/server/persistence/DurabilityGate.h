@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <list>
 #include <map>
 #include <memory>
@@ -12,6 +11,7 @@
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeTicket.h"
 
 namespace tavix::daemon {
 
@@ -44,7 +44,7 @@ class IHeldOutput {
 // Errors:  std::bad_alloc from Add of groups and from AddMany; then no ticket was given.
 class DurabilityGate {
  public:
-  using Ticket = uint64_t;  // 0: durable for ever
+  using Ticket = settings::server::ChangeTicket;  // 0: durable for ever
 
   // holds: false for a gate that never holds anything.
   explicit DurabilityGate(bool holds) : _holds(holds) {}
@@ -55,8 +55,8 @@ class DurabilityGate {
   // The groups of a change, shared with others who need them.
   using Groups = std::shared_ptr<const std::set<std::string>>;
 
-  // A change of these groups, made in memory by this thread and visible to nobody yet. null: any group may show it, and
-  // no memory is asked for. isHeld: it is held even where nothing is.
+  // A change of these groups, made in memory and visible to nobody yet. null: any group may show it, and no memory is
+  // asked for. isHeld: it is held even where nothing is.
   Ticket Add(const std::set<std::string>* groups, bool isHeld = false);
 
   // The same for many groups, which takes no longer than for a few. groups: not null.
@@ -76,15 +76,6 @@ class DurabilityGate {
   // The last change that a message shows which holds the matching groups; null: which shows anything.
   Ticket FindLast(const settings::common::GroupNameMatcher* groups) const;
 
-  // This thread relies on the changes of these groups as on its own, although other threads may have made them.
-  void NoteReliance(const settings::common::GroupNameMatcher& groups);
-
-  // The last change that this thread made through any gate, or relies on.
-  static Ticket GetLastOfThisThread() { return lastOfThisThread; }
-
-  // The same since the last call.
-  static Ticket TakeLastOfThisThread() { return std::exchange(lastOfThisThread, 0); }
-
   // Calls "output", once, when the change is durable. False, and no call comes, when it is already.
   [[nodiscard]] bool Await(Ticket ticket, std::shared_ptr<IHeldOutput> output);
 
@@ -94,8 +85,6 @@ class DurabilityGate {
   void NoteMany(Ticket ticket, Groups groups) TAVIX_REQUIRES(_mutex);
   void MergeOldest() TAVIX_REQUIRES(_mutex);
   void Release(Ticket ticket);
-
-  static thread_local Ticket lastOfThisThread;
 
   const bool _holds;
   std::atomic<Ticket> _last{0};

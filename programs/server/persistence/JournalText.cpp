@@ -26,9 +26,7 @@ constexpr size_t kMostBytesOfAText = 0xFFFFFFFF;
 
 core::IniFile ParseText(std::string_view text) {
   core::IniFile document;
-  core::ViewIstream in;
-  in.SetText(text);
-  document.LoadFromStream(in, "journal");
+  document.LoadFromMemory(text, "journal");
   return document;
 }
 

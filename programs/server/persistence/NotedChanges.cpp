@@ -7,30 +7,34 @@
 
 namespace tavix::daemon {
 
-void NotedChanges::Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld,
-                        bool isPending) {
+DurabilityGate::Ticket NotedChanges::Note(const std::set<std::string>& changedGroups, const core::IniFile& added,
+                                          bool isHeld, bool isPending) {
   if (changedGroups.size() > kManyGroups && added.IsEmpty()) return NoteMany(changedGroups, isHeld, isPending);
+  DurabilityGate::Ticket ticket = 0;
   try {
     std::set<std::string> groups = changedGroups;
     for (const auto& group : added) groups.insert(group.first);
-    _gate.Add(&groups, isHeld);
+    ticket = _gate.Add(&groups, isHeld);
   } catch (const std::bad_alloc&) {
-    _gate.Add(nullptr, isHeld);
+    ticket = _gate.Add(nullptr, isHeld);
   }
   _changed.Note(changedGroups, added);
   if (isPending) _pending.Note(changedGroups, added);
+  return ticket;
 }
 
-void NotedChanges::NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) {
+DurabilityGate::Ticket NotedChanges::NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending) {
   ChangedGroups::Many groups;
+  DurabilityGate::Ticket ticket = 0;
   try {
     groups = Share(changedGroups);
-    _gate.AddMany(groups, isHeld);
+    ticket = _gate.AddMany(groups, isHeld);
   } catch (const std::bad_alloc&) {
-    _gate.Add(nullptr, isHeld);
+    ticket = _gate.Add(nullptr, isHeld);
   }
   _changed.NoteMany(groups);
   if (isPending) _pending.NoteMany(groups);
+  return ticket;
 }
 
 // To compare costs less than to copy, and different changes differ early, as a rule.

@@ -33,8 +33,9 @@ class NotedChanges {
   // gate: outlives the object.
   explicit NotedChanges(DurabilityGate& gate) : _gate(gate) { _pending.Begin(); }
 
-  // The change gets its ticket. added: what further groups have got. isHeld: as DurabilityGate::Add.
-  void Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld, bool isPending);
+  // Returns the ticket that the change gets. added: what further groups have got. isHeld: as DurabilityGate::Add.
+  DurabilityGate::Ticket Note(const std::set<std::string>& changedGroups, const core::IniFile& added, bool isHeld,
+                              bool isPending);
 
   // What the snapshot that is made, and then the next journal, lacks so far.
   ChangedGroups& GetChanged() { return _changed; }
@@ -50,7 +51,7 @@ class NotedChanges {
   void FollowSnapshot();
 
  private:
-  void NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending);
+  DurabilityGate::Ticket NoteMany(const std::set<std::string>& changedGroups, bool isHeld, bool isPending);
   ChangedGroups::Many Share(const std::set<std::string>& groups);
 
   DurabilityGate& _gate;

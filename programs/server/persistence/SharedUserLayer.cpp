@@ -43,17 +43,18 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
 }
 
 // The gate knows the change before it is appended: nobody may see it without the ticket.
-void SharedUserLayer::Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                           const core::IniFile& added) {
+DurabilityGate::Ticket SharedUserLayer::Save(const core::IniFile& userSettings,
+                                             const std::set<std::string>& changedGroups, const core::IniFile& added) {
   const bool isLarge = IsLargeChange(userSettings, changedGroups, added, _setup.largeChange);
   std::optional<Change> change;
   if (!isLarge) change = TryToDescribe(userSettings, changedGroups, added);
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   const osa::PlainMutexLock lock(_mutex);
   const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
-  _notes.Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
+  const Ticket ticket = _notes.Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
+  return ticket;
 }
 
 void SharedUserLayer::Append(Steps::Write write, const Change& change) {

@@ -60,8 +60,9 @@ class SharedUserLayer {
   // Takes the journal over, and knows from now on what the disk has. Before all other operations.
   void Load(FoundUserSettings& found);
 
-  // As UserSettingsPersister. Under the store's write lock.
-  void Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups, const core::IniFile& added);
+  // As UserSettingsPersister. Under the store's write lock. Returns the change's ticket.
+  Ticket Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+              const core::IniFile& added);
 
   // Ends the waits of both threads.
   void Stop();

@@ -39,17 +39,20 @@ void UserSettingsPersister::SaveUserSettings(const IniFile& userSettings) {
   SaveChangedGroups(userSettings, all);
 }
 
-void UserSettingsPersister::SaveChangedGroups(const IniFile& userSettings, const std::set<std::string>& changedGroups) {
-  SaveAddedSettings(userSettings, changedGroups, IniFile());
+DurabilityGate::Ticket UserSettingsPersister::SaveChangedGroups(const IniFile& userSettings,
+                                                                const std::set<std::string>& changedGroups) {
+  return SaveAddedSettings(userSettings, changedGroups, IniFile());
 }
 
-void UserSettingsPersister::SaveAddedSettings(const IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                              const IniFile& added) {
-  if (!changedGroups.empty() || !added.IsEmpty()) _layer.Save(userSettings, changedGroups, added);
+DurabilityGate::Ticket UserSettingsPersister::SaveAddedSettings(const IniFile& userSettings,
+                                                                const std::set<std::string>& changedGroups,
+                                                                const IniFile& added) {
+  if (changedGroups.empty() && added.IsEmpty()) return 0;
+  return _layer.Save(userSettings, changedGroups, added);
 }
 
-void UserSettingsPersister::NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) {
-  GetGate().NoteReliance(groups);
+DurabilityGate::Ticket UserSettingsPersister::FindLastTicket(const settings::common::GroupNameMatcher& groups) {
+  return GetGate().FindLast(&groups);
 }
 
 void UserSettingsPersister::Start(LayerReader readLayer) {

@@ -44,7 +44,7 @@ class ILayerSources {
 //           with Durability::kAlways that is the last one that anybody was shown, or a later one. Not promised: with
 //           kInterval the changes of that interval, with kNone those that the system had not written; and after the
 //           disk has failed, until the log says that it is well again, those since.
-// Threads:  saves and the reader that is passed to Start run under the store's lock; NoteUnchangedGroups and the gate
+// Threads:  saves and the reader that is passed to Start run under the store's lock; FindLastTicket and the gate
 //           are for any thread; the rest is called by one.
 // Errors:   none leave a save. What goes wrong, refused memory included, is logged with its file and reason, changes
 //           are served from memory, no output waits for the disk, and a snapshot is tried after 1 s, later up to 60 s,
@@ -70,10 +70,12 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
   void SaveUserSettings(const core::IniFile& userSettings) override;
-  void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) override;
-  void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                         const core::IniFile& added) override;
-  void NoteUnchangedGroups(const settings::common::GroupNameMatcher& groups) override;
+  DurabilityGate::Ticket SaveChangedGroups(const core::IniFile& userSettings,
+                                           const std::set<std::string>& changedGroups) override;
+  DurabilityGate::Ticket SaveAddedSettings(const core::IniFile& userSettings,
+                                           const std::set<std::string>& changedGroups,
+                                           const core::IniFile& added) override;
+  DurabilityGate::Ticket FindLastTicket(const settings::common::GroupNameMatcher& groups) override;
 
   // Begins to write; readLayer: is called until Finish.
   void Start(LayerReader readLayer);

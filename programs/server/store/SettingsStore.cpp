@@ -18,8 +18,10 @@ class UnsavedLayers : public settings::server::ISettingsPersister {
   }
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override { _sources.LoadUserSettings(combiner); }
   void SaveUserSettings(const core::IniFile&) override {}
-  void SaveChangedGroups(const core::IniFile&, const std::set<std::string>&) override {}
-  void SaveAddedSettings(const core::IniFile&, const std::set<std::string>&, const core::IniFile&) override {}
+  settings::server::ChangeTicket SaveAddedSettings(const core::IniFile&, const std::set<std::string>&,
+                                                   const core::IniFile&) override {
+    return 0;
+  }
 
  private:
   SettingsSources& _sources;

@@ -15,11 +15,14 @@ namespace tavix::settings::common {
 template <class OutputIterator>
 void readDelimitedValues(std::istream* in, OutputIterator out) {
   std::string value;
-  if (core::ViewIstream* view = core::ViewIstream::From(*in)) {
-    for (std::string_view line; view->TakeLine(line) && line != ".";) *out++ = value.assign(line);
-    return;
-  }
   while (std::getline(*in, value) && value != ".") *out++ = value;
+}
+
+// The same from bytes where they lie.
+template <class OutputIterator>
+void readDelimitedValues(core::ViewIstream* in, OutputIterator out) {
+  std::string value;
+  for (std::string_view line; in->TakeLine(line) && line != ".";) *out++ = value.assign(line);
 }
 
 // Adds each string assigned to it to a matcher, as name or pattern.

@@ -1,7 +1,6 @@
 #include "tavix/settings/server/ClientHandler.h"
 
 #include <algorithm>
-#include <istream>
 #include <iterator>
 #include <limits>
 #include <new>
@@ -11,20 +10,23 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/client/ProtocolConstants.h"
-#include "tavix/settings/common/DelimitedValues.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeLines.h"
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
+#include "tavix/settings/server/CommandTable.h"
 #include "tavix/settings/server/HandlerCounts.h"
 #include "tavix/settings/server/IServerInfo.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/MessageWriter.h"
+#include "tavix/settings/server/RequestInput.h"
 #include "tavix/settings/server/RequestLists.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SettingsManager.h"
+#include "tavix/settings/server/StreamOutput.h"
 #include "tavix/settings/server/SubscriptionBudget.h"
 #include "tavix/settings/server/Words.h"
 
@@ -34,16 +36,13 @@ namespace protocol = client::protocol;
 
 using common::GroupNameMatcher;
 using common::GroupNameMatcherInsertIterator;
-using common::readDelimitedValues;
 using core::IniFile;
 
 namespace {
 
-constexpr size_t kKeptMemory = 4 * 1024;         // an idle connection keeps no more than this
-constexpr size_t kShortRequest = 32 * 1024;      // bytes that are read and carried out in less than a millisecond
-constexpr size_t kShortSubscription = 8 * 1024;  // bytes of a subscription, likewise
-constexpr size_t kShortWork = 2'000;             // groups of the store, likewise
-constexpr size_t kShortNotices = 1'024;          // groups in notices of a change, likewise
+// What takes less than a millisecond.
+constexpr size_t kShortWork = 2'000;     // groups of the store that are visited
+constexpr size_t kShortNotices = 1'024;  // groups in notices of a change
 
 const GroupNameMatcher kNoGroups;
 
@@ -64,34 +63,35 @@ bool IsChangeLogged() {
 // Thrown by a handler that gives a request up before anything came of it.
 struct TooLong {};
 
-// Whether a request takes long whatever the store holds: reading it, reading the files of defaults, or going through
-// the whole store. What a get takes shows only when it is tried.
-bool IsLong(std::string_view request) {
-  if (request.size() > kShortRequest) return true;
-  std::string_view line = request.substr(0, request.find('\n'));
-  const std::string_view word = TakeWord(line);
-  if (word == protocol::kSubscribe) return request.size() > kShortSubscription;
-  if (word == protocol::kOverwrite) return request.find('*') != std::string_view::npos;
-  if (word == protocol::kInfo) return TakeWord(line) == protocol::kSubscribed;
-  return word == protocol::kRestore || word == protocol::kDump;
+std::shared_ptr<MessageWriter> MakeWriter(const ServerEnv& env, std::ostream& out) {
+  return std::make_shared<MessageWriter>(env, std::make_unique<StreamOutput>(out, env.messageObserver));
 }
 
 }  // namespace
 
 ClientHandler::ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out)
+    : ClientHandler(env, std::make_unique<RequestInput>(*in), MakeWriter(*env, *out)) {}
+
+ClientHandler::ClientHandler(ServerEnv* env, core::ViewIstream* in, std::ostream* out)
+    : ClientHandler(env, std::make_unique<RequestInput>(*in), MakeWriter(*env, *out)) {}
+
+ClientHandler::ClientHandler(ServerEnv* env, core::ViewIstream* in, IClientOutput* out)
+    : ClientHandler(env, std::make_unique<RequestInput>(*in), std::make_shared<MessageWriter>(*env, *out)) {}
+
+ClientHandler::ClientHandler(ServerEnv* env, std::unique_ptr<RequestInput> in, std::shared_ptr<MessageWriter> writer)
     : _logger(core::Logger::GetLogger("ClientHandler")),
-      _in(in),
+      _in(std::move(in)),
       _settingsManager(env->settingsManager),
       _serializationManager(env->serializationManager),
-      _mostSubscriptions(env->mostSubscriptions),
-      _mostSubscriptionBytes(env->mostSubscriptionBytes),
-      _mostListed(env->mostListed),
-      _mostPatterns(env->mostPatterns),
+      _maxSubscriptions(env->mostSubscriptions),
+      _maxSubscriptionBytes(env->mostSubscriptionBytes),
+      _maxListed(env->mostListed),
+      _maxPatterns(env->mostPatterns),
       _maxMatchingWork(env->maxMatchingWork),
       _maxNameBytes(env->maxNameBytes),
       _subscriptionBudget(env->subscriptionBudget),
       _serverInfo(env->serverInfo),
-      _writer(std::make_shared<MessageWriter>(*env, *out)) {}
+      _writer(std::move(writer)) {}
 
 ClientHandler::~ClientHandler() {
   EndSubscription();
@@ -116,16 +116,17 @@ bool ClientHandler::HandleNext() {
 }
 
 ClientHandler::Attempt ClientHandler::HandleNextIfShort() {
-  auto& view = static_cast<core::ViewIstream&>(*_in);
-  const std::string_view request = view.GetRest();
+  core::ViewIstream* const view = _in->GetView();
+  if (!view) throw osa::Exception("A request can't be looked at before it is handled: the input is no view");
+  const std::string_view request = view->GetRest();
   ForgetOutcome();
-  if (IsLong(request)) return Attempt::kTooLong;
+  if (CommandTable::IsLong(request)) return Attempt::kTooLong;
   _maxWork = kShortWork;
   _pIsStopped = nullptr;
   try {
     return HandleLine() ? Attempt::kHandled : Attempt::kEnded;
   } catch (const TooLong&) {
-    view.SetText(request);
+    view->SetText(request);
     _isSecondAttempt = true;
     return Attempt::kTooLong;
   }
@@ -140,10 +141,9 @@ bool ClientHandler::HandleNextInParts(const std::function<bool()>& isStopped) {
 }
 
 bool ClientHandler::HandleLine() {
-  if (_line.capacity() > kKeptMemory) std::string().swap(_line);
   ForgetOutcome();
   std::string_view line;
-  if (_quit || !TakeLine(line)) return false;
+  if (_quit || !_in->TakeLine(line)) return false;
   const std::string_view word = TakeWord(line);
   if (!word.empty() && word != protocol::kTerminator)
     MsgDispatcher::Get().Dispatch(*this, word, line, _isSecondAttempt);
@@ -155,32 +155,23 @@ void ClientHandler::ForgetOutcome() {
   _changeLines.clear();
 }
 
-bool ClientHandler::TakeLine(std::string_view& line) {
-  if (core::ViewIstream* view = core::ViewIstream::From(*_in)) return view->TakeLine(line);
-  if (!std::getline(*_in, _line)) return false;
-  line = _line;
-  return true;
-}
-
 std::set<std::string> ClientHandler::ReadGroupSet() {
   std::set<std::string> groups;
-  readDelimitedValues(_in,
-                      CountingIterator(std::inserter(groups, groups.begin()), ListBounds{_mostListed, _maxNameBytes}));
+  _in->TakeList(CountingIterator(std::inserter(groups, groups.begin()), ListBounds{_maxListed, _maxNameBytes}));
   CheckPatterns(static_cast<size_t>(std::count_if(groups.begin(), groups.end(), IsPattern)));
   return groups;
 }
 
 GroupNameMatcher ClientHandler::ReadGroupMatcher() {
   GroupNameMatcher matcher;
-  readDelimitedValues(
-      _in, CountingIterator(GroupNameMatcherInsertIterator(matcher), ListBounds{_mostListed, _maxNameBytes}));
+  _in->TakeList(CountingIterator(GroupNameMatcherInsertIterator(matcher), ListBounds{_maxListed, _maxNameBytes}));
   CheckPatterns(matcher.GetPatterns().size());
   return matcher;
 }
 
 // Each may have to be tried on every group of the store.
 void ClientHandler::CheckPatterns(size_t patterns) const {
-  CheckCount(patterns, _mostPatterns, "patterns");
+  CheckCount(patterns, _maxPatterns, "patterns");
   if (_maxMatchingWork == 0 || patterns == 0) return;
   const size_t nameBytes = _settingsManager->CountNameBytes();
   if (Multiply(patterns, nameBytes) <= _maxMatchingWork) return;
@@ -235,11 +226,14 @@ void ClientHandler::RequireShortNotices(const Groups& changed) const {
   if (_maxWork > 0 && _settingsManager->GetDispatcher().WouldCallMoreThan(kShortNotices, changed)) throw TooLong();
 }
 
-// The request was read to its end: the connection is in step whether the store takes the change or not.
+// The request was read to its end: the connection is in step whether the store takes the change or not. After a change
+// the output is held until it is durable: a reply proves what the client asked for before it.
 template <class Change>
 bool ClientHandler::CarryOut(Change change) {
   try {
-    change();
+    ChangeTicket ticket = 0;
+    change(ticket);
+    _writer->HoldMessages(ticket);
     return true;
   } catch (const RefusedChange& refusal) {
     _refusal = refusal;
@@ -260,33 +254,34 @@ void ClientHandler::Merge(std::string_view args) {
   IniFile settings;
   if (!ReadPayload(settings)) return;
   RequireShortNotices(settings);
-  if (CarryOut([&] { _settingsManager->MergeSettings(settings, flags); })) NoteChange(protocol::kMerge, {}, settings);
+  const auto merge = [&](ChangeTicket& ticket) { _settingsManager->MergeSettings(settings, flags, ticket); };
+  if (CarryOut(merge)) NoteChange(protocol::kMerge, {}, settings);
 }
 
 void ClientHandler::TestAndMerge(std::string_view) {
   IniFile condition;
   IniFile change;
   if (!ReadPayload(condition)) return;
-  _writer->GetSerializer().SkipPayloadEnd(*_in);
+  _in->SkipPayloadEnd(_writer->GetSerializer());
   if (!ReadPayload(change)) return;
   RequireShortNotices(change);
-  bool merged = false;
-  CarryOut([&] { merged = _settingsManager->TestAndMerge(condition, change); });
-  if (merged) NoteChange(protocol::kTestAndMerge, {}, change);
+  bool isMerged = false;
+  CarryOut([&](ChangeTicket& ticket) { isMerged = _settingsManager->TestAndMerge(condition, change, ticket); });
+  if (isMerged) NoteChange(protocol::kTestAndMerge, {}, change);
   _writer->Reply(nullptr, [&](core::StringOstream& message) {
     message.AppendLine(protocol::kResult);
-    message.AppendLine(merged ? protocol::kOk : protocol::kFailure);
+    message.AppendLine(isMerged ? protocol::kOk : protocol::kFailure);
   });
 }
 
 // What would pass a bound is left out as a whole: the client that asks for too much keeps what it had, and its
 // connection. Ended, it would only come back and ask for the same.
 void ClientHandler::Subscribe(std::string_view) {
-  const size_t most = _mostListed > 0 ? std::max(_mostListed, _mostSubscriptions) : 0;
-  BoundedSet list({most, _maxNameBytes});
-  readDelimitedValues(_in, list.GetIterator());
+  const size_t max = _maxListed > 0 ? std::max(_maxListed, _maxSubscriptions) : 0;
+  BoundedSet list({max, _maxNameBytes});
+  _in->TakeList(list.GetIterator());
   if (list.IsTooLong())
-    return RefuseSubscription("A list holds more than the " + std::to_string(most) + " names and patterns allowed");
+    return RefuseSubscription("A list holds more than the " + std::to_string(max) + " names and patterns allowed");
   const std::set<std::string>& groups = list.GetValues();
   if (groups.empty()) return;
   std::string reason;
@@ -301,7 +296,7 @@ bool ClientHandler::TakeSubscriptions(const std::set<std::string>& groups, std::
     reason = "More patterns would be alike than the " + std::to_string(dispatcher.GetMaxAlikePatterns()) + " allowed";
     return false;
   }
-  if (_mostSubscriptions == 0 && _mostSubscriptionBytes == 0 && !_subscriptionBudget) return true;
+  if (_maxSubscriptions == 0 && _maxSubscriptionBytes == 0 && !_subscriptionBudget) return true;
   size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
   size_t newBytes = 0;
   for (const std::string& group : groups) {
@@ -310,10 +305,10 @@ bool ClientHandler::TakeSubscriptions(const std::set<std::string>& groups, std::
     newBytes += group.size();
   }
   const size_t bytes = _subscriptionBytes + newBytes;
-  if (count > _mostSubscriptions && _mostSubscriptions > 0) {
-    reason = FormatExcess(" subscriptions", count, _mostSubscriptions);
-  } else if (bytes > _mostSubscriptionBytes && _mostSubscriptionBytes > 0) {
-    reason = FormatExcess(" bytes of subscriptions", bytes, _mostSubscriptionBytes);
+  if (count > _maxSubscriptions && _maxSubscriptions > 0) {
+    reason = FormatExcess(" subscriptions", count, _maxSubscriptions);
+  } else if (bytes > _maxSubscriptionBytes && _maxSubscriptionBytes > 0) {
+    reason = FormatExcess(" bytes of subscriptions", bytes, _maxSubscriptionBytes);
   } else if (_subscriptionBudget && !_subscriptionBudget->Take(newBytes)) {
     reason = "All subscriptions together would have more than the " + std::to_string(_subscriptionBudget->GetMax()) +
              " bytes allowed";
@@ -361,8 +356,8 @@ void ClientHandler::Overwrite(std::string_view) {
   if (WasCutOff() || !ReadPayload(settings)) return;
   RequireShortNotices(groups);
   RequireShortNotices(settings);
-  if (CarryOut([&] { _settingsManager->OverwriteSettings(groups, settings); }))
-    NoteChange(protocol::kOverwrite, groups, settings);
+  const auto overwrite = [&](ChangeTicket& ticket) { _settingsManager->OverwriteSettings(groups, settings, ticket); };
+  if (CarryOut(overwrite)) NoteChange(protocol::kOverwrite, groups, settings);
 }
 
 void ClientHandler::ChangeSerialization(std::string_view args) {
@@ -376,7 +371,8 @@ void ClientHandler::ChangeSerialization(std::string_view args) {
 void ClientHandler::RestoreDefaults(std::string_view) {
   const GroupNameMatcher matcher = ReadGroupMatcher();
   if (WasCutOff()) return;
-  if (!CarryOut([&] { _settingsManager->RestoreToDefaults(matcher); }) || !IsChangeLogged()) return;
+  const auto restore = [&](ChangeTicket& ticket) { _settingsManager->RestoreToDefaults(matcher, ticket); };
+  if (!CarryOut(restore) || !IsChangeLogged()) return;
   std::set<std::string> groups = matcher.GetNames();
   groups.insert(matcher.GetPatterns().begin(), matcher.GetPatterns().end());
   NoteChange(protocol::kRestore, groups, {});
@@ -422,13 +418,13 @@ void ClientHandler::OnChange(const std::set<std::string>& changedGroups, const I
 
 // False when the input ended before the payload did: what came of it must not be carried out.
 bool ClientHandler::ReadPayload(IniFile& document) {
-  _writer->GetSerializer().OnDeserialize(*_in, document);
+  _in->TakePayload(_writer->GetSerializer(), document);
   CheckNames(document, _maxNameBytes);
   return !WasCutOff();
 }
 
 bool ClientHandler::WasCutOff() const {
-  return !_in->good();
+  return !_in->IsGood();
 }
 
 }  // namespace tavix::settings::server

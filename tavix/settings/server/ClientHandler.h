@@ -17,13 +17,16 @@
 namespace tavix::core {
 class IniFile;
 class Logger;
+class ViewIstream;
 }  // namespace tavix::core
 
 namespace tavix::settings::server {
 
 class CommandTable;
+class IClientOutput;
 class IServerInfo;
 class MessageWriter;
+class RequestInput;
 class SerializationManager;
 class SettingsManager;
 class SubscriptionBudget;
@@ -37,7 +40,7 @@ struct ServerEnv;
 // Locks:   the output mutex, outside the store's "SettingsMutex". Nothing is held while a request changes the store, so
 //          a connection is told of its own changes. A notice is made and written by the thread that made the change,
 //          once that has released the store's notification gate.
-// Owns:    neither environment nor streams; all outlive the handler. The streams are never closed here.
+// Owns:    neither environment nor streams nor output; all outlive the handler. The streams are never closed here.
 // Errors:  a payload that can't be parsed, and whatever the store throws, leaves HandleNext: the connection is then out
 //          of step and must end. A request that the end of the input cuts off changes nothing. A notice that can't be
 //          written breaks the output and is nobody else's trouble. Once the output is broken, or the observer says that
@@ -45,6 +48,12 @@ struct ServerEnv;
 class TAVIX_EXPORT ClientHandler : public IChangeCallback {
  public:
   ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out);
+
+  // Reads from a view, which HandleNextIfShort needs.
+  ClientHandler(ServerEnv* env, core::ViewIstream* in, std::ostream* out);
+
+  // For a host that wants to know more of its messages; the environment's observer is not asked then.
+  ClientHandler(ServerEnv* env, core::ViewIstream* in, IClientOutput* out);
 
   // Ends the subscription; returns once no notice is being written.
   ~ClientHandler() override;
@@ -74,7 +83,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
     kTooLong,  // it may take longer than a millisecond: nothing was done, and the input stands before it again
   };
 
-  // As HandleNext, for a thread that others wait for. The input has to be a view that shows one whole request.
+  // As HandleNext, for a thread that others wait for. The input has to be a view that shows one whole request; without
+  // a view it throws osa::Exception.
   [[nodiscard]] Attempt HandleNextIfShort();
 
   // As HandleNext, for a request that takes long: neither the store nor notices to this connection wait for longer than
@@ -104,6 +114,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
     unsigned long long unknown = 0;               // words that were no command
     unsigned long long notices = 0;               // that were written
     unsigned long long refusedSubscriptions = 0;  // requests that would have passed a bound
+    unsigned long long replies = 0;               // that were written
   };
   static Statistics ReadStatistics();
 
@@ -112,6 +123,8 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
  private:
   friend class CommandTable;
+
+  ClientHandler(ServerEnv* env, std::unique_ptr<RequestInput> in, std::shared_ptr<MessageWriter> writer);
 
   // The commands; "args" is the rest of the command's line.
   void Quit(std::string_view args);
@@ -137,7 +150,6 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void DumpInParts(bool all);
   void GetInParts(const common::GroupNameMatcher& matcher, bool delimited);
   void WriteGroups(std::ostream& message, const common::GroupNameMatcher& matcher) const;
-  bool TakeLine(std::string_view& line);
   std::set<std::string> ReadGroupSet();
   common::GroupNameMatcher ReadGroupMatcher();
   void CheckPatterns(size_t patterns) const;
@@ -151,13 +163,13 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   bool _quit = false;
   std::optional<RefusedChange> _refusal;  // of the last request
   std::vector<std::string> _changeLines;  // likewise
-  std::istream* const _in;
+  const std::unique_ptr<RequestInput> _in;
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
-  const size_t _mostSubscriptions;
-  const size_t _mostSubscriptionBytes;
-  const size_t _mostListed;
-  const size_t _mostPatterns;
+  const size_t _maxSubscriptions;
+  const size_t _maxSubscriptionBytes;
+  const size_t _maxListed;
+  const size_t _maxPatterns;
   const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
   SubscriptionBudget* const _subscriptionBudget;  // may be null
@@ -172,8 +184,6 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // What was subscribed to so far, to count it.
   common::GroupNameMatcher _subscriptions;
   size_t _subscriptionBytes = 0;
-
-  std::string _line;  // kept for its memory only
 };
 
 }  // namespace tavix::settings::server

@@ -1,5 +1,6 @@
 #include "tavix/settings/server/ClientHandlerDispatcher.h"
 
+#include <iterator>
 #include <limits>
 #include <memory>
 
@@ -30,7 +31,9 @@ MsgDispatcher& MsgDispatcher::Get() {
   return *first;
 }
 
-MsgDispatcher::MsgDispatcher() : _logger(core::Logger::GetLogger("MsgDispatcher")) {}
+MsgDispatcher::MsgDispatcher()
+    : _logger(core::Logger::GetLogger("MsgDispatcher")),
+      _counts(new Count[static_cast<size_t>(std::distance(CommandTable::begin(), CommandTable::end()))]) {}
 
 void MsgDispatcher::Dispatch(ClientHandler& handler, std::string_view word, std::string_view args,
                              bool isSecondAttempt) {
@@ -50,7 +53,7 @@ void MsgDispatcher::Call(ClientHandler& handler, const CommandTable::Command& co
   const bool isTimed = traces || _times.load(std::memory_order_relaxed);
   const core::Stopwatch stopwatch(isTimed);
   (handler.*command.handler)(args);
-  Count& count = _counts[static_cast<size_t>(&command - CommandTable::begin())];
+  Count& count = GetCount(command);
   count.calls.fetch_add(1, std::memory_order_relaxed);
   if (!isTimed) return;
   const double seconds = stopwatch.Read();
@@ -66,12 +69,13 @@ void MsgDispatcher::LogStatistics(void* logContext) const {
 ClientHandler::Statistics MsgDispatcher::ReadStatistics() const {
   ClientHandler::Statistics statistics;
   for (const CommandTable::Command& command : CommandTable()) {
-    const Count& count = _counts[static_cast<size_t>(&command - CommandTable::begin())];
+    const Count& count = GetCount(command);
     const auto nanoseconds = static_cast<double>(count.nanoseconds.load(std::memory_order_relaxed));
     statistics.commands.push_back({command.word, count.calls.load(std::memory_order_relaxed), nanoseconds / 1e9});
   }
   statistics.unknown = handlerCounts.unknown.load(std::memory_order_relaxed);
   statistics.refusedSubscriptions = handlerCounts.refusedSubscriptions.load(std::memory_order_relaxed);
+  statistics.replies = handlerCounts.replies.load(std::memory_order_relaxed);
   statistics.notices = handlerCounts.notices.load(std::memory_order_relaxed);
   return statistics;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <array>
 #include <atomic>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -41,10 +41,12 @@ class MsgDispatcher {
   MsgDispatcher();
   void Call(ClientHandler& handler, const CommandTable::Command& command, std::string_view args, bool traces);
 
+  Count& GetCount(const CommandTable::Command& command) const { return _counts[&command - CommandTable::begin()]; }
+
   static std::atomic<MsgDispatcher*> s_pInstance;
 
   core::Logger* const _logger;
-  std::array<Count, CommandTable::kCount> _counts;  // as the table
+  const std::unique_ptr<Count[]> _counts;  // as the table
   std::atomic<bool> _times{false};
 };
 

@@ -1,30 +1,68 @@
 #include "tavix/settings/server/CommandTable.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/server/ClientHandler.h"
+#include "tavix/settings/server/Words.h"
 
 namespace tavix::settings::server {
 
 namespace protocol = client::protocol;
 
-const CommandTable::Command CommandTable::kCommands[kCount] = {
-    {protocol::kDump, "", &ClientHandler::Dump},
-    {protocol::kGet, "l", &ClientHandler::GetSections},
-    {protocol::kInfo, "", &ClientHandler::Info},
-    {protocol::kMerge, "p", &ClientHandler::Merge},
-    {protocol::kOverwrite, "lp", &ClientHandler::Overwrite},
-    {protocol::kQuit, "", &ClientHandler::Quit},
-    {protocol::kRestore, "l", &ClientHandler::RestoreDefaults},
-    {protocol::kSerialize, "", &ClientHandler::ChangeSerialization},
-    {protocol::kSubscribe, "l", &ClientHandler::Subscribe},
-    {protocol::kTestAndMerge, "pp", &ClientHandler::TestAndMerge},
+namespace {
+
+// In bytes: requests that are read and carried out in less than a millisecond.
+constexpr size_t kShortRequest = 32 * 1024;
+constexpr size_t kShortSubscription = 8 * 1024;
+
+}  // namespace
+
+const CommandTable::Command CommandTable::kCommands[] = {
+    {protocol::kDump, "", Duration::kLong, Effect::kNone, &ClientHandler::Dump},
+    {protocol::kGet, "l", Duration::kBySize, Effect::kNone, &ClientHandler::GetSections},
+    {protocol::kInfo, "", Duration::kIfSubscribed, Effect::kNone, &ClientHandler::Info},
+    {protocol::kMerge, "p", Duration::kBySize, Effect::kNone, &ClientHandler::Merge},
+    {protocol::kOverwrite, "lp", Duration::kByPattern, Effect::kNone, &ClientHandler::Overwrite},
+    {protocol::kQuit, "", Duration::kBySize, Effect::kNone, &ClientHandler::Quit},
+    {protocol::kRestore, "l", Duration::kLong, Effect::kNone, &ClientHandler::RestoreDefaults},
+    {protocol::kSerialize, "", Duration::kBySize, Effect::kSetsSerialization, &ClientHandler::ChangeSerialization},
+    {protocol::kSubscribe, "l", Duration::kBySubscription, Effect::kNone, &ClientHandler::Subscribe},
+    {protocol::kTestAndMerge, "pp", Duration::kBySize, Effect::kNone, &ClientHandler::TestAndMerge},
 };
+
+const CommandTable::Command* CommandTable::begin() {
+  return std::begin(kCommands);
+}
+
+const CommandTable::Command* CommandTable::end() {
+  return std::end(kCommands);
+}
 
 const CommandTable::Command* CommandTable::Find(std::string_view word) {
   const auto* const found = std::find_if(begin(), end(), [&](const Command& command) { return word == command.word; });
   return found == end() ? nullptr : found;
+}
+
+bool CommandTable::IsLong(std::string_view request) {
+  if (request.size() > kShortRequest) return true;
+  std::string_view line = request.substr(0, request.find('\n'));
+  const Command* const command = Find(TakeWord(line));
+  if (!command) return false;
+  switch (command->duration) {
+    case Duration::kBySize:
+      return false;
+    case Duration::kBySubscription:
+      return request.size() > kShortSubscription;
+    case Duration::kByPattern:
+      return request.find('*') != std::string_view::npos;
+    case Duration::kIfSubscribed:
+      return TakeWord(line) == protocol::kSubscribed;
+    case Duration::kLong:
+      break;
+  }
+  return true;
 }
 
 }  // namespace tavix::settings::server

@@ -7,7 +7,8 @@ namespace tavix::settings::server {
 
 class ClientHandler;
 
-// The commands of the protocol, each in one line of the source: its word, what follows its line, and its handler.
+// The commands of the protocol, each in one line of the source: all that handler, framer, dispatcher and statistics
+// know of it. A new command is a new line, in ascending order of words.
 //
 // Threads: any; nothing changes.
 class CommandTable {
@@ -15,23 +16,41 @@ class CommandTable {
   // args: the rest of the command's line, behind its word.
   using Handler = void (ClientHandler::*)(std::string_view args);
 
+  // When a request may take longer than a millisecond, whatever the store holds. What a list of names or patterns finds
+  // in the store shows only when the request is tried.
+  enum class Duration {
+    kBySize,          // it is large: reading it, and changing what it names, takes long
+    kBySubscription,  // the same, of a smaller size: each name and pattern is filed
+    kByPattern,       // it is large, or holds a pattern: the whole store is searched
+    kIfSubscribed,    // its line asks for the subscriptions of all clients
+    kLong,            // always: it shows the whole store, or reads the files of defaults
+  };
+
+  // What a request means for those behind it.
+  enum class Effect {
+    kNone,
+    kSetsSerialization,  // its line names the form of all payloads that follow
+  };
+
   struct Command {
     const char* word;
-    const char* parts;  // 'l' a list, 'p' a payload
+    const char* parts;  // behind the line: 'l' a list, 'p' a payload
+    Duration duration;
+    Effect effect;
     Handler handler;
   };
 
-  static constexpr size_t kCount = 10;
-
-  // In ascending order of words.
-  static const Command* begin() { return kCommands; }
-  static const Command* end() { return kCommands + kCount; }
+  static const Command* begin();
+  static const Command* end();
 
   // Null: the word is no command.
   static const Command* Find(std::string_view word);
 
+  // Whether a request, which is whole, may take longer than a millisecond.
+  static bool IsLong(std::string_view request);
+
  private:
-  static const Command kCommands[kCount];
+  static const Command kCommands[];
 };
 
 }  // namespace tavix::settings::server

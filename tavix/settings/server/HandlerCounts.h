@@ -9,6 +9,7 @@ namespace tavix::settings::server {
 // Threads: any. Never destroyed.
 struct HandlerCounts {
   std::atomic<unsigned long long> unknown{0};
+  std::atomic<unsigned long long> replies{0};
   std::atomic<unsigned long long> notices{0};
   std::atomic<unsigned long long> refusedSubscriptions{0};
 

@@ -12,8 +12,9 @@ class GroupNameMatcher;
 
 namespace tavix::settings::server {
 
-// Told what a connection's peer is about to learn of the store. For hosts that keep messages back, until what they show
-// is on a disk for instance.
+// Told what the peer of a connection over plain streams is about to learn of the store. For hosts that hold messages,
+// until what they show is on a disk for instance. A host that has an object for each connection's output makes that an
+// IClientOutput instead, and needs no observer.
 //
 // Threads: called by the thread that writes a message, which holds the connection's output mutex.
 // Errors:  throws nothing.

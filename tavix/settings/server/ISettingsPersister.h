@@ -5,6 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
+#include "tavix/settings/server/ChangeTicket.h"
 
 namespace tavix::settings::common {
 class GroupNameMatcher;
@@ -16,7 +17,9 @@ class SettingsCombiner;
 
 // Where a store's settings come from and where the user's go. The hosting program supplies it.
 //
-// A change is saved through SaveChangedGroups, which a persister overrides when it can save less than everything.
+// A change is saved through SaveChangedGroups, which a persister overrides when it can save less than everything. What
+// it returns goes up through the store to the connection that asked for the change, and to IClientOutput: a host may so
+// hold that connection's output until the change is durable.
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
 // Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in
@@ -33,24 +36,31 @@ class TAVIX_EXPORT ISettingsPersister {
   virtual void SaveUserSettings(const core::IniFile& userSettings) = 0;
 
   // The same, knowing which groups of the layer came, went or hold something else than before, or are not seen any more
-  // though the layer never held them. Called for every change that is to be saved, even when no group differs.
-  virtual void SaveChangedGroups(const core::IniFile& userSettings, const std::set<std::string>& changedGroups) {
+  // though the layer never held them. Called for every change that is to be saved, even when no group differs. Returns
+  // the change's ticket; 0: nothing has to wait for it.
+  virtual ChangeTicket SaveChangedGroups(const core::IniFile& userSettings,
+                                         const std::set<std::string>& changedGroups) {
     static_cast<void>(changedGroups);
     SaveUserSettings(userSettings);
+    return 0;
   }
 
   // The same for a change that also made groups larger: "added" holds the settings that they got. Nothing else of these
   // groups is different, unless they are changed groups, too. Called instead, with an "added" that is not empty.
-  virtual void SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                 const core::IniFile& added) {
+  virtual ChangeTicket SaveAddedSettings(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+                                         const core::IniFile& added) {
     std::set<std::string> groups = changedGroups;
     for (const auto& group : added) groups.insert(group.first);
-    SaveChangedGroups(userSettings, groups);
+    return SaveChangedGroups(userSettings, groups);
   }
 
-  // A request of this thread asked the user layer for what it held already: these groups, or some of them. Whoever made
-  // it relies on changes of others to be saved. Not under the store's lock as a rule.
-  virtual void NoteUnchangedGroups(const common::GroupNameMatcher& groups) { static_cast<void>(groups); }
+  // Returns the ticket of the last change of these groups that is not durable yet; 0: all are. Called for a request
+  // that asked the user layer for what it held already: its client relies on changes of others. Not under the store's
+  // lock as a rule.
+  virtual ChangeTicket FindLastTicket(const common::GroupNameMatcher& groups) {
+    static_cast<void>(groups);
+    return 0;
+  }
 };
 
 }  // namespace tavix::settings::server

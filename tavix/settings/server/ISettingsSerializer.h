@@ -6,6 +6,10 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 
+namespace tavix::core {
+class ViewIstream;
+}
+
 namespace tavix::settings::common {
 class GroupNameMatcher;
 }
@@ -35,6 +39,9 @@ class TAVIX_EXPORT ISettingsSerializer {
   virtual void WriteBegin(std::ostream& os, size_t groups) const;
   virtual void WriteGroup(std::ostream& os, core::IniFile::const_iterator group) const;
   virtual void WriteEnd(std::ostream& os) const;
+
+  // OnDeserialize of a payload that stands in memory. Here: that; a form that can reads the bytes without copying them.
+  virtual void OnDeserializeView(core::ViewIstream& view, core::IniFile& settings) const;
 };
 
 }  // namespace tavix::settings::server

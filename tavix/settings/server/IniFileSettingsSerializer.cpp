@@ -42,9 +42,12 @@ void IniFileSettingsSerializer::WriteGroup(std::ostream& os, IniFile::const_iter
 }
 
 void IniFileSettingsSerializer::OnDeserialize(std::istream& is, IniFile& settings) const {
-  if (ViewIstream* view = ViewIstream::From(is)) return settings.LoadFromMemory(TakeLines(*view), kSource);
   stl::DelimitedIstream payload(&is);
   settings.LoadFromStream(payload, kSource);
+}
+
+void IniFileSettingsSerializer::OnDeserializeView(ViewIstream& view, IniFile& settings) const {
+  settings.LoadFromMemory(TakeLines(view), kSource);
 }
 
 }  // namespace tavix::settings::server

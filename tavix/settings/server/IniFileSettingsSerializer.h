@@ -15,6 +15,7 @@ class TAVIX_EXPORT IniFileSettingsSerializer : public ISettingsSerializer {
 
   // Reads the terminator's line too.
   void OnDeserialize(std::istream& is, core::IniFile& settings) const override;
+  void OnDeserializeView(core::ViewIstream& view, core::IniFile& settings) const override;
 };
 
 }  // namespace tavix::settings::server

@@ -1,12 +1,12 @@
 #include "tavix/settings/server/MessageWriter.h"
 
 #include <exception>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/server/HandlerCounts.h"
-#include "tavix/settings/server/IMessageObserver.h"
 #include "tavix/settings/server/RequestLists.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -18,13 +18,26 @@ namespace protocol = client::protocol;
 using common::GroupNameMatcher;
 using osa::MutexAutoLock;
 
-MessageWriter::MessageWriter(const ServerEnv& env, std::ostream& out)
+MessageWriter::MessageWriter(const ServerEnv& env, IClientOutput& out)
     : _logger(core::Logger::GetLogger("ClientHandler")),
       _settingsManager(*env.settingsManager),
-      _messageObserver(env.messageObserver),
+      _output(out),
       _serializer(env.serializationManager->GetSerializer("ini")),
       _outputMutex(nullptr),
-      _out(out) {}
+      _out(out.GetOstream()) {}
+
+MessageWriter::MessageWriter(const ServerEnv& env, std::unique_ptr<IClientOutput> out)
+    : _logger(core::Logger::GetLogger("ClientHandler")),
+      _settingsManager(*env.settingsManager),
+      _ownOutput(std::move(out)),
+      _output(*_ownOutput),
+      _serializer(env.serializationManager->GetSerializer("ini")),
+      _outputMutex(nullptr),
+      _out(_output.GetOstream()) {}
+
+void MessageWriter::HoldMessages(ChangeTicket ticket) {
+  if (ticket != 0) _output.HoldMessages(ticket);
+}
 
 void MessageWriter::ReplyInParts(const GroupNameMatcher* groups, const std::function<bool()>& isStopped,
                                  const ComposeParts& compose) {
@@ -32,7 +45,7 @@ void MessageWriter::ReplyInParts(const GroupNameMatcher* groups, const std::func
   core::StringOstream text;
   std::optional<MutexAutoLock> lock;
   compose(text, SettingsManager::BetweenParts{isStopped, [&] { lock.emplace(_outputMutex); }});
-  if (IsReachable()) Write(text.GetText(), groups);
+  if (IsReachable()) WriteReply(text.GetText(), groups);
 }
 
 void MessageWriter::ReplyUnlocked(const GroupNameMatcher* groups,
@@ -41,7 +54,7 @@ void MessageWriter::ReplyUnlocked(const GroupNameMatcher* groups,
   core::StringOstream text;
   compose(text);
   MutexAutoLock lock(_outputMutex);
-  if (IsReachable()) Write(text.GetText(), groups);
+  if (IsReachable()) WriteReply(text.GetText(), groups);
 }
 
 void MessageWriter::WriteNotice(const std::set<std::string>& changedGroups) noexcept {
@@ -91,7 +104,7 @@ bool MessageWriter::CanBeReached() {
 }
 
 bool MessageWriter::IsReachable() const {
-  return _out.good() && (!_messageObserver || _messageObserver->IsReachable(_out));
+  return _out.good() && _output.IsReachable();
 }
 
 // Subscribers of the same change are mostly sent the same bytes, which this thread may just have made.
@@ -109,8 +122,7 @@ void MessageWriter::MakeNotice(const std::set<std::string>& changedGroups) {
     _message.Reset(kKeptMemory);
     if (version == _settingsManager.GetVersion()) known.Keep(key, notice);
   }
-  if (!_messageObserver || !_messageObserver->OnSharedMessage(_out, notice.text, notice.groups.get()))
-    Write(*notice.text, notice.groups.get());
+  if (!_output.WriteSharedMessage(notice.text, notice.groups.get())) Write(*notice.text, notice.groups.get());
 }
 
 void MessageWriter::Compose(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
@@ -126,12 +138,17 @@ void MessageWriter::Compose(const std::set<std::string>& changedGroups, const Gr
 
 // Half a notice may be out: nothing may follow it.
 void MessageWriter::Break() {
-  if (_messageObserver) _messageObserver->OnMessageLost(_out);
+  _output.OnMessageLost();
   _out.setstate(std::ios::badbit);
 }
 
+void MessageWriter::WriteReply(const std::string& message, const GroupNameMatcher* groups) {
+  Write(message, groups);
+  HandlerCounts::CountOne(handlerCounts.replies);
+}
+
 void MessageWriter::Write(const std::string& message, const GroupNameMatcher* groups) {
-  if (_messageObserver) _messageObserver->OnMessage(_out, groups);
+  _output.BeginMessage(groups);
   _out.write(message.data(), static_cast<std::streamsize>(message.size()));
   _out.flush();
 }

@@ -14,6 +14,7 @@
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/IClientOutput.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/NoticeRound.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -24,25 +25,28 @@ class Logger;
 
 namespace tavix::settings::server {
 
-class IMessageObserver;
 struct ServerEnv;
 
-// Writes what a connection is told: replies and notices, each whole and flushed. Once the output is broken, or nobody
-// can read it any more, messages are not even made.
+// Writes a connection's replies and notices, each whole and flushed. Once the output is broken, or can't reach the peer
+// any more, messages are not even made.
 //
 // Threads: replies are written by the connection's handler, notices by the threads that make changes.
 // Locks:   the output mutex, outside the store's "SettingsMutex". Nobody takes the notification gate or a dispatcher's
 //          mutex inside it.
-// Owns:    neither environment nor stream; both outlive EndNotices. It may itself outlive its handler in a round of
-//          notices, which are dropped then.
+// Owns:    the output, if it is given it to own; neither environment nor stream, which outlive EndNotices. It may
+//          itself outlive its handler in a round of notices, which are dropped then.
 // Errors:  replies pass on what the store throws. A notice that can't be written breaks the output.
 class MessageWriter : public NoticeRound::IReceiver {
  public:
-  MessageWriter(const ServerEnv& env, std::ostream& out);
+  MessageWriter(const ServerEnv& env, IClientOutput& out);
+  MessageWriter(const ServerEnv& env, std::unique_ptr<IClientOutput> out);
 
   // Used by all messages from now on. From any thread.
   void SetSerializer(const ISettingsSerializer& serializer) { _serializer = &serializer; }
   const ISettingsSerializer& GetSerializer() const { return *_serializer; }
+
+  // All messages from now on wait until that change is durable. By the handler.
+  void HoldMessages(ChangeTicket ticket);
 
   // Writes what "compose" adds to a StringOstream. groups: those that the reply shows; null: it may show any.
   template <class Compose>
@@ -56,7 +60,7 @@ class MessageWriter : public NoticeRound::IReceiver {
       _message.Reset(kKeptMemory);
       throw;
     }
-    Write(_message.GetText(), groups);
+    WriteReply(_message.GetText(), groups);
     _message.Reset(kKeptMemory);
   }
 
@@ -88,14 +92,16 @@ class MessageWriter : public NoticeRound::IReceiver {
   void Compose(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
                const ISettingsSerializer& serializer) TAVIX_REQUIRES(_outputMutex);
   void Break() TAVIX_REQUIRES(_outputMutex);
+  void WriteReply(const std::string& message, const common::GroupNameMatcher* groups) TAVIX_REQUIRES(_outputMutex);
   void Write(const std::string& message, const common::GroupNameMatcher* groups) TAVIX_REQUIRES(_outputMutex);
 
   core::Logger* const _logger;
   const SettingsManager& _settingsManager;
-  IMessageObserver* const _messageObserver;  // may be null
+  const std::unique_ptr<IClientOutput> _ownOutput;  // may be null
+  IClientOutput& _output;                           // but for HoldMessages, used with the mutex held
   std::atomic<const ISettingsSerializer*> _serializer;
   osa::Mutex _outputMutex;
-  std::ostream& _out TAVIX_GUARDED_BY(_outputMutex);
+  std::ostream& _out TAVIX_GUARDED_BY(_outputMutex);            // the output's
   core::StringOstream _message TAVIX_GUARDED_BY(_outputMutex);  // kept for its memory only
   bool _hasEnded TAVIX_GUARDED_BY(_outputMutex) = false;
 };

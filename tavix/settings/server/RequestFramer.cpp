@@ -11,10 +11,10 @@ namespace tavix::settings::server {
 namespace protocol = client::protocol;
 
 size_t RequestFramer::FindEnd(std::string_view received) {
-  bool whole = false;
-  while (!whole && _looked < received.size()) {
+  bool isWhole = false;
+  while (!isWhole && _looked < received.size()) {
     if (_part == Part::kPhpArray || _part == Part::kBetween) {
-      whole = TakePhpArray(received);
+      isWhole = TakePhpArray(received);
       continue;
     }
     const void* found = std::memchr(received.data() + _looked, '\n', received.size() - _looked);
@@ -25,9 +25,9 @@ size_t RequestFramer::FindEnd(std::string_view received) {
     const auto end = static_cast<size_t>(static_cast<const char*>(found) - received.data());
     const std::string_view line = received.substr(_lineBegin, end - _lineBegin);
     _looked = _lineBegin = end + 1;
-    whole = _part == Part::kCommand ? TakeCommand(line) : TakeLine(line);
+    isWhole = _part == Part::kCommand ? TakeCommand(line) : TakeLine(line);
   }
-  if (!whole) return 0;
+  if (!isWhole) return 0;
   const size_t length = _looked;
   _part = Part::kCommand;
   _looked = _lineBegin = 0;
@@ -40,17 +40,18 @@ size_t RequestFramer::GetUnfinishedLine(std::string_view received) const {
 
 // These return whether the request is whole.
 bool RequestFramer::TakeCommand(std::string_view line) {
-  const std::string_view word = TakeWord(line);
-  const CommandTable::Command* const command = CommandTable::Find(word);
+  const CommandTable::Command* const command = CommandTable::Find(TakeWord(line));
   _isCommand = command != nullptr;
   if (!command) return true;
-  if (word == protocol::kSerialize) {
-    const std::string_view name = TakeWord(line);
-    if (name == "phparray") _phpArray = true;
-    if (name == "ini") _phpArray = false;
-  }
+  if (command->effect == CommandTable::Effect::kSetsSerialization) FollowSerialization(TakeWord(line));
   _partsLeft = command->parts;
   return BeginNextPart();
+}
+
+// Any other name changes nothing, for the handler neither.
+void RequestFramer::FollowSerialization(std::string_view name) {
+  if (name == "phparray") _isPhpArray = true;
+  if (name == "ini") _isPhpArray = false;
 }
 
 bool RequestFramer::TakeLine(std::string_view line) {
@@ -61,8 +62,8 @@ bool RequestFramer::TakeLine(std::string_view line) {
 bool RequestFramer::TakePhpArray(std::string_view received) {
   if (_part == Part::kBetween) {
     const char byte = received[_looked];
-    if (IsBlank(byte) || (byte == '.' && !_betweenDot)) {
-      _betweenDot = _betweenDot || byte == '.';
+    if (IsBlank(byte) || (byte == '.' && !_hasDot)) {
+      _hasDot = _hasDot || byte == '.';
       ++_looked;
       return false;
     }
@@ -76,11 +77,11 @@ bool RequestFramer::BeginNextPart() {
   const char next = *_partsLeft;
   if (next == '\0') return true;
   ++_partsLeft;
-  if (next == 'l' || !_phpArray) {
+  if (next == 'l' || !_isPhpArray) {
     _part = Part::kLines;
   } else {
     _part = _part == Part::kPhpArray ? Part::kBetween : Part::kPhpArray;
-    _betweenDot = false;
+    _hasDot = false;
     _scanner = PhpArrayScanner();
   }
   return false;

@@ -9,12 +9,13 @@
 
 namespace tavix::settings::server {
 
-// Tells where a connection's next request ends, from bytes that arrive in pieces of any size, so that a ClientHandler
+// Finds where a connection's next request ends, from bytes that arrive in pieces of any size, so that a ClientHandler
 // can be given whole requests and never waits for the rest of one. It knows which lists and payloads follow each
 // command, and follows the connection's serialization. A line that is no command is a request of its own, as the
 // handler takes it.
 //
-// Cost: each byte is looked at once, however small the pieces are.
+// Threads: the connection's loop.
+// Cost:    each byte is looked at once, however small the pieces are.
 class TAVIX_DAEMON_EXPORT RequestFramer {
  public:
   // received: everything from the beginning of the request that is not finished yet; each call shows the same bytes
@@ -29,9 +30,17 @@ class TAVIX_DAEMON_EXPORT RequestFramer {
   size_t GetUnfinishedLine(std::string_view received) const;
 
  private:
+  // What of a request is read. A request begins with its command's line; CommandTable has what follows:
+  //
+  //   a list, or a payload in "ini"   kLines, up to its terminator's line
+  //   a payload in "phparray"         kPhpArray, up to its last brace; behind one payload, and before the next of the
+  //                                   same request, kBetween
+  //
+  // Behind the last of these the request is whole, and kCommand is next.
   enum class Part { kCommand, kLines, kPhpArray, kBetween };
 
   bool TakeCommand(std::string_view line);
+  void FollowSerialization(std::string_view name);
   bool TakeLine(std::string_view line);
   bool TakePhpArray(std::string_view received);
   bool BeginNextPart();
@@ -39,8 +48,8 @@ class TAVIX_DAEMON_EXPORT RequestFramer {
   Part _part = Part::kCommand;
   const char* _partsLeft = "";  // 'l' a list, 'p' a payload
   bool _isCommand = false;
-  bool _phpArray = false;    // the connection's serialization
-  bool _betweenDot = false;  // the dot between two payloads was seen
+  bool _isPhpArray = false;  // the connection's serialization
+  bool _hasDot = false;      // there was a dot between two payloads, which may have one
   PhpArrayScanner _scanner;
   size_t _lineBegin = 0;
   size_t _looked = 0;  // so far, of what was received

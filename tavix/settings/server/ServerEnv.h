@@ -20,7 +20,7 @@ struct ServerEnv {
   // another bound of subscriptions subscribes to nothing, with a warning in the log.
   size_t mostSubscriptions = 0;
 
-  // Told of every reply and notice; may be null.
+  // Told of every reply and notice of handlers that write to a plain stream; may be null. Others have an IClientOutput.
   IMessageObserver* messageObserver = nullptr;
 
   // How many bytes the names and patterns of its subscriptions may have. 0: no limit.

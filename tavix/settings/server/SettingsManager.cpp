@@ -218,26 +218,42 @@ size_t SettingsManager::CountApproximateBytes(const IniFile& document) {
 }
 
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags) {
+  ChangeTicket ignored = 0;
+  MergeSettings(settings, flags, ignored);
+}
+
+void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags, ChangeTicket& ticket) {
   ChangeRequest request;
   request.MergeUnrestricted(settings);
   if (flags & kNoPersist) request.KeepUserSettings();
-  static_cast<void>(StoreChange(*_documents, _persister, *_notifier, request).Make());
+  static_cast<void>(MakeChange(request, ticket));
 }
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  ChangeTicket ignored = 0;
+  return TestAndMerge(test, settings, ignored);
+}
+
+bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings, ChangeTicket& ticket) {
   ChangeRequest request;
   request.SetTest(test);
   request.MergeUnrestricted(settings);
-  return StoreChange(*_documents, _persister, *_notifier, request).Make();
+  return MakeChange(request, ticket);
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
+  ChangeTicket ignored = 0;
+  OverwriteSettings(groups, settings, ignored);
+}
+
+void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings,
+                                        ChangeTicket& ticket) {
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
   ChangeRequest request;
   request.RemoveVisible(matcher, groups);
   request.MergeUnrestricted(settings);
-  static_cast<void>(StoreChange(*_documents, _persister, *_notifier, request).Make());
+  static_cast<void>(MakeChange(request, ticket));
 }
 
 void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -245,13 +261,27 @@ void SettingsManager::OverwriteSettings(const std::string& group, const IniFile&
 }
 
 void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
+  ChangeTicket ignored = 0;
+  RestoreToDefaults(matcher, ignored);
+}
+
+void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, ChangeTicket& ticket) {
+  ticket = 0;
   if (!_persister) return;
   _notifier->RefuseInCallback();
   const IniFile defaults = _loader->LoadDefaults(matcher);
   ChangeRequest request;
   request.RemoveUser(matcher);
   request.Merge(defaults);
-  static_cast<void>(StoreChange(*_documents, _persister, *_notifier, request).Make());
+  static_cast<void>(MakeChange(request, ticket));
+}
+
+// False when the request's test fails.
+bool SettingsManager::MakeChange(ChangeRequest& request, ChangeTicket& ticket) {
+  StoreChange change(*_documents, _persister, *_notifier, request);
+  const bool isMade = change.Make();
+  ticket = change.GetTicket();
+  return isMade;
 }
 
 // As LoadUserSettings.

@@ -14,10 +14,12 @@
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeTicket.h"
 
 namespace tavix::settings::server {
 
 class ChangeNotifier;
+class ChangeRequest;
 class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
@@ -147,23 +149,30 @@ class TAVIX_EXPORT SettingsManager {
   // About how much a document takes. O(keys).
   static size_t CountApproximateBytes(const core::IniFile& document);
 
+  // The operations that follow change the store. ticket: gets the ticket of the change, as the persister gave it, for
+  // callers that must not show the change before it is durable; 0: nothing has to be waited for.
+
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);
+  void MergeSettings(const core::IniFile& settings, unsigned int flags, ChangeTicket& ticket);
 
   // Merges "settings" if readers see every value of "test", as one step. Returns whether it did; if not, nobody is
   // told.
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
+  bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, ChangeTicket& ticket);
 
   // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
   // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in
   // the document they are given. Restricted groups stay. Always saved.
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings);
+  void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings, ChangeTicket& ticket);
   void OverwriteSettings(const std::string& group, const core::IniFile& settings);
 
   // Brings defaults, read anew, back for matching groups, as user settings: they are pinned to the defaults of this
   // moment. Matching user groups without defaults disappear. Does nothing at all without a persister.
   void RestoreToDefaults(const common::GroupNameMatcher& matcher);
+  void RestoreToDefaults(const common::GroupNameMatcher& matcher, ChangeTicket& ticket);
 
   // Subscriptions of one callback add up, and end only as a whole. Unsubscribe returns once no call of "cb" is under
   // way.
@@ -192,6 +201,8 @@ class TAVIX_EXPORT SettingsManager {
  private:
   SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
                   IIncludeFilter* includeFilter);
+
+  bool MakeChange(ChangeRequest& request, ChangeTicket& ticket);
 
   ISettingsPersister* const _persister;  // may be null
   const std::unique_ptr<StoreLoader> _loader;

@@ -1,5 +1,6 @@
 #include "tavix/settings/server/StoreChange.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <exception>
@@ -54,7 +55,7 @@ bool StoreChange::Make() {
   _lateCount.Finish();  // until then the store seems fuller than it is, and others are refused
   std::exception_ptr failure;
   try {
-    ReportUnchanged();
+    FindTicketOfOthers();
   } catch (...) {
     failure = std::current_exception();
   }
@@ -65,7 +66,7 @@ bool StoreChange::Make() {
 
 void StoreChange::MakeLocked() {
   _request.PrepareLocked(_documents);
-  if (MakeUnderLock()) ReportUnchanged();
+  if (MakeUnderLock()) FindTicketOfOthers();
 }
 
 void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user) {
@@ -212,16 +213,13 @@ void StoreChange::RemoveGroups() noexcept {
 void StoreChange::Save() {
   static const std::set<std::string> none;
   const std::set<std::string>& changed = _held ? none : _different;
-  if (_record.added.IsEmpty()) {
-    _persister->SaveChangedGroups(_documents._user, changed);
-  } else {
-    _persister->SaveAddedSettings(_documents._user, changed, _record.added);
-  }
+  _ticket = _record.added.IsEmpty() ? _persister->SaveChangedGroups(_documents._user, changed)
+                                    : _persister->SaveAddedSettings(_documents._user, changed, _record.added);
 }
 
 // A power cut may still take back what the request finds done already.
-void StoreChange::ReportUnchanged() const {
-  if (_held) _persister->NoteUnchangedGroups(*_held);
+void StoreChange::FindTicketOfOthers() {
+  if (_held) _ticket = std::max(_ticket, _persister->FindLastTicket(*_held));
 }
 
 }  // namespace tavix::settings::server

@@ -9,6 +9,7 @@
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeRequest.h"
+#include "tavix/settings/server/ChangeTicket.h"
 #include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/PreparedMerge.h"
@@ -52,6 +53,10 @@ class StoreChange {
   // notified.
   void MakeLocked() TAVIX_REQUIRES(_documents.GetLock());
 
+  // What a client that asked for the change has to wait for: its own save or, when it changed nothing, the saves of
+  // others that it relies on. 0: nothing, or the change was not saved.
+  ChangeTicket GetTicket() const { return _ticket; }
+
   // Replaces both documents, as loading does: no bounds, nothing is saved, nobody is notified.
   static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user)
       TAVIX_REQUIRES(documents.GetLock());
@@ -71,7 +76,7 @@ class StoreChange {
   void CarryOutPlans(ChangePlans& plans) noexcept TAVIX_REQUIRES(_documents.GetLock());
   void RemoveGroups() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void Save() TAVIX_REQUIRES(_documents.GetLock());
-  void ReportUnchanged() const;
+  void FindTicketOfOthers();
 
   StoreDocuments& _documents;
   ISettingsPersister* const _persister;
@@ -86,6 +91,7 @@ class StoreChange {
   std::optional<common::GroupNameMatcher> _held;  // the groups of a request that the user settings held all before
 
   RemovedGroups _removed;
+  ChangeTicket _ticket = 0;
   LateCount _lateCount;  // destroyed first
 };
 

@@ -26,8 +26,8 @@ TEST(CommandTable, IsInAscendingOrderAsStatisticsAre) {
   const auto isBefore = [](const auto& a, const auto& b) { return std::string(a.word) < b.word; };
   EXPECT_TRUE(std::is_sorted(CommandTable::begin(), CommandTable::end(), isBefore));
   const auto statistics = ClientHandler::ReadStatistics();
-  ASSERT_EQ(statistics.commands.size(), CommandTable::kCount);
-  for (size_t i = 0; i < CommandTable::kCount; ++i)
+  ASSERT_EQ(statistics.commands.size(), static_cast<size_t>(CommandTable::end() - CommandTable::begin()));
+  for (size_t i = 0; i < statistics.commands.size(); ++i)
     EXPECT_EQ(statistics.commands[i].name, CommandTable::begin()[i].word);
 }
 
@@ -38,6 +38,35 @@ TEST(CommandTable, TellsTheFramerWhatFollowsEachCommand) {
     RequestFramer framer;
     EXPECT_EQ(framer.FindEnd(request + "next\n"), request.size()) << command.word;
     EXPECT_TRUE(framer.IsCommand());
+  }
+}
+
+// How long a request of that command takes shows in its line, its size or its patterns.
+TEST(CommandTable, TellsWhichRequestsMayTakeLong) {
+  const std::string large(33 * 1024, 'x');
+  const std::string medium(9 * 1024, 'x');
+  for (const CommandTable::Command& command : CommandTable()) {
+    SCOPED_TRACE(command.word);
+    using Duration = CommandTable::Duration;
+    const std::string word = command.word;
+    const bool isLong = command.duration == Duration::kLong;
+    EXPECT_EQ(CommandTable::IsLong(word + "\nA\n.\n"), isLong);
+    EXPECT_EQ(CommandTable::IsLong(word + "\nA*\n.\n"), isLong || command.duration == Duration::kByPattern);
+    EXPECT_EQ(CommandTable::IsLong(word + "\n" + medium), isLong || command.duration == Duration::kBySubscription);
+    EXPECT_EQ(CommandTable::IsLong(word + " subscribed\n"), isLong || command.duration == Duration::kIfSubscribed);
+    EXPECT_TRUE(CommandTable::IsLong(word + "\n" + large));
+  }
+  EXPECT_FALSE(CommandTable::IsLong("unknown A*\n"));
+}
+
+TEST(CommandTable, TellsTheFramerWhichCommandSetsTheFormOfPayloads) {
+  for (const CommandTable::Command& command : CommandTable()) {
+    RequestFramer framer;
+    std::string line = std::string(command.word) + " phparray\n";
+    for (const char* part = command.parts; *part != '\0'; ++part) line += ".\n";
+    EXPECT_EQ(framer.FindEnd(line), line.size());
+    const bool isPhpArray = framer.FindEnd("merge\na:0:{}") > 0;
+    EXPECT_EQ(isPhpArray, command.effect == CommandTable::Effect::kSetsSerialization) << command.word;
   }
 }
 

@@ -26,6 +26,7 @@ using tavix::core::IniFile;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ChangeNotifier;
 using tavix::settings::server::ChangeRequest;
+using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::ISettingsPersister;
 using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::StoreAccount;
@@ -44,7 +45,10 @@ class LastSave : public ISettingsPersister {
   void LoadDefaultSettings(SettingsCombiner&) override {}
   void LoadUserSettings(SettingsCombiner&) override {}
   void SaveUserSettings(const IniFile&) override {}
-  void SaveChangedGroups(const IniFile&, const Names& changedGroups) override { groups = changedGroups; }
+  ChangeTicket SaveChangedGroups(const IniFile&, const Names& changedGroups) override {
+    groups = changedGroups;
+    return 0;
+  }
 
   Names groups;
 };

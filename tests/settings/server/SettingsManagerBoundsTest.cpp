@@ -127,6 +127,23 @@ TEST_F(BoundedStore, HasRoomAgainOnceGroupsAreErased) {
   EXPECT_THAT(AllSettingsOf(_store), HasSubstr("[E]\n"));
 }
 
+// Others may make their changes while the callbacks of a change run.
+TEST_F(BoundedStore, HasRoomForOthersBeforeTheCallbacksOfTheChangeThatMadeItAreCalled) {
+  struct Callback : settings::IChangeCallback {
+    explicit Callback(const SettingsManager& owner) : store(owner) {}
+    void OnChange(const Names&, const IniFile&) override { bytes = store.GetApproximateBytes(); }
+    const SettingsManager& store;
+    size_t bytes = 0;
+  };
+  Callback callback(_store);
+  _store.MergeSettings(DocumentOf("[A]\nx=" + kLarge + "\n"), 0);
+  _store.Subscribe(&callback, "A");
+  _store.OverwriteSettings("A", DocumentOf("[A]\nx=1\n"));
+  EXPECT_EQ(callback.bytes, _store.GetApproximateBytes());
+  EXPECT_LT(callback.bytes, kLarge.size());
+  _store.Unsubscribe(&callback);
+}
+
 TEST_F(BoundedStore, RefusesAnOverwriteOfTooManyPatterns) {
   _store.SetMaxDeletedPatterns(2);
   _store.OverwriteSettings(Names{"P1*", "P2*"}, IniFile());

@@ -66,6 +66,7 @@ using core::IniFile;
 using settings::common::GroupNameMatcher;
 using settings::server::ChangeNotifier;
 using settings::server::ChangeRequest;
+using settings::server::ChangeTicket;
 using settings::server::ISettingsPersister;
 using settings::server::SettingsCombiner;
 using settings::server::StoreAccount;
@@ -102,8 +103,14 @@ class CountingPersister : public ISettingsPersister {
   void LoadDefaultSettings(SettingsCombiner&) override {}
   void LoadUserSettings(SettingsCombiner&) override {}
   void SaveUserSettings(const IniFile&) override {}
-  void SaveChangedGroups(const IniFile&, const Names&) override { ++saves; }
-  void SaveAddedSettings(const IniFile&, const Names&, const IniFile&) override { ++saves; }
+  ChangeTicket SaveChangedGroups(const IniFile&, const Names&) override {
+    ++saves;
+    return 0;
+  }
+  ChangeTicket SaveAddedSettings(const IniFile&, const Names&, const IniFile&) override {
+    ++saves;
+    return 0;
+  }
 
   int saves = 0;
 };

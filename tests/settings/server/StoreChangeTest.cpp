@@ -31,6 +31,7 @@ using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ChangeNotifier;
 using tavix::settings::server::ChangeRecorder;
 using tavix::settings::server::ChangeRequest;
+using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::ISettingsPersister;
 using tavix::settings::server::RefusedChange;
 using tavix::settings::server::SettingsCombiner;
@@ -61,28 +62,33 @@ class RecordingPersister : public ISettingsPersister {
   void LoadUserSettings(SettingsCombiner&) override {}
   void SaveUserSettings(const IniFile&) override {}
 
-  void SaveChangedGroups(const IniFile& userSettings, const Names& changedGroups) override {
+  ChangeTicket SaveChangedGroups(const IniFile& userSettings, const Names& changedGroups) override {
     user = TextOf(userSettings);
     saves.push_back(changedGroups);
     isLockedToSave = IsLocked();
+    return changedGroups.empty() ? 0 : ++lastTicket;
   }
 
-  void SaveAddedSettings(const IniFile& userSettings, const Names& changedGroups,
-                         const IniFile& addedSettings) override {
+  ChangeTicket SaveAddedSettings(const IniFile& userSettings, const Names& changedGroups,
+                                 const IniFile& addedSettings) override {
     added += TextOf(addedSettings);
-    SaveChangedGroups(userSettings, changedGroups);
+    return SaveChangedGroups(userSettings, changedGroups);
   }
 
-  void NoteUnchangedGroups(const GroupNameMatcher& groups) override {
+  ChangeTicket FindLastTicket(const GroupNameMatcher& groups) override {
     unchanged.push_back(groups.GetNames());
     isLockedToNote = IsLocked();
     if (failsToNote) throw Exception("No memory");
+    return kTicketOfOthers;
   }
+
+  static constexpr ChangeTicket kTicketOfOthers = 100;
 
   std::string user;
   std::string added;
   std::vector<Names> saves;
   std::vector<Names> unchanged;
+  ChangeTicket lastTicket = 0;
   bool isLockedToSave = false;
   bool isLockedToNote = false;
   bool failsToNote = false;
@@ -119,11 +125,17 @@ struct StoreChangeTest : testing::Test {
     EXPECT_TRUE(Make(request));
   }
 
-  bool Make(ChangeRequest& request) { return StoreChange(documents, &persister, notifier, request).Make(); }
+  bool Make(ChangeRequest& request) {
+    StoreChange change(documents, &persister, notifier, request);
+    const bool isMade = change.Make();
+    ticket = change.GetTicket();
+    return isMade;
+  }
 
   StoreDocuments documents{kRecord};
   RecordingPersister persister{documents};
   ChangeNotifier notifier;
+  ChangeTicket ticket = 0;  // of the last change
 };
 
 TEST_F(StoreChangeTest, SavesTheGroupsThatDifferUnderTheLock) {
@@ -156,6 +168,24 @@ TEST_F(StoreChangeTest, NotifiesAlthoughThePersisterFailedBehindTheLock) {
   request.MergeUnrestricted(settings);
   EXPECT_THROW(static_cast<void>(Make(request)), Exception);
   EXPECT_EQ(callback.GetChanges().size(), 1u);
+}
+
+TEST_F(StoreChangeTest, HasTheTicketOfItsSaveOrOfTheOthersThatItReliesOn) {
+  Overwrite({"B"}, DocumentOf("[B]\nx=7\n"));
+  EXPECT_EQ(ticket, 1u);
+  Overwrite({"A"}, DocumentOf("[A]\nx=7\n"));
+  EXPECT_EQ(ticket, 2u);
+  Overwrite({"A"}, DocumentOf("[A]\nx=7\n"));
+  EXPECT_EQ(ticket, RecordingPersister::kTicketOfOthers);
+}
+
+TEST_F(StoreChangeTest, HasNoTicketWhenItIsNotSaved) {
+  const IniFile settings = DocumentOf("[A]\nx=7\n");
+  ChangeRequest request;
+  request.Merge(settings);
+  request.KeepUserSettings();
+  ASSERT_TRUE(Make(request));
+  EXPECT_EQ(ticket, 0u);
 }
 
 TEST_F(StoreChangeTest, SavesGroupsOfTheDefaultsThatGoByTheRecordAlone) {

@@ -21,7 +21,7 @@ struct ConnectionSetup {
   settings::server::SettingsManager store;
   settings::server::SerializationManager serializers;
   settings::server::ServerEnv env{&store, &serializers};
-  const daemon::Limits limits;
+  daemon::Limits limits;
   daemon::SharedBounds bounds{daemon::SharedBound(limits.allRequestBytes), daemon::SharedBound(limits.allBacklogBytes)};
   daemon::Counters counters;
 };

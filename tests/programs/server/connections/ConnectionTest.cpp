@@ -8,14 +8,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <thread>
 
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
-#include "tavix/settings/server/IMessageObserver.h"
+#include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/BackgroundCall.h"
@@ -30,21 +29,6 @@ using daemon::DurabilityGate;
 using Clock = daemon::Connection::Clock;
 
 constexpr int kLongWait = 20 * 1000;  // milliseconds
-
-// Has each message wait for the change that the test names; 0: none.
-struct TestHolder : settings::server::IMessageObserver {
-  void OnMessage(std::ostream& out, const settings::common::GroupNameMatcher*) override {
-    daemon::OutputQueue::Of(out).HoldMessage(ticket);
-    isMade = true;
-    ++made;
-  }
-  bool IsReachable(std::ostream& out) override { return daemon::OutputQueue::Of(out).IsReachable(); }
-  void OnMessageLost(std::ostream& out) override { daemon::OutputQueue::Of(out).OnMessageLost(); }
-
-  DurabilityGate::Ticket ticket = 0;
-  std::atomic<bool> isMade{false};
-  std::atomic<int> made{0};
-};
 
 // A connection whose peer is the test, over a socket that takes a few kilobytes at a time. The test is its loop, too.
 // Turns end by the number of their requests alone, however slow the machine is.
@@ -95,7 +79,12 @@ class ServerConnection : public testing::Test {
   }
 
   // Every message from now on waits for a change, which is made durable by the gate.
-  DurabilityGate::Ticket HoldMessages() { return _holder.ticket = _gate.Add(&kGroups); }
+  DurabilityGate::Ticket HoldMessages() { return _gate.Add(nullptr); }
+
+  // Since the test began.
+  unsigned long long CountReplies() const {
+    return settings::server::ClientHandler::ReadStatistics().replies - _repliesBefore;
+  }
 
   // Takes what has come off the socket.
   std::string TakeWhatHasCome() {
@@ -145,12 +134,10 @@ class ServerConnection : public testing::Test {
 
   size_t CountGroups() const { return _store.GetSizes().allGroups; }
 
-  static inline const std::set<std::string> kGroups{"Any"};
-
   settings::server::SettingsManager _store;
   settings::server::SerializationManager _serializers;
-  TestHolder _holder;
-  settings::server::ServerEnv _env{&_store, &_serializers, 0, &_holder};
+  settings::server::ServerEnv _env{&_store, &_serializers};
+  const unsigned long long _repliesBefore = settings::server::ClientHandler::ReadStatistics().replies;
   daemon::Limits _limits;
   daemon::SharedBounds _bounds{daemon::SharedBound(_limits.allRequestBytes),
                                daemon::SharedBound(_limits.allBacklogBytes)};
@@ -237,9 +224,9 @@ TEST_F(ServerConnection, RequestsThatWereLeftForWantOfRoomGoOnWhoeverMadeTheRoom
   const std::string left = "get\nA\n" + std::string(60'000, 'x') + "\n.\n";  // copied between the two
   for (int i = 0; i < 2000; ++i) {
     const DurabilityGate::Ticket ticket = HoldMessages();
-    _holder.isMade = false;
+    const unsigned long long before = CountReplies();
     BackgroundCall sync([&] {
-      while (!_holder.isMade) std::this_thread::yield();
+      while (CountReplies() == before) std::this_thread::yield();
       for (volatile int wait = i % 100 * 100; wait > 0; wait = wait - 1) continue;
       _gate.SetDurable(ticket);
     });
@@ -294,7 +281,7 @@ TEST_F(ServerConnection, PeerThatHasLeftIsGivenNoMoreThanOneAnswer) {
   EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
   _peer.Reset();
   while (GoRound()) continue;
-  EXPECT_EQ(_holder.made, 1);
+  EXPECT_EQ(CountReplies(), 1u);
   EXPECT_EQ(CountGroups(), 2u) << "changes are made";
 }
 
@@ -303,7 +290,7 @@ TEST_F(ServerConnection, PeerThatHasLeftOverTcpIsGivenNoMoreThanOneLargeAnswer) 
   EXPECT_TRUE(Send(_peer, Repeated(1000, "get\nLarge\n.\n") + "merge\n[Last]\nx=1\n.\n"));
   _peer.Reset();
   while (GoRound()) continue;
-  EXPECT_EQ(_holder.made, 1);
+  EXPECT_EQ(CountReplies(), 1u);
   EXPECT_EQ(CountGroups(), 2u) << "changes are made";
 }
 
@@ -313,7 +300,7 @@ TEST_F(ServerConnection, PeerThatOnlySendsNoMoreIsGivenAllAnswers) {
   EXPECT_EQ(shutdown(_peer.Get(), SHUT_WR), 0);
   const std::string answers = Repeated(30, kLargeReply);
   EXPECT_EQ(ReceiveInRounds(answers.size()).size(), answers.size());
-  EXPECT_EQ(_holder.made, 30);
+  EXPECT_EQ(CountReplies(), 30u);
 }
 
 TEST_F(ServerConnection, ManyRequestsBeforeTheEndOfTheInputAreHandledInTurns) {

@@ -5,8 +5,12 @@
 
 #include <atomic>
 #include <list>
+#include <set>
+#include <string>
+#include <vector>
 
 #include "tavix/osa/Descriptor.h"
+#include "tavix/osa/Semaphore.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/BackgroundCall.h"
@@ -25,19 +29,59 @@ struct FailingPersister : settings::server::ISettingsPersister {
   void SaveUserSettings(const core::IniFile&) override { throw 1; }
 };
 
+// Notes the groups in the order in which they are changed. A change of a group whose name begins with "Wait" lasts for
+// as long as the test wants.
+class OrderedPersister : public settings::server::ISettingsPersister {
+ public:
+  void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
+  void LoadUserSettings(settings::server::SettingsCombiner&) override {}
+  void SaveUserSettings(const core::IniFile&) override {}
+
+  settings::server::ChangeTicket SaveChangedGroups(const core::IniFile&,
+                                                   const std::set<std::string>& changedGroups) override {
+    const std::string& group = *changedGroups.begin();
+    order.push_back(group);
+    if (group.compare(0, 4, "Wait") == 0) {
+      begun.Release();
+      isReleased.Lock(osa::kWaitForever);
+    }
+    return 0;
+  }
+
+  osa::Semaphore begun{nullptr, 1, 0};
+  osa::Semaphore isReleased{nullptr, 1, 0};
+  std::vector<std::string> order;  // the loop's, until it has answered a probe
+};
+
+osa::Descriptor ConnectTo(EventLoop& loop) {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  loop.Add(osa::Descriptor(ends[0]));
+  return osa::Descriptor(ends[1]);
+}
+
 class ServingLoop : public testing::Test {
  protected:
-  osa::Descriptor Connect() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _loop.Add(osa::Descriptor(ends[0]));
-    return osa::Descriptor(ends[1]);
-  }
+  osa::Descriptor Connect() { return ConnectTo(_loop); }
 
   FailingPersister _persister;
   ConnectionSetup _setup{_persister};
   std::atomic<int> _failures{0};
   EventLoop _loop{_setup.GetShared(), [this] { ++_failures; }};
+};
+
+// A loop whose order of service the test sees.
+class OrderedLoop : public testing::Test {
+ protected:
+  static bool Change(const osa::Descriptor& peer, const std::string& group, const std::string& value) {
+    return Send(peer, "test-and-merge\n.\n[" + group + "]\nx=" + value + "\n.\n");
+  }
+
+  static void AwaitReply(const osa::Descriptor& peer) { EXPECT_EQ(Receive(peer, 10), "result\nok\n"); }
+
+  OrderedPersister _persister;
+  ConnectionSetup _setup{_persister};
+  EventLoop _loop{_setup.GetShared(), [] {}};
 };
 
 }  // namespace
@@ -69,6 +113,30 @@ TEST_F(ServingLoop, ThatFailsSaysSoAndKeepsNobodyWaiting) {
   _loop.Probe();
   EXPECT_TRUE(_loop.HasFailed());
   EXPECT_TRUE(Eventually([this] { return _failures == 1; }));
+}
+
+// The round that takes the new ones in is held up by a second client. All send their requests meanwhile.
+TEST_F(OrderedLoop, ServesWhoeverWaitsBeforeManyNewConnections) {
+  const osa::Descriptor known = ConnectTo(_loop);
+  const osa::Descriptor first = ConnectTo(_loop);
+  const osa::Descriptor second = ConnectTo(_loop);
+  EXPECT_TRUE(Change(known, "Known", "1"));
+  AwaitReply(known);
+  EXPECT_TRUE(Change(first, "Wait 1", "1"));
+  _persister.begun.Lock(osa::kWaitForever);
+  std::vector<osa::Descriptor> others;
+  while (others.size() < 20) others.push_back(ConnectTo(_loop));
+  EXPECT_TRUE(Change(second, "Wait 2", "1"));
+  _persister.isReleased.Release();
+  _persister.begun.Lock(osa::kWaitForever);
+  for (const osa::Descriptor& other : others) EXPECT_TRUE(Change(other, "Other", std::to_string(other.Get())));
+  EXPECT_TRUE(Change(known, "Known", "2"));
+  _persister.isReleased.Release();
+  for (const osa::Descriptor& other : others) AwaitReply(other);
+  AwaitReply(known);
+  _loop.Probe();
+  EXPECT_EQ(_persister.order.size(), 4 + others.size());
+  EXPECT_EQ(_persister.order[3], "Known");
 }
 
 }  // namespace tavix::test

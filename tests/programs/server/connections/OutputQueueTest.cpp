@@ -115,7 +115,7 @@ TEST_F(HoldingQueue, EachMessageWaitsForItsOwnChange) {
 
 TEST_F(HoldingQueue, HoldingFromNowOnHoldsMessagesThatShowNothing) {
   const DurabilityGate::Ticket ticket = Change();
-  _queue->HoldFromNowOn(ticket);
+  _queue->HoldMessages(ticket);
   Write("a\n");
   EXPECT_EQ(Receive(), "");
   _gate.SetDurable(ticket);
@@ -155,7 +155,7 @@ TEST_F(HoldingQueue, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
   Write("a\n", first);
   _gate.SetDurable(first);
   EXPECT_EQ(_kept, 0);
-  _queue->TellWhenSent(true);
+  _queue->ReportSent(true);
   const DurabilityGate::Ticket second = Change();
   Write("b\n", second);
   _gate.SetDurable(second);
@@ -325,7 +325,7 @@ TEST_F(HoldingQueue, QueuesMaySendOneTextOnDifferentThreads) {
 
 TEST_F(HoldingQueue, ClosedQueueSendsAndTellsNothingWhenTheChangeIsDurable) {
   const DurabilityGate::Ticket ticket = Change();
-  _queue->TellWhenSent(true);
+  _queue->ReportSent(true);
   Write("a\n", ticket);
   _queue->Close();
   _gate.SetDurable(ticket);

@@ -45,6 +45,27 @@ TEST(Places, ReportNothingWhereNobodyWaits) {
   EXPECT_FALSE(IsReadable(places));
 }
 
+TEST(Places, OfConnectionsThatDepartAreFree) {
+  Places places(1);
+  ASSERT_TRUE(places.Take());
+  EXPECT_FALSE(places.Take());
+  EXPECT_TRUE(places.Depart());
+  EXPECT_TRUE(IsReadable(places));
+  EXPECT_TRUE(places.Take());
+}
+
+TEST(Places, AreKeptByConnectionsThatDepartWhereAsManyHaveDepartedAsThereArePlaces) {
+  Places places(1);
+  ASSERT_TRUE(places.Take());
+  ASSERT_TRUE(places.Depart());
+  ASSERT_TRUE(places.Take());
+  EXPECT_FALSE(places.Depart());
+  EXPECT_FALSE(places.Take());
+  places.FreeDeparted();
+  EXPECT_TRUE(places.Depart());
+  EXPECT_TRUE(places.Take());
+}
+
 TEST(Places, AreNeverMissedByWhoWaitsForOne) {
   constexpr int kRounds = 10'000;
   Places places(1);

@@ -42,6 +42,7 @@ class RequestInLane : public testing::Test {
   ~RequestInLane() override { _lane.Stop(); }
 
   osa::Descriptor Connect() {
+    EXPECT_TRUE(_places.Take());
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     _loop->Add(osa::Descriptor(ends[0]));
@@ -56,6 +57,16 @@ class RequestInLane : public testing::Test {
 
   void Release() { _persister.released.set_value(); }
 
+  daemon::Connection::Shared GetShared() {
+    daemon::Connection::Shared shared = _setup.GetShared(&_lane);
+    shared.places = &_places;
+    return shared;
+  }
+
+  unsigned long long CountCut(daemon::CutReason reason) const {
+    return _setup.counters.cut[static_cast<size_t>(reason)].Get();
+  }
+
   static std::string Ask(const osa::Descriptor& peer, const std::string& request, size_t count) {
     EXPECT_TRUE(Send(peer, request));
     return Receive(peer, count);
@@ -64,7 +75,8 @@ class RequestInLane : public testing::Test {
   SlowPersister _persister;
   ConnectionSetup _setup{_persister};
   daemon::SlowLane _lane;
-  std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(_setup.GetShared(&_lane), [] {});
+  daemon::Places _places{2};
+  std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(GetShared(), [] {});
 };
 
 const std::string kGetA = "get delimited\nA\n.\n";
@@ -116,6 +128,43 @@ TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt
   EXPECT_EQ(_loop->CountConnections(), 1u);
   Release();
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 0; }));
+}
+
+TEST_F(RequestInLane, ClientThatLeavesMeanwhileMakesRoomForAnother) {
+  osa::Descriptor slow = Connect();
+  const osa::Descriptor other = Connect();
+  SendSlowRequest(slow, "merge\n[A]\nx=2\n.\n");
+  EXPECT_FALSE(_places.Take());
+  slow.Reset();
+  EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
+  EXPECT_FALSE(_places.Take()) << "one alone has left";
+  Release();
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
+  EXPECT_EQ(Ask(other, kGetA, kA.size()), "data\n[A]\nx=2\n.\n") << "what it asked for was done";
+  EXPECT_FALSE(_places.Take()) << "its place was freed before";
+}
+
+// Ticks cut clients that have not read for too long. The last one shows that a tick has come behind the first.
+TEST_F(RequestInLane, ClientThatIsCutMeanwhileIsReportedOnce) {
+  using daemon::CutReason;
+  _setup.limits.backlogBytes = 0;
+  _setup.limits.backlogSeconds = 0;
+  const osa::Descriptor slow = Connect();
+  const osa::Descriptor other = Connect();
+  for (const osa::Descriptor* peer : {&slow, &other})
+    EXPECT_EQ(Ask(*peer, "subscribe\nB*\n.\n" + kGetA, kA.size()), kA);
+  SendSlowRequest(slow);
+  core::IniFile large;
+  large.SetValue("B", "y", std::string(4'000'000, 'v'));
+  _setup.store.MergeSettings(large, 0);
+  EXPECT_TRUE(Eventually([&] { return CountCut(CutReason::kBacklog) == 2; }));
+  const osa::Descriptor last = Connect();
+  EXPECT_EQ(Ask(last, "subscribe\nB*\n.\n" + kGetA, kA.size()), kA);
+  _setup.store.MergeSettings(large, 0);
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; })) << "the one in the lane is left";
+  _loop->Probe();
+  EXPECT_EQ(CountCut(CutReason::kBacklog), 3u);
+  Release();
 }
 
 TEST_F(RequestInLane, HalfClosedClientGetsTheRepliesToTheRequestsBehindIt) {

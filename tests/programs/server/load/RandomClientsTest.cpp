@@ -81,8 +81,8 @@ class OwnGroup {
   size_t _state;
 };
 
-// The state that a new client has brought its group to. Requests of those who have left keep their places for as long
-// as they wait to be carried out; whoever finds no place meanwhile is refused, and comes again.
+// The state that a new client has brought its group to. The places of those who have left are free once the daemon has
+// seen it; a client that finds no place meanwhile is refused, and comes again.
 std::string UseAsANewClient(const std::string& address, size_t state) {
   std::string result;
   EXPECT_TRUE(Eventually([&] {

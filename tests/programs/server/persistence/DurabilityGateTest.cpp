@@ -151,20 +151,18 @@ TEST_F(DurabilityGateTest, ReleasesWhatWaitsThoughChangesAreMadeMeanwhile) {
   }
 }
 
-TEST_F(DurabilityGateTest, ThreadKnowsItsOwnLastChange) {
+TEST_F(DurabilityGateTest, ChangeIsToldItsOwnTicketWhateverOtherThreadsChange) {
   const DurabilityGate::Ticket ticket = _gate.Add(&kA);
   std::thread([this] { _gate.Add(&kB); }).join();
-  EXPECT_EQ(DurabilityGate::GetLastOfThisThread(), ticket);
+  EXPECT_EQ(FindLast("A"), ticket);
+  EXPECT_LT(ticket, _gate.FindLast(nullptr));
 }
 
-TEST_F(DurabilityGateTest, ThreadReliesOnTheLastChangeOfTheGroupsThatItNotes) {
+TEST_F(DurabilityGateTest, RequestThatChangesNothingReliesOnTheLastChangeOfItsGroups) {
   const DurabilityGate::Ticket first = _gate.Add(&kA);
   _gate.Add(&kB);
-  DurabilityGate::TakeLastOfThisThread();
-  _gate.NoteReliance(Matching("A"));
-  EXPECT_EQ(DurabilityGate::TakeLastOfThisThread(), first);
-  _gate.NoteReliance(Matching("C"));
-  EXPECT_EQ(DurabilityGate::TakeLastOfThisThread(), 0u);
+  EXPECT_EQ(FindLast("A"), first);
+  EXPECT_EQ(FindLast("C"), 0u);
 }
 
 TEST(OpenDurabilityGate, HoldsNothing) {

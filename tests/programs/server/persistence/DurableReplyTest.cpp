@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "programs/server/connections/Connection.h"
-#include "programs/server/connections/MessageHolder.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SerializationManager.h"
@@ -236,8 +235,7 @@ class DurableReply : public Persister {
     SlowSyncs syncs;
     files.AddObserver([&](const auto& operation) { syncs.OnOperation(operation); });
     PersistedStore store(files, kAlways, kDefaults);
-    daemon::MessageHolder holder(&store.GetGate());
-    settings::server::ServerEnv env{&store.GetManager(), &_serializers, 0, &holder};
+    settings::server::ServerEnv env{&store.GetManager(), &_serializers};
     const daemon::Connection::Shared shared{&env, _limits, _bounds, _counters, &store.GetGate(), kLongWait};
     std::vector<std::unique_ptr<Client>> clients;
     while (clients.size() < kConnections) clients.push_back(std::make_unique<Client>(_poll.Get(), _wake.Get(), shared));

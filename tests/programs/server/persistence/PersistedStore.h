@@ -74,8 +74,8 @@ class PersistedStore : private daemon::ILayerSources {
   // In seconds since the epoch; 0: the disk has everything.
   std::time_t GetUnsavedSince() const { return _unsavedSince; }
 
-  // Returns when everything that this thread changed is durable, or let go.
-  void AwaitDurable() { test::AwaitDurable(GetGate(), daemon::DurabilityGate::GetLastOfThisThread()); }
+  // Returns when everything that was changed so far is durable, or released.
+  void AwaitDurable() { test::AwaitDurable(GetGate(), GetGate().FindLast(nullptr)); }
 
  private:
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override {

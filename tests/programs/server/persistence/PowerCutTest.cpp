@@ -113,7 +113,7 @@ class RecordedLives {
     }
     const std::string after = UserSettingsOf(store.GetManager());
     if (after == before) return;
-    _history.Add(after, begun, store.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
+    _history.Add(after, begun, store.GetGate(), store.GetGate().FindLast(nullptr));
     _pace.OnChange();
     if (isAwaited || _changes.Below(4) == 0) AwaitDurable(store);
   }

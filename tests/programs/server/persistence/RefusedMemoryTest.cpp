@@ -70,15 +70,14 @@ class PersisterWithoutMemory : public testing::Test, private daemon::ILayerSourc
     settings::server::SettingsCombiner combiner(_layer);
     _persister.LoadUserSettings(combiner);
     _persister.Start([this](const auto& reader) { reader(_layer); });
-    Change("A", "1");
-    AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());
+    AwaitDurable(_persister.GetGate(), Change("A", "1"));
   }
 
   ~PersisterWithoutMemory() override { _persister.Stop(); }
 
-  void Change(const std::string& group, const std::string& value) {
+  daemon::DurabilityGate::Ticket Change(const std::string& group, const std::string& value) {
     _layer.SetValue(group, "x", value);
-    _persister.SaveChangedGroups(_layer, {group});
+    return _persister.SaveChangedGroups(_layer, {group});
   }
 
   std::string FindSaved() {
@@ -115,8 +114,8 @@ TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
       [&] {
         _layer.SetValue("Large", "x", std::string(5 * kMost, 'x'));
         const RefusedMemory refused(kMost);
-        _persister.SaveChangedGroups(_layer, {"Large"});
-        AwaitDurable(_persister.GetGate(), daemon::DurabilityGate::GetLastOfThisThread());  // is released
+        const daemon::DurabilityGate::Ticket ticket = _persister.SaveChangedGroups(_layer, {"Large"});
+        AwaitDurable(_persister.GetGate(), ticket);  // is released
         EXPECT_FALSE(_persister.Finish());
       },
       1);
