@@ -6,6 +6,7 @@
 #include <streambuf>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tavix::core {
 
@@ -21,6 +22,9 @@ class StringOstream : public std::ostream {
   }
 
   const std::string& GetText() const { return _buffer.text; }
+
+  // The text, moved out.
+  std::string TakeText() { return std::move(_buffer.text); }
 
   // Write without looking at the stream's state, for less than "<<" takes.
   void Append(std::string_view text) { _buffer.text.append(text); }
@@ -48,6 +52,32 @@ class StringOstream : public std::ostream {
       return count;
     }
     std::string text;
+  };
+
+  Buffer _buffer;
+};
+
+// Counts the bytes that are written instead of keeping them.
+class CountingOstream : public std::ostream {
+ public:
+  CountingOstream() : std::ostream(nullptr) {
+    init(&_buffer);
+    imbue(std::locale::classic());
+  }
+
+  size_t GetCount() const { return _buffer.count; }
+
+ private:
+  struct Buffer : std::streambuf {
+    int_type overflow(int_type character) override {
+      ++count;
+      return traits_type::not_eof(character);
+    }
+    std::streamsize xsputn(const char*, std::streamsize more) override {
+      count += static_cast<size_t>(more);
+      return more;
+    }
+    size_t count = 0;
   };
 
   Buffer _buffer;

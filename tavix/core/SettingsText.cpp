@@ -169,6 +169,14 @@ void SettingsTextReader::ReadStream(std::istream& in) {
   ReadLines(begun.data(), begun.data() + begun.size());
 }
 
+IniFile SettingsTextReader::TakeDocument() {
+  IniFile document(std::move(_groups));
+  _groups.clear();
+  _hasGroup = false;
+  _open = nullptr;
+  return document;
+}
+
 void SettingsTextReader::ReadLine(const char* begin, const char* end, bool hasEscapes) {
   ++_lineNumber;
   if (_lineNumber == 1 && end - begin >= 3 && std::memcmp(begin, "\xEF\xBB\xBF", 3) == 0) begin += 3;

@@ -26,8 +26,9 @@ class SettingsTextReader {
   // is filled line by line stands right behind the line that is no settings text.
   void ReadStream(std::istream& in);
 
-  // What was read so far, moved out: the reader is done with it.
-  IniFile TakeDocument() { return IniFile(std::move(_groups)); }
+  // What was read since the last such call, moved out. The next line that is neither blank nor a comment has to be a
+  // header.
+  IniFile TakeDocument();
 
  private:
   void ReadLine(const char* begin, const char* end, bool hasEscapes);

@@ -1,9 +1,10 @@
 #include "tavix/settings/client/ProtocolClient.h"
 
-#include <sstream>
 #include <utility>
 
+#include "tavix/core/MemoryStream.h"
 #include "tavix/settings/client/Commands.h"
+#include "tavix/settings/client/PayloadParts.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/client/ProtocolExchange.h"
 #include "tavix/settings/client/WireNames.h"
@@ -28,10 +29,14 @@ void RequireSendableNamesOf(const Names& names) {
   }
 }
 
+// Counted first: a text that grows step by step takes half as much memory again.
 std::string TextOf(RemoteCommand& command) {
-  std::ostringstream text;
+  core::CountingOstream counter;
+  command.SendRequest(counter);
+  core::StringOstream text;
+  text.Reserve(counter.GetCount());
   command.SendRequest(text);
-  return text.str();
+  return text.TakeText();
 }
 
 std::string GetRequest(const ProtocolClient::Groups& groups) {
@@ -76,6 +81,27 @@ IniFile Parse(ProtocolExchange& exchange, const std::string& payload) {
   const std::string error = TryParse(payload, settings);
   if (!error.empty()) FailUnreadable(exchange, error);
   return settings;
+}
+
+// Reads a payload, and hands out its parts while the rest is still to come. An error ends the parts and not the reply:
+// the connection goes on.
+template <class Parts, class Take>
+void ReadParts(ProtocolExchange& exchange, ProtocolExchange::Call& call, std::string line, const Take& take) {
+  Parts parts;
+  for (; line != protocol::kTerminator; line = exchange.ReadLine()) {
+    if (const std::optional<typename Parts::Part> part = parts.ReadLine(line)) take(*part);
+  }
+  if (const std::optional<typename Parts::Part> part = parts.Finish()) take(*part);
+  call.FinishReply();
+  if (!parts.GetError().empty()) FailUnreadable(exchange, parts.GetError());
+}
+
+template <class Parts, class Take>
+void GetParts(ProtocolExchange& exchange, const ProtocolClient::Groups& groups, const Take& take) {
+  ProtocolExchange::Call call(exchange);
+  exchange.Send(GetRequest(groups), false);
+  exchange.ExpectFirstLine(protocol::kData);
+  ReadParts<Parts>(exchange, call, exchange.ReadLine(), take);
 }
 
 void SendWrite(ProtocolExchange& exchange, const std::string& request) {
@@ -144,6 +170,22 @@ IniFile ProtocolClient::GetUserSettings() {
   const std::string payload = _exchange->ReadPayload(_exchange->ReadFirstLine());
   call.FinishReply();
   return Parse(*_exchange, payload);
+}
+
+void ProtocolClient::GetEach(const Groups& namesAndPatterns, const TakeGroup& take) {
+  RequireSendable(namesAndPatterns);
+  GetParts<PayloadGroups>(*_exchange, namesAndPatterns, take);
+}
+
+void ProtocolClient::GetEachName(const Groups& namesAndPatterns, const TakeName& take) {
+  RequireSendable(namesAndPatterns);
+  GetParts<PayloadNames>(*_exchange, namesAndPatterns, take);
+}
+
+void ProtocolClient::GetEachOfUser(const TakeGroup& take) {
+  ProtocolExchange::Call call(*_exchange);
+  _exchange->Send(std::string(protocol::kDump) + "\n", false);
+  ReadParts<PayloadGroups>(*_exchange, call, _exchange->ReadFirstLine(), take);
 }
 
 void ProtocolClient::Merge(const IniFile& settings, bool isVolatile) {
@@ -224,9 +266,9 @@ std::map<std::string, std::string> ProtocolClient::GetServerInfo() {
 // the call in order, as nothing more was asked for.
 IniFile ProtocolClient::Subscribe(const Groups& namesAndPatterns) {
   RequireSendable(namesAndPatterns);
-  std::ostringstream subscribe;
+  core::StringOstream subscribe;
   WriteSubscribeRequest(subscribe, namesAndPatterns);
-  std::string request = subscribe.str();
+  std::string request = subscribe.TakeText();
   IniFile settings;
   ProtocolExchange::Call call(*_exchange);
   _exchange->NoteSubscription();

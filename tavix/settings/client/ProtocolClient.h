@@ -48,6 +48,11 @@ class TAVIX_EXPORT ProtocolClient {
   using Trace = ProtocolTrace;
   using Progress = ProtocolProgress;
 
+  // Take a part of a reply while the rest is still to come: a document of one group, or the name of a group. They may
+  // not use the object.
+  using TakeGroup = std::function<void(const core::IniFile& group)>;
+  using TakeName = std::function<void(const std::string& name)>;
+
   // How many pending notices are kept one by one.
   static constexpr size_t kMaxPendingNotices = 64;
 
@@ -83,6 +88,15 @@ class TAVIX_EXPORT ProtocolClient {
 
   // What clients wrote, with the bookkeeping of what they deleted.
   core::IniFile GetUserSettings();
+
+  // The same in parts, for stores that are large: each group, in ascending order, is handed out when the next one
+  // begins, and then dropped. What was handed out before a failure counts for nothing. kUnreadable, too: the groups do
+  // not ascend.
+  void GetEach(const Groups& namesAndPatterns, const TakeGroup& take);
+  void GetEachOfUser(const TakeGroup& take);
+
+  // The names of the groups that Get would return, for less than GetEach takes.
+  void GetEachName(const Groups& namesAndPatterns, const TakeName& take);
 
   // These writes have no reply: they return when the request has left. Flush, or any call that reads, confirms that
   // they were carried out; when a later call fails before that, its ProtocolException::WasSent is true for these. What

@@ -1,9 +1,7 @@
 #include "tavix/settings/client/WireNames.h"
 
-#include <ostream>
-#include <streambuf>
-
 #include "tavix/core/IniFile.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/core/SettingsText.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/client/ProtocolConstants.h"
@@ -26,24 +24,10 @@ void RequireSendableName(const std::string& name) {
                          Shown(name).c_str(), name.size(), protocol::kMaxLineBytes);
 }
 
-// Counts bytes instead of keeping them.
-struct ByteCounter : std::streambuf {
-  int_type overflow(int_type byte) override {
-    ++count;
-    return traits_type::not_eof(byte);
-  }
-  std::streamsize xsputn(const char*, std::streamsize more) override {
-    count += static_cast<size_t>(more);
-    return more;
-  }
-  size_t count = 0;
-};
-
 size_t CountBytes(const core::IniFile& document) {
-  ByteCounter counter;
-  std::ostream out(&counter);
+  core::CountingOstream out;
   document.SaveToStream(out);
-  return counter.count;
+  return out.GetCount();
 }
 
 // Without the line feed. Escapes make it longer than what they stand for.
