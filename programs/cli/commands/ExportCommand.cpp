@@ -19,13 +19,17 @@ struct Options {
 
 int Export(Context& context, const Options& options) {
   context.RequireOutput({Output::kIni, Output::kJson});
-  size_t leftOut = 0;
-  const core::IniFile settings =
-      ReadStore(context.GetSession(), ParseSelection(options.words), options.isUserLayer, leftOut);
-  if (settings.IsEmpty() && !options.words.empty())
+  const std::set<std::string> groups = ParseSelection(options.words);
+  const std::string coverage = context.PrintsJson() ? std::string() : DescribeCoverage(groups);
+  DocumentPrinter printer(context.GetConsole(), context.GetOptions().output);
+  const size_t leftOut =
+      ReadStoreEach(context.GetSession(), groups, options.isUserLayer, [&](const core::IniFile& part) {
+        if (printer.IsEmpty()) context.GetConsole().Print(coverage);
+        printer.Add(part);
+      });
+  if (printer.IsEmpty() && !options.words.empty())
     return ReportMissing(context, MissingGroups(ParseGroups(options.words)));
-  if (!context.PrintsJson()) context.GetConsole().Print(DescribeCoverage(ParseSelection(options.words)));
-  PrintAs(context.GetConsole(), context.GetOptions().output, settings);
+  printer.Finish();
   if (leftOut > 0)
     context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");
   return kExitDone;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cctype>
 #include <memory>
+#include <utility>
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
@@ -41,17 +42,14 @@ bool Matches(const Options& options, const std::string& text) {
   return Find(text, options.text, options.ignoresCase) != std::string::npos;
 }
 
-// The settings where the text stands in the name, the key or the value; whole groups where it stands in the name.
-IniFile FindAll(const IniFile& settings, const Options& options) {
+// The settings of a group where the text stands in the key or the value; all where it stands in the group's name.
+IniFile FindAll(const IniFile& part, const Options& options) {
+  const auto& [group, keys] = *part.begin();
+  if (!options.keysOnly && Matches(options, group)) return part;
   IniFile found;
-  for (auto group = settings.begin(); group != settings.end(); ++group) {
-    const bool isInName = !options.keysOnly && Matches(options, group->first);
-    if (isInName) found.MergeGroup(group);
-    if (isInName || options.groupsOnly) continue;
-    for (const auto& [key, value] : group->second) {
-      if (Matches(options, key) || (!options.keysOnly && Matches(options, value)))
-        found.SetValue(group->first, key, value);
-    }
+  if (options.groupsOnly) return found;
+  for (const auto& [key, value] : keys) {
+    if (Matches(options, key) || (!options.keysOnly && Matches(options, value))) found.SetValue(group, key, value);
   }
   return found;
 }
@@ -78,13 +76,21 @@ void PrintFound(Context& context, const IniFile& found, const Options& options) 
 }
 
 int Search(Context& context, const Options& options) {
-  const IniFile found = FindAll(context.GetSession().Get(ParseGroups(options.words)), options);
-  if (context.GetOptions().output == Output::kText) {
-    PrintFound(context, found, options);
-  } else {
-    PrintAs(context.GetConsole(), context.GetOptions().output, found);
-  }
-  return found.IsEmpty() ? kExitNo : kExitDone;
+  const Output output = context.GetOptions().output;
+  DocumentPrinter printer(context.GetConsole(), output);
+  bool isFirst = true;
+  context.GetSession().GetEach(ParseGroups(options.words), [&](const IniFile& part) {
+    const IniFile found = FindAll(part, options);
+    if (found.IsEmpty()) return;
+    if (output != Output::kText) {
+      printer.Add(found);
+    } else {
+      PrintFound(context, found, options);
+    }
+    if (std::exchange(isFirst, false)) context.GetConsole().Flush();
+  });
+  if (output != Output::kText) printer.Finish();
+  return isFirst ? kExitNo : kExitDone;
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
@@ -22,51 +23,66 @@ struct Options {
   bool origin = false;
 };
 
-void PrintJson(Console& console, const IniFile& settings, const Layers& layers) {
+json DescribeWithOrigin(const IniFile& part, const Layers& layers) {
+  const auto& [group, keys] = *part.begin();
   json document = json::object();
-  for (auto group = settings.begin(); group != settings.end(); ++group) {
-    json& object = document[NameToJson(group->first).get<std::string>()] = json::object();
-    for (const auto& [key, value] : group->second)
-      object[NameToJson(key).get<std::string>()] = {{"value", ValueToJson(value)},
-                                                    {"origin", layers.FindOrigin(group->first, key)}};
-  }
-  console.Print(Pretty(document));
+  json& object = document[NameToJson(group).get<std::string>()] = json::object();
+  for (const auto& [key, value] : keys)
+    object[NameToJson(key).get<std::string>()] = {{"value", ValueToJson(value)},
+                                                  {"origin", layers.FindOrigin(group, key)}};
+  return document;
 }
 
 // The origin stands in front: behind a value it would look like a part of it.
-void PrintWithOrigin(Console& console, const IniFile& settings, const Layers& layers) {
-  for (auto group = settings.begin(); group != settings.end(); ++group) {
-    IniFile one;
-    if (group->second.empty()) one.MergeGroup(group);
-    if (group->second.empty()) console.Print(std::string(layers.FindOrigin(group)) + "\t");
-    PrintAssignments(console, one);
-    for (const auto& [key, value] : group->second)
-      console.Print(std::string(layers.FindOrigin(group->first, key)) + "\t" +
-                    PaintAssignment(console, group->first, key, value) + "\n");
+void PrintWithOrigin(Console& console, const IniFile& part, const Layers& layers) {
+  const auto& [group, keys] = *part.begin();
+  if (keys.empty()) {
+    console.Print(std::string(layers.FindOrigin(part.begin())) + "\t");
+    PrintAssignments(console, part);
   }
+  for (const auto& [key, value] : keys)
+    console.Print(std::string(layers.FindOrigin(group, key)) + "\t" + PaintAssignment(console, group, key, value) +
+                  "\n");
+}
+
+// missing: takes what is found, here and below.
+void ShowWithOrigin(Context& context, const std::set<std::string>& groups, MissingGroups& missing) {
+  context.RequireOutput({Output::kJson});
+  Console& console = context.GetConsole();
+  const Layers layers(context.GetSession());
+  PrettyParts parts("{}");
+  bool isFirst = true;
+  context.GetSession().GetEach(groups, [&](const IniFile& part) {
+    missing.Take(part.begin()->first);
+    if (context.PrintsJson()) {
+      console.Print(parts.Add(DescribeWithOrigin(part, layers)));
+    } else {
+      PrintWithOrigin(console, part, layers);
+    }
+    if (std::exchange(isFirst, false)) console.Flush();
+  });
+  if (context.PrintsJson()) console.Print(parts.Finish());
+}
+
+void ShowPlainly(Context& context, const std::set<std::string>& groups, MissingGroups& missing) {
+  DocumentPrinter printer(context.GetConsole(), context.GetOptions().output,
+                          context.GetOptions().output == Output::kText);
+  context.GetSession().GetEach(groups, [&](const IniFile& part) {
+    missing.Take(part.begin()->first);
+    printer.Add(part);
+  });
+  printer.Finish();
 }
 
 int Show(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
-  const IniFile settings = context.GetSession().Get(groups);
-  Console& console = context.GetConsole();
-  if (options.origin) {
-    context.RequireOutput({Output::kJson});
-    const Layers layers(context.GetSession());
-    if (context.PrintsJson()) {
-      PrintJson(console, settings, layers);
-    } else {
-      PrintWithOrigin(console, settings, layers);
-    }
-  } else if (context.GetOptions().output == Output::kText) {
-    PrintIni(console, settings, true);
-  } else {
-    PrintAs(console, context.GetOptions().output, settings);
-  }
-  if (options.words.empty()) return kExitDone;
   MissingGroups missing(groups);
-  missing.TakeAll(settings);
-  return ReportMissing(context, missing);
+  if (options.origin) {
+    ShowWithOrigin(context, groups, missing);
+  } else {
+    ShowPlainly(context, groups, missing);
+  }
+  return options.words.empty() ? kExitDone : ReportMissing(context, missing);
 }
 
 }  // namespace

@@ -22,18 +22,18 @@ using std::chrono::milliseconds;
 
 namespace {
 
-IniFile Select(const IniFile& settings, const Session::Groups& groups) {
+LocalText::IsMeant Mean(const Session::Groups& groups) {
   settings::common::GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
-  std::vector<IniFile::const_iterator> places;
-  matcher.GetMatchingGroups(settings, places);
-  IniFile selected;
-  for (const IniFile::const_iterator& place : places) selected.MergeGroup(place);
-  return selected;
+  return [matcher = std::move(matcher)](const std::string& group) {
+    Session::Groups found;
+    matcher.GetMatchingGroups(Session::Groups{group}, found);
+    return !found.empty();
+  };
 }
 
-void Remove(IniFile& settings, const Session::Groups& groups) {
-  for (const auto& [group, keys] : Select(settings, groups)) settings.RemoveGroup(group);
+bool MeanNone(const std::string&) {
+  return false;
 }
 
 Session::Groups NamesOf(const IniFile& settings) {
@@ -77,21 +77,20 @@ void LocalSession::RunAlone(const std::function<void()>& change) {
   change();
 }
 
-bool LocalSession::Write(const std::function<bool(IniFile&)>& change) {
-  bool isDone = false;
+// Nothing is written that the file says already.
+void LocalSession::Write(const LocalText::IsMeant& isGone, const IniFile& settings) {
   RunAlone([&] {
     LocalText text = Read(true);
-    IniFile settings = text.GetSettings();
-    isDone = change(settings);
-    if (!isDone || settings.GetGroups() == text.GetSettings().GetGroups()) return;
-    text.Change(settings);
-    ReplaceFile(_path, text.ToText());
+    if (text.Change(isGone, settings)) ReplaceFile(_path, text.GetText());
   });
-  return isDone;
 }
 
 IniFile LocalSession::Get(const Groups& groups) {
-  return Select(Read(_canBeNew).GetSettings(), groups);
+  return Read(_canBeNew).GetGroups(Mean(groups));
+}
+
+void LocalSession::GetEach(const Groups& groups, const TakeGroup& take) {
+  Read(_canBeNew).GetEach(Mean(groups), take);
 }
 
 IniFile LocalSession::GetUserSettings() {
@@ -100,33 +99,25 @@ IniFile LocalSession::GetUserSettings() {
 
 void LocalSession::Merge(const IniFile& settings, bool isVolatile) {
   if (isVolatile) throw Failure(kExitUsage, "--volatile makes no sense with --local: a file is all there is");
-  Write([&](IniFile& all) {
-    all.MergeSettings(settings);
-    return true;
-  });
+  Write(MeanNone, settings);
 }
 
 bool LocalSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
-  return Write([&](IniFile& all) {
-    if (!all.ContainsSettings(test)) return false;
-    all.MergeSettings(settings);
-    return true;
+  bool isDone = false;
+  RunAlone([&] {
+    const auto isTested = [&](const std::string& group) { return test.HasGroup(group); };
+    isDone = Read(true).GetGroups(isTested).ContainsSettings(test);
+    if (isDone) Write(MeanNone, settings);
   });
+  return isDone;
 }
 
 void LocalSession::Overwrite(const Groups& groups, const IniFile& settings) {
-  Write([&](IniFile& all) {
-    Remove(all, groups);
-    all.MergeSettings(settings);
-    return true;
-  });
+  Write(Mean(groups), settings);
 }
 
 void LocalSession::Restore(const Groups& groups) {
-  Write([&](IniFile& all) {
-    Remove(all, groups);
-    return true;
-  });
+  Write(Mean(groups), IniFile());
 }
 
 std::vector<std::string> LocalSession::GetSubscribed() {
@@ -167,7 +158,7 @@ std::optional<Session::Notice> LocalSession::AwaitNotice(std::optional<milliseco
   if (poll(&waiting, 1, wait) <= 0) return std::nullopt;
   if (!ReadEvents()) throw Failure(kExitNoServer, "the directory of '" + _path + "' was moved or removed");
   Notice notice;
-  notice.settings = Select(Read(true).GetSettings(), _subscribed);
+  notice.settings = Read(true).GetGroups(Mean(_subscribed));
   notice.groups = std::exchange(_lastNames, NamesOf(notice.settings));
   notice.groups.insert(_lastNames.begin(), _lastNames.end());
   return notice;

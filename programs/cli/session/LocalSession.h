@@ -30,6 +30,7 @@ class LocalSession : public Session {
 
   std::string GetAddress() const override { return "file '" + _path + "'"; }
   core::IniFile Get(const Groups& groups) override;
+  void GetEach(const Groups& groups, const TakeGroup& take) override;
   void AllowNew() override { _canBeNew = true; }
   core::IniFile GetUserSettings() override;
   void RunAlone(const std::function<void()>& change) override;
@@ -52,9 +53,8 @@ class LocalSession : public Session {
   // What stands in the file; an empty text when it is missing and can be.
   LocalText Read(bool canBeMissing) const;
 
-  // Reads the file, has "change" change the settings, and writes them, with no other command in between. A change that
-  // returns false changes nothing.
-  bool Write(const std::function<bool(core::IniFile&)>& change);
+  // Takes groups out of the file and sets what "settings" holds, with no other command in between.
+  void Write(const LocalText::IsMeant& isGone, const core::IniFile& settings);
 
   const std::string _path;
   const std::chrono::milliseconds _patience;

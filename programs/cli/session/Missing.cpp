@@ -5,7 +5,6 @@
 
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Suggestion.h"
-#include "programs/common/client/Writes.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/common/SettingGuess.h"
 
@@ -61,6 +60,26 @@ std::string ShowSetting(const std::string& setting) {
   return "; one setting is '" + setting + "'";
 }
 
+// Looks at the groups beside it, or else at those that share as much as any of the name's begin. A store may be large:
+// all groups are never asked for, and none twice.
+std::string FindSimilarGroup(Session& session, const std::string& group) {
+  const size_t slash = group.rfind('/');
+  size_t length = slash == std::string::npos ? (group.size() + 1) / 2 : slash + 1;
+  SimilarWord similar(group);
+  for (bool hasSeenAny = false; length > 0 && !hasSeenAny; length /= 2) {
+    session.GetEachName({group.substr(0, length) + "*"}, [&](const std::string& name) {
+      hasSeenAny = true;
+      similar.Look(name);
+    });
+  }
+  return similar.Get();
+}
+
+// Whether a list of groups can hold the word, and means that name alone by it.
+bool IsName(const std::string& word) {
+  return word.find_first_of("*\n") == std::string::npos && word != ".";
+}
+
 }  // namespace
 
 void MissingGroups::Take(const std::string& group) {
@@ -79,8 +98,7 @@ std::string DescribeMissingGroup(Session& session, const std::string& group) {
   const std::string text = "there is no group '" + SpellName(group) + "'";
   const std::string setting = FindMeantSetting(session, group);
   if (!setting.empty()) return text + ShowSetting(setting);
-  const std::set<std::string> names = NamesOf(session.Get({"*"}));
-  const std::string similar = DidYouMean(group, {names.begin(), names.end()});
+  const std::string similar = DidYouMean(FindSimilarGroup(session, group));
   const auto guess = GuessSetting(group);
   if (!similar.empty() || !guess || !guess->hasDot) return text + similar;
   return text + ShowSetting(SpellSetting(guess->group, guess->key));
@@ -88,14 +106,13 @@ std::string DescribeMissingGroup(Session& session, const std::string& group) {
 
 std::string DescribeMissingSetting(Session& session, const std::string& group, const std::string& key) {
   const std::string text = SpellSetting(group, key) + " is not set";
-  const IniFile all = session.Get({"*"});
-  if (!all.HasGroup(group)) {
-    const std::set<std::string> names = NamesOf(all);
-    return text + DidYouMean(group, {names.begin(), names.end()});
-  }
-  if (all.HasGroup(key)) return text + "; for two groups, use 'show'";
+  Session::Groups asked{group};
+  if (IsName(key)) asked.insert(key);
+  const IniFile found = session.Get(asked);
+  if (!found.HasGroup(group)) return text + DidYouMean(FindSimilarGroup(session, group));
+  if (found.HasGroup(key)) return text + "; for two groups, use 'show'";
   std::vector<std::string> keys;
-  for (const auto& [name, value] : all[group]) keys.push_back(name);
+  for (const auto& [name, value] : found[group]) keys.push_back(name);
   return text + DidYouMean(key, keys);
 }
 

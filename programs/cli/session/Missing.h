@@ -5,8 +5,8 @@
 
 #include "programs/common/client/Session.h"
 
-// What is reported when the store does not hold what was asked for. The answer is no anyway, and a look at all names
-// costs little: somebody who mistyped one is told which he may have meant.
+// What is reported when the store does not hold what was asked for. The answer is no anyway, and a look at names that
+// begin alike costs little: somebody who mistyped one is told which he may have meant.
 namespace tavix::programs::cli {
 
 // The names and patterns that no group has matched yet. A plain value.

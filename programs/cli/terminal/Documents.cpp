@@ -1,6 +1,7 @@
 #include "programs/cli/terminal/Documents.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
@@ -35,15 +36,12 @@ void PrintValues(Console& console, const IniFile& settings) {
 
 }  // namespace
 
-void PrintIni(Console& console, const IniFile& settings, bool isSpaced) {
-  bool isFirst = true;
+void PrintIni(Console& console, const IniFile& settings) {
   for (const auto& [group, keys] : settings) {
-    std::string text = isFirst || !isSpaced ? "" : "\n";
-    text += PaintGroup(console, group) + "\n";
+    std::string text = PaintGroup(console, group) + "\n";
     for (const auto& [key, value] : keys)
       text += console.Paint(Console::kKey, SpellKey(key)) + "=" + SpellValue(value) + "\n";
     console.Print(text);
-    isFirst = false;
   }
 }
 
@@ -55,20 +53,32 @@ void PrintAssignments(Console& console, const IniFile& settings) {
 }
 
 void PrintAs(Console& console, Output output, const IniFile& settings) {
-  switch (output) {
+  DocumentPrinter printer(console, output);
+  if (!settings.IsEmpty()) printer.Add(settings);
+  printer.Finish();
+}
+
+void DocumentPrinter::Add(const IniFile& part) {
+  switch (_output) {
     case Output::kText:
     case Output::kIni:
-      PrintIni(console, settings, false);
+      if (_isSpaced && !_isFirst) _console.Print("\n");
+      PrintIni(_console, part);
       break;
     case Output::kJson:
-      console.Print(Pretty(ToJson(settings)));
+      _console.Print(_json.Add(ToJson(part)));
       break;
     case Output::kShell:
-      PrintShell(console, settings);
+      PrintShell(_console, part);
       break;
     case Output::kValue:
-      PrintValues(console, settings);
+      PrintValues(_console, part);
   }
+  if (std::exchange(_isFirst, false)) _console.Flush();
+}
+
+void DocumentPrinter::Finish() {
+  if (_output == Output::kJson) _console.Print(_json.Finish());
 }
 
 std::string PaintAssignment(const Console& console, const std::string& group, const std::string& key,

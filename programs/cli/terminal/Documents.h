@@ -3,13 +3,37 @@
 #include <string>
 
 #include "programs/cli/terminal/Console.h"
+#include "programs/common/client/Json.h"
 #include "tavix/core/IniFile.h"
 
 // Settings in each form of output.
 namespace tavix::programs::cli {
 
-// Settings text. isSpaced: with an empty line between groups.
-void PrintIni(Console& console, const core::IniFile& settings, bool isSpaced);
+// Settings text.
+void PrintIni(Console& console, const core::IniFile& settings);
+
+// Prints a document that comes in parts, in ascending order, as PrintAs prints it whole. What the first part
+// holds is out at once: somebody may be waiting for it.
+class DocumentPrinter {
+ public:
+  // console: outlives this. isSpaced: with an empty line between groups of settings text.
+  DocumentPrinter(Console& console, Output output, bool isSpaced = false)
+      : _console(console), _output(output), _isSpaced(isSpaced) {}
+
+  void Add(const core::IniFile& part);
+
+  // Prints the end, where there is one.
+  void Finish();
+
+  bool IsEmpty() const { return _isFirst; }
+
+ private:
+  Console& _console;
+  const Output _output;
+  const bool _isSpaced;
+  bool _isFirst = true;
+  PrettyParts _json{"{}"};
+};
 
 // One line "[group]key=value" for each setting; "[group]" for a group without any.
 void PrintAssignments(Console& console, const core::IniFile& settings);

@@ -1,8 +1,5 @@
 #include "programs/cli/text/LocalText.h"
 
-#include <algorithm>
-#include <iterator>
-#include <sstream>
 #include <utility>
 
 #include "programs/common/client/Failure.h"
@@ -15,139 +12,194 @@ using core::IniFile;
 
 namespace {
 
-constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
+using Kind = TextLine::Kind;
 
 IniFile Parse(const std::string& text, const std::string& source) {
-  std::istringstream in(text);
   IniFile settings;
   try {
-    settings.LoadFromStream(in, source);
+    settings.LoadFromMemory(text, source);
   } catch (const osa::Exception& exception) {
     throw Failure(kExitBadInput, exception.what());
   }
   return settings;
 }
 
+bool EndsWith(const std::string& text, const std::string& end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+bool EndsWithBlankLine(const std::string& text) {
+  return text == "\n" || text == "\r\n" || EndsWith(text, "\n\n") || EndsWith(text, "\n\r\n");
+}
+
+std::string MakeSetting(const std::string& key, const std::string& value, bool hasReturn) {
+  return SpellKey(key) + "=" + SpellValue(value) + (hasReturn ? "\r\n" : "\n");
+}
+
+void AddGroup(const IniFile::GroupMap::value_type& group, const std::string& newLine, std::string& text) {
+  if (!text.empty() && !EndsWithBlankLine(text)) text += newLine;
+  text += "[" + SpellName(group.first) + "]" + newLine;
+  for (const auto& [key, value] : group.second) text += MakeSetting(key, value, newLine.size() > 1);
+}
+
 }  // namespace
 
-LocalText::LocalText(const std::string& text, const std::string& source) : _settings(Parse(text, source)) {
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) AddLine(line);
-}
+// Goes over the lines that are left when groups go.
+class LocalText::Remaining {
+ public:
+  Remaining(const std::string& text, const IsMeant& isGone, const IniFile& settings)
+      : _line(text), _isGone(isGone), _settings(settings) {}
 
-void LocalText::AddLine(const std::string& text) {
-  Line line;
-  line.text = text;
-  const bool isFirst = _lines.empty() && text.rfind(kByteOrderMark, 0) == 0;
-  const std::string content = isFirst ? text.substr(sizeof kByteOrderMark - 1) : text;
-  const IniFile parsed = Parse("[]\n" + content, std::string());
-  const IniFile::KeyMap& ofNoName = parsed.begin()->second;
-  const size_t begin = content.find_first_not_of(" \t\r");
-  if (!ofNoName.empty()) {
-    line.kind = Kind::kSetting;
-    line.key = ofNoName.begin()->first;
-  } else if (begin != std::string::npos && content[begin] == '[') {
-    line.kind = Kind::kHeader;
-    _openGroup = std::prev(parsed.end())->first;
-  }
-  line.group = _openGroup;
-  _lines.push_back(std::move(line));
-}
-
-void LocalText::Change(const IniFile& settings) {
-  RemoveMissing(settings);
-  const Places places = FindPlaces();
-  std::map<size_t, Lines> added;  // behind which line
-  Lines newGroups;
-  for (const auto& [group, keys] : settings) {
-    const auto place = places.find(group);
-    if (place == places.end()) {
-      AddGroup(group, keys, newGroups);
-    } else {
-      SetValues(group, keys, place->second, added[place->second.last]);
+  bool Next() {
+    while (_line.Next()) {
+      if (_line.GetKind() == Kind::kHeader) _isOfGoneGroup = _isGone(_line.GetGroup());
+      if (!IsGone()) return true;
+      _hasDropped = true;
     }
+    return false;
   }
-  Insert(added);
-  Append(std::move(newGroups));
-  _settings = settings;
-  // The file is somebody's settings: what is written has to read as what was asked for, whatever it looks like.
-  if (Parse(ToText(), "the changed text").GetGroups() == settings.GetGroups()) return;
-  std::ostringstream text;
-  settings.SaveToStream(text);
-  *this = LocalText(text.str(), "the changed text");
+
+  const TextLine& Get() const { return _line; }
+  bool HasDropped() const { return _hasDropped; }
+
+ private:
+  bool IsGone() const {
+    if (!_isOfGoneGroup) return false;
+    if (_line.GetKind() == Kind::kHeader) return !_settings.HasGroup(_line.GetGroup());
+    return _line.GetKind() == Kind::kSetting && !_settings.HasValue(_line.GetGroup(), _line.ReadKey());
+  }
+
+  TextLine _line;
+  const IsMeant& _isGone;
+  const IniFile& _settings;
+  bool _isOfGoneGroup = false;
+  bool _hasDropped = false;
+};
+
+// The library knows best why a line is wrong.
+LocalText::LocalText(std::string text, const std::string& source) : _text(std::move(text)) {
+  for (TextLine line(_text); line.Next();) {
+    if (line.GetKind() == Kind::kWrong) Parse(_text, source);
+  }
 }
 
-void LocalText::RemoveMissing(const IniFile& settings) {
-  const auto isGone = [&](const Line& line) {
-    if (line.kind == Kind::kHeader) return !settings.HasGroup(line.group);
-    return line.kind == Kind::kSetting && !settings.HasValue(line.group, line.key);
+IniFile LocalText::GetSettings() const {
+  return Parse(_text, "settings text");
+}
+
+IniFile LocalText::GetGroups(const IsMeant& isMeant) const {
+  std::string part;
+  bool isOfPart = false;
+  for (TextLine line(_text); line.Next();) {
+    if (line.GetKind() == Kind::kHeader) isOfPart = isMeant(line.GetGroup());
+    if (isOfPart && line.GetKind() != Kind::kOther) part.append(line.GetText()).append(1, '\n');
+  }
+  return Parse(part, "settings text");
+}
+
+void LocalText::GetEach(const IsMeant& isMeant, const TakeGroup& take) const {
+  std::string part;
+  const auto finishPart = [&] {
+    if (!part.empty()) take(Parse(std::exchange(part, std::string()), "settings text"));
   };
-  _lines.erase(std::remove_if(_lines.begin(), _lines.end(), isGone), _lines.end());
+  if (!IsAscending()) {
+    const IniFile groups = GetGroups(isMeant);
+    for (auto group = groups.begin(); group != groups.end(); ++group) {
+      IniFile one;
+      one.MergeGroup(group);
+      take(one);
+    }
+    return;
+  }
+  bool isOfPart = false;
+  for (TextLine line(_text); line.Next();) {
+    if (line.GetKind() == Kind::kHeader) {
+      finishPart();
+      isOfPart = isMeant(line.GetGroup());
+    }
+    if (isOfPart && line.GetKind() != Kind::kOther) part.append(line.GetText()).append(1, '\n');
+  }
+  finishPart();
+}
+
+// Each group once, as an export has them.
+bool LocalText::IsAscending() const {
+  std::string last;
+  bool isFirst = true;
+  for (TextLine line(_text); line.Next();) {
+    if (line.GetKind() != Kind::kHeader) continue;
+    if (!std::exchange(isFirst, false) && line.GetGroup() <= last) return false;
+    last = line.GetGroup();
+  }
+  return true;
+}
+
+bool LocalText::Change(const IsMeant& isGone, const IniFile& settings) {
+  Edit edit;
+  FindPlaces(isGone, settings, edit);
+  PlanLines(settings, edit);
+  if (edit.isChanged) _text = Rewrite(isGone, settings, edit);
+  return edit.isChanged;
 }
 
 // The last of several lines for a key is the one that counts.
-LocalText::Places LocalText::FindPlaces() const {
-  Places places;
-  for (size_t i = 0; i < _lines.size(); ++i) {
-    const Line& line = _lines[i];
-    if (line.kind == Kind::kOther) continue;
-    Place& place = places[line.group];
-    place.last = i;
-    if (line.kind == Kind::kSetting) place.keys[line.key] = i;
+void LocalText::FindPlaces(const IsMeant& isGone, const IniFile& settings, Edit& edit) const {
+  Remaining lines(_text, isGone, settings);
+  const TextLine& line = lines.Get();
+  for (bool isFirst = true; lines.Next();) {
+    if (std::exchange(isFirst, false) && line.HasReturn()) edit.newLine = "\r\n";
+    const auto changed = settings.GetGroups().find(line.GetGroup());
+    const bool isSetting = line.GetKind() == Kind::kSetting;
+    if ((!isSetting && line.GetKind() != Kind::kHeader) || changed == settings.end()) continue;
+    Place& place = edit.places[line.GetGroup()];
+    place.last = line.GetNumber();
+    place.hasReturn = line.HasReturn();
+    if (!isSetting) continue;
+    const auto wanted = changed->second.find(line.ReadKey());
+    if (wanted == changed->second.end()) continue;
+    place.keys[wanted->first] = {line.GetNumber(), line.ReadValue() == wanted->second, line.HasReturn()};
   }
-  return places;
-}
-
-// A line that ends as its neighbour does.
-LocalText::Line LocalText::MakeLine(Line line, const Line& neighbour) {
-  if (!neighbour.text.empty() && neighbour.text.back() == '\r') line.text += '\r';
-  return line;
-}
-
-LocalText::Line LocalText::MakeSetting(const std::string& group, const std::string& key, const std::string& value,
-                                       const Line& neighbour) {
-  return MakeLine({Kind::kSetting, group, key, SpellKey(key) + "=" + SpellValue(value)}, neighbour);
+  edit.isChanged = lines.HasDropped();
 }
 
 // What is new goes behind the group's last setting, so that blank lines and comments before the next header stay before
 // that.
-void LocalText::SetValues(const std::string& group, const IniFile::KeyMap& keys, const Place& place, Lines& added) {
-  for (const auto& [key, value] : keys) {
-    const auto line = place.keys.find(key);
-    if (line == place.keys.end()) {
-      added.push_back(MakeSetting(group, key, value, _lines[place.last]));
-    } else if (_settings.GetValue(group, key) != value) {
-      _lines[line->second] = MakeSetting(group, key, value, _lines[line->second]);
+void LocalText::PlanLines(const IniFile& settings, Edit& edit) {
+  for (const auto& [group, keys] : settings) {
+    const auto place = edit.places.find(group);
+    if (place == edit.places.end()) {
+      edit.isChanged = true;
+      continue;
+    }
+    for (const auto& [key, value] : keys) {
+      const auto line = place->second.keys.find(key);
+      if (line == place->second.keys.end()) {
+        edit.added[place->second.last] += MakeSetting(key, value, place->second.hasReturn);
+      } else if (!line->second.isSame) {
+        edit.replaced[line->second.number] = MakeSetting(key, value, line->second.hasReturn);
+      }
     }
   }
+  edit.isChanged = edit.isChanged || !edit.added.empty() || !edit.replaced.empty();
 }
 
-void LocalText::AddGroup(const std::string& group, const IniFile::KeyMap& keys, Lines& added) const {
-  const auto isBlank = [](const Line& line) { return line.text.empty() || line.text == "\r"; };
-  const Lines& before = added.empty() ? _lines : added;
-  const Line first = _lines.empty() ? Line() : _lines.front();
-  if (!before.empty() && !isBlank(before.back())) added.push_back(MakeLine({Kind::kOther, group, "", ""}, first));
-  added.push_back(MakeLine({Kind::kHeader, group, "", "[" + SpellName(group) + "]"}, first));
-  for (const auto& [key, value] : keys) added.push_back(MakeSetting(group, key, value, first));
-}
-
-void LocalText::Insert(std::map<size_t, Lines>& added) {
-  Lines lines;
-  for (size_t i = 0; i < _lines.size(); ++i) {
-    lines.push_back(std::move(_lines[i]));
-    const auto behind = added.find(i);
-    if (behind != added.end()) std::move(behind->second.begin(), behind->second.end(), std::back_inserter(lines));
-  }
-  _lines = std::move(lines);
-}
-
-void LocalText::Append(Lines lines) {
-  std::move(lines.begin(), lines.end(), std::back_inserter(_lines));
-}
-
-std::string LocalText::ToText() const {
+std::string LocalText::Rewrite(const IsMeant& isGone, const IniFile& settings, const Edit& edit) const {
   std::string text;
-  for (const Line& line : _lines) text += line.text + "\n";
+  text.reserve(_text.size() + 1);
+  auto replaced = edit.replaced.begin();
+  auto added = edit.added.begin();
+  Remaining lines(_text, isGone, settings);
+  for (const TextLine& line = lines.Get(); lines.Next();) {
+    if (replaced != edit.replaced.end() && replaced->first == line.GetNumber()) {
+      text += (replaced++)->second;
+    } else {
+      text.append(line.GetText()).append(1, '\n');
+    }
+    if (added != edit.added.end() && added->first == line.GetNumber()) text += (added++)->second;
+  }
+  for (const auto& group : settings) {
+    if (edit.places.count(group.first) == 0) AddGroup(group, edit.newLine, text);
+  }
   return text;
 }
 

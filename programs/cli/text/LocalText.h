@@ -1,61 +1,70 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
-#include <vector>
 
+#include "programs/cli/text/TextLine.h"
 #include "tavix/core/IniFile.h"
 
 namespace tavix::programs::cli {
 
 // Settings text that a person may have written, and that is changed without losing what is not settings: comments,
 // blank lines, the order of lines, their spelling and their ends stay where nothing changes; new lines end as their
-// neighbours do. A plain value.
+// neighbours do. It may be large: besides the text only what is asked for, or changed, takes memory. A plain value.
 class LocalText {
  public:
+  // Whether a group is meant.
+  using IsMeant = std::function<bool(const std::string& group)>;
+  using TakeGroup = std::function<void(const core::IniFile& group)>;
+
   // source: what errors call the text. Throws Failure, kExitBadInput, for a line that is no settings text.
-  LocalText(const std::string& text, const std::string& source);
+  LocalText(std::string text, const std::string& source);
 
-  const core::IniFile& GetSettings() const { return _settings; }
+  core::IniFile GetSettings() const;
+  core::IniFile GetGroups(const IsMeant& isMeant) const;
 
-  // Makes the text say what "settings" holds. Groups and keys that it lacks go.
-  void Change(const core::IniFile& settings);
+  // The same, a group at a time, in ascending order.
+  void GetEach(const IsMeant& isMeant, const TakeGroup& take) const;
 
-  std::string ToText() const;
+  // Takes groups away, and sets what "settings" holds. Returns whether that changed anything.
+  bool Change(const IsMeant& isGone, const core::IniFile& settings);
+
+  const std::string& GetText() const { return _text; }
 
  private:
-  enum class Kind { kOther, kHeader, kSetting };
-
-  struct Line {
-    Kind kind = Kind::kOther;
-    std::string group;  // that is open behind the line
-    std::string key;    // of a setting
-    std::string text;   // without the line feed
+  // A line that counts for a key that is set.
+  struct KeyLine {
+    size_t number = 0;
+    bool isSame = false;  // it has the value already
+    bool hasReturn = false;
   };
 
-  using Lines = std::vector<Line>;
-
-  // Where a group's lines are.
+  // Where a group that is changed has its lines.
   struct Place {
-    size_t last = 0;                     // of its headers and settings
-    std::map<std::string, size_t> keys;  // the line that counts
+    size_t last = 0;  // of its headers and settings
+    bool hasReturn = false;
+    std::map<std::string, KeyLine> keys;
   };
-  using Places = std::map<std::string, Place>;
 
-  void AddLine(const std::string& text);
-  void RemoveMissing(const core::IniFile& settings);
-  Places FindPlaces() const;
-  static Line MakeLine(Line line, const Line& neighbour);
-  static Line MakeSetting(const std::string& group, const std::string& key, const std::string& value,
-                          const Line& neighbour);
-  void SetValues(const std::string& group, const core::IniFile::KeyMap& keys, const Place& place, Lines& added);
-  void AddGroup(const std::string& group, const core::IniFile::KeyMap& keys, Lines& added) const;
-  void Insert(std::map<size_t, Lines>& added);
-  void Append(Lines lines);
+  // What becomes of the lines.
+  struct Edit {
+    std::map<std::string, Place> places;
+    std::map<size_t, std::string> replaced;  // by their numbers
+    std::map<size_t, std::string> added;     // behind them
+    std::string newLine = "\n";              // how new groups' lines end
+    bool isChanged = false;
+  };
 
-  core::IniFile _settings;
-  Lines _lines;
-  std::string _openGroup;  // while lines are added
+  class Remaining;
+
+  void FindPlaces(const IsMeant& isGone, const core::IniFile& settings, Edit& edit) const;
+  static void PlanLines(const core::IniFile& settings, Edit& edit);
+  std::string Rewrite(const IsMeant& isGone, const core::IniFile& settings, const Edit& edit) const;
+  bool IsAscending() const;
+
+  std::string _text;
 };
 
 }  // namespace tavix::programs::cli

@@ -1,12 +1,11 @@
 #include "programs/common/client/Backup.h"
 
 #include <algorithm>
-#include <sstream>
+#include <vector>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
-#include "programs/common/client/Writes.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
@@ -26,10 +25,9 @@ constexpr char kCoverage[] = "# This backup covers: ";
 
 IniFile ParseDocument(const std::string& text, const std::string& source) {
   if (LooksLikeJson(text)) return FromJson(text, source);
-  std::istringstream in(text);
   IniFile settings;
   try {
-    settings.LoadFromStream(in, source);
+    settings.LoadFromMemory(text, source);
   } catch (const osa::Exception& exception) {
     throw Failure(kExitBadInput, exception.what());
   }
@@ -54,15 +52,39 @@ std::set<std::string> ReadCoverage(const std::string& text) {
   return groups;
 }
 
-IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut) {
-  IniFile settings = isUserLayer ? SelectUserGroups(session.GetUserSettings(), groups) : session.Get(OrAll(groups));
-  leftOut = 0;
-  if (!groups.empty()) return settings;
-  for (const std::string& name : NamesOf(settings)) {
-    if (!session.IsRestricted(name)) continue;
-    settings.RemoveGroup(name);
-    ++leftOut;
+size_t ReadStoreEach(Session& session, const std::set<std::string>& groups, bool isUserLayer,
+                     const Session::TakeGroup& take) {
+  size_t leftOut = 0;
+  const auto takeAllowed = [&](const IniFile& part) {
+    if (groups.empty() && session.IsRestricted(part.begin()->first)) {
+      ++leftOut;
+    } else {
+      take(part);
+    }
+  };
+  if (!isUserLayer) {
+    session.GetEach(OrAll(groups), takeAllowed);
+    return leftOut;
   }
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(OrAll(groups));
+  std::vector<IniFile::const_iterator> places;
+  session.GetEachOfUser([&](const IniFile& part) {
+    if (part.HasGroup(kDeletedGroups)) {
+      const IniFile selected = SelectUserGroups(part, groups);
+      if (!selected.IsEmpty()) takeAllowed(selected);
+      return;
+    }
+    matcher.GetMatchingGroups(part, places);
+    if (!places.empty()) takeAllowed(part);
+  });
+  return leftOut;
+}
+
+IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut) {
+  IniFile settings;
+  leftOut =
+      ReadStoreEach(session, groups, isUserLayer, [&](const IniFile& part) { settings.MergeGroup(part.begin()); });
   return settings;
 }
 

@@ -25,6 +25,10 @@ std::set<std::string> ReadCoverage(const std::string& text);
 // back, are left out unless groups were named. leftOut: how many.
 core::IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool isUserLayer, size_t& leftOut);
 
+// The same group by group, as Session::GetEach. Returns how many were left out.
+size_t ReadStoreEach(Session& session, const std::set<std::string>& groups, bool isUserLayer,
+                     const Session::TakeGroup& take);
+
 // The part of a document that groups and patterns mean; all of it without any.
 core::IniFile SelectGroups(const core::IniFile& settings, const std::set<std::string>& groups);
 

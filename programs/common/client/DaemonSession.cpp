@@ -62,8 +62,20 @@ IniFile DaemonSession::Get(const Groups& groups) {
   return Run([&] { return _client->Get(groups); });
 }
 
+void DaemonSession::GetEach(const Groups& groups, const TakeGroup& take) {
+  Run([&] { _client->GetEach(groups, take); });
+}
+
+void DaemonSession::GetEachName(const Groups& groups, const TakeName& take) {
+  Run([&] { _client->GetEachName(groups, take); });
+}
+
 IniFile DaemonSession::GetUserSettings() {
   return Run([&] { return _client->GetUserSettings(); });
+}
+
+void DaemonSession::GetEachOfUser(const TakeGroup& take) {
+  Run([&] { _client->GetEachOfUser(take); });
 }
 
 bool DaemonSession::IsRestricted(const std::string& group) const {

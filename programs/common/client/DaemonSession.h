@@ -21,7 +21,10 @@ class DaemonSession : public Session {
 
   std::string GetAddress() const override { return _client->GetAddress(); }
   core::IniFile Get(const Groups& groups) override;
+  void GetEach(const Groups& groups, const TakeGroup& take) override;
+  void GetEachName(const Groups& groups, const TakeName& take) override;
   core::IniFile GetUserSettings() override;
+  void GetEachOfUser(const TakeGroup& take) override;
   bool IsRestricted(const std::string& group) const override;
   std::vector<std::string> GetSubscribed() override;
   std::map<std::string, std::string> GetServerInfo() override;

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <utility>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
+#include "tavix/core/MemoryStream.h"
 
 namespace tavix::programs {
 
@@ -56,8 +56,9 @@ bool DecodeBase64(std::string text, std::string& bytes) {
 // which keys stood twice, and one of any depth could not even be shown.
 class Reader : public nlohmann::json_sax<json> {
  public:
-  // in: what is parsed; it tells how far that went. Both outlive this.
-  Reader(std::istringstream& in, const std::string& source) : _in(in), _source(source) {}
+  // in: what is parsed, of the text; it tells how far that went. All outlive this.
+  Reader(core::ViewIstream& in, const std::string& text, const std::string& source)
+      : _in(in), _text(text), _source(source) {}
 
   IniFile TakeSettings() { return std::move(_settings); }
 
@@ -141,16 +142,15 @@ class Reader : public nlohmann::json_sax<json> {
 
   // The parser has read one character beyond what it tells of.
   [[noreturn]] void Fail(const std::string& what) {
-    const auto at = _in.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in);
-    const std::string text = _in.str();
-    const auto end = text.begin() + std::max<std::ptrdiff_t>(0, static_cast<std::ptrdiff_t>(at) - 1);
-    const auto line = 1 + std::count(text.begin(), end, '\n');
+    const auto at = static_cast<std::ptrdiff_t>(_text.size() - _in.GetRest().size());
+    const auto line = 1 + std::count(_text.begin(), _text.begin() + std::max<std::ptrdiff_t>(0, at - 1), '\n');
     throw Failure(kExitBadInput, _source + ":" + std::to_string(line) + ": " + what);
   }
 
   static constexpr size_t kMostShown = 40;
 
-  std::istringstream& _in;
+  core::ViewIstream& _in;
+  const std::string& _text;
   const std::string& _source;
   IniFile _settings;
   int _depth = kNowhere;
@@ -205,6 +205,19 @@ std::string Pretty(const json& document) {
   return WithoutControls(document.dump(2)) + "\n";
 }
 
+// The text of a part begins with its bracket and a line feed, and ends with a line feed, its bracket and a line feed.
+std::string PrettyParts::Add(const json& part) {
+  if (part.empty()) return std::string();
+  const std::string text = Pretty(part);
+  const std::string begin = _isFirst ? text.substr(0, 2) : ",\n";
+  _isFirst = false;
+  return begin + text.substr(2, text.size() - 5);
+}
+
+std::string PrettyParts::Finish() const {
+  return _isFirst ? _kind + "\n" : std::string("\n") + _kind.back() + "\n";
+}
+
 std::string Compact(const json& document) {
   return WithoutControls(document.dump());
 }
@@ -216,8 +229,9 @@ bool LooksLikeJson(const std::string& text) {
 }
 
 IniFile FromJson(const std::string& text, const std::string& source) {
-  std::istringstream in(text);
-  Reader reader(in, source);
+  core::ViewIstream in;
+  in.SetText(text);
+  Reader reader(in, text, source);
   json::sax_parse(in, &reader);
   return reader.TakeSettings();
 }

@@ -3,6 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 
@@ -21,6 +22,21 @@ nlohmann::json ToJson(const core::IniFile& settings);
 
 // The text of a whole document, with a line feed behind it.
 std::string Pretty(const nlohmann::json& document);
+
+// A document that comes in parts: the texts, one behind the other, are what Pretty would make of it whole.
+class PrettyParts {
+ public:
+  // kind: "{}" of an object, "[]" of an array.
+  explicit PrettyParts(std::string kind) : _kind(std::move(kind)) {}
+
+  // part: of that kind.
+  std::string Add(const nlohmann::json& part);
+  std::string Finish() const;
+
+ private:
+  const std::string _kind;
+  bool _isFirst = true;
+};
 
 // The same on one line, without a line feed.
 std::string Compact(const nlohmann::json& document);

@@ -11,7 +11,13 @@ constexpr char kMixed[] = "mixed";
 
 }  // namespace
 
-Layers::Layers(Session& session) : _session(session), _user(session.GetUserSettings()) {}
+Layers::Layers(Session& session) : _session(session) {
+  session.GetEachOfUser([this](const core::IniFile& part) {
+    const auto& [group, keys] = *part.begin();
+    core::IniFile::KeyMap& names = _user[group];
+    for (const auto& [key, value] : keys) names.emplace_hint(names.end(), key, std::string());
+  });
+}
 
 const char* Layers::FindOrigin(const std::string& group, const std::string& key) const {
   if (_session.IsRestricted(group)) return kRestricted;

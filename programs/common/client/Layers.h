@@ -21,7 +21,7 @@ class Layers {
 
  private:
   const Session& _session;
-  const core::IniFile _user;
+  core::IniFile _user;  // without its values
 };
 
 }  // namespace tavix::programs

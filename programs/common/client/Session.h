@@ -28,6 +28,10 @@ class Session {
     core::IniFile settings;  // what they hold now; those that are missing are gone
   };
 
+  // Take a part of what is read, which may not use the session: a document of one group, or the name of a group.
+  using TakeGroup = std::function<void(const core::IniFile& group)>;
+  using TakeName = std::function<void(const std::string& name)>;
+
   // Told how many of all bytes of a write have left.
   using Progress = std::function<void(size_t done, size_t all)>;
 
@@ -43,11 +47,19 @@ class Session {
   // The groups that names and '*' patterns mean.
   virtual core::IniFile Get(const Groups& groups) = 0;
 
+  // The same in parts, in ascending order. A daemon's are handed out while the rest is still to come, and no more than
+  // one is kept. What was handed out before a failure counts for nothing.
+  virtual void GetEach(const Groups& groups, const TakeGroup& take);
+  virtual void GetEachName(const Groups& groups, const TakeName& take);
+
   // From now on a store that does not exist yet reads as an empty one: it is about to be written.
   virtual void AllowNew() {}
 
   // What clients wrote, with the bookkeeping of what they deleted.
   virtual core::IniFile GetUserSettings() = 0;
+
+  // The same in parts.
+  virtual void GetEachOfUser(const TakeGroup& take);
 
   // Throws Failure, kExitUsage, when this store is only read: so that nobody is asked or edits in vain.
   virtual void RequireWritable() const {}

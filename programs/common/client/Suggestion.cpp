@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 #include "programs/common/client/Spelling.h"
 
@@ -32,21 +33,31 @@ size_t Distance(const std::string& a, const std::string& b) {
 
 }  // namespace
 
+SimilarWord::SimilarWord(std::string word)
+    : _word(std::move(word)), _bestDistance(std::max<size_t>(1, _word.size() / 3) + 1) {}
+
+// Lengths alone tell most of the others apart.
+void SimilarWord::Look(const std::string& candidate) {
+  const auto [shorter, longer] = std::minmax(_word.size(), candidate.size());
+  if (longer - shorter >= _bestDistance) return;
+  const size_t distance = Distance(_word, candidate);
+  if (distance >= _bestDistance) return;
+  _bestDistance = distance;
+  _best = candidate;
+}
+
 std::string FindSimilar(const std::string& word, const std::vector<std::string>& candidates) {
-  std::string best;
-  size_t bestDistance = std::max<size_t>(1, word.size() / 3) + 1;
-  for (const std::string& candidate : candidates) {
-    const size_t distance = Distance(word, candidate);
-    if (distance >= bestDistance) continue;
-    bestDistance = distance;
-    best = candidate;
-  }
-  return best;
+  SimilarWord similar(word);
+  for (const std::string& candidate : candidates) similar.Look(candidate);
+  return similar.Get();
+}
+
+std::string DidYouMean(const std::string& similar) {
+  return similar.empty() ? similar : "; did you mean '" + SpellName(similar) + "'?";
 }
 
 std::string DidYouMean(const std::string& word, const std::vector<std::string>& candidates) {
-  const std::string similar = FindSimilar(word, candidates);
-  return similar.empty() ? similar : "; did you mean '" + SpellName(similar) + "'?";
+  return DidYouMean(FindSimilar(word, candidates));
 }
 
 }  // namespace tavix::programs

@@ -28,6 +28,21 @@ TEST(Json, SpellsBytesThatAreNoText) {
   EXPECT_EQ(programs::Compact(programs::NameToJson("base64:")), "\"base64:YmFzZTY0Og==\"");
 }
 
+TEST(Json, OfPartsIsWhatTheWholeIs) {
+  for (const char* text : {"{}", R"({"a": {}})", R"({"a": {"k": "1"}, "b": {}, "c": {"k": "\n"}})"}) {
+    const auto whole = nlohmann::json::parse(text);
+    programs::PrettyParts parts("{}");
+    std::string pretty;
+    for (const auto& [name, member] : whole.items()) pretty += parts.Add({{name, member}});
+    EXPECT_EQ(pretty + parts.Finish(), programs::Pretty(whole));
+  }
+  programs::PrettyParts list("[]");
+  std::string pretty = list.Add(nlohmann::json::array({1, 2}));
+  pretty += list.Add(nlohmann::json::array({3}));
+  EXPECT_EQ(pretty + list.Finish(), programs::Pretty(nlohmann::json::array({1, 2, 3})));
+  EXPECT_EQ(programs::PrettyParts("[]").Finish(), "[]\n");
+}
+
 TEST(Json, RefusesWhatIsNoDocument) {
   for (const char* text : {"[]", "{", R"({"a": 1})", R"({"a": {"k": null}})", R"({"a": {"k": "1", "k": "2"}})"})
     EXPECT_THROW(programs::FromJson(text, "x"), programs::Failure) << text;

@@ -12,4 +12,11 @@ TEST(Suggestion, FindsWhatWasMeant) {
   EXPECT_EQ(programs::FindSimilar("quux", names), "");
 }
 
+TEST(Suggestion, KeepsTheBestOfThoseThatCome) {
+  programs::SimilarWord similar("Network/Eth0");
+  for (const char* name : {"Network/E", "Network/Eht1", "Network/eth0", "Network/Eth1", "Network/Eth0/Statistics"})
+    similar.Look(name);
+  EXPECT_EQ(similar.Get(), "Network/eth0");
+}
+
 }  // namespace tavix::test

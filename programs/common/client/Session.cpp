@@ -1,0 +1,32 @@
+#include "programs/common/client/Session.h"
+
+namespace tavix::programs {
+
+using core::IniFile;
+
+namespace {
+
+void HandOut(IniFile settings, const Session::TakeGroup& take) {
+  IniFile::GroupMap& groups = settings.GetMutableGroups();
+  while (!groups.empty()) {
+    IniFile part;
+    part.GetMutableGroups().insert(groups.extract(groups.begin()));
+    take(part);
+  }
+}
+
+}  // namespace
+
+void Session::GetEach(const Groups& groups, const TakeGroup& take) {
+  HandOut(Get(groups), take);
+}
+
+void Session::GetEachName(const Groups& groups, const TakeName& take) {
+  GetEach(groups, [&](const IniFile& part) { take(part.begin()->first); });
+}
+
+void Session::GetEachOfUser(const TakeGroup& take) {
+  HandOut(GetUserSettings(), take);
+}
+
+}  // namespace tavix::programs
