@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <csignal>
 #include <set>
+#include <utility>
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/session/Bookings.h"
@@ -14,16 +15,16 @@
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/LogLevels.h"
 #include "programs/common/client/Spelling.h"
-#include "programs/common/client/Writes.h"
 
 namespace tavix::programs::cli {
 
 namespace {
 
 using Words = std::vector<std::string>;
+using Candidates = Completer::Candidates;
 
 constexpr char kWord[] = "__complete";
-constexpr int kLimit = 250;  // milliseconds; the shell starts us within the rest of 300
+constexpr int kLimit = 250;  // milliseconds
 
 extern "C" void ExitAtAlarm(int) {
   _exit(kExitDone);
@@ -50,10 +51,10 @@ bool TakesValue(const CLI::Option* option) {
   return option != nullptr && option->get_items_expected_max() > 0;
 }
 
-Words SubCommandsOf(const CLI::App& app) {
-  Words names;
+Candidates SubCommandsOf(const CLI::App& app) {
+  Candidates names;
   for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
-    names.push_back(command->get_name());
+    names.push_back({command->get_name(), command->get_description()});
   return names;
 }
 
@@ -64,14 +65,20 @@ const CLI::App* FindCommand(const CLI::App& app, const std::string& word) {
   return nullptr;
 }
 
-Words OptionsOf(const CLI::App* app) {
-  Words names;
+Candidates OptionsOf(const CLI::App* app) {
+  Candidates names;
   for (; app != nullptr; app = app->get_parent()) {
     for (const CLI::Option* option : app->get_options()) {
-      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+      for (const std::string& name : option->get_lnames()) names.push_back({"--" + name, option->get_description()});
     }
   }
   return names;
+}
+
+// The name up to the next '/' behind what it begins with.
+std::string PathOf(const std::string& name, const std::string& begin) {
+  const size_t slash = name.find('/', begin.size());
+  return slash == std::string::npos ? name : name.substr(0, slash + 1);
 }
 
 bool IsOneOf(const std::string& name, std::initializer_list<const char*> names) {
@@ -85,7 +92,6 @@ bool Completer::IsAsked(const Words& words) {
 }
 
 int Completer::Run(const Words& words) {
-  LimitTime();
   try {
     ReadWords(words);
     Complete();
@@ -146,8 +152,9 @@ void Completer::Complete() {
 }
 
 void Completer::CompleteOptionValue(const std::string& option) {
-  if (option == "--output" || option == "-o") Offer({"text", "ini", "json", "shell", "value"});
-  if (option == "--color") Offer({"auto", "always", "never"});
+  if (option == "--output" || option == "-o") Offer(Words{"text", "ini", "json", "shell", "value"});
+  if (option == "--color") Offer(Words{"auto", "always", "never"});
+  if (option == "--local") OfferFiles();
   if (option == "--if") CompleteSettings();
   if (option == "--consumer" || option == "-c") CompleteConsumers();
 }
@@ -159,15 +166,17 @@ void Completer::CompletePositional() {
   } else if (_command->get_parent() != &_line.GetApp()) {
     CompleteResources();
   } else if (IsOneOf(name, {"list", "show", "delete", "reset", "edit", "export"})) {
-    Offer(ReadGroups());
+    Offer(ReadPaths(_current));
+  } else if (IsOneOf(name, {"import", "diff"}) && _positionals.empty()) {
+    OfferFiles();
   } else if (IsOneOf(name, {"search", "import", "diff"})) {
-    if (!_positionals.empty()) Offer(ReadGroups());
+    if (!_positionals.empty()) Offer(ReadPaths(_current));
   } else if (name == "log-level") {
-    Offer(_positionals.empty() ? ReadGroups() : GetLogLevelNames());
+    Offer(_positionals.empty() ? ReadPaths(_current) : GetLogLevelNames());
   } else if (name == "help") {
     Offer(SubCommandsOf(_line.GetApp()));
   } else if (name == "completion") {
-    Offer({"bash", "zsh", "fish"});
+    Offer(Words{"bash", "zsh", "fish"});
   }
 }
 
@@ -178,63 +187,89 @@ void Completer::CompleteSettings() {
     return;
   }
   const Words keys = _positionals.empty() ? Words() : ReadKeys(_positionals.back());
-  Offer(keys.empty() ? ReadGroups() : keys);
+  Offer(keys.empty() ? ReadPaths(_current) : keys);
 }
 
 void Completer::CompleteBracketed() {
   const size_t close = _current.find(']');
+  const std::string group = _current.substr(1, close - 1);
+  Words words;
   if (close == std::string::npos) {
-    Words names = ReadGroups();
-    for (std::string& group : names) group.insert(0, "[").append("]");
-    Offer(names);
-    return;
+    for (const std::string& path : ReadPaths(_current.substr(1)))
+      words.push_back("[" + path + (path.back() == '/' ? "" : "]"));
+  } else {
+    for (const std::string& key : ReadKeys(Unspell(group))) words.push_back("[" + group + "]" + key);
   }
-  const std::string head = _current.substr(0, close + 1);
-  Offer(ReadKeys(Unspell(head.substr(1, close - 1))), head);
+  Offer(words);
 }
 
 void Completer::CompleteResources() {
   if (!_positionals.empty()) return;
-  Console console(_options);
-  Context context(_options, console);
-  const core::IniFile read = ReadResources(context.GetSession());
-  const std::set<std::string> names = settings::ResourceFigures(read).GetResources();
-  Offer({names.begin(), names.end()});
+  ReadStore([this](Session& session) {
+    const core::IniFile read = ReadResources(session);
+    const std::set<std::string> names = settings::ResourceFigures(read).GetResources();
+    Offer(Words(names.begin(), names.end()));
+  });
 }
 
 void Completer::CompleteConsumers() {
   if (_positionals.empty()) return;
-  Console console(_options);
-  Context context(_options, console);
-  const core::IniFile read = ReadResources(context.GetSession());
-  const std::set<std::string> names = settings::ResourceFigures(read).GetConsumers(_positionals.front());
-  Offer({names.begin(), names.end()});
+  ReadStore([this](Session& session) {
+    const core::IniFile read = ReadResources(session);
+    const std::set<std::string> names = settings::ResourceFigures(read).GetConsumers(_positionals.front());
+    Offer(Words(names.begin(), names.end()));
+  });
 }
 
-Words Completer::ReadGroups() const {
+void Completer::ReadStore(const std::function<void(Session&)>& read) const {
+  LimitTime();
   Console console(_options);
   Context context(_options, console);
-  Words names;
-  for (const std::string& name : NamesOf(context.GetSession().Get({"*"}))) names.push_back(SpellName(name));
-  return names;
+  read(context.GetSession());
 }
 
+// Names that share a path stand together.
+Words Completer::ReadPaths(const std::string& word) const {
+  Words paths;
+  ReadStore([&](Session& session) {
+    session.GetEachName({Unspell(word) + "*"}, [&](const std::string& name) {
+      const std::string spelled = SpellName(name);
+      if (spelled.rfind(word, 0) != 0) return;
+      std::string path = PathOf(spelled, word);
+      if (paths.empty() || paths.back() != path) paths.push_back(std::move(path));
+    });
+  });
+  return paths;
+}
+
+// Those of a pattern could be many, and mean nothing.
 Words Completer::ReadKeys(const std::string& group) const {
-  Console console(_options);
-  Context context(_options, console);
-  const core::IniFile settings = context.GetSession().Get({group});
   Words keys;
-  if (!settings.HasGroup(group)) return keys;
-  for (const auto& [key, value] : settings[group]) keys.push_back(SpellKey(key));
+  if (group.find('*') != std::string::npos) return keys;
+  ReadStore([&](Session& session) {
+    const core::IniFile settings = session.Get({group});
+    if (!settings.HasGroup(group)) return;
+    for (const auto& [key, value] : settings[group]) keys.push_back(SpellKey(key));
+  });
   return keys;
 }
 
-void Completer::Offer(const Words& candidates, const std::string& prefix) const {
+void Completer::Offer(const Words& words) const {
+  Candidates candidates;
+  for (const std::string& word : words) candidates.push_back({word});
+  Offer(candidates);
+}
+
+void Completer::Offer(const Candidates& candidates) const {
   Console console(_options);
-  for (const std::string& candidate : candidates) {
-    const std::string word = prefix + candidate;
-    if (word.rfind(_current, 0) == 0) console.Print(_prefix + word + "\n");
+  for (const auto& [word, description] : candidates) {
+    if (word.rfind(_current, 0) != 0) continue;
+    console.Print(_prefix + word + (description.empty() ? "" : "\t" + description) + "\n");
   }
+}
+
+void Completer::OfferFiles() const {
+  Console(_options).Print("\tfiles\n");
 }
 
 }  // namespace tavix::programs::cli

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "programs/cli/terminal/GlobalOptions.h"
+#include "programs/common/client/Session.h"
 
 namespace CLI {
 class App;
@@ -13,9 +15,12 @@ namespace tavix::programs::cli {
 
 class CommandLine;
 
-// Answers the shells' completions: "__complete WORD..." prints what the last word may become, a candidate a line.
-// Groups and keys are read from the store that the other words name. It never says anything else, and it is done after
-// 300 ms whatever the store does: somebody is waiting with a finger on a key.
+// Answers the shells' completions: "__complete WORD..." prints what the last word may become, a candidate a line, with a
+// tab and its description behind it where it has one. A line of a tab and "files" says that it may be a file's name.
+//
+// Groups and keys are read from the store that the other words name. A store may be large: only groups that begin with
+// the word are asked for, and they are offered path by path, up to the next '/'. A store is given 250 ms; then nothing
+// of it is offered: somebody is waiting with a finger on a key.
 class Completer {
  public:
   static bool IsAsked(const std::vector<std::string>& words);
@@ -25,6 +30,12 @@ class Completer {
 
   // Returns an ExitCode, always kExitDone.
   int Run(const std::vector<std::string>& words);
+
+  struct Candidate {
+    std::string word;
+    std::string description = {};
+  };
+  using Candidates = std::vector<Candidate>;
 
  private:
   void ReadWords(const std::vector<std::string>& words);
@@ -36,9 +47,12 @@ class Completer {
   void CompletePositional();
   void CompleteResources();
   void CompleteConsumers();
-  std::vector<std::string> ReadGroups() const;
+  void ReadStore(const std::function<void(Session&)>& read) const;
+  std::vector<std::string> ReadPaths(const std::string& word) const;
   std::vector<std::string> ReadKeys(const std::string& group) const;
-  void Offer(const std::vector<std::string>& candidates, const std::string& prefix = std::string()) const;
+  void Offer(const Candidates& candidates) const;
+  void Offer(const std::vector<std::string>& words) const;
+  void OfferFiles() const;
 
   const CommandLine& _line;
   GlobalOptions _options;

@@ -1,7 +1,20 @@
 # Completion of tavix-settings for bash. The program itself knows what a word may become.
 
+# Puts descriptions behind the words that bash lists, in a column.
+_tavix_settings_describe() {
+  local i width=0 room
+  for i in "${!words[@]}"; do
+    ((${#COMPREPLY[i]} > width)) && width=${#COMPREPLY[i]}
+  done
+  for i in "${!words[@]}"; do
+    [[ ${descriptions[i]} ]] || continue
+    room=$((${COLUMNS:-80} - width - 4))
+    ((room > 0)) && printf -v 'COMPREPLY[i]' '%-*s  (%s)' "$width" "${COMPREPLY[i]}" "${descriptions[i]::room}"
+  done
+}
+
 _tavix_settings() {
-  local word words=() candidates current head i
+  local word words=() descriptions=() lines line current head i
   # bash splits words at '=' and ':' too; the program wants them whole.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
     if ((${#words[@]} > 0)) && [[ $word == [=:]* || ${words[-1]} == *[=:] ]]; then
@@ -18,18 +31,27 @@ _tavix_settings() {
       *) words[i]=${words[i]//\\/} ;;
     esac
   done
-  mapfile -t candidates < <("${COMP_WORDS[0]}" __complete "${words[@]}" 2>/dev/null)
+  mapfile -t lines < <("${COMP_WORDS[0]}" __complete "${words[@]}" 2>/dev/null)
   COMPREPLY=()
   current=${words[-1]}
-  if [[ $current == [\'\"]* ]]; then
-    # Behind a quote nothing splits words: what is replaced is all that stands there.
-    COMPREPLY=("${candidates[@]}")
-    return
-  fi
   head=${current%"${current##*[=:]}"}
-  for word in "${candidates[@]}"; do
-    COMPREPLY+=("$(printf '%q' "${word:${#head}}")")
+  words=()
+  for line in "${lines[@]}"; do
+    if [[ $line == $'\tfiles' ]]; then
+      compopt -o default 2>/dev/null # bash's own, of files
+      continue
+    fi
+    word=${line%%$'\t'*}
+    words+=("$word")
+    descriptions+=("${line:${#word}+1}")
+    # Behind a quote nothing splits words: what is replaced is all that stands there.
+    [[ $current == [\'\"]* ]] || printf -v word '%q' "${word:${#head}}"
+    COMPREPLY+=("$word")
   done
+  # There is more to come behind a path.
+  if ((${#words[@]} == 1)) && [[ ${words[0]} == */ ]]; then compopt -o nospace 2>/dev/null; fi
+  # 33, 63 and 64: bash shows a list, and does not take it for what is to be typed.
+  case ${COMP_TYPE:-9} in 33 | 63 | 64) ((${#words[@]} > 1)) && _tavix_settings_describe ;; esac
 }
 
-complete -o default -F _tavix_settings tavix-settings
+complete -F _tavix_settings tavix-settings

@@ -2,7 +2,17 @@
 
 function __tavix_settings_complete
     set -l words (commandline -opc)
-    $words[1] __complete $words[2..-1] (commandline -ct) 2>/dev/null
+    set -l current (commandline -ct)
+    for line in ($words[1] __complete $words[2..-1] $current 2>/dev/null)
+        if test "$line" != \tfiles
+            printf "%s\n" $line
+            continue
+        end
+        set -l option (string match -r -- '^--[^=]*=' $current)
+        for path in (__fish_complete_path (string replace -r -- '^--[^=]*=' '' $current))
+            printf "%s\n" "$option$path"
+        end
+    end
 end
 
-complete -c tavix-settings -a '(__tavix_settings_complete)'
+complete -c tavix-settings -f -a '(__tavix_settings_complete)'

@@ -2,6 +2,7 @@
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/RunLength.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace tavix::test {
 
@@ -39,30 +40,60 @@ class Completion : public CommandTest {
 }  // namespace
 
 TEST_F(Completion, KnowsCommandsAndOptions) {
-  EXPECT_EQ(Complete({"se"}), "search\nset\n");
-  EXPECT_EQ(Complete({"resource", "re"}), "reserve\nrelease\n");
-  EXPECT_EQ(Complete({"get", "--def"}), "--default\n");
-  EXPECT_EQ(Complete({"get", "--jso"}), "--json\n");
+  EXPECT_EQ(CompleteOnce({"se"}),
+            "search\tFind text in names, keys and values\nset\tSet one or many settings, in one step\n");
+  EXPECT_EQ(CompleteOnce({"resource", "rel"}), "release\tGive back all that the consumer has\n");
+  EXPECT_EQ(CompleteOnce({"get", "--def"}), "--default\tWhat to print for a setting that is not set\n");
+  EXPECT_EQ(CompleteOnce({"get", "--jso"}), "--json\tThe same as --output json\n");
   EXPECT_EQ(Complete({"-o", "j"}), "json\n");
   EXPECT_EQ(Complete({"--output=s"}), "--output=shell\n");
   EXPECT_EQ(Complete({"--color", ""}), "auto\nalways\nnever\n");
-  EXPECT_EQ(Complete({"help", "wa"}), "watch\nwait\n");
+  EXPECT_EQ(CompleteOnce({"help", "wat"}), "watch\tPrint changes as they come, until Ctrl-C\n");
   EXPECT_EQ(Complete({"completion", "z"}), "zsh\n");
   EXPECT_EQ(Complete({"log-level", "Network/Eth0", "wa"}), "warning\n");
-  EXPECT_EQ(CompleteOnce({"import", ""}), "");
+}
+
+TEST_F(Completion, TellsWhereAFileBelongs) {
+  for (const Words& words : std::vector<Words>{{"import", ""}, {"diff", "x"}, {"--local", ""}, {"get", "--local=x"}}) {
+    EXPECT_EQ(CompleteOnce(words), "\tfiles\n");
+  }
+  EXPECT_EQ(CompleteOnce({"set", "[A]b", "x"}), "");
+  EXPECT_EQ(CompleteOnce({"search", "x"}), "");
 }
 
 TEST_F(Completion, KnowsGroupsAndKeysOfTheLiveStore) {
-  EXPECT_EQ(Complete({"get", "Net"}), "Network/Eth0\nNetwork/Wlan0\n");
-  EXPECT_EQ(Complete({"get", "[Net"}), "[Network/Eth0]\n[Network/Wlan0]\n");
+  EXPECT_EQ(Complete({"get", "Network/"}), "Network/Eth0\nNetwork/Wlan0\n");
+  EXPECT_EQ(Complete({"get", "[Network/"}), "[Network/Eth0]\n[Network/Wlan0]\n");
   EXPECT_EQ(Complete({"get", "'[Network/E"}), "[Network/Eth0]\n");
   EXPECT_EQ(Complete({"get", "[Network/Eth0]"}), "[Network/Eth0]address\n[Network/Eth0]dhcp\n");
   EXPECT_EQ(Complete({"get", "Network/Eth0", "d"}), "dhcp\n");
   EXPECT_EQ(Complete({"set", "--if", "[Network/Eth0]a"}), "[Network/Eth0]address\n");
-  EXPECT_EQ(Complete({"show", "Device/Identity", "Net"}), "Network/Eth0\nNetwork/Wlan0\n");
-  EXPECT_EQ(Complete({"diff", "x.ini", "Dev"}), "Device/Identity\n");
-  Merge("[New/Group]\nx=1\n");
-  EXPECT_EQ(Complete({"list", "New"}), "New/Group\n");
+  EXPECT_EQ(Complete({"show", "Device/Identity", "Network/"}), "Network/Eth0\nNetwork/Wlan0\n");
+  EXPECT_EQ(Complete({"diff", "x.ini", "Device/"}), "Device/Identity\n");
+  Merge("[New]\nx=1\n");
+  EXPECT_EQ(Complete({"list", "New"}), "New\n");
+}
+
+TEST_F(Completion, GoesPathByPath) {
+  Merge("[Network]\nx=1\n[Net/a/b]\nx=1\n[Net/a/c]\nx=1\n");
+  EXPECT_EQ(Complete({"get", "Ne"}), "Net/\nNetwork\nNetwork/\n");
+  EXPECT_EQ(Complete({"get", "[Ne"}), "[Net/\n[Network]\n[Network/\n");
+  EXPECT_EQ(Complete({"get", "Net/"}), "Net/a/\n");
+  EXPECT_EQ(Complete({"get", "[Net/a/"}), "[Net/a/b]\n[Net/a/c]\n");
+}
+
+TEST_F(Completion, AsksForGroupsThatBeginWithTheWordAlone) {
+  const ScriptedServer server;
+  std::string request;
+  {
+    const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
+      request = peer.ReadThrough();
+      peer.Send("data\n[Net/a]\n[Net/b]\nx=[Net/c]\n.\n");
+      peer.ReadToEnd();
+    });
+    EXPECT_EQ(Complete({"-s", "127.0.0.1:" + std::to_string(server.GetPort()), "get", "Ne"}), "Net/\n");
+  }
+  EXPECT_EQ(request, "get delimited\nNe*\n.\n");
 }
 
 TEST_F(Completion, KnowsResourcesAndConsumers) {
@@ -73,7 +104,7 @@ TEST_F(Completion, KnowsResourcesAndConsumers) {
 
 TEST_F(Completion, LooksWhereTheOtherWordsSay) {
   _directory.Write("x.ini", "[Local/Group]\nx=1\n");
-  EXPECT_EQ(Complete({"--local", "x.ini", "get", "L"}), "Local/Group\n");
+  EXPECT_EQ(Complete({"--local", "x.ini", "get", "Local/"}), "Local/Group\n");
   EXPECT_EQ(CompleteOnce({"--server=127.0.0.1:1", "get", "N"}), "");
 }
 
@@ -109,10 +140,11 @@ TEST_F(Completion, WorksInBash) {
 
 TEST_F(Completion, InBashLeavesWhatStandsBehindAQuoteWhole) {
   Merge("[fe80::1/if]\nwe:ird=1\n[My Group]\nkey=1\n");
-  EXPECT_EQ(InBash({"get", "'[fe80::"}), "[fe80::1/if]\n");
+  EXPECT_EQ(InBash({"get", "'[fe80::"}), "[fe80::1/\n");
+  EXPECT_EQ(InBash({"get", "'[fe80::1/"}), "[fe80::1/if]\n");
   EXPECT_EQ(InBash({"get", "'[fe80::1/if]we:"}), "[fe80::1/if]we:ird\n");
   EXPECT_EQ(InBash({"get", "\"[My"}), "[My Group]\n");
-  EXPECT_EQ(InBash({"get", "fe80", "::", "1"}), "1/if\n");
+  EXPECT_EQ(InBash({"get", "fe80", "::", "1"}), "1/\n");
 }
 
 TEST_F(Completion, InBashTakesWordsAsTheShellDoes) {
