@@ -17,5 +17,6 @@ void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);
+void AddCommandBenches(Suite& suite);
 
 }  // namespace tavix::bench

@@ -103,6 +103,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
     return kExitUsage;
   }
   options.setup.server = build + "/programs/server/tavix-settings-server";
+  options.setup.command = build + "/programs/cli/tavix-settings";
   options.setup.bareMap = build + "/bench/tavix-bench-bare-map";
   return -1;
 }
@@ -121,6 +122,7 @@ int Run(const Options& options) {
   AddNotifyBenches(suite);
   AddFootprintBenches(suite);
   AddLayersBenches(suite);
+  AddCommandBenches(suite);
   if (!options.only.empty() && !suite.Select(options.only)) return kExitUsage;
 
   Report report;

@@ -14,6 +14,7 @@ struct Setup {
   bool oursOnly = false;  // neither floors nor peers
   std::string directory;  // on the disk that is measured, empty at the start, shared by all benches
   std::string server;     // the daemon's program
+  std::string command;    // the command's program
   std::string bareMap;    // the program that loads a file into a bare map
 };
 

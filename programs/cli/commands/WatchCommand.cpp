@@ -92,7 +92,8 @@ class Watch {
   void PrintInitial(const IniFile& settings) const {
     Console& console = _context.GetConsole();
     if (_context.PrintsJson()) {
-      for (const Change& change : FindChanges(IniFile(), settings)) PrintEvent(console, Output::kJson, change);
+      for (const Change& change : FindChanges(IniFile(), settings))
+        PrintEvent(console, Output::kJson, change, Occasion::kStart);
     } else {
       PrintAssignments(console, settings);
     }

@@ -1,5 +1,8 @@
 #include "programs/cli/terminal/PrintedChanges.h"
 
+#include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
@@ -19,6 +22,19 @@ std::string ShowSide(const Console& console, const std::optional<std::string>& v
   return value ? console.Paint(color, SpellValue(*value)) : console.Paint(Console::kDim, "(not set)");
 }
 
+// RFC 3339, in UTC.
+std::string ShowTime(std::chrono::system_clock::time_point time) {
+  using std::chrono::milliseconds;
+  const auto sinceEpoch = std::chrono::floor<milliseconds>(time.time_since_epoch());
+  const auto seconds = static_cast<std::time_t>(std::chrono::floor<std::chrono::seconds>(sinceEpoch).count());
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  const size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text + size, sizeof text - size, ".%03dZ", static_cast<int>(sinceEpoch.count() % 1000));
+  return text;
+}
+
 }  // namespace
 
 void PrintChanges(Console& console, Output output, const std::vector<Change>& changes) {
@@ -35,9 +51,12 @@ void PrintChanges(Console& console, Output output, const std::vector<Change>& ch
   }
 }
 
-void PrintEvent(Console& console, Output output, const Change& change) {
+void PrintEvent(Console& console, Output output, const Change& change, Occasion occasion) {
   if (output == Output::kJson) {
-    console.Print(Compact(ToJson(change)) + "\n");
+    json object = ToJson(change);
+    object["time"] = ShowTime(std::chrono::system_clock::now());
+    if (occasion == Occasion::kStart) object["initial"] = true;
+    console.Print(Compact(object) + "\n");
     return;
   }
   const std::string name = console.Paint(Console::kGroup, "[" + SpellName(change.group) + "]");

@@ -11,7 +11,10 @@ namespace tavix::programs::cli {
 // Lines with '-' for what goes and '+' for what comes; with kJson, an array of objects.
 void PrintChanges(Console& console, Output output, const std::vector<Change>& changes);
 
-// "[group]key: old -> new" on one line; with kJson, one object on one line.
-void PrintEvent(Console& console, Output output, const Change& change);
+// When a change is seen, and whether it is one: what is set at the start is none.
+enum class Occasion { kStart, kChange };
+
+// "[group]key: old -> new" on one line; with kJson, one object on one line, with the time and, at the start, "initial".
+void PrintEvent(Console& console, Output output, const Change& change, Occasion occasion = Occasion::kChange);
 
 }  // namespace tavix::programs::cli

@@ -83,7 +83,14 @@ TEST_F(WatchCommand, PrintsAJsonObjectALine) {
   std::vector<json> objects;
   for (std::string line; std::getline(lines, line);) objects.push_back(json::parse(line));
   ASSERT_EQ(objects.size(), 6U);
-  EXPECT_EQ(objects[0], json::parse(R"({"group": "Marker", "key": "is", "old": null, "new": "here"})"));
+  for (json& object : objects) {
+    EXPECT_THAT(
+        object["time"].get<std::string>(),
+        testing::MatchesRegex("20[0-9][0-9]-[0-1][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}Z"));
+    object.erase("time");
+  }
+  EXPECT_EQ(objects[0],
+            json::parse(R"({"group": "Marker", "key": "is", "old": null, "new": "here", "initial": true})"));
   EXPECT_EQ(objects[4], json::parse(R"({"group": "Network/Eth0", "key": "dhcp", "old": "true", "new": "false"})"));
   EXPECT_EQ(objects[5],
             json::parse(R"({"group": "Network/Eth0", "key": "name", "old": null, "new": {"base64": "/w=="}})"));
