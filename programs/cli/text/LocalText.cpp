@@ -4,6 +4,7 @@
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::programs::cli {
@@ -40,6 +41,14 @@ void AddGroup(const IniFile::GroupMap::value_type& group, const std::string& new
   if (!text.empty() && !EndsWithBlankLine(text)) text += newLine;
   text += "[" + SpellName(group.first) + "]" + newLine;
   for (const auto& [key, value] : group.second) text += MakeSetting(key, value, newLine.size() > 1);
+}
+
+// Enough for nearly all settings as they are spelled, so that a large text does not grow in steps, of twice its size.
+size_t RoomFor(const IniFile& settings) {
+  core::CountingOstream counter;
+  settings.SaveToStream(counter);
+  constexpr size_t kBlankLines = 4096;
+  return 2 * counter.GetCount() + kBlankLines;
 }
 
 }  // namespace
@@ -185,7 +194,7 @@ void LocalText::PlanLines(const IniFile& settings, Edit& edit) {
 
 std::string LocalText::Rewrite(const IsMeant& isGone, const IniFile& settings, const Edit& edit) const {
   std::string text;
-  text.reserve(_text.size() + 1);
+  text.reserve(_text.size() + RoomFor(settings));
   auto replaced = edit.replaced.begin();
   auto added = edit.added.begin();
   Remaining lines(_text, isGone, settings);

@@ -13,11 +13,11 @@ using testing::HasSubstr;
 
 class ManPage : public CommandTest {
  protected:
-  // The candidates of the completion, which knows all there is.
+  // The candidates of the completion, which knows all there is, without their descriptions.
   Words FindCandidates(const Words& words) const {
     std::istringstream lines(Complete(words));
     Words candidates;
-    for (std::string line; std::getline(lines, line);) candidates.push_back(line);
+    for (std::string line; std::getline(lines, line);) candidates.push_back(line.substr(0, line.find('\t')));
     return candidates;
   }
 
