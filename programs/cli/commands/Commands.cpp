@@ -18,6 +18,7 @@ void AddAllCommands(CommandLine& line) {
   AddWatch(line);
   AddWait(line);
   AddStatus(line);
+  AddPing(line);
   AddSubscribers(line);
   AddResource(line);
   AddLogLevel(line);

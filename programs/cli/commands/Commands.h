@@ -20,6 +20,7 @@ void AddImport(CommandLine& line);
 void AddWatch(CommandLine& line);
 void AddWait(CommandLine& line);
 void AddStatus(CommandLine& line);
+void AddPing(CommandLine& line);
 void AddSubscribers(CommandLine& line);
 void AddResource(CommandLine& line);
 void AddLogLevel(CommandLine& line);

@@ -1,5 +1,7 @@
 #include "programs/cli/terminal/Documents.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -84,6 +86,18 @@ void DocumentPrinter::Finish() {
 std::string PaintAssignment(const Console& console, const std::string& group, const std::string& key,
                             const std::string& value) {
   return PaintGroup(console, group) + console.Paint(Console::kKey, SpellKey(key)) + "=" + SpellValue(value);
+}
+
+void PrintFigure(Console& console, const std::string& label, const std::string& figure) {
+  constexpr size_t kWidth = 15;
+  const size_t width = std::max(kWidth, label.size() + 2);
+  console.Print(label + std::string(width - label.size(), ' ') + figure + "\n");
+}
+
+std::string ShowMilliseconds(double milliseconds) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.3f ms", milliseconds);
+  return text;
 }
 
 std::string Count(size_t count, const std::string& noun) {

@@ -45,6 +45,10 @@ void PrintAs(Console& console, Output output, const core::IniFile& settings);
 std::string PaintAssignment(const Console& console, const std::string& group, const std::string& key,
                             const std::string& value);
 
+// A line with a label in front of a figure, and a time as such a figure.
+void PrintFigure(Console& console, const std::string& label, const std::string& figure);
+std::string ShowMilliseconds(double milliseconds);
+
 // "1 setting", "2 settings".
 std::string Count(size_t count, const std::string& noun);
 

@@ -1,10 +1,9 @@
 #include "programs/cli/terminal/PrintedChanges.h"
 
 #include <chrono>
-#include <cstdio>
-#include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "programs/cli/text/UtcTime.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 
@@ -20,19 +19,6 @@ void PrintLine(Console& console, bool isAdded, const std::string& text) {
 
 std::string ShowSide(const Console& console, const std::optional<std::string>& value, Console::Color color) {
   return value ? console.Paint(color, SpellValue(*value)) : console.Paint(Console::kDim, "(not set)");
-}
-
-// RFC 3339, in UTC.
-std::string ShowTime(std::chrono::system_clock::time_point time) {
-  using std::chrono::milliseconds;
-  const auto sinceEpoch = std::chrono::floor<milliseconds>(time.time_since_epoch());
-  const auto seconds = static_cast<std::time_t>(std::chrono::floor<std::chrono::seconds>(sinceEpoch).count());
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  char text[32];
-  const size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-  std::snprintf(text + size, sizeof text - size, ".%03dZ", static_cast<int>(sinceEpoch.count() % 1000));
-  return text;
 }
 
 }  // namespace

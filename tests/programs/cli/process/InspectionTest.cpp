@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/programs/cli/process/CommandTest.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace tavix::test {
 
@@ -20,26 +21,100 @@ class InspectionCommands : public CommandTest {
 
 }  // namespace
 
-TEST_F(InspectionCommands, StatusTellsAddressLatencyAndSizes) {
+TEST_F(InspectionCommands, StatusTellsHowTheServerIs) {
+  Merge("[Own]\nx=1\n[Network/Wlan0]\nmode=b\n");
+  const Outcome outcome = Run({"status"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z\n";
+  EXPECT_THAT(outcome.output,
+              testing::MatchesRegex("server         " + _address + "\nlatency        [0-9]+\\.[0-9]{3} ms\n" +
+                                    "version        [0-9.]+\nstarted        " + time +
+                                    "clients        [0-9]+\nsubscriptions  0\n"
+                                    "groups         5\n  defaults     3\n  user         2\n  restricted   1\n"
+                                    "settings       8\n  defaults     5\n  user         2\n  restricted   1\n"
+                                    "memory         [0-9]+ bytes\n"
+                                    "kept in        .*user.ini\ndurability     always\nsaved          yes\n"
+                                    "last save      " +
+                                    time + "failed saves   0\nclients cut    0\ncommand        [0-9.]+\n"));
+}
+
+TEST_F(InspectionCommands, StatusPrintsJson) {
   Merge("[Own]\nx=1\n");
-  for (const char* command : {"status", "ping"}) {
-    const Outcome outcome = Run({command});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_THAT(outcome.output, testing::MatchesRegex("server         " + _address +
-                                                      "\nlatency        [0-9]+\\.[0-9][0-9][0-9] ms\ngroups         5\n"
-                                                      "  restricted   1\n  user         1\nsettings       7\n"
-                                                      "size           [0-9]+ bytes\nversion        [0-9.]+\n"));
-  }
   const json status = json::parse(Run({"status", "--json"}).output);
   EXPECT_EQ(status["server"], _address);
   EXPECT_EQ(status["reachable"], true);
+  EXPECT_GT(status["latency_ms"], 0);
   EXPECT_EQ(status["groups"], 5);
   EXPECT_EQ(status["restricted_groups"], 1);
   EXPECT_EQ(status["user_groups"], 1);
   EXPECT_EQ(status["settings"], 7);
-  EXPECT_EQ(status["bytes"], (Ask("*")).size());
-  EXPECT_GT(status["latency_ms"], 0);
-  EXPECT_TRUE(status["version"].is_string());
+  EXPECT_EQ(status["info"]["kept"], true);
+  EXPECT_EQ(status["info"]["durability"], "always");
+  EXPECT_TRUE(status["info"]["started"].is_number_unsigned());
+  EXPECT_EQ(status["version"], status["info"]["version"]);
+}
+
+TEST_F(InspectionCommands, PingAsksForOneGroupThatIsNotThere) {
+  EXPECT_THAT(Run({"ping"}).output, testing::MatchesRegex("server         " + _address +
+                                                          "\nlatency        [0-9]+\\.[0-9]{3} ms\n"));
+  const Outcome outcome = Run({"-v", "ping"});
+  const std::string asked = "> get delimited\n> TavixSettings/Ping\n> .\n< data\n< .\n";
+  EXPECT_EQ(outcome.errors, asked + asked + asked);
+  const json ping = json::parse(Run({"ping", "--json"}).output);
+  EXPECT_EQ(ping["server"], _address);
+  EXPECT_EQ(ping["reachable"], true);
+  EXPECT_GT(ping["latency_ms"], 0);
+  EXPECT_EQ(ping.size(), 3U);
+}
+
+// A server that reports this of itself.
+class StatusCommand : public testing::Test {
+ protected:
+  // Without the lines of the address and of the time, and of the command's version.
+  std::string ShowStatus(const std::string& report) const {
+    const ScriptedServer server;
+    const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
+      for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(peer.ReadThrough(), "get delimited\nTavixSettings/Ping\n.\n");
+        peer.Send("data\n.\n");
+      }
+      EXPECT_EQ(peer.ReadThrough(), "info server\nget delimited\n.\n");
+      peer.Send(report + "data\n.\n");
+      peer.ReadToEnd();
+    });
+    const Outcome outcome = RunToEnd(
+        _directory.GetPath(),
+        {TAVIX_CLI_PROGRAM, "-t", "80", "-s", "127.0.0.1:" + std::to_string(server.GetPort()), "status"});
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    const size_t begin = outcome.output.find(" ms\n") + 4;
+    return outcome.output.substr(begin, outcome.output.find("command ") - begin);
+  }
+
+  const TemporaryDirectory _directory;
+};
+
+TEST_F(StatusCommand, TellsSinceWhenAndWhyChangesAreNotSaved) {
+  EXPECT_EQ(ShowStatus("Server\n------\nfailed-saves=3\nfailure=No space left on device\nkept=true\n"
+                       "last-save=1767225599\nsaved=false\nunsaved-since=1767225600\nuser-settings=/a/b.ini\n\n"),
+            "kept in        /a/b.ini\nsaved          no, since 2026-01-01T00:00:00Z: No space left on device\n"
+            "last save      2025-12-31T23:59:59Z\nfailed saves   3\n");
+}
+
+TEST_F(StatusCommand, TellsThatNothingIsKeptAndWhoWasCut) {
+  EXPECT_EQ(ShowStatus("Server\n------\nclients=2\ncut.http=1\ncut.line=12\ncut.tls=0\nkept=false\nnew.figure=x\n\n"),
+            "clients        2\nkept in        nowhere: changes are gone when the server ends\n"
+            "clients cut    13\n  http         1\n  line         12\n");
+}
+
+TEST_F(StatusCommand, TellsWhatItCanOfAnOlderServer) {
+  EXPECT_EQ(ShowStatus(""), "version        unknown: the server is too old to report on itself\n");
+}
+
+TEST_F(StatusCommand, SpellsWhatWouldUpsetATerminal) {
+  EXPECT_EQ(ShowStatus("Server\n------\nkept=true\nuser-settings=/a\\x1b[31m\nversion=1\x9b\n\n"),
+            "version        1\\x9b\nkept in        /a\\x1b[31m\n");
 }
 
 TEST_F(InspectionCommands, SubscribersTellsWhatIsSubscribedTo) {

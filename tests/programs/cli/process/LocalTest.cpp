@@ -31,7 +31,10 @@ TEST_F(LocalFile, IsReadLikeAStore) {
   ExpectRun({"get", "[Network]name"}, 0, "camera\n", "");
   ExpectRun({"list"}, 0, "Audio    1\nNetwork  2\n", "");
   ExpectRun({"search", "10.0"}, 0, "[Network]address=10.0.0.2\n", "");
-  EXPECT_THAT(Run({"status"}).output, testing::StartsWith("server         file 'x.ini'\nlatency "));
+  EXPECT_THAT(Run({"status"}).output,
+              testing::MatchesRegex("server         file 'x.ini'\nlatency        [0-9]+\\.[0-9]{3} ms\n"
+                                    "groups         2\nsettings       3\nsize           [0-9]+ bytes\n"
+                                    "command        [0-9.]+\n"));
 }
 
 TEST_F(LocalFile, ThatIsMissingCanBeWrittenAndNotRead) {

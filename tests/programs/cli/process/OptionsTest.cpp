@@ -145,6 +145,7 @@ TEST_F(GlobalOptions, WithoutAServerEveryCommandFailsAtOnceWithAHint) {
                                         {"watch"},
                                         {"wait", "[A]b"},
                                         {"status"},
+                                        {"ping"},
                                         {"subscribers"},
                                         {"resource", "ls"},
                                         {"log-level"}}) {
