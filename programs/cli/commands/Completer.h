@@ -15,8 +15,8 @@ namespace tavix::programs::cli {
 
 class CommandLine;
 
-// Answers the shells' completions: "__complete WORD..." prints what the last word may become, a candidate a line, with a
-// tab and its description behind it where it has one. A line of a tab and "files" says that it may be a file's name.
+// Answers the shells' completions: "__complete WORD..." prints what the last word may become, a candidate a line, with
+// a tab and its description behind it where it has one. A line of a tab and "files" says that it may be a file's name.
 //
 // Groups and keys are read from the store that the other words name. A store may be large: only groups that begin with
 // the word are asked for, and they are offered path by path, up to the next '/'. A store is given 250 ms; then nothing

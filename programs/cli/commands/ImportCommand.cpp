@@ -1,4 +1,5 @@
 #include <memory>
+#include <utility>
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
@@ -68,30 +69,31 @@ Import::Result ImportConfirmed(Context& context, const Options& options, Import&
   return backup.Run([&](const std::set<std::string>& gone) { RequireConfirmed(gone, confirmed); });
 }
 
-int ShowDifferences(Context& context, const Import& backup) {
-  const std::vector<Change> changes = backup.FindDifferences();
-  PrintChanges(context.GetConsole(), context.GetOptions().output, changes);
-  if (changes.empty()) context.GetConsole().Say("no differences");
+int ShowDifferences(Context& context, Import& backup) {
+  ChangePrinter printer(context.GetConsole(), context.GetOptions().output);
+  backup.FindDifferences([&](const Change& change) { printer.Add(change); });
+  printer.Finish();
+  if (printer.IsEmpty()) context.GetConsole().Say("no differences");
   return kExitDone;
 }
 
 int RunImport(Context& context, const Options& options) {
   Session& session = context.GetSession();
   if (!options.isDryRun) session.RequireWritable();
-  const SettingsFile file = ReadSettingsFile(FindSource(options));
+  SettingsFile file = ReadSettingsFile(FindSource(options));
   const bool isFile = !context.GetOptions().local.empty();
   const std::set<std::string> groups =
       options.replaces ? FindSelection(file, options.words) : ParseSelection(options.words);
-  Import backup(session, file.settings, file.name, {groups, options.replaces, options.isUserLayer, isFile});
+  Import backup(session, std::move(file.settings), file.name, {groups, options.replaces, options.isUserLayer, isFile});
   if (options.isDryRun) return ShowDifferences(context, backup);
   ShowProgress(context);
   const Import::Result result = ImportConfirmed(context, options, backup, file.name);
   Console& console = context.GetConsole();
   console.ClearProgress();
-  if (result.changes.empty()) {
+  if (result.differences == 0) {
     console.Say("done: no differences");
   } else {
-    ReportDone(context, "imported", Count(result.changes.size(), "difference"));
+    ReportDone(context, "imported", Count(result.differences, "difference"));
   }
   if (result.copies > 0)
     console.Say("kept as user settings, which the backup lacks: " + Count(result.copies, "setting") +

@@ -87,8 +87,8 @@ class StatusPrinter {
     if (saved.empty() || saved == "true") return PrintLine("saved", saved.empty() ? "" : "yes");
     const std::string since = FindTime(_figures, "unsaved-since");
     const std::string failure = Find(_figures, "failure");
-    PrintLine("saved", "no" + (since.empty() ? "" : ", since " + since) +
-                           (failure.empty() ? "" : ": " + SpellValue(failure)));
+    PrintLine("saved",
+              "no" + (since.empty() ? "" : ", since " + since) + (failure.empty() ? "" : ": " + SpellValue(failure)));
   }
 
   // The reasons for which there was any.

@@ -23,18 +23,22 @@ std::string ShowSide(const Console& console, const std::optional<std::string>& v
 
 }  // namespace
 
+void ChangePrinter::Add(const Change& change) {
+  _isEmpty = false;
+  if (_output == Output::kJson) return _console.Print(_json.Add(json::array({ToJson(change)})));
+  if (!change.key) PrintLine(_console, change.hasCome, "[" + SpellName(change.group) + "]");
+  if (change.before) PrintLine(_console, false, SpellAssignment(change.group, *change.key, *change.before));
+  if (change.after) PrintLine(_console, true, SpellAssignment(change.group, *change.key, *change.after));
+}
+
+void ChangePrinter::Finish() {
+  if (_output == Output::kJson) _console.Print(_json.Finish());
+}
+
 void PrintChanges(Console& console, Output output, const std::vector<Change>& changes) {
-  if (output == Output::kJson) {
-    json list = json::array();
-    for (const Change& change : changes) list.push_back(ToJson(change));
-    console.Print(Pretty(list));
-    return;
-  }
-  for (const Change& change : changes) {
-    if (!change.key) PrintLine(console, change.hasCome, "[" + SpellName(change.group) + "]");
-    if (change.before) PrintLine(console, false, SpellAssignment(change.group, *change.key, *change.before));
-    if (change.after) PrintLine(console, true, SpellAssignment(change.group, *change.key, *change.after));
-  }
+  ChangePrinter printer(console, output);
+  for (const Change& change : changes) printer.Add(change);
+  printer.Finish();
 }
 
 void PrintEvent(Console& console, Output output, const Change& change, Occasion occasion) {

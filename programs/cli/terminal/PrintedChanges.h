@@ -4,11 +4,32 @@
 
 #include "programs/cli/terminal/Console.h"
 #include "programs/common/client/Changes.h"
+#include "programs/common/client/Json.h"
 
 // How what differs between two documents is shown.
 namespace tavix::programs::cli {
 
-// Lines with '-' for what goes and '+' for what comes; with kJson, an array of objects.
+// Prints changes one by one: lines with '-' for what goes and '+' for what comes; with kJson, an array of objects.
+class ChangePrinter {
+ public:
+  // console: outlives this.
+  ChangePrinter(Console& console, Output output) : _console(console), _output(output) {}
+
+  void Add(const Change& change);
+
+  // Prints the end, where there is one.
+  void Finish();
+
+  bool IsEmpty() const { return _isEmpty; }
+
+ private:
+  Console& _console;
+  const Output _output;
+  bool _isEmpty = true;
+  PrettyParts _json{"[]"};
+};
+
+// The same for a list.
 void PrintChanges(Console& console, Output output, const std::vector<Change>& changes);
 
 // When a change is seen, and whether it is one: what is set at the start is none.

@@ -12,6 +12,7 @@
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/osa/Descriptor.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::programs::cli {
 
@@ -63,9 +64,12 @@ SettingsFile ReadSettingsFile(const std::string& path) {
 
 std::set<std::string> FindSelection(const SettingsFile& file, const std::vector<std::string>& words) {
   if (!words.empty() || file.covered.empty()) return ParseSelection(words);
-  const core::IniFile covered = SelectGroups(file.settings, file.covered);
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(file.covered);
+  std::set<std::string> covered;
+  matcher.GetMatchingGroups(file.settings, covered);
   for (const auto& [group, keys] : file.settings) {
-    if (covered.HasGroup(group) || group == kDeletedGroups) continue;
+    if (covered.count(group) != 0 || group == kDeletedGroups) continue;
     throw Failure(kExitUsage,
                   "'" + file.name + "' holds '" + SpellName(group) + "', and says that it covers others alone",
                   "name the groups that are meant");

@@ -1,6 +1,7 @@
 #include "programs/common/client/Backup.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "programs/common/client/Failure.h"
@@ -88,23 +89,33 @@ IniFile ReadStore(Session& session, const std::set<std::string>& groups, bool is
   return settings;
 }
 
-IniFile SelectGroups(const IniFile& settings, const std::set<std::string>& groups) {
-  settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(OrAll(groups));
-  std::vector<IniFile::const_iterator> places;
-  matcher.GetMatchingGroups(settings, places);
-  IniFile selected;
-  for (const IniFile::const_iterator& place : places) selected.MergeGroup(place);
-  return selected;
-}
-
-IniFile SelectUserGroups(const IniFile& layer, const std::set<std::string>& groups) {
-  IniFile selected = SelectGroups(layer, groups);
-  if (groups.empty() || !layer.HasGroup(kDeletedGroups)) return selected;
+// In place: a document may be large.
+IniFile SelectGroups(IniFile settings, const std::set<std::string>& groups) {
+  if (groups.empty()) return settings;
   settings::common::GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
+  std::vector<IniFile::const_iterator> meant;
+  matcher.GetMatchingGroups(settings, meant);
+  auto next = meant.begin();
+  for (auto group = settings.begin(); group != settings.end();) {
+    const auto at = group++;
+    if (next != meant.end() && *next == at) {
+      ++next;
+    } else {
+      settings.RemoveGroup(at);
+    }
+  }
+  return settings;
+}
+
+IniFile SelectUserGroups(IniFile layer, const std::set<std::string>& groups) {
   std::set<std::string> deleted;
-  for (const auto& [key, name] : layer[kDeletedGroups]) deleted.insert(name);
+  if (!groups.empty() && layer.HasGroup(kDeletedGroups)) {
+    for (const auto& [key, name] : layer[kDeletedGroups]) deleted.insert(name);
+  }
+  IniFile selected = SelectGroups(std::move(layer), groups);
+  settings::common::GroupNameMatcher matcher;
+  matcher.AddNamesAndPatterns(groups);
   std::set<std::string> meant;
   matcher.GetMatchingGroups(deleted, meant);
   for (const std::string& name : meant) selected.SetValue(kDeletedGroups, name, name);

@@ -30,9 +30,9 @@ size_t ReadStoreEach(Session& session, const std::set<std::string>& groups, bool
                      const Session::TakeGroup& take);
 
 // The part of a document that groups and patterns mean; all of it without any.
-core::IniFile SelectGroups(const core::IniFile& settings, const std::set<std::string>& groups);
+core::IniFile SelectGroups(core::IniFile settings, const std::set<std::string>& groups);
 
 // The same of a user layer: of the record of what was deleted, the groups and patterns that are meant.
-core::IniFile SelectUserGroups(const core::IniFile& layer, const std::set<std::string>& groups);
+core::IniFile SelectUserGroups(core::IniFile layer, const std::set<std::string>& groups);
 
 }  // namespace tavix::programs

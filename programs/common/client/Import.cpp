@@ -1,12 +1,14 @@
 #include "programs/common/client/Import.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
+#include <vector>
 
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Writes.h"
 #include "tavix/settings/client/ProtocolClient.h"
-#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::programs {
 
@@ -30,27 +32,34 @@ std::set<std::string> FindLost(const IniFile& before, const IniFile& after) {
   return names;
 }
 
+bool LosesSomething(const IniFile& before, const IniFile& after) {
+  if (before.IsEmpty()) return false;
+  const auto& [group, keys] = *before.begin();
+  if (!after.HasGroup(group)) return true;
+  return std::any_of(keys.begin(), keys.end(),
+                     [&, &name = group](const auto& entry) { return !after.HasValue(name, entry.first); });
+}
+
 }  // namespace
 
-Import::Import(Session& session, const IniFile& document, const std::string& source, ImportOptions options)
-    : _session(session), _options(std::move(options)), _wanted(Select(document, source)) {
+Import::Import(Session& session, IniFile document, const std::string& source, ImportOptions options)
+    : _session(session), _options(std::move(options)), _wanted(Select(std::move(document), source)) {
   _session.AllowNew();
   _isEmpty = _wanted.IsEmpty();
+  _deleted.AddNamesAndPatterns(_wanted.deleted);
   TakeOutUnchangedRestricted();
   RefuseRestricted(_session, NamesOf(_wanted.settings));
 }
 
 // A backup of the user layer tells what was deleted. For a file that is a group like any other.
-UserLayer Import::Select(const IniFile& document, const std::string& source) const {
-  if (_options.isFile) return {SelectGroups(document, _options.groups), {}};
+UserLayer Import::Select(IniFile document, const std::string& source) const {
+  if (_options.isFile) return {SelectGroups(std::move(document), _options.groups), {}};
   if (_options.replaces && !_options.isUserLayer && document.HasGroup(kDeletedGroups))
     throw Failure(kExitUsage, "'" + source + "' tells what users deleted: it is a backup of the user layer",
                   "give --user with --replace");
-  UserLayer wanted = UserLayer::From(document, _options.groups);
+  UserLayer wanted = UserLayer::From(std::move(document), _options.groups);
   RequireSendable(wanted.settings, source);
-  UserLayer allowed = wanted;
-  allowed.DropRestricted(_session);
-  wanted.deleted = allowed.deleted;
+  wanted.DropRestrictedDeleted(_session);
   return wanted;
 }
 
@@ -67,27 +76,59 @@ void Import::TakeOutUnchangedRestricted() {
   }
 }
 
-std::vector<Change> Import::FindDifferences() const {
-  const IniFile before = ReadBefore();
-  return FindChanges(before, FindAfter(before));
+void Import::FindDifferences(const TakeChange& take) {
+  const auto takeAll = [&](const std::vector<Change>& changes) { std::for_each(changes.begin(), changes.end(), take); };
+  if (ReplacesUserLayer()) return takeAll(FindChanges(ReadUserLayer().ToDocument(), _wanted.ToDocument()));
+  Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
+    takeAll(FindChanges(before, FindAfter(name, before, wanted)));
+  });
 }
 
-std::set<std::string> Import::FindGone() const {
-  const IniFile before = ReadBefore();
-  return FindLost(before, FindAfter(before));
+std::set<std::string> Import::FindGone() {
+  if (ReplacesUserLayer()) return FindLost(ReadUserLayer().ToDocument(), _wanted.ToDocument());
+  std::set<std::string> gone;
+  Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
+    if (!before.IsEmpty() && FindAfter(name, before, wanted).IsEmpty()) gone.insert(gone.end(), name);
+  });
+  return gone;
 }
 
 Import::Result Import::Run(const std::function<void(const std::set<std::string>& gone)>& confirm) {
   Result result;
   _session.RunAlone([&] {
-    const IniFile before = ReadBefore();
-    const IniFile after = FindAfter(before);
-    confirm(FindLost(before, after));
-    Write(before, after);
-    result.changes = FindChanges(before, ReplacesUserLayer() ? ReadBefore() : after);
-    if (ReplacesUserLayer()) result.copies = CountCopies();
+    if (ReplacesUserLayer()) {
+      result = RunOnUserLayer(confirm);
+      return;
+    }
+    std::set<std::string> gone;
+    std::set<std::string> replaced;
+    Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
+      const IniFile after = FindAfter(name, before, wanted);
+      result.differences += FindChanges(before, after).size();
+      if (!before.IsEmpty() && after.IsEmpty()) gone.insert(gone.end(), name);
+      if (!_wanted.deleted.empty()) return;
+      if (LosesSomething(before, after)) {
+        replaced.insert(replaced.end(), name);
+      } else {
+        Prune(before, wanted);
+      }
+    });
+    confirm(gone);
+    if (_wanted.deleted.empty()) {
+      Write(_session, replaced, _wanted.settings);
+    } else {
+      Replace(_session, _wanted.deleted, _wanted.settings);
+    }
   });
   return result;
+}
+
+Import::Result Import::RunOnUserLayer(const std::function<void(const std::set<std::string>& gone)>& confirm) const {
+  const UserLayer layer = ReadUserLayer();
+  const IniFile before = layer.ToDocument();
+  confirm(FindLost(before, _wanted.ToDocument()));
+  ReplaceUserLayer(_session, layer, _wanted, _options.groups.empty());
+  return {FindChanges(before, ReadUserLayer().ToDocument()).size(), CountCopies()};
 }
 
 UserLayer Import::ReadUserLayer() const {
@@ -97,46 +138,62 @@ UserLayer Import::ReadUserLayer() const {
 }
 
 // What the store holds where the document may change it.
-IniFile Import::ReadBefore() const {
-  if (ReplacesUserLayer()) return ReadUserLayer().ToDocument();
-  if (!_options.replaces) {
-    std::set<std::string> groups = NamesOf(_wanted.settings);
-    groups.insert(_wanted.deleted.begin(), _wanted.deleted.end());
-    return WithoutRestricted(_session.Get(groups));
+void Import::ReadBefore(const Session::TakeGroup& take) const {
+  const auto takeAllowed = [&](const IniFile& part) {
+    if (!_session.IsRestricted(part.begin()->first)) take(part);
+  };
+  if (_options.replaces) {
+    ReadStoreEach(_session, _options.groups, false, takeAllowed);
+    return;
   }
-  size_t leftOut = 0;
-  return WithoutRestricted(ReadStore(_session, _options.groups, false, leftOut));
+  std::set<std::string> groups = NamesOf(_wanted.settings);
+  groups.insert(_wanted.deleted.begin(), _wanted.deleted.end());
+  _session.GetEach(groups, takeAllowed);
 }
 
-IniFile Import::WithoutRestricted(IniFile settings) const {
-  for (const std::string& name : NamesOf(settings)) {
-    if (_session.IsRestricted(name)) settings.RemoveGroup(name);
-  }
-  return settings;
+// Goes over the groups of the store and of the document together, in ascending order. The visitor may take the group
+// out of the document.
+void Import::Walk(const Visit& visit) {
+  IniFile& wanted = _wanted.settings;
+  auto next = wanted.begin();
+  const auto visitNext = [&](const IniFile& before) {
+    const auto group = next++;
+    const std::string name = group->first;
+    visit(name, before, group);
+  };
+  ReadBefore([&](const IniFile& part) {
+    const std::string& name = part.begin()->first;
+    while (next != wanted.end() && next->first < name) visitNext(IniFile());
+    if (next != wanted.end() && next->first == name) {
+      visitNext(part);
+    } else {
+      visit(name, part, wanted.end());
+    }
+  });
+  while (next != wanted.end()) visitNext(IniFile());
 }
 
-IniFile Import::FindAfter(const IniFile& before) const {
-  if (_options.replaces) return ReplacesUserLayer() ? _wanted.ToDocument() : _wanted.settings;
-  IniFile after = before;
-  if (!_wanted.deleted.empty()) {
-    settings::common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(_wanted.deleted);
-    std::set<std::string> gone;
-    matcher.GetMatchingGroups(before, gone);
-    for (const std::string& group : gone) after.RemoveGroup(group);
+IniFile Import::FindAfter(const std::string& name, const IniFile& before, IniFile::iterator wanted) {
+  IniFile after;
+  std::set<std::string> deleted;
+  _deleted.GetMatchingGroups(before, deleted);
+  if (!_options.replaces && deleted.empty()) after = before;
+  if (wanted != _wanted.settings.end()) {
+    IniFile::KeyMap& keys = after[name];
+    for (const auto& [key, value] : wanted->second) keys.insert_or_assign(key, value);
   }
-  after.MergeSettings(_wanted.settings);
   return after;
 }
 
-void Import::Write(const IniFile& before, const IniFile& after) const {
-  if (ReplacesUserLayer()) {
-    ReplaceUserLayer(_session, ReadUserLayer(), _wanted, _options.groups.empty());
-  } else if (!_wanted.deleted.empty()) {
-    Replace(_session, _wanted.deleted, _wanted.settings);
-  } else {
-    Apply(_session, before, after);
+// Takes out of the document what the store holds already.
+void Import::Prune(const IniFile& before, IniFile::iterator wanted) {
+  if (before.IsEmpty() || wanted == _wanted.settings.end()) return;
+  IniFile::KeyMap& keys = wanted->second;
+  for (const auto& [key, value] : before.begin()->second) {
+    const auto same = keys.find(key);
+    if (same != keys.end() && same->second == value) keys.erase(same);
   }
+  if (keys.empty()) _wanted.settings.RemoveGroup(wanted);
 }
 
 // A restore makes user settings of the defaults.

@@ -1,14 +1,15 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "programs/common/client/Changes.h"
 #include "programs/common/client/Session.h"
 #include "programs/common/client/UserLayer.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::programs {
 
@@ -19,49 +20,59 @@ struct ImportOptions {
   bool isFile = false;           // the store is a file: it has one layer, and no record of what was deleted
 };
 
-// Brings a document, such as a backup, into a store.
+// Brings a document, such as a backup, into a store. Both may be large: the document is kept once, and of the store no
+// more than a group at a time; but with "replaces" and "isUserLayer" both are kept whole.
 //
 // Threads: one.
-// Errors:  Failure. Nothing is written when the constructor or FindDifferences throws; Run throws as the functions of
-//          Writes.h do, too.
+// Errors:  Failure. Nothing is written when the constructor, FindDifferences or FindGone throws; Run throws as the
+//          functions of Writes.h do, too.
 class Import {
  public:
   struct Result {
-    std::vector<Change> changes;
-    size_t copies = 0;  // settings that the document lacks and that are user settings now, at their defaults
+    size_t differences = 0;  // settings that changed, and groups that came without any or went
+    size_t copies = 0;       // settings that the document lacks and that are user settings now, at their defaults
   };
+
+  using TakeChange = std::function<void(const Change& change)>;
 
   // session: outlives this. source: what errors call the document.
   // Throws Failure: kExitRefused for restricted groups that differ; kExitBadInput for names that can't be sent;
   // kExitUsage when the whole store would be replaced by a backup of the user layer.
-  Import(Session& session, const core::IniFile& document, const std::string& source, ImportOptions options);
+  Import(Session& session, core::IniFile document, const std::string& source, ImportOptions options);
 
-  // What would change.
-  std::vector<Change> FindDifferences() const;
+  // What would change, in the order of FindChanges.
+  void FindDifferences(const TakeChange& take);
 
   // The groups that go, or with "isUserLayer" back to their defaults: the store holds them, and the document does not.
-  std::set<std::string> FindGone() const;
+  std::set<std::string> FindGone();
 
-  // confirm: is given the groups that go at this moment; what it throws ends the import.
+  // confirm: is given the groups that go at this moment; what it throws ends the import. Uses up the document: nothing
+  // may be called behind it but IsEmpty.
   Result Run(const std::function<void(const std::set<std::string>& gone)>& confirm);
 
   // Whether the document held nothing of these groups.
   bool IsEmpty() const { return _isEmpty; }
 
  private:
-  UserLayer Select(const core::IniFile& document, const std::string& source) const;
+  // Is given a group: as a document what the store holds, and its place in the document, or the end.
+  using Visit =
+      std::function<void(const std::string& name, const core::IniFile& before, core::IniFile::iterator wanted)>;
+
+  UserLayer Select(core::IniFile document, const std::string& source) const;
   void TakeOutUnchangedRestricted();
   bool ReplacesUserLayer() const { return _options.replaces && _options.isUserLayer && !_options.isFile; }
   UserLayer ReadUserLayer() const;
-  core::IniFile ReadBefore() const;
-  core::IniFile WithoutRestricted(core::IniFile settings) const;
-  core::IniFile FindAfter(const core::IniFile& before) const;
-  void Write(const core::IniFile& before, const core::IniFile& after) const;
+  void ReadBefore(const Session::TakeGroup& take) const;
+  void Walk(const Visit& visit);
+  core::IniFile FindAfter(const std::string& name, const core::IniFile& before, core::IniFile::iterator wanted);
+  void Prune(const core::IniFile& before, core::IniFile::iterator wanted);
+  Result RunOnUserLayer(const std::function<void(const std::set<std::string>& gone)>& confirm) const;
   size_t CountCopies() const;
 
   Session& _session;
   const ImportOptions _options;
   UserLayer _wanted;
+  settings::common::GroupNameMatcher _deleted;  // by the document
   bool _isEmpty;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Writes.h"
@@ -34,8 +35,8 @@ std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted)
 
 }  // namespace
 
-UserLayer UserLayer::From(const IniFile& document, const std::set<std::string>& groups) {
-  UserLayer layer{SelectUserGroups(document, groups), {}};
+UserLayer UserLayer::From(IniFile document, const std::set<std::string>& groups) {
+  UserLayer layer{SelectUserGroups(std::move(document), groups), {}};
   if (!layer.settings.HasGroup(kDeletedGroups)) return layer;
   for (const auto& [key, name] : layer.settings[kDeletedGroups]) layer.deleted.insert(name);
   layer.settings.RemoveGroup(kDeletedGroups);
@@ -46,6 +47,10 @@ void UserLayer::DropRestricted(const Session& session) {
   for (const std::string& name : NamesOf(settings)) {
     if (session.IsRestricted(name)) settings.RemoveGroup(name);
   }
+  DropRestrictedDeleted(session);
+}
+
+void UserLayer::DropRestrictedDeleted(const Session& session) {
   for (auto name = deleted.begin(); name != deleted.end();)
     name = session.IsRestricted(*name) ? deleted.erase(name) : std::next(name);
 }

@@ -15,10 +15,11 @@ struct UserLayer {
   std::set<std::string> deleted;
 
   // The part of a document, such as a backup of the layer, that groups and patterns mean; all of it without any.
-  static UserLayer From(const core::IniFile& document, const std::set<std::string>& groups);
+  static UserLayer From(core::IniFile document, const std::set<std::string>& groups);
 
-  // Takes out what no client could write.
+  // Take out what no client could write; of all, or of what was deleted.
   void DropRestricted(const Session& session);
+  void DropRestrictedDeleted(const Session& session);
 
   // One document with the record of what was deleted, as a backup has it.
   core::IniFile ToDocument() const;

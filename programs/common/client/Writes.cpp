@@ -27,34 +27,56 @@ class SessionWriter {
 
 namespace {
 
-// What stands there in place of what should; empty when it does.
+// What stands there in place of what should; empty when it does. Here and below.
+std::string FindDifference(const IniFile& current, IniFile::const_iterator wanted) {
+  const auto& [group, keys] = *wanted;
+  for (const auto& [key, value] : keys) {
+    const std::string name = SpellSetting(group, key);
+    if (!current.HasValue(group, key)) return name + " is not set";
+    const std::string& found = current.GetValue(group, key);
+    if (found != value) return name + " is '" + SpellValue(found) + "', not '" + SpellValue(value) + "'";
+  }
+  return current.HasGroup(group) ? std::string() : "there is no group '" + SpellName(group) + "'";
+}
+
 std::string FindDifference(const IniFile& current, const IniFile& wanted) {
-  for (const auto& [group, keys] : wanted) {
-    for (const auto& [key, value] : keys) {
-      const std::string name = SpellSetting(group, key);
-      if (!current.HasValue(group, key)) return name + " is not set";
-      const std::string& found = current.GetValue(group, key);
-      if (found != value) return name + " is '" + SpellValue(found) + "', not '" + SpellValue(value) + "'";
-    }
-    if (!current.HasGroup(group)) return "there is no group '" + SpellName(group) + "'";
+  std::string difference;
+  for (auto group = wanted.begin(); group != wanted.end() && difference.empty(); ++group)
+    difference = FindDifference(current, group);
+  return difference;
+}
+
+// What a group holds that it should not.
+std::string FindLeft(IniFile::const_iterator current, const IniFile& wanted) {
+  const auto& [group, keys] = *current;
+  if (!wanted.HasGroup(group)) return "there still is a group '" + SpellName(group) + "'";
+  for (const auto& [key, value] : keys) {
+    if (!wanted.HasValue(group, key)) return SpellSetting(group, key) + " is still set";
   }
   return std::string();
 }
 
-void RequireApplied(const IniFile& current, const IniFile& wanted) {
-  const std::string difference = FindDifference(current, wanted);
+// Reads back, group by group, whether the store holds what was written, and nothing else in what was replaced. Groups
+// whose names are patterns bring others, which do not count.
+void RequireApplied(Session& session, const IniFile& wanted, const std::set<std::string>& replaced = {}) {
+  std::string difference;
+  std::string left;
+  auto next = wanted.begin();
+  const auto compare = [&](const IniFile& current) {
+    if (difference.empty()) difference = FindDifference(current, next);
+    ++next;
+  };
+  std::set<std::string> touched = NamesOf(wanted);
+  touched.insert(replaced.begin(), replaced.end());
+  session.GetEach(touched, [&](const IniFile& part) {
+    const std::string& name = part.begin()->first;
+    while (next != wanted.end() && next->first < name) compare(IniFile());
+    if (next != wanted.end() && next->first == name) compare(part);
+    if (left.empty() && replaced.count(name) != 0) left = FindLeft(part.begin(), wanted);
+  });
+  while (next != wanted.end()) compare(IniFile());
+  if (difference.empty()) difference = left;
   if (!difference.empty()) throw Failure(kExitNotApplied, "not applied: " + difference);
-}
-
-// Throws when the group holds something that it should not.
-void RequireGone(const IniFile& current, const IniFile& wanted, const std::string& group) {
-  if (!current.HasGroup(group)) return;
-  if (!wanted.HasGroup(group))
-    throw Failure(kExitNotApplied, "not applied: there still is a group '" + SpellName(group) + "'");
-  for (const auto& [key, value] : current[group]) {
-    if (!wanted.HasValue(group, key))
-      throw Failure(kExitNotApplied, "not applied: " + SpellSetting(group, key) + " is still set");
-  }
 }
 
 bool LosesSomething(const std::string& group, const IniFile::KeyMap& keys, const IniFile& after) {
@@ -106,23 +128,20 @@ std::set<std::string> NamesOf(const IniFile& settings) {
 }
 
 void Merge(Session& session, const IniFile& settings, bool isVolatile) {
-  const std::set<std::string> groups = NamesOf(settings);
-  RefuseRestricted(session, groups);
+  RefuseRestricted(session, NamesOf(settings));
   session.RunAlone([&] {
     SessionWriter(session).Merge(settings, isVolatile);
-    RequireApplied(session.Get(groups), settings);
+    RequireApplied(session, settings);
   });
 }
 
 void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
-  const std::set<std::string> groups = NamesOf(settings);
-  RefuseRestricted(session, groups);
   session.RunAlone([&] {
     if (!TryMergeIf(session, condition, settings)) {
       RequireHolds(session.Get(NamesOf(condition)), condition);
       throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
     }
-    RequireApplied(session.Get(groups), settings);
+    RequireApplied(session, settings);
   });
 }
 
@@ -168,9 +187,7 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
   RefuseRestricted(session, touched);
   session.RunAlone([&] {
     SessionWriter(session).Overwrite(groups, settings);
-    const IniFile current = session.Get(touched);
-    RequireApplied(current, settings);
-    for (const std::string& group : groups) RequireGone(current, settings, group);
+    RequireApplied(session, settings, groups);
   });
 }
 
@@ -197,7 +214,11 @@ void Apply(Session& session, const IniFile& before, const IniFile& after) {
       AddNewValues(*group, before, written);
     }
   }
-  // One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
+  Write(session, replaced, written);
+}
+
+// One request for both, so that nobody sees half of it: an overwrite merges what its list does not name.
+void Write(Session& session, const std::set<std::string>& replaced, const IniFile& written) {
   if (!replaced.empty()) {
     RefusePatterns(replaced);
     Replace(session, replaced, written);

@@ -51,6 +51,9 @@ Keeping FindKeeping(Session& session);
 // Replaces exactly these groups: those that "settings" lacks go.
 void Replace(Session& session, const std::set<std::string>& groups, const core::IniFile& settings);
 
+// Replaces groups, and merges what is left of "written", in one step. Refused as RefusePatterns does.
+void Write(Session& session, const std::set<std::string>& replaced, const core::IniFile& written);
+
 // Puts groups and '*' patterns back to their defaults. Returns what they hold then: the store alone knows the defaults.
 core::IniFile Restore(Session& session, const std::set<std::string>& groups);
 

@@ -56,8 +56,8 @@ TEST_F(InspectionCommands, StatusPrintsJson) {
 }
 
 TEST_F(InspectionCommands, PingAsksForOneGroupThatIsNotThere) {
-  EXPECT_THAT(Run({"ping"}).output, testing::MatchesRegex("server         " + _address +
-                                                          "\nlatency        [0-9]+\\.[0-9]{3} ms\n"));
+  EXPECT_THAT(Run({"ping"}).output,
+              testing::MatchesRegex("server         " + _address + "\nlatency        [0-9]+\\.[0-9]{3} ms\n"));
   const Outcome outcome = Run({"-v", "ping"});
   const std::string asked = "> get delimited\n> TavixSettings/Ping\n> .\n< data\n< .\n";
   EXPECT_EQ(outcome.errors, asked + asked + asked);
@@ -83,9 +83,8 @@ class StatusCommand : public testing::Test {
       peer.Send(report + "data\n.\n");
       peer.ReadToEnd();
     });
-    const Outcome outcome = RunToEnd(
-        _directory.GetPath(),
-        {TAVIX_CLI_PROGRAM, "-t", "80", "-s", "127.0.0.1:" + std::to_string(server.GetPort()), "status"});
+    const Outcome outcome = RunToEnd(_directory.GetPath(), {TAVIX_CLI_PROGRAM, "-t", "80", "-s",
+                                                            "127.0.0.1:" + std::to_string(server.GetPort()), "status"});
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "");
     const size_t begin = outcome.output.find(" ms\n") + 4;

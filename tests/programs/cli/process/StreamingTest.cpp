@@ -101,6 +101,8 @@ TEST_F(StreamingCommands, LookForSimilarNamesAmongThoseThatBeginAlike) {
   ServerEnd peer = _server.Accept();
   EXPECT_EQ(peer.ReadThrough(), "get delimited\nNetwork/eth0\n.\n");
   peer.Send("data\n.\n");
+  EXPECT_EQ(peer.ReadThrough(), "get delimited\nNetwork\n.\n");  // where eth0 might be a setting
+  peer.Send("data\n.\n");
   EXPECT_EQ(peer.ReadThrough(), "get delimited\nNetwork/*\n.\n");
   peer.Send("data\n.\n");
   EXPECT_EQ(peer.ReadThrough(), "get delimited\nNetw*\n.\n");
@@ -138,6 +140,17 @@ TEST_F(LargeStore, IsPrintedInLittleMemory) {
   const std::string server = "-s " + large.AwaitAddresses().front();
   for (const char* words : {"list", "show", "export --json", "search 34"}) {
     const Outcome outcome = RunWithin(10 * 1024, server + " " + words + " >/dev/null");
+    EXPECT_EQ(outcome.status, 0) << words;
+    EXPECT_EQ(outcome.errors, "") << words;
+  }
+}
+
+TEST_F(LargeStore, IsImportedInSixTimesItsSize) {
+  const Daemon other(_directory);
+  _directory.Write("large.ini", MakeText());
+  const std::string server = "-s " + other.AwaitAddresses().front();
+  for (const char* words : {" -q import large.ini", " -q import large.ini --replace --yes"}) {
+    const Outcome outcome = RunWithin(6 * kStoreBytes / 1024, server + words);
     EXPECT_EQ(outcome.status, 0) << words;
     EXPECT_EQ(outcome.errors, "") << words;
   }

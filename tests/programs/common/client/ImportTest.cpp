@@ -32,7 +32,7 @@ ExitCode CodeOf(MemorySession& session, const std::string& document, const Impor
 TEST(Import, SetsWhatTheDocumentHolds) {
   MemorySession session(kFiles, "");
   Import import(session, DocumentOf("[a]\nk=2\n[c]\nk=3\n"), "backup", {});
-  EXPECT_EQ(import.Run(Confirm).changes.size(), 2U);
+  EXPECT_EQ(import.Run(Confirm).differences, 2U);
   EXPECT_EQ(TextOf(session.Get({"a", "b", "c"})), "[a]\nk=2\n[b]\nk=1\n[c]\nk=3\n");
 }
 
@@ -63,13 +63,15 @@ TEST(Import, PutsTheUserLayerBack) {
 
 TEST(Import, FindsDifferencesWithoutWriting) {
   MemorySession session(kFiles, "");
-  const Import import(session, DocumentOf("[a]\nk=2\n"), "backup", {});
-  const std::vector<programs::Change> changes = import.FindDifferences();
-  ASSERT_EQ(changes.size(), 1U);
-  EXPECT_EQ(changes[0].before, "1");
-  EXPECT_EQ(changes[0].after, "2");
-  EXPECT_EQ(session.writes, 0U);
-}
+  Import import(session, DocumentOf("[a]\nk=2\n"), "backup", {});
+  std::vector<programs::Change> changes;
+  import.FindDifferences([&](const programs::Change& change) { changes.push_back(change);
+});
+ASSERT_EQ(changes.size(), 1U);
+EXPECT_EQ(changes[0].before, "1");
+EXPECT_EQ(changes[0].after, "2");
+EXPECT_EQ(session.writes, 0U);
+}  // namespace tavix::test
 
 TEST(Import, WritesNothingThatIsNotConfirmed) {
   MemorySession session(kFiles, "");
