@@ -5,6 +5,7 @@
 #     development  the static library, the headers that users include, and what find_package and pkg-config ask for
 #     server       the daemon, its man pages, and what starts it
 #     tools        the command, its completions and its man pages
+#     python       the Python package
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
 
@@ -31,6 +32,11 @@ if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_CLI)
   install(FILES ${completions}/tavix-settings.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
           COMPONENT tools)
 endif()
+
+# Pure Python: it needs no build. No part of an installation from source, which pip does better; packages take it.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/bindings/python/tavix_settings DESTINATION lib/python3/dist-packages
+        COMPONENT python EXCLUDE_FROM_ALL FILES_MATCHING PATTERN "*.py" PATTERN "py.typed"
+        PATTERN "__pycache__" EXCLUDE)
 
 # Man pages are written in scdoc's form; without scdoc there are none.
 find_program(SCDOC scdoc)

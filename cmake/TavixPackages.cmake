@@ -5,6 +5,7 @@ set(package_of_library libtavix-settings0)
 set(package_of_development libtavix-settings-dev)
 set(package_of_server tavix-settings-server)
 set(package_of_tools tavix-settings)
+set(package_of_python python3-tavix-settings)
 set(debian_version ${PROJECT_VERSION}-1)
 set(same_version "(= ${debian_version})")
 
@@ -14,7 +15,7 @@ if(NOT newest_version MATCHES "^tavix-settings \\(${debian_version}\\) ")
 endif()
 
 # Policy asks for these in every package; they are no part of an installation from source.
-set(CPACK_COMPONENTS_ALL library development)
+set(CPACK_COMPONENTS_ALL library development python)
 if(TAVIX_BUILD_PROGRAMS)
   list(APPEND CPACK_COMPONENTS_ALL server)
   if(TAVIX_BUILD_CLI)
@@ -89,5 +90,13 @@ settings, on a running daemon or on a file.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${package_of_library} ${same_version}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ${package_of_server})
+
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "settings of a device (Python 3)${common_description}This is the package for programs in Python: one store that waits and one for
+asyncio, a module for scripts, and what tests of programs need.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.9)")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS ${package_of_server})
 
 include(CPack)
