@@ -85,18 +85,20 @@ class Waker:
 
     def sleep(self, until: float, address: object) -> None:
         """Returns at that time, or throws ClosedError."""
-        _wait(None, 0, until, self, address)
+        _wait(_make_poll(None, 0, self), until, self, address)
 
 
-def _wait(
-    what: Optional[socket.socket], events: int, deadline: Optional[float], waker: Optional[Waker], address: object
-) -> bool:
-    """False: the deadline has passed."""
+def _make_poll(what: Optional[socket.socket], events: int, waker: Optional[Waker]) -> select.poll:
     poll = select.poll()
     if what is not None:
         poll.register(what, events)
     if waker is not None:
         poll.register(waker.fileno(), select.POLLIN)
+    return poll
+
+
+def _wait(poll: select.poll, deadline: Optional[float], waker: Optional[Waker], address: object) -> bool:
+    """False: the deadline has passed."""
     while True:
         left = None if deadline is None else max(0.0, deadline - time.monotonic())
         # Rounded up: a wait that ends too early would be repeated with nothing left to wait for.
@@ -119,6 +121,7 @@ class Link:
         self._address = address
         self._waker = waker
         self._socket: Optional[socket.socket] = None
+        self._readable: Optional[select.poll] = None  # made once, as each call waits for a reply
         problem: Optional[ConnectionLostError] = None
         for candidate in self._find_candidates():
             try:
@@ -141,14 +144,17 @@ class Link:
             try:
                 rest = rest[self._open().send(rest, socket.MSG_NOSIGNAL) :]
             except (BlockingIOError, InterruptedError):
-                self._wait_for(select.POLLOUT, deadline)
+                self._wait_for(_make_poll(self._open(), select.POLLOUT, self._waker), deadline)
             except OSError as error:
                 raise lost(self._address, error.strerror or str(error)) from None
 
     def receive(self, deadline: Optional[float]) -> bytes:
         """At least one byte; nothing at the connection's end."""
         while True:
-            self._wait_for(select.POLLIN, deadline)
+            connected = self._open()
+            if self._readable is None:
+                self._readable = _make_poll(connected, select.POLLIN, self._waker)
+            self._wait_for(self._readable, deadline)
             try:
                 return self._open().recv(_CHUNK)
             except (BlockingIOError, InterruptedError):
@@ -186,8 +192,8 @@ class Link:
             raise lost(self._address, "it was closed")
         return connected
 
-    def _wait_for(self, events: int, deadline: Optional[float]) -> None:
-        if not _wait(self._open(), events, deadline, self._waker, self._address):
+    def _wait_for(self, poll: select.poll, deadline: Optional[float]) -> None:
+        if not _wait(poll, deadline, self._waker, self._address):
             raise silent(self._address)
 
     def _find_candidates(self) -> List[Candidate]:
@@ -211,9 +217,9 @@ class Link:
             until = time.monotonic() + _QUEUE_FULL_DELAY
             if deadline is not None and until >= deadline:
                 raise silent(self._address)
-            _wait(None, 0, until, self._waker, self._address)
+            _wait(_make_poll(None, 0, self._waker), until, self._waker, self._address)
         if failure in _IN_PROGRESS:
-            self._wait_for(select.POLLOUT, deadline)
+            self._wait_for(_make_poll(self._socket, select.POLLOUT, self._waker), deadline)
             failure = self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR)
         if not failure and is_connected_to_itself(self._socket):
             failure = errno.ECONNREFUSED

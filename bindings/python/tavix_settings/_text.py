@@ -31,6 +31,7 @@ def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
     """Reads a whole text. Throws ParseError, which names source and line and counts from first_line on."""
     document: RawDocument = {}
     group = None
+    has_escapes = b"\\" in text  # rare: looked for once, not in every line
     if text.startswith(_BYTE_ORDER_MARK):
         text = text[len(_BYTE_ORDER_MARK) :]
     for number, whole in enumerate(text.split(b"\n"), first_line):
@@ -42,12 +43,15 @@ def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
                 raise ParseError(source, number, f'expected "[group]" or "key=value", found "{_show(line)}"')
             group = document.setdefault(_unescape(line[1:-1]), {})
             continue
-        key, separator, value = line.partition(b"=") if b"\\" not in line else _split_escaped(line)
+        key, separator, value = _split_escaped(line) if has_escapes and b"\\" in line else line.partition(b"=")
         if not separator:
             raise ParseError(source, number, f'expected "[group]" or "key=value", found "{_show(line)}"')
         if group is None:
             raise ParseError(source, number, f'expected "[group]" before the first "key=value", found "{_show(line)}"')
-        group[_unescape(key.rstrip(_BLANKS))] = _unescape(value.lstrip(_BLANKS))
+        key, value = key.rstrip(_BLANKS), value.lstrip(_BLANKS)
+        if has_escapes:
+            key, value = _unescape(key), _unescape(value)
+        group[key] = value
     return document
 
 

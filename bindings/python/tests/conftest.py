@@ -26,8 +26,8 @@ def is_long_run():
 
 @pytest.fixture(scope="session")
 def shared_daemon():
-    """For tests that need nothing of it but that it runs."""
-    with RealDaemon() as daemon:
+    """For tests that need nothing of it but that it runs, and that its replies don't wait for the disk."""
+    with RealDaemon(options=["--durability", "none"]) as daemon:
         yield daemon
 
 

@@ -5,7 +5,7 @@ import threading
 import time
 
 import pytest
-from conftest import PATIENCE
+from conftest import PATIENCE, is_long_run
 from peers import Peer, read_request, wait_for_end
 
 import tavix_settings
@@ -231,3 +231,44 @@ def test_a_child_gets_an_error_and_the_parent_its_replies(connect, daemon):
         os._exit(status)
     assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
     assert store.get("Network/Eth0", "dhcp") == "true"
+
+
+def test_restarts_of_the_daemon_lose_no_last_state_and_double_no_write(connect, daemon):
+    """A writer counts up on the condition of what it wrote last; a watcher sees the last count."""
+    store = connect(daemon.address)
+    store.set("Counter", {"x": "0"})
+    with store.watch("Counter", timeout=PATIENCE) as watch:
+        count = 0
+        for _ in range(100 if is_long_run() else 5):
+            daemon.kill()
+            restarter = threading.Thread(target=daemon.start)
+            restarter.start()
+            count = count_up(store, count)
+            restarter.join()
+        count = count_up(store, count)
+        while next(watch).new != str(count):
+            pass
+
+
+def count_up(store, count):
+    """A write that was sent twice, or a lost one that was taken for done, would fail the condition of the next."""
+    deadline = time.monotonic() + PATIENCE
+    while time.monotonic() < deadline:
+        try:
+            store.set("Counter", {"x": str(count + 1)}, expect={"x": str(count)})
+            return count + 1
+        except tavix_settings.ConnectionLostError as error:
+            if error.outcome_unknown and read_when_back(store) == str(count + 1):
+                return count + 1
+            time.sleep(0.01)
+    raise AssertionError("the daemon did not come back")
+
+
+def read_when_back(store):
+    deadline = time.monotonic() + PATIENCE
+    while time.monotonic() < deadline:
+        try:
+            return store.get("Counter", "x")
+        except tavix_settings.ConnectionLostError:
+            time.sleep(0.01)
+    raise AssertionError("the daemon did not come back")

@@ -1,5 +1,6 @@
 """What docs/python.md shows."""
 
+import itertools
 import os
 import re
 import shlex
@@ -36,6 +37,10 @@ for connect in (tavix_settings.connect, tavix_settings.aio.connect):
 """
 
 
+def count_up():
+    return map(str, itertools.count())
+
+
 def run(command, address, **options):
     environment = {**os.environ, "TAVIX_SETTINGS_SERVER": address, "PYTHONPATH": str(ROOT / "bindings" / "python")}
     return subprocess.run(
@@ -54,12 +59,12 @@ def test_the_page_has_blocks_of_each_kind():
     assert (len(PROGRAMS), len(SESSIONS), len(TESTS)) == (7, 1, 1)
 
 
-@pytest.mark.parametrize(["code", "output"], PROGRAMS)
+@pytest.mark.parametrize(["code", "output"], PROGRAMS, ids=count_up())
 def test_programs_print_what_the_page_shows(code, output, address):
     assert run([sys.executable, "-W", "error", "-c", PATIENT + code], address) == output
 
 
-@pytest.mark.parametrize("session", SESSIONS)
+@pytest.mark.parametrize("session", SESSIONS, ids=count_up())
 def test_commands_print_what_the_page_shows(session, address):
     for command, output in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", session, re.MULTILINE):
         program, *arguments = shlex.split(command)
@@ -68,7 +73,7 @@ def test_commands_print_what_the_page_shows(session, address):
         assert run([sys.executable, *arguments], address) == output
 
 
-@pytest.mark.parametrize("code", TESTS)
+@pytest.mark.parametrize("code", TESTS, ids=count_up())
 def test_tests_pass(code, tmp_path):
     (tmp_path / "test_page.py").write_text(code, encoding="utf-8")
     run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider"], "", cwd=tmp_path)

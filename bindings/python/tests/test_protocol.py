@@ -1,6 +1,10 @@
 """The protocol without a socket: bytes in, events out."""
 
+import random
+import time
+
 import pytest
+from conftest import is_long_run
 
 from tavix_settings import ParseError
 from tavix_settings._protocol import Form, Notice, Protocol, Reply
@@ -101,6 +105,22 @@ def test_bounds_replies_one_by_one(size):
     protocol.expect([Form.DATA])
     with pytest.raises(ParseError, match="a reply is longer"):
         receive_in_parts(protocol, reply, size)
+
+
+def test_random_bytes_are_events_or_a_parse_error():
+    rng = random.Random(22)
+    pieces = [NOTICE, DATA, FEATURES, b"data\n", b"result\nok\n", b".\n", b"\n", b"[A]\n", b"x=1\n", b"\\x", b"\xff"]
+    deadline = time.monotonic() + (60 if is_long_run() else 0)
+    outcomes = set()
+    while outcomes != {"events", "error"} or time.monotonic() < deadline:
+        protocol = Protocol("x", max_line=200, max_reply=300)
+        protocol.expect(rng.choices(list(Form), k=rng.randrange(5)))
+        received = b"".join(rng.choices(pieces, k=rng.randrange(9)))
+        try:
+            receive_in_parts(protocol, received, rng.randrange(1, 30))
+            outcomes.add("events")
+        except ParseError:
+            outcomes.add("error")
 
 
 def receive_in_parts(protocol, data, size):

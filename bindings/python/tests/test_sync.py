@@ -166,47 +166,6 @@ def test_a_call_cut_short_anywhere_leaves_no_reply_to_others(daemon, nonce):
         signal.signal(signal.SIGALRM, previous)
 
 
-def test_restarts_of_the_daemon_lose_no_last_state_and_double_no_write(daemon):
-    """A writer counts up on the condition of what it wrote last; a watcher sees the last count."""
-    with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
-        store.set("Counter", {"x": "0"})
-        with store.watch("Counter", timeout=PATIENCE) as watch:
-            count = 0
-            for _ in range(100 if is_long_run() else 5):
-                daemon.kill()
-                restarter = threading.Thread(target=daemon.start)
-                restarter.start()
-                count = count_up(store, count)
-                restarter.join()
-            count = count_up(store, count)
-            while next(watch).new != str(count):
-                pass
-
-
-def count_up(store, count):
-    """A write that was sent twice, or a lost one that was taken for done, would fail the condition of the next."""
-    deadline = time.monotonic() + PATIENCE
-    while time.monotonic() < deadline:
-        try:
-            store.set("Counter", {"x": str(count + 1)}, expect={"x": str(count)})
-            return count + 1
-        except tavix_settings.ConnectionLostError as error:
-            if error.outcome_unknown and read_when_back(store) == str(count + 1):
-                return count + 1
-            time.sleep(0.01)
-    raise AssertionError("the daemon did not come back")
-
-
-def read_when_back(store):
-    deadline = time.monotonic() + PATIENCE
-    while time.monotonic() < deadline:
-        try:
-            return store.get("Counter", "x")
-        except tavix_settings.ConnectionLostError:
-            time.sleep(0.01)
-    raise AssertionError("the daemon did not come back")
-
-
 def test_a_watch_comes_back_with_what_differs_and_one_mark(daemon):
     with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
         store.set("A", {"x": "1", "y": "1"})
