@@ -36,7 +36,7 @@ struct LayerSize {
   size_t keys = 0;
 };
 
-// A number that many threads change. Nobody waits for another, and nobody is told of changes.
+// A number that many threads change. No thread waits for another, and changes are not announced.
 class Counter {
  public:
   void Add(unsigned long long more = 1) { _value.fetch_add(more, std::memory_order_relaxed); }

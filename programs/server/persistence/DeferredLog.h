@@ -9,8 +9,8 @@
 
 namespace tavix::daemon {
 
-// Log lines of threads that hold locks: whoever reads the log, and may not, must not hold up who waits for those. Kept
-// until a thread that holds none writes them.
+// Log lines of threads that hold locks. A log may wait for its reader, and those who wait for the locks would wait for
+// the same reader: so lines are kept until a thread that holds no lock writes them.
 //
 // Threads: any.
 class DeferredLog {

@@ -39,7 +39,7 @@ DurabilityGate::Ticket DurabilityGate::AddMany(Groups groups, bool isHeld) {
   return Publish(ticket, isHeld);
 }
 
-// A change of the same groups as one before takes its place: whoever waits for the later one waits for both.
+// A change of the same groups as one before takes its place: output that waits for the later one waits for both.
 void DurabilityGate::NoteMany(Ticket ticket, Groups groups) {
   const auto isSame = [&](const auto& many) { return many.second == groups; };
   const auto known = std::find_if(_manyGroups.begin(), _manyGroups.end(), isSame);

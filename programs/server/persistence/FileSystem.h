@@ -20,8 +20,7 @@ class NoRoom : public osa::Exception {
 //
 // Threads: one writes while another syncs.
 // Errors:  osa::Exception that names the file and the reason; NoRoom for a full disk. After a failed Sync nobody knows
-// what is on the disk, and
-//          another Sync may claim success: the file is to be given up.
+//          what is on the disk, and another Sync may claim success: the file is to be given up.
 class File {
  public:
   virtual ~File() = default;
@@ -91,14 +90,15 @@ class FileSystem {
   // The paths that begin with this one, in any order; none when they can't be listed.
   virtual std::vector<std::string> FindNames(const std::string& begin) = 0;
 
-  // Returns once the content of an existing file is on the disk, whoever wrote it. It need not be writable.
+  // Returns once the content of an existing file is on the disk. Another process may have written it, and it need not
+  // be writable.
   virtual void Sync(const std::string& path) = 0;
 
   // Returns once the names in the file's directory are on the disk.
   virtual void SyncDirectoryOf(const std::string& path) = 0;
 };
 
-// Removes what is of no use; a failure is none of anybody's business.
+// Removes what is of no use; a failure is logged at trace level and ignored.
 void RemoveQuietly(FileSystem& files, const std::string& path);
 
 // The files of this machine.

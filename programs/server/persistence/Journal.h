@@ -17,8 +17,16 @@ namespace tavix::daemon {
 // The changes since a snapshot, appended to a file. A new journal is written beside the old one, and takes its place
 // when it is synced for the first time: until then what was synced into the old one counts.
 //
+// In order: a journal is created at FILE.journal.new, gets records, and counts once Begin has written its header. From
+// then on it goes on to get records. When it is synced for the first time it takes its place at FILE.journal, by a
+// rename. After any failure it is given up: nobody knows what the file holds.
+//
 // The file is filled with zeros ahead of its records where there is room, so that a sync has no metadata to write. On a
-// full disk the last of them stay: what the journal can give back is room for a snapshot that takes its place.
+// full disk the last of them, the spare room, stay free of records. GiveRoomBack gives zeros back to the disk, for a
+// snapshot that takes the journal's place; if that fails the journal goes on, and FillAgain lets it fill ahead again.
+//
+// Its many members are three parts of one file, which one record moves together: where the records end, how far the
+// file is filled, and where it stands.
 //
 // Threads: one appends, or gives room back, while another syncs records or the name; taking the place is for one at a
 //          time.

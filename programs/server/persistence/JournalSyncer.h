@@ -15,7 +15,7 @@ namespace tavix::daemon {
 // changes is released. Writes large changes, too, which their writers only note.
 //
 // A sync in order: the layer gives the journal, and the last change in it; the records are synced; a journal that is
-// new takes its place, which is where it is found; its name is synced; the layer and the gate are told. Meanwhile
+// new takes its place, which is where it is found; its name is synced; the layer and the gate learn of it. Meanwhile
 // changes are appended, the journal may be given up, or a snapshot's next journal may replace it: the layer then
 // ignores a failure, and an old journal never gets the name of a new one.
 //

@@ -22,7 +22,7 @@ constexpr std::string_view kName = "# tavix-settings journal 1, ";
 constexpr char kRecord[] = "%s%08zx %08zx ";
 constexpr char kEnd[] = "%08" PRIx32 "\n";
 constexpr size_t kRecordHeaderSize = 36;
-constexpr size_t kMostBytesOfAText = 0xFFFFFFFF;
+constexpr size_t kMaxTextBytes = 0xFFFFFFFF;
 
 core::IniFile ParseText(std::string_view text) {
   core::IniFile document;
@@ -59,7 +59,7 @@ size_t FindNextMark(std::string_view bytes) {
   return at == std::string_view::npos ? at : at - 1;
 }
 
-// A record as it says of itself.
+// A record by the fields of its own line.
 struct Record {
   bool extends = false;
   size_t removed = 0;
@@ -155,7 +155,7 @@ uint64_t RecordLine::CountRecordBytes() const {
 }
 
 uint32_t RecordLine::BeginChecksum(uint32_t before) const {
-  if (std::max(removed, set) > kMostBytesOfAText)
+  if (std::max(removed, set) > kMaxTextBytes)
     throw osa::Exception("A change of %zu bytes is more than a journal takes", set);
   return Checksum(BeginRecord(extends, removed, set), before);
 }
@@ -214,7 +214,7 @@ size_t JournalReader::CountMore() const {
   return last == std::string_view::npos || last < _end ? 0 : last + 1 - _end;
 }
 
-// A record tells the checksum that the next one starts with, whatever became of its own texts.
+// A record holds the checksum that the next one starts with, even if its own texts are damaged.
 size_t JournalReader::FindLater() const {
   for (size_t at = FindMark(_bytes, static_cast<size_t>(_end)); at != std::string_view::npos;
        at = FindMark(_bytes, at + 1)) {

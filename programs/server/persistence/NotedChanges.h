@@ -25,7 +25,7 @@ namespace tavix::daemon {
 // shares its copy; so a client that makes one large change again and again takes no more memory.
 //
 // Threads: one at a time; the gate has its own lock.
-// Errors:  none. Where memory is refused, the gate holds all output, and takers of groups are told by std::bad_alloc.
+// Errors:  none. Where memory is refused, the gate holds all output, and the next TakeChanges throws std::bad_alloc.
 class NotedChanges {
  public:
   using Epoch = uint64_t;

@@ -5,7 +5,8 @@
 
 namespace tavix::daemon {
 
-// When to try again what fails: after 1 s, then after twice as long each time, up to 60 s.
+// When to retry what fails: after 1 s, then after twice as long each time, up to 60 s. A success makes the next failure
+// a first one again.
 //
 // Threads: one at a time.
 class RetryBackoff {

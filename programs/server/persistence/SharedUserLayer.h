@@ -26,7 +26,7 @@ namespace tavix::daemon {
 
 // What a store's saves, JournalSyncer and SnapshotWriter share: the state of the user layer on the disk, the journal,
 // and the changes that the next snapshot lacks. An operation reports one event to UserLayerState and does what that
-// asks for, as one step under one lock; so the class has an operation for each event.
+// asks for, as one step under one lock; so the class has an operation for each event, and all that one lock guards.
 //
 // In order: saves come under the store's lock, one at a time, and append to the journal. Of a large change, and of
 // those behind it until it is written, they note the groups only: the groups are pending. Beside them JournalSyncer

@@ -11,7 +11,7 @@
 
 namespace tavix::daemon {
 
-// What a snapshot's last line says of it.
+// The fields of a snapshot's last line.
 struct SnapshotEnd {
   uint64_t generation = 0;  // one more than that of the snapshot before; 0: none of ours
 
@@ -57,7 +57,7 @@ int64_t GetTimeOfSnapshot();
 // Never throws for what the content is like. path: what problems name.
 //
 // An editor changes the modification time, and leaves no control bytes; what rots does neither. That, and the two
-// lines, tell the states apart.
+// lines, distinguish the states.
 Snapshot ReadSnapshot(const std::string& path, const FileContent& content);
 
 // Whether a power cut, or a file system that lost what was written, may have left this: no bytes, or zeros.

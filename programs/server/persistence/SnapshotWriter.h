@@ -18,8 +18,8 @@ namespace tavix::daemon {
 // whose state the snapshot holds. The file is written and takes the place of the snapshot before; changes go on into
 // the journal before it. At last the next journal is made, which gets the groups that changed since that moment, in
 // parts that writers do not wait for. From TakeOver on no change goes to any journal; once the next one has got those
-// before, it becomes the current one, and JournalSyncer writes those since. Whatever fails, the layer is told, and
-// tries again later.
+// before, it becomes the current one, and JournalSyncer writes those since. A failure is reported to the layer,
+// which asks for another snapshot later.
 class SnapshotWriter {
  public:
   // Calls back with the user layer while nobody can change it.

@@ -46,7 +46,7 @@ bool HasPutAside(FileSystem& files, const std::string& path) {
   return false;
 }
 
-// FILE.lock proves nothing: whoever starts makes it.
+// FILE.lock proves nothing: each start makes it.
 bool HasOursBeside(FileSystem& files, const std::string& path) {
   for (const std::string& beside : {BackupOf(path), NewFileOf(path), NewFileOf(BackupOf(path))}) {
     if (IsSnapshotOfOurs(files, beside)) return true;

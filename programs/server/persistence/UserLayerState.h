@@ -24,8 +24,8 @@ namespace tavix::daemon {
 // holds; changes go on into the journal before it until OnTakeOver, from then on they are written later, and after
 // OnFollowed the next journal is the current one. A change that can't be appended, a sync that fails and a first
 // snapshot that fails lead to kFailed: there is no journal then, changes are in memory only, and a snapshot of
-// everything is due, first after 1 s. Only a snapshot leads out of kNoSnapshot and kFailed. A snapshot that fails
-// changes nothing else.
+// everything is due, first after 1 s. Only a snapshot leads out of kNoSnapshot and kFailed; recovery is reported once
+// the disk has all changes that were made until then. A snapshot that fails changes nothing else.
 //
 //     kNoSnapshot ---begun---> kSnapshotting ---followed---> kJournalling
 //     kJournalling --begun---> kSnapshotting ---failed-----> kJournalling

@@ -42,10 +42,16 @@ struct FoundJournal {
 //     FILE.journal      the changes since
 //     FILE.bak          the snapshot before
 //     FILE.new, FILE.journal.new   on their way to take the place of the first two
-//     FILE.bad-TIME     what could not be read, kept for whoever wants to look; FILE.journal.bad-TIME likewise
+//     FILE.bad-TIME     what could not be read, kept for people; FILE.journal.bad-TIME likewise
+//
+// In order: Find comes first and once. It reads the snapshot, or its backup, applies the journal that belongs to it,
+// and with mayRepair makes durable what it found. Then snapshots are replaced, any number of times. Each replacement
+// writes and syncs FILE.new, makes FILE a backup by a link, renames FILE.new to FILE, and syncs the directory: a power
+// cut between any two of these steps leaves the old snapshot or the new one. What stands at FILE becomes a backup only
+// if it is known to be synced and not damaged; a damaged one is kept under its bad name first.
 //
 // Threads: one at a time.
-// Errors:  ReplaceSnapshot throws osa::Exception that names the file and the reason.
+// Errors:  ReplaceSnapshot throws osa::Exception that names the file and the reason; NoRoom for a full disk.
 class UserSettingsFiles {
  public:
   // files: outlive the object. path: of the snapshot. Links are not followed here.
@@ -63,8 +69,8 @@ class UserSettingsFiles {
   // After a snapshot that holds everything.
   void RemoveJournals();
 
-  // Makes room on a full disk. False when there is no backup, or it may be needed: the snapshot is not known to be
-  // good.
+  // Removes the backup to make room on a full disk. False when there is none, or it may be needed: the snapshot is not
+  // known to be good.
   bool RemoveBackup();
 
   // The journal on its way, which was given up: its room may be what the next snapshot needs.
@@ -86,12 +92,12 @@ class UserSettingsFiles {
   void SyncSnapshot();
   void WriteCopy(const std::string& path, std::string_view bytes);
 
-  FileSystem& _files;
-  const std::string _path;
   // Whether the content of what stands at the path is on the disk. A sync that failed is not repeated: the next one may
   // claim success.
   enum class Synced { kUnknown, kYes, kNo };
 
+  FileSystem& _files;
+  const std::string _path;
   Synced _synced = Synced::kUnknown;
   bool _isDamaged = false;      // what stands at the path is not worth being the backup
   bool _damagedIsKept = false;  // under another name
