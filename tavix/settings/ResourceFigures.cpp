@@ -134,7 +134,7 @@ std::optional<int> ResourceFigures::FindBookingOfShare(const std::string& consum
 }
 
 bool BookingAttempts::IsRefusedAfter(const IniFile& figures) {
-  const bool isSame = _refusals > 0 && _figures.GetGroups() == figures.GetGroups();
+  const bool isSame = _refusals > 0 && figures.ContainsSettings(_figures) && _figures.ContainsSettings(figures);
   if (!isSame) _figures = figures;
   _refusals = isSame ? _refusals + 1 : 1;
   return _refusals >= kMaxRefusals;

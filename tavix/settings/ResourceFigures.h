@@ -10,7 +10,7 @@
 namespace tavix::settings {
 
 // The figures of shared resources, as they stand in a document, and the rules over them, which docs/resources.md has.
-// Whoever books reads the groups, asks here what the booking comes to, and writes it by a test-and-merge.
+// A booking reads the groups, asks here what it comes to, and is written by a test-and-merge.
 //
 // Figures are text that any client may write: sums saturate, and what is no number is its default.
 //
@@ -66,10 +66,10 @@ class TAVIX_DAEMON_EXPORT ResourceFigures {
   const core::IniFile& _document;
 };
 
-// Tells conflicts from refusals in the attempts of one booking. An attempt fails by a conflict when somebody changed a
-// figure meanwhile; there is no limit to these, as each means that somebody got on. When the same figures are read
-// again after each of many attempts in a row, the store refuses the write itself, because it is full, for example: a
-// figure that was changed and changed back each time, at the right moment, can't be the reason.
+// Tells conflicts from refusals in the attempts of one booking. An attempt fails by a conflict when another client
+// changed a figure meanwhile; there is no limit to these, as each means that some client has made progress. When the
+// same figures are read again after each of many attempts in a row, the store refuses the write itself, because it is
+// full, for example: a figure that was changed and changed back each time, at the right moment, can't be the reason.
 //
 // Threads: one.
 // Owns:    a copy of the figures that were read last.

@@ -62,7 +62,7 @@ size_t CountNameBytes(std::string_view line) {
   return isGroup ? line.size() - std::min<size_t>(2, line.size()) : std::min(line.find('='), line.size());
 }
 
-// Whether it is more than a server takes whose limits nobody has changed.
+// Whether it is beyond the default limits of a server.
 bool IsLargeRequest(std::string_view request) {
   size_t longestLine = 0;
   size_t longestName = 0;

@@ -29,7 +29,7 @@ class ProtocolExchange;
 // Time:    no call waits longer than its Timeouts allow, but for the system's resolver while it finds the address of a
 //          host's name.
 // Errors:  ProtocolException. After kUsage, kUnreadable and kDropped the connection goes on. After any other failure,
-//          std::bad_alloc included, it is closed at once, as nobody knows to which request the next reply would belong:
+//          std::bad_alloc included, it is closed at once, as the next reply could belong to any request:
 //          each later call throws kLost, and a new object makes a new connection. What comes that no request asked for,
 //          and is no notice, is such a failure of the next call.
 // Signals: an interrupted wait goes on; a peer that is gone raises no SIGPIPE.
@@ -116,7 +116,7 @@ class TAVIX_EXPORT ProtocolClient {
   std::vector<std::string> GetSubscribed();
 
   // What the daemon reports of itself, by name: docs/protocol.md lists the figures. Empty when it is older than that
-  // request. They are of the moment when the daemon handles the request: Flush before it, so that they tell what
+  // request. They are of the moment when the daemon handles the request: Flush before it, so that they show what
   // became of a change.
   std::map<std::string, std::string> GetServerInfo();
 

@@ -106,9 +106,10 @@ std::string ProtocolExchange::ReadData() {
   return ReadPayload(ReadLine());
 }
 
-// Names come in ascending order, each once, and an empty line ends them: so only the first empty line may be a name.
-// Then it is the second one, or a line that is neither a notice's first nor a whole reply, that tells. Only where
-// somebody has subscribed to the empty name and to "async change" does a client that has subscriptions err.
+// Names come in ascending order, each once, and an empty line ends them: so only the first line can be an empty name.
+// The lines behind it decide: a notice, or the whole reply to the other request, shows that the list was empty. One
+// case stays ambiguous: subscriptions to the empty name and to "async change", for a client that has subscriptions
+// itself. It takes the second name for a notice.
 std::vector<std::string> ProtocolExchange::ReadSubscribed() {
   std::vector<std::string> names;
   std::string line = ReadLine();
@@ -171,14 +172,17 @@ std::optional<std::string> ProtocolExchange::TakeNoticeLines() {
 }
 
 void ProtocolExchange::FailUnexpected(const char* expected, const std::string& line) {
-  _socket.Fail(Reason::kNotProtocol, _socket.GetAddress() + " does not speak the settings protocol: expected \"" +
-                                         expected + "\", got \"" + ShowLine(line) + "\"");
+  FailWrong(std::string("expected \"") + expected + "\", got \"", line, "\"");
 }
 
 void ProtocolExchange::FailUnasked(const std::string& line) {
   ShowReceived(line);
-  _socket.Fail(Reason::kNotProtocol, _socket.GetAddress() + " does not speak the settings protocol: sent \"" +
-                                         ShowLine(line) + "\", which no request asked for");
+  FailWrong("sent \"", line, "\", which no request asked for");
+}
+
+void ProtocolExchange::FailWrong(std::string text, const std::string& line, const char* end) {
+  text.insert(0, _socket.GetAddress() + " does not speak the settings protocol: ").append(ShowLine(line)).append(end);
+  _socket.Fail(Reason::kNotProtocol, text);
 }
 
 }  // namespace tavix::settings::client

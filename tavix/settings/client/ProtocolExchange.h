@@ -19,13 +19,13 @@ namespace tavix::settings::client {
 //
 //     between calls   Only notices may come. They stay in the socket until a call takes them.
 //     sending         Before a request its notices are taken, and so is the end of the connection found. Any other text
-//                     there is nobody's reply, and fails the call: taken for the reply of this request, it would put
-//                     all later ones off by one. While the server takes no more of the request, notices are taken, too;
-//                     a reply that begins early waits in the socket.
+//                     there belongs to no request, and fails the call: taken for the reply of this request, it would
+//                     put all later ones off by one. While the server takes no more of the request, notices are taken,
+//                     too; a reply that begins early waits in the socket.
 //     reading         Notices come in front of each reply, and never inside of one. The last line of the last reply
 //                     finishes the call.
-//     closed          Whatever a call throws before it is finished closes the connection at once: nobody could tell
-//                     where the next reply begins. There is no way back.
+//     closed          Any exception before a call is finished closes the connection at once: where the next reply
+//                     begins is unknown then. There is no way back.
 //
 // Threads: one.
 // Errors:  ProtocolException; what the trace and the progress throw, and std::bad_alloc, pass through.
@@ -98,9 +98,10 @@ class ProtocolExchange {
   bool AwaitNotice(std::optional<Milliseconds> limit);
 
   [[noreturn]] void FailUnexpected(const char* expected, const std::string& line);
-  [[noreturn]] void FailUnasked(const std::string& line);
 
  private:
+  [[noreturn]] void FailUnasked(const std::string& line);
+  [[noreturn]] void FailWrong(std::string text, const std::string& line, const char* end);
   void RequirePeer();
   std::optional<std::string> TakeReceivedLine();
   std::optional<std::string> TakeNoticeLines();

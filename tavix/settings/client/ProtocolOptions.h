@@ -34,7 +34,7 @@ struct ProtocolOptions {
   // The bytes that one reply or notice may have.
   size_t maxMessageBytes = 256 * size_t{1024} * 1024;
 
-  // The bytes that the notices may take which nobody has asked for yet; see ProtocolClient::AwaitNotice.
+  // The limit of the pending notices in bytes; see ProtocolClient::AwaitNotice.
   size_t maxPendingBytes = 16 * size_t{1024} * 1024;
 };
 

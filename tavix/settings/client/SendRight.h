@@ -1,16 +1,12 @@
 #pragma once
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
-#include "tavix/osa/LockException.h"
 #include "tavix/osa/Semaphore.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
-#include "tavix/settings/client/TavixSettingsConnection.h"
 
 namespace tavix::settings::client {
+
+class TavixSettingsConnection;
 
 // The right to write to the connection of a multi-threaded client. The worker has it while there is no connection, from
 // the start on; callers have it for one request each.
@@ -40,27 +36,10 @@ class TAVIX_SCOPED_CAPABILITY SendRightLock {
   // timeout: milliseconds. Throws LockException when they have passed. With a connection it says why that could not be
   // made: then the worker has the right still. When it was made, another caller's request took so long.
   SendRightLock(SendRight& right, unsigned int timeout, const TavixSettingsConnection* connection = nullptr)
-      TAVIX_ACQUIRE(right)
-      : _semaphore(right._semaphore) {
-    try {
-      _semaphore.Lock(timeout);
-    } catch (const osa::LockException& exception) {
-      const std::string failure = connection ? connection->DescribeFailure() : std::string();
-      if (failure.empty()) throw;
-      throw osa::LockException("Lock Timeout: no connection within " + std::to_string(timeout) + " ms: " + failure,
-                               exception.GetError());
-    }
-  }
+      TAVIX_ACQUIRE(right);
 
-  // A right that can't be given back would block all callers for ever.
-  ~SendRightLock() TAVIX_RELEASE() {
-    try {
-      _semaphore.Release();
-    } catch (...) {
-      std::fputs("TavixSettingsClientImplMultiThreaded: SemAutoLock: failed to release semaphore!\n", stderr);
-      std::abort();
-    }
-  }
+  // A right that can't be given back would block all callers for ever: then the process is aborted.
+  ~SendRightLock() TAVIX_RELEASE();
 
   SendRightLock(const SendRightLock&) = delete;
   SendRightLock& operator=(const SendRightLock&) = delete;

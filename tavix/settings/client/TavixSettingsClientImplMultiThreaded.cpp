@@ -319,7 +319,7 @@ void TavixSettingsClientImplMultiThreaded::CallObservers() {
 }
 
 // The output's state belongs to the writers. A write that fails breaks the connection, which is then seen here. Where a
-// "quit" was written the server ends the connection: whoever closed it earlier would take writes back that are still on
+// "quit" was written the server ends the connection: to close it earlier would take writes back that are still on
 // their way.
 void TavixSettingsClientImplMultiThreaded::ReadUntilBroken() {
   std::istream& in = *_pConnection->GetIstream();

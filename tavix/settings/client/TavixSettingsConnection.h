@@ -30,7 +30,7 @@ class TavixSettingsConnection {
   // Whether the streams outlive CloseConnection: what was on its way when it was called is then read later.
   virtual bool OutlivesClosing() const { return false; }
 
-  // Fails the streams at once, for whoever is asleep in them. They still must be closed.
+  // Fails the streams at once, and wakes the threads that sleep in them. They still must be closed.
   virtual void BreakConnection() noexcept = 0;
 
   // The same for good: no attempt to connect is made any more, and one that is under way ends soon.
@@ -59,7 +59,7 @@ class TavixSettingsConnection {
   bool IsInOrder() const;
 
   core::Logger* const _logger;
-  // Null when not connected. Atomic, so that a reader who finds them gone against all rules can still say so.
+  // Null when not connected. Atomic, so that a reader that finds them gone against all rules can report it.
   std::atomic<std::istream*> _pIstream{nullptr};
   std::atomic<std::ostream*> _pOstream{nullptr};
 };

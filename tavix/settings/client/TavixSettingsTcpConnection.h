@@ -16,7 +16,7 @@ namespace tavix::settings::client {
 
 // A connection to the settings server of the device, found by its service label "tavix-settings-server"
 // (osa::FindServiceEndpoint). Reads wait without limit; a write that makes no progress for 10 s fails and breaks the
-// connection, so that nobody sleeps for ever on a peer that stopped reading.
+// connection, so that no caller sleeps for ever on a peer that stopped reading.
 //
 // From the first attempt that fails up to the one that succeeds is an outage. It is logged once in detail, when all
 // attempts of a call have failed; the lines of each attempt stay as they are. A TAVIX_SETTINGS_SERVER that can't be an
