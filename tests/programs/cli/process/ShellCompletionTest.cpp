@@ -42,7 +42,7 @@ class ShellCompletion : public CommandTest {
   }
 
   void StartBash() {
-    Start({TAVIX_BASH_PROGRAM, "--norc", "--noprofile", "-i"},
+    Start({"bash", "--norc", "--noprofile", "-i"},
           {"stty echo; bind 'set page-completions off'; bind 'set completion-query-items 0'",
            Script("tavix-settings.bash")});
   }
