@@ -275,7 +275,7 @@ class Store:
             if self._turns.has(ticket):
                 self._drop_if_cut_short()
             if self._is_closed:
-                raise ClosedError(f"the store {self._address} was closed") from None
+                raise self._closed() from None
             raise
         finally:
             if self._is_closed and self._turns.has(ticket):
@@ -334,6 +334,9 @@ class Store:
             self._drop()
         if self._connection is None:
             self._connection = _Connection(self._open_link(deadline, None), self._make_protocol())
+        if self._is_closed:  # while it connected
+            self._drop()
+            raise self._closed()
         return self._connection
 
     def _open_link(self, deadline: Optional[float], waker: Optional[Waker]) -> Link:
@@ -352,9 +355,12 @@ class Store:
             connection.link.close()
             self._writes.note_connection_gone()
 
+    def _closed(self) -> ClosedError:
+        return ClosedError(f"the store {self._address} was closed")
+
     def _require_usable(self) -> None:
         if self._is_closed:
-            raise ClosedError(f"the store {self._address} was closed")
+            raise self._closed()
         if self._process != os.getpid():
             raise ClosedError(f"the store {self._address} belongs to the process that this one was forked from")
 

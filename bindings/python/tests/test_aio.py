@@ -11,6 +11,7 @@ from peers import Peer, read_request, wait_for_end
 
 import tavix_settings
 from tavix_settings import aio
+from tavix_settings._address import find_address
 from tavix_settings.testing import AsyncFakeStore
 
 
@@ -130,6 +131,20 @@ def test_close_ends_calls_of_other_tasks(loop):
     with Peer(lambda connection, number: wait_for_end(connection)) as peer:
         outcomes = loop.run_until_complete(main(peer.address))
     assert [type(outcome) for outcome in outcomes] == [tavix_settings.ClosedError] * 2
+
+
+def test_a_store_that_is_closed_while_it_connects_stays_closed(loop, daemon):
+    class ClosedWhileConnecting(aio.AsyncStore):
+        async def _open_link(self, deadline):
+            link = await super()._open_link(deadline)
+            await self.close()
+            return link
+
+    before = count_descriptors()
+    store = ClosedWhileConnecting(find_address(daemon.address), PATIENCE)
+    with pytest.raises(tavix_settings.ClosedError):
+        loop.run_until_complete(store.get("A", "x"))
+    assert count_descriptors() == before
 
 
 def test_a_store_belongs_to_one_loop(loop):

@@ -12,6 +12,7 @@ from conftest import DEFAULTS, PATIENCE, is_long_run
 from peers import Peer, read_request, wait_for_end
 
 import tavix_settings
+from tavix_settings._address import find_address
 from tavix_settings.testing import FakeStore
 
 
@@ -71,6 +72,20 @@ def test_close_ends_calls_of_other_threads():
         with pytest.raises(tavix_settings.ClosedError):
             store.get("A", "x")
         closer.join()
+
+
+def test_a_store_that_is_closed_while_it_connects_stays_closed(daemon):
+    class ClosedWhileConnecting(tavix_settings.Store):
+        def _open_link(self, deadline, waker):
+            link = super()._open_link(deadline, waker)
+            self.close()
+            return link
+
+    before = count_descriptors()
+    store = ClosedWhileConnecting(find_address(daemon.address), PATIENCE)
+    with pytest.raises(tavix_settings.ClosedError):
+        store.get("A", "x")
+    assert count_descriptors() == before
 
 
 def test_close_of_another_thread_ends_a_watch(store):
