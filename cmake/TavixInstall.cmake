@@ -81,6 +81,7 @@ set(internal_headers
     tavix/settings/server/MessageWriter.h
     tavix/settings/server/NoticeRound.h
     tavix/settings/server/NoticeText.h
+    tavix/settings/server/OwnSubscriptions.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/RequestInput.h

@@ -21,13 +21,13 @@
 #include "tavix/settings/server/IServerInfo.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/MessageWriter.h"
+#include "tavix/settings/server/OwnSubscriptions.h"
 #include "tavix/settings/server/RequestInput.h"
 #include "tavix/settings/server/RequestLists.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tavix/settings/server/StreamOutput.h"
-#include "tavix/settings/server/SubscriptionBudget.h"
 #include "tavix/settings/server/Words.h"
 
 namespace tavix::settings::server {
@@ -50,10 +50,6 @@ const GroupNameMatcher kNoGroups;
 unsigned long long Multiply(unsigned long long a, unsigned long long b) {
   constexpr auto kMax = std::numeric_limits<unsigned long long>::max();
   return b > 0 && a > kMax / b ? kMax : a * b;
-}
-
-std::string FormatExcess(const char* what, size_t count, size_t max) {
-  return std::to_string(count) + what + " are more than the " + std::to_string(max) + " allowed";
 }
 
 bool IsChangeLogged() {
@@ -83,19 +79,16 @@ ClientHandler::ClientHandler(ServerEnv* env, std::unique_ptr<RequestInput> in, s
       _in(std::move(in)),
       _settingsManager(env->settingsManager),
       _serializationManager(env->serializationManager),
-      _maxSubscriptions(env->mostSubscriptions),
-      _maxSubscriptionBytes(env->mostSubscriptionBytes),
       _maxListed(env->mostListed),
       _maxPatterns(env->mostPatterns),
       _maxMatchingWork(env->maxMatchingWork),
       _maxNameBytes(env->maxNameBytes),
-      _subscriptionBudget(env->subscriptionBudget),
       _serverInfo(env->serverInfo),
-      _writer(std::move(writer)) {}
+      _writer(std::move(writer)),
+      _subscriptions(std::make_unique<OwnSubscriptions>(*env)) {}
 
 ClientHandler::~ClientHandler() {
   EndSubscription();
-  if (_subscriptionBudget) _subscriptionBudget->Return(_subscriptionBytes);
 }
 
 void ClientHandler::Run() {
@@ -277,46 +270,23 @@ void ClientHandler::TestAndMerge(std::string_view) {
 // What would pass a bound is left out as a whole: the client that asks for too much keeps what it had, and its
 // connection. Ended, it would only come back and ask for the same.
 void ClientHandler::Subscribe(std::string_view) {
-  const size_t max = _maxListed > 0 ? std::max(_maxListed, _maxSubscriptions) : 0;
+  const size_t max = _maxListed > 0 ? std::max(_maxListed, _subscriptions->GetMax()) : 0;
   BoundedSet list({max, _maxNameBytes});
   _in->TakeList(list.GetIterator());
   if (list.IsTooLong())
     return RefuseSubscription("A list holds more than the " + std::to_string(max) + " names and patterns allowed");
   const std::set<std::string>& groups = list.GetValues();
   if (groups.empty()) return;
-  std::string reason;
-  if (!TakeSubscriptions(groups, reason)) return RefuseSubscription(reason);
+  const std::string reason = TakeSubscriptions(groups);
+  if (!reason.empty()) return RefuseSubscription(reason);
   _settingsManager->Subscribe(this, groups);
 }
 
-// Counts what is new of them. False, having counted nothing, when that would pass a bound.
-bool ClientHandler::TakeSubscriptions(const std::set<std::string>& groups, std::string& reason) {
+// Empty when no bound is passed.
+std::string ClientHandler::TakeSubscriptions(const std::set<std::string>& groups) {
   const common::CallbackDispatcher& dispatcher = _settingsManager->GetDispatcher();
-  if (dispatcher.WouldExceedMaxAlikePatterns(groups)) {
-    reason = "More patterns would be alike than the " + std::to_string(dispatcher.GetMaxAlikePatterns()) + " allowed";
-    return false;
-  }
-  if (_maxSubscriptions == 0 && _maxSubscriptionBytes == 0 && !_subscriptionBudget) return true;
-  size_t count = _subscriptions.GetNames().size() + _subscriptions.GetPatterns().size();
-  size_t newBytes = 0;
-  for (const std::string& group : groups) {
-    if (_subscriptions.GetNames().count(group) + _subscriptions.GetPatterns().count(group) > 0) continue;
-    ++count;
-    newBytes += group.size();
-  }
-  const size_t bytes = _subscriptionBytes + newBytes;
-  if (count > _maxSubscriptions && _maxSubscriptions > 0) {
-    reason = FormatExcess(" subscriptions", count, _maxSubscriptions);
-  } else if (bytes > _maxSubscriptionBytes && _maxSubscriptionBytes > 0) {
-    reason = FormatExcess(" bytes of subscriptions", bytes, _maxSubscriptionBytes);
-  } else if (_subscriptionBudget && !_subscriptionBudget->Take(newBytes)) {
-    reason = "All subscriptions together would have more than the " + std::to_string(_subscriptionBudget->GetMax()) +
-             " bytes allowed";
-  }
-  if (!reason.empty()) return false;
-  _subscriptionBytes = bytes;
-  _subscriptions.AddNamesAndPatterns(groups);
-  return true;
+  if (!dispatcher.WouldExceedMaxAlikePatterns(groups)) return _subscriptions->Add(groups);
+  return "More patterns would be alike than the " + std::to_string(dispatcher.GetMaxAlikePatterns()) + " allowed";
 }
 
 void ClientHandler::RefuseSubscription(const std::string& reason) {

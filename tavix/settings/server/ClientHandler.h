@@ -26,10 +26,10 @@ class CommandTable;
 class IClientOutput;
 class IServerInfo;
 class MessageWriter;
+class OwnSubscriptions;
 class RequestInput;
 class SerializationManager;
 class SettingsManager;
-class SubscriptionBudget;
 struct ServerEnv;
 
 // Serves one connection: reads requests, carries them out on the store, writes replies, and writes a notice when groups
@@ -153,7 +153,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   std::set<std::string> ReadGroupSet();
   common::GroupNameMatcher ReadGroupMatcher();
   void CheckPatterns(size_t patterns) const;
-  bool TakeSubscriptions(const std::set<std::string>& groups, std::string& reason);
+  std::string TakeSubscriptions(const std::set<std::string>& groups);
   void RefuseSubscription(const std::string& reason);
   bool ReadPayload(core::IniFile& document);
   bool WasCutOff() const;
@@ -166,24 +166,18 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const std::unique_ptr<RequestInput> _in;
   SettingsManager* const _settingsManager;
   SerializationManager* const _serializationManager;
-  const size_t _maxSubscriptions;
-  const size_t _maxSubscriptionBytes;
   const size_t _maxListed;
   const size_t _maxPatterns;
   const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
-  SubscriptionBudget* const _subscriptionBudget;  // may be null
-  const IServerInfo* const _serverInfo;           // may be null
-  const std::shared_ptr<MessageWriter> _writer;   // a thread that makes a change may hold it for a while longer
+  const IServerInfo* const _serverInfo;          // may be null
+  const std::shared_ptr<MessageWriter> _writer;  // a thread that makes a change may hold it for a while longer
+  const std::unique_ptr<OwnSubscriptions> _subscriptions;
 
   // How the request at hand is handled.
   size_t _maxWork = 0;                                 // beyond which it is given up; 0: no limit
   const std::function<bool()>* _pIsStopped = nullptr;  // null: not in parts
   bool _isSecondAttempt = false;                       // the first one was given up
-
-  // What was subscribed to so far, to count it.
-  common::GroupNameMatcher _subscriptions;
-  size_t _subscriptionBytes = 0;
 };
 
 }  // namespace tavix::settings::server
