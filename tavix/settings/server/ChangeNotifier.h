@@ -37,8 +37,8 @@ class NotificationReserve {
 // Threads: any. Callbacks run on the thread that calls Notify.
 // Locks:   the notification gate, then the dispatcher's mutex; both are held while callbacks run. The caller of Notify
 //          holds no lock.
-// Errors:  an exception of a callback ends the notification and passes through. Memory that runs out does not: callbacks
-//          are then called, again maybe, for one group after the other.
+// Errors:  an exception of a callback ends the notification and passes through. Memory that runs out does not:
+//          callbacks are then called, again maybe, for one group after the other.
 class ChangeNotifier {
  public:
   ChangeNotifier() = default;

@@ -33,7 +33,8 @@ class DeletedGroupsRecord {
 
   const std::string& GetGroup() const { return _group; }
 
-  // Forgets everything and walks through the record of "userSettings". Throws std::bad_alloc, and has forgotten nothing.
+  // Forgets everything and walks through the record of "userSettings". Throws std::bad_alloc, and has forgotten
+  // nothing.
   void Read(const core::IniFile& userSettings);
 
   // What becomes of the record when the user settings lose it (isRemoved), "settings" are merged into them, and those

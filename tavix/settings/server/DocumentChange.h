@@ -11,7 +11,8 @@ namespace tavix::settings::server {
 class DocumentTally;
 
 // Changes to large documents that take no longer than finding the places: what comes was copied before, and what goes
-// is destroyed later. What changes a document copies or destroys no value, and can't fail. The document's tally is kept.
+// is destroyed later. What changes a document copies or destroys no value, and can't fail. The document's tally is
+// kept.
 //
 // Threads: as the documents.
 

@@ -26,17 +26,17 @@ class ISettingsPersister;
 //
 //   without the lock      the request is prepared
 //   under the write lock  what changed in between is matched and tested again; bounds are checked; all memory is asked
-//                         for. From here on nothing stops the change: the store gets a new version, readers in parts are
-//                         given the names of the groups, both documents are changed, the record of deleted groups is
-//                         hidden from readers. What differs is saved
+//                         for. From here on nothing stops the change: the store gets a new version, readers in parts
+//                         are given the names of the groups, both documents are changed, the record of deleted groups
+//                         is hidden from readers. What differs is saved
 //   behind the lock       the persister learns of a request that changed nothing, subscribers are notified; what was
 //                         replaced is destroyed with the object
 //
 // Threads: one at a time.
 // Locks:   "SettingsMutex". It is not held when subscribers are notified.
 // Errors:  osa::Exception in a change callback, RefusedChange beyond a bound, std::bad_alloc: then nothing is changed.
-//          Those of the persister and of callbacks pass through: then the change stays in memory. Behind one that leaves
-//          a save nobody is notified.
+//          Those of the persister and of callbacks pass through: then the change stays in memory. Behind one that
+//          leaves a save nobody is notified.
 class StoreChange {
  public:
   // All outlive the object. persister: may be null.
