@@ -54,6 +54,7 @@ install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targe
 # Every header of the upper folders is for users unless it stands here; of the lower ones, what those include or what is
 # of use beside them. A class with code in one of them is marked TAVIX_EXPORT.
 set(internal_headers
+    tavix/settings/CheckedSetting.h
     tavix/settings/PendingChanges.h
     tavix/settings/ResourceFigures.h
     tavix/settings/Subscription.h
@@ -83,6 +84,7 @@ set(internal_headers
     tavix/settings/server/NoticeText.h
     tavix/settings/server/OwnSubscriptions.h
     tavix/settings/server/PhpArrayScanner.h
+    tavix/settings/server/PreparedMerge.h
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/RequestInput.h
     tavix/settings/server/RequestLists.h

@@ -1,9 +1,10 @@
 #include "tavix/settings/SettingsWatcher.h"
 
-#include <vector>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
+#include "tavix/settings/CheckedSetting.h"
 #include "tavix/settings/IniWatcher.h"
 #include "tavix/settings/Setting.h"
 
@@ -14,9 +15,7 @@ class SettingsWatcher::SettingsWatcherImpl {
   explicit SettingsWatcherImpl(TavixSettingsClient* client)
       : _logger(core::Logger::GetLogger("SettingsWatcher")), _watcher(client, &_document) {}
 
-  template <class T>
-  void Add(const std::string& group, const std::string& key, T* target) {
-    auto setting = std::make_unique<Setting<T>>(group, key, target);
+  void Add(const std::string& group, std::unique_ptr<SettingBase> setting) {
     _watcher.AddPattern(group);
     _settings.push_back(std::move(setting));
   }
@@ -42,15 +41,56 @@ SettingsWatcher::SettingsWatcher(TavixSettingsClient* client) : _pImpl(std::make
 SettingsWatcher::~SettingsWatcher() = default;
 
 void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, int* target) {
-  _pImpl->Add(group, key, target);
+  _pImpl->Add(group, std::make_unique<Setting<int>>(group, key, target));
 }
 
 void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, bool* target) {
-  _pImpl->Add(group, key, target);
+  _pImpl->Add(group, std::make_unique<Setting<bool>>(group, key, target));
 }
 
 void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, std::string* target) {
-  _pImpl->Add(group, key, target);
+  _pImpl->Add(group, std::make_unique<Setting<std::string>>(group, key, target));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, int* target, int def, int min,
+                                 int max) {
+  const auto assign = [](void* variable, int64_t number) { *static_cast<int*>(variable) = static_cast<int>(number); };
+  _pImpl->Add(group, std::make_unique<IntegerSetting>(group, key, Variable{target, assign}, def, min, max));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, int64_t* target, int64_t def,
+                                 int64_t min, int64_t max) {
+  const auto assign = [](void* variable, int64_t number) { *static_cast<int64_t*>(variable) = number; };
+  _pImpl->Add(group, std::make_unique<IntegerSetting>(group, key, Variable{target, assign}, def, min, max));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, std::chrono::milliseconds* target,
+                                 std::chrono::milliseconds def, std::chrono::milliseconds min,
+                                 std::chrono::milliseconds max) {
+  const auto assign = [](void* variable, int64_t number) {
+    *static_cast<std::chrono::milliseconds*>(variable) = std::chrono::milliseconds(number);
+  };
+  _pImpl->Add(group, std::make_unique<IntegerSetting>(group, key, Variable{target, assign}, def.count(), min.count(),
+                                                      max.count()));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, double* target, double def,
+                                 double min, double max) {
+  _pImpl->Add(group, std::make_unique<RealSetting>(group, key, target, def, min, max));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, bool* target, bool def) {
+  _pImpl->Add(group, std::make_unique<BoolSetting>(group, key, target, def));
+}
+
+void SettingsWatcher::AddSetting(const std::string& group, const std::string& key, std::string* target,
+                                 const std::string& def) {
+  _pImpl->Add(group, std::make_unique<TextSetting>(group, key, target, def));
+}
+
+void SettingsWatcher::AddEnumeration(const std::string& group, const std::string& key, void* target,
+                                     void (*assign)(void*, int64_t), int64_t def, NamedNumbers names) {
+  _pImpl->Add(group, std::make_unique<NamedSetting>(group, key, Variable{target, assign}, def, std::move(names)));
 }
 
 bool SettingsWatcher::UpdateSettings() {
