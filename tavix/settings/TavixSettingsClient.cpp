@@ -1,5 +1,6 @@
 #include "tavix/settings/TavixSettingsClient.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tavix/osa/Exception.h"
@@ -9,6 +10,7 @@
 #include "tavix/settings/client/TavixSettingsClientImplSingleThreaded.h"
 #include "tavix/settings/client/TavixSettingsLocalConnection.h"
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
 
 namespace tavix::settings {
 
@@ -52,6 +54,11 @@ Impl Make(TavixSettingsClient::OperationMode mode, const IniFile* defaults) {
   throw osa::Exception("Invalid or unsupported operation mode");
 }
 
+bool HasRestrictedGroup(const IniFile& settings) {
+  return std::any_of(settings.begin(), settings.end(),
+                     [](const auto& group) { return server::GroupDiscriminator::IsRestrictedGroup(group.first); });
+}
+
 std::set<std::string> GroupsOf(const IniFile& settings) {
   std::set<std::string> groups;
   for (const auto& group : settings) groups.insert(groups.end(), group.first);
@@ -64,10 +71,18 @@ TavixSettingsClient::TavixSettingsClient(OperationMode mode) : _pImpl(Make(mode,
 
 TavixSettingsClient::TavixSettingsClient(OperationMode mode, const IniFile& defaults) : _pImpl(Make(mode, &defaults)) {}
 
-TavixSettingsClient::~TavixSettingsClient() = default;
+// Locks and threads of a client that was left to the parent may never be free, or end.
+TavixSettingsClient::~TavixSettingsClient() {
+  if (_pImpl->IsLeftToParent()) static_cast<void>(_pImpl.release());
+}
+
+client::TavixSettingsClientImpl& TavixSettingsClient::Get(const char* call) const {
+  if (!_pImpl->IsLeftToParent()) return *_pImpl;
+  throw osa::Exception("%s can't be called in a forked process: the client's threads are in its parent", call);
+}
 
 bool TavixSettingsClient::GetSettings(const std::set<std::string>& groups, IniFile& out) const {
-  return _pImpl->GetSettings(groups, out);
+  return Get("GetSettings").GetSettings(groups, out);
 }
 
 bool TavixSettingsClient::GetSettings(const std::string& group, IniFile& out) const {
@@ -80,7 +95,7 @@ bool TavixSettingsClient::RefreshSettings(IniFile& settings) const {
 
 std::string TavixSettingsClient::GetValue(const SettingLocator& locator) const {
   std::optional<std::string> value;
-  _pImpl->FindValue(locator.group, locator.key, value);
+  Get("GetValue").FindValue(locator.group, locator.key, value);
   return value ? *std::move(value) : std::string();
 }
 
@@ -90,7 +105,7 @@ std::string TavixSettingsClient::GetValue(const std::string& locator) const {
 
 std::optional<std::string> TavixSettingsClient::FindValue(const SettingLocator& locator) const {
   std::optional<std::string> value;
-  if (!_pImpl->FindValue(locator.group, locator.key, value))
+  if (!Get("FindValue").FindValue(locator.group, locator.key, value))
     throw osa::Exception("The settings server's reply for '[%s]%s' can't be read", locator.group.c_str(),
                          locator.key.c_str());
   return value;
@@ -105,7 +120,7 @@ void TavixSettingsClient::MergeSettings(const IniFile& settings) {
 }
 
 void TavixSettingsClient::MergeSettings(const IniFile& settings, unsigned int flags) {
-  _pImpl->MergeSettings(settings, flags);
+  Get("MergeSettings").MergeSettings(settings, flags);
 }
 
 void TavixSettingsClient::SetValue(const SettingLocator& locator, const std::string& value) {
@@ -119,11 +134,35 @@ void TavixSettingsClient::SetValue(const std::string& locator, const std::string
 }
 
 bool TavixSettingsClient::TestAndMerge(const IniFile& test, const IniFile& merge) {
-  return _pImpl->TestAndMerge(test, merge);
+  return Get("TestAndMerge").TestAndMerge(test, merge);
+}
+
+TavixSettingsClient::Outcome TavixSettingsClient::Apply(const IniFile& settings) {
+  return Apply(IniFile(), settings);
+}
+
+// A merge has no reply, and leaves restricted groups out; a test-and-merge is answered.
+TavixSettingsClient::Outcome TavixSettingsClient::Apply(const IniFile& expected, const IniFile& settings) {
+  if (HasRestrictedGroup(settings)) return Outcome::kRefused;
+  if (TestAndMerge(expected, settings)) return Get("Apply").KeepsChanges() ? Outcome::kDone : Outcome::kNotKept;
+  if (expected.IsEmpty()) return Outcome::kRefused;
+  IniFile current;
+  GetSettings(GroupsOf(expected), current);
+  return current.ContainsSettings(expected) ? Outcome::kRefused : Outcome::kConditionFailed;
+}
+
+bool TavixSettingsClient::TrySetValue(const SettingLocator& locator, const std::string& value) {
+  IniFile settings;
+  settings[locator.group][locator.key] = value;
+  return !HasRestrictedGroup(settings) && TestAndMerge(IniFile(), settings);
+}
+
+bool TavixSettingsClient::TrySetValue(const std::string& locator, const std::string& value) {
+  return TrySetValue(SettingLocator(locator), value);
 }
 
 void TavixSettingsClient::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
-  _pImpl->OverwriteSettings(groups, settings);
+  Get("OverwriteSettings").OverwriteSettings(groups, settings);
 }
 
 void TavixSettingsClient::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -143,7 +182,7 @@ void TavixSettingsClient::EraseGroups(const std::string& group) {
 }
 
 void TavixSettingsClient::RestoreToDefaults(const std::set<std::string>& groups) {
-  _pImpl->RestoreToDefaults(groups);
+  Get("RestoreToDefaults").RestoreToDefaults(groups);
 }
 
 void TavixSettingsClient::RestoreToDefaults(const std::string& group) {
@@ -151,7 +190,7 @@ void TavixSettingsClient::RestoreToDefaults(const std::string& group) {
 }
 
 void TavixSettingsClient::Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) {
-  _pImpl->Subscribe(cb, groups);
+  Get("Subscribe").Subscribe(cb, groups);
 }
 
 void TavixSettingsClient::Subscribe(IChangeCallback* cb, const std::string& group) {
@@ -159,19 +198,19 @@ void TavixSettingsClient::Subscribe(IChangeCallback* cb, const std::string& grou
 }
 
 void TavixSettingsClient::UnSubscribe(IChangeCallback* cb) {
-  _pImpl->GetDispatcher().RemoveCallback(cb);
+  if (!_pImpl->IsLeftToParent()) _pImpl->GetDispatcher().RemoveCallback(cb);
 }
 
 void TavixSettingsClient::Detach(IChangeCallback* cb) {
-  _pImpl->Detach(cb);
+  if (!_pImpl->IsLeftToParent()) _pImpl->Detach(cb);
 }
 
 void TavixSettingsClient::AddConnectionObserver(IConnectionObserver* observer) {
-  _pImpl->AddConnectionObserver(observer);
+  Get("AddConnectionObserver").AddConnectionObserver(observer);
 }
 
 void TavixSettingsClient::RemoveConnectionObserver(IConnectionObserver* observer) {
-  _pImpl->RemoveConnectionObserver(observer);
+  if (!_pImpl->IsLeftToParent()) _pImpl->RemoveConnectionObserver(observer);
 }
 
 }  // namespace tavix::settings

@@ -31,6 +31,9 @@ class TavixSettingsClientImpl;
 // Threads: any thread may call. In MultiThreaded modes callbacks run on the client's own thread "TavixSettings", from
 //          which no call that waits for a reply can be made: it throws. In Local mode they run inside the call that
 //          made the change, and must not change settings, subscribe or unsubscribe.
+// Forks:   a forked process leaves the client to its parent: what it does reaches no connection of the parent's. In modes
+//          with threads, 0, 3 and 4, its reads, changes and subscriptions throw, all else does nothing; a SingleThreaded
+//          client connects anew; a Local one goes on with a copy. No other thread is to be inside of a call meanwhile.
 // Owns:    no callback; each stays valid until it was unsubscribed, in Local mode until the client is gone.
 // Errors:  osa::Exception. In remote modes a group name or pattern that holds a line break or is "." is refused before
 //          anything is sent. MultiThreaded: "Lock Timeout..." when there is no connection within 10 s, "NAME failed to
@@ -52,6 +55,14 @@ class TAVIX_EXPORT TavixSettingsClient {
 
   // Merge flag: the change is not saved; it lasts until the server restarts.
   static constexpr unsigned int kNoPersist = 1;
+
+  // What became of a change.
+  enum class Outcome {
+    kDone,             // the store holds it
+    kNotKept,          // likewise, until the server ends: it saves nothing, or its disk fails
+    kRefused,          // nothing was changed: a group is restricted, or the store has no room
+    kConditionFailed,  // nothing was changed: the store did not hold what was expected
+  };
 
   // defaults: what a Local client starts from; copied. Ignored in the other modes: the server has the defaults.
   // Throws "Invalid or unsupported operation mode".
@@ -92,6 +103,20 @@ class TAVIX_EXPORT TavixSettingsClient {
   // Merges "merge" if the store holds every value of "test", as one step. Returns whether it did.
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge);
 
+  // Merges "settings" as one step, altogether or not at all, and returns what became of it. It waits for the store's
+  // answer, and a server that keeps changes gives that once the disk has them. The second form is made only if the store
+  // holds every value of "expected".
+  //
+  // MergeSettings, in contrast, leaves out in silence what is refused. Stores in the process save nothing: kNotKept. Over
+  // TCP the server is asked over a connection of its own whether it keeps changes, and kDone is returned when it can't
+  // tell. SingleThreaded: a request whose answer was lost is made again, so that kConditionFailed may mean that the first one was carried out.
+  [[nodiscard]] Outcome Apply(const core::IniFile& settings);
+  [[nodiscard]] Outcome Apply(const core::IniFile& expected, const core::IniFile& settings);
+
+  // The same for one value. Returns whether the store holds it now: kDone or kNotKept.
+  [[nodiscard]] bool TrySetValue(const SettingLocator& locator, const std::string& value);
+  [[nodiscard]] bool TrySetValue(const std::string& locator, const std::string& value);
+
   // Replace whole groups: what "groups" (names and patterns) means goes, then "settings" is merged. Defaults that go do
   // not come back at the next start. The last form replaces exactly the groups that "settings" holds.
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings);
@@ -123,6 +148,8 @@ class TAVIX_EXPORT TavixSettingsClient {
   void RemoveConnectionObserver(IConnectionObserver* observer);
 
  private:
+  client::TavixSettingsClientImpl& Get(const char* call) const;
+
   std::unique_ptr<client::TavixSettingsClientImpl> _pImpl;
 };
 

@@ -1,5 +1,7 @@
 #include "tavix/settings/client/TavixSettingsClientImpl.h"
 
+#include <unistd.h>
+
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 
@@ -17,6 +19,14 @@ bool TavixSettingsClientImpl::FindValue(const std::string& group, const std::str
     value.reset();
   }
   return true;
+}
+
+void TavixSettingsClientImpl::BindToProcess() {
+  _process = getpid();
+}
+
+bool TavixSettingsClientImpl::IsLeftToParent() const {
+  return _process != 0 && _process != getpid();
 }
 
 void TavixSettingsClientImpl::Detach(IChangeCallback* cb) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <set>
 #include <string>
@@ -42,14 +44,27 @@ class TavixSettingsClientImpl {
   virtual void AddConnectionObserver(IConnectionObserver* observer);
   virtual void RemoveConnectionObserver(IConnectionObserver* observer);
 
+  // Whether the store saves what is changed, as far as it can be known. Asks the server.
+  virtual bool KeepsChanges() const { return true; }
+
+  // Whether this process was forked since a client with threads was made: they are in the parent alone. Then nothing of
+  // the client is used, and it is not destroyed.
+  bool IsLeftToParent() const;
+
   // The subscribers of the remote clients; the facade unsubscribes here.
   common::CallbackDispatcher& GetDispatcher() { return _commonDispatcher; }
 
  protected:
   TavixSettingsClientImpl();
 
+  // Called by the constructors of clients with threads.
+  void BindToProcess();
+
   core::Logger* const _logger;
   common::CallbackDispatcher _commonDispatcher;
+
+ private:
+  pid_t _process = 0;  // the one that the client works in; 0: any
 };
 
 }  // namespace tavix::settings::client

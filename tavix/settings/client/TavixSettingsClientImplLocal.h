@@ -27,6 +27,7 @@ class TavixSettingsClientImplLocal : public TavixSettingsClientImpl, public ICha
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
   void Detach(IChangeCallback* cb) override;
+  bool KeepsChanges() const override { return false; }
 
   // From the store: passes the groups on with their current content.
   void OnChange(const std::set<std::string>& groups, const core::IniFile& settings) override;

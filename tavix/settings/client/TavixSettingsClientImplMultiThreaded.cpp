@@ -11,6 +11,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/settings/client/Commands.h"
+#include "tavix/settings/client/KeptByServer.h"
 #include "tavix/settings/client/MessageReader.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
@@ -57,6 +58,7 @@ TavixSettingsClientImplMultiThreaded::TavixSettingsClientImplMultiThreaded(Tavix
       _stopping("TavixSettingsClientImpl::_stopping", 1, 0),
       _workerEnded("TavixSettingsClientImpl::_workerEnded", 1, 0),
       _observerMutex("TavixSettingsClientImpl::_observerMutex") {
+  BindToProcess();
   _pConnection.reset(connection);
   try {
     _thread.Run();
@@ -155,6 +157,11 @@ void TavixSettingsClientImplMultiThreaded::AddConnectionObserver(IConnectionObse
 void TavixSettingsClientImplMultiThreaded::RemoveConnectionObserver(IConnectionObserver* observer) {
   osa::MutexAutoLock lock(_observerMutex);
   _observers.erase(observer);
+}
+
+// A server in the process saves nothing.
+bool TavixSettingsClientImplMultiThreaded::KeepsChanges() const {
+  return !_pConnection->OutlivesClosing() && IsKeptByServer();
 }
 
 // A connection that is made between writing and registering knows nothing of the subscription: then it is written

@@ -66,6 +66,7 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   void RestoreToDefaults(const std::set<std::string>& groups) override;
   void AddConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
   void RemoveConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
+  bool KeepsChanges() const override;
 
   // The worker.
   void Run() override;

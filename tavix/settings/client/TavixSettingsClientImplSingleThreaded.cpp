@@ -9,6 +9,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/settings/client/Commands.h"
+#include "tavix/settings/client/KeptByServer.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/client/ReplyLine.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
@@ -35,7 +36,9 @@ class RepeatedGetSettingsCommand : public GetSettingsCommand {
 }  // namespace
 
 TavixSettingsClientImplSingleThreaded::TavixSettingsClientImplSingleThreaded(TavixSettingsConnection* connection)
-    : _mutex(nullptr), _pConnection(connection) {}
+    : _mutex(nullptr), _pConnection(connection), _isInProcess(connection->OutlivesClosing()) {
+  if (_isInProcess) BindToProcess();  // its server is a thread
+}
 
 TavixSettingsClientImplSingleThreaded::~TavixSettingsClientImplSingleThreaded() = default;
 
@@ -89,6 +92,10 @@ void TavixSettingsClientImplSingleThreaded::RestoreToDefaults(const std::set<std
   RestoreToDefaultsCommand command;
   command._groups = &groups;
   RunCommand("restore", command);
+}
+
+bool TavixSettingsClientImplSingleThreaded::KeepsChanges() const {
+  return !_isInProcess && IsKeptByServer();
 }
 
 void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const {

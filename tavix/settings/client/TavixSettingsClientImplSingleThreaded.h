@@ -31,6 +31,7 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
+  bool KeepsChanges() const override;
 
  private:
   void RunCommand(const char* name, RemoteCommand& command) const TAVIX_EXCLUDES(_mutex);
@@ -39,6 +40,7 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
 
   mutable osa::Mutex _mutex;  // held for a whole call
   const std::unique_ptr<TavixSettingsConnection> _pConnection TAVIX_PT_GUARDED_BY(_mutex);
+  const bool _isInProcess;  // so is the server, which saves nothing
 };
 
 }  // namespace tavix::settings::client

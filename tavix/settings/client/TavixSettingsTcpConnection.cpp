@@ -1,5 +1,7 @@
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <utility>
@@ -21,11 +23,14 @@ constexpr unsigned int kRetryPause = 1000;     // milliseconds
 
 }  // namespace
 
+TavixSettingsTcpConnection::TavixSettingsTcpConnection() : _process(getpid()) {}
+
 TavixSettingsTcpConnection::~TavixSettingsTcpConnection() {
   TavixSettingsTcpConnection::CloseConnection();
 }
 
 void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
+  DropOfParent();
   for (int attempt = 0; !IsInOrder(); ++attempt) {
     if (attempt >= attempts) {
       _logger->Warning("%s", kConnectFailed);
@@ -46,6 +51,15 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
       _logger->Information("Retrying connection");
     }
   }
+}
+
+// To close a copy of a descriptor ends no connection.
+void TavixSettingsTcpConnection::DropOfParent() {
+  const pid_t process = getpid();
+  if (process == _process) return;
+  CloseConnection();
+  ClearStreams();
+  _process = process;
 }
 
 // The socket is visible to other threads only once it is connected: a connect takes a second at most, and an abort that

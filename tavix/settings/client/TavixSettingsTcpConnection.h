@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <condition_variable>
 #include <memory>
 #include <optional>
@@ -18,13 +20,15 @@ namespace tavix::settings::client {
 // (osa::FindServiceEndpoint). Reads wait without limit; a write that makes no progress for 10 s fails and breaks the
 // connection, so that no caller sleeps for ever on a peer that stopped reading.
 //
+// A process that was forked drops its copy of the connection, which is its parent's, and connects anew.
+//
 // From the first attempt that fails up to the one that succeeds is an outage. It is logged once in detail, when all
 // attempts of a call have failed; the lines of each attempt stay as they are. A TAVIX_SETTINGS_SERVER that can't be an
 // address is logged once at error for each value: no waiting helps against that.
 class TavixSettingsTcpConnection : public TavixSettingsConnection {
  public:
   // Does not connect.
-  TavixSettingsTcpConnection() = default;
+  TavixSettingsTcpConnection();
   ~TavixSettingsTcpConnection() override;
 
   // Makes up to "attempts" attempts, a second apart.
@@ -37,6 +41,7 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
 
  private:
   void Connect() TAVIX_EXCLUDES(_mutex);
+  void DropOfParent() TAVIX_EXCLUDES(_mutex);
   void PauseBeforeRetry() TAVIX_EXCLUDES(_mutex);
   void RefuseWhenAborted() const TAVIX_REQUIRES(_mutex);
   void NoteFailure(const char* text) TAVIX_EXCLUDES(_mutex);
@@ -50,6 +55,7 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
     bool isReported = false;
   };
 
+  pid_t _process;  // whose connection it is; the owner's alone
   mutable osa::PlainMutex _mutex;
   std::condition_variable _abort;
   bool _isAborted TAVIX_GUARDED_BY(_mutex) = false;
