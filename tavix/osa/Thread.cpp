@@ -22,6 +22,10 @@ namespace {
 // Measured with a painted stack: getaddrinfo 20 KiB, a process's first throw 16 KiB, syslog 10 KiB; they may nest, and
 // static thread-local storage lives on the stack too.
 constexpr size_t kPlatformStack = 64 * 1024;
+
+// A regular expression of the standard library takes some 300 bytes for each character that it looks at.
+constexpr size_t kCallbackStack = 256 * 1024;
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr size_t kSanitizerStack = 1536 * 1024;
 #else
@@ -42,7 +46,8 @@ std::atomic<Thread::ExceptionReporter> g_exceptionReporter{WriteToStandardError}
 size_t StackSizeFor(unsigned int wanted) {
   const long page = sysconf(_SC_PAGESIZE);
   const size_t unit = page > 0 ? static_cast<size_t>(page) : 4096;
-  const size_t size = wanted + kPlatformStack + kSanitizerStack + static_cast<size_t>(PTHREAD_STACK_MIN);
+  const size_t size =
+      wanted + kCallbackStack + kPlatformStack + kSanitizerStack + static_cast<size_t>(PTHREAD_STACK_MIN);
   return (size + unit - 1) / unit * unit;
 }
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <regex>
 #include <stdexcept>
 #include <string>
 
@@ -154,6 +155,33 @@ StackUse MeasureHarassedWorker() {
   }
   peer.Send("async change\nMeasure\n.\n.\n");
   return callback.measured.get_future().get();
+}
+
+// The library matches by recursion, a call or more for each character.
+class MatchingCallback : public IChangeCallback {
+ public:
+  void OnChange(const std::set<std::string>&, const IniFile& settings) override {
+    matches.set_value(std::regex_match(settings.GetValue("A", "x"), std::regex("(a|b)*")));
+  }
+
+  std::promise<bool> matches;
+};
+
+TEST(Stack, OfACallbackHoldsARegularExpressionOverALongText) {
+  MatchingCallback callback;
+  TavixSettingsClient client(TavixSettingsClient::MultiThreadedLocalConnection);
+  client.Subscribe(&callback, "A");
+  client.SetValue("[A]x", std::string(401, 'a'));
+  EXPECT_TRUE(callback.matches.get_future().get());
+}
+
+TEST(Stack, OfTheWorkerHasAQuarterOfAMebibyteForCallbacks) {
+  MeasuringCallback callback;
+  TavixSettingsClient client(TavixSettingsClient::MultiThreadedLocalConnection);
+  client.Subscribe(&callback, "Measure");
+  client.SetValue("[Measure]x", "1");
+  const StackUse use = callback.measured.get_future().get();
+  EXPECT_GE(use.mapped, 256u * 1024 + use.used);
 }
 
 TEST(Stack, OfTheWorkerIsNeverHalfUsed) {
