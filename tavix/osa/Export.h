@@ -1,5 +1,9 @@
 #pragma once
 
+#if defined(__cplusplus) && __cplusplus < 201703L
+#error "libtavix-settings needs C++17 or newer: compile with -std=c++17, or with cxx_std_17 in CMake"
+#endif
+
 // Marks what the shared library exports; everything else stays hidden.
 #define TAVIX_EXPORT __attribute__((visibility("default")))
 
