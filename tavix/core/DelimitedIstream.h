@@ -7,6 +7,8 @@
 namespace tavix::stl {
 
 // An input stream over a DelimitedStreamBuf of its own: lists and payloads are read through it.
+//
+// Threads: one at a time.
 class DelimitedIstream : public std::istream {
  public:
   // source: borrowed; delimiter: what ends the view when it stands alone on a line.

@@ -12,6 +12,8 @@ namespace tavix::stl {
 // and never reads past the delimiter's line, so that the source then stands right behind it. A source that ends first
 // ends the view there; a last line without its line feed still counts. A delimiter line is exact: ".\r" is a line of
 // its own.
+//
+// Threads: one at a time.
 class TAVIX_EXPORT DelimitedStreamBuf : public std::streambuf {
  public:
   // source: borrowed, outlives the view, is not closed by it. delimiter: copied.

@@ -6,7 +6,7 @@
 
 namespace tavix::core {
 
-// Writes lines to a descriptor that it does not own, for example standard error, and never waits for whoever reads
+// Writes lines to a descriptor that it does not own, for example standard error, and never waits for a process that reads
 // what it wrote.
 //
 // Whether a pipe or a terminal makes its writers wait is a property that all processes share which have it, and theirs

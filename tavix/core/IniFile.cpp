@@ -80,7 +80,7 @@ size_t FindMiddle(std::string_view text) {
   return feed == std::string_view::npos ? text.size() : feed + 1;
 }
 
-// An error names its line, which only who reads from the begin knows.
+// An error names its line, which only a reader from the beginning knows.
 IniFile ReadInHalves(std::string_view text, size_t middle, const std::string& source,
                      const IniFile::GroupFilter* isWanted) {
   IniFile document;

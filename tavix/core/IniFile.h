@@ -57,7 +57,7 @@ class TAVIX_EXPORT IniFile {
   void LoadFromStream(ViewIstream& in);
 
   // Write settings text whose every line ends with a line feed and is never "." alone. Texts written one after the
-  // other read back as one document. A missing group writes nothing. The stream's state tells of failures.
+  // other read back as one document. A missing group writes nothing. The stream's state shows failures.
   void SaveToStream(std::ostream& out) const;
   void SaveGroupToStream(std::ostream& out, const std::string& group) const;
   static void SaveGroupToStream(std::ostream& out, const_iterator group);

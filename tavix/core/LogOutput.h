@@ -7,7 +7,9 @@
 
 namespace tavix::core {
 
-// Where log lines go. Called with the log's lock held, so one call at a time; none waits for whoever reads the lines.
+// Where log lines go. No call waits for the reader of the lines.
+//
+// Threads: called with the log's lock held, so one call at a time.
 class LogOutput {
  public:
   virtual ~LogOutput() = default;

@@ -187,11 +187,11 @@ class Log {
   }
 
   static void PassOn(const Line& line, Outlet& outlet) {
-    if (!TellOfLost(outlet) || !outlet.output->Write(line.level, line.line, line.text)) ++outlet.lost;
+    if (!ReportLost(outlet) || !outlet.output->Write(line.level, line.line, line.text)) ++outlet.lost;
   }
 
   // False when the output does not even take that.
-  static bool TellOfLost(Outlet& outlet) {
+  static bool ReportLost(Outlet& outlet) {
     if (outlet.lost == 0) return true;
     const std::string text = "Logger: lines lost here, because the output took no more: ";
     const Line line = MakeLine(kLogWarning, text + std::to_string(outlet.lost));
@@ -200,12 +200,12 @@ class Log {
     return true;
   }
 
-  // What the outputs are still to be told.
+  // What is still to be reported to the outputs.
   void TakeLeave() TAVIX_REQUIRES(_mutex) {
     WriteRepeats();
     _lastText.clear();
-    for (Outlet& outlet : _outlets) TellOfLost(outlet);
-    if (_file.output) TellOfLost(_file);
+    for (Outlet& outlet : _outlets) ReportLost(outlet);
+    if (_file.output) ReportLost(_file);
   }
 
   void WriteRepeats() TAVIX_REQUIRES(_mutex) {
@@ -258,7 +258,7 @@ void Logger::LogMessageV(LogLevel level, const char* format, va_list arguments) 
   try {
     const std::string text = PrintableText(_name + ": " + Format(format, arguments), kLongestLine);
     if (PassesFilter(level, format, text)) Log::Get().Write(level, text);
-  } catch (...) {  // whoever logs has something better to do than to handle a log that failed
+  } catch (...) {  // a caller that logs can't do anything about a log that failed
   }
 }
 

@@ -13,6 +13,8 @@ namespace tavix::core {
 // Appends what is written to a string, which the owner may read and clear at any time. Keeps its memory for the next
 // use, which makes it cheaper than a string stream. When memory runs out, writing throws std::bad_alloc: other streams
 // would only note it, and half a text would pass for a whole one.
+//
+// Threads: one at a time.
 class StringOstream : public std::ostream {
  public:
   StringOstream() : std::ostream(nullptr) {
@@ -33,10 +35,10 @@ class StringOstream : public std::ostream {
   // Asks for memory for a text of that length in advance.
   void Reserve(size_t bytes) { _buffer.text.reserve(bytes); }
 
-  // Forgets the text and any error; keeps "most" bytes of memory for the next one.
-  void Reset(size_t most) {
+  // Forgets the text and any error; keeps "max" bytes of memory for the next one.
+  void Reset(size_t max) {
     _buffer.text.clear();
-    if (_buffer.text.capacity() > most) std::string().swap(_buffer.text);
+    if (_buffer.text.capacity() > max) std::string().swap(_buffer.text);
     clear();
   }
 

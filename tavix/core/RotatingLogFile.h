@@ -10,6 +10,8 @@ namespace tavix::core {
 
 // A log file that is rotated by size: FILE becomes FILE.1, FILE.1 becomes FILE.2 and so on; the oldest is dropped. A
 // file that somebody moved away or removed is made again at the next line, so rotation from outside works too.
+//
+// Threads: as LogOutput.
 class RotatingLogFile : public LogOutput {
  public:
   struct Limits {

@@ -95,9 +95,9 @@ const char* FindUnescapedEquals(const char* begin, const char* end) {
 }
 
 // Has the stream's buffer filled when it is empty and takes bytes from it; returns how many, 0 at the end.
-size_t TakeWhatIsAtHand(std::istream& in, char* bytes, size_t most) {
+size_t TakeWhatIsAtHand(std::istream& in, char* bytes, size_t max) {
   if (in.peek() == std::istream::traits_type::eof()) return 0;
-  const auto atHand = std::clamp<std::streamsize>(in.rdbuf()->in_avail(), 1, static_cast<std::streamsize>(most));
+  const auto atHand = std::clamp<std::streamsize>(in.rdbuf()->in_avail(), 1, static_cast<std::streamsize>(max));
   in.read(bytes, atHand);
   return static_cast<size_t>(in.gcount());
 }
@@ -246,7 +246,7 @@ void CheckSettingsText(std::string_view text, const std::string& source) {
 SettingsTextWriter::~SettingsTextWriter() {
   try {
     Flush();
-  } catch (...) {  // the stream's state tells
+  } catch (...) {  // the stream's state shows it
   }
 }
 
@@ -323,10 +323,10 @@ void SettingsTextWriter::Flush() {
   if (count > 0) _out.write(_buffer, count);
 }
 
-std::string PrintableText(const std::string& text, size_t most) {
+std::string PrintableText(const std::string& text, size_t max) {
   std::string printable;
   size_t i = 0;
-  for (; i < text.size() && printable.size() < most; ++i) {
+  for (; i < text.size() && printable.size() < max; ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
     if (IsControl(text[i])) {
       printable += {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 15]};

@@ -11,7 +11,8 @@ namespace tavix::core {
 
 // Reads settings text into a document of its own. The grammar is docs/settings-text.md.
 //
-// Errors: osa::Exception for a line that is no settings text.
+// Threads: one at a time.
+// Errors:  osa::Exception for a line that is no settings text.
 class SettingsTextReader {
  public:
   // source: what error texts call the text. isWanted: the groups that are kept; of others only errors are found. null:
@@ -50,6 +51,8 @@ class SettingsTextReader {
 TAVIX_DAEMON_EXPORT void CheckSettingsText(std::string_view text, const std::string& source);
 
 // Writes settings text to a stream, through a small buffer of its own.
+//
+// Threads: one at a time.
 class SettingsTextWriter {
  public:
   explicit SettingsTextWriter(std::ostream& out) : _out(out) {}
@@ -62,7 +65,7 @@ class SettingsTextWriter {
 
   void WriteGroup(const std::string& name, const IniFile::KeyMap& keys);
 
-  // Passes on what the buffer holds. Throws when the stream was told to throw.
+  // Passes on what the buffer holds. Throws when the stream was set to throw.
   void Flush();
 
  private:
@@ -78,7 +81,7 @@ class SettingsTextWriter {
   char _buffer[2048];
 };
 
-// Makes text fit for a message: control bytes as \xHH, cut after "most" bytes.
-TAVIX_DAEMON_EXPORT std::string PrintableText(const std::string& text, size_t most);
+// Makes text fit for a message: control bytes as \xHH, cut after "max" bytes.
+TAVIX_DAEMON_EXPORT std::string PrintableText(const std::string& text, size_t max);
 
 }  // namespace tavix::core

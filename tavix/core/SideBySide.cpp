@@ -13,7 +13,7 @@ namespace {
 
 constexpr unsigned int kStackSize = 64 * 1024;
 
-// Work that keeps its exception for whoever waits for it.
+// Work that keeps its exception for the thread that waits for it.
 class Work : public osa::Runnable {
  public:
   explicit Work(const std::function<void()>& work) : _work(work) {}

@@ -5,6 +5,8 @@
 namespace tavix::core {
 
 // Measures elapsed time on the monotonic clock.
+//
+// Threads: one at a time.
 class Stopwatch {
  public:
   // start: whether it runs from now on; else it stands at 0 until Start.

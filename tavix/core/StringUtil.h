@@ -9,6 +9,8 @@
 namespace tavix::core {
 
 // Small operations on byte strings.
+//
+// Threads: any; there is no state.
 class TAVIX_EXPORT StringUtil {
  public:
   // Whether "text" matches "pattern", in which '*' stands for any run of bytes, an empty one included, and every other

@@ -7,6 +7,8 @@
 namespace tavix::osa {
 
 // Owns a file descriptor; -1 is none.
+//
+// Threads: one at a time.
 class Descriptor {
  public:
   explicit Descriptor(int descriptor = -1) : _descriptor(descriptor) {}

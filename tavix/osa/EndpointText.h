@@ -11,7 +11,7 @@
 namespace tavix::osa {
 
 // An endpoint as people write it, taken apart: unix:PATH, HOST, HOST:PORT, [V6], [V6]:PORT or a bare V6. Which parts
-// there have to be, and what they may be, is for the reader to say.
+// there have to be, and what they may be, is decided by the reader. A plain value.
 struct EndpointText {
   bool isUnix = false;
   std::string path = {};  // of a unix socket; then there is neither host nor port

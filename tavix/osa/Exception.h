@@ -7,7 +7,7 @@
 
 namespace tavix::osa {
 
-// The error of everything here. Its text says what failed, where and why, for the person who has to act.
+// The error of everything here. Its text says what failed, where and why, for the person who has to act. A plain value.
 class TAVIX_EXPORT Exception : public std::runtime_error {
  public:
   // Builds the text as printf does.

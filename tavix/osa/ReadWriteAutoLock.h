@@ -6,7 +6,7 @@
 
 namespace tavix::osa {
 
-// What the scopes below share: releases once. A release that fails is swallowed: whoever calls goes on.
+// What the scopes below share: releases once. A release that fails is swallowed: the caller goes on.
 class HeldReadWriteLock {
  public:
   explicit HeldReadWriteLock(ReadWriteLock& lock) : _lock(&lock) {}

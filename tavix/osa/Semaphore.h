@@ -7,7 +7,7 @@
 
 namespace tavix::osa {
 
-// A counting semaphore, first come, first served: a release goes to whoever has waited longest, and a newcomer never
+// A counting semaphore, first come, first served: a release goes to the thread that has waited longest, and a newcomer never
 // overtakes. Any thread may release.
 class Semaphore {
  public:

@@ -7,12 +7,13 @@
 namespace tavix::osa {
 
 // The environment variable of a service holds a text that can't be an endpoint, whatever becomes of the system.
+// A plain value.
 class EndpointException : public Exception {
  public:
   explicit EndpointException(const std::string& text) : Exception(text) {}
 };
 
-// Where a service is reached.
+// Where a service is reached. A plain value.
 struct ServiceEndpoint {
   std::string host;         // a numeric address, or a name for the system's resolver
   unsigned short port = 0;  // in host byte order

@@ -10,7 +10,7 @@ namespace tavix::osa {
 // A time limit that never passes, for every operation here that takes milliseconds. 0 does not wait at all.
 constexpr unsigned int kWaitForever = 0xFFFFFFFFu;
 
-// A point on the monotonic clock, which starts at an arbitrary moment and never jumps.
+// A point on the monotonic clock, which starts at an arbitrary moment and never jumps. A plain value.
 struct TimeStruct {
   int64_t seconds = 0;
   int32_t nanoseconds = 0;  // 0 to 999999999
@@ -19,7 +19,8 @@ struct TimeStruct {
 // Reads the monotonic clock into "out".
 TAVIX_EXPORT void TimeMonotonic(TimeStruct& out);
 
-// The moment at which a time limit ends, on the monotonic clock: a jump of the wall clock neither fires nor freezes it.
+// The moment at which a time limit ends, on the monotonic clock: a jump of the wall clock neither fires nor freezes it. A
+// plain value.
 class TAVIX_EXPORT Deadline {
  public:
   using Clock = std::chrono::steady_clock;

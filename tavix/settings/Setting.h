@@ -7,6 +7,8 @@
 namespace tavix::settings {
 
 // One setting that a variable follows.
+//
+// Threads: one at a time, which the variable belongs to, too.
 class SettingBase {
  public:
   SettingBase(const std::string& group, const std::string& key) : _group(group), _key(key) {}

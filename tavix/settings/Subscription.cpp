@@ -37,7 +37,7 @@ class Subscription::Forwarder : public IChangeCallback {
   IChangeCallback* _target TAVIX_GUARDED_BY(_callMutex);
 };
 
-// Small callbacks that a client could not let go of. They are freed when it can: the client is asked again whenever
+// Small callbacks that a client could not release. They are freed when it can: the client is asked again whenever
 // somebody waits for its dispatcher anyway. A client that is gone lets go of all.
 class Subscription::LeftBehind {
  public:
@@ -77,7 +77,7 @@ class Subscription::LeftBehind {
   std::list<Entry> _forwarders TAVIX_GUARDED_BY(_mutex);
 };
 
-// False from a callback of the client: it can't let go of another one then.
+// False from a callback of the client: it can't release another one then.
 bool Subscription::TryDetach(TavixSettingsClient& client, Forwarder& forwarder) {
   try {
     client.Detach(&forwarder);

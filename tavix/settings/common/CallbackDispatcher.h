@@ -16,14 +16,14 @@
 
 namespace tavix::settings::common {
 
-// Knows who subscribed to which groups, and tells each subscriber of a change at most once, with only its own groups.
+// Knows which callbacks subscribed to which groups, and calls each at most once for a change, with its own groups only.
 // Subscribing twice adds to the subscription; it can only be taken back as a whole.
 //
 // Threads: every operation may be called from any thread; callbacks run one at a time. A callback that calls back into
 //          its dispatcher gets an exception.
-// Locks:   its mutex is held while callbacks run, for the whole of a change unless SetCallsInPieces was called. Who has
-//          subscribed to the groups of a large change is found before, under a lock for the index of subscriptions
-//          alone, which is released every few microseconds.
+// Locks:   its mutex is held while callbacks run, for the whole of a change unless SetCallsInPieces was called. The
+//          subscribers of a large change are found before, under a lock for the index of subscriptions alone, which
+//          is released every few microseconds.
 // Cost:    a change costs what it is long and whom it concerns, however many others have subscribed.
 // Owns:    no callback; each stays valid until it is removed.
 class TAVIX_EXPORT CallbackDispatcher {
@@ -89,7 +89,7 @@ class TAVIX_EXPORT CallbackDispatcher {
   bool WouldCallMoreThan(size_t max, const std::set<std::string>& changedGroups) const;
   bool WouldCallMoreThan(size_t max, const core::IniFile& settings) const;
 
-  // Returns once the dispatcher's mutex was free: callbacks come to their end. For whoever watches that.
+  // Returns once the dispatcher's mutex was free: callbacks come to their end. For a watchdog.
   void Probe() const;
 
   // Returns once no call of "cb" is under way, and none follows. An unknown callback is ignored.

@@ -43,7 +43,7 @@ class ChangeRecorders {
   std::vector<ChangeRecorder*> _recorders TAVIX_GUARDED_BY(_mutex);
 };
 
-// Collects the names of the groups that change while it exists, for who reads a store in parts.
+// Collects the names of the groups that change while it exists, for a reader of the store in parts.
 //
 // Threads: any.
 // Errors:  std::bad_alloc.

@@ -80,14 +80,14 @@ void DocumentPlan::AddAllRemoved(const std::set<std::string>& removed) {
   _addedCount = _different.size() - before;
 }
 
-// To bring back what stays takes less than to remove all else when it is much less.
+// Where one group in eight or fewer stays, bringing these back takes less than removing all others.
 void DocumentPlan::FindSurvivors(const StoreDocuments& documents, const std::set<std::string>& removed) {
-  constexpr size_t kMuchLess = 8;
+  constexpr size_t kFewOf = 8;
   std::string next;
   for (bool isFirst = true, isDone = false; !isDone; isFirst = false) {
     const osa::ReadAutoLock lock(documents.GetLock());
     const IniFile::GroupMap& groups = documents.Get(_which).GetGroups();
-    if (isFirst) _leavesFew = groups.size() < _removedCount + _removedCount / kMuchLess;
+    if (isFirst) _leavesFew = groups.size() < _removedCount + _removedCount / kFewOf;
     if (!_leavesFew) return;
     auto group = groups.lower_bound(next);
     for (size_t left = kGroupsOfAPart; left > 0 && group != groups.end(); --left, ++group) {

@@ -13,6 +13,8 @@ class StoreDocuments;
 
 // Whether readers see every value of a document. Of a large one that is found out in parts under the read lock, before
 // the write lock is taken; under the write lock only the groups that changed since then are tested again.
+//
+// Threads: one at a time.
 class EarlyTest {
  public:
   // test: outlives the object.

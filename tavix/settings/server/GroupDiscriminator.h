@@ -11,12 +11,13 @@ class IniFile;
 
 namespace tavix::settings::server {
 
-// Tells by a group's name alone who may set it:
+// Decides by a group's name alone which clients and sources may set it:
 //
 //     restricted   the name holds "Secure" or "Trusted" anywhere: set by the restricted loader only, never by clients
 //     secure       the name holds "Secure"; every secure group is restricted
 //
 // Case counts: "secure" is a name like any other.
+// Threads: any, without a state; documents as containers.
 class TAVIX_EXPORT GroupDiscriminator {
  public:
   static bool IsRestrictedGroup(const std::string& group);

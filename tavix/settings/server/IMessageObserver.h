@@ -23,7 +23,7 @@ class TAVIX_EXPORT IMessageObserver {
   virtual ~IMessageObserver() = default;
 
   // A message was made of the store's present contents, and is written to "out" next, and flushed. groups: those that
-  // it shows, or shows to be missing; null: it may tell of any.
+  // it shows, or shows to be missing; null: it may show any.
   virtual void OnMessage(std::ostream& out, const common::GroupNameMatcher* groups) = 0;
 
   // The same for a message that several connections may be told. True: the observer took it over, did what OnMessage

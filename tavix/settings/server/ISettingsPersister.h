@@ -22,7 +22,7 @@ class SettingsCombiner;
 // hold that connection's output until the change is durable.
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
-// Errors:  exceptions pass through the store to whoever made the call. One that leaves a save leaves the change in
+// Errors:  exceptions pass through the store to the caller. One that leaves a save leaves the change in
 //          memory, announced to nobody.
 class TAVIX_EXPORT ISettingsPersister {
  public:

@@ -16,7 +16,9 @@ class GroupNameMatcher;
 
 namespace tavix::settings::server {
 
-// One text form of settings on a connection. Stateless: one object serves all connections at once.
+// One text form of settings on a connection. Stateless.
+//
+// Threads: any; one object serves all connections at once.
 class TAVIX_EXPORT ISettingsSerializer {
  public:
   virtual ~ISettingsSerializer() = default;

@@ -5,6 +5,8 @@
 namespace tavix::settings::server {
 
 // "ini": settings text, ended by a line that holds only "." (docs/settings-text.md).
+//
+// Threads: any.
 class TAVIX_EXPORT IniFileSettingsSerializer : public ISettingsSerializer {
  public:
   void OnSerialize(const core::IniFile& settings, const common::GroupNameMatcher& groups,

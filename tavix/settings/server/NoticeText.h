@@ -12,8 +12,9 @@ namespace tavix::settings::server {
 
 class ISettingsSerializer;
 
-// The texts of the notices that a thread composed last. A change tells its subscribers one after the other, on one
-// thread: most of them get the same bytes, which need not be made anew, nor kept twice, while the store is as it was.
+// The texts of the notices that a thread composed last. The subscribers of a change are sent notices one after
+// the other, on one thread: nearly all of them get the same bytes, which need not be made anew, nor kept twice, while the
+// store is as it was.
 //
 // Threads: each has its own.
 // Memory:  a text lives until the round ends, and as long as others keep it. Beyond a megabyte the oldest ones are left
@@ -32,7 +33,7 @@ class NoticeText {
     std::shared_ptr<const common::GroupNameMatcher> groups;  // that it shows
   };
 
-  // Marks the time in which this thread tells all subscribers of one change. Texts are kept within it only.
+  // Marks the time in which this thread notifies all subscribers of one change. Texts are kept within it only.
   class Round {
    public:
     Round();

@@ -25,7 +25,7 @@ size_t PhpArrayScanner::Take(std::string_view bytes) {
       _rawLeft -= raw;
       taken += static_cast<size_t>(raw);
     } else if (!TakeByte(bytes[taken++])) {
-      _done = _malformed = true;  // whoever reads it finds out why
+      _done = _malformed = true;  // the serializer that reads it reports why
     }
   }
   return taken;

@@ -8,6 +8,8 @@ namespace tavix::settings::server {
 
 // Finds the end of a phparray payload without building anything, from bytes that arrive in pieces of any size. It takes
 // exactly what PhpArraySettingsSerializer reads: up to the last brace, or up to the first byte that does not fit.
+//
+// Threads: one at a time.
 class PhpArrayScanner {
  public:
   // Takes the next bytes; returns how many of them belong to the payload. When they are fewer than all, or IsDone, the

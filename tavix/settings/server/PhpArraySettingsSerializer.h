@@ -7,7 +7,8 @@ namespace tavix::settings::server {
 // "phparray": an array of arrays of strings in the style of PHP's serialize(), which scripting front-ends read. Its
 // grammar stands in docs/protocol.md. A payload carries its own length, so any byte passes unescaped.
 //
-// Errors: osa::Exception with one of
+// Threads: any.
+// Errors:  osa::Exception with one of
 //     phparray missing data (expected '%c')                 the stream ended where this character was due
 //     expected: '%c' but got: '%c'                          another character stands there
 //     failed to read size specification                     a count or length is no number of 32 bits

@@ -8,7 +8,7 @@
 namespace tavix::settings::server {
 
 // A request was understood, and the store did not carry it out: nothing of it was changed, and nobody is notified.
-// Thrown only by a store that has a bound.
+// Thrown only by a store that has a bound. A plain value.
 class TAVIX_EXPORT RefusedChange : public osa::Exception {
  public:
   enum class Reason {

@@ -7,10 +7,10 @@
 #include "tavix/core/IniFile.h"
 
 // What the lists and payloads of requests may hold. A request that holds more throws osa::Exception, which ends its
-// connection.
+// connection. Each object belongs to the thread that reads the request.
 namespace tavix::settings::server {
 
-// How much a list may hold. 0: no limit.
+// The max size of a list. 0: no limit.
 struct ListBounds {
   size_t listed;
   size_t nameBytes;
@@ -49,7 +49,7 @@ class CountingIterator {
   size_t _count = 0;
 };
 
-// Keeps a list's values up to that many, and counts the others, so that the list is read to its end in any case.
+// Keeps a list's values up to the limit, and counts the others, so that the list is read to its end in any case.
 class BoundedSet {
  public:
   explicit BoundedSet(const ListBounds& bounds) : _bounds(bounds) {}

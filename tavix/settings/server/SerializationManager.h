@@ -10,6 +10,8 @@
 namespace tavix::settings::server {
 
 // The serializers by name: "ini", with which every connection starts, and "phparray".
+//
+// Threads: any.
 class TAVIX_EXPORT SerializationManager {
  public:
   SerializationManager();

@@ -12,6 +12,8 @@ class SubscriptionBudget;
 
 // What all connections of a server share. Filled by the hosting program; it and what it points to outlive every
 // handler.
+//
+// Threads: filled before the first handler is made, and not changed afterwards.
 struct ServerEnv {
   SettingsManager* settingsManager = nullptr;
   SerializationManager* serializationManager = nullptr;
@@ -37,7 +39,7 @@ struct ServerEnv {
   // What the subscriptions of all connections together may have; may be null.
   SubscriptionBudget* subscriptionBudget = nullptr;
 
-  // How much it may be to try a list's patterns on the groups of the store: the number of the patterns, times the bytes
+  // The max work of trying a list's patterns on the groups of the store: the number of the patterns, times the bytes
   // of the names of all groups. A request for more ends the connection. 0: no limit.
   unsigned long long maxMatchingWork = 0;
 

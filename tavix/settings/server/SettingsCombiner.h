@@ -14,15 +14,16 @@ class IIncludeFilter;
 // Loads sources one after the other into one document: each is read whole, edited by the filters in the order of their
 // addition, then merged over what is there. A source that can't be loaded leaves the target as it was.
 //
-// Owns:   nothing; target and filters outlive the combiner.
-// Errors: those of IniFile and of the filters pass through.
+// Threads: one at a time.
+// Owns:    nothing; target and filters outlive the combiner.
+// Errors:  those of IniFile and of the filters pass through.
 class TAVIX_EXPORT SettingsCombiner {
  public:
   explicit SettingsCombiner(core::IniFile& target) : _target(target) {}
 
   void AddFilter(IIncludeFilter* filter) { _filters.push_back(filter); }
 
-  // The groups that the caller is interested in. Who loads sources may leave others out, and none of them is missed:
+  // The groups that the caller needs. A loader of sources may leave the others out, and none of them is missed:
   // no filter needs them. Empty, as at first: all are wanted.
   void SetWanted(core::IniFile::GroupFilter isWanted) { _isWanted = std::move(isWanted); }
   const core::IniFile::GroupFilter& GetWanted() const { return _isWanted; }

@@ -37,14 +37,16 @@ class StoreLoader;
 //
 // Threads: every operation may be called from any thread. Callbacks run on the thread that made the change, after
 //          "SettingsMutex" is released, one change at a time; they may read the store and must not change it: a
-//          callback that tries gets an exception, and nothing is changed.
+//          callback that tries gets an exception, and nothing is changed. Changes that several threads make at once
+//          may be announced in another order: a subscriber that wants the newest values reads the store.
 // Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
 //          notification gate comes first of all, then the dispatcher's mutex.
 // Owns:    nothing that is passed in; persister, loader and filter outlive the store.
 // Methods: many, as it is the one door to the store for hosts: each is a few lines over StoreDocuments, which keeps the
 //          documents, StoreChange, which changes them, StoreLoader and ChangeNotifier.
 // Errors:  those of persister, loader, filters and documents pass through. A save that fails keeps the change in memory
-//          and tells nobody. Of its own only RefusedChange, by changes of a store that was given a bound.
+//          and notifies nobody. Of its own only RefusedChange, by changes of a store that was given a bound, and
+//          std::bad_alloc: both change nothing.
 class TAVIX_EXPORT SettingsManager {
  public:
   // Merge flag: change only what readers see; the user settings, and so the saved copy, stay as they are.
@@ -134,7 +136,7 @@ class TAVIX_EXPORT SettingsManager {
   size_t CountNameBytes() const;
 
   // Another number, which no store ever had before, once anything that readers see may have changed. Asked before and
-  // after a read, it tells whether something may have changed meanwhile.
+  // after a read, it shows whether something may have changed meanwhile.
   unsigned long long GetVersion() const;
 
   // Bounds; 0, as at first: none. Loading passes any. A change that would pass one is not carried out: it throws
@@ -158,7 +160,7 @@ class TAVIX_EXPORT SettingsManager {
   void MergeSettings(const core::IniFile& settings, unsigned int flags, ChangeTicket& ticket);
 
   // Merges "settings" if readers see every value of "test", as one step. Returns whether it did; if not, nobody is
-  // told.
+  // notified.
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, ChangeTicket& ticket);
 
@@ -191,8 +193,8 @@ class TAVIX_EXPORT SettingsManager {
   void SetMaxAlikePatterns(size_t max);
   void SetCallsInPieces(bool callsInPieces);
 
-  // Held during every notification. Whoever must take a lock that callbacks take, and then the dispatcher's, takes this
-  // one before both; it comes before every other lock.
+  // Held during every notification. It comes before every other lock: a thread that needs a lock that callbacks take,
+  // and then the dispatcher's, takes this one before both.
   osa::Mutex& GetNotificationGate() const;
 
   // The merge itself; the caller holds the write lock, filters and notifies.

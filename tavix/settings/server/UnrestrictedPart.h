@@ -9,6 +9,8 @@ namespace tavix::settings::server {
 
 // What of a document clients may write: the document itself, which outlives the object, unless something has to be left
 // out.
+//
+// Threads: as the document.
 class UnrestrictedPart {
  public:
   explicit UnrestrictedPart(const core::IniFile& settings)
