@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "tavix/core/Logger.h"
 #include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/SettingGuess.h"
@@ -11,11 +12,14 @@ namespace tavix::settings {
 
 namespace {
 
+// The exception's text is fixed, so the log has what was probably meant.
 [[noreturn]] void FailToParse(const std::string& text) {
-  const std::optional<common::GuessedSetting> guess = common::GuessSetting(text);
-  if (!guess) throw osa::Exception("Failed to parse '%s' as a SettingLocator", text.c_str());
-  throw osa::Exception("Failed to parse '%s' as a SettingLocator: one setting is '[%s]%s'", text.c_str(),
-                       guess->group.c_str(), guess->key.c_str());
+  if (const std::optional<common::GuessedSetting> guess = common::GuessSetting(text)) {
+    core::Logger::GetLogger("SettingLocator")
+        ->Warning("'%s' is no setting: one setting is '[%s]%s'", text.c_str(), guess->group.c_str(),
+                  guess->key.c_str());
+  }
+  throw osa::Exception("Failed to parse '%s' as a SettingLocator", text.c_str());
 }
 
 }  // namespace

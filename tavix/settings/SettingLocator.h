@@ -12,7 +12,7 @@ struct TAVIX_EXPORT SettingLocator {
 
   // Parses "[group]key": what stands before the first bracket is ignored, and the key may itself hold brackets. Throws
   // osa::Exception "Failed to parse '%s' as a SettingLocator"; where it is known what was meant, as with
-  // "Video.Main.fps", with ": one setting is '[Video/Main]fps'" behind it.
+  // "Video.Main.fps", the log has the right form at warning.
   explicit SettingLocator(const std::string& text);
 
   std::string group;

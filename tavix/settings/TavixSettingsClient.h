@@ -39,9 +39,9 @@ class TavixSettingsClientImpl;
 //          anything is sent. MultiThreaded: "Lock Timeout..." when there is no connection within 10 s, "NAME failed to
 //          communicate with tavix-settings-server" when it was lost before the reply, or before this call with nobody
 //          waiting: the first call after a lost connection fails. SingleThreaded: "Failed to connect to
-//          tavix-settings-server..." after five tries. Where no connection was made, both texts go on with the address,
-//          the reason and for how long it was tried; the log has that once, at warning. Writes have no reply: that they
-//          return says they were sent, and a request whose reply was lost may have been carried out.
+//          tavix-settings-server" after five tries. Where no connection was made, the log has the address, the reason
+//          and for how long it was tried, once, at warning; the first text goes on with them. Writes have no reply: that
+//          they return says they were sent, and a request whose reply was lost may have been carried out.
 class TAVIX_EXPORT TavixSettingsClient {
  public:
   // The numbers are part of the interface.

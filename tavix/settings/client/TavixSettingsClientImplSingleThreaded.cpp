@@ -111,8 +111,7 @@ void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteComman
     }
     CloseConnection();
   }
-  const std::string failure = _pConnection->DescribeFailure();  // empty: connections were made, and lost
-  throw osa::Exception("Failed to connect to tavix-settings-server%s%s", failure.empty() ? "" : ": ", failure.c_str());
+  throw osa::Exception("Failed to connect to tavix-settings-server");  // the log has the reason
 }
 
 // After a failed exchange the rest of a reply may still be on its way: it must not meet the next request.

@@ -16,9 +16,9 @@ class TavixSettingsConnection;
 //
 // Threads: any; calls run one after the other.
 // Errors:  an exchange that fails is made again, with a new connection, up to five times in all; then osa::Exception
-//          "Failed to connect to tavix-settings-server", and why when no connection was made. A request whose reply was
-//          lost may so reach the server twice. A server that is there but never answers is waited for without limit.
-//          Subscribe always throws.
+//          "Failed to connect to tavix-settings-server"; the log has the reason. A request whose reply was lost may so
+//          reach the server twice. A server that is there but never answers is waited for without limit. Subscribe
+//          always throws.
 class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
  public:
   // connection: taken over. Does not connect.

@@ -290,12 +290,7 @@ TEST(TavixSettingsClientImplSingleThreaded, WithoutAServerACallFailsAfterFiveTim
   const Client client;
   long took = 0;
   const auto messages = LogOf([&] {
-    took = MillisecondsOf([&] {
-      EXPECT_THAT([&] { client.Get(); },
-                  testing::ThrowsMessage<Exception>(testing::MatchesRegex(
-                      std::string(kFailed) + ": Failed to connect to 127\\.0\\.0\\.1 port " +
-                      std::to_string(server.GetPort()) + ": Connection refused \\(tried for [0-9.]+ s\\)")));
-    });
+    took = MillisecondsOf([&] { EXPECT_THAT([&] { client.Get(); }, testing::ThrowsMessage<Exception>(kFailed)); });
   });
   EXPECT_GE(took, 20000);
   if (tavix::test::IsLongRun()) {
