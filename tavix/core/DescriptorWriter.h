@@ -6,8 +6,8 @@
 
 namespace tavix::core {
 
-// Writes lines to a descriptor that it does not own, for example standard error, and never waits for a process that reads
-// what it wrote.
+// Writes lines to a descriptor that it does not own, for example standard error, and never waits for a process that
+// reads what it wrote.
 //
 // Whether a pipe or a terminal makes its writers wait is a property that all processes share which have it, and theirs
 // to choose: it stays as it is. Where /proc does not let it open them again, a terminal that has room for a part of a

@@ -99,8 +99,9 @@ class TAVIX_EXPORT Logger {
   // moved away is made again. A file that may not be used is refused with a warning, and logging goes on as before.
   static void ModifyLogRotateConf(const std::string& file, const std::string& group);
 
-  // The only directory in and below which log files are written, so that a client that may write settings can't choose what a
-  // privileged process overwrites. A file name without "/" lies in it. Links are never followed. Default: /var/log.
+  // The only directory in and below which log files are written, so that a client that may write settings can't choose
+  // what a privileged process overwrites. A file name without "/" lies in it. Links are never followed. Default:
+  // /var/log.
   static void SetLogFileDirectory(const std::string& directory);
 
  private:

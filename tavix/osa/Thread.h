@@ -11,8 +11,8 @@ namespace tavix::osa {
 
 // One joinable thread that runs a Runnable once.
 //
-// Stack:   the size given is what the runnable's own code may use. Added here are 256 KiB for code of the user's that it
-//          calls, such as callbacks; what the C library and the exception machinery need (name resolution, a first
+// Stack:   the size given is what the runnable's own code may use. Added here are 256 KiB for code of the user's that
+//          it calls, such as callbacks; what the C library and the exception machinery need (name resolution, a first
 //          throw, the system log); and a guard page. It is mapped: memory is taken by what is used of it alone.
 // Signals: asynchronous signals are blocked on the thread; the host's handlers run on the host's own threads.
 // Errors:  an exception that leaves Run is reported with the thread's name and ends that thread alone, not the process.

@@ -19,8 +19,8 @@ struct TimeStruct {
 // Reads the monotonic clock into "out".
 TAVIX_EXPORT void TimeMonotonic(TimeStruct& out);
 
-// The moment at which a time limit ends, on the monotonic clock: a jump of the wall clock neither fires nor freezes it. A
-// plain value.
+// The moment at which a time limit ends, on the monotonic clock: a jump of the wall clock neither fires nor freezes it.
+// A plain value.
 class TAVIX_EXPORT Deadline {
  public:
   using Clock = std::chrono::steady_clock;

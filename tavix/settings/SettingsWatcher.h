@@ -63,7 +63,8 @@ class TAVIX_EXPORT SettingsWatcher {
 
   // The same for an enumeration: the setting is one of the names, exactly.
   //
-  //     watcher.AddSetting("Video/Main", "codec", &codec, Codec::kH264, {{"h264", Codec::kH264}, {"h265", Codec::kH265}});
+  //     watcher.AddSetting("Video/Main", "codec", &codec, Codec::kH264,
+  //                        {{"h264", Codec::kH264}, {"h265", Codec::kH265}});
   template <class Enum>
   void AddSetting(const std::string& group, const std::string& key, Enum* target, Enum def,
                   std::initializer_list<std::pair<const char*, Enum>> names) {

@@ -31,17 +31,18 @@ class TavixSettingsClientImpl;
 // Threads: any thread may call. In MultiThreaded modes callbacks run on the client's own thread "TavixSettings", from
 //          which no call that waits for a reply can be made: it throws. In Local mode they run inside the call that
 //          made the change, and must not change settings, subscribe or unsubscribe.
-// Forks:   a forked process leaves the client to its parent: what it does reaches no connection of the parent's. In modes
-//          with threads, 0, 3 and 4, its reads, changes and subscriptions throw, all else does nothing; a SingleThreaded
-//          client connects anew; a Local one goes on with a copy. No other thread is to be inside of a call meanwhile.
+// Forks:   a forked process leaves the client to its parent: what it does reaches no connection of the parent's. In
+//          modes with threads, 0, 3 and 4, its reads, changes and subscriptions throw, all else does nothing; a
+//          SingleThreaded client connects anew; a Local one goes on with a copy. No other thread is to be inside of a
+//          call meanwhile.
 // Owns:    no callback; each stays valid until it was unsubscribed, in Local mode until the client is gone.
 // Errors:  osa::Exception. In remote modes a group name or pattern that holds a line break or is "." is refused before
 //          anything is sent. MultiThreaded: "Lock Timeout..." when there is no connection within 10 s, "NAME failed to
 //          communicate with tavix-settings-server" when it was lost before the reply, or before this call with nobody
 //          waiting: the first call after a lost connection fails. SingleThreaded: "Failed to connect to
 //          tavix-settings-server" after five tries. Where no connection was made, the log has the address, the reason
-//          and for how long it was tried, once, at warning; the first text goes on with them. Writes have no reply: that
-//          they return says they were sent, and a request whose reply was lost may have been carried out.
+//          and for how long it was tried, once, at warning; the first text goes on with them. Writes have no reply:
+//          that they return says they were sent, and a request whose reply was lost may have been carried out.
 class TAVIX_EXPORT TavixSettingsClient {
  public:
   // The numbers are part of the interface.
@@ -104,12 +105,13 @@ class TAVIX_EXPORT TavixSettingsClient {
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge);
 
   // Merges "settings" as one step, altogether or not at all, and returns what became of it. It waits for the store's
-  // answer, and a server that keeps changes gives that once the disk has them. The second form is made only if the store
-  // holds every value of "expected".
+  // answer, and a server that keeps changes gives that once the disk has them. The second form is made only if the
+  // store holds every value of "expected".
   //
-  // MergeSettings, in contrast, leaves out in silence what is refused. Stores in the process save nothing: kNotKept. Over
-  // TCP the server is asked over a connection of its own whether it keeps changes, and kDone is returned when it can't
-  // tell. SingleThreaded: a request whose answer was lost is made again, so that kConditionFailed may mean that the first one was carried out.
+  // MergeSettings, in contrast, leaves out in silence what is refused. Stores in the process save nothing: kNotKept.
+  // Over TCP the server is asked over a connection of its own whether it keeps changes, and kDone is returned when it
+  // can't tell. SingleThreaded: a request whose answer was lost is made again, so that kConditionFailed may mean that
+  // the first one was carried out.
   [[nodiscard]] Outcome Apply(const core::IniFile& settings);
   [[nodiscard]] Outcome Apply(const core::IniFile& expected, const core::IniFile& settings);
 

@@ -13,8 +13,8 @@ namespace tavix::settings::server {
 class ISettingsSerializer;
 
 // The texts of the notices that a thread composed last. The subscribers of a change are sent notices one after
-// the other, on one thread: nearly all of them get the same bytes, which need not be made anew, nor kept twice, while the
-// store is as it was.
+// the other, on one thread: nearly all of them get the same bytes, which need not be made anew, nor kept twice, while
+// the store is as it was.
 //
 // Threads: each has its own.
 // Memory:  a text lives until the round ends, and as long as others keep it. Beyond a megabyte the oldest ones are left
