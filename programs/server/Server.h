@@ -34,6 +34,7 @@ class SettingsStore;
 // Accepts connections and hands them to a few event loops in turn.
 //
 // Threads: one thread constructs, runs and destroys it.
+// Members: many, as it owns what all connections share: bounds, counters, places, the lane, the loops.
 class Server {
  public:
   // Connections queue at the listeners until Run. store and counters outlive the server.

@@ -22,6 +22,7 @@ class ViewIstream;
 //            in memory of 4 MiB or more are read, and 10,000 groups or more are copied, by the caller's thread and one
 //            more.
 // Errors:    osa::Exception that names the source, the line and what stands there. A load that fails changes nothing.
+// Methods:   many, as documents are what everything here is made of; all are a few lines over one map.
 class TAVIX_EXPORT IniFile {
  public:
   using KeyMap = std::map<std::string, std::string>;

@@ -43,6 +43,7 @@ class TavixSettingsClientImpl;
 //          tavix-settings-server" after five tries. Where no connection was made, the log has the address, the reason
 //          and for how long it was tried, once, at warning; the first text goes on with them. Writes have no reply:
 //          that they return says they were sent, and a request whose reply was lost may have been carried out.
+// Methods: many, as each operation has forms for one group and for several; all are a few lines over the mode's client.
 class TAVIX_EXPORT TavixSettingsClient {
  public:
   // The numbers are part of the interface.

@@ -48,6 +48,8 @@ namespace tavix::daemon {
 // Threads: its loop's, but for what other threads' notices write to its output, and the lane's Run. While a request is
 //          in the lane, the handler and the request's text are the lane's thread's.
 // Errors:  what the memory does not suffice for is thrown; the connection is then to be destroyed.
+// Methods: many: what a loop calls for each event, what the lane calls, and the short steps between them. The members
+//          are the parts of a connection (input, output, handler, bounds of time), which only it brings together.
 class Connection : private SlowLane::IJob {
  public:
   using Clock = std::chrono::steady_clock;

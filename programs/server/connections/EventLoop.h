@@ -34,6 +34,7 @@ namespace tavix::daemon {
 // Locks:   its own mutex; not held while a connection is served.
 // Errors:  what a connection's work throws ends that connection. Anything else ends the loop with all of its
 //          connections.
+// Methods: many; each step of a round is one, and all work on the lists of connections that one thread owns.
 class EventLoop {
  public:
   // Starts the thread. shared: what it refers to outlives the loop. onFailure: called when the loop has ended by

@@ -36,6 +36,8 @@ namespace tavix::daemon {
 // Locks:   its own mutex, outside the gate's.
 // Errors:  a peer that is gone, more bytes than may be kept, and memory that runs out break the queue for ever: writers
 //          fail, kept bytes go.
+// Methods: many: those of three interfaces (the handler's output, the gate's caller, a stream) and the loop's, over the
+//          kept bytes and holds that one mutex guards.
 class OutputQueue : public settings::server::IClientOutput,
                     public IHeldOutput,
                     public std::enable_shared_from_this<OutputQueue>,

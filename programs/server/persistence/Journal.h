@@ -26,7 +26,7 @@ namespace tavix::daemon {
 // snapshot that takes the journal's place; if that fails the journal goes on, and FillAgain lets it fill ahead again.
 //
 // Its many members are three parts of one file, which one record moves together: where the records end, how far the
-// file is filled, and where it stands.
+// file is filled, and where it stands. Its many methods are the steps of that order, and questions about the three.
 //
 // Threads: one appends, or gives room back, while another syncs records or the name; taking the place is for one at a
 //          time.

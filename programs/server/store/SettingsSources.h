@@ -24,6 +24,7 @@ namespace tavix::daemon {
 // Groups that no list of names can hold are left out of defaults and restricted settings, with a warning.
 // Errors:  loading throws osa::Exception naming the file, and the line where there is one; of the user settings, for
 //          those alone that can't be read for a reason that is not the disk's.
+// Members: many: where the layers' files are, what a check collects, and what was found by loads so far.
 class SettingsSources : public ILayerSources, public settings::server::IRestrictedSettingsLoader {
  public:
   // What came of one file.

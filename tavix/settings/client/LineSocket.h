@@ -20,6 +20,8 @@ namespace tavix::settings::client {
 // Owns:    the descriptor.
 // Errors:  ProtocolException. Each closes the connection. What else is thrown, such as std::bad_alloc, does not: the
 //          caller closes it.
+// Methods: many: those for calls, for lines out, for lines in, and for notices between calls, over one descriptor and
+//          one deadline.
 class LineSocket {
  public:
   using Clock = std::chrono::steady_clock;

@@ -37,6 +37,7 @@ class ProtocolExchange;
 //          destroy it.
 // Owns:    the connection. Functions that are passed in are called by the calls of this object, on their thread; what
 //          they throw passes through, and the connection is closed.
+// Methods: one for each request of the protocol, and those for notices.
 class TAVIX_EXPORT ProtocolClient {
  public:
   using Groups = std::set<std::string>;

@@ -29,6 +29,7 @@ namespace tavix::settings::client {
 //
 // Threads: one.
 // Errors:  ProtocolException; what the trace and the progress throw, and std::bad_alloc, pass through.
+// Methods: some more than twenty; they are the steps of a call in the order above.
 class ProtocolExchange {
  public:
   using Clock = LineSocket::Clock;

@@ -49,6 +49,7 @@ class TavixSettingsConnection;
 // Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply
 //          behind: the worker reads that reply into the command's own document and drops it. A reply whose keyword is
 //          the wrong one fails the caller it was for, and what follows of it is dropped.
+// Methods: the operations of every client, and the worker's steps; the members are what callers and worker share.
 class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImpl, public osa::Runnable {
  public:
   // connection: taken over, unless this throws. Starts the worker, which connects.

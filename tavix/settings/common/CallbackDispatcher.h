@@ -26,6 +26,8 @@ namespace tavix::settings::common {
 //          is released every few microseconds.
 // Cost:    a change costs what it is long and whom it concerns, however many others have subscribed.
 // Owns:    no callback; each stays valid until it is removed.
+// Methods: many, as the same operations exist for a name, for names and for a matcher; what they do is in
+//          Subscriptions, SmallChange and ChangeRound.
 class TAVIX_EXPORT CallbackDispatcher {
  public:
   CallbackDispatcher();

@@ -45,6 +45,7 @@ struct ServerEnv;
 //          of step and must end. A request that the end of the input cuts off changes nothing. A notice that can't be
 //          written breaks the output and is nobody else's trouble. Once the output is broken, or the observer says that
 //          nobody reads it, replies and notices are not made any more; requests are read, and changes are made.
+// Methods: one for each command of the protocol, as CommandTable wants them, beside those that hosts call.
 class TAVIX_EXPORT ClientHandler : public IChangeCallback {
  public:
   ClientHandler(ServerEnv* env, std::istream* in, std::ostream* out);

@@ -41,7 +41,9 @@ class MsgDispatcher {
   MsgDispatcher();
   void Call(ClientHandler& handler, const CommandTable::Command& command, std::string_view args, bool traces);
 
-  Count& GetCount(const CommandTable::Command& command) const { return _counts[&command - CommandTable::begin()]; }
+  Count& GetCount(const CommandTable::Command& command) const {
+    return _counts[static_cast<size_t>(&command - CommandTable::begin())];
+  }
 
   static std::atomic<MsgDispatcher*> s_pInstance;
 

@@ -20,6 +20,7 @@ namespace tavix::settings::server {
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
+// Methods: some more than twenty: the steps before the lock, those under it, and those that take groups back.
 class DocumentPlan {
  public:
   explicit DocumentPlan(StoreDocuments::Which which) : _which(which) {}
