@@ -25,8 +25,10 @@ const CLI::App* FindCommand(const CLI::App& app, const std::string& word) {
   return nullptr;
 }
 
+// A negative number is no option. Of "--name=VALUE" the value alone may be marked.
 bool LooksLikeOption(const std::string& word) {
-  return word.size() > 1 && word.front() == '-';
+  const bool isNumber = word.rfind(kEndOfOptions, 0) != 0 && MarkWord(word) != word;
+  return word.size() > 1 && word.front() == '-' && !isNumber;
 }
 
 }  // namespace
@@ -50,10 +52,9 @@ std::string WordMarker::MarkNext(const std::string& word) {
     _isOptionValue = false;
     return word == kEndOfOptions ? MarkAnyWord(word) : MarkWord(word);
   }
-  const bool isMarked = MarkWord(word) != word;  // a negative number is no option
-  if (!_isAsItIs && !IsValue() && !isMarked && LooksLikeOption(word)) {
+  if (!_isAsItIs && !IsValue() && LooksLikeOption(word)) {
     _isOptionValue = TakesNextWord(word);
-    return word;
+    return MarkWord(word);
   }
   const CLI::App* const command = FindCommand(*_command, word);
   if (command != nullptr) {

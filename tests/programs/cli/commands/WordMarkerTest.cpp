@@ -46,6 +46,18 @@ TEST(WordMarker, StepsOverTheValuesOfOptions) {
   EXPECT_EQ(Mark({"get", "A", "--default", "--"}), Words({"get", "A", "--default", "!--"}));
 }
 
+TEST(WordMarker, TakesAnOptionWithItsValueInOneWordForNoSetting) {
+  for (const std::string option : {"--server=", "--if=", "--default="}) {
+    for (const std::string value : {"[::1]:7211", "{}", "%d", "-5", ""}) {
+      EXPECT_EQ(Mark({"set", option + value, "G", "--dry-run", "k=v"}),
+                Words({"set", option + "\x01" + value, "G", "--dry-run", "k=v"}));
+      EXPECT_EQ(Mark({"set", option + value, "G", "k", "-h"}),
+                Words({"set", option + "\x01" + value, "G", "k", "!-h"}));
+    }
+  }
+  EXPECT_EQ(Mark({"set", "-5", "k", "-h"}), Words({"set", "!-5", "k", "!-h"}));
+}
+
 TEST(WordMarker, MarksAllBehindTheEndOfOptions) {
   EXPECT_EQ(Mark({"get", "--", "-x", "--json", "--"}), Words({"get", "!-x", "!--json", "!--"}));
   EXPECT_EQ(Mark({"set", "A", "x", "--", "-h"}), Words({"set", "A", "x", "!-h"}));

@@ -45,6 +45,14 @@ TEST_F(SetCommand, TakesAnyValueAsItIs) {
   }
 }
 
+TEST_F(SetCommand, TakesAnOptionBehindAnOptionWithItsValueInOneWord) {
+  ExpectRun({"set", "--if=[Device/Identity]name=Camera", "G", "--dry-run", "k=v"}, 0, "+[G]k=v\n", "");
+  ExpectRun({"set", "--if=[Device/Identity]name=Camera", "G", "k", "-h"}, 0, "", "done: 1 setting\n");
+  EXPECT_EQ(AskUser(), "[G]\nk=-h\n.\n");
+  ExpectRun({"set", "--server=[::1]:1", "G", "--volatile", "k=v", "--if=[A]b=c"}, 2, "",
+            "tavix-settings: --volatile and --if can't go together: a change with a condition is always saved\n");
+}
+
 TEST_F(SetCommand, TakesTheWordBehindGroupAndKeyWhateverItLooksLike) {
   for (const std::string value : {"-h", "--help", "--json", "--dry-run", "-q", "set"}) {
     ExpectRun({"set", "W", "w", value, "[W]v", value, "-q"}, 0, "", "");
