@@ -7,6 +7,7 @@ from typing import NamedTuple, Optional
 
 DEFAULT_PORT = 7211
 VARIABLE = "TAVIX_SETTINGS_SERVER"
+FILE_VARIABLE = "TAVIX_SETTINGS_LOCALFILE"
 _LABEL = "tavix-settings-server"
 _HOSTS = "/etc/hosts"
 _UNIX = "unix:"
@@ -29,9 +30,15 @@ class Address(NamedTuple):
 
 def find_address(text: Optional[str]) -> Address:
     """HOST, HOST:PORT, [V6], [V6]:PORT or unix:PATH. None: what the variable TAVIX_SETTINGS_SERVER or the hosts
-    database say of the daemon, else 127.0.0.1. Throws ValueError, which names the source."""
+    database say of the daemon, else 127.0.0.1. Throws ValueError, which names the source.
+
+    TAVIX_SETTINGS_LOCALFILE sends programs to a file instead, which this package can't be a store of: without an
+    address it is an error, as the daemon's settings are not to be touched then."""
     if text is not None:
         return _parse(text, "address")
+    if FILE_VARIABLE in os.environ:
+        file = os.environ[FILE_VARIABLE]
+        raise ValueError(f"{FILE_VARIABLE} names file {file!r}, which Python can't use: unset it or give an address")
     from_environment = os.environ.get(VARIABLE)
     if from_environment is not None:
         return _parse(from_environment, VARIABLE)

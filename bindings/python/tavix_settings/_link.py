@@ -20,6 +20,7 @@ from ._errors import ClosedError, ConnectionLostError, SettingsTimeoutError
 _CHUNK = 256 * 1024
 _IN_PROGRESS = (errno.EINPROGRESS, errno.EALREADY)
 _QUEUE_FULL_DELAY = 0.02
+_MAX_POLL = 24 * 60 * 60.0  # seconds; poll() takes milliseconds, of which a C int holds 24 days
 _FLAGS = socket.SOCK_NONBLOCK | socket.SOCK_CLOEXEC
 
 Candidate = Tuple[int, Any]  # family, and what connect() takes
@@ -100,7 +101,7 @@ def _make_poll(what: Optional[socket.socket], events: int, waker: Optional[Waker
 def _wait(poll: select.poll, deadline: Optional[float], waker: Optional[Waker], address: object) -> bool:
     """False: the deadline has passed."""
     while True:
-        left = None if deadline is None else max(0.0, deadline - time.monotonic())
+        left = None if deadline is None else min(max(0.0, deadline - time.monotonic()), _MAX_POLL)
         # Rounded up: a wait that ends too early would be repeated with nothing left to wait for.
         ready = poll.poll(None if left is None else int(left * 1000) + (left > 0))
         if waker is not None and any(descriptor == waker.fileno() for descriptor, _ in ready):
@@ -144,16 +145,15 @@ class Link:
             try:
                 rest = rest[self._open().send(rest, socket.MSG_NOSIGNAL) :]
             except (BlockingIOError, InterruptedError):
-                self._wait_for(_make_poll(self._open(), select.POLLOUT, self._waker), deadline)
+                self._wait_for(self._make_poll(select.POLLOUT), deadline)
             except OSError as error:
                 raise lost(self._address, error.strerror or str(error)) from None
 
     def receive(self, deadline: Optional[float]) -> bytes:
         """At least one byte; nothing at the connection's end."""
         while True:
-            connected = self._open()
             if self._readable is None:
-                self._readable = _make_poll(connected, select.POLLIN, self._waker)
+                self._readable = self._make_poll(select.POLLIN)
             self._wait_for(self._readable, deadline)
             try:
                 return self._open().recv(_CHUNK)
@@ -191,6 +191,13 @@ class Link:
         if connected is None:
             raise lost(self._address, "it was closed")
         return connected
+
+    def _make_poll(self, events: int) -> select.poll:
+        connected = self._open()
+        try:
+            return _make_poll(connected, events, self._waker)
+        except ValueError:  # a signal's handler has closed it in between
+            raise lost(self._address, "it was closed") from None
 
     def _wait_for(self, poll: select.poll, deadline: Optional[float]) -> None:
         if not _wait(poll, deadline, self._waker, self._address):

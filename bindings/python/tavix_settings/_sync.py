@@ -119,7 +119,8 @@ class Store:
         self._in_turn(self._connect)
 
     def close(self) -> None:
-        """Ends the connection. A call of another thread that waits gets a ClosedError; later calls do, too."""
+        """Ends the connection. A call of another thread that waits gets a ClosedError, with outcome_unknown if its
+        change may have been made; later calls get one, too."""
         self._is_closed = True
         connection = self._connection
         if connection is None:
@@ -271,11 +272,12 @@ class Store:
             if not self._turns.take(ticket, deadline):
                 raise SettingsTimeoutError(f"calls of other threads to {self._address} took all the time")
             return action(deadline)
-        except BaseException:
+        except BaseException as error:
             if self._turns.has(ticket):
                 self._drop_if_cut_short()
-            if self._is_closed:
-                raise self._closed() from None
+            # An interrupt, or what a signal's handler raises, is for the caller whether the store is open or not.
+            if self._is_closed and isinstance(error, SettingsError):
+                raise self._closed(outcome_unknown=error.outcome_unknown) from None
             raise
         finally:
             if self._is_closed and self._turns.has(ticket):
@@ -355,8 +357,8 @@ class Store:
             connection.link.close()
             self._writes.note_connection_gone()
 
-    def _closed(self) -> ClosedError:
-        return ClosedError(f"the store {self._address} was closed")
+    def _closed(self, *, outcome_unknown: bool = False) -> ClosedError:
+        return ClosedError(f"the store {self._address} was closed", outcome_unknown=outcome_unknown)
 
     def _require_usable(self) -> None:
         if self._is_closed:
@@ -445,10 +447,10 @@ class Watch(Generic[C], Iterator[C]):
         try:
             with self._lock:
                 change = None if self._is_closed else self._next(deadline)
-        except BaseException:
+        except BaseException as error:
             was_closed = self._is_closed
             self.close()
-            if was_closed:
+            if was_closed and isinstance(error, Exception):
                 raise StopIteration from None
             raise
         if change is None:

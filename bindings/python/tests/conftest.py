@@ -17,6 +17,9 @@ DEFAULTS = {
     "Network/Wlan0": {"enabled": "false"},
 }
 RESTRICTED = {"Secure/Wlan0": {"passphrase": "example"}}
+for variable in ("TAVIX_SETTINGS_SERVER", "TAVIX_SETTINGS_LOCALFILE"):  # of whoever runs the tests
+    os.environ.pop(variable, None)
+
 PATIENCE = 60.0  # seconds that an event may take; machines of tests stand still at times
 
 

@@ -1,5 +1,6 @@
 """Connections that are lost, silent, wrong or somebody else's."""
 
+import math
 import os
 import threading
 import time
@@ -42,6 +43,19 @@ def test_an_address_that_is_none_is_a_value_error(connect, address, problem, mon
     monkeypatch.setenv("TAVIX_SETTINGS_SERVER", address)
     with pytest.raises(ValueError, match=f"TAVIX_SETTINGS_SERVER: .*{problem}"):
         connect(None)
+
+
+def test_a_file_in_the_place_of_the_daemon_is_a_value_error(connect, daemon, monkeypatch):
+    monkeypatch.setenv("TAVIX_SETTINGS_LOCALFILE", "/some/file.ini")
+    monkeypatch.setenv("TAVIX_SETTINGS_SERVER", daemon.address)
+    with pytest.raises(ValueError, match="TAVIX_SETTINGS_LOCALFILE names file '/some/file.ini'"):
+        connect(None)
+    assert connect(daemon.address).get("Network/Eth0", "dhcp") == "true"
+
+
+@pytest.mark.parametrize("timeout", [30 * 24 * 60 * 60, math.inf])
+def test_a_call_may_have_more_time_than_the_system_waits_at_once(connect, daemon, timeout):
+    assert connect(daemon.address, timeout=timeout).get("Network/Eth0", "dhcp") == "true"
 
 
 def test_silence_ends_with_the_time_out(connect):

@@ -1,6 +1,7 @@
 """What only a store that waits has: threads, signals, forks of a watch."""
 
 import gc
+import math
 import os
 import random
 import signal
@@ -74,6 +75,76 @@ def test_close_ends_calls_of_other_threads():
         closer.join()
 
 
+def test_close_during_a_write_leaves_its_outcome_unknown():
+    is_asked = threading.Event()
+
+    def serve(connection, number):
+        read_request(connection)
+        is_asked.set()
+        wait_for_end(connection)
+
+    for call, is_unknown in ((lambda: store.set("A", {"x": "1"}), True), (lambda: store.get("A", "x"), False)):
+        is_asked.clear()
+        with Peer(serve) as peer:
+            store = tavix_settings.connect(peer.address, timeout=None)
+            closer = threading.Thread(target=lambda: (is_asked.wait(PATIENCE), store.close()))
+            closer.start()
+            with pytest.raises(tavix_settings.ClosedError) as caught:
+                call()
+            closer.join()
+        assert caught.value.outcome_unknown == is_unknown
+
+
+@pytest.fixture
+def on_alarm():
+    """Runs a function, once, as the handler of a signal."""
+    previous = signal.getsignal(signal.SIGALRM)
+    yield lambda function: signal.signal(signal.SIGALRM, lambda *_: function())
+    signal.signal(signal.SIGALRM, previous)
+
+
+def alarm_when_asked(connection, _):
+    read_request(connection)
+    os.kill(os.getpid(), signal.SIGALRM)
+    wait_for_end(connection)
+
+
+@pytest.mark.parametrize("kind", [KeyboardInterrupt, RuntimeError])
+def test_an_interrupt_of_a_store_that_is_closed_stays_what_it_is(on_alarm, kind):
+    def interrupt():
+        store.close()
+        raise kind
+
+    on_alarm(interrupt)
+    with Peer(alarm_when_asked) as peer:
+        store = tavix_settings.connect(peer.address, timeout=None)
+        with pytest.raises(kind):
+            store.set("A", {"x": "1"})
+
+
+def test_an_interrupt_of_a_watch_that_is_closed_stays_what_it_is(on_alarm):
+    def interrupt():
+        watch.close()
+        raise KeyboardInterrupt
+
+    def serve(connection, number):
+        read_request(connection, b"get delimited\nA\n.\n")
+        connection.sendall(b"data\n.\n")
+        assert is_read.wait(PATIENCE)
+        wait_for_next(watch)
+        os.kill(os.getpid(), signal.SIGALRM)
+        wait_for_end(connection)
+
+    is_read = threading.Event()
+    on_alarm(interrupt)
+    with Peer(serve) as peer:
+        store = tavix_settings.Store(find_address(peer.address), None)
+        watch = store.watch("A")
+        is_read.set()
+        with pytest.raises(KeyboardInterrupt):
+            next(watch)
+
+
 def test_a_store_that_is_closed_while_it_connects_stays_closed(daemon):
     class ClosedWhileConnecting(tavix_settings.Store):
         def _open_link(self, deadline, waker):
@@ -109,14 +180,28 @@ def test_leaving_the_loop_leaves_nothing_of_a_watch(store):
     assert threading.active_count() == 1
 
 
+def wait_for_next(watch):
+    """Returns when another thread is in next()."""
+    while watch._lock.acquire(blocking=False):
+        watch._lock.release()
+        time.sleep(0.001)
+
+
+@pytest.mark.parametrize("timeout", [30 * 24 * 60 * 60, math.inf])
+def test_a_watch_may_have_more_time_than_the_system_waits_at_once(store, timeout):
+    with store.watch("A", timeout=timeout) as watch:
+        writer = threading.Thread(target=lambda: (wait_for_next(watch), store.set("A", {"x": "1"})))
+        writer.start()
+        assert next(watch).new == "1"
+        writer.join()
+
+
 def test_ctrl_c_ends_a_watch(store):
     before = count_descriptors()
     watch = store.watch("*")
 
     def interrupt():
-        while watch._lock.acquire(blocking=False):  # until the other thread is in next()
-            watch._lock.release()
-            time.sleep(0.001)
+        wait_for_next(watch)
         os.kill(os.getpid(), signal.SIGINT)
 
     interrupter = threading.Thread(target=interrupt)

@@ -55,7 +55,7 @@ class _MemoryLink(Link):
 
     def receive(self, deadline: Optional[float]) -> bytes:
         with self._shared.arrived:
-            left = None if deadline is None else deadline - time.monotonic()
+            left = None if deadline is None else min(deadline - time.monotonic(), threading.TIMEOUT_MAX)
             if not self._shared.arrived.wait_for(self._can_receive, left):
                 raise _link.silent(ADDRESS)
             if self._memory_waker is not None and self._memory_waker.is_awake:
