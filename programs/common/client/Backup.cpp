@@ -109,9 +109,11 @@ IniFile SelectGroups(IniFile settings, const std::set<std::string>& groups) {
 }
 
 IniFile SelectUserGroups(IniFile layer, const std::set<std::string>& groups) {
+  if (groups.empty()) return layer;
   std::set<std::string> deleted;
-  if (!groups.empty() && layer.HasGroup(kDeletedGroups)) {
+  if (layer.HasGroup(kDeletedGroups)) {
     for (const auto& [key, name] : layer[kDeletedGroups]) deleted.insert(name);
+    layer.RemoveGroup(kDeletedGroups);
   }
   IniFile selected = SelectGroups(std::move(layer), groups);
   settings::common::GroupNameMatcher matcher;

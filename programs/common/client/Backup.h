@@ -32,7 +32,8 @@ size_t ReadStoreEach(Session& session, const std::set<std::string>& groups, bool
 // The part of a document that groups and patterns mean; all of it without any.
 core::IniFile SelectGroups(core::IniFile settings, const std::set<std::string>& groups);
 
-// The same of a user layer: of the record of what was deleted, the groups and patterns that are meant.
+// The same of a user layer: of the record of what was deleted, the groups and patterns that are meant, even where a
+// pattern matches the name of the record too.
 core::IniFile SelectUserGroups(core::IniFile layer, const std::set<std::string>& groups);
 
 }  // namespace tavix::programs

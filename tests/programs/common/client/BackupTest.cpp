@@ -50,6 +50,7 @@ TEST(Backup, SelectsWhatUsersDeletedByTheNamesOfTheGroups) {
   const core::IniFile layer = DocumentOf("[TavixSettings/Data/DeletedGroups]\na/x=a/x\nb=b\n[a/y]\nk=1\n[c]\nk=1\n");
   EXPECT_EQ(TextOf(programs::SelectUserGroups(layer, {"a/*"})),
             "[TavixSettings/Data/DeletedGroups]\na/x=a/x\n[a/y]\nk=1\n");
+  EXPECT_EQ(TextOf(programs::SelectUserGroups(layer, {"TavixSettings/*"})), "");
   EXPECT_EQ(programs::SelectUserGroups(layer, {}).GetGroups(), layer.GetGroups());
 }
 
