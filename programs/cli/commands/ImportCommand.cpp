@@ -12,6 +12,7 @@
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Import.h"
 #include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
 
 namespace tavix::programs::cli {
 
@@ -41,32 +42,45 @@ void ShowProgress(Context& context) {
   });
 }
 
+// "reset 1 group that 'x.ini' lacks and delete 2 groups that it records as deleted".
+std::string DescribeGone(const Import::Gone& gone, bool isUserLayer, const std::string& source) {
+  const std::string deletion = "delete " + Count(gone.deleted.size(), "group") + " that ";
+  if (!isUserLayer) return deletion + "'" + source + "' lacks";
+  if (gone.reset.empty()) return deletion + "'" + source + "' records as deleted";
+  const std::string reset = "reset " + Count(gone.reset.size(), "group") + " that '" + source + "' lacks";
+  return gone.deleted.empty() ? reset : reset + " and " + deletion + "it records as deleted";
+}
+
 // A text without any group is what a command leaves that failed: nobody is asked whether that is meant.
 void ConfirmGone(Context& context, const Options& options, const Import& backup, const std::string& source,
-                 const std::set<std::string>& gone) {
-  const std::string count = Count(gone.size(), "group");
+                 const Import::Gone& gone) {
   if (backup.IsEmpty())
     throw Failure(kExitUsage,
                   std::string("a text without any ") + (options.words.empty() ? "group" : "of these groups") +
-                      " would take " + count + " away: give --yes to do it",
+                      " would take " + Count(gone.GetCount(), "group") + " away: give --yes to do it",
                   "--dry-run shows them");
-  const bool isReset = options.isUserLayer && context.GetOptions().local.empty();
-  Confirm("--replace", (isReset ? "reset " : "delete ") + count + " that '" + source + "' lacks", gone);
+  const bool isUserLayer = options.isUserLayer && context.GetOptions().local.empty();
+  std::set<std::string> names = gone.deleted;
+  names.insert(gone.reset.begin(), gone.reset.end());
+  Confirm("--replace", DescribeGone(gone, isUserLayer, source), names);
 }
 
 // What came while somebody was asked stays.
 void RequireConfirmed(const std::set<std::string>& gone, const std::set<std::string>& confirmed) {
-  for (const std::string& group : gone) {
-    if (confirmed.count(group) == 0)
-      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
-  }
+  const std::set<std::string> others = Without(gone, confirmed);
+  if (!others.empty())
+    throw Failure(kExitConditionFailed,
+                  "condition failed: there is a group '" + SpellName(*others.begin()) + "' by now");
 }
 
 Import::Result ImportConfirmed(Context& context, const Options& options, Import& backup, const std::string& source) {
-  if (!options.replaces || options.isConfirmed) return backup.Run([](const std::set<std::string>&) {});
-  const std::set<std::string> confirmed = backup.FindGone();
-  if (!confirmed.empty()) ConfirmGone(context, options, backup, source, confirmed);
-  return backup.Run([&](const std::set<std::string>& gone) { RequireConfirmed(gone, confirmed); });
+  if (!options.replaces || options.isConfirmed) return backup.Run([](const Import::Gone&) {});
+  const Import::Gone confirmed = backup.FindGone();
+  if (!confirmed.IsEmpty()) ConfirmGone(context, options, backup, source, confirmed);
+  return backup.Run([&](const Import::Gone& gone) {
+    RequireConfirmed(gone.deleted, confirmed.deleted);
+    RequireConfirmed(gone.reset, confirmed.reset);
+  });
 }
 
 int ShowDifferences(Context& context, Import& backup) {

@@ -84,28 +84,43 @@ void Import::FindDifferences(const TakeChange& take) {
   });
 }
 
-std::set<std::string> Import::FindGone() {
-  if (ReplacesUserLayer()) return FindLost(ReadUserLayer().ToDocument(), _wanted.ToDocument());
-  std::set<std::string> gone;
+Import::Gone Import::FindGone() {
+  if (ReplacesUserLayer()) return FindGoneOf(ReadUserLayer());
+  Gone gone;
   Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
-    if (!before.IsEmpty() && FindAfter(name, before, wanted).IsEmpty()) gone.insert(gone.end(), name);
+    if (!before.IsEmpty() && FindAfter(name, before, wanted).IsEmpty()) gone.deleted.insert(gone.deleted.end(), name);
   });
   return gone;
 }
 
-Import::Result Import::Run(const std::function<void(const std::set<std::string>& gone)>& confirm) {
+Import::Gone Import::FindGoneOf(const UserLayer& layer) const {
+  Gone gone;
+  gone.reset = FindLost(layer.settings, _wanted.settings);
+  // Of a group that was deleted and then set again, nothing is left.
+  _deleted.GetMatchingGroups(gone.reset, gone.deleted);
+  const std::set<std::string> deletions = Without(_wanted.deleted, layer.deleted);
+  if (!deletions.empty()) {
+    _session.GetEachName(deletions, [&](const std::string& name) {
+      if (!_session.IsRestricted(name) && !_wanted.settings.HasGroup(name)) gone.deleted.insert(name);
+    });
+  }
+  gone.reset = Without(gone.reset, gone.deleted);
+  return gone;
+}
+
+Import::Result Import::Run(const Confirm& confirm) {
   Result result;
   _session.RunAlone([&] {
     if (ReplacesUserLayer()) {
       result = RunOnUserLayer(confirm);
       return;
     }
-    std::set<std::string> gone;
+    Gone gone;
     std::set<std::string> replaced;
     Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
       const IniFile after = FindAfter(name, before, wanted);
       result.differences += FindChanges(before, after).size();
-      if (!before.IsEmpty() && after.IsEmpty()) gone.insert(gone.end(), name);
+      if (!before.IsEmpty() && after.IsEmpty()) gone.deleted.insert(gone.deleted.end(), name);
       if (!_wanted.deleted.empty()) return;
       if (LosesSomething(before, after)) {
         replaced.insert(replaced.end(), name);
@@ -123,10 +138,10 @@ Import::Result Import::Run(const std::function<void(const std::set<std::string>&
   return result;
 }
 
-Import::Result Import::RunOnUserLayer(const std::function<void(const std::set<std::string>& gone)>& confirm) const {
+Import::Result Import::RunOnUserLayer(const Confirm& confirm) const {
   const UserLayer layer = ReadUserLayer();
   const IniFile before = layer.ToDocument();
-  confirm(FindLost(before, _wanted.ToDocument()));
+  confirm(FindGoneOf(layer));
   ReplaceUserLayer(_session, layer, _wanted, _options.groups.empty());
   return {FindChanges(before, ReadUserLayer().ToDocument()).size(), CountCopies()};
 }

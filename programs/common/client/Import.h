@@ -33,6 +33,16 @@ class Import {
     size_t copies = 0;       // settings that the document lacks and that are user settings now, at their defaults
   };
 
+  // The groups that go. No name is in both.
+  struct Gone {
+    std::set<std::string> deleted;  // readers see them, and will not any more
+    std::set<std::string> reset;    // with "isUserLayer": users changed them, and they go back to their defaults
+
+    bool IsEmpty() const { return deleted.empty() && reset.empty(); }
+    size_t GetCount() const { return deleted.size() + reset.size(); }
+  };
+
+  using Confirm = std::function<void(const Gone& gone)>;
   using TakeChange = std::function<void(const Change& change)>;
 
   // session: outlives this. source: what errors call the document.
@@ -43,12 +53,13 @@ class Import {
   // What would change, in the order of FindChanges.
   void FindDifferences(const TakeChange& take);
 
-  // The groups that go, or with "isUserLayer" back to their defaults: the store holds them, and the document does not.
-  std::set<std::string> FindGone();
+  // What the store holds, and the document lacks. With "isUserLayer" only the groups that the document records as
+  // deleted are deleted.
+  Gone FindGone();
 
   // confirm: is given the groups that go at this moment; what it throws ends the import. Uses up the document: nothing
   // may be called behind it but IsEmpty.
-  Result Run(const std::function<void(const std::set<std::string>& gone)>& confirm);
+  Result Run(const Confirm& confirm);
 
   // Whether the document held nothing of these groups.
   bool IsEmpty() const { return _isEmpty; }
@@ -66,7 +77,8 @@ class Import {
   void Walk(const Visit& visit);
   core::IniFile FindAfter(const std::string& name, const core::IniFile& before, core::IniFile::iterator wanted);
   void Prune(const core::IniFile& before, core::IniFile::iterator wanted);
-  Result RunOnUserLayer(const std::function<void(const std::set<std::string>& gone)>& confirm) const;
+  Gone FindGoneOf(const UserLayer& layer) const;
+  Result RunOnUserLayer(const Confirm& confirm) const;
   size_t CountCopies() const;
 
   Session& _session;

@@ -13,12 +13,6 @@ using core::IniFile;
 
 namespace {
 
-std::set<std::string> Without(const std::set<std::string>& names, const std::set<std::string>& others) {
-  std::set<std::string> rest;
-  std::set_difference(names.begin(), names.end(), others.begin(), others.end(), std::inserter(rest, rest.end()));
-  return rest;
-}
-
 bool HoldsAllKeys(const IniFile& wanted, const std::string& group, const IniFile::KeyMap& keys) {
   if (!wanted.HasGroup(group)) return false;
   return std::all_of(keys.begin(), keys.end(), [&](const auto& entry) { return wanted.HasValue(group, entry.first); });

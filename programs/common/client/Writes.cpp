@@ -1,6 +1,7 @@
 #include "programs/common/client/Writes.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
@@ -125,6 +126,12 @@ std::set<std::string> NamesOf(const IniFile& settings) {
   std::set<std::string> names;
   for (const auto& [group, keys] : settings) names.insert(names.end(), group);
   return names;
+}
+
+std::set<std::string> Without(const std::set<std::string>& names, const std::set<std::string>& others) {
+  std::set<std::string> rest;
+  std::set_difference(names.begin(), names.end(), others.begin(), others.end(), std::inserter(rest, rest.end()));
+  return rest;
 }
 
 void Merge(Session& session, const IniFile& settings, bool isVolatile) {

@@ -25,6 +25,9 @@ std::set<std::string> WithoutPatterns(const std::set<std::string>& groups);
 // The names of the groups of a document.
 std::set<std::string> NamesOf(const core::IniFile& settings);
 
+// The names that are not among the others.
+std::set<std::string> Without(const std::set<std::string>& names, const std::set<std::string>& others);
+
 void Merge(Session& session, const core::IniFile& settings, bool isVolatile);
 
 // Throws Failure, kExitConditionFailed, that names what differs, when the condition does not hold.

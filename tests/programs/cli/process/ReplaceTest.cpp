@@ -52,6 +52,31 @@ TEST_F(ImportThatReplaces, NeedsYesBeforeGroupsGo) {
   EXPECT_EQ(Ask("*"), "[Network/Eth0]\ndhcp=true\n" + std::string(kRestricted));
 }
 
+TEST_F(ImportThatReplaces, NeedsYesBeforeTheUserLayerDeletesWhatStandsAtItsDefaults) {
+  _directory.Write(
+      "user.backup",
+      "[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\nDevice/Identity=Device/Identity\n");
+  ExpectRun(
+      {"import", "user.backup", "--replace", "--user"}, 2, "",
+      "tavix-settings: --replace would delete 2 groups that 'user.backup' records as deleted: give --yes to do it\n"
+      "hint: --dry-run shows them\n");
+  Merge("[Own]\nx=1\n");
+  ExpectRun(
+      {"import", "user.backup", "--replace", "--user"}, 2, "",
+      "tavix-settings: --replace would reset 1 group that 'user.backup' lacks and delete 2 groups that it records "
+      "as deleted: give --yes to do it\nhint: --dry-run shows them\n");
+  EXPECT_EQ(Ask("*"),
+            "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
+            "[Network/Wlan0]\nenabled=false\n[Own]\nx=1\n" +
+                std::string(kRestricted));
+}
+
+TEST_F(ImportThatReplaces, NeedsNoYesWhereTheUserLayerLosesOnlyItsRecord) {
+  Run({"delete", "Network/Wlan0"});
+  EXPECT_EQ(Run({"import", "--replace", "--user"}, "[Device/Identity]\nname=Gate\n").status, 0);
+  EXPECT_EQ(Ask("Network/Wlan0"), "[Network/Wlan0]\nenabled=false\n");
+}
+
 TEST_F(ImportThatReplaces, NeedsNoYesWhereNoGroupGoes) {
   _directory.Write("x.ini", Run({"export"}).output);
   Merge("[Network/Eth0]\ndhcp=false\n");
@@ -98,6 +123,19 @@ TEST_F(ImportThatReplaces, RefusesABackupOfTheUserLayerInPlaceOfAllSettings) {
             "tavix-settings: 'user.backup' tells what users deleted: it is a backup of the user layer\n"
             "hint: give --user with --replace\n");
   EXPECT_EQ(Ask("*"), before);
+}
+
+TEST_F(ImportThatReplaces, RecordOfDeletedGroupsIsNoGroupThatAPatternMeans) {
+  Run({"delete", "Network/Wlan0", "Device/Identity"});
+  const std::string backup = Run({"export", "--user"}).output;
+  Run({"reset", "-y", "*"});
+  for (const Words& more : std::vector<Words>{{}, {"--replace", "--user"}}) {
+    Words words{"import", "-", "TavixSettings/*"};
+    words.insert(words.end(), more.begin(), more.end());
+    EXPECT_EQ(Run(words, backup).errors, "done: no differences\n");
+  }
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+  EXPECT_EQ(Run({"export", "--user", "TavixSettings/*"}).status, 1);
 }
 
 TEST_F(ImportThatReplaces, UserSettingsNeedsReplace) {

@@ -13,9 +13,11 @@ using programs::ExitCode;
 using programs::Import;
 using programs::ImportOptions;
 
+using Names = std::set<std::string>;
+
 const char kFiles[] = "[a]\nk=1\n[b]\nk=1\n[SecureKeys]\nk=1\n";
 
-void Confirm(const std::set<std::string>&) {}
+void Confirm(const Import::Gone&) {}
 
 // What a failed import ends with.
 ExitCode CodeOf(MemorySession& session, const std::string& document, const ImportOptions& options) {
@@ -79,9 +81,9 @@ TEST(Import, WritesNothingThatIsNotConfirmed) {
   options.replaces = true;
   Import import(session, {}, "backup", options);
   EXPECT_TRUE(import.IsEmpty());
-  EXPECT_EQ(import.FindGone(), std::set<std::string>({"a", "b"}));
-  EXPECT_THROW(import.Run([](const std::set<std::string>& gone) {
-    EXPECT_EQ(gone, std::set<std::string>({"a", "b"}));
+  EXPECT_EQ(import.FindGone().deleted, Names({"a", "b"}));
+  EXPECT_THROW(import.Run([](const Import::Gone& gone) {
+    EXPECT_EQ(gone.deleted, Names({"a", "b"}));
     throw std::runtime_error("no");
   }),
                std::runtime_error);
@@ -91,11 +93,32 @@ TEST(Import, WritesNothingThatIsNotConfirmed) {
 TEST(Import, FindsWhichGroupsGo) {
   MemorySession session(kFiles, "[c]\nk=1\n");
   ImportOptions options;
-  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>());
+  EXPECT_TRUE(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone().IsEmpty());
   options.replaces = true;
-  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>({"b", "c"}));
+  const Import::Gone gone = Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone();
+  EXPECT_EQ(gone.deleted, Names({"b", "c"}));
+  EXPECT_EQ(gone.reset, Names());
+}
+
+TEST(Import, FindsWhichGroupsTheUserLayerLosesAndWhichItsRecordDeletes) {
+  const std::string record = "[TavixSettings/Data/DeletedGroups]\n";
+  MemorySession session(kFiles, record + "gone=gone\nback=back\n[c]\nk=1\n[back]\nk=1\n[again]\nk=1\n");
+  ImportOptions options;
+  options.replaces = true;
   options.isUserLayer = true;
-  EXPECT_EQ(Import(session, DocumentOf("[a]\nk=2\n"), "backup", options).FindGone(), std::set<std::string>({"c"}));
+  const std::string document = record + "a=a\nback=back\nagain=again\nnever=never\nb=b\n[b]\nk=2\n";
+  Import import(session, DocumentOf(document), "backup", options);
+  EXPECT_EQ(import.FindGone().deleted, Names({"a", "again", "back"}));
+  EXPECT_EQ(import.FindGone().reset, Names({"c"}));
+}
+
+TEST(Import, CarriesOutTheDeletionsOfTheGroupsThatWereNamedAlone) {
+  MemorySession session(kFiles, "");
+  ImportOptions options;
+  options.groups = {"TavixSettings/*", "b"};
+  const std::string record = "[TavixSettings/Data/DeletedGroups]\na=a\nb=b\n";
+  Import(session, DocumentOf(record), "backup", options).Run(Confirm);
+  EXPECT_EQ(TextOf(session.Get({"a", "b"})), "[a]\nk=1\n");
 }
 
 TEST(Import, RefusesRestrictedGroupsThatDiffer) {
