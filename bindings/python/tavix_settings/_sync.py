@@ -91,7 +91,8 @@ class Store:
     Values and names are str, in which each byte survives (UTF-8 with surrogateescape); raw=True gives bytes. Both are
     taken. Names are names or patterns, in which each "*" stands for any run of characters; one, or several.
 
-    Threads:  calls of several threads take turns. close() may be called at any time, by any thread.
+    Threads:  calls of several threads take turns. close() may be called at any time, by any thread. A signal's handler
+              or __del__ that interrupts a call gets a RuntimeError from all but close().
     Time:     no call takes longer than the time-out.
     Errors:   SettingsError and its kinds; TypeError and ValueError for what can't be sent. A call that was cut short,
               by an error, the time-out or Ctrl-C, closes the connection; the next call makes a new one. So no call gets

@@ -122,6 +122,26 @@ def test_an_interrupt_of_a_store_that_is_closed_stays_what_it_is(on_alarm, kind)
             store.set("A", {"x": "1"})
 
 
+def test_a_handler_does_not_take_over_the_turn_of_the_call_that_it_interrupts(on_alarm):
+    def ask():
+        with pytest.raises(RuntimeError, match="can't use a store whose call it has interrupted"):
+            store.get("B", "y")
+        is_handled.set()
+
+    def serve(connection, _):
+        read_request(connection)
+        os.kill(os.getpid(), signal.SIGALRM)
+        assert is_handled.wait(PATIENCE)
+        connection.sendall(b"data\n[A]\nx=1\n.\n")
+        wait_for_end(connection)
+
+    is_handled = threading.Event()
+    on_alarm(ask)
+    with Peer(serve) as peer, tavix_settings.connect(peer.address, timeout=PATIENCE) as store:
+        assert store.get("A", "x") == "1"
+        assert peer.count == 1
+
+
 def test_an_interrupt_of_a_watch_that_is_closed_stays_what_it_is(on_alarm):
     def interrupt():
         watch.close()
@@ -182,8 +202,10 @@ def test_leaving_the_loop_leaves_nothing_of_a_watch(store):
 
 def wait_for_next(watch):
     """Returns when another thread is in next()."""
+    deadline = time.monotonic() + PATIENCE
     while watch._lock.acquire(blocking=False):
         watch._lock.release()
+        assert time.monotonic() < deadline
         time.sleep(0.001)
 
 
