@@ -15,7 +15,7 @@ from typing import Deque, Dict, Optional
 
 
 class Ticket:
-    """One call's place in the queue, to be made by the call, and kept in a variable of it until it ends. "ready" is held
+    """One call's place in the queue, made by the call and kept in a variable of it until it ends. "ready" is held
     until it is its turn."""
 
     def __init__(self) -> None:
