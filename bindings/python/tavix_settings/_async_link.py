@@ -119,21 +119,30 @@ class AsyncLink:
         self._drained.append(drained)
         await within(drained, deadline, self._address)
 
-    def receive_now(self) -> None:
-        """Hands on what has arrived."""
-        while self._socket is not None:
-            try:
-                data = self._socket.recv(_CHUNK)
-            except (BlockingIOError, InterruptedError):
-                return
-            except OSError as error:
-                return self._end(_link.lost(self._address, error.strerror or str(error)))
-            if not data:
-                return self._end(_link.lost(self._address))
-            if self._on_data is not None:
-                self._on_data(data)
-            if len(data) < _CHUNK:
-                return
+    def receive_now(self) -> bool:
+        """Hands on what has arrived. True: not all of it, so that others have their turn."""
+        for _ in range(_link.MAX_CHUNKS_AT_ONCE):
+            if not self._receive_chunk():
+                return False
+        return True
+
+    def _receive_chunk(self) -> bool:
+        """Whether there may be more."""
+        if self._socket is None:
+            return False
+        try:
+            data = self._socket.recv(_CHUNK)
+        except (BlockingIOError, InterruptedError):
+            return False
+        except OSError as error:
+            self._end(_link.lost(self._address, error.strerror or str(error)))
+            return False
+        if not data:
+            self._end(_link.lost(self._address))
+            return False
+        if self._on_data is not None:
+            self._on_data(data)
+        return len(data) == _CHUNK
 
     def has_ended(self) -> bool:
         """Whether the daemon has ended it, although the loop has not noticed yet."""

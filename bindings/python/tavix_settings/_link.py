@@ -18,6 +18,7 @@ from ._address import Address
 from ._errors import ClosedError, ConnectionLostError, SettingsTimeoutError
 
 _CHUNK = 256 * 1024
+MAX_CHUNKS_AT_ONCE = 16  # of what has arrived: a fast writer may send more than can be parsed
 _IN_PROGRESS = (errno.EINPROGRESS, errno.EALREADY)
 _QUEUE_FULL_DELAY = 0.02
 _MAX_POLL = 24 * 60 * 60.0  # seconds; poll() takes milliseconds, of which a C int holds 24 days

@@ -466,6 +466,8 @@ class Watch(Generic[C], Iterator[C]):
             change = self._state.next_change()
             if change is not None:
                 return cast(C, change)
+            if deadline is not None and time.monotonic() >= deadline:
+                return None
             try:
                 if self._link is None:
                     self._reconnect(deadline)
@@ -480,7 +482,9 @@ class Watch(Generic[C], Iterator[C]):
 
     def _take_what_is_there(self) -> None:
         try:
-            while self._link is not None and self._link.has_news():
+            for _ in range(_link.MAX_CHUNKS_AT_ONCE):
+                if self._link is None or not self._link.has_news():
+                    return
                 self._receive(self._link, None)
         except ConnectionLostError:
             self._drop()

@@ -449,12 +449,12 @@ class _WatchEngine:
         if link is not None:
             link.close()
 
-    def take_what_is_there(self) -> None:
-        """Throws ParseError, too, if what has arrived before was none."""
-        if self._link is not None:
-            self._link.receive_now()
+    def take_what_is_there(self) -> bool:
+        """True: there may be more. Throws ParseError, too, if what has arrived before was none."""
+        has_more = self._link is not None and self._link.receive_now()
         if self._error is not None:
             raise self._error
+        return has_more
 
     async def advance(self, deadline: Optional[float]) -> None:
         """Waits for something to arrive, or for a new connection. Throws SettingsTimeoutError at the deadline alone."""
@@ -594,10 +594,15 @@ class AsyncWatch(Generic[C], AsyncIterator[C]):
             await asyncio.sleep(0)
         deadline = None if self._timeout is None else asyncio.get_running_loop().time() + self._timeout
         while not self._engine.is_closed:
-            self._engine.take_what_is_there()
+            if self._engine.take_what_is_there():
+                await asyncio.sleep(0)
+                if self._engine.is_closed:
+                    break
             change = self._engine.state.next_change()
             if change is not None:
                 return cast(C, change)
+            if deadline is not None and asyncio.get_running_loop().time() >= deadline:
+                return None
             try:
                 await self._engine.advance(deadline)
             except SettingsTimeoutError:

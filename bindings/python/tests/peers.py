@@ -87,6 +87,80 @@ def wait_for_end(connection):
         pass
 
 
+READING = b"data\n[A]\nx=1\n.\n"
+SAME = b"async change\nA\n.\n[A]\nx=1\n.\n"  # a notice that is no change of what was read
+OTHER = b"async change\nA\n.\n[A]\nx=2\n.\n"
+MAX_CHUNKS = 1_000_000  # by which anybody has stopped to read
+
+
+class EndlessLink:
+    """A link of a store that waits, to a daemon that writes faster than anybody reads."""
+
+    def __init__(self, notice):
+        self.count = 0
+        self._notice = notice
+
+    def send(self, data, deadline):
+        pass
+
+    def has_news(self):
+        return True
+
+    def receive(self, deadline):
+        self.count += 1
+        assert self.count < MAX_CHUNKS
+        return READING if self.count == 1 else self._notice
+
+    def close(self):
+        pass
+
+
+class EndlessSocket:
+    """What an asyncio link reads from: chunks as large as it asks for, without an end."""
+
+    def __init__(self):
+        self.count = 0
+
+    def recv(self, size):
+        self.count += 1
+        assert self.count < MAX_CHUNKS
+        return bytes(size)
+
+
+class EndlessAsyncLink:
+    """EndlessLink for an event loop, which finds news in each round."""
+
+    def __init__(self, loop, notice):
+        self.count = 0
+        self._loop = loop
+        self._notice = notice
+        self._on_data = None
+
+    def start(self, on_data, on_end):
+        self._on_data = on_data
+        self._loop.call_soon(self._deliver, READING)
+
+    def write(self, data):
+        pass
+
+    def receive_now(self):
+        self._take(self._notice)
+        return True
+
+    def close(self):
+        self._on_data = None
+
+    def _deliver(self, data):
+        if self._on_data is not None:
+            self._loop.call_soon(self._deliver, self._notice)
+            self._take(data)
+
+    def _take(self, data):
+        self.count += 1
+        assert self.count < MAX_CHUNKS
+        self._on_data(data)
+
+
 class FakeServer(Peer):
     """A daemon in memory behind a socket. "requests" has all bytes that it got."""
 

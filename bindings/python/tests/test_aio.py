@@ -7,11 +7,12 @@ import random
 
 import pytest
 from conftest import DEFAULTS, PATIENCE, is_long_run
-from peers import Peer, read_request, wait_for_end
+from peers import OTHER, SAME, EndlessAsyncLink, EndlessSocket, Peer, read_request, wait_for_end
 
 import tavix_settings
 from tavix_settings import aio
 from tavix_settings._address import find_address
+from tavix_settings._async_link import AsyncLink
 from tavix_settings.testing import AsyncFakeStore
 
 
@@ -223,6 +224,44 @@ def test_a_watch_with_much_to_say_lets_others_have_their_turn(loop, make_store):
         return turns
 
     assert loop.run_until_complete(main()) > 10
+
+
+class EndlessStore(aio.AsyncStore):
+    def __init__(self, notice):
+        super().__init__(find_address("127.0.0.1:1"), PATIENCE)
+        self.notice = notice
+
+    async def _open_link(self, deadline):
+        return EndlessAsyncLink(asyncio.get_running_loop(), self.notice)
+
+
+def test_a_link_takes_a_bounded_part_of_what_a_writer_without_an_end_sends(loop):
+    async def main():
+        link = AsyncLink(find_address("127.0.0.1:1"))
+        link._socket = EndlessSocket()
+        assert link.receive_now()
+        return link._socket.count
+
+    assert loop.run_until_complete(main()) == 16
+
+
+def test_a_writer_without_an_end_does_not_keep_a_watch_from_its_changes_nor_others_from_their_turn(loop):
+    async def main():
+        turns = []
+        async with EndlessStore(OTHER).watch("A") as watch:
+            asyncio.get_running_loop().call_soon(turns.append, 1)
+            assert await watch.__anext__() == tavix_settings.Change("A", "x", "1", "2")
+            return list(turns)
+
+    assert loop.run_until_complete(main()) == [1]
+
+
+def test_a_writer_without_an_end_does_not_keep_a_watch_from_its_time_out(loop):
+    async def main():
+        async with EndlessStore(SAME).watch("A", timeout=0.01) as watch:
+            return [change async for change in watch]
+
+    assert loop.run_until_complete(main()) == []
 
 
 def test_a_watch_comes_back_with_what_differs_and_one_mark(loop, daemon):

@@ -10,7 +10,7 @@ import time
 
 import pytest
 from conftest import DEFAULTS, PATIENCE, is_long_run
-from peers import Peer, read_request, wait_for_end
+from peers import OTHER, SAME, EndlessLink, Peer, read_request, wait_for_end
 
 import tavix_settings
 from tavix_settings._address import find_address
@@ -233,6 +233,27 @@ def test_ctrl_c_ends_a_watch(store):
     interrupter.join()
     assert list(watch) == []
     assert count_descriptors() == before
+
+
+class EndlessStore(tavix_settings.Store):
+    def __init__(self, notice):
+        super().__init__(find_address("127.0.0.1:1"), PATIENCE)
+        self.link = EndlessLink(notice)
+
+    def _open_link(self, deadline, waker):
+        return self.link
+
+
+def test_a_writer_without_an_end_does_not_keep_a_watch_from_its_changes():
+    store = EndlessStore(OTHER)
+    with store.watch("A") as watch:
+        assert next(watch) == tavix_settings.Change("A", "x", "1", "2")
+        assert store.link.count == 1 + 16
+
+
+def test_a_writer_without_an_end_does_not_keep_a_watch_from_its_time_out():
+    with EndlessStore(SAME).watch("A", timeout=0.01) as watch:
+        assert list(watch) == []
 
 
 def test_a_child_can_close_a_watch_without_its_parent_noticing(store):

@@ -37,15 +37,16 @@ class _MemoryAsyncLink(AsyncLink):
     async def drain(self, deadline: Optional[float]) -> None:
         return None
 
-    def receive_now(self) -> None:
+    def receive_now(self) -> bool:
         if not self._is_open:
-            return
+            return False
         data = bytes(self._received)
         self._received.clear()
         if data and self._on_data is not None:
             self._on_data(data)
         if self._is_open and not self._session.is_open:
             self._end(_link.lost(ADDRESS))
+        return False
 
     def has_ended(self) -> bool:
         return not self._session.is_open
