@@ -30,6 +30,7 @@ int Export(Context& context, const Options& options) {
   if (printer.IsEmpty() && !options.words.empty())
     return ReportMissing(context, MissingGroups(ParseGroups(options.words)));
   printer.Finish();
+  if (!coverage.empty()) context.GetConsole().Print(MarkEnd());
   if (leftOut > 0)
     context.GetConsole().Say("left out: " + Count(leftOut, "restricted group") + ", which no import could set");
   return kExitDone;

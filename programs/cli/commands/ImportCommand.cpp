@@ -42,6 +42,29 @@ void ShowProgress(Context& context) {
   });
 }
 
+// What such a file lacks may stand in the part that is missing.
+void RefuseCutOff(const Options& options, const SettingsFile& file) {
+  if (options.replaces && file.isCutOff)
+    throw Failure(kExitUsage, "'" + file.name + "' is a part of a backup: its last line is not '# End of backup'",
+                  "make the backup again");
+}
+
+bool IsOnUserLayer(const Context& context, const Options& options) {
+  return options.isUserLayer && context.GetOptions().local.empty();
+}
+
+// JSON has no comments: a backup of some groups looks like one of all.
+void RefuseUncovered(const Context& context, const Options& options, const SettingsFile& file,
+                     const Import::Gone& gone) {
+  if (!file.isJson || !options.words.empty()) return;
+  const size_t lacking = (IsOnUserLayer(context, options) ? gone.reset : gone.deleted).size();
+  if (lacking > 0)
+    throw Failure(
+        kExitUsage,
+        "'" + file.name + "' is JSON, which does not tell what it covers, and lacks " + Count(lacking, "group"),
+        "name the groups that it was made of, or '*' for all");
+}
+
 // "reset 1 group that 'x.ini' lacks and delete 2 groups that it records as deleted".
 std::string DescribeGone(const Import::Gone& gone, bool isUserLayer, const std::string& source) {
   const std::string deletion = "delete " + Count(gone.deleted.size(), "group") + " that ";
@@ -59,10 +82,9 @@ void ConfirmGone(Context& context, const Options& options, const Import& backup,
                   std::string("a text without any ") + (options.words.empty() ? "group" : "of these groups") +
                       " would take " + Count(gone.GetCount(), "group") + " away: give --yes to do it",
                   "--dry-run shows them");
-  const bool isUserLayer = options.isUserLayer && context.GetOptions().local.empty();
   std::set<std::string> names = gone.deleted;
   names.insert(gone.reset.begin(), gone.reset.end());
-  Confirm("--replace", DescribeGone(gone, isUserLayer, source), names);
+  Confirm("--replace", DescribeGone(gone, IsOnUserLayer(context, options), source), names);
 }
 
 // What came while somebody was asked stays.
@@ -73,10 +95,15 @@ void RequireConfirmed(const std::set<std::string>& gone, const std::set<std::str
                   "condition failed: there is a group '" + SpellName(*others.begin()) + "' by now");
 }
 
-Import::Result ImportConfirmed(Context& context, const Options& options, Import& backup, const std::string& source) {
-  if (!options.replaces || options.isConfirmed) return backup.Run([](const Import::Gone&) {});
+Import::Result ImportConfirmed(Context& context, const Options& options, Import& backup, const SettingsFile& file) {
+  if (!options.replaces) return backup.Run([](const Import::Gone&) {});
+  if (options.isConfirmed)
+    return backup.Run([&](const Import::Gone& gone) {
+      if (!backup.IsEmpty()) RefuseUncovered(context, options, file, gone);
+    });
   const Import::Gone confirmed = backup.FindGone();
-  if (!confirmed.IsEmpty()) ConfirmGone(context, options, backup, source, confirmed);
+  if (!backup.IsEmpty()) RefuseUncovered(context, options, file, confirmed);
+  if (!confirmed.IsEmpty()) ConfirmGone(context, options, backup, file.name, confirmed);
   return backup.Run([&](const Import::Gone& gone) {
     RequireConfirmed(gone.deleted, confirmed.deleted);
     RequireConfirmed(gone.reset, confirmed.reset);
@@ -95,13 +122,14 @@ int RunImport(Context& context, const Options& options) {
   Session& session = context.GetSession();
   if (!options.isDryRun) session.RequireWritable();
   SettingsFile file = ReadSettingsFile(FindSource(options));
+  RefuseCutOff(options, file);
   const bool isFile = !context.GetOptions().local.empty();
   const std::set<std::string> groups =
       options.replaces ? FindSelection(file, options.words) : ParseSelection(options.words);
   Import backup(session, std::move(file.settings), file.name, {groups, options.replaces, options.isUserLayer, isFile});
   if (options.isDryRun) return ShowDifferences(context, backup);
   ShowProgress(context);
-  const Import::Result result = ImportConfirmed(context, options, backup, file.name);
+  const Import::Result result = ImportConfirmed(context, options, backup, file);
   Console& console = context.GetConsole();
   console.ClearProgress();
   if (result.differences == 0) {

@@ -10,6 +10,7 @@
 #include "programs/cli/text/Words.h"
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
@@ -58,6 +59,8 @@ SettingsFile ReadSettingsFile(const std::string& path) {
   SettingsFile file;
   file.name = path == "-" ? "standard input" : path;
   file.covered = ReadCoverage(text);
+  file.isJson = LooksLikeJson(text);
+  file.isCutOff = IsCutOff(text);
   file.settings = ParseDocument(text, file.name);
   return file;
 }

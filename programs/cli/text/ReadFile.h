@@ -17,6 +17,8 @@ struct SettingsFile {
   std::string name;  // as errors call it
   core::IniFile settings;
   std::set<std::string> covered;  // the groups and patterns that it was made of; none: all that there was
+  bool isJson = false;            // which can't tell what it covers
+  bool isCutOff = false;          // a part of a backup
 };
 
 // A file of settings text or JSON, "-" for standard input. Throws Failure: as ReadFile does; kExitBadInput, with the

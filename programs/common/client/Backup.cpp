@@ -21,6 +21,14 @@ std::set<std::string> OrAll(const std::set<std::string>& groups) {
 }
 
 constexpr char kCoverage[] = "# This backup covers: ";
+constexpr char kEnd[] = "# End of backup";
+constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
+
+// A byte order mark may stand in front of the first line.
+bool IsLineStart(const std::string& text, size_t at) {
+  if (at == sizeof kByteOrderMark - 1 && text.rfind(kByteOrderMark, 0) == 0) return true;
+  return at == 0 || text[at - 1] == '\n';
+}
 
 }  // namespace
 
@@ -41,16 +49,27 @@ std::string DescribeCoverage(const std::set<std::string>& groups) {
   return comments;
 }
 
+std::string MarkEnd() {
+  return std::string(kEnd) + "\n";
+}
+
 std::set<std::string> ReadCoverage(const std::string& text) {
   constexpr size_t kSize = sizeof kCoverage - 1;
   std::set<std::string> groups;
   for (size_t at = text.find(kCoverage); at != std::string::npos; at = text.find(kCoverage, at + kSize)) {
-    if (at > 0 && text[at - 1] != '\n') continue;
+    if (!IsLineStart(text, at)) continue;
     const size_t end = std::min(text.find('\n', at), text.size());
     const bool hasReturn = text[end - 1] == '\r';
     groups.insert(Unspell(text.substr(at + kSize, end - at - kSize - (hasReturn ? 1 : 0))));
   }
   return groups;
+}
+
+bool IsCutOff(const std::string& text) {
+  if (ReadCoverage(text).empty()) return false;
+  constexpr size_t kSize = sizeof kEnd - 1;
+  const size_t size = text.find_last_not_of("\r\n") + 1;
+  return size < kSize || text.compare(size - kSize, kSize, kEnd) != 0 || !IsLineStart(text, size - kSize);
 }
 
 size_t ReadStoreEach(Session& session, const std::set<std::string>& groups, bool isUserLayer,

@@ -18,8 +18,14 @@ core::IniFile ParseDocument(const std::string& text, const std::string& source);
 // Comments for the front of a backup, a line for each group or pattern that it was made of; nothing without any.
 std::string DescribeCoverage(const std::set<std::string>& groups);
 
+// A comment for the end of such a backup.
+std::string MarkEnd();
+
 // The groups and patterns that such comments in a text name.
 std::set<std::string> ReadCoverage(const std::string& text);
+
+// Whether a text names what it covers and is only the beginning of that: its last line does not mark the end.
+bool IsCutOff(const std::string& text);
 
 // What a backup of the store holds: what readers see, or the user layer. Restricted groups, which no client could bring
 // back, are left out unless groups were named. leftOut: how many.

@@ -16,6 +16,7 @@ using core::IniFile;
 using nlohmann::json;
 
 constexpr char kLeftOut[] = "left out: 1 restricted group, which no import could set\n";
+constexpr char kEnd[] = "# End of backup\n";
 
 class BackupCommands : public CommandTest {
  protected:
@@ -43,17 +44,17 @@ std::string SendableText(const IniFile::GroupMap& groups) {
 
 TEST_F(BackupCommands, ExportLeavesRestrictedGroupsOutAndSaysSo) {
   ExpectRun({"export"}, 0, kDefaults, kLeftOut);
-  ExpectRun({"export", "*"}, 0, "# This backup covers: *\n" + std::string(kDefaults) + kRestricted, "");
+  ExpectRun({"export", "*"}, 0, "# This backup covers: *\n" + std::string(kDefaults) + kRestricted + kEnd, "");
   ExpectRun({"export", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
 }
 
 TEST_F(BackupCommands, ExportOfGroupsNamesThemInComments) {
-  ExpectRun({"export", "Network/Wlan0"}, 0, "# This backup covers: Network/Wlan0\n[Network/Wlan0]\nenabled=false\n",
-            "");
+  ExpectRun({"export", "Network/Wlan0"}, 0,
+            "# This backup covers: Network/Wlan0\n[Network/Wlan0]\nenabled=false\n# End of backup\n", "");
   ExpectRun({"export", "-o", "ini", "[Device/Identity]", " a\\*", "Network/Wlan0"}, 0,
             "# This backup covers: \\sa\\\\*\n# This backup covers: Device/Identity\n"
             "# This backup covers: Network/Wlan0\n"
-            "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Wlan0]\nenabled=false\n",
+            "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Wlan0]\nenabled=false\n# End of backup\n",
             "");
 }
 

@@ -99,18 +99,55 @@ TEST_F(ImportThatReplaces, ReplacesWhatTheBackupCoversAlone) {
 }
 
 TEST_F(ImportThatReplaces, RefusesABackupThatHoldsWhatItDoesNotCover) {
-  _directory.Write("x.ini", Run({"export", "Network/*"}).output + "[Own]\nx=1\n");
+  _directory.Write("x.ini", Run({"export", "Network/*"}).output + "[Own]\nx=1\n# End of backup\n");
   ExpectRun({"import", "x.ini", "--replace"}, 2, "",
             "tavix-settings: 'x.ini' holds 'Own', and says that it covers others alone\n"
             "hint: name the groups that are meant\n");
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
 
+TEST_F(ImportThatReplaces, KeepsToTheCoverageBehindAByteOrderMark) {
+  const std::string backup = Run({"export", "Network/Eth0"}).output;
+  EXPECT_EQ(Run({"import", "--replace", "--yes"}, "\xEF\xBB\xBF" + backup).errors, "done: no differences\n");
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+}
+
+TEST_F(ImportThatReplaces, RefusesAPartOfABackup) {
+  const std::string backup = Run({"export", "Network/*", "Device/*"}).output;
+  _directory.Write("x.ini", backup.substr(0, backup.find("[Network/Wlan0]")));
+  for (const Words& words : std::vector<Words>{{"import", "x.ini", "--replace", "--yes"},
+                                               {"import", "x.ini", "--replace", "--yes", "*"},
+                                               {"import", "x.ini", "--replace", "--user"}})
+    ExpectRun(words, 2, "",
+              "tavix-settings: 'x.ini' is a part of a backup: its last line is not '# End of backup'\n"
+              "hint: make the backup again\n");
+  ExpectRun({"import", "x.ini"}, 0, "", "done: no differences\n");
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+}
+
+TEST_F(ImportThatReplaces, NeedsToKnowWhatJsonCovers) {
+  _directory.Write("x.json", Run({"export", "--json", "Network/Eth0"}).output);
+  for (const Words& words :
+       std::vector<Words>{{"import", "x.json", "--replace"}, {"import", "x.json", "--replace", "--yes"}})
+    ExpectRun(words, 2, "",
+              "tavix-settings: 'x.json' is JSON, which does not tell what it covers, and lacks 2 groups\n"
+              "hint: name the groups that it was made of, or '*' for all\n");
+  EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
+  ExpectRun({"import", "x.json", "--replace", "--yes", "Network/Eth0"}, 0, "", "done: no differences\n");
+  EXPECT_EQ(Run({"import", "x.json", "--replace", "--yes", "--user"}).status, 0);
+  Merge("[Own]\nx=1\n");
+  ExpectRun({"import", "x.json", "--replace", "--yes", "--user"}, 2, "",
+            "tavix-settings: 'x.json' is JSON, which does not tell what it covers, and lacks 1 group\n"
+            "hint: name the groups that it was made of, or '*' for all\n");
+  ExpectRun({"import", "x.json", "--replace", "--yes", "*"}, 0, "", "done: 7 differences\n");
+}
+
 TEST_F(ImportThatReplaces, PartOfTheUserLayerKnowsWhatWasDeleted) {
   Run({"delete", "Network/Wlan0", "Device/Identity"});
   const Outcome backup = Run({"export", "--user", "Network/*"});
   EXPECT_EQ(backup.output,
-            "# This backup covers: Network/*\n[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\n");
+            "# This backup covers: Network/*\n[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\n"
+            "# End of backup\n");
   EXPECT_EQ(Run({"diff", "--user", "-"}, backup.output).status, 0);
   EXPECT_EQ(Run({"import", "--user", "--replace"}, backup.output).errors, "done: no differences\n");
 }

@@ -46,6 +46,23 @@ TEST(Backup, CoverageStandsInCommentsAnywhere) {
   EXPECT_EQ(programs::ReadCoverage("{\"a\": {}}"), std::set<std::string>());
 }
 
+TEST(Backup, CoverageStandsBehindAByteOrderMark) {
+  EXPECT_EQ(programs::ReadCoverage("\xEF\xBB\xBF# This backup covers: a\n"), std::set<std::string>({"a"}));
+  EXPECT_EQ(programs::ReadCoverage("abc# This backup covers: a\n"), std::set<std::string>());
+}
+
+TEST(Backup, WithCoverageIsCutOffWithoutItsEnd) {
+  const std::string text = programs::DescribeCoverage({"a"}) + "[a]\nk=1\n";
+  EXPECT_FALSE(programs::IsCutOff(text + programs::MarkEnd()));
+  EXPECT_FALSE(programs::IsCutOff(text + "# End of backup\r\n\r\n"));
+  for (const char* end : {"", "# End of back", "k=# End of backup\n", "# End of backup\n[b]\n"})
+    EXPECT_TRUE(programs::IsCutOff(text + end)) << end;
+}
+
+TEST(Backup, WithoutCoverageHasNoEnd) {
+  for (const char* text : {"", "[a]\nk=1\n", "{}"}) EXPECT_FALSE(programs::IsCutOff(text)) << text;
+}
+
 TEST(Backup, SelectsWhatUsersDeletedByTheNamesOfTheGroups) {
   const core::IniFile layer = DocumentOf("[TavixSettings/Data/DeletedGroups]\na/x=a/x\nb=b\n[a/y]\nk=1\n[c]\nk=1\n");
   EXPECT_EQ(TextOf(programs::SelectUserGroups(layer, {"a/*"})),
