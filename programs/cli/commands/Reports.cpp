@@ -11,8 +11,22 @@ int ReportMissing(Context& context, const MissingGroups& missing) {
   return missing.Get().empty() ? kExitDone : kExitNo;
 }
 
+namespace {
+
+// The change is made, whatever becomes of the connection behind it.
+Keeping FindKeepingIfAnswered(Session& session) {
+  try {
+    return FindKeeping(session);
+  } catch (const Failure& failure) {
+    Console::Warn(std::string("it is unknown whether the change is kept: ") + failure.what());
+    return Keeping();
+  }
+}
+
+}  // namespace
+
 void ReportDone(Context& context, const std::string& verb, const std::string& count) {
-  const Keeping keeping = FindKeeping(context.GetSession());
+  const Keeping keeping = FindKeepingIfAnswered(context.GetSession());
   if (!keeping.failure.empty()) throw Failure(kExitNotKept, verb + ", but not kept: " + SpellValue(keeping.failure));
   const std::string done = keeping.endsWithServer ? "done, until the server ends" : "done";
   context.GetConsole().Say(count.empty() ? done : done + ": " + count);

@@ -12,7 +12,8 @@ namespace tavix::programs::cli {
 int ReportMissing(Context& context, const MissingGroups& missing);
 
 // Reports that the store holds a change, "done: 1 setting", and whether it lasts only until the server ends. verb: what
-// was done, "set". count: may be empty. Throws Failure, kExitNotKept, when the server can't keep it at the moment.
+// was done, "set". count: may be empty. A server that does not answer is a warning. Throws Failure, kExitNotKept, when
+// the server can't keep the change at the moment.
 void ReportDone(Context& context, const std::string& verb, const std::string& count);
 
 }  // namespace tavix::programs::cli

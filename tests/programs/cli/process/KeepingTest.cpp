@@ -105,6 +105,25 @@ TEST_F(Keeping, OlderDaemonLeavesItOpen) {
   server.join();
 }
 
+TEST_F(Keeping, DaemonThatDoesNotAnswerBehindAChangeIsAWarning) {
+  for (const std::string answer : {"", "data\nno settings\n.\n"}) {
+    const ListeningSocket listener;
+    const std::string address = "127.0.0.1:" + std::to_string(listener.GetPort());
+    std::thread server([&] {
+      const osa::Descriptor peer = listener.Accept();
+      AwaitRequest(peer, "get delimited\nB\n.\n");
+      Send(peer, "data\n[B]\ny=1\n.\n");
+      AwaitRequest(peer, "info server\nget delimited\n.\n");
+      if (!answer.empty()) Send(peer, answer);
+    });
+    const Outcome outcome = Run(address, {"set", "[B]y=1"});
+    EXPECT_EQ(outcome.status, 0) << answer;
+    EXPECT_THAT(outcome.errors, testing::MatchesRegex("tavix-settings: it is unknown whether the change is kept: .+\n"
+                                                      "done: 1 setting\n"));
+    server.join();
+  }
+}
+
 TEST_F(Keeping, FileKeepsChanges) {
   const Daemon daemon(_directory);
   EXPECT_EQ(Run(daemon, {"--local", "x.ini", "set", "[A]x=1"}).errors, "done: 1 setting\n");
