@@ -58,6 +58,8 @@ std::unique_ptr<Session> Context::OpenFile() {
   if (_options.local.empty())
     throw Failure(kExitUsage, std::string(kFileVariable) + ": expected a file's name, found an empty text",
                   "unset it, or give --server or --local");
+  if (_options.local == "-")
+    throw Failure(kExitUsage, std::string(kFileVariable) + ": '-' is no file; one of that name is './-'");
   if (!std::exchange(_isFileReported, true))
     _console.Say(std::string(kFileVariable) + " is set: reading file '" + _options.local + "', no server");
   return std::make_unique<LocalSession>(_options.local, _options.GetTimeout(), Access::kRead);

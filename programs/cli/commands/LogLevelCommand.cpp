@@ -86,12 +86,13 @@ int ReadLevel(Context& context, const std::string& group) {
 int SetLevel(Context& context, const Options& options) {
   const int level = ParseLogLevel(options.level);
   RefusePattern(options.group);
-  RefuseRestricted(context.GetSession(), {options.group});
-  if (!options.isCreated)
-    RequireLevels(context.GetSession(), options.group, "--create sets it for a program that has none yet");
+  Session& session = context.GetSession();
+  session.RequireWritable();
+  RefuseRestricted(session, {options.group});
+  if (!options.isCreated) RequireLevels(session, options.group, "--create sets it for a program that has none yet");
   IniFile settings;
   settings.SetInt(options.group, kKey, level);
-  Merge(context.GetSession(), settings, false);
+  Merge(session, settings, false);
   ReportDone(context, "set", SpellName(options.group) + " " + Describe(std::to_string(level)));
   return kExitDone;
 }

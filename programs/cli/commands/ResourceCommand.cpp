@@ -127,6 +127,7 @@ int Reserve(Context& context, const Options& options) {
   const Amount amount = ParseAmount(options.amount);
   RequireCounted(options.consumer, amount);
   Session& session = context.GetSession();
+  session.RequireWritable();
   const core::IniFile read = ReadResources(session);
   RequireResource(ResourceFigures(read), options.resource);
   const std::optional<int> booked = Book(session, options.consumer, options.resource, amount);

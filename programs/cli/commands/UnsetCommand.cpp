@@ -48,6 +48,7 @@ int Unset(Context& context, const Options& options) {
   for (const Target& setting : settings) names.insert(setting.group);
   RefuseEmptyName(names, options.isEmptyAllowed);
   Session& session = context.GetSession();
+  if (!options.isDryRun) session.RequireWritable();
   RefuseRestricted(session, names);
   if (options.isDryRun) {
     const Groups groups = FindGroups(session, names, settings);

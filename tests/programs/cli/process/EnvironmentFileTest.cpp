@@ -40,6 +40,10 @@ TEST_F(EnvironmentFile, IsNeverWrittenAndNeitherIsTheDaemon) {
   for (const Words& words : std::vector<Words>{{"set", "[A]x=2"},
                                                {"set", "[A]x=2", "--if", "[A]x=1"},
                                                {"unset", "[A]x"},
+                                               {"unset", "[A]missing"},
+                                               {"log-level", "A", "trace"},
+                                               {"resource", "reserve", "R", "1", "-c", "Me"},
+                                               {"resource", "release", "R", "-c", "Me"},
                                                {"delete", "*"},
                                                {"reset", "*"},
                                                {"edit", "A"},
@@ -64,6 +68,9 @@ TEST_F(EnvironmentFile, MustExistAndHaveAName) {
     ExpectOutcome(RunWith("", words), 2, "",
                   "tavix-settings: TAVIX_SETTINGS_LOCALFILE: expected a file's name, found an empty text\n"
                   "hint: unset it, or give --server or --local\n");
+  for (const Words& words : std::vector<Words>{{"list"}, {"set", "[A]x=2"}})
+    ExpectOutcome(RunWith("-", words, kText), 2, "",
+                  "tavix-settings: TAVIX_SETTINGS_LOCALFILE: '-' is no file; one of that name is './-'\n");
   EXPECT_EQ(RunWith("", {"help"}).status, 0);
   EXPECT_EQ(AskUser(), ".\n");
 }
