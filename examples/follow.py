@@ -9,13 +9,15 @@ def unescape(text):
     return re.sub(r"\\(?:x([0-9a-fA-F]{2})|([nrts\\]))", lambda e: chr(int(e[1], 16)) if e[1] else letters[e[2]], text)
 
 class Client:
-    def __init__(self, host, port):
-        self.file, self.notices = socket.create_connection((host, port)).makefile("rwb"), []
+    def __init__(self, address):  # HOST, HOST:PORT, [V6]:PORT or unix:PATH
+        if address.startswith("unix:"): (link := socket.socket(socket.AF_UNIX)).connect(address[5:])
+        else: link = socket.create_connection(re.fullmatch(r"\[?(.*?)\]?(?::(\d+))?", address).groups("7211"))
+        self.file, self.notices = link.makefile("rwb"), []
     def send(self, *lines):
-        self.file.write("".join(line + "\n" for line in lines).encode())
+        self.file.write("".join(line + "\n" for line in lines).encode(errors="surrogateescape"))
         self.file.flush()
     def line(self):
-        line = self.file.readline().decode()
+        line = self.file.readline().decode(errors="surrogateescape")  # each byte survives
         if not line.endswith("\n"): raise ConnectionError("the daemon has ended the connection; its log says why")
         return line[:-1]
     def document(self):
@@ -31,17 +33,21 @@ class Client:
     def get(self, *groups):
         self.send("get delimited", *groups, ".")
         while self.begin() != "data": pass
+        self.notices.clear()  # older than what is read now
         return self.document()
 
 group, key, value = sys.argv[1:]
 while True:
     try:
-        client = Client(*os.environ["TAVIX_SETTINGS_SERVER"].rsplit(":", 1))
+        client = Client(os.environ.get("TAVIX_SETTINGS_SERVER", "127.0.0.1"))
         client.send("subscribe", group, ".")
-        print(client.get(group).get(group))
+        values = client.get(group).get(group, {})
+        print(values)
         client.send("merge", f"[{escape(group)}]", escape(key) + "=" + escape(value), ".")
-        while not client.notices: client.begin()
-        sys.exit(print(client.notices.pop(0)[1].get(group)))
+        while values.get(key) != value:  # other clients' changes may be announced first
+            while not client.notices: client.begin()
+            values = client.notices.pop(0)[1].get(group, {})
+        sys.exit(print(values))
     except OSError as error:  # no daemon, or no longer: once it is there, everything begins anew
         print(error, file=sys.stderr)
         time.sleep(1)

@@ -1,4 +1,4 @@
-"""What docs/python.md shows."""
+"""What docs/python.md shows, and the examples."""
 
 import itertools
 import os
@@ -10,6 +10,7 @@ from pathlib import Path
 
 import pytest
 from conftest import PATIENCE
+from peers import Peer, read_request, wait_for_end
 
 from tavix_settings._names import decode_document
 from tavix_settings._text import parse_text
@@ -82,3 +83,65 @@ def test_tests_pass(code, tmp_path):
 def test_the_example_prints_what_the_page_of_examples_promises():
     with RealDaemon(options=["--defaults", str(ROOT / "examples" / "device" / "defaults.d")]) as daemon:
         assert run([sys.executable, str(ROOT / "examples" / "read-value.py")], daemon.address) == "1920x1080\n"
+
+
+FOLLOW = str(ROOT / "examples" / "follow.py")
+
+
+def test_the_client_of_fifty_lines_waits_for_its_own_change_and_keeps_each_byte():
+    def serve(connection, _):
+        read_request(connection, b"get delimited\nA\n.\n")
+        connection.sendall(b"async change\nA\n.\n[A]\nx=1\n.\n" b"data\n[A]\nx=\xff\n.\nasync change\n")
+        assert read_request(connection) == b"merge\n[A]\nx=1\xfe\n.\n"
+        connection.sendall(b"A\n.\n[A]\nx=2\n.\n")
+        connection.sendall(b"async change\nA\n.\n[A]\nx=1\xfe\n.\n")
+        wait_for_end(connection)
+
+    with Peer(serve) as peer:
+        output = run([sys.executable, FOLLOW, "A", "x", b"1\xfe"], peer.address)
+    assert output == "{'x': '\\udcff'}\n{'x': '1\\udcfe'}\n"
+
+
+def test_the_client_of_fifty_lines_does_not_wait_for_the_announcement_of_what_is_there(address):
+    assert run([sys.executable, FOLLOW, "Network/Eth0", "dhcp", "true"], address).count("'dhcp': 'true'") == 2
+
+
+# Connects to the port of a test in the place of the usual one, where a daemon may run.
+SUBSTITUTE = """\
+import runpy, socket, sys
+connect = socket.create_connection
+def connect_to_test(place):
+    print(*place)
+    return connect(("127.0.0.1", PORT))
+socket.create_connection = connect_to_test
+sys.argv[0:1] = []
+runpy.run_path(sys.argv[0])
+"""
+
+
+@pytest.mark.parametrize(
+    ["variable", "place"],
+    [
+        (None, "127.0.0.1 7211"),
+        ("device", "device 7211"),
+        ("device:80", "device 80"),
+        ("[::1]", "::1 7211"),
+        ("[::1]:80", "::1 80"),
+    ],
+)
+def test_the_client_of_fifty_lines_connects_to_what_the_variable_says(address, variable, place, monkeypatch):
+    monkeypatch.setenv("TAVIX_SETTINGS_SERVER", variable or "")
+    if variable is None:
+        monkeypatch.delenv("TAVIX_SETTINGS_SERVER")
+    code = SUBSTITUTE.replace("PORT", address.rpartition(":")[2])
+    command = [sys.executable, "-c", code, FOLLOW, "Network/Eth0", "dhcp", "false"]
+    output = subprocess.run(command, stdout=subprocess.PIPE, timeout=PATIENCE, check=True, text=True).stdout
+    assert output.splitlines()[0] == place
+    assert "'dhcp': 'false'" in output.splitlines()[2]
+
+
+def test_the_client_of_fifty_lines_connects_to_a_unix_socket(tmp_path):
+    path = tmp_path / "socket"
+    with RealDaemon(DEFAULTS, options=["--listen", f"unix:{path}"]):
+        output = run([sys.executable, FOLLOW, "Network/Eth0", "dhcp", "false"], f"unix:{path}")
+    assert "'dhcp': 'false'" in output.splitlines()[1]
