@@ -12,8 +12,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/ServiceEndpoint.h"
@@ -51,25 +54,11 @@ void SetOption(int descriptor, int level, int name, int value) {
   setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
-// Waits for a connect that is under way; the error that it ended with, 0 for none.
-int FinishConnect(int descriptor, const Deadline& deadline) {
-  pollfd wait{descriptor, POLLOUT, 0};
-  int ready = 0;
-  do {
-    ready = poll(&wait, 1, deadline.GetPollTimeout());
-  } while (ready < 0 && errno == EINTR);
-  if (ready < 0) return errno;
-  if (ready == 0) return ETIMEDOUT;
+// The error that a connect has ended with, 0 for none.
+int GetConnectError(int descriptor) {
   int error = 0;
   socklen_t size = sizeof error;
-  if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) < 0) return errno;
-  return error;
-}
-
-int AwaitConnect(int descriptor, const addrinfo& address, const Deadline& deadline) {
-  if (connect(descriptor, address.ai_addr, address.ai_addrlen) == 0) return 0;
-  if (errno != EINPROGRESS && errno != EINTR) return errno;
-  return FinishConnect(descriptor, deadline);
+  return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) < 0 ? errno : error;
 }
 
 // A unix socket whose queue is full can't be waited for by poll(2), but its connect can have a time limit.
@@ -101,15 +90,76 @@ Deadline ShareOf(const Deadline& deadline, size_t addressesLeft) {
   return Deadline(static_cast<unsigned int>(deadline.GetPollTimeout()) / static_cast<unsigned int>(addressesLeft));
 }
 
-ConnectResult ConnectAddress(const addrinfo& address, const Deadline& deadline) {
-  Descriptor descriptor(
-      socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol));
-  const int error = descriptor ? AwaitConnect(descriptor.Get(), address, deadline) : errno;
-  if (error != 0) return Failed(error);
-  SetBlocking(descriptor.Get());
-  SetUpConnection(descriptor.Get());
-  return {descriptor.Release()};
-}
+// The connects to a host's addresses, of which several may be pending. The first that succeeds counts; the others are
+// closed with the object.
+class PendingConnects {
+ public:
+  void Start(const addrinfo& address) {
+    Descriptor descriptor(
+        socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol));
+    _isLastPending = false;
+    if (descriptor && connect(descriptor.Get(), address.ai_addr, address.ai_addrlen) == 0) {
+      _connected = std::move(descriptor);
+    } else if (descriptor && (errno == EINPROGRESS || errno == EINTR)) {
+      _pending.push_back(std::move(descriptor));
+      _isLastPending = true;
+    } else {
+      _lastError = errno;
+    }
+  }
+
+  // Until the last one that was started has failed.
+  void AwaitLast(const Deadline& share) {
+    while (!_connected && _isLastPending && AwaitEvent(share)) continue;
+  }
+
+  // Until all have failed.
+  void AwaitAll(const Deadline& deadline) {
+    while (!_connected && !_pending.empty() && AwaitEvent(deadline)) continue;
+  }
+
+  bool IsConnected() const { return static_cast<bool>(_connected); }
+
+  ConnectResult TakeResult() {
+    if (!_connected) return Failed(_isLastPending ? ETIMEDOUT : _lastError);
+    SetBlocking(_connected.Get());
+    SetUpConnection(_connected.Get());
+    return {_connected.Release()};
+  }
+
+ private:
+  // False when the time is up, or no event can be waited for.
+  bool AwaitEvent(const Deadline& deadline) {
+    std::vector<pollfd> waits;
+    for (const Descriptor& descriptor : _pending) waits.push_back({descriptor.Get(), POLLOUT, 0});
+    const int ready = poll(waits.data(), waits.size(), deadline.GetPollTimeout());
+    if (ready < 0 && errno == EINTR) return true;
+    if (ready < 0) {
+      _lastError = errno;
+      _isLastPending = false;
+    }
+    if (ready <= 0) return false;
+    for (size_t i = waits.size(); i-- > 0;) {
+      if (waits[i].revents != 0) Finish(i);
+    }
+    return true;
+  }
+
+  void Finish(size_t index) {
+    const int error = GetConnectError(_pending[index].Get());
+    if (error == 0) _connected = std::move(_pending[index]);
+    if (_isLastPending && index + 1 == _pending.size()) {
+      _isLastPending = false;
+      _lastError = error;
+    }
+    _pending.erase(_pending.begin() + static_cast<std::ptrdiff_t>(index));
+  }
+
+  std::vector<Descriptor> _pending;  // in the order of their addresses
+  Descriptor _connected;
+  bool _isLastPending = false;    // the last one that was started, which is then the last of "_pending"
+  int _lastError = EHOSTUNREACH;  // of the last one that was started
+};
 
 ConnectResult ConnectTcp(const ServiceEndpoint& endpoint, const Deadline& deadline) {
   ConnectResult result;
@@ -140,14 +190,17 @@ void SetUpConnection(int descriptor) {
 ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadline) {
   size_t addressesLeft = 0;
   for (const addrinfo* address = addresses; address; address = address->ai_next) ++addressesLeft;
-  ConnectResult result = Failed(EHOSTUNREACH);
-  for (const addrinfo* address = addresses; address && result.descriptor < 0; address = address->ai_next)
-    result = ConnectAddress(*address, ShareOf(deadline, addressesLeft--));
-  return result;
+  PendingConnects connects;
+  for (const addrinfo* address = addresses; address && !connects.IsConnected(); address = address->ai_next) {
+    connects.Start(*address);
+    connects.AwaitLast(ShareOf(deadline, addressesLeft--));
+  }
+  connects.AwaitAll(deadline);
+  return connects.TakeResult();
 }
 
 bool IsShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS || error == EADDRNOTAVAIL;
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
 }
 
 ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline) {

@@ -20,12 +20,14 @@ struct ConnectResult {
 // minutes. To find the addresses of a host's name takes as long as the system's resolver takes.
 ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline);
 
-// Tries the addresses of a host one after the other, each once. The time that is left is shared by those that were not
-// tried yet, so that one that does not answer takes no other's turn; an address that fails soon leaves its share to
-// the others. Without a limit each has as long as the system gives it. The failure is that of the last address.
+// Connects to the first of a host's addresses that answers, each tried once. The time that is left is shared by those
+// that were not tried yet: when the share of an address is over, or it fails, the next one is tried, too, and those
+// before it may still answer until the deadline. Without a limit each has as long as the system gives it. The failure is
+// that of the last address.
 ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadline);
 
-// Whether a failure is this system's: it has no descriptor, memory or port left for a connection.
+// Whether a failure is this system's: it has no descriptor or memory left for a connection. Not EADDRNOTAVAIL:
+// that may be an address of a family that this system has no address of.
 bool IsShortage(int error);
 
 // Sets up a TCP connection as ConnectEndpoint does. Harmless for other sockets.

@@ -5,9 +5,13 @@
 #include <netinet/in.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <string>
 #include <vector>
 
 #include "tavix/osa/Time.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/FullListener.h"
 #include "tests/support/NoMoreDescriptors.h"
 
@@ -38,6 +42,17 @@ class Addresses {
   std::vector<addrinfo> _addresses;
 };
 
+// The connects to a port of 127.0.0.1 that are pending in the whole system.
+size_t CountPendingConnects(unsigned short port) {
+  char peer[32];
+  std::snprintf(peer, sizeof peer, " %08X:%04X 02 ", static_cast<unsigned int>(htonl(INADDR_LOOPBACK)),
+                static_cast<unsigned int>(port));
+  size_t count = 0;
+  std::ifstream sockets("/proc/net/tcp");
+  for (std::string line; std::getline(sockets, line);) count += line.find(peer) != std::string::npos ? 1 : 0;
+  return count;
+}
+
 osa::ConnectResult Connect(const std::vector<unsigned short>& ports, unsigned int timeout) {
   const Addresses addresses(ports);
   return osa::ConnectAddresses(addresses.Get(), osa::Deadline(timeout));
@@ -51,6 +66,38 @@ TEST(ConnectEndpoint, AnAddressThatDoesNotAnswerLeavesTimeToTheNext) {
   const osa::Descriptor connected(Connect({silent.GetPort(), listener.GetPort()}, 2000).descriptor);
   EXPECT_TRUE(connected);
   EXPECT_TRUE(listener.Accept());
+}
+
+// The share of each is half a second; the kernel asks the first one again after a second.
+TEST(ConnectEndpoint, AnAddressMayAnswerAfterItsShare) {
+  FullListener slow;
+  const FullListener silent;
+  std::vector<unsigned short> ports(200, silent.GetPort());
+  ports.front() = slow.GetPort();
+  const size_t before = CountPendingConnects(silent.GetPort());
+  osa::ConnectResult result;
+  BackgroundCall call([&] { result = Connect(ports, 100 * 1000); });
+  EXPECT_TRUE(Eventually([&] { return CountPendingConnects(silent.GetPort()) > before; }));
+  slow.MakeRoom();
+  call.Join();
+  const osa::Descriptor connected(result.descriptor);
+  EXPECT_TRUE(connected) << result.reason;
+  EXPECT_EQ(CountPendingConnects(silent.GetPort()), before) << "the others are closed";
+}
+
+TEST(ConnectEndpoint, TheLastThatRefusesLeavesTheTimeToTheOthers) {
+  FullListener slow;
+  const ListeningSocket refusing(ListeningSocket::kNotListening);
+  const size_t before = CountPendingConnects(slow.GetPort());
+  osa::ConnectResult result;
+  std::vector<unsigned short> ports(200, refusing.GetPort());
+  ports.front() = slow.GetPort();
+  BackgroundCall call([&] { result = Connect(ports, 100 * 1000); });
+  EXPECT_TRUE(Eventually([&] { return CountPendingConnects(slow.GetPort()) > before; }));
+  slow.MakeRoom();
+  call.Join();
+  const osa::Descriptor connected(result.descriptor);
+  EXPECT_TRUE(connected) << result.reason;
 }
 
 TEST(ConnectEndpoint, AnAddressThatRefusesIsNotTheLast) {
@@ -74,6 +121,7 @@ TEST(ConnectEndpoint, WithoutADescriptorThisSystemIsShort) {
   EXPECT_EQ(Connect({listener.GetPort()}, 1000).error, EMFILE);
   EXPECT_TRUE(osa::IsShortage(EMFILE));
   EXPECT_FALSE(osa::IsShortage(ECONNREFUSED));
+  EXPECT_FALSE(osa::IsShortage(EADDRNOTAVAIL)) << "of IPv6, where there is none";
 }
 
 }  // namespace tavix::test

@@ -29,6 +29,12 @@ class FullListener {
 
   unsigned short GetPort() const { return _listener.GetPort(); }
 
+  // From now on it answers: a connect that still tries gets through.
+  void MakeRoom() {
+    _fillers.clear();
+    (void)_listener.Accept();
+  }
+
  private:
   // There is room until the first connection is in the queue.
   void AwaitFirst() const {

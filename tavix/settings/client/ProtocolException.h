@@ -18,7 +18,7 @@ class TAVIX_EXPORT ProtocolException : public osa::Exception {
     kNotProtocol,  // the peer answered something else than the protocol has
     kTooLarge,     // the reply or notice is larger than the client takes
     kUnreadable,   // a whole reply or notice came whose settings text does not parse; the connection goes on
-    kNoResources,  // this system has no descriptor, memory or port left for a connection
+    kNoResources,  // this system has no descriptor or memory left for a connection
     kDropped,      // notices were dropped, because too many were pending; the connection goes on
   };
 
