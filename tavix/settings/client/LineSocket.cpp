@@ -110,6 +110,7 @@ void LineSocket::Connect(const ProtocolOptions& options) {
 
 void LineSocket::StartCall() {
   _wasSent = false;
+  _hasReceived = false;
   if (_descriptor < 0) Fail(Reason::kLost, "the connection to " + _address + " was closed after an earlier failure");
   _end.reset();
   if (_timeouts.call) _end = After(Clock::now(), *_timeouts.call);
@@ -172,11 +173,12 @@ void LineSocket::PutBack(const std::string& line) {
 bool LineSocket::ReceiveUntil(std::optional<Clock::time_point> end, bool hasMessageBegun) {
   const Clock::time_point silent = After(_receivedAt, _timeouts.silence);
   if (_end) end = std::min(*_end, end.value_or(*_end));
-  if (Await(POLLIN, hasMessageBegun ? std::min(silent, end.value_or(silent)) : end) != 0) {
-    Receive();
+  const bool isOver = _hasReceived && end && Clock::now() >= *end;
+  if (!isOver && Await(POLLIN, hasMessageBegun ? std::min(silent, end.value_or(silent)) : end) != 0) {
+    ReceiveSome();
     return true;
   }
-  if (hasMessageBegun && Clock::now() >= silent) FailTimedOut(_timeouts.silence);
+  if (hasMessageBegun && !isOver && Clock::now() >= silent) FailTimedOut(_timeouts.silence);
   if (hasMessageBegun && _end && Clock::now() >= *_end) FailTimedOut(*_timeouts.call);
   return false;
 }
@@ -193,6 +195,13 @@ LineSocket::Received LineSocket::TryReceive() {
 
 void LineSocket::Receive() {
   if (TryReceive() == Received::kEnd) FailLost();
+}
+
+// The end of the connection counts only when nothing has come before it.
+void LineSocket::ReceiveSome() {
+  const size_t before = _buffer.GetBytes();
+  if (!ReceiveAvailable() && _buffer.GetBytes() == before) FailLost();
+  _hasReceived = true;
 }
 
 // Waits for one of the events in spite of signals, and returns those that came; none at "end".

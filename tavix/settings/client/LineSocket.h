@@ -70,7 +70,8 @@ class LineSocket {
 
   // Waits until something is received; false at "end", or at the end of the call. Without either it waits for ever.
   // hasMessageBegun: the rest of a message is waited for. Then the end of the call, and a server that has been silent
-  // for too long, are kTimedOut; the silence of calls before counts.
+  // for too long, are kTimedOut; the silence of calls before counts. The first one of a call receives what has come
+  // even when its time is over; the others do not, so that a server that never stops sending does not hold the call up.
   bool ReceiveUntil(std::optional<Clock::time_point> end, bool hasMessageBegun);
 
   // How many bytes were received that were not taken yet.
@@ -97,6 +98,7 @@ class LineSocket {
   void Connect(const ProtocolOptions& options);
   Received TryReceive();
   void Receive();
+  void ReceiveSome();
   bool HasRoom() const { return _buffer.GetBytes() <= _maxMessageBytes; }
   short Await(short events, std::optional<Clock::time_point> end);
   short AwaitProgress(short events);
@@ -109,6 +111,7 @@ class LineSocket {
 
   std::optional<Clock::time_point> _end;  // of the call
   bool _wasSent = false;                  // some of the call's request
+  bool _hasReceived = false;              // in the call, by ReceiveUntil
   bool _isWrite = false;                  // the call's request
   bool _hasUnconfirmedWrites = false;     // that were sent, in part at least
   bool _isLarge = false;                  // a request was larger than a server takes by default

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Patience.h"
@@ -19,6 +20,11 @@ settings::client::ProtocolOptions Patient() {
   settings::client::ProtocolOptions options;
   options.timeouts.silence = kPatience;
   return options;
+}
+
+void AwaitReadable(const LineSocket& socket) {
+  pollfd wait{socket.GetDescriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&wait, 1, -1), 1);
 }
 
 }  // namespace
@@ -80,6 +86,39 @@ TEST(LineSocket, ReceivesNoMoreWhileMoreThanAMessageWasNotTaken) {
   EXPECT_EQ(socket.GetReceivedBytes(), full);
   EXPECT_LE(full, 120U * 1024);
   socket.Close();
+}
+
+// What has come is received even when no time is left, but what keeps coming is left to the next call.
+TEST(LineSocket, BytesThatKeepComingDoNotHideTheEndOfAWait) {
+  ScriptedServer server;
+  LineSocket socket(Patient());
+  ServerEnd peer = server.Accept();
+  const auto now = LineSocket::Clock::now();
+  for (int call = 0; call < 2; ++call) {
+    socket.StartCall();
+    peer.Send("a");
+    AwaitReadable(socket);
+    EXPECT_TRUE(socket.ReceiveUntil(now, call > 0));
+    peer.Send("a");
+    AwaitReadable(socket);
+    EXPECT_FALSE(socket.ReceiveUntil(now, true));
+  }
+  EXPECT_EQ(socket.GetReceivedBytes(), 3U) << "the second call has received the rest of the first";
+}
+
+TEST(LineSocket, BytesThatKeepComingDoNotHideTheEndOfACall) {
+  ScriptedServer server;
+  LineSocket socket(Patient());
+  ServerEnd peer = server.Accept();
+  socket.SetTimeouts({kPatience, LineSocket::Milliseconds(0)});
+  socket.StartCall();
+  peer.Send("a");
+  AwaitReadable(socket);
+  EXPECT_TRUE(socket.ReceiveUntil(std::nullopt, true));
+  peer.Send("a");
+  AwaitReadable(socket);
+  EXPECT_THROW(socket.ReceiveUntil(std::nullopt, true), ProtocolException);
+  EXPECT_EQ(socket.GetDescriptor(), -1);
 }
 
 TEST(LineSocket, SendingReturnsHowMuchHasLeft) {
