@@ -44,22 +44,25 @@ void TavixSettingsTcpConnection::EnsureConnection(int attempts) {
       Connect();
     } catch (const std::exception& exception) {
       _logger->Trace("%s", exception.what());
-      NoteFailure(exception.what());
-      if (dynamic_cast<const osa::EndpointException*>(&exception)) ReportWrongVariable(exception.what());
       CloseConnection();
       _logger->Warning("%s", kConnectFailed);
       _logger->Information("Retrying connection");
+      NoteFailure(exception);
     }
   }
 }
 
-// To close a copy of a descriptor ends no connection.
+// To close a copy of a descriptor ends no connection. The outage is the parent's, too: that of this process is yet to
+// be reported.
 void TavixSettingsTcpConnection::DropOfParent() {
   const pid_t process = getpid();
   if (process == _process) return;
   CloseConnection();
   ClearStreams();
   _process = process;
+  _wrongVariable.clear();
+  osa::PlainMutexLock lock(_mutex);
+  _failure.reset();
 }
 
 // The socket is visible to other threads only once it is connected: a connect takes a second at most, and an abort that
@@ -82,27 +85,39 @@ void TavixSettingsTcpConnection::Connect() {
 }
 
 // The attempts of one outage differ in their reasons at times: the last one counts.
-void TavixSettingsTcpConnection::NoteFailure(const char* text) {
-  osa::PlainMutexLock lock(_mutex);
-  if (_isAborted) return;
-  if (!_failure) _failure = Failure{{}, osa::Deadline::Clock::now()};
-  _failure->text = text;
+// Without memory the reason is not kept: that is no reason to end otherwise than required.
+void TavixSettingsTcpConnection::NoteFailure(const std::exception& exception) noexcept {
+  try {
+    std::string text = exception.what();
+    if (dynamic_cast<const osa::EndpointException*>(&exception)) ReportWrongVariable(text);
+    osa::PlainMutexLock lock(_mutex);
+    if (_isAborted) return;
+    if (!_failure) _failure = Failure{{}, {}, osa::Deadline::Clock::now()};
+    _failure->text = std::move(text);
+  } catch (const std::exception& failure) {
+    _logger->Trace("The reason is not kept: %s", failure.what());
+  }
 }
 
-void TavixSettingsTcpConnection::ReportWrongVariable(const char* text) {
+void TavixSettingsTcpConnection::ReportWrongVariable(const std::string& text) {
   if (_wrongVariable == text) return;
+  _logger->Error("%s", text.c_str());
   _wrongVariable = text;
-  _logger->Error("%s", text);
 }
 
 // A log output may be slow: nothing is logged under the lock, which callers take to end a connection.
-void TavixSettingsTcpConnection::ReportOutage() {
-  {
-    osa::PlainMutexLock lock(_mutex);
-    if (_isAborted || !_failure || _failure->text == _wrongVariable) return;
-    if (std::exchange(_failure->isReported, true)) return;
+void TavixSettingsTcpConnection::ReportOutage() noexcept {
+  try {
+    const std::string text = DescribeFailure();
+    {
+      osa::PlainMutexLock lock(_mutex);
+      if (_isAborted || !_failure || _failure->text == _wrongVariable || _failure->text == _failure->reported) return;
+      _failure->reported = _failure->text;
+    }
+    _logger->Warning("%s", text.c_str());
+  } catch (const std::exception& failure) {
+    _logger->Trace("The outage is not reported: %s", failure.what());
   }
-  _logger->Warning("%s", DescribeFailure().c_str());
 }
 
 std::string TavixSettingsTcpConnection::DescribeFailure() const {

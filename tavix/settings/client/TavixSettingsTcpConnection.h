@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,9 +23,10 @@ namespace tavix::settings::client {
 //
 // A process that was forked drops its copy of the connection, which is its parent's, and connects anew.
 //
-// From the first attempt that fails up to the one that succeeds is an outage. It is logged once in detail, when all
-// attempts of a call have failed; the lines of each attempt stay as they are. A TAVIX_SETTINGS_SERVER that can't be an
-// address is logged once at error for each value: no waiting helps against that.
+// From the first attempt that fails up to the one that succeeds is an outage. It is logged in detail when all attempts
+// of a call have failed, and again when the reason has changed; the lines of each attempt stay as they are. A
+// TAVIX_SETTINGS_SERVER that can't be an address is logged once at error for each value: no waiting helps against that.
+// A forked process logs what it finds itself.
 class TavixSettingsTcpConnection : public TavixSettingsConnection {
  public:
   // Does not connect.
@@ -44,15 +46,15 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
   void DropOfParent() TAVIX_EXCLUDES(_mutex);
   void PauseBeforeRetry() TAVIX_EXCLUDES(_mutex);
   void RefuseWhenAborted() const TAVIX_REQUIRES(_mutex);
-  void NoteFailure(const char* text) TAVIX_EXCLUDES(_mutex);
-  void ReportWrongVariable(const char* text);
-  void ReportOutage() TAVIX_EXCLUDES(_mutex);
+  void NoteFailure(const std::exception& exception) noexcept TAVIX_EXCLUDES(_mutex);
+  void ReportWrongVariable(const std::string& text);
+  void ReportOutage() noexcept TAVIX_EXCLUDES(_mutex);
 
   // That the last attempt failed.
   struct Failure {
     std::string text;
+    std::string reported;                    // the text that was logged last
     osa::Deadline::Clock::time_point since;  // the outage began
-    bool isReported = false;
   };
 
   pid_t _process;  // whose connection it is; the owner's alone

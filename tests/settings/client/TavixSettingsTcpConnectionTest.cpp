@@ -3,18 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <istream>
 #include <iterator>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "tavix/osa/Exception.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ElapsedTime.h"
 #include "tests/support/LogOf.h"
 #include "tests/support/OwnSockets.h"
+#include "tests/support/Patience.h"
 #include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
 
@@ -125,6 +130,46 @@ TEST(TavixSettingsTcpConnection, LogsEachOutageOnceInDetail) {
                             return message.rfind("WARNING TavixSettingsConnection: Failed to connect to 127.", 0) == 0;
                           }),
             2);
+}
+
+TEST(TavixSettingsTcpConnection, LogsAnOutageAgainWhenItsReasonChanges) {
+  TavixSettingsTcpConnection connection;
+  const auto messages = LogOf([&] {
+    for (const char* endpoint : {"unix:/nowhere/first", "unix:/nowhere/second"}) {
+      const tavix::test::ScopedEnvironment variable("TAVIX_SETTINGS_SERVER", endpoint);
+      for (int i = 0; i < 2; ++i) EXPECT_THROW(connection.EnsureConnection(1), Exception);
+    }
+  });
+  const auto outage = [](const std::string& path) {
+    return testing::StartsWith("WARNING TavixSettingsConnection: Failed to connect to unix:" + path);
+  };
+  std::vector<std::string> outages;
+  std::copy_if(messages.begin(), messages.end(), std::back_inserter(outages),
+               [](const std::string& message) { return message.rfind("WARNING", 0) == 0 && message != kWarning; });
+  EXPECT_THAT(outages, testing::ElementsAre(outage("/nowhere/first"), outage("/nowhere/second")));
+}
+
+TEST(TavixSettingsTcpConnection, AForkedProcessLogsAnOutageItself) {
+  const tavix::test::ScopedEnvironment variable("TAVIX_SETTINGS_SERVER", "unix:/nowhere/server");
+  TavixSettingsTcpConnection connection;
+  EXPECT_THROW(connection.EnsureConnection(1), Exception);
+  const auto messages = LogOf([&] {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(static_cast<unsigned int>(tavix::test::kPatience.count()));
+      try {
+        connection.EnsureConnection(1);
+      } catch (const Exception&) {
+        _exit(EXIT_SUCCESS);
+      }
+      _exit(EXIT_FAILURE);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
+  });
+  EXPECT_THAT(messages, testing::Contains(testing::StartsWith(
+                            "WARNING TavixSettingsConnection: Failed to connect to unix:/nowhere/server")));
 }
 
 TEST(TavixSettingsTcpConnection, LogsAVariableThatCanBeNoAddressOnceAsAnError) {
