@@ -61,6 +61,10 @@ class TAVIX_EXPORT SettingsWatcher {
   void AddSetting(const std::string& group, const std::string& key, bool* target, bool def);
   void AddSetting(const std::string& group, const std::string& key, std::string* target, const std::string& def);
 
+  // A text is no default of a bool: as a pointer it would be true.
+  template <class T>
+  void AddSetting(const std::string& group, const std::string& key, bool* target, const T* def) = delete;
+
   // The same for an enumeration: the setting is one of the names, exactly.
   //
   //     watcher.AddSetting("Video/Main", "codec", &codec, Codec::kH264,

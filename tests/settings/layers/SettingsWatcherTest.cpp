@@ -5,6 +5,8 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/Subscription.h"
@@ -22,6 +24,21 @@ using test::Client;
 using test::Mode;
 using test::StoreInMode;
 using testing::ThrowsMessage;
+
+namespace {
+
+template <class Default, class = void>
+constexpr bool kIsDefaultOfBool = false;
+template <class Default>
+constexpr bool kIsDefaultOfBool<Default, std::void_t<decltype(std::declval<SettingsWatcher&>().AddSetting(
+                                             "", "", std::declval<bool*>(), std::declval<Default>()))>> = true;
+
+static_assert(kIsDefaultOfBool<bool>);
+static_assert(kIsDefaultOfBool<int>);
+static_assert(!kIsDefaultOfBool<const char (&)[3]>, "a text would be true");
+static_assert(!kIsDefaultOfBool<char*>);
+
+}  // namespace
 
 TEST(SettingsWatcher, ANullClientIsRefused) {
   EXPECT_THAT([] { SettingsWatcher(nullptr); }, ThrowsMessage<Exception>("client was NULL"));
