@@ -11,6 +11,7 @@
 #include "tavix/settings/client/TavixSettingsLocalConnection.h"
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::settings {
 
@@ -54,15 +55,30 @@ Impl Make(TavixSettingsClient::OperationMode mode, const IniFile* defaults) {
   throw osa::Exception("Invalid or unsupported operation mode");
 }
 
-bool HasRestrictedGroup(const IniFile& settings) {
-  return std::any_of(settings.begin(), settings.end(),
-                     [](const auto& group) { return server::GroupDiscriminator::IsRestrictedGroup(group.first); });
+// Groups that clients can't set, or never see.
+bool HasRefusedGroup(const IniFile& settings) {
+  return std::any_of(settings.begin(), settings.end(), [](const auto& group) {
+    return server::GroupDiscriminator::IsRestrictedGroup(group.first) ||
+           group.first == server::SettingsManager::kDeletedGroups;
+  });
 }
 
 std::set<std::string> GroupsOf(const IniFile& settings) {
   std::set<std::string> groups;
   for (const auto& group : settings) groups.insert(groups.end(), group.first);
   return groups;
+}
+
+std::string ShowNames(const std::set<std::string>& groups) {
+  std::string text;
+  for (const std::string& group : groups) text.append(text.empty() ? "[" : ", [").append(group).append("]");
+  return text;
+}
+
+TavixSettingsClient::Outcome OutcomeOf(client::Keeping keeping) {
+  using client::Keeping;
+  if (keeping == Keeping::kUnknown) return TavixSettingsClient::Outcome::kMaybeKept;
+  return keeping == Keeping::kKept ? TavixSettingsClient::Outcome::kDone : TavixSettingsClient::Outcome::kNotKept;
 }
 
 }  // namespace
@@ -73,11 +89,15 @@ TavixSettingsClient::TavixSettingsClient(OperationMode mode, const IniFile& defa
 
 // Locks and threads of a client that was left to the parent may never be free, or end.
 TavixSettingsClient::~TavixSettingsClient() {
-  if (_pImpl->IsLeftToParent()) static_cast<void>(_pImpl.release());
+  if (IsLeftToParent()) static_cast<void>(_pImpl.release());
+}
+
+bool TavixSettingsClient::IsLeftToParent() const {
+  return _pImpl->IsLeftToParent();
 }
 
 client::TavixSettingsClientImpl& TavixSettingsClient::Get(const char* call) const {
-  if (!_pImpl->IsLeftToParent()) return *_pImpl;
+  if (!IsLeftToParent()) return *_pImpl;
   throw osa::Exception("%s can't be called in a forked process: the client's threads are in its parent", call);
 }
 
@@ -143,18 +163,20 @@ TavixSettingsClient::Outcome TavixSettingsClient::Apply(const IniFile& settings)
 
 // A merge has no reply, and leaves restricted groups out; a test-and-merge is answered.
 TavixSettingsClient::Outcome TavixSettingsClient::Apply(const IniFile& expected, const IniFile& settings) {
-  if (HasRestrictedGroup(settings)) return Outcome::kRefused;
-  if (TestAndMerge(expected, settings)) return Get("Apply").KeepsChanges() ? Outcome::kDone : Outcome::kNotKept;
+  if (HasRefusedGroup(settings)) return Outcome::kRefused;
+  if (TestAndMerge(expected, settings)) return OutcomeOf(Get("Apply").AskForKeeping());
   if (expected.IsEmpty()) return Outcome::kRefused;
   IniFile current;
-  GetSettings(GroupsOf(expected), current);
+  const std::set<std::string> groups = GroupsOf(expected);
+  if (!GetSettings(groups, current))
+    throw osa::Exception("The settings server's reply for '%s' can't be read", ShowNames(groups).c_str());
   return current.ContainsSettings(expected) ? Outcome::kRefused : Outcome::kConditionFailed;
 }
 
 bool TavixSettingsClient::TrySetValue(const SettingLocator& locator, const std::string& value) {
   IniFile settings;
   settings[locator.group][locator.key] = value;
-  return !HasRestrictedGroup(settings) && TestAndMerge(IniFile(), settings);
+  return !HasRefusedGroup(settings) && TestAndMerge(IniFile(), settings);
 }
 
 bool TavixSettingsClient::TrySetValue(const std::string& locator, const std::string& value) {
@@ -198,11 +220,11 @@ void TavixSettingsClient::Subscribe(IChangeCallback* cb, const std::string& grou
 }
 
 void TavixSettingsClient::UnSubscribe(IChangeCallback* cb) {
-  if (!_pImpl->IsLeftToParent()) _pImpl->GetDispatcher().RemoveCallback(cb);
+  if (!IsLeftToParent()) _pImpl->GetDispatcher().RemoveCallback(cb);
 }
 
 void TavixSettingsClient::Detach(IChangeCallback* cb) {
-  if (!_pImpl->IsLeftToParent()) _pImpl->Detach(cb);
+  if (!IsLeftToParent()) _pImpl->Detach(cb);
 }
 
 void TavixSettingsClient::AddConnectionObserver(IConnectionObserver* observer) {
@@ -210,7 +232,7 @@ void TavixSettingsClient::AddConnectionObserver(IConnectionObserver* observer) {
 }
 
 void TavixSettingsClient::RemoveConnectionObserver(IConnectionObserver* observer) {
-  if (!_pImpl->IsLeftToParent()) _pImpl->RemoveConnectionObserver(observer);
+  if (!IsLeftToParent()) _pImpl->RemoveConnectionObserver(observer);
 }
 
 }  // namespace tavix::settings

@@ -41,7 +41,7 @@ class TavixSettingsClientImpl;
 //          communicate with tavix-settings-server" when it was lost before the reply, or before this call with nobody
 //          waiting: the first call after a lost connection fails. SingleThreaded: "Failed to connect to
 //          tavix-settings-server" after five tries. Where no connection was made, the log has the address, the reason
-//          and for how long it was tried, once, at warning; the first text goes on with them. Writes have no reply:
+//          and for how long it was tried, once for each reason, at warning; the first text goes on with them. Writes have no reply:
 //          that they return says they were sent, and a request whose reply was lost may have been carried out.
 // Methods: many, as each operation has forms for one group and for several; all are a few lines over the mode's client.
 class TAVIX_EXPORT TavixSettingsClient {
@@ -64,6 +64,7 @@ class TAVIX_EXPORT TavixSettingsClient {
     kNotKept,          // likewise, until the server ends: it saves nothing, or its disk fails
     kRefused,          // nothing was changed: a group is restricted, or the store has no room
     kConditionFailed,  // nothing was changed: the store did not hold what was expected
+    kMaybeKept,        // the store holds it; the server could not be asked whether it saves it
   };
 
   // defaults: what a Local client starts from; copied. Ignored in the other modes: the server has the defaults.
@@ -110,13 +111,14 @@ class TAVIX_EXPORT TavixSettingsClient {
   // store holds every value of "expected".
   //
   // MergeSettings, in contrast, leaves out in silence what is refused. Stores in the process save nothing: kNotKept.
-  // Over TCP the server is asked over a connection of its own whether it keeps changes, and kDone is returned when it
-  // can't tell. SingleThreaded: a request whose answer was lost is made again, so that kConditionFailed may mean that
-  // the first one was carried out.
+  // Over TCP the server is asked over a connection of its own whether it keeps changes: kDone, too, when it is older
+  // than that question, and kMaybeKept when it does not answer. The record of deleted groups counts as restricted.
+  // SingleThreaded: a request whose answer was lost is made again, so that kConditionFailed may mean that the first one
+  // was carried out. Throws where GetSettings returns false for the groups of a condition that failed.
   [[nodiscard]] Outcome Apply(const core::IniFile& settings);
   [[nodiscard]] Outcome Apply(const core::IniFile& expected, const core::IniFile& settings);
 
-  // The same for one value. Returns whether the store holds it now: kDone or kNotKept.
+  // The same for one value. Returns whether the store holds it now.
   [[nodiscard]] bool TrySetValue(const SettingLocator& locator, const std::string& value);
   [[nodiscard]] bool TrySetValue(const std::string& locator, const std::string& value);
 
@@ -151,7 +153,10 @@ class TAVIX_EXPORT TavixSettingsClient {
   void RemoveConnectionObserver(IConnectionObserver* observer);
 
  private:
+  friend class Subscription;  // which does nothing where the client was left to the parent
+
   client::TavixSettingsClientImpl& Get(const char* call) const;
+  bool IsLeftToParent() const;
 
   std::unique_ptr<client::TavixSettingsClientImpl> _pImpl;
 };

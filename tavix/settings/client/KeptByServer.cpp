@@ -1,19 +1,21 @@
 #include "tavix/settings/client/KeptByServer.h"
 
+#include <exception>
+
 #include "tavix/core/Logger.h"
-#include "tavix/osa/Exception.h"
 #include "tavix/settings/client/ProtocolClient.h"
 
 namespace tavix::settings::client {
 
-bool IsKeptByServer() {
+Keeping AskServerForKeeping() {
   try {
     const auto figures = ProtocolClient(ProtocolOptions()).GetServerInfo();
     const auto kept = figures.find("kept");
-    return (kept == figures.end() || kept->second != "false") && figures.count("failure") == 0;
-  } catch (const osa::Exception& exception) {
+    const bool isKept = kept == figures.end() || kept->second != "false";
+    return isKept && figures.count("failure") == 0 ? Keeping::kKept : Keeping::kNotKept;
+  } catch (const std::exception& exception) {
     core::Logger::GetLogger("TavixSettings")->Warning("Whether changes are kept is not known: %s", exception.what());
-    return true;
+    return Keeping::kUnknown;
   }
 }
 

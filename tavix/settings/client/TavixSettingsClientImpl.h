@@ -8,6 +8,7 @@
 
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/client/IConnectionObserver.h"
+#include "tavix/settings/client/KeptByServer.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 
 namespace tavix::core {
@@ -44,8 +45,8 @@ class TavixSettingsClientImpl {
   virtual void AddConnectionObserver(IConnectionObserver* observer);
   virtual void RemoveConnectionObserver(IConnectionObserver* observer);
 
-  // Whether the store saves what is changed, as far as it can be known. Asks the server.
-  virtual bool KeepsChanges() const { return true; }
+  // Whether the store saves what is changed. Asks the server.
+  virtual Keeping AskForKeeping() const = 0;
 
   // Whether this process was forked since a client with threads was made: they are in the parent alone. Then nothing of
   // the client is used, and it is not destroyed.

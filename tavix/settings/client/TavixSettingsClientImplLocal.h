@@ -27,7 +27,7 @@ class TavixSettingsClientImplLocal : public TavixSettingsClientImpl, public ICha
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
   void Detach(IChangeCallback* cb) override;
-  bool KeepsChanges() const override { return false; }
+  Keeping AskForKeeping() const override { return Keeping::kNotKept; }
 
   // From the store: passes the groups on with their current content.
   void OnChange(const std::set<std::string>& groups, const core::IniFile& settings) override;

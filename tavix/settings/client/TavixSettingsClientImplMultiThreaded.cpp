@@ -160,8 +160,8 @@ void TavixSettingsClientImplMultiThreaded::RemoveConnectionObserver(IConnectionO
 }
 
 // A server in the process saves nothing.
-bool TavixSettingsClientImplMultiThreaded::KeepsChanges() const {
-  return !_pConnection->OutlivesClosing() && IsKeptByServer();
+Keeping TavixSettingsClientImplMultiThreaded::AskForKeeping() const {
+  return _pConnection->OutlivesClosing() ? Keeping::kNotKept : AskServerForKeeping();
 }
 
 // A connection that is made between writing and registering knows nothing of the subscription: then it is written

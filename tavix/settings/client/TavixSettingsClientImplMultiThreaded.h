@@ -67,7 +67,7 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   void RestoreToDefaults(const std::set<std::string>& groups) override;
   void AddConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
   void RemoveConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
-  bool KeepsChanges() const override;
+  Keeping AskForKeeping() const override;
 
   // The worker.
   void Run() override;

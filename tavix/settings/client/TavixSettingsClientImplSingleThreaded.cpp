@@ -94,8 +94,8 @@ void TavixSettingsClientImplSingleThreaded::RestoreToDefaults(const std::set<std
   RunCommand("restore", command);
 }
 
-bool TavixSettingsClientImplSingleThreaded::KeepsChanges() const {
-  return !_isInProcess && IsKeptByServer();
+Keeping TavixSettingsClientImplSingleThreaded::AskForKeeping() const {
+  return _isInProcess ? Keeping::kNotKept : AskServerForKeeping();
 }
 
 void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const {

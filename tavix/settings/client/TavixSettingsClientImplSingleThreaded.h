@@ -31,7 +31,7 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
-  bool KeepsChanges() const override;
+  Keeping AskForKeeping() const override;
 
  private:
   void RunCommand(const char* name, RemoteCommand& command) const TAVIX_EXCLUDES(_mutex);

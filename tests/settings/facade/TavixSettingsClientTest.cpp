@@ -320,6 +320,22 @@ TEST_F(TavixSettingsClientTest, AReplyThatIsNoSettingsTextIsNoValueAndNotSaidToB
   calls.Join();
 }
 
+TEST_F(TavixSettingsClientTest, AConditionWhoseGroupsCannotBeReadIsNotSaidToHaveFailed) {
+  ScriptedServer server;
+  TavixSettingsClient client(TavixSettingsClient::MultiThreaded);
+  BackgroundCall call([&] {
+    EXPECT_THAT([&] { static_cast<void>(client.Apply(DocumentOf("[A]\nx=1\n[B]\n"), DocumentOf("[A]\nx=2\n"))); },
+                testing::ThrowsMessage<Exception>("The settings server's reply for '[A], [B]' can't be read"));
+  });
+  ServerEnd peer = server.Accept();
+  peer.ReadThrough();
+  peer.ReadThrough();
+  peer.Send("result\nfailure\n");
+  peer.ReadThrough();
+  peer.Send("data\nno settings text\n.\n");
+  call.Join();
+}
+
 TEST_F(TavixSettingsClientTest, EachOperationThatAsksSendsOneRequestAndReadsItsReply) {
   const struct {
     void (*call)(TavixSettingsClient& client);

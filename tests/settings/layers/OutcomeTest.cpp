@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/settings/TavixSettingsClient.h"
+#include "tavix/settings/server/SettingsManager.h"
 #include "tests/programs/server/Daemon.h"
 #include "tests/settings/layers/StoreInMode.h"
 #include "tests/support/BackgroundCall.h"
@@ -21,7 +22,7 @@ using Outcome = Client::Outcome;
 namespace {
 
 // A store that is asked for a change, and then on another connection for its figures.
-Outcome ApplyAtServerWith(const std::string& figures) {
+Outcome ApplyAtServerWith(const std::string& reply) {
   ScriptedServer server;
   Client client(Client::SingleThreaded);
   std::optional<Outcome> outcome;
@@ -32,7 +33,8 @@ Outcome ApplyAtServerWith(const std::string& figures) {
   peer.Send("result\nok\n");
   ServerEnd asking = server.Accept();
   EXPECT_EQ(asking.ReadThrough(), "info server\nget delimited\n.\n");
-  asking.Send(figures + "data\n.\n");
+  asking.Send(reply);
+  asking.HalfClose();
   call.Join();
   return outcome.value();
 }
@@ -51,10 +53,25 @@ TEST(Outcome, OfAChangeThatADaemonKeeps) {
 }
 
 TEST(Outcome, OfAChangeThatADaemonMayNotKeep) {
-  EXPECT_EQ(ApplyAtServerWith("Server\n------\nkept=true\n\n"), Outcome::kDone);
-  EXPECT_EQ(ApplyAtServerWith("Server\n------\nkept=false\n\n"), Outcome::kNotKept);
-  EXPECT_EQ(ApplyAtServerWith("Server\n------\nfailure=No space\nkept=true\n\n"), Outcome::kNotKept);
-  EXPECT_EQ(ApplyAtServerWith(""), Outcome::kDone) << "a daemon that is older than the question";
+  EXPECT_EQ(ApplyAtServerWith("Server\n------\nkept=true\n\ndata\n.\n"), Outcome::kDone);
+  EXPECT_EQ(ApplyAtServerWith("Server\n------\nkept=false\n\ndata\n.\n"), Outcome::kNotKept);
+  EXPECT_EQ(ApplyAtServerWith("Server\n------\nfailure=No space\nkept=true\n\ndata\n.\n"), Outcome::kNotKept);
+  EXPECT_EQ(ApplyAtServerWith("data\n.\n"), Outcome::kDone) << "a daemon that is older than the question";
+  EXPECT_EQ(ApplyAtServerWith(""), Outcome::kMaybeKept) << "a daemon that does not answer";
+}
+
+TEST(Outcome, OfAChangeBeforeAServerThatTakesNoMoreConnections) {
+  ScriptedServer server;
+  Client client(Client::SingleThreaded);
+  std::optional<Outcome> outcome;
+  BackgroundCall call([&] { outcome = client.Apply(DocumentOf("[A]\nx=1\n")); });
+  ServerEnd peer = server.Accept();
+  peer.ReadThrough();
+  peer.ReadThrough();
+  server.StopListening();
+  peer.Send("result\nok\n");
+  call.Join();
+  EXPECT_EQ(outcome, Outcome::kMaybeKept);
 }
 
 // The stores of these tests save nothing.
@@ -70,6 +87,17 @@ TEST(Outcome, OfAChangeWithARestrictedGroupLeavesTheOthersAlone) {
   for (const Mode mode : kAllModes) {
     StoreInMode store(mode, "[A]\nx=1\n");
     EXPECT_EQ(store.GetClient()->Apply(DocumentOf("[A]\nx=2\n[Secure/B]\ny=1\n")), Outcome::kRefused);
+    EXPECT_EQ(store.Read("*"), "[A]\nx=1\n");
+  }
+}
+
+// No reader would ever see it.
+TEST(Outcome, OfAChangeOfTheRecordOfDeletedGroups) {
+  for (const Mode mode : kAllModes) {
+    StoreInMode store(mode, "[A]\nx=1\n");
+    const std::string record = settings::server::SettingsManager::kDeletedGroups;
+    EXPECT_EQ(store.GetClient()->Apply(DocumentOf("[" + record + "]\nA=1\n[B]\nx=2\n")), Outcome::kRefused);
+    EXPECT_FALSE(store.GetClient()->TrySetValue("[" + record + "]A", "1"));
     EXPECT_EQ(store.Read("*"), "[A]\nx=1\n");
   }
 }

@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "tavix/settings/client/KeptByServer.h"
+#include "tavix/settings/client/TavixSettingsTcpConnection.h"
+#include "tests/support/Environment.h"
+#include "tests/support/LogOf.h"
+#include "tests/support/ScriptedServer.h"
+
+// Clients of a process whose memory runs out at any moment.
+
+namespace {
+
+thread_local long t_allocationsLeft = -1;  // until one is refused; negative: none is
+thread_local bool t_wasRefused = false;
+
+bool IsRefused() {
+  if (t_allocationsLeft < 0 || t_allocationsLeft-- > 0) return false;
+  t_wasRefused = true;
+  return true;
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* const memory = IsRefused() ? nullptr : std::malloc(size);
+  if (!memory) throw std::bad_alloc();
+  return memory;
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return IsRefused() ? nullptr : std::malloc(size);
+}
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+
+namespace tavix::test {
+
+using settings::client::AskServerForKeeping;
+using settings::client::Keeping;
+using settings::client::TavixSettingsTcpConnection;
+
+namespace {
+
+// While it lives, the thread is refused that allocation, counted from 0.
+class RefusedAllocation {
+ public:
+  explicit RefusedAllocation(long allocation) {
+    t_wasRefused = false;
+    t_allocationsLeft = allocation;
+  }
+
+  ~RefusedAllocation() { t_allocationsLeft = -1; }
+
+  RefusedAllocation(const RefusedAllocation&) = delete;
+  RefusedAllocation& operator=(const RefusedAllocation&) = delete;
+};
+
+Keeping AskWithout(long allocation) {
+  const RefusedAllocation refused(allocation);
+  return AskServerForKeeping();
+}
+
+// The lines that are required of an attempt that fails, and of the call.
+long CountLines(const std::vector<std::string>& messages) {
+  return std::count_if(messages.begin(), messages.end(), [](const std::string& message) {
+    return message == "WARNING TavixSettingsConnection: Failed to connect to tavix-settings-server" ||
+           message == "INFO TavixSettingsConnection: Retrying connection";
+  });
+}
+
+}  // namespace
+
+TEST(ClientMemory, ThatRunsOutLeavesItUnknownWhetherChangesAreKept) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
+    peer.ReadThrough();
+    peer.Send("Server\n------\nkept=true\n\ndata\n.\n");
+    peer.ReadToEnd();
+  });
+  EXPECT_EQ(AskWithout(0), Keeping::kUnknown);
+  Keeping last = Keeping::kUnknown;
+  for (long allocation = 1; t_wasRefused; ++allocation) {
+    last = AskWithout(allocation);
+    EXPECT_NE(last, Keeping::kNotKept) << allocation;
+  }
+  EXPECT_EQ(last, Keeping::kKept);
+}
+
+// The log may lose the line that the allocation was for, and then shows the two beside it as one.
+TEST(ClientMemory, ThatRunsOutTakesNoLineOfAFailureToConnect) {
+  const ScopedEnvironment variable("TAVIX_SETTINGS_SERVER", "unix:/nowhere/server");
+  long allocation = 0;
+  do {
+    TavixSettingsTcpConnection connection;
+    const auto messages = LogOf([&] {
+      const RefusedAllocation refused(allocation);
+      try {
+        connection.EnsureConnection(1);
+      } catch (const std::exception&) {
+      }
+    });
+    EXPECT_GE(CountLines(messages), 1) << allocation;
+  } while (t_wasRefused && ++allocation > 0);
+  EXPECT_GT(allocation, 1);
+}
+
+}  // namespace tavix::test
