@@ -91,7 +91,12 @@ bool Subscription::TryDetach(TavixSettingsClient& client, Forwarder& forwarder) 
 Subscription::Subscription(TavixSettingsClient* client, IChangeCallback* target)
     : _client(client), _forwarder(std::make_unique<Forwarder>(target)) {}
 
+// In a process that was forked, the callback's mutex may be held by a thread that is in the parent alone.
 Subscription::~Subscription() {
+  if (_client->IsLeftToParent()) {
+    static_cast<void>(_forwarder.release());
+    return;
+  }
   _forwarder->Forget();
   if (TryDetach(*_client, *_forwarder)) {
     LeftBehind::Get().FreeThoseOf(_client);

@@ -16,6 +16,7 @@ class TavixSettingsClient;
 // Threads: as the client's own operations; destroying it waits for a call that is under way on another thread. From a
 //          callback of the same client, too, it may be destroyed: the small callback then stays behind and does
 //          nothing, until the next subscription with the client begins or ends.
+// Forks:   where the client was left to the parent, destroying it does nothing, and never waits.
 class Subscription {
  public:
   // Both are borrowed and outlive the subscription. Subscribes to nothing yet.

@@ -6,14 +6,17 @@
 
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/Subscription.h"
 #include "tavix/settings/TavixSettingsClient.h"
 #include "tests/settings/layers/StoreInMode.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/OwnSockets.h"
 #include "tests/support/Patience.h"
 #include "tests/support/RecordingCallback.h"
@@ -130,6 +133,40 @@ TEST(ForkedClient, EndsNoSubscriptionOfItsParents) {
     client.ExpectStillConnected();
     EXPECT_THAT(callback.GetChanges(), Not(IsEmpty()));
   }
+}
+
+// The callback's lock is held by a thread that is in the parent alone.
+TEST(ForkedSubscription, IsDestroyedWhileItsParentIsInACall) {
+  for (const Mode mode : {Client::MultiThreaded, Client::MultiThreadedLocalConnection}) {
+    StoreInMode store(mode);
+    std::promise<void> called;
+    std::promise<void> mayReturn;
+    RecordingCallback target([&] {
+      called.set_value();
+      mayReturn.get_future().wait();
+    });
+    auto subscription = std::make_unique<settings::Subscription>(store.GetClient(), &target);
+    subscription->Subscribe({"A"});
+    BackgroundCall change([&] { store.Merge("[A]\nx=1\n"); });
+    called.get_future().wait();
+    EXPECT_TRUE(HoldsInChild([&] {
+      subscription.reset();
+      return true;
+    }));
+    mayReturn.set_value();
+  }
+}
+
+TEST(ForkedSubscription, EndsInACopyOfALocalStore) {
+  StoreInMode store(Client::Local);
+  RecordingCallback target;
+  auto subscription = std::make_unique<settings::Subscription>(store.GetClient(), &target);
+  subscription->Subscribe({"A"});
+  EXPECT_TRUE(HoldsInChild([&] {
+    subscription.reset();
+    store.Merge("[A]\nx=1\n");
+    return target.GetChanges().empty();
+  }));
 }
 
 TEST(ForkedClient, ConnectsAnewWhenItIsSingleThreaded) {
