@@ -111,8 +111,8 @@ std::string Announce(const Server& server) {
 
 // A disk that hangs must not keep the daemon from ending before the service manager loses patience, and neither must a
 // log that nobody reads.
-void EndAtOnce(bool isSaved, const LifeLog& life) {
-  const int status = isSaved ? kExitDone : kExitNotSaved;
+void EndAtOnce(bool isSaved, bool hasFailed, const LifeLog& life) {
+  const int status = hasFailed ? kExitFailure : isSaved ? kExitDone : kExitNotSaved;
   const Deadline silent(kMaxLogTime, [status] { _exit(status); });
   core::Logger::GetLogger("UserSettings")
       ->Error("The disk does not answer; the daemon ends without a snapshot%s",
@@ -151,15 +151,18 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
     server.Run(signals, [&](const Signals::Signal& signal) {
       if (signal.number == SIGTERM || signal.number == SIGINT) {
         life.BeginEnd();
-        store->LimitEnd([&](bool isSaved) { EndAtOnce(isSaved, life); });
+        const bool hasFailed = signal.process == getpid();  // an event loop
+        store->LimitEnd([&life, hasFailed](bool isSaved) { EndAtOnce(isSaved, hasFailed, life); });
         life.LogEnding(signal);
       }
       upkeep.OnSignal(signal.number);
     });
   }
   const bool isSaved = store->Finish();
+  const int status = isSaved ? kExitDone : kExitNotSaved;
+  const Deadline silent(kMaxLogTime, [status] { _exit(status); });  // a log on a disk that hangs
   life.LogEnd(isSaved);
-  return isSaved ? kExitDone : kExitNotSaved;
+  return status;
 }
 
 }  // namespace

@@ -54,6 +54,14 @@ Limits WithinDescriptors(Limits limits, size_t loops) {
   return limits;
 }
 
+// As many as connections, but none of the descriptors that are reserved.
+size_t CountPlacesForDeparted(const Limits& limits, size_t loops) {
+  const rlim_t inUse = limits.connections + kReservedDescriptors + kDescriptorsOfALoop * loops;
+  rlimit possible{};
+  if (getrlimit(RLIMIT_NOFILE, &possible) != 0 || possible.rlim_cur <= inUse) return 0;
+  return static_cast<size_t>(std::min<rlim_t>(limits.connections, possible.rlim_cur - inUse));
+}
+
 // What a handler is given.
 settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server::SerializationManager& serializations,
                                           const Limits& limits) {
@@ -101,7 +109,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
     : _allowedUsers(options.allowedUsers),
       _counters(counters),
       _limits(WithinDescriptors(options.limits, options.loops)),
-      _places(_limits.connections),
+      _places(_limits.connections, CountPlacesForDeparted(_limits, static_cast<size_t>(options.loops))),
       _subscriptionBudget(_limits.allSubscriptionBytes),
       _info(counters, store.GetManager(), KeptChangesOf(options)),
       _env(EnvironmentOf(store, _serializationManager, _limits)),

@@ -10,9 +10,11 @@ namespace {
 
 constexpr size_t kMaxShown = 60;
 
+// Without what may be a value: a client that is out of step may have begun its request with a setting.
 std::string FirstLineOf(std::string_view text) {
-  const size_t end = std::min({text.find_first_of("\r\n"), text.size(), kMaxShown + 1});
-  return core::PrintableText(std::string(text.substr(0, end)), kMaxShown);
+  const size_t end = std::min({text.find_first_of("\r\n=?\""), text.size(), kMaxShown + 1});
+  const bool isCut = end < text.size() && end <= kMaxShown && text[end] != '\r' && text[end] != '\n';
+  return core::PrintableText(std::string(text.substr(0, end)), kMaxShown) + (isCut ? "..." : "");
 }
 
 }  // namespace

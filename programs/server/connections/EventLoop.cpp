@@ -255,6 +255,7 @@ bool EventLoop::Serve(Connection* connection, Work work) {
     if (lives && connection->IsInLane() && !connection->IsLaneDone()) EnterLane(connection);
   } catch (const std::exception& exception) {
     connection->OnFailure(exception);
+    lives = false;  // the request that failed may be lost already
   }
   if (!lives) {
     End(connection);

@@ -9,7 +9,8 @@
 
 namespace tavix::daemon {
 
-Places::Places(size_t max) : _max(max), _freed(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+Places::Places(size_t max, size_t maxDeparted)
+    : _max(max), _maxDeparted(maxDeparted), _freed(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!_freed) throw osa::Exception("Failed to make an event descriptor: %s", std::strerror(errno));
 }
 
@@ -32,7 +33,7 @@ void Places::Free() {
 }
 
 bool Places::Depart() {
-  if (_departed.fetch_add(1) >= _max) {
+  if (_departed.fetch_add(1) >= _maxDeparted) {
     --_departed;
     return false;
   }

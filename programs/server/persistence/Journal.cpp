@@ -136,9 +136,11 @@ bool Journal::ReserveAhead(uint64_t end) {
 void Journal::FillAhead(uint64_t end) {
   if (!_fillsAhead) return;
   try {
-    if (TryToFill(end + CountFilledAhead(end)) || TryToFill(end + kSpare)) _spare = kSpare;
+    _lacksRoom = !TryToFill(end + CountFilledAhead(end)) && !TryToFill(end + kSpare);
+    if (!_lacksRoom) _spare = kSpare;
   } catch (const std::exception&) {
     _spare = 0;
+    _lacksRoom = false;  // another failure
   }
 }
 

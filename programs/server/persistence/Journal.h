@@ -71,8 +71,9 @@ class Journal {
   void GiveRoomBack(bool withSpare);
   void FillAgain() { _fillsAhead = true; }
 
-  // False when there was no room for it. The second tries once more to take it; for the thread that appends.
-  bool HasSpareRoom() const { return _spare > 0; }
+  // Whether there was no room for that, which is true of a full disk alone. The second tries once more to take it; for
+  // the thread that appends.
+  bool LacksSpareRoom() const { return _lacksRoom && _spare == 0; }
   void TakeSpareRoom() { FillAhead(_end); }
 
   // From now on a new journal counts, instead of the one before: with all that was appended so far, or not at all.
@@ -126,7 +127,8 @@ class Journal {
   bool _extends = false;  // has a change that extends groups, and says so once it has begun
   uint64_t _filled = 0;   // so far the file has been written to
   std::atomic<bool> _fillsAhead{true};
-  uint64_t _spare = 0;  // of that, what stays free of records
+  uint64_t _spare = 0;      // of that, what stays free of records
+  bool _lacksRoom = false;  // when it was last tried to fill ahead
   uint32_t _checksum;
   Appending _appending;
 };

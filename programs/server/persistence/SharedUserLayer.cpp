@@ -304,7 +304,8 @@ void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {
   const osa::PlainMutexLock lock(_mutex);
   for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
     try {
-      if (journal) journal->GiveRoomBack(snapshotBytes <= Journal::kSpare);
+      // One that failed never goes on, and needs no spare room.
+      if (journal) journal->GiveRoomBack(journal == _failedJournal || snapshotBytes <= Journal::kSpare);
     } catch (const std::exception& exception) {
       _log.AddWarning(ReasonOf(exception));
     }

@@ -127,7 +127,7 @@ std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snaps
   if (!_layer.NeedsNextJournal()) return nullptr;
   std::shared_ptr<Journal> next = _layer.CreateNextJournal(snapshot);
   // The journal before, which may have filled the disk, stays until this one stands.
-  if (!next->HasSpareRoom() && RemoveBackup()) next->TakeSpareRoom();
+  if (next->LacksSpareRoom() && RemoveBackup()) next->TakeSpareRoom();
   AppendChanges(*next);
   if (_layer.GetSetup().durability.kind != Durability::Kind::kNone) next->SyncRecords();  // leaves the next sync little
   _layer.TakeOver();

@@ -28,6 +28,15 @@ TEST(CutText, ShowsTheBeginningOfALongLine) {
   EXPECT_EQ(DescribeSent(CutReason::kLine, "\x01", kLimits), ": expected at most 16777216, found \"\\x01\"");
 }
 
+TEST(CutText, ShowsNoValueOfAClientThatIsOutOfStep) {
+  EXPECT_EQ(DescribeSent(CutReason::kRequestTime, "psk=secret", kLimits),
+            ": expected the end of the request within 60 s, found \"psk...\"");
+  EXPECT_EQ(DescribeSent(CutReason::kHttp, "GET /login?token=secret HTTP/1.1\r\n", kLimits),
+            ": expected a command, found \"GET /login...\"");
+  EXPECT_EQ(DescribeSent(CutReason::kLine, "s:6:\"secret\";", kLimits),
+            ": expected at most 16777216, found \"s:6:...\"");
+}
+
 TEST(CutText, SaysNothingMoreWhereItIsNotWhatTheClientSent) {
   for (const CutReason reason : {CutReason::kBacklog, CutReason::kMemory, CutReason::kAllRequests})
     EXPECT_EQ(DescribeSent(reason, "", kLimits), "");

@@ -19,7 +19,7 @@ bool IsReadable(const Places& places) {
 }  // namespace
 
 TEST(Places, AreTakenUpToTheMaximum) {
-  Places places(2);
+  Places places(2, 2);
   EXPECT_TRUE(places.Take());
   EXPECT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
@@ -28,7 +28,7 @@ TEST(Places, AreTakenUpToTheMaximum) {
 }
 
 TEST(Places, ReportAFreePlaceToThoseThatFoundNone) {
-  Places places(1);
+  Places places(1, 1);
   ASSERT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
   EXPECT_FALSE(IsReadable(places));
@@ -39,14 +39,14 @@ TEST(Places, ReportAFreePlaceToThoseThatFoundNone) {
 }
 
 TEST(Places, ReportNothingWhereNobodyWaits) {
-  Places places(1);
+  Places places(1, 1);
   ASSERT_TRUE(places.Take());
   places.Free();
   EXPECT_FALSE(IsReadable(places));
 }
 
 TEST(Places, OfConnectionsThatDepartAreFree) {
-  Places places(1);
+  Places places(1, 1);
   ASSERT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
   EXPECT_TRUE(places.Depart());
@@ -54,8 +54,8 @@ TEST(Places, OfConnectionsThatDepartAreFree) {
   EXPECT_TRUE(places.Take());
 }
 
-TEST(Places, AreKeptByConnectionsThatDepartWhereAsManyHaveDepartedAsThereArePlaces) {
-  Places places(1);
+TEST(Places, AreKeptByConnectionsThatDepartWhereTooManyHaveDeparted) {
+  Places places(1, 1);
   ASSERT_TRUE(places.Take());
   ASSERT_TRUE(places.Depart());
   ASSERT_TRUE(places.Take());
@@ -66,9 +66,16 @@ TEST(Places, AreKeptByConnectionsThatDepartWhereAsManyHaveDepartedAsThereArePlac
   EXPECT_TRUE(places.Take());
 }
 
+TEST(Places, AreKeptByAllConnectionsWhereThereIsNoneForDeparted) {
+  Places places(1, 0);
+  ASSERT_TRUE(places.Take());
+  EXPECT_FALSE(places.Depart());
+  EXPECT_FALSE(places.Take());
+}
+
 TEST(Places, AreNeverMissedByWhoWaitsForOne) {
   constexpr int kRounds = 10'000;
-  Places places(1);
+  Places places(1, 1);
   std::atomic<int> toFree{0};
   std::atomic<bool> ends{false};
   BackgroundCall freeing([&] {

@@ -75,7 +75,7 @@ class RequestInLane : public testing::Test {
   SlowPersister _persister;
   ConnectionSetup _setup{_persister};
   daemon::SlowLane _lane;
-  daemon::Places _places{2};
+  daemon::Places _places{2, 2};
   std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(GetShared(), [] {});
 };
 

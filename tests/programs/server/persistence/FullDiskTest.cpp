@@ -144,6 +144,19 @@ TEST_F(FullDisk, RoomThatAJournalGaveBackIsNotForRecords) {
   EXPECT_GT(files.Get("user.ini.journal.new").size(), journal->GetEnd());
 }
 
+// The backup goes to make room for it, and must not go for a disk that fails in another way.
+TEST_F(FullDisk, IsToldFromADiskThatFails) {
+  for (const bool isFull : {false, true}) {
+    MemoryFiles files;
+    if (isFull) files.LimitRoom(4096);
+    files.AddObserver([isFull](const MemoryFiles::Operation& operation) {
+      if (!isFull && operation.kind == Kind::kReserve) throw osa::Exception("Input/output error");
+    });
+    const auto journal = daemon::Journal::Create(files, kUserFile, {1, 2}, {{"", "[A]\nx=1\n"}});
+    EXPECT_EQ(journal->LacksSpareRoom(), isFull);
+  }
+}
+
 // It is for a snapshot of few settings, when this one had no room for a journal behind it.
 TEST_F(FullDisk, ALongSnapshotLeavesTheJournalItsSpareRoom) {
   MemoryFiles files;
