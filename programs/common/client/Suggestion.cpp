@@ -38,7 +38,7 @@ SimilarWord::SimilarWord(std::string word)
 
 // Lengths alone tell most of the others apart.
 void SimilarWord::Look(const std::string& candidate) {
-  const auto [shorter, longer] = std::minmax(_word.size(), candidate.size());
+  const auto [shorter, longer] = std::minmax({_word.size(), candidate.size()});
   if (longer - shorter >= _bestDistance) return;
   const size_t distance = Distance(_word, candidate);
   if (distance >= _bestDistance) return;

@@ -100,6 +100,8 @@ TEST(ProtocolClientConnect, WithoutADescriptorThisSystemIsToBlame) {
   const ListeningSocket listener;
   settings::client::ProtocolClient::Options options;
   options.address = "127.0.0.1:" + std::to_string(listener.GetPort());
+  // A sanitizer that has not seen the type yet needs a descriptor to look at it.
+  const settings::client::ProtocolException seen(settings::client::ProtocolException::Reason::kLost, "", "", false);
   const NoMoreDescriptors none;
   try {
     const settings::client::ProtocolClient client(options);
