@@ -22,8 +22,8 @@ ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& d
 
 // Connects to the first of a host's addresses that answers, each tried once. The time that is left is shared by those
 // that were not tried yet: when the share of an address is over, or it fails, the next one is tried, too, and those
-// before it may still answer until the deadline. Without a limit each has as long as the system gives it. The failure is
-// that of the last address.
+// before it may still answer until the deadline. Without a limit each has as long as the system gives it. The failure
+// is that of the last address.
 ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadline);
 
 // Whether a failure is this system's: it has no descriptor or memory left for a connection. Not EADDRNOTAVAIL:

@@ -41,8 +41,9 @@ class TavixSettingsClientImpl;
 //          communicate with tavix-settings-server" when it was lost before the reply, or before this call with nobody
 //          waiting: the first call after a lost connection fails. SingleThreaded: "Failed to connect to
 //          tavix-settings-server" after five tries. Where no connection was made, the log has the address, the reason
-//          and for how long it was tried, once for each reason, at warning; the first text goes on with them. Writes have no reply:
-//          that they return says they were sent, and a request whose reply was lost may have been carried out.
+//          and for how long it was tried, once for each reason, at warning; the first text goes on with them. Writes
+//          have no reply: that they return says they were sent, and a request whose reply was lost may have been
+//          carried out.
 // Methods: many, as each operation has forms for one group and for several; all are a few lines over the mode's client.
 class TAVIX_EXPORT TavixSettingsClient {
  public:
