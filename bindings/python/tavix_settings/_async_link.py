@@ -11,7 +11,7 @@ import asyncio
 import errno
 import os
 import socket
-from typing import Awaitable, Callable, List, Optional, TypeVar
+from typing import Callable, List, Optional, TypeVar
 
 from . import _link
 from ._address import Address
@@ -194,9 +194,7 @@ class AsyncLink:
         known = _link.numeric_candidates(self._address)
         if known is not None:
             return known
-        question: Awaitable[object] = self._loop.getaddrinfo(
-            self._address.host, self._address.port, type=socket.SOCK_STREAM
-        )
+        question = self._loop.getaddrinfo(self._address.host, self._address.port, type=socket.SOCK_STREAM)
         try:
             answer = asyncio.ensure_future(question)
             answer.add_done_callback(ignore_error)
@@ -205,7 +203,7 @@ class AsyncLink:
             if isinstance(error, TimeoutError):
                 raise
             raise _link.unreachable(self._address, error.strerror or str(error)) from None
-        return [(family, place) for family, _, _, _, place in found]  # type: ignore[attr-defined]
+        return [(family, place) for family, _, _, _, place in found]
 
     async def _connect(self, candidate: Candidate, deadline: Optional[float]) -> Optional[ConnectionLostError]:
         """None, or why not."""

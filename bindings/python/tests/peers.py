@@ -1,12 +1,21 @@
 """Other ends of a connection: a script, and a daemon in memory behind a socket."""
 
-import contextlib
+import errno
 import socket
 import threading
 
 from conftest import PATIENCE
 
 from tavix_settings.testing._daemon import FakeDaemon
+
+
+def shut_down(connection):
+    """Ends it for who waits for it in another thread, unless the other side or that thread was faster."""
+    try:
+        connection.shutdown(socket.SHUT_RDWR)
+    except OSError as error:
+        if error.errno not in (errno.ENOTCONN, errno.EBADF):
+            raise
 
 
 class Peer:
@@ -27,12 +36,10 @@ class Peer:
         return self
 
     def __exit__(self, *_):
-        with contextlib.suppress(OSError):
-            self._listener.shutdown(socket.SHUT_RDWR)
+        shut_down(self._listener)
         self._acceptor.join()
         for connection in self._connections:
-            with contextlib.suppress(OSError):
-                connection.shutdown(socket.SHUT_RDWR)
+            shut_down(connection)
         for thread in self._threads:
             thread.join()
         self._listener.close()
@@ -41,8 +48,7 @@ class Peer:
 
     def end_connections(self):
         for connection, thread in zip(self._connections, self._threads):
-            with contextlib.suppress(OSError):
-                connection.shutdown(socket.SHUT_RDWR)
+            shut_down(connection)
             thread.join()
 
     @property

@@ -151,7 +151,7 @@ def test_an_interrupt_of_a_watch_that_is_closed_stays_what_it_is(on_alarm):
         read_request(connection, b"get delimited\nA\n.\n")
         connection.sendall(b"data\n.\n")
         assert is_read.wait(PATIENCE)
-        wait_for_next(watch)
+        assert is_in_next.wait(PATIENCE)
         os.kill(os.getpid(), signal.SIGALRM)
         wait_for_end(connection)
 
@@ -160,6 +160,7 @@ def test_an_interrupt_of_a_watch_that_is_closed_stays_what_it_is(on_alarm):
     with Peer(serve) as peer:
         store = tavix_settings.Store(find_address(peer.address), None)
         watch = store.watch("A")
+        is_in_next = note_next(watch)
         is_read.set()
         with pytest.raises(KeyboardInterrupt):
             next(watch)
@@ -200,19 +201,41 @@ def test_leaving_the_loop_leaves_nothing_of_a_watch(store):
     assert threading.active_count() == 1
 
 
-def wait_for_next(watch):
-    """Returns when another thread is in next()."""
-    deadline = time.monotonic() + PATIENCE
-    while watch._lock.acquire(blocking=False):
-        watch._lock.release()
-        assert time.monotonic() < deadline
-        time.sleep(0.001)
+class NotedLock:
+    """A lock that tells when it was taken."""
+
+    def __init__(self, lock):
+        self._lock = lock
+        self.was_taken = threading.Event()
+
+    def __enter__(self):
+        self._lock.__enter__()
+        self.was_taken.set()
+
+    def __exit__(self, *reason):
+        self._lock.__exit__(*reason)
+
+    def acquire(self, *how, **limit):
+        is_taken = self._lock.acquire(*how, **limit)
+        if is_taken:
+            self.was_taken.set()
+        return is_taken
+
+    def release(self):
+        self._lock.release()
+
+
+def note_next(watch):
+    """An event that is set once a thread is in next()."""
+    watch._lock = NotedLock(watch._lock)
+    return watch._lock.was_taken
 
 
 @pytest.mark.parametrize("timeout", [30 * 24 * 60 * 60, math.inf])
 def test_a_watch_may_have_more_time_than_the_system_waits_at_once(store, timeout):
     with store.watch("A", timeout=timeout) as watch:
-        writer = threading.Thread(target=lambda: (wait_for_next(watch), store.set("A", {"x": "1"})))
+        is_in_next = note_next(watch)
+        writer = threading.Thread(target=lambda: (is_in_next.wait(PATIENCE), store.set("A", {"x": "1"})))
         writer.start()
         assert next(watch).new == "1"
         writer.join()
@@ -221,9 +244,10 @@ def test_a_watch_may_have_more_time_than_the_system_waits_at_once(store, timeout
 def test_ctrl_c_ends_a_watch(store):
     before = count_descriptors()
     watch = store.watch("*")
+    is_in_next = note_next(watch)
 
     def interrupt():
-        wait_for_next(watch)
+        assert is_in_next.wait(PATIENCE)
         os.kill(os.getpid(), signal.SIGINT)
 
     interrupter = threading.Thread(target=interrupt)

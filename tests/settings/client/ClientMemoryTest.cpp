@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <exception>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -12,44 +10,10 @@
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/Environment.h"
 #include "tests/support/LogOf.h"
+#include "tests/support/RefusedAllocation.h"
 #include "tests/support/ScriptedServer.h"
 
 // Clients of a process whose memory runs out at any moment.
-
-namespace {
-
-thread_local long t_allocationsLeft = -1;  // until one is refused; negative: none is
-thread_local bool t_wasRefused = false;
-
-bool IsRefused() {
-  if (t_allocationsLeft < 0 || t_allocationsLeft-- > 0) return false;
-  t_wasRefused = true;
-  return true;
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-  void* const memory = IsRefused() ? nullptr : std::malloc(size);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return IsRefused() ? nullptr : std::malloc(size);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
 
 namespace tavix::test {
 
@@ -58,20 +22,6 @@ using settings::client::Keeping;
 using settings::client::TavixSettingsTcpConnection;
 
 namespace {
-
-// While it lives, the thread is refused that allocation, counted from 0.
-class RefusedAllocation {
- public:
-  explicit RefusedAllocation(long allocation) {
-    t_wasRefused = false;
-    t_allocationsLeft = allocation;
-  }
-
-  ~RefusedAllocation() { t_allocationsLeft = -1; }
-
-  RefusedAllocation(const RefusedAllocation&) = delete;
-  RefusedAllocation& operator=(const RefusedAllocation&) = delete;
-};
 
 Keeping AskWithout(long allocation) {
   const RefusedAllocation refused(allocation);
@@ -97,7 +47,7 @@ TEST(ClientMemory, ThatRunsOutLeavesItUnknownWhetherChangesAreKept) {
   });
   EXPECT_EQ(AskWithout(0), Keeping::kUnknown);
   Keeping last = Keeping::kUnknown;
-  for (long allocation = 1; t_wasRefused; ++allocation) {
+  for (long allocation = 1; RefusedAllocation::WasRefused(); ++allocation) {
     last = AskWithout(allocation);
     EXPECT_NE(last, Keeping::kNotKept) << allocation;
   }
@@ -118,7 +68,7 @@ TEST(ClientMemory, ThatRunsOutTakesNoLineOfAFailureToConnect) {
       }
     });
     EXPECT_GE(CountLines(messages), 1) << allocation;
-  } while (t_wasRefused && ++allocation > 0);
+  } while (RefusedAllocation::WasRefused() && ++allocation > 0);
   EXPECT_GT(allocation, 1);
 }
 

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <new>
@@ -20,45 +19,9 @@
 #include "tavix/settings/server/StoreChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tests/support/DocumentText.h"
+#include "tests/support/RefusedAllocation.h"
 
 // Changes of a store whose memory runs out at any moment: they are made altogether, or not at all.
-
-namespace {
-
-thread_local long t_allocationsLeft = -1;   // until one is refused; negative: none is
-thread_local bool t_areAllRefused = false;  // also those behind it
-thread_local bool t_wasRefused = false;
-
-bool IsRefused() {
-  if (t_allocationsLeft < 0 || t_allocationsLeft-- > 0) return false;
-  t_allocationsLeft = t_areAllRefused ? 0 : -1;
-  t_wasRefused = true;
-  return true;
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-  void* const memory = IsRefused() ? nullptr : std::malloc(size);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return IsRefused() ? nullptr : std::malloc(size);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
 
 namespace tavix::test {
 
@@ -81,21 +44,6 @@ using Names = std::set<std::string>;
 
 constexpr char kRecord[] = "Record";
 const std::string kLong = "a value that is longer than a string holds in itself";
-
-// While it lives, the thread is refused that allocation, counted from 0, and perhaps all behind it.
-class RefusedAllocation {
- public:
-  RefusedAllocation(long allocation, bool areAllBehindIt) {
-    t_areAllRefused = areAllBehindIt;
-    t_wasRefused = false;
-    t_allocationsLeft = allocation;
-  }
-
-  ~RefusedAllocation() { t_allocationsLeft = -1; }
-
-  RefusedAllocation(const RefusedAllocation&) = delete;
-  RefusedAllocation& operator=(const RefusedAllocation&) = delete;
-};
 
 // Counts its calls, without memory.
 class CountingPersister : public ISettingsPersister {
@@ -303,7 +251,7 @@ class StoreWithoutMemory : public testing::TestWithParam<Case> {
       SmallStore store;
       const auto version = store.GetVersion();
       const bool isMade = store.Change(GetParam().fill, refused, areAllBehindIt);
-      isRefused = t_wasRefused;
+      isRefused = RefusedAllocation::WasRefused();
       ASSERT_EQ(store.GetOutcome(), isMade ? after : before);
       ASSERT_EQ(store.GetVersion() != version, isMade);
       ASSERT_TRUE(isMade || isRefused);
@@ -335,7 +283,7 @@ TEST_P(StoreWithoutMemory, MakesAllOrNothingOfAChangeThatOthersWereFasterThan) {
     ASSERT_LT(refused, 10'000);
     SmallStore store;
     const bool isMade = store.ChangeLate(GetParam().fill, fillOther, refused);
-    isRefused = t_wasRefused;
+    isRefused = RefusedAllocation::WasRefused();
     ASSERT_EQ(store.GetOutcome(), (isMade ? model : first).GetOutcome());
   }
 }

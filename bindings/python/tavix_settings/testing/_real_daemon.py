@@ -90,7 +90,7 @@ class RealDaemon:
             status = self._end(signal.SIGKILL)
             if status != _EXIT_ADDRESS_IN_USE or not self._port or time.monotonic() >= deadline:
                 raise RuntimeError(f"{self._program} does not say where it listens: {self._read_log()}")
-            time.sleep(0.1)
+            time.sleep(0.1)  # nobody tells when a port is free again
         self.address = address
         self._port = int(address.rpartition(":")[2])
 

@@ -3,7 +3,6 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
-#include <cstdlib>
 #include <new>
 #include <optional>
 
@@ -11,35 +10,7 @@
 #include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/ListeningSocket.h"
-
-namespace {
-
-thread_local int t_allocationsLeft = -1;  // until one fails; negative: none does
-
-}  // namespace
-
-void* operator new(size_t size) {
-  const bool fails = t_allocationsLeft >= 0 && t_allocationsLeft-- == 0;
-  void* const memory = fails ? nullptr : std::malloc(size);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return std::malloc(size);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
+#include "tests/support/RefusedAllocation.h"
 
 namespace tavix::test {
 
@@ -50,12 +21,11 @@ class UnmadeConnection : public testing::Test {
   // Whether it is made when that allocation of its constructor fails.
   bool Make(osa::Descriptor descriptor, int failing) {
     std::optional<daemon::Connection> connection;
-    t_allocationsLeft = failing;
+    const RefusedAllocation refused(failing);
     try {
       connection.emplace(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
     } catch (const std::bad_alloc&) {
     }
-    t_allocationsLeft = -1;
     return connection.has_value();
   }
 
