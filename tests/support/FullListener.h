@@ -15,8 +15,10 @@ namespace tavix::test {
 // A peer whose queue of connections is full answers nothing: connects to it end by their limit alone.
 class FullListener {
  public:
+  static constexpr int kFillers = 3;  // the connections that fill its queue, until there is room
+
   FullListener() : _listener(0) {
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < kFillers; ++i) {
       _fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
       sockaddr_in address{};
       address.sin_family = AF_INET;
