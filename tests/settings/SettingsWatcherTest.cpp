@@ -10,8 +10,8 @@
 
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/Subscription.h"
-#include "tests/settings/layers/BusyWriter.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/BusyWriter.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/RecordingCallback.h"

@@ -6,7 +6,7 @@
 #include "tavix/settings/TavixSettingsClient.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/programs/server/Daemon.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/Environment.h"

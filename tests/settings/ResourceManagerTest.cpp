@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "tavix/osa/Exception.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 
 namespace tavix::settings {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tavix/osa/Exception.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 
 namespace tavix::settings {

@@ -7,7 +7,7 @@
 
 #include "tavix/settings/ResourceFigures.h"
 #include "tavix/settings/ResourceManager.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 #include "tests/support/LogOf.h"
 

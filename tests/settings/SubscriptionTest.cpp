@@ -11,8 +11,8 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
-#include "tests/settings/layers/BusyWriter.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/BusyWriter.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/RecordingCallback.h"

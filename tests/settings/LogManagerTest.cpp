@@ -18,7 +18,7 @@
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/Subscription.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/CapturedOutput.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tavix/settings/SettingsWatcher.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/LogOf.h"
 
 // Variables that follow settings with defaults.

@@ -15,7 +15,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/Subscription.h"
 #include "tavix/settings/TavixSettingsClient.h"
-#include "tests/settings/layers/StoreInMode.h"
+#include "tests/settings/StoreInMode.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/OwnSockets.h"
 #include "tests/support/Patience.h"
