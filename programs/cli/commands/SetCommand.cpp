@@ -3,6 +3,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Reports.h"
+#include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
 #include "programs/cli/text/Assignments.h"
@@ -38,8 +39,18 @@ void PrintPlannedChanges(Context& context, const IniFile& condition, const IniFi
   PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
 }
 
+IniFile ParseSettings(Context& context, const std::vector<std::string>& words) {
+  return ParseAssignments(words, [&context](const std::string& key) {
+    try {
+      return FindGroupOfKey(context.GetSession(), key, !context.GetOptions().local.empty());
+    } catch (const Failure&) {
+      return std::string();  // what is wrong with the words counts, not this
+    }
+  });
+}
+
 int Set(Context& context, const Options& options) {
-  const IniFile settings = ParseAssignments(options.words);
+  const IniFile settings = ParseSettings(context, options.words);
   const IniFile condition = ParseConditions(options.conditions, "--if");
   RefuseEmptyName(NamesOf(settings), options.isEmptyAllowed);
   RefuseEmptyName(NamesOf(condition), options.isEmptyAllowed);

@@ -1,5 +1,6 @@
 #include "programs/cli/session/Missing.h"
 
+#include <cstdlib>
 #include <iterator>
 #include <vector>
 
@@ -80,6 +81,23 @@ bool IsName(const std::string& word) {
   return word.find_first_of("*\n") == std::string::npos && word != ".";
 }
 
+// An older daemon does not report how large it is.
+bool IsSmall(Session& session) {
+  constexpr long kMaxKeys = 10000;
+  const std::map<std::string, std::string> figures = session.GetServerInfo();
+  const auto keys = figures.find("keys.effective");
+  return keys != figures.end() && std::strtol(keys->second.c_str(), nullptr, 10) <= kMaxKeys;
+}
+
+std::set<std::string> FindGroupsOfKey(Session& session, const std::string& key) {
+  std::set<std::string> groups;
+  session.GetEach({"*"}, [&](const IniFile& part) {
+    const std::string& name = part.begin()->first;
+    if (part.HasValue(name, key) && !session.IsRestricted(name)) groups.insert(name);
+  });
+  return groups;
+}
+
 }  // namespace
 
 void MissingGroups::Take(const std::string& group) {
@@ -114,6 +132,12 @@ std::string DescribeMissingSetting(Session& session, const std::string& group, c
   std::vector<std::string> keys;
   for (const auto& [name, value] : found[group]) keys.push_back(name);
   return text + DidYouMean(key, keys);
+}
+
+std::string FindGroupOfKey(Session& session, const std::string& key, bool isFile) {
+  if (!isFile && !IsSmall(session)) return std::string();
+  const std::set<std::string> groups = FindGroupsOfKey(session, key);
+  return groups.size() == 1 ? *groups.begin() : std::string();
 }
 
 }  // namespace tavix::programs::cli

@@ -30,4 +30,8 @@ std::string DescribeMissingGroup(Session& session, const std::string& group);
 // A setting is not there.
 std::string DescribeMissingSetting(Session& session, const std::string& group, const std::string& key);
 
+// The one group that has such a key and that clients can write. Empty when there is none or several, and when a
+// daemon's store holds more than 10,000 settings or does not report how many: all groups are looked through.
+std::string FindGroupOfKey(Session& session, const std::string& key, bool isFile);
+
 }  // namespace tavix::programs::cli

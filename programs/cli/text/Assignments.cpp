@@ -31,6 +31,9 @@ std::string Suggest(const std::string& setting, const std::optional<std::string>
 // Takes the words of "set" one by one.
 class AssignmentParser {
  public:
+  // findGroup: outlives this.
+  explicit AssignmentParser(const FindGroup& findGroup) : _findGroup(findGroup) {}
+
   IniFile Parse(const std::vector<std::string>& words) {
     for (const std::string& word : words) {
       Take(word);
@@ -96,11 +99,16 @@ class AssignmentParser {
     const std::string name = _group.substr(0, equals);
     const std::optional<GuessedSetting> guess = GuessSetting(name);
     if (equals == std::string::npos && (!guess || !guess->hasDot)) throw Failure(kExitUsage, expected);
-    const std::string setting = guess ? SpellSetting(guess->group, guess->key) : "[group]" + SpellKey(name);
+    const std::string setting = guess ? SpellSetting(guess->group, guess->key) : SpellBareKey(name);
     std::optional<std::string> value;
     if (equals != std::string::npos) value = _group.substr(equals + 1);
     const std::string reason = value ? "'" + SpellValue(_group) + "' names no group" : expected;
     throw Failure(kExitUsage, reason + ": one setting is '" + setting + "'", Suggest(setting, value));
+  }
+
+  std::string SpellBareKey(const std::string& key) const {
+    const std::string group = _findGroup ? _findGroup(key) : std::string();
+    return group.empty() ? "[group]" + SpellKey(key) : SpellSetting(group, key);
   }
 
   [[noreturn]] void FailWithoutValue() const {
@@ -111,6 +119,7 @@ class AssignmentParser {
     throw Failure(kExitUsage, expected + ": one setting is '" + setting + "'", Suggest(setting, _key));
   }
 
+  const FindGroup& _findGroup;
   Place _place = Place::kStart;
   std::string _group;
   bool _isBareGroup = false;  // the group stands there without brackets
@@ -133,8 +142,8 @@ AssignmentPlace NextPlace(AssignmentPlace place, const std::string& word) {
   return word.find('=', close) != std::string::npos ? Place::kStart : Place::kValue;
 }
 
-IniFile ParseAssignments(const std::vector<std::string>& words) {
-  return AssignmentParser().Parse(words);
+IniFile ParseAssignments(const std::vector<std::string>& words, const FindGroup& findGroup) {
+  return AssignmentParser(findGroup).Parse(words);
 }
 
 IniFile ParseConditions(const std::vector<std::string>& words, const std::string& option) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,9 +21,13 @@ enum class AssignmentPlace {
 // The place behind "word", which stands at "place".
 AssignmentPlace NextPlace(AssignmentPlace place, const std::string& word);
 
+// The one group that has such a key; empty when there is none, several, or nobody knows.
+using FindGroup = std::function<std::string(const std::string& key)>;
+
 // Throws Failure, kExitUsage, for words that are no assignments: with the right form filled in where it is known what
 // was meant. A VALUE "-" is read from standard input, less one line feed at its end.
-core::IniFile ParseAssignments(const std::vector<std::string>& words);
+// findGroup: asked for the group of a KEY=VALUE that stands alone; may be empty.
+core::IniFile ParseAssignments(const std::vector<std::string>& words, const FindGroup& findGroup = nullptr);
 
 // "[group]key=value" with everything in one word. An option's name says where it came from.
 core::IniFile ParseConditions(const std::vector<std::string>& words, const std::string& option);

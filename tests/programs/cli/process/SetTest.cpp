@@ -97,6 +97,28 @@ TEST_F(SetCommand, AnswersOtherSpellingsWithTheRightForm) {
   EXPECT_EQ(AskUser(), ".\n");
 }
 
+TEST_F(SetCommand, FillsInTheOneGroupThatHasSuchAKey) {
+  const auto answer = [](const std::string& group, const std::string& key) {
+    return "tavix-settings: '" + key + "=30' names no group: one setting is '[" + group + "]" + key +
+           "'\nhint: try '[" + group + "]" + key + "=30'\n";
+  };
+  Merge("[Video/Main]\nfps=25\n[Video/Sub]\ndhcp=false\n");
+  ExpectRun({"set", "fps=30"}, 2, "", answer("Video/Main", "fps"));
+  ExpectRun({"set", "fps=30", "address=1"}, 2, "", answer("Video/Main", "fps"));
+  ExpectRun({"set", "dhcp=30"}, 2, "", answer("group", "dhcp"));              // two groups have it
+  ExpectRun({"set", "passphrase=30"}, 2, "", answer("group", "passphrase"));  // a restricted one has it
+  ExpectRun({"-s", "127.0.0.1:1", "set", "fps=30"}, 2, "", answer("group", "fps"));
+  _directory.Write("x.ini", "[Own/Video]\nfps=25\n");
+  ExpectRun({"--local", "x.ini", "set", "fps=30"}, 2, "", answer("Own/Video", "fps"));
+}
+
+TEST_F(SetCommand, LooksThroughNoLargeStoreForAKey) {
+  std::string text;
+  for (int i = 0; i < 10000; ++i) text += "k" + std::to_string(i) + "=\n";
+  Merge("[Large]\n" + text + "fps=25\n");
+  EXPECT_THAT(Run({"set", "fps=30"}).errors, testing::HasSubstr("one setting is '[group]fps'\n"));
+}
+
 TEST_F(SetCommand, DashIsStandardInputLessOneLineFeed) {
   EXPECT_EQ(Run({"set", "[A]x", "-"}, "one\ntwo\n\n").status, 0);
   EXPECT_EQ(Ask("A"), "[A]\nx=one\\ntwo\\n\n");
