@@ -29,6 +29,7 @@ int Export(Context& context, const Options& options) {
       });
   if (printer.IsEmpty() && !options.words.empty())
     return ReportMissing(context, MissingGroups(ParseGroups(options.words)));
+  if (printer.IsEmpty()) context.GetConsole().Print(coverage);
   printer.Finish();
   if (!coverage.empty()) context.GetConsole().Print(MarkEnd());
   if (leftOut > 0)

@@ -21,6 +21,7 @@ std::set<std::string> OrAll(const std::set<std::string>& groups) {
 }
 
 constexpr char kCoverage[] = "# This backup covers: ";
+constexpr char kCoversAll[] = "# This backup covers all groups";
 constexpr char kEnd[] = "# End of backup";
 constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 
@@ -28,6 +29,12 @@ constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
 bool IsLineStart(const std::string& text, size_t at) {
   if (at == sizeof kByteOrderMark - 1 && text.rfind(kByteOrderMark, 0) == 0) return true;
   return at == 0 || text[at - 1] == '\n';
+}
+
+bool CoversAll(const std::string& text) {
+  size_t at = text.find(kCoversAll);
+  while (at != std::string::npos && !IsLineStart(text, at)) at = text.find(kCoversAll, at + 1);
+  return at != std::string::npos;
 }
 
 }  // namespace
@@ -44,6 +51,7 @@ IniFile ParseDocument(const std::string& text, const std::string& source) {
 }
 
 std::string DescribeCoverage(const std::set<std::string>& groups) {
+  if (groups.empty()) return std::string(kCoversAll) + "\n";
   std::string comments;
   for (const std::string& group : groups) comments += kCoverage + SpellValue(group) + "\n";
   return comments;
@@ -66,7 +74,7 @@ std::set<std::string> ReadCoverage(const std::string& text) {
 }
 
 bool IsCutOff(const std::string& text) {
-  if (ReadCoverage(text).empty()) return false;
+  if (ReadCoverage(text).empty() && !CoversAll(text)) return false;
   constexpr size_t kSize = sizeof kEnd - 1;
   const size_t size = text.find_last_not_of("\r\n") + 1;
   return size < kSize || text.compare(size - kSize, kSize, kEnd) != 0 || !IsLineStart(text, size - kSize);

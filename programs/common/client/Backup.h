@@ -15,16 +15,16 @@ constexpr char kDeletedGroups[] = "TavixSettings/Data/DeletedGroups";
 // Settings text or JSON. source: what errors call it. Throws Failure, kExitBadInput, with the place.
 core::IniFile ParseDocument(const std::string& text, const std::string& source);
 
-// Comments for the front of a backup, a line for each group or pattern that it was made of; nothing without any.
+// Comments for the front of a backup: a line for each group or pattern that it was made of, or one for all groups.
 std::string DescribeCoverage(const std::set<std::string>& groups);
 
-// A comment for the end of such a backup.
+// A comment for the end of a backup.
 std::string MarkEnd();
 
-// The groups and patterns that such comments in a text name.
+// The groups and patterns that such comments in a text name; none where it covers all.
 std::set<std::string> ReadCoverage(const std::string& text);
 
-// Whether a text names what it covers and is only the beginning of that: its last line does not mark the end.
+// Whether a text reports what it covers and is only the beginning of that: its last line does not mark the end.
 bool IsCutOff(const std::string& text);
 
 // What a backup of the store holds: what readers see, or the user layer. Restricted groups, which no client could bring

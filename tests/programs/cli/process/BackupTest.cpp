@@ -16,6 +16,7 @@ using core::IniFile;
 using nlohmann::json;
 
 constexpr char kLeftOut[] = "left out: 1 restricted group, which no import could set\n";
+constexpr char kAll[] = "# This backup covers all groups\n";
 constexpr char kEnd[] = "# End of backup\n";
 
 class BackupCommands : public CommandTest {
@@ -43,7 +44,7 @@ std::string SendableText(const IniFile::GroupMap& groups) {
 }  // namespace
 
 TEST_F(BackupCommands, ExportLeavesRestrictedGroupsOutAndSaysSo) {
-  ExpectRun({"export"}, 0, kDefaults, kLeftOut);
+  ExpectRun({"export"}, 0, kAll + std::string(kDefaults) + kEnd, kLeftOut);
   ExpectRun({"export", "*"}, 0, "# This backup covers: *\n" + std::string(kDefaults) + kRestricted + kEnd, "");
   ExpectRun({"export", "Nothing"}, 1, "", "tavix-settings: there is no group 'Nothing'\n");
 }
@@ -56,6 +57,10 @@ TEST_F(BackupCommands, ExportOfGroupsNamesThemInComments) {
             "# This backup covers: Network/Wlan0\n"
             "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Wlan0]\nenabled=false\n# End of backup\n",
             "");
+}
+
+TEST_F(BackupCommands, ExportOfNothingIsWholeAsWell) {
+  ExpectRun({"export", "--user"}, 0, std::string(kAll) + kEnd, "");
 }
 
 TEST_F(BackupCommands, DiffComparesTheGroupsThatTheBackupCovers) {
@@ -80,7 +85,9 @@ TEST_F(BackupCommands, ExportOfTheUserLayerHoldsWhatUsersChangedAndDeleted) {
   Merge("[Network/Eth0]\ndhcp=false\n");
   Run({"delete", "Network/Wlan0"});
   ExpectRun({"export", "--user"}, 0,
-            "[Network/Eth0]\ndhcp=false\n[TavixSettings/Data/DeletedGroups]\nNetwork/Wlan0=Network/Wlan0\n", "");
+            kAll + std::string("[Network/Eth0]\ndhcp=false\n[TavixSettings/Data/DeletedGroups]\n") +
+                "Network/Wlan0=Network/Wlan0\n" + kEnd,
+            "");
 }
 
 TEST_F(BackupCommands, DiffShowsWhatStandsInTheStoreAndInTheFile) {

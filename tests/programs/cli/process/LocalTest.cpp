@@ -82,7 +82,7 @@ TEST_F(LocalFile, KeepsItsPermissionsAndStaysBehindALink) {
 TEST_F(LocalFile, HasNoRestrictedGroups) {
   Write("[Secure/A]\nx=1\n");
   ExpectRun({"set", "[Secure/A]x=2"}, 0, "", "done: 1 setting\n");
-  ExpectRun({"export"}, 0, "[Secure/A]\nx=2\n", "");
+  ExpectRun({"export"}, 0, "# This backup covers all groups\n[Secure/A]\nx=2\n# End of backup\n", "");
 }
 
 TEST_F(LocalFile, ConditionIsTestedUnderALock) {
@@ -121,7 +121,7 @@ TEST_F(LocalFile, ResetTakesGroupsOutSoThatDefaultsCount) {
 
 TEST_F(LocalFile, ImportsExportsAndCompares) {
   EXPECT_EQ(Run({"import"}, "[B]\nc=1\n[A]\nx=\n").errors, "done: 2 differences\n");
-  ExpectRun({"export"}, 0, "[A]\nx=\n[B]\nc=1\n", "");
+  ExpectRun({"export"}, 0, "# This backup covers all groups\n[A]\nx=\n[B]\nc=1\n# End of backup\n", "");
   EXPECT_EQ(Run({"diff", "-"}, "[A]\nx=\n[B]\nc=2\n").output, "-[B]c=1\n+[B]c=2\n");
   EXPECT_EQ(Run({"import", "--replace", "--dry-run"}, Run({"export", "--json"}).output).errors, "no differences\n");
 }

@@ -125,6 +125,18 @@ TEST_F(ImportThatReplaces, RefusesAPartOfABackup) {
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
 
+TEST_F(ImportThatReplaces, RefusesAPartOfABackupOfEverything) {
+  Merge("[Own]\nx=1\n");
+  for (const Words& form : std::vector<Words>{{"export"}, {"export", "--user"}}) {
+    const std::string backup = Run(form).output;
+    _directory.Write("x.ini", backup.substr(0, backup.size() - 2));
+    ExpectRun({"import", "x.ini", "--replace", "--user", "--yes"}, 2, "",
+              "tavix-settings: 'x.ini' is a part of a backup: its last line is not '# End of backup'\n"
+              "hint: make the backup again\n");
+  }
+  EXPECT_EQ(AskUser(), "[Own]\nx=1\n.\n");
+}
+
 TEST_F(ImportThatReplaces, NeedsToKnowWhatJsonCovers) {
   _directory.Write("x.json", Run({"export", "--json", "Network/Eth0"}).output);
   for (const Words& words :

@@ -41,7 +41,7 @@ TEST_F(StreamingCommands, PrintWhatHasComeWhileTheRestIsStillToCome) {
       {{"list"}, "G100  1\n"},
       {{"list", "--keys"}, "[G100]key\n"},
       {{"list", "--json"}, "[\n  {\n    \"count\": 1,\n    \"group\": \"G100\"\n  }"},
-      {{"export"}, "[G100]\nkey=value\n"},
+      {{"export"}, "# This backup covers all groups\n[G100]\nkey=value\n"},
       {{"search", "val"}, "[G100]key=value\n"},
   };
   for (const auto& [words, first] : cases) {
@@ -65,7 +65,7 @@ TEST_F(StreamingCommands, PrintTheUserLayerAsItComes) {
   command->AwaitOutput("[G1]\nkey=value\n");
   peer.Send(".\n");
   EXPECT_EQ(command->AwaitEnd(), 0);
-  EXPECT_EQ(command->GetOutput(), Groups(1, 2));
+  EXPECT_EQ(command->GetOutput(), "# This backup covers all groups\n" + Groups(1, 2) + "# End of backup\n");
 }
 
 // The reply has no end: only who reads no more of it is done with it.
@@ -91,7 +91,7 @@ TEST_F(StreamingCommands, NameWhatIsWrongBehindWhatTheyHavePrinted) {
   peer.ReadThrough();
   peer.Send("data\n[B]\nx=1\n[A]\nx=1\n.\n");
   EXPECT_EQ(command->AwaitEnd(), 6);
-  EXPECT_EQ(command->GetOutput(), "[B]\nx=1\n");
+  EXPECT_EQ(command->GetOutput(), "# This backup covers all groups\n[B]\nx=1\n");
   EXPECT_EQ(command->GetErrors(),
             "tavix-settings: the reply of " + AddressOf(_server) + " can't be read: group \"A\" stands behind \"B\"\n");
 }

@@ -37,6 +37,8 @@ TEST(Backup, CoverageReadsBack) {
   const std::set<std::string> groups{"", " a ", "b/*", "c\nd", "\xFF"};
   EXPECT_EQ(programs::ReadCoverage(programs::DescribeCoverage(groups) + "[x]\nk=1\n"), groups);
   EXPECT_EQ(programs::DescribeCoverage({"b/*", "c"}), "# This backup covers: b/*\n# This backup covers: c\n");
+  EXPECT_EQ(programs::DescribeCoverage({}), "# This backup covers all groups\n");
+  EXPECT_EQ(programs::ReadCoverage(programs::DescribeCoverage({})), std::set<std::string>());
 }
 
 TEST(Backup, CoverageStandsInCommentsAnywhere) {
@@ -52,15 +54,18 @@ TEST(Backup, CoverageStandsBehindAByteOrderMark) {
 }
 
 TEST(Backup, WithCoverageIsCutOffWithoutItsEnd) {
-  const std::string text = programs::DescribeCoverage({"a"}) + "[a]\nk=1\n";
-  EXPECT_FALSE(programs::IsCutOff(text + programs::MarkEnd()));
-  EXPECT_FALSE(programs::IsCutOff(text + "# End of backup\r\n\r\n"));
-  for (const char* end : {"", "# End of back", "k=# End of backup\n", "# End of backup\n[b]\n"})
-    EXPECT_TRUE(programs::IsCutOff(text + end)) << end;
+  for (const std::set<std::string>& groups : {std::set<std::string>{"a"}, std::set<std::string>()}) {
+    const std::string text = programs::DescribeCoverage(groups) + "[a]\nk=1\n";
+    EXPECT_FALSE(programs::IsCutOff(text + programs::MarkEnd()));
+    EXPECT_FALSE(programs::IsCutOff(text + "# End of backup\r\n\r\n"));
+    for (const char* end : {"", "# End of back", "k=# End of backup\n", "# End of backup\n[b]\n"})
+      EXPECT_TRUE(programs::IsCutOff(text + end)) << end;
+  }
 }
 
 TEST(Backup, WithoutCoverageHasNoEnd) {
-  for (const char* text : {"", "[a]\nk=1\n", "{}"}) EXPECT_FALSE(programs::IsCutOff(text)) << text;
+  for (const char* text : {"", "[a]\nk=1\n", "{}", "[a]\nk=# This backup covers all groups\n"})
+    EXPECT_FALSE(programs::IsCutOff(text)) << text;
 }
 
 TEST(Backup, SelectsWhatUsersDeletedByTheNamesOfTheGroups) {
