@@ -7,6 +7,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/DocumentPlan.h"
 #include "tavix/settings/server/EarlyMatches.h"
@@ -61,6 +62,9 @@ class ChangeRequest {
   // The user settings stay as they are: only what readers see is changed.
   void KeepUserSettings() { _isPersistent = false; }
 
+  // Who asks for it; the persister is given that. By default the store's host.
+  void SetOrigin(const ChangeOrigin& origin) { _origin = origin; }
+
   // The steps towards the change.
 
   // Without the lock; again after IsOutdated. Returns false when the test fails already.
@@ -97,6 +101,7 @@ class ChangeRequest {
   const common::GroupNameMatcher* GetRemovedMatcher() const { return _removedMatcher; }
   const std::set<std::string>* GetMembers() const { return _members; }
   bool IsPersistent() const { return _isPersistent; }
+  const ChangeOrigin& GetOrigin() const { return _origin; }
 
  private:
   void RequireRoom(const StoreDocuments& documents) const;
@@ -108,6 +113,7 @@ class ChangeRequest {
   const common::GroupNameMatcher* _removedMatcher = nullptr;
   const std::set<std::string>* _members = nullptr;
   bool _isPersistent = true;
+  ChangeOrigin _origin;
 
   bool _hasRecord = false;
   size_t _bytes = 0;

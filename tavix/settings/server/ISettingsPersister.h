@@ -5,6 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
+#include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ChangeTicket.h"
 
 namespace tavix::settings::common {
@@ -17,9 +18,9 @@ class SettingsCombiner;
 
 // Where a store's settings come from and where the user's go. The hosting program supplies it.
 //
-// A change is saved through SaveChangedGroups, which a persister overrides when it can save less than everything. What
-// it returns goes up through the store to the connection that asked for the change, and to IClientOutput: a host may so
-// hold that connection's output until the change is durable.
+// A change is saved through SaveChange. A persister that only wants to save less than everything overrides
+// SaveChangedGroups instead, to which it leads. What it returns goes up through the store to the connection that asked
+// for the change, and to IClientOutput: a host may so hold that connection's output until the change is durable.
 // Threads: the store saves one document at a time, under its write lock. LoadDefaultSettings may run on several threads
 //          at once, and beside a save: every restore loads the defaults anew.
 // Errors:  exceptions pass through the store to the caller. One that leaves a save leaves the change in
@@ -60,6 +61,20 @@ class TAVIX_EXPORT ISettingsPersister {
   virtual ChangeTicket FindLastTicket(const common::GroupNameMatcher& groups) {
     static_cast<void>(groups);
     return 0;
+  }
+
+  // All that is known of a change that is to be saved; valid during the call only.
+  struct SavedChange {
+    const core::IniFile& userSettings;           // the three as above
+    const std::set<std::string>& changedGroups;  //
+    const core::IniFile& added;                  // may be empty
+    const ChangeOrigin& origin;
+  };
+
+  // What the store calls for every change that is to be saved. Here it calls one of the two operations above.
+  virtual ChangeTicket SaveChange(const SavedChange& change) {
+    return change.added.IsEmpty() ? SaveChangedGroups(change.userSettings, change.changedGroups)
+                                  : SaveAddedSettings(change.userSettings, change.changedGroups, change.added);
   }
 };
 

@@ -8,6 +8,7 @@
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
 #include "tavix/settings/server/ChangeNotifier.h"
+#include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/GroupWalk.h"
@@ -223,7 +224,13 @@ void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags)
 }
 
 void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags, ChangeTicket& ticket) {
+  MergeSettings(settings, flags, ChangeOrigin(), ticket);
+}
+
+void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags, const ChangeOrigin& origin,
+                                    ChangeTicket& ticket) {
   ChangeRequest request;
+  request.SetOrigin(origin);
   request.MergeUnrestricted(settings);
   if (flags & kNoPersist) request.KeepUserSettings();
   static_cast<void>(MakeChange(request, ticket));
@@ -235,7 +242,13 @@ bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings)
 }
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings, ChangeTicket& ticket) {
+  return TestAndMerge(test, settings, ChangeOrigin(), ticket);
+}
+
+bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings, const ChangeOrigin& origin,
+                                   ChangeTicket& ticket) {
   ChangeRequest request;
+  request.SetOrigin(origin);
   request.SetTest(test);
   request.MergeUnrestricted(settings);
   return MakeChange(request, ticket);
@@ -248,9 +261,15 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings,
                                         ChangeTicket& ticket) {
+  OverwriteSettings(groups, settings, ChangeOrigin(), ticket);
+}
+
+void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings,
+                                        const ChangeOrigin& origin, ChangeTicket& ticket) {
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
   ChangeRequest request;
+  request.SetOrigin(origin);
   request.RemoveVisible(matcher, groups);
   request.MergeUnrestricted(settings);
   static_cast<void>(MakeChange(request, ticket));
@@ -266,11 +285,17 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher) {
 }
 
 void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, ChangeTicket& ticket) {
+  RestoreToDefaults(matcher, ChangeOrigin(), ticket);
+}
+
+void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, const ChangeOrigin& origin,
+                                        ChangeTicket& ticket) {
   ticket = 0;
   if (!_persister) return;
   _notifier->RefuseInCallback();
   const IniFile defaults = _loader->LoadDefaults(matcher);
   ChangeRequest request;
+  request.SetOrigin(origin);
   request.RemoveUser(matcher);
   request.Merge(defaults);
   static_cast<void>(MakeChange(request, ticket));

@@ -26,6 +26,7 @@ class ISettingsPersister;
 class ISettingsSerializer;
 class SettingsCombiner;
 class StoreDocuments;
+struct ChangeOrigin;
 class StoreLoader;
 
 // The one store of settings of a process. What readers see, the winner first:
@@ -152,29 +153,37 @@ class TAVIX_EXPORT SettingsManager {
   static size_t CountApproximateBytes(const core::IniFile& document);
 
   // The operations that follow change the store. ticket: gets the ticket of the change, as the persister gave it, for
-  // callers that must not show the change before it is durable; 0: nothing has to be waited for.
+  // callers that must not show the change before it is durable; 0: nothing has to be waited for. origin: who asked for
+  // the change; goes to the persister. Without it that is the store's host.
 
   // Sets values, restricted groups excepted. Every group named counts as changed, even when no value differed, and
   // callbacks are given the values of this request.
   void MergeSettings(const core::IniFile& settings, unsigned int flags);
   void MergeSettings(const core::IniFile& settings, unsigned int flags, ChangeTicket& ticket);
+  void MergeSettings(const core::IniFile& settings, unsigned int flags, const ChangeOrigin& origin,
+                     ChangeTicket& ticket);
 
   // Merges "settings" if readers see every value of "test", as one step. Returns whether it did; if not, nobody is
   // notified.
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, ChangeTicket& ticket);
+  bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, const ChangeOrigin& origin,
+                    ChangeTicket& ticket);
 
   // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
   // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in
   // the document they are given. Restricted groups stay. Always saved.
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings);
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings, ChangeTicket& ticket);
+  void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings, const ChangeOrigin& origin,
+                         ChangeTicket& ticket);
   void OverwriteSettings(const std::string& group, const core::IniFile& settings);
 
   // Brings defaults, read anew, back for matching groups, as user settings: they are pinned to the defaults of this
   // moment. Matching user groups without defaults disappear. Does nothing at all without a persister.
   void RestoreToDefaults(const common::GroupNameMatcher& matcher);
   void RestoreToDefaults(const common::GroupNameMatcher& matcher, ChangeTicket& ticket);
+  void RestoreToDefaults(const common::GroupNameMatcher& matcher, const ChangeOrigin& origin, ChangeTicket& ticket);
 
   // Subscriptions of one callback add up, and end only as a whole. Unsubscribe returns once no call of "cb" is under
   // way.

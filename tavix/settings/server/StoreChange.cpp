@@ -213,8 +213,7 @@ void StoreChange::RemoveGroups() noexcept {
 void StoreChange::Save() {
   static const std::set<std::string> none;
   const std::set<std::string>& changed = _held ? none : _different;
-  _ticket = _record.added.IsEmpty() ? _persister->SaveChangedGroups(_documents._user, changed)
-                                    : _persister->SaveAddedSettings(_documents._user, changed, _record.added);
+  _ticket = _persister->SaveChange({_documents._user, changed, _record.added, _request.GetOrigin()});
 }
 
 // A power cut may still take back what the request finds done already.
