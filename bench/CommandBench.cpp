@@ -167,6 +167,8 @@ void MeasureCommands(Recorder& recorder) {
   const Daemon empty(recorder.GetSetup().server, {});
   Measure(recorder, "import", OnDaemon(recorder, empty.GetPort(), {"import", file}));
   Measure(recorder, "import, again", OnDaemon(recorder, empty.GetPort(), {"import", file}));
+  Measure(recorder, "import --replace --user",
+          OnDaemon(recorder, empty.GetPort(), {"import", file, "--replace", "--user"}));
   Measure(recorder, "--local set", {recorder.GetSetup().command, "--local", file, "set", "[New]key=1"});
 }
 

@@ -43,7 +43,7 @@ int Reset(Context& context, const RemovalOptions& options) {
   IniFile after;
   session.RunAlone([&] {
     before = session.Get(groups);
-    after = Restore(session, groups);
+    Restore(session, groups, [&](const IniFile& group) { after.MergeGroup(group.begin()); });
   });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
   PrintChanges(console, context.GetOptions().output, FindChanges(before, after));

@@ -24,13 +24,20 @@ void RequireSendable(const IniFile& settings, const std::string& source) {
   }
 }
 
-std::set<std::string> FindLost(const IniFile& before, const IniFile& after) {
-  std::set<std::string> names;
-  for (const auto& [group, keys] : before) {
-    if (!after.HasGroup(group)) names.insert(names.end(), group);
+// A layer as one document, with the record of what was deleted as a backup has it, for as long as this lives.
+class WithRecord {
+ public:
+  explicit WithRecord(UserLayer& layer) : _settings(layer.settings) {
+    for (const std::string& name : layer.deleted) _settings.SetValue(kDeletedGroups, name, name);
   }
-  return names;
-}
+  ~WithRecord() { _settings.RemoveGroup(kDeletedGroups); }
+
+  WithRecord(const WithRecord&) = delete;
+  WithRecord& operator=(const WithRecord&) = delete;
+
+ private:
+  IniFile& _settings;
+};
 
 bool LosesSomething(const IniFile& before, const IniFile& after) {
   if (before.IsEmpty()) return false;
@@ -77,15 +84,26 @@ void Import::TakeOutUnchangedRestricted() {
 }
 
 void Import::FindDifferences(const TakeChange& take) {
-  const auto takeAll = [&](const std::vector<Change>& changes) { std::for_each(changes.begin(), changes.end(), take); };
-  if (ReplacesUserLayer()) return takeAll(FindChanges(ReadUserLayer().ToDocument(), _wanted.ToDocument()));
+  if (ReplacesUserLayer()) return FindLayerDifferences(take);
   Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
-    takeAll(FindChanges(before, FindAfter(name, before, wanted)));
+    for (const Change& change : FindChanges(before, FindAfter(name, before, wanted))) take(change);
+  });
+}
+
+void Import::FindLayerDifferences(const TakeChange& take) {
+  const WithRecord record(_wanted);
+  const auto read = [this](const Session::TakeGroup& takeGroup) {
+    ReadUserLayerEach(_session, _options.groups, takeGroup);
+  };
+  WalkOver(read, [&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
+    IniFile after;
+    if (wanted != _wanted.settings.end()) after[name] = wanted->second;
+    for (const Change& change : FindChanges(before, after)) take(change);
   });
 }
 
 Import::Gone Import::FindGone() {
-  if (ReplacesUserLayer()) return FindGoneOf(ReadUserLayer());
+  if (ReplacesUserLayer()) return FindGoneOf(ReadSurplus(_session, _options.groups, _wanted));
   Gone gone;
   Walk([&](const std::string& name, const IniFile& before, IniFile::iterator wanted) {
     if (!before.IsEmpty() && FindAfter(name, before, wanted).IsEmpty()) gone.deleted.insert(gone.deleted.end(), name);
@@ -93,12 +111,12 @@ Import::Gone Import::FindGone() {
   return gone;
 }
 
-Import::Gone Import::FindGoneOf(const UserLayer& layer) const {
+Import::Gone Import::FindGoneOf(const LayerSurplus& surplus) const {
   Gone gone;
-  gone.reset = FindLost(layer.settings, _wanted.settings);
+  gone.reset = Without(NamesOf(surplus.settings), NamesOf(_wanted.settings));
   // Of a group that was deleted and then set again, nothing is left.
   _deleted.GetMatchingGroups(gone.reset, gone.deleted);
-  const std::set<std::string> deletions = Without(_wanted.deleted, layer.deleted);
+  const std::set<std::string> deletions = Without(_wanted.deleted, surplus.deleted);
   if (!deletions.empty()) {
     _session.GetEachName(deletions, [&](const std::string& name) {
       if (!_session.IsRestricted(name) && !_wanted.settings.HasGroup(name)) gone.deleted.insert(name);
@@ -139,17 +157,26 @@ Import::Result Import::Run(const Confirm& confirm) {
 }
 
 Import::Result Import::RunOnUserLayer(const Confirm& confirm) const {
-  const UserLayer layer = ReadUserLayer();
-  const IniFile before = layer.ToDocument();
-  confirm(FindGoneOf(layer));
-  ReplaceUserLayer(_session, layer, _wanted, _options.groups.empty());
-  return {FindChanges(before, ReadUserLayer().ToDocument()).size(), CountCopies()};
+  const LayerSurplus before = ReadSurplus(_session, _options.groups, _wanted);
+  confirm(FindGoneOf(before));
+  ReplaceUserLayer(_session, before, _wanted, _options.groups.empty());
+  const LayerSurplus after = ReadSurplus(_session, _options.groups, _wanted);
+  // A restore makes user settings of the defaults.
+  size_t copies = 0;
+  for (const auto& [group, keys] : after.settings) copies += keys.size();
+  return {CountDifferences(before, after), copies};
 }
 
-UserLayer Import::ReadUserLayer() const {
-  UserLayer layer = UserLayer::From(_session.GetUserSettings(), _options.groups);
-  layer.DropRestricted(_session);
-  return layer;
+// Between the layer as it was and as it is, which holds all that is wanted.
+size_t Import::CountDifferences(const LayerSurplus& before, const LayerSurplus& after) const {
+  size_t count = before.differences;
+  for (const Change& change : FindChanges(before.settings, after.settings)) {
+    // A group that is wanted is there before and after, whatever it held too much.
+    if (change.key || !_wanted.settings.HasGroup(change.group)) ++count;
+  }
+  count += Without(before.deleted, after.deleted).size() + Without(after.deleted, before.deleted).size();
+  const bool isRecordGone = !before.deleted.empty() && after.deleted.empty();
+  return count + (isRecordGone ? 1 : 0);
 }
 
 // What the store holds where the document may change it.
@@ -166,9 +193,9 @@ void Import::ReadBefore(const Session::TakeGroup& take) const {
   _session.GetEach(groups, takeAllowed);
 }
 
-// Goes over the groups of the store and of the document together, in ascending order. The visitor may take the group
+// Goes over what is read and the groups of the document together, in ascending order. The visitor may take the group
 // out of the document.
-void Import::Walk(const Visit& visit) {
+void Import::WalkOver(const Read& read, const Visit& visit) {
   IniFile& wanted = _wanted.settings;
   auto next = wanted.begin();
   const auto visitNext = [&](const IniFile& before) {
@@ -176,7 +203,7 @@ void Import::Walk(const Visit& visit) {
     const std::string name = group->first;
     visit(name, before, group);
   };
-  ReadBefore([&](const IniFile& part) {
+  read([&](const IniFile& part) {
     const std::string& name = part.begin()->first;
     while (next != wanted.end() && next->first < name) visitNext(IniFile());
     if (next != wanted.end() && next->first == name) {
@@ -209,16 +236,6 @@ void Import::Prune(const IniFile& before, IniFile::iterator wanted) {
     if (same != keys.end() && same->second == value) keys.erase(same);
   }
   if (keys.empty()) _wanted.settings.RemoveGroup(wanted);
-}
-
-// A restore makes user settings of the defaults.
-size_t Import::CountCopies() const {
-  size_t count = 0;
-  const UserLayer now = ReadUserLayer();
-  for (const auto& [group, keys] : now.settings) {
-    for (const auto& [key, value] : keys) count += _wanted.settings.HasValue(group, key) ? 0 : 1;
-  }
-  return count;
 }
 
 }  // namespace tavix::programs

@@ -21,7 +21,7 @@ struct ImportOptions {
 };
 
 // Brings a document, such as a backup, into a store. Both may be large: the document is kept once, and of the store no
-// more than a group at a time; but with "replaces" and "isUserLayer" both are kept whole.
+// more than a group at a time; with "replaces" and "isUserLayer" also what the user layer holds and the document lacks.
 //
 // Threads: one.
 // Errors:  Failure. Nothing is written when the constructor, FindDifferences or FindGone throws; Run throws as the
@@ -66,20 +66,24 @@ class Import {
 
  private:
   // Is given a group: as a document what the store holds, and its place in the document, or the end.
+  using Read = std::function<void(const Session::TakeGroup& take)>;
   using Visit =
       std::function<void(const std::string& name, const core::IniFile& before, core::IniFile::iterator wanted)>;
 
   UserLayer Select(core::IniFile document, const std::string& source) const;
   void TakeOutUnchangedRestricted();
   bool ReplacesUserLayer() const { return _options.replaces && _options.isUserLayer && !_options.isFile; }
-  UserLayer ReadUserLayer() const;
   void ReadBefore(const Session::TakeGroup& take) const;
-  void Walk(const Visit& visit);
+  void Walk(const Visit& visit) {
+    WalkOver([this](const auto& take) { ReadBefore(take); }, visit);
+  }
+  void WalkOver(const Read& read, const Visit& visit);
   core::IniFile FindAfter(const std::string& name, const core::IniFile& before, core::IniFile::iterator wanted);
   void Prune(const core::IniFile& before, core::IniFile::iterator wanted);
-  Gone FindGoneOf(const UserLayer& layer) const;
+  void FindLayerDifferences(const TakeChange& take);
+  Gone FindGoneOf(const LayerSurplus& surplus) const;
   Result RunOnUserLayer(const Confirm& confirm) const;
-  size_t CountCopies() const;
+  size_t CountDifferences(const LayerSurplus& before, const LayerSurplus& after) const;
 
   Session& _session;
   const ImportOptions _options;

@@ -13,18 +13,36 @@ using core::IniFile;
 
 namespace {
 
-bool HoldsAllKeys(const IniFile& wanted, const std::string& group, const IniFile::KeyMap& keys) {
-  if (!wanted.HasGroup(group)) return false;
-  return std::all_of(keys.begin(), keys.end(), [&](const auto& entry) { return wanted.HasValue(group, entry.first); });
+// What one group of the store's layer adds.
+void AddSurplus(IniFile::const_iterator group, const IniFile& wanted, IniFile& surplus, size_t& wantedAndThere) {
+  const auto& [name, keys] = *group;
+  if (!wanted.HasGroup(name)) {
+    surplus.MergeGroup(group);
+    return;
+  }
+  for (const auto& [key, value] : keys) {
+    if (!wanted.HasValue(name, key)) {
+      surplus.SetValue(name, key, value);
+    } else if (wanted.GetValue(name, key) == value) {
+      ++wantedAndThere;
+    }
+  }
+  if (wanted[name].empty()) ++wantedAndThere;
 }
 
-// The groups that are not wanted, or hold a setting that is not.
-std::set<std::string> FindUnwanted(const IniFile& before, const IniFile& wanted) {
-  std::set<std::string> names;
-  for (const auto& [group, keys] : before) {
-    if (!HoldsAllKeys(wanted, group, keys)) names.insert(names.end(), group);
+// A group without settings counts as one.
+size_t CountParts(const IniFile& settings) {
+  size_t count = 0;
+  for (const auto& [group, keys] : settings) count += std::max<size_t>(keys.size(), 1);
+  return count;
+}
+
+IniFile WithoutRestrictedNames(const Session& session, const IniFile& record) {
+  IniFile allowed;
+  for (const auto& [key, name] : record[kDeletedGroups]) {
+    if (!session.IsRestricted(name)) allowed.SetValue(kDeletedGroups, key, name);
   }
-  return names;
+  return allowed;
 }
 
 }  // namespace
@@ -49,20 +67,38 @@ void UserLayer::DropRestrictedDeleted(const Session& session) {
     name = session.IsRestricted(*name) ? deleted.erase(name) : std::next(name);
 }
 
-IniFile UserLayer::ToDocument() const {
-  IniFile document = settings;
-  for (const std::string& name : deleted) document.SetValue(kDeletedGroups, name, name);
-  return document;
+void ReadUserLayerEach(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take) {
+  ReadStoreEach(session, groups, true, [&](const IniFile& part) {
+    const std::string& name = part.begin()->first;
+    if (session.IsRestricted(name)) return;
+    if (name != kDeletedGroups) return take(part);
+    const IniFile record = WithoutRestrictedNames(session, part);
+    if (!record.IsEmpty()) take(record);
+  });
 }
 
-void ReplaceUserLayer(Session& session, const UserLayer& before, const UserLayer& wanted, bool isWhole) {
-  const std::set<std::string> undeleted = Without(before.deleted, wanted.deleted);
-  std::set<std::string> restored = FindUnwanted(before.settings, wanted.settings);
+LayerSurplus ReadSurplus(Session& session, const std::set<std::string>& groups, const UserLayer& wanted) {
+  LayerSurplus surplus;
+  size_t wantedAndThere = 0;
+  ReadUserLayerEach(session, groups, [&](const IniFile& part) {
+    if (part.HasGroup(kDeletedGroups)) {
+      for (const auto& [key, name] : part[kDeletedGroups]) surplus.deleted.insert(name);
+    } else {
+      AddSurplus(part.begin(), wanted.settings, surplus.settings, wantedAndThere);
+    }
+  });
+  surplus.differences = CountParts(wanted.settings) - wantedAndThere;
+  return surplus;
+}
+
+void ReplaceUserLayer(Session& session, const LayerSurplus& surplus, const UserLayer& wanted, bool isWhole) {
+  const std::set<std::string> undeleted = Without(surplus.deleted, wanted.deleted);
+  std::set<std::string> restored = NamesOf(surplus.settings);
   restored.insert(undeleted.begin(), undeleted.end());
   // Only the whole record can be taken away. Restoring alone leaves it as it is.
   if (isWhole && !undeleted.empty()) restored.insert(kDeletedGroups);
-  if (!restored.empty()) Restore(session, restored);
-  const std::set<std::string> deleted = restored.empty() ? Without(wanted.deleted, before.deleted) : wanted.deleted;
+  if (!restored.empty()) Restore(session, restored, [](const IniFile&) {});
+  const std::set<std::string> deleted = restored.empty() ? Without(wanted.deleted, surplus.deleted) : wanted.deleted;
   if (!deleted.empty()) {
     Replace(session, deleted, wanted.settings);
   } else if (!wanted.settings.IsEmpty()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <set>
 #include <string>
 
@@ -21,16 +22,27 @@ struct UserLayer {
   void DropRestricted(const Session& session);
   void DropRestrictedDeleted(const Session& session);
 
-  // One document with the record of what was deleted, as a backup has it.
-  core::IniFile ToDocument() const;
-
   bool IsEmpty() const { return settings.IsEmpty() && deleted.empty(); }
 };
 
-// Makes the store's user layer "wanted" where it is "before". What it holds too much can only be put back to its
-// defaults, of which the store then keeps copies. isWhole: the two are all of the layer, and the record of what was
-// deleted becomes the wanted one too; otherwise names stay in it, and do no harm.
+// What a store's user layer holds besides a wanted one. A plain value.
+struct LayerSurplus {
+  core::IniFile settings;         // groups that the wanted layer lacks, and settings that it lacks
+  std::set<std::string> deleted;  // all that the store's layer records, wanted or not
+  size_t differences = 0;         // settings that are wanted and not there, and such groups without settings
+};
+
+// The store's user layer without what no client could write, group by group; the record of what was deleted is one of
+// them. Groups and patterns mean a part of it; all of it without any.
+void ReadUserLayerEach(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take);
+
+// Compares the store's layer with the wanted one. Only the surplus is kept.
+LayerSurplus ReadSurplus(Session& session, const std::set<std::string>& groups, const UserLayer& wanted);
+
+// Makes the store's user layer the wanted one. Its surplus can only be put back to its defaults, of which the store
+// then keeps copies. isWhole: the two are all of the layer, and the record of what was deleted becomes the wanted one
+// too; otherwise names stay in it, and do no harm.
 // Reads back what was set, and throws as the functions of Writes.h do.
-void ReplaceUserLayer(Session& session, const UserLayer& before, const UserLayer& wanted, bool isWhole);
+void ReplaceUserLayer(Session& session, const LayerSurplus& surplus, const UserLayer& wanted, bool isWhole);
 
 }  // namespace tavix::programs

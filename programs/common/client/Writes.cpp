@@ -198,14 +198,12 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
   });
 }
 
-IniFile Restore(Session& session, const std::set<std::string>& groups) {
+void Restore(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take) {
   RefuseRestricted(session, WithoutPatterns(groups));
-  IniFile after;
   session.RunAlone([&] {
     SessionWriter(session).Restore(groups);
-    after = session.Get(groups);
+    session.GetEach(groups, take);
   });
-  return after;
 }
 
 void Apply(Session& session, const IniFile& before, const IniFile& after) {

@@ -57,8 +57,9 @@ void Replace(Session& session, const std::set<std::string>& groups, const core::
 // Replaces groups, and merges what is left of "written", in one step. Refused as RefusePatterns does.
 void Write(Session& session, const std::set<std::string>& replaced, const core::IniFile& written);
 
-// Puts groups and '*' patterns back to their defaults. Returns what they hold then: the store alone knows the defaults.
-core::IniFile Restore(Session& session, const std::set<std::string>& groups);
+// Puts groups and '*' patterns back to their defaults. take: is given what they hold then, as by Session::GetEach: the
+// store alone knows the defaults.
+void Restore(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take);
 
 // Makes the store hold "after" where it held "before". What was only set is merged; groups that lost something are
 // replaced, and refused as RefusePatterns does.

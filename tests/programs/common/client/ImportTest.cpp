@@ -19,6 +19,20 @@ const char kFiles[] = "[a]\nk=1\n[b]\nk=1\n[SecureKeys]\nk=1\n";
 
 void Confirm(const Import::Gone&) {}
 
+// Gives its user layer away group by group alone, as a large one has to be read.
+class StreamedSession : public MemorySession {
+ public:
+  using MemorySession::MemorySession;
+  core::IniFile GetUserSettings() override { throw std::logic_error("the whole user layer was asked for"); }
+  void GetEachOfUser(const TakeGroup& take) override {
+    for (auto group = user.begin(); group != user.end(); ++group) {
+      core::IniFile part;
+      part.MergeGroup(group);
+      take(part);
+    }
+  }
+};
+
 // What a failed import ends with.
 ExitCode CodeOf(MemorySession& session, const std::string& document, const ImportOptions& options) {
   try {
@@ -63,6 +77,36 @@ TEST(Import, PutsTheUserLayerBack) {
   EXPECT_EQ(TextOf(session.user), "[a]\nk=3\n");
 }
 
+TEST(Import, NeverKeepsTheWholeUserLayer) {
+  StreamedSession session(kFiles, "[a]\nk=1\nown=1\n[c]\n[d]\nk=1\n");
+  ImportOptions options;
+  options.replaces = true;
+  options.isUserLayer = true;
+  Import import(session, DocumentOf("[a]\nk=2\n[d]\nk=1\n[e]\n"), "backup", options);
+  std::string changes;
+  import.FindDifferences([&](const programs::Change& change) {
+    changes += (changes.empty() ? "" : " ") + change.group + "/" + change.key.value_or("");
+});
+EXPECT_EQ(changes, "a/k a/own c/ e/");
+EXPECT_EQ(import.FindGone().reset, Names({"c"}));
+EXPECT_EQ(import.Run(Confirm).differences, 4U);
+EXPECT_EQ(TextOf(session.user), "[a]\nk=2\n[d]\nk=1\n[e]\n");
+}  // namespace tavix::test
+
+TEST(Import, CountsARecordOfDeletionsThatComesAndGoes) {
+  const std::string record = "[TavixSettings/Data/DeletedGroups]\na=a\n";
+  MemorySession session(kFiles, record);
+  ImportOptions options;
+  options.replaces = true;
+  options.isUserLayer = true;
+  Import import(session, DocumentOf("[b]\nk=2\n"), "backup", options);
+  size_t differences = 0;
+  import.FindDifferences([&](const programs::Change&) { ++differences;
+});
+EXPECT_EQ(differences, 3U);  // the record, its name, and the setting
+EXPECT_EQ(import.Run(Confirm).differences, differences);
+}
+
 TEST(Import, FindsDifferencesWithoutWriting) {
   MemorySession session(kFiles, "");
   Import import(session, DocumentOf("[a]\nk=2\n"), "backup", {});
@@ -73,7 +117,7 @@ ASSERT_EQ(changes.size(), 1U);
 EXPECT_EQ(changes[0].before, "1");
 EXPECT_EQ(changes[0].after, "2");
 EXPECT_EQ(session.writes, 0U);
-}  // namespace tavix::test
+}
 
 TEST(Import, WritesNothingThatIsNotConfirmed) {
   MemorySession session(kFiles, "");
