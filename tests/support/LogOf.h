@@ -18,4 +18,13 @@ std::vector<std::string> LogOf(Call call, size_t count = 0) {
   return log.GetMessages();
 }
 
+// The errors among messages: what is logged of connecting again, which may already be under way, is none.
+inline std::vector<std::string> ErrorsIn(const std::vector<std::string>& messages) {
+  std::vector<std::string> errors;
+  for (const std::string& message : messages) {
+    if (message.rfind("ERROR ", 0) == 0) errors.push_back(message);
+  }
+  return errors;
+}
+
 }  // namespace tavix::test

@@ -3,7 +3,6 @@
 #include <random>
 
 #include "tests/settings/client/ProtocolClientTest.h"
-#include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 
 namespace tavix::test {
@@ -21,25 +20,23 @@ std::string RandomLines(std::mt19937& random) {
   return text;
 }
 
-}  // namespace
-
-class ProtocolClientFailure : public ProtocolClientTest {
- protected:
-  // Makes a call whose trace throws at one of its lines. False when it has fewer lines.
-  static bool ThrowsAtLine(size_t line, const std::function<void(Client&)>& call) {
-    size_t seen = 0;
-    Client client(Patient(), [&](char, const std::string&) {
-      if (seen++ == line) throw std::bad_alloc();
-    });
-    try {
-      call(client);
-      return false;
-    } catch (const std::bad_alloc&) {
-      EXPECT_FALSE(client.IsOpen()) << line;
-      return true;
-    }
+// Makes a call whose trace throws at one of its lines. False when it has fewer lines.
+bool ThrowsAtLine(const settings::client::ProtocolClient::Options& options, size_t line,
+                  const std::function<void(settings::client::ProtocolClient&)>& call) {
+  size_t seen = 0;
+  settings::client::ProtocolClient client(options, [&](char, const std::string&) {
+    if (seen++ == line) throw std::bad_alloc();
+  });
+  try {
+    call(client);
+    return false;
+  } catch (const std::bad_alloc&) {
+    EXPECT_FALSE(client.IsOpen()) << line;
+    return true;
   }
-};
+}
+
+}  // namespace
 
 TEST_F(ProtocolClientFailure, AReplyThatIsCutAnywhereIsNone) {
   const std::string reply = kReply;
@@ -141,57 +138,6 @@ TEST_F(ProtocolClientFailure, AReplyThatNobodyAskedForIsNoNotice) {
   Client client(Patient());
   _server.Accept().Send("data\n");
   EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kNotProtocol);
-}
-
-TEST_F(ProtocolClientFailure, SilenceEndsACall) {
-  Answer({""});
-  Client client(Impatient());
-  const Exception exception = Catch([&] { client.Get({"a"}); });
-  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
-  EXPECT_EQ(exception.what(), "no answer from " + GetAddress() + " within 0.05 s");
-  EXPECT_TRUE(exception.WasSent());
-}
-
-TEST_F(ProtocolClientFailure, SilenceInsideOfAReplyEndsACall) {
-  Answer({"data\n[a]\n"});
-  Client client(Impatient());
-  EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTimedOut);
-}
-
-TEST_F(ProtocolClientFailure, SilenceInsideOfANoticeEndsAWaitWithoutLimit) {
-  Client client(Impatient());
-  ServerEnd peer = _server.Accept();
-  peer.Send("async ch");
-  EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kTimedOut);
-}
-
-TEST_F(ProtocolClientFailure, ACallHasATimeOutOfItsOwn) {
-  Answer({"data\n[a]\n"});
-  Client client(Patient());
-  client.SetTimeouts({kPatience, kShort});
-  const Exception exception = Catch([&] { client.Get({"a"}); });
-  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
-  EXPECT_EQ(exception.what(), "no answer from " + GetAddress() + " within 0.05 s");
-}
-
-TEST_F(ProtocolClientFailure, AServerThatSendsForEverDoesNotOutlastACall) {
-  Serve([](ServerEnd& peer) {
-    while (true) peer.Send("async change\na\n.\n.\n");
-  });
-  Client client(Patient());
-  client.SetTimeouts({kPatience, kShort});
-  EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTimedOut);
-}
-
-TEST_F(ProtocolClientFailure, APeerThatNeverReadsEndsACall) {
-  Client client(Impatient());
-  const ServerEnd peer = _server.Accept();
-  core::IniFile settings;
-  for (int i = 0; i < 8; ++i) settings.SetValue("a", std::to_string(i), std::string(8 * 1024 * 1024, 'x'));
-  const Exception exception = Catch([&] { client.Merge(settings); });
-  EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
-  EXPECT_TRUE(exception.WasSent());
-  EXPECT_FALSE(client.IsOpen());
 }
 
 TEST_F(ProtocolClientFailure, AConnectionThatEndsUnderALargeRequestHintsAtTheServersLimits) {
@@ -387,7 +333,7 @@ TEST_F(ProtocolClientFailure, AnExceptionAtAnyLineOfACallEndsTheConnectionAtOnce
       peer.ReadToEnd();
     });
     size_t failures = 0;
-    while (ThrowsAtLine(failures, call)) ++failures;
+    while (ThrowsAtLine(Patient(), failures, call)) ++failures;
     EXPECT_GE(failures, 2U) << reply;
   }
 }

@@ -82,4 +82,7 @@ class ProtocolClientTest : public testing::Test {
   std::optional<ServerThreads> _threads;
 };
 
+// A client whose server falls silent, ends, or speaks something else.
+class ProtocolClientFailure : public ProtocolClientTest {};
+
 }  // namespace tavix::test

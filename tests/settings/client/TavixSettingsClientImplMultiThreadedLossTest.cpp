@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -15,6 +14,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/TavixSettingsClient.h"
+#include "tests/settings/client/MultiThreadedExchange.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/LogOf.h"
@@ -30,7 +30,14 @@ using tavix::settings::TavixSettingsClient;
 using tavix::test::BackgroundCall;
 using tavix::test::Change;
 using tavix::test::DocumentOf;
+using tavix::test::ErrorsIn;
 using tavix::test::Eventually;
+using tavix::test::ExpectGoodCall;
+using tavix::test::kGetA;
+using tavix::test::kGetFailed;
+using tavix::test::kMode;
+using tavix::test::kNoticeA;
+using tavix::test::kReplyA;
 using tavix::test::LogOf;
 using tavix::test::PendingValue;
 using tavix::test::RecordingCallback;
@@ -38,13 +45,7 @@ using tavix::test::ScriptedServer;
 using tavix::test::ServerEnd;
 using tavix::test::ServerThreads;
 using tavix::test::TextOf;
-using Groups = std::set<std::string>;
 
-constexpr auto kMode = TavixSettingsClient::MultiThreaded;
-constexpr char kGetA[] = "get delimited\nA\n.\n";
-constexpr char kReplyA[] = "data\n[A]\nx=1\n.\n";
-constexpr char kNoticeA[] = "async change\nA\n.\n[A]\nx=1\n.\n";
-constexpr char kGetFailed[] = "GetSettings failed to communicate with tavix-settings-server";
 constexpr char kTestFailed[] = "TestAndMerge failed to communicate with tavix-settings-server";
 constexpr char kStray[] = "ERROR TavixSettings: Message received without corresponding request";
 
@@ -63,23 +64,6 @@ struct ClientAfterLosses {
   TavixSettingsClient client;
   ServerEnd peer;
 };
-
-// A call that finds its reply at once, as calls do when nothing is wrong.
-void ExpectGoodCall(const TavixSettingsClient& client, ServerEnd& peer) {
-  PendingValue value(client);
-  EXPECT_EQ(peer.ReadThrough(), kGetA);
-  peer.Send(kReplyA);
-  EXPECT_EQ(value.Join(), "1");
-}
-
-// Without what is said of connecting again, which may already be under way.
-std::vector<std::string> ErrorsIn(const std::vector<std::string>& messages) {
-  std::vector<std::string> errors;
-  for (const std::string& message : messages) {
-    if (message.rfind("ERROR ", 0) == 0) errors.push_back(message);
-  }
-  return errors;
-}
 
 // Replies to many clients, each of which asks something of its own. Connections come in any order: a client's second
 // one may overtake another's first.
@@ -369,95 +353,6 @@ TEST(TavixSettingsClientImplMultiThreaded, ANoticeThatCannotBeParsedEndsTheConne
   EXPECT_THAT(ErrorsIn(messages),
               testing::ElementsAre(testing::StartsWith("ERROR TavixSettings: Caught change notice:1: ")));
   EXPECT_NO_THROW(with.server.Accept());
-}
-
-TEST(TavixSettingsClientImplMultiThreaded, ACallbackThatThrowsEndsTheConnectionAndTheClientLives) {
-  ScriptedServer server;
-  std::promise<void> second;
-  int calls = 0;
-  RecordingCallback callback([&] {
-    if (++calls == 1) throw std::runtime_error("of the callback");
-    second.set_value();
-  });
-  TavixSettingsClient client(kMode);
-  client.Subscribe(&callback, "A");
-  ServerEnd before = server.Accept();
-  const auto messages = LogOf([&] {
-    before.Send(kNoticeA);
-    EXPECT_EQ(before.ReadToEnd(), "subscribe\nA\n.\n");
-  });
-  EXPECT_THAT(ErrorsIn(messages), testing::ElementsAre("ERROR TavixSettings: Caught of the callback"));
-  ServerEnd after = server.Accept();
-  EXPECT_EQ(after.ReadThrough(), "subscribe\nA\n.\n");
-  after.Send(kNoticeA);
-  second.get_future().wait();
-}
-
-// The pipes can't be made again: they must stay in use, with all that is on its way in them.
-TEST(TavixSettingsClientImplMultiThreaded, ACallbackThatThrowsLeavesALocalConnectionInUse) {
-  int calls = 0;
-  RecordingCallback callback([&] {
-    if (++calls == 1) throw std::runtime_error("of the callback");
-  });
-  TavixSettingsClient client(TavixSettingsClient::MultiThreadedLocalConnection);
-  client.Subscribe(&callback, "A");
-  client.SetValue("[A]x", "1");
-  EXPECT_THAT([&] { client.GetValue("[A]x"); }, testing::ThrowsMessage<Exception>(kGetFailed));
-  EXPECT_EQ(client.GetValue("[A]x"), "1");
-  EXPECT_EQ(client.GetValue("[B]x"), "");  // and not the late reply of the call that was failed
-  client.SetValue("[A]x", "2");
-  EXPECT_EQ(client.GetValue("[A]x"), "2");
-  EXPECT_EQ(callback.GetChanges().size(), 2u);
-}
-
-TEST(TavixSettingsClientImplMultiThreaded, AnythingElseThatACallbackThrowsEndsTheWorkerAndLaterCallsTimeOut) {
-  ScriptedServer server;
-  RecordingCallback callback([] { throw 42; });
-  TavixSettingsClient client(kMode);
-  client.Subscribe(&callback, "A");
-  ServerEnd peer = server.Accept();
-  PendingValue waits(client);
-  peer.ReadThrough(), peer.ReadThrough();
-  const auto messages = LogOf(
-      [&] {
-        peer.Send(kNoticeA);
-        EXPECT_EQ(peer.ReadToEnd(), "");
-      },
-      3);
-  EXPECT_THAT(messages, testing::Contains("ERROR Thread: thread 'TavixSettings' ended by an exception: unknown"));
-  EXPECT_THAT([&] { waits.Join(); }, testing::ThrowsMessage<Exception>(kGetFailed));
-  BackgroundCall get([&] { client.GetValue("[A]x"); });
-  BackgroundCall merge([&] { client.SetValue("[A]x", "1"); });
-  EXPECT_THAT([&] { get.Join(); }, testing::ThrowsMessage<Exception>(testing::StartsWith("Lock Timeout")));
-  EXPECT_THAT([&] { merge.Join(); }, testing::ThrowsMessage<Exception>(testing::StartsWith("Lock Timeout")));
-  EXPECT_FALSE(server.HasWaitingConnection());
-}
-
-TEST(TavixSettingsClientImplMultiThreaded, CallsThatWouldWaitForThemselvesAreRefusedInACallback) {
-  ScriptedServer server;
-  std::unique_ptr<TavixSettingsClient> client;
-  std::promise<void> done;
-  const std::string why = " can't be called from a change callback of the same client: its thread receives the replies";
-  RecordingCallback callback([&] {
-    IniFile out;
-    const auto refuses = [&](const char* name) { return testing::ThrowsMessage<Exception>(name + why); };
-    EXPECT_THAT([&] { client->GetSettings("A", out); }, refuses("GetSettings"));
-    EXPECT_THAT([&] { client->TestAndMerge(out, out); }, refuses("TestAndMerge"));
-    EXPECT_THAT([&] { client->Subscribe(&callback, "B"); }, refuses("Subscribe"));
-    EXPECT_THROW(client->UnSubscribe(&callback), Exception);
-    client->SetValue("[B]y", "2");
-    client->EraseGroups("C");
-    client->RestoreToDefaults("D");
-    done.set_value();
-  });
-  client = std::make_unique<TavixSettingsClient>(kMode);
-  client->Subscribe(&callback, "A");
-  ServerEnd peer = server.Accept();
-  peer.Send(kNoticeA);
-  done.get_future().wait();
-  EXPECT_EQ(peer.ReadThrough("D"), "subscribe\nA\n.\nmerge\n[B]\ny=2\n.\noverwrite\nC\n.\n.\nrestore\nD\n");
-  EXPECT_EQ(peer.ReadThrough(), ".\n");
-  ExpectGoodCall(*client, peer);
 }
 
 }  // namespace
