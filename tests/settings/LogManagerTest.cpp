@@ -18,6 +18,7 @@
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/Subscription.h"
+#include "tests/settings/LogManagerTest.h"
 #include "tests/settings/StoreInMode.h"
 #include "tests/support/AnsweringServer.h"
 #include "tests/support/BackgroundCall.h"
@@ -35,6 +36,9 @@ using tavix::test::AnsweringServer;
 using tavix::test::BackgroundCall;
 using tavix::test::CapturedOutput;
 using tavix::test::Client;
+using tavix::test::Configure;
+using tavix::test::LinesOf;
+using tavix::test::LogManager;
 using tavix::test::Mode;
 using tavix::test::StoreInMode;
 using tavix::test::TemporaryDirectory;
@@ -52,52 +56,6 @@ constexpr char kToStandardOutput[] = "[Log]\nlog.level=6\nlog.stdout=true\nlog.s
 constexpr char kSubscriptionFailure[] =
     "ERROR LogManager: Failed to subscribe to log settings - probably created TavixSettingsClient in SingleThreaded "
     "mode instead of MultiThreaded";
-
-void Configure(const char* level, const char* toStandardOutput) {
-  IniFile settings;
-  settings.SetValue("Test", "log.level", level);
-  settings.SetValue("Test", "log.stdout", toStandardOutput);
-  settings.SetValue("Test", "log.syslog", "false");
-  Logger::ConfigureLogging(settings, "Test");
-}
-
-// The lines from their level on.
-std::vector<std::string> LinesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line.substr(line.find(' ') + 1));
-  return lines;
-}
-
-// Logging belongs to the process: each test begins with all levels going to standard output, which is captured, and
-// with log files in a directory of its own, and leaves a silent log behind.
-class LogManager : public testing::Test {
- protected:
-  LogManager() {
-    Logger::SetLogFileDirectory(_directory.GetPath());
-    Configure("8", "true");
-  }
-
-  ~LogManager() override {
-    Configure("3", "false");
-    if (HasFailure()) std::cout << _output.Finish();
-  }
-
-  std::vector<std::string> WrittenLines() { return LinesOf(_output.Finish()); }
-
-  // Of all the files that a log file was rotated to, the oldest first.
-  std::vector<std::string> LinesInFiles(const std::string& name) const {
-    std::string text;
-    for (const char* age : {".3", ".2", ".1", ""}) {
-      if (_directory.Has(name + age)) text += _directory.Read(name + age);
-    }
-    return LinesOf(text);
-  }
-
-  const TemporaryDirectory _directory;
-  CapturedOutput _output{STDOUT_FILENO};
-  Logger* const _log = Logger::GetLogger("Test");
-};
 
 // What the system log is given is shown on standard error, too.
 class ShownSystemLog {
