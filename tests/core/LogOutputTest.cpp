@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "tavix/core/Logger.h"
 #include "tavix/osa/Descriptor.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "tavix/core/Logger.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 #include "tests/support/FullDevice.h"

@@ -14,6 +14,7 @@
 #include "tavix/core/DelimitedIstream.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
+#include "tests/core/SettingsTextTest.h"
 #include "tests/support/RandomDocument.h"
 
 namespace {
@@ -23,23 +24,9 @@ using tavix::core::IniFile;
 using tavix::core::PrintableText;
 using tavix::osa::Exception;
 using tavix::test::RandomDocuments;
+using tavix::test::Read;
+using tavix::test::Write;
 using GroupMap = IniFile::GroupMap;
-
-// What both ways of reading make of a text; they must agree.
-GroupMap Read(const std::string& text) {
-  IniFile fromString, fromStream;
-  fromString.LoadFromString(text);
-  std::istringstream stream(text);
-  fromStream.LoadFromStream(stream);
-  EXPECT_EQ(fromString.GetGroups(), fromStream.GetGroups());
-  return fromString.GetGroups();
-}
-
-std::string Write(const GroupMap& groups) {
-  std::ostringstream text;
-  IniFile(groups).SaveToStream(text);
-  return text.str();
-}
 
 // The key and the value of a document's only setting, as text.
 std::string WrittenSetting(const std::string& key, const std::string& value) {
@@ -252,108 +239,6 @@ TEST(SettingsText, NamesAreEscapedOnlyWhereNeeded) {
   for (const auto& [name, text] : cases) EXPECT_EQ(Write({{name, {}}}), "[" + text + "]\n");
 }
 
-// The writer looks at eight bytes at a time.
-TEST(SettingsText, WhatNeedsAnEscapeIsFoundAtEveryPlaceOfAText) {
-  for (size_t size = 1; size <= 40; ++size) {
-    for (size_t at = 0; at < size; ++at) {
-      for (const char byte : {'\n', '\\', '=', ']', '\0', '\x7f', '\x1f', '\xff', '\x80', ' '}) {
-        std::string text(size, 'a');
-        text[at] = byte;
-        const GroupMap groups{{text, {{text, text}}}};
-        ASSERT_EQ(Read(Write(groups)), groups) << Write(groups);
-      }
-    }
-  }
-}
-
-TEST(SettingsText, EveryPairOfBytesSurvives) {
-  IniFile::KeyMap keys;
-  for (int pair = 0; pair < 256 * 256; ++pair) {
-    const char bytes[] = {static_cast<char>(pair / 256), static_cast<char>(pair % 256)};
-    const std::string text(bytes, 2);
-    keys[text] = text;
-  }
-  const GroupMap groups{{"g", keys}};
-  EXPECT_TRUE(Read(Write(groups)) == groups);
-}
-
-TEST(SettingsText, EveryNameOfTwoBytesSurvives) {
-  GroupMap groups;
-  for (int pair = 0; pair < 256 * 256; ++pair) {
-    const char bytes[] = {static_cast<char>(pair / 256), static_cast<char>(pair % 256)};
-    groups[std::string(bytes, 2)];
-  }
-  EXPECT_TRUE(Read(Write(groups)) == groups);
-}
-
-TEST(SettingsText, RandomDocumentsSurvive) {
-  RandomDocuments documents(1);
-  for (int round = 0; round < 5000; ++round) {
-    const GroupMap groups = documents.Next();
-    ASSERT_EQ(Read(Write(groups)), groups) << Write(groups);
-  }
-}
-
-TEST(SettingsText, RandomDocumentsSurviveGroupByGroup) {
-  RandomDocuments documents(2);
-  for (int round = 0; round < 3000; ++round) {
-    const IniFile ini(documents.Next());
-    std::ostringstream forwards, backwards;
-    for (const auto& group : ini) ini.SaveGroupToStream(forwards, group.first);
-    for (auto group = ini.GetGroups().rbegin(); group != ini.GetGroups().rend(); ++group)
-      ini.SaveGroupToStream(backwards, group->first);
-    ASSERT_EQ(forwards.str(), Write(ini.GetGroups()));
-    ASSERT_EQ(Read(backwards.str()), ini.GetGroups()) << backwards.str();
-  }
-}
-
-TEST(SettingsText, TextsOneAfterTheOtherReadBackAsOneDocument) {
-  RandomDocuments documents(3);
-  for (int round = 0; round < 2000; ++round) {
-    IniFile merged(documents.Next());
-    const IniFile second(documents.Next());
-    const std::string text = Write(merged.GetGroups()) + Write(second.GetGroups());
-    merged.MergeSettings(second);
-    ASSERT_EQ(Read(text), merged.GetGroups()) << text;
-  }
-}
-
-// Mail programs and editors add carriage returns and marks; no byte of the document may be taken for one of them.
-TEST(SettingsText, RandomDocumentsSurviveAForeignEditorsLineEnds) {
-  RandomDocuments documents(4);
-  for (int round = 0; round < 2000; ++round) {
-    const GroupMap groups = documents.Next();
-    std::string text = "\xEF\xBB\xBF";
-    for (const char byte : Write(groups)) text += byte == '\n' ? std::string("\r\n") : std::string(1, byte);
-    ASSERT_EQ(Read(text), groups) << text;
-  }
-}
-
-TEST(SettingsText, EveryLineEndsAndNoneIsADotAlone) {
-  RandomDocuments documents(5);
-  for (int round = 0; round < 5000; ++round) {
-    const std::string text = Write(documents.Next());
-    ASSERT_TRUE(text.empty() || text.back() == '\n');
-    ASSERT_EQ(("\n" + text).find("\n.\n"), std::string::npos) << text;
-    ASSERT_EQ(text.find('\r'), std::string::npos) << text;
-  }
-}
-
-TEST(SettingsText, RandomDocumentsSurviveAsAPayload) {
-  RandomDocuments documents(6);
-  for (int round = 0; round < 2000; ++round) {
-    const GroupMap groups = documents.Next();
-    std::istringstream wire(Write(groups) + ".\nnext\n");
-    IniFile received;
-    tavix::stl::DelimitedIstream payload(&wire);
-    received.LoadFromStream(payload);
-    ASSERT_EQ(received.GetGroups(), groups);
-    std::string next;
-    ASSERT_TRUE(std::getline(wire, next));
-    ASSERT_EQ(next, "next");
-  }
-}
-
 // Gives its text in pieces of one size.
 class PieceBuf : public std::streambuf {
  public:
@@ -406,23 +291,6 @@ TEST(SettingsText, NothingBehindABadLineIsTakenFromAPayload) {
     ASSERT_TRUE(std::getline(wire, rest));
     EXPECT_EQ(rest, "l=v");
   }
-}
-
-TEST(SettingsText, WhatWasReadFromAnyTextSurvives) {
-  RandomDocuments texts(7);
-  int read = 0;
-  for (int round = 0; round < 5000; ++round) {
-    const std::string text = "[g]\n" + texts.NextText(10) + "=" + texts.NextText(10) + "\n[" + texts.NextText(5) + "]";
-    IniFile ini;
-    try {
-      ini.LoadFromString(text);
-    } catch (const Exception&) {
-      continue;
-    }
-    ++read;
-    ASSERT_EQ(Read(Write(ini.GetGroups())), ini.GetGroups()) << text;
-  }
-  EXPECT_GT(read, 1000);
 }
 
 TEST(SettingsText, AnErrorNamesSourceLineAndText) {
