@@ -4,6 +4,7 @@
 #include <list>
 
 #include "tests/programs/server/Daemon.h"
+#include "tests/programs/server/process/CutConnection.h"
 #include "tests/support/BackgroundCall.h"
 
 namespace tavix::test {
@@ -21,18 +22,6 @@ std::string MakeAlikePattern(int number) {
   std::string pattern = "*";
   for (int digit = 0; digit < 14; ++digit) pattern += (number >> digit) % 2 ? "a*" : "b*";
   return pattern;
-}
-
-// Sends what exceeds a bound: the connection ends, the log says why, and others are served.
-void ExpectCut(const std::vector<std::string>& arguments, const std::string& sent, const std::string& reason) {
-  const TemporaryDirectory directory;
-  Daemon daemon(directory, arguments);
-  ProtocolClient client(daemon.GetPort());
-  client.TrySend(sent);
-  EXPECT_EQ(client.ReadToEnd(), "");
-  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\n.\n"), "data\n.\n");
-  EXPECT_EQ(daemon.Stop(), 0);
-  EXPECT_THAT(daemon.GetErrors(), testing::HasSubstr(reason));
 }
 
 }  // namespace
@@ -283,35 +272,6 @@ TEST(Bounds, ManyRequestsThatComeAtOnceAreNotTakenForOneLineOrOneRequest) {
   }
   EXPECT_EQ(Converse(daemon.GetPort(), requests), replies);
   EXPECT_EQ(daemon.GetErrors(), "");
-}
-
-TEST(Bounds, WebPageCanWriteNothing) {
-  ExpectCut({}, "POST /x HTTP/1.1\r\nHost: x\r\n\r\nmerge\n[B]\nx=1\n.\n",
-            "connection cut: HTTP is not our protocol, bytes 18: expected a command, found \"POST /x HTTP/1.1\"\n");
-}
-
-TEST(Bounds, OpeningOfAnotherProtocolIsRefusedHoweverItComes) {
-  for (const char* opening :
-       {"\r\nPOST /x http/1.1\r\n", "OPTIONS rtsp://camera/ RTSP/1.0\r\n", "bogus\nHost: x\r\n", "GET /\r\n"})
-    ExpectCut({}, opening + std::string("merge\n[B]\nx=1\n.\n"), "connection cut: HTTP is not our protocol");
-}
-
-TEST(Bounds, LinesOfAListAreNoOpening) {
-  const TemporaryDirectory directory;
-  Daemon daemon(directory);
-  EXPECT_EQ(Converse(daemon.GetPort(), "get delimited\nGET / HTTP/1.1\nHost: x\n.\nGET /\nget delimited\n.\n"),
-            "data\n.\ndata\n.\n");
-}
-
-TEST(Bounds, TlsHandshakeIsRefused) {
-  ExpectCut({}, std::string("\x16\x03\x01\x02\x00\x01", 6),
-            "connection cut: TLS is not our protocol, bytes 6: expected text\n");
-}
-
-TEST(Bounds, CommandThatLooksLikeARequestForAPageIsOnlyUnknown) {
-  const TemporaryDirectory directory;
-  Daemon daemon(directory);
-  EXPECT_EQ(Converse(daemon.GetPort(), "GET delimited\nget delimited\n.\n"), "data\n.\n");
 }
 
 TEST(Bounds, SubscriberThatStopsReadingIsCutOffAndWritersDoNotWait) {
