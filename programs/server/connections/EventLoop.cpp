@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "programs/server/connections/LogPeer.h"
+#include "programs/server/persistence/ChangeBatch.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -126,12 +127,19 @@ void EventLoop::ServeUntilStopped() {
     const int wait = !_turns.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
     const int count = epoll_wait(_poll.Get(), events.get(), kMaxEvents, wait);
     if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
-    if (count > 0 && !ServeEvents(events.get(), static_cast<size_t>(count))) return _connections.clear();
-    // Not before all events are handled: one of them may be of a connection that ends here.
-    if (!_inLane.empty()) TakeBackFromLane();
-    if (!_turns.empty()) GiveTurns();
+    if (!ServeRound(events.get(), static_cast<size_t>(std::max(count, 0)))) return _connections.clear();
     if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
   }
+}
+
+// The changes of a round are one batch for the disk. False when the loop is to stop.
+bool EventLoop::ServeRound(const epoll_event* events, size_t count) {
+  const ChangeBatch batch;
+  if (count > 0 && !ServeEvents(events, count)) return false;
+  // Not before all events are handled: one of them may be of a connection that ends here.
+  if (!_inLane.empty()) TakeBackFromLane();
+  if (!_turns.empty()) GiveTurns();
+  return true;
 }
 
 // False when the loop is to stop.

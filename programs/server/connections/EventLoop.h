@@ -66,6 +66,7 @@ class EventLoop {
 
   void Run();
   void ServeUntilStopped();
+  bool ServeRound(const epoll_event* events, size_t count);
   bool ServeEvents(const epoll_event* events, size_t count);
   void ServeInOrder();
   bool TakeCall();

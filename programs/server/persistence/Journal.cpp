@@ -12,6 +12,7 @@ namespace {
 
 constexpr uint64_t kMinFilled = 64 * 1024;
 constexpr uint64_t kMaxFilled = 1024 * 1024;
+constexpr size_t kMaxBufferKept = 16 * 1024;
 
 uint64_t CountFilledAhead(uint64_t end) {
   return std::clamp(end, kMinFilled, kMaxFilled);
@@ -56,15 +57,26 @@ std::unique_ptr<Journal> Journal::Resume(FileSystem& files, const std::string& s
   return journal;
 }
 
-void Journal::Append(const Change& change) {
+// The first change that extends groups also changes the header, behind its own write.
+void Journal::Append(const Change& change, Write write) {
   uint32_t checksum = _checksum;
   const std::string bytes = EncodeRecord(change, checksum);
   const uint64_t end = _end + bytes.size();
   if (end + kSpare > _filled) FillAhead(end);
   RequireRoom(end);
-  _file->WriteAt(_end, bytes);
-  NoteWritten(change.extends, end, checksum);
+  _buffered += bytes;
   _end = end;
+  _checksum = checksum;
+  if (write == Write::kAtOnce || (change.extends && !_extends)) WriteBuffered();
+  if (change.extends) NoteExtension();
+}
+
+void Journal::WriteBuffered() {
+  if (_buffered.empty()) return;
+  _file->WriteAt(_end - _buffered.size(), _buffered);
+  _filled = std::max(_filled, _end);
+  _buffered.clear();
+  if (_buffered.capacity() > kMaxBufferKept) _buffered.shrink_to_fit();
 }
 
 void Journal::RequireRoom(uint64_t end) const {
@@ -72,11 +84,9 @@ void Journal::RequireRoom(uint64_t end) const {
     throw NoRoom("Failed to make room for '" + PathOf(_snapshotPath) + "': No space left on device");
 }
 
-void Journal::NoteWritten(bool extends, uint64_t end, uint32_t checksum) {
-  if (extends && !_extends && _hasBegun) _file->WriteAt(kJournalVersionAt, std::string(1, kExtendingVersion));
-  _extends = _extends || extends;
-  _filled = std::max(_filled, end);
-  _checksum = checksum;
+void Journal::NoteExtension() {
+  if (!_extends && _hasBegun) _file->WriteAt(kJournalVersionAt, std::string(1, kExtendingVersion));
+  _extends = true;
 }
 
 void Journal::BeginAppend(const RecordLine& line) {
@@ -96,7 +106,9 @@ void Journal::WriteAppended(const Texts& writeTexts) {
   });
   pieces.Flush();
   _file->WriteAt(_appending.begin, _appending.line.Encode(checksum));
-  NoteWritten(_appending.line.extends, _end, checksum);
+  if (_appending.line.extends) NoteExtension();
+  _filled = std::max(_filled, _end);
+  _checksum = checksum;
   FillAhead(_end);
   _appending.isWritten = true;
 }
@@ -159,6 +171,7 @@ bool Journal::TryToFill(uint64_t end) {
 }
 
 void Journal::Sync() {
+  WriteBuffered();
   SyncRecords();
   TakePlace();
   SyncName();

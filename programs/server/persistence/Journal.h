@@ -50,8 +50,17 @@ class Journal {
   static std::unique_ptr<Journal> Resume(FileSystem& files, const std::string& snapshotPath, bool isInPlace,
                                          const JournalReader& reader, uint64_t fileSize);
 
-  // Written once it returns, but not synced.
-  void Append(const Change& change);
+  // When a change that is appended is written.
+  enum class Write {
+    kAtOnce,    // before Append returns; what is buffered by then is written with it
+    kBuffered,  // by WriteBuffered, or with a later change
+  };
+
+  // Written, but not synced. A change that is buffered has its place: GetEnd is behind it.
+  void Append(const Change& change, Write write = Write::kAtOnce);
+
+  // Writes all changes that are buffered, by one write. To be called before a sync, BeginAppend, Begin or GiveRoomBack.
+  void WriteBuffered();
 
   // The same in three steps, of which the second takes long and may run beside everything but appends. BeginAppend
   // gives a change its place: GetEnd is behind it. WriteAppended has "writeTexts" write its two texts, in as many
@@ -111,7 +120,7 @@ class Journal {
   };
 
   void RequireRoom(uint64_t end) const;
-  void NoteWritten(bool extends, uint64_t end, uint32_t checksum);
+  void NoteExtension();
   void FillAhead(uint64_t end);
   bool ReserveAhead(uint64_t end);
   bool TryToFill(uint64_t end);
@@ -123,6 +132,7 @@ class Journal {
   std::atomic<bool> _isInPlace{false};
   bool _nameIsSynced = false;  // the syncing thread's
   uint64_t _end = kJournalHeaderSize;
+  std::string _buffered;  // the last bytes before _end, which are not written yet
   bool _hasBegun = false;
   bool _extends = false;  // has a change that extends groups, and says so once it has begun
   uint64_t _filled = 0;   // so far the file has been written to

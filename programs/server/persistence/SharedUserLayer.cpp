@@ -26,6 +26,7 @@ SharedUserLayer::SharedUserLayer(UserLayerSetup setup)
       _log(*core::Logger::GetLogger("UserSettings")),
       _state(_setup.durability),
       _watch(_setup.path, _setup.longDiskWork, _log),
+      _gather(_setup.gather),
       _notes(_gate) {}
 
 void SharedUserLayer::Load(FoundUserSettings& found) {
@@ -57,17 +58,48 @@ DurabilityGate::Ticket SharedUserLayer::Save(const core::IniFile& userSettings,
   return ticket;
 }
 
+// In a batch it is written with the changes behind it, where nobody is shown a change before it is synced.
 void SharedUserLayer::Append(Steps::Write write, const Change& change) {
+  const bool isBatched = _setup.durability.kind == Durability::Kind::kAlways && ChangeBatch::Join(*this);
   try {
     if (write == Steps::Write::kOpenJournal) {
       OpenJournal({change});
     } else {
-      _journal->Append(change);
+      _journal->Append(change, isBatched ? Journal::Write::kBuffered : Journal::Write::kAtOnce);
     }
     Perform(_state.OnAppended(_journal->GetEnd()));
   } catch (const std::exception& exception) {
     Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
   }
+}
+
+// No lock of the store is held: other changes may have come.
+void SharedUserLayer::OnBatchEnd() noexcept {
+  const osa::PlainMutexLock lock(_mutex);
+  WriteBatch();
+  if (MustWakeSync()) _wakeSync.notify_one();
+}
+
+void SharedUserLayer::WriteBatch() {
+  if (!_journal) return;
+  try {
+    _journal->WriteBuffered();
+  } catch (const std::exception& exception) {
+    Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
+  }
+}
+
+// A thread that waits until some time finds by itself what is due then.
+bool SharedUserLayer::MustWakeSync() const {
+  if (_syncSleepsUntil == Clock::time_point()) return false;
+  const std::optional<Clock::time_point> time = FindSyncTime();
+  return (time && *time < _syncSleepsUntil) || _state.IsLateWriteDue();
+}
+
+std::optional<SharedUserLayer::Clock::time_point> SharedUserLayer::FindSyncTime() const {
+  const std::optional<Clock::time_point> time = _state.GetSyncTime();
+  if (!time || _setup.durability.kind != Durability::Kind::kAlways) return time;
+  return _gather.FindBegin(_state.GetWritten());
 }
 
 // Without durability it takes its place at once: no sync will give it one.
@@ -96,7 +128,7 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   }
   LogFailure(_log, steps.report, reason);
   if (steps.reportsRecovery) _log.AddWarning(_quotedPath.c_str(), " is saved again");
-  if (steps.wakesSync) _wakeSync.notify_one();
+  if (steps.wakesSync && !ChangeBatch::Join(*this) && MustWakeSync()) _wakeSync.notify_one();
   if (steps.wakesSnapshot) _wakeSnapshot.notify_one();
 }
 
@@ -139,14 +171,16 @@ std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
 JournalWork SharedUserLayer::AwaitJournalWork() {
   osa::PlainMutexLock lock(_mutex);
   while (!_state.IsStopping()) {
-    const std::optional<Clock::time_point> time = _state.GetSyncTime();
+    const std::optional<Clock::time_point> time = FindSyncTime();
     if (time && Clock::now() >= *time) return JournalWork::kSync;
     if (_state.IsLateWriteDue()) return JournalWork::kWrite;
+    _syncSleepsUntil = time.value_or(Clock::time_point::max());
     if (time) {
       lock.WaitUntil(_wakeSync, *time);
     } else {
       lock.Wait(_wakeSync);
     }
+    _syncSleepsUntil = Clock::time_point();
   }
   return JournalWork::kStop;
 }
@@ -177,6 +211,8 @@ CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<N
     Append(Steps::Write::kAppend, change.GetChange());
     return CloseResult::kDone;
   }
+  WriteBatch();
+  if (!_journal) return CloseResult::kDone;  // it failed
   _journal->BeginAppend(line);
   record = {_journal, _state.OnLateWriteBegun()};
   if (_watch.Begin(Clock::now())) _wakeSnapshot.notify_one();
@@ -206,7 +242,9 @@ bool SharedUserLayer::IsLateWriteDue() {
 std::optional<SyncRound> SharedUserLayer::BeginSync() {
   const Clock::time_point now = Clock::now();
   const osa::PlainMutexLock lock(_mutex);
+  WriteBatch();
   if (!_state.GetSyncTime()) return std::nullopt;
+  _gather.OnBegun(now, _state.GetWritten());
   if (_watch.Begin(now)) _wakeSnapshot.notify_one();
   return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
 }
@@ -226,8 +264,13 @@ bool SharedUserLayer::TakePlace(const SyncRound& round) {
 
 void SharedUserLayer::OnSynced(const SyncRound& round) {
   _setup.onSave(true, 0);
+  {
+    const osa::PlainMutexLock lock(_mutex);
+    _gather.OnEnded(Clock::now(), _state.GetWritten());
+  }
   _gate.SetDurable(round.sync.last);
   const osa::PlainMutexLock lock(_mutex);
+  _gather.OnReleased(Clock::now());
   EndDiskWork();
   Perform(_state.OnSynced(round.sync));
 }
@@ -291,6 +334,7 @@ ChangedGroups::Changes SharedUserLayer::TakeChanges() {
 
 SnapshotMoment SharedUserLayer::BeginSnapshot() {
   const osa::PlainMutexLock lock(_mutex);
+  WriteBatch();
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
   SnapshotMoment moment;
   moment.last = begin.last;
@@ -302,6 +346,7 @@ SnapshotMoment SharedUserLayer::BeginSnapshot() {
 
 void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {
   const osa::PlainMutexLock lock(_mutex);
+  WriteBatch();
   for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
     try {
       // One that failed never goes on, and needs no spare room.

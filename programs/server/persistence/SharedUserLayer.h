@@ -8,11 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "programs/server/persistence/ChangeBatch.h"
 #include "programs/server/persistence/ChangeInParts.h"
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/NotedChanges.h"
+#include "programs/server/persistence/SyncGather.h"
 #include "programs/server/persistence/SyncWatch.h"
 #include "programs/server/persistence/UserLayerSetup.h"
 #include "programs/server/persistence/UserLayerState.h"
@@ -28,19 +30,20 @@ namespace tavix::daemon {
 // and the changes that the next snapshot lacks. An operation reports one event to UserLayerState and does what that
 // asks for, as one step under one lock; so the class has an operation for each event, and all that one lock guards.
 //
-// In order: saves come under the store's lock, one at a time, and append to the journal. Of a large change, and of
-// those behind it until it is written, they note the groups only: the groups are pending. Beside them JournalSyncer
-// writes pending groups (TakePending, ClosePending and, when they are many, OnLateWritten), and syncs what was
-// appended, without a lock. Beside both SnapshotWriter makes a snapshot: BeginToNote starts to note changed groups,
-// BeginSnapshot is the snapshot's moment, TakeOver lets all further changes be pending, and Follow, FailToFollow or
-// FailSnapshot is its end. Then pending is what the next journal does not have.
+// In order: saves come under the store's lock, one at a time, and append to the journal; those of a ChangeBatch are
+// written at its end, or by a sync that begins before. Of a large change, and of those behind it until it is
+// written, they note the groups only: the groups are pending. Beside them JournalSyncer writes pending groups
+// (TakePending, ClosePending and, when they are many, OnLateWritten), and syncs what was appended, without a lock.
+// Beside both SnapshotWriter makes a snapshot: BeginToNote starts to note changed groups, BeginSnapshot is the
+// snapshot's moment, TakeOver lets all further changes be pending, and Follow, FailToFollow or FailSnapshot is its
+// end. Then pending is what the next journal does not have.
 //
 // Threads: any.
 // Locks:   the mutex for names, outermost: held by an object for as long as a journal is made or takes its place. The
 //          own mutex, inside "SettingsMutex": held by each operation, also while the journal is appended to, never
 //          during a sync or while something is logged.
 // Errors:  none leave Save; the others say what they throw.
-class SharedUserLayer {
+class SharedUserLayer : private ChangeBatch::IMember {
  public:
   using Ticket = DurabilityGate::Ticket;
   using Clock = UserLayerState::Clock;
@@ -150,6 +153,10 @@ class SharedUserLayer {
  private:
   using Steps = UserLayerState::Steps;
 
+  void OnBatchEnd() noexcept override TAVIX_EXCLUDES(_mutex);
+  void WriteBatch() TAVIX_REQUIRES(_mutex);
+  bool MustWakeSync() const TAVIX_REQUIRES(_mutex);
+  std::optional<Clock::time_point> FindSyncTime() const TAVIX_REQUIRES(_mutex);
   void Append(Steps::Write write, const Change& change) TAVIX_REQUIRES(_mutex);
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
   void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
@@ -166,8 +173,12 @@ class SharedUserLayer {
   osa::PlainMutex _mutex;
   UserLayerState _state TAVIX_GUARDED_BY(_mutex);
   SyncWatch _watch TAVIX_GUARDED_BY(_mutex);
+  SyncGather _gather TAVIX_GUARDED_BY(_mutex);
   NotedChanges _notes TAVIX_GUARDED_BY(_mutex);
   std::condition_variable _wakeSync;
+
+  // Until when "JournalSync" waits if nobody wakes it; in the past while it does not wait.
+  Clock::time_point _syncSleepsUntil TAVIX_GUARDED_BY(_mutex){};
   std::condition_variable _wakeSnapshot;
   std::atomic<bool> _isSaved{false};                           // as the state says
   std::shared_ptr<Journal> _journal TAVIX_GUARDED_BY(_mutex);  // the current one; null: there is none

@@ -9,6 +9,7 @@
 
 #include "programs/server/persistence/Durability.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/SyncGather.h"
 
 namespace tavix::daemon {
 
@@ -35,6 +36,9 @@ struct UserLayerSetup {
 
   // A write or a sync that takes longer is reported.
   std::chrono::milliseconds longDiskWork{5000};
+
+  // With Durability::kAlways: how long a sync waits for more changes.
+  SyncGather::Rule gather{};
 };
 
 }  // namespace tavix::daemon

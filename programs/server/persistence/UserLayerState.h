@@ -139,6 +139,7 @@ class UserLayerState {
   bool AreChangesLate() const { return _changes.areLate; }
   bool IsWritten() const { return _changes.written == _changes.last; }
   Ticket GetLast() const { return _changes.last; }
+  Ticket GetWritten() const { return _changes.written; }
   Ticket GetSynced() const { return _changes.synced; }
   SnapshotId GetSnapshotId() const { return _snapshot.id; }
 

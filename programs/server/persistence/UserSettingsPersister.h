@@ -40,10 +40,10 @@ class ILayerSources {
 // (JournalSyncer). "Snapshot" writes snapshots, and what is to be logged (SnapshotWriter). These three share
 // SharedUserLayer, and UserLayerState decides what an event means to them.
 //
-// Survives: a crash of the daemon loses nothing. After a power cut the layer is as it was after some change, whole, and
-//           with Durability::kAlways that is the last one that anybody was shown, or a later one. Not promised: with
-//           kInterval the changes of that interval, with kNone those that the system had not written; and after the
-//           disk has failed, until the log says that it is well again, those since.
+// Survives: a crash of the daemon loses nothing that anybody was shown. After a power cut the layer is as it was
+//           after some change, whole, and with Durability::kAlways that is the last one that anybody was shown, or a
+//           later one. Not promised: with kInterval the changes of that interval, with kNone those that the system
+//           had not written; and after the disk has failed, until the log says that it is well again, those since.
 // Threads:  saves and the reader that is passed to Start run under the store's lock; FindLastTicket and the gate
 //           are for any thread; the rest is called by one.
 // Errors:   none leave a save. What goes wrong, refused memory included, is logged with its file and reason, changes

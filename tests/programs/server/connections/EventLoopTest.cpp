@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/server/persistence/ChangeBatch.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Semaphore.h"
 #include "tavix/settings/server/ISettingsPersister.h"
@@ -31,7 +32,7 @@ struct FailingPersister : settings::server::ISettingsPersister {
 
 // Notes the groups in the order in which they are changed. A change of a group whose name begins with "Wait" lasts for
 // as long as the test wants.
-class OrderedPersister : public settings::server::ISettingsPersister {
+class OrderedPersister : public settings::server::ISettingsPersister, public daemon::ChangeBatch::IMember {
  public:
   void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
   void LoadUserSettings(settings::server::SettingsCombiner&) override {}
@@ -41,6 +42,7 @@ class OrderedPersister : public settings::server::ISettingsPersister {
                                                    const std::set<std::string>& changedGroups) override {
     const std::string& group = *changedGroups.begin();
     order.push_back(group);
+    EXPECT_TRUE(daemon::ChangeBatch::Join(*this));
     if (group.compare(0, 4, "Wait") == 0) {
       begun.Release();
       isReleased.Lock(osa::kWaitForever);
@@ -48,9 +50,12 @@ class OrderedPersister : public settings::server::ISettingsPersister {
     return 0;
   }
 
+  void OnBatchEnd() noexcept override { batches.push_back(order.size()); }
+
   osa::Semaphore begun{nullptr, 1, 0};
   osa::Semaphore isReleased{nullptr, 1, 0};
   std::vector<std::string> order;  // the loop's, until it has answered a probe
+  std::vector<size_t> batches;     // likewise: how many changes there were at the end of each batch
 };
 
 osa::Descriptor ConnectTo(EventLoop& loop) {
@@ -113,6 +118,20 @@ TEST_F(ServingLoop, ThatFailsSaysSoAndKeepsNobodyWaiting) {
   _loop.Probe();
   EXPECT_TRUE(_loop.HasFailed());
   EXPECT_TRUE(Eventually([this] { return _failures == 1; }));
+}
+
+TEST_F(OrderedLoop, ChangesOfAllConnectionsThatARoundServesAreOneBatch) {
+  const osa::Descriptor first = ConnectTo(_loop);
+  std::vector<osa::Descriptor> others;
+  while (others.size() < 5) others.push_back(ConnectTo(_loop));
+  _loop.Probe();
+  EXPECT_TRUE(Change(first, "Wait", "1"));
+  _persister.begun.Lock(osa::kWaitForever);
+  for (const osa::Descriptor& other : others) EXPECT_TRUE(Change(other, "Other", std::to_string(other.Get())));
+  _persister.isReleased.Release();
+  for (const osa::Descriptor& other : others) AwaitReply(other);
+  _loop.Probe();
+  EXPECT_EQ(_persister.batches, (std::vector<size_t>{1, 1 + others.size()}));
 }
 
 // The round that takes the new ones in is held up by a second client. All send their requests meanwhile.

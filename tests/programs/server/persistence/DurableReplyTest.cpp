@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "programs/server/connections/Connection.h"
+#include "programs/server/persistence/ChangeBatch.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SerializationManager.h"
@@ -193,6 +194,7 @@ class Client {
     const std::string bytes = request + "get delimited\nNothing\n.\n";
     EXPECT_EQ(send(_peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     std::vector<char> scratch(bytes.size());
+    const daemon::ChangeBatch batch;
     EXPECT_TRUE(_connection->OnReadable(scratch.data(), scratch.size()));
     ++_asked;
   }

@@ -62,6 +62,33 @@ TEST(Journal, TakesItsPlaceWhenItIsSyncedForTheFirstTime) {
   EXPECT_THAT(ReadValues(files), ElementsAre("1"));
 }
 
+TEST(Journal, WritesBufferedChangesByOneWrite) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  const size_t before = files.CountOperations();
+  for (const char* value : {"2", "3"}) journal->Append(Setting(value), Journal::Write::kBuffered);
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1"));
+  journal->WriteBuffered();
+  EXPECT_EQ(files.CountOperations(), before + 1);
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2", "3"));
+}
+
+TEST(Journal, WritesWhatIsBufferedWithTheNextChange) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  journal->Append(Setting("2"), Journal::Write::kBuffered);
+  journal->Append(Setting("3"));
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2", "3"));
+}
+
+// The header says so, and must not before the change is there.
+TEST(Journal, FirstChangeThatExtendsGroupsIsNotBuffered) {
+  MemoryFiles files;
+  const auto journal = Journal::Create(files, kPath, {7, 0}, {Setting("1")});
+  journal->Append({"", "[A]\nx=2\n", true}, Journal::Write::kBuffered);
+  EXPECT_THAT(ReadValues(files, kOnItsWay), ElementsAre("1", "2"));
+}
+
 TEST(Journal, SyncsItsNameOnce) {
   MemoryFiles files;
   const auto journal = Journal::Create(files, kPath, {7, 0}, {});

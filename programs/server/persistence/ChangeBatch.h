@@ -1,0 +1,53 @@
+#pragma once
+
+#include <utility>
+
+namespace tavix::daemon {
+
+// While it lives, the changes that its thread makes are one batch for the disk: the journal gets them by one write, and
+// the thread "JournalSync" is woken once, at the end of the batch. One that is made while another lives takes its place
+// until its own end.
+//
+// Threads: the one that makes it, which destroys it, too, and holds no lock then.
+class ChangeBatch {
+ public:
+  // What has changes in a batch. It outlives the batch.
+  class IMember {
+   public:
+    virtual ~IMember() = default;
+
+    // The batch has ended, or goes on without these changes. On the thread of the batch.
+    virtual void OnBatchEnd() noexcept = 0;
+  };
+
+  ChangeBatch() : _outer(std::exchange(s_current, this)) {}
+
+  ~ChangeBatch() {
+    s_current = _outer;
+    Flush();
+  }
+
+  ChangeBatch(const ChangeBatch&) = delete;
+  ChangeBatch& operator=(const ChangeBatch&) = delete;
+
+  // Has the member be called once, at the end of the calling thread's batch. False when there is no batch, or when it
+  // has another member already: then nothing is to wait for the end.
+  [[nodiscard]] static bool Join(IMember& member) {
+    if (!s_current || (s_current->_member && s_current->_member != &member)) return false;
+    s_current->_member = &member;
+    return true;
+  }
+
+  // Ends the batch as far as it has come; the next change begins it anew.
+  void Flush() {
+    if (IMember* const member = std::exchange(_member, nullptr)) member->OnBatchEnd();
+  }
+
+ private:
+  static inline thread_local ChangeBatch* s_current = nullptr;
+
+  ChangeBatch* const _outer;
+  IMember* _member = nullptr;
+};
+
+}  // namespace tavix::daemon
