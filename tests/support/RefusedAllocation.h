@@ -1,5 +1,7 @@
 #pragma once
 
+#include <malloc.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -24,15 +26,29 @@ class RefusedAllocation {
   // Whether the last one of the thread has refused anything.
   static bool WasRefused() { return s_wasRefused; }
 
+  // What the thread has allocated and nobody has freed, less what it freed of others.
+  static long CountLiveBytes() { return s_liveBytes; }
+
+  static void Free(void* memory) {
+    s_liveBytes -= static_cast<long>(malloc_usable_size(memory));
+    std::free(memory);
+  }
+
   // Null: it is refused.
   static void* Allocate(size_t size) {
-    if (s_left < 0 || s_left-- > 0) return std::malloc(size);
+    if (s_left < 0 || s_left-- > 0) return Count(std::malloc(size));
     s_left = s_areAllRefused ? 0 : -1;
     s_wasRefused = true;
     return nullptr;
   }
 
  private:
+  static void* Count(void* memory) {
+    s_liveBytes += static_cast<long>(malloc_usable_size(memory));
+    return memory;
+  }
+
+  static inline thread_local long s_liveBytes = 0;
   static inline thread_local long s_left = -1;  // until one is refused; negative: none is
   static inline thread_local bool s_areAllRefused = false;
   static inline thread_local bool s_wasRefused = false;
@@ -51,13 +67,13 @@ void* operator new(size_t size, const std::nothrow_t&) noexcept {
 }
 
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
+  tavix::test::RefusedAllocation::Free(memory);
 }
 
 void operator delete(void* memory) noexcept {
-  std::free(memory);
+  tavix::test::RefusedAllocation::Free(memory);
 }
 
 void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
+  tavix::test::RefusedAllocation::Free(memory);
 }

@@ -63,7 +63,7 @@ void ByteQueue::Drop(size_t count) {
   if (!isRunDropped) return;
   _dropped = 0;
   if (_head.empty()) {
-    if (!_blocks.empty()) _blocks.pop_front();
+    if (!_blocks.empty()) _blocks.erase(_blocks.begin());
     return;
   }
   _head.clear();
@@ -72,7 +72,7 @@ void ByteQueue::Drop(size_t count) {
 
 void ByteQueue::Clear() {
   std::string().swap(_head);
-  _blocks.clear();
+  std::vector<Block>().swap(_blocks);
   _dropped = _usedOfLast = _size = 0;
 }
 

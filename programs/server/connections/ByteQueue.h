@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavix::daemon {
 
@@ -41,10 +41,10 @@ class ByteQueue {
 
   static Block MakeBlock();
 
-  std::string _head;          // before the blocks; takes nothing more once there are some
-  std::deque<Block> _blocks;  // full but for the last
-  size_t _dropped = 0;        // of the head, or else of the first block
-  size_t _usedOfLast = 0;     // of the last block
+  std::string _head;           // before the blocks; takes nothing more once there are some
+  std::vector<Block> _blocks;  // full but for the last. An empty one takes no memory of its own
+  size_t _dropped = 0;         // of the head, or else of the first block
+  size_t _usedOfLast = 0;      // of the last block
   size_t _size = 0;
 };
 

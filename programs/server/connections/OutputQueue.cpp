@@ -6,22 +6,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <locale>
 #include <string_view>
 #include <utility>
+
+#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
 namespace {
 
-constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
 constexpr int kFlags = MSG_DONTWAIT | MSG_NOSIGNAL;
 constexpr size_t kLarge = 64 * 1024;  // a message that is worth a look whether anybody reads the next one
-
-void ReleaseMemory(std::string& text) {
-  text.clear();
-  if (text.capacity() > kKeptMemory) std::string().swap(text);
-}
 
 }  // namespace
 
@@ -30,10 +25,11 @@ OutputQueue::OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* g
       _bounds(bounds),
       _gate(gate),
       _onKept(std::move(onKept)),
-      _ostream(this),
       _part(bounds.all, descriptor),
-      _kept(_part) {
-  _ostream.imbue(std::locale::classic());
+      _kept(_part) {}
+
+std::ostream& OutputQueue::GetOstream() {
+  throw osa::Exception("An output queue has no stream");
 }
 
 void OutputQueue::HoldMessages(Ticket ticket) {
@@ -43,6 +39,11 @@ void OutputQueue::HoldMessages(Ticket ticket) {
 
 void OutputQueue::BeginMessage(const settings::common::GroupNameMatcher* groups) {
   if (_gate) HoldMessage(_gate->FindLast(groups));
+}
+
+void OutputQueue::WriteMessage(std::string_view message, const settings::common::GroupNameMatcher* groups) {
+  BeginMessage(groups);
+  Write(message);
 }
 
 bool OutputQueue::WriteSharedMessage(const KeptOutput::Text& message,
@@ -102,35 +103,18 @@ void OutputQueue::OnDurable() {
   AwaitDurable();
 }
 
-OutputQueue::int_type OutputQueue::overflow(int_type character) {
-  if (traits_type::eq_int_type(character, traits_type::eof())) return traits_type::not_eof(character);
-  const char byte = traits_type::to_char_type(character);
-  return xsputn(&byte, 1) == 1 ? character : traits_type::eof();
-}
-
-std::streamsize OutputQueue::xsputn(const char* bytes, std::streamsize count) {
-  if (_isBroken) return 0;
-  return DoOrBreak([&] { _message.append(bytes, static_cast<size_t>(count)); }) ? count : 0;
-}
-
-int OutputQueue::sync() {
-  DoOrBreak([this] { FlushMessage(_message, nullptr); });
+void OutputQueue::Write(std::string_view message) {
+  DoOrBreak([&] { FlushMessage(message, nullptr); });
   EndMessage();
-  return _isBroken ? -1 : 0;
 }
 
 void OutputQueue::WriteShared(const KeptOutput::Text& message) {
-  if (!_message.empty()) {  // it comes behind what was not flushed yet
-    _ostream << *message << std::flush;
-    return;
-  }
   DoOrBreak([&] { FlushMessage(*message, &message); });
   EndMessage();
 }
 
 void OutputQueue::EndMessage() {
   _messageTicket = 0;
-  ReleaseMemory(_message);
   if (_keptBytes > 0) AwaitDurable();
 }
 
@@ -264,7 +248,7 @@ void OutputQueue::BreakFor(End end) {
   Break(end);
 }
 
-// A stream would note an exception, and the connection would live on, mute.
+// A handler would take an exception for its own, and the connection would live on, mute.
 template <class Work>
 bool OutputQueue::DoOrBreak(Work work) {
   try {

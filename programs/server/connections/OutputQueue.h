@@ -6,8 +6,6 @@
 #include <functional>
 #include <memory>
 #include <ostream>
-#include <streambuf>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -20,28 +18,27 @@
 
 namespace tavix::daemon {
 
-// What a connection is still to be sent: the output of its handler, whose stream never waits. A message that is flushed
-// goes to the socket as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A
-// message that shows a change which is not durable is kept until it is, and everything behind it. A message that many
-// queues are given can be kept by all of them together.
+// What a connection is still to be sent: the output of its handler, which never waits. A message goes to the socket
+// as far as the socket takes it, and the rest is kept until the connection's loop sends it on. A message that shows
+// a change which is not durable is kept until it is, and everything behind it. A message that many queues are given
+// can be kept by all of them together.
 //
-// In order: BeginMessage finds the ticket that the message waits for; the stream collects its bytes; the flush sends or
-// keeps them (FlushMessage). Kept bytes up to the first hold are sendable: the loop sends them when the socket takes
-// more (Send). A hold is a place among the kept bytes and the ticket that everything behind it waits for. The first
-// hold's ticket is awaited at the gate, which calls OnDurable: holds that are durable go, and what is sendable now is
-// sent by that thread. A break ends all this: nothing is sent or kept any more, and the loop finds the reason (GetEnd).
+// In order: BeginMessage finds the ticket that the message waits for, which is then sent or kept (FlushMessage).
+// Kept bytes up to the first hold are sendable: the loop sends them when the socket takes more (Send). A hold is a
+// place among the kept bytes and the ticket that everything behind it waits for. The first hold's ticket is awaited
+// at the gate, which calls OnDurable: holds that are durable go, and what is sendable now is sent by that thread. A
+// break ends all this: nothing is sent or kept any more, and the loop finds the reason (GetEnd).
 //
 // Threads: writers, one at a time (the handler's output mutex), on any thread; the loop, the handler's thread that
 //          calls HoldMessages, and the thread that finds changes durable, call the rest meanwhile.
 // Locks:   its own mutex, outside the gate's.
 // Errors:  a peer that is gone, more bytes than may be kept, and memory that runs out break the queue for ever: writers
 //          fail, kept bytes go.
-// Methods: many: those of three interfaces (the handler's output, the gate's caller, a stream) and the loop's, over the
-//          kept bytes and holds that one mutex guards.
+// Methods: many: those of two interfaces (the handler's output, the gate's caller) and the loop's, over the kept bytes
+//          and holds that one mutex guards.
 class OutputQueue : public settings::server::IClientOutput,
                     public IHeldOutput,
-                    public std::enable_shared_from_this<OutputQueue>,
-                    private std::streambuf {
+                    public std::enable_shared_from_this<OutputQueue> {
  public:
   using Clock = std::chrono::steady_clock;
   using Ticket = DurabilityGate::Ticket;
@@ -62,18 +59,22 @@ class OutputQueue : public settings::server::IClientOutput,
   OutputQueue(int descriptor, const Bounds& bounds, DurabilityGate* gate, std::function<void()> onKept);
 
   // What the handler does. A message waits for the changes of the groups that it shows.
-  std::ostream& GetOstream() override { return _ostream; }
+  bool HasStream() const override { return false; }
+  std::ostream& GetOstream() override;  // throws osa::Exception: there is none
   void HoldMessages(Ticket ticket) override TAVIX_EXCLUDES(_mutex);
   void BeginMessage(const settings::common::GroupNameMatcher* groups) override;
+  void WriteMessage(std::string_view message, const settings::common::GroupNameMatcher* groups) override
+      TAVIX_EXCLUDES(_mutex);
   bool WriteSharedMessage(const KeptOutput::Text& message, const settings::common::GroupNameMatcher* groups) override
       TAVIX_EXCLUDES(_mutex);
   bool IsReachable() override { return CanReachPeer(); }
   void OnMessageLost() override TAVIX_EXCLUDES(_mutex) { BreakFor(End::kMemory); }
 
-  // The message that is flushed next leaves when that change is durable. By its writer.
+  // The message that is written next leaves when that change is durable. By its writer.
   void HoldMessage(Ticket ticket) { _messageTicket = ticket; }
 
-  // Writes and flushes a message which other queues may be given as well. By its writer.
+  // Writes a message, which other queues may be given as well where it is shared. By its writer.
+  void Write(std::string_view message) TAVIX_EXCLUDES(_mutex);
   void WriteShared(const KeptOutput::Text& message) TAVIX_EXCLUDES(_mutex);
 
   // Sends on what is kept, as far as the socket takes it. Returns what stays.
@@ -112,10 +113,6 @@ class OutputQueue : public settings::server::IClientOutput,
     Ticket ticket;
   };
 
-  int_type overflow(int_type character) override;
-  std::streamsize xsputn(const char* bytes, std::streamsize count) override;
-  int sync() override;
-
   void FlushMessage(std::string_view message, const KeptOutput::Text* shared) TAVIX_EXCLUDES(_mutex);
   void Keep(std::string_view message, size_t sent, const KeptOutput::Text* shared) TAVIX_REQUIRES(_mutex);
   void EndMessage() TAVIX_EXCLUDES(_mutex);
@@ -137,9 +134,7 @@ class OutputQueue : public settings::server::IClientOutput,
   const Bounds _bounds;
   DurabilityGate* const _gate;  // may be null
   const std::function<void()> _onKept;
-  std::string _message;       // the writer's, until it is flushed
-  Ticket _messageTicket = 0;  // likewise
-  std::ostream _ostream;
+  Ticket _messageTicket = 0;  // the writer's
   mutable osa::PlainMutex _mutex;
   std::atomic<size_t> _keptBytes{0};                  // the size of _kept, for readers without the mutex
   size_t _left TAVIX_GUARDED_BY(_mutex) = 0;          // how many kept bytes have left

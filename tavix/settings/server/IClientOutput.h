@@ -3,6 +3,7 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tavix/osa/Export.h"
 #include "tavix/settings/server/ChangeTicket.h"
@@ -17,7 +18,7 @@ namespace tavix::settings::server {
 // disk, or that keep one copy of a message for many connections.
 //
 // Each message is written in this order: BeginMessage, then its bytes to the stream, then a flush; or in one step by
-// WriteSharedMessage. Nothing of another message comes in between.
+// WriteSharedMessage, or by WriteMessage where there is no stream. Nothing of another message comes in between.
 //
 // Threads: one at a time, which holds the handler's output mutex; but HoldMessages is called by the handler's thread
 //          without it, and may meet a message of another thread.
@@ -26,7 +27,7 @@ class TAVIX_EXPORT IClientOutput {
  public:
   virtual ~IClientOutput() = default;
 
-  // Borrowed; the same stream for ever.
+  // Borrowed; the same stream for ever. Not asked for where there is none.
   virtual std::ostream& GetOstream() = 0;
 
   // The client has made a change: all further messages wait until it is durable. ticket: never 0.
@@ -50,6 +51,16 @@ class TAVIX_EXPORT IClientOutput {
 
   // A notice could not be made, or not be written as a whole: nothing may follow it.
   virtual void OnMessageLost() {}
+
+  // Whether messages are written to the stream. If not, each takes one WriteMessage: a stream for each of many
+  // connections takes memory.
+  virtual bool HasStream() const { return true; }
+
+  // Does what BeginMessage does, and writes and flushes the message, or will. Called only where there is no stream.
+  virtual void WriteMessage(std::string_view message, const common::GroupNameMatcher* groups) {
+    static_cast<void>(message);
+    static_cast<void>(groups);
+  }
 };
 
 }  // namespace tavix::settings::server

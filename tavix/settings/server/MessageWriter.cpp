@@ -18,13 +18,21 @@ namespace protocol = client::protocol;
 using common::GroupNameMatcher;
 using osa::MutexAutoLock;
 
+namespace {
+
+std::ostream* StreamOf(IClientOutput& out) {
+  return out.HasStream() ? &out.GetOstream() : nullptr;
+}
+
+}  // namespace
+
 MessageWriter::MessageWriter(const ServerEnv& env, IClientOutput& out)
     : _logger(core::Logger::GetLogger("ClientHandler")),
       _settingsManager(*env.settingsManager),
       _output(out),
       _serializer(env.serializationManager->GetSerializer("ini")),
       _outputMutex(nullptr),
-      _out(out.GetOstream()) {}
+      _out(StreamOf(out)) {}
 
 MessageWriter::MessageWriter(const ServerEnv& env, std::unique_ptr<IClientOutput> out)
     : _logger(core::Logger::GetLogger("ClientHandler")),
@@ -33,7 +41,7 @@ MessageWriter::MessageWriter(const ServerEnv& env, std::unique_ptr<IClientOutput
       _output(*_ownOutput),
       _serializer(env.serializationManager->GetSerializer("ini")),
       _outputMutex(nullptr),
-      _out(_output.GetOstream()) {}
+      _out(StreamOf(_output)) {}
 
 void MessageWriter::HoldMessages(ChangeTicket ticket) {
   if (ticket != 0) _output.HoldMessages(ticket);
@@ -104,7 +112,7 @@ bool MessageWriter::CanBeReached() {
 }
 
 bool MessageWriter::IsReachable() const {
-  return _out.good() && _output.IsReachable();
+  return (!_out || _out->good()) && _output.IsReachable();
 }
 
 // Subscribers of the same change are mostly sent the same bytes, which this thread may just have made.
@@ -116,30 +124,31 @@ void MessageWriter::MakeNotice(const std::set<std::string>& changedGroups) {
   if (!notice.text) {
     auto groups = std::make_shared<GroupNameMatcher>();
     groups->AddNamesAndPatterns(changedGroups);
-    _message.Reset(kKeptMemory);
-    Compose(changedGroups, *groups, *key.serializer);
-    notice = {std::make_shared<const std::string>(_message.GetText()), std::move(groups)};
-    _message.Reset(kKeptMemory);
+    notice.text = std::make_shared<const std::string>(Compose(changedGroups, *groups, *key.serializer));
+    notice.groups = std::move(groups);
     if (version == _settingsManager.GetVersion()) known.Keep(key, notice);
   }
   if (!_output.WriteSharedMessage(notice.text, notice.groups.get())) Write(*notice.text, notice.groups.get());
 }
 
-void MessageWriter::Compose(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
-                            const ISettingsSerializer& serializer) {
-  _message.AppendLine(protocol::kAsyncChange);
+std::string MessageWriter::Compose(const std::set<std::string>& changedGroups, const GroupNameMatcher& matcher,
+                                   const ISettingsSerializer& serializer) const {
+  MessageText text;
+  core::StringOstream& message = text.GetStream();
+  message.AppendLine(protocol::kAsyncChange);
   for (const std::string& group : changedGroups) {
-    if (IsLine(group)) _message.AppendLine(group);
+    if (IsLine(group)) message.AppendLine(group);
   }
-  _message.AppendLine(protocol::kTerminator);
-  _settingsManager.WriteGroups(_message, matcher, serializer);
-  _message.AppendLine(protocol::kTerminator);
+  message.AppendLine(protocol::kTerminator);
+  _settingsManager.WriteGroups(message, matcher, serializer);
+  message.AppendLine(protocol::kTerminator);
+  return message.GetText();
 }
 
 // Half a notice may be out: nothing may follow it.
 void MessageWriter::Break() {
   _output.OnMessageLost();
-  _out.setstate(std::ios::badbit);
+  if (_out) _out->setstate(std::ios::badbit);
 }
 
 void MessageWriter::WriteReply(const std::string& message, const GroupNameMatcher* groups) {
@@ -148,9 +157,10 @@ void MessageWriter::WriteReply(const std::string& message, const GroupNameMatche
 }
 
 void MessageWriter::Write(const std::string& message, const GroupNameMatcher* groups) {
+  if (!_out) return _output.WriteMessage(message, groups);
   _output.BeginMessage(groups);
-  _out.write(message.data(), static_cast<std::streamsize>(message.size()));
-  _out.flush();
+  _out->write(message.data(), static_cast<std::streamsize>(message.size()));
+  _out->flush();
 }
 
 }  // namespace tavix::settings::server

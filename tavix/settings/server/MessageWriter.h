@@ -16,6 +16,7 @@
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/IClientOutput.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/MessageText.h"
 #include "tavix/settings/server/NoticeRound.h"
 #include "tavix/settings/server/SettingsManager.h"
 
@@ -53,15 +54,9 @@ class MessageWriter : public NoticeRound::IReceiver {
   void Reply(const common::GroupNameMatcher* groups, Compose compose) {
     osa::MutexAutoLock lock(_outputMutex);
     if (!IsReachable()) return;
-    _message.Reset(kKeptMemory);
-    try {
-      compose(_message);
-    } catch (...) {
-      _message.Reset(kKeptMemory);
-      throw;
-    }
-    WriteReply(_message.GetText(), groups);
-    _message.Reset(kKeptMemory);
+    MessageText text;
+    compose(text.GetStream());
+    WriteReply(text.GetStream().GetText(), groups);
   }
 
   // The same for a text that is made in parts. Notices wait for the output mutex, so it is taken before the last part
@@ -83,14 +78,12 @@ class MessageWriter : public NoticeRound::IReceiver {
   void EndNotices();
 
  private:
-  static constexpr size_t kKeptMemory = 4 * 1024;  // an idle connection keeps no more than this
-
   void LogLoss(const char* reason) noexcept;
   bool CanBeReached();
   bool IsReachable() const TAVIX_REQUIRES(_outputMutex);
   void MakeNotice(const std::set<std::string>& changedGroups) TAVIX_REQUIRES(_outputMutex);
-  void Compose(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
-               const ISettingsSerializer& serializer) TAVIX_REQUIRES(_outputMutex);
+  std::string Compose(const std::set<std::string>& changedGroups, const common::GroupNameMatcher& matcher,
+                      const ISettingsSerializer& serializer) const;
   void Break() TAVIX_REQUIRES(_outputMutex);
   void WriteReply(const std::string& message, const common::GroupNameMatcher* groups) TAVIX_REQUIRES(_outputMutex);
   void Write(const std::string& message, const common::GroupNameMatcher* groups) TAVIX_REQUIRES(_outputMutex);
@@ -101,8 +94,7 @@ class MessageWriter : public NoticeRound::IReceiver {
   IClientOutput& _output;                           // but for HoldMessages, used with the mutex held
   std::atomic<const ISettingsSerializer*> _serializer;
   osa::Mutex _outputMutex;
-  std::ostream& _out TAVIX_GUARDED_BY(_outputMutex);            // the output's
-  core::StringOstream _message TAVIX_GUARDED_BY(_outputMutex);  // kept for its memory only
+  std::ostream* const _out TAVIX_PT_GUARDED_BY(_outputMutex);  // the output's; null: it has none
   bool _hasEnded TAVIX_GUARDED_BY(_outputMutex) = false;
 };
 

@@ -83,6 +83,16 @@ class RecordingOutput : public IClientOutput, private std::stringbuf {
   std::ostream _out{this};
 };
 
+struct StreamlessOutput : IClientOutput {
+  std::ostream& GetOstream() override { throw Exception("There is no stream"); }
+  bool HasStream() const override { return false; }
+  void WriteMessage(std::string_view message, const GroupNameMatcher* groups) override {
+    messages.push_back(NamesOf(groups) + ": " + std::string(message));
+  }
+
+  std::vector<std::string> messages;
+};
+
 class OutputOfAHandler : public testing::Test {
  protected:
   std::vector<std::string> Handle(const std::string& request) {
@@ -153,6 +163,17 @@ TEST_F(OutputOfAHandler, IsToldOfANoticeThatIsLost) {
   _output.GetOstream().exceptions(std::ios::badbit);  // throws what the stream itself would swallow
   _store.MergeSettings(DocumentOf("[A]\nx=1\n"), 0);
   EXPECT_THAT(_output.events, ElementsAre("begin A", "lost"));
+}
+
+TEST_F(OutputOfAHandler, WithoutAStreamIsGivenEachMessageInOneStep) {
+  StreamlessOutput output;
+  ClientHandler handler(&_env, &_in, &output);
+  for (const char* request : {"get delimited\nA\n.\n", "subscribe\nA\n.\n"}) {
+    _in.SetText(request);
+    EXPECT_TRUE(handler.HandleNext());
+  }
+  _store.MergeSettings(DocumentOf("[A]\nx=1\n"), 0);
+  EXPECT_THAT(output.messages, ElementsAre("A: data\n.\n", "A: async change\nA\n.\n[A]\nx=1\n.\n"));
 }
 
 TEST_F(OutputOfAHandler, RequestCanOnlyBeLookedAtBeforeItIsHandledInAView) {

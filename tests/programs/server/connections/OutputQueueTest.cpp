@@ -5,13 +5,13 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <limits>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tavix/osa/Exception.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/OwnSockets.h"
 
@@ -44,7 +44,7 @@ class HoldingQueue : public testing::Test {
   // A message that shows that change; 0: none.
   void Write(const std::string& message, DurabilityGate::Ticket ticket = 0) {
     _queue->HoldMessage(ticket);
-    _queue->GetOstream() << message << std::flush;
+    _queue->Write(message);
   }
 
   // What has come so far.
@@ -189,13 +189,20 @@ TEST_F(HoldingQueue, WhatThePeerDoesNotReadIsNotCountedAsHeld) {
   EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kUnread);
 }
 
-TEST_F(HoldingQueue, MessageThatMemoryDoesNotSufficeForBreaksIt) {
-  Write("a\n");
-  _queue->GetOstream().write("b", std::numeric_limits<std::streamsize>::max());
-  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kMemory);
-  Write("c\n");
+TEST_F(HoldingQueue, HasNoStream) {
+  EXPECT_FALSE(_queue->HasStream());
+  EXPECT_THROW(_queue->GetOstream(), osa::Exception);
+}
+
+TEST_F(HoldingQueue, MessageOfTheHandlerWaitsForTheGroupsThatItShows) {
+  settings::common::GroupNameMatcher groups;
+  groups.AddNameOrPattern("A");
+  _queue->WriteMessage("a\n", &groups);
+  const DurabilityGate::Ticket ticket = Change();
+  _queue->WriteMessage("b\n", &groups);
   EXPECT_EQ(Receive(), "a\n");
-  EXPECT_GT(_kept, 0) << "the loop is told";
+  _gate.SetDurable(ticket);
+  EXPECT_EQ(Receive(), "b\n");
 }
 
 TEST_F(HoldingQueue, PeerThatIsGoneBreaksItAndIsStillReadFrom) {
@@ -338,7 +345,7 @@ TEST_F(HoldingQueue, QueueMayBeClosedAndGoWhileAnotherThreadReleasesIt) {
     auto queue = std::make_shared<OutputQueue>(_sockets[0], _bounds, &_gate, [this] { ++_kept; });
     const DurabilityGate::Ticket ticket = Change();
     queue->HoldMessage(ticket);
-    queue->GetOstream() << "a\n" << std::flush;
+    queue->Write("a\n");
     BackgroundCall release([&] { _gate.SetDurable(ticket); });
     queue->Close();
     queue.reset();
