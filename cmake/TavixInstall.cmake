@@ -46,7 +46,7 @@ elseif(NOT DEFINED CACHE{SCDOC} OR "$CACHE{SCDOC}" STREQUAL "SCDOC-NOTFOUND")
   message(STATUS "scdoc is missing (Debian: scdoc). No man pages are made.")
 endif()
 
-install(TARGETS tavix-settings tavix-settings-static EXPORT tavix-settings-targets
+install(TARGETS tavix-settings tavix-settings-static tavix-settings-c EXPORT tavix-settings-targets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
@@ -98,6 +98,7 @@ set(internal_headers
     tavix/settings/server/UnrestrictedPart.h
     tavix/settings/server/Words.h)
 set(lower_headers
+    tavix/c/tavix-settings-c.h
     tavix/core/CoreLogging.h
     tavix/core/DelimitedIstream.h
     tavix/core/DelimitedStreamBuf.h

@@ -16,7 +16,30 @@ function(tavix_isolate_headers library folder)
   endif()
 endfunction()
 
-# What every target of ours is compiled with.
+# Sanitizers and coverage, as the build's options ask for them.
+function(tavix_instrument target)
+  if(TAVIX_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${TAVIX_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PUBLIC -fsanitize=${TAVIX_SANITIZE})
+  endif()
+  if(TAVIX_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} PUBLIC --coverage)
+  endif()
+endfunction()
+
+# What every target in C is compiled with: the oldest standard that the C interface is for.
+function(tavix_configure_c target)
+  set_target_properties(${target} PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -pedantic -Wshadow -Wconversion)
+  if(TAVIX_IS_TOP_LEVEL)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  tavix_instrument(${target})
+endfunction()
+
+# What every target in C++ is compiled with.
 function(tavix_configure target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   set_target_properties(
@@ -30,13 +53,5 @@ function(tavix_configure target)
   if(TAVIX_IS_TOP_LEVEL)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
-  if(TAVIX_SANITIZE)
-    target_compile_options(${target} PRIVATE -fsanitize=${TAVIX_SANITIZE} -fno-omit-frame-pointer
-                                             -fno-sanitize-recover=all)
-    target_link_options(${target} PUBLIC -fsanitize=${TAVIX_SANITIZE})
-  endif()
-  if(TAVIX_COVERAGE)
-    target_compile_options(${target} PRIVATE --coverage)
-    target_link_options(${target} PUBLIC --coverage)
-  endif()
+  tavix_instrument(${target})
 endfunction()

@@ -1,0 +1,113 @@
+#include "tavix/c/StoreClient.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "tavix/c/CallResult.h"
+#include "tavix/core/SettingsText.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
+
+namespace tavix::c {
+
+using core::IniFile;
+using settings::client::ProtocolClient;
+using settings::client::ProtocolException;
+using settings::server::GroupDiscriminator;
+
+namespace {
+
+// What has come counts, and stays for the request: only an end behind it is found.
+bool HasEnded(const ProtocolClient& connection) {
+  if (!connection.IsOpen()) return true;
+  char byte = 0;
+  const ssize_t count = recv(connection.GetDescriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+// A pattern that holds what makes a name restricted matches restricted groups alone.
+void RefuseRestricted(const std::string& name) {
+  if (GroupDiscriminator::IsRestrictedGroup(name))
+    throw CallFailure(TAVIX_REFUSED, "group \"" + core::PrintableText(name, 80) +
+                                         "\" is restricted: only the device's own files set it");
+}
+
+void RefuseRestricted(const StoreClient::Names& names) {
+  for (const std::string& name : names) RefuseRestricted(name);
+}
+
+void RefuseRestricted(const IniFile& change) {
+  for (const auto& [group, keys] : change) RefuseRestricted(group);
+}
+
+}  // namespace
+
+StoreClient::StoreClient(const settings::client::ProtocolOptions& options)
+    : _options(options), _connection(std::make_unique<ProtocolClient>(options)) {}
+
+void StoreClient::DropEnded() {
+  if (!_connection || !HasEnded(*_connection)) return;
+  if (std::exchange(_isWritePending, false)) _isWriteLost = true;
+  _connection.reset();
+}
+
+ProtocolClient& StoreClient::Prepare() {
+  DropEnded();
+  if (!_connection) _connection = std::make_unique<ProtocolClient>(_options);
+  return *_connection;
+}
+
+// What fails on the way may have arrived, and its caller knows; with it those that are pending are lost.
+void StoreClient::Merge(const IniFile& change, bool isVolatile) {
+  RefuseRestricted(change);
+  ProtocolClient::RequireSendable(change);
+  Prepare().Merge(change, isVolatile);
+  _isWritePending = true;
+}
+
+void StoreClient::Overwrite(const Names& names, const IniFile& change) {
+  RefuseRestricted(names);
+  RefuseRestricted(change);
+  ProtocolClient::RequireSendable(names);
+  ProtocolClient::RequireSendable(change);
+  Prepare().Overwrite(names, change);
+  _isWritePending = true;
+}
+
+void StoreClient::Restore(const Names& names) {
+  RefuseRestricted(names);
+  ProtocolClient::RequireSendable(names);
+  Prepare().Restore(names);
+  _isWritePending = true;
+}
+
+IniFile StoreClient::Get(const Names& names) {
+  ProtocolClient::RequireSendable(names);
+  return Prepare().Get(names);
+}
+
+bool StoreClient::TestAndMerge(const IniFile& test, const IniFile& change) {
+  RefuseRestricted(change);
+  ProtocolClient::RequireSendable(test);
+  ProtocolClient::RequireSendable(change);
+  return Prepare().TestAndMerge(test, change);
+}
+
+// Whoever sent nothing has nothing to wait for. After a time-out the writes are still pending on a connection that was
+// closed: the next flush reports their loss.
+void StoreClient::Flush() {
+  DropEnded();
+  if (std::exchange(_isWriteLost, false))
+    throw CallFailure(TAVIX_LOST, "the connection was lost before the server had carried out what was sent");
+  if (!_connection) return;
+  try {
+    _connection->Flush();
+  } catch (const ProtocolException& exception) {
+    if (exception.GetReason() == ProtocolException::Reason::kLost) _isWritePending = false;
+    throw;
+  }
+  _isWritePending = false;
+}
+
+}  // namespace tavix::c
