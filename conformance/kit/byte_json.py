@@ -34,7 +34,7 @@ def value_to_json(value: bytes) -> Any:
 
 
 def value_from_json(value: Any) -> bytes:
-    return base64.b64decode(value["base64"]) if isinstance(value, dict) else value.encode()
+    return base64.b64decode(value["base64"]) if isinstance(value, dict) else str(value).encode()
 
 
 def document_to_json(document: Document) -> Dict[str, Dict[str, Any]]:

@@ -7,7 +7,7 @@ from typing import Callable, FrozenSet, List, NamedTuple, Tuple
 
 from .client import Client
 from .hub import Hub
-from .live import read_live, run_live
+from .live import Live, read_live, run_live
 from .play import play
 from .played_daemon import PlayedDaemon
 from .trace import Trace
@@ -39,8 +39,7 @@ def find_cases(folder: Path) -> List[Case]:
     """In the order in which they run. Throws UsageError for a file that can't be read."""
     cases = [_of_transcript(read_transcript(path)) for path in sorted((folder / "transcripts").glob("*.txt"))]
     for path in sorted((folder / "live").glob("*.json")):
-        live = read_live(path)
-        cases.append(Case(live.name, live.title, live.needs, True, lambda parts, live=live: run_live(live, parts)))
+        cases.append(_of_live(read_live(path)))
     for name, title, needs in VECTOR_CASES:
         cases.append(_of_vectors(folder, name, title, needs))
     return cases
@@ -52,6 +51,10 @@ def _of_transcript(script: Transcript) -> Case:
             play(script, parts.hub, parts.client, daemon, parts.seed)
 
     return Case(script.name, script.title, frozenset(script.needs), False, run)
+
+
+def _of_live(live: Live) -> Case:
+    return Case(live.name, live.title, live.needs, True, lambda parts: run_live(live, parts))
 
 
 def _of_vectors(folder: Path, name: str, title: str, needs: Tuple[str, ...]) -> Case:

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import random
 import time
-from typing import Any, Dict, List, Optional, Tuple
+from typing import Any, Callable, Dict, List, Optional, Tuple
 
 from . import text
 from .client import Client
@@ -86,9 +86,8 @@ class _Play:
                 found.append(link)
                 return True
             self._serve_others(index)
-            for _, other in self._daemon.arrived:
-                if other.is_write or other.words[0] == b"subscribe":
-                    raise Failure(f"expected the request: {wanted.text!r}\nfound the request:    {other.text!r}")
+            for _, other in self._daemon.arrived:  # what comes later in the transcript, too, is out of order
+                raise Failure(f"expected the request: {wanted.text!r}\nfound the request:    {other.text!r}")
             return False
 
         self._hub.run_until(is_there, f"the request {wanted.text!r}")
@@ -139,7 +138,7 @@ class _Play:
         self._wait(index, lambda: self._client.has_event(watch), f"the event {expected}")
         require_event(self._client.await_event(watch, ""), {**expected, "watch": watch})
 
-    def _wait(self, index: int, is_done: Any, what: str) -> None:
+    def _wait(self, index: int, is_done: Callable[[], bool], what: str) -> None:
         def is_done_or_served() -> bool:
             self._serve_others(index)
             return is_done()
@@ -154,8 +153,12 @@ class _Play:
             if self._cut_request is not None and request.means(self._cut_request) and not request.is_write:
                 link.send(self._cut_data)
                 link.close()
-            elif request.is_write or request.words[0] == b"subscribe" or any(request.means(each) for each in expected):
+            elif request.words[0] == b"subscribe" or any(request.means(each) for each in expected):
                 continue
+            elif request.is_write:
+                is_again = self._request is not None and request.means(self._request)
+                how = "sent a write again" if is_again else "sent a write that nobody asked for"
+                raise Failure(f"the client {how}: {request.text!r}")
             elif request.words[0] == b"quit":
                 link.close()
             else:

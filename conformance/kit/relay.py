@@ -22,8 +22,8 @@ class _Pair:
         self._links = (near, far)
         self._labels = (f"{label} to daemon:", f"daemon to {label}:")
         self.is_open = True
-        for index, link in enumerate(self._links):
-            hub.add(link, lambda index=index: self._pass_on(index))
+        hub.add(near, lambda: self._pass_on(0))
+        hub.add(far, lambda: self._pass_on(1))
 
     def close(self) -> None:
         if not self.is_open:

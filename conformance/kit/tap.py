@@ -30,7 +30,7 @@ class Tap:
         self._number += 1
         features = sorted(missing)
         self._skipped.update(features)
-        self._print(f"ok {self._number} - {name} # SKIP no {', '.join(features)}")
+        self._print(f"ok {self._number} - {name} # SKIP without {', '.join(features)}")
 
     def failed(self, name: str, problem: str, details: Iterable[str]) -> None:
         self._number += 1
