@@ -65,6 +65,7 @@ set(internal_headers
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/common/TextCopy.h
+    tavix/settings/server/AmendmentPlan.h
     tavix/settings/server/ChangeLines.h
     tavix/settings/server/ChangeNotifier.h
     tavix/settings/server/ChangeRecorder.h
@@ -73,18 +74,22 @@ set(internal_headers
     tavix/settings/server/CommandTable.h
     tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
+    tavix/settings/server/DocumentEdit.h
     tavix/settings/server/DocumentPlan.h
     tavix/settings/server/DocumentTally.h
     tavix/settings/server/EarlyMatches.h
     tavix/settings/server/EarlyTest.h
     tavix/settings/server/GroupWalk.h
     tavix/settings/server/HandlerCounts.h
+    tavix/settings/server/HiddenChange.h
+    tavix/settings/server/HiddenLayers.h
     tavix/settings/server/MessageWriter.h
     tavix/settings/server/NoticeRound.h
     tavix/settings/server/NoticeText.h
     tavix/settings/server/OwnSubscriptions.h
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/PreparedMerge.h
+    tavix/settings/server/RecordEdit.h
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/RequestInput.h
     tavix/settings/server/RequestLists.h

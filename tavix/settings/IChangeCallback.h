@@ -18,9 +18,9 @@ namespace tavix::settings {
 //     Local mode           the named groups whole, as they are now. Of changes that several threads make at once, calls
 //                          may come in another order than the changes.
 //     SettingsManager      a direct subscriber gets the values of the request that made the change, not whole groups;
-//                          of an overwrite or restore the groups that it set. Calls come one at a time, but of
-//                          changes that several threads make at once in any order: a subscriber that wants the newest
-//                          values reads the store.
+//                          of an overwrite or restore the groups that it set, of an amendment the values that readers
+//                          see differently. Calls come one at a time, but of changes that several threads make at once
+//                          in any order: a subscriber that wants the newest values reads the store.
 //
 // A client is called for its own changes, too.
 class TAVIX_EXPORT IChangeCallback {

@@ -52,6 +52,7 @@ void ChangeRequest::Plan(const StoreDocuments& documents) {
   const std::set<std::string>& removed = _matches ? _matches->GetFound() : none;
   ChangePlans& plans = _plans.emplace();
   plans.all.Make(documents, *_settings, removed);
+  plans.hidden.Make(documents, *_settings, removed, _isPersistent);
   if (!_isPersistent) return;
   plans.user.Make(documents, *_settings, removed);
   if (_members) plans.user.AddAllRemoved(removed);
@@ -76,6 +77,7 @@ bool ChangeRequest::BringUpToDate(const StoreDocuments& documents) {
   if (!_plans) return true;
   _plans->all.Withdraw(_changedGroups);
   _plans->user.Withdraw(_changedGroups);
+  _plans->hidden.Withdraw(_changedGroups);
   for (const std::string& name : _changedGroups) {
     _plans->lateSettings.MergeSettings(*_settings, name);
     if (_removedNames.count(name) != 0) _plans->lateNames.insert(name);

@@ -12,6 +12,7 @@
 #include "tavix/settings/server/DocumentPlan.h"
 #include "tavix/settings/server/EarlyMatches.h"
 #include "tavix/settings/server/EarlyTest.h"
+#include "tavix/settings/server/HiddenChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tavix/settings/server/UnrestrictedPart.h"
 
@@ -25,6 +26,7 @@ namespace tavix::settings::server {
 struct ChangePlans {
   DocumentPlan all{StoreDocuments::Which::kAll};
   DocumentPlan user{StoreDocuments::Which::kUser};  // not made when user settings are kept
+  HiddenChange hidden;
   core::IniFile lateSettings;
   std::set<std::string> lateNames;
 };

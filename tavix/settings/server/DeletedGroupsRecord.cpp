@@ -8,8 +8,20 @@ using core::IniFile;
 
 namespace {
 
-bool IsPattern(const std::string& member) {
-  return member.find('*') != std::string::npos;
+using Counts = DeletedGroupsRecord::Counts;
+
+// Can't fail: what is new to the counts moves there.
+void AddCounts(Counts& counts, Counts& more) noexcept {
+  for (auto next = more.begin(); next != more.end();) {
+    const auto count = next++;
+    const auto own = counts.find(count->first);
+    if (own != counts.end()) {
+      own->second += count->second;
+      if (own->second == 0) counts.erase(own);
+    } else if (count->second != 0) {
+      counts.insert(more.extract(count));
+    }
+  }
 }
 
 // A record and settings that will be merged into it, looked up as if they were.
@@ -45,15 +57,18 @@ const DeletedGroupsRecord::Members& DeletedGroupsRecord::MembersOf(const IniFile
   return record == settings.GetGroups().end() ? none : record->second;
 }
 
-void DeletedGroupsRecord::Count(Change& change, const std::string& key, const std::string& value, int more) {
-  if (IsPattern(value)) change.patterns += more;
-  if (key != value) change.elsewhere[value] += more;
+void DeletedGroupsRecord::Change::Count(const std::string& key, const std::string& value, int more) {
+  if (IsPattern(value)) {
+    patterns += more;
+    patternsByText[value] += more;
+  }
+  if (key != value) elsewhere[value] += more;
 }
 
 void DeletedGroupsRecord::Read(const IniFile& userSettings) {
   Change change;
   change.isCleared = true;
-  for (const auto& [key, value] : MembersOf(userSettings)) Count(change, key, value, 1);
+  for (const auto& [key, value] : MembersOf(userSettings)) change.Count(key, value, 1);
   CarryOut(change);
 }
 
@@ -67,8 +82,8 @@ DeletedGroupsRecord::Change DeletedGroupsRecord::Plan(const IniFile& userSetting
   change.isCleared = isRemoved;
   for (const auto& [key, value] : merged) {
     const auto before = record.find(key);
-    if (before != record.end()) Count(change, key, before->second, -1);
-    Count(change, key, value, 1);
+    if (before != record.end()) change.Count(key, before->second, -1);
+    change.Count(key, value, 1);
   }
   const MergedMembers known(record, merged);
   for (const std::string& member : members) {
@@ -76,7 +91,7 @@ DeletedGroupsRecord::Change DeletedGroupsRecord::Plan(const IniFile& userSetting
     Members& added = change.added[_group];
     std::string key = member;
     while (known.Find(key) || added.count(key) != 0) key += '~';
-    Count(change, key, member, 1);
+    change.Count(key, member, 1);
     added.emplace(std::move(key), member);
   }
   return change;
@@ -91,19 +106,12 @@ bool DeletedGroupsRecord::IsElsewhere(const Change& change, const std::string& m
 void DeletedGroupsRecord::CarryOut(Change& change) noexcept {
   if (change.isCleared) {
     _patterns = 0;
+    _patternsByText.clear();
     _elsewhere.clear();
   }
   _patterns += change.patterns;
-  for (auto next = change.elsewhere.begin(); next != change.elsewhere.end();) {
-    const auto more = next++;
-    const auto own = _elsewhere.find(more->first);
-    if (own != _elsewhere.end()) {
-      own->second += more->second;
-      if (own->second == 0) _elsewhere.erase(own);
-    } else if (more->second != 0) {
-      _elsewhere.insert(change.elsewhere.extract(more));
-    }
-  }
+  AddCounts(_patternsByText, change.patternsByText);
+  AddCounts(_elsewhere, change.elsewhere);
 }
 
 }  // namespace tavix::settings::server

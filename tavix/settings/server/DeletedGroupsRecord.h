@@ -24,8 +24,12 @@ class DeletedGroupsRecord {
   struct Change {
     core::IniFile added;          // the members that are new, as they will stand in the record
     std::ptrdiff_t patterns = 0;  // how many more patterns there will be
+    Counts patternsByText;        // how many more of each
     Counts elsewhere;             // how many more members under other keys than their own text
     bool isCleared = false;       // what was there is gone before
+
+    // Counts a member that comes or, with -1, goes.
+    void Count(const std::string& key, const std::string& value, int more);
   };
 
   // group: the name of the record.
@@ -45,18 +49,23 @@ class DeletedGroupsRecord {
   // The user settings are changed so, too.
   void CarryOut(Change& change) noexcept;
 
-  // How many patterns are recorded.
+  // How many patterns are recorded, and how often each of them.
   size_t CountPatterns() const { return static_cast<size_t>(_patterns); }
+  const Counts& GetPatterns() const { return _patternsByText; }
+
+  // Whether the member stands under another key than its own text, once the change is made.
+  bool IsElsewhere(const Change& change, const std::string& member) const;
+
+  // The record in a document; empty when it has none.
+  using Members = core::IniFile::KeyMap;
+  const Members& MembersOf(const core::IniFile& settings) const;
+
+  static bool IsPattern(const std::string& member) { return member.find('*') != std::string::npos; }
 
  private:
-  using Members = core::IniFile::KeyMap;
-
-  const Members& MembersOf(const core::IniFile& settings) const;
-  bool IsElsewhere(const Change& change, const std::string& member) const;
-  static void Count(Change& change, const std::string& key, const std::string& value, int more);
-
   const std::string _group;
   std::ptrdiff_t _patterns = 0;
+  Counts _patternsByText;
   Counts _elsewhere;  // members that stand under other keys than their own text, and how often
 };
 

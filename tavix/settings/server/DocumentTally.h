@@ -28,6 +28,8 @@ class DocumentTally {
     _nameBytes.fetch_sub(name.size(), std::memory_order_relaxed);
   }
 
+  void OnKeyRemoved() { _keys.fetch_sub(1, std::memory_order_relaxed); }
+
   void OnKeysAdded(size_t keys) { _keys.fetch_add(keys, std::memory_order_relaxed); }
 
   size_t CountKeys() const { return _keys.load(std::memory_order_relaxed); }

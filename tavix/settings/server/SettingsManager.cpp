@@ -66,6 +66,13 @@ void DumpInParts(std::ostream& os, const StoreDocuments& documents, Which which,
   text.MoveTo(os);
 }
 
+// False when the request's test fails.
+bool MakeChange(StoreChange change, ChangeTicket& ticket) {
+  const bool isMade = change.Make();
+  ticket = change.GetTicket();
+  return isMade;
+}
+
 }  // namespace
 
 SettingsManager::SettingsManager() : SettingsManager(nullptr, nullptr, nullptr) {}
@@ -94,16 +101,15 @@ void SettingsManager::LoadSettings() {
   const osa::AdoptedWriteLock lock(documents.GetLock());
   StoreChange::ReplaceAll(documents, {}, {});
   StoreLoader::Documents loaded = _loader->Load();
-  StoreChange::ReplaceAll(documents, std::move(loaded.all), std::move(loaded.user));
+  StoreChange::ReplaceAll(documents, std::move(loaded.all), std::move(loaded.user), std::move(loaded.hidden));
 }
 
 // Not followed by the analysis of locks: the caller holds the lock, and can't name it.
 void SettingsManager::LoadUserSettings() TAVIX_NO_THREAD_SAFETY_ANALYSIS {
   if (!_persister) return;
-  IniFile all = _documents->GetAll();
   IniFile user = _documents->GetUser();
   _loader->LoadUserSettings(user);
-  StoreChange::ReplaceAll(*_documents, std::move(all), std::move(user));
+  StoreChange::ReplaceUser(*_documents, std::move(user));
 }
 
 void SettingsManager::ConfigureSettingsCombiner(SettingsCombiner& combiner) const {
@@ -233,7 +239,7 @@ void SettingsManager::MergeSettings(const IniFile& settings, unsigned int flags,
   request.SetOrigin(origin);
   request.MergeUnrestricted(settings);
   if (flags & kNoPersist) request.KeepUserSettings();
-  static_cast<void>(MakeChange(request, ticket));
+  static_cast<void>(MakeChange({*_documents, _persister, *_notifier, request}, ticket));
 }
 
 bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings) {
@@ -251,7 +257,17 @@ bool SettingsManager::TestAndMerge(const IniFile& test, const IniFile& settings,
   request.SetOrigin(origin);
   request.SetTest(test);
   request.MergeUnrestricted(settings);
-  return MakeChange(request, ticket);
+  return MakeChange({*_documents, _persister, *_notifier, request}, ticket);
+}
+
+bool SettingsManager::Amend(const Amendment& amendment) {
+  ChangeTicket ignored = 0;
+  return Amend(amendment, ChangeOrigin(), ignored);
+}
+
+bool SettingsManager::Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
+  ticket = 0;
+  return StoreChange::Amend(*_documents, _persister, *_notifier, amendment, origin, ticket);
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {
@@ -272,7 +288,7 @@ void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, con
   request.SetOrigin(origin);
   request.RemoveVisible(matcher, groups);
   request.MergeUnrestricted(settings);
-  static_cast<void>(MakeChange(request, ticket));
+  static_cast<void>(MakeChange({*_documents, _persister, *_notifier, request}, ticket));
 }
 
 void SettingsManager::OverwriteSettings(const std::string& group, const IniFile& settings) {
@@ -298,15 +314,7 @@ void SettingsManager::RestoreToDefaults(const GroupNameMatcher& matcher, const C
   request.SetOrigin(origin);
   request.RemoveUser(matcher);
   request.Merge(defaults);
-  static_cast<void>(MakeChange(request, ticket));
-}
-
-// False when the request's test fails.
-bool SettingsManager::MakeChange(ChangeRequest& request, ChangeTicket& ticket) {
-  StoreChange change(*_documents, _persister, *_notifier, request);
-  const bool isMade = change.Make();
-  ticket = change.GetTicket();
-  return isMade;
+  static_cast<void>(MakeChange({*_documents, _persister, *_notifier, request}, ticket));
 }
 
 // As LoadUserSettings.

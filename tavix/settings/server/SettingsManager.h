@@ -14,12 +14,17 @@
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/CallbackDispatcher.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/BetweenParts.h"
 #include "tavix/settings/server/ChangeTicket.h"
+#include "tavix/settings/server/StoreSizes.h"
+
+namespace tavix::settings {
+struct Amendment;
+}
 
 namespace tavix::settings::server {
 
 class ChangeNotifier;
-class ChangeRequest;
 class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
@@ -43,13 +48,15 @@ class StoreLoader;
 // Locks:   "SettingsMutex" guards both documents; it is never held while the gate or a dispatcher's mutex is taken. The
 //          notification gate comes first of all, then the dispatcher's mutex.
 // Owns:    nothing that is passed in; persister, loader and filter outlive the store.
-// Methods: many, as it is the one door to the store for hosts: each is a few lines over StoreDocuments, which keeps the
-//          documents, StoreChange, which changes them, StoreLoader and ChangeNotifier.
+// Methods: many, as it is the one door to the store for hosts: each is a few lines over the classes that do the work.
 // Errors:  those of persister, loader, filters and documents pass through. A save that fails keeps the change in memory
 //          and notifies nobody. Of its own only RefusedChange, by changes of a store that was given a bound, and
 //          std::bad_alloc: both change nothing.
 class TAVIX_EXPORT SettingsManager {
  public:
+  using BetweenParts = server::BetweenParts;
+  using Sizes = StoreSizes;
+
   // Merge flag: change only what readers see; the user settings, and so the saved copy, stay as they are.
   static constexpr unsigned int kNoPersist = 1;
 
@@ -71,9 +78,9 @@ class TAVIX_EXPORT SettingsManager {
   SettingsManager(const SettingsManager&) = delete;
   SettingsManager& operator=(const SettingsManager&) = delete;
 
-  // Builds both documents and releases the write lock that the constructor took. For a store whose loading was
-  // deferred. A call that throws leaves the store unlocked and empty; the next one takes the lock itself and starts
-  // afresh. Does nothing at all without a persister.
+  // Builds both documents and releases the write lock of a constructor that deferred this. A call that throws leaves
+  // the store unlocked and empty; the next one takes the lock itself and starts afresh. Does nothing without a
+  // persister.
   void LoadSettings();
 
   // The user layer alone; the caller holds the write lock.
@@ -99,12 +106,6 @@ class TAVIX_EXPORT SettingsManager {
   [[nodiscard]] bool TryWriteGroups(std::ostream& os, const common::GroupNameMatcher& matcher,
                                     const ISettingsSerializer& serializer, size_t maxWork) const;
 
-  // What an operation in parts asks its caller, without a lock.
-  struct BetweenParts {
-    std::function<bool()> isStopped;    // asked between the parts; true ends the operation by an osa::Exception
-    std::function<void()> onLast = {};  // called before the last part: changes that are announced later are not seen
-  };
-
   // The same bytes, of one state that the store was in during the call, but writers wait for a short part only: parts
   // whose groups changed meanwhile are made again, the last of them in one go. "os" is written to once all is made.
   // The functions may be empty. A serializer that can't write single groups writes all in one go.
@@ -115,7 +116,7 @@ class TAVIX_EXPORT SettingsManager {
   void DumpUserSettings(std::ostream& os) const;
   void DumpAllSettings(std::ostream& os) const;
 
-  // The same in parts, as WriteGroupsInParts.
+  // In parts, as WriteGroupsInParts.
   void DumpUserSettingsInParts(std::ostream& os, const BetweenParts& between) const;
   void DumpAllSettingsInParts(std::ostream& os, const BetweenParts& between) const;
 
@@ -123,14 +124,7 @@ class TAVIX_EXPORT SettingsManager {
   // of the store.
   void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
 
-  // How much there is: in what readers see, and in the user layer without its bookkeeping. Costs the same however much
-  // it is.
-  struct Sizes {
-    size_t allGroups = 0;
-    size_t allKeys = 0;
-    size_t userGroups = 0;
-    size_t userKeys = 0;
-  };
+  // Costs the same however much there is.
   Sizes GetSizes() const;
 
   // The bytes of the names of all groups that readers see. Takes no lock.
@@ -141,12 +135,11 @@ class TAVIX_EXPORT SettingsManager {
   unsigned long long GetVersion() const;
 
   // Bounds; 0, as at first: none. Loading passes any. A change that would pass one is not carried out: it throws
-  // RefusedChange, and nothing is changed. What does not make the store larger is carried out beyond its bound, too.
-  // From any thread.
+  // RefusedChange. What does not make the store larger is carried out beyond its bound, too. From any thread.
   void SetMaxBytes(size_t bytes);            // of what GetApproximateBytes counts
   void SetMaxDeletedPatterns(size_t count);  // in the record of deleted groups; names may be any number
 
-  // About how much memory both documents take. Takes no lock; lags behind a change for a moment.
+  // About how much memory the layers take. Takes no lock; lags behind a change for a moment.
   size_t GetApproximateBytes() const;
 
   // About how much a document takes. O(keys).
@@ -169,6 +162,12 @@ class TAVIX_EXPORT SettingsManager {
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, ChangeTicket& ticket);
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings, const ChangeOrigin& origin,
                     ChangeTicket& ticket);
+
+  // Changes user settings if conditions hold, as one step. Of each key that it names, and of all keys of groups that it
+  // names as a whole, readers see then what the next start would show; no file is read. Announced are the groups that
+  // readers see differently, with their new values. Returns false when it is not made, as its own contract says.
+  bool Amend(const Amendment& amendment);
+  bool Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket);
 
   // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
   // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in
@@ -212,8 +211,6 @@ class TAVIX_EXPORT SettingsManager {
  private:
   SettingsManager(ISettingsPersister* persister, IRestrictedSettingsLoader* restrictedLoader,
                   IIncludeFilter* includeFilter);
-
-  bool MakeChange(ChangeRequest& request, ChangeTicket& ticket);
 
   ISettingsPersister* const _persister;  // may be null
   const std::unique_ptr<StoreLoader> _loader;

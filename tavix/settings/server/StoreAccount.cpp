@@ -104,7 +104,7 @@ std::ptrdiff_t StoreAccount::CountGrowth(const IniFile& one, const IniFile& othe
   return growth;
 }
 
-void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSettings) {
+void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSettings, const HiddenLayers& hidden) {
   Content all[2];
   Content user[2];
   const auto countHalf = [&](size_t half) {
@@ -120,7 +120,8 @@ void StoreAccount::CountAnew(const IniFile& allSettings, const IniFile& userSett
   }
   _allTally.Set(all[0].keys + all[1].keys, all[0].nameBytes + all[1].nameBytes);
   _userTally.Set(user[0].keys + user[1].keys, user[0].nameBytes + user[1].nameBytes);
-  Set(all[0].bytes + all[1].bytes + user[0].bytes + user[1].bytes);
+  Set(all[0].bytes + all[1].bytes + user[0].bytes + user[1].bytes + Count(hidden.defaults) + Count(hidden.unsaved) +
+      Count(hidden.restricted));
 }
 
 void StoreAccount::RemoveGroup(IniFile& document, DocumentTally& tally, const std::string& name) noexcept {
@@ -137,13 +138,14 @@ bool StoreAccount::HasRoom(size_t growth) const {
   return bound == 0 || growth == 0 || (bytes <= bound && growth <= bound - bytes);
 }
 
-void StoreAccount::RequireRoom(std::ptrdiff_t growth) const {
-  if (growth <= 0 || HasRoom(static_cast<size_t>(growth))) return;
+void StoreAccount::RequireRoom(std::ptrdiff_t growth, std::ptrdiff_t hidden) const {
+  const std::ptrdiff_t sum = growth + hidden;
+  if (growth <= 0 || sum <= 0 || HasRoom(static_cast<size_t>(sum))) return;
   const size_t bytes = _bytes;
   const size_t bound = _bound;
   throw RefusedChange(RefusedChange::Reason::kStoreFull, "the store holds about " + std::to_string(bytes) +
                                                              " bytes of the " + std::to_string(bound) +
-                                                             " allowed, and would grow by " + std::to_string(growth));
+                                                             " allowed, and would grow by " + std::to_string(sum));
 }
 
 LateCount::~LateCount() {

@@ -9,6 +9,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/DocumentTally.h"
+#include "tavix/settings/server/HiddenLayers.h"
 
 namespace tavix::settings::server {
 
@@ -40,8 +41,8 @@ class StoreAccount {
   const DocumentTally& GetAllTally() const { return _allTally; }
   const DocumentTally& GetUserTally() const { return _userTally; }
 
-  // Both were loaded.
-  void CountAnew(const core::IniFile& allSettings, const core::IniFile& userSettings);
+  // All were loaded.
+  void CountAnew(const core::IniFile& allSettings, const core::IniFile& userSettings, const HiddenLayers& hidden = {});
 
   // Changes a document of the store, and the account and its tally with it.
   void RemoveGroup(core::IniFile& document, DocumentTally& tally, const std::string& name) noexcept;
@@ -57,8 +58,9 @@ class StoreAccount {
   // Whether so much more fits.
   bool HasRoom(size_t growth) const;
 
-  // Throws RefusedChange when so much more is too much. Whatever does not grow fits.
-  void RequireRoom(std::ptrdiff_t growth) const;
+  // Throws RefusedChange when so much more is too much. Whatever does not grow fits, with what it hides: a group that
+  // is erased only moves there.
+  void RequireRoom(std::ptrdiff_t growth, std::ptrdiff_t hidden = 0) const;
 
  private:
   std::atomic<size_t> _bytes{0};

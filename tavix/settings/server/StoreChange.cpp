@@ -9,6 +9,7 @@
 
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
@@ -27,6 +28,19 @@ StoreAccount::Groups GroupsOf(const IniFile& document) {
   StoreAccount::Groups groups;
   for (auto group = document.begin(); group != document.end(); ++group) groups.push_back(group);
   return groups;
+}
+
+// A persister that throws keeps nobody from being notified.
+template <class FindTicket, class Notify>
+void Announce(FindTicket findTicketOfOthers, Notify notify) {
+  std::exception_ptr failure;
+  try {
+    findTicketOfOthers();
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  notify();
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace
@@ -53,14 +67,8 @@ bool StoreChange::Make() {
     isDone = true;
   }
   _lateCount.Finish();  // until then the store seems fuller than it is, and others are refused
-  std::exception_ptr failure;
-  try {
-    FindTicketOfOthers();
-  } catch (...) {
-    failure = std::current_exception();
-  }
-  _notifier.Notify(notices, reserve, _request.GetRemovedNames(), _request.GetSettings());
-  if (failure) std::rethrow_exception(failure);
+  Announce([this] { FindTicketOfOthers(); },
+           [&] { _notifier.Notify(notices, reserve, _request.GetRemovedNames(), _request.GetSettings()); });
   return true;
 }
 
@@ -69,9 +77,9 @@ void StoreChange::MakeLocked() {
   if (MakeUnderLock()) FindTicketOfOthers();
 }
 
-void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user) {
+void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user, HiddenLayers hidden) {
   documents._record.Read(user);
-  documents._account.CountAnew(all, user);
+  documents._account.CountAnew(all, user, hidden);
   BeginVersion(documents);
   documents._recorders.Note(documents._all);
   documents._recorders.Note(documents._user);
@@ -79,12 +87,71 @@ void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile use
   documents._recorders.Note(user);
   documents._all = std::move(all);
   documents._user = std::move(user);
+  documents._hidden = std::move(hidden);
+}
+
+void StoreChange::ReplaceUser(StoreDocuments& documents, IniFile user) {
+  StoreAccount uncounted;  // all is counted anew
+  HiddenLayers hidden = documents._hidden;
+  HiddenChange change;
+  change.Add(documents, user, {}, true);
+  change.CarryOut(hidden, uncounted);
+  ReplaceAll(documents, documents._all, std::move(user), std::move(hidden));
+}
+
+bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister, const ChangeNotifier& notifier,
+                        const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
+  notifier.RefuseInCallback();
+  AmendmentPlan plan(amendment);
+  if (!plan.IsSound()) return false;
+  NoticeRound notices;
+  std::optional<NotificationReserve> reserve;
+  {
+    const osa::WriteAutoLock lock(documents.GetLock());
+    if (!plan.Make(documents)) return false;
+    Prepare(documents, plan);
+    reserve.emplace(plan.GetChanged());
+    CarryOut(documents, plan);
+    if (persister)
+      ticket = persister->SaveChange({documents._user, plan.GetDifferent(), plan.GetAddedMembers(), origin});
+  }
+  const auto findTicketOfOthers = [&] {
+    if (persister && plan.GetHeld()) ticket = std::max(ticket, persister->FindLastTicket(*plan.GetHeld()));
+  };
+  Announce(findTicketOfOthers, [&] { notifier.Notify(notices, *reserve, plan.GetGone(), plan.GetChanged()); });
+  return true;
+}
+
+// As for other changes: bounds, then all that it needs memory for.
+void StoreChange::Prepare(StoreDocuments& documents, AmendmentPlan& plan) {
+  RequirePatterns(documents, plan.GetRecord().GetCounts().patterns);
+  documents._account.RequireRoom(plan.CountGrowth(documents), plan.CountHiddenGrowth(documents));
+  AmendmentPlan::Edits& edits = plan.GetEdits();
+  edits.all.Prepare(documents._all);
+  edits.user.Prepare(documents._user);
+  edits.hiddenDefaults.Prepare(documents._hidden.defaults);
+  edits.unsaved.Prepare(documents._hidden.unsaved);
+}
+
+void StoreChange::CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexcept {
+  StoreAccount& account = documents._account;
+  BeginVersion(documents);
+  documents._recorders.Note(plan.GetDifferent());
+  documents._recorders.Note(documents._recordGroup);
+  AmendmentPlan::Edits& edits = plan.GetEdits();
+  DocumentTally unasked;  // nobody asks how much is hidden
+  edits.all.CarryOut(documents._all, account, account.GetAllTally());
+  edits.user.CarryOut(documents._user, account, account.GetUserTally());
+  edits.hiddenDefaults.CarryOut(documents._hidden.defaults, account, unasked);
+  edits.unsaved.CarryOut(documents._hidden.unsaved, account, unasked);
+  documents._record.CarryOut(plan.GetRecord().GetCounts());
 }
 
 bool StoreChange::MakeUnderLock() {
   if (!_request.BringUpToDate(_documents)) return false;
   PlanRecord();
   RequirePatterns();
+  _hidden.Add(_documents, _request.GetUnplannedSettings(), _request.GetUnplannedNames(), _request.IsPersistent());
   RequireRoom();
   Prepare();
   CarryOut();
@@ -102,16 +169,17 @@ void StoreChange::PlanRecord() {
 
 // What comes from the defaults has no bound.
 void StoreChange::RequirePatterns() const {
-  const size_t max = _documents.GetMaxDeletedPatterns();
-  const std::set<std::string>* members = _request.GetMembers();
-  const bool isRestore = _request.GetRemovedMatcher() && !members;
-  if (max == 0 || isRestore || !_request.IsPersistent()) return;
-  const size_t recorded = _documents.GetRecord().CountPatterns();
-  if (_record.patterns <= 0 || recorded + static_cast<size_t>(_record.patterns) <= max) return;
-  throw RefusedChange(RefusedChange::Reason::kDeletedPatterns, "the record of deleted groups holds " +
-                                                                   std::to_string(recorded) + " patterns of the " +
-                                                                   std::to_string(max) + " allowed, and would get " +
-                                                                   std::to_string(_record.patterns) + " more");
+  const bool isRestore = _request.GetRemovedMatcher() && !_request.GetMembers();
+  if (!isRestore && _request.IsPersistent()) RequirePatterns(_documents, _record.patterns);
+}
+
+void StoreChange::RequirePatterns(const StoreDocuments& documents, std::ptrdiff_t more) {
+  const size_t max = documents.GetMaxDeletedPatterns();
+  const size_t recorded = documents.GetRecord().CountPatterns();
+  if (max == 0 || more <= 0 || recorded + static_cast<size_t>(more) <= max) return;
+  throw RefusedChange(RefusedChange::Reason::kDeletedPatterns,
+                      "the record of deleted groups holds " + std::to_string(recorded) + " patterns of the " +
+                          std::to_string(max) + " allowed, and would get " + std::to_string(more) + " more");
 }
 
 // How many bytes the new members make of the record, as the store's account counts them.
@@ -124,15 +192,20 @@ size_t StoreChange::CountRecordGrowth() const {
 
 // What has room anyway is not searched for.
 void StoreChange::RequireRoom() const {
-  const IniFile& settings = _request.GetSettings();
   const StoreAccount& account = _documents._account;
-  const size_t recordGrowth = CountRecordGrowth();
+  const ChangePlans* const plans = _request.GetPlans();
+  const size_t hidden = _hidden.GetBytes() + (plans ? plans->hidden.GetBytes() : 0);
+  const size_t record = CountRecordGrowth();
   const size_t copies = _request.IsPersistent() ? 2 : 1;
-  if (account.HasRoom(copies * _request.GetBytes() + recordGrowth)) return;
-  if (!_request.IsPersistent()) return account.RequireRoom(StoreAccount::CountGrowth(_documents._all, settings));
-  account.RequireRoom(
-      StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings)) +
-      static_cast<std::ptrdiff_t>(recordGrowth));
+  if (account.HasRoom(copies * _request.GetBytes() + record + hidden)) return;
+  account.RequireRoom(CountGrowth() + static_cast<std::ptrdiff_t>(record), static_cast<std::ptrdiff_t>(hidden));
+}
+
+// Without what the record gets.
+std::ptrdiff_t StoreChange::CountGrowth() const {
+  const IniFile& settings = _request.GetSettings();
+  if (!_request.IsPersistent()) return StoreAccount::CountGrowth(_documents._all, settings);
+  return StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings));
 }
 
 // All that the change needs memory for.
@@ -165,6 +238,7 @@ void StoreChange::CarryOut() noexcept {
   StoreAccount& account = _documents._account;
   BeginVersion(_documents);
   if (_documents._recorders.AreActive()) NoteGroups();
+  CarryOutHidden();
   if (_request.GetPlans()) CarryOutPlans(*_request.GetPlans());
   if (!_request.GetUnplannedNames().empty()) RemoveGroups();
   _mergeIntoAll.CarryOut(_documents._all, account, account.GetAllTally());
@@ -172,6 +246,15 @@ void StoreChange::CarryOut() noexcept {
   if (!_request.IsPersistent()) return;
   _mergeIntoUser.CarryOut(_documents._user, account, account.GetUserTally());
   _documents._record.CarryOut(_record);
+}
+
+void StoreChange::CarryOutHidden() noexcept {
+  HiddenLayers& hidden = _documents._hidden;
+  StoreAccount& account = _documents._account;
+  if (_request.IsPersistent())
+    HiddenChange::ForgetUnsaved(hidden, account, _request.GetSettings(), _request.GetRemovedNames());
+  if (_request.GetPlans()) _request.GetPlans()->hidden.CarryOut(hidden, account);
+  _hidden.CarryOut(hidden, account);
 }
 
 void StoreChange::CarryOutPlans(ChangePlans& plans) noexcept {

@@ -12,12 +12,19 @@
 #include "tavix/settings/server/ChangeTicket.h"
 #include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/HiddenChange.h"
+#include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/PreparedMerge.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
+namespace tavix::settings {
+struct Amendment;
+}
+
 namespace tavix::settings::server {
 
+class AmendmentPlan;
 class ChangeNotifier;
 class ISettingsPersister;
 
@@ -53,26 +60,40 @@ class StoreChange {
   // notified.
   void MakeLocked() TAVIX_REQUIRES(_documents.GetLock());
 
+  // Makes an amendment instead. Returns false when it contradicts itself, or one of its conditions does not hold: then
+  // nothing is changed and nobody is notified.
+  [[nodiscard]] static bool Amend(StoreDocuments& documents, ISettingsPersister* persister,
+                                  const ChangeNotifier& notifier, const Amendment& amendment,
+                                  const ChangeOrigin& origin, ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
+
   // What a client that asked for the change has to wait for: its own save or, when it changed nothing, the saves of
   // others that it relies on. 0: nothing, or the change was not saved.
   ChangeTicket GetTicket() const { return _ticket; }
 
-  // Replaces both documents, as loading does: no bounds, nothing is saved, nobody is notified.
-  static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user)
+  // Replaces the documents, as loading does: no bounds, nothing is saved, nobody is notified.
+  static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user, HiddenLayers hidden = {})
       TAVIX_REQUIRES(documents.GetLock());
+
+  // The same for the user settings alone: what readers see stays as it is.
+  static void ReplaceUser(StoreDocuments& documents, core::IniFile user) TAVIX_REQUIRES(documents.GetLock());
 
  private:
   static void BeginVersion(StoreDocuments& documents);
+  static void RequirePatterns(const StoreDocuments& documents, std::ptrdiff_t more) TAVIX_REQUIRES(documents.GetLock());
+  static void Prepare(StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
+  static void CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexcept TAVIX_REQUIRES(documents.GetLock());
 
   bool MakeUnderLock() TAVIX_REQUIRES(_documents.GetLock());
   void PlanRecord() TAVIX_REQUIRES(_documents.GetLock());
   void RequirePatterns() const TAVIX_REQUIRES(_documents.GetLock());
   void RequireRoom() const TAVIX_REQUIRES(_documents.GetLock());
+  std::ptrdiff_t CountGrowth() const TAVIX_REQUIRES(_documents.GetLock());
   size_t CountRecordGrowth() const TAVIX_REQUIRES(_documents.GetLock());
   void Prepare() TAVIX_REQUIRES(_documents.GetLock());
   void PrepareSave() TAVIX_REQUIRES(_documents.GetLock());
   void CarryOut() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void NoteGroups() const noexcept TAVIX_REQUIRES(_documents.GetLock());
+  void CarryOutHidden() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void CarryOutPlans(ChangePlans& plans) noexcept TAVIX_REQUIRES(_documents.GetLock());
   void RemoveGroups() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void Save() TAVIX_REQUIRES(_documents.GetLock());
@@ -87,6 +108,7 @@ class StoreChange {
   DeletedGroupsRecord::Change _record;
   PreparedMerge _mergeIntoAll;  // of what is not planned, as the next
   PreparedMerge _mergeIntoUser;
+  HiddenChange _hidden;
   std::set<std::string> _different;               // groups of the user settings that hold something else than before
   std::optional<common::GroupNameMatcher> _held;  // the groups of a request that the user settings held all before
 

@@ -9,15 +9,17 @@
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/DeletedGroupsRecord.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
 
-// Both documents of a store, and what is known about them without a walk through them. Everybody may read them under
-// the lock; StoreChange alone can change them.
+// Both documents of a store, what they hide, and what is known about them without a walk through them. Everybody may
+// read them under the lock; StoreChange alone can change them.
 //
 // Threads: any. The documents are read while the lock is held; the rest needs no lock.
-// Locks:   "SettingsMutex" guards both documents and the record. It is never held while the notification gate or a
+// Locks:   "SettingsMutex" guards the documents and the record. It is never held while the notification gate or a
 //          dispatcher's mutex is taken.
 class StoreDocuments {
  public:
@@ -41,6 +43,17 @@ class StoreDocuments {
   }
   const DeletedGroupsRecord& GetRecord() const TAVIX_REQUIRES_SHARED(_lock) { return _record; }
 
+  // One group in all layers, for a group that is layered: it is neither restricted nor the record.
+  GroupLayers FindLayers(const std::string& group) const TAVIX_REQUIRES_SHARED(_lock) {
+    return {FindKeys(_all, group), FindKeys(_user, group), FindKeys(_hidden.defaults, group),
+            FindKeys(_hidden.unsaved, group), FindKeys(_hidden.restricted, group)};
+  }
+  const HiddenLayers& GetHidden() const TAVIX_REQUIRES_SHARED(_lock) { return _hidden; }
+
+  bool IsLayered(const std::string& group) const {
+    return group != _recordGroup && !GroupDiscriminator::IsRestrictedGroup(group);
+  }
+
   const std::string& GetRecordGroup() const { return _recordGroup; }
   const StoreAccount& GetAccount() const { return _account; }
 
@@ -62,8 +75,9 @@ class StoreDocuments {
   mutable osa::ReadWriteLock _lock{"SettingsMutex"};
   core::IniFile _all TAVIX_GUARDED_BY(_lock);
   core::IniFile _user TAVIX_GUARDED_BY(_lock);
+  HiddenLayers _hidden TAVIX_GUARDED_BY(_lock);
   DeletedGroupsRecord _record TAVIX_GUARDED_BY(_lock);  // what _user holds of it
-  StoreAccount _account;                                // of both documents
+  StoreAccount _account;                                // of both documents and what they hide
   mutable ChangeRecorders _recorders;
   std::atomic<size_t> _maxDeletedPatterns{0};
   std::atomic<unsigned long long> _version{0};

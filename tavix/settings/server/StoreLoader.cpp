@@ -11,6 +11,7 @@
 #include "tavix/core/StringUtil.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
+#include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/LoadPriorityIncludeFilter.h"
@@ -23,12 +24,35 @@ using core::IniFile;
 
 namespace {
 
-void RemoveGroupsOf(const IniFile::KeyMap& record, IniFile& all) {
+bool IsLayered(const std::string& group, const std::string& recordGroup) {
+  return group != recordGroup && !GroupDiscriminator::IsRestrictedGroup(group);
+}
+
+// Moves the groups that the record deletes to the hidden defaults.
+void RemoveGroupsOf(const IniFile::KeyMap& record, const std::string& recordGroup, IniFile& all, IniFile& hidden) {
   GroupNameMatcher deleted;
   for (const auto& entry : record) deleted.AddNameOrPattern(entry.second);
-  std::set<std::string> groups;
-  deleted.GetMatchingGroups(all, groups);
-  for (const std::string& group : groups) all.RemoveGroup(group);
+  std::vector<IniFile::const_iterator> matched;
+  deleted.GetMatchingGroups(all, matched);
+  for (const auto& group : matched) {
+    auto node = all.GetMutableGroups().extract(group);
+    if (IsLayered(node.key(), recordGroup)) hidden.GetMutableGroups().insert(hidden.end(), std::move(node));
+  }
+}
+
+// Copies the defaults that are about to be replaced by the settings, but those that the user settings replaced before.
+void HideReplaced(const IniFile& all, const IniFile& user, const IniFile& settings, IniFile& hidden) {
+  if (all.IsEmpty()) return;
+  for (const auto& [name, keys] : settings) {
+    const IniFile::KeyMap* const own = FindKeys(all, name);
+    if (!own) continue;
+    const IniFile::KeyMap* const before = &user == &settings ? nullptr : FindKeys(user, name);
+    if (own->empty() && !before) hidden[name];
+    for (const auto& setting : keys) {
+      const std::string* const value = FindValue(own, setting.first);
+      if (value && !FindValue(before, setting.first)) hidden[name].emplace(setting.first, *value);
+    }
+  }
 }
 
 // What filters need counts as wanted. Empty where to try the patterns on all groups may take longer than to load them.
@@ -64,16 +88,19 @@ void StoreLoader::ConfigureSettingsCombiner(SettingsCombiner& combiner) const {
 
 StoreLoader::Documents StoreLoader::Load() const {
   Documents documents;
-  SettingsCombiner combiner(documents.all);
+  IniFile& all = documents.all;
+  SettingsCombiner combiner(all);
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
   LoadUserSettings(documents.user);
-  const auto record = documents.user.GetGroups().find(_recordGroup);
-  if (record != documents.user.GetGroups().end()) RemoveGroupsOf(record->second, documents.all);
-  GroupDiscriminator::FilterOutRestrictedGroups(documents.all);
-  documents.all.MergeSettings(documents.user);
-  MergeRestrictedSettings(documents.all);
-  documents.all.RemoveGroup(_recordGroup);
+  if (const IniFile::KeyMap* const record = FindKeys(documents.user, _recordGroup))
+    RemoveGroupsOf(*record, _recordGroup, all, documents.hidden.defaults);
+  GroupDiscriminator::FilterOutRestrictedGroups(all);
+  all.RemoveGroup(_recordGroup);
+  HideReplaced(all, documents.user, documents.user, documents.hidden.defaults);
+  all.MergeSettings(documents.user);
+  MergeRestrictedSettings(documents);
+  all.RemoveGroup(_recordGroup);
   return documents;
 }
 
@@ -83,13 +110,17 @@ void StoreLoader::LoadUserSettings(IniFile& user) const {
   GroupDiscriminator::FilterOutRestrictedGroups(user);
 }
 
-void StoreLoader::MergeRestrictedSettings(IniFile& all) const {
+void StoreLoader::MergeRestrictedSettings(Documents& documents) const {
   if (!_restrictedLoader) return;
   IniFile restricted;
   SettingsCombiner combiner(restricted);
   ConfigureSettingsCombiner(combiner);
   _restrictedLoader->LoadRestrictedSettings(combiner);
-  all.MergeSettings(std::move(restricted));
+  for (auto group = restricted.begin(); group != restricted.end(); ++group) {
+    if (IsLayered(group->first, _recordGroup)) documents.hidden.restricted.MergeGroup(group);
+  }
+  HideReplaced(documents.all, documents.user, documents.hidden.restricted, documents.hidden.defaults);
+  documents.all.MergeSettings(std::move(restricted));
 }
 
 IniFile StoreLoader::LoadDefaults(const GroupNameMatcher& matcher) const {

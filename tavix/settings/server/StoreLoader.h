@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/HiddenLayers.h"
 
 namespace tavix::settings::common {
 class GroupNameMatcher;
@@ -27,6 +28,7 @@ class StoreLoader {
   struct Documents {
     core::IniFile all;   // what readers see
     core::IniFile user;  // the user settings with their bookkeeping
+    HiddenLayers hidden;
   };
 
   // All outlive the object. restrictedLoader and includeFilter may be null; so may the persister, then nothing is
@@ -51,7 +53,7 @@ class StoreLoader {
   core::IniFile LoadDefaults(const common::GroupNameMatcher& matcher) const;
 
  private:
-  void MergeRestrictedSettings(core::IniFile& all) const;
+  void MergeRestrictedSettings(Documents& documents) const;
 
   ISettingsPersister* const _persister;
   IRestrictedSettingsLoader* const _restrictedLoader;

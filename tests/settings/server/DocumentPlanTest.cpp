@@ -98,7 +98,8 @@ struct DocumentPlanTest : testing::Test {
     const tavix::osa::ReadAutoLock lock(documents.GetLock());
     EXPECT_EQ(TextOf(documents.GetAll()), TextOf(all));
     EXPECT_EQ(TextOf(documents.GetUser()), TextOf(user));
-    EXPECT_EQ(documents.GetAccount().GetBytes(), StoreAccount::Count(all) + StoreAccount::Count(user));
+    EXPECT_EQ(documents.GetAccount().GetBytes(), StoreAccount::Count(all) + StoreAccount::Count(user) +
+                                                     StoreAccount::Count(documents.GetHidden().defaults));
     StoreAccount counted;
     counted.CountAnew(all, user);
     EXPECT_EQ(documents.GetAccount().GetAllTally().CountKeys(), counted.GetAllTally().CountKeys());

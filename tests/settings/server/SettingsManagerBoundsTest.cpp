@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/DocumentText.h"
@@ -105,6 +106,24 @@ TEST_F(BoundedStore, CarriesOutBeyondItsBoundWhatDoesNotMakeItLarger) {
   EXPECT_TRUE(_store.TestAndMerge(DocumentOf("[A]\nx=6\n"), DocumentOf("[A]\nx=7\n")));
   _store.OverwriteSettings("C", DocumentOf("[C]\nk=1\n"));
   EXPECT_EQ(AllSettingsOf(_store), "[A]\nx=7\ny=2\n[B]\nx=1234567890123456789\n[C]\nk=1\n[D]\nx=1\n");
+}
+
+TEST_F(BoundedStore, ErasesAGroupOfTheDefaultsBeyondItsBound) {
+  MemoryPersister persister({"[A]\nx=" + kLarge + "\n"});
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  store.SetMaxBytes(1);
+  store.OverwriteSettings("A", IniFile());
+  EXPECT_EQ(AllSettingsOf(store), "");
+}
+
+TEST_F(BoundedStore, CountsTheDefaultsThatAChangeHides) {
+  MemoryPersister persister({"[A]\nx=" + kLarge + "\n"});
+  SettingsManager store(&persister, nullptr, nullptr, false);
+  const size_t before = store.GetApproximateBytes();
+  store.OverwriteSettings("A", DocumentOf("[A]\nx=1\n"));
+  EXPECT_GT(store.GetApproximateBytes(), before);
+  EXPECT_TRUE(store.Amend({{}, {}, {}, DocumentOf("[A]\n"), {}}));
+  EXPECT_EQ(store.GetApproximateBytes(), before);
 }
 
 TEST_F(BoundedStore, IsLoadedWholeBeyondItsBound) {

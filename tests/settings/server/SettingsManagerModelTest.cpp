@@ -1,167 +1,61 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SettingsManager.h"
+#include "tavix/settings/server/StoreAccount.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
 #include "tests/support/RandomDocument.h"
 #include "tests/support/RecordingCallback.h"
+#include "tests/support/StoreModel.h"
 
 // The store against the plainest model of it, a map of maps for each layer, under thousands of random operations.
 
 namespace {
 
 using tavix::core::IniFile;
+using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::SettingsManager;
+using tavix::settings::server::StoreAccount;
 using tavix::test::AllSettingsOf;
 using tavix::test::Change;
 using tavix::test::MemoryPersister;
 using tavix::test::MemoryRestrictedLoader;
 using tavix::test::RandomDocuments;
 using tavix::test::RecordingCallback;
+using tavix::test::StoreModel;
 using tavix::test::TextOf;
 using tavix::test::UserSettingsOf;
 
-using Names = std::set<std::string>;
-using Groups = std::map<std::string, std::map<std::string, std::string>>;
+using Names = StoreModel::Names;
+using Groups = StoreModel::Groups;
 
-constexpr char kRecord[] = "TavixSettings/Data/DeletedGroups";
-
-bool IsRestricted(const std::string& group) {
-  return group.find("Secure") != std::string::npos || group.find("Trusted") != std::string::npos;
-}
-
-bool Matches(std::string_view pattern, std::string_view text) {
-  if (pattern.empty()) return text.empty();
-  if (pattern[0] == '*') return Matches(pattern.substr(1), text) || (!text.empty() && Matches(pattern, text.substr(1)));
-  return !text.empty() && pattern[0] == text[0] && Matches(pattern.substr(1), text.substr(1));
-}
-
-Names MatchingOf(const Names& wanted, const Groups& groups) {
-  Names matching;
-  for (const auto& group : groups) {
-    for (const std::string& one : wanted) {
-      if (Matches(one, group.first)) matching.insert(group.first);
-    }
-  }
-  return matching;
-}
-
-void MergeInto(Groups& target, const Groups& source) {
-  for (const auto& [group, keys] : source) {
-    target[group];
-    for (const auto& [key, value] : keys) target[group][key] = value;
-  }
-}
-
-Groups UnrestrictedOf(const Groups& groups) {
-  Groups unrestricted;
-  for (const auto& [group, keys] : groups) {
-    if (!IsRestricted(group)) unrestricted[group] = keys;
-  }
-  return unrestricted;
-}
+constexpr const char* kRecord = StoreModel::kRecord;
 
 std::string Text(const Groups& groups) {
-  return TextOf(IniFile(groups));
+  return StoreModel::TextOf(groups);
 }
 
-// Each operation returns what a subscriber to everything is told; no groups: it is not called.
-class Model {
- public:
-  Model(Groups ofDefaults, Groups ofLoader) : defaults(std::move(ofDefaults)), restricted(std::move(ofLoader)) {
-    Load();
-  }
+size_t CountBytes(const Groups& groups) {
+  return StoreAccount::Count(IniFile(groups));
+}
 
-  void Load() {
-    user = UnrestrictedOf(user);
-    all = defaults;
-    Names deleted;
-    if (user.count(kRecord)) {
-      for (const auto& entry : user[kRecord]) deleted.insert(entry.second);
-    }
-    for (const std::string& group : MatchingOf(deleted, all)) all.erase(group);
-    MergeInto(all, user);
-    all = UnrestrictedOf(all);
-    MergeInto(all, restricted);
-    all.erase(kRecord);
+Groups WithoutValues(Groups groups) {
+  for (auto& group : groups) {
+    for (auto& setting : group.second) setting.second.clear();
   }
-
-  Change Merge(const Groups& settings, bool persist) {
-    const Groups filtered = UnrestrictedOf(settings);
-    MergeInto(all, filtered);
-    all.erase(kRecord);
-    if (persist) MergeInto(user, filtered);
-    return ChangeOf({}, filtered);
-  }
-
-  bool Holds(const Groups& test) const {
-    Groups merged = all;
-    for (const auto& [group, keys] : test) {
-      for (const auto& [key, value] : keys) merged[group][key] = value;
-    }
-    return merged == all;
-  }
-
-  Change Overwrite(const Names& groups, const Groups& settings) {
-    Names removed;
-    for (const std::string& group : MatchingOf(groups, all)) {
-      if (IsRestricted(group)) continue;
-      all.erase(group);
-      user.erase(group);
-      removed.insert(group);
-    }
-    Merge(settings, true);
-    for (const std::string& group : groups) Record(group);
-    return ChangeOf(removed, UnrestrictedOf(settings));
-  }
-
-  Change Restore(const Names& groups) {
-    const Names removed = MatchingOf(groups, user);
-    for (const std::string& group : removed) {
-      all.erase(group);
-      user.erase(group);
-    }
-    Groups restored;
-    for (const std::string& group : MatchingOf(groups, defaults)) restored[group] = defaults[group];
-    MergeInto(all, restored);
-    all.erase(kRecord);
-    MergeInto(user, restored);
-    return ChangeOf(removed, restored);
-  }
-
-  Groups defaults;
-  Groups restricted;
-  Groups user;
-  Groups all;
-
- private:
-  void Record(const std::string& group) {
-    auto& record = user[kRecord];
-    for (const auto& entry : record) {
-      if (entry.second == group) return;
-    }
-    std::string key = group;
-    while (record.count(key)) key += '~';
-    record[key] = group;
-  }
-
-  static Change ChangeOf(Names groups, const Groups& settings) {
-    for (const auto& group : settings) groups.insert(group.first);
-    return Change{groups, Text(settings)};
-  }
-};
+  return groups;
+}
 
 std::string OneOf(RandomDocuments& random, const std::vector<std::string>& choice) {
   return choice[random.Below(choice.size())];
@@ -188,6 +82,23 @@ Groups RandomGroups(RandomDocuments& random) {
   return groups;
 }
 
+// What readers see or don't see, mostly, so that the conditions hold now and then.
+StoreModel::Amendment RandomAmendment(RandomDocuments& random, const Groups& all) {
+  StoreModel::Amendment amendment;
+  if (random.Below(3) == 0) amendment.present = random.Below(4) == 0 ? RandomGroups(random) : all;
+  if (random.Below(4) == 0) amendment.absent = RandomGroups(random);
+  if (random.Below(2) == 0) amendment.set = RandomGroups(random);
+  if (random.Below(2) == 0) amendment.unset = RandomGroups(random);
+  if (random.Below(2) == 0) amendment.replace = RandomGroups(random);
+  for (const auto& group : amendment.replace) {
+    if (random.Below(20) == 0) continue;
+    amendment.set.erase(group.first);
+    amendment.unset.erase(group.first);
+  }
+  if (random.Below(5) == 0) amendment.unset[OneOf(random, {"A*", "Net*", "*", "*0", "T*", "None"})];
+  return amendment;
+}
+
 GroupNameMatcher MatcherOf(const Names& names) {
   GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(names);
@@ -199,15 +110,20 @@ class Comparison {
  public:
   explicit Comparison(unsigned int seed)
       : _random(seed),
-        _model(UnrestrictedOf(RandomGroups(_random)), {{"Secure/K", {{"key", "1"}}}}),
+        _model(StoreModel::UnrestrictedOf(RandomGroups(_random)),
+               {{"Secure/K", {{"key", "1"}}}, {"Net/Eth0", {{"y", "loader"}}}}),
         _persister({Text(_model.defaults)}),
         _loader(Text(_model.restricted)) {
     Restart();
   }
 
+  size_t CountAmended() const { return _amended; }
+
   void Step() {
-    const size_t what = _random.Below(100);
-    if (what < 30) {
+    const size_t what = _random.Below(130);
+    if (what >= 100) {
+      Amend();
+    } else if (what < 30) {
       Merge();
     } else if (what < 50) {
       TestAndMerge();
@@ -246,6 +162,17 @@ class Comparison {
     if (holds) Expect(_model.Merge(settings, true));
   }
 
+  void Amend() {
+    const StoreModel::Amendment amendment = RandomAmendment(_random, _model.all);
+    Change change;
+    const bool isMade = _model.Amend(amendment, change);
+    const Amendment request{IniFile(amendment.present), IniFile(amendment.absent), IniFile(amendment.set),
+                            IniFile(amendment.unset), IniFile(amendment.replace)};
+    ASSERT_EQ(_store->Amend(request), isMade);
+    if (isMade) Expect(change);
+    _amended += isMade ? 1 : 0;
+  }
+
   void Overwrite() {
     const Names groups = RandomNames(_random);
     const Groups settings = RandomGroups(_random);
@@ -260,13 +187,13 @@ class Comparison {
   }
 
   void ChangeDefaults() {
-    _model.defaults = UnrestrictedOf(RandomGroups(_random));
+    _model.defaults = StoreModel::UnrestrictedOf(RandomGroups(_random));
     _persister.SetDefaults({Text(_model.defaults)});
   }
 
   void Expect(const Change& change) {
     if (!change.groups.empty()) _expected.push_back(change);
-    const Names network = MatchingOf({"Net", "Net/*"}, GroupsNamed(change.groups));
+    const Names network = StoreModel::MatchingOf({"Net", "Net/*"}, GroupsNamed(change.groups));
     if (!network.empty()) _expectedOfNetwork.push_back(Change{network, change.settings});
   }
 
@@ -280,18 +207,21 @@ class Comparison {
     ASSERT_EQ(AllSettingsOf(*_store), Text(_model.all));
     ASSERT_EQ(UserSettingsOf(*_store), Text(_model.user));
     ASSERT_EQ(_persister.GetSaved(), Text(_model.user));
+    ASSERT_EQ(_store->GetApproximateBytes(),
+              CountBytes(_model.all) + CountBytes(_model.user) + CountBytes(_model.FindHiddenDefaults()) +
+                  CountBytes(WithoutValues(_model.GetUnsaved())) + CountBytes(_model.FindUnrestricted()));
     ASSERT_EQ(_everything.TakeChanges(), std::exchange(_expected, {}));
     ASSERT_EQ(_network.TakeChanges(), std::exchange(_expectedOfNetwork, {}));
     const Names groups = RandomNames(_random);
     IniFile read;
     _store->GetGroups(read, MatcherOf(groups));
     Groups expected;
-    for (const std::string& group : MatchingOf(groups, _model.all)) expected[group] = _model.all[group];
+    for (const std::string& group : StoreModel::MatchingOf(groups, _model.all)) expected[group] = _model.all[group];
     ASSERT_EQ(TextOf(read), Text(expected));
   }
 
   RandomDocuments _random;
-  Model _model;
+  StoreModel _model;
   MemoryPersister _persister;
   MemoryRestrictedLoader _loader;
   RecordingCallback _everything;
@@ -299,6 +229,7 @@ class Comparison {
   std::vector<Change> _expected;
   std::vector<Change> _expectedOfNetwork;
   std::unique_ptr<SettingsManager> _store;
+  size_t _amended = 0;
 };
 
 TEST(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
@@ -309,6 +240,7 @@ TEST(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
       comparison.Step();
       if (testing::Test::HasFatalFailure()) return;
     }
+    EXPECT_GT(comparison.CountAmended(), 50u);
   }
 }
 

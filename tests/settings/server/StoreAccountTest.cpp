@@ -11,6 +11,7 @@
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
 #include "tests/support/RandomDocument.h"
+#include "tests/support/StoreModel.h"
 
 namespace tavix::test {
 
@@ -22,9 +23,17 @@ using settings::server::StoreAccount;
 
 namespace {
 
-// What both documents take, counted anew.
-size_t CountAnew(const SettingsManager& store) {
-  return StoreAccount::Count(DocumentOf(AllSettingsOf(store))) + StoreAccount::Count(DocumentOf(UserSettingsOf(store)));
+size_t Count(const StoreModel::Groups& groups) {
+  return StoreAccount::Count(IniFile(groups));
+}
+
+// What all layers take, counted anew. Of unsaved settings the store keeps the keys.
+size_t CountAnew(const StoreModel& model) {
+  StoreModel::Groups unsaved = model.GetUnsaved();
+  for (auto& group : unsaved) {
+    for (auto& setting : group.second) setting.second.clear();
+  }
+  return Count(model.all) + Count(model.user) + Count(model.FindHiddenDefaults()) + Count(unsaved);
 }
 
 size_t CountKeys(const IniFile& document) {
@@ -61,51 +70,83 @@ IniFile MakeLarge(IniFile document, std::mt19937& random) {
   return document;
 }
 
-void MakeRandomChange(SettingsManager& store, RandomDocuments& documents, std::mt19937& random) {
-  IniFile document(documents.Next());
-  if (random() % 4 == 0) document = MakeLarge(document, random);
-  const std::string group = document.IsEmpty() ? "A" : document.begin()->first;
-  switch (random() % 6) {
-    case 0:
-      return store.OverwriteSettings(std::set<std::string>{group, "A", "N*"}, document);
-    case 1:
-      return store.OverwriteSettings(group, IniFile());
-    case 2:
-      return store.RestoreToDefaults(MatcherOf(random() % 4 == 0 ? "*" : group));
-    case 3:
-      return store.MergeSettings(document, SettingsManager::kNoPersist);
-    case 4:
-      static_cast<void>(store.TestAndMerge(IniFile(), document));
-      return;
-    default:
-      return store.MergeSettings(document, 0);
+// A store and its model, which are changed alike.
+struct ModelledStore {
+  ModelledStore(const StoreModel::Groups& defaults, const std::string& user)
+      : model(defaults, {}), persister({StoreModel::TextOf(defaults)}, user) {
+    model.user = DocumentOf(user).GetGroups();
+    model.Load();
+    store.LoadSettings();
   }
-}
+
+  void MakeRandomChange(RandomDocuments& documents, std::mt19937& random) {
+    IniFile document(documents.Next());
+    if (random() % 4 == 0) document = MakeLarge(document, random);
+    const StoreModel::Groups groups = document.GetGroups();
+    const std::string group = document.IsEmpty() ? "A" : document.begin()->first;
+    switch (random() % 6) {
+      case 0:
+        store.OverwriteSettings(std::set<std::string>{group, "A", "N*"}, document);
+        static_cast<void>(model.Overwrite({group, "A", "N*"}, groups));
+        return;
+      case 1:
+        store.OverwriteSettings(group, IniFile());
+        static_cast<void>(model.Overwrite({group}, {}));
+        return;
+      case 2:
+        return Restore(random() % 4 == 0 ? "*" : group);
+      default:
+        return Merge(document, random() % 3 > 0);
+    }
+  }
+
+  void Restore(const std::string& nameOrPattern) {
+    store.RestoreToDefaults(MatcherOf(nameOrPattern));
+    static_cast<void>(model.Restore({nameOrPattern}));
+  }
+
+  void Merge(const IniFile& document, bool isPersistent) {
+    store.MergeSettings(document, isPersistent ? 0 : SettingsManager::kNoPersist);
+    static_cast<void>(model.Merge(document.GetGroups(), isPersistent));
+  }
+
+  StoreModel model;
+  MemoryPersister persister;
+  SettingsManager store{&persister, nullptr, nullptr, true};
+};
+
+const StoreModel::Groups kDefaults = [] {
+  StoreModel::Groups defaults{{"A", {{"x", "1"}}}, {"Empty", {}}};
+  for (int i = 0; i < 150; ++i) {
+    auto& group = defaults["N" + std::to_string(i)];
+    group = {{"y", "a value that is longer than a string holds in itself"}, {"z", "1"}};
+  }
+  return defaults;
+}();
 
 }  // namespace
 
-TEST(StoreAccount, IsThatOfTheDocumentsAfterAnyChanges) {
+TEST(StoreAccount, IsThatOfTheDocumentsAndWhatTheyHideAfterAnyChanges) {
   RandomDocuments documents(2);
   std::mt19937 random(3);
-  MemoryPersister persister({"[A]\nx=1\n[N1]\ny=a value that is longer than a string holds in itself\n"});
-  SettingsManager store(&persister, nullptr, nullptr, false);
-  ASSERT_EQ(store.GetApproximateBytes(), CountAnew(store));
-  for (int i = 0; i < 500; ++i) {
-    MakeRandomChange(store, documents, random);
-    ASSERT_EQ(store.GetApproximateBytes(), CountAnew(store)) << i;
+  ModelledStore both(kDefaults, "[N1]\nz=2\n[TavixSettings/Data/DeletedGroups]\nN2=N2\n");
+  ASSERT_EQ(both.store.GetApproximateBytes(), CountAnew(both.model));
+  for (int i = 0; i < 300; ++i) {
+    both.MakeRandomChange(documents, random);
+    ASSERT_EQ(AllSettingsOf(both.store), StoreModel::TextOf(both.model.all)) << i;
+    ASSERT_EQ(both.store.GetApproximateBytes(), CountAnew(both.model)) << i;
   }
 }
 
 TEST(StoreAccount, KnowsGroupsKeysAndBytesOfNamesAfterAnyChanges) {
   RandomDocuments documents(5);
   std::mt19937 random(7);
-  MemoryPersister persister({"[A]\nx=1\n[N1]\ny=1\nz=2\n"}, "[B]\nx=1\n[TavixSettings/Data/DeletedGroups]\nC=C\n");
-  SettingsManager store(&persister, nullptr, nullptr, false);
-  ExpectSizesCountedAnew(store);
-  for (int i = 0; i < 500 && !testing::Test::HasFailure(); ++i) {
+  ModelledStore both(kDefaults, "[B]\nx=1\n[TavixSettings/Data/DeletedGroups]\nC=C\n");
+  ExpectSizesCountedAnew(both.store);
+  for (int i = 0; i < 300 && !testing::Test::HasFailure(); ++i) {
     SCOPED_TRACE(i);
-    MakeRandomChange(store, documents, random);
-    ExpectSizesCountedAnew(store);
+    both.MakeRandomChange(documents, random);
+    ExpectSizesCountedAnew(both.store);
   }
 }
 

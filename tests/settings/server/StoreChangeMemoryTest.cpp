@@ -153,10 +153,12 @@ class SmallStore {
 
   Outcome GetOutcome() const {
     const osa::ReadAutoLock lock(_documents.GetLock());
-    const size_t bytes = StoreAccount::Count(_documents.GetAll()) + StoreAccount::Count(_documents.GetUser());
+    const auto& hidden = _documents.GetHidden();
+    const size_t bytes = StoreAccount::Count(_documents.GetAll()) + StoreAccount::Count(_documents.GetUser()) +
+                         StoreAccount::Count(hidden.defaults) + StoreAccount::Count(hidden.unsaved);
     EXPECT_EQ(_documents.GetAccount().GetBytes(), bytes);
     StoreAccount counted;
-    counted.CountAnew(_documents.GetAll(), _documents.GetUser());
+    counted.CountAnew(_documents.GetAll(), _documents.GetUser(), hidden);
     EXPECT_EQ(_documents.GetAccount().GetUserTally().CountKeys(), counted.GetUserTally().CountKeys());
     EXPECT_EQ(_documents.GetAccount().GetAllTally().CountNameBytes(), counted.GetAllTally().CountNameBytes());
     return {TextOf(_documents.GetAll()), TextOf(_documents.GetUser()), bytes, _callback.Get(), _persister.saves};

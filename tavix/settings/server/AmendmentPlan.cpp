@@ -1,0 +1,312 @@
+#include "tavix/settings/server/AmendmentPlan.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "tavix/settings/Amendment.h"
+
+namespace tavix::settings::server {
+
+using common::GroupNameMatcher;
+using core::IniFile;
+using Keys = IniFile::KeyMap;
+using Names = std::set<std::string>;
+
+namespace {
+
+bool ShareGroup(const IniFile& one, const IniFile& other) {
+  return std::any_of(one.begin(), one.end(), [&](const auto& group) { return other.HasGroup(group.first); });
+}
+
+// Whether a key is in both, or a group of "unset" that stands for all its keys is in "set".
+bool SetsWhatItUnsets(const IniFile& set, const IniFile& unset) {
+  return std::any_of(unset.begin(), unset.end(), [&](const auto& group) {
+    const Keys* const keys = FindKeys(set, group.first);
+    if (!keys || group.second.empty()) return keys != nullptr;
+    return std::any_of(keys->begin(), keys->end(),
+                       [&](const auto& setting) { return group.second.count(setting.first) != 0; });
+  });
+}
+
+bool IsAnySet(const IniFile& all, const IniFile& absent) {
+  return std::any_of(absent.begin(), absent.end(), [&](const auto& group) {
+    const Keys* const keys = FindKeys(all, group.first);
+    if (!keys || group.second.empty()) return keys != nullptr;
+    return std::any_of(group.second.begin(), group.second.end(),
+                       [&](const auto& setting) { return keys->count(setting.first) != 0; });
+  });
+}
+
+void AddKeys(Names& names, const Keys* keys) {
+  if (!keys) return;
+  for (const auto& setting : *keys) names.insert(setting.first);
+}
+
+}  // namespace
+
+// One touched group: its layers as they are, and what the amendment makes of its user settings.
+struct AmendmentPlan::Group {
+  const std::string& name;
+  const GroupLayers layers;
+  const bool isWhole;
+  const bool isDeleted;
+  const Keys* const replace;
+  const Keys* const set;
+  const Keys* const unset;
+
+  std::ptrdiff_t seen = 0;     // keys that readers see then
+  size_t unhidden = 0;         // hidden defaults that readers see then
+  bool hidesDefaults = false;  // others than before
+  size_t saved = 0;            // unsaved keys that are not any more
+
+  const std::string* FindUser(const std::string& key) const {
+    if (replace) return FindValue(replace, key);
+    if (const std::string* value = FindValue(set, key)) return value;
+    return !unset || (!unset->empty() && unset->count(key) == 0) ? FindValue(layers.user, key) : nullptr;
+  }
+
+  // Whether the user settings have the group then: it goes with its last key, unless it had none before.
+  bool HasUser() const {
+    if (replace) return !replace->empty();
+    if (set || !layers.user) return set != nullptr;
+    if (unset && unset->empty()) return false;
+    return layers.user->empty() || std::any_of(layers.user->begin(), layers.user->end(),
+                                               [&](const auto& setting) { return FindUser(setting.first) != nullptr; });
+  }
+
+  // What readers see then.
+  const std::string* FindSeen(const std::string& key) const {
+    if (const std::string* value = FindValue(layers.restricted, key)) return value;
+    if (const std::string* value = FindUser(key)) return value;
+    return isDeleted ? nullptr : layers.FindDefault(key);
+  }
+
+  Names FindTouchedKeys() const {
+    Names keys;
+    for (const Keys* some : {replace, set, unset}) AddKeys(keys, some);
+    if (!isWhole) return keys;
+    for (const Keys* some : {layers.all, layers.user, layers.hiddenDefaults, layers.restricted}) AddKeys(keys, some);
+    return keys;
+  }
+};
+
+AmendmentPlan::AmendmentPlan(const Amendment& amendment)
+    : _amendment(amendment), _set(amendment.set), _unset(amendment.unset), _replace(amendment.replace) {}
+
+bool AmendmentPlan::IsSound() const {
+  const IniFile& replace = _replace.Get();
+  const bool hasPattern = std::any_of(replace.begin(), replace.end(),
+                                      [](const auto& group) { return DeletedGroupsRecord::IsPattern(group.first); });
+  return !hasPattern && !ShareGroup(replace, _set.Get()) && !ShareGroup(replace, _unset.Get()) &&
+         !SetsWhatItUnsets(_set.Get(), _unset.Get());
+}
+
+bool AmendmentPlan::Make(const StoreDocuments& documents) {
+  if (!Holds(documents.GetAll())) return false;
+  EditRecord(documents);
+  if (!IsSeenAgain(documents)) return false;
+  FindTouched(documents);
+  for (const Names* names : {&_whole, &_keyed}) {
+    for (const std::string& name : *names) {
+      Group group = MakeGroup(documents, name);
+      EditGroup(group);
+    }
+  }
+  SaveRecord(documents.GetRecordGroup());
+  FindSaved(documents.GetRecordGroup());
+  return true;
+}
+
+bool AmendmentPlan::Holds(const IniFile& all) const {
+  return all.ContainsSettings(_amendment.present) && !IsAnySet(all, _amendment.absent);
+}
+
+// In the order of the changes: replace, set, unset.
+void AmendmentPlan::EditRecord(const StoreDocuments& documents) {
+  const std::string& own = documents.GetRecordGroup();
+  RecordEdit& record = _record.emplace(documents.GetRecord(), documents.GetRecord().MembersOf(documents.GetUser()));
+  if (const Keys* members = FindKeys(_replace.Get(), own)) record.Replace(*members);
+  for (const auto& group : _replace.Get()) {
+    if (group.first != own) record.Add(group.first);
+  }
+  if (const Keys* members = FindKeys(_set.Get(), own)) {
+    for (const auto& [key, member] : *members) record.Set(key, member);
+  }
+  for (const auto& [name, keys] : _unset.Get()) {
+    if (name == own && keys.empty()) {
+      record.Replace({});
+    } else if (name == own) {
+      for (const auto& setting : keys) record.Erase(setting.first);
+    } else if (keys.empty()) {
+      record.EraseMember(name);
+    }
+  }
+}
+
+// Whether no recorded pattern hides a group of which all user values leave. A pattern that leaves is no group.
+bool AmendmentPlan::IsSeenAgain(const StoreDocuments& documents) const {
+  Names names;
+  for (const auto& [name, keys] : _unset.Get()) {
+    const bool isPattern = DeletedGroupsRecord::IsPattern(name) && _record->HeldBefore(name);
+    if (keys.empty() && !isPattern && name != documents.GetRecordGroup()) names.insert(name);
+  }
+  Names hidden;
+  if (!names.empty()) _record->FindPatterns().GetMatchingGroups(names, hidden);
+  return hidden.empty();
+}
+
+void AmendmentPlan::FindTouched(const StoreDocuments& documents) {
+  for (const auto& group : _replace.Get()) _whole.insert(group.first);
+  for (const auto& group : _set.Get()) _keyed.insert(group.first);
+  for (const auto& [name, keys] : _unset.Get()) (keys.empty() ? _whole : _keyed).insert(name);
+  if (!_record->GetTouched().empty()) AddDeletedOrBack(documents);
+  _whole.erase(documents.GetRecordGroup());
+  for (const std::string& name : _whole) _keyed.erase(name);
+  _keyed.erase(documents.GetRecordGroup());
+  const GroupNameMatcher patterns = _record->FindPatterns();
+  for (const Names* names : {&_whole, &_keyed}) {
+    patterns.GetMatchingGroups(*names, _deleted);
+    std::copy_if(names->begin(), names->end(), std::inserter(_deleted, _deleted.end()),
+                 [&](const std::string& name) { return _record->Holds(name); });
+  }
+}
+
+// Groups whose defaults come or go by what joins or leaves the record.
+void AmendmentPlan::AddDeletedOrBack(const StoreDocuments& documents) {
+  GroupNameMatcher touched;
+  touched.AddNamesAndPatterns(_record->GetTouched());
+  Names names;
+  touched.GetMatchingGroups(documents.GetAll(), names);
+  touched.GetMatchingGroups(documents.GetHidden().defaults, names);
+  Names before;
+  Names after;
+  _record->FindPatternsBefore().GetMatchingGroups(names, before);
+  _record->FindPatterns().GetMatchingGroups(names, after);
+  for (const std::string& name : names) {
+    const bool wasDeleted = before.count(name) != 0 || _record->HeldBefore(name);
+    const bool isDeleted = after.count(name) != 0 || _record->Holds(name);
+    if (wasDeleted != isDeleted && documents.IsLayered(name) && documents.FindLayers(name).HasDefaults())
+      _whole.insert(name);
+  }
+}
+
+AmendmentPlan::Group AmendmentPlan::MakeGroup(const StoreDocuments& documents, const std::string& name) const {
+  const GroupLayers layers = documents.FindLayers(name);
+  Group group{name,
+              layers,
+              _whole.count(name) != 0,
+              _deleted.count(name) != 0,
+              FindKeys(_replace.Get(), name),
+              FindKeys(_set.Get(), name),
+              FindKeys(_unset.Get(), name)};
+  group.seen = layers.all ? static_cast<std::ptrdiff_t>(layers.all->size()) : 0;
+  return group;
+}
+
+void AmendmentPlan::EditGroup(Group& group) {
+  for (const std::string& key : group.FindTouchedKeys()) {
+    EditKey(group, key);
+    EditUserKey(group, key);
+  }
+  EndGroup(group);
+  EndHidden(group);
+}
+
+void AmendmentPlan::EditKey(Group& group, const std::string& key) {
+  const std::string* const before = FindValue(group.layers.all, key);
+  const std::string* const after = group.FindSeen(key);
+  if (after && !(before && *before == *after)) {
+    _edits.all.Set(group.name, key, *after);
+    _changed[group.name][key] = *after;
+  } else if (before && !after) {
+    _edits.all.Erase(group.name, key);
+    _changed[group.name];
+  }
+  group.seen += (after ? 1 : 0) - (before ? 1 : 0);
+  const std::string* const standard = group.layers.FindDefault(key);
+  const bool isHidden = FindValue(group.layers.hiddenDefaults, key) != nullptr;
+  if (standard && standard == after && isHidden) {
+    _edits.hiddenDefaults.Erase(group.name, key);
+    ++group.unhidden;
+  } else if (standard && standard != after && !isHidden) {
+    _edits.hiddenDefaults.Set(group.name, key, *standard);
+    group.hidesDefaults = true;
+  }
+  if (!FindValue(group.layers.unsaved, key)) return;
+  _edits.unsaved.Erase(group.name, key);
+  ++group.saved;
+}
+
+void AmendmentPlan::EditUserKey(const Group& group, const std::string& key) {
+  const std::string* const before = FindValue(group.layers.user, key);
+  const std::string* const after = group.FindUser(key);
+  if (after && !(before && *before == *after)) {
+    _edits.user.Set(group.name, key, *after);
+  } else if (before && !after) {
+    _edits.user.Erase(group.name, key);
+  }
+}
+
+// Whether the group is there, for readers and in the user settings.
+void AmendmentPlan::EndGroup(const Group& group) {
+  const GroupLayers& layers = group.layers;
+  const bool hasUser = group.HasUser();
+  if (layers.user && !hasUser) _edits.user.RemoveGroup(group.name);
+  if (!layers.user && hasUser) _edits.user.Create(group.name);
+  if (_edits.user.Touches(group.name)) _different.insert(group.name);
+  const bool isSeen = group.seen > 0 || hasUser || layers.restricted || (!group.isDeleted && layers.HasDefaults());
+  if (layers.all && !isSeen) {
+    _edits.all.RemoveGroup(group.name);
+    _changed.RemoveGroup(group.name);
+    _gone.insert(group.name);
+  } else if (!layers.all && isSeen) {
+    _edits.all.Create(group.name);
+    _changed[group.name];
+  }
+}
+
+// Without a mark, a group of the defaults that has no keys can't be told from one of another layer.
+void AmendmentPlan::EndHidden(const Group& group) {
+  const GroupLayers& layers = group.layers;
+  const bool isGone = _gone.count(group.name) != 0;
+  const bool isSaved =
+      layers.unsaved && (group.isWhole || isGone || (group.saved > 0 && group.saved == layers.unsaved->size()));
+  if (isSaved) _edits.unsaved.RemoveGroup(group.name);
+  const bool isOthers = group.isDeleted || group.HasUser() || layers.restricted || (layers.unsaved && !isSaved);
+  if (layers.IsUnmarkedEmptyDefault() && isOthers) _edits.hiddenDefaults.Create(group.name);
+  if (!layers.hiddenDefaults || group.hidesDefaults || group.unhidden != layers.hiddenDefaults->size()) return;
+  if (group.unhidden > 0 || !isOthers) _edits.hiddenDefaults.RemoveGroup(group.name);
+}
+
+void AmendmentPlan::SaveRecord(const std::string& group) {
+  for (const auto& [key, member] : _record->GetSet()) _edits.user.Set(group, key, member);
+  for (const std::string& key : _record->GetErased()) _edits.user.Erase(group, key);
+  if (_record->IsEmptied()) _edits.user.RemoveGroup(group);
+  if (!_record->OnlyAdds()) {
+    _different.insert(group);
+  } else if (!_record->GetSet().empty()) {
+    _addedMembers[group] = _record->GetSet();
+  }
+}
+
+std::ptrdiff_t AmendmentPlan::CountGrowth(const StoreDocuments& documents) const {
+  return _edits.all.CountGrowth(documents.GetAll()) + _edits.user.CountGrowth(documents.GetUser());
+}
+
+std::ptrdiff_t AmendmentPlan::CountHiddenGrowth(const StoreDocuments& documents) const {
+  const HiddenLayers& hidden = documents.GetHidden();
+  return _edits.hiddenDefaults.CountGrowth(hidden.defaults) + _edits.unsaved.CountGrowth(hidden.unsaved);
+}
+
+void AmendmentPlan::FindSaved(const std::string& recordGroup) {
+  for (const auto& group : _changed) _different.insert(group.first);
+  _different.insert(_gone.begin(), _gone.end());
+  if (!_different.empty() || !_addedMembers.IsEmpty()) return;
+  _held.emplace();
+  for (const IniFile* document : {&_set.Get(), &_unset.Get(), &_replace.Get()}) {
+    for (const auto& group : *document) _held->AddNameOrPattern(group.first);
+  }
+  _held->AddNameOrPattern(recordGroup);
+}
+
+}  // namespace tavix::settings::server

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/DocumentEdit.h"
+#include "tavix/settings/server/HiddenLayers.h"
+#include "tavix/settings/server/RecordEdit.h"
+#include "tavix/settings/server/StoreDocuments.h"
+#include "tavix/settings/server/UnrestrictedPart.h"
+
+namespace tavix::settings {
+struct Amendment;
+}
+
+namespace tavix::settings::server {
+
+// What an amendment changes in the documents of a store. Each key that it touches is computed anew from all layers, as
+// the next start would do it: restricted settings, then user settings, then the defaults unless the record deletes
+// their group. What it touches are the keys that it names and, of groups that it names as a whole or whose defaults
+// come or go by the record, all. It changes nothing; that is StoreChange's work.
+//
+// In order: IsSound; then, in one hold of the write lock, Make and what it found.
+//
+// Threads: one at a time.
+// Errors:  std::bad_alloc.
+class AmendmentPlan {
+ public:
+  // amendment: outlives the object.
+  explicit AmendmentPlan(const Amendment& amendment);
+
+  AmendmentPlan(const AmendmentPlan&) = delete;
+  AmendmentPlan& operator=(const AmendmentPlan&) = delete;
+
+  // False: the amendment contradicts itself.
+  [[nodiscard]] bool IsSound() const;
+
+  // False: a condition does not hold, or a recorded pattern hides what is to show again. documents: do not change until
+  // the plan is carried out.
+  [[nodiscard]] bool Make(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
+
+  // What the documents lose and get.
+  struct Edits {
+    DocumentEdit all;
+    DocumentEdit user;
+    DocumentEdit hiddenDefaults;
+    DocumentEdit unsaved;
+  };
+  Edits& GetEdits() { return _edits; }
+  RecordEdit& GetRecord() { return *_record; }
+
+  // By how many bytes the store grows, as its account counts them; and what it hides.
+  std::ptrdiff_t CountGrowth(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
+  std::ptrdiff_t CountHiddenGrowth(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
+
+  // What readers see differently: groups that are gone, and those that stay with their new values.
+  std::set<std::string>& GetGone() { return _gone; }
+  const core::IniFile& GetChanged() const { return _changed; }
+
+  // What is to be saved: groups of the user settings that differ, or that readers see differently; and the members that
+  // the record got, when it got members only.
+  const std::set<std::string>& GetDifferent() const { return _different; }
+  const core::IniFile& GetAddedMembers() const { return _addedMembers; }
+
+  // The groups that it names, when nothing is to be saved: the user settings hold all of it already.
+  const std::optional<common::GroupNameMatcher>& GetHeld() const { return _held; }
+
+ private:
+  struct Group;
+
+  bool Holds(const core::IniFile& all) const;
+  void EditRecord(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
+  bool IsSeenAgain(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
+  void FindTouched(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
+  void AddDeletedOrBack(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
+  void SaveRecord(const std::string& group);
+  void FindSaved(const std::string& recordGroup);
+  Group MakeGroup(const StoreDocuments& documents, const std::string& name) const
+      TAVIX_REQUIRES_SHARED(documents.GetLock());
+  void EditGroup(Group& group);
+  void EditKey(Group& group, const std::string& key);
+  void EditUserKey(const Group& group, const std::string& key);
+  void EndGroup(const Group& group);
+  void EndHidden(const Group& group);
+
+  const Amendment& _amendment;
+  const UnrestrictedPart _set;
+  const UnrestrictedPart _unset;
+  const UnrestrictedPart _replace;
+
+  std::optional<RecordEdit> _record;
+  std::set<std::string> _whole;    // groups of which every key is touched
+  std::set<std::string> _keyed;    // further groups, of which only named keys are
+  std::set<std::string> _deleted;  // of all these, those that the record deletes once the plan is carried out
+  Edits _edits;
+  std::set<std::string> _gone;
+  core::IniFile _changed;
+  std::set<std::string> _different;
+  core::IniFile _addedMembers;
+  std::optional<common::GroupNameMatcher> _held;
+};
+
+}  // namespace tavix::settings::server
