@@ -2,7 +2,8 @@
 # distribution:
 #
 #     library      the shared library
-#     development  the static library, the headers that users include, and what find_package and pkg-config ask for
+#     development  the static library, the headers that users include, what find_package and pkg-config ask for, and the
+#                  man page of the C interface
 #     server       the daemon, its man pages, and what starts it
 #     tools        the command, its completions and its man pages
 #     python       the Python package

@@ -244,8 +244,8 @@ TAVIX_C_API int32_t tavix_watch_fd(tavix_watch* watch, int32_t* fd, tavix_error*
 
 // Gives the next change, valid until the next call with the watch. timeout_ms: 0 does not wait for one; TAVIX_FOREVER.
 // TAVIX_TIMEOUT: there was none. A call in which the connection is made again may take longer, by the time-out of
-// tavix_watch_open at most; if it can't be made, later calls try again, after 0.1 to 5 s each. After any other code the
-// watch goes on, and misses nothing.
+// tavix_watch_open to connect and once more to read; if that fails, later calls try again, after 0.1 to 5 s each. After
+// any other code the watch goes on, and misses nothing.
 TAVIX_C_API int32_t tavix_watch_next(tavix_watch* watch, int32_t timeout_ms, const tavix_change** change,
                                      tavix_error* error);
 
