@@ -72,6 +72,8 @@ set(internal_headers
     tavix/settings/server/ChangeRecorder.h
     tavix/settings/server/ChangeRequest.h
     tavix/settings/server/ClientHandlerDispatcher.h
+    tavix/settings/server/ClientHandlerRequests.h
+    tavix/settings/server/ClientState.h
     tavix/settings/server/CommandTable.h
     tavix/settings/server/DeletedGroupsRecord.h
     tavix/settings/server/DocumentChange.h
@@ -84,6 +86,7 @@ set(internal_headers
     tavix/settings/server/HandlerCounts.h
     tavix/settings/server/HiddenChange.h
     tavix/settings/server/HiddenLayers.h
+    tavix/settings/server/InfoText.h
     tavix/settings/server/MessageWriter.h
     tavix/settings/server/NoticeRound.h
     tavix/settings/server/NoticeText.h

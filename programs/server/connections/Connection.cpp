@@ -43,7 +43,7 @@ void DropInput(int descriptor) {
 
 }  // namespace
 
-Connection::Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
+Connection::Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared)
     : _socket(Adopt(descriptor)),
       _descriptor(_socket->GetDescriptor()),
       _poll(poll),
@@ -51,12 +51,13 @@ Connection::Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const
       _turnMilliseconds(shared.turnMilliseconds),
       _limits(shared.limits),
       _lane(shared.lane),
-      _report(_descriptor, shared.counters, shared.limits),
+      _report(peer, shared.counters, shared.limits),
       _inputPart(shared.bounds.requests, _descriptor),
       _output(std::make_shared<OutputQueue>(
           _descriptor, OutputQueue::Bounds{_limits.hardBacklogBytes, _limits.heldBacklogBytes, shared.bounds.backlog},
           shared.gate, [this] { OnKept(); })),
       _handler(std::in_place, shared.env, &_request, _output.get()) {
+  _handler->SetClient(peer.identity, std::move(peer.groups));
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.ptr = this;

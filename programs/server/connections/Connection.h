@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "programs/server/connections/ConnectionReport.h"
 #include "programs/server/connections/OpeningGuard.h"
@@ -18,6 +19,7 @@
 #include "programs/server/connections/Turn.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
+#include "programs/server/system/Peer.h"
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/PlainMutex.h"
@@ -68,7 +70,8 @@ class Connection : private SlowLane::IJob {
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
   // that wakes the loop when bytes are kept.
-  Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared);
+  Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
+      : Connection(Peer(descriptor.Get()), std::move(descriptor), poll, wakeLoop, shared) {}
 
   // What was not sent is gone. What the kernel still has to send goes out all the same. Logs why it ends, if a bound is
   // passed. Waits until the lane has finished with it.
@@ -149,6 +152,8 @@ class Connection : private SlowLane::IJob {
     bool reads = true;
     bool writes = false;
   };
+
+  Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared);
 
   bool TakeInput(std::string_view received);
   bool HandleRequests(std::string_view received, size_t& handled);

@@ -2,7 +2,6 @@
 
 #include "programs/server/connections/CutText.h"
 #include "programs/server/connections/LogPeer.h"
-#include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
@@ -16,8 +15,8 @@ core::Logger* Log() {
 
 }  // namespace
 
-ConnectionReport::ConnectionReport(int descriptor, Counters& counters, const Limits& limits)
-    : _counters(counters), _limits(limits), _peer(PeerName(descriptor)), _logPeer(PeerWithoutPort(descriptor)) {}
+ConnectionReport::ConnectionReport(const Peer& peer, Counters& counters, const Limits& limits)
+    : _counters(counters), _limits(limits), _peer(peer.name), _logPeer(peer.lasting) {}
 
 void ConnectionReport::Connect() noexcept {
   Inform("connected");

@@ -8,6 +8,7 @@
 
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Limits.h"
+#include "programs/server/system/Peer.h"
 #include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::daemon {
@@ -19,8 +20,7 @@ namespace tavix::daemon {
 // Errors:  a line that can't be written for want of memory is left out, and counted all the same.
 class ConnectionReport {
  public:
-  // descriptor: the connected socket.
-  ConnectionReport(int descriptor, Counters& counters, const Limits& limits);
+  ConnectionReport(const Peer& peer, Counters& counters, const Limits& limits);
 
   // What the log calls the peer.
   const std::string& GetPeer() const { return _peer; }

@@ -53,14 +53,20 @@ std::optional<ucred> FindPeerProcess(int descriptor) {
 }
 
 std::string PeerWithoutPort(int descriptor) {
-  if (const std::optional<ucred> peer = FindPeerProcess(descriptor)) return "user " + std::to_string(peer->uid);
-  const std::string name = PeerName(descriptor);
-  return name.substr(0, name.rfind(':'));
+  const std::optional<ucred> process = FindPeerProcess(descriptor);
+  return PeerWithoutPort(process, PeerName(descriptor, process));
+}
+
+std::string PeerWithoutPort(const std::optional<ucred>& process, const std::string& name) {
+  return process ? "user " + std::to_string(process->uid) : name.substr(0, name.rfind(':'));
 }
 
 std::string PeerName(int descriptor) {
-  if (const std::optional<ucred> peer = FindPeerProcess(descriptor))
-    return "user " + std::to_string(peer->uid) + " process " + std::to_string(peer->pid);
+  return PeerName(descriptor, FindPeerProcess(descriptor));
+}
+
+std::string PeerName(int descriptor, const std::optional<ucred>& process) {
+  if (process) return "user " + std::to_string(process->uid) + " process " + std::to_string(process->pid);
   sockaddr_storage peer{};
   socklen_t size = sizeof peer;
   if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return "?";

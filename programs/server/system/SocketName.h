@@ -16,8 +16,12 @@ bool IsLocal(const sockaddr* address);
 // The far end of a connected socket, for log lines: its address, or user and process of a unix socket.
 std::string PeerName(int descriptor);
 
+// The same, for a caller that knows the process already.
+std::string PeerName(int descriptor, const std::optional<ucred>& process);
+
 // The far end without what changes when it connects again: its address without the port, or the user of a unix socket.
 std::string PeerWithoutPort(int descriptor);
+std::string PeerWithoutPort(const std::optional<ucred>& process, const std::string& name);
 
 // Who connected, as the kernel saw it then. None when the socket is no unix socket.
 std::optional<ucred> FindPeerProcess(int descriptor);

@@ -5,6 +5,7 @@ namespace tavix::settings::client::protocol {
 
 constexpr char kGet[] = "get";
 constexpr char kMerge[] = "merge";
+constexpr char kNote[] = "note";
 constexpr char kTestAndMerge[] = "test-and-merge";
 constexpr char kOverwrite[] = "overwrite";
 constexpr char kRestore[] = "restore";
@@ -19,6 +20,9 @@ constexpr char kNoPersist[] = "nopersist";
 constexpr char kAll[] = "all";
 constexpr char kSubscribed[] = "subscribed";
 constexpr char kServer[] = "server";
+constexpr char kFeatures[] = "features";
+constexpr char kWhoami[] = "whoami";
+constexpr char kRefused[] = "refused";
 
 constexpr char kData[] = "data";
 constexpr char kResult[] = "result";

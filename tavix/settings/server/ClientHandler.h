@@ -12,6 +12,7 @@
 #include "tavix/osa/Export.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/IExtraCommands.h"
 #include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::core {
@@ -22,6 +23,7 @@ class ViewIstream;
 
 namespace tavix::settings::server {
 
+class ClientState;
 class CommandTable;
 class IClientOutput;
 class IServerInfo;
@@ -30,6 +32,7 @@ class OwnSubscriptions;
 class RequestInput;
 class SerializationManager;
 class SettingsManager;
+struct ClientIdentity;
 struct ServerEnv;
 
 // Serves one connection: reads requests, carries them out on the store, writes replies, and writes a notice when groups
@@ -61,6 +64,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
 
   ClientHandler(const ClientHandler&) = delete;
   ClientHandler& operator=(const ClientHandler&) = delete;
+
+  // Who the client is, before the first request; groups: its others. By default it is in the store's own process.
+  void SetClient(const ClientIdentity& client, std::vector<gid_t> groups);
 
   // Handles requests until the client quits or the input ends, then ends the subscription.
   void Run();
@@ -138,14 +144,20 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void ChangeSerialization(std::string_view args);
   void RestoreDefaults(std::string_view args);
   void Info(std::string_view args);
+  void TakeNote(std::string_view args);
 
   template <class Groups>
   void RequireShortNotices(const Groups& changed) const;
   template <class Change>
-  bool CarryOut(Change change);
+  bool CarryOut(std::string_view command, Change change);
+  void ReportRestricted(const std::string* group);
   void NoteChange(const char* command, const std::set<std::string>& removed, const core::IniFile& settings);
   void ShowSubscribed();
-  void ShowServer();
+  void ShowLines(std::string_view title, std::string_view lines);
+  const IExtraCommands::Command* FindExtra(std::string_view word) const;
+  bool IsLongExtra(std::string_view request) const;
+  void CarryOutExtra(std::string_view word, std::string_view args, bool isChange);
+  void WriteAnswer(const IExtraCommands::Answer& answer);
   bool HandleLine();
   void ForgetOutcome();
   void DumpInParts(bool all);
@@ -171,7 +183,9 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const size_t _maxPatterns;
   const unsigned long long _maxMatchingWork;
   const size_t _maxNameBytes;
-  const IServerInfo* const _serverInfo;          // may be null
+  const IServerInfo* const _serverInfo;  // may be null
+  IExtraCommands* const _extraCommands;  // may be null
+  const std::unique_ptr<ClientState> _client;
   const std::shared_ptr<MessageWriter> _writer;  // a thread that makes a change may hold it for a while longer
   const std::unique_ptr<OwnSubscriptions> _subscriptions;
 

@@ -24,6 +24,7 @@ const CommandTable::Command CommandTable::kCommands[] = {
     {protocol::kGet, "l", Duration::kBySize, Effect::kNone, &ClientHandler::GetSections},
     {protocol::kInfo, "", Duration::kIfSubscribed, Effect::kNone, &ClientHandler::Info},
     {protocol::kMerge, "p", Duration::kBySize, Effect::kNone, &ClientHandler::Merge},
+    {protocol::kNote, "", Duration::kBySize, Effect::kNone, &ClientHandler::TakeNote},
     {protocol::kOverwrite, "lp", Duration::kByPattern, Effect::kNone, &ClientHandler::Overwrite},
     {protocol::kQuit, "", Duration::kBySize, Effect::kNone, &ClientHandler::Quit},
     {protocol::kRestore, "l", Duration::kLong, Effect::kNone, &ClientHandler::RestoreDefaults},

@@ -4,6 +4,7 @@
 
 namespace tavix::settings::server {
 
+class IExtraCommands;
 class IMessageObserver;
 class IServerInfo;
 class SerializationManager;
@@ -45,6 +46,9 @@ struct ServerEnv {
 
   // What `info server` answers with; null: nothing.
   const IServerInfo* serverInfo = nullptr;
+
+  // Further requests of one line; null: there are none, and their words are unknown commands.
+  IExtraCommands* extraCommands = nullptr;
 };
 
 }  // namespace tavix::settings::server

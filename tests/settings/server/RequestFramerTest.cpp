@@ -21,6 +21,7 @@ const std::vector<std::string> kIniSession{
     " subscribe\r\nA\n..\n. \n.\n",
     "overwrite\nA\n.\n[A]\n.x=1\n.\n",
     "restore\n.\n",
+    "note overwrite\n",
     "serialize\tini\n",
     "serialize nonsense\n",
     "info subscribed\n",
@@ -45,6 +46,7 @@ const std::vector<std::string> kPhpArraySession{
     "subscribe\nA\n.\n",
     "restore\nA*\n.\n",
     "info subscribed\n",
+    "note a:1:{\n",
     "dump\n",
     "bogus\n",
     "quit\n",
@@ -103,8 +105,8 @@ TEST(RequestFramer, FindsARequestThatComesInThreePiecesWhereverItIsCut) {
 }
 
 TEST(RequestFramer, SessionsHoldEveryCommand) {
-  for (const char* word :
-       {"quit", "dump", "merge", "test-and-merge", "subscribe", "get", "overwrite", "serialize", "restore", "info"}) {
+  for (const char* word : {"quit", "dump", "merge", "test-and-merge", "subscribe", "get", "overwrite", "serialize",
+                           "restore", "info", "note"}) {
     const auto isIt = testing::Contains(testing::ContainsRegex(std::string("^ ?") + word + "[ \n\t\r]"));
     EXPECT_THAT(kIniSession, isIt);
     EXPECT_THAT(kPhpArraySession, isIt);

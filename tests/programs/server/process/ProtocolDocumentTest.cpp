@@ -101,9 +101,10 @@ TEST(ProtocolDocument, EveryRequestHasATranscript) {
       if (line.sign == Sign::kSent) sent.insert(line.text);
     }
   }
-  for (const char* request : {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n",
-                              "overwrite\n", "restore\n", "subscribe\n", "serialize ini\n", "serialize phparray\n",
-                              "dump\n", "dump all\n", "info subscribed\n", "quit\n"})
+  for (const char* request :
+       {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n", "overwrite\n", "restore\n",
+        "subscribe\n", "serialize ini\n", "serialize phparray\n", "dump\n", "dump all\n", "info subscribed\n",
+        "info features\n", "info whoami\n", "info refused\n", "quit\n"})
     EXPECT_THAT(sent, testing::Contains(request));
 }
 

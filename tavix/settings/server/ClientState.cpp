@@ -1,0 +1,54 @@
+#include "tavix/settings/server/ClientState.h"
+
+#include <utility>
+
+#include "tavix/settings/server/InfoText.h"
+
+namespace tavix::settings::server {
+
+using core::IniFile;
+
+void ClientState::SetIdentity(const ClientIdentity& identity, std::vector<gid_t> groups) {
+  _identity = identity;
+  _groups = std::move(groups);
+}
+
+void ClientState::AddIdentity(IniFile::KeyMap& lines) const {
+  lines["connection"] = ClientIdentity::NameOf(_identity.connection);
+  if (_identity.connection == ClientIdentity::Connection::kTcp) lines["user"] = "nobody";
+  if (_identity.user != ClientIdentity::kNoUser) lines["user"] = std::to_string(_identity.user);
+  if (_identity.group != ClientIdentity::kNoGroup) lines["group"] = std::to_string(_identity.group);
+  if (_identity.process != ClientIdentity::kNoProcess) lines["process"] = std::to_string(_identity.process);
+  if (_groups.empty()) return;
+  std::string& groups = lines["groups"];
+  for (const gid_t group : _groups) groups.append(groups.empty() ? 0 : 1, ',').append(std::to_string(group));
+}
+
+bool ClientState::TakeNote(std::string_view text) {
+  _reason.clear();
+  _isNoteRefused = text.size() > kMaxNoteBytes;
+  if (_isNoteRefused) {
+    Refuse("bound: a note of " + std::to_string(text.size()) + " bytes is longer than the " +
+           std::to_string(kMaxNoteBytes) + " allowed");
+  } else {
+    _note = text;
+  }
+  return !_isNoteRefused;
+}
+
+ChangeOrigin ClientState::BeginChange(std::string_view command) {
+  if (!std::exchange(_isNoteRefused, false)) _reason.clear();
+  _changeNote.clear();
+  _changeNote.swap(_note);
+  return {_identity, command, _changeNote};
+}
+
+void ClientState::Refuse(std::string_view reason) {
+  _reason = CutText(reason, kMaxReasonBytes);
+}
+
+void ClientState::TakeReason(IniFile::KeyMap& lines) {
+  if (!_reason.empty()) lines["reason"] = std::exchange(_reason, {});
+}
+
+}  // namespace tavix::settings::server
