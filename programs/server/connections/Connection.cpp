@@ -70,9 +70,10 @@ Connection::Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wa
 
 // The handler goes first: until it has, a notice may be written. A socket that is closed with bytes unread is reset,
 // which would take back replies that are still on their way. So what came behind the last request is dropped, as far as
-// it is there, and bounded. However it was found that a bound was passed, it is logged here.
+// it is there, and bounded. However it was found that a bound was passed, it is logged here. The lane is asked also
+// when its work was taken back: it may not have written the loop's event yet, which the loop closes after this.
 Connection::~Connection() {
-  if (IsInLane() && _lane) _lane->Withdraw(*this);
+  if (_lane) _lane->Withdraw(*this);
   _handler.reset();
   ReportEnd();
   _report.Disconnect();

@@ -54,13 +54,14 @@ SlowLane::IJob* SlowLane::AwaitJob() {
   return job;
 }
 
+// The event first: once a job no longer runs, its owner may close it.
 void SlowLane::EndJob(int doneEvent) {
   {
     osa::PlainMutexLock lock(_mutex);
+    eventfd_write(doneEvent, 1);
     _running = nullptr;
   }
   _ended.notify_all();
-  eventfd_write(doneEvent, 1);
 }
 
 }  // namespace tavix::daemon

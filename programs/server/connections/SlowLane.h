@@ -26,7 +26,7 @@ class SlowLane {
     // Does the work, on the lane's thread. isStopped: returns true when the lane is to end; the job then ends soon.
     virtual void Run(const std::function<bool()>& isStopped) noexcept = 0;
 
-    // An eventfd that is written when the job has ended. It outlives the lane.
+    // A non-blocking eventfd that is written when Run has ended. It is as long valid as the job is.
     virtual int GetDoneEvent() const = 0;
   };
 
