@@ -11,6 +11,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
@@ -117,7 +118,8 @@ class SmallStore {
     const osa::WriteAutoLock lock(_documents.GetLock());
     StoreChange::ReplaceAll(
         _documents, DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n"),
-        DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n"));
+        DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n"),
+        {DocumentOf("[B]\nx=" + kLong + "\n[Default 3]\nx=" + kLong + "\n"), DocumentOf("[Default]\nx=\n"), {}});
     _notifier.GetDispatcher().AddCallback(&_callback, Names{"A", "B*", "*a*", "*New*"});
   }
 
@@ -128,6 +130,16 @@ class SmallStore {
       ChangeRequest request;
       fill(request);
       return StoreChange(_documents, &_persister, _notifier, request).Make();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  bool Amend(const settings::Amendment& amendment, long refused, bool areAllBehindIt) {
+    const RefusedAllocation allocation(refused, areAllBehindIt);
+    try {
+      settings::server::ChangeTicket ticket = 0;
+      return StoreChange::Amend(_documents, &_persister, _notifier, amendment, {}, ticket);
     } catch (const std::bad_alloc&) {
       return false;
     }
@@ -287,6 +299,28 @@ TEST_P(StoreWithoutMemory, MakesAllOrNothingOfAChangeThatOthersWereFasterThan) {
     const bool isMade = store.ChangeLate(GetParam().fill, fillOther, refused);
     isRefused = RefusedAllocation::WasRefused();
     ASSERT_EQ(store.GetOutcome(), (isMade ? model : first).GetOutcome());
+  }
+}
+
+// Of each layer and of the record something comes, and something goes.
+TEST(AmendedStoreWithoutMemory, MakesAllOfAnAmendmentAndNotifiesOfItOrDoesNothing) {
+  settings::Amendment amendment;
+  amendment.set = DocumentOf("[Default 2]\nx=" + kLong + "\n[New group of a name that is long]\nk=" + kLong + "\n");
+  amendment.unset = DocumentOf("[A]\ny=\n[B]\n[D*]\n[Default]\nx=\n");
+  amendment.replace = DocumentOf("[C]\nx=" + kLong + "\n");
+  SmallStore model;
+  ASSERT_TRUE(model.Amend(amendment, -1, false));
+  const Outcome before = SmallStore().GetOutcome();
+  const Outcome after = model.GetOutcome();
+  ASSERT_THAT(after.notified, testing::IsSupersetOf({"A", "B", "Default 2"}));
+  for (const bool areAllBehindIt : {false, true}) {
+    bool isRefused = true;
+    for (long refused = 0; isRefused; ++refused) {
+      SmallStore store;
+      const bool isMade = store.Amend(amendment, refused, areAllBehindIt);
+      isRefused = RefusedAllocation::WasRefused();
+      ASSERT_EQ(store.GetOutcome(), isMade ? after : before) << refused;
+    }
   }
 }
 

@@ -13,6 +13,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/LockException.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
@@ -27,6 +28,7 @@ namespace {
 using tavix::core::IniFile;
 using tavix::osa::Exception;
 using tavix::osa::LockException;
+using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ChangeNotifier;
 using tavix::settings::server::ChangeRecorder;
@@ -130,6 +132,11 @@ struct StoreChangeTest : testing::Test {
     const bool isMade = change.Make();
     ticket = change.GetTicket();
     return isMade;
+  }
+
+  bool Amend(const Amendment& amendment) {
+    ticket = 0;
+    return StoreChange::Amend(documents, &persister, notifier, amendment, {}, ticket);
   }
 
   StoreDocuments documents{kRecord};
@@ -275,6 +282,61 @@ TEST_F(StoreChangeTest, IsRefusedInACallbackBeforeAnythingIsLockedOrChanged) {
   notifier.GetDispatcher().AddCallback(&callback, Names{"B"});
   EXPECT_THROW(Overwrite({"B"}, IniFile()), Exception);
   EXPECT_EQ(documents.GetAll().GetValueOrDefault("A", "x"), "1");
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentSavesTheGroupsThatDifferOrAreSeenDifferently) {
+  Amendment amendment;
+  amendment.set = DocumentOf("[A]\nx=1\n[D]\nx=5\n");
+  amendment.replace = DocumentOf("[C]\n");
+  ASSERT_TRUE(Amend(amendment));
+  EXPECT_THAT(persister.saves, ElementsAre(Names{"C", "D"}));
+  EXPECT_EQ(persister.added, "[" + kRecord + "]\nC=C\n");
+  EXPECT_TRUE(persister.isLockedToSave);
+  EXPECT_EQ(ticket, 1u);
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentSavesTheWholeRecordWhenAMemberLeaves) {
+  Overwrite({"A", "C"}, IniFile());
+  persister.saves.clear();
+  persister.added.clear();
+  Amendment amendment;
+  amendment.unset = DocumentOf("[C]\n");
+  ASSERT_TRUE(Amend(amendment));
+  EXPECT_THAT(persister.saves, ElementsAre(Names{"C", kRecord}));
+  EXPECT_EQ(persister.added, "");
+  EXPECT_EQ(TextOf(documents.GetAll()), "[B]\nx=2\n[C]\nx=3\n");
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentThatWasMadeBeforeHasTheTicketOfOthers) {
+  Amendment amendment;
+  amendment.set = DocumentOf("[A]\nx=1\n");
+  amendment.unset = DocumentOf("[B]\ny=\n");
+  ASSERT_TRUE(Amend(amendment));
+  EXPECT_THAT(persister.saves, ElementsAre(Names{})) << "each change is saved";
+  EXPECT_THAT(persister.unchanged, ElementsAre(Names{"A", "B", kRecord}));
+  EXPECT_FALSE(persister.isLockedToNote);
+  EXPECT_EQ(ticket, RecordingPersister::kTicketOfOthers);
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentGivesTheStoreANewVersionAndReadersInPartsTheNames) {
+  ChangeRecorder recorder(documents.GetRecorders());
+  const auto before = documents.GetVersion();
+  Amendment amendment;
+  amendment.unset = DocumentOf("[B]\nx=\n");
+  ASSERT_TRUE(Amend(amendment));
+  EXPECT_NE(documents.GetVersion(), before);
+  EXPECT_THAT(recorder.Take(), ElementsAre("B", kRecord));
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentThatFailsHasNoTicketAndSavesNothing) {
+  const auto before = documents.GetVersion();
+  Amendment amendment;
+  amendment.present = DocumentOf("[A]\nx=9\n");
+  amendment.set = DocumentOf("[A]\nx=5\n");
+  EXPECT_FALSE(Amend(amendment));
+  EXPECT_EQ(ticket, 0u);
+  EXPECT_EQ(documents.GetVersion(), before);
+  EXPECT_THAT(persister.saves, IsEmpty());
 }
 
 TEST_F(StoreChangeTest, OfACallerWithTheLockNotifiesNobody) {

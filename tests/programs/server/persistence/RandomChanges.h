@@ -4,6 +4,7 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SettingsManager.h"
 
@@ -16,7 +17,7 @@ class RandomChanges {
 
   // Something small.
   void MakeOne(settings::server::SettingsManager& store) {
-    switch (Below(8)) {
+    switch (Below(10)) {
       case 0:
         return store.OverwriteSettings(NextGroup(), core::IniFile());
       case 1:
@@ -28,6 +29,10 @@ class RandomChanges {
       case 4:
         static_cast<void>(store.TestAndMerge(core::IniFile(), NextDocument(1)));
         return;
+      case 5:
+      case 6:
+        static_cast<void>(store.Amend(NextAmendment()));
+        return;
       default:
         return store.MergeSettings(NextDocument(1 + Below(3)), 0);
     }
@@ -38,6 +43,24 @@ class RandomChanges {
     core::IniFile document;
     document.SetValue("Large", "x", std::string(bytes, 'x'));
     store.MergeSettings(document, 0);
+  }
+
+  // Sound, but for a group that a recorded pattern hides.
+  settings::Amendment NextAmendment() {
+    settings::Amendment amendment;
+    amendment.set = NextDocument(Below(3));
+    for (size_t groups = Below(3); groups > 0; --groups) {
+      const std::string group = NextGroup();
+      if (amendment.set.HasGroup(group)) continue;
+      auto& keys = amendment.unset[group];
+      for (size_t count = Below(3); count > 0; --count) keys["key" + std::to_string(Below(5))];
+    }
+    for (const auto& group : NextDocument(Below(2))) {
+      if (!amendment.set.HasGroup(group.first) && !amendment.unset.HasGroup(group.first))
+        amendment.replace[group.first] = group.second;
+    }
+    if (Below(4) == 0) amendment.unset["E*"];
+    return amendment;
   }
 
   size_t Below(size_t limit) { return _random() % limit; }
