@@ -70,7 +70,7 @@ IniFile::GroupMap CopyGroups(const IniFile::GroupMap& source) {
 IniFile ReadText(std::string_view text, const std::string& source, const IniFile::GroupFilter* isWanted) {
   SettingsTextReader reader(source, isWanted);
   reader.ReadLines(text.data(), text.data() + text.size());
-  return reader.TakeDocument();
+  return IniFile(reader.TakeGroups());
 }
 
 // Where a group begins about half-way through a large text; else its end.
@@ -105,7 +105,7 @@ IniFile ReadStream(std::istream& in, const std::string& source, const IniFile::G
   errno = 0;  // streams keep no reason of their own, and an old one would mislead
   reader.ReadStream(in);
   if (in.bad()) throw osa::Exception("Failed to read %s: %s", source.c_str(), std::strerror(errno ? errno : EIO));
-  return reader.TakeDocument();
+  return IniFile(reader.TakeGroups());
 }
 
 // In bytes; 0: it is no regular file.

@@ -2,10 +2,11 @@
 
 #include <string>
 
-#include "tavix/core/Logger.h"
 #include "tavix/osa/Export.h"
 
 namespace tavix::core {
+
+enum LogLevel : int;  // Logger.h
 
 // Decides whether a message is written. format: as it was given to the logger, the same pointer for every message of
 // one place in the code. text: the line behind its level.

@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "tavix/core/DescriptorWriter.h"
@@ -14,8 +15,9 @@ namespace tavix::core {
 
 namespace {
 
+// Our levels are numbered as the system log's; what is below its last one counts as that.
 int SystemLevelOf(LogLevel level) {
-  return level >= kLogTrace ? LOG_DEBUG : static_cast<int>(level);
+  return std::min<int>(level, LOG_DEBUG);
 }
 
 // Whether the system log's daemon has so much unread that the C library would wait for it. One that is not there, or

@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "tavix/core/Logger.h"
-
 namespace tavix::core {
+
+enum LogLevel : int;  // Logger.h
 
 // Where log lines go. No call waits for the reader of the lines.
 //

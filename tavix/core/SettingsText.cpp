@@ -169,12 +169,12 @@ void SettingsTextReader::ReadStream(std::istream& in) {
   ReadLines(begun.data(), begun.data() + begun.size());
 }
 
-IniFile SettingsTextReader::TakeDocument() {
-  IniFile document(std::move(_groups));
+SettingsGroups SettingsTextReader::TakeGroups() {
+  SettingsGroups groups = std::move(_groups);
   _groups.clear();
   _hasGroup = false;
   _open = nullptr;
-  return document;
+  return groups;
 }
 
 void SettingsTextReader::ReadLine(const char* begin, const char* end, bool hasEscapes) {
@@ -238,7 +238,7 @@ void SettingsTextReader::Fail(const char* expected, const char* begin, const cha
 }
 
 void CheckSettingsText(std::string_view text, const std::string& source) {
-  const IniFile::GroupFilter none = [](std::string_view) { return false; };
+  const SettingsTextReader::GroupFilter none = [](std::string_view) { return false; };
   SettingsTextReader reader(source, &none);
   reader.ReadLines(text.data(), text.data() + text.size());
 }
@@ -250,7 +250,7 @@ SettingsTextWriter::~SettingsTextWriter() {
   }
 }
 
-void SettingsTextWriter::WriteGroup(const std::string& name, const IniFile::KeyMap& keys) {
+void SettingsTextWriter::WriteGroup(const std::string& name, const SettingsKeys& keys) {
   Append('[');
   WriteText(name, Place::kName);
   Append("]\n", 2);

@@ -1,23 +1,31 @@
 #pragma once
 
+#include <functional>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <string_view>
 
-#include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
 
 namespace tavix::core {
 
-// Reads settings text into a document of its own. The grammar is docs/settings-text.md.
+// The types of IniFile, which stands on what is declared here.
+using SettingsKeys = std::map<std::string, std::string>;
+using SettingsGroups = std::map<std::string, SettingsKeys>;
+
+// Reads settings text into groups of its own. The grammar is docs/settings-text.md.
 //
 // Threads: one at a time.
 // Errors:  osa::Exception for a line that is no settings text.
 class SettingsTextReader {
  public:
+  // Whether a group of that name is kept.
+  using GroupFilter = std::function<bool(std::string_view name)>;
+
   // source: what error texts call the text. isWanted: the groups that are kept; of others only errors are found. null:
   // all are kept. Both outlive the reader.
-  explicit SettingsTextReader(const std::string& source, const IniFile::GroupFilter* isWanted = nullptr)
+  explicit SettingsTextReader(const std::string& source, const GroupFilter* isWanted = nullptr)
       : _source(source), _isWanted(isWanted) {}
 
   // Lines that follow one another; the last one may lack its line feed.
@@ -29,7 +37,7 @@ class SettingsTextReader {
 
   // What was read since the last such call, moved out. The next line that is neither blank nor a comment has to be a
   // header.
-  IniFile TakeDocument();
+  SettingsGroups TakeGroups();
 
  private:
   void ReadLine(const char* begin, const char* end, bool hasEscapes);
@@ -40,11 +48,11 @@ class SettingsTextReader {
   [[noreturn]] void Fail(const char* expected, const char* begin, const char* end) const;
 
   const std::string& _source;
-  const IniFile::GroupFilter* const _isWanted;
+  const GroupFilter* const _isWanted;
   size_t _lineNumber = 0;
-  IniFile::GroupMap _groups;
-  bool _hasGroup = false;            // a group is open
-  IniFile::KeyMap* _open = nullptr;  // its keys, in _groups; null: it is not kept
+  SettingsGroups _groups;
+  bool _hasGroup = false;         // a group is open
+  SettingsKeys* _open = nullptr;  // its keys, in _groups; null: it is not kept
 };
 
 // Throws what loading the text would throw, at a small part of its cost.
@@ -63,7 +71,7 @@ class SettingsTextWriter {
   SettingsTextWriter(const SettingsTextWriter&) = delete;
   SettingsTextWriter& operator=(const SettingsTextWriter&) = delete;
 
-  void WriteGroup(const std::string& name, const IniFile::KeyMap& keys);
+  void WriteGroup(const std::string& name, const SettingsKeys& keys);
 
   // Passes on what the buffer holds. Throws when the stream was set to throw.
   void Flush();

@@ -9,6 +9,7 @@
 
 #include "programs/server/connections/LogPeer.h"
 #include "tavix/core/LogFilter.h"
+#include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
 
@@ -70,6 +71,7 @@ bool LogLimiter::TakeLine(const std::string& peer, const char* format, int kind,
       if (!_isTimerSet) SetTimer(now, cause.GetNextTime());
     }
   }
+  // With the mutex released: a line that is logged comes through this filter again.
   Report(reports);
   return isTaken;
 }

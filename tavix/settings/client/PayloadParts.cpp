@@ -41,7 +41,7 @@ std::optional<IniFile> PayloadGroups::Finish() {
 }
 
 std::optional<IniFile> PayloadGroups::TakeGroup() {
-  IniFile group = _reader.TakeDocument();
+  IniFile group(_reader.TakeGroups());
   if (group.IsEmpty()) return std::nullopt;
   const std::string& name = group.begin()->first;
   if (_last && name <= *_last)
