@@ -121,6 +121,15 @@ void EndAtOnce(bool isSaved, bool hasFailed, const LifeLog& life) {
   _exit(status);
 }
 
+std::unique_ptr<SettingsStore> LoadStore(SettingsSources& sources, const Options& options, Counters& counters) {
+  return OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources, options, counters); });
+}
+
+void WarnIfFull(const SettingsStore& store) {
+  const std::string fullness = store.DescribeFullness();
+  if (!fullness.empty()) core::Logger::GetLogger("Server")->Warning("%s", fullness.c_str());
+}
+
 // The listeners come before the settings, so that clients queue, and are not refused, while a large store is loaded.
 int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const Signals signals;
@@ -134,11 +143,9 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   serviceManager.Tell("STATUS=Loading settings");
   Counters counters;
   SettingsSources sources(options, counters);
-  const auto store =
-      OrFail(kExitConfiguration, [&] { return std::make_unique<SettingsStore>(sources, options, counters); });
+  const auto store = LoadStore(sources, options, counters);
   life.LogLoaded(sources);
-  const std::string fullness = store->DescribeFullness();
-  if (!fullness.empty()) core::Logger::GetLogger("Server")->Warning("%s", fullness.c_str());
+  WarnIfFull(*store);
   {
     Server server(*store, std::move(listeners), options, counters);
     const auto probe = [&] {
