@@ -34,8 +34,8 @@ constexpr char kStalled[] = "merge-stalled-subscriber";
 constexpr char kBeside[] = "raw";
 constexpr char kAlone[] = "without it";
 constexpr char kAppend[] = "append 128 B, fdatasync";
-constexpr double kMostOverFloor = 1.2;
-constexpr double kMostUnderMerge = 2;
+constexpr double kMaxOverFloor = 1.2;
+constexpr double kMaxUnderMerge = 2;
 
 // A user layer of some size.
 struct Layer {
@@ -206,13 +206,13 @@ void AddDurableBenches(Suite& suite) {
     suite.Add(
         {kMerge}, [=](Recorder& recorder) { Measure(recorder, kMerge, layer, makeExchange); },
         Suite::Frequency::kFewRounds);
-    suite.Compare({kMerge, kOurs, OursVariant(layer)}, {kMerge, kFloor, kAppend}, kMostOverFloor);
+    suite.Compare({kMerge, kOurs, OursVariant(layer)}, {kMerge, kFloor, kAppend}, kMaxOverFloor);
   }
   const auto makeExchange = [](int version) { return TestAndMergeExchange(kGroup, version); };
   suite.Add(
       {kTestAndMerge}, [=](Recorder& recorder) { Measure(recorder, kTestAndMerge, kMiddleLayer, makeExchange); },
       Suite::Frequency::kFewRounds);
-  suite.Compare({kTestAndMerge, kOurs, OursVariant(kMiddleLayer)}, {kTestAndMerge, kFloor, kAppend}, kMostOverFloor);
+  suite.Compare({kTestAndMerge, kOurs, OursVariant(kMiddleLayer)}, {kTestAndMerge, kFloor, kAppend}, kMaxOverFloor);
   for (int connections : {1, 10, 100}) {
     suite.Add({ThroughputItem(connections)}, [=](Recorder& recorder) {
       MeasureThroughput(recorder, connections, "durable", "always");
@@ -221,7 +221,7 @@ void AddDurableBenches(Suite& suite) {
   }
   suite.Add({kGetUnderMerge}, MeasureGetUnderMerge);
   suite.Compare({kGetUnderMerge, kOurs, "beside a writer"}, {kGetUnderMerge, kOurs, "alone"});
-  suite.Compare({kGetUnderMerge, kOurs, "p99 beside a writer"}, {kGetUnderMerge, kOurs, "p99 alone"}, kMostUnderMerge);
+  suite.Compare({kGetUnderMerge, kOurs, "p99 beside a writer"}, {kGetUnderMerge, kOurs, "p99 alone"}, kMaxUnderMerge);
   for (const Placement& placement : Placements()) {
     suite.Add({kStalled}, [=](Recorder& recorder) { MeasureStalled(recorder, placement); });
     suite.Compare(StalledName(kBeside, placement), StalledName(kAlone, placement));

@@ -18,7 +18,7 @@ using core::IniFile;
 using settings::server::SettingsManager;
 
 constexpr int kKeys = 5;
-constexpr double kMostGrowth = 1.5;
+constexpr double kMaxGrowth = 1.5;
 
 // The operations that are measured on a store of each size, their figures' variants being the sizes.
 constexpr char kGetName[] = "store-get-name";
@@ -87,7 +87,7 @@ void AddStoreBenches(Suite& suite) {
     suite.Compare({kGetAnyName, kOurs, variant}, {kGetAnyName, kFloor, "bare map, " + variant});
     if (variant == smallest) continue;
     for (const char* item : {kGetName, kGetPrefix, kMerge})
-      suite.Compare({item, kOurs, variant}, {item, kOurs, smallest}, kMostGrowth);
+      suite.Compare({item, kOurs, variant}, {item, kOurs, smallest}, kMaxGrowth);
   }
 }
 

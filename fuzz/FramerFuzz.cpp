@@ -102,10 +102,10 @@ class PieceSizes {
 };
 
 // As a connection that receives the bytes in pieces, and then their end.
-Outcome HandleFramed(const std::string& bytes, size_t mostOfAPiece) {
+Outcome HandleFramed(const std::string& bytes, size_t maxOfAPiece) {
   Session session;
   settings::server::RequestFramer framer;
-  PieceSizes sizes(bytes, mostOfAPiece);
+  PieceSizes sizes(bytes, maxOfAPiece);
   std::string received;
   size_t begin = 0;
   for (size_t at = 0; at < bytes.size() && !session.HasEnded();) {
@@ -114,7 +114,7 @@ Outcome HandleFramed(const std::string& bytes, size_t mostOfAPiece) {
     at += size;
     while (const size_t length = session.HasEnded() ? 0 : framer.FindEnd(received)) {
       Require(length <= received.size());
-      if (mostOfAPiece == 1) Require(length == received.size());  // no byte too late
+      if (maxOfAPiece == 1) Require(length == received.size());  // no byte too late
       const size_t handled = session.CountHandled();
       session.Handle(received.substr(0, length), begin);
       Require(session.HasEnded() || session.CountHandled() == handled + 1);
@@ -136,7 +136,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Session whole;
   whole.Handle(bytes, 0);
   const Outcome expected = whole.GetOutcome();
-  for (size_t mostOfAPiece : {size_t{1}, size_t{7}, size_t{100}})
-    Require(HandleFramed(bytes, mostOfAPiece) == expected);
+  for (size_t maxOfAPiece : {size_t{1}, size_t{7}, size_t{100}}) Require(HandleFramed(bytes, maxOfAPiece) == expected);
   return 0;
 }

@@ -12,11 +12,11 @@ namespace tavix::test {
 
 namespace {
 
-constexpr int kMostDescriptors = 4096;  // the lowest free one is given out, and no test has that many
+constexpr int kMaxDescriptors = 4096;  // the lowest free one is given out, and no test has that many
 
 // The child holds a copy of every other descriptor of the test, which would keep other connections open.
 void CloseAllBut(int descriptor) {
-  for (int other = 0; other < kMostDescriptors; ++other) {
+  for (int other = 0; other < kMaxDescriptors; ++other) {
     if (other != descriptor) close(other);
   }
 }

@@ -127,7 +127,7 @@ class Reader : public nlohmann::json_sax<json> {
   }
 
   bool TakeText(const std::string& text) {
-    if (_depth != kInGroup) FailUnexpected(SpellValue(text.substr(0, kMostShown)));
+    if (_depth != kInGroup) FailUnexpected(SpellValue(text.substr(0, kMaxShown)));
     SetValue(text);
     return true;
   }
@@ -147,7 +147,7 @@ class Reader : public nlohmann::json_sax<json> {
     throw Failure(kExitBadInput, _source + ":" + std::to_string(line) + ": " + what);
   }
 
-  static constexpr size_t kMostShown = 40;
+  static constexpr size_t kMaxShown = 40;
 
   core::ViewIstream& _in;
   const std::string& _text;

@@ -15,10 +15,10 @@ namespace tavix::daemon {
 namespace {
 
 constexpr char kGroup[] = "Server";
-constexpr size_t kMostShown = 80;
+constexpr size_t kMaxShown = 80;
 
 std::string Shown(const std::string& text) {
-  return core::PrintableText(text, kMostShown);
+  return core::PrintableText(text, kMaxShown);
 }
 
 void AddGiven(const std::string& path, const OptionEntry& option, const std::string& value,

@@ -19,8 +19,8 @@ using Apply = std::function<void(Options&, const std::string&)>;
 constexpr auto kMaxLimit =
     static_cast<size_t>(std::min<uint64_t>(uint64_t{1} << 40, std::numeric_limits<size_t>::max() / 2));
 constexpr unsigned long long kMaxWork = 1ull << 60;
-constexpr size_t kMostSeconds = 24 * 60 * 60;
-constexpr size_t kMostLoops = 64;
+constexpr size_t kMaxSeconds = 24 * 60 * 60;
+constexpr size_t kMaxLoops = 64;
 
 template <class Member>
 Apply Text(Member member) {
@@ -59,7 +59,7 @@ Apply LimitOrNone(Number Limits::*limit, unsigned long long max) {
 }
 
 Apply Time(size_t Limits::*limit) {
-  return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMostSeconds); };
+  return [=](Options& options, const std::string& value) { options.limits.*limit = ParseNumber(value, kMaxSeconds); };
 }
 
 Apply Do(Action action) {
@@ -114,7 +114,7 @@ std::vector<OptionEntry> MakeTable() {
        "permissions let in",
        [](Options& options, const std::string& value) { AppendUsers(value, options.allowedUsers); }},
       {"", "loops", "N", Kind::kValue, true, "threads that serve connections. Default: one a processor, four at most",
-       Number(&Options::loops, kMostLoops)},
+       Number(&Options::loops, kMaxLoops)},
 
       {"Settings", "defaults", "PATH", Kind::kList, true,
        "default settings: an ini file, or a directory whose *.ini are loaded in lexical order; may be repeated",
@@ -139,7 +139,7 @@ std::vector<OptionEntry> MakeTable() {
        [](Options& options, const std::string& value) { options.durability = ParseDurability(value); }},
       {"", "stop-timeout", "S", Kind::kValue, true,
        "how long the daemon waits for the disk when it is ended; what is not saved then is lost (10)",
-       Number(&Options::stopSeconds, kMostSeconds)},
+       Number(&Options::stopSeconds, kMaxSeconds)},
 
       {"Seeing inside", "log-level", "LEVEL", Kind::kValue, true,
        "error, warning, notice, information or trace (notice). Information adds who comes and who changes what, trace "
@@ -151,7 +151,7 @@ std::vector<OptionEntry> MakeTable() {
       {"", "metrics-file", "FILE", Kind::kValue, true,
        "keep this file filled with figures in Prometheus' text format (none)", Text(&Options::metricsFile)},
       {"", "metrics-interval", "S", Kind::kValue, true, "how often, in seconds (15)",
-       Number(&Options::metricsSeconds, kMostSeconds)},
+       Number(&Options::metricsSeconds, kMaxSeconds)},
 
       {"Bounds; a client beyond one is disconnected, a subscription beyond one refused", "max-connections", "N",
        Kind::kValue, true, "clients at a time (1024)", Limit(&Limits::connections)},

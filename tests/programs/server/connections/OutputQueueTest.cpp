@@ -23,7 +23,7 @@ using daemon::SharedBound;
 
 namespace {
 
-constexpr size_t kMost = 1024 * 1024;
+constexpr size_t kMax = 1024 * 1024;
 const std::set<std::string> kGroups = {"A"};
 
 // A queue over one end of a pair of sockets; the test is the peer.
@@ -57,8 +57,8 @@ class HoldingQueue : public testing::Test {
   }
 
   int _sockets[2] = {-1, -1};
-  SharedBound _all{2 * kMost};
-  const OutputQueue::Bounds _bounds{kMost, kMost, _all};
+  SharedBound _all{2 * kMax};
+  const OutputQueue::Bounds _bounds{kMax, kMax, _all};
   DurabilityGate _gate{true};
   std::atomic<int> _kept{0};
   std::shared_ptr<OutputQueue> _queue;
@@ -163,7 +163,7 @@ TEST_F(HoldingQueue, LoopIsToldWhenHeldOutputHasLeftIfItAskedForThat) {
 }
 
 TEST_F(HoldingQueue, MoreThanIsKeptBreaksIt) {
-  Write(std::string(kMost + 1, 'a'), Change());
+  Write(std::string(kMax + 1, 'a'), Change());
   EXPECT_TRUE(_queue->IsBroken());
   EXPECT_EQ(_queue->GetKeptBytes(), 0u);
   _gate.StopHolding();
@@ -173,7 +173,7 @@ TEST_F(HoldingQueue, MoreThanIsKeptBreaksIt) {
 // Whose fault it is that much is kept makes a difference.
 TEST_F(HoldingQueue, WhatWaitsForTheDiskHasABoundOfItsOwn) {
   EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kNone);
-  Write(std::string(kMost, 'a'), Change());
+  Write(std::string(kMax, 'a'), Change());
   EXPECT_FALSE(_queue->IsBroken());
   Write("b");
   EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kHeld);
@@ -181,8 +181,8 @@ TEST_F(HoldingQueue, WhatWaitsForTheDiskHasABoundOfItsOwn) {
 
 TEST_F(HoldingQueue, WhatThePeerDoesNotReadIsNotCountedAsHeld) {
   FillOutput(_sockets[0]);
-  Write(std::string(kMost / 2 + 1, 'a'));
-  Write(std::string(kMost / 2 + 1, 'b'), Change());
+  Write(std::string(kMax / 2 + 1, 'a'));
+  Write(std::string(kMax / 2 + 1, 'b'), Change());
   EXPECT_FALSE(_queue->IsBroken());
   _gate.StopHolding();
   Write(std::string(1, 'c'));
@@ -218,9 +218,9 @@ TEST_F(HoldingQueue, ThatKeepsMostOfAllIsPickedWhenAllKeepTooMuch) {
   int others[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, others), 0);
   SharedBound::Part other(_all, others[0]);
-  other.Set(kMost + kMost / 2);
-  Write(std::string(kMost / 2 + 1, 'a'), Change());
-  EXPECT_EQ(other.GetPicked(), kMost + kMost / 2);
+  other.Set(kMax + kMax / 2);
+  Write(std::string(kMax / 2 + 1, 'a'), Change());
+  EXPECT_EQ(other.GetPicked(), kMax + kMax / 2);
   EXPECT_EQ(_queue->GetPicked(), 0u);
   other.End();
   for (int socket : others) close(socket);
@@ -265,7 +265,7 @@ TEST_F(HoldingQueue, EachSharedMessageWaitsForItsOwnChange) {
 }
 
 TEST_F(HoldingQueue, SharedMessageOfWhichTheSocketTookAPartGoesOnThere) {
-  const auto text = std::make_shared<const std::string>(kMost - 1, 'a');
+  const auto text = std::make_shared<const std::string>(kMax - 1, 'a');
   _queue->WriteShared(text);
   EXPECT_EQ(text.use_count(), 2);
   EXPECT_LT(_queue->GetKeptBytes(), text->size());
@@ -276,7 +276,7 @@ TEST_F(HoldingQueue, SharedMessageOfWhichTheSocketTookAPartGoesOnThere) {
 }
 
 TEST_F(HoldingQueue, BrokenQueueDropsSharedMessages) {
-  const auto text = std::make_shared<const std::string>(kMost / 2 + 1, 'a');
+  const auto text = std::make_shared<const std::string>(kMax / 2 + 1, 'a');
   _queue->HoldMessage(Change());
   _queue->WriteShared(text);
   EXPECT_EQ(text.use_count(), 2);
@@ -291,7 +291,7 @@ TEST_F(HoldingQueue, BrokenQueueDropsSharedMessages) {
 
 // What all queues together may keep is far less than the sum of what they wait for.
 TEST_F(HoldingQueue, ManyQueuesKeepOneTextTogether) {
-  const auto text = std::make_shared<const std::string>(kMost, 'a');
+  const auto text = std::make_shared<const std::string>(kMax, 'a');
   const DurabilityGate::Ticket ticket = Change();
   std::vector<std::shared_ptr<OutputQueue>> queues;
   for (int i = 0; i < 50; ++i) {

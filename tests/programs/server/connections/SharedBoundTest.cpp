@@ -15,7 +15,7 @@ using daemon::SharedBound;
 
 namespace {
 
-constexpr size_t kMost = 1024 * 1024;
+constexpr size_t kMax = 1024 * 1024;
 
 // A part and the socket that it is about.
 class Kept {
@@ -52,69 +52,69 @@ size_t CountPicked(std::list<Kept>& all) {
 }  // namespace
 
 TEST(SharedBound, LargestIsPickedWhoeverPassesTheBound) {
-  SharedBound bound(kMost);
+  SharedBound bound(kMax);
   Kept large(bound);
   Kept small(bound);
-  large->Set(kMost / 2 + 1);
-  small->Set(kMost / 2 - 1);
+  large->Set(kMax / 2 + 1);
+  small->Set(kMax / 2 - 1);
   EXPECT_EQ(large->GetPicked(), 0u);
-  small->Set(kMost / 2);
-  EXPECT_EQ(large->GetPicked(), kMost / 2 + 1);
+  small->Set(kMax / 2);
+  EXPECT_EQ(large->GetPicked(), kMax / 2 + 1);
   EXPECT_TRUE(large.IsShutDown());
   EXPECT_EQ(small->GetPicked(), 0u);
   EXPECT_FALSE(small.IsShutDown());
 }
 
 TEST(SharedBound, OneThatPassesItAloneIsPicked) {
-  SharedBound bound(kMost);
+  SharedBound bound(kMax);
   Kept one(bound);
-  one->Set(kMost + 1);
-  EXPECT_EQ(one->GetPicked(), kMost + 1);
+  one->Set(kMax + 1);
+  EXPECT_EQ(one->GetPicked(), kMax + 1);
 }
 
 TEST(SharedBound, OneThatWasPickedCountsNoMore) {
-  SharedBound bound(kMost);
+  SharedBound bound(kMax);
   Kept first(bound);
   Kept second(bound);
-  first->Set(kMost + 1);
-  first->Set(2 * kMost);
-  second->Set(kMost);
+  first->Set(kMax + 1);
+  first->Set(2 * kMax);
+  second->Set(kMax);
   EXPECT_EQ(second->GetPicked(), 0u);
   first->End();
-  second->Set(kMost + 1);
-  EXPECT_EQ(second->GetPicked(), kMost + 1);
+  second->Set(kMax + 1);
+  EXPECT_EQ(second->GetPicked(), kMax + 1);
 }
 
 TEST(SharedBound, WhatIsGivenBackMayBeUsedAgain) {
-  SharedBound bound(kMost);
+  SharedBound bound(kMax);
   Kept kept(bound);
   for (int i = 0; i < 10; ++i) {
     Kept passing(bound);
-    kept->Set(kMost / 2);
-    passing->Set(kMost / 2);
+    kept->Set(kMax / 2);
+    passing->Set(kMax / 2);
     kept->Set(0);
-    passing->Set(kMost);
+    passing->Set(kMax);
     EXPECT_EQ(passing->GetPicked(), 0u);
   }
   EXPECT_EQ(kept->GetPicked(), 0u);
 }
 
 TEST(SharedBound, AsManyArePickedAsItTakes) {
-  SharedBound bound(kMost);
+  SharedBound bound(kMax);
   std::list<Kept> all;
   for (size_t i = 0; i < 10; ++i) {
     all.emplace_back(bound);
-    all.back()->Set(kMost / 10);
+    all.back()->Set(kMax / 10);
   }
   Kept last(bound);
-  last->Set(kMost / 10 + 100);
+  last->Set(kMax / 10 + 100);
   EXPECT_GT(last->GetPicked(), 0u) << "the largest";
   EXPECT_EQ(CountPicked(all), 0u);
 }
 
 TEST(SharedBound, TextThatManyKeepIsCountedOnce) {
-  SharedBound bound(kMost);
-  const std::string text(kMost / 2, 'x');
+  SharedBound bound(kMax);
+  const std::string text(kMax / 2, 'x');
   std::list<Kept> all;
   for (int i = 0; i < 50; ++i) {
     all.emplace_back(bound);
@@ -122,16 +122,16 @@ TEST(SharedBound, TextThatManyKeepIsCountedOnce) {
     all.back()->AddText(text);
   }
   Kept last(bound);
-  last->Set(kMost / 2);
+  last->Set(kMax / 2);
   for (Kept& kept : all) EXPECT_EQ(kept->GetPicked(), 0u);
-  last->Set(kMost / 2 + 1);
+  last->Set(kMax / 2 + 1);
   EXPECT_EQ(CountPicked(all), 50u) << "they are furthest behind, each by twice the text";
   EXPECT_EQ(last->GetPicked(), 0u);
 }
 
 TEST(SharedBound, TextIsCountedUntilTheLastHasDroppedIt) {
-  SharedBound bound(kMost);
-  const std::string text(kMost, 'x');
+  SharedBound bound(kMax);
+  const std::string text(kMax, 'x');
   Kept first(bound);
   Kept second(bound);
   first->AddText(text);
@@ -139,22 +139,22 @@ TEST(SharedBound, TextIsCountedUntilTheLastHasDroppedIt) {
   first->DropText();
   Kept other(bound);
   second->DropText();
-  other->Set(kMost);
+  other->Set(kMax);
   EXPECT_EQ(other->GetPicked(), 0u);
   other->Set(0);
   first->AddText(text);
   second->AddText(text);
   first->DropText();
-  other->Set(kMost / 2);
-  EXPECT_EQ(second->GetPicked(), kMost);
+  other->Set(kMax / 2);
+  EXPECT_EQ(second->GetPicked(), kMax);
 }
 
 // Nothing is free before all of them are gone.
 TEST(SharedBound, ThoseThatShareWhatTheyKeepEndTogetherAndOthersStay) {
-  SharedBound bound(kMost);
-  const std::string old(kMost / 2, 'o');
-  const std::string present(kMost / 2, 'p');
-  const std::string next(kMost / 2, 'n');
+  SharedBound bound(kMax);
+  const std::string old(kMax / 2, 'o');
+  const std::string present(kMax / 2, 'p');
+  const std::string next(kMax / 2, 'n');
   std::list<Kept> silent;
   for (int i = 0; i < 10; ++i) {
     silent.emplace_back(bound);
@@ -171,44 +171,44 @@ TEST(SharedBound, ThoseThatShareWhatTheyKeepEndTogetherAndOthersStay) {
 }
 
 TEST(SharedBound, OneWithoutWhomNothingWouldBeFreeIsSpared) {
-  SharedBound bound(kMost);
-  const std::string text(kMost / 2, 'x');
+  SharedBound bound(kMax);
+  const std::string text(kMax / 2, 'x');
   Kept longest(bound);
   Kept sharer(bound);
   Kept alone(bound);
   longest->AddText(text);
   sharer->AddText(text);
-  longest->Set(kMost / 4);
-  alone->Set(kMost / 2 + 1);
-  EXPECT_EQ(alone->GetPicked(), kMost / 2 + 1);
+  longest->Set(kMax / 4);
+  alone->Set(kMax / 2 + 1);
+  EXPECT_EQ(alone->GetPicked(), kMax / 2 + 1);
   EXPECT_EQ(longest->GetPicked(), 0u) << "although it keeps more";
   EXPECT_EQ(sharer->GetPicked(), 0u);
 }
 
 TEST(SharedBound, OneThatWasPickedKeepsNoTextsAlive) {
-  SharedBound bound(kMost);
-  const std::string text(kMost + 1, 'x');
+  SharedBound bound(kMax);
+  const std::string text(kMax + 1, 'x');
   Kept first(bound);
   first->AddText(text);
-  EXPECT_EQ(first->GetPicked(), kMost + 1);
+  EXPECT_EQ(first->GetPicked(), kMax + 1);
   first->AddText(text);
   first->DropText();
   first->DropText();
   first->Clear();
   Kept second(bound);
-  second->Set(kMost);
+  second->Set(kMax);
   EXPECT_EQ(second->GetPicked(), 0u);
 }
 
 TEST(SharedBound, ThreadsMayGrowAndEndAtTheSameTime) {
-  SharedBound bound(kMost);
-  const std::string text(kMost / 4, 'x');
+  SharedBound bound(kMax);
+  const std::string text(kMax / 4, 'x');
   std::list<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&bound, &text] {
       for (int round = 0; round < 200; ++round) {
         Kept kept(bound);
-        for (size_t bytes = 0; bytes < kMost && kept->GetPicked() == 0; bytes += kMost / 8) {
+        for (size_t bytes = 0; bytes < kMax && kept->GetPicked() == 0; bytes += kMax / 8) {
           kept->Set(bytes);
           kept->AddText(text);
         }
@@ -218,7 +218,7 @@ TEST(SharedBound, ThreadsMayGrowAndEndAtTheSameTime) {
   }
   for (std::thread& thread : threads) thread.join();
   Kept last(bound);
-  last->Set(kMost);
+  last->Set(kMax);
   EXPECT_EQ(last->GetPicked(), 0u) << "nothing is left of the others";
 }
 

@@ -18,13 +18,13 @@
 
 namespace {
 
-std::atomic<size_t> mostAtOnce{SIZE_MAX};
+std::atomic<size_t> maxAtOnce{SIZE_MAX};
 thread_local size_t allocations = 0;
 
 }  // namespace
 
 void* operator new(size_t size) {
-  void* const memory = size > mostAtOnce ? nullptr : std::malloc(size);
+  void* const memory = size > maxAtOnce ? nullptr : std::malloc(size);
   if (!memory) throw std::bad_alloc();
   ++allocations;
   return memory;
@@ -41,11 +41,11 @@ void operator delete(void* memory, size_t) noexcept {
 namespace tavix::test {
 
 RefusedMemory::RefusedMemory(size_t most) {
-  mostAtOnce = most;
+  maxAtOnce = most;
 }
 
 RefusedMemory::~RefusedMemory() {
-  mostAtOnce = SIZE_MAX;
+  maxAtOnce = SIZE_MAX;
 }
 
 size_t CountAllocations() {
@@ -58,7 +58,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr size_t kMost = 20'000;
+constexpr size_t kMax = 20'000;
 constexpr char kRefused[] =
     "ERROR UserSettings: Failed to save the user settings: out of memory; changes are kept in memory and saved as soon "
     "as that is possible";
@@ -97,10 +97,10 @@ class PersisterWithoutMemory : public testing::Test, private daemon::ILayerSourc
 }  // namespace
 
 TEST_F(PersisterWithoutMemory, OwesTheChangeToASnapshot) {
-  _layer.SetValue("Large", "x", std::string(2 * kMost, 'x'));
+  _layer.SetValue("Large", "x", std::string(2 * kMax, 'x'));
   const auto log = LogOfFailure([&] {
     {
-      const RefusedMemory refused(kMost);
+      const RefusedMemory refused(kMax);
       EXPECT_NO_THROW(_persister.SaveChangedGroups(_layer, {"Large"}));
     }
     EXPECT_TRUE(Eventually([&] { return FindSaved() == TextOf(_layer); }));
@@ -112,8 +112,8 @@ TEST_F(PersisterWithoutMemory, NeverReplacesASnapshotByHalfAText) {
   const std::string before = _files.Get(kUserFile);
   const auto log = LogOf(
       [&] {
-        _layer.SetValue("Large", "x", std::string(5 * kMost, 'x'));
-        const RefusedMemory refused(kMost);
+        _layer.SetValue("Large", "x", std::string(5 * kMax, 'x'));
+        const RefusedMemory refused(kMax);
         const daemon::DurabilityGate::Ticket ticket = _persister.SaveChangedGroups(_layer, {"Large"});
         AwaitDurable(_persister.GetGate(), ticket);  // is released
         EXPECT_FALSE(_persister.Finish());

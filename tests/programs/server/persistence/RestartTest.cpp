@@ -15,7 +15,7 @@ namespace tavix::test {
 namespace {
 
 constexpr int kRestarts = 60;
-constexpr size_t kMostChanges = 30;
+constexpr size_t kMaxChanges = 30;
 constexpr int kPowerCuts = 60;
 constexpr char kDefaults[] = "[A/settings]\nkey1=default\n[F/settings]\nkey=default\n";
 
@@ -28,10 +28,10 @@ unsigned int PickSeed() {
 
 // What comes behind a large change may be on its way to the journal, and is shown to nobody until it is there.
 void MakeSome(RandomChanges& changes, PersistedStore& store) {
-  for (size_t count = changes.Below(kMostChanges); count > 0; --count) changes.MakeOne(store.GetManager());
+  for (size_t count = changes.Below(kMaxChanges); count > 0; --count) changes.MakeOne(store.GetManager());
   const bool makesLarge = changes.Below(4) == 0;
   if (makesLarge) changes.MakeLarge(store.GetManager(), 70 * 1000 + changes.Below(1000));
-  for (size_t count = changes.Below(kMostChanges); count > 0; --count) changes.MakeOne(store.GetManager());
+  for (size_t count = changes.Below(kMaxChanges); count > 0; --count) changes.MakeOne(store.GetManager());
   if (makesLarge) store.AwaitDurable();
 }
 

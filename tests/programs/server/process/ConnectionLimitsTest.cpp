@@ -17,7 +17,7 @@ namespace tavix::test {
 
 namespace {
 
-constexpr size_t kMostConnections = 1024;
+constexpr size_t kMaxConnections = 1024;
 
 // Lets this process have that many descriptors.
 void AllowDescriptors(rlim_t count) {
@@ -74,11 +74,11 @@ void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
 }  // namespace
 
 TEST(ConnectionLimits, OneConnectionMoreThanTheMostIsClosedAtOnceAndAFreedPlaceIsUsedAgain) {
-  AllowDescriptors(2 * kMostConnections);
+  AllowDescriptors(2 * kMaxConnections);
   const TemporaryDirectory directory;
   Daemon daemon(directory);
-  std::list<ProtocolClient> clients = Open(daemon.GetPort(), kMostConnections);
-  ASSERT_EQ(clients.size(), kMostConnections);
+  std::list<ProtocolClient> clients = Open(daemon.GetPort(), kMaxConnections);
+  ASSERT_EQ(clients.size(), kMaxConnections);
   EXPECT_FALSE(IsServed(daemon.GetPort()));
   daemon.AwaitErrors("WARNING Server: Connection refused: 1024 are served already\n");
   clients.back().AwaitHandled();

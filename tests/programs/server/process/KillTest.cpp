@@ -104,12 +104,12 @@ class Kill : public testing::Test {
  protected:
   // Rounds of a daemon that is killed after a random number of changes, and more of them until there were so many
   // snapshots: the kills should meet some that are being written. size: of a group, in bytes.
-  void RunRounds(int rounds, size_t size, int mostChanges, uint64_t leastSnapshots = 0) {
+  void RunRounds(int rounds, size_t size, int maxChanges, uint64_t leastSnapshots = 0) {
     std::list<CountingWriter> writers;
     for (size_t i = 0; i < kWriters; ++i) writers.emplace_back(i, size);
     for (int round = 0; (round < rounds || _snapshots < leastSnapshots) && !HasFailure(); ++round) {
       SCOPED_TRACE("round " + std::to_string(round));
-      RunRound(writers, std::uniform_int_distribution<int>(0, mostChanges)(_random));
+      RunRound(writers, std::uniform_int_distribution<int>(0, maxChanges)(_random));
     }
   }
 

@@ -23,7 +23,7 @@ namespace {
 constexpr size_t kMegabyte = 1024 * 1024;
 constexpr size_t kStopped = 50;
 constexpr size_t kLive = 10;
-constexpr int kMostChanges = 200'000;
+constexpr int kMaxChanges = 200'000;
 constexpr char kCut[] = "connection cut: too much unread for too long, bytes ";
 
 // Every state has the same length.
@@ -57,7 +57,7 @@ class LiveSubscribers {
   // Returns when all have read so much that what they have not is far below any bound, however late they are given the
   // processor.
   void AwaitCloseTo(int number) const {
-    const auto isClose = [number](const Subscriber& one) { return one.seen > number - kMostUnread; };
+    const auto isClose = [number](const Subscriber& one) { return one.seen > number - kMaxUnread; };
     EXPECT_TRUE(Eventually([&] { return std::all_of(_subscribers.begin(), _subscribers.end(), isClose); }));
   }
 
@@ -66,7 +66,7 @@ class LiveSubscribers {
   }
 
  private:
-  static constexpr int kMostUnread = 300;  // of a kilobyte each
+  static constexpr int kMaxUnread = 300;  // of a kilobyte each
 
   struct Subscriber {
     explicit Subscriber(unsigned short port) : client(Subscribe(port)) {}
@@ -106,7 +106,7 @@ class Writer {
   }
 
   void ChangeUntil(const std::function<bool()>& isEnough) {
-    while (_state < kMostChanges && !isEnough()) Change();
+    while (_state < kMaxChanges && !isEnough()) Change();
   }
 
   // 200 times a second; how long each took, in milliseconds.
@@ -138,7 +138,7 @@ bool AreCut(const Daemon& daemon, size_t descriptors) {
 }
 
 // The most bytes that were kept for one of them when it was cut.
-size_t MostKept(const std::string& errors) {
+size_t MaxKept(const std::string& errors) {
   size_t most = 0;
   for (size_t at = 0; (at = errors.find(kCut, at)) != std::string::npos;) {
     at += sizeof kCut - 1;
@@ -221,11 +221,11 @@ TEST(StalledSubscribers, DoNotSlowWritersDown) {
   if (!IsLongRun()) return;
   EXPECT_LE(beside.Quantile(0.99), 2 * alone.Quantile(0.99));
   EXPECT_TRUE(AreCut(daemon, descriptors)) << daemon.GetErrors();
-  EXPECT_LT(MostKept(daemon.GetErrors()), 9 * kMegabyte);
+  EXPECT_LT(MaxKept(daemon.GetErrors()), 9 * kMegabyte);
   const size_t left = ResidentGrowth(daemon.GetId(), memory);
   std::printf(
       "resident: %zu KiB before, at most %zu KiB more, in the end %zu KiB more; at most %zu bytes kept for one\n",
-      memory / 1024, PeakResidentGrowth(daemon.GetId(), memory) / 1024, left / 1024, MostKept(daemon.GetErrors()));
+      memory / 1024, PeakResidentGrowth(daemon.GetId(), memory) / 1024, left / 1024, MaxKept(daemon.GetErrors()));
   EXPECT_LT(left, 8 * kMegabyte);
 }
 
