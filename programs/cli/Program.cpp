@@ -57,7 +57,7 @@ int Run(const std::vector<std::string>& words) {
 
 int RunProgram(int argc, char** argv) {
   HandleInterrupt();
-  std::signal(SIGPIPE, SIG_DFL);  // whoever started us may have it ignored
+  std::signal(SIGPIPE, SIG_DFL);  // the parent process may have it ignored
   try {
     FillClosedStreams();
     return Run({argv + (argc > 0 ? 1 : 0), argv + argc});

@@ -14,7 +14,7 @@ const char* ToText(bool flag) {
   return flag ? "true" : "false";
 }
 
-// Whoever writes the daemon's configuration may choose the log's place, other than whoever writes settings.
+// The daemon's configuration may choose any place for the log; settings, which clients write, may not.
 core::IniFile Prepare(const LogOptions& options) {
   core::IniFile settings;
   settings.SetInt(kGroup, "log.level", options.level);

@@ -85,7 +85,7 @@ KeptChanges KeptChangesOf(const Options& options) {
   return kept;
 }
 
-// Whoever has signals sent to it looks for the reason.
+// Run() sees SIGTERM, and then looks for the loop that failed.
 void EndProcess() {
   kill(getpid(), SIGTERM);
 }

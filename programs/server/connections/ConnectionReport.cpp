@@ -34,6 +34,7 @@ void ConnectionReport::Inform(const char* what) const noexcept {
 }
 
 void ConnectionReport::Cut(CutReason reason, size_t figure, std::string_view sent) noexcept {
+  // Each reason is bounded apart in the log: many cuts for one of them must not hide another.
   const LogPeer peer(_logPeer, static_cast<int>(reason));
   _hasEnd = true;
   _counters.Count(reason);

@@ -21,6 +21,7 @@ void KeptOutput::Append(std::string_view bytes) {
 void KeptOutput::Append(const Text& text, size_t begin) {
   const size_t rest = text->size() - begin;
   const bool isFirst = _size == 0;
+  // A small rest costs less as a copy; and the first text alone may begin inside (_begin).
   if (rest < kMinShared || (begin > 0 && !isFirst)) return Append(std::string_view(*text).substr(begin));
   if (!_references) _references = std::make_unique<References>();
   _references->push_back({_ownBehind, text});

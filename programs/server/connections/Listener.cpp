@@ -71,6 +71,7 @@ bool IsListeningStream(int descriptor) {
 
 std::vector<Listener> Listener::OpenAll(const Options& options) {
   std::vector<Listener> listeners;
+  // Where a service manager listens already, the daemon may not be able to: the options' addresses don't count then.
   std::vector<osa::Descriptor> passed = TakePassedSockets();
   if (!passed.empty()) {
     TakePassed(std::move(passed), options.allowRemote, listeners);
@@ -123,6 +124,7 @@ void Listener::TakePassed(std::vector<osa::Descriptor> passed, bool allowRemote,
       throw osa::Exception("Descriptor %d, which the service manager passed, is no listening stream socket",
                            descriptor.Get());
     RequireLocal(bound.Get(), ToText(bound.Get(), bound.size), allowRemote);
+    // A client that has left again by the time it is accepted must not make the accepting thread wait for another one.
     const int flags = fcntl(descriptor.Get(), F_GETFL);
     if (flags >= 0) fcntl(descriptor.Get(), F_SETFL, flags | O_NONBLOCK);
     listeners.push_back(Listener(std::move(descriptor), nullptr));

@@ -66,6 +66,7 @@ size_t OutputQueue::Send() {
 void OutputQueue::Close() {
   {
     osa::PlainMutexLock lock(_mutex);
+    // Not by Break: the connection is about to go, and must not be called any more.
     _isBroken = true;
     _kept.Clear();
     _keptBytes = 0;
@@ -95,6 +96,7 @@ void OutputQueue::OnDurable() {
     osa::PlainMutexLock lock(_mutex);
     _isAwaiting = false;
     if (_isBroken) return;
+    // The peer had nothing to take so far; its time to make progress begins now.
     if (CountSendable() == 0) _lastProgress = Clock::now();
     SendSendable();
     if (_isBroken) return;
@@ -124,6 +126,7 @@ void OutputQueue::FlushMessage(std::string_view message, const KeptOutput::Text*
   if (!CanReachPeer() || message.empty()) return;
   const Ticket ticket = std::max(_messageTicket, _minTicket);
   const bool isHeld = _gate && !_gate->IsDurable(ticket);
+  // A hold is for everything behind it: what waits for no later change needs none of its own.
   const bool isHeldLonger = isHeld && (_holds.empty() || ticket > _holds.back().ticket);
   if (isHeldLonger) _holds.push_back({_left + _kept.GetSize(), ticket});
   const bool goesAtOnce = !isHeld && _kept.GetSize() == 0;
@@ -191,6 +194,7 @@ void OutputQueue::AwaitDurable() {
     ticket = _holds.front().ticket;
     _isAwaiting = true;
   }
+  // With the mutex released: a wait that there is no memory for breaks the queue, which takes the mutex.
   bool isHeld = true;
   DoOrBreak([&] { isHeld = _gate->Await(ticket, shared_from_this()); });
   if (!isHeld) OnDurable();

@@ -32,6 +32,7 @@ void Places::Free() {
   if (_isAwaited.exchange(false)) eventfd_write(_freed.Get(), 1);
 }
 
+// Counted first, and taken back if that was too much: of two that depart at once, both must not find the last place.
 bool Places::Depart() {
   if (_departed.fetch_add(1) >= _maxDeparted) {
     --_departed;

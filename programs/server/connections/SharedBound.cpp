@@ -20,6 +20,7 @@ SharedBound::Part::Part(SharedBound& bound, int descriptor) : _bound(bound), _de
 }
 
 void SharedBound::Part::Set(size_t bytes) {
+  // Small amounts are left out, so that most connections never take the lock that all of them share.
   const size_t counted = bytes > kNotCounted ? bytes : 0;
   if (counted == _bytes || _ended) return;
   osa::PlainMutexLock lock(_bound._mutex);
@@ -33,6 +34,7 @@ void SharedBound::Part::AddText(const std::string& text) {
   osa::PlainMutexLock lock(_bound._mutex);
   if (!_isCounted || _ended) return;
   if (!_texts) _texts = std::make_unique<std::deque<Texts::value_type*>>();
+  // Room in the own list first: when memory is refused behind this, the index was not changed.
   _texts->push_back(nullptr);
   try {
     _texts->back() = &*_bound._texts.try_emplace(&text).first;
@@ -66,6 +68,10 @@ void SharedBound::Part::End() {
   _bound._parts.erase(std::find(_bound._parts.begin(), _bound._parts.end(), this));
 }
 
+// First the largest parts are taken out of the total until the rest is within the bound. Then each is put back, the
+// smallest first, and picked only if it still exceeds the bound: a text that is shared weighs once, so to end one part
+// may make room for another.
+//
 // Asks for no memory: the bound is enforced when there is little.
 void SharedBound::Enforce() {
   Part* chosen = nullptr;

@@ -37,6 +37,7 @@ void SlowLane::Stop() {
 void SlowLane::Run() {
   const std::function<bool()> isStopped = [this] { return _stop.load(std::memory_order_relaxed); };
   while (IJob* job = AwaitJob()) {
+    // Asked for before the job runs: as soon as it counts as ended, its owner may destroy it.
     const int doneEvent = job->GetDoneEvent();
     job->Run(isStopped);
     EndJob(doneEvent);

@@ -24,6 +24,7 @@ osa::Descriptor OpenSocket(const addrinfo& address) {
   if (!made) return made;
   const int on = 1;
   setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // IPv4 has a socket of its own, where the address asks for both.
   if (address.ai_family == AF_INET6) setsockopt(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   if (bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), kBacklog) == 0) return made;
   const int error = errno;

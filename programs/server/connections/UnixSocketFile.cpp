@@ -51,6 +51,7 @@ void UnixSocketFile::RequireGroup(const std::string& group) {
 UnixSocketFile::UnixSocketFile(const std::string& path) : _path(path), _lock(path) {}
 
 UnixSocketFile::~UnixSocketFile() {
+  // What stands there now may be another process's, which has replaced ours.
   struct stat present {};
   if (_isBound && lstat(_path.c_str(), &present) == 0 && present.st_dev == _device && present.st_ino == _inode)
     unlink(_path.c_str());
@@ -88,6 +89,7 @@ void UnixSocketFile::RemoveStaleSocket() const {
 }
 
 void UnixSocketFile::SetPermissions(mode_t mode, const std::string& group) const {
+  // The group first: else the mode would let in the members of the process's own group for a moment.
   if (!group.empty() && lchown(_path.c_str(), static_cast<uid_t>(-1), FindGroup(group)) != 0)
     Fail(std::strerror(errno));
   if (chmod(_path.c_str(), mode) != 0) Fail(std::strerror(errno));

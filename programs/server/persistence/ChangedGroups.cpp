@@ -32,6 +32,7 @@ void ChangedGroups::Note(const std::set<std::string>& groups, const core::IniFil
 void ChangedGroups::NoteMany(const Many& groups) noexcept {
   if (!_notes) return;
   if (!groups) _missesSome = true;
+  // A client that repeats a large change comes with the same set (NotedChanges shares it); there are a few at most.
   if (!groups || std::count(_changes.many.begin(), _changes.many.end(), groups) > 0) return;
   try {
     _changes.many.push_back(groups);

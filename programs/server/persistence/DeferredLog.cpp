@@ -26,6 +26,7 @@ void DeferredLog::Write() {
     osa::PlainMutexLock lock(_mutex);
     lines.swap(_lines);
   }
+  // With the mutex released: a log on a slow disk must not make those wait who add lines.
   for (const Line& line : lines) {
     if (line.isError) {
       _logger.Error("%s", line.text.c_str());

@@ -65,6 +65,7 @@ void DurabilityGate::MergeOldest() {
 }
 
 DurabilityGate::Ticket DurabilityGate::Publish(Ticket ticket, bool isHeld) {
+  // In this order: who reads the new last ticket without the mutex finds it durable already, if nothing holds it.
   if (!IsHeld(isHeld)) _durable.store(ticket, std::memory_order_release);
   _last.store(ticket, std::memory_order_release);
   return ticket;
@@ -111,6 +112,7 @@ void DurabilityGate::Release(Ticket ticket) {
       waiting = next;
     }
   }
+  // With the mutex released: outputs take their own mutex, which stands outside of this one.
   for (const auto& waiting : released) waiting.second->OnDurable();
 }
 

@@ -82,6 +82,7 @@ std::optional<Record> ReadRecordHeader(std::string_view bytes) {
   const char* const figures = header.c_str() + kMark.size();
   if (std::sscanf(figures, "%zx %zx %" SCNx32, &record.removed, &record.set, &record.checksum) != 3)
     return std::nullopt;
+  // sscanf also takes blanks, signs and capitals: only a line as we write it counts.
   if (header != BeginRecord(record.extends, record.removed, record.set) + Format(kEnd, record.checksum))
     return std::nullopt;
   return record;
@@ -227,6 +228,9 @@ size_t JournalReader::FindLater() const {
   return std::string_view::npos;
 }
 
+// A write that the power cut off leaves zeros, or the end of the file, inside its record. So a record that has no zero
+// up to the next record's mark, or up to the end that its own line gives, was written whole: when it does not count all
+// the same, its bytes have changed since.
 bool JournalReader::IsRotten() const {
   if (!HasMore()) return false;
   const std::string_view rest = _bytes.substr(_end, CountMore());

@@ -16,7 +16,7 @@ DurabilityGate::Ticket NotedChanges::Note(const std::set<std::string>& changedGr
     for (const auto& group : added) groups.insert(group.first);
     ticket = _gate.Add(&groups, isHeld);
   } catch (const std::bad_alloc&) {
-    ticket = _gate.Add(nullptr, isHeld);
+    ticket = _gate.Add(nullptr, isHeld);  // without the names it holds all output
   }
   _changed.Note(changedGroups, added);
   if (isPending) _pending.Note(changedGroups, added);
@@ -56,6 +56,7 @@ void NotedChanges::DropPending() {
 }
 
 void NotedChanges::FollowSnapshot() {
+  // What the next journal has not taken yet is just what it lacks as the current one.
   std::swap(_pending, _changed);
   _changed.End();
   ++_epoch;

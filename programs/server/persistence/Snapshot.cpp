@@ -88,8 +88,10 @@ bool Parse(const std::string& path, const FileContent& content, Snapshot& snapsh
 std::string FindDamage(const FileContent& content, const LastLine& line) {
   if (!content.problem.empty()) return content.problem;
   if (line.matches) return "";
+  // Settings text spells a zero byte as an escape: zeros are left where a file system lost what was written.
   if (IsZeroInside(content.bytes)) return "it holds zeros";
   if (!line.found) return IsBeginOfOurs(content.bytes) && !content.bytes.empty() ? "it has no last line" : "";
+  // An editor changes the time, too. What differs under the old time has rotted.
   return content.modificationTime == line.end.written ? "its checksum is wrong" : "";
 }
 

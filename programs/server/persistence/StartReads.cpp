@@ -55,7 +55,7 @@ FileContent ReadAtStart(FileSystem& files, const std::string& path, const std::s
     case ENAMETOOLONG:
       Refuse(Reason::kNotOurs, name, content.problem);
     default:
-      return content;
+      return content;  // none at all, or an error of the disk: the caller looks for another file to use
   }
 }
 

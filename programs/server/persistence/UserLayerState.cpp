@@ -62,6 +62,7 @@ UserLayerState::Steps UserLayerState::OnAppended(uint64_t journalEnd) {
 
 UserLayerState::Steps UserLayerState::OnLateWritten(const LateWrite& write, uint64_t journalEnd) {
   Steps steps;
+  // What went into a journal that was given up or replaced meanwhile counts for nothing.
   if (write.journal != _names.GetCurrent()) return steps;
   _changes.written = std::max(_changes.written, write.last);
   if (_changes.written == _changes.last && !_changes.arePaused) _changes.areLate = false;
@@ -85,7 +86,9 @@ UserLayerState::Sync UserLayerState::OnSyncBegun(Clock::time_point now, std::tim
 UserLayerState::Steps UserLayerState::OnSynced(const Sync& sync) {
   Steps steps;
   _changes.synced = std::max(_changes.synced, sync.last);
+  // Changes that are not synced now were made after the sync began.
   steps.unsavedSince = _changes.synced == _changes.last ? 0 : sync.begun;
+  // A disk that takes syncs and no snapshots is not well yet: the pauses between tries stay long.
   if (!_isSnapshotDue && !IsSnapshotting()) _retry.OnSuccess();
   ReportRecovery(steps);
   return steps;
@@ -127,6 +130,7 @@ UserLayerState::Steps UserLayerState::OnFollowed(const Snapshot& snapshot, Journ
   _names.OnReplaced(next);
   _journalFollows = snapshot.id.generation;
   _changes.written = std::max(snapshot.last, last);
+  // Resume, which Follow calls, finds out whether there are any behind "last".
   _changes.areLate = true;
   Follow(snapshot, steps);
   if (next != 0) RequestSnapshotIfLong(journalEnd, steps);  // so much was changed meanwhile

@@ -265,6 +265,7 @@ std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& t
     RemoveQuietly(_files, newPath);
     throw;
   }
+  // The new one stands from here on, even if the sync of its name fails: it is the one that the next backup is made of.
   _synced = Synced::kYes;
   _isDamaged = false;
   _damagedIsKept = false;
