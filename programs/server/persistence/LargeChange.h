@@ -8,6 +8,7 @@
 
 namespace tavix::daemon {
 
+inline constexpr size_t kFewGroups = 16;     // can be described while nobody can change anything
 inline constexpr size_t kManyGroups = 1000;  // take long to describe, however short they are
 
 // Whether it takes long to describe a change: it has many groups, or a text of more than about "maxBytes".

@@ -24,6 +24,13 @@ void LogFailure(DeferredLog& log, UserLayerState::Steps::Report report, const ch
   }
 }
 
+void ReportFailure(const std::function<void(std::string_view reason)>& onFailure, const UserLayerState::Steps& steps,
+                   const char* reason) {
+  using Report = UserLayerState::Steps::Report;
+  if (steps.report == Report::kFailure || steps.report == Report::kFailedRetry) onFailure(reason);
+  if (steps.reportsRecovery) onFailure("");
+}
+
 std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
                                     const core::IniFile& added) {
   try {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/JournalText.h"
@@ -20,6 +22,11 @@ const char* ReasonOf(const std::exception& exception);
 
 // Logs what a failure leads to.
 void LogFailure(DeferredLog& log, UserLayerState::Steps::Report report, const char* reason);
+
+// Reports why changes are not kept from now on, or that they are again, if that follows from an event. onFailure: as
+// UserLayerSetup has it.
+void ReportFailure(const std::function<void(std::string_view reason)>& onFailure, const UserLayerState::Steps& steps,
+                   const char* reason);
 
 // As DescribeChange; empty when memory is refused.
 std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,

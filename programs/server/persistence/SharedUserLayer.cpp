@@ -13,8 +13,6 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr size_t kFewGroups = 16;  // can be described while nobody can change anything
-
 using Size = UserLayerState::Size;
 
 }  // namespace
@@ -116,7 +114,7 @@ void SharedUserLayer::OpenJournal(const std::vector<Change>& changes) {
 void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
-  ReportFailure(steps, reason);
+  if (_setup.onFailure) ReportFailure(_setup.onFailure, steps, reason);
   _isSaved = _state.IsSaved();
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
   if (!_state.AreChangesLate()) _notes.DropPending();
@@ -130,13 +128,6 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   if (steps.reportsRecovery) _log.AddWarning(_quotedPath.c_str(), " is saved again");
   if (steps.wakesSync && !ChangeBatch::Join(*this) && MustWakeSync()) _wakeSync.notify_one();
   if (steps.wakesSnapshot) _wakeSnapshot.notify_one();
-}
-
-void SharedUserLayer::ReportFailure(const Steps& steps, const char* reason) const {
-  using Report = Steps::Report;
-  if (!_setup.onFailure) return;
-  if (steps.report == Report::kFailure || steps.report == Report::kFailedRetry) _setup.onFailure(reason);
-  if (steps.reportsRecovery) _setup.onFailure("");
 }
 
 void SharedUserLayer::GiveUpJournal() {
@@ -292,140 +283,6 @@ void SharedUserLayer::OnSyncUseless() {
 // There is something to log when the disk has hung.
 void SharedUserLayer::EndDiskWork() {
   if (_watch.End()) _wakeSnapshot.notify_one();
-}
-
-SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
-  osa::PlainMutexLock lock(_mutex);
-  while (!_state.IsStopping()) {
-    const Clock::time_point now = Clock::now();
-    _watch.Look(now);
-    if (!_log.IsEmpty()) return SnapshotWork::kLog;
-    const std::optional<Clock::time_point> snapshot = _state.GetSnapshotTime();
-    const std::optional<Clock::time_point> look = _watch.GetNextLook();
-    if (snapshot && now >= *snapshot) return SnapshotWork::kSnapshot;
-    if (!snapshot && !look) {
-      lock.Wait(_wakeSnapshot);
-    } else {
-      lock.WaitUntil(_wakeSnapshot, snapshot && look ? std::min(*snapshot, *look) : snapshot ? *snapshot : *look);
-    }
-  }
-  return SnapshotWork::kStop;
-}
-
-void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
-  const osa::PlainMutexLock names(_nameMutex);
-  {
-    const osa::PlainMutexLock lock(_mutex);
-    if (!_state.GetNames().TakeUselessName()) return;
-    _failedJournal.reset();
-  }
-  files.RemoveNewJournal();
-}
-
-void SharedUserLayer::BeginToNote() {
-  const osa::PlainMutexLock lock(_mutex);
-  _notes.GetChanged().Begin();
-}
-
-ChangedGroups::Changes SharedUserLayer::TakeChanges() {
-  const osa::PlainMutexLock lock(_mutex);
-  return _notes.GetChanged().TakeChanges();
-}
-
-SnapshotMoment SharedUserLayer::BeginSnapshot() {
-  const osa::PlainMutexLock lock(_mutex);
-  WriteBatch();
-  const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
-  SnapshotMoment moment;
-  moment.last = begin.last;
-  moment.end.generation = begin.generation;
-  moment.end.journalFollows = begin.journalFollows;
-  if (begin.journalFollows != 0) moment.end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
-  return moment;
-}
-
-void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {
-  const osa::PlainMutexLock lock(_mutex);
-  WriteBatch();
-  for (const std::shared_ptr<Journal>& journal : {_journal, _failedJournal}) {
-    try {
-      // One that failed never goes on, and needs no spare room.
-      if (journal) journal->GiveRoomBack(journal == _failedJournal || snapshotBytes <= Journal::kSpare);
-    } catch (const std::exception& exception) {
-      _log.AddWarning(ReasonOf(exception));
-    }
-  }
-}
-
-// What was synced so far stays, and the journal goes on if there is one.
-void SharedUserLayer::FailSnapshot(const char* reason) {
-  _setup.onSave(false, 0);
-  const osa::PlainMutexLock lock(_mutex);
-  _notes.GetChanged().End();
-  if (_journal) _journal->FillAgain();
-  Perform(_state.OnSnapshotFailed(Clock::now()), reason);
-}
-
-bool SharedUserLayer::NeedsNextJournal() {
-  const osa::PlainMutexLock lock(_mutex);
-  return _notes.GetChanged().Count() > 0 || (_journal && !_state.IsStopping());
-}
-
-// The current journal takes its place first, synced or not: its name on the way is the next one's.
-std::shared_ptr<Journal> SharedUserLayer::CreateNextJournal(const SnapshotId& snapshot) {
-  if (const std::shared_ptr<Journal> journal = GetJournal()) TakePlaceNamed(*journal);
-  std::shared_ptr<Journal> next = Journal::Create(_setup.files, _setup.path, snapshot);
-  const osa::PlainMutexLock lock(_mutex);
-  _state.GetNames().OnNextCreated();
-  return next;
-}
-
-void SharedUserLayer::TakePlaceNamed(Journal& journal) {
-  journal.TakePlace();
-  const osa::PlainMutexLock lock(_mutex);
-  _state.GetNames().OnTookPlace(_state.GetNames().GetOwner());
-}
-
-void SharedUserLayer::TakeOver() {
-  const osa::PlainMutexLock lock(_mutex);
-  _state.OnTakeOver();
-}
-
-std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const core::IniFile& layer,
-                                                                     bool isLast) {
-  const osa::PlainMutexLock lock(_mutex);
-  if (_notes.GetChanged().Count() > kFewGroups && !isLast) return std::nullopt;
-  change.Add(_notes.GetChanged().TakeChanges());
-  while (change.MakePart(layer)) continue;
-  return _state.GetLast();
-}
-
-void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shared_ptr<Journal> next, Ticket last) {
-  const osa::PlainMutexLock lock(_mutex);
-  if (next) next->Begin();
-  _journal = std::move(next);
-  _failedJournal.reset();
-  _notes.FollowSnapshot();
-  const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
-  Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
-}
-
-void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, const char* reason,
-                                   UserSettingsFiles& files) {
-  bool mayRemove = false;
-  {
-    const osa::PlainMutexLock lock(_mutex);
-    mayRemove = _state.GetNames().ReleaseNext();
-    _notes.GetChanged().End();
-    if (_journal) _journal->FillAgain();
-    Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
-  }
-  if (mayRemove) files.RemoveNewJournal();
-}
-
-void SharedUserLayer::RemoveOldJournal() {
-  const osa::PlainMutexLock lock(_mutex);
-  if (!_journal) RemoveQuietly(_setup.files, Journal::PathOf(_setup.path));
 }
 
 }  // namespace tavix::daemon

@@ -161,7 +161,6 @@ class SharedUserLayer : private ChangeBatch::IMember {
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
   void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
   void GiveUpJournal() TAVIX_REQUIRES(_mutex);
-  void ReportFailure(const Steps& steps, const char* reason) const;
   void EndDiskWork() TAVIX_REQUIRES(_mutex);
 
   const UserLayerSetup _setup;

@@ -15,7 +15,9 @@ namespace tavix::daemon {
 //
 // In order: OnBegun and OnEnded enclose a sync; OnReleased comes once the output is sent that waited for it.
 //
-// Without threads, clocks and locks: one caller at a time, who knows what time it is.
+// Without threads, clocks and locks: the caller knows what time it is.
+//
+// Threads: one at a time.
 class SyncGather {
  public:
   using Clock = std::chrono::steady_clock;
