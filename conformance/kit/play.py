@@ -36,8 +36,8 @@ class _Play:
         self._links: Dict[str, Connection] = {}  # "<" and "!"
         self._pending: List[Tuple[Connection, bytes]] = []  # output that may be one packet
         self._request: Optional[Request] = None  # that was matched last
-        self._cut_request: Optional[Request] = None
-        self._cut_data = b""
+        self._reply_data = b""  # that it got
+        self._is_cut = False  # whether the connection ended behind that
         self._asked: Dict[str, Any] = {}
         self._asked_id = 0
         self._watches: List[int] = []
@@ -91,7 +91,7 @@ class _Play:
             return False
 
         self._hub.run_until(is_there, f"the request {wanted.text!r}")
-        self._request = wanted
+        self._request, self._reply_data = wanted, b""
         self._links["<"] = found[0]
         if wanted.words[0] == b"subscribe":
             self._links["!"] = found[0]
@@ -102,12 +102,14 @@ class _Play:
             raise Failure("there is no connection that was subscribed")
         data = step.value
         if index == self._last_output and self._cut is not None:
-            self._cut_request, self._cut_data = self._request, data[: self._cut]
-            self._pending.append((link, self._cut_data))
+            data = data[: self._cut]
+            self._is_cut = True
+        self._pending.append((link, data))
+        if step.kind == "<":
+            self._reply_data += data
+        if self._is_cut:
             self._flush()
             link.close()
-            return
-        self._pending.append((link, data))
 
     def _flush(self) -> None:
         pending, self._pending = self._pending, []
@@ -150,10 +152,7 @@ class _Play:
         expected = requests_before_next_do(self._script.steps, index)
         for entry in list(self._daemon.arrived):
             link, request = entry
-            if self._cut_request is not None and request.means(self._cut_request) and not request.is_write:
-                link.send(self._cut_data)
-                link.close()
-            elif request.words[0] == b"subscribe" or any(request.means(each) for each in expected):
+            if request.words[0] == b"subscribe" or any(request.means(each) for each in expected):
                 continue
             elif request.is_write:
                 is_again = self._request is not None and request.means(self._request)
@@ -161,9 +160,17 @@ class _Play:
                 raise Failure(f"the client {how}: {request.text!r}")
             elif request.words[0] == b"quit":
                 link.close()
+            elif self._request is not None and request.means(self._request):
+                self._reply_again(link)
             else:
                 link.send(self._reply(request))
             self._daemon.arrived.remove(entry)
+
+    def _reply_again(self, link: Connection) -> None:
+        """A client may repeat a read that failed: it fails again."""
+        link.send(self._reply_data)
+        if self._is_cut:
+            link.close()
 
     def _reply(self, request: Request) -> bytes:
         if request.words[0] == b"get":

@@ -24,7 +24,7 @@ VECTOR_CASES = (
 
 def run_vectors(name: str, path: Path, hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
     """Throws Failure."""
-    client.require_ok({"do": "connect", "address": daemon.address, "timeout_ms": 60000})
+    _connect(hub, client, daemon)
     check = _read if name == _READ else _write
     for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
         vector = json.loads(line)
@@ -34,6 +34,20 @@ def run_vectors(name: str, path: Path, hub: Hub, client: Client, daemon: PlayedD
             except Failure as failure:
                 raise Failure(f"{path.name}:{number}: {failure}") from None
     client.require_ok({"do": "close"})
+
+
+def _connect(hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
+    """Serves a client that reads nothing, to see whether there is a daemon."""
+    asked = {"do": "connect", "address": daemon.address, "timeout_ms": 60000}
+    number = client.send(asked)
+
+    def is_connected() -> bool:
+        while daemon.arrived:
+            daemon.arrived.popleft()[0].send(b"data\n.\n")
+        return client.has_answered(number)
+
+    hub.run_until(is_connected, "the answer to connect")
+    require_answer(client.await_answer(number, "connect"), [{"ok": True}], asked)
 
 
 def _can_stand_on_lines(vector: Dict[str, Any]) -> bool:

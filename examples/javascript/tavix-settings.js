@@ -6,12 +6,11 @@
 //     await store.merge(new Map([['Network/Eth0', new Map([['mtu', '9000']])]]));
 //     const watch = await store.watch(['Network/*'], (change) => console.log(change));
 //
-// Names, keys and values are Buffers' "latin1" strings: a character is a byte, so that each byte survives. bytes() makes
-// one of text, and text() makes text of it.
+// Names, keys and values are "latin1" strings: a character is a byte, so that each byte survives. bytes() makes one of
+// text, and text() makes text of it.
 //
-// Calls may be made at once: they are sent in order, and answered in order. No write is sent twice. A call that fails in
-// any way but by its arguments closes the connection, and the next call makes a new one, so that no call gets the reply
-// of another.
+// Calls may be made at once: they are sent and answered in order. No write is sent twice. A call that fails in any way
+// but by its arguments closes the connection, and the next call makes a new one: no call gets the reply of another.
 'use strict';
 
 const net = require('net');
@@ -162,7 +161,7 @@ class Messages {
 class Connection {
   constructor(socket, onNotice, onEnd) {
     this.socket = socket;
-    this.waiting = []; // {head, isOptional, resolve, reject}, in the order of their requests
+    this.waiting = []; // {head, onReply, isOptional, resolve, reject}, in the order of their requests
     this.onNotice = onNotice;
     this.onEnd = onEnd;
     this.isOpen = true;
@@ -199,6 +198,7 @@ class Connection {
     const result = message.head === 'data' ? parseDocument(message.lists[0]) : message.lists[0];
     this.waiting.shift();
     this.unproven = false;
+    next.onReply(result);
     next.resolve(result);
   }
 
@@ -208,21 +208,22 @@ class Connection {
     this.socket.write(request, 'latin1');
   }
 
-  // head: with which the reply begins.
-  exchange(request, head, timeout) {
+  // head: with which the reply begins. onReply: is called at once with it, before anything that came behind it is looked
+  // at.
+  exchange(request, head, timeout, onReply = () => {}) {
     this.socket.write(request, 'latin1');
-    return this.await(head, timeout);
+    return this.await(head, timeout, { onReply });
   }
 
   // isOptional: an older daemon answers nothing; there is a reply that begins with "data" due behind it.
-  await(head, timeout, isOptional = false) {
+  await(head, timeout, { onReply = () => {}, isOptional = false } = {}) {
     return new Promise((resolve, reject) => {
       const timer = setTimeout(() => this.end(new SettingsError('TIMEOUT', `no reply within ${timeout} ms`)), timeout);
       const done = (finish) => (value) => {
         clearTimeout(timer);
         finish(value);
       };
-      this.waiting.push({ head, isOptional, resolve: done(resolve), reject: done(reject) });
+      this.waiting.push({ head, onReply, isOptional, resolve: done(resolve), reject: done(reject) });
     });
   }
 
@@ -240,7 +241,8 @@ function open(address, timeout, onNotice, onEnd) {
     const socket = net.connect(whereIs(address));
     const fail = (error) => {
       socket.destroy();
-      reject(new SettingsError(error ? 'LOST' : 'TIMEOUT', `${address}: ${error ? error.message : 'no connection in time'}`));
+      const why = error ? error.message : 'no connection in time';
+      reject(new SettingsError(error ? 'LOST' : 'TIMEOUT', `${address}: ${why}`));
     };
     const timer = setTimeout(fail, timeout);
     socket.once('error', (error) => {
@@ -281,16 +283,18 @@ class Watch {
     this.isRead = false; // on this connection; notices before that are older than what is read
   }
 
-  // Subscribes, and reads behind that: what changes in between comes as a notice.
-  async begin() {
+  // Subscribes, and reads behind that: what changes in between comes as a notice. onRead: gets what was read before any
+  // notice behind it is looked at, which may have come with it.
+  async begin(onRead) {
     this.isRead = false;
     const onEnd = () => this.comeBackLater();
     this.connection = await open(this.store.address, this.store.timeout, (names, now) => this.take(names, now), onEnd);
     const request = `subscribe\n${list(this.names)}get delimited\n${list(this.names)}`;
-    const result = await this.connection.exchange(request, 'data', this.store.timeout);
-    this.isRead = true;
-    this.retry = FIRST_RETRY;
-    return result;
+    await this.connection.exchange(request, 'data', this.store.timeout, (now) => {
+      this.isRead = true;
+      this.retry = FIRST_RETRY;
+      onRead(now);
+    });
   }
 
   comeBackLater() {
@@ -300,10 +304,12 @@ class Watch {
     this.timer = setTimeout(async () => {
       this.timer = null;
       try {
-        const now = await this.begin();
-        if (this.isClosed) return this.close();
-        this.compare(now);
-        this.onResync();
+        await this.begin((now) => {
+          if (this.isClosed) return;
+          this.compare(now);
+          this.onResync();
+        });
+        if (this.isClosed) this.close();
       } catch (error) {
         this.comeBackLater();
       }
@@ -399,7 +405,8 @@ class Store {
   // parts: {present, absent, set, unset, replace}, each may be missing; absent and unset are Maps of groups with lists
   // of keys.
   async amend(parts) {
-    const keys = (part) => new Map([...(part || [])].map(([name, list]) => [name, new Map(list.map((key) => [key, '']))]));
+    const unset = (list) => new Map(list.map((key) => [key, '']));
+    const keys = (part) => new Map([...(part || [])].map(([name, list]) => [name, unset(list)]));
     const documents = [parts.present, keys(parts.absent), parts.set, keys(parts.unset), parts.replace];
     const request = 'amend\n' + documents.map((document) => payload(document || new Map())).join('');
     const connection = await this.connection();
@@ -421,7 +428,7 @@ class Store {
   async features(connection) {
     if (!connection.features) {
       connection.socket.write('info features\nget delimited\n.\n', 'latin1');
-      const shown = connection.await('Features', this.timeout, true);
+      const shown = connection.await('Features', this.timeout, { isOptional: true });
       const [lines] = await Promise.all([shown, connection.await('data', this.timeout)]);
       connection.features = lines ? lines.slice(1).map((line) => line.split(' ')[0]) : [];
     }
@@ -443,10 +450,11 @@ class Store {
   async watch(names, onChange, onResync = () => {}, isInitial = false) {
     list(names);
     const watch = new Watch(this, names, onChange, onResync);
-    const now = await watch.begin();
+    await watch.begin((now) => {
+      if (isInitial) watch.compare(now);
+      else watch.known = now;
+    });
     watch.hasBegun = true;
-    if (isInitial) watch.compare(now);
-    else watch.known = now;
     if (!watch.connection.isOpen) watch.comeBackLater();
     this.watches.add(watch);
     return watch;
