@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/Amendment.h"
+#include "tavix/settings/server/DocumentChange.h"
 
 namespace tavix::settings::server {
 
@@ -101,7 +103,15 @@ bool AmendmentPlan::IsSound() const {
          !SetsWhatItUnsets(_set.Get(), _unset.Get());
 }
 
+bool AmendmentPlan::MakeEarly(const StoreDocuments& documents) {
+  if (!IsLong(documents.GetRecordGroup())) return true;
+  const osa::ReadAutoLock lock(documents.GetLock());
+  return Make(documents);
+}
+
 bool AmendmentPlan::Make(const StoreDocuments& documents) {
+  if (_version == documents.GetVersion()) return true;
+  Clear();
   if (!Holds(documents.GetAll())) return false;
   EditRecord(documents);
   if (!IsSeenAgain(documents)) return false;
@@ -114,7 +124,27 @@ bool AmendmentPlan::Make(const StoreDocuments& documents) {
   }
   SaveRecord(documents.GetRecordGroup());
   FindSaved(documents.GetRecordGroup());
+  _version = documents.GetVersion();
   return true;
+}
+
+// A pattern that joins or leaves the record is tried on all groups.
+bool AmendmentPlan::IsLong(const std::string& recordGroup) const {
+  const IniFile& unset = _unset.Get();
+  return IsLarge(_set.Get()) || IsLarge(unset) || IsLarge(_replace.Get()) || _set.Get().HasGroup(recordGroup) ||
+         _replace.Get().HasGroup(recordGroup) || std::any_of(unset.begin(), unset.end(), [&](const auto& group) {
+           return group.first == recordGroup || DeletedGroupsRecord::IsPattern(group.first);
+         });
+}
+
+void AmendmentPlan::Clear() {
+  _version.reset();
+  _record.reset();
+  for (Names* names : {&_whole, &_keyed, &_deleted, &_gone, &_different}) names->clear();
+  _edits.emplace();
+  _changed.Clear();
+  _addedMembers.Clear();
+  _held.reset();
 }
 
 bool AmendmentPlan::Holds(const IniFile& all) const {
@@ -216,24 +246,24 @@ void AmendmentPlan::EditKey(Group& group, const std::string& key) {
   const std::string* const before = FindValue(group.layers.all, key);
   const std::string* const after = group.FindSeen(key);
   if (after && !(before && *before == *after)) {
-    _edits.all.Set(group.name, key, *after);
+    _edits->all.Set(group.name, key, *after);
     _changed[group.name][key] = *after;
   } else if (before && !after) {
-    _edits.all.Erase(group.name, key);
+    _edits->all.Erase(group.name, key);
     _changed[group.name];
   }
   group.seen += (after ? 1 : 0) - (before ? 1 : 0);
   const std::string* const standard = group.layers.FindDefault(key);
   const bool isHidden = FindValue(group.layers.hiddenDefaults, key) != nullptr;
   if (standard && standard == after && isHidden) {
-    _edits.hiddenDefaults.Erase(group.name, key);
+    _edits->hiddenDefaults.Erase(group.name, key);
     ++group.unhidden;
   } else if (standard && standard != after && !isHidden) {
-    _edits.hiddenDefaults.Set(group.name, key, *standard);
+    _edits->hiddenDefaults.Set(group.name, key, *standard);
     group.hidesDefaults = true;
   }
   if (!FindValue(group.layers.unsaved, key)) return;
-  _edits.unsaved.Erase(group.name, key);
+  _edits->unsaved.Erase(group.name, key);
   ++group.saved;
 }
 
@@ -241,9 +271,9 @@ void AmendmentPlan::EditUserKey(const Group& group, const std::string& key) {
   const std::string* const before = FindValue(group.layers.user, key);
   const std::string* const after = group.FindUser(key);
   if (after && !(before && *before == *after)) {
-    _edits.user.Set(group.name, key, *after);
+    _edits->user.Set(group.name, key, *after);
   } else if (before && !after) {
-    _edits.user.Erase(group.name, key);
+    _edits->user.Erase(group.name, key);
   }
 }
 
@@ -251,16 +281,16 @@ void AmendmentPlan::EditUserKey(const Group& group, const std::string& key) {
 void AmendmentPlan::EndGroup(const Group& group) {
   const GroupLayers& layers = group.layers;
   const bool hasUser = group.HasUser();
-  if (layers.user && !hasUser) _edits.user.RemoveGroup(group.name);
-  if (!layers.user && hasUser) _edits.user.Create(group.name);
-  if (_edits.user.Touches(group.name)) _different.insert(group.name);
+  if (layers.user && !hasUser) _edits->user.RemoveGroup(group.name);
+  if (!layers.user && hasUser) _edits->user.Create(group.name);
+  if (_edits->user.Touches(group.name)) _different.insert(group.name);
   const bool isSeen = group.seen > 0 || hasUser || layers.restricted || (!group.isDeleted && layers.HasDefaults());
   if (layers.all && !isSeen) {
-    _edits.all.RemoveGroup(group.name);
+    _edits->all.RemoveGroup(group.name);
     _changed.RemoveGroup(group.name);
     _gone.insert(group.name);
   } else if (!layers.all && isSeen) {
-    _edits.all.Create(group.name);
+    _edits->all.Create(group.name);
     _changed[group.name];
   }
 }
@@ -271,17 +301,17 @@ void AmendmentPlan::EndHidden(const Group& group) {
   const bool isGone = _gone.count(group.name) != 0;
   const bool isSaved =
       layers.unsaved && (group.isWhole || isGone || (group.saved > 0 && group.saved == layers.unsaved->size()));
-  if (isSaved) _edits.unsaved.RemoveGroup(group.name);
+  if (isSaved) _edits->unsaved.RemoveGroup(group.name);
   const bool isOthers = group.isDeleted || group.HasUser() || layers.restricted || (layers.unsaved && !isSaved);
-  if (layers.IsUnmarkedEmptyDefault() && isOthers) _edits.hiddenDefaults.Create(group.name);
+  if (layers.IsUnmarkedEmptyDefault() && isOthers) _edits->hiddenDefaults.Create(group.name);
   if (!layers.hiddenDefaults || group.hidesDefaults || group.unhidden != layers.hiddenDefaults->size()) return;
-  if (group.unhidden > 0 || !isOthers) _edits.hiddenDefaults.RemoveGroup(group.name);
+  if (group.unhidden > 0 || !isOthers) _edits->hiddenDefaults.RemoveGroup(group.name);
 }
 
 void AmendmentPlan::SaveRecord(const std::string& group) {
-  for (const auto& [key, member] : _record->GetSet()) _edits.user.Set(group, key, member);
-  for (const std::string& key : _record->GetErased()) _edits.user.Erase(group, key);
-  if (_record->IsEmptied()) _edits.user.RemoveGroup(group);
+  for (const auto& [key, member] : _record->GetSet()) _edits->user.Set(group, key, member);
+  for (const std::string& key : _record->GetErased()) _edits->user.Erase(group, key);
+  if (_record->IsEmptied()) _edits->user.RemoveGroup(group);
   if (!_record->OnlyAdds()) {
     _different.insert(group);
   } else if (!_record->GetSet().empty()) {
@@ -290,12 +320,12 @@ void AmendmentPlan::SaveRecord(const std::string& group) {
 }
 
 std::ptrdiff_t AmendmentPlan::CountGrowth(const StoreDocuments& documents) const {
-  return _edits.all.CountGrowth(documents.GetAll()) + _edits.user.CountGrowth(documents.GetUser());
+  return _edits->all.CountGrowth(documents.GetAll()) + _edits->user.CountGrowth(documents.GetUser());
 }
 
 std::ptrdiff_t AmendmentPlan::CountHiddenGrowth(const StoreDocuments& documents) const {
   const HiddenLayers& hidden = documents.GetHidden();
-  return _edits.hiddenDefaults.CountGrowth(hidden.defaults) + _edits.unsaved.CountGrowth(hidden.unsaved);
+  return _edits->hiddenDefaults.CountGrowth(hidden.defaults) + _edits->unsaved.CountGrowth(hidden.unsaved);
 }
 
 void AmendmentPlan::FindSaved(const std::string& recordGroup) {

@@ -25,7 +25,8 @@ namespace tavix::settings::server {
 // their group. What it touches are the keys that it names and, of groups that it names as a whole or whose defaults
 // come or go by the record, all. It changes nothing; that is StoreChange's work.
 //
-// In order: IsSound; then, in one hold of the write lock, Make and what it found.
+// In order: IsSound; MakeEarly, so that a long plan keeps no reader waiting; then, in one hold of the write lock, Make,
+// which has nothing to do unless the store has changed, and what it found.
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
@@ -40,8 +41,10 @@ class AmendmentPlan {
   // False: the amendment contradicts itself.
   [[nodiscard]] bool IsSound() const;
 
-  // False: a condition does not hold, or a recorded pattern hides what is to show again. documents: do not change until
-  // the plan is carried out.
+  // False: a condition does not hold, or a recorded pattern hides what is to show again.
+  [[nodiscard]] bool MakeEarly(const StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
+
+  // The same. documents: do not change until the plan is carried out.
   [[nodiscard]] bool Make(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
 
   // What the documents lose and get.
@@ -51,7 +54,7 @@ class AmendmentPlan {
     DocumentEdit hiddenDefaults;
     DocumentEdit unsaved;
   };
-  Edits& GetEdits() { return _edits; }
+  Edits& GetEdits() { return *_edits; }
   RecordEdit& GetRecord() { return *_record; }
 
   // By how many bytes the store grows, as its account counts them; and what it hides.
@@ -73,6 +76,8 @@ class AmendmentPlan {
  private:
   struct Group;
 
+  bool IsLong(const std::string& recordGroup) const;
+  void Clear();
   bool Holds(const core::IniFile& all) const;
   void EditRecord(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
   bool IsSeenAgain(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
@@ -93,11 +98,12 @@ class AmendmentPlan {
   const UnrestrictedPart _unset;
   const UnrestrictedPart _replace;
 
+  std::optional<unsigned long long> _version;  // of the store that the plan is for; none: nothing is planned
   std::optional<RecordEdit> _record;
   std::set<std::string> _whole;    // groups of which every key is touched
   std::set<std::string> _keyed;    // further groups, of which only named keys are
   std::set<std::string> _deleted;  // of all these, those that the record deletes once the plan is carried out
-  Edits _edits;
+  std::optional<Edits> _edits;
   std::set<std::string> _gone;
   core::IniFile _changed;
   std::set<std::string> _different;

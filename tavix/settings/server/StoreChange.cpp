@@ -103,7 +103,7 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
                         const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
   notifier.RefuseInCallback();
   AmendmentPlan plan(amendment);
-  if (!plan.IsSound()) return false;
+  if (!plan.IsSound() || !plan.MakeEarly(documents)) return false;
   NoticeRound notices;
   std::optional<NotificationReserve> reserve;
   {

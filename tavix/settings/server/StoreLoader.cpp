@@ -40,18 +40,32 @@ void RemoveGroupsOf(const IniFile::KeyMap& record, const std::string& recordGrou
   }
 }
 
-// Copies the defaults that are about to be replaced by the settings, but those that the user settings replaced before.
-void HideReplaced(const IniFile& all, const IniFile& user, const IniFile& settings, IniFile& hidden) {
-  if (all.IsEmpty()) return;
+// Moves the defaults of one group that are about to be replaced. user: what replaced some before; may be null.
+void HideReplaced(IniFile::GroupMap::value_type& own, const IniFile::KeyMap* user, const IniFile::KeyMap& settings,
+                  IniFile& hidden) {
+  IniFile::KeyMap* target = nullptr;
+  const auto findTarget = [&]() -> IniFile::KeyMap& {
+    if (!target) target = &hidden.GetMutableGroups().try_emplace(hidden.end(), own.first)->second;
+    return *target;
+  };
+  if (own.second.empty() && !user) findTarget();
+  for (const auto& setting : settings) {
+    const auto value = own.second.find(setting.first);
+    if (value == own.second.end() || FindValue(user, setting.first)) continue;
+    findTarget().emplace_hint(findTarget().end(), setting.first, std::move(value->second));
+  }
+}
+
+// The same for all groups that settings are about to be merged into.
+void HideReplaced(IniFile& all, const IniFile& user, const IniFile& settings, IniFile& hidden) {
+  constexpr int kCloseBy = 3;
+  IniFile::GroupMap& groups = all.GetMutableGroups();
+  auto own = groups.begin();
   for (const auto& [name, keys] : settings) {
-    const IniFile::KeyMap* const own = FindKeys(all, name);
-    if (!own) continue;
-    const IniFile::KeyMap* const before = &user == &settings ? nullptr : FindKeys(user, name);
-    if (own->empty() && !before) hidden[name];
-    for (const auto& setting : keys) {
-      const std::string* const value = FindValue(own, setting.first);
-      if (value && !FindValue(before, setting.first)) hidden[name].emplace(setting.first, *value);
-    }
+    for (int step = 0; step < kCloseBy && own != groups.end() && own->first < name; ++step) ++own;
+    if (own != groups.end() && own->first < name) own = groups.lower_bound(name);
+    if (own == groups.end()) return;
+    if (own->first == name) HideReplaced(*own, FindKeys(user, name), keys, hidden);
   }
 }
 
@@ -97,7 +111,7 @@ StoreLoader::Documents StoreLoader::Load() const {
     RemoveGroupsOf(*record, _recordGroup, all, documents.hidden.defaults);
   GroupDiscriminator::FilterOutRestrictedGroups(all);
   all.RemoveGroup(_recordGroup);
-  HideReplaced(all, documents.user, documents.user, documents.hidden.defaults);
+  HideReplaced(all, {}, documents.user, documents.hidden.defaults);
   all.MergeSettings(documents.user);
   MergeRestrictedSettings(documents);
   all.RemoveGroup(_recordGroup);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -22,6 +23,7 @@
 namespace {
 
 using tavix::core::IniFile;
+using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::SettingsManager;
@@ -58,6 +60,25 @@ void Increment(SettingsManager& store) {
     IniFile next;
     next.SetInt("Counter", "n", seen.GetIntOrDefault("Counter", "n", 0) + 1);
     done = store.TestAndMerge(seen, next);
+  }
+}
+
+// With so many groups that it is planned before the store's lock is taken.
+Amendment LargeIncrementOf(const IniFile& seen) {
+  Amendment amendment;
+  amendment.present.MergeSettings(seen);
+  amendment.set.SetInt("Counter", "n", seen.GetIntOrDefault("Counter", "n", 0) + 1);
+  const bool isOdd = seen.GetIntOrDefault("Counter", "n", 0) % 2 != 0;
+  for (int i = 0; i < 70; ++i)
+    (isOdd ? amendment.set : amendment.unset).SetValue("Filler " + std::to_string(i), "x", "set");
+  return amendment;
+}
+
+void IncrementByAmendments(SettingsManager& store) {
+  for (bool done = false; !done;) {
+    IniFile seen;
+    store.GetGroups(seen, "Counter");
+    done = store.Amend(LargeIncrementOf(seen));
   }
 }
 
@@ -102,6 +123,25 @@ TEST(SettingsManager, BetweenTestAndMergeNoOtherWriteComes) {
   }
   EXPECT_EQ(AllSettingsOf(served.store), "[Counter]\nn=" + std::to_string(4 * kRounds) + "\n");
   EXPECT_EQ(served.persister.GetSaved(), AllSettingsOf(served.store));
+}
+
+// It is planned before the lock is taken, and again when others were faster.
+TEST(SettingsManager, BetweenTheConditionsOfALargeAmendmentAndItsChangeNoOtherWriteComes) {
+  constexpr int kRoundsOfEach = 20;
+  ServedStore served({"[Counter]\nn=0\n[Filler 5]\nx=default\n"});
+  const auto count = [&] {
+    for (int round = 0; round < kRoundsOfEach; ++round) IncrementByAmendments(served.store);
+  };
+  {
+    BackgroundCall first(count);
+    BackgroundCall second(count);
+    BackgroundCall third(count);
+  }
+  IniFile counter;
+  served.store.GetGroups(counter, "Counter");
+  EXPECT_EQ(counter.GetIntOrDefault("Counter", "n", 0), 3 * kRoundsOfEach);
+  EXPECT_EQ(served.persister.GetSaved(), UserSettingsOf(served.store));
+  EXPECT_EQ(AllSettingsOf(SettingsManager(&served.persister, nullptr, nullptr, false)), AllSettingsOf(served.store));
 }
 
 TEST(SettingsManager, SubscribersComeAndGoWhileChangesAreTold) {
