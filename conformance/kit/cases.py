@@ -5,24 +5,12 @@ from __future__ import annotations
 from pathlib import Path
 from typing import Callable, FrozenSet, List, NamedTuple, Tuple
 
-from .client import Client
-from .hub import Hub
 from .live import Live, read_live, run_live
 from .play import play
 from .played_daemon import PlayedDaemon
-from .trace import Trace
+from .surroundings import Surroundings
 from .transcript import Transcript, read_transcript
 from .vector_cases import VECTOR_CASES, run_vectors
-
-
-class Surroundings(NamedTuple):
-    """What a case may use. daemon: the program, or "" where there is none."""
-
-    hub: Hub
-    client: Client
-    trace: Trace
-    seed: int
-    daemon: str
 
 
 class Case(NamedTuple):

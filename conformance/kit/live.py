@@ -28,16 +28,14 @@ import json
 import random
 import signal
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, Dict, FrozenSet, List, NamedTuple
+from typing import Any, Dict, FrozenSet, List, NamedTuple
 
 from .byte_json import document_from_json, document_to_json, names_from_json
 from .expect import holds, require_answer, require_event
 from .failure import Failure, UsageError
 from .real_daemon import Peer, RealDaemon
 from .relay import Relay
-
-if TYPE_CHECKING:
-    from .cases import Surroundings
+from .surroundings import Surroundings
 
 Json = Dict[str, Any]
 _STEPS = ("do", "event", "events", "other", "others", "sees", "kept", "cut", "back", "restart", "settles")
