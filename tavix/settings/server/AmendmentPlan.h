@@ -30,6 +30,8 @@ namespace tavix::settings::server {
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
+// Methods: many, as are the members: the steps from what the amendment names to what each document loses and gets, each
+//          of which leaves its outcome to those behind it.
 class AmendmentPlan {
  public:
   // amendment: outlives the object.

@@ -44,6 +44,8 @@ class ISettingsPersister;
 // Errors:  osa::Exception in a change callback, RefusedChange beyond a bound, std::bad_alloc: then nothing is changed.
 //          Those of the persister and of callbacks pass through: then the change stays in memory. Behind one that
 //          leaves a save nobody is notified.
+// Methods: many, as are the members: each step of the order above is one, for the documents, the record, what is hidden
+//          and what is saved.
 class StoreChange {
  public:
   // All outlive the object. persister: may be null.
