@@ -86,6 +86,7 @@ void SetLogFile(Options& options, const std::string& value) {
   options.log.file = value;
 }
 
+// In the order of the help. A table, one entry an option: its length is that of what there is to say.
 std::vector<OptionEntry> MakeTable() {
   return {
       {"", "config", "FILE", Kind::kValue, false,
