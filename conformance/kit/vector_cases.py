@@ -76,8 +76,9 @@ def _write(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemo
             link, request = daemon.arrived.popleft()
             if request.is_write:
                 found.append(request)
-            elif request.words[0] == b"get":  # the client reads back what it has written
-                link.send(b"data\n" + bytes.fromhex(vector["canonical"]) + b".\n" if request.parts[0] else b"data\n.\n")
+            elif request.words[0] == b"get":  # the client compares, or reads back what it has written
+                has_it = found and request.parts[0]
+                link.send(b"data\n" + (bytes.fromhex(vector["canonical"]) if has_it else b"") + b".\n")
 
     def is_answered() -> bool:
         serve()

@@ -1,5 +1,5 @@
-// Our clients in C++ and C as clients under test (docs/clients.md): adapter single|multi|protocol|c. Reads requests from
-// standard input, and writes answers and events to standard output, each a line of JSON.
+// Our clients in C++ and C as clients under test (docs/clients.md): adapter single|multi|protocol|c. Reads requests
+// from standard input, and writes answers and events to standard output, each a line of JSON.
 #include <poll.h>
 #include <unistd.h>
 
