@@ -36,9 +36,9 @@ class TAVIX_EXPORT ISettingsPersister {
   // userSettings: the whole user layer, valid during the call only.
   virtual void SaveUserSettings(const core::IniFile& userSettings) = 0;
 
-  // The same, knowing which groups of the layer came, went or hold something else than before, or are not seen any more
-  // though the layer never held them. Called for every change that is to be saved, even when no group differs. Returns
-  // the change's ticket; 0: nothing has to wait for it.
+  // The same, knowing which groups of the layer came, went or hold something else than before, or are seen otherwise
+  // though the layer holds the same of them. Called for every change that is to be saved, even when no group differs.
+  // Returns the change's ticket; 0: nothing has to wait for it.
   virtual ChangeTicket SaveChangedGroups(const core::IniFile& userSettings,
                                          const std::set<std::string>& changedGroups) {
     static_cast<void>(changedGroups);
