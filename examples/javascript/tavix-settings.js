@@ -1,4 +1,4 @@
-// A client of the settings protocol for Node 14 and later: one file, no dependency. Written from docs/clients.md.
+// A client of the settings protocol for Node 14 and later: one file, no dependency. docs/clients.md says all that it needs.
 //
 //     const { connect } = require('./tavix-settings.js');
 //     const store = await connect('127.0.0.1:7211');
@@ -208,8 +208,7 @@ class Connection {
     this.socket.write(request, 'latin1');
   }
 
-  // head: with which the reply begins. onReply: is called at once with it, before anything that came behind it is looked
-  // at.
+  // head: with which the reply begins. onReply: gets it at once, before anything that came behind it is looked at.
   exchange(request, head, timeout, onReply = () => {}) {
     this.socket.write(request, 'latin1');
     return this.await(head, timeout, { onReply });
