@@ -94,6 +94,7 @@ set(internal_headers
     tavix/settings/server/PhpArrayScanner.h
     tavix/settings/server/PreparedMerge.h
     tavix/settings/server/RecordEdit.h
+    tavix/settings/server/RefusalReasons.h
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/RequestInput.h
     tavix/settings/server/RequestLists.h

@@ -29,6 +29,8 @@ int32_t CodeOf(ProtocolException::Reason reason) {
       return TAVIX_PARSE;
     case ProtocolException::Reason::kNoResources:
       return TAVIX_BUSY;
+    case ProtocolException::Reason::kTooOld:
+      return TAVIX_UNSUPPORTED;
   }
   return TAVIX_INTERNAL;
 }

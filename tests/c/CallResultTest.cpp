@@ -50,9 +50,10 @@ TEST(CallResult, HasACodeForEachException) {
 
 TEST(CallResult, HasACodeForEachReasonOfAClient) {
   const std::vector<std::pair<Reason, std::string>> codes = {
-      {Reason::kUsage, "USAGE"},      {Reason::kUnreachable, "LOST"},  {Reason::kTimedOut, "TIMEOUT"},
-      {Reason::kLost, "LOST"},        {Reason::kNotProtocol, "PARSE"}, {Reason::kTooLarge, "PARSE"},
-      {Reason::kUnreadable, "PARSE"}, {Reason::kNoResources, "BUSY"},  {Reason::kDropped, "LOST"}};
+      {Reason::kUsage, "USAGE"},       {Reason::kUnreachable, "LOST"},  {Reason::kTimedOut, "TIMEOUT"},
+      {Reason::kLost, "LOST"},         {Reason::kNotProtocol, "PARSE"}, {Reason::kTooLarge, "PARSE"},
+      {Reason::kUnreadable, "PARSE"},  {Reason::kNoResources, "BUSY"},  {Reason::kDropped, "LOST"},
+      {Reason::kTooOld, "UNSUPPORTED"}};
   for (const auto& [reason, code] : codes) EXPECT_EQ(CodeOfReason(reason), code);
 }
 

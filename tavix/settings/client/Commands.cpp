@@ -6,6 +6,7 @@
 
 #include "tavix/core/DelimitedIstream.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 
 namespace tavix::settings::client {
@@ -18,6 +19,12 @@ void WriteGroups(std::ostream& os, const std::set<std::string>& groups) {
 
 void EndRequest(std::ostream& os) {
   os << protocol::kTerminator << std::endl;
+}
+
+bool ReadOutcome(std::istream& is) {
+  std::string outcome;
+  std::getline(is, outcome);
+  return outcome == protocol::kOk;
 }
 
 }  // namespace
@@ -56,10 +63,51 @@ void TestAndMergeCommand::SendRequest(std::ostream& os) {
 }
 
 bool TestAndMergeCommand::HandleResponse(std::istream& is) {
-  std::string outcome;
-  std::getline(is, outcome);
-  if (outcome == protocol::kOk) _success = true;
+  return _success = ReadOutcome(is);
+}
+
+std::array<const core::IniFile*, 5> PartsOf(const Amendment& amendment) {
+  return {&amendment.present, &amendment.absent, &amendment.set, &amendment.unset, &amendment.replace};
+}
+
+void AmendCommand::SendRequest(std::ostream& os) {
+  os << protocol::kAmend << '\n';
+  for (const core::IniFile* const part : PartsOf(*_amendment)) {
+    part->SaveToStream(os);
+    os << protocol::kTerminatorLine;
+  }
+  os.flush();
+}
+
+bool AmendCommand::HandleResponse(std::istream& is) {
+  return _success = ReadOutcome(is);
+}
+
+void FeaturesCommand::SendRequest(std::ostream& os) {
+  os << protocol::kInfo << ' ' << protocol::kFeatures << '\n' << protocol::kGet << ' ' << protocol::kDelimited << '\n';
+  EndRequest(os);
+}
+
+bool FeaturesCommand::Accepts(const std::string& word) {
+  _isList = !_hasList && word == "Features";
+  return _isList || word == protocol::kData;
+}
+
+bool FeaturesCommand::HandleResponse(std::istream& is) {
+  if (_isList) {
+    ReadList(is);
+    return false;
+  }
+  for (std::string line; std::getline(is, line) && line != protocol::kTerminator;) continue;
   return _success;
+}
+
+// The rule, the features, an empty line.
+void FeaturesCommand::ReadList(std::istream& is) {
+  _hasList = true;
+  for (std::string line; std::getline(is, line) && !line.empty();) {
+    if (line == protocol::kAmend) _success = true;
+  }
 }
 
 void OverwriteCommand::SendRequest(std::ostream& os) {

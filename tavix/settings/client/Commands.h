@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <set>
 #include <string>
 
@@ -7,6 +8,9 @@
 
 namespace tavix::core {
 class IniFile;
+}
+namespace tavix::settings {
+struct Amendment;
 }
 
 // The commands, one for each operation of a remote client; whoever makes one fills its members. docs/protocol.md shows
@@ -43,6 +47,37 @@ class TestAndMergeCommand : public RemoteCommand {
   const core::IniFile* _test = nullptr;
   const core::IniFile* _settings = nullptr;
   bool _success = false;
+};
+
+// The payloads of an amendment, in the order in which they are sent.
+std::array<const core::IniFile*, 5> PartsOf(const Amendment& amendment);
+
+// Reply: whether the change was made, also left in _success. Only for servers that know it, see FeaturesCommand.
+class AmendCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+  bool HandleResponse(std::istream& is) override;
+
+  const Amendment* _amendment = nullptr;
+  bool _success = false;
+};
+
+// Asks for the server's features, and for nothing behind it: an older server answers the second alone. So the reply has
+// two parts, or one. The outcome, also left in _success: whether the server knows amendments.
+class FeaturesCommand : public RemoteCommand {
+ public:
+  void SendRequest(std::ostream& os) override;
+  bool Accepts(const std::string& word) override;
+  bool HandleResponse(std::istream& is) override;
+  bool AwaitsMore() const override { return _isList; }
+
+  bool _success = false;
+
+ private:
+  void ReadList(std::istream& is);
+
+  bool _isList = false;  // the part at hand
+  bool _hasList = false;
 };
 
 class OverwriteCommand : public RemoteCommand {

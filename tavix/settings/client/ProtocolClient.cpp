@@ -110,6 +110,25 @@ void SendWrite(ProtocolExchange& exchange, const std::string& request) {
   call.Finish();
 }
 
+bool AskForResult(ProtocolExchange& exchange, const std::string& request) {
+  ProtocolExchange::Call call(exchange);
+  exchange.Send(request, true);
+  exchange.ExpectFirstLine(protocol::kResult);
+  const std::string result = exchange.ReadLine();
+  if (result != protocol::kOk && result != protocol::kFailure) exchange.FailUnexpected(protocol::kOk, result);
+  call.FinishReply();
+  return result == protocol::kOk;
+}
+
+// An older daemon writes nothing for that request: what shows it is the reply to another one behind it.
+std::optional<std::string> AskInfo(ProtocolExchange& exchange, const char* word, const char* title) {
+  ProtocolExchange::Call call(exchange);
+  exchange.Send(std::string(protocol::kInfo) + " " + word + "\n" + GetRequest({}), false);
+  std::optional<std::string> lines = exchange.ReadInfo(title);
+  call.FinishReply();
+  return lines;
+}
+
 // A later reply is the newer one: what it is about replaces all that is known of these groups.
 void Replace(const ProtocolClient::Groups& namesAndPatterns, IniFile&& reply, IniFile& settings) {
   common::GroupNameMatcher matcher;
@@ -218,14 +237,25 @@ bool ProtocolClient::TestAndMerge(const IniFile& test, const IniFile& settings) 
   TestAndMergeCommand command;
   command._test = &test;
   command._settings = &settings;
-  const std::string request = TextOf(command);
+  return AskForResult(*_exchange, TextOf(command));
+}
+
+bool ProtocolClient::Amend(const Amendment& amendment) {
+  for (const IniFile* const part : PartsOf(amendment)) RequireSendable(*part);
+  AmendCommand command;
+  command._amendment = &amendment;
+  if (!_canAmend) GetFeatures();
+  if (!*_canAmend) throw ProtocolException(Reason::kTooOld, GetAddress() + " is too old for amendments", {}, false);
+  return AskForResult(*_exchange, TextOf(command));
+}
+
+void ProtocolClient::Note(const std::string& text) {
+  constexpr size_t kMaxBytes = 256;
+  if (text.size() > kMaxBytes || text.find('\n') != std::string::npos)
+    throw ProtocolException(Reason::kUsage, "a note is one line of 256 bytes at most", {}, false);
   ProtocolExchange::Call call(*_exchange);
-  _exchange->Send(request, true);
-  _exchange->ExpectFirstLine(protocol::kResult);
-  const std::string result = _exchange->ReadLine();
-  if (result != protocol::kOk && result != protocol::kFailure) _exchange->FailUnexpected(protocol::kOk, result);
-  call.FinishReply();
-  return result == protocol::kOk;
+  _exchange->Send(std::string(protocol::kNote) + " " + text + "\n", false);
+  call.Finish();
 }
 
 void ProtocolClient::Flush() {
@@ -244,21 +274,33 @@ std::vector<std::string> ProtocolClient::GetSubscribed() {
   return names;
 }
 
-// An older daemon writes nothing for that request: what shows it is the reply to another one behind it.
-std::map<std::string, std::string> ProtocolClient::GetServerInfo() {
-  ProtocolExchange::Call call(*_exchange);
-  _exchange->Send(std::string(protocol::kInfo) + " " + protocol::kServer + "\n" + GetRequest({}), false);
-  std::string figures = "[]\n";  // the header of a group
-  std::string line = _exchange->ReadFirstLine();
-  if (line == "Server") {
-    if (line = _exchange->ReadLine(); line != "------") _exchange->FailUnexpected("------", line);
-    while (!(line = _exchange->ReadLine()).empty()) figures.append(line).append(1, '\n');
-    line = _exchange->ReadFirstLine();
-  }
-  _exchange->RequireEmptyReply(line);
-  call.FinishReply();
-  IniFile document = Parse(*_exchange, figures);
+std::map<std::string, std::string> ProtocolClient::AskForFigures(const char* word, const char* title) {
+  const std::string lines = AskInfo(*_exchange, word, title).value_or("");
+  IniFile document = Parse(*_exchange, "[]\n" + lines);
   return std::move(document[""]);
+}
+
+std::map<std::string, std::string> ProtocolClient::GetServerInfo() {
+  return AskForFigures(protocol::kServer, "Server");
+}
+
+std::map<std::string, std::string> ProtocolClient::GetWhoami() {
+  return AskForFigures(protocol::kWhoami, "Whoami");
+}
+
+std::string ProtocolClient::TakeRefusal() {
+  return std::move(AskForFigures(protocol::kRefused, "Refused")["reason"]);
+}
+
+std::optional<ProtocolClient::Groups> ProtocolClient::GetFeatures() {
+  const std::optional<std::string> lines = AskInfo(*_exchange, protocol::kFeatures, "Features");
+  _canAmend = false;
+  if (!lines) return std::nullopt;
+  Groups features;
+  for (size_t at = 0, end = 0; (end = lines->find('\n', at)) != std::string::npos; at = end + 1)
+    features.insert(lines->substr(at, end - at));
+  _canAmend = features.count(protocol::kAmend) > 0;
+  return features;
 }
 
 // What came before a reply is in it: the server carries out one request after the other. What comes between two replies

@@ -11,6 +11,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/client/ProtocolException.h"
 #include "tavix/settings/client/ProtocolOptions.h"
 
@@ -28,8 +29,8 @@ class ProtocolExchange;
 // Threads: one at a time for each object; several objects are independent. There is no thread of its own.
 // Time:    no call waits longer than its Timeouts allow, but for the system's resolver while it finds the address of a
 //          host's name.
-// Errors:  ProtocolException. After kUsage, kUnreadable and kDropped the connection goes on. After any other failure,
-//          std::bad_alloc included, it is closed at once, as the next reply could belong to any request:
+// Errors:  ProtocolException. After kUsage, kUnreadable, kDropped and kTooOld the connection goes on. After any other
+//          failure, std::bad_alloc included, it is closed at once, as the next reply could belong to any request:
 //          each later call throws kLost, and a new object makes a new connection. What comes that no request asked for,
 //          and is no notice, is such a failure of the next call.
 // Signals: an interrupted wait goes on; a peer that is gone raises no SIGPIPE.
@@ -110,6 +111,14 @@ class TAVIX_EXPORT ProtocolClient {
   // Sets "settings" if all that "test" holds is so still. Returns whether it was.
   [[nodiscard]] bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings);
 
+  // Makes a conditional change as one step. Returns whether it was made. Asks for the features first, once a
+  // connection: kTooOld when the daemon can't do it.
+  [[nodiscard]] bool Amend(const Amendment& amendment);
+
+  // Describes the next change of this connection: one line of 256 bytes at most, else kUsage. A daemon that is older
+  // than GetFeatures knows no notes, and logs a warning.
+  void Note(const std::string& text);
+
   // Waits until the daemon has carried out all that was sent.
   void Flush();
 
@@ -120,6 +129,17 @@ class TAVIX_EXPORT ProtocolClient {
   // request. They are of the moment when the daemon handles the request: Flush before it, so that they show what
   // became of a change.
   std::map<std::string, std::string> GetServerInfo();
+
+  // The requests that the daemon knows beyond those that all do: a line each, as docs/protocol.md has them. None: it is
+  // older than that request.
+  std::optional<std::set<std::string>> GetFeatures();
+
+  // How the daemon sees this client, by name. Empty when it is older than that request.
+  std::map<std::string, std::string> GetWhoami();
+
+  // Why the last request of this connection that can be refused was not carried out as a whole; empty: it was, or the
+  // daemon is older than that request. A reason is given once.
+  std::string TakeRefusal();
 
   // From now on changes of these groups give notices, on top of earlier subscriptions; only the end of the connection
   // takes one back. Returns what the groups hold at the moment from which on notices come: what pending notices held of
@@ -145,7 +165,10 @@ class TAVIX_EXPORT ProtocolClient {
   std::optional<Notice> AwaitNotice(std::optional<Milliseconds> limit);
 
  private:
+  std::map<std::string, std::string> AskForFigures(const char* word, const char* title);
+
   std::unique_ptr<ProtocolExchange> _exchange;
+  std::optional<bool> _canAmend;  // empty: not asked yet
 };
 
 }  // namespace tavix::settings::client

@@ -7,6 +7,7 @@ constexpr char kGet[] = "get";
 constexpr char kMerge[] = "merge";
 constexpr char kNote[] = "note";
 constexpr char kTestAndMerge[] = "test-and-merge";
+constexpr char kAmend[] = "amend";
 constexpr char kOverwrite[] = "overwrite";
 constexpr char kRestore[] = "restore";
 constexpr char kSubscribe[] = "subscribe";

@@ -20,6 +20,7 @@ class TAVIX_EXPORT ProtocolException : public osa::Exception {
     kUnreadable,   // a whole reply or notice came whose settings text does not parse; the connection goes on
     kNoResources,  // this system has no descriptor or memory left for a connection
     kDropped,      // notices were dropped, because too many were pending; the connection goes on
+    kTooOld,       // the server does not know the request; nothing of it was sent, and the connection goes on
   };
 
   // hint: what the person who reads the text can do; may be empty. wasSent: see WasSent.

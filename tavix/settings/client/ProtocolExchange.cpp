@@ -135,6 +135,20 @@ std::vector<std::string> ProtocolExchange::ReadSubscribed() {
   return names;
 }
 
+std::optional<std::string> ProtocolExchange::ReadInfo(const std::string& title) {
+  std::optional<std::string> lines;
+  std::string line = ReadFirstLine();
+  if (line == title) {
+    const std::string rule(title.size(), '-');
+    if (line = ReadLine(); line != rule) FailUnexpected(rule.c_str(), line);
+    lines.emplace();
+    while (!(line = ReadLine()).empty()) lines->append(line).append(1, '\n');
+    line = ReadFirstLine();
+  }
+  RequireEmptyReply(line);
+  return lines;
+}
+
 void ProtocolExchange::RequireEmptyReply(const std::string& line) {
   if (line != protocol::kData) FailUnexpected(protocol::kData, line);
   const std::string end = ReadLine();

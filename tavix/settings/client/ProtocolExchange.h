@@ -89,6 +89,10 @@ class ProtocolExchange {
   // The names behind the head of the list of subscriptions, and behind them the reply to a get of nothing.
   std::vector<std::string> ReadSubscribed();
 
+  // The lines of the reply to an info, and the reply to a get of nothing behind it. None: the server is older than the
+  // first request and answered the second alone.
+  std::optional<std::string> ReadInfo(const std::string& title);
+
   // The reply to a get of nothing; "line" is its first.
   void RequireEmptyReply(const std::string& line);
 

@@ -17,8 +17,14 @@ class RemoteCommand {
   // Writes the request whole and flushes. The stream's state tells of failures.
   virtual void SendRequest(std::ostream& os) = 0;
 
-  // Reads the rest of a reply whose first word was _responseKeyword. Returns the operation's outcome.
+  // Whether a line that begins with the word begins the reply, or the next part of it.
+  virtual bool Accepts(const std::string& word) { return word == _responseKeyword; }
+
+  // Reads what follows the first line of the reply, or of a part. Returns the operation's outcome.
   virtual bool HandleResponse(std::istream& is);
+
+  // Whether another part of the reply is still to come. Notices may stand in between.
+  virtual bool AwaitsMore() const { return false; }
 
   // The first word of the reply; empty when there is none.
   std::string _responseKeyword;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <iosfwd>
 #include <memory>
 #include <optional>
@@ -145,14 +146,15 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void RestoreDefaults(std::string_view args);
   void Info(std::string_view args);
   void TakeNote(std::string_view args);
+  void Amend(std::string_view args);
 
   template <class Groups>
   void RequireShortNotices(const Groups& changed) const;
   template <class Change>
   bool CarryOut(std::string_view command, Change change);
-  void ReportRestricted(const std::string* group);
   void NoteChange(const char* command, const std::set<std::string>& removed, const core::IniFile& settings);
   void ShowSubscribed();
+  void ReplyResult(bool isMade);
   void ShowLines(std::string_view title, std::string_view lines);
   const IExtraCommands::Command* FindExtra(std::string_view word) const;
   bool IsLongExtra(std::string_view request) const;
@@ -168,7 +170,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void CheckPatterns(size_t patterns) const;
   std::string TakeSubscriptions(const std::set<std::string>& groups);
   void RefuseSubscription(const std::string& reason);
-  bool ReadPayload(core::IniFile& document);
+  bool ReadPayloads(std::initializer_list<core::IniFile*> documents);
   bool WasCutOff() const;
   void EndSubscription();
 

@@ -12,18 +12,19 @@
 #include "tavix/core/Logger.h"
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeLines.h"
 #include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ClientState.h"
-#include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/HandlerCounts.h"
 #include "tavix/settings/server/IServerInfo.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/InfoText.h"
 #include "tavix/settings/server/MessageWriter.h"
 #include "tavix/settings/server/OwnSubscriptions.h"
+#include "tavix/settings/server/RefusalReasons.h"
 #include "tavix/settings/server/RequestInput.h"
 #include "tavix/settings/server/RequestLists.h"
 #include "tavix/settings/server/SerializationManager.h"
@@ -53,11 +54,6 @@ bool IsChangeLogged() {
   return core::Logger::IsEnabled(core::kLogInformation);
 }
 
-std::string ReasonOf(const RefusedChange& refusal) {
-  const bool isFull = refusal.GetReason() == RefusedChange::Reason::kStoreFull;
-  return (isFull ? "full store: " : "bound: ") + std::string(refusal.what());
-}
-
 const GroupNameMatcher& AllGroups() {
   static const GroupNameMatcher all = [] {
     GroupNameMatcher matcher;
@@ -67,30 +63,20 @@ const GroupNameMatcher& AllGroups() {
   return all;
 }
 
-// Null: there is none.
-const std::string* FindRestricted(const std::set<std::string>& names) {
-  const auto found = std::find_if(names.begin(), names.end(), GroupDiscriminator::IsRestrictedGroup);
-  return found == names.end() ? nullptr : &*found;
-}
-
-const std::string* FindRestricted(const IniFile& settings) {
-  const auto isRestricted = [](const auto& group) { return GroupDiscriminator::IsRestrictedGroup(group.first); };
-  const auto found = std::find_if(settings.begin(), settings.end(), isRestricted);
-  return found == settings.end() ? nullptr : &found->first;
+std::set<std::string> NamesOf(std::initializer_list<const IniFile*> documents) {
+  std::set<std::string> names;
+  for (const IniFile* const document : documents) {
+    for (const auto& group : *document) names.insert(names.end(), group.first);
+  }
+  return names;
 }
 
 std::string MakeFeatureLines(const IExtraCommands* extraCommands) {
-  std::set<std::string> features;
+  std::set<std::string> features{protocol::kAmend};
   if (extraCommands) extraCommands->AddFeatures(features);
   std::string lines;
   for (const std::string& feature : features) lines.append(feature).append(1, '\n');
   return lines;
-}
-
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
-  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
-  return text;
 }
 
 }  // namespace
@@ -146,11 +132,6 @@ bool ClientHandler::CarryOut(std::string_view command, Change change) {
   }
 }
 
-// The rest of the change was made.
-void ClientHandler::ReportRestricted(const std::string* group) {
-  if (group) _client->Refuse("restricted group: " + *group);
-}
-
 void ClientHandler::NoteChange(const char* command, const std::set<std::string>& removed, const IniFile& settings) {
   if (!IsChangeLogged()) return;
   try {
@@ -162,35 +143,60 @@ void ClientHandler::NoteChange(const char* command, const std::set<std::string>&
 void ClientHandler::Merge(std::string_view args) {
   const unsigned int flags = TakeWord(args) == protocol::kNoPersist ? SettingsManager::kNoPersist : 0;
   IniFile settings;
-  if (!ReadPayload(settings)) return;
+  if (!ReadPayloads({&settings})) return;
   RequireShortNotices(settings);
   const auto merge = [&](const ChangeOrigin& origin, ChangeTicket& ticket) {
     _settingsManager->MergeSettings(settings, flags, origin, ticket);
   };
   if (!CarryOut(protocol::kMerge, merge)) return;
-  ReportRestricted(FindRestricted(settings));
+  _client->Refuse(ReasonOfRestricted(settings));
   NoteChange(protocol::kMerge, {}, settings);
 }
 
 void ClientHandler::TestAndMerge(std::string_view) {
   IniFile condition;
   IniFile change;
-  if (!ReadPayload(condition)) return;
-  _in->SkipPayloadEnd(_writer->GetSerializer());
-  if (!ReadPayload(change)) return;
+  if (!ReadPayloads({&condition, &change})) return;
   RequireShortNotices(change);
   bool isMerged = false;
   const auto merge = [&](const ChangeOrigin& origin, ChangeTicket& ticket) {
     isMerged = _settingsManager->TestAndMerge(condition, change, origin, ticket);
   };
   const bool isTested = CarryOut(protocol::kTestAndMerge, merge);
-  if (isTested && !isMerged) _client->Refuse("condition: it does not hold");
-  if (isMerged) ReportRestricted(FindRestricted(change));
+  if (isTested && !isMerged) _client->Refuse(kConditionFailed);
+  if (isMerged) _client->Refuse(ReasonOfRestricted(change));
   if (isMerged) NoteChange(protocol::kTestAndMerge, {}, change);
+  ReplyResult(isMerged);
+}
+
+void ClientHandler::ReplyResult(bool isMade) {
   _writer->Reply(nullptr, [&](core::StringOstream& message) {
     message.AppendLine(protocol::kResult);
-    message.AppendLine(isMerged ? protocol::kOk : protocol::kFailure);
+    message.AppendLine(isMade ? protocol::kOk : protocol::kFailure);
   });
+}
+
+// A pattern of unset may bring many groups back.
+void ClientHandler::Amend(std::string_view) {
+  Amendment amendment;
+  if (!ReadPayloads({&amendment.present, &amendment.absent, &amendment.set, &amendment.unset, &amendment.replace}))
+    return;
+  const std::set<std::string> unset = NamesOf({&amendment.unset});
+  CheckPatterns(static_cast<size_t>(std::count_if(unset.begin(), unset.end(), IsPattern)));
+  const std::set<std::string> changed = NamesOf({&amendment.set, &amendment.unset, &amendment.replace});
+  RequireShortNotices(changed);
+  bool isMade = false;
+  const auto amend = [&](const ChangeOrigin& origin, ChangeTicket& ticket) {
+    isMade = _settingsManager->Amend(amendment, origin, ticket);
+  };
+  const bool isTested = CarryOut(protocol::kAmend, amend);
+  if (isTested && !isMade) _client->Refuse(ReasonOfFailure(amendment));
+  if (isMade) _client->Refuse(ReasonOfRestricted(changed));
+  if (isMade && IsChangeLogged()) {
+    amendment.set.MergeSettings(amendment.replace);
+    NoteChange(protocol::kAmend, changed, amendment.set);
+  }
+  ReplyResult(isMade);
 }
 
 // What would pass a bound is left out as a whole: the client that asks for too much keeps what it had, and its
@@ -251,15 +257,15 @@ void ClientHandler::GetInParts(const GroupNameMatcher& matcher, bool delimited) 
 void ClientHandler::Overwrite(std::string_view) {
   const std::set<std::string> groups = ReadGroupSet();
   IniFile settings;
-  if (WasCutOff() || !ReadPayload(settings)) return;
+  if (WasCutOff() || !ReadPayloads({&settings})) return;
   RequireShortNotices(groups);
   RequireShortNotices(settings);
   const auto overwrite = [&](const ChangeOrigin& origin, ChangeTicket& ticket) {
     _settingsManager->OverwriteSettings(groups, settings, origin, ticket);
   };
   if (!CarryOut(protocol::kOverwrite, overwrite)) return;
-  const std::string* const restricted = FindRestricted(groups);
-  ReportRestricted(restricted ? restricted : FindRestricted(settings));
+  _client->Refuse(ReasonOfRestricted(settings));
+  _client->Refuse(ReasonOfRestricted(groups));
   NoteChange(protocol::kOverwrite, groups, settings);
 }
 
@@ -316,7 +322,7 @@ void ClientHandler::ShowLines(std::string_view title, std::string_view lines) {
 }
 
 void ClientHandler::TakeNote(std::string_view args) {
-  const std::string_view text = Trim(args);
+  const std::string_view text = TrimBlanks(args);
   if (_client->TakeNote(text)) return;
   _logger->Warning("Note ignored: it has %zu bytes, %zu are allowed", text.size(), ClientState::kMaxNoteBytes);
 }
@@ -329,7 +335,7 @@ void ClientHandler::CarryOutExtra(std::string_view word, std::string_view args, 
   const IExtraCommands::Answer answer = _extraCommands->CarryOut(call);
   _writer->HoldMessages(answer.ticket);
   if (answer.kind == AnswerKind::kNone && !isChange) _client->BeginRequest();
-  if (!answer.reason.empty()) _client->Refuse(answer.reason);
+  _client->Refuse(answer.reason);
   if (answer.kind != AnswerKind::kNone) WriteAnswer(answer);
 }
 
@@ -370,11 +376,16 @@ void ClientHandler::CheckPatterns(size_t patterns) const {
                        nameBytes, _maxMatchingWork);
 }
 
-// False when the input ended before the payload did: what came of it must not be carried out.
-bool ClientHandler::ReadPayload(IniFile& document) {
-  _in->TakePayload(_writer->GetSerializer(), document);
-  CheckNames(document, _maxNameBytes);
-  return !WasCutOff();
+// Payloads that follow one another. False when the input ended before the last one did: what came of them must not be
+// carried out.
+bool ClientHandler::ReadPayloads(std::initializer_list<IniFile*> documents) {
+  for (IniFile* const document : documents) {
+    if (document != *documents.begin()) _in->SkipPayloadEnd(_writer->GetSerializer());
+    _in->TakePayload(_writer->GetSerializer(), *document);
+    CheckNames(*document, _maxNameBytes);
+    if (WasCutOff()) return false;
+  }
+  return true;
 }
 
 bool ClientHandler::WasCutOff() const {

@@ -44,7 +44,7 @@ ChangeOrigin ClientState::BeginChange(std::string_view command) {
 }
 
 void ClientState::Refuse(std::string_view reason) {
-  _reason = CutText(reason, kMaxReasonBytes);
+  if (!reason.empty()) _reason = CutText(reason, kMaxReasonBytes);
 }
 
 void ClientState::TakeReason(IniFile::KeyMap& lines) {

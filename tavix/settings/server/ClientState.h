@@ -39,7 +39,7 @@ class ClientState {
   // Another request begins that can be refused.
   void BeginRequest() { _reason.clear(); }
 
-  // Why the request at hand is not carried out; a text that is too long is cut.
+  // Why the request at hand is not carried out; empty: it is. A text that is too long is cut.
   void Refuse(std::string_view reason);
 
   // Adds the reason, if there is one, and forgets it.

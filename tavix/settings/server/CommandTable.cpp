@@ -20,6 +20,7 @@ constexpr size_t kShortSubscription = 8 * 1024;
 }  // namespace
 
 const CommandTable::Command CommandTable::kCommands[] = {
+    {protocol::kAmend, "ppppp", Duration::kByPattern, Effect::kNone, &ClientHandler::Amend},
     {protocol::kDump, "", Duration::kLong, Effect::kNone, &ClientHandler::Dump},
     {protocol::kGet, "l", Duration::kBySize, Effect::kNone, &ClientHandler::GetSections},
     {protocol::kInfo, "", Duration::kIfSubscribed, Effect::kNone, &ClientHandler::Info},

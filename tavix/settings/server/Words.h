@@ -20,4 +20,10 @@ inline std::string_view TakeWord(std::string_view& line) {
   return word;
 }
 
+inline std::string_view TrimBlanks(std::string_view text) {
+  while (!text.empty() && IsBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && IsBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
 }  // namespace tavix::settings::server

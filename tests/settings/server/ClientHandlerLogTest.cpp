@@ -131,12 +131,13 @@ TEST(ClientHandler, LogsAStatisticForEachCommandInAscendingOrder) {
     EXPECT_EQ(statistic.format, "ClientHandler stats: dispatch %s count %d");
     names.push_back(statistic.text.substr(0, statistic.text.rfind(" count ")));
   }
-  EXPECT_THAT(names, ElementsAre("ClientHandler stats: dispatch dump", "ClientHandler stats: dispatch get",
-                                 "ClientHandler stats: dispatch info", "ClientHandler stats: dispatch merge",
-                                 "ClientHandler stats: dispatch note", "ClientHandler stats: dispatch overwrite",
-                                 "ClientHandler stats: dispatch quit", "ClientHandler stats: dispatch restore",
-                                 "ClientHandler stats: dispatch serialize", "ClientHandler stats: dispatch subscribe",
-                                 "ClientHandler stats: dispatch test-and-merge"));
+  EXPECT_THAT(names,
+              ElementsAre("ClientHandler stats: dispatch amend", "ClientHandler stats: dispatch dump",
+                          "ClientHandler stats: dispatch get", "ClientHandler stats: dispatch info",
+                          "ClientHandler stats: dispatch merge", "ClientHandler stats: dispatch note",
+                          "ClientHandler stats: dispatch overwrite", "ClientHandler stats: dispatch quit",
+                          "ClientHandler stats: dispatch restore", "ClientHandler stats: dispatch serialize",
+                          "ClientHandler stats: dispatch subscribe", "ClientHandler stats: dispatch test-and-merge"));
 }
 
 TEST(ClientHandler, LogsACountBeyondAnIntAsItIs) {

@@ -22,6 +22,8 @@ const std::vector<std::string> kIniSession{
     "overwrite\nA\n.\n[A]\n.x=1\n.\n",
     "restore\n.\n",
     "note overwrite\n",
+    "amend\n[A]\nx=1\n.\n[A]\ny=\n.\n[A]\nx=2\n.\n[B]\n.\n.\n",
+    "amend\n.\n.\n.\n.\n.\n",
     "serialize\tini\n",
     "serialize nonsense\n",
     "info subscribed\n",
@@ -47,6 +49,9 @@ const std::vector<std::string> kPhpArraySession{
     "restore\nA*\n.\n",
     "info subscribed\n",
     "note a:1:{\n",
+    "amend\na:0:{}\n.\na:0:{}a:1:{s:1:\"A\";a:0:{}}\n.\na:0:{}\n\n.\na:0:{}",
+    "\n",
+    ".\n",
     "dump\n",
     "bogus\n",
     "quit\n",
@@ -106,7 +111,7 @@ TEST(RequestFramer, FindsARequestThatComesInThreePiecesWhereverItIsCut) {
 
 TEST(RequestFramer, SessionsHoldEveryCommand) {
   for (const char* word : {"quit", "dump", "merge", "test-and-merge", "subscribe", "get", "overwrite", "serialize",
-                           "restore", "info", "note"}) {
+                           "restore", "info", "note", "amend"}) {
     const auto isIt = testing::Contains(testing::ContainsRegex(std::string("^ ?") + word + "[ \n\t\r]"));
     EXPECT_THAT(kIniSession, isIt);
     EXPECT_THAT(kPhpArraySession, isIt);

@@ -104,7 +104,7 @@ TEST(ProtocolDocument, EveryRequestHasATranscript) {
   for (const char* request :
        {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n", "overwrite\n", "restore\n",
         "subscribe\n", "serialize ini\n", "serialize phparray\n", "dump\n", "dump all\n", "info subscribed\n",
-        "info features\n", "info whoami\n", "info refused\n", "quit\n"})
+        "info features\n", "info whoami\n", "info refused\n", "amend\n", "quit\n"})
     EXPECT_THAT(sent, testing::Contains(request));
 }
 
