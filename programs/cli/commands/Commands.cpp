@@ -20,6 +20,7 @@ void AddAllCommands(CommandLine& line) {
   AddStatus(line);
   AddPing(line);
   AddSubscribers(line);
+  AddWhoami(line);
   AddResource(line);
   AddLogLevel(line);
   AddCompletion(line);

@@ -22,6 +22,7 @@ void AddWait(CommandLine& line);
 void AddStatus(CommandLine& line);
 void AddPing(CommandLine& line);
 void AddSubscribers(CommandLine& line);
+void AddWhoami(CommandLine& line);
 void AddResource(CommandLine& line);
 void AddLogLevel(CommandLine& line);
 void AddCompletion(CommandLine& line);

@@ -17,13 +17,17 @@ using core::IniFile;
 
 namespace {
 
+void RequireAll(Session& session, const std::set<std::string>& names, const IniFile& groups) {
+  for (const std::string& name : names) {
+    if (!groups.HasGroup(name)) throw Failure(kExitNo, DescribeMissingGroup(session, name));
+  }
+}
+
 // The groups that names and patterns mean now. A name that means none is an error; a pattern passes over what is
 // restricted.
 IniFile Select(Session& session, const std::set<std::string>& groups) {
   IniFile all = session.Get(groups);
-  for (const std::string& name : WithoutPatterns(groups)) {
-    if (!all.HasGroup(name)) throw Failure(kExitNo, DescribeMissingGroup(session, name));
-  }
+  RequireAll(session, WithoutPatterns(groups), all);
   for (const std::string& name : NamesOf(all)) {
     if (session.IsRestricted(name)) all.RemoveGroup(name);
   }
@@ -44,7 +48,11 @@ int Delete(Context& context, const RemovalOptions& options) {
   const std::set<std::string> names = NamesOf(before);
   RefusePatterns(names);
   ConfirmPattern(options, "delete", groups, names);
-  Replace(session, names, IniFile());
+  SetNote(context, options.note);
+  Rewrite(session, names, [&](const IniFile& now) {
+    RequireAll(session, names, now);
+    return IniFile();
+  });
   ReportDone(context, "deleted", Count(names.size(), "group") + " deleted");
   return kExitDone;
 }

@@ -9,6 +9,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Note.h"
 #include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/ReplaceFile.h"
 #include "programs/cli/terminal/ChildProcess.h"
@@ -31,6 +32,7 @@ struct Options {
   std::vector<std::string> words;
   bool isDryRun = false;
   bool isEmptyAllowed = false;
+  Note note;
 };
 
 constexpr char kHeading[] =
@@ -192,6 +194,7 @@ int Edit(Context& context, const Options& options) {
       // The editor may have been open for long: a session of its own, that nobody has given up meanwhile.
       Session& later = context.Reconnect();
       later.AllowNew();
+      SetNote(context, options.note);
       Write(later, before, after, changes);
     } catch (const Failure& failure) {
       throw Failure(failure.GetCode(), failure.what(), file.GetHint());
@@ -216,6 +219,7 @@ void AddEdit(CommandLine& line) {
   command.AddTexts("GROUP", options->words, "Groups or '*' patterns; without any, all that are not restricted");
   command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  AddNote(command, options->note);
 }
 
 }  // namespace tavix::programs::cli

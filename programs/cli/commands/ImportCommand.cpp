@@ -3,6 +3,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Note.h"
 #include "programs/cli/commands/Reports.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
@@ -25,6 +26,7 @@ struct Options {
   bool isUserLayer = false;
   bool isConfirmed = false;
   bool isDryRun = false;
+  Note note;
 };
 
 constexpr size_t kWorthShowing = 256 * size_t{1024};
@@ -128,6 +130,7 @@ int RunImport(Context& context, const Options& options) {
       options.replaces ? FindSelection(file, options.words) : ParseSelection(options.words);
   Import backup(session, std::move(file.settings), file.name, {groups, options.replaces, options.isUserLayer, isFile});
   if (options.isDryRun) return ShowDifferences(context, backup);
+  SetNote(context, options.note);
   ShowProgress(context);
   const Import::Result result = ImportConfirmed(context, options, backup, file);
   Console& console = context.GetConsole();
@@ -160,6 +163,7 @@ void AddImport(CommandLine& line) {
   command.AddFlag("--user", options->isUserLayer, "With --replace: take away only what users changed").Need(replace);
   command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask before groups go that the file lacks");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  AddNote(command, options->note);
 }
 
 }  // namespace tavix::programs::cli

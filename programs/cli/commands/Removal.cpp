@@ -12,6 +12,7 @@ void AddRemovalOptions(const CommandOptions& command, RemovalOptions& options, c
   command.AddFlag("-y,--yes", options.isConfirmed, "Do not ask, even for a pattern");
   command.AddFlag("--allow-empty", options.isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options.isDryRun, dryRun);
+  AddNote(command, options.note);
 }
 
 std::set<std::string> ReadGroups(Context& context, const RemovalOptions& options) {

@@ -6,6 +6,7 @@
 
 #include "programs/cli/commands/CommandOptions.h"
 #include "programs/cli/commands/Context.h"
+#include "programs/cli/commands/Note.h"
 
 // What "delete" and "reset" share: they take groups and patterns, and a pattern asks before it does anything.
 namespace tavix::programs::cli {
@@ -15,6 +16,7 @@ struct RemovalOptions {
   bool isConfirmed = false;
   bool isDryRun = false;
   bool isEmptyAllowed = false;
+  Note note;
 };
 
 // dryRun: what --dry-run does. options: outlives the parsing.

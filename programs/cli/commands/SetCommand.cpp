@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Note.h"
 #include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
@@ -24,9 +25,11 @@ struct Options {
   bool isVolatile = false;
   bool isDryRun = false;
   bool isEmptyAllowed = false;
+  bool isIfUnset = false;
+  Note note;
 };
 
-void PrintPlannedChanges(Context& context, const IniFile& condition, const IniFile& settings) {
+void PrintPlannedChanges(Context& context, const Options& options, const IniFile& condition, const IniFile& settings) {
   Session& session = context.GetSession();
   session.AllowNew();
   RefuseRestricted(session, NamesOf(settings));
@@ -34,6 +37,7 @@ void PrintPlannedChanges(Context& context, const IniFile& condition, const IniFi
   asked.MergeSettings(settings);
   const IniFile before = session.Get(NamesOf(asked));
   RequireHolds(before, condition);
+  if (options.isIfUnset) RequireUnset(before, settings);
   IniFile after = before;
   after.MergeSettings(settings);
   PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
@@ -54,13 +58,17 @@ int Set(Context& context, const Options& options) {
   const IniFile condition = ParseConditions(options.conditions, "--if");
   RefuseEmptyName(NamesOf(settings), options.isEmptyAllowed);
   RefuseEmptyName(NamesOf(condition), options.isEmptyAllowed);
-  if (options.isVolatile && !condition.IsEmpty())
-    throw Failure(kExitUsage, "--volatile and --if can't go together: a change with a condition is always saved");
+  if (options.isVolatile && (options.isIfUnset || !condition.IsEmpty()))
+    throw Failure(kExitUsage, std::string("--volatile and ") + (options.isIfUnset ? "--if-unset" : "--if") +
+                                  " can't go together: a change with a condition is always saved");
   if (options.isDryRun) {
-    PrintPlannedChanges(context, condition, settings);
+    PrintPlannedChanges(context, options, condition, settings);
     return kExitDone;
   }
-  if (condition.IsEmpty()) {
+  SetNote(context, options.note);
+  if (options.isIfUnset) {
+    MergeIfUnset(context.GetSession(), condition, settings);
+  } else if (condition.IsEmpty()) {
     Merge(context.GetSession(), settings, options.isVolatile);
   } else {
     MergeIf(context.GetSession(), condition, settings);
@@ -86,9 +94,11 @@ void AddSet(CommandLine& line) {
       .Require();
   command.AddTexts("--if", options->conditions, "Only if this '[group]key=value' holds; may be repeated")
       .TakeOneWordEach();
+  command.AddFlag("--if-unset", options->isIfUnset, "Only if none of these settings is set");
   command.AddFlag("--volatile", options->isVolatile, "Do not save: it lasts until the server ends");
   command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  AddNote(command, options->note);
 }
 
 }  // namespace tavix::programs::cli

@@ -2,6 +2,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
+#include "programs/cli/commands/Note.h"
 #include "programs/cli/commands/Reports.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
@@ -21,27 +22,21 @@ struct Options {
   std::vector<std::string> words;
   bool isDryRun = false;
   bool isEmptyAllowed = false;
+  Note note;
 };
 
-// The groups that the settings are in, before and after.
-struct Groups {
-  IniFile before;
-  IniFile after;
-};
-
-Groups FindGroups(Session& session, const std::set<std::string>& names, const std::vector<Target>& settings) {
-  Groups groups;
-  groups.before = session.Get(names);
-  groups.after = groups.before;
+// What is left of the groups that the settings are in.
+IniFile FindRest(Session& session, const IniFile& before, const std::vector<Target>& settings) {
+  IniFile after = before;
   for (const Target& setting : settings) {
-    if (!groups.before.HasValue(setting.group, *setting.key))
+    if (!before.HasValue(setting.group, *setting.key))
       throw Failure(kExitNo, DescribeMissingSetting(session, setting.group, *setting.key));
-    groups.after[setting.group].erase(*setting.key);
+    after[setting.group].erase(*setting.key);
   }
-  return groups;
+  return after;
 }
 
-// The protocol has no way to take a single key: the group is written again without it.
+// A key whose default must not come back can't be taken alone: the group is written again without it.
 int Unset(Context& context, const Options& options) {
   const std::vector<Target> settings = ParseSettings(options.words);
   std::set<std::string> names;
@@ -51,15 +46,17 @@ int Unset(Context& context, const Options& options) {
   if (!options.isDryRun) session.RequireWritable();
   RefuseRestricted(session, names);
   if (options.isDryRun) {
-    const Groups groups = FindGroups(session, names, settings);
-    PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(groups.before, groups.after));
+    const IniFile before = session.Get(names);
+    PrintChanges(context.GetConsole(), context.GetOptions().output,
+                 FindChanges(before, FindRest(session, before, settings)));
     return kExitDone;
   }
+  SetNote(context, options.note);
   size_t count = 0;
-  session.RunAlone([&] {
-    const Groups groups = FindGroups(session, names, settings);
-    Replace(session, names, groups.after);
-    count = CountSettings(groups.before) - CountSettings(groups.after);
+  Rewrite(session, names, [&](const IniFile& before) {
+    IniFile after = FindRest(session, before, settings);
+    count = CountSettings(before) - CountSettings(after);
+    return after;
   });
   ReportDone(context, "unset", Count(count, "setting") + " unset");
   return kExitDone;
@@ -74,6 +71,7 @@ void AddUnset(CommandLine& line) {
   command.AddTexts("SETTING", options->words, "'[group]key' or GROUP KEY, any number of them").Require();
   command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
+  AddNote(command, options->note);
 }
 
 }  // namespace tavix::programs::cli

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "programs/cli/session/LocalAmendment.h"
 #include "programs/cli/text/ReadFile.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Spelling.h"
@@ -120,9 +121,34 @@ void LocalSession::Restore(const Groups& groups) {
   Write(Mean(groups), IniFile());
 }
 
-std::vector<std::string> LocalSession::GetSubscribed() {
+bool LocalSession::Amend(const settings::Amendment& amendment) {
+  bool isDone = false;
+  RunAlone([&] {
+    const std::set<std::string> touched = FindGroups(amendment);
+    const IniFile before = Read(true).GetGroups([&](const std::string& group) { return touched.count(group) != 0; });
+    const std::optional<IniFile> after = ApplyAmendment(amendment, before);
+    isDone = after.has_value();
+    if (!isDone) return;
+    Write([&](const std::string& group) { return LosesSomething(before, *after, group); }, *after);
+  });
+  return isDone;
+}
+
+void LocalSession::RefuseWithoutServer(const std::string& what) const {
   const std::string remedy = _access == Access::kRead ? "unset TAVIX_SETTINGS_LOCALFILE" : "leave --local out";
-  throw Failure(kExitUsage, "a file has no subscribers: " + remedy);
+  throw Failure(kExitUsage, what + ": " + remedy);
+}
+
+std::vector<std::string> LocalSession::GetSubscribed() {
+  RefuseWithoutServer("a file has no subscribers");
+}
+
+std::map<std::string, std::string> LocalSession::GetWhoami() {
+  RefuseWithoutServer("a file has no clients");
+}
+
+void LocalSession::SetNote(const std::string&) {
+  RefuseWithoutServer("a file takes no notes");
 }
 
 // The directory is watched, since the file is replaced and not written.

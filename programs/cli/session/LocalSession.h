@@ -34,9 +34,13 @@ class LocalSession : public Session {
   void AllowNew() override { _canBeNew = true; }
   core::IniFile GetUserSettings() override;
   void RunAlone(const std::function<void()>& change) override;
+  bool CanRunAlone() const override { return true; }
   void RequireWritable() const override;
   bool IsRestricted(const std::string&) const override { return false; }
   std::vector<std::string> GetSubscribed() override;
+  bool CanAmend() override { return true; }
+  std::map<std::string, std::string> GetWhoami() override;
+  void SetNote(const std::string& note) override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
   void SetProgress(Progress) override {}
@@ -44,8 +48,11 @@ class LocalSession : public Session {
  private:
   void Merge(const core::IniFile& settings, bool isVolatile) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) override;
+  bool Amend(const settings::Amendment& amendment) override;
   void Overwrite(const Groups& groups, const core::IniFile& settings) override;
   void Restore(const Groups& groups) override;
+
+  [[noreturn]] void RefuseWithoutServer(const std::string& what) const;
 
   // False when the directory is no longer where it was.
   bool ReadEvents() const;

@@ -83,18 +83,22 @@ bool DaemonSession::IsRestricted(const std::string& group) const {
 }
 
 void DaemonSession::Merge(const IniFile& settings, bool isVolatile) {
+  SendNote();
   Run([&] { _client->Merge(settings, isVolatile); });
 }
 
 bool DaemonSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
+  SendNote();
   return Run([&] { return _client->TestAndMerge(test, settings); });
 }
 
 void DaemonSession::Overwrite(const Groups& groups, const IniFile& settings) {
+  SendNote();
   Run([&] { _client->Overwrite(groups, settings); });
 }
 
 void DaemonSession::Restore(const Groups& groups) {
+  SendNote();
   Run([&] { _client->Restore(groups); });
 }
 
@@ -104,6 +108,40 @@ std::vector<std::string> DaemonSession::GetSubscribed() {
 
 std::map<std::string, std::string> DaemonSession::GetServerInfo() {
   return Run([&] { return _client->GetServerInfo(); });
+}
+
+// Asked once: the answer is the connection's.
+const std::set<std::string>* DaemonSession::FindFeatures() {
+  if (!_hasAskedFeatures) _features = Run([&] { return _client->GetFeatures(); });
+  _hasAskedFeatures = true;
+  return _features ? &*_features : nullptr;
+}
+
+bool DaemonSession::CanAmend() {
+  const std::set<std::string>* features = FindFeatures();
+  return features != nullptr && features->count("amend") != 0;
+}
+
+std::map<std::string, std::string> DaemonSession::GetWhoami() {
+  return Run([&] { return _client->GetWhoami(); });
+}
+
+// A daemon that reports features takes notes.
+void DaemonSession::SetNote(const std::string& note) {
+  constexpr size_t kMaxBytes = 256;
+  if (note.empty() || note.size() > kMaxBytes || note.find('\n') != std::string::npos)
+    throw Failure(kExitUsage, "--note: expected a line of 1 to 256 bytes");
+  if (FindFeatures() == nullptr) throw Failure(kExitNotApplied, "not applied: the server is too old for --note");
+  _note = note;
+}
+
+void DaemonSession::SendNote() {
+  if (!_note.empty()) Run([&] { _client->Note(_note); });
+}
+
+bool DaemonSession::Amend(const settings::Amendment& amendment) {
+  SendNote();
+  return Run([&] { return _client->Amend(amendment); });
 }
 
 IniFile DaemonSession::Subscribe(const Groups& groups) {

@@ -28,6 +28,9 @@ class DaemonSession : public Session {
   bool IsRestricted(const std::string& group) const override;
   std::vector<std::string> GetSubscribed() override;
   std::map<std::string, std::string> GetServerInfo() override;
+  bool CanAmend() override;
+  std::map<std::string, std::string> GetWhoami() override;
+  void SetNote(const std::string& note) override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
   void SetProgress(Progress progress) override { _client->SetProgress(std::move(progress)); }
@@ -35,6 +38,7 @@ class DaemonSession : public Session {
  private:
   void Merge(const core::IniFile& settings, bool isVolatile) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) override;
+  bool Amend(const settings::Amendment& amendment) override;
   void Overwrite(const Groups& groups, const core::IniFile& settings) override;
   void Restore(const Groups& groups) override;
 
@@ -42,7 +46,13 @@ class DaemonSession : public Session {
   template <class Call>
   auto Run(Call call) const;
 
+  const std::set<std::string>* FindFeatures();
+  void SendNote();
+
   const std::string _hint;
+  std::string _note;  // empty: none
+  std::optional<std::set<std::string>> _features;
+  bool _hasAskedFeatures = false;
   std::unique_ptr<settings::client::ProtocolClient> _client;
 };
 

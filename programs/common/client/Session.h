@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 
 namespace tavix::programs {
 
@@ -68,8 +69,10 @@ class Session {
   virtual bool IsRestricted(const std::string& group) const = 0;
 
   // Runs "change", which reads this store and writes what follows from that. No other command writes in between where
-  // the store can promise that: a file can; a daemon has nothing but the condition of TestAndMerge. May be nested.
+  // the store can promise that: a file can; a daemon has nothing but the conditions of TestAndMerge and Amend. May be
+  // nested.
   virtual void RunAlone(const std::function<void()>& change) { change(); }
+  virtual bool CanRunAlone() const { return false; }
 
   // Names and patterns that anybody has subscribed to.
   virtual std::vector<std::string> GetSubscribed() = 0;
@@ -77,6 +80,16 @@ class Session {
   // What the store's server reports of itself, by name (docs/protocol.md): of the moment behind all that was read
   // before. Empty: there is none, or it is older than that request.
   virtual std::map<std::string, std::string> GetServerInfo() { return {}; }
+
+  // Whether Amend may be called. An older server does not know it.
+  virtual bool CanAmend() = 0;
+
+  // How the server sees this client, by name (docs/protocol.md); empty when it is older than that request.
+  virtual std::map<std::string, std::string> GetWhoami() = 0;
+
+  // Goes with each write from now on, as the reason for it. Throws Failure, before anything is sent: kExitUsage when
+  // no line can hold it, or the store has no place for it; kExitNotApplied when the server is too old.
+  virtual void SetNote(const std::string& note) = 0;
 
   // Returns what the groups hold at the moment from which on notices come.
   virtual core::IniFile Subscribe(const Groups& groups) = 0;
@@ -92,6 +105,7 @@ class Session {
   // A write returns when it was handed over: what became of it is found by reading.
   virtual void Merge(const core::IniFile& settings, bool isVolatile) = 0;
   [[nodiscard]] virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& settings) = 0;
+  [[nodiscard]] virtual bool Amend(const settings::Amendment& amendment) = 0;
   virtual void Overwrite(const Groups& groups, const core::IniFile& settings) = 0;
   virtual void Restore(const Groups& groups) = 0;
 };

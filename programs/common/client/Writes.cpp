@@ -9,6 +9,7 @@
 namespace tavix::programs {
 
 using core::IniFile;
+using settings::Amendment;
 
 // The one way to what a session keeps from all others.
 class SessionWriter {
@@ -19,6 +20,7 @@ class SessionWriter {
   [[nodiscard]] bool TestAndMerge(const IniFile& test, const IniFile& settings) {
     return _session.TestAndMerge(test, settings);
   }
+  [[nodiscard]] bool Amend(const Amendment& amendment) { return _session.Amend(amendment); }
   void Overwrite(const std::set<std::string>& groups, const IniFile& settings) { _session.Overwrite(groups, settings); }
   void Restore(const std::set<std::string>& groups) { _session.Restore(groups); }
 
@@ -93,6 +95,14 @@ void AddNewValues(const IniFile::GroupMap::value_type& group, const IniFile& bef
   }
 }
 
+IniFile FindEmptyGroups(const IniFile& settings) {
+  IniFile empty;
+  for (auto group = settings.begin(); group != settings.end(); ++group) {
+    if (group->second.empty()) empty.MergeGroup(group);
+  }
+  return empty;
+}
+
 }  // namespace
 
 void RefuseRestricted(const Session& session, const std::set<std::string>& groups) {
@@ -157,9 +167,40 @@ bool TryMergeIf(Session& session, const IniFile& condition, const IniFile& setti
   return SessionWriter(session).TestAndMerge(condition, settings);
 }
 
+void RequireAmend(Session& session, const std::string& feature) {
+  if (!session.CanAmend()) throw Failure(kExitNotApplied, "not applied: the server is too old for " + feature);
+}
+
+void MergeIfUnset(Session& session, const IniFile& condition, const IniFile& settings) {
+  RefuseRestricted(session, NamesOf(settings));
+  RequireAmend(session, "--if-unset");
+  session.RunAlone([&] {
+    Amendment amendment;
+    amendment.present = condition;
+    amendment.absent = settings;
+    amendment.set = settings;
+    if (!SessionWriter(session).Amend(amendment)) {
+      RequireHolds(session.Get(NamesOf(condition)), condition);
+      RequireUnset(session.Get(NamesOf(settings)), settings);
+      throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
+    }
+    RequireApplied(session, settings);
+  });
+}
+
 void RequireHolds(const IniFile& current, const IniFile& condition) {
   const std::string difference = FindDifference(current, condition);
   if (!difference.empty()) throw Failure(kExitConditionFailed, "condition failed: " + difference);
+}
+
+void RequireUnset(const IniFile& current, const IniFile& settings) {
+  for (const auto& [group, keys] : settings) {
+    for (const auto& [key, value] : keys) {
+      if (current.HasValue(group, key))
+        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set, to '" +
+                                                SpellValue(current.GetValue(group, key)) + "'");
+    }
+  }
 }
 
 void RequireUnchanged(Session& session, const std::set<std::string>& groups, const IniFile& before) {
@@ -196,6 +237,41 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
     SessionWriter(session).Overwrite(groups, settings);
     RequireApplied(session, settings, groups);
   });
+}
+
+void Rewrite(Session& session, const std::set<std::string>& groups, const Rewriting& rewrite) {
+  RefuseRestricted(session, groups);
+  RefusePatterns(groups);
+  if (session.CanRunAlone() || !session.CanAmend()) {
+    session.RunAlone([&] { Replace(session, groups, rewrite(session.Get(groups))); });
+    return;
+  }
+  constexpr size_t kMaxAttempts = 16;
+  Amendment amendment;
+  for (size_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    amendment = Amendment();
+    amendment.present = session.Get(groups);
+    const IniFile after = rewrite(amendment.present);
+    for (const std::string& group : groups) amendment.replace[group];
+    amendment.replace.MergeSettings(after);
+    if (!SessionWriter(session).Amend(amendment)) continue;
+    // An amendment leaves no group without settings.
+    const IniFile empty = FindEmptyGroups(after);
+    if (!empty.IsEmpty()) Merge(session, empty, false);
+    return;
+  }
+  // With the condition unhurt, something else is wrong, such as a store that is full.
+  if (session.Get(groups).GetGroups() == amendment.present.GetGroups())
+    throw Failure(kExitNotApplied, "not applied: the server refuses the change");
+  throw Failure(kExitConditionFailed, "condition failed: somebody else changes the same groups again and again");
+}
+
+bool TryClean(Session& session, const std::set<std::string>& groups) {
+  RefuseRestricted(session, WithoutPatterns(groups));
+  RequireAmend(session, "--clean");
+  Amendment amendment;
+  for (const std::string& group : groups) amendment.unset[group];
+  return SessionWriter(session).Amend(amendment);
 }
 
 void Restore(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take) {

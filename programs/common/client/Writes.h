@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 
@@ -7,9 +8,9 @@
 #include "tavix/core/IniFile.h"
 
 // All that the commands write. Every function throws Failure, kExitRefused, for a restricted group before anything is
-// written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf, whose write has
-// one. Those that know what the store has to hold then throw Failure, kExitNotApplied, when something else stands
-// there.
+// written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf and amendments,
+// which have one. Those that know what the store has to hold then throw Failure, kExitNotApplied, when something else
+// stands there.
 namespace tavix::programs {
 
 // Throws Failure, kExitRefused, when one of the groups can't be written.
@@ -36,8 +37,17 @@ void MergeIf(Session& session, const core::IniFile& condition, const core::IniFi
 // The same, once; false when the condition does not hold.
 [[nodiscard]] bool TryMergeIf(Session& session, const core::IniFile& condition, const core::IniFile& settings);
 
+// Throws Failure, kExitNotApplied, when the store can't be amended; feature: what needs that.
+void RequireAmend(Session& session, const std::string& feature);
+
+// Sets "settings" in one step if the condition holds and none of them is set. Throws as MergeIf and RequireAmend do.
+void MergeIfUnset(Session& session, const core::IniFile& condition, const core::IniFile& settings);
+
 // Throws as MergeIf does.
 void RequireHolds(const core::IniFile& current, const core::IniFile& condition);
+
+// The same when one of the settings is set.
+void RequireUnset(const core::IniFile& current, const core::IniFile& settings);
 
 // Throws Failure, kExitConditionFailed, that names what differs, when these groups are not as they were.
 void RequireUnchanged(Session& session, const std::set<std::string>& groups, const core::IniFile& before);
@@ -56,6 +66,20 @@ void Replace(Session& session, const std::set<std::string>& groups, const core::
 
 // Replaces groups, and merges what is left of "written", in one step. Refused as RefusePatterns does.
 void Write(Session& session, const std::set<std::string>& replaced, const core::IniFile& written);
+
+// What groups are to hold, of what they hold now. Groups that it leaves out go.
+using Rewriting = std::function<core::IniFile(const core::IniFile& before)>;
+
+// Replaces groups by what "rewrite" makes of them. What it was given is the condition: when somebody has changed or
+// taken away any of it meanwhile, it is asked again, 16 times at most. An older server knows no such condition, and the
+// later change wins. Throws Failure behind the last attempt: kExitConditionFailed, or kExitNotApplied when nobody has
+// changed anything, and the server refuses it all the same. Refused as RefusePatterns does.
+void Rewrite(Session& session, const std::set<std::string>& groups, const Rewriting& rewrite);
+
+// Takes all that users set in these groups away in one step, and the names off the record of what was deleted, so that
+// the defaults show, and later ones will. A name among them may be a pattern of the record. Returns false when nothing
+// was done. Throws Failure as RequireAmend does.
+[[nodiscard]] bool TryClean(Session& session, const std::set<std::string>& groups);
 
 // Puts groups and '*' patterns back to their defaults. take: is given what they hold then, as by Session::GetEach: the
 // store alone knows the defaults.

@@ -150,6 +150,31 @@ TEST_F(LocalWrites, RefuseTheUserSettingsOfADaemonThatWasKilled) {
   EXPECT_EQ(Read(), "[A]\nb=3\n");
 }
 
+TEST_F(LocalWrites, SetIfUnsetWhatTheFileLacks) {
+  Write("# mine\n[A]\nb=1\n");
+  ExpectRun({"set", "--if-unset", "[A]b=2", "[A]c=2"}, 4, "",
+            "tavix-settings: condition failed: [A]b is set, to '1'\n");
+  EXPECT_EQ(Read(), "# mine\n[A]\nb=1\n");
+  ExpectRun({"set", "--if-unset", "[A]c=2", "--if", "[A]b=1"}, 0, "", "done: 1 setting\n");
+  EXPECT_EQ(Read(), "# mine\n[A]\nb=1\nc=2\n");
+  ExpectRun({"set", "--if-unset", "--dry-run", "[A]c=3"}, 4, "",
+            "tavix-settings: condition failed: [A]c is set, to '2'\n");
+}
+
+TEST_F(LocalWrites, CleanGroupsAsTheyResetThem) {
+  Write("[A]\nb=1\n# between\n[B]\nc=1\n");
+  ExpectRun({"reset", "--clean", "B"}, 0, "-[B]\n-[B]c=1\n", "done: 1 group at its defaults\n");
+  EXPECT_EQ(Read(), "[A]\nb=1\n# between\n");
+  ExpectRun({"reset", "--clean", "B"}, 1, "", "tavix-settings: no group matches, and no default does\n");
+}
+
+TEST_F(LocalWrites, HaveNobodyToNoteThemAndNoClients) {
+  Write("[A]\nb=1\n");
+  ExpectRun({"set", "-m", "site 4", "[A]b=2"}, 2, "", "tavix-settings: a file takes no notes: leave --local out\n");
+  ExpectRun({"whoami"}, 2, "", "tavix-settings: a file has no clients: leave --local out\n");
+  EXPECT_EQ(Read(), "[A]\nb=1\n");
+}
+
 TEST_F(LocalWrites, KeepTheEndsOfLines) {
   Write("[A]\r\nb=1\r\nc=1\r\n");
   ExpectRun({"set", "[A]b=2", "[A]d=1", "[N]x=1"}, 0, "", "done: 3 settings\n");

@@ -54,10 +54,10 @@ TEST_F(GlobalOptions, HelpGoesToStandardOutput) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.errors, "");
     for (const char* word :
-         {"get",      "list",      "show",       "search",  "set",       "unset",      "delete",    "reset",
-          "edit",     "diff",      "export",     "import",  "watch",     "wait",       "status",    "subscribers",
-          "resource", "log-level", "completion", "version", "--server",  "--local",    "--timeout", "--output",
-          "--json",   "--quiet",   "--verbose",  "--color", "--version", "Exit status"})
+         {"get",      "list",     "show",      "search",     "set",     "unset",     "delete",     "reset",
+          "edit",     "diff",     "export",    "import",     "watch",   "wait",      "status",     "subscribers",
+          "whoami",   "resource", "log-level", "completion", "version", "--server",  "--local",    "--timeout",
+          "--output", "--json",   "--quiet",   "--verbose",  "--color", "--version", "Exit status"})
       EXPECT_THAT(outcome.output, HasSubstr(word));
   }
   EXPECT_THAT(Run({"get", "--help"}).output, HasSubstr("--default"));
@@ -130,25 +130,16 @@ TEST_F(GlobalOptions, CommandLineThatIsNotUnderstoodIsExitStatus2) {
 TEST_F(GlobalOptions, WithoutAServerEveryCommandFailsAtOnceWithAHint) {
   const ListeningSocket closed(ListeningSocket::kNotListening);
   const std::string address = "127.0.0.1:" + std::to_string(closed.GetPort());
-  for (Words words : std::vector<Words>{{"get", "A"},
-                                        {"list"},
-                                        {"show"},
-                                        {"search", "x"},
-                                        {"set", "[A]b=c"},
-                                        {"unset", "[A]b"},
-                                        {"delete", "A"},
-                                        {"reset", "A"},
-                                        {"edit"},
-                                        {"diff", "/dev/null"},
-                                        {"export"},
-                                        {"import", "/dev/null"},
-                                        {"watch"},
-                                        {"wait", "[A]b"},
-                                        {"status"},
-                                        {"ping"},
-                                        {"subscribers"},
-                                        {"resource", "ls"},
-                                        {"log-level"}}) {
+  for (Words words : std::vector<Words>{{"get", "A"},       {"list"},
+                                        {"show"},           {"search", "x"},
+                                        {"set", "[A]b=c"},  {"unset", "[A]b"},
+                                        {"delete", "A"},    {"reset", "A"},
+                                        {"edit"},           {"diff", "/dev/null"},
+                                        {"export"},         {"import", "/dev/null"},
+                                        {"watch"},          {"wait", "[A]b"},
+                                        {"status"},         {"ping"},
+                                        {"subscribers"},    {"whoami"},
+                                        {"resource", "ls"}, {"log-level"}}) {
     words.insert(words.end(), {"-s", address});
     const long took = MillisecondsOf(
         [&] { ExpectRun(words, 3, "", "tavix-settings: no server at " + address + ": Connection refused\n" + kHint); });

@@ -26,6 +26,9 @@ class MemorySession : public programs::Session {
     return settings::server::GroupDiscriminator::IsRestrictedGroup(group);
   }
   std::vector<std::string> GetSubscribed() override { return {}; }
+  bool CanAmend() override { return false; }
+  std::map<std::string, std::string> GetWhoami() override { return {}; }
+  void SetNote(const std::string&) override {}
   core::IniFile Subscribe(const Groups& groups) override { return Get(groups); }
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds>) override { return std::nullopt; }
   void SetProgress(Progress) override {}
@@ -44,6 +47,7 @@ class MemorySession : public programs::Session {
     Merge(settings, false);
     return true;
   }
+  bool Amend(const settings::Amendment&) override { throw std::logic_error("it can't amend"); }
   void Overwrite(const Groups& groups, const core::IniFile& settings) override {
     for (const auto& [group, keys] : Get(groups)) {
       files.RemoveGroup(group);
