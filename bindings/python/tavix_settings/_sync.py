@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import threading
 import time
-from types import TracebackType
 from typing import (
     Callable,
     FrozenSet,
@@ -14,7 +13,6 @@ from typing import (
     List,
     Literal,
     Optional,
-    Type,
     TypeVar,
     Union,
     cast,
@@ -25,6 +23,7 @@ from . import _calls as calls
 from . import _link
 from ._address import Address, find_address
 from ._calls import MISSING, Call, Groups, Missing, RawGroups
+from ._closing import Closing
 from ._errors import ClosedError, ConnectionLostError, SettingsError, SettingsTimeoutError, UnsupportedError
 from ._link import Link, Waker
 from ._names import AnyDocument, AnyKeys, AnyValues, Name, Names, to_names
@@ -34,7 +33,6 @@ from ._watching import Backoff, Change, WatchState
 from ._writes import Writes
 
 T = TypeVar("T")
-S = TypeVar("S", bound="Store")
 C = TypeVar("C", Change[str], Change[bytes])
 OpenLink = Callable[[Optional[float], Optional[Waker]], Link]
 
@@ -85,7 +83,7 @@ class _Connection:
         return replies
 
 
-class Store:
+class Store(Closing):
     """A store of settings, over one connection, which is made anew when it is lost.
 
     Values and names are str, in which each byte survives (UTF-8 with surrogateescape); raw=True gives bytes. Both are
@@ -131,17 +129,6 @@ class Store:
         else:
             self._connection = None
             connection.link.close()
-
-    def __enter__(self: S) -> S:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
     def __repr__(self) -> str:
         return f"<tavix_settings.{type(self).__name__} {self._address}{' closed' if self._is_closed else ''}>"
@@ -368,7 +355,7 @@ class Store:
             raise ClosedError(f"the store {self._address} belongs to the process that this one was forked from")
 
 
-class Watch(Generic[C], Iterator[C]):
+class Watch(Closing, Generic[C], Iterator[C]):
     """An iterator over changes (see Store.watch), and a context manager.
 
     It ends by close(), by leaving the loop, by its time-out, or by an error or Ctrl-C while it waits; then nothing of
@@ -422,17 +409,6 @@ class Watch(Generic[C], Iterator[C]):
         finally:
             if self._process == os.getpid():
                 self._lock.release()
-
-    def __enter__(self) -> Watch[C]:
-        return self
-
-    def __exit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        self.close()
 
     def __del__(self) -> None:
         if hasattr(self, "_waker"):

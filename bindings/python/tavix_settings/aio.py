@@ -5,7 +5,6 @@ from __future__ import annotations
 import asyncio
 import os
 from collections import deque
-from types import TracebackType
 from typing import (
     Any,
     AsyncIterator,
@@ -18,7 +17,6 @@ from typing import (
     List,
     Literal,
     Optional,
-    Type,
     TypeVar,
     Union,
     cast,
@@ -30,6 +28,7 @@ from . import _link
 from ._address import Address, find_address
 from ._async_link import AsyncLink, make_future, within
 from ._calls import MISSING, Call, Groups, RawGroups
+from ._closing import AsyncClosing
 from ._errors import (
     ClosedError,
     ConnectionLostError,
@@ -138,7 +137,7 @@ class _Connection:
             waiter.future.set_result(None)
 
 
-class AsyncStore:
+class AsyncStore(AsyncClosing):
     """tavix_settings.Store for an event loop: the same calls, awaited.
 
     Tasks:  calls of many tasks are sent without waiting for each other, and answered in their order. A task that is
@@ -183,14 +182,6 @@ class AsyncStore:
 
     async def __aenter__(self: S) -> S:
         return await self.open()
-
-    async def __aexit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        await self.close()
 
     def __repr__(self) -> str:
         return f"<tavix_settings.aio.{type(self).__name__} {self._address}{' closed' if self._is_closed else ''}>"
@@ -529,7 +520,7 @@ class _WatchEngine:
             news.set_result(None)
 
 
-class AsyncWatch(Generic[C], AsyncIterator[C]):
+class AsyncWatch(AsyncClosing, Generic[C], AsyncIterator[C]):
     """tavix_settings.Watch for an event loop.
 
     It ends by close(), by leaving the loop, by its time-out, by an error, or by the cancellation of the task that waits
@@ -553,14 +544,6 @@ class AsyncWatch(Generic[C], AsyncIterator[C]):
             self._engine.close()
             raise
         return self
-
-    async def __aexit__(
-        self,
-        kind: Optional[Type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
-    ) -> None:
-        await self.close()
 
     def __del__(self) -> None:
         self._engine.close()
