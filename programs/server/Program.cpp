@@ -140,7 +140,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });
   std::vector<Listener> listeners = OrFail(kExitUnavailable, [&] { return Listener::OpenAll(options); });
   WarnOfOpenDoors(listeners, options);
-  serviceManager.Tell("STATUS=Loading settings");
+  serviceManager.Notify("STATUS=Loading settings");
   Counters counters;
   SettingsSources sources(options, counters);
   const auto store = LoadStore(sources, options, counters);

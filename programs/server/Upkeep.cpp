@@ -46,7 +46,7 @@ Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLi
     _metricsFile.emplace(options.metricsFile, counters, manager);
     _metrics.emplace("Metrics", std::chrono::seconds(options.metricsSeconds), [this] { _metricsFile->Write(); });
   }
-  _serviceManager.Tell("READY=1\n" + GetStatus());
+  _serviceManager.Notify("READY=1\n" + GetStatus());
   if (_serviceManager.GetWatchdogTime().count() > 0) StartWatchdog(std::move(probe));
 }
 
@@ -56,20 +56,20 @@ void Upkeep::StartWatchdog(std::function<void()> probe) {
   const milliseconds interval = std::clamp<milliseconds>(wanted, kShortestInterval, kLongestInterval);
   _watchdog.emplace("Watchdog", interval, [this, probe = std::move(probe)] {
     probe();
-    _serviceManager.Tell("WATCHDOG=1\n" + GetStatus());
+    _serviceManager.Notify("WATCHDOG=1\n" + GetStatus());
   });
 }
 
 void Upkeep::OnSignal(int signal) {
   if (signal == SIGHUP) {
-    _serviceManager.Tell("RELOADING=1\nMONOTONIC_USEC=" + MonotonicMicroseconds());
+    _serviceManager.Notify("RELOADING=1\nMONOTONIC_USEC=" + MonotonicMicroseconds());
     ReadLogOptions();
-    _serviceManager.Tell("READY=1\n" + GetStatus());
+    _serviceManager.Notify("READY=1\n" + GetStatus());
   } else if (signal == SIGUSR1) {
     ClientHandler::LogStatistics(nullptr);
     if (_metrics) _metrics->Trigger();
   } else {
-    _serviceManager.Tell("STOPPING=1\nSTATUS=Ending");
+    _serviceManager.Notify("STOPPING=1\nSTATUS=Ending");
   }
 }
 

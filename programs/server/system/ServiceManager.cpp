@@ -46,7 +46,7 @@ ServiceManager::ServiceManager() {
     _watchdogTime = std::chrono::microseconds(Number(Variable("WATCHDOG_USEC")));
 }
 
-void ServiceManager::Tell(const std::string& lines) const {
+void ServiceManager::Notify(const std::string& lines) const {
   if (_name.empty()) return;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

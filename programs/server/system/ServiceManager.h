@@ -7,8 +7,8 @@
 
 namespace tavix::daemon {
 
-// What a service manager is told about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
-// describes them. Without one, nothing is told.
+// Notifies a service manager about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
+// describes them. Without one, nothing is sent.
 //
 // Threads: any.
 // Errors:  none; what can't be sent within a second is dropped.
@@ -18,9 +18,9 @@ class ServiceManager {
   ServiceManager();
 
   // lines: "READY=1", or several with line feeds between them.
-  void Tell(const std::string& lines) const;
+  void Notify(const std::string& lines) const;
 
-  // How often this process has to tell WATCHDOG=1; zero: it need not.
+  // How often this process has to send WATCHDOG=1; zero: it need not.
   std::chrono::microseconds GetWatchdogTime() const { return _watchdogTime; }
 
   // Whether standard error is connected to the system's journal, as JOURNAL_STREAM says.
