@@ -22,7 +22,7 @@ SharedUserLayer::SharedUserLayer(UserLayerSetup setup)
       _quotedPath("'" + _setup.path + "'"),
       _gate(true),
       _log(*core::Logger::GetLogger("UserSettings")),
-      _state(_setup.durability),
+      _state(_setup.durability, _setup.minJournal),
       _watch(_setup.path, _setup.longDiskWork, _log),
       _gather(_setup.gather),
       _notes(_gate) {}

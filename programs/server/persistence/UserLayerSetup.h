@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -39,6 +40,9 @@ struct UserLayerSetup {
 
   // With Durability::kAlways: how long a sync waits for more changes.
   SyncGather::Rule gather{};
+
+  // In bytes: a journal makes a snapshot due once it is longer than this, and than the last snapshot.
+  uint64_t minJournal = 256 * 1024;
 };
 
 }  // namespace tavix::daemon

@@ -5,12 +5,6 @@
 
 namespace tavix::daemon {
 
-namespace {
-
-constexpr uint64_t kMinJournal = 64 * 1024;  // no snapshot is worth its cost for a shorter one
-
-}  // namespace
-
 UserLayerState::Steps UserLayerState::Load(const Found& found) {
   Steps steps;
   _snapshot.id = found.snapshot;
@@ -227,7 +221,7 @@ void UserLayerState::RequestSnapshot(Steps& steps) {
 }
 
 void UserLayerState::RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps) {
-  if (journalEnd > std::max<uint64_t>(_snapshot.bytes, kMinJournal)) RequestSnapshot(steps);
+  if (journalEnd > std::max<uint64_t>(_snapshot.bytes, _minJournal)) RequestSnapshot(steps);
 }
 
 // Until a snapshot stands that a journal can follow, a change is in memory only: to show it would promise too much,

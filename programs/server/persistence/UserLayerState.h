@@ -84,7 +84,9 @@ class UserLayerState {
     Ticket last = 0;
   };
 
-  explicit UserLayerState(Durability durability) : _durability(durability) {}
+  // minJournal: in bytes; no snapshot is worth its cost for a shorter journal.
+  explicit UserLayerState(Durability durability, uint64_t minJournal = 256 * 1024)
+      : _durability(durability), _minJournal(minJournal) {}
 
   Steps Load(const Found& found);
 
@@ -181,6 +183,7 @@ class UserLayerState {
   void ReportRecovery(Steps& steps);
 
   const Durability _durability;
+  const uint64_t _minJournal;
   Phase _phase = Phase::kNoSnapshot;
   Phase _phaseOnFailure = Phase::kNoSnapshot;  // to which a failure of the snapshot that is written leads
   bool _isStopping = false;

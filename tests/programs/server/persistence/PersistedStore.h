@@ -18,7 +18,8 @@ inline constexpr daemon::Durability kAlways{daemon::Durability::Kind::kAlways, s
 inline constexpr daemon::Durability kHourly{daemon::Durability::Kind::kInterval, std::chrono::hours(1)};
 inline constexpr daemon::Durability kNever{daemon::Durability::Kind::kNone, std::chrono::milliseconds(0)};
 
-inline constexpr size_t kLargeChange = 64 * 1024;  // less than what makes a journal long
+inline constexpr uint64_t kMinJournal = 64 * 1024;  // small, so that a few changes make a journal long
+inline constexpr size_t kLargeChange = 64 * 1024;   // less than what makes a journal long
 
 // Output that does nothing but to note when it is let go.
 class NotedOutput : public daemon::IHeldOutput {
@@ -49,7 +50,9 @@ class PersistedStore : private daemon::ILayerSources {
                     [this](std::time_t since) { _unsavedSince = since; },
                     {},
                     kLargeChange,
-                    longDiskWork},
+                    longDiskWork,
+                    {},
+                    kMinJournal},
                    *this),
         _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });

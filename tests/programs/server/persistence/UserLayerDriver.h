@@ -10,7 +10,7 @@
 
 namespace tavix::test {
 
-inline constexpr size_t kSnapshotBytes = 100'000;
+inline constexpr size_t kSnapshotBytes = 300'000;
 inline const daemon::UserLayerState::Clock::time_point kNow = daemon::UserLayerState::Clock::now();
 inline constexpr std::time_t kTime = 1'000'000;
 

@@ -43,7 +43,7 @@ constexpr Fault kFaults[] = {
 
 // The third is more than a journal grows to before a snapshot takes over.
 std::string ValueOf(int change) {
-  return change == 3 ? std::string(100'000, 'v') : "v" + std::to_string(change);
+  return change == 3 ? std::string(300'000, 'v') : "v" + std::to_string(change);
 }
 
 std::string KeyOf(int change) {

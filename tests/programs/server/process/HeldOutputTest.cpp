@@ -289,7 +289,7 @@ TEST_F(HeldOutput, SnapshotThatOvertakesTheFirstSyncOfAJournalHarmsNothing) {
   EXPECT_EQ(_daemon->Stop(), 0);
   Start();  // without a journal
   _faults.HoldSyncs(".journal.new");
-  const std::string large(100'000, 'v');
+  const std::string large(300'000, 'v');
   _writer->Send(Merge("B", 1));
   _faults.AwaitHeldSync();
   _writer->Send("merge\n[Large]\nk=" + large + "\n.\n");  // outgrows the snapshot there is
