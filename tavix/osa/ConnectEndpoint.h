@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "tavix/osa/Export.h"
+
 struct addrinfo;
 
 namespace tavix::osa {
@@ -30,7 +32,8 @@ ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadli
 // that may be an address of a family that this system has no address of.
 bool IsShortage(int error);
 
-// Sets up a TCP connection as ConnectEndpoint does. Harmless for other sockets.
-void SetUpConnection(int descriptor);
+// Sets up a TCP connection as ConnectEndpoint does. A listening socket hands it down to the connections that it accepts.
+// Harmless for other sockets.
+TAVIX_DAEMON_EXPORT void SetUpConnection(int descriptor);
 
 }  // namespace tavix::osa

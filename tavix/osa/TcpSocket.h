@@ -2,15 +2,13 @@
 
 #include <memory>
 
-#include "tavix/osa/Export.h"
-
 namespace tavix::osa {
 
 // One end of a TCP connection, or of a connection through a unix socket. Its descriptor is closed on exec and by the
 // destructor; a dead peer is found within two minutes; small messages leave at once (TCP_NODELAY).
 //
 // Threads: Connect belongs to one thread; Shutdown may be called from any thread while others read and write.
-class TAVIX_DAEMON_EXPORT TcpSocket {
+class TcpSocket {
  public:
   // An unconnected client socket. port: a number for the owner's use; nothing is bound to it.
   explicit TcpSocket(unsigned short port);

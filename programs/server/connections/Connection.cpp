@@ -23,13 +23,6 @@ namespace {
 constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
 constexpr size_t kMaxDropped = 4 * 1024 * 1024;
 
-// The descriptor has an owner whatever throws.
-std::unique_ptr<osa::TcpSocket> Adopt(osa::Descriptor& descriptor) {
-  std::unique_ptr<osa::TcpSocket> socket = osa::TcpSocket::Adopt(descriptor.Get());
-  descriptor.Release();
-  return socket;
-}
-
 // Reads what has come, as far as it is there, for nobody. Not every kind of socket drops bytes without a place for
 // them.
 void DropInput(int descriptor) {
@@ -44,8 +37,8 @@ void DropInput(int descriptor) {
 }  // namespace
 
 Connection::Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared)
-    : _socket(Adopt(descriptor)),
-      _descriptor(_socket->GetDescriptor()),
+    : _socket(std::move(descriptor)),
+      _descriptor(_socket.Get()),
       _poll(poll),
       _wakeLoop(wakeLoop),
       _turnMilliseconds(shared.turnMilliseconds),
@@ -78,7 +71,7 @@ Connection::~Connection() {
   ReportEnd();
   _report.Disconnect();
   _output->Close();
-  if (_state == State::kDone) DropInput(_descriptor);
+  if (_state == State::kDone && !_hasReadAll) DropInput(_descriptor);
 }
 
 bool Connection::IsCut() const {
@@ -91,6 +84,7 @@ bool Connection::OnReadable(char* scratch, size_t size) {
   if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
   ++_reads;
   if (count < 0) _output->OnPeerGone();
+  if (count <= 0) _hasReadAll = true;
   if (_state == State::kDone) return count > 0 || _output->GetKeptBytes() > 0;  // dropped
   if (count <= 0) {
     _state = State::kPeerEnded;
@@ -262,6 +256,7 @@ bool Connection::EndsNow() {
   _state = State::kDone;
   _progress = Progress::kCaughtUp;
   _handler.reset();
+  if (_output->GetKeptBytes() == 0) return true;
   UpdateInterest();
   return _output->GetKeptBytes() == 0;
 }

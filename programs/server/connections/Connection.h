@@ -23,7 +23,6 @@
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/PlainMutex.h"
-#include "tavix/osa/TcpSocket.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/RequestFramer.h"
@@ -174,7 +173,7 @@ class Connection : private SlowLane::IJob {
   void Watch(int operation) TAVIX_REQUIRES(_interestMutex);
   void SetWatched(bool isWatched) TAVIX_EXCLUDES(_interestMutex);
 
-  const std::unique_ptr<osa::TcpSocket> _socket;
+  const osa::Descriptor _socket;
   const int _descriptor;
   const int _poll;
   const int _wakeLoop;
@@ -191,6 +190,7 @@ class Connection : private SlowLane::IJob {
   std::optional<ClientHandler> _handler;       // until the last request
   OpeningGuard _opening;
   size_t _reads = 0;
+  bool _hasReadAll = false;  // nothing more comes
   State _state = State::kOpen;
   Progress _progress = Progress::kCaughtUp;
   std::string _laneText;  // holds the request that is in the lane; its thread's, as the next one

@@ -11,6 +11,7 @@
 #include "programs/server/connections/TcpSockets.h"
 #include "programs/server/connections/UnixSocketFile.h"
 #include "programs/server/system/SocketName.h"
+#include "tavix/osa/ConnectEndpoint.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -136,6 +137,7 @@ Listener::Listener(osa::Descriptor descriptor, std::unique_ptr<UnixSocketFile> f
   const BoundAddress bound = AddressOf(_descriptor.Get());
   _isUnix = bound.Get()->sa_family == AF_UNIX;
   _address = ToText(bound.Get(), bound.size);
+  osa::SetUpConnection(_descriptor.Get());
 }
 
 Listener::Listener(Listener&&) noexcept = default;

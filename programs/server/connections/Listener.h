@@ -34,7 +34,8 @@ class Listener {
   // HOST:PORT as bound, with the port that the kernel picked, or unix:PATH.
   const std::string& GetAddress() const { return _address; }
 
-  // The next connection's descriptor, or -1 with errno set.
+  // The next connection's descriptor, or -1 with errno set. It is set up as osa::SetUpConnection does, and closed on
+  // exec.
   int Accept() const;
 
  private:
