@@ -15,6 +15,7 @@ void AddThroughputBenches(Suite& suite);
 void AddDurableBenches(Suite& suite);
 void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
+void AddCInterfaceBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);
 void AddCommandBenches(Suite& suite);

@@ -120,6 +120,7 @@ int Run(const Options& options) {
   AddDurableBenches(suite);
   AddLoadBenches(suite);
   AddNotifyBenches(suite);
+  AddCInterfaceBenches(suite);
   AddFootprintBenches(suite);
   AddLayersBenches(suite);
   AddCommandBenches(suite);

@@ -55,14 +55,17 @@ int Watch::GetDescriptor() {
       throw;
     }
   }
-  TakeAvailable();
+  TakeReceived();
   SetWake();
   return _wake->Get();
 }
 
 std::optional<WatchedChange> Watch::AwaitChange(std::optional<Clock::time_point> end) {
   std::optional<WatchedChange> change;
-  if (_content.HasPending() || _mayHaveMore) TakeAvailable();
+  if (_connection && (_content.HasPending() || _mayHaveMore)) {
+    TakeNotice(Clock::time_point());
+    TakeReceived();
+  }
   while (!(change = _content.TakeChange()) && Step(end)) continue;
   if (_wake) SetWake();
   return change;
@@ -72,15 +75,15 @@ std::optional<WatchedChange> Watch::AwaitChange(std::optional<Clock::time_point>
 bool Watch::Step(std::optional<Clock::time_point> end) {
   if (!_connection) return ComeBack(end);
   if (!TakeNotice(end)) return false;
-  TakeAvailable();
+  TakeReceived();
   return true;
 }
 
 // So that changes of one key that have come are one, and as a descriptor shows what its connection will receive, not
 // what it has.
-void Watch::TakeAvailable() {
+void Watch::TakeReceived() {
   int taken = 0;
-  while (taken < kMaxAvailable && _connection && TakeNotice(Clock::time_point())) ++taken;
+  while (taken < kMaxAvailable && _connection && _connection->HasReceived() && TakeNotice(Clock::time_point())) ++taken;
   _mayHaveMore = taken == kMaxAvailable;
 }
 

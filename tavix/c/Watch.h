@@ -44,7 +44,7 @@ class Watch {
 
  private:
   bool Step(std::optional<Clock::time_point> end);
-  void TakeAvailable();
+  void TakeReceived();
   bool TakeNotice(std::optional<Clock::time_point> end);
   bool ComeBack(std::optional<Clock::time_point> end);
   void Connect();

@@ -174,6 +174,10 @@ int ProtocolClient::GetDescriptor() const {
   return _exchange->GetSocket().GetDescriptor();
 }
 
+bool ProtocolClient::HasReceived() const {
+  return _exchange->GetSocket().GetReceivedBytes() > 0 || !_exchange->GetNotices().IsEmpty();
+}
+
 IniFile ProtocolClient::Get(const Groups& namesAndPatterns) {
   RequireSendable(namesAndPatterns);
   ProtocolExchange::Call call(*_exchange);

@@ -85,6 +85,9 @@ class TAVIX_EXPORT ProtocolClient {
   // from it, write to it or close it.
   int GetDescriptor() const;
 
+  // Whether something was received that no call has taken, such as a further notice, or a part of one.
+  bool HasReceived() const;
+
   // The groups that names and '*' patterns mean. A name that does not exist is just not there.
   core::IniFile Get(const Groups& namesAndPatterns);
 

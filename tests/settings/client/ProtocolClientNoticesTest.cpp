@@ -67,6 +67,16 @@ TEST_F(ProtocolClientNotices, MayComeBehindAListOfSubscriptions) {
   EXPECT_EQ(_notices, 4);
 }
 
+TEST_F(ProtocolClientNotices, ThatWereReceivedAndNotTakenAreKnown) {
+  Answer({NoticeOf("a", "1") + "data\n.\n"});
+  Client client(Patient());
+  EXPECT_FALSE(client.HasReceived());
+  client.Flush();
+  EXPECT_TRUE(client.HasReceived());
+  EXPECT_TRUE(client.AwaitNotice(kNow));
+  EXPECT_FALSE(client.HasReceived());
+}
+
 TEST_F(ProtocolClientNotices, MayComeInFrontOfAListOfSubscriptions) {
   Answer({NoticeOf("a", "1") + kListHead + "a\n\ndata\n.\n"});
   Client client(Patient());
