@@ -251,6 +251,10 @@ class Program {
     const char* const names[] = {name.data()};
     const size_t sizes[] = {name.size()};
     switch (call % 10) {
+      case 8: {
+        tavix_document* const document = Document();
+        return tavix_amend(_client, document, document, Document(), document, Document(), &_error);
+      }
       case 0: {
         tavix_document* found = nullptr;
         const int32_t code = tavix_get(_client, names, sizes, 1, &found, &_error);

@@ -182,4 +182,22 @@ int32_t tavix_test_and_merge(tavix_client* client, const tavix_document* test, c
   });
 }
 
+int32_t tavix_amend(tavix_client* client, const tavix_document* present, const tavix_document* absent,
+                    const tavix_document* set, const tavix_document* unset, const tavix_document* replace,
+                    tavix_error* error) {
+  return RunCall("tavix_amend", error,
+                 {{"client", client},
+                  {"present", present},
+                  {"absent", absent},
+                  {"set", set},
+                  {"unset", unset},
+                  {"replace", replace}},
+                 [&] {
+                   const HandleUse use(client->owner);
+                   const bool isDone = client->store.Amend(
+                       {present->settings, absent->settings, set->settings, unset->settings, replace->settings});
+                   return isDone ? TAVIX_OK : ReportCondition(error);
+                 });
+}
+
 }  // extern "C"

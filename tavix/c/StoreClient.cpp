@@ -18,6 +18,8 @@ using settings::server::GroupDiscriminator;
 
 namespace {
 
+constexpr char kConditionReason[] = "condition:";  // the kind of a reason, as docs/protocol.md lists them
+
 // What has come counts, and stays for the request: only an end behind it is found.
 bool HasEnded(const ProtocolClient& connection) {
   if (!connection.IsOpen()) return true;
@@ -31,6 +33,10 @@ void RefuseRestricted(const std::string& name) {
   if (GroupDiscriminator::IsRestrictedGroup(name))
     throw CallFailure(TAVIX_REFUSED, "group \"" + core::PrintableText(name, 80) +
                                          "\" is restricted: only the device's own files set it");
+}
+
+[[noreturn]] void FailRefused(const std::string& reason) {
+  throw CallFailure(TAVIX_REFUSED, "the server refused the change: " + reason);
 }
 
 void RefuseRestricted(const StoreClient::Names& names) {
@@ -91,7 +97,23 @@ bool StoreClient::TestAndMerge(const IniFile& test, const IniFile& change) {
   RefuseRestricted(change);
   ProtocolClient::RequireSendable(test);
   ProtocolClient::RequireSendable(change);
-  return Prepare().TestAndMerge(test, change);
+  return Conclude(Prepare().TestAndMerge(test, change));
+}
+
+bool StoreClient::Amend(const settings::Amendment& amendment) {
+  for (const IniFile* change : {&amendment.set, &amendment.unset, &amendment.replace}) RefuseRestricted(*change);
+  for (const IniFile* part :
+       {&amendment.present, &amendment.absent, &amendment.set, &amendment.unset, &amendment.replace})
+    ProtocolClient::RequireSendable(*part);
+  return Conclude(Prepare().Amend(amendment));
+}
+
+// An older server gives no reason: it only knows conditions that did not hold.
+bool StoreClient::Conclude(bool isDone) {
+  if (isDone) return true;
+  const std::string reason = _connection->TakeRefusal();
+  if (!reason.empty() && reason.rfind(kConditionReason, 0) != 0) FailRefused(reason);
+  return false;
 }
 
 // Whoever sent nothing has nothing to wait for. After a time-out the writes are still pending on a connection that was
@@ -101,13 +123,15 @@ void StoreClient::Flush() {
   if (std::exchange(_isWriteLost, false))
     throw CallFailure(TAVIX_LOST, "the connection was lost before the server had carried out what was sent");
   if (!_connection) return;
+  std::string refusal;
   try {
-    _connection->Flush();
+    refusal = _connection->TakeRefusal();
   } catch (const ProtocolException& exception) {
     if (exception.GetReason() == ProtocolException::Reason::kLost) _isWritePending = false;
     throw;
   }
   _isWritePending = false;
+  if (!refusal.empty()) FailRefused(refusal);
 }
 
 }  // namespace tavix::c

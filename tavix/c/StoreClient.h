@@ -33,15 +33,19 @@ class StoreClient {
   void Overwrite(const Names& names, const core::IniFile& change);
   void Restore(const Names& names);
 
-  // Returns whether the condition held.
+  // Return whether the change was made: false, when a condition did not hold. Throw TAVIX_REFUSED when the server does
+  // not take the change.
   [[nodiscard]] bool TestAndMerge(const core::IniFile& test, const core::IniFile& change);
+  [[nodiscard]] bool Amend(const settings::Amendment& amendment);
 
-  // Throws TAVIX_LOST when the connection of a pending write is gone.
+  // Throws TAVIX_LOST when the connection of a pending write is gone, and TAVIX_REFUSED when the last write was not
+  // carried out as a whole.
   void Flush();
 
  private:
   ProtocolClient& Prepare();
   void DropEnded();
+  bool Conclude(bool isDone);
 
   const settings::client::ProtocolOptions _options;
   std::unique_ptr<ProtocolClient> _connection;

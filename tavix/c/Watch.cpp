@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tavix/c/CallResult.h"
+
 namespace tavix::c {
 
 using settings::client::ProtocolClient;
@@ -115,7 +117,7 @@ bool Watch::ComeBack(std::optional<Clock::time_point> end) {
   } catch (const ProtocolException& exception) {
     Drop(exception.what());
   } catch (...) {
-    Drop("memory or descriptors ran out");
+    Drop("memory or descriptors ran out, or the server refused the subscription");
     throw;
   }
   return true;
@@ -124,6 +126,8 @@ bool Watch::ComeBack(std::optional<Clock::time_point> end) {
 void Watch::Connect() {
   auto connection = std::make_unique<ProtocolClient>(_options);
   core::IniFile reading = connection->Subscribe(_names);
+  const std::string refusal = connection->TakeRefusal();
+  if (!refusal.empty()) throw CallFailure(TAVIX_REFUSED, "the server refused the subscription: " + refusal);
   if (_wake) _wake->Follow(connection->GetDescriptor());
   _content.TakeReading(std::move(reading));
   _connection = std::move(connection);

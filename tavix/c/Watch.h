@@ -22,8 +22,8 @@ namespace tavix::c {
 // Everything happens inside of the calls.
 //
 // Threads: one.
-// Errors:  of the constructor ProtocolException. Later std::bad_alloc and CallFailure alone: then the next call goes
-//          on, over a new connection if need be.
+// Errors:  of the constructor ProtocolException, too. Later std::bad_alloc and CallFailure alone: then the next call
+//          goes on, over a new connection if need be.
 // Owns:    connection, content, and the descriptor for poll(2).
 class Watch {
  public:

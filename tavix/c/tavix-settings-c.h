@@ -202,6 +202,14 @@ TAVIX_C_API int32_t tavix_flush(tavix_client* client, tavix_error* error);
 TAVIX_C_API int32_t tavix_test_and_merge(tavix_client* client, const tavix_document* test, const tavix_document* change,
                                          tavix_error* error);
 
+// One step: if each value of "present" is so, and no key of "absent" is set, the groups of "replace" become what stands
+// there (without keys: they go), the values of "set" are set, and the keys of "unset" get their defaults back. A group
+// without keys: of "absent", there is no such group; of "unset", all its keys. Values of keys of "absent" and "unset"
+// are not looked at. All names are names, not patterns. TAVIX_UNSUPPORTED: the server is older.
+TAVIX_C_API int32_t tavix_amend(tavix_client* client, const tavix_document* present, const tavix_document* absent,
+                                const tavix_document* set, const tavix_document* unset, const tavix_document* replace,
+                                tavix_error* error);
+
 // Watches: changes of some groups, over a connection of their own. When it is lost, tavix_watch_next makes a new one,
 // subscribes and reads again: what differs is returned as changes, and a TAVIX_CHANGE_RESYNC behind them. Changes of
 // one key that wait to be returned are one, from the first old value to the newest one, and none if these are the same.
@@ -226,7 +234,8 @@ typedef struct tavix_change {
 } tavix_change;
 
 // Connects, subscribes to the groups that names and patterns mean, and reads them. address and timeout_ms: as of
-// tavix_open. flags: 0, or TAVIX_WATCH_INITIAL. TAVIX_LOST: there is no server.
+// tavix_open. flags: 0, or TAVIX_WATCH_INITIAL. TAVIX_LOST: there is no server. TAVIX_REFUSED: the names and patterns
+// are beyond a bound of the server.
 #define TAVIX_WATCH_INITIAL 1  // what the groups hold at first is returned, too, as changes without an old value
 TAVIX_C_API int32_t tavix_watch_open(const char* address, size_t address_size, const char* const* names,
                                      const size_t* sizes, size_t count, int32_t flags, int32_t timeout_ms,

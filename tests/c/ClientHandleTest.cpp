@@ -40,6 +40,14 @@ std::string Overwrite(const ClientHandle& client, const char* name, const std::s
   return CodeOf(tavix_overwrite_z(client.get(), &name, 1, Document(change).get(), nullptr));
 }
 
+// parts: present, absent, set, unset, replace.
+std::string Amend(const ClientHandle& client, const std::vector<std::string>& parts) {
+  std::vector<DocumentHandle> documents;
+  for (const std::string& part : parts) documents.push_back(Document(part));
+  return CodeOf(tavix_amend(client.get(), documents[0].get(), documents[1].get(), documents[2].get(),
+                            documents[3].get(), documents[4].get(), nullptr));
+}
+
 std::string Restore(const ClientHandle& client, const char* name) {
   return CodeOf(tavix_restore_z(client.get(), &name, 1, nullptr));
 }
@@ -164,8 +172,21 @@ TEST(ClientHandle, RefusesRestrictedGroupsAndSendsNothing) {
   EXPECT_EQ(Overwrite(client, "A", "[A]\nx=1\n[Secure/A]\nx=1\n"), "REFUSED");
   EXPECT_EQ(Erase(client, "Secure/*"), "REFUSED");
   EXPECT_EQ(Restore(client, "Secure/A"), "REFUSED");
+  EXPECT_EQ(Amend(client, {"", "", "[A]\nx=1\n", "", "[Secure/A]\n"}), "REFUSED");
   EXPECT_EQ(GetText(client, {"*"}), "");
   EXPECT_EQ(TestAndMerge(client, "[Secure/A]\nx=1\n", "[A]\nx=1\n"), "CONDITION") << "which may be tested";
+}
+
+TEST(ClientHandle, ReportsWhatTheDaemonRefused) {
+  const ReplacedDaemon daemon({"--max-store", "65536"});
+  const ClientHandle client = Open(daemon.GetAddress());
+  EXPECT_EQ(Merge(client, "[A]\nx=" + std::string(100'000, 'x') + "\n"), "OK");
+  tavix_error error;
+  EXPECT_EQ(CodeOf(tavix_flush(client.get(), &error)), "REFUSED");
+  EXPECT_THAT(error.text, HasSubstr("full store"));
+  EXPECT_EQ(Flush(client), "OK") << "reported once";
+  EXPECT_EQ(TestAndMerge(client, "", "[A]\nx=" + std::string(100'000, 'x') + "\n"), "REFUSED");
+  EXPECT_EQ(GetText(client, {"*"}), "");
 }
 
 TEST(ClientHandle, SendsNothingOfANameWithALineBreak) {
@@ -179,6 +200,7 @@ TEST(ClientHandle, SendsNothingOfANameWithALineBreak) {
   EXPECT_EQ(Overwrite(client, "A\n", "[A]\nx=2\n"), "USAGE");
   EXPECT_EQ(Erase(client, "A\nquit"), "USAGE");
   EXPECT_EQ(Restore(client, "A\nquit"), "USAGE");
+  EXPECT_EQ(Amend(client, {"", "[A\\nquit]\n", "[A]\nx=2\n", "", ""}), "USAGE");
   EXPECT_EQ(GetText(client, {"*"}), "[A]\nx=1\n");
   EXPECT_EQ(Merge(client, "[A]\nx\\n=a\\nb\n"), "OK") << "of a key and a value";
   EXPECT_EQ(GetText(client, {"A"}), "[A]\nx=1\nx\\n=a\\nb\n");
@@ -222,6 +244,57 @@ TEST(ClientHandle, ReportsAnAnswerThatIsNone) {
   const ClientHandle client = Open("");
   EXPECT_EQ(GetText(client, {"*"}), "PARSE");
   EXPECT_EQ(GetText(client, {"*"}), "PARSE") << "over a new connection";
+}
+
+TEST(ClientHandle, AmendsTheStoreInOneStep) {
+  const TemporaryDirectory directory;
+  const ReplacedDaemon daemon({"--defaults", directory.Write("defaults.ini", "[A]\nx=1\n[B]\nx=1\n")});
+  const ClientHandle client = Open(daemon.GetAddress());
+  EXPECT_EQ(Amend(client, {"[A]\nx=1\n", "[A]\ny=\n", "[A]\nx=2\ny=2\n", "", "[B]\nz=3\n"}), "OK");
+  EXPECT_EQ(GetText(client, {"*"}), "[A]\nx=2\ny=2\n[B]\nz=3\n");
+  EXPECT_EQ(Amend(client, {"", "[A]\ny=\n", "[A]\ny=3\n", "", ""}), "CONDITION");
+  EXPECT_EQ(Amend(client, {"", "", "", "[A]\nx=\n", ""}), "OK");
+  EXPECT_EQ(GetText(client, {"A"}), "[A]\nx=1\ny=2\n");
+}
+
+TEST(ClientHandle, AmendsAndTellsConditionsFromRefusals) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
+    EXPECT_EQ(peer.ReadThrough(), "info features\nget delimited\n.\n");
+    peer.Send("Features\n--------\namend\nnovelty 3\n\ndata\n.\n");
+    const char* const reasons[] = {"condition: it does not hold", "bound: 3 patterns"};
+    for (const char* const reason : reasons) {
+      std::string request;
+      for (int payload = 0; payload < 5; ++payload) request += peer.ReadThrough();
+      EXPECT_EQ(request, "amend\n[P]\nx=1\n.\n[Q]\n.\n[A]\nx=2\n.\n[A]\ny=\n.\n[B]\n.\n");
+      peer.Send("result\nfailure\n");
+      EXPECT_EQ(peer.ReadThrough(), "info refused\nget delimited\n.\n");
+      peer.Send("Refused\n-------\nreason=" + std::string(reason) + "\n\ndata\n.\n");
+    }
+    for (int payload = 0; payload < 5; ++payload) peer.ReadThrough();
+    peer.Send("result\nok\n");
+    peer.ReadToEnd();
+  });
+  const ClientHandle client = Open("");
+  const std::vector<std::string> parts{"[P]\nx=1\n", "[Q]\n", "[A]\nx=2\n", "[A]\ny=\n", "[B]\n"};
+  EXPECT_EQ(Amend(client, parts), "CONDITION");
+  EXPECT_EQ(Amend(client, parts), "REFUSED");
+  EXPECT_EQ(Amend(client, parts), "OK");
+}
+
+TEST(ClientHandle, SendsNothingOfAnAmendToAnOlderServer) {
+  const ScriptedServer server;
+  ClientHandle client = Open("");
+  ServerEnd peer = server.Accept();
+  std::string code;
+  BackgroundCall call([&] { code = Amend(client, {"[A]\nx=1\n", "", "[A]\nx=2\n", "", ""}); });
+  EXPECT_EQ(peer.ReadThrough(), "info features\nget delimited\n.\n");
+  peer.Send("data\n.\n");
+  call.Join();
+  EXPECT_EQ(code, "UNSUPPORTED");
+  EXPECT_EQ(Amend(client, {"", "", "[A]\nx=2\n", "", ""}), "UNSUPPORTED") << "asked once for each connection";
+  client.reset();
+  EXPECT_EQ(peer.ReadToEnd(), "");
 }
 
 TEST(ClientHandle, IsBusyWhileAnotherThreadUsesIt) {

@@ -114,6 +114,10 @@ TEST(Memory, ThatRunsOutEndsACallOfAClientWithACode) {
                }});
   ExpectCodes({"merge", [&] { return tavix_merge(c, change.get(), 0, nullptr); }});
   ExpectCodes({"test_and_merge", [&] { return tavix_test_and_merge(c, change.get(), change.get(), nullptr); }});
+  const DocumentHandle none = Document("");
+  ExpectCodes({"amend", [&] {
+                 return tavix_amend(c, change.get(), none.get(), change.get(), none.get(), none.get(), nullptr);
+               }});
   ExpectCodes({"overwrite", [&] { return tavix_overwrite_z(c, kNames, 2, change.get(), nullptr); }});
   ExpectCodes({"get", [&] {
                  tavix_document* made = nullptr;

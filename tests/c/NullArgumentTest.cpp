@@ -158,6 +158,8 @@ TEST_F(NullArgumentOfAClient, OfAChangeIsWrongUsage) {
   ExpectUsage("restore", [&](OneNull& n) { return tavix_restore(n.Or(c), n.Or(_names), n.Or(_sizes), 1, nullptr); });
   ExpectUsage("restore_z", [&](OneNull& n) { return tavix_restore_z(n.Or(c), n.Or(_names), 1, nullptr); });
   ExpectUsage("test_and_merge", [&](OneNull& n) { return tavix_test_and_merge(n.Or(c), n.Or(d), n.Or(d), nullptr); });
+  ExpectUsage("amend",
+              [&](OneNull& n) { return tavix_amend(n.Or(c), n.Or(d), n.Or(d), n.Or(d), n.Or(d), n.Or(d), nullptr); });
 }
 
 TEST_F(NullArgumentOfAClient, OfAWatchIsWrongUsage) {

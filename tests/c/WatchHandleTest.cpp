@@ -184,6 +184,16 @@ TEST(WatchHandle, IsNotMadeOfWhatIsWrong) {
   EXPECT_EQ(Next(OpenWatch(daemon.GetAddress(), {"A"}), -2), "USAGE");
 }
 
+TEST(WatchHandle, IsRefusedBeyondABoundOfTheDaemon) {
+  const ReplacedDaemon daemon({"--max-subscriptions", "1"});
+  tavix_watch* watch = nullptr;
+  const char* const names[] = {"A", "B"};
+  tavix_error error;
+  EXPECT_EQ(CodeOf(tavix_watch_open_z(daemon.GetAddress().c_str(), names, 2, 0, kPatient, &watch, &error)), "REFUSED");
+  EXPECT_THAT(error.text, HasSubstr("bound"));
+  EXPECT_EQ(watch, nullptr);
+}
+
 TEST(WatchHandle, GoesOnAfterDescriptorsRanOut) {
   const ReplacedDaemon daemon;
   const WatchHandle watch = OpenWatch(daemon.GetAddress(), {"*"});
@@ -201,7 +211,9 @@ TEST(WatchHandle, ReadsAgainWhatItCouldNotRead) {
   const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
     peer.ReadThrough();
     peer.ReadThrough();
-    peer.Send(number == 0 ? "data\n[A]\nx=1\n.\nasync change\nA\n.\nnonsense\n.\n" : "data\n[A]\nx=2\n.\n");
+    peer.Send(number == 0 ? "data\n[A]\nx=1\n.\n" : "data\n[A]\nx=2\n.\n");
+    EXPECT_EQ(peer.ReadThrough(), "info refused\nget delimited\n.\n");
+    peer.Send(number == 0 ? "data\n.\nasync change\nA\n.\nnonsense\n.\n" : "data\n.\n");
     peer.ReadToEnd();
   });
   const WatchHandle watch = OpenWatch("", {"A"});

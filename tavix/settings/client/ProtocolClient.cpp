@@ -296,14 +296,16 @@ std::string ProtocolClient::TakeRefusal() {
   return std::move(AskForFigures(protocol::kRefused, "Refused")["reason"]);
 }
 
+// Whether the server knows amendments is noted last: without memory for the list it is asked again.
 std::optional<ProtocolClient::Groups> ProtocolClient::GetFeatures() {
   const std::optional<std::string> lines = AskInfo(*_exchange, protocol::kFeatures, "Features");
-  _canAmend = false;
-  if (!lines) return std::nullopt;
-  Groups features;
-  for (size_t at = 0, end = 0; (end = lines->find('\n', at)) != std::string::npos; at = end + 1)
-    features.insert(lines->substr(at, end - at));
-  _canAmend = features.count(protocol::kAmend) > 0;
+  std::optional<Groups> features;
+  if (lines) {
+    features.emplace();
+    for (size_t at = 0, end = 0; (end = lines->find('\n', at)) != std::string::npos; at = end + 1)
+      features->insert(lines->substr(at, end - at));
+  }
+  _canAmend = features && features->count(protocol::kAmend) > 0;
   return features;
 }
 
