@@ -9,7 +9,7 @@
 
 namespace tavix::programs {
 
-// A link on the way belongs to neither root nor the process's user, who did not choose where it leads.
+// A link on the way belongs to neither root nor the process's user, who did not choose where it leads. A plain value.
 class ForeignLink : public osa::Exception {
  public:
   explicit ForeignLink(const std::string& message) : Exception(message) {}

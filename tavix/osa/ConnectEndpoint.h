@@ -11,7 +11,7 @@ namespace tavix::osa {
 class Deadline;
 struct ServiceEndpoint;
 
-// How an attempt to connect ended.
+// How an attempt to connect ended. A plain value.
 struct ConnectResult {
   int descriptor = -1;      // blocking, closed on exec; the caller's to close. -1 after a failure
   int error = 0;            // of errno, ETIMEDOUT when the time was up; 0 when the host was not found
@@ -32,8 +32,8 @@ ConnectResult ConnectAddresses(const addrinfo* addresses, const Deadline& deadli
 // that may be an address of a family that this system has no address of.
 bool IsShortage(int error);
 
-// Sets up a TCP connection as ConnectEndpoint does. A listening socket hands it down to the connections that it accepts.
-// Harmless for other sockets.
+// Sets up a TCP connection as ConnectEndpoint does. A listening socket hands it down to the connections that it
+// accepts. Harmless for other sockets.
 TAVIX_DAEMON_EXPORT void SetUpConnection(int descriptor);
 
 }  // namespace tavix::osa

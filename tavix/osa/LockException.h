@@ -6,7 +6,7 @@
 
 namespace tavix::osa {
 
-// A lock was not free in the time that the caller allowed.
+// A lock was not free in the time that the caller allowed. A plain value.
 class TAVIX_EXPORT LockException : public Exception {
  public:
   enum LockError {

@@ -15,6 +15,8 @@ namespace tavix::osa {
 //
 // It is the lock where code of the user's runs while it is held, such as a callback or a stream, where another process
 // is waited for, or where somebody gives up waiting for it. Elsewhere PlainMutex is, which costs less.
+//
+// Threads: any; the one that took the lock releases it. It is destroyed when nobody holds it or waits for it.
 class TAVIX_EXPORT TAVIX_CAPABILITY("mutex") Mutex {
  public:
   // name: for error texts only; may be null.

@@ -7,6 +7,8 @@
 namespace tavix::osa {
 
 // Holds a Mutex for the length of a scope. A scope that may have nothing to hold has a std::optional<MutexAutoLock>.
+//
+// Threads: one, which makes and destroys it.
 class TAVIX_SCOPED_CAPABILITY MutexAutoLock {
  public:
   // timeout: milliseconds, as Mutex::Lock, whose exceptions pass through.

@@ -7,6 +7,8 @@
 namespace tavix::osa {
 
 // What the scopes below share: releases once. A release that fails is swallowed: the caller goes on.
+//
+// Threads: one at a time, as for the scopes below.
 class HeldReadWriteLock {
  public:
   explicit HeldReadWriteLock(ReadWriteLock& lock) : _lock(&lock) {}

@@ -9,9 +9,10 @@
 
 namespace tavix::osa {
 
-// A shared/exclusive lock without owners: any thread may release what another took, and destroying a lock that is held
-// is legal when nobody waits on it. A waiting writer goes before new readers. Not recursive in either mode.
+// A shared/exclusive lock without owners. A waiting writer goes before new readers. Not recursive in either mode.
 // Take it through ReadAutoLock and WriteAutoLock.
+//
+// Threads: any, which may also release what another took. Destroying a lock that is held is legal when nobody waits.
 class TAVIX_EXPORT TAVIX_CAPABILITY("read-write lock") ReadWriteLock {
  public:
   // name: for error texts; may be null.

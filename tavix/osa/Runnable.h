@@ -3,6 +3,8 @@
 namespace tavix::osa {
 
 // What a Thread executes.
+//
+// Threads: Run is called on the new thread, Stop on any.
 class Runnable {
  public:
   virtual ~Runnable() = default;

@@ -8,7 +8,9 @@
 namespace tavix::osa {
 
 // A counting semaphore, first come, first served: a release goes to the thread that has waited longest, and a newcomer
-// never overtakes. Any thread may release.
+// never overtakes.
+//
+// Threads: any, which may also release what another took.
 class Semaphore {
  public:
   // name: for error texts; may be null. maxCount: what may be free at most. initialCount: what is free now.

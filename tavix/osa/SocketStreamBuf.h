@@ -13,11 +13,13 @@ class TcpSocket;
 
 // Writes to a socket: collects until it is synchronised, then sends. The buffer grows with the message and is given
 // back when it has grown large.
+//
+// Threads: one at a time; SetTimeout any.
 class SocketOutputBuf : public std::streambuf {
  public:
   explicit SocketOutputBuf(TcpSocket& socket) : _socket(socket) {}
 
-  // How long a write waits for room, in milliseconds; kWaitForever, as at first: for ever. From any thread.
+  // How long a write waits for room, in milliseconds; kWaitForever, as at first: for ever.
   void SetTimeout(unsigned int timeout) { _timeout.store(timeout, std::memory_order_relaxed); }
 
  protected:
@@ -38,6 +40,8 @@ class SocketOutputBuf : public std::streambuf {
 };
 
 // Reads from a socket; what is written to it goes on to the output side. The buffer grows while the peer fills it.
+//
+// Threads: one at a time, which may be another one than the output side's as long as it writes nothing.
 class SocketDuplexBuf : public std::streambuf {
  public:
   SocketDuplexBuf(TcpSocket& socket, SocketOutputBuf& output) : _socket(socket), _output(output) {}

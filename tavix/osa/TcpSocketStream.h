@@ -9,14 +9,14 @@ class TcpSocket;
 
 // A connected socket as standard streams.
 //
-// The stream itself reads; GetOstream() writes. The two share no state: one thread may read while others, one at a
-// time, write. (The stream can also write by itself, for one thread that does both.) Both are imbued with the classic
-// locale. What is written leaves with the next flush, in one piece where the system takes it; a large message leaves in
-// parts.
+// The stream itself reads; GetOstream() writes. Both are imbued with the classic locale. What is written leaves with
+// the next flush, in one piece where the system takes it; a large message leaves in parts.
 //
-// Errors: the end of the connection, a failed read and a failed write set the stream's state; nothing is thrown and no
-//         SIGPIPE is raised. A write that fails or makes no progress for the time given shuts the socket down, so that
-//         a reader wakes.
+// Threads: the two share no state: one thread may read while others, one at a time, write. (The stream can also write
+//          by itself, for one thread that does both.)
+// Errors:  the end of the connection, a failed read and a failed write set the stream's state; nothing is thrown and no
+//          SIGPIPE is raised. A write that fails or makes no progress for the time given shuts the socket down, so that
+//          a reader wakes.
 class TcpSocketStream : public std::iostream {
  public:
   // socket: connected, borrowed, outlives the stream. timeout: milliseconds that a read or a write may go without

@@ -11,6 +11,7 @@ namespace tavix::osa {
 
 // One joinable thread that runs a Runnable once.
 //
+// Threads: one at a time calls its operations; SetExceptionReporter and CurrentThread any.
 // Stack:   the size given is what the runnable's own code may use. Added here are 256 KiB for code of the user's that
 //          it calls, such as callbacks; what the C library and the exception machinery need (name resolution, a first
 //          throw, the system log); and a guard page. It is mapped: memory is taken by what is used of it alone.

@@ -23,6 +23,9 @@ namespace tavix::settings {
 //                          in any order: a subscriber that wants the newest values reads the store.
 //
 // A client is called for its own changes, too.
+//
+// Threads: calls come on the thread that made or received the change, one at a time from one store or client; OnChange
+//          says what may be called from there.
 class TAVIX_EXPORT IChangeCallback {
  public:
   virtual ~IChangeCallback() = default;

@@ -11,6 +11,8 @@
 namespace tavix::programs::cli {
 
 // The commands with their options, and the parser over them.
+//
+// Threads: one.
 class CommandLine {
  public:
   // What a command does; returns an ExitCode.

@@ -12,6 +12,8 @@ class Option;
 namespace tavix::programs::cli {
 
 // An option or positional that was declared; the command line keeps it. Each operation returns the same one.
+//
+// Threads: one.
 class DeclaredOption {
  public:
   explicit DeclaredOption(CLI::Option& option) : _option(option) {}
@@ -34,6 +36,8 @@ class DeclaredOption {
 // What a command takes, as the command declares it; few sources beside this know the parser, as
 // its headers take long to compile. Names: "-y,--yes" for an option, "GROUP" for a positional. Targets outlive the
 // parsing.
+//
+// Threads: one.
 class CommandOptions {
  public:
   explicit CommandOptions(CLI::App& command) : _command(command) {}

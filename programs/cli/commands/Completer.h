@@ -21,6 +21,8 @@ class CommandLine;
 // Groups and keys are read from the store that the other words name. A store may be large: only groups that begin with
 // the word are asked for, and they are offered path by path, up to the next '/'. A store is given 250 ms; then nothing
 // of it is offered: somebody is waiting with a finger on a key.
+//
+// Threads: one.
 class Completer {
  public:
   static bool IsAsked(const std::vector<std::string>& words);

@@ -11,8 +11,9 @@ namespace tavix::programs::cli {
 
 // What a command runs with.
 //
-// Owns:   the session.
-// Errors: GetSession and Reconnect throw what a session's constructor does.
+// Threads: one.
+// Owns:    the session.
+// Errors:  GetSession and Reconnect throw what a session's constructor does.
 class Context {
  public:
   // options: where they name no store, TAVIX_SETTINGS_LOCALFILE may name a file. console: outlives the context.

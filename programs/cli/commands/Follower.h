@@ -13,7 +13,8 @@ namespace tavix::programs::cli {
 // Keeps a copy of groups in step with the store, across lost connections: whatever still differs once there is one
 // again is seen then.
 //
-// Errors: the constructor throws what the session does; later losses are told and repaired.
+// Threads: one.
+// Errors:  the constructor throws what the session does; later losses are told and repaired.
 class Follower {
  public:
   using Clock = std::chrono::steady_clock;

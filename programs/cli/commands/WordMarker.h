@@ -13,6 +13,8 @@ namespace tavix::programs::cli {
 
 // Marks the words of a command line that are values, so that the parser takes them as they are: what looks like one of
 // its own values (ParserWords.h), all that stands behind "--", and in "set" the VALUE behind GROUP KEY.
+//
+// Threads: one.
 class WordMarker {
  public:
   // program: the commands and their options; outlives this.

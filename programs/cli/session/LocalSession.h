@@ -15,9 +15,10 @@ namespace tavix::programs::cli {
 //
 // Two commands at once: each write reads the file anew under a lock, and replaces it whole. RunAlone holds the lock.
 //
-// Errors: besides the base's, writes throw Failure: kExitNoServer when another command holds the lock for too long;
-//         kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it;
-//         kExitUsage when the access is kRead.
+// Threads: as Session.
+// Errors:  besides the base's, writes throw Failure: kExitNoServer when another command holds the lock for too long;
+//          kExitNotApplied when the file is no plain one, or is a daemon's, which would not see the change and undo it;
+//          kExitUsage when the access is kRead.
 class LocalSession : public Session {
  public:
   enum class Access {

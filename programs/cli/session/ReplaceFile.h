@@ -22,8 +22,9 @@ void ReplaceFile(const std::string& path, const std::string& text);
 // Keeps other commands from changing files in the same directory as "path" until it is destroyed. A directory that
 // does not exist is not locked; what is to be done there fails with a better reason.
 //
-// Errors: the constructor throws Failure: kExitNoServer when another command holds the lock for longer than "patience",
-//         kExitNotApplied when there can be no lock.
+// Threads: one.
+// Errors:  the constructor throws Failure: kExitNoServer when another command holds the lock for longer than
+//          "patience", kExitNotApplied when there can be no lock.
 class FileLock {
  public:
   FileLock(const std::string& path, std::chrono::milliseconds patience);

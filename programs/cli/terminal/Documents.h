@@ -14,6 +14,8 @@ void PrintIni(Console& console, const core::IniFile& settings);
 
 // Prints a document that comes in parts, in ascending order, as PrintAs prints it whole. What the first part
 // holds is out at once: somebody may be waiting for it.
+//
+// Threads: one.
 class DocumentPrinter {
  public:
   // console: outlives this. isSpaced: with an empty line between groups of settings text.

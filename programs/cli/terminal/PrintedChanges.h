@@ -10,6 +10,8 @@
 namespace tavix::programs::cli {
 
 // Prints changes one by one: lines with '-' for what goes and '+' for what comes; with kJson, an array of objects.
+//
+// Threads: one.
 class ChangePrinter {
  public:
   // console: outlives this.

@@ -10,6 +10,8 @@ namespace tavix::programs {
 
 // A session with the daemon, over one connection. Requests keep their order, so that what is read after a write holds
 // it.
+//
+// Threads: as Session.
 class DaemonSession : public Session {
  public:
   // Takes a line of the protocol as it is shown to a person; '>' is sent, '<' is received.

@@ -21,7 +21,7 @@ enum ExitCode : int {
 };
 
 // Ends a command: the program prints "tavix-settings: " and the text, then the hint on a line of its own, to standard
-// error, and exits with the code. An empty text prints nothing.
+// error, and exits with the code. An empty text prints nothing. A plain value.
 class Failure : public std::runtime_error {
  public:
   Failure(ExitCode code, const std::string& text, std::string hint = std::string())

@@ -24,6 +24,8 @@ nlohmann::json ToJson(const core::IniFile& settings);
 std::string Pretty(const nlohmann::json& document);
 
 // A document that comes in parts: the texts, one behind the other, are what Pretty would make of it whole.
+//
+// Threads: one.
 class PrettyParts {
  public:
   // kind: "{}" of an object, "[]" of an array.

@@ -8,6 +8,8 @@
 namespace tavix::programs {
 
 // Tells which layer of the store a setting that readers see comes from.
+//
+// Threads: one, the session's.
 class Layers {
  public:
   // session: outlives this. Reads the user layer.

@@ -7,6 +7,8 @@ namespace tavix::programs {
 
 // Finds the candidate that somebody who wrote "word" is likely to have meant: few typing errors away from it, exchanged
 // neighbours and other case counted as one each. Candidates may come one by one; no more than the best one is kept.
+//
+// Threads: one.
 class SimilarWord {
  public:
   explicit SimilarWord(std::string word);

@@ -36,7 +36,9 @@ struct LayerSize {
   size_t keys = 0;
 };
 
-// A number that many threads change. No thread waits for another, and changes are not announced.
+// A number.
+//
+// Threads: any. None waits for another, and changes are not announced.
 class Counter {
  public:
   void Add(unsigned long long more = 1) { _value.fetch_add(more, std::memory_order_relaxed); }
@@ -48,8 +50,9 @@ class Counter {
   std::atomic<unsigned long long> _value{0};
 };
 
-// What the daemon counts beside its work. Everything may be called from any thread; figures that are read together may
-// stem from slightly different moments. Reasons are kept in the order of their enumerations.
+// What the daemon counts beside its work. Reasons are kept in the order of their enumerations.
+//
+// Threads: any. Figures that are read together may stem from slightly different moments.
 struct Counters {
   const std::time_t startTime = std::time(nullptr);
 

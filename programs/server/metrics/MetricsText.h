@@ -8,6 +8,8 @@
 namespace tavix::daemon {
 
 // Builds figures in Prometheus' text format, version 0.0.4: families, each with its help, its type and its samples.
+//
+// Threads: one.
 class MetricsText {
  public:
   using Label = std::pair<std::string_view, std::string_view>;

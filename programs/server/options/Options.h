@@ -38,7 +38,7 @@ struct Options {
   bool allowRemote = false;
   mode_t unixMode = 0660;
   std::string unixGroup;            // empty: the daemon's own
-  std::vector<uid_t> allowedUsers;  // on unix sockets; empty: whoever the files' permissions let in
+  std::vector<uid_t> allowedUsers;  // on unix sockets; empty: all that the files' permissions let in
 
   LayerSources defaults;
   LayerSources restricted;

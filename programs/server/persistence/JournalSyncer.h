@@ -24,7 +24,8 @@ namespace tavix::daemon {
 // whose state the record leads to. A long record is written without a lock, and the disk gets it piece by piece;
 // changes behind that moment are pending again, and appended behind it when they are few.
 //
-// Holds no lock while the disk works, but the one for names during a rename.
+// Threads: one makes and ends the object. WriteRest comes behind the end of the thread "JournalSync".
+// Locks:   none is held while the disk works, but the one for names during a rename.
 class JournalSyncer {
  public:
   // Calls back with the user layer while nobody can change it.

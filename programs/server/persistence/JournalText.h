@@ -60,6 +60,8 @@ struct RecordLine {
 bool IsBeginOfJournal(std::string_view bytes);
 
 // Walks through a journal until its end, or the first record that is torn, damaged or out of order.
+//
+// Threads: one.
 class JournalReader {
  public:
   // bytes: outlive the reader.

@@ -20,6 +20,8 @@ namespace tavix::daemon {
 // parts that writers do not wait for. From TakeOver on no change goes to any journal; once the next one has got those
 // before, it becomes the current one, and JournalSyncer writes those since. A failure is reported to the layer,
 // which asks for another snapshot later.
+//
+// Threads: one makes and ends the object. Write is called on the thread "Snapshot", or behind its end.
 class SnapshotWriter {
  public:
   // Calls back with the user layer while nobody can change it.

@@ -8,6 +8,7 @@
 namespace tavix::daemon {
 
 // Why a start must end before it touches the user settings: what it would do without them could not be undone.
+// A plain value.
 class UserSettingsRefused : public osa::Exception {
  public:
   enum class Reason {

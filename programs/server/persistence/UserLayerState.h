@@ -33,7 +33,9 @@ namespace tavix::daemon {
 //     kJournalling --append or sync failed---> kFailed
 //     kSnapshotting -append or sync failed---> kSnapshotting; a snapshot that fails as well then leads to kFailed
 //
-// Without files, threads, clocks and locks: one caller at a time, who knows what time it is.
+// Without files, threads, clocks and locks: the caller knows what time it is.
+//
+// Threads: one at a time.
 class UserLayerState {
  public:
   using Clock = std::chrono::steady_clock;

@@ -50,7 +50,7 @@ class SettingsSources : public ILayerSources, public settings::server::IRestrict
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadRestrictedSettings(settings::server::SettingsCombiner& combiner) override;
 
-  // The user settings that are about to be loaded, by whoever keeps them.
+  // The user settings that are about to be loaded, by the persister.
   void OnUserSettingsFound(const FoundUserSettings& found) override;
 
   // The user settings as they are, for a store that does not keep them; nothing is touched. None when there is no path

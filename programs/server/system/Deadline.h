@@ -10,7 +10,9 @@
 
 namespace tavix::daemon {
 
-// Calls back on a thread of its own when the object lives longer than that.
+// Calls back when the object lives longer than that.
+//
+// Threads: one makes and destroys it; the call comes on the thread "Deadline".
 class Deadline {
  public:
   Deadline(std::chrono::milliseconds limit, std::function<void()> onPassed);

@@ -9,6 +9,8 @@ namespace tavix::daemon {
 
 // Keeps other daemons off something that has a path, by a lock on PATH.lock beside it. What stands at PATH may be
 // replaced meanwhile. The lock ends with the process, however that ends; the destructor takes the lock's file away.
+//
+// Threads: one at a time.
 class FileLock {
  public:
   // Another process has the lock.

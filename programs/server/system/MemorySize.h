@@ -7,6 +7,7 @@ namespace tavix::daemon {
 
 // How much memory this process may use, in bytes: the machine's memory, or the limit of one of its control groups
 // (memory.max of version 2, memory.limit_in_bytes of version 1; its own group and those above it), whichever is less.
+// A plain value.
 //
 // Errors: a file that can't be read, or holds no number, limits nothing.
 class MemorySize {

@@ -8,6 +8,8 @@ namespace tavix::daemon {
 
 // The signals that the daemon answers, as a descriptor that becomes readable: SIGTERM and SIGINT to end it, SIGHUP and
 // SIGUSR1 to tell it something.
+//
+// Threads: one. Block comes first, before there are others.
 class Signals {
  public:
   // Holds the signals back from now on, for this thread and those that it creates; one that comes early is not lost.

@@ -13,8 +13,10 @@ namespace tavix::settings {
 struct Amendment;
 }
 
-// The commands, one for each operation of a remote client; whoever makes one fills its members. docs/protocol.md shows
+// The commands, one for each operation of a remote client; the caller fills their members. docs/protocol.md shows
 // their requests and replies.
+//
+// Threads: as RemoteCommand.
 namespace tavix::settings::client {
 
 // Reply: the groups are merged into *_result. A reply that can't be parsed throws, is read to its end all the same, and

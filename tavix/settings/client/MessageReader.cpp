@@ -44,8 +44,8 @@ void MessageReader::HandleNotice() {
     stl::DelimitedIstream payload(&_in, protocol::kTerminator);
     settings.LoadFromStream(payload, "change notice");
   }
-  // A notice that was cut off may lack groups or keys. The next connection brings no other one: whoever needs to know
-  // what was missed reads again when it is connected.
+  // A notice that was cut off may lack groups or keys. The next connection brings no other one: users that
+  // need to know what was missed read again when it is connected.
   if (_in.good()) _targets.dispatcher.OnChange(groups, settings);
 }
 

@@ -7,7 +7,7 @@
 
 namespace tavix::settings::client {
 
-// The error of ProtocolClient. Its text says what failed, with which server and why.
+// The error of ProtocolClient. Its text says what failed, with which server and why. A plain value.
 class TAVIX_EXPORT ProtocolException : public osa::Exception {
  public:
   enum class Reason {

@@ -8,8 +8,10 @@ namespace tavix::settings::client {
 
 // One operation on its way over a connection: writes the request, and reads what follows the first line of the reply.
 //
-// Owns: the keyword, and _keepAlive. What the derived classes point to is the caller's and is used while the request is
-//       written; what a reply is read into stays valid as long as the command.
+// Threads: one at a time: the caller writes the request; the caller, or the worker of a MultiThreaded client, reads the
+//          reply.
+// Owns:    the keyword, and _keepAlive. What the derived classes point to is the caller's and is used while the request
+//          is written; what a reply is read into stays valid as long as the command.
 class RemoteCommand {
  public:
   virtual ~RemoteCommand() = default;

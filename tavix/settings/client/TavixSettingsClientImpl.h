@@ -19,6 +19,8 @@ class Logger;
 namespace tavix::settings::client {
 
 // What a settings client can do, whichever way it reaches the store. TavixSettingsClient.h states each operation.
+//
+// Threads: any.
 class TavixSettingsClientImpl {
  public:
   virtual ~TavixSettingsClientImpl() = default;

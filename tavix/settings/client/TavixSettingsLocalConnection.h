@@ -15,6 +15,8 @@ namespace tavix::settings::client {
 
 // A settings server of its own inside the process: an empty store that is never saved, and a handler on the thread
 // "LocalConnection", reached over two pipes. Once the handler has ended, the connection can't be made again.
+//
+// Threads: as TavixSettingsConnection; Run is the handler's own.
 class TavixSettingsLocalConnection : public TavixSettingsConnection, public osa::Runnable {
  public:
   // Starts the handler's thread.

@@ -27,6 +27,8 @@ namespace tavix::settings::client {
 // of a call have failed, and again when the reason has changed; the lines of each attempt stay as they are. A
 // TAVIX_SETTINGS_SERVER that can't be an address is logged once at error for each value: no waiting helps against that.
 // A forked process logs what it finds itself.
+//
+// Threads: as TavixSettingsConnection; LimitWrites any, too.
 class TavixSettingsTcpConnection : public TavixSettingsConnection {
  public:
   // Does not connect.

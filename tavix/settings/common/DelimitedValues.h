@@ -26,6 +26,8 @@ void readDelimitedValues(core::ViewIstream* in, OutputIterator out) {
 }
 
 // Adds each string assigned to it to a matcher, as name or pattern.
+//
+// Threads: one.
 class GroupNameMatcherInsertIterator {
  public:
   using iterator_category = std::output_iterator_tag;

@@ -14,8 +14,7 @@ namespace tavix::settings::common {
 // pattern if and only if it holds a '*'. A plain value.
 //
 // Cost: names are looked up; patterns are tried on the groups that share their text before the first '*' only, and
-// where
-//       many share it, through an index.
+//       where many share it, through an index.
 class TAVIX_EXPORT GroupNameMatcher {
  public:
   void AddNameOrPattern(const std::string& s);

@@ -14,6 +14,8 @@ namespace tavix::settings::server {
 // The groups of a store's document that a matcher means, without restricted groups of what readers see, found before
 // the write lock is taken, in parts under the read lock. Only what changed in between is matched under the write lock.
 // A few names are looked up under it at once.
+//
+// Threads: one, which makes the change.
 class EarlyMatches {
  public:
   // matcher: outlives the object.

@@ -7,7 +7,9 @@
 #include "tavix/core/IniFile.h"
 
 // What the lists and payloads of requests may hold. A request that holds more throws osa::Exception, which ends its
-// connection. Each object belongs to the thread that reads the request.
+// connection.
+//
+// Threads: one, which reads the request.
 namespace tavix::settings::server {
 
 // The max size of a list. 0: no limit.
