@@ -5,7 +5,7 @@ from conftest import DEFAULTS, PATIENCE, RESTRICTED
 from peers import FakeServer
 
 import tavix_settings
-from tavix_settings.testing import FakeStore
+from tavix_settings.testing import FakeStore, RealDaemon
 
 QUESTION = b"info features\nget delimited\n.\n"
 REQUEST = (
@@ -57,48 +57,72 @@ def test_a_daemon_with_other_features_does_not_know_it(connect):
         assert server.requests == QUESTION
 
 
-@pytest.fixture
-def fake():
-    return FakeStore(DEFAULTS, RESTRICTED, timeout=PATIENCE)
+@pytest.fixture(params=["fake", "real"])
+def store(request):
+    """Both do the same."""
+    if request.param == "fake":
+        with FakeStore(DEFAULTS, RESTRICTED, timeout=PATIENCE) as fake:
+            yield fake
+        return
+    with RealDaemon(DEFAULTS, RESTRICTED, options=["--durability", "none"]) as daemon:
+        with tavix_settings.connect(daemon.address, timeout=PATIENCE) as real:
+            yield real
 
 
-def test_conditions_that_fail_change_nothing(fake):
-    before = fake.groups("*")
+def test_conditions_that_fail_change_nothing(store):
+    before = store.groups("*")
     for condition in (
         {"present": {"Network/Eth0": {"dhcp": "false"}}},
         {"absent": {"Network/Eth0": ["dhcp"]}},
         {"absent": {"Network/Eth0": []}},
     ):
-        assert not fake.amend(set={"A": {"x": "1"}}, **condition)
-    assert fake.groups("*") == before
-    assert fake.amend(absent={"A": [], "Network/Eth0": ["mtu"]}, set={"A": {"x": "1"}})
+        assert not store.amend(set={"A": {"x": "1"}}, **condition)
+    assert store.groups("*") == before
+    assert store.amend(absent={"A": [], "Network/Eth0": ["mtu"]}, set={"A": {"x": "1"}})
 
 
-def test_unset_shows_defaults_again(fake):
-    fake.set("Network/Eth0", {"dhcp": "false", "mtu": "9000"})
-    assert fake.amend(unset={"Network/Eth0": ["dhcp"]})
-    assert fake.groups("Network/Eth0")["Network/Eth0"] == {"address": "192.168.0.90", "dhcp": "true", "mtu": "9000"}
-    fake.erase("Network/Eth0")
-    assert fake.amend(unset={"Network/Eth0": []})
-    assert fake.groups("Network/Eth0") == {"Network/Eth0": DEFAULTS["Network/Eth0"]}
+def test_unset_shows_defaults_again(store):
+    store.set("Network/Eth0", {"dhcp": "false", "mtu": "9000"})
+    assert store.amend(unset={"Network/Eth0": ["dhcp"]})
+    assert store.groups("Network/Eth0")["Network/Eth0"] == {"address": "192.168.0.90", "dhcp": "true", "mtu": "9000"}
+    store.erase("Network/Eth0")
+    assert store.amend(unset={"Network/Eth0": []})
+    assert store.groups("Network/Eth0") == {"Network/Eth0": DEFAULTS["Network/Eth0"]}
 
 
-def test_unset_of_a_group_that_a_recorded_pattern_hides_fails_unless_the_pattern_is_named(fake):
-    fake.erase("Network/*")
-    assert not fake.amend(unset={"Network/Eth0": []})
-    assert fake.amend(unset={"Network/Eth0": [], "Network/*": []})
-    assert fake.groups("Network/*").keys() == {"Network/Eth0", "Network/Wlan0"}
+def test_unset_of_a_group_that_a_recorded_pattern_hides_fails_unless_the_pattern_is_named(store):
+    store.erase("Network/*")
+    assert not store.amend(unset={"Network/Eth0": []})
+    assert store.amend(unset={"Network/Eth0": [], "Network/*": []})
+    assert store.groups("Network/*").keys() == {"Network/Eth0", "Network/Wlan0"}
 
 
-def test_replace_leaves_exactly_what_stands_there(fake):
-    assert fake.amend(replace={"Network/Eth0": {"mtu": "1"}, "Network/Wlan0": {}, "Secure/Wlan0": {"x": "1"}})
-    assert fake.groups(["Network/*", "Secure/*"]) == {"Network/Eth0": {"mtu": "1"}, **RESTRICTED}
+def test_replace_leaves_exactly_what_stands_there(store):
+    assert store.amend(replace={"Network/Eth0": {"mtu": "1"}, "Network/Wlan0": {}, "Secure/Wlan0": {"x": "1"}})
+    assert store.groups(["Network/*", "Secure/*"]) == {"Network/Eth0": {"mtu": "1"}, **RESTRICTED}
 
 
-def test_a_key_in_two_places_fails(fake):
+def test_a_key_in_two_places_fails(store):
     for parts in (
         {"set": {"A": {"x": "1"}}, "unset": {"A": ["x"]}},
         {"set": {"A": {"x": "1"}}, "replace": {"A": {}}},
         {"unset": {"A": ["x"]}, "replace": {"A": {}}},
     ):
-        assert not fake.amend(**parts)
+        assert not store.amend(**parts)
+
+
+def test_a_group_without_keys_that_is_to_be_present_asks_for_nothing(store):
+    assert store.amend(present={"Network/Gone": {}}, set={"A": {"x": "1"}})
+
+
+def test_a_pattern_is_never_replaced(store):
+    before = store.groups("*")
+    assert not store.amend(replace={"Network/*": {}})
+    assert store.groups("*") == before
+
+
+def test_one_condition_of_many_that_fails_changes_nothing_of_anything(store):
+    before = store.groups("*")
+    parts = {"set": {"A": {"x": "1"}}, "unset": {"Network/Wlan0": []}, "replace": {"Network/Eth0": {"mtu": "1"}}}
+    assert not store.amend(present={"Network/Eth0": {"dhcp": "true"}}, absent={"Network/Eth0": ["address"]}, **parts)
+    assert store.groups("*") == before

@@ -69,7 +69,7 @@ class Layers:
     def amend(
         self, present: RawDocument, absent: RawDocument, set: RawDocument, unset: RawDocument, replace: RawDocument
     ) -> bool:
-        if not self.holds(present, absent) or _overlap(set, unset, replace) or not self._can_unset(unset):
+        if not self.holds(present, absent) or _is_contradiction(set, unset, replace) or not self._can_unset(unset):
             return False
         for name, keys in _unrestricted(replace).items():
             self.remove([name])
@@ -89,7 +89,7 @@ class Layers:
     def holds(self, present: RawDocument, absent: RawDocument) -> bool:
         seen = self.effective()
         for name, keys in present.items():
-            if name not in seen or any(seen[name].get(key) != value for key, value in keys.items()):
+            if any(seen.get(name, {}).get(key) != value for key, value in keys.items()):
                 return False
         return not any(name in seen and (not keys or keys.keys() & seen[name].keys()) for name, keys in absent.items())
 
@@ -266,11 +266,11 @@ def _unrestricted(document: RawDocument) -> RawDocument:
     return {name: keys for name, keys in document.items() if not is_restricted(name)}
 
 
-def _overlap(set: RawDocument, unset: RawDocument, replace: RawDocument) -> bool:
+def _is_contradiction(set: RawDocument, unset: RawDocument, replace: RawDocument) -> bool:
     for name, keys in unset.items():
         if name in set and (not keys or keys.keys() & set[name].keys()):
             return True
-    return any(name in set or name in unset for name in replace)
+    return any(name in set or name in unset or b"*" in name for name in replace)
 
 
 def _result(is_done: bool) -> bytes:
