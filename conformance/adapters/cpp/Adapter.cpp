@@ -35,6 +35,8 @@ const char* ToCode(ProtocolException::Reason reason) {
       return "PARSE";
     case ProtocolException::Reason::kNoResources:
       return "BUSY";
+    case ProtocolException::Reason::kTooOld:
+      return "UNSUPPORTED";
     default:
       return "LOST";
   }
@@ -61,6 +63,22 @@ Store::Groups NamesFromJson(const json& names) {
 
 IniFile DocumentFromJson(const json& request, const char* part) {
   return programs::FromJson(request.at(part).dump(), "request");
+}
+
+// A part of an amendment that may be missing.
+IniFile PartFromJson(const json& request, const char* part) {
+  return request.contains(part) ? DocumentFromJson(request, part) : IniFile();
+}
+
+// The same, of groups with lists of keys.
+IniFile KeysFromJson(const json& request, const char* part) {
+  IniFile document;
+  const json groups = request.value(part, json::object());
+  for (const auto& [group, keys] : groups.items()) {
+    IniFile::KeyMap& made = document[NameFromJson(group)];
+    for (const json& key : keys) made[NameFromJson(key)] = "";
+  }
+  return document;
 }
 
 class Adapter {
@@ -134,6 +152,7 @@ class Adapter {
   json GetFeatures() const {
     json features = {"get", "merge", "test-and-merge", "overwrite", "restore", "flush", "nopersist"};
     if (_mode != "single") features.insert(features.end(), {"watch", "unwatch", "initial", "resync", "once"});
+    if (_mode == "protocol") features.push_back("amend");
     if (_mode == "protocol" || _mode == "c") features.insert(features.end(), {"timeout", "bounded"});
     return features;
   }
@@ -172,6 +191,16 @@ class Adapter {
     return json::object();
   }
 
+  json Amend(const json& request) {
+    settings::Amendment amendment;
+    amendment.present = PartFromJson(request, "present");
+    amendment.absent = KeysFromJson(request, "absent");
+    amendment.set = PartFromJson(request, "set");
+    amendment.unset = KeysFromJson(request, "unset");
+    amendment.replace = PartFromJson(request, "replace");
+    return {{"done", _store->Amend(amendment)}};
+  }
+
   json Restore(const json& request) {
     _store->Restore(NamesFromJson(request.at("names")));
     return json::object();
@@ -205,6 +234,7 @@ class Adapter {
         {"restore", Do<&Adapter::Restore>}, {"test-and-merge", Do<&Adapter::TestAndMerge>},
         {"flush", Do<&Adapter::Flush>},     {"overwrite", Do<&Adapter::Overwrite>},
         {"watch", Do<&Adapter::Watch>},     {"unwatch", Do<&Adapter::Unwatch>},
+        {"amend", Do<&Adapter::Amend>},
     };
     return calls;
   }

@@ -45,6 +45,12 @@ class ProtocolStore : public Store {
     return isDone;
   }
 
+  bool Amend(const settings::Amendment& amendment) override {
+    const bool isDone = GetClient().Amend(amendment);
+    _isUnproven = false;
+    return isDone;
+  }
+
   void Overwrite(const Groups& names, const IniFile& change) override {
     GetClient().Overwrite(names, change);
     _isUnproven = true;

@@ -10,6 +10,7 @@
 
 #include "conformance/adapters/cpp/EventWriter.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/Amendment.h"
 
 namespace tavix::conformance {
 
@@ -41,6 +42,7 @@ class Store {
   virtual void Overwrite(const Groups& names, const core::IniFile& change) = 0;
   virtual void Restore(const Groups& names) = 0;
   virtual void Flush() = 0;
+  virtual bool Amend(const settings::Amendment&) { throw StoreError("UNSUPPORTED", "this way has no amend"); }
 
   // Begins a watch of that number; its changes go to the writer.
   virtual void Watch(int number, const Groups& names, bool isInitial) = 0;
