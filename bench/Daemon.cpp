@@ -41,7 +41,7 @@ int PortOf(const std::string& line) {
 
 }  // namespace
 
-Program::Program(std::vector<std::string> command, int core) {
+Program::Program(std::vector<std::string> command, int core, const Environment& environment) {
   auto [outputReader, outputWriter] = MakePipe();
   auto [inputReader, inputWriter] = MakePipe();
   const int input = inputReader.Get();
@@ -50,14 +50,16 @@ Program::Program(std::vector<std::string> command, int core) {
     if (core != kAnyCore) PinToCore(core);
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
+    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
     Execute(command);
   });
   _output = std::move(outputReader);
   _input = std::move(inputWriter);
 }
 
-Daemon::Daemon(const std::string& server, const std::vector<std::string>& options, int core)
-    : _program(CommandFor(server, options), core), _port(PortOf(_program.ReadLine())) {}
+Daemon::Daemon(const std::string& server, const std::vector<std::string>& options, int core,
+               const Environment& environment)
+    : _program(CommandFor(server, options), core, environment), _port(PortOf(_program.ReadLine())) {}
 
 osa::Descriptor Daemon::Connect() const {
   return ConnectToLoopback(_port);

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench/DescriptorIo.h"
@@ -10,11 +11,13 @@
 
 namespace tavix::bench {
 
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
 // A program that runs until this object ends.
 class Program {
  public:
-  // command: path and arguments. core: the only one that it may use.
-  Program(std::vector<std::string> command, int core);
+  // command: path and arguments. core: the only one that it may use. environment: variables and their values.
+  Program(std::vector<std::string> command, int core, const Environment& environment = {});
 
   pid_t GetId() const { return _process->GetId(); }
 
@@ -31,7 +34,8 @@ class Program {
 class Daemon {
  public:
   // options: beside the address. Returns once it listens.
-  Daemon(const std::string& server, const std::vector<std::string>& options, int core = kAnyCore);
+  Daemon(const std::string& server, const std::vector<std::string>& options, int core = kAnyCore,
+         const Environment& environment = {});
 
   pid_t GetId() const { return _program.GetId(); }
   int GetPort() const { return _port; }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -70,9 +71,11 @@ class AppendedFile {
 // A daemon with a user layer.
 class DurableDaemon {
  public:
-  DurableDaemon(const Recorder& recorder, const Layer& layer, const char* durability = "always")
+  DurableDaemon(const Recorder& recorder, const Layer& layer, const char* durability = "always",
+                const Environment& environment = {})
       : _path(WriteSettingsFile(MakeDirectory(recorder), "user.ini", GroupsInBytes(layer.bytes, kKeysOfGroup))),
-        _daemon(recorder.GetSetup().server, {"--user-settings", _path, "--durability", durability}) {
+        _daemon(recorder.GetSetup().server, {"--user-settings", _path, "--durability", durability}, kAnyCore,
+                environment) {
     // The first change of a file that the daemon did not write makes a snapshot of its own.
     TimedExchange(_daemon.Connect(), ChangeExchange("merge", kGroup, 0));
   }
@@ -122,6 +125,43 @@ void MeasureThroughput(Recorder& recorder, int count, const char* variant, const
   const double perSecond = MeasureClosedLoop(
       connections, MakeMergeScripts(count, GroupsInBytes(kLayers[0].bytes, kKeysOfGroup)), recorder.Choose(0.1, 0.3));
   recorder.Add({ThroughputItem(count), kOurs, variant}, kOperationsPerSecond, perSecond);
+}
+
+// Two changes in a row, and a get.
+Exchange PairExchange(int group, int version) {
+  Exchange pair = ChangeExchange("merge", group, version + 1);
+  pair.request.insert(0, NoticeExchange(group, version).request);
+  return pair;
+}
+
+// A disk that takes long to sync, as flash does.
+struct SlowDisk {
+  int connections;
+  int milliseconds;
+};
+
+constexpr SlowDisk kSlowDisks[] = {{1, 2}, {10, 2}, {30, 2}, {10, 5}};
+
+FigureName SlowName(const char* peer, const SlowDisk& disk, const char* what) {
+  return {ThroughputItem(disk.connections), peer, std::to_string(disk.milliseconds) + " ms a sync, " + what};
+}
+
+// The floor: every connection has its changes in every sync.
+void MeasureOnSlowDisk(Recorder& recorder, const SlowDisk& disk) {
+  const Environment environment{{"LD_PRELOAD", recorder.GetSetup().slowDisk},
+                                {"TAVIX_BENCH_SYNC_MICROSECONDS", std::to_string(1000 * disk.milliseconds)}};
+  const DurableDaemon daemon(recorder, kLayers[0], "always", environment);
+  const int groups = GroupsInBytes(kLayers[0].bytes, kKeysOfGroup);
+  std::vector<osa::Descriptor> connections;
+  std::vector<Script> scripts;
+  for (int i = 0; i < disk.connections; ++i) {
+    connections.push_back(daemon.Connect());
+    scripts.push_back({PairExchange(i % groups, 4 * i), PairExchange(i % groups, 4 * i + 2)});
+  }
+  const double perSecond = MeasureClosedLoop(connections, scripts, recorder.Choose(0.1, 0.3));
+  recorder.Add(SlowName(kOurs, disk, "two changes"), kOperationsPerSecond, perSecond);
+  const double sync = Timed([&] { std::this_thread::sleep_for(std::chrono::milliseconds(disk.milliseconds)); });
+  recorder.Add(SlowName(kFloor, disk, "all in each sync"), kOperationsPerSecond, disk.connections * 1e6 / sync);
 }
 
 // Changes a group all the time, one change after the other.
@@ -218,6 +258,10 @@ void AddDurableBenches(Suite& suite) {
       MeasureThroughput(recorder, connections, "durable", "always");
       MeasureThroughput(recorder, connections, "deferred", "250ms");
     });
+  }
+  for (const SlowDisk& disk : kSlowDisks) {
+    suite.Add({ThroughputItem(disk.connections)}, [=](Recorder& recorder) { MeasureOnSlowDisk(recorder, disk); });
+    suite.Compare(SlowName(kOurs, disk, "two changes"), SlowName(kFloor, disk, "all in each sync"));
   }
   suite.Add({kGetUnderMerge}, MeasureGetUnderMerge);
   suite.Compare({kGetUnderMerge, kOurs, "beside a writer"}, {kGetUnderMerge, kOurs, "alone"});

@@ -105,6 +105,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
   options.setup.server = build + "/programs/server/tavix-settings-server";
   options.setup.command = build + "/programs/cli/tavix-settings";
   options.setup.bareMap = build + "/bench/tavix-bench-bare-map";
+  options.setup.slowDisk = build + "/bench/tavix-bench-slow-disk.so";
   return -1;
 }
 

@@ -16,6 +16,7 @@ struct Setup {
   std::string server;     // the daemon's program
   std::string command;    // the command's program
   std::string bareMap;    // the program that loads a file into a bare map
+  std::string slowDisk;   // what makes a daemon's syncs slow, to be loaded first
 };
 
 // What a bench reports its figures to.
