@@ -164,15 +164,12 @@ TEST_F(NullArgumentOfAClient, OfAChangeIsWrongUsage) {
 
 TEST_F(NullArgumentOfAClient, OfAWatchIsWrongUsage) {
   const std::string& address = _daemon.GetAddress();
-  const auto end = [](int32_t code, tavix_watch* made) {
-    tavix_watch_close(made);
-    return code;
-  };
   ExpectUsage("watch_open", [&](OneNull& n) {
     tavix_watch* made = nullptr;
-    return end(tavix_watch_open(n.Or(address.data()), address.size(), n.Or(_names), n.Or(_sizes), 1, 0, kPatient,
-                                n.Or(&made), nullptr),
-               made);
+    const int32_t code = tavix_watch_open(n.Or(address.data()), address.size(), n.Or(_names), n.Or(_sizes), 1, 0,
+                                          kPatient, n.Or(&made), nullptr);
+    tavix_watch_close(made);
+    return code;
   });
   tavix_watch* watch = nullptr;
   ExpectUsage("watch_open_z", [&](OneNull& n) {
