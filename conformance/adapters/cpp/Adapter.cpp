@@ -152,8 +152,7 @@ class Adapter {
   json GetFeatures() const {
     json features = {"get", "merge", "test-and-merge", "overwrite", "restore", "flush", "nopersist"};
     if (_mode != "single") features.insert(features.end(), {"watch", "unwatch", "initial", "resync", "once"});
-    if (_mode == "protocol") features.push_back("amend");
-    if (_mode == "protocol" || _mode == "c") features.insert(features.end(), {"timeout", "bounded"});
+    if (_mode == "protocol" || _mode == "c") features.insert(features.end(), {"amend", "timeout", "bounded"});
     return features;
   }
 

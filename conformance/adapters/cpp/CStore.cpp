@@ -111,6 +111,15 @@ class CStore : public Store {
     return code == TAVIX_OK;
   }
 
+  bool Amend(const settings::Amendment& amendment) override {
+    tavix_error error{};
+    const int32_t code = tavix_amend(_client.get(), ToHandle(amendment.present).get(), ToHandle(amendment.absent).get(),
+                                     ToHandle(amendment.set).get(), ToHandle(amendment.unset).get(),
+                                     ToHandle(amendment.replace).get(), &error);
+    if (code != TAVIX_CONDITION) Require(code, error);
+    return code == TAVIX_OK;
+  }
+
   void Overwrite(const Groups& names, const IniFile& change) override {
     const NameList list(names);
     tavix_error error{};
