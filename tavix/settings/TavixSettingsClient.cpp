@@ -157,6 +157,10 @@ bool TavixSettingsClient::TestAndMerge(const IniFile& test, const IniFile& merge
   return Get("TestAndMerge").TestAndMerge(test, merge);
 }
 
+bool TavixSettingsClient::Amend(const Amendment& amendment) {
+  return Get("Amend").Amend(amendment);
+}
+
 TavixSettingsClient::Outcome TavixSettingsClient::Apply(const IniFile& settings) {
   return Apply(IniFile(), settings);
 }

@@ -7,6 +7,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Export.h"
+#include "tavix/settings/Amendment.h"
 #include "tavix/settings/IChangeCallback.h"
 #include "tavix/settings/SettingLocator.h"
 #include "tavix/settings/client/IConnectionObserver.h"
@@ -106,6 +107,11 @@ class TAVIX_EXPORT TavixSettingsClient {
 
   // Merges "merge" if the store holds every value of "test", as one step. Returns whether it did.
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge);
+
+  // Sets, unsets and replaces as one step, if values are what is expected and keys are not set. Returns whether it did.
+  // Throws when the server is older than this request: nothing of it was sent then. Each connection is asked once.
+  // SingleThreaded: a request whose answer was lost is made again, so that its conditions may fail by itself.
+  bool Amend(const Amendment& amendment);
 
   // Merges "settings" as one step, altogether or not at all, and returns what became of it. It waits for the store's
   // answer, and a server that keeps changes gives that once the disk has them. The second form is made only if the

@@ -63,7 +63,8 @@ void TestAndMergeCommand::SendRequest(std::ostream& os) {
 }
 
 bool TestAndMergeCommand::HandleResponse(std::istream& is) {
-  return _success = ReadOutcome(is);
+  if (ReadOutcome(is)) _success = true;
+  return _success;
 }
 
 std::array<const core::IniFile*, 5> PartsOf(const Amendment& amendment) {

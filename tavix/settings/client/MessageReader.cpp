@@ -54,6 +54,7 @@ void MessageReader::HandleReply(const std::string& word) {
   if (!command) return ReportUnexpected();
   const ResponseStatus status = ReadReply(*command, word);
   if (!_in.good()) return _targets.slot.Drop(std::move(command));  // the loss that follows fails the caller
+  if (status.received && command->AwaitsMore()) return _targets.slot.PutBack(std::move(command));
   if (!status.received) ExpectRest(word);
   _targets.slot.Finish(std::move(command), status);
 }
@@ -71,7 +72,7 @@ std::unique_ptr<RemoteCommand> MessageReader::TakeCommand() {
 // its outcome is false.
 ResponseStatus MessageReader::ReadReply(RemoteCommand& command, const std::string& word) {
   ResponseStatus status;
-  if (command._responseKeyword != word) return status;
+  if (!command.Accepts(word)) return status;
   status.received = true;
   try {
     status.result = command.HandleResponse(_in);

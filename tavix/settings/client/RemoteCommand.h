@@ -31,6 +31,9 @@ class RemoteCommand {
   // The first word of the reply; empty when there is none.
   std::string _responseKeyword;
 
+  // Whether there are servers that do not know the request: they are asked for their features first.
+  bool _isLater = false;
+
   // What the reply is read into, where the command may outlive the call that made it.
   std::shared_ptr<void> _keepAlive;
 };

@@ -42,6 +42,17 @@ void ReplySlot::Finish(std::unique_ptr<RemoteCommand> command, ResponseStatus st
   Post(status);
 }
 
+// A caller that has left does not await the next part either.
+void ReplySlot::PutBack(std::unique_ptr<RemoteCommand> command) {
+  osa::PlainMutexLock lock(_mutex);
+  if (_state == State::kTaken) {
+    _queued = std::move(command);
+    _state = State::kQueued;
+  } else {
+    _withdrawn.push_front(std::move(command));
+  }
+}
+
 void ReplySlot::Drop(std::unique_ptr<RemoteCommand> command) {
   osa::PlainMutexLock lock(_mutex);
   command.reset();

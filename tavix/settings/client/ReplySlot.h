@@ -26,7 +26,8 @@ struct ResponseStatus {
 //     kTaken    the worker reads its reply
 //
 // A caller queues a command, kQueued, and awaits an outcome. The worker takes the command when its reply comes, kTaken,
-// reads the reply and finishes, kNone: the outcome is posted. A reply that ends too soon is no outcome: the worker
+// reads the reply and finishes, kNone: the outcome is posted. Of a reply in parts it puts the command back between
+// these, kQueued. A reply that ends too soon is no outcome: the worker
 // drops the command, kNone, and then fails the slot, because the connection is lost. That posts a failure whether or
 // not somebody awaits one; a failure that nobody awaited stays for the next caller on purpose.
 //
@@ -60,6 +61,9 @@ class ReplySlot {
   // The worker's, with the command that it took: the reply was read. The command is gone before its caller goes on, so
   // that what the reply was read into is then the caller's alone.
   void Finish(std::unique_ptr<RemoteCommand> command, ResponseStatus status) TAVIX_EXCLUDES(_mutex);
+
+  // The worker's, with the command that it took: a part of the reply was read, and the next is still to come.
+  void PutBack(std::unique_ptr<RemoteCommand> command) TAVIX_EXCLUDES(_mutex);
 
   // The worker's, with the command that it took: the reply ended too soon.
   void Drop(std::unique_ptr<RemoteCommand> command) TAVIX_EXCLUDES(_mutex);

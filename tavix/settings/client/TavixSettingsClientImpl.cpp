@@ -4,6 +4,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/Exception.h"
 
 namespace tavix::settings::client {
 
@@ -19,6 +20,10 @@ bool TavixSettingsClientImpl::FindValue(const std::string& group, const std::str
     value.reset();
   }
   return true;
+}
+
+void TavixSettingsClientImpl::ThrowTooOld(const char* call) {
+  throw osa::Exception("%s can't be called: tavix-settings-server is older than this request", call);
 }
 
 void TavixSettingsClientImpl::BindToProcess() {

@@ -16,6 +16,10 @@ class IniFile;
 class Logger;
 }  // namespace tavix::core
 
+namespace tavix::settings {
+struct Amendment;
+}
+
 namespace tavix::settings::client {
 
 // What a settings client can do, whichever way it reaches the store. TavixSettingsClient.h states each operation.
@@ -36,6 +40,7 @@ class TavixSettingsClientImpl {
 
   virtual void MergeSettings(const core::IniFile& settings, unsigned int flags) = 0;
   virtual bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) = 0;
+  virtual bool Amend(const Amendment& amendment) = 0;
   virtual void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) = 0;
   virtual void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) = 0;
   virtual void RestoreToDefaults(const std::set<std::string>& groups) = 0;
@@ -59,6 +64,9 @@ class TavixSettingsClientImpl {
 
  protected:
   TavixSettingsClientImpl();
+
+  // Throws that the server does not know a request.
+  [[noreturn]] static void ThrowTooOld(const char* call);
 
   // Called by the constructors of clients with threads.
   void BindToProcess();

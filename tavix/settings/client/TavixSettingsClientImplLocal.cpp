@@ -52,6 +52,10 @@ bool TavixSettingsClientImplLocal::TestAndMerge(const IniFile& test, const IniFi
   return _manager.TestAndMerge(test, merge);
 }
 
+bool TavixSettingsClientImplLocal::Amend(const Amendment& amendment) {
+  return _manager.Amend(amendment);
+}
+
 void TavixSettingsClientImplLocal::Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) {
   _dispatcher.AddCallback(cb, groups);
   _manager.Subscribe(this, groups);

@@ -23,6 +23,7 @@ class TavixSettingsClientImplLocal : public TavixSettingsClientImpl, public ICha
   bool FindValue(const std::string& group, const std::string& key, std::optional<std::string>& value) const override;
   void MergeSettings(const core::IniFile& settings, unsigned int flags) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) override;
+  bool Amend(const Amendment& amendment) override;
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;

@@ -132,6 +132,30 @@ bool TavixSettingsClientImplMultiThreaded::TestAndMerge(const IniFile& test, con
   return RunCommand("TestAndMerge", std::move(command));
 }
 
+// What the server can do counts for its connection alone: when another one was made since, that one is asked.
+bool TavixSettingsClientImplMultiThreaded::Amend(const Amendment& amendment) {
+  RequireSendableNames(amendment);
+  _logger->Trace("Amend");
+  RefuseOnWorker("Amend");
+  osa::MutexAutoLock oneAtATime(_commandMutex);
+  while (true) {
+    bool result = false;
+    if (_amendGeneration == 0) {
+      auto question = std::make_unique<FeaturesCommand>();
+      question->_responseKeyword = protocol::kData;
+      unsigned int generation = 0;
+      static_cast<void>(TryExchange("Amend", std::move(question), generation, result));
+      if (!result) ThrowTooOld("Amend");
+      _amendGeneration = generation;
+    }
+    auto command = std::make_unique<AmendCommand>();
+    command->_responseKeyword = protocol::kResult;
+    command->_amendment = &amendment;
+    if (TryExchange("Amend", std::move(command), _amendGeneration, result)) return result;
+    _amendGeneration = 0;
+  }
+}
+
 void TavixSettingsClientImplMultiThreaded::OverwriteSettings(const std::set<std::string>& groups,
                                                              const IniFile& settings) {
   RequireSendableNames(groups);
@@ -207,13 +231,26 @@ bool TavixSettingsClientImplMultiThreaded::RunCommand(const char* name, std::uni
   }
   RefuseOnWorker(name);
   osa::MutexAutoLock oneAtATime(_commandMutex);
+  unsigned int any = 0;
+  bool result = false;
+  static_cast<void>(TryExchange(name, std::move(command), any, result));
+  return result;
+}
+
+// generation: the connection that it has to be, 0 any; gets the one that it was. False: it is another one by now, and
+// nothing was sent.
+bool TavixSettingsClientImplMultiThreaded::TryExchange(const char* name, std::unique_ptr<RemoteCommand> command,
+                                                       unsigned int& generation, bool& result) const {
   {
     SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
+    if (generation != 0 && generation != _generation.load()) return false;
+    generation = _generation.load();
     Send(name, *command);
     _slot.Queue(std::move(command));  // before the right is given back, so that its reply finds it
   }
   const ResponseStatus status = _slot.Await();
-  if (status.received) return status.result;
+  result = status.result;
+  if (status.received) return true;
   _logger->Error("%s failed", name);
   throw osa::Exception("%s failed to communicate with tavix-settings-server", name);
 }

@@ -62,6 +62,7 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const override;
   void MergeSettings(const core::IniFile& settings, unsigned int flags) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) override;
+  bool Amend(const Amendment& amendment) override;
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
@@ -81,6 +82,8 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   // On the caller's thread.
   bool RunCommand(const char* name, std::unique_ptr<RemoteCommand> command) const
       TAVIX_EXCLUDES(_commandMutex, _sendRight);
+  bool TryExchange(const char* name, std::unique_ptr<RemoteCommand> command, unsigned int& generation,
+                   bool& result) const TAVIX_REQUIRES(_commandMutex) TAVIX_EXCLUDES(_sendRight);
   void Send(const char* name, RemoteCommand& command) const TAVIX_REQUIRES(_sendRight);
   void RequireReady(const char* name) const TAVIX_REQUIRES(_sendRight);
   void RefuseOnWorker(const char* name) const;
@@ -107,8 +110,9 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   osa::Semaphore _stopping;     // free once the destructor runs
   osa::Semaphore _workerEnded;  // free once the worker is done
   std::atomic<std::thread::id> _workerId{};
-  std::atomic<unsigned int> _generation{0};  // counts connections
-  osa::Mutex _observerMutex;                 // held while observers are called
+  std::atomic<unsigned int> _generation{0};                           // counts connections
+  unsigned int _amendGeneration TAVIX_GUARDED_BY(_commandMutex) = 0;  // whose server knows amendments; 0: none
+  osa::Mutex _observerMutex;                                          // held while observers are called
   std::set<IConnectionObserver*> _observers TAVIX_GUARDED_BY(_observerMutex);
 };
 

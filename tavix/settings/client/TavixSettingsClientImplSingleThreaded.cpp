@@ -73,6 +73,16 @@ bool TavixSettingsClientImplSingleThreaded::TestAndMerge(const IniFile& test, co
   return command._success;
 }
 
+bool TavixSettingsClientImplSingleThreaded::Amend(const Amendment& amendment) {
+  RequireSendableNames(amendment);
+  AmendCommand command;
+  command._responseKeyword = protocol::kResult;
+  command._isLater = true;
+  command._amendment = &amendment;
+  RunCommand("amend", command);
+  return command._success;
+}
+
 void TavixSettingsClientImplSingleThreaded::Subscribe(IChangeCallback*, const std::set<std::string>&) {
   throw osa::Exception("TavixSettingsClient::Subscribe not supported in single threaded mode");
 }
@@ -100,9 +110,15 @@ Keeping TavixSettingsClientImplSingleThreaded::AskForKeeping() const {
 
 void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteCommand& command) const {
   osa::MutexAutoLock lock(_mutex);
+  bool isTooOld = false;
   for (int tries = kTries; tries > 0; --tries) {
     try {
-      if (TryExchange(command)) return;
+      _pConnection->EnsureConnection(kConnectAttempts);
+      if (!command._isLater || TryAsk()) {
+        isTooOld = command._isLater && !_canAmend;
+        if (isTooOld) break;
+        if (TryExchange(command)) return;
+      }
     } catch (const osa::Exception& exception) {
       _logger->Error("%s", exception.what());
     } catch (...) {
@@ -111,7 +127,19 @@ void TavixSettingsClientImplSingleThreaded::RunCommand(const char*, RemoteComman
     }
     CloseConnection();
   }
+  if (isTooOld) ThrowTooOld("Amend");
   throw osa::Exception("Failed to connect to tavix-settings-server");  // the log has the reason
+}
+
+// Whether it is known what the server of this connection can do.
+bool TavixSettingsClientImplSingleThreaded::TryAsk() const {
+  if (_askedNumber == _pConnection->GetNumber()) return true;
+  FeaturesCommand command;
+  command._responseKeyword = protocol::kData;
+  if (!TryExchange(command)) return false;
+  _askedNumber = _pConnection->GetNumber();
+  _canAmend = command._success;
+  return true;
 }
 
 // After a failed exchange the rest of a reply may still be on its way: it must not meet the next request.
@@ -122,16 +150,16 @@ void TavixSettingsClientImplSingleThreaded::CloseConnection() const {
 
 // False when the connection failed on the way, a reply that was cut off included.
 bool TavixSettingsClientImplSingleThreaded::TryExchange(RemoteCommand& command) const {
-  _pConnection->EnsureConnection(kConnectAttempts);
   std::istream& in = *_pConnection->GetIstream();
   std::ostream& out = *_pConnection->GetOstream();
   command.SendRequest(out);
   if (out.fail() || in.fail()) return false;
   if (command._responseKeyword.empty()) return true;
   for (std::string line; std::getline(in, line);) {
-    if (FirstWord(line) != command._responseKeyword) continue;
+    if (!command.Accepts(FirstWord(line))) continue;
     command.HandleResponse(in);
-    return in.good();
+    if (!in.good()) return false;
+    if (!command.AwaitsMore()) return true;
   }
   return false;
 }

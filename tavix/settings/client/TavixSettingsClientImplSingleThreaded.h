@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "tavix/osa/Mutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -28,6 +29,7 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
   bool GetSettings(const std::set<std::string>& groups, core::IniFile& out) const override;
   void MergeSettings(const core::IniFile& settings, unsigned int flags) override;
   bool TestAndMerge(const core::IniFile& test, const core::IniFile& merge) override;
+  bool Amend(const Amendment& amendment) override;
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
@@ -36,11 +38,14 @@ class TavixSettingsClientImplSingleThreaded : public TavixSettingsClientImpl {
  private:
   void RunCommand(const char* name, RemoteCommand& command) const TAVIX_EXCLUDES(_mutex);
   bool TryExchange(RemoteCommand& command) const TAVIX_REQUIRES(_mutex);
+  bool TryAsk() const TAVIX_REQUIRES(_mutex);
   void CloseConnection() const TAVIX_REQUIRES(_mutex);
 
   mutable osa::Mutex _mutex;  // held for a whole call
   const std::unique_ptr<TavixSettingsConnection> _pConnection TAVIX_PT_GUARDED_BY(_mutex);
-  const bool _isInProcess;  // so is the server, which saves nothing
+  const bool _isInProcess;                                                    // so is the server, which saves nothing
+  mutable std::optional<unsigned int> _askedNumber TAVIX_GUARDED_BY(_mutex);  // the connection that gave the answer
+  mutable bool _canAmend TAVIX_GUARDED_BY(_mutex) = false;                    // the answer
 };
 
 }  // namespace tavix::settings::client

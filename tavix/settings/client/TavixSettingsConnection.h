@@ -39,6 +39,9 @@ class TavixSettingsConnection {
   // Shortens what a later write may wait for a peer that does not read, to milliseconds.
   virtual void LimitWrites(unsigned int timeout) noexcept = 0;
 
+  // Counts the connections that were made: another number is another connection, whose server may be another one.
+  unsigned int GetNumber() const { return _number; }
+
   // Why there is no connection: where the last attempt went, why it failed, and for how long attempts have failed.
   // Empty when there is one, or no attempt has failed. Any thread may call.
   virtual std::string DescribeFailure() const { return std::string(); }
@@ -62,6 +65,7 @@ class TavixSettingsConnection {
   // Null when not connected. Atomic, so that a reader that finds them gone against all rules can report it.
   std::atomic<std::istream*> _pIstream{nullptr};
   std::atomic<std::ostream*> _pOstream{nullptr};
+  unsigned int _number = 0;  // the owner's
 };
 
 }  // namespace tavix::settings::client

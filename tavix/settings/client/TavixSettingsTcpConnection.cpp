@@ -82,6 +82,7 @@ void TavixSettingsTcpConnection::Connect() {
   _failure.reset();
   _pIstream = _stream.get();
   _pOstream = &_stream->GetOstream();
+  ++_number;
 }
 
 // The attempts of one outage differ in their reasons at times: the last one counts.

@@ -4,6 +4,7 @@
 #include "tavix/core/MemoryStream.h"
 #include "tavix/core/SettingsText.h"
 #include "tavix/osa/Exception.h"
+#include "tavix/settings/client/Commands.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 
 namespace tavix::settings::client {
@@ -70,6 +71,10 @@ void RequireSendableNames(const core::IniFile& settings) {
     RequireSendableHeader(group);
     for (const auto& [key, value] : keys) RequireSendableKey(group, key, value);
   }
+}
+
+void RequireSendableNames(const Amendment& amendment) {
+  for (const core::IniFile* const part : PartsOf(amendment)) RequireSendableNames(*part);
 }
 
 }  // namespace tavix::settings::client

@@ -6,6 +6,9 @@
 namespace tavix::core {
 class IniFile;
 }
+namespace tavix::settings {
+struct Amendment;
+}
 
 namespace tavix::settings::client {
 
@@ -14,5 +17,6 @@ namespace tavix::settings::client {
 // it. Both throw osa::Exception that shows the name, or group and key.
 void RequireSendableNames(const std::set<std::string>& namesAndPatterns);
 void RequireSendableNames(const core::IniFile& settings);
+void RequireSendableNames(const Amendment& amendment);
 
 }  // namespace tavix::settings::client

@@ -53,6 +53,35 @@ void ExpectGoodCall(ReplySlot& slot) {
   EXPECT_TRUE(status.received && status.result);
 }
 
+TEST(ReplySlot, CommandThatIsPutBackIsTakenAgain) {
+  ReplySlot slot;
+  const RemoteCommand* const queued = QueueOne(slot);
+  slot.PutBack(slot.Take());
+  EXPECT_TRUE(slot.IsQueued());
+  std::unique_ptr<RemoteCommand> taken = slot.Take();
+  EXPECT_EQ(taken.get(), queued);
+  slot.Finish(std::move(taken), kDone);
+  EXPECT_TRUE(slot.Await().received);
+}
+
+// Its caller was failed by an earlier loss, and another one has a command by now.
+TEST(ReplySlot, CommandThatIsPutBackBehindItsCallerComesBeforeLaterOnes) {
+  ReplySlot slot;
+  slot.Fail(true);
+  const RemoteCommand* const left = QueueOne(slot);
+  std::unique_ptr<RemoteCommand> taken = slot.Take();
+  EXPECT_FALSE(slot.Await().received);
+  const RemoteCommand* const later = QueueOne(slot);
+  slot.PutBack(std::move(taken));
+  taken = slot.Take();
+  EXPECT_EQ(taken.get(), left);
+  slot.Finish(std::move(taken), kDone);
+  taken = slot.Take();
+  EXPECT_EQ(taken.get(), later);
+  slot.Finish(std::move(taken), kRefused);
+  EXPECT_TRUE(slot.Await().received);
+}
+
 TEST(ReplySlot, EachCallerGetsTheOutcomeOfItsOwnCommand) {
   ReplySlot slot;
   ExpectGoodCall(slot);
