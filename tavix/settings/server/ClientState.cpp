@@ -26,6 +26,7 @@ void ClientState::AddIdentity(IniFile::KeyMap& lines) const {
 
 bool ClientState::TakeNote(std::string_view text) {
   _reason.clear();
+  _note.clear();
   _isNoteRefused = text.size() > kMaxNoteBytes;
   if (_isNoteRefused) {
     Refuse("bound: a note of " + std::to_string(text.size()) + " bytes is longer than the " +

@@ -30,7 +30,8 @@ class ClientState {
   // Adds what `info whoami` shows.
   void AddIdentity(core::IniFile::KeyMap& lines) const;
 
-  // Keeps a note for the next change, in place of an earlier one. False, with the reason kept instead: it is too long.
+  // Keeps a note for the next change, in place of an earlier one. False: it is too long, and the reason is kept; the
+  // next change has no note, as an earlier one was not meant for it.
   [[nodiscard]] bool TakeNote(std::string_view text);
 
   // A change begins, and uses the note up. The origin is valid as long as "command", and until the next change.

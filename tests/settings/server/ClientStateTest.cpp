@@ -59,12 +59,12 @@ TEST(ClientState, NoteGoesWithTheNextChangeAlone) {
   EXPECT_EQ(state.BeginChange("merge").note, "");
 }
 
-TEST(ClientState, NoteThatIsTooLongLeavesTheEarlierOneAndAReason) {
+TEST(ClientState, NoteThatIsTooLongTakesTheEarlierOneAwayAndLeavesAReason) {
   ClientState state;
   EXPECT_TRUE(state.TakeNote(kLongNote.substr(1)));
   EXPECT_FALSE(state.TakeNote(kLongNote));
   EXPECT_EQ(TakeReasonOf(state), "bound: a note of 257 bytes is longer than the 256 allowed");
-  EXPECT_EQ(state.BeginChange("merge").note, kLongNote.substr(1));
+  EXPECT_EQ(state.BeginChange("merge").note, "");
 }
 
 TEST(ClientState, ReasonIsGivenOnce) {
@@ -97,6 +97,12 @@ TEST(ClientState, ReasonOfARefusedNoteOutlivesTheChangeThatItWasFor) {
   state.BeginChange("merge");
   state.BeginChange("merge");
   EXPECT_EQ(TakeReasonOf(state), "none") << "the second change had no note to lose";
+}
+
+TEST(ClientState, NoteOfTheGreatestLengthIsKept) {
+  ClientState state;
+  EXPECT_TRUE(state.TakeNote(kLongNote.substr(1)));
+  EXPECT_EQ(state.BeginChange("merge").note, kLongNote.substr(1));
 }
 
 TEST(ClientState, ReasonThatIsTooLongIsCut) {
