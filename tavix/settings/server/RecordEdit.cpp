@@ -23,6 +23,7 @@ void RecordEdit::Set(const std::string& key, const std::string& member) {
   const std::string* const own = FindValue(&_members, key);
   _erased.erase(key);
   if (!own || *own != member) _set[key] = member;
+  if (_keysElsewhere && key != member) (*_keysElsewhere)[member].insert(key);
 }
 
 void RecordEdit::Erase(const std::string& key) {
@@ -30,6 +31,7 @@ void RecordEdit::Erase(const std::string& key) {
   if (!before) return;
   _counts.Count(key, *before, -1);
   _touched.insert(*before);
+  if (_keysElsewhere && key != *before) (*_keysElsewhere)[*before].erase(key);
   if (_members.count(key) != 0) _erased.insert(key);
   _set.erase(key);
 }
@@ -38,7 +40,10 @@ void RecordEdit::EraseMember(const std::string& member) {
   const std::string* const own = Find(member);
   if (own && *own == member) Erase(member);
   if (!_record.IsElsewhere(_counts, member)) return;
-  for (const std::string& key : FindKeysOf(member)) Erase(key);
+  if (!_keysElsewhere) IndexKeys();
+  const auto keys = _keysElsewhere->extract(member);
+  if (keys.empty()) return;
+  for (const std::string& key : keys.mapped()) Erase(key);
 }
 
 void RecordEdit::Add(const std::string& member) {
@@ -86,15 +91,15 @@ const std::string* RecordEdit::Find(const std::string& key) const {
   return set || _erased.count(key) != 0 ? set : FindValue(&_members, key);
 }
 
-std::set<std::string> RecordEdit::FindKeysOf(const std::string& member) const {
-  std::set<std::string> keys;
-  for (const Members* members : {&_members, &_set}) {
+void RecordEdit::IndexKeys() {
+  _keysElsewhere.emplace();
+  const Members* const both[] = {&_members, &_set};
+  for (const Members* members : both) {
     for (const auto& setting : *members) {
       const std::string* const now = Find(setting.first);
-      if (now && *now == member) keys.insert(setting.first);
+      if (now && *now != setting.first) (*_keysElsewhere)[*now].insert(setting.first);
     }
   }
-  return keys;
 }
 
 }  // namespace tavix::settings::server

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -13,7 +15,7 @@ class GroupNameMatcher;
 namespace tavix::settings::server {
 
 // A change of the record of deleted groups key by key, for amendments: members also leave it. Costs what the change is
-// long, unless members stand under other keys than their own text.
+// long, and one walk through the record where a member is erased that stands under another key than its own text.
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
@@ -65,7 +67,7 @@ class RecordEdit {
 
  private:
   const std::string* Find(const std::string& key) const;
-  std::set<std::string> FindKeysOf(const std::string& member) const;
+  void IndexKeys();
 
   const DeletedGroupsRecord& _record;
   const Members& _members;
@@ -73,6 +75,9 @@ class RecordEdit {
   Members _set;
   std::set<std::string> _touched;
   DeletedGroupsRecord::Change _counts;
+
+  // Of each member its keys other than its own text; kept from the first EraseMember on that looks for such keys.
+  std::optional<std::map<std::string, std::set<std::string>>> _keysElsewhere;
 };
 
 }  // namespace tavix::settings::server

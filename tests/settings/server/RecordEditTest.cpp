@@ -63,6 +63,32 @@ TEST_F(RecordEditTest, ErasesAMemberUnderAllItsKeys) {
   EXPECT_FALSE(edit.OnlyAdds());
 }
 
+TEST_F(RecordEditTest, ErasesMembersWhoseKeysChangeBetweenTheErasures) {
+  edit.Set("1", "C");
+  edit.EraseMember("B");
+  edit.Set("2", "C");
+  edit.Set("1", "D");
+  edit.Erase("3");
+  edit.Set("by hand", "D");
+  edit.EraseMember("C");
+  EXPECT_THAT(edit.GetSet(), ElementsAre(Pair("1", "D"), Pair("by hand", "D")));
+  edit.EraseMember("D");
+  EXPECT_THAT(edit.GetSet(), IsEmpty());
+  EXPECT_THAT(edit.GetErased(), ElementsAre("by hand"));
+}
+
+// A walk through the record for each of them would take billions of steps.
+TEST(RecordEdit, ErasesManyMembersUnderOtherKeysInOneWalk) {
+  constexpr int kMembers = 100000;
+  IniFile user;
+  for (int i = 0; i < kMembers; ++i) user["Record"][std::to_string(i)] = "A" + std::to_string(i);
+  DeletedGroupsRecord record("Record");
+  record.Read(user);
+  RecordEdit edit(record, user["Record"]);
+  for (int i = 0; i < kMembers; ++i) edit.EraseMember("A" + std::to_string(i));
+  EXPECT_TRUE(edit.IsEmptied());
+}
+
 TEST_F(RecordEditTest, WhatComesBackUnderItsKeyIsNoChange) {
   edit.Erase("A");
   edit.Set("A", "A");
