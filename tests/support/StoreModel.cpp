@@ -274,6 +274,11 @@ StoreModel::Touched StoreModel::FindTouched(const Amendment& amendment, const Gr
   for (const auto& group : UnrestrictedOf(_loadedDefaults)) {
     if (IsDeleted(user, group.first) != IsDeleted(amended, group.first)) touched.whole.insert(group.first);
   }
+  for (const auto& [group, keys] : amendment.unset) {
+    const bool isOfDefaults = UnrestrictedOf(_loadedDefaults).count(group) != 0 && !IsDeleted(amended, group);
+    const bool isOfOthers = amended.count(group) != 0 || restricted.count(group) != 0;
+    if (isOfDefaults && !isOfOthers && all.count(group) == 0) touched.whole.insert(group);
+  }
   touched.keys = amendment.set;
   MergeInto(touched.keys, amendment.unset);
   touched.whole.erase(kRecord);

@@ -50,7 +50,7 @@ void AddKeys(Names& names, const Keys* keys) {
 struct AmendmentPlan::Group {
   const std::string& name;
   const GroupLayers layers;
-  const bool isWhole;
+  bool isWhole;
   const bool isDeleted;
   const Keys* const replace;
   const Keys* const set;
@@ -74,6 +74,11 @@ struct AmendmentPlan::Group {
     if (unset && unset->empty()) return false;
     return layers.user->empty() || std::any_of(layers.user->begin(), layers.user->end(),
                                                [&](const auto& setting) { return FindUser(setting.first) != nullptr; });
+  }
+
+  // Whether readers, who see no such group, will see it for its defaults alone.
+  bool AppearsByDefaults() const {
+    return !layers.all && !isDeleted && !layers.restricted && !HasUser() && layers.HasDefaults();
   }
 
   // What readers see then.
@@ -229,6 +234,7 @@ AmendmentPlan::Group AmendmentPlan::MakeGroup(const StoreDocuments& documents, c
               FindKeys(_replace.Get(), name),
               FindKeys(_set.Get(), name),
               FindKeys(_unset.Get(), name)};
+  group.isWhole |= group.AppearsByDefaults();
   group.seen = layers.all ? static_cast<std::ptrdiff_t>(layers.all->size()) : 0;
   return group;
 }

@@ -22,8 +22,8 @@ namespace tavix::settings::server {
 
 // What an amendment changes in the documents of a store. Each key that it touches is computed anew from all layers, as
 // the next start would do it: restricted settings, then user settings, then the defaults unless the record deletes
-// their group. What it touches are the keys that it names and, of groups that it names as a whole or whose defaults
-// come or go by the record, all. It changes nothing; that is StoreChange's work.
+// their group. What it touches are the keys that it names and, of groups that it names as a whole, whose defaults come
+// or go by the record, or that appear by their defaults alone, all. It changes nothing; that is StoreChange's work.
 //
 // In order: IsSound; MakeEarly, so that a long plan keeps no reader waiting; then, in one hold of the write lock, Make,
 // which has nothing to do unless the store has changed, and what it found.

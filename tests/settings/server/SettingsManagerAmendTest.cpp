@@ -236,6 +236,19 @@ TEST(SettingsManagerAmend, ComputesWhatTheNextStartWouldShow) {
   ExpectAmended(served, Unset("[A]\n"), "[A]\nx=1\ny=1\n");
 }
 
+TEST(SettingsManagerAmend, AGroupThatAppearsByItsDefaultsAloneIsWhole) {
+  for (const char* key : {"nosuch", "x"}) {
+    ServedStore served({"[A]\nx=1\ny=1\n"});
+    served.store.OverwriteSettings("A", {});
+    served.store.RestoreToDefaults(MatcherOf("TavixSettings/*"));
+    ASSERT_EQ(AllSettingsOf(served.store), "");
+    RecordingCallback callback;
+    served.store.Subscribe(&callback, "*");
+    ExpectAmended(served, Unset(std::string("[A]\n") + key + "=\n"), "[A]\nx=1\ny=1\n");
+    EXPECT_THAT(callback.GetChanges(), ElementsAre(Change{{"A"}, "[A]\nx=1\ny=1\n"}));
+  }
+}
+
 TEST(SettingsManagerAmend, TakesBackWhatAMergeIntoTheRecordHides) {
   ServedStore served({"[A]\nx=1\ny=1\n[B]\nx=1\n"});
   served.store.MergeSettings(DocumentOf(kRecord + "1=A\n2=B\n"), 0);
