@@ -167,7 +167,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void WriteGroups(std::ostream& message, const common::GroupNameMatcher& matcher) const;
   std::set<std::string> ReadGroupSet();
   common::GroupNameMatcher ReadGroupMatcher();
-  void CheckPatterns(size_t patterns) const;
+  void CheckPatterns(size_t named, size_t recorded = 0) const;
   std::string TakeSubscriptions(const std::set<std::string>& groups);
   void RefuseSubscription(const std::string& reason);
   bool ReadPayloads(std::initializer_list<core::IniFile*> documents);

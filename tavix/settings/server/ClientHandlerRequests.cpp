@@ -24,6 +24,7 @@
 #include "tavix/settings/server/InfoText.h"
 #include "tavix/settings/server/MessageWriter.h"
 #include "tavix/settings/server/OwnSubscriptions.h"
+#include "tavix/settings/server/RecordedPatterns.h"
 #include "tavix/settings/server/RefusalReasons.h"
 #include "tavix/settings/server/RequestInput.h"
 #include "tavix/settings/server/RequestLists.h"
@@ -176,14 +177,16 @@ void ClientHandler::ReplyResult(bool isMade) {
   });
 }
 
-// A pattern of unset may bring many groups back.
+// A pattern that joins or leaves the record of deleted groups may take many groups away, or bring them back.
 void ClientHandler::Amend(std::string_view) {
   Amendment amendment;
   if (!ReadPayloads({&amendment.present, &amendment.absent, &amendment.set, &amendment.unset, &amendment.replace}))
     return;
-  const std::set<std::string> unset = NamesOf({&amendment.unset});
-  CheckPatterns(static_cast<size_t>(std::count_if(unset.begin(), unset.end(), IsPattern)));
   const std::set<std::string> changed = NamesOf({&amendment.set, &amendment.unset, &amendment.replace});
+  if (_maxWork > 0 && changed.count(SettingsManager::kDeletedGroups) != 0) throw TooLong();
+  const std::set<std::string> unset = NamesOf({&amendment.unset});
+  CheckPatterns(static_cast<size_t>(std::count_if(unset.begin(), unset.end(), IsPattern)),
+                CountRecordedPatterns(amendment, *_settingsManager));
   RequireShortNotices(changed);
   bool isMade = false;
   const auto amend = [&](const ChangeOrigin& origin, ChangeTicket& ticket) {
@@ -366,9 +369,10 @@ GroupNameMatcher ClientHandler::ReadGroupMatcher() {
   return matcher;
 }
 
-// Each may have to be tried on every group of the store.
-void ClientHandler::CheckPatterns(size_t patterns) const {
-  CheckCount(patterns, _maxPatterns, "patterns");
+// Each may have to be tried on every group of the store, a recorded one like one that the request names.
+void ClientHandler::CheckPatterns(size_t named, size_t recorded) const {
+  CheckCount(named, _maxPatterns, "patterns");
+  const size_t patterns = named + recorded;
   if (_maxMatchingWork == 0 || patterns == 0) return;
   const size_t nameBytes = _settingsManager->CountNameBytes();
   if (Multiply(patterns, nameBytes) <= _maxMatchingWork) return;

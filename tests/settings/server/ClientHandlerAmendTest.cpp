@@ -24,6 +24,7 @@ using tavix::test::ServedStore;
 using tavix::test::UserSettingsOf;
 using testing::HasSubstr;
 
+const std::string kRecord = "[TavixSettings/Data/DeletedGroups]\n";
 constexpr char kOk[] = "result\nok\n";
 constexpr char kFailure[] = "result\nfailure\n";
 
@@ -152,6 +153,33 @@ TEST_F(ClientHandlerAmend, ThatMayTakeLongIsLeftToOthersAndThenMadeOnce) {
   EXPECT_TRUE(handler.HandleNextInParts([] { return false; }));
   EXPECT_EQ(AllSettingsOf(served.store), "[A]\nx=1\n[B]\ny=1\n[C]\nz=1\n[D]\nx=2\n");
   EXPECT_EQ(out.str(), kOk + std::string(kOk));
+}
+
+// The patterns in the record may bring many groups back, too, though none stands in the request.
+TEST_F(ClientHandlerAmend, ThatNamesTheRecordOfDeletedGroupsIsLeftToOthers) {
+  ViewIstream in;
+  std::ostringstream out;
+  ClientHandler handler(&served.env, &in, &out);
+  for (const char* keys : {"", "1=\n"}) {
+    for (const std::string& request : {Amend("", "", "", kRecord + keys, ""), Amend("", "", "", "", kRecord + keys),
+                                       Amend("", "", kRecord, "", "")}) {
+      in.SetText(request);
+      EXPECT_EQ(handler.HandleNextIfShort(), ClientHandler::Attempt::kTooLong) << request;
+    }
+  }
+}
+
+TEST_F(ClientHandlerAmend, IsBoundInTheRecordedPatternsThatItTouches) {
+  served.Serve("merge\n" + kRecord + "1=A*\n2=B\n.\n");
+  served.env.maxMatchingWork = 1;
+  for (const std::string& request :
+       {Amend("", "", "", kRecord, ""), Amend("", "", "", kRecord + "1=\n", ""), Amend("", "", "", "", kRecord),
+        Amend("", "", kRecord + "1=B\n", "", ""), Amend("", "", kRecord + "3=C*\n", "", "")}) {
+    EXPECT_THAT([&] { served.Serve(request); },
+                testing::ThrowsMessage<Exception>(HasSubstr("To try 1 patterns on 3 bytes of group names")))
+        << request;
+  }
+  EXPECT_EQ(served.Serve(Amend("", "", "", kRecord + "2=\n", "")), kOk);
 }
 
 }  // namespace
