@@ -30,13 +30,12 @@ bool SetsWhatItUnsets(const IniFile& set, const IniFile& unset) {
   });
 }
 
-bool IsAnySet(const IniFile& all, const IniFile& absent) {
-  return std::any_of(absent.begin(), absent.end(), [&](const auto& group) {
-    const Keys* const keys = FindKeys(all, group.first);
-    if (!keys || group.second.empty()) return keys != nullptr;
-    return std::any_of(group.second.begin(), group.second.end(),
-                       [&](const auto& setting) { return keys->count(setting.first) != 0; });
-  });
+// Whether no key of the group is set; without keys: there is no such group.
+bool LacksKeys(const IniFile& all, IniFile::const_iterator group) {
+  const Keys* const keys = FindKeys(all, group->first);
+  if (!keys || group->second.empty()) return !keys;
+  return std::none_of(group->second.begin(), group->second.end(),
+                      [&](const auto& setting) { return keys->count(setting.first) != 0; });
 }
 
 void AddKeys(Names& names, const Keys* keys) {
@@ -98,7 +97,11 @@ struct AmendmentPlan::Group {
 };
 
 AmendmentPlan::AmendmentPlan(const Amendment& amendment)
-    : _amendment(amendment), _set(amendment.set), _unset(amendment.unset), _replace(amendment.replace) {}
+    : _present(amendment.present),
+      _absent(amendment.absent, LacksKeys),
+      _set(amendment.set),
+      _unset(amendment.unset),
+      _replace(amendment.replace) {}
 
 bool AmendmentPlan::IsSound() const {
   const IniFile& replace = _replace.Get();
@@ -109,13 +112,22 @@ bool AmendmentPlan::IsSound() const {
 }
 
 bool AmendmentPlan::MakeEarly(const StoreDocuments& documents) {
+  if (_present.IsLong() || _absent.IsLong()) _recorder.emplace(documents.GetRecorders());
+  for (const EarlyTest* test : {&_present, &_absent}) {
+    if (test->IsLong() && !test->HoldsInParts(documents)) return false;
+  }
   if (!IsLong(documents.GetRecordGroup())) return true;
   const osa::ReadAutoLock lock(documents.GetLock());
-  return Make(documents);
+  return MakeAnew(documents);
 }
 
 bool AmendmentPlan::Make(const StoreDocuments& documents) {
-  if (_version == documents.GetVersion()) return true;
+  const bool isMade = _version == documents.GetVersion() || MakeAnew(documents);
+  _recorder.reset();  // what changes from here on is the amendment's own
+  return isMade;
+}
+
+bool AmendmentPlan::MakeAnew(const StoreDocuments& documents) {
   Clear();
   if (!Holds(documents.GetAll())) return false;
   EditRecord(documents);
@@ -152,8 +164,9 @@ void AmendmentPlan::Clear() {
   _held.reset();
 }
 
-bool AmendmentPlan::Holds(const IniFile& all) const {
-  return all.ContainsSettings(_amendment.present) && !IsAnySet(all, _amendment.absent);
+bool AmendmentPlan::Holds(const IniFile& all) {
+  if (_recorder) _changedByOthers.merge(_recorder->Take());
+  return _present.Holds(all, _changedByOthers) && _absent.Holds(all, _changedByOthers);
 }
 
 // In the order of the changes: replace, set, unset.

@@ -8,7 +8,9 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeRecorder.h"
 #include "tavix/settings/server/DocumentEdit.h"
+#include "tavix/settings/server/EarlyTest.h"
 #include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/RecordEdit.h"
 #include "tavix/settings/server/StoreDocuments.h"
@@ -25,8 +27,8 @@ namespace tavix::settings::server {
 // their group. What it touches are the keys that it names and, of groups that it names as a whole, whose defaults come
 // or go by the record, or that appear by their defaults alone, all. It changes nothing; that is StoreChange's work.
 //
-// In order: IsSound; MakeEarly, so that a long plan keeps no reader waiting; then, in one hold of the write lock, Make,
-// which has nothing to do unless the store has changed, and what it found.
+// In order: IsSound; MakeEarly, so that neither a long plan nor long conditions keep readers waiting; then, in one hold
+// of the write lock, Make, which has nothing to do unless the store has changed, and what it found.
 //
 // Threads: one at a time.
 // Errors:  std::bad_alloc.
@@ -80,7 +82,8 @@ class AmendmentPlan {
 
   bool IsLong(const std::string& recordGroup) const;
   void Clear();
-  bool Holds(const core::IniFile& all) const;
+  bool MakeAnew(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
+  bool Holds(const core::IniFile& all);
   void EditRecord(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
   bool IsSeenAgain(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
   void FindTouched(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
@@ -95,11 +98,14 @@ class AmendmentPlan {
   void EndGroup(const Group& group);
   void EndHidden(const Group& group);
 
-  const Amendment& _amendment;
+  const EarlyTest _present;
+  const EarlyTest _absent;
   const UnrestrictedPart _set;
   const UnrestrictedPart _unset;
   const UnrestrictedPart _replace;
 
+  std::optional<ChangeRecorder> _recorder;     // of long conditions, until the last Make
+  std::set<std::string> _changedByOthers;      // groups, since the conditions were tested
   std::optional<unsigned long long> _version;  // of the store that the plan is for; none: nothing is planned
   std::optional<RecordEdit> _record;
   std::set<std::string> _whole;    // groups of which every key is touched

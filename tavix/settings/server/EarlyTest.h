@@ -3,22 +3,25 @@
 #include <set>
 #include <string>
 
-namespace tavix::core {
-class IniFile;
-}
+#include "tavix/core/IniFile.h"
+#include "tavix/settings/server/DocumentChange.h"
 
 namespace tavix::settings::server {
 
 class StoreDocuments;
 
-// Whether readers see every value of a document. Of a large one that is found out in parts under the read lock, before
-// the write lock is taken; under the write lock only the groups that changed since then are tested again.
+// Whether what readers see is, in each group, as a document demands. Of a large one that is found out in parts under
+// the read lock, before the write lock is taken; under the write lock only the groups that changed since then are
+// tested again.
 //
 // Threads: one at a time.
 class EarlyTest {
  public:
-  // test: outlives the object.
-  explicit EarlyTest(const core::IniFile& test);
+  // Whether "all" is as a group of the test demands.
+  using HoldsGroup = bool (*)(const core::IniFile& all, core::IniFile::const_iterator group);
+
+  // test: outlives the object. By default readers are to see each of its values.
+  explicit EarlyTest(const core::IniFile& test, HoldsGroup holdsGroup = HoldsValues);
 
   // Whether it takes so long that HoldsInParts is to be called first.
   bool IsLong() const { return _isLong; }
@@ -31,6 +34,7 @@ class EarlyTest {
 
  private:
   const core::IniFile& _test;
+  const HoldsGroup _holdsGroup;
   const bool _isLong;
 };
 

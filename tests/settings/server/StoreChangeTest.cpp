@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -15,11 +16,13 @@
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
+#include "tests/support/BackgroundCall.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/RecordingCallback.h"
 
@@ -30,6 +33,7 @@ using tavix::osa::Exception;
 using tavix::osa::LockException;
 using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
+using tavix::settings::server::AmendmentPlan;
 using tavix::settings::server::ChangeNotifier;
 using tavix::settings::server::ChangeRecorder;
 using tavix::settings::server::ChangeRequest;
@@ -39,7 +43,9 @@ using tavix::settings::server::RefusedChange;
 using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::StoreChange;
 using tavix::settings::server::StoreDocuments;
+using tavix::test::BackgroundCall;
 using tavix::test::DocumentOf;
+using tavix::test::Eventually;
 using tavix::test::RecordingCallback;
 using tavix::test::TextOf;
 using testing::ElementsAre;
@@ -108,6 +114,13 @@ class RecordingPersister : public ISettingsPersister {
 
   const StoreDocuments& _documents;
 };
+
+// Of a size that is looked through before the lock is taken, with none of the store's groups.
+IniFile LargeDocument() {
+  IniFile document;
+  for (int group = 0; group < 1000; ++group) document.SetValue("G" + std::to_string(group), "k", "1");
+  return document;
+}
 
 // A store's documents with the groups A and B in both, and C among the defaults.
 struct StoreChangeTest : testing::Test {
@@ -337,6 +350,33 @@ TEST_F(StoreChangeTest, OfAnAmendmentThatFailsHasNoTicketAndSavesNothing) {
   EXPECT_EQ(ticket, 0u);
   EXPECT_EQ(documents.GetVersion(), before);
   EXPECT_THAT(persister.saves, IsEmpty());
+}
+
+// Nobody waits for the long comparison: the write lock is not taken for a condition that does not hold.
+TEST_F(StoreChangeTest, OfAnAmendmentWithALargeConditionIsGivenUpWhileOthersRead) {
+  Amendment present;
+  present.present = LargeDocument();
+  Amendment absent;
+  absent.absent = LargeDocument();
+  absent.absent["A"];
+  for (const Amendment* amendment : {&present, &absent}) {
+    std::optional<BackgroundCall> amend;
+    const tavix::osa::ReadAutoLock lock(documents.GetLock());
+    amend.emplace([&] { EXPECT_FALSE(Amend(*amendment)); });
+    EXPECT_TRUE(Eventually([&] { return amend->HasEnded(); }));
+  }
+}
+
+TEST_F(StoreChangeTest, OfAnAmendmentTestsLargeConditionsAgainWhereOthersChangedSomething) {
+  for (const bool isKept : {true, false}) {
+    Amendment amendment;
+    amendment.absent = LargeDocument();
+    AmendmentPlan plan(amendment);
+    ASSERT_TRUE(plan.MakeEarly(documents));
+    Overwrite({"Z"}, DocumentOf(isKept ? "[Z]\nx=1\n" : "[G1]\nk=1\n"));
+    const tavix::osa::WriteAutoLock lock(documents.GetLock());
+    EXPECT_EQ(plan.Make(documents), isKept);
+  }
 }
 
 TEST_F(StoreChangeTest, OfACallerWithTheLockNotifiesNobody) {
