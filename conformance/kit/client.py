@@ -14,7 +14,7 @@ from .trace import Trace
 
 Json = Dict[str, Any]
 _MAX_STDERR = 2000
-_GRACE = 5.0  # seconds for its end
+_GRACE = 5.0  # seconds for the end of one that has failed
 
 
 class Client:
@@ -34,10 +34,22 @@ class Client:
         )
         hub.add(self._process.stdout, self._receive)
 
+    def require_end(self) -> None:
+        """Its standard input ends, and so it does. Throws Failure if it does not, or ends with an error."""
+        assert self._process.stdin
+        try:
+            self._process.stdin.close()
+        except OSError:
+            pass  # it has ended before
+        self._hub.run_until(lambda: self._has_ended, "the client's end behind that of its standard input")
+        if self._process.wait(LIMIT) != 0:
+            self._fail_ended()
+
     def end(self) -> None:
-        """Its standard input ends, and so it does."""
+        """The same for one that may hang."""
         assert self._process.stdin and self._process.stdout
         if not self._has_ended:
+            self._has_ended = True
             self._hub.remove(self._process.stdout)
         try:
             self._process.stdin.close()
@@ -62,6 +74,10 @@ class Client:
 
     def has_answered(self, number: int) -> bool:
         return number in self._answers or self._has_ended
+
+    def peek_answer(self, number: int) -> Optional[Json]:
+        """The answer, if it has come; it stays."""
+        return self._answers.get(number)
 
     def has_event(self, watch: int) -> bool:
         return self._has_ended or any(event.get("watch") == watch for event in self.events)

@@ -26,7 +26,7 @@ class Hub:
     def run_once(self, timeout: float) -> None:
         """Waits until something can be read, for so many seconds at most."""
         for key, _ in self._selector.select(timeout):
-            if key.fileobj in self._selector.get_map():  # a handler before may have removed it
+            if self._selector.get_map().get(key.fd) is key:  # a handler before may have removed it, and closed it
                 key.data()
 
     def run_for(self, seconds: float) -> None:

@@ -14,7 +14,7 @@ An object with
     {"event": EVENT}                the next event of its "watch": 1 is the first of the case, and the default
     {"events": [EVENT, ...]}        the next events, in any order
     {"other": "LINES"}              another client sends this, and waits until it is carried out
-    {"others": COUNT, "group": G}   the same, COUNT times: a random key of a few gets a random value
+    {"others": COUNT, "group": G}   the same, COUNT times: a random key of a few gets a value that there never was
     {"sees": DOCUMENT, "names": []} another client reads this
     {"kept": DOCUMENT}              these are the user settings that are saved
     {"cut": true}, {"back": true}   the client loses its connections, and gets no new ones until it is back
@@ -90,6 +90,7 @@ class _Run:
         self._daemon = daemon
         self._relay = relay
         self._random = random.Random(parts.seed)
+        self._next_value = 1  # no state before the last write is what a watch settles on
         self._watches: List[int] = []
         self._settled = 0  # the last watch that did
         self._shown: Dict[int, Dict[Any, Any]] = {}  # what the events of each watch put together show
@@ -143,8 +144,9 @@ class _Run:
     def _others(self, step: Json) -> None:
         with Peer(self._daemon.path) as peer:
             for _ in range(step["others"]):
-                key, value = self._random.randrange(5), self._random.randrange(1000)
-                peer.write(f"merge\n[{step['group']}]\nkey{key}={value}\n.\n".encode())
+                key = self._random.randrange(5)
+                peer.write(f"merge\n[{step['group']}]\nkey{key}={self._next_value}\n.\n".encode())
+                self._next_value += 1
                 self._hub.run_once(0)  # the relay goes on meanwhile
 
     def _sees(self, step: Json) -> None:

@@ -40,6 +40,7 @@ class Connection:
         while rest and self.is_open:
             try:
                 rest = rest[self._link.send(rest) :]
+                end = time.monotonic() + limit
             except BlockingIOError:
                 if time.monotonic() > end:
                     raise Failure(f"the client has not read for {limit:g} s") from None

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import ctypes
 import os
 import select
 import shutil
@@ -16,6 +17,16 @@ from typing import Any, List, Optional, Tuple
 from . import text
 from .failure import Failure
 from .hub import LIMIT
+
+
+_PR_SET_PDEATHSIG = 1
+_prctl = getattr(ctypes.CDLL(None), "prctl", None)  # Linux's
+
+
+def _end_with_parent() -> None:
+    """In the child: a runner that is killed leaves no daemon."""
+    if _prctl is not None:
+        _prctl(_PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)
 
 
 class RealDaemon:
@@ -50,7 +61,9 @@ class RealDaemon:
         command += ["--defaults", str(folder / "defaults.ini"), "--restricted", str(folder / "restricted.ini")]
         command += ["--user-settings", str(folder / "user.ini"), "--durability", "none"]
         with open(folder / "log", "ab") as log:
-            self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
+            self._process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log, preexec_fn=_end_with_parent
+            )
         assert self._process.stdout
         ready, _, _ = select.select([self._process.stdout], [], [], LIMIT)
         if not ready or not self._process.stdout.readline().startswith(b"tavix-settings-server: listening on "):

@@ -7,7 +7,8 @@ import socket
 import tempfile
 from typing import Any, List, Optional
 
-from .hub import Hub
+from .failure import Failure
+from .hub import LIMIT, Hub
 from .trace import Trace
 
 _CHUNK = 1 << 18
@@ -34,12 +35,15 @@ class _Pair:
             link.close()
 
     def _pass_on(self, index: int) -> None:
+        """Throws Failure if the other side does not read."""
         try:
             data = self._links[index].recv(_CHUNK)
             if data:
                 self._trace.note(self._labels[index], data)
                 self._links[1 - index].sendall(data)
                 return
+        except socket.timeout:
+            raise Failure(f"{self._labels[index]} nobody has read for {LIMIT:g} s") from None
         except OSError:
             pass
         self._trace.note(self._labels[index], b"<closed>")
@@ -106,5 +110,6 @@ class Relay:
             far.close()
             near.close()
             return
-        near.setblocking(True)
+        near.settimeout(LIMIT)
+        far.settimeout(LIMIT)
         self._pairs.append(_Pair(self._hub, near, far, f"connection {len(self._pairs) + 1}", self._trace))

@@ -7,7 +7,8 @@ Its head is a comment, which says what the case is about, and lines "WORD: ...":
           bytes            each byte by itself
           random           pieces of random length
           cut N            the case runs again and again: the daemon's last message is cut after 0, N, 2 N, ... bytes
-    timeout: MILLISECONDS  what "connect" is given
+    timeout: MILLISECONDS  what "connect" is given. With a shorter one than usual the case runs again with a longer one
+                           if a call ends by time where it should not
     features: WORD...      what the daemon lists for "info features"; without it, it is older than that
 
 Then come steps, each when the one before is done:
@@ -36,6 +37,7 @@ from typing import Any, Dict, List, NamedTuple, Tuple
 from .failure import Failure, UsageError
 from .requests import Request, parse_request
 
+DEFAULT_TIMEOUT = 60000  # milliseconds that no machine stands still
 _OUTPUT = ("<", "!")
 _long_value = re.compile(r'"<([0-9]+) \* (.)>"')
 _long_line = re.compile(r"(\"[^\"]*\") ([0-9]+) \* (\"[^\"]*\")")
@@ -83,7 +85,7 @@ def read_transcript(path: Path) -> Transcript:
         " ".join(title),
         tuple(head.get("needs", "").split()),
         tuple(head.get("play", "whole").split()),
-        int(head.get("timeout", "60000")),
+        int(head.get("timeout", DEFAULT_TIMEOUT)),
         tuple(head.get("features", "").split()),
         tuple(steps),
     )

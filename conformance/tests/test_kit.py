@@ -4,13 +4,21 @@ A right client passes, each mistake fails the case that is named for it, and the
 """
 
 import os
+import signal
+import socket
 import subprocess
 import sys
+import tempfile
 import unittest
 from pathlib import Path
 
 FOLDER = Path(__file__).resolve().parent
+sys.path.insert(0, str(FOLDER.parent))
+
+from kit.hub import Hub  # noqa: E402
+
 RUN = FOLDER.parent / "run"
+LIMIT = 900  # seconds
 DAEMON = os.environ.get("TAVIX_SETTINGS_SERVER_PROGRAM", "")
 
 # Each mistake, and the case that is there to find it.
@@ -25,11 +33,22 @@ MISTAKES = {
 
 def run(*arguments):
     words = [sys.executable, str(RUN), *arguments]
-    return subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
+    pipe = subprocess.PIPE
+    with subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=pipe, stderr=pipe, text=True) as process:
+        try:
+            output, errors = process.communicate(timeout=LIMIT)
+        except BaseException:
+            process.terminate()  # which clears away what it has begun; a kill would not
+            raise
+        return subprocess.CompletedProcess(words, process.returncode, output, errors)
 
 
 def client(*arguments):
     return " ".join([sys.executable, str(FOLDER / "plain_client.py"), *arguments])
+
+
+def odd_client(*arguments):
+    return " ".join([sys.executable, str(FOLDER / "odd_client.py"), *arguments])
 
 
 class Kit(unittest.TestCase):
@@ -67,6 +86,57 @@ class Kit(unittest.TestCase):
     def test_live_cases_are_skipped_without_a_daemon(self):
         result = run("--client", client(), "--only", "reconnect")
         self.assertIn("\nok 1 - reconnect # SKIP without --daemon\n", result.stdout)
+
+    def test_a_client_that_fails_at_its_end_does_not_pass(self):
+        result = run("--client", odd_client("fails-at-its-end"), "--only", "ends-with-its-input")
+        self.assertEqual(result.returncode, 1, result.stdout)
+        self.assertIn("\n# the client ended with status 3\n", result.stdout)
+
+    def test_a_daemon_that_the_system_can_not_run_fails_the_case_and_not_the_run(self):
+        with tempfile.NamedTemporaryFile(delete=False) as program:
+            program.write(b"\0")
+        self.addCleanup(os.unlink, program.name)
+        os.chmod(program.name, 0o700)
+        result = run("--client", client(), "--daemon", program.name, "--only", "any-byte")
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertIn("\nnot ok 1 - any-byte\n", result.stdout)
+        self.assertIn("\nok 2 - ends-with-its-input\n", result.stdout)
+
+    @unittest.skipUnless(DAEMON, "TAVIX_SETTINGS_SERVER_PROGRAM names the daemon")
+    def test_a_runner_that_is_terminated_leaves_nothing(self):
+        with tempfile.TemporaryDirectory() as outer:
+            fifo, inner = os.path.join(outer, "fifo"), os.path.join(outer, "inner")
+            os.mkfifo(fifo)
+            os.mkdir(inner)
+            words = [sys.executable, str(RUN), "--client", odd_client("hangs", fifo)]
+            words += ["--daemon", DAEMON, "--only", "any-byte"]
+            with subprocess.Popen(words, stdout=subprocess.DEVNULL, env={**os.environ, "TMPDIR": inner}) as process:
+                open(fifo).close()  # it is inside of the case
+                self.assertNotEqual(os.listdir(inner), [])
+                process.terminate()
+                self.assertEqual(process.wait(LIMIT), 128 + signal.SIGTERM)
+            self.assertEqual(os.listdir(inner), [])
+
+    def test_a_file_that_a_handler_has_closed_is_not_handled(self):
+        hub = Hub()
+        pairs = [socket.socketpair() for _ in range(2)]
+        files = [near for near, _ in pairs]
+        calls = []
+
+        def close_both():
+            calls.append(1)
+            for file in files:
+                hub.remove(file)
+                file.close()
+
+        for near, far in pairs:
+            hub.add(near, close_both)
+            far.send(b"x")
+        hub.run_once(LIMIT)
+        self.assertEqual(calls, [1])
+        hub.close()
+        for _, far in pairs:
+            far.close()
 
     def test_wrong_usage_ends_with_2(self):
         for arguments in (
