@@ -1,5 +1,7 @@
 #include "tavix/settings/server/RefusalReasons.h"
 
+#include <algorithm>
+
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
@@ -19,9 +21,14 @@ std::string ReasonOf(const RefusedChange& refusal) {
   return (isFull ? "full store: " : "bound: ") + std::string(refusal.what());
 }
 
+// What can't have been the reason shows in the amendment: the store does not keep it.
 std::string ReasonOfFailure(const Amendment& amendment) {
   if (!AmendmentPlan(amendment).IsSound()) return "contradiction: its changes exclude one another";
-  return std::string(kConditionFailed) + ", or a recorded pattern hides a group of unset";
+  constexpr char kHidden[] = "a recorded pattern hides a group of unset";
+  if (amendment.present.IsEmpty() && amendment.absent.IsEmpty()) return std::string("hidden: ") + kHidden;
+  const bool mayBeHidden = std::any_of(amendment.unset.begin(), amendment.unset.end(),
+                                       [](const auto& group) { return group.second.empty(); });
+  return mayBeHidden ? std::string(kConditionFailed) + ", or " + kHidden : kConditionFailed;
 }
 
 std::string ReasonOfRestricted(const std::set<std::string>& names) {

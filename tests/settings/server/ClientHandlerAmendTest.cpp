@@ -54,11 +54,20 @@ TEST_F(ClientHandlerAmend, TakesEmptyPayloads) {
 
 TEST_F(ClientHandlerAmend, AnswersThatAConditionDoesNotHold) {
   EXPECT_EQ(served.Serve(Amend("[A]\nx=2\n", "", "[A]\nx=3\n", "", "")), kFailure);
+  EXPECT_EQ(served.Serve(Amend("", "[A]\nx=\n", "[A]\nx=3\n", "[B]\ny=\n", "") + "info refused\n"),
+            kFailure + std::string("Refused\n-------\nreason=condition: it does not hold\n\n"));
+  EXPECT_EQ(AllSettingsOf(served.store), "[A]\nx=1\n[B]\ny=2\n[C]\nz=1\n");
+}
+
+// A client that tries again until its condition holds must not do so for a pattern that stays.
+TEST_F(ClientHandlerAmend, AnswersThatARecordedPatternHidesWhatItUnsets) {
+  served.Serve("overwrite\nB*\n.\n.\n");
+  EXPECT_EQ(served.Serve(Amend("", "", "", "[B]\n", "") + "info refused\n"),
+            kFailure + std::string("Refused\n-------\nreason=hidden: a recorded pattern hides a group of unset\n\n"));
   EXPECT_EQ(
-      served.Serve(Amend("", "[A]\nx=\n", "[A]\nx=3\n", "", "") + "info refused\n"),
+      served.Serve(Amend("[A]\nx=1\n", "", "", "[B]\n", "") + "info refused\n"),
       kFailure + std::string("Refused\n-------\nreason=condition: it does not hold, or a recorded pattern hides a "
                              "group of unset\n\n"));
-  EXPECT_EQ(AllSettingsOf(served.store), "[A]\nx=1\n[B]\ny=2\n[C]\nz=1\n");
 }
 
 TEST_F(ClientHandlerAmend, AnswersThatItContradictsItself) {
