@@ -81,7 +81,8 @@ void AmendCommand::SendRequest(std::ostream& os) {
 }
 
 bool AmendCommand::HandleResponse(std::istream& is) {
-  return _success = ReadOutcome(is);
+  if (ReadOutcome(is)) _success = true;
+  return _success;
 }
 
 void FeaturesCommand::SendRequest(std::ostream& os) {

@@ -145,6 +145,20 @@ TEST(AmendingClient, HandlesNoticesBetweenThePartsOfTheAnswer) {
   client.UnSubscribe(&callback);
 }
 
+// The connection breaks in front of the last line feed. The repeat fails by the first one's change.
+TEST(AmendingClient, KeepsASuccessWhoseLineWasCutOff) {
+  ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
+    AnswerFeatures(peer);
+    ReadAmendment(peer);
+    if (number == 0) return peer.Send("result\nok");
+    peer.Send("result\nfailure\n");
+    peer.ReadToEnd();
+  });
+  Client client(Client::SingleThreaded);
+  EXPECT_TRUE(client.Amend(SetUnless()));
+}
+
 TEST(AmendingClient, WhoseAnswerIsCutOffSendsNothingOfTheChange) {
   ScriptedServer server;
   const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
