@@ -138,22 +138,25 @@ bool TavixSettingsClientImplMultiThreaded::Amend(const Amendment& amendment) {
   _logger->Trace("Amend");
   RefuseOnWorker("Amend");
   osa::MutexAutoLock oneAtATime(_commandMutex);
-  while (true) {
-    bool result = false;
-    if (_amendGeneration == 0) {
+  for (bool result = false;;) {
+    if (_askedGeneration != AwaitConnection()) {
       auto question = std::make_unique<FeaturesCommand>();
       question->_responseKeyword = protocol::kData;
       unsigned int generation = 0;
-      static_cast<void>(TryExchange("Amend", std::move(question), generation, result));
-      if (!result) ThrowTooOld("Amend");
-      _amendGeneration = generation;
+      static_cast<void>(TryExchange("Amend", std::move(question), generation, _canAmend));
+      _askedGeneration = generation;
     }
+    if (!_canAmend) ThrowTooOld("Amend");
     auto command = std::make_unique<AmendCommand>();
     command->_responseKeyword = protocol::kResult;
     command->_amendment = &amendment;
-    if (TryExchange("Amend", std::move(command), _amendGeneration, result)) return result;
-    _amendGeneration = 0;
+    if (TryExchange("Amend", std::move(command), _askedGeneration, result)) return result;
   }
+}
+
+unsigned int TavixSettingsClientImplMultiThreaded::AwaitConnection() const {
+  SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
+  return _generation.load();
 }
 
 void TavixSettingsClientImplMultiThreaded::OverwriteSettings(const std::set<std::string>& groups,

@@ -84,6 +84,7 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
       TAVIX_EXCLUDES(_commandMutex, _sendRight);
   bool TryExchange(const char* name, std::unique_ptr<RemoteCommand> command, unsigned int& generation,
                    bool& result) const TAVIX_REQUIRES(_commandMutex) TAVIX_EXCLUDES(_sendRight);
+  unsigned int AwaitConnection() const TAVIX_EXCLUDES(_sendRight);  // returns its number
   void Send(const char* name, RemoteCommand& command) const TAVIX_REQUIRES(_sendRight);
   void RequireReady(const char* name) const TAVIX_REQUIRES(_sendRight);
   void RefuseOnWorker(const char* name) const;
@@ -111,7 +112,8 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   osa::Semaphore _workerEnded;  // free once the worker is done
   std::atomic<std::thread::id> _workerId{};
   std::atomic<unsigned int> _generation{0};                           // counts connections
-  unsigned int _amendGeneration TAVIX_GUARDED_BY(_commandMutex) = 0;  // whose server knows amendments; 0: none
+  unsigned int _askedGeneration TAVIX_GUARDED_BY(_commandMutex) = 0;  // whose server was asked for amendments; 0: none
+  bool _canAmend TAVIX_GUARDED_BY(_commandMutex) = false;             // its answer
   osa::Mutex _observerMutex;                                          // held while observers are called
   std::set<IConnectionObserver*> _observers TAVIX_GUARDED_BY(_observerMutex);
 };

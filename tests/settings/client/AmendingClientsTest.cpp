@@ -77,7 +77,9 @@ TEST_P(OfRemoteClients, AmendmentIsSentBehindOneQuestion) {
 
 TEST_P(OfRemoteClients, AmendmentIsNotSentToAnOlderServer) {
   const ServerThreads threads(_server, [](ServerEnd& peer, size_t) {
-    for (std::string request; (request = peer.ReadThrough()) == kAsk;) peer.Send(kNothing);
+    EXPECT_EQ(peer.ReadThrough(), kAsk);
+    peer.Send(kNothing);
+    EXPECT_EQ(peer.ReadThrough(), "get delimited\nA\n.\n") << "asked once";
     peer.Send("data\n[A]\nx=7\n.\n");
     peer.ReadToEnd();
   });
