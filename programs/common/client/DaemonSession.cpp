@@ -55,6 +55,16 @@ auto DaemonSession::Run(Call call) const {
   }
 }
 
+// Without its change, a note would go with the next one: what can't be sent is found first.
+template <class... Parts>
+void DaemonSession::SendNote(const Parts&... parts) {
+  if (_note.empty()) return;
+  Run([&] {
+    (ProtocolClient::RequireSendable(parts), ...);
+    _client->Note(_note);
+  });
+}
+
 DaemonSession::DaemonSession(const settings::client::ProtocolOptions& options, std::string hint, const Trace& trace)
     : _hint(std::move(hint)), _client(Run([&] { return std::make_unique<ProtocolClient>(options, Spelled(trace)); })) {}
 
@@ -83,22 +93,22 @@ bool DaemonSession::IsRestricted(const std::string& group) const {
 }
 
 void DaemonSession::Merge(const IniFile& settings, bool isVolatile) {
-  SendNote();
+  SendNote(settings);
   Run([&] { _client->Merge(settings, isVolatile); });
 }
 
 bool DaemonSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
-  SendNote();
+  SendNote(test, settings);
   return Run([&] { return _client->TestAndMerge(test, settings); });
 }
 
 void DaemonSession::Overwrite(const Groups& groups, const IniFile& settings) {
-  SendNote();
+  SendNote(groups, settings);
   Run([&] { _client->Overwrite(groups, settings); });
 }
 
 void DaemonSession::Restore(const Groups& groups) {
-  SendNote();
+  SendNote(groups);
   Run([&] { _client->Restore(groups); });
 }
 
@@ -135,12 +145,8 @@ void DaemonSession::SetNote(const std::string& note) {
   _note = note;
 }
 
-void DaemonSession::SendNote() {
-  if (!_note.empty()) Run([&] { _client->Note(_note); });
-}
-
 bool DaemonSession::Amend(const settings::Amendment& amendment) {
-  SendNote();
+  SendNote(amendment.present, amendment.absent, amendment.set, amendment.unset, amendment.replace);
   return Run([&] { return _client->Amend(amendment); });
 }
 

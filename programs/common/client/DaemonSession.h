@@ -49,7 +49,10 @@ class DaemonSession : public Session {
   auto Run(Call call) const;
 
   const std::set<std::string>* FindFeatures();
-  void SendNote();
+
+  // parts: all that the change names.
+  template <class... Parts>
+  void SendNote(const Parts&... parts);
 
   const std::string _hint;
   std::string _note;  // empty: none
