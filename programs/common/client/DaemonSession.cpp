@@ -21,6 +21,8 @@ ExitCode ExitCodeOf(ProtocolException::Reason reason) {
       return kExitUsage;
     case ProtocolException::Reason::kUnreadable:
       return kExitBadInput;
+    case ProtocolException::Reason::kTooOld:
+      return kExitNotApplied;
     default:
       return kExitNoServer;
   }
