@@ -81,10 +81,10 @@ void RequireNotHidden(const UserNames& names, const Names& cleaned) {
   }
 }
 
-void Clean(Session& session, const Names& cleaned) {
+void CleanUnlessHidden(Session& session, const Names& cleaned) {
   if (cleaned.empty()) return;
   RequireNotHidden(ReadUserNames(session), cleaned);
-  if (!TryClean(session, cleaned)) throw Failure(kExitNotApplied, "not applied: the server refuses the change");
+  Clean(session, cleaned);
 }
 
 IniFile RestoreAndRead(Session& session, const Names& groups) {
@@ -115,7 +115,7 @@ int Reset(Context& context, const Options& options) {
   IniFile after;
   session.RunAlone([&] {
     before = session.Get(groups);
-    if (options.isClean) Clean(session, changed);
+    if (options.isClean) CleanUnlessHidden(session, changed);
     after = options.isClean ? session.Get(groups) : RestoreAndRead(session, groups);
   });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");

@@ -138,6 +138,10 @@ std::map<std::string, std::string> DaemonSession::GetWhoami() {
   return Run([&] { return _client->GetWhoami(); });
 }
 
+std::string DaemonSession::TakeRefusal() {
+  return Run([&] { return _client->TakeRefusal(); });
+}
+
 // A daemon that reports features takes notes.
 void DaemonSession::SetNote(const std::string& note) {
   constexpr size_t kMaxBytes = 256;

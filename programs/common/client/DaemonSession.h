@@ -32,6 +32,7 @@ class DaemonSession : public Session {
   std::map<std::string, std::string> GetServerInfo() override;
   bool CanAmend() override;
   std::map<std::string, std::string> GetWhoami() override;
+  std::string TakeRefusal() override;
   void SetNote(const std::string& note) override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;

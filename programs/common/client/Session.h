@@ -87,6 +87,10 @@ class Session {
   // How the server sees this client, by name (docs/protocol.md); empty when it is older than that request.
   virtual std::map<std::string, std::string> GetWhoami() = 0;
 
+  // Why the last change was not made, once, in the words of docs/protocol.md. Empty: there is no reason, or the server
+  // is older than that request.
+  virtual std::string TakeRefusal() { return {}; }
+
   // Goes with each write from now on, as the reason for it. Throws Failure, before anything is sent: kExitUsage when
   // no line can hold it, or the store has no place for it; kExitNotApplied when the server is too old.
   virtual void SetNote(const std::string& note) = 0;

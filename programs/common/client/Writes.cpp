@@ -95,6 +95,22 @@ void AddNewValues(const IniFile::GroupMap::value_type& group, const IniFile& bef
   }
 }
 
+bool IsOfCondition(const std::string& refusal) {
+  constexpr char kCondition[] = "condition:";  // the kind of a reason, as docs/protocol.md lists them
+  return refusal.compare(0, sizeof kCondition - 1, kCondition) == 0;
+}
+
+[[noreturn]] void FailRefused(const std::string& refusal) {
+  throw Failure(kExitNotApplied,
+                "not applied: " + (refusal.empty() ? "the server refuses the change" : SpellValue(refusal)));
+}
+
+// Behind a change with a condition that was not made. An older server names no reason.
+void RequireNoOtherReason(Session& session) {
+  const std::string refusal = session.TakeRefusal();
+  if (!refusal.empty() && !IsOfCondition(refusal)) FailRefused(refusal);
+}
+
 IniFile FindEmptyGroups(const IniFile& settings) {
   IniFile empty;
   for (auto group = settings.begin(); group != settings.end(); ++group) {
@@ -155,6 +171,7 @@ void Merge(Session& session, const IniFile& settings, bool isVolatile) {
 void MergeIf(Session& session, const IniFile& condition, const IniFile& settings) {
   session.RunAlone([&] {
     if (!TryMergeIf(session, condition, settings)) {
+      RequireNoOtherReason(session);
       RequireHolds(session.Get(NamesOf(condition)), condition);
       throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
     }
@@ -180,6 +197,7 @@ void MergeIfUnset(Session& session, const IniFile& condition, const IniFile& set
     amendment.absent = settings;
     amendment.set = settings;
     if (!SessionWriter(session).Amend(amendment)) {
+      RequireNoOtherReason(session);
       RequireHolds(session.Get(NamesOf(condition)), condition);
       RequireUnset(session.Get(NamesOf(settings)), settings);
       throw Failure(kExitConditionFailed, "condition failed, but holds again by now");
@@ -239,6 +257,16 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
   });
 }
 
+namespace {
+
+// An amendment leaves no group without settings.
+void EndRewriting(Session& session, const IniFile& after) {
+  const IniFile empty = FindEmptyGroups(after);
+  if (!empty.IsEmpty()) Merge(session, empty, false);
+}
+
+}  // namespace
+
 void Rewrite(Session& session, const std::set<std::string>& groups, const Rewriting& rewrite) {
   RefuseRestricted(session, groups);
   RefusePatterns(groups);
@@ -247,31 +275,25 @@ void Rewrite(Session& session, const std::set<std::string>& groups, const Rewrit
     return;
   }
   constexpr size_t kMaxAttempts = 16;
-  Amendment amendment;
   for (size_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    amendment = Amendment();
+    Amendment amendment;
     amendment.present = session.Get(groups);
     const IniFile after = rewrite(amendment.present);
     for (const std::string& group : groups) amendment.replace[group];
     amendment.replace.MergeSettings(after);
-    if (!SessionWriter(session).Amend(amendment)) continue;
-    // An amendment leaves no group without settings.
-    const IniFile empty = FindEmptyGroups(after);
-    if (!empty.IsEmpty()) Merge(session, empty, false);
-    return;
+    if (SessionWriter(session).Amend(amendment)) return EndRewriting(session, after);
+    const std::string refusal = session.TakeRefusal();
+    if (!IsOfCondition(refusal)) FailRefused(refusal);
   }
-  // With the condition unhurt, something else is wrong, such as a store that is full.
-  if (session.Get(groups).GetGroups() == amendment.present.GetGroups())
-    throw Failure(kExitNotApplied, "not applied: the server refuses the change");
   throw Failure(kExitConditionFailed, "condition failed: somebody else changes the same groups again and again");
 }
 
-bool TryClean(Session& session, const std::set<std::string>& groups) {
+void Clean(Session& session, const std::set<std::string>& groups) {
   RefuseRestricted(session, WithoutPatterns(groups));
   RequireAmend(session, "--clean");
   Amendment amendment;
   for (const std::string& group : groups) amendment.unset[group];
-  return SessionWriter(session).Amend(amendment);
+  if (!SessionWriter(session).Amend(amendment)) FailRefused(session.TakeRefusal());
 }
 
 void Restore(Session& session, const std::set<std::string>& groups, const Session::TakeGroup& take) {

@@ -8,7 +8,7 @@
 #include "tavix/core/IniFile.h"
 
 // All that the commands write. Every function throws Failure, kExitRefused, for a restricted group before anything is
-// written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf and amendments,
+// written. Writes have no reply. So each function reads back on the same session, but for TryMergeIf and Clean,
 // which have one. Those that know what the store has to hold then throw Failure, kExitNotApplied, when something else
 // stands there.
 namespace tavix::programs {
@@ -31,7 +31,8 @@ std::set<std::string> Without(const std::set<std::string>& names, const std::set
 
 void Merge(Session& session, const core::IniFile& settings, bool isVolatile);
 
-// Throws Failure, kExitConditionFailed, that names what differs, when the condition does not hold.
+// Throws Failure, kExitConditionFailed, that names what differs, when the condition does not hold, and kExitNotApplied
+// when the server has another reason.
 void MergeIf(Session& session, const core::IniFile& condition, const core::IniFile& settings);
 
 // The same, once; false when the condition does not hold.
@@ -71,15 +72,16 @@ void Write(Session& session, const std::set<std::string>& replaced, const core::
 using Rewriting = std::function<core::IniFile(const core::IniFile& before)>;
 
 // Replaces groups by what "rewrite" makes of them. What it was given is the condition: when somebody has changed or
-// taken away any of it meanwhile, it is asked again, 16 times at most. An older server knows no such condition, and the
-// later change wins. Throws Failure behind the last attempt: kExitConditionFailed, or kExitNotApplied when nobody has
-// changed anything, and the server refuses it all the same. Refused as RefusePatterns does.
+// taken away any of it meanwhile, it is asked again, 16 times at most. No condition covers what somebody adds to these
+// groups meanwhile: that is lost. An older server knows no such condition, and the later change wins. A group that is
+// to stay without settings is written by a second change. Throws Failure, kExitConditionFailed, behind the last
+// attempt, and kExitNotApplied at once when the server has another reason. Refused as RefusePatterns does.
 void Rewrite(Session& session, const std::set<std::string>& groups, const Rewriting& rewrite);
 
 // Takes all that users set in these groups away in one step, and the names off the record of what was deleted, so that
-// the defaults show, and later ones will. A name among them may be a pattern of the record. Returns false when nothing
-// was done. Throws Failure as RequireAmend does.
-[[nodiscard]] bool TryClean(Session& session, const std::set<std::string>& groups);
+// the defaults show, and later ones will. A name among them may be a pattern of the record. Throws Failure,
+// kExitNotApplied, with the server's reason when nothing was done, and as RequireAmend does.
+void Clean(Session& session, const std::set<std::string>& groups);
 
 // Puts groups and '*' patterns back to their defaults. take: is given what they hold then, as by Session::GetEach: the
 // store alone knows the defaults.

@@ -52,6 +52,8 @@ Outcome RunBeside(const Exchange& exchange, Words words) {
 
 const Exchange::value_type kOldFeatures{"info features\nget delimited\n.\n", "data\n.\n"};
 const Exchange::value_type kFeatures{"info features\nget delimited\n.\n", "Features\n--------\namend\n\ndata\n.\n"};
+const Exchange::value_type kRefusedByCondition{"info refused\nget delimited\n.\n",
+                                               "Refused\n-------\nreason=condition: it does not hold\n\ndata\n.\n"};
 const Exchange::value_type kServer{"info server\nget delimited\n.\n", "data\n.\n"};
 
 }  // namespace
@@ -187,6 +189,7 @@ TEST(CommandThatAmends, ChangeBySomebodyElseHasTheGroupReadAgain) {
   const Outcome outcome = RunBeside({kFeatures,
                                      {"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=1\n.\n"},
                                      {"amend\n[A]\nb=1\nc=1\n.\n.\n.\n.\n[A]\nc=1\n.\n", "result\nfailure\n"},
+                                     kRefusedByCondition,
                                      {"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=2\n.\n"},
                                      {"amend\n[A]\nb=1\nc=2\n.\n.\n.\n.\n[A]\nc=2\n.\n", "result\nok\n"},
                                      kServer},
@@ -208,25 +211,39 @@ TEST(CommandThatAmends, GivesUpBehindSixteenAttempts) {
     const std::string group = "[A]\nb=" + std::to_string(i) + "\n.\n";
     exchange.push_back({"get delimited\nA\n.\n", "data\n" + group});
     exchange.push_back({"amend\n" + group + ".\n.\n.\n[A]\n.\n", "result\nfailure\n"});
+    exchange.push_back(kRefusedByCondition);
   }
-  exchange.push_back({"get delimited\nA\n.\n", "data\n[A]\nb=99\n.\n"});
   const Outcome outcome = RunBeside(exchange, {"delete", "A"});
   EXPECT_EQ(outcome.errors,
             "tavix-settings: condition failed: somebody else changes the same groups again and again\n");
   EXPECT_EQ(outcome.status, 4);
 }
 
-TEST(CommandThatAmends, ServerThatRefusesThoughTheConditionHoldsIsNotApplied) {
-  Exchange exchange{kFeatures};
-  const std::string group = "[A]\nb=1\nc=1\n.\n";
-  for (int i = 0; i < 16; ++i) {
-    exchange.push_back({"get delimited\nA\n.\n", "data\n" + group});
-    exchange.push_back({"amend\n" + group + ".\n.\n.\n[A]\nc=1\n.\n", "result\nfailure\n"});
+TEST(CommandThatAmends, AnotherReasonThanTheConditionIsReportedAtOnce) {
+  for (const auto& [answer, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"reason=full store: 5 of 4 bytes\n", "full store: 5 of 4 bytes"}, {"", "the server refuses the change"}}) {
+    const Outcome outcome = RunBeside({kFeatures,
+                                       {"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=1\n.\n"},
+                                       {"amend\n[A]\nb=1\nc=1\n.\n.\n.\n.\n[A]\nc=1\n.\n", "result\nfailure\n"},
+                                       {kRefusedByCondition.first, "Refused\n-------\n" + answer + "\ndata\n.\n"}},
+                                      {"unset", "[A]b"});
+    EXPECT_EQ(outcome.errors, "tavix-settings: not applied: " + reason + "\n");
+    EXPECT_EQ(outcome.status, 7);
   }
-  exchange.push_back({"get delimited\nA\n.\n", "data\n" + group});
-  const Outcome outcome = RunBeside(exchange, {"unset", "[A]b"});
-  EXPECT_EQ(outcome.errors, "tavix-settings: not applied: the server refuses the change\n");
-  EXPECT_EQ(outcome.status, 7);
+}
+
+TEST(CommandThatAmends, FullStoreIsNoFailedCondition) {
+  const TemporaryDirectory directory;
+  directory.Write("defaults.ini", "[A]\nb=1\n");
+  const Daemon daemon(directory, {"--defaults", "defaults.ini", "--max-store", "1"});
+  const Words start{TAVIX_CLI_PROGRAM, "-t", "80", "-s", daemon.AwaitAddresses().front(), "set", "[A]c=1"};
+  for (const Words& condition : {Words{"--if-unset"}, Words{"--if", "[A]b=1"}}) {
+    Words words = start;
+    words.insert(words.end(), condition.begin(), condition.end());
+    const Outcome outcome = RunToEnd(directory.GetPath(), words, {}, {{"LC_ALL", "C"}});
+    EXPECT_THAT(outcome.errors, testing::StartsWith("tavix-settings: not applied: full store: ")) << condition.front();
+    EXPECT_EQ(outcome.status, 7) << condition.front();
+  }
 }
 
 }  // namespace tavix::test
