@@ -259,10 +259,11 @@ void Replace(Session& session, const std::set<std::string>& groups, const IniFil
 
 namespace {
 
-// An amendment leaves no group without settings.
-void EndRewriting(Session& session, const IniFile& after) {
+// An amendment leaves no group without settings. What a restricted file holds in a group stays.
+void EndRewriting(Session& session, const std::set<std::string>& groups, const IniFile& after) {
   const IniFile empty = FindEmptyGroups(after);
   if (!empty.IsEmpty()) Merge(session, empty, false);
+  RequireApplied(session, after, groups);
 }
 
 }  // namespace
@@ -281,7 +282,7 @@ void Rewrite(Session& session, const std::set<std::string>& groups, const Rewrit
     const IniFile after = rewrite(amendment.present);
     for (const std::string& group : groups) amendment.replace[group];
     amendment.replace.MergeSettings(after);
-    if (SessionWriter(session).Amend(amendment)) return EndRewriting(session, after);
+    if (SessionWriter(session).Amend(amendment)) return EndRewriting(session, groups, after);
     const std::string refusal = session.TakeRefusal();
     if (!IsOfCondition(refusal)) FailRefused(refusal);
   }

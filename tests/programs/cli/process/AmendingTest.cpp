@@ -192,6 +192,7 @@ TEST(CommandThatAmends, ChangeBySomebodyElseHasTheGroupReadAgain) {
                                      kRefusedByCondition,
                                      {"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=2\n.\n"},
                                      {"amend\n[A]\nb=1\nc=2\n.\n.\n.\n.\n[A]\nc=2\n.\n", "result\nok\n"},
+                                     {"get delimited\nA\n.\n", "data\n[A]\nc=2\n.\n"},
                                      kServer},
                                     {"unset", "[A]b"});
   EXPECT_EQ(outcome.errors, "done: 1 setting unset\n");
@@ -243,6 +244,21 @@ TEST(CommandThatAmends, FullStoreIsNoFailedCondition) {
     const Outcome outcome = RunToEnd(directory.GetPath(), words, {}, {{"LC_ALL", "C"}});
     EXPECT_THAT(outcome.errors, testing::StartsWith("tavix-settings: not applied: full store: ")) << condition.front();
     EXPECT_EQ(outcome.status, 7) << condition.front();
+  }
+}
+
+TEST(CommandThatAmends, ValueOfARestrictedFileThatStaysIsReported) {
+  const TemporaryDirectory directory;
+  directory.Write("restricted.ini", "[A]\nx=1\n");
+  const Daemon daemon(directory, {"--restricted", "restricted.ini"});
+  const std::string address = daemon.AwaitAddresses().front();
+  for (const auto& [words, left] : std::vector<std::pair<Words, std::string>>{
+           {{"unset", "[A]x"}, "[A]x is still set"}, {{"delete", "A"}, "there still is a group 'A'"}}) {
+    Words all{TAVIX_CLI_PROGRAM, "-t", "80", "-s", address};
+    all.insert(all.end(), words.begin(), words.end());
+    const Outcome outcome = RunToEnd(directory.GetPath(), all, {}, {{"LC_ALL", "C"}});
+    EXPECT_EQ(outcome.errors, "tavix-settings: not applied: " + left + "\n");
+    EXPECT_EQ(outcome.status, 7);
   }
 }
 
