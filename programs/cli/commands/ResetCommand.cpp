@@ -81,6 +81,15 @@ void RequireNotHidden(const UserNames& names, const Names& cleaned) {
   }
 }
 
+// Besides what users changed: values that are not saved are no part of that, and show only in what readers see.
+Names WithSeen(const Session& session, Names found, const IniFile& seen, const Names& groups) {
+  for (const std::string& name : Select(NamesOf(seen), groups)) {
+    if (!session.IsRestricted(name)) found.insert(name);
+  }
+  found.merge(WithoutPatterns(groups));
+  return found;
+}
+
 void CleanUnlessHidden(Session& session, const Names& cleaned) {
   if (cleaned.empty()) return;
   RequireNotHidden(ReadUserNames(session), cleaned);
@@ -110,12 +119,13 @@ int Reset(Context& context, const Options& options) {
   }
   ConfirmPattern(options.removal, "reset", groups, changed);
   SetNote(context, options.removal.note);
+  const Names meant = groups;
   if (options.isClean) groups.insert(changed.begin(), changed.end());
   IniFile before;
   IniFile after;
   session.RunAlone([&] {
     before = session.Get(groups);
-    if (options.isClean) CleanUnlessHidden(session, changed);
+    if (options.isClean) CleanUnlessHidden(session, WithSeen(session, changed, before, meant));
     after = options.isClean ? session.Get(groups) : RestoreAndRead(session, groups);
   });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");

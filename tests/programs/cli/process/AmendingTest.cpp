@@ -126,6 +126,26 @@ TEST_F(AmendingCommands, CleanResetNamesThePatternThatHidesAGroup) {
   EXPECT_EQ(Ask("*"), std::string(kDefaults) + kRestricted);
 }
 
+TEST_F(AmendingCommands, CleanResetTakesValuesThatAreNotSaved) {
+  for (const Words& groups : {Words{"A"}, Words{"-y", "A*"}, Words{"-y", "*"}}) {
+    Run({"set", "--volatile", "[A]x=9"});
+    Words words{"reset", "--clean"};
+    words.insert(words.end(), groups.begin(), groups.end());
+    const Outcome outcome = Run(words);
+    EXPECT_EQ(outcome.output, "-[A]\n-[A]x=9\n") << groups.back();
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_EQ(Ask("A"), "") << groups.back();
+  }
+}
+
+TEST_F(AmendingCommands, CleanResetNamesThePatternThatHidesADefault) {
+  Overwrite("Netw*");
+  ExpectRun({"reset", "--clean", "Network/Eth0"}, 7, "",
+            "tavix-settings: not applied: users deleted 'Netw*', which hides 'Network/Eth0'\n"
+            "hint: name 'Netw*' as well\n");
+  EXPECT_EQ(AskUser(), std::string(kRecord) + "Netw*=Netw*\n.\n");
+}
+
 TEST_F(AmendingCommands, CleanResetOfTheRecordBringsAllThatWasDeletedBack) {
   Run({"delete", "-y", "*"});
   EXPECT_EQ(Run({"reset", "--clean", "-y", "TavixSettings/*"}).status, 0);
