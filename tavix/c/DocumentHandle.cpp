@@ -250,8 +250,11 @@ int32_t tavix_document_next_key_z(const tavix_document* document, const char* gr
   size_t size = 0;
   int32_t code = tavix_document_next_key(document, group, SizeOf(group), key ? &name : nullptr, &nameSize,
                                          value ? &bytes : nullptr, &size, error);
-  code = GiveString(code, bytes, size, value, error);
-  return GiveString(code, name, nameSize, key, error);
+  const char* text = nullptr;
+  code = GiveString(code, bytes, size, &text, error);
+  code = GiveString(code, name, nameSize, key, error);
+  if (code == TAVIX_OK) *value = text;
+  return code;
 }
 
 int32_t tavix_document_parse(tavix_document* document, const char* text, size_t text_size, tavix_error* error) {

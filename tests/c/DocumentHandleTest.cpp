@@ -147,6 +147,15 @@ TEST(DocumentHandle, GivesNoCStringThatWouldBeCut) {
   EXPECT_EQ(text, nullptr);
 }
 
+TEST(DocumentHandle, GivesNoValueOfAKeyThatWouldBeCut) {
+  const DocumentHandle document = Document("[a]\nc\\x00d=e\n");
+  const char* key = nullptr;
+  const char* value = nullptr;
+  EXPECT_EQ(CodeOf(tavix_document_next_key_z(document.get(), "a", &key, &value, nullptr)), "PARSE");
+  EXPECT_EQ(key, nullptr);
+  EXPECT_EQ(value, nullptr);
+}
+
 TEST(DocumentHandle, ReadsAndWritesEveryDocumentAsText) {
   RandomDocuments documents(8);
   for (int i = 0; i < 50; ++i) {
