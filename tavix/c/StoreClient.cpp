@@ -64,12 +64,23 @@ ProtocolClient& StoreClient::Prepare() {
   return *_connection;
 }
 
-// What fails on the way may have arrived, and its caller knows; with it those that are pending are lost.
+// Pending before its first byte leaves: what fails half sent is reported as lost by the next flush.
+template <class Request>
+void StoreClient::Write(const Request& request) {
+  ProtocolClient& connection = Prepare();
+  const bool wasPending = std::exchange(_isWritePending, true);
+  try {
+    request(connection);
+  } catch (const ProtocolException& exception) {
+    if (!exception.WasSent()) _isWritePending = wasPending;
+    throw;
+  }
+}
+
 void StoreClient::Merge(const IniFile& change, bool isVolatile) {
   RefuseRestricted(change);
   ProtocolClient::RequireSendable(change);
-  Prepare().Merge(change, isVolatile);
-  _isWritePending = true;
+  Write([&](ProtocolClient& connection) { connection.Merge(change, isVolatile); });
 }
 
 void StoreClient::Overwrite(const Names& names, const IniFile& change) {
@@ -77,15 +88,13 @@ void StoreClient::Overwrite(const Names& names, const IniFile& change) {
   RefuseRestricted(change);
   ProtocolClient::RequireSendable(names);
   ProtocolClient::RequireSendable(change);
-  Prepare().Overwrite(names, change);
-  _isWritePending = true;
+  Write([&](ProtocolClient& connection) { connection.Overwrite(names, change); });
 }
 
 void StoreClient::Restore(const Names& names) {
   RefuseRestricted(names);
   ProtocolClient::RequireSendable(names);
-  Prepare().Restore(names);
-  _isWritePending = true;
+  Write([&](ProtocolClient& connection) { connection.Restore(names); });
 }
 
 IniFile StoreClient::Get(const Names& names) {

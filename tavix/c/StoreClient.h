@@ -44,6 +44,8 @@ class StoreClient {
 
  private:
   ProtocolClient& Prepare();
+  template <class Request>
+  void Write(const Request& request);
   void DropEnded();
   bool Conclude(bool isDone);
 

@@ -234,6 +234,28 @@ TEST(ClientHandle, TimesOutWhenTheServerIsSilent) {
   EXPECT_EQ(Flush(client), "LOST") << "its connection was closed";
 }
 
+// More than sockets hold.
+TEST(ClientHandle, ReportsTheLossOfAWriteThatWasSentInPart) {
+  const ScriptedServer server;
+  const ClientHandle client = Open("", 200);
+  const ServerEnd peer = server.Accept();
+  std::string change = "[A]\n";
+  for (int i = 0; i < 8; ++i) change += std::to_string(i) + "=" + std::string(8'000'000, 'x') + "\n";
+  EXPECT_EQ(Merge(client, change), "TIMEOUT");
+  EXPECT_EQ(Flush(client), "LOST");
+  EXPECT_EQ(Flush(client), "OK") << "reported once";
+}
+
+TEST(ClientHandle, ReportsNoLossOfAWriteOfWhichNothingWasSent) {
+  const ScriptedServer server;
+  const ClientHandle client = Open("");
+  ServerEnd peer = server.Accept();
+  peer.Send("nothing that was asked for\n");
+  EXPECT_EQ(Merge(client, "[A]\nx=1\n"), "PARSE");
+  EXPECT_EQ(peer.ReadToEnd(), "");
+  EXPECT_EQ(Flush(client), "OK");
+}
+
 TEST(ClientHandle, ReportsAnAnswerThatIsNone) {
   const ScriptedServer server;
   const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
