@@ -125,21 +125,28 @@ bool StoreClient::Conclude(bool isDone) {
   return false;
 }
 
-// Whoever sent nothing has nothing to wait for. After a time-out the writes are still pending on a connection that was
-// closed: the next flush reports their loss.
-void StoreClient::Flush() {
-  DropEnded();
-  if (std::exchange(_isWriteLost, false))
-    throw CallFailure(TAVIX_LOST, "the connection was lost before the server had carried out what was sent");
-  if (!_connection) return;
-  std::string refusal;
+// A loss of both connections is reported as one.
+std::string StoreClient::AwaitWrites() {
   try {
-    refusal = _connection->TakeRefusal();
+    std::string refusal = _connection->TakeRefusal();
+    _isWritePending = false;
+    return refusal;
   } catch (const ProtocolException& exception) {
-    if (exception.GetReason() == ProtocolException::Reason::kLost) _isWritePending = false;
+    if (exception.GetReason() == ProtocolException::Reason::kLost) _isWritePending = _isWriteLost = false;
     throw;
   }
-  _isWritePending = false;
+}
+
+// Without a write there is nothing to wait for. What was sent behind a loss is waited for before the loss is reported.
+// After a time-out the writes are still pending on a connection that was closed: the next flush reports their loss.
+void StoreClient::Flush() {
+  DropEnded();
+  const std::string refusal = _connection ? AwaitWrites() : std::string();
+  if (std::exchange(_isWriteLost, false)) {
+    std::string text = "the connection was lost before the server had carried out what was sent";
+    if (!refusal.empty()) text += "; over the next one it refused the change: " + refusal;
+    throw CallFailure(TAVIX_LOST, text);
+  }
   if (!refusal.empty()) FailRefused(refusal);
 }
 

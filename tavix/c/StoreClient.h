@@ -38,8 +38,8 @@ class StoreClient {
   [[nodiscard]] bool TestAndMerge(const core::IniFile& test, const core::IniFile& change);
   [[nodiscard]] bool Amend(const settings::Amendment& amendment);
 
-  // Throws TAVIX_LOST when the connection of a pending write is gone, and TAVIX_REFUSED when the last write was not
-  // carried out as a whole.
+  // Waits for the writes over the connection that there is. Then throws TAVIX_LOST when that of an earlier pending
+  // write is gone, and TAVIX_REFUSED when the last write was not carried out as a whole.
   void Flush();
 
  private:
@@ -48,6 +48,7 @@ class StoreClient {
   void Write(const Request& request);
   void DropEnded();
   bool Conclude(bool isDone);
+  std::string AwaitWrites();
 
   const settings::client::ProtocolOptions _options;
   std::unique_ptr<ProtocolClient> _connection;

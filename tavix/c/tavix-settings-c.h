@@ -192,8 +192,9 @@ TAVIX_C_API int32_t tavix_restore(tavix_client* client, const char* const* names
 TAVIX_C_API int32_t tavix_restore_z(tavix_client* client, const char* const* names, size_t count, tavix_error* error);
 
 // Waits until the server has carried out all that was sent. TAVIX_LOST: the connection of a write since the last flush
-// is gone, and nobody knows what became of it. TAVIX_REFUSED: the last write was not carried out, as the text says.
-// Both are reported once.
+// is gone, and nobody knows what became of it; later writes were waited for. TAVIX_REFUSED: the last write was not
+// carried out, as the text says. Both are reported once. The server keeps the outcome of the last write alone: a write
+// that it refused is not reported when another one follows before the flush.
 TAVIX_C_API int32_t tavix_flush(tavix_client* client, tavix_error* error);
 
 // These changes wait for their outcome. TAVIX_CONDITION, TAVIX_REFUSED: nothing was changed.

@@ -155,6 +155,26 @@ TEST(ClientHandle, ReportsTheLossOfAWriteByTheNextFlushAlone) {
   EXPECT_EQ(GetText(client, {"A"}), "[A]\nx=2\n");
 }
 
+TEST(ClientHandle, WaitsForLaterWritesBeforeItReportsALoss) {
+  const ScriptedServer server;
+  const ClientHandle client = Open("");
+  {
+    ServerEnd first = server.Accept();
+    EXPECT_EQ(Merge(client, "[A]\nx=1\n"), "OK");
+    first.ReadThrough();
+  }
+  EXPECT_EQ(Merge(client, "[A]\nx=2\n"), "OK") << "on a new connection";
+  ServerEnd second = server.Accept();
+  second.ReadThrough();
+  tavix_error error;
+  BackgroundCall flush([&] { tavix_flush(client.get(), &error); });
+  EXPECT_EQ(second.ReadThrough(), "info refused\nget delimited\n.\n");
+  second.Send("Refused\n-------\nreason=bound: 3 patterns\n\ndata\n.\n");
+  flush.Join();
+  EXPECT_EQ(CodeOf(error.code), "LOST");
+  EXPECT_THAT(error.text, HasSubstr("bound: 3 patterns"));
+}
+
 TEST(ClientHandle, HasNothingToFlushWithoutAWrite) {
   ReplacedDaemon daemon;
   const ClientHandle client = Open(daemon.GetAddress());
@@ -187,6 +207,9 @@ TEST(ClientHandle, ReportsWhatTheDaemonRefused) {
   EXPECT_EQ(Flush(client), "OK") << "reported once";
   EXPECT_EQ(TestAndMerge(client, "", "[A]\nx=" + std::string(100'000, 'x') + "\n"), "REFUSED");
   EXPECT_EQ(GetText(client, {"*"}), "");
+  EXPECT_EQ(Merge(client, "[A]\nx=" + std::string(100'000, 'x') + "\n"), "OK");
+  EXPECT_EQ(Merge(client, "[A]\nx=1\n"), "OK");
+  EXPECT_EQ(Flush(client), "OK") << "the outcome of the last write alone is kept";
 }
 
 TEST(ClientHandle, SendsNothingOfANameWithALineBreak) {
