@@ -57,19 +57,19 @@ int Watch::GetDescriptor() {
       throw;
     }
   }
+  const WakeGuard guard(*this);
   TakeReceived();
-  SetWake();
   return _wake->Get();
 }
 
 std::optional<WatchedChange> Watch::AwaitChange(std::optional<Clock::time_point> end) {
+  const WakeGuard guard(*this);
   std::optional<WatchedChange> change;
   if (_connection && (_content.HasPending() || _mayHaveMore)) {
     TakeNotice(Clock::time_point());
     TakeReceived();
   }
   while (!(change = _content.TakeChange()) && Step(end)) continue;
-  if (_wake) SetWake();
   return change;
 }
 
@@ -149,7 +149,7 @@ void Watch::Drop(const char* reason) {
   }
 }
 
-void Watch::SetWake() {
+void Watch::SetWake() noexcept {
   if (_content.HasPending() || _mayHaveMore) {
     _wake->WakeAt(Clock::time_point());
   } else if (_connection) {

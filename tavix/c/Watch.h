@@ -43,13 +43,28 @@ class Watch {
   const std::string& GetFailure() const { return _failure; }
 
  private:
+  // Sets when the descriptor wakes, however a call ends.
+  class WakeGuard {
+   public:
+    explicit WakeGuard(Watch& watch) : _watch(watch) {}
+    ~WakeGuard() {
+      if (_watch._wake) _watch.SetWake();
+    }
+
+    WakeGuard(const WakeGuard&) = delete;
+    WakeGuard& operator=(const WakeGuard&) = delete;
+
+   private:
+    Watch& _watch;
+  };
+
   bool Step(std::optional<Clock::time_point> end);
   void TakeReceived();
   bool TakeNotice(std::optional<Clock::time_point> end);
   bool ComeBack(std::optional<Clock::time_point> end);
   void Connect();
   void Drop(const char* reason);
-  void SetWake();
+  void SetWake() noexcept;
 
   const settings::client::ProtocolOptions _options;
   const Names _names;

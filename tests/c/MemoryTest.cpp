@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <functional>
 #include <string>
@@ -146,7 +147,34 @@ TEST(Memory, ThatRunsOutEndsTheOpeningOfAWatchWithACode) {
   }
 }
 
-// What was missed when memory ran out is found on the next connection.
+// What was missed when memory ran out is found on the next connection, to which the descriptor leads.
+TEST(Memory, ThatRunsOutLosesNoChangeOfAPollLoop) {
+  const ReplacedDaemon daemon;
+  const ClientHandle client = Open(daemon.GetAddress());
+  tavix_watch* made = nullptr;
+  ASSERT_EQ(CodeOf(tavix_watch_open_z(daemon.GetAddress().c_str(), kNames, 2, 0, kPatient, &made, nullptr)), "OK");
+  const WatchHandle watch(made);
+  pollfd wait{-1, POLLIN, 0};
+  ASSERT_EQ(CodeOf(tavix_watch_fd(made, &wait.fd, nullptr)), "OK");
+  bool wasRefused = true;
+  for (long allocation = 0; wasRefused; ++allocation) {
+    const std::string value = kLong + std::to_string(allocation);
+    EXPECT_EQ(Merge(client, "[A]\nx=" + value + "\n"), "OK");
+    ASSERT_EQ(poll(&wait, 1, kPatient), 1);
+    const tavix_change* change = nullptr;
+    {
+      const RefusedAllocation refused(allocation);
+      tavix_watch_next(made, 0, &change, nullptr);
+    }
+    wasRefused = RefusedAllocation::WasRefused();
+    while (!change || change->kind != TAVIX_CHANGE_KEY || value != change->new_value) {
+      ASSERT_EQ(poll(&wait, 1, kPatient), 1) << allocation;
+      tavix_watch_next(made, 0, &change, nullptr);
+    }
+  }
+}
+
+// Likewise, by calls that wait.
 TEST(Memory, ThatRunsOutLosesNoChangeOfAWatch) {
   const ReplacedDaemon daemon;
   const ClientHandle client = Open(daemon.GetAddress());
