@@ -75,10 +75,9 @@ std::optional<WatchedChange> Watch::AwaitChange(std::optional<Clock::time_point>
 
 // Does the next thing. False: nothing came until the end.
 bool Watch::Step(std::optional<Clock::time_point> end) {
-  if (!_connection) return ComeBack(end);
-  if (!TakeNotice(end)) return false;
-  TakeReceived();
-  return true;
+  const bool hasGoneOn = _connection ? TakeNotice(end) : ComeBack(end);
+  if (hasGoneOn) TakeReceived();
+  return hasGoneOn;
 }
 
 // So that changes of one key that have come are one, and as a descriptor shows what its connection will receive, not

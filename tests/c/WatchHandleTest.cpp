@@ -221,6 +221,27 @@ TEST(WatchHandle, ReadsAgainWhatItCouldNotRead) {
   EXPECT_EQ(Next(watch), "resync");
 }
 
+// The notice comes between the two replies of coming back, so that it is received, and nothing more will be.
+TEST(WatchHandle, ShowsByItsDescriptorWhatCameWhileItCameBack) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
+    peer.ReadThrough();
+    peer.ReadThrough();
+    peer.Send("data\n[A]\nx=1\n.\n");
+    peer.ReadThrough();
+    if (number > 0) peer.Send("async change\nA\n.\n[A]\nx=2\n.\n");
+    peer.Send("data\n.\n");
+    if (number > 0) peer.ReadToEnd();
+  });
+  const WatchHandle watch = OpenWatch("", {"A"});
+  const int32_t fd = DescriptorOf(watch);
+  std::string next = "TIMEOUT";
+  while (next == "TIMEOUT" && IsReadable(fd, kPatient)) next = Next(watch, 0);
+  EXPECT_EQ(next, "resync");
+  EXPECT_TRUE(IsReadable(fd, 0));
+  EXPECT_EQ(Next(watch, 0), "[A]x: 1 > 2");
+}
+
 TEST(WatchHandle, IsBusyWhileAnotherThreadUsesIt) {
   const ReplacedDaemon daemon;
   const WatchHandle watch = OpenWatch(daemon.GetAddress(), {"*"});
