@@ -69,11 +69,13 @@ std::optional<WatchedChange> Watch::AwaitChange(std::optional<Clock::time_point>
     TakeNotice(Clock::time_point());
     TakeReceived();
   }
-  while (!(change = _content.TakeChange()) && Step(end)) continue;
+  bool canGoOn = true;
+  while (!(change = _content.TakeChange()) && canGoOn) canGoOn = Step(end) && !IsOver(end);
   return change;
 }
 
-// Does the next thing. False: nothing came until the end.
+// Does the next thing. False: nothing came until the end. What came may change nothing, so that the end has to be
+// looked at behind it, too.
 bool Watch::Step(std::optional<Clock::time_point> end) {
   const bool hasGoneOn = _connection ? TakeNotice(end) : ComeBack(end);
   if (hasGoneOn) TakeReceived();

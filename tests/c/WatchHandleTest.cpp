@@ -242,6 +242,28 @@ TEST(WatchHandle, ShowsByItsDescriptorWhatCameWhileItCameBack) {
   EXPECT_EQ(Next(watch, 0), "[A]x: 1 > 2");
 }
 
+// The change stands behind more notices that change nothing than one call without a time takes.
+TEST(WatchHandle, WaitsNoLongerWhileNoticesChangeNothing) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
+    peer.ReadThrough();
+    peer.ReadThrough();
+    peer.Send("data\n[A]\nx=1\n.\n");
+    peer.ReadThrough();
+    std::string notices;
+    for (int i = 0; i < 100'000; ++i) notices += "async change\nA\n.\n[A]\nx=1\n.\n";
+    peer.Send("data\n.\n" + notices + "async change\nA\n.\n[A]\nx=2\n.\n");
+    peer.ReadToEnd();
+  });
+  const WatchHandle watch = OpenWatch("", {"A"});
+  const int32_t fd = DescriptorOf(watch);
+  std::string next = "TIMEOUT";
+  int calls = 0;
+  for (; next == "TIMEOUT" && IsReadable(fd, kPatient); ++calls) next = Next(watch, 0);
+  EXPECT_EQ(next, "[A]x: 1 > 2");
+  EXPECT_GT(calls, 10);
+}
+
 TEST(WatchHandle, IsBusyWhileAnotherThreadUsesIt) {
   const ReplacedDaemon daemon;
   const WatchHandle watch = OpenWatch(daemon.GetAddress(), {"*"});
