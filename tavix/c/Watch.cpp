@@ -150,11 +150,12 @@ void Watch::Drop(const char* reason) {
   }
 }
 
+// Behind a part of a notice the server may not be silent for ever: the call that is woken finds that it was.
 void Watch::SetWake() noexcept {
   if (_content.HasPending() || _mayHaveMore) {
     _wake->WakeAt(Clock::time_point());
   } else if (_connection) {
-    _wake->WakeAt(std::nullopt);
+    _wake->WakeAt(_connection->HasReceived() ? std::optional(Clock::now() + _options.timeouts.silence) : std::nullopt);
   } else {
     _wake->WakeAt(_nextAttempt);
   }

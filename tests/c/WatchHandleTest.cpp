@@ -264,6 +264,27 @@ TEST(WatchHandle, WaitsNoLongerWhileNoticesChangeNothing) {
   EXPECT_GT(calls, 10);
 }
 
+// Behind a part of a notice each server is silent for longer than the watch waits; a slow machine may be, too, before.
+TEST(WatchHandle, ShowsByItsDescriptorThatANoticeDoesNotEnd) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
+    peer.ReadThrough();
+    peer.ReadThrough();
+    peer.Send("data\n.\n");
+    peer.ReadThrough();
+    peer.Send("data\n.\nasync change\nA\n");
+    peer.ReadToEnd();
+  });
+  const char* name = "A";
+  tavix_watch* made = nullptr;
+  EXPECT_TRUE(Eventually([&] { return tavix_watch_open_z("", &name, 1, 0, 200, &made, nullptr) == TAVIX_OK; }));
+  const WatchHandle watch(made);
+  const int32_t fd = DescriptorOf(watch);
+  std::string next = "TIMEOUT";
+  while (next == "TIMEOUT" && IsReadable(fd, kPatient)) next = Next(watch, 0);
+  EXPECT_EQ(next, "resync");
+}
+
 TEST(WatchHandle, IsBusyWhileAnotherThreadUsesIt) {
   const ReplacedDaemon daemon;
   const WatchHandle watch = OpenWatch(daemon.GetAddress(), {"*"});

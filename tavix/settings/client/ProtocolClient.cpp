@@ -175,7 +175,8 @@ int ProtocolClient::GetDescriptor() const {
 }
 
 bool ProtocolClient::HasReceived() const {
-  return _exchange->GetSocket().GetReceivedBytes() > 0 || !_exchange->GetNotices().IsEmpty();
+  const NoticeQueue& notices = _exchange->GetNotices();
+  return _exchange->GetSocket().GetReceivedBytes() > 0 || notices.IsInNotice() || !notices.IsEmpty();
 }
 
 IniFile ProtocolClient::Get(const Groups& namesAndPatterns) {

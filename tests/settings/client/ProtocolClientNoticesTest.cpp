@@ -77,6 +77,17 @@ TEST_F(ProtocolClientNotices, ThatWereReceivedAndNotTakenAreKnown) {
   EXPECT_FALSE(client.HasReceived());
 }
 
+TEST_F(ProtocolClientNotices, ThatWereReceivedInPartAreKnown) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough();
+    peer.Send("data\n.\nasync change\na\n");
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  client.Flush();
+  EXPECT_TRUE(Eventually([&] { return !client.AwaitNotice(kNow) && client.HasReceived(); }));
+}
+
 TEST_F(ProtocolClientNotices, MayComeInFrontOfAListOfSubscriptions) {
   Answer({NoticeOf("a", "1") + kListHead + "a\n\ndata\n.\n"});
   Client client(Patient());
