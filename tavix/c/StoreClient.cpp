@@ -117,10 +117,16 @@ bool StoreClient::Amend(const settings::Amendment& amendment) {
   return Conclude(Prepare().Amend(amendment));
 }
 
-// An older server gives no reason: it only knows conditions that did not hold.
+// An older server gives no reason: it only knows conditions that did not hold. When the reason is lost, it is known
+// still that nothing was changed, and the caller has to read again, as after a condition.
 bool StoreClient::Conclude(bool isDone) {
   if (isDone) return true;
-  const std::string reason = _connection->TakeRefusal();
+  std::string reason;
+  try {
+    reason = _connection->TakeRefusal();
+  } catch (const ProtocolException&) {
+    return false;
+  }
   if (!reason.empty() && reason.rfind(kConditionReason, 0) != 0) FailRefused(reason);
   return false;
 }

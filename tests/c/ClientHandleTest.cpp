@@ -327,6 +327,17 @@ TEST(ClientHandle, AmendsAndTellsConditionsFromRefusals) {
   EXPECT_EQ(Amend(client, parts), "OK");
 }
 
+TEST(ClientHandle, KnowsThatNothingWasChangedWhenTheReasonIsLost) {
+  const ScriptedServer server;
+  const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
+    peer.ReadThrough();
+    peer.ReadThrough();
+    peer.Send("result\nfailure\n");
+    peer.ReadThrough();
+  });
+  EXPECT_EQ(TestAndMerge(Open(""), "[A]\nx=1\n", "[A]\nx=2\n"), "CONDITION");
+}
+
 TEST(ClientHandle, SendsNothingOfAnAmendToAnOlderServer) {
   const ScriptedServer server;
   ClientHandle client = Open("");
