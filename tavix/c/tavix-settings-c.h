@@ -23,9 +23,11 @@
 //           notice: all else is TAVIX_USAGE. Documents are plain memory. Descriptors are closed on exec.
 // Signals:  an interrupted wait goes on. No signal is raised, SIGPIPE included. No function may be called by a handler
 //           of signals, and no thread may be cancelled inside of one.
-// Time:     milliseconds, or TAVIX_FOREVER. Functions of documents never wait. Those of a client wait no longer than
-//           the time-out of tavix_open for each connection that they make and once more for the request, but for the
-//           system's resolver while it finds the address of a host's name.
+// Time:     milliseconds, or TAVIX_FOREVER, which is ten days as the time-out of tavix_open and tavix_watch_open.
+//           Functions of documents never wait. Those of a client wait no longer than the time-out of tavix_open to
+//           connect and once more for each exchange, but for the system's resolver while it finds the address of a
+//           host's name. A call is one exchange; tavix_test_and_merge is two when the change is not made, for the
+//           reason, and tavix_amend is one more over a new connection, to ask what the server can do.
 
 #if defined(__GNUC__)
 #define TAVIX_C_API __attribute__((visibility("default")))
@@ -47,7 +49,7 @@ extern "C" {
 #define TAVIX_PARSE 6         // what was passed in, or was received, can't be read
 #define TAVIX_USAGE 7         // the call is wrong: nothing was done, and nothing was sent
 #define TAVIX_NO_MEMORY 8     // memory ran out; of a client: its connection was closed, a change may have been made
-#define TAVIX_BUSY 9          // another thread uses the handle, or the system has no descriptor left
+#define TAVIX_BUSY 9          // another thread uses the handle, or the system lacks what a connection takes
 #define TAVIX_UNSUPPORTED 10  // the server is older than this request; nothing of the change was sent
 #define TAVIX_INTERNAL 11     // anything else
 
@@ -197,7 +199,8 @@ TAVIX_C_API int32_t tavix_restore_z(tavix_client* client, const char* const* nam
 // that it refused is not reported when another one follows before the flush.
 TAVIX_C_API int32_t tavix_flush(tavix_client* client, tavix_error* error);
 
-// These changes wait for their outcome. TAVIX_CONDITION, TAVIX_REFUSED: nothing was changed.
+// These changes wait for their outcome. TAVIX_CONDITION, TAVIX_REFUSED: nothing was changed. TAVIX_CONDITION is also
+// returned when the server did not make the change, and its reason was lost with the connection.
 
 // Sets the values of the change if each value of the test is so.
 TAVIX_C_API int32_t tavix_test_and_merge(tavix_client* client, const tavix_document* test, const tavix_document* change,
@@ -235,8 +238,9 @@ typedef struct tavix_change {
 } tavix_change;
 
 // Connects, subscribes to the groups that names and patterns mean, and reads them. address and timeout_ms: as of
-// tavix_open. flags: 0, or TAVIX_WATCH_INITIAL. TAVIX_LOST: there is no server. TAVIX_REFUSED: the names and patterns
-// are beyond a bound of the server.
+// tavix_open; it is waited for three times at worst: to connect, to read, to ask for a refusal. flags: 0, or
+// TAVIX_WATCH_INITIAL. TAVIX_LOST: there is no server. TAVIX_REFUSED: the names and patterns are beyond a bound of the
+// server.
 #define TAVIX_WATCH_INITIAL 1  // what the groups hold at first is returned, too, as changes without an old value
 TAVIX_C_API int32_t tavix_watch_open(const char* address, size_t address_size, const char* const* names,
                                      const size_t* sizes, size_t count, int32_t flags, int32_t timeout_ms,
@@ -254,8 +258,8 @@ TAVIX_C_API int32_t tavix_watch_fd(tavix_watch* watch, int32_t* fd, tavix_error*
 
 // Gives the next change, valid until the next call with the watch. timeout_ms: 0 does not wait for one; TAVIX_FOREVER.
 // TAVIX_TIMEOUT: there was none. A call in which the connection is made again may take longer, by the time-out of
-// tavix_watch_open to connect and once more to read; if that fails, later calls try again, after 0.1 to 5 s each. After
-// any other code the watch goes on, and misses nothing.
+// tavix_watch_open to connect, once more to read and once more to ask for a refusal; if that fails, later calls try
+// again, after 0.1 to 5 s each. After any other code the watch goes on, and misses nothing.
 TAVIX_C_API int32_t tavix_watch_next(tavix_watch* watch, int32_t timeout_ms, const tavix_change** change,
                                      tavix_error* error);
 
