@@ -50,6 +50,8 @@ class _Play:
         self._request: Optional[Request] = None  # that was matched last
         self._reply_data = b""  # that it got
         self._is_cut = False  # whether the connection ended behind that
+        self._write_link: Optional[Connection] = None  # of the last write
+        self._is_proven = False  # whether a request behind that was replied to
         self._asked: Dict[str, Any] = {}
         self._asked_id = 0
         self._watches: List[int] = []
@@ -70,6 +72,7 @@ class _Play:
             self._holds = text.parse(step.value)
         elif step.kind == "do":
             self._asked = step.value
+            self._request = None  # what comes from here on repeats nothing
             self._asked_id = self._client.send(self._with_watch(step.value))
         elif step.kind == ">":
             self._await_request(index, step.value)
@@ -81,6 +84,8 @@ class _Play:
             self._take_event(index, step.value)
         elif step.kind == "close":
             self._links[step.value].close()
+        elif step.kind == "proven":
+            self._require_proven()
         else:
             self._send_endless()
 
@@ -108,6 +113,8 @@ class _Play:
         self._hub.run_until(is_there, f"the request {wanted.text!r}")
         self._request, self._reply_data = wanted, b""
         self._links["<"] = found[0]
+        if wanted.is_write:
+            self._write_link, self._is_proven = found[0], False
         if wanted.words[0] == b"subscribe":
             self._links["!"] = found[0]
 
@@ -185,8 +192,18 @@ class _Play:
             elif self._request is not None and request.means(self._request):
                 self._reply_again(link)
             else:
+                self._prove(link)
                 link.send(self._reply(request))
             self._daemon.arrived.remove(entry)
+
+    def _prove(self, link: Connection) -> None:
+        """Before a reply: a client that has answered already did not wait for it."""
+        if link is self._write_link and not self._client.has_answered(self._asked_id):
+            self._is_proven = True
+
+    def _require_proven(self) -> None:
+        if not self._is_proven:
+            raise Failure(f"the client answered {self._asked} before a reply showed that the write was carried out")
 
     def _reply_again(self, link: Connection) -> None:
         """A client may repeat a read that failed: it fails again."""

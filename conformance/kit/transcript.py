@@ -23,6 +23,7 @@ Then come steps, each when the one before is done:
     or JSON                or this. "<1000 * a>" is a long value
     event JSON             the next event of the client. "watch": 1 is the first watch of the case, and the default
     close <, close !       the daemon closes that connection
+    proven                 the daemon has replied to a request behind the last write, before the client gave its answer
     endless                the daemon sends a line without an end, until the client closes the connection
 """
 
@@ -105,7 +106,7 @@ def _add_step(steps: List[Step], word: str, rest: str) -> None:
         steps[-1].value.append(_read_answer(rest))
     elif word == "close" and rest in _OUTPUT:
         steps.append(Step(word, rest))
-    elif word == "endless" and not rest:
+    elif word in ("endless", "proven") and not rest:
         steps.append(Step(word, None))
     else:
         raise ValueError(f'expected a step, found "{word} {rest}"')

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A small client under test, and five ways in which clients go wrong: plain_client.py [DEFECT].
+"""A small client under test, and six ways in which clients go wrong: plain_client.py [DEFECT].
 
 Without a defect it passes the kit. With one it makes the mistake that a case of the kit is there to find; the tests
 make sure that the case does. It has one connection for all, and reads whenever something arrives.
@@ -8,6 +8,7 @@ make sure that the case does. It has one connection for all, and reads whenever 
     read-before-subscribe  reads what is watched, and subscribes behind that
     resend-write           sends a request again whose reply was lost, a write, too
     first-bracket          ends a group's name at the first "]"
+    flush-at-once          answers flush and waits for nothing
     mixed-replies          goes on with its connection after a time-out, so that a late reply meets the next request
 """
 
@@ -204,12 +205,15 @@ class Client:
         return {"done": self._exchange(b"test-and-merge\n" + test + change, b"result")[1] == b"ok"}
 
     def do_flush(self, _: Json) -> None:
-        had_lost, self._has_lost_write = self._has_lost_write, False
-        self._notice_end()
-        self._exchange(b"get delimited\n.\n", b"data")
-        if had_lost or self._has_lost_write:
+        if self._defect == "flush-at-once":
+            return
+        try:
+            self._exchange(b"get delimited\n.\n", b"data")
+            if self._has_lost_write:
+                raise Lost("a write may be lost")
+        except (Lost, OSError):
             self._has_lost_write = False
-            raise Lost("a write may be lost")
+            raise
 
     def do_watch(self, request: Json) -> Json:
         names = names_from_json(request["names"])
@@ -328,6 +332,8 @@ class Client:
     def _take_notices(self) -> None:
         """Between calls nothing else is due."""
         assert self._connection
+        if self._defect == "mixed-replies":
+            return  # a late reply stays for the next call, whenever it comes
         while (message := self._connection.take_message()) is not None:
             if message[0] == b"async change":
                 self._keep(message)

@@ -28,6 +28,7 @@ MISTAKES = {
     "resend-write": "write-is-sent-once",
     "first-bracket": "last-bracket-ends-a-name",
     "mixed-replies": "late-reply-is-dropped",
+    "flush-at-once": "flush-waits-for-a-reply",
 }
 
 

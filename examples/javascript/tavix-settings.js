@@ -161,12 +161,14 @@ class Messages {
 class Connection {
   constructor(socket, onNotice, onEnd) {
     this.socket = socket;
-    this.waiting = []; // {head, onReply, isOptional, resolve, reject}, in the order of their requests
+    this.waiting = []; // {head, onReply, isOptional, writes, resolve, reject}, in the order of their requests
     this.onNotice = onNotice;
     this.onEnd = onEnd;
     this.isOpen = true;
     this.features = null;
-    this.unproven = false; // whether a write was sent that no reply has followed yet
+    this.error = null; // with which it has ended
+    this.writes = 0; // that were sent
+    this.proven = 0; // of these, by the reply of a request behind them
     const lines = new Lines();
     const messages = new Messages();
     socket.on('data', (data) => {
@@ -196,39 +198,43 @@ class Connection {
       throw new SettingsError('PARSE', `expected ${next ? next.head : 'a notice'}, found ${message.head}`);
     }
     const result = message.head === 'data' ? parseDocument(message.lists[0]) : message.lists[0];
-    this.waiting.shift();
-    this.unproven = false;
     next.onReply(result);
+    this.waiting.shift();
+    this.proven = next.writes;
     next.resolve(result);
   }
 
-  // No reply is due: it only goes out.
+  // No reply is due: it only goes out. Throws if the connection has ended: nothing was sent.
   write(request) {
-    this.unproven = true;
+    if (!this.isOpen) throw this.error;
+    this.writes++;
     this.socket.write(request, 'latin1');
   }
 
   // head: with which the reply begins. onReply: gets it at once, before anything that came behind it is looked at.
   exchange(request, head, timeout, onReply = () => {}) {
-    this.socket.write(request, 'latin1');
+    if (this.isOpen) this.socket.write(request, 'latin1');
     return this.await(head, timeout, { onReply });
   }
 
   // isOptional: an older daemon answers nothing; there is a reply that begins with "data" due behind it.
   await(head, timeout, { onReply = () => {}, isOptional = false } = {}) {
+    if (!this.isOpen) return Promise.reject(this.error);
     return new Promise((resolve, reject) => {
       const timer = setTimeout(() => this.end(new SettingsError('TIMEOUT', `no reply within ${timeout} ms`)), timeout);
       const done = (finish) => (value) => {
         clearTimeout(timer);
         finish(value);
       };
-      this.waiting.push({ head, onReply, isOptional, resolve: done(resolve), reject: done(reject) });
+      const { writes } = this;
+      this.waiting.push({ head, onReply, isOptional, writes, resolve: done(resolve), reject: done(reject) });
     });
   }
 
   end(error) {
     if (!this.isOpen) return;
     this.isOpen = false;
+    this.error = error;
     this.socket.destroy();
     for (const each of this.waiting.splice(0)) each.reject(error);
     this.onEnd(error);
@@ -266,6 +272,18 @@ function whereIs(address) {
 }
 
 // ---- watches
+
+// What a callback throws is the program's own error, as that of any listener: the other changes are reported all the
+// same, and the connection goes on.
+function report(callback, ...values) {
+  try {
+    callback(...values);
+  } catch (error) {
+    process.nextTick(() => {
+      throw error;
+    });
+  }
+}
 
 // Has a connection of its own. known: what its groups held when changes were last reported.
 class Watch {
@@ -306,7 +324,7 @@ class Watch {
         await this.begin((now) => {
           if (this.isClosed) return;
           this.compare(now);
-          this.onResync();
+          report(this.onResync);
         });
         if (this.isClosed) this.close();
       } catch (error) {
@@ -333,11 +351,11 @@ class Watch {
       for (const key of new Set([...old.keys(), ...now.keys()])) {
         if (old.get(key) !== now.get(key)) {
           const value = (keys) => (keys.has(key) ? keys.get(key) : null);
-          this.onChange({ group, key, old: value(old), new: value(now), gone });
+          report(this.onChange, { group, key, old: value(old), new: value(now), gone });
         }
       }
       if (old.size + now.size === 0 && before.has(group) !== next.has(group)) {
-        this.onChange({ group, key: null, old: null, new: null, gone });
+        report(this.onChange, { group, key: null, old: null, new: null, gone });
       }
     }
   }
@@ -364,7 +382,7 @@ class Store {
     if (!this.opening) {
       let connection = null;
       const forget = () => {
-        if (connection && connection.unproven) this.hasLostWrite = true;
+        if (connection && connection.proven < connection.writes) this.hasLostWrite = true;
         if (this.opening === opening) this.opening = null;
       };
       const opening = open(this.address, this.timeout, () => {}, forget).then((made) => (connection = made));
@@ -418,7 +436,9 @@ class Store {
   async decide(connection, request) {
     const result = await connection.exchange(request, 'result', this.timeout);
     if (result[0] !== 'ok' && result[0] !== 'failure') {
-      connection.end(new SettingsError('PARSE', `expected "ok" or "failure", found ${result[0]}`));
+      const error = new SettingsError('PARSE', `expected "ok" or "failure", found ${result[0]}`);
+      connection.end(error);
+      throw error;
     }
     return result[0] === 'ok';
   }
@@ -426,7 +446,7 @@ class Store {
   // An older daemon does not answer: the reply of the request behind it comes then.
   async features(connection) {
     if (!connection.features) {
-      connection.socket.write('info features\nget delimited\n.\n', 'latin1');
+      if (connection.isOpen) connection.socket.write('info features\nget delimited\n.\n', 'latin1');
       const shown = connection.await('Features', this.timeout, { isOptional: true });
       const [lines] = await Promise.all([shown, connection.await('data', this.timeout)]);
       connection.features = lines ? lines.slice(1).map((line) => line.split(' ')[0]) : [];
@@ -434,13 +454,15 @@ class Store {
     return connection.features;
   }
 
-  // Throws LOST if a connection was lost before a write that was sent over it was proven.
+  // Throws LOST if a connection was lost before a write that was sent over it was proven. A flush that fails otherwise,
+  // by its time, leaves that to the next one.
   async flush() {
     try {
       await (await this.connection()).exchange('get delimited\n.\n', 'data', this.timeout);
       if (this.hasLostWrite) throw new SettingsError('LOST', 'a connection was lost, and a write with it perhaps');
-    } finally {
-      this.hasLostWrite = false;
+    } catch (error) {
+      if (error.code === 'LOST') this.hasLostWrite = false;
+      throw error;
     }
   }
 

@@ -62,11 +62,15 @@ class ProtocolStore : public Store {
   }
 
   void Flush() override {
-    ProtocolClient& client = GetClient();
-    const bool hasLostWrite = std::exchange(_hasLostWrite, false);
-    client.Flush();
+    try {
+      GetClient().Flush();
+    } catch (const ProtocolException& exception) {
+      if (exception.GetReason() == ProtocolException::Reason::kLost) _isUnproven = _hasLostWrite = false;  // reported
+      throw;
+    }
     _isUnproven = false;
-    if (hasLostWrite) throw StoreError("LOST", "a connection was lost before a write was carried out");
+    if (std::exchange(_hasLostWrite, false))
+      throw StoreError("LOST", "a connection was lost before a write was carried out");
   }
 
   void Watch(int number, const Groups& names, bool isInitial) override {
