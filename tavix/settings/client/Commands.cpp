@@ -85,6 +85,10 @@ bool AmendCommand::HandleResponse(std::istream& is) {
   return _success;
 }
 
+bool FeaturesCommand::IsAbout(const std::string& line, const std::string& name) {
+  return line.compare(0, line.find(' '), name) == 0;
+}
+
 void FeaturesCommand::SendRequest(std::ostream& os) {
   os << protocol::kInfo << ' ' << protocol::kFeatures << '\n' << protocol::kGet << ' ' << protocol::kDelimited << '\n';
   EndRequest(os);
@@ -108,7 +112,7 @@ bool FeaturesCommand::HandleResponse(std::istream& is) {
 void FeaturesCommand::ReadList(std::istream& is) {
   _hasList = true;
   for (std::string line; std::getline(is, line) && !line.empty();) {
-    if (line == protocol::kAmend) _success = true;
+    if (IsAbout(line, protocol::kAmend)) _success = true;
   }
 }
 

@@ -68,6 +68,9 @@ class AmendCommand : public RemoteCommand {
 // two parts, or one. The outcome, also left in _success: whether the server knows amendments.
 class FeaturesCommand : public RemoteCommand {
  public:
+  // Whether a line of the list is about that feature: its first word is the name.
+  static bool IsAbout(const std::string& line, const std::string& name);
+
   void SendRequest(std::ostream& os) override;
   bool Accepts(const std::string& word) override;
   bool HandleResponse(std::istream& is) override;

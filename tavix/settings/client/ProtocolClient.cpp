@@ -301,12 +301,13 @@ std::string ProtocolClient::TakeRefusal() {
 std::optional<ProtocolClient::Groups> ProtocolClient::GetFeatures() {
   const std::optional<std::string> lines = AskInfo(*_exchange, protocol::kFeatures, "Features");
   std::optional<Groups> features;
+  bool canAmend = false;
   if (lines) {
     features.emplace();
     for (size_t at = 0, end = 0; (end = lines->find('\n', at)) != std::string::npos; at = end + 1)
-      features->insert(lines->substr(at, end - at));
+      canAmend |= FeaturesCommand::IsAbout(*features->insert(lines->substr(at, end - at)).first, protocol::kAmend);
   }
-  _canAmend = features && features->count(protocol::kAmend) > 0;
+  _canAmend = canAmend;
   return features;
 }
 

@@ -25,7 +25,7 @@ using testing::ThrowsMessage;
 using Client = settings::TavixSettingsClient;
 
 constexpr char kAsk[] = "info features\nget delimited\n.\n";
-constexpr char kFeatures[] = "Features\n--------\namend\nlater\n\n";
+constexpr char kFeatures[] = "Features\n--------\namend 2\nlater\n\n";
 constexpr char kNothing[] = "data\n.\n";
 constexpr char kNotice[] = "async change\nA\n.\n[A]\nx=1\n.\n";
 constexpr char kTooOld[] = "Amend can't be called: tavix-settings-server is older than this request";

@@ -21,7 +21,7 @@ using testing::IsEmpty;
 using testing::Pair;
 
 constexpr char kAsk[] = "info features\nget delimited\n.\n";
-constexpr char kFeatures[] = "Features\n--------\namend\nhistory 1 5\n\n";
+constexpr char kFeatures[] = "Features\n--------\namend 2\nhistory 1 5\n\n";
 constexpr char kNothing[] = "data\n.\n";
 constexpr char kNotice[] = "async change\na\n.\n[a]\nk=2\n.\n";
 
@@ -132,7 +132,7 @@ TEST_F(ProtocolClientAmend, AnswerThatIsNoneEndsTheConnection) {
 TEST_F(ProtocolClientAmend, FeaturesAreTheirLines) {
   Answer({kFeatures + std::string(kNothing), "Features\n--------\n\n" + std::string(kNothing), kNothing});
   Client client(Patient());
-  EXPECT_THAT(*client.GetFeatures(), ElementsAre("amend", "history 1 5"));
+  EXPECT_THAT(*client.GetFeatures(), ElementsAre("amend 2", "history 1 5"));
   EXPECT_THAT(*client.GetFeatures(), IsEmpty());
   EXPECT_FALSE(client.GetFeatures());
 }
