@@ -4,6 +4,8 @@ A right client passes, each mistake fails the case that is named for it, and the
 """
 
 import os
+import select
+import shlex
 import signal
 import socket
 import subprocess
@@ -45,11 +47,11 @@ def run(*arguments):
 
 
 def client(*arguments):
-    return " ".join([sys.executable, str(FOLDER / "plain_client.py"), *arguments])
+    return shlex.join([sys.executable, str(FOLDER / "plain_client.py"), *arguments])
 
 
 def odd_client(*arguments):
-    return " ".join([sys.executable, str(FOLDER / "odd_client.py"), *arguments])
+    return shlex.join([sys.executable, str(FOLDER / "odd_client.py"), *arguments])
 
 
 class Kit(unittest.TestCase):
@@ -73,10 +75,11 @@ class Kit(unittest.TestCase):
                 self.assertEqual((result.returncode, result.stdout.count("\nok 1 - ")), (0, 1), result.stdout)
 
     def test_a_failed_case_shows_the_bytes_of_both_sides_and_how_to_run_it_alone(self):
-        output = run("--client", client("first-bracket"), "--only", "last-bracket-ends-a-name", "--seed", "7").stdout
+        words = ["--client", client("first-bracket"), "--only", "last-bracket-ends-a-name", "--seed", "7"]
+        output = run(*words).stdout
         self.assertIn("# connection 1 to daemon: 'get delimited\\n*\\n.\\n'\n", output)
         self.assertIn("# daemon to connection 1: 'data\\n[a]b]\\n", output)
-        self.assertRegex(output, "# alone: .*run --client '.*first-bracket' --only last-bracket-ends-a-name --seed 7\n")
+        self.assertIn(f"# alone: {shlex.join([str(RUN), *words])}\n", output)
 
     def test_features_that_the_client_does_not_name_are_skipped_and_counted(self):
         result = run("--client", client(), "--only", "old-daemon-lacks-amend")
@@ -109,14 +112,22 @@ class Kit(unittest.TestCase):
             fifo, inner = os.path.join(outer, "fifo"), os.path.join(outer, "inner")
             os.mkfifo(fifo)
             os.mkdir(inner)
+            reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+            self.addCleanup(os.close, reader)
             words = [sys.executable, str(RUN), "--client", odd_client("hangs", fifo)]
             words += ["--daemon", DAEMON, "--only", "any-byte"]
             with subprocess.Popen(words, stdout=subprocess.DEVNULL, env={**os.environ, "TMPDIR": inner}) as process:
-                open(fifo).close()  # it is inside of the case
+                self.assertTrue(self.is_written(reader, process), "it is inside of the case")
                 self.assertNotEqual(os.listdir(inner), [])
                 process.terminate()
                 self.assertEqual(process.wait(LIMIT), 128 + signal.SIGTERM)
             self.assertEqual(os.listdir(inner), [])
+
+    def is_written(self, fifo, process):
+        """Waits for it; False when the process ended without."""
+        ended = os.pidfd_open(process.pid)
+        self.addCleanup(os.close, ended)
+        return fifo in select.select([fifo, ended], [], [], LIMIT)[0]
 
     def test_a_file_that_a_handler_has_closed_is_not_handled(self):
         hub = Hub()
