@@ -163,9 +163,10 @@ TEST(ConnectionLimits, DaemonWithoutAFreeDescriptorRefusesConnectionsAndServesTh
   Daemon daemon(directory);
   std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
   WarmUp(daemon);
-  SetDescriptorLimit(daemon, 12);
+  const rlim_t before = SetDescriptorLimit(daemon, 12);
   EXPECT_THAT(Open(daemon.GetPort(), 100), testing::IsEmpty());
   ExpectNoSpinning(daemon, clients.back());
+  SetDescriptorLimit(daemon, before);  // a sanitizer needs some at the end
 }
 
 TEST(ConnectionLimits, DaemonThatCanNotEvenRefuseLetsConnectionsWaitAndDoesNotSpin) {
