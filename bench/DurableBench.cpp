@@ -160,6 +160,7 @@ void MeasureOnSlowDisk(Recorder& recorder, const SlowDisk& disk) {
   }
   const double perSecond = MeasureClosedLoop(connections, scripts, recorder.Choose(0.1, 0.3));
   recorder.Add(SlowName(kOurs, disk, "two changes"), kOperationsPerSecond, perSecond);
+  // The floor: what this machine makes of the sleep that stands for a sync.
   const double sync = Timed([&] { std::this_thread::sleep_for(std::chrono::milliseconds(disk.milliseconds)); });
   recorder.Add(SlowName(kFloor, disk, "all in each sync"), kOperationsPerSecond, disk.connections * 1e6 / sync);
 }

@@ -12,8 +12,8 @@ _TREE = Path(__file__).resolve().parents[2]
 sys.dont_write_bytecode = True
 sys.path[:0] = [str(_TREE / "bindings" / "python"), str(_TREE / "conformance")]
 
-import tavix_settings  # noqa: E402
-from kit.byte_json import document_from_json, name_to_json, names_from_json, value_to_json  # noqa: E402
+import tavix_settings
+from kit.byte_json import document_from_json, name_to_json, names_from_json, value_to_json
 
 FEATURES = [
     *("get", "merge", "test-and-merge", "overwrite", "amend", "restore", "watch", "unwatch", "flush"),

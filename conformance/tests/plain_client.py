@@ -26,9 +26,9 @@ from typing import Any, Dict, List, Optional, Tuple
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from kit import text  # noqa: E402
-from kit.byte_json import document_from_json, document_to_json, name_to_json, names_from_json, value_to_json  # noqa: E402
-from kit.requests import is_match  # noqa: E402
+from kit import text
+from kit.byte_json import document_from_json, document_to_json, name_to_json, names_from_json, value_to_json
+from kit.requests import is_match
 
 Json = Dict[str, Any]
 MAX_LINE = 32 * 1024 * 1024

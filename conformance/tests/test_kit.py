@@ -17,7 +17,7 @@ from pathlib import Path
 FOLDER = Path(__file__).resolve().parent
 sys.path.insert(0, str(FOLDER.parent))
 
-from kit.hub import Hub  # noqa: E402
+from kit.hub import Hub
 
 RUN = FOLDER.parent / "run"
 LIMIT = 900  # seconds

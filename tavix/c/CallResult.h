@@ -33,8 +33,9 @@ struct Argument {
 // A call's body, which returns a code. It does not outlive the call.
 class CallBody {
  public:
+  // Not explicit, so that a call passes its lambda as it stands.
   template <class Body>
-  CallBody(const Body& body)  // NOLINT(google-explicit-constructor)
+  CallBody(const Body& body)
       : _body(&body), _run([](const void* callable) { return (*static_cast<const Body*>(callable))(); }) {}
 
   int32_t Run() const { return _run(_body); }
