@@ -212,7 +212,8 @@ class Store(Closing):
         Throws ConnectionLostError with outcome_unknown if a connection was lost since the last flush() before anything
         proved that the writes sent over it were carried out.
         """
-        self._in_turn(self._flush)
+        reported = self._writes.reported
+        self._in_turn(lambda deadline: self._flush(reported, deadline))
 
     @overload
     def dump(self, *, raw: Literal[False] = ...) -> str: ...
@@ -305,16 +306,16 @@ class Store(Closing):
         if feature not in connection.features:
             raise UnsupportedError(f"the daemon at {self._address} is too old: it does not know {feature.decode()}")
 
-    def _flush(self, deadline: Optional[float]) -> None:
+    def _flush(self, reported: int, deadline: Optional[float]) -> None:
         try:
             self._exchange(calls.flush(), deadline)
         except SettingsError as error:
-            error.outcome_unknown = self._writes.has_lost
+            error.outcome_unknown = self._writes.has_lost_since(reported)
+            if isinstance(error, ConnectionLostError):
+                self._writes.note_reported()  # a time-out reports no loss: the next flush does
             raise
-        finally:
-            has_lost = self._writes.has_lost
-            self._writes.forget_lost()
-        if has_lost:
+        if self._writes.has_lost_since(reported):
+            self._writes.note_reported()
             raise calls.unproven(self._address)
 
     def _connect(self, deadline: Optional[float]) -> _Connection:

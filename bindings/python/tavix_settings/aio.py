@@ -249,16 +249,16 @@ class AsyncStore(AsyncClosing):
 
     async def flush(self) -> None:
         """See Store.flush()."""
-        deadline = self._begin()
+        reported = self._writes.reported
         try:
-            await self._exchange(calls.flush(), deadline)
+            await self._exchange(calls.flush(), self._begin())
         except SettingsError as error:
-            error.outcome_unknown = self._writes.has_lost
+            error.outcome_unknown = self._writes.has_lost_since(reported)
+            if isinstance(error, ConnectionLostError):
+                self._writes.note_reported()  # a time-out reports no loss: the next flush does
             raise
-        finally:
-            has_lost = self._writes.has_lost
-            self._writes.forget_lost()
-        if has_lost:
+        if self._writes.has_lost_since(reported):
+            self._writes.note_reported()
             raise calls.unproven(self._address)
 
     @overload

@@ -159,6 +159,35 @@ def test_a_flush_reports_writes_that_a_connection_took_along(connect):
         store.flush()
 
 
+def test_a_flush_that_runs_out_of_time_leaves_the_report_to_the_next(connect):
+    def serve(connection, number):
+        if number == 0:
+            wait_for_end(connection)
+        else:
+            while read_request(connection) == b"get delimited\n.\n":
+                connection.sendall(b"data\n.\n")
+
+    with Peer(serve) as peer:
+        store = connect(peer.address, timeout=0.1)
+        store.merge({"A": {"x": "1"}})
+        with pytest.raises(tavix_settings.SettingsTimeoutError) as caught:
+            store.flush()
+        assert caught.value.outcome_unknown
+        with pytest.raises(tavix_settings.ConnectionLostError) as caught:
+            flush_until_in_time(store)
+        assert caught.value.outcome_unknown
+        flush_until_in_time(store)
+
+
+def flush_until_in_time(store):
+    deadline = time.monotonic() + PATIENCE
+    while True:
+        try:
+            return store.flush()
+        except tavix_settings.SettingsTimeoutError:
+            assert time.monotonic() < deadline
+
+
 def test_a_reply_proves_the_writes_before_it(connect):
     def serve(connection, number):
         if number == 0:
