@@ -40,6 +40,16 @@ std::string SpellLine(const std::string& line) {
   return spelled;
 }
 
+// The first word of a line is the name of a feature; what follows describes it.
+std::map<std::string, std::string> ByFirstWord(const std::set<std::string>& lines) {
+  std::map<std::string, std::string> features;
+  for (const std::string& line : lines) {
+    const size_t end = std::min(line.find(' '), line.size());
+    features.emplace(line.substr(0, end), line.substr(std::min(end + 1, line.size())));
+  }
+  return features;
+}
+
 ProtocolClient::Trace Spelled(const DaemonSession::Trace& trace) {
   if (!trace) return nullptr;
   return [trace](char direction, const std::string& line) { trace(direction, SpellLine(line)); };
@@ -123,14 +133,16 @@ std::map<std::string, std::string> DaemonSession::GetServerInfo() {
 }
 
 // Asked once: the answer is the connection's.
-const std::set<std::string>* DaemonSession::FindFeatures() {
-  if (!_hasAskedFeatures) _features = Run([&] { return _client->GetFeatures(); });
-  _hasAskedFeatures = true;
+const std::map<std::string, std::string>* DaemonSession::FindFeatures() {
+  if (!_hasAskedFeatures) {
+    if (const auto lines = Run([&] { return _client->GetFeatures(); })) _features = ByFirstWord(*lines);
+    _hasAskedFeatures = true;
+  }
   return _features ? &*_features : nullptr;
 }
 
 bool DaemonSession::CanAmend() {
-  const std::set<std::string>* features = FindFeatures();
+  const std::map<std::string, std::string>* features = FindFeatures();
   return features != nullptr && features->count("amend") != 0;
 }
 

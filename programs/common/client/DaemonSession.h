@@ -1,6 +1,9 @@
 #pragma once
 
+#include <map>
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 #include "programs/common/client/Session.h"
@@ -49,7 +52,8 @@ class DaemonSession : public Session {
   template <class Call>
   auto Run(Call call) const;
 
-  const std::set<std::string>* FindFeatures();
+  // What the server reports behind the names of its features; null: it is too old to report any.
+  const std::map<std::string, std::string>* FindFeatures();
 
   // parts: all that the change names.
   template <class... Parts>
@@ -57,7 +61,7 @@ class DaemonSession : public Session {
 
   const std::string _hint;
   std::string _note;  // empty: none
-  std::optional<std::set<std::string>> _features;
+  std::optional<std::map<std::string, std::string>> _features;
   bool _hasAskedFeatures = false;
   std::unique_ptr<settings::client::ProtocolClient> _client;
 };

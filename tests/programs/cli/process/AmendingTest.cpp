@@ -219,6 +219,19 @@ TEST(CommandThatAmends, ChangeBySomebodyElseHasTheGroupReadAgain) {
   EXPECT_EQ(outcome.status, 0);
 }
 
+TEST(CommandThatAmends, KnowsAFeatureByItsFirstWord) {
+  const Exchange::value_type described{kFeatures.first, "Features\n--------\namend later words\n\ndata\n.\n"};
+  const Outcome outcome = RunBeside({{"get delimited\nA\n.\n", "data\n[A]\nb=1\n.\n"},
+                                     described,
+                                     {"get delimited\nA\n.\n", "data\n[A]\nb=1\n.\n"},
+                                     {"amend\n[A]\nb=1\n.\n.\n.\n.\n[A]\n.\n", "result\nok\n"},
+                                     {"get delimited\nA\n.\n", "data\n.\n"},
+                                     kServer},
+                                    {"delete", "A"});
+  EXPECT_EQ(outcome.errors, "done: 1 group deleted\n");
+  EXPECT_EQ(outcome.status, 0);
+}
+
 TEST(CommandThatAmends, SendsItsNoteInFrontOfTheChange) {
   const Outcome outcome =
       RunBeside({kFeatures, {"note site 4\nmerge\n[A]\nb=1\n.\nget delimited\nA\n.\n", "data\n[A]\nb=1\n.\n"}, kServer},
