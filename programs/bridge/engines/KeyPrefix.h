@@ -1,0 +1,23 @@
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace tavix::bridge {
+
+// What Engine::Follow takes: a prefix that ends with "/" stands for all keys below it, anything else for one key.
+inline bool IsTree(const std::string& prefix) {
+  return !prefix.empty() && prefix.back() == '/';
+}
+
+inline bool IsFollowedBy(const std::string& prefix, const std::string& key) {
+  return IsTree(prefix) ? key.size() > prefix.size() && key.compare(0, prefix.size(), prefix) == 0 : key == prefix;
+}
+
+inline bool IsFollowedByAny(const std::vector<std::string>& prefixes, const std::string& key) {
+  return std::any_of(prefixes.begin(), prefixes.end(),
+                     [&](const std::string& prefix) { return IsFollowedBy(prefix, key); });
+}
+
+}  // namespace tavix::bridge
