@@ -17,6 +17,11 @@ inline std::string JournalOf(const std::string& path) {
   return path + ".journal";
 }
 
+// Who changed what in it. A second one has ".1" behind its name.
+inline std::string HistoryOf(const std::string& path) {
+  return path + ".history";
+}
+
 // The file as it was before.
 inline std::string BackupOf(const std::string& path) {
   return path + ".bak";

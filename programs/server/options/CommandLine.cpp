@@ -129,6 +129,8 @@ Options ReadOptions(const std::vector<GivenOption>& commandLine) {
   all.erase(std::remove_if(all.begin(), all.end(), isOverruled), all.end());
   all.insert(all.end(), commandLine.begin(), commandLine.end());
   options = MakeOptions(FindDefaultLimits(), all);
+  if (options.historyBytes > 0 && options.userSettings.empty())
+    throw osa::Exception("--history: there is nothing to keep a history of without --user-settings");
   SetDefaults(options);
   return options;
 }

@@ -81,6 +81,14 @@ void SetUserSettings(Options& options, const std::string& value) {
   options.userSettings = value;
 }
 
+void SetHistory(Options& options, const std::string& value) {
+  constexpr unsigned long long kMin = 16 * 1024;
+  constexpr unsigned long long kMax = 64 * 1024 * 1024;
+  const unsigned long long bytes = ParseLongNumber(value, 0, kMax);
+  if (bytes > 0 && bytes < kMin) throw osa::Exception("expected 0, or a number from %llu to %llu", kMin, kMax);
+  options.historyBytes = static_cast<size_t>(bytes);
+}
+
 void SetLogFile(Options& options, const std::string& value) {
   if (!value.empty() && value.front() != '/') throw osa::Exception("expected an absolute path");
   options.log.file = value;
@@ -138,6 +146,10 @@ std::vector<OptionEntry> MakeTable() {
        "what a power cut may take back of them: always, nothing that anybody was shown; a time such as 250ms or 2s, "
        "what was changed in that time; none, what the system had not written yet (always)",
        [](Options& options, const std::string& value) { options.durability = ParseDurability(value); }},
+      {"", "history", "BYTES", Kind::kValue, true,
+       "keep who changed what in them, and what it was before, in so many bytes beside them, from 16 KiB to 64 MiB; 0: "
+       "not at all (0)",
+       SetHistory},
       {"", "stop-timeout", "S", Kind::kValue, true,
        "how long the daemon waits for the disk when it is ended; what is not saved then is lost (10)",
        Number(&Options::stopSeconds, kMaxSeconds)},

@@ -44,6 +44,7 @@ struct Options {
   LayerSources restricted;
   std::string userSettings;  // a file; empty: nothing is persisted
   Durability durability;     // of that file
+  size_t historyBytes = 0;   // of its history; 0: there is none
   size_t stopSeconds = 10;   // for what is to be saved at the end
 
   std::string metricsFile;  // empty: none

@@ -57,12 +57,13 @@ RecordLine ChangeInParts::Seal() {
   }
   _removed = TextOfDocument(removed);
   _extensions = TextOfDocument(extensions);
-  line.removed = _removed.size();
+  line.removed = _history.size() + _removed.size();
   line.set = _bytes + _extensions.size();
   return line;
 }
 
 void ChangeInParts::WriteTexts(const std::function<void(std::string_view)>& write) const {
+  write(_history);
   write(_removed);
   for (const auto& text : _texts) write(text.second.text);
   write(_extensions);
@@ -71,6 +72,7 @@ void ChangeInParts::WriteTexts(const std::function<void(std::string_view)>& writ
 Change ChangeInParts::GetChange() const {
   Change change;
   change.extends = !_extensions.empty();
+  change.history = _history;
   change.removed = _removed;
   for (const auto& text : _texts) change.set += text.second.text;
   change.set += _extensions;

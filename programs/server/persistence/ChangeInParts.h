@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/JournalText.h"
@@ -35,6 +36,9 @@ class ChangeInParts {
   // Whether no group was added.
   bool IsEmpty() const { return _texts.empty() && _missing.empty() && _added.IsEmpty(); }
 
+  // Entries of the history, to be written before the two texts.
+  void SetHistory(std::string entries) { _history = std::move(entries); }
+
   RecordLine Seal();
 
   // The sealed change's two texts, in pieces; and the change as a whole.
@@ -57,8 +61,9 @@ class ChangeInParts {
   std::set<std::string> _missing;  // groups whose text has to be made
   core::IniFile _added;            // what further groups have got
   size_t _bytes = 0;               // of all texts
-  std::string _removed;            // the first text, once it is sealed
-  std::string _extensions;         // how the second one ends
+  std::string _history;
+  std::string _removed;     // the first text, once it is sealed
+  std::string _extensions;  // how the second one ends
 };
 
 }  // namespace tavix::daemon

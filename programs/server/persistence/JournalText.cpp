@@ -166,10 +166,12 @@ std::string RecordLine::Encode(uint32_t checksum) const {
 }
 
 std::string EncodeRecord(const Change& change, uint32_t& checksum) {
-  const RecordLine line{change.extends, change.removed.size(), change.set.size()};
-  checksum = Checksum(change.set, Checksum(change.removed, line.BeginChecksum(checksum)));
+  const RecordLine line{change.extends, change.history.size() + change.removed.size(), change.set.size()};
+  checksum = line.BeginChecksum(checksum);
+  for (const std::string* text : {&change.history, &change.removed, &change.set}) checksum = Checksum(*text, checksum);
   std::string record = line.Encode(checksum);
-  record.reserve(record.size() + change.removed.size() + change.set.size());
+  record.reserve(record.size() + line.removed + line.set);
+  record += change.history;
   record += change.removed;
   record += change.set;
   return record;

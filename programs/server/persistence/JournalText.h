@@ -14,10 +14,13 @@ namespace tavix::daemon {
 // What one change made of the user layer: settings texts of the groups that are gone (headers only), and of those that
 // are new or different, whole. A change that extends groups names in the first text those that are replaced, too; what
 // else stands in the second is added to what its groups hold.
+//
+// What stands before the first text are comments: the entries of the history.
 struct Change {
   std::string removed;
   std::string set;
   bool extends = false;
+  std::string history = {};
 };
 
 // userSettings: after the change. added: what further groups have got, which are the same else.

@@ -25,15 +25,17 @@ SharedUserLayer::SharedUserLayer(UserLayerSetup setup)
       _state(_setup.durability, _setup.minJournal),
       _watch(_setup.path, _setup.longDiskWork, _log),
       _gather(_setup.gather),
-      _notes(_gate) {}
+      _notes(_gate),
+      _history(_setup.historyBytes) {}
 
-void SharedUserLayer::Load(FoundUserSettings& found) {
+void SharedUserLayer::Load(FoundUserSettings& found, uint64_t historyEnd) {
   UserLayerState::Found state;
   if (!found.mustBeWritten) state.snapshot = found.snapshot;
   state.nextGeneration = found.nextGeneration;
   state.snapshotBytes = found.snapshotBytes;
   state.mustBeWritten = found.mustBeWritten;
   const osa::PlainMutexLock lock(_mutex);
+  if (_history.IsOn()) _history.Load(found.history, historyEnd);
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   state.hasJournal = _journal != nullptr;
   state.isInPlace = _journal && _journal->IsInPlace();
@@ -42,15 +44,20 @@ void SharedUserLayer::Load(FoundUserSettings& found) {
 }
 
 // The gate knows the change before it is appended: nobody may see it without the ticket.
-DurabilityGate::Ticket SharedUserLayer::Save(const core::IniFile& userSettings,
-                                             const std::set<std::string>& changedGroups, const core::IniFile& added) {
-  const bool isLarge = IsLargeChange(userSettings, changedGroups, added, _setup.largeChange);
+DurabilityGate::Ticket SharedUserLayer::Save(const SavedChange& saved) {
+  std::optional<HistoryLines> history;
+  if (saved.before) history = TryToDescribeForHistory(saved);
+  const bool isLarge = IsLarge(saved, history);
   std::optional<Change> change;
-  if (!isLarge) change = TryToDescribe(userSettings, changedGroups, added);
+  if (!isLarge) change = TryToDescribe(saved.userSettings, saved.changedGroups, saved.added);
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   const osa::PlainMutexLock lock(_mutex);
   const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
-  const Ticket ticket = _notes.Note(changedGroups, added, steps.holdsChange, steps.write == Steps::Write::kLater);
+  const Ticket ticket =
+      _notes.Note(saved.changedGroups, saved.added, steps.holdsChange, steps.write == Steps::Write::kLater);
+  std::string entry;
+  if (saved.before) entry = _history.Add(std::move(history));
+  if (change) change->history = std::move(entry);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
   return ticket;
@@ -65,10 +72,17 @@ void SharedUserLayer::Append(Steps::Write write, const Change& change) {
     } else {
       _journal->Append(change, isBatched ? Journal::Write::kBuffered : Journal::Write::kAtOnce);
     }
+    _history.OnJournaled();
     Perform(_state.OnAppended(_journal->GetEnd()));
   } catch (const std::exception& exception) {
     Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
   }
+}
+
+// Old values count as well: they are written with the new ones.
+bool SharedUserLayer::IsLarge(const SavedChange& change, const std::optional<HistoryLines>& history) const {
+  return (history && history->change.size() > _setup.largeChange) ||
+         IsLargeChange(change.userSettings, change.changedGroups, change.added, _setup.largeChange);
 }
 
 // No lock of the store is held: other changes may have come.
@@ -196,6 +210,7 @@ CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<N
   if (pending.Count() > kFewGroups && !isLast) return CloseResult::kMore;
   change.Add(pending.TakeChanges());
   while (change.MakePart(layer)) continue;
+  change.SetHistory(_history.GetUnjournaled());
   const RecordLine line = change.Seal();
   if (!_journal) OpenJournal({});
   if (line.CountRecordBytes() <= _setup.largeChange) {
@@ -205,6 +220,7 @@ CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<N
   WriteBatch();
   if (!_journal) return CloseResult::kDone;  // it failed
   _journal->BeginAppend(line);
+  _history.OnJournaled();
   record = {_journal, _state.OnLateWriteBegun()};
   if (_watch.Begin(Clock::now())) _wakeSnapshot.notify_one();
   return CloseResult::kToWrite;

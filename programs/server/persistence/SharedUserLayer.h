@@ -13,6 +13,8 @@
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/DeferredLog.h"
 #include "programs/server/persistence/DurabilityGate.h"
+#include "programs/server/persistence/HistoryQueue.h"
+#include "programs/server/persistence/HistoryText.h"
 #include "programs/server/persistence/NotedChanges.h"
 #include "programs/server/persistence/SyncGather.h"
 #include "programs/server/persistence/SyncWatch.h"
@@ -23,6 +25,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/ISettingsPersister.h"
 
 namespace tavix::daemon {
 
@@ -60,12 +63,13 @@ class SharedUserLayer : private ChangeBatch::IMember {
   // The mutex for names. A thread that makes a journal, or gives one its place, holds it.
   osa::PlainMutex& GetNameMutex() TAVIX_RETURN_CAPABILITY(_nameMutex) { return _nameMutex; }
 
-  // Takes the journal over, and knows from now on what the disk has. Before all other operations.
-  void Load(FoundUserSettings& found);
+  // Takes the journal over, and knows from now on what the disk has. Before all other operations. historyEnd: the last
+  // revision that FILE.history has.
+  void Load(FoundUserSettings& found, uint64_t historyEnd = 0);
 
   // As UserSettingsPersister. Under the store's write lock. Returns the change's ticket.
-  Ticket Save(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-              const core::IniFile& added);
+  using SavedChange = settings::server::ISettingsPersister::SavedChange;
+  Ticket Save(const SavedChange& change);
 
   // Ends the waits of both threads.
   void Stop();
@@ -121,6 +125,9 @@ class SharedUserLayer : private ChangeBatch::IMember {
   // The snapshot's text is whole. Under the store's read lock.
   SnapshotMoment BeginSnapshot();
 
+  // Moves the entries up to that revision out, which FILE.history is to get.
+  std::vector<HistoryItem> TakeHistory(uint64_t revision);
+
   // Cuts zeros behind the last record off the journals, for a snapshot of so many bytes.
   void GiveRoomBack(size_t snapshotBytes);
 
@@ -158,6 +165,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
   bool MustWakeSync() const TAVIX_REQUIRES(_mutex);
   std::optional<Clock::time_point> FindSyncTime() const TAVIX_REQUIRES(_mutex);
   void Append(Steps::Write write, const Change& change) TAVIX_REQUIRES(_mutex);
+  bool IsLarge(const SavedChange& change, const std::optional<HistoryLines>& history) const;
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);
   void Perform(const Steps& steps, const char* reason = "") TAVIX_REQUIRES(_mutex);
   void GiveUpJournal() TAVIX_REQUIRES(_mutex);
@@ -174,6 +182,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
   SyncWatch _watch TAVIX_GUARDED_BY(_mutex);
   SyncGather _gather TAVIX_GUARDED_BY(_mutex);
   NotedChanges _notes TAVIX_GUARDED_BY(_mutex);
+  HistoryQueue _history TAVIX_GUARDED_BY(_mutex);
   std::condition_variable _wakeSync;
 
   // Until when "JournalSync" waits if nobody wakes it; in the past while it does not wait.

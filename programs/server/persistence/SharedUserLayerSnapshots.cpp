@@ -52,12 +52,19 @@ SnapshotMoment SharedUserLayer::BeginSnapshot() {
   const osa::PlainMutexLock lock(_mutex);
   WriteBatch();
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
+  _history.BeginSnapshot();
   SnapshotMoment moment;
+  moment.revision = _history.GetLast();
   moment.last = begin.last;
   moment.end.generation = begin.generation;
   moment.end.journalFollows = begin.journalFollows;
   if (begin.journalFollows != 0) moment.end.journalEnd = _journal ? _journal->GetEnd() : kJournalHeaderSize;
   return moment;
+}
+
+std::vector<HistoryItem> SharedUserLayer::TakeHistory(uint64_t revision) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _history.TakeUpTo(revision);
 }
 
 void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {
@@ -113,6 +120,8 @@ std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInPar
   if (_notes.GetChanged().Count() > kFewGroups && !isLast) return std::nullopt;
   change.Add(_notes.GetChanged().TakeChanges());
   while (change.MakePart(layer)) continue;
+  change.SetHistory(_history.GetUnjournaledByNext());
+  _history.OnNextJournaled();
   return _state.GetLast();
 }
 
@@ -122,6 +131,7 @@ void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shar
   _journal = std::move(next);
   _failedJournal.reset();
   _notes.FollowSnapshot();
+  _history.Follow();
   const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
   Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
 }

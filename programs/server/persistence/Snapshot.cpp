@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::string_view kFirstLine =
     "# User settings, kept by tavix-settings-server. Stop it before you edit them; keep this line and the last.\n";
+constexpr char kRevision[] = "# Revision %" SCNu64 "%c";
 constexpr std::string_view kLastLine = "# End of user settings: ";
 
 struct LastLine {
@@ -74,6 +75,17 @@ bool HasLine(std::string_view text, std::string_view begin) {
   return false;
 }
 
+// Behind the first line.
+std::optional<uint64_t> FindRevision(std::string_view text) {
+  constexpr size_t kMaxBytes = 64;
+  if (text.substr(0, kFirstLine.size()) != kFirstLine) return std::nullopt;
+  const std::string line(text.substr(kFirstLine.size(), kMaxBytes));
+  uint64_t revision = 0;
+  char feed = 0;
+  if (std::sscanf(line.c_str(), kRevision, &revision, &feed) != 2 || feed != '\n') return std::nullopt;
+  return revision;
+}
+
 bool Parse(const std::string& path, const FileContent& content, Snapshot& snapshot) {
   try {
     snapshot.settings.LoadFromMemory(content.bytes, path);
@@ -99,6 +111,10 @@ std::string FindDamage(const FileContent& content, const LastLine& line) {
 
 void BeginSnapshot(core::StringOstream& text) {
   text << kFirstLine;
+}
+
+void WriteRevision(core::StringOstream& text, uint64_t revision) {
+  text << "# Revision " << std::to_string(revision) << "\n";
 }
 
 SnapshotId EndSnapshot(core::StringOstream& text, const SnapshotEnd& end) {
@@ -132,6 +148,7 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
   snapshot.checksum = line.checksum;
   snapshot.bytes = content.bytes.size();
   snapshot.hasLongLine = HasLongLine(content.bytes);
+  snapshot.revision = FindRevision(content.bytes);
   snapshot.problem = FindDamage(content, line);
   if (!snapshot.problem.empty()) snapshot.problem = "'" + path + "': " + snapshot.problem;
   if (!snapshot.problem.empty() || !Parse(path, content, snapshot)) {

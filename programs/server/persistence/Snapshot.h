@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -39,6 +40,7 @@ struct Snapshot {
   uint32_t checksum = 0;  // as the last line says
   size_t bytes = 0;
   bool hasLongLine = false;
+  std::optional<uint64_t> revision;  // of its last change; empty: history was off
 
   SnapshotId GetId() const { return {end.generation, checksum}; }
   core::IniFile settings;
@@ -46,6 +48,7 @@ struct Snapshot {
 
 // Write what comes before and behind the settings. text: holds what the checksum covers, and nothing else.
 void BeginSnapshot(core::StringOstream& text);
+void WriteRevision(core::StringOstream& text, uint64_t revision);
 SnapshotId EndSnapshot(core::StringOstream& text, const SnapshotEnd& end);
 
 // What is not must never take the place of one that is.

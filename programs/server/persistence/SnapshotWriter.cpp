@@ -17,9 +17,11 @@ constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 
 }  // namespace
 
-SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, LayerReader readLayer)
+SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, HistoryFile& history,
+                               LayerReader readLayer)
     : _layer(layer),
       _files(files),
+      _history(history),
       _readLayer(std::move(readLayer)),
       _thread(std::make_unique<LoopThread>("Snapshot", [this] { Run(); })) {}
 
@@ -43,6 +45,7 @@ bool SnapshotWriter::Write() {
     _layer.RemoveUselessJournal(_files);
     const Text text = MakeText();
     Replace(text);
+    AppendHistory(text.revision);
     TakeOver(text.snapshot);
     return true;
   } catch (const std::exception& exception) {
@@ -64,10 +67,12 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   core::StringOstream out;
   out.Reserve(layerText.CountBytes() + kBytesAround);
   daemon::BeginSnapshot(out);
+  if (_layer.GetSetup().historyBytes > 0) WriteRevision(out, moment.revision);
   layerText.MoveTo(out);
   Text text;
   text.snapshot.id = daemon::EndSnapshot(out, moment.end);
   text.snapshot.last = moment.last;
+  text.revision = moment.revision;
   text.time = moment.end.written;
   text.bytes = out.GetText();
   text.snapshot.bytes = text.bytes.size();
@@ -98,6 +103,17 @@ bool SnapshotWriter::RemoveBackup() {
   _layer.GetLog().AddWarning(("'" + programs::BackupOf(_layer.GetSetup().path) + "'").c_str(),
                              " is removed to make room: the disk is full, and the user settings come first");
   return true;
+}
+
+// What the snapshot holds will be in no journal any more. Entries before it stands could be of changes that the power
+// takes back.
+void SnapshotWriter::AppendHistory(uint64_t revision) {
+  if (_layer.GetSetup().historyBytes == 0) return;
+  try {
+    _history.Append(_layer.TakeHistory(revision));
+  } catch (const std::exception& exception) {
+    _layer.GetLog().AddWarning(ReasonOf(exception), "; the last changes are missing in the history");
+  }
 }
 
 // The snapshot stands, and holds all changes up to its last one; those since begin a journal of their own. Until that

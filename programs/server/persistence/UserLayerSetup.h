@@ -43,6 +43,9 @@ struct UserLayerSetup {
 
   // In bytes: a journal makes a snapshot due once it is longer than this, and than the last snapshot.
   uint64_t minJournal = 256 * 1024;
+
+  // What the history may take on the disk; 0: there is none.
+  size_t historyBytes = 0;
 };
 
 }  // namespace tavix::daemon

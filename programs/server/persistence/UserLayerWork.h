@@ -47,6 +47,7 @@ enum class CloseResult {
 struct SnapshotMoment {
   SnapshotEnd end;  // without the time
   UserLayerState::Ticket last = 0;
+  uint64_t revision = 0;  // of the last change
 };
 
 }  // namespace tavix::daemon

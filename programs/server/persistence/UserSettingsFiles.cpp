@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "programs/common/SettingsFileNames.h"
+#include "programs/server/persistence/HistoryText.h"
 #include "programs/server/persistence/LongLine.h"
 #include "programs/server/persistence/PieceWriter.h"
 #include "programs/server/persistence/StartReads.h"
@@ -59,11 +60,23 @@ FoundJournal LookAt(FileSystem& files, const std::string& path, const Snapshot& 
   return found;
 }
 
+// Of the changes that the snapshot holds. A journal before the one that the snapshot names may have been shown, and that
+// one may never have taken its place.
+void AddEarlierEntries(const FoundJournal& journal, const SnapshotEnd& snapshot, FoundUserSettings& found) {
+  JournalReader reader(journal.content.bytes);
+  if (!reader.IsJournal()) return;
+  const bool isOld = journal.changesFrom == 0 && reader.GetFollowed().generation < snapshot.generation;
+  while ((isOld || reader.GetEnd() < journal.changesFrom) && reader.Next())
+    found.history.Add(reader.GetRemoved(), reader.GetSet(), true);
+}
+
 // Behind the last change that could be read.
-JournalReader Replay(const FoundJournal& journal, core::IniFile& settings) {
+JournalReader Replay(const FoundJournal& journal, FoundUserSettings& found) {
   JournalReader reader(journal.content.bytes);
   for (uint64_t begin = reader.GetEnd(); reader.Next(); begin = reader.GetEnd()) {
-    if (begin >= journal.changesFrom) ApplyChange(settings, reader.GetRemoved(), reader.GetSet(), reader.Extends());
+    if (begin < journal.changesFrom) continue;
+    ApplyChange(found.settings, reader.GetRemoved(), reader.GetSet(), reader.Extends());
+    found.history.Add(reader.GetRemoved(), reader.GetSet(), false);
   }
   return reader;
 }
@@ -105,6 +118,8 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   found.snapshot = snapshot.GetId();
   found.snapshotBytes = snapshot.bytes;
   found.hasLongLine = snapshot.hasLongLine;
+  found.history.snapshotRevision = snapshot.revision;
+  found.history.lacksEntries = snapshot.revision && snapshot.state == Snapshot::State::kEdited;
   ApplyJournal(snapshot, mayRepair, found);
   if (!mayRepair) return found;
   if (!found.mustBeWritten) RemoveLeftovers(found);
@@ -194,13 +209,15 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
     found.problems.push_back(DescribeOrphan(*journal));
     PutAside(journal->path, mayRepair, found);
   }
+  for (const FoundJournal* journal : {&inPlace, &onItsWay}) AddEarlierEntries(*journal, snapshot.end, found);
+  found.history.EndEarlier();
   // A new one that is whole holds all changes of the one before.
   const bool newCounts = onItsWay.isWhole && onItsWay.changes > 0;
   const FoundJournal& journal = newCounts ? onItsWay : inPlace;
   // One without changes does not go on: it may even end before those that the snapshot holds.
   if (journal.changes == 0 || journal.changesFrom == 0) return;
   try {
-    const JournalReader reader = Replay(journal, found.settings);
+    const JournalReader reader = Replay(journal, found);
     const std::string_view bytes = journal.content.bytes;
     found.hasLongLine = found.hasLongLine || HasLongLine(bytes.substr(0, static_cast<size_t>(reader.GetEnd())));
     const bool mayGoOn = !reader.HasMore() || NoteRest(journal, reader, mayRepair, found);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/FoundHistory.h"
 #include "programs/server/persistence/Journal.h"
 #include "programs/server/persistence/Snapshot.h"
 #include "tavix/core/IniFile.h"
@@ -22,7 +23,8 @@ struct FoundUserSettings {
   std::unique_ptr<Journal> journal;  // that goes on; null: there is none
   bool hasLongLine = false;          // HasLongLine is true of one of the texts
   bool isAbsent = false;
-  bool mustBeWritten = false;         // what was read stands nowhere as a whole
+  bool mustBeWritten = false;  // what was read stands nowhere as a whole
+  FoundHistory history;
   std::vector<std::string> notices;   // what is worth knowing
   std::vector<std::string> problems;  // what was damaged, and what became of it
 };

@@ -13,7 +13,10 @@ using core::IniFile;
 using settings::server::SettingsCombiner;
 
 UserSettingsPersister::UserSettingsPersister(UserLayerSetup setup, ILayerSources& sources)
-    : _sources(sources), _files(setup.files, setup.path), _layer(std::move(setup)) {}
+    : _sources(sources),
+      _files(setup.files, setup.path),
+      _history(setup.files, setup.path, setup.historyBytes),
+      _layer(std::move(setup)) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
   Stop();
@@ -25,12 +28,28 @@ void UserSettingsPersister::LoadDefaultSettings(SettingsCombiner& combiner) {
 
 void UserSettingsPersister::LoadUserSettings(SettingsCombiner& combiner) {
   FoundUserSettings found = _files.Find(true);
+  if (NeedsOldSettings()) LoadHistory(found);
   const core::Logger* const log = core::Logger::GetLogger("UserSettings");
   for (const std::string& problem : found.problems) log->Error("%s", problem.c_str());
   for (const std::string& notice : found.notices) log->Warning("%s", notice.c_str());
-  _layer.Load(found);
+  if (!NeedsOldSettings()) _layer.Load(found);
   _sources.OnUserSettingsFound(found);
   combiner.LoadFromIni(std::move(found.settings));
+}
+
+// A journal that does not go on loses its name to the next one.
+void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
+  const bool goesOn = found.journal && !found.mustBeWritten;
+  const uint64_t journalBegin = found.history.entries.empty() ? 0 : found.history.entries.front().revision;
+  const uint64_t historyEnd = _history.Load(journalBegin, found.problems);
+  found.history.DropEntries([this](uint64_t revision) { return _history.Has(revision); });
+  _layer.Load(found, historyEnd);
+  if (goesOn) return;
+  try {
+    _history.Append(_layer.TakeHistory(found.history.GetRevision()));
+  } catch (const std::exception& exception) {
+    found.problems.push_back(ReasonOf(exception));
+  }
 }
 
 void UserSettingsPersister::SaveUserSettings(const IniFile& userSettings) {
@@ -47,8 +66,16 @@ DurabilityGate::Ticket UserSettingsPersister::SaveChangedGroups(const IniFile& u
 DurabilityGate::Ticket UserSettingsPersister::SaveAddedSettings(const IniFile& userSettings,
                                                                 const std::set<std::string>& changedGroups,
                                                                 const IniFile& added) {
-  if (changedGroups.empty() && added.IsEmpty()) return 0;
-  return _layer.Save(userSettings, changedGroups, added);
+  return SaveChange({userSettings, changedGroups, added, {}});
+}
+
+DurabilityGate::Ticket UserSettingsPersister::SaveChange(const SavedChange& change) {
+  if (change.changedGroups.empty() && change.added.IsEmpty()) return 0;
+  return _layer.Save(change);
+}
+
+bool UserSettingsPersister::NeedsOldSettings() const {
+  return _layer.GetSetup().historyBytes > 0;
 }
 
 DurabilityGate::Ticket UserSettingsPersister::FindLastTicket(const settings::common::GroupNameMatcher& groups) {
@@ -57,7 +84,7 @@ DurabilityGate::Ticket UserSettingsPersister::FindLastTicket(const settings::com
 
 void UserSettingsPersister::Start(LayerReader readLayer) {
   _syncer = std::make_unique<JournalSyncer>(_layer, readLayer);
-  _snapshotWriter = std::make_unique<SnapshotWriter>(_layer, _files, std::move(readLayer));
+  _snapshotWriter = std::make_unique<SnapshotWriter>(_layer, _files, _history, std::move(readLayer));
 }
 
 void UserSettingsPersister::Stop() {

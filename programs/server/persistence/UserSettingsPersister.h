@@ -8,6 +8,7 @@
 #include <string>
 
 #include "programs/server/persistence/DurabilityGate.h"
+#include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/JournalSyncer.h"
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/SnapshotWriter.h"
@@ -75,6 +76,8 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   DurabilityGate::Ticket SaveAddedSettings(const core::IniFile& userSettings,
                                            const std::set<std::string>& changedGroups,
                                            const core::IniFile& added) override;
+  DurabilityGate::Ticket SaveChange(const SavedChange& change) override;
+  bool NeedsOldSettings() const override;
   DurabilityGate::Ticket FindLastTicket(const settings::common::GroupNameMatcher& groups) override;
 
   // Begins to write; readLayer: is called until Finish.
@@ -95,9 +98,11 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
 
  private:
   bool WriteTheLast();
+  void LoadHistory(FoundUserSettings& found);
 
   ILayerSources& _sources;
   UserSettingsFiles _files;
+  HistoryFile _history;
   SharedUserLayer _layer;
   std::unique_ptr<JournalSyncer> _syncer;           // null: not started
   std::unique_ptr<SnapshotWriter> _snapshotWriter;  // null: not started

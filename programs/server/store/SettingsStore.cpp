@@ -41,8 +41,8 @@ std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, c
     counters.unsavedSince.Set(static_cast<unsigned long long>(since));
   };
   const auto noteFailure = [&counters](std::string_view reason) { counters.failure.Set(reason); };
-  const UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count,
-                             noteUnsaved,      noteFailure};
+  UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count, noteUnsaved, noteFailure};
+  setup.historyBytes = options.historyBytes;
   return std::make_unique<UserSettingsPersister>(setup, sources);
 }
 

@@ -108,4 +108,10 @@ std::set<std::string> FindDifference(const IniFile& document, const std::set<std
   return different;
 }
 
+IniFile CopyGroups(const IniFile& document, const std::set<std::string>& names) {
+  IniFile copy;
+  for (const std::string& name : names) copy.MergeSettings(document, name);
+  return copy;
+}
+
 }  // namespace tavix::settings::server

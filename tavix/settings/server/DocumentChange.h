@@ -37,6 +37,9 @@ bool HoldsValues(const core::IniFile& document, core::IniFile::const_iterator gr
 std::set<std::string> FindDifference(const core::IniFile& document, const std::set<std::string>& removed,
                                      const core::IniFile& settings);
 
+// The named groups, as far as they are there.
+core::IniFile CopyGroups(const core::IniFile& document, const std::set<std::string>& names);
+
 // What a change takes out of a store's documents, to be destroyed once its lock is released.
 struct RemovedGroups {
   core::IniFile all;

@@ -69,6 +69,10 @@ class TAVIX_EXPORT ISettingsPersister {
     const std::set<std::string>& changedGroups;  //
     const core::IniFile& added;                  // may be empty
     const ChangeOrigin& origin;
+
+    // What the changed groups held before, whole; a group that was not there is missing. Of groups that "added" alone
+    // names those are in it that were there without a key. Null: nobody asked for it.
+    const core::IniFile* before = nullptr;
   };
 
   // What the store calls for every change that is to be saved. Here it calls one of the two operations above.
@@ -76,6 +80,9 @@ class TAVIX_EXPORT ISettingsPersister {
     return change.added.IsEmpty() ? SaveChangedGroups(change.userSettings, change.changedGroups)
                                   : SaveAddedSettings(change.userSettings, change.changedGroups, change.added);
   }
+
+  // Whether SaveChange is to be given what was there before; that costs a copy of the changed groups. Always the same.
+  virtual bool NeedsOldSettings() const { return false; }
 };
 
 }  // namespace tavix::settings::server

@@ -30,6 +30,16 @@ StoreAccount::Groups GroupsOf(const IniFile& document) {
   return groups;
 }
 
+// What a change may replace, as SavedChange::before has it.
+IniFile CopyOldSettings(const IniFile& user, const std::set<std::string>& different, const IniFile& added) {
+  IniFile old = CopyGroups(user, different);
+  for (const auto& group : added) {
+    const auto own = user.GetGroups().find(group.first);
+    if (own != user.GetGroups().end() && own->second.empty()) old.MergeGroup(own);
+  }
+  return old;
+}
+
 // A persister that throws keeps nobody from being notified.
 template <class FindTicket, class Notify>
 void Announce(FindTicket findTicketOfOthers, Notify notify) {
@@ -110,10 +120,14 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
     const osa::WriteAutoLock lock(documents.GetLock());
     if (!plan.Make(documents)) return false;
     Prepare(documents, plan);
+    std::optional<IniFile> before;
+    if (persister && persister->NeedsOldSettings())
+      before = CopyOldSettings(documents._user, plan.GetDifferent(), plan.GetAddedMembers());
     reserve.emplace(plan.GetChanged());
     CarryOut(documents, plan);
     if (persister)
-      ticket = persister->SaveChange({documents._user, plan.GetDifferent(), plan.GetAddedMembers(), origin});
+      ticket = persister->SaveChange(
+          {documents._user, plan.GetDifferent(), plan.GetAddedMembers(), origin, before ? &*before : nullptr});
   }
   const auto findTicketOfOthers = [&] {
     if (persister && plan.GetHeld()) ticket = std::max(ticket, persister->FindLastTicket(*plan.GetHeld()));
@@ -226,12 +240,19 @@ void StoreChange::PrepareSave() {
   _different = FindDifference(_documents._user, removed, _request.GetUnplannedSettings());
   const bool isUnchanged = _different.empty() && !(plans && plans->user.HasDifference()) && _record.added.IsEmpty();
   if (_request.GetMembers()) _different.insert(removed.begin(), removed.end());  // defaults go by the record alone
-  if (!isUnchanged) return;
+  if (!isUnchanged) return KeepOldSettings();
   GroupNameMatcher& held = _held.emplace();
   if (_request.GetRemovedMatcher()) held = *_request.GetRemovedMatcher();
   held.AddNamesAndPatterns(_request.GetRemovedNames());
   for (const auto& group : _request.GetSettings()) held.AddNameOrPattern(group.first);
   if (_request.GetMembers()) held.AddNameOrPattern(_documents.GetRecordGroup());
+}
+
+void StoreChange::KeepOldSettings() {
+  if (!_persister->NeedsOldSettings()) return;
+  _before = CopyOldSettings(_documents._user, _different, _record.added);
+  ChangePlans* const plans = _request.GetPlans();
+  if (plans) _before->MergeSettings(CopyGroups(_documents._user, plans->user.GetDifferent()));
 }
 
 void StoreChange::CarryOut() noexcept {
@@ -296,7 +317,8 @@ void StoreChange::RemoveGroups() noexcept {
 void StoreChange::Save() {
   static const std::set<std::string> none;
   const std::set<std::string>& changed = _held ? none : _different;
-  _ticket = _persister->SaveChange({_documents._user, changed, _record.added, _request.GetOrigin()});
+  _ticket = _persister->SaveChange(
+      {_documents._user, changed, _record.added, _request.GetOrigin(), _before ? &*_before : nullptr});
 }
 
 // A power cut may still take back what the request finds done already.

@@ -93,6 +93,7 @@ class StoreChange {
   size_t CountRecordGrowth() const TAVIX_REQUIRES(_documents.GetLock());
   void Prepare() TAVIX_REQUIRES(_documents.GetLock());
   void PrepareSave() TAVIX_REQUIRES(_documents.GetLock());
+  void KeepOldSettings() TAVIX_REQUIRES(_documents.GetLock());
   void CarryOut() noexcept TAVIX_REQUIRES(_documents.GetLock());
   void NoteGroups() const noexcept TAVIX_REQUIRES(_documents.GetLock());
   void CarryOutHidden() noexcept TAVIX_REQUIRES(_documents.GetLock());
@@ -112,6 +113,7 @@ class StoreChange {
   PreparedMerge _mergeIntoUser;
   HiddenChange _hidden;
   std::set<std::string> _different;               // groups of the user settings that hold something else than before
+  std::optional<core::IniFile> _before;           // what these held; empty: the persister does not need it
   std::optional<common::GroupNameMatcher> _held;  // the groups of a request that the user settings held all before
 
   RemovedGroups _removed;

@@ -33,7 +33,7 @@ class ChangesInBatches : public testing::Test {
 
   void Change() {
     _layer.SetValue("A", "key", std::to_string(++_changes));
-    _shared.Save(_layer, {"A"}, {});
+    _shared.Save({_layer, {"A"}, {}, {}});
   }
 
   daemon::SyncRound BeginSync() {
@@ -132,10 +132,10 @@ TEST_F(ChangesInBatches, WithoutHeldRepliesAreWrittenAtOnce) {
   found.snapshot = {1, 1};
   shared.Load(found);
   _layer.SetValue("A", "key", "1");
-  shared.Save(_layer, {"A"}, {});
+  shared.Save({_layer, {"A"}, {}, {}});
   const ChangeBatch batch;
   const size_t before = _files.CountOperations();
-  shared.Save(_layer, {"A"}, {});
+  shared.Save({_layer, {"A"}, {}, {}});
   EXPECT_EQ(_files.CountOperations(), before + 1);
 }
 

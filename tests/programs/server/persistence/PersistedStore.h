@@ -41,7 +41,7 @@ class PersistedStore : private daemon::ILayerSources {
  public:
   // files: outlive the store. defaults: settings text. longDiskWork: as UserLayerSetup.
   PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "",
-                 std::chrono::milliseconds longDiskWork = std::chrono::hours(1))
+                 std::chrono::milliseconds longDiskWork = std::chrono::hours(1), size_t historyBytes = 0)
       : _defaults(std::move(defaults)),
         _persister({files,
                     kUserFile,
@@ -52,7 +52,8 @@ class PersistedStore : private daemon::ILayerSources {
                     kLargeChange,
                     longDiskWork,
                     {},
-                    kMinJournal},
+                    kMinJournal,
+                    historyBytes},
                    *this),
         _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });

@@ -27,7 +27,7 @@ class UserLayerSteps : public testing::Test {
 
   void Change(const std::string& group, const std::string& value) {
     _layer.SetValue(group, "key", value);
-    _shared.Save(_layer, {group}, {});
+    _shared.Save({_layer, {group}, {}, {}});
   }
 
   daemon::CloseResult Close(ChangeInParts& change, daemon::NotedChanges::Epoch epoch) {

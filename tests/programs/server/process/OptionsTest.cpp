@@ -129,6 +129,8 @@ TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
       {"--stop-timeout", "0", "a number from 1 to 86400"},
       {"--request-timeout", "86401", "a number from 1 to 86400"},
       {"--backlog-timeout", "9999999999", "a number from 1 to 86400"},
+      {"--history", "16383", "0, or a number from 16384 to 67108864"},
+      {"--history", "67108865", "a number from 0 to 67108864"},
       {"--unix-mode", "0800", "an octal number from 0 to 0777"},
       {"--unix-mode", "1000", "an octal number from 0 to 0777"},
       {"--allow-uid", "1,x", "the numbers of users, with commas between them"},
@@ -146,6 +148,15 @@ TEST(Options, ValueThatIsNoneEndsWithStatus64AndSaysWhatIsExpected) {
     EXPECT_EQ(outcome.status, 64) << option;
     EXPECT_EQ(outcome.errors, "tavix-settings-server: " + option + " '" + value + "': expected " + expected +
                                   "\nTry 'tavix-settings-server --help'.\n");
+  }
+}
+
+TEST(Options, HistoryWithoutUserSettingsEndsWithStatus78) {
+  for (const char* action : {"--loops=1", "--check"}) {
+    const Outcome outcome = RunToEnd({"--history", "16384", action});
+    EXPECT_EQ(outcome.status, 78);
+    EXPECT_EQ(outcome.errors,
+              "tavix-settings-server: --history: there is nothing to keep a history of without --user-settings\n");
   }
 }
 

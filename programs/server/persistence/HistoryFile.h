@@ -1,0 +1,94 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "programs/common/SettingsFileNames.h"
+#include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/HistoryText.h"
+
+namespace tavix::daemon {
+
+// An entry as it stands in a file: its lines, then an end line with their CRC-32.
+std::string SealEntry(uint64_t revision, const HistoryLines& lines);
+
+// Walks through the bytes of a file of entries, damaged ones left out.
+class HistoryReader {
+ public:
+  // bytes: outlive the reader.
+  explicit HistoryReader(std::string_view bytes) : _bytes(bytes) {}
+
+  // The next whole entry. False at the end.
+  bool Next();
+  std::string_view GetLines() const { return _lines; }  // without the end line
+  size_t GetEnd() const { return _end; }                // behind the entry
+
+  // How many were left out so far; an entry at the end that was never finished does not count.
+  size_t CountDamaged() const { return _damaged; }
+
+ private:
+  const std::string_view _bytes;
+  size_t _at = 0;
+  std::string_view _lines;
+  size_t _end = 0;
+  size_t _damaged = 0;
+};
+
+// The history of the user settings in two files: FILE.history gets the entries, and becomes FILE.history.1 when it has
+// grown to half of the bytes that both may take.
+//
+// In order: Load, then entries are appended, each behind those before. What is appended is on the disk when Append
+// returns. After a failure the next Append looks anew for where the file ends, and entries that could not be written
+// are followed by one whose command is "gap".
+//
+// Threads: one at a time.
+// Errors:  Append throws osa::Exception that names the file and the reason; Load throws nothing for what the files are
+//          like.
+class HistoryFile {
+ public:
+  static std::string PathOf(const std::string& snapshotPath) { return programs::HistoryOf(snapshotPath); }
+  static std::string OldPathOf(const std::string& snapshotPath) { return programs::HistoryOf(snapshotPath) + ".1"; }
+
+  // files: outlive the object. maxBytes: of both files.
+  HistoryFile(FileSystem& files, std::string snapshotPath, size_t maxBytes)
+      : _files(files), _snapshotPath(std::move(snapshotPath)), _maxBytes(maxBytes) {}
+
+  // Returns the last revision that is there; 0: none. journalBegin: the first revision of which the journal has an
+  // entry, 0: it has none. The power may have gone while these were appended: each that is missing may be appended
+  // behind later ones. problems: gets what is damaged.
+  uint64_t Load(uint64_t journalBegin, std::vector<std::string>& problems);
+
+  bool Has(uint64_t revision) const;
+
+  // Those whose revision is there already are left out.
+  void Append(const std::vector<HistoryItem>& entries);
+
+ private:
+  FileContent Read(const std::string& path, std::vector<std::string>& problems);
+  uint64_t LoadOld(std::vector<std::string>& problems);
+  void AddOne(const HistoryItem& entry, std::string& text);
+  void Open();
+  void Rotate();
+  void Write(const std::string& text);
+
+  FileSystem& _files;
+  const std::string _snapshotPath;
+  const size_t _maxBytes;
+  std::unique_ptr<File> _file;    // null: to be opened
+  bool _isSynced = false;         // all of the open file, and its name
+  bool _isKnown = false;          // what follows
+  size_t _end = 0;                // of FILE.history, behind what is to be kept of it
+  bool _exists = false;           // FILE.history
+  bool _isForeign = false;        // something else stands there
+  uint64_t _last = 0;             // the last revision that is there
+  uint64_t _journalBegin = 0;     // as Load was given it
+  std::set<uint64_t> _journaled;  // of the revisions from there on, those that are in the file
+  uint64_t _lost = 0;             // the last one that could not be written; 0: none since the last that could
+};
+
+}  // namespace tavix::daemon

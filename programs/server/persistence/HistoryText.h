@@ -1,0 +1,50 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "programs/server/persistence/HistoryEntry.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+
+// The comment lines that say what a change did and who made it: docs/history.md.
+
+namespace tavix::daemon {
+
+// An entry's lines. The first line begins with the revision, which the text lacks.
+struct HistoryLines {
+  std::string change;  // from behind the revision to the old values
+  std::string now;     // the new values; not in a journal, whose settings text has them
+};
+
+// The lines of an entry with a revision.
+struct HistoryItem {
+  uint64_t revision = 0;
+  HistoryLines lines;
+};
+
+// Throws std::bad_alloc.
+HistoryLines EncodeEntry(const HistoryEntry& entry);
+
+// The lines of one entry, as they stand in a journal.
+std::string SpellEntry(uint64_t revision, std::string_view change);
+
+// What a change did, without its revision. The change names what was there before. Throws std::bad_alloc.
+HistoryEntry DescribeForHistory(const settings::server::ISettingsPersister::SavedChange& change, int64_t time);
+
+// The same as lines; empty: nothing differed, or memory was refused.
+std::optional<HistoryLines> TryToDescribeForHistory(const settings::server::ISettingsPersister::SavedChange& change);
+
+// What stands for changes whose entries are lost, up to its own revision; its command is this word.
+HistoryEntry MakeGap();
+constexpr char kGapCommand[] = "gap";
+
+// The entries at the begin of a record's first text, in their order. What is no line of an entry is skipped.
+std::vector<HistoryEntry> ReadEntries(std::string_view text);
+
+// What begins an entry.
+constexpr std::string_view kEntryMark = "#@ ";
+
+}  // namespace tavix::daemon
