@@ -175,14 +175,15 @@ HistoryEntry MakeGap() {
   return gap;
 }
 
-std::optional<HistoryLines> TryToDescribeForHistory(const ISettingsPersister::SavedChange& change) {
+// A change that readers alone notice, such as the end of what was not to be saved, is none of the user settings.
+DescribedChange TryToDescribeForHistory(const ISettingsPersister::SavedChange& change) {
   try {
     const HistoryEntry entry = DescribeForHistory(change, GetTime());
-    if (!entry.IsEmpty()) return EncodeEntry(entry);
+    if (entry.IsEmpty()) return {false, std::nullopt};
+    return {true, EncodeEntry(entry)};
   } catch (const std::exception&) {
-    // Revisions that lack one show that an entry is missing.
+    return {};  // a revision that lacks one shows that an entry is missing
   }
-  return std::nullopt;
 }
 
 std::vector<HistoryEntry> ReadEntries(std::string_view text) {

@@ -34,8 +34,12 @@ std::string SpellEntry(uint64_t revision, std::string_view change);
 // What a change did, without its revision. The change names what was there before. Throws std::bad_alloc.
 HistoryEntry DescribeForHistory(const settings::server::ISettingsPersister::SavedChange& change, int64_t time);
 
-// The same as lines; empty: nothing differed, or memory was refused.
-std::optional<HistoryLines> TryToDescribeForHistory(const settings::server::ISettingsPersister::SavedChange& change);
+// The same as lines.
+struct DescribedChange {
+  bool isDifferent = true;            // some user setting is another one since
+  std::optional<HistoryLines> lines;  // empty: memory was refused
+};
+DescribedChange TryToDescribeForHistory(const settings::server::ISettingsPersister::SavedChange& change);
 
 // What stands for changes whose entries are lost, up to its own revision; its command is this word.
 HistoryEntry MakeGap();

@@ -45,9 +45,9 @@ void SharedUserLayer::Load(FoundUserSettings& found, uint64_t historyEnd) {
 
 // The gate knows the change before it is appended: nobody may see it without the ticket.
 DurabilityGate::Ticket SharedUserLayer::Save(const SavedChange& saved) {
-  std::optional<HistoryLines> history;
+  DescribedChange history{false, std::nullopt};
   if (saved.before) history = TryToDescribeForHistory(saved);
-  const bool isLarge = IsLarge(saved, history);
+  const bool isLarge = IsLarge(saved, history.lines);
   std::optional<Change> change;
   if (!isLarge) change = TryToDescribe(saved.userSettings, saved.changedGroups, saved.added);
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
@@ -56,7 +56,7 @@ DurabilityGate::Ticket SharedUserLayer::Save(const SavedChange& saved) {
   const Ticket ticket =
       _notes.Note(saved.changedGroups, saved.added, steps.holdsChange, steps.write == Steps::Write::kLater);
   std::string entry;
-  if (saved.before) entry = _history.Add(std::move(history));
+  if (history.isDifferent) entry = _history.Add(std::move(history.lines));
   if (change) change->history = std::move(entry);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);

@@ -60,8 +60,8 @@ FoundJournal LookAt(FileSystem& files, const std::string& path, const Snapshot& 
   return found;
 }
 
-// Of the changes that the snapshot holds. A journal before the one that the snapshot names may have been shown, and that
-// one may never have taken its place.
+// Of the changes that the snapshot holds. A journal before the one that the snapshot names may have been shown, and
+// that one may never have taken its place.
 void AddEarlierEntries(const FoundJournal& journal, const SnapshotEnd& snapshot, FoundUserSettings& found) {
   JournalReader reader(journal.content.bytes);
   if (!reader.IsJournal()) return;

@@ -118,6 +118,18 @@ TEST_F(HistoryJournal, CountsRevisionsThroughCrashesAndOrderedEnds) {
   EXPECT_EQ(Find(_files).history.snapshotRevision, 6u);
 }
 
+// Readers see [A]x change, and the user settings stay what they were.
+TEST_F(HistoryJournal, CountsNoRevisionForWhatReadersAloneNotice) {
+  HistoryStore store(_files);
+  store.GetManager().MergeSettings(DocumentOf("[Default]\nx=7\n"), settings::server::SettingsManager::kNoPersist);
+  settings::Amendment amendment;
+  amendment.unset = DocumentOf("[Default]\nx=\n");
+  EXPECT_TRUE(store.GetManager().Amend(amendment));
+  store.Merge("[B]\nx=1\n");
+  store.AwaitDurable();
+  EXPECT_EQ(RevisionsOf(Find(_files)), std::vector<uint64_t>{1});
+}
+
 // The first change holds up the disk, so that the others are pending together.
 TEST_F(HistoryJournal, HasTheEntriesOfAllChangesThatShareARecord) {
   Stop stop(_files, MemoryFiles::Operation::Kind::kSync, "user.ini.journal.new");
