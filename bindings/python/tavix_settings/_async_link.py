@@ -10,6 +10,7 @@ from __future__ import annotations
 import asyncio
 import errno
 import os
+import select
 import socket
 from typing import Callable, List, Optional, TypeVar
 
@@ -38,11 +39,11 @@ async def within(future: asyncio.Future[T], deadline: Optional[float], address: 
         timer.cancel()
 
 
-def make_future(loop: asyncio.AbstractEventLoop) -> asyncio.Future[None]:
-    """Whose error nobody has to fetch: a caller that was cancelled at that moment does not."""
-    future: asyncio.Future[None] = loop.create_future()
-    future.add_done_callback(ignore_error)
-    return future
+def fail(future: asyncio.Future[T], error: Exception) -> None:
+    """Unless it is done. Nobody has to fetch the error: a caller that is cancelled at that moment does not."""
+    if not future.done():
+        future.set_exception(error)
+        future.exception()
 
 
 def ignore_error(future: asyncio.Future[T]) -> None:
@@ -51,8 +52,7 @@ def ignore_error(future: asyncio.Future[T]) -> None:
 
 
 def _expire(future: asyncio.Future[T], address: object) -> None:
-    if not future.done():
-        future.set_exception(_link.silent(address))
+    fail(future, _link.silent(address))
 
 
 def _finish(future: asyncio.Future[None]) -> None:
@@ -68,6 +68,7 @@ class AsyncLink:
         self._loop = asyncio.get_running_loop()
         self._process = os.getpid()
         self._socket: Optional[socket.socket] = None
+        self._readable = select.poll()
         self._unsent = bytearray()
         self._drained: List[asyncio.Future[None]] = []
         self._on_data: Optional[OnData] = None
@@ -92,6 +93,7 @@ class AsyncLink:
         """on_end is called once, and never after close()."""
         self._on_data, self._on_end = on_data, on_end
         if self._socket is not None:
+            self._readable.register(self._socket.fileno(), select.POLLIN)
             self._loop.add_reader(self._socket.fileno(), self.receive_now)
 
     def write(self, data: bytes) -> None:
@@ -115,7 +117,7 @@ class AsyncLink:
         """Returns when the kernel has all that was written."""
         if not self._unsent:
             return
-        drained = make_future(self._loop)
+        drained: asyncio.Future[None] = self._loop.create_future()
         self._drained.append(drained)
         await within(drained, deadline, self._address)
 
@@ -148,6 +150,8 @@ class AsyncLink:
         """Whether the daemon has ended it, although the loop has not noticed yet."""
         if self._socket is None:
             return True
+        if not self._readable.poll(0):
+            return False
         try:
             return not self._socket.recv(1, socket.MSG_PEEK)
         except (BlockingIOError, InterruptedError):
@@ -165,9 +169,9 @@ class AsyncLink:
             self._loop.remove_writer(connected.fileno())
         connected.close()
         drained, self._drained = self._drained, []
-        for future in drained:
-            if not future.done() and not self._loop.is_closed():
-                future.set_exception(_link.lost(self._address))
+        if not self._loop.is_closed():
+            for future in drained:
+                fail(future, _link.lost(self._address))
 
     def _end(self, error: ConnectionLostError) -> None:
         self.close()
@@ -229,7 +233,7 @@ class AsyncLink:
         return _link.unreachable(self._address, os.strerror(failure))
 
     async def _wait_until_writable(self, connecting: socket.socket, deadline: Optional[float]) -> None:
-        writable = make_future(self._loop)
+        writable: asyncio.Future[None] = self._loop.create_future()
         self._loop.add_writer(connecting.fileno(), _finish, writable)
         try:
             await within(writable, deadline, self._address)

@@ -12,7 +12,7 @@ import os
 import select
 import socket
 import time
-from typing import Any, Callable, List, Optional, Tuple
+from typing import Any, Callable, List, Optional, Tuple, Union
 
 from ._address import Address
 from ._errors import ClosedError, ConnectionLostError, SettingsTimeoutError
@@ -22,6 +22,7 @@ MAX_CHUNKS_AT_ONCE = 16  # of what has arrived: a fast writer may send more than
 _IN_PROGRESS = (errno.EINPROGRESS, errno.EALREADY)
 _QUEUE_FULL_DELAY = 0.02
 _MAX_POLL = 24 * 60 * 60.0  # seconds; poll() takes milliseconds, of which a C int holds 24 days
+_MAX_POLL_MS = 24 * 60 * 60 * 1000
 _FLAGS = socket.SOCK_NONBLOCK | socket.SOCK_CLOEXEC
 
 Candidate = Tuple[int, Any]  # family, and what connect() takes
@@ -102,9 +103,12 @@ def _make_poll(what: Optional[socket.socket], events: int, waker: Optional[Waker
 def _wait(poll: select.poll, deadline: Optional[float], waker: Optional[Waker], address: object) -> bool:
     """False: the deadline has passed."""
     while True:
-        left = None if deadline is None else min(max(0.0, deadline - time.monotonic()), _MAX_POLL)
-        # Rounded up: a wait that ends too early would be repeated with nothing left to wait for.
-        ready = poll.poll(None if left is None else int(left * 1000) + (left > 0))
+        milliseconds = None
+        if deadline is not None:
+            left = deadline - time.monotonic()
+            # Rounded up: a wait that ends too early would be repeated with nothing left to wait for.
+            milliseconds = 0 if left <= 0 else int(left * 1000) + 1 if left < _MAX_POLL else _MAX_POLL_MS
+        ready = poll.poll(milliseconds)
         if waker is not None and any(descriptor == waker.fileno() for descriptor, _ in ready):
             raise ClosedError(f"the watch of {address} was closed")
         if ready:
@@ -141,10 +145,13 @@ class Link:
         raise problem or unreachable(address, "the host has no address")
 
     def send(self, data: bytes, deadline: Optional[float]) -> None:
-        rest = memoryview(data)
-        while rest:
+        rest: Union[bytes, memoryview] = data
+        while True:
             try:
-                rest = rest[self._open().send(rest, socket.MSG_NOSIGNAL) :]
+                sent = self._open().send(rest, socket.MSG_NOSIGNAL)
+                if sent == len(rest):
+                    return
+                rest = memoryview(rest)[sent:]
             except (BlockingIOError, InterruptedError):
                 self._wait_for(self._make_poll(select.POLLOUT), deadline)
             except OSError as error:
@@ -165,13 +172,10 @@ class Link:
 
     def has_news(self) -> bool:
         """Whether receive() returns at once."""
-        try:
-            self._open().recv(1, socket.MSG_PEEK)
-        except (BlockingIOError, InterruptedError):
-            return False
-        except OSError:
-            pass
-        return True
+        self._open()
+        if self._readable is None:
+            self._readable = self._make_poll(select.POLLIN)
+        return bool(self._readable.poll(0))
 
     def shutdown(self) -> None:
         """Ends a wait of another thread, as if the daemon had ended the connection."""

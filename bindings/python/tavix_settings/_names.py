@@ -43,8 +43,9 @@ def to_name(name: Name) -> bytes:
 
 def to_names(names: Names) -> List[bytes]:
     """One name, or several; each once, in order."""
-    several = [names] if isinstance(names, (str, bytes)) else names
-    return list(dict.fromkeys(to_name(name) for name in several))
+    if isinstance(names, (str, bytes)):
+        return [to_name(names)]
+    return list(dict.fromkeys(map(to_name, names)))
 
 
 def to_values(group: Name, values: AnyValues) -> RawGroup:
@@ -74,7 +75,10 @@ def to_keys(groups: Optional[AnyKeys]) -> RawDocument:
 
 
 def decode_values(values: RawGroup) -> Dict[str, str]:
-    return {to_text(key): to_text(value) for key, value in values.items()}
+    return {
+        key.decode("utf-8", "surrogateescape"): value.decode("utf-8", "surrogateescape")
+        for key, value in values.items()
+    }
 
 
 def decode_document(document: RawDocument) -> Dict[str, Dict[str, str]]:

@@ -20,7 +20,9 @@ MAX_LINE = 16 * 1024 * 1024
 MAX_REPLY = 64 * 1024 * 1024
 
 _NOTICE = b"async change"
+_DATA = b"data\n"
 _END = b".\n"
+_END_OF_BLOCK = b"\n.\n"
 _UNDERLINE = b"-"
 
 
@@ -100,6 +102,10 @@ class Protocol:
     def receive(self, data: bytes) -> List[Event]:
         """Takes what has arrived; returns what it completes, in order."""
         events: List[Event] = []
+        if not self._buffer and len(data) <= self._max_line and len(data) <= self._max_reply:
+            data = data[self._take_whole_replies(data, events) :]
+            if not data:
+                return events
         newline = data.rfind(b"\n")
         if self._unended + (len(data) if newline < 0 else data.find(b"\n")) > self._max_line:
             raise self._failure(f"a line is longer than {self._max_line} bytes")
@@ -111,6 +117,24 @@ class Protocol:
         if self._unended > self._max_line:
             raise self._failure(f"a line is longer than {self._max_line} bytes")
         return events
+
+    def _take_whole_replies(self, data: bytes, events: List[Event]) -> int:
+        """Documents that have arrived whole, as nearly all do; no line or reply of the data can be too long. Returns
+        how much of the data they were."""
+        begin = 0
+        due = self._due
+        is_between = self._part is _Part.HEADER
+        form = Form.DATA
+        while is_between and due and due[0] is form and data.startswith(_DATA, begin):
+            end = data.find(_END_OF_BLOCK, begin + 4)
+            if end < 0:
+                break
+            due.popleft()
+            text = data[begin + 5 : end + 1]
+            events.append(Reply(parse_text(text, self.source, self._lines + 2)))
+            self._lines += text.count(b"\n") + 2
+            begin = end + 3
+        return begin
 
     def _take_part(self, events: List[Event]) -> bool:
         part = self._part
@@ -227,7 +251,7 @@ def _show(line: bytes) -> str:
 
 
 def list_lines(names: Iterable[bytes]) -> bytes:
-    return b"".join(name + b"\n" for name in names) + _END
+    return b"\n".join([*names, _END])
 
 
 def payload(document: RawDocument) -> bytes:

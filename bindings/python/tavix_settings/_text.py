@@ -6,7 +6,7 @@ Documents are dictionaries of groups, each a dictionary of keys with values, all
 from __future__ import annotations
 
 import re
-from typing import Dict, Iterable, Match
+from typing import Dict, Iterable, Match, Optional, Tuple, cast
 
 from ._errors import ParseError
 
@@ -16,6 +16,8 @@ RawDocument = Dict[bytes, RawGroup]
 _BLANKS = b" \t"
 _BYTE_ORDER_MARK = b"\xef\xbb\xbf"
 _MAX_SHOWN = 80
+_BRACKET = ord("[")
+_LINE_FEED = ord("\n")
 
 _escape = re.compile(rb"\\(?:([\\nrts])|x([0-9A-Fa-f]{2}))")
 _unescaped = {b"\\": b"\\", b"n": b"\n", b"r": b"\r", b"t": b"\t", b"s": b" "}
@@ -29,6 +31,48 @@ _special_of_keys = re.compile(rb"[\x00-\x1f\x7f\\=]|^[ \[#;]| \Z")
 
 def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
     """Reads a whole text. Throws ParseError, which names source and line and counts from first_line on."""
+    plain = _parse_plain(text)
+    return _parse_lines(text, source, first_line) if plain is None else plain
+
+
+def _parse_plain(text: bytes) -> Optional[RawDocument]:
+    """The document of a text without escapes, comments, and blanks that belong to no value, as most are: by a few steps
+    for all of it, not a few for each line. None: it is not so plain, or no settings text."""
+    if not text:
+        return {}
+    if text[0] != _BRACKET or text[-1] != _LINE_FEED or _has_blanks_or_marks(text):
+        return None
+    document: RawDocument = {}
+    for part in text[1:-1].split(b"\n["):
+        head, _, body = part.partition(b"\n")
+        if head[-1:] != b"]":
+            return None
+        group = document.setdefault(head[:-1], {})
+        if body:
+            try:
+                group.update(cast(Iterable[Tuple[bytes, bytes]], [line.split(b"=", 1) for line in body.split(b"\n")]))
+            except ValueError:
+                return None
+    return document
+
+
+def _has_blanks_or_marks(text: bytes) -> bool:
+    # As an expression: a loop over the marks would take longer than all else of a short text.
+    return (
+        b"\\" in text
+        or b"\t" in text
+        or b"\r" in text
+        or b" \n" in text
+        or b"\n " in text
+        or b" =" in text
+        or b"= " in text
+        or b"\n#" in text
+        or b"\n;" in text
+        or b"\n\n" in text
+    )
+
+
+def _parse_lines(text: bytes, source: str, first_line: int) -> RawDocument:
     document: RawDocument = {}
     group = None
     has_escapes = b"\\" in text  # rare: looked for once, not in every line

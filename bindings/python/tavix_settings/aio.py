@@ -26,7 +26,7 @@ from typing import (
 from . import _calls as calls
 from . import _link
 from ._address import Address, find_address
-from ._async_link import AsyncLink, make_future, within
+from ._async_link import AsyncLink, fail, within
 from ._calls import MISSING, Call, Groups, RawGroups
 from ._closing import AsyncClosing
 from ._errors import (
@@ -69,24 +69,35 @@ def connect(
 
 
 class _Waiter:
-    """A call that was sent, and its replies so far. has_begun: whether any byte of them had arrived at the end."""
+    """A call that was sent, and its replies so far. deadline: of the loop. has_begun: whether any byte of them had
+    arrived at the end."""
 
-    def __init__(self, call: Call[Any], number: int, future: asyncio.Future[None]) -> None:
+    __slots__ = ("call", "number", "future", "deadline", "replies", "has_begun")
+
+    def __init__(
+        self, call: Call[Any], number: int, future: asyncio.Future[None], deadline: Optional[float]
+    ) -> None:
         self.call = call
         self.number = number
         self.future = future
+        self.deadline = deadline
         self.replies: List[object] = []
         self.has_begun = False
 
 
 class _Connection:
-    """One connection, and the calls whose replies are due, in their order."""
+    """One connection, and the calls whose replies are due, in their order. One timer ends those that are out of time:
+    most calls need none of their own, as their replies come before that of an earlier one has fired."""
 
-    def __init__(self, link: AsyncLink, protocol: Protocol, writes: Writes) -> None:
+    def __init__(
+        self, loop: asyncio.AbstractEventLoop, link: AsyncLink, protocol: Protocol, writes: Writes
+    ) -> None:
         self.link = link
         self.features: Optional[FrozenSet[bytes]] = None
         self.is_open = True
         self.received = 0  # how often anything has arrived
+        self._loop = loop
+        self._timer: Optional[asyncio.TimerHandle] = None
         self._protocol = protocol
         self._writes = writes
         self._waiting: Deque[_Waiter] = deque()
@@ -96,6 +107,7 @@ class _Connection:
         if waiter.call.forms:
             self._protocol.expect(waiter.call.forms)
             self._waiting.append(waiter)
+            self._wake_at(waiter.deadline)
         self.link.write(waiter.call.request)
 
     def end(self, error: SettingsError) -> None:
@@ -105,15 +117,37 @@ class _Connection:
             return
         self.is_open = False
         self.link.close()
+        if self._timer is not None:
+            self._timer.cancel()
         self._writes.note_connection_gone()
         waiting, self._waiting = self._waiting, deque()
         for place, waiter in enumerate(waiting):
             waiter.has_begun = place == 0 and (bool(waiter.replies) or self._protocol.is_inside_message)
-            if not waiter.future.done():
-                waiter.future.set_exception(error if place == 0 else self._error_for_others(error))
+            fail(waiter.future, error if place == 0 else self._error_for_others(error))
 
     def _error_for_others(self, error: SettingsError) -> SettingsError:
         return ClosedError(str(error)) if isinstance(error, ClosedError) else _link.lost(self._protocol.source)
+
+    def _wake_at(self, deadline: Optional[float]) -> None:
+        """Unless it does before."""
+        if deadline is None:
+            return
+        if self._timer is not None:
+            if self._timer.when() <= deadline:
+                return
+            self._timer.cancel()
+        self._timer = self._loop.call_at(deadline, self._expire)
+
+    def _expire(self) -> None:
+        assert self._timer is not None
+        now = max(self._timer.when(), self._loop.time())
+        self._timer = None
+        waiting = [each for each in self._waiting if each.deadline is not None and not each.future.done()]
+        for waiter in waiting:
+            if cast(float, waiter.deadline) <= now:
+                fail(waiter.future, _link.silent(self._protocol.source))
+            else:
+                self._wake_at(waiter.deadline)
 
     def _take(self, data: bytes) -> None:
         self.received += 1
@@ -315,28 +349,28 @@ class AsyncStore(AsyncClosing):
         connection = await self._connect(deadline)
         if call.feature is not None:
             connection = await self._require_feature(connection, call.feature, deadline)
-        waiter = self._submit(connection, call)
+        waiter = self._submit(connection, call, deadline)
         try:
-            return await self._finish(connection, waiter, deadline)
+            return await self._finish(connection, waiter)
         except ConnectionLostError:
             if call.is_write or waiter.has_begun or self._is_closed:
                 raise
         connection = await self._connect(deadline)
-        return await self._finish(connection, self._submit(connection, call), deadline)
+        return await self._finish(connection, self._submit(connection, call, deadline))
 
-    def _submit(self, connection: _Connection, call: Call[Any]) -> _Waiter:
-        future = make_future(asyncio.get_running_loop())
-        waiter = _Waiter(call, self._writes.note_sent(has_reply=bool(call.forms)), future)
+    def _submit(self, connection: _Connection, call: Call[Any], deadline: Optional[float]) -> _Waiter:
+        future: asyncio.Future[None] = asyncio.get_running_loop().create_future()
+        waiter = _Waiter(call, self._writes.note_sent(has_reply=bool(call.forms)), future, deadline)
         connection.submit(waiter)
         return waiter
 
-    async def _finish(self, connection: _Connection, waiter: _Waiter, deadline: Optional[float]) -> List[object]:
+    async def _finish(self, connection: _Connection, waiter: _Waiter) -> List[object]:
         received = connection.received
         try:
             if waiter.call.forms:
-                await within(waiter.future, deadline, self._address)
+                await waiter.future
             else:
-                await connection.link.drain(deadline)
+                await connection.link.drain(waiter.deadline)
         except SettingsError as error:
             if isinstance(error, SettingsTimeoutError) and connection.received == received:
                 connection.end(_link.lost(self._address, "the daemon is silent"))
@@ -350,8 +384,8 @@ class AsyncStore(AsyncClosing):
         """The connection that has said so."""
         if connection.features is None:
             question = calls.features()
-            waiter = self._submit(connection, question)
-            connection.features = question.finish(await self._finish(connection, waiter, deadline))
+            waiter = self._submit(connection, question, deadline)
+            connection.features = question.finish(await self._finish(connection, waiter))
         if feature not in connection.features:
             raise UnsupportedError(f"the daemon at {self._address} is too old: it does not know {feature.decode()}")
         if not connection.is_open:
@@ -373,7 +407,8 @@ class AsyncStore(AsyncClosing):
             self._is_connecting = True
             try:
                 link = await self._open_link(deadline)
-                self._connection = _Connection(link, self._make_protocol(), self._writes)
+                loop = asyncio.get_running_loop()
+                self._connection = _Connection(loop, link, self._make_protocol(), self._writes)
             finally:
                 self._is_connecting = False
                 for future in self._connected:
@@ -383,7 +418,7 @@ class AsyncStore(AsyncClosing):
                 await self.close()
 
     async def _wait_for_other_attempt(self, deadline: Optional[float]) -> None:
-        future = make_future(asyncio.get_running_loop())
+        future: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._connected.append(future)
         try:
             await within(future, deadline, self._address)
@@ -496,7 +531,7 @@ class _WatchEngine:
             await self.synchronise(deadline)
 
     async def _wait(self, deadline: Optional[float]) -> None:
-        self._news = make_future(asyncio.get_running_loop())
+        self._news = asyncio.get_running_loop().create_future()
         try:
             await within(self._news, deadline, self.address)
         finally:

@@ -4,6 +4,7 @@ import asyncio
 import functools
 import itertools
 import os
+import time
 
 import pytest
 
@@ -25,6 +26,15 @@ PATIENCE = 60.0  # seconds that an event may take; machines of tests stand still
 
 def is_long_run():
     return os.environ.get("TAVIX_TEST_LONG") == "1"
+
+
+def rounds(count):
+    """So many of them at least; in a long run for a minute."""
+    end = time.monotonic() + 60
+    number = 0
+    while number < count or is_long_run() and time.monotonic() < end:
+        yield number
+        number += 1
 
 
 @pytest.fixture(scope="session")

@@ -5,10 +5,10 @@ import re
 from pathlib import Path
 
 import pytest
-from conftest import PATIENCE, is_long_run
+from conftest import PATIENCE, is_long_run, rounds
 
 import tavix_settings
-from tavix_settings._text import format_text, parse_text
+from tavix_settings._text import _parse_lines, _parse_plain, format_text, parse_text
 
 PAGE = Path(__file__).parents[3] / "docs" / "settings-text.md"
 BLOCK = re.compile(r"^```(ini|ini written|ini broken|text)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
@@ -81,7 +81,7 @@ def test_random_documents_are_the_same_to_the_library(shared_daemon):
 def test_random_bytes_are_a_document_or_a_parse_error():
     rng = random.Random(19)
     outcomes = set()
-    for _ in range(200000 if is_long_run() else 5000):
+    for _ in rounds(5000):
         text = b"".join(rng.choice([*INTERESTING, b"[a]\n", b"k=v\n", b"\n"]) for _ in range(rng.randrange(12)))
         try:
             document = parse_text(text, "x")
@@ -90,3 +90,17 @@ def test_random_bytes_are_a_document_or_a_parse_error():
         except tavix_settings.ParseError:
             outcomes.add("error")
     assert outcomes == {"document", "error"}
+
+
+def test_a_text_is_read_the_same_at_once_and_line_by_line():
+    rng = random.Random(23)
+    plain = 0
+    for _ in range(200000 if is_long_run() else 20000):
+        lines = [rng.choice([b"[a]", b"[b", b"k=v", b"l=v w", b"x =1", b"m", b"=", b"", b"#=", b" n=2", b"o=\\t"])]
+        lines += [rng.choice([b"k=v", b"l==", b"[a]", b"[]", b"m=[n]", b";"]) for _ in range(rng.randrange(5))]
+        text = b"\n".join([rng.choice([b"[a]", b"[c]d]"]), *lines, b""])
+        document = _parse_plain(text)
+        if document is not None:
+            plain += 1
+            assert document == _parse_lines(text, "x", 1)
+    assert plain > 0
