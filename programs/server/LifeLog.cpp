@@ -48,7 +48,7 @@ void LifeLog::LogServing(const std::string& addresses, size_t groups) const {
 }
 
 // Of a process that it can't see, such as one outside of its container, the kernel tells nothing.
-void LifeLog::LogEnding(const Signals::Signal& signal) const {
+void LifeLog::LogEnding(const programs::Signals::Signal& signal) const {
   if (signal.process == getpid()) {
     Log()->Notice("Ending: an event loop failed");
   } else if (signal.process == 0) {

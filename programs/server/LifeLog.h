@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
+#include "programs/common/Signals.h"
 #include "programs/server/options/Options.h"
-#include "programs/server/system/Signals.h"
 
 namespace tavix::daemon {
 
@@ -25,7 +25,7 @@ class LifeLog {
 
   // The daemon was told to end. Then the log is told by what, which a disk that hangs may hold up.
   void BeginEnd() { _endsSince = Clock::now(); }
-  void LogEnding(const Signals::Signal& signal) const;
+  void LogEnding(const programs::Signals::Signal& signal) const;
 
   // isSaved: whether the disk has all changes, if they are kept.
   void LogEnd(bool isSaved) const;

@@ -1,6 +1,6 @@
 #include "programs/server/LogSetup.h"
 
-#include "programs/server/system/ServiceManager.h"
+#include "programs/common/ServiceManager.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 
@@ -22,7 +22,7 @@ core::IniFile Prepare(const LogOptions& options) {
   settings.SetValue(kGroup, "log.syslog", ToText(options.systemLog));
   settings.SetValue(kGroup, "log.file", options.file);
   if (!options.file.empty()) core::Logger::SetLogFileDirectory(options.file.substr(0, options.file.rfind('/') + 1));
-  core::Logger::SetJournal(ServiceManager::HasJournal());
+  core::Logger::SetJournal(programs::ServiceManager::HasJournal());
   return settings;
 }
 

@@ -10,6 +10,8 @@
 #include <memory>
 #include <new>
 
+#include "programs/common/ServiceManager.h"
+#include "programs/common/Signals.h"
 #include "programs/server/Check.h"
 #include "programs/server/ExitCode.h"
 #include "programs/server/LifeLog.h"
@@ -24,8 +26,6 @@
 #include "programs/server/store/StoreProbe.h"
 #include "programs/server/system/Deadline.h"
 #include "programs/server/system/FileLock.h"
-#include "programs/server/system/ServiceManager.h"
-#include "programs/server/system/Signals.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
@@ -65,7 +65,7 @@ auto OrFail(ExitCode code, Step step) {
 
 // The status tells the most of it; standard error on a pipe that nobody reads must not keep the daemon from ending.
 int Fail(ExitCode code, const std::exception& exception) {
-  const char* const level = ServiceManager::HasJournal() ? "<3>" : "";
+  const char* const level = programs::ServiceManager::HasJournal() ? "<3>" : "";
   pollfd errors{STDERR_FILENO, POLLOUT, 0};
   if (poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT))
     std::fprintf(stderr, "%stavix-settings-server: %s\n", level, exception.what());
@@ -132,8 +132,8 @@ void WarnIfFull(const SettingsStore& store) {
 
 // The listeners come before the settings, so that clients queue, and are not refused, while a large store is loaded.
 int Serve(Options options, const std::vector<GivenOption>& commandLine) {
-  const Signals signals;
-  const ServiceManager serviceManager;
+  const programs::Signals signals;
+  const programs::ServiceManager serviceManager;
   LifeLog life(options);
   OrFail(kExitConfiguration, [&] { ResolvePlaces(options); });
   WarnUnlessKept(options.userSettings);
@@ -155,7 +155,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
     const std::string addresses = Announce(server);
     life.LogServing(addresses, store->CountGroups());
     Upkeep upkeep(options, commandLine, addresses, counters, store->GetManager(), serviceManager, probe);
-    server.Run(signals, [&](const Signals::Signal& signal) {
+    server.Run(signals, [&](const programs::Signals::Signal& signal) {
       if (signal.number == SIGTERM || signal.number == SIGINT) {
         life.BeginEnd();
         const bool hasFailed = signal.process == getpid();  // an event loop
@@ -192,7 +192,7 @@ int RunProgram(int argc, char** argv) {
     }
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
     if (options.action == Options::Action::kCheck) return RunCheck(options);
-    Signals::Block();
+    programs::Signals::Block();
     ConfigureLog(options.log);
     log = options.log;
     return Serve(options, commandLine);

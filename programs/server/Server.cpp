@@ -136,13 +136,14 @@ std::vector<std::string> Server::GetAddresses() const {
   return addresses;
 }
 
-void Server::Run(const Signals& signals, const std::function<void(const Signals::Signal&)>& onSignal) {
-  for (Signals::Signal signal; signal.number != SIGTERM && signal.number != SIGINT;) {
+void Server::Run(const programs::Signals& signals,
+                 const std::function<void(const programs::Signals::Signal&)>& onSignal) {
+  for (programs::Signals::Signal signal; signal.number != SIGTERM && signal.number != SIGINT;) {
     std::vector<pollfd> watched = FindWatched(signals);
     const int timeout = FindTimeout();
     const bool pauses = std::exchange(_mustPause, false);
     if (!Wait(watched, timeout)) continue;
-    signal = watched[0].revents ? signals.Take() : Signals::Signal();
+    signal = watched[0].revents ? signals.Take() : programs::Signals::Signal();
     if (signal.number != 0) onSignal(signal);
     if (watched[1].revents) _logLimiter.ReportDue(LogLimiter::Clock::now());
     if (watched[2].revents) _places.Acknowledge();
@@ -168,7 +169,7 @@ void Server::EndLoops() {
 
 // Signals, the log's limiter, places, then the listeners. Connections that can't be taken now stay in the queues of
 // listeners, which are then not watched.
-std::vector<pollfd> Server::FindWatched(const Signals& signals) const {
+std::vector<pollfd> Server::FindWatched(const programs::Signals& signals) const {
   std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0},
                               {_logLimiter.GetDescriptor(), POLLIN, 0},
                               {_places.GetDescriptor(), POLLIN, 0}};

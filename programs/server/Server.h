@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/common/Signals.h"
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/Listener.h"
@@ -19,7 +20,6 @@
 #include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
-#include "programs/server/system/Signals.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -51,7 +51,7 @@ class Server {
 
   // Serves until SIGTERM or SIGINT comes, then ends every connection. onSignal: called with each signal. Throws
   // osa::Exception when it ended because an event loop failed.
-  void Run(const Signals& signals, const std::function<void(const Signals::Signal&)>& onSignal);
+  void Run(const programs::Signals& signals, const std::function<void(const programs::Signals::Signal&)>& onSignal);
 
   // Returns once every event loop has come round. From any thread.
   void Probe() TAVIX_EXCLUDES(_probeMutex);
@@ -67,7 +67,7 @@ class Server {
     kRefusing,  // they are refused
   };
 
-  std::vector<pollfd> FindWatched(const Signals& signals) const;
+  std::vector<pollfd> FindWatched(const programs::Signals& signals) const;
   int FindTimeout() const;
   void AcceptFromAll(const std::vector<pollfd>& watched);
   void AcceptFrom(const Listener& listener);

@@ -35,7 +35,7 @@ std::string MonotonicMicroseconds() {
 }  // namespace
 
 Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
-               const Counters& counters, const SettingsManager& manager, const ServiceManager& serviceManager,
+               const Counters& counters, const SettingsManager& manager, const programs::ServiceManager& serviceManager,
                std::function<void()> probe)
     : _commandLine(commandLine),
       _addresses(std::move(addresses)),

@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "programs/common/ServiceManager.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/metrics/MetricsFile.h"
 #include "programs/server/options/CommandLine.h"
 #include "programs/server/system/Periodic.h"
-#include "programs/server/system/ServiceManager.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
@@ -24,7 +24,7 @@ class Upkeep {
   // for the watchdog; returns once the daemon was seen to work.
   Upkeep(const Options& options, const std::vector<GivenOption>& commandLine, std::string addresses,
          const Counters& counters, const settings::server::SettingsManager& manager,
-         const ServiceManager& serviceManager, std::function<void()> probe);
+         const programs::ServiceManager& serviceManager, std::function<void()> probe);
 
   // SIGHUP reads the log options again, SIGUSR1 logs the statistics and has the metrics written; other signals end the
   // daemon, which the service manager is told.
@@ -38,7 +38,7 @@ class Upkeep {
   const std::vector<GivenOption>& _commandLine;
   const std::string _addresses;
   const Counters& _counters;
-  const ServiceManager& _serviceManager;
+  const programs::ServiceManager& _serviceManager;
   std::optional<MetricsFile> _metricsFile;
   std::optional<Periodic> _metrics;
   std::optional<Periodic> _watchdog;

@@ -14,6 +14,7 @@
 #include "programs/cli/terminal/Console.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/LogLevels.h"
+#include "programs/common/client/Resources.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::programs::cli {

@@ -19,8 +19,6 @@ using core::IniFile;
 
 namespace {
 
-constexpr char kKey[] = "log.level";
-
 struct Options {
   std::string group;
   std::string level;
@@ -33,22 +31,12 @@ std::string Describe(const std::string& value) {
   return SpellValue(value) + (name.empty() ? "" : " " + name);
 }
 
-// The groups that hold a level.
-IniFile ReadLevels(Session& session, const std::string& groups) {
-  IniFile levels;
-  const IniFile all = session.Get({groups});
-  for (const auto& [group, keys] : all) {
-    const auto level = keys.find(kKey);
-    if (level != keys.end()) levels.SetValue(group, kKey, level->second);
-  }
-  return levels;
-}
-
 void PrintLevels(Context& context, const IniFile& levels) {
   Console& console = context.GetConsole();
   if (context.PrintsJson()) {
     nlohmann::json object = nlohmann::json::object();
-    for (const auto& [group, keys] : levels) object[NameToJson(group).get<std::string>()] = ValueToJson(keys.at(kKey));
+    for (const auto& [group, keys] : levels)
+      object[NameToJson(group).get<std::string>()] = ValueToJson(keys.at(kLogLevelKey));
     console.Print(Pretty(object));
     return;
   }
@@ -57,15 +45,15 @@ void PrintLevels(Context& context, const IniFile& levels) {
   for (const auto& [group, keys] : levels) {
     const std::string name = SpellName(group);
     console.Print(console.Paint(Console::kGroup, name) + std::string(width - name.size() + 2, ' ') +
-                  Describe(keys.at(kKey)) + "\n");
+                  Describe(keys.at(kLogLevelKey)) + "\n");
   }
 }
 
 // hint: what else the person may want.
 IniFile RequireLevels(Session& session, const std::string& group, const std::string& hint) {
-  const IniFile levels = ReadLevels(session, group);
+  const IniFile levels = ReadLogLevels(session, group);
   if (!levels.IsEmpty()) return levels;
-  const std::set<std::string> known = NamesOf(ReadLevels(session, "*"));
+  const std::set<std::string> known = NamesOf(ReadLogLevels(session, "*"));
   throw Failure(kExitNo,
                 "'" + SpellName(group) + "' is no log group: it has no log.level" +
                     DidYouMean(group, {known.begin(), known.end()}),
@@ -76,7 +64,7 @@ int ReadLevel(Context& context, const std::string& group) {
   const IniFile levels = RequireLevels(context.GetSession(), group, "");
   const bool isOne = group.find('*') == std::string::npos;
   if (isOne && context.GetOptions().output == Output::kText) {
-    context.GetConsole().Print(Describe(levels.GetValue(group, kKey)) + "\n");
+    context.GetConsole().Print(Describe(levels.GetValue(group, kLogLevelKey)) + "\n");
   } else {
     PrintLevels(context, levels);
   }
@@ -91,7 +79,7 @@ int SetLevel(Context& context, const Options& options) {
   RefuseRestricted(session, {options.group});
   if (!options.isCreated) RequireLevels(session, options.group, "--create sets it for a program that has none yet");
   IniFile settings;
-  settings.SetInt(options.group, kKey, level);
+  settings.SetInt(options.group, kLogLevelKey, level);
   Merge(session, settings, false);
   ReportDone(context, "set", SpellName(options.group) + " " + Describe(std::to_string(level)));
   return kExitDone;
@@ -102,7 +90,7 @@ int LogLevel(Context& context, const Options& options) {
   if (options.isGroupGiven && options.group.empty())
     throw Failure(kExitUsage, "expected a log group, found an empty text");
   if (!options.isGroupGiven) {
-    PrintLevels(context, ReadLevels(context.GetSession(), "*"));
+    PrintLevels(context, ReadLogLevels(context.GetSession(), "*"));
     return kExitDone;
   }
   return options.level.empty() ? ReadLevel(context, options.group) : SetLevel(context, options);

@@ -8,6 +8,7 @@
 #include "programs/cli/session/Bookings.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/Resources.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Suggestion.h"
 
@@ -60,22 +61,6 @@ void RequireResource(const ResourceFigures& figures, const std::string& resource
                                DidYouMean(resource, {known.begin(), known.end()}));
 }
 
-json ToJson(const ResourceFigures& figures, const std::string& resource) {
-  const long long used = figures.GetUsedByAll(resource);
-  json consumers = json::array();
-  for (const std::string& consumer : figures.GetConsumers(resource)) {
-    json object = {{"consumer", NameToJson(consumer)}, {"used", figures.GetUsed(consumer, resource)}};
-    const std::optional<int> max = figures.GetMaxAllowed(consumer, resource);
-    object["most"] = max ? json(*max) : json(nullptr);
-    consumers.push_back(std::move(object));
-  }
-  return {{"resource", NameToJson(resource)},
-          {"total", figures.GetTotal(resource)},
-          {"used", used},
-          {"free", figures.GetTotal(resource) - used},
-          {"consumers", consumers}};
-}
-
 std::string ToLine(const Console& console, const ResourceFigures& figures, const std::string& resource, size_t width) {
   const long long used = figures.GetUsedByAll(resource);
   const long long total = figures.GetTotal(resource);
@@ -91,7 +76,7 @@ int ListResources(Context& context) {
   const std::set<std::string> resources = figures.GetResources();
   if (context.PrintsJson()) {
     json list = json::array();
-    for (const std::string& resource : resources) list.push_back(ToJson(figures, resource));
+    for (const std::string& resource : resources) list.push_back(ReportResource(figures, resource));
     console.Print(Pretty(list));
     return kExitDone;
   }
@@ -107,7 +92,7 @@ int ShowResource(Context& context, const Options& options) {
   RequireResource(figures, options.resource);
   Console& console = context.GetConsole();
   if (context.PrintsJson()) {
-    console.Print(Pretty(ToJson(figures, options.resource)));
+    console.Print(Pretty(ReportResource(figures, options.resource)));
     return kExitDone;
   }
   const std::set<std::string> consumers = figures.GetConsumers(options.resource);

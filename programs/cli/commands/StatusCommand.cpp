@@ -10,6 +10,7 @@
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/text/UtcTime.h"
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Figures.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/core/MemoryStream.h"
@@ -17,11 +18,8 @@
 namespace tavix::programs::cli {
 
 using core::IniFile;
-using nlohmann::json;
 
 namespace {
-
-using Figures = std::map<std::string, std::string>;  // docs/protocol.md lists them
 
 constexpr char kCut[] = "cut.";
 
@@ -110,45 +108,13 @@ class StatusPrinter {
   const Figures& _figures;
 };
 
-json ToJson(const Figures& figures) {
-  json object = json::object();
-  for (const auto& [name, value] : figures) {
-    json& member = object[NameToJson(name).get<std::string>()];
-    if (IsNumber(value)) {
-      member = std::strtoull(value.c_str(), nullptr, 10);
-    } else if (value == "true" || value == "false") {
-      member = value == "true";
-    } else {
-      member = ValueToJson(value);
-    }
-  }
-  return object;
-}
-
-// The figures that had names of their own before there were the server's.
-void AddNamed(const json& figures, json& status) {
-  constexpr std::pair<const char*, const char*> kNames[] = {{"groups", "groups.effective"},
-                                                            {"restricted_groups", "groups.restricted"},
-                                                            {"user_groups", "groups.user"},
-                                                            {"settings", "keys.effective"}};
-  for (const auto& [name, figure] : kNames) {
-    if (figures.contains(figure)) status[name] = figures[figure];
-  }
-}
-
 int PrintServer(Context& context) {
   Session& session = context.GetSession();
   const double latency = MeasureLatency(session);
   const Figures figures = session.GetServerInfo();
   Console& console = context.GetConsole();
   if (context.PrintsJson()) {
-    json status = {{"server", NameToJson(session.GetAddress())},
-                   {"reachable", true},
-                   {"latency_ms", latency},
-                   {"version", TAVIX_VERSION},
-                   {"info", ToJson(figures)}};
-    AddNamed(status["info"], status);
-    console.Print(Pretty(status));
+    console.Print(Pretty(ReportServer(session.GetAddress(), latency, figures)));
     return kExitDone;
   }
   PrintFigure(console, "server", session.GetAddress());

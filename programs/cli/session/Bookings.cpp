@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Resources.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
 #include "tavix/core/StringUtil.h"
@@ -26,10 +27,6 @@ Amount ParseAmount(const std::string& text) {
   amount.isShare = true;
   amount.percent = percent;
   return amount;
-}
-
-IniFile ReadResources(Session& session) {
-  return session.Get({ResourceFigures::GroupOf("*")});
 }
 
 std::optional<int> FindBooking(const ResourceFigures& figures, const std::string& consumer, const std::string& resource,

@@ -4,7 +4,6 @@
 #include <string>
 
 #include "programs/common/client/Session.h"
-#include "tavix/core/IniFile.h"
 #include "tavix/settings/ResourceFigures.h"
 
 namespace tavix::programs::cli {
@@ -18,9 +17,6 @@ struct Amount {
 
 // Parses "20" and "20%". Throws Failure, kExitUsage, when the text is no amount.
 Amount ParseAmount(const std::string& text);
-
-// The groups of all resources.
-core::IniFile ReadResources(Session& session);
 
 // What booking an amount comes to; nothing when it does not fit.
 std::optional<int> FindBooking(const settings::ResourceFigures& figures, const std::string& consumer,

@@ -33,25 +33,6 @@ std::string EncodeBase64(const std::string& bytes) {
   return text;
 }
 
-bool DecodeBase64(std::string text, std::string& bytes) {
-  if (text.size() % 4 != 0) return false;
-  for (int i = 0; i < 2 && !text.empty() && text.back() == '='; ++i) text.pop_back();
-  if (text.size() % 4 == 1) return false;
-  const std::string alphabet(kAlphabet);
-  uint32_t bits = 0;
-  unsigned int held = 0;
-  for (const char c : text) {
-    const size_t value = alphabet.find(c);
-    if (value == std::string::npos) return false;
-    bits = bits << 6U | static_cast<uint32_t>(value);
-    held += 6;
-    if (held < 8) continue;
-    held -= 8;
-    bytes += static_cast<char>(bits >> held & 0xFFU);
-  }
-  return true;
-}
-
 // Builds settings from what the parser finds. No tree is built in between: it would lose how numbers were written and
 // which keys stood twice, and one of any depth could not even be shown.
 class Reader : public nlohmann::json_sax<json> {
@@ -73,9 +54,9 @@ class Reader : public nlohmann::json_sax<json> {
 
   bool string(std::string& text) override {
     if (_depth < kInBase64) return TakeText(text);
-    std::string bytes;
-    if (!DecodeBase64(text, bytes)) Fail("'" + SpellValue(text) + "' is no base64");
-    SetValue(bytes);
+    const std::optional<std::string> bytes = DecodeBase64(text);
+    if (!bytes) Fail("'" + SpellValue(text) + "' is no base64");
+    SetValue(*bytes);
     return true;
   }
 
@@ -120,10 +101,9 @@ class Reader : public nlohmann::json_sax<json> {
   }
 
   std::string ReadName(const std::string& text) {
-    if (text.rfind(kBase64Prefix, 0) != 0) return text;
-    std::string name;
-    if (!DecodeBase64(text.substr(sizeof kBase64Prefix - 1), name)) Fail("'" + SpellValue(text) + "' is no base64");
-    return name;
+    std::optional<std::string> name = NameFromJson(text);
+    if (!name) Fail("'" + SpellValue(text) + "' is no base64");
+    return *std::move(name);
   }
 
   bool TakeText(const std::string& text) {
@@ -181,6 +161,31 @@ std::string WithoutControls(const std::string& text) {
 
 json NameToJson(const std::string& name) {
   return IsUtf8(name) && name.rfind(kBase64Prefix, 0) != 0 ? name : kBase64Prefix + EncodeBase64(name);
+}
+
+std::optional<std::string> NameFromJson(const std::string& text) {
+  if (text.rfind(kBase64Prefix, 0) != 0) return text;
+  return DecodeBase64(text.substr(sizeof kBase64Prefix - 1));
+}
+
+std::optional<std::string> DecodeBase64(std::string text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  for (int i = 0; i < 2 && !text.empty() && text.back() == '='; ++i) text.pop_back();
+  if (text.size() % 4 == 1) return std::nullopt;
+  const std::string alphabet(kAlphabet);
+  std::string bytes;
+  uint32_t bits = 0;
+  unsigned int held = 0;
+  for (const char c : text) {
+    const size_t value = alphabet.find(c);
+    if (value == std::string::npos) return std::nullopt;
+    bits = bits << 6U | static_cast<uint32_t>(value);
+    held += 6;
+    if (held < 8) continue;
+    held -= 8;
+    bytes += static_cast<char>(bits >> held & 0xFFU);
+  }
+  return bytes;
 }
 
 json ValueToJson(const std::string& value) {

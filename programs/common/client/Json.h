@@ -13,6 +13,13 @@
 namespace tavix::programs {
 
 nlohmann::json NameToJson(const std::string& name);
+
+// The name that such a text stands for; nothing when what stands behind "base64:" is none.
+std::optional<std::string> NameFromJson(const std::string& text);
+
+// The bytes that base64 stands for; nothing when it is none.
+std::optional<std::string> DecodeBase64(std::string text);
+
 nlohmann::json ValueToJson(const std::string& value);
 
 // null where there is none.

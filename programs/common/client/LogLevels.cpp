@@ -25,6 +25,16 @@ constexpr ShortForm kShortForms[] = {{"emerg", 0}, {"crit", 2}, {"err", 3}, {"wa
 
 }  // namespace
 
+core::IniFile ReadLogLevels(Session& session, const std::string& groups) {
+  core::IniFile levels;
+  const core::IniFile all = session.Get({groups});
+  for (const auto& [group, keys] : all) {
+    const auto level = keys.find(kLogLevelKey);
+    if (level != keys.end()) levels.SetValue(group, kLogLevelKey, level->second);
+  }
+  return levels;
+}
+
 std::vector<std::string> GetLogLevelNames() {
   return {std::begin(kNames), std::end(kNames)};
 }

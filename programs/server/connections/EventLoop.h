@@ -10,8 +10,8 @@
 #include <memory>
 #include <vector>
 
+#include "programs/common/LoopThread.h"
 #include "programs/server/connections/Connection.h"
-#include "programs/server/system/LoopThread.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -110,7 +110,7 @@ class EventLoop {
   unsigned long long _probes TAVIX_GUARDED_BY(_mutex) = 0;
   unsigned long long _answers TAVIX_GUARDED_BY(_mutex) = 0;  // how many of the probes are answered
   std::condition_variable _answered;
-  LoopThread _thread;
+  programs::LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "programs/server/connections/PassedSockets.h"
+#include "programs/common/PassedSockets.h"
 #include "programs/server/connections/TcpSockets.h"
 #include "programs/server/connections/UnixSocketFile.h"
 #include "programs/server/system/SocketName.h"
@@ -73,7 +73,7 @@ bool IsListeningStream(int descriptor) {
 std::vector<Listener> Listener::OpenAll(const Options& options) {
   std::vector<Listener> listeners;
   // Where a service manager listens already, the daemon may not be able to: the options' addresses don't count then.
-  std::vector<osa::Descriptor> passed = TakePassedSockets();
+  std::vector<osa::Descriptor> passed = programs::TakePassedSockets();
   if (!passed.empty()) {
     TakePassed(std::move(passed), options.allowRemote, listeners);
     return listeners;

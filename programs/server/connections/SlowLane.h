@@ -5,7 +5,7 @@
 #include <deque>
 #include <functional>
 
-#include "programs/server/system/LoopThread.h"
+#include "programs/common/LoopThread.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -59,7 +59,7 @@ class SlowLane {
   std::deque<IJob*> _waiting TAVIX_GUARDED_BY(_mutex);
   const IJob* _running TAVIX_GUARDED_BY(_mutex) = nullptr;
   std::atomic<bool> _stop{false};
-  LoopThread _thread;
+  programs::LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

@@ -19,7 +19,7 @@ constexpr int kMaxRounds = 8;
 JournalSyncer::JournalSyncer(SharedUserLayer& layer, LayerReader readLayer)
     : _layer(layer),
       _readLayer(std::move(readLayer)),
-      _thread(std::make_unique<LoopThread>("JournalSync", [this] { Run(); })) {}
+      _thread(std::make_unique<programs::LoopThread>("JournalSync", [this] { Run(); })) {}
 
 void JournalSyncer::Run() {
   while (true) {

@@ -3,9 +3,9 @@
 #include <functional>
 #include <memory>
 
+#include "programs/common/LoopThread.h"
 #include "programs/server/persistence/ChangeInParts.h"
 #include "programs/server/persistence/SharedUserLayer.h"
-#include "programs/server/system/LoopThread.h"
 #include "tavix/settings/server/TextInParts.h"
 
 namespace tavix::daemon {
@@ -49,7 +49,7 @@ class JournalSyncer {
 
   SharedUserLayer& _layer;
   const LayerReader _readLayer;
-  std::unique_ptr<LoopThread> _thread;
+  std::unique_ptr<programs::LoopThread> _thread;
 };
 
 }  // namespace tavix::daemon

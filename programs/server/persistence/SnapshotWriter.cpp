@@ -23,7 +23,7 @@ SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files,
       _files(files),
       _history(history),
       _readLayer(std::move(readLayer)),
-      _thread(std::make_unique<LoopThread>("Snapshot", [this] { Run(); })) {}
+      _thread(std::make_unique<programs::LoopThread>("Snapshot", [this] { Run(); })) {}
 
 void SnapshotWriter::Run() {
   while (true) {

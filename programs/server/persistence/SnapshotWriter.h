@@ -4,10 +4,10 @@
 #include <memory>
 #include <string>
 
+#include "programs/common/LoopThread.h"
 #include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
-#include "programs/server/system/LoopThread.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/TextInParts.h"
 
@@ -60,7 +60,7 @@ class SnapshotWriter {
   UserSettingsFiles& _files;
   HistoryFile& _history;
   const LayerReader _readLayer;
-  std::unique_ptr<LoopThread> _thread;
+  std::unique_ptr<programs::LoopThread> _thread;
 };
 
 }  // namespace tavix::daemon

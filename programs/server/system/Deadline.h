@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <functional>
 
-#include "programs/server/system/LoopThread.h"
+#include "programs/common/LoopThread.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -32,7 +32,7 @@ class Deadline {
   osa::PlainMutex _mutex;
   std::condition_variable _wake;
   bool _isOver TAVIX_GUARDED_BY(_mutex) = false;
-  LoopThread _thread;
+  programs::LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

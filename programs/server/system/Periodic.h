@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <functional>
 
-#include "programs/server/system/LoopThread.h"
+#include "programs/common/LoopThread.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -39,7 +39,7 @@ class Periodic {
   std::condition_variable _changed;
   bool _isTriggered TAVIX_GUARDED_BY(_mutex) = false;
   bool _isStopping TAVIX_GUARDED_BY(_mutex) = false;
-  LoopThread _thread;
+  programs::LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

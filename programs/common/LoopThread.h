@@ -6,7 +6,7 @@
 #include "tavix/osa/Runnable.h"
 #include "tavix/osa/Thread.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 // A thread that runs one loop from the object's construction on: the last member of the class whose loop it is, so that
 // the loop finds the other members made. To end, the owner has its loop return, and then waits for that here.
@@ -43,4 +43,4 @@ class LoopThread {
   osa::Thread _thread;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

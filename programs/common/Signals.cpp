@@ -1,4 +1,4 @@
-#include "programs/server/system/Signals.h"
+#include "programs/common/Signals.h"
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 
 #include "tavix/osa/Exception.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -41,4 +41,4 @@ Signals::Signal Signals::Take() const {
   return {static_cast<int>(info.ssi_signo), static_cast<pid_t>(info.ssi_pid), info.ssi_uid};
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -5,7 +5,7 @@
 
 #include "tavix/osa/Descriptor.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 // Notifies a service manager about this process: datagrams to the socket that NOTIFY_SOCKET names, as sd_notify(3)
 // describes them. Without one, nothing is sent.
@@ -32,4 +32,4 @@ class ServiceManager {
   std::chrono::microseconds _watchdogTime{0};
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

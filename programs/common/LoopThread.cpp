@@ -1,8 +1,8 @@
-#include "programs/server/system/LoopThread.h"
+#include "programs/common/LoopThread.h"
 
 #include <utility>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -19,4 +19,4 @@ LoopThread::~LoopThread() {
   Join();
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -4,9 +4,9 @@
 
 #include "tavix/osa/Descriptor.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
-// The signals that the daemon answers, as a descriptor that becomes readable: SIGTERM and SIGINT to end it, SIGHUP and
+// The signals that a daemon answers, as a descriptor that becomes readable: SIGTERM and SIGINT to end it, SIGHUP and
 // SIGUSR1 to tell it something.
 //
 // Threads: one. Block comes first, before there are others.
@@ -34,4 +34,4 @@ class Signals {
   osa::Descriptor _descriptor;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

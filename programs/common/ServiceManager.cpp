@@ -1,4 +1,4 @@
-#include "programs/server/system/ServiceManager.h"
+#include "programs/common/ServiceManager.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdlib>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -61,4 +61,4 @@ bool ServiceManager::HasJournal() {
   return Variable("JOURNAL_STREAM") == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -1,4 +1,4 @@
-#include "programs/server/connections/PassedSockets.h"
+#include "programs/common/PassedSockets.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string_view>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -35,4 +35,4 @@ std::vector<osa::Descriptor> TakePassedSockets() {
   return passed;
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs
