@@ -13,22 +13,23 @@ from .failure import Failure
 from .hub import Hub
 from .played_daemon import PlayedDaemon
 
-_READ, _WRITE = "every-document-is-read", "every-document-is-written"
+_READ, _WRITE, _BROKEN = "every-document-is-read", "every-document-is-written", "every-broken-text-is-an-error"
 
 # Name, title, needs.
 VECTOR_CASES = (
     (_READ, "Each document of text.jsonl comes as a reply.", ("get",)),
     (_WRITE, "Each document of text.jsonl goes into a merge.", ("merge",)),
+    (_BROKEN, "Each text of text.jsonl that is no settings text comes as a reply.", ("get",)),
 )
 
 
 def run_vectors(name: str, path: Path, hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
     """Throws Failure."""
     _connect(hub, client, daemon)
-    check = _read if name == _READ else _write
+    check, member = {_READ: (_read, "document"), _WRITE: (_write, "document"), _BROKEN: (_refuse, "error")}[name]
     for number, line in enumerate(path.read_text(encoding="utf-8").splitlines(), 1):
         vector = json.loads(line)
-        if vector.get("document") and _can_stand_on_lines(vector):
+        if member in vector and _can_stand_on_lines(vector):
             try:
                 check(vector, hub, client, daemon)
             except Failure as failure:
@@ -51,18 +52,34 @@ def _connect(hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
 
 
 def _can_stand_on_lines(vector: Dict[str, Any]) -> bool:
-    """Other names are never on a connection."""
+    """Others are never on a connection: a name is a line of requests, and a line of one dot ends a document."""
+    if "error" in vector:
+        return b"." not in bytes.fromhex(vector["text"]).split(b"\n")
     return not any(b"\n" in name or name == b"." for name in document_from_json(vector["document"]))
 
 
 def _read(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
+    _get(bytes.fromhex(vector["canonical"]), {"ok": True, "groups": vector["document"]}, hub, client, daemon)
+
+
+def _refuse(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
+    text = bytes.fromhex(vector["text"])
+    expected = {"ok": False, "error": ["PARSE", "LOST"]}  # the connection is of no use any more
+    _get(text if text.endswith(b"\n") else text + b"\n", expected, hub, client, daemon)
+
+
+def _get(text: bytes, expected: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
+    """All requests to read get the text: a client may ask more than once."""
     asked = {"do": "get", "names": ["*"]}
     number = client.send(asked)
-    hub.run_until(lambda: bool(daemon.arrived) or client.has_answered(number), "a request to read")
-    if daemon.arrived:
-        link, _ = daemon.arrived.popleft()
-        link.send(b"data\n" + bytes.fromhex(vector["canonical"]) + b".\n")
-    require_answer(client.await_answer(number, str(asked)), [{"ok": True, "groups": vector["document"]}], asked)
+
+    def is_answered() -> bool:
+        while daemon.arrived:
+            daemon.arrived.popleft()[0].send(b"data\n" + text + b".\n")
+        return client.has_answered(number)
+
+    hub.run_until(is_answered, "the answer to a request to read")
+    require_answer(client.await_answer(number, str(asked)), [expected], asked)
 
 
 def _write(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemon) -> None:
@@ -74,7 +91,7 @@ def _write(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemo
     def serve() -> None:
         while daemon.arrived:
             link, request = daemon.arrived.popleft()
-            if request.is_write:
+            if request.is_write and (request.parts[0] or not wanted):  # late ones of empty documents are none
                 found.append(request)
             elif request.words[0] == b"get":  # the client compares, or reads back what it has written
                 has_it = found and request.parts[0]
@@ -90,6 +107,7 @@ def _write(vector: Dict[str, Any], hub: Hub, client: Client, daemon: PlayedDaemo
 
     hub.run_until(is_answered, "the answer to a merge")
     require_answer(client.await_answer(number, str(asked)), [{"ok": True}], asked)
-    hub.run_until(is_found, "the request to merge")
-    if any(request.words != (b"merge",) or request.parts[0] != wanted for request in found) or len(found) > 1:
+    if wanted:  # a client may have nothing to send
+        hub.run_until(is_found, "the request to merge")
+    if any(request.words != (b"merge",) or request.parts[0] != wanted for request in found) or (wanted and len(found) > 1):
         raise Failure(f"expected one merge of {wanted}, found {[request.text for request in found]}")

@@ -87,6 +87,12 @@ class Kit(unittest.TestCase):
         self.assertIn("\nok 1 - old-daemon-lacks-amend # SKIP without amend\n", result.stdout)
         self.assertIn("\n# skipped for want of amend: 1\n", result.stdout)
 
+    def test_only_features_that_cases_passed_with_are_proven(self):
+        passed = run("--client", client(), "--only", "last-bracket-ends-a-name").stdout
+        self.assertIn("\n# proven: get\n", passed)
+        failed = run("--client", client("first-bracket"), "--only", "last-bracket-ends-a-name").stdout
+        self.assertIn("\n# proven: none\n", failed)
+
     def test_live_cases_are_skipped_without_a_daemon(self):
         result = run("--client", client(), "--only", "reconnect")
         self.assertIn("\nok 1 - reconnect # SKIP without --daemon\n", result.stdout)

@@ -42,9 +42,16 @@ const char* ToCode(ProtocolException::Reason reason) {
   }
 }
 
-// The modes throw texts alone: that of a name that can't be sent is known by what it says.
-std::string ToCode(const osa::Exception& exception) {
-  return std::string(exception.what()).find("can't be sent") != std::string::npos ? "USAGE" : "LOST";
+// The operation modes throw texts alone, which are known by what they say.
+const char* ToCode(const osa::Exception& exception) {
+  constexpr std::pair<std::string_view, const char*> kTexts[] = {
+      {"can't be sent", "USAGE"},  {"older than this request", "UNSUPPORTED"}, {"Lock Timeout", "TIMEOUT"},
+      {"lost connection", "LOST"}, {"failed to communicate", "LOST"},          {"Failed to connect", "LOST"},
+  };
+  const std::string_view text = exception.what();
+  for (const auto& [part, code] : kTexts)
+    if (text.find(part) != std::string_view::npos) return code;
+  return "INTERNAL";
 }
 
 json ToFailure(const char* text, const std::string& code) {
@@ -150,9 +157,9 @@ class Adapter {
   }
 
   json GetFeatures() const {
-    json features = {"get", "merge", "test-and-merge", "overwrite", "restore", "flush", "nopersist"};
+    json features = {"get", "merge", "test-and-merge", "overwrite", "restore", "amend", "flush", "nopersist"};
     if (_mode != "single") features.insert(features.end(), {"watch", "unwatch", "initial", "resync", "once"});
-    if (_mode == "protocol" || _mode == "c") features.insert(features.end(), {"amend", "timeout", "bounded"});
+    if (_mode == "protocol" || _mode == "c") features.insert(features.end(), {"timeout", "bounded"});
     return features;
   }
 

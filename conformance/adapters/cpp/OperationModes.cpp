@@ -39,6 +39,8 @@ class ModeStore : public Store {
 
   bool TestAndMerge(const IniFile& test, const IniFile& change) override { return _client->TestAndMerge(test, change); }
 
+  bool Amend(const settings::Amendment& amendment) override { return _client->Amend(amendment); }
+
   void Overwrite(const Groups& names, const IniFile& change) override { _client->OverwriteSettings(names, change); }
 
   void Restore(const Groups& names) override { _client->RestoreToDefaults(names); }

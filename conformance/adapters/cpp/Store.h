@@ -42,7 +42,7 @@ class Store {
   virtual void Overwrite(const Groups& names, const core::IniFile& change) = 0;
   virtual void Restore(const Groups& names) = 0;
   virtual void Flush() = 0;
-  virtual bool Amend(const settings::Amendment&) { throw StoreError("UNSUPPORTED", "this way has no amend"); }
+  virtual bool Amend(const settings::Amendment& amendment) = 0;
 
   // Begins a watch of that number; its changes go to the writer.
   virtual void Watch(int number, const Groups& names, bool isInitial) = 0;
