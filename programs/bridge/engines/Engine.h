@@ -35,8 +35,8 @@ struct Lost {
 // Everything that Follow asked for has been reported up to "version". A plain value.
 struct Synced {
   Version version = 0;      // from here Follow may go on; 0: the engine is not resumable
-  bool isComplete = false;  // the items since Follow, or since the last Synced, are all that there are: a key that was
-                            // not reported does not exist. Otherwise they are changes.
+  bool isComplete = false;  // the items since Follow are all that there are: a key that was not reported does not
+                            // exist. False: they are changes, or the engine can't know (MQTT).
 };
 
 // What became of a Put. A plain value.
@@ -88,9 +88,9 @@ struct PutOptions {
 // PutDone it is unknown whether it was carried out.
 //
 // Items: Follow reports the present items of all its prefixes and then changes, a key's own in their order. The same
-//        item may come again, and of changes in between only the last may come. Own puts come back as items if their key is
-//        followed, before or after their PutDone. Keys and bytes are what others wrote, of any form and length up to
-//        the engine's limit.
+//        item may come again, and of changes in between only the last may come. Own puts come back as items if
+//        their key is followed, before or after their PutDone. Keys and bytes are what others wrote, of any form and
+//        length up to the engine's limit.
 // Threads: one calls. No call waits, but Close for the engine's own thread: at worst for the resolution of a host's
 //          name. Events come from that one thread through an EventQueue, which is given to the constructor. When it is
 //          full the thread waits and reads nothing more from its link; that link may break for it.

@@ -20,4 +20,14 @@ inline bool IsFollowedByAny(const std::vector<std::string>& prefixes, const std:
                      [&](const std::string& prefix) { return IsFollowedBy(prefix, key); });
 }
 
+// The prefixes of the second list that the first lacks.
+inline std::vector<std::string> FindAdded(const std::vector<std::string>& before,
+                                          const std::vector<std::string>& after) {
+  std::vector<std::string> added;
+  for (const std::string& prefix : after) {
+    if (std::find(before.begin(), before.end(), prefix) == before.end()) added.push_back(prefix);
+  }
+  return added;
+}
+
 }  // namespace tavix::bridge

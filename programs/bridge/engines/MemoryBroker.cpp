@@ -145,10 +145,9 @@ void MemoryBroker::Follow(const std::string& name, const std::vector<std::string
   osa::PlainMutexLock lock(_mutex);
   Client& client = _clients[name];
   if (!client.isLinked) return;
-  const std::vector<std::string> before = std::exchange(client.prefixes, prefixes);
-  const auto isNew = [&](const std::string& key) {
-    return IsFollowedByAny(prefixes, key) && !IsFollowedByAny(before, key);
-  };
+  const std::vector<std::string> added = FindAdded(client.prefixes, prefixes);
+  client.prefixes = prefixes;
+  const auto isNew = [&](const std::string& key) { return IsFollowedByAny(added, key); };
   const bool goesOn = _capabilities.isResumable && from != 0 && from >= _compacted && from <= _version;
   if (goesOn) {
     for (const Item& item : _changes) {
@@ -159,7 +158,7 @@ void MemoryBroker::Follow(const std::string& name, const std::vector<std::string
       if (isNew(entry.first)) client.events.push_back(entry.second);
     }
   }
-  client.events.push_back(Synced{_capabilities.isResumable ? _version : 0, !goesOn});
+  client.events.push_back(Synced{_capabilities.isResumable ? _version : 0, _capabilities.isResumable && !goesOn});
   _changed.notify_all();
 }
 

@@ -5,6 +5,9 @@
 
 #include "tests/programs/bridge/engines/EngineHost.h"
 #include "tests/programs/bridge/engines/MemoryHost.h"
+#ifdef TAVIX_HAS_MQTT
+#include "tests/programs/bridge/engines/MqttHost.h"
+#endif
 
 namespace tavix::test {
 
@@ -24,6 +27,9 @@ inline std::vector<EngineKind> ResumableEngines() {
 inline std::vector<EngineKind> AllEngines() {
   std::vector<EngineKind> kinds = ComparingEngines();
   kinds.push_back(MakeMemoryKind("PlainMemory", {false, false}));
+#ifdef TAVIX_HAS_MQTT
+  kinds.push_back({"Mqtt", [] { return std::make_unique<MqttHost>(); }});
+#endif
   return kinds;
 }
 

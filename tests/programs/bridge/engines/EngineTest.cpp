@@ -52,13 +52,13 @@ TEST_P(EngineTest, ReportsWhatIsThereBeforeItIsSynced) {
   EXPECT_EQ(_other.Put("fleet/a/2/deep", "two").outcome, Outcome::kDone);
   _engine.Connect();
 
-  EXPECT_TRUE(_engine.Follow({"fleet/a/"}).isComplete);
+  EXPECT_EQ(_engine.Follow({"fleet/a/"}).isComplete, _engine.Get().GetCapabilities().isResumable);
   EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/a/1", "one"), Pair("fleet/a/2/deep", "two")));
 }
 
 TEST_P(EngineTest, IsSyncedWhenThereIsNothing) {
   _engine.Connect();
-  EXPECT_TRUE(_engine.Follow({"fleet/a/"}).isComplete);
+  EXPECT_EQ(_engine.Follow({"fleet/a/"}).isComplete, _engine.Get().GetCapabilities().isResumable);
   EXPECT_EQ(_engine.GetItemCount(), 0u);
 }
 
@@ -125,6 +125,18 @@ TEST_P(EngineTest, ReportsOfNewPrefixesWhatIsThere) {
   _engine.ForgetStore();
   _engine.Follow({"fleet/a/", "fleet/b/"});
   EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/b/1", "one")));
+}
+
+TEST_P(EngineTest, ReportsAKeyAgainThatIsFollowedAloneAsWell) {
+  _other.Connect();
+  _other.Put("fleet/a/1", "one");
+  _other.Put("fleet/a/2", "two");
+  _engine.Connect();
+  _engine.Follow({"fleet/a/"});
+
+  _engine.ForgetStore();
+  _engine.Follow({"fleet/a/", "fleet/a/1"});
+  EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/a/1", "one")));
 }
 
 TEST_P(EngineTest, ReportsNothingOfPrefixesThatItNoLongerFollows) {
@@ -230,7 +242,7 @@ TEST_P(EngineTest, ConnectsAgain) {
 
   _host->Heal();
   _engine.Connect();
-  EXPECT_TRUE(_engine.Follow({"fleet/a/"}).isComplete);
+  EXPECT_EQ(_engine.Follow({"fleet/a/"}).isComplete, _engine.Get().GetCapabilities().isResumable);
   EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/a/1", "one")));
 }
 
