@@ -23,7 +23,7 @@ namespace tavix::test {
 
 namespace {
 
-constexpr char kListening[] = "tavix-settings-server: listening on ";
+constexpr char kListening[] = ": listening on ";
 
 int Require(int result, const char* call) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), call);

@@ -21,9 +21,9 @@ struct ProcessLimits {
   std::optional<unsigned long> fileSize;     // in bytes; writing more fails, as on a full disk
 };
 
-// The real tavix-settings-server as a child process, whose output is collected from its start to its end. Unless the
-// arguments name a configuration, it has an empty one, not the one that may be installed on the machine, and it logs
-// nothing but warnings and errors.
+// The real tavix-settings-server, or another program that reports its addresses as it does, as a child process, whose
+// output is collected from its start to its end. Unless the arguments name a configuration, the daemon has an empty
+// one, not the one that may be installed on the machine, and it logs nothing but warnings and errors.
 //
 // Threads: made on the test's main thread: the child is killed when the thread that made it ends.
 // Errors:  what waits throws std::runtime_error after kPatience, with what the daemon wrote. A daemon that is still

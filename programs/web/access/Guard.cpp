@@ -1,0 +1,112 @@
+#include "programs/web/access/Guard.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "programs/web/http/Refusal.h"
+
+namespace tavix::web {
+
+namespace {
+
+constexpr const char* kTypes[] = {"application/json", "application/merge-patch+json", "text/plain"};
+
+std::string Lower(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+std::string OwnName() {
+  char name[256] = "";
+  gethostname(name, sizeof name - 1);
+  return Lower(name);
+}
+
+bool IsPort(const std::string& text) {
+  return !text.empty() && text.size() <= 5 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The name or address of HOST, HOST:PORT, [V6] or [V6]:PORT; empty when it is none of them.
+std::string WithoutPort(const std::string& host) {
+  const size_t bracket = host.rfind(']');
+  const size_t colon = host.rfind(':');
+  const bool hasPort = colon != std::string::npos && (bracket == std::string::npos || colon > bracket);
+  if (hasPort && !IsPort(host.substr(colon + 1))) return std::string();
+  std::string name = Lower(host.substr(0, hasPort ? colon : host.size()));
+  const bool isBracketed = name.size() > 2 && name.front() == '[' && name.back() == ']';
+  if (isBracketed) return NormalizeAddress(name.substr(1, name.size() - 2)) ? name : std::string();
+  if (!name.empty() && name.back() == '.') name.pop_back();
+  return name;
+}
+
+// The last of a list: what the trusted proxy itself has added.
+std::string LastOf(const std::string& list) {
+  const size_t comma = list.rfind(',');
+  const size_t begin = list.find_first_not_of(' ', comma == std::string::npos ? 0 : comma + 1);
+  return begin == std::string::npos ? std::string() : list.substr(begin);
+}
+
+std::string TypeOf(const Request& request) {
+  const std::string* const type = request.Find("content-type");
+  if (!type) return std::string();
+  const std::string word = type->substr(0, type->find(';'));
+  return Lower(word.substr(0, word.find_last_not_of(' ') + 1));
+}
+
+}  // namespace
+
+Guard::Guard(const Options& options) : _hosts(options.hosts), _proxies(options.trustedProxies) {
+  const std::string name = OwnName();
+  _hosts.insert("localhost");
+  if (name.empty()) return;
+  _hosts.insert(name);
+  _hosts.insert(name.substr(0, name.find('.')) + ".local");
+}
+
+Origin Guard::FindOrigin(const Request& request, const Peer& peer, bool isTls) const {
+  Origin origin{peer.address, *request.Find("host"), isTls};
+  if (!IsTrustedProxy(peer)) return origin;
+  if (const std::string* const address = request.Find("x-forwarded-for"))
+    origin.address = NormalizeAddress(LastOf(*address)).value_or(peer.address);
+  if (const std::string* const host = request.Find("x-forwarded-host")) origin.host = LastOf(*host);
+  if (const std::string* const scheme = request.Find("x-forwarded-proto")) origin.isHttps = LastOf(*scheme) == "https";
+  return origin;
+}
+
+void Guard::RequireKnownHost(const Origin& origin) const {
+  const std::string name = WithoutPort(origin.host);
+  const bool isAddress = !name.empty() && (name.front() == '[' || NormalizeAddress(name));
+  if (!isAddress && _hosts.count(name) == 0)
+    throw Refusal(421, "this host is not known as '" + origin.host + "'; --host makes the name known");
+}
+
+void Guard::RequireOwnWrite(const Request& request, const Origin& origin) const {
+  const std::string* const sender = request.Find("origin");
+  const std::string scheme = origin.isHttps ? "https://" : "http://";
+  if (sender && Lower(*sender) != Lower(scheme + origin.host))
+    throw Refusal(403, "the page at '" + *sender + "' may not write here");
+  if (!sender && request.Find("cookie")) throw Refusal(403, "a write with a cookie needs an Origin");
+  if (request.body.empty()) return;
+  const std::string type = TypeOf(request);
+  const bool isKnown = std::any_of(std::begin(kTypes), std::end(kTypes), [&](const char* one) { return type == one; });
+  if (!isKnown) throw Refusal(415, "the body's type has to be application/json or text/plain");
+}
+
+std::optional<std::string> FindCookie(const Request& request, const std::string& name) {
+  for (const auto& [header, value] : request.headers) {
+    if (header != "cookie") continue;
+    for (size_t at = 0; at < value.size();) {
+      const size_t end = std::min(value.find(';', at), value.size());
+      const std::string pair = value.substr(at, end - at);
+      at = value.find_first_not_of(' ', end + 1);
+      if (pair.compare(0, name.size() + 1, name + "=") == 0) return pair.substr(name.size() + 1);
+      if (at == std::string::npos) break;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace tavix::web

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+
+#include "programs/web/http/Message.h"
+#include "programs/web/http/Peer.h"
+#include "programs/web/options/Options.h"
+
+namespace tavix::web {
+
+// From where a request comes and how it calls this host, after a proxy that is trusted. A plain value.
+struct Origin {
+  std::string address;  // of the client; empty on a unix socket
+  std::string host;     // with its port, if there is one
+  bool isHttps = false;
+};
+
+// Keeps requests out that pages of others make a browser send.
+//
+// Threads: any.
+// Errors:  Refusal.
+class Guard {
+ public:
+  // The host's names are those that the system has now.
+  explicit Guard(const Options& options);
+
+  // isTls: whether the connection itself is encrypted.
+  Origin FindOrigin(const Request& request, const Peer& peer, bool isTls) const;
+
+  // Throws Refusal, 421: the host is not called so, as when a foreign name was made to lead here.
+  void RequireKnownHost(const Origin& origin) const;
+
+  // Throws Refusal: 403 for a write that a foreign page may have sent, 415 for a body that is neither JSON nor text.
+  void RequireOwnWrite(const Request& request, const Origin& origin) const;
+
+  bool IsTrustedProxy(const Peer& peer) const { return _proxies.count(peer.address) != 0; }
+
+ private:
+  std::set<std::string> _hosts;
+  const std::set<std::string> _proxies;
+};
+
+// The value of a cookie; nothing when it is missing.
+std::optional<std::string> FindCookie(const Request& request, const std::string& name);
+
+}  // namespace tavix::web

@@ -1,0 +1,63 @@
+#include "programs/web/access/PrivateFile.h"
+
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "tavix/osa/Descriptor.h"
+#include "tavix/osa/Exception.h"
+
+namespace tavix::web {
+
+namespace {
+
+constexpr size_t kMaxBytes = 256 * size_t{1024};
+
+[[noreturn]] void Fail(const std::string& path, const char* reason) {
+  throw osa::Exception("Failed to read '%s': %s", path.c_str(), reason);
+}
+
+}  // namespace
+
+std::string ReadPrivateFile(const std::string& path) {
+  const osa::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file) Fail(path, std::strerror(errno));
+  struct stat status {};
+  if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) Fail(path, "it is no file");
+  if ((status.st_mode & 077U) != 0) Fail(path, "others than its owner may use it; its mode has to be 0600");
+  std::string text;
+  char part[4096];
+  ssize_t count = 0;
+  while ((count = read(file.Get(), part, sizeof part)) > 0) {
+    text.append(part, static_cast<size_t>(count));
+    if (text.size() > kMaxBytes) Fail(path, "it is too large");
+  }
+  if (count < 0) Fail(path, std::strerror(errno));
+  return text;
+}
+
+std::string MakeSecret() {
+  unsigned char bytes[32];
+  if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
+    throw osa::Exception("Failed to get random bytes: %s", std::strerror(errno));
+  std::string text;
+  for (const unsigned char byte : bytes) {
+    text += "0123456789abcdef"[byte >> 4U];
+    text += "0123456789abcdef"[byte & 15U];
+  }
+  return text;
+}
+
+bool AreEqualSecrets(const std::string& left, const std::string& right) {
+  if (left.size() != right.size()) return false;
+  unsigned int difference = 0;
+  for (size_t i = 0; i < left.size(); ++i)
+    difference |= static_cast<unsigned char>(left[i]) ^ static_cast<unsigned char>(right[i]);
+  return difference == 0;
+}
+
+}  // namespace tavix::web

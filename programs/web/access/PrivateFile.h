@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace tavix::web {
+
+// The text of a file that holds secrets. Throws osa::Exception, with the file's name, when it can't be read or when
+// others than its owner may read or write it.
+std::string ReadPrivateFile(const std::string& path);
+
+// 256 bits that nobody can guess, as 64 digits. Throws osa::Exception when the system has none.
+std::string MakeSecret();
+
+// Whether two texts are equal, in a time that depends on their lengths alone.
+bool AreEqualSecrets(const std::string& left, const std::string& right);
+
+}  // namespace tavix::web

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <vector>
+
+#include "programs/common/LoopThread.h"
+#include "programs/web/http/Message.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
+
+namespace tavix::web {
+
+// Has answers made by threads of its own, in the order in which they were asked for.
+//
+// Threads: Add, Cancel and TakeDone belong to one thread, the loop's.
+// Locks:   "_mutex" guards what waits and what is done. No work runs under it.
+class WorkQueue {
+ public:
+  using Number = uint64_t;
+
+  // Is given the number of the thread that it runs on, from 0 on. Throws nothing.
+  using Work = std::function<Response(size_t thread)>;
+
+  struct Done {
+    Number number;
+    Response response;
+  };
+
+  enum class Cancelled {
+    kUnknown,  // it is done
+    kWaiting,  // nothing of it was done
+    kRunning   // it goes on, and its answer is dropped
+  };
+
+  // threadName: outlives this. maxWaiting: of the work that no thread has begun. wake: called on a thread of the queue
+  // when something is done; has no lock held.
+  WorkQueue(const char* threadName, size_t threads, size_t maxWaiting, std::function<void()> wake);
+
+  // Ends the threads. Work that waits is dropped.
+  ~WorkQueue();
+
+  WorkQueue(const WorkQueue&) = delete;
+  WorkQueue& operator=(const WorkQueue&) = delete;
+
+  // False when too much waits. number: not 0, of the caller's choice, and never used again.
+  [[nodiscard]] bool Add(Number number, Work work) TAVIX_EXCLUDES(_mutex);
+
+  Cancelled Cancel(Number number) TAVIX_EXCLUDES(_mutex);
+
+  // The same for work that no thread has begun; false when there is none of that number.
+  bool CancelWaiting(Number number) TAVIX_EXCLUDES(_mutex);
+
+  // All that is done since the last call, but for what was cancelled.
+  std::vector<Done> TakeDone() TAVIX_EXCLUDES(_mutex);
+
+ private:
+  struct Item {
+    Number number;
+    Work work;
+  };
+
+  void Run(size_t thread) TAVIX_EXCLUDES(_mutex);
+  bool RemoveWaiting(Number number) TAVIX_REQUIRES(_mutex);
+  bool TakeNext(size_t thread, Item& item) TAVIX_EXCLUDES(_mutex);
+
+  const size_t _maxWaiting;
+  const std::function<void()> _wake;
+  osa::PlainMutex _mutex;
+  std::condition_variable _changed;
+  bool _ends TAVIX_GUARDED_BY(_mutex) = false;
+  std::deque<Item> _waiting TAVIX_GUARDED_BY(_mutex);
+  std::vector<Number> _running TAVIX_GUARDED_BY(_mutex);  // of each thread; 0: none
+  std::vector<Done> _done TAVIX_GUARDED_BY(_mutex);
+  std::list<programs::LoopThread> _threads;
+};
+
+}  // namespace tavix::web

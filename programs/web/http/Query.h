@@ -1,0 +1,42 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavix::web {
+
+// The parameters of a target: NAME=VALUE with '&' between them, both percent-encoded. '+' is a blank.
+//
+// Threads: any; it does not change.
+// Errors:  Refusal, 400, for what is no percent-encoding.
+class Query {
+ public:
+  explicit Query(const std::string& text);
+
+  // The first value; nothing when the parameter is missing.
+  std::optional<std::string> Find(const std::string& name) const;
+
+  // All values, in their order.
+  std::vector<std::string> FindAll(const std::string& name) const;
+
+  // The first value as one of JSON's names: "base64:..." stands for bytes. Throws Refusal, 400, when that is none, and
+  // for RequireName also when the parameter is missing.
+  std::optional<std::string> FindName(const std::string& name) const;
+  std::string RequireName(const std::string& name) const;
+
+  // The values as names.
+  std::vector<std::string> FindNames(const std::string& name) const;
+
+  // "1" and "true" are true; missing, "0" and "false" are false. Throws Refusal, 400, otherwise.
+  bool HasFlag(const std::string& name) const;
+
+  // A whole number from "low" to "high"; missing: "def". Throws Refusal, 400, otherwise.
+  size_t FindNumber(const std::string& name, size_t low, size_t high, size_t def) const;
+
+ private:
+  std::vector<std::pair<std::string, std::string>> _parameters;
+};
+
+}  // namespace tavix::web

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <map>
+#include <nlohmann/json_fwd.hpp>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "programs/web/http/Message.h"
+
+namespace tavix::web {
+
+// A request that is not carried out: becomes an answer with a problem (RFC 9457). A plain value.
+class Refusal : public std::runtime_error {
+ public:
+  // By name, a value of JSON as text.
+  using Members = std::map<std::string, std::string>;
+
+  // members: what the problem has beside type, title, status and detail.
+  Refusal(int status, const std::string& detail, Members members = {}, Headers headers = {})
+      : std::runtime_error(detail), _status(status), _members(std::move(members)), _headers(std::move(headers)) {}
+
+  int GetStatus() const { return _status; }
+  const Members& GetMembers() const { return _members; }
+  const Headers& GetHeaders() const { return _headers; }
+
+ private:
+  int _status;
+  Members _members;
+  Headers _headers;
+};
+
+// A string of JSON, of any bytes.
+std::string Quoted(const std::string& text);
+
+// The answer to a request that is refused.
+Response ToResponse(const Refusal& refusal);
+
+// An answer with a JSON document.
+Response JsonResponse(const nlohmann::json& document, int status = 200);
+
+}  // namespace tavix::web

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "programs/web/http/Message.h"
+
+namespace tavix::web {
+
+// Reads one request of HTTP/1.1 (RFC 9112) from bytes as they arrive. It is strict: where two programs could read a
+// message in two ways, such as two lengths or a line that ends with a line feed alone, it refuses the message, so that
+// a proxy in front and this program always agree where a request ends.
+//
+// Threads: one.
+// Errors:  a message that is refused has a status and a reason; nothing behind it may be read.
+class RequestParser {
+ public:
+  struct Limits {
+    size_t headBytes = 16 * size_t{1024};
+    size_t bodyBytes = 1024 * size_t{1024};
+  };
+
+  enum class State {
+    kHead,      // the head is not whole
+    kBody,      // the head is, the body is not
+    kComplete,  // the request is whole
+    kRefused    // it can't be read; see GetStatus
+  };
+
+  explicit RequestParser(const Limits& limits) : _limits(limits) {}
+
+  // Takes what belongs to the request, and returns how many bytes that was. Takes nothing once it is complete or
+  // refused.
+  size_t Take(std::string_view bytes);
+
+  State GetState() const { return _state; }
+  bool HasBegun() const { return !_line.empty() || _headBytes > 0; }
+
+  // Whether the client waits for "100 Continue" before it sends the body.
+  bool AwaitsContinue() const { return _awaitsContinue && _state == State::kBody; }
+
+  // The request, once it is complete; its head from kBody on.
+  Request& GetRequest() { return _request; }
+
+  // Of a refused message.
+  int GetStatus() const { return _status; }
+  const std::string& GetReason() const { return _reason; }
+
+ private:
+  // Of a body in chunks, which stands next.
+  enum class Chunk { kNone, kSize, kData, kDataEnd, kTrailer };
+
+  size_t TakeLine(std::string_view bytes, size_t maxBytes);
+  void HandleLine();
+  void ReadRequestLine(const std::string& line);
+  void ReadHeader(const std::string& line);
+  void EndHead();
+  void ReadFraming();
+  void ReadLength(const std::string& text);
+  void BeginBody(size_t length);
+  size_t TakeBody(std::string_view bytes);
+  void HandleChunkLine();
+  void ReadChunkSize(const std::string& line);
+  void Refuse(int status, const std::string& reason);
+
+  const Limits _limits;
+  State _state = State::kHead;
+  Request _request;
+  std::string _line;
+  size_t _headBytes = 0;
+  bool _hasRequestLine = false;
+  bool _awaitsContinue = false;
+  Chunk _chunk = Chunk::kNone;
+  size_t _left = 0;  // of the body, or of its chunk
+  size_t _trailerBytes = 0;
+  int _status = 0;
+  std::string _reason;
+};
+
+}  // namespace tavix::web

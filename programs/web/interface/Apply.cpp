@@ -1,0 +1,182 @@
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
+#include "programs/web/interface/Batches.h"
+#include "programs/web/interface/Conditions.h"
+#include "programs/web/interface/GroupChange.h"
+#include "programs/web/interface/JsonBody.h"
+#include "tavix/settings/Amendment.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using settings::Amendment;
+using Kind = JsonValue::Kind;
+
+namespace {
+
+constexpr char kConditionBegin[] = "condition:";
+
+// A change of many groups, as the body has it. A plain value.
+struct Wanted {
+  Amendment amendment;
+  bool isVolatile = false;
+  bool isDryRun = false;
+};
+
+[[noreturn]] void FailAt(const std::string& member, const std::string& group, const std::string& expected) {
+  throw Refusal(400, "'" + member + "', group '" + programs::SpellName(group) + "': expected " + expected,
+                {{"group", Quoted(group)}});
+}
+
+// An object of groups, each an object of keys and values.
+IniFile ReadSettings(const JsonValue& body, const std::string& member) {
+  IniFile settings;
+  const JsonValue* const groups = body.Find(member);
+  if (!groups) return settings;
+  if (groups->kind != Kind::kObject) throw Refusal(400, "'" + member + "' is no object of groups");
+  for (const auto& [group, keys] : groups->members) {
+    if (keys.kind != Kind::kObject) FailAt(member, group, "an object of keys");
+    RequireSendable(group);
+    settings[group];
+    for (const auto& [key, value] : keys.members) {
+      if (!value.IsValue()) FailAt(member, group, "a string, a number or a truth value for each key");
+      settings.SetValue(group, key, value.text);
+    }
+  }
+  return settings;
+}
+
+// An object of groups, each a list of keys; an empty list means the group as a whole.
+IniFile ReadKeys(const JsonValue& body, const std::string& member) {
+  IniFile settings;
+  const JsonValue* const groups = body.Find(member);
+  if (!groups) return settings;
+  if (groups->kind != Kind::kObject) throw Refusal(400, "'" + member + "' is no object of groups");
+  for (const auto& [group, keys] : groups->members) {
+    if (keys.kind != Kind::kList) FailAt(member, group, "a list of keys");
+    RequireSendable(group);
+    settings[group];
+    for (const JsonValue& key : keys.items) {
+      const auto name = key.kind == Kind::kText ? programs::NameFromJson(key.text) : std::nullopt;
+      if (!name) FailAt(member, group, "a list of keys");
+      settings.SetValue(group, *name, "");
+    }
+  }
+  return settings;
+}
+
+bool ReadFlag(const JsonValue& body, const std::string& member) {
+  const JsonValue* const value = body.Find(member);
+  if (!value) return false;
+  if (value->kind != Kind::kTruth) throw Refusal(400, "'" + member + "' is neither true nor false");
+  return value->text == "true";
+}
+
+Wanted ReadWanted(const Call& call) {
+  const JsonValue body =
+      ParseJsonObject(call.request.body, {"if", "absent", "set", "unset", "volatile", "confirm", "dryRun"});
+  Wanted wanted;
+  wanted.amendment.present = ReadSettings(body, "if");
+  wanted.amendment.absent = ReadKeys(body, "absent");
+  wanted.amendment.set = ReadSettings(body, "set");
+  wanted.amendment.unset = ReadKeys(body, "unset");
+  wanted.isVolatile = ReadFlag(body, "volatile");
+  wanted.isDryRun = ReadFlag(body, "dryRun");
+  for (const IniFile* changes : {&wanted.amendment.set, &wanted.amendment.unset}) {
+    for (const auto& [group, keys] : *changes) RequireUnrestricted(call, group);
+  }
+  if (body.Find("confirm")) throw Refusal(501, "'confirm' is not there yet", {{"feature", Quoted("trial")}});
+  return wanted;
+}
+
+bool Holds(const Amendment& amendment, const IniFile& current) {
+  if (!current.ContainsSettings(amendment.present)) return false;
+  for (const auto& [group, keys] : amendment.absent) {
+    if (keys.empty() && current.HasGroup(group)) return false;
+    for (const auto& [key, value] : keys) {
+      if (current.HasValue(group, key)) return false;
+    }
+  }
+  return true;
+}
+
+std::set<std::string> NamesOfAll(std::initializer_list<const IniFile*> documents) {
+  std::set<std::string> names;
+  for (const IniFile* document : documents) names.merge(programs::NamesOf(*document));
+  return names;
+}
+
+[[noreturn]] void FailCondition(const Call& call, const Amendment& amendment, const IniFile& current) {
+  std::string groups;
+  for (const std::string& name : NamesOfAll({&amendment.present, &amendment.absent})) {
+    const auto found = current.GetGroups().find(name);
+    groups +=
+        (groups.empty() ? "" : ",") + DescribeGroup(call, name, found == current.end() ? nullptr : &found->second);
+  }
+  throw Refusal(412, "the condition does not hold",
+                {{"current", "[" + groups + "]"}, {"outcome", Quoted("nothing written")}});
+}
+
+// What would differ; a key that leaves the user settings may show its default, which only the daemon knows.
+Response ShowDryRun(Call& call, const Amendment& amendment) {
+  const std::set<std::string> names =
+      NamesOfAll({&amendment.present, &amendment.absent, &amendment.set, &amendment.unset});
+  const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
+  if (!Holds(amendment, current)) FailCondition(call, amendment, current);
+  IniFile after = current;
+  after.MergeSettings(amendment.set);
+  for (const auto& [group, keys] : amendment.unset) {
+    for (const auto& [key, value] : keys) {
+      if (after.HasValue(group, key)) after[group].erase(key);
+    }
+    if (keys.empty()) after.RemoveGroup(group);
+  }
+  json changes = json::array();
+  for (const programs::Change& change : programs::FindChanges(current, after)) {
+    if (names.count(change.group) == 0) continue;
+    changes.push_back(programs::ToJson(change));
+    if (amendment.unset.HasGroup(change.group) && !change.after) changes.back()["unset"] = true;
+  }
+  return JsonResponse({{"dryRun", true}, {"changes", changes}});
+}
+
+Response ShowApplied(Call& call, const std::set<std::string>& names) {
+  json groups = json::array();
+  const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
+  for (const std::string& name : names) {
+    const auto found = current.GetGroups().find(name);
+    groups.push_back(json::parse(DescribeGroup(call, name, found == current.end() ? nullptr : &found->second)));
+  }
+  return JsonResponse({{"groups", groups}});
+}
+
+void ApplyVolatile(Call& call, const Amendment& amendment) {
+  if (!amendment.present.IsEmpty() || !amendment.absent.IsEmpty() || !amendment.unset.IsEmpty())
+    throw Refusal(400, "'volatile' goes with 'set' alone");
+  programs::Merge(call.session, amendment.set, true);
+}
+
+}  // namespace
+
+Response Apply(Call& call) {
+  const Wanted wanted = ReadWanted(call);
+  const Amendment& amendment = wanted.amendment;
+  if (wanted.isDryRun) return ShowDryRun(call, amendment);
+  if (wanted.isVolatile) {
+    ApplyVolatile(call, amendment);
+  } else if (!call.link.GetForWrite().Amend(amendment)) {
+    const std::string reason = call.link.Get().TakeRefusal();
+    if (reason.compare(0, sizeof kConditionBegin - 1, kConditionBegin) != 0) throw RefusalOf(reason);
+    const std::set<std::string> names = NamesOfAll({&amendment.present, &amendment.absent});
+    FailCondition(call, amendment, names.empty() ? IniFile() : call.link.Get().Get(names));
+  }
+  return ShowApplied(call, NamesOfAll({&amendment.set, &amendment.unset}));
+}
+
+}  // namespace tavix::web

@@ -1,0 +1,50 @@
+#include "programs/web/interface/Call.h"
+
+#include <nlohmann/json.hpp>
+
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/web/interface/Version.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+
+bool View::IsMasked(const std::string& group) const {
+  return !showsRestricted && settings::server::GroupDiscriminator::IsRestrictedGroup(group);
+}
+
+std::string View::FindVersion(const std::string& group, const IniFile::KeyMap& keys) const {
+  return VersionOf(keys, IsMasked(group) ? salt : std::string());
+}
+
+json View::ValuesToJson(const std::string& group, const IniFile::KeyMap& keys) const {
+  json object = json::object();
+  for (const auto& [key, value] : keys)
+    object[programs::NameToJson(key).get<std::string>()] =
+        IsMasked(group) ? json(nullptr) : programs::ValueToJson(value);
+  return object;
+}
+
+// A name with a '*' in it brings others.
+std::optional<IniFile::KeyMap> Call::ReadGroup(const std::string& name) {
+  IniFile found = link.Get().Get({name});
+  const auto group = found.GetMutableGroups().find(name);
+  if (group == found.end()) return std::nullopt;
+  return std::move(group->second);
+}
+
+void RequireSendable(const std::string& group) {
+  if (group == "." || group.find('\n') != std::string::npos)
+    throw Refusal(422, "no group can have the name '" + programs::SpellName(group) + "'", {{"group", Quoted(group)}});
+}
+
+void RequireUnrestricted(const Call& call, const std::string& group) {
+  if (call.session.IsRestricted(group))
+    throw Refusal(403, "'" + programs::SpellName(group) + "' is a restricted group, which no client can write",
+                  {{"group", Quoted(group)}});
+}
+
+}  // namespace tavix::web

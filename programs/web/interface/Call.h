@@ -1,0 +1,56 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "programs/web/daemon/ClientSession.h"
+#include "programs/web/daemon/DaemonLink.h"
+#include "programs/web/http/Message.h"
+#include "programs/web/http/Query.h"
+#include "programs/web/http/Refusal.h"
+#include "tavix/core/IniFile.h"
+
+namespace tavix::web {
+
+// What is shown of groups. A plain value that does not change.
+struct View {
+  bool showsRestricted = false;
+  std::string salt;  // of the versions of groups whose values are masked
+
+  bool IsMasked(const std::string& group) const;
+  std::string FindVersion(const std::string& group, const core::IniFile::KeyMap& keys) const;
+
+  // An object of keys and values; a masked value is null.
+  nlohmann::json ValuesToJson(const std::string& group, const core::IniFile::KeyMap& keys) const;
+};
+
+// One request of the interface on a worker.
+//
+// Threads: one, the worker's.
+// Errors:  what carries it out throws Refusal, ProtocolException or Failure.
+struct Call {
+  // All outlive this.
+  Call(DaemonLink& daemonLink, const Request& theRequest, const View& theView)
+      : link(daemonLink), session(daemonLink), request(theRequest), query(theRequest.query), view(theView) {}
+
+  // The one group that is named; nothing when it does not exist.
+  std::optional<core::IniFile::KeyMap> ReadGroup(const std::string& name);
+
+  DaemonLink& link;
+  ClientSession session;
+  const Request& request;
+  const Query query;
+  const View& view;
+};
+
+// Carry a request out and answer it.
+using Handler = Response (*)(Call& call);
+
+// Throws Refusal, 422, for a name that no line of the protocol can hold.
+void RequireSendable(const std::string& group);
+
+// Throws Refusal, 403, for a restricted group.
+void RequireUnrestricted(const Call& call, const std::string& group);
+
+}  // namespace tavix::web

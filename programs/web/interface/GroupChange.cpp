@@ -1,0 +1,90 @@
+#include "programs/web/interface/GroupChange.h"
+
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using settings::Amendment;
+
+namespace {
+
+constexpr size_t kMaxAttempts = 16;
+constexpr char kCondition[] = "condition:";  // the kinds of reasons, as docs/protocol.md lists them
+constexpr char kRestricted[] = "restricted group:";
+
+bool BeginsWith(const std::string& text, const std::string& begin) {
+  return text.compare(0, begin.size(), begin) == 0;
+}
+
+bool LosesKeys(const IniFile::KeyMap& before, const IniFile::KeyMap& after) {
+  for (const auto& [key, value] : before) {
+    if (after.count(key) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Refusal RefusalOf(const std::string& reason) {
+  const std::string text = reason.empty() ? "the daemon refuses the change" : reason;
+  return {
+      BeginsWith(reason, kRestricted) ? 403 : 409, "not applied: " + text, {{"outcome", Quoted("nothing written")}}};
+}
+
+// The whole group as it was read is the condition: what others have changed meanwhile is not written over. A key whose
+// default must not come back can't be taken alone: the group is replaced then.
+Amendment GroupChange::MakeAmendment(const Keys& wanted) const {
+  Amendment amendment;
+  if (_before) {
+    amendment.present[_group] = *_before;
+  } else {
+    amendment.absent[_group];
+  }
+  const IniFile::KeyMap none;
+  const IniFile::KeyMap& before = _before ? *_before : none;
+  const IniFile::KeyMap& after = wanted ? *wanted : none;
+  for (const auto& [key, value] : after) {
+    if (_before && before.count(key) == 0) amendment.absent.SetValue(_group, key, "");
+  }
+  if (!wanted || LosesKeys(before, after)) {
+    amendment.replace[_group] = after;
+    return amendment;
+  }
+  for (const auto& [key, value] : after) {
+    const auto old = before.find(key);
+    if (old == before.end() || old->second != value) amendment.set.SetValue(_group, key, value);
+  }
+  return amendment;
+}
+
+void GroupChange::Run(const Make& make) {
+  RequireUnrestricted(_call, _group);
+  for (size_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    _before = _call.ReadGroup(_group);
+    _conditions.Require(_call, _group, _before ? &*_before : nullptr);
+    const Keys wanted = make(_before);
+    if (wanted == _before) {
+      _after = _before;
+      return;
+    }
+    if (_call.link.GetForWrite().Amend(MakeAmendment(wanted))) return Finish(wanted);
+    const std::string reason = _call.link.Get().TakeRefusal();
+    if (!BeginsWith(reason, kCondition)) throw RefusalOf(reason);
+  }
+  throw Refusal(409, "others change '" + programs::SpellName(_group) + "' again and again",
+                {{"group", Quoted(_group)}, {"outcome", Quoted("nothing written")}});
+}
+
+// An amendment leaves no group without keys.
+void GroupChange::Finish(const Keys& wanted) {
+  if (wanted && wanted->empty()) {
+    IniFile empty;
+    empty[_group];
+    _call.link.GetForWrite().Merge(empty);
+  }
+  _after = _call.ReadGroup(_group);
+}
+
+}  // namespace tavix::web

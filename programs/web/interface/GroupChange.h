@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "programs/web/interface/Conditions.h"
+#include "tavix/settings/Amendment.h"
+
+namespace tavix::web {
+
+// A change of one group that depends on what the group holds: it is read, the change is made of that, and what was read
+// is the condition under which the daemon makes it. When somebody was faster, it is read anew, up to 16 times.
+//
+// Threads: one, the worker's.
+// Errors:  Refusal: 412 when the request's own conditions do not hold, 409 when the daemon refuses the change or others
+//          are always faster.
+class GroupChange {
+ public:
+  using Keys = std::optional<core::IniFile::KeyMap>;
+
+  // What the group is to hold, of what it holds; nothing: it goes.
+  using Make = std::function<Keys(const Keys& before)>;
+
+  // All outlive this.
+  GroupChange(Call& call, const std::string& group, const Conditions& conditions)
+      : _call(call), _group(group), _conditions(conditions) {}
+
+  void Run(const Make& make);
+
+  // What the group held before the change, and what was read behind it.
+  const Keys& GetBefore() const { return _before; }
+  const Keys& GetAfter() const { return _after; }
+
+ private:
+  settings::Amendment MakeAmendment(const Keys& wanted) const;
+  void Finish(const Keys& wanted);
+
+  Call& _call;
+  const std::string& _group;
+  const Conditions& _conditions;
+  Keys _before;
+  Keys _after;
+};
+
+// The daemon's reason for a change that it did not make, as a refusal: 403 for a restricted group, else 409.
+Refusal RefusalOf(const std::string& reason);
+
+}  // namespace tavix::web

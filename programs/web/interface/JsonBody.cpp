@@ -1,0 +1,143 @@
+#include "programs/web/interface/JsonBody.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "programs/common/client/Json.h"
+#include "programs/web/http/Refusal.h"
+#include "tavix/core/MemoryStream.h"
+
+namespace tavix::web {
+
+using nlohmann::json;
+using Kind = JsonValue::Kind;
+
+namespace {
+
+constexpr size_t kMaxDepth = 5;
+
+// Builds the value from what the parser finds, which knows how numbers were written and what stands twice.
+class Builder : public nlohmann::json_sax<json> {
+ public:
+  // Both outlive this.
+  Builder(core::ViewIstream& in, const std::string& text) : _in(in), _text(text) {}
+
+  JsonValue Take() { return std::move(_root); }
+
+  bool null() override { return Add({}); }
+  bool boolean(bool value) override { return AddText(Kind::kTruth, value ? "true" : "false"); }
+  bool number_integer(number_integer_t value) override { return AddText(Kind::kNumber, std::to_string(value)); }
+  bool number_unsigned(number_unsigned_t value) override { return AddText(Kind::kNumber, std::to_string(value)); }
+  bool number_float(number_float_t, const std::string& text) override { return AddText(Kind::kNumber, text); }
+  bool string(std::string& text) override { return AddText(Kind::kText, text); }
+  bool binary(binary_t&) override { Fail("unexpected binary data"); }
+
+  bool start_object(size_t) override { return Open(Kind::kObject); }
+  bool start_array(size_t) override { return Open(Kind::kList); }
+  bool end_array() override { return Close(); }
+
+  bool key(std::string& text) override {
+    const std::optional<std::string> name = programs::NameFromJson(text);
+    if (!name) Fail("what stands behind 'base64:' is none");
+    Level& level = _levels.back();
+    if (!level.names.insert(*name).second) Fail("a name stands twice");
+    level.value.members.emplace_back(*name, JsonValue());
+    return true;
+  }
+
+  bool end_object() override {
+    JsonValue& value = _levels.back().value;
+    const bool isBytes = value.members.size() == 1 && value.members[0].first == "base64" && _levels.size() > 1 &&
+                         value.members[0].second.kind == Kind::kText;
+    if (isBytes) {
+      const std::optional<std::string> bytes = programs::DecodeBase64(value.members[0].second.text);
+      if (!bytes) Fail("'base64' holds none");
+      value = {Kind::kText, *bytes, {}, {}};
+    }
+    return Close();
+  }
+
+  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    const std::string reason = error.what();
+    Fail(reason.substr(reason.find("] ") + 2));
+  }
+
+ private:
+  struct Level {
+    JsonValue value;
+    std::set<std::string> names;
+  };
+
+  bool AddText(Kind kind, const std::string& text) { return Add({kind, text, {}, {}}); }
+
+  bool Add(JsonValue value) {
+    if (_levels.empty()) {
+      _root = std::move(value);
+      return true;
+    }
+    JsonValue& parent = _levels.back().value;
+    if (parent.kind == Kind::kObject) {
+      parent.members.back().second = std::move(value);
+    } else {
+      parent.items.push_back(std::move(value));
+    }
+    return true;
+  }
+
+  bool Open(Kind kind) {
+    if (_levels.size() >= kMaxDepth) Fail("it is nested too deeply");
+    _levels.emplace_back();
+    _levels.back().value.kind = kind;
+    return true;
+  }
+
+  bool Close() {
+    JsonValue value = std::move(_levels.back().value);
+    _levels.pop_back();
+    return Add(std::move(value));
+  }
+
+  // The parser has read one character beyond what it reports.
+  [[noreturn]] void Fail(const std::string& what) {
+    const auto at = static_cast<std::ptrdiff_t>(_text.size() - _in.GetRest().size());
+    const auto line = 1 + std::count(_text.begin(), _text.begin() + std::max<std::ptrdiff_t>(0, at - 1), '\n');
+    throw Refusal(400, "the body, line " + std::to_string(line) + ": " + what, {{"line", std::to_string(line)}});
+  }
+
+  core::ViewIstream& _in;
+  const std::string& _text;
+  std::vector<Level> _levels;
+  JsonValue _root;
+};
+
+}  // namespace
+
+const JsonValue* JsonValue::Find(const std::string& name) const {
+  for (const auto& [member, value] : members) {
+    if (member == name) return &value;
+  }
+  return nullptr;
+}
+
+JsonValue ParseJsonBody(const std::string& text) {
+  core::ViewIstream in;
+  in.SetText(text);
+  Builder builder(in, text);
+  json::sax_parse(in, &builder);
+  return builder.Take();
+}
+
+JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known) {
+  JsonValue value;
+  value.kind = Kind::kObject;
+  if (!text.empty()) value = ParseJsonBody(text);
+  if (value.kind != Kind::kObject) throw Refusal(400, "the body is no object");
+  for (const auto& [name, member] : value.members) {
+    if (std::find(known.begin(), known.end(), name) == known.end())
+      throw Refusal(400, "the body holds '" + name + "', which nothing here has");
+  }
+  return value;
+}
+
+}  // namespace tavix::web

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavix::web {
+
+// A value of JSON as it was written: numbers and truth values keep their text, and {"base64": "..."} is a string of any
+// bytes. A plain value.
+struct JsonValue {
+  enum class Kind { kNull, kText, kNumber, kTruth, kObject, kList };
+
+  Kind kind = Kind::kNull;
+  std::string text;                                        // of kText, kNumber and kTruth
+  std::vector<std::pair<std::string, JsonValue>> members;  // of kObject, by names as bytes; no name twice
+  std::vector<JsonValue> items;                            // of kList
+
+  bool IsNull() const { return kind == Kind::kNull; }
+  bool IsValue() const { return kind == Kind::kText || kind == Kind::kNumber || kind == Kind::kTruth; }
+
+  // Null when it is no object or has no such member.
+  const JsonValue* Find(const std::string& name) const;
+};
+
+// Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, and nesting that nothing here has.
+JsonValue ParseJsonBody(const std::string& text);
+
+// The same of an object; an empty text is an empty one. known: the members that it may have; throws Refusal, 400, for
+// others.
+JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known);
+
+}  // namespace tavix::web

@@ -1,0 +1,145 @@
+#include "programs/web/interface/Reads.h"
+
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/web/interface/Conditions.h"
+#include "programs/web/interface/Origins.h"
+#include "tavix/core/MemoryStream.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using programs::NameToJson;
+
+namespace {
+
+constexpr size_t kMaxGroups = 1000;
+
+std::string TextOf(const json& name) {
+  return name.get<std::string>();
+}
+
+// The names behind "after" that match, no more than one beyond the limit.
+std::set<std::string> FindNames(Call& call, const std::set<std::string>& patterns, const std::string* after,
+                                size_t limit) {
+  std::set<std::string> names;
+  call.session.GetEachName(patterns, [&](const std::string& name) {
+    if (names.size() <= limit && (!after || name > *after)) names.insert(names.end(), name);
+  });
+  return names;
+}
+
+std::set<std::string> FindPatterns(const Query& query) {
+  const std::vector<std::string> given = query.FindNames("pattern");
+  if (given.empty()) return {"*"};
+  for (const std::string& pattern : given) RequireSendable(pattern);
+  return {given.begin(), given.end()};
+}
+
+}  // namespace
+
+// Only what one answer shows is read with its values. A group that goes between the two readings is left out.
+Response ListGroups(Call& call) {
+  const size_t limit = call.query.FindNumber("limit", 1, kMaxGroups, kMaxGroups);
+  const std::optional<std::string> after = call.query.FindName("after");
+  std::set<std::string> names = FindNames(call, FindPatterns(call.query), after ? &*after : nullptr, limit);
+  json document = {{"groups", json::array()}, {"next", nullptr}};
+  if (names.size() > limit) {
+    names.erase(std::prev(names.end()));
+    document["next"] = NameToJson(*names.rbegin());
+  }
+  if (!names.empty()) {
+    const Origins origins(call, names);
+    call.session.GetEach(names, [&](const IniFile& part) {
+      const auto& [name, keys] = *part.begin();
+      if (names.count(name) == 0) return;  // a name with a '*' brought it
+      document["groups"].push_back({{"name", NameToJson(name)},
+                                    {"version", call.view.FindVersion(name, keys)},
+                                    {"origin", origins.Find(name, keys)},
+                                    {"keys", keys.size()}});
+    });
+  }
+  return JsonResponse(document);
+}
+
+Response ListTree(Call& call) {
+  const std::string prefix = call.query.FindName("prefix").value_or("");
+  if (prefix.find('\n') != std::string::npos) RequireSendable(prefix);
+  struct Branch {
+    size_t groups = 0;
+    bool isGroup = false;
+  };
+  std::map<std::string, Branch> branches;
+  call.session.GetEachName({prefix + "*"}, [&](const std::string& name) {
+    if (name.compare(0, prefix.size(), prefix) != 0) return;  // a '*' of the prefix brought it
+    const size_t slash = name.find('/', prefix.size());
+    const bool isGroup = slash == std::string::npos;
+    Branch& branch = branches[name.substr(0, isGroup ? name.size() : slash + 1)];
+    ++branch.groups;
+    branch.isGroup = isGroup;
+  });
+  json parts = json::array();
+  for (const auto& [name, branch] : branches)
+    parts.push_back({{"name", NameToJson(name)}, {"count", branch.groups}, {"isGroup", branch.isGroup}});
+  return JsonResponse({{"prefix", NameToJson(prefix)}, {"parts", parts}});
+}
+
+Response ShowGroup(Call& call) {
+  const std::string name = call.query.RequireName("name");
+  RequireSendable(name);
+  const auto keys = call.ReadGroup(name);
+  if (!keys) throw Refusal(404, "there is no group '" + programs::SpellName(name) + "'", {{"group", Quoted(name)}});
+  const std::string version = call.view.FindVersion(name, *keys);
+  const Headers headers{{"ETag", "\"" + version + "\""}};
+  const std::string* const known = call.request.Find("if-none-match");
+  if (known && NamesVersion(*known, version)) return {304, headers, ""};
+  const Origins origins(call, {name});
+  const bool isMasked = call.view.IsMasked(name);
+  json settings = json::object();
+  for (const auto& [key, value] : *keys) {
+    const std::string origin = origins.Find(name, key);
+    const json shown = isMasked ? json(nullptr) : programs::ValueToJson(value);
+    json& setting = settings[TextOf(NameToJson(key))] = {{"value", shown}, {"origin", origin}};
+    if (origin == "default") setting["default"] = shown;
+  }
+  Response response = JsonResponse({{"name", NameToJson(name)},
+                                    {"version", version},
+                                    {"origin", origins.Find(name, *keys)},
+                                    {"masked", isMasked},
+                                    {"keys", settings}});
+  response.headers.insert(response.headers.end(), headers.begin(), headers.end());
+  return response;
+}
+
+Response Export(Call& call) {
+  const std::vector<std::string> given = call.query.FindNames("pattern");
+  for (const std::string& pattern : given) RequireSendable(pattern);
+  const std::set<std::string> groups(given.begin(), given.end());
+  const std::string format = call.query.Find("format").value_or("ini");
+  if (format != "ini" && format != "json") throw Refusal(400, "the parameter 'format' is neither ini nor json");
+  core::StringOstream text;
+  programs::PrettyParts parts("{}");
+  std::string document = format == "ini" ? programs::DescribeCoverage(groups) : std::string();
+  programs::ReadStoreEach(call.session, groups, call.query.HasFlag("user"), [&](const IniFile& part) {
+    if (call.view.IsMasked(part.begin()->first)) return;
+    if (format == "json") {
+      document += parts.Add(programs::ToJson(part));
+    } else {
+      part.SaveToStream(text);
+    }
+  });
+  document += format == "json" ? parts.Finish() : text.TakeText() + programs::MarkEnd();
+  const char* const type = format == "json" ? "application/json" : "text/plain; charset=utf-8";
+  return {200,
+          {{"Content-Type", type}, {"Content-Disposition", "attachment; filename=\"settings." + format + "\""}},
+          document};
+}
+
+}  // namespace tavix::web

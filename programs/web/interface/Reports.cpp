@@ -1,0 +1,96 @@
+#include "programs/web/interface/Reports.h"
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+
+#include "programs/common/client/Failure.h"
+#include "programs/common/client/Figures.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/LogLevels.h"
+#include "programs/common/client/Resources.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
+#include "programs/web/interface/JsonBody.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using programs::NameToJson;
+
+namespace {
+
+double MeasureLatency(Call& call) {
+  const auto begin = std::chrono::steady_clock::now();
+  call.link.Get().Flush();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+}
+
+json LevelsToJson(const IniFile& levels) {
+  json object = json::object();
+  for (const auto& [group, keys] : levels)
+    object[NameToJson(group).get<std::string>()] = programs::ValueToJson(keys.at(programs::kLogLevelKey));
+  return object;
+}
+
+int ParseLevel(const std::string& group, const JsonValue& value) {
+  try {
+    if (value.IsValue()) return programs::ParseLogLevel(value.text);
+  } catch (const programs::Failure& failure) {
+    throw Refusal(400, failure.what(), {{"group", Quoted(group)}});
+  }
+  throw Refusal(400, "the level of '" + programs::SpellName(group) + "' is no string and no number",
+                {{"group", Quoted(group)}});
+}
+
+}  // namespace
+
+Response ShowStatus(Call& call) {
+  const double latency = MeasureLatency(call);
+  json status = programs::ReportServer(call.link.Get().GetAddress(), latency, call.link.Get().GetServerInfo());
+  json features = json::array();
+  for (const std::string& feature : call.link.GetFeatures()) features.push_back(NameToJson(feature));
+  status["features"] = features;
+  return JsonResponse(status);
+}
+
+Response ShowSubscribers(Call& call) {
+  json list = json::array();
+  for (const std::string& name : call.link.Get().GetSubscribed()) list.push_back(NameToJson(name));
+  return JsonResponse(list);
+}
+
+Response ShowResources(Call& call) {
+  const IniFile read = programs::ReadResources(call.session);
+  const settings::ResourceFigures figures(read);
+  json list = json::array();
+  for (const std::string& resource : figures.GetResources())
+    list.push_back(programs::ReportResource(figures, resource));
+  return JsonResponse(list);
+}
+
+Response ShowLogLevels(Call& call) {
+  return JsonResponse(LevelsToJson(programs::ReadLogLevels(call.session, "*")));
+}
+
+// As the command's, no level is made for a program that has none, which would rather be a misspelled one.
+Response PatchLogLevels(Call& call) {
+  const JsonValue body = ParseJsonBody(call.request.body);
+  if (body.kind != JsonValue::Kind::kObject) throw Refusal(400, "the body is no object of groups");
+  IniFile levels;
+  for (const auto& [group, value] : body.members) {
+    RequireSendable(group);
+    RequireUnrestricted(call, group);
+    levels.SetInt(group, programs::kLogLevelKey, ParseLevel(group, value));
+  }
+  const IniFile known = programs::ReadLogLevels(call.session, "*");
+  for (const auto& [group, keys] : levels) {
+    if (!known.HasGroup(group))
+      throw Refusal(404, "'" + programs::SpellName(group) + "' is no log group: it has no log.level",
+                    {{"group", Quoted(group)}});
+  }
+  if (!levels.IsEmpty()) programs::Merge(call.session, levels, false);
+  return ShowLogLevels(call);
+}
+
+}  // namespace tavix::web

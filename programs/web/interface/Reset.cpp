@@ -1,0 +1,114 @@
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "programs/common/client/Backup.h"
+#include "programs/common/client/Changes.h"
+#include "programs/common/client/Json.h"
+#include "programs/common/client/UserLayer.h"
+#include "programs/common/client/Writes.h"
+#include "programs/web/interface/Batches.h"
+#include "programs/web/interface/GroupChange.h"
+#include "programs/web/interface/JsonBody.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using programs::NameToJson;
+using Names = std::set<std::string>;
+
+namespace {
+
+// What users changed of some groups, and the names and patterns of those that they deleted.
+struct UserPart {
+  IniFile changed;
+  Names deleted;
+};
+
+UserPart ReadUserPart(Call& call, const Names& groups) {
+  UserPart part;
+  programs::ReadUserLayerEach(call.session, groups, [&](const IniFile& group) {
+    if (!group.HasGroup(programs::kDeletedGroups)) {
+      part.changed.MergeGroup(group.begin());
+      return;
+    }
+    for (const auto& [key, name] : group[programs::kDeletedGroups]) part.deleted.insert(name);
+  });
+  return part;
+}
+
+Names ReadPatterns(const JsonValue& body) {
+  const JsonValue* const list = body.Find("groups");
+  if (!list || list->kind != JsonValue::Kind::kList || list->items.empty())
+    throw Refusal(400, "'groups' is no list of names and patterns");
+  Names patterns;
+  for (const JsonValue& item : list->items) {
+    const auto name = item.kind == JsonValue::Kind::kText ? programs::NameFromJson(item.text) : std::nullopt;
+    if (!name) throw Refusal(400, "'groups' is no list of names and patterns");
+    RequireSendable(*name);
+    patterns.insert(*name);
+  }
+  return patterns;
+}
+
+json ListNames(const Names& names) {
+  json list = json::array();
+  for (const std::string& name : names) list.push_back(NameToJson(name));
+  return list;
+}
+
+// Values that are not saved are no part of the user layer, and show only in what readers see.
+Names FindReset(Call& call, const UserPart& part, const Names& patterns, const IniFile& seen) {
+  Names names = programs::NamesOf(part.changed);
+  names.insert(part.deleted.begin(), part.deleted.end());
+  for (const std::string& name : programs::NamesOf(seen)) {
+    if (!call.session.IsRestricted(name)) names.insert(name);
+  }
+  for (const std::string& name : programs::WithoutPatterns(patterns)) names.insert(name);
+  return names;
+}
+
+void RequireWritable(const Call& call, const Names& patterns) {
+  for (const std::string& name : programs::WithoutPatterns(patterns)) RequireUnrestricted(call, name);
+}
+
+}  // namespace
+
+// The user values go, and no copies of the defaults stay, so that those of a later version count.
+Response Reset(Call& call) {
+  const JsonValue body = ParseJsonObject(call.request.body, {"groups", "dryRun"});
+  const Names patterns = ReadPatterns(body);
+  RequireWritable(call, patterns);
+  const JsonValue* const dryRun = body.Find("dryRun");
+  const UserPart part = ReadUserPart(call, patterns);
+  if (dryRun && dryRun->text == "true")
+    return JsonResponse({{"dryRun", true},
+                         {"groups", ListNames(programs::NamesOf(part.changed))},
+                         {"deleted", ListNames(part.deleted)}});
+  const IniFile before = call.link.Get().Get(patterns);
+  settings::Amendment amendment;
+  for (const std::string& name : FindReset(call, part, patterns, before)) amendment.unset[name];
+  if (!amendment.unset.IsEmpty() && !call.link.GetForWrite().Amend(amendment))
+    throw RefusalOf(call.link.Get().TakeRefusal());
+  json changes = json::array();
+  for (const programs::Change& change : programs::FindChanges(before, call.link.Get().Get(patterns)))
+    changes.push_back(programs::ToJson(change));
+  return JsonResponse({{"changes", changes}});
+}
+
+// What users changed. The value below is the daemon's: no client can read it while another one hides it.
+Response Diff(Call& call) {
+  const std::vector<std::string> given = call.query.FindNames("pattern");
+  for (const std::string& pattern : given) RequireSendable(pattern);
+  const UserPart part = ReadUserPart(call, {given.begin(), given.end()});
+  json changes = json::array();
+  for (const auto& [group, keys] : part.changed) {
+    for (const auto& [key, value] : keys)
+      changes.push_back(
+          {{"group", NameToJson(group)}, {"key", NameToJson(key)}, {"new", programs::ValueToJson(value)}});
+  }
+  return JsonResponse({{"changes", changes}, {"deleted", ListNames(part.deleted)}});
+}
+
+}  // namespace tavix::web

@@ -1,0 +1,92 @@
+#include "programs/web/interface/Router.h"
+
+#include "programs/common/client/Failure.h"
+#include "programs/web/interface/Batches.h"
+#include "programs/web/interface/Reads.h"
+#include "programs/web/interface/Reports.h"
+#include "programs/web/interface/Writes.h"
+
+namespace tavix::web {
+
+using Place = Route::Place;
+
+namespace {
+
+int StatusOf(programs::ExitCode code) {
+  switch (code) {
+    case programs::kExitRefused:
+      return 403;
+    case programs::kExitConditionFailed:
+      return 412;
+    case programs::kExitNotApplied:
+      return 409;
+    case programs::kExitNoServer:
+      return 503;
+    default:
+      return 422;
+  }
+}
+
+}  // namespace
+
+const std::vector<Route>& GetRoutes() {
+  constexpr Place kWorker = Place::kWorker;
+  static const std::vector<Route> kRoutes = {
+      {"GET", "/groups", kWorker, Right::kRead, ListGroups},
+      {"GET", "/tree", kWorker, Right::kRead, ListTree},
+      {"GET", "/group", kWorker, Right::kRead, ShowGroup},
+      {"PATCH", "/group", kWorker, Right::kWrite, PatchGroup},
+      {"PUT", "/group", kWorker, Right::kWrite, PutGroup},
+      {"DELETE", "/group", kWorker, Right::kWrite, DeleteGroup},
+      {"POST", "/apply", kWorker, Right::kWrite, Apply},
+      {"POST", "/reset", kWorker, Right::kWrite, Reset},
+      {"GET", "/diff", kWorker, Right::kRead, Diff},
+      {"GET", "/export", kWorker, Right::kRead, Export},
+      {"POST", "/import", kWorker, Right::kWrite, ImportBackup},
+      {"GET", "/search", kWorker, Right::kRead, Search},
+      {"GET", "/changes", Place::kChanges, Right::kRead, nullptr},
+      {"GET", "/status", kWorker, Right::kRead, ShowStatus},
+      {"GET", "/subscribers", kWorker, Right::kRead, ShowSubscribers},
+      {"GET", "/resources", kWorker, Right::kRead, ShowResources},
+      {"GET", "/log-levels", kWorker, Right::kRead, ShowLogLevels},
+      {"PATCH", "/log-levels", kWorker, Right::kWrite, PatchLogLevels},
+      {"POST", "/login", Place::kLogin, Right::kRead, nullptr},
+      {"POST", "/logout", Place::kLogout, Right::kRead, nullptr},
+  };
+  return kRoutes;
+}
+
+const Route& FindRoute(const std::string& method, const std::string& path) {
+  std::string allowed;
+  const std::string wanted = method == "HEAD" ? "GET" : method;
+  for (const Route& route : GetRoutes()) {
+    if (path != route.path) continue;
+    if (wanted == route.method) return route;
+    allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+    if (std::string(route.method) == "GET") allowed += ", HEAD";
+  }
+  if (allowed.empty()) throw Refusal(404, "the interface has no '" + path + "'");
+  throw Refusal(405, "'" + path + "' takes no " + method, {}, {{"Allow", allowed}});
+}
+
+Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
+                  DaemonLink::Clock::time_point end) {
+  const bool isWrite = request.IsWrite();
+  try {
+    link.Begin(end);
+    Call call(link, request, view);
+    return handler(call);
+  } catch (const Refusal& refusal) {
+    return ToResponse(refusal);
+  } catch (const settings::client::ProtocolException& exception) {
+    return ToResponse(ToRefusal(exception, isWrite, link));
+  } catch (const programs::Failure& failure) {
+    return ToResponse(Refusal(StatusOf(failure.GetCode()), failure.what()));
+  } catch (const std::bad_alloc&) {
+    return ToResponse(Refusal(503, "out of memory", {}, {{"Retry-After", "1"}}));
+  } catch (const std::exception& exception) {
+    return ToResponse(Refusal(500, exception.what()));
+  }
+}
+
+}  // namespace tavix::web

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "programs/web/access/Tokens.h"
+#include "programs/web/interface/Call.h"
+
+namespace tavix::web {
+
+// One request of the interface.
+struct Route {
+  // Who carries it out.
+  enum class Place {
+    kWorker,   // with the daemon, by "handler"
+    kChanges,  // a stream of changes, or one answer of it
+    kLogin,
+    kLogout
+  };
+
+  const char* method;
+  const char* path;  // behind /api/v1
+  Place place;
+  Right right;
+  Handler handler;  // of kWorker alone
+};
+
+// All of them.
+const std::vector<Route>& GetRoutes();
+
+// The route of a request whose path is below /api/v1. Throws Refusal: 404 for a path that there is not, 405 with Allow
+// for a method that it does not have.
+const Route& FindRoute(const std::string& method, const std::string& path);
+
+// Carries a request out until then, and answers it, whatever becomes of it.
+Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
+                  DaemonLink::Clock::time_point end);
+
+}  // namespace tavix::web

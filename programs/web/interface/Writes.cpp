@@ -1,0 +1,111 @@
+#include "programs/web/interface/Writes.h"
+
+#include <nlohmann/json.hpp>
+
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/common/client/Writes.h"
+#include "programs/web/interface/Conditions.h"
+#include "programs/web/interface/GroupChange.h"
+#include "programs/web/interface/JsonBody.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using Keys = GroupChange::Keys;
+
+namespace {
+
+std::string RequireWritableName(const Call& call) {
+  std::string name = call.query.RequireName("name");
+  RequireSendable(name);
+  RequireUnrestricted(call, name);
+  return name;
+}
+
+// Keys and their values; null takes one away.
+JsonValue ParseKeys(const Call& call, const std::string& group) {
+  JsonValue body = ParseJsonBody(call.request.body);
+  if (body.kind != JsonValue::Kind::kObject) throw Refusal(400, "the body is no object of keys");
+  for (const auto& [key, value] : body.members) {
+    if (!value.IsValue() && !value.IsNull())
+      throw Refusal(400,
+                    "the key '" + programs::SpellKey(key) + "': expected a string, a number, a truth value or null",
+                    {{"group", Quoted(group)}, {"key", Quoted(key)}});
+  }
+  return body;
+}
+
+Response ShowWritten(const Call& call, const std::string& group, const IniFile::KeyMap& keys, int status) {
+  Response response = JsonResponse({{"name", programs::NameToJson(group)},
+                                    {"version", call.view.FindVersion(group, keys)},
+                                    {"values", call.view.ValuesToJson(group, keys)}},
+                                   status);
+  response.headers.emplace_back("ETag", "\"" + call.view.FindVersion(group, keys) + "\"");
+  return response;
+}
+
+// Is not kept, and no condition can go with it.
+Response PatchVolatile(Call& call, const std::string& group, const JsonValue& patch, const Conditions& conditions) {
+  if (conditions.IsAny()) throw Refusal(400, "'volatile' and a condition exclude one another");
+  IniFile settings;
+  settings[group];
+  for (const auto& [key, value] : patch.members) {
+    if (value.IsNull())
+      throw Refusal(400, "'volatile' takes nothing away", {{"group", Quoted(group)}, {"key", Quoted(key)}});
+    settings.SetValue(group, key, value.text);
+  }
+  programs::Merge(call.session, settings, true);
+  return ShowWritten(call, group, call.ReadGroup(group).value_or(IniFile::KeyMap()), 200);
+}
+
+Keys Patched(const Keys& before, const JsonValue& patch) {
+  IniFile::KeyMap after = before.value_or(IniFile::KeyMap());
+  for (const auto& [key, value] : patch.members) {
+    if (value.IsNull()) {
+      after.erase(key);
+    } else {
+      after[key] = value.text;
+    }
+  }
+  return after;
+}
+
+}  // namespace
+
+Response PatchGroup(Call& call) {
+  const std::string group = RequireWritableName(call);
+  const Conditions conditions(call.request);
+  const JsonValue patch = ParseKeys(call, group);
+  if (call.query.HasFlag("volatile")) return PatchVolatile(call, group, patch, conditions);
+  GroupChange change(call, group, conditions);
+  change.Run([&](const Keys& before) { return Patched(before, patch); });
+  return ShowWritten(call, group, change.GetAfter().value_or(IniFile::KeyMap()), 200);
+}
+
+Response PutGroup(Call& call) {
+  const std::string group = RequireWritableName(call);
+  const Conditions conditions(call.request);
+  if (!conditions.IsAny()) throw Refusal(428, "a PUT needs If-Match or If-None-Match", {{"group", Quoted(group)}});
+  const JsonValue body = ParseKeys(call, group);
+  IniFile::KeyMap wanted;
+  for (const auto& [key, value] : body.members) {
+    if (value.IsNull()) throw Refusal(400, "a PUT takes no null", {{"group", Quoted(group)}, {"key", Quoted(key)}});
+    wanted[key] = value.text;
+  }
+  GroupChange change(call, group, conditions);
+  change.Run([&](const Keys&) { return Keys(wanted); });
+  return ShowWritten(call, group, change.GetAfter().value_or(IniFile::KeyMap()), change.GetBefore() ? 200 : 201);
+}
+
+Response DeleteGroup(Call& call) {
+  const std::string group = RequireWritableName(call);
+  const Conditions conditions(call.request);
+  if (!conditions.ifMatch) throw Refusal(428, "a DELETE needs If-Match", {{"group", Quoted(group)}});
+  GroupChange change(call, group, conditions);
+  change.Run([](const Keys&) { return Keys(); });
+  return {204, {}, ""};
+}
+
+}  // namespace tavix::web

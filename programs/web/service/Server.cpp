@@ -1,0 +1,217 @@
+#include "programs/web/service/Server.h"
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include "programs/web/access/Password.h"
+#include "programs/web/access/PrivateFile.h"
+#include "programs/web/http/Refusal.h"
+#include "programs/web/interface/JsonBody.h"
+
+namespace tavix::web {
+
+namespace {
+
+constexpr size_t kMaxWaitingLogins = 4;
+constexpr Milliseconds kGraceTime{1000};  // for the worker's own answer, which knows more
+constexpr char kInterface[] = "/api/v1";
+
+bool BeginsWith(const std::string& text, const std::string& begin) {
+  return text.compare(0, begin.size(), begin) == 0;
+}
+
+Response Healthy() {
+  return {200, {{"Content-Type", "application/json"}}, "{\"status\":\"ok\"}\n"};
+}
+
+}  // namespace
+
+Server::Server(const Options& options, Access& access, const std::vector<Listener>& listeners,
+               const programs::Signals& signals)
+    : _options(options),
+      _access(access),
+      _signals(signals),
+      _guard(options),
+      _view{options.showsRestricted, MakeSecret()},
+      _wakeup(_base,
+              [this] {
+                SendDone(_workers);
+                SendDone(_hashing);
+                _streams.OnNews();
+              }),
+      _streams(_base, options.server, _view, [this] { _wakeup.Wake(); }),
+      _links{{DaemonLink(options.server), DaemonLink(options.server)}},
+      _workers("WebWorker", _links.size(), kMaxWaiting, [this] { _wakeup.Wake(); }),
+      _hashing("WebPassword", 1, kMaxWaitingLogins, [this] { _wakeup.Wake(); }) {
+  _events.push_back(std::make_unique<LoopEvent>(_base, signals.GetDescriptor(), [this] { OnSignal(); }));
+  for (const Listener& listener : listeners)
+    _events.push_back(
+        std::make_unique<LoopEvent>(_base, listener.GetDescriptor(), [this, &listener] { Accept(listener); }));
+}
+
+// Streams and pending answers refer to connections.
+Server::~Server() {
+  while (!_connections.empty()) OnEnd(*_connections.begin()->second);
+}
+
+void Server::OnSignal() {
+  const int number = _signals.Take().number;
+  if (number == SIGTERM || number == SIGINT) _base.End();
+}
+
+bool Server::HasRoom(const Peer& peer) const {
+  if (_connections.size() >= kMaxConnections) return false;
+  if (peer.isUnix || peer.isLoopback || _guard.IsTrustedProxy(peer)) return true;
+  const auto found = _addresses.find(peer.address);
+  return found == _addresses.end() || found->second < _options.maxPerAddress;
+}
+
+// One that there is no room for is ended at once.
+void Server::Accept(const Listener& listener) {
+  osa::Descriptor socket = listener.Accept();
+  if (!socket) return;
+  const Peer peer = FindPeer(socket.Get());
+  if (!HasRoom(peer)) return;
+  RequestParser::Limits limits;
+  limits.bodyBytes = _options.maxBodyBytes;
+  ConnectionOwner& owner = *this;
+  auto connection = std::make_unique<Connection>(_base, std::move(socket), peer, limits, owner);
+  ++_addresses[peer.address];
+  Connection* const key = connection.get();
+  _connections.emplace(key, std::move(connection));
+}
+
+void Server::OnEnd(Connection& connection) {
+  _streams.OnEnd(connection);
+  for (auto& [number, pending] : _pending) {
+    if (pending.connection == &connection) pending.connection = nullptr;
+  }
+  const auto count = _addresses.find(connection.GetPeer().address);
+  if (--count->second == 0) _addresses.erase(count);
+  _connections.erase(&connection);
+}
+
+Response Server::OnRefused(int status, const std::string& reason) {
+  return ToResponse(Refusal(status, reason));
+}
+
+void Server::OnRequest(Connection& connection, Request& request) {
+  try {
+    Handle(connection, request);
+  } catch (const Refusal& refusal) {
+    connection.Send(ToResponse(refusal));
+  } catch (const std::exception& exception) {
+    connection.Send(ToResponse(Refusal(500, exception.what())));
+  }
+}
+
+void Server::Handle(Connection& connection, Request& request) {
+  const Peer& peer = connection.GetPeer();
+  _access.RequireAllowed(peer);
+  const Origin origin = _guard.FindOrigin(request, peer, false);
+  _guard.RequireKnownHost(origin);
+  const bool isBelow = BeginsWith(request.path, _options.basePath + "/");
+  const std::string path = isBelow ? request.path.substr(_options.basePath.size()) : request.path;
+  if (isBelow && BeginsWith(path, std::string(kInterface) + "/")) {
+    const Route& route = FindRoute(request.method, path.substr(sizeof kInterface - 1));
+    if (request.IsWrite()) _guard.RequireOwnWrite(request, origin);
+    return HandleRoute(connection, request, route, origin);
+  }
+  if (!isBelow || path != "/healthz") throw Refusal(404, "there is nothing at '" + request.path + "'");
+  if (request.IsWrite()) throw Refusal(405, "'/healthz' takes no " + request.method, {}, {{"Allow", "GET, HEAD"}});
+  connection.Send(Healthy());
+}
+
+void Server::HandleRoute(Connection& connection, Request& request, const Route& route, const Origin& origin) {
+  using Place = Route::Place;
+  if (route.place == Place::kLogin) return LogIn(connection, request, origin);
+  if (route.place == Place::kLogout) return connection.Send(LogOut(request, origin));
+  _access.RequireRight(request, connection.GetPeer(), route.right);
+  if (route.place == Place::kChanges) {
+    if (request.method == "HEAD") throw Refusal(405, "a stream has no HEAD", {}, {{"Allow", "GET"}});
+    return _streams.Open(connection, request);
+  }
+  const bool isWrite = request.IsWrite();
+  const auto shared = std::make_shared<const Request>(std::move(request));
+  const auto end = DaemonLink::Clock::now() + _options.timeout;
+  Start(
+      connection, _workers, isWrite,
+      [this, shared, end, handler = route.handler](size_t worker) {
+        return CarryOut(handler, *shared, _links[worker], _view, end);
+      },
+      nullptr);
+}
+
+void Server::Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
+                   std::function<void(Response& response)> finish) {
+  const WorkQueue::Number number = ++_lastNumber;
+  if (!queue.Add(number, std::move(work))) throw Refusal(503, "too many requests wait", {}, {{"Retry-After", "5"}});
+  auto timer = std::make_unique<LoopEvent>(_base, [this, &queue, number] { OnOverdue(queue, number); });
+  timer->Start(_options.timeout);
+  _pending.emplace(number, Pending{&connection, isWrite, false, std::move(finish), std::move(timer)});
+}
+
+// What no worker has begun is answered at once; else the worker's own time-out is about to come.
+void Server::OnOverdue(WorkQueue& queue, WorkQueue::Number number) {
+  Pending& pending = _pending.at(number);
+  if (queue.CancelWaiting(number)) return AnswerOverdue(number, false);
+  if (!pending.isOverdue) {
+    pending.isOverdue = true;
+    pending.timer->Start(kGraceTime);
+    return;
+  }
+  if (queue.Cancel(number) == WorkQueue::Cancelled::kRunning) AnswerOverdue(number, true);
+}
+
+void Server::AnswerOverdue(WorkQueue::Number number, bool wasBegun) {
+  const auto found = _pending.find(number);
+  Connection* const connection = found->second.connection;
+  Refusal::Members members;
+  if (found->second.isWrite) members["outcome"] = Quoted(wasBegun ? "unknown" : "nothing written");
+  _pending.erase(found);
+  if (connection) connection->Send(ToResponse(Refusal(504, "the daemon did not answer in time", members)));
+}
+
+void Server::SendDone(WorkQueue& queue) {
+  for (WorkQueue::Done& done : queue.TakeDone()) {
+    const auto found = _pending.find(done.number);
+    if (found == _pending.end()) continue;
+    const Pending pending = std::move(found->second);
+    _pending.erase(found);
+    if (pending.finish) pending.finish(done.response);
+    if (pending.connection) pending.connection->Send(done.response);
+  }
+}
+
+void Server::LogIn(Connection& connection, const Request& request, const Origin& origin) {
+  if (_access.GetPasswordHash().empty()) throw Refusal(404, "there is no password to log in with");
+  const JsonValue body = ParseJsonObject(request.body, {"password"});
+  const JsonValue* const password = body.Find("password");
+  if (!password || password->kind != JsonValue::Kind::kText) throw Refusal(400, "'password' is no string");
+  Logins& logins = _access.GetLogins();
+  const auto now = Logins::Clock::now();
+  if (!logins.MayTry(origin.address, now))
+    throw Refusal(429, "too many wrong passwords", {},
+                  {{"Retry-After", std::to_string(std::chrono::seconds(Logins::kFailureTime).count())}});
+  logins.BeginAttempt(origin.address, now);
+  Start(
+      connection, _hashing, false,
+      [hash = _access.GetPasswordHash(), given = password->text](size_t) {
+        if (MatchesPassword(hash, given)) return Response{204, {}, ""};
+        return ToResponse(Refusal(401, "the password is wrong"));
+      },
+      [this, origin](Response& response) {
+        if (response.status != 204) return;
+        _access.GetLogins().Succeed(origin.address);
+        const std::string cookie = _access.GetLogins().Begin(Logins::Clock::now());
+        response.headers.emplace_back("Set-Cookie", _access.FormatCookie(cookie, origin));
+      });
+}
+
+Response Server::LogOut(const Request& request, const Origin& origin) {
+  if (const auto cookie = FindCookie(request, Access::kCookie)) _access.GetLogins().End(*cookie);
+  return {204, {{"Set-Cookie", _access.FormatCookie("", origin)}}, ""};
+}
+
+}  // namespace tavix::web

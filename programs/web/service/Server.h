@@ -1,0 +1,87 @@
+#pragma once
+
+#include <array>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "programs/common/Signals.h"
+#include "programs/web/access/Access.h"
+#include "programs/web/access/Guard.h"
+#include "programs/web/changes/ChangeStreams.h"
+#include "programs/web/daemon/WorkQueue.h"
+#include "programs/web/http/Connection.h"
+#include "programs/web/http/EventBase.h"
+#include "programs/web/http/Listener.h"
+#include "programs/web/interface/Router.h"
+#include "programs/web/options/Options.h"
+#include "programs/web/service/Wakeup.h"
+
+namespace tavix::web {
+
+// Accepts connections, and has their requests answered. The loop never waits for the daemon: two workers do that, each
+// with a connection of its own, and a third thread follows changes.
+//
+// Threads: one runs the loop and makes and destroys this.
+class Server : private ConnectionOwner {
+ public:
+  static constexpr size_t kMaxConnections = 128;
+  static constexpr size_t kMaxWaiting = 64;
+
+  // All outlive this.
+  Server(const Options& options, Access& access, const std::vector<Listener>& listeners,
+         const programs::Signals& signals);
+  ~Server() override;
+
+  // Returns behind SIGTERM or SIGINT.
+  void Run() { _base.Run(); }
+
+ private:
+  // A request whose answer a worker makes.
+  struct Pending {
+    Connection* connection;
+    bool isWrite;
+    bool isOverdue;
+    std::function<void(Response& response)> finish;  // completes the answer on the loop; may be empty
+    std::unique_ptr<LoopEvent> timer;
+  };
+
+  void OnRequest(Connection& connection, Request& request) override;
+  Response OnRefused(int status, const std::string& reason) override;
+  void OnStreamDrained(Connection& connection) override { _streams.OnDrained(connection); }
+  void OnEnd(Connection& connection) override;
+
+  void OnSignal();
+  void Accept(const Listener& listener);
+  bool HasRoom(const Peer& peer) const;
+  void Handle(Connection& connection, Request& request);
+  void HandleRoute(Connection& connection, Request& request, const Route& route, const Origin& origin);
+  void LogIn(Connection& connection, const Request& request, const Origin& origin);
+  Response LogOut(const Request& request, const Origin& origin);
+  void Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
+             std::function<void(Response& response)> finish);
+  void OnOverdue(WorkQueue& queue, WorkQueue::Number number);
+  void AnswerOverdue(WorkQueue::Number number, bool wasBegun);
+  void SendDone(WorkQueue& queue);
+
+  const Options& _options;
+  Access& _access;
+  const programs::Signals& _signals;
+  const Guard _guard;
+  View _view;
+  EventBase _base;
+  Wakeup _wakeup;
+  ChangeStreams _streams;
+  std::map<Connection*, std::unique_ptr<Connection>> _connections;
+  std::map<std::string, size_t> _addresses;  // connections of each
+  std::map<WorkQueue::Number, Pending> _pending;
+  WorkQueue::Number _lastNumber = 0;
+  std::vector<std::unique_ptr<LoopEvent>> _events;  // of listeners and signals
+  std::array<DaemonLink, 2> _links;                 // of the workers
+  WorkQueue _workers;
+  WorkQueue _hashing;
+};
+
+}  // namespace tavix::web

@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+
+#include "tests/programs/web/Web.h"
+#include "tests/support/ProcessFigures.h"
+
+namespace tavix::test {
+
+using nlohmann::json;
+
+namespace {
+
+HttpConnection Watch(const Web& web, const std::string& parameters = {}, const std::string& headers = {}) {
+  HttpConnection stream = web.Connect();
+  stream.SendRequest("GET", "/api/v1/changes" + parameters, "", headers);
+  if (stream.ReadReply().status != 200) throw std::runtime_error("There is no stream");
+  return stream;
+}
+
+json DataOf(const std::string& event) {
+  const size_t at = event.find("data: ");
+  return json::parse(event.substr(at + 6, event.find('\n', at) - at - 6));
+}
+
+std::string IdOf(const std::string& event) {
+  const size_t at = event.find("id: ");
+  return event.substr(at + 4, event.find('\n', at) - at - 4);
+}
+
+void Set(const Web& web, const std::string& group, int value) {
+  const HttpReply reply = web.Ask("PATCH", "/group?name=" + group, "{\"k\": " + std::to_string(value) + "}");
+  if (reply.status != 200) throw std::runtime_error(reply.body);
+}
+
+}  // namespace
+
+TEST(WebChanges, ArriveWithWhatWasAndWhatIs) {
+  Web web;
+  HttpConnection stream = Watch(web);
+  EXPECT_EQ(stream.ReadEvent().first, "ready");
+  web.Ask("PATCH", "/group?name=Network/Wlan0", R"({"enabled": true})");
+  const auto [event, text] = stream.ReadEvent();
+  EXPECT_EQ(event, "change");
+  const json data = DataOf(text);
+  EXPECT_EQ(data["group"], "Network/Wlan0");
+  EXPECT_EQ(data["new"]["enabled"], "true");
+  EXPECT_EQ(data["old"]["enabled"], "false");
+  EXPECT_EQ(data["version"], web.Get("/group?name=Network/Wlan0")["version"]);
+  web.Ask("DELETE", "/group?name=Network/Wlan0", "", "If-Match: *\r\n");
+  const json gone = DataOf(stream.ReadEvent().second);
+  EXPECT_EQ(gone["gone"], true);
+  EXPECT_FALSE(gone.contains("new"));
+  Set(web, "Network/Wlan0", 1);
+  EXPECT_TRUE(DataOf(stream.ReadEvent().second)["old"].is_null());
+}
+
+TEST(WebChanges, ArriveOnlyWhereTheirGroupsAreWatched) {
+  Web web;
+  HttpConnection stream = Watch(web, "?pattern=a/*&pattern=b");
+  stream.ReadEvent();
+  for (const char* group : {"c", "b/c", "a/x", "b"}) Set(web, group, 1);
+  EXPECT_EQ(DataOf(stream.ReadEvent().second)["group"], "a/x");
+  EXPECT_EQ(DataOf(stream.ReadEvent().second)["group"], "b");
+}
+
+TEST(WebChanges, AreMaskedAsTheGroupsAre) {
+  Web web;
+  HttpConnection stream = Watch(web, "?pattern=Secure/*");
+  stream.ReadEvent();
+  // No client can change a restricted group: its defaults may, behind a restart.
+  EXPECT_EQ(web.Get("/group?name=Secure/Wlan0")["masked"], true);
+}
+
+TEST(WebChanges, ThatWereMissedComeBehindTheLastId) {
+  Web web;
+  std::string id;
+  {
+    HttpConnection stream = Watch(web);
+    stream.ReadEvent();
+    Set(web, "a", 1);
+    id = IdOf(stream.ReadEvent().second);
+  }
+  Set(web, "a", 2);
+  Set(web, "b", 3);
+  HttpConnection stream = Watch(web, "", "Last-Event-ID: " + id + "\r\n");
+  EXPECT_EQ(stream.ReadEvent().first, "ready");
+  EXPECT_EQ(DataOf(stream.ReadEvent().second)["new"]["k"], "2");
+  EXPECT_EQ(DataOf(stream.ReadEvent().second)["group"], "b");
+}
+
+TEST(WebChanges, ThatAreNotKeptAskForAReset) {
+  Web web;
+  for (const char* id : {"0123456789abcdef-7", "x", "-1", "0123456789abcdef-99999999999999999999999"})
+    EXPECT_EQ(Watch(web, "", std::string("Last-Event-ID: ") + id + "\r\n").ReadEvent().first, "reset") << id;
+}
+
+TEST(WebChanges, BeginAnewWithADaemonThatWasLost) {
+  TemporaryDirectory directory;
+  auto daemon = std::make_unique<Daemon>(directory);
+  const std::string address = daemon->AwaitAddresses()[0];
+  const WebProcess process(directory, address);
+  HttpConnection stream(process.GetPort());
+  stream.SendRequest("GET", "/api/v1/changes");
+  stream.ReadReply();
+  EXPECT_EQ(stream.ReadEvent().first, "ready");
+  daemon.reset();
+  EXPECT_EQ(stream.ReadEvent().first, "lost");
+  const DaemonProcess next(ServerProgram(), directory.GetPath(), {"--listen", address});
+  EXPECT_EQ(stream.ReadEvent().first, "reset");
+}
+
+TEST(WebChanges, ComeAsOneAnswerToThoseThatAskSo) {
+  Web web;
+  const json begin = web.Get("/changes?wait=60");
+  EXPECT_EQ(begin["events"].size(), 0U);
+  HttpConnection waiting = web.Connect();
+  waiting.SendRequest("GET", "/api/v1/changes?wait=60&since=" + begin["next"].get<std::string>());
+  Set(web, "a", 1);
+  const json answer = Parse(waiting.ReadReply());
+  EXPECT_EQ(answer["events"][0]["group"], "a");
+  EXPECT_EQ(answer["reset"], false);
+  EXPECT_EQ(web.Get("/changes?wait=0&since=" + answer["next"].get<std::string>())["events"].size(), 0U);
+  EXPECT_EQ(web.Get("/changes?wait=60&since=x")["reset"], true);
+  EXPECT_EQ(web.Ask("GET", "/changes?wait=61").status, 400);
+}
+
+TEST(WebChanges, ReachSixtyFourStreamsPastOneThatNeverReads) {
+  Web web;
+  std::vector<HttpConnection> streams;
+  streams.push_back(Watch(web));  // never read again
+  for (int i = 1; i < 64; ++i) {
+    streams.push_back(Watch(web));
+    streams.back().ReadEvent();
+  }
+  EXPECT_EQ(web.Ask("GET", "/changes").status, 503);
+  for (int i = 0; i < 5; ++i) Set(web, "g" + std::to_string(i), i);
+  for (size_t i = 1; i < streams.size(); ++i) {
+    for (int change = 0; change < 5; ++change)
+      EXPECT_EQ(DataOf(streams[i].ReadEvent().second)["group"], "g" + std::to_string(change));
+  }
+}
+
+TEST(WebChanges, LeaveNoDescriptorBehind) {
+  Web web;
+  HttpConnection first = Watch(web);
+  first.ReadEvent();
+  const size_t before = CountDescriptors(web.process.GetId());
+  for (int i = 0; i < 300; ++i) Watch(web).ReadEvent();
+  // One that still is among the descriptors ends by itself.
+  while (CountDescriptors(web.process.GetId()) > before)
+    web.Connect().Ask("GET", "/healthz", "", "Connection: close\r\n");
+  Set(web, "a", 1);
+  EXPECT_EQ(DataOf(first.ReadEvent().second)["group"], "a");
+}
+
+}  // namespace tavix::test

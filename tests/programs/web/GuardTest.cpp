@@ -1,0 +1,197 @@
+#include <gtest/gtest.h>
+
+#include "tests/programs/web/Web.h"
+
+namespace tavix::test {
+
+namespace {
+
+// What a connection gets that sends these bytes and no more.
+std::string Exchange(const Web& web, const std::string& bytes) {
+  HttpConnection connection = web.Connect();
+  connection.Send(bytes);
+  connection.HalfClose();
+  return connection.ReadToEnd();
+}
+
+int StatusOf(const std::string& answer) {
+  return answer.size() < 12 ? 0 : std::stoi(answer.substr(9, 3));
+}
+
+}  // namespace
+
+TEST(WebGuard, AnswersWithoutADaemonWhetherItLives) {
+  Web web;
+  const HttpReply reply = web.Connect().Ask("GET", "/healthz");
+  EXPECT_EQ(reply.status, 200);
+  EXPECT_EQ(reply.body, "{\"status\":\"ok\"}\n");
+  EXPECT_EQ(web.Connect().Ask("HEAD", "/healthz").status, 200);
+  EXPECT_EQ(web.Connect().Ask("GET", "/").status, 404);
+}
+
+TEST(WebGuard, SendsWhatKeepsPagesApart) {
+  Web web;
+  const HttpReply reply = web.Ask("GET", "/groups");
+  EXPECT_EQ(reply.headers.at("content-security-policy"),
+            "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src 'self'; "
+            "frame-ancestors 'none'; base-uri 'none'");
+  EXPECT_EQ(reply.headers.at("x-content-type-options"), "nosniff");
+  EXPECT_EQ(reply.headers.at("referrer-policy"), "no-referrer");
+  EXPECT_EQ(reply.headers.at("cache-control"), "no-store");
+  EXPECT_EQ(reply.headers.count("access-control-allow-origin"), 0U);
+}
+
+TEST(WebGuard, AnswersItsOwnNamesAlone) {
+  Web web({"--host", "camera.example"});
+  const auto ask = [&](const std::string& host) {
+    return web.Ask("GET", "/groups", "", "Host: " + host + "\r\n").status;
+  };
+  for (const char* host : {"127.0.0.1", "127.0.0.1:7280", "[::1]:80", "localhost", "LocalHost:1", "camera.example"})
+    EXPECT_EQ(ask(host), 200) << host;
+  for (const char* host : {"evil.example", "127.0.0.1.evil.example", "camera.example.evil", "", "localhost:x", "[x]"})
+    EXPECT_EQ(ask(host), 421) << host;
+}
+
+TEST(WebGuard, RefusesWritesOfForeignPages) {
+  Web web;
+  const auto patch = [&](const std::string& headers) {
+    return web.Ask("PATCH", "/group?name=a", R"({"k": 1})", headers).status;
+  };
+  EXPECT_EQ(patch("Origin: http://evil.example\r\n"), 403);
+  EXPECT_EQ(patch("Origin: null\r\n"), 403);
+  EXPECT_EQ(patch("Origin: https://localhost\r\n"), 403);
+  EXPECT_EQ(patch("Cookie: other=1\r\n"), 403);
+  EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
+  EXPECT_EQ(patch("Origin: http://localhost\r\n"), 200);
+  EXPECT_EQ(patch("Origin: http://localhost\r\nCookie: other=1\r\n"), 200);
+}
+
+TEST(WebGuard, TakesBodiesOfKnownTypesAlone) {
+  Web web;
+  const auto patch = [&](const std::string& type) {
+    return web.Ask("PATCH", "/group?name=a", R"({"k": 1})", "Content-Type: " + type + "\r\n").status;
+  };
+  EXPECT_EQ(patch("application/x-www-form-urlencoded"), 415);
+  EXPECT_EQ(patch("multipart/form-data; boundary=x"), 415);
+  EXPECT_EQ(patch("application/json; charset=utf-8"), 200);
+  EXPECT_EQ(patch("text/plain"), 200);
+}
+
+TEST(WebGuard, KnowsItsPathsAndTheirMethods) {
+  Web web;
+  EXPECT_EQ(web.Ask("GET", "/nothing").status, 404);
+  const HttpReply reply = web.Ask("POST", "/group?name=a", "{}");
+  EXPECT_EQ(reply.status, 405);
+  EXPECT_EQ(reply.headers.at("allow"), "GET, HEAD, PATCH, PUT, DELETE");
+  EXPECT_EQ(web.Ask("OPTIONS", "/group?name=a").status, 405);
+  EXPECT_EQ(web.Ask("GET", "/group?name=%zz").status, 400);
+}
+
+TEST(WebGuard, RefusesWhatTwoProgramsCouldReadInTwoWays) {
+  Web web;
+  const std::string post = "POST /api/v1/reset HTTP/1.1\r\n";
+  const std::string host = "Host: localhost\r\n";
+  const std::string get = "GET /healthz HTTP/1.1\r\n";
+  for (const std::string& bytes : std::vector<std::string>{
+           get + "\r\n", get + host + host + "\r\n", post + host + "Content-Length: 2\r\nContent-Length: 2\r\n\r\n{}",
+           post + host + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n{}",
+           post + host + "Transfer-Encoding: gzip\r\n\r\n", post + host + "Transfer-Encoding: gzip, chunked\r\n\r\n",
+           post + host + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n",
+           post + host + "Content-Length: +2\r\n\r\n{}", post + host + "Content-Length: 2, 2\r\n\r\n{}",
+           post + host + "Transfer-Encoding: chunked\r\n\r\n0x2\r\n{}\r\n0\r\n\r\n",
+           post + host + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}{}\r\n0\r\n\r\n", get + "Host : localhost\r\n\r\n",
+           get + host + " folded: 1\r\n\r\n", "GET /healthz HTTP/1.1\nHost: localhost\n\n",
+           get + host + "X: a\x01\r\n\r\n", std::string("GET http://localhost/ HTTP/1.1\r\n") + host + "\r\n",
+           std::string("\r\n\r\n\r\n\r\n"), std::string("GET  /healthz HTTP/1.1\r\n") + host + "\r\n"}) {
+    const std::string answer = Exchange(web, bytes + get + host + "\r\n");
+    EXPECT_EQ(StatusOf(answer), 400) << bytes << answer;
+    // Nothing behind it is taken for a request.
+    EXPECT_EQ(answer.find("HTTP/1.1", 1), std::string::npos) << bytes << answer;
+  }
+}
+
+TEST(WebGuard, AsksForALength) {
+  Web web;
+  EXPECT_EQ(StatusOf(Exchange(web, "POST /api/v1/reset HTTP/1.1\r\nHost: localhost\r\n\r\n")), 411);
+  EXPECT_EQ(StatusOf(Exchange(web, "GET /healthz HTTP/2.0\r\nHost: localhost\r\n\r\n")), 505);
+}
+
+TEST(WebGuard, BoundsHeadersAndBodies) {
+  Web web({"--max-body", "2000"});
+  const std::string host = "Host: localhost\r\n";
+  EXPECT_EQ(StatusOf(Exchange(web, "GET /healthz HTTP/1.1\r\n" + host + "X: " + std::string(17000, 'x') + "\r\n\r\n")),
+            431);
+  const std::string post = "POST /api/v1/reset HTTP/1.1\r\n" + host;
+  EXPECT_EQ(StatusOf(Exchange(web, post + "Content-Length: 1073741824\r\n\r\n")), 413);
+  EXPECT_EQ(StatusOf(Exchange(web, post + "Content-Length: 99999999999999999999999\r\n\r\n")), 413);
+  const std::string chunk = "3E8\r\n" + std::string(1000, ' ') + "\r\n";
+  EXPECT_EQ(StatusOf(Exchange(web, post + "Transfer-Encoding: chunked\r\n\r\n" + chunk + chunk + chunk)), 413);
+}
+
+TEST(WebGuard, ReadsBodiesInChunks) {
+  Web web;
+  HttpConnection connection = web.Connect();
+  connection.Send(
+      "PATCH /api/v1/group?name=a HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+      "Transfer-Encoding: Chunked\r\n\r\n4;x=y\r\n{\"k\"\r\n5\r\n: 12}\r\n0\r\nTrailer: x\r\n\r\n");
+  EXPECT_EQ(connection.ReadReply().status, 200);
+  EXPECT_EQ(web.ReadValue("a", "k"), "12");
+  EXPECT_EQ(connection.Ask("GET", "/healthz").status, 200);
+}
+
+TEST(WebGuard, AnswersRequestsThatComeAtOnceInTheirOrder) {
+  Web web;
+  HttpConnection connection = web.Connect();
+  for (const char* target : {"/api/v1/group?name=Network/Eth0", "/healthz", "/api/v1/group?name=nothing"})
+    connection.SendRequest("GET", target);
+  EXPECT_EQ(connection.ReadReply().status, 200);
+  EXPECT_EQ(connection.ReadReply().body, "{\"status\":\"ok\"}\n");
+  EXPECT_EQ(connection.ReadReply().status, 404);
+}
+
+TEST(WebGuard, ContinuesForThoseThatWait) {
+  Web web;
+  HttpConnection connection = web.Connect();
+  connection.Send(
+      "PATCH /api/v1/group?name=a HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+      "Content-Length: 8\r\nExpect: 100-continue\r\n\r\n");
+  EXPECT_EQ(connection.ReadUntil("\r\n\r\n"), "HTTP/1.1 100 Continue\r\n\r\n");
+  connection.Send("{\"k\": 1}");
+  EXPECT_EQ(connection.ReadReply().status, 200);
+}
+
+TEST(WebGuard, EndsConnectionsBeyondTheLimit) {
+  Web web;
+  std::vector<HttpConnection> connections;
+  for (int i = 0; i < 128; ++i) {
+    connections.push_back(web.Connect());
+    connections.back().Ask("GET", "/healthz");
+  }
+  HttpConnection tooMany = web.Connect();
+  EXPECT_EQ(tooMany.ReadToEnd(), "");
+  connections.clear();
+  // The program sees their ends in its own time.
+  int status = 0;
+  while (status != 200) {
+    HttpConnection next = web.Connect();
+    next.TrySend("GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    status = StatusOf(next.ReadToEnd());
+  }
+}
+
+TEST(WebGuard, ServesBelowAPath) {
+  Web web({"--base-path", "/settings/"});
+  EXPECT_EQ(web.Connect().Ask("GET", "/settings/api/v1/groups").status, 200);
+  EXPECT_EQ(web.Connect().Ask("GET", "/settings/healthz").status, 200);
+  EXPECT_EQ(web.Connect().Ask("GET", "/api/v1/groups").status, 404);
+  EXPECT_EQ(web.Connect().Ask("GET", "/settingsapi/v1/groups").status, 404);
+}
+
+TEST(WebGuard, RefusesEveryWriteIfOnlyForReading) {
+  Web web({"--read-only"});
+  EXPECT_EQ(web.Ask("GET", "/groups").status, 200);
+  for (const char* target : {"/reset", "/apply", "/import"}) EXPECT_EQ(web.Ask("POST", target, "{}").status, 403);
+  EXPECT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})").status, 403);
+}
+
+}  // namespace tavix::test

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include <csignal>
+#include <map>
+#include <vector>
+
+#include "tests/programs/web/Web.h"
+#include "tests/support/ScriptedServer.h"
+
+namespace tavix::test {
+
+namespace {
+
+void AwaitReadable(const std::vector<HttpConnection>& connections, int count) {
+  std::vector<pollfd> watched;
+  for (const HttpConnection& connection : connections) watched.push_back({connection.GetDescriptor(), POLLIN, 0});
+  while (poll(watched.data(), watched.size(), -1) < count) {
+  }
+}
+
+}  // namespace
+
+TEST(WebTrouble, WithoutADaemonIsUnavailable) {
+  const TemporaryDirectory directory;
+  const ScriptedServer closed(ListeningSocket::kNotListening);
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(closed.GetPort()));
+  HttpConnection connection(process.GetPort());
+  const HttpReply reply = connection.Ask("GET", "/api/v1/groups");
+  EXPECT_EQ(reply.status, 503);
+  EXPECT_EQ(reply.headers.at("retry-after"), "1");
+  EXPECT_EQ(connection.Ask("GET", "/healthz").status, 200);
+  const HttpReply write = connection.Ask("PATCH", "/api/v1/group?name=a", R"({"k": 1})");
+  EXPECT_EQ(Parse(write)["outcome"], "nothing written");
+}
+
+TEST(WebTrouble, BehindAWriteLeavesItsOutcomeOpen) {
+  const TemporaryDirectory directory;
+  const ScriptedServer server;
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(server.GetPort()));
+  HttpConnection connection(process.GetPort());
+  connection.SendRequest("PATCH", "/api/v1/group?name=a&volatile=1", R"({"k": 1})");
+  ServerEnd daemon = server.Accept();
+  EXPECT_NE(daemon.ReadThrough().find("[a]\nk=1\n"), std::string::npos);
+  daemon.Close();
+  const HttpReply reply = connection.ReadReply();
+  EXPECT_EQ(reply.status, 502);
+  EXPECT_EQ(Parse(reply)["outcome"], "unknown");
+  EXPECT_FALSE(server.HasWaitingConnection());  // nothing is sent twice
+}
+
+TEST(WebTrouble, OfADaemonThatIsRestartedHarmsNoRequestBehindIt) {
+  const TemporaryDirectory directory;
+  auto daemon = std::make_unique<Daemon>(directory);
+  const std::string address = daemon->AwaitAddresses()[0];
+  const WebProcess process(directory, address);
+  HttpConnection connection(process.GetPort());
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(connection.Ask("GET", "/api/v1/groups").status, 200);
+  daemon.reset();
+  const DaemonProcess next(ServerProgram(), directory.GetPath(), {"--listen", address});
+  next.AwaitAddresses();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(connection.Ask("GET", "/api/v1/groups").status, 200);
+}
+
+TEST(WebTrouble, OfAStoppedDaemonDelaysNobodyElse) {
+  Web web({"--timeout", "1"});
+  web.daemon.Signal(SIGSTOP);
+  HttpConnection waiting = web.Connect();
+  waiting.SendRequest("PATCH", "/api/v1/group?name=a", R"({"k": 1})");
+  EXPECT_EQ(web.Connect().Ask("GET", "/healthz").status, 200);
+  const HttpReply reply = waiting.ReadReply();
+  EXPECT_EQ(reply.status, 504);
+  EXPECT_EQ(Parse(reply)["outcome"], "nothing written");
+  web.daemon.Signal(SIGCONT);
+}
+
+TEST(WebTrouble, LetsSixtyFourRequestsWait) {
+  Web web;
+  web.daemon.Signal(SIGSTOP);
+  std::vector<HttpConnection> connections;
+  for (int i = 0; i < 70; ++i) {
+    connections.push_back(web.Connect());
+    connections.back().SendRequest("GET", "/api/v1/subscribers");
+  }
+  AwaitReadable(connections, 4);
+  web.daemon.Signal(SIGCONT);
+  std::map<int, int> statuses;
+  for (HttpConnection& connection : connections) ++statuses[connection.ReadReply().status];
+  EXPECT_EQ(statuses[200] + statuses[503], 70);
+  EXPECT_GE(statuses[200], 64);
+  EXPECT_GE(statuses[503], 4);
+}
+
+TEST(WebTrouble, EndsWithItsClients) {
+  Web web;
+  web.daemon.Signal(SIGSTOP);
+  for (int i = 0; i < 30; ++i) web.Connect().SendRequest("GET", "/api/v1/subscribers");
+  web.daemon.Signal(SIGCONT);
+  EXPECT_EQ(web.Get("/subscribers").size(), 0U);
+}
+
+TEST(WebTrouble, OfAnOldDaemonIsNotImplemented) {
+  const TemporaryDirectory directory;
+  const ScriptedServer server;
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(server.GetPort()));
+  HttpConnection connection(process.GetPort());
+  connection.SendRequest("POST", "/api/v1/apply", R"({"set": {"a": {"k": 1}}})");
+  ServerEnd daemon = server.Accept();
+  EXPECT_EQ(daemon.ReadThrough(), "info features\nget delimited\n.\n");
+  daemon.Send("data\n.\n");
+  EXPECT_EQ(connection.ReadReply().status, 501);
+}
+
+}  // namespace tavix::test
