@@ -26,6 +26,7 @@
 #include "programs/server/store/StoreProbe.h"
 #include "programs/server/system/Deadline.h"
 #include "programs/server/system/FileLock.h"
+#include "programs/server/system/UnusedMemory.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
@@ -193,6 +194,7 @@ int RunProgram(int argc, char** argv) {
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
     if (options.action == Options::Action::kCheck) return RunCheck(options);
     programs::Signals::Block();
+    ReturnLargeBlocksAtOnce();
     ConfigureLog(options.log);
     log = options.log;
     return Serve(options, commandLine);

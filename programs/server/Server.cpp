@@ -42,24 +42,15 @@ const std::string kAnybody = "all peers";  // for the log, before it is known wh
 Limits WithinDescriptors(Limits limits, size_t loops) {
   const rlim_t reserved = kReservedDescriptors + kDescriptorsOfALoop * loops;
   const rlim_t needed = limits.connections + reserved;
-  const rlim_t wanted = limits.connections + needed;  // departed connections keep theirs for a while
   rlimit possible{};
   if (getrlimit(RLIMIT_NOFILE, &possible) != 0) return limits;
-  if (possible.rlim_cur < wanted) {
-    possible.rlim_cur = std::min(wanted, possible.rlim_max);
+  if (possible.rlim_cur < needed) {
+    possible.rlim_cur = std::min(needed, possible.rlim_max);
     setrlimit(RLIMIT_NOFILE, &possible);
   }
   const rlim_t descriptors = std::max(possible.rlim_cur, reserved + 1);
   limits.connections = static_cast<size_t>(std::min(needed, descriptors) - reserved);
   return limits;
-}
-
-// As many as connections, but none of the descriptors that are reserved.
-size_t CountPlacesForDeparted(const Limits& limits, size_t loops) {
-  const rlim_t inUse = limits.connections + kReservedDescriptors + kDescriptorsOfALoop * loops;
-  rlimit possible{};
-  if (getrlimit(RLIMIT_NOFILE, &possible) != 0 || possible.rlim_cur <= inUse) return 0;
-  return static_cast<size_t>(std::min<rlim_t>(limits.connections, possible.rlim_cur - inUse));
 }
 
 // What a handler is given.
@@ -109,7 +100,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
     : _allowedUsers(options.allowedUsers),
       _counters(counters),
       _limits(WithinDescriptors(options.limits, options.loops)),
-      _places(_limits.connections, CountPlacesForDeparted(_limits, static_cast<size_t>(options.loops))),
+      _places(_limits.connections),
       _subscriptionBudget(_limits.allSubscriptionBytes),
       _info(counters, store.GetManager(), KeptChangesOf(options)),
       _env(EnvironmentOf(store, _serializationManager, _limits)),

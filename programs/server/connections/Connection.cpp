@@ -12,6 +12,7 @@
 
 #include "programs/server/connections/LogPeer.h"
 #include "programs/server/connections/TurnLimit.h"
+#include "programs/server/connections/UnreadInput.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -21,18 +22,6 @@ using settings::server::ClientHandler;
 namespace {
 
 constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
-constexpr size_t kMaxDropped = 4 * 1024 * 1024;
-
-// Reads what has come, as far as it is there, for nobody. Not every kind of socket drops bytes without a place for
-// them.
-void DropInput(int descriptor) {
-  char bytes[16 * 1024];
-  size_t dropped = 0;
-  for (ssize_t count = 1; count > 0 && dropped < kMaxDropped; dropped += static_cast<size_t>(count)) {
-    count = recv(descriptor, bytes, sizeof bytes, MSG_DONTWAIT);
-    if (count <= 0) return;
-  }
-}
 
 }  // namespace
 
@@ -71,7 +60,7 @@ Connection::~Connection() {
   ReportEnd();
   _report.Disconnect();
   _output->Close();
-  if (_state == State::kDone && !_hasReadAll) DropInput(_descriptor);
+  if (_state == State::kDone && !_hasReadAll) DropUnreadInput(_descriptor);
 }
 
 bool Connection::IsCut() const {
@@ -164,6 +153,7 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
 
 ClientHandler::Attempt Connection::HandleOne() {
   using Attempt = ClientHandler::Attempt;
+  if (!_output->CanReachPeer() && _handler->IsForClientOnly(_request.GetRest())) return Attempt::kHandled;
   const LogPeer peer(_report.GetLogPeer());
   Attempt attempt = Attempt::kEnded;
   if (_lane) {
@@ -192,34 +182,57 @@ void Connection::LeaveToLane(std::string_view received, size_t begin, size_t len
     _laneText = received.substr(begin, length);
     _request.SetText(_laneText);
   }
+  _isForPeerOnly = _handler->IsForClientOnly(_request.GetRest());
   _isLaneDone = false;
   _progress = Progress::kInLane;
 }
 
 void Connection::EnterLane() {
+  if (IsUseless()) return SkipInLane();
   try {
-    _lane->Add(*this);
+    const bool hasLeft = !_output->CanReachPeer();
+    hasLeft ? _lane->AddForDeparted(*this, std::exchange(_wasInLaneAsDeparted, true)) : _lane->Add(*this);
   } catch (const std::exception&) {
     _progress = Progress::kCaughtUp;  // the connection is destroyed
     throw;
   }
 }
 
-// On the lane's thread. Giving a long text's memory back takes a while, too.
+bool Connection::TrySkipInLane() {
+  if (!_isForPeerOnly || !_lane->TryWithdraw(*this)) return false;
+  SkipInLane();
+  return true;
+}
+
+void Connection::SkipInLane() noexcept {
+  _isSkipped = true;
+  EndInLane();
+  eventfd_write(_wakeLoop, 1);
+}
+
+// On the lane's thread. An answer that nobody will read any more is given up, which is no failure.
 void Connection::Run(const std::function<bool()>& isStopped) noexcept {
   try {
     const LogPeer peer(_report.GetLogPeer());
-    static_cast<void>(_handler->HandleNextInParts(isStopped));  // HasQuit is asked behind it
+    const std::function<bool()> isToEnd = [&] { return isStopped() || IsUseless(); };
+    static_cast<void>(_handler->HandleNextInParts(isToEnd));  // HasQuit is asked behind it
     ReportOutcome();
   } catch (...) {
-    _laneFailure = std::current_exception();
+    if (!IsUseless()) _laneFailure = std::current_exception();
   }
+  EndInLane();
+}
+
+// Giving a long text's memory back takes a while, too.
+void Connection::EndInLane() noexcept {
   std::string().swap(_laneText);
   _isLaneDone.store(true, std::memory_order_release);
 }
 
+// Many connections may skip their requests at once: then each waits for a turn.
 bool Connection::OnLaneDone() {
-  _progress = Progress::kCaughtUp;
+  const bool isSkipped = std::exchange(_isSkipped, false);
+  _progress = isSkipped ? Progress::kNextTurn : Progress::kCaughtUp;
   _isLaneDone = false;
   SetWatched(true);
   if (const std::exception_ptr failure = std::exchange(_laneFailure, nullptr)) {
@@ -232,7 +245,7 @@ bool Connection::OnLaneDone() {
     _inputPart.Set(0);
     return !EndsNow();
   }
-  if (!TakeInput(_input)) return false;
+  if (!isSkipped && !TakeInput(_input)) return false;
   if (_state != State::kDone) UpdateInterest();
   return true;
 }
@@ -277,7 +290,11 @@ bool Connection::OnWritable() {
 bool Connection::OnHangUp() {
   if (_state == State::kDone) return false;
   _output->OnPeerGone();
-  if (IsInLane()) SetWatched(false);
+  if (IsInLane() && !TrySkipInLane()) {
+    SetWatched(false);
+    _lane->MoveToDeparted(*this);
+    _wasInLaneAsDeparted = true;
+  }
   UpdateInterest();
   return true;
 }

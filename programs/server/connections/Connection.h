@@ -31,8 +31,9 @@
 namespace tavix::daemon {
 
 // One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
-// send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane. A peer
-// that reads no more has its requests carried out all the same, as far as they have come.
+// send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane. The
+// changes of a peer that is gone are made all the same, as far as they have come; what is for the peer only is skipped,
+// and need not wait for the lane.
 //
 // Two states describe it. State is about the peer and goes one way only. It begins with kOpen. When the peer ends its
 // sending, OnReadable moves on to kPeerEnded, where the requests that have come are handled to the last. That one, a
@@ -104,10 +105,13 @@ class Connection : private SlowLane::IJob {
   // Whether a request is in the lane, or waits for EnterLane.
   bool IsInLane() const { return _progress == Progress::kInLane; }
 
-  // Gives the request to the lane. Throws std::bad_alloc; then it is not in the lane.
+  // Gives the request to the lane, unless it is skipped. Throws std::bad_alloc; then it is not in the lane.
   void EnterLane();
 
-  // Whether the lane has carried the request out, so that OnLaneDone is due.
+  // Takes the request back from the lane if it waits there and is for the peer only. Then OnLaneDone is due.
+  bool TrySkipInLane();
+
+  // Whether the lane has carried the request out, or it is skipped, so that OnLaneDone is due.
   bool IsLaneDone() const { return _isLaneDone.load(std::memory_order_acquire); }
 
   // Goes on behind the request. False once the connection is to be destroyed.
@@ -120,7 +124,6 @@ class Connection : private SlowLane::IJob {
 
   // The loop's.
   Turn turn;
-  bool hasDeparted = false;  // as Places has it
 
   // How often OnReadable received something.
   size_t CountReads() const { return _reads; }
@@ -161,6 +164,9 @@ class Connection : private SlowLane::IJob {
   void ReportOutcome();
   void LeaveToLane(std::string_view received, size_t begin, size_t length);
   void Run(const std::function<bool()>& isStopped) noexcept override;
+  void SkipInLane() noexcept;
+  void EndInLane() noexcept;
+  bool IsUseless() const { return _isForPeerOnly && !_output->CanReachPeer(); }
   int GetDoneEvent() const override { return _wakeLoop; }
   bool EndsNow();
   bool CheckInput();
@@ -195,6 +201,9 @@ class Connection : private SlowLane::IJob {
   Progress _progress = Progress::kCaughtUp;
   std::string _laneText;  // holds the request that is in the lane; its thread's, as the next one
   std::exception_ptr _laneFailure;
+  bool _isForPeerOnly = false;        // the request that is in the lane; does not change meanwhile
+  bool _isSkipped = false;            // that request was taken back
+  bool _wasInLaneAsDeparted = false;  // with a request
   std::atomic<bool> _isLaneDone{false};
   osa::PlainMutex _interestMutex;
   Interest _interest TAVIX_GUARDED_BY(_interestMutex);

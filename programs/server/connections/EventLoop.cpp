@@ -222,7 +222,7 @@ void EventLoop::Refuse(const char* reason) noexcept {
   static const std::string anybody = "all peers";
   const LogPeer peer(anybody);
   _shared.counters.Count(Refusal::kSetup);
-  CountOneLess(false);
+  CountOneLess();
   try {
     Log()->Warning("Connection refused: %s", reason);
   } catch (const std::exception&) {
@@ -290,15 +290,7 @@ bool EventLoop::HandleEvent(Connection* connection, unsigned int events, bool is
     if (isAlone && !ReadOn(connection)) return false;
   }
   const bool hangsUp = (events & EPOLLHUP) || ((events & EPOLLERR) && connection->IsInLane());
-  if (!hangsUp) return true;
-  if (!connection->OnHangUp()) return false;
-  Depart(connection);
-  return true;
-}
-
-// The peer is gone; what it asked for before is still carried out.
-void EventLoop::Depart(Connection* connection) {
-  if (_shared.places && !connection->hasDeparted) connection->hasDeparted = _shared.places->Depart();
+  return !hangsUp || connection->OnHangUp();
 }
 
 // A client that waits for each reply may have sent its next request by the time the reply is out, above all on a single
@@ -350,24 +342,24 @@ void EventLoop::Tick() {
   }
 }
 
-// While the lane has a request of it, it is only abandoned, and ended by TakeBackFromLane.
+// While the lane has a request of it that can't be skipped, it is only abandoned, and ended by TakeBackFromLane.
 void EventLoop::End(Connection* connection) {
-  if (std::find(_inLane.begin(), _inLane.end(), connection) != _inLane.end()) return connection->Abandon();
+  const auto inLane = std::find(_inLane.begin(), _inLane.end(), connection);
+  if (inLane != _inLane.end()) {
+    if (!connection->TrySkipInLane()) return connection->Abandon();
+    _inLane.erase(inLane);
+  }
   if (connection->turn.isQueued) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }
-  CountOneLess(connection->hasDeparted);  // first: whose connection is closed here may come again at once
+  CountOneLess();  // first: whose connection is closed here may come again at once
   _connections.erase(connection);
 }
 
-void EventLoop::CountOneLess(bool hasDeparted) {
+void EventLoop::CountOneLess() {
   --_count;
-  if (hasDeparted) {
-    _shared.places->FreeDeparted();
-  } else if (_shared.places) {
-    _shared.places->Free();
-  }
+  if (_shared.places) _shared.places->Free();
   _shared.counters.clients.Subtract();
 }
 

@@ -83,10 +83,9 @@ class EventLoop {
   void TakeBackFromLane();
   void GiveTurns();
   void Tick();
-  void Depart(Connection* connection);
   void End(Connection* connection);
   void Refuse(const char* reason) noexcept;
-  void CountOneLess(bool hasDeparted);
+  void CountOneLess();
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;

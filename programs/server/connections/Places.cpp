@@ -9,8 +9,7 @@
 
 namespace tavix::daemon {
 
-Places::Places(size_t max, size_t maxDeparted)
-    : _max(max), _maxDeparted(maxDeparted), _freed(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+Places::Places(size_t max) : _max(max), _freed(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!_freed) throw osa::Exception("Failed to make an event descriptor: %s", std::strerror(errno));
 }
 
@@ -30,16 +29,6 @@ bool Places::Take() {
 void Places::Free() {
   --_taken;
   if (_isAwaited.exchange(false)) eventfd_write(_freed.Get(), 1);
-}
-
-// Counted first, and taken back if that was too much: of two that depart at once, both must not find the last place.
-bool Places::Depart() {
-  if (_departed.fetch_add(1) >= _maxDeparted) {
-    --_departed;
-    return false;
-  }
-  Free();
-  return true;
 }
 
 void Places::Acknowledge() {

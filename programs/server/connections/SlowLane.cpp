@@ -18,10 +18,40 @@ void SlowLane::Add(IJob& job) {
   _wake.notify_one();
 }
 
+void SlowLane::AddForDeparted(IJob& job, bool isNext) {
+  osa::PlainMutexLock lock(_mutex);
+  _departed.insert(isNext ? _departed.begin() : _departed.end(), &job);
+  _wake.notify_one();
+}
+
+void SlowLane::MoveToDeparted(IJob& job) {
+  osa::PlainMutexLock lock(_mutex);
+  const auto found = std::find(_waiting.begin(), _waiting.end(), &job);
+  if (found == _waiting.end()) return;
+  _departed.push_back(&job);
+  _waiting.erase(found);
+}
+
+bool SlowLane::TryWithdraw(const IJob& job) {
+  osa::PlainMutexLock lock(_mutex);
+  return Remove(job);
+}
+
 void SlowLane::Withdraw(const IJob& job) {
   osa::PlainMutexLock lock(_mutex);
-  _waiting.erase(std::remove(_waiting.begin(), _waiting.end(), &job), _waiting.end());
+  Remove(job);
   lock.Wait(_ended, [&]() TAVIX_REQUIRES(_mutex) { return _running != &job; });
+}
+
+// Whether it waited. It is in one of them at most.
+bool SlowLane::Remove(const IJob& job) {
+  for (std::deque<IJob*>* jobs : {&_waiting, &_departed}) {
+    const auto found = std::find(jobs->begin(), jobs->end(), &job);
+    if (found == jobs->end()) continue;
+    jobs->erase(found);
+    return true;
+  }
+  return false;
 }
 
 void SlowLane::Stop() {
@@ -29,6 +59,7 @@ void SlowLane::Stop() {
     osa::PlainMutexLock lock(_mutex);
     _stop = true;
     _waiting.clear();
+    _departed.clear();
   }
   _wake.notify_one();
   _thread.Join();
@@ -47,10 +78,13 @@ void SlowLane::Run() {
 // Null when it is time to stop.
 SlowLane::IJob* SlowLane::AwaitJob() {
   osa::PlainMutexLock lock(_mutex);
-  lock.Wait(_wake, [this]() TAVIX_REQUIRES(_mutex) { return _stop || !_waiting.empty(); });
+  lock.Wait(_wake, [this]() TAVIX_REQUIRES(_mutex) { return _stop || !_waiting.empty() || !_departed.empty(); });
   if (_stop) return nullptr;
-  IJob* const job = _waiting.front();
-  _waiting.pop_front();
+  const bool isDeparted = _waiting.empty() || (_isDepartedsTurn && !_departed.empty());
+  _isDepartedsTurn = !isDeparted;
+  std::deque<IJob*>& jobs = isDeparted ? _departed : _waiting;
+  IJob* const job = jobs.front();
+  jobs.pop_front();
   _running = job;
   return job;
 }

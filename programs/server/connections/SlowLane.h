@@ -11,8 +11,13 @@
 
 namespace tavix::daemon {
 
-// A thread for requests that take long, so that event loops go on with short ones. Jobs run one at a time, in the order
-// in which they were added. A connection adds its next job when the one before has ended, so clients take turns.
+// A thread for requests that take long, so that event loops go on with short ones. Jobs run one at a time. They wait in
+// two queues, which take turns while both have some:
+//
+//     clients that are there   in the order in which the jobs were added. A connection adds its next one when the one
+//                              before has ended, so clients take turns
+//     clients that have left   one connection after the other, as each keeps its place, its descriptor and its memory
+//                              until its last change is made
 //
 // Threads: every operation may be called from any thread, but for Stop and the destructor, which one thread calls.
 // Locks:   its own mutex, inside all others; it is not held while a job runs.
@@ -42,6 +47,16 @@ class SlowLane {
   // Throws std::bad_alloc, and has not added the job then.
   void Add(IJob& job) TAVIX_EXCLUDES(_mutex);
 
+  // The same for a client that has left. isNext: before the others, as it has had a job there before.
+  void AddForDeparted(IJob& job, bool isNext) TAVIX_EXCLUDES(_mutex);
+
+  // The client of a job has left. Does nothing unless the job waits. Throws std::bad_alloc; then the job waits where it
+  // did.
+  void MoveToDeparted(IJob& job) TAVIX_EXCLUDES(_mutex);
+
+  // Takes the job back if it waits. False: it does not; it may run, or have run.
+  bool TryWithdraw(const IJob& job) TAVIX_EXCLUDES(_mutex);
+
   // Returns once the job neither runs nor waits. From any thread but the lane's own.
   void Withdraw(const IJob& job) TAVIX_EXCLUDES(_mutex);
 
@@ -52,11 +67,14 @@ class SlowLane {
   void Run();
   IJob* AwaitJob() TAVIX_EXCLUDES(_mutex);
   void EndJob(int doneEvent) TAVIX_EXCLUDES(_mutex);
+  bool Remove(const IJob& job) TAVIX_REQUIRES(_mutex);
 
   osa::PlainMutex _mutex;
   std::condition_variable _wake;
   std::condition_variable _ended;
   std::deque<IJob*> _waiting TAVIX_GUARDED_BY(_mutex);
+  std::deque<IJob*> _departed TAVIX_GUARDED_BY(_mutex);
+  bool _isDepartedsTurn TAVIX_GUARDED_BY(_mutex) = false;
   const IJob* _running TAVIX_GUARDED_BY(_mutex) = nullptr;
   std::atomic<bool> _stop{false};
   programs::LoopThread _thread;

@@ -11,7 +11,19 @@ namespace {
 
 constexpr std::time_t kSecondsBetween = 5;
 
+#ifdef __GLIBC__
+constexpr int kLargeBlock = 1024 * 1024;
+constexpr int kMaxUnused = 4 * 1024 * 1024;  // at the end of a thread's memory
+#endif
+
 }  // namespace
+
+void ReturnLargeBlocksAtOnce() {
+#ifdef __GLIBC__
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kMaxUnused);
+#endif
+}
 
 void UnusedMemory::ReturnNoted() {
   timespec now{};

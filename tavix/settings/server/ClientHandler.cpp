@@ -90,9 +90,11 @@ ClientHandler::Attempt ClientHandler::HandleNextIfShort() {
   if (!view) throw osa::Exception("A request can't be looked at before it is handled: the input is no view");
   const std::string_view request = view->GetRest();
   ForgetOutcome();
-  if (CommandTable::IsLong(request) || IsLongExtra(request)) return Attempt::kTooLong;
+  const IExtraCommands::Command* const extra = FindExtraOf(request);
+  if (CommandTable::IsLong(request) || (extra && extra->isLong)) return Attempt::kTooLong;
   _maxWork = kShortWork;
   _pIsStopped = nullptr;
+  _isSecondAttempt = false;  // the request before may have been skipped
   try {
     return HandleLine() ? Attempt::kHandled : Attempt::kEnded;
   } catch (const TooLong&) {
@@ -129,11 +131,15 @@ const IExtraCommands::Command* ClientHandler::FindExtra(std::string_view word) c
   return !_extraCommands || CommandTable::Find(word) ? nullptr : _extraCommands->Find(word);
 }
 
-bool ClientHandler::IsLongExtra(std::string_view request) const {
-  if (!_extraCommands) return false;
+const IExtraCommands::Command* ClientHandler::FindExtraOf(std::string_view request) const {
+  if (!_extraCommands) return nullptr;
   std::string_view line = request.substr(0, request.find('\n'));
-  const IExtraCommands::Command* const extra = FindExtra(TakeWord(line));
-  return extra && extra->isLong;
+  return FindExtra(TakeWord(line));
+}
+
+bool ClientHandler::IsForClientOnly(std::string_view request) const {
+  const IExtraCommands::Command* const extra = FindExtraOf(request);
+  return extra ? extra->isForClientOnly : CommandTable::IsForClientOnly(request);
 }
 
 void ClientHandler::ForgetOutcome() {

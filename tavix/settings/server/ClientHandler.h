@@ -100,6 +100,10 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   // osa::Exception.
   [[nodiscard]] bool HandleNextInParts(const std::function<bool()>& isStopped);
 
+  // Whether a request, which is whole, means nothing for others than its client: it may be skipped once that has left.
+  // From any thread.
+  bool IsForClientOnly(std::string_view request) const;
+
   // Whether the client has quit: nothing more is read.
   bool HasQuit() const { return _quit; }
 
@@ -157,7 +161,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   void ReplyResult(bool isMade);
   void ShowLines(std::string_view title, std::string_view lines);
   const IExtraCommands::Command* FindExtra(std::string_view word) const;
-  bool IsLongExtra(std::string_view request) const;
+  const IExtraCommands::Command* FindExtraOf(std::string_view request) const;
   void CarryOutExtra(std::string_view word, std::string_view args, bool isChange);
   void WriteAnswer(const IExtraCommands::Answer& answer);
   bool HandleLine();

@@ -17,20 +17,24 @@ namespace {
 constexpr size_t kShortRequest = 32 * 1024;
 constexpr size_t kShortSubscription = 8 * 1024;
 
+std::string_view LineOf(std::string_view request) {
+  return request.substr(0, request.find('\n'));
+}
+
 }  // namespace
 
 const CommandTable::Command CommandTable::kCommands[] = {
     {protocol::kAmend, "ppppp", Duration::kByPattern, Effect::kNone, &ClientHandler::Amend},
-    {protocol::kDump, "", Duration::kLong, Effect::kNone, &ClientHandler::Dump},
-    {protocol::kGet, "l", Duration::kBySize, Effect::kNone, &ClientHandler::GetSections},
-    {protocol::kInfo, "", Duration::kIfSubscribed, Effect::kNone, &ClientHandler::Info},
+    {protocol::kDump, "", Duration::kLong, Effect::kClientOnly, &ClientHandler::Dump},
+    {protocol::kGet, "l", Duration::kBySize, Effect::kClientOnly, &ClientHandler::GetSections},
+    {protocol::kInfo, "", Duration::kIfSubscribed, Effect::kClientOnly, &ClientHandler::Info},
     {protocol::kMerge, "p", Duration::kBySize, Effect::kNone, &ClientHandler::Merge},
     {protocol::kNote, "", Duration::kBySize, Effect::kNone, &ClientHandler::TakeNote},
     {protocol::kOverwrite, "lp", Duration::kByPattern, Effect::kNone, &ClientHandler::Overwrite},
     {protocol::kQuit, "", Duration::kBySize, Effect::kNone, &ClientHandler::Quit},
     {protocol::kRestore, "l", Duration::kLong, Effect::kNone, &ClientHandler::RestoreDefaults},
     {protocol::kSerialize, "", Duration::kBySize, Effect::kSetsSerialization, &ClientHandler::ChangeSerialization},
-    {protocol::kSubscribe, "l", Duration::kBySubscription, Effect::kNone, &ClientHandler::Subscribe},
+    {protocol::kSubscribe, "l", Duration::kBySubscription, Effect::kClientOnly, &ClientHandler::Subscribe},
     {protocol::kTestAndMerge, "pp", Duration::kBySize, Effect::kNone, &ClientHandler::TestAndMerge},
 };
 
@@ -49,7 +53,7 @@ const CommandTable::Command* CommandTable::Find(std::string_view word) {
 
 bool CommandTable::IsLong(std::string_view request) {
   if (request.size() > kShortRequest) return true;
-  std::string_view line = request.substr(0, request.find('\n'));
+  std::string_view line = LineOf(request);
   const Command* const command = Find(TakeWord(line));
   if (!command) return false;
   switch (command->duration) {
@@ -65,6 +69,12 @@ bool CommandTable::IsLong(std::string_view request) {
       break;
   }
   return true;
+}
+
+bool CommandTable::IsForClientOnly(std::string_view request) {
+  std::string_view line = LineOf(request);
+  const Command* const command = Find(TakeWord(line));
+  return command && command->effect == Effect::kClientOnly;
 }
 
 }  // namespace tavix::settings::server

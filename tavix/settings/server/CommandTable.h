@@ -26,9 +26,10 @@ class CommandTable {
     kLong,            // always: it shows the whole store, or reads the files of defaults
   };
 
-  // What a request means for those behind it.
+  // What a request means for others than its client, and for those behind it.
   enum class Effect {
-    kNone,
+    kNone,               // is carried out even when its client has left
+    kClientOnly,         // only its client is sent something for it: it may be skipped once that has left
     kSetsSerialization,  // its line names the form of all payloads that follow
   };
 
@@ -48,6 +49,9 @@ class CommandTable {
 
   // Whether a request, which is whole, may take longer than a millisecond.
   static bool IsLong(std::string_view request);
+
+  // Whether the request's command is for its client only.
+  static bool IsForClientOnly(std::string_view request);
 
  private:
   static const Command kCommands[];

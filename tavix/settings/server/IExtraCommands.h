@@ -23,6 +23,9 @@ class TAVIX_EXPORT IExtraCommands {
   struct Command {
     bool isLong = false;    // may take longer than a millisecond: a handler of HandleNextIfShort leaves it to others
     bool isChange = false;  // changes the store: it uses up the client's note
+
+    // Only its client is sent something for it: it may be skipped once that has left.
+    bool isForClientOnly = false;
   };
 
   // A line of a client.

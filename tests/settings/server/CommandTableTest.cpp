@@ -59,6 +59,15 @@ TEST(CommandTable, TellsWhichRequestsMayTakeLong) {
   EXPECT_FALSE(CommandTable::IsLong("unknown A*\n"));
 }
 
+TEST(CommandTable, TellsWhichRequestsAreForTheirClientOnly) {
+  for (const char* request : {"get\nA\n.\n", "get delimited\nA\n.\n", "dump\n", "dump all\n", "info server\n",
+                              " info subscribed\n", "subscribe\nA\n.\n"})
+    EXPECT_TRUE(CommandTable::IsForClientOnly(request)) << request;
+  for (const char* request : {"merge\n.\n", "test-and-merge\n.\n.\n", "amend\n.\n.\n.\n.\n.\n", "restore\nA\n.\n",
+                              "overwrite\nA\n.\n.\n", "serialize ini\n", "note get\n", "quit\n", "\n", "gets\n"})
+    EXPECT_FALSE(CommandTable::IsForClientOnly(request)) << request;
+}
+
 TEST(CommandTable, TellsTheFramerWhichCommandSetsTheFormOfPayloads) {
   for (const CommandTable::Command& command : CommandTable()) {
     RequestFramer framer;

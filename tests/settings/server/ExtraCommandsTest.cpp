@@ -31,12 +31,13 @@ using tavix::test::DocumentOf;
 using tavix::test::ServedStore;
 using testing::ElementsAre;
 
-// `show` reads, `undo` changes, `search` takes long, `arm` is not answered; `merge` is the protocol's own.
+// `show` reads, `undo` changes, `search` takes long and is for its client only, `arm` is not answered; `merge` is the
+// protocol's own.
 class HostCommands : public IExtraCommands {
  public:
   const Command* Find(std::string_view word) const override {
     static const Command kReads;
-    static const Command kTakesLong{true, false};
+    static const Command kTakesLong{true, false, true};
     static const Command kChanges{false, true};
     if (word == "undo") return &kChanges;
     if (word == "search") return &kTakesLong;
@@ -155,6 +156,16 @@ TEST_F(ExtraCommands, ThatTakeLongAreLeftToOthers) {
   EXPECT_THAT(commands.calls, ElementsAre("show,,show,"));
   EXPECT_TRUE(handler.HandleNextInParts([] { return false; }));
   EXPECT_THAT(commands.calls, ElementsAre("show,,show,", "search, x,search,"));
+}
+
+TEST_F(ExtraCommands, AreForTheirClientOnlyWhereTheHostDeclaresIt) {
+  std::istringstream in;
+  std::ostringstream out;
+  const ClientHandler handler(&served.env, &in, &out);
+  EXPECT_TRUE(handler.IsForClientOnly("search x\n"));
+  EXPECT_FALSE(handler.IsForClientOnly("show\n"));
+  EXPECT_FALSE(handler.IsForClientOnly("merge\n.\n")) << "of the protocol";
+  EXPECT_TRUE(handler.IsForClientOnly("dump\n"));
 }
 
 // Notes in order what a handler asks of it.

@@ -10,8 +10,8 @@ namespace tavix::test {
 // What connections of a test share: an empty store, or that of a persister, and the bounds by default.
 struct ConnectionSetup {
   ConnectionSetup() = default;
-  explicit ConnectionSetup(settings::server::ISettingsPersister& persister)
-      : store(&persister, nullptr, nullptr, false) {}
+  explicit ConnectionSetup(settings::server::ISettingsPersister& persister, bool defersLoad = false)
+      : store(&persister, nullptr, nullptr, defersLoad) {}
 
   // lane: may be null.
   daemon::Connection::Shared GetShared(daemon::SlowLane* lane = nullptr) {

@@ -19,7 +19,7 @@ bool IsReadable(const Places& places) {
 }  // namespace
 
 TEST(Places, AreTakenUpToTheMaximum) {
-  Places places(2, 2);
+  Places places(2);
   EXPECT_TRUE(places.Take());
   EXPECT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
@@ -28,7 +28,7 @@ TEST(Places, AreTakenUpToTheMaximum) {
 }
 
 TEST(Places, ReportAFreePlaceToThoseThatFoundNone) {
-  Places places(1, 1);
+  Places places(1);
   ASSERT_TRUE(places.Take());
   EXPECT_FALSE(places.Take());
   EXPECT_FALSE(IsReadable(places));
@@ -39,43 +39,15 @@ TEST(Places, ReportAFreePlaceToThoseThatFoundNone) {
 }
 
 TEST(Places, ReportNothingWhereNobodyWaits) {
-  Places places(1, 1);
+  Places places(1);
   ASSERT_TRUE(places.Take());
   places.Free();
   EXPECT_FALSE(IsReadable(places));
 }
 
-TEST(Places, OfConnectionsThatDepartAreFree) {
-  Places places(1, 1);
-  ASSERT_TRUE(places.Take());
-  EXPECT_FALSE(places.Take());
-  EXPECT_TRUE(places.Depart());
-  EXPECT_TRUE(IsReadable(places));
-  EXPECT_TRUE(places.Take());
-}
-
-TEST(Places, AreKeptByConnectionsThatDepartWhereTooManyHaveDeparted) {
-  Places places(1, 1);
-  ASSERT_TRUE(places.Take());
-  ASSERT_TRUE(places.Depart());
-  ASSERT_TRUE(places.Take());
-  EXPECT_FALSE(places.Depart());
-  EXPECT_FALSE(places.Take());
-  places.FreeDeparted();
-  EXPECT_TRUE(places.Depart());
-  EXPECT_TRUE(places.Take());
-}
-
-TEST(Places, AreKeptByAllConnectionsWhereThereIsNoneForDeparted) {
-  Places places(1, 0);
-  ASSERT_TRUE(places.Take());
-  EXPECT_FALSE(places.Depart());
-  EXPECT_FALSE(places.Take());
-}
-
 TEST(Places, AreNeverMissedByWhoWaitsForOne) {
   constexpr int kRounds = 10'000;
-  Places places(1, 1);
+  Places places(1);
   std::atomic<int> toFree{0};
   std::atomic<bool> ends{false};
   BackgroundCall freeing([&] {

@@ -1,16 +1,22 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <future>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/SlowLane.h"
 #include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/DocumentText.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/MemoryPersister.h"
+#include "tests/support/ProcessFigures.h"
+#include "tests/support/Threads.h"
 
 namespace tavix::test {
 
@@ -35,6 +41,14 @@ struct SlowPersister : MemoryPersister {
   std::promise<void> released;
 };
 
+// How often a dump was made to its end.
+unsigned long long CountDumps() {
+  for (const auto& command : settings::server::ClientHandler::ReadStatistics().commands) {
+    if (command.name == "dump") return command.count;
+  }
+  return 0;
+}
+
 // A loop whose clients have a slow lane, in which one request stays for as long as the test wants.
 class RequestInLane : public testing::Test {
  protected:
@@ -58,6 +72,18 @@ class RequestInLane : public testing::Test {
 
   void Release() { _persister.released.set_value(); }
 
+  // Returns when the loop has seen all that has happened.
+  void AwaitSeen() {
+    for (int i = 0; i < 3; ++i) _loop->Probe();
+  }
+
+  // Requests that the lane is left come behind the slow one and never wait themselves.
+  void SendBehind(const osa::Descriptor& peer, const std::string& requests) {
+    _persister.isSlow = false;
+    EXPECT_TRUE(Send(peer, requests));
+    AwaitSeen();
+  }
+
   daemon::Connection::Shared GetShared() {
     daemon::Connection::Shared shared = _setup.GetShared(&_lane);
     shared.places = &_places;
@@ -76,7 +102,7 @@ class RequestInLane : public testing::Test {
   SlowPersister _persister;
   ConnectionSetup _setup{_persister};
   daemon::SlowLane _lane;
-  daemon::Places _places{2, 2};
+  daemon::Places _places{2};
   std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(GetShared(), [] {});
 };
 
@@ -131,18 +157,97 @@ TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 0; }));
 }
 
-TEST_F(RequestInLane, ClientThatLeavesMeanwhileMakesRoomForAnother) {
+TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsItsPlaceUntilItsChangesAreMade) {
   osa::Descriptor slow = Connect();
   const osa::Descriptor other = Connect();
   SendSlowRequest(slow, "merge\n[A]\nx=2\n.\n");
-  EXPECT_FALSE(_places.Take());
   slow.Reset();
+  AwaitSeen();
+  EXPECT_FALSE(_places.Take());
+  Release();
   EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
-  EXPECT_FALSE(_places.Take()) << "one alone has left";
+  EXPECT_EQ(Ask(other, kGetA, kA.size()), "data\n[A]\nx=2\n.\n");
+}
+
+TEST_F(RequestInLane, AnswerThatWaitsIsWithdrawnWithItsConnectionWhenItsClientLeaves) {
+  const osa::Descriptor slow = Connect();
+  SendSlowRequest(slow);
+  const size_t descriptors = CountDescriptors(getpid());
+  const unsigned long long dumps = CountDumps();
+  const std::string names = std::string(3000, 'n') + "\n";
+  std::string list;
+  for (int i = 0; i < 12; ++i) list += std::to_string(i) + names;
+  for (const std::string& request : std::vector<std::string>{"dump\n", "dump all\n", "info subscribed\n",
+                                                             "get\n" + list + ".\n", "subscribe\n" + list + ".\n"}) {
+    osa::Descriptor leaving = Connect();
+    SendBehind(leaving, request);
+    EXPECT_EQ(_loop->CountConnections(), 2u);
+    leaving.Reset();
+    EXPECT_TRUE(Eventually([&] { return CountDescriptors(getpid()) == descriptors; })) << request.substr(0, 10);
+    EXPECT_EQ(_loop->CountConnections(), 1u);
+  }
+  Release();
+  EXPECT_EQ(Ask(slow, kGetA, kA.size()), kA);
+  EXPECT_EQ(CountDumps(), dumps);
+}
+
+TEST_F(RequestInLane, ChangesBehindAnAnswerThatIsWithdrawnAreMadeAtOnce) {
+  const osa::Descriptor slow = Connect();
+  SendSlowRequest(slow);
+  {
+    const osa::Descriptor leaving = Connect();
+    SendBehind(leaving, "dump\nmerge\n[B]\ny=2\n.\ndump all\nget\n*\n.\nmerge\n[B]\nz=3\n.\n");
+  }
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
+  EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\ny=2\nz=3\n");
+  Release();
+}
+
+TEST_F(RequestInLane, ChangesThatWaitAreMadeInTheirOrderAlthoughTheirClientHasLeft) {
+  const std::string value(100'000, 'v');
+  const osa::Descriptor slow = Connect();
+  const unsigned long long dumps = CountDumps();
+  SendSlowRequest(slow);
+  {
+    const osa::Descriptor leaving = Connect();
+    SendBehind(leaving, "merge\n[B]\ny=" + value + "\n.\nmerge\n[B]\ny=1\n.\ndump\nmerge\n[B]\nz=" + value +
+                            "\n.\nmerge\n[B]\nz=2\n.\n");
+  }
+  AwaitSeen();
+  EXPECT_EQ(_loop->CountConnections(), 2u);
+  EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n");
   Release();
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
-  EXPECT_EQ(Ask(other, kGetA, kA.size()), "data\n[A]\nx=2\n.\n") << "what it asked for was done";
-  EXPECT_FALSE(_places.Take()) << "its place was freed before";
+  EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\ny=1\nz=2\n");
+  EXPECT_EQ(CountDumps(), dumps);
+}
+
+// The store is locked until it is loaded, so the lane waits in the middle of the dump.
+TEST(AnswerInLane, IsGivenUpWhenItsClientLeavesAndChangesBehindItAreMade) {
+  MemoryPersister persister({"[A]\nx=1\n"});
+  ConnectionSetup setup(persister, true);
+  daemon::SlowLane lane;
+  EventLoop loop(setup.GetShared(&lane), [] {});
+  ASSERT_TRUE(Eventually([] { return FindThreads("SlowLane").size() == 1; }));
+  const pid_t thread = FindThreads("SlowLane").front();
+  AwaitAsleep(thread);
+  const std::string idle = LookAtThread(thread);
+  const unsigned long long dumps = CountDumps();
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  osa::Descriptor peer(ends[1]);
+  loop.Add(osa::Descriptor(ends[0]));
+  EXPECT_TRUE(Send(peer, "dump all\nmerge nopersist\n[A]\nx=2\n.\n"));
+  const auto isIdle = [&] { return LookAtThread(thread).empty() || LookAtThread(thread) == idle; };
+  EXPECT_TRUE(Eventually([&] { return !isIdle(); }));
+  AwaitAsleep(thread);
+  peer.Reset();
+  for (int i = 0; i < 3; ++i) loop.Probe();
+  setup.store.LoadSettings();
+  EXPECT_TRUE(Eventually([&] { return loop.CountConnections() == 0; }));
+  EXPECT_EQ(CountDumps(), dumps);
+  EXPECT_EQ(setup.counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 0u);
+  EXPECT_EQ(AllSettingsOf(setup.store), "[A]\nx=2\n");
 }
 
 // Ticks cut clients that have not read for too long. The last one shows that a tick has come behind the first.

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <future>
+#include <string>
 #include <vector>
 
 #include "tavix/osa/Descriptor.h"
@@ -38,6 +39,21 @@ class TestJob : public SlowLane::IJob {
   std::promise<void> started;
   std::promise<void> released;
   const osa::Descriptor done{eventfd(0, EFD_CLOEXEC)};
+};
+
+// Notes when it was run.
+class NotedJob : public TestJob {
+ public:
+  NotedJob(std::string& notes, char name) : _notes(notes), _name(name) {}
+
+  void Run(const std::function<bool()>& isStopped) noexcept override {
+    _notes += _name;
+    TestJob::Run(isStopped);
+  }
+
+ private:
+  std::string& _notes;  // the lane's thread's, until the last job has ended
+  const char _name;
 };
 
 }  // namespace
@@ -81,6 +97,72 @@ TEST(SlowLane, WithdrawnJobIsNeverRun) {
   EXPECT_EQ(withdrawn.runs, 0);
 }
 
+TEST(SlowLane, JobIsTakenBackOnlyWhileItWaits) {
+  TestJob running;
+  TestJob waiting;
+  TestJob departed;
+  running.waits = true;
+  SlowLane lane;
+  for (TestJob* job : {&running, &waiting}) lane.Add(*job);
+  lane.AddForDeparted(departed, false);
+  running.started.get_future().wait();
+  EXPECT_FALSE(lane.TryWithdraw(running));
+  for (TestJob* job : {&waiting, &departed}) {
+    EXPECT_TRUE(lane.TryWithdraw(*job));
+    EXPECT_FALSE(lane.TryWithdraw(*job));
+  }
+  running.released.set_value();
+  running.AwaitDone();
+  EXPECT_FALSE(lane.TryWithdraw(running));
+  EXPECT_EQ(waiting.runs + departed.runs, 0);
+}
+
+TEST(SlowLane, JobsOfClientsThatHaveLeftTakeTurnsWithTheOthers) {
+  std::string notes;
+  NotedJob first(notes, '0');
+  NotedJob a(notes, 'a'), b(notes, 'b'), c(notes, 'c');
+  NotedJob x(notes, 'x'), y(notes, 'y'), z(notes, 'z');
+  first.waits = true;
+  SlowLane lane;
+  for (TestJob* job : {&first, &a, &b, &c}) lane.Add(*job);
+  first.started.get_future().wait();
+  for (TestJob* job : {&x, &y, &z}) lane.AddForDeparted(*job, false);
+  first.released.set_value();
+  for (TestJob* job : {&c, &z}) job->AwaitDone();
+  EXPECT_EQ(notes, "0xaybzc");
+}
+
+TEST(SlowLane, JobOfAClientThatLeavesMovesToThoseThatHaveLeft) {
+  std::string notes;
+  NotedJob first(notes, '0');
+  NotedJob a(notes, 'a'), b(notes, 'b'), moved(notes, 'm');
+  first.waits = true;
+  SlowLane lane;
+  for (TestJob* job : {&first, &a, &b, &moved}) lane.Add(*job);
+  first.started.get_future().wait();
+  lane.MoveToDeparted(first);  // it runs
+  lane.MoveToDeparted(moved);
+  first.released.set_value();
+  for (TestJob* job : {&moved, &b}) job->AwaitDone();
+  EXPECT_EQ(notes, "0mab");
+  EXPECT_EQ(first.runs, 1);
+}
+
+TEST(SlowLane, NextJobOfAClientThatHasLeftComesBeforeTheOthersThatHave) {
+  std::string notes;
+  NotedJob first(notes, '0');
+  NotedJob x(notes, 'x'), y(notes, 'y'), next(notes, 'n');
+  first.waits = true;
+  SlowLane lane;
+  lane.Add(first);
+  first.started.get_future().wait();
+  for (TestJob* job : {&x, &y}) lane.AddForDeparted(*job, false);
+  lane.AddForDeparted(next, true);
+  first.released.set_value();
+  y.AwaitDone();
+  EXPECT_EQ(notes, "0nxy");
+}
+
 TEST(SlowLane, WithdrawOfTheRunningJobReturnsWhenItHasEnded) {
   TestJob job;
   job.waits = true;
@@ -97,15 +179,17 @@ TEST(SlowLane, WithdrawOfTheRunningJobReturnsWhenItHasEnded) {
 TEST(SlowLane, StopEndsTheRunningJobAndForgetsTheOthers) {
   TestJob running;
   TestJob waiting;
+  TestJob departed;
   running.endsWhenStopped = true;
   SlowLane lane;
   lane.Add(running);
   lane.Add(waiting);
+  lane.AddForDeparted(departed, false);
   running.started.get_future().wait();
   lane.Stop();
   lane.Stop();
   running.AwaitDone();
-  EXPECT_EQ(waiting.runs, 0);
+  EXPECT_EQ(waiting.runs + departed.runs, 0);
 }
 
 TEST(SlowLane, JobThatIsAddedBehindTheEndIsNeverRun) {
