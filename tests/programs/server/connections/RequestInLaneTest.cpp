@@ -41,10 +41,10 @@ struct SlowPersister : MemoryPersister {
   std::promise<void> released;
 };
 
-// How often a dump was made to its end.
-unsigned long long CountDumps() {
+// How often that command was carried out to its end.
+unsigned long long CountCalls(const std::string& name) {
   for (const auto& command : settings::server::ClientHandler::ReadStatistics().commands) {
-    if (command.name == "dump") return command.count;
+    if (command.name == name) return command.count;
   }
   return 0;
 }
@@ -173,7 +173,7 @@ TEST_F(RequestInLane, AnswerThatWaitsIsWithdrawnWithItsConnectionWhenItsClientLe
   const osa::Descriptor slow = Connect();
   SendSlowRequest(slow);
   const size_t descriptors = CountDescriptors(getpid());
-  const unsigned long long dumps = CountDumps();
+  const unsigned long long dumps = CountCalls("dump");
   const std::string names = std::string(3000, 'n') + "\n";
   std::string list;
   for (int i = 0; i < 12; ++i) list += std::to_string(i) + names;
@@ -188,11 +188,12 @@ TEST_F(RequestInLane, AnswerThatWaitsIsWithdrawnWithItsConnectionWhenItsClientLe
   }
   Release();
   EXPECT_EQ(Ask(slow, kGetA, kA.size()), kA);
-  EXPECT_EQ(CountDumps(), dumps);
+  EXPECT_EQ(CountCalls("dump"), dumps);
 }
 
 TEST_F(RequestInLane, ChangesBehindAnAnswerThatIsWithdrawnAreMadeAtOnce) {
   const osa::Descriptor slow = Connect();
+  const unsigned long long gets = CountCalls("get");
   SendSlowRequest(slow);
   {
     const osa::Descriptor leaving = Connect();
@@ -200,13 +201,14 @@ TEST_F(RequestInLane, ChangesBehindAnAnswerThatIsWithdrawnAreMadeAtOnce) {
   }
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
   EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\ny=2\nz=3\n");
+  EXPECT_EQ(CountCalls("get"), gets);
   Release();
 }
 
 TEST_F(RequestInLane, ChangesThatWaitAreMadeInTheirOrderAlthoughTheirClientHasLeft) {
   const std::string value(100'000, 'v');
   const osa::Descriptor slow = Connect();
-  const unsigned long long dumps = CountDumps();
+  const unsigned long long dumps = CountCalls("dump");
   SendSlowRequest(slow);
   {
     const osa::Descriptor leaving = Connect();
@@ -219,7 +221,7 @@ TEST_F(RequestInLane, ChangesThatWaitAreMadeInTheirOrderAlthoughTheirClientHasLe
   Release();
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
   EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\ny=1\nz=2\n");
-  EXPECT_EQ(CountDumps(), dumps);
+  EXPECT_EQ(CountCalls("dump"), dumps);
 }
 
 // The store is locked until it is loaded, so the lane waits in the middle of the dump.
@@ -232,7 +234,7 @@ TEST(AnswerInLane, IsGivenUpWhenItsClientLeavesAndChangesBehindItAreMade) {
   const pid_t thread = FindThreads("SlowLane").front();
   AwaitAsleep(thread);
   const std::string idle = LookAtThread(thread);
-  const unsigned long long dumps = CountDumps();
+  const unsigned long long dumps = CountCalls("dump");
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   osa::Descriptor peer(ends[1]);
@@ -245,7 +247,7 @@ TEST(AnswerInLane, IsGivenUpWhenItsClientLeavesAndChangesBehindItAreMade) {
   for (int i = 0; i < 3; ++i) loop.Probe();
   setup.store.LoadSettings();
   EXPECT_TRUE(Eventually([&] { return loop.CountConnections() == 0; }));
-  EXPECT_EQ(CountDumps(), dumps);
+  EXPECT_EQ(CountCalls("dump"), dumps);
   EXPECT_EQ(setup.counters.cut[static_cast<size_t>(daemon::CutReason::kError)].Get(), 0u);
   EXPECT_EQ(AllSettingsOf(setup.store), "[A]\nx=2\n");
 }

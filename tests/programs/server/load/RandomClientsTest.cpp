@@ -30,6 +30,7 @@ namespace {
 constexpr size_t kMegabyte = 1024 * 1024;
 constexpr size_t kBound = 64 * kMegabyte;  // of all unread replies, and of all unfinished requests
 constexpr size_t kDescriptorsBeside = 200;
+constexpr size_t kPlacesBeside = 100;
 
 // Another one at each run, unless the environment names one that is to be tried again.
 unsigned int ChooseSeed() {
@@ -106,9 +107,10 @@ TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
   std::cout << clients << " clients, seed " << seed << std::endl;  // seen even if the test is ended
   LoadSize size;
   if (!IsLongRun()) size.storeGroups = 2'000;
-  LoadedDaemon daemon(size, Load{"random", "", true, {}},
-                      {"--listen", "unix:own.sock", "--max-connections", std::to_string(clients + 100), "--durability",
-                       "1s", "--all-backlogs", std::to_string(kBound), "--all-requests", std::to_string(kBound)});
+  LoadedDaemon daemon(
+      size, Load{"random", "", true, {}},
+      {"--listen", "unix:own.sock", "--max-connections", std::to_string(clients + kPlacesBeside), "--durability", "1s",
+       "--all-backlogs", std::to_string(kBound), "--all-requests", std::to_string(kBound)});
   const size_t memory = ResidentMemory(daemon.Get().GetId());
   const std::string tcp = daemon.Get().AwaitAddresses(2).back();
   const auto port = static_cast<unsigned short>(std::stoul(tcp.substr(tcp.rfind(':') + 1)));
@@ -128,11 +130,13 @@ TEST(RandomClients, InsideTheBoundsHoldUpNobodyWhoHasAGroupOfItsOwn) {
   const CallFigures figures = Summarise(uses.Stop());
   EXPECT_EQ(uses.GetFailure(), "") << "seed " << seed;
   const CallFigures machine = floor.Stop();
+  const size_t descriptors = CountDescriptors(daemon.Get().GetId());
   const size_t growth = PeakResidentGrowth(daemon.Get().GetId(), memory);
   std::printf("%zu requests on %zu connections; 3 of another's: p50 %.2f p99 %.2f longest %.1f ms; ",
               random.CountRequests(), random.CountConnections(), figures.median, figures.p99, figures.longest);
-  std::printf("the machine %.2f, %.2f, %.1f ms; watchdog %ld ms; %zu MiB more\n", machine.median, machine.p99,
-              machine.longest, daemon.GetWatchdogTimes().GetLongestGap(), growth / kMegabyte);
+  std::printf("the machine %.2f, %.2f, %.1f ms; watchdog %ld ms; %zu MiB more, %zu descriptors\n", machine.median,
+              machine.p99, machine.longest, daemon.GetWatchdogTimes().GetLongestGap(), growth / kMegabyte, descriptors);
+  EXPECT_LE(descriptors, clients + kPlacesBeside + kDescriptorsBeside) << "those who have left count, too";
   random.Stop();
   const std::string last = UseAsANewClient(address, 2'000'000);
   EXPECT_EQ(daemon.Get().Stop(), 0) << "seed " << seed;
