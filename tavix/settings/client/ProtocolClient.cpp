@@ -110,6 +110,13 @@ void SendWrite(ProtocolExchange& exchange, const std::string& request) {
   call.Finish();
 }
 
+// Of a request without a reply that changes nothing by itself.
+void SendLine(ProtocolExchange& exchange, const std::string& line) {
+  ProtocolExchange::Call call(exchange);
+  exchange.Send(line, false);
+  call.Finish();
+}
+
 bool AskForResult(ProtocolExchange& exchange, const std::string& request) {
   ProtocolExchange::Call call(exchange);
   exchange.Send(request, true);
@@ -258,9 +265,31 @@ void ProtocolClient::Note(const std::string& text) {
   constexpr size_t kMaxBytes = 256;
   if (text.size() > kMaxBytes || text.find('\n') != std::string::npos)
     throw ProtocolException(Reason::kUsage, "a note is one line of 256 bytes at most", {}, false);
+  SendLine(*_exchange, std::string(protocol::kNote) + " " + text + "\n");
+}
+
+void ProtocolClient::Try(unsigned seconds, const std::string& name) {
+  RequireSendable(Groups{name});
+  SendLine(*_exchange, std::string(protocol::kTry) + " " + std::to_string(seconds) + " " + name + "\n");
+}
+
+ProtocolClient::Answer ProtocolClient::Ask(const std::string& line) {
+  RequireSendable(Groups{line});
   ProtocolExchange::Call call(*_exchange);
-  _exchange->Send(std::string(protocol::kNote) + " " + text + "\n", false);
-  call.Finish();
+  _exchange->Send(line + "\n", true);
+  Answer answer;
+  const std::string first = _exchange->ReadFirstLine();
+  answer.isRefused = first == protocol::kRefused;
+  if (!answer.isRefused && first != protocol::kData) _exchange->FailUnexpected(protocol::kData, first);
+  std::string text = _exchange->ReadLine();
+  if (!answer.isRefused) text = _exchange->ReadPayload(text);
+  call.FinishReply();
+  if (answer.isRefused) {
+    answer.reason = std::move(Parse(*_exchange, "[]\nreason=" + text)[""]["reason"]);
+  } else {
+    answer.data = Parse(*_exchange, text);
+  }
+  return answer;
 }
 
 void ProtocolClient::Flush() {

@@ -122,6 +122,21 @@ class TAVIX_EXPORT ProtocolClient {
   // than GetFeatures knows no notes, and logs a warning.
   void Note(const std::string& text);
 
+  // Puts the next change of this connection on trial: it goes back by itself after so many seconds unless somebody
+  // confirms it by that name. For a daemon with the feature `trial` only.
+  void Try(unsigned seconds, const std::string& name);
+
+  // What came of a request of one line.
+  struct Answer {
+    bool isRefused = false;
+    std::string reason;  // of the refusal
+    core::IniFile data;  // else
+  };
+
+  // Sends a request of one line that is a later feature, and that every daemon with this feature answers: any other one
+  // answers nothing, and the call ends with a time-out.
+  Answer Ask(const std::string& line);
+
   // Waits until the daemon has carried out all that was sent.
   void Flush();
 

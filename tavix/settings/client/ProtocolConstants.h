@@ -6,6 +6,7 @@ namespace tavix::settings::client::protocol {
 constexpr char kGet[] = "get";
 constexpr char kMerge[] = "merge";
 constexpr char kNote[] = "note";
+constexpr char kTry[] = "try";
 constexpr char kTestAndMerge[] = "test-and-merge";
 constexpr char kAmend[] = "amend";
 constexpr char kOverwrite[] = "overwrite";

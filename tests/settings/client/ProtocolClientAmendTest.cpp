@@ -166,4 +166,59 @@ TEST_F(ProtocolClientAmend, NoteIsOneLine) {
   client.Flush();
 }
 
+TEST_F(ProtocolClientAmend, AsksByOneLineForDataOrARefusal) {
+  Serve([](ServerEnd& peer) {
+    EXPECT_EQ(peer.ReadThrough("history - 2 A"), "history - 2 A\n");
+    peer.Send("data\n[1]\nis [a]k=\\s1\n.\n");
+    EXPECT_EQ(peer.ReadThrough("rollback 7"), "rollback 7\n");
+    peer.Send("refused\nrevision 7 is not kept\\x3a the oldest is 9\n");
+    EXPECT_EQ(peer.ReadThrough("checkpoint"), "checkpoint\n");
+    peer.Send(kNothing);
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  Client::Answer answer = client.Ask("history - 2 A");
+  EXPECT_FALSE(answer.isRefused);
+  EXPECT_THAT(answer.data["1"], ElementsAre(Pair("is [a]k", " 1")));
+  answer = client.Ask("rollback 7");
+  EXPECT_TRUE(answer.isRefused);
+  EXPECT_EQ(answer.reason, "revision 7 is not kept: the oldest is 9");
+  EXPECT_TRUE(client.Ask("checkpoint").data.IsEmpty());
+}
+
+TEST_F(ProtocolClientAmend, AnswerToALineThatIsNoneEndsTheConnection) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough("trial");
+    peer.Send("result\nok\n");
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  const Exception exception = Catch([&] { client.Ask("trial"); });
+  EXPECT_THAT(exception.what(), HasSubstr("expected \"data\", got \"result\""));
+  EXPECT_FALSE(client.IsOpen());
+}
+
+TEST_F(ProtocolClientAmend, LineWithoutAnAnswerMayHaveBeenCarriedOut) {
+  Serve([](ServerEnd& peer) { peer.ReadThrough("confirm t"); });
+  Client client(Patient());
+  EXPECT_TRUE(Catch([&] { client.Ask("confirm t"); }).WasSent());
+}
+
+TEST_F(ProtocolClientAmend, TryStandsInFrontOfTheChange) {
+  Serve([](ServerEnd& peer) {
+    EXPECT_EQ(peer.ReadThrough(), "try 90 t-3f9a\nmerge\n[a]\nk=1\n.\n");
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  client.Try(90, "t-3f9a");
+  client.Merge(DocumentOf("[a]\nk=1\n"));
+}
+
+TEST_F(ProtocolClientAmend, LineThatWouldBeSeveralIsNotSent) {
+  Serve([](ServerEnd& peer) { EXPECT_EQ(peer.ReadToEnd(), ""); });
+  Client client(Patient());
+  EXPECT_EQ(ReasonOf([&] { client.Ask("history - 2 A\nquit"); }), Reason::kUsage);
+  EXPECT_EQ(ReasonOf([&] { client.Try(1, "t\nquit"); }), Reason::kUsage);
+}
+
 }  // namespace tavix::test
