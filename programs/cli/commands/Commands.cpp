@@ -15,6 +15,13 @@ void AddAllCommands(CommandLine& line) {
   AddDiff(line);
   AddExport(line);
   AddImport(line);
+  AddLog(line);
+  AddBlame(line);
+  AddRollback(line);
+  AddCheckpoint(line);
+  AddConfirm(line);
+  AddRevert(line);
+  AddTrials(line);
   AddWatch(line);
   AddWait(line);
   AddStatus(line);

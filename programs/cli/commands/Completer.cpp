@@ -168,6 +168,10 @@ void Completer::CompletePositional() {
     CompleteResources();
   } else if (IsOneOf(name, {"list", "show", "delete", "reset", "edit", "export"})) {
     Offer(ReadPaths(_current));
+  } else if (IsOneOf(name, {"log", "blame"})) {
+    if (_positionals.empty()) Offer(ReadPaths(_current));
+  } else if (IsOneOf(name, {"rollback", "checkpoint", "confirm", "revert"})) {
+    CompleteKept();
   } else if (IsOneOf(name, {"import", "diff"}) && _positionals.empty()) {
     OfferFiles();
   } else if (IsOneOf(name, {"search", "import", "diff"})) {
@@ -220,6 +224,32 @@ void Completer::CompleteConsumers() {
     const std::set<std::string> names = settings::ResourceFigures(read).GetConsumers(_positionals.front());
     Offer(Words(names.begin(), names.end()));
   });
+}
+
+// The names of what the server keeps. A revision is nothing that anybody begins to type.
+void Completer::CompleteKept() {
+  const std::string name = _command->get_name();
+  if (!_positionals.empty()) {
+    if (name == "rollback") Offer(ReadPaths(_current));
+  } else if (IsOneOf(name, {"confirm", "revert"})) {
+    Offer(ReadKept("trial", "trial", ""));
+  } else {
+    Offer(ReadKept("history", "checkpoint", name == "rollback" ? "@" : ""));
+  }
+}
+
+// Of trials, those that are pending.
+Words Completer::ReadKept(const std::string& feature, const std::string& request, const std::string& prefix) const {
+  Words words;
+  ReadStore([&](Session& session) {
+    const auto* const features = session.FindFeatures();
+    if (features == nullptr || features->count(feature) == 0) return;
+    for (const auto& [name, keys] : session.Ask(request, Session::Effect::kNoSettings).data) {
+      const auto state = keys.find("state");
+      if (state == keys.end() || state->second == "pending") words.push_back(prefix + SpellName(name));
+    }
+  });
+  return words;
 }
 
 void Completer::ReadStore(const std::function<void(Session&)>& read) const {

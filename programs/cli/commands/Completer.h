@@ -49,6 +49,9 @@ class Completer {
   void CompletePositional();
   void CompleteResources();
   void CompleteConsumers();
+  void CompleteKept();
+  std::vector<std::string> ReadKept(const std::string& feature, const std::string& request,
+                                    const std::string& prefix) const;
   void ReadStore(const std::function<void(Session&)>& read) const;
   std::vector<std::string> ReadPaths(const std::string& word) const;
   std::vector<std::string> ReadKeys(const std::string& group) const;

@@ -10,7 +10,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Note.h"
-#include "programs/cli/commands/Reports.h"
+#include "programs/cli/commands/Trial.h"
 #include "programs/cli/session/ReplaceFile.h"
 #include "programs/cli/terminal/ChildProcess.h"
 #include "programs/cli/terminal/Documents.h"
@@ -33,6 +33,7 @@ struct Options {
   bool isDryRun = false;
   bool isEmptyAllowed = false;
   Note note;
+  TrialOptions trial;
 };
 
 constexpr char kHeading[] =
@@ -174,6 +175,16 @@ void Write(Session& session, const IniFile& before, const IniFile& after, const 
   });
 }
 
+// The editor may have been open for long: a session of its own, that nobody has given up meanwhile.
+int WriteEdited(Context& context, const Options& options, const IniFile& before, const IniFile& after,
+                const std::vector<Change>& changes) {
+  context.Reconnect().AllowNew();
+  return MakeChange(context, options.note, options.trial, [&] {
+    Write(context.GetSession(), before, after, changes);
+    return Done{"set", ""};
+  });
+}
+
 int Edit(Context& context, const Options& options) {
   const std::set<std::string> groups = ParseGroups(options.words);
   RefuseEmptyName(groups, options.isEmptyAllowed);
@@ -181,6 +192,7 @@ int Edit(Context& context, const Options& options) {
   if (!options.isDryRun) session.RequireWritable();
   session.AllowNew();
   RefuseRestricted(session, options.words.empty() ? std::set<std::string>() : groups);
+  if (!options.isDryRun) RequireTrial(session, options.trial);
   const IniFile before = ReadGroups(session, groups);
   const EditedFile file;
   file.Write(TextOf(before, groups));
@@ -189,24 +201,23 @@ int Edit(Context& context, const Options& options) {
   DropNewEmptyGroups(after, before);
   const std::vector<Change> changes = after.IsEmpty() ? std::vector<Change>() : FindChanges(before, after);
   PrintChanges(console, Output::kText, changes);
-  if (!changes.empty() && !options.isDryRun) {
+  int code = kExitDone;
+  if (changes.empty() || options.isDryRun) {
+    console.Say(changes.empty() ? "no changes" : "nothing was written");
+  } else {
     try {
-      // The editor may have been open for long: a session of its own, that nobody has given up meanwhile.
-      Session& later = context.Reconnect();
-      later.AllowNew();
-      SetNote(context, options.note);
-      Write(later, before, after, changes);
+      code = WriteEdited(context, options, before, after, changes);
     } catch (const Failure& failure) {
-      throw Failure(failure.GetCode(), failure.what(), file.GetHint());
+      if (failure.GetCode() == kExitNotKept) {
+        file.Remove();
+        throw;
+      }
+      const std::string more = options.trial.isGiven ? failure.GetHint() : std::string();
+      throw Failure(failure.GetCode(), failure.what(), (more.empty() ? "" : more + "\nhint: ") + file.GetHint());
     }
   }
   file.Remove();
-  if (!changes.empty() && !options.isDryRun) {
-    ReportDone(context, "set", "");
-  } else {
-    console.Say(changes.empty() ? "no changes" : "nothing was written");
-  }
-  return kExitDone;
+  return code;
 }
 
 }  // namespace
@@ -220,6 +231,7 @@ void AddEdit(CommandLine& line) {
   command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
   AddNote(command, options->note);
+  AddTrial(command, options->trial);
 }
 
 }  // namespace tavix::programs::cli

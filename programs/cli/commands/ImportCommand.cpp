@@ -4,7 +4,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Note.h"
-#include "programs/cli/commands/Reports.h"
+#include "programs/cli/commands/Trial.h"
 #include "programs/cli/terminal/Confirmation.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
@@ -27,6 +27,7 @@ struct Options {
   bool isConfirmed = false;
   bool isDryRun = false;
   Note note;
+  TrialOptions trial;
 };
 
 constexpr size_t kWorthShowing = 256 * size_t{1024};
@@ -120,6 +121,14 @@ int ShowDifferences(Context& context, Import& backup) {
   return kExitDone;
 }
 
+Done ReportImported(Console& console, const Import::Result& result) {
+  console.ClearProgress();
+  Done done{"imported", Count(result.differences, "difference")};
+  done.isNothing = result.differences == 0;
+  if (done.isNothing) console.Say("done: no differences");
+  return done;
+}
+
 int RunImport(Context& context, const Options& options) {
   Session& session = context.GetSession();
   if (!options.isDryRun) session.RequireWritable();
@@ -130,20 +139,17 @@ int RunImport(Context& context, const Options& options) {
       options.replaces ? FindSelection(file, options.words) : ParseSelection(options.words);
   Import backup(session, std::move(file.settings), file.name, {groups, options.replaces, options.isUserLayer, isFile});
   if (options.isDryRun) return ShowDifferences(context, backup);
-  SetNote(context, options.note);
+  RequireTrial(session, options.trial);
   ShowProgress(context);
-  const Import::Result result = ImportConfirmed(context, options, backup, file);
-  Console& console = context.GetConsole();
-  console.ClearProgress();
-  if (result.differences == 0) {
-    console.Say("done: no differences");
-  } else {
-    ReportDone(context, "imported", Count(result.differences, "difference"));
-  }
+  Import::Result result;
+  const int code = MakeChange(context, options.note, options.trial, [&] {
+    result = ImportConfirmed(context, options, backup, file);
+    return ReportImported(context.GetConsole(), result);
+  });
   if (result.copies > 0)
-    console.Say("kept as user settings, which the backup lacks: " + Count(result.copies, "setting") +
-                ", at the defaults");
-  return kExitDone;
+    context.GetConsole().Say("kept as user settings, which the backup lacks: " + Count(result.copies, "setting") +
+                             ", at the defaults");
+  return code;
 }
 
 }  // namespace
@@ -164,6 +170,7 @@ void AddImport(CommandLine& line) {
   command.AddFlag("-y,--yes", options->isConfirmed, "Do not ask before groups go that the file lacks");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
   AddNote(command, options->note);
+  AddTrial(command, options->trial);
 }
 
 }  // namespace tavix::programs::cli

@@ -23,11 +23,20 @@ Keeping FindKeepingIfAnswered(Session& session) {
   }
 }
 
+Keeping FindKeepingOrFail(Context& context, const std::string& verb) {
+  Keeping keeping = FindKeepingIfAnswered(context.GetSession());
+  if (!keeping.failure.empty()) throw Failure(kExitNotKept, verb + ", but not kept: " + SpellValue(keeping.failure));
+  return keeping;
+}
+
 }  // namespace
 
+void RequireKept(Context& context, const std::string& verb) {
+  FindKeepingOrFail(context, verb);
+}
+
 void ReportDone(Context& context, const std::string& verb, const std::string& count) {
-  const Keeping keeping = FindKeepingIfAnswered(context.GetSession());
-  if (!keeping.failure.empty()) throw Failure(kExitNotKept, verb + ", but not kept: " + SpellValue(keeping.failure));
+  const Keeping keeping = FindKeepingOrFail(context, verb);
   const std::string done = keeping.endsWithServer ? "done, until the server ends" : "done";
   context.GetConsole().Say(count.empty() ? done : done + ": " + count);
 }

@@ -16,4 +16,7 @@ int ReportMissing(Context& context, const MissingGroups& missing);
 // the server can't keep the change at the moment.
 void ReportDone(Context& context, const std::string& verb, const std::string& count);
 
+// The same without the report of what is fine.
+void RequireKept(Context& context, const std::string& verb);
+
 }  // namespace tavix::programs::cli

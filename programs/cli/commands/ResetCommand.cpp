@@ -4,7 +4,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Removal.h"
-#include "programs/cli/commands/Reports.h"
+#include "programs/cli/commands/Trial.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
 #include "programs/cli/text/Words.h"
@@ -26,6 +26,7 @@ using Names = std::set<std::string>;
 
 struct Options {
   RemovalOptions removal;
+  TrialOptions trial;
   bool isClean = false;
 };
 
@@ -102,11 +103,28 @@ IniFile RestoreAndRead(Session& session, const Names& groups) {
   return after;
 }
 
-// Only the server knows the defaults: what it did shows in what was there before and after.
-int Reset(Context& context, const Options& options) {
-  Names groups = ReadGroups(context, options.removal);
+// Only the server knows the defaults: what it did shows in what was there before and after. changed: what users did.
+Done ResetAndPrint(Context& context, bool isClean, const Names& meant, const Names& changed) {
   Session& session = context.GetSession();
-  Console& console = context.GetConsole();
+  Names groups = meant;
+  if (isClean) groups.insert(changed.begin(), changed.end());
+  IniFile before;
+  IniFile after;
+  session.RunAlone([&] {
+    before = session.Get(groups);
+    if (isClean) CleanUnlessHidden(session, WithSeen(session, changed, before, meant));
+    after = isClean ? session.Get(groups) : RestoreAndRead(session, groups);
+  });
+  if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
+  PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
+  Names all = NamesOf(before);
+  all.merge(NamesOf(after));
+  return {"reset", Count(all.size(), "group") + " at " + (all.size() == 1 ? "its" : "their") + " defaults"};
+}
+
+int Reset(Context& context, const Options& options) {
+  const Names groups = ReadGroups(context, options.removal);
+  Session& session = context.GetSession();
   const UserNames names = ReadUserNames(session);
   Names changed = FindUserGroups(names, groups);
   if (options.isClean) {
@@ -114,26 +132,13 @@ int Reset(Context& context, const Options& options) {
     changed = WithRecord(names, std::move(changed), groups);
   }
   if (options.removal.isDryRun) {
-    for (const std::string& group : changed) console.Print(SpellName(group) + "\n");
+    for (const std::string& group : changed) context.GetConsole().Print(SpellName(group) + "\n");
     return kExitDone;
   }
+  RequireTrial(session, options.trial);
   ConfirmPattern(options.removal, "reset", groups, changed);
-  SetNote(context, options.removal.note);
-  const Names meant = groups;
-  if (options.isClean) groups.insert(changed.begin(), changed.end());
-  IniFile before;
-  IniFile after;
-  session.RunAlone([&] {
-    before = session.Get(groups);
-    if (options.isClean) CleanUnlessHidden(session, WithSeen(session, changed, before, meant));
-    after = options.isClean ? session.Get(groups) : RestoreAndRead(session, groups);
-  });
-  if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
-  PrintChanges(console, context.GetOptions().output, FindChanges(before, after));
-  Names all = NamesOf(before);
-  all.merge(NamesOf(after));
-  ReportDone(context, "reset", Count(all.size(), "group") + " at " + (all.size() == 1 ? "its" : "their") + " defaults");
-  return kExitDone;
+  return MakeChange(context, options.removal.note, options.trial,
+                    [&] { return ResetAndPrint(context, options.isClean, groups, changed); });
 }
 
 }  // namespace
@@ -143,6 +148,7 @@ void AddReset(CommandLine& line) {
   const CommandOptions command = line.Add("reset", "Put groups back to their defaults, and print what that changed",
                                           [options](Context& context) { return Reset(context, *options); });
   AddRemovalOptions(command, options->removal, "Print the groups that users changed or deleted, and change nothing");
+  AddTrial(command, options->trial);
   command.AddFlag("--clean", options->isClean, "Keep no copies of the defaults, so that later ones count, too");
 }
 

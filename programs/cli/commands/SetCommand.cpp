@@ -3,7 +3,7 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Note.h"
-#include "programs/cli/commands/Reports.h"
+#include "programs/cli/commands/Trial.h"
 #include "programs/cli/session/Missing.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedChanges.h"
@@ -27,6 +27,7 @@ struct Options {
   bool isEmptyAllowed = false;
   bool isIfUnset = false;
   Note note;
+  TrialOptions trial;
 };
 
 void PrintPlannedChanges(Context& context, const Options& options, const IniFile& condition, const IniFile& settings) {
@@ -53,33 +54,42 @@ IniFile ParseSettings(Context& context, const std::vector<std::string>& words) {
   });
 }
 
+void RefuseVolatile(const Options& options, const IniFile& condition) {
+  const auto refuse = [](const std::string& option) {
+    throw Failure(kExitUsage,
+                  "--volatile and " + option + " can't go together: a change with a condition is always saved");
+  };
+  if (options.trial.isGiven)
+    throw Failure(kExitUsage, "--volatile and --try can't go together: what is on trial is always saved");
+  if (options.isIfUnset) refuse("--if-unset");
+  if (!condition.IsEmpty()) refuse("--if");
+}
+
+Done Write(Session& session, const Options& options, const IniFile& condition, const IniFile& settings) {
+  if (options.isIfUnset) {
+    MergeIfUnset(session, condition, settings);
+  } else if (condition.IsEmpty()) {
+    Merge(session, settings, options.isVolatile);
+  } else {
+    MergeIf(session, condition, settings);
+  }
+  Done done{"set", Count(CountSettings(settings), "setting")};
+  done.isUnsaved = options.isVolatile;
+  return done;
+}
+
 int Set(Context& context, const Options& options) {
   const IniFile settings = ParseSettings(context, options.words);
   const IniFile condition = ParseConditions(options.conditions, "--if");
   RefuseEmptyName(NamesOf(settings), options.isEmptyAllowed);
   RefuseEmptyName(NamesOf(condition), options.isEmptyAllowed);
-  if (options.isVolatile && (options.isIfUnset || !condition.IsEmpty()))
-    throw Failure(kExitUsage, std::string("--volatile and ") + (options.isIfUnset ? "--if-unset" : "--if") +
-                                  " can't go together: a change with a condition is always saved");
+  if (options.isVolatile) RefuseVolatile(options, condition);
   if (options.isDryRun) {
     PrintPlannedChanges(context, options, condition, settings);
     return kExitDone;
   }
-  SetNote(context, options.note);
-  if (options.isIfUnset) {
-    MergeIfUnset(context.GetSession(), condition, settings);
-  } else if (condition.IsEmpty()) {
-    Merge(context.GetSession(), settings, options.isVolatile);
-  } else {
-    MergeIf(context.GetSession(), condition, settings);
-  }
-  const std::string count = Count(CountSettings(settings), "setting");
-  if (options.isVolatile) {
-    context.GetConsole().Say("done: " + count);
-  } else {
-    ReportDone(context, "set", count);
-  }
-  return kExitDone;
+  return MakeChange(context, options.note, options.trial,
+                    [&] { return Write(context.GetSession(), options, condition, settings); });
 }
 
 }  // namespace
@@ -99,6 +109,7 @@ void AddSet(CommandLine& line) {
   command.AddFlag("--allow-empty", options->isEmptyAllowed, "Take an empty text as the name of a group");
   command.AddFlag("--dry-run", options->isDryRun, "Print what would change, and change nothing");
   AddNote(command, options->note);
+  AddTrial(command, options->trial);
 }
 
 }  // namespace tavix::programs::cli

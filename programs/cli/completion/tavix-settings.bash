@@ -15,9 +15,9 @@ _tavix_settings_describe() {
 
 _tavix_settings() {
   local word words=() descriptions=() lines line current head i
-  # bash splits words at '=' and ':' too; the program wants them whole.
+  # bash splits words at '=' and ':' too, and behind the '@' of a checkpoint; the program wants them whole.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
-    if ((${#words[@]} > 0)) && [[ $word == [=:]* || ${words[-1]} == *[=:] ]]; then
+    if ((${#words[@]} > 0)) && [[ $word == [=:]* || ${words[-1]} == *[=:] || ${words[-1]} == @ ]]; then
       words[-1]+=$word
     else
       words+=("$word")
@@ -35,6 +35,7 @@ _tavix_settings() {
   COMPREPLY=()
   current=${words[-1]}
   head=${current%"${current##*[=:]}"}
+  if [[ $COMP_WORDBREAKS == *@* && $current == @* ]]; then head=@; fi
   words=()
   for line in "${lines[@]}"; do
     if [[ $line == $'\tfiles' ]]; then

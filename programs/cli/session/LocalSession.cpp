@@ -23,6 +23,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
+constexpr char kNothingKept[] = "a file has neither history nor trials";
+
 LocalText::IsMeant Mean(const Session::Groups& groups) {
   settings::common::GroupNameMatcher matcher;
   matcher.AddNamesAndPatterns(groups);
@@ -145,6 +147,18 @@ std::vector<std::string> LocalSession::GetSubscribed() {
 
 std::map<std::string, std::string> LocalSession::GetWhoami() {
   RefuseWithoutServer("a file has no clients");
+}
+
+const std::map<std::string, std::string>* LocalSession::FindFeatures() {
+  RefuseWithoutServer(kNothingKept);
+}
+
+Session::Answer LocalSession::Ask(const std::string&, Effect) {
+  RefuseWithoutServer(kNothingKept);
+}
+
+void LocalSession::SetTrial(unsigned, const std::string&) {
+  RefuseWithoutServer(kNothingKept);
 }
 
 void LocalSession::SetNote(const std::string&) {

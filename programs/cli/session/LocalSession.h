@@ -41,6 +41,9 @@ class LocalSession : public Session {
   std::vector<std::string> GetSubscribed() override;
   bool CanAmend() override { return true; }
   std::map<std::string, std::string> GetWhoami() override;
+  const std::map<std::string, std::string>* FindFeatures() override;
+  Answer Ask(const std::string& line, Effect effect) override;
+  void SetTrial(unsigned seconds, const std::string& name) override;
   void SetNote(const std::string& note) override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;

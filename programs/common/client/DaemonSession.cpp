@@ -67,13 +67,14 @@ auto DaemonSession::Run(Call call) const {
   }
 }
 
-// Without its change, a note would go with the next one: what can't be sent is found first.
+// Without its change, a note or a trial would go with the next one: what can't be sent is found first.
 template <class... Parts>
-void DaemonSession::SendNote(const Parts&... parts) {
-  if (_note.empty()) return;
+void DaemonSession::Introduce(const Parts&... parts) {
+  if (_note.empty() && _trial.empty()) return;
   Run([&] {
     (ProtocolClient::RequireSendable(parts), ...);
-    _client->Note(_note);
+    if (!_note.empty()) _client->Note(_note);
+    if (!_trial.empty()) _client->Try(_trialSeconds, _trial);
   });
 }
 
@@ -105,22 +106,22 @@ bool DaemonSession::IsRestricted(const std::string& group) const {
 }
 
 void DaemonSession::Merge(const IniFile& settings, bool isVolatile) {
-  SendNote(settings);
+  Introduce(settings);
   Run([&] { _client->Merge(settings, isVolatile); });
 }
 
 bool DaemonSession::TestAndMerge(const IniFile& test, const IniFile& settings) {
-  SendNote(test, settings);
+  Introduce(test, settings);
   return Run([&] { return _client->TestAndMerge(test, settings); });
 }
 
 void DaemonSession::Overwrite(const Groups& groups, const IniFile& settings) {
-  SendNote(groups, settings);
+  Introduce(groups, settings);
   Run([&] { _client->Overwrite(groups, settings); });
 }
 
 void DaemonSession::Restore(const Groups& groups) {
-  SendNote(groups);
+  Introduce(groups);
   Run([&] { _client->Restore(groups); });
 }
 
@@ -154,6 +155,17 @@ std::string DaemonSession::TakeRefusal() {
   return Run([&] { return _client->TakeRefusal(); });
 }
 
+Session::Answer DaemonSession::Ask(const std::string& line, Effect effect) {
+  if (effect == Effect::kSettings) Introduce(Groups{line});
+  ProtocolClient::Answer answer = Run([&] { return _client->Ask(line); });
+  return {answer.isRefused, std::move(answer.reason), std::move(answer.data)};
+}
+
+void DaemonSession::SetTrial(unsigned seconds, const std::string& name) {
+  _trialSeconds = seconds;
+  _trial = name;
+}
+
 // A daemon that reports features takes notes.
 void DaemonSession::SetNote(const std::string& note) {
   constexpr size_t kMaxBytes = 256;
@@ -164,7 +176,7 @@ void DaemonSession::SetNote(const std::string& note) {
 }
 
 bool DaemonSession::Amend(const settings::Amendment& amendment) {
-  SendNote(amendment.present, amendment.absent, amendment.set, amendment.unset, amendment.replace);
+  Introduce(amendment.present, amendment.absent, amendment.set, amendment.unset, amendment.replace);
   return Run([&] { return _client->Amend(amendment); });
 }
 

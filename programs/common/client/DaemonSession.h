@@ -36,6 +36,9 @@ class DaemonSession : public Session {
   bool CanAmend() override;
   std::map<std::string, std::string> GetWhoami() override;
   std::string TakeRefusal() override;
+  const std::map<std::string, std::string>* FindFeatures() override;
+  Answer Ask(const std::string& line, Effect effect) override;
+  void SetTrial(unsigned seconds, const std::string& name) override;
   void SetNote(const std::string& note) override;
   core::IniFile Subscribe(const Groups& groups) override;
   std::optional<Notice> AwaitNotice(std::optional<std::chrono::milliseconds> limit) override;
@@ -52,15 +55,14 @@ class DaemonSession : public Session {
   template <class Call>
   auto Run(Call call) const;
 
-  // What the server reports behind the names of its features; null: it is too old to report any.
-  const std::map<std::string, std::string>* FindFeatures();
-
-  // parts: all that the change names.
+  // What goes with a change in front of it. parts: all that the change names.
   template <class... Parts>
-  void SendNote(const Parts&... parts);
+  void Introduce(const Parts&... parts);
 
   const std::string _hint;
-  std::string _note;  // empty: none
+  std::string _note;   // empty: none
+  std::string _trial;  // its name; empty: none
+  unsigned _trialSeconds = 0;
   std::optional<std::map<std::string, std::string>> _features;
   bool _hasAskedFeatures = false;
   std::unique_ptr<settings::client::ProtocolClient> _client;

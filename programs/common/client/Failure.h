@@ -16,6 +16,7 @@ enum ExitCode : int {
   kExitRefused = 5,          // a restricted group
   kExitBadInput = 6,         // a text that can't be parsed
   kExitNotApplied = 7,       // the store does not hold what was written, or a file can't be written
+  kExitReverted = 8,         // a change on trial was taken back
   kExitNotKept = 9,          // the store holds what was written, and can't save it at the moment
   kExitInterrupted = 130,    // Ctrl-C
 };

@@ -1,5 +1,7 @@
 #include "programs/common/client/Session.h"
 
+#include "programs/common/client/Failure.h"
+
 namespace tavix::programs {
 
 using core::IniFile;
@@ -16,6 +18,14 @@ void HandOut(IniFile settings, const Session::TakeGroup& take) {
 }
 
 }  // namespace
+
+Session::Answer Session::Ask(const std::string&, Effect) {
+  throw Failure(kExitNotApplied, GetAddress() + " has no such request");
+}
+
+void Session::SetTrial(unsigned, const std::string&) {
+  throw Failure(kExitNotApplied, GetAddress() + " has no trials");
+}
 
 void Session::GetEach(const Groups& groups, const TakeGroup& take) {
   HandOut(Get(groups), take);

@@ -91,6 +91,28 @@ class Session {
   // is older than that request.
   virtual std::string TakeRefusal() { return {}; }
 
+  // The later requests that the server knows, each with what it reports behind the name; null: it is too old to report
+  // any. Throws Failure, kExitUsage, where there is no server.
+  virtual const std::map<std::string, std::string>* FindFeatures() { return nullptr; }
+
+  // What a request changes: with settings, the note and the trial go.
+  enum class Effect { kNoSettings, kSettings };
+
+  // What came of a request of one line.
+  struct Answer {
+    bool isRefused = false;
+    std::string reason;  // of the refusal
+    core::IniFile data;  // else
+  };
+
+  // Sends a request of one line that is one of the server's features. Throws Failure, kExitNotApplied, where there can
+  // be none.
+  virtual Answer Ask(const std::string& line, Effect effect);
+
+  // Each write from now on is put on trial under that name: it goes back by itself after so many seconds, unless it is
+  // confirmed. Only where the server has the feature.
+  virtual void SetTrial(unsigned seconds, const std::string& name);
+
   // Goes with each write from now on, as the reason for it. Throws Failure, before anything is sent: kExitUsage when
   // no line can hold it, or the store has no place for it; kExitNotApplied when the server is too old.
   virtual void SetNote(const std::string& note) = 0;

@@ -1,10 +1,7 @@
 // What the commands do by conditional changes in one step, and at a server that does not know these.
 
-#include <sstream>
-#include <utility>
-
 #include "tests/programs/cli/process/CommandTest.h"
-#include "tests/support/ScriptedServer.h"
+#include "tests/programs/cli/process/ScriptedDaemon.h"
 
 namespace tavix::test {
 
@@ -23,32 +20,6 @@ class AmendingCommands : public CommandTest {
     client.AwaitHandled();
   }
 };
-
-// Requests, and what a server answers to each.
-using Exchange = std::vector<std::pair<std::string, std::string>>;
-
-// What comes, up to the last line of the request.
-std::string ReadAs(const std::string& request, ServerEnd& peer) {
-  std::istringstream lines(request);
-  std::string received;
-  for (std::string line; std::getline(lines, line);) received += peer.ReadThrough(line);
-  return received;
-}
-
-// The command beside a server that has these requests to answer, and no others.
-Outcome RunBeside(const Exchange& exchange, Words words) {
-  const TemporaryDirectory directory;
-  const ScriptedServer server;
-  const ServerThreads threads(server, [&](ServerEnd& peer, size_t) {
-    for (const auto& [request, answer] : exchange) {
-      EXPECT_EQ(ReadAs(request, peer), request);
-      peer.Send(answer);
-    }
-    EXPECT_EQ(peer.ReadToEnd(), "");
-  });
-  words.insert(words.begin(), {TAVIX_CLI_PROGRAM, "-t", "80", "-s", "127.0.0.1:" + std::to_string(server.GetPort())});
-  return RunToEnd(directory.GetPath(), words, {}, {});
-}
 
 const Exchange::value_type kOldFeatures{"info features\nget delimited\n.\n", "data\n.\n"};
 const Exchange::value_type kFeatures{"info features\nget delimited\n.\n", "Features\n--------\namend\n\ndata\n.\n"};

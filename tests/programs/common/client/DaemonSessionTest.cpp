@@ -28,7 +28,7 @@ IniFile Unsendable() {
 
 }  // namespace
 
-TEST(DaemonSession, SendsNoNoteBeforeAChangeThatCannotBeSent) {
+TEST(DaemonSession, SendsNeitherNoteNorTrialBeforeAChangeThatCannotBeSent) {
   const ScriptedServer server;
   const ServerThreads threads(server, [](ServerEnd& peer, size_t) {
     EXPECT_EQ(peer.ReadThrough(), "info features\nget delimited\n.\n");
@@ -40,12 +40,14 @@ TEST(DaemonSession, SendsNoNoteBeforeAChangeThatCannotBeSent) {
   options.address = "127.0.0.1:" + std::to_string(server.GetPort());
   DaemonSession session(options, {}, nullptr);
   session.SetNote("why");
+  session.SetTrial(90, "t");
   const std::vector<std::function<void()>> writes{
       [&] { programs::Merge(session, Unsendable(), false); },
       [&] { programs::MergeIf(session, DocumentOf("[A]\nx=1\n"), Unsendable()); },
       [&] { programs::MergeIfUnset(session, IniFile(), Unsendable()); },
       [&] { programs::Replace(session, {"A"}, Unsendable()); },
       [&] { programs::Restore(session, {"a\nb"}, nullptr); },
+      [&] { session.Ask("rollback a\nb", programs::Session::Effect::kSettings); },
   };
   for (const auto& write : writes) EXPECT_THROW(write(), programs::Failure);
 }

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "programs/cli/terminal/Console.h"
+#include "programs/common/client/Revisions.h"
+
+// How changes of the past, and changes on trial, are shown.
+namespace tavix::programs::cli {
+
+// Says who made a change, "admin, process 812". The server knows users by number: they have names here only if it is
+// on the same machine.
+//
+// Threads: one.
+class AuthorNames {
+ public:
+  // address: of the server, as Session::GetAddress has it.
+  explicit AuthorNames(const std::string& address);
+
+  std::string Find(const Author& author) const;
+
+ private:
+  const bool _isSameMachine;
+};
+
+nlohmann::json AuthorToJson(const Author& author);
+
+// For people: a line for the change, then one for each setting.
+//
+//     118  2026-11-22 01:44:15  admin, process 812  merge  site 4
+//          [Network/Eth0]address: (default) -> 10.0.0.2
+//
+void PrintRevision(Console& console, const AuthorNames& names, const Revision& revision);
+nlohmann::json RevisionToJson(const Revision& revision);
+
+// Lines "[group]key: old -> new" behind so many blanks. What no user had set, or has not any more, is "(default)".
+void PrintRecordedChanges(Console& console, size_t indent, const std::vector<Change>& changes);
+
+}  // namespace tavix::programs::cli
