@@ -146,6 +146,7 @@ bool TcpProxy::Move(const osa::Descriptor& from, const osa::Descriptor& to, Dire
     char part[kMaxHeld];
     const ssize_t count = recv(from.Get(), part, sizeof part, 0);
     if (count > 0) {
+      _bytes += static_cast<std::size_t>(count);
       direction.held.assign(part, static_cast<std::size_t>(count));
     } else if (count == 0) {
       direction.hasEnded = true;

@@ -45,6 +45,9 @@ class TcpProxy {
   // Connections accepted so far.
   std::size_t GetAcceptedCount() const { return _accepted; }
 
+  // Bytes that were carried so far, of both directions.
+  std::size_t GetByteCount() const { return _bytes; }
+
  private:
   // What goes from one socket to the other.
   struct Direction {
@@ -62,13 +65,14 @@ class TcpProxy {
   void RunRound(Mode mode);
   void Accept(Mode mode);
   bool Carry(Pair& pair, Mode mode);
-  static bool Move(const osa::Descriptor& from, const osa::Descriptor& to, Direction& direction, Mode mode);
+  bool Move(const osa::Descriptor& from, const osa::Descriptor& to, Direction& direction, Mode mode);
   void Wake() const;
 
   const unsigned short _target;
   ListeningSocket _listener;
   osa::Descriptor _wake;
   std::atomic<std::size_t> _accepted{0};
+  std::atomic<std::size_t> _bytes{0};
   std::mutex _mutex;  // guards what follows
   Mode _mode = Mode::kPass;
   bool _isEnding = false;

@@ -5,6 +5,9 @@
 
 #include "tests/programs/bridge/engines/EngineHost.h"
 #include "tests/programs/bridge/engines/MemoryHost.h"
+#ifdef TAVIX_HAS_ETCD
+#include "tests/programs/bridge/engines/EtcdHost.h"
+#endif
 #ifdef TAVIX_HAS_MQTT
 #include "tests/programs/bridge/engines/MqttHost.h"
 #endif
@@ -17,7 +20,11 @@ inline EngineKind MakeMemoryKind(const char* name, bridge::Capabilities capabili
 }
 
 inline std::vector<EngineKind> ComparingEngines() {
-  return {MakeMemoryKind("Memory", {true, true})};
+  std::vector<EngineKind> kinds{MakeMemoryKind("Memory", {true, true})};
+#ifdef TAVIX_HAS_ETCD
+  kinds.push_back({"Etcd", [] { return std::make_unique<EtcdHost>(); }});
+#endif
+  return kinds;
 }
 
 inline std::vector<EngineKind> ResumableEngines() {

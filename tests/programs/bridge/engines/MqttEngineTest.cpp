@@ -29,7 +29,6 @@ using testing::HasSubstr;
 namespace {
 
 using namespace std::chrono_literals;
-using Outcome = PutDone::Outcome;
 
 // What a broker of MQTT 5 says first when all is well.
 const std::string kAcceptedConnect("\x20\x03\x00\x00\x00", 5);
@@ -48,11 +47,6 @@ class MqttEngineTest : public testing::Test {
 // A broker that does whatever the test wants, and a client of it.
 class HostileMqttBroker : public testing::Test {
  protected:
-  static MqttSettings Hurry(MqttSettings settings) {
-    settings.patience = 1s;
-    return settings;
-  }
-
   // Has the client connect, and does "act" with its connection, which stays open. The reason why the link is lost.
   std::string LoseLinkBy(const std::function<void(const osa::Descriptor& peer)>& act) {
     osa::Descriptor peer;
@@ -69,7 +63,7 @@ class HostileMqttBroker : public testing::Test {
   }
 
   ListeningSocket _listener;
-  LinkedEngine _engine{MakeMaker(Hurry(MakeMqttSettings(_listener.GetPort(), "engine")))};
+  LinkedEngine _engine{MakeMaker(MakeMqttSettings(_listener.GetPort(), "engine"))};
 };
 
 }  // namespace
@@ -78,7 +72,7 @@ TEST_F(MqttEngineTest, HasTheLastWillPublishedWhenTheLinkBreaks) {
   _other.Connect();
   _other.Follow({"fleet/engine/"});
   _engine.Connect({"", LastWill{"fleet/engine/status", "offline"}});
-  EXPECT_EQ(_engine.Put("fleet/engine/status", "online").outcome, Outcome::kDone);
+  EXPECT_EQ(_engine.Put("fleet/engine/status", "online").outcome, PutDone::Outcome::kDone);
   _other.AwaitValue("fleet/engine/status", "online");
 
   _host.Cut();
@@ -104,8 +98,8 @@ TEST_F(MqttEngineTest, HasTheLastWillKept) {
 
 TEST_F(MqttEngineTest, HasMessagesExpire) {
   _engine.Connect();
-  EXPECT_EQ(_engine.Put("fleet/a/short", "one", {{}, 1s}).outcome, Outcome::kDone);
-  EXPECT_EQ(_engine.Put("fleet/a/long", "one", {{}, 720h}).outcome, Outcome::kDone);
+  EXPECT_EQ(_engine.Put("fleet/a/short", "one", {{}, 1s}).outcome, PutDone::Outcome::kDone);
+  EXPECT_EQ(_engine.Put("fleet/a/long", "one", {{}, 720h}).outcome, PutDone::Outcome::kDone);
 
   _other.Connect();
   EXPECT_TRUE(Eventually([&] {
@@ -122,10 +116,10 @@ TEST_F(MqttEngineTest, RefusesTopicsThatAreNone) {
   for (const std::string& topic : {std::string("a/#"), std::string("a/+/b"), std::string("a\0b", 3),
                                    std::string("\xff"), std::string(70000, 'x'), std::string()}) {
     const PutDone done = _engine.Put(topic, "one");
-    EXPECT_EQ(done.outcome, Outcome::kRefused);
+    EXPECT_EQ(done.outcome, PutDone::Outcome::kRefused);
     EXPECT_NE(done.reason, "");
   }
-  EXPECT_EQ(_engine.Put("fleet/a/1", "one").outcome, Outcome::kDone);
+  EXPECT_EQ(_engine.Put("fleet/a/1", "one").outcome, PutDone::Outcome::kDone);
 }
 
 TEST_F(MqttEngineTest, DoesNotReceiveMessagesAboveItsLimit) {
@@ -193,12 +187,20 @@ TEST_F(HostileMqttBroker, IsGivenUpWhenItClosesAfterTheConnect) {
 }
 
 TEST_F(HostileMqttBroker, IsGivenUpWhenItDoesNotAnswer) {
-  EXPECT_THAT(LoseLinkBy([](const osa::Descriptor&) {}), HasSubstr("no answer to the connect"));
+  MqttSettings settings = MakeMqttSettings(_listener.GetPort(), "impatient");
+  settings.patience = 1s;
+  LinkedEngine impatient(MakeMaker(settings));
+  EXPECT_THAT(impatient.FailToConnect().reason, HasSubstr("no answer to the connect"));
 }
 
 TEST_F(HostileMqttBroker, IsGivenUpWhenItSendsGarbage) {
-  EXPECT_NE(LoseLinkBy([](const osa::Descriptor& peer) { Send(peer, "HTTP/1.1 400 Bad Request\r\n\r\n"); }), "");
-  EXPECT_NE(LoseLinkBy([](const osa::Descriptor& peer) { Send(peer, std::string(1000, '\xff')); }), "");
+  for (const std::string& garbage : {std::string("HTTP/1.1 400 Bad Request\r\n\r\n"), std::string(1000, '\xff')}) {
+    EXPECT_NE(LoseLinkBy([&](const osa::Descriptor& peer) {
+                Send(peer, garbage);
+                shutdown(peer.Get(), SHUT_WR);
+              }),
+              "");
+  }
 }
 
 TEST_F(HostileMqttBroker, IsGivenUpWhenItRefuses) {

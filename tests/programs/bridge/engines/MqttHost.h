@@ -6,6 +6,7 @@
 #include "programs/bridge/engines/MqttEngine.h"
 #include "tests/programs/bridge/engines/EngineHost.h"
 #include "tests/programs/bridge/engines/MosquittoBroker.h"
+#include "tests/support/Patience.h"
 #include "tests/support/TcpProxy.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -17,6 +18,7 @@ inline bridge::MqttSettings MakeMqttSettings(unsigned short port, const std::str
   settings.host = "127.0.0.1";
   settings.port = port;
   settings.clientId = clientId;
+  settings.patience = kPatience;
   settings.mark = "fleet/" + clientId + "/mark";
   return settings;
 }
