@@ -12,8 +12,8 @@ namespace {
 constexpr std::time_t kSecondsBetween = 5;
 
 #ifdef __GLIBC__
-constexpr int kLargeBlock = 1024 * 1024;
-constexpr int kMaxUnused = 4 * 1024 * 1024;  // at the end of a thread's memory
+constexpr int kLargeBlock = 4 * 1024 * 1024;  // below it, replies of the usual length would cost a tenth more
+constexpr int kMaxUnused = 8 * 1024 * 1024;   // at the end of a thread's memory
 #endif
 
 }  // namespace
