@@ -16,6 +16,7 @@ void AddDurableBenches(Suite& suite);
 void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
 void AddCInterfaceBenches(Suite& suite);
+void AddPythonBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);
 void AddCommandBenches(Suite& suite);

@@ -122,6 +122,7 @@ int Run(const Options& options) {
   AddLoadBenches(suite);
   AddNotifyBenches(suite);
   AddCInterfaceBenches(suite);
+  AddPythonBenches(suite);
   AddFootprintBenches(suite);
   AddLayersBenches(suite);
   AddCommandBenches(suite);

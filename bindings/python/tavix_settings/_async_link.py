@@ -21,7 +21,7 @@ from ._link import Candidate
 
 T = TypeVar("T")
 
-_CHUNK = 256 * 1024
+_CHUNK = 64 * 1024  # the C library maps memory anew for twice as much, each time
 _QUEUE_FULL_DELAY = 0.02
 
 OnData = Callable[[bytes], None]

@@ -17,7 +17,7 @@ from typing import Any, Callable, List, Optional, Tuple, Union
 from ._address import Address
 from ._errors import ClosedError, ConnectionLostError, SettingsTimeoutError
 
-_CHUNK = 256 * 1024
+_CHUNK = 64 * 1024  # the C library maps memory anew for twice as much, each time
 MAX_CHUNKS_AT_ONCE = 16  # of what has arrived: a fast writer may send more than can be parsed
 _IN_PROGRESS = (errno.EINPROGRESS, errno.EALREADY)
 _QUEUE_FULL_DELAY = 0.02
