@@ -6,6 +6,7 @@
 #                  man page of the C interface
 #     server       the daemon, its man pages, and what starts it
 #     tools        the command, its completions and its man pages
+#     web          the HTTP interface, its man page, and what starts it
 #     python       the Python package
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
@@ -32,6 +33,16 @@ if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_CLI)
           COMPONENT tools)
   install(FILES ${completions}/tavix-settings.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
           COMPONENT tools)
+endif()
+
+if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_WEB)
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set_target_properties(tavix-settings-web PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  install(TARGETS tavix-settings-web RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT web)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/InstallWebService.cmake.in ${PROJECT_BINARY_DIR}/InstallWebService.cmake
+                 @ONLY)
+  install(SCRIPT ${PROJECT_BINARY_DIR}/InstallWebService.cmake COMPONENT web)
 endif()
 
 # Pure Python: it needs no build. No part of an installation from source, which pip does better; packages take it.

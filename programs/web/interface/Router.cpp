@@ -52,6 +52,7 @@ const std::vector<Route>& GetRoutes() {
       {"PATCH", "/log-levels", kWorker, Right::kWrite, PatchLogLevels},
       {"POST", "/login", Place::kLogin, Right::kRead, nullptr},
       {"POST", "/logout", Place::kLogout, Right::kRead, nullptr},
+      {"GET", "/openapi.json", Place::kDescription, Right::kRead, nullptr},
   };
   return kRoutes;
 }

@@ -15,7 +15,8 @@ struct Route {
     kWorker,   // with the daemon, by "handler"
     kChanges,  // a stream of changes, or one answer of it
     kLogin,
-    kLogout
+    kLogout,
+    kDescription  // what openapi.json holds
   };
 
   const char* method;

@@ -7,6 +7,7 @@
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/Refusal.h"
+#include "programs/web/interface/Description.h"
 #include "programs/web/interface/JsonBody.h"
 
 namespace tavix::web {
@@ -127,6 +128,8 @@ void Server::HandleRoute(Connection& connection, Request& request, const Route& 
   using Place = Route::Place;
   if (route.place == Place::kLogin) return LogIn(connection, request, origin);
   if (route.place == Place::kLogout) return connection.Send(LogOut(request, origin));
+  if (route.place == Place::kDescription)
+    return connection.Send({200, {{"Content-Type", "application/json"}}, GetDescription()});
   _access.RequireRight(request, connection.GetPeer(), route.right);
   if (route.place == Place::kChanges) {
     if (request.method == "HEAD") throw Refusal(405, "a stream has no HEAD", {}, {{"Allow", "GET"}});
