@@ -6,7 +6,7 @@ Documents are dictionaries of groups, each a dictionary of keys with values, all
 from __future__ import annotations
 
 import re
-from typing import Dict, Iterable, Match, Optional, Tuple, cast
+from typing import Dict, Iterable, Match, Optional
 
 from ._errors import ParseError
 
@@ -18,6 +18,7 @@ _BYTE_ORDER_MARK = b"\xef\xbb\xbf"
 _MAX_SHOWN = 80
 _BRACKET = ord("[")
 _LINE_FEED = ord("\n")
+_BEFORE_A_KEY = b" #;"  # what a line may begin with that is more than a key, or nothing
 
 _escape = re.compile(rb"\\(?:([\\nrts])|x([0-9A-Fa-f]{2}))")
 _unescaped = {b"\\": b"\\", b"n": b"\n", b"r": b"\r", b"t": b"\t", b"s": b" "}
@@ -36,40 +37,26 @@ def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
 
 
 def _parse_plain(text: bytes) -> Optional[RawDocument]:
-    """The document of a text without escapes, comments, and blanks that belong to no value, as most are: by a few steps
-    for all of it, not a few for each line. None: it is not so plain, or no settings text."""
+    """The document of a text without escapes, comments, and blanks that belong to no value, as most are. None: it is
+    not so plain, or no settings text."""
     if not text:
         return {}
-    if text[0] != _BRACKET or text[-1] != _LINE_FEED or _has_blanks_or_marks(text):
+    if text[0] != _BRACKET or text[-1] != _LINE_FEED or b"\\" in text or b"\t" in text or b"\r" in text:
         return None
     document: RawDocument = {}
     for part in text[1:-1].split(b"\n["):
-        head, _, body = part.partition(b"\n")
+        head, *lines = part.split(b"\n")
         if head[-1:] != b"]":
             return None
         group = document.setdefault(head[:-1], {})
-        if body:
-            try:
-                group.update(cast(Iterable[Tuple[bytes, bytes]], [line.split(b"=", 1) for line in body.split(b"\n")]))
-            except ValueError:
+        for line in lines:
+            key, separator, value = line.partition(b"=")
+            if not separator or key[:1] in _BEFORE_A_KEY:
                 return None
+            if b" " in line and (key[-1:] == b" " or value[:1] == b" " or value[-1:] == b" "):
+                return None
+            group[key] = value
     return document
-
-
-def _has_blanks_or_marks(text: bytes) -> bool:
-    # As an expression: a loop over the marks would take longer than all else of a short text.
-    return (
-        b"\\" in text
-        or b"\t" in text
-        or b"\r" in text
-        or b" \n" in text
-        or b"\n " in text
-        or b" =" in text
-        or b"= " in text
-        or b"\n#" in text
-        or b"\n;" in text
-        or b"\n\n" in text
-    )
 
 
 def _parse_lines(text: bytes, source: str, first_line: int) -> RawDocument:
