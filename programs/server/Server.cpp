@@ -109,12 +109,18 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
       _spare(OpenSpare()) {
   _env.subscriptionBudget = &_subscriptionBudget;
   _env.serverInfo = &_info;
+  AddExtraWords(store);
   store.GetManager().SetMaxAlikePatterns(_limits.alikePatterns);
   store.GetManager().SetCallsInPieces(true);  // connections read the values that they announce
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_places;
   shared.lane = &_lane;
   while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));
+}
+
+void Server::AddExtraWords(SettingsStore& store) {
+  if (const KeptHistory* history = store.GetHistory()) _extraWords.Add(_historyWords.emplace(*history));
+  if (!_extraWords.IsEmpty()) _env.extraCommands = &_extraWords;
 }
 
 Server::~Server() {

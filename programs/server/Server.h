@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,8 @@
 #include "programs/server/connections/LogLimiter.h"
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
+#include "programs/server/history/ExtraWords.h"
+#include "programs/server/history/HistoryWords.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
@@ -67,6 +70,7 @@ class Server {
     kRefusing,  // they are refused
   };
 
+  void AddExtraWords(SettingsStore& store);
   std::vector<pollfd> FindWatched(const programs::Signals& signals) const;
   int FindTimeout() const;
   void AcceptFromAll(const std::vector<pollfd>& watched);
@@ -91,6 +95,8 @@ class Server {
   settings::server::SubscriptionBudget _subscriptionBudget;
   const ServerInfo _info;
   settings::server::ServerEnv _env;
+  std::optional<HistoryWords> _historyWords;  // empty: history is off
+  ExtraWords _extraWords;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;
   osa::Descriptor _spare;   // given up for a moment when descriptors run out, so that the queue can be emptied

@@ -180,6 +180,15 @@ FileContent MemoryFiles::Read(const std::string& path) {
   return content;
 }
 
+// Fails as a read of the whole file does.
+std::string MemoryFiles::ReadPart(const std::string& path, uint64_t offset, size_t bytes) {
+  const FileContent content = Read(path);
+  const std::string reason = content.exists ? content.problem : "No such file or directory";
+  if (!reason.empty()) throw osa::Exception("Failed to read '%s': %s", path.c_str(), reason.c_str());
+  const size_t begin = std::min(content.bytes.size(), static_cast<size_t>(offset));
+  return content.bytes.substr(begin, bytes);
+}
+
 void MemoryFiles::Rename(const std::string& from, const std::string& to) {
   Do(MakeOperation(Kind::kRename, from, to), [&](Operation&, bool fails) {
     if (fails) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,6 +76,9 @@ class FileSystem {
   // Throws nothing but std::bad_alloc. Only regular files have content, and those that could be ours by their size;
   // nothing else is opened or waited for.
   virtual FileContent Read(const std::string& path) = 0;
+
+  // Bytes of a regular file; fewer where it ends. Waits for nothing else than the disk.
+  virtual std::string ReadPart(const std::string& path, uint64_t offset, size_t bytes) = 0;
 
   // Replaces what stands at "to", as one step.
   virtual void Rename(const std::string& from, const std::string& to) = 0;

@@ -33,6 +33,12 @@ uint64_t RevisionOf(std::string_view lines) {
   return std::sscanf(line.c_str(), "#@ %" SCNu64, &revision) == 1 ? revision : 0;
 }
 
+// lines: of an entry.
+bool IsGap(std::string_view lines) {
+  const HistoryEntry entry = ReadHead(lines);
+  return entry.command == kGapCommand;
+}
+
 // Whether these bytes were never a history: no entry begins there, and the power left no zeros.
 bool IsForeign(std::string_view bytes) {
   const bool mayBeTorn = kEntryMark.substr(0, bytes.size()) == bytes || bytes.find('\0') != std::string_view::npos;
@@ -65,6 +71,7 @@ bool HistoryReader::Next() {
     if (end != std::string_view::npos &&
         _bytes.substr(end, _at - end) == EndLineOf(_bytes.substr(begin, end - begin))) {
       _lines = _bytes.substr(begin, end - begin);
+      _begin = begin;
       _end = _at;
       return true;
     }
@@ -77,10 +84,12 @@ bool HistoryReader::Next() {
   return false;
 }
 
-// What can't be read at the end is dropped: what is appended takes its place.
+// What can't be read at the end is dropped: what is appended takes its place. So is what stands behind damage among
+// the entries that the journal has: appended once more, all stand in their order.
 uint64_t HistoryFile::Load(uint64_t journalBegin, std::vector<std::string>& problems) {
   _file.reset();
-  _last = LoadOld(problems);
+  HistoryParts parts(GetGeneration() + 1);
+  _last = LoadOld(parts, problems);
   const std::string path = PathOf(_snapshotPath);
   const FileContent content = Read(path, problems);
   _exists = content.exists && content.problem.empty();
@@ -93,24 +102,30 @@ uint64_t HistoryFile::Load(uint64_t journalBegin, std::vector<std::string>& prob
   size_t damaged = 0;  // before the entries that the journal may have
   while (reader.Next()) {
     const uint64_t revision = RevisionOf(reader.GetLines());
-    if (journalBegin > 0 && revision >= journalBegin) {
-      _journaled.insert(revision);
-    } else {
-      damaged = reader.CountDamaged();
-    }
+    const bool isJournaled = journalBegin > 0 && revision >= journalBegin;
+    if (isJournaled && reader.CountDamaged() > damaged) break;
+    if (isJournaled) _journaled.insert(revision);
+    damaged = reader.CountDamaged();
+    parts.Add(revision, IsGap(reader.GetLines()), reader.GetBegin(), reader.GetEnd() - reader.GetBegin());
     _last = std::max(_last, revision);
     _end = reader.GetEnd();
   }
   ReportDamage(journalBegin == 0 ? reader.CountDamaged() : damaged, path, problems);
+  SetParts(std::move(parts));
   return _last;
 }
 
-uint64_t HistoryFile::LoadOld(std::vector<std::string>& problems) {
+uint64_t HistoryFile::LoadOld(HistoryParts& parts, std::vector<std::string>& problems) {
   const std::string path = OldPathOf(_snapshotPath);
   const FileContent content = Read(path, problems);
   HistoryReader reader(content.bytes);
   uint64_t last = 0;
-  while (reader.Next()) last = std::max(last, RevisionOf(reader.GetLines()));
+  while (reader.Next()) {
+    const uint64_t revision = RevisionOf(reader.GetLines());
+    last = std::max(last, revision);
+    parts.Add(revision, IsGap(reader.GetLines()), reader.GetBegin(), reader.GetEnd() - reader.GetBegin());
+  }
+  parts.Rotate();
   ReportDamage(reader.CountDamaged(), path, problems);
   return last;
 }
@@ -124,19 +139,20 @@ FileContent HistoryFile::Read(const std::string& path, std::vector<std::string>&
   return content;
 }
 
-void HistoryFile::Append(const std::vector<HistoryItem>& entries) {
+void HistoryFile::Append(const HistoryItems& entries) {
   const uint64_t lost = _lost;
-  for (const HistoryItem& entry : entries) _lost = std::max(_lost, entry.revision);
+  for (const auto& entry : entries) _lost = std::max(_lost, entry->revision);
   try {
     Open();
     std::string text;
-    if (lost > _last) AddOne({lost, EncodeEntry(MakeGap())}, text);
-    for (const HistoryItem& entry : entries) AddOne(entry, text);
+    if (lost > _last) AddOne(lost, EncodeEntry(MakeGap()), text);
+    for (const auto& entry : entries) AddOne(entry->revision, entry->lines, text);
     Write(text);
     _lost = 0;
   } catch (...) {
     _file.reset();
     _isKnown = false;
+    _written.clear();
     throw;
   }
 }
@@ -147,16 +163,17 @@ bool HistoryFile::Has(uint64_t revision) const {
 }
 
 // text: what is to be written.
-void HistoryFile::AddOne(const HistoryItem& entry, std::string& text) {
-  if (Has(entry.revision)) return;
-  const std::string one = SealEntry(entry.revision, entry.lines);
+void HistoryFile::AddOne(uint64_t revision, const HistoryLines& lines, std::string& text) {
+  if (Has(revision)) return;
+  const std::string one = SealEntry(revision, lines);
   const size_t before = _end + text.size();
   if (before > 0 && before + one.size() > _maxBytes / 2) {
     Write(std::exchange(text, {}));
     Rotate();
   }
+  _written.push_back({revision, IsGap(one), _end + text.size(), one.size()});
   text += one;
-  _last = std::max(_last, entry.revision);
+  _last = std::max(_last, revision);
 }
 
 // After a failure nobody knows what the file holds.
@@ -175,7 +192,12 @@ void HistoryFile::Open() {
 
 void HistoryFile::Rotate() {
   _file.reset();
-  if (_exists) _files.Rename(PathOf(_snapshotPath), OldPathOf(_snapshotPath));
+  if (_exists) {
+    const osa::PlainMutexLock names(_nameMutex);
+    _files.Rename(PathOf(_snapshotPath), OldPathOf(_snapshotPath));
+    const osa::PlainMutexLock lock(_mutex);
+    _parts.Rotate();
+  }
   _exists = false;
   _end = 0;
 }
@@ -193,6 +215,36 @@ void HistoryFile::Write(const std::string& text) {
   _isSynced = true;
   _exists = true;
   _end += text.size();
+  const osa::PlainMutexLock lock(_mutex);
+  for (const Written& entry : _written) _parts.Add(entry.revision, entry.isGap, entry.offset, entry.bytes);
+  _written.clear();
+}
+
+void HistoryFile::SetParts(HistoryParts&& parts) {
+  const osa::PlainMutexLock lock(_mutex);
+  _parts = std::move(parts);
+}
+
+uint64_t HistoryFile::GetGeneration() const {
+  const osa::PlainMutexLock lock(_mutex);
+  return _parts.GetGeneration();
+}
+
+HistoryParts::Range HistoryFile::GetRange() const {
+  const osa::PlainMutexLock lock(_mutex);
+  return _parts.GetRange();
+}
+
+std::optional<HistoryParts::Part> HistoryFile::FindPart(uint64_t revision) const {
+  const osa::PlainMutexLock lock(_mutex);
+  return _parts.FindBelow(revision);
+}
+
+std::optional<std::string> HistoryFile::ReadPart(const HistoryParts::Part& part, size_t maxBytes) const {
+  const osa::PlainMutexLock names(_nameMutex);
+  if (GetGeneration() != part.generation) return std::nullopt;
+  const std::string path = part.isOld ? OldPathOf(_snapshotPath) : PathOf(_snapshotPath);
+  return _files.ReadPart(path, part.offset, std::min(part.bytes, maxBytes));
 }
 
 }  // namespace tavix::daemon

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -10,7 +11,10 @@
 
 #include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/FileSystem.h"
+#include "programs/server/persistence/HistoryParts.h"
 #include "programs/server/persistence/HistoryText.h"
+#include "tavix/osa/PlainMutex.h"
+#include "tavix/osa/ThreadAnnotations.h"
 
 namespace tavix::daemon {
 
@@ -26,7 +30,8 @@ class HistoryReader {
   // The next whole entry. False at the end.
   bool Next();
   std::string_view GetLines() const { return _lines; }  // without the end line
-  size_t GetEnd() const { return _end; }                // behind the entry
+  size_t GetBegin() const { return _begin; }
+  size_t GetEnd() const { return _end; }  // behind the entry
 
   // How many were left out so far; an entry at the end that was never finished does not count.
   size_t CountDamaged() const { return _damaged; }
@@ -35,6 +40,7 @@ class HistoryReader {
   const std::string_view _bytes;
   size_t _at = 0;
   std::string_view _lines;
+  size_t _begin = 0;
   size_t _end = 0;
   size_t _damaged = 0;
 };
@@ -46,9 +52,11 @@ class HistoryReader {
 // returns. After a failure the next Append looks anew for where the file ends, and entries that could not be written
 // are followed by one whose command is "gap".
 //
-// Threads: one at a time.
-// Errors:  Append throws osa::Exception that names the file and the reason; Load throws nothing for what the files are
-//          like.
+// Threads: one at a time; the three operations that read may be called from any, also beside an Append.
+// Locks:   the mutex for names is held while a part is read, and while FILE.history becomes FILE.history.1; the own
+//          mutex, inside it, while no file is touched. No thread that serves clients takes the first.
+// Errors:  Append and ReadPart throw osa::Exception that names the file and the reason; Load throws nothing for what
+//          the files are like.
 class HistoryFile {
  public:
   static std::string PathOf(const std::string& snapshotPath) { return programs::HistoryOf(snapshotPath); }
@@ -59,22 +67,35 @@ class HistoryFile {
       : _files(files), _snapshotPath(std::move(snapshotPath)), _maxBytes(maxBytes) {}
 
   // Returns the last revision that is there; 0: none. journalBegin: the first revision of which the journal has an
-  // entry, 0: it has none. The power may have gone while these were appended: each that is missing may be appended
-  // behind later ones. problems: gets what is damaged.
-  uint64_t Load(uint64_t journalBegin, std::vector<std::string>& problems);
+  // entry, 0: it has none. The power may have gone while these were appended: what stands behind a damaged one is to be
+  // appended once more. problems: gets what is damaged.
+  uint64_t Load(uint64_t journalBegin, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
 
   bool Has(uint64_t revision) const;
 
   // Those whose revision is there already are left out.
-  void Append(const std::vector<HistoryItem>& entries);
+  void Append(const HistoryItems& entries) TAVIX_EXCLUDES(_mutex);
+
+  // Which revisions are there.
+  HistoryParts::Range GetRange() const TAVIX_EXCLUDES(_mutex);
+
+  // The last part of the files that has a revision below this one. Empty: there is none.
+  std::optional<HistoryParts::Part> FindPart(uint64_t revision) const TAVIX_EXCLUDES(_mutex);
+
+  // How a part begins, as it stands in its file, damage included. Empty: the files are others by now, and the part is
+  // to be found anew.
+  std::optional<std::string> ReadPart(const HistoryParts::Part& part, size_t maxBytes) const
+      TAVIX_EXCLUDES(_nameMutex, _mutex);
 
  private:
   FileContent Read(const std::string& path, std::vector<std::string>& problems);
-  uint64_t LoadOld(std::vector<std::string>& problems);
-  void AddOne(const HistoryItem& entry, std::string& text);
+  uint64_t LoadOld(HistoryParts& parts, std::vector<std::string>& problems);
+  void SetParts(HistoryParts&& parts) TAVIX_EXCLUDES(_mutex);
+  uint64_t GetGeneration() const TAVIX_EXCLUDES(_mutex);
+  void AddOne(uint64_t revision, const HistoryLines& lines, std::string& text);
   void Open();
-  void Rotate();
-  void Write(const std::string& text);
+  void Rotate() TAVIX_EXCLUDES(_nameMutex, _mutex);
+  void Write(const std::string& text) TAVIX_EXCLUDES(_mutex);
 
   FileSystem& _files;
   const std::string _snapshotPath;
@@ -89,6 +110,18 @@ class HistoryFile {
   uint64_t _journalBegin = 0;     // as Load was given it
   std::set<uint64_t> _journaled;  // of the revisions from there on, those that are in the file
   uint64_t _lost = 0;             // the last one that could not be written; 0: none since the last that could
+
+  struct Written {
+    uint64_t revision = 0;
+    bool isGap = false;
+    uint64_t offset = 0;
+    size_t bytes = 0;
+  };
+  std::vector<Written> _written;  // by the next Write
+
+  mutable osa::PlainMutex _nameMutex;
+  mutable osa::PlainMutex _mutex;
+  HistoryParts _parts TAVIX_GUARDED_BY(_mutex);
 };
 
 }  // namespace tavix::daemon

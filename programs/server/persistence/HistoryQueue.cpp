@@ -15,49 +15,81 @@ size_t CountBytes(const HistoryLines& lines) {
 }  // namespace
 
 void HistoryQueue::Load(const FoundHistory& found, uint64_t inFile) {
-  for (const HistoryEntry& entry : found.entries) Append(entry.revision, EncodeEntry(entry));
+  uint64_t before = inFile;
+  for (const HistoryEntry& entry : found.entries) {
+    if (entry.revision != before + 1) _lastLost = entry.revision - 1;
+    before = entry.revision;
+    Append(entry.revision, EncodeEntry(entry));
+  }
   _last = std::max(inFile, found.GetRevision());
-  if (found.lacksEntries || found.GetRevision() < inFile) Append(++_last, EncodeEntry(MakeGap()));
+  if (before != _last) _lastLost = _last;
+  if (found.lacksEntries || found.GetRevision() < inFile) {
+    Append(++_last, EncodeEntry(MakeGap()));
+    _lastLost = _last;
+  }
   _journaled = _last;
 }
 
 std::string HistoryQueue::Add(std::optional<HistoryLines> lines) noexcept {
   ++_last;
   try {
-    if (!lines || CountBytes(*lines) > _maxBytes / 2) return "";
-    std::string text = SpellEntry(_last, lines->change);
-    Append(_last, std::move(*lines));
-    return text;
-  } catch (const std::exception&) {
-    return "";
+    if (lines && CountBytes(*lines) <= _maxBytes / 2) {
+      std::string text = SpellEntry(_last, lines->change);
+      Append(_last, std::move(*lines));
+      return text;
+    }
+  } catch (const std::exception&) {  // the entry is lost
   }
+  _lastLost = _last;
+  return "";
 }
 
 void HistoryQueue::Append(uint64_t revision, HistoryLines&& lines) {
   const size_t bytes = CountBytes(lines);
-  _entries.push_back({revision, std::move(lines)});
+  _entries.push_back(std::make_shared<const HistoryItem>(HistoryItem{revision, std::move(lines)}));
   _bytes += bytes;
-  while (_bytes > _maxBytes) TakeFirst();
+  while (_bytes > _maxBytes) {
+    _lastLost = std::max(_lastLost, GetFirst());
+    DropFirst();
+  }
 }
 
-HistoryItem HistoryQueue::TakeFirst() {
-  HistoryItem first = std::move(_entries.front());
+void HistoryQueue::DropFirst() {
+  _bytes -= CountBytes(_entries.front()->lines);
   _entries.pop_front();
-  _bytes -= CountBytes(first.lines);
-  return first;
 }
 
-std::vector<HistoryItem> HistoryQueue::TakeUpTo(uint64_t revision) {
-  std::vector<HistoryItem> items;
-  items.reserve(_entries.size());
-  while (!_entries.empty() && _entries.front().revision <= revision) items.push_back(TakeFirst());
+HistoryItems HistoryQueue::GetUpTo(uint64_t revision) const {
+  HistoryItems items;
+  for (const auto& entry : _entries) {
+    if (entry->revision > revision) break;
+    items.push_back(entry);
+  }
+  return items;
+}
+
+void HistoryQueue::DropUpTo(uint64_t revision) {
+  while (!_entries.empty() && GetFirst() <= revision) DropFirst();
+}
+
+HistoryItems HistoryQueue::FindBelow(uint64_t revision, size_t maxBytes) const {
+  HistoryItems items;
+  size_t bytes = 0;
+  auto entry = std::partition_point(_entries.begin(), _entries.end(),
+                                    [revision](const auto& some) { return some->revision < revision; });
+  while (entry != _entries.begin()) {
+    --entry;
+    bytes += CountBytes((*entry)->lines);
+    if (!items.empty() && bytes > maxBytes) break;
+    items.push_back(*entry);
+  }
   return items;
 }
 
 std::string HistoryQueue::SpellBehind(uint64_t revision) const {
   std::string text;
-  for (const HistoryItem& entry : _entries) {
-    if (entry.revision > revision) text += SpellEntry(entry.revision, entry.lines.change);
+  for (const auto& entry : _entries) {
+    if (entry->revision > revision) text += SpellEntry(entry->revision, entry->lines.change);
   }
   return text;
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,13 @@
 #include "programs/server/persistence/HistoryText.h"
 
 namespace tavix::daemon {
+
+// What there is beside FILE.history.
+struct HistoryState {
+  uint64_t last = 0;      // revision
+  uint64_t oldest = 0;    // all entries of revisions above this one are there
+  uint64_t lastLost = 0;  // the last revision without an entry; 0: none
+};
 
 // The entries of changes that FILE.history lacks, oldest first, and which of them the journals lack. Gives each saved
 // change its revision. A revision without an entry stands for one that is lost.
@@ -47,18 +55,26 @@ class HistoryQueue {
   void OnNextJournaled() { _nextJournaled = _last; }
   void Follow() { _journaled = _nextJournaled; }
 
-  // Moves the entries up to a revision out, for the file.
-  std::vector<HistoryItem> TakeUpTo(uint64_t revision);
+  // The entries up to a revision, for the file; and that it has them, or that they are lost.
+  HistoryItems GetUpTo(uint64_t revision) const;
+  void DropUpTo(uint64_t revision);
+
+  // Entries below a revision, the newest first: one, and further ones as long as all have no more than so many bytes.
+  HistoryItems FindBelow(uint64_t revision, size_t maxBytes) const;
+
+  HistoryState GetState() const { return {_last, _entries.empty() ? _last : GetFirst() - 1, _lastLost}; }
 
  private:
   std::string SpellBehind(uint64_t revision) const;
   void Append(uint64_t revision, HistoryLines&& lines);
-  HistoryItem TakeFirst();
+  uint64_t GetFirst() const { return _entries.front()->revision; }
+  void DropFirst();
 
   const size_t _maxBytes;
-  std::deque<HistoryItem> _entries;
+  std::deque<std::shared_ptr<const HistoryItem>> _entries;
   size_t _bytes = 0;
   uint64_t _last = 0;
+  uint64_t _lastLost = 0;
   uint64_t _journaled = 0;      // the journal has the entries up to this one
   uint64_t _nextJournaled = 0;  // the snapshot, or the next journal, has them up to this one
 };

@@ -186,6 +186,14 @@ DescribedChange TryToDescribeForHistory(const ISettingsPersister::SavedChange& c
   }
 }
 
+HistoryEntry ReadHead(std::string_view lines) {
+  HistoryEntry entry;
+  ReadFirstLine(TakeLine(lines), entry);
+  const std::string_view note = TakeLine(lines);
+  if (BeginsWith(note, kNote)) ReadLine(note, entry);
+  return entry;
+}
+
 std::vector<HistoryEntry> ReadEntries(std::string_view text) {
   std::vector<HistoryEntry> entries;
   bool isInEntry = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +25,7 @@ struct HistoryItem {
   uint64_t revision = 0;
   HistoryLines lines;
 };
+using HistoryItems = std::vector<std::shared_ptr<const HistoryItem>>;
 
 // Throws std::bad_alloc.
 HistoryLines EncodeEntry(const HistoryEntry& entry);
@@ -47,6 +49,9 @@ constexpr char kGapCommand[] = "gap";
 
 // The entries at the begin of a record's first text, in their order. What is no line of an entry is skipped.
 std::vector<HistoryEntry> ReadEntries(std::string_view text);
+
+// What an entry says before its settings: who, when, how. The lines may be cut off behind that.
+HistoryEntry ReadHead(std::string_view lines);
 
 // What begins an entry.
 constexpr std::string_view kEntryMark = "#@ ";

@@ -125,8 +125,14 @@ class SharedUserLayer : private ChangeBatch::IMember {
   // The snapshot's text is whole. Under the store's read lock.
   SnapshotMoment BeginSnapshot();
 
-  // Moves the entries up to that revision out, which FILE.history is to get.
-  std::vector<HistoryItem> TakeHistory(uint64_t revision);
+  // The entries up to that revision, which FILE.history is to get; and that it has them, or that they are lost.
+  HistoryItems GetHistoryUpTo(uint64_t revision);
+  void DropHistoryUpTo(uint64_t revision);
+
+  // As HistoryQueue::FindBelow. What is not there any more, the file has.
+  HistoryItems FindHistoryBelow(uint64_t revision, size_t maxBytes);
+
+  HistoryState GetHistoryState();
 
   // Cuts zeros behind the last record off the journals, for a snapshot of so many bytes.
   void GiveRoomBack(size_t snapshotBytes);

@@ -62,9 +62,24 @@ SnapshotMoment SharedUserLayer::BeginSnapshot() {
   return moment;
 }
 
-std::vector<HistoryItem> SharedUserLayer::TakeHistory(uint64_t revision) {
+HistoryItems SharedUserLayer::GetHistoryUpTo(uint64_t revision) {
   const osa::PlainMutexLock lock(_mutex);
-  return _history.TakeUpTo(revision);
+  return _history.GetUpTo(revision);
+}
+
+void SharedUserLayer::DropHistoryUpTo(uint64_t revision) {
+  const osa::PlainMutexLock lock(_mutex);
+  _history.DropUpTo(revision);
+}
+
+HistoryItems SharedUserLayer::FindHistoryBelow(uint64_t revision, size_t maxBytes) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _history.FindBelow(revision, maxBytes);
+}
+
+HistoryState SharedUserLayer::GetHistoryState() {
+  const osa::PlainMutexLock lock(_mutex);
+  return _history.GetState();
 }
 
 void SharedUserLayer::GiveRoomBack(size_t snapshotBytes) {

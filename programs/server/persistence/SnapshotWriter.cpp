@@ -110,10 +110,11 @@ bool SnapshotWriter::RemoveBackup() {
 void SnapshotWriter::AppendHistory(uint64_t revision) {
   if (_layer.GetSetup().historyBytes == 0) return;
   try {
-    _history.Append(_layer.TakeHistory(revision));
+    _history.Append(_layer.GetHistoryUpTo(revision));
   } catch (const std::exception& exception) {
     _layer.GetLog().AddWarning(ReasonOf(exception), "; the last changes are missing in the history");
   }
+  _layer.DropHistoryUpTo(revision);
 }
 
 // The snapshot stands, and holds all changes up to its last one; those since begin a journal of their own. Until that

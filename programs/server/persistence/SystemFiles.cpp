@@ -196,6 +196,21 @@ class SystemFiles : public FileSystem {
     return content;
   }
 
+  std::string ReadPart(const std::string& path, uint64_t offset, size_t bytes) override {
+    const osa::Descriptor opened = OpenOrFail("open", path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    std::string part(bytes, '\0');
+    size_t used = 0;
+    while (used < bytes) {
+      const auto at = static_cast<off_t>(offset + used);
+      const ssize_t count = Retry([&] { return pread(opened.Get(), part.data() + used, bytes - used, at); });
+      if (count < 0) Fail("read", path);
+      if (count == 0) break;
+      used += static_cast<size_t>(count);
+    }
+    part.resize(used);
+    return part;
+  }
+
   void Rename(const std::string& from, const std::string& to) override {
     if (std::rename(from.c_str(), to.c_str()) != 0) Fail("replace", to);
   }

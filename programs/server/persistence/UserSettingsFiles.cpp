@@ -131,7 +131,11 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
 void UserSettingsFiles::RemoveLeftovers(const FoundUserSettings& found) {
   RemoveQuietly(_files, NewFileOf(_path));
   RemoveQuietly(_files, NewFileOf(BackupOf(_path)));
-  if (!found.journal || found.journal->IsInPlace()) RemoveQuietly(_files, Journal::NewPathOf(_path));
+  if (found.history.entries.empty() && !IsNewJournalUsed(found)) RemoveNewJournal();
+}
+
+bool UserSettingsFiles::IsNewJournalUsed(const FoundUserSettings& found) {
+  return found.journal && !found.journal->IsInPlace();
 }
 
 // The daemon before may have ended before it had synced what it wrote, or somebody put a copy there a moment ago, and

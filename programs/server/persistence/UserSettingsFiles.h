@@ -78,6 +78,10 @@ class UserSettingsFiles {
   // The journal on its way, which was given up: its room may be what the next snapshot needs.
   void RemoveNewJournal();
 
+  // Whether that journal is the one that goes on. If not, Find removes it, unless there are entries of the history,
+  // which nothing else may have: then the caller does, once these are elsewhere.
+  static bool IsNewJournalUsed(const FoundUserSettings& found);
+
  private:
   Snapshot FindSnapshot(FoundUserSettings& found);
   Snapshot UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found);

@@ -16,7 +16,8 @@ UserSettingsPersister::UserSettingsPersister(UserLayerSetup setup, ILayerSources
     : _sources(sources),
       _files(setup.files, setup.path),
       _history(setup.files, setup.path, setup.historyBytes),
-      _layer(std::move(setup)) {}
+      _layer(std::move(setup)),
+      _keptHistory(_layer, _history) {}
 
 UserSettingsPersister::~UserSettingsPersister() {
   Stop();
@@ -28,16 +29,22 @@ void UserSettingsPersister::LoadDefaultSettings(SettingsCombiner& combiner) {
 
 void UserSettingsPersister::LoadUserSettings(SettingsCombiner& combiner) {
   FoundUserSettings found = _files.Find(true);
-  if (NeedsOldSettings()) LoadHistory(found);
+  const bool isNewJournalLeft =
+      !found.history.entries.empty() && !found.mustBeWritten && !UserSettingsFiles::IsNewJournalUsed(found);
+  if (NeedsOldSettings()) {
+    LoadHistory(found);
+  } else {
+    _layer.Load(found);
+  }
+  if (isNewJournalLeft) _files.RemoveNewJournal();
   const core::Logger* const log = core::Logger::GetLogger("UserSettings");
   for (const std::string& problem : found.problems) log->Error("%s", problem.c_str());
   for (const std::string& notice : found.notices) log->Warning("%s", notice.c_str());
-  if (!NeedsOldSettings()) _layer.Load(found);
   _sources.OnUserSettingsFound(found);
   combiner.LoadFromIni(std::move(found.settings));
 }
 
-// A journal that does not go on loses its name to the next one.
+// A journal that does not go on loses its name to the next one, or at once.
 void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
   const bool goesOn = found.journal && !found.mustBeWritten;
   const uint64_t journalBegin = found.history.entries.empty() ? 0 : found.history.entries.front().revision;
@@ -46,10 +53,11 @@ void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
   _layer.Load(found, historyEnd);
   if (goesOn) return;
   try {
-    _history.Append(_layer.TakeHistory(found.history.GetRevision()));
+    _history.Append(_layer.GetHistoryUpTo(found.history.GetRevision()));
   } catch (const std::exception& exception) {
     found.problems.push_back(ReasonOf(exception));
   }
+  _layer.DropHistoryUpTo(found.history.GetRevision());
 }
 
 void UserSettingsPersister::SaveUserSettings(const IniFile& userSettings) {

@@ -10,6 +10,7 @@
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/JournalSyncer.h"
+#include "programs/server/persistence/KeptHistory.h"
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/SnapshotWriter.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
@@ -96,6 +97,9 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
 
   DurabilityGate& GetGate() { return _layer.GetGate(); }
 
+  // What is known of earlier changes, for any thread once the user settings are loaded. Null: history is off.
+  const KeptHistory* GetHistory() const { return NeedsOldSettings() ? &_keptHistory : nullptr; }
+
  private:
   bool WriteTheLast();
   void LoadHistory(FoundUserSettings& found);
@@ -104,6 +108,7 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   UserSettingsFiles _files;
   HistoryFile _history;
   SharedUserLayer _layer;
+  const KeptHistory _keptHistory;
   std::unique_ptr<JournalSyncer> _syncer;           // null: not started
   std::unique_ptr<SnapshotWriter> _snapshotWriter;  // null: not started
   std::optional<Deadline> _deadline;                // empty: the end has no limit

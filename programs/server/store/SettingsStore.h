@@ -39,6 +39,9 @@ class SettingsStore {
   // What keeps messages back until they may be seen; null when nothing is persisted.
   DurabilityGate* GetGate() { return _userSettings ? &_userSettings->GetGate() : nullptr; }
 
+  // What is known of earlier changes; null when no history is kept.
+  const KeptHistory* GetHistory() const { return _userSettings ? _userSettings->GetHistory() : nullptr; }
+
   // The daemon ends from now on. onLate: is called on another thread when Finish has not returned within
   // --stop-timeout; it may end the process.
   void LimitEnd(const std::function<void(bool isSaved)>& onLate);

@@ -51,10 +51,10 @@ TEST(HistoryQueue, KeepsTheEntriesOfTheJournalThatTheFileLacks) {
   for (uint64_t revision : {7u, 8u}) found.entries.push_back({revision, 1, "merge", "tcp - - -", "", {}, {}, {}});
   found.journalRevision = 8;
   queue.Load(found, 6);
-  const std::vector<HistoryItem> items = queue.TakeUpTo(8);
+  const daemon::HistoryItems items = queue.GetUpTo(8);
   ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[0].revision, 7u);
-  EXPECT_EQ(items[0].lines.change, "1 merge tcp - - -\n");
+  EXPECT_EQ(items[0]->revision, 7u);
+  EXPECT_EQ(items[0]->lines.change, "1 merge tcp - - -\n");
   EXPECT_EQ(queue.GetUnjournaled(), "");
 }
 
@@ -65,10 +65,10 @@ TEST(HistoryQueue, BeginsWithAGapWhenTheSettingsChangedWithoutEntries) {
        {std::pair(edited, 7u), std::pair(FoundBehind(4), 7u), std::pair(FoundHistory(), 7u)}) {
     HistoryQueue queue(1000);
     queue.Load(found, inFile);
-    const std::vector<HistoryItem> items = queue.TakeUpTo(8);
+    const daemon::HistoryItems items = queue.GetUpTo(8);
     ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].revision, 8u);
-    EXPECT_NE(items[0].lines.change.find(" gap daemon - - -\n"), std::string::npos);
+    EXPECT_EQ(items[0]->revision, 8u);
+    EXPECT_NE(items[0]->lines.change.find(" gap daemon - - -\n"), std::string::npos);
     EXPECT_EQ(queue.GetUnjournaled(), "");
   }
 }
@@ -101,7 +101,8 @@ TEST(HistoryQueue, LosesTheOldestBeyondItsBound) {
   HistoryQueue queue(100);
   for (int i = 0; i < 3; ++i) queue.Add(LinesOf(40));
   EXPECT_EQ(queue.GetUnjournaled().find("#@ 2 "), 0u);
-  EXPECT_EQ(queue.TakeUpTo(2).size(), 1u);
+  EXPECT_EQ(queue.GetUpTo(2).size(), 1u);
+  queue.DropUpTo(2);
   EXPECT_EQ(queue.GetUnjournaled().find("#@ 3 "), 0u);
 }
 

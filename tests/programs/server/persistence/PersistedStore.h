@@ -63,6 +63,7 @@ class PersistedStore : private daemon::ILayerSources {
 
   settings::server::SettingsManager& GetManager() { return _manager; }
   daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
+  const daemon::KeptHistory* GetHistory() const { return _persister.GetHistory(); }
   void LimitEnd(std::chrono::milliseconds limit, daemon::UserSettingsPersister::LateEnd onLate) {
     _persister.LimitEnd(limit, std::move(onLate));
   }

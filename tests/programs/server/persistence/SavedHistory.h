@@ -8,6 +8,7 @@
 
 #include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/HistoryQueue.h"
+#include "programs/server/persistence/KeptHistory.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
 #include "tests/support/DocumentText.h"
@@ -28,15 +29,16 @@ struct SavedHistory {
     daemon::HistoryFile file(files, kUserFile, kHistoryBytes);
     const uint64_t last = file.Load(journal.empty() ? 0 : journal.front().revision, problems);
     found.history.DropEntries([&](uint64_t revision) { return file.Has(revision); });
-    for (const std::string& path :
-         {daemon::HistoryFile::OldPathOf(kUserFile), daemon::HistoryFile::PathOf(kUserFile)}) {
-      const std::string bytes = files.Get(path);
+    uint64_t below = daemon::KeptHistory::kNewest;
+    while (const auto part = file.FindPart(below)) {
+      const std::string bytes = file.ReadPart(*part, part->bytes).value_or("");
       for (daemon::HistoryReader reader(bytes); reader.Next();) Add(reader.GetLines());
+      below = part->first;
     }
     daemon::HistoryQueue queue(kHistoryBytes);
     queue.Load(found.history, last);
-    for (const daemon::HistoryItem& item : queue.TakeUpTo(queue.GetLast()))
-      Add(daemon::SpellEntry(item.revision, item.lines.change) + item.lines.now);
+    for (const auto& item : queue.GetUpTo(queue.GetLast()))
+      Add(daemon::SpellEntry(item->revision, item->lines.change) + item->lines.now);
     std::stable_sort(entries.begin(), entries.end(),
                      [](const auto& one, const auto& other) { return one.revision < other.revision; });
   }
