@@ -20,6 +20,8 @@ namespace {
 // Of one get: a daemon takes no more patterns by default, and ends the connection for it.
 constexpr size_t kMaxPatterns = 256;
 
+constexpr char kFeaturesTitle[] = "Features";
+
 template <class Names>
 void RequireSendableNamesOf(const Names& names) {
   try {
@@ -273,17 +275,24 @@ void ProtocolClient::Try(unsigned seconds, const std::string& name) {
   SendLine(*_exchange, std::string(protocol::kTry) + " " + std::to_string(seconds) + " " + name + "\n");
 }
 
+// For a request that it does not know a daemon writes nothing: what shows it is the reply to another one behind it.
 ProtocolClient::Answer ProtocolClient::Ask(const std::string& line) {
   RequireSendable(Groups{line});
   ProtocolExchange::Call call(*_exchange);
-  _exchange->Send(line + "\n", true);
+  _exchange->Send(line + "\n" + protocol::kInfo + " " + protocol::kFeatures + "\n", true);
   Answer answer;
   const std::string first = _exchange->ReadFirstLine();
   answer.isRefused = first == protocol::kRefused;
-  if (!answer.isRefused && first != protocol::kData) _exchange->FailUnexpected(protocol::kData, first);
+  const bool isKnown = answer.isRefused || first == protocol::kData;
+  if (!isKnown && first != kFeaturesTitle) _exchange->FailUnexpected(protocol::kData, first);
   std::string text = _exchange->ReadLine();
-  if (!answer.isRefused) text = _exchange->ReadPayload(text);
+  if (isKnown && !answer.isRefused) text = _exchange->ReadPayload(text);
+  if (isKnown) _exchange->ExpectFirstLine(kFeaturesTitle);
+  while (!_exchange->ReadLine().empty()) continue;
   call.FinishReply();
+  if (!isKnown)
+    throw ProtocolException(Reason::kTooOld, GetAddress() + " is too old for '" + line.substr(0, line.find(' ')) + "'",
+                            {}, false);
   if (answer.isRefused) {
     answer.reason = std::move(Parse(*_exchange, "[]\nreason=" + text)[""]["reason"]);
   } else {
@@ -328,7 +337,7 @@ std::string ProtocolClient::TakeRefusal() {
 
 // Whether the server knows amendments is noted last: without memory for the list it is asked again.
 std::optional<ProtocolClient::Groups> ProtocolClient::GetFeatures() {
-  const std::optional<std::string> lines = AskInfo(*_exchange, protocol::kFeatures, "Features");
+  const std::optional<std::string> lines = AskInfo(*_exchange, protocol::kFeatures, kFeaturesTitle);
   std::optional<Groups> features;
   bool canAmend = false;
   if (lines) {

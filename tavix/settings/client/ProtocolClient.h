@@ -133,8 +133,8 @@ class TAVIX_EXPORT ProtocolClient {
     core::IniFile data;  // else
   };
 
-  // Sends a request of one line that is a later feature, and that every daemon with this feature answers: any other one
-  // answers nothing, and the call ends with a time-out.
+  // Sends a request of one line that is a later feature, to a daemon that has GetFeatures. kTooOld: it does not know
+  // the request.
   Answer Ask(const std::string& line);
 
   // Waits until the daemon has carried out all that was sent.

@@ -168,12 +168,12 @@ TEST_F(ProtocolClientAmend, NoteIsOneLine) {
 
 TEST_F(ProtocolClientAmend, AsksByOneLineForDataOrARefusal) {
   Serve([](ServerEnd& peer) {
-    EXPECT_EQ(peer.ReadThrough("history - 2 A"), "history - 2 A\n");
-    peer.Send("data\n[1]\nis [a]k=\\s1\n.\n");
-    EXPECT_EQ(peer.ReadThrough("rollback 7"), "rollback 7\n");
-    peer.Send("refused\nrevision 7 is not kept\\x3a the oldest is 9\n");
-    EXPECT_EQ(peer.ReadThrough("checkpoint"), "checkpoint\n");
-    peer.Send(kNothing);
+    EXPECT_EQ(peer.ReadThrough("info features"), "history - 2 A\ninfo features\n");
+    peer.Send("data\n[1]\nis [a]k=\\s1\n.\n" + std::string(kFeatures));
+    EXPECT_EQ(peer.ReadThrough("info features"), "rollback 7\ninfo features\n");
+    peer.Send("refused\nrevision 7 is not kept\\x3a the oldest is 9\n" + std::string(kFeatures));
+    EXPECT_EQ(peer.ReadThrough("info features"), "checkpoint\ninfo features\n");
+    peer.Send(kNothing + std::string(kFeatures));
     peer.ReadToEnd();
   });
   Client client(Patient());
@@ -184,6 +184,21 @@ TEST_F(ProtocolClientAmend, AsksByOneLineForDataOrARefusal) {
   EXPECT_TRUE(answer.isRefused);
   EXPECT_EQ(answer.reason, "revision 7 is not kept: the oldest is 9");
   EXPECT_TRUE(client.Ask("checkpoint").data.IsEmpty());
+}
+
+TEST_F(ProtocolClientAmend, LineThatTheServerDoesNotKnowLeavesTheConnectionInOrder) {
+  Serve([](ServerEnd& peer) {
+    peer.ReadThrough("info features");
+    peer.Send(kFeatures);
+    EXPECT_EQ(peer.ReadThrough(), "get delimited\n.\n");
+    peer.Send(kNothing);
+    peer.ReadToEnd();
+  });
+  Client client(Patient());
+  const Exception exception = Catch([&] { client.Ask("rollback 7"); });
+  EXPECT_EQ(exception.GetReason(), Reason::kTooOld);
+  EXPECT_EQ(exception.what(), GetAddress() + " is too old for 'rollback'");
+  client.Flush();
 }
 
 TEST_F(ProtocolClientAmend, AnswerToALineThatIsNoneEndsTheConnection) {

@@ -140,6 +140,12 @@ TEST(HistoryCommands, NameWhatTheServerLacks) {
   }
 }
 
+TEST(HistoryCommands, NameARequestThatTheServerDoesNotKnow) {
+  const ScriptedDaemon daemon({{kFeatures, {"checkpoint\n", ""}}});
+  ExpectOutcome(daemon.Run({"checkpoint"}), 7, "",
+                "tavix-settings: " + daemon.GetAddress() + " is too old for 'checkpoint'\n");
+}
+
 TEST(HistoryCommands, FileHasNoHistory) {
   for (const Words& words :
        std::vector<Words>{{"log"}, {"blame", "A"}, {"rollback", "3"}, {"checkpoint"}, {"trials"}, {"confirm", "t-1"}}) {

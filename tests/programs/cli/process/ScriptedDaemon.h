@@ -16,8 +16,7 @@
 
 namespace tavix::test {
 
-// Requests, and what a server answers to each. A trial's name is the command's choice: both have NAME in its place.
-using Exchange = std::vector<std::pair<std::string, std::string>>;
+X using Exchange = std::vector<std::pair<std::string, std::string>>;
 
 // The server hangs up in place of an answer.
 constexpr char kHangUp[] = "(hangs up)";
@@ -84,11 +83,19 @@ class ScriptedDaemon {
     _name = name;
   }
 
+  // Whether the last line of a request may be unknown to a server: what asks for that stands behind it.
+  static bool IsLater(const std::string& request) {
+    return std::regex_search(
+        request, std::regex("(^|\n)(history|(test-)?rollback|checkpoint|forget|trial|confirm|revert)( [^\n]*)?\n$"));
+  }
+
   void Answer(const Exchange& exchange, ServerEnd& peer) {
     for (const auto& [request, answer] : exchange) {
-      EXPECT_EQ(ReadAs(request, peer), request);
+      const bool isLater = IsLater(request);
+      const std::string whole = request + (isLater ? "info features\n" : "");
+      EXPECT_EQ(ReadAs(whole, peer), whole);
       if (answer == kHangUp) return;
-      peer.Send(Replace(answer, "NAME", GetName()));
+      peer.Send(Replace(answer, "NAME", GetName()) + (isLater ? "Features\n--------\n\n" : ""));
     }
     EXPECT_EQ(peer.ReadToEnd(), "");
   }
