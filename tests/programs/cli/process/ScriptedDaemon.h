@@ -16,7 +16,9 @@
 
 namespace tavix::test {
 
-X using Exchange = std::vector<std::pair<std::string, std::string>>;
+// Requests, and what a server answers to each. Behind a request of one line the features are asked for, too. A trial's
+// name is the command's choice: both have NAME in its place.
+using Exchange = std::vector<std::pair<std::string, std::string>>;
 
 // The server hangs up in place of an answer.
 constexpr char kHangUp[] = "(hangs up)";
