@@ -129,6 +129,7 @@ void MqttLink::Step(int wake) {
   if (mosquitto_want_write(_client.get())) looks[0].events |= POLLOUT;
   poll(looks, 2, kStepMilliseconds);
   if ((looks[0].revents & (POLLIN | POLLERR | POLLHUP)) != 0) Receive();
+  if (_isMarkDue && !HasFailed()) SendMark();
   if (!HasFailed()) Send();
   if (!HasFailed()) Watch();
 }
@@ -213,6 +214,7 @@ void MqttLink::Unsubscribe(const std::vector<std::string>& topics) {
 }
 
 void MqttLink::SendMark() {
+  _isMarkDue = false;
   const std::string text = std::to_string(++_mark);
   int id = 0;
   FailBy(mosquitto_publish_v5(_client.get(), &id, _settings.mark.c_str(), static_cast<int>(text.size()), text.data(),
@@ -265,7 +267,7 @@ void MqttLink::FinishSubscription(int id, int count, const int* codes) {
     if (codes[i] >= kFirstFailure)
       return Fail("may not read '" + filters[static_cast<std::size_t>(i)] + "': " + mosquitto_reason_string(codes[i]));
   }
-  if (_subscriptions.empty()) SendMark();
+  _isMarkDue = _subscriptions.empty();
 }
 
 void MqttLink::Fail(const std::string& reason) {

@@ -22,7 +22,8 @@ struct Credentials;
 // Errors:  HasFailed and GetReason; the constructor throws osa::Exception.
 class MqttLink {
  public:
-  // What is called when something came; of the thread that calls Step.
+  // What is called when something came; of the thread that calls Step. It calls nothing of the link: the library holds
+  // locks of its own meanwhile.
   class Observer {
    public:
     virtual ~Observer() = default;
@@ -96,8 +97,9 @@ class MqttLink {
   std::map<int, std::string> _puts;                        // likewise
   std::optional<int> _markId;                              // likewise
   unsigned long _mark = 0;                                 // the number of the last one; older ones count for nothing
-  bool _hasReceived = false;                               // since that was last asked
-  std::string _lastError;                                  // of the library's log
+  bool _isMarkDue = false;    // to be sent once the library calls nothing: it has locks then
+  bool _hasReceived = false;  // since that was last asked
+  std::string _lastError;     // of the library's log
   std::string _reason;
 };
 
