@@ -91,6 +91,7 @@ void Connection::OnReadable(bufferevent*, void* self) {
 }
 
 void Connection::Read() {
+  if (_state == State::kAnswering) return;  // the next request waits
   evbuffer* const input = bufferevent_get_input(_buffer.get());
   if (_state == State::kClosing || _state == State::kStreaming) {
     evbuffer_drain(input, evbuffer_get_length(input));
