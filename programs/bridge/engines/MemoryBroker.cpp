@@ -93,7 +93,7 @@ bool MemoryBroker::IsQuiet() const {
   osa::PlainMutexLock lock(_mutex);
   return std::all_of(_clients.begin(), _clients.end(), [](const auto& entry) {
     const Client& client = entry.second;
-    return client.isStalled || (client.events.empty() && !client.isDelivering);
+    return client.isStalled || client.isClosing || (client.events.empty() && !client.isDelivering);
   });
 }
 

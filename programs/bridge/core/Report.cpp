@@ -1,0 +1,37 @@
+#include "programs/bridge/core/Report.h"
+
+#include "programs/common/client/Spelling.h"
+
+namespace tavix::bridge {
+
+namespace {
+
+std::string Spell(const std::optional<std::string>& value) {
+  return value ? "'" + programs::SpellValue(*value) + "'" : "no value";
+}
+
+}  // namespace
+
+void Report::AddConflict(const Conflict& conflict) {
+  ++counters.overridden;
+  Conflict shown = conflict;
+  std::string values;
+  if (_rules.IsMasked(conflict.group, conflict.key)) {
+    shown.kept.reset();
+    shown.lost.reset();
+  } else {
+    values = ": " + Spell(conflict.kept) + " is kept, " + Spell(conflict.lost) + " is lost";
+  }
+  const std::string loser = conflict.loser == Side::kDevice ? "device's" : "centre's";
+  Warn("The " + loser + " value of " + programs::SpellSetting(conflict.group, conflict.key) + " is overridden" +
+       values);
+  _conflicts.push_back(shown);
+  if (_conflicts.size() > _limits.maxConflicts) _conflicts.pop_front();
+}
+
+void Report::Fail(const std::string& line) {
+  _lastError = line;
+  _log(Severity::kError, line);
+}
+
+}  // namespace tavix::bridge

@@ -1,0 +1,114 @@
+#include "programs/bridge/core/SharedPlan.h"
+
+#include <algorithm>
+#include <set>
+
+namespace tavix::bridge {
+
+namespace {
+
+std::set<std::string> NamesOf(const Keys& first, const Keys& second) {
+  std::set<std::string> names;
+  for (const auto& [key, value] : first) names.insert(key);
+  for (const auto& [key, value] : second) names.insert(key);
+  return names;
+}
+
+void SetValue(Keys& keys, const std::string& key, const std::optional<std::string>& value) {
+  if (value) {
+    keys[key] = *value;
+  } else {
+    keys.erase(key);
+  }
+}
+
+// What both ends held last, with what a change adds to that, which was on its way when the link or the process ended.
+// Key by key: others may have changed some of them since, in the same way, too. Where that can't be known, it is a
+// conflict.
+Keys FindBase(const SharedView& view) {
+  Keys base = view.agreed.value_or(Keys());
+  if (!view.intent) return base;
+  const Intent& intent = *view.intent;
+  const Keys& now = intent.where == Intent::Where::kDevice ? view.device : view.centre;
+  for (const std::string& key : NamesOf(intent.before, intent.after)) {
+    const auto after = FindValue(intent.after, key);
+    if (after != FindValue(intent.before, key) && after == FindValue(now, key)) SetValue(base, key, after);
+  }
+  return base;
+}
+
+// The centre's keys hold; keys that it does not have are the device's own, unless the centre had them.
+SharedPlan PlanDown(const std::string& group, const SharedView& view) {
+  const Keys base = FindBase(view);
+  SharedPlan plan;
+  plan.centre = view.centre;
+  plan.device = view.centre;
+  for (const auto& [key, value] : view.device) {
+    const auto there = FindValue(view.centre, key);
+    const auto before = FindValue(base, key);
+    if (!there && !before) plan.device[key] = value;
+    if ((there || before) && there != value && before != value) {
+      plan.conflicts.push_back({group, key, there, value, Side::kDevice});
+    }
+  }
+  for (const auto& [key, value] : base) {
+    const auto there = FindValue(view.centre, key);
+    if (there && view.device.count(key) == 0)
+      plan.conflicts.push_back({group, key, there, std::nullopt, Side::kDevice});
+  }
+  return plan;
+}
+
+}  // namespace
+
+SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const SharedView& view,
+                          std::optional<Side> decision) {
+  SharedPlan plan;
+  if (rule.direction == Direction::kUp) {
+    plan.device = view.device;
+    plan.centre = view.device;
+    return plan;
+  }
+  Side winner = rule.winner;
+  if (!view.agreed && view.device != view.centre) {
+    plan.isUndecided = rule.first == First::kRefuse && !decision;
+    if (plan.isUndecided) {
+      plan.device = view.device;
+      plan.centre = view.centre;
+      return plan;
+    }
+    winner = decision ? *decision : rule.first == First::kDevice ? Side::kDevice : Side::kCentre;
+  }
+  if (rule.direction == Direction::kDown) return PlanDown(group, view);
+
+  MergedGroup merged = MergeThreeWay(group, FindBase(view), view.device, view.centre, winner);
+  plan.device = merged.keys;
+  plan.centre = std::move(merged.keys);
+  plan.conflicts = std::move(merged.conflicts);
+  return plan;
+}
+
+SharedPlan MakeWinnersPlan(const std::string& group, const MapRule& rule, const SharedView& view) {
+  if (rule.direction != Direction::kBoth) return MakeSharedPlan(group, rule, view, rule.winner);
+  const bool isDevice = rule.winner == Side::kDevice;
+  const Keys& kept = isDevice ? view.device : view.centre;
+  const Keys& lost = isDevice ? view.centre : view.device;
+  const Keys base = FindBase(view);
+
+  SharedPlan plan;
+  plan.device = kept;
+  plan.centre = kept;
+  for (const std::string& key : NamesOf(base, lost)) {
+    const auto value = FindValue(lost, key);
+    if (value == FindValue(kept, key) || value == FindValue(base, key)) continue;
+    plan.conflicts.push_back({group, key, FindValue(kept, key), value, isDevice ? Side::kCentre : Side::kDevice});
+  }
+  return plan;
+}
+
+bool TakesValues(const Keys& before, const Keys& after) {
+  return std::any_of(before.begin(), before.end(),
+                     [&after](const auto& entry) { return after.count(entry.first) == 0; });
+}
+
+}  // namespace tavix::bridge

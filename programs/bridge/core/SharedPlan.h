@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "programs/bridge/core/Keys.h"
+#include "programs/bridge/core/Rules.h"
+#include "programs/bridge/core/ThreeWayMerge.h"
+
+namespace tavix::bridge {
+
+// A change that was about to be made when it was written down. A plain value.
+struct Intent {
+  enum class Where { kDevice, kCentre };
+
+  Where where = Where::kDevice;
+  Keys before;  // what stood there
+  Keys after;   // what was to stand there
+};
+
+// What is known of one group. A plain value.
+struct SharedView {
+  std::optional<Keys> agreed;  // what both ends held last; nothing: nothing was agreed yet
+  Keys device;
+  Keys centre;
+  std::optional<Intent> intent;  // of a change of which nobody knows if it was made
+};
+
+// What is to become of one group. A plain value.
+struct SharedPlan {
+  bool isUndecided = false;  // nothing may be done before a person decides
+  Keys device;               // what each end is to hold
+  Keys centre;
+  std::vector<Conflict> conflicts;
+};
+
+// decision: what a person said of groups of which nothing was agreed.
+SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const SharedView& view,
+                          std::optional<Side> decision);
+
+// What the plan is when others get ahead of each write: the winner's content as it is.
+SharedPlan MakeWinnersPlan(const std::string& group, const MapRule& rule, const SharedView& view);
+
+// Whether "after" lacks keys that "before" has.
+bool TakesValues(const Keys& before, const Keys& after);
+
+}  // namespace tavix::bridge

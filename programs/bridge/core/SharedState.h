@@ -1,0 +1,60 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "programs/bridge/core/IStateStore.h"
+#include "programs/bridge/core/SharedPlan.h"
+#include "programs/bridge/engines/Engine.h"
+
+namespace tavix::bridge {
+
+// What both ends of a group held last. A plain value.
+struct AgreedGroup {
+  Keys keys;
+  Version version = 0;  // of the engine's item
+};
+
+// What a mirror of shared groups keeps over a restart. Memory follows the disk: what can't be kept is not known either.
+//
+// Threads: one.
+// Errors:  osa::Exception of the store.
+class SharedState {
+ public:
+  // Reads all of it. store: outlives the object.
+  explicit SharedState(IStateStore& store);
+
+  const std::map<std::string, AgreedGroup>& GetAgreed() const { return _agreed; }
+  const AgreedGroup* FindAgreed(const std::string& group) const;
+  const Intent* FindIntent(const std::string& group) const;
+
+  // Several changes are one commit: changes first, then Commit.
+  void SetAgreed(const std::string& group, const AgreedGroup& agreed);  // ends the intent, too
+  void SetIntent(const std::string& group, const Intent& intent);
+  void SetFollowed(const std::string& source, Version version);
+  void Commit();
+
+  // Where to follow from.
+  const std::string& GetSource() const { return _source; }
+  Version GetFollowed() const { return _followed; }
+
+ private:
+  void Add(StateKind kind, const std::string& key, std::optional<core::IniFile> value);
+
+  IStateStore& _store;
+  std::map<std::string, AgreedGroup> _agreed;
+  std::map<std::string, Intent> _intents;
+  std::string _source;
+  Version _followed = 0;
+
+  // What Commit is to do, on the disk and in memory.
+  std::vector<StateRecord> _records;
+  std::map<std::string, AgreedGroup> _newAgreed;
+  std::map<std::string, Intent> _newIntents;
+  std::optional<std::pair<std::string, Version>> _newFollowed;
+};
+
+}  // namespace tavix::bridge
