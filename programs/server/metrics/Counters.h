@@ -80,8 +80,9 @@ struct Counters {
   void Count(CutReason reason) { cut[static_cast<size_t>(reason)].Add(); }
 
   void Count(settings::server::RefusedChange::Reason reason) {
-    const bool isFull = reason == settings::server::RefusedChange::Reason::kStoreFull;
-    (isFull ? refusedByFullStore : refusedByDeletedPatterns).Add();
+    using Reason = settings::server::RefusedChange::Reason;
+    if (reason == Reason::kStoreFull) refusedByFullStore.Add();
+    if (reason == Reason::kDeletedPatterns) refusedByDeletedPatterns.Add();
   }
 
   void CountSave(size_t fileBytes) {

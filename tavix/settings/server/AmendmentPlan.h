@@ -51,6 +51,11 @@ class AmendmentPlan {
   // The same. documents: do not change until the plan is carried out.
   [[nodiscard]] bool Make(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
 
+  // What it is to change, restricted groups excepted.
+  const core::IniFile& GetSet() const { return _set.Get(); }
+  const core::IniFile& GetUnset() const { return _unset.Get(); }
+  const core::IniFile& GetReplace() const { return _replace.Get(); }
+
   // What the documents lose and get.
   struct Edits {
     DocumentEdit all;

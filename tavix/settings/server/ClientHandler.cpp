@@ -119,7 +119,11 @@ bool ClientHandler::HandleLine() {
   const std::string_view word = TakeWord(line);
   if (word.empty() || word == protocol::kTerminator) return true;
   if (const IExtraCommands::Command* extra = FindExtra(word)) {
-    CarryOutExtra(word, line, extra->isChange);
+    if (extra->isForNextChange) {
+      _client->TakeTrial(TrimBlanks(line));
+    } else {
+      CarryOutExtra(word, line, extra->isChange);
+    }
   } else {
     MsgDispatcher::Get().Dispatch(*this, word, line, _isSecondAttempt);
   }

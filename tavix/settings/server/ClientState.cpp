@@ -37,11 +37,18 @@ bool ClientState::TakeNote(std::string_view text) {
   return !_isNoteRefused;
 }
 
+void ClientState::TakeTrial(std::string_view text) {
+  if (!_isNoteRefused) BeginRequest();
+  _trial = text.substr(0, ChangeOrigin::kMaxTrialBytes + 1);
+}
+
 ChangeOrigin ClientState::BeginChange(std::string_view command) {
   if (!std::exchange(_isNoteRefused, false)) _reason.clear();
   _changeNote.clear();
   _changeNote.swap(_note);
-  return {_identity, command, _changeNote};
+  _changeTrial.clear();
+  _changeTrial.swap(_trial);
+  return {_identity, command, _changeNote, _changeTrial};
 }
 
 void ClientState::Refuse(std::string_view reason) {

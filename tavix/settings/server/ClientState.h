@@ -34,7 +34,10 @@ class ClientState {
   // next change has no note, as an earlier one was not meant for it.
   [[nodiscard]] bool TakeNote(std::string_view text);
 
-  // A change begins, and uses the note up. The origin is valid as long as "command", and until the next change.
+  // Keeps what was asked for the next change, in place of what was asked earlier.
+  void TakeTrial(std::string_view text);
+
+  // A change begins, and uses both up. The origin is valid as long as "command", and until the next change.
   ChangeOrigin BeginChange(std::string_view command);
 
   // Another request begins that can be refused.
@@ -51,6 +54,8 @@ class ClientState {
   std::vector<gid_t> _groups;
   std::string _note;        // for the next change
   std::string _changeNote;  // of the change at hand
+  std::string _trial;       // likewise
+  std::string _changeTrial;
   std::string _reason;
   bool _isNoteRefused = false;  // that of the next change
 };

@@ -26,6 +26,10 @@ class TAVIX_EXPORT IExtraCommands {
 
     // Only its client is sent something for it: it may be skipped once that has left.
     bool isForClientOnly = false;
+
+    // Goes with the client's next change, as ChangeOrigin::trial has the rest of the line. It is not carried out, and
+    // the client is answered nothing.
+    bool isForNextChange = false;
   };
 
   // A line of a client.

@@ -15,6 +15,7 @@ class GroupNameMatcher;
 namespace tavix::settings::server {
 
 class SettingsCombiner;
+struct PlannedChange;
 
 // Where a store's settings come from and where the user's go. The hosting program supplies it.
 //
@@ -83,6 +84,10 @@ class TAVIX_EXPORT ISettingsPersister {
 
   // Whether SaveChange is to be given what was there before; that costs a copy of the changed groups. Always the same.
   virtual bool NeedsOldSettings() const { return false; }
+
+  // Called for every change under the store's write lock, before anything is changed. From here on nothing but what
+  // this throws stops the change, and SaveChange follows if it is saved. RefusedChange: it is not carried out.
+  virtual void PrepareChange(const PlannedChange& change) { static_cast<void>(change); }
 };
 
 }  // namespace tavix::settings::server

@@ -10,6 +10,18 @@ namespace tavix::settings::server {
 
 namespace {
 
+const char* KindOf(RefusedChange::Reason reason) {
+  switch (reason) {
+    case RefusedChange::Reason::kStoreFull:
+      return "full store: ";
+    case RefusedChange::Reason::kTrial:
+      return "trial: ";
+    case RefusedChange::Reason::kDeletedPatterns:
+      break;
+  }
+  return "bound: ";
+}
+
 std::string NameRestricted(const std::string& group) {
   return "restricted group: " + group;
 }
@@ -17,8 +29,7 @@ std::string NameRestricted(const std::string& group) {
 }  // namespace
 
 std::string ReasonOf(const RefusedChange& refusal) {
-  const bool isFull = refusal.GetReason() == RefusedChange::Reason::kStoreFull;
-  return (isFull ? "full store: " : "bound: ") + std::string(refusal.what());
+  return KindOf(refusal.GetReason()) + std::string(refusal.what());
 }
 
 // What can't have been the reason shows in the amendment: the store does not keep it.

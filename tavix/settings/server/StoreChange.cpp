@@ -14,6 +14,7 @@
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/NoticeRound.h"
+#include "tavix/settings/server/PlannedChange.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
@@ -119,11 +120,13 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
   {
     const osa::WriteAutoLock lock(documents.GetLock());
     if (!plan.Make(documents)) return false;
+    if (!origin.isRevert) RequireRoom(documents, plan);
     Prepare(documents, plan);
     std::optional<IniFile> before;
     if (persister && persister->NeedsOldSettings())
       before = CopyOldSettings(documents._user, plan.GetDifferent(), plan.GetAddedMembers());
     reserve.emplace(plan.GetChanged());
+    if (persister) AskPersister(documents, *persister, plan, origin);
     CarryOut(documents, plan);
     if (persister)
       ticket = persister->SaveChange(
@@ -136,10 +139,27 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
   return true;
 }
 
-// As for other changes: bounds, then all that it needs memory for.
-void StoreChange::Prepare(StoreDocuments& documents, AmendmentPlan& plan) {
+void StoreChange::RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) {
   RequirePatterns(documents, plan.GetRecord().GetCounts().patterns);
   documents._account.RequireRoom(plan.CountGrowth(documents), plan.CountHiddenGrowth(documents));
+}
+
+void StoreChange::AskPersister(const StoreDocuments& documents, ISettingsPersister& persister, AmendmentPlan& plan,
+                               const ChangeOrigin& origin) {
+  std::set<std::string> replaced;
+  for (const auto& group : plan.GetReplace()) replaced.insert(replaced.end(), group.first);
+  PlannedChange change{documents._user, origin};
+  change.removed = change.recorded = &replaced;
+  change.unset = &plan.GetUnset();
+  change.set = &plan.GetSet();
+  change.replaced = &plan.GetReplace();
+  change.recordSet = &plan.GetRecord().GetSet();
+  change.recordErased = &plan.GetRecord().GetErased();
+  persister.PrepareChange(change);
+}
+
+// All that it needs memory for.
+void StoreChange::Prepare(StoreDocuments& documents, AmendmentPlan& plan) {
   AmendmentPlan::Edits& edits = plan.GetEdits();
   edits.all.Prepare(documents._all);
   edits.user.Prepare(documents._user);
@@ -168,9 +188,20 @@ bool StoreChange::MakeUnderLock() {
   _hidden.Add(_documents, _request.GetUnplannedSettings(), _request.GetUnplannedNames(), _request.IsPersistent());
   RequireRoom();
   Prepare();
+  if (_persister) AskPersister();
   CarryOut();
   if (_request.IsPersistent() && _persister) Save();
   return true;
+}
+
+void StoreChange::AskPersister() const {
+  PlannedChange change{_documents._user, _request.GetOrigin(), _request.IsPersistent()};
+  change.removed = &_request.GetRemovedNames();
+  change.asked = _request.GetRemovedMatcher();
+  change.recorded = _request.GetMembers();
+  change.set = &_request.GetSettings();
+  if (!_record.added.IsEmpty()) change.recordSet = &_record.added.begin()->second;
+  _persister->PrepareChange(change);
 }
 
 void StoreChange::PlanRecord() {

@@ -33,9 +33,9 @@ class ISettingsPersister;
 //
 //   without the lock      the request is prepared
 //   under the write lock  what changed in between is matched and tested again; bounds are checked; all memory is asked
-//                         for. From here on nothing stops the change: the store gets a new version, readers in parts
-//                         are given the names of the groups, both documents are changed, the record of deleted groups
-//                         is hidden from readers. What differs is saved
+//                         for; the persister may refuse it. From here on nothing stops the change: the store gets a
+//                         new version, readers in parts are given the names of the groups, both documents are
+//                         changed, the record of deleted groups is hidden from readers. What differs is saved
 //   behind the lock       the persister learns of a request that changed nothing, subscribers are notified; what was
 //                         replaced is destroyed with the object
 //
@@ -82,10 +82,14 @@ class StoreChange {
  private:
   static void BeginVersion(StoreDocuments& documents);
   static void RequirePatterns(const StoreDocuments& documents, std::ptrdiff_t more) TAVIX_REQUIRES(documents.GetLock());
+  static void RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
+  static void AskPersister(const StoreDocuments& documents, ISettingsPersister& persister, AmendmentPlan& plan,
+                           const ChangeOrigin& origin) TAVIX_REQUIRES(documents.GetLock());
   static void Prepare(StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
   static void CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexcept TAVIX_REQUIRES(documents.GetLock());
 
   bool MakeUnderLock() TAVIX_REQUIRES(_documents.GetLock());
+  void AskPersister() const TAVIX_REQUIRES(_documents.GetLock());
   void PlanRecord() TAVIX_REQUIRES(_documents.GetLock());
   void RequirePatterns() const TAVIX_REQUIRES(_documents.GetLock());
   void RequireRoom() const TAVIX_REQUIRES(_documents.GetLock());

@@ -31,14 +31,16 @@ using tavix::test::DocumentOf;
 using tavix::test::ServedStore;
 using testing::ElementsAre;
 
-// `show` reads, `undo` changes, `search` takes long and is for its client only, `arm` is not answered; `merge` is the
-// protocol's own.
+// `show` reads, `undo` changes, `search` takes long and is for its client only, `arm` is not answered, `next` is for the
+// next change; `merge` is the protocol's own.
 class HostCommands : public IExtraCommands {
  public:
   const Command* Find(std::string_view word) const override {
     static const Command kReads;
-    static const Command kTakesLong{true, false, true};
-    static const Command kChanges{false, true};
+    static const Command kTakesLong{true, false, true, false};
+    static const Command kChanges{false, true, false, false};
+    static const Command kIsForNextChange{false, false, false, true};
+    if (word == "next") return &kIsForNextChange;
     if (word == "undo") return &kChanges;
     if (word == "search") return &kTakesLong;
     return word == "show" || word == "arm" || word == "merge" ? &kReads : nullptr;
@@ -47,6 +49,7 @@ class HostCommands : public IExtraCommands {
   Answer CarryOut(const Call& call) override {
     calls.push_back(std::string(call.word) + "," + std::string(call.args) + "," + std::string(call.origin.command) +
                     "," + std::string(call.origin.note));
+    trials.emplace_back(call.origin.trial);
     return answer;
   }
 
@@ -54,6 +57,7 @@ class HostCommands : public IExtraCommands {
 
   Answer answer;
   std::vector<std::string> calls;
+  std::vector<std::string> trials;  // what came with them
 };
 
 struct ExtraCommands : testing::Test {
@@ -112,6 +116,24 @@ TEST_F(ExtraCommands, WithoutAReplyMayLeaveAReason) {
 TEST_F(ExtraCommands, ThatChangeUseTheNoteUpAndOthersDoNot) {
   served.Serve("note site 4\nshow\nundo 1\nundo 2\n");
   EXPECT_THAT(commands.calls, ElementsAre("show,,show,", "undo, 1,undo,site 4", "undo, 2,undo,"));
+}
+
+TEST_F(ExtraCommands, ThatAreForTheNextChangeGoWithThatOneAlone) {
+  EXPECT_EQ(served.Serve("next 1 a\nnext  2 b \nshow\nundo 1\nundo 2\n"), "");
+  EXPECT_THAT(commands.trials, ElementsAre("", "2 b", ""));
+  commands.trials.clear();
+  served.Serve("next 3 c\nmerge nopersist\n[A]\nx=2\n.\nundo 1\n");
+  EXPECT_THAT(commands.trials, ElementsAre(""));
+}
+
+TEST_F(ExtraCommands, ThatAreForTheNextChangeAreCutWhenTheyAreLong) {
+  served.Serve("next " + std::string(1000, 'x') + "\nundo 1\n");
+  EXPECT_THAT(commands.trials, ElementsAre(std::string(257, 'x')));
+}
+
+TEST_F(ExtraCommands, ThatAreForTheNextChangeLeaveTheReasonOfARefusedNote) {
+  EXPECT_THAT(served.Serve("note " + std::string(300, 'x') + "\nnext 1 a\nmerge\n[A]\nx=2\n.\ninfo refused\n"),
+              testing::HasSubstr("reason=bound: a note of 300 bytes"));
 }
 
 TEST_F(ExtraCommands, AreFeatures) {
