@@ -1,0 +1,169 @@
+#include "programs/server/trials/SharedTrials.h"
+
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "tavix/osa/Exception.h"
+#include "tavix/settings/server/ChangeOrigin.h"
+
+namespace tavix::daemon {
+
+using settings::Amendment;
+using settings::server::PlannedChange;
+
+namespace {
+
+osa::Descriptor CreateTimer() {
+  osa::Descriptor timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  if (!timer) throw osa::Exception("Failed to create a timer for trials: %s", std::strerror(errno));
+  return timer;
+}
+
+timespec ToTimespec(std::chrono::nanoseconds time) {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+  timespec value{};
+  value.tv_sec = static_cast<time_t>(seconds.count());
+  value.tv_nsec = static_cast<decltype(value.tv_nsec)>((time - seconds).count());
+  return value;
+}
+
+}  // namespace
+
+SharedTrials::SharedTrials(size_t max, std::function<Time()> getTime)
+    : _getTime(std::move(getTime)), _timer(CreateTimer()), _book(max) {}
+
+void SharedTrials::AcknowledgeTimer() {
+  uint64_t ignored = 0;
+  static_cast<void>(read(_timer.Get(), &ignored, sizeof ignored));
+}
+
+void SharedTrials::RetryLater() {
+  itimerspec setting{};
+  setting.it_value.tv_sec = 1;
+  timerfd_settime(_timer.Get(), 0, &setting, nullptr);
+}
+
+// While nothing is pending, changes of others pay for no lock.
+void SharedTrials::Prepare(const PlannedChange& change) {
+  if (change.origin.trial.empty() && !_hasPending.load(std::memory_order_acquire)) return;
+  const osa::PlainMutexLock lock(_mutex);
+  _preparedBytes.store(0, std::memory_order_relaxed);
+  _book.Prepare(change, _getTime());
+  _lines.Reserve(_book.GetPreparedBytes());
+  _preparedBytes.store(_book.GetPreparedBytes(), std::memory_order_relaxed);
+}
+
+void SharedTrials::Commit(uint64_t revision) noexcept {
+  if (!IsPrepared()) return;
+  const osa::PlainMutexLock lock(_mutex);
+  _preparedBytes.store(0, std::memory_order_relaxed);
+  _lines.AddReserved(_book.Commit(revision));
+  SetTimer();
+}
+
+void SharedTrials::Confirm(const std::string& name, const Client& client) {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.Reserve(TrialBook::kMaxEndBytes);
+  _lines.AddReserved(_book.Confirm(name, client, _getTime()));
+  SetTimer();
+}
+
+void SharedTrials::RequireRevertible(const std::string& name, const Client& client) {
+  const osa::PlainMutexLock lock(_mutex);
+  _book.RequireRevertible(name, client);
+}
+
+Amendment SharedTrials::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _book.PlanRevert(name, userSettings);
+}
+
+bool SharedTrials::EndReverted(const std::string& name) {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.Reserve(TrialBook::kMaxEndBytes);
+  const std::string lines = _book.EndReverted(name, _getTime());
+  _lines.AddReserved(lines);
+  SetTimer();
+  return !lines.empty();
+}
+
+std::vector<std::string> SharedTrials::FindPending() {
+  const osa::PlainMutexLock lock(_mutex);
+  return _book.FindPending();
+}
+
+std::vector<std::string> SharedTrials::FindDue() {
+  const osa::PlainMutexLock lock(_mutex);
+  return _book.FindDue(_getTime());
+}
+
+std::map<std::string, Trial> SharedTrials::GetTrials(const std::string& name) {
+  const osa::PlainMutexLock lock(_mutex);
+  const std::map<std::string, Trial>& trials = _book.GetTrials(_getTime());
+  if (name.empty()) return trials;
+  const auto found = trials.find(name);
+  return found == trials.end() ? std::map<std::string, Trial>() : std::map<std::string, Trial>{*found};
+}
+
+void SharedTrials::Load(std::string_view lines) {
+  const osa::PlainMutexLock lock(_mutex);
+  _book.Load(lines);
+  SetTimer();
+}
+
+std::string SharedTrials::GetUnjournaled() {
+  const osa::PlainMutexLock lock(_mutex);
+  return std::string(_lines.GetUnjournaled());
+}
+
+void SharedTrials::OnJournaled() {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.OnJournaled();
+}
+
+std::string SharedTrials::GetUnjournaledByNext() {
+  const osa::PlainMutexLock lock(_mutex);
+  return std::string(_lines.GetUnjournaledByNext());
+}
+
+void SharedTrials::OnNextJournaled() {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.OnNextJournaled();
+}
+
+void SharedTrials::Follow() {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.Follow();
+}
+
+void SharedTrials::FailSnapshot() {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.FailSnapshot();
+}
+
+std::string SharedTrials::BeginSnapshot() {
+  const osa::PlainMutexLock lock(_mutex);
+  std::string pending = _book.Spell();
+  _lines.BeginSnapshot();
+  return pending;
+}
+
+// A time that is over makes it readable at once, but a time of 0, which stops it.
+void SharedTrials::SetTimer() {
+  const std::optional<Time> next = _book.FindNextEnd();
+  _hasPending.store(next.has_value(), std::memory_order_release);
+  itimerspec setting{};
+  if (next) {
+    const std::chrono::nanoseconds time = next->time_since_epoch();
+    setting.it_value = ToTimespec(std::max(time, std::chrono::nanoseconds(1)));
+  }
+  timerfd_settime(_timer.Get(), TFD_TIMER_ABSTIME, &setting, nullptr);
+}
+
+}  // namespace tavix::daemon

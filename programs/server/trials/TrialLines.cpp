@@ -1,0 +1,39 @@
+#include "programs/server/trials/TrialLines.h"
+
+#include <algorithm>
+
+namespace tavix::daemon {
+
+void TrialLines::OnJournaled() {
+  _journaled = _text.size();
+  Drop();
+}
+
+void TrialLines::BeginSnapshot() {
+  _hasNext = true;
+  _nextJournaled = _text.size();
+}
+
+void TrialLines::FailSnapshot() {
+  _hasNext = false;
+  Drop();
+}
+
+void TrialLines::OnNextJournaled() {
+  _nextJournaled = _text.size();
+}
+
+void TrialLines::Follow() {
+  _hasNext = false;
+  _journaled = _nextJournaled;
+  Drop();
+}
+
+void TrialLines::Drop() {
+  const size_t dropped = _hasNext ? std::min(_journaled, _nextJournaled) : _journaled;
+  _text.erase(0, dropped);
+  _journaled -= dropped;
+  _nextJournaled -= std::min(_nextJournaled, dropped);
+}
+
+}  // namespace tavix::daemon

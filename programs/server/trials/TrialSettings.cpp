@@ -1,0 +1,234 @@
+#include "programs/server/trials/TrialSettings.h"
+
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/SettingsManager.h"
+
+namespace tavix::daemon {
+
+using core::IniFile;
+using settings::Amendment;
+using settings::common::GroupNameMatcher;
+using settings::server::PlannedChange;
+using settings::server::SettingsManager;
+using KeyMap = IniFile::KeyMap;
+using Names = std::set<std::string>;
+
+namespace {
+
+const std::string& RecordGroup() {
+  static const std::string name = SettingsManager::kDeletedGroups;
+  return name;
+}
+
+const KeyMap* FindGroup(const IniFile& document, const std::string& name) {
+  const auto group = document.GetGroups().find(name);
+  return group == document.GetGroups().end() ? nullptr : &group->second;
+}
+
+const std::string* FindKey(const KeyMap* keys, const std::string& key) {
+  if (!keys) return nullptr;
+  const auto found = keys->find(key);
+  return found == keys->end() ? nullptr : &found->second;
+}
+
+// Adds what is written with its old value.
+class WrittenCollector {
+ public:
+  explicit WrittenCollector(const IniFile& user) : _user(user) {}
+
+  OldSettings Take() { return std::move(_written); }
+
+  void AddKey(const std::string& group, const std::string& key) {
+    const KeyMap* const keys = FindGroup(_user, group);
+    const std::string* const value = FindKey(keys, key);
+    _written.emplace(SettingName{group, key}, value ? std::optional<std::string>(*value) : std::nullopt);
+    if (keys && keys->empty()) AddEmpty(group, true);
+  }
+
+  // All keys that it has.
+  void AddGroup(const std::string& group) {
+    const KeyMap* const keys = FindGroup(_user, group);
+    if (!keys) return;
+    for (const auto& setting : *keys) AddKey(group, setting.first);
+    if (keys->empty()) AddEmpty(group, true);
+  }
+
+  void AddSet(const IniFile& document) {
+    for (const auto& [group, keys] : document) {
+      for (const auto& setting : keys) AddKey(group, setting.first);
+      if (keys.empty() && !_user.HasGroup(group)) AddEmpty(group, false);
+    }
+  }
+
+  void AddUnset(const IniFile& document) {
+    for (const auto& [group, keys] : document) {
+      for (const auto& setting : keys) AddKey(group, setting.first);
+      if (keys.empty()) AddGroup(group);
+    }
+  }
+
+ private:
+  void AddEmpty(const std::string& group, bool wasThere) {
+    _written.emplace(SettingName{group, std::nullopt}, wasThere ? std::optional<std::string>("") : std::nullopt);
+  }
+
+  const IniFile& _user;
+  OldSettings _written;
+};
+
+// Knows what a change writes of the settings of a trial.
+class Touch {
+ public:
+  // change: outlives the object, and does not change.
+  explicit Touch(const PlannedChange& change) : _change(change) {}
+
+  // In ascending order. Costs what the change is long, and the groups of it that the trial has. Throws std::bad_alloc.
+  std::vector<OldSettings::const_iterator> Find(const OldSettings& settings) {
+    Names groups = FindGroups(settings);
+    std::vector<OldSettings::const_iterator> found;
+    for (const std::string& group : groups) {
+      for (auto at = FindFirst(settings, group); at != settings.end() && at->first.group == group; ++at) {
+        if (Writes(at->first, at->second)) found.push_back(at);
+      }
+    }
+    return found;
+  }
+
+ private:
+  static OldSettings::const_iterator FindFirst(const OldSettings& settings, const std::string& group) {
+    return settings.lower_bound(SettingName{group, std::nullopt});
+  }
+
+  static void AddIfThere(const OldSettings& settings, const std::string& group, Names& groups) {
+    const auto first = FindFirst(settings, group);
+    if (first != settings.end() && first->first.group == group) groups.insert(group);
+  }
+
+  // The groups of the settings that the change may write to.
+  Names FindGroups(const OldSettings& settings) {
+    Names groups;
+    for (const IniFile* const document : {_change.unset, _change.set, _change.replaced}) {
+      if (!document) continue;
+      for (const auto& group : *document) AddIfThere(settings, group.first, groups);
+    }
+    if (_change.removed) {
+      for (const std::string& name : *_change.removed) AddIfThere(settings, name, groups);
+    }
+    AddIfThere(settings, RecordGroup(), groups);
+    _asked.clear();
+    if (_change.asked) FindAsked(settings);
+    groups.insert(_asked.begin(), _asked.end());
+    return groups;
+  }
+
+  void FindAsked(const OldSettings& settings) {
+    Names candidates;
+    if (_change.asked->GetPatterns().empty()) {
+      for (const std::string& name : _change.asked->GetNames()) AddIfThere(settings, name, candidates);
+    } else {
+      for (const auto& setting : settings) candidates.insert(candidates.end(), setting.first.group);
+    }
+    if (_change.recorded) candidates.erase(RecordGroup());
+    _change.asked->GetMatchingGroups(candidates, _asked);
+  }
+
+  bool Writes(const SettingName& name, const std::optional<std::string>& old) const {
+    if (_asked.count(name.group) != 0) return true;
+    if (_change.removed && _change.removed->count(name.group) != 0) return true;
+    if (name.group == RecordGroup() && name.key && WritesMember(*name.key)) return true;
+    return WritesIn(_change.set, name, old) || WritesIn(_change.replaced, name, old) || Unsets(name);
+  }
+
+  // A member stands under its own text.
+  bool WritesMember(const std::string& key) const {
+    const KeyMap* const unset = _change.unset ? FindGroup(*_change.unset, key) : nullptr;
+    return (unset && unset->empty()) || (_change.recorded && _change.recorded->count(key) != 0) ||
+           (_change.recordSet && _change.recordSet->count(key) != 0) ||
+           (_change.recordErased && _change.recordErased->count(key) != 0);
+  }
+
+  // Who sets anything in a group that was not there before relies on the group.
+  static bool WritesIn(const IniFile* document, const SettingName& name, const std::optional<std::string>& old) {
+    const KeyMap* const keys = document ? FindGroup(*document, name.group) : nullptr;
+    if (!keys) return false;
+    return name.key ? keys->count(*name.key) != 0 : !old || keys->empty();
+  }
+
+  bool Unsets(const SettingName& name) const {
+    const KeyMap* const keys = _change.unset ? FindGroup(*_change.unset, name.group) : nullptr;
+    return keys && (keys->empty() || (name.key && keys->count(*name.key) != 0));
+  }
+
+  const PlannedChange& _change;
+  Names _asked;
+};
+
+// Whether the record of deleted groups holds the name, or a pattern that matches it.
+bool IsRecorded(const IniFile& user, const std::string& name) {
+  const KeyMap* const members = FindGroup(user, RecordGroup());
+  if (!members) return false;
+  GroupNameMatcher matcher;
+  for (const auto& member : *members) matcher.AddNameOrPattern(member.second);
+  Names matching;
+  matcher.GetMatchingGroups(Names{name}, matching);
+  return !matching.empty();
+}
+
+// A group that came without keys, and still has none, goes. Where its name is recorded it has to stay so.
+void RevertGroup(const std::string& group, bool wasThere, const IniFile& user, Amendment& revert) {
+  const KeyMap* const keys = FindGroup(user, group);
+  if (wasThere) {
+    if (!keys || !keys->empty()) revert.set[group];
+  } else if (keys && keys->empty()) {
+    (IsRecorded(user, group) ? revert.replace : revert.unset)[group];
+  }
+}
+
+}  // namespace
+
+OldSettings FindWritten(const PlannedChange& change) {
+  WrittenCollector written(change.userSettings);
+  if (change.removed) {
+    for (const std::string& name : *change.removed) written.AddGroup(name);
+  }
+  if (change.unset) written.AddUnset(*change.unset);
+  if (change.set) written.AddSet(*change.set);
+  if (change.replaced) written.AddSet(*change.replaced);
+  if (change.recordSet) {
+    for (const auto& member : *change.recordSet) written.AddKey(RecordGroup(), member.first);
+  }
+  if (change.recordErased) {
+    for (const std::string& key : *change.recordErased) written.AddKey(RecordGroup(), key);
+  }
+  return written.Take();
+}
+
+OldSettings TakeWritten(const PlannedChange& change, OldSettings& settings) {
+  OldSettings taken;
+  for (const auto at : Touch(change).Find(settings)) taken.insert(taken.end(), settings.extract(at));
+  return taken;
+}
+
+bool WritesAny(const PlannedChange& change, const OldSettings& settings) {
+  return !Touch(change).Find(settings).empty();
+}
+
+Amendment MakeRevert(const OldSettings& settings, const IniFile& userSettings) {
+  Amendment revert;
+  for (const auto& [name, old] : settings) {
+    if (!name.key) {
+      RevertGroup(name.group, old.has_value(), userSettings, revert);
+      continue;
+    }
+    const std::string* const now = FindKey(FindGroup(userSettings, name.group), *name.key);
+    if (old && !(now && *now == *old)) revert.set[name.group][*name.key] = *old;
+    if (!old && now) revert.unset[name.group][*name.key];
+  }
+  return revert;
+}
+
+}  // namespace tavix::daemon

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <chrono>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "programs/server/trials/TrialBook.h"
+#include "tavix/settings/Amendment.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeOrigin.h"
+#include "tavix/settings/server/RefusedChange.h"
+#include "tavix/settings/server/SettingsManager.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/MemoryPersister.h"
+
+namespace tavix::test {
+
+// A store in memory with a book of trials, whose clock stands still. The book's lines are kept as a journal keeps them.
+class TriedStore : private MemoryPersister {
+ public:
+  using Client = settings::server::ClientIdentity;
+
+  static constexpr size_t kMaxTrials = 3;
+
+  explicit TriedStore(const std::string& user = "", const std::string& defaults = "")
+      : MemoryPersister({defaults}, user) {}
+
+  static Client ClientOf(uid_t user) { return {Client::Connection::kUnix, user, 100, 812}; }
+  static Client Tcp() { return {Client::Connection::kTcp}; }
+
+  // trial: as a client sends it. Valid until the next call.
+  settings::server::ChangeOrigin Origin(const std::string& trial) {
+    _trial = trial;
+    return {client, "merge", {}, _trial};
+  }
+
+  void Try(const std::string& trial, const std::string& settings) {
+    manager.MergeSettings(DocumentOf(settings), 0, Origin(trial), ticket);
+  }
+  void TryToOverwrite(const std::string& trial, const std::set<std::string>& groups, const std::string& settings) {
+    manager.OverwriteSettings(groups, DocumentOf(settings), Origin(trial), ticket);
+  }
+  void TryToRestore(const std::string& trial, const std::string& pattern) {
+    settings::common::GroupNameMatcher matcher;
+    matcher.AddNameOrPattern(pattern);
+    manager.RestoreToDefaults(matcher, Origin(trial), ticket);
+  }
+  void TryToAmend(const std::string& trial, const settings::Amendment& amendment) {
+    static_cast<void>(manager.Amend(amendment, Origin(trial), ticket));
+  }
+
+  // Returns why it was refused; empty: it was not.
+  std::string TryToTry(const std::string& trial, const std::string& settings) {
+    return ReasonOf([&] { Try(trial, settings); });
+  }
+  std::string TryToTry(const std::string& trial, const std::string& settings, const Client& other) {
+    const Client own = std::exchange(client, other);
+    const std::string reason = TryToTry(trial, settings);
+    client = own;
+    return reason;
+  }
+  std::string TryToConfirm(const std::string& name, const Client& other) {
+    return ReasonOf([&] { lines += book.Confirm(name, other, now); });
+  }
+
+  void Merge(const std::string& settings) { manager.MergeSettings(DocumentOf(settings), 0); }
+  void Confirm(const std::string& name) { lines += book.Confirm(name, client, now); }
+
+  settings::Amendment PlanRevert(const std::string& name) {
+    settings::Amendment revert;
+    manager.ReadUserSettings([&](const core::IniFile& user) { revert = book.PlanRevert(name, user); });
+    return revert;
+  }
+  void CarryOutRevert(const std::string& name, const settings::Amendment& revert) {
+    settings::server::ChangeOrigin origin{client, "revert", {}, name};
+    origin.isRevert = true;
+    static_cast<void>(manager.Amend(revert, origin, ticket));
+  }
+  void Revert(const std::string& name) { CarryOutRevert(name, PlanRevert(name)); }
+
+  std::string GetUser() const {
+    std::string text;
+    manager.ReadUserSettings([&](const core::IniFile& user) { text = TextOf(user); });
+    return text;
+  }
+  std::string GetSeen() const {
+    core::IniFile seen;
+    manager.GetGroups(seen, "*");
+    return TextOf(seen);
+  }
+  std::string GetState(const std::string& name) {
+    const auto& trials = book.GetTrials(now);
+    const auto trial = trials.find(name);
+    return trial == trials.end() ? "none" : daemon::NameOf(trial->second.state);
+  }
+
+  // The book after a restart from the lines so far.
+  daemon::TrialBook Restart() const {
+    daemon::TrialBook restarted(kMaxTrials);
+    restarted.Load(lines);
+    return restarted;
+  }
+
+  daemon::TrialBook book{kMaxTrials};
+  daemon::TrialBook::Time now{std::chrono::hours(1)};
+  Client client = ClientOf(1000);
+  settings::server::ChangeTicket ticket = 0;
+  std::string lines;
+
+ private:
+  template <class Action>
+  static std::string ReasonOf(Action action) {
+    try {
+      action();
+    } catch (const settings::server::RefusedChange& refusal) {
+      return refusal.what();
+    }
+    return "";
+  }
+
+  void PrepareChange(const settings::server::PlannedChange& change) override { book.Prepare(change, now); }
+
+  settings::server::ChangeTicket SaveChange(const SavedChange& change) override {
+    lines += book.Commit(++_revision);
+    return MemoryPersister::SaveChange(change);
+  }
+
+  std::string _trial;
+  uint64_t _revision = 0;
+
+ public:
+  settings::server::SettingsManager manager{this, nullptr, nullptr, false};  // last: it is loaded through the above
+};
+
+}  // namespace tavix::test
