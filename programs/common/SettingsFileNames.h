@@ -27,6 +27,11 @@ inline std::string BackupOf(const std::string& path) {
   return path + ".bak";
 }
 
+// What was on trial when the file was written.
+inline std::string TrialsOf(const std::string& path) {
+  return path + ".trials";
+}
+
 // On its way to take a file's place.
 inline std::string NewFileOf(const std::string& path) {
   return path + ".new";

@@ -33,11 +33,11 @@ class ChangeInParts {
   // have theirs.
   bool MakePart(const core::IniFile& layer);
 
-  // Whether no group was added.
-  bool IsEmpty() const { return _texts.empty() && _missing.empty() && _added.IsEmpty(); }
+  // Whether nothing is to be written.
+  bool IsEmpty() const { return _texts.empty() && _missing.empty() && _added.IsEmpty() && _history.empty(); }
 
-  // Entries of the history, to be written before the two texts.
-  void SetHistory(std::string entries) { _history = std::move(entries); }
+  // Lines about trials and entries of the history, to be written before the two texts.
+  void SetHistory(std::string lines) { _history = std::move(lines); }
 
   RecordLine Seal();
 

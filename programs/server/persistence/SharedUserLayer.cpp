@@ -7,6 +7,7 @@
 
 #include "programs/server/persistence/LargeChange.h"
 #include "programs/server/persistence/SaveFailure.h"
+#include "programs/server/trials/SharedTrials.h"
 #include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
@@ -50,17 +51,50 @@ DurabilityGate::Ticket SharedUserLayer::Save(const SavedChange& saved) {
   const bool isLarge = IsLarge(saved, history.lines);
   std::optional<Change> change;
   if (!isLarge) change = TryToDescribe(saved.userSettings, saved.changedGroups, saved.added);
-  const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   const osa::PlainMutexLock lock(_mutex);
+  std::string entry;
+  if (history.isDifferent) entry = _history.Add(std::move(history.lines));
+  if (_setup.trials) _setup.trials->Commit(history.isDifferent ? _history.GetLast() : 0);
+  if (change) change->history = std::move(entry);
+  return Write(saved, std::move(change), isLarge);
+}
+
+DurabilityGate::Ticket SharedUserLayer::SaveTrial(const std::function<void()>& end) {
+  static const core::IniFile none;
+  const osa::PlainMutexLock lock(_mutex);
+  end();
+  return Write({none, {}, none, {}}, Change(), false);
+}
+
+DurabilityGate::Ticket SharedUserLayer::Write(const SavedChange& saved, std::optional<Change> change, bool isLarge) {
+  if (change && !TryToAddTrials(*change)) change.reset();
+  const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
   const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
   const Ticket ticket =
       _notes.Note(saved.changedGroups, saved.added, steps.holdsChange, steps.write == Steps::Write::kLater);
-  std::string entry;
-  if (history.isDifferent) entry = _history.Add(std::move(history.lines));
-  if (change) change->history = std::move(entry);
   Perform(steps, kOutOfMemory);
   if (steps.write == Steps::Write::kAppend || steps.write == Steps::Write::kOpenJournal) Append(steps.write, *change);
   return ticket;
+}
+
+// A record takes along all lines about trials that the journal lacks, as a rule its own. False: memory is refused.
+bool SharedUserLayer::TryToAddTrials(Change& change) {
+  if (!_setup.trials) return true;
+  try {
+    change.history.insert(0, _setup.trials->GetUnjournaled());
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+std::string SharedUserLayer::SpellUnjournaled() {
+  return (_setup.trials ? _setup.trials->GetUnjournaled() : std::string()) + _history.GetUnjournaled();
+}
+
+void SharedUserLayer::OnJournaled() {
+  _history.OnJournaled();
+  if (_setup.trials) _setup.trials->OnJournaled();
 }
 
 // In a batch it is written with the changes behind it, where nobody is shown a change before it is synced.
@@ -72,7 +106,7 @@ void SharedUserLayer::Append(Steps::Write write, const Change& change) {
     } else {
       _journal->Append(change, isBatched ? Journal::Write::kBuffered : Journal::Write::kAtOnce);
     }
-    _history.OnJournaled();
+    OnJournaled();
     Perform(_state.OnAppended(_journal->GetEnd()));
   } catch (const std::exception& exception) {
     Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
@@ -82,6 +116,7 @@ void SharedUserLayer::Append(Steps::Write write, const Change& change) {
 // Old values count as well: they are written with the new ones.
 bool SharedUserLayer::IsLarge(const SavedChange& change, const std::optional<HistoryLines>& history) const {
   return (history && history->change.size() > _setup.largeChange) ||
+         (_setup.trials && _setup.trials->CountPreparedBytes() > _setup.largeChange) ||
          IsLargeChange(change.userSettings, change.changedGroups, change.added, _setup.largeChange);
 }
 
@@ -210,7 +245,7 @@ CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<N
   if (pending.Count() > kFewGroups && !isLast) return CloseResult::kMore;
   change.Add(pending.TakeChanges());
   while (change.MakePart(layer)) continue;
-  change.SetHistory(_history.GetUnjournaled());
+  change.SetHistory(SpellUnjournaled());
   const RecordLine line = change.Seal();
   if (!_journal) OpenJournal({});
   if (line.CountRecordBytes() <= _setup.largeChange) {
@@ -220,7 +255,7 @@ CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<N
   WriteBatch();
   if (!_journal) return CloseResult::kDone;  // it failed
   _journal->BeginAppend(line);
-  _history.OnJournaled();
+  OnJournaled();
   record = {_journal, _state.OnLateWriteBegun()};
   if (_watch.Begin(Clock::now())) _wakeSnapshot.notify_one();
   return CloseResult::kToWrite;

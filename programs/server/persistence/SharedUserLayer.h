@@ -71,6 +71,9 @@ class SharedUserLayer : private ChangeBatch::IMember {
   using SavedChange = settings::server::ISettingsPersister::SavedChange;
   Ticket Save(const SavedChange& change);
 
+  // As UserSettingsPersister. end: called under the mutex.
+  Ticket SaveTrial(const std::function<void()>& end);
+
   // Ends the waits of both threads.
   void Stop();
 
@@ -170,6 +173,10 @@ class SharedUserLayer : private ChangeBatch::IMember {
   void WriteBatch() TAVIX_REQUIRES(_mutex);
   bool MustWakeSync() const TAVIX_REQUIRES(_mutex);
   std::optional<Clock::time_point> FindSyncTime() const TAVIX_REQUIRES(_mutex);
+  Ticket Write(const SavedChange& saved, std::optional<Change> change, bool isLarge) TAVIX_REQUIRES(_mutex);
+  bool TryToAddTrials(Change& change) TAVIX_REQUIRES(_mutex);
+  std::string SpellUnjournaled() TAVIX_REQUIRES(_mutex);
+  void OnJournaled() TAVIX_REQUIRES(_mutex);
   void Append(Steps::Write write, const Change& change) TAVIX_REQUIRES(_mutex);
   bool IsLarge(const SavedChange& change, const std::optional<HistoryLines>& history) const;
   void OpenJournal(const std::vector<Change>& changes) TAVIX_REQUIRES(_mutex);

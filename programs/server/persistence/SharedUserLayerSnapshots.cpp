@@ -7,6 +7,7 @@
 #include "programs/server/persistence/LargeChange.h"
 #include "programs/server/persistence/SaveFailure.h"
 #include "programs/server/persistence/SharedUserLayer.h"
+#include "programs/server/trials/SharedTrials.h"
 
 namespace tavix::daemon {
 
@@ -51,9 +52,10 @@ ChangedGroups::Changes SharedUserLayer::TakeChanges() {
 SnapshotMoment SharedUserLayer::BeginSnapshot() {
   const osa::PlainMutexLock lock(_mutex);
   WriteBatch();
+  SnapshotMoment moment;
+  if (_setup.trials) moment.trials = _setup.trials->BeginSnapshot();
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
   _history.BeginSnapshot();
-  SnapshotMoment moment;
   moment.revision = _history.GetLast();
   moment.last = begin.last;
   moment.end.generation = begin.generation;
@@ -100,13 +102,15 @@ void SharedUserLayer::FailSnapshot(const char* reason) {
   _setup.onSave(false, 0);
   const osa::PlainMutexLock lock(_mutex);
   _notes.GetChanged().End();
+  if (_setup.trials) _setup.trials->FailSnapshot();
   if (_journal) _journal->FillAgain();
   Perform(_state.OnSnapshotFailed(Clock::now()), reason);
 }
 
 bool SharedUserLayer::NeedsNextJournal() {
   const osa::PlainMutexLock lock(_mutex);
-  return _notes.GetChanged().Count() > 0 || (_journal && !_state.IsStopping());
+  const bool hasTrialLines = _setup.trials && !_setup.trials->GetUnjournaledByNext().empty();
+  return _notes.GetChanged().Count() > 0 || hasTrialLines || (_journal && !_state.IsStopping());
 }
 
 // The current journal takes its place first, synced or not: its name on the way is the next one's.
@@ -135,7 +139,10 @@ std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInPar
   if (_notes.GetChanged().Count() > kFewGroups && !isLast) return std::nullopt;
   change.Add(_notes.GetChanged().TakeChanges());
   while (change.MakePart(layer)) continue;
-  change.SetHistory(_history.GetUnjournaledByNext());
+  std::string lines;
+  if (_setup.trials) lines = _setup.trials->GetUnjournaledByNext();
+  change.SetHistory(lines + _history.GetUnjournaledByNext());
+  if (_setup.trials) _setup.trials->OnNextJournaled();
   _history.OnNextJournaled();
   return _state.GetLast();
 }
@@ -147,6 +154,7 @@ void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shar
   _failedJournal.reset();
   _notes.FollowSnapshot();
   _history.Follow();
+  if (_setup.trials) _setup.trials->Follow();
   const JournalNames::Number number = _journal ? _state.GetNames().GetOwner() : 0;
   Perform(_state.OnFollowed(snapshot, number, last, _journal ? _journal->GetEnd() : 0));
 }
@@ -158,6 +166,7 @@ void SharedUserLayer::FailToFollow(const UserLayerState::Snapshot& snapshot, con
     const osa::PlainMutexLock lock(_mutex);
     mayRemove = _state.GetNames().ReleaseNext();
     _notes.GetChanged().End();
+    if (_setup.trials) _setup.trials->FailSnapshot();
     if (_journal) _journal->FillAgain();
     Perform(_state.OnFollowFailed(snapshot, Clock::now()), reason);
   }

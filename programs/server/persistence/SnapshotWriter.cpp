@@ -18,10 +18,11 @@ constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 }  // namespace
 
 SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, HistoryFile& history,
-                               LayerReader readLayer)
+                               TrialFile& trials, LayerReader readLayer)
     : _layer(layer),
       _files(files),
       _history(history),
+      _trials(trials),
       _readLayer(std::move(readLayer)),
       _thread(std::make_unique<programs::LoopThread>("Snapshot", [this] { Run(); })) {}
 
@@ -73,6 +74,7 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   text.snapshot.id = daemon::EndSnapshot(out, moment.end);
   text.snapshot.last = moment.last;
   text.revision = moment.revision;
+  text.trials = std::move(moment.trials);
   text.time = moment.end.written;
   text.bytes = out.GetText();
   text.snapshot.bytes = text.bytes.size();
@@ -85,9 +87,7 @@ void SnapshotWriter::Replace(const Text& text) {
   enum class Room { kAsItIs, kWithoutFilling, kWithoutBackup };
   for (Room room = Room::kAsItIs;; room = room == Room::kAsItIs ? Room::kWithoutFilling : Room::kWithoutBackup) {
     try {
-      for (const std::string& notice : _files.ReplaceSnapshot(text.bytes, text.time))
-        _layer.GetLog().AddWarning(notice.c_str());
-      return;
+      return ReplaceOnce(text);
     } catch (const NoRoom&) {
       if (room == Room::kAsItIs) {
         _layer.GiveRoomBack(text.bytes.size());
@@ -96,6 +96,21 @@ void SnapshotWriter::Replace(const Text& text) {
       }
     }
   }
+}
+
+// What is on trial is known for the snapshot before it takes its place.
+void SnapshotWriter::ReplaceOnce(const Text& text) {
+  _trials.Write(text.snapshot.id, text.trials);
+  const size_t replaced = _files.CountReplaced();
+  std::exception_ptr failure;
+  try {
+    for (const std::string& notice : _files.ReplaceSnapshot(text.bytes, text.time))
+      _layer.GetLog().AddWarning(notice.c_str());
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (_files.CountReplaced() > replaced) _trials.OnReplaced();
+  if (failure) std::rethrow_exception(failure);
 }
 
 bool SnapshotWriter::RemoveBackup() {

@@ -14,6 +14,8 @@
 
 namespace tavix::daemon {
 
+class SharedTrials;
+
 // Where the user layer is kept, and what is called when something becomes of it. The observers are called from any
 // thread, which may hold the store's lock and the persister's: they must not take either, nor wait.
 struct UserLayerSetup {
@@ -46,6 +48,9 @@ struct UserLayerSetup {
 
   // What the history may take on the disk; 0: there is none.
   size_t historyBytes = 0;
+
+  // Outlives the persister; null: nothing is put on trial.
+  SharedTrials* trials = nullptr;
 };
 
 }  // namespace tavix::daemon

@@ -48,6 +48,7 @@ struct SnapshotMoment {
   SnapshotEnd end;  // without the time
   UserLayerState::Ticket last = 0;
   uint64_t revision = 0;  // of the last change
+  std::string trials;     // that are pending, as lines
 };
 
 }  // namespace tavix::daemon

@@ -10,6 +10,7 @@
 #include "programs/server/persistence/LongLine.h"
 #include "programs/server/persistence/PieceWriter.h"
 #include "programs/server/persistence/StartReads.h"
+#include "programs/server/trials/TrialText.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -77,6 +78,7 @@ JournalReader Replay(const FoundJournal& journal, FoundUserSettings& found) {
     if (begin < journal.changesFrom) continue;
     ApplyChange(found.settings, reader.GetRemoved(), reader.GetSet(), reader.Extends());
     found.history.Add(reader.GetRemoved(), reader.GetSet(), false);
+    found.trials += TakeTrialLines(reader.GetRemoved());
   }
   return reader;
 }
@@ -287,6 +289,7 @@ std::vector<std::string> UserSettingsFiles::ReplaceSnapshot(const std::string& t
     throw;
   }
   // The new one stands from here on, even if the sync of its name fails: it is the one that the next backup is made of.
+  ++_replaced;
   _synced = Synced::kYes;
   _isDamaged = false;
   _damagedIsKept = false;

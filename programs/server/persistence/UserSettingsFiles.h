@@ -25,6 +25,7 @@ struct FoundUserSettings {
   bool isAbsent = false;
   bool mustBeWritten = false;  // what was read stands nowhere as a whole
   FoundHistory history;
+  std::string trials;                 // the journal's lines about trials, behind the snapshot
   std::vector<std::string> notices;   // what is worth knowing
   std::vector<std::string> problems;  // what was damaged, and what became of it
 };
@@ -68,6 +69,9 @@ class UserSettingsFiles {
   // whole. Returns what is worth knowing.
   std::vector<std::string> ReplaceSnapshot(const std::string& text, int64_t written);
 
+  // How many snapshots took their place so far, also where what followed failed.
+  size_t CountReplaced() const { return _replaced; }
+
   // After a snapshot that holds everything.
   void RemoveJournals();
 
@@ -105,6 +109,7 @@ class UserSettingsFiles {
   FileSystem& _files;
   const std::string _path;
   Synced _synced = Synced::kUnknown;
+  size_t _replaced = 0;
   bool _isDamaged = false;      // what stands at the path is not worth being the backup
   bool _damagedIsKept = false;  // under another name
   std::vector<std::string> _notices;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "programs/server/persistence/SaveFailure.h"
+#include "programs/server/trials/SharedTrials.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/server/SettingsCombiner.h"
 
@@ -16,6 +17,7 @@ UserSettingsPersister::UserSettingsPersister(UserLayerSetup setup, ILayerSources
     : _sources(sources),
       _files(setup.files, setup.path),
       _history(setup.files, setup.path, setup.historyBytes),
+      _trials(setup.files, setup.path),
       _layer(std::move(setup)),
       _keptHistory(_layer, _history) {}
 
@@ -37,6 +39,7 @@ void UserSettingsPersister::LoadUserSettings(SettingsCombiner& combiner) {
     _layer.Load(found);
   }
   if (isNewJournalLeft) _files.RemoveNewJournal();
+  if (_layer.GetSetup().trials) LoadTrials(found);
   const core::Logger* const log = core::Logger::GetLogger("UserSettings");
   for (const std::string& problem : found.problems) log->Error("%s", problem.c_str());
   for (const std::string& notice : found.notices) log->Warning("%s", notice.c_str());
@@ -60,6 +63,12 @@ void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
   _layer.DropHistoryUpTo(found.history.GetRevision());
 }
 
+void UserSettingsPersister::LoadTrials(FoundUserSettings& found) {
+  SharedTrials& trials = *_layer.GetSetup().trials;
+  trials.Load(_trials.Load(found.snapshot, found.problems));
+  trials.Load(found.trials);
+}
+
 void UserSettingsPersister::SaveUserSettings(const IniFile& userSettings) {
   std::set<std::string> all;
   for (const auto& group : userSettings) all.insert(all.end(), group.first);
@@ -78,8 +87,14 @@ DurabilityGate::Ticket UserSettingsPersister::SaveAddedSettings(const IniFile& u
 }
 
 DurabilityGate::Ticket UserSettingsPersister::SaveChange(const SavedChange& change) {
-  if (change.changedGroups.empty() && change.added.IsEmpty()) return 0;
+  const SharedTrials* const trials = _layer.GetSetup().trials;
+  const bool isAboutTrials = trials && trials->IsPrepared();
+  if (change.changedGroups.empty() && change.added.IsEmpty() && !isAboutTrials) return 0;
   return _layer.Save(change);
+}
+
+void UserSettingsPersister::PrepareChange(const settings::server::PlannedChange& change) {
+  if (_layer.GetSetup().trials) _layer.GetSetup().trials->Prepare(change);
 }
 
 bool UserSettingsPersister::NeedsOldSettings() const {
@@ -92,7 +107,7 @@ DurabilityGate::Ticket UserSettingsPersister::FindLastTicket(const settings::com
 
 void UserSettingsPersister::Start(LayerReader readLayer) {
   _syncer = std::make_unique<JournalSyncer>(_layer, readLayer);
-  _snapshotWriter = std::make_unique<SnapshotWriter>(_layer, _files, _history, std::move(readLayer));
+  _snapshotWriter = std::make_unique<SnapshotWriter>(_layer, _files, _history, _trials, std::move(readLayer));
 }
 
 void UserSettingsPersister::Stop() {

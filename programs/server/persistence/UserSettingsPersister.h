@@ -79,7 +79,12 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
                                            const core::IniFile& added) override;
   DurabilityGate::Ticket SaveChange(const SavedChange& change) override;
   bool NeedsOldSettings() const override;
+  void PrepareChange(const settings::server::PlannedChange& change) override;
   DurabilityGate::Ticket FindLastTicket(const settings::common::GroupNameMatcher& groups) override;
+
+  // Saves what becomes of a trial without a change. end: does it in the setup's trials; may throw. Under the store's
+  // read lock. Returns a ticket, as a save does.
+  DurabilityGate::Ticket SaveTrial(const std::function<void()>& end) { return _layer.SaveTrial(end); }
 
   // Begins to write; readLayer: is called until Finish.
   void Start(LayerReader readLayer);
@@ -103,10 +108,12 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
  private:
   bool WriteTheLast();
   void LoadHistory(FoundUserSettings& found);
+  void LoadTrials(FoundUserSettings& found);
 
   ILayerSources& _sources;
   UserSettingsFiles _files;
   HistoryFile _history;
+  TrialFile _trials;
   SharedUserLayer _layer;
   const KeptHistory _keptHistory;
   std::unique_ptr<JournalSyncer> _syncer;           // null: not started

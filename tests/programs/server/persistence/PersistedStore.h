@@ -41,7 +41,8 @@ class PersistedStore : private daemon::ILayerSources {
  public:
   // files: outlive the store. defaults: settings text. longDiskWork: as UserLayerSetup.
   PersistedStore(daemon::FileSystem& files, daemon::Durability durability, std::string defaults = "",
-                 std::chrono::milliseconds longDiskWork = std::chrono::hours(1), size_t historyBytes = 0)
+                 std::chrono::milliseconds longDiskWork = std::chrono::hours(1), size_t historyBytes = 0,
+                 daemon::SharedTrials* trials = nullptr)
       : _defaults(std::move(defaults)),
         _persister({files,
                     kUserFile,
@@ -53,7 +54,8 @@ class PersistedStore : private daemon::ILayerSources {
                     longDiskWork,
                     {},
                     kMinJournal,
-                    historyBytes},
+                    historyBytes,
+                    trials},
                    *this),
         _manager(&_persister, nullptr, nullptr, false) {
     _persister.Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
@@ -62,6 +64,7 @@ class PersistedStore : private daemon::ILayerSources {
   ~PersistedStore() override { Crash(); }
 
   settings::server::SettingsManager& GetManager() { return _manager; }
+  daemon::UserSettingsPersister& GetPersister() { return _persister; }
   daemon::DurabilityGate& GetGate() { return _persister.GetGate(); }
   const daemon::KeptHistory* GetHistory() const { return _persister.GetHistory(); }
   void LimitEnd(std::chrono::milliseconds limit, daemon::UserSettingsPersister::LateEnd onLate) {
