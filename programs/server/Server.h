@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "programs/common/Signals.h"
+#include "programs/server/TimedReverts.h"
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/EventLoop.h"
 #include "programs/server/connections/Listener.h"
@@ -23,6 +24,7 @@
 #include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
 #include "programs/server/options/Options.h"
+#include "programs/server/store/TrialWords.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -104,7 +106,9 @@ class Server {
   Entry _entry = Entry::kOpen;
   Clock::time_point _waitsSince{};  // for a place
   SlowLane _lane;
-  osa::PlainMutex _probeMutex;  // held while loops are probed, and while they end
+  std::optional<TrialWords> _trialWords;      // empty: nothing is put on trial
+  std::optional<TimedReverts> _timedReverts;  // likewise
+  osa::PlainMutex _probeMutex;                // held while loops are probed, and while they end
   std::vector<std::unique_ptr<EventLoop>> _loops TAVIX_GUARDED_BY(_probeMutex);
 };
 

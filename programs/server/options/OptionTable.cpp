@@ -21,6 +21,7 @@ constexpr auto kMaxLimit =
 constexpr unsigned long long kMaxWork = 1ull << 60;
 constexpr size_t kMaxSeconds = 24 * 60 * 60;
 constexpr size_t kMaxLoops = 64;
+constexpr size_t kMaxTrials = 1024;
 
 template <class Member>
 Apply Text(Member member) {
@@ -44,6 +45,13 @@ Apply LogFlag(bool LogOptions::*member) {
 
 Apply Number(size_t Options::*member, size_t most) {
   return [=](Options& options, const std::string& value) { options.*member = ParseNumber(value, most); };
+}
+
+// 0: none.
+Apply NumberOrNone(size_t Options::*member, size_t max) {
+  return [=](Options& options, const std::string& value) {
+    options.*member = static_cast<size_t>(ParseLongNumber(value, 0, max));
+  };
 }
 
 Apply Limit(size_t Limits::*limit) {
@@ -150,6 +158,10 @@ std::vector<OptionEntry> MakeTable() {
        "keep who changed what in them, and what it was before, in so many bytes beside them, from 16 KiB to 64 MiB; 0: "
        "not at all (0)",
        SetHistory},
+      {"", "trials", "N", Kind::kValue, true,
+       "changes of them that may be on trial at once: each goes back by itself unless it is confirmed in time. 0: none "
+       "(16)",
+       NumberOrNone(&Options::trials, kMaxTrials)},
       {"", "stop-timeout", "S", Kind::kValue, true,
        "how long the daemon waits for the disk when it is ended; what is not saved then is lost (10)",
        Number(&Options::stopSeconds, kMaxSeconds)},

@@ -27,9 +27,14 @@ class UnsavedLayers : public settings::server::ISettingsPersister {
   SettingsSources& _sources;
 };
 
+bool IsPersisted(const Options& options) {
+  return !options.userSettings.empty() && options.action != Options::Action::kCheck;
+}
+
+// trials: null when nothing is persisted.
 std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, const Options& options,
-                                                     Counters& counters) {
-  if (options.userSettings.empty() || options.action == Options::Action::kCheck) return nullptr;
+                                                     Counters& counters, SharedTrials* trials) {
+  if (!trials) return nullptr;
   const auto count = [&counters](bool succeeded, size_t bytes) {
     if (succeeded) {
       counters.CountSave(bytes);
@@ -43,6 +48,7 @@ std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, c
   const auto noteFailure = [&counters](std::string_view reason) { counters.failure.Set(reason); };
   UserLayerSetup setup{GetSystemFiles(), options.userSettings, options.durability, count, noteUnsaved, noteFailure};
   setup.historyBytes = options.historyBytes;
+  setup.trials = trials;
   return std::make_unique<UserSettingsPersister>(setup, sources);
 }
 
@@ -51,12 +57,16 @@ std::unique_ptr<UserSettingsPersister> MakePersister(SettingsSources& sources, c
 SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, Counters& counters)
     : _maxStopTime(options.stopSeconds),
       _maxBytes(options.limits.storeBytes),
-      _userSettings(MakePersister(sources, options, counters)),
+      _mayTry(options.trials > 0),
+      _sharedTrials(IsPersisted(options) ? std::make_unique<SharedTrials>(options.trials) : nullptr),
+      _userSettings(MakePersister(sources, options, counters, _sharedTrials.get())),
       _unsaved(_userSettings ? nullptr : std::make_unique<UnsavedLayers>(sources)),
-      _manager(_userSettings ? _userSettings.get() : _unsaved.get(), &sources, nullptr, false) {
+      _manager(_userSettings ? _userSettings.get() : _unsaved.get(), &sources, nullptr, false),
+      _trials(_userSettings ? std::make_unique<StoreTrials>(_manager, *_userSettings, *_sharedTrials) : nullptr) {
   _manager.SetMaxBytes(_maxBytes);
   _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
   if (_userSettings) _userSettings->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
+  if (_trials) _trials->RevertAll();  // what a crash or a power cut left pending
 }
 
 SettingsStore::~SettingsStore() {
@@ -79,6 +89,7 @@ void SettingsStore::LimitEnd(const std::function<void(bool isSaved)>& onLate) {
 }
 
 bool SettingsStore::Finish() {
+  if (_trials) _trials->RevertAll();
   return !_userSettings || _userSettings->Finish();
 }
 

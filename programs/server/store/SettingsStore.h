@@ -10,6 +10,8 @@
 #include "programs/server/options/Options.h"
 #include "programs/server/persistence/UserSettingsPersister.h"
 #include "programs/server/store/SettingsSources.h"
+#include "programs/server/store/StoreTrials.h"
+#include "programs/server/trials/SharedTrials.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/SettingsManager.h"
 
@@ -42,20 +44,26 @@ class SettingsStore {
   // What is known of earlier changes; null when no history is kept.
   const KeptHistory* GetHistory() const { return _userSettings ? _userSettings->GetHistory() : nullptr; }
 
+  // What can be put on trial; null when nothing can.
+  StoreTrials* GetTrials() { return _mayTry ? _trials.get() : nullptr; }
+
   // The daemon ends from now on. onLate: is called on another thread when Finish has not returned within
   // --stop-timeout; it may end the process.
   void LimitEnd(const std::function<void(bool isSaved)>& onLate);
 
-  // Once nothing is changed any more: leaves the user settings as one file. False when the last changes could not be
-  // saved.
+  // Once no client changes anything any more: reverts what is on trial, and leaves the user settings as one file. False
+  // when the last changes could not be saved.
   bool Finish();
 
  private:
   const std::chrono::seconds _maxStopTime;
   const size_t _maxBytes;
+  const bool _mayTry;
+  const std::unique_ptr<SharedTrials> _sharedTrials;                     // null: nothing is persisted
   const std::unique_ptr<UserSettingsPersister> _userSettings;            // null: nothing is persisted
   const std::unique_ptr<settings::server::ISettingsPersister> _unsaved;  // null: changes are persisted
   settings::server::SettingsManager _manager;
+  const std::unique_ptr<StoreTrials> _trials;  // null: nothing is persisted
 };
 
 }  // namespace tavix::daemon

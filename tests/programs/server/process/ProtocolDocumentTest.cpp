@@ -134,9 +134,11 @@ TEST(ProtocolDocument, EveryRequestHasATranscript) {
     }
   }
   for (const char* request :
-       {"get delimited\n", "get\n", "merge\n", "merge nopersist\n", "test-and-merge\n", "overwrite\n", "restore\n",
-        "subscribe\n", "serialize ini\n", "serialize phparray\n", "dump\n", "dump all\n", "info subscribed\n",
-        "info features\n", "info whoami\n", "info refused\n", "amend\n", "quit\n"})
+       {"get delimited\n", "get\n",      "merge\n",           "merge nopersist\n", "test-and-merge\n",
+        "overwrite\n",     "restore\n",  "subscribe\n",       "serialize ini\n",   "serialize phparray\n",
+        "dump\n",          "dump all\n", "info subscribed\n", "info features\n",   "info whoami\n",
+        "info refused\n",  "amend\n",    "try 90 t-1\n",      "trial t-3\n",       "confirm t-1\n",
+        "revert t-2\n",    "quit\n"})
     EXPECT_THAT(sent, testing::Contains(request));
 }
 
