@@ -169,8 +169,8 @@ void Server::EndLoops() {
   _loops.clear();
 }
 
-// Signals, the log's limiter, places, trials, then the listeners. Connections that can't be taken now stay in the queues
-// of listeners, which are then not watched.
+// Signals, the log's limiter, places, trials, then the listeners. Connections that can't be taken now stay in the
+// queues of listeners, which are then not watched.
 std::vector<pollfd> Server::FindWatched(const programs::Signals& signals) const {
   std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0},
                               {_logLimiter.GetDescriptor(), POLLIN, 0},

@@ -31,8 +31,8 @@ using tavix::test::DocumentOf;
 using tavix::test::ServedStore;
 using testing::ElementsAre;
 
-// `show` reads, `undo` changes, `search` takes long and is for its client only, `arm` is not answered, `next` is for the
-// next change; `merge` is the protocol's own.
+// `show` reads, `undo` changes, `search` takes long and is for its client only, `arm` is not answered, `next` is for
+// the next change; `merge` is the protocol's own.
 class HostCommands : public IExtraCommands {
  public:
   const Command* Find(std::string_view word) const override {
