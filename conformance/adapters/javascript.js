@@ -1,94 +1,117 @@
 #!/usr/bin/env node
-// The example of a JavaScript client, as a client under test: docs/clients.md.
 'use strict';
 
+// The client under test around examples/javascript/tavix-settings.js: JSON lines from standard input, and to standard
+// output.
+
+const path = require('path');
 const readline = require('readline');
-const { connect, bytes, text } = require('../../examples/javascript/tavix-settings.js');
 
-const FEATURES = [
-  ...['get', 'merge', 'test-and-merge', 'overwrite', 'amend', 'restore', 'watch', 'unwatch', 'flush'],
-  ...['nopersist', 'initial', 'resync', 'once', 'timeout', 'bounded'],
-];
+const CLIENT = path.join(__dirname, '../../examples/javascript/tavix-settings.js');
+const { connect, SettingsError, toBytes, fromBytes } = require(CLIENT);
+
 const PREFIX = 'base64:';
+const LONE_SURROGATE = /\p{Surrogate}/u;
 
-const isText = (latin1) => bytes(text(latin1)) === latin1;
-const toBase64 = (latin1) => Buffer.from(latin1, 'latin1').toString('base64');
-const fromBase64 = (base64) => Buffer.from(base64, 'base64').toString('latin1');
-const nameToJson = (name) => (isText(name) && !name.startsWith(PREFIX) ? text(name) : PREFIX + toBase64(name));
-const nameFromJson = (name) => (name.startsWith(PREFIX) ? fromBase64(name.slice(PREFIX.length)) : bytes(name));
-const valueToJson = (value) => (value === null ? null : isText(value) ? text(value) : { base64: toBase64(value) });
-const valueFromJson = (value) => (typeof value === 'string' ? bytes(value) : fromBase64(value.base64));
+const toBase64 = (text) => toBytes(text).toString('base64');
+const fromBase64 = (text) => fromBytes(Buffer.from(text, 'base64'));
 
-const mapFromJson = (object, fromJson) =>
-  new Map(Object.entries(object || {}).map(([name, value]) => [nameFromJson(name), fromJson(value)]));
-const documentFromJson = (object) => mapFromJson(object, (keys) => mapFromJson(keys, valueFromJson));
-const keysFromJson = (object) => mapFromJson(object, (keys) => keys.map(nameFromJson));
-
-// A prototype's names are names like any other.
-function objectOf(map, toJson) {
-  const object = Object.create(null);
-  for (const [name, value] of map) object[nameToJson(name)] = toJson(value);
-  return object;
-}
-
-const documentToJson = (document) => objectOf(document, (keys) => objectOf(keys, valueToJson));
-const write = (message) => process.stdout.write(JSON.stringify(message) + '\n');
-
-let store = null;
-const watches = new Map();
-
-function writeChange(watch, change) {
-  const { group, key, gone } = change;
-  const place = { group: nameToJson(group), key: key === null ? null : nameToJson(key) };
-  write({ event: 'change', watch, ...place, old: valueToJson(change.old), new: valueToJson(change.new), gone });
-}
-
-const calls = {
-  hello: async () => ({ features: FEATURES }),
-  connect: async (request) => void (store = await connect(request.address, request.timeout_ms)),
-  get: async (request) => ({ groups: documentToJson(await store.get(request.names.map(nameFromJson))) }),
-  merge: (request) => store.merge(documentFromJson(request.change), request.persist !== false),
-  overwrite: (request) => store.overwrite(request.names.map(nameFromJson), documentFromJson(request.change)),
-  restore: (request) => store.restore(request.names.map(nameFromJson)),
-  flush: () => store.flush(),
-  'test-and-merge': async (request) => ({
-    done: await store.testAndMerge(documentFromJson(request.test), documentFromJson(request.change)),
-  }),
-  amend: async (request) => ({
-    done: await store.amend({
-      present: documentFromJson(request.present),
-      absent: keysFromJson(request.absent),
-      set: documentFromJson(request.set),
-      unset: keysFromJson(request.unset),
-      replace: documentFromJson(request.replace),
-    }),
-  }),
-  watch: async (request) => {
-    const number = ++calls.watches;
-    const onChange = (change) => writeChange(number, change);
-    const onResync = () => write({ event: 'resync', watch: number });
-    const names = request.names.map(nameFromJson);
-    watches.set(number, await store.watch(names, onChange, onResync, request.initial === true));
-    return { watch: number };
-  },
-  unwatch: async (request) => {
-    watches.get(request.watch).close();
-    watches.delete(request.watch);
-  },
-  close: () => store.close(),
-  watches: 0,
+const nameIn = (name) => (name.startsWith(PREFIX) ? fromBase64(name.slice(PREFIX.length)) : name);
+const nameOut = (name) => (LONE_SURROGATE.test(name) || name.startsWith(PREFIX) ? PREFIX + toBase64(name) : name);
+const valueIn = (value) => (typeof value === 'string' ? value : fromBase64(value.base64));
+const valueOut = (value) => {
+  if (value === undefined) return null;
+  return LONE_SURROGATE.test(value) ? { base64: toBase64(value) } : value;
 };
 
-async function run() {
-  for await (const line of readline.createInterface({ input: process.stdin })) {
-    const request = JSON.parse(line);
-    try {
-      write({ id: request.id, ok: true, ...(await calls[request.do](request)) });
-    } catch (error) {
-      write({ id: request.id, ok: false, error: error.code || 'INTERNAL', text: error.message });
-    }
-  }
-  if (store) await store.close();
+const namesIn = (names) => names.map(nameIn);
+const groupsIn = (groups, valuesOf) => (
+  new Map(Object.entries(groups ?? {}).map(([name, keys]) => [nameIn(name), valuesOf(keys)])));
+const valuesIn = (keys) => new Map(Object.entries(keys).map(([key, value]) => [nameIn(key), valueIn(value)]));
+const documentIn = (document) => groupsIn(document, valuesIn);
+const keysIn = (groups) => groupsIn(groups, namesIn);
+const valuesOut = (keys) => Object.fromEntries([...keys].map(([key, value]) => [nameOut(key), valueOut(value)]));
+const documentOut = (groups) => Object.fromEntries([...groups].map(([name, keys]) => [nameOut(name), valuesOut(keys)]));
+
+let client;
+let lastWatch = 0;
+const watches = new Map();
+
+const write = (object) => process.stdout.write(`${JSON.stringify(object)}\n`);
+
+function writeChange(watch, { group, key, old, now, isGone }) {
+  write({
+    event: 'change', watch, group: nameOut(group), key: key === undefined ? null : nameOut(key), old: valueOut(old),
+    new: valueOut(now), gone: isGone,
+  });
 }
 
-run();
+const requests = {
+  async connect({ address, timeout_ms: timeout }) {
+    await client?.close();
+    client = connect(address, { timeout });
+  },
+  async get({ names }) {
+    return { groups: documentOut(await client.get(namesIn(names))) };
+  },
+  async merge({ change, persist }) {
+    await client.merge(documentIn(change), { persist });
+  },
+  async 'test-and-merge'({ test, change }) {
+    return { done: await client.testAndMerge(documentIn(test), documentIn(change)) };
+  },
+  async overwrite({ names, change }) {
+    await client.overwrite(namesIn(names), documentIn(change));
+  },
+  async amend({ present, absent, set, unset, replace }) {
+    const done = await client.amend({
+      present: documentIn(present), absent: keysIn(absent), set: documentIn(set), unset: keysIn(unset),
+      replace: documentIn(replace),
+    });
+    return { done };
+  },
+  async restore({ names }) {
+    await client.restore(namesIn(names));
+  },
+  async watch({ names, initial }) {
+    const watch = await client.watch(namesIn(names), { initial });
+    lastWatch += 1;
+    const number = lastWatch;
+    watches.set(number, watch);
+    watch.on('change', (change) => writeChange(number, change));
+    watch.on('resync', () => write({ event: 'resync', watch: number }));
+    return { watch: number };
+  },
+  async unwatch({ watch }) {
+    await watches.get(watch)?.close();
+    watches.delete(watch);
+  },
+  async flush() {
+    await client.flush();
+  },
+  async close() {
+    await client?.close();
+    watches.clear();
+  },
+};
+
+const CAPABILITIES = ['nopersist', 'initial', 'resync', 'once', 'timeout', 'bounded'];
+
+requests.hello = async () => {
+  const names = Object.keys(requests).filter((name) => !['hello', 'connect', 'close'].includes(name));
+  return { features: [...names, ...CAPABILITIES] };
+};
+
+async function answer(line) {
+  const request = JSON.parse(line);
+  const { id } = request;
+  try {
+    write({ id, ok: true, ...await requests[request.do](request) });
+  } catch (error) {
+    write({ id, ok: false, error: error instanceof SettingsError ? error.code : 'INTERNAL', text: error.message });
+  }
+}
+
+const input = readline.createInterface({ input: process.stdin });
+input.on('line', answer);
+input.on('close', () => client?.close());
