@@ -26,29 +26,32 @@ void ClientState::AddIdentity(IniFile::KeyMap& lines) const {
 
 bool ClientState::TakeNote(std::string_view text) {
   _reason.clear();
-  _note.clear();
+  GetNext().note.clear();
   _isNoteRefused = text.size() > kMaxNoteBytes;
   if (_isNoteRefused) {
     Refuse("bound: a note of " + std::to_string(text.size()) + " bytes is longer than the " +
            std::to_string(kMaxNoteBytes) + " allowed");
   } else {
-    _note = text;
+    _next->note = text;
   }
   return !_isNoteRefused;
 }
 
 void ClientState::TakeTrial(std::string_view text) {
   if (!_isNoteRefused) BeginRequest();
-  _trial = text.substr(0, ChangeOrigin::kMaxTrialBytes + 1);
+  GetNext().trial = text.substr(0, ChangeOrigin::kMaxTrialBytes + 1);
 }
 
 ChangeOrigin ClientState::BeginChange(std::string_view command) {
   if (!std::exchange(_isNoteRefused, false)) _reason.clear();
-  _changeNote.clear();
-  _changeNote.swap(_note);
-  _changeTrial.clear();
-  _changeTrial.swap(_trial);
-  return {_identity, command, _changeNote, _changeTrial};
+  _current = std::move(_next);
+  if (!_current) return {_identity, command, {}};
+  return {_identity, command, _current->note, _current->trial};
+}
+
+ClientState::Request& ClientState::GetNext() {
+  if (!_next) _next = std::make_unique<Request>();
+  return *_next;
 }
 
 void ClientState::Refuse(std::string_view reason) {

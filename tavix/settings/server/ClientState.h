@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,12 +51,18 @@ class ClientState {
   void TakeReason(core::IniFile::KeyMap& lines);
 
  private:
+  // What goes with a change.
+  struct Request {
+    std::string note;
+    std::string trial;
+  };
+
+  Request& GetNext();
+
   ClientIdentity _identity;
   std::vector<gid_t> _groups;
-  std::string _note;        // for the next change
-  std::string _changeNote;  // of the change at hand
-  std::string _trial;       // likewise
-  std::string _changeTrial;
+  std::unique_ptr<Request> _next;     // for the next change; few clients have one
+  std::unique_ptr<Request> _current;  // of the change at hand
   std::string _reason;
   bool _isNoteRefused = false;  // that of the next change
 };
