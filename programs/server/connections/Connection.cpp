@@ -292,8 +292,7 @@ bool Connection::OnHangUp() {
   _output->OnPeerGone();
   if (IsInLane() && !TrySkipInLane()) {
     SetWatched(false);
-    _lane->MoveToDeparted(*this);
-    _wasInLaneAsDeparted = true;
+    if (_lane->MoveToDeparted(*this)) _wasInLaneAsDeparted = true;  // else EnterLane is still to add it
   }
   UpdateInterest();
   return true;

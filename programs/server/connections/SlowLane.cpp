@@ -24,12 +24,15 @@ void SlowLane::AddForDeparted(IJob& job, bool isNext) {
   _wake.notify_one();
 }
 
-void SlowLane::MoveToDeparted(IJob& job) {
+bool SlowLane::MoveToDeparted(IJob& job) {
   osa::PlainMutexLock lock(_mutex);
   const auto found = std::find(_waiting.begin(), _waiting.end(), &job);
-  if (found == _waiting.end()) return;
+  if (found == _waiting.end()) {
+    return _running == &job || std::find(_departed.begin(), _departed.end(), &job) != _departed.end();
+  }
   _departed.push_back(&job);
   _waiting.erase(found);
+  return true;
 }
 
 bool SlowLane::TryWithdraw(const IJob& job) {

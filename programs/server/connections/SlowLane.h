@@ -50,9 +50,9 @@ class SlowLane {
   // The same for a client that has left. isNext: before the others, as it has had a job there before.
   void AddForDeparted(IJob& job, bool isNext) TAVIX_EXCLUDES(_mutex);
 
-  // The client of a job has left. Does nothing unless the job waits. Throws std::bad_alloc; then the job waits where it
-  // did.
-  void MoveToDeparted(IJob& job) TAVIX_EXCLUDES(_mutex);
+  // The client of a job has left. Does nothing unless the job waits. False: it neither waits nor runs. Throws
+  // std::bad_alloc; then the job waits where it did.
+  bool MoveToDeparted(IJob& job) TAVIX_EXCLUDES(_mutex);
 
   // Takes the job back if it waits. False: it does not; it may run, or have run.
   bool TryWithdraw(const IJob& job) TAVIX_EXCLUDES(_mutex);

@@ -52,7 +52,7 @@ unsigned long long CountCalls(const std::string& name) {
 // A loop whose clients have a slow lane, in which one request stays for as long as the test wants.
 class RequestInLane : public testing::Test {
  protected:
-  RequestInLane() { _persister.isSlow = true; }
+  explicit RequestInLane(size_t places = 2) : _places(places) { _persister.isSlow = true; }
   ~RequestInLane() override { _lane.Stop(); }
 
   // A place is free shortly after its connection was counted as cut.
@@ -62,6 +62,15 @@ class RequestInLane : public testing::Test {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     _loop->Add(osa::Descriptor(ends[0]));
     return osa::Descriptor(ends[1]);
+  }
+
+  // One that has sent all and has left before the loop sees anything of it.
+  void ConnectAndLeave(const std::string& requests) {
+    EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    EXPECT_TRUE(Send(osa::Descriptor(ends[1]), requests));
+    _loop->Add(osa::Descriptor(ends[0]));
   }
 
   // Returns when the lane works on it.
@@ -102,8 +111,14 @@ class RequestInLane : public testing::Test {
   SlowPersister _persister;
   ConnectionSetup _setup{_persister};
   daemon::SlowLane _lane;
-  daemon::Places _places{2};
+  daemon::Places _places;
   std::unique_ptr<EventLoop> _loop = std::make_unique<EventLoop>(GetShared(), [] {});
+};
+
+// With places for more clients.
+class RequestsOfManyInLane : public RequestInLane {
+ protected:
+  RequestsOfManyInLane() : RequestInLane(8) {}
 };
 
 const std::string kGetA = "get delimited\nA\n.\n";
@@ -222,6 +237,20 @@ TEST_F(RequestInLane, ChangesThatWaitAreMadeInTheirOrderAlthoughTheirClientHasLe
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
   EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\ny=1\nz=2\n");
   EXPECT_EQ(CountCalls("dump"), dumps);
+}
+
+TEST_F(RequestsOfManyInLane, ChangesOfClientsThatLeaveAtOnceAreMadeInTheOrderInWhichTheyCame) {
+  const std::string value(40'000, 'v');
+  const osa::Descriptor slow = Connect();
+  SendSlowRequest(slow);
+  for (int i = 1; i <= 5; ++i) {
+    ConnectAndLeave("merge\n[B]\nlong=" + value + "\ny=" + std::to_string(i) + "\n.\n");
+    AwaitSeen();
+  }
+  EXPECT_EQ(_loop->CountConnections(), 6u);
+  Release();
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
+  EXPECT_EQ(AllSettingsOf(_setup.store), "[A]\nx=1\n[B]\nlong=" + value + "\ny=5\n");
 }
 
 // The store is locked until it is loaded, so the lane waits in the middle of the dump.

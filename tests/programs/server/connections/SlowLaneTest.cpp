@@ -140,8 +140,8 @@ TEST(SlowLane, JobOfAClientThatLeavesMovesToThoseThatHaveLeft) {
   SlowLane lane;
   for (TestJob* job : {&first, &a, &b, &moved}) lane.Add(*job);
   first.started.get_future().wait();
-  lane.MoveToDeparted(first);  // it runs
-  lane.MoveToDeparted(moved);
+  EXPECT_TRUE(lane.MoveToDeparted(first)) << "it runs";
+  EXPECT_TRUE(lane.MoveToDeparted(moved));
   first.released.set_value();
   for (TestJob* job : {&moved, &b}) job->AwaitDone();
   EXPECT_EQ(notes, "0mab");
