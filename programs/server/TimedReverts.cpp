@@ -15,14 +15,17 @@ TimedReverts::~TimedReverts() {
 
 void TimedReverts::OnDue() {
   _trials.AcknowledgeTimer();
+  if (_isQueued.exchange(true)) return;
   try {
     _lane.Add(*this);
   } catch (const std::exception&) {
+    _isQueued = false;
     _trials.RetryLater();
   }
 }
 
 void TimedReverts::Run(const std::function<bool()>&) noexcept {
+  _isQueued = false;  // what becomes due from here on may be missed below
   _trials.RevertDue();
 }
 

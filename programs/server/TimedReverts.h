@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 
 #include "programs/server/connections/SlowLane.h"
@@ -32,7 +33,8 @@ class TimedReverts : private SlowLane::IJob {
 
   StoreTrials& _trials;
   SlowLane& _lane;
-  const osa::Descriptor _done;  // nobody waits for it
+  std::atomic<bool> _isQueued{false};  // in the lane
+  const osa::Descriptor _done;         // nobody waits for it
 };
 
 }  // namespace tavix::daemon

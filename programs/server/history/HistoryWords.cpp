@@ -22,7 +22,7 @@ struct HistoryWords::Word {
 
 const HistoryWords::Word* HistoryWords::FindWord(std::string_view word) {
   static const Word kWords[] = {
-      {"history", {true, false}, &HistoryWords::ShowHistory},
+      {"history", {true, false, true}, &HistoryWords::ShowHistory},
   };
   for (const Word& known : kWords) {
     if (known.name == word) return &known;

@@ -33,6 +33,14 @@ TEST_F(HistoryRequest, ShowsNothingAtFirst) {
   EXPECT_EQ(server.Serve("info features\n"), "Features\n--------\namend\nhistory 0 0\n\n");
 }
 
+TEST(HistoryRequestWord, MayBeSkippedOnceItsClientHasLeft) {
+  HistoryServer server;
+  const auto* const command = server.words.Find("history");
+  ASSERT_NE(command, nullptr);
+  EXPECT_TRUE(command->isLong);
+  EXPECT_TRUE(command->isForClientOnly);
+}
+
 TEST_F(HistoryRequest, ShowsWhatWasAndWhatIs) {
   Merge("[A]\nx=1\ny=1\n");
   server.Serve("note site 4\namend\n.\n.\n[A]\nx=2\n.\n[A]\ny=\n.\n.\n");
