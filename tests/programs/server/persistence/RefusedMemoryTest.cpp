@@ -23,10 +23,16 @@ thread_local size_t allocations = 0;
 
 }  // namespace
 
-void* operator new(size_t size) {
+// Each operator that a sort or a container uses, as what one gives another takes back.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
   void* const memory = size > maxAtOnce ? nullptr : std::malloc(size);
+  if (memory) ++allocations;
+  return memory;
+}
+
+void* operator new(size_t size) {
+  void* const memory = operator new(size, std::nothrow);
   if (!memory) throw std::bad_alloc();
-  ++allocations;
   return memory;
 }
 
