@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A small client under test, and six ways in which clients go wrong: plain_client.py [DEFECT].
+"""A small client under test, and seven ways in which clients go wrong: plain_client.py [DEFECT].
 
 Without a defect it passes the kit. With one it makes the mistake that a case of the kit is there to find; the tests
 make sure that the case does. It has one connection for all, and reads whenever something arrives.
@@ -9,6 +9,7 @@ make sure that the case does. It has one connection for all, and reads whenever 
     resend-write           sends a request again whose reply was lost, a write, too
     first-bracket          ends a group's name at the first "]"
     flush-at-once          answers flush and waits for nothing
+    deaf-unwatch           answers unwatch, and goes on with the watch
     mixed-replies          goes on with its connection after a time-out, so that a late reply meets the next request
 """
 
@@ -228,7 +229,8 @@ class Client:
         return {"watch": number}
 
     def do_unwatch(self, request: Json) -> None:
-        del self._watches[request["watch"]]
+        if self._defect != "deaf-unwatch":
+            del self._watches[request["watch"]]
 
     def _synchronise(self, watch: Watch, announce: bool, number: int = 0) -> None:
         subscribe = b"subscribe\n" + list_of(watch.names)

@@ -3,6 +3,7 @@
 A right client passes, each mistake fails the case that is named for it, and the runner keeps to its own interface.
 """
 
+import json
 import os
 import select
 import shlex
@@ -17,7 +18,10 @@ from pathlib import Path
 FOLDER = Path(__file__).resolve().parent
 sys.path.insert(0, str(FOLDER.parent))
 
+from kit import text
+from kit.byte_json import document_from_json, names_from_json
 from kit.hub import Hub
+from kit.requests import is_match
 
 RUN = FOLDER.parent / "run"
 LIMIT = 900  # seconds
@@ -31,6 +35,7 @@ MISTAKES = {
     "first-bracket": "last-bracket-ends-a-name",
     "mixed-replies": "late-reply-is-dropped",
     "flush-at-once": "flush-waits-for-a-reply",
+    "deaf-unwatch": "unwatched-is-silent",
 }
 
 
@@ -44,6 +49,12 @@ def run(*arguments):
             process.terminate()  # which clears away what it has begun; a kill would not
             raise
         return subprocess.CompletedProcess(words, process.returncode, output, errors)
+
+
+def vectors(name):
+    lines = (FOLDER.parent / name).read_text(encoding="utf-8").splitlines()
+    assert lines
+    return [json.loads(line) for line in lines]
 
 
 def client(*arguments):
@@ -155,6 +166,23 @@ class Kit(unittest.TestCase):
         hub.close()
         for _, far in pairs:
             far.close()
+
+    def test_the_runner_reads_settings_text_as_the_library_does(self):
+        for vector in vectors("text.jsonl"):
+            with self.subTest(vector["text"]):
+                written = bytes.fromhex(vector["text"])
+                if "error" in vector:
+                    self.assertRaises(ValueError, text.parse, written)
+                else:
+                    document = text.parse(written)
+                    self.assertEqual(document, document_from_json(vector["document"]))
+                    self.assertEqual(text.parse(text.write(document)), document)
+
+    def test_the_runner_matches_patterns_as_the_library_does(self):
+        for vector in vectors("patterns.jsonl"):
+            with self.subTest(vector):
+                pattern, name = names_from_json([vector["pattern"], vector["name"]])
+                self.assertEqual(is_match(name, [pattern]), vector["match"])
 
     def test_wrong_usage_ends_with_2(self):
         for arguments in (
