@@ -5,7 +5,8 @@ Both stores send Calls and add nothing to their meaning. No state, any thread.
 
 from __future__ import annotations
 
-from typing import Callable, Dict, Generic, List, Optional, Sequence, Tuple, TypeVar, Union, cast
+import functools
+from typing import Callable, Generic, List, Optional, Sequence, Tuple, TypeVar, Union, cast
 
 from . import _protocol as protocol
 from ._errors import ConditionFailedError, ConnectionLostError, RefusedError
@@ -15,26 +16,25 @@ from ._names import (
     AnyValues,
     Name,
     Names,
-    decode_document,
     is_restricted,
     to_bytes,
     to_document,
     to_keys,
     to_name,
     to_names,
-    to_text,
     to_values,
 )
 from ._protocol import Form
-from ._text import RawDocument
+from ._text import Document, RawDocument, to_text
 
 T = TypeVar("T")
 Replies = Sequence[object]
-Groups = Dict[str, Dict[str, str]]
+Groups = Document
 RawGroups = RawDocument
 
 AMEND = b"amend"
 _REASON = b"reason="
+_MAX_KEPT = 256  # of the names whose requests are kept
 
 
 class Missing:
@@ -69,6 +69,7 @@ class Call(Generic[T]):
 
 
 _DATA = (Form.DATA,)
+_STRINGS = (Form.STRINGS,)
 _RESULT = (Form.RESULT,)
 
 
@@ -76,29 +77,39 @@ def _ignore(_: Replies) -> None:
     return None
 
 
-def _document(reply: object) -> RawDocument:
-    return cast(RawDocument, reply)
+def _take_document(replies: Replies) -> Union[Groups, RawGroups]:
+    return cast(Union[Groups, RawGroups], replies[0])
 
 
 def get(group: Name, key: Name, default: object, raw: bool) -> Call[object]:
     name, raw_key = to_name(group), to_bytes(key, f"a key of group {group!r}")
 
     def finish(replies: Replies) -> object:
-        value = _document(replies[0]).get(name, {}).get(raw_key)
+        if raw:
+            value: object = cast(RawDocument, replies[0]).get(name, {}).get(raw_key)
+        else:
+            value = cast(Document, replies[0]).get(to_text(name), {}).get(to_text(raw_key))
         if value is not None:
-            return value if raw else to_text(value)
+            return value
         if default is MISSING:
             raise KeyError(f"[{to_text(name)}]{to_text(raw_key)}")
         return default
 
-    return Call(protocol.get_request([name]), _DATA, finish)
+    return Call(protocol.get_request([name]), _DATA if raw else _STRINGS, finish)
 
 
 def groups(patterns: Names, raw: bool) -> Call[Union[Groups, RawGroups]]:
-    def finish(replies: Replies) -> Union[Groups, RawGroups]:
-        return _document(replies[0]) if raw else decode_document(_document(replies[0]))
+    if isinstance(patterns, str) and len(patterns) <= _MAX_KEPT:
+        return _groups_of(patterns, raw)
+    return _make_groups(patterns, raw)
 
-    return Call(protocol.get_request(to_names(patterns)), _DATA, finish)
+
+def _make_groups(patterns: Names, raw: bool) -> Call[Union[Groups, RawGroups]]:
+    return Call(protocol.get_request(to_names(patterns)), _DATA if raw else _STRINGS, _take_document)
+
+
+# Programs read the same groups again and again.
+_groups_of = functools.lru_cache(maxsize=64)(_make_groups)
 
 
 def set_values(group: Name, values: AnyValues, expect: Optional[AnyValues]) -> Call[None]:
@@ -191,6 +202,6 @@ def _require_not_refused(replies: Replies) -> None:
 
 def _raise_failed(group: str, reply: object) -> None:
     reason = _find_reason(reply)
-    if reason is not None and "condition" not in reason:
+    if reason is not None and not reason.startswith("condition"):
         raise RefusedError(f"the daemon has refused the change: {reason}")
     raise ConditionFailedError(f"condition failed: group {group!r} holds something else")

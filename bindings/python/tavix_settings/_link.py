@@ -148,7 +148,7 @@ class Link:
         rest: Union[bytes, memoryview] = data
         while True:
             try:
-                sent = self._open().send(rest, socket.MSG_NOSIGNAL)
+                sent = (self._socket or self._open()).send(rest, socket.MSG_NOSIGNAL)
                 if sent == len(rest):
                     return
                 rest = memoryview(rest)[sent:]
@@ -162,9 +162,10 @@ class Link:
         while True:
             if self._readable is None:
                 self._readable = self._make_poll(select.POLLIN)
-            self._wait_for(self._readable, deadline)
+            if not _wait(self._readable, deadline, self._waker, self._address):
+                raise silent(self._address)
             try:
-                return self._open().recv(_CHUNK)
+                return (self._socket or self._open()).recv(_CHUNK)
             except (BlockingIOError, InterruptedError):
                 continue
             except OSError as error:
@@ -172,8 +173,7 @@ class Link:
 
     def has_news(self) -> bool:
         """Whether receive() returns at once."""
-        self._open()
-        if self._readable is None:
+        if self._socket is None or self._readable is None:
             self._readable = self._make_poll(select.POLLIN)
         return bool(self._readable.poll(0))
 

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from typing import Dict, Iterable, List, Mapping, Optional, Union
+from typing import Iterable, List, Mapping, Optional, Union
 
 from ._text import RawDocument, RawGroup
 
@@ -17,17 +17,12 @@ MAX_LINE = 16 * 1024 * 1024
 _RESTRICTED = (b"Secure", b"Trusted")
 
 
-def to_text(raw: bytes) -> str:
-    """Every byte survives, and comes back by to_bytes."""
-    return raw.decode("utf-8", "surrogateescape")
-
-
 def to_bytes(text: Name, what: str) -> bytes:
     """Throws TypeError, which says what it is that is neither str nor bytes."""
-    if isinstance(text, bytes):
-        return text
     if isinstance(text, str):
         return text.encode("utf-8", "surrogateescape")
+    if isinstance(text, bytes):
+        return text
     raise TypeError(f"{what} must be str or bytes, not {type(text).__name__}")
 
 
@@ -72,17 +67,6 @@ def to_keys(groups: Optional[AnyKeys]) -> RawDocument:
         }
         for group, keys in (groups or {}).items()
     }
-
-
-def decode_values(values: RawGroup) -> Dict[str, str]:
-    return {
-        key.decode("utf-8", "surrogateescape"): value.decode("utf-8", "surrogateescape")
-        for key, value in values.items()
-    }
-
-
-def decode_document(document: RawDocument) -> Dict[str, Dict[str, str]]:
-    return {to_text(group): decode_values(values) for group, values in document.items()}
 
 
 def is_restricted(group: bytes) -> bool:

@@ -14,7 +14,7 @@ from collections import deque
 from typing import Deque, Iterable, List, NamedTuple, Optional, Tuple, Union
 
 from ._errors import ParseError
-from ._text import RawDocument, format_text, longest_line, parse_text
+from ._text import RawDocument, format_text, longest_line, parse_strings, parse_text
 
 MAX_LINE = 16 * 1024 * 1024
 MAX_REPLY = 64 * 1024 * 1024
@@ -30,9 +30,13 @@ class Form(enum.Enum):
     """What a request is answered with."""
 
     DATA = "data"  # a line "data", and a document
+    STRINGS = "data as str"  # the same; its Reply has str for bytes
     RESULT = "result"  # a line "result", and "ok" or "failure"
     TEXT = "text"  # settings text, taken as it is
     INFO = "info"  # title, underline, lines, an empty line; an older daemon answers nothing. A DATA is due behind it
+
+
+_DATA_FORMS = (Form.DATA, Form.STRINGS)
 
 
 class Reply(NamedTuple):
@@ -71,6 +75,7 @@ class Protocol:
         self.source = source
         self._max_line = max_line
         self._max_reply = max_reply
+        self._max_whole = min(max_line, max_reply)
         self._due: Deque[Form] = deque()
         self._buffer = bytearray()
         self._part = _Part.HEADER
@@ -102,10 +107,11 @@ class Protocol:
     def receive(self, data: bytes) -> List[Event]:
         """Takes what has arrived; returns what it completes, in order."""
         events: List[Event] = []
-        if not self._buffer and len(data) <= self._max_line and len(data) <= self._max_reply:
-            data = data[self._take_whole_replies(data, events) :]
-            if not data:
+        if self._part is _Part.HEADER and not self._buffer and len(data) <= self._max_whole:
+            taken = self._take_whole_replies(data, events)
+            if taken == len(data):
                 return events
+            data = data[taken:]
         newline = data.rfind(b"\n")
         if self._unended + (len(data) if newline < 0 else data.find(b"\n")) > self._max_line:
             raise self._failure(f"a line is longer than {self._max_line} bytes")
@@ -119,19 +125,17 @@ class Protocol:
         return events
 
     def _take_whole_replies(self, data: bytes, events: List[Event]) -> int:
-        """Documents that have arrived whole, as nearly all do; no line or reply of the data can be too long. Returns
-        how much of the data they were."""
+        """Documents that have arrived whole, as nearly all do, between messages; no line or reply of the data can be
+        too long. Returns how much of the data they were."""
         begin = 0
         due = self._due
-        is_between = self._part is _Part.HEADER
-        form = Form.DATA
-        while is_between and due and due[0] is form and data.startswith(_DATA, begin):
+        while due and due[0] in _DATA_FORMS and data.startswith(_DATA, begin):
             end = data.find(_END_OF_BLOCK, begin + 4)
             if end < 0:
                 break
-            due.popleft()
             text = data[begin + 5 : end + 1]
-            events.append(Reply(parse_text(text, self.source, self._lines + 2)))
+            parse = parse_strings if due.popleft() is Form.STRINGS else parse_text
+            events.append(Reply(parse(text, self.source, self._lines + 2)))
             self._lines += text.count(b"\n") + 2
             begin = end + 3
         return begin
@@ -174,20 +178,21 @@ class Protocol:
         elif form is Form.TEXT:
             self._uncut(line)
             self._begin(_Part.TEXT)
-        elif form is Form.DATA and line == b"data":
+        elif form in _DATA_FORMS and line == b"data":
             self._begin(_Part.DOCUMENT)
         elif form is Form.RESULT and line == b"result":
             self._begin(_Part.RESULT)
         else:
-            expected = f'"{form.value}"' if form else "a notice"
+            expected = '"data"' if form in _DATA_FORMS else f'"{form.value}"' if form else "a notice"
             raise self._failure(f"expected {expected}, found {_show(line)}")
 
     def _take_last_part(self, part: _Part, text: bytes, first_line: int) -> Event:
         if part is _Part.NOTICE_DOCUMENT:
-            return Notice(self._groups, self._parse(text, first_line))
+            return Notice(self._groups, parse_text(text, self.source, first_line))
         form = self._due.popleft()
         if part is _Part.DOCUMENT:
-            return Reply(self._parse(text, first_line))
+            parse = parse_strings if form is Form.STRINGS else parse_text
+            return Reply(parse(text, self.source, first_line))
         if part is _Part.TEXT:
             return Reply(text)
         if form is Form.INFO:
@@ -195,9 +200,6 @@ class Protocol:
         if text not in (b"ok\n", b"failure\n"):
             raise self._failure(f'expected "ok" or "failure", found {_show(text[:-1])}')
         return Reply(text == b"ok\n")
-
-    def _parse(self, text: bytes, first_line: int) -> RawDocument:
-        return parse_text(text, self.source, first_line)
 
     def _parse_info(self, text: bytes) -> Tuple[bytes, ...]:
         underline, *lines = (text or b"\n").split(b"\n")[:-1]
@@ -259,7 +261,7 @@ def payload(document: RawDocument) -> bytes:
 
 
 def get_request(names: Iterable[bytes]) -> bytes:
-    return b"get delimited\n" + list_lines(names)
+    return b"\n".join([b"get delimited", *names, _END])
 
 
 def merge_request(change: RawDocument, persist: bool) -> bytes:

@@ -33,6 +33,7 @@ from ._watching import Backoff, Change, WatchState
 from ._writes import Writes
 
 T = TypeVar("T")
+A = TypeVar("A")
 C = TypeVar("C", Change[str], Change[bytes])
 OpenLink = Callable[[Optional[float], Optional[Waker]], Link]
 
@@ -79,7 +80,9 @@ class _Connection:
             if not data:
                 raise _link.lost(self.protocol.source)
             self.has_answered = True
-            replies += [event.value for event in self.protocol.receive(data) if isinstance(event, Reply)]
+            for event in self.protocol.receive(data):
+                if isinstance(event, Reply):
+                    replies.append(event.value)
         return replies
 
 
@@ -115,7 +118,7 @@ class Store(Closing):
 
     def open(self) -> None:
         """Connects unless there is a connection."""
-        self._in_turn(self._connect)
+        self._in_turn(lambda _, deadline: self._connect(deadline), None)
 
     def close(self) -> None:
         """Ends the connection. A call of another thread that waits gets a ClosedError, with outcome_unknown if its
@@ -212,8 +215,7 @@ class Store(Closing):
         Throws ConnectionLostError with outcome_unknown if a connection was lost since the last flush() before anything
         proved that the writes sent over it were carried out.
         """
-        reported = self._writes.reported
-        self._in_turn(lambda deadline: self._flush(reported, deadline))
+        self._in_turn(self._flush, self._writes.reported)
 
     @overload
     def dump(self, *, raw: Literal[False] = ...) -> str: ...
@@ -250,17 +252,16 @@ class Store(Closing):
     # What follows is for the store alone.
 
     def _run(self, call: Call[T]) -> T:
-        replies = self._in_turn(lambda deadline: self._exchange(call, deadline))
-        return call.finish(replies)
+        return call.finish(self._in_turn(self._exchange, call))
 
-    def _in_turn(self, action: Callable[[Optional[float]], T]) -> T:
+    def _in_turn(self, action: Callable[[A, Optional[float]], T], argument: A) -> T:
         self._require_usable()
         deadline = None if self._timeout is None else time.monotonic() + self._timeout
         ticket = Ticket()
         try:
             if not self._turns.take(ticket, deadline):
                 raise SettingsTimeoutError(f"calls of other threads to {self._address} took all the time")
-            return action(deadline)
+            return action(argument, deadline)
         except BaseException as error:
             if self._turns.has(ticket):
                 self._drop_if_cut_short()

@@ -1,24 +1,23 @@
 """Settings text (docs/settings-text.md), as bytes.
 
-Documents are dictionaries of groups, each a dictionary of keys with values, all of them bytes. No state, any thread.
+Documents are dictionaries of groups, each a dictionary of keys with values, all of them bytes, or str where that is
+said. No state, any thread.
 """
 
 from __future__ import annotations
 
 import re
-from typing import Dict, Iterable, Match, Optional
+from typing import AnyStr, Callable, Dict, Iterable, Match, Optional
 
 from ._errors import ParseError
 
 RawGroup = Dict[bytes, bytes]
 RawDocument = Dict[bytes, RawGroup]
+Document = Dict[str, Dict[str, str]]
 
 _BLANKS = b" \t"
 _BYTE_ORDER_MARK = b"\xef\xbb\xbf"
 _MAX_SHOWN = 80
-_BRACKET = ord("[")
-_LINE_FEED = ord("\n")
-_BEFORE_A_KEY = b" #;"  # what a line may begin with that is more than a key, or nothing
 
 _escape = re.compile(rb"\\(?:([\\nrts])|x([0-9A-Fa-f]{2}))")
 _unescaped = {b"\\": b"\\", b"n": b"\n", b"r": b"\r", b"t": b"\t", b"s": b" "}
@@ -32,31 +31,58 @@ _special_of_keys = re.compile(rb"[\x00-\x1f\x7f\\=]|^[ \[#;]| \Z")
 
 def parse_text(text: bytes, source: str, first_line: int = 1) -> RawDocument:
     """Reads a whole text. Throws ParseError, which names source and line and counts from first_line on."""
-    plain = _parse_plain(text)
+    plain = _parse_plain_bytes(text)
     return _parse_lines(text, source, first_line) if plain is None else plain
 
 
-def _parse_plain(text: bytes) -> Optional[RawDocument]:
-    """The document of a text without escapes, comments, and blanks that belong to no value, as most are. None: it is
-    not so plain, or no settings text."""
-    if not text:
-        return {}
-    if text[0] != _BRACKET or text[-1] != _LINE_FEED or b"\\" in text or b"\t" in text or b"\r" in text:
-        return None
-    document: RawDocument = {}
-    for part in text[1:-1].split(b"\n["):
-        head, *lines = part.split(b"\n")
-        if head[-1:] != b"]":
+def parse_strings(text: bytes, source: str, first_line: int = 1) -> Document:
+    """The same as str, in which each byte survives."""
+    plain = _parse_plain_text(text.decode("utf-8", "surrogateescape"))
+    return decode_document(_parse_lines(text, source, first_line)) if plain is None else plain
+
+
+def to_text(raw: bytes) -> str:
+    """Every byte survives, and comes back by encoding it likewise."""
+    return raw.decode("utf-8", "surrogateescape")
+
+
+def decode_document(document: RawDocument) -> Document:
+    return {
+        to_text(name): {to_text(key): to_text(value) for key, value in values.items()}
+        for name, values in document.items()
+    }
+
+
+def _make_plain_parser(
+    convert: Callable[[str], AnyStr]
+) -> Callable[[AnyStr], Optional[Dict[AnyStr, Dict[AnyStr, AnyStr]]]]:
+    """What reads a text without escapes, comments, and blanks that belong to no value, as most are. It returns None for
+    one that is not so plain, or no settings text. convert: spells its constants."""
+    backslash, tab, carriage_return = map(convert, ("\\", "\t", "\r"))
+    line_feed, next_header, end_of_header = map(convert, ("\n", "\n[", "]"))
+    first, last = convert("[")[0], line_feed[0]
+    setting = convert(r"^([^ #;=\n][^=\n]*(?<! ))=(?! )([^\n]*)(?<! )$")
+    find_settings = re.compile(setting, re.MULTILINE).findall
+
+    def parse(text: AnyStr) -> Optional[Dict[AnyStr, Dict[AnyStr, AnyStr]]]:
+        document: Dict[AnyStr, Dict[AnyStr, AnyStr]] = {}
+        if not text:
+            return document
+        if text[0] != first or text[-1] != last or backslash in text or tab in text or carriage_return in text:
             return None
-        group = document.setdefault(head[:-1], {})
-        for line in lines:
-            key, separator, value = line.partition(b"=")
-            if not separator or key[:1] in _BEFORE_A_KEY:
+        for part in text[1:-1].split(next_header):
+            head, separator, body = part.partition(line_feed)
+            settings = find_settings(body)
+            if not head.endswith(end_of_header) or (separator and len(settings) != body.count(line_feed) + 1):
                 return None
-            if b" " in line and (key[-1:] == b" " or value[:1] == b" " or value[-1:] == b" "):
-                return None
-            group[key] = value
-    return document
+            document.setdefault(head[:-1], {}).update(settings)
+        return document
+
+    return parse
+
+
+_parse_plain_bytes = _make_plain_parser(str.encode)
+_parse_plain_text = _make_plain_parser(str)
 
 
 def _parse_lines(text: bytes, source: str, first_line: int) -> RawDocument:

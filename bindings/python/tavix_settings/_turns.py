@@ -6,28 +6,28 @@ lock held for ever. A with statement over a plain lock has no such moment.
 
 from __future__ import annotations
 
-import sys
-import threading
 import time
 from collections import deque
+from sys import _getframe
+from threading import TIMEOUT_MAX, Lock, get_ident
 from types import FrameType
 from typing import Deque, Dict, Optional
 
 
 class Ticket:
-    """One call's place in the queue, made by the call and kept in a variable of it until it ends. "ready" is held
-    until it is its turn."""
+    """One call's place in the queue, made by the call and kept in a variable of it until it ends."""
+
+    __slots__ = ("thread", "ready", "_call")
+    ready: Lock  # of a call that waits, from then on: held until it is its turn
 
     def __init__(self) -> None:
-        self.thread = threading.get_ident()
-        self._call = sys._getframe(1).f_code
-        self.ready = threading.Lock()
-        self.ready.acquire()
+        self.thread = get_ident()
+        self._call = _getframe(1).f_code
 
     def is_call_on_stack(self) -> bool:
         """Whether its call has not ended, for the thread of that call. No flag could tell: an interrupt may come before
         the call's end has set it."""
-        frame: Optional[FrameType] = sys._getframe(1)
+        frame: Optional[FrameType] = _getframe(1)
         while frame is not None:
             if frame.f_code is self._call and any(value is self for value in frame.f_locals.values()):
                 return True
@@ -43,7 +43,7 @@ class Turns:
     """
 
     def __init__(self) -> None:
-        self._gate = threading.Lock()
+        self._gate = Lock()
         self._owner: Optional[Ticket] = None
         self._queue: Deque[Ticket] = deque()
         self._calls: Dict[int, Ticket] = {}  # by thread, which changes its own alone; no lock
@@ -59,17 +59,22 @@ class Turns:
             if self._owner is None or self._owner.thread == ticket.thread:
                 self._owner = ticket
                 return True
+            ticket.ready = ready = Lock()
+            ready.acquire()
             self._queue.append(ticket)
         if deadline is None:
-            return ticket.ready.acquire()
-        return ticket.ready.acquire(timeout=min(max(0.0, deadline - time.monotonic()), threading.TIMEOUT_MAX))
+            return ready.acquire()
+        return ready.acquire(timeout=min(max(0.0, deadline - time.monotonic()), TIMEOUT_MAX))
 
     def give_back(self, ticket: Ticket) -> None:
         """To be called whatever take() has returned or thrown."""
         if self._calls.get(ticket.thread) is not ticket:
             return  # take() has refused it, and the gate may be held by the call that it was inside of
         with self._gate:
-            self._leave(ticket)
+            if self._queue:
+                self._leave(ticket)
+            elif self._owner is ticket:
+                self._owner = None
         del self._calls[ticket.thread]
 
     def _leave(self, ticket: Ticket) -> None:
@@ -90,4 +95,4 @@ class Turns:
 
     def is_taken_by_others(self) -> bool:
         owner = self._owner
-        return owner is not None and owner.thread != threading.get_ident()
+        return owner is not None and owner.thread != get_ident()

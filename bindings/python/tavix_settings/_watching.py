@@ -11,9 +11,8 @@ from dataclasses import dataclass
 from typing import AnyStr, Generic, List, Optional, Tuple, Union, cast
 
 from . import _protocol as protocol
-from ._names import to_text
 from ._protocol import Form, Notice, Protocol, Reply
-from ._text import RawDocument, RawGroup
+from ._text import RawDocument, RawGroup, to_text
 
 _FIRST_DELAY = 0.1
 _MAX_DELAY = 5.0

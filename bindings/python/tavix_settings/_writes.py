@@ -25,7 +25,8 @@ class Writes:
         return self._sent
 
     def note_answered(self, number: int) -> None:
-        self._proved = max(self._proved, number)
+        if number > self._proved:
+            self._proved = number
 
     def note_connection_gone(self) -> None:
         if self._last_write > self._proved:

@@ -12,8 +12,7 @@ import pytest
 from conftest import PATIENCE
 from peers import Peer, read_request, wait_for_end
 
-from tavix_settings._names import decode_document
-from tavix_settings._text import parse_text
+from tavix_settings._text import decode_document, parse_text
 from tavix_settings.testing import RealDaemon
 
 ROOT = Path(__file__).parents[3]

@@ -17,6 +17,7 @@ FEATURES = b"Features\n--------\namend\nhistory 1 9\n\ndata\n.\n"
 
 TRANSCRIPTS = {
     "a reply": ([Form.DATA], DATA, [DATA_EVENT]),
+    "a reply as str": ([Form.STRINGS] * 2, DATA * 2, [Reply({"A": {"x": "1"}, "B": {}})] * 2),
     "an empty reply": ([Form.DATA], b"data\n.\n", [Reply({})]),
     "a notice before the reply": ([Form.DATA], NOTICE + DATA, [NOTICE_EVENT, DATA_EVENT]),
     "two notices and no reply": ([], NOTICE + NOTICE, [NOTICE_EVENT, NOTICE_EVENT]),

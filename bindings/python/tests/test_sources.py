@@ -1,12 +1,15 @@
 """The sources themselves."""
 
 import ast
+import inspect
 import re
 from pathlib import Path
 
 import pytest
 
 import tavix_settings
+from tavix_settings import aio
+from tavix_settings.testing import AsyncFakeStore, FakeStore
 
 FOLDER = Path(__file__).parents[1]
 SOURCES = sorted(FOLDER.glob("tavix_settings/**/*.py"))
@@ -43,6 +46,28 @@ def test_the_core_knows_no_socket_and_no_clock(name):
     imported = {alias.name for node in ast.walk(tree) if isinstance(node, ast.Import) for alias in node.names}
     imported |= {node.module for node in ast.walk(tree) if isinstance(node, ast.ImportFrom)}
     assert not imported & {"socket", "select", "time", "asyncio", "threading", "os", "_link"}
+
+
+def interface_of(kind):
+    """Names of calls, each with what it takes."""
+    calls = {name: call for name, call in inspect.getmembers(kind, inspect.isfunction) if not name.startswith("_")}
+    return {
+        name: [(each.name, each.kind, each.default) for each in inspect.signature(call).parameters.values()]
+        for name, call in calls.items()
+    }
+
+
+@pytest.mark.parametrize("kind", [aio.AsyncStore, FakeStore, AsyncFakeStore])
+def test_all_stores_have_the_same_calls(kind):
+    names = "get groups set merge test_and_merge amend overwrite erase restore watch flush dump close".split()
+    wanted = interface_of(tavix_settings.Store)
+    assert set(names) <= set(wanted)
+    assert {name: interface_of(kind)[name] for name in wanted} == wanted
+
+
+@pytest.mark.parametrize("connect", [tavix_settings.connect, aio.connect])
+def test_a_call_takes_ten_seconds_at_most_unless_the_program_has_other_wishes(connect):
+    assert inspect.signature(connect).parameters["timeout"].default == 10.0
 
 
 def test_the_version_is_that_of_the_project():

@@ -8,7 +8,15 @@ import pytest
 from conftest import PATIENCE, is_long_run, rounds
 
 import tavix_settings
-from tavix_settings._text import _parse_lines, _parse_plain, format_text, parse_text
+from tavix_settings._text import (
+    _parse_lines,
+    _parse_plain_bytes,
+    _parse_plain_text,
+    decode_document,
+    format_text,
+    parse_strings,
+    parse_text,
+)
 
 PAGE = Path(__file__).parents[3] / "docs" / "settings-text.md"
 BLOCK = re.compile(r"^```(ini|ini written|ini broken|text)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
@@ -86,7 +94,7 @@ def test_random_bytes_are_a_document_or_a_parse_error():
         try:
             document = parse_text(text, "x")
             outcomes.add("document")
-            assert parse_text(format_text(document), "x") == document
+            assert parse_text(format_text(document), "x") == document == _parse_lines(text, "x", 1)
         except tavix_settings.ParseError:
             outcomes.add("error")
     assert outcomes == {"document", "error"}
@@ -99,8 +107,18 @@ def test_a_text_is_read_the_same_at_once_and_line_by_line():
         lines = [rng.choice([b"[a]", b"[b", b"k=v", b"l=v w", b"x =1", b"m", b"=", b"", b"#=", b" n=2", b"o=\\t"])]
         lines += [rng.choice([b"k=v", b"l==", b"[a]", b"[]", b"m=[n]", b";"]) for _ in range(rng.randrange(5))]
         text = b"\n".join([rng.choice([b"[a]", b"[c]d]"]), *lines, b""])
-        document = _parse_plain(text)
+        document = _parse_plain_bytes(text)
+        assert _parse_plain_text(text.decode()) == (None if document is None else decode_document(document))
         if document is not None:
             plain += 1
             assert document == _parse_lines(text, "x", 1)
     assert plain > 0
+
+
+def test_strings_are_those_of_the_bytes():
+    rng = random.Random(24)
+    parts = [b"\xe9", b"\xc3\xa9", b"\xe2\x82", b"\xac", b"\\xc3\\xa9", b"\xf0\x9f\x92\xa9", b"a", b"\xed\xa0\x80"]
+    for _ in range(2000):
+        names = [b"".join(rng.choices(parts, k=rng.randrange(4))) for _ in range(4)]
+        text = b"[%b]\n[%b]\nk%b=%b\n" % tuple(names)
+        assert parse_strings(text, "x") == decode_document(parse_text(text, "x"))
