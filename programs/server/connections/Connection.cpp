@@ -19,12 +19,6 @@ namespace tavix::daemon {
 
 using settings::server::ClientHandler;
 
-namespace {
-
-constexpr size_t kLongText = 64 * 1024;  // bytes that are rather handed over than copied
-
-}  // namespace
-
 Connection::Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared)
     : _socket(std::move(descriptor)),
       _descriptor(_socket.Get()),
@@ -153,6 +147,7 @@ bool Connection::HandleWhole(std::string_view received, size_t& handled) {
 
 ClientHandler::Attempt Connection::HandleOne() {
   using Attempt = ClientHandler::Attempt;
+  // Skipped, a request that passes a bound does not end the connection: the changes behind it are made.
   if (!_output->CanReachPeer() && _handler->IsForClientOnly(_request.GetRest())) return Attempt::kHandled;
   const LogPeer peer(_report.GetLogPeer());
   Attempt attempt = Attempt::kEnded;
@@ -169,99 +164,6 @@ ClientHandler::Attempt Connection::HandleOne() {
 void Connection::ReportOutcome() {
   if (const auto* const refusal = _handler->GetRefusal()) _report.Refuse(*refusal);
   _report.Change(_handler->GetChangeLines());
-}
-
-// A text that is long, and therefore kept in memory of its own, is handed over as it is; then "received" stays valid.
-void Connection::LeaveToLane(std::string_view received, size_t begin, size_t length) {
-  const bool isOwn = received.data() == _input.data() && received.size() > kLongText;
-  if (isOwn) {
-    _laneText = std::move(_input);
-    _input.clear();
-    _request.SetText(std::string_view(_laneText).substr(begin, length));
-  } else {
-    _laneText = received.substr(begin, length);
-    _request.SetText(_laneText);
-  }
-  _isForPeerOnly = _handler->IsForClientOnly(_request.GetRest());
-  _isLaneDone = false;
-  _progress = Progress::kInLane;
-}
-
-void Connection::EnterLane() {
-  if (IsUseless()) return SkipInLane();
-  try {
-    const bool hasLeft = !_output->CanReachPeer();
-    hasLeft ? _lane->AddForDeparted(*this, std::exchange(_wasInLaneAsDeparted, true)) : _lane->Add(*this);
-  } catch (const std::exception&) {
-    _progress = Progress::kCaughtUp;  // the connection is destroyed
-    throw;
-  }
-}
-
-bool Connection::TrySkipInLane() {
-  if (!_isForPeerOnly || !_lane->TryWithdraw(*this)) return false;
-  SkipInLane();
-  return true;
-}
-
-void Connection::SkipInLane() noexcept {
-  _isSkipped = true;
-  EndInLane();
-  eventfd_write(_wakeLoop, 1);
-}
-
-// On the lane's thread. An answer that nobody will read any more is given up, which is no failure.
-void Connection::Run(const std::function<bool()>& isStopped) noexcept {
-  try {
-    const LogPeer peer(_report.GetLogPeer());
-    const std::function<bool()> isToEnd = [&] { return isStopped() || IsUseless(); };
-    static_cast<void>(_handler->HandleNextInParts(isToEnd));  // HasQuit is asked behind it
-    ReportOutcome();
-  } catch (...) {
-    if (!IsUseless()) _laneFailure = std::current_exception();
-  }
-  EndInLane();
-}
-
-// Giving a long text's memory back takes a while, too.
-void Connection::EndInLane() noexcept {
-  std::string().swap(_laneText);
-  _isLaneDone.store(true, std::memory_order_release);
-}
-
-// Many connections may skip their requests at once: then each waits for a turn.
-bool Connection::OnLaneDone() {
-  const bool isSkipped = std::exchange(_isSkipped, false);
-  _progress = isSkipped ? Progress::kNextTurn : Progress::kCaughtUp;
-  _isLaneDone = false;
-  SetWatched(true);
-  if (const std::exception_ptr failure = std::exchange(_laneFailure, nullptr)) {
-    try {
-      std::rethrow_exception(failure);
-    } catch (const std::exception& exception) {
-      OnFailure(exception);
-    }
-    DropReceived();
-    _inputPart.Set(0);
-    return !EndsNow();
-  }
-  if (!isSkipped && !TakeInput(_input)) return false;
-  if (_state != State::kDone) UpdateInterest();
-  return true;
-}
-
-// The output's own reason to end, if it has one, is known no more once it is closed.
-void Connection::Abandon() noexcept {
-  if (IsAbandoned()) return;
-  _state = State::kAbandoned;
-  SetWatched(false);
-  ReportEnd();
-  _output->Close();
-}
-
-void Connection::SetWatched(bool isWatched) {
-  osa::PlainMutexLock lock(_interestMutex);
-  if (std::exchange(_interest.isWatched, isWatched) != isWatched) Watch(isWatched ? EPOLL_CTL_ADD : EPOLL_CTL_DEL);
 }
 
 // After the last request, which ends the subscription: whether everything was sent. If not, the rest goes out first.
@@ -287,15 +189,12 @@ bool Connection::OnWritable() {
 
 // The socket takes nothing any more, and epoll would report that without end while output waits for the disk. What has
 // come before is still to be read.
-bool Connection::OnHangUp() {
+bool Connection::OnHangUp(char* scratch, size_t size) {
   if (_state == State::kDone) return false;
   _output->OnPeerGone();
-  if (IsInLane() && !TrySkipInLane()) {
-    SetWatched(false);
-    if (_lane->MoveToDeparted(*this)) _wasInLaneAsDeparted = true;  // else EnterLane is still to add it
-  }
+  if (IsInLane() && !TrySkipInLane()) Depart(scratch, size);
   UpdateInterest();
-  return true;
+  return !IsCut();
 }
 
 bool Connection::OnTick(Clock::time_point now) {
@@ -314,7 +213,7 @@ bool Connection::NeedsTicks() const {
 }
 
 bool Connection::CheckInput() {
-  _inputPart.Set(_input.size() + _laneText.size());
+  CountInput();
   if (IsCut()) return false;
   if (_state == State::kDone || HasMore()) return true;  // what is left may be many requests
   if (_progress != Progress::kCaughtUp) {
@@ -364,7 +263,7 @@ void Connection::OnKept() {
     osa::PlainMutexLock lock(_interestMutex);
     if (_interest.writes) return;
     _interest.writes = true;
-    Watch(EPOLL_CTL_MOD);
+    Watch();
   }
   eventfd_write(_wakeLoop, 1);
 }
@@ -383,17 +282,17 @@ void Connection::UpdateInterest() {
     if (!_interest.reads && reads) _unfinishedSince = Clock::now();
     _interest.reads = reads;
     _interest.writes = sends;
-    Watch(EPOLL_CTL_MOD);
+    Watch();
   } while (HasRoom() != hasRoom || (_output->GetSendableBytes() > 0) != sends);
   if (hasRoom && _progress == Progress::kPaused) _progress = Progress::kNextTurn;
 }
 
-void Connection::Watch(int operation) {
-  if (!_interest.isWatched && operation != EPOLL_CTL_DEL) return;
+void Connection::Watch() {
+  if (!_interest.isWatched) return;
   epoll_event event{};
   event.events = (_interest.reads ? EPOLLIN : 0u) | (_interest.writes ? EPOLLOUT : 0u);
   event.data.ptr = this;
-  epoll_ctl(_poll, operation, _descriptor, &event);
+  epoll_ctl(_poll, EPOLL_CTL_MOD, _descriptor, &event);
 }
 
 }  // namespace tavix::daemon

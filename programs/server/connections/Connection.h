@@ -33,7 +33,7 @@ namespace tavix::daemon {
 // One client's connection. Requests are handled once they are whole, so nothing that the client sends, or does not
 // send, or does not read, keeps the loop's thread waiting. A request that takes long is left to the slow lane. The
 // changes of a peer that is gone are made all the same, as far as they have come; what is for the peer only is skipped,
-// and need not wait for the lane.
+// and need not wait for the lane. A connection whose changes wait for the lane then is left without its socket.
 //
 // Two states describe it. State is about the peer and goes one way only. It begins with kOpen. When the peer ends its
 // sending, OnReadable moves on to kPeerEnded, where the requests that have come are handled to the last. That one, a
@@ -90,7 +90,7 @@ class Connection : private SlowLane::IJob {
   // scratch: memory to receive into, the loop's.
   bool OnReadable(char* scratch, size_t size);
   bool OnWritable();
-  bool OnHangUp();
+  bool OnHangUp(char* scratch, size_t size);
   bool OnTick(Clock::time_point now);
 
   // Goes on with requests that have come but were left for the next turn, so that others are served meanwhile.
@@ -108,7 +108,8 @@ class Connection : private SlowLane::IJob {
   // Gives the request to the lane, unless it is skipped. Throws std::bad_alloc; then it is not in the lane.
   void EnterLane();
 
-  // Takes the request back from the lane if it waits there and is for the peer only. Then OnLaneDone is due.
+  // Takes the request back from the lane if it waits there, and need not be carried out: it is for the peer only, or
+  // keeps more than all connections may. Then OnLaneDone is due, or the connection is destroyed.
   bool TrySkipInLane();
 
   // Whether the lane has carried the request out, or it is skipped, so that OnLaneDone is due.
@@ -117,13 +118,17 @@ class Connection : private SlowLane::IJob {
   // Goes on behind the request. False once the connection is to be destroyed.
   bool OnLaneDone();
 
-  // The connection is to be destroyed when the lane has finished with it. Until then its loop has no event of it, and
-  // nothing that is written is kept.
+  // The connection is to be destroyed when the lane has finished with it. Until then it has no socket, and keeps
+  // nothing but what the lane needs.
   void Abandon() noexcept;
   bool IsAbandoned() const { return _state == State::kAbandoned; }
 
+  // Whether it has a socket. Its loop has no event of one without.
+  bool HasSocket() const { return static_cast<bool>(_socket); }
+
   // The loop's.
   Turn turn;
+  bool hasPlace = true;
 
   // How often OnReadable received something.
   size_t CountReads() const { return _reads; }
@@ -148,7 +153,7 @@ class Connection : private SlowLane::IJob {
     kInLane,    // one is in the lane, or waits for EnterLane; those behind it are left
   };
 
-  // What epoll reports of it. A socket whose peer is gone is not watched, as it would be reported without end.
+  // What epoll reports of it, as long as there is a socket.
   struct Interest {
     bool isWatched = true;
     bool reads = true;
@@ -163,6 +168,9 @@ class Connection : private SlowLane::IJob {
   ClientHandler::Attempt HandleOne();
   void ReportOutcome();
   void LeaveToLane(std::string_view received, size_t begin, size_t length);
+  void Depart(char* scratch, size_t size);
+  void CloseSocket() noexcept;
+  void CountInput() noexcept;
   void Run(const std::function<bool()>& isStopped) noexcept override;
   void SkipInLane() noexcept;
   void EndInLane() noexcept;
@@ -176,11 +184,10 @@ class Connection : private SlowLane::IJob {
   void OnKept() TAVIX_EXCLUDES(_interestMutex);
   bool HasRoom() const { return _output->GetKeptBytes() <= _limits.pauseBytes; }
   void UpdateInterest() TAVIX_EXCLUDES(_interestMutex);
-  void Watch(int operation) TAVIX_REQUIRES(_interestMutex);
-  void SetWatched(bool isWatched) TAVIX_EXCLUDES(_interestMutex);
+  void Watch() TAVIX_REQUIRES(_interestMutex);
 
-  const osa::Descriptor _socket;
-  const int _descriptor;
+  osa::Descriptor _socket;  // none once nothing can come or go any more
+  const int _descriptor;    // the socket's
   const int _poll;
   const int _wakeLoop;
   const int _turnMilliseconds;
@@ -199,7 +206,8 @@ class Connection : private SlowLane::IJob {
   bool _hasReadAll = false;  // nothing more comes
   State _state = State::kOpen;
   Progress _progress = Progress::kCaughtUp;
-  std::string _laneText;  // holds the request that is in the lane; its thread's, as the next one
+  size_t _laneBytes = 0;  // of the request that is in the lane
+  std::string _laneText;  // holds that request; the lane's thread's, as the next one
   std::exception_ptr _laneFailure;
   bool _isForPeerOnly = false;        // the request that is in the lane; does not change meanwhile
   bool _isSkipped = false;            // that request was taken back

@@ -137,7 +137,7 @@ bool EventLoop::ServeRound(const epoll_event* events, size_t count) {
   const ChangeBatch batch;
   if (count > 0 && !ServeEvents(events, count)) return false;
   // Not before all events are handled: one of them may be of a connection that ends here.
-  if (!_inLane.empty()) TakeBackFromLane();
+  if (std::exchange(_wasWoken, false)) TakeBackFromLane();
   if (!_turns.empty()) GiveTurns();
   return true;
 }
@@ -181,6 +181,7 @@ bool EventLoop::TakeCall() {
   eventfd_t ignored = 0;
   eventfd_read(_wake.Get(), &ignored);
   _ticks = true;
+  _wasWoken = true;
   {
     osa::PlainMutexLock lock(_mutex);
     if (_stop) return false;
@@ -222,7 +223,8 @@ void EventLoop::Refuse(const char* reason) noexcept {
   static const std::string anybody = "all peers";
   const LogPeer peer(anybody);
   _shared.counters.Count(Refusal::kSetup);
-  CountOneLess();
+  --_count;
+  FreeOnePlace();
   try {
     Log()->Warning("Connection refused: %s", reason);
   } catch (const std::exception&) {
@@ -237,12 +239,14 @@ void EventLoop::EnterLane(Connection* connection) {
 }
 
 // Connections whose requests the lane has carried out. They may enter it again, behind those that are looked at here.
+// Those without a socket have no other event when they are to be cut.
 void EventLoop::TakeBackFromLane() {
   size_t next = 0;
   for (size_t left = _inLane.size(); left > 0; --left) {
     Connection* const connection = _inLane[next];
     if (!connection->IsLaneDone()) {
-      ++next;
+      if (!connection->HasSocket() && connection->IsCut()) End(connection);
+      if (next < _inLane.size() && _inLane[next] == connection) ++next;
       continue;
     }
     _inLane.erase(_inLane.begin() + static_cast<std::ptrdiff_t>(next));
@@ -290,7 +294,10 @@ bool EventLoop::HandleEvent(Connection* connection, unsigned int events, bool is
     if (isAlone && !ReadOn(connection)) return false;
   }
   const bool hangsUp = (events & EPOLLHUP) || ((events & EPOLLERR) && connection->IsInLane());
-  return !hangsUp || connection->OnHangUp();
+  if (!hangsUp) return true;
+  const bool lives = connection->OnHangUp(_scratch.get(), kScratchSize);
+  if (!connection->HasSocket()) FreePlace(connection);
+  return lives;
 }
 
 // A client that waits for each reply may have sent its next request by the time the reply is out, above all on a single
@@ -344,6 +351,7 @@ void EventLoop::Tick() {
 
 // While the lane has a request of it that can't be skipped, it is only abandoned, and ended by TakeBackFromLane.
 void EventLoop::End(Connection* connection) {
+  FreePlace(connection);  // first: whose connection is closed here may come again at once
   const auto inLane = std::find(_inLane.begin(), _inLane.end(), connection);
   if (inLane != _inLane.end()) {
     if (!connection->TrySkipInLane()) return connection->Abandon();
@@ -353,12 +361,15 @@ void EventLoop::End(Connection* connection) {
     for (std::vector<Connection*>* places : {&_busy, &_turns})
       places->erase(std::remove(places->begin(), places->end(), connection), places->end());
   }
-  CountOneLess();  // first: whose connection is closed here may come again at once
+  --_count;
   _connections.erase(connection);
 }
 
-void EventLoop::CountOneLess() {
-  --_count;
+void EventLoop::FreePlace(Connection* connection) {
+  if (std::exchange(connection->hasPlace, false)) FreeOnePlace();
+}
+
+void EventLoop::FreeOnePlace() {
   if (_shared.places) _shared.places->Free();
   _shared.counters.clients.Subtract();
 }

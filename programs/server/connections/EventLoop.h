@@ -22,7 +22,7 @@ namespace tavix::daemon {
 //     wait      for events, or, where connections are queued for a turn, only look for them
 //     serve     the connections with events: few in the order in which they came, many in that of Turn. When that takes
 //               long, the rest is reported again in the next round, where it has waited longest
-//     lane      connections whose requests the slow lane has carried out go on
+//     lane      connections whose requests the slow lane has carried out go on, if the loop was woken
 //     turns     those that were queued go on with the requests that they have left; what the time does not suffice for
 //               comes first in the next round
 //     tick      once a second, while any connection has something to watch, bounds of time are checked
@@ -84,8 +84,9 @@ class EventLoop {
   void GiveTurns();
   void Tick();
   void End(Connection* connection);
+  void FreePlace(Connection* connection);
   void Refuse(const char* reason) noexcept;
-  void CountOneLess();
+  void FreeOnePlace();
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
@@ -98,6 +99,7 @@ class EventLoop {
   std::vector<Event> _waiting;                // likewise: events of this round. Has room for those of one wait
   unsigned long long _round = 0;              // likewise
   std::vector<Connection*> _inLane;           // likewise: whose request the slow lane has. Has room for all
+  bool _wasWoken = false;                     // likewise: in this round
   int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
   bool _ticks = false;                        // likewise
   Connection::Clock::time_point _nextTick{};  // likewise

@@ -9,8 +9,7 @@ namespace tavix::daemon {
 
 // How many connections there may be at a time. One thread takes a place for each, and any thread frees it.
 //
-// A connection keeps its place until it ends. One whose peer is gone may still have changes that are made, some in the
-// slow lane: its descriptor and its memory count until then.
+// A connection keeps its place as long as it has a descriptor.
 //
 // Threads: Take belongs to one thread; the rest may be called from any thread.
 class Places {

@@ -1,5 +1,6 @@
 #include "programs/server/connections/SharedBound.h"
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -21,7 +22,7 @@ SharedBound::Part::Part(SharedBound& bound, int descriptor) : _bound(bound), _de
 
 void SharedBound::Part::Set(size_t bytes) {
   // Small amounts are left out, so that most connections never take the lock that all of them share.
-  const size_t counted = bytes > kNotCounted ? bytes : 0;
+  const size_t counted = bytes > kNotCounted || _hasDeparted ? bytes : 0;
   if (counted == _bytes || _ended) return;
   osa::PlainMutexLock lock(_bound._mutex);
   const size_t before = std::exchange(_bytes, counted);
@@ -61,6 +62,12 @@ void SharedBound::Part::Clear() {
   while (_texts) _bound.DropFirstText(*this);
 }
 
+void SharedBound::Part::Depart(int event) {
+  osa::PlainMutexLock lock(_bound._mutex);
+  _descriptor = event;
+  _hasDeparted = true;
+}
+
 void SharedBound::Part::End() {
   Clear();
   if (std::exchange(_ended, true)) return;
@@ -89,17 +96,24 @@ void SharedBound::Enforce() {
 
 // There is one: what exceeds a bound are the bytes of parts that are counted.
 SharedBound::Part* SharedBound::FindLargest() const {
-  const auto size = [](const Part* part) { return part->_isCounted ? part->GetSize() : 0; };
+  const auto rank = [](const Part* part) {
+    const size_t size = part->_isCounted ? part->GetSize() : 0;
+    return std::make_pair(part->_hasDeparted && size > 0, size);
+  };
   return *std::max_element(_parts.begin(), _parts.end(),
-                           [&](const Part* a, const Part* b) { return size(a) < size(b); });
+                           [&](const Part* a, const Part* b) { return rank(a) < rank(b); });
 }
 
-// Its loop sees it as an event of the socket.
+// Its loop sees it as an event of the socket, or as that of a departed client.
 void SharedBound::Pick(Part& part) {
   part._picked = part.GetSize();
   Uncount(part);
   while (part._texts) DropFirstText(part);
-  shutdown(part._descriptor, SHUT_RDWR);
+  if (part._hasDeparted) {
+    eventfd_write(part._descriptor, 1);
+  } else {
+    shutdown(part._descriptor, SHUT_RDWR);
+  }
 }
 
 void SharedBound::Count(Part& part) {

@@ -20,7 +20,7 @@ namespace tavix::daemon {
 // When the bound is passed, connections are picked, and their sockets shut down, until the rest is within it: first the
 // one that keeps the most, shared texts included, then the next. So those that are furthest behind end, together if
 // they share what they keep, for only then is its memory free; one that keeps little stays. A connection is spared in
-// the end if the rest would be within the bound even with it.
+// the end if the rest would be within the bound even with it. Departed clients are picked before the others.
 //
 // Threads: any.
 // Locks:   its own mutex, inside all others but the log's.
@@ -66,6 +66,10 @@ class SharedBound {
     // It keeps nothing any more.
     void Clear();
 
+    // Its client has left, and its socket is about to be closed. From now on a little counts, too. event: a
+    // non-blocking eventfd, which is written when the part is picked; borrowed until the end.
+    void Depart(int event);
+
     // It keeps nothing, and is not picked, any more.
     void End();
 
@@ -78,9 +82,10 @@ class SharedBound {
     size_t GetSize() const { return _bytes + _textBytes; }
 
     SharedBound& _bound;
-    const int _descriptor;
     bool _ended = false;
-    size_t _bytes = 0;  // written, as what follows, with the bound's lock, which others need to read it
+    int _descriptor;  // the socket's or the event's; written, as what follows, with the bound's lock, to be read by others
+    bool _hasDeparted = false;
+    size_t _bytes = 0;
     size_t _textBytes = 0;
     std::unique_ptr<std::deque<Texts::value_type*>> _texts;  // null when there are none: an idle part is small
     bool _isCounted = true;

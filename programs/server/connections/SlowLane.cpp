@@ -18,9 +18,15 @@ void SlowLane::Add(IJob& job) {
   _wake.notify_one();
 }
 
-void SlowLane::AddForDeparted(IJob& job, bool isNext) {
+void SlowLane::AddForDeparted(IJob& job) {
   osa::PlainMutexLock lock(_mutex);
-  _departed.insert(isNext ? _departed.begin() : _departed.end(), &job);
+  _departed.push_back(&job);
+  _wake.notify_one();
+}
+
+void SlowLane::AddNextForDeparted(IJob& job) {
+  osa::PlainMutexLock lock(_mutex);
+  _departed.push_front(&job);
   _wake.notify_one();
 }
 

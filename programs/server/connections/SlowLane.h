@@ -14,10 +14,9 @@ namespace tavix::daemon {
 // A thread for requests that take long, so that event loops go on with short ones. Jobs run one at a time. They wait in
 // two queues, which take turns while both have some:
 //
-//     clients that are there   in the order in which the jobs were added. A connection adds its next one when the one
-//                              before has ended, so clients take turns
-//     clients that have left   one connection after the other, as each keeps its place, its descriptor and its memory
-//                              until its last change is made
+//     present clients    in the order in which the jobs were added. A connection adds its next one when the one before
+//                        has ended, so clients take turns
+//     departed clients   one connection after the other, as each keeps its memory until its last change is made
 //
 // Threads: every operation may be called from any thread, but for Stop and the destructor, which one thread calls.
 // Locks:   its own mutex, inside all others; it is not held while a job runs.
@@ -47,8 +46,9 @@ class SlowLane {
   // Throws std::bad_alloc, and has not added the job then.
   void Add(IJob& job) TAVIX_EXCLUDES(_mutex);
 
-  // The same for a client that has left. isNext: before the others, as it has had a job there before.
-  void AddForDeparted(IJob& job, bool isNext) TAVIX_EXCLUDES(_mutex);
+  // The same for a departed client's first job; for its later ones, which come before the first ones of others.
+  void AddForDeparted(IJob& job) TAVIX_EXCLUDES(_mutex);
+  void AddNextForDeparted(IJob& job) TAVIX_EXCLUDES(_mutex);
 
   // The client of a job has left. Does nothing unless the job waits. False: it neither waits nor runs. Throws
   // std::bad_alloc; then the job waits where it did.

@@ -108,7 +108,7 @@ class ServerConnection : public testing::Test {
     if (count != 1) return false;
     if ((event.events & EPOLLOUT) && !_connection->OnWritable()) return false;
     if ((event.events & (EPOLLIN | EPOLLHUP | EPOLLERR)) && !Receive()) return false;
-    return !(event.events & EPOLLHUP) || _connection->OnHangUp();
+    return !(event.events & EPOLLHUP) || _connection->OnHangUp(_scratch.data(), _scratch.size());
   }
 
   // Until that much has come, the connection ends, or it does nothing any more.

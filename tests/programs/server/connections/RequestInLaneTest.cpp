@@ -172,16 +172,37 @@ TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNobodyBusyAndIsEndedBehindIt
   EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 0; }));
 }
 
-TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsItsPlaceUntilItsChangesAreMade) {
-  osa::Descriptor slow = Connect();
+TEST_F(RequestInLane, ClientThatLeavesMeanwhileKeepsNeitherPlaceNorDescriptorAndItsChangesAreMade) {
   const osa::Descriptor other = Connect();
+  const size_t descriptors = CountDescriptors(getpid());
+  osa::Descriptor slow = Connect();
   SendSlowRequest(slow, "merge\n[A]\nx=2\n.\n");
+  EXPECT_TRUE(Send(slow, "merge\n[A]\ny=3\n.\n"));  // is read once it has left
+  EXPECT_EQ(_setup.counters.clients.Get(), 2u);
   slow.Reset();
-  AwaitSeen();
-  EXPECT_FALSE(_places.Take());
-  Release();
   EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
-  EXPECT_EQ(Ask(other, kGetA, kA.size()), "data\n[A]\nx=2\n.\n");
+  AwaitSeen();
+  EXPECT_EQ(CountDescriptors(getpid()), descriptors);
+  EXPECT_EQ(_setup.counters.clients.Get(), 1u);
+  EXPECT_EQ(_loop->CountConnections(), 2u);
+  Release();
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 1; }));
+  const std::string both = "data\n[A]\nx=2\ny=3\n.\n";
+  EXPECT_EQ(Ask(other, kGetA, both.size()), both);
+}
+
+TEST_F(RequestInLane, EachClientThatLeavesFreesOnePlace) {
+  osa::Descriptor slow = Connect();
+  osa::Descriptor waiting = Connect();
+  SendSlowRequest(slow);
+  SendBehind(waiting, "restore\nA\n.\n");
+  slow.Reset();
+  waiting.Reset();
+  EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
+  EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
+  Release();
+  EXPECT_TRUE(Eventually([this] { return _loop->CountConnections() == 0; }));
+  EXPECT_FALSE(_places.Take());
 }
 
 TEST_F(RequestInLane, AnswerThatWaitsIsWithdrawnWithItsConnectionWhenItsClientLeaves) {

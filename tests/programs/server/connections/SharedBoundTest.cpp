@@ -1,6 +1,7 @@
 #include "programs/server/connections/SharedBound.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <memory>
 #include <string>
 #include <thread>
+
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::test {
 
@@ -63,6 +66,38 @@ TEST(SharedBound, LargestIsPickedWhoeverPassesTheBound) {
   EXPECT_TRUE(large.IsShutDown());
   EXPECT_EQ(small->GetPicked(), 0u);
   EXPECT_FALSE(small.IsShutDown());
+}
+
+TEST(SharedBound, DepartedClientsArePickedFirstByTheirEventAndTheLargestOfThemBeforeTheOthers) {
+  const osa::Descriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  SharedBound bound(kMax);
+  Kept present(bound);
+  Kept small(bound);
+  Kept large(bound);
+  for (Kept* departed : {&small, &large}) (*departed)->Depart(event.Get());
+  small->Set(1);
+  large->Set(2);
+  present->Set(kMax - 2);
+  EXPECT_EQ(large->GetPicked(), 2u);
+  EXPECT_EQ(small->GetPicked() + present->GetPicked(), 0u);
+  EXPECT_FALSE(large.IsShutDown());
+  eventfd_t count = 0;
+  EXPECT_EQ(eventfd_read(event.Get(), &count), 0);
+  present->Set(kMax);
+  EXPECT_EQ(small->GetPicked(), 1u);
+  EXPECT_EQ(present->GetPicked(), 0u);
+}
+
+TEST(SharedBound, DepartedClientsCountNoMoreOnceTheyHaveEnded) {
+  const osa::Descriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  SharedBound bound(kMax);
+  Kept departed(bound);
+  Kept present(bound);
+  departed->Depart(event.Get());
+  departed->Set(kMax);
+  departed->End();
+  present->Set(kMax);
+  EXPECT_EQ(departed->GetPicked() + present->GetPicked(), 0u);
 }
 
 TEST(SharedBound, OneThatPassesItAloneIsPicked) {

@@ -104,7 +104,7 @@ TEST(SlowLane, JobIsTakenBackOnlyWhileItWaits) {
   running.waits = true;
   SlowLane lane;
   for (TestJob* job : {&running, &waiting}) lane.Add(*job);
-  lane.AddForDeparted(departed, false);
+  lane.AddForDeparted(departed);
   running.started.get_future().wait();
   EXPECT_FALSE(lane.TryWithdraw(running));
   for (TestJob* job : {&waiting, &departed}) {
@@ -117,7 +117,7 @@ TEST(SlowLane, JobIsTakenBackOnlyWhileItWaits) {
   EXPECT_EQ(waiting.runs + departed.runs, 0);
 }
 
-TEST(SlowLane, JobsOfClientsThatHaveLeftTakeTurnsWithTheOthers) {
+TEST(SlowLane, JobsOfDepartedClientsTakeTurnsWithTheOthers) {
   std::string notes;
   NotedJob first(notes, '0');
   NotedJob a(notes, 'a'), b(notes, 'b'), c(notes, 'c');
@@ -126,13 +126,13 @@ TEST(SlowLane, JobsOfClientsThatHaveLeftTakeTurnsWithTheOthers) {
   SlowLane lane;
   for (TestJob* job : {&first, &a, &b, &c}) lane.Add(*job);
   first.started.get_future().wait();
-  for (TestJob* job : {&x, &y, &z}) lane.AddForDeparted(*job, false);
+  for (TestJob* job : {&x, &y, &z}) lane.AddForDeparted(*job);
   first.released.set_value();
   for (TestJob* job : {&c, &z}) job->AwaitDone();
   EXPECT_EQ(notes, "0xaybzc");
 }
 
-TEST(SlowLane, JobOfAClientThatLeavesMovesToThoseThatHaveLeft) {
+TEST(SlowLane, JobOfAClientThatLeavesMovesToThoseOfDepartedClients) {
   std::string notes;
   NotedJob first(notes, '0');
   NotedJob a(notes, 'a'), b(notes, 'b'), moved(notes, 'm');
@@ -148,7 +148,7 @@ TEST(SlowLane, JobOfAClientThatLeavesMovesToThoseThatHaveLeft) {
   EXPECT_EQ(first.runs, 1);
 }
 
-TEST(SlowLane, NextJobOfAClientThatHasLeftComesBeforeTheOthersThatHave) {
+TEST(SlowLane, NextJobOfADepartedClientComesBeforeThoseOfOtherDepartedClients) {
   std::string notes;
   NotedJob first(notes, '0');
   NotedJob x(notes, 'x'), y(notes, 'y'), next(notes, 'n');
@@ -156,8 +156,8 @@ TEST(SlowLane, NextJobOfAClientThatHasLeftComesBeforeTheOthersThatHave) {
   SlowLane lane;
   lane.Add(first);
   first.started.get_future().wait();
-  for (TestJob* job : {&x, &y}) lane.AddForDeparted(*job, false);
-  lane.AddForDeparted(next, true);
+  for (TestJob* job : {&x, &y}) lane.AddForDeparted(*job);
+  lane.AddNextForDeparted(next);
   first.released.set_value();
   y.AwaitDone();
   EXPECT_EQ(notes, "0nxy");
@@ -184,7 +184,7 @@ TEST(SlowLane, StopEndsTheRunningJobAndForgetsTheOthers) {
   SlowLane lane;
   lane.Add(running);
   lane.Add(waiting);
-  lane.AddForDeparted(departed, false);
+  lane.AddForDeparted(departed);
   running.started.get_future().wait();
   lane.Stop();
   lane.Stop();
