@@ -26,6 +26,7 @@
 #include "programs/server/store/StoreProbe.h"
 #include "programs/server/system/Deadline.h"
 #include "programs/server/system/FileLock.h"
+#include "programs/server/system/MemorySize.h"
 #include "programs/server/system/UnusedMemory.h"
 #include "tavix/core/Logger.h"
 
@@ -194,7 +195,7 @@ int RunProgram(int argc, char** argv) {
     const Options options = OrFail(kExitConfiguration, [&] { return ReadOptions(commandLine); });
     if (options.action == Options::Action::kCheck) return RunCheck(options);
     programs::Signals::Block();
-    ReturnLargeBlocksAtOnce();
+    LimitFreedMemory(FreedMemoryLimits::Choose(MemorySize().GetBytes()));
     ConfigureLog(options.log);
     log = options.log;
     return Serve(options, commandLine);
