@@ -15,6 +15,7 @@ namespace {
 constexpr int kMaxRounds = 6;
 constexpr size_t kFewParts = 4;
 constexpr GroupWalk::Work kWorkOfAPart = 1000;
+constexpr size_t kBytesBehind = 64;  // of what callers append to the text
 
 }  // namespace
 
@@ -113,7 +114,9 @@ size_t TextInParts::CountBytes() const {
   return bytes;
 }
 
+// A text that grew by doubling would be copied again and again, and take twice the memory in the end.
 void TextInParts::MoveTo(core::StringOstream& out) {
+  out.Reserve(out.GetText().size() + CountBytes() + kBytesBehind);
   for (Part& part : _parts) {
     out.Append(part.text);
     std::string().swap(part.text);
@@ -122,6 +125,7 @@ void TextInParts::MoveTo(core::StringOstream& out) {
 }
 
 void TextInParts::MoveTo(std::ostream& out) {
+  if (auto* const text = dynamic_cast<core::StringOstream*>(&out)) return MoveTo(*text);
   for (Part& part : _parts) {
     out.write(part.text.data(), static_cast<std::streamsize>(part.text.size()));
     std::string().swap(part.text);

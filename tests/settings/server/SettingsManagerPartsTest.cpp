@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
@@ -20,6 +21,7 @@
 namespace {
 
 using tavix::core::IniFile;
+using tavix::core::StringOstream;
 using tavix::osa::Exception;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ISettingsSerializer;
@@ -172,6 +174,17 @@ TEST(SettingsManagerInParts, ShowsOneStateWhilePairsChange) {
   }
   isDone = true;
   writer.Join();
+}
+
+TEST(SettingsManagerInParts, AStringGetsTheMemoryForTheTextAtOnce) {
+  ServedStore served;
+  for (const int groups : {1000, 1300, 1700}) {
+    served.store.MergeSettings(SameEverywhere(groups, std::string(1000, 'v')), 0);
+    StringOstream text;
+    served.store.DumpAllSettingsInParts(text, kNeverStopped);
+    EXPECT_EQ(text.GetText(), AllSettingsOf(served.store));
+    EXPECT_LT(text.GetText().capacity(), text.GetText().size() + 1000) << groups;
+  }
 }
 
 TEST(SettingsManagerInParts, AStoppedTextEndsByAnExceptionBetweenParts) {
