@@ -24,11 +24,11 @@ std::string NameOf(std::string_view args) {
 
 }  // namespace
 
-// A revert may change many settings, and a trial may be of many.
+// A trial may be of many settings: what shows, keeps or reverts one may take long.
 const TrialWords::Command* TrialWords::Find(std::string_view word) const {
   static const Command arms{false, false, false, true};
   static const Command shows{true, false, true, false};
-  static const Command confirms;
+  static const Command confirms{true, false, false, false};
   static const Command reverts{true, true, false, false};
   if (word == kTry) return &arms;
   if (word == kTrial) return &shows;
