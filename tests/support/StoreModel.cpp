@@ -189,8 +189,12 @@ Change StoreModel::Restore(const Names& groups) {
 }
 
 bool StoreModel::Amend(const Amendment& amendment, Change& change) {
-  const Amendment unrestricted{amendment.present, amendment.absent, UnrestrictedOf(amendment.set),
-                               UnrestrictedOf(amendment.unset), UnrestrictedOf(amendment.replace)};
+  const Amendment unrestricted{amendment.present,
+                               amendment.absent,
+                               UnrestrictedOf(amendment.set),
+                               UnrestrictedOf(amendment.unset),
+                               UnrestrictedOf(amendment.replace),
+                               UnrestrictedOf(amendment.drop)};
   if (!IsPossible(unrestricted)) return false;
   const Groups amended = AmendUser(unrestricted);
   if (IsHiddenByPattern(unrestricted, amended)) return false;
@@ -234,6 +238,9 @@ bool StoreModel::IsPossible(const Amendment& amendment) const {
 
 Groups StoreModel::AmendUser(const Amendment& amendment) const {
   Groups amended = user;
+  for (const auto& group : amendment.drop) {
+    if (group.first != kRecord) amended.erase(group.first);
+  }
   for (const auto& [group, keys] : amendment.replace) {
     amended.erase(group);
     if (!keys.empty()) amended[group] = keys;
@@ -268,6 +275,7 @@ bool StoreModel::IsHiddenByPattern(const Amendment& amendment, const Groups& ame
 StoreModel::Touched StoreModel::FindTouched(const Amendment& amendment, const Groups& amended) const {
   Touched touched;
   for (const auto& group : amendment.replace) touched.whole.insert(group.first);
+  for (const auto& group : amendment.drop) touched.whole.insert(group.first);
   for (const auto& [group, keys] : amendment.unset) {
     if (keys.empty()) touched.whole.insert(group);
   }

@@ -24,6 +24,7 @@ class StoreModel {
     Groups set;
     Groups unset;
     Groups replace;
+    Groups drop;  // the keys do not count
   };
 
   StoreModel(Groups ofDefaults, Groups ofLoader);

@@ -8,16 +8,16 @@
 #include "programs/server/trials/TrialText.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
-#include "tavix/settings/Amendment.h"
 #include "tavix/settings/server/RefusedChange.h"
+#include "tavix/settings/server/StoreAmendment.h"
 
 namespace tavix::daemon {
 
 using core::IniFile;
-using settings::Amendment;
 using settings::server::ChangeOrigin;
 using settings::server::ClientIdentity;
 using settings::server::RefusedChange;
+using settings::server::StoreAmendment;
 
 namespace {
 
@@ -28,8 +28,8 @@ core::Logger* Log() {
   return logger;
 }
 
-bool IsNothing(const Amendment& amendment) {
-  return amendment.set.IsEmpty() && amendment.unset.IsEmpty() && amendment.replace.IsEmpty();
+bool IsNothing(const StoreAmendment& revert) {
+  return revert.set.IsEmpty() && revert.unset.IsEmpty() && revert.drop.IsEmpty();
 }
 
 const std::string* FindNow(const IniFile& user, const SettingName& name) {
@@ -89,7 +89,7 @@ StoreTrials::Ticket StoreTrials::RevertOne(const std::string& name, const Change
   for (int round = 0; round < kMaxRounds; ++round) {
     Ticket ticket = 0;
     bool isEnded = false;
-    Amendment revert;
+    StoreAmendment revert;
     _manager.ReadUserSettings([&](const IniFile& user) {
       _trials.RequireRevertible(name, origin.client);
       revert = _trials.PlanRevert(name, user);
@@ -98,6 +98,7 @@ StoreTrials::Ticket StoreTrials::RevertOne(const std::string& name, const Change
     if (isEnded) return ticket;
     try {
       if (_manager.Amend(revert, origin, ticket)) return ticket;
+      throw osa::Exception("Trial '%s' can't be reverted: its settings exclude one another", name.c_str());
     } catch (const TrialBook::OutdatedRevert&) {
       continue;
     }

@@ -14,8 +14,8 @@
 
 namespace tavix::daemon {
 
-using settings::Amendment;
 using settings::server::PlannedChange;
+using settings::server::StoreAmendment;
 
 namespace {
 
@@ -79,7 +79,7 @@ void SharedTrials::RequireRevertible(const std::string& name, const Client& clie
   _book.RequireRevertible(name, client);
 }
 
-Amendment SharedTrials::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
+StoreAmendment SharedTrials::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
   const osa::PlainMutexLock lock(_mutex);
   return _book.PlanRevert(name, userSettings);
 }

@@ -59,7 +59,8 @@ class SharedTrials {
 
   void Confirm(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
   void RequireRevertible(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
-  settings::Amendment PlanRevert(const std::string& name, const core::IniFile& userSettings) TAVIX_EXCLUDES(_mutex);
+  settings::server::StoreAmendment PlanRevert(const std::string& name, const core::IniFile& userSettings)
+      TAVIX_EXCLUDES(_mutex);
 
   // False when the plan is outdated.
   [[nodiscard]] bool EndReverted(const std::string& name) TAVIX_EXCLUDES(_mutex);

@@ -8,9 +8,9 @@
 
 namespace tavix::daemon {
 
-using settings::Amendment;
 using settings::server::PlannedChange;
 using settings::server::RefusedChange;
+using settings::server::StoreAmendment;
 
 namespace {
 
@@ -180,10 +180,10 @@ std::string TrialBook::Confirm(const std::string& name, const Client& client, Ti
   return lines;
 }
 
-Amendment TrialBook::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
+StoreAmendment TrialBook::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
   const auto trial = _trials.find(name);
   if (trial == _trials.end() || !IsPending(trial->second)) return {};
-  Amendment revert = MakeRevert(trial->second.settings, userSettings);
+  StoreAmendment revert = MakeRevert(trial->second.settings, userSettings);
   trial->second.isPlanned = true;
   return revert;
 }

@@ -91,7 +91,7 @@ class TrialBook : private ITrialLines {
   void RequireRevertible(const std::string& name, const Client& client) const;
 
   // What brings the settings of a pending trial back; there may be nothing left to do. userSettings: as they are.
-  settings::Amendment PlanRevert(const std::string& name, const core::IniFile& userSettings);
+  settings::server::StoreAmendment PlanRevert(const std::string& name, const core::IniFile& userSettings);
 
   // Ends a trial as reverted without a change, when that is what PlanRevert found out. Empty: it is outdated.
   std::string EndReverted(const std::string& name, Time now);

@@ -10,10 +10,10 @@
 namespace tavix::daemon {
 
 using core::IniFile;
-using settings::Amendment;
 using settings::common::GroupNameMatcher;
 using settings::server::PlannedChange;
 using settings::server::SettingsManager;
+using settings::server::StoreAmendment;
 using KeyMap = IniFile::KeyMap;
 using Names = std::set<std::string>;
 
@@ -60,13 +60,18 @@ class WrittenCollector {
   void AddSet(const IniFile& document) {
     for (const auto& [group, keys] : document) {
       for (const auto& setting : keys) AddKey(group, setting.first);
-      if (keys.empty() && !_user.HasGroup(group)) AddEmpty(group, false);
+      const KeyMap* const now = FindGroup(_user, group);
+      if (keys.empty()) AddEmpty(group, now && now->empty());  // it may lose its last key by the same change
     }
   }
 
+  // A key that is not there neither goes nor comes.
   void AddUnset(const IniFile& document) {
     for (const auto& [group, keys] : document) {
-      for (const auto& setting : keys) AddKey(group, setting.first);
+      const KeyMap* const now = FindGroup(_user, group);
+      for (const auto& setting : keys) {
+        if (FindKey(now, setting.first)) AddKey(group, setting.first);
+      }
       if (keys.empty()) AddGroup(group);
     }
   }
@@ -151,11 +156,13 @@ class Touch {
            (_change.recordErased && _change.recordErased->count(key) != 0);
   }
 
-  // Who sets anything in a group that was not there before relies on the group.
-  static bool WritesIn(const IniFile* document, const SettingName& name, const std::optional<std::string>& old) {
+  // Who sets anything in a group that was not there before, or that has no keys, relies on the group.
+  bool WritesIn(const IniFile* document, const SettingName& name, const std::optional<std::string>& old) const {
     const KeyMap* const keys = document ? FindGroup(*document, name.group) : nullptr;
     if (!keys) return false;
-    return name.key ? keys->count(*name.key) != 0 : !old || keys->empty();
+    if (name.key) return keys->count(*name.key) != 0;
+    const KeyMap* const now = FindGroup(_change.userSettings, name.group);
+    return !old || keys->empty() || (now && now->empty());
   }
 
   bool Unsets(const SettingName& name) const {
@@ -167,24 +174,14 @@ class Touch {
   Names _asked;
 };
 
-// Whether the record of deleted groups holds the name, or a pattern that matches it.
-bool IsRecorded(const IniFile& user, const std::string& name) {
-  const KeyMap* const members = FindGroup(user, RecordGroup());
-  if (!members) return false;
-  GroupNameMatcher matcher;
-  for (const auto& member : *members) matcher.AddNameOrPattern(member.second);
-  Names matching;
-  matcher.GetMatchingGroups(Names{name}, matching);
-  return !matching.empty();
-}
-
-// A group that came without keys, and still has none, goes. Where its name is recorded it has to stay so.
-void RevertGroup(const std::string& group, bool wasThere, const IniFile& user, Amendment& revert) {
+// A group that came without keys, and still has none, goes. A record without members is none.
+void RevertGroup(const std::string& group, bool wasThere, const IniFile& user, StoreAmendment& revert) {
+  if (group == RecordGroup()) return;
   const KeyMap* const keys = FindGroup(user, group);
   if (wasThere) {
     if (!keys || !keys->empty()) revert.set[group];
   } else if (keys && keys->empty()) {
-    (IsRecorded(user, group) ? revert.replace : revert.unset)[group];
+    revert.drop[group];
   }
 }
 
@@ -217,8 +214,8 @@ bool WritesAny(const PlannedChange& change, const OldSettings& settings) {
   return !Touch(change).Find(settings).empty();
 }
 
-Amendment MakeRevert(const OldSettings& settings, const IniFile& userSettings) {
-  Amendment revert;
+StoreAmendment MakeRevert(const OldSettings& settings, const IniFile& userSettings) {
+  StoreAmendment revert;
   for (const auto& [name, old] : settings) {
     if (!name.key) {
       RevertGroup(name.group, old.has_value(), userSettings, revert);

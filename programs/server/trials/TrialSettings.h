@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "tavix/core/IniFile.h"
-#include "tavix/settings/Amendment.h"
 #include "tavix/settings/server/PlannedChange.h"
+#include "tavix/settings/server/StoreAmendment.h"
 
 // The user settings that a trial may have to bring back.
 
@@ -37,7 +37,8 @@ OldSettings TakeWritten(const settings::server::PlannedChange& change, OldSettin
 // Whether a change writes one of these.
 bool WritesAny(const settings::server::PlannedChange& change, const OldSettings& settings);
 
-// What brings these settings back, as far as the user settings are different from them. Throws std::bad_alloc.
-settings::Amendment MakeRevert(const OldSettings& settings, const core::IniFile& userSettings);
+// What brings these settings back, as far as the user settings are different from them. It never contradicts itself.
+// Throws std::bad_alloc.
+settings::server::StoreAmendment MakeRevert(const OldSettings& settings, const core::IniFile& userSettings);
 
 }  // namespace tavix::daemon

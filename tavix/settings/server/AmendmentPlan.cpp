@@ -38,6 +38,11 @@ bool LacksKeys(const IniFile& all, IniFile::const_iterator group) {
                       [&](const auto& setting) { return keys->count(setting.first) != 0; });
 }
 
+const IniFile& Nothing() {
+  static const IniFile nothing;
+  return nothing;
+}
+
 void AddKeys(Names& names, const Keys* keys) {
   if (!keys) return;
   for (const auto& setting : *keys) names.insert(setting.first);
@@ -51,6 +56,7 @@ struct AmendmentPlan::Group {
   const GroupLayers layers;
   bool isWhole;
   const bool isDeleted;
+  const bool isDropped;
   const Keys* const replace;
   const Keys* const set;
   const Keys* const unset;
@@ -63,14 +69,15 @@ struct AmendmentPlan::Group {
   const std::string* FindUser(const std::string& key) const {
     if (replace) return FindValue(replace, key);
     if (const std::string* value = FindValue(set, key)) return value;
-    return !unset || (!unset->empty() && unset->count(key) == 0) ? FindValue(layers.user, key) : nullptr;
+    const bool isKept = !isDropped && (!unset || (!unset->empty() && unset->count(key) == 0));
+    return isKept ? FindValue(layers.user, key) : nullptr;
   }
 
   // Whether the user settings have the group then: it goes with its last key, unless it had none before.
   bool HasUser() const {
     if (replace) return !replace->empty();
     if (set || !layers.user) return set != nullptr;
-    if (unset && unset->empty()) return false;
+    if (isDropped || (unset && unset->empty())) return false;
     return layers.user->empty() || std::any_of(layers.user->begin(), layers.user->end(),
                                                [&](const auto& setting) { return FindUser(setting.first) != nullptr; });
   }
@@ -96,12 +103,15 @@ struct AmendmentPlan::Group {
   }
 };
 
-AmendmentPlan::AmendmentPlan(const Amendment& amendment)
+AmendmentPlan::AmendmentPlan(const Amendment& amendment) : AmendmentPlan(amendment, Nothing()) {}
+
+AmendmentPlan::AmendmentPlan(const Amendment& amendment, const IniFile& drop)
     : _present(amendment.present),
       _absent(amendment.absent, LacksKeys),
       _set(amendment.set),
       _unset(amendment.unset),
-      _replace(amendment.replace) {}
+      _replace(amendment.replace),
+      _drop(drop) {}
 
 bool AmendmentPlan::IsSound() const {
   const IniFile& replace = _replace.Get();
@@ -148,8 +158,9 @@ bool AmendmentPlan::MakeAnew(const StoreDocuments& documents) {
 // A pattern that joins or leaves the record is tried on all groups.
 bool AmendmentPlan::IsLong(const std::string& recordGroup) const {
   const IniFile& unset = _unset.Get();
-  return IsLarge(_set.Get()) || IsLarge(unset) || IsLarge(_replace.Get()) || _set.Get().HasGroup(recordGroup) ||
-         _replace.Get().HasGroup(recordGroup) || std::any_of(unset.begin(), unset.end(), [&](const auto& group) {
+  return IsLarge(_set.Get()) || IsLarge(unset) || IsLarge(_replace.Get()) || IsLarge(_drop.Get()) ||
+         _set.Get().HasGroup(recordGroup) || _replace.Get().HasGroup(recordGroup) ||
+         std::any_of(unset.begin(), unset.end(), [&](const auto& group) {
            return group.first == recordGroup || DeletedGroupsRecord::IsPattern(group.first);
          });
 }
@@ -204,7 +215,9 @@ bool AmendmentPlan::IsSeenAgain(const StoreDocuments& documents) const {
 }
 
 void AmendmentPlan::FindTouched(const StoreDocuments& documents) {
-  for (const auto& group : _replace.Get()) _whole.insert(group.first);
+  for (const IniFile* groups : {&_replace.Get(), &_drop.Get()}) {
+    for (const auto& group : *groups) _whole.insert(group.first);
+  }
   for (const auto& group : _set.Get()) _keyed.insert(group.first);
   for (const auto& [name, keys] : _unset.Get()) (keys.empty() ? _whole : _keyed).insert(name);
   if (!_record->GetTouched().empty()) AddDeletedOrBack(documents);
@@ -244,6 +257,7 @@ AmendmentPlan::Group AmendmentPlan::MakeGroup(const StoreDocuments& documents, c
               layers,
               _whole.count(name) != 0,
               _deleted.count(name) != 0,
+              _drop.Get().HasGroup(name),
               FindKeys(_replace.Get(), name),
               FindKeys(_set.Get(), name),
               FindKeys(_unset.Get(), name)};
@@ -352,7 +366,7 @@ void AmendmentPlan::FindSaved(const std::string& recordGroup) {
   _different.insert(_gone.begin(), _gone.end());
   if (!_different.empty() || !_addedMembers.IsEmpty()) return;
   _held.emplace();
-  for (const IniFile* document : {&_set.Get(), &_unset.Get(), &_replace.Get()}) {
+  for (const IniFile* document : {&_set.Get(), &_unset.Get(), &_replace.Get(), &_drop.Get()}) {
     for (const auto& group : *document) _held->AddNameOrPattern(group.first);
   }
   _held->AddNameOrPattern(recordGroup);

@@ -39,6 +39,9 @@ class AmendmentPlan {
   // amendment: outlives the object.
   explicit AmendmentPlan(const Amendment& amendment);
 
+  // drop: as that of a StoreAmendment; outlives the object.
+  AmendmentPlan(const Amendment& amendment, const core::IniFile& drop);
+
   AmendmentPlan(const AmendmentPlan&) = delete;
   AmendmentPlan& operator=(const AmendmentPlan&) = delete;
 
@@ -55,6 +58,7 @@ class AmendmentPlan {
   const core::IniFile& GetSet() const { return _set.Get(); }
   const core::IniFile& GetUnset() const { return _unset.Get(); }
   const core::IniFile& GetReplace() const { return _replace.Get(); }
+  const core::IniFile& GetDrop() const { return _drop.Get(); }
 
   // What the documents lose and get.
   struct Edits {
@@ -108,6 +112,7 @@ class AmendmentPlan {
   const UnrestrictedPart _set;
   const UnrestrictedPart _unset;
   const UnrestrictedPart _replace;
+  const UnrestrictedPart _drop;
 
   std::optional<ChangeRecorder> _recorder;     // of long conditions, until the last Make
   std::set<std::string> _changedByOthers;      // groups, since the conditions were tested

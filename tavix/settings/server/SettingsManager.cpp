@@ -7,6 +7,7 @@
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/osa/Time.h"
+#include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ChangeRecorder.h"
@@ -14,6 +15,7 @@
 #include "tavix/settings/server/GroupWalk.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
 #include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/StoreAmendment.h"
 #include "tavix/settings/server/StoreChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tavix/settings/server/StoreLoader.h"
@@ -267,7 +269,14 @@ bool SettingsManager::Amend(const Amendment& amendment) {
 
 bool SettingsManager::Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
   ticket = 0;
-  return StoreChange::Amend(*_documents, _persister, *_notifier, amendment, origin, ticket);
+  AmendmentPlan plan(amendment);
+  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, origin, ticket);
+}
+
+bool SettingsManager::Amend(const StoreAmendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
+  ticket = 0;
+  AmendmentPlan plan(amendment, amendment.drop);
+  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, origin, ticket);
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {

@@ -33,6 +33,7 @@ class SettingsCombiner;
 class StoreDocuments;
 struct ChangeOrigin;
 class StoreLoader;
+struct StoreAmendment;
 
 // The one store of settings of a process. What readers see, the winner first:
 //
@@ -168,6 +169,7 @@ class TAVIX_EXPORT SettingsManager {
   // readers see differently, with their new values. Returns false when it is not made, as its own contract says.
   bool Amend(const Amendment& amendment);
   bool Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket);
+  bool Amend(const StoreAmendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket);
 
   // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
   // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in

@@ -111,9 +111,8 @@ void StoreChange::ReplaceUser(StoreDocuments& documents, IniFile user) {
 }
 
 bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister, const ChangeNotifier& notifier,
-                        const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
+                        AmendmentPlan& plan, const ChangeOrigin& origin, ChangeTicket& ticket) {
   notifier.RefuseInCallback();
-  AmendmentPlan plan(amendment);
   if (!plan.IsSound() || !plan.MakeEarly(documents)) return false;
   NoticeRound notices;
   std::optional<NotificationReserve> reserve;
@@ -148,8 +147,13 @@ void StoreChange::AskPersister(const StoreDocuments& documents, ISettingsPersist
                                const ChangeOrigin& origin) {
   std::set<std::string> replaced;
   for (const auto& group : plan.GetReplace()) replaced.insert(replaced.end(), group.first);
+  std::set<std::string> removed = replaced;
+  for (const auto& group : plan.GetDrop()) {
+    if (group.first != documents.GetRecordGroup()) removed.insert(group.first);
+  }
   PlannedChange change{documents._user, origin};
-  change.removed = change.recorded = &replaced;
+  change.removed = &removed;
+  change.recorded = &replaced;
   change.unset = &plan.GetUnset();
   change.set = &plan.GetSet();
   change.replaced = &plan.GetReplace();

@@ -18,10 +18,6 @@
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
-namespace tavix::settings {
-struct Amendment;
-}
-
 namespace tavix::settings::server {
 
 class AmendmentPlan;
@@ -62,11 +58,11 @@ class StoreChange {
   // notified.
   void MakeLocked() TAVIX_REQUIRES(_documents.GetLock());
 
-  // Makes an amendment instead. Returns false when it contradicts itself, or one of its conditions does not hold: then
-  // nothing is changed and nobody is notified.
+  // Makes an amendment instead, of which nothing is planned yet. Returns false when it contradicts itself, or one of
+  // its conditions does not hold: then nothing is changed and nobody is notified.
   [[nodiscard]] static bool Amend(StoreDocuments& documents, ISettingsPersister* persister,
-                                  const ChangeNotifier& notifier, const Amendment& amendment,
-                                  const ChangeOrigin& origin, ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
+                                  const ChangeNotifier& notifier, AmendmentPlan& plan, const ChangeOrigin& origin,
+                                  ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
 
   // What a client that asked for the change has to wait for: its own save or, when it changed nothing, the saves of
   // others that it relies on. 0: nothing, or the change was not saved.

@@ -10,6 +10,7 @@
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SettingsManager.h"
+#include "tavix/settings/server/StoreAmendment.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
 
@@ -25,6 +26,7 @@ using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::PlannedChange;
 using tavix::settings::server::RefusedChange;
 using tavix::settings::server::SettingsManager;
+using tavix::settings::server::StoreAmendment;
 using tavix::test::DocumentOf;
 using tavix::test::MemoryPersister;
 using tavix::test::TextOf;
@@ -116,6 +118,18 @@ TEST_F(SettingsManagerPlannedChange, OfAnAmendmentIsAllThatItNames) {
   EXPECT_EQ(persister.removed, "B ");
   EXPECT_EQ(persister.recordErased, "D ");
   EXPECT_EQ(persister.recordSet, 1U);
+}
+
+TEST_F(SettingsManagerPlannedChange, OfDroppedGroupsIsWhatGoesWithoutBeingRecorded) {
+  StoreAmendment amendment;
+  amendment.drop = DocumentOf("[B]\n[TavixSettings/Data/DeletedGroups]\n[Secure/C]\n");
+  amendment.replace = DocumentOf("[A]\n");
+  ChangeTicket ignored = 0;
+  ASSERT_TRUE(store.Amend(amendment, ChangeOrigin(), ignored));
+  EXPECT_EQ(persister.removed, "A B ");
+  EXPECT_EQ(persister.recorded, "A ");
+  EXPECT_EQ(persister.recordSet, 1U);
+  EXPECT_EQ(persister.recordErased, "");
 }
 
 TEST_F(SettingsManagerPlannedChange, ThatIsRefusedChangesNothing) {

@@ -10,8 +10,10 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/StoreAmendment.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
 #include "tests/support/RandomDocument.h"
@@ -25,8 +27,11 @@ namespace {
 using tavix::core::IniFile;
 using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
+using tavix::settings::server::ChangeOrigin;
+using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::SettingsManager;
 using tavix::settings::server::StoreAccount;
+using tavix::settings::server::StoreAmendment;
 using tavix::test::AllSettingsOf;
 using tavix::test::Change;
 using tavix::test::MemoryPersister;
@@ -95,6 +100,7 @@ StoreModel::Amendment RandomAmendment(RandomDocuments& random, const Groups& all
     amendment.set.erase(group.first);
     amendment.unset.erase(group.first);
   }
+  if (random.Below(4) == 0) amendment.drop = RandomGroups(random);
   if (random.Below(5) == 0) amendment.unset[OneOf(random, {"A*", "Net*", "*", "*0", "T*", "None"})];
   return amendment;
 }
@@ -168,7 +174,11 @@ class Comparison {
     const bool isMade = _model.Amend(amendment, change);
     const Amendment request{IniFile(amendment.present), IniFile(amendment.absent), IniFile(amendment.set),
                             IniFile(amendment.unset), IniFile(amendment.replace)};
-    ASSERT_EQ(_store->Amend(request), isMade);
+    ChangeTicket ignored = 0;
+    ASSERT_EQ(amendment.drop.empty()
+                  ? _store->Amend(request)
+                  : _store->Amend(StoreAmendment{request, IniFile(amendment.drop)}, ChangeOrigin(), ignored),
+              isMade);
     if (isMade) Expect(change);
     _amended += isMade ? 1 : 0;
   }

@@ -13,6 +13,7 @@
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
@@ -139,7 +140,8 @@ class SmallStore {
     const RefusedAllocation allocation(refused, areAllBehindIt);
     try {
       settings::server::ChangeTicket ticket = 0;
-      return StoreChange::Amend(_documents, &_persister, _notifier, amendment, {}, ticket);
+      settings::server::AmendmentPlan plan(amendment);
+      return StoreChange::Amend(_documents, &_persister, _notifier, plan, {}, ticket);
     } catch (const std::bad_alloc&) {
       return false;
     }

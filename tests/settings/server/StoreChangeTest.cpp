@@ -149,7 +149,8 @@ struct StoreChangeTest : testing::Test {
 
   bool Amend(const Amendment& amendment) {
     ticket = 0;
-    return StoreChange::Amend(documents, &persister, notifier, amendment, {}, ticket);
+    AmendmentPlan plan(amendment);
+    return StoreChange::Amend(documents, &persister, notifier, plan, {}, ticket);
   }
 
   StoreDocuments documents{kRecord};

@@ -77,22 +77,6 @@ TEST(TrialBook, BringsBackWhatAnAmendmentTook) {
   EXPECT_EQ(store.GetUser(), user);
 }
 
-TEST(TrialBook, BringsGroupsWithoutKeysBackAndTakesThemAway) {
-  TriedStore store("[A]\n");
-  store.Try("60 t", "[A]\nx=2\n[B]\n");
-  store.Revert("t");
-  EXPECT_EQ(store.GetUser(), "[A]\n");
-}
-
-TEST(TrialBook, TakesAGroupWithoutKeysAwayWhoseNameIsRecorded) {
-  const std::string user = "[TavixSettings/Data/DeletedGroups]\nB=B\n";
-  TriedStore store(user, "[B]\nd=1\n");
-  store.Try("60 t", "[B]\n");
-  store.Revert("t");
-  EXPECT_EQ(store.GetUser(), user);
-  EXPECT_EQ(store.GetSeen(), "");
-}
-
 TEST(TrialBook, KeepsWhatAnotherClientWroteSince) {
   TriedStore store("[A]\nx=1\ny=1\n");
   store.Try("60 t", "[A]\nx=2\ny=2\n");
@@ -320,7 +304,7 @@ TEST(TrialBook, KnowsWhenTheNextOneGoesBack) {
 TEST(TrialBook, RefusesARevertThatWasPlannedBeforeAnotherWrite) {
   TriedStore store("[A]\nx=1\ny=1\n");
   store.Try("60 t", "[A]\nx=2\ny=2\n");
-  const settings::Amendment revert = store.PlanRevert("t");
+  const auto revert = store.PlanRevert("t");
   store.Merge("[A]\nx=3\n");
   EXPECT_THROW(store.CarryOutRevert("t", revert), TrialBook::OutdatedRevert);
   EXPECT_EQ(store.GetUser(), "[A]\nx=3\ny=2\n");
@@ -331,7 +315,7 @@ TEST(TrialBook, RefusesARevertThatWasPlannedBeforeAnotherWrite) {
 TEST(TrialBook, RefusesARevertThatWasPlannedBeforeTheConfirmation) {
   TriedStore store("[A]\nx=1\n");
   store.Try("60 t", "[A]\nx=2\n");
-  const settings::Amendment revert = store.PlanRevert("t");
+  const auto revert = store.PlanRevert("t");
   store.Confirm("t");
   EXPECT_THROW(store.CarryOutRevert("t", revert), TrialBook::OutdatedRevert);
   EXPECT_EQ(store.book.EndReverted("t", store.now), "");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <set>
 #include <string>
@@ -11,6 +13,7 @@
 #include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SettingsManager.h"
+#include "tavix/settings/server/StoreAmendment.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryPersister.h"
 
@@ -67,15 +70,15 @@ class TriedStore : private MemoryPersister {
   void Merge(const std::string& settings) { manager.MergeSettings(DocumentOf(settings), 0); }
   void Confirm(const std::string& name) { lines += book.Confirm(name, client, now); }
 
-  settings::Amendment PlanRevert(const std::string& name) {
-    settings::Amendment revert;
+  settings::server::StoreAmendment PlanRevert(const std::string& name) {
+    settings::server::StoreAmendment revert;
     manager.ReadUserSettings([&](const core::IniFile& user) { revert = book.PlanRevert(name, user); });
     return revert;
   }
-  void CarryOutRevert(const std::string& name, const settings::Amendment& revert) {
+  void CarryOutRevert(const std::string& name, const settings::server::StoreAmendment& revert) {
     settings::server::ChangeOrigin origin{client, "revert", {}, name};
     origin.isRevert = true;
-    static_cast<void>(manager.Amend(revert, origin, ticket));
+    EXPECT_TRUE(manager.Amend(revert, origin, ticket));
   }
   void Revert(const std::string& name) { CarryOutRevert(name, PlanRevert(name)); }
 
