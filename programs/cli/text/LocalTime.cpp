@@ -53,13 +53,15 @@ std::optional<TimePoint> ParseAgo(const std::string& text, TimePoint now) {
     return std::nullopt;
   const std::optional<seconds> unit = FindUnit(words.substr(digits, ago - digits));
   if (!unit) return std::nullopt;
-  return now - *unit * std::strtoll(words.c_str(), nullptr, 10);
+  const seconds distance = *unit * std::strtoll(words.c_str(), nullptr, 10);  // far from what seconds can count
+  return distance <= now.time_since_epoch() ? std::make_optional(now - distance) : std::nullopt;
 }
 
 // A date and a time of the day as they were written.
 struct Parts {
   std::tm time{};
   const char* rest = nullptr;  // what stands behind them
+  bool hasDate = false;
   bool hasTime = false;
 };
 
@@ -82,24 +84,24 @@ std::optional<Parts> ParseParts(const std::string& text, TimePoint now) {
     if (!form.hasDate) localtime_r(&today, &parts.time);
     parts.time.tm_sec = 0;
     parts.rest = strptime(text.c_str(), form.format, &parts.time);
+    parts.hasDate = form.hasDate;
     parts.hasTime = form.hasTime;
     if (parts.rest != nullptr) return parts;
   }
   return std::nullopt;
 }
 
-// ".25" behind the seconds.
-std::optional<Duration> SkipFraction(const char*& rest) {
-  if (*rest != '.') return std::nullopt;
-  char* end = nullptr;
-  const double fraction = std::strtod(rest, &end);
-  if (end == rest + 1) return std::nullopt;
-  rest = end;
-  return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(fraction));
-}
-
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
+}
+
+// ".25" behind the seconds. Digits beyond the nanosecond are passed over.
+std::optional<Duration> SkipFraction(const char*& rest) {
+  if (*rest != '.' || !IsDigit(rest[1])) return std::nullopt;
+  std::chrono::nanoseconds fraction(0);
+  std::chrono::nanoseconds unit(100000000);
+  for (++rest; IsDigit(*rest); ++rest, unit /= 10) fraction += (*rest - '0') * unit;
+  return std::chrono::duration_cast<Duration>(fraction);
 }
 
 // "Z", or a distance from UTC such as "+01:00".
@@ -108,12 +110,19 @@ std::optional<seconds> ParseZone(const std::string& zone) {
   const bool isDistance = zone.size() == 6 && (zone[0] == '+' || zone[0] == '-') && IsDigit(zone[1]) &&
                           IsDigit(zone[2]) && zone[3] == ':' && IsDigit(zone[4]) && IsDigit(zone[5]);
   if (!isDistance) return std::nullopt;
-  const int minutes = std::atoi(zone.substr(1, 2).c_str()) * 60 + std::atoi(zone.substr(4).c_str());
-  return seconds(zone[0] == '-' ? -60 * minutes : 60 * minutes);
+  const int hours = std::atoi(zone.substr(1, 2).c_str());
+  const int minutes = std::atoi(zone.substr(4).c_str());
+  if (hours > 23 || minutes > 59) return std::nullopt;
+  const seconds distance(60 * (60 * hours + minutes));
+  return zone[0] == '-' ? -distance : distance;
 }
 
-// A day that its month does not have would become one of the next.
+// A day that its month does not have would become one of the next. The clock counts nanoseconds from 1970 to 2262.
 std::optional<TimePoint> ToTime(std::tm parts, const std::optional<seconds>& zone) {
+  constexpr int kMinYear = 1970;
+  constexpr int kMaxYear = 2261;
+  const int year = parts.tm_year + 1900;
+  if (year < kMinYear || year > kMaxYear) return std::nullopt;
   const int day = parts.tm_mday;
   parts.tm_isdst = -1;
   const std::time_t time = zone ? timegm(&parts) : std::mktime(&parts);
@@ -129,7 +138,11 @@ std::optional<TimePoint> ParseDate(const std::string& text, TimePoint now) {
   const std::optional<seconds> zone = ParseZone(rest);
   if (parts->hasTime ? *rest != '\0' && !zone : *parts->rest != '\0') return std::nullopt;
   const std::optional<TimePoint> time = ToTime(parts->time, zone);
-  return time ? std::make_optional(*time + fraction) : std::nullopt;
+  if (!time) return std::nullopt;
+  if (!parts->hasDate && *time > now)
+    throw Failure(kExitUsage, "'" + SpellValue(text) + "' is still to come today",
+                  "give the date as well, as in " + ShowLocalTime(*time - std::chrono::hours(24)));
+  return *time + fraction;
 }
 
 }  // namespace

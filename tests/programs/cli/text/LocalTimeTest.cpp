@@ -70,10 +70,48 @@ TEST_F(LocalTime, MayBeSoLongAgo) {
   EXPECT_EQ(Parse("1 w ago"), "2026-11-15T01:44:15.250Z");
 }
 
+TEST_F(LocalTime, PartsOfASecondMayHaveAnyNumberOfDigits) {
+  EXPECT_EQ(Parse("2026-11-22 03:44:15.0625"), "2026-11-22T01:44:15.062Z");
+  EXPECT_EQ(Parse("2026-11-22 03:44:15.99999999999999999999"), "2026-11-22T01:44:15.999Z");
+}
+
+TEST_F(LocalTime, IsStillToComeOnlyWithADate) {
+  EXPECT_EQ(Parse("2026-11-22 03:45"), "2026-11-22T01:45:00.999Z");
+  try {
+    ParseTime("03:45", kNow);
+    ADD_FAILURE();
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.GetCode(), programs::kExitUsage);
+    EXPECT_EQ(std::string(failure.what()), "'03:45' is still to come today");
+    EXPECT_EQ(failure.GetHint(), "give the date as well, as in 2026-11-21 03:45:00");
+  }
+}
+
 TEST_F(LocalTime, WhatIsNoTimeIsRefused) {
-  for (const std::string text :
-       {"", "x", "ago", "min ago", "10 ago", "10 miles ago", "9999999999 s ago", "10 min", "2026-02-30", "2026-13-01",
-        "2026-11-22 25:00", "2026-11-22 03:44 x", "2026-11-22 03:44:15.", "2026-11-22Z", "2026-11-22T01:44+1"}) {
+  for (const std::string text : {"",
+                                 "x",
+                                 "ago",
+                                 "min ago",
+                                 "10 ago",
+                                 "10 miles ago",
+                                 "9999999999 s ago",
+                                 "10 min",
+                                 "2026-02-30",
+                                 "2026-13-01",
+                                 "2026-11-22 25:00",
+                                 "2026-11-22 03:44 x",
+                                 "2026-11-22 03:44:15.",
+                                 "2026-11-22Z",
+                                 "2026-11-22T01:44+1",
+                                 "2026-11-22 03:44:15.5e3",
+                                 "2026-11-22 03:44:15.-5",
+                                 "2026-11-22T01:44+24:00",
+                                 "2026-11-22T01:44+01:60",
+                                 "999999999 w ago",
+                                 "3000 w ago",
+                                 "1969-12-31",
+                                 "2262-01-01",
+                                 "9999-01-01"}) {
     try {
       ParseTime(text, kNow);
       ADD_FAILURE() << text;
