@@ -6,6 +6,7 @@
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Features.h"
 #include "programs/cli/commands/HistoryWords.h"
+#include "programs/cli/terminal/Documents.h"
 #include "programs/cli/text/LocalTime.h"
 #include "programs/cli/text/UtcTime.h"
 #include "programs/common/client/Failure.h"
@@ -87,7 +88,7 @@ int RunCheckpoint(Context& context, const Options& options) {
     return kExitDone;
   }
   Print(context, AskOrFail(session, "checkpoint " + options.name, Session::Effect::kNoSettings, "not applied: "));
-  context.GetConsole().Say("done: bring it back by 'tavix-settings rollback @" + options.name + "'");
+  context.GetConsole().Say("done: bring it back by: " + ShowCommand(context.GetOptions(), "rollback @" + options.name));
   return kExitDone;
 }
 

@@ -10,6 +10,7 @@
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Revisions.h"
+#include "programs/common/client/Spelling.h"
 
 namespace tavix::programs::cli {
 
@@ -23,17 +24,11 @@ struct Options {
   size_t count = 0;  // 0: all
 };
 
-// What comes first is out at once: somebody may be waiting for it, or have seen enough.
-int Log(Context& context, const Options& options) {
+// What comes first is out at once: somebody may be waiting for it, or have seen enough. Returns how many were printed.
+size_t PrintHistory(Context& context, const Options& options, HistoryReader& history, PrettyParts& parts) {
   constexpr size_t kPage = 32;
-  context.RequireOutput({Output::kJson});
-  const std::string pattern = options.hasWord ? ParseHistoryPattern(options.word) : std::string();
-  Session& session = context.GetSession();
-  RequireHistory(session);
-  HistoryReader history(session, pattern);
   Console& console = context.GetConsole();
-  const AuthorNames names(session.GetAddress());
-  PrettyParts parts("[]");
+  AuthorNames names(context.GetSession().GetAddress());
   size_t printed = 0;
   while (!history.HasEnded() && (options.count == 0 || printed < options.count)) {
     const size_t wanted = options.count == 0 ? kPage : std::min(kPage, options.count - printed);
@@ -48,8 +43,28 @@ int Log(Context& context, const Options& options) {
     }
     console.Flush();
   }
+  return printed;
+}
+
+// JSON that was begun has its end, whatever happens: the exit status shows that it is a part.
+int Log(Context& context, const Options& options) {
+  context.RequireOutput({Output::kJson});
+  const std::string pattern = options.hasWord ? ParseHistoryPattern(options.word) : std::string();
+  Session& session = context.GetSession();
+  RequireHistory(session);
+  HistoryReader history(session, pattern);
+  Console& console = context.GetConsole();
+  PrettyParts parts("[]");
+  size_t printed = 0;
+  try {
+    printed = PrintHistory(context, options, history, parts);
+  } catch (const Failure&) {
+    if (context.PrintsJson()) console.Print(parts.Finish());
+    throw;
+  }
   if (context.PrintsJson()) console.Print(parts.Finish());
-  if (printed == 0) console.Say("no changes are kept");
+  if (printed == 0)
+    console.Say(pattern.empty() ? "no changes are kept" : "no change of '" + SpellName(pattern) + "' is kept");
   return kExitDone;
 }
 

@@ -53,7 +53,8 @@ Ending Ask(Context& context, const std::string& word, const std::string& state, 
   if (!answer.trial) throw Failure(kExitNo, refusal, "'tavix-settings trials' shows those there are");
   const bool isOver = answer.trial->IsPending() && answer.trial->seconds == "0";
   if (isOver || answer.trial->state == "reverted") throw Failure(kExitReverted, refusal);
-  if (answer.trial->IsPending()) throw Failure(kExitRefused, "refused: " + refusal);
+  const bool isOthers = answer.trial->IsPending() && refusal.find("' belongs to user ") != std::string::npos;
+  if (isOthers) throw Failure(kExitRefused, "refused: " + refusal);
   throw Failure(kExitNotApplied, "not applied: " + refusal);
 }
 
@@ -78,7 +79,7 @@ int Revert(Context& context, const Options& options) {
   return End(context, "revert", "reverted", options.name);
 }
 
-void PrintTrial(Console& console, const AuthorNames& names, const TrialState& trial) {
+void PrintTrial(Console& console, AuthorNames& names, const TrialState& trial) {
   const std::string name = SpellName(trial.name);
   std::string line = name + "  " + SpellValue(trial.state);
   if (!trial.seconds.empty()) line += ", " + SpellValue(trial.seconds) + " s left";
@@ -95,33 +96,18 @@ void PrintTrial(Console& console, const AuthorNames& names, const TrialState& tr
   }
 }
 
-json ToJson(const TrialState& trial) {
-  json object = {
-      {"name", NameToJson(trial.name)}, {"state", ValueToJson(trial.state)}, {"by", AuthorToJson(trial.author)}};
-  if (!trial.seconds.empty()) object["seconds"] = std::strtoull(trial.seconds.c_str(), nullptr, 10);
-  if (trial.revision != 0) object["revision"] = trial.revision;
-  if (!trial.note.empty()) object["note"] = ValueToJson(trial.note);
-  json& changes = object["changes"] = json::array();
-  for (const Change& change : trial.settings) changes.push_back(ToJson(change));
-  if (trial.kept.empty()) return object;
-  json& kept = object["kept"] = json::array();
-  for (const Change& change : trial.kept)
-    kept.push_back({{"group", NameToJson(change.group)}, {"key", NameToJson(change.key.value_or(""))}});
-  return object;
-}
-
 int ListTrials(Context& context) {
   context.RequireOutput({Output::kJson});
   Session& session = context.GetSession();
   RequireTrials(session);
   const IniFile data = AskOrFail(session, "trial", Session::Effect::kNoSettings);
   Console& console = context.GetConsole();
-  const AuthorNames names(session.GetAddress());
+  AuthorNames names(session.GetAddress());
   json all = json::array();
   for (const auto& [name, keys] : data) {
     const TrialState trial = TrialState::From(name, keys);
     if (context.PrintsJson()) {
-      all.push_back(ToJson(trial));
+      all.push_back(TrialToJson(trial));
     } else {
       PrintTrial(console, names, trial);
     }

@@ -100,6 +100,11 @@ std::string ShowMilliseconds(double milliseconds) {
   return text;
 }
 
+std::string ShowCommand(const GlobalOptions& options, const std::string& words) {
+  const std::string server = options.server.empty() ? "" : "-s " + QuoteForShell(options.server) + " ";
+  return "tavix-settings " + server + words;
+}
+
 std::string Count(size_t count, const std::string& noun) {
   return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "programs/cli/terminal/Console.h"
+#include "programs/cli/terminal/GlobalOptions.h"
 #include "programs/common/client/Json.h"
 #include "tavix/core/IniFile.h"
 
@@ -50,6 +51,9 @@ std::string PaintAssignment(const Console& console, const std::string& group, co
 // A line with a label in front of a figure, and a time as such a figure.
 void PrintFigure(Console& console, const std::string& label, const std::string& figure);
 std::string ShowMilliseconds(double milliseconds);
+
+// A command that does something at the same server, for a person to enter: "tavix-settings -s 'HOST' confirm t-3f9a".
+std::string ShowCommand(const GlobalOptions& options, const std::string& words);
 
 // "1 setting", "2 settings".
 std::string Count(size_t count, const std::string& noun);

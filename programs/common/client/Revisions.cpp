@@ -107,7 +107,13 @@ TrialState TrialState::From(const std::string& name, const RecordedKeys& keys) {
 }
 
 IniFile AskOrFail(Session& session, const std::string& line, Session::Effect effect, const std::string& what) {
-  Session::Answer answer = session.Ask(line, effect);
+  Session::Answer answer;
+  try {
+    answer = session.Ask(line, effect);
+  } catch (const Failure& failure) {
+    if (failure.GetCode() != kExitNotApplied) throw;
+    throw Failure(kExitNotApplied, what + failure.what(), failure.GetHint());
+  }
   if (answer.isRefused) throw Failure(kExitNotApplied, what + SpellValue(answer.reason));
   return std::move(answer.data);
 }

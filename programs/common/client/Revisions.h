@@ -90,7 +90,8 @@ class HistoryReader {
   bool _hasEnded = false;
 };
 
-// Asks, and throws Failure, kExitNotApplied, with "what" and the server's reason when it refuses. what: may be empty.
+// Asks, and throws Failure, kExitNotApplied, with "what" in front of the reason, when the server refuses or does not
+// know the request. what: may be empty.
 core::IniFile AskOrFail(Session& session, const std::string& line, Session::Effect effect,
                         const std::string& what = std::string());
 

@@ -1,11 +1,11 @@
-// What the commands print of a server's history, and do by it, at a server whose answers a test decides.
+// Who changed what, as a server tells it whose answers a test decides.
 
 #include <gmock/gmock.h>
 
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "tests/programs/cli/process/ScriptedDaemon.h"
+#include "tests/programs/cli/process/HistoryScript.h"
 
 namespace tavix::test {
 
@@ -14,27 +14,6 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 using Words = std::vector<std::string>;
-
-const std::string kAskFeatures = "info features\nget delimited\n.\n";
-const Exchange::value_type kOld{kAskFeatures, "data\n.\n"};
-const Exchange::value_type kOff{kAskFeatures, "Features\n--------\namend\n\ndata\n.\n"};
-const Exchange::value_type kFeatures{kAskFeatures, "Features\n--------\namend\nhistory 96 118\n\ndata\n.\n"};
-const Exchange::value_type kServer{"info server\nget delimited\n.\n", "data\n.\n"};
-constexpr char kEnd[] = "[scanned]\nmore=false\nnext=97\n.\n";
-
-// The changes 117 and 118.
-const std::string k117 =
-    "[0000000117]\nby=unix 0 0 700\ncommand=amend\ntime=1795311800000000000\n"
-    "was [Network/Eth0]mtu=1400\nwas [Network/Wlan0]enabled=true\nis [Network/Wlan0]enabled=false\n";
-const std::string k118 =
-    "[0000000118]\nby=unix 0 0 812\ncommand=merge\nis [Network/Eth0]address=10.0.0.2\nnote=site 4\n"
-    "time=1795311855000000000\ntrial=t-3f9a\n";
-
-void ExpectOutcome(const Outcome& outcome, int status, const std::string& output, const std::string& errors) {
-  EXPECT_EQ(outcome.output, output);
-  EXPECT_EQ(outcome.errors, errors);
-  EXPECT_EQ(outcome.status, status);
-}
 
 }  // namespace
 
@@ -112,7 +91,44 @@ TEST(LogCommand, PrintsJson) {
   EXPECT_EQ(RunBeside({kFeatures, {"history - 32\n", std::string("data\n") + kEnd}}, {"log", "--json"}).output, "[]\n");
 }
 
+TEST(LogCommand, JsonHasItsEndWhenTheServerIsLost) {
+  const Outcome outcome = RunBeside({kFeatures,
+                                     {"history - 32\n", "data\n" + k118 + "[scanned]\nmore=true\nnext=118\n.\n"},
+                                     {"history 118 32\n", kHangUp}},
+                                    {"log", "--json"});
+  EXPECT_EQ(json::parse(outcome.output).size(), 1U);
+  EXPECT_EQ(outcome.status, 3);
+}
+
+TEST(LogCommand, NamesOnlyUsersThatAreNumbers) {
+  const auto findUser = [](const std::string& id) {
+    const std::string entry = "[0000000104]\nby=unix " + id + " - -\ncommand=merge\ntime=0\n";
+    const Exchange exchange{kFeatures, {"history - 32\n", "data\n" + entry + kEnd}};
+    return RunBeside(exchange, {"log"}).output;
+  };
+  EXPECT_EQ(findUser("0"), "104  1970-01-01 00:00:00  root  merge\n");
+  for (const std::string id : {"x", "0x", "4294967295", "4294967296"})
+    EXPECT_EQ(findUser(id), "104  1970-01-01 00:00:00  user " + id + "  merge\n");
+}
+
+TEST(LogCommand, ValuesLookLikeNoOthers) {
+  const Outcome outcome =
+      RunBeside({kFeatures,
+                 {"history - 32\n",
+                  "data\n[0000000104]\nby=tcp - - -\ncommand=merge\ntime=0\nwas [A]a=\nis [A]a=(default)\n"
+                  "is [A]b=''\n" +
+                      std::string(kEnd)}},
+                {"log"});
+  ExpectOutcome(outcome, 0,
+                "104  1970-01-01 00:00:00  over TCP  merge\n"
+                "     [A]a: '' -> \\x28default)\n"
+                "     [A]b: (default) -> \\x27'\n",
+                "");
+}
+
 TEST(LogCommand, OfNothingSaysSo) {
+  ExpectOutcome(RunBeside({kFeatures, {"history - 32 A*\n", std::string("data\n") + kEnd}}, {"log", "A*"}), 0, "",
+                "no change of 'A*' is kept\n");
   ExpectOutcome(RunBeside({kFeatures, {"history - 32\n", std::string("data\n") + kEnd}}, {"log"}), 0, "",
                 "no changes are kept\n");
 }
@@ -142,8 +158,16 @@ TEST(HistoryCommands, NameWhatTheServerLacks) {
 
 TEST(HistoryCommands, NameARequestThatTheServerDoesNotKnow) {
   const ScriptedDaemon daemon({{kFeatures, {"checkpoint\n", ""}}});
-  ExpectOutcome(daemon.Run({"checkpoint"}), 7, "",
-                "tavix-settings: " + daemon.GetAddress() + " is too old for 'checkpoint'\n");
+  ExpectOutcome(daemon.Run({"checkpoint"}), 7, "", "tavix-settings: " + daemon.GetAddress() + " has no 'checkpoint'\n");
+  for (const auto& [words, request] :
+       std::vector<std::pair<Words, std::string>>{{{"rollback", "3"}, "test-rollback 3\n"},
+                                                  {{"rollback", "-y", "3"}, "rollback 3\n"},
+                                                  {{"checkpoint", "a"}, "checkpoint a\n"},
+                                                  {{"checkpoint", "a", "--forget"}, "forget a\n"}}) {
+    const ScriptedDaemon older({{kFeatures, {request, ""}}});
+    ExpectOutcome(older.Run(words), 7, "",
+                  "tavix-settings: not applied: " + older.GetAddress() + " has no '" + words.front() + "'\n");
+  }
 }
 
 TEST(HistoryCommands, FileHasNoHistory) {
@@ -164,6 +188,7 @@ TEST(HistoryCommands, RefuseWhatNoRequestCanHold) {
   EXPECT_THAT(RunBeside({}, {"rollback"}).errors, HasSubstr("expected REVISION, @NAME or --at TIME"));
   EXPECT_THAT(RunBeside({}, {"rollback", "@a b"}).errors, HasSubstr("'a b' is no name of a checkpoint"));
   EXPECT_THAT(RunBeside({}, {"checkpoint", ""}).errors, HasSubstr("'' is no name of a checkpoint"));
+  for (const std::string name : {".", ".."}) EXPECT_EQ(RunBeside({}, {"checkpoint", name}).status, 2);
   EXPECT_EQ(RunBeside({}, {"checkpoint", "--forget"}).status, 2);
 }
 
@@ -184,6 +209,34 @@ TEST(BlameCommand, PrintsWhereEachValueComesFrom) {
                 "mtu      116  2026-11-22 01:43:20  over TCP\n"
                 "old      before 97\n",
                 "");
+}
+
+TEST(BlameCommand, AccusesNobodyBehindAnEntryWhoseSettingsAreNotKnown) {
+  const std::string first =
+      "[0000000110]\nby=unix 0 0 700\ncommand=merge\ntime=0\nis [A]b=1\nis [A]c=1\n"
+      "[0000000121]\nby=tcp - - -\ncommand=merge\ntime=0\nis [A]c=2\n";
+  const std::string omitted = "[0000000120]\nby=tcp - - -\ncommand=merge\nomitted=300000\ntime=0\n";
+  const std::string gap = "[0000000120]\nby=daemon - - -\ncommand=gap\ntime=0\n";
+  for (const std::string& entry : {omitted, gap}) {
+    const Exchange exchange{kFeatures,
+                            {"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=2\n.\n"},
+                            {"dump\n", "[A]\nb=1\nc=2\n.\n"},
+                            {"history - 64 A\n", "data\n" + first + entry + kEnd}};
+    EXPECT_EQ(RunBeside(exchange, {"blame", "A"}).output, "b  before 121\nc  121  1970-01-01 00:00:00  over TCP\n");
+    EXPECT_EQ(json::parse(RunBeside(exchange, {"blame", "A", "--json"}).output)[0],
+              json::parse(R"({"key": "b", "origin": "user", "before": 121})"));
+  }
+}
+
+TEST(BlameCommand, AsksOnceMoreWhenASettingWentInBetween) {
+  const Exchange::value_type seen{"get delimited\nA\n.\n", "data\n[A]\nb=1\nc=1\n.\n"};
+  const std::string went = "[0000000118]\nby=tcp - - -\ncommand=amend\ntime=0\nwas [A]b=1\n";
+  const std::string set = "[0000000117]\nby=tcp - - -\ncommand=merge\ntime=0\nis [A]c=1\n";
+  const Exchange::value_type history{"history - 64 A\n", "data\n" + set + went + kEnd};
+  const Outcome outcome = RunBeside(
+      {kFeatures, seen, {"dump\n", "[A]\nb=1\nc=1\n.\n"}, history, seen, {"dump\n", "[A]\nc=1\n.\n"}, history},
+      {"blame", "A"});
+  EXPECT_EQ(outcome.output, "b  default\nc  117  1970-01-01 00:00:00  over TCP\n");
 }
 
 TEST(BlameCommand, AsksForNoHistoryWhereAllIsDefault) {
@@ -210,80 +263,6 @@ TEST(BlameCommand, OfNoGroupIsExitStatus1) {
       {kFeatures, {"get delimited\nA\n.\n", "data\n.\n"}, {"get delimited\nA*\n.\n", "data\n.\n"}}, {"blame", "A"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_THAT(RunBeside({}, {"blame", "A*"}).errors, HasSubstr("'A*' is a pattern"));
-}
-
-TEST(RollbackCommand, BringsSettingsBackAndPrintsThem) {
-  const Outcome outcome =
-      RunBeside({kFeatures,
-                 {"note oops\nrollback 116 Network/*\n",
-                  "data\n[0000000119]\nby=unix 0 0 900\ncommand=rollback\nis [Network/Eth0]mtu=1400\ntime=0\n"
-                  "was [Network/Eth0]address=10.0.0.2\n.\n"},
-                 kServer},
-                {"rollback", "-y", "-m", "oops", "116", "Network/*"});
-  ExpectOutcome(outcome, 0, "[Network/Eth0]address: 10.0.0.2 -> (default)\n[Network/Eth0]mtu: (default) -> 1400\n",
-                "done: 2 settings as after revision 116\n");
-}
-
-TEST(RollbackCommand, DryRunChangesNothing) {
-  const Exchange exchange{kFeatures, {"test-rollback @good\n", "data\n[0000000119]\nis [A]b=1\nwas [A]b=2\n.\n"}};
-  ExpectOutcome(RunBeside(exchange, {"rollback", "--dry-run", "@good"}), 0, "[A]b: 2 -> 1\n", "");
-  EXPECT_EQ(json::parse(RunBeside(exchange, {"rollback", "--dry-run", "--json", "@good"}).output),
-            json::parse(R"([{"group": "A", "key": "b", "old": "2", "new": "1"}])"));
-}
-
-TEST(RollbackCommand, NeedsAYesWhereNobodyCanBeAsked) {
-  const Outcome outcome = RunBeside(
-      {kFeatures, {"test-rollback 116\n", "data\n[0000000119]\nis [A]b=1\nis [B]b=1\n.\n"}}, {"rollback", "116"});
-  ExpectOutcome(outcome, 2, "",
-                "tavix-settings: a rollback would change 2 groups: give --yes to do it\nhint: --dry-run shows them\n");
-}
-
-TEST(RollbackCommand, WithoutADifferenceChangesNothing) {
-  ExpectOutcome(RunBeside({kFeatures, {"rollback 118\n", "data\n.\n"}}, {"rollback", "-y", "118"}), 0, "",
-                "done: no differences\n");
-}
-
-TEST(RollbackCommand, ReportsTheServersReason) {
-  const Outcome outcome =
-      RunBeside({kFeatures, {"rollback 3\n", "refused\nrevision 3 is not kept\\x3a the oldest is 96\n"}},
-                {"rollback", "-y", "3"});
-  ExpectOutcome(outcome, 7, "", "tavix-settings: not applied: revision 3 is not kept: the oldest is 96\n");
-}
-
-TEST(RollbackCommand, TakesTheLastChangeUpToATime) {
-  const Exchange::value_type history{"history - 64\n", "data\n" + k117 + k118 + kEnd};
-  const Outcome outcome = RunBeside({kFeatures, history, {"rollback 117 A\n", "data\n.\n"}},
-                                    {"rollback", "-y", "--at", "2026-11-22 01:43:20", "A"});
-  ExpectOutcome(outcome, 0, "",
-                "the last change up to then: revision 117, of 2026-11-22 01:43:20\ndone: no differences\n");
-  ExpectOutcome(RunBeside({kFeatures, history}, {"rollback", "-y", "--at", "2026-11-22 01:43:19"}), 7, "",
-                "tavix-settings: not applied: no change is kept that is so old\n"
-                "hint: the oldest is revision 117, of 2026-11-22 01:43:20\n");
-  EXPECT_THAT(RunBeside({kFeatures}, {"rollback", "--at", "soon"}).errors, HasSubstr("'soon' is no time"));
-}
-
-TEST(RollbackCommand, LeavesRestrictedGroupsToTheirFiles) {
-  const Outcome outcome = RunBeside({}, {"rollback", "-y", "3", "Secure/A"});
-  EXPECT_EQ(outcome.status, 5);
-}
-
-TEST(CheckpointCommand, MakesListsAndForgetsCopies) {
-  const std::string kept = "[good]\nbytes=1234\nrevision=118\ntime=1795311855000000000\n";
-  ExpectOutcome(RunBeside({kFeatures, {"checkpoint good\n", "data\n" + kept + ".\n"}}, {"checkpoint", "good"}), 0,
-                "good  revision 118  2026-11-22 01:44:15  1234 bytes\n",
-                "done: bring it back by 'tavix-settings rollback @good'\n");
-  const Exchange list{kFeatures, {"checkpoint\n", "data\n[bad]\nbytes=5\ndamaged=no end\n" + kept + ".\n"}};
-  ExpectOutcome(RunBeside(list, {"checkpoint"}), 0,
-                "bad  damaged: no end\ngood  revision 118  2026-11-22 01:44:15  1234 bytes\n", "");
-  EXPECT_EQ(json::parse(RunBeside(list, {"checkpoint", "--json"}).output),
-            json::parse(R"([{"name": "bad", "bytes": 5, "damaged": "no end"},
-      {"name": "good", "bytes": 1234, "revision": 118, "time": "2026-11-22T01:44:15.000Z"}])"));
-  ExpectOutcome(RunBeside({kFeatures, {"checkpoint\n", "data\n.\n"}}, {"checkpoint"}), 0, "", "no checkpoints\n");
-  ExpectOutcome(RunBeside({kFeatures, {"forget good\n", "data\n.\n"}}, {"checkpoint", "good", "--forget"}), 0, "",
-                "done: forgot checkpoint good\n");
-  ExpectOutcome(
-      RunBeside({kFeatures, {"forget x\n", "refused\nno checkpoint is named 'x'\n"}}, {"checkpoint", "--forget", "x"}),
-      7, "", "tavix-settings: not applied: no checkpoint is named 'x'\n");
 }
 
 }  // namespace tavix::test
