@@ -104,7 +104,7 @@ IniFile RestoreAndRead(Session& session, const Names& groups) {
 }
 
 // Only the server knows the defaults: what it did shows in what was there before and after. changed: what users did.
-Done ResetAndPrint(Context& context, bool isClean, const Names& meant, const Names& changed) {
+Done ResetGroups(Context& context, bool isClean, const Names& meant, const Names& changed) {
   Session& session = context.GetSession();
   Names groups = meant;
   if (isClean) groups.insert(changed.begin(), changed.end());
@@ -116,10 +116,13 @@ Done ResetAndPrint(Context& context, bool isClean, const Names& meant, const Nam
     after = isClean ? session.Get(groups) : RestoreAndRead(session, groups);
   });
   if (before.IsEmpty() && after.IsEmpty()) throw Failure(kExitNo, "no group matches, and no default does");
-  PrintChanges(context.GetConsole(), context.GetOptions().output, FindChanges(before, after));
   Names all = NamesOf(before);
   all.merge(NamesOf(after));
-  return {"reset", Count(all.size(), "group") + " at " + (all.size() == 1 ? "its" : "their") + " defaults"};
+  Done done{"reset", Count(all.size(), "group") + " at " + (all.size() == 1 ? "its" : "their") + " defaults"};
+  done.print = [&context, changes = FindChanges(before, after)] {
+    PrintChanges(context.GetConsole(), context.GetOptions().output, changes);
+  };
+  return done;
 }
 
 int Reset(Context& context, const Options& options) {
@@ -138,7 +141,7 @@ int Reset(Context& context, const Options& options) {
   RequireTrial(session, options.trial);
   ConfirmPattern(options.removal, "reset", groups, changed);
   return MakeChange(context, options.removal.note, options.trial,
-                    [&] { return ResetAndPrint(context, options.isClean, groups, changed); });
+                    [&] { return ResetGroups(context, options.isClean, groups, changed); });
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <tuple>
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
@@ -114,6 +115,50 @@ void ConfirmRollback(const std::vector<Change>& changes) {
   Confirm("a rollback", "change " + Count(groups.size(), "group"), groups);
 }
 
+// Those that were not shown so.
+std::vector<Change> FindOthers(const std::vector<Change>& changes, const std::vector<Change>& shown) {
+  std::vector<Change> others;
+  for (const Change& change : changes) {
+    const bool isShown = std::any_of(shown.begin(), shown.end(), [&](const Change& other) {
+      return std::tie(other.group, other.key, other.before, other.after) ==
+             std::tie(change.group, change.key, change.before, change.after);
+    });
+    if (!isShown) others.push_back(change);
+  }
+  return others;
+}
+
+std::string SpellNameOf(const Change& change) {
+  return change.key ? SpellSetting(change.group, *change.key) : "[" + SpellName(change.group) + "]";
+}
+
+// What came while somebody was asked stays.
+void RequireShown(Session& session, const Goal& goal, const std::vector<Change>& shown) {
+  const std::vector<Change> others =
+      FindOthers(Ask(session, "test-rollback", goal, Session::Effect::kNoSettings), shown);
+  if (!others.empty())
+    throw Failure(kExitConditionFailed, "condition failed: " + SpellNameOf(others.front()) + " was changed by now");
+}
+
+// What came behind that.
+void WarnOfOthers(const std::vector<Change>& changes, const std::vector<Change>& shown) {
+  for (const Change& other : FindOthers(changes, shown))
+    Console::Warn("others have just changed " + SpellNameOf(other) + ", which is brought back, too");
+}
+
+Done RollBack(Context& context, const Goal& goal, const std::optional<std::vector<Change>>& shown) {
+  if (shown) RequireShown(context.GetSession(), goal, *shown);
+  const std::vector<Change> changes = Ask(context.GetSession(), "rollback", goal, Session::Effect::kSettings);
+  Done done{"rolled back", Count(changes.size(), "setting") + " as " + goal.Describe()};
+  done.isNothing = changes.empty();
+  done.print = [&context, changes, shown] {
+    Print(context, changes);
+    if (shown) WarnOfOthers(changes, *shown);
+    if (changes.empty()) context.GetConsole().Say("done: no differences");
+  };
+  return done;
+}
+
 int Rollback(Context& context, const Options& options) {
   context.RequireOutput({Output::kJson});
   Goal goal = ParseGoal(options);
@@ -122,20 +167,15 @@ int Rollback(Context& context, const Options& options) {
   RequireHistory(session);
   if (!options.isDryRun) RequireTrial(session, options.trial);
   if (options.hasTime) goal.name = FindRevisionAt(context, options.time);
-  if (options.isDryRun || !options.isConfirmed) {
-    const std::vector<Change> planned = Ask(session, "test-rollback", goal, Session::Effect::kNoSettings);
-    if (options.isDryRun) Print(context, planned);
-    if (options.isDryRun) return kExitDone;
-    if (!planned.empty()) ConfirmRollback(planned);
+  std::optional<std::vector<Change>> shown;
+  if (options.isDryRun || !options.isConfirmed)
+    shown = Ask(session, "test-rollback", goal, Session::Effect::kNoSettings);
+  if (options.isDryRun) {
+    Print(context, *shown);
+    return kExitDone;
   }
-  return MakeChange(context, options.note, options.trial, [&] {
-    const std::vector<Change> changes = Ask(context.GetSession(), "rollback", goal, Session::Effect::kSettings);
-    Print(context, changes);
-    Done done{"rolled back", Count(changes.size(), "setting") + " as " + goal.Describe()};
-    done.isNothing = changes.empty();
-    if (done.isNothing) context.GetConsole().Say("done: no differences");
-    return done;
-  });
+  if (shown && !shown->empty()) ConfirmRollback(*shown);
+  return MakeChange(context, options.note, options.trial, [&] { return RollBack(context, goal, shown); });
 }
 
 }  // namespace

@@ -30,17 +30,22 @@ struct Done {
   std::string count;       // "1 setting"; may be empty
   bool isUnsaved = false;  // it is not meant to be saved
   bool isNothing = false;  // it made no difference: there is nothing to report, nor to try
+
+  std::function<void()> print = {};  // prints what it did, as data; may be empty
 };
 
-// Makes a change with its note by the session that the context has then, and reports it; on trial, the trial, too, and
-// with a check the outcome. Returns an ExitCode. Throws what the change throws, having taken back what it has done by
-// then if it is on trial; RequireTrial; what SetNote and ReportDone throw; and
+// Makes a change with its note by the session that the context has then, prints what it did, and reports it; on trial,
+// the trial, too, and with a check the outcome. With --quiet or JSON the trial is printed as data. Returns an ExitCode.
+// Throws what the change throws, having taken back what it has done by then if it is on trial; RequireTrial; what
+// SetNote and ReportDone throw; and
 //
-//     kExitReverted   when the check fails, or is not over in time; the trial is reverted
-//     kExitNoServer   when the connection is lost and it is unknown what became of the change or of the trial; the text
-//                     names what shows it
+//     kExitReverted   when the trial has gone back, as its time is over, somebody reverted it, or the check failed or
+//                     was not over in time
+//     kExitNoServer   when the connection is lost, a new one does not help, and it is unknown what became of the change
+//                     or of the trial; the text names what shows it
+//     kExitNotApplied behind all that, when standard output can't be written
 //
-// An interrupt that comes while the check runs ends the program: the trial goes back by itself, as the text says.
+// An interrupt ends the program with a text: the trial goes back by itself. With a check a hang-up does not.
 int MakeChange(Context& context, const Note& note, const TrialOptions& options, const std::function<Done()>& change);
 
 }  // namespace tavix::programs::cli

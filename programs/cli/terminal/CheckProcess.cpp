@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "programs/cli/terminal/InterruptReport.h"
 #include "programs/common/client/Failure.h"
 
 namespace tavix::programs::cli {
@@ -20,10 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::nanoseconds;
 
-bool IsIgnored(int signal) {
-  struct sigaction action {};
-  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-}
+constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
 
 // Blocks the end of a child and what interrupts us, as long as it lives, so that they can be waited for.
 class AwaitedSignals {
@@ -31,8 +29,8 @@ class AwaitedSignals {
   AwaitedSignals() : _childHandler(std::signal(SIGCHLD, SIG_DFL)) {  // an ignored child leaves no status
     sigemptyset(&_signals);
     sigaddset(&_signals, SIGCHLD);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-      if (!IsIgnored(signal)) sigaddset(&_signals, signal);
+    for (const int signal : kInterrupts) {
+      if (!IsSignalIgnored(signal)) sigaddset(&_signals, signal);
     }
     sigprocmask(SIG_BLOCK, &_signals, &_before);
   }
@@ -67,7 +65,10 @@ class AwaitedSignals {
 [[noreturn]] void RunInChild(const std::string& command, const std::map<std::string, std::string>& variables,
                              const AwaitedSignals& signals) {
   setpgid(0, 0);
-  if (!IsIgnored(SIGINT)) std::signal(SIGINT, SIG_DFL);
+  for (const int signal : kInterrupts) {
+    if (!IsSignalIgnored(signal)) std::signal(signal, SIG_DFL);
+  }
+  std::signal(SIGPIPE, SIG_DFL);
   signals.Restore();
   const int nothing = open("/dev/null", O_RDONLY);
   if (nothing >= 0) dup2(nothing, STDIN_FILENO);
@@ -77,10 +78,16 @@ class AwaitedSignals {
   _exit(127);
 }
 
-// It is not reaped yet: its group keeps its number.
-bool HasEnded(pid_t child) {
-  siginfo_t ended{};
-  return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid == child;
+enum class ChildState { kRuns, kStopped, kEnded };
+
+// It is not reaped yet: its group keeps its number. Stopped is who asked for the terminal: somebody else may go on with
+// what he has stopped himself.
+ChildState FindState(pid_t child) {
+  siginfo_t found{};
+  const int result = waitid(P_PID, static_cast<id_t>(child), &found, WEXITED | WSTOPPED | WNOHANG | WNOWAIT);
+  if (result != 0 || found.si_pid != child) return ChildState::kRuns;
+  if (found.si_code != CLD_STOPPED) return ChildState::kEnded;
+  return found.si_status == SIGTTIN || found.si_status == SIGTTOU ? ChildState::kStopped : ChildState::kRuns;
 }
 
 int Reap(pid_t child) {
@@ -89,14 +96,22 @@ int Reap(pid_t child) {
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// What does not end by itself within a second is killed, and so is what the command has left behind.
+// What does not end by itself within a second is killed, and so is what the command has left behind. What is stopped
+// has to go on to end.
 void End(pid_t child, const AwaitedSignals& signals) {
   constexpr std::chrono::seconds kGrace(1);
   kill(-child, SIGTERM);
+  kill(-child, SIGCONT);
   const Clock::time_point limit = Clock::now() + kGrace;
-  while (!HasEnded(child) && signals.Await(limit) != 0) continue;
+  while (FindState(child) != ChildState::kEnded && signals.Await(limit) != 0) continue;
   kill(-child, SIGKILL);
   Reap(child);
+}
+
+// Of one that has not ended.
+CheckOutcome::End FindReason(ChildState state, int signal) {
+  if (state == ChildState::kStopped) return CheckOutcome::End::kStopped;
+  return signal == 0 ? CheckOutcome::End::kTimedOut : CheckOutcome::End::kInterrupted;
 }
 
 }  // namespace
@@ -109,15 +124,16 @@ CheckOutcome RunCheck(const std::string& command, const std::map<std::string, st
   if (child == 0) RunInChild(command, variables, signals);
   setpgid(child, child);  // whoever of the two comes first
   CheckOutcome outcome;
-  while (!HasEnded(child)) {
-    const int signal = signals.Await(limit);
-    if (signal == SIGCHLD) continue;
-    outcome.end = signal == 0 ? CheckOutcome::End::kTimedOut : CheckOutcome::End::kInterrupted;
-    outcome.signal = signal;
-    End(child, signals);
+  ChildState state = FindState(child);
+  int signal = SIGCHLD;
+  for (; state == ChildState::kRuns && signal == SIGCHLD; state = FindState(child)) signal = signals.Await(limit);
+  if (state == ChildState::kEnded) {
+    outcome.status = Reap(child);
     return outcome;
   }
-  outcome.status = Reap(child);
+  outcome.end = FindReason(state, signal);
+  outcome.signal = signal == SIGCHLD ? 0 : signal;
+  End(child, signals);
   return outcome;
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 
@@ -50,6 +51,13 @@ std::map<std::string, std::string> ByFirstWord(const std::set<std::string>& line
   return features;
 }
 
+// What a person calls the request: some words are parts of a feature.
+std::string NameOfFeature(const std::string& line) {
+  const std::string word = line.substr(0, line.find(' '));
+  if (word == "test-rollback") return "rollback";
+  return word == "forget" ? "checkpoint" : word;
+}
+
 ProtocolClient::Trace Spelled(const DaemonSession::Trace& trace) {
   if (!trace) return nullptr;
   return [trace](char direction, const std::string& line) { trace(direction, SpellLine(line)); };
@@ -71,11 +79,25 @@ auto DaemonSession::Run(Call call) const {
 template <class... Parts>
 void DaemonSession::Introduce(const Parts&... parts) {
   if (_note.empty() && _trial.empty()) return;
+  Run([&] { (ProtocolClient::RequireSendable(parts), ...); });
+  if (_hasTried) RequireNotEnded();
   Run([&] {
-    (ProtocolClient::RequireSendable(parts), ...);
     if (!_note.empty()) _client->Note(_note);
     if (!_trial.empty()) _client->Try(_trialSeconds, _trial);
   });
+  _hasTried = !_trial.empty();
+}
+
+// The first write may have changed nothing: then there is no such trial.
+void DaemonSession::RequireNotEnded() {
+  const ProtocolClient::Answer answer = Run([&] { return _client->Ask("trial " + _trial); });
+  if (answer.isRefused || !answer.data.HasGroup(_trial)) return;
+  const TrialState trial = TrialState::From(_trial, answer.data[_trial]);
+  if (trial.state == "confirmed")
+    throw Failure(kExitConditionFailed,
+                  "condition failed: somebody has confirmed " + _trial + " before the whole change was made");
+  if (!trial.IsPending())
+    throw Failure(kExitReverted, "reverted " + _trial + ": its time was over before the whole change was made");
 }
 
 DaemonSession::DaemonSession(const settings::client::ProtocolOptions& options, std::string hint, const Trace& trace)
@@ -157,13 +179,19 @@ std::string DaemonSession::TakeRefusal() {
 
 Session::Answer DaemonSession::Ask(const std::string& line, Effect effect) {
   if (effect == Effect::kSettings) Introduce(Groups{line});
-  ProtocolClient::Answer answer = Run([&] { return _client->Ask(line); });
-  return {answer.isRefused, std::move(answer.reason), std::move(answer.data)};
+  try {
+    ProtocolClient::Answer answer = Run([&] { return _client->Ask(line); });
+    return {answer.isRefused, std::move(answer.reason), std::move(answer.data)};
+  } catch (const Failure& failure) {
+    if (failure.GetCode() != kExitNotApplied) throw;
+    throw Failure(kExitNotApplied, GetAddress() + " has no '" + NameOfFeature(line) + "'");
+  }
 }
 
 void DaemonSession::SetTrial(unsigned seconds, const std::string& name) {
   _trialSeconds = seconds;
   _trial = name;
+  _hasTried = false;
 }
 
 // A daemon that reports features takes notes.

@@ -59,10 +59,14 @@ class DaemonSession : public Session {
   template <class... Parts>
   void Introduce(const Parts&... parts);
 
+  // Throws Failure when the trial of an earlier write has ended: a later one would arm it anew, without the earlier.
+  void RequireNotEnded();
+
   const std::string _hint;
   std::string _note;   // empty: none
   std::string _trial;  // its name; empty: none
   unsigned _trialSeconds = 0;
+  bool _hasTried = false;  // by a write that was sent
   std::optional<std::map<std::string, std::string>> _features;
   bool _hasAskedFeatures = false;
   std::unique_ptr<settings::client::ProtocolClient> _client;

@@ -110,7 +110,8 @@ class Session {
   virtual Answer Ask(const std::string& line, Effect effect);
 
   // Each write from now on is put on trial under that name: it goes back by itself after so many seconds, unless it is
-  // confirmed. Only where the server has the feature.
+  // confirmed. Only where the server has the feature. A write behind the first throws Failure, before anything of it is
+  // sent, when the trial has ended: kExitReverted, or kExitConditionFailed when somebody has confirmed it.
   virtual void SetTrial(unsigned seconds, const std::string& name);
 
   // Goes with each write from now on, as the reason for it. Throws Failure, before anything is sent: kExitUsage when

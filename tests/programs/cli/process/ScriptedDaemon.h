@@ -56,8 +56,16 @@ class ScriptedDaemon {
     return RunToEnd(_directory.GetPath(), WordsFor(words), input, Environment());
   }
 
-  std::unique_ptr<CommandProcess> Start(const std::vector<std::string>& words) const {
-    return std::make_unique<CommandProcess>(_directory.GetPath(), WordsFor(words), Environment());
+  // A line of the shell with the command and its words as "$@".
+  Outcome RunInShell(const std::string& line, const std::vector<std::string>& words) const {
+    std::vector<std::string> all = WordsFor(words);
+    all.insert(all.begin(), {"sh", "-c", line, "sh"});
+    return RunToEnd(_directory.GetPath(), all, {}, Environment());
+  }
+
+  std::unique_ptr<CommandProcess> Start(const std::vector<std::string>& words,
+                                        CommandProcess::Streams streams = CommandProcess::Streams::kPipes) const {
+    return std::make_unique<CommandProcess>(_directory.GetPath(), WordsFor(words), Environment(), streams);
   }
 
  private:
