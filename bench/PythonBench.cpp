@@ -1,5 +1,5 @@
-// What the Python package adds to a bare exchange in Python: one get of a store that waits and of one of asyncio, and
-// many gets at once.
+// What the Python package adds to a bare exchange in Python: one get, and the way of a change to a watcher, of a store
+// that waits and of one of asyncio, and many gets at once.
 
 #include <cstdio>
 #include <memory>
@@ -23,18 +23,20 @@ constexpr int kTimesPerTurn = 200;
 constexpr int kPipelined = 10000;
 constexpr double kAim = 1.6;
 constexpr char kGet[] = "python-get";
+constexpr char kNotice[] = "python-change-to-watcher";
 constexpr char kManyGets[] = "python-get-10000";
 constexpr char kPipelinedKind[] = "pipelined";
 constexpr const char* kKinds[] = {"sync", "asyncio"};
+constexpr const char* kWatchKinds[] = {"sync-watch", "asyncio-watch"};
 
 struct Kind {
   FigureName ours;
   FigureName bare;
 };
 
-Kind GetKind(const char* kind, const Placement& placement) {
-  const std::string variant = std::string(kind) + ", " + placement.name;
-  return {{kGet, kOurs, variant}, {kGet, kFloor, "bare exchange, " + variant}};
+Kind KindOf(const char* item, const std::string& kind, const Placement& placement) {
+  const std::string variant = kind + ", " + placement.name;
+  return {{item, kOurs, variant}, {item, kFloor, "bare exchange, " + variant}};
 }
 
 Kind PipelinedKind(const Placement& placement) {
@@ -78,17 +80,20 @@ void Measure(Recorder& recorder, const Placement& placement, const char* word, c
   if (recorder.Wants(kind.bare)) recorder.Add(kind.bare, kMicroseconds, exchanges.bare);
 }
 
+void AddInTurns(Suite& suite, const char* item, const char* word, const Kind& kind, const Placement& placement) {
+  suite.Add({item}, [=](Recorder& recorder) {
+    Measure(recorder, placement, word, kind, recorder.Choose(4, 20), kTimesPerTurn);
+  });
+  suite.Compare(kind.ours, kind.bare, kAim);
+}
+
 }  // namespace
 
 void AddPythonBenches(Suite& suite) {
   for (const Placement& placement : Placements()) {
-    for (const char* const word : kKinds) {
-      const Kind kind = GetKind(word, placement);
-      suite.Add({kGet}, [=](Recorder& recorder) {
-        Measure(recorder, placement, word, kind, recorder.Choose(4, 20), kTimesPerTurn);
-      });
-      suite.Compare(kind.ours, kind.bare, kAim);
-    }
+    for (const char* const word : kKinds) AddInTurns(suite, kGet, word, KindOf(kGet, word, placement), placement);
+    for (const char* const word : kWatchKinds)
+      AddInTurns(suite, kNotice, word, KindOf(kNotice, word, placement), placement);
     const Kind kind = PipelinedKind(placement);
     suite.Add({kManyGets}, [=](Recorder& recorder) {
       Measure(recorder, placement, kPipelinedKind, kind, recorder.Choose(1, 3), kPipelined);

@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
-"""Measures gets of the Python package beside bare exchanges of the same bytes in Python, for bench/PythonBench.cpp.
+"""Measures gets and watches of the Python package beside bare exchanges of the same bytes in Python, for
+bench/PythonBench.cpp.
 
     python-exchange.py sync|asyncio ADDRESS GROUP KEY VALUE TURNS TIMES
+    python-exchange.py sync-watch|asyncio-watch ADDRESS GROUP KEY VALUE TURNS TIMES
     python-exchange.py pipelined ADDRESS GROUP KEY VALUE TURNS TIMES
 
-Prints a line "ours MICROSECONDS" or "bare MICROSECONDS" an exchange, the two taking turns; pipelined: "ours" for TIMES
-gets at once, "bare" for as many exchanges one after the other. Each reply is checked, outside of the time.
+Prints a line "ours MICROSECONDS" or "bare MICROSECONDS" an exchange, the two taking turns; watches: from the first byte
+of a change until the watcher has it; pipelined: "ours" for TIMES gets at once, "bare" for as many exchanges one after
+the other. What is read is checked, outside of the time.
 """
 
 import asyncio
@@ -25,6 +28,8 @@ TURNS, TIMES = map(int, sys.argv[6:])
 HOST, PORT = ADDRESS.rsplit(":", 1)
 REQUEST = b"get delimited\n%b\n.\n" % GROUP.encode()
 END = b"\n.\n"
+# A watcher and the bare one beside it have a group each, so that the one's notices don't delay the other's.
+OTHER_GROUP = GROUP[:-1] + ("0" if GROUP[-1] == "1" else "1")
 
 
 def show(name, start, end, is_right):
@@ -45,28 +50,65 @@ class Bare(asyncio.BufferedProtocol):
 
     def buffer_updated(self, size):
         self.size += size
-        if self.buffer.endswith(END, 0, self.size):
+        if self.buffer.endswith(self.end, 0, self.size):
             self.whole.set_result(None)
 
-    async def exchange(self, loop):
+    async def exchange(self, loop, send, end=END):
         self.size = 0
+        self.end = end
         self.whole = loop.create_future()
-        self.transport.write(REQUEST)
+        send()
         await self.whole
         return bytes(self.buffer[: self.size])
+
+    def ask(self):
+        self.transport.write(REQUEST)
+
+
+class Writer:
+    """Sets the last key of a group to one value after the other, over a connection of its own."""
+
+    def __init__(self, group):
+        self.connection = connect()
+        self.group = group
+        self.number = 0
+
+    def prepare(self):
+        """The next change; values are equally long."""
+        self.number = (self.number + 1) % 10
+        self.value = f"{VALUE}{self.number}"
+        self.end_of_notice = self.value.encode() + END
+        self.change = f"merge nopersist\n[{self.group}]\n{KEY}={self.value}\n.\n".encode()
+
+    def send(self):
+        self.connection.send(self.change)
+
+
+def connect():
+    connection = socket.create_connection((HOST, int(PORT)))
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    return connection
+
+
+def subscribe(connection):
+    connection.send(b"subscribe\n%b\n.\nget delimited\n.\n" % OTHER_GROUP.encode())
+    receive(connection, b"data\n.\n")
 
 
 def exchange(connection):
     connection.send(REQUEST)
+    return receive(connection, END)
+
+
+def receive(connection, end):
     received = connection.recv(65536)
-    while not received.endswith(END):
+    while not received.endswith(end):
         received += connection.recv(65536)
     return received
 
 
 def measure_sync():
-    with tavix_settings.connect(ADDRESS) as store, socket.create_connection((HOST, int(PORT))) as connection:
-        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    with tavix_settings.connect(ADDRESS) as store, connect() as connection:
         for _ in range(TURNS):
             for _ in range(TIMES):
                 start = time.perf_counter()
@@ -89,9 +131,50 @@ async def measure_asyncio():
                 show("ours", start, time.perf_counter(), groups[GROUP][KEY] == VALUE)
             for _ in range(TIMES):
                 start = time.perf_counter()
-                received = await bare.exchange(loop)
+                received = await bare.exchange(loop, bare.ask)
                 show("bare", start, time.perf_counter(), VALUE.encode() in received)
     transport.close()
+
+
+def measure_sync_watch():
+    ours, bare = Writer(GROUP), Writer(OTHER_GROUP)
+    with tavix_settings.connect(ADDRESS) as store, store.watch(GROUP) as watch, connect() as connection:
+        subscribe(connection)
+        for _ in range(TURNS):
+            for _ in range(TIMES):
+                ours.prepare()
+                start = time.perf_counter()
+                ours.send()
+                change = next(watch)
+                show("ours", start, time.perf_counter(), change.new == ours.value)
+            for _ in range(TIMES):
+                bare.prepare()
+                start = time.perf_counter()
+                bare.send()
+                received = receive(connection, bare.end_of_notice)
+                show("bare", start, time.perf_counter(), received.startswith(b"async change\n"))
+
+
+async def measure_asyncio_watch():
+    loop = asyncio.get_running_loop()
+    ours, writer = Writer(GROUP), Writer(OTHER_GROUP)
+    with connect() as connection:
+        subscribe(connection)
+        transport, bare = await loop.create_connection(Bare, sock=connection)
+        async with tavix_settings.aio.connect(ADDRESS) as store, store.watch(GROUP) as watch:
+            for _ in range(TURNS):
+                for _ in range(TIMES):
+                    ours.prepare()
+                    start = time.perf_counter()
+                    ours.send()
+                    change = await watch.__anext__()
+                    show("ours", start, time.perf_counter(), change.new == ours.value)
+                for _ in range(TIMES):
+                    writer.prepare()
+                    start = time.perf_counter()
+                    received = await bare.exchange(loop, writer.send, writer.end_of_notice)
+                    show("bare", start, time.perf_counter(), received.startswith(b"async change\n"))
+        transport.close()
 
 
 async def measure_pipelined():
@@ -104,12 +187,16 @@ async def measure_pipelined():
             show("ours", start, time.perf_counter(), set(values) == {VALUE})
             start = time.perf_counter()
             for _ in range(TIMES):
-                received = await bare.exchange(loop)
+                received = await bare.exchange(loop, bare.ask)
             show("bare", start, time.perf_counter(), VALUE.encode() in received)
     transport.close()
 
 
 if KIND == "sync":
     measure_sync()
+elif KIND == "sync-watch":
+    measure_sync_watch()
+elif KIND == "asyncio-watch":
+    asyncio.run(measure_asyncio_watch())
 else:
     asyncio.run(measure_asyncio() if KIND == "asyncio" else measure_pipelined())

@@ -20,6 +20,7 @@ MAX_LINE = 16 * 1024 * 1024
 MAX_REPLY = 64 * 1024 * 1024
 
 _NOTICE = b"async change"
+_NOTICE_LINE = b"async change\n"
 _DATA = b"data\n"
 _END = b".\n"
 _END_OF_BLOCK = b"\n.\n"
@@ -108,7 +109,7 @@ class Protocol:
         """Takes what has arrived; returns what it completes, in order."""
         events: List[Event] = []
         if self._part is _Part.HEADER and not self._buffer and len(data) <= self._max_whole:
-            taken = self._take_whole_replies(data, events)
+            taken = self._take_whole_messages(data, events)
             if taken == len(data):
                 return events
             data = data[taken:]
@@ -124,20 +125,33 @@ class Protocol:
             raise self._failure(f"a line is longer than {self._max_line} bytes")
         return events
 
-    def _take_whole_replies(self, data: bytes, events: List[Event]) -> int:
-        """Documents that have arrived whole, as nearly all do, between messages; no line or reply of the data can be
-        too long. Returns how much of the data they were."""
+    def _take_whole_messages(self, data: bytes, events: List[Event]) -> int:
+        """Documents and notices that have arrived whole, as nearly all do, between messages; no line or message of the
+        data can be too long. Returns how much of the data they were."""
         begin = 0
         due = self._due
-        while due and due[0] in _DATA_FORMS and data.startswith(_DATA, begin):
-            end = data.find(_END_OF_BLOCK, begin + 4)
-            if end < 0:
+        while begin < len(data):
+            end_of_list = begin
+            if due and due[0] in _DATA_FORMS and data.startswith(_DATA, begin):
+                start = begin + len(_DATA)
+            elif data.startswith(_NOTICE_LINE, begin):
+                end_of_list = data.find(_END_OF_BLOCK, begin + len(_NOTICE))
+                start = end_of_list + len(_END_OF_BLOCK)
+            else:
                 break
-            text = data[begin + 5 : end + 1]
-            parse = parse_strings if due.popleft() is Form.STRINGS else parse_text
-            events.append(Reply(parse(text, self.source, self._lines + 2)))
-            self._lines += text.count(b"\n") + 2
-            begin = end + 3
+            end = data.find(_END_OF_BLOCK, start - 1)
+            if end < 0 or end_of_list < 0:
+                break
+            text = data[start : end + 1]
+            first_line = self._lines + data.count(b"\n", begin, start) + 1
+            if end_of_list > begin:
+                groups = tuple(data[begin + len(_NOTICE_LINE) : end_of_list + 1].split(b"\n")[:-1])
+                events.append(Notice(groups, parse_text(text, self.source, first_line)))
+            else:
+                parse = parse_strings if due.popleft() is Form.STRINGS else parse_text
+                events.append(Reply(parse(text, self.source, first_line)))
+            self._lines = first_line + text.count(b"\n")
+            begin = end + len(_END_OF_BLOCK)
         return begin
 
     def _take_part(self, events: List[Event]) -> bool:

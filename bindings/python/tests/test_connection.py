@@ -6,7 +6,7 @@ import threading
 import time
 
 import pytest
-from conftest import PATIENCE, is_long_run
+from conftest import PATIENCE
 from peers import Peer, read_request, wait_for_end
 
 import tavix_settings
@@ -282,7 +282,7 @@ def test_restarts_of_the_daemon_lose_no_last_state_and_double_no_write(connect, 
     store.set("Counter", {"x": "0"})
     with store.watch("Counter", timeout=PATIENCE) as watch:
         count = 0
-        for _ in range(100 if is_long_run() else 5):
+        for _ in range(100):
             daemon.kill()
             is_back = threading.Event()
             restarter = threading.Thread(target=lambda: (daemon.start(), is_back.set()))

@@ -72,6 +72,8 @@ def test_says_whether_a_reply_is_due():
         ([Form.RESULT], b"result\nmaybe\n", "expected \"ok\" or \"failure\", found 'maybe'"),
         ([Form.DATA], b"data\n[A]\nx\n.\n", 'x:3: expected "[group]" or "key=value", found "x"'),
         ([Form.DATA] * 2, DATA + b"data\nx=1\n.\n", "x:7: expected \"[group]\" before"),
+        ([], NOTICE + b"async change\nA\n.\n[A]\nx\n.\n", 'x:12: expected "[group]" or "key=value", found "x"'),
+        ([Form.STRINGS], NOTICE + b"data\n[A]\nx\n.\n", 'x:10: expected "[group]" or "key=value", found "x"'),
         ([Form.INFO], b"Features\namend\n\n", "expected a line of dashes below a title, found 'amend'"),
     ],
 )

@@ -9,7 +9,7 @@ import threading
 import time
 
 import pytest
-from conftest import DEFAULTS, PATIENCE, is_long_run
+from conftest import DEFAULTS, PATIENCE
 from peers import OTHER, SAME, EndlessLink, Peer, read_request, wait_for_end
 
 import tavix_settings
@@ -314,7 +314,7 @@ def test_a_call_cut_short_anywhere_leaves_no_reply_to_others(daemon, nonce):
         with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
             store.merge({"Big": {str(number): "v" * 100 for number in range(2000)}})
             cuts = 0
-            for _ in range(1000 if is_long_run() else 150):
+            for _ in range(1000):
                 try:
                     is_armed = True
                     signal.setitimer(signal.ITIMER_REAL, rng.uniform(1e-6, 3e-3))
