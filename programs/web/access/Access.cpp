@@ -59,6 +59,13 @@ void Access::RequireRight(const Request& request, const Peer& peer, Right right)
   if (given == Right::kRead) throw Refusal(403, "the token allows reading alone");
 }
 
+void Access::RequireAttempt(const std::string& address) {
+  if (_password.empty()) throw Refusal(404, "there is no password to log in with");
+  if (!_logins.MayTry(address, Logins::Clock::now()))
+    throw Refusal(429, "too many wrong passwords", {},
+                  {{"Retry-After", std::to_string(std::chrono::seconds(Logins::kFailureTime).count())}});
+}
+
 std::string Access::FormatCookie(const std::string& value, const Origin& origin) const {
   std::string cookie = std::string(kCookie) + "=" + value + "; Path=" + _options.basePath + "/";
   if (value.empty()) cookie += "; Max-Age=0";

@@ -28,6 +28,9 @@ class Access {
   // Throws Refusal: 401 without a login or a token, 403 when it does not allow that.
   void RequireRight(const Request& request, const Peer& peer, Right right);
 
+  // Throws Refusal, before a password is looked at: 404 when there is none, 429 when the address has failed too often.
+  void RequireAttempt(const std::string& address);
+
   // How a login or a logout is told to the browser.
   Logins& GetLogins() { return _logins; }
   std::string FormatCookie(const std::string& value, const Origin& origin) const;

@@ -32,7 +32,7 @@ class Guard {
   // Throws Refusal, 421: the host is not called so, as when a foreign name was made to lead here.
   void RequireKnownHost(const Origin& origin) const;
 
-  // Throws Refusal: 403 for a write that a foreign page may have sent, 415 for a body that is neither JSON nor text.
+  // Throws Refusal, 403, for a write that a foreign page may have sent.
   void RequireOwnWrite(const Request& request, const Origin& origin) const;
 
   bool IsTrustedProxy(const Peer& peer) const { return _proxies.count(peer.address) != 0; }
@@ -41,6 +41,9 @@ class Guard {
   std::set<std::string> _hosts;
   const std::set<std::string> _proxies;
 };
+
+// Throws Refusal, 415, for a request whose body is neither JSON nor text.
+void RequireKnownType(const Request& request);
 
 // The value of a cookie; nothing when it is missing.
 std::optional<std::string> FindCookie(const Request& request, const std::string& name);

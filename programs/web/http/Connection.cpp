@@ -4,6 +4,10 @@
 #include <sys/socket.h>
 
 #include <new>
+#include <utility>
+#include <vector>
+
+#include "tavix/core/StringUtil.h"
 
 namespace tavix::web {
 
@@ -33,11 +37,18 @@ bool HasNoBody(int status) {
   return status == 204 || status == 304;
 }
 
+// A list of options (RFC 9110, section 7.6.1); what keeps connections of HTTP/1.0 is none of this program's.
 bool AsksForEnd(const Request& request) {
-  const std::string* const connection = request.Find("connection");
-  const bool keeps = connection && (*connection == "keep-alive" || *connection == "Keep-Alive");
-  if (request.isHttp10) return !keeps;
-  return connection && (*connection == "close" || *connection == "Close");
+  if (request.isHttp10) return true;
+  for (const auto& [name, value] : request.headers) {
+    if (name != "connection") continue;
+    std::vector<std::string> options;
+    core::StringUtil::Split(options, value, ", \t", 0);
+    for (const std::string& option : options) {
+      if (core::StringUtil::EqualsIgnoringCase(option, "close")) return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -67,18 +78,17 @@ void Connection::End() {
 void Connection::BeginNext() {
   _parser.emplace(_limits);
   _state = State::kReading;
-  _hasContinued = false;
-  _timed = RequestParser::State::kComplete;
+  _limit = Limit::kNone;
   WatchTime();
 }
 
 // The next limit begins with the next part of the request.
 void Connection::WatchTime() {
-  const bool isWaiting = !_isFirst && !_parser->HasBegun();
-  const RequestParser::State timed = isWaiting ? RequestParser::State::kRefused : _parser->GetState();
-  if (timed == _timed) return;
-  _timed = timed;
-  _timer.Start(isWaiting ? kIdleTime : timed == RequestParser::State::kBody ? kBodyTime : kHeadTime);
+  const bool isBody = _parser->GetState() == RequestParser::State::kBody;
+  const Limit limit = !_isFirst && !_parser->HasBegun() ? Limit::kIdle : isBody ? Limit::kBody : Limit::kHead;
+  if (limit == _limit) return;
+  _limit = limit;
+  _timer.Start(limit == Limit::kIdle ? kIdleTime : isBody ? kBodyTime : kHeadTime);
 }
 
 void Connection::TimeOut() {
@@ -101,21 +111,41 @@ void Connection::Read() {
     const size_t size = evbuffer_get_contiguous_space(input);
     const auto* const bytes = reinterpret_cast<const char*>(evbuffer_pullup(input, static_cast<ssize_t>(size)));
     evbuffer_drain(input, _parser->Take({bytes, size}));
-    if (_parser->GetState() == RequestParser::State::kRefused)
-      return Refuse(_parser->GetStatus(), _parser->GetReason());
-    if (_parser->GetState() == RequestParser::State::kComplete) {
-      _timer.Stop();
-      _state = State::kAnswering;
-      _endsBehindAnswer = AsksForEnd(_parser->GetRequest());
-      _isHead = _parser->GetRequest().method == "HEAD";
-      return _owner.OnRequest(*this, _parser->GetRequest());
-    }
-    if (_parser->AwaitsContinue() && !_hasContinued) {
-      _hasContinued = true;
-      Write("HTTP/1.1 100 Continue\r\n\r\n");
-    }
+    if (!HandleRead()) return;
   }
   WatchTime();
+}
+
+// Behind each part of a request that was taken. False when nothing more of it is to be read now.
+bool Connection::HandleRead() {
+  using ParserState = RequestParser::State;
+  Request& request = _parser->GetRequest();
+  switch (_parser->GetState()) {
+    case ParserState::kRefused:
+      Refuse(_parser->GetStatus(), _parser->GetReason());
+      return false;
+    case ParserState::kHeadEnd:
+      _isHead = request.method == "HEAD";
+      _owner.OnHead(*this, request, _parser->GetAnnouncedBytes());
+      return _state == State::kReading;
+    case ParserState::kComplete:
+      _timer.Stop();
+      _state = State::kAnswering;
+      _endsBehindAnswer = AsksForEnd(request);
+      _isHead = request.method == "HEAD";
+      _owner.OnRequest(*this, request);
+      return false;
+    default:
+      return true;
+  }
+}
+
+void Connection::AcceptBody(size_t maxBytes, BodyBudget::Share share) {
+  _parser->GetRequest().bodyShare = std::move(share);
+  _parser->AcceptBody(maxBytes);
+  if (_parser->GetState() == RequestParser::State::kRefused)
+    return Refuse(_parser->GetStatus(), _parser->GetReason());
+  if (_parser->AwaitsContinue()) Write("HTTP/1.1 100 Continue\r\n\r\n");
 }
 
 // Where the request ends is not known: nothing behind it is read.
@@ -139,7 +169,8 @@ std::string Connection::FormatHead(int status, const Headers& headers) const {
 }
 
 void Connection::Send(const Response& response) {
-  const bool ends = response.endsConnection || _endsBehindAnswer || _hasPeerEnded;
+  const bool isWhole = _parser->GetState() == RequestParser::State::kComplete;
+  const bool ends = response.endsConnection || _endsBehindAnswer || _hasPeerEnded || !isWhole;
   std::string text = FormatHead(response.status, response.headers);
   if (!HasNoBody(response.status)) text += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
   if (ends) text += "Connection: close\r\n";

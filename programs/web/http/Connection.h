@@ -26,6 +26,10 @@ class ConnectionOwner {
   ConnectionOwner(const ConnectionOwner&) = delete;
   ConnectionOwner& operator=(const ConnectionOwner&) = delete;
 
+  // The head of a request has come, and nothing of its body was taken. It has to be answered at once: by AcceptBody, or
+  // by Send, behind which the connection ends. announcedBytes: what the body has, or may have if it comes in chunks.
+  virtual void OnHead(Connection& connection, const Request& head, size_t announcedBytes) = 0;
+
   // A request is whole. It has to be answered by Send or SendStreamHead, now or later.
   virtual void OnRequest(Connection& connection, Request& request) = 0;
 
@@ -58,6 +62,9 @@ class Connection {
 
   const Peer& GetPeer() const { return _peer; }
 
+  // Has the body of the request taken, if it has no more bytes than that. share: is kept with the request.
+  void AcceptBody(size_t maxBytes, BodyBudget::Share share);
+
   // Answers the request. The answer to HEAD is sent without its body.
   void Send(const Response& response);
 
@@ -79,11 +86,20 @@ class Connection {
     kClosing     // the last answer leaves
   };
 
+  // What the timer bounds of a request that is to come.
+  enum class Limit {
+    kNone,  // it runs not yet
+    kIdle,  // the time until the next request begins
+    kHead,  // the time of its head
+    kBody   // the time of its body
+  };
+
   static void OnReadable(bufferevent* buffer, void* self);
   static void OnWritten(bufferevent* buffer, void* self);
   static void OnEvent(bufferevent* buffer, short what, void* self);
 
   void Read();
+  bool HandleRead();
   void Refuse(int status, const std::string& reason);
   void WatchTime();
   void TimeOut();
@@ -100,9 +116,8 @@ class Connection {
   ConnectionOwner& _owner;
   State _state = State::kReading;
   std::optional<RequestParser> _parser;
-  RequestParser::State _timed = RequestParser::State::kComplete;  // what the timer runs for
+  Limit _limit = Limit::kNone;
   bool _isFirst = true;
-  bool _hasContinued = false;
   bool _endsBehindAnswer = false;
   bool _hasPeerEnded = false;
   bool _isHead = false;

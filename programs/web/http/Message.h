@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "programs/web/http/BodyBudget.h"
+
 namespace tavix::web {
 
 // Names of requests are in lower case, those of responses as they are sent.
@@ -19,6 +21,7 @@ struct Request {
   bool isHttp10 = false;
   Headers headers;
   std::string body;
+  BodyBudget::Share bodyShare;  // of the memory of all bodies; null: there is no body
 
   // The first value of a header; null when there is none.
   const std::string* Find(std::string_view name) const {

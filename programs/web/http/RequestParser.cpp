@@ -11,7 +11,7 @@ namespace tavix::web {
 namespace {
 
 constexpr size_t kMaxChunkLine = 256;
-constexpr size_t kMaxTrailerBytes = 4 * size_t{1024};
+constexpr size_t kMaxFramingBytes = 64 * size_t{1024};
 constexpr size_t kMaxChunkDigits = 8;
 
 // RFC 9110, section 5.6.2.
@@ -74,6 +74,7 @@ size_t RequestParser::TakeLine(std::string_view bytes, size_t maxBytes) {
     return count;
   }
   if (isHead) _headBytes += _line.size();
+  if (!isHead) _framingBytes += _line.size();
   _line.resize(_line.size() - 2);
   HandleLine();
   _line.clear();
@@ -135,7 +136,7 @@ void RequestParser::ReadFraming() {
       return Refuse(400, "a transfer coding is not 'chunked'");
     if (_request.isHttp10) return Refuse(400, "HTTP/1.0 has no Transfer-Encoding");
     _chunk = Chunk::kSize;
-    _state = State::kBody;
+    _state = State::kHeadEnd;
     return;
   }
   if (lengths == 1) return ReadLength(*_request.Find("content-length"));
@@ -157,7 +158,14 @@ void RequestParser::ReadLength(const std::string& text) {
 void RequestParser::BeginBody(size_t length) {
   if (length > _limits.bodyBytes) return Refuse(413, "the body is too large");
   _left = length;
-  _state = length == 0 ? State::kComplete : State::kBody;
+  _state = length == 0 ? State::kComplete : State::kHeadEnd;
+}
+
+void RequestParser::AcceptBody(size_t maxBytes) {
+  _maxBodyBytes = std::min(maxBytes, _limits.bodyBytes);
+  if (_left > _maxBodyBytes) return Refuse(413, "the body is too large");
+  _request.body.reserve(_left);
+  _state = State::kBody;
 }
 
 size_t RequestParser::TakeBody(std::string_view bytes) {
@@ -172,6 +180,7 @@ size_t RequestParser::TakeBody(std::string_view bytes) {
 }
 
 void RequestParser::HandleChunkLine() {
+  if (_framingBytes > kMaxFramingBytes) return Refuse(400, "the chunks are too small, or the trailer is too large");
   switch (_chunk) {
     case Chunk::kSize:
       return ReadChunkSize(_line);
@@ -180,20 +189,27 @@ void RequestParser::HandleChunkLine() {
       _chunk = Chunk::kSize;
       return;
     default:
-      _trailerBytes += _line.size();
-      if (_trailerBytes > kMaxTrailerBytes) return Refuse(400, "the trailer is too large");
-      if (_line.empty()) _state = State::kComplete;
+      if (!_line.empty()) return ReadTrailer(_line);
+      _state = State::kComplete;
   }
+}
+
+// Nothing here asks for one, but another program must not read it in another way.
+void RequestParser::ReadTrailer(const std::string& line) {
+  const size_t colon = line.find(':');
+  if (colon == std::string::npos || !IsToken(line.substr(0, colon))) return Refuse(400, "a trailer has no name");
+  if (HasControl(line)) return Refuse(400, "a trailer holds a control character");
 }
 
 // What stands behind the size is an extension, of which nobody knows any.
 void RequestParser::ReadChunkSize(const std::string& line) {
+  if (HasControl(line)) return Refuse(400, "an extension of a chunk holds a control character");
   const std::string digits = line.substr(0, line.find(';'));
   size_t size = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), size, 16);
   const bool isNumber = error == std::errc() && end == digits.data() + digits.size() && !digits.empty();
   if (!isNumber || digits.size() > kMaxChunkDigits) return Refuse(400, "the size of a chunk is no number");
-  if (size > _limits.bodyBytes - std::min(_limits.bodyBytes, _request.body.size()))
+  if (size > _maxBodyBytes - std::min(_maxBodyBytes, _request.body.size()))
     return Refuse(413, "the body is too large");
   _left = size;
   _chunk = size == 0 ? Chunk::kTrailer : Chunk::kData;

@@ -17,11 +17,16 @@ namespace {
 
 constexpr size_t kMaxDepth = 5;
 
+// A value takes many times the memory of the shortest text of one: a text that is nothing but such is none of ours.
+constexpr size_t kFreeValues = 1024;
+constexpr size_t kMinBytesOfValue = 8;
+
 // Builds the value from what the parser finds, which knows how numbers were written and what stands twice.
 class Builder : public nlohmann::json_sax<json> {
  public:
   // Both outlive this.
-  Builder(core::ViewIstream& in, const std::string& text) : _in(in), _text(text) {}
+  Builder(core::ViewIstream& in, const std::string& text)
+      : _in(in), _text(text), _valuesLeft(kFreeValues + text.size() / kMinBytesOfValue) {}
 
   JsonValue Take() { return std::move(_root); }
 
@@ -72,6 +77,8 @@ class Builder : public nlohmann::json_sax<json> {
   bool AddText(Kind kind, const std::string& text) { return Add({kind, text, {}, {}}); }
 
   bool Add(JsonValue value) {
+    if (_valuesLeft == 0) Fail("there are too many values for so short a text");
+    --_valuesLeft;
     if (_levels.empty()) {
       _root = std::move(value);
       return true;
@@ -107,6 +114,7 @@ class Builder : public nlohmann::json_sax<json> {
 
   core::ViewIstream& _in;
   const std::string& _text;
+  size_t _valuesLeft;
   std::vector<Level> _levels;
   JsonValue _root;
 };

@@ -23,7 +23,8 @@ struct JsonValue {
   const JsonValue* Find(const std::string& name) const;
 };
 
-// Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, and nesting that nothing here has.
+// Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, nesting that nothing here has, and a
+// text of so many and so short values that they take many times its memory.
 JsonValue ParseJsonBody(const std::string& text);
 
 // The same of an object; an empty text is an empty one. known: the members that it may have; throws Refusal, 400, for

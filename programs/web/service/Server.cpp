@@ -16,14 +16,25 @@ namespace {
 
 constexpr size_t kMaxWaitingLogins = 4;
 constexpr Milliseconds kGraceTime{1000};  // for the worker's own answer, which knows more
-constexpr char kInterface[] = "/api/v1";
 
-bool BeginsWith(const std::string& text, const std::string& begin) {
-  return text.compare(0, begin.size(), begin) == 0;
-}
+// Of bodies that are as large as they may be, and of memory that small ones always find.
+constexpr size_t kMaxLargeBodies = 8;
+constexpr size_t kMinBodyBudget = 1024 * size_t{1024};
 
 Response Healthy() {
   return {200, {{"Content-Type", "application/json"}}, "{\"status\":\"ok\"}\n"};
+}
+
+// Has an answer sent, whatever becomes of the request.
+template <class Step>
+void AnswerErrors(Connection& connection, Step step) {
+  try {
+    step();
+  } catch (const Refusal& refusal) {
+    connection.Send(ToResponse(refusal));
+  } catch (const std::exception& exception) {
+    connection.Send(ToResponse(Refusal(500, exception.what())));
+  }
 }
 
 }  // namespace
@@ -33,7 +44,8 @@ Server::Server(const Options& options, Access& access, const std::vector<Listene
     : _options(options),
       _access(access),
       _signals(signals),
-      _guard(options),
+      _gate(options, access),
+      _bodies(std::max(kMaxLargeBodies * options.maxBodyBytes, kMinBodyBudget)),
       _view{options.showsRestricted, MakeSecret()},
       _wakeup(_base,
               [this] {
@@ -63,7 +75,7 @@ void Server::OnSignal() {
 
 bool Server::HasRoom(const Peer& peer) const {
   if (_connections.size() >= kMaxConnections) return false;
-  if (peer.isUnix || peer.isLoopback || _guard.IsTrustedProxy(peer)) return true;
+  if (peer.isUnix || peer.isLoopback || _gate.IsTrustedProxy(peer)) return true;
   const auto found = _addresses.find(peer.address);
   return found == _addresses.end() || found->second < _options.maxPerAddress;
 }
@@ -97,40 +109,33 @@ Response Server::OnRefused(int status, const std::string& reason) {
   return ToResponse(Refusal(status, reason));
 }
 
+void Server::OnHead(Connection& connection, const Request& head, size_t announcedBytes) {
+  AnswerErrors(connection, [&] {
+    const size_t maxBytes = _gate.Admit(connection.GetPeer(), head, true).maxBodyBytes;
+    BodyBudget::Share share = _bodies.Take(std::min(announcedBytes, maxBytes));
+    if (!share) throw Refusal(503, "too many bodies are on their way", {}, {{"Retry-After", "1"}});
+    connection.AcceptBody(maxBytes, std::move(share));
+  });
+}
+
 void Server::OnRequest(Connection& connection, Request& request) {
-  try {
-    Handle(connection, request);
-  } catch (const Refusal& refusal) {
-    connection.Send(ToResponse(refusal));
-  } catch (const std::exception& exception) {
-    connection.Send(ToResponse(Refusal(500, exception.what())));
-  }
+  AnswerErrors(connection, [&] { Handle(connection, request); });
 }
 
+// Looked at again when the body has come: a login may have ended meanwhile.
 void Server::Handle(Connection& connection, Request& request) {
-  const Peer& peer = connection.GetPeer();
-  _access.RequireAllowed(peer);
-  const Origin origin = _guard.FindOrigin(request, peer, false);
-  _guard.RequireKnownHost(origin);
-  const bool isBelow = BeginsWith(request.path, _options.basePath + "/");
-  const std::string path = isBelow ? request.path.substr(_options.basePath.size()) : request.path;
-  if (isBelow && BeginsWith(path, std::string(kInterface) + "/")) {
-    const Route& route = FindRoute(request.method, path.substr(sizeof kInterface - 1));
-    if (request.IsWrite()) _guard.RequireOwnWrite(request, origin);
-    return HandleRoute(connection, request, route, origin);
-  }
-  if (!isBelow || path != "/healthz") throw Refusal(404, "there is nothing at '" + request.path + "'");
-  if (request.IsWrite()) throw Refusal(405, "'/healthz' takes no " + request.method, {}, {{"Allow", "GET, HEAD"}});
-  connection.Send(Healthy());
+  const Gate::Entry entry = _gate.Admit(connection.GetPeer(), request, !request.body.empty());
+  if (!entry.route) return connection.Send(Healthy());
+  HandleRoute(connection, request, entry);
 }
 
-void Server::HandleRoute(Connection& connection, Request& request, const Route& route, const Origin& origin) {
+void Server::HandleRoute(Connection& connection, Request& request, const Gate::Entry& entry) {
   using Place = Route::Place;
-  if (route.place == Place::kLogin) return LogIn(connection, request, origin);
-  if (route.place == Place::kLogout) return connection.Send(LogOut(request, origin));
+  const Route& route = *entry.route;
+  if (route.place == Place::kLogin) return LogIn(connection, request, entry.origin);
+  if (route.place == Place::kLogout) return connection.Send(LogOut(request, entry.origin));
   if (route.place == Place::kDescription)
     return connection.Send({200, {{"Content-Type", "application/json"}}, GetDescription()});
-  _access.RequireRight(request, connection.GetPeer(), route.right);
   if (route.place == Place::kChanges) {
     if (request.method == "HEAD") throw Refusal(405, "a stream has no HEAD", {}, {{"Allow", "GET"}});
     return _streams.Open(connection, request);
@@ -188,16 +193,10 @@ void Server::SendDone(WorkQueue& queue) {
 }
 
 void Server::LogIn(Connection& connection, const Request& request, const Origin& origin) {
-  if (_access.GetPasswordHash().empty()) throw Refusal(404, "there is no password to log in with");
   const JsonValue body = ParseJsonObject(request.body, {"password"});
   const JsonValue* const password = body.Find("password");
   if (!password || password->kind != JsonValue::Kind::kText) throw Refusal(400, "'password' is no string");
-  Logins& logins = _access.GetLogins();
-  const auto now = Logins::Clock::now();
-  if (!logins.MayTry(origin.address, now))
-    throw Refusal(429, "too many wrong passwords", {},
-                  {{"Retry-After", std::to_string(std::chrono::seconds(Logins::kFailureTime).count())}});
-  logins.BeginAttempt(origin.address, now);
+  _access.GetLogins().BeginAttempt(origin.address, Logins::Clock::now());
   Start(
       connection, _hashing, false,
       [hash = _access.GetPasswordHash(), given = password->text](size_t) {

@@ -9,14 +9,15 @@
 
 #include "programs/common/Signals.h"
 #include "programs/web/access/Access.h"
-#include "programs/web/access/Guard.h"
 #include "programs/web/changes/ChangeStreams.h"
 #include "programs/web/daemon/WorkQueue.h"
+#include "programs/web/http/BodyBudget.h"
 #include "programs/web/http/Connection.h"
 #include "programs/web/http/EventBase.h"
 #include "programs/web/http/Listener.h"
 #include "programs/web/interface/Router.h"
 #include "programs/web/options/Options.h"
+#include "programs/web/service/Gate.h"
 #include "programs/web/service/Wakeup.h"
 
 namespace tavix::web {
@@ -48,6 +49,7 @@ class Server : private ConnectionOwner {
     std::unique_ptr<LoopEvent> timer;
   };
 
+  void OnHead(Connection& connection, const Request& head, size_t announcedBytes) override;
   void OnRequest(Connection& connection, Request& request) override;
   Response OnRefused(int status, const std::string& reason) override;
   void OnStreamDrained(Connection& connection) override { _streams.OnDrained(connection); }
@@ -57,7 +59,7 @@ class Server : private ConnectionOwner {
   void Accept(const Listener& listener);
   bool HasRoom(const Peer& peer) const;
   void Handle(Connection& connection, Request& request);
-  void HandleRoute(Connection& connection, Request& request, const Route& route, const Origin& origin);
+  void HandleRoute(Connection& connection, Request& request, const Gate::Entry& entry);
   void LogIn(Connection& connection, const Request& request, const Origin& origin);
   Response LogOut(const Request& request, const Origin& origin);
   void Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
@@ -69,7 +71,8 @@ class Server : private ConnectionOwner {
   const Options& _options;
   Access& _access;
   const programs::Signals& _signals;
-  const Guard _guard;
+  Gate _gate;
+  BodyBudget _bodies;
   View _view;
   EventBase _base;
   Wakeup _wakeup;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/programs/web/Web.h"
 
@@ -158,6 +159,60 @@ TEST(WebGuard, ContinuesForThoseThatWait) {
   EXPECT_EQ(connection.ReadUntil("\r\n\r\n"), "HTTP/1.1 100 Continue\r\n\r\n");
   connection.Send("{\"k\": 1}");
   EXPECT_EQ(connection.ReadReply().status, 200);
+}
+
+TEST(WebGuard, RefusesByTheHeadAlone) {
+  const TemporaryDirectory directory;
+  const std::string tokens = directory.Write("tokens", "fleet " + std::string(64, 'a') + " write\n");
+  chmod(tokens.c_str(), 0600);
+  Web web({"--token-file", tokens});
+  const std::string json = "Content-Type: application/json\r\n";
+  const std::string host = "Host: localhost\r\n";
+  const std::string post = "POST /api/v1/reset HTTP/1.1\r\n";
+  for (const auto& [head, status] : std::vector<std::pair<std::string, int>>{
+           {post + "Host: evil.example\r\n" + json, 421}, {"POST /api/v1/nothing HTTP/1.1\r\n" + host + json, 404},
+           {"POST /api/v1/group HTTP/1.1\r\n" + host + json, 405}, {"POST /healthz HTTP/1.1\r\n" + host + json, 405},
+           {post + host + json + "Origin: http://evil.example\r\n", 403},
+           {post + host + "Content-Type: image/png\r\n", 415}, {post + host + json, 401},
+           {post + host + json + "Authorization: Bearer x\r\nExpect: 100-continue\r\n", 401},
+           {"POST /api/v1/login HTTP/1.1\r\n" + host + json, 404}}) {
+    HttpConnection connection = web.Connect();
+    connection.Send(head + "Content-Length: 1000000\r\n\r\n");
+    const HttpReply reply = connection.ReadReply();
+    EXPECT_EQ(reply.status, status) << head;
+    EXPECT_EQ(reply.headers.at("connection"), "close") << head;
+  }
+}
+
+TEST(WebGuard, BoundsTheBodiesOfAllTogether) {
+  Web web;
+  std::vector<HttpConnection> connections;
+  const std::string body = R"({"groups": ["a"]})";
+  for (int i = 0; i < 9; ++i) {
+    connections.push_back(web.Connect());
+    connections.back().Send(
+        "POST /api/v1/reset HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+        "Content-Length: 1048576\r\nExpect: 100-continue\r\n\r\n");
+    if (i < 8) EXPECT_EQ(connections.back().ReadUntil("\r\n\r\n"), "HTTP/1.1 100 Continue\r\n\r\n");
+  }
+  const HttpReply refused = connections.back().ReadReply();
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_EQ(refused.headers.at("retry-after"), "1");
+  // An answer gives the memory of its request back.
+  connections[0].Send(body + std::string(1048576 - body.size(), ' '));
+  EXPECT_EQ(connections[0].ReadReply().status, 200);
+  EXPECT_EQ(web.Ask("POST", "/reset", body).status, 200);
+}
+
+TEST(WebGuard, EndsBehindARequestThatAsksForIt) {
+  Web web;
+  const std::string get = "GET /healthz HTTP/1.1\r\nHost: localhost\r\n";
+  for (const std::string& bytes : {get + "Connection: x, CLOSE\r\n\r\n",
+                                   std::string("GET /healthz HTTP/1.0\r\nHost: localhost\r\nConnection: keep-alive\r\n\r\n")}) {
+    HttpConnection connection = web.Connect();
+    connection.Send(bytes);
+    EXPECT_EQ(StatusOf(connection.ReadToEnd()), 200) << bytes;
+  }
 }
 
 TEST(WebGuard, EndsConnectionsBeyondTheLimit) {

@@ -77,6 +77,18 @@ TEST(WebLogin, IsRefusedBehindFiveFailures) {
   const HttpReply refused = LogIn(web, "open sesame");
   EXPECT_EQ(refused.status, 429);
   EXPECT_EQ(refused.headers.at("retry-after"), "60");
+  // The password is not even read.
+  HttpConnection connection = web.Connect();
+  connection.Send("POST /api/v1/login HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n");
+  EXPECT_EQ(connection.ReadReply().status, 429);
+}
+
+TEST(WebLogin, TakesSmallBodiesAlone) {
+  const Secrets secrets;
+  Web web({"--password-file", secrets.passwordFile});
+  EXPECT_EQ(web.Ask("POST", "/login", std::string(4096, '[')).status, 400);
+  EXPECT_EQ(web.Ask("POST", "/login", std::string(4097, '[')).status, 413);
+  EXPECT_EQ(web.Ask("POST", "/logout", std::string(4097, '[')).status, 413);
 }
 
 TEST(WebLogin, TakesTokensForWhatTheyAllow) {

@@ -18,15 +18,30 @@ constexpr char kRequest[] =
     "PATCH /api/v1/group?name=a HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n"
     "4\r\n{\"k\"\r\n4\r\n: 1}\r\n0\r\n\r\n";
 
+// Has a body taken as well.
+size_t TakeAll(web::RequestParser& parser, std::string_view bytes) {
+  const size_t taken = parser.Take(bytes);
+  if (parser.GetState() != web::RequestParser::State::kHeadEnd) return taken;
+  parser.AcceptBody(parser.GetAnnouncedBytes());
+  return taken + parser.Take(bytes.substr(taken));
+}
+
 // Parts of random sizes, as a network delivers them.
 web::RequestParser ParseInParts(const std::string& bytes, std::mt19937& random) {
   web::RequestParser parser({1024, 1024});
   for (size_t at = 0; at < bytes.size();) {
     const size_t size = std::min<size_t>(1 + random() % 7, bytes.size() - at);
-    const size_t taken = parser.Take(std::string_view(bytes).substr(at, size));
+    const size_t taken = TakeAll(parser, std::string_view(bytes).substr(at, size));
     at += taken;
     if (taken < size) break;
   }
+  return parser;
+}
+
+// How the body of a request is read that has this framing.
+web::RequestParser ParseBody(const std::string& framing) {
+  web::RequestParser parser({1024, 1024 * 1024});
+  TakeAll(parser, "POST / HTTP/1.1\r\nHost: localhost\r\n" + framing);
   return parser;
 }
 
@@ -52,7 +67,42 @@ TEST(RequestParser, ReadsARequestHoweverItsBytesArrive) {
 TEST(RequestParser, TakesNothingOfTheNextRequest) {
   web::RequestParser parser({1024, 1024});
   const std::string both = std::string(kRequest) + kRequest;
-  EXPECT_EQ(parser.Take(both), sizeof kRequest - 1);
+  EXPECT_EQ(TakeAll(parser, both), sizeof kRequest - 1);
+}
+
+TEST(RequestParser, TakesNothingOfABodyBeforeItIsAccepted) {
+  const std::string request = kRequest;
+  web::RequestParser parser({1024, 1024});
+  const size_t head = parser.Take(request);
+  EXPECT_EQ(head, request.find("\r\n\r\n") + 4);
+  EXPECT_EQ(parser.GetState(), web::RequestParser::State::kHeadEnd);
+  EXPECT_EQ(parser.GetRequest().path, "/api/v1/group");
+  EXPECT_EQ(parser.Take(request.substr(head)), 0U);
+  parser.AcceptBody(7);
+  parser.Take(request.substr(head));
+  EXPECT_EQ(parser.GetStatus(), 413);
+}
+
+TEST(RequestParser, RefusesALengthBeyondWhatTheRequestMayHave) {
+  web::RequestParser parser({1024, 1024});
+  parser.Take("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 9\r\n\r\n");
+  EXPECT_EQ(parser.GetAnnouncedBytes(), 9U);
+  parser.AcceptBody(8);
+  EXPECT_EQ(parser.GetStatus(), 413);
+}
+
+TEST(RequestParser, ReadsEachLineOfChunksStrictly) {
+  const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n";
+  for (const char* body : {"1;a=\rb\r\nx\r\n0\r\n\r\n", "1;a=\x01\r\nx\r\n0\r\n\r\n", "0\r\nno colon\r\n\r\n",
+                           "0\r\na b: c\r\n\r\n", "0\r\na: \x7F\r\n\r\n", "0\r\n: x\r\n\r\n"})
+    EXPECT_EQ(ParseBody(chunked + body).GetStatus(), 400) << body;
+  EXPECT_EQ(ParseBody(chunked + "1;a=\"b\"\r\nx\r\n0\r\nTrailer: x\r\n\r\n").GetRequest().body, "x");
+}
+
+TEST(RequestParser, BoundsWhatChunksCost) {
+  std::string body = "Transfer-Encoding: chunked\r\n\r\n";
+  for (int i = 0; i < 1000; ++i) body += "1;" + std::string(200, 'x') + "\r\nx\r\n";
+  EXPECT_EQ(ParseBody(body + "0\r\n\r\n").GetStatus(), 400);
 }
 
 TEST(RequestParser, ReadsChangedBytesTheSameWayInEveryPartition) {
@@ -61,7 +111,7 @@ TEST(RequestParser, ReadsChangedBytesTheSameWayInEveryPartition) {
     std::string bytes = kRequest;
     for (int change = 0; change < 3; ++change) bytes[random() % bytes.size()] = static_cast<char>(random() % 256);
     web::RequestParser whole({1024, 1024});
-    whole.Take(bytes);
+    TakeAll(whole, bytes);
     const web::RequestParser parts = ParseInParts(bytes, random);
     EXPECT_EQ(whole.GetState(), parts.GetState()) << bytes;
     EXPECT_EQ(whole.GetStatus(), parts.GetStatus()) << bytes;
@@ -100,6 +150,19 @@ TEST(JsonBody, SurvivesChangedBytes) {
     }
   }
   EXPECT_GT(read, 100U);
+}
+
+TEST(JsonBody, HasNoMoreValuesThanItsMemoryAllows) {
+  const auto list = [](size_t count) {
+    std::string text = "[0";
+    while (--count > 0) text += ",0";
+    return text + "]";
+  };
+  EXPECT_EQ(web::ParseJsonBody(list(1000)).items.size(), 1000U);
+  EXPECT_THROW(web::ParseJsonBody(list(100000)), web::Refusal);
+  std::string object = "{";
+  for (int i = 10000; i < 30000; ++i) object += (i > 10000 ? ",\"" : "\"") + std::to_string(i) + "\":1";
+  EXPECT_EQ(web::ParseJsonBody(object + "}").members.size(), 20000U);
 }
 
 TEST(Sha256, IsWhatTheStandardShows) {
