@@ -1,5 +1,6 @@
 #include "programs/web/http/Query.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "programs/common/client/Json.h"
@@ -49,6 +50,17 @@ Query::Query(const std::string& text) {
     const size_t equals = part.find('=');
     _parameters.emplace_back(Decode(part.substr(0, equals)),
                              equals == std::string::npos ? std::string() : Decode(part.substr(equals + 1)));
+  }
+}
+
+void Query::RequireOnly(const std::string& known) const {
+  const std::string words = " " + known + " ";
+  for (const auto& [name, value] : _parameters) {
+    const bool isPlain = name.find_first_of(" *") == std::string::npos;
+    if (isPlain && words.find(" " + name + "* ") != std::string::npos) continue;
+    if (!isPlain || words.find(" " + name + " ") == std::string::npos)
+      throw Refusal(400, "the query holds '" + name + "', which this request does not have");
+    if (FindAll(name).size() > 1) throw Refusal(400, "the parameter '" + name + "' stands twice");
   }
 }
 

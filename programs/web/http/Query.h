@@ -15,6 +15,10 @@ class Query {
  public:
   explicit Query(const std::string& text);
 
+  // Throws Refusal, 400, for a parameter that is not among these, and for one that stands twice. known: names with a
+  // blank between them; one with a '*' behind it may be repeated.
+  void RequireOnly(const std::string& known) const;
+
   // The first value; nothing when the parameter is missing.
   std::optional<std::string> Find(const std::string& name) const;
 

@@ -21,6 +21,7 @@ using Kind = JsonValue::Kind;
 namespace {
 
 constexpr char kConditionBegin[] = "condition:";
+constexpr size_t kValueDepth = 4;  // {"set": {GROUP: {KEY: VALUE}}}
 
 // A change of many groups, as the body has it. A plain value.
 struct Wanted {
@@ -71,16 +72,10 @@ IniFile ReadKeys(const JsonValue& body, const std::string& member) {
   return settings;
 }
 
-bool ReadFlag(const JsonValue& body, const std::string& member) {
-  const JsonValue* const value = body.Find(member);
-  if (!value) return false;
-  if (value->kind != Kind::kTruth) throw Refusal(400, "'" + member + "' is neither true nor false");
-  return value->text == "true";
-}
-
 Wanted ReadWanted(const Call& call) {
   const JsonValue body =
-      ParseJsonObject(call.request.body, {"if", "absent", "set", "unset", "volatile", "confirm", "dryRun"});
+      ParseJsonObject(call.request.body, {"if", "absent", "set", "unset", "volatile", "confirm", "dryRun"},
+                      kValueDepth);
   Wanted wanted;
   wanted.amendment.present = ReadSettings(body, "if");
   wanted.amendment.absent = ReadKeys(body, "absent");
@@ -90,6 +85,9 @@ Wanted ReadWanted(const Call& call) {
   wanted.isDryRun = ReadFlag(body, "dryRun");
   for (const IniFile* changes : {&wanted.amendment.set, &wanted.amendment.unset}) {
     for (const auto& [group, keys] : *changes) RequireUnrestricted(call, group);
+  }
+  for (const IniFile* conditions : {&wanted.amendment.present, &wanted.amendment.absent}) {
+    for (const auto& [group, keys] : *conditions) RequireUnmasked(call, group);
   }
   if (body.Find("confirm")) throw Refusal(501, "'confirm' is not there yet", {{"feature", Quoted("trial")}});
   return wanted;

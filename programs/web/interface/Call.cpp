@@ -47,4 +47,10 @@ void RequireUnrestricted(const Call& call, const std::string& group) {
                   {{"group", Quoted(group)}});
 }
 
+void RequireUnmasked(const Call& call, const std::string& group) {
+  if (call.view.IsMasked(group))
+    throw Refusal(403, "'" + programs::SpellName(group) + "' is a restricted group, whose values are masked",
+                  {{"group", Quoted(group)}});
+}
+
 }  // namespace tavix::web

@@ -53,4 +53,7 @@ void RequireSendable(const std::string& group);
 // Throws Refusal, 403, for a restricted group.
 void RequireUnrestricted(const Call& call, const std::string& group);
 
+// Throws Refusal, 403, for a group whose values are masked: who may compare them could guess them.
+void RequireUnmasked(const Call& call, const std::string& group);
+
 }  // namespace tavix::web

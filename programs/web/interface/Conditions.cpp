@@ -1,5 +1,6 @@
 #include "programs/web/interface/Conditions.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
@@ -10,7 +11,7 @@ namespace tavix::web {
 using core::IniFile;
 using nlohmann::json;
 
-bool NamesVersion(const std::string& tags, const std::string& version) {
+bool NamesVersion(const std::string& tags, const std::string& version, bool comparesWeakly) {
   if (tags == "*") return true;
   const std::string tag = "\"" + version + "\"";
   for (size_t at = 0; at < tags.size();) {
@@ -18,7 +19,8 @@ bool NamesVersion(const std::string& tags, const std::string& version) {
     if (begin == std::string::npos) return false;
     const size_t end = std::min(tags.find(',', begin), tags.size());
     const std::string one = tags.substr(begin, end - begin);
-    if (one.substr(0, one.find_last_not_of(" \t") + 1) == tag) return true;
+    const std::string given = one.substr(0, one.find_last_not_of(" \t") + 1);
+    if (given == tag || (comparesWeakly && given == "W/" + tag)) return true;
     at = end + 1;
   }
   return false;

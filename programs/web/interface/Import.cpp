@@ -66,11 +66,14 @@ json Describe(const programs::Import::Gone& gone) {
 Response RunImport(Call& call, ImportOptions options) {
   RequireWhole(call.request.body, options);
   core::IniFile document = programs::ParseDocument(call.request.body, kSource);
+  for (const auto& [group, keys] : document) RequireUnmasked(call, group);
   const bool replaces = options.replaces;
   programs::Import backup(call.session, std::move(document), kSource, std::move(options));
   if (call.query.HasFlag("dryRun")) {
     json changes = json::array();
-    backup.FindDifferences([&](const programs::Change& change) { changes.push_back(programs::ToJson(change)); });
+    backup.FindDifferences([&](const programs::Change& change) {
+      if (!call.view.IsMasked(change.group)) changes.push_back(programs::ToJson(change));
+    });
     json answer = {{"dryRun", true}, {"changes", changes}};
     if (replaces) answer["gone"] = Describe(backup.FindGone());
     return JsonResponse(answer);

@@ -25,8 +25,8 @@ constexpr size_t kMinBytesOfValue = 8;
 class Builder : public nlohmann::json_sax<json> {
  public:
   // Both outlive this.
-  Builder(core::ViewIstream& in, const std::string& text)
-      : _in(in), _text(text), _valuesLeft(kFreeValues + text.size() / kMinBytesOfValue) {}
+  Builder(core::ViewIstream& in, const std::string& text, size_t bytesDepth)
+      : _in(in), _text(text), _bytesDepth(bytesDepth), _valuesLeft(kFreeValues + text.size() / kMinBytesOfValue) {}
 
   JsonValue Take() { return std::move(_root); }
 
@@ -53,7 +53,7 @@ class Builder : public nlohmann::json_sax<json> {
 
   bool end_object() override {
     JsonValue& value = _levels.back().value;
-    const bool isBytes = value.members.size() == 1 && value.members[0].first == "base64" && _levels.size() > 1 &&
+    const bool isBytes = value.members.size() == 1 && value.members[0].first == "base64" && _levels.size() >= _bytesDepth &&
                          value.members[0].second.kind == Kind::kText;
     if (isBytes) {
       const std::optional<std::string> bytes = programs::DecodeBase64(value.members[0].second.text);
@@ -114,6 +114,7 @@ class Builder : public nlohmann::json_sax<json> {
 
   core::ViewIstream& _in;
   const std::string& _text;
+  const size_t _bytesDepth;
   size_t _valuesLeft;
   std::vector<Level> _levels;
   JsonValue _root;
@@ -128,24 +129,31 @@ const JsonValue* JsonValue::Find(const std::string& name) const {
   return nullptr;
 }
 
-JsonValue ParseJsonBody(const std::string& text) {
+JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth) {
   core::ViewIstream in;
   in.SetText(text);
-  Builder builder(in, text);
+  Builder builder(in, text, bytesDepth);
   json::sax_parse(in, &builder);
   return builder.Take();
 }
 
-JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known) {
+JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known, size_t bytesDepth) {
   JsonValue value;
   value.kind = Kind::kObject;
-  if (!text.empty()) value = ParseJsonBody(text);
+  if (!text.empty()) value = ParseJsonBody(text, bytesDepth);
   if (value.kind != Kind::kObject) throw Refusal(400, "the body is no object");
   for (const auto& [name, member] : value.members) {
     if (std::find(known.begin(), known.end(), name) == known.end())
       throw Refusal(400, "the body holds '" + name + "', which nothing here has");
   }
   return value;
+}
+
+bool ReadFlag(const JsonValue& body, const std::string& member) {
+  const JsonValue* const value = body.Find(member);
+  if (!value) return false;
+  if (value->kind != Kind::kTruth) throw Refusal(400, "'" + member + "' is neither true nor false");
+  return value->text == "true";
 }
 
 }  // namespace tavix::web

@@ -24,11 +24,15 @@ struct JsonValue {
 };
 
 // Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, nesting that nothing here has, and a
-// text of so many and so short values that they take many times its memory.
-JsonValue ParseJsonBody(const std::string& text);
+// text of so many and so short values that they take many times its memory. bytesDepth: the level from which on an
+// object can stand for bytes; above, "base64" is a name like any other. The text's own is 1.
+JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth = 2);
 
 // The same of an object; an empty text is an empty one. known: the members that it may have; throws Refusal, 400, for
 // others.
-JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known);
+JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known, size_t bytesDepth = 2);
+
+// A member that is true or false; false when it is missing. Throws Refusal, 400, when it is something else.
+bool ReadFlag(const JsonValue& body, const std::string& member);
 
 }  // namespace tavix::web

@@ -99,7 +99,7 @@ Response ShowGroup(Call& call) {
   const std::string version = call.view.FindVersion(name, *keys);
   const Headers headers{{"ETag", "\"" + version + "\""}};
   const std::string* const known = call.request.Find("if-none-match");
-  if (known && NamesVersion(*known, version)) return {304, headers, ""};
+  if (known && NamesVersion(*known, version, true)) return {304, headers, ""};
   const Origins origins(call, {name});
   const bool isMasked = call.view.IsMasked(name);
   json settings = json::object();

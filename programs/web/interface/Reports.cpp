@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Figures.h"
@@ -26,10 +27,12 @@ double MeasureLatency(Call& call) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
 }
 
-json LevelsToJson(const IniFile& levels) {
+json LevelsToJson(const View& view, const IniFile& levels) {
   json object = json::object();
-  for (const auto& [group, keys] : levels)
-    object[NameToJson(group).get<std::string>()] = programs::ValueToJson(keys.at(programs::kLogLevelKey));
+  for (const auto& [group, keys] : levels) {
+    const json level = programs::ValueToJson(keys.at(programs::kLogLevelKey));
+    object[NameToJson(group).get<std::string>()] = view.IsMasked(group) ? json(nullptr) : level;
+  }
   return object;
 }
 
@@ -61,7 +64,12 @@ Response ShowSubscribers(Call& call) {
 }
 
 Response ShowResources(Call& call) {
-  const IniFile read = programs::ReadResources(call.session);
+  IniFile read = programs::ReadResources(call.session);
+  std::set<std::string> masked;
+  for (const auto& [group, keys] : read) {
+    if (call.view.IsMasked(group)) masked.insert(group);
+  }
+  for (const std::string& group : masked) read.RemoveGroup(group);
   const settings::ResourceFigures figures(read);
   json list = json::array();
   for (const std::string& resource : figures.GetResources())
@@ -70,7 +78,7 @@ Response ShowResources(Call& call) {
 }
 
 Response ShowLogLevels(Call& call) {
-  return JsonResponse(LevelsToJson(programs::ReadLogLevels(call.session, "*")));
+  return JsonResponse(LevelsToJson(call.view, programs::ReadLogLevels(call.session, "*")));
 }
 
 // As the command's, no level is made for a program that has none, which would rather be a misspelled one.

@@ -80,9 +80,9 @@ Response Reset(Call& call) {
   const JsonValue body = ParseJsonObject(call.request.body, {"groups", "dryRun"});
   const Names patterns = ReadPatterns(body);
   RequireWritable(call, patterns);
-  const JsonValue* const dryRun = body.Find("dryRun");
+  const bool isDryRun = ReadFlag(body, "dryRun");
   const UserPart part = ReadUserPart(call, patterns);
-  if (dryRun && dryRun->text == "true")
+  if (isDryRun)
     return JsonResponse({{"dryRun", true},
                          {"groups", ListNames(programs::NamesOf(part.changed))},
                          {"deleted", ListNames(part.deleted)}});

@@ -23,7 +23,8 @@ struct Route {
   const char* path;  // behind /api/v1
   Place place;
   Right right;
-  Handler handler;  // of kWorker alone
+  Handler handler;         // of kWorker alone
+  const char* parameters;  // as Query::RequireOnly has them
 };
 
 // All of them.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "programs/web/http/Query.h"
 #include "programs/web/http/Refusal.h"
 
 namespace tavix::web {
@@ -46,6 +47,7 @@ Gate::Entry Gate::AdmitToInterface(const Peer& peer, const Request& head, const 
   const bool isOpen =
       route.place == Place::kLogin || route.place == Place::kLogout || route.place == Place::kDescription;
   if (!isOpen) _access.RequireRight(head, peer, route.right);
+  Query(head.query).RequireOnly(route.parameters);
   const bool hasSmallBody = isOpen || !head.IsWrite();
   const size_t maxBodyBytes = hasSmallBody ? std::min(kMaxSmallBody, _options.maxBodyBytes) : _options.maxBodyBytes;
   return {&route, std::move(origin), maxBodyBytes};

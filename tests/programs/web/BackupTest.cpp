@@ -63,6 +63,25 @@ TEST(WebBackup, ThatIsWrongIsRefusedWithTheLine) {
   EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
 }
 
+TEST(WebBackup, ComparesNoValuesThatAreMasked) {
+  Web web;
+  for (const char* passphrase : {"example", "guess"}) {
+    const std::string body = std::string("[Secure/Wlan0]\npassphrase=") + passphrase + "\n";
+    for (const char* parameters : {"", "?dryRun=1"})
+      EXPECT_EQ(web.Ask("POST", std::string("/import") + parameters, body, "Content-Type: text/plain\r\n").status, 403);
+  }
+}
+
+TEST(WebReports, ShowNoValuesThatAreMasked) {
+  const std::string restricted = "[Secure/Log]\nlog.level=3\n[Resources/Secure]\nTotalAvailable=7\n";
+  const Web web({}, kDefaults, restricted);
+  EXPECT_EQ(web.Get("/log-levels").dump(), R"({"Secure/Log":null,"Server":"5"})");
+  EXPECT_EQ(web.Get("/resources").dump(), "[]");
+  const Web open({"--show-restricted"}, kDefaults, restricted);
+  EXPECT_EQ(open.Get("/log-levels")["Secure/Log"], "3");
+  EXPECT_EQ(open.Get("/resources").size(), 1U);
+}
+
 TEST(WebReports, SayWhatTheCommandSays) {
   Web web;
   const json status = web.Get("/status");

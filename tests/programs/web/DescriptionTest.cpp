@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iterator>
 #include <set>
+#include <sstream>
 
 #include "programs/web/interface/Router.h"
 #include "programs/web/options/CommandLine.h"
@@ -16,6 +17,11 @@ namespace {
 
 std::string Upper(std::string text) {
   for (char& c : text) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+  return text;
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
   return text;
 }
 
@@ -38,12 +44,27 @@ TEST(WebDescription, NamesEveryRequestThatThereIs) {
   EXPECT_EQ(described, known);
 }
 
+TEST(WebDescription, NamesEveryParameterThatThereIs) {
+  Web web;
+  const json paths = web.Get("/openapi.json")["paths"];
+  for (const web::Route& route : web::GetRoutes()) {
+    std::istringstream words(route.parameters);
+    std::set<std::string> known;
+    for (std::string word; words >> word;) known.insert(word.substr(0, word.find('*')));
+    std::set<std::string> described;
+    for (const json& parameter : paths[route.path][Lower(route.method)].value("parameters", json::array())) {
+      if (parameter["in"] == "query") described.insert(parameter["name"].get<std::string>());
+    }
+    EXPECT_EQ(described, known) << route.method << route.path;
+  }
+}
+
 TEST(WebDescription, AnswersAsTheRequestsDo) {
   Web web;
   const json paths = web.Get("/openapi.json")["paths"];
   for (const auto& [path, methods] : paths.items()) {
     for (const auto& [method, operation] : methods.items()) {
-      std::string target = path + "?wait=0";
+      std::string target = path + (path == "/changes" ? "?wait=0" : "?");
       for (const json& parameter : operation.value("parameters", json::array())) {
         if (parameter.value("required", false)) target += "&" + parameter["name"].get<std::string>() + "=Nothing";
       }

@@ -53,6 +53,8 @@ TEST(WebGroups, AreNotSentAgainToThoseThatHaveThem) {
   const HttpReply first = connection.Ask("GET", "/api/v1/group?name=Network/Eth0");
   const std::string known = "If-None-Match: " + first.headers.at("etag") + "\r\n";
   EXPECT_EQ(connection.Ask("GET", "/api/v1/group?name=Network/Eth0", "", known).status, 304);
+  const std::string weak = "If-None-Match: \"x\", W/" + first.headers.at("etag") + "\r\n";
+  EXPECT_EQ(connection.Ask("GET", "/api/v1/group?name=Network/Eth0", "", weak).status, 304);
   web.Ask("PATCH", "/group?name=Network/Eth0", R"({"dhcp": false})");
   const HttpReply changed = connection.Ask("GET", "/api/v1/group?name=Network/Eth0", "", known);
   EXPECT_EQ(changed.status, 200);

@@ -88,6 +88,17 @@ TEST(WebGuard, KnowsItsPathsAndTheirMethods) {
   EXPECT_EQ(web.Ask("GET", "/group?name=%zz").status, 400);
 }
 
+TEST(WebGuard, TakesKnownParametersAlone) {
+  Web web;
+  for (const char* target : {"/groups?patern=a", "/groups?limit=1&limit=2", "/group?name=Server&name=a", "/status?x",
+                             "/groups?pattern*=a", "/groups?limit%20after=1"})
+    EXPECT_EQ(web.Ask("GET", target).status, 400) << target;
+  EXPECT_EQ(web.Ask("GET", "/groups?pattern=a&pattern=b&limit=1").status, 200);
+  const std::string backup = "# This backup covers all groups\n# End of backup\n";
+  EXPECT_EQ(web.Ask("POST", "/import?mode=replace&dryrun=1", backup, "Content-Type: text/plain\r\n").status, 400);
+  EXPECT_EQ(web.Get("/groups")["groups"].size(), 5U);
+}
+
 TEST(WebGuard, RefusesWhatTwoProgramsCouldReadInTwoWays) {
   Web web;
   const std::string post = "POST /api/v1/reset HTTP/1.1\r\n";

@@ -34,11 +34,15 @@ constexpr char kDefaults[] =
     "[Device/Identity]\nmodel=NC-240\nname=Camera\n[Network/Eth0]\naddress=192.168.0.90\ndhcp=true\n"
     "[Network/Wlan0]\nenabled=false\n[Server]\nlog.level=5\n";
 
+constexpr char kRestricted[] = "[Secure/Wlan0]\npassphrase=example\n";
+
 // Both, with a few defaults and a restricted group.
 class Web {
  public:
-  explicit Web(const std::vector<std::string>& arguments = {}, const std::string& defaults = kDefaults)
-      : daemon(directory, DaemonArguments(defaults)), process(directory, daemon.AwaitAddresses()[0], arguments) {}
+  explicit Web(const std::vector<std::string>& arguments = {}, const std::string& defaults = kDefaults,
+               const std::string& restricted = kRestricted)
+      : daemon(directory, DaemonArguments(defaults, restricted)),
+        process(directory, daemon.AwaitAddresses()[0], arguments) {}
 
   HttpConnection Connect() const { return HttpConnection(process.GetPort()); }
 
@@ -64,9 +68,9 @@ class Web {
   WebProcess process;
 
  private:
-  std::vector<std::string> DaemonArguments(const std::string& defaults) const {
+  std::vector<std::string> DaemonArguments(const std::string& defaults, const std::string& restricted) const {
     return {"--defaults",      directory.Write("defaults.ini", defaults),
-            "--restricted",    directory.Write("restricted.ini", "[Secure/Wlan0]\npassphrase=example\n"),
+            "--restricted",    directory.Write("restricted.ini", restricted),
             "--user-settings", "user.ini"};
   }
 };

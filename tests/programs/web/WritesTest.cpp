@@ -142,6 +142,33 @@ TEST(WebWrites, ApplyRefusesWhatItDoesNotKnow) {
     EXPECT_EQ(web.Ask("POST", "/apply", body).status, 400) << body;
 }
 
+TEST(WebWrites, ResetOfADoubtfulTrialChangesNothing) {
+  Web web;
+  web.Ask("PATCH", "/group?name=Network/Eth0", R"({"dhcp": false})");
+  for (const char* flag : {"1", "\"yes\"", "\"TRUE\"", "\"true\"", "null", "[]"})
+    EXPECT_EQ(web.Ask("POST", "/reset", std::string(R"({"groups": ["*"], "dryRun": )") + flag + "}").status, 400) << flag;
+  EXPECT_EQ(web.ReadValue("Network/Eth0", "dhcp"), "false");
+}
+
+TEST(WebWrites, CompareNoValuesThatAreMasked) {
+  for (const char* condition : {R"("if": {"Secure/Wlan0": {"passphrase": "example"}})",
+                                R"("if": {"Secure/Wlan0": {}})", R"("absent": {"Secure/Wlan0": ["passphrase"]})"}) {
+    const Web web;
+    for (const char* dryRun : {"true", "false"})
+      EXPECT_EQ(web.Ask("POST", "/apply", "{" + std::string(condition) + R"(, "dryRun": )" + dryRun + "}").status, 403)
+          << condition;
+    const Web open({"--show-restricted"});
+    EXPECT_NE(open.Ask("POST", "/apply", "{" + std::string(condition) + "}").status, 403) << condition;
+  }
+}
+
+TEST(WebWrites, ApplySetsAKeyThatIsCalledBase64) {
+  Web web;
+  ASSERT_EQ(web.Ask("POST", "/apply", R"({"set": {"a": {"base64": "QQ=="}, "b": {"k": {"base64": "QQ=="}}}})").status, 200);
+  EXPECT_EQ(web.ReadValue("a", "base64"), "QQ==");
+  EXPECT_EQ(web.ReadValue("b", "k"), "A");
+}
+
 TEST(WebWrites, ResetBringsDefaultsBack) {
   Web web;
   web.Ask("PATCH", "/group?name=Network/Eth0", R"({"dhcp": false, "mtu": 1500})");
