@@ -3,6 +3,7 @@
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/Refusal.h"
+#include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::web {
@@ -39,16 +40,29 @@ void Access::RequireAllowed(const Peer& peer) const {
 }
 
 // A user that --allow-uid names is known by the kernel.
+bool Access::NeedsLogin(const Request& request, const Peer& peer) const {
+  return HasSecrets() && !request.Find("authorization") && !(peer.isUnix && !_options.allowedUsers.empty());
+}
+
+std::optional<std::string> Access::FindLogin(const Request& request, const Peer& peer) const {
+  if (!NeedsLogin(request, peer)) return std::nullopt;
+  for (std::string& cookie : FindCookies(request, kCookie)) {
+    if (_logins.IsValid(cookie, Logins::Clock::now())) return std::move(cookie);
+  }
+  return std::nullopt;
+}
+
 Right Access::FindRight(const Request& request, const Peer& peer) {
   if (const std::string* const authorization = request.Find("authorization")) {
-    const bool isBearer = authorization->compare(0, sizeof kBearer - 1, kBearer) == 0;
+    const bool isBearer =
+        core::StringUtil::EqualsIgnoringCase(std::string_view(*authorization).substr(0, sizeof kBearer - 1), kBearer);
     const auto right = isBearer ? _tokens.Find(authorization->substr(sizeof kBearer - 1)) : std::nullopt;
     if (!right) throw Unauthorized("the token is not known");
     return *right;
   }
-  if (!HasSecrets() || (peer.isUnix && !_options.allowedUsers.empty())) return Right::kWrite;
-  const std::optional<std::string> cookie = FindCookie(request, kCookie);
-  if (cookie && _logins.Use(*cookie, Logins::Clock::now())) return Right::kWrite;
+  if (!NeedsLogin(request, peer)) return Right::kWrite;
+  const std::optional<std::string> login = FindLogin(request, peer);
+  if (login && _logins.Use(*login, Logins::Clock::now())) return Right::kWrite;
   throw Unauthorized("log in first, or give a token");
 }
 
@@ -61,9 +75,9 @@ void Access::RequireRight(const Request& request, const Peer& peer, Right right)
 
 void Access::RequireAttempt(const std::string& address) {
   if (_password.empty()) throw Refusal(404, "there is no password to log in with");
-  if (!_logins.MayTry(address, Logins::Clock::now()))
-    throw Refusal(429, "too many wrong passwords", {},
-                  {{"Retry-After", std::to_string(std::chrono::seconds(Logins::kFailureTime).count())}});
+  const auto wait = _logins.FindWait(address, Logins::Clock::now());
+  if (wait > std::chrono::seconds(0))
+    throw Refusal(429, "too many wrong passwords", {}, {{"Retry-After", std::to_string(wait.count())}});
 }
 
 std::string Access::FormatCookie(const std::string& value, const Origin& origin) const {

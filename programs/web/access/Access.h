@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "programs/web/access/Guard.h"
@@ -28,8 +29,12 @@ class Access {
   // Throws Refusal: 401 without a login or a token, 403 when it does not allow that.
   void RequireRight(const Request& request, const Peer& peer, Right right);
 
-  // Throws Refusal, before a password is looked at: 404 when there is none, 429 when the address has failed too often.
+  // Throws Refusal, before a password is looked at: 404 when there is none, 429 when there were too many
+  // failures.
   void RequireAttempt(const std::string& address);
+
+  // The login that lets the request in; nothing when it needs none, or has none that counts.
+  std::optional<std::string> FindLogin(const Request& request, const Peer& peer) const;
 
   // How a login or a logout is told to the browser.
   Logins& GetLogins() { return _logins; }
@@ -37,6 +42,7 @@ class Access {
   static constexpr char kCookie[] = "tavix_settings_login";
 
  private:
+  bool NeedsLogin(const Request& request, const Peer& peer) const;
   Right FindRight(const Request& request, const Peer& peer);
 
   const Options& _options;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "programs/web/http/Refusal.h"
+#include "tavix/core/StringUtil.h"
 
 namespace tavix::web {
 
@@ -45,7 +46,7 @@ std::string WithoutPort(const std::string& host) {
 // The last of a list: what the trusted proxy itself has added.
 std::string LastOf(const std::string& list) {
   const size_t comma = list.rfind(',');
-  const size_t begin = list.find_first_not_of(' ', comma == std::string::npos ? 0 : comma + 1);
+  const size_t begin = list.find_first_not_of(" \t", comma == std::string::npos ? 0 : comma + 1);
   return begin == std::string::npos ? std::string() : list.substr(begin);
 }
 
@@ -67,13 +68,19 @@ Guard::Guard(const Options& options) : _hosts(options.hosts), _proxies(options.t
 }
 
 Origin Guard::FindOrigin(const Request& request, const Peer& peer, bool isTls) const {
-  Origin origin{peer.address, *request.Find("host"), isTls};
+  const std::string user = peer.user ? "user " + std::to_string(*peer.user) : std::string();
+  Origin origin{peer.isUnix ? user : peer.address, *request.Find("host"), isTls};
   if (!IsTrustedProxy(peer)) return origin;
-  if (const std::string* const address = request.Find("x-forwarded-for"))
-    origin.address = NormalizeAddress(LastOf(*address)).value_or(peer.address);
-  if (const std::string* const host = request.Find("x-forwarded-host")) origin.host = LastOf(*host);
-  if (const std::string* const scheme = request.Find("x-forwarded-proto")) origin.isHttps = LastOf(*scheme) == "https";
+  if (const std::string* const address = request.FindLast("x-forwarded-for"))
+    origin.address = NormalizeAddress(LastOf(*address)).value_or(origin.address);
+  if (const std::string* const host = request.FindLast("x-forwarded-host")) origin.host = LastOf(*host);
+  if (const std::string* const scheme = request.FindLast("x-forwarded-proto"))
+    origin.isHttps = core::StringUtil::EqualsIgnoringCase(LastOf(*scheme), "https");
   return origin;
+}
+
+bool Guard::IsTrustedProxy(const Peer& peer) const {
+  return _proxies.count(peer.isUnix ? Options::kUnixProxy : peer.address) != 0;
 }
 
 void Guard::RequireKnownHost(const Origin& origin) const {
@@ -97,18 +104,17 @@ void RequireKnownType(const Request& request) {
   if (!isKnown) throw Refusal(415, "the body's type has to be application/json or text/plain");
 }
 
-std::optional<std::string> FindCookie(const Request& request, const std::string& name) {
+std::vector<std::string> FindCookies(const Request& request, const std::string& name) {
+  std::vector<std::string> values;
   for (const auto& [header, value] : request.headers) {
     if (header != "cookie") continue;
-    for (size_t at = 0; at < value.size();) {
-      const size_t end = std::min(value.find(';', at), value.size());
-      const std::string pair = value.substr(at, end - at);
-      at = value.find_first_not_of(' ', end + 1);
-      if (pair.compare(0, name.size() + 1, name + "=") == 0) return pair.substr(name.size() + 1);
-      if (at == std::string::npos) break;
+    std::vector<std::string> pairs;
+    core::StringUtil::Split(pairs, value, "; ", 0);
+    for (const std::string& pair : pairs) {
+      if (core::StringUtil::StartsWith(pair, name + "=")) values.push_back(pair.substr(name.size() + 1));
     }
   }
-  return std::nullopt;
+  return values;
 }
 
 }  // namespace tavix::web

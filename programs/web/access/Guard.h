@@ -3,6 +3,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "programs/web/http/Message.h"
 #include "programs/web/http/Peer.h"
@@ -12,7 +13,7 @@ namespace tavix::web {
 
 // From where a request comes and how it calls this host, after a proxy that is trusted. A plain value.
 struct Origin {
-  std::string address;  // of the client; empty on a unix socket
+  std::string address;  // of the client; on a unix socket its user
   std::string host;     // with its port, if there is one
   bool isHttps = false;
 };
@@ -35,7 +36,7 @@ class Guard {
   // Throws Refusal, 403, for a write that a foreign page may have sent.
   void RequireOwnWrite(const Request& request, const Origin& origin) const;
 
-  bool IsTrustedProxy(const Peer& peer) const { return _proxies.count(peer.address) != 0; }
+  bool IsTrustedProxy(const Peer& peer) const;
 
  private:
   std::set<std::string> _hosts;
@@ -45,7 +46,7 @@ class Guard {
 // Throws Refusal, 415, for a request whose body is neither JSON nor text.
 void RequireKnownType(const Request& request);
 
-// The value of a cookie; nothing when it is missing.
-std::optional<std::string> FindCookie(const Request& request, const std::string& name);
+// The values of all cookies of a name: a page at another port of the host may have set one, too.
+std::vector<std::string> FindCookies(const Request& request, const std::string& name);
 
 }  // namespace tavix::web

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "tavix/osa/Descriptor.h"
@@ -21,6 +22,15 @@ constexpr size_t kMaxBytes = 256 * size_t{1024};
   throw osa::Exception("Failed to read '%s': %s", path.c_str(), reason);
 }
 
+// Whether the service manager keeps the file for this program alone. It lets in a user that is not the file's owner by a
+// list of access, whose mask shows as the rights of the group.
+bool IsCredential(const std::string& path) {
+  const char* const directory = std::getenv("CREDENTIALS_DIRECTORY");
+  if (!directory || *directory == '\0') return false;
+  const std::string begin = std::string(directory) + "/";
+  return path.compare(0, begin.size(), begin) == 0 && path.find('/', begin.size()) == std::string::npos;
+}
+
 }  // namespace
 
 std::string ReadPrivateFile(const std::string& path) {
@@ -28,7 +38,9 @@ std::string ReadPrivateFile(const std::string& path) {
   if (!file) Fail(path, std::strerror(errno));
   struct stat status {};
   if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) Fail(path, "it is no file");
-  if ((status.st_mode & 077U) != 0) Fail(path, "others than its owner may use it; its mode has to be 0600");
+  if (status.st_uid != 0 && status.st_uid != geteuid()) Fail(path, "it belongs to another user");
+  const mode_t foreign = IsCredential(path) ? 037 : 077;
+  if ((status.st_mode & foreign) != 0) Fail(path, "others than its owner may use it; its mode has to be 0600");
   std::string text;
   char part[4096];
   ssize_t count = 0;

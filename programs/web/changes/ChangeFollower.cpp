@@ -5,11 +5,14 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <new>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "programs/common/client/Json.h"
+#include "tavix/osa/Exception.h"
 
 namespace tavix::web {
 
@@ -20,8 +23,15 @@ using settings::client::ProtocolNotice;
 
 namespace {
 
+constexpr char kAll[] = "*";
 constexpr int kRetryTime = 1000;  // milliseconds
 constexpr std::chrono::milliseconds kSilence{5000};
+
+osa::Descriptor MakeCounter() {
+  osa::Descriptor counter(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!counter) throw osa::Exception("Failed to make an event: %s", std::strerror(errno));
+  return counter;
+}
 
 }  // namespace
 
@@ -29,7 +39,7 @@ ChangeFollower::ChangeFollower(std::string server, const View& view, std::functi
     : _server(std::move(server)),
       _view(view),
       _wake(std::move(wake)),
-      _endSignal(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      _endSignal(MakeCounter()),
       _thread("WebChanges", [this] {
         Run();
         _hasEnded = true;
@@ -42,9 +52,10 @@ ChangeFollower::~ChangeFollower() {
 }
 
 // A counter that is not 0 can be written again, and nobody reads it.
-void ChangeFollower::BeginEnd() {
+void ChangeFollower::BeginEnd() noexcept {
   const uint64_t one = 1;
-  if (write(_endSignal.Get(), &one, sizeof one) != sizeof one) throw std::bad_alloc();
+  const ssize_t written = write(_endSignal.Get(), &one, sizeof one);
+  static_cast<void>(written);
 }
 
 ChangeFollower::News ChangeFollower::Take() {
@@ -88,15 +99,23 @@ void ChangeFollower::Follow() {
     } catch (const ProtocolException& exception) {
       if (!client.IsOpen()) throw;
       Subscribe(client);  // notices were dropped: it begins anew
+      continue;           // what came behind the reply is no event of the descriptor
     }
     if (AwaitEnd(client.GetDescriptor(), -1)) return;
   }
 }
 
+// The daemon refuses a subscription without a word.
+void ChangeFollower::RequireSubscribed(ProtocolClient& client) {
+  const std::vector<std::string> all = client.GetSubscribed();
+  if (std::find(all.begin(), all.end(), kAll) == all.end())
+    throw osa::Exception("The daemon has no room for a subscription");
+}
+
 void ChangeFollower::Subscribe(ProtocolClient& client) {
   _known.Clear();
   {
-    IniFile all = client.Subscribe({"*"});
+    IniFile all = client.Subscribe({kAll});
     IniFile::GroupMap& groups = all.GetMutableGroups();
     while (!groups.empty()) {
       const std::string name = groups.begin()->first;
@@ -104,6 +123,7 @@ void ChangeFollower::Subscribe(ProtocolClient& client) {
       groups.erase(groups.begin());
     }
   }
+  RequireSubscribed(client);
   malloc_trim(0);  // a whole store was held for a moment
   Report(State::kFollowing, true, {});
 }

@@ -36,7 +36,7 @@ class ChangeFollower {
     std::vector<ChangePointer> changes;
   };
 
-  // view: outlives this. wake: called on the thread when there are news; has no lock held.
+  // Throws osa::Exception when the system has no descriptor left. view: outlives this. wake: called on the thread when there are news; has no lock held.
   ChangeFollower(std::string server, const View& view, std::function<void()> wake);
 
   // Waits for the thread, which may wait for the daemon for some seconds: call BeginEnd, and destroy it behind
@@ -44,7 +44,7 @@ class ChangeFollower {
   ~ChangeFollower();
 
   // Has the thread end; "wake" is called once it has.
-  void BeginEnd();
+  void BeginEnd() noexcept;
   bool HasEnded() const { return _hasEnded; }
 
   ChangeFollower(const ChangeFollower&) = delete;
@@ -55,6 +55,7 @@ class ChangeFollower {
  private:
   void Run();
   void Follow();
+  static void RequireSubscribed(settings::client::ProtocolClient& client);
   void Subscribe(settings::client::ProtocolClient& client);
   void TakeNotice(const settings::client::ProtocolNotice& notice);
   std::optional<std::string> ValuesOf(const core::IniFile& settings, const std::string& group) const;

@@ -24,16 +24,14 @@ void ChangeRing::Add(ChangePointer change) {
   }
 }
 
-std::vector<ChangeRing::Item> ChangeRing::TakeBehind(uint64_t number) const {
+std::vector<ChangeRing::Item> ChangeRing::FindBehind(uint64_t number) const {
   std::map<std::string, Item> joined;
   for (uint64_t at = number + 1; at <= GetLast(); ++at) {
     const ChangePointer& change = _changes[at - _first];
-    const auto [place, isNew] = joined.try_emplace(change->group, Item{at, at, change});
+    const auto [place, isNew] = joined.try_emplace(change->group, Item{at, at, change, change});
     if (isNew) continue;
-    auto both = std::make_shared<GroupChangeEvent>(*change);
-    both->oldValues = place->second.change->oldValues;
     place->second.number = at;
-    place->second.change = std::move(both);
+    place->second.change = change;
   }
   std::vector<Item> items;
   for (auto& [group, item] : joined) items.push_back(std::move(item));

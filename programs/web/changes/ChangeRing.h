@@ -22,8 +22,9 @@ class ChangeRing {
 
   // A change, or several of one group as one.
   struct Item {
-    uint64_t first;
-    uint64_t number;  // of the last
+    uint64_t firstNumber;
+    uint64_t number;      // of the last
+    ChangePointer first;  // has what was before
     ChangePointer change;
   };
 
@@ -40,7 +41,7 @@ class ChangeRing {
 
   // Those behind that number, which is kept, in the order of the last change of each group. More than one of a group
   // become one: its values before the first, and behind the last.
-  std::vector<Item> TakeBehind(uint64_t number) const;
+  std::vector<Item> FindBehind(uint64_t number) const;
 
   std::string FormatId(uint64_t number) const { return _name + "-" + std::to_string(number); }
 

@@ -5,7 +5,7 @@
 
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/Refusal.h"
-#include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/core/StringUtil.h"
 
 namespace tavix::web {
 
@@ -16,14 +16,16 @@ constexpr Milliseconds kCommentTime{15'000};
 constexpr size_t kMaxWait = 60;  // seconds
 constexpr size_t kBatchBytes = 64 * size_t{1024};
 
-std::string FormatData(const GroupChangeEvent& change, bool hasOld) {
+std::string FormatData(const ChangeRing::Item& item, bool hasOld) {
+  const GroupChangeEvent& change = *item.change;
+  const std::optional<std::string>& old = item.first->oldValues;
   std::string data = "{\"group\":" + Quoted(change.group);
   if (change.isGone) {
     data += ",\"gone\":true";
   } else {
     data += ",\"version\":\"" + change.version + "\",\"new\":" + change.newValues;
   }
-  if (hasOld && change.oldValues) data += ",\"old\":" + *change.oldValues;
+  if (hasOld && old) data += ",\"old\":" + *old;
   return data + "}";
 }
 
@@ -41,29 +43,43 @@ ChangeStreams::ChangeStreams(const EventBase& base, std::string server, const Vi
       _lingerTimer(base, [this] { StopFollowing(); }),
       _commentTimer(base, [this] { SendComments(); }) {}
 
-void ChangeStreams::Open(Connection& connection, const Request& request) {
+void ChangeStreams::ReadParameters(const Request& request, Stream& stream) const {
   const Query query(request.query);
-  Stream stream;
-  stream.connection = &connection;
-  const std::vector<std::string> patterns = query.FindNames("pattern");
-  for (const std::string& pattern : patterns) RequireSendable(pattern);
-  stream.patterns =
-      patterns.empty() ? std::set<std::string>{"*"} : std::set<std::string>(patterns.begin(), patterns.end());
+  std::vector<std::string> given = query.FindNames("pattern");
+  if (given.size() > kMaxPatterns)
+    throw Refusal(400, "a stream has no more than " + std::to_string(kMaxPatterns) + " patterns");
+  if (given.empty()) given = {"*"};
+  for (std::string& pattern : given) {
+    RequireSendable(pattern);
+    if (pattern.find('*') == std::string::npos) {
+      stream.names.insert(std::move(pattern));
+    } else {
+      stream.patterns.push_back(std::move(pattern));
+    }
+  }
   const std::string* const lastId = request.Find("last-event-id");
   const std::optional<std::string> since = query.Find("since");
   stream.hasLastId = lastId || since;
   stream.lastId = lastId ? *lastId : since.value_or("");
   stream.isOnce = query.Find("wait").has_value();
-  const size_t wait = query.FindNumber("wait", 0, kMaxWait, 0);
+  stream.wait = std::chrono::seconds(query.FindNumber("wait", 0, kMaxWait, 0));
+}
+
+void ChangeStreams::Open(Connection& connection, const Request& request, std::function<bool()> isAllowed) {
+  Stream stream;
+  stream.connection = &connection;
+  stream.isAllowed = std::move(isAllowed);
+  ReadParameters(request, stream);
   if (_streams.size() >= kMaxStreams) throw Refusal(503, "there are too many streams", {}, {{"Retry-After", "15"}});
   StartFollowing();
   _streams.push_back(std::move(stream));
   Stream& added = _streams.back();
   if (added.isOnce) {
     added.timer = std::make_unique<LoopEvent>(_base, [this, &added] { PumpOnce(added, true); });
-    added.timer->Start(std::chrono::seconds(wait));
+    added.timer->Start(added.wait);
   } else {
     connection.SendStreamHead({{"Content-Type", "text/event-stream"}, {"X-Accel-Buffering", "no"}});
+    if (_isLost) connection.SendPart(FormatEvent("lost", "", "{}"));
   }
   if (_isInForce) Begin(added);
 }
@@ -72,6 +88,7 @@ void ChangeStreams::StartFollowing() {
   _lingerTimer.Stop();
   if (_follower) return;
   _isInForce = false;
+  _isLost = false;
   _follower = std::make_unique<ChangeFollower>(_server, _view, _wake);
   _commentTimer.Start(kCommentTime);
 }
@@ -95,19 +112,35 @@ void ChangeStreams::OnNews() {
   ChangeFollower::News news = _follower->Take();
   if (news.hasBegun) BeginAnew();
   for (ChangePointer& change : news.changes) _ring.Add(std::move(change));
-  const bool isLost = news.state == ChangeFollower::State::kLost && _isInForce;
-  if (isLost) _isInForce = false;
+  const bool isLost = news.state == ChangeFollower::State::kLost && !_isLost;
+  if (isLost) {
+    _isInForce = false;
+    _isLost = true;
+  }
   for (auto stream = _streams.begin(); stream != _streams.end();) {
     Stream& one = *stream++;  // an answer takes it out
-    if (isLost && !one.isOnce) one.connection->SendPart(FormatEvent("lost", "", "{}"));
-    if (_isInForce) Pump(one);
+    if (isLost) {
+      ReportLost(one);
+    } else if (_isInForce) {
+      Pump(one);
+    }
   }
+}
+
+// One that waits and has not begun waits on: the daemon may come back.
+void ChangeStreams::ReportLost(Stream& stream) {
+  Connection& connection = *stream.connection;
+  if (!stream.isOnce) return connection.SendPart(FormatEvent("lost", "", "{}"));
+  if (!stream.hasBegun) return;
+  Drop(stream);
+  connection.Send({200, {{"Content-Type", "application/json"}}, FormatPoll(false, "")});
 }
 
 // Changes from before are not known to be all. The name of this time is random: another one of this program has others.
 void ChangeStreams::BeginAnew() {
   _ring.Begin(MakeSecret().substr(0, 16));
   _isInForce = true;
+  _isLost = false;
   for (auto stream = _streams.begin(); stream != _streams.end();) Begin(*stream++);
 }
 
@@ -124,19 +157,15 @@ void ChangeStreams::Begin(Stream& stream) {
     return Pump(stream);
   }
   if (stream.hasLastId && !isReset) return Pump(stream);
-  const std::string answer = std::string("{\"reset\":") + (isReset ? "true" : "false") + ",\"events\":[],\"next\":";
   Connection& connection = *stream.connection;
   Drop(stream);
-  connection.Send({200, {{"Content-Type", "application/json"}}, answer + Quoted(id) + "}\n"});
+  connection.Send({200, {{"Content-Type", "application/json"}}, FormatPoll(isReset, "")});
 }
 
-bool ChangeStreams::Matches(const Stream& stream, const std::string& group) const {
-  if (stream.patterns.count("*") != 0) return true;
-  settings::common::GroupNameMatcher matcher;
-  matcher.AddNamesAndPatterns(stream.patterns);
-  std::set<std::string> matching;
-  matcher.GetMatchingGroups(std::set<std::string>{group}, matching);
-  return !matching.empty();
+// The answer to one that waits.
+std::string ChangeStreams::FormatPoll(bool isReset, const std::string& events) const {
+  return std::string("{\"reset\":") + (isReset ? "true" : "false") + (_isLost ? ",\"lost\":true" : "") +
+         ",\"events\":[" + events + "],\"next\":" + Quoted(_ring.FormatId(_ring.GetLast())) + "}\n";
 }
 
 void ChangeStreams::Pump(Stream& stream) {
@@ -161,16 +190,16 @@ void ChangeStreams::Pump(Stream& stream) {
 std::string ChangeStreams::TakeEvents(Stream& stream) {
   std::string text;
   uint64_t position = stream.position;
-  for (const ChangeRing::Item& item : _ring.TakeBehind(stream.position)) {
-    const GroupChangeEvent& change = *item.change;
+  for (const ChangeRing::Item& item : _ring.FindBehind(stream.position)) {
+    const std::string& group = item.change->group;
     if (text.size() > kBatchBytes) {
-      if (item.first <= position) stream.unknownOld.insert(change.group);
+      if (item.firstNumber <= position) stream.unknownOld.insert(group);
       continue;
     }
     position = item.number;
-    if (!Matches(stream, change.group)) continue;
-    const bool hasOld = stream.unknownOld.erase(change.group) == 0;
-    text += FormatEvent("change", _ring.FormatId(position), FormatData(change, hasOld));
+    if (!stream.Matches(group)) continue;
+    const bool hasOld = stream.unknownOld.erase(group) == 0;
+    text += FormatEvent("change", _ring.FormatId(position), FormatData(item, hasOld));
   }
   stream.position = position;
   return text;
@@ -188,24 +217,46 @@ bool ChangeStreams::PumpOnce(Stream& stream, bool isTimeOver) {
   std::string events;
   const bool isKept = _ring.IsKept(stream.position);
   if (isKept) {
-    for (const ChangeRing::Item& item : _ring.TakeBehind(stream.position)) {
-      if (Matches(stream, item.change->group)) events += (events.empty() ? "" : ",") + FormatData(*item.change, true);
+    for (const ChangeRing::Item& item : _ring.FindBehind(stream.position)) {
+      if (stream.Matches(item.change->group)) events += (events.empty() ? "" : ",") + FormatData(item, true);
     }
   }
+  stream.position = _ring.GetLast();  // what was looked at is not looked at again
   if (isKept && events.empty() && !isTimeOver) return false;
-  const std::string id = _ring.FormatId(_ring.GetLast());
-  const std::string answer = std::string("{\"reset\":") + (isKept ? "false" : "true") + ",\"events\":[" + events +
-                             "],\"next\":" + Quoted(id) + "}\n";
   Drop(stream);
-  connection.Send({200, {{"Content-Type", "application/json"}}, answer});
+  connection.Send({200, {{"Content-Type", "application/json"}}, FormatPoll(!isKept, events)});
   return true;
 }
 
+// With the place of the stream, so that one that comes back has to read again only what it missed.
 void ChangeStreams::SendComments() {
+  EndDisallowed();
   for (Stream& stream : _streams) {
-    if (!stream.isOnce && stream.connection->IsDrained()) stream.connection->SendPart(":\n\n");
+    if (stream.isOnce || !stream.connection->IsDrained()) continue;
+    const bool hasPlace = _isInForce && stream.hasBegun;
+    stream.connection->SendPart(hasPlace ? ":\nid: " + _ring.FormatId(stream.position) + "\n\n" : ":\n\n");
   }
   _commentTimer.Start(kCommentTime);
+}
+
+void ChangeStreams::EndDisallowed() {
+  for (auto next = _streams.begin(); next != _streams.end();) {
+    Stream& stream = *next++;
+    if (stream.isAllowed()) continue;
+    Connection& connection = *stream.connection;
+    if (!stream.isOnce) {
+      connection.End();  // takes the stream out
+      continue;
+    }
+    Drop(stream);
+    connection.Send(ToResponse(Refusal(401, "the login has ended")));
+  }
+}
+
+bool ChangeStreams::Stream::Matches(const std::string& group) const {
+  return names.count(group) != 0 || std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
+           return core::StringUtil::MatchesPattern(pattern, group);
+         });
 }
 
 ChangeStreams::Place ChangeStreams::Find(const Connection& connection) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <list>
 #include <map>
@@ -26,13 +27,18 @@ namespace tavix::web {
 class ChangeStreams {
  public:
   static constexpr size_t kMaxStreams = 64;
+  static constexpr size_t kMaxPatterns = 64;  // of a stream
 
   // All outlive this. wake: called on another thread; has to have OnNews called on the loop's.
   ChangeStreams(const EventBase& base, std::string server, const View& view, std::function<void()> wake);
 
   // Answers by a stream, or, with the parameter "wait", by one document when something has changed or the time is over.
+  // isAllowed: whether the stream may go on; asked from time to time, and by EndDisallowed.
   // Throws Refusal: 503 beyond the limit, 400 and 422 for wrong parameters.
-  void Open(Connection& connection, const Request& request);
+  void Open(Connection& connection, const Request& request, std::function<bool()> isAllowed);
+
+  // Ends streams whose logins have ended.
+  void EndDisallowed();
 
   // The daemon has news.
   void OnNews();
@@ -46,14 +52,19 @@ class ChangeStreams {
  private:
   struct Stream {
     Connection* connection;
-    std::set<std::string> patterns;
+    std::function<bool()> isAllowed;
+    std::set<std::string> names;
+    std::vector<std::string> patterns;
     bool hasLastId = false;
     std::string lastId;
     bool isOnce = false;    // answered by one document
     bool hasBegun = false;  // its position counts
     uint64_t position = 0;
     std::set<std::string> unknownOld;  // groups of which a change was passed over, with its old values
+    std::chrono::seconds wait{0};      // of isOnce
     std::unique_ptr<LoopEvent> timer;  // of isOnce
+
+    bool Matches(const std::string& group) const;
   };
   using Place = std::list<Stream>::iterator;
 
@@ -63,12 +74,14 @@ class ChangeStreams {
   Place Find(const Connection& connection);
   void Begin(Stream& stream);
   void BeginAnew();
+  void ReportLost(Stream& stream);
   void Pump(Stream& stream);
   bool PumpOnce(Stream& stream, bool isTimeOver);
   std::string TakeEvents(Stream& stream);
-  bool Matches(const Stream& stream, const std::string& group) const;
   void SendComments();
   void Drop(Stream& stream);
+  void ReadParameters(const Request& request, Stream& stream) const;
+  std::string FormatPoll(bool isReset, const std::string& events) const;
 
   const EventBase& _base;
   const std::string _server;
@@ -76,6 +89,7 @@ class ChangeStreams {
   const std::function<void()> _wake;
   ChangeRing _ring;
   bool _isInForce = false;  // the ring's changes are all since its beginning
+  bool _isLost = false;     // there is no connection to the daemon, which was reported to the streams
   std::list<Stream> _streams;
   std::unique_ptr<ChangeFollower> _follower;
   std::list<std::unique_ptr<ChangeFollower>> _ending;

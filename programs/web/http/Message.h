@@ -31,6 +31,14 @@ struct Request {
     return nullptr;
   }
 
+  // The last value: what a proxy in front adds behind the client's own lines.
+  const std::string* FindLast(std::string_view name) const {
+    for (auto header = headers.rbegin(); header != headers.rend(); ++header) {
+      if (header->first == name) return &header->second;
+    }
+    return nullptr;
+  }
+
   size_t Count(std::string_view name) const {
     size_t count = 0;
     for (const auto& [header, value] : headers) count += header == name ? 1 : 0;

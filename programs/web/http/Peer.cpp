@@ -32,11 +32,11 @@ std::string AddressOf(const sockaddr_storage& address) {
 
 }  // namespace
 
-Peer FindPeer(int socket) {
+std::optional<Peer> FindPeer(int socket) {
   Peer peer;
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  if (getpeername(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return peer;
+  if (getpeername(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return std::nullopt;
   peer.isUnix = address.ss_family == AF_UNIX;
   if (peer.isUnix) {
     ucred credentials{};

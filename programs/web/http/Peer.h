@@ -15,8 +15,8 @@ struct Peer {
   std::optional<uid_t> user;  // on a unix socket
 };
 
-// Of a connected socket.
-Peer FindPeer(int socket);
+// Of a connected socket; nothing when the other end is gone.
+std::optional<Peer> FindPeer(int socket);
 
 // The address as FindPeer spells it: an address of IPv4 in IPv6's clothes is one of IPv4. Nothing when it is none.
 std::optional<std::string> NormalizeAddress(const std::string& text);

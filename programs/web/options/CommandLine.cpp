@@ -30,6 +30,14 @@ size_t ParseNumber(const std::string& text, size_t low, size_t high) {
   return number;
 }
 
+// In a user namespace all users that it does not have are this one.
+uid_t ParseUser(const std::string& text) {
+  constexpr uid_t kOverflowUser = 65534;
+  const auto user = static_cast<uid_t>(ParseNumber(text, 0, std::numeric_limits<uid_t>::max() - 1));
+  if (user == kOverflowUser) throw osa::Exception("this user stands for all that the kernel can't name");
+  return user;
+}
+
 std::string ParseText(const std::string& text) {
   if (text.empty()) throw osa::Exception("expected a text");
   return text;
@@ -77,7 +85,7 @@ const Entry kEntries[] = {
      [](Options& options, const std::string& value) { options.tokenFile = ParseText(value); }},
     {"allow-uid", "UID", "Let this user in on a unix socket, and no others; may be repeated",
      [](Options& options, const std::string& value) {
-       options.allowedUsers.insert(static_cast<uid_t>(ParseNumber(value, 0, std::numeric_limits<uid_t>::max() - 1)));
+       options.allowedUsers.insert(ParseUser(value));
      }},
     {"read-only", nullptr, "Refuse every write",
      [](Options& options, const std::string&) { options.isReadOnly = true; }},
@@ -85,8 +93,10 @@ const Entry kEntries[] = {
      [](Options& options, const std::string&) { options.showsRestricted = true; }},
     {"host", "NAME", "A name that requests may call this host by; may be repeated",
      [](Options& options, const std::string& value) { options.hosts.insert(ParseHost(value)); }},
-    {"trusted-proxy", "ADDRESS", "A proxy whose forwarded headers count; may be repeated",
-     [](Options& options, const std::string& value) { options.trustedProxies.insert(ParseAddress(value)); }},
+    {"trusted-proxy", "ADDRESS", "A proxy whose forwarded headers count, or 'unix'; may be repeated",
+     [](Options& options, const std::string& value) {
+       options.trustedProxies.insert(value == Options::kUnixProxy ? value : ParseAddress(value));
+     }},
     {"base-path", "PATH", "Serve below this path, such as /settings",
      [](Options& options, const std::string& value) { options.basePath = ParseBasePath(value); }},
     {"max-body", "BYTES", "Of a request (1048576)",

@@ -11,6 +11,8 @@ namespace tavix::web {
 
 // What the program was told. A plain value.
 struct Options {
+  static constexpr char kUnixProxy[] = "unix";  // all that connect to a unix socket
+
   enum class Action { kServe, kShowHelp, kShowVersion, kHashPassword };
 
   Action action = Action::kServe;
@@ -22,7 +24,7 @@ struct Options {
   std::set<uid_t> allowedUsers;  // on unix sockets; none: all
   bool isReadOnly = false;
   std::set<std::string> hosts;           // in lower case
-  std::set<std::string> trustedProxies;  // addresses
+  std::set<std::string> trustedProxies;  // addresses, and kUnixProxy
   std::string basePath;                  // "" or "/settings": no '/' at its end
   size_t maxBodyBytes = 1024 * size_t{1024};
   size_t maxPerAddress = 16;

@@ -84,13 +84,13 @@ bool Server::HasRoom(const Peer& peer) const {
 void Server::Accept(const Listener& listener) {
   osa::Descriptor socket = listener.Accept();
   if (!socket) return;
-  const Peer peer = FindPeer(socket.Get());
-  if (!HasRoom(peer)) return;
+  const std::optional<Peer> peer = FindPeer(socket.Get());
+  if (!peer || !HasRoom(*peer)) return;
   RequestParser::Limits limits;
   limits.bodyBytes = _options.maxBodyBytes;
   ConnectionOwner& owner = *this;
-  auto connection = std::make_unique<Connection>(_base, std::move(socket), peer, limits, owner);
-  ++_addresses[peer.address];
+  auto connection = std::make_unique<Connection>(_base, std::move(socket), *peer, limits, owner);
+  ++_addresses[peer->address];
   Connection* const key = connection.get();
   _connections.emplace(key, std::move(connection));
 }
@@ -138,7 +138,9 @@ void Server::HandleRoute(Connection& connection, Request& request, const Gate::E
     return connection.Send({200, {{"Content-Type", "application/json"}}, GetDescription()});
   if (route.place == Place::kChanges) {
     if (request.method == "HEAD") throw Refusal(405, "a stream has no HEAD", {}, {{"Allow", "GET"}});
-    return _streams.Open(connection, request);
+    return _streams.Open(connection, request, [this, login = _access.FindLogin(request, connection.GetPeer())] {
+      return !login || _access.GetLogins().IsValid(*login, Logins::Clock::now());
+    });
   }
   const bool isWrite = request.IsWrite();
   const auto shared = std::make_shared<const Request>(std::move(request));
@@ -157,7 +159,7 @@ void Server::Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQ
   if (!queue.Add(number, std::move(work))) throw Refusal(503, "too many requests wait", {}, {{"Retry-After", "5"}});
   auto timer = std::make_unique<LoopEvent>(_base, [this, &queue, number] { OnOverdue(queue, number); });
   timer->Start(_options.timeout);
-  _pending.emplace(number, Pending{&connection, isWrite, false, std::move(finish), std::move(timer)});
+  _pending.emplace(number, Pending{&connection, &queue, isWrite, false, std::move(finish), std::move(timer)});
 }
 
 // What no worker has begun is answered at once; else the worker's own time-out is about to come.
@@ -175,10 +177,12 @@ void Server::OnOverdue(WorkQueue& queue, WorkQueue::Number number) {
 void Server::AnswerOverdue(WorkQueue::Number number, bool wasBegun) {
   const auto found = _pending.find(number);
   Connection* const connection = found->second.connection;
+  const char* const detail = found->second.queue == &_hashing ? "the password was not looked at in time"
+                                                              : "the daemon did not answer in time";
   Refusal::Members members;
   if (found->second.isWrite) members["outcome"] = Quoted(wasBegun ? "unknown" : "nothing written");
   _pending.erase(found);
-  if (connection) connection->Send(ToResponse(Refusal(504, "the daemon did not answer in time", members)));
+  if (connection) connection->Send(ToResponse(Refusal(504, detail, members)));
 }
 
 void Server::SendDone(WorkQueue& queue) {
@@ -205,14 +209,15 @@ void Server::LogIn(Connection& connection, const Request& request, const Origin&
       },
       [this, origin](Response& response) {
         if (response.status != 204) return;
-        _access.GetLogins().Succeed(origin.address);
+        _access.GetLogins().Succeed(origin.address, Logins::Clock::now());
         const std::string cookie = _access.GetLogins().Begin(Logins::Clock::now());
         response.headers.emplace_back("Set-Cookie", _access.FormatCookie(cookie, origin));
       });
 }
 
 Response Server::LogOut(const Request& request, const Origin& origin) {
-  if (const auto cookie = FindCookie(request, Access::kCookie)) _access.GetLogins().End(*cookie);
+  for (const std::string& cookie : FindCookies(request, Access::kCookie)) _access.GetLogins().End(cookie);
+  _streams.EndDisallowed();
   return {204, {{"Set-Cookie", _access.FormatCookie("", origin)}}, ""};
 }
 

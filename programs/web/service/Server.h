@@ -43,6 +43,7 @@ class Server : private ConnectionOwner {
   // A request whose answer a worker makes.
   struct Pending {
     Connection* connection;
+    const WorkQueue* queue;
     bool isWrite;
     bool isOverdue;
     std::function<void(Response& response)> finish;  // completes the answer on the loop; may be empty

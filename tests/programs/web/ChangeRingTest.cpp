@@ -20,13 +20,13 @@ TEST(ChangeRing, JoinsChangesOfOneGroup) {
   ring.Add(MakeChange("a", "0", "1"));
   ring.Add(MakeChange("b", "0", "1"));
   ring.Add(MakeChange("a", "1", "2"));
-  const auto items = ring.TakeBehind(0);
+  const auto items = ring.FindBehind(0);
   ASSERT_EQ(items.size(), 2U);
   EXPECT_EQ(items[0].change->group, "b");
   EXPECT_EQ(items[1].number, 3U);
-  EXPECT_EQ(*items[1].change->oldValues, "0");
+  EXPECT_EQ(*items[1].first->oldValues, "0");
   EXPECT_EQ(items[1].change->newValues, "2");
-  EXPECT_EQ(ring.TakeBehind(2).size(), 1U);
+  EXPECT_EQ(ring.FindBehind(2).size(), 1U);
 }
 
 TEST(ChangeRing, KeepsTheLastChanges) {
@@ -35,7 +35,7 @@ TEST(ChangeRing, KeepsTheLastChanges) {
   for (size_t i = 0; i < web::ChangeRing::kMaxChanges + 10; ++i) ring.Add(MakeChange(std::to_string(i), "", ""));
   EXPECT_FALSE(ring.IsKept(9));
   EXPECT_TRUE(ring.IsKept(10));
-  EXPECT_EQ(ring.TakeBehind(10).size(), web::ChangeRing::kMaxChanges);
+  EXPECT_EQ(ring.FindBehind(10).size(), web::ChangeRing::kMaxChanges);
 }
 
 TEST(ChangeRing, KeepsNoMoreThanItsBytes) {

@@ -2,6 +2,7 @@
 
 #include "tests/programs/web/Web.h"
 #include "tests/support/ProcessFigures.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace tavix::test {
 
@@ -106,6 +107,74 @@ TEST(WebChanges, BeginAnewWithADaemonThatWasLost) {
   EXPECT_EQ(stream.ReadEvent().first, "lost");
   const DaemonProcess next(ServerProgram(), directory.GetPath(), {"--listen", address});
   EXPECT_EQ(stream.ReadEvent().first, "reset");
+}
+
+TEST(WebChanges, OfALostDaemonAreReportedLostFromTheBeginning) {
+  const TemporaryDirectory directory;
+  const ScriptedServer closed(ListeningSocket::kNotListening);
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(closed.GetPort()));
+  for (int i = 0; i < 2; ++i) {
+    HttpConnection stream(process.GetPort());
+    stream.SendRequest("GET", "/api/v1/changes");
+    EXPECT_EQ(stream.ReadReply().status, 200);
+    EXPECT_EQ(stream.ReadEvent().first, "lost");
+  }
+}
+
+TEST(WebChanges, OfADaemonThatIsLostMeanwhileAreMarkedInAnAnswer) {
+  TemporaryDirectory directory;
+  auto daemon = std::make_unique<Daemon>(directory);
+  const WebProcess process(directory, daemon->AwaitAddresses()[0]);
+  HttpConnection waiting(process.GetPort());
+  const json begin = Parse(waiting.Ask("GET", "/api/v1/changes?wait=60"));
+  waiting.SendRequest("GET", "/api/v1/changes?wait=60&since=" + begin["next"].get<std::string>());
+  EXPECT_EQ(HttpConnection(process.GetPort()).Ask("GET", "/healthz").status, 200);
+  HttpConnection stream(process.GetPort());
+  stream.SendRequest("GET", "/api/v1/changes");
+  stream.ReadReply();
+  daemon.reset();
+  EXPECT_EQ(stream.ReadEvent().first, "ready");
+  EXPECT_EQ(stream.ReadEvent().first, "lost");
+  const json answer = Parse(waiting.ReadReply());
+  EXPECT_EQ(answer["lost"], true);
+  EXPECT_EQ(answer["reset"], false);
+}
+
+TEST(WebChanges, OfOthersDoNotMakeAWaitingRequestMissItsOwn) {
+  Web web;
+  HttpConnection all = Watch(web, "?pattern=sync*");
+  EXPECT_EQ(all.ReadEvent().first, "ready");
+  const json begin = web.Get("/changes?wait=0");
+  HttpConnection waiting = web.Connect();
+  waiting.SendRequest("GET", "/api/v1/changes?wait=60&pattern=own&since=" + begin["next"].get<std::string>());
+  for (int part = 0; part < 3; ++part) {
+    std::string groups = "merge\n";
+    for (int i = 0; i < 2000; ++i) groups += "[other" + std::to_string(part * 2000 + i) + "]\nk=1\n";
+    CarryOut(web.daemon.GetPort(), groups + ".\nmerge\n[sync" + std::to_string(part) + "]\nk=1\n.\n");
+    EXPECT_EQ(all.ReadEvent().first, "change");
+  }
+  Set(web, "own", 1);
+  const json answer = Parse(waiting.ReadReply());
+  EXPECT_EQ(answer["reset"], false);
+  EXPECT_EQ(answer["events"][0]["group"], "own");
+}
+
+TEST(WebChanges, OfOthersMoveTheIdOfAQuietStream) {
+  Web web;
+  HttpConnection quiet = Watch(web, "?pattern=quiet");
+  const std::string first = IdOf(quiet.ReadEvent().second);
+  Set(web, "other", 1);
+  const std::string comment = quiet.ReadUntil("\n\n");
+  EXPECT_EQ(comment.find("event: "), std::string::npos) << comment;
+  EXPECT_EQ(IdOf(comment), first.substr(0, first.find('-')) + "-1");
+}
+
+TEST(WebChanges, AreWatchedByABoundedNumberOfPatterns) {
+  Web web;
+  std::string patterns = "?wait=0";
+  for (int i = 0; i < 64; ++i) patterns += "&pattern=a" + std::to_string(i);
+  EXPECT_EQ(web.Ask("GET", "/changes" + patterns).status, 200);
+  EXPECT_EQ(web.Ask("GET", "/changes" + patterns + "&pattern=b").status, 400);
 }
 
 TEST(WebChanges, ComeAsOneAnswerToThoseThatAskSo) {

@@ -7,6 +7,7 @@
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/access/Tokens.h"
 #include "tests/programs/web/Web.h"
+#include "tavix/osa/Exception.h"
 #include "tests/support/CommandProcess.h"
 
 namespace tavix::test {
@@ -33,6 +34,8 @@ class Secrets {
       Write("tokens", "# who has them\nfleet " + kWriteToken + " write\n\nlogger " + kReadToken + " read\n");
 };
 
+using nlohmann::json;
+
 std::string Bearer(const std::string& token) {
   return "Authorization: Bearer " + token + "\r\n";
 }
@@ -44,6 +47,15 @@ std::string Cookie(const HttpReply& reply) {
 
 HttpReply LogIn(const Web& web, const std::string& password) {
   return web.Ask("POST", "/login", "{\"password\": \"" + password + "\"}");
+}
+
+bool CanRead(const std::string& path) {
+  try {
+    web::ReadPrivateFile(path);
+    return true;
+  } catch (const osa::Exception&) {
+    return false;
+  }
 }
 
 }  // namespace
@@ -70,13 +82,41 @@ TEST(WebLogin, EndsWithALogout) {
   EXPECT_EQ(web.Ask("GET", "/groups", "", Cookie(login)).status, 401);
 }
 
+TEST(WebLogin, EndsItsStreamsWithIt) {
+  const Secrets secrets;
+  Web web({"--password-file", secrets.passwordFile});
+  const std::string cookie = Cookie(LogIn(web, "open sesame"));
+  HttpConnection stream = web.Connect();
+  stream.SendRequest("GET", "/api/v1/changes", "", cookie);
+  EXPECT_EQ(stream.ReadReply().status, 200);
+  EXPECT_EQ(stream.ReadEvent().first, "ready");
+  const json begin = Parse(web.Ask("GET", "/changes?wait=0", "", cookie));
+  HttpConnection waiting = web.Connect();
+  waiting.SendRequest("GET", "/api/v1/changes?wait=60&since=" + begin["next"].get<std::string>(), "", cookie);
+  EXPECT_EQ(web.Connect().Ask("GET", "/healthz").status, 200);
+  EXPECT_EQ(web.Ask("POST", "/logout", "", cookie).status, 204);
+  EXPECT_EQ(stream.ReadToEnd(), "");
+  EXPECT_EQ(waiting.ReadReply().status, 401);
+}
+
+TEST(WebLogin, IsFoundBesideCookiesOfOthers) {
+  const Secrets secrets;
+  Web web({"--password-file", secrets.passwordFile});
+  const std::string cookie = LogIn(web, "open sesame").headers.at("set-cookie");
+  const std::string foreign = "Cookie: tavix_settings_login=" + std::string(64, '0') + "; ";
+  EXPECT_EQ(web.Ask("GET", "/groups", "", foreign + cookie.substr(0, cookie.find(';')) + "\r\n").status, 200);
+  EXPECT_EQ(web.Ask("GET", "/groups", "", foreign + "x=1\r\n").status, 401);
+}
+
 TEST(WebLogin, IsRefusedBehindFiveFailures) {
   const Secrets secrets;
   Web web({"--password-file", secrets.passwordFile});
   for (int i = 0; i < 5; ++i) EXPECT_EQ(LogIn(web, "wrong").status, 401);
   const HttpReply refused = LogIn(web, "open sesame");
   EXPECT_EQ(refused.status, 429);
-  EXPECT_EQ(refused.headers.at("retry-after"), "60");
+  const int wait = std::stoi(refused.headers.at("retry-after"));
+  EXPECT_GT(wait, 0);
+  EXPECT_LE(wait, 60);
   // The password is not even read.
   HttpConnection connection = web.Connect();
   connection.Send("POST /api/v1/login HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n");
@@ -96,6 +136,7 @@ TEST(WebLogin, TakesTokensForWhatTheyAllow) {
   Web web({"--token-file", secrets.tokenFile});
   EXPECT_EQ(web.Ask("GET", "/groups").status, 401);
   EXPECT_EQ(web.Ask("GET", "/groups", "", Bearer(kReadToken)).status, 200);
+  EXPECT_EQ(web.Ask("GET", "/groups", "", "Authorization: bearer " + kReadToken + "\r\n").status, 200);
   EXPECT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})", Bearer(kReadToken)).status, 403);
   EXPECT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})", Bearer(kWriteToken)).status, 200);
   const HttpReply unknown = web.Ask("GET", "/groups", "", Bearer(std::string(64, 'c')));
@@ -114,7 +155,7 @@ TEST(WebLogin, CountsForwardedHeadersOfATrustedProxyAlone) {
   Web behind({"--password-file", secrets.passwordFile, "--trusted-proxy", "127.0.0.1"});
   EXPECT_EQ(behind.Ask("POST", "/login", R"({"password": "open sesame"})", forwarded).status, 421);
   const HttpReply secure =
-      behind.Ask("POST", "/login", R"({"password": "open sesame"})", "X-Forwarded-Proto: https\r\n");
+      behind.Ask("POST", "/login", R"({"password": "open sesame"})", "X-Forwarded-Proto: http\r\nX-Forwarded-Proto: HTTPS\r\n");
   ASSERT_EQ(secure.status, 204) << secure.body;
   EXPECT_NE(secure.headers.at("set-cookie").find("; Secure"), std::string::npos);
   // Failures are counted for the client, not for the proxy.
@@ -122,6 +163,9 @@ TEST(WebLogin, CountsForwardedHeadersOfATrustedProxyAlone) {
     behind.Ask("POST", "/login", R"({"password": "x"})", "X-Forwarded-For: 10.0.0.9, 10.0.0.1\r\n");
   EXPECT_EQ(behind.Ask("POST", "/login", R"({"password": "x"})", "X-Forwarded-For: 10.0.0.1\r\n").status, 429);
   EXPECT_EQ(behind.Ask("POST", "/login", R"({"password": "x"})", "X-Forwarded-For: 10.0.0.2\r\n").status, 401);
+  // What the proxy adds behind the client's own line counts.
+  const std::string lines = "X-Forwarded-For: 10.0.0.99\r\nX-Forwarded-For: 10.0.0.1\r\n";
+  EXPECT_EQ(behind.Ask("POST", "/login", R"({"password": "x"})", lines).status, 429);
 }
 
 TEST(WebLogin, LetsUsersOfAUnixSocketIn) {
@@ -138,6 +182,25 @@ TEST(WebLogin, LetsUsersOfAUnixSocketIn) {
                      {"--listen", "unix:" + path, "--allow-uid", "4711"});
   HttpConnection connection(foreign.AwaitAddresses()[0]);
   EXPECT_EQ(connection.Ask("GET", "/api/v1/groups").status, 403);
+}
+
+TEST(WebLogin, CountsForwardedHeadersOfAUnixSocketThatIsTrusted) {
+  const Secrets secrets;
+  Web web;
+  const std::string forwarded = "X-Forwarded-Proto: https\r\nX-Forwarded-For: 10.0.0.1\r\n";
+  const std::string body = R"({"password": "open sesame"})";
+  const std::vector<std::string> words = {"--listen", "unix:" + web.directory.Path("web.sock"), "--password-file",
+                                          secrets.passwordFile};
+  {
+    WebProcess plain(web.directory, web.daemon.AwaitAddresses()[0], words);
+    const HttpReply reply = HttpConnection(plain.AwaitAddresses()[0]).Ask("POST", "/api/v1/login", body, forwarded);
+    EXPECT_EQ(reply.headers.at("set-cookie").find("Secure"), std::string::npos);
+  }
+  std::vector<std::string> trusting = words;
+  trusting.insert(trusting.end(), {"--trusted-proxy", "unix"});
+  WebProcess behind(web.directory, web.daemon.AwaitAddresses()[0], trusting);
+  const HttpReply reply = HttpConnection(behind.AwaitAddresses()[0]).Ask("POST", "/api/v1/login", body, forwarded);
+  EXPECT_NE(reply.headers.at("set-cookie").find("; Secure"), std::string::npos);
 }
 
 TEST(WebLogin, RefusesToOpenDoors) {
@@ -175,7 +238,7 @@ TEST(WebLogin, MakesThePasswordsText) {
 
 TEST(WebLogin, RefusesWrongOptions) {
   const TemporaryDirectory directory;
-  for (const char* option : {"--nothing", "--max-body=x", "--host=", "--trusted-proxy=camera", "--base-path=x", "word"})
+  for (const char* option : {"--nothing", "--max-body=x", "--host=", "--trusted-proxy=camera", "--base-path=x", "--allow-uid=65534", "word"})
     EXPECT_EQ(RunToEnd(directory.GetPath(), {TAVIX_WEB_PROGRAM, option}).status, 64) << option;
 }
 
@@ -196,9 +259,66 @@ TEST(Logins, ForgetFailuresBehindAMinute) {
   web::Logins logins;
   const auto begin = web::Logins::Clock::now();
   for (int i = 0; i < 5; ++i) logins.BeginAttempt("a", begin);
-  EXPECT_FALSE(logins.MayTry("a", begin + std::chrono::seconds(59)));
-  EXPECT_TRUE(logins.MayTry("b", begin));
-  EXPECT_TRUE(logins.MayTry("a", begin + std::chrono::seconds(60)));
+  EXPECT_EQ(logins.FindWait("a", begin + std::chrono::seconds(59)).count(), 1);
+  EXPECT_EQ(logins.FindWait("b", begin).count(), 0);
+  EXPECT_EQ(logins.FindWait("a", begin + std::chrono::seconds(60)).count(), 0);
+}
+
+TEST(Logins, CountFailuresOfANetworkTogether) {
+  web::Logins logins;
+  const auto now = web::Logins::Clock::now();
+  for (int i = 0; i < 5; ++i) logins.BeginAttempt("2001:db8::" + std::to_string(i), now);
+  EXPECT_EQ(logins.FindWait("2001:db8::ffff:1", now).count(), 60);
+  EXPECT_EQ(logins.FindWait("2001:db8:0:1::1", now).count(), 0);
+}
+
+TEST(Logins, OfManyAddressesShutNobodyOutWhoGotInBefore) {
+  web::Logins logins;
+  const auto now = web::Logins::Clock::now();
+  logins.BeginAttempt("good", now);
+  logins.Succeed("good", now);
+  for (size_t i = 0; i < web::Logins::kMaxAllFailures; ++i) {
+    EXPECT_EQ(logins.FindWait(std::to_string(i), now).count(), 0) << i;
+    logins.BeginAttempt(std::to_string(i), now);
+  }
+  EXPECT_EQ(logins.FindWait("new", now).count(), 60);
+  EXPECT_EQ(logins.FindWait("good", now).count(), 0);
+  EXPECT_EQ(logins.FindWait("new", now + std::chrono::seconds(60)).count(), 0);
+}
+
+TEST(Logins, AreNotUsedByAStreamThatAsksForThem) {
+  web::Logins logins;
+  const auto begin = web::Logins::Clock::now();
+  const std::string cookie = logins.Begin(begin);
+  EXPECT_TRUE(logins.IsValid(cookie, begin + std::chrono::minutes(30)));
+  EXPECT_FALSE(logins.IsValid(cookie, begin + std::chrono::minutes(31)));
+  EXPECT_FALSE(logins.Use(cookie, begin + std::chrono::minutes(31)));
+}
+
+TEST(PrivateFile, IsReadByItsOwnerAlone) {
+  const Secrets secrets;
+  EXPECT_EQ(web::ReadPrivateFile(secrets.Write("own", "x")), "x");
+  for (const mode_t mode : {0640, 0620, 0610, 0604, 0440})
+    EXPECT_THROW(web::ReadPrivateFile(secrets.Write("shared", "x", mode)), osa::Exception) << mode;
+  const std::string foreign = secrets.Write("foreign", "x");
+  const bool isRoot = chown(foreign.c_str(), 4711, 4711) == 0;
+  EXPECT_TRUE(!isRoot || !CanRead(foreign));
+}
+
+TEST(PrivateFile, OfTheServiceManagerMayShowRightsOfItsGroup) {
+  const Secrets secrets;
+  const std::string credential = secrets.Write("credential", "x", 0440);
+  const std::string open = secrets.Write("open", "x", 0444);
+  const std::string nested = secrets.directory.Path("a");
+  mkdir(nested.c_str(), 0700);
+  const std::string below = secrets.Write("a/b", "x", 0440);
+  setenv("CREDENTIALS_DIRECTORY", secrets.directory.GetPath().c_str(), 1);
+  EXPECT_EQ(web::ReadPrivateFile(credential), "x");
+  EXPECT_THROW(web::ReadPrivateFile(open), osa::Exception);
+  EXPECT_THROW(web::ReadPrivateFile(below), osa::Exception);
+  setenv("CREDENTIALS_DIRECTORY", nested.c_str(), 1);
+  EXPECT_THROW(web::ReadPrivateFile(credential), osa::Exception);
+  unsetenv("CREDENTIALS_DIRECTORY");
 }
 
 }  // namespace tavix::test
