@@ -36,7 +36,7 @@ Access::Access(const Options& options) : _options(options) {
 void Access::RequireAllowed(const Peer& peer) const {
   if (!peer.isUnix || _options.allowedUsers.empty()) return;
   if (!peer.user || _options.allowedUsers.count(*peer.user) == 0)
-    throw Refusal(403, "this user may not use the socket; --allow-uid lets one in");
+    throw Refusal(403, "this user may not use the socket; --allow-uid lets one in, if this program can see its number");
 }
 
 // A user that --allow-uid names is known by the kernel.
