@@ -144,9 +144,27 @@ Response ShowDryRun(Call& call, const Amendment& amendment) {
   return JsonResponse({{"dryRun", true}, {"changes", changes}});
 }
 
-Response ShowApplied(Call& call, const std::set<std::string>& names) {
+// A value of a restricted file stands, whatever is written. Where a condition said what was there, everything else is
+// somebody else's later change.
+void RequireApplied(const Amendment& amendment, const IniFile& current) {
+  for (const auto& [group, keys] : amendment.set) {
+    for (const auto& [key, value] : keys) {
+      const bool isSet = current.HasValue(group, key);
+      if (isSet && current.GetValue(group, key) == value) continue;
+      const bool hadValue = amendment.present.HasValue(group, key);
+      const bool isAsBefore = hadValue && isSet && current.GetValue(group, key) == amendment.present.GetValue(group, key);
+      if (!isAsBefore && (hadValue || amendment.absent.HasValue(group, key))) continue;
+      throw Refusal(409, "not applied: " + programs::SpellSetting(group, key) + " does not hold what was set",
+                    {{"group", Quoted(group)}, {"key", Quoted(key)}, {"outcome", Quoted("unknown")}});
+    }
+  }
+}
+
+Response ShowApplied(Call& call, const Amendment& amendment) {
+  const std::set<std::string> names = NamesOfAll({&amendment.set, &amendment.unset});
   json groups = json::array();
   const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
+  RequireApplied(amendment, current);
   for (const std::string& name : names) {
     const auto found = current.GetGroups().find(name);
     groups.push_back(json::parse(DescribeGroup(call, name, found == current.end() ? nullptr : &found->second)));
@@ -174,7 +192,7 @@ Response Apply(Call& call) {
     const std::set<std::string> names = NamesOfAll({&amendment.present, &amendment.absent});
     FailCondition(call, amendment, names.empty() ? IniFile() : call.link.Get().Get(names));
   }
-  return ShowApplied(call, NamesOfAll({&amendment.set, &amendment.unset}));
+  return ShowApplied(call, amendment);
 }
 
 }  // namespace tavix::web

@@ -25,6 +25,12 @@ bool LosesKeys(const IniFile::KeyMap& before, const IniFile::KeyMap& after) {
   return false;
 }
 
+std::optional<std::string> FindValue(const IniFile::KeyMap& keys, const std::string& key) {
+  const auto found = keys.find(key);
+  if (found == keys.end()) return std::nullopt;
+  return found->second;
+}
+
 }  // namespace
 
 Refusal RefusalOf(const std::string& reason) {
@@ -85,6 +91,25 @@ void GroupChange::Finish(const Keys& wanted) {
     _call.link.GetForWrite().Merge(empty);
   }
   _after = _call.ReadGroup(_group);
+  RequireApplied(wanted);
+}
+
+// A value of a restricted file stands, whatever is written. What differs from both is somebody else's later change.
+void GroupChange::RequireApplied(const Keys& wanted) const {
+  const IniFile::KeyMap none;
+  const IniFile::KeyMap& before = _before ? *_before : none;
+  const IniFile::KeyMap& after = _after ? *_after : none;
+  IniFile::KeyMap touched = before;
+  if (wanted) touched.insert(wanted->begin(), wanted->end());
+  for (const auto& [key, value] : touched) {
+    const auto old = FindValue(before, key);
+    if (FindValue(after, key) != old || (wanted ? FindValue(*wanted, key) : std::nullopt) == old) continue;
+    throw Refusal(409, "not applied: " + programs::SpellSetting(_group, key) + " holds what it held before",
+                  {{"group", Quoted(_group)},
+                   {"key", Quoted(key)},
+                   {"outcome", Quoted("unknown")},
+                   {"current", DescribeGroup(_call, _group, _after ? &*_after : nullptr)}});
+  }
 }
 
 }  // namespace tavix::web

@@ -1,5 +1,6 @@
 #include "programs/web/interface/Writes.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
@@ -60,7 +61,12 @@ Response PatchVolatile(Call& call, const std::string& group, const JsonValue& pa
   return ShowWritten(call, group, call.ReadGroup(group).value_or(IniFile::KeyMap()), 200);
 }
 
-Keys Patched(const Keys& before, const JsonValue& patch) {
+// What only takes away makes no group.
+Keys Patched(const std::string& group, const Keys& before, const JsonValue& patch) {
+  const bool sets = std::any_of(patch.members.begin(), patch.members.end(),
+                                [](const auto& member) { return !member.second.IsNull(); });
+  if (!before && !sets)
+    throw Refusal(404, "there is no group '" + programs::SpellName(group) + "'", {{"group", Quoted(group)}});
   IniFile::KeyMap after = before.value_or(IniFile::KeyMap());
   for (const auto& [key, value] : patch.members) {
     if (value.IsNull()) {
@@ -80,7 +86,7 @@ Response PatchGroup(Call& call) {
   const JsonValue patch = ParseKeys(call, group);
   if (call.query.HasFlag("volatile")) return PatchVolatile(call, group, patch, conditions);
   GroupChange change(call, group, conditions);
-  change.Run([&](const Keys& before) { return Patched(before, patch); });
+  change.Run([&](const Keys& before) { return Patched(group, before, patch); });
   return ShowWritten(call, group, change.GetAfter().value_or(IniFile::KeyMap()), 200);
 }
 

@@ -63,6 +63,29 @@ TEST(WebWrites, ReplaceAndDeleteUnderAConditionAlone) {
   EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
 }
 
+TEST(WebWrites, ThatTakeAwayFromNothingMakeNothing) {
+  Web web;
+  for (const char* body : {"{}", R"({"k": null})"}) EXPECT_EQ(web.Ask("PATCH", "/group?name=a", body).status, 404) << body;
+  EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
+  EXPECT_EQ(web.Ask("PATCH", "/group?name=Network/Eth0", R"({"nothing": null})").status, 200);
+}
+
+TEST(WebWrites, ThatDoNotShowAreNoSuccess) {
+  const Web web({}, kDefaults, "[Network/Eth0]\naddress=10.0.0.1\n");
+  const std::string body = R"({"address": "10.0.0.2"})";
+  const HttpReply patch = web.Ask("PATCH", "/group?name=Network/Eth0", body);
+  EXPECT_EQ(patch.status, 409) << patch.body;
+  EXPECT_EQ(Parse(patch)["current"]["values"]["address"], "10.0.0.1");
+  EXPECT_EQ(web.Ask("DELETE", "/group?name=Network/Eth0", "", "If-Match: *\r\n").status, 409);
+  for (const char* condition : {"", R"("if": {"Network/Eth0": {"address": "10.0.0.1"}}, )"}) {
+    const HttpReply apply =
+        web.Ask("POST", "/apply", std::string("{") + condition + R"("set": {"Network/Eth0": )" + body + "}}");
+    EXPECT_EQ(apply.status, 409) << apply.body;
+    EXPECT_EQ(Parse(apply)["key"], "address");
+  }
+  EXPECT_EQ(web.ReadValue("Network/Eth0", "address"), "10.0.0.1");
+}
+
 TEST(WebWrites, LeaveAGroupWithoutKeys) {
   Web web;
   ASSERT_EQ(web.Ask("PUT", "/group?name=Network/Wlan0", "{}", "If-Match: *\r\n").status, 200);
