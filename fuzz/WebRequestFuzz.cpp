@@ -1,5 +1,5 @@
-// A request of HTTP is the same however its bytes arrive: as a whole, byte by byte, or in pieces. Its query and its body
-// are read or refused, and whatever is refused has a status.
+// A request of HTTP is the same however its bytes arrive: as a whole, byte by byte, or in pieces. Its query and its
+// body are read or refused, and whatever is refused has a status.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

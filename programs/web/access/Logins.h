@@ -16,9 +16,9 @@ class Logins {
 
   static constexpr std::chrono::minutes kIdleTime{30};
   static constexpr std::chrono::hours kMaxTime{12};
-  static constexpr size_t kMaxFailures = 5;       // of one address
-  static constexpr size_t kMaxAllFailures = 60;   // of all, but for addresses that gave the password before
-  static constexpr size_t kMaxAddresses = 1024;   // for more, the oldest is dropped
+  static constexpr size_t kMaxFailures = 5;      // of one address
+  static constexpr size_t kMaxAllFailures = 60;  // of all, but for addresses that gave the password before
+  static constexpr size_t kMaxAddresses = 1024;  // for more, the oldest is dropped
   static constexpr std::chrono::seconds kFailureTime{60};
 
   // A cookie's value for a client that gave the password. Beyond 256 the one that was used longest ago is dropped.

@@ -22,8 +22,8 @@ constexpr size_t kMaxBytes = 256 * size_t{1024};
   throw osa::Exception("Failed to read '%s': %s", path.c_str(), reason);
 }
 
-// Whether the service manager keeps the file for this program alone. It lets in a user that is not the file's owner by a
-// list of access, whose mask shows as the rights of the group.
+// Whether the service manager keeps the file for this program alone. It lets in a user that is not the file's owner by
+// a list of access, whose mask shows as the rights of the group.
 bool IsCredential(const std::string& path) {
   const char* const directory = std::getenv("CREDENTIALS_DIRECTORY");
   if (!directory || *directory == '\0') return false;

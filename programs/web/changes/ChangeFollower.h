@@ -36,7 +36,8 @@ class ChangeFollower {
     std::vector<ChangePointer> changes;
   };
 
-  // Throws osa::Exception when the system has no descriptor left. view: outlives this. wake: called on the thread when there are news; has no lock held.
+  // Throws osa::Exception when the system has no descriptor left. view: outlives this. wake: called on the
+  // thread when there are news; has no lock held.
   ChangeFollower(std::string server, const View& view, std::function<void()> wake);
 
   // Waits for the thread, which may wait for the daemon for some seconds: call BeginEnd, and destroy it behind

@@ -143,8 +143,7 @@ bool Connection::HandleRead() {
 void Connection::AcceptBody(size_t maxBytes, BodyBudget::Share share) {
   _parser->GetRequest().bodyShare = std::move(share);
   _parser->AcceptBody(maxBytes);
-  if (_parser->GetState() == RequestParser::State::kRefused)
-    return Refuse(_parser->GetStatus(), _parser->GetReason());
+  if (_parser->GetState() == RequestParser::State::kRefused) return Refuse(_parser->GetStatus(), _parser->GetReason());
   if (_parser->AwaitsContinue()) Write("HTTP/1.1 100 Continue\r\n\r\n");
 }
 

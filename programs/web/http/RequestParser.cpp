@@ -209,8 +209,7 @@ void RequestParser::ReadChunkSize(const std::string& line) {
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), size, 16);
   const bool isNumber = error == std::errc() && end == digits.data() + digits.size() && !digits.empty();
   if (!isNumber || digits.size() > kMaxChunkDigits) return Refuse(400, "the size of a chunk is no number");
-  if (size > _maxBodyBytes - std::min(_maxBodyBytes, _request.body.size()))
-    return Refuse(413, "the body is too large");
+  if (size > _maxBodyBytes - std::min(_maxBodyBytes, _request.body.size())) return Refuse(413, "the body is too large");
   _left = size;
   _chunk = size == 0 ? Chunk::kTrailer : Chunk::kData;
 }

@@ -12,9 +12,9 @@ namespace tavix::web {
 // message in two ways, such as two lengths or a line that ends with a line feed alone, it refuses the message, so that
 // a proxy in front and this program always agree where a request ends.
 //
-// libevent's own evhttp does not serve here: it takes lines without a carriage return, chunk sizes with signs and blanks
-// and several lengths, bounds the time of each read but not of a whole head, answers what it can't read by itself, and
-// shows a request's head to a server only behind the body. ARCHITECTURE.md has the rest.
+// libevent's own evhttp does not serve here: it takes lines without a carriage return, chunk sizes with signs and
+// blanks and several lengths, bounds the time of each read but not of a whole head, answers what it can't read by
+// itself, and shows a request's head to a server only behind the body. ARCHITECTURE.md has the rest.
 //
 // Threads: one.
 // Errors:  a message that is refused has a status and a reason; nothing behind it may be read.

@@ -9,6 +9,7 @@
 #include "programs/web/interface/Conditions.h"
 #include "programs/web/interface/GroupChange.h"
 #include "programs/web/interface/JsonBody.h"
+#include "programs/web/interface/Trials.h"
 #include "tavix/settings/Amendment.h"
 
 namespace tavix::web {
@@ -28,6 +29,7 @@ struct Wanted {
   Amendment amendment;
   bool isVolatile = false;
   bool isDryRun = false;
+  std::optional<Trial> trial;
 };
 
 [[noreturn]] void FailAt(const std::string& member, const std::string& group, const std::string& expected) {
@@ -73,9 +75,8 @@ IniFile ReadKeys(const JsonValue& body, const std::string& member) {
 }
 
 Wanted ReadWanted(const Call& call) {
-  const JsonValue body =
-      ParseJsonObject(call.request.body, {"if", "absent", "set", "unset", "volatile", "confirm", "dryRun"},
-                      kValueDepth);
+  const JsonValue body = ParseJsonObject(
+      call.request.body, {"if", "absent", "set", "unset", "volatile", "confirm", "dryRun"}, kValueDepth);
   Wanted wanted;
   wanted.amendment.present = ReadSettings(body, "if");
   wanted.amendment.absent = ReadKeys(body, "absent");
@@ -89,7 +90,8 @@ Wanted ReadWanted(const Call& call) {
   for (const IniFile* conditions : {&wanted.amendment.present, &wanted.amendment.absent}) {
     for (const auto& [group, keys] : *conditions) RequireUnmasked(call, group);
   }
-  if (body.Find("confirm")) throw Refusal(501, "'confirm' is not there yet", {{"feature", Quoted("trial")}});
+  wanted.trial = Trial::Read(body);
+  if (wanted.trial && wanted.isVolatile) throw Refusal(400, "'confirm' and 'volatile' exclude one another");
   return wanted;
 }
 
@@ -152,7 +154,8 @@ void RequireApplied(const Amendment& amendment, const IniFile& current) {
       const bool isSet = current.HasValue(group, key);
       if (isSet && current.GetValue(group, key) == value) continue;
       const bool hadValue = amendment.present.HasValue(group, key);
-      const bool isAsBefore = hadValue && isSet && current.GetValue(group, key) == amendment.present.GetValue(group, key);
+      const bool isAsBefore =
+          hadValue && isSet && current.GetValue(group, key) == amendment.present.GetValue(group, key);
       if (!isAsBefore && (hadValue || amendment.absent.HasValue(group, key))) continue;
       throw Refusal(409, "not applied: " + programs::SpellSetting(group, key) + " does not hold what was set",
                     {{"group", Quoted(group)}, {"key", Quoted(key)}, {"outcome", Quoted("unknown")}});
@@ -160,7 +163,7 @@ void RequireApplied(const Amendment& amendment, const IniFile& current) {
   }
 }
 
-Response ShowApplied(Call& call, const Amendment& amendment) {
+Response ShowApplied(Call& call, const Amendment& amendment, const std::optional<Trial>& trial) {
   const std::set<std::string> names = NamesOfAll({&amendment.set, &amendment.unset});
   json groups = json::array();
   const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
@@ -169,7 +172,9 @@ Response ShowApplied(Call& call, const Amendment& amendment) {
     const auto found = current.GetGroups().find(name);
     groups.push_back(json::parse(DescribeGroup(call, name, found == current.end() ? nullptr : &found->second)));
   }
-  return JsonResponse({{"groups", groups}});
+  json answer = {{"groups", groups}};
+  if (trial) answer["pending"] = trial->Describe(call);
+  return JsonResponse(answer);
 }
 
 void ApplyVolatile(Call& call, const Amendment& amendment) {
@@ -184,6 +189,7 @@ Response Apply(Call& call) {
   const Wanted wanted = ReadWanted(call);
   const Amendment& amendment = wanted.amendment;
   if (wanted.isDryRun) return ShowDryRun(call, amendment);
+  if (wanted.trial) wanted.trial->Arm(call);
   if (wanted.isVolatile) {
     ApplyVolatile(call, amendment);
   } else if (!call.link.GetForWrite().Amend(amendment)) {
@@ -192,7 +198,7 @@ Response Apply(Call& call) {
     const std::set<std::string> names = NamesOfAll({&amendment.present, &amendment.absent});
     FailCondition(call, amendment, names.empty() ? IniFile() : call.link.Get().Get(names));
   }
-  return ShowApplied(call, amendment);
+  return ShowApplied(call, amendment, wanted.trial);
 }
 
 }  // namespace tavix::web

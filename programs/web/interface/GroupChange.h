@@ -13,8 +13,8 @@ namespace tavix::web {
 // is the condition under which the daemon makes it. When somebody was faster, it is read anew, up to 16 times.
 //
 // Threads: one, the worker's.
-// Errors:  Refusal: 412 when the request's own conditions do not hold, 409 when the daemon refuses the change, others are
-//          always faster, or the group holds behind the change what it held before.
+// Errors:  Refusal: 412 when the request's own conditions do not hold, 409 when the daemon refuses the change, others
+//          are always faster, or the group holds behind the change what it held before.
 class GroupChange {
  public:
   using Keys = std::optional<core::IniFile::KeyMap>;

@@ -53,8 +53,8 @@ class Builder : public nlohmann::json_sax<json> {
 
   bool end_object() override {
     JsonValue& value = _levels.back().value;
-    const bool isBytes = value.members.size() == 1 && value.members[0].first == "base64" && _levels.size() >= _bytesDepth &&
-                         value.members[0].second.kind == Kind::kText;
+    const bool isBytes = value.members.size() == 1 && value.members[0].first == "base64" &&
+                         _levels.size() >= _bytesDepth && value.members[0].second.kind == Kind::kText;
     if (isBytes) {
       const std::optional<std::string> bytes = programs::DecodeBase64(value.members[0].second.text);
       if (!bytes) Fail("'base64' holds none");

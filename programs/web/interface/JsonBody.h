@@ -23,8 +23,8 @@ struct JsonValue {
   const JsonValue* Find(const std::string& name) const;
 };
 
-// Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, nesting that nothing here has, and a
-// text of so many and so short values that they take many times its memory. bytesDepth: the level from which on an
+// Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, nesting that nothing here has, and
+// a text of so many and so short values that they take many times its memory. bytesDepth: the level from which on an
 // object can stand for bytes; above, "base64" is a name like any other. The text's own is 1.
 JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth = 2);
 

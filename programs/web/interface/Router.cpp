@@ -3,7 +3,9 @@
 #include "programs/common/client/Failure.h"
 #include "programs/web/interface/Batches.h"
 #include "programs/web/interface/Reads.h"
+#include "programs/web/interface/Recorded.h"
 #include "programs/web/interface/Reports.h"
+#include "programs/web/interface/Trials.h"
 #include "programs/web/interface/Writes.h"
 
 namespace tavix::web {
@@ -45,6 +47,10 @@ const std::vector<Route>& GetRoutes() {
       {"POST", "/import", kWorker, Right::kWrite, ImportBackup, "pattern* mode dryRun"},
       {"GET", "/search", kWorker, Right::kRead, Search, "q in ignoreCase after afterKey"},
       {"GET", "/changes", Place::kChanges, Right::kRead, nullptr, "pattern* since wait"},
+      {"GET", "/history", kWorker, Right::kRead, ShowHistory, "before count pattern"},
+      {"GET", "/pending", kWorker, Right::kRead, ShowPending, ""},
+      {"DELETE", "/pending", kWorker, Right::kWrite, RevertPending, "name"},
+      {"POST", "/pending/confirm", kWorker, Right::kWrite, ConfirmPending, ""},
       {"GET", "/status", kWorker, Right::kRead, ShowStatus, ""},
       {"GET", "/subscribers", kWorker, Right::kRead, ShowSubscribers, ""},
       {"GET", "/resources", kWorker, Right::kRead, ShowResources, ""},

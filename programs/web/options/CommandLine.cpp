@@ -84,9 +84,7 @@ const Entry kEntries[] = {
     {"token-file", "FILE", "A file of mode 0600 with lines NAME TOKEN read|write",
      [](Options& options, const std::string& value) { options.tokenFile = ParseText(value); }},
     {"allow-uid", "UID", "Let this user in on a unix socket, and no others; may be repeated",
-     [](Options& options, const std::string& value) {
-       options.allowedUsers.insert(ParseUser(value));
-     }},
+     [](Options& options, const std::string& value) { options.allowedUsers.insert(ParseUser(value)); }},
     {"read-only", nullptr, "Refuse every write",
      [](Options& options, const std::string&) { options.isReadOnly = true; }},
     {"show-restricted", nullptr, "Show the values of restricted groups",

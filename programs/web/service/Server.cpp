@@ -177,8 +177,8 @@ void Server::OnOverdue(WorkQueue& queue, WorkQueue::Number number) {
 void Server::AnswerOverdue(WorkQueue::Number number, bool wasBegun) {
   const auto found = _pending.find(number);
   Connection* const connection = found->second.connection;
-  const char* const detail = found->second.queue == &_hashing ? "the password was not looked at in time"
-                                                              : "the daemon did not answer in time";
+  const char* const detail =
+      found->second.queue == &_hashing ? "the password was not looked at in time" : "the daemon did not answer in time";
   Refusal::Members members;
   if (found->second.isWrite) members["outcome"] = Quoted(wasBegun ? "unknown" : "nothing written");
   _pending.erase(found);

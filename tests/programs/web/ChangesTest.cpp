@@ -171,7 +171,7 @@ TEST(WebChanges, OfOthersMoveTheIdOfAQuietStream) {
 
 TEST(WebChanges, AreWatchedByABoundedNumberOfPatterns) {
   Web web;
-  std::string patterns = "?wait=0";
+  std::string patterns = "?wait=60";
   for (int i = 0; i < 64; ++i) patterns += "&pattern=a" + std::to_string(i);
   EXPECT_EQ(web.Ask("GET", "/changes" + patterns).status, 200);
   EXPECT_EQ(web.Ask("GET", "/changes" + patterns + "&pattern=b").status, 400);

@@ -101,7 +101,7 @@ TEST(WebGuard, TakesKnownParametersAlone) {
 
 TEST(WebGuard, RefusesWhatTwoProgramsCouldReadInTwoWays) {
   Web web;
-  const std::string post = "POST /api/v1/reset HTTP/1.1\r\n";
+  const std::string post = "POST /api/v1/reset HTTP/1.1\r\nContent-Type: application/json\r\n";
   const std::string host = "Host: localhost\r\n";
   const std::string get = "GET /healthz HTTP/1.1\r\n";
   for (const std::string& bytes : std::vector<std::string>{
@@ -133,7 +133,7 @@ TEST(WebGuard, BoundsHeadersAndBodies) {
   const std::string host = "Host: localhost\r\n";
   EXPECT_EQ(StatusOf(Exchange(web, "GET /healthz HTTP/1.1\r\n" + host + "X: " + std::string(17000, 'x') + "\r\n\r\n")),
             431);
-  const std::string post = "POST /api/v1/reset HTTP/1.1\r\n" + host;
+  const std::string post = "POST /api/v1/reset HTTP/1.1\r\nContent-Type: application/json\r\n" + host;
   EXPECT_EQ(StatusOf(Exchange(web, post + "Content-Length: 1073741824\r\n\r\n")), 413);
   EXPECT_EQ(StatusOf(Exchange(web, post + "Content-Length: 99999999999999999999999\r\n\r\n")), 413);
   const std::string chunk = "3E8\r\n" + std::string(1000, ' ') + "\r\n";
@@ -181,10 +181,13 @@ TEST(WebGuard, RefusesByTheHeadAlone) {
   const std::string host = "Host: localhost\r\n";
   const std::string post = "POST /api/v1/reset HTTP/1.1\r\n";
   for (const auto& [head, status] : std::vector<std::pair<std::string, int>>{
-           {post + "Host: evil.example\r\n" + json, 421}, {"POST /api/v1/nothing HTTP/1.1\r\n" + host + json, 404},
-           {"POST /api/v1/group HTTP/1.1\r\n" + host + json, 405}, {"POST /healthz HTTP/1.1\r\n" + host + json, 405},
+           {post + "Host: evil.example\r\n" + json, 421},
+           {"POST /api/v1/nothing HTTP/1.1\r\n" + host + json, 404},
+           {"POST /api/v1/group HTTP/1.1\r\n" + host + json, 405},
+           {"POST /healthz HTTP/1.1\r\n" + host + json, 405},
            {post + host + json + "Origin: http://evil.example\r\n", 403},
-           {post + host + "Content-Type: image/png\r\n", 415}, {post + host + json, 401},
+           {post + host + "Content-Type: image/png\r\n", 415},
+           {post + host + json, 401},
            {post + host + json + "Authorization: Bearer x\r\nExpect: 100-continue\r\n", 401},
            {"POST /api/v1/login HTTP/1.1\r\n" + host + json, 404}}) {
     HttpConnection connection = web.Connect();
@@ -221,8 +224,9 @@ TEST(WebGuard, BoundsTheBodiesOfAllTogether) {
 TEST(WebGuard, EndsBehindARequestThatAsksForIt) {
   Web web;
   const std::string get = "GET /healthz HTTP/1.1\r\nHost: localhost\r\n";
-  for (const std::string& bytes : {get + "Connection: x, CLOSE\r\n\r\n",
-                                   std::string("GET /healthz HTTP/1.0\r\nHost: localhost\r\nConnection: keep-alive\r\n\r\n")}) {
+  for (const std::string& bytes :
+       {get + "Connection: x, CLOSE\r\n\r\n",
+        std::string("GET /healthz HTTP/1.0\r\nHost: localhost\r\nConnection: keep-alive\r\n\r\n")}) {
     HttpConnection connection = web.Connect();
     connection.Send(bytes);
     EXPECT_EQ(StatusOf(connection.ReadToEnd()), 200) << bytes;

@@ -6,8 +6,8 @@
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/access/Tokens.h"
-#include "tests/programs/web/Web.h"
 #include "tavix/osa/Exception.h"
+#include "tests/programs/web/Web.h"
 #include "tests/support/CommandProcess.h"
 
 namespace tavix::test {
@@ -119,7 +119,8 @@ TEST(WebLogin, IsRefusedBehindFiveFailures) {
   EXPECT_LE(wait, 60);
   // The password is not even read.
   HttpConnection connection = web.Connect();
-  connection.Send("POST /api/v1/login HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n");
+  connection.Send(
+      "POST /api/v1/login HTTP/1.1\r\nHost: localhost\r\nContent-Type: text/plain\r\nContent-Length: 9\r\n\r\n");
   EXPECT_EQ(connection.ReadReply().status, 429);
 }
 
@@ -154,8 +155,8 @@ TEST(WebLogin, CountsForwardedHeadersOfATrustedProxyAlone) {
   EXPECT_EQ(ignored.headers.at("set-cookie").find("Secure"), std::string::npos);
   Web behind({"--password-file", secrets.passwordFile, "--trusted-proxy", "127.0.0.1"});
   EXPECT_EQ(behind.Ask("POST", "/login", R"({"password": "open sesame"})", forwarded).status, 421);
-  const HttpReply secure =
-      behind.Ask("POST", "/login", R"({"password": "open sesame"})", "X-Forwarded-Proto: http\r\nX-Forwarded-Proto: HTTPS\r\n");
+  const HttpReply secure = behind.Ask("POST", "/login", R"({"password": "open sesame"})",
+                                      "X-Forwarded-Proto: http\r\nX-Forwarded-Proto: HTTPS\r\n");
   ASSERT_EQ(secure.status, 204) << secure.body;
   EXPECT_NE(secure.headers.at("set-cookie").find("; Secure"), std::string::npos);
   // Failures are counted for the client, not for the proxy.
@@ -238,7 +239,8 @@ TEST(WebLogin, MakesThePasswordsText) {
 
 TEST(WebLogin, RefusesWrongOptions) {
   const TemporaryDirectory directory;
-  for (const char* option : {"--nothing", "--max-body=x", "--host=", "--trusted-proxy=camera", "--base-path=x", "--allow-uid=65534", "word"})
+  for (const char* option :
+       {"--nothing", "--max-body=x", "--host=", "--trusted-proxy=camera", "--base-path=x", "--allow-uid=65534", "word"})
     EXPECT_EQ(RunToEnd(directory.GetPath(), {TAVIX_WEB_PROGRAM, option}).status, 64) << option;
 }
 

@@ -65,7 +65,8 @@ TEST(WebWrites, ReplaceAndDeleteUnderAConditionAlone) {
 
 TEST(WebWrites, ThatTakeAwayFromNothingMakeNothing) {
   Web web;
-  for (const char* body : {"{}", R"({"k": null})"}) EXPECT_EQ(web.Ask("PATCH", "/group?name=a", body).status, 404) << body;
+  for (const char* body : {"{}", R"({"k": null})"})
+    EXPECT_EQ(web.Ask("PATCH", "/group?name=a", body).status, 404) << body;
   EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
   EXPECT_EQ(web.Ask("PATCH", "/group?name=Network/Eth0", R"({"nothing": null})").status, 200);
 }
@@ -169,13 +170,14 @@ TEST(WebWrites, ResetOfADoubtfulTrialChangesNothing) {
   Web web;
   web.Ask("PATCH", "/group?name=Network/Eth0", R"({"dhcp": false})");
   for (const char* flag : {"1", "\"yes\"", "\"TRUE\"", "\"true\"", "null", "[]"})
-    EXPECT_EQ(web.Ask("POST", "/reset", std::string(R"({"groups": ["*"], "dryRun": )") + flag + "}").status, 400) << flag;
+    EXPECT_EQ(web.Ask("POST", "/reset", std::string(R"({"groups": ["*"], "dryRun": )") + flag + "}").status, 400)
+        << flag;
   EXPECT_EQ(web.ReadValue("Network/Eth0", "dhcp"), "false");
 }
 
 TEST(WebWrites, CompareNoValuesThatAreMasked) {
-  for (const char* condition : {R"("if": {"Secure/Wlan0": {"passphrase": "example"}})",
-                                R"("if": {"Secure/Wlan0": {}})", R"("absent": {"Secure/Wlan0": ["passphrase"]})"}) {
+  for (const char* condition : {R"("if": {"Secure/Wlan0": {"passphrase": "example"}})", R"("if": {"Secure/Wlan0": {}})",
+                                R"("absent": {"Secure/Wlan0": ["passphrase"]})"}) {
     const Web web;
     for (const char* dryRun : {"true", "false"})
       EXPECT_EQ(web.Ask("POST", "/apply", "{" + std::string(condition) + R"(, "dryRun": )" + dryRun + "}").status, 403)
@@ -187,7 +189,8 @@ TEST(WebWrites, CompareNoValuesThatAreMasked) {
 
 TEST(WebWrites, ApplySetsAKeyThatIsCalledBase64) {
   Web web;
-  ASSERT_EQ(web.Ask("POST", "/apply", R"({"set": {"a": {"base64": "QQ=="}, "b": {"k": {"base64": "QQ=="}}}})").status, 200);
+  ASSERT_EQ(web.Ask("POST", "/apply", R"({"set": {"a": {"base64": "QQ=="}, "b": {"k": {"base64": "QQ=="}}}})").status,
+            200);
   EXPECT_EQ(web.ReadValue("a", "base64"), "QQ==");
   EXPECT_EQ(web.ReadValue("b", "k"), "A");
 }

@@ -1,0 +1,112 @@
+#include "programs/web/interface/Recorded.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Spelling.h"
+
+namespace tavix::web {
+
+using nlohmann::json;
+using programs::Revision;
+
+namespace {
+
+constexpr size_t kMaxCount = 256;
+constexpr size_t kUsualCount = 50;
+constexpr char kScanned[] = "scanned";
+
+json IdToJson(const std::string& id) {
+  char* end = nullptr;
+  const unsigned long long number = std::strtoull(id.c_str(), &end, 10);
+  return *end == '\0' ? json(number) : programs::ValueToJson(id);
+}
+
+// As in RFC 3339, in UTC.
+std::string FormatTime(std::chrono::system_clock::time_point time) {
+  using std::chrono::duration_cast;
+  using std::chrono::milliseconds;
+  const auto sinceEpoch = duration_cast<milliseconds>(time.time_since_epoch());
+  const auto whole = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
+  const std::time_t seconds = whole.count();
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  const std::string fraction = std::to_string(1000 + (sinceEpoch - whole).count());
+  return text + ("." + fraction.substr(1)) + "Z";
+}
+
+json RevisionToJson(const View& view, const Revision& revision) {
+  json object = {{"revision", revision.number},
+                 {"time", FormatTime(revision.time)},
+                 {"by", AuthorToJson(revision.author)},
+                 {"command", programs::ValueToJson(revision.command)},
+                 {"changes", ChangesToJson(view, revision.settings)}};
+  if (!revision.note.empty()) object["note"] = programs::ValueToJson(revision.note);
+  if (!revision.trial.empty()) object["trial"] = programs::ValueToJson(revision.trial);
+  if (!revision.omitted.empty()) object["omitted_bytes"] = IdToJson(revision.omitted);
+  return object;
+}
+
+// The request's line ends with the pattern, without the blanks around it.
+std::string FindPattern(const Query& query) {
+  const std::string pattern = query.FindName("pattern").value_or("*");
+  RequireSendable(pattern);
+  constexpr char kBlanks[] = " \t\r";
+  const bool hasBlanks = pattern.find_first_not_of(kBlanks) != 0 || pattern.find_last_of(kBlanks) == pattern.size() - 1;
+  if (hasBlanks) throw Refusal(422, "the history can't be asked for '" + programs::SpellName(pattern) + "'");
+  return pattern == "*" ? std::string() : " " + pattern;
+}
+
+std::string FindLine(const Query& query) {
+  constexpr size_t kMaxRevision = std::numeric_limits<size_t>::max();
+  const bool hasBefore = query.Find("before").has_value();
+  const size_t before = query.FindNumber("before", 0, kMaxRevision, 0);
+  const size_t count = query.FindNumber("count", 1, kMaxCount, kUsualCount);
+  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) + FindPattern(query);
+}
+
+}  // namespace
+
+json AuthorToJson(const programs::Author& author) {
+  json object = {{"connection", programs::ValueToJson(author.connection)}};
+  if (!author.user.empty()) object["user"] = IdToJson(author.user);
+  if (!author.group.empty()) object["group"] = IdToJson(author.group);
+  if (!author.process.empty()) object["process"] = IdToJson(author.process);
+  return object;
+}
+
+json ChangesToJson(const View& view, const std::vector<programs::Change>& changes) {
+  json list = json::array();
+  for (const programs::Change& change : changes) {
+    if (!view.IsMasked(change.group)) list.push_back(programs::ToJson(change));
+  }
+  return list;
+}
+
+Response ShowHistory(Call& call) {
+  const std::string line = FindLine(call.query);
+  call.link.RequireFeature("history");
+  const auto answer = call.link.Get().Ask(line);
+  if (answer.isRefused) throw Refusal(409, programs::SpellValue(answer.reason));
+  std::vector<Revision> revisions;
+  for (const auto& [name, keys] : answer.data) {
+    if (name != kScanned) revisions.push_back(Revision::From(name, keys));
+  }
+  std::sort(revisions.begin(), revisions.end(),
+            [](const Revision& left, const Revision& right) { return left.number > right.number; });
+  json document = {{"revisions", json::array()}, {"next", nullptr}};
+  for (const Revision& revision : revisions) document["revisions"].push_back(RevisionToJson(call.view, revision));
+  const bool hasMore = answer.data.HasValue(kScanned, "more") && answer.data.GetValue(kScanned, "more") == "true";
+  if (hasMore && answer.data.HasValue(kScanned, "next"))
+    document["next"] = IdToJson(answer.data.GetValue(kScanned, "next"));
+  return JsonResponse(document);
+}
+
+}  // namespace tavix::web
