@@ -123,7 +123,8 @@ json Trial::Describe(Call& call) const {
   const auto answer = call.link.Get().Ask(std::string(kFeature) + " " + _name);
   const auto found = answer.data.GetGroups().find(_name);
   if (answer.isRefused || found == answer.data.end()) return nullptr;
-  return ToJson(call, TrialState::From(_name, found->second));
+  const TrialState trial = TrialState::From(_name, found->second);
+  return trial.settings.empty() ? json(nullptr) : ToJson(call, trial);
 }
 
 }  // namespace tavix::web
