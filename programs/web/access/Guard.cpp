@@ -90,6 +90,11 @@ void Guard::RequireKnownHost(const Origin& origin) const {
     throw Refusal(421, "this host is not known as '" + origin.host + "'; --host makes the name known");
 }
 
+void Guard::RequireOwnSite(const Request& request) {
+  const std::string* const site = request.Find("sec-fetch-site");
+  if (site && *site == "cross-site") throw Refusal(403, "pages of other sites may not ask here");
+}
+
 void Guard::RequireOwnWrite(const Request& request, const Origin& origin) const {
   const std::string* const sender = request.Find("origin");
   const std::string scheme = origin.isHttps ? "https://" : "http://";

@@ -33,6 +33,10 @@ class Guard {
   // Throws Refusal, 421: the host is not called so, as when a foreign name was made to lead here.
   void RequireKnownHost(const Origin& origin) const;
 
+  // Throws Refusal, 403, for a request that the browser reports as one of a page of another site: it would not see the
+  // answer, but cost its work.
+  static void RequireOwnSite(const Request& request);
+
   // Throws Refusal, 403, for a write that a foreign page may have sent.
   void RequireOwnWrite(const Request& request, const Origin& origin) const;
 

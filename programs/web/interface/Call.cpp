@@ -28,12 +28,13 @@ json View::ValuesToJson(const std::string& group, const IniFile::KeyMap& keys) c
   return object;
 }
 
-// A name with a '*' in it brings others.
+// A name with a '*' in it brings others, maybe all: no more than one is kept.
 std::optional<IniFile::KeyMap> Call::ReadGroup(const std::string& name) {
-  IniFile found = link.Get().Get({name});
-  const auto group = found.GetMutableGroups().find(name);
-  if (group == found.end()) return std::nullopt;
-  return std::move(group->second);
+  std::optional<IniFile::KeyMap> keys;
+  link.Get().GetEach({name}, [&](const IniFile& part) {
+    if (part.HasGroup(name)) keys = part[name];
+  });
+  return keys;
 }
 
 void RequireSendable(const std::string& group) {

@@ -38,6 +38,7 @@ Gate::Entry Gate::Admit(const Peer& peer, const Request& head, bool hasBody) {
 
 Gate::Entry Gate::AdmitToInterface(const Peer& peer, const Request& head, const std::string& path, Origin origin,
                                    bool hasBody) {
+  Guard::RequireOwnSite(head);
   const Route& route = FindRoute(head.method, path);
   if (head.IsWrite()) {
     _guard.RequireOwnWrite(head, origin);

@@ -67,6 +67,15 @@ TEST(WebGuard, RefusesWritesOfForeignPages) {
   EXPECT_EQ(patch("Origin: http://localhost\r\nCookie: other=1\r\n"), 200);
 }
 
+TEST(WebGuard, RefusesReadsOfPagesOfOtherSites) {
+  Web web;
+  const auto get = [&](const std::string& site) {
+    return web.Ask("GET", "/groups", "", "Sec-Fetch-Site: " + site + "\r\n").status;
+  };
+  EXPECT_EQ(get("cross-site"), 403);
+  for (const char* site : {"same-origin", "same-site", "none"}) EXPECT_EQ(get(site), 200) << site;
+}
+
 TEST(WebGuard, TakesBodiesOfKnownTypesAlone) {
   Web web;
   const auto patch = [&](const std::string& type) {
