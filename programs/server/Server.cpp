@@ -33,7 +33,7 @@ constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and,
 constexpr rlim_t kDescriptorsOfALoop = 2;
 constexpr int kPause = 100;  // milliseconds
 constexpr int kAcceptsInARow = 64;
-constexpr size_t kFirstListener = 4;  // of what is watched
+constexpr size_t kFirstListener = 3;  // of what is watched
 constexpr std::chrono::milliseconds kMaxWaitForPlace{1000};
 const std::string kAnybody = "all peers";  // for the log, before it is known who connects
 
@@ -120,10 +120,8 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
 
 void Server::AddExtraWords(SettingsStore& store) {
   if (const KeptHistory* history = store.GetHistory()) _extraWords.Add(_historyWords.emplace(*history));
-  if (StoreTrials* trials = store.GetTrials()) {
-    _extraWords.Add(_trialWords.emplace(*trials));
-    _timedReverts.emplace(*trials, _lane);
-  }
+  if (StoreTrials* trials = store.GetTrials()) _extraWords.Add(_trialWords.emplace(*trials));
+  if (StoreTrials* trials = store.GetTimedTrials()) _timedReverts.emplace(*trials);
   if (!_extraWords.IsEmpty()) _env.extraCommands = &_extraWords;
 }
 
@@ -148,7 +146,6 @@ void Server::Run(const programs::Signals& signals,
     if (signal.number != 0) onSignal(signal);
     if (watched[1].revents) _logLimiter.ReportDue(LogLimiter::Clock::now());
     if (watched[2].revents) _places.Acknowledge();
-    if (_timedReverts && watched[3].revents) _timedReverts->OnDue();
     if (!pauses) AcceptFromAll(watched);
   }
   _listeners.clear();
@@ -164,18 +161,18 @@ void Server::Probe() {
 }
 
 void Server::EndLoops() {
+  _timedReverts.reset();
   _lane.Stop();
   osa::PlainMutexLock lock(_probeMutex);
   _loops.clear();
 }
 
-// Signals, the log's limiter, places, trials, then the listeners. Connections that can't be taken now stay in the
+// Signals, the log's limiter, places, then the listeners. Connections that can't be taken now stay in the
 // queues of listeners, which are then not watched.
 std::vector<pollfd> Server::FindWatched(const programs::Signals& signals) const {
   std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0},
                               {_logLimiter.GetDescriptor(), POLLIN, 0},
-                              {_places.GetDescriptor(), POLLIN, 0},
-                              {_timedReverts ? _timedReverts->GetDescriptor() : -1, POLLIN, 0}};
+                              {_places.GetDescriptor(), POLLIN, 0}};
   const bool accepts = !_mustPause && _entry != Entry::kWaiting;
   for (const Listener& listener : _listeners) watched.push_back({accepts ? listener.GetDescriptor() : -1, POLLIN, 0});
   return watched;

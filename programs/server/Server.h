@@ -107,7 +107,7 @@ class Server {
   Clock::time_point _waitsSince{};  // for a place
   SlowLane _lane;
   std::optional<TrialWords> _trialWords;      // empty: nothing is put on trial
-  std::optional<TimedReverts> _timedReverts;  // likewise
+  std::optional<TimedReverts> _timedReverts;  // empty: nor is anything on trial
   osa::PlainMutex _probeMutex;                // held while loops are probed, and while they end
   std::vector<std::unique_ptr<EventLoop>> _loops TAVIX_GUARDED_BY(_probeMutex);
 };

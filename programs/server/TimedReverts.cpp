@@ -1,32 +1,46 @@
 #include "programs/server/TimedReverts.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
-#include <exception>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
 
-TimedReverts::TimedReverts(StoreTrials& trials, SlowLane& lane)
-    : _trials(trials), _lane(lane), _done(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+namespace {
+
+constexpr int kPause = 100;  // milliseconds, when the system can't watch the descriptors
+
+osa::Descriptor CreateEvent() {
+  osa::Descriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!event) throw osa::Exception("Failed to create an event for trials: %s", std::strerror(errno));
+  return event;
+}
+
+}  // namespace
+
+TimedReverts::TimedReverts(StoreTrials& trials)
+    : _trials(trials), _wake(CreateEvent()), _thread("TimedReverts", [this] { Run(); }) {}
 
 TimedReverts::~TimedReverts() {
-  _lane.Withdraw(*this);
+  _isStopping = true;
+  const uint64_t one = 1;
+  static_cast<void>(write(_wake.Get(), &one, sizeof one));
 }
 
-void TimedReverts::OnDue() {
-  _trials.AcknowledgeTimer();
-  if (_isQueued.exchange(true)) return;
-  try {
-    _lane.Add(*this);
-  } catch (const std::exception&) {
-    _isQueued = false;
-    _trials.RetryLater();
+void TimedReverts::Run() {
+  while (true) {
+    pollfd watched[] = {{_trials.GetDescriptor(), POLLIN, 0}, {_wake.Get(), POLLIN, 0}};
+    if (poll(watched, 2, -1) < 0) poll(nullptr, 0, kPause);
+    if (_isStopping) return;
+    _trials.AcknowledgeTimer();
+    _trials.RevertDue();
   }
-}
-
-void TimedReverts::Run(const std::function<bool()>&) noexcept {
-  _isQueued = false;  // what becomes due from here on may be missed below
-  _trials.RevertDue();
 }
 
 }  // namespace tavix::daemon

@@ -1,40 +1,36 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 
-#include "programs/server/connections/SlowLane.h"
+#include "programs/common/LoopThread.h"
 #include "programs/server/store/StoreTrials.h"
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
 
-// Has the slow lane revert what nobody confirmed in time: a revert may change many settings, and loops go on meanwhile.
+// A thread that reverts what nobody confirmed in time. It has no other work: a revert that brings an administrator back
+// waits for no client's request.
 //
-// Threads: one; the reverts run on the lane's.
-class TimedReverts : private SlowLane::IJob {
+// Threads: one makes and destroys it.
+// Errors:  osa::Exception from the constructor when the system has no descriptor or no thread.
+class TimedReverts {
  public:
-  // trials, lane: outlive the object, but for a lane that is stopped.
-  TimedReverts(StoreTrials& trials, SlowLane& lane);
+  // trials: outlives the object.
+  explicit TimedReverts(StoreTrials& trials);
 
-  // The lane is stopped, or does not run the reverts any more when it returns.
-  ~TimedReverts() override;
+  // Returns once no revert is under way. Later ones are not made.
+  ~TimedReverts();
 
   TimedReverts(const TimedReverts&) = delete;
   TimedReverts& operator=(const TimedReverts&) = delete;
 
-  // Readable when OnDue is to be called; borrowed.
-  int GetDescriptor() const { return _trials.GetDescriptor(); }
-  void OnDue();
-
  private:
-  void Run(const std::function<bool()>& isStopped) noexcept override;
-  int GetDoneEvent() const override { return _done.Get(); }
+  void Run();
 
   StoreTrials& _trials;
-  SlowLane& _lane;
-  std::atomic<bool> _isQueued{false};  // in the lane
-  const osa::Descriptor _done;         // nobody waits for it
+  const osa::Descriptor _wake;  // readable when the thread is to end
+  std::atomic<bool> _isStopping{false};
+  programs::LoopThread _thread;
 };
 
 }  // namespace tavix::daemon

@@ -1,10 +1,22 @@
 #include "programs/server/store/SettingsStore.h"
 
+#include <chrono>
 #include <ctime>
+#include <thread>
+
+#include "tavix/core/Logger.h"
 
 namespace tavix::daemon {
 
 namespace {
+
+constexpr int kMaxStartRetries = 10;
+constexpr std::chrono::milliseconds kStartRetryTime{100};
+
+core::Logger* Log() {
+  static core::Logger* const logger = core::Logger::GetLogger("Trials");
+  return logger;
+}
 
 constexpr size_t kMaxDeletedPatterns = 1024;  // each is tried on the defaults at each start
 
@@ -66,7 +78,18 @@ SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, C
   _manager.SetMaxBytes(_maxBytes);
   _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
   if (_userSettings) _userSettings->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
-  if (_trials) _trials->RevertAll();  // what a crash or a power cut left pending
+  if (_trials) RevertEarlierTrials();
+}
+
+// What a crash or a power cut left pending. The reason why it fails may pass.
+void SettingsStore::RevertEarlierTrials() {
+  for (int retry = 0; !_trials->RevertAll(); ++retry) {
+    if (retry == kMaxStartRetries) {
+      Log()->Error("Clients are served before all trials are reverted: that is tried again each second");
+      return;
+    }
+    std::this_thread::sleep_for(kStartRetryTime);
+  }
 }
 
 SettingsStore::~SettingsStore() {

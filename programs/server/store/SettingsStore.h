@@ -47,6 +47,9 @@ class SettingsStore {
   // What can be put on trial; null when nothing can.
   StoreTrials* GetTrials() { return _mayTry ? _trials.get() : nullptr; }
 
+  // What may have to go back in time; null when nothing can be on trial.
+  StoreTrials* GetTimedTrials() { return _mayTry || (_trials && _trials->HasPending()) ? _trials.get() : nullptr; }
+
   // The daemon ends from now on. onLate: is called on another thread when Finish has not returned within
   // --stop-timeout; it may end the process.
   void LimitEnd(const std::function<void(bool isSaved)>& onLate);
@@ -56,6 +59,8 @@ class SettingsStore {
   bool Finish();
 
  private:
+  void RevertEarlierTrials();
+
   const std::chrono::seconds _maxStopTime;
   const size_t _maxBytes;
   const bool _mayTry;

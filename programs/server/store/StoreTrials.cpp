@@ -1,5 +1,6 @@
 #include "programs/server/store/StoreTrials.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -106,37 +107,39 @@ StoreTrials::Ticket StoreTrials::RevertOne(const std::string& name, const Change
   throw osa::Exception("Trial '%s' can't be reverted: others change its settings all the time", name.c_str());
 }
 
-void StoreTrials::RevertDue() noexcept {
-  try {
-    RevertEach(_trials.FindDue(), "nobody confirmed it in time");
-  } catch (const std::exception&) {
-    RetryLater();
-  }
+bool StoreTrials::RevertDue() noexcept {
+  return RevertEach(&SharedTrials::FindDue, "nobody confirmed it in time");
 }
 
-void StoreTrials::RevertAll() noexcept {
-  try {
-    RevertEach(_trials.FindPending(), "the daemon starts or ends");
-  } catch (const std::exception&) {
-    RetryLater();
-  }
+bool StoreTrials::RevertAll() noexcept {
+  return RevertEach(&SharedTrials::FindPending, "the daemon starts or ends");
 }
 
 // One that fails keeps none of the others on trial.
-void StoreTrials::RevertEach(const std::vector<std::string>& names, const char* reason) {
-  for (const std::string& name : names) {
-    ChangeOrigin origin{{ClientIdentity::Connection::kDaemon}, "revert", {}, name};
-    origin.isRevert = true;
-    try {
-      RevertOne(name, origin);
-      Log()->Notice("Trial '%s' is reverted: %s", name.c_str(), reason);
-    } catch (const RefusedChange&) {
-      continue;  // somebody else has ended it
-    } catch (const std::exception& exception) {
-      Log()->Error("Trial '%s' is not reverted yet: %s", name.c_str(), exception.what());
-      RetryLater();
-    }
+bool StoreTrials::RevertEach(FindNames findNames, const char* reason) noexcept {
+  bool isDone = true;
+  try {
+    for (const std::string& name : (_trials.*findNames)()) isDone &= TryToRevert(name, reason);
+  } catch (const std::exception&) {
+    isDone = false;
   }
+  if (!isDone) _trials.RetryLater();
+  return isDone;
+}
+
+bool StoreTrials::TryToRevert(const std::string& name, const char* reason) {
+  ChangeOrigin origin{{ClientIdentity::Connection::kDaemon}, "revert", {}, name};
+  origin.isRevert = true;
+  try {
+    RevertOne(name, origin);
+    Log()->Notice("Trial '%s' is reverted: %s", name.c_str(), reason);
+  } catch (const std::exception& exception) {
+    const std::vector<std::string> pending = _trials.FindPending();
+    if (std::count(pending.begin(), pending.end(), name) == 0) return true;  // somebody else has ended it
+    Log()->Error("Trial '%s' is not reverted yet: %s", name.c_str(), exception.what());
+    return false;
+  }
+  return true;
 }
 
 void StoreTrials::Describe(const std::string& name, IniFile& answer) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "programs/server/persistence/UserSettingsPersister.h"
 #include "programs/server/trials/SharedTrials.h"
@@ -36,8 +37,11 @@ class StoreTrials {
   Ticket Revert(const std::string& name, const settings::server::ChangeOrigin& origin) TAVIX_EXCLUDES(_mutex);
 
   // Revert what nobody confirmed in time, or all; log what was done, and what could not be, which is tried again soon.
-  void RevertDue() noexcept;
-  void RevertAll() noexcept;
+  // False: something could not.
+  bool RevertDue() noexcept;
+  bool RevertAll() noexcept;
+
+  bool HasPending() { return !_trials.FindPending().empty(); }
 
   // Adds a group for each trial that is known; name: of one, empty for all. Throws RefusedChange when there is none of
   // that name.
@@ -47,12 +51,11 @@ class StoreTrials {
   int GetDescriptor() const { return _trials.GetDescriptor(); }
   void AcknowledgeTimer() { _trials.AcknowledgeTimer(); }
 
-  // RevertDue could not be called: makes the descriptor readable again soon.
-  void RetryLater() { _trials.RetryLater(); }
-
  private:
   Ticket RevertOne(const std::string& name, const settings::server::ChangeOrigin& origin) TAVIX_EXCLUDES(_mutex);
-  void RevertEach(const std::vector<std::string>& names, const char* reason);
+  using FindNames = std::vector<std::string> (SharedTrials::*)();
+  bool RevertEach(FindNames findNames, const char* reason) noexcept;
+  bool TryToRevert(const std::string& name, const char* reason);
 
   settings::server::SettingsManager& _manager;
   UserSettingsPersister& _persister;

@@ -44,9 +44,9 @@ void SharedTrials::AcknowledgeTimer() {
 }
 
 void SharedTrials::RetryLater() {
-  itimerspec setting{};
-  setting.it_value.tv_sec = 1;
-  timerfd_settime(_timer.Get(), 0, &setting, nullptr);
+  const osa::PlainMutexLock lock(_mutex);
+  _nextRetry = _getTime() + std::chrono::seconds(1);
+  SetTimer();
 }
 
 // While nothing is pending, changes of others pay for no lock.
@@ -160,7 +160,7 @@ void SharedTrials::SetTimer() {
   _hasPending.store(next.has_value(), std::memory_order_release);
   itimerspec setting{};
   if (next) {
-    const std::chrono::nanoseconds time = next->time_since_epoch();
+    const std::chrono::nanoseconds time = std::max(*next, _nextRetry).time_since_epoch();
     setting.it_value = ToTimespec(std::max(time, std::chrono::nanoseconds(1)));
   }
   timerfd_settime(_timer.Get(), TFD_TIMER_ABSTIME, &setting, nullptr);

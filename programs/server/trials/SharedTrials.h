@@ -44,8 +44,8 @@ class SharedTrials {
   int GetDescriptor() const { return _timer.Get(); }
   void AcknowledgeTimer();
 
-  // Makes it readable in a second, whatever is pending.
-  void RetryLater();
+  // Makes it readable in a second, and not before, if something is pending.
+  void RetryLater() TAVIX_EXCLUDES(_mutex);
 
   // As TrialBook::Prepare, with the store's lock held.
   void Prepare(const settings::server::PlannedChange& change) TAVIX_EXCLUDES(_mutex);
@@ -94,6 +94,7 @@ class SharedTrials {
   std::atomic<bool> _hasPending{false};
   std::atomic<size_t> _preparedBytes{0};
   osa::PlainMutex _mutex;
+  Time _nextRetry TAVIX_GUARDED_BY(_mutex){};  // before which the timer does not go off
   TrialBook _book TAVIX_GUARDED_BY(_mutex);
   TrialLines _lines TAVIX_GUARDED_BY(_mutex);
 };
