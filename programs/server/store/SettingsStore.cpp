@@ -70,7 +70,8 @@ SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, C
     : _maxStopTime(options.stopSeconds),
       _maxBytes(options.limits.storeBytes),
       _mayTry(options.trials > 0),
-      _sharedTrials(IsPersisted(options) ? std::make_unique<SharedTrials>(options.trials) : nullptr),
+      _sharedTrials(IsPersisted(options) ? std::make_unique<SharedTrials>(options.trials, options.limits.storeBytes)
+                                         : nullptr),
       _userSettings(MakePersister(sources, options, counters, _sharedTrials.get())),
       _unsaved(_userSettings ? nullptr : std::make_unique<UnsavedLayers>(sources)),
       _manager(_userSettings ? _userSettings.get() : _unsaved.get(), &sources, nullptr, false),

@@ -33,26 +33,7 @@ bool IsNothing(const StoreAmendment& revert) {
   return revert.set.IsEmpty() && revert.unset.IsEmpty() && revert.drop.IsEmpty();
 }
 
-const std::string* FindNow(const IniFile& user, const SettingName& name) {
-  static const std::string none;
-  const auto group = user.GetGroups().find(name.group);
-  if (group == user.GetGroups().end()) return nullptr;
-  if (!name.key) return group->second.empty() ? &none : nullptr;
-  const auto key = group->second.find(*name.key);
-  return key == group->second.end() ? nullptr : &key->second;
-}
-
-void AddSettings(const Trial& trial, const IniFile& user, IniFile::KeyMap& keys) {
-  for (const auto& [name, old] : trial.settings) {
-    const std::string text = SpellSetting(name);
-    if (old) keys["was " + text] = *old;
-    if (const std::string* now = FindNow(user, name)) keys["is " + text] = *now;
-  }
-  if (trial.state != Trial::State::kReverted) return;
-  for (const SettingName& name : trial.written) keys["kept " + SpellSetting(name)];
-}
-
-IniFile::KeyMap DescribeTrial(const Trial& trial, const IniFile& user, Trial::Time now) {
+IniFile::KeyMap DescribeState(const Trial& trial, Trial::Time now) {
   IniFile::KeyMap keys;
   keys["state"] = NameOf(trial.state);
   keys["by"] = SpellClient(trial.client);
@@ -62,17 +43,40 @@ IniFile::KeyMap DescribeTrial(const Trial& trial, const IniFile& user, Trial::Ti
     const auto left = std::chrono::ceil<std::chrono::seconds>(trial.end - now).count();
     keys["seconds"] = std::to_string(left > 0 ? left : 0);
   }
-  AddSettings(trial, user, keys);
+  for (const SettingName& name : trial.written) keys["kept " + SpellSetting(name)];
   return keys;
 }
 
 }  // namespace
+
+// Others read and write between the parts. What "part" had is destroyed without a lock.
+bool StoreTrials::ReadPart(const std::string& name, OldSettings& part, const Reader& read) {
+  const OldSettings previous = std::move(part);
+  const SettingName* const last = previous.empty() ? nullptr : &previous.rbegin()->first;
+  _manager.ReadUserSettings([&](const IniFile& user) {
+    part = _trials.GetSettings(name, last);
+    read(user);
+  });
+  return !part.empty();
+}
+
+StoreAmendment StoreTrials::PlanRevert(const std::string& name) {
+  StoreAmendment revert;
+  OldSettings part;
+  const auto plan = [&](const IniFile& user) {
+    for (const auto& setting : part) AddToRevert(setting, user, revert);
+  };
+  _trials.BeginPlan(name);
+  while (ReadPart(name, part, plan)) continue;
+  return revert;
+}
 
 // With the store locked: no change is half-way between the book's two steps.
 StoreTrials::Ticket StoreTrials::Confirm(const std::string& name, const Client& client) {
   Ticket ticket = 0;
   _manager.ReadUserSettings(
       [&](const IniFile&) { ticket = _persister.SaveTrial([&] { _trials.Confirm(name, client); }); });
+  _trials.DropReleased();
   return ticket;
 }
 
@@ -84,27 +88,67 @@ StoreTrials::Ticket StoreTrials::Revert(const std::string& name, const ChangeOri
   return RevertOne(name, revert);
 }
 
+// An outdated plan leaves no record.
+bool StoreTrials::End(const std::string& name, Ticket& ticket) {
+  const auto end = [&] {
+    if (!_trials.EndReverted(name)) throw TrialBook::OutdatedRevert();
+  };
+  _manager.ReadUserSettings([&](const IniFile&) { ticket = _persister.SaveTrial(end); });
+  return true;
+}
+
 // What others write meanwhile makes the plan outdated, and is the trial's no longer.
 StoreTrials::Ticket StoreTrials::RevertOne(const std::string& name, const ChangeOrigin& origin) {
   const osa::PlainMutexLock lock(_mutex);
   for (int round = 0; round < kMaxRounds; ++round) {
     Ticket ticket = 0;
-    bool isEnded = false;
-    StoreAmendment revert;
-    _manager.ReadUserSettings([&](const IniFile& user) {
-      _trials.RequireRevertible(name, origin.client);
-      revert = _trials.PlanRevert(name, user);
-      if (IsNothing(revert)) ticket = _persister.SaveTrial([&] { isEnded = _trials.EndReverted(name); });
-    });
-    if (isEnded) return ticket;
+    _trials.RequireRevertible(name, origin.client);
+    const StoreAmendment revert = PlanRevert(name);
     try {
-      if (_manager.Amend(revert, origin, ticket)) return ticket;
+      const bool isDone = IsNothing(revert) ? End(name, ticket) : _manager.Amend(revert, origin, ticket);
+      _trials.DropReleased();
+      if (isDone) return ticket;
       throw osa::Exception("Trial '%s' can't be reverted: its settings exclude one another", name.c_str());
     } catch (const TrialBook::OutdatedRevert&) {
       continue;
     }
   }
   throw osa::Exception("Trial '%s' can't be reverted: others change its settings all the time", name.c_str());
+}
+
+bool StoreTrials::IsPending(const std::string& name) {
+  const std::optional<Trial> trial = _trials.FindTrial(name);
+  return trial && trial->state == Trial::State::kPending;
+}
+
+// Again when it ends meanwhile: then it has no settings any more.
+void StoreTrials::DescribeTrial(const std::string& name, IniFile& answer) {
+  bool wasPending = false;
+  do {
+    const std::optional<Trial> trial = _trials.FindTrial(name);
+    if (!trial) return answer.RemoveGroup(name);
+    wasPending = trial->state == Trial::State::kPending;
+    answer[name] = DescribeState(*trial, _trials.GetTime());
+    if (wasPending) DescribeSettings(name, answer[name]);
+  } while (wasPending && !IsPending(name));
+}
+
+void StoreTrials::DescribeSettings(const std::string& name, IniFile::KeyMap& keys) {
+  OldSettings part;
+  OldSettings now;
+  const auto copy = [&](const IniFile& user) {
+    for (const auto& setting : part) {
+      const std::string* const value = FindNow(setting.first, user);
+      if (value) now.emplace_hint(now.end(), setting.first, *value);
+    }
+  };
+  while (ReadPart(name, part, copy)) {
+    for (const auto& [setting, old] : part) {
+      if (old) keys["was " + SpellSetting(setting)] = *old;
+    }
+    for (const auto& [setting, value] : now) keys["is " + SpellSetting(setting)] = *value;
+    now.clear();
+  }
 }
 
 bool StoreTrials::RevertDue() noexcept {
@@ -134,8 +178,7 @@ bool StoreTrials::TryToRevert(const std::string& name, const char* reason) {
     RevertOne(name, origin);
     Log()->Notice("Trial '%s' is reverted: %s", name.c_str(), reason);
   } catch (const std::exception& exception) {
-    const std::vector<std::string> pending = _trials.FindPending();
-    if (std::count(pending.begin(), pending.end(), name) == 0) return true;  // somebody else has ended it
+    if (!IsPending(name)) return true;  // somebody else has ended it
     Log()->Error("Trial '%s' is not reverted yet: %s", name.c_str(), exception.what());
     return false;
   }
@@ -143,10 +186,9 @@ bool StoreTrials::TryToRevert(const std::string& name, const char* reason) {
 }
 
 void StoreTrials::Describe(const std::string& name, IniFile& answer) {
-  _manager.ReadUserSettings([&](const IniFile& user) {
-    for (const auto& trial : _trials.GetTrials(name))
-      answer[trial.first] = DescribeTrial(trial.second, user, _trials.GetTime());
-  });
+  for (const std::string& known : _trials.FindKnown()) {
+    if (name.empty() || name == known) DescribeTrial(known, answer);
+  }
   if (!name.empty() && answer.IsEmpty())
     throw RefusedChange(RefusedChange::Reason::kTrial, "no trial is named '" + name + "'");
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -52,10 +53,18 @@ class StoreTrials {
   void AcknowledgeTimer() { _trials.AcknowledgeTimer(); }
 
  private:
+  using Reader = std::function<void(const core::IniFile& userSettings)>;
+
   Ticket RevertOne(const std::string& name, const settings::server::ChangeOrigin& origin) TAVIX_EXCLUDES(_mutex);
   using FindNames = std::vector<std::string> (SharedTrials::*)();
   bool RevertEach(FindNames findNames, const char* reason) noexcept;
   bool TryToRevert(const std::string& name, const char* reason);
+  settings::server::StoreAmendment PlanRevert(const std::string& name);
+  bool End(const std::string& name, Ticket& ticket);
+  bool IsPending(const std::string& name);
+  void DescribeTrial(const std::string& name, core::IniFile& answer);
+  void DescribeSettings(const std::string& name, core::IniFile::KeyMap& keys);
+  bool ReadPart(const std::string& name, OldSettings& part, const Reader& read);
 
   settings::server::SettingsManager& _manager;
   UserSettingsPersister& _persister;

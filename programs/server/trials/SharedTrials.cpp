@@ -15,7 +15,6 @@
 namespace tavix::daemon {
 
 using settings::server::PlannedChange;
-using settings::server::StoreAmendment;
 
 namespace {
 
@@ -35,8 +34,8 @@ timespec ToTimespec(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-SharedTrials::SharedTrials(size_t max, std::function<Time()> getTime)
-    : _getTime(std::move(getTime)), _timer(CreateTimer()), _book(max) {}
+SharedTrials::SharedTrials(size_t maxPending, size_t maxBytes, std::function<Time()> getTime)
+    : _getTime(std::move(getTime)), _timer(CreateTimer()), _book(maxPending, maxBytes) {}
 
 void SharedTrials::AcknowledgeTimer() {
   uint64_t ignored = 0;
@@ -51,9 +50,9 @@ void SharedTrials::RetryLater() {
 
 // While nothing is pending, changes of others pay for no lock.
 void SharedTrials::Prepare(const PlannedChange& change) {
+  _preparedBytes.store(0, std::memory_order_relaxed);
   if (change.origin.trial.empty() && !_hasPending.load(std::memory_order_acquire)) return;
   const osa::PlainMutexLock lock(_mutex);
-  _preparedBytes.store(0, std::memory_order_relaxed);
   _book.Prepare(change, _getTime());
   _lines.Reserve(_book.GetPreparedBytes());
   _preparedBytes.store(_book.GetPreparedBytes(), std::memory_order_relaxed);
@@ -79,9 +78,14 @@ void SharedTrials::RequireRevertible(const std::string& name, const Client& clie
   _book.RequireRevertible(name, client);
 }
 
-StoreAmendment SharedTrials::PlanRevert(const std::string& name, const core::IniFile& userSettings) {
+void SharedTrials::BeginPlan(const std::string& name) {
   const osa::PlainMutexLock lock(_mutex);
-  return _book.PlanRevert(name, userSettings);
+  _book.BeginPlan(name);
+}
+
+OldSettings SharedTrials::GetSettings(const std::string& name, const SettingName* last) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _book.GetSettings(name, last);
 }
 
 bool SharedTrials::EndReverted(const std::string& name) {
@@ -91,6 +95,12 @@ bool SharedTrials::EndReverted(const std::string& name) {
   _lines.AddReserved(lines);
   SetTimer();
   return !lines.empty();
+}
+
+void SharedTrials::DropReleased() {
+  OldSettings released;
+  const osa::PlainMutexLock lock(_mutex);
+  released = _book.TakeReleased();
 }
 
 std::vector<std::string> SharedTrials::FindPending() {
@@ -103,12 +113,14 @@ std::vector<std::string> SharedTrials::FindDue() {
   return _book.FindDue(_getTime());
 }
 
-std::map<std::string, Trial> SharedTrials::GetTrials(const std::string& name) {
+std::vector<std::string> SharedTrials::FindKnown() {
   const osa::PlainMutexLock lock(_mutex);
-  const std::map<std::string, Trial>& trials = _book.GetTrials(_getTime());
-  if (name.empty()) return trials;
-  const auto found = trials.find(name);
-  return found == trials.end() ? std::map<std::string, Trial>() : std::map<std::string, Trial>{*found};
+  return _book.FindKnown(_getTime());
+}
+
+std::optional<Trial> SharedTrials::FindTrial(const std::string& name) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _book.FindTrial(name);
 }
 
 void SharedTrials::Load(std::string_view lines) {

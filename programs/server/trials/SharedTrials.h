@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,8 +33,9 @@ class SharedTrials {
   using Time = Trial::Time;
   using Client = TrialBook::Client;
 
-  // max: of those that are pending at once. getTime: the monotonic clock; may be called under any lock.
-  explicit SharedTrials(size_t max, std::function<Time()> getTime = std::chrono::steady_clock::now);
+  // As TrialBook. getTime: the monotonic clock; may be called under any lock.
+  explicit SharedTrials(size_t maxPending, size_t maxBytes = 0,
+                        std::function<Time()> getTime = std::chrono::steady_clock::now);
 
   SharedTrials(const SharedTrials&) = delete;
   SharedTrials& operator=(const SharedTrials&) = delete;
@@ -59,17 +60,20 @@ class SharedTrials {
 
   void Confirm(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
   void RequireRevertible(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
-  settings::server::StoreAmendment PlanRevert(const std::string& name, const core::IniFile& userSettings)
-      TAVIX_EXCLUDES(_mutex);
+  void BeginPlan(const std::string& name) TAVIX_EXCLUDES(_mutex);
+  OldSettings GetSettings(const std::string& name, const SettingName* last) TAVIX_EXCLUDES(_mutex);
 
   // False when the plan is outdated.
   [[nodiscard]] bool EndReverted(const std::string& name) TAVIX_EXCLUDES(_mutex);
 
+  // Destroys what the trials that ended held; no lock is held.
+  void DropReleased() TAVIX_EXCLUDES(_mutex);
+
   std::vector<std::string> FindPending() TAVIX_EXCLUDES(_mutex);
   std::vector<std::string> FindDue() TAVIX_EXCLUDES(_mutex);
 
-  // Copies of those that are known; name: of one, empty for all.
-  std::map<std::string, Trial> GetTrials(const std::string& name) TAVIX_EXCLUDES(_mutex);
+  std::vector<std::string> FindKnown() TAVIX_EXCLUDES(_mutex);
+  std::optional<Trial> FindTrial(const std::string& name) TAVIX_EXCLUDES(_mutex);
   Time GetTime() const { return _getTime(); }
 
   // At start.

@@ -1,6 +1,7 @@
 #include "programs/server/trials/TrialSettings.h"
 
 #include <set>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -91,10 +92,9 @@ class Touch {
   // change: outlives the object, and does not change.
   explicit Touch(const PlannedChange& change) : _change(change) {}
 
-  // In ascending order. Costs what the change is long, and the groups of it that the trial has. Throws std::bad_alloc.
-  std::vector<OldSettings::const_iterator> Find(const OldSettings& settings) {
-    Names groups = FindGroups(settings);
-    std::vector<OldSettings::const_iterator> found;
+  std::vector<OldSettings::iterator> Find(OldSettings& settings) {
+    const Names groups = FindGroups(settings);
+    std::vector<OldSettings::iterator> found;
     for (const std::string& group : groups) {
       for (auto at = FindFirst(settings, group); at != settings.end() && at->first.group == group; ++at) {
         if (Writes(at->first, at->second)) found.push_back(at);
@@ -104,17 +104,17 @@ class Touch {
   }
 
  private:
-  static OldSettings::const_iterator FindFirst(const OldSettings& settings, const std::string& group) {
+  static OldSettings::iterator FindFirst(OldSettings& settings, const std::string& group) {
     return settings.lower_bound(SettingName{group, std::nullopt});
   }
 
-  static void AddIfThere(const OldSettings& settings, const std::string& group, Names& groups) {
+  static void AddIfThere(OldSettings& settings, const std::string& group, Names& groups) {
     const auto first = FindFirst(settings, group);
     if (first != settings.end() && first->first.group == group) groups.insert(group);
   }
 
   // The groups of the settings that the change may write to.
-  Names FindGroups(const OldSettings& settings) {
+  Names FindGroups(OldSettings& settings) {
     Names groups;
     for (const IniFile* const document : {_change.unset, _change.set, _change.replaced}) {
       if (!document) continue;
@@ -130,12 +130,16 @@ class Touch {
     return groups;
   }
 
-  void FindAsked(const OldSettings& settings) {
+  void FindAsked(OldSettings& settings) {
     Names candidates;
-    if (_change.asked->GetPatterns().empty()) {
-      for (const std::string& name : _change.asked->GetNames()) AddIfThere(settings, name, candidates);
-    } else {
-      for (const auto& setting : settings) candidates.insert(candidates.end(), setting.first.group);
+    for (const std::string& name : _change.asked->GetNames()) AddIfThere(settings, name, candidates);
+    for (const std::string& pattern : _change.asked->GetPatterns()) {
+      const std::string_view begin = std::string_view(pattern).substr(0, pattern.find('*'));
+      auto at = FindFirst(settings, std::string(begin));
+      while (at != settings.end() && at->first.group.compare(0, begin.size(), begin) == 0) {
+        candidates.insert(at->first.group);
+        at = FindFirst(settings, at->first.group + '\0');  // the next group
+      }
     }
     if (_change.recorded) candidates.erase(RecordGroup());
     _change.asked->GetMatchingGroups(candidates, _asked);
@@ -185,7 +189,17 @@ void RevertGroup(const std::string& group, bool wasThere, const IniFile& user, S
   }
 }
 
+constexpr size_t kNodeBytes = 160;  // of a container, beside the bytes of its texts
+
 }  // namespace
+
+size_t CountBytes(const SettingName& name) {
+  return kNodeBytes + name.group.size() + (name.key ? name.key->size() : 0);
+}
+
+size_t CountBytes(const OldSettings::value_type& setting) {
+  return CountBytes(setting.first) + (setting.second ? setting.second->size() : 0);
+}
 
 OldSettings FindWritten(const PlannedChange& change) {
   WrittenCollector written(change.userSettings);
@@ -204,28 +218,23 @@ OldSettings FindWritten(const PlannedChange& change) {
   return written.Take();
 }
 
-OldSettings TakeWritten(const PlannedChange& change, OldSettings& settings) {
-  OldSettings taken;
-  for (const auto at : Touch(change).Find(settings)) taken.insert(taken.end(), settings.extract(at));
-  return taken;
+std::vector<OldSettings::iterator> FindWritten(const PlannedChange& change, OldSettings& settings) {
+  return Touch(change).Find(settings);
 }
 
-bool WritesAny(const PlannedChange& change, const OldSettings& settings) {
-  return !Touch(change).Find(settings).empty();
+void AddToRevert(const OldSettings::value_type& setting, const IniFile& userSettings, StoreAmendment& revert) {
+  const auto& [name, old] = setting;
+  if (!name.key) return RevertGroup(name.group, old.has_value(), userSettings, revert);
+  const std::string* const now = FindNow(name, userSettings);
+  if (old && !(now && *now == *old)) revert.set[name.group][*name.key] = *old;
+  if (!old && now) revert.unset[name.group][*name.key];
 }
 
-StoreAmendment MakeRevert(const OldSettings& settings, const IniFile& userSettings) {
-  StoreAmendment revert;
-  for (const auto& [name, old] : settings) {
-    if (!name.key) {
-      RevertGroup(name.group, old.has_value(), userSettings, revert);
-      continue;
-    }
-    const std::string* const now = FindKey(FindGroup(userSettings, name.group), *name.key);
-    if (old && !(now && *now == *old)) revert.set[name.group][*name.key] = *old;
-    if (!old && now) revert.unset[name.group][*name.key];
-  }
-  return revert;
+const std::string* FindNow(const SettingName& name, const IniFile& userSettings) {
+  static const std::string none;
+  const KeyMap* const keys = FindGroup(userSettings, name.group);
+  if (name.key) return FindKey(keys, *name.key);
+  return keys && keys->empty() ? &none : nullptr;
 }
 
 }  // namespace tavix::daemon

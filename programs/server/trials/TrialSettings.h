@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/PlannedChange.h"
@@ -27,18 +29,23 @@ struct SettingName {
 // Settings with the values that they had; empty: they were not there. A group that was there has the value "".
 using OldSettings = std::map<SettingName, std::optional<std::string>>;
 
+// What one of them takes in memory, about.
+size_t CountBytes(const SettingName& name);
+size_t CountBytes(const OldSettings::value_type& setting);
+
 // All that a change writes, with what it was before. Throws std::bad_alloc.
 OldSettings FindWritten(const settings::server::PlannedChange& change);
 
-// Moves those out of "settings" that a change writes, the same value as before or another one. Throws std::bad_alloc,
-// and has moved nothing out then.
-OldSettings TakeWritten(const settings::server::PlannedChange& change, OldSettings& settings);
+// Those of "settings" that a change writes, the same value as before or another one, in ascending order. Costs what the
+// change is long and what is found, but for a pattern that begins with a "*". Throws std::bad_alloc.
+std::vector<OldSettings::iterator> FindWritten(const settings::server::PlannedChange& change, OldSettings& settings);
 
-// Whether a change writes one of these.
-bool WritesAny(const settings::server::PlannedChange& change, const OldSettings& settings);
+// Adds what brings one of them back, if the user settings are different from it. A "revert" of many never contradicts
+// itself. Throws std::bad_alloc.
+void AddToRevert(const OldSettings::value_type& setting, const core::IniFile& userSettings,
+                 settings::server::StoreAmendment& revert);
 
-// What brings these settings back, as far as the user settings are different from them. It never contradicts itself.
-// Throws std::bad_alloc.
-settings::server::StoreAmendment MakeRevert(const OldSettings& settings, const core::IniFile& userSettings);
+// What the user settings have now. Null: they do not have it.
+const std::string* FindNow(const SettingName& name, const core::IniFile& userSettings);
 
 }  // namespace tavix::daemon

@@ -1,5 +1,6 @@
 #include "programs/server/trials/TrialText.h"
 
+#include <algorithm>
 #include <charconv>
 #include <exception>
 #include <utility>
@@ -35,8 +36,22 @@ bool TakeMark(std::string_view& line, std::string_view mark) {
   return true;
 }
 
+// Whether settings text has it as it is, wherever it stands: nearly always.
+bool IsPlain(std::string_view text) {
+  constexpr std::string_view kSpecial = "\\[]=#;\x7f";
+  const bool hasPlainEnds = text.empty() || (text.front() != ' ' && text.back() != ' ');
+  return hasPlainEnds && std::none_of(text.begin(), text.end(), [&](char c) {
+           return static_cast<unsigned char>(c) < ' ' || kSpecial.find(c) != std::string_view::npos;
+         });
+}
+
 // The group's line of settings text and, if there is a key, `key=value`.
 std::string Spell(const SettingName& name, const std::string& value) {
+  if (IsPlain(name.group) && (!name.key || (IsPlain(*name.key) && IsPlain(value)))) {
+    std::string text = '[' + name.group + ']';
+    if (name.key) text.append(*name.key).append(1, '=').append(value);
+    return text;
+  }
   IniFile document;
   document[name.group];
   if (name.key) document[name.group][*name.key] = value;
@@ -141,8 +156,8 @@ void AppendOldSettings(const OldSettings& settings, std::string& lines) {
     lines.append(old ? kOld : kAbsent).append(old ? Spell(name, *old) : SpellSetting(name)).append(1, '\n');
 }
 
-void AppendWrittenSettings(const OldSettings& settings, std::string& lines) {
-  for (const auto& setting : settings) lines.append(kWritten).append(SpellSetting(setting.first)).append(1, '\n');
+void AppendWrittenSetting(const SettingName& name, std::string& lines) {
+  lines.append(kWritten).append(SpellSetting(name)).append(1, '\n');
 }
 
 std::string SpellEnd(const std::string& trial, std::string_view state) {

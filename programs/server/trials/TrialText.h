@@ -26,7 +26,7 @@ std::string SpellClient(const settings::server::ClientIdentity& client);
 
 std::string SpellPending(const std::string& trial, const settings::server::ClientIdentity& client);
 void AppendOldSettings(const OldSettings& settings, std::string& lines);
-void AppendWrittenSettings(const OldSettings& settings, std::string& lines);
+void AppendWrittenSetting(const SettingName& name, std::string& lines);
 std::string SpellEnd(const std::string& trial, std::string_view state);
 
 // What ReadTrialLines calls for each line that is whole.

@@ -16,6 +16,7 @@ const char* KindOf(RefusedChange::Reason reason) {
       return "full store: ";
     case RefusedChange::Reason::kTrial:
       return "trial: ";
+    case RefusedChange::Reason::kTrialBytes:
     case RefusedChange::Reason::kDeletedPatterns:
       break;
   }

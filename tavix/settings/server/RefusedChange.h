@@ -14,7 +14,8 @@ class TAVIX_EXPORT RefusedChange : public osa::Exception {
   enum class Reason {
     kStoreFull,        // it would make the store larger than its bound
     kDeletedPatterns,  // the record of deleted groups would hold more patterns than its bound
-    kTrial             // it was to be put on trial, and can't be
+    kTrial,            // it was to be put on trial, and can't be
+    kTrialBytes        // what is on trial would take more memory than its bound
   };
 
   RefusedChange(Reason reason, const std::string& message) : osa::Exception(message), _reason(reason) {}

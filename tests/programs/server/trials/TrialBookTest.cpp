@@ -286,7 +286,7 @@ TEST(TrialBook, KeepsABoundedNumberOfWhatHasEnded) {
     store.Try("60 " + name, "[A]\nx=2\n");
     store.Confirm(name);
   }
-  EXPECT_EQ(store.book.GetTrials(store.now).size(), TrialBook::kMaxEnded);
+  EXPECT_EQ(store.book.FindKnown(store.now).size(), TrialBook::kMaxEnded);
   EXPECT_EQ(store.GetState("t0"), "none");
 }
 

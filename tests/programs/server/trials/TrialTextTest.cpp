@@ -70,7 +70,7 @@ TEST(TrialText, EscapesWhateverNamesAndValuesHold) {
   EXPECT_EQ(SpellAfter(lines), lines);
   TrialBook book(1);
   book.Load(lines);
-  EXPECT_EQ(book.GetTrials({}).at("t").settings, settings);
+  EXPECT_EQ(book.GetSettings("t", nullptr), settings);
 }
 
 TEST(TrialText, SpellsASettingAsSettingsTextDoes) {
@@ -84,7 +84,7 @@ TEST(TrialText, KnowsWhoArmedATrialAfterARestart) {
     TriedStore store;
     store.client = client;
     store.Try("60 t", "[A]\nx=2\n");
-    EXPECT_EQ(store.Restart().GetTrials({}).at("t").client.user, client.user);
+    EXPECT_EQ(store.Restart().FindTrial("t")->client.user, client.user);
     EXPECT_EQ(store.Restart().Spell(), store.book.Spell());
   }
 }

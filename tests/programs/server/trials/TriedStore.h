@@ -26,8 +26,8 @@ class TriedStore : private MemoryPersister {
 
   static constexpr size_t kMaxTrials = 3;
 
-  explicit TriedStore(const std::string& user = "", const std::string& defaults = "")
-      : MemoryPersister({defaults}, user) {}
+  explicit TriedStore(const std::string& user = "", const std::string& defaults = "", size_t maxBytes = 0)
+      : MemoryPersister({defaults}, user), book(kMaxTrials, maxBytes) {}
 
   static Client ClientOf(uid_t user) { return {Client::Connection::kUnix, user, 100, 812}; }
   static Client Tcp() { return {Client::Connection::kTcp}; }
@@ -72,8 +72,18 @@ class TriedStore : private MemoryPersister {
 
   settings::server::StoreAmendment PlanRevert(const std::string& name) {
     settings::server::StoreAmendment revert;
-    manager.ReadUserSettings([&](const core::IniFile& user) { revert = book.PlanRevert(name, user); });
+    book.BeginPlan(name);
+    const daemon::OldSettings settings = GetSettings(name);
+    manager.ReadUserSettings([&](const core::IniFile& user) {
+      for (const auto& setting : settings) AddToRevert(setting, user, revert);
+    });
     return revert;
+  }
+  daemon::OldSettings GetSettings(const std::string& name) const {
+    daemon::OldSettings all;
+    daemon::OldSettings part = book.GetSettings(name, nullptr);
+    for (; !part.empty(); part = book.GetSettings(name, &all.rbegin()->first)) all.insert(part.begin(), part.end());
+    return all;
   }
   void CarryOutRevert(const std::string& name, const settings::server::StoreAmendment& revert) {
     settings::server::ChangeOrigin origin{client, "revert", {}, name};
@@ -93,9 +103,9 @@ class TriedStore : private MemoryPersister {
     return TextOf(seen);
   }
   std::string GetState(const std::string& name) {
-    const auto& trials = book.GetTrials(now);
-    const auto trial = trials.find(name);
-    return trial == trials.end() ? "none" : daemon::NameOf(trial->second.state);
+    book.FindKnown(now);
+    const auto trial = book.FindTrial(name);
+    return trial ? daemon::NameOf(trial->state) : "none";
   }
 
   // The book after a restart from the lines so far.
@@ -105,7 +115,7 @@ class TriedStore : private MemoryPersister {
     return restarted;
   }
 
-  daemon::TrialBook book{kMaxTrials};
+  daemon::TrialBook book;
   daemon::TrialBook::Time now{std::chrono::hours(1)};
   Client client = ClientOf(1000);
   settings::server::ChangeTicket ticket = 0;
