@@ -337,8 +337,9 @@ void ClientHandler::CarryOutExtra(std::string_view word, std::string_view args, 
   call.origin = isChange ? _client->BeginChange(word) : ChangeOrigin{_client->GetIdentity(), word, {}};
   const IExtraCommands::Answer answer = _extraCommands->CarryOut(call);
   _writer->HoldMessages(answer.ticket);
-  if (answer.kind == AnswerKind::kNone && !isChange) _client->BeginRequest();
-  _client->Refuse(answer.reason);
+  if (!isChange) _client->BeginRequest();
+  const bool isRefused = answer.kind == AnswerKind::kRefused;
+  _client->Refuse(isRefused ? std::string(word) + ": " + answer.reason : answer.reason);
   if (answer.kind != AnswerKind::kNone) WriteAnswer(answer);
 }
 

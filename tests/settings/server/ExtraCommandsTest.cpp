@@ -101,9 +101,16 @@ TEST_F(ExtraCommands, AreRefusedOnOneLineThatIsBounded) {
   EXPECT_EQ(served.Serve("show\n").size(), std::string("refused\n").size() + 512 + 1);
 }
 
-TEST_F(ExtraCommands, RefusalIsKnownToInfoAsWell) {
+TEST_F(ExtraCommands, RefusalIsKnownToInfoWithTheWordAsItsKind) {
   commands.answer = Refusal("too old");
-  EXPECT_EQ(served.Serve("undo 3\ninfo refused\n"), "refused\ntoo old\nRefused\n-------\nreason=too old\n\n");
+  EXPECT_EQ(served.Serve("undo 3\ninfo refused\n"), "refused\ntoo old\nRefused\n-------\nreason=undo: too old\n\n");
+}
+
+TEST_F(ExtraCommands, ThatAreCarriedOutClearTheReasonOfAnEarlierRequest) {
+  commands.answer = Data("");
+  for (const std::string word : {"show", "undo"}) {
+    EXPECT_EQ(served.Serve("merge\n[Secure]\n.\n" + word + "\ninfo refused\n"), "data\n.\nRefused\n-------\n\n");
+  }
 }
 
 TEST_F(ExtraCommands, WithoutAReplyMayLeaveAReason) {
