@@ -29,13 +29,17 @@ namespace {
 
 constexpr int kGroup = 7;
 constexpr char kMerge[] = "merge-durable";
+constexpr char kMergeWithHistory[] = "merge-durable-history";
 constexpr char kTestAndMerge[] = "tam-durable";
 constexpr char kGetUnderMerge[] = "get-under-merge";
 constexpr char kStalled[] = "merge-stalled-subscriber";
 constexpr char kBeside[] = "raw";
 constexpr char kAlone[] = "without it";
+constexpr char kHistory[] = "with a history";
+constexpr char kNoHistory[] = "without one";
 constexpr char kAppend[] = "append 128 B, fdatasync";
 constexpr double kMaxOverFloor = 1.2;
+constexpr double kMaxWithHistory = 1.05;
 constexpr double kMaxUnderMerge = 2;
 
 // A user layer of some size.
@@ -71,10 +75,12 @@ class AppendedFile {
 // A daemon with a user layer.
 class DurableDaemon {
  public:
+  // historyBytes: 0 for none.
   DurableDaemon(const Recorder& recorder, const Layer& layer, const char* durability = "always",
-                const Environment& environment = {})
+                const Environment& environment = {}, const char* historyBytes = "0")
       : _path(WriteSettingsFile(MakeDirectory(recorder), "user.ini", GroupsInBytes(layer.bytes, kKeysOfGroup))),
-        _daemon(recorder.GetSetup().server, {"--user-settings", _path, "--durability", durability}, kAnyCore,
+        _daemon(recorder.GetSetup().server,
+                {"--user-settings", _path, "--durability", durability, "--history", historyBytes}, kAnyCore,
                 environment) {
     // The first change of a file that the daemon did not write makes a snapshot of its own.
     TimedExchange(_daemon.Connect(), ChangeExchange("merge", kGroup, 0));
@@ -104,6 +110,22 @@ void Measure(Recorder& recorder, const std::string& item, const Layer& layer,
                        [&] { return TimedExchange(connection, makeExchange(++version)); }};
   const Contender floor{{item, kFloor, kAppend}, [&] { return Timed([&] { file.Append(); }); }};
   MeasureInTurnsFor(recorder, {ours, floor}, recorder.Choose(0.15, 0.4), recorder.Choose(20, 200));
+}
+
+// The same changes, and the same disk.
+void MeasureWithHistory(Recorder& recorder) {
+  const DurableDaemon recorded(recorder, kMiddleLayer, "always", {}, "67108864");
+  const DurableDaemon unrecorded(recorder, kMiddleLayer);
+  const osa::Descriptor withHistory = recorded.Connect();
+  const osa::Descriptor without = unrecorded.Connect();
+  int version = 0;
+  const auto change = [&](const osa::Descriptor& connection) {
+    return TimedExchange(connection, ChangeExchange("merge", kGroup, ++version));
+  };
+  MeasureInTurnsFor(recorder,
+                    {{{kMergeWithHistory, kOurs, kHistory}, [&] { return change(withHistory); }},
+                     {{kMergeWithHistory, kOurs, kNoHistory}, [&] { return change(without); }}},
+                    recorder.Choose(0.15, 0.4), recorder.Choose(20, 200));
 }
 
 // No request sets what another one set: all have something to write.
@@ -254,6 +276,8 @@ void AddDurableBenches(Suite& suite) {
       {kTestAndMerge}, [=](Recorder& recorder) { Measure(recorder, kTestAndMerge, kMiddleLayer, makeExchange); },
       Suite::Frequency::kFewRounds);
   suite.Compare({kTestAndMerge, kOurs, OursVariant(kMiddleLayer)}, {kTestAndMerge, kFloor, kAppend}, kMaxOverFloor);
+  suite.Add({kMergeWithHistory}, MeasureWithHistory, Suite::Frequency::kFewRounds);
+  suite.Compare({kMergeWithHistory, kOurs, kHistory}, {kMergeWithHistory, kOurs, kNoHistory}, kMaxWithHistory);
   for (int connections : {1, 10, 100}) {
     suite.Add({ThroughputItem(connections)}, [=](Recorder& recorder) {
       MeasureThroughput(recorder, connections, "durable", "always");
