@@ -63,6 +63,7 @@ void AddEntry(const HistoryEntry& entry, size_t omittedBytes, IniFile& answer) {
   keys["command"] = entry.command;
   keys["time"] = std::to_string(entry.time);
   if (!entry.note.empty()) keys["note"] = entry.note;
+  if (!entry.trial.empty()) keys["trial"] = entry.trial;
   if (omittedBytes > 0) {
     keys["omitted"] = std::to_string(omittedBytes);
   } else {

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
+#include <iterator>
+#include <map>
 #include <optional>
 #include <string_view>
 
@@ -10,30 +11,43 @@
 
 namespace tavix::daemon {
 
+class JournalReader;
+
 // What was found of the history at start beside FILE.history.
 struct FoundHistory {
   std::optional<uint64_t> snapshotRevision;  // empty: the snapshot has none
-  std::deque<HistoryEntry> entries;          // of the journal's changes, those that the snapshot holds first
-  bool lacksEntries = false;  // the user settings were changed without one, and no revision is left out for that
+  std::map<uint64_t, HistoryEntry> entries;  // of the journal's changes, also of those that the snapshot holds
+  bool lacksEntries = false;  // records changed the user settings without one, and no revision is left out for that
+  bool wasEdited = false;     // the snapshot is not what its last change left
 
   uint64_t journalRevision = 0;  // of the last entry
+  uint64_t seenRevision = 0;     // the last of changes that are lost
 
-  // Entries of changes that the snapshot holds were added: puts them in order, each once, none that is later.
+  // Entries of changes that the snapshot holds were added: drops those of later ones.
   void EndEarlier();
 
   // Of the last change.
   uint64_t GetRevision() const { return std::max(snapshotRevision.value_or(0), journalRevision); }
 
+  // Whether a history was kept when the files were written.
+  bool IsKnown() const { return snapshotRevision || !entries.empty(); }
+
   // Leaves the entries out that a file has.
   template <class Has>
   void DropEntries(Has has) {
-    entries.erase(
-        std::remove_if(entries.begin(), entries.end(), [&](const HistoryEntry& entry) { return has(entry.revision); }),
-        entries.end());
+    for (auto entry = entries.begin(); entry != entries.end();)
+      entry = has(entry->first) ? entries.erase(entry) : std::next(entry);
   }
 
-  // Adds the entries of a record. removed, set: its two texts. isInSnapshot: the snapshot holds its changes.
-  void Add(std::string_view removed, std::string_view set, bool isInSnapshot);
+  // Adds the entries of a record, of changes that the snapshot holds. Returns whether there are any.
+  bool Add(const JournalReader& record);
+
+  // Adds those of a record that is about to change these settings.
+  void AddNext(const JournalReader& record, const core::IniFile& settings);
+
+  // No revision is given again that was given to a change which is lost. bytes: of what holds such changes.
+  void NoteLost(std::string_view bytes);
+  void NoteLost(uint64_t revision);
 };
 
 }  // namespace tavix::daemon

@@ -19,6 +19,11 @@ const std::string* FindValue(const KeyMap* keys, const std::string& key) {
 
 }  // namespace
 
+const KeyMap* FindGroup(const core::IniFile& document, const std::string& name) {
+  const auto group = document.GetGroups().find(name);
+  return group == document.GetGroups().end() ? nullptr : &group->second;
+}
+
 void AddDifference(const std::string& group, const KeyMap* before, const KeyMap* after, HistoryEntry& entry) {
   if (IsEmptyGroup(before) && !IsEmptyGroup(after)) entry.was[group];
   if (IsEmptyGroup(after) && !IsEmptyGroup(before)) {

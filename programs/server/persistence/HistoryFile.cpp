@@ -5,32 +5,22 @@
 #include <cstdio>
 #include <utility>
 
+#include "programs/server/persistence/BadNames.h"
 #include "programs/server/persistence/Checksum.h"
+#include "programs/server/persistence/StartReads.h"
 
 namespace tavix::daemon {
 
 namespace {
 
 constexpr std::string_view kEndMark = "#. ";
-constexpr size_t kEndLineBytes = 12;  // with its checksum and its line feed
+constexpr size_t kEndLineBytes = 12;        // with its checksum and its line feed
+constexpr size_t kPieceBytes = 256 * 1024;  // that are written at once
 constexpr char kEndLine[] = "#. %08" PRIx32 "\n";
 
 std::string EndLineOf(std::string_view lines) {
   char line[kEndLineBytes + 1];
   return {line, static_cast<size_t>(std::snprintf(line, sizeof line, kEndLine, Checksum(lines)))};
-}
-
-// Where the next line begins so, from there on. npos: nowhere.
-size_t FindLine(std::string_view bytes, std::string_view mark, size_t from) {
-  size_t at = bytes.find(mark, from);
-  while (at != std::string_view::npos && at > 0 && bytes[at - 1] != '\n') at = bytes.find(mark, at + 1);
-  return at;
-}
-
-uint64_t RevisionOf(std::string_view lines) {
-  const std::string line(lines.substr(0, lines.find('\n')));
-  uint64_t revision = 0;
-  return std::sscanf(line.c_str(), "#@ %" SCNu64, &revision) == 1 ? revision : 0;
 }
 
 // lines: of an entry.
@@ -39,10 +29,16 @@ bool IsGap(std::string_view lines) {
   return entry.command == kGapCommand;
 }
 
-// Whether these bytes were never a history: no entry begins there, and the power left no zeros.
-bool IsForeign(std::string_view bytes) {
+// Whether it was never a history: no entry begins there, and the power left no zeros.
+bool IsForeign(const FileContent& content) {
+  if (!content.isRegular) return true;
+  const std::string_view bytes = content.bytes;
   const bool mayBeTorn = kEntryMark.substr(0, bytes.size()) == bytes || bytes.find('\0') != std::string_view::npos;
   return !mayBeTorn && FindLine(bytes, kEntryMark, 0) == std::string_view::npos;
+}
+
+void RequireOurs(bool isForeign, const std::string& path) {
+  if (isForeign) throw osa::Exception("'%s' holds something else than a history, and is left as it is", path.c_str());
 }
 
 void ReportDamage(size_t damaged, const std::string& path, std::vector<std::string>& problems) {
@@ -84,40 +80,55 @@ bool HistoryReader::Next() {
   return false;
 }
 
+uint64_t HistoryFile::Load(uint64_t journalBegin, std::vector<std::string>& problems) {
+  try {
+    Look(journalBegin, problems);
+  } catch (const std::exception& exception) {
+    problems.push_back(std::string("The history can't be used: ") + exception.what());
+  }
+  return _last;
+}
+
 // What can't be read at the end is dropped: what is appended takes its place. So is what stands behind damage among
 // the entries that the journal has: appended once more, all stand in their order.
-uint64_t HistoryFile::Load(uint64_t journalBegin, std::vector<std::string>& problems) {
+void HistoryFile::Look(uint64_t journalBegin, std::vector<std::string>& problems) {
   _file.reset();
+  _isKnown = false;
   HistoryParts parts(GetGeneration() + 1);
-  _last = LoadOld(parts, problems);
+  _last = 0;
+  uint64_t last = LookAtOld(parts, problems);
   const std::string path = PathOf(_snapshotPath);
   const FileContent content = Read(path, problems);
-  _exists = content.exists && content.problem.empty();
-  _isForeign = content.exists && (!content.isRegular || IsForeign(content.bytes));
-  _isKnown = true;
-  _end = 0;
-  _journalBegin = journalBegin;
-  _journaled.clear();
+  _isForeign = IsForeign(content);
+  std::set<uint64_t> journaled;
+  uint64_t end = 0;
   HistoryReader reader(content.bytes);
   size_t damaged = 0;  // before the entries that the journal may have
   while (reader.Next()) {
     const uint64_t revision = RevisionOf(reader.GetLines());
     const bool isJournaled = journalBegin > 0 && revision >= journalBegin;
     if (isJournaled && reader.CountDamaged() > damaged) break;
-    if (isJournaled) _journaled.insert(revision);
+    if (isJournaled) journaled.insert(revision);
     damaged = reader.CountDamaged();
     parts.Add(revision, IsGap(reader.GetLines()), reader.GetBegin(), reader.GetEnd() - reader.GetBegin());
-    _last = std::max(_last, revision);
-    _end = reader.GetEnd();
+    last = std::max(last, revision);
+    end = reader.GetEnd();
   }
   ReportDamage(journalBegin == 0 ? reader.CountDamaged() : damaged, path, problems);
   SetParts(std::move(parts));
-  return _last;
+  _exists = content.exists;
+  _end = end;
+  _last = last;
+  _journalBegin = journalBegin;
+  _journaled = std::move(journaled);
+  _isKnown = true;
 }
 
-uint64_t HistoryFile::LoadOld(HistoryParts& parts, std::vector<std::string>& problems) {
+// Returns its last revision.
+uint64_t HistoryFile::LookAtOld(HistoryParts& parts, std::vector<std::string>& problems) {
   const std::string path = OldPathOf(_snapshotPath);
   const FileContent content = Read(path, problems);
+  _isOldForeign = IsForeign(content);
   HistoryReader reader(content.bytes);
   uint64_t last = 0;
   while (reader.Next()) {
@@ -130,31 +141,44 @@ uint64_t HistoryFile::LoadOld(HistoryParts& parts, std::vector<std::string>& pro
   return last;
 }
 
-// Without bytes when it can't be read.
+// What the disk can't read is put aside. It is another thing when resources ran out, or rights: then the history is
+// there, and nobody knows what it holds.
 FileContent HistoryFile::Read(const std::string& path, std::vector<std::string>& problems) {
-  FileContent content = _files.Read(path);
-  if (content.problem.empty()) return content;
-  problems.push_back("The history in '" + path + "' can't be read: " + content.problem);
-  content.bytes.clear();
-  return content;
+  FileContent content = ReadAtStart(_files, path);
+  if (content.problem.empty() || !content.isRegular) return content;
+  const std::string bad = FindBadName(_files, path);
+  _files.Rename(path, bad);
+  problems.push_back("The history in '" + path + "' can't be read: " + content.problem + "; it is kept as '" + bad +
+                     "'");
+  return {};
 }
 
-void HistoryFile::Append(const HistoryItems& entries) {
-  const uint64_t lost = _lost;
-  for (const auto& entry : entries) _lost = std::max(_lost, entry->revision);
+void HistoryFile::Append(const HistoryItems& entries, std::vector<std::string>& problems) {
   try {
-    Open();
-    std::string text;
-    if (lost > _last) AddOne(lost, EncodeEntry(MakeGap()), text);
-    for (const auto& entry : entries) AddOne(entry->revision, entry->lines, text);
-    Write(text);
-    _lost = 0;
+    Open(problems);
+    for (const auto& entry : entries) {
+      const bool isBehindGap = _last != 0 && entry->revision > _last + 1;
+      if (isBehindGap) AddOne(entry->revision - 1, EncodeEntry(MakeGap()));
+      AddOne(entry->revision, entry->lines);
+    }
+    Sync();
   } catch (...) {
     _file.reset();
     _isKnown = false;
+    _text.clear();
     _written.clear();
     throw;
   }
+}
+
+bool HistoryFile::RemoveOld() {
+  const std::string path = OldPathOf(_snapshotPath);
+  if (_isOldForeign || !_files.Exists(path)) return false;
+  const osa::PlainMutexLock names(_nameMutex);
+  _files.Remove(path);
+  const osa::PlainMutexLock lock(_mutex);
+  _parts.DropOld();
+  return true;
 }
 
 bool HistoryFile::Has(uint64_t revision) const {
@@ -162,28 +186,31 @@ bool HistoryFile::Has(uint64_t revision) const {
   return _journalBegin == 0 || revision < _journalBegin || _journaled.count(revision) != 0;
 }
 
-// text: what is to be written.
-void HistoryFile::AddOne(uint64_t revision, const HistoryLines& lines, std::string& text) {
+void HistoryFile::AddOne(uint64_t revision, const HistoryLines& lines) {
   if (Has(revision)) return;
-  const std::string one = SealEntry(revision, lines);
-  const size_t before = _end + text.size();
-  if (before > 0 && before + one.size() > _maxBytes / 2) {
-    Write(std::exchange(text, {}));
+  std::string one = SealEntry(revision, lines);
+  const size_t bytes = one.size();
+  if (_end > 0 && _end + bytes > _maxBytes / 2) {
+    Sync();
     Rotate();
+  } else if (_text.size() + bytes > kPieceBytes) {
+    Write();
   }
-  _written.push_back({revision, IsGap(one), _end + text.size(), one.size()});
-  text += one;
+  _written.push_back({revision, IsGap(one), _end, bytes});
+  _end += bytes;
+  if (_text.empty()) {
+    _text = std::move(one);
+  } else {
+    _text += one;
+  }
   _last = std::max(_last, revision);
 }
 
 // After a failure nobody knows what the file holds.
-void HistoryFile::Open() {
+void HistoryFile::Open(std::vector<std::string>& problems) {
   if (_file) return;
-  std::vector<std::string> reported;
-  if (!_isKnown) Load(0, reported);
-  if (_isForeign)
-    throw osa::Exception("'%s' holds something else than a history, and is left as it is",
-                         PathOf(_snapshotPath).c_str());
+  if (!_isKnown) Look(0, problems);
+  RequireOurs(_isForeign, PathOf(_snapshotPath));
   if (!_exists) return;
   _file = _files.Open(PathOf(_snapshotPath));
   _file->Truncate(_end);
@@ -191,6 +218,7 @@ void HistoryFile::Open() {
 }
 
 void HistoryFile::Rotate() {
+  RequireOurs(_isOldForeign, OldPathOf(_snapshotPath));
   _file.reset();
   if (_exists) {
     const osa::PlainMutexLock names(_nameMutex);
@@ -198,23 +226,32 @@ void HistoryFile::Rotate() {
     const osa::PlainMutexLock lock(_mutex);
     _parts.Rotate();
   }
+  _isSynced = false;
   _exists = false;
   _end = 0;
 }
 
-// What an earlier daemon left may not be on the disk yet, and the journal that has it as well loses its name next.
-void HistoryFile::Write(const std::string& text) {
-  if (text.empty() && (!_file || _isSynced)) return;
+// What waits for it.
+void HistoryFile::Write() {
+  if (_text.empty()) return;
   if (!_file) {
     _file = _files.Create(PathOf(_snapshotPath));
+    _exists = true;
     _isSynced = false;
   }
-  if (!text.empty()) _file->WriteAt(_end, text);
+  _file->WriteAt(_end - _text.size(), _text);
+  _text.clear();
+  _hasUnsynced = true;
+}
+
+// What an earlier daemon left may not be on the disk yet, and the journal that has it as well loses its name next.
+void HistoryFile::Sync() {
+  Write();
+  if (!_file || (_isSynced && !_hasUnsynced)) return;
   _file->Sync();
   if (!_isSynced) _files.SyncDirectoryOf(_snapshotPath);
   _isSynced = true;
-  _exists = true;
-  _end += text.size();
+  _hasUnsynced = false;
   const osa::PlainMutexLock lock(_mutex);
   for (const Written& entry : _written) _parts.Add(entry.revision, entry.isGap, entry.offset, entry.bytes);
   _written.clear();

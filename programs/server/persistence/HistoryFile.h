@@ -49,8 +49,9 @@ class HistoryReader {
 // grown to half of the bytes that both may take.
 //
 // In order: Load, then entries are appended, each behind those before. What is appended is on the disk when Append
-// returns. After a failure the next Append looks anew for where the file ends, and entries that could not be written
-// are followed by one whose command is "gap".
+// returns. After a failure the next Append looks anew for where the file ends. Where revisions are missing between
+// those that are there and those that are appended, one comes whose command is "gap". What the disk can't read is put
+// aside under another name, and what was never a history stays as it is.
 //
 // Threads: one at a time; the three operations that read may be called from any, also beside an Append.
 // Locks:   the mutex for names is held while a part is read, and while FILE.history becomes FILE.history.1; the own
@@ -68,13 +69,17 @@ class HistoryFile {
 
   // Returns the last revision that is there; 0: none. journalBegin: the first revision of which the journal has an
   // entry, 0: it has none. The power may have gone while these were appended: what stands behind a damaged one is to be
-  // appended once more. problems: gets what is damaged.
+  // appended once more. problems: gets what is damaged, and why
+  // nothing is known of the files; then Append looks again.
   uint64_t Load(uint64_t journalBegin, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
 
   bool Has(uint64_t revision) const;
 
-  // Those whose revision is there already are left out.
-  void Append(const HistoryItems& entries) TAVIX_EXCLUDES(_mutex);
+  // Those whose revision is there already are left out. problems: as those of Load, of files that were looked at anew.
+  void Append(const HistoryItems& entries, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
+
+  // Removes FILE.history.1, to make room. False when there is none of ours.
+  bool RemoveOld() TAVIX_EXCLUDES(_nameMutex, _mutex);
 
   // Which revisions are there.
   HistoryParts::Range GetRange() const TAVIX_EXCLUDES(_mutex);
@@ -88,28 +93,32 @@ class HistoryFile {
       TAVIX_EXCLUDES(_nameMutex, _mutex);
 
  private:
+  void Look(uint64_t journalBegin, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
+  uint64_t LookAtOld(HistoryParts& parts, std::vector<std::string>& problems);
   FileContent Read(const std::string& path, std::vector<std::string>& problems);
-  uint64_t LoadOld(HistoryParts& parts, std::vector<std::string>& problems);
   void SetParts(HistoryParts&& parts) TAVIX_EXCLUDES(_mutex);
   uint64_t GetGeneration() const TAVIX_EXCLUDES(_mutex);
-  void AddOne(uint64_t revision, const HistoryLines& lines, std::string& text);
-  void Open();
+  void AddOne(uint64_t revision, const HistoryLines& lines) TAVIX_EXCLUDES(_mutex);
+  void Open(std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
   void Rotate() TAVIX_EXCLUDES(_nameMutex, _mutex);
-  void Write(const std::string& text) TAVIX_EXCLUDES(_mutex);
+  void Write();
+  void Sync() TAVIX_EXCLUDES(_mutex);
 
   FileSystem& _files;
   const std::string _snapshotPath;
   const size_t _maxBytes;
   std::unique_ptr<File> _file;    // null: to be opened
-  bool _isSynced = false;         // all of the open file, and its name
+  bool _isSynced = false;         // what was in the open file before, and its name
+  bool _hasUnsynced = false;      // written since the last sync
+  std::string _text;              // comes next, and waits for more
+  bool _isOldForeign = true;      // FILE.history.1, or nobody knows
   bool _isKnown = false;          // what follows
-  size_t _end = 0;                // of FILE.history, behind what is to be kept of it
+  size_t _end = 0;                // of FILE.history, behind what is to be kept of it, and what comes next
   bool _exists = false;           // FILE.history
   bool _isForeign = false;        // something else stands there
   uint64_t _last = 0;             // the last revision that is there
   uint64_t _journalBegin = 0;     // as Load was given it
   std::set<uint64_t> _journaled;  // of the revisions from there on, those that are in the file
-  uint64_t _lost = 0;             // the last one that could not be written; 0: none since the last that could
 
   struct Written {
     uint64_t revision = 0;
@@ -117,7 +126,7 @@ class HistoryFile {
     uint64_t offset = 0;
     size_t bytes = 0;
   };
-  std::vector<Written> _written;  // by the next Write
+  std::vector<Written> _written;  // since the last sync, or next
 
   mutable osa::PlainMutex _nameMutex;
   mutable osa::PlainMutex _mutex;

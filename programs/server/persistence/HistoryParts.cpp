@@ -11,12 +11,21 @@ void HistoryParts::Add(uint64_t revision, bool isGap, uint64_t offset, size_t by
   const bool isNext = _range.last != 0 && revision == _range.last + 1;
   if (isGap || !isNext) _range.oldest = isGap ? revision : revision - 1;
   _range.last = revision;
-  if (!_current.empty() && _current.back().bytes + bytes <= kPartBytes) {
-    Part& part = _current.back();
-    part.bytes = static_cast<size_t>(offset - part.offset) + bytes;
+  // What is damaged, or not new, is in no part: between two it may be any number of bytes.
+  const bool goesOn = !_current.empty() && _current.back().offset + _current.back().bytes == offset &&
+                      _current.back().bytes + bytes <= kPartBytes;
+  if (goesOn) {
+    _current.back().bytes += bytes;
   } else {
     _current.push_back({revision, false, offset, bytes, _generation});
   }
+}
+
+void HistoryParts::DropOld() {
+  ++_generation;
+  _old.clear();
+  for (Part& part : _current) part.generation = _generation;
+  _range.oldest = std::max(_range.oldest, _current.empty() ? _range.last : _current.front().first - 1);
 }
 
 void HistoryParts::Rotate() {

@@ -33,8 +33,9 @@ class HistoryParts {
   // An entry of FILE.history, behind those before. One whose revision is not above theirs is left out.
   void Add(uint64_t revision, bool isGap, uint64_t offset, size_t bytes);
 
-  // FILE.history becomes FILE.history.1.
+  // FILE.history becomes FILE.history.1; and that is removed.
   void Rotate();
+  void DropOld();
 
   // The last part that has a revision below this one. Empty: there is none.
   std::optional<Part> FindBelow(uint64_t revision) const;

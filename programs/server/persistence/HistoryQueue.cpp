@@ -15,33 +15,42 @@ size_t CountBytes(const HistoryLines& lines) {
 }  // namespace
 
 void HistoryQueue::Load(const FoundHistory& found, uint64_t inFile) {
+  const uint64_t revision = found.GetRevision();
+  _last = std::max({inFile, revision, found.seenRevision});
+  if (!IsOn()) {
+    if (found.IsKnown()) ++_last;  // stands for all changes until there is a history again
+    return;
+  }
   uint64_t before = inFile;
-  for (const HistoryEntry& entry : found.entries) {
-    if (entry.revision != before + 1) _lastLost = entry.revision - 1;
-    before = entry.revision;
-    Append(entry.revision, EncodeEntry(entry));
+  for (const auto& [number, entry] : found.entries) {
+    if (number > before + 1) AppendGap(number - 1);
+    before = std::max(before, number);
+    Append(number, EncodeEntry(entry));
   }
-  _last = std::max(inFile, found.GetRevision());
-  if (before != _last) _lastLost = _last;
-  if (found.lacksEntries || found.GetRevision() < inFile) {
-    Append(++_last, EncodeEntry(MakeGap()));
-    _lastLost = _last;
-  }
+  if (found.lacksEntries || found.wasEdited || revision < _last) ++_last;
+  if (before < _last) AppendGap(_last);
   _journaled = _last;
+}
+
+void HistoryQueue::AppendGap(uint64_t revision) {
+  _lastLost = revision;
+  Append(revision, EncodeEntry(MakeGap()));
 }
 
 std::string HistoryQueue::Add(std::optional<HistoryLines> lines) noexcept {
   ++_last;
   try {
-    if (lines && CountBytes(*lines) <= _maxBytes / 2) {
-      std::string text = SpellEntry(_last, lines->change);
-      Append(_last, std::move(*lines));
-      return text;
+    if (!lines || CountBytes(*lines) > _maxBytes / 2) {
+      _lastLost = _last;
+      lines = EncodeEntry(MakeGap());
     }
-  } catch (const std::exception&) {  // the entry is lost
+    std::string text = SpellEntry(_last, lines->change);
+    Append(_last, std::move(*lines));
+    return text;
+  } catch (const std::exception&) {
+    _lastLost = _last;
+    return "";
   }
-  _lastLost = _last;
-  return "";
 }
 
 void HistoryQueue::Append(uint64_t revision, HistoryLines&& lines) {

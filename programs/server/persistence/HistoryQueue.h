@@ -17,11 +17,11 @@ namespace tavix::daemon {
 struct HistoryState {
   uint64_t last = 0;      // revision
   uint64_t oldest = 0;    // all entries of revisions above this one are there
-  uint64_t lastLost = 0;  // the last revision without an entry; 0: none
+  uint64_t lastLost = 0;  // the last revision that is a gap, or without an entry; 0: none
 };
 
 // The entries of changes that FILE.history lacks, oldest first, and which of them the journals lack. Gives each saved
-// change its revision. A revision without an entry stands for one that is lost.
+// change its revision. A revision without an entry stands for one that is lost, as a gap does.
 //
 // In order: Load; then changes are added, each behind the one before. What a change's own record does not take along is
 // taken by a later record of the same journal. BeginSnapshot is the snapshot's moment: from there on the next journal
@@ -37,10 +37,11 @@ class HistoryQueue {
   bool IsOn() const { return _maxBytes > 0; }
 
   // found: without entries that FILE.history has. inFile: the last revision there. When the user settings changed
-  // otherwise, a gap follows.
+  // otherwise, a gap follows. Without a history it remembers the last revision alone.
   void Load(const FoundHistory& found, uint64_t inFile);
 
-  // Gives the next revision. Returns the entry as it goes into a record; empty: it is lost. lines: empty, it is lost.
+  // Gives the next revision. Returns the entry as it goes into a record; empty: it is lost. lines: empty, or too many:
+  // a gap takes the place of the entry.
   std::string Add(std::optional<HistoryLines> lines) noexcept;
 
   uint64_t GetLast() const { return _last; }
@@ -67,6 +68,7 @@ class HistoryQueue {
  private:
   std::string SpellBehind(uint64_t revision) const;
   void Append(uint64_t revision, HistoryLines&& lines);
+  void AppendGap(uint64_t revision);
   uint64_t GetFirst() const { return _entries.front()->revision; }
   void DropFirst();
 

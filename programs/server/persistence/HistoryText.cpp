@@ -7,6 +7,7 @@
 #include <exception>
 #include <utility>
 
+#include "programs/server/trials/TrialText.h"
 #include "tavix/core/MemoryStream.h"
 
 namespace tavix::daemon {
@@ -15,11 +16,11 @@ using core::IniFile;
 using settings::server::ChangeOrigin;
 using settings::server::ClientIdentity;
 using settings::server::ISettingsPersister;
-using KeyMap = IniFile::KeyMap;
 
 namespace {
 
 constexpr std::string_view kNote = "#n ";
+constexpr std::string_view kTrial = "#t ";
 constexpr std::string_view kWas = "#- ";
 constexpr std::string_view kWasNot = "#! ";
 constexpr std::string_view kIs = "#+ ";
@@ -97,20 +98,11 @@ int64_t GetTime() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
 
-template <class Id>
-std::string SpellId(Id id, Id nobody) {
-  return id == nobody ? kNobody : std::to_string(id);
-}
-
-std::string SpellClient(const ClientIdentity& client) {
-  return std::string(ClientIdentity::NameOf(client.connection)) + " " + SpellId(client.user, ClientIdentity::kNoUser) +
-         " " + SpellId(client.group, ClientIdentity::kNoGroup) + " " +
-         SpellId(client.process, ClientIdentity::kNoProcess);
-}
-
-const KeyMap* FindGroup(const IniFile& document, const std::string& name) {
-  const auto group = document.GetGroups().find(name);
-  return group == document.GetGroups().end() ? nullptr : &group->second;
+// Of `SECONDS NAME`, or of the name alone.
+std::string_view FindTrialName(std::string_view order) {
+  constexpr char kBlanks[] = " \t";
+  order = order.substr(0, order.find_last_not_of(kBlanks) + 1);
+  return order.substr(order.find_last_of(kBlanks) + 1);
 }
 
 // False: it is no first line.
@@ -131,6 +123,7 @@ bool ReadFirstLine(std::string_view line, HistoryEntry& entry) {
 void ReadLine(std::string_view line, HistoryEntry& entry) {
   const std::string_view rest = line.substr(std::min(line.size(), kWas.size()));
   if (BeginsWith(line, kNote)) entry.note = ReadNote(rest);
+  if (BeginsWith(line, kTrial)) entry.trial = rest;
   if (BeginsWith(line, kWas)) ReadSetting(rest, entry.was);
   if (BeginsWith(line, kWasNot)) ReadSetting(rest, entry.wasNot);
   if (BeginsWith(line, kIs)) ReadSetting(rest, entry.is);
@@ -138,10 +131,24 @@ void ReadLine(std::string_view line, HistoryEntry& entry) {
 
 }  // namespace
 
+size_t FindLine(std::string_view bytes, std::string_view mark, size_t from) {
+  size_t at = bytes.find(mark, from);
+  while (at != std::string_view::npos && at > 0 && bytes[at - 1] != '\n') at = bytes.find(mark, at + 1);
+  return at;
+}
+
+uint64_t RevisionOf(std::string_view lines) {
+  constexpr size_t kMaxBytes = 32;
+  const std::string line(lines.substr(0, kMaxBytes));
+  uint64_t revision = 0;
+  return std::sscanf(line.c_str(), "#@ %" SCNu64, &revision) == 1 ? revision : 0;
+}
+
 HistoryLines EncodeEntry(const HistoryEntry& entry) {
   HistoryLines lines;
   lines.change = std::to_string(entry.time) + " " + entry.command + " " + entry.by + "\n";
   if (!entry.note.empty()) lines.change.append(kNote).append(SpellNote(entry.note));
+  if (!entry.trial.empty()) lines.change.append(kTrial).append(entry.trial).append(1, '\n');
   AppendLines(lines.change, kWas, entry.was, true);
   AppendLines(lines.change, kWasNot, entry.wasNot, false);
   AppendLines(lines.now, kIs, entry.is, true);
@@ -158,6 +165,7 @@ HistoryEntry DescribeForHistory(const ISettingsPersister::SavedChange& change, i
   entry.command = change.origin.command.empty() ? kNobody : std::string(change.origin.command);
   entry.by = SpellClient(change.origin.client);
   entry.note = change.origin.note;
+  entry.trial = FindTrialName(change.origin.trial);
   for (const std::string& name : change.changedGroups)
     AddDifference(name, FindGroup(*change.before, name), FindGroup(change.userSettings, name), entry);
   // All that others of these groups got is new, and nothing else of them differs.
@@ -189,8 +197,7 @@ DescribedChange TryToDescribeForHistory(const ISettingsPersister::SavedChange& c
 HistoryEntry ReadHead(std::string_view lines) {
   HistoryEntry entry;
   ReadFirstLine(TakeLine(lines), entry);
-  const std::string_view note = TakeLine(lines);
-  if (BeginsWith(note, kNote)) ReadLine(note, entry);
+  while (BeginsWith(lines, kNote) || BeginsWith(lines, kTrial)) ReadLine(TakeLine(lines), entry);
   return entry;
 }
 

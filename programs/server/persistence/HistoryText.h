@@ -56,4 +56,10 @@ HistoryEntry ReadHead(std::string_view lines);
 // What begins an entry.
 constexpr std::string_view kEntryMark = "#@ ";
 
+// Where the next line begins so, from there on. npos: nowhere.
+size_t FindLine(std::string_view bytes, std::string_view mark, size_t from);
+
+// Of an entry that begins there; 0: it is none.
+uint64_t RevisionOf(std::string_view lines);
+
 }  // namespace tavix::daemon

@@ -138,6 +138,16 @@ void ApplyChange(core::IniFile& document, std::string_view removed, std::string_
   document.MergeSettings(std::move(changed));
 }
 
+bool MakesDifference(const core::IniFile& document, std::string_view removed, std::string_view set, bool extends) {
+  core::IniFile touched = ParseText(removed);
+  touched.MergeSettings(ParseText(set));
+  core::IniFile before;
+  for (const auto& group : touched) before.MergeSettings(document, group.first);
+  core::IniFile after = before;
+  ApplyChange(after, removed, set, extends);
+  return after.GetGroups() != before.GetGroups();
+}
+
 // The checksum is that of the first version.
 std::string EncodeJournalHeader(const SnapshotId& follows, uint64_t wholeFrom, bool extends) {
   std::string header = Format(kHeader, follows.generation, follows.checksum) + Format(kWhole, wholeFrom);

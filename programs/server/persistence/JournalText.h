@@ -30,6 +30,9 @@ Change DescribeChange(const core::IniFile& userSettings, const std::set<std::str
 // Makes the change to a document. Throws osa::Exception for what is no settings text; the document is as it was then.
 void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set, bool extends = false);
 
+// Whether ApplyChange would make one.
+bool MakesDifference(const core::IniFile& document, std::string_view removed, std::string_view set, bool extends);
+
 // The bytes of a journal, docs/persistence.md: a header that says which snapshot it follows, then records. Each
 // record's checksum covers the one before it, so that records count in their order only, and only in this journal.
 constexpr size_t kJournalHeaderSize = 128;

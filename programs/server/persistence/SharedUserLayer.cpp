@@ -36,7 +36,7 @@ void SharedUserLayer::Load(FoundUserSettings& found, uint64_t historyEnd) {
   state.snapshotBytes = found.snapshotBytes;
   state.mustBeWritten = found.mustBeWritten;
   const osa::PlainMutexLock lock(_mutex);
-  if (_history.IsOn()) _history.Load(found.history, historyEnd);
+  _history.Load(found.history, historyEnd);
   if (!found.mustBeWritten) _journal = std::move(found.journal);
   state.hasJournal = _journal != nullptr;
   state.isInPlace = _journal && _journal->IsInPlace();
@@ -63,6 +63,7 @@ DurabilityGate::Ticket SharedUserLayer::SaveTrial(const std::function<void()>& e
   static const core::IniFile none;
   const osa::PlainMutexLock lock(_mutex);
   end();
+  if (_setup.trials->GetUnjournaled().empty()) return 0;  // nothing has become of it
   return Write({none, {}, none, {}}, Change(), false);
 }
 
@@ -167,6 +168,7 @@ void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
   _isSaved = _state.IsSaved();
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
   if (!_state.AreChangesLate()) _notes.DropPending();
+  if (_setup.trials && _state.OwesAll()) _setup.trials->DropLines();
   if (steps.output == Steps::Output::kHold) _gate.Hold();
   if (steps.output == Steps::Output::kRelease) {
     _gate.StopHolding(steps.shown);

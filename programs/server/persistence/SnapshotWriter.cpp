@@ -1,8 +1,11 @@
 #include "programs/server/persistence/SnapshotWriter.h"
 
 #include <exception>
+#include <limits>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "programs/common/SettingsFileNames.h"
 #include "programs/server/persistence/SaveFailure.h"
@@ -68,7 +71,7 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   core::StringOstream out;
   out.Reserve(layerText.CountBytes() + kBytesAround);
   daemon::BeginSnapshot(out);
-  if (_layer.GetSetup().historyBytes > 0) WriteRevision(out, moment.revision);
+  if (_layer.GetSetup().historyBytes > 0 || moment.revision > 0) WriteRevision(out, moment.revision);
   layerText.MoveTo(out);
   Text text;
   text.snapshot.id = daemon::EndSnapshot(out, moment.end);
@@ -84,14 +87,14 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
 // The daemon's own files may have filled the disk. They give back what nobody needs, and then what somebody may need
 // one day.
 void SnapshotWriter::Replace(const Text& text) {
-  enum class Room { kAsItIs, kWithoutFilling, kWithoutBackup };
-  for (Room room = Room::kAsItIs;; room = room == Room::kAsItIs ? Room::kWithoutFilling : Room::kWithoutBackup) {
+  bool hasGivenBack = false;
+  while (true) {
     try {
       return ReplaceOnce(text);
     } catch (const NoRoom&) {
-      if (room == Room::kAsItIs) {
+      if (!std::exchange(hasGivenBack, true)) {
         _layer.GiveRoomBack(text.bytes.size());
-      } else if (room == Room::kWithoutBackup || !RemoveBackup()) {
+      } else if (!MakeRoom()) {
         throw;
       }
     }
@@ -102,6 +105,7 @@ void SnapshotWriter::Replace(const Text& text) {
 void SnapshotWriter::ReplaceOnce(const Text& text) {
   _trials.Write(text.snapshot.id, text.trials);
   const size_t replaced = _files.CountReplaced();
+  const size_t backups = _files.CountBackups();
   std::exception_ptr failure;
   try {
     for (const std::string& notice : _files.ReplaceSnapshot(text.bytes, text.time))
@@ -109,27 +113,39 @@ void SnapshotWriter::ReplaceOnce(const Text& text) {
   } catch (...) {
     failure = std::current_exception();
   }
+  if (_files.CountBackups() > backups) _trials.OnBackedUp();
   if (_files.CountReplaced() > replaced) _trials.OnReplaced();
   if (failure) std::rethrow_exception(failure);
 }
 
-bool SnapshotWriter::RemoveBackup() {
-  if (!_files.RemoveBackup()) return false;
-  _layer.GetLog().AddWarning(("'" + programs::BackupOf(_layer.GetSetup().path) + "'").c_str(),
-                             " is removed to make room: the disk is full, and the user settings come first");
+// False when nothing is left to remove.
+bool SnapshotWriter::MakeRoom() {
+  const std::string& path = _layer.GetSetup().path;
+  const bool isOldHistory = _history.RemoveOld();
+  if (!isOldHistory && !_files.RemoveBackup()) return false;
+  _layer.GetLog().AddWarning(
+      ("'" + (isOldHistory ? HistoryFile::OldPathOf(path) : programs::BackupOf(path)) + "'").c_str(),
+      " is removed to make room: the disk is full, and the user settings come first");
   return true;
 }
 
 // What the snapshot holds will be in no journal any more. Entries before it stands could be of changes that the power
-// takes back.
+// takes back. Those that the file does not get wait for the next snapshot.
 void SnapshotWriter::AppendHistory(uint64_t revision) {
   if (_layer.GetSetup().historyBytes == 0) return;
+  std::vector<std::string> problems;
   try {
-    _history.Append(_layer.GetHistoryUpTo(revision));
+    _history.Append(_layer.GetHistoryUpTo(revision), problems);
+    _layer.DropHistoryUpTo(revision);
   } catch (const std::exception& exception) {
-    _layer.GetLog().AddWarning(ReasonOf(exception), "; the last changes are missing in the history");
+    _layer.GetLog().AddWarning(ReasonOf(exception), "; the history gets the last changes later");
   }
-  _layer.DropHistoryUpTo(revision);
+  for (const std::string& problem : problems) _layer.GetLog().AddError(problem.c_str());
+}
+
+void SnapshotWriter::WriteRestOfHistory() {
+  constexpr uint64_t kAll = std::numeric_limits<uint64_t>::max();
+  if (!_layer.GetHistoryUpTo(kAll).empty()) AppendHistory(kAll);
 }
 
 // The snapshot stands, and holds all changes up to its last one; those since begin a journal of their own. Until that
@@ -159,7 +175,7 @@ std::shared_ptr<Journal> SnapshotWriter::MakeNextJournal(const SnapshotId& snaps
   if (!_layer.NeedsNextJournal()) return nullptr;
   std::shared_ptr<Journal> next = _layer.CreateNextJournal(snapshot);
   // The journal before, which may have filled the disk, stays until this one stands.
-  if (next->LacksSpareRoom() && RemoveBackup()) next->TakeSpareRoom();
+  if (next->LacksSpareRoom() && MakeRoom()) next->TakeSpareRoom();
   AppendChanges(*next);
   if (_layer.GetSetup().durability.kind != Durability::Kind::kNone) next->SyncRecords();  // leaves the next sync little
   _layer.TakeOver();

@@ -41,6 +41,9 @@ class SnapshotWriter {
   // Writes a snapshot on this thread, which is the object's own or comes after its end. False when that failed.
   bool Write();
 
+  // Appends what no snapshot could to the history. Comes after the thread's end, when a snapshot holds all changes.
+  void WriteRestOfHistory();
+
  private:
   struct Text {
     std::string bytes;
@@ -54,7 +57,7 @@ class SnapshotWriter {
   Text MakeText();
   void Replace(const Text& text);
   void ReplaceOnce(const Text& text);
-  bool RemoveBackup();
+  bool MakeRoom();
   void AppendHistory(uint64_t revision);
   void TakeOver(const UserLayerState::Snapshot& snapshot);
   std::shared_ptr<Journal> MakeNextJournal(const SnapshotId& snapshot, SharedUserLayer::Ticket& last)

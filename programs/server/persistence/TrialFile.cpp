@@ -12,15 +12,17 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr char kHeader[] = "# trials of %016" PRIx64 " %08" PRIx32 ", %08zx %08" PRIx32 "\n";
+constexpr char kHeader[] = "# trials of %016" PRIx64 " %08" PRIx32 ", %08zx ";
+constexpr char kHeaderEnd[] = "%08" PRIx32 "\n";
 constexpr size_t kHeaderSize = 57;
-constexpr size_t kMaxSections = 2;  // of the snapshot that stands, and of its backup
+constexpr std::string_view kMark = "# trials of ";
 
 std::string SpellHeader(const SnapshotId& snapshot, std::string_view lines) {
   char text[kHeaderSize + 1];
-  const int size =
-      std::snprintf(text, sizeof text, kHeader, snapshot.generation, snapshot.checksum, lines.size(), Checksum(lines));
-  return {text, static_cast<size_t>(size)};
+  const int begin = std::snprintf(text, sizeof text, kHeader, snapshot.generation, snapshot.checksum, lines.size());
+  const size_t size = static_cast<size_t>(begin);
+  std::snprintf(text + size, sizeof text - size, kHeaderEnd, Checksum(lines, Checksum({text, size})));
+  return text;
 }
 
 }  // namespace
@@ -65,24 +67,32 @@ std::string TrialFile::Load(const SnapshotId& snapshot, std::vector<std::string>
     return "";
   }
   std::string_view text = content.bytes;
-  std::string lines;
-  while (std::optional<Section> section = TakeSection(text)) {
-    if (section->snapshot == snapshot) lines = section->lines;
-    if (section->snapshot.generation <= snapshot.generation) _sections.push_back(std::move(*section));
+  bool isDamaged = false;
+  while (!text.empty()) {
+    if (std::optional<Section> section = TakeSection(text)) {
+      if (section->snapshot == snapshot) {
+        _current = std::move(*section);
+      } else if (section->snapshot.generation < snapshot.generation) {
+        _earlier.push_back(std::move(*section));
+      }
+    } else {
+      isDamaged = true;
+      text.remove_prefix(std::min(text.find(kMark, 1), text.size()));
+    }
   }
   if (!content.problem.empty()) {
     problems.push_back("What was on trial is not known: " + content.problem);
-  } else if (!text.empty()) {
+  } else if (isDamaged) {
     problems.push_back("'" + _path + "' is damaged: what was on trial may not be known");
   }
-  return lines;
+  return _current.lines;
 }
 
 void TrialFile::Write(const SnapshotId& next, std::string lines) {
-  _next = Section{next, std::move(lines)};
+  _next = {next, std::move(lines)};
   std::string text;
-  for (const Section& section : _sections) text += Spell(section);
-  text += Spell(*_next);
+  for (const Section& section : _earlier) text += Spell(section);
+  text += Spell(_current) + Spell(_next);
   if (_isKnown && text == _text) return;
   if (!text.empty()) {
     Replace(text);
@@ -109,11 +119,12 @@ void TrialFile::Replace(const std::string& text) {
   _files.SyncDirectoryOf(_path);
 }
 
+void TrialFile::OnBackedUp() {
+  _earlier.assign(1, _current);
+}
+
 void TrialFile::OnReplaced() {
-  if (!_next) return;
-  _sections.push_back(std::move(*_next));
-  _next.reset();
-  if (_sections.size() > kMaxSections) _sections.erase(_sections.begin(), _sections.end() - kMaxSections);
+  _current = std::move(_next);
 }
 
 }  // namespace tavix::daemon

@@ -15,7 +15,8 @@ namespace tavix::daemon {
 // section for the snapshot that stands, for its backup, and for the one that is about to take its place; so whichever
 // counts when the power has gone has its own.
 //
-// In order: Load; then for each snapshot Write before it takes its place, and OnReplaced behind that.
+// In order: Load; then for each snapshot Write before it takes its place, OnBackedUp once the one before is the backup,
+// and OnReplaced behind that.
 //
 // Threads: one at a time.
 // Errors:  Write throws osa::Exception that names the file and the reason, NoRoom for a full disk; Load throws
@@ -33,6 +34,9 @@ class TrialFile {
   // The lines are on the disk when it returns. Nothing is written as long as nothing is on trial.
   void Write(const SnapshotId& next, std::string lines);
 
+  // The snapshot that stands is the backup, too: none of those before counts any more.
+  void OnBackedUp();
+
   // The snapshot of the last Write stands.
   void OnReplaced();
 
@@ -49,10 +53,11 @@ class TrialFile {
 
   FileSystem& _files;
   const std::string _path;
-  std::vector<Section> _sections;  // of the backup and of the snapshot that stands
-  std::optional<Section> _next;    // of the one that is about to
-  std::string _text;               // of the file
-  bool _isKnown = false;           // what is in the file
+  std::vector<Section> _earlier;  // of the backup, or of all that may be it
+  Section _current;               // of the snapshot that stands
+  Section _next;                  // of the one that is about to
+  std::string _text;              // of the file
+  bool _isKnown = false;          // what is in the file
 };
 
 }  // namespace tavix::daemon

@@ -140,6 +140,7 @@ class UserLayerState {
   bool IsStopping() const { return _isStopping; }
   bool HasFailed() const { return (IsSnapshotting() ? _phaseOnFailure : _phase) == Phase::kFailed; }
   bool IsSnapshotting() const { return _phase == Phase::kSnapshotting; }
+  bool OwesAll() const { return _phase == Phase::kNoSnapshot || _phase == Phase::kFailed; }  // to a snapshot to come
   bool AreChangesLate() const { return _changes.areLate; }
   bool IsWritten() const { return _changes.written == _changes.last; }
   Ticket GetLast() const { return _changes.last; }

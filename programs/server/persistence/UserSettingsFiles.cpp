@@ -1,12 +1,11 @@
 #include "programs/server/persistence/UserSettingsFiles.h"
 
 #include <algorithm>
-#include <ctime>
 #include <exception>
 #include <utility>
 
 #include "programs/common/SettingsFileNames.h"
-#include "programs/server/persistence/HistoryText.h"
+#include "programs/server/persistence/BadNames.h"
 #include "programs/server/persistence/LongLine.h"
 #include "programs/server/persistence/PieceWriter.h"
 #include "programs/server/persistence/StartReads.h"
@@ -17,7 +16,6 @@
 namespace tavix::daemon {
 
 using programs::BackupOf;
-using programs::BadFilesOf;
 using programs::NewFileOf;
 
 namespace {
@@ -25,19 +23,6 @@ namespace {
 core::Logger* Log() {
   static core::Logger* const logger = core::Logger::GetLogger("UserSettings");
   return logger;
-}
-
-// A name that nothing has yet.
-std::string FindBadName(FileSystem& files, const std::string& path) {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts);
-  const std::string name = BadFilesOf(path) + text;
-  std::string free = name;
-  for (int i = 2; files.Exists(free); ++i) free = name + "-" + std::to_string(i);
-  return free;
 }
 
 uint64_t FindWhereChangesBegin(const JournalReader& journal, const Snapshot& snapshot) {
@@ -67,8 +52,7 @@ void AddEarlierEntries(const FoundJournal& journal, const SnapshotEnd& snapshot,
   JournalReader reader(journal.content.bytes);
   if (!reader.IsJournal()) return;
   const bool isOld = journal.changesFrom == 0 && reader.GetFollowed().generation < snapshot.generation;
-  while ((isOld || reader.GetEnd() < journal.changesFrom) && reader.Next())
-    found.history.Add(reader.GetRemoved(), reader.GetSet(), true);
+  while ((isOld || reader.GetEnd() < journal.changesFrom) && reader.Next()) found.history.Add(reader);
 }
 
 // Behind the last change that could be read.
@@ -76,8 +60,8 @@ JournalReader Replay(const FoundJournal& journal, FoundUserSettings& found) {
   JournalReader reader(journal.content.bytes);
   for (uint64_t begin = reader.GetEnd(); reader.Next(); begin = reader.GetEnd()) {
     if (begin < journal.changesFrom) continue;
+    found.history.AddNext(reader, found.settings);
     ApplyChange(found.settings, reader.GetRemoved(), reader.GetSet(), reader.Extends());
-    found.history.Add(reader.GetRemoved(), reader.GetSet(), false);
     found.trials += TakeTrialLines(reader.GetRemoved());
   }
   return reader;
@@ -121,7 +105,7 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   found.snapshotBytes = snapshot.bytes;
   found.hasLongLine = snapshot.hasLongLine;
   found.history.snapshotRevision = snapshot.revision;
-  found.history.lacksEntries = snapshot.revision && snapshot.state == Snapshot::State::kEdited;
+  found.history.wasEdited = snapshot.revision && snapshot.state == Snapshot::State::kEdited;
   ApplyJournal(snapshot, mayRepair, found);
   if (!mayRepair) return found;
   if (!found.mustBeWritten) RemoveLeftovers(found);
@@ -133,6 +117,7 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
 void UserSettingsFiles::RemoveLeftovers(const FoundUserSettings& found) {
   RemoveQuietly(_files, NewFileOf(_path));
   RemoveQuietly(_files, NewFileOf(BackupOf(_path)));
+  RemoveQuietly(_files, NewFileOf(programs::TrialsOf(_path)));
   if (found.history.entries.empty() && !IsNewJournalUsed(found)) RemoveNewJournal();
 }
 
@@ -197,6 +182,7 @@ Snapshot UserSettingsFiles::UseNewSnapshot(Snapshot absent, FoundUserSettings& f
 Snapshot UserSettingsFiles::UseBackup(const Snapshot& damaged, Snapshot backup, FoundUserSettings& found) {
   const bool isUsable = backup.state != Snapshot::State::kAbsent && backup.state != Snapshot::State::kDamaged;
   AvoidGeneration(backup.end.generation, found);
+  found.history.NoteLost(damaged.revision.value_or(0));
   found.mustBeWritten = true;
   found.problems.push_back("User settings are damaged: " + damaged.problem + "; " +
                            (isUsable ? "the backup '" + BackupOf(_path) + "' is used"
@@ -213,6 +199,7 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
     AvoidGeneration(JournalReader(journal->content.bytes).GetFollowed().generation, found);
     if (!IsOrphan(*journal, snapshot.end) || (journal == &onItsWay && journal->changes == 0)) continue;
     found.problems.push_back(DescribeOrphan(*journal));
+    found.history.NoteLost(journal->content.bytes);
     PutAside(journal->path, mayRepair, found);
   }
   for (const FoundJournal* journal : {&inPlace, &onItsWay}) AddEarlierEntries(*journal, snapshot.end, found);
@@ -242,6 +229,7 @@ bool UserSettingsFiles::NoteRest(const FoundJournal& journal, const JournalReade
                                  FoundUserSettings& found) {
   const std::string dropped = std::to_string(reader.CountMore()) + " bytes";
   const bool isRotten = reader.IsRotten();
+  if (isRotten) found.history.NoteLost(std::string_view(journal.content.bytes).substr(reader.GetEnd()));
   std::string text = isRotten ? "'" + journal.path + "' is damaged behind byte " + std::to_string(reader.GetEnd()) +
                                     ": changes are lost, " + dropped
                               : "'" + journal.path + "' ends with an unfinished change, which is dropped, " + dropped;
@@ -361,6 +349,7 @@ void UserSettingsFiles::KeepBackup() {
     _files.Remove(newBackup);
     _files.Link(_path, newBackup);
     _files.Rename(newBackup, BackupOf(_path));
+    ++_backups;
   } catch (const std::exception& exception) {
     _notices.push_back(std::string("No backup is kept: ") + exception.what());
   }

@@ -69,8 +69,9 @@ class UserSettingsFiles {
   // whole. Returns what is worth knowing.
   std::vector<std::string> ReplaceSnapshot(const std::string& text, int64_t written);
 
-  // How many snapshots took their place so far, also where what followed failed.
+  // How many snapshots took their place so far, and how many became the backup, also where what followed failed.
   size_t CountReplaced() const { return _replaced; }
+  size_t CountBackups() const { return _backups; }
 
   // After a snapshot that holds everything.
   void RemoveJournals();
@@ -110,6 +111,7 @@ class UserSettingsFiles {
   const std::string _path;
   Synced _synced = Synced::kUnknown;
   size_t _replaced = 0;
+  size_t _backups = 0;
   bool _isDamaged = false;      // what stands at the path is not worth being the backup
   bool _damagedIsKept = false;  // under another name
   std::vector<std::string> _notices;

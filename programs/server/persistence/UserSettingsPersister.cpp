@@ -47,20 +47,23 @@ void UserSettingsPersister::LoadUserSettings(SettingsCombiner& combiner) {
   combiner.LoadFromIni(std::move(found.settings));
 }
 
-// A journal that does not go on loses its name to the next one, or at once.
+// A journal that does not go on loses its name to the next one, or at once. Where the one that goes on follows another,
+// that one has lost its name.
 void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
   const bool goesOn = found.journal && !found.mustBeWritten;
-  const uint64_t journalBegin = found.history.entries.empty() ? 0 : found.history.entries.front().revision;
+  const uint64_t journalBegin = found.history.entries.empty() ? 0 : found.history.entries.begin()->first;
   const uint64_t historyEnd = _history.Load(journalBegin, found.problems);
   found.history.DropEntries([this](uint64_t revision) { return _history.Has(revision); });
   _layer.Load(found, historyEnd);
-  if (goesOn) return;
+  const uint64_t last = goesOn ? found.history.snapshotRevision.value_or(0) : found.history.GetRevision();
+  const HistoryItems items = _layer.GetHistoryUpTo(last);
+  if (goesOn && items.empty()) return;
   try {
-    _history.Append(_layer.GetHistoryUpTo(found.history.GetRevision()));
+    _history.Append(items, found.problems);
+    _layer.DropHistoryUpTo(last);
   } catch (const std::exception& exception) {
     found.problems.push_back(ReasonOf(exception));
   }
-  _layer.DropHistoryUpTo(found.history.GetRevision());
 }
 
 void UserSettingsPersister::LoadTrials(FoundUserSettings& found) {
@@ -139,6 +142,7 @@ bool UserSettingsPersister::WriteTheLast() {
   try {
     isWhole = isWhole || _snapshotWriter->Write();
     if (isWhole) {
+      _snapshotWriter->WriteRestOfHistory();
       _files.RemoveJournals();
     } else {
       _syncer->WriteRest();

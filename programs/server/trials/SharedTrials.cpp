@@ -159,6 +159,11 @@ void SharedTrials::FailSnapshot() {
   _lines.FailSnapshot();
 }
 
+void SharedTrials::DropLines() {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.DropAll();
+}
+
 std::string SharedTrials::BeginSnapshot() {
   const osa::PlainMutexLock lock(_mutex);
   std::string pending = _book.Spell();

@@ -86,6 +86,7 @@ class SharedTrials {
   void OnNextJournaled() TAVIX_EXCLUDES(_mutex);
   void Follow() TAVIX_EXCLUDES(_mutex);
   void FailSnapshot() TAVIX_EXCLUDES(_mutex);
+  void DropLines() TAVIX_EXCLUDES(_mutex);
 
   // A snapshot's moment. Returns the lines of all trials that are pending then.
   std::string BeginSnapshot() TAVIX_EXCLUDES(_mutex);

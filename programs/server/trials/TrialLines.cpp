@@ -29,6 +29,11 @@ void TrialLines::Follow() {
   Drop();
 }
 
+void TrialLines::DropAll() noexcept {
+  _text.clear();
+  _journaled = _nextJournaled = 0;
+}
+
 void TrialLines::Drop() {
   const size_t dropped = _hasNext ? std::min(_journaled, _nextJournaled) : _journaled;
   _text.erase(0, dropped);

@@ -27,6 +27,9 @@ class TrialLines {
   void BeginSnapshot();
   void FailSnapshot();
 
+  // No journal will take any of them: while no snapshot is made, the next one has all.
+  void DropAll() noexcept;
+
   // As for the journal.
   std::string_view GetUnjournaledByNext() const { return std::string_view(_text).substr(_nextJournaled); }
   void OnNextJournaled();

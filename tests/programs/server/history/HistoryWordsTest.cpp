@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string>
 
+#include "tavix/settings/Amendment.h"
 #include "tests/programs/server/history/HistoryServer.h"
 #include "tests/support/BackgroundCall.h"
 
@@ -52,6 +53,22 @@ TEST_F(HistoryRequest, ShowsWhatWasAndWhatIs) {
       "data\n[0000000001]\nby=local - - -\ncommand=merge\nis [A]x=1\nis [A]y=1\n[scanned]\nmore=true\nnext=1\n.\n");
   EXPECT_EQ(server.Serve("history 1 1\n"), "data\n[scanned]\nmore=false\nnext=1\n.\n");
   EXPECT_THAT(server.Serve("info features\n"), HasSubstr("\nhistory 0 2\n"));
+}
+
+TEST_F(HistoryRequest, NamesTheTrialOnWhichAChangeWasPutAndWhichOneWasReverted) {
+  settings::server::ChangeOrigin origin{{}, "merge", {}, "90 t-3f9a"};
+  settings::server::ChangeTicket ticket = 0;
+  server.store.GetManager().MergeSettings(DocumentOf("[A]\nx=1\n"), 0, origin, ticket);
+  origin.command = "revert";
+  origin.trial = "t-3f9a";
+  origin.isRevert = true;
+  settings::Amendment revert;
+  revert.unset = DocumentOf("[A]\nx=\n");
+  EXPECT_TRUE(server.store.GetManager().Amend(revert, origin, ticket));
+  EXPECT_EQ(server.Serve("history - 2\n"),
+            "data\n[0000000001]\nby=local - - -\ncommand=merge\nis [A]x=1\ntrial=t-3f9a\n"
+            "[0000000002]\nby=local - - -\ncommand=revert\ntrial=t-3f9a\nwas [A]x=1\n"
+            "[scanned]\nmore=true\nnext=1\n.\n");
 }
 
 TEST_F(HistoryRequest, SpellsNamesSoThatTheyCanBeToldApart) {

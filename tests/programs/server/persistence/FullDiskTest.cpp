@@ -113,6 +113,30 @@ TEST_F(FullDisk, TakesTheBackupWhenNothingElseIsLeft) {
   EXPECT_THAT(log.GetMessages(), Contains(kBackupIsRemoved));
 }
 
+TEST_F(FullDisk, TakesTheOldHistoryBeforeTheBackup) {
+  constexpr size_t kHistoryBytes = 128 * 1024;
+  const CapturedLog log;
+  {
+    PersistedStore store(_files, kAlways, "", std::chrono::hours(1), kHistoryBytes);
+    for (int i = 0; i < 50; ++i) store.Merge("[B]\ny=" + std::to_string(i) + std::string(1000, 'y') + "\n");
+    EXPECT_TRUE(store.Finish());
+  }
+  ASSERT_NE(_files.Get("user.ini.history.1"), "");
+  ASSERT_NE(_files.Get("user.ini.bak"), "");
+  size_t used = 0;
+  for (const auto& file : _files.GetImage()) used += file.second.bytes.size() / 4096 * 4096 + 4096;
+  _files.LimitRoom(used);
+  PersistedStore store(_files, kAlways, "", std::chrono::hours(1), kHistoryBytes);
+  store.Merge("[B]\ny=" + std::string(20 * 1000, 'z') + "\n");
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=" + std::string(20 * 1000, 'z') + "\n");
+  EXPECT_EQ(_files.Get("user.ini.history.1"), "");
+  EXPECT_EQ(CountOf(Kind::kRemove, "user.ini.bak"), 0u);
+  EXPECT_THAT(log.GetMessages(),
+              Contains("WARNING UserSettings: 'user.ini.history.1' is removed to make room: the disk is "
+                       "full, and the user settings come first"));
+}
+
 // It is the only state that can be read.
 TEST_F(FullDisk, KeepsTheBackupOfADamagedSnapshot) {
   {

@@ -61,6 +61,10 @@ struct HistoryFiles : testing::Test {
     problems.clear();
     return file.Load(journalBegin, problems);
   }
+  void Append(const HistoryItems& items) { file.Append(items, problems); }
+
+  // Reading it fails, however often it is tried at once.
+  void FailReads(const char* path, int error) { files.FailReads(path, error, 4); }
 
   MemoryFiles files;
   HistoryFile file{files, kUserFile, kMaxBytes};
@@ -70,7 +74,7 @@ struct HistoryFiles : testing::Test {
 }  // namespace
 
 TEST_F(HistoryFiles, HaveTheLinesOfEachEntryAndItsChecksum) {
-  file.Append(ItemsOf(1, 2));
+  Append(ItemsOf(1, 2));
   EXPECT_EQ(files.Get(kFile), TextOf(1) + TextOf(2));
   EXPECT_EQ(TextOf(1), "#@ 1 7 merge tcp - - -\n#! [A]x\n#+ [A]x=xxxxxxxxxx\n#. 5bb6ab4a\n");
 }
@@ -78,7 +82,7 @@ TEST_F(HistoryFiles, HaveTheLinesOfEachEntryAndItsChecksum) {
 TEST_F(HistoryFiles, GoOnBehindWhatIsThere) {
   files.Put(kFile, TextOf(4));
   EXPECT_EQ(Load(), 4u);
-  file.Append(ItemsOf(5, 5));
+  Append(ItemsOf(5, 5));
   EXPECT_EQ(files.Get(kFile), TextOf(4) + TextOf(5));
   EXPECT_THAT(problems, IsEmpty());
 }
@@ -86,7 +90,7 @@ TEST_F(HistoryFiles, GoOnBehindWhatIsThere) {
 TEST_F(HistoryFiles, CountAnEntryOnce) {
   files.Put(kFile, TextOf(4));
   Load();
-  file.Append(ItemsOf(3, 5));
+  Append(ItemsOf(3, 5));
   EXPECT_EQ(files.Get(kFile), TextOf(4) + TextOf(5));
 }
 
@@ -98,7 +102,7 @@ TEST_F(HistoryFiles, DropATornEnd) {
       files.Put(kFile, whole.substr(0, bytes) + std::string(zeros, '\0'));
       EXPECT_EQ(Load(), 1u);
       EXPECT_THAT(problems, IsEmpty()) << bytes;
-      file.Append(ItemsOf(2, 2));
+      Append(ItemsOf(2, 2));
       EXPECT_EQ(files.Get(kFile), whole);
     }
   }
@@ -111,7 +115,7 @@ TEST_F(HistoryFiles, TakeWhatTheJournalHasOnceMore) {
   files.Put(kFile, TextOf(1) + second + TextOf(3));
   EXPECT_EQ(Load(2), 1u);
   EXPECT_THAT(problems, IsEmpty());
-  file.Append(ItemsOf(2, 4));
+  Append(ItemsOf(2, 4));
   EXPECT_THAT(Read(files.Get(kFile)), ElementsAre("1 merge", "2 merge", "3 merge", "4 merge"));
 }
 
@@ -126,7 +130,7 @@ TEST_F(HistoryFiles, SkipADamagedEntryAndReportIt) {
 }
 
 TEST_F(HistoryFiles, BecomeTheOldOneAtHalfOfTheBytes) {
-  file.Append(ItemsOf(1, 10, 1000));
+  Append(ItemsOf(1, 10, 1000));
   EXPECT_LE(files.Get(kFile).size(), kMaxBytes / 2);
   EXPECT_LE(files.Get(kOldFile).size(), kMaxBytes / 2);
   EXPECT_THAT(Read(files.Get(kOldFile)),
@@ -136,11 +140,11 @@ TEST_F(HistoryFiles, BecomeTheOldOneAtHalfOfTheBytes) {
 }
 
 TEST_F(HistoryFiles, ThatCanNotBeWrittenHaveAGapAfterwards) {
-  file.Append(ItemsOf(1, 1));
+  Append(ItemsOf(1, 1));
   files.FailAfter(0, true);
-  EXPECT_THROW(file.Append(ItemsOf(2, 2)), osa::Exception);
+  EXPECT_THROW(Append(ItemsOf(2, 2)), osa::Exception);
   files.FailNoMore();
-  file.Append(ItemsOf(3, 3));
+  Append(ItemsOf(3, 3));
   EXPECT_THAT(Read(files.Get(kFile)), ElementsAre("1 merge", "2 gap", "3 merge"));
   EXPECT_THAT(files.Get(kFile), HasSubstr(" gap daemon - - -\n#. "));
 }
@@ -149,11 +153,11 @@ TEST_F(HistoryFiles, FailAtNoOperationInAWayThatLosesWhatIsThere) {
   for (size_t operations = 0; operations < 12; ++operations) {
     MemoryFiles failing;
     HistoryFile history(failing, kUserFile, kMaxBytes);
-    history.Append(ItemsOf(1, 1, 7000));
+    history.Append(ItemsOf(1, 1, 7000), problems);
     failing.FailAfter(operations, false);
-    EXPECT_NO_THROW(try { history.Append(ItemsOf(2, 2, 7000)); } catch (const osa::Exception&){});
+    EXPECT_NO_THROW(try { history.Append(ItemsOf(2, 2, 7000), problems); } catch (const osa::Exception&){});
     failing.FailNoMore();
-    history.Append(ItemsOf(3, 3, 10));
+    history.Append(ItemsOf(3, 3, 10), problems);
     const std::string all = failing.Get(kOldFile) + failing.Get(kFile);
     const std::vector<std::string> entries = Read(all);
     EXPECT_EQ(entries.front(), "1 merge") << operations;
@@ -165,17 +169,87 @@ TEST_F(HistoryFiles, FailAtNoOperationInAWayThatLosesWhatIsThere) {
 TEST_F(HistoryFiles, LeaveWhatWasNeverAHistoryAsItIs) {
   files.Put(kFile, "no history at all");
   EXPECT_EQ(Load(), 0u);
-  EXPECT_THROW(file.Append(ItemsOf(1, 1)), osa::Exception);
+  EXPECT_THROW(Append(ItemsOf(1, 1)), osa::Exception);
   EXPECT_EQ(files.Get(kFile), "no history at all");
 }
 
-TEST_F(HistoryFiles, ThatCanNotBeReadAreReportedAndBegunAnew) {
-  files.Put(kFile, TextOf(1));
-  files.FailReads(kFile, EIO, 1);
-  EXPECT_EQ(Load(), 0u);
-  EXPECT_THAT(problems, ElementsAre(StartsWith("The history in 'user.ini.history' can't be read: ")));
-  file.Append(ItemsOf(1, 1));
+TEST_F(HistoryFiles, ThatTheDiskCanNotReadArePutAside) {
+  for (const char* path : {kFile, kOldFile}) {
+    files.Put(path, TextOf(1));
+    FailReads(path, EIO);
+    EXPECT_EQ(Load(), 0u);
+    ASSERT_THAT(problems, ElementsAre(StartsWith("The history in '" + std::string(path) + "' can't be read: ")));
+    const std::string problem = problems[0];
+    const size_t name = problem.find("kept as '") + 9;
+    EXPECT_EQ(files.Get(problem.substr(name, problem.size() - name - 1)), TextOf(1));
+    EXPECT_EQ(files.Get(path), "");
+  }
+  Append(ItemsOf(1, 1));
   EXPECT_EQ(files.Get(kFile), TextOf(1));
+}
+
+TEST_F(HistoryFiles, StayAsTheyAreWhileNothingIsLeftToReadThemWith) {
+  for (const int error : {EMFILE, ENFILE, ENOMEM, EACCES}) {
+    files.Put(kFile, TextOf(1));
+    FailReads(kFile, error);
+    EXPECT_EQ(Load(), 0u);
+    EXPECT_THAT(problems, ElementsAre(StartsWith("The history can't be used: Failed to read 'user.ini.history': ")));
+    Append(ItemsOf(2, 2));
+    EXPECT_EQ(files.Get(kFile), TextOf(1) + TextOf(2));
+  }
+}
+
+TEST_F(HistoryFiles, StayAsTheyAreWhenTheyCanNotBeReadBehindAFailure) {
+  Append(ItemsOf(1, 1));
+  files.FailAfter(0, true);
+  EXPECT_THROW(Append(ItemsOf(2, 2)), osa::Exception);
+  files.FailNoMore();
+  FailReads(kFile, EMFILE);
+  EXPECT_THROW(Append(ItemsOf(2, 2)), osa::Exception);
+  EXPECT_EQ(files.Get(kFile).find(TextOf(1)), 0u);
+  Append(ItemsOf(2, 2));
+  EXPECT_EQ(files.Get(kFile), TextOf(1) + TextOf(2));
+}
+
+TEST_F(HistoryFiles, OfOthersNeverGiveWayToOurs) {
+  files.Put(kOldFile, "no history at all");
+  Append(ItemsOf(1, 1, 7000));
+  EXPECT_THROW(Append(ItemsOf(2, 2, 7000)), osa::Exception);
+  EXPECT_FALSE(file.RemoveOld());
+  EXPECT_EQ(files.Get(kOldFile), "no history at all");
+  EXPECT_EQ(files.Get(kFile), SealEntry(1, ItemOf(1, 7000).lines));
+}
+
+TEST_F(HistoryFiles, GiveTheOldOneUpForRoom) {
+  EXPECT_FALSE(file.RemoveOld());
+  Append(ItemsOf(1, 10, 1000));
+  EXPECT_TRUE(file.RemoveOld());
+  EXPECT_FALSE(file.RemoveOld());
+  EXPECT_EQ(files.Get(kOldFile), "");
+  EXPECT_EQ(file.GetRange().oldest, 7u);
+  EXPECT_EQ(file.GetRange().last, 10u);
+  EXPECT_EQ(file.FindPart(8), std::nullopt);
+  EXPECT_EQ(Read(file.ReadPart(*file.FindPart(11), SIZE_MAX).value_or("")).back(), "10 merge");
+}
+
+// More than is written at once.
+TEST_F(HistoryFiles, TakeManyEntriesPieceByPiece) {
+  HistoryFile large(files, kUserFile, 64 * 1024 * 1024);
+  large.Append(ItemsOf(1, 100, 10 * 1000), problems);
+  std::string expected;
+  for (const auto& item : ItemsOf(1, 100, 10 * 1000)) expected += SealEntry(item->revision, item->lines);
+  EXPECT_EQ(files.Get(kFile), expected);
+  const auto part = large.FindPart(2);
+  ASSERT_TRUE(part);
+  EXPECT_EQ(Read(large.ReadPart(*part, part->bytes).value_or("")).front(), "1 merge");
+}
+
+// What is damaged between two entries, however long, hides none of those around it.
+TEST_F(HistoryFiles, ArePartsWithoutDamage) {
+  files.Put(kFile, TextOf(1) + std::string(300 * 1024, '\0') + "\n" + TextOf(2));
+  Load();
+  EXPECT_EQ(file.FindPart(2)->bytes, TextOf(1).size());
+  EXPECT_EQ(file.FindPart(3)->bytes, TextOf(2).size());
 }
 
 TEST_F(HistoryFiles, AreReadHoweverTheyAreDamaged) {
@@ -189,7 +263,7 @@ TEST_F(HistoryFiles, AreReadHoweverTheyAreDamaged) {
     if (random() % 2 == 0) bytes.resize(random() % bytes.size());
     files.Put(kFile, TextOf(1) + bytes);
     EXPECT_LE(Load(), 5u);
-    file.Append(ItemsOf(6, 6));
+    Append(ItemsOf(6, 6));
     EXPECT_EQ(Read(files.Get(kFile)).front(), "1 merge");
     EXPECT_EQ(Read(files.Get(kFile)).back(), "6 merge");
   }

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,6 @@
 namespace tavix::test {
 
 using daemon::FoundUserSettings;
-using daemon::HistoryEntry;
 using settings::server::ChangeOrigin;
 using settings::server::ChangeTicket;
 using settings::server::ClientIdentity;
@@ -50,7 +50,7 @@ std::vector<std::string> ReadRecords(const MemoryFiles& files) {
 
 std::vector<uint64_t> RevisionsOf(const FoundUserSettings& found) {
   std::vector<uint64_t> revisions;
-  for (const HistoryEntry& entry : found.history.entries) revisions.push_back(entry.revision);
+  for (const auto& entry : found.history.entries) revisions.push_back(entry.first);
   return revisions;
 }
 
@@ -153,7 +153,9 @@ TEST_F(HistoryJournal, LacksAnEntryThatIsMoreThanHalfOfTheHistory) {
   store.Merge("[A]\nx=" + std::string(9 * 1024, 'x') + "\n");
   store.Merge("[A]\ny=1\n");
   store.AwaitDurable();
-  EXPECT_EQ(RevisionsOf(Find(_files)), std::vector<uint64_t>{2});
+  FoundUserSettings found = Find(_files);
+  EXPECT_EQ(RevisionsOf(found), (std::vector<uint64_t>{1, 2}));
+  EXPECT_EQ(found.history.entries[1].command, "gap");
 }
 
 TEST_F(HistoryJournal, GivesItsEntriesToTheFileBeforeItLosesItsName) {
@@ -176,6 +178,105 @@ TEST_F(HistoryJournal, LeavesAllEntriesInTheFileWhenTheDaemonEnds) {
   EXPECT_TRUE(store.Finish());
   EXPECT_EQ(_files.Get(kJournal), "");
   EXPECT_EQ(SavedHistory(_files.GetImage()).GetRevisions(), std::vector<uint64_t>{1});
+}
+
+// Neither is a change of the user settings, as a start finds them.
+TEST_F(HistoryJournal, HasNoGapBehindACrashForWhatReadersAloneNotice) {
+  {
+    HistoryStore store(_files);
+    store.GetManager().MergeSettings(DocumentOf("[Default]\nx=7\n"), settings::server::SettingsManager::kNoPersist);
+    settings::Amendment amendment;
+    amendment.unset = DocumentOf("[Default]\nx=\n");
+    EXPECT_TRUE(store.GetManager().Amend(amendment));
+    store.Merge("[B]\nx=1\n");
+    store.AwaitDurable();
+    store.GetManager().MergeSettings(DocumentOf("[Default]\nx=7\n"), settings::server::SettingsManager::kNoPersist);
+    EXPECT_TRUE(store.GetManager().Amend(amendment));
+    store.AwaitDurable();
+    store.Crash();
+  }
+  EXPECT_EQ(SavedHistory(_files.GetImage()).GetRevisions(), std::vector<uint64_t>{1});
+}
+
+TEST_F(HistoryJournal, GivesNoRevisionTwiceWhenTheLastEntryIsTooLong) {
+  {
+    HistoryStore store(_files, kAlways, 16 * 1024);
+    for (const char* value : {"1", "2"}) store.Merge("[A]\nx=" + std::string(9 * 1024, *value) + "\n");
+    EXPECT_TRUE(store.Finish());
+  }
+  {
+    PersistedStore store(_files, kAlways);
+    store.Merge("[A]\nx=unrecorded\n");
+    EXPECT_TRUE(store.Finish());
+    EXPECT_THAT(_files.Get(kUserFile), HasSubstr("\n# Revision 3\n"));
+  }
+  HistoryStore store(_files, kAlways, 16 * 1024);
+  EXPECT_EQ(store.GetHistory()->GetRange().last, 3u);
+}
+
+// Clients were shown revisions 2 and 3 of a file that has rotten since.
+TEST_F(HistoryJournal, GivesNoRevisionTwiceWhenTheBackupIsUsed) {
+  {
+    HistoryStore store(_files);
+    store.Merge("[A]\nx=2\n");
+    EXPECT_TRUE(store.Finish());
+  }
+  {
+    HistoryStore store(_files);
+    store.Merge("[A]\nx=3\n");
+    EXPECT_TRUE(store.Finish());
+  }
+  for (const bool isWithoutHistory : {false, true}) {
+    MemoryFiles files(_files.GetImage());
+    std::string damaged = files.Get(kUserFile);
+    damaged[damaged.find("x=3")] = '\0';
+    files.Put(kUserFile, damaged);
+    if (isWithoutHistory) files.Remove("user.ini.history");
+    HistoryStore store(files);
+    EXPECT_EQ(UserSettingsOf(store.GetManager()), "[A]\nx=2\n");
+    EXPECT_EQ(store.GetHistory()->GetRange().last, 3u);
+    EXPECT_EQ(store.GetHistory()->GetRange().oldest, 3u);
+  }
+}
+
+TEST_F(HistoryJournal, GivesNoRevisionTwiceWhenChangesAreLostWithTheJournal) {
+  {
+    HistoryStore store(_files);
+    store.Merge("[A]\nx=2\n");
+    store.Merge("[A]\nx=3\n");
+    store.AwaitDurable();
+    store.Crash();
+  }
+  std::string journal = _files.Get(kJournal);
+  journal[journal.find("#@ 2") - 3] ^= 1;
+  _files.Put(kJournal, journal);
+  HistoryStore store(_files);
+  EXPECT_EQ(UserSettingsOf(store.GetManager()), "[A]\nx=2\n");
+  EXPECT_EQ(store.GetHistory()->GetRange().last, 3u);
+  EXPECT_EQ(store.GetHistory()->GetRange().oldest, 3u);
+}
+
+// What the file did not get waits for the next snapshot.
+TEST_F(HistoryJournal, GivesItsEntriesToTheFileOnceThatCanBeWritten) {
+  {
+    HistoryStore store(_files);
+    store.Merge("[A]\nx=2\n");
+    EXPECT_TRUE(store.Finish());
+  }
+  std::atomic<bool> fails{true};
+  _files.AddObserver([&](const auto& operation) {
+    if (fails && operation.kind == MemoryFiles::Operation::Kind::kOpen && operation.path == "user.ini.history")
+      throw osa::Exception("Failed to open 'user.ini.history': Input/output error");
+  });
+  HistoryStore store(_files);
+  store.Merge("[A]\nlarge=" + std::string(kLargeChange + 1000, 'x') + "\n");
+  store.AwaitDurable();
+  store.Merge("[B]\ny=1\n");
+  ASSERT_TRUE(Eventually([&] { return _files.Get(kUserFile).find("large=xxx") != std::string::npos; }));
+  store.AwaitDurable();
+  fails = false;
+  EXPECT_TRUE(store.Finish());
+  EXPECT_EQ(SavedHistory(_files.GetImage()).GetRevisions(), (std::vector<uint64_t>{1, 2, 3}));
 }
 
 TEST_F(HistoryJournal, OfADaemonWithoutAHistoryHasAGapInItsPlace) {

@@ -29,6 +29,7 @@ HistoryEntry MakeEntry() {
   entry.command = "merge";
   entry.by = "unix 1000 100 812";
   entry.note = "site 4";
+  entry.trial = "t-3f9a";
   entry.was = DocumentOf("[Network]\nhostname=old\n[Gone]\n");
   entry.wasNot = DocumentOf("[Network]\naddress=\n[Came]\n");
   entry.is = DocumentOf("[Network]\nhostname=new\naddress=10.0.0.2\n[Came]\n");
@@ -61,6 +62,7 @@ void ExpectEqual(const HistoryEntry& entry, const HistoryEntry& expected) {
   EXPECT_EQ(entry.command, expected.command);
   EXPECT_EQ(entry.by, expected.by);
   EXPECT_EQ(entry.note, expected.note);
+  EXPECT_EQ(entry.trial, expected.trial);
   EXPECT_EQ(TextOf(entry.was), TextOf(expected.was));
   EXPECT_EQ(TextOf(entry.wasNot), TextOf(expected.wasNot));
   EXPECT_EQ(TextOf(entry.is), TextOf(expected.is));
@@ -79,6 +81,7 @@ TEST(HistoryText, HasALineForTheChangeTheNoteAndEachSetting) {
   EXPECT_EQ(SpellAll(MakeEntry()),
             "#@ 118 1795311855000000000 merge unix 1000 100 812\n"
             "#n site 4\n"
+            "#t t-3f9a\n"
             "#- [Gone]\n"
             "#- [Network]hostname=old\n"
             "#! [Came]\n"
@@ -93,6 +96,20 @@ TEST(HistoryText, SaysWhoMadeTheChangeAndADashForWhatIsNotKnown) {
   EXPECT_EQ(DescribeBy(unixClient), "#@ 1 7 merge unix 1000 100 812\n#n a\\nb\n#! [A]x\n");
   EXPECT_EQ(DescribeBy({{ClientIdentity::Connection::kTcp}, "overwrite", ""}), "#@ 1 7 overwrite tcp - - -\n#! [A]x\n");
   EXPECT_EQ(DescribeBy({}), "#@ 1 7 - local - - -\n#! [A]x\n");
+}
+
+TEST(HistoryText, HasTheTrialOnWhichAChangeWasPutOrWhichItReverts) {
+  ChangeOrigin origin{{ClientIdentity::Connection::kTcp}, "merge", {}, " 90  t-1 "};
+  EXPECT_EQ(DescribeBy(origin), "#@ 1 7 merge tcp - - -\n#t t-1\n#! [A]x\n");
+  origin.trial = "t-1";
+  EXPECT_EQ(DescribeBy(origin), "#@ 1 7 merge tcp - - -\n#t t-1\n#! [A]x\n");
+}
+
+TEST(HistoryText, HasAHeadThatNamesTheTrial) {
+  const HistoryEntry head = daemon::ReadHead(SpellAll(MakeEntry()));
+  EXPECT_EQ(head.note, "site 4");
+  EXPECT_EQ(head.trial, "t-3f9a");
+  EXPECT_TRUE(head.IsEmpty());
 }
 
 TEST(HistoryText, IsReadAsItWasWritten) {

@@ -114,7 +114,8 @@ TEST_F(KeptEntries, AreUnknownUpToOneThatIsLost) {
   store.Set(1);
   store.Set(2, 9 * 1024);
   store.Set(3);
-  EXPECT_THAT(ReadAll(*store.GetHistory()), ElementsAre(1));
+  EXPECT_THAT(ReadAll(*store.GetHistory()), ElementsAre(3, 2, 1));
+  EXPECT_EQ(store.GetHistory()->ReadBelow(3, kAll, kAll).items[0].entry.command, "gap");
   EXPECT_THAT(RangeOf(*store.GetHistory()), ElementsAre(3, 3));
 }
 

@@ -27,7 +27,7 @@ struct SavedHistory {
     settings = TextOf(found.settings);
     const auto& journal = found.history.entries;
     daemon::HistoryFile file(files, kUserFile, kHistoryBytes);
-    const uint64_t last = file.Load(journal.empty() ? 0 : journal.front().revision, problems);
+    const uint64_t last = file.Load(journal.empty() ? 0 : journal.begin()->first, problems);
     found.history.DropEntries([&](uint64_t revision) { return file.Has(revision); });
     uint64_t below = daemon::KeptHistory::kNewest;
     while (const auto part = file.FindPart(below)) {

@@ -1,14 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
 
-#include "programs/server/store/StoreTrials.h"
-#include "tests/programs/server/persistence/PersistedStore.h"
-#include "tests/support/BackgroundCall.h"
+#include "tests/programs/server/persistence/TrialStore.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryFiles.h"
 #include "tests/support/PowerCuts.h"
@@ -19,80 +19,8 @@ namespace tavix::test {
 
 namespace {
 
-using daemon::SharedTrials;
-using daemon::StoreTrials;
-using settings::server::ChangeOrigin;
-using settings::server::ClientIdentity;
-
 constexpr size_t kNoHistory = 0;
-constexpr size_t kHistory = 64 * 1024;
-const ClientIdentity kClient{ClientIdentity::Connection::kUnix, 1000, 100, 812};
-
-// A store as the daemon has it: what was pending when the one before ended is reverted first.
-class TrialStore {
- public:
-  explicit TrialStore(daemon::FileSystem& files, size_t historyBytes = kNoHistory)
-      : _store(files, kAlways, "[D]\nx=default\n", std::chrono::hours(1), historyBytes, &_trials),
-        _ends(_store.GetManager(), _store.GetPersister(), _trials) {
-    _ends.RevertAll();
-  }
-
-  void Try(const std::string& trial, const std::string& settings) {
-    settings::server::ChangeTicket ticket = 0;
-    _store.GetManager().MergeSettings(DocumentOf(settings), 0, ChangeOrigin{kClient, "merge", {}, trial}, ticket);
-  }
-
-  void TryToOverwrite(const std::string& trial, const std::string& group) {
-    settings::server::ChangeTicket ticket = 0;
-    _store.GetManager().OverwriteSettings({group}, core::IniFile(), ChangeOrigin{kClient, "overwrite", {}, trial},
-                                          ticket);
-  }
-
-  void Merge(const std::string& settings) { _store.Merge(settings); }
-  void Confirm(const std::string& name) { AwaitDurable(_store.GetGate(), _ends.Confirm(name, kClient)); }
-  void Revert(const std::string& name) { _ends.Revert(name, ChangeOrigin{kClient, "revert", {}}); }
-  void AwaitDurable() { _store.AwaitDurable(); }
-  using Gate = daemon::DurabilityGate;
-  static void AwaitDurable(Gate& gate, Gate::Ticket ticket) { test::AwaitDurable(gate, ticket); }
-
-  // As an ordered end.
-  bool Finish() {
-    _ends.RevertAll();
-    return _store.Finish();
-  }
-  void Crash() { _store.Crash(); }
-
-  std::string GetUser() {
-    std::string text;
-    _store.GetManager().ReadUserSettings([&](const core::IniFile& user) { text = TextOf(user); });
-    return text;
-  }
-
-  std::string GetState(const std::string& name) {
-    core::IniFile answer;
-    _ends.Describe("", answer);
-    return answer.GetValueOrDefault(name, "state");
-  }
-
-  // More than a journal has before a snapshot is made.
-  void MakeSnapshotDue() { Merge("[Large]\nx=" + std::string(kMinJournal + 1000, 'x') + "\n"); }
-
-  // Returns when what is on trial stands in the file of its own, and a journal without it has taken the place of the
-  // one that had it.
-  void AwaitTrialsInFile(const MemoryFiles& files) {
-    const std::string path = kUserFile;
-    ASSERT_TRUE(Eventually([&] {
-      Merge("[Large]\nx=" + std::to_string(files.CountOperations()) + "\n");
-      AwaitDurable();
-      return !files.Get(path + ".trials").empty() && files.Get(path + ".journal").find("#t") == std::string::npos;
-    }));
-  }
-
- private:
-  SharedTrials _trials{16};
-  PersistedStore _store;
-  StoreTrials _ends;
-};
+constexpr size_t kHistory = 4 * 1024 * 1024;
 
 std::string UserAfter(const MemoryFiles::Image& image) {
   MemoryFiles files(image);
@@ -214,8 +142,8 @@ namespace {
 // settings that a start may lead to.
 class TrialLife {
  public:
-  TrialLife() {
-    TrialStore store(_files);
+  explicit TrialLife(size_t historyBytes) : _historyBytes(historyBytes) {
+    TrialStore store(_files, historyBytes);
     Expect(
         store, {""}, [&] { store.Merge("[A]\nx=1\n"); }, "[A]\nx=1\n");
     Expect(
@@ -244,7 +172,11 @@ class TrialLife {
 
   // Empty, or what is wrong with finding these files at that time.
   std::string FindFault(const MemoryFiles::Image& image, size_t time) const {
-    core::IniFile document = DocumentOf(UserAfter(image));
+    MemoryFiles files(image);
+    TrialStore store(files, _historyBytes);
+    const std::string fault = _historyBytes > 0 ? FindHistoryFault(store, _states, FindShown(time)) : "";
+    if (!fault.empty()) return "at operation " + std::to_string(time) + " " + fault;
+    core::IniFile document = DocumentOf(store.GetUser());
     document.RemoveGroup("Large");
     const std::string found = TextOf(document);
     std::string allowed;
@@ -260,24 +192,40 @@ class TrialLife {
     size_t begun = 0;
     size_t ended = 0;
     std::set<std::string> allowed;
+    uint64_t revision = 0;
   };
+
+  // The last revision that anybody was shown at that time.
+  uint64_t FindShown(size_t time) const {
+    uint64_t shown = 0;
+    for (const Step& step : _steps) {
+      if (step.ended <= time) shown = step.revision;
+    }
+    return shown;
+  }
 
   // A step leads from what a start led to before to what it leads to from then on.
   template <class Action>
   void Expect(TrialStore& store, std::set<std::string> allowed, Action action, const std::string& after) {
     // Without a hole between two steps: a snapshot may go on there.
-    Step step{_steps.empty() ? _files.CountOperations() : _steps.back().ended, 0, std::move(allowed)};
+    Step step{_steps.empty() ? _files.CountOperations() : _steps.back().ended, 0, std::move(allowed), 0};
     if (!_steps.empty()) step.allowed.insert(_last);
     step.allowed.insert(after);
     action();
     store.AwaitDurable();
+    if (_historyBytes > 0) {
+      step.revision = store.GetStore().GetHistory()->GetRange().last;
+      _states[step.revision] = store.GetUser();
+    }
     step.ended = _files.CountOperations();
     _last = after;
     _steps.push_back(step);
   }
 
+  const size_t _historyBytes;
   MemoryFiles _files;
   std::vector<Step> _steps;
+  std::map<uint64_t, std::string> _states{{0, ""}};  // by their revisions
   std::string _last;
 };
 
@@ -286,12 +234,14 @@ class TrialLife {
 TEST(TrialPowerCut, LeavesNoTrialAndMixesNothing) {
   const unsigned int seed = std::random_device()();
   std::cout << "seed " << seed << std::endl;
-  const TrialLife life;
-  PowerCuts cuts({}, life.GetFiles().GetOperations(), seed);
-  do {
-    for (int i = 0; i < 8; ++i) ASSERT_EQ(life.FindFault(cuts.Cut(), cuts.GetPosition()), "");
-    ASSERT_EQ(life.FindFault(cuts.Keep(), cuts.GetPosition()), "");
-  } while (cuts.Advance());
+  for (const size_t history : {kNoHistory, kHistory}) {
+    const TrialLife life(history);
+    PowerCuts cuts({}, life.GetFiles().GetOperations(), seed);
+    do {
+      for (int i = 0; i < 8; ++i) ASSERT_EQ(life.FindFault(cuts.Cut(), cuts.GetPosition()), "");
+      ASSERT_EQ(life.FindFault(cuts.Keep(), cuts.GetPosition()), "");
+    } while (cuts.Advance());
+  }
 }
 
 // Whatever fails, for once or for ever, the store goes on, and what is on trial goes back.

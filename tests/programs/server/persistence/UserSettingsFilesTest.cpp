@@ -202,7 +202,8 @@ TEST_F(UserFiles, ForeignFileIsOnTheDiskBeforeItIsShown) {
 
 TEST_F(UserFiles, LeftoversOfAnInterruptedSaveAreRemovedAtTheStart) {
   Save("[A]\nx=1\n", 7);
-  for (const char* name : {"user.ini.new", "user.ini.bak.new", "user.ini.journal.new"}) _files.Put(name, "[A");
+  for (const char* name : {"user.ini.new", "user.ini.bak.new", "user.ini.journal.new", "user.ini.trials.new"})
+    _files.Put(name, "[A");
   Find();
   EXPECT_THAT(_files.GetNames(), ElementsAre(kUserFile));
 }

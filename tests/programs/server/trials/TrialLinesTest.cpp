@@ -55,4 +55,16 @@ TEST(TrialLines, OfAJournalThatFailedAreInTheSnapshot) {
   EXPECT_EQ(lines.GetUnjournaled(), "");
 }
 
+TEST(TrialLines, AreNoneOnceNoJournalWillTakeAny) {
+  TrialLines lines;
+  lines.AddReserved("a\n");
+  lines.BeginSnapshot();
+  lines.AddReserved("b\n");
+  lines.FailSnapshot();
+  lines.DropAll();
+  EXPECT_EQ(lines.GetUnjournaled(), "");
+  lines.AddReserved("c\n");
+  EXPECT_EQ(lines.GetUnjournaled(), "c\n");
+}
+
 }  // namespace tavix::test
