@@ -32,6 +32,11 @@ inline std::string TrialsOf(const std::string& path) {
   return path + ".trials";
 }
 
+// What begins the names of its checkpoints.
+inline std::string CheckpointsOf(const std::string& path) {
+  return path + ".checkpoint.";
+}
+
 // On its way to take a file's place.
 inline std::string NewFileOf(const std::string& path) {
   return path + ".new";

@@ -119,7 +119,10 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
 }
 
 void Server::AddExtraWords(SettingsStore& store) {
-  if (const KeptHistory* history = store.GetHistory()) _extraWords.Add(_historyWords.emplace(*history));
+  if (const KeptHistory* history = store.GetHistory()) {
+    _extraWords.Add(_historyWords.emplace(*history));
+    _extraWords.Add(_checkpointWords.emplace(*store.GetCheckpoints(), *history, store.GetManager(), *store.GetGate()));
+  }
   if (StoreTrials* trials = store.GetTrials()) _extraWords.Add(_trialWords.emplace(*trials));
   if (StoreTrials* trials = store.GetTimedTrials()) _timedReverts.emplace(*trials);
   if (!_extraWords.IsEmpty()) _env.extraCommands = &_extraWords;

@@ -18,6 +18,7 @@
 #include "programs/server/connections/LogLimiter.h"
 #include "programs/server/connections/Places.h"
 #include "programs/server/connections/SharedBound.h"
+#include "programs/server/history/CheckpointWords.h"
 #include "programs/server/history/ExtraWords.h"
 #include "programs/server/history/HistoryWords.h"
 #include "programs/server/metrics/Counters.h"
@@ -97,7 +98,8 @@ class Server {
   settings::server::SubscriptionBudget _subscriptionBudget;
   const ServerInfo _info;
   settings::server::ServerEnv _env;
-  std::optional<HistoryWords> _historyWords;  // empty: history is off
+  std::optional<HistoryWords> _historyWords;  // empty: history is off, as for the next
+  std::optional<CheckpointWords> _checkpointWords;
   ExtraWords _extraWords;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;

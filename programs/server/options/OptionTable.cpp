@@ -22,6 +22,7 @@ constexpr unsigned long long kMaxWork = 1ull << 60;
 constexpr size_t kMaxSeconds = 24 * 60 * 60;
 constexpr size_t kMaxLoops = 64;
 constexpr size_t kMaxTrials = 1024;
+constexpr size_t kMaxCheckpoints = 1024;
 
 template <class Member>
 Apply Text(Member member) {
@@ -158,6 +159,9 @@ std::vector<OptionEntry> MakeTable() {
        "keep who changed what in them, and what it was before, in so many bytes beside them, from 16 KiB to 64 MiB; 0: "
        "not at all (0)",
        SetHistory},
+      {"", "checkpoints", "N", Kind::kValue, true,
+       "with --history: copies of them under a name, which clients may have made beside them. 0: none (8)",
+       NumberOrNone(&Options::checkpoints, kMaxCheckpoints)},
       {"", "trials", "N", Kind::kValue, true,
        "changes of them that may be on trial at once: each goes back by itself unless it is confirmed in time. 0: none "
        "(16)",

@@ -45,6 +45,7 @@ struct Options {
   std::string userSettings;  // a file; empty: nothing is persisted
   Durability durability;     // of that file
   size_t historyBytes = 0;   // of its history; 0: there is none
+  size_t checkpoints = 8;    // of that file; 0: none are made
   size_t trials = 16;        // that are pending at once; 0: nothing is put on trial
   size_t stopSeconds = 10;   // for what is to be saved at the end
 

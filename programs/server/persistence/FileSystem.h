@@ -91,7 +91,7 @@ class FileSystem {
 
   virtual bool Exists(const std::string& path) = 0;
 
-  // The paths that begin with this one, in any order; none when they can't be listed.
+  // The paths that begin with this one, in any order.
   virtual std::vector<std::string> FindNames(const std::string& begin) = 0;
 
   // Returns once the content of an existing file is on the disk. Another process may have written it, and it need not

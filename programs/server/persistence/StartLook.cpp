@@ -39,9 +39,13 @@ bool IsPutAside(const std::string& path, const std::string& begin) {
 }
 
 bool HasPutAside(FileSystem& files, const std::string& path) {
-  for (const std::string& begin : {BadFilesOf(path), BadFilesOf(Journal::PathOf(path))}) {
-    const std::vector<std::string> names = files.FindNames(begin);
-    if (std::any_of(names.begin(), names.end(), [&](const auto& name) { return IsPutAside(name, begin); })) return true;
+  try {
+    for (const std::string& begin : {BadFilesOf(path), BadFilesOf(Journal::PathOf(path))}) {
+      const std::vector<std::string> names = files.FindNames(begin);
+      const auto isPutAside = [&](const auto& name) { return IsPutAside(name, begin); };
+      if (std::any_of(names.begin(), names.end(), isPutAside)) return true;
+    }
+  } catch (const osa::Exception&) {  // a directory that can't be listed
   }
   return false;
 }

@@ -233,7 +233,7 @@ class SystemFiles : public FileSystem {
     const std::string name = begin.substr(nameBegin);
     std::vector<std::string> paths;
     const std::unique_ptr<DIR, CloseDirectory> directory(opendir(DirectoryOf(begin).c_str()));
-    if (!directory) return paths;
+    if (!directory) Fail("list directory", DirectoryOf(begin));
     while (const dirent* const entry = readdir(directory.get())) {
       if (std::string_view(entry->d_name).substr(0, name.size()) != name) continue;
       paths.push_back(begin.substr(0, nameBegin) + entry->d_name);

@@ -78,6 +78,7 @@ SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, C
       _trials(_userSettings ? std::make_unique<StoreTrials>(_manager, *_userSettings, *_sharedTrials) : nullptr) {
   _manager.SetMaxBytes(_maxBytes);
   _manager.SetMaxDeletedPatterns(kMaxDeletedPatterns);
+  if (GetHistory()) _checkpoints.emplace(GetSystemFiles(), options.userSettings, options.checkpoints);
   if (_userSettings) _userSettings->Start([this](const auto& reader) { _manager.ReadUserSettings(reader); });
   if (_trials) RevertEarlierTrials();
 }

@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/options/Options.h"
+#include "programs/server/persistence/Checkpoints.h"
 #include "programs/server/persistence/UserSettingsPersister.h"
 #include "programs/server/store/SettingsSources.h"
 #include "programs/server/store/StoreTrials.h"
@@ -44,6 +46,9 @@ class SettingsStore {
   // What is known of earlier changes; null when no history is kept.
   const KeptHistory* GetHistory() const { return _userSettings ? _userSettings->GetHistory() : nullptr; }
 
+  // The copies of the user settings that clients keep; null when no history is kept.
+  Checkpoints* GetCheckpoints() { return _checkpoints ? &*_checkpoints : nullptr; }
+
   // What can be put on trial; null when nothing can.
   StoreTrials* GetTrials() { return _mayTry ? _trials.get() : nullptr; }
 
@@ -66,6 +71,7 @@ class SettingsStore {
   const bool _mayTry;
   const std::unique_ptr<SharedTrials> _sharedTrials;                     // null: nothing is persisted
   const std::unique_ptr<UserSettingsPersister> _userSettings;            // null: nothing is persisted
+  std::optional<Checkpoints> _checkpoints;                               // empty: no history is kept
   const std::unique_ptr<settings::server::ISettingsPersister> _unsaved;  // null: changes are persisted
   settings::server::SettingsManager _manager;
   const std::unique_ptr<StoreTrials> _trials;  // null: nothing is persisted

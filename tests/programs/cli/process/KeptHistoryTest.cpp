@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <regex>
 
 #include "tests/programs/cli/process/CommandTest.h"
@@ -15,9 +16,9 @@ namespace {
 class KeptHistory : public testing::Test {
  protected:
   KeptHistory()
-      : _daemon(_directory,
-                {"--defaults", _directory.Write("defaults.ini", "[A]\nb=default\nc=default\n"), "--user-settings",
-                 "user.ini", "--history", "65536", "--listen", "unix:" + _directory.Path("socket")}) {
+      : _daemon(_directory, {"--defaults", _directory.Write("defaults.ini", "[A]\nb=default\nc=default\n"),
+                             "--user-settings", "user.ini", "--history", "65536", "--checkpoints", "1", "--listen",
+                             "unix:" + _directory.Path("socket")}) {
     _daemon.AwaitAddresses();
   }
 
@@ -76,6 +77,23 @@ TEST_F(KeptHistory, BlameShowsTheLastChangeOfEachSetting) {
   Run({"set", "[A]b=1", "[A]d=1", "-m", "first"});
   Run({"set", "[A]d=2"});
   ExpectRun({"blame", "A"}, 0, "b  1  TIME  ME  first\nc  default\nd  2  TIME  ME\n", "");
+}
+
+TEST_F(KeptHistory, CheckpointsAreMadeListedAndForgotten) {
+  ExpectRun({"checkpoint"}, 0, "", "no checkpoints\n");
+  Run({"set", "[A]b=1"});
+  const Outcome made = Run({"checkpoint", "good"});
+  EXPECT_EQ(made.errors,
+            "done: bring it back by: tavix-settings -s 'unix:" + _directory.Path("socket") + "' rollback @good\n");
+  EXPECT_THAT(WithoutChanging(made.output), testing::MatchesRegex("good  revision 1  TIME  [0-9]+ bytes\n"));
+  EXPECT_EQ(Run({"checkpoint"}).output, made.output);
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(_directory.Path("user.ini.checkpoint.good")).permissions(),
+            perms::owner_read | perms::owner_write);
+  ExpectRun({"checkpoint", "other"}, 7, "",
+            "tavix-settings: not applied: 1 checkpoints are kept already: forget one of them\n");
+  ExpectRun({"checkpoint", "good", "--forget"}, 0, "", "done: forgot checkpoint good\n");
+  ExpectRun({"checkpoint", "good", "--forget"}, 7, "", "tavix-settings: not applied: no checkpoint is named 'good'\n");
 }
 
 }  // namespace tavix::test

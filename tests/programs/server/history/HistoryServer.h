@@ -6,8 +6,10 @@
 #include <string>
 #include <utility>
 
+#include "programs/server/history/CheckpointWords.h"
 #include "programs/server/history/ExtraWords.h"
 #include "programs/server/history/HistoryWords.h"
+#include "programs/server/persistence/Checkpoints.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/SerializationManager.h"
 #include "tavix/settings/server/ServerEnv.h"
@@ -19,9 +21,18 @@ namespace tavix::test {
 
 // A store that keeps a history in memory files, and what handlers of connections need beside it.
 struct HistoryServer {
-  explicit HistoryServer(const std::string& defaults = "", size_t historyBytes = kHistoryBytes)
-      : store(files, kAlways, defaults, std::chrono::hours(1), historyBytes), words(*store.GetHistory()) {
+  static constexpr size_t kMaxCheckpoints = 3;
+
+  // image: the files at first.
+  explicit HistoryServer(const std::string& defaults = "", size_t historyBytes = kHistoryBytes,
+                         const MemoryFiles::Image& image = {})
+      : files(image),
+        store(files, kAlways, defaults, std::chrono::hours(1), historyBytes),
+        checkpoints(files, kUserFile, kMaxCheckpoints),
+        words(*store.GetHistory()),
+        checkpointWords(checkpoints, *store.GetHistory(), store.GetManager(), store.GetGate()) {
     extraWords.Add(words);
+    extraWords.Add(checkpointWords);
     env.settingsManager = &store.GetManager();
     env.serializationManager = &serializers;
     env.extraCommands = &extraWords;
@@ -49,7 +60,9 @@ struct HistoryServer {
   PersistedStore store;
   settings::server::SerializationManager serializers;
   settings::server::ServerEnv env;
+  daemon::Checkpoints checkpoints;
   daemon::HistoryWords words;
+  daemon::CheckpointWords checkpointWords;
   daemon::ExtraWords extraWords;
 };
 

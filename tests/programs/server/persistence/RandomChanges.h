@@ -6,6 +6,8 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/ChangeOrigin.h"
+#include "tavix/settings/server/ChangeTicket.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::test {
@@ -16,25 +18,26 @@ class RandomChanges {
   explicit RandomChanges(unsigned int seed) : _random(seed) {}
 
   // Something small.
-  void MakeOne(settings::server::SettingsManager& store) {
+  void MakeOne(settings::server::SettingsManager& store, const settings::server::ChangeOrigin& origin = {}) {
+    settings::server::ChangeTicket ticket = 0;
     switch (Below(10)) {
       case 0:
-        return store.OverwriteSettings(NextGroup(), core::IniFile());
+        return store.OverwriteSettings({NextGroup()}, core::IniFile(), origin, ticket);
       case 1:
-        return store.OverwriteSettings(NextGroup(), NextDocument(1));
+        return store.OverwriteSettings({NextGroup()}, NextDocument(1), origin, ticket);
       case 2:
-        return store.OverwriteSettings({NextGroup(), "E*", "Large"}, NextDocument(2));
+        return store.OverwriteSettings({NextGroup(), "E*", "Large"}, NextDocument(2), origin, ticket);
       case 3:
-        return store.RestoreToDefaults(MatcherOf(NextGroup()));
+        return store.RestoreToDefaults(MatcherOf(NextGroup()), origin, ticket);
       case 4:
-        static_cast<void>(store.TestAndMerge(core::IniFile(), NextDocument(1)));
+        static_cast<void>(store.TestAndMerge(core::IniFile(), NextDocument(1), origin, ticket));
         return;
       case 5:
       case 6:
-        static_cast<void>(store.Amend(NextAmendment()));
+        static_cast<void>(store.Amend(NextAmendment(), origin, ticket));
         return;
       default:
-        return store.MergeSettings(NextDocument(1 + Below(3)), 0);
+        return store.MergeSettings(NextDocument(1 + Below(3)), 0, origin, ticket);
     }
   }
 
