@@ -8,6 +8,12 @@
 // What is reported to the mirror. DeviceMirrorGovern.cpp applies documents, DeviceMirrorSend.cpp publishes.
 namespace tavix::bridge {
 
+namespace {
+
+constexpr int kMaxMarks = 3;
+
+}  // namespace
+
 DeviceMirror::DeviceMirror(const Rules& rules, const Limits& limits, const DeviceIdentity& identity, Engine& engine,
                            ILocalStore& local, IStateStore& state, Report& report)
     : _rules(rules),
@@ -17,12 +23,15 @@ DeviceMirror::DeviceMirror(const Rules& rules, const Limits& limits, const Devic
       _engine(engine),
       _local(local),
       _report(report),
-      _book(state, limits, identity.device),
+      _book(state, limits, identity.root + "/" + identity.device, identity.deviceClass),
       _governed(state),
       _publications(state, identity.newEpoch),
+      _retry(report),
       _guard(limits),
-      _schedule(limits),
-      _targets(_book.ComputeTargets()) {}
+      _admission(limits, report),
+      _schedule(limits) {
+  SetTargets({});
+}
 
 ConnectOptions DeviceMirror::GetConnectOptions() const {
   ConnectOptions options;
@@ -31,25 +40,37 @@ ConnectOptions DeviceMirror::GetConnectOptions() const {
 }
 
 void DeviceMirror::OnEvent(const EngineEvent& event, Milliseconds now) {
-  if (std::holds_alternative<Connected>(event)) {
-    _phase = Phase::kReading;
-    _seen.clear();
-    _listed.clear();
-    _syncedAt.reset();
-    _isMissingAsked = false;
-    _foundIndex.reset();
-    _sentStatus.clear();
-    FollowAll(false);
-  } else if (std::holds_alternative<Lost>(event)) {
-    _phase = Phase::kUnlinked;
-    _schedule.OnLost();
-  } else if (const auto* item = std::get_if<Item>(&event)) {
-    OnItem(*item, now);
-  } else if (const auto* synced = std::get_if<Synced>(&event)) {
-    OnSynced(*synced, now);
-  } else if (const auto* done = std::get_if<PutDone>(&event)) {
-    OnPutDone(*done);
-  }
+  _isEngineFull = false;
+  if (std::holds_alternative<Connected>(event)) OnConnected(now);
+  if (std::holds_alternative<Lost>(event)) OnLost();
+  if (const auto* item = std::get_if<Item>(&event)) OnItem(*item, now);
+  if (std::holds_alternative<Synced>(event)) OnSynced(now);
+  if (const auto* done = std::get_if<PutDone>(&event)) OnPutDone(*done, now);
+}
+
+void DeviceMirror::OnConnected(Milliseconds now) {
+  Enter(Phase::kReading, now);
+  _arrived.clear();
+  _listed.reset();
+  _missingSince.reset();
+  _foundIndex.reset();
+  _sentStatus.clear();
+  _refusedPuts.RetryAll();
+  FollowAll(false);
+}
+
+// Of what was on its way nobody knows. Reports are found by the index; results are sent again.
+void DeviceMirror::OnLost() {
+  _phase = Phase::kUnlinked;
+  _schedule.OnLost();
+  for (const auto& [topic, content] : _unconfirmed) _schedule.Add(topic);
+  _unconfirmed.clear();
+}
+
+void DeviceMirror::Enter(Phase phase, Milliseconds now) {
+  _phase = phase;
+  _phaseSince = now;
+  _marksAsked = 0;
 }
 
 std::vector<std::string> DeviceMirror::ListOthers() const {
@@ -70,7 +91,7 @@ void DeviceMirror::OnItem(const Item& item, Milliseconds now) {
   if (item.key == _topics.GetIndex()) {
     _foundIndex = item.bytes;
   } else if (item.key == _topics.GetDesiredIndex()) {
-    TakeDesiredIndex(item.bytes);
+    TakeDesiredIndex(item.bytes, now);
   } else if (const auto document = _topics.FindDocument(item.key)) {
     TakeDocument(*document, item.bytes, now);
   } else if (_phase == Phase::kComparing && item.bytes && !item.bytes->empty()) {
@@ -83,9 +104,9 @@ void DeviceMirror::OnItem(const Item& item, Milliseconds now) {
 }
 
 void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<std::string>& bytes, Milliseconds now) {
-  _seen.insert(name);
+  _arrived.insert(name);
   if (!bytes || bytes->empty()) {
-    _refused.erase(name);
+    if (_refused.erase(name) > 0) _areResultsDue = true;
     _book.Release(name);
     return;
   }
@@ -98,8 +119,12 @@ void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<st
     const DesiredDocument document = ParseDesired(*bytes, _limits.maxDocument);
     result.version = document.version;
     if (!CheckDocument(document, result)) return Refuse(name, result);
-    _refused.erase(name);
-    if (_book.Take(name, document, *bytes, now) == DocumentBook::Outcome::kStale) {
+    const DocumentBook::Outcome outcome = _book.Take(name, document, *bytes, now);
+    if (outcome == DocumentBook::Outcome::kFull) {
+      throw BadDocument("the device has as many documents, or of as many bytes, as its limits allow");
+    }
+    if (_refused.erase(name) > 0) _areResultsDue = true;
+    if (outcome == DocumentBook::Outcome::kStale) {
       ++_report.counters.stale;
       _report.Warn("Document '" + name.name + "': version " + std::to_string(document.version) +
                    " is not above the last one of its epoch, and is ignored");
@@ -119,32 +144,37 @@ void DeviceMirror::Refuse(const DocumentName& name, const Result& result) {
   _report.Fail("Document '" + programs::SpellValue(name.name) + "' is refused: " + result.reason +
                (result.reason.empty() || key.empty() ? "" : ": ") + key);
   _refused[name] = result;
-  MakeResults();
+  _areResultsDue = true;
+}
+
+// Why keys of the group are not taken from outside; empty: they are.
+std::string DeviceMirror::FindObstacle(const std::string& group) const {
+  const MapRule* rule = _rules.Find(group);
+  if (_rules.IsNever(group)) return "the group is never mirrored";
+  if (rule == nullptr) return "the group is not mirrored";
+  return rule->direction == Direction::kUp ? "nothing is taken from outside" : "";
+}
+
+std::string DeviceMirror::FindObstacle(const std::string& group, const std::string& key) const {
+  const std::string reason = FindObstacle(group);
+  return reason.empty() && _rules.IsMasked(group, key) ? "the value is masked" : reason;
 }
 
 // One document is one step: a key that can't be taken refuses all of it.
 bool DeviceMirror::CheckDocument(const DesiredDocument& document, Result& result) const {
   for (const auto& [group, keys] : document.groups) {
-    const MapRule* rule = _rules.Find(group);
-    std::string reason;
-    if (_rules.IsNever(group)) {
-      reason = "the group is never mirrored";
-    } else if (rule == nullptr) {
-      reason = "the group is not mirrored";
-    } else if (rule->direction == Direction::kUp) {
-      reason = "nothing is taken from outside";
-    }
+    const std::string reason = FindObstacle(group);
     if (!reason.empty() && keys.empty()) result.keys["[" + programs::SpellName(group) + "]"] = reason;
     for (const auto& [key, value] : keys) {
-      const std::string why = reason.empty() && _rules.IsMasked(group, key) ? "the value is masked" : reason;
+      const std::string why = FindObstacle(group, key);
       if (!why.empty()) result.keys[programs::SpellSetting(group, key)] = why;
     }
   }
   return result.keys.empty();
 }
 
-void DeviceMirror::TakeDesiredIndex(const std::optional<std::string>& bytes) {
-  _listed.clear();
+void DeviceMirror::TakeDesiredIndex(const std::optional<std::string>& bytes, Milliseconds now) {
+  _listed.reset();
   if (!bytes || bytes->empty()) return;
   try {
     _listed = ParseDesiredIndex(*bytes, _limits.maxDocument);
@@ -152,43 +182,66 @@ void DeviceMirror::TakeDesiredIndex(const std::optional<std::string>& bytes) {
     ++_report.counters.refused;
     _report.Fail(std::string("The centre's list of documents is ignored: ") + error.what());
   }
+  if (_phase == Phase::kUnlinked || _phase == Phase::kReading) return;
+  ReleaseMissing();
+  _missingSince = now;
 }
 
-void DeviceMirror::OnSynced(const Synced& synced, Milliseconds now) {
-  if (_phase == Phase::kComparing) return FinishComparing();
+void DeviceMirror::OnSynced(Milliseconds now) {
+  if (_phase == Phase::kComparing) return FinishComparing(now);
   if (_phase != Phase::kReading) return;
-  _syncedAt = now;
-  if (synced.isComplete) ReleaseMissing();
-  const bool isNew = !_foundIndex && _publications.GetAll().empty();
+  ReleaseMissing();
+  _missingSince = now;
   const std::string own = ComposeIndex(_publications.GetEpoch(), _publications.ComputeHash());
-  if (isNew || _foundIndex == own) {
-    _phase = Phase::kFollowing;
-    return;
-  }
-  _report.Info("The index at the broker is not ours: everything that was published is compared");
-  _phase = Phase::kComparing;
+  if (_foundIndex == own) return Enter(Phase::kFollowing, now);
+  // Without one there may be reports all the same, of a state that was lost.
+  const bool isNew = !_foundIndex && _publications.GetAll().empty();
+  if (!isNew) _report.Info("The index at the broker is not ours: everything that was published is compared");
+  Enter(Phase::kComparing, now);
   _found.clear();
   FollowAll(true);
 }
 
-// The centre took them away while nobody was there, or the broker lost them: then the centre's list has them.
+// A document that neither came nor is listed was taken away while nobody was there. Without a list nothing is known of
+// that: the broker may have lost it.
 void DeviceMirror::ReleaseMissing() {
+  if (!_listed) return;
+  const auto isAway = [this](const DocumentName& name) {
+    return name.level == Level::kDevice && _arrived.count(name) == 0 && _listed->count(name.name) == 0;
+  };
   for (const auto& [name, origin] : _book.GetOrigins()) {
-    const bool isListed = name.level == Level::kDevice && _listed.count(name.name) > 0;
-    if (_seen.count(name) == 0 && !isListed) _book.Release(name);
+    if (isAway(name)) _book.Release(name);
   }
   for (auto entry = _refused.begin(); entry != _refused.end();) {
-    entry = _seen.count(entry->first) == 0 ? _refused.erase(entry) : std::next(entry);
+    const bool isGone = isAway(entry->first);
+    _areResultsDue = _areResultsDue || isGone;
+    entry = isGone ? _refused.erase(entry) : std::next(entry);
   }
 }
 
+// A broker may lose the mark that shows that everything has come, or let nobody read it.
+void DeviceMirror::AwaitMark(Milliseconds now) {
+  const bool isAwaited = _phase == Phase::kReading || _phase == Phase::kComparing;
+  if (!isAwaited) return;
+  if (!_phaseSince) _phaseSince = now;
+  if (now - *_phaseSince < kMarkWait) return;
+  if (++_marksAsked <= kMaxMarks) {
+    _phaseSince = now;
+    return FollowAll(_phase == Phase::kComparing);
+  }
+  _report.Fail("The broker does not show when it has sent everything: what came so far is taken as all of it");
+  OnSynced(now);
+}
+
 void DeviceMirror::AskForMissing(Milliseconds now) {
-  if (!_syncedAt || _isMissingAsked || now - *_syncedAt < _limits.missingAfter) return;
-  _isMissingAsked = true;
+  if (!_missingSince || now - *_missingSince < _limits.missingAfter) return;
+  _missingSince.reset();
+  if (!_listed) return;
   std::vector<std::string> missing;
-  for (const auto& [name, version] : _listed) {
+  for (const auto& [name, version] : *_listed) {
     const DocumentName document{Level::kDevice, name};
-    if (_seen.count(document) == 0) missing.push_back(_topics.GetDesired(document));
+    const bool isOld = _refused.count(document) == 0 && _book.FindVersion(document).value_or(0) < version;
+    if (_arrived.count(document) == 0 || isOld) missing.push_back(_topics.GetDesired(document));
   }
   if (missing.empty()) return;
   _report.Warn(std::to_string(missing.size()) + " documents that the centre lists have not come, and are asked for");
@@ -200,44 +253,43 @@ void DeviceMirror::AskForMissing(Milliseconds now) {
   FollowAll(false);
 }
 
-// Sends what differs, and clears what nobody needs any more.
-void DeviceMirror::FinishComparing() {
+// Sends what differs. What nobody needs any more is cleared when its turn comes, unless the device has it by then.
+void DeviceMirror::FinishComparing(Milliseconds now) {
   for (const auto& [topic, reported] : _found) {
     const auto group = _topics.FindReportedGroup(topic);
     const Publication* own = group ? _publications.Find(*group) : nullptr;
-    if (own == nullptr) {
-      _toClear.insert(topic);
-      _schedule.Add(topic);
-    } else if (!reported || reported->epoch != _publications.GetEpoch() || reported->version != own->version) {
-      _forced.insert(topic);
-      _schedule.Add(topic);
-    }
+    const bool isOurs =
+        own != nullptr && reported && reported->epoch == _publications.GetEpoch() && reported->version == own->version;
+    if (!isOurs) _forced.insert(topic);
   }
   for (const auto& [group, publication] : _publications.GetAll()) {
     const std::string topic = _topics.GetReported(group);
-    if (publication.isGone || _found.count(topic) > 0) continue;
-    _forced.insert(topic);
-    _schedule.Add(topic);
+    if (!publication.isGone && _found.count(topic) == 0) _forced.insert(topic);
   }
-  for (const auto& [topic, content] : _publications.GetOthers()) {
-    _forced.insert(topic);
-    _schedule.Add(topic);
-  }
+  for (const auto& [topic, content] : _publications.GetOthers()) _forced.insert(topic);
+  for (const std::string& topic : _forced) _schedule.Add(topic);
   _found.clear();
-  _foundIndex.reset();
-  _phase = Phase::kFollowing;
+  Enter(Phase::kFollowing, now);
   FollowAll(false);
 }
 
-void DeviceMirror::OnPutDone(const PutDone& done) {
-  if (done.key == _topics.GetStatus() || done.key == _topics.GetIndex()) return;
+void DeviceMirror::OnPutDone(const PutDone& done, Milliseconds now) {
+  const bool isStatus = done.key == _topics.GetStatus();
+  const bool isIndex = done.key == _topics.GetIndex();
   _schedule.OnDone(done.key);
+  const auto result = _unconfirmed.find(done.key);
   if (done.outcome == PutDone::Outcome::kDone) {
-    ++_report.counters.sent;
-    return;
+    if (!isStatus && !isIndex) ++_report.counters.sent;
+    if (result != _unconfirmed.end()) _confirmed[done.key] = result->second;
+    _refusedPuts.Remove(done.key);
+  } else {
+    ++_report.counters.refused;
+    _report.Fail("'" + programs::SpellValue(done.key) + "' was not taken there: " + done.reason);
+    _refusedPuts.Add(done.key, now);
+    if (isStatus) _sentStatus.clear();
+    if (isIndex) _foundIndex.reset();
   }
-  ++_report.counters.refused;
-  _report.Fail("'" + programs::SpellValue(done.key) + "' was not taken there: " + done.reason);
+  if (result != _unconfirmed.end()) _unconfirmed.erase(result);
 }
 
 void DeviceMirror::OnLocalReady() {
@@ -253,41 +305,60 @@ void DeviceMirror::OnLocalChanged(const std::set<std::string>& groups) {
   for (const std::string& group : groups) {
     if (_rules.Find(group) == nullptr) continue;
     if (_targets.groups.count(group) > 0) _ungoverned.insert(group);
-    if (_admitted.count(group) > 0 || _admitted.size() < _limits.maxGroups) {
+    const bool isFull = _admission.CountAdmitted() >= _limits.maxGroups && !_admission.IsAdmitted(group);
+    if (isFull && !_admission.Admit(group, group.size())) continue;
+    if (_schedule.CountWaiting() < 2 * _limits.maxGroups) {
       _schedule.Add(_topics.GetReported(group));
     } else {
-      _isToQueue = true;  // it is left out, unless another one went
+      _isToQueue = true;
     }
   }
 }
 
 void DeviceMirror::AcceptLosses() {
-  _guard.Accept();
-  for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
+  for (const DocumentName& name : _heldDocuments) {
+    _acceptedDocuments.insert(name);
+    for (const std::string& group : _groupsOf[name]) {
+      _guard.Release(group);
+      _ungoverned.insert(group);
+    }
+  }
+  _heldDocuments.clear();
 }
 
+// Of keys that come later a person has not said anything.
 void DeviceMirror::Decide(Side side) {
-  _decision = side;
-  for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
+  for (const auto& [group, keys] : _undecided) {
+    for (const std::string& key : keys) _decided[programs::SpellSetting(group, key)] = side;
+    _ungoverned.insert(group);
+  }
 }
 
 void DeviceMirror::CompareAgain() {
   _isToQueue = true;
   if (_phase != Phase::kFollowing) return;
   _phase = Phase::kComparing;
+  _phaseSince.reset();
+  _marksAsked = 0;
   _found.clear();
   FollowAll(true);
 }
 
 MirrorState DeviceMirror::GetState() const {
   MirrorState state;
-  state.groups = _admitted.size();
-  state.waiting = _schedule.CountWaiting() + _schedule.CountInFlight() + _ungoverned.size() + _book.CountWaiting();
+  state.groups = _admission.CountAdmitted();
+  state.waiting = _schedule.CountWaiting() + _schedule.CountInFlight() + _ungoverned.size() + _book.CountWaiting() +
+                  _confirmed.size();
   state.held = _guard.GetHeld().size();
-  state.undecided = _undecided.size();
-  state.left = _leftOut.size() + _refused.size() + _unsupported.size();
-  state.isInSync = _phase == Phase::kFollowing && _isLocalReady && !_isToQueue && _blocked.empty() &&
-                   state.waiting + state.held + state.undecided + state.left == 0;
+  for (const auto& [group, keys] : _undecided) state.undecided += keys.size();
+  state.left = _admission.CountLeftOut() + _refused.size() + _unsupported.size() + _refusedPuts.Count();
+  for (const auto& [name, blocked] : _blocked) {
+    ++state.waiting;
+    if (blocked.failures >= kReportedFailures) ++state.left;
+  }
+  state.hasStateFailed = _retry.HasFailed();
+  state.isInSync = _phase == Phase::kFollowing && _isLocalReady && !_isToQueue && !_areResultsDue &&
+                   !state.hasStateFailed && state.waiting + state.held + state.undecided + state.left == 0;
   return state;
 }
 

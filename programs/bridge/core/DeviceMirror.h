@@ -6,15 +6,19 @@
 #include <string>
 #include <vector>
 
+#include "programs/bridge/core/Admission.h"
 #include "programs/bridge/core/DocumentBook.h"
+#include "programs/bridge/core/DocumentStep.h"
 #include "programs/bridge/core/GovernedKeys.h"
 #include "programs/bridge/core/ILocalStore.h"
 #include "programs/bridge/core/LossGuard.h"
 #include "programs/bridge/core/Mirror.h"
 #include "programs/bridge/core/Publications.h"
+#include "programs/bridge/core/RefusedPuts.h"
 #include "programs/bridge/core/Report.h"
 #include "programs/bridge/core/Rules.h"
 #include "programs/bridge/core/SendSchedule.h"
+#include "programs/bridge/core/StateRetry.h"
 #include "programs/bridge/formats/DeviceMessages.h"
 #include "programs/bridge/formats/Topics.h"
 
@@ -41,6 +45,9 @@ struct DeviceIdentity {
 // Threads: one.
 class DeviceMirror : public Mirror {
  public:
+  static constexpr size_t kReportedFailures = 3;    // of a document that the device does not take: then it is refused
+  static constexpr Milliseconds kMarkWait{10'000};  // until the mark is asked for again
+
   // All but the identity outlive the object.
   DeviceMirror(const Rules& rules, const Limits& limits, const DeviceIdentity& identity, Engine& engine,
                ILocalStore& local, IStateStore& state, Report& report);
@@ -58,7 +65,7 @@ class DeviceMirror : public Mirror {
   MirrorState GetState() const override;
 
  private:
-  // What a link knows of the other end.
+  // What a link knows of the other end, in this order.
   enum class Phase {
     kUnlinked,
     kReading,    // documents and the index are still coming
@@ -66,49 +73,68 @@ class DeviceMirror : public Mirror {
     kFollowing,  // everything is known
   };
 
-  // What a document does to keys, and on what condition.
-  struct Step {
-    settings::Amendment amendment;
-    std::vector<std::pair<std::string, std::string>> keys;  // groups and keys that it decides
-    std::set<std::string> losing;                           // groups that lose values
-    std::vector<Conflict> conflicts;
-  };
-
+  void OnConnected(Milliseconds now);
+  void OnLost();
   void OnItem(const Item& item, Milliseconds now);
-  void OnSynced(const Synced& synced, Milliseconds now);
-  void OnPutDone(const PutDone& done);
+  void OnSynced(Milliseconds now);
+  void OnPutDone(const PutDone& done, Milliseconds now);
   void TakeDocument(const DocumentName& name, const std::optional<std::string>& bytes, Milliseconds now);
   void Refuse(const DocumentName& name, const Result& result);
   bool CheckDocument(const DesiredDocument& document, Result& result) const;
-  void TakeDesiredIndex(const std::optional<std::string>& bytes);
+  std::string FindObstacle(const std::string& group) const;
+  std::string FindObstacle(const std::string& group, const std::string& key) const;
+  void TakeDesiredIndex(const std::optional<std::string>& bytes, Milliseconds now);
   void ReleaseMissing();
   void AskForMissing(Milliseconds now);
+  void AwaitMark(Milliseconds now);
   std::vector<std::string> ListOthers() const;
   void FollowAll(bool isComparing);
-  void FinishComparing();
+  void Enter(Phase phase, Milliseconds now);
+  void FinishComparing(Milliseconds now);
 
+  void Work(Milliseconds now);
   void AdvanceDocuments(Milliseconds now);
+  void SetTargets(const std::set<DocumentName>& fresh);
+  void ForgetAttempts(const DocumentName& name);
   void Govern(Milliseconds now);
-  bool GovernOnce(Milliseconds now);
-  std::map<DocumentName, Step> PlanSteps(const core::IniFile& settings);
-  void PlanKey(const std::string& group, const std::string& key, const Target& target,
-               const std::optional<std::string>& shown, std::map<DocumentName, Step>& steps);
-  void KeepDevices(const std::string& group, const std::string& key, const Target& target,
-                   const std::optional<std::string>& shown);
-  bool CarryOut(const DocumentName& name, const Step& step, Milliseconds now);
-  void RecordApplied(const Step& step);
+  void AddDue(Milliseconds now);
+  void AddWholeDocuments();
+  std::set<DocumentName> GovernOnce(Milliseconds now);
+  PresentKeys ReadPresent();
+  std::map<DocumentName, DocumentStep> PlanSteps(const PresentKeys& present);
+  void PlanKey(const std::string& group, const std::string& key, const PresentKeys& present,
+               std::map<DocumentName, DocumentStep>& steps);
+  std::optional<GovernedKey> FindLast(const std::string& group, const std::string& key, bool isOfUser,
+                                      const std::optional<std::string>& shown) const;
+  static void AddToStep(DocumentStep& step, const std::string& group, const std::string& key,
+                        const std::optional<std::string>& shown, const std::optional<std::string>& value);
+  void KeepDevices(const std::string& group, const std::string& key, const std::optional<std::string>& shown);
+  bool CarryOut(const DocumentName& name, const DocumentStep& step, Milliseconds now);
+  bool IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now);
+  settings::Amendment WithoutUnsupported(const DocumentName& name, const settings::Amendment& amendment);
+  void ReportConflicts(const DocumentName& name, const std::vector<Conflict>& conflicts);
+  void SetIntent(const DocumentName& name, const DocumentStep& step);
+  void Block(const DocumentName& name, Milliseconds now);
+  static std::set<std::string> GroupsOf(const DocumentStep& step);
+  void RecordApplied(const DocumentStep& step);
   void MakeResults();
+  void AddKeysToResults(std::map<DocumentName, Result>& results) const;
 
   void QueueAll();
+  void Confirm();
+  void RetryRefused(Milliseconds now);
   void SendDue(Milliseconds now);
+  bool SendTopic(const std::string& topic, Milliseconds now);
   bool SendReported(const std::string& group, Milliseconds now);
-  bool SendResult(const std::string& name, Milliseconds now);
-  void SendIndex();
+  bool SendResult(const std::string& topic, Milliseconds now);
+  void SendIndex(Milliseconds now);
   void SendStatus(Milliseconds now);
+  bool Put(const std::string& topic, const std::optional<std::string>& bytes, const PutOptions& options,
+           Milliseconds now);
+  bool CanPut() const { return !_isEngineFull && _schedule.CountInFlight() < _limits.maxInFlight; }
   std::string GetStatusState() const;
   std::map<std::string, unsigned long long> GetFigures() const;
   bool IsIdle() const;
-  bool Admit(const std::string& group, size_t bytes);
 
   const Rules& _rules;
   const Limits _limits;
@@ -120,33 +146,41 @@ class DeviceMirror : public Mirror {
   DocumentBook _book;
   GovernedKeys _governed;
   Publications _publications;
+  StateRetry _retry;
   LossGuard _guard;
+  Admission _admission;
   SendSchedule _schedule;  // of topics
 
   Phase _phase = Phase::kUnlinked;
+  std::optional<Milliseconds> _phaseSince;  // or since the mark was asked for again
+  int _marksAsked = 0;                      // again, in this phase
+  bool _isEngineFull = false;               // it took no put; until something happens
   bool _isLocalReady = false;
-  bool _isToQueue = false;                       // all groups are to be looked at
-  std::set<DocumentName> _seen;                  // documents that came over this link
-  std::map<std::string, std::uint64_t> _listed;  // documents that the centre has, and their versions
-  std::optional<Milliseconds> _syncedAt;
-  bool _isMissingAsked = false;
-  std::optional<std::string> _foundIndex;                      // what stands there
-  std::map<std::string, std::optional<ReportedGroup>> _found;  // topics that stand there; nothing: in another form
-  std::set<std::string> _toClear;                              // topics that nobody needs
-  std::set<std::string> _forced;                               // topics that are sent whatever was sent before
+  bool _isToQueue = false;                                      // all groups are to be looked at
+  std::set<DocumentName> _arrived;                              // documents that came over this link
+  std::optional<std::map<std::string, std::uint64_t>> _listed;  // documents that the centre has, and their versions
+  std::optional<Milliseconds> _missingSince;                    // listed ones may be missing
+  std::optional<std::string> _foundIndex;                       // what stands there
+  std::map<std::string, std::optional<ReportedGroup>> _found;   // topics that stand there; nothing: in another form
+  std::set<std::string> _forced;                                // topics that are sent whatever was sent before
+  std::map<std::string, std::optional<std::uint64_t>> _unconfirmed;  // results on their way; nothing: removed
+  std::map<std::string, std::optional<std::uint64_t>> _confirmed;    // that arrived, and are not on the disk yet
+  RefusedPuts _refusedPuts;
+  std::set<std::string> _live;  // groups that the device has
 
   Targets _targets;
-  std::set<std::string> _ungoverned;              // groups that are to be looked at
-  std::map<DocumentName, Milliseconds> _blocked;  // documents that can't be applied, and when to try again
-  std::set<std::string> _undecided;               // keys, as they are spelled
+  std::map<DocumentName, std::set<std::string>> _groupsOf;  // that a document decides keys of
+  std::set<std::string> _ungoverned;                        // groups that are to be looked at
+  std::map<DocumentName, BlockedDocument> _blocked;
+  std::map<std::string, std::set<std::string>> _undecided;  // keys by group
+  std::map<std::string, Side> _decided;                     // by a person, by keys as they are spelled
   std::set<DocumentName> _heldDocuments;
+  std::set<DocumentName> _acceptedDocuments;                // whose losses a person accepted
+  std::map<DocumentName, std::vector<Conflict>> _reported;  // of steps that are not done yet
   std::map<DocumentName, std::map<std::string, std::string>> _unsupported;
   std::map<DocumentName, Result> _refused;      // documents that can't be taken
   std::map<std::string, std::string> _results;  // by the document's name, as they are to be published
-  std::map<std::string, size_t> _admitted;
-  size_t _admittedBytes = 0;
-  std::set<std::string> _leftOut;
-  std::optional<Side> _decision;
+  bool _areResultsDue = false;
 
   std::string _sentStatus;
   std::string _sentState;

@@ -4,19 +4,35 @@
 #include "programs/bridge/core/DeviceMirror.h"
 #include "programs/common/client/Spelling.h"
 
-// How documents are applied.
+// How documents are applied: each as one step, whole or not at all.
 namespace tavix::bridge {
 
 using core::IniFile;
 
 namespace {
 
-constexpr int kMaxRounds = 3;             // at once, while neighbours are faster
-constexpr Milliseconds kApplyAgain{100};  // and then
+constexpr int kMaxRounds = 3;  // at once, while neighbours are faster
+constexpr Milliseconds kFirstBlockedWait{100};
+constexpr Milliseconds kLastBlockedWait{60'000};
 
 std::optional<std::string> ValueOf(const IniFile& settings, const std::string& group, const std::string& key) {
   if (!settings.HasValue(group, key)) return std::nullopt;
   return settings.GetValue(group, key);
+}
+
+// Whether the store refuses the change, or a neighbour was faster.
+bool DoConditionsHold(const settings::Amendment& amendment, const IniFile& now) {
+  for (const auto& [group, keys] : amendment.present) {
+    for (const auto& [key, value] : keys) {
+      if (ValueOf(now, group, key) != value) return false;
+    }
+  }
+  for (const auto& [group, keys] : amendment.absent) {
+    for (const auto& [key, value] : keys) {
+      if (now.HasValue(group, key)) return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -25,9 +41,32 @@ std::optional<std::string> ValueOf(const IniFile& settings, const std::string& g
 void DeviceMirror::AdvanceDocuments(Milliseconds now) {
   std::set<DocumentName> fresh;
   const std::set<DocumentName> changed = _book.Advance(now, fresh);
-  if (changed.empty()) return;
+  if (!changed.empty()) {
+    for (const DocumentName& name : changed) ForgetAttempts(name);
+    SetTargets(fresh);
+    for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
+    _areResultsDue = true;
+  }
+  _governed.Commit();
+}
+
+// What another thing was tried with.
+void DeviceMirror::ForgetAttempts(const DocumentName& name) {
+  for (const std::string& group : _groupsOf[name]) _guard.Release(group);
+  _unsupported.erase(name);
+  _blocked.erase(name);
+  _heldDocuments.erase(name);
+  _acceptedDocuments.erase(name);
+  _reported.erase(name);
+}
+
+// What was agreed of keys ends when nobody governs them any more, or a document of a new epoch does.
+void DeviceMirror::SetTargets(const std::set<DocumentName>& fresh) {
   _targets = _book.ComputeTargets();
-  const auto origins = _book.GetOrigins();
+  _groupsOf.clear();
+  for (const auto& [group, keys] : _targets.groups) {
+    for (const auto& [key, target] : keys) _groupsOf[target.origin.document].insert(group);
+  }
   const auto governed = _governed.GetGroups();
   for (const auto& [group, keys] : governed) {
     const auto target = _targets.groups.find(group);
@@ -36,91 +75,151 @@ void DeviceMirror::AdvanceDocuments(Milliseconds now) {
       if (isNobodys || fresh.count(state.origin.document) > 0) _governed.Remove(group, key);
     }
   }
-  _governed.Commit();
-  for (const DocumentName& name : changed) {
-    _unsupported.erase(name);
-    _blocked.erase(name);
-    _heldDocuments.erase(name);
-  }
-  for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
-  if (_targets.groups.empty()) MakeResults();
 }
 
 void DeviceMirror::Govern(Milliseconds now) {
-  for (auto entry = _blocked.begin(); entry != _blocked.end();) {
-    if (entry->second > now) {
-      ++entry;
-      continue;
-    }
-    for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
-    entry = _blocked.erase(entry);
-  }
+  AddDue(now);
   if (_ungoverned.empty()) return;
+  AddWholeDocuments();
+  std::set<DocumentName> failed;
   for (int round = 0; round < kMaxRounds; ++round) {
-    if (GovernOnce(now)) {
-      _ungoverned.clear();
-      break;
+    failed = GovernOnce(now);
+    if (failed.empty()) break;
+  }
+  for (const DocumentName& name : failed) Block(name, now);
+  _governed.Commit();
+  _ungoverned.clear();
+  _areResultsDue = true;
+}
+
+void DeviceMirror::AddDue(Milliseconds now) {
+  for (auto& [name, blocked] : _blocked) {
+    if (!blocked.next || *blocked.next > now) continue;
+    blocked.next.reset();
+    const std::set<std::string>& groups = _groupsOf[name];
+    _ungoverned.insert(groups.begin(), groups.end());
+  }
+}
+
+// A document that is not applied yet is looked at as a whole, though one of its groups alone has changed.
+void DeviceMirror::AddWholeDocuments() {
+  std::set<DocumentName> pending = _heldDocuments;
+  for (const auto& [name, blocked] : _blocked) pending.insert(name);
+  for (const DocumentName& name : pending) {
+    const std::set<std::string>& groups = _groupsOf[name];
+    const bool isTouched = std::any_of(groups.begin(), groups.end(),
+                                       [this](const std::string& group) { return _ungoverned.count(group) > 0; });
+    if (isTouched) _ungoverned.insert(groups.begin(), groups.end());
+  }
+}
+
+// Returns the documents that were not applied: a neighbour may be faster, or the store refuse it.
+std::set<DocumentName> DeviceMirror::GovernOnce(Milliseconds now) {
+  const PresentKeys present = ReadPresent();
+  for (const std::string& group : _ungoverned) _undecided.erase(group);
+  const std::map<DocumentName, DocumentStep> steps = PlanSteps(present);
+  std::set<DocumentName> failed;
+  for (const auto& [name, step] : steps) {
+    if (CarryOut(name, step, now)) {
+      _blocked.erase(name);
+    } else {
+      failed.insert(name);
     }
   }
-  if (!_ungoverned.empty()) {
-    _ungoverned.clear();
-    for (const auto& [name, origin] : _book.GetOrigins()) _blocked.emplace(name, now + kApplyAgain);
+  return failed;
+}
+
+// The user's layer is read only where it matters: for keys that are to show their default, and at a first application.
+PresentKeys DeviceMirror::ReadPresent() {
+  PresentKeys present;
+  present.shown = _local.Read(_ungoverned);
+  std::set<std::string> groups;
+  for (const std::string& group : _ungoverned) {
+    const auto targets = _targets.groups.find(group);
+    if (targets == _targets.groups.end()) continue;
+    for (const auto& [key, target] : targets->second) {
+      const auto shown = ValueOf(present.shown, group, key);
+      const GovernedKey* last = _governed.Find(group, key);
+      const bool isNews = last == nullptr || !(last->origin == target.origin) || last->shown != shown;
+      if (isNews && shown && shown != target.value && (!target.value || last == nullptr)) groups.insert(group);
+    }
   }
-  _governed.Commit();
-  MakeResults();
+  if (!groups.empty()) present.users = _local.ReadUsers(groups);
+  return present;
 }
 
-// Returns whether everything was done: a neighbour may be faster, or the store be full.
-bool DeviceMirror::GovernOnce(Milliseconds now) {
-  const IniFile settings = _local.Read(_ungoverned);
-  _undecided.clear();
-  const std::map<DocumentName, Step> steps = PlanSteps(settings);
-  bool isDone = true;
-  for (const auto& [name, step] : steps) isDone = CarryOut(name, step, now) && isDone;
-  return isDone;
-}
-
-std::map<DocumentName, DeviceMirror::Step> DeviceMirror::PlanSteps(const IniFile& settings) {
-  std::map<DocumentName, Step> steps;
+std::map<DocumentName, DocumentStep> DeviceMirror::PlanSteps(const PresentKeys& present) {
+  std::map<DocumentName, DocumentStep> steps;
   for (const std::string& group : _ungoverned) {
     const auto target = _targets.groups.find(group);
     if (target == _targets.groups.end()) continue;
-    for (const auto& [key, wanted] : target->second) PlanKey(group, key, wanted, ValueOf(settings, group, key), steps);
+    for (const auto& [key, wanted] : target->second) PlanKey(group, key, present, steps);
   }
   return steps;
 }
 
-void DeviceMirror::PlanKey(const std::string& group, const std::string& key, const Target& target,
-                           const std::optional<std::string>& shown, std::map<DocumentName, Step>& steps) {
-  const MapRule* rule = _rules.Find(group);
-  if (rule == nullptr || _rules.IsMasked(group, key)) return;  // the configuration changed since it was taken
+// What is agreed of a key. A step of which nobody knows if it was made was made, if the key is no longer what it was.
+std::optional<GovernedKey> DeviceMirror::FindLast(const std::string& group, const std::string& key, bool isOfUser,
+                                                  const std::optional<std::string>& shown) const {
+  const Target& target = _targets.groups.at(group).at(key);
   const GovernedKey* last = _governed.Find(group, key);
-  const bool isDue = last == nullptr || !(last->origin == target.origin);
-  if (!isDue && last->shown == shown) return;
+  const StepIntent* intent = _governed.FindIntent(target.origin.document);
+  const bool isRecorded = last != nullptr && last->origin == target.origin;
+  const bool isOfIntent = !isRecorded && intent != nullptr && intent->epoch == target.origin.epoch &&
+                          intent->version == target.origin.version;
+  if (isOfIntent && intent->before.count(group) > 0 && intent->before.at(group).count(key) > 0) {
+    const bool isMade = shown != intent->before.at(group).at(key) && (target.value || isOfUser);
+    if (isMade) return GovernedKey{target.origin, target.value, false};
+  }
+  return last == nullptr ? std::nullopt : std::optional<GovernedKey>(*last);
+}
 
-  const bool differs = shown != target.value;
-  bool keepsDevices = !isDue && rule->direction == Direction::kBoth && rule->winner == Side::kDevice;
-  if (!_governed.HasGroup(group) && differs && shown) {
-    if (rule->first == First::kRefuse && !_decision) {
-      _undecided.insert(programs::SpellSetting(group, key));
+void DeviceMirror::PlanKey(const std::string& group, const std::string& key, const PresentKeys& present,
+                           std::map<DocumentName, DocumentStep>& steps) {
+  const Target& target = _targets.groups.at(group).at(key);
+  const auto blocked = _blocked.find(target.origin.document);
+  const bool isWaiting = blocked != _blocked.end() && blocked->second.next;
+  if (isWaiting || !FindObstacle(group, key).empty()) return;  // the configuration changed since it was taken
+
+  const auto shown = ValueOf(present.shown, group, key);
+  const bool isOfUser = present.users.HasValue(group, key);
+  const auto last = FindLast(group, key, isOfUser, shown);
+  const bool isDue = !last || !(last->origin == target.origin);
+  if (!isDue && last->shown == shown) {
+    if (_governed.Find(group, key) == nullptr) _governed.Set(group, key, *last);
+    return;
+  }
+  // Without a value of the user's there is nothing to take away: a default may show, and may be a new one.
+  const bool differs = target.value ? shown != target.value : shown && isOfUser;
+  const MapRule& rule = *_rules.Find(group);
+  bool keepsDevices = !isDue && rule.direction == Direction::kBoth && rule.winner == Side::kDevice;
+  if (!_governed.HasGroup(group) && differs && isOfUser && !last) {
+    const auto decided = _decided.find(programs::SpellSetting(group, key));
+    if (rule.first == First::kRefuse && decided == _decided.end()) {
+      _undecided[group].insert(key);
       return;
     }
-    keepsDevices = _decision ? *_decision == Side::kDevice : rule->first == First::kDevice;
+    keepsDevices = decided != _decided.end() ? decided->second == Side::kDevice : rule.first == First::kDevice;
   }
-  if (keepsDevices && differs) return KeepDevices(group, key, target, shown);
+  if (keepsDevices && differs) return KeepDevices(group, key, shown);
 
-  Step& step = steps[target.origin.document];
+  DocumentStep& step = steps[target.origin.document];
   step.keys.emplace_back(group, key);
-  const bool isLost = !isDue && differs;
+  if (!differs) return;
+  const bool isLost = last ? last->shown != shown : isOfUser;
   if (isLost) step.conflicts.push_back({group, key, target.value, shown, Side::kDevice});
-  if (!differs || (!target.value && !shown)) return;
+  AddToStep(step, group, key, shown, target.value);
+}
+
+void DeviceMirror::AddToStep(DocumentStep& step, const std::string& group, const std::string& key,
+                             const std::optional<std::string>& shown, const std::optional<std::string>& value) {
   if (shown) {
     step.amendment.present.SetValue(group, key, *shown);
   } else {
     step.amendment.absent.SetValue(group, key, "");
   }
-  if (target.value) {
-    step.amendment.set.SetValue(group, key, *target.value);
+  if (value) {
+    step.amendment.set.SetValue(group, key, *value);
   } else {
     step.amendment.unset.SetValue(group, key, "");
     step.losing.insert(group);
@@ -128,98 +227,110 @@ void DeviceMirror::PlanKey(const std::string& group, const std::string& key, con
 }
 
 // The device's value holds until the document's next version.
-void DeviceMirror::KeepDevices(const std::string& group, const std::string& key, const Target& target,
+void DeviceMirror::KeepDevices(const std::string& group, const std::string& key,
                                const std::optional<std::string>& shown) {
+  const Target& target = _targets.groups.at(group).at(key);
   const GovernedKey* last = _governed.Find(group, key);
   const bool isCounted = last != nullptr && last->origin == target.origin && last->isOverridden;
   if (!isCounted) _report.AddConflict({group, key, shown, target.value, Side::kCentre});
   _governed.Set(group, key, {target.origin, shown, true});
 }
 
-bool DeviceMirror::CarryOut(const DocumentName& name, const Step& step, Milliseconds now) {
-  _heldDocuments.erase(name);
-  if (!step.losing.empty() && !_guard.Allow(step.losing, _admitted.size(), now)) {
-    _heldDocuments.insert(name);
-    _report.Fail("Document '" + name.name + "' would take values from " + std::to_string(step.losing.size()) +
-                 " groups, and is held until that is accepted");
-    return true;
-  }
-  settings::Amendment amendment = step.amendment;
-  if (!_local.CanRemove() && !amendment.unset.IsEmpty()) {
-    for (const auto& [group, keys] : amendment.unset) {
-      for (const auto& [key, value] : keys) {
-        _unsupported[name][programs::SpellSetting(group, key)] = "the daemon is too old to remove a value";
-        ++_report.counters.unsupported;
-      }
-    }
-    amendment.unset.Clear();
-  }
-  for (const Conflict& conflict : step.conflicts) _report.AddConflict(conflict);
+// Returns whether it is done, or held. What is about to be done is on the disk before.
+bool DeviceMirror::CarryOut(const DocumentName& name, const DocumentStep& step, Milliseconds now) {
+  if (IsHeld(name, step, now)) return true;
+  const settings::Amendment amendment = WithoutUnsupported(name, step.amendment);
   if (!amendment.set.IsEmpty() || !amendment.unset.IsEmpty()) {
-    if (!_local.Amend(amendment)) return false;
+    SetIntent(name, step);
+    _governed.Commit();
+    ReportConflicts(name, step.conflicts);
+    if (!_local.Amend(amendment)) {
+      _governed.RemoveIntent(name);
+      if (!DoConditionsHold(amendment, _local.Read(GroupsOf(step)))) return false;
+      _blocked[name].reason = "the store refuses it";
+      return false;
+    }
     ++_report.counters.applied;
   }
-  for (const std::string& group : step.losing) _guard.Release(group);
   RecordApplied(step);
+  _governed.RemoveIntent(name);
+  _reported.erase(name);
   return true;
 }
 
-// Of a key without a value its default may show now: that is what is agreed.
-void DeviceMirror::RecordApplied(const Step& step) {
+void DeviceMirror::SetIntent(const DocumentName& name, const DocumentStep& step) {
+  const auto& [firstGroup, firstKey] = step.keys.front();
+  const Origin& origin = _targets.groups.at(firstGroup).at(firstKey).origin;
+  StepIntent intent{origin.epoch, origin.version, {}};
+  for (const auto& [group, key] : step.keys) intent.before[group][key] = ValueOf(step.amendment.present, group, key);
+  _governed.SetIntent(name, intent);
+}
+
+bool DeviceMirror::IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now) {
+  const bool isAccepted = step.losing.empty() || _acceptedDocuments.count(name) > 0;
+  if (isAccepted || _guard.Allow(step.losing, std::max(_live.size(), step.losing.size()), now)) {
+    for (const std::string& group : step.losing) _guard.Release(group);
+    _heldDocuments.erase(name);
+    return false;
+  }
+  if (_heldDocuments.insert(name).second) {
+    _report.Fail("Document '" + name.name + "' would take values from " + std::to_string(step.losing.size()) +
+                 " groups, and is held until that is accepted");
+  }
+  return true;
+}
+
+settings::Amendment DeviceMirror::WithoutUnsupported(const DocumentName& name, const settings::Amendment& amendment) {
+  settings::Amendment supported = amendment;
+  if (_local.CanRemove()) return supported;
+  for (const auto& [group, keys] : amendment.unset) {
+    for (const auto& [key, value] : keys) {
+      const std::string spelled = programs::SpellSetting(group, key);
+      const bool isNew = _unsupported[name].emplace(spelled, "the daemon is too old to remove a value").second;
+      if (isNew) ++_report.counters.unsupported;
+    }
+  }
+  supported.unset.Clear();
+  return supported;
+}
+
+// Before it happens, as nobody could report it behind a power cut; once, however often it takes.
+void DeviceMirror::ReportConflicts(const DocumentName& name, const std::vector<Conflict>& conflicts) {
+  std::vector<Conflict>& reported = _reported[name];
+  for (const Conflict& conflict : conflicts) {
+    if (std::find(reported.begin(), reported.end(), conflict) != reported.end()) continue;
+    _report.AddConflict(conflict);
+    reported.push_back(conflict);
+  }
+}
+
+void DeviceMirror::Block(const DocumentName& name, Milliseconds now) {
+  BlockedDocument& blocked = _blocked[name];
+  const size_t doublings = std::min<size_t>(blocked.failures, 10);
+  blocked.next = now + std::min(kFirstBlockedWait * (1 << doublings), kLastBlockedWait);
+  if (blocked.reason.empty()) blocked.reason = "others change its values all the time";
+  if (++blocked.failures != kReportedFailures) return;
+  ++_report.counters.refused;
+  _report.Fail("Document '" + name.name + "' is not taken by the device: " + blocked.reason);
+}
+
+std::set<std::string> DeviceMirror::GroupsOf(const DocumentStep& step) {
   std::set<std::string> groups;
   for (const auto& [group, key] : step.keys) groups.insert(group);
-  const IniFile settings = _local.Read(groups);
+  return groups;
+}
+
+// Of a key without a value its default may show now: that is what is agreed.
+void DeviceMirror::RecordApplied(const DocumentStep& step) {
+  const IniFile settings = _local.Read(GroupsOf(step));
   for (const auto& [group, key] : step.keys) {
     const Target& target = _targets.groups.at(group).at(key);
     const auto shown = ValueOf(settings, group, key);
     // A neighbour was faster than this look: another one finds that.
     const bool isOther = target.value && shown != target.value;
     _governed.Set(group, key, {target.origin, isOther ? target.value : shown, false});
+    _decided.erase(programs::SpellSetting(group, key));
   }
-}
-
-void DeviceMirror::MakeResults() {
-  std::map<std::string, std::string> results;
-  std::map<DocumentName, Result> byName;
-  for (const auto& [name, origin] : _book.GetOrigins()) {
-    if (_heldDocuments.count(name) > 0) continue;
-    Result& result = byName[name];
-    result.version = origin.version;
-    const auto losers = _targets.losers.find(name);
-    if (losers != _targets.losers.end()) result.keys = losers->second;
-    const auto unsupported = _unsupported.find(name);
-    if (unsupported != _unsupported.end()) {
-      result.state = ResultState::kUnsupported;
-      result.keys.insert(unsupported->second.begin(), unsupported->second.end());
-    }
-  }
-  for (const auto& [group, keys] : _targets.groups) {
-    for (const auto& [key, target] : keys) {
-      const auto result = byName.find(target.origin.document);
-      if (result == byName.end()) continue;
-      const std::string spelled = programs::SpellSetting(group, key);
-      const GovernedKey* governed = _governed.Find(group, key);
-      if (_undecided.count(spelled) > 0) {
-        result->second.state = ResultState::kRefused;
-        result->second.keys[spelled] = "nothing is agreed yet: a person has to decide";
-      } else if (governed != nullptr && governed->isOverridden) {
-        result->second.state = std::max(result->second.state, ResultState::kOverridden);
-        result->second.keys[spelled] = "the device's value is kept";
-      }
-    }
-  }
-  for (const auto& [name, result] : _refused) byName[name] = result;
-  // Of documents of one name the one that is closest to the device comes last, and stays.
-  for (const auto& [name, result] : byName) results[name.name] = ComposeResult(result);
-
-  for (const auto& [name, text] : results) {
-    const auto last = _results.find(name);
-    if (last == _results.end() || last->second != text) _schedule.Add(_topics.GetResult(name));
-  }
-  for (const auto& [name, text] : _results) {
-    if (results.count(name) == 0) _schedule.Add(_topics.GetResult(name));
-  }
-  _results = std::move(results);
 }
 
 }  // namespace tavix::bridge

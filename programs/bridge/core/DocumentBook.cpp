@@ -1,6 +1,7 @@
 #include "programs/bridge/core/DocumentBook.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "programs/bridge/core/Hash.h"
@@ -15,47 +16,114 @@ namespace {
 constexpr char kDocument[] = "document";
 constexpr char kBytes[] = "bytes";
 constexpr char kReleased[] = "released";
+constexpr char kContent[] = "content";
+constexpr char kPlace[] = "place";
+constexpr char kClass[] = "class";
+
+std::uint64_t HashOf(const std::string& bytes) {
+  Hash hash;
+  hash.Add(bytes);
+  return hash.Get();
+}
 
 // Level and name, as the state's key.
 std::string ToKey(const DocumentName& name) {
   return std::to_string(static_cast<int>(name.level)) + "/" + name.name;
 }
 
-DocumentName FromKey(const std::string& key) {
-  return {static_cast<Level>(key.at(0) - '0'), key.substr(2)};
+std::optional<DocumentName> FromKey(const std::string& key) {
+  if (key.size() < 3 || key[0] < '0' || key[0] > '2') return std::nullopt;
+  return DocumentName{static_cast<Level>(key[0] - '0'), key.substr(2)};
 }
 
 }  // namespace
 
-DocumentBook::DocumentBook(IStateStore& store, const Limits& limits, const std::string& device)
-    : _store(store), _limits(limits), _device(device) {
+DocumentBook::DocumentBook(IStateStore& store, const Limits& limits, const std::string& place,
+                           const std::string& deviceClass)
+    : _store(store), _limits(limits), _place(place), _deviceClass(deviceClass) {
   Load();
+  ReleaseOfOtherPlaces();
 }
 
+// What can't be read is as if it had never come: it comes again.
 void DocumentBook::Load() {
   _store.Load(StateKind::kDocument, [this](const std::string& key, const IniFile& record) {
-    Known known;
-    known.bytes = record.GetValueOrDefault(kDocument, kBytes);
-    known.document = ParseDesired(known.bytes, known.bytes.size());
-    known.isReleased = record.HasValue(kDocument, kReleased);
-    _known[FromKey(key)] = known;
+    const auto name = FromKey(key);
+    const std::string bytes = record.GetValueOrDefault(kDocument, kBytes);
+    if (!name) return;
+    try {
+      Known known;
+      known.document = ParseDesired(bytes, bytes.size());
+      known.size = bytes.size();
+      known.isReleased = record.HasValue(kDocument, kReleased);
+      const std::string content = record.GetValueOrDefault(kDocument, kContent);
+      known.content = content.empty() ? HashOf(bytes) : std::strtoull(content.c_str(), nullptr, 10);
+      _known[*name] = known;
+      _maxBytes += known.size;
+    } catch (const BadDocument&) {
+    }
   });
+}
+
+void DocumentBook::ReleaseOfOtherPlaces() {
+  std::optional<IniFile> before;
+  _store.Load(StateKind::kMeta, [&before](const std::string& key, const IniFile& record) {
+    if (key == kPlace) before = record;
+  });
+  const bool isPlaceOther = before && before->GetValueOrDefault(kPlace, kPlace) != _place;
+  const bool isClassOther = before && before->GetValueOrDefault(kPlace, kClass) != _deviceClass;
+  _isPlaceDue = !before || isPlaceOther || isClassOther;
+  for (const auto& [name, known] : _known) {
+    if (isPlaceOther || (isClassOther && name.level == Level::kClass)) Release(name);
+  }
+}
+
+const DocumentBook::Known* DocumentBook::FindNewest(const DocumentName& name) const {
+  const auto coming = _coming.find(name);
+  if (coming != _coming.end() && coming->second.known) return &*coming->second.known;
+  const auto known = _known.find(name);
+  return known == _known.end() ? nullptr : &known->second;
+}
+
+std::optional<std::uint64_t> DocumentBook::FindVersion(const DocumentName& name) const {
+  const Known* newest = FindNewest(name);
+  return newest == nullptr ? std::nullopt : std::optional<std::uint64_t>(newest->document.version);
+}
+
+bool DocumentBook::HasRoom(const DocumentName& name, size_t size) {
+  _maxBytes += size;
+  if (_known.size() + _coming.size() < _limits.maxGroups && _maxBytes <= _limits.maxPendingBytes) return true;
+  size_t count = 1;
+  size_t bytes = size;
+  const auto add = [&](const DocumentName& other, size_t otherSize) {
+    if (other == name) return;
+    ++count;
+    bytes += otherSize;
+  };
+  for (const auto& [other, known] : _known) {
+    if (!known.isReleased && _coming.count(other) == 0) add(other, known.size);
+  }
+  for (const auto& [other, coming] : _coming) {
+    if (coming.known) add(other, coming.known->size);
+  }
+  const bool hasRoom = count <= _limits.maxGroups && bytes <= _limits.maxPendingBytes;
+  _maxBytes = hasRoom ? bytes : bytes - size;
+  return hasRoom;
 }
 
 DocumentBook::Outcome DocumentBook::Take(const DocumentName& name, const DesiredDocument& document,
                                          const std::string& bytes, Milliseconds now) {
   const auto coming = _coming.find(name);
-  const auto known = _known.find(name);
-  const Known* last = coming != _coming.end() && coming->second.known ? &*coming->second.known
-                      : known != _known.end()                         ? &known->second
-                                                                      : nullptr;
+  const Known* last = FindNewest(name);
+  const std::uint64_t content = HashOf(bytes);
   const bool isReleased = (coming != _coming.end() && !coming->second.known) || (last != nullptr && last->isReleased);
   if (last != nullptr && last->document.epoch == document.epoch && document.version <= last->document.version) {
-    const bool isSame = document.version == last->document.version && bytes == last->bytes;
+    const bool isSame = document.version == last->document.version && content == last->content;
     if (!isSame) return Outcome::kStale;
     if (!isReleased) return Outcome::kKnown;
   }
-  _coming[name] = {Known{document, bytes, false}, now + FindDelay(name, document)};
+  if (!HasRoom(name, bytes.size())) return Outcome::kFull;
+  _coming[name] = {Known{document, bytes, content, bytes.size(), false}, now + FindDelay(name, document)};
   return Outcome::kTaken;
 }
 
@@ -76,21 +144,26 @@ std::set<DocumentName> DocumentBook::Advance(Milliseconds now, std::set<Document
     changed.insert(name);
     Known next = coming.known ? *coming.known : _known.at(name);
     next.isReleased = !coming.known;
+    if (next.isReleased) Shrink(next);
     records.push_back(MakeRecord(name, next));
   }
+  if (_isPlaceDue) records.push_back(MakePlaceRecord());
   if (records.empty()) return changed;
   _store.Commit(records);
+  _isPlaceDue = false;
 
   for (const DocumentName& name : changed) {
     const Coming coming = _coming.at(name);
     _coming.erase(name);
     if (!coming.known) {
       _known.at(name).isReleased = true;
+      Shrink(_known.at(name));
       continue;
     }
     const auto known = _known.find(name);
     if (known != _known.end() && known->second.document.epoch != coming.known->document.epoch) fresh.insert(name);
     _known[name] = *coming.known;
+    _known[name].bytes.clear();
   }
   return changed;
 }
@@ -136,18 +209,33 @@ std::map<DocumentName, Origin> DocumentBook::GetOrigins() const {
 Milliseconds DocumentBook::FindDelay(const DocumentName& name, const DesiredDocument& document) const {
   if (name.level == Level::kDevice || _limits.spread.count() <= 0) return Milliseconds(0);
   Hash hash;
-  hash.Add(_device);
+  hash.Add(_place);
   hash.Add(name.name);
   hash.Add(document.epoch);
   hash.Add(std::to_string(document.version));
   return Milliseconds(static_cast<Milliseconds::rep>(hash.Get() % static_cast<uint64_t>(_limits.spread.count() + 1)));
 }
 
-StateRecord DocumentBook::MakeRecord(const DocumentName& name, const Known& known) const {
+// The version alone is of use then.
+void DocumentBook::Shrink(Known& known) {
+  known.document.groups.clear();
+  known.bytes = ComposeDesired(known.document);
+  known.size = known.bytes.size();
+}
+
+StateRecord DocumentBook::MakeRecord(const DocumentName& name, const Known& known) {
   IniFile record;
   record.SetValue(kDocument, kBytes, known.bytes);
+  record.SetValue(kDocument, kContent, std::to_string(known.content));
   if (known.isReleased) record.SetValue(kDocument, kReleased, "1");
   return {StateKind::kDocument, ToKey(name), record};
+}
+
+StateRecord DocumentBook::MakePlaceRecord() const {
+  IniFile record;
+  record.SetValue(kPlace, kPlace, _place);
+  record.SetValue(kPlace, kClass, _deviceClass);
+  return {StateKind::kMeta, kPlace, record};
 }
 
 }  // namespace tavix::bridge

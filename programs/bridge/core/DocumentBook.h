@@ -40,7 +40,8 @@ struct Targets {
 };
 
 // The documents of the centre: the last version of each, on the disk before it counts, and newer ones that wait for
-// their moment. Documents for many devices are spread over a minute, so that not all of them change at once.
+// their moment. Documents for many devices are spread over a minute, so that not all of them change at once. They are
+// bounded like groups, in number and in bytes. Of one that was released its version is remembered.
 //
 // Threads: one.
 // Errors:  osa::Exception of the store.
@@ -50,10 +51,12 @@ class DocumentBook {
     kTaken,  // it is the next one
     kKnown,  // it is the one that holds already
     kStale,  // a newer one, or another one of the same version, was there
+    kFull,   // there are too many
   };
 
-  // device: its name, for the spread. store: outlives the object.
-  DocumentBook(IStateStore& store, const Limits& limits, const std::string& device);
+  // place: of the device's topics, which is also for the spread. deviceClass: its class. What was kept for another
+  // place or another class is released. store: outlives the object.
+  DocumentBook(IStateStore& store, const Limits& limits, const std::string& place, const std::string& deviceClass);
 
   // A document that can be taken came; it becomes valid at its moment.
   Outcome Take(const DocumentName& name, const DesiredDocument& document, const std::string& bytes, Milliseconds now);
@@ -72,12 +75,17 @@ class DocumentBook {
   // The versions that hold, by name. Those that were released are not among them.
   std::map<DocumentName, Origin> GetOrigins() const;
 
+  // Of the newest one that came, whether it holds already or not; nothing: none came.
+  std::optional<std::uint64_t> FindVersion(const DocumentName& name) const;
+
   size_t CountWaiting() const { return _coming.size(); }
 
  private:
   struct Known {
     DesiredDocument document;
-    std::string bytes;
+    std::string bytes;          // until they are on the disk
+    std::uint64_t content = 0;  // a hash of its bytes
+    size_t size = 0;            // their number
     bool isReleased = false;
   };
   struct Coming {
@@ -86,14 +94,22 @@ class DocumentBook {
   };
 
   Milliseconds FindDelay(const DocumentName& name, const DesiredDocument& document) const;
-  StateRecord MakeRecord(const DocumentName& name, const Known& known) const;
+  const Known* FindNewest(const DocumentName& name) const;
+  bool HasRoom(const DocumentName& name, size_t size);
+  static void Shrink(Known& known);
+  static StateRecord MakeRecord(const DocumentName& name, const Known& known);
+  StateRecord MakePlaceRecord() const;
   void Load();
+  void ReleaseOfOtherPlaces();
 
   IStateStore& _store;
   const Limits _limits;
-  const std::string _device;
+  const std::string _place;
+  const std::string _deviceClass;
+  bool _isPlaceDue = false;  // it is to be kept
   std::map<DocumentName, Known> _known;
   std::map<DocumentName, Coming> _coming;
+  size_t _maxBytes = 0;  // all documents have not more
 };
 
 }  // namespace tavix::bridge

@@ -30,6 +30,9 @@ class ILocalStore {
   // The groups that names and patterns mean, as readers see them.
   virtual core::IniFile Read(const std::set<std::string>& namesAndPatterns) = 0;
 
+  // Of these groups what the user's layer holds. Costs as much as all of that layer.
+  virtual core::IniFile ReadUsers(const std::set<std::string>& groups) = 0;
+
   // Returns whether it was done: not, when a condition does not hold, or the store refuses the change. Without
   // CanRemove it removes nothing and checks the values that are present alone.
   [[nodiscard]] virtual bool Amend(const settings::Amendment& amendment) = 0;

@@ -12,11 +12,12 @@ namespace tavix::bridge {
 
 // How far a mirror is. A plain value.
 struct MirrorState {
-  size_t groups = 0;     // that are mirrored
-  size_t waiting = 0;    // groups that are to be sent or applied
-  size_t held = 0;       // groups whose losses a person has to accept
-  size_t undecided = 0;  // groups of which a person has to decide who is right first
-  size_t left = 0;       // groups, or documents, that can't be taken as they are
+  size_t groups = 0;            // that are mirrored
+  size_t waiting = 0;           // groups that are to be sent or applied
+  size_t held = 0;              // groups whose losses a person has to accept
+  size_t undecided = 0;         // groups of which a person has to decide who is right first
+  size_t left = 0;              // groups, or documents, that can't be taken as they are
+  bool hasStateFailed = false;  // nothing is mirrored, as the state can't be written
   bool isInSync = false;
 };
 
@@ -24,8 +25,8 @@ struct MirrorState {
 // its own: what happened is reported to it, and Run does what follows from that.
 //
 // Threads: one.
-// Errors:  LocalLost, and osa::Exception of the state store, leave Run and the calls that begin with On; the call is
-//          made again later. What stands in memory then is still right.
+// Errors:  LocalLost leaves Run, which is called again once there is another connection; nothing is lost by that. A
+//          state that can't be written is reported by GetState, and tried again by Run.
 class Mirror {
  public:
   virtual ~Mirror() = default;

@@ -1,5 +1,8 @@
 #include "programs/bridge/core/Publications.h"
 
+#include <utility>
+#include <vector>
+
 #include "programs/bridge/core/Hash.h"
 
 namespace tavix::bridge {
@@ -34,10 +37,20 @@ Publications::Publications(IStateStore& store, const std::string& newEpoch) : _s
     }
   });
   if (!_epoch.empty()) return;
-  IniFile record;
-  record.SetValue(kHead, kEpoch, newEpoch);
-  _store.Commit({{StateKind::kMeta, kEpoch, record}});
   _epoch = newEpoch;
+  _isEpochDue = true;
+}
+
+// The epoch is kept with what is first kept of it.
+void Publications::Commit(std::vector<StateRecord> records) {
+  if (_isEpochDue) {
+    IniFile record;
+    record.SetValue(kHead, kEpoch, _epoch);
+    records.push_back({StateKind::kMeta, kEpoch, record});
+  }
+  if (records.empty()) return;
+  _store.Commit(records);
+  _isEpochDue = false;
 }
 
 const Publication* Publications::Find(const std::string& group) const {
@@ -52,7 +65,7 @@ const Publication& Publications::Advance(const std::string& group, std::uint64_t
   record.SetValue(kHead, kVersion, std::to_string(next.version));
   record.SetValue(kHead, kContent, std::to_string(next.content));
   if (isGone) record.SetValue(kHead, kGone, "1");
-  _store.Commit({{StateKind::kReported, kGroupPrefix + group, record}});
+  Commit({{StateKind::kReported, kGroupPrefix + group, record}});
   return _groups[group] = next;
 }
 
@@ -71,17 +84,21 @@ std::optional<std::uint64_t> Publications::FindOther(const std::string& topic) c
   return found->second;
 }
 
-void Publications::SetOther(const std::string& topic, std::optional<std::uint64_t> content) {
-  StateRecord record{StateKind::kReported, kOtherPrefix + topic, std::nullopt};
-  if (content) {
-    record.value.emplace();
-    record.value->SetValue(kHead, kContent, std::to_string(*content));
+void Publications::SetOthers(const std::map<std::string, std::optional<std::uint64_t>>& contents) {
+  std::vector<StateRecord> records;
+  for (const auto& [topic, content] : contents) {
+    records.push_back({StateKind::kReported, kOtherPrefix + topic, std::nullopt});
+    if (!content) continue;
+    records.back().value.emplace();
+    records.back().value->SetValue(kHead, kContent, std::to_string(*content));
   }
-  _store.Commit({record});
-  if (content) {
-    _others[topic] = *content;
-  } else {
-    _others.erase(topic);
+  Commit(std::move(records));
+  for (const auto& [topic, content] : contents) {
+    if (content) {
+      _others[topic] = *content;
+    } else {
+      _others.erase(topic);
+    }
   }
 }
 

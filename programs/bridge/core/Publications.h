@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "programs/bridge/core/IStateStore.h"
 
@@ -38,12 +39,15 @@ class Publications {
 
   // What was last published under another topic, by a hash; nothing: nothing was.
   std::optional<std::uint64_t> FindOther(const std::string& topic) const;
-  void SetOther(const std::string& topic, std::optional<std::uint64_t> content);
+  void SetOthers(const std::map<std::string, std::optional<std::uint64_t>>& contents);  // as one commit
   const std::map<std::string, std::uint64_t>& GetOthers() const { return _others; }
 
  private:
+  void Commit(std::vector<StateRecord> records);
+
   IStateStore& _store;
   std::string _epoch;
+  bool _isEpochDue = false;  // it is to be kept
   std::map<std::string, Publication> _groups;
   std::map<std::string, std::uint64_t> _others;
 };

@@ -26,7 +26,7 @@ Rules::Rules(std::vector<MapRule> maps, std::vector<std::string> never, std::vec
     : _maps(std::move(maps)), _never(std::move(never)), _mask(std::move(mask)) {}
 
 const MapRule* Rules::Find(const std::string& group) const {
-  if (IsNever(group)) return nullptr;
+  if (group.empty() || IsNever(group)) return nullptr;
   const auto found = std::find_if(_maps.begin(), _maps.end(), [&group](const MapRule& map) {
     return StringUtil::MatchesPattern(map.pattern, group);
   });

@@ -37,13 +37,14 @@ class Rules {
   // maps: the first one that matches a group rules it. never: patterns of groups. mask: patterns of "[group]key".
   Rules(std::vector<MapRule> maps, std::vector<std::string> never, std::vector<std::string> mask);
 
-  // Nothing: the group is not mirrored.
+  // Nothing: the group is not mirrored. One without a name never is: no topic and no key below a prefix can name it.
   const MapRule* Find(const std::string& group) const;
 
   bool IsNever(const std::string& group) const;
   bool IsMasked(const std::string& group, const std::string& key) const;
 
   const std::vector<MapRule>& GetMaps() const { return _maps; }
+  const std::vector<std::string>& GetNever() const { return _never; }
   std::set<std::string> GetPatterns() const;
 
  private:

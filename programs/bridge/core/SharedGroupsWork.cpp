@@ -3,10 +3,10 @@
 
 #include "programs/bridge/core/GroupChange.h"
 #include "programs/bridge/core/SharedGroups.h"
-#include "programs/bridge/formats/SharedGroup.h"
 #include "programs/common/client/Spelling.h"
 
-// What follows from what was reported to the mirror.
+// What follows from what was reported to the mirror. Changes of the state are committed before what they are about is
+// forgotten: behind a failure all of it is done again. SharedGroupsSend.cpp has what is sent.
 namespace tavix::bridge {
 
 using core::IniFile;
@@ -14,43 +14,47 @@ using core::IniFile;
 namespace {
 
 constexpr size_t kBatch = 256;  // groups that are read at once
-constexpr Milliseconds kApplyAgain{100};
+constexpr Milliseconds kFirstBlockedWait{100};
+constexpr Milliseconds kLastBlockedWait{60'000};
 
-size_t CountBytes(const std::string& group, const Keys& keys) {
+}  // namespace
+
+size_t SharedGroups::CountBytes(const std::string& group, const Keys& keys) {
   size_t bytes = group.size();
   for (const auto& [key, value] : keys) bytes += key.size() + value.size();
   return bytes;
 }
 
-}  // namespace
-
 void SharedGroups::Run(Milliseconds now) {
-  if (!CanWork()) return;
+  if (!CanWork() || !_retry.IsDue(now)) return;
+  try {
+    Work(now);
+    _retry.OnWritten();
+  } catch (const LocalLost&) {
+    throw;
+  } catch (const osa::Exception& error) {
+    _retry.OnFailed(error.what(), now);
+  }
+}
+
+void SharedGroups::Work(Milliseconds now) {
+  Confirm();
   if (_isToCompare) CompareAll();
   Reconcile(now);
   SendDue(now);
-  KeepFollowed();
+  KeepFollowed(now);
 }
 
-// The limit of groups is that of the device's memory and of the other end's.
-bool SharedGroups::Admit(const std::string& group, const Keys& keys) {
-  const size_t bytes = CountBytes(group, keys);
-  const auto known = _admitted.find(group);
-  const size_t before = known == _admitted.end() ? 0 : known->second;
-  const bool isTooMuch = (known == _admitted.end() && _admitted.size() >= _limits.maxGroups) ||
-                         (bytes > before && _admittedBytes - before + bytes > _limits.maxPendingBytes);
-  if (isTooMuch) {
-    if (_leftOut.size() < _limits.maxGroups && _leftOut.insert(group).second) {
-      ++_report.counters.leftOut;
-      _report.Fail("[" + programs::SpellName(group) + "] is left out: " + std::to_string(_admitted.size()) +
-                   " groups of " + std::to_string(_admittedBytes) + " bytes are mirrored already");
-    }
-    return false;
+// What the other end took is agreed. Items that are not newer are what was put, or what it replaced.
+void SharedGroups::Confirm() {
+  for (const auto& [group, agreed] : _confirmed) _state.SetAgreed(group, agreed);
+  _state.Commit();
+  for (const auto& [group, agreed] : _confirmed) {
+    const auto remote = _remote.find(group);
+    if (remote != _remote.end() && remote->second.version <= agreed.version) _remote.erase(remote);
+    _dirty.insert(group);
   }
-  _leftOut.erase(group);
-  _admittedBytes += bytes - before;
-  _admitted[group] = bytes;
-  return true;
+  _confirmed.clear();
 }
 
 // Behind a new connection of either end nothing is known of what was missed.
@@ -58,77 +62,151 @@ void SharedGroups::CompareAll() {
   const IniFile all = _local.Read(_rules.GetPatterns());
   for (const auto& [group, keys] : all) {
     if (_rules.Find(group) == nullptr) continue;
-    const AgreedGroup* agreed = _state.FindAgreed(group);
-    if (agreed == nullptr || agreed->keys != WithoutMasked(group, keys)) _dirty.insert(group);
+    const SharedView view = LookAt(group, keys).view;
+    if (!view.agreed || *view.agreed != view.device || view.centre != view.device) _dirty.insert(group);
   }
   for (const auto& [group, agreed] : _state.GetAgreed()) {
-    if (!all.HasGroup(group)) _dirty.insert(group);
+    if (!all.HasGroup(group) || _state.FindIntent(group) != nullptr) _dirty.insert(group);
   }
   for (const auto& [group, remote] : _remote) _dirty.insert(group);
   _isToCompare = false;
 }
 
+// The group is gone at both ends: another one may have its place.
+void SharedGroups::Release(const std::string& group) {
+  if (_admission.Release(group)) _isToCompare = true;
+  _guard.Release(group);
+  _undecided.erase(group);
+  _blocked.erase(group);
+  _schedule.Remove(group);
+}
+
 void SharedGroups::Reconcile(Milliseconds now) {
-  for (auto entry = _blocked.begin(); entry != _blocked.end();) {
-    if (entry->second <= now) _dirty.insert(entry->first);
-    entry = entry->second <= now ? _blocked.erase(entry) : std::next(entry);
-  }
+  AddDue(now);
   for (std::vector<Planned> batch = PlanDirty(); !batch.empty(); batch = PlanDirty()) {
     HoldLosses(batch, now);
     WriteIntents(batch);
-    for (const Planned& planned : batch) {
-      const bool isApplied = Apply(planned);
-      _dirty.erase(planned.group);
-      if (isApplied) {
-        Settle(planned, now);
-      } else {
-        // A neighbour was faster, or the store is full.
-        _blocked[planned.group] = now + kApplyAgain;
-      }
-    }
-    _state.Commit();
+    CarryOut(batch, now);
   }
+}
+
+void SharedGroups::AddDue(Milliseconds now) {
+  for (auto& [group, blocked] : _blocked) {
+    if (!blocked.next || *blocked.next > now) continue;
+    blocked.next.reset();
+    _dirty.insert(group);
+  }
+  for (auto& [group, refused] : _refused) {
+    if (refused.next > now) continue;
+    refused.next = now + refused.wait;
+    _schedule.Add(group);
+  }
+}
+
+void SharedGroups::CarryOut(std::vector<Planned>& batch, Milliseconds now) {
+  std::vector<const Planned*> applied;
+  for (const Planned& planned : batch) {
+    if (planned.plan.isUndecided) {
+      _dirty.erase(planned.group);
+    } else if (Apply(planned)) {
+      Agree(planned);
+      applied.push_back(&planned);
+    } else {
+      Block(planned.group, now);
+    }
+  }
+  _state.Commit();
+  for (const Planned* planned : applied) Settle(*planned, now);
 }
 
 std::vector<SharedGroups::Planned> SharedGroups::PlanDirty() {
-  std::set<std::string> names;
-  for (const std::string& group : _dirty) {
-    if (!_schedule.IsInFlight(group)) names.insert(group);
-    if (names.size() == kBatch) break;
-  }
   std::vector<Planned> batch;
-  if (names.empty()) return batch;
-  const IniFile settings = _local.Read(names);
-  for (const std::string& group : names) {
-    const Keys device = settings.HasGroup(group) ? WithoutMasked(group, settings[group]) : Keys();
-    const auto remote = _remote.find(group);
-    const bool isReadable = remote == _remote.end() || remote->second.isReadable;
-    if (!isReadable || _rules.Find(group) == nullptr || !Admit(group, device)) {
-      _dirty.erase(group);
-      continue;
+  while (batch.empty()) {
+    std::set<std::string> names;
+    for (auto entry = _dirty.begin(); entry != _dirty.end() && names.size() < kBatch;) {
+      const auto blocked = _blocked.find(*entry);
+      const bool isBlocked = blocked != _blocked.end() && blocked->second.next;
+      if (!isBlocked && !_schedule.IsInFlight(*entry)) names.insert(*entry);
+      entry = isBlocked ? _dirty.erase(entry) : std::next(entry);
     }
-    batch.push_back(PlanGroup(group, device));
+    if (names.empty()) break;
+    const IniFile settings = _local.Read(names);
+    for (const std::string& group : names) {
+      const Keys device = settings.HasGroup(group) ? settings[group] : Keys();
+      const auto remote = _remote.find(group);
+      const bool isUsable = remote == _remote.end() || remote->second.isUsable;
+      const bool isRuled = _rules.Find(group) != nullptr;
+      if (!isRuled || IsAbsent(group, device)) {
+        _remote.erase(group);
+        _dirty.erase(group);
+        Release(group);
+      } else if (!isUsable || !_admission.Admit(group, CountBytes(group, device))) {
+        _dirty.erase(group);
+      } else {
+        batch.push_back(PlanGroup(group, device));
+      }
+    }
   }
-  // All of them were put aside: there may be others.
-  return batch.empty() ? PlanDirty() : batch;
+  return batch;
 }
 
-SharedGroups::Planned SharedGroups::PlanGroup(const std::string& group, const Keys& device) {
+// Whether neither end has the group, and nothing is to be remembered of it.
+bool SharedGroups::IsAbsent(const std::string& group, const Keys& device) const {
+  const auto remote = _remote.find(group);
+  const bool isThere = remote != _remote.end() && remote->second.isThere;
+  return device.empty() && !isThere && _state.FindAgreed(group) == nullptr && _state.FindIntent(group) == nullptr;
+}
+
+// device: all of its keys. What is masked, here or there, is left out of what is merged. The configuration may have
+// changed since it was agreed.
+SharedGroups::Planned SharedGroups::LookAt(const std::string& group, const Keys& device) const {
   Planned planned;
   planned.group = group;
   SharedView& view = planned.view;
   const AgreedGroup* agreed = _state.FindAgreed(group);
-  if (agreed != nullptr) view.agreed = agreed->keys;
-  view.device = device;
   const auto remote = _remote.find(group);
-  view.centre = remote != _remote.end() ? remote->second.keys : view.agreed.value_or(Keys());
+  if (agreed != nullptr) {
+    view.agreed = agreed->keys;
+    view.agreed->insert(agreed->kept.begin(), agreed->kept.end());
+    planned.hidden = agreed->hidden;
+    view.centre = agreed->keys;
+  }
+  if (remote != _remote.end()) {
+    planned.hidden = remote->second.hidden;
+    view.centre = remote->second.keys;
+  }
+  view.device = device;
   const Intent* intent = _state.FindIntent(group);
   if (intent != nullptr) view.intent = *intent;
 
-  const MapRule& rule = *_rules.Find(group);
-  const auto attempts = _attempts.find(group);
-  const bool isOver = attempts != _attempts.end() && attempts->second >= _limits.maxAttempts;
-  planned.plan = isOver ? MakeWinnersPlan(group, rule, view) : MakeSharedPlan(group, rule, view, _decision);
+  for (auto entry = planned.hidden.begin(); entry != planned.hidden.end();) {
+    const bool isOpen = entry->second && !_rules.IsMasked(group, entry->first);
+    if (isOpen) view.centre[entry->first] = *entry->second;
+    entry = isOpen ? planned.hidden.erase(entry) : std::next(entry);
+  }
+  for (const auto& [key, value] : view.centre) {
+    if (_rules.IsMasked(group, key)) planned.hidden[key] = value;
+  }
+  for (const auto& [key, value] : device) {
+    if (_rules.IsMasked(group, key)) planned.masked.insert(key);
+  }
+  const auto hide = [&](const std::string& key) {
+    for (Keys* keys : {&view.device, &view.centre}) keys->erase(key);
+    if (view.agreed) view.agreed->erase(key);
+    if (view.intent) view.intent->before.erase(key);
+    if (view.intent) view.intent->after.erase(key);
+  };
+  for (const auto& [key, value] : planned.hidden) hide(key);
+  for (const std::string& key : planned.masked) hide(key);
+  return planned;
+}
+
+SharedGroups::Planned SharedGroups::PlanGroup(const std::string& group, const Keys& device) {
+  Planned planned = LookAt(group, device);
+  const auto decided = _decided.find(group);
+  const auto decision = decided == _decided.end() ? std::nullopt : std::optional<Side>(decided->second);
+  planned.plan = MakeSharedPlan(group, *_rules.Find(group), planned.view, decision);
+  if (!_local.CanRemove()) KeepUnremovable(planned);
   if (planned.plan.isUndecided) {
     _undecided.insert(group);
   } else {
@@ -137,17 +215,17 @@ SharedGroups::Planned SharedGroups::PlanGroup(const std::string& group, const Ke
   return planned;
 }
 
-Keys SharedGroups::ReadGroup(const std::string& group) {
-  const IniFile settings = _local.Read({group});
-  return settings.HasGroup(group) ? WithoutMasked(group, settings[group]) : Keys();
+// What an older daemon can't remove stays on the device, and is remembered as what is still to be removed.
+void SharedGroups::KeepUnremovable(Planned& planned) {
+  for (const auto& [key, value] : planned.view.device) {
+    if (planned.plan.device.count(key) == 0) planned.kept[key] = value;
+  }
+  planned.plan.device.insert(planned.kept.begin(), planned.kept.end());
 }
 
-Keys SharedGroups::WithoutMasked(const std::string& group, const Keys& keys) const {
-  Keys open = keys;
-  for (auto entry = open.begin(); entry != open.end();) {
-    entry = _rules.IsMasked(group, entry->first) ? open.erase(entry) : std::next(entry);
-  }
-  return open;
+Keys SharedGroups::ReadGroup(const std::string& group) {
+  const IniFile settings = _local.Read({group});
+  return settings.HasGroup(group) ? settings[group] : Keys();
 }
 
 // Takes the groups out of the batch that may not lose what they would lose.
@@ -163,7 +241,7 @@ void SharedGroups::HoldLosses(std::vector<Planned>& batch, Milliseconds now) {
     }
   }
   const size_t before = _guard.GetHeld().size();
-  if (losing.empty() || _guard.Allow(losing, _admitted.size(), now)) return;
+  if (losing.empty() || _guard.Allow(losing, _admission.CountAdmitted(), now)) return;
   if (_guard.GetHeld().size() > before) {
     _report.Fail("A source is suddenly empty: " + std::to_string(_guard.GetHeld().size()) +
                  " groups would lose values and are held until that is accepted");
@@ -193,118 +271,68 @@ void SharedGroups::WriteIntents(const std::vector<Planned>& batch) {
   }
 }
 
-// Returns whether the device holds what is planned, as far as its daemon can.
+// Returns whether the device holds what is planned.
 bool SharedGroups::Apply(const Planned& planned) {
   settings::Amendment amendment;
-  const bool stays = AddChange(amendment, planned.group, planned.view.device, planned.plan.device, _local.CanRemove());
-  if (stays && _unsupported.insert(planned.group).second) {
-    ++_report.counters.unsupported;
-    _report.Fail("Keys of [" + programs::SpellName(planned.group) +
-                 "] are not removed: the daemon is too old for that");
-  }
-  if (!stays) _unsupported.erase(planned.group);
+  (void)AddChange(amendment, planned.group, planned.view.device, planned.plan.device, true);
   if (IsEmpty(amendment)) return true;
   if (!_local.Amend(amendment)) return false;
   ++_report.counters.applied;
   return true;
 }
 
+// A neighbour was faster, or the store refuses the change: the device does not take it now.
+void SharedGroups::Block(const std::string& group, Milliseconds now) {
+  _dirty.erase(group);
+  Blocked& blocked = _blocked[group];
+  const size_t doublings = std::min<size_t>(blocked.failures, 10);
+  blocked.next = now + std::min(kFirstBlockedWait * (1 << doublings), kLastBlockedWait);
+  if (++blocked.failures != kReportedFailures) return;
+  ++_report.counters.refused;
+  _report.Fail("A change of [" + programs::SpellName(group) +
+               "] is not taken by the device: its store refuses it, or others change the group all the time");
+}
+
 // The device has taken in what the centre holds: that is agreed, and what the device holds beyond it is to be sent.
+void SharedGroups::Agree(const Planned& planned) {
+  const auto remote = _remote.find(planned.group);
+  const AgreedGroup* known = _state.FindAgreed(planned.group);
+  AgreedGroup agreed;
+  agreed.keys = planned.view.centre;
+  agreed.hidden = planned.hidden;
+  agreed.kept = planned.kept;
+  agreed.version = GetExpected(planned.group);
+  agreed.isThere = remote != _remote.end() ? remote->second.isThere : known != nullptr && known->isThere;
+  const bool isKnown = known == nullptr ? agreed.IsEmpty() : *known == agreed;
+  if (!isKnown || planned.view.intent || planned.plan.device != planned.view.device) {
+    _state.SetAgreed(planned.group, agreed);
+  }
+  const bool isNewlyKept = !planned.kept.empty() && (known == nullptr || known->kept != planned.kept);
+  if (!isNewlyKept) return;
+  ++_report.counters.unsupported;
+  _report.Fail("Keys of [" + programs::SpellName(planned.group) + "] are not removed: the daemon is too old for that");
+}
+
 void SharedGroups::Settle(const Planned& planned, Milliseconds now) {
   const std::string& group = planned.group;
-  if (planned.plan.isUndecided) return;
+  _dirty.erase(group);
+  _blocked.erase(group);
   _reported.erase(group);
-
-  AgreedGroup agreed{planned.view.centre, GetVersion(group)};
-  if (_unsupported.count(group) > 0) {
-    // What could not be removed is agreed as it was: the removal is still to come.
-    for (const auto& [key, value] : planned.view.device) {
-      if (planned.plan.device.count(key) == 0) agreed.keys.emplace(key, value);
-    }
-    agreed.version = 0;
-  } else {
-    _remote.erase(group);
-  }
-  const AgreedGroup* known = _state.FindAgreed(group);
-  const bool isKnown =
-      known == nullptr ? agreed.keys.empty() : known->keys == agreed.keys && known->version == agreed.version;
-  if (!isKnown || planned.view.intent || planned.plan.device != planned.view.device) _state.SetAgreed(group, agreed);
-
+  _remote.erase(group);
   const auto refused = _refused.find(group);
-  const bool isRefused = refused != _refused.end() && refused->second == planned.plan.centre;
-  if (planned.plan.centre == planned.view.centre) {
+  const bool isRefused = refused != _refused.end() && refused->second.keys == planned.plan.centre;
+  if (!IsToSend(planned)) {
     _schedule.Remove(group);
     _attempts.erase(group);
+    _decided.erase(group);
+    if (!isRefused) _refused.erase(group);
   } else if (!isRefused) {
     _schedule.Add(group, FindRetry(group, now));
   }
-}
-
-void SharedGroups::SendDue(Milliseconds now) {
-  while (const auto group = _schedule.Take(now)) {
-    const Planned planned = PlanGroup(*group, ReadGroup(*group));
-    // It changed since it was looked at: another look decides what is to be done, and asks the guard.
-    const bool isAsPlanned = !planned.plan.isUndecided && planned.plan.centre != planned.view.centre &&
-                             planned.plan.device == planned.view.device && planned.plan.conflicts.empty();
-    if (!isAsPlanned || _dirty.count(*group) > 0) {
-      _dirty.insert(*group);
-      continue;
-    }
-    if (!Send(planned, now)) {
-      _schedule.Add(*group);
-      return;
-    }
+  if (planned.plan.device.empty() && planned.plan.centre.empty() && planned.masked.empty() && planned.hidden.empty() &&
+      _state.FindAgreed(group) == nullptr) {
+    Release(group);
   }
-}
-
-bool SharedGroups::Send(const Planned& planned, Milliseconds now) {
-  const std::string& group = planned.group;
-  std::optional<std::string> bytes;
-  if (!planned.plan.centre.empty()) {
-    Keys all = planned.plan.centre;
-    std::set<std::string> masked;
-    const IniFile settings = _local.Read({group});
-    for (const auto& [key, value] : settings.HasGroup(group) ? settings[group] : Keys()) {
-      if (_rules.IsMasked(group, key)) masked.insert(key);
-    }
-    for (const std::string& key : masked) all[key];
-    bytes = ComposeSharedGroup(all, masked);
-  }
-  PutOptions options;
-  const auto attempts = _attempts.find(group);
-  const bool isOver = attempts != _attempts.end() && attempts->second >= _limits.maxAttempts;
-  if (!isOver) options.expected = GetVersion(group);
-
-  _state.SetIntent(group, {Intent::Where::kCentre, planned.view.centre, planned.plan.centre});
-  _state.Commit();
-  if (!_engine.Put(_prefix + group, bytes, options)) return false;
-  _schedule.OnSent(group, now);
-  _sent[group] = planned.plan.centre;
-  return true;
-}
-
-// Items up to here are agreed, all of them: another start may go on behind them.
-void SharedGroups::KeepFollowed() {
-  if (!_remote.empty() || !_dirty.empty()) return;
-  if (_followed == _state.GetFollowed() && _source == _state.GetSource()) return;
-  _state.SetFollowed(_source, _followed);
-  _state.Commit();
-}
-
-// Of the item that stands there, as far as it is known; 0: there is none.
-Version SharedGroups::GetVersion(const std::string& group) const {
-  const auto remote = _remote.find(group);
-  if (remote != _remote.end()) return remote->second.isThere ? remote->second.version : 0;
-  const AgreedGroup* agreed = _state.FindAgreed(group);
-  return agreed == nullptr ? 0 : agreed->version;
-}
-
-// Others who got ahead will try again, too: each at another moment.
-Milliseconds SharedGroups::FindRetry(const std::string& group, Milliseconds now) {
-  const auto attempts = _attempts.find(group);
-  if (attempts == _attempts.end()) return now;
-  std::uniform_int_distribution<Milliseconds::rep> within(0, 100 << std::min<size_t>(attempts->second, 8));
-  return now + Milliseconds(within(_random));
 }
 
 }  // namespace tavix::bridge

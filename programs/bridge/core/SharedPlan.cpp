@@ -88,24 +88,6 @@ SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const S
   return plan;
 }
 
-SharedPlan MakeWinnersPlan(const std::string& group, const MapRule& rule, const SharedView& view) {
-  if (rule.direction != Direction::kBoth) return MakeSharedPlan(group, rule, view, rule.winner);
-  const bool isDevice = rule.winner == Side::kDevice;
-  const Keys& kept = isDevice ? view.device : view.centre;
-  const Keys& lost = isDevice ? view.centre : view.device;
-  const Keys base = FindBase(view);
-
-  SharedPlan plan;
-  plan.device = kept;
-  plan.centre = kept;
-  for (const std::string& key : NamesOf(base, lost)) {
-    const auto value = FindValue(lost, key);
-    if (value == FindValue(kept, key) || value == FindValue(base, key)) continue;
-    plan.conflicts.push_back({group, key, FindValue(kept, key), value, isDevice ? Side::kCentre : Side::kDevice});
-  }
-  return plan;
-}
-
 bool TakesValues(const Keys& before, const Keys& after) {
   return std::any_of(before.begin(), before.end(),
                      [&after](const auto& entry) { return after.count(entry.first) == 0; });

@@ -39,9 +39,6 @@ struct SharedPlan {
 SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const SharedView& view,
                           std::optional<Side> decision);
 
-// What the plan is when others get ahead of each write: the winner's content as it is.
-SharedPlan MakeWinnersPlan(const std::string& group, const MapRule& rule, const SharedView& view);
-
 // Whether "after" lacks keys that "before" has.
 bool TakesValues(const Keys& before, const Keys& after);
 

@@ -12,6 +12,10 @@ namespace {
 constexpr char kHead[] = "head";
 constexpr char kVersion[] = "version";
 constexpr char kKeys[] = "keys";
+constexpr char kGone[] = "gone";
+constexpr char kHiddenValues[] = "hidden";
+constexpr char kMasked[] = "masked";
+constexpr char kKept[] = "kept";
 constexpr char kWhere[] = "where";
 constexpr char kBefore[] = "before";
 constexpr char kAfter[] = "after";
@@ -26,11 +30,31 @@ Version VersionOf(const IniFile& record) {
   return std::stoull("0" + record.GetValueOrDefault(kHead, kVersion));
 }
 
+HiddenKeys HiddenOf(const IniFile& record) {
+  HiddenKeys hidden;
+  for (const auto& [key, value] : KeysOf(record, kHiddenValues)) hidden[key] = value;
+  for (const auto& [key, value] : KeysOf(record, kMasked)) hidden[key] = std::nullopt;
+  return hidden;
+}
+
+IniFile MakeRecord(const AgreedGroup& agreed) {
+  IniFile record;
+  record.SetValue(kHead, kVersion, std::to_string(agreed.version));
+  if (!agreed.isThere) record.SetValue(kHead, kGone, "1");
+  if (!agreed.keys.empty()) record[kKeys] = agreed.keys;
+  if (!agreed.kept.empty()) record[kKept] = agreed.kept;
+  for (const auto& [key, value] : agreed.hidden) {
+    record.SetValue(value ? kHiddenValues : kMasked, key, value.value_or(""));
+  }
+  return record;
+}
+
 }  // namespace
 
 SharedState::SharedState(IStateStore& store) : _store(store) {
   _store.Load(StateKind::kAgreed, [this](const std::string& group, const IniFile& record) {
-    _agreed[group] = {KeysOf(record, kKeys), VersionOf(record)};
+    _agreed[group] = {KeysOf(record, kKeys), VersionOf(record), !record.HasValue(kHead, kGone), HiddenOf(record),
+                      KeysOf(record, kKept)};
   });
   _store.Load(StateKind::kIntent, [this](const std::string& group, const IniFile& record) {
     const bool isCentre = record.GetValueOrDefault(kHead, kWhere) == "centre";
@@ -55,10 +79,7 @@ const Intent* SharedState::FindIntent(const std::string& group) const {
 }
 
 void SharedState::SetAgreed(const std::string& group, const AgreedGroup& agreed) {
-  IniFile record;
-  record.SetValue(kHead, kVersion, std::to_string(agreed.version));
-  if (!agreed.keys.empty()) record[kKeys] = agreed.keys;
-  Add(StateKind::kAgreed, group, agreed.keys.empty() ? std::nullopt : std::optional<IniFile>(record));
+  Add(StateKind::kAgreed, group, agreed.IsEmpty() ? std::nullopt : std::optional<IniFile>(MakeRecord(agreed)));
   Add(StateKind::kIntent, group, std::nullopt);
   _newAgreed[group] = agreed;
 }
@@ -94,7 +115,7 @@ void SharedState::Commit() {
 
   for (auto& [group, state] : agreed) {
     _intents.erase(group);
-    if (state.keys.empty()) {
+    if (state.IsEmpty()) {
       _agreed.erase(group);
     } else {
       _agreed[group] = std::move(state);

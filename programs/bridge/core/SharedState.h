@@ -12,10 +12,25 @@
 
 namespace tavix::bridge {
 
+// Keys of an item that are merged with nothing, and what stands there: a value for a key that is masked here, or
+// nothing for one whose value another device keeps.
+using HiddenKeys = std::map<std::string, std::optional<std::string>>;
+
 // What both ends of a group held last. A plain value.
 struct AgreedGroup {
   Keys keys;
-  Version version = 0;  // of the engine's item
+  Version version = 0;   // of the engine's item
+  bool isThere = false;  // whether there is an item
+  HiddenKeys hidden;
+  Keys kept;  // keys that are gone there, which the device's daemon is too old to remove
+
+  bool operator==(const AgreedGroup& other) const {
+    return keys == other.keys && version == other.version && isThere == other.isThere && hidden == other.hidden &&
+           kept == other.kept;
+  }
+
+  // Whether there is anything to remember.
+  bool IsEmpty() const { return !isThere && keys.empty() && kept.empty(); }
 };
 
 // What a mirror of shared groups keeps over a restart. Memory follows the disk: what can't be kept is not known either.

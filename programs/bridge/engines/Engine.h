@@ -35,9 +35,14 @@ struct Lost {
 // Everything that Follow asked for has been reported up to "version". A plain value.
 struct Synced {
   Version version = 0;      // from here Follow may go on; 0: the engine is not resumable
-  bool isComplete = false;  // the items since Follow are all that there are: a key that was not reported does not
-                            // exist. False: they are changes, or the engine can't know (MQTT).
+  bool isComplete = false;  // the items since Follow, or since Reread, are all that there are: a key that was not
+                            // reported does not exist. False: they are changes, or the engine can't know (MQTT).
 };
+
+// Changes were missed, such as when the history that Follow was to go on from is gone: from here on everything that
+// there is gets reported anew, up to a Synced that is complete. Comes at any moment, from an engine that is resumable.
+// A plain value.
+struct Reread {};
 
 // What became of a Put. A plain value.
 struct PutDone {
@@ -50,11 +55,11 @@ struct PutDone {
   std::string key;
   Outcome outcome = Outcome::kDone;
   Version version = 0;
-  Item present;        // of kConflict
+  Item present;        // of kConflict; when it is gone, its version is that of the source at that moment
   std::string reason;  // of kRefused, for people
 };
 
-using EngineEvent = std::variant<Connected, Lost, Item, Synced, PutDone>;
+using EngineEvent = std::variant<Connected, Lost, Item, Synced, Reread, PutDone>;
 
 // What an engine does beyond the minimum. A plain value.
 struct Capabilities {
@@ -123,8 +128,9 @@ class Engine {
 
   // Follows these prefixes from now on, in place of those before. A prefix ends with "/" and stands for all below it;
   // anything else is one key. Reports what there is of those that are new, then Synced, then changes, with a Synced now
-  // and then. from: changes behind this version alone, if the link is resumed and the engine still knows them; 0:
-  // everything. Does nothing without a link.
+  // and then. from: changes behind this version alone, if the link is resumed and the engine still knows them, and else
+  // Reread and everything; 0: everything. The first Synced comes when all changes until this call were reported, but
+  // perhaps for removals of the last moments. Does nothing without a link.
   virtual void Follow(const std::vector<std::string>& prefixes, Version from) = 0;
 };
 

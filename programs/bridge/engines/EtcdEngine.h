@@ -36,6 +36,7 @@ class EtcdEngine : public ThreadedEngine, private EtcdLink::Observer {
   void OnConnected(const std::string& source) override;
   void OnItem(Item item) override { Report(std::move(item)); }
   void OnSynced(Synced synced) override { Report(synced); }
+  void OnReread() override { Report(Reread{}); }
   void OnPutDone(PutDone done) override { ReportPutDone(std::move(done)); }
 
   const EtcdSettings _settings;

@@ -1,7 +1,6 @@
 #include "programs/bridge/engines/EtcdLink.h"
 
 #include <algorithm>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -14,11 +13,12 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int kPageSize = 25;         // of keys whose values may have 1.5 MiB each
-constexpr Version kOutOfRange = 11;   // of gRPC's codes: compacted
-constexpr Version kRefusals[] = {3,   // invalid: too large
-                                 7,   // not permitted
-                                 8};  // no space
+constexpr int kPageSize = 25;  // of keys whose values may have 1.5 MiB each
+// Of gRPC's codes.
+constexpr Version kInvalid = 3;  // such as a value that is too large
+constexpr Version kNotPermitted = 7;
+constexpr Version kExhausted = 8;    // no space
+constexpr Version kOutOfRange = 11;  // compacted
 
 }  // namespace
 
@@ -39,7 +39,7 @@ void EtcdLink::Begin() {
   const json body = {{"name", _credentials.user}, {"password", _credentials.password}};
   _transfers.Post("/v3/auth/authenticate", body.dump(-1, ' ', false, json::error_handler_t::replace),
                   [this, range](const Answer& answer) {
-                    if (!Require(answer)) return;
+                    if (answer.status != 200) return Fail(Describe(answer));
                     _transfers.SetToken(etcd::GetText(etcd::Parse(answer.body), "token"));
                     Connect(range);
                   });
@@ -48,14 +48,14 @@ void EtcdLink::Begin() {
 // Only an endpoint that a majority stands behind answers a read.
 void EtcdLink::Connect(const json& range) {
   _transfers.Post("/v3/kv/range", range.dump(), [this](const Answer& answer) {
-    if (!Require(answer)) return;
-    const json header = etcd::GetObject(etcd::Parse(answer.body), "header");
-    const std::string cluster = etcd::GetText(header, "cluster_id");
+    const json parsed = etcd::Parse(answer.body);
+    if (!Require(answer, parsed)) return;
+    const json header = etcd::GetObject(parsed, "header");
+    _cluster = etcd::GetText(header, "cluster_id");
     _revision = etcd::GetNumber(header, "revision");
-    if (cluster.empty()) return Fail("answered what is none of etcd's answers");
     _isConnected = true;
     _nextProbe = Clock::now() + _settings.probeInterval;
-    _observer.OnConnected(cluster);
+    _observer.OnConnected(_cluster);
   });
 }
 
@@ -70,21 +70,56 @@ void EtcdLink::Follow(const std::vector<std::string>& prefixes, Version from) {
   std::vector<std::string> before;
   for (const auto& entry : _followed) before.push_back(entry.first);
   for (const std::string& prefix : FindAdded(prefixes, before)) {
-    if (_followed[prefix].watch == 0) --_reading;
+    if (!_followed[prefix].isCaughtUp) --_reading;
     _transfers.Drop(_followed[prefix].watch);
     _followed.erase(prefix);
   }
   const std::vector<std::string> added = FindAdded(before, prefixes);
+  _isReadWhole = from == 0;
   for (const std::string& prefix : added) {
     _followed[prefix];
+    ++_reading;
     if (from == 0) {
-      ++_reading;
       Read(prefix, prefix, 0);
     } else {
-      Watch(prefix, from);
+      Resume(prefix, from);
     }
   }
-  if (from != 0 || added.empty()) ReportSynced(false);
+  if (added.empty()) ReportSynced(false);
+}
+
+// A revision that is compacted can't be read either. One that is compacted between this read and the watch ends the
+// watch.
+void EtcdLink::Resume(const std::string& prefix, Version from) {
+  json range = etcd::MakeRange(prefix, prefix);
+  range["revision"] = std::to_string(from);
+  range["count_only"] = true;
+  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix, from, round = _round](const Answer& answer) {
+    if (round != _round || Find(prefix) == nullptr) return;
+    const json parsed = etcd::Parse(answer.body);
+    if (etcd::GetNumber(parsed, "code") == kOutOfRange) return ReadAllAgain();
+    if (Require(answer, parsed)) FindNewest(prefix, from);
+  });
+}
+
+void EtcdLink::FindNewest(const std::string& prefix, Version from) {
+  json range = MakeRangeOfChanges(prefix, from);
+  range["sort_target"] = "MOD";
+  range["sort_order"] = "DESCEND";
+  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix, from, round = _round](const Answer& answer) {
+    Followed* const followed = Find(prefix);
+    if (round != _round || followed == nullptr) return;
+    const json parsed = etcd::Parse(answer.body);
+    if (!Require(answer, parsed)) return;
+    for (const json& pair : etcd::GetArray(parsed, "kvs")) followed->newest = etcd::GetNumber(pair, "mod_revision");
+    Watch(prefix, from);
+  });
+}
+
+void EtcdLink::CatchUp(Followed& followed) {
+  if (followed.isCaughtUp || !followed.isCreated || followed.seen < followed.newest) return;
+  followed.isCaughtUp = true;
+  if (--_reading == 0) ReportSynced(_isReadWhole);
 }
 
 // revision: 0: the present one.
@@ -97,7 +132,7 @@ void EtcdLink::Read(const std::string& prefix, const std::string& begin, Version
     if (round != _round || followed == nullptr || followed->watch != 0) return;
     const json page = etcd::Parse(answer.body);
     if (revision != 0 && etcd::GetNumber(page, "code") == kOutOfRange) return ReadAllAgain();
-    if (Require(answer)) TakePage(prefix, revision, page);
+    if (Require(answer, page)) TakePage(prefix, revision, page);
   });
 }
 
@@ -119,12 +154,15 @@ void EtcdLink::TakePage(const std::string& prefix, Version revision, const json&
 
 void EtcdLink::EndRead(const std::string& prefix, Version revision) {
   Watch(prefix, revision);
-  if (--_reading == 0) ReportSynced(true);
+  _followed[prefix].isCaughtUp = true;
+  if (--_reading == 0) ReportSynced(_isReadWhole);
 }
 
 void EtcdLink::ReadAllAgain() {
   ++_round;
   _reading = _followed.size();
+  _isReadWhole = true;
+  _observer.OnReread();
   for (auto& [prefix, followed] : _followed) {
     _transfers.Drop(followed.watch);
     followed = {};
@@ -164,7 +202,11 @@ void EtcdLink::TakeEvents(Followed& followed, const json& result) {
     if (etcd::GetText(event, "type") == "DELETE") item.bytes.reset();
     _observer.OnItem(std::move(item));
   }
-  if (result.contains("created") || result.contains("fragment")) return;
+  if (result.contains("created")) {
+    followed.isCreated = true;
+    return CatchUp(followed);
+  }
+  if (result.contains("fragment")) return;
   Version seen = followed.seen;
   for (const json& event : events) {
     seen = std::max(seen, etcd::GetNumber(etcd::GetObject(event, "kv"), "mod_revision"));
@@ -172,6 +214,7 @@ void EtcdLink::TakeEvents(Followed& followed, const json& result) {
   if (events.empty()) seen = std::max(seen, etcd::GetNumber(etcd::GetObject(result, "header"), "revision"));
   if (seen == followed.seen) return;
   followed.seen = seen;
+  if (!followed.isCaughtUp) return CatchUp(followed);
   if (_reading == 0) ReportSynced(false);
 }
 
@@ -198,9 +241,8 @@ void EtcdLink::SendPut(const PendingPut& put) {
 
 void EtcdLink::FinishPut(const std::string& key, const Answer& answer) {
   const json result = etcd::Parse(answer.body);
-  const Version code = etcd::GetNumber(result, "code");
-  const bool isRefused = std::find(std::begin(kRefusals), std::end(kRefusals), code) != std::end(kRefusals);
-  if (!isRefused && !Require(answer)) return;
+  const bool isRefused = IsRefusal(result);
+  if (!isRefused && !Require(answer, result)) return;
   PutDone done = MakeOutcome(key, result);
   if (isRefused) {
     done.outcome = PutDone::Outcome::kRefused;
@@ -225,6 +267,7 @@ PutDone EtcdLink::MakeOutcome(const std::string& key, const json& result) {
   }
   done.outcome = PutDone::Outcome::kConflict;
   done.present.key = key;
+  done.present.version = etcd::GetNumber(etcd::GetObject(result, "header"), "revision");
   for (const json& response : etcd::GetArray(result, "responses")) {
     for (const json& pair : etcd::GetArray(etcd::GetObject(response, "response_range"), "kvs"))
       done.present = etcd::GetItem(pair);
@@ -241,13 +284,20 @@ void EtcdLink::Probe() {
 }
 
 void EtcdLink::ProbeOne(const std::string& prefix, Version seen) {
+  const json range = MakeRangeOfChanges(prefix, seen);
+  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix](const Answer& answer) {
+    const json parsed = etcd::Parse(answer.body);
+    if (Require(answer, parsed)) TakeProbe(prefix, parsed);
+  });
+}
+
+// One key that was changed behind that revision.
+json EtcdLink::MakeRangeOfChanges(const std::string& prefix, Version seen) {
   json range = etcd::MakeRange(prefix, prefix);
   range["limit"] = 1;
   range["keys_only"] = true;
   range["min_mod_revision"] = std::to_string(seen + 1);
-  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix](const Answer& answer) {
-    if (Require(answer)) TakeProbe(prefix, etcd::Parse(answer.body));
-  });
+  return range;
 }
 
 // A change that this probe finds may be on its way. One that the probe before had found is not.
@@ -264,10 +314,29 @@ EtcdLink::Followed* EtcdLink::Find(const std::string& prefix) {
   return at == _followed.end() ? nullptr : &at->second;
 }
 
-bool EtcdLink::Require(const Answer& answer) {
-  if (answer.status == 200) return true;
-  Fail(Describe(answer));
-  return false;
+// What lacks the header that all of etcd's answers have comes from something between: it must not pass for an answer in
+// which there is nothing.
+bool EtcdLink::Require(const Answer& answer, const json& parsed) {
+  const json header = etcd::GetObject(parsed, "header");
+  const std::string cluster = etcd::GetText(header, "cluster_id");
+  const bool isOfCluster = _cluster.empty() ? !cluster.empty() : cluster == _cluster;
+  if (answer.status != 200) {
+    Fail(Describe(answer));
+  } else if (!isOfCluster || etcd::GetNumber(header, "revision") == 0) {
+    Fail("answered what is none of etcd's answers");
+  }
+  return !HasFailed();
+}
+
+// Whether the same put would fail again. A member that is busy, or that wants the link to prove anew who it is, takes
+// it on another link.
+bool EtcdLink::IsRefusal(const json& parsed) {
+  const Version code = etcd::GetNumber(parsed, "code");
+  const std::string text = etcd::GetText(parsed, "error");
+  const auto names = [&text](const char* part) { return text.find(part) != std::string::npos; };
+  if (code == kInvalid) return !names("revision of auth store is old");
+  if (code == kExhausted) return !names("too many requests");
+  return code == kNotPermitted;
 }
 
 void EtcdLink::Fail(const std::string& reason) {

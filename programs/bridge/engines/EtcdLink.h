@@ -17,7 +17,8 @@ namespace tavix::bridge {
 // One link to one endpoint of a cluster. It is driven: what it receives calls its observer within Step.
 //
 // A prefix is read whole, page by page at one revision, then watched from the revision behind; or watched from a stored
-// revision on. A watch that the cluster ends because changes of that time are compacted has all prefixes read again.
+// revision on, if the cluster still has that one. It has caught up once the watch has shown the newest change that a
+// read finds. A watch that the cluster ends because changes of that time are compacted has all prefixes read again.
 //
 // Threads: one.
 // Errors:  HasFailed and GetReason; the constructor throws osa::Exception.
@@ -32,6 +33,7 @@ class EtcdLink {
     virtual void OnConnected(const std::string& source) = 0;
     virtual void OnItem(Item item) = 0;
     virtual void OnSynced(Synced synced) = 0;
+    virtual void OnReread() = 0;
     virtual void OnPutDone(PutDone done) = 0;
   };
 
@@ -59,9 +61,12 @@ class EtcdLink {
     std::string transaction;
   };
   struct Followed {
-    int watch = 0;       // its stream; 0: it is being read
-    Version seen = 0;    // all changes up to here were reported
-    Version missed = 0;  // a change that was there at the last probe, but not reported; 0: none
+    int watch = 0;            // its stream; 0: it is being read
+    bool isCreated = false;   // the cluster confirmed the watch
+    bool isCaughtUp = false;  // everything up to the moment of Follow was reported
+    Version newest = 0;       // the newest change at that moment
+    Version seen = 0;         // all changes up to here were reported
+    Version missed = 0;       // a change that was there at the last probe, but not reported; 0: none
   };
 
   void Begin();
@@ -69,6 +74,9 @@ class EtcdLink {
   void Read(const std::string& prefix, const std::string& begin, Version revision);
   void TakePage(const std::string& prefix, Version revision, const nlohmann::json& page);
   void ReadAllAgain();
+  void Resume(const std::string& prefix, Version from);
+  void FindNewest(const std::string& prefix, Version from);
+  void CatchUp(Followed& followed);
   void Watch(const std::string& prefix, Version from);
   void TakeWatched(const std::string& prefix, const std::string& line);
   void TakeEvents(Followed& followed, const nlohmann::json& result);
@@ -79,9 +87,11 @@ class EtcdLink {
   static PutDone MakeOutcome(const std::string& key, const nlohmann::json& result);
   void Probe();
   void ProbeOne(const std::string& prefix, Version seen);
+  static nlohmann::json MakeRangeOfChanges(const std::string& prefix, Version seen);
   void TakeProbe(const std::string& prefix, const nlohmann::json& range);
   Followed* Find(const std::string& prefix);
-  bool Require(const Answer& answer);
+  bool Require(const Answer& answer, const nlohmann::json& parsed);
+  static bool IsRefusal(const nlohmann::json& parsed);
   void Fail(const std::string& reason);
   static std::string Describe(const Answer& answer);
 
@@ -91,10 +101,12 @@ class EtcdLink {
   const Credentials _credentials;
   EtcdTransfers _transfers;
   bool _isConnected = false;
+  std::string _cluster;   // its number, once it is connected
   Version _revision = 0;  // of the cluster, when it was connected
   Clock::time_point _nextProbe;
-  std::size_t _reading = 0;  // prefixes
-  int _round = 0;            // of reading everything; what belongs to an older one is dropped
+  std::size_t _reading = 0;   // prefixes that have not caught up
+  bool _isReadWhole = false;  // not from a stored revision on
+  int _round = 0;             // of reading everything; what belongs to an older one is dropped
   std::map<std::string, Followed> _followed;
   std::map<std::string, std::deque<PendingPut>> _puts;  // by key; the first of each is on its way
   std::string _reason;

@@ -7,6 +7,16 @@
 
 namespace tavix::bridge {
 
+namespace {
+
+// Of these nothing is reported any more when changes are lost; what became of puts is.
+bool IsOfWatch(const EngineEvent& event) {
+  return std::holds_alternative<Item>(event) || std::holds_alternative<Synced>(event) ||
+         std::holds_alternative<Reread>(event);
+}
+
+}  // namespace
+
 Version MemoryBroker::Put(const std::string& key, const std::optional<std::string>& bytes) {
   osa::PlainMutexLock lock(_mutex);
   return Write(key, bytes);
@@ -62,6 +72,16 @@ void MemoryBroker::LoseItems(std::size_t count) {
   _lost = count;
 }
 
+void MemoryBroker::LoseSynced(std::size_t count) {
+  osa::PlainMutexLock lock(_mutex);
+  _lostSynced = count;
+}
+
+void MemoryBroker::RefusePuts(std::size_t count) {
+  osa::PlainMutexLock lock(_mutex);
+  _refusedPuts = count;
+}
+
 void MemoryBroker::RepeatItems(std::size_t count) {
   osa::PlainMutexLock lock(_mutex);
   _repeated = count;
@@ -87,6 +107,13 @@ void MemoryBroker::Compact() {
   osa::PlainMutexLock lock(_mutex);
   _changes.clear();
   _compacted = _version;
+  if (!_capabilities.isResumable) return;
+  for (auto& entry : _clients) {
+    Client& client = entry.second;
+    if (!client.isLinked || !client.isStalled || client.prefixes.empty()) continue;
+    client.events.erase(std::remove_if(client.events.begin(), client.events.end(), IsOfWatch), client.events.end());
+    RereadFor(client);
+  }
 }
 
 bool MemoryBroker::IsQuiet() const {
@@ -147,19 +174,36 @@ void MemoryBroker::Follow(const std::string& name, const std::vector<std::string
   if (!client.isLinked) return;
   const std::vector<std::string> added = FindAdded(client.prefixes, prefixes);
   client.prefixes = prefixes;
-  const auto isNew = [&](const std::string& key) { return IsFollowedByAny(added, key); };
-  const bool goesOn = _capabilities.isResumable && from != 0 && from >= _compacted && from <= _version;
-  if (goesOn) {
+  const bool isResumed = _capabilities.isResumable && from != 0 && from <= _version;
+  if (isResumed && from < _compacted) {
+    // The source may notice that only behind its first answer.
+    client.events.push_back(Synced{from, false});
+    RereadFor(client);
+  } else if (isResumed) {
     for (const Item& item : _changes) {
-      if (item.version > from && isNew(item.key)) client.events.push_back(item);
+      if (item.version > from && IsFollowedByAny(added, item.key)) client.events.push_back(item);
     }
+    client.events.push_back(Synced{_version, false});
   } else {
-    for (const auto& entry : _store) {
-      if (isNew(entry.first)) client.events.push_back(entry.second);
-    }
+    ReportAllTo(client, added);
   }
-  client.events.push_back(Synced{_capabilities.isResumable ? _version : 0, _capabilities.isResumable && !goesOn});
   _changed.notify_all();
+}
+
+void MemoryBroker::ReportAllTo(Client& client, const std::vector<std::string>& prefixes) {
+  for (const auto& entry : _store) {
+    if (IsFollowedByAny(prefixes, entry.first)) client.events.push_back(entry.second);
+  }
+  if (_lostSynced > 0) {
+    --_lostSynced;
+    return;
+  }
+  client.events.push_back(Synced{_capabilities.isResumable ? _version : 0, _capabilities.isResumable});
+}
+
+void MemoryBroker::RereadFor(Client& client) {
+  client.events.push_back(Reread{});
+  ReportAllTo(client, client.prefixes);
 }
 
 std::optional<EngineEvent> MemoryBroker::AwaitEvent(const std::string& name) {
@@ -210,7 +254,11 @@ void MemoryBroker::CarryOut(Client& client, const PendingPut& put) {
   PutDone done;
   done.key = put.key;
   const Item present = GetItem(put.key);
-  if (put.expected && *put.expected != present.version) {
+  if (_refusedPuts > 0) {
+    --_refusedPuts;
+    done.outcome = PutDone::Outcome::kRefused;
+    done.reason = "refused by the test";
+  } else if (put.expected && *put.expected != (present.bytes ? present.version : 0)) {
     done.outcome = PutDone::Outcome::kConflict;
     done.present = present;
   } else {
@@ -250,7 +298,7 @@ void MemoryBroker::PublishWill(Client& client) {
 
 Item MemoryBroker::GetItem(const std::string& key) const {
   const auto at = _store.find(key);
-  return at == _store.end() ? Item{key, std::nullopt, 0} : at->second;
+  return at == _store.end() ? Item{key, std::nullopt, HasVersions() ? _version : 0} : at->second;
 }
 
 std::string MemoryBroker::GetSource() const {

@@ -51,13 +51,20 @@ class MemoryBroker {
   void LoseItems(std::size_t count) TAVIX_EXCLUDES(_mutex);
   void RepeatItems(std::size_t count) TAVIX_EXCLUDES(_mutex);
 
+  // The next so many Synced that would answer a Follow are lost, as a broker of MQTT may lose the mark.
+  void LoseSynced(std::size_t count) TAVIX_EXCLUDES(_mutex);
+
+  // The next so many puts of clients are refused.
+  void RefusePuts(std::size_t count) TAVIX_EXCLUDES(_mutex);
+
   // Breaks all links, with the last wills.
   void Restart() TAVIX_EXCLUDES(_mutex);
 
   // As Restart; what it has afterwards is "store", as if restored from a backup: versions are those of another source.
   void RestartWith(const Store& store) TAVIX_EXCLUDES(_mutex);
 
-  // Forgets changes of the past: Follow from before now reports everything.
+  // Forgets changes of the past: Follow from before now reports everything, behind a Synced that knows nothing of that,
+  // and so does the link of a client that is stalled.
   void Compact() TAVIX_EXCLUDES(_mutex);
 
   // Whether all that happened has been handed to the queues of the clients whose links are not stalled.
@@ -102,6 +109,8 @@ class MemoryBroker {
 
   Version Write(const std::string& key, const std::optional<std::string>& bytes) TAVIX_REQUIRES(_mutex);
   void ReportTo(Client& client, const Item& item) TAVIX_REQUIRES(_mutex);
+  void ReportAllTo(Client& client, const std::vector<std::string>& prefixes) TAVIX_REQUIRES(_mutex);
+  void RereadFor(Client& client) TAVIX_REQUIRES(_mutex);
   void CarryOut(Client& client, const PendingPut& put) TAVIX_REQUIRES(_mutex);
   void Break(Client& client, const char* reason) TAVIX_REQUIRES(_mutex);
   void BreakAll(const char* reason) TAVIX_REQUIRES(_mutex);
@@ -119,6 +128,8 @@ class MemoryBroker {
   Version _compacted TAVIX_GUARDED_BY(_mutex) = 0;
   int _source TAVIX_GUARDED_BY(_mutex) = 1;
   std::size_t _lost TAVIX_GUARDED_BY(_mutex) = 0;  // how many more are to be
+  std::size_t _lostSynced TAVIX_GUARDED_BY(_mutex) = 0;
+  std::size_t _refusedPuts TAVIX_GUARDED_BY(_mutex) = 0;
   std::size_t _repeated TAVIX_GUARDED_BY(_mutex) = 0;
   std::size_t _puts TAVIX_GUARDED_BY(_mutex) = 0;
   std::map<std::string, Client> _clients TAVIX_GUARDED_BY(_mutex);

@@ -20,27 +20,32 @@ bool IsMasked(const json& value) {
 }  // namespace
 
 std::string ComposeSharedGroup(const Keys& keys, const std::set<std::string>& masked) {
-  return json{{"format", 1}, {"keys", KeysToJson(keys, masked)}}.dump();
+  Keys all = keys;
+  for (const std::string& key : masked) all[key];
+  return json{{"format", 1}, {"keys", KeysToJson(all, masked)}}.dump();
 }
 
-Keys ParseSharedGroup(const std::string& bytes, size_t maxBytes) {
+SharedGroup ParseSharedGroup(const std::string& bytes, size_t maxBytes) {
   const json document = ParseJson(bytes, maxBytes);
   RequireFormat(document);
-  Keys keys;
+  SharedGroup group;
   for (const auto& [text, value] : GetObject(document, "keys").items()) {
-    if (IsMasked(value)) continue;
     const auto key = programs::NameFromJson(text);
-    const auto bytesOfValue = ValueFromJson(value);
     if (!key) throw BadDocument("'" + programs::SpellValue(text) + "' is no base64");
+    const auto bytesOfValue = IsMasked(value) ? std::string() : ValueFromJson(value);
     if (!bytesOfValue) {
       throw BadDocument("'" + programs::SpellKey(*key) + "': expected a string or {\"base64\": \"...\"}, found " +
                         value.type_name());
     }
-    if (!keys.emplace(*key, *bytesOfValue).second) {
-      throw BadDocument("'" + programs::SpellKey(*key) + "' stands twice");
+    const bool isNew = group.keys.count(*key) + group.masked.count(*key) == 0;
+    if (!isNew) throw BadDocument("'" + programs::SpellKey(*key) + "' stands twice");
+    if (IsMasked(value)) {
+      group.masked.insert(*key);
+    } else {
+      group.keys.emplace(*key, *bytesOfValue);
     }
   }
-  return keys;
+  return group;
 }
 
 }  // namespace tavix::bridge

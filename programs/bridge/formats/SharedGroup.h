@@ -9,10 +9,16 @@
 
 namespace tavix::bridge {
 
-// A group whole, as several devices share it: {"format":1,"keys":{...}}. masked: keys whose values stay at home.
+// A group as several devices share it. A plain value.
+struct SharedGroup {
+  Keys keys;
+  std::set<std::string> masked;  // further keys, whose values stay with a device
+};
+
+// {"format":1,"keys":{...}}
 std::string ComposeSharedGroup(const Keys& keys, const std::set<std::string>& masked);
 
-// Throws BadDocument. A key that is masked is left out.
-Keys ParseSharedGroup(const std::string& bytes, size_t maxBytes);
+// Throws BadDocument.
+SharedGroup ParseSharedGroup(const std::string& bytes, size_t maxBytes);
 
 }  // namespace tavix::bridge

@@ -26,9 +26,11 @@ TEST(DeviceMirrorLife, EndsAsDocumentsAndStoreHaveIt) {
   for (unsigned int seed = 1; seed <= seeds; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     MemoryBroker own{Capabilities{false, false}};
-    SimulatedDevice device(own, "camera", Ruled(), Quick(), [](SimulatedDevice& self) {
-      return std::make_unique<DeviceMirror>(self.rules, self.limits, DeviceIdentity{"fleet", "cam", "", "1.0", "e1"},
-                                            *self.engine, self.store, self.state, *self.report);
+    size_t epochs = 0;  // each state that begins anew has its own
+    SimulatedDevice device(own, "camera", Ruled(), Quick(), [&epochs](SimulatedDevice& self) {
+      const DeviceIdentity identity{"fleet", "cam", "", "1.0", "e" + std::to_string(++epochs)};
+      return std::make_unique<DeviceMirror>(self.rules, self.limits, identity, *self.engine, self.store, self.state,
+                                            *self.report);
     });
     Simulation life(own);
     life.Add(device);
@@ -39,7 +41,7 @@ TEST(DeviceMirrorLife, EndsAsDocumentsAndStoreHaveIt) {
     for (int i = 0; i < 300; ++i) {
       const std::string number = std::to_string(random() % 4);
       const std::string value = "v" + std::to_string(i);
-      switch (random() % 14) {
+      switch (random() % 19) {
         case 0:
         case 1:
           device.store.Set("State/" + number, "k", value);
@@ -80,15 +82,39 @@ TEST(DeviceMirrorLife, EndsAsDocumentsAndStoreHaveIt) {
         case 13:
           if (!device.IsRunning()) device.Start();
           break;
+        case 14:
+          device.state.isFull = !device.state.isFull;
+          break;
+        case 15:
+          device.store.isRefusing = !device.store.isRefusing;
+          break;
+        case 16:
+          own.RefusePuts(random() % 3);
+          break;
+        case 17:
+          if (device.IsRunning()) device.mirror->OnLocalLost();
+          if (device.IsRunning()) device.mirror->OnLocalReady();
+          break;
+        case 18:
+          if (!device.IsRunning() && random() % 4 == 0) device.state.Lose();
+          break;
       }
-      own.Put("fleet/cam/desired/d", ComposeDesired(DesiredDocument{"a", ++version, wanted}));
+      const std::string document = ComposeDesired(DesiredDocument{"a", version + 1, wanted});
+      if (!wanted.empty() && random() % 3 == 0) own.Put("fleet/cam/desired/d", (++version, document));
       life.Step();
     }
+    own.Put("fleet/cam/desired/d", ComposeDesired(DesiredDocument{"a", ++version, wanted}));
+    own.RefusePuts(0);
     own.Heal("camera");
     own.Resume("camera");
+    own.Restart();
     device.life = {};
+    device.state.isFull = false;
+    device.store.isRefusing = false;
     if (!device.IsRunning()) device.Start();
     ASSERT_TRUE(life.RunUntilInSync());
+    EXPECT_EQ(own.Get("fleet/cam/result/d")->bytes,
+              R"({"keys":{},"state":"applied","version":)" + std::to_string(version) + "}");
     for (const auto& [group, keys] : wanted) {
       for (const auto& [key, value] : keys) {
         EXPECT_EQ(tavix::bridge::FindValue(device.store.Get(group), key), value) << group << key;
@@ -98,6 +124,12 @@ TEST(DeviceMirrorLife, EndsAsDocumentsAndStoreHaveIt) {
       const std::string reported = own.Get("fleet/cam/reported/" + group)->bytes.value_or("");
       for (const auto& [key, value] : keys)
         EXPECT_THAT(reported, HasSubstr('"' + key + "\":\"" + value + '"')) << group;
+    }
+    const std::string prefix = "fleet/cam/reported/";
+    for (const auto& [topic, item] : own.GetAll()) {
+      const bool isReported = topic.compare(0, prefix.size(), prefix) == 0;
+      if (!isReported || !device.store.Get(topic.substr(prefix.size())).empty()) continue;
+      EXPECT_THAT(item.bytes.value_or(""), HasSubstr(R"("gone":true)")) << topic;
     }
     const size_t puts = own.GetPutCount();
     for (int i = 0; i < 100; ++i) life.Step();

@@ -5,59 +5,21 @@
 
 #include "tests/programs/bridge/core/MirroredDevice.h"
 
-// A device, a broker where each topic has one writer, and a centre.
+// What a device reports, and what becomes of documents.
 namespace {
 
-using tavix::bridge::Capabilities;
-using tavix::bridge::ComposeDesired;
 using tavix::bridge::Conflict;
-using tavix::bridge::DesiredDocument;
-using tavix::bridge::DeviceIdentity;
-using tavix::bridge::DeviceMirror;
 using tavix::bridge::Direction;
-using tavix::bridge::First;
 using tavix::bridge::Keys;
 using tavix::bridge::Limits;
-using tavix::bridge::MemoryBroker;
-using tavix::bridge::Rules;
 using tavix::bridge::Side;
 using tavix::test::Milliseconds;
 using tavix::test::Quick;
 using tavix::test::Ruled;
-using tavix::test::SimulatedDevice;
-using tavix::test::Simulation;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct DeviceMirrorTest : testing::Test {
-  std::unique_ptr<SimulatedDevice> StartDevice(const Rules& rules, Limits limits = Quick(),
-                                               const std::string& defaults = "") {
-    auto device = std::make_unique<SimulatedDevice>(
-        broker, "camera", rules, limits,
-        [](SimulatedDevice& self) {
-          const DeviceIdentity identity{"fleet", "cam", "outdoor", "1.0", "e1"};
-          return std::make_unique<DeviceMirror>(self.rules, self.limits, identity, *self.engine, self.store, self.state,
-                                                *self.report);
-        },
-        defaults);
-    device->Start();
-    simulation.Add(*device);
-    return device;
-  }
-
-  void Publish(const std::string& topic, uint64_t version,
-               const std::map<std::string, tavix::bridge::DesiredKeys>& groups, const std::string& epoch = "a") {
-    broker.Put("fleet/" + topic, ComposeDesired(DesiredDocument{epoch, version, groups}));
-  }
-
-  std::string At(const std::string& topic) {
-    const auto item = broker.Get("fleet/" + topic);
-    return item && item->bytes ? *item->bytes : "";
-  }
-
-  MemoryBroker broker{Capabilities{false, false}};
-  Simulation simulation{broker};
-};
+using DeviceMirrorTest = tavix::test::MirroredDeviceTest;
 
 TEST_F(DeviceMirrorTest, ReportsAGroupByOneMessageAndTheIndexBehindIt) {
   const auto device = StartDevice(Ruled());
@@ -233,40 +195,6 @@ TEST_F(DeviceMirrorTest, SpreadsDocumentsForManyDevices) {
   EXPECT_EQ(device->store.Get("Net/A"), (Keys{{"k", "1"}}));
 }
 
-TEST_F(DeviceMirrorTest, RepairsWhatTheBrokerLostOrKept) {
-  const auto device = StartDevice(Ruled());
-  device->store.Set("State/A", "k", "1");
-  device->store.Set("State/B", "k", "1");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  MemoryBroker::Store backup = broker.GetAll();
-  device->store.Set("State/A", "k", "2");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  const std::string now = At("cam/reported/State/A");
-  backup.erase("fleet/cam/reported/State/B");
-  backup["fleet/cam/reported/State/Old"] = {"fleet/cam/reported/State/Old", "{}", 0};
-  broker.RestartWith(backup);
-  for (int i = 0; i < 20; ++i) simulation.Step();
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_EQ(At("cam/reported/State/A"), now);
-  EXPECT_EQ(At("cam/reported/State/B"), R"({"epoch":"e1","format":1,"values":{"k":"1"},"version":1})");
-  EXPECT_EQ(At("cam/reported/State/Old"), "");
-}
-
-TEST_F(DeviceMirrorTest, SendsNothingAfterARestart) {
-  const auto device = StartDevice(Ruled());
-  device->store.Set("State/A", "k", "1");
-  Publish("cam/desired/d", 1, {{"Net/A", {{"k", "1"}}}});
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  device->Kill();
-  for (int i = 0; i < 10; ++i) simulation.Step();
-  const size_t puts = broker.GetPutCount();
-  const size_t amends = device->store.amends;
-  device->Start();
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_EQ(broker.GetPutCount(), puts + 1);  // the status
-  EXPECT_EQ(device->store.amends, amends);
-}
-
 TEST_F(DeviceMirrorTest, TakesManyDocuments) {
   const auto device = StartDevice(Ruled());
   for (int i = 0; i < 2'000; ++i) {
@@ -274,46 +202,6 @@ TEST_F(DeviceMirrorTest, TakesManyDocuments) {
   }
   ASSERT_TRUE(simulation.RunUntilInSync());
   EXPECT_THAT(device->store.Read({"Net/*"}).GetGroups(), testing::SizeIs(2'000));
-}
-
-TEST_F(DeviceMirrorTest, AsksForListedDocumentsThatHaveNotCome) {
-  const auto device = StartDevice(Ruled());
-  broker.Put("fleet/cam/desired-index", R"({"format":1,"documents":{"d":1}})");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  broker.LoseItems(1);
-  Publish("cam/desired/d", 1, {{"Net/A", {{"k", "1"}}}});
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_TRUE(device->store.Get("Net/A").empty());
-  simulation.Step(Milliseconds(30'000));
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_EQ(device->store.Get("Net/A"), (Keys{{"k", "1"}}));
-}
-
-TEST_F(DeviceMirrorTest, HoldsADocumentThatTakesValuesFromMostGroups) {
-  const auto device = StartDevice(Ruled());
-  std::map<std::string, tavix::bridge::DesiredKeys> groups;
-  for (int i = 0; i < 12; ++i) {
-    device->store.Set("Net/" + std::to_string(i), "k", "1");
-    groups["Net/" + std::to_string(i)] = {{"k", std::nullopt}};
-  }
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  Publish("cam/desired/d", 1, groups);
-  ASSERT_FALSE(simulation.RunUntilInSync(100));
-  EXPECT_THAT(device->store.Read({"Net/*"}).GetGroups(), testing::SizeIs(12));
-  device->mirror->AcceptLosses();
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_TRUE(device->store.Read({"Net/*"}).IsEmpty());
-}
-
-TEST_F(DeviceMirrorTest, LeavesItsLastWillWhenTheLinkBreaks) {
-  const auto device = StartDevice(Ruled());
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_THAT(At("cam/status"), HasSubstr(R"("online":true)"));
-  broker.Cut("camera");
-  EXPECT_EQ(At("cam/status"), R"({"format":1,"online":false})");
-  broker.Heal("camera");
-  for (int i = 0; i < 20; ++i) simulation.Step();
-  EXPECT_THAT(At("cam/status"), HasSubstr(R"("online":true)"));
 }
 
 }  // namespace

@@ -1,140 +1,27 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <deque>
 #include <functional>
-#include <map>
 #include <memory>
-#include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "programs/bridge/core/ILocalStore.h"
-#include "programs/bridge/core/IStateStore.h"
 #include "programs/bridge/core/Link.h"
 #include "programs/bridge/core/Mirror.h"
 #include "programs/bridge/core/Report.h"
 #include "programs/bridge/engines/EventQueue.h"
 #include "programs/bridge/engines/MemoryBroker.h"
 #include "programs/bridge/engines/MemoryEngine.h"
-#include "tavix/settings/IChangeCallback.h"
-#include "tests/support/ServedStore.h"
+#include "tests/programs/bridge/core/SimulatedStore.h"
 
 // A device with a store and the core of a bridge, and a clock that the test moves.
 namespace tavix::test {
 
 using bridge::Milliseconds;
-
-// The process ends here, as by kill -9.
-struct Killed {};
-
-// How many steps a process still has; the disk and the daemon count them.
-class Life {
- public:
-  void EndIn(size_t steps) { _left = steps; }
-  void Step() {
-    if (_left && (*_left)-- == 0) {
-      _left.reset();
-      throw Killed();
-    }
-  }
-
- private:
-  std::optional<size_t> _left;
-};
-
-class MemoryState : public bridge::IStateStore {
- public:
-  explicit MemoryState(Life& life) : _life(life) {}
-
-  void Load(bridge::StateKind kind, const Take& take) override {
-    for (const auto& [place, value] : _records) {
-      if (place.first == kind) take(place.second, value);
-    }
-  }
-
-  void Commit(const std::vector<bridge::StateRecord>& records) override {
-    _life.Step();
-    for (const bridge::StateRecord& record : records) {
-      if (record.value) {
-        _records[{record.kind, record.key}] = *record.value;
-      } else {
-        _records.erase({record.kind, record.key});
-      }
-    }
-    ++commits;
-    _life.Step();
-  }
-
-  size_t commits = 0;
-
- private:
-  Life& _life;
-  std::map<std::pair<bridge::StateKind, std::string>, core::IniFile> _records;
-};
-
-// A store as the daemon serves it.
-class StoreOfDevice : public bridge::ILocalStore, private settings::IChangeCallback {
- public:
-  explicit StoreOfDevice(Life& life, const std::string& defaults = "") : _life(life), _served({defaults}) {
-    _served.store.Subscribe(this, "*");
-  }
-  ~StoreOfDevice() override { _served.store.Unsubscribe(this); }
-
-  bool CanRemove() const override { return canRemove; }
-
-  core::IniFile Read(const std::set<std::string>& namesAndPatterns) override {
-    settings::common::GroupNameMatcher matcher;
-    matcher.AddNamesAndPatterns(namesAndPatterns);
-    core::IniFile settings;
-    _served.store.GetGroups(settings, matcher);
-    return settings;
-  }
-
-  bool Amend(const settings::Amendment& amendment) override {
-    if (beforeAmend) std::exchange(beforeAmend, nullptr)();
-    _life.Step();
-    const bool isDone = _served.store.Amend(amendment);
-    ++amends;
-    _life.Step();
-    return isDone;
-  }
-
-  // What other processes of the device do.
-  void Set(const std::string& group, const std::string& key, const std::string& value) {
-    settings::Amendment amendment;
-    amendment.set.SetValue(group, key, value);
-    (void)_served.store.Amend(amendment);
-  }
-  void Unset(const std::string& group, const std::string& key) {
-    settings::Amendment amendment;
-    amendment.unset.SetValue(group, key, "");
-    (void)_served.store.Amend(amendment);
-  }
-  void Delete(const std::string& group) { _served.store.OverwriteSettings({group}, core::IniFile()); }
-
-  bridge::Keys Get(const std::string& group) {
-    const core::IniFile settings = Read({group});
-    return settings.HasGroup(group) ? settings[group] : bridge::Keys();
-  }
-
-  std::set<std::string> TakeChanged() { return std::exchange(_changed, {}); }
-
-  bool canRemove = true;
-  size_t amends = 0;
-  std::function<void()> beforeAmend;  // runs once: a neighbour that is faster
-
- private:
-  void OnChange(const std::set<std::string>& changedGroups, const core::IniFile&) override {
-    _changed.insert(changedGroups.begin(), changedGroups.end());
-  }
-
-  Life& _life;
-  ServedStore _served;
-  std::set<std::string> _changed;
-};
 
 // A device whose bridge runs, or does not.
 class SimulatedDevice {
@@ -160,7 +47,7 @@ class SimulatedDevice {
     report = std::make_unique<bridge::Report>(
         limits, rules, [this](bridge::Severity, const std::string& line) { log.push_back(line); });
     link = std::make_unique<bridge::Link>(limits, *engine, ++_starts * 7919 + _name.size());
-    mirror = _make(*this);
+    mirror = _make(*this);  // nothing is written by that
     (void)store.TakeChanged();
     mirror->OnLocalReady();
   }
@@ -186,15 +73,9 @@ class SimulatedDevice {
   void Step(Milliseconds now) {
     if (!IsRunning()) return;
     try {
-      Drain();
-      for (; !_events.empty(); _events.pop_front()) {
-        link->OnEvent(_events.front(), now);
-        mirror->OnEvent(_events.front(), now);
-      }
-      const auto changed = store.TakeChanged();
-      if (!changed.empty()) mirror->OnLocalChanged(changed);
+      HandOver(now);
       link->Run(mirror->GetConnectOptions(), now);
-      mirror->Run(now);
+      RunMirror(now);
     } catch (const Killed&) {
       Kill();
     }
@@ -216,6 +97,29 @@ class SimulatedDevice {
   std::unique_ptr<bridge::Mirror> mirror;
 
  private:
+  void HandOver(Milliseconds now) {
+    Drain();
+    for (; !_events.empty(); _events.pop_front()) {
+      link->OnEvent(_events.front(), now);
+      mirror->OnEvent(_events.front(), now);
+    }
+    const auto changed = store.TakeChanged();
+    if (!changed.empty()) mirror->OnLocalChanged(changed);
+  }
+
+  // Until the mirror waits for something. One that never does would take all of a processor.
+  void RunMirror(Milliseconds now) {
+    constexpr int kMaxRounds = 20;
+    for (int round = 0; round < kMaxRounds; ++round) {
+      mirror->Run(now);
+      const auto next = mirror->GetNext(now);
+      if (!next || *next > now) return;
+      const auto changed = store.TakeChanged();
+      if (!changed.empty()) mirror->OnLocalChanged(changed);
+    }
+    ADD_FAILURE() << "The mirror of " << _name << " is never done, though nothing happens";
+  }
+
   bridge::MemoryBroker& _broker;
   const std::string _name;
   const MakeMirror _make;

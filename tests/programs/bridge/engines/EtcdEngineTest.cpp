@@ -26,6 +26,7 @@ using bridge::EtcdSettings;
 using bridge::EventQueue;
 using bridge::Lost;
 using bridge::PutDone;
+using bridge::Reread;
 using bridge::Synced;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -129,11 +130,40 @@ TEST_F(EtcdEngineTest, ReadsEverythingWhenItsVersionIsCompacted) {
   _engine.ForgetStore();
   _engine.Connect({first.source, {}});
   _engine.Get().Follow({"fleet/"}, synced.version);
-  while (!_engine.Await<Synced>().isComplete) {
-  }
+  EXPECT_TRUE(std::holds_alternative<Reread>(_engine.AwaitAny()));
+  EXPECT_TRUE(_engine.Await<Synced>().isComplete);
   EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/a/2", "two"), Pair("fleet/a/3", "three")));
   _other.Put("fleet/a/4", "four");
   _engine.AwaitValue("fleet/a/4", "four");
+}
+
+TEST_F(EtcdEngineTest, HasCaughtUpWhenItReportsThat) {
+  _other.Connect();
+  _other.Put("fleet/a/1", "one");
+  const Connected first = _engine.Connect();
+  const Synced synced = _engine.Follow({"fleet/"});
+  _engine.Get().Close();
+  for (int count = 0; count < 50; ++count) _other.Put("fleet/a/" + std::to_string(count), "new");
+  _other.Put("elsewhere/1", "one");
+
+  _engine.Connect({first.source, {}});
+  EXPECT_FALSE(_engine.Follow({"fleet/"}, synced.version).isComplete);
+  EXPECT_EQ(_engine.GetStore().size(), 50u);
+  _engine.Get().Close();
+
+  const bridge::Version last = _other.Put("elsewhere/1", "two").version;
+  _engine.Connect({first.source, {}});
+  EXPECT_FALSE(_engine.Follow({"fleet/"}, last).isComplete);  // though no change of these keys shows it
+}
+
+TEST_F(EtcdEngineTest, ReportsTheVersionAtWhichAnItemIsMissing) {
+  _engine.Connect();
+  const PutDone first = _engine.Put("fleet/a/1", "one");
+  const PutDone removed = _engine.Put("fleet/a/1", std::nullopt);
+  const PutDone done = _engine.Put("fleet/a/1", "two", {first.version, {}});
+  EXPECT_EQ(done.outcome, PutDone::Outcome::kConflict);
+  EXPECT_FALSE(done.present.bytes);
+  EXPECT_EQ(done.present.version, removed.version);
 }
 
 TEST_F(EtcdEngineTest, ReadsEverythingWhenItsVersionIsOfTheFuture) {
@@ -251,6 +281,27 @@ TEST_F(HostileEtcd, IsGivenUpWhenItSendsWhatIsNoAnswer) {
   EXPECT_THAT(FailBy(MakeAnswer("[[[[[[")), HasSubstr("none of etcd's answers"));
   EXPECT_THAT(FailBy("HTTP/1.1 503 No\r\nContent-Length: 0\r\n\r\n"), HasSubstr("503"));
   EXPECT_NE(FailBy("HTTP/1.1 302 Found\r\nLocation: http://example.com/\r\nContent-Length: 0\r\n\r\n"), "");
+}
+
+// A read in which nothing is would have everything removed.
+TEST_F(HostileEtcd, IsGivenUpWhenAReadIsAnsweredBySomethingElse) {
+  for (const char* body : {"{}", "<html>", R"({"header":{"cluster_id":"8","revision":"5"}})"}) {
+    BackgroundCall member([&] {
+      for (const std::string& answer :
+           {std::string(R"({"header":{"cluster_id":"7","revision":"5"}})"), std::string(body)}) {
+        const osa::Descriptor peer = _listener.Accept();
+        ReceiveOnce(peer);
+        Send(peer, "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(answer.size()) +
+                       "\r\n\r\n" + answer);
+      }
+    });
+    _engine.Connect();
+    _engine.Get().Follow({"fleet/"}, 0);
+    const EngineEvent event = _engine.AwaitAny();
+    ASSERT_TRUE(std::holds_alternative<Lost>(event)) << NameOf(event);
+    EXPECT_THAT(std::get<Lost>(event).reason, HasSubstr("none of etcd's answers"));
+    member.Join();
+  }
 }
 
 TEST_F(HostileEtcd, IsGivenUpWhenItClosesWithoutAnAnswer) {

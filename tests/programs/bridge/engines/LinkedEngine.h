@@ -19,7 +19,7 @@ namespace tavix::test {
 
 // Prints the kind of an event, for messages of tests.
 inline std::string NameOf(const bridge::EngineEvent& event) {
-  static const char* const kNames[] = {"Connected", "Lost", "Item", "Synced", "PutDone"};
+  static const char* const kNames[] = {"Connected", "Lost", "Item", "Synced", "Reread", "PutDone"};
   std::string name = kNames[event.index()];
   if (const auto* lost = std::get_if<bridge::Lost>(&event)) name += ": " + lost->reason;
   if (const auto* item = std::get_if<bridge::Item>(&event)) name += " of " + item->key;

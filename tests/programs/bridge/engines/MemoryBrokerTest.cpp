@@ -15,6 +15,7 @@ using bridge::Item;
 using bridge::Lost;
 using bridge::MemoryBroker;
 using bridge::PutDone;
+using bridge::Reread;
 using bridge::Synced;
 
 namespace {
@@ -93,7 +94,41 @@ TEST_F(MemoryBrokerTest, ReportsEverythingToWhoComesFromBeforeTheCompaction) {
   _broker.Compact();
 
   _engine.Connect({source, {}});
-  EXPECT_TRUE(_engine.Follow({"a/"}, synced.version).isComplete);
+  EXPECT_FALSE(_engine.Follow({"a/"}, synced.version).isComplete);
+  _engine.Await<Reread>();
+  _engine.ForgetStore();
+  EXPECT_TRUE(_engine.Await<Synced>().isComplete);
+  EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("a/1", "one"), Pair("a/2", "two")));
+}
+
+TEST_F(MemoryBrokerTest, ReportsEverythingToAStalledLinkWhoseChangesAreCompacted) {
+  _engine.Connect();
+  _broker.Put("a/1", "one");
+  _engine.Follow({"a/"});
+  _broker.Stall("engine");
+  _broker.Put("a/1", std::nullopt);
+  _broker.Compact();
+  _broker.Resume("engine");
+
+  _engine.Await<Reread>();
+  _engine.ForgetStore();
+  EXPECT_TRUE(_engine.Await<Synced>().isComplete);
+  EXPECT_TRUE(_engine.GetStore().empty());
+}
+
+TEST_F(MemoryBrokerTest, RefusesSoManyPuts) {
+  _engine.Connect();
+  _broker.RefusePuts(1);
+  EXPECT_EQ(_engine.Put("a/1", "one").outcome, PutDone::Outcome::kRefused);
+  EXPECT_EQ(_engine.Put("a/1", "one").outcome, PutDone::Outcome::kDone);
+}
+
+TEST_F(MemoryBrokerTest, LosesSoManySynced) {
+  _engine.Connect();
+  _broker.LoseSynced(1);
+  _engine.Get().Follow({"a/"}, 0);
+  _broker.Put("a/1", "one");
+  EXPECT_EQ(_engine.Await<Synced>().version, 1u);  // that of the change
 }
 
 TEST_F(MemoryBrokerTest, PublishesTheLastWillOfABrokenLink) {

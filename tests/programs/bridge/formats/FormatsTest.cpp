@@ -96,7 +96,9 @@ TEST(DeviceMessages, HaveValuesOrThatTheGroupIsGone) {
 
 TEST(SharedGroup, ReadsWhatItWrites) {
   const Keys keys = {{"\xFE", "\xFF"}, {"k", "1"}};
-  EXPECT_EQ(ParseSharedGroup(ComposeSharedGroup(keys, {}), kLarge), keys);
+  const auto group = ParseSharedGroup(ComposeSharedGroup(keys, {"m"}), kLarge);
+  EXPECT_EQ(group.keys, keys);
+  EXPECT_EQ(group.masked, std::set<std::string>{"m"});
   EXPECT_THROW((void)ParseSharedGroup(R"({"format":1,"keys":{"k":5}})", kLarge), BadDocument);
   EXPECT_THROW((void)ParseSharedGroup("{}", kLarge), BadDocument);
 }

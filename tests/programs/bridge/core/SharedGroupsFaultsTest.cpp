@@ -1,0 +1,249 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/programs/bridge/core/SharedDevices.h"
+
+// What becomes of shared groups when store, cluster, disk or daemon do not do their part.
+namespace {
+
+using tavix::bridge::ComposeSharedGroup;
+using tavix::bridge::Keys;
+using tavix::bridge::Limits;
+using tavix::bridge::Side;
+using tavix::test::Milliseconds;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+using SharedGroupsFaults = tavix::test::SharedDevicesTest;
+
+TEST_F(SharedGroupsFaults, ReportsRemovalsThatAnOlderDaemonCanNotDo) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  one->store.Set("Net/A", "l", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->store.canRemove = false;
+  broker.Put("fleet/Net/A", ComposeSharedGroup({{"l", "2"}}, {}));
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "1"}, {"l", "2"}}));
+  EXPECT_EQ(one->report->counters.unsupported, 1u);
+  EXPECT_EQ(broker.GetPutCount(), 1u);
+  EXPECT_FALSE(one->mirror->GetState().isInSync);
+}
+
+TEST_F(SharedGroupsFaults, LeavesAValueInAnotherFormAlone) {
+  broker.Put("fleet/Net/A", "something else");
+  const auto one = MakeDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  one->store.Set("Net/B", "k", "1");
+  one->Start();
+  simulation.Add(*one);
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_EQ(broker.Get("fleet/Net/A")->bytes, "something else");
+  EXPECT_TRUE(broker.Get("fleet/Net/B"));
+  EXPECT_THAT(one->report->GetLastError(), HasSubstr("[Net/A] is left as it is there: the document is not JSON"));
+}
+
+TEST_F(SharedGroupsFaults, LearnsOfRemovalsWhoseHistoryIsGone) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  one->store.Set("Net/B", "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  simulation.Step(Milliseconds(20'000));  // it keeps how far it came
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->Kill();
+  broker.Put("fleet/Net/A", std::nullopt);
+  broker.Put("fleet/Net/C", ComposeSharedGroup({{"k", "1"}}, {}));
+  broker.Compact();
+  one->Start();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(2));
+  EXPECT_TRUE(one->store.Get("Net/A").empty());
+
+  // And in the middle of a link.
+  broker.Stall("one");
+  broker.Put("fleet/Net/B", std::nullopt);
+  broker.Compact();
+  broker.Resume("one");
+  simulation.Step();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_TRUE(one->store.Get("Net/B").empty());
+  EXPECT_EQ(one->store.Get("Net/C"), (Keys{{"k", "1"}}));
+}
+
+TEST_F(SharedGroupsFaults, GoesOnOnceTheDiskHasRoomAgain) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  one->store.Set("Net/B", "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->state.isFull = true;
+  one->store.Set("Net/A", "k", "2");
+  broker.Put("fleet/Net/B", ComposeSharedGroup({{"k", "2"}}, {}));
+  for (int i = 0; i < 1000; ++i) simulation.Step();
+  EXPECT_EQ(one->store.Get("Net/B"), (Keys{{"k", "1"}}));  // nothing is applied that could not be kept
+  EXPECT_TRUE(one->mirror->GetState().hasStateFailed);
+  EXPECT_EQ(std::count_if(one->log.begin(), one->log.end(),
+                          [](const std::string& line) { return line.find("disk is full") != std::string::npos; }),
+            1);
+
+  one->state.isFull = false;
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/B"), (Keys{{"k", "2"}}));
+  EXPECT_EQ(broker.Get("fleet/Net/A")->bytes, ComposeSharedGroup({{"k", "2"}}, {}));
+}
+
+TEST_F(SharedGroupsFaults, KeepsWhatWasTakenThereWhileTheDiskIsFull) {
+  const auto one = StartDevice("one", Both());
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  broker.Stall("one");
+  one->store.Set("Net/A", "k", "1");
+  simulation.Step();
+  one->state.isFull = true;
+  broker.Resume("one");
+  for (int i = 0; i < 10; ++i) simulation.Step();
+  one->state.isFull = false;
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(broker.GetPutCount(), 1u);
+}
+
+TEST_F(SharedGroupsFaults, TriesEverLessOftenWhatTheDeviceRefuses) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->store.isRefusing = true;
+  const size_t before = one->store.amends;
+  const size_t commits = one->state.commits;
+  broker.Put("fleet/Net/A", ComposeSharedGroup({{"k", "2"}}, {}));
+  for (int i = 0; i < 1200; ++i) simulation.Step();  // a minute
+  EXPECT_THAT(one->store.amends - before, testing::AllOf(testing::Ge(3u), testing::Le(12u)));
+  EXPECT_LE(one->state.commits - commits, 20u);
+  EXPECT_EQ(one->mirror->GetState().left, 1u);
+  EXPECT_THAT(one->report->GetLastError(), HasSubstr("A change of [Net/A] is not taken by the device"));
+  EXPECT_EQ(one->report->counters.refused, 1u);
+
+  one->store.isRefusing = false;
+  for (int i = 0; i < 1300; ++i) simulation.Step();
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "2"}}));
+  EXPECT_TRUE(one->mirror->GetState().isInSync);
+}
+
+TEST_F(SharedGroupsFaults, TriesAgainWhatTheOtherEndRefused) {
+  const auto one = StartDevice("one", Both());
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  broker.RefusePuts(2);
+  one->store.Set("Net/A", "k", "1");
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_FALSE(broker.Get("fleet/Net/A"));
+  EXPECT_EQ(one->mirror->GetState().left, 1u);
+  broker.Restart();  // once for each link
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_EQ(one->report->counters.refused, 2u);
+  simulation.Step(Milliseconds(10 * 60'000));
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_TRUE(broker.Get("fleet/Net/A"));
+}
+
+// A neighbour that is faster each time: its keys are never overwritten without having been seen.
+TEST_F(SharedGroupsFaults, OverwritesNothingHoweverOftenOthersAreFaster) {
+  for (const Side winner : {Side::kCentre, Side::kDevice}) {
+    const std::string name = winner == Side::kCentre ? "centre" : "device";
+    const auto one = MakeDevice(name, Both(winner));
+    tavix::test::Simulation life(broker);
+    life.Add(*one);
+    one->Start();
+    const std::string key = "fleet/Net/" + name;
+    one->store.Set("Net/" + name, "k", "0");
+    ASSERT_TRUE(life.RunUntilInSync());
+    one->store.Set("Net/" + name, "mine", "1");
+    size_t written = 0;
+    for (int i = 0; i < 400 && written < 12; ++i) {
+      broker.Stall(name);
+      life.Step();
+      Keys theirs = tavix::bridge::ParseSharedGroup(*broker.Get(key)->bytes, 10'000).keys;
+      theirs["theirs" + std::to_string(written)] = "1";
+      if (!one->mirror->GetState().isInSync) {
+        broker.Put(key, ComposeSharedGroup(theirs, {}));
+        ++written;
+      }
+      broker.Resume(name);
+      life.Step();
+    }
+    EXPECT_EQ(written, 12u);
+    ASSERT_TRUE(life.RunUntilInSync());
+    EXPECT_THAT(one->store.Get("Net/" + name), SizeIs(14));
+    EXPECT_EQ(broker.Get(key)->bytes, ComposeSharedGroup(one->store.Get("Net/" + name), {}));
+    EXPECT_EQ(one->report->counters.overridden, 0u);
+    one->Kill();
+  }
+}
+
+TEST_F(SharedGroupsFaults, GivesThePlaceOfAGroupThatIsGoneToAnotherOne) {
+  Limits limits = Quick();
+  limits.maxGroups = 2;
+  const auto one = StartDevice("one", Both(), limits);
+  for (int i = 0; i < 20; ++i) {
+    one->store.Set("Net/" + std::to_string(i), "k", "1");
+    ASSERT_TRUE(simulation.RunUntilInSync());
+    one->store.Delete("Net/" + std::to_string(i));
+    ASSERT_TRUE(simulation.RunUntilInSync());
+    simulation.Step(limits.heldWindow);  // they are not lost at once
+  }
+  for (int i = 0; i < 3; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_EQ(one->report->counters.leftOut, 1u);
+  one->store.Delete("Net/0");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_THAT(broker.GetAll(), SizeIs(2));
+}
+
+TEST_F(SharedGroupsFaults, SendsALocalChangeBesideARemovalThatIsNotSupported) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "1");
+  one->store.Set("Net/A", "l", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->store.canRemove = false;
+  broker.Put("fleet/Net/A", ComposeSharedGroup({{"l", "2"}}, {}));
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  one->store.Set("Net/A", "own", "1");
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_EQ(broker.Get("fleet/Net/A")->bytes, ComposeSharedGroup({{"l", "2"}, {"own", "1"}}, {}));
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "1"}, {"l", "2"}, {"own", "1"}}));
+
+  // The daemon was renewed.
+  one->store.canRemove = true;
+  one->mirror->OnLocalLost();
+  one->mirror->OnLocalReady();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"l", "2"}, {"own", "1"}}));
+}
+
+TEST_F(SharedGroupsFaults, HoldsTheLossesOfASourceThatIsSuddenlyEmpty) {
+  const auto one = StartDevice("one", Both());
+  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  broker.RestartWith({});
+  for (int i = 0; i < 100; ++i) simulation.Step();
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(30));
+  EXPECT_EQ(one->mirror->GetState().held, 30u);
+  EXPECT_THAT(one->report->GetLastError(), HasSubstr("A source is suddenly empty: 30 groups"));
+
+  one->mirror->AcceptLosses();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_TRUE(one->store.Read({"Net/*"}).IsEmpty());
+}
+
+TEST_F(SharedGroupsFaults, LeavesOutWhatIsBeyondItsLimits) {
+  Limits limits = Quick();
+  limits.maxGroups = 2;
+  const auto one = MakeDevice("one", Both(), limits);
+  for (int i = 0; i < 3; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  one->Start();
+  simulation.Add(*one);
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_THAT(broker.GetAll(), SizeIs(2));
+  EXPECT_EQ(one->report->counters.leftOut, 1u);
+  EXPECT_THAT(one->report->GetLastError(), HasSubstr("[Net/2] is left out"));
+}
+
+}  // namespace
