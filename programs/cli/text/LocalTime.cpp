@@ -54,7 +54,9 @@ std::optional<TimePoint> ParseAgo(const std::string& text, TimePoint now) {
   const std::optional<seconds> unit = FindUnit(words.substr(digits, ago - digits));
   if (!unit) return std::nullopt;
   const seconds distance = *unit * std::strtoll(words.c_str(), nullptr, 10);  // far from what seconds can count
-  return distance <= now.time_since_epoch() ? std::make_optional(now - distance) : std::nullopt;
+  // Compared in seconds: nanoseconds can't count so far.
+  const bool isBefore = distance <= std::chrono::duration_cast<seconds>(now.time_since_epoch());
+  return isBefore ? std::make_optional(now - distance) : std::nullopt;
 }
 
 // A date and a time of the day as they were written.
