@@ -116,6 +116,7 @@ TEST_F(FullDisk, TakesTheBackupWhenNothingElseIsLeft) {
 TEST_F(FullDisk, TakesTheOldHistoryBeforeTheBackup) {
   constexpr size_t kHistoryBytes = 128 * 1024;
   const CapturedLog log;
+  _files.LimitRoom(16 * kRoom);  // no disk is full yet, whenever snapshots are made
   {
     PersistedStore store(_files, kAlways, "", std::chrono::hours(1), kHistoryBytes);
     for (int i = 0; i < 50; ++i) store.Merge("[B]\ny=" + std::to_string(i) + std::string(1000, 'y') + "\n");
