@@ -101,7 +101,7 @@ void HistoryFile::Look(uint64_t journalBegin, std::vector<std::string>& problems
   const FileContent content = Read(path, problems);
   _isForeign = IsForeign(content);
   std::set<uint64_t> journaled;
-  uint64_t end = 0;
+  size_t end = 0;
   HistoryReader reader(content.bytes);
   size_t damaged = 0;  // before the entries that the journal may have
   while (reader.Next()) {

@@ -229,7 +229,8 @@ bool UserSettingsFiles::NoteRest(const FoundJournal& journal, const JournalReade
                                  FoundUserSettings& found) {
   const std::string dropped = std::to_string(reader.CountMore()) + " bytes";
   const bool isRotten = reader.IsRotten();
-  if (isRotten) found.history.NoteLost(std::string_view(journal.content.bytes).substr(reader.GetEnd()));
+  const std::string_view rest = std::string_view(journal.content.bytes).substr(static_cast<size_t>(reader.GetEnd()));
+  if (isRotten) found.history.NoteLost(rest);
   std::string text = isRotten ? "'" + journal.path + "' is damaged behind byte " + std::to_string(reader.GetEnd()) +
                                     ": changes are lost, " + dropped
                               : "'" + journal.path + "' ends with an unfinished change, which is dropped, " + dropped;
