@@ -15,7 +15,8 @@ namespace tavix::daemon {
 // The history as readers find it: entries that wait in memory for their file, and those of both files behind them. The
 // newest come first, block by block.
 //
-// Threads: any, also beside changes. GetRange never waits for the disk; ReadBelow reads a file.
+// Threads: any, also beside changes. GetRange reads no file, but waits while the layer's journal is written; ReadBelow
+//          reads a file.
 // Locks:   those of the layer and the file, one after the other.
 // Errors:  ReadBelow throws osa::Exception that names the file and the reason, and std::bad_alloc.
 class KeptHistory {

@@ -83,7 +83,8 @@ SettingsStore::SettingsStore(SettingsSources& sources, const Options& options, C
   if (_trials) RevertEarlierTrials();
 }
 
-// What a crash or a power cut left pending. The reason why it fails may pass.
+// What a crash or a power cut left pending. It fails for want of memory, or descriptors, which others may give back:
+// nothing tells when. Nobody is served yet, so that only the start waits for this thread, and a second at most.
 void SettingsStore::RevertEarlierTrials() {
   for (int retry = 0; !_trials->RevertAll(); ++retry) {
     if (retry == kMaxStartRetries) {

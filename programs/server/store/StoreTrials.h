@@ -18,7 +18,8 @@ namespace tavix::daemon {
 //
 // Threads: any.
 // Locks:   its own mutex, outside all others: held while one trial is reverted, subscribers included.
-// Errors:  Confirm, Revert: settings::server::RefusedChange for what the client may not do, std::bad_alloc.
+// Errors:  Confirm, Revert: settings::server::RefusedChange for what the client may not do, std::bad_alloc. Revert:
+//          osa::Exception when others write to the trial's settings all the time; the trial is pending still.
 class StoreTrials {
  public:
   using Client = TrialBook::Client;

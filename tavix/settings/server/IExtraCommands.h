@@ -49,7 +49,9 @@ class TAVIX_EXPORT IExtraCommands {
 
     Kind kind = Kind::kNone;
     core::IniFile data;
-    std::string reason = {};  // of kNone, too: why nothing was done, for `info refused`. Begins with a word and ": "
+    // Of kRefused, and of kNone for `info refused` alone: why nothing was done. Of kNone it begins with a word and
+    // ": "; of kRefused the request's own word is put in front for `info refused`.
+    std::string reason = {};
     ChangeTicket ticket = 0;  // of what was changed: further output waits for it
   };
 
