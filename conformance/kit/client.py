@@ -26,7 +26,7 @@ class Client:
         self._answers: Dict[int, Json] = {}
         self._hub = hub
         self._next_id = 0
-        self._buffer = b""
+        self._parts: List[bytes] = []  # of a line that has no end yet
         self._has_ended = False
         self._errors = tempfile.TemporaryFile()
         self._process = subprocess.Popen(
@@ -120,10 +120,12 @@ class Client:
             self._hub.remove(self._process.stdout)
             return
         self.trace.note("client to runner:", data)
-        self._buffer += data
-        *lines, self._buffer = self._buffer.split(b"\n")
-        for line in lines:
+        *ends, rest = data.split(b"\n")
+        for end in ends:
+            line, self._parts = b"".join([*self._parts, end]), []
             self._take(line)
+        if rest:
+            self._parts.append(rest)
 
     def _take(self, line: bytes) -> None:
         try:

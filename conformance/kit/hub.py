@@ -8,7 +8,7 @@ from typing import Any, Callable
 
 from .failure import Failure
 
-LIMIT = 30.0  # seconds that anything may take that has to happen; machines of tests stand still at times
+LIMIT = 100.0  # seconds that anything may take that has to happen; machines of tests stand still at times
 
 
 class Hub:
