@@ -41,7 +41,7 @@ Watchdog::~Watchdog() {
 std::chrono::seconds Watchdog::LimitFromEnvironment() {
   const char* text = std::getenv("TAVIX_TEST_LIMIT");
   const long seconds = text ? std::strtol(text, nullptr, 10) : 0;
-  return std::chrono::seconds(seconds > 0 ? seconds : 300);
+  return std::chrono::seconds(seconds > 0 ? seconds : 900);
 }
 
 void Watchdog::OnTestStart(const testing::TestInfo& test) {

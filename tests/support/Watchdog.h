@@ -18,7 +18,7 @@ class Watchdog : public testing::EmptyTestEventListener {
   explicit Watchdog(std::chrono::seconds limit);
   ~Watchdog() override;
 
-  // The seconds that the environment variable TAVIX_TEST_LIMIT gives, else 180.
+  // The seconds that the environment variable TAVIX_TEST_LIMIT gives, else 900.
   static std::chrono::seconds LimitFromEnvironment();
 
   void OnTestStart(const testing::TestInfo& test) override;
