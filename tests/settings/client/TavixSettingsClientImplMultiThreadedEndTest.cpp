@@ -24,6 +24,7 @@
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/StoppedProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Threads.h"
 
@@ -49,6 +50,7 @@ using tavix::test::RecordingCallback;
 using tavix::test::ScopedEnvironment;
 using tavix::test::ScriptedServer;
 using tavix::test::ServerEnd;
+using tavix::test::StopProcess;
 using tavix::test::TemporaryDirectory;
 using Client = std::unique_ptr<TavixSettingsClient>;
 
@@ -252,7 +254,7 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsWhenTheServerIsStoppedAndItsBuffe
   const ScopedEnvironment endpoint("TAVIX_SETTINGS_SERVER", daemon.AwaitAddresses().front().c_str());
   Client client = MakeClient();
   EXPECT_EQ(client->GetValue("[A]x"), "");
-  daemon.Signal(SIGSTOP);
+  StopProcess(daemon.GetId());
   FillOutput(FindConnectionsTo(daemon.GetPort()).at(0));
   ExpectQuickEnd(client);
   daemon.Signal(SIGCONT);

@@ -3,11 +3,11 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include "tests/programs/server/Daemon.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ProcessFigures.h"
+#include "tests/support/StoppedProcess.h"
 
 namespace tavix::test {
 
@@ -30,17 +30,11 @@ class UnusualPeers : public testing::Test {
   std::string ReplyToAllAtOnce(const std::string& requests) {
     ProtocolClient client(_port);
     client.AwaitHandled();
-    Stop(_daemon);
+    StopProcess(_daemon.GetId());
     client.Send(requests);
     client.HalfClose();
     _daemon.Signal(SIGCONT);
     return client.ReadToEnd();
-  }
-
-  // Until it gets SIGCONT.
-  static void Stop(const Daemon& daemon) {
-    daemon.Signal(SIGSTOP);
-    EXPECT_EQ(waitpid(daemon.GetId(), nullptr, WUNTRACED), daemon.GetId());
   }
 
   // Waits until the daemon's socket has all that the client sent, or takes no more of it: some kernels take less than
@@ -147,7 +141,7 @@ TEST_F(UnusualPeers, QuitWithRepliesUnreadAtTheEndOfATurnKeepsNobodyBusy) {
   for (size_t large = 2; large < 16; ++large) {
     ProtocolClient client(_port, 4096);
     client.AwaitHandled();
-    Stop(_daemon);  // what came behind the close would undo replies
+    StopProcess(_daemon.GetId());  // what came behind the close would undo replies
     client.Send(Repeated(large, "get\nHalf\n.\n") + Repeated(63 - large, "get\nA\n.\n") + "quit\n" + kGarbage);
     AwaitTaken(client);
     _daemon.Signal(SIGCONT);
@@ -172,7 +166,7 @@ TEST_F(UnusualPeers, ChangesOfAPeerThatIsGoneBeforeItReadAReplyAreMade) {
     for (const char* first : {"", "get delimited\nA\n.\n", "subscribe\nM*\n.\n"}) {
       ProtocolClient client(address);
       client.AwaitHandled();
-      Stop(daemon);
+      StopProcess(daemon.GetId());
       std::string changes;
       for (int i = 0; i < 200; ++i) changes += "merge\n[M" + std::to_string(i) + "]\na=1\n.\n";
       client.Send(first + changes);
