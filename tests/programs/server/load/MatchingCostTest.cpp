@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <list>
 
 #include "tests/programs/server/Daemon.h"
@@ -17,6 +19,7 @@ namespace {
 using Manner = LoadClients::Manner;
 
 constexpr size_t kRounds = 5;
+constexpr size_t kTimes = 3;
 constexpr double kMaxTimes = 30;  // where trying every pattern takes hundreds of times
 
 LoadSize ShortSize() {
@@ -45,18 +48,23 @@ std::list<ProtocolClient> Subscribe(const LoadClients& clients, unsigned short p
   return connections;
 }
 
-// The processor time that the load's changes take of a daemon.
+// The processor time that the load's changes take of a daemon: the least of a few times, since a machine that stands
+// still may count that as the daemon's.
 double CostOfChanges(const Daemon& daemon, const Load& load) {
   const LoadClients writer = Find(load, Manner::kRepeat);
   ProtocolClient client(daemon.GetPort());
   client.Send(writer.makeRequest(0, 0));
   client.AwaitHandled();
-  const double before = ProcessorTime(daemon.GetId());
-  for (size_t round = 1; round <= kRounds; ++round) {
-    client.Send(writer.makeRequest(0, round));
-    client.AwaitHandled();
+  double least = std::numeric_limits<double>::max();
+  for (size_t time = 0; time < kTimes; ++time) {
+    const double before = ProcessorTime(daemon.GetId());
+    for (size_t round = 1; round <= kRounds; ++round) {
+      client.Send(writer.makeRequest(0, time * kRounds + round));
+      client.AwaitHandled();
+    }
+    least = std::min(least, ProcessorTime(daemon.GetId()) - before);
   }
-  return ProcessorTime(daemon.GetId()) - before;
+  return least;
 }
 
 void ExpectChangesToCostLittleMore(const Load& load) {

@@ -60,15 +60,21 @@ rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
   return before;
 }
 
-// Looks at a second in which the daemon has ten requests to handle and nothing else.
+// Looks at seconds in each of which the daemon has ten requests to handle and nothing else. One that spins is busy in
+// all of them; a machine that stands still may count that as the daemon's time in one.
 void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
+  constexpr double kMaxUsed = 0.3;
   daemon.AwaitIdle();
-  const double before = ProcessorTime(daemon.GetId());
-  for (int i = 0; i < 10; ++i) {
-    client.AwaitHandled();
-    EXPECT_EQ(client.ReadFor(100), "");
+  double used = 1;
+  for (int second = 0; second < 5 && used >= kMaxUsed; ++second) {
+    const double before = ProcessorTime(daemon.GetId());
+    for (int i = 0; i < 10; ++i) {
+      client.AwaitHandled();
+      EXPECT_EQ(client.ReadFor(100), "");
+    }
+    used = ProcessorTime(daemon.GetId()) - before;
   }
-  EXPECT_LT(ProcessorTime(daemon.GetId()) - before, 0.3);
+  EXPECT_LT(used, kMaxUsed);
 }
 
 }  // namespace
