@@ -48,7 +48,7 @@ class DaemonProcess {
   // The port of its first address.
   unsigned short GetPort() const;
 
-  // All that it wrote to standard output and standard error before the call.
+  // All that it wrote to standard output and standard error before the call; GetErrors without lines on a slow disk.
   std::string GetOutput() const;
   std::string GetErrors() const;
 
