@@ -1,8 +1,11 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -72,6 +75,33 @@ class Web {
     return {"--defaults",      directory.Write("defaults.ini", defaults),
             "--restricted",    directory.Write("restricted.ini", restricted),
             "--user-settings", "user.ini"};
+  }
+};
+
+// The same with the daemon on a unix socket, so that one that is started again finds its address free, and its end is
+// seen at once. Requests need "authorization" among their headers.
+class WebOnSocket {
+ public:
+  WebOnSocket() : process(directory, GetDaemonAddress(), {"--token-file", WriteToken()}) { StartDaemon(); }
+
+  void StartDaemon() {
+    daemon = std::make_unique<DaemonProcess>(ServerProgram(), directory.GetPath(),
+                                             std::vector<std::string>{"--listen", GetDaemonAddress()});
+    daemon->AwaitAddresses();
+  }
+
+  const std::string authorization = "Authorization: Bearer " + std::string(64, 'a') + "\r\n";
+  TemporaryDirectory directory;
+  std::unique_ptr<DaemonProcess> daemon;
+  WebProcess process;
+
+ private:
+  std::string GetDaemonAddress() const { return "unix:" + directory.Path("daemon.sock"); }
+
+  std::string WriteToken() const {
+    const std::string path = directory.Write("tokens", "test " + std::string(64, 'a') + " write\n");
+    if (chmod(path.c_str(), 0600) != 0) throw std::runtime_error("No file of tokens");
+    return path;
   }
 };
 
