@@ -45,7 +45,7 @@ TEST(Listener, ConnectionsAreSetUpAsTheyAreAccepted) {
   const std::vector<Listener> listeners = Listen("127.0.0.1:0");
   const std::string& address = listeners.front().GetAddress();
   osa::TcpSocket client(0);
-  client.Connect("127.0.0.1", static_cast<unsigned short>(std::stoi(address.substr(address.rfind(':') + 1))), 10'000);
+  client.Connect("127.0.0.1", static_cast<unsigned short>(std::stoi(address.substr(address.rfind(':') + 1))), 200'000);
   const osa::Descriptor accepted = Accept(listeners.front());
   EXPECT_TRUE(fcntl(accepted.Get(), F_GETFD) & FD_CLOEXEC);
   EXPECT_EQ(Option(accepted.Get(), IPPROTO_TCP, TCP_NODELAY), 1);
