@@ -15,6 +15,7 @@
 #include "tests/support/DocumentText.h"
 #include "tests/support/LogOf.h"
 #include "tests/support/MemoryFiles.h"
+#include "tests/support/Threads.h"
 
 namespace tavix::test {
 
@@ -211,6 +212,8 @@ TEST_F(Persister, JournalThatWasGivenUpDuringASnapshotTakesNoOtherWithIt) {
     snapshot->GoOn();
     store.AwaitDurable();
     EXPECT_TRUE(Eventually([&] { return _files.Get("user.ini.journal.new").find("y=2\n") != std::string::npos; }));
+    // Changes that come before it is the current journal would wait for the thread that syncs.
+    AwaitAsleep(FindThreads("Snapshot").back());
     const size_t snapshots = CountSnapshots(_files);
     for (const char value : {'1', '2', '3'}) store.Merge("[Large]\nx=" + std::string(60 * 1000, value) + "\n");
     EXPECT_TRUE(Eventually([&] { return CountSnapshots(_files) > snapshots; }));
