@@ -26,7 +26,7 @@ namespace {
 using Kind = MemoryFiles::Operation::Kind;
 using Groups = std::set<std::string>;
 
-constexpr int kLongWait = 20 * 1000;  // milliseconds
+constexpr int kLongWait = 200 * 1000;  // milliseconds
 constexpr size_t kConnections = 4;
 constexpr size_t kHistories = 8;
 constexpr unsigned int kSteps = 150;
