@@ -162,10 +162,10 @@ void SharedUserLayer::OpenJournal(const std::vector<Change>& changes) {
 // Output is held and released under the lock, so that both happen in the order of their events. Every event that may
 // change whether all is saved leads here.
 void SharedUserLayer::Perform(const Steps& steps, const char* reason) {
+  _isSaved = _state.IsSaved();
   if (steps.unsavedSince && _setup.onUnsaved && _setup.durability.kind != Durability::Kind::kNone)
     _setup.onUnsaved(*steps.unsavedSince);
   if (_setup.onFailure) ReportFailure(_setup.onFailure, steps, reason);
-  _isSaved = _state.IsSaved();
   if (_state.GetNames().GetCurrent() == 0) GiveUpJournal();
   if (!_state.AreChangesLate()) _notes.DropPending();
   if (_setup.trials && _state.OwesAll()) _setup.trials->DropLines();
