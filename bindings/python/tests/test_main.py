@@ -50,15 +50,17 @@ def test_bytes_that_are_no_text_are_base64(run):
 
 
 def test_watches_a_line_for_each_change(daemon):
-    command = [sys.executable, "-m", "tavix_settings", "-s", daemon.address, "watch", "Network/W*", "--initial"]
+    command = [sys.executable, "-m", "tavix_settings", "-s", daemon.address, "-t", str(PATIENCE)]
+    command += ["watch", "Network/W*", "--initial"]
     with subprocess.Popen(command, stdout=subprocess.PIPE) as watcher:
         first = {"group": "Network/Wlan0", "key": "enabled", "old": None, "new": "false", "gone": False}
         assert json.loads(watcher.stdout.readline()) == first
         with tavix_settings.connect(daemon.address, timeout=PATIENCE) as store:
             store.erase("Network/Wlan0")
             store.flush()
-        assert json.loads(watcher.stdout.readline()) == {**first, "old": "false", "new": None, "gone": True}
-        os.kill(watcher.pid, signal.SIGINT)
+            assert json.loads(watcher.stdout.readline()) == {**first, "old": "false", "new": None, "gone": True}
+            os.kill(watcher.pid, signal.SIGINT)
+            store.set("Network/Wlan0", {"enabled": "true"})  # ends a wait that the signal came just too early for
         assert watcher.wait(PATIENCE) == 130
 
 
