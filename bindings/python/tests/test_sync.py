@@ -45,7 +45,8 @@ def store(request):
         with FakeStore(DEFAULTS, timeout=PATIENCE) as made:
             yield made
     else:
-        with tavix_settings.connect(request.getfixturevalue("daemon").address, timeout=PATIENCE) as made:
+        # A call may wait for those of fifty threads, each of which waits for the disk.
+        with tavix_settings.connect(request.getfixturevalue("daemon").address, timeout=10 * PATIENCE) as made:
             yield made
 
 
@@ -232,7 +233,7 @@ class NotedLock:
         self._lock.release()
 
     def _note(self):
-        if not self.was_taken.is_set():  # an interrupt inside of set() leaves a lock held, for which the next would wait
+        if not self.was_taken.is_set():  # an interrupt inside of set() leaves a lock held, which the next takes
             self.was_taken.set()
 
 
