@@ -95,7 +95,7 @@ CommandProcess::CommandProcess(const std::string& directory, const std::vector<s
   if (_isTerminal) {
     StartOnTerminal(directory, words, variables);
   } else {
-    StartOnPipes(directory, words, variables);
+    StartOnPipes(directory, words, variables, streams == Streams::kPipes);
   }
 }
 
@@ -110,8 +110,9 @@ CommandProcess::~CommandProcess() {
 }
 
 void CommandProcess::StartOnPipes(const std::string& directory, const std::vector<std::string>& words,
-                                  const Variables& variables) {
+                                  const Variables& variables, bool isRead) {
   Pipe input, output, errors;
+  if (!isRead) output.reading.Reset();  // before the program can write
   const Image image(words, variables);
   const pid_t parent = getpid();
   _id = Require(fork(), "fork");

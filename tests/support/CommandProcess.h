@@ -16,6 +16,7 @@ namespace tavix::test {
 using Variables = std::map<std::string, std::optional<std::string>>;
 
 // A program of a shell's prompt as a child process: on pipes, or with all three standard streams on a terminal.
+// Of kUnread, nobody reads standard output from the start on.
 //
 // Threads: made on the test's main thread: the child is killed when the thread that made it ends.
 // Errors:  what waits throws std::runtime_error after kPatience, with what the program wrote. A program that is still
@@ -23,7 +24,7 @@ using Variables = std::map<std::string, std::optional<std::string>>;
 //          the destructor is killed. What a sanitizer wrote fails the test.
 class CommandProcess {
  public:
-  enum class Streams { kPipes, kTerminal };
+  enum class Streams { kPipes, kUnread, kTerminal };
 
   // directory: what the program runs in. words: the program's path and its arguments.
   CommandProcess(const std::string& directory, const std::vector<std::string>& words, const Variables& variables = {},
@@ -39,7 +40,7 @@ class CommandProcess {
   // Its standard input ends behind what was written. Not on a terminal.
   void EndInput() { _endsInput = true; }
 
-  // Nobody will read its standard output.
+  // Nobody will read its standard output any more. What it has written by then is lost without its knowledge.
   void CloseOutput() { _output.Reset(); }
 
   // Waits until that text was written to standard output or standard error. A terminal's is all output.
@@ -56,7 +57,8 @@ class CommandProcess {
   const std::string& GetErrors() const { return _errorText; }
 
  private:
-  void StartOnPipes(const std::string& directory, const std::vector<std::string>& words, const Variables& variables);
+  void StartOnPipes(const std::string& directory, const std::vector<std::string>& words, const Variables& variables,
+                    bool isRead);
   void StartOnTerminal(const std::string& directory, const std::vector<std::string>& words, const Variables& variables);
   void Await(const std::string& what, const std::function<bool()>& condition);
   void Step();

@@ -137,8 +137,7 @@ TEST(LogCommand, EndsWhenNobodyReadsAnyMore) {
   ScriptedDaemon daemon({{kFeatures,
                           {"history - 32\n", "data\n" + k118 + "[scanned]\nmore=true\nnext=118\n.\n"},
                           {"history 118 32\n", "data\n" + k117 + "[scanned]\nmore=true\nnext=117\n.\n"}}});
-  const auto log = daemon.Start({"log"});
-  log->CloseOutput();
+  const auto log = daemon.Start({"log"}, CommandProcess::Streams::kUnread);
   EXPECT_EQ(log->AwaitEnd(), 128 + SIGPIPE);
 }
 

@@ -260,7 +260,7 @@ TEST_F(GlobalOptions, UnixSocketWhoseQueueIsFullIsAwaited) {
   ExpectRun({"-s", "unix:" + path, "-t", "0.05", "list"}, 3, "",
             "tavix-settings: the server at unix:" + path +
                 " took no connection within 0.05 s\nhint: it is busy with others, or stopped\n");
-  CommandProcess patient(_directory.GetPath(), WithProgram({"-s", "unix:" + path, "-t", "20", "get", "[A]x"}));
+  CommandProcess patient(_directory.GetPath(), WithProgram({"-s", "unix:" + path, "get", "[A]x"}));
   const osa::Descriptor first(accept(listener.Get(), nullptr, nullptr));
   const osa::Descriptor peer(accept(listener.Get(), nullptr, nullptr));
   ReceiveOnce(peer);
@@ -285,8 +285,7 @@ TEST_F(GlobalOptions, OutputThatNobodyReadsEndsQuietly) {
   EXPECT_EQ(cut.errors, "");
   const Outcome ignoring = RunInShell("trap '' PIPE; \"$0\" \"$@\" show | head -n 1");
   EXPECT_EQ(ignoring.errors, "");
-  CommandProcess process(_directory.GetPath(), WithProgram({"show"}), Environment());
-  process.CloseOutput();
+  CommandProcess process(_directory.GetPath(), WithProgram({"show"}), Environment(), CommandProcess::Streams::kUnread);
   EXPECT_EQ(process.AwaitEnd(), 128 + SIGPIPE);
   EXPECT_EQ(process.GetErrors(), "");
 }

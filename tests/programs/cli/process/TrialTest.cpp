@@ -293,8 +293,7 @@ TEST(CommandOnTrial, OutputThatCannotBeWrittenEndsNothing) {
                 "tavix-settings: standard output can't be written: No space left on device\n");
   EXPECT_EQ(outcome.status, 7);
   ScriptedDaemon unread({rollback});
-  const auto command = unread.Start(words);
-  command->CloseOutput();
+  const auto command = unread.Start(words, CommandProcess::Streams::kUnread);
   EXPECT_EQ(command->AwaitEnd(), 7);
   EXPECT_THAT(unread.WithoutName(command->GetErrors()), HasSubstr("confirmed NAME: 1 setting\n"));
 }
