@@ -160,7 +160,8 @@ TEST_F(WatchCommand, EndsInTimeWhateverHasComeMeanwhile) {
 
 TEST_F(WatchCommand, SurvivesARestartOfTheDaemonAndMissesNothingThatStillHolds) {
   const std::string defaults = _directory.Write("d.ini", kDefaults);
-  Words arguments{"--defaults", defaults, "--user-settings", "own.ini", "--listen", OwnLoopbackAddress() + ":0"};
+  Words arguments{"--defaults",     defaults, "--user-settings", "own.ini",
+                  "--stop-timeout", "100",    "--listen",        OwnLoopbackAddress() + ":0"};  // a disk may be busy
   DaemonProcess first(TAVIX_SERVER_PROGRAM, _directory.GetPath(), arguments);
   const std::string address = arguments.back() = first.AwaitAddresses().front();
   const auto watch = Start({"watch", "--initial", "Network/*", "--server", address, "--count", "2"});
