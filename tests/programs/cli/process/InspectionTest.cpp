@@ -23,7 +23,9 @@ class InspectionCommands : public CommandTest {
 
 TEST_F(InspectionCommands, StatusTellsHowTheServerIs) {
   Merge("[Own]\nx=1\n[Network/Wlan0]\nmode=b\n");
-  const Outcome outcome = Run({"status"});
+  Outcome outcome;
+  // A reply is sent once the disk has the change, and right behind that the server reports it as saved.
+  Eventually([&] { return (outcome = Run({"status"})).output.find("saved          yes\n") != std::string::npos; });
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.errors, "");
   const std::string time = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z\n";
