@@ -28,10 +28,15 @@ void AllowDescriptors(rlim_t count) {
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
-// Whether a new connection is served; the other possibility is that it is closed at once.
+// Whether a connection is served, and then ends; the other possibility is that it is closed at once.
+bool IsServedOn(ProtocolClient& client) {
+  return client.TrySend("get delimited\n.\nquit\n") && client.ReadToEnd() == "data\n.\n";
+}
+
+// The same of a new one.
 bool IsServed(unsigned short port) {
   ProtocolClient client(port);
-  return client.TrySend("get delimited\n.\nquit\n") && client.ReadToEnd() == "data\n.\n";
+  return IsServedOn(client);
 }
 
 // Opens that many connections, and keeps those that are served.
@@ -181,11 +186,13 @@ TEST(ConnectionLimits, DaemonThatCanNotEvenRefuseLetsConnectionsWaitAndDoesNotSp
   std::list<ProtocolClient> clients = Open(daemon.GetPort(), 10);
   WarmUp(daemon);
   const rlim_t before = SetDescriptorLimit(daemon, 3);
-  ProtocolClient waiting(daemon.GetPort());
+  std::list<ProtocolClient> waiting;
+  while (waiting.size() < 5) waiting.emplace_back(daemon.GetPort());
   daemon.AwaitErrors("WARNING Server: Connection refused: Too many open files\n");
   ExpectNoSpinning(daemon, clients.back());
   SetDescriptorLimit(daemon, before);
-  waiting.AwaitHandled();
+  // The limit may be lifted between the daemon's look and its refusal, which one of them then gets.
+  EXPECT_GE(std::count_if(waiting.begin(), waiting.end(), IsServedOn), 4);
 }
 
 }  // namespace tavix::test

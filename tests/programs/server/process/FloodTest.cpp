@@ -110,8 +110,9 @@ TEST_F(Flood, FiveHundredTricklingConnectionsAreCutAndOthersServed) {
     ++rounds;
     EXPECT_EQ(_bystander->ReadFor(IsLongRun() ? 1000 : 50), "");  // nobody sends it anything
   } while (CountDescriptors(_daemon->GetId()) > descriptors);
-  EXPECT_GE(CountOf("connection cut: unfinished request, bytes ", _daemon->GetErrors()), 10u);
+  // Some may not have been accepted yet: only their ends prove that all were cut.
   for (ProtocolClient& client : clients) EXPECT_EQ(client.ReadToEnd(), "");
+  EXPECT_GE(CountOf("connection cut: unfinished request, bytes ", _daemon->GetErrors()), 10u);
   std::printf("%zu bytes each; a get of another: p50 %.3f and p99 %.3f ms, before %.3f and %.3f ms\n", rounds,
               during.Quantile(0.5), during.Quantile(0.99), before.Quantile(0.5), before.Quantile(0.99));
   if (IsLongRun()) {
