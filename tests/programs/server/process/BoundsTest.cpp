@@ -308,7 +308,7 @@ TEST(Bounds, BacklogBeyondTheHardBoundBreaksTheConnectionAtOnce) {
 // Replies that nobody reads are kept up to a bound; then nothing more is read, and all are answered once somebody does.
 TEST(Bounds, RepliesThatNobodyReadsHoldUpTheirOwnConnectionOnly) {
   const TemporaryDirectory directory;
-  Daemon daemon(directory, {"--max-line", "67108864"});
+  Daemon daemon(directory, {"--max-line", "67108864", "--backlog-timeout", "1000"});
   ProtocolClient client(daemon.GetPort());
   client.Send(MergeOfLargeGroup());
   std::string requests;

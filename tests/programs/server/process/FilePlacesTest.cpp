@@ -132,7 +132,7 @@ TEST_F(FilePlaces, MetricsInPlaceOfSomethingElseThanAFileAreRefused) {
 }
 
 TEST_F(FilePlaces, MetricsThatSomebodyReplacedAreNotRemovedAtTheEnd) {
-  Daemon daemon(_directory, {"--metrics-file", "m"});
+  Daemon daemon(_directory, {"--metrics-file", "m", "--metrics-interval", "1000"});  // written once
   daemon.AwaitAddresses();
   EXPECT_TRUE(Eventually([&] { return _directory.Has("m"); }));
   _directory.Write("other", "not ours");

@@ -16,7 +16,8 @@ constexpr size_t kMegabyte = 1024 * 1024;
 class HostilePeers : public testing::Test {
  protected:
   HostilePeers()
-      : _daemon(_directory, {"--defaults", _directory.Write("d.ini", "[A]\nx=1\n"), "--max-line", "67108864"}),
+      : _daemon(_directory, {"--defaults", _directory.Write("d.ini", "[A]\nx=1\n"), "--max-line", "67108864",
+                             "--backlog-timeout", "1000"}),  // however long the machine stands still
         _port(_daemon.GetPort()),
         _bystander(_port) {
     _bystander.AwaitHandled();

@@ -54,7 +54,7 @@ class LeavingPeers : public testing::Test {
 
   const TemporaryDirectory _directory;
   const std::string _path = "unix:" + _directory.Path("s.sock");
-  Daemon _daemon{_directory, {"--listen", _path}};
+  Daemon _daemon{_directory, {"--listen", _path, "--backlog-timeout", "1000"}};
   ProtocolClient _bystander;
   size_t _descriptors = 0;
 };
