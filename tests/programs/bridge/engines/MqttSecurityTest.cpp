@@ -111,14 +111,23 @@ TEST_F(MqttSecurity, RefusesTlsThatIsTooOld) {
   MqttSettings settings = MakeMqttSettings(FindFreePort(), "engine");
   settings.host = "localhost";
   settings.caFile = _certificates.GetAuthority();
-  ServiceProcess server(_folder.GetPath(),
-                        {"openssl", "s_server", "-4", "-www", "-accept", std::to_string(settings.port), "-tls1_1",
-                         "-cipher", "DEFAULT@SECLEVEL=0", "-cert", "broker.pem", "-key", "broker.key"},
-                        _folder.Path("server.log"));
-  ASSERT_TRUE(server.AwaitOutput("ACCEPT"));
+  const auto start = [&] {
+    return std::make_unique<ServiceProcess>(
+        _folder.GetPath(),
+        std::vector<std::string>{"openssl", "s_server", "-4", "-www", "-accept", std::to_string(settings.port),
+                                 "-tls1_1", "-cipher", "DEFAULT@SECLEVEL=0", "-cert", "broker.pem", "-key",
+                                 "broker.key"},
+        _folder.Path("server.log"));
+  };
+  std::unique_ptr<ServiceProcess> server = start();
+  while (!server->AwaitOutput("ACCEPT")) {
+    ASSERT_THAT(server->GetOutput(), HasSubstr("in use"));  // somebody else took the port meanwhile
+    settings.port = FindFreePort();
+    server = start();
+  }
 
   EXPECT_NE(MakeEngine(settings)->FailToConnect().reason, "");
-  EXPECT_TRUE(server.AwaitOutput("unsupported protocol"));
+  EXPECT_TRUE(server->AwaitOutput("unsupported protocol"));
 }
 
 TEST_F(MqttSecurity, TalksByTheNewestTls) {
