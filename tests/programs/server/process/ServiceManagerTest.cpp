@@ -80,7 +80,8 @@ class Activated : public DaemonProcess {
     for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
       if (getenv(variable)) all.push_back("--setenv=" + std::string(variable));
     }
-    all.insert(all.end(), {ServerProgram(), "--config", "/dev/null"});
+    all.insert(all.end(),
+               {ServerProgram(), "--config", "/dev/null", "--stop-timeout", std::to_string(kPatience.count() / 2)});
     all.insert(all.end(), more.begin(), more.end());
     return all;
   }

@@ -25,7 +25,8 @@ class Trials : public testing::Test {
   Trials() { Start(); }
 
   void Start(std::vector<std::string> options = {}) {
-    options.insert(options.end(), {"--listen", _address, "--listen", "127.0.0.1:0", "--user-settings", _file});
+    options.insert(options.end(), {"--listen", _address, "--listen", "127.0.0.1:0", "--user-settings", _file,
+                                   "--stop-timeout", std::to_string(kPatience.count() / 2)});
     _daemon = std::make_unique<DaemonProcess>(ServerProgram(), _directory.GetPath(), options);
     _addresses = _daemon->AwaitAddresses(2);
   }
