@@ -36,7 +36,7 @@ class UserSettings : public testing::Test {
 TEST_F(UserSettings, SurviveAnyEndOfTheDaemon) {
   for (const int signal : {SIGTERM, SIGINT, SIGKILL}) {
     const std::string value = std::to_string(signal);
-    Session("merge\n[A]\nx=" + value + "\n[New]\nk=" + value + "\n.\nget\n.\n", signal);
+    Session("merge\n[A]\nx=" + value + "\n[New]\nk=" + value + "\n.\nget\nNew\n.\n", signal);
     EXPECT_EQ(Session("get\nA\nNew\n.\n"), "[A]\nx=" + value + "\ny=2\n[New]\nk=" + value + "\n");
   }
 }
