@@ -48,7 +48,7 @@ size_t ReadChanges(ProtocolClient& client) {
 TEST_P(LoadOnTheSameLoop, LeavesTheOthersManyAnswersForEachOfItsOwn) {
   constexpr size_t kRequests = 5;
   constexpr size_t kAnswersForEach = 10;
-  constexpr size_t kMaxRounds = 20;
+  constexpr size_t kMaxRounds = 100;
   LoadedDaemon daemon(Size(), GetParam(), {"--loops", "1"});
   OtherClients others(daemon.GetPort(), std::chrono::milliseconds(0));
   ASSERT_TRUE(Eventually([&] { return others.CountAnswered() > 0; }));
