@@ -135,7 +135,7 @@ TEST(TavixSettingsClientImplMultiThreaded, EndsWhileItPausesBetweenTwoAttempts) 
 TEST(TavixSettingsClientImplMultiThreaded, EndsWhileItPausesAfterFailedAttempts) {
   const ScriptedServer server(ListeningSocket::kNotListening);
   Client client;
-  const auto messages = LogOf([&] { client = MakeClient(); }, 13);
+  const auto messages = LogOf([&] { client = MakeClient(); }, 14);
   EXPECT_THAT(messages, testing::Contains("WARNING TavixSettings: Attempting to reconnect in 1 second"));
   ExpectQuickEnd(client);
 }
