@@ -154,6 +154,7 @@ TEST_F(ProtocolClientFailure, AServerThatHasEndedIsNoticedBeforeAnythingIsSent) 
   Client client(Patient());
   ServerEnd peer = _server.Accept();
   peer.HalfClose();
+  ASSERT_TRUE(AwaitEnd(client));
   const Exception exception = Catch([&] { client.Merge(DocumentOf("[a]\nk=1\n")); });
   EXPECT_EQ(exception.GetReason(), Reason::kLost);
   EXPECT_FALSE(exception.WasSent());
@@ -165,6 +166,7 @@ TEST_F(ProtocolClientFailure, AServerThatHasEndedBehindANoticeIsNoticedToo) {
   ServerEnd peer = _server.Accept();
   peer.Send("async change\na\n.\n.\nasync ch");
   peer.HalfClose();
+  ASSERT_TRUE(AwaitEnd(client));
   EXPECT_FALSE(Catch([&] { client.Merge(DocumentOf("[a]\nk=1\n")); }).WasSent());
   EXPECT_EQ(peer.ReadToEnd(), "");
 }

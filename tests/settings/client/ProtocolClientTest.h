@@ -74,6 +74,12 @@ class ProtocolClientTest : public testing::Test {
     return poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) > 0;
   }
 
+  // Waits until the client knows that nothing more will come.
+  static bool AwaitEnd(const Client& client) {
+    pollfd wait{client.GetDescriptor(), POLLRDHUP, 0};
+    return poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) > 0;
+  }
+
   static Reason ReasonOf(const std::function<void()>& call) { return Catch(call).GetReason(); }
 
   ScriptedServer _server;
