@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include "tests/support/Environment.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/NoMoreDescriptors.h"
+#include "tests/support/OwnSockets.h"
 #include "tests/support/ScriptedServer.h"
 
 // The real daemon, through the C interface.
@@ -51,6 +53,12 @@ std::string Amend(const ClientHandle& client, const std::vector<std::string>& pa
 
 std::string Restore(const ClientHandle& client, const char* name) {
   return CodeOf(tavix_restore_z(client.get(), &name, 1, nullptr));
+}
+
+// Waits until the one client of that server has something to receive, the end of its connection included.
+void AwaitReadable(const ScriptedServer& server) {
+  pollfd wait{FindConnectionsTo(server.GetPort()).at(0), POLLIN, 0};
+  EXPECT_EQ(poll(&wait, 1, kPatient), 1);
 }
 
 }  // namespace
@@ -164,6 +172,7 @@ TEST(ClientHandle, WaitsForLaterWritesBeforeItReportsALoss) {
     EXPECT_EQ(Merge(client, "[A]\nx=1\n"), "OK");
     first.ReadThrough();
   }
+  AwaitReadable(server);
   EXPECT_EQ(Merge(client, "[A]\nx=2\n"), "OK") << "on a new connection";
   ServerEnd second = server.Accept();
   second.ReadThrough();
@@ -279,6 +288,7 @@ TEST(ClientHandle, ReportsNoLossOfAWriteOfWhichNothingWasSent) {
   const ClientHandle client = Open("");
   ServerEnd peer = server.Accept();
   peer.Send("nothing that was asked for\n");
+  AwaitReadable(server);
   EXPECT_EQ(Merge(client, "[A]\nx=1\n"), "PARSE");
   EXPECT_EQ(peer.ReadToEnd(), "");
   EXPECT_EQ(Flush(client), "OK");
