@@ -234,7 +234,8 @@ TEST_F(ProtocolClientNotices, ACallEndsInsideOfANotice) {
 }
 
 TEST_F(ProtocolClientNotices, SilenceInsideOfOneIsFoundByCallsThatDoNotWait) {
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   ServerEnd peer = _server.Accept();
   peer.Send("async change\na\n");
   EXPECT_TRUE(Eventually([&] {
@@ -248,7 +249,8 @@ TEST_F(ProtocolClientNotices, SilenceInsideOfOneIsFoundByCallsThatDoNotWait) {
 }
 
 TEST_F(ProtocolClientNotices, SilenceBetweenThemIsNone) {
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   ServerEnd peer = _server.Accept();
   peer.Send(NoticeOf("a", "1"));
   EXPECT_TRUE(client.AwaitNotice(kPatience));

@@ -6,7 +6,8 @@ namespace tavix::test {
 
 TEST_F(ProtocolClientFailure, SilenceEndsACall) {
   Answer({""});
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   const Exception exception = Catch([&] { client.Get({"a"}); });
   EXPECT_EQ(exception.GetReason(), Reason::kTimedOut);
   EXPECT_EQ(exception.what(), "no answer from " + GetAddress() + " within 0.05 s");
@@ -15,12 +16,14 @@ TEST_F(ProtocolClientFailure, SilenceEndsACall) {
 
 TEST_F(ProtocolClientFailure, SilenceInsideOfAReplyEndsACall) {
   Answer({"data\n[a]\n"});
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   EXPECT_EQ(ReasonOf([&] { client.Get({"a"}); }), Reason::kTimedOut);
 }
 
 TEST_F(ProtocolClientFailure, SilenceInsideOfANoticeEndsAWaitWithoutLimit) {
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   ServerEnd peer = _server.Accept();
   peer.Send("async ch");
   EXPECT_EQ(ReasonOf([&] { client.AwaitNotice(std::nullopt); }), Reason::kTimedOut);
@@ -45,7 +48,8 @@ TEST_F(ProtocolClientFailure, AServerThatSendsForEverDoesNotOutlastACall) {
 }
 
 TEST_F(ProtocolClientFailure, APeerThatNeverReadsEndsACall) {
-  Client client(Impatient());
+  Client client(Patient());
+  client.SetTimeouts(Impatient());
   const ServerEnd peer = _server.Accept();
   core::IniFile settings;
   for (int i = 0; i < 8; ++i) settings.SetValue("a", std::to_string(i), std::string(8 * 1024 * 1024, 'x'));

@@ -31,11 +31,8 @@ class ProtocolClientTest : public testing::Test {
     return options;
   }
 
-  static Client::Options Impatient() {
-    Client::Options options;
-    options.timeouts.silence = kShort;
-    return options;
-  }
+  // For a client that is connected: a machine may stand still while it connects.
+  static Client::Timeouts Impatient() { return {kShort, std::nullopt}; }
 
   // Answers the first connection.
   void Serve(std::function<void(ServerEnd&)> script) {
