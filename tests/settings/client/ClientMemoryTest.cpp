@@ -51,7 +51,8 @@ TEST(ClientMemory, ThatRunsOutLeavesItUnknownWhetherChangesAreKept) {
     last = AskWithout(allocation);
     EXPECT_NE(last, Keeping::kNotKept) << allocation;
   }
-  EXPECT_EQ(last, Keeping::kKept);
+  // The question has a limit, and a machine may stand still for longer.
+  EXPECT_TRUE(last == Keeping::kKept || Eventually([] { return AskServerForKeeping() == Keeping::kKept; }));
 }
 
 // The log may lose the line that the allocation was for, and then shows the two beside it as one.
