@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,7 +13,6 @@
 #include "tests/support/Environment.h"
 #include "tests/support/ListeningSocket.h"
 #include "tests/support/NoMoreDescriptors.h"
-#include "tests/support/OwnSockets.h"
 #include "tests/support/ScriptedServer.h"
 
 // The real daemon, through the C interface.
@@ -53,12 +51,6 @@ std::string Amend(const ClientHandle& client, const std::vector<std::string>& pa
 
 std::string Restore(const ClientHandle& client, const char* name) {
   return CodeOf(tavix_restore_z(client.get(), &name, 1, nullptr));
-}
-
-// Waits until the one client of that server has something to receive, the end of its connection included.
-void AwaitReadable(const ScriptedServer& server) {
-  pollfd wait{FindConnectionsTo(server.GetPort()).at(0), POLLIN, 0};
-  EXPECT_EQ(poll(&wait, 1, kPatient), 1);
 }
 
 }  // namespace

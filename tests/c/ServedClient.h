@@ -1,6 +1,10 @@
 #pragma once
 
+#include <poll.h>
+
+#include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -9,13 +13,21 @@
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/DaemonProcess.h"
 #include "tests/support/OwnLoopbackAddress.h"
+#include "tests/support/OwnSockets.h"
 #include "tests/support/Patience.h"
+#include "tests/support/ScriptedServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
 
 // As long as tests wait, in milliseconds.
 constexpr int32_t kPatient = static_cast<int32_t>(std::chrono::milliseconds(kPatience).count());
+
+// Waits until the one client of that server has something to receive, the end of its connection included.
+inline void AwaitReadable(const ScriptedServer& server) {
+  pollfd wait{FindConnectionsTo(server.GetPort()).at(0), POLLIN, 0};
+  EXPECT_EQ(poll(&wait, 1, kPatient), 1);
+}
 
 // A daemon that can be ended and replaced by another one at the same address.
 class ReplacedDaemon {
