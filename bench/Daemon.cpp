@@ -27,7 +27,7 @@ namespace {
 // The bounds are those of a large machine, whatever this one is.
 std::vector<std::string> CommandFor(const std::string& server, const std::vector<std::string>& options) {
   std::vector<std::string> command{server,           "--listen",  "127.0.0.1:0", "--all-backlogs", "536870912",
-                                   "--all-requests", "268435456", "--max-store", "268435456"};
+                                   "--all-requests", "268435456", "--max-store", "1073741824"};
   command.insert(command.end(), options.begin(), options.end());
   return command;
 }

@@ -26,9 +26,10 @@ class LoadedDaemon {
  private:
   std::vector<std::string> Complete(const LoadSize& size, const Load& load, std::vector<std::string> options) const {
     options.insert(options.end(), {"--defaults", _directory.Write("defaults.ini", LoadedStoreText(size.storeGroups))});
+    // User settings that hide as many defaults are in memory three times.
     if (load.isSaved)
-      options.insert(options.end(),
-                     {"--user-settings", _directory.Write("user.ini", LoadedStoreText(load.userGroups))});
+      options.insert(options.end(), {"--user-settings", _directory.Write("user.ini", LoadedStoreText(load.userGroups)),
+                                     "--max-store", std::to_string(size_t{1} << 30)});
     return options;
   }
 
