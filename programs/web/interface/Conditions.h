@@ -7,10 +7,6 @@
 
 namespace tavix::web {
 
-// Whether a list of entity tags (RFC 9110, section 8.8.3), or "*", names a version. A weak one does only where
-// it is to be compared so: for what is read, never for what is written.
-bool NamesVersion(const std::string& tags, const std::string& version, bool comparesWeakly = false);
-
 // What If-Match and If-None-Match ask of a group before it is written. A plain value.
 struct Conditions {
   // Throws Refusal, 400, when both stand there, or If-None-Match is not "*".

@@ -8,7 +8,7 @@
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
-#include "programs/web/interface/Conditions.h"
+#include "programs/web/http/EntityTags.h"
 #include "programs/web/interface/Origins.h"
 #include "tavix/core/MemoryStream.h"
 

@@ -12,7 +12,10 @@ using Place = Route::Place;
 
 namespace {
 
-constexpr char kInterface[] = "/api/v1";
+constexpr char kInterface[] = "api/v1/";
+constexpr char kDescription[] = "api/v1/openapi.json";
+constexpr char kIndex[] = "index.html";
+constexpr char kHealth[] = "healthz";
 
 // Of requests that anybody may send, and of those that need none.
 constexpr size_t kMaxSmallBody = 4096;
@@ -21,19 +24,41 @@ bool BeginsWith(const std::string& text, const std::string& begin) {
   return text.compare(0, begin.size(), begin) == 0;
 }
 
+Refusal NothingAt(const Request& head) {
+  return {404, "there is nothing at '" + head.path + "'"};
+}
+
+void RequireRead(const Request& head) {
+  if (head.IsWrite()) throw Refusal(405, "'" + head.path + "' takes no " + head.method, {}, {{"Allow", "GET, HEAD"}});
+}
+
 }  // namespace
 
 Gate::Entry Gate::Admit(const Peer& peer, const Request& head, bool hasBody) {
   _access.RequireAllowed(peer);
   Origin origin = _guard.FindOrigin(head, peer, false);
   _guard.RequireKnownHost(origin);
-  const bool isBelow = BeginsWith(head.path, _options.basePath + "/");
-  const std::string path = isBelow ? head.path.substr(_options.basePath.size()) : head.path;
-  if (isBelow && BeginsWith(path, std::string(kInterface) + "/"))
-    return AdmitToInterface(peer, head, path.substr(sizeof kInterface - 1), std::move(origin), hasBody);
-  if (!isBelow || path != "/healthz") throw Refusal(404, "there is nothing at '" + head.path + "'");
-  if (head.IsWrite()) throw Refusal(405, "'/healthz' takes no " + head.method, {}, {{"Allow", "GET, HEAD"}});
-  return {nullptr, std::move(origin), kMaxSmallBody};
+  const std::string root = _options.basePath + "/";
+  if (!BeginsWith(head.path, root)) RefuseOutside(head);
+  const std::string path = head.path.substr(root.size());
+  if (BeginsWith(path, kInterface))
+    return AdmitToInterface(peer, head, path.substr(sizeof kInterface - 2), std::move(origin), hasBody);
+  return AdmitToFile(head, path, std::move(origin));
+}
+
+// A path without the slash at its end would have the page look for its parts in the wrong place.
+void Gate::RefuseOutside(const Request& head) const {
+  if (head.path != _options.basePath) throw NothingAt(head);
+  RequireRead(head);
+  throw Refusal(302, "the page is below this path", {}, {{"Location", _options.basePath + "/"}});
+}
+
+// The page asks for a login itself: anybody who may connect gets it.
+Gate::Entry Gate::AdmitToFile(const Request& head, const std::string& path, Origin origin) {
+  const EmbeddedFile* const file = FindEmbeddedFile(path.empty() ? kIndex : path);
+  if (!file && path != kHealth) throw NothingAt(head);
+  RequireRead(head);
+  return {nullptr, file, std::move(origin), kMaxSmallBody};
 }
 
 Gate::Entry Gate::AdmitToInterface(const Peer& peer, const Request& head, const std::string& path, Origin origin,
@@ -51,7 +76,8 @@ Gate::Entry Gate::AdmitToInterface(const Peer& peer, const Request& head, const 
   Query(head.query).RequireOnly(route.parameters);
   const bool hasSmallBody = isOpen || !head.IsWrite();
   const size_t maxBodyBytes = hasSmallBody ? std::min(kMaxSmallBody, _options.maxBodyBytes) : _options.maxBodyBytes;
-  return {&route, std::move(origin), maxBodyBytes};
+  const EmbeddedFile* const file = route.place == Place::kDescription ? FindEmbeddedFile(kDescription) : nullptr;
+  return {&route, file, std::move(origin), maxBodyBytes};
 }
 
 }  // namespace tavix::web

@@ -2,6 +2,7 @@
 
 #include "programs/web/access/Access.h"
 #include "programs/web/access/Guard.h"
+#include "programs/web/http/EmbeddedFile.h"
 #include "programs/web/interface/Router.h"
 #include "programs/web/options/Options.h"
 
@@ -15,7 +16,8 @@ class Gate {
  public:
   // What a request that gets in is about.
   struct Entry {
-    const Route* route;  // null: whether the program lives
+    const Route* route;        // of the interface; else null
+    const EmbeddedFile* file;  // what is served as it is; with neither: whether the program lives
     Origin origin;
     size_t maxBodyBytes;
   };
@@ -29,6 +31,8 @@ class Gate {
   bool IsTrustedProxy(const Peer& peer) const { return _guard.IsTrustedProxy(peer); }
 
  private:
+  [[noreturn]] void RefuseOutside(const Request& head) const;
+  static Entry AdmitToFile(const Request& head, const std::string& path, Origin origin);
   Entry AdmitToInterface(const Peer& peer, const Request& head, const std::string& path, Origin origin, bool hasBody);
 
   const Options& _options;

@@ -6,8 +6,8 @@
 
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
+#include "programs/web/http/EmbeddedFile.h"
 #include "programs/web/http/Refusal.h"
-#include "programs/web/interface/Description.h"
 #include "programs/web/interface/JsonBody.h"
 
 namespace tavix::web {
@@ -125,6 +125,7 @@ void Server::OnRequest(Connection& connection, Request& request) {
 // Looked at again when the body has come: a login may have ended meanwhile.
 void Server::Handle(Connection& connection, Request& request) {
   const Gate::Entry entry = _gate.Admit(connection.GetPeer(), request, !request.body.empty());
+  if (entry.file) return connection.Send(AnswerByFile(*entry.file, request));
   if (!entry.route) return connection.Send(Healthy());
   HandleRoute(connection, request, entry);
 }
@@ -134,8 +135,6 @@ void Server::HandleRoute(Connection& connection, Request& request, const Gate::E
   const Route& route = *entry.route;
   if (route.place == Place::kLogin) return LogIn(connection, request, entry.origin);
   if (route.place == Place::kLogout) return connection.Send(LogOut(request, entry.origin));
-  if (route.place == Place::kDescription)
-    return connection.Send({200, {{"Content-Type", "application/json"}}, GetDescription()});
   if (route.place == Place::kChanges) {
     if (request.method == "HEAD") throw Refusal(405, "a stream has no HEAD", {}, {{"Allow", "GET"}});
     return _streams.Open(connection, request, [this, login = _access.FindLogin(request, connection.GetPeer())] {

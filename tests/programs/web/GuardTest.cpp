@@ -27,7 +27,7 @@ TEST(WebGuard, AnswersWithoutADaemonWhetherItLives) {
   EXPECT_EQ(reply.status, 200);
   EXPECT_EQ(reply.body, "{\"status\":\"ok\"}\n");
   EXPECT_EQ(web.Connect().Ask("HEAD", "/healthz").status, 200);
-  EXPECT_EQ(web.Connect().Ask("GET", "/").status, 404);
+  EXPECT_EQ(web.Connect().Ask("GET", "/nothing").status, 404);
 }
 
 TEST(WebGuard, SendsWhatKeepsPagesApart) {
