@@ -1,6 +1,5 @@
 #include "programs/cli/commands/HistoryWords.h"
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "programs/cli/text/Words.h"
@@ -25,17 +24,6 @@ std::string ParseHistoryPattern(const std::string& word) {
                       "blank or has several lines",
                   "a pattern with a '*' in place of that can");
   return pattern;
-}
-
-void RequireKeptName(const std::string& name, const std::string& what) {
-  constexpr size_t kMaxBytes = 64;
-  const bool hasCharacters = std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
-           c == '-';
-  });
-  const bool isName = hasCharacters && !name.empty() && name.size() <= kMaxBytes && name != "." && name != "..";
-  if (!isName)
-    throw Failure(kExitUsage, "'" + SpellValue(name) + "' is no name of a " + what + ": 1 to 64 of A-Z a-z 0-9 . _ -");
 }
 
 uint64_t FindOldestRevision(Session& session) {

@@ -15,9 +15,6 @@ std::string ParseHistoryPattern(const std::string& word);
 // Whether a request can be about that group alone.
 bool IsHistoryPattern(const std::string& group);
 
-// Throws Failure, kExitUsage, for what can't be the name of a trial or a checkpoint. what: "trial".
-void RequireKeptName(const std::string& name, const std::string& what);
-
 // The revision after which the user settings are still known: changes above it are all in the history.
 uint64_t FindOldestRevision(Session& session);
 

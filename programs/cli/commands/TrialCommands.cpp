@@ -5,7 +5,6 @@
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/commands/Commands.h"
 #include "programs/cli/commands/Features.h"
-#include "programs/cli/commands/HistoryWords.h"
 #include "programs/cli/commands/TrialRequests.h"
 #include "programs/cli/terminal/Documents.h"
 #include "programs/cli/terminal/PrintedRevisions.h"

@@ -106,6 +106,17 @@ TrialState TrialState::From(const std::string& name, const RecordedKeys& keys) {
   return trial;
 }
 
+void RequireKeptName(const std::string& name, const std::string& what) {
+  constexpr size_t kMaxBytes = 64;
+  const bool hasCharacters = std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+           c == '-';
+  });
+  const bool isName = hasCharacters && !name.empty() && name.size() <= kMaxBytes && name != "." && name != "..";
+  if (!isName)
+    throw Failure(kExitUsage, "'" + SpellValue(name) + "' is no name of a " + what + ": 1 to 64 of A-Z a-z 0-9 . _ -");
+}
+
 IniFile AskOrFail(Session& session, const std::string& line, Session::Effect effect, const std::string& what) {
   Session::Answer answer;
   try {

@@ -90,6 +90,9 @@ class HistoryReader {
   bool _hasEnded = false;
 };
 
+// Throws Failure, kExitUsage, for what can't be the name of a trial or a checkpoint. what: "trial".
+void RequireKeptName(const std::string& name, const std::string& what);
+
 // Asks, and throws Failure, kExitNotApplied, with "what" in front of the reason, when the server refuses or does not
 // know the request. what: may be empty.
 core::IniFile AskOrFail(Session& session, const std::string& line, Session::Effect effect,

@@ -21,13 +21,35 @@ constexpr size_t kMaxCount = 256;
 constexpr size_t kUsualCount = 50;
 constexpr char kScanned[] = "scanned";
 
-json IdToJson(const std::string& id) {
-  char* end = nullptr;
-  const unsigned long long number = std::strtoull(id.c_str(), &end, 10);
-  return *end == '\0' ? json(number) : programs::ValueToJson(id);
+json RevisionToJson(const View& view, const Revision& revision) {
+  json object = {{"revision", revision.number},
+                 {"time", FormatTime(revision.time)},
+                 {"by", AuthorToJson(revision.author)},
+                 {"command", programs::ValueToJson(revision.command)},
+                 {"changes", ChangesToJson(view, revision.settings)}};
+  if (!revision.note.empty()) object["note"] = programs::ValueToJson(revision.note);
+  if (!revision.trial.empty()) object["trial"] = programs::ValueToJson(revision.trial);
+  if (!revision.omitted.empty()) object["omitted_bytes"] = NumberToJson(revision.omitted);
+  return object;
 }
 
-// As in RFC 3339, in UTC.
+std::string FindLine(const Query& query) {
+  constexpr size_t kMaxRevision = std::numeric_limits<size_t>::max();
+  const bool hasBefore = query.Find("before").has_value();
+  const size_t before = query.FindNumber("before", 0, kMaxRevision, 0);
+  const size_t count = query.FindNumber("count", 1, kMaxCount, kUsualCount);
+  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) +
+         ToHistoryPattern(query.FindName("pattern").value_or("*"));
+}
+
+}  // namespace
+
+json NumberToJson(const std::string& text) {
+  char* end = nullptr;
+  const unsigned long long number = std::strtoull(text.c_str(), &end, 10);
+  return !text.empty() && *end == '\0' ? json(number) : programs::ValueToJson(text);
+}
+
 std::string FormatTime(std::chrono::system_clock::time_point time) {
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;
@@ -42,21 +64,8 @@ std::string FormatTime(std::chrono::system_clock::time_point time) {
   return text + ("." + fraction.substr(1)) + "Z";
 }
 
-json RevisionToJson(const View& view, const Revision& revision) {
-  json object = {{"revision", revision.number},
-                 {"time", FormatTime(revision.time)},
-                 {"by", AuthorToJson(revision.author)},
-                 {"command", programs::ValueToJson(revision.command)},
-                 {"changes", ChangesToJson(view, revision.settings)}};
-  if (!revision.note.empty()) object["note"] = programs::ValueToJson(revision.note);
-  if (!revision.trial.empty()) object["trial"] = programs::ValueToJson(revision.trial);
-  if (!revision.omitted.empty()) object["omitted_bytes"] = IdToJson(revision.omitted);
-  return object;
-}
-
-// The request's line ends with the pattern, without the blanks around it.
-std::string FindPattern(const Query& query) {
-  const std::string pattern = query.FindName("pattern").value_or("*");
+// The line ends with the pattern, without the blanks around it.
+std::string ToHistoryPattern(const std::string& pattern) {
   RequireSendable(pattern);
   constexpr char kBlanks[] = " \t\r";
   const bool hasBlanks = pattern.find_first_not_of(kBlanks) != 0 || pattern.find_last_of(kBlanks) == pattern.size() - 1;
@@ -64,21 +73,11 @@ std::string FindPattern(const Query& query) {
   return pattern == "*" ? std::string() : " " + pattern;
 }
 
-std::string FindLine(const Query& query) {
-  constexpr size_t kMaxRevision = std::numeric_limits<size_t>::max();
-  const bool hasBefore = query.Find("before").has_value();
-  const size_t before = query.FindNumber("before", 0, kMaxRevision, 0);
-  const size_t count = query.FindNumber("count", 1, kMaxCount, kUsualCount);
-  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) + FindPattern(query);
-}
-
-}  // namespace
-
 json AuthorToJson(const programs::Author& author) {
   json object = {{"connection", programs::ValueToJson(author.connection)}};
-  if (!author.user.empty()) object["user"] = IdToJson(author.user);
-  if (!author.group.empty()) object["group"] = IdToJson(author.group);
-  if (!author.process.empty()) object["process"] = IdToJson(author.process);
+  if (!author.user.empty()) object["user"] = NumberToJson(author.user);
+  if (!author.group.empty()) object["group"] = NumberToJson(author.group);
+  if (!author.process.empty()) object["process"] = NumberToJson(author.process);
   return object;
 }
 
@@ -105,7 +104,7 @@ Response ShowHistory(Call& call) {
   for (const Revision& revision : revisions) document["revisions"].push_back(RevisionToJson(call.view, revision));
   const bool hasMore = answer.data.HasValue(kScanned, "more") && answer.data.GetValue(kScanned, "more") == "true";
   if (hasMore && answer.data.HasValue(kScanned, "next"))
-    document["next"] = IdToJson(answer.data.GetValue(kScanned, "next"));
+    document["next"] = NumberToJson(answer.data.GetValue(kScanned, "next"));
   return JsonResponse(document);
 }
 

@@ -5,6 +5,7 @@
 #include "programs/web/interface/Reads.h"
 #include "programs/web/interface/Recorded.h"
 #include "programs/web/interface/Reports.h"
+#include "programs/web/interface/Rollback.h"
 #include "programs/web/interface/Trials.h"
 #include "programs/web/interface/Writes.h"
 
@@ -48,6 +49,10 @@ const std::vector<Route>& GetRoutes() {
       {"GET", "/search", kWorker, Right::kRead, Search, "q in ignoreCase after afterKey"},
       {"GET", "/changes", Place::kChanges, Right::kRead, nullptr, "pattern* since wait"},
       {"GET", "/history", kWorker, Right::kRead, ShowHistory, "before count pattern"},
+      {"POST", "/rollback", kWorker, Right::kWrite, Rollback, ""},
+      {"GET", "/checkpoints", kWorker, Right::kRead, ListCheckpoints, ""},
+      {"POST", "/checkpoints", kWorker, Right::kWrite, MakeCheckpoint, ""},
+      {"DELETE", "/checkpoints", kWorker, Right::kWrite, ForgetCheckpoint, "name"},
       {"GET", "/pending", kWorker, Right::kRead, ShowPending, ""},
       {"DELETE", "/pending", kWorker, Right::kWrite, RevertPending, "name"},
       {"POST", "/pending/confirm", kWorker, Right::kWrite, ConfirmPending, ""},

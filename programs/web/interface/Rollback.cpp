@@ -1,0 +1,143 @@
+#include "programs/web/interface/Rollback.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "programs/common/client/Json.h"
+#include "programs/common/client/Revisions.h"
+#include "programs/common/client/Spelling.h"
+#include "programs/web/interface/JsonBody.h"
+#include "programs/web/interface/Recorded.h"
+#include "programs/web/interface/Trials.h"
+
+namespace tavix::web {
+
+using core::IniFile;
+using nlohmann::json;
+using programs::Revision;
+
+namespace {
+
+constexpr char kFeature[] = "rollback";
+constexpr char kCheckpoint[] = "checkpoint";
+constexpr const char* kMissing[] = {"no checkpoint is named", "is not kept"};  // in the daemon's reasons
+
+// What is to be brought back, and how. A plain value.
+struct Wanted {
+  std::string goal;     // a revision, or '@' and the name of a checkpoint
+  std::string pattern;  // as a request has it
+  bool isDryRun = false;
+  std::optional<Trial> trial;
+};
+
+// A revision may be a number of JSON or its text.
+std::string ReadGoal(const JsonValue& body) {
+  constexpr size_t kMaxDigits = 20;
+  const JsonValue* const to = body.Find("to");
+  if (!to || (to->kind != JsonValue::Kind::kText && to->kind != JsonValue::Kind::kNumber))
+    throw Refusal(400, "'to' is neither a revision nor '@' with the name of a checkpoint");
+  const std::string& goal = to->text;
+  if (goal.compare(0, 1, "@") == 0) {
+    programs::RequireKeptName(goal.substr(1), kCheckpoint);
+    return goal;
+  }
+  const bool isRevision =
+      !goal.empty() && goal.size() <= kMaxDigits && goal.find_first_not_of("0123456789") == std::string::npos;
+  if (!isRevision) throw Refusal(422, "'" + programs::SpellValue(goal) + "' is no revision");
+  return goal;
+}
+
+Wanted ReadWanted(const Call& call) {
+  const JsonValue body = ParseJsonObject(call.request.body, {"to", "pattern", "dryRun", "confirm"});
+  Wanted wanted;
+  wanted.goal = ReadGoal(body);
+  wanted.isDryRun = ReadFlag(body, "dryRun");
+  if (const JsonValue* const pattern = body.Find("pattern")) {
+    const auto name = pattern->kind == JsonValue::Kind::kText ? programs::NameFromJson(pattern->text) : std::nullopt;
+    if (!name) throw Refusal(400, "'pattern' is no name and no pattern");
+    if (name->find('*') == std::string::npos) RequireUnrestricted(call, *name);
+    wanted.pattern = ToHistoryPattern(*name);
+  }
+  wanted.trial = Trial::Read(body);
+  return wanted;
+}
+
+// 404: what is named is not kept, or is not any more.
+[[noreturn]] void FailRefused(const std::string& reason) {
+  const bool isMissing = std::any_of(std::begin(kMissing), std::end(kMissing),
+                                     [&](const char* text) { return reason.find(text) != std::string::npos; });
+  throw Refusal(isMissing ? 404 : 409, programs::SpellValue(reason), {{"outcome", Quoted("nothing written")}});
+}
+
+// Of a daemon's answer: by groups, whose names are what is shown.
+IniFile AskOrFail(settings::client::ProtocolClient& client, const std::string& line) {
+  auto answer = client.Ask(line);
+  if (answer.isRefused) FailRefused(answer.reason);
+  return std::move(answer.data);
+}
+
+// The changes of a rollback; none when there is no difference.
+json ChangesOf(const Call& call, const IniFile& data) {
+  if (data.IsEmpty()) return json::array();
+  return ChangesToJson(call.view, programs::ReadRecordedChanges(data.begin()->second));
+}
+
+json CheckpointToJson(const std::string& name, IniFile::KeyMap keys) {
+  const Revision revision = Revision::From(keys["revision"], keys);
+  json object = {{"name", programs::NameToJson(name)}, {"bytes", NumberToJson(keys["bytes"])}};
+  if (!keys["damaged"].empty()) {
+    object["damaged"] = programs::ValueToJson(keys["damaged"]);
+  } else {
+    object["revision"] = revision.number;
+    object["time"] = FormatTime(revision.time);
+  }
+  return object;
+}
+
+}  // namespace
+
+// What others changed since goes back, too: a dry run shows all of it.
+Response Rollback(Call& call) {
+  const Wanted wanted = ReadWanted(call);
+  call.link.RequireFeature(kFeature);
+  const std::string line = "rollback " + wanted.goal + wanted.pattern;
+  if (wanted.isDryRun) {
+    const IniFile data = AskOrFail(call.link.Get(), "test-" + line);
+    return JsonResponse({{"dryRun", true}, {"changes", ChangesOf(call, data)}});
+  }
+  if (wanted.trial) wanted.trial->Arm(call);
+  const IniFile data = AskOrFail(call.link.GetForWrite(), line);
+  json answer = {{"revision", nullptr}, {"changes", ChangesOf(call, data)}};
+  if (!data.IsEmpty()) answer["revision"] = NumberToJson(data.begin()->first);
+  if (wanted.trial) answer["pending"] = wanted.trial->Describe(call);
+  return JsonResponse(answer);
+}
+
+Response ListCheckpoints(Call& call) {
+  call.link.RequireFeature(kCheckpoint);
+  json list = json::array();
+  for (const auto& [name, keys] : AskOrFail(call.link.Get(), kCheckpoint)) list.push_back(CheckpointToJson(name, keys));
+  return JsonResponse({{"checkpoints", list}});
+}
+
+Response MakeCheckpoint(Call& call) {
+  const JsonValue body = ParseJsonObject(call.request.body, {"name"});
+  const JsonValue* const name = body.Find("name");
+  if (!name || name->kind != JsonValue::Kind::kText) throw Refusal(400, "'name' is no string");
+  programs::RequireKeptName(name->text, kCheckpoint);
+  call.link.RequireFeature(kCheckpoint);
+  const IniFile made = AskOrFail(call.link.GetForWrite(), std::string(kCheckpoint) + " " + name->text);
+  if (!made.HasGroup(name->text)) throw Refusal(502, "the daemon does not answer for '" + name->text + "'");
+  return JsonResponse(CheckpointToJson(name->text, made[name->text]));
+}
+
+Response ForgetCheckpoint(Call& call) {
+  const std::string name = call.query.RequireName("name");
+  programs::RequireKeptName(name, kCheckpoint);
+  call.link.RequireFeature(kCheckpoint);
+  AskOrFail(call.link.GetForWrite(), "forget " + name);
+  return {204, {}, ""};
+}
+
+}  // namespace tavix::web
