@@ -20,6 +20,7 @@ using programs::Revision;
 namespace {
 
 constexpr char kFeature[] = "rollback";
+constexpr char kHistory[] = "history";  // the feature that checkpoints belong to
 constexpr char kCheckpoint[] = "checkpoint";
 constexpr const char* kMissing[] = {"no checkpoint is named", "is not kept"};  // in the daemon's reasons
 
@@ -115,7 +116,7 @@ Response Rollback(Call& call) {
 }
 
 Response ListCheckpoints(Call& call) {
-  call.link.RequireFeature(kCheckpoint);
+  call.link.RequireFeature(kHistory);
   json list = json::array();
   for (const auto& [name, keys] : AskOrFail(call.link.Get(), kCheckpoint)) list.push_back(CheckpointToJson(name, keys));
   return JsonResponse({{"checkpoints", list}});
@@ -126,7 +127,7 @@ Response MakeCheckpoint(Call& call) {
   const JsonValue* const name = body.Find("name");
   if (!name || name->kind != JsonValue::Kind::kText) throw Refusal(400, "'name' is no string");
   programs::RequireKeptName(name->text, kCheckpoint);
-  call.link.RequireFeature(kCheckpoint);
+  call.link.RequireFeature(kHistory);
   const IniFile made = AskOrFail(call.link.GetForWrite(), std::string(kCheckpoint) + " " + name->text);
   if (!made.HasGroup(name->text)) throw Refusal(502, "the daemon does not answer for '" + name->text + "'");
   return JsonResponse(CheckpointToJson(name->text, made[name->text]));
@@ -135,7 +136,7 @@ Response MakeCheckpoint(Call& call) {
 Response ForgetCheckpoint(Call& call) {
   const std::string name = call.query.RequireName("name");
   programs::RequireKeptName(name, kCheckpoint);
-  call.link.RequireFeature(kCheckpoint);
+  call.link.RequireFeature(kHistory);
   AskOrFail(call.link.GetForWrite(), "forget " + name);
   return {204, {}, ""};
 }
