@@ -3,6 +3,7 @@
 #include <event2/buffer.h>
 #include <sys/socket.h>
 
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -17,6 +18,7 @@ constexpr Milliseconds kHeadTime{10'000};
 constexpr Milliseconds kBodyTime{60'000};
 constexpr Milliseconds kIdleTime{60'000};
 constexpr timeval kWriteTime{60, 0};
+constexpr size_t kMinOwned = 16 * size_t{1024};
 constexpr size_t kMaxReadBytes = 16 * size_t{1024};
 
 // Of all answers: nothing of them may be shown elsewhere, or taken for something else than it is.
@@ -140,7 +142,7 @@ bool Connection::HandleRead() {
   }
 }
 
-void Connection::AcceptBody(size_t maxBytes, BodyBudget::Share share) {
+void Connection::AcceptBody(size_t maxBytes, MemoryBudget::Share share) {
   _parser->GetRequest().bodyShare = std::move(share);
   _parser->AcceptBody(maxBytes);
   if (_parser->GetState() == RequestParser::State::kRefused) return Refuse(_parser->GetStatus(), _parser->GetReason());
@@ -153,11 +155,24 @@ void Connection::Refuse(int status, const std::string& reason) {
   _isHead = false;
   Response response = _owner.OnRefused(status, reason);
   response.endsConnection = true;
-  Send(response);
+  Send(std::move(response));
 }
 
 void Connection::Write(const std::string& text) {
   bufferevent_write(_buffer.get(), text.data(), text.size());
+}
+
+// What is large is not copied; its share of the memory goes when the last of it has left, or with the connection.
+void Connection::WriteBody(Response response) {
+  if (response.body.size() < kMinOwned) return Write(response.body);
+  auto owned = std::make_unique<Response>(std::move(response));
+  const auto release = [](const void*, size_t, void* owner) {
+    const std::unique_ptr<Response> sent(static_cast<Response*>(owner));
+  };
+  const std::string& body = owned->body;
+  evbuffer* const output = bufferevent_get_output(_buffer.get());
+  if (evbuffer_add_reference(output, body.data(), body.size(), release, owned.get()) != 0) throw std::bad_alloc();
+  static_cast<void>(owned.release());
 }
 
 std::string Connection::FormatHead(int status, const Headers& headers) const {
@@ -167,7 +182,7 @@ std::string Connection::FormatHead(int status, const Headers& headers) const {
   return head + kSecurityHeaders;
 }
 
-void Connection::Send(const Response& response) {
+void Connection::Send(Response response) {
   const bool isWhole = _parser->GetState() == RequestParser::State::kComplete;
   const bool ends = response.endsConnection || _endsBehindAnswer || _hasPeerEnded || !isWhole;
   std::string text = FormatHead(response.status, response.headers);
@@ -175,7 +190,7 @@ void Connection::Send(const Response& response) {
   if (ends) text += "Connection: close\r\n";
   text += "\r\n";
   Write(text);
-  if (!_isHead && !HasNoBody(response.status)) Write(response.body);
+  if (!_isHead && !HasNoBody(response.status) && !response.body.empty()) WriteBody(std::move(response));
   _isFirst = false;
   if (!ends) {
     BeginNext();

@@ -63,10 +63,10 @@ class Connection {
   const Peer& GetPeer() const { return _peer; }
 
   // Has the body of the request taken, if it has no more bytes than that. share: is kept with the request.
-  void AcceptBody(size_t maxBytes, BodyBudget::Share share);
+  void AcceptBody(size_t maxBytes, MemoryBudget::Share share);
 
   // Answers the request. The answer to HEAD is sent without its body.
-  void Send(const Response& response);
+  void Send(Response response);
 
   // Answers by a stream, which SendPart continues until the connection ends.
   void SendStreamHead(const Headers& headers);
@@ -104,6 +104,7 @@ class Connection {
   void WatchTime();
   void TimeOut();
   void Write(const std::string& text);
+  void WriteBody(Response response);
   std::string FormatHead(int status, const Headers& headers) const;
   void BeginNext();
 

@@ -60,6 +60,8 @@ const char* ReasonOf(int status) {
       return "Gateway Timeout";
     case 505:
       return "HTTP Version Not Supported";
+    case 507:
+      return "Insufficient Storage";
     default:
       return "Error";
   }

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "programs/web/http/BodyBudget.h"
+#include "programs/web/http/MemoryBudget.h"
 
 namespace tavix::web {
 
@@ -21,7 +21,7 @@ struct Request {
   bool isHttp10 = false;
   Headers headers;
   std::string body;
-  BodyBudget::Share bodyShare;  // of the memory of all bodies; null: there is no body
+  MemoryBudget::Share bodyShare;  // of the memory of all bodies; null: there is no body
 
   // The first value of a header; null when there is none.
   const std::string* Find(std::string_view name) const {
@@ -55,6 +55,7 @@ struct Response {
   Headers headers;
   std::string body;
   bool endsConnection = false;
+  std::vector<MemoryBudget::Share> shares{};  // of the memory of all answers; none: it takes little
 };
 
 // The words that go with a status.

@@ -23,7 +23,11 @@ Response ToResponse(const Refusal& refusal) {
 }
 
 Response JsonResponse(const json& document, int status) {
-  return {status, {{"Content-Type", "application/json"}}, programs::Compact(document) + "\n"};
+  return TextResponse(programs::Compact(document), status);
+}
+
+Response TextResponse(std::string document, int status) {
+  return {status, {{"Content-Type", "application/json"}}, std::move(document += '\n')};
 }
 
 }  // namespace tavix::web

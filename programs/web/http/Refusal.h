@@ -36,7 +36,8 @@ std::string Quoted(const std::string& text);
 // The answer to a request that is refused.
 Response ToResponse(const Refusal& refusal);
 
-// An answer with a JSON document.
+// An answer with a JSON document, or with the text of one.
 Response JsonResponse(const nlohmann::json& document, int status = 200);
+Response TextResponse(std::string document, int status = 200);
 
 }  // namespace tavix::web

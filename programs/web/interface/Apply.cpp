@@ -127,7 +127,7 @@ std::set<std::string> NamesOfAll(std::initializer_list<const IniFile*> documents
 Response ShowDryRun(Call& call, const Amendment& amendment) {
   const std::set<std::string> names =
       NamesOfAll({&amendment.present, &amendment.absent, &amendment.set, &amendment.unset});
-  const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
+  const IniFile current = call.ReadGroups(names);
   if (!Holds(amendment, current)) FailCondition(call, amendment, current);
   IniFile after = current;
   after.MergeSettings(amendment.set);
@@ -146,41 +146,41 @@ Response ShowDryRun(Call& call, const Amendment& amendment) {
   return JsonResponse({{"dryRun", true}, {"changes", changes}});
 }
 
-// A value of a restricted file stands, whatever is written. Where a condition said what was there, everything else is
+// A value of a restricted file stands, whatever is written: then the user settings have what was set. All else is
 // somebody else's later change.
-void RequireApplied(const Amendment& amendment, const IniFile& current) {
+void RequireApplied(Call& call, const Amendment& amendment, const IniFile& current) {
   for (const auto& [group, keys] : amendment.set) {
+    std::optional<IniFile::KeyMap> user;
     for (const auto& [key, value] : keys) {
-      const bool isSet = current.HasValue(group, key);
-      if (isSet && current.GetValue(group, key) == value) continue;
-      const bool hadValue = amendment.present.HasValue(group, key);
-      const bool isAsBefore =
-          hadValue && isSet && current.GetValue(group, key) == amendment.present.GetValue(group, key);
-      if (!isAsBefore && (hadValue || amendment.absent.HasValue(group, key))) continue;
+      if (current.HasValue(group, key) && current.GetValue(group, key) == value) continue;
+      if (!user) user = call.ReadUserGroup(group).value_or(IniFile::KeyMap());
+      const auto kept = user->find(key);
+      if (kept == user->end() || kept->second != value) continue;
       throw Refusal(409, "not applied: " + programs::SpellSetting(group, key) + " does not hold what was set",
                     {{"group", Quoted(group)}, {"key", Quoted(key)}, {"outcome", Quoted("unknown")}});
     }
   }
 }
 
-Response ShowApplied(Call& call, const Amendment& amendment, const std::optional<Trial>& trial) {
+Response ShowApplied(Call& call, const Wanted& wanted) {
+  const Amendment& amendment = wanted.amendment;
   const std::set<std::string> names = NamesOfAll({&amendment.set, &amendment.unset});
   json groups = json::array();
-  const IniFile current = names.empty() ? IniFile() : call.link.Get().Get(names);
-  RequireApplied(amendment, current);
+  const IniFile current = call.ReadGroups(names);
+  if (!wanted.isVolatile) RequireApplied(call, amendment, current);
   for (const std::string& name : names) {
     const auto found = current.GetGroups().find(name);
     groups.push_back(json::parse(DescribeGroup(call, name, found == current.end() ? nullptr : &found->second)));
   }
   json answer = {{"groups", groups}};
-  if (trial) answer["pending"] = trial->Describe(call);
+  if (wanted.trial) answer["pending"] = wanted.trial->Describe(call);
   return JsonResponse(answer);
 }
 
 void ApplyVolatile(Call& call, const Amendment& amendment) {
   if (!amendment.present.IsEmpty() || !amendment.absent.IsEmpty() || !amendment.unset.IsEmpty())
     throw Refusal(400, "'volatile' goes with 'set' alone");
-  programs::Merge(call.session, amendment.set, true);
+  MergeVolatile(call, amendment.set);
 }
 
 }  // namespace
@@ -196,9 +196,9 @@ Response Apply(Call& call) {
     const std::string reason = call.link.Get().TakeRefusal();
     if (reason.compare(0, sizeof kConditionBegin - 1, kConditionBegin) != 0) throw RefusalOf(reason);
     const std::set<std::string> names = NamesOfAll({&amendment.present, &amendment.absent});
-    FailCondition(call, amendment, names.empty() ? IniFile() : call.link.Get().Get(names));
+    FailCondition(call, amendment, call.ReadGroups(names));
   }
-  return ShowApplied(call, amendment, wanted.trial);
+  return ShowApplied(call, wanted);
 }
 
 }  // namespace tavix::web

@@ -12,6 +12,18 @@ namespace tavix::web {
 using core::IniFile;
 using nlohmann::json;
 
+namespace {
+
+constexpr size_t kNodeBytes = 64;  // of a group or key beside its text
+
+size_t SizeOf(const IniFile::GroupMap::value_type& group) {
+  size_t bytes = kNodeBytes + group.first.size();
+  for (const auto& [key, value] : group.second) bytes += kNodeBytes + key.size() + value.size();
+  return bytes;
+}
+
+}  // namespace
+
 bool View::IsMasked(const std::string& group) const {
   return !showsRestricted && settings::server::GroupDiscriminator::IsRestrictedGroup(group);
 }
@@ -32,9 +44,29 @@ json View::ValuesToJson(const std::string& group, const IniFile::KeyMap& keys) c
 std::optional<IniFile::KeyMap> Call::ReadGroup(const std::string& name) {
   std::optional<IniFile::KeyMap> keys;
   link.Get().GetEach({name}, [&](const IniFile& part) {
+    if (!part.HasGroup(name)) return;
+    size.Add(SizeOf(*part.begin()));
+    keys = part[name];
+  });
+  return keys;
+}
+
+std::optional<IniFile::KeyMap> Call::ReadUserGroup(const std::string& name) {
+  std::optional<IniFile::KeyMap> keys;
+  session.GetEachOfUser([&](const IniFile& part) {
     if (part.HasGroup(name)) keys = part[name];
   });
   return keys;
+}
+
+IniFile Call::ReadGroups(const std::set<std::string>& groups) {
+  IniFile all;
+  if (groups.empty()) return all;
+  session.GetEach(groups, [&](const IniFile& part) {
+    size.Add(SizeOf(*part.begin()));
+    all.MergeGroup(part.begin());
+  });
+  return all;
 }
 
 void RequireSendable(const std::string& group) {

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "programs/web/daemon/ClientSession.h"
@@ -9,6 +10,7 @@
 #include "programs/web/http/Message.h"
 #include "programs/web/http/Query.h"
 #include "programs/web/http/Refusal.h"
+#include "programs/web/interface/AnswerSize.h"
 #include "tavix/core/IniFile.h"
 
 namespace tavix::web {
@@ -31,17 +33,29 @@ struct View {
 // Errors:  what carries it out throws Refusal, ProtocolException or Failure.
 struct Call {
   // All outlive this.
-  Call(DaemonLink& daemonLink, const Request& theRequest, const View& theView)
-      : link(daemonLink), session(daemonLink), request(theRequest), query(theRequest.query), view(theView) {}
+  Call(DaemonLink& daemonLink, const Request& theRequest, const View& theView, const AnswerBounds& bounds)
+      : link(daemonLink),
+        session(daemonLink),
+        request(theRequest),
+        query(theRequest.query),
+        view(theView),
+        size(bounds) {}
 
   // The one group that is named; nothing when it does not exist.
   std::optional<core::IniFile::KeyMap> ReadGroup(const std::string& name);
+
+  // The same of the user settings alone.
+  std::optional<core::IniFile::KeyMap> ReadUserGroup(const std::string& name);
+
+  // Groups by names and '*' patterns; what they take counts as a part of the answer.
+  core::IniFile ReadGroups(const std::set<std::string>& groups);
 
   DaemonLink& link;
   ClientSession session;
   const Request& request;
   const Query query;
   const View& view;
+  AnswerSize size;
 };
 
 // Carry a request out and answer it.

@@ -1,7 +1,10 @@
 #include "programs/web/interface/GroupChange.h"
 
+#include <algorithm>
+
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
+#include "programs/web/interface/Trials.h"
 
 namespace tavix::web {
 
@@ -13,6 +16,7 @@ namespace {
 constexpr size_t kMaxAttempts = 16;
 constexpr char kCondition[] = "condition:";  // the kinds of reasons, as docs/protocol.md lists them
 constexpr char kRestricted[] = "restricted group:";
+constexpr char kTrial[] = "trial";
 
 bool BeginsWith(const std::string& text, const std::string& begin) {
   return text.compare(0, begin.size(), begin) == 0;
@@ -37,6 +41,12 @@ Refusal RefusalOf(const std::string& reason) {
   const std::string text = reason.empty() ? "the daemon refuses the change" : reason;
   return {
       BeginsWith(reason, kRestricted) ? 403 : 409, "not applied: " + text, {{"outcome", Quoted("nothing written")}}};
+}
+
+void MergeVolatile(Call& call, const IniFile& settings) {
+  call.link.GetForWrite().Merge(settings, true);
+  const std::string reason = call.link.Get().TakeRefusal();
+  if (!reason.empty()) throw RefusalOf(reason);
 }
 
 // The whole group as it was read is the condition: what others have changed meanwhile is not written over. A key whose
@@ -65,6 +75,30 @@ Amendment GroupChange::MakeAmendment(const Keys& wanted) const {
   return amendment;
 }
 
+// False when somebody was faster: nothing is changed then. Here and below.
+bool GroupChange::TryAmend(const Amendment& amendment) {
+  if (_call.link.GetForWrite().Amend(amendment)) return true;
+  const std::string reason = _call.link.Get().TakeRefusal();
+  if (!BeginsWith(reason, kCondition)) throw RefusalOf(reason);
+  return false;
+}
+
+bool GroupChange::TryChange(const Amendment& amendment) {
+  if (amendment.replace.IsEmpty() || _call.link.GetFeatures().count(kTrial) == 0) return TryAmend(amendment);
+  const Trial guard = Trial::MakeGuard();
+  guard.Arm(_call);
+  if (!TryAmend(amendment)) return false;
+  const std::optional<programs::TrialState> trial = guard.Find(_call);
+  if (!trial) return true;  // the user settings are as they were
+  const std::vector<programs::Change>& changes = trial->settings;
+  const bool tookMore = std::any_of(changes.begin(), changes.end(), [this](const programs::Change& change) {
+    return change.group == _group && change.key && change.before && (!_before || _before->count(*change.key) == 0);
+  });
+  if (!tookMore) return guard.Confirm(_call);
+  static_cast<void>(guard.Revert(_call));  // it has gone back by itself otherwise
+  return false;
+}
+
 void GroupChange::Run(const Make& make) {
   RequireUnrestricted(_call, _group);
   for (size_t attempt = 0; attempt < kMaxAttempts; ++attempt) {
@@ -75,9 +109,7 @@ void GroupChange::Run(const Make& make) {
       _after = _before;
       return;
     }
-    if (_call.link.GetForWrite().Amend(MakeAmendment(wanted))) return Finish(wanted);
-    const std::string reason = _call.link.Get().TakeRefusal();
-    if (!BeginsWith(reason, kCondition)) throw RefusalOf(reason);
+    if (TryChange(MakeAmendment(wanted))) return Finish(wanted);
   }
   throw Refusal(409, "others change '" + programs::SpellName(_group) + "' again and again",
                 {{"group", Quoted(_group)}, {"outcome", Quoted("nothing written")}});
@@ -94,16 +126,21 @@ void GroupChange::Finish(const Keys& wanted) {
   RequireApplied(wanted);
 }
 
-// A value of a restricted file stands, whatever is written. What differs from both is somebody else's later change.
+// A value of a restricted file stands, whatever is written: then the user settings have what is wanted, and readers see
+// what they saw before. All else is somebody else's later change.
 void GroupChange::RequireApplied(const Keys& wanted) const {
   const IniFile::KeyMap none;
   const IniFile::KeyMap& before = _before ? *_before : none;
   const IniFile::KeyMap& after = _after ? *_after : none;
   IniFile::KeyMap touched = before;
   if (wanted) touched.insert(wanted->begin(), wanted->end());
+  std::optional<IniFile::KeyMap> user;
   for (const auto& [key, value] : touched) {
     const auto old = FindValue(before, key);
-    if (FindValue(after, key) != old || (wanted ? FindValue(*wanted, key) : std::nullopt) == old) continue;
+    const std::optional<std::string> now = wanted ? FindValue(*wanted, key) : std::nullopt;
+    if (FindValue(after, key) != old || now == old) continue;
+    if (!user) user = _call.ReadUserGroup(_group).value_or(none);
+    if (FindValue(*user, key) != now) continue;
     throw Refusal(409, "not applied: " + programs::SpellSetting(_group, key) + " holds what it held before",
                   {{"group", Quoted(_group)},
                    {"key", Quoted(key)},

@@ -10,7 +10,10 @@
 namespace tavix::web {
 
 // A change of one group that depends on what the group holds: it is read, the change is made of that, and what was read
-// is the condition under which the daemon makes it. When somebody was faster, it is read anew, up to 16 times.
+// is the condition under which the daemon makes it. When somebody was faster, it is read anew, up to 16 times. A group
+// that is replaced also loses keys that somebody adds behind the reading, which no condition covers: so the daemon puts
+// that on trial, and shows what went. What was not read is put back, and all begins anew. Only a daemon without trials
+// lets such a key go.
 //
 // Threads: one, the worker's.
 // Errors:  Refusal: 412 when the request's own conditions do not hold, 409 when the daemon refuses the change, others
@@ -34,6 +37,8 @@ class GroupChange {
 
  private:
   settings::Amendment MakeAmendment(const Keys& wanted) const;
+  bool TryChange(const settings::Amendment& amendment);
+  bool TryAmend(const settings::Amendment& amendment);
   void Finish(const Keys& wanted);
   void RequireApplied(const Keys& wanted) const;
 
@@ -43,6 +48,9 @@ class GroupChange {
   Keys _before;
   Keys _after;
 };
+
+// Writes what is not kept. It always shows, so that what differs behind it is somebody else's later change.
+void MergeVolatile(Call& call, const core::IniFile& settings);
 
 // The daemon's reason for a change that it did not make, as a refusal: 403 for a restricted group, else 409.
 Refusal RefusalOf(const std::string& reason);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 
@@ -13,7 +14,7 @@ namespace tavix::web {
 // Threads: one.
 class Origins {
  public:
-  // Reads the user layer, and keeps of it these groups alone.
+  // Reads the user layer, and keeps of it the keys of these groups alone.
   Origins(Call& call, const std::set<std::string>& groups);
 
   // "restricted", "user" or "default".
@@ -23,8 +24,10 @@ class Origins {
   const char* Find(const std::string& group, const core::IniFile::KeyMap& keys) const;
 
  private:
+  bool IsFromUser(const std::string& group, const std::string& key) const;
+
   const Call& _call;
-  core::IniFile _user;
+  std::map<std::string, std::set<std::string>> _user;  // the keys of each group
 };
 
 }  // namespace tavix::web

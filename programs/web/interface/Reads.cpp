@@ -9,6 +9,7 @@
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/http/EntityTags.h"
+#include "programs/web/interface/JsonParts.h"
 #include "programs/web/interface/Origins.h"
 #include "tavix/core/MemoryStream.h"
 
@@ -21,10 +22,6 @@ using programs::NameToJson;
 namespace {
 
 constexpr size_t kMaxGroups = 1000;
-
-std::string TextOf(const json& name) {
-  return name.get<std::string>();
-}
 
 // The names behind "after" that match, no more than one beyond the limit.
 std::set<std::string> FindNames(Call& call, const std::set<std::string>& patterns, const std::string* after,
@@ -50,23 +47,24 @@ Response ListGroups(Call& call) {
   const size_t limit = call.query.FindNumber("limit", 1, kMaxGroups, kMaxGroups);
   const std::optional<std::string> after = call.query.FindName("after");
   std::set<std::string> names = FindNames(call, FindPatterns(call.query), after ? &*after : nullptr, limit);
-  json document = {{"groups", json::array()}, {"next", nullptr}};
+  json next = nullptr;
   if (names.size() > limit) {
     names.erase(std::prev(names.end()));
-    document["next"] = NameToJson(*names.rbegin());
+    next = NameToJson(*names.rbegin());
   }
+  JsonParts groups(call.size, "{\"groups\":[");
   if (!names.empty()) {
     const Origins origins(call, names);
     call.session.GetEach(names, [&](const IniFile& part) {
       const auto& [name, keys] = *part.begin();
       if (names.count(name) == 0) return;  // a name with a '*' brought it
-      document["groups"].push_back({{"name", NameToJson(name)},
-                                    {"version", call.view.FindVersion(name, keys)},
-                                    {"origin", origins.Find(name, keys)},
-                                    {"keys", keys.size()}});
+      groups.Add({{"name", NameToJson(name)},
+                  {"version", call.view.FindVersion(name, keys)},
+                  {"origin", origins.Find(name, keys)},
+                  {"keys", keys.size()}});
     });
   }
-  return JsonResponse(document);
+  return TextResponse(groups.Finish("],\"next\":" + programs::Compact(next) + "}"));
 }
 
 Response ListTree(Call& call) {
@@ -81,14 +79,16 @@ Response ListTree(Call& call) {
     if (name.compare(0, prefix.size(), prefix) != 0) return;  // a '*' of the prefix brought it
     const size_t slash = name.find('/', prefix.size());
     const bool isGroup = slash == std::string::npos;
-    Branch& branch = branches[name.substr(0, isGroup ? name.size() : slash + 1)];
+    const auto [found, isNew] = branches.try_emplace(name.substr(0, isGroup ? name.size() : slash + 1));
+    if (isNew) call.size.Add(found->first.size() + sizeof *found);
+    Branch& branch = found->second;
     ++branch.groups;
     branch.isGroup = isGroup;
   });
-  json parts = json::array();
+  JsonParts parts(call.size, "{\"parts\":[");
   for (const auto& [name, branch] : branches)
-    parts.push_back({{"name", NameToJson(name)}, {"count", branch.groups}, {"isGroup", branch.isGroup}});
-  return JsonResponse({{"prefix", NameToJson(prefix)}, {"parts", parts}});
+    parts.Add({{"name", NameToJson(name)}, {"count", branch.groups}, {"isGroup", branch.isGroup}});
+  return TextResponse(parts.Finish("],\"prefix\":" + Quoted(prefix) + "}"));
 }
 
 Response ShowGroup(Call& call) {
@@ -102,18 +102,17 @@ Response ShowGroup(Call& call) {
   if (known && NamesVersion(*known, version, true)) return {304, headers, ""};
   const Origins origins(call, {name});
   const bool isMasked = call.view.IsMasked(name);
-  json settings = json::object();
+  JsonParts settings(call.size, "{\"keys\":{");
   for (const auto& [key, value] : *keys) {
     const std::string origin = origins.Find(name, key);
     const json shown = isMasked ? json(nullptr) : programs::ValueToJson(value);
-    json& setting = settings[TextOf(NameToJson(key))] = {{"value", shown}, {"origin", origin}};
+    json setting = {{"value", shown}, {"origin", origin}};
     if (origin == "default") setting["default"] = shown;
+    settings.Add(key, setting);
   }
-  Response response = JsonResponse({{"name", NameToJson(name)},
-                                    {"version", version},
-                                    {"origin", origins.Find(name, *keys)},
-                                    {"masked", isMasked},
-                                    {"keys", settings}});
+  Response response = TextResponse(settings.Finish(std::string("},\"masked\":") + (isMasked ? "true" : "false") +
+                                                   ",\"name\":" + Quoted(name) + ",\"origin\":\"" +
+                                                   origins.Find(name, *keys) + "\",\"version\":\"" + version + "\"}"));
   response.headers.insert(response.headers.end(), headers.begin(), headers.end());
   return response;
 }
@@ -126,20 +125,23 @@ Response Export(Call& call) {
   if (format != "ini" && format != "json") throw Refusal(400, "the parameter 'format' is neither ini nor json");
   core::StringOstream text;
   programs::PrettyParts parts("{}");
-  std::string document = format == "ini" ? programs::DescribeCoverage(groups) : std::string();
+  if (format == "ini") text.Append(programs::DescribeCoverage(groups));
+  size_t counted = 0;
   programs::ReadStoreEach(call.session, groups, call.query.HasFlag("user"), [&](const IniFile& part) {
     if (call.view.IsMasked(part.begin()->first)) return;
     if (format == "json") {
-      document += parts.Add(programs::ToJson(part));
+      text.Append(parts.Add(programs::ToJson(part)));
     } else {
       part.SaveToStream(text);
     }
+    call.size.Add(text.GetText().size() - counted);
+    counted = text.GetText().size();
   });
-  document += format == "json" ? parts.Finish() : text.TakeText() + programs::MarkEnd();
+  text.Append(format == "json" ? parts.Finish() : programs::MarkEnd());
   const char* const type = format == "json" ? "application/json" : "text/plain; charset=utf-8";
   return {200,
           {{"Content-Type", type}, {"Content-Disposition", "attachment; filename=\"settings." + format + "\""}},
-          document};
+          text.TakeText()};
 }
 
 }  // namespace tavix::web

@@ -9,6 +9,7 @@
 #include "programs/web/interface/Batches.h"
 #include "programs/web/interface/GroupChange.h"
 #include "programs/web/interface/JsonBody.h"
+#include "programs/web/interface/JsonParts.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 
 namespace tavix::web {
@@ -20,22 +21,17 @@ using Names = std::set<std::string>;
 
 namespace {
 
-// What users changed of some groups, and the names and patterns of those that they deleted.
-struct UserPart {
-  IniFile changed;
+// Takes what users changed of some groups, and returns the names and patterns of those that they deleted.
+Names ReadUserPart(Call& call, const Names& groups, const programs::Session::TakeGroup& take) {
   Names deleted;
-};
-
-UserPart ReadUserPart(Call& call, const Names& groups) {
-  UserPart part;
   programs::ReadUserLayerEach(call.session, groups, [&](const IniFile& group) {
-    if (!group.HasGroup(programs::kDeletedGroups)) {
-      part.changed.MergeGroup(group.begin());
-      return;
+    if (!group.HasGroup(programs::kDeletedGroups)) return take(group);
+    for (const auto& [key, name] : group[programs::kDeletedGroups]) {
+      call.size.Add(name.size());
+      deleted.insert(name);
     }
-    for (const auto& [key, name] : group[programs::kDeletedGroups]) part.deleted.insert(name);
   });
-  return part;
+  return deleted;
 }
 
 Names ReadPatterns(const JsonValue& body) {
@@ -59,9 +55,7 @@ json ListNames(const Names& names) {
 }
 
 // Values that are not saved are no part of the user layer, and show only in what readers see.
-Names FindReset(Call& call, const UserPart& part, const Names& patterns, const IniFile& seen) {
-  Names names = programs::NamesOf(part.changed);
-  names.insert(part.deleted.begin(), part.deleted.end());
+Names FindReset(Call& call, Names names, const Names& patterns, const IniFile& seen) {
   for (const std::string& name : programs::NamesOf(seen)) {
     if (!call.session.IsRestricted(name)) names.insert(name);
   }
@@ -81,18 +75,21 @@ Response Reset(Call& call) {
   const Names patterns = ReadPatterns(body);
   RequireWritable(call, patterns);
   const bool isDryRun = ReadFlag(body, "dryRun");
-  const UserPart part = ReadUserPart(call, patterns);
+  Names changed;
+  const Names deleted = ReadUserPart(call, patterns, [&](const IniFile& part) {
+    call.size.Add(part.begin()->first.size());
+    changed.insert(part.begin()->first);
+  });
   if (isDryRun)
-    return JsonResponse({{"dryRun", true},
-                         {"groups", ListNames(programs::NamesOf(part.changed))},
-                         {"deleted", ListNames(part.deleted)}});
-  const IniFile before = call.link.Get().Get(patterns);
+    return JsonResponse({{"dryRun", true}, {"groups", ListNames(changed)}, {"deleted", ListNames(deleted)}});
+  changed.insert(deleted.begin(), deleted.end());
+  const IniFile before = call.ReadGroups(patterns);
   settings::Amendment amendment;
-  for (const std::string& name : FindReset(call, part, patterns, before)) amendment.unset[name];
+  for (const std::string& name : FindReset(call, std::move(changed), patterns, before)) amendment.unset[name];
   if (!amendment.unset.IsEmpty() && !call.link.GetForWrite().Amend(amendment))
     throw RefusalOf(call.link.Get().TakeRefusal());
   json changes = json::array();
-  for (const programs::Change& change : programs::FindChanges(before, call.link.Get().Get(patterns)))
+  for (const programs::Change& change : programs::FindChanges(before, call.ReadGroups(patterns)))
     changes.push_back(programs::ToJson(change));
   return JsonResponse({{"changes", changes}});
 }
@@ -101,14 +98,13 @@ Response Reset(Call& call) {
 Response Diff(Call& call) {
   const std::vector<std::string> given = call.query.FindNames("pattern");
   for (const std::string& pattern : given) RequireSendable(pattern);
-  const UserPart part = ReadUserPart(call, {given.begin(), given.end()});
-  json changes = json::array();
-  for (const auto& [group, keys] : part.changed) {
+  JsonParts changes(call.size, "{\"changes\":[");
+  const Names deleted = ReadUserPart(call, {given.begin(), given.end()}, [&](const IniFile& part) {
+    const auto& [group, keys] = *part.begin();
     for (const auto& [key, value] : keys)
-      changes.push_back(
-          {{"group", NameToJson(group)}, {"key", NameToJson(key)}, {"new", programs::ValueToJson(value)}});
-  }
-  return JsonResponse({{"changes", changes}, {"deleted", ListNames(part.deleted)}});
+      changes.Add({{"group", NameToJson(group)}, {"key", NameToJson(key)}, {"new", programs::ValueToJson(value)}});
+  });
+  return TextResponse(changes.Finish("],\"deleted\":" + programs::Compact(ListNames(deleted)) + "}"));
 }
 
 }  // namespace tavix::web

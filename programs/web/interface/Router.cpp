@@ -82,12 +82,14 @@ const Route& FindRoute(const std::string& method, const std::string& path) {
 }
 
 Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
-                  DaemonLink::Clock::time_point end) {
+                  const AnswerBounds& bounds, DaemonLink::Clock::time_point end) {
   const bool isWrite = request.IsWrite();
   try {
     link.Begin(end);
-    Call call(link, request, view);
-    return handler(call);
+    Call call(link, request, view, bounds);
+    Response response = handler(call);
+    response.shares = call.size.TakeShares();
+    return response;
   } catch (const Refusal& refusal) {
     return ToResponse(refusal);
   } catch (const settings::client::ProtocolException& exception) {

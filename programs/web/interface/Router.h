@@ -36,6 +36,6 @@ const Route& FindRoute(const std::string& method, const std::string& path);
 
 // Carries a request out until then, and answers it, whatever becomes of it.
 Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
-                  DaemonLink::Clock::time_point end);
+                  const AnswerBounds& bounds, DaemonLink::Clock::time_point end);
 
 }  // namespace tavix::web

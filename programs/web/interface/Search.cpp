@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
+#include "programs/web/interface/JsonParts.h"
 #include "programs/web/interface/Reads.h"
 
 namespace tavix::web {
@@ -13,6 +14,7 @@ using programs::NameToJson;
 namespace {
 
 constexpr size_t kMaxHits = 500;
+constexpr size_t kMaxBytes = 1024 * size_t{1024};  // of hits behind which more come by another request
 
 char Lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -59,25 +61,31 @@ Options ReadOptions(const Query& query) {
   return options;
 }
 
-// Collects hits until there is one too many.
+// Collects hits until there is one too many, or they are long enough.
 class Hits {
  public:
-  void Add(const std::string& group, const std::string* key, json hit) {
-    if (_list.size() == kMaxHits) {
+  explicit Hits(AnswerSize& size) : _list(size, "{\"hits\":[") {}
+
+  void Add(const std::string& group, const std::string* key, const json& hit) {
+    if (_count == kMaxHits || _list.GetSize() > kMaxBytes) {
       _hasMore = true;
       return;
     }
-    _list.push_back(std::move(hit));
+    ++_count;
+    _list.Add(hit);
     _next = {{"after", NameToJson(group)}};
     if (key) _next["afterKey"] = NameToJson(*key);
   }
 
   bool IsFull() const { return _hasMore; }
 
-  json Take() { return {{"hits", std::move(_list)}, {"next", _hasMore ? _next : json(nullptr)}}; }
+  std::string Finish() {
+    return _list.Finish("],\"next\":" + programs::Compact(_hasMore ? _next : json(nullptr)) + "}");
+  }
 
  private:
-  json _list = json::array();
+  JsonParts _list;
+  size_t _count = 0;
   json _next;
   bool _hasMore = false;
 };
@@ -104,11 +112,11 @@ void LookAt(const Call& call, const Options& options, const IniFile& part, Hits&
 
 Response Search(Call& call) {
   const Options options = ReadOptions(call.query);
-  Hits hits;
+  Hits hits(call.size);
   call.session.GetEach({"*"}, [&](const IniFile& part) {
     if (!hits.IsFull()) LookAt(call, options, part, hits);
   });
-  return JsonResponse(hits.Take());
+  return TextResponse(hits.Finish());
 }
 
 }  // namespace tavix::web

@@ -23,6 +23,7 @@ constexpr char kOwn[] = "web-";
 constexpr unsigned kMinSeconds = 10;
 constexpr unsigned kMaxSeconds = 600;
 constexpr unsigned kUsualSeconds = 90;
+constexpr unsigned kGuardSeconds = 10;
 constexpr size_t kNameDigits = 16;
 constexpr char kForeignUser[] = "belongs to user";
 
@@ -114,17 +115,29 @@ std::optional<Trial> Trial::Read(const JsonValue& body) {
   return Trial(ParseSeconds(*confirm), kOwn + MakeSecret().substr(0, kNameDigits));
 }
 
+Trial Trial::MakeGuard() {
+  return Trial(kGuardSeconds, kOwn + MakeSecret().substr(0, kNameDigits));
+}
+
 void Trial::Arm(Call& call) const {
   call.link.RequireFeature(kFeature);
   call.link.GetForWrite().Try(_seconds, _name);
 }
 
-json Trial::Describe(Call& call) const {
+std::optional<TrialState> Trial::Find(Call& call) const {
   const auto answer = call.link.Get().Ask(std::string(kFeature) + " " + _name);
   const auto found = answer.data.GetGroups().find(_name);
-  if (answer.isRefused || found == answer.data.end()) return nullptr;
-  const TrialState trial = TrialState::From(_name, found->second);
-  return trial.settings.empty() ? json(nullptr) : ToJson(call, trial);
+  if (answer.isRefused || found == answer.data.end()) return std::nullopt;
+  return TrialState::From(_name, found->second);
+}
+
+json Trial::Describe(Call& call) const {
+  const std::optional<TrialState> trial = Find(call);
+  return trial && !trial->settings.empty() ? ToJson(call, *trial) : json(nullptr);
+}
+
+bool Trial::End(Call& call, const char* word) const {
+  return !call.link.GetForWrite().Ask(std::string(word) + " " + _name).isRefused;
 }
 
 }  // namespace tavix::web

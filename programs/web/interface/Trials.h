@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "programs/common/client/Revisions.h"
 #include "programs/web/interface/Call.h"
 #include "programs/web/interface/JsonBody.h"
 
@@ -20,6 +21,10 @@ Response RevertPending(Call& call);
 // Threads: one, the worker's.
 class Trial {
  public:
+  // A change that this program makes itself, to be confirmed or reverted at once; it goes back in some seconds when
+  // neither happens.
+  static Trial MakeGuard();
+
   // Throws Refusal, 400, when the member "confirm" of a request is neither true nor false nor a number of seconds;
   // nothing when no trial is wanted.
   static std::optional<Trial> Read(const JsonValue& body);
@@ -30,7 +35,16 @@ class Trial {
   // What is on trial behind the change; null: it has changed nothing.
   nlohmann::json Describe(Call& call) const;
 
+  // How it is behind the change; nothing: the daemon knows none.
+  std::optional<programs::TrialState> Find(Call& call) const;
+
+  // False when it is not pending any more.
+  [[nodiscard]] bool Confirm(Call& call) const { return End(call, "confirm"); }
+  [[nodiscard]] bool Revert(Call& call) const { return End(call, "revert"); }
+
  private:
+  bool End(Call& call, const char* word) const;
+
   Trial(unsigned seconds, std::string name) : _seconds(seconds), _name(std::move(name)) {}
 
   unsigned _seconds;

@@ -5,7 +5,6 @@
 
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
-#include "programs/common/client/Writes.h"
 #include "programs/web/interface/Conditions.h"
 #include "programs/web/interface/GroupChange.h"
 #include "programs/web/interface/JsonBody.h"
@@ -57,7 +56,7 @@ Response PatchVolatile(Call& call, const std::string& group, const JsonValue& pa
       throw Refusal(400, "'volatile' takes nothing away", {{"group", Quoted(group)}, {"key", Quoted(key)}});
     settings.SetValue(group, key, value.text);
   }
-  programs::Merge(call.session, settings, true);
+  MergeVolatile(call, settings);
   return ShowWritten(call, group, call.ReadGroup(group).value_or(IniFile::KeyMap()), 200);
 }
 

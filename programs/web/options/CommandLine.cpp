@@ -67,6 +67,8 @@ std::string ParseBasePath(std::string text) {
 }
 
 constexpr size_t kMaxBody = 64 * size_t{1024} * 1024;
+constexpr size_t kMinAnswer = 1024 * size_t{1024};
+constexpr size_t kMaxAnswer = 1024 * kMinAnswer;
 constexpr size_t kMaxConnections = 128;
 constexpr size_t kMaxSeconds = 600;
 
@@ -99,6 +101,10 @@ const Entry kEntries[] = {
      [](Options& options, const std::string& value) { options.basePath = ParseBasePath(value); }},
     {"max-body", "BYTES", "Of a request (1048576)",
      [](Options& options, const std::string& value) { options.maxBodyBytes = ParseNumber(value, 1024, kMaxBody); }},
+    {"max-answer", "BYTES", "Of an answer (16777216)",
+     [](Options& options, const std::string& value) {
+       options.maxAnswerBytes = ParseNumber(value, kMinAnswer, kMaxAnswer);
+     }},
     {"max-per-address", "COUNT", "Connections of one address (16)",
      [](Options& options, const std::string& value) {
        options.maxPerAddress = ParseNumber(value, 1, kMaxConnections);

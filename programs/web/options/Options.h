@@ -27,6 +27,7 @@ struct Options {
   std::set<std::string> trustedProxies;  // addresses, and kUnixProxy
   std::string basePath;                  // "" or "/settings": no '/' at its end
   size_t maxBodyBytes = 1024 * size_t{1024};
+  size_t maxAnswerBytes = 16 * size_t{1024} * 1024;
   size_t maxPerAddress = 16;
   bool showsRestricted = false;
   std::chrono::milliseconds timeout{5000};  // of one request to the daemon

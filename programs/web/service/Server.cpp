@@ -19,7 +19,8 @@ constexpr Milliseconds kGraceTime{1000};  // for the worker's own answer, which 
 
 // Of bodies that are as large as they may be, and of memory that small ones always find.
 constexpr size_t kMaxLargeBodies = 8;
-constexpr size_t kMinBodyBudget = 1024 * size_t{1024};
+constexpr size_t kMaxLargeAnswers = 4;
+constexpr size_t kMinMemoryBudget = 1024 * size_t{1024};
 
 Response Healthy() {
   return {200, {{"Content-Type", "application/json"}}, "{\"status\":\"ok\"}\n"};
@@ -45,7 +46,9 @@ Server::Server(const Options& options, Access& access, const std::vector<Listene
       _access(access),
       _signals(signals),
       _gate(options, access),
-      _bodies(std::max(kMaxLargeBodies * options.maxBodyBytes, kMinBodyBudget)),
+      _bodies(std::max(kMaxLargeBodies * options.maxBodyBytes, kMinMemoryBudget)),
+      _answers(kMaxLargeAnswers * options.maxAnswerBytes),
+      _bounds{options.maxAnswerBytes, _answers},
       _view{options.showsRestricted, MakeSecret()},
       _wakeup(_base,
               [this] {
@@ -112,7 +115,7 @@ Response Server::OnRefused(int status, const std::string& reason) {
 void Server::OnHead(Connection& connection, const Request& head, size_t announcedBytes) {
   AnswerErrors(connection, [&] {
     const size_t maxBytes = _gate.Admit(connection.GetPeer(), head, true).maxBodyBytes;
-    BodyBudget::Share share = _bodies.Take(std::min(announcedBytes, maxBytes));
+    MemoryBudget::Share share = _bodies.Take(std::min(announcedBytes, maxBytes));
     if (!share) throw Refusal(503, "too many bodies are on their way", {}, {{"Retry-After", "1"}});
     connection.AcceptBody(maxBytes, std::move(share));
   });
@@ -147,7 +150,7 @@ void Server::HandleRoute(Connection& connection, Request& request, const Gate::E
   Start(
       connection, _workers, isWrite,
       [this, shared, end, handler = route.handler](size_t worker) {
-        return CarryOut(handler, *shared, _links[worker], _view, end);
+        return CarryOut(handler, *shared, _links[worker], _view, _bounds, end);
       },
       nullptr);
 }
@@ -191,7 +194,7 @@ void Server::SendDone(WorkQueue& queue) {
     const Pending pending = std::move(found->second);
     _pending.erase(found);
     if (pending.finish) pending.finish(done.response);
-    if (pending.connection) pending.connection->Send(done.response);
+    if (pending.connection) pending.connection->Send(std::move(done.response));
   }
 }
 

@@ -11,10 +11,10 @@
 #include "programs/web/access/Access.h"
 #include "programs/web/changes/ChangeStreams.h"
 #include "programs/web/daemon/WorkQueue.h"
-#include "programs/web/http/BodyBudget.h"
 #include "programs/web/http/Connection.h"
 #include "programs/web/http/EventBase.h"
 #include "programs/web/http/Listener.h"
+#include "programs/web/http/MemoryBudget.h"
 #include "programs/web/interface/Router.h"
 #include "programs/web/options/Options.h"
 #include "programs/web/service/Gate.h"
@@ -73,7 +73,9 @@ class Server : private ConnectionOwner {
   Access& _access;
   const programs::Signals& _signals;
   Gate _gate;
-  BodyBudget _bodies;
+  MemoryBudget _bodies;
+  MemoryBudget _answers;
+  const AnswerBounds _bounds;
   View _view;
   EventBase _base;
   Wakeup _wakeup;

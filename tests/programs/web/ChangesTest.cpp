@@ -2,6 +2,7 @@
 
 #include "tests/programs/web/Web.h"
 #include "tests/support/ProcessFigures.h"
+#include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace tavix::test {
@@ -208,12 +209,26 @@ TEST(WebChanges, ReachSixtyFourStreamsPastOneThatNeverReads) {
   }
 }
 
+TEST(WebChanges, ThatNobodyMakesTakeLittleMemory) {
+  Web web;
+  HttpConnection first = Watch(web);
+  first.ReadEvent();
+  const size_t before = ResidentMemory(web.process.GetId());
+  std::vector<HttpConnection> streams;
+  for (int i = 1; i < 64; ++i) {
+    streams.push_back(Watch(web));
+    streams.back().ReadEvent();
+  }
+  EXPECT_LE(ResidentGrowth(web.process.GetId(), before), 4 * size_t{1024} * 1024);
+}
+
 TEST(WebChanges, LeaveNoDescriptorBehind) {
   Web web;
   HttpConnection first = Watch(web);
   first.ReadEvent();
   const size_t before = CountDescriptors(web.process.GetId());
-  for (int i = 0; i < 300; ++i) Watch(web).ReadEvent();
+  const int count = IsLongRun() ? 10'000 : 300;
+  for (int i = 0; i < count; ++i) Watch(web).ReadEvent();
   // One that still is among the descriptors ends by itself.
   while (CountDescriptors(web.process.GetId()) > before)
     web.Connect().Ask("GET", "/healthz", "", "Connection: close\r\n");

@@ -79,6 +79,11 @@ TEST(WebTrouble, OfAStoppedDaemonDelaysNobodyElse) {
   HttpConnection waiting = web.Connect();
   waiting.SendRequest("PATCH", "/api/v1/group?name=a", R"({"k": 1})");
   EXPECT_EQ(web.Connect().Ask("GET", "/healthz").status, 200);
+  EXPECT_EQ(web.Connect().Ask("GET", "/").status, 200);
+  EXPECT_EQ(web.Ask("GET", "/openapi.json").status, 200);
+  HttpConnection stream = web.Connect();
+  stream.SendRequest("GET", "/api/v1/changes");
+  EXPECT_EQ(stream.ReadReply().status, 200);
   const HttpReply reply = waiting.ReadReply();
   EXPECT_EQ(reply.status, 504);
   EXPECT_EQ(Parse(reply)["outcome"], "nothing written");

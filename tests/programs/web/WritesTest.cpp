@@ -110,25 +110,6 @@ TEST(WebWrites, RefuseBodiesThatAreNone) {
   EXPECT_EQ(Parse(reply)["line"], 3);
 }
 
-TEST(WebWrites, OfTwoWritersLoseNothing) {
-  Web web;
-  web.Ask("PATCH", "/group?name=a", R"({"count": 0})");
-  const auto increment = [&](HttpConnection& connection, int times) {
-    while (times > 0) {
-      const HttpReply read = connection.Ask("GET", "/api/v1/group?name=a");
-      const int next = std::stoi(Parse(read)["keys"]["count"]["value"].get<std::string>()) + 1;
-      const std::string body = R"({"count": )" + std::to_string(next) + "}";
-      if (connection.Ask("PATCH", "/api/v1/group?name=a", body, IfMatch(read)).status == 200) --times;
-    }
-  };
-  HttpConnection one = web.Connect();
-  HttpConnection two = web.Connect();
-  std::thread other([&] { increment(one, 200); });
-  increment(two, 200);
-  other.join();
-  EXPECT_EQ(web.ReadValue("a", "count"), "400");
-}
-
 TEST(WebWrites, ApplyChangesManyGroupsAtOnceOrNone) {
   Web web;
   const HttpReply failed =

@@ -6,15 +6,15 @@
 
 namespace tavix::web {
 
-// How much memory the bodies of all requests together may take.
+// How much memory all of a kind together may take, such as the bodies of requests.
 //
 // Threads: any.
 // Owns:    nothing; outlives all shares.
-class BodyBudget {
+class MemoryBudget {
  public:
   using Share = std::shared_ptr<const void>;
 
-  explicit BodyBudget(size_t maxBytes) : _left(maxBytes) {}
+  explicit MemoryBudget(size_t maxBytes) : _left(maxBytes) {}
 
   // A share of so many bytes, which its last owner gives back; null when less is left.
   Share Take(size_t bytes);

@@ -1,8 +1,8 @@
-#include "programs/web/http/BodyBudget.h"
+#include "programs/web/http/MemoryBudget.h"
 
 namespace tavix::web {
 
-BodyBudget::Share BodyBudget::Take(size_t bytes) {
+MemoryBudget::Share MemoryBudget::Take(size_t bytes) {
   size_t left = _left;
   do {
     if (bytes > left) return nullptr;
