@@ -9,6 +9,7 @@
 #include "programs/server/persistence/SaveFailure.h"
 #include "programs/server/trials/SharedTrials.h"
 #include "tavix/core/Logger.h"
+#include "tavix/settings/server/RefusedChange.h"
 
 namespace tavix::daemon {
 
@@ -67,10 +68,32 @@ DurabilityGate::Ticket SharedUserLayer::SaveTrial(const std::function<void()>& e
   return Write({none, {}, none, {}}, Change(), false);
 }
 
-DurabilityGate::Ticket SharedUserLayer::Write(const SavedChange& saved, std::optional<Change> change, bool isLarge) {
+// The trial ends once its line is written: a disk that takes none leaves it pending.
+DurabilityGate::Ticket SharedUserLayer::ConfirmTrial(const std::string& name,
+                                                     const settings::server::ClientIdentity& client) {
+  static const core::IniFile none;
+  const osa::PlainMutexLock lock(_mutex);
+  const size_t bytes = _setup.trials->PrepareConfirmation(name, client);
+  Ticket ticket = 0;
+  if (!_state.HasFailed()) {
+    ticket = Write({none, {}, none, {}}, Change(), false, true);
+    WriteBatch();
+  }
+  if (_state.HasFailed()) {
+    _setup.trials->DropConfirmation(bytes);
+    throw settings::server::RefusedChange(
+        settings::server::RefusedChange::Reason::kTrial,
+        "trial '" + name + "' is still pending: the disk takes no changes at the moment");
+  }
+  _setup.trials->Confirm(name);
+  return ticket;
+}
+
+DurabilityGate::Ticket SharedUserLayer::Write(const SavedChange& saved, std::optional<Change> change, bool isLarge,
+                                              bool mustBeSynced) {
   if (change && !TryToAddTrials(*change)) change.reset();
   const Size size = isLarge ? Size::kLarge : change ? Size::kSmall : Size::kUnknown;
-  const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr));
+  const Steps steps = _state.OnChange(size, Clock::now(), std::time(nullptr), mustBeSynced);
   const Ticket ticket =
       _notes.Note(saved.changedGroups, saved.added, steps.holdsChange, steps.write == Steps::Write::kLater);
   Perform(steps, kOutOfMemory);

@@ -25,6 +25,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/server/ClientIdentity.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 
 namespace tavix::daemon {
@@ -73,6 +74,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
 
   // As UserSettingsPersister. end: called under the mutex.
   Ticket SaveTrial(const std::function<void()>& end);
+  Ticket ConfirmTrial(const std::string& name, const settings::server::ClientIdentity& client);
 
   // Ends the waits of both threads.
   void Stop();
@@ -173,7 +175,8 @@ class SharedUserLayer : private ChangeBatch::IMember {
   void WriteBatch() TAVIX_REQUIRES(_mutex);
   bool MustWakeSync() const TAVIX_REQUIRES(_mutex);
   std::optional<Clock::time_point> FindSyncTime() const TAVIX_REQUIRES(_mutex);
-  Ticket Write(const SavedChange& saved, std::optional<Change> change, bool isLarge) TAVIX_REQUIRES(_mutex);
+  Ticket Write(const SavedChange& saved, std::optional<Change> change, bool isLarge, bool mustBeSynced = false)
+      TAVIX_REQUIRES(_mutex);
   bool TryToAddTrials(Change& change) TAVIX_REQUIRES(_mutex);
   std::string SpellUnjournaled() TAVIX_REQUIRES(_mutex);
   void OnJournaled() TAVIX_REQUIRES(_mutex);

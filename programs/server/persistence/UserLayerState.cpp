@@ -19,14 +19,16 @@ UserLayerState::Steps UserLayerState::Load(const Found& found) {
 }
 
 // A change that is in memory only is shown to nobody, unless the disk has failed.
-UserLayerState::Steps UserLayerState::OnChange(Size size, Clock::time_point now, std::time_t time) {
+UserLayerState::Steps UserLayerState::OnChange(Size size, Clock::time_point now, std::time_t time, bool mustBeSynced) {
   std::optional<std::time_t> unsavedSince;
   if (_changes.synced == _changes.last) {
     _changes.firstUnsynced = now;
     unsavedSince = time;
   }
   ++_changes.last;
+  if (mustBeSynced && !HasFailed()) _changes.toBeSynced = _changes.last;
   Steps steps = size == Size::kUnknown ? Fail(now) : FindWrite(size);
+  steps.holdsChange = steps.holdsChange || AwaitsSync();
   steps.unsavedSince = unsavedSince;
   return steps;
 }
@@ -62,7 +64,7 @@ UserLayerState::Steps UserLayerState::OnLateWritten(const LateWrite& write, uint
   if (_changes.written == _changes.last && !_changes.arePaused) _changes.areLate = false;
   ShowWrittenUnlessAlways(steps);
   if (!IsSnapshotting()) RequestSnapshotIfLong(journalEnd, steps);
-  steps.wakesSync = _durability.kind != Durability::Kind::kNone;
+  steps.wakesSync = _durability.kind != Durability::Kind::kNone || AwaitsSync();
   ReportRecovery(steps);
   return steps;
 }
@@ -79,7 +81,9 @@ UserLayerState::Sync UserLayerState::OnSyncBegun(Clock::time_point now, std::tim
 
 UserLayerState::Steps UserLayerState::OnSynced(const Sync& sync) {
   Steps steps;
+  const bool wasAwaited = AwaitsSync();
   _changes.synced = std::max(_changes.synced, sync.last);
+  if (wasAwaited && !AwaitsSync()) ShowWrittenUnlessAlways(steps);
   // Changes that are not synced now were made after the sync began.
   steps.unsavedSince = _changes.synced == _changes.last ? 0 : sync.begun;
   // A disk that takes syncs and no snapshots is not well yet: the pauses between tries stay long.
@@ -149,8 +153,9 @@ bool UserLayerState::IsLateWriteDue() const {
 
 std::optional<UserLayerState::Clock::time_point> UserLayerState::GetSyncTime() const {
   const bool isNeeded = HasJournal() && _changes.synced < _changes.written;
-  if (!isNeeded || _durability.kind == Durability::Kind::kNone) return std::nullopt;
-  if (_durability.kind == Durability::Kind::kAlways) return Clock::time_point();
+  if (!isNeeded) return std::nullopt;
+  if (_durability.kind == Durability::Kind::kAlways || AwaitsSync()) return Clock::time_point();
+  if (_durability.kind == Durability::Kind::kNone) return std::nullopt;
   return _changes.firstUnsynced + _durability.interval;
 }
 
@@ -173,6 +178,7 @@ UserLayerState::Steps UserLayerState::Fail(Clock::time_point now) {
   Steps steps;
   _names.OnGivenUp(_durability.kind != Durability::Kind::kAlways);
   _changes.areLate = _changes.arePaused = false;
+  _changes.toBeSynced = 0;
   steps.output = Steps::Output::kRelease;
   steps.shown = _changes.last;
   steps.report = HasFailed() ? Steps::Report::kFailedRetry : Steps::Report::kFailure;
@@ -229,12 +235,17 @@ void UserLayerState::RequestSnapshotIfLong(uint64_t journalEnd, Steps& steps) {
 void UserLayerState::ReleaseUnlessAlways(Steps& steps) const {
   if (_durability.kind == Durability::Kind::kAlways || !HasSnapshot()) return;
   steps.output = Steps::Output::kRelease;
-  steps.shown = _changes.written;
+  steps.shown = FindShownUnlessAlways();
 }
 
 // A crash of the daemon takes nothing back that is written.
 void UserLayerState::ShowWrittenUnlessAlways(Steps& steps) const {
-  if (_durability.kind != Durability::Kind::kAlways) steps.shown = _changes.written;
+  if (_durability.kind != Durability::Kind::kAlways) steps.shown = FindShownUnlessAlways();
+}
+
+// What comes behind a change that waits for its sync waits, too: tickets become durable in their order.
+UserLayerState::Ticket UserLayerState::FindShownUnlessAlways() const {
+  return AwaitsSync() ? std::min(_changes.written, _changes.toBeSynced - 1) : _changes.written;
 }
 
 // The changes up to this one were shown without the disk; those behind it are held until the disk has them.

@@ -92,8 +92,9 @@ class UserLayerState {
 
   Steps Load(const Found& found);
 
-  // A change was made in memory; it has the ticket GetLast() from now on.
-  Steps OnChange(Size size, Clock::time_point now, std::time_t time);
+  // A change was made in memory; it has the ticket GetLast() from now on. mustBeSynced: output that shows it, or a
+  // later change, waits for a sync, whatever the durability is, unless the disk has failed.
+  Steps OnChange(Size size, Clock::time_point now, std::time_t time, bool mustBeSynced = false);
 
   // A journal was opened at FILE.journal.new, for a change, or for those that are written later.
   void OnOpened();
@@ -165,6 +166,7 @@ class UserLayerState {
     Ticket last = 0;
     Ticket written = 0;
     Ticket synced = 0;
+    Ticket toBeSynced = 0;              // the last that must be synced before it is shown
     bool areLate = false;               // they are written later
     bool arePaused = false;             // and not before the snapshot is followed
     Clock::time_point firstUnsynced{};  // when the oldest change that is not synced was made
@@ -174,6 +176,8 @@ class UserLayerState {
   bool HasJournal() const { return _names.GetCurrent() != 0; }
   bool CanAppend() const { return _phase == Phase::kJournalling || (IsSnapshotting() && HasJournal()); }
   Ticket GetSaved() const;  // as the durability asks for
+  bool AwaitsSync() const { return _changes.synced < _changes.toBeSynced; }
+  Ticket FindShownUnlessAlways() const;
   Steps FindWrite(Size size);
   Steps Fail(Clock::time_point now);
   void Resume(Steps& steps);

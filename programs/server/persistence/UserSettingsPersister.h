@@ -16,6 +16,7 @@
 #include "programs/server/persistence/UserSettingsFiles.h"
 #include "programs/server/system/Deadline.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/ClientIdentity.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 
 namespace tavix::daemon {
@@ -82,9 +83,16 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   void PrepareChange(const settings::server::PlannedChange& change) override;
   DurabilityGate::Ticket FindLastTicket(const settings::common::GroupNameMatcher& groups) override;
 
-  // Saves what becomes of a trial without a change. end: does it in the setup's trials; may throw. Under the store's
+  // Saves that a trial went back without a change. end: does it in the setup's trials; may throw. Under the store's
   // read lock. Returns a ticket, as a save does.
   DurabilityGate::Ticket SaveTrial(const std::function<void()>& end) { return _layer.SaveTrial(end); }
+
+  // Confirms a trial of the setup. Under the store's read lock. Returns a ticket that becomes durable when that is on
+  // the disk, whatever the durability is, or when the disk fails. Throws settings::server::RefusedChange when the
+  // client may not, or the disk takes no changes: then it is pending still.
+  DurabilityGate::Ticket ConfirmTrial(const std::string& name, const settings::server::ClientIdentity& client) {
+    return _layer.ConfirmTrial(name, client);
+  }
 
   // Begins to write; readLayer: is called until Finish.
   void Start(LayerReader readLayer);

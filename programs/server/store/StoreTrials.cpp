@@ -74,8 +74,7 @@ StoreAmendment StoreTrials::PlanRevert(const std::string& name) {
 // With the store locked: no change is half-way between the book's two steps.
 StoreTrials::Ticket StoreTrials::Confirm(const std::string& name, const Client& client) {
   Ticket ticket = 0;
-  _manager.ReadUserSettings(
-      [&](const IniFile&) { ticket = _persister.SaveTrial([&] { _trials.Confirm(name, client); }); });
+  _manager.ReadUserSettings([&](const IniFile&) { ticket = _persister.ConfirmTrial(name, client); });
   _trials.DropReleased();
   return ticket;
 }
@@ -89,26 +88,32 @@ StoreTrials::Ticket StoreTrials::Revert(const std::string& name, const ChangeOri
 }
 
 // An outdated plan leaves no record.
-bool StoreTrials::End(const std::string& name, Ticket& ticket) {
+StoreTrials::Ticket StoreTrials::End(const std::string& name) {
   const auto end = [&] {
     if (!_trials.EndReverted(name)) throw TrialBook::OutdatedRevert();
   };
+  Ticket ticket = 0;
   _manager.ReadUserSettings([&](const IniFile&) { ticket = _persister.SaveTrial(end); });
-  return true;
+  return ticket;
+}
+
+StoreTrials::Ticket StoreTrials::Amend(const std::string& name, const StoreAmendment& revert,
+                                       const ChangeOrigin& origin) {
+  Ticket ticket = 0;
+  if (_manager.Amend(revert, origin, ticket)) return ticket;
+  throw osa::Exception("Trial '%s' can't be reverted: its settings exclude one another", name.c_str());
 }
 
 // What others write meanwhile makes the plan outdated, and is the trial's no longer.
 StoreTrials::Ticket StoreTrials::RevertOne(const std::string& name, const ChangeOrigin& origin) {
   const osa::PlainMutexLock lock(_mutex);
   for (int round = 0; round < kMaxRounds; ++round) {
-    Ticket ticket = 0;
     _trials.RequireRevertible(name, origin.client);
     const StoreAmendment revert = PlanRevert(name);
     try {
-      const bool isDone = IsNothing(revert) ? End(name, ticket) : _manager.Amend(revert, origin, ticket);
+      const Ticket ticket = IsNothing(revert) ? End(name) : Amend(name, revert, origin);
       _trials.DropReleased();
-      if (isDone) return ticket;
-      throw osa::Exception("Trial '%s' can't be reverted: its settings exclude one another", name.c_str());
+      return ticket;
     } catch (const TrialBook::OutdatedRevert&) {
       continue;
     }

@@ -32,7 +32,8 @@ class StoreTrials {
   StoreTrials(const StoreTrials&) = delete;
   StoreTrials& operator=(const StoreTrials&) = delete;
 
-  // Returns the ticket that a reply has to wait for.
+  // Returns the ticket that a reply has to wait for: it is durable once the trial is confirmed on the disk, whatever
+  // the durability of other changes is, or the disk has failed since. Refused while the disk takes no changes.
   Ticket Confirm(const std::string& name, const Client& client);
 
   // origin: the client's request.
@@ -61,7 +62,9 @@ class StoreTrials {
   bool RevertEach(FindNames findNames, const char* reason) noexcept;
   bool TryToRevert(const std::string& name, const char* reason);
   settings::server::StoreAmendment PlanRevert(const std::string& name);
-  bool End(const std::string& name, Ticket& ticket);
+  Ticket End(const std::string& name);
+  Ticket Amend(const std::string& name, const settings::server::StoreAmendment& revert,
+               const settings::server::ChangeOrigin& origin);
   bool IsPending(const std::string& name);
   void DescribeTrial(const std::string& name, core::IniFile& answer);
   void DescribeSettings(const std::string& name, core::IniFile::KeyMap& keys);

@@ -66,11 +66,23 @@ void SharedTrials::Commit(uint64_t revision) noexcept {
   SetTimer();
 }
 
-void SharedTrials::Confirm(const std::string& name, const Client& client) {
+size_t SharedTrials::PrepareConfirmation(const std::string& name, const Client& client) {
   const osa::PlainMutexLock lock(_mutex);
   _lines.Reserve(TrialBook::kMaxEndBytes);
-  _lines.AddReserved(_book.Confirm(name, client, _getTime()));
+  const std::string line = _book.SpellConfirmation(name, client, _getTime());
+  _lines.AddReserved(line);
+  return line.size();
+}
+
+void SharedTrials::Confirm(const std::string& name) {
+  const osa::PlainMutexLock lock(_mutex);
+  _book.Confirm(name, _getTime());
   SetTimer();
+}
+
+void SharedTrials::DropConfirmation(size_t bytes) {
+  const osa::PlainMutexLock lock(_mutex);
+  _lines.DropLast(bytes);
 }
 
 void SharedTrials::RequireRevertible(const std::string& name, const Client& client) {

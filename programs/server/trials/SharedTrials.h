@@ -22,8 +22,8 @@ namespace tavix::daemon {
 // store's persister, the words of clients and the reverts share.
 //
 // In order: as TrialBook; Confirm and EndReverted, too, are called with the store locked for reading. Whatever queues
-// lines (Commit, Confirm, EndReverted), and whatever says where they went, is called with the persister's lock held, so
-// that lines stand in journals in the order in which they came about.
+// lines (Commit, PrepareConfirmation, EndReverted), and whatever says where they went, is called with the persister's
+// lock held, so that lines stand in journals in the order in which they came about.
 //
 // Threads: any.
 // Locks:   its own mutex, inside all others.
@@ -58,7 +58,12 @@ class SharedTrials {
   // The change was made.
   void Commit(uint64_t revision) noexcept TAVIX_EXCLUDES(_mutex);
 
-  void Confirm(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
+  // Queues the line that confirms a trial, and returns how many bytes it has. Then Confirm makes that so, or
+  // DropConfirmation takes the line back, which no journal took.
+  size_t PrepareConfirmation(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
+  void Confirm(const std::string& name) TAVIX_EXCLUDES(_mutex);
+  void DropConfirmation(size_t bytes) TAVIX_EXCLUDES(_mutex);
+
   void RequireRevertible(const std::string& name, const Client& client) TAVIX_EXCLUDES(_mutex);
   void BeginPlan(const std::string& name) TAVIX_EXCLUDES(_mutex);
   OldSettings GetSettings(const std::string& name, const SettingName* last) TAVIX_EXCLUDES(_mutex);

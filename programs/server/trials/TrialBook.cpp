@@ -233,12 +233,15 @@ void TrialBook::RequireRevertible(const std::string& name, const Client& client)
   FindOwned(name, client);
 }
 
-std::string TrialBook::Confirm(const std::string& name, const Client& client, Time now) {
+std::string TrialBook::SpellConfirmation(const std::string& name, const Client& client, Time now) {
   Forget(now);
   RequireTime(name, FindOwned(name, client), now);
-  std::string lines = SpellEnd(name, NameOf(Trial::State::kConfirmed));
-  End(_trials[name], Trial::State::kConfirmed, now);
-  return lines;
+  return SpellEnd(name, NameOf(Trial::State::kConfirmed));
+}
+
+void TrialBook::Confirm(const std::string& name, Time now) {
+  Trial* const trial = FindPendingTrial(name);
+  if (trial) End(*trial, Trial::State::kConfirmed, now);
 }
 
 void TrialBook::BeginPlan(const std::string& name) {

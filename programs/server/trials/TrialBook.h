@@ -49,9 +49,10 @@ const char* NameOf(Trial::State state);
 // two nothing else changes the book. For a revert BeginPlan and GetSettings come first; then the change is prepared
 // like others, as ChangeOrigin has the name. Prepare refuses it by OutdatedRevert when the trial has changed meanwhile.
 //
-// What Commit, Confirm and EndReverted return are lines for the journal (TrialText.h). Spell and Load are the two ends
-// of a restart. A change costs what it is long and what it takes off trials, however large these are; one of which
-// other clients write nothing costs nothing. What trials hold together is bounded; what has ended is forgotten first.
+// What Commit, SpellConfirmation and EndReverted return are lines for the journal (TrialText.h). Spell and Load are the
+// two ends of a restart. A change costs what it is long and what it takes off trials, however large these are; one of
+// which other clients write nothing costs nothing. What trials hold together is bounded; what has ended is forgotten
+// first.
 //
 // Threads: one at a time.
 // Errors:  settings::server::RefusedChange for what a client may not do, std::bad_alloc; nothing is changed then.
@@ -76,7 +77,7 @@ class TrialBook : private ITrialLines {
   // Whether Commit has something to do.
   bool IsPrepared() const { return !_preparedLines.empty(); }
 
-  // Of the lines that Commit will return; and at most of those of Confirm and EndReverted.
+  // Of the lines that Commit will return; and at most of those of SpellConfirmation and EndReverted.
   size_t GetPreparedBytes() const { return _preparedLines.size(); }
   static constexpr size_t kMaxEndBytes = TrialOrder::kMaxNameBytes + 16;
 
@@ -86,8 +87,12 @@ class TrialBook : private ITrialLines {
   // Whether any change may matter.
   bool HasPending() const;
 
-  // Confirms it. Throws when the client may not, or there is no such trial.
-  std::string Confirm(const std::string& name, const Client& client, Time now);
+  // Returns the line that confirms it, which is pending still. Throws when the client may not, or there is no such
+  // trial.
+  std::string SpellConfirmation(const std::string& name, const Client& client, Time now);
+
+  // Confirms it: one that is pending, whose line stands in the journal.
+  void Confirm(const std::string& name, Time now);
 
   // Throws when the client may not revert it, or there is no such trial.
   void RequireRevertible(const std::string& name, const Client& client) const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -19,6 +20,9 @@ class TrialLines {
   // Asks for the memory of so many bytes that will be added.
   void Reserve(size_t bytes) { _text.reserve(_text.size() + bytes); }
   void AddReserved(std::string_view lines) noexcept { _text += lines; }
+
+  // Takes back what was added last, which no journal has.
+  void DropLast(size_t bytes) noexcept { _text.resize(_text.size() - std::min(bytes, _text.size())); }
 
   // The lines that the journal lacks, and that it has them now.
   std::string_view GetUnjournaled() const { return std::string_view(_text).substr(_journaled); }

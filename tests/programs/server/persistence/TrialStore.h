@@ -19,8 +19,8 @@ namespace tavix::test {
 // A store as the daemon has it: what was pending when the one before ended is reverted first.
 class TrialStore {
  public:
-  explicit TrialStore(daemon::FileSystem& files, size_t historyBytes = 0)
-      : _store(files, kAlways, "[D]\nx=default\n", std::chrono::hours(1), historyBytes, &_trials),
+  explicit TrialStore(daemon::FileSystem& files, size_t historyBytes = 0, daemon::Durability durability = kAlways)
+      : _store(files, durability, "[D]\nx=default\n", std::chrono::hours(1), historyBytes, &_trials),
         _ends(_store.GetManager(), _store.GetPersister(), _trials) {
     _ends.RevertAll();
   }

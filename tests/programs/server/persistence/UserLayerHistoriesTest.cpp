@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <random>
@@ -79,8 +80,10 @@ class RandomHistory {
 
   void MakeChange() {
     const Size size = Below(20) == 0 ? Size::kUnknown : Below(5) == 0 ? Size::kLarge : Size::kSmall;
-    const Steps steps = _state.OnChange(size, _now, 1);
+    const bool mustBeSynced = Below(10) == 0;
+    const Steps steps = _state.OnChange(size, _now, 1, mustBeSynced);
     const Ticket ticket = _state.GetLast();
+    if (mustBeSynced) _toBeSynced.insert(ticket);
     if (_isReleased && !steps.holdsChange) Show(ticket);
     if (_step != Step::kNone) _noted.insert(ticket);
     if (steps.write == Steps::Write::kLater) _pending.insert(ticket);
@@ -261,12 +264,30 @@ class RandomHistory {
     return {};
   }
 
+  // After a power cut.
+  Tickets FindSynced() const {
+    for (const auto& [number, journal] : _journals) {
+      if (journal.isInPlace) return journal.synced;
+    }
+    return {};
+  }
+
   // But for what was shown because the disk failed.
   void CheckThatShownIsSafe() {
     if (_state.HasFailed()) {
       _shownUnsafely = _shown;
     } else if (_shown > _shownUnsafely) {
       EXPECT_LT(_shown, FindFirstMissing(FindSafe()));
+      CheckThatWhatMustBeIsSynced();
+    }
+  }
+
+  void CheckThatWhatMustBeIsSynced() const {
+    const auto next = _toBeSynced.upper_bound(_shown);
+    if (next == _toBeSynced.begin()) return;
+    const Ticket last = *std::prev(next);
+    if (last > _shownUnsafely) {
+      EXPECT_LT(last, FindFirstMissing(FindSynced()));
     }
   }
 
@@ -309,9 +330,10 @@ class RandomHistory {
   std::map<JournalNames::Number, ModelJournal> _journals;
   std::optional<UserLayerState::Sync> _sync;
   std::optional<UserLayerState::LateWrite> _late;
-  Tickets _record;   // of the late write
-  Tickets _pending;  // what the current journal lacks
-  Tickets _noted;    // what the snapshot, or its next journal, lacks
+  Tickets _record;      // of the late write
+  Tickets _toBeSynced;  // before they are shown
+  Tickets _pending;     // what the current journal lacks
+  Tickets _noted;       // what the snapshot, or its next journal, lacks
   Step _step = Step::kNone;
   UserLayerState::SnapshotBegin _begin;
   JournalNames::Number _next = 0;

@@ -64,11 +64,15 @@ class TriedStore : private MemoryPersister {
     return reason;
   }
   std::string TryToConfirm(const std::string& name, const Client& other) {
-    return ReasonOf([&] { lines += book.Confirm(name, other, now); });
+    return ReasonOf([&] { Confirm(name, other); });
   }
 
   void Merge(const std::string& settings) { manager.MergeSettings(DocumentOf(settings), 0); }
-  void Confirm(const std::string& name) { lines += book.Confirm(name, client, now); }
+  void Confirm(const std::string& name) { Confirm(name, client); }
+  void Confirm(const std::string& name, const Client& other) {
+    lines += book.SpellConfirmation(name, other, now);
+    book.Confirm(name, now);
+  }
 
   settings::server::StoreAmendment PlanRevert(const std::string& name) {
     settings::server::StoreAmendment revert;
