@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/HistoryText.h"
 #include "programs/server/persistence/JournalText.h"
 
@@ -44,6 +45,25 @@ size_t FindNewValues(std::vector<HistoryEntry>& entries, std::string_view set) {
 }
 
 }  // namespace
+
+uint64_t FoundHistory::GetFirst() const {
+  uint64_t first = 0;
+  for (const auto* some : {&entries, &inSnapshot}) {
+    if (!some->empty() && (first == 0 || some->begin()->first < first)) first = some->begin()->first;
+  }
+  return first;
+}
+
+void FoundHistory::AddSnapshot(std::string_view text) {
+  for (HistoryReader reader(text); reader.Next();) {
+    for (HistoryEntry& entry : ReadEntries(reader.GetLines())) inSnapshot.emplace(entry.revision, std::move(entry));
+  }
+}
+
+void FoundHistory::UseSnapshot(uint64_t fileEnd) {
+  inSnapshot.erase(inSnapshot.begin(), inSnapshot.upper_bound(fileEnd));
+  entries.merge(inSnapshot);
+}
 
 bool FoundHistory::Add(const JournalReader& record) {
   std::vector<HistoryEntry> found = ReadEntries(record.GetRemoved());

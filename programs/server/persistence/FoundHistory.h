@@ -15,8 +15,9 @@ class JournalReader;
 
 // What was found of the history at start beside FILE.history.
 struct FoundHistory {
-  std::optional<uint64_t> snapshotRevision;  // empty: the snapshot has none
-  std::map<uint64_t, HistoryEntry> entries;  // of the journal's changes, also of those that the snapshot holds
+  std::optional<uint64_t> snapshotRevision;     // empty: the snapshot has none
+  std::map<uint64_t, HistoryEntry> entries;     // of the journal's changes, also of those that the snapshot holds
+  std::map<uint64_t, HistoryEntry> inSnapshot;  // of changes that no journal may have
   bool lacksEntries = false;  // records changed the user settings without one, and no revision is left out for that
   bool wasEdited = false;     // the snapshot is not what its last change left
 
@@ -38,6 +39,13 @@ struct FoundHistory {
     for (auto entry = entries.begin(); entry != entries.end();)
       entry = has(entry->first) ? entries.erase(entry) : std::next(entry);
   }
+
+  // The first that a journal or the snapshot has; 0: neither has any.
+  uint64_t GetFirst() const;
+
+  // Adds the entries that stand in the snapshot itself; and takes those that a file lacks, which ends with a revision.
+  void AddSnapshot(std::string_view text);
+  void UseSnapshot(uint64_t fileEnd);
 
   // Adds the entries of a record, of changes that the snapshot holds. Returns whether there are any.
   bool Add(const JournalReader& record);

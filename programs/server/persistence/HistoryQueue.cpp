@@ -29,7 +29,12 @@ void HistoryQueue::Load(const FoundHistory& found, uint64_t inFile) {
   }
   if (found.lacksEntries || found.wasEdited || revision < _last) ++_last;
   if (before < _last) AppendGap(_last);
-  _journaled = _last;
+  _journaled = _synced = _last;
+}
+
+void HistoryQueue::Follow() {
+  _journaled = _nextJournaled;
+  OnSynced(_snapshotLast);
 }
 
 void HistoryQueue::AppendGap(uint64_t revision) {
@@ -68,12 +73,12 @@ void HistoryQueue::DropFirst() {
   _entries.pop_front();
 }
 
-HistoryItems HistoryQueue::GetUpTo(uint64_t revision) const {
+// Behind the first revision, up to the other.
+HistoryItems HistoryQueue::FindBetween(uint64_t revision, uint64_t last) const {
   HistoryItems items;
-  for (const auto& entry : _entries) {
-    if (entry->revision > revision) break;
-    items.push_back(entry);
-  }
+  auto entry = std::partition_point(_entries.begin(), _entries.end(),
+                                    [revision](const auto& some) { return some->revision <= revision; });
+  for (; entry != _entries.end() && (*entry)->revision <= last; ++entry) items.push_back(*entry);
   return items;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -50,14 +51,21 @@ class HistoryQueue {
   std::string GetUnjournaled() const { return SpellBehind(_journaled); }
   void OnJournaled() { _journaled = _last; }
 
+  // The last that the journal has; and that the disk has the journal up to one.
+  uint64_t GetJournaled() const { return _journaled; }
+  void OnSynced(uint64_t revision) { _synced = std::max(_synced, revision); }
+
+  // What a power cut may take from the journal, or what it lacks.
+  HistoryItems FindUnsynced() const { return FindBetween(_synced, _last); }
+
   // The same for the next journal.
-  void BeginSnapshot() { _nextJournaled = _last; }
+  void BeginSnapshot() { _nextJournaled = _snapshotLast = _last; }
   std::string GetUnjournaledByNext() const { return SpellBehind(_nextJournaled); }
   void OnNextJournaled() { _nextJournaled = _last; }
-  void Follow() { _journaled = _nextJournaled; }
+  void Follow();
 
   // The entries up to a revision, for the file; and that it has them, or that they are lost.
-  HistoryItems GetUpTo(uint64_t revision) const;
+  HistoryItems GetUpTo(uint64_t revision) const { return FindBetween(0, revision); }
   void DropUpTo(uint64_t revision);
 
   // Entries below a revision, the newest first: one, and further ones as long as all have no more than so many bytes.
@@ -67,6 +75,7 @@ class HistoryQueue {
 
  private:
   std::string SpellBehind(uint64_t revision) const;
+  HistoryItems FindBetween(uint64_t revision, uint64_t last) const;
   void Append(uint64_t revision, HistoryLines&& lines);
   void AppendGap(uint64_t revision);
   uint64_t GetFirst() const { return _entries.front()->revision; }
@@ -78,6 +87,8 @@ class HistoryQueue {
   uint64_t _last = 0;
   uint64_t _lastLost = 0;
   uint64_t _journaled = 0;      // the journal has the entries up to this one
+  uint64_t _synced = 0;         // the disk has them up to this one, in the journal or the snapshot
+  uint64_t _snapshotLast = 0;   // at the moment of the last snapshot
   uint64_t _nextJournaled = 0;  // the snapshot, or the next journal, has them up to this one
 };
 

@@ -313,7 +313,7 @@ std::optional<SyncRound> SharedUserLayer::BeginSync() {
   if (!_state.GetSyncTime()) return std::nullopt;
   _gather.OnBegun(now, _state.GetWritten());
   if (_watch.Begin(now)) _wakeSnapshot.notify_one();
-  return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr))};
+  return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr)), _history.GetJournaled()};
 }
 
 bool SharedUserLayer::TakePlace(const SyncRound& round) {
@@ -339,6 +339,7 @@ void SharedUserLayer::OnSynced(const SyncRound& round) {
   const osa::PlainMutexLock lock(_mutex);
   _gather.OnReleased(Clock::now());
   EndDiskWork();
+  if (round.journal == _journal) _history.OnSynced(round.revision);
   Perform(_state.OnSynced(round.sync));
 }
 

@@ -55,6 +55,7 @@ SnapshotMoment SharedUserLayer::BeginSnapshot() {
   SnapshotMoment moment;
   if (_setup.trials) moment.trials = _setup.trials->BeginSnapshot();
   const UserLayerState::SnapshotBegin begin = _state.OnSnapshotBegun();
+  moment.entries = _history.FindUnsynced();
   _history.BeginSnapshot();
   moment.revision = _history.GetLast();
   moment.last = begin.last;

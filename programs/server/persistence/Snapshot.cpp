@@ -86,6 +86,17 @@ std::optional<uint64_t> FindRevision(std::string_view text) {
   return revision;
 }
 
+// Behind the line with the revision.
+std::string_view FindEntries(std::string_view text) {
+  const size_t begin = text.find('\n', kFirstLine.size()) + 1;
+  size_t end = begin;
+  while (end < text.size() && text[end] == '#' && text.compare(end, kLastLine.size(), kLastLine) != 0) {
+    const size_t feed = text.find('\n', end);
+    end = feed == std::string_view::npos ? text.size() : feed + 1;
+  }
+  return text.substr(begin, end - begin);
+}
+
 bool Parse(const std::string& path, const FileContent& content, Snapshot& snapshot) {
   try {
     snapshot.settings.LoadFromMemory(content.bytes, path);
@@ -149,6 +160,7 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
   snapshot.bytes = content.bytes.size();
   snapshot.hasLongLine = HasLongLine(content.bytes);
   snapshot.revision = FindRevision(content.bytes);
+  if (snapshot.revision) snapshot.entries = FindEntries(content.bytes);
   snapshot.problem = FindDamage(content, line);
   if (!snapshot.problem.empty()) snapshot.problem = "'" + path + "': " + snapshot.problem;
   if (!snapshot.problem.empty() || !Parse(path, content, snapshot)) {

@@ -41,6 +41,7 @@ struct Snapshot {
   size_t bytes = 0;
   bool hasLongLine = false;
   std::optional<uint64_t> revision;  // of its last change; empty: history was off
+  std::string entries;               // of the history, which no journal may have
 
   SnapshotId GetId() const { return {end.generation, checksum}; }
   core::IniFile settings;

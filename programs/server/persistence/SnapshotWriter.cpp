@@ -18,6 +18,13 @@ namespace {
 constexpr int kMaxRounds = 8;
 constexpr size_t kBytesAround = 512;  // a text, its first and its last line
 
+// A power cut may come before the history has them, and leave no journal that does.
+std::string SpellEntries(const HistoryItems& entries) {
+  std::string text;
+  for (const auto& entry : entries) text += SealEntry(entry->revision, entry->lines);
+  return text;
+}
+
 }  // namespace
 
 SnapshotWriter::SnapshotWriter(SharedUserLayer& layer, UserSettingsFiles& files, HistoryFile& history,
@@ -68,10 +75,12 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
     moment = _layer.BeginSnapshot();
   });
   moment.end.written = GetTimeOfSnapshot();
+  const std::string entries = SpellEntries(moment.entries);
   core::StringOstream out;
-  out.Reserve(layerText.CountBytes() + kBytesAround);
+  out.Reserve(layerText.CountBytes() + entries.size() + kBytesAround);
   daemon::BeginSnapshot(out);
   if (_layer.GetSetup().historyBytes > 0 || moment.revision > 0) WriteRevision(out, moment.revision);
+  out.Append(entries);
   layerText.MoveTo(out);
   Text text;
   text.snapshot.id = daemon::EndSnapshot(out, moment.end);

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "programs/server/persistence/ChangedGroups.h"
+#include "programs/server/persistence/HistoryText.h"
 #include "programs/server/persistence/Journal.h"
 #include "programs/server/persistence/NotedChanges.h"
 #include "programs/server/persistence/Snapshot.h"
@@ -22,6 +24,7 @@ enum class SnapshotWork { kStop, kLog, kSnapshot };
 struct SyncRound {
   std::shared_ptr<Journal> journal;
   UserLayerState::Sync sync;
+  uint64_t revision = 0;  // of the last change whose entry it covers
 };
 
 // The groups that became pending since they were taken before, for a change that is made of them.
@@ -49,6 +52,7 @@ struct SnapshotMoment {
   UserLayerState::Ticket last = 0;
   uint64_t revision = 0;  // of the last change
   std::string trials;     // that are pending, as lines
+  HistoryItems entries;   // of its changes that may be in no journal behind a power cut
 };
 
 }  // namespace tavix::daemon

@@ -105,6 +105,7 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   found.snapshotBytes = snapshot.bytes;
   found.hasLongLine = snapshot.hasLongLine;
   found.history.snapshotRevision = snapshot.revision;
+  found.history.AddSnapshot(snapshot.entries);
   found.history.wasEdited = snapshot.revision && snapshot.state == Snapshot::State::kEdited;
   ApplyJournal(snapshot, mayRepair, found);
   if (!mayRepair) return found;

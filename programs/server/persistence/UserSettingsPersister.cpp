@@ -51,9 +51,9 @@ void UserSettingsPersister::LoadUserSettings(SettingsCombiner& combiner) {
 // that one has lost its name.
 void UserSettingsPersister::LoadHistory(FoundUserSettings& found) {
   const bool goesOn = found.journal && !found.mustBeWritten;
-  const uint64_t journalBegin = found.history.entries.empty() ? 0 : found.history.entries.begin()->first;
-  const uint64_t historyEnd = _history.Load(journalBegin, found.problems);
+  const uint64_t historyEnd = _history.Load(found.history.GetFirst(), found.problems);
   found.history.DropEntries([this](uint64_t revision) { return _history.Has(revision); });
+  found.history.UseSnapshot(historyEnd);
   _layer.Load(found, historyEnd);
   const uint64_t last = goesOn ? found.history.snapshotRevision.value_or(0) : found.history.GetRevision();
   const HistoryItems items = _layer.GetHistoryUpTo(last);

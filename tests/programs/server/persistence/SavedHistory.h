@@ -25,10 +25,10 @@ struct SavedHistory {
     daemon::FoundUserSettings found = daemon::UserSettingsFiles(files, kUserFile).Find(true);
     problems = std::move(found.problems);
     settings = TextOf(found.settings);
-    const auto& journal = found.history.entries;
     daemon::HistoryFile file(files, kUserFile, kHistoryBytes);
-    const uint64_t last = file.Load(journal.empty() ? 0 : journal.begin()->first, problems);
+    const uint64_t last = file.Load(found.history.GetFirst(), problems);
     found.history.DropEntries([&](uint64_t revision) { return file.Has(revision); });
+    found.history.UseSnapshot(last);
     uint64_t below = daemon::KeptHistory::kNewest;
     while (const auto part = file.FindPart(below)) {
       const std::string bytes = file.ReadPart(*part, part->bytes).value_or("");
