@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <iostream>
+#include <random>
 #include <string>
 
+#include "tests/programs/server/persistence/EarlierReader.h"
+#include "tests/programs/server/persistence/RandomChanges.h"
 #include "tests/programs/server/persistence/SavedHistory.h"
 #include "tests/programs/server/persistence/TrialStore.h"
 #include "tests/support/MemoryFiles.h"
@@ -72,6 +76,40 @@ TEST_F(EarlierFiles, OfACrashAreReadAndGoOnWithAHistoryAndTrials) {
   EXPECT_EQ(store.GetUser(), kSettings);
   EXPECT_EQ(store.GetStore().GetHistory()->GetRange().oldest, 0u);
   EXPECT_EQ(store.GetStore().GetHistory()->GetRange().last, 2u);
+}
+
+// The other way round. Of its own files the earlier reader is right, too.
+TEST_F(EarlierFiles, AreReadByTheRulesOfTheirTime) {
+  files.Put(kJournal, kEarlierJournal);
+  EXPECT_EQ(TextOf(EarlierReader(files).GetSettings()),
+            "[A]\nx=2\nz=3\n[B]\ny=2\n[TavixSettings/Data/DeletedGroups]\nB=B\nD=D\n");
+}
+
+TEST_F(EarlierFiles, RulesReadTodaysOfACrashAndOfAnOrderedEnd) {
+  const unsigned int seed = std::random_device()();
+  std::cout << "seed " << seed << std::endl;
+  RandomChanges changes(seed);
+  size_t records = 0;
+  for (int life = 0; life < 8; ++life) {
+    std::string user;
+    {
+      TrialStore store(files, kHistoryBytes);
+      for (int change = 0; change < 20; ++change) {
+        const std::string trial = change % 5 == 0 ? "60 t" + std::to_string(change) : "";
+        changes.MakeOne(store.GetStore().GetManager(), {TrialStore::kClient, "merge", "a note", trial});
+        if (life % 3 == 0 && change == 10) store.MakeSnapshotDue();
+      }
+      store.AwaitDurable();
+      EXPECT_TRUE(life % 2 != 0 || store.Finish());
+      user = store.GetUser();
+      store.Crash();
+    }
+    const EarlierReader found(files);
+    ASSERT_EQ(TextOf(found.GetSettings()), user) << life;
+    records += found.CountRecords();
+  }
+  EXPECT_GT(records, 0u);
+  EXPECT_NE(files.Get(kUserFile).find("\n# Revision "), std::string::npos);
 }
 
 }  // namespace tavix::test

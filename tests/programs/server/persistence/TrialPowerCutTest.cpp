@@ -8,6 +8,8 @@
 #include <set>
 #include <string>
 
+#include "programs/server/persistence/Checkpoints.h"
+#include "tavix/core/MemoryStream.h"
 #include "tests/programs/server/persistence/TrialStore.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/MemoryFiles.h"
@@ -17,8 +19,11 @@
 
 namespace tavix::test {
 
+using daemon::Checkpoints;
+
 namespace {
 
+constexpr char kCheckpoint[] = "c";
 constexpr size_t kNoHistory = 0;
 constexpr size_t kHistory = 4 * 1024 * 1024;
 
@@ -67,19 +72,6 @@ TEST(TrialPowerCut, KeepsWhatWasConfirmedBeforeACrash) {
     store.Crash();
   }
   EXPECT_EQ(UserAfter(files.GetImage()), "[A]\nx=2\n");
-}
-
-TEST(TrialPowerCut, ConfirmIsDurableBeforeItsReply) {
-  MemoryFiles files;
-  TrialStore store(files);
-  store.Merge("[A]\nx=1\n");
-  store.Try("60 t", "[A]\nx=2\n");
-  store.AwaitDurable();
-  store.Confirm("t");
-  const auto operations = files.GetOperations();
-  PowerCuts cuts({}, operations, 1);
-  while (cuts.Advance()) continue;
-  EXPECT_EQ(UserAfter(cuts.Cut()), "[A]\nx=2\n");
 }
 
 TEST(TrialPowerCut, KeepsWhatAnotherClientWroteBeforeACrash) {
@@ -144,12 +136,15 @@ class TrialLife {
  public:
   explicit TrialLife(size_t historyBytes) : _historyBytes(historyBytes) {
     TrialStore store(_files, historyBytes);
+    Checkpoints checkpoints(_files, kUserFile, 1);
+    const auto keep = [&] { KeepCheckpoint(store, checkpoints); };
     Expect(
         store, {""}, [&] { store.Merge("[A]\nx=1\n"); }, "[A]\nx=1\n");
     Expect(
         store, {}, [&] { store.Try("60 t", "[A]\nx=2\n[B]\ny=2\n"); }, "[A]\nx=1\n");
     Expect(
         store, {}, [&] { store.MakeSnapshotDue(); }, "[A]\nx=1\n");
+    Expect(store, {}, keep, "[A]\nx=1\n");
     Expect(
         store, {}, [&] { store.Merge("[B]\ny=2\n"); }, "[A]\nx=1\n[B]\ny=2\n");
     Expect(
@@ -158,6 +153,7 @@ class TrialLife {
         store, {}, [&] { store.MakeSnapshotDue(); }, "[A]\nx=1\n[B]\ny=2\n");
     Expect(
         store, {}, [&] { store.Confirm("u"); }, "[A]\nx=3\n[B]\ny=2\n");
+    Expect(store, {}, keep, "[A]\nx=3\n[B]\ny=2\n");
     Expect(
         store, {}, [&] { store.TryToOverwrite("60 v", "B"); }, "[A]\nx=3\n[B]\ny=2\n");
     Expect(
@@ -174,7 +170,8 @@ class TrialLife {
   std::string FindFault(const MemoryFiles::Image& image, size_t time) const {
     MemoryFiles files(image);
     TrialStore store(files, _historyBytes);
-    const std::string fault = _historyBytes > 0 ? FindHistoryFault(store, _states, FindShown(time)) : "";
+    std::string fault = _historyBytes > 0 ? FindHistoryFault(store, _states, FindShown(time).revision) : "";
+    if (fault.empty() && _historyBytes > 0) fault = FindCheckpointFault(files, FindShown(time).checkpoint);
     if (!fault.empty()) return "at operation " + std::to_string(time) + " " + fault;
     core::IniFile document = DocumentOf(store.GetUser());
     document.RemoveGroup("Large");
@@ -193,22 +190,43 @@ class TrialLife {
     size_t ended = 0;
     std::set<std::string> allowed;
     uint64_t revision = 0;
+    uint64_t checkpoint = 0;  // the revision that the checkpoint has; 0: there is none
   };
 
-  // The last revision that anybody was shown at that time.
-  uint64_t FindShown(size_t time) const {
-    uint64_t shown = 0;
+  // The last step that has ended at that time.
+  Step FindShown(size_t time) const {
+    Step shown;
     for (const Step& step : _steps) {
-      if (step.ended <= time) shown = step.revision;
+      if (step.ended <= time) shown = step;
     }
     return shown;
+  }
+
+  // As the word `checkpoint` does it.
+  void KeepCheckpoint(TrialStore& store, Checkpoints& checkpoints) {
+    if (_historyBytes == 0) return;
+    core::StringOstream text;
+    _checkpoint = store.GetStore().GetHistory()->GetRange().last;
+    Checkpoints::Begin(text, _checkpoint);
+    text.Append(store.GetUser());
+    checkpoints.Save(kCheckpoint, text);
+  }
+
+  // shown: the revision of the checkpoint that somebody knows of.
+  std::string FindCheckpointFault(MemoryFiles& files, uint64_t shown) const {
+    const Checkpoints checkpoints(files, kUserFile, 1);
+    if (checkpoints.List().empty()) return shown == 0 ? "" : "the checkpoint is lost";
+    const Checkpoints::Checkpoint found = checkpoints.Load(kCheckpoint);
+    const auto state = _states.find(found.revision);
+    const bool isWhole = state != _states.end() && state->second == TextOf(found.settings);
+    return isWhole && found.revision >= shown ? "" : "the checkpoint holds something else";
   }
 
   // A step leads from what a start led to before to what it leads to from then on.
   template <class Action>
   void Expect(TrialStore& store, std::set<std::string> allowed, Action action, const std::string& after) {
     // Without a hole between two steps: a snapshot may go on there.
-    Step step{_steps.empty() ? _files.CountOperations() : _steps.back().ended, 0, std::move(allowed), 0};
+    Step step{_steps.empty() ? _files.CountOperations() : _steps.back().ended, 0, std::move(allowed), 0, 0};
     if (!_steps.empty()) step.allowed.insert(_last);
     step.allowed.insert(after);
     action();
@@ -217,6 +235,7 @@ class TrialLife {
       step.revision = store.GetStore().GetHistory()->GetRange().last;
       _states[step.revision] = store.GetUser();
     }
+    step.checkpoint = _checkpoint;
     step.ended = _files.CountOperations();
     _last = after;
     _steps.push_back(step);
@@ -227,6 +246,7 @@ class TrialLife {
   std::vector<Step> _steps;
   std::map<uint64_t, std::string> _states{{0, ""}};  // by their revisions
   std::string _last;
+  uint64_t _checkpoint = 0;
 };
 
 }  // namespace
