@@ -17,6 +17,7 @@ struct FileFaultControl {
   std::atomic<uint64_t> calls;      // how many there were, this process and those before
   std::atomic<uint64_t> failsFrom;  // the number of the first call that fails, ...
   std::atomic<uint64_t> failsTo;    // ... of the last; 0: none does
+  std::atomic<uint64_t> killsAt;    // before the call of that number the process is killed; 0: never
   std::atomic<int> error;           // what a failing call leaves in errno; or kShortWrite: a write writes half
 
   std::atomic<uint64_t> syncs;        // of files' content, begun
@@ -24,7 +25,8 @@ struct FileFaultControl {
   std::atomic<uint32_t> heldSyncs;    // how many stand there
   std::atomic<uint32_t> holdsWrites;  // the same for writes, and for taking room for them
   std::atomic<uint32_t> heldWrites;
-  char heldName[kLongestName];  // the part of a path that tells which are held; empty: all. Set before a hold
+  std::atomic<int64_t> clockShift;  // in seconds: how much later the wall clock is; the monotonic one never is
+  char heldName[kLongestName];      // the part of a path that tells which are held; empty: all. Set before a hold
 };
 
 }  // namespace tavix::test

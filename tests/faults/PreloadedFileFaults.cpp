@@ -1,5 +1,6 @@
 // Loaded into a process before its C library, this makes calls on files below one directory fail as a test wants it:
-// FileFaultControl.h. The calls are those that change something there, or make a change durable.
+// FileFaultControl.h. The calls are those that change something there, or make a change durable. It moves the wall
+// clock as well, which stamps these files.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -7,14 +8,17 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "tests/faults/FileFaultControl.h"
 
@@ -71,6 +75,7 @@ struct OpenPath {
 int TakeFault() {
   FileFaultControl& control = *Control();
   const uint64_t number = control.calls.fetch_add(1) + 1;
+  if (number == control.killsAt) syscall(SYS_kill, syscall(SYS_getpid), SIGKILL);
   return number >= control.failsFrom && number <= control.failsTo ? control.error.load() : 0;
 }
 
@@ -154,6 +159,12 @@ int Allocate(const char* name, int descriptor, int mode, Offset offset, Offset s
   StandInWrite(descriptor);
   if (FailsOn(descriptor)) return -1;
   return Next<int(int, int, Offset, Offset)>(name)(descriptor, mode, offset, size);
+}
+
+// Of the wall clock, however exact.
+int64_t ShiftOf(clockid_t clock) {
+  const bool isWallClock = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+  return isWallClock && Control() ? Control()->clockShift.load() : 0;
 }
 
 }  // namespace
@@ -248,6 +259,32 @@ TAVIX_REPLACES int futimens(int descriptor, const struct timespec times[2]) noex
 TAVIX_REPLACES int __futimens64(int descriptor, const void* times) noexcept {
   if (tavix::test::FailsOn(descriptor)) return -1;
   return tavix::test::Next<int(int, const void*)>("__futimens64")(descriptor, times);
+}
+
+TAVIX_REPLACES int clock_gettime(clockid_t clock, struct timespec* time) noexcept {
+  const int result = tavix::test::Next<int(clockid_t, struct timespec*)>("clock_gettime")(clock, time);
+  if (result == 0) time->tv_sec += static_cast<time_t>(tavix::test::ShiftOf(clock));
+  return result;
+}
+
+// What it is called on 32 bits, with times after 2038: the seconds come first, in 64 bits.
+TAVIX_REPLACES int __clock_gettime64(clockid_t clock, void* time) noexcept {
+  const int result = tavix::test::Next<int(clockid_t, void*)>("__clock_gettime64")(clock, time);
+  if (result == 0) *static_cast<int64_t*>(time) += tavix::test::ShiftOf(clock);
+  return result;
+}
+
+TAVIX_REPLACES int gettimeofday(struct timeval* time, void* zone) noexcept {
+  const int result = tavix::test::Next<int(struct timeval*, void*)>("gettimeofday")(time, zone);
+  if (result == 0 && time) time->tv_sec += static_cast<time_t>(tavix::test::ShiftOf(CLOCK_REALTIME));
+  return result;
+}
+
+TAVIX_REPLACES time_t time(time_t* result) noexcept {
+  struct timespec now {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  if (result) *result = now.tv_sec;
+  return now.tv_sec;
 }
 
 TAVIX_REPLACES int rename(const char* from, const char* to) noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -44,6 +45,12 @@ class FileFaults {
   // These calls fail, counted from 1, until it is said otherwise. error: as errno has it, or kShortWrite.
   void Fail(int error, uint64_t from = 1, uint64_t to = kForEver);
   void Succeed() { _control->failsTo = 0; }
+
+  // The daemon is killed before that call, counted from 1 as of now; 0: it is not.
+  void KillBefore(uint64_t call) { _control->killsAt = call == 0 ? 0 : CountCalls() + call; }
+
+  // Its wall clock is that much later than the system's from now on. Nobody moves the monotonic clock of a system.
+  void MoveClock(std::chrono::seconds later) { _control->clockShift = later.count(); }
 
   // Syncs of files stand still, until LetSyncsGo or the end. name: what the files' paths hold.
   void HoldSyncs(const std::string& name = "");
