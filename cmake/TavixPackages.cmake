@@ -30,7 +30,11 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   set(package ${package_of_${component}})
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package})
-  install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
+  set(license ${PROJECT_SOURCE_DIR}/LICENSE)
+  if(EXISTS ${debian}/${component}/copyright) # of one that also holds files of others
+    set(license ${debian}/${component}/copyright)
+  endif()
+  install(FILES ${license} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
           COMPONENT ${component} RENAME copyright EXCLUDE_FROM_ALL)
   install(FILES ${debian}/changelog DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component}
           RENAME changelog.Debian EXCLUDE_FROM_ALL)

@@ -15,9 +15,10 @@
 
 namespace tavix::web {
 
-// What is shown of groups. A plain value that does not change.
+// What is shown of groups, and whether anybody may write. A plain value that does not change.
 struct View {
   bool showsRestricted = false;
+  bool isReadOnly = false;
   std::string salt;  // of the versions of groups whose values are masked
 
   bool IsMasked(const std::string& group) const;

@@ -54,6 +54,7 @@ Response ShowStatus(Call& call) {
   json features = json::array();
   for (const std::string& feature : call.link.GetFeatures()) features.push_back(NameToJson(feature));
   status["features"] = features;
+  status["read_only"] = call.view.isReadOnly;
   return JsonResponse(status);
 }
 

@@ -49,7 +49,7 @@ Server::Server(const Options& options, Access& access, const std::vector<Listene
       _bodies(std::max(kMaxLargeBodies * options.maxBodyBytes, kMinMemoryBudget)),
       _answers(kMaxLargeAnswers * options.maxAnswerBytes),
       _bounds{options.maxAnswerBytes, _answers},
-      _view{options.showsRestricted, MakeSecret()},
+      _view{options.showsRestricted, options.isReadOnly, MakeSecret()},
       _wakeup(_base,
               [this] {
                 SendDone(_workers);

@@ -1,0 +1,135 @@
+// Who changed what, and the way back. A rollback shows what it would change before it does so.
+import { useEffect, useState } from './vendor/standalone.module.js';
+import { changed } from './live.js';
+import { ask, canWrite, go, has, refreshPending } from './store.js';
+import { count, showAuthor, showTime, spellName, spellValue, toName } from './text.js';
+import { Badge, ChangeTable, Confirm, Dialog, html, Loading, ProblemBox, TrialChoice, useAction, useLoad, View } from './ui.js';
+
+const kPage = 30;
+
+// to: a revision, or "@NAME" of a checkpoint.
+function RollbackDialog({ to, label, pattern, onDone, onClose }) {
+  const body = { to, ...(pattern ? { pattern } : {}) };
+  const [seconds, setSeconds] = useState(0);
+  const { data, problem, isLoading } = useLoad(() => ask('POST', 'rollback', { body: { ...body, dryRun: true } }), [to, pattern]);
+  const [run, isBusy, failure] = useAction();
+  const confirm = async () => {
+    const answer = await run(() => ask('POST', 'rollback', { body: seconds > 0 ? { ...body, confirm: seconds } : body }));
+    if (!answer) return;
+    refreshPending();
+    onDone(`${count(answer.changes.length, 'setting')} went back.`);
+  };
+  const number = data?.changes.length ?? 0;
+  return html`<${Dialog} title="Bring back" onClose=${onClose} isWide>
+    <p>Settings ${pattern ? html`of <code>${spellName(pattern)}</code> ` : ''}go back to ${label}. What others have changed since goes back as well.</p>
+    <${Loading} isLoading=${isLoading} isEmpty=${!data} />
+    ${data ? html`<${ChangeTable} caption="What changes" changes=${data.changes} />` : null}
+    ${number > 0 && has('trial') ? html`<${TrialChoice} seconds=${seconds} onChange=${setSeconds} />` : null}
+    <${ProblemBox} problem=${failure ?? problem} />
+    <footer><button type="button" onClick=${onClose}>Cancel</button>
+      <button type="button" class="primary" disabled=${isBusy || number === 0} onClick=${confirm}>Bring back ${count(number, 'setting')}</button></footer>
+  </${Dialog}>`;
+}
+
+function Revision({ revision, wantedKey, onRollback }) {
+  const changes = revision.changes.filter((change) => wantedKey === null || change.key === wantedKey);
+  const isGap = revision.command === 'gap';
+  return html`<li class="revision">
+    <header>
+      <strong>${revision.revision}</strong> <time datetime=${revision.time}>${showTime(revision.time)}</time>
+      <span class="quiet">${showAuthor(revision.by)}, ${spellValue(revision.command)}</span>
+      ${revision.trial ? html`<${Badge} kind="new">trial</${Badge}>` : null}
+      ${canWrite() && has('rollback') && !isGap ? html`<button type="button" aria-label=${`Bring back revision ${revision.revision}`} onClick=${onRollback}>Bring back…</button>` : null}
+    </header>
+    ${revision.note ? html`<p>“${spellValue(revision.note)}”</p>` : null}
+    ${isGap ? html`<p class="quiet">Revisions up to here are missing.</p>` : null}
+    ${revision.omitted_bytes ? html`<p class="quiet">Too large to be shown: ${count(revision.omitted_bytes, 'byte')}.</p>` : null}
+    ${changes.length > 0 ? html`<${ChangeTable} caption=${`Changes of revision ${revision.revision}`} changes=${changes} />` : null}
+  </li>`;
+}
+
+function Checkpoints({ onRollback }) {
+  const { data, problem, reload } = useLoad(() => ask('GET', 'checkpoints'), []);
+  const [name, setName] = useState('');
+  const [forgotten, setForgotten] = useState(null);
+  const [run, isBusy, failure] = useAction();
+  const keep = async (event) => {
+    event.preventDefault();
+    if (!await run(() => ask('POST', 'checkpoints', { body: { name } }))) return;
+    setName('');
+    reload();
+  };
+  const list = data?.checkpoints ?? [];
+  if (problem?.status === 501) return null; // this daemon keeps none
+  return html`<h2>Checkpoints</h2>
+    <p class="quiet">Copies of all that users set, which stay when the history no longer goes back so far.</p>
+    ${canWrite() ? html`<form class="tools" onSubmit=${keep}>
+      <label class="field">Keep what is set now as <input type="text" value=${name} pattern="[A-Za-z0-9._\\-]+" maxlength="64" spellcheck="false" autocomplete="off"
+        onInput=${(event) => setName(event.target.value)} /></label>
+      <button disabled=${isBusy || name === ''}>${list.some((one) => one.name === name) ? 'Replace' : 'Keep'}</button></form>` : null}
+    <${ProblemBox} problem=${failure ?? problem} />
+    <ul class="feed">${list.map((one) => html`<li key=${one.name}><strong>${spellName(one.name)}</strong>
+      <span class="quiet">${one.damaged ? `damaged: ${spellValue(one.damaged)}` : `${showTime(one.time)}, revision ${one.revision}`}</span>
+      ${canWrite() ? html`<span class="actions end">
+        ${has('rollback') && !one.damaged ? html`<button type="button" aria-label=${`Bring back checkpoint ${one.name}`} onClick=${() => onRollback({ to: `@${one.name}`, label: html`checkpoint <strong>${one.name}</strong>` })}>Bring back…</button>` : null}
+        <button type="button" class="danger-text" aria-label=${`Forget checkpoint ${one.name}`} onClick=${() => setForgotten(one.name)}>Forget…</button></span>` : null}
+    </li>`)}</ul>
+    ${data && list.length === 0 ? html`<p>None is kept.</p>` : null}
+    ${forgotten ? html`<${Confirm} title="Forget this checkpoint?" word="Forget" isDanger onClose=${() => setForgotten(null)}
+      act=${() => ask('DELETE', 'checkpoints', { query: { name: forgotten } })} onDone=${() => { setForgotten(null); reload(); }}>
+      <p><strong>${forgotten}</strong> goes for good. The settings stay as they are.</p></${Confirm}>` : null}`;
+}
+
+function Filter({ pattern }) {
+  const [text, setText] = useState(pattern === '' ? '' : spellName(pattern));
+  const submit = (event) => {
+    event.preventDefault();
+    go('history', text === '' ? {} : { pattern: toName(text) });
+  };
+  return html`<form class="tools" onSubmit=${submit}>
+    <label class="field">Groups, with “*” for any text
+      <input type="text" placeholder="all" value=${text} spellcheck="false" autocomplete="off" autocapitalize="off" onInput=${(event) => setText(event.target.value)} /></label>
+    <button>Show</button>
+  </form>`;
+}
+
+export function HistoryView({ query }) {
+  const pattern = query.get('pattern') ?? '';
+  const wantedKey = query.get('key');
+  const read = (before) => ask('GET', 'history', { query: { pattern: pattern === '' ? null : pattern, count: kPage, before } });
+  const { data, problem, isLoading, reload } = useLoad(() => read(null), [pattern]);
+  const [more, setMore] = useState({ revisions: [], next: null });
+  const [run, isBusy, moreProblem] = useAction();
+  const [goal, setGoal] = useState(null);
+  const [done, setDone] = useState('');
+  useEffect(() => setMore({ revisions: [], next: data?.next ?? null }), [data]);
+  useEffect(() => {
+    let timer = null;
+    const end = changed.subscribe(() => { timer ??= setTimeout(() => { timer = null; reload(); }, 500); });
+    return () => { end(); clearTimeout(timer); };
+  }, []);
+  const readMore = async () => {
+    const answer = await run(() => read(more.next));
+    if (answer) setMore({ revisions: [...more.revisions, ...answer.revisions], next: answer.next });
+  };
+  const finish = (text) => {
+    setGoal(null);
+    setDone(text);
+    reload();
+  };
+  const revisions = [...(data?.revisions ?? []), ...more.revisions]
+    .filter((one) => wantedKey === null || one.changes.some((change) => change.key === wantedKey));
+  return html`<${View} title="History">
+    <${Filter} key=${pattern} pattern=${pattern} />
+    ${wantedKey === null ? null : html`<p>Only changes of <code>${spellName(wantedKey)}</code>. <a href=${`#/history?${new URLSearchParams({ pattern })}`}>Show all of the group</a></p>`}
+    <p role="status">${done}</p>
+    <${ProblemBox} problem=${problem ?? moreProblem} />
+    <${Loading} isLoading=${isLoading} isEmpty=${!data} />
+    <ol class="revisions">${revisions.map((revision) => html`<${Revision} key=${revision.revision} revision=${revision} wantedKey=${wantedKey}
+      onRollback=${() => setGoal({ to: revision.revision, label: html`what they were after revision <strong>${revision.revision}</strong>` })} />`)}</ol>
+    ${data && revisions.length === 0 ? html`<p>No change is kept.</p>` : null}
+    ${more.next ? html`<button type="button" disabled=${isBusy} onClick=${readMore}>Show earlier ones</button>` : null}
+    ${has('history') ? html`<${Checkpoints} onRollback=${setGoal} />` : null}
+    ${goal ? html`<${RollbackDialog} to=${goal.to} label=${goal.label} pattern=${goal.to[0] === '@' ? '' : pattern} onDone=${finish} onClose=${() => setGoal(null)} />` : null}
+  </${View}>`;
+}
