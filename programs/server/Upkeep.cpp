@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "programs/server/LogSetup.h"
+#include "programs/server/metrics/Metrics.h"
 #include "tavix/core/Logger.h"
 #include "tavix/settings/server/ClientHandler.h"
 
@@ -43,7 +44,7 @@ Upkeep::Upkeep(const Options& options, const std::vector<GivenOption>& commandLi
       _serviceManager(serviceManager) {
   if (!options.metricsFile.empty()) {
     ClientHandler::TimeCommands();
-    _metricsFile.emplace(options.metricsFile, counters, manager);
+    _metricsFile.emplace(options.metricsFile, [&counters, &manager] { return ComposeMetrics(counters, manager); });
     _metrics.emplace("Metrics", std::chrono::seconds(options.metricsSeconds), [this] { _metricsFile->Write(); });
   }
   _serviceManager.Notify("READY=1\n" + GetStatus());

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "programs/common/MetricsFile.h"
 #include "programs/common/ServiceManager.h"
 #include "programs/server/metrics/Counters.h"
-#include "programs/server/metrics/MetricsFile.h"
 #include "programs/server/options/CommandLine.h"
 #include "programs/server/system/Periodic.h"
 #include "tavix/settings/server/SettingsManager.h"
@@ -39,7 +39,7 @@ class Upkeep {
   const std::string _addresses;
   const Counters& _counters;
   const programs::ServiceManager& _serviceManager;
-  std::optional<MetricsFile> _metricsFile;
+  std::optional<programs::MetricsFile> _metricsFile;
   std::optional<Periodic> _metrics;
   std::optional<Periodic> _watchdog;
 };

@@ -2,12 +2,13 @@
 
 #include <ctime>
 
-#include "programs/server/metrics/MetricsText.h"
+#include "programs/common/MetricsText.h"
 #include "programs/server/metrics/ProcessFigures.h"
 #include "tavix/settings/server/ClientHandler.h"
 
 namespace tavix::daemon {
 
+using programs::MetricsText;
 using settings::server::ClientHandler;
 using settings::server::SettingsManager;
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 // Builds figures in Prometheus' text format, version 0.0.4: families, each with its help, its type and its samples.
 //
@@ -32,4 +32,4 @@ class MetricsText {
   std::string _text;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -1,4 +1,4 @@
-#include "programs/server/metrics/MetricsFile.h"
+#include "programs/common/MetricsFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,13 +7,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
-#include "programs/server/metrics/Metrics.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Exception.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -25,9 +25,8 @@ constexpr mode_t kForEverybody = 0644;  // whatever the umask: a collector is an
 
 }  // namespace
 
-MetricsFile::MetricsFile(const std::string& path, const Counters& counters,
-                         const settings::server::SettingsManager& manager)
-    : _path(path), _newPath(_path + ".new"), _counters(counters), _manager(manager) {}
+MetricsFile::MetricsFile(const std::string& path, std::function<std::string()> compose)
+    : _path(path), _newPath(_path + ".new"), _compose(std::move(compose)) {}
 
 MetricsFile::~MetricsFile() {
   if (IsOurs()) unlink(_path.c_str());
@@ -35,7 +34,7 @@ MetricsFile::~MetricsFile() {
 
 void MetricsFile::Write() {
   try {
-    Replace(ComposeMetrics(_counters, _manager));
+    Replace(_compose());
     _fails = false;
   } catch (const std::exception& exception) {
     if (!_fails) core::Logger::GetLogger("MetricsFile")->Error("%s", exception.what());
@@ -79,4 +78,4 @@ bool MetricsFile::IsOurs() const {
          status.st_ino == _written->number;
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

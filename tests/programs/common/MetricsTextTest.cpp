@@ -1,4 +1,4 @@
-#include "programs/server/metrics/MetricsText.h"
+#include "programs/common/MetricsText.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 namespace tavix::test {
 
 TEST(MetricsText, EscapesLabelsAndWritesNumbersThatReadBack) {
-  daemon::MetricsText text;
+  programs::MetricsText text;
   text.BeginCounter("odd_total", "What it is.");
   text.Add(1ull, {{"a", "quote \" backslash \\ line\nend"}, {"b", ""}});
   text.BeginGauge("number", "Another.");

@@ -2,13 +2,11 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 
-#include "programs/server/metrics/Counters.h"
-#include "tavix/settings/server/SettingsManager.h"
-
-namespace tavix::daemon {
+namespace tavix::programs {
 
 // A file that always holds the latest figures, whole, for everybody to read: each time a new one takes its place. It is
 // not synced: after a power cut the figures would be of no use.
@@ -18,10 +16,10 @@ namespace tavix::daemon {
 // Errors:  none leave it. What fails is logged when it begins to fail.
 class MetricsFile {
  public:
-  // path: links are not followed. counters and manager outlive the file.
-  MetricsFile(const std::string& path, const Counters& counters, const settings::server::SettingsManager& manager);
+  // path: links are not followed. compose: makes the figures' text.
+  MetricsFile(const std::string& path, std::function<std::string()> compose);
 
-  // Takes the file away, unless another one took its place: the figures of a daemon that has ended are nobody's.
+  // Takes the file away, unless another one took its place: the figures of a process that has ended are nobody's.
   ~MetricsFile();
 
   MetricsFile(const MetricsFile&) = delete;
@@ -42,10 +40,9 @@ class MetricsFile {
 
   const std::string _path;
   const std::string _newPath;
-  const Counters& _counters;
-  const settings::server::SettingsManager& _manager;
+  const std::function<std::string()> _compose;
   std::optional<Identity> _written;  // that took the path's place last
   bool _fails = false;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -1,8 +1,8 @@
-#include "programs/server/metrics/MetricsText.h"
+#include "programs/common/MetricsText.h"
 
 #include <charconv>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 namespace {
 
@@ -49,4 +49,4 @@ void MetricsText::AddSample(const char* value, std::initializer_list<Label> labe
   _text.append(" ").append(value).append("\n");
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs
