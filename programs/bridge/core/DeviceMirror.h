@@ -63,6 +63,7 @@ class DeviceMirror : public Mirror {
   void Decide(Side side) override;
   void CompareAgain() override;
   MirrorState GetState() const override;
+  void FindDifferences(const TakeDifference& take) override;
 
  private:
   // What a link knows of the other end, in this order.
@@ -135,6 +136,7 @@ class DeviceMirror : public Mirror {
   std::string GetStatusState() const;
   std::map<std::string, unsigned long long> GetFigures() const;
   bool IsIdle() const;
+  GroupDifference CompareWithTargets(const std::string& group, const core::IniFile& settings) const;
 
   const Rules& _rules;
   const Limits _limits;

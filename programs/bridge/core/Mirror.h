@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 
+#include "programs/bridge/core/GroupDifference.h"
 #include "programs/bridge/core/Keys.h"
 #include "programs/bridge/engines/Engine.h"
 
@@ -58,6 +59,10 @@ class Mirror {
   virtual void CompareAgain() = 0;
 
   virtual MirrorState GetState() const = 0;
+
+  // Gives the groups of which both ends hold something else, in ascending order, until there is no room for more.
+  // Values of masked keys are not among them. LocalLost leaves this, too.
+  virtual void FindDifferences(const TakeDifference& take) = 0;
 };
 
 }  // namespace tavix::bridge

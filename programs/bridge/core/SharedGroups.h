@@ -52,6 +52,7 @@ class SharedGroups : public Mirror {
   void Decide(Side side) override;
   void CompareAgain() override;
   MirrorState GetState() const override;
+  void FindDifferences(const TakeDifference& take) override;
 
  private:
   // How much is known of the other end.
