@@ -76,8 +76,9 @@ EtcdSection ReadEtcd(Section& section) {
   return etcd;
 }
 
-Milliseconds TakeTime(Section& section, const char* key, Milliseconds byDefault, unsigned long long unit) {
-  const auto number = section.TakeNumber(key, static_cast<unsigned long long>(byDefault.count()) / unit, 0);
+Milliseconds TakeTime(Section& section, const char* key, Milliseconds byDefault, unsigned long long unit,
+                      unsigned long long min = 0) {
+  const auto number = section.TakeNumber(key, static_cast<unsigned long long>(byDefault.count()) / unit, min);
   return Milliseconds(static_cast<Milliseconds::rep>(number * unit));
 }
 
@@ -95,7 +96,7 @@ Limits ReadLimits(Section& section) {
   if (limits.deviceRate > 1000) section.Fail("rate", "it is 1000 at most");
   limits.deviceBurst = section.TakeNumber("burst", limits.deviceBurst);
   limits.spread = TakeTime(section, "spread", limits.spread, 1000);
-  limits.reconnectMin = TakeTime(section, "reconnect-min", limits.reconnectMin, 1000);
+  limits.reconnectMin = TakeTime(section, "reconnect-min", limits.reconnectMin, 1000, 1);
   limits.reconnectMax = TakeTime(section, "reconnect-max", limits.reconnectMax, 1000);
   if (limits.reconnectMax < limits.reconnectMin) section.Fail("reconnect-max", "it is not below reconnect-min");
   limits.reconnectStable = TakeTime(section, "reconnect-stable", limits.reconnectStable, 1000);
@@ -111,6 +112,9 @@ MapRule ReadMap(Section& section, const std::string& name) {
   MapRule map;
   map.name = name.substr(sizeof kMapPrefix - 1);
   map.pattern = section.TakeRequired("pattern");
+  if (map.pattern.find('\n') != std::string::npos || map.pattern == ".") {
+    section.Fail("pattern", "no request can hold '" + programs::SpellValue(map.pattern) + "'");
+  }
   section.TakeRequired("direction");
   map.direction = section.TakeWord<Direction>(
       "direction", {{"up", Direction::kUp}, {"down", Direction::kDown}, {"both", Direction::kBoth}});
@@ -125,8 +129,8 @@ void ReadBridge(Section& section, Configuration& configuration) {
   configuration.name = section.TakeRequired("name");
   RequireFileName(section, configuration.name);
   configuration.server = section.TakeText("server");
-  configuration.state = section.TakeText("state", "/var/lib/tavix-settings/bridge-" + configuration.name + ".db");
-  configuration.runtime = section.TakeText("runtime", "/run/tavix-settings");
+  configuration.state = section.TakeText("state", "/var/lib/tavix-settings/bridges/" + configuration.name + ".db");
+  configuration.runtime = section.TakeText("runtime", "/run/tavix-settings/bridges");
   configuration.never = section.TakeList("never");
   configuration.mask = section.TakeList("mask");
   for (const std::string& mask : configuration.mask) {

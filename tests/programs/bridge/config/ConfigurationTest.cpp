@@ -36,8 +36,8 @@ std::string FailureOf(const std::string& text) {
 
 TEST(Configuration, HasDefaultsForWhatIsNotThere) {
   const Configuration configuration = ParseConfiguration(kBridge + kMqtt + kMap, "b.conf");
-  EXPECT_EQ(configuration.state, "/var/lib/tavix-settings/bridge-cam.db");
-  EXPECT_EQ(configuration.runtime, "/run/tavix-settings");
+  EXPECT_EQ(configuration.state, "/var/lib/tavix-settings/bridges/cam.db");
+  EXPECT_EQ(configuration.runtime, "/run/tavix-settings/bridges");
   EXPECT_EQ(configuration.limits.maxGroups, 10'000u);
   EXPECT_EQ(configuration.limits.maxPendingBytes, 64u * 1024 * 1024);
   EXPECT_EQ(configuration.maps[0].winner, Side::kCentre);

@@ -1,0 +1,257 @@
+#include "programs/bridge/service/Service.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <csignal>
+#include <set>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "programs/bridge/service/RandomNumber.h"
+#include "tavix/core/Logger.h"
+
+// The loop. ServiceAnswers.cpp has what is shown of it.
+namespace tavix::bridge {
+
+namespace {
+
+constexpr Milliseconds kMaxWait{60'000};
+constexpr Milliseconds kStateRetry{10'000};
+constexpr Milliseconds kMinFeed{10};
+constexpr int kFeedsInATime = 4;                       // one that comes late is no reason to be restarted
+constexpr size_t kMaxEvents = EventQueue::kMaxEvents;  // of one round
+
+std::string GetSocketPath(const Configuration& configuration) {
+  return configuration.runtime + "/bridge-" + configuration.name + ".sock";
+}
+
+std::unique_ptr<Engine> MakeEngine(const EngineKind& kind, const Configuration& configuration, EventQueue& events) {
+  try {
+    return kind.MakeEngine(configuration, events);
+  } catch (const osa::Exception& error) {
+    throw ConfigurationError(std::string("[") + kind.GetSection() + "]: " + error.what());
+  }
+}
+
+}  // namespace
+
+Service::Service(const EngineKind& kind, const Configuration& configuration, const Options& options,
+                 const programs::ServiceManager& serviceManager)
+    : _kind(kind),
+      _configuration(configuration),
+      _serviceManager(serviceManager),
+      _rules(configuration.maps, configuration.never, configuration.mask),
+      _report(configuration.limits, _rules,
+              [this](Severity severity, const std::string& line) { Log(severity, line); }),
+      _engine(MakeEngine(kind, configuration, _events)),
+      _link(configuration.limits, *_engine, MakeRandomNumber()),
+      _store(configuration.server, _rules.GetPatterns()),
+      _daemon(_store, MakeRandomNumber()),
+      _control(
+          GetSocketPath(configuration), [this](const std::string& request) { return Answer(request); },
+          ComposeError("the request is too long")),
+      _metricsInterval(options.metricsInterval) {
+  if (!options.metricsFile.empty()) _metrics.emplace(options.metricsFile, [this] { return ComposeMetrics(); });
+  const auto watchdog = std::chrono::duration_cast<Milliseconds>(_serviceManager.GetWatchdogTime());
+  if (watchdog > Milliseconds(0)) _feedInterval = std::max(kMinFeed, watchdog / kFeedsInATime);
+}
+
+Service::~Service() {
+  _engine->Close();
+}
+
+Milliseconds Service::GetNow() const {
+  return std::chrono::duration_cast<Milliseconds>(std::chrono::steady_clock::now() - _start);
+}
+
+void Service::Log(Severity severity, const std::string& line) {
+  static const core::Logger* const logger = core::Logger::GetLogger("Bridge");
+  if (severity == Severity::kInfo) logger->Information("%s", line.c_str());
+  if (severity == Severity::kWarning) logger->Warning("%s", line.c_str());
+  if (severity != Severity::kError) return;
+  logger->Error("%s", line.c_str());
+  _lastErrorTime = std::time(nullptr);
+}
+
+// A failure that goes on is logged when it begins, and when it becomes another one.
+void Service::FailOnce(std::string& last, const std::string& reason) {
+  if (last == reason) return;
+  last = reason;
+  _report.Fail(reason);
+}
+
+void Service::Run(const programs::Signals& signals) {
+  _report.Info("The bridge '" + _configuration.name + "' begins, with " + _kind.GetSection());
+  _serviceManager.Notify("READY=1");
+  while (TakeSignals(signals)) {
+    const Milliseconds now = GetNow();
+    Work(now);
+    DoChores(now);
+    Wait(signals, now);
+  }
+  _serviceManager.Notify("STOPPING=1");
+  _report.Info("The bridge '" + _configuration.name + "' ends");
+}
+
+// Whether the program goes on.
+bool Service::TakeSignals(const programs::Signals& signals) {
+  for (auto signal = signals.Take(); signal.number != 0; signal = signals.Take()) {
+    if (signal.number == SIGTERM || signal.number == SIGINT) return false;
+    if (signal.number == SIGHUP && _mirror) _mirror->CompareAgain();
+    if (signal.number == SIGUSR1) _nextMetrics = Milliseconds(0);
+  }
+  return true;
+}
+
+void Service::Work(Milliseconds now) {
+  OpenState(now);
+  if (_mirror) {
+    TakeEvents(now);
+    FollowDaemon(now);
+    if (_link.GetState() == Link::State::kWaiting) _link.Run(_mirror->GetConnectOptions(), now);
+    RunMirror(now);
+  }
+  Observe(now);
+  _control.Run(now);
+  TakeNotices(now);  // what came with replies does not wake a wait
+}
+
+void Service::OpenState(Milliseconds now) {
+  if (_mirror || now < _nextOpen) return;
+  try {
+    _state = std::make_unique<StateFile>(_configuration.state);
+    if (!_state->GetDamage().empty()) {
+      _report.Fail("The state '" + _configuration.state +
+                   "' is put aside, and everything synchronized as new: " + _state->GetDamage());
+    }
+    _mirror = _kind.MakeMirror(_configuration, {_rules, *_engine, _store, *_state, _report});
+    if (!_stateFailure.empty()) _report.Info("The state can be opened again");
+  } catch (const osa::Exception& error) {
+    _state.reset();
+    _nextOpen = now + kStateRetry;
+    FailOnce(_stateFailure, error.what());
+  }
+}
+
+void Service::TakeEvents(Milliseconds now) {
+  for (size_t count = 0; count < kMaxEvents; ++count) {
+    const std::optional<EngineEvent> event = _events.TryPop();
+    if (!event) return;
+    OnEvent(*event, now);
+  }
+}
+
+void Service::OnEvent(const EngineEvent& event, Milliseconds now) {
+  _link.OnEvent(event, now);
+  _mirror->OnEvent(event, now);
+  if (std::holds_alternative<Connected>(event)) {
+    _wasEverConnected = true;
+    _linkFailure.clear();
+    _report.Info("The link is there");
+  } else if (std::holds_alternative<Lost>(event)) {
+    FailOnce(_linkFailure, "There is no link: " + _link.GetLastReason());
+  }
+}
+
+void Service::FollowDaemon(Milliseconds now) {
+  const bool wasConnected = _daemon.IsConnected();
+  if (_daemon.Run(now)) {
+    _daemonFailure.clear();
+    _report.Info("The daemon is there");
+    _mirror->OnLocalReady();
+  } else if (!wasConnected && !_daemon.GetLastReason().empty()) {
+    FailOnce(_daemonFailure, "The daemon can't be asked: " + _daemon.GetLastReason());
+  }
+  TakeNotices(now);
+}
+
+void Service::TakeNotices(Milliseconds now) {
+  if (!_mirror || !_daemon.IsConnected()) return;
+  try {
+    const std::set<std::string> changed = _store.TakeChanged();
+    if (!changed.empty()) _mirror->OnLocalChanged(changed);
+  } catch (const LocalLost& lost) {
+    OnDaemonLost(lost.what(), now);
+  }
+}
+
+void Service::RunMirror(Milliseconds now) {
+  try {
+    _mirror->Run(now);
+  } catch (const LocalLost& lost) {
+    OnDaemonLost(lost.what(), now);
+  }
+}
+
+void Service::OnDaemonLost(const std::string& reason, Milliseconds now) {
+  _daemon.OnLost(reason, now);
+  _mirror->OnLocalLost();
+  FailOnce(_daemonFailure, "The daemon can't be asked: " + reason);
+}
+
+// What the mirror has found since the last round.
+void Service::StampConflicts() {
+  const std::deque<Conflict>& found = _report.GetConflicts();
+  const auto all = _report.counters.overridden;
+  const size_t fresh = static_cast<size_t>(std::min<unsigned long long>(all - _stampedConflicts, found.size()));
+  for (auto conflict = found.end() - static_cast<std::ptrdiff_t>(fresh); conflict != found.end(); ++conflict) {
+    _conflicts.push_back({*conflict, std::time(nullptr)});
+  }
+  _stampedConflicts = all;
+  while (_conflicts.size() > found.size()) _conflicts.pop_front();
+}
+
+void Service::Observe(Milliseconds now) {
+  StampConflicts();
+  if (GetMirrorState().waiting == 0) {
+    _waitingSince.reset();
+  } else if (!_waitingSince) {
+    _waitingSince = now;
+  }
+}
+
+void Service::DoChores(Milliseconds now) {
+  if (_metrics && now >= _nextMetrics) {
+    _metrics->Write();
+    _nextMetrics = now + _metricsInterval;
+  }
+  if (_feedInterval > Milliseconds(0) && now >= _nextFeed) {
+    const char* const state = GetMirrorState().isInSync ? "in sync" : "not in sync";
+    _serviceManager.Notify(std::string("WATCHDOG=1\nSTATUS=") + state);
+    _nextFeed = now + _feedInterval;
+  }
+}
+
+Milliseconds Service::FindNext(Milliseconds now) const {
+  Milliseconds next = now + kMaxWait;
+  const auto consider = [&next](std::optional<Milliseconds> time) {
+    if (time) next = std::min(next, *time);
+  };
+  consider(_control.GetNext());
+  if (_metrics) consider(_nextMetrics);
+  if (_feedInterval > Milliseconds(0)) consider(_nextFeed);
+  if (!_mirror) {
+    consider(_nextOpen);
+    return next;
+  }
+  consider(_mirror->GetNext(now));
+  consider(_link.GetNext());
+  consider(_daemon.GetNext());
+  if (_store.HasMore()) consider(now);
+  return next;
+}
+
+void Service::Wait(const programs::Signals& signals, Milliseconds now) {
+  std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}};
+  if (_mirror) watched.push_back({_events.GetDescriptor(), POLLIN, 0});
+  if (_mirror && _daemon.IsConnected()) watched.push_back({_store.GetDescriptor(), POLLIN, 0});
+  _control.AddTo(watched);
+  const Milliseconds wait = std::max(Milliseconds(0), FindNext(now) - GetNow());
+  // A moment more, as what is due at the end of a millisecond is not due within it.
+  const Milliseconds more = wait > Milliseconds(0) ? wait + Milliseconds(1) : wait;
+  poll(watched.data(), watched.size(), static_cast<int>(more.count()));
+}
+
+}  // namespace tavix::bridge
