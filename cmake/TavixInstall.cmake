@@ -7,6 +7,8 @@
 #     server       the daemon, its man pages, and what starts it
 #     tools        the command, its completions and its man pages
 #     web          the HTTP interface, its man page, and what starts it
+#     bridge_mqtt  the bridge to brokers of MQTT, its man page, and what starts it
+#     bridge_etcd  the same to clusters of etcd
 #     python       the Python package
 include(CMakePackageConfigHelpers)
 include(GNUInstallDirs)
@@ -44,6 +46,20 @@ if(TAVIX_BUILD_PROGRAMS AND TAVIX_BUILD_WEB)
                  @ONLY)
   install(SCRIPT ${PROJECT_BINARY_DIR}/InstallWebService.cmake COMPONENT web)
 endif()
+
+foreach(engine mqtt etcd)
+  if(TARGET tavix-settings-bridge-${engine})
+    if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+      set_target_properties(tavix-settings-bridge-${engine}
+                            PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    endif()
+    install(TARGETS tavix-settings-bridge-${engine} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+            COMPONENT bridge_${engine})
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/InstallBridgeService.cmake.in
+                   ${PROJECT_BINARY_DIR}/InstallBridgeService-${engine}.cmake @ONLY)
+    install(SCRIPT ${PROJECT_BINARY_DIR}/InstallBridgeService-${engine}.cmake COMPONENT bridge_${engine})
+  endif()
+endforeach()
 
 # Pure Python: it needs no build. No part of an installation from source, which pip does better; packages take it.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/bindings/python/tavix_settings DESTINATION lib/python3/dist-packages
