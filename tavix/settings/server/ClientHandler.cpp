@@ -141,6 +141,15 @@ const IExtraCommands::Command* ClientHandler::FindExtraOf(std::string_view reque
   return FindExtra(TakeWord(line));
 }
 
+IExtraCommands::Answer ClientHandler::TryToCarryOut(const IExtraCommands::Call& call) {
+  try {
+    return _extraCommands->CarryOut(call);
+  } catch (const RefusedChange& refusal) {
+    _refusal = refusal;
+    return {IExtraCommands::Answer::Kind::kRefused, {}, refusal.what()};
+  }
+}
+
 bool ClientHandler::IsForClientOnly(std::string_view request) const {
   const IExtraCommands::Command* const extra = FindExtraOf(request);
   return extra ? extra->isForClientOnly : CommandTable::IsForClientOnly(request);

@@ -163,6 +163,7 @@ class TAVIX_EXPORT ClientHandler : public IChangeCallback {
   const IExtraCommands::Command* FindExtra(std::string_view word) const;
   const IExtraCommands::Command* FindExtraOf(std::string_view request) const;
   void CarryOutExtra(std::string_view word, std::string_view args, bool isChange);
+  IExtraCommands::Answer TryToCarryOut(const IExtraCommands::Call& call);
   void WriteAnswer(const IExtraCommands::Answer& answer);
   bool HandleLine();
   void ForgetOutcome();

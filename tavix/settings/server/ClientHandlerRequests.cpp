@@ -335,11 +335,10 @@ void ClientHandler::CarryOutExtra(std::string_view word, std::string_view args, 
   if (WasCutOff()) return;
   IExtraCommands::Call call{word, args, {}};
   call.origin = isChange ? _client->BeginChange(word) : ChangeOrigin{_client->GetIdentity(), word, {}};
-  const IExtraCommands::Answer answer = _extraCommands->CarryOut(call);
+  const IExtraCommands::Answer answer = TryToCarryOut(call);
   _writer->HoldMessages(answer.ticket);
   if (!isChange) _client->BeginRequest();
-  const bool isRefused = answer.kind == AnswerKind::kRefused;
-  _client->Refuse(isRefused ? std::string(word) + ": " + answer.reason : answer.reason);
+  _client->Refuse(answer.kind == AnswerKind::kRefused ? std::string(word) + ": " + answer.reason : answer.reason);
   if (answer.kind != AnswerKind::kNone) WriteAnswer(answer);
 }
 

@@ -15,7 +15,8 @@ namespace tavix::settings::server {
 // a host without them the line is an unknown command.
 //
 // Threads: called on the thread of any handler, with none of the store's locks and no output mutex held.
-// Errors:  what it throws ends the connection.
+// Errors:  RefusedChange, by a change that a store refuses, is answered as kRefused. What else it throws ends the
+//          connection.
 class TAVIX_EXPORT IExtraCommands {
  public:
   virtual ~IExtraCommands() = default;

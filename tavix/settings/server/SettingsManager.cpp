@@ -270,13 +270,28 @@ bool SettingsManager::Amend(const Amendment& amendment) {
 bool SettingsManager::Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
   ticket = 0;
   AmendmentPlan plan(amendment);
-  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, origin, ticket);
+  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, {}, origin, ticket);
 }
 
 bool SettingsManager::Amend(const StoreAmendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket) {
   ticket = 0;
   AmendmentPlan plan(amendment, amendment.drop);
-  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, origin, ticket);
+  return StoreChange::Amend(*_documents, _persister, *_notifier, plan, {}, origin, ticket);
+}
+
+bool SettingsManager::AmendAsChosen(const StoreAmendment& early, const ChooseAmendment& choose,
+                                    const ChangeOrigin& origin, ChangeTicket& ticket) {
+  ticket = 0;
+  AmendmentPlan earlyPlan(early, early.drop);
+  std::optional<AmendmentPlan> plan;
+  const auto choosePlan = [&](const IniFile& user) -> AmendmentPlan* {
+    const StoreAmendment* const chosen = choose(user);
+    if (!chosen) return nullptr;
+    if (chosen == &early) return &earlyPlan;
+    plan.emplace(*chosen, chosen->drop);
+    return plan->IsSound() ? &*plan : nullptr;
+  };
+  return StoreChange::Amend(*_documents, _persister, *_notifier, earlyPlan, choosePlan, origin, ticket);
 }
 
 void SettingsManager::OverwriteSettings(const std::set<std::string>& groups, const IniFile& settings) {

@@ -171,6 +171,14 @@ class TAVIX_EXPORT SettingsManager {
   bool Amend(const Amendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket);
   bool Amend(const StoreAmendment& amendment, const ChangeOrigin& origin, ChangeTicket& ticket);
 
+  // The same where the amendment depends on the user settings, which others change meanwhile. choose: called under the
+  // write lock with the user layer, before anything is changed; not called when "early" is not to be made. It returns
+  // the amendment that is made: "early", which is planned before the lock is taken, another one, which outlives the
+  // call, or null for none: then false is returned. It calls no operation of the store. What it throws passes through.
+  using ChooseAmendment = std::function<const StoreAmendment*(const core::IniFile& userSettings)>;
+  bool AmendAsChosen(const StoreAmendment& early, const ChooseAmendment& choose, const ChangeOrigin& origin,
+                     ChangeTicket& ticket);
+
   // Replaces whole groups: those that match "groups" go, then "settings" is merged. What was asked to go is recorded,
   // so that its defaults do not come back at the next start. Callbacks learn of a group that went by not finding it in
   // the document they are given. Restricted groups stay. Always saved.

@@ -111,30 +111,33 @@ void StoreChange::ReplaceUser(StoreDocuments& documents, IniFile user) {
 }
 
 bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister, const ChangeNotifier& notifier,
-                        AmendmentPlan& plan, const ChangeOrigin& origin, ChangeTicket& ticket) {
+                        AmendmentPlan& early, const ChoosePlan& choose, const ChangeOrigin& origin,
+                        ChangeTicket& ticket) {
   notifier.RefuseInCallback();
-  if (!plan.IsSound() || !plan.MakeEarly(documents)) return false;
+  if (!early.IsSound() || !early.MakeEarly(documents)) return false;
   NoticeRound notices;
   std::optional<NotificationReserve> reserve;
+  AmendmentPlan* plan = &early;
   {
     const osa::WriteAutoLock lock(documents.GetLock());
-    if (!plan.Make(documents)) return false;
-    if (!origin.isRevert) RequireRoom(documents, plan);
-    Prepare(documents, plan);
+    if (choose) plan = choose(documents._user);
+    if (!plan || !plan->Make(documents)) return false;
+    if (!origin.isRevert) RequireRoom(documents, *plan);
+    Prepare(documents, *plan);
     std::optional<IniFile> before;
     if (persister && persister->NeedsOldSettings())
-      before = CopyOldSettings(documents._user, plan.GetDifferent(), plan.GetAddedMembers());
-    reserve.emplace(plan.GetChanged());
-    if (persister) AskPersister(documents, *persister, plan, origin);
-    CarryOut(documents, plan);
+      before = CopyOldSettings(documents._user, plan->GetDifferent(), plan->GetAddedMembers());
+    reserve.emplace(plan->GetChanged());
+    if (persister) AskPersister(documents, *persister, *plan, origin);
+    CarryOut(documents, *plan);
     if (persister)
       ticket = persister->SaveChange(
-          {documents._user, plan.GetDifferent(), plan.GetAddedMembers(), origin, before ? &*before : nullptr});
+          {documents._user, plan->GetDifferent(), plan->GetAddedMembers(), origin, before ? &*before : nullptr});
   }
   const auto findTicketOfOthers = [&] {
-    if (persister && plan.GetHeld()) ticket = std::max(ticket, persister->FindLastTicket(*plan.GetHeld()));
+    if (persister && plan->GetHeld()) ticket = std::max(ticket, persister->FindLastTicket(*plan->GetHeld()));
   };
-  Announce(findTicketOfOthers, [&] { notifier.Notify(notices, *reserve, plan.GetGone(), plan.GetChanged()); });
+  Announce(findTicketOfOthers, [&] { notifier.Notify(notices, *reserve, plan->GetGone(), plan->GetChanged()); });
   return true;
 }
 

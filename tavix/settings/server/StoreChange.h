@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -58,11 +59,14 @@ class StoreChange {
   // notified.
   void MakeLocked() TAVIX_REQUIRES(_documents.GetLock());
 
-  // Makes an amendment instead, of which nothing is planned yet. Returns false when it contradicts itself, or one of
-  // its conditions does not hold: then nothing is changed and nobody is notified.
+  // Makes an amendment instead, of which nothing is planned yet. choose: called under the lock with the user settings,
+  // returns the plan that is made: "early", another sound one, or null; empty: "early". Returns false when the plan
+  // contradicts itself, one of its conditions does not hold, or there is none: then nothing is changed and nobody is
+  // notified.
+  using ChoosePlan = std::function<AmendmentPlan*(const core::IniFile& userSettings)>;
   [[nodiscard]] static bool Amend(StoreDocuments& documents, ISettingsPersister* persister,
-                                  const ChangeNotifier& notifier, AmendmentPlan& plan, const ChangeOrigin& origin,
-                                  ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
+                                  const ChangeNotifier& notifier, AmendmentPlan& early, const ChoosePlan& choose,
+                                  const ChangeOrigin& origin, ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
 
   // What a client that asked for the change has to wait for: its own save or, when it changed nothing, the saves of
   // others that it relies on. 0: nothing, or the change was not saved.

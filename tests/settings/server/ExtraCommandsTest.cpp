@@ -12,6 +12,7 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/IClientOutput.h"
+#include "tavix/settings/server/RefusedChange.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/ServedStore.h"
@@ -26,6 +27,7 @@ using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::ClientHandler;
 using tavix::settings::server::IClientOutput;
 using tavix::settings::server::IExtraCommands;
+using tavix::settings::server::RefusedChange;
 using tavix::test::CapturedLog;
 using tavix::test::DocumentOf;
 using tavix::test::ServedStore;
@@ -50,12 +52,14 @@ class HostCommands : public IExtraCommands {
     calls.push_back(std::string(call.word) + "," + std::string(call.args) + "," + std::string(call.origin.command) +
                     "," + std::string(call.origin.note));
     trials.emplace_back(call.origin.trial);
+    if (isFull) throw RefusedChange(RefusedChange::Reason::kStoreFull, "the store is full");
     return answer;
   }
 
   void AddFeatures(std::set<std::string>& features) const override { features.insert({"trial", "history 1 5"}); }
 
   Answer answer;
+  bool isFull = false;
   std::vector<std::string> calls;
   std::vector<std::string> trials;  // what came with them
 };
@@ -104,6 +108,21 @@ TEST_F(ExtraCommands, AreRefusedOnOneLineThatIsBounded) {
 TEST_F(ExtraCommands, RefusalIsKnownToInfoWithTheWordAsItsKind) {
   commands.answer = Refusal("too old");
   EXPECT_EQ(served.Serve("undo 3\ninfo refused\n"), "refused\ntoo old\nRefused\n-------\nreason=undo: too old\n\n");
+}
+
+TEST_F(ExtraCommands, ThatTheStoreRefusesAreAnsweredAndTheConnectionStays) {
+  commands.isFull = true;
+  EXPECT_EQ(served.Serve("undo 3\ninfo refused\n"),
+            "refused\nthe store is full\nRefused\n-------\nreason=undo: the store is full\n\n");
+  std::istringstream in("undo 3\nshow\n");
+  std::ostringstream out;
+  ClientHandler handler(&served.env, &in, &out);
+  EXPECT_TRUE(handler.HandleNext());
+  ASSERT_NE(handler.GetRefusal(), nullptr);
+  EXPECT_EQ(handler.GetRefusal()->GetReason(), RefusedChange::Reason::kStoreFull);
+  commands.isFull = false;
+  EXPECT_TRUE(handler.HandleNext());
+  EXPECT_EQ(handler.GetRefusal(), nullptr);
 }
 
 TEST_F(ExtraCommands, ThatAreCarriedOutClearTheReasonOfAnEarlierRequest) {

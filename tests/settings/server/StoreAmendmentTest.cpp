@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "tavix/osa/Exception.h"
 #include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tests/support/DocumentText.h"
@@ -56,6 +57,67 @@ TEST(StoreAmendment, ADroppedGroupMayHaveTheNameOfAPattern) {
   amendment.drop = DocumentOf("[A*]\n");
   ASSERT_TRUE(Amend(served, amendment));
   EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=1\n");
+}
+
+namespace {
+
+bool AmendAsChosen(ServedStore& served, const StoreAmendment& early, const SettingsManager::ChooseAmendment& choose) {
+  ChangeTicket ignored = 0;
+  return served.store.AmendAsChosen(early, choose, ChangeOrigin(), ignored);
+}
+
+StoreAmendment Set(const std::string& text) {
+  StoreAmendment amendment;
+  amendment.set = DocumentOf(text);
+  return amendment;
+}
+
+}  // namespace
+
+TEST(ChosenAmendment, IsTheEarlyOneOrAnotherOrNone) {
+  ServedStore served({}, "[A]\nx=1\n");
+  const StoreAmendment early = Set("[A]\nx=2\n");
+  const StoreAmendment late = Set("[A]\nx=3\n");
+  EXPECT_FALSE(AmendAsChosen(served, early, [](const auto&) { return nullptr; }));
+  EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=1\n");
+  EXPECT_TRUE(AmendAsChosen(served, early, [&](const auto&) { return &early; }));
+  EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=2\n");
+  EXPECT_TRUE(AmendAsChosen(served, early, [&](const auto&) { return &late; }));
+  EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=3\n");
+}
+
+TEST(ChosenAmendment, IsChosenByTheUserSettingsThatItChanges) {
+  ServedStore served({"[A]\nd=1\n"}, "[A]\nx=1\n");
+  std::string seen;
+  const StoreAmendment early = Set("[A]\nx=2\n");
+  EXPECT_TRUE(AmendAsChosen(served, early, [&](const core::IniFile& user) {
+    seen = TextOf(user);
+    return &early;
+  }));
+  EXPECT_EQ(seen, "[A]\nx=1\n");
+}
+
+TEST(ChosenAmendment, ThatContradictsItselfIsNotMade) {
+  ServedStore served({}, "[A]\nx=1\n");
+  StoreAmendment bad = Set("[A]\nx=2\n");
+  bad.unset = DocumentOf("[A]\nx=\n");
+  bool isAsked = false;
+  const auto choose = [&](const auto&) {
+    isAsked = true;
+    return &bad;
+  };
+  EXPECT_FALSE(AmendAsChosen(served, bad, choose));
+  EXPECT_FALSE(isAsked);
+  EXPECT_FALSE(AmendAsChosen(served, StoreAmendment(), choose));
+  EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=1\n");
+}
+
+TEST(ChosenAmendment, WhatItsChoiceThrowsPassesThrough) {
+  ServedStore served({}, "[A]\nx=1\n");
+  const auto choose = [](const auto&) -> const StoreAmendment* { throw osa::Exception("none"); };
+  EXPECT_THROW(AmendAsChosen(served, StoreAmendment(), choose), osa::Exception);
+  served.store.MergeSettings(DocumentOf("[A]\nx=2\n"), 0);
+  EXPECT_EQ(UserSettingsOf(served.store), "[A]\nx=2\n");
 }
 
 }  // namespace tavix::test

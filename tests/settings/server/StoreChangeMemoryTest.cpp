@@ -141,7 +141,7 @@ class SmallStore {
     try {
       settings::server::ChangeTicket ticket = 0;
       settings::server::AmendmentPlan plan(amendment);
-      return StoreChange::Amend(_documents, &_persister, _notifier, plan, {}, ticket);
+      return StoreChange::Amend(_documents, &_persister, _notifier, plan, {}, {}, ticket);
     } catch (const std::bad_alloc&) {
       return false;
     }

@@ -150,7 +150,7 @@ struct StoreChangeTest : testing::Test {
   bool Amend(const Amendment& amendment) {
     ticket = 0;
     AmendmentPlan plan(amendment);
-    return StoreChange::Amend(documents, &persister, notifier, plan, {}, ticket);
+    return StoreChange::Amend(documents, &persister, notifier, plan, {}, {}, ticket);
   }
 
   StoreDocuments documents{kRecord};
