@@ -122,6 +122,8 @@ void Server::AddExtraWords(SettingsStore& store) {
   if (const KeptHistory* history = store.GetHistory()) {
     _extraWords.Add(_historyWords.emplace(*history));
     _extraWords.Add(_checkpointWords.emplace(*store.GetCheckpoints(), *history, store.GetManager(), *store.GetGate()));
+    _extraWords.Add(_rollbackWords.emplace(store.GetManager(), *history, *store.GetCheckpoints(), *store.GetGate(),
+                                           _limits.storeBytes));
   }
   if (StoreTrials* trials = store.GetTrials()) _extraWords.Add(_trialWords.emplace(*trials));
   if (StoreTrials* trials = store.GetTimedTrials()) _timedReverts.emplace(*trials);

@@ -21,6 +21,7 @@
 #include "programs/server/history/CheckpointWords.h"
 #include "programs/server/history/ExtraWords.h"
 #include "programs/server/history/HistoryWords.h"
+#include "programs/server/history/RollbackWords.h"
 #include "programs/server/metrics/Counters.h"
 #include "programs/server/metrics/ServerInfo.h"
 #include "programs/server/options/Limits.h"
@@ -98,8 +99,9 @@ class Server {
   settings::server::SubscriptionBudget _subscriptionBudget;
   const ServerInfo _info;
   settings::server::ServerEnv _env;
-  std::optional<HistoryWords> _historyWords;  // empty: history is off, as for the next
+  std::optional<HistoryWords> _historyWords;  // empty: history is off, as for the next two
   std::optional<CheckpointWords> _checkpointWords;
+  std::optional<RollbackWords> _rollbackWords;
   ExtraWords _extraWords;
   SharedBounds _bounds;
   std::vector<Listener> _listeners;

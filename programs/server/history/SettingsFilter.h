@@ -16,14 +16,13 @@ class SettingsFilter {
   explicit SettingsFilter(const std::string& nameOrPattern);
 
   bool IsForAll() const { return _isForAll; }
+  bool Matches(const std::string& name) const;
 
   // Removes what does not match.
   void Reduce(core::IniFile& settings) const;
   void Reduce(HistoryEntry& entry) const;
 
  private:
-  bool Matches(const std::string& name) const;
-
   const bool _isForAll;
   settings::common::GroupNameMatcher _matcher;
 };

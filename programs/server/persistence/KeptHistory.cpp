@@ -37,6 +37,14 @@ KeptHistory::Block KeptHistory::ReadBelow(uint64_t revision, size_t maxBytes, si
   return items.empty() ? ReadFile(revision, maxBytes, omittedFrom) : ReadQueue(items, maxBytes, omittedFrom);
 }
 
+KeptHistory::Block KeptHistory::ReadQueuedBelow(uint64_t revision) const {
+  const HistoryItems items = _layer.FindHistoryBelow(revision, HistoryParts::kPartBytes);
+  if (!items.empty()) return ReadQueue(items, kAllBytes, kAllBytes);
+  Block end;
+  end.isEnd = true;
+  return end;
+}
+
 KeptHistory::Block KeptHistory::ReadQueue(const HistoryItems& items, size_t maxBytes, size_t omittedFrom) const {
   Block block;
   block.next = items.back()->revision;

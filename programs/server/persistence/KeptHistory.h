@@ -15,13 +15,14 @@ namespace tavix::daemon {
 // The history as readers find it: entries that wait in memory for their file, and those of both files behind them. The
 // newest come first, block by block.
 //
-// Threads: any, also beside changes. GetRange reads no file, but waits while the layer's journal is written; ReadBelow
-//          reads a file.
+// Threads: any, also beside changes. GetRange and ReadQueuedBelow read no file, but wait while the layer's journal is
+//          written; ReadBelow reads a file.
 // Locks:   those of the layer and the file, one after the other.
 // Errors:  ReadBelow throws osa::Exception that names the file and the reason, and std::bad_alloc.
 class KeptHistory {
  public:
   static constexpr uint64_t kNewest = std::numeric_limits<uint64_t>::max();
+  static constexpr size_t kAllBytes = std::numeric_limits<size_t>::max();
 
   struct Item {
     HistoryEntry entry;
@@ -45,6 +46,9 @@ class KeptHistory {
   // Some entries below a revision. A block of more than "maxBytes" is not looked at; one entry of more than
   // "omittedFrom" bytes is read in part only.
   Block ReadBelow(uint64_t revision, size_t maxBytes, size_t omittedFrom) const;
+
+  // The same of entries that wait in memory alone, in whole, and without a file. Behind the last of them it is the end.
+  Block ReadQueuedBelow(uint64_t revision) const;
 
  private:
   Block ReadQueue(const HistoryItems& items, size_t maxBytes, size_t omittedFrom) const;

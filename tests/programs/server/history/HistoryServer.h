@@ -9,6 +9,7 @@
 #include "programs/server/history/CheckpointWords.h"
 #include "programs/server/history/ExtraWords.h"
 #include "programs/server/history/HistoryWords.h"
+#include "programs/server/history/RollbackWords.h"
 #include "programs/server/persistence/Checkpoints.h"
 #include "tavix/settings/server/ClientHandler.h"
 #include "tavix/settings/server/SerializationManager.h"
@@ -22,6 +23,7 @@ namespace tavix::test {
 // A store that keeps a history in memory files, and what handlers of connections need beside it.
 struct HistoryServer {
   static constexpr size_t kMaxCheckpoints = 3;
+  static constexpr size_t kMaxOldBytes = 1024 * 1024;
 
   // image: the files at first.
   explicit HistoryServer(const std::string& defaults = "", size_t historyBytes = kHistoryBytes,
@@ -30,9 +32,11 @@ struct HistoryServer {
         store(files, kAlways, defaults, std::chrono::hours(1), historyBytes),
         checkpoints(files, kUserFile, kMaxCheckpoints),
         words(*store.GetHistory()),
-        checkpointWords(checkpoints, *store.GetHistory(), store.GetManager(), store.GetGate()) {
+        checkpointWords(checkpoints, *store.GetHistory(), store.GetManager(), store.GetGate()),
+        rollbackWords(store.GetManager(), *store.GetHistory(), checkpoints, store.GetGate(), kMaxOldBytes) {
     extraWords.Add(words);
     extraWords.Add(checkpointWords);
+    extraWords.Add(rollbackWords);
     env.settingsManager = &store.GetManager();
     env.serializationManager = &serializers;
     env.extraCommands = &extraWords;
@@ -63,6 +67,7 @@ struct HistoryServer {
   daemon::Checkpoints checkpoints;
   daemon::HistoryWords words;
   daemon::CheckpointWords checkpointWords;
+  daemon::RollbackWords rollbackWords;
   daemon::ExtraWords extraWords;
 };
 

@@ -31,7 +31,7 @@ constexpr char kNone[] = "data\n[scanned]\nmore=false\nnext=0\n.\n";
 
 TEST_F(HistoryRequest, ShowsNothingAtFirst) {
   EXPECT_EQ(server.Serve("history - 10\n"), kNone);
-  EXPECT_EQ(server.Serve("info features\n"), "Features\n--------\namend\nhistory 0 0\n\n");
+  EXPECT_EQ(server.Serve("info features\n"), "Features\n--------\namend\nhistory 0 0\nrollback\n\n");
 }
 
 TEST(HistoryRequestWord, MayBeSkippedOnceItsClientHasLeft) {
