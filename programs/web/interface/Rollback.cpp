@@ -22,7 +22,8 @@ namespace {
 constexpr char kFeature[] = "rollback";
 constexpr char kHistory[] = "history";  // the feature that checkpoints belong to
 constexpr char kCheckpoint[] = "checkpoint";
-constexpr const char* kMissing[] = {"no checkpoint is named", "is not kept"};  // in the daemon's reasons
+constexpr const char* kMissing[] = {"no checkpoint is named", "is not kept",
+                                    "is not there"};  // in the daemon's reasons
 
 // What is to be brought back, and how. A plain value.
 struct Wanted {

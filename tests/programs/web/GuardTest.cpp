@@ -271,6 +271,8 @@ TEST(WebGuard, ServesBelowAPath) {
 
 TEST(WebGuard, RefusesEveryWriteIfOnlyForReading) {
   Web web({"--read-only"});
+  EXPECT_EQ(web.Get("/status")["read_only"], true);
+  EXPECT_EQ(Web().Get("/status")["read_only"], false);
   EXPECT_EQ(web.Ask("GET", "/groups").status, 200);
   for (const char* target : {"/reset", "/apply", "/import"}) EXPECT_EQ(web.Ask("POST", target, "{}").status, 403);
   EXPECT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})").status, 403);

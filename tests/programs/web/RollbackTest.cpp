@@ -81,7 +81,8 @@ TEST(WebRollback, WithoutADifferenceHasNoRevision) {
 }
 
 TEST(WebRollback, ToWhatIsNotKeptFindsNothing) {
-  for (const char* reason : {"revision 3 is not kept\\x3a the oldest is 96", "no checkpoint is named 'x'"}) {
+  for (const char* reason : {"revision 3 is not kept\\x3a the oldest is 96", "no checkpoint is named 'x'",
+                             "revision 3 is not there\\x3a the last is 2"}) {
     Scripted web;
     const HttpReply reply = web.Post(R"({"to": 3})", "rollback 3\n", "refused\n" + std::string(reason) + "\n");
     EXPECT_EQ(reply.status, 404) << reason;
