@@ -15,6 +15,11 @@ namespace {
 
 constexpr size_t kMaxNotices = ProtocolClient::kMaxPendingNotices;  // that one call takes
 
+// Whoever sends a byte now and then must not hold the bridge up for ever.
+settings::client::ProtocolTimeouts MakeTimeouts(std::chrono::milliseconds silence) {
+  return {silence, 6 * silence};
+}
+
 template <class Names>
 bool IsSendable(const Names& names) {
   try {
@@ -81,7 +86,7 @@ void DaemonStore::Connect() {
   settings::client::ProtocolOptions options;
   options.address = _address;
   options.addressSource = "'server' of the configuration";
-  options.timeouts.silence = _patience.connecting;
+  options.timeouts = MakeTimeouts(_patience.connecting);
   try {
     _client = std::make_unique<ProtocolClient>(options);
   } catch (const ProtocolException& exception) {
@@ -93,7 +98,7 @@ void DaemonStore::Connect() {
                             [](const std::string& line) { return line.substr(0, line.find(' ')) == "amend"; });
     client.Subscribe(_subscribed);
     RequireSubscribed(client);
-    client.SetTimeouts({_patience.asking});
+    client.SetTimeouts(MakeTimeouts(_patience.asking));
   });
 }
 

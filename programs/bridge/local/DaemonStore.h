@@ -13,7 +13,7 @@ namespace tavix::bridge {
 // The daemon as the store of the device, over one connection that is subscribed to all that is mirrored.
 //
 // Threads: one.
-// Time:    a call waits as long as the daemon shows progress, and gives a connection up once it is silent for too long.
+// Time:    a call gives the connection up when the daemon is silent for too long, or takes six times as long in all.
 // Errors:  LocalLost; the connection is closed then. A name that no request can hold is that of a group that does not
 //          exist, and a change with such a name is refused.
 class DaemonStore : public ILocalStore {
