@@ -62,6 +62,7 @@ function Login() {
     <header><h2>Log in</h2></header>
     <form onSubmit=${submit}>
       <p class="quiet">to the settings of <strong>${location.host}</strong></p>
+      <input type="text" autocomplete="username" value="settings" hidden />
       <label class="field">Password
         <input type="password" autocomplete="current-password" autofocus value=${password} onInput=${(event) => setPassword(event.target.value)} /></label>
       ${problem ? html`<div class="note bad" role="alert"><strong>${problem.message}</strong></div>` : null}
@@ -136,7 +137,7 @@ function SearchField() {
   };
   return html`<form class="search" role="search" onSubmit=${submit}>
     <input id="search" type="search" aria-label="Search names, keys and values" aria-keyshortcuts="/" placeholder="Search  /" value=${text}
-      autocomplete="off" spellcheck="false" onInput=${(event) => setText(event.target.value)} />
+      autocomplete="off" spellcheck=${false} onInput=${(event) => setText(event.target.value)} />
   </form>`;
 }
 

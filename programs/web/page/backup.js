@@ -19,7 +19,7 @@ function Export() {
   return html`<h2>Make a backup</h2>
     <div class="tools">
       <label class="field">Groups, with “*” for any text
-        <input type="text" placeholder="all" value=${pattern} spellcheck="false" autocomplete="off" onInput=${(event) => setPattern(event.target.value)} /></label>
+        <input type="text" placeholder="all" value=${pattern} spellcheck=${false} autocomplete="off" onInput=${(event) => setPattern(event.target.value)} /></label>
       <label class="field narrow">Form <select value=${format} onChange=${(event) => setFormat(event.target.value)}>
         <option value="ini">settings text</option><option value="json">JSON</option></select></label>
       <label><input type="checkbox" checked=${isUser} onChange=${(event) => setIsUser(event.target.checked)} />only what users set</label>
@@ -70,7 +70,7 @@ function Import() {
       <div class="tools">
         <label class="field">File <input type="file" accept=".ini,.json,.txt,text/plain,application/json" onChange=${(event) => setFile(event.target.files[0] ?? null)} /></label>
         <label class="field">Only groups, with “*” for any text
-          <input type="text" placeholder="all of the file" value=${pattern} spellcheck="false" autocomplete="off" onInput=${(event) => setPattern(event.target.value)} /></label>
+          <input type="text" placeholder="all of the file" value=${pattern} spellcheck=${false} autocomplete="off" onInput=${(event) => setPattern(event.target.value)} /></label>
       </div>
       <fieldset><legend class="unseen">How</legend>
         ${Object.entries(kModes).map(([name, text]) => html`<label class="option" key=${name}><input type="radio" name="mode" checked=${mode === name} onChange=${() => setMode(name)} />${text}</label>`)}

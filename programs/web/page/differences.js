@@ -72,7 +72,7 @@ function PatternTools({ pattern, setPattern, onChanged }) {
   };
   return html`<div class="tools">
       <label class="field">Groups, with “*” for any text
-        <input type="text" value=${pattern} spellcheck="false" autocomplete="off" autocapitalize="off" onInput=${(event) => setPattern(event.target.value)} /></label>
+        <input type="text" value=${pattern} spellcheck=${false} autocomplete="off" autocapitalize="off" onInput=${(event) => setPattern(event.target.value)} /></label>
       ${canWrite() ? html`<button type="button" disabled=${isBusy || pattern === ''} onClick=${() => prepare('reset')}>Reset these…</button>
         <button type="button" class="danger-text" disabled=${isBusy || pattern === ''} onClick=${() => prepare('delete')}>Delete these…</button>` : null}
     </div>

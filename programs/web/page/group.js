@@ -112,7 +112,7 @@ function Field({ label, id, field, isDisabled, error, onInput, onSave }) {
     onSave();
   };
   const notes = [field.hasEscapes ? `${id}-escapes` : null, error ? `${id}-error` : null].filter(Boolean).join(' ');
-  return html`<textarea id=${id} aria-label=${label} rows=${Math.min(lines, 10)} disabled=${isDisabled} spellcheck="false"
+  return html`<textarea id=${id} aria-label=${label} rows=${Math.min(lines, 10)} disabled=${isDisabled} spellcheck=${false}
       autocomplete="off" autocapitalize="off" value=${field.text} aria-invalid=${error ? 'true' : undefined} aria-describedby=${notes || undefined}
       onInput=${(event) => onInput({ ...field, text: event.target.value })} onKeyDown=${onKeyDown}></textarea>
     ${field.hasEscapes ? html`<p class="hint" id=${`${id}-escapes`}>With escapes: ${'\\n, \\t, \\r, \\\\, \\xHH'}</p>` : null}
@@ -179,7 +179,7 @@ function AddSetting({ group, settings }) {
   };
   return html`<form class="add" onSubmit=${add}>
     <label class="field">Another setting
-      <input type="text" placeholder="key" value=${key} spellcheck="false" autocomplete="off" autocapitalize="off"
+      <input type="text" placeholder="key" value=${key} spellcheck=${false} autocomplete="off" autocapitalize="off"
         onInput=${(event) => setKey(event.target.value)} /></label>
     <button disabled=${key === '' || isKnown}>Add</button>
     ${isKnown ? html`<p class="hint">The group has it already.</p>` : null}
@@ -196,7 +196,7 @@ function Choice({ name, edit, setting, index, choice, onChange }) {
     ${radio('theirs', 'Theirs:', html`<${Value} value=${setting?.value} />`)}
     ${radio('mine', 'Mine:', mine)}
     ${radio('edit', 'Edit:', null)}
-    <textarea rows="1" aria-label=${`Another value of ${spelled}`} spellcheck="false" value=${choice.field.text}
+    <textarea rows="1" aria-label=${`Another value of ${spelled}`} spellcheck=${false} value=${choice.field.text}
       onInput=${(event) => onChange({ whose: 'edit', field: { ...choice.field, text: event.target.value } })}></textarea>
   </fieldset>`;
 }

@@ -64,7 +64,7 @@ function Checkpoints({ onRollback }) {
   return html`<h2>Checkpoints</h2>
     <p class="quiet">Copies of all that users set, which stay when the history no longer goes back so far.</p>
     ${canWrite() ? html`<form class="tools" onSubmit=${keep}>
-      <label class="field">Keep what is set now as <input type="text" value=${name} pattern="[A-Za-z0-9._\\-]+" maxlength="64" spellcheck="false" autocomplete="off"
+      <label class="field">Keep what is set now as <input type="text" value=${name} pattern="[A-Za-z0-9._\\-]+" maxlength="64" spellcheck=${false} autocomplete="off"
         onInput=${(event) => setName(event.target.value)} /></label>
       <button disabled=${isBusy || name === ''}>${list.some((one) => one.name === name) ? 'Replace' : 'Keep'}</button></form>` : null}
     <${ProblemBox} problem=${failure ?? problem} />
@@ -88,7 +88,7 @@ function Filter({ pattern }) {
   };
   return html`<form class="tools" onSubmit=${submit}>
     <label class="field">Groups, with “*” for any text
-      <input type="text" placeholder="all" value=${text} spellcheck="false" autocomplete="off" autocapitalize="off" onInput=${(event) => setText(event.target.value)} /></label>
+      <input type="text" placeholder="all" value=${text} spellcheck=${false} autocomplete="off" autocapitalize="off" onInput=${(event) => setText(event.target.value)} /></label>
     <button>Show</button>
   </form>`;
 }

@@ -215,7 +215,7 @@ function NewGroup({ onClose }) {
   return html`<${Dialog} title="New group" onClose=${onClose}>
     <form onSubmit=${create}>
       <label class="field">Name, with “/” between its parts
-        <input type="text" value=${name} autofocus spellcheck="false" autocomplete="off" onInput=${(event) => setName(event.target.value)} /></label>
+        <input type="text" value=${name} autofocus spellcheck=${false} autocomplete="off" onInput=${(event) => setName(event.target.value)} /></label>
       <p class="quiet">The group is made when its first setting is saved.</p>
       <footer><button type="button" onClick=${onClose}>Cancel</button><button class="primary" disabled=${name === ''}>Go on</button></footer>
     </form>

@@ -1,0 +1,132 @@
+// Changes as they come, in one tab and in many, with and without a connection.
+import assert from 'node:assert/strict';
+import { after, before, test } from 'node:test';
+import { kHostName, Visit } from './browser.mjs';
+import { Device } from './device.mjs';
+
+const kGroup = 'Video/Streams/Main';
+
+let device = null;
+
+before(async () => {
+  device = await Device.start({ web: ['--host', kHostName] });
+});
+
+after(() => device?.stop());
+
+const path = (name) => `#/group?name=${name}`;
+
+async function seeValue(page, value) {
+  await page.waitForFunction((wanted) => document.querySelector('textarea[aria-label=fps]')?.value === wanted, value);
+}
+
+async function seeState(page, text) {
+  await page.getByText(text, { exact: true }).waitFor();
+}
+
+test('a change is shown, marked and announced', async () => {
+  await device.set(kGroup, { fps: '25' });
+  const visit = await Visit.begin({ origin: device.url });
+  const page = await visit.open(path(kGroup));
+  await seeState(page, 'live');
+  await device.set(kGroup, { fps: '26' });
+  await seeValue(page, '26');
+  await page.getByRole('status').getByText('Video/Streams/Main, fps is now 26').waitFor();
+  await visit.end();
+});
+
+test('groups come and go in the list', async () => {
+  const visit = await Visit.begin({ origin: device.url });
+  const page = await visit.open();
+  await seeState(page, 'live');
+  await device.set('New/Group', { key: 'value' });
+  await page.getByRole('treeitem', { name: 'New' }).click();
+  const group = page.getByRole('treeitem', { name: 'Group' });
+  await group.waitFor();
+  const { version } = await device.ask('GET', 'group?name=New/Group');
+  await device.ask('DELETE', 'group?name=New/Group', undefined, { 'If-Match': `"${version}"` });
+  await group.waitFor({ state: 'detached' });
+  await visit.end();
+});
+
+test('eight tabs share one stream, also when the one that holds it goes', async () => {
+  await device.set(kGroup, { fps: '25' });
+  const visit = await Visit.begin({ origin: device.url });
+  const tabs = [];
+  for (let number = 0; number < 8; ++number) {
+    tabs.push(await visit.open(path(kGroup)));
+    await seeState(tabs[number], 'live');
+  }
+  const streams = () => visit.requests.filter((url) => url.includes('/changes')).length;
+  assert.equal(streams(), 1);
+  await device.set(kGroup, { fps: '26' });
+  await Promise.all(tabs.map((tab) => seeValue(tab, '26')));
+  await tabs[0].close();
+  await device.set(kGroup, { fps: '27' });
+  await Promise.all(tabs.slice(1).map((tab) => seeValue(tab, '27')));
+  await visit.end();
+});
+
+test('all of it works without HTTPS, under a name of the host', async () => {
+  await device.set(kGroup, { fps: '25' });
+  const origin = `http://${kHostName}:${device.web.address.split(':')[1]}/`;
+  const visit = await Visit.begin({ origin });
+  const first = await visit.open(path(kGroup));
+  await seeState(first, 'live');
+  assert.equal(await first.evaluate(() => window.isSecureContext), false);
+  const second = await visit.open(path(kGroup));
+  await seeState(second, 'live');
+  await seeValue(second, '25');
+  await first.getByLabel('fps', { exact: true }).fill('24');
+  await first.getByRole('button', { name: 'Review and save' }).click();
+  await first.getByRole('button', { name: 'Save', exact: true }).click();
+  await seeValue(second, '24');
+  await visit.end();
+});
+
+test('a daemon that is away is shown, and all is read again when it is back', async () => {
+  const visit = await Visit.begin({ origin: device.url, allows: [/status of 50[234]/] });
+  const page = await visit.open(path(kGroup));
+  await seeState(page, 'live');
+  await device.daemon.stop();
+  await seeState(page, 'no daemon');
+  await device.startDaemonAgain();
+  await seeState(page, 'live');
+  await device.set(kGroup, { fps: '28' });
+  await seeValue(page, '28');
+  await visit.end();
+});
+
+test('a change that cuts the page off goes back by itself', async () => {
+  await device.set(kGroup, { fps: '25' });
+  const visit = await Visit.begin({ origin: device.url, allows: [/ERR_/] });
+  const page = await visit.open(path(kGroup));
+  await seeState(page, 'live');
+  await page.getByLabel('fps', { exact: true }).fill('20');
+  await page.getByRole('button', { name: 'Review and save' }).click();
+  await page.getByLabel('Take it back unless I confirm it').check();
+  await page.getByLabel('within').fill('10');
+  await page.getByLabel('within').press('Tab');
+  await page.getByRole('button', { name: 'Save', exact: true }).click();
+  await page.getByText('s until it goes back').waitFor();
+  const { address } = device.web;
+  await device.web.stop('SIGKILL');
+  await seeState(page, 'not reached');
+  const other = await device.startWeb();
+  await untilValue(other.address, '25');
+  device.web = await device.startWeb(address);
+  await seeState(page, 'live');
+  await seeValue(page, '25');
+  await page.getByRole('region', { name: 'Changes on trial' }).waitFor({ state: 'detached' });
+  await visit.end();
+});
+
+// Waits for changes until the device holds the value.
+async function untilValue(address, value) {
+  const ask = async (request) => (await fetch(`http://${address}/api/v1/${request}`)).json();
+  for (let since = ''; ;) {
+    const { next } = await ask(`changes?wait=60${since}`);
+    if ((await ask(`group?name=${kGroup}`)).keys.fps.value === value) return;
+    since = `&since=${next}`;
+  }
+}
