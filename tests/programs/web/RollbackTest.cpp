@@ -97,6 +97,35 @@ TEST(WebRollback, ThatTheDaemonRefusesIsNotDone) {
   EXPECT_EQ(Parse(reply)["detail"], "out of memory");
 }
 
+TEST(WebRollback, GoesBackToRevisionsAndCheckpoints) {
+  const Keeping web;
+  web.Ask("PATCH", "/group?name=a", R"({"k": 1})");
+  web.Ask("POST", "/checkpoints", R"({"name": "good"})");
+  for (const char* to : {"1", "\"@good\""}) {
+    web.Ask("PATCH", "/group?name=a", R"({"k": 2})");
+    const std::string begin = std::string(R"({"to": )") + to;
+    const json shown = Parse(web.Ask("POST", "/rollback", begin + R"(, "dryRun": true})"));
+    EXPECT_EQ(shown["changes"].dump(), R"([{"group":"a","key":"k","new":"1","old":"2"}])") << shown;
+    EXPECT_EQ(Parse(web.Ask("GET", "/group?name=a"))["keys"]["k"]["value"], "2");
+    const json done = Parse(web.Ask("POST", "/rollback", begin + "}"));
+    EXPECT_EQ(done["changes"], shown["changes"]) << done;
+    EXPECT_TRUE(done["revision"].is_number()) << done;
+    EXPECT_EQ(Parse(web.Ask("GET", "/group?name=a"))["keys"]["k"]["value"], "1");
+  }
+  EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": 99})").status, 404);
+  EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": "@none"})").status, 404);
+}
+
+TEST(WebRollback, GoesForwardAgainUnlessItIsConfirmed) {
+  const Keeping web;
+  web.Ask("PATCH", "/group?name=a", R"({"k": 1})");
+  web.Ask("PATCH", "/group?name=a", R"({"k": 2})");
+  const json done = Parse(web.Ask("POST", "/rollback", R"({"to": 1, "confirm": 600})"));
+  ASSERT_TRUE(done["pending"].is_object()) << done;
+  EXPECT_EQ(web.Ask("DELETE", "/pending?name=" + done["pending"]["name"].get<std::string>()).status, 200);
+  EXPECT_EQ(Parse(web.Ask("GET", "/group?name=a"))["keys"]["k"]["value"], "2");
+}
+
 TEST(WebRollback, RefusesWhatNoLineCanAskFor) {
   const Keeping web;
   for (const char* body : {"{}", R"({"to": true})", R"({"to": null})", R"({"to": 1, "pattern": 1})",
