@@ -59,6 +59,20 @@ test('groups of a pattern are deleted, behind a question', async () => {
   assert.deepEqual((await device.ask('GET', 'groups?pattern=Gone/*')).groups, []);
 });
 
+test('a rollback is shown before it is done', async () => {
+  await device.set('Audio/Output', { volume: '1' });
+  await device.set('Audio/Output', { volume: '2' });
+  await goTo(page, 'history?pattern=Audio/Output', 'History');
+  await page.getByRole('button', { name: /Bring back revision/ }).nth(1).click();
+  const row = dialog('Bring back').getByRole('row', { name: /volume/ });
+  assert.match(await row.innerText(), /2\s+1/);
+  await checkBothColours(page, 'a rollback');
+  assert.equal(await device.value('Audio/Output', 'volume'), '2');
+  await button('Bring back 1 setting').click();
+  await page.getByText('1 setting went back.').waitFor();
+  assert.equal(await device.value('Audio/Output', 'volume'), '1');
+});
+
 test('the history of one key shows that key alone', async () => {
   await device.set('Video/Osd', { text: 'one', font_size: '30' });
   await goTo(page, 'history?pattern=Video/Osd&key=text', 'History');
@@ -67,10 +81,17 @@ test('the history of one key shows that key alone', async () => {
   await page.getByRole('cell', { name: 'text' }).waitFor();
 });
 
-test('a checkpoint is kept and forgotten', async () => {
+test('a checkpoint is kept, brought back and forgotten', async () => {
+  await device.set('Audio/Input', { gain_db: '7' });
   await goTo(page, 'history', 'History');
   await page.getByLabel('Keep what is set now as').fill('before');
   await button('Keep').click();
+  await button('Bring back checkpoint before').waitFor();
+  await device.set('Audio/Input', { gain_db: '9' });
+  await button('Bring back checkpoint before').click();
+  await button('Bring back 1 setting').click();
+  await page.getByText('1 setting went back.').waitFor();
+  assert.equal(await device.value('Audio/Input', 'gain_db'), '7');
   await button('Forget checkpoint before').click();
   await button('Forget').click();
   await page.getByText('None is kept.').waitFor();
