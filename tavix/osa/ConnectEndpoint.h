@@ -20,7 +20,7 @@ struct ConnectResult {
 
 // Connects a socket to an endpoint. A TCP connection sends small messages at once and finds a dead peer within two
 // minutes. To find the addresses of a host's name takes as long as the system's resolver takes.
-ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline);
+TAVIX_DAEMON_EXPORT ConnectResult ConnectEndpoint(const ServiceEndpoint& endpoint, const Deadline& deadline);
 
 // Connects to the first of a host's addresses that answers, each tried once. The time that is left is shared by those
 // that were not tried yet: when the share of an address is over, or it fails, the next one is tried, too, and those

@@ -62,6 +62,16 @@ std::string ServerEnd::ReadThrough(const std::string& last) {
   }
 }
 
+std::string ServerEnd::ReadLine() {
+  size_t end = 0;
+  while ((end = _received.find('\n')) == std::string::npos) {
+    if (!Receive()) throw std::runtime_error("The connection ended behind: " + _received);
+  }
+  const std::string line = _received.substr(0, end + 1);
+  _received.erase(0, end + 1);
+  return line;
+}
+
 std::string ServerEnd::ReadToEnd() {
   while (Receive()) continue;
   return std::exchange(_received, std::string());

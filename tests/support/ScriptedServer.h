@@ -22,6 +22,9 @@ class ServerEnd {
   // What comes up to the line "last", that line included.
   std::string ReadThrough(const std::string& last = ".");
 
+  // The next line, with its line feed.
+  std::string ReadLine();
+
   // What comes up to the end of the connection. A reset is an end, too.
   std::string ReadToEnd();
 

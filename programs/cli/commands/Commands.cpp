@@ -30,6 +30,7 @@ void AddAllCommands(CommandLine& line) {
   AddWhoami(line);
   AddResource(line);
   AddLogLevel(line);
+  AddBridge(line);
   AddCompletion(line);
   AddHelp(line);
   AddVersion(line);

@@ -32,6 +32,7 @@ void AddSubscribers(CommandLine& line);
 void AddWhoami(CommandLine& line);
 void AddResource(CommandLine& line);
 void AddLogLevel(CommandLine& line);
+void AddBridge(CommandLine& line);
 void AddCompletion(CommandLine& line);
 void AddHelp(CommandLine& line);
 void AddVersion(CommandLine& line);

@@ -11,6 +11,7 @@
 
 #include "programs/cli/commands/CommandLine.h"
 #include "programs/cli/session/Bookings.h"
+#include "programs/cli/session/BridgeSocket.h"
 #include "programs/cli/terminal/Console.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/LogLevels.h"
@@ -132,6 +133,7 @@ void Completer::ReadOption(Words::const_iterator& at, Words::const_iterator end)
   if (at >= end) _pending = "--" + option->get_lnames().front();
   if (option->check_name("--server")) _options.server = value;
   if (option->check_name("--local")) _options.local = value;
+  if (option->check_name("--runtime")) _bridgeRuntime = value;
 }
 
 void Completer::Complete() {
@@ -158,6 +160,16 @@ void Completer::CompleteOptionValue(const std::string& option) {
   if (option == "--local") OfferFiles();
   if (option == "--if") CompleteSettings();
   if (option == "--consumer" || option == "-c") CompleteConsumers();
+  CompleteOptionOfBridge(option);
+}
+
+void Completer::CompleteOptionOfBridge(const std::string& option) {
+  if (option == "--from") Offer(Words{"centre", "device"});
+  if (option == "--name") {
+    const std::set<std::string> names = FindBridges(_bridgeRuntime.empty() ? kBridgeRuntime : _bridgeRuntime);
+    Offer(Words(names.begin(), names.end()));
+  }
+  if (option == "--runtime") OfferFiles();
 }
 
 void Completer::CompletePositional() {
@@ -165,7 +177,7 @@ void Completer::CompletePositional() {
   if (IsOneOf(name, {"get", "watch", "unset", "wait", "set"})) {
     CompleteSettings();
   } else if (_command->get_parent() != &_line.GetApp()) {
-    CompleteResources();
+    if (_command->get_parent()->get_name() == "resource") CompleteResources();
   } else if (IsOneOf(name, {"list", "show", "delete", "reset", "edit", "export"})) {
     Offer(ReadPaths(_current));
   } else if (IsOneOf(name, {"log", "blame"})) {

@@ -50,6 +50,7 @@ class Completer {
   void CompleteResources();
   void CompleteConsumers();
   void CompleteKept();
+  void CompleteOptionOfBridge(const std::string& option);
   std::vector<std::string> ReadKept(const std::string& feature, const std::string& request,
                                     const std::string& prefix) const;
   void ReadStore(const std::function<void(Session&)>& read) const;
@@ -63,6 +64,7 @@ class Completer {
   GlobalOptions _options;
   const CLI::App* _command = nullptr;     // the innermost that was named
   std::vector<std::string> _positionals;  // of it, without the last word
+  std::string _bridgeRuntime;             // the folder that --runtime names
   std::string _pending;                   // an option whose value is to be completed
   std::string _prefix;                    // of the last word, in front of what is to be completed
   std::string _current;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/JsonPlaces.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/core/MemoryStream.h"
 
@@ -33,9 +34,19 @@ std::string EncodeBase64(const std::string& bytes) {
   return text;
 }
 
+// What the parser says is wrong, without the name and the number that it gives such errors.
+std::string ReasonOf(const nlohmann::detail::exception& error) {
+  const std::string reason = error.what();
+  return reason.substr(reason.find("] ") + 2);
+}
+
+// What takes values from the parser. A type of this file alone: of one that others could have, too, the compiler keeps
+// readers of binary forms that nobody needs.
+class Taker : public nlohmann::json_sax<json> {};
+
 // Builds settings from what the parser finds. No tree is built in between: it would lose how numbers were written and
 // which keys stood twice, and one of any depth could not even be shown.
-class Reader : public nlohmann::json_sax<json> {
+class Reader : public Taker {
  public:
   // in: what is parsed, of the text; it tells how far that went. All outlive this.
   Reader(core::ViewIstream& in, const std::string& text, const std::string& source)
@@ -85,8 +96,7 @@ class Reader : public nlohmann::json_sax<json> {
   }
 
   bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
-    const std::string reason = error.what();
-    Fail(reason.substr(reason.find("] ") + 2));
+    Fail(ReasonOf(error));
   }
 
  private:
@@ -139,22 +149,90 @@ class Reader : public nlohmann::json_sax<json> {
   bool _hasBase64 = false;
 };
 
-// Control characters that JSON lets stand as they are: they must not reach a terminal.
-std::string WithoutControls(const std::string& text) {
-  std::string out;
-  for (size_t at = 0; at < text.size(); ++at) {
-    const bool isDelete = text[at] == '\x7F';
-    const bool isAbove = text[at] == '\xC2' && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0;
-    if (!isDelete && !isAbove) {
-      out += text[at];
-      continue;
-    }
-    if (isAbove) ++at;
-    char escaped[8];
-    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(text[at]));
-    out += escaped;
+// Lists what the parser finds by its place.
+class PlaceLister : public Taker {
+ public:
+  // Both outlive this.
+  PlaceLister(const std::string& source, JsonPlaces& places) : _source(source), _places(places) {}
+
+  bool null() override { return Add(kJsonNull, "null"); }
+  bool boolean(bool value) override { return Add(value ? kJsonTrue : kJsonFalse, value ? "true" : "false"); }
+  bool number_integer(number_integer_t value) override { return Add(kJsonOther, std::to_string(value)); }
+  bool number_unsigned(number_unsigned_t value) override { return Add(kJsonNumber, std::to_string(value)); }
+  bool number_float(number_float_t, const std::string& text) override { return Add(kJsonOther, text); }
+  bool string(std::string& text) override { return Add(kJsonText, text); }
+  bool binary(binary_t&) override { Fail("unexpected binary data"); }
+  bool start_object(size_t) override { return Open(kJsonObject, "an object"); }
+  bool start_array(size_t) override { return Open(kJsonList, ""); }
+
+  bool key(std::string& text) override {
+    if (text.size() > kMaxName) Fail("a name is too long");
+    _levels[_depth].member = text;
+    return true;
   }
-  return out;
+
+  bool end_object() override {
+    --_depth;
+    return true;
+  }
+
+  bool end_array() override {
+    const Level& level = _levels[_depth--];
+    _places[level.place] = kJsonList + std::to_string(level.count);
+    return true;
+  }
+
+  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    Fail(ReasonOf(error));
+  }
+
+ private:
+  // An object or a list that is open.
+  struct Level {
+    char kind = 0;
+    std::string place;
+    std::string member;  // of an object: whose value is next
+    size_t count = 0;    // of a list
+  };
+
+  static constexpr size_t kMaxDepth = 8;
+  static constexpr size_t kMaxValues = 1'000'000;
+  static constexpr size_t kMaxName = 256;
+
+  std::string FindPlace() {
+    Level& level = _levels[_depth];
+    if (level.kind == kJsonList) return level.place + "[" + std::to_string(level.count++) + "]";
+    return level.place.empty() ? level.member : level.place + "." + level.member;
+  }
+
+  bool Add(char kind, const std::string& text) {
+    if (_places.size() == kMaxValues) Fail("there are too many values");
+    _places[FindPlace()] = kind + text;
+    return true;
+  }
+
+  bool Open(char kind, const char* text) {
+    if (_depth == kMaxDepth) Fail("it nests too deeply");
+    std::string place = FindPlace();
+    _places[place] = kind + std::string(text);
+    Level& level = _levels[++_depth];
+    level.kind = kind;
+    level.place = std::move(place);
+    level.count = 0;
+    return true;
+  }
+
+  [[noreturn]] void Fail(const std::string& what) const { throw Failure(kExitBadInput, _source + ": " + what); }
+
+  const std::string& _source;
+  JsonPlaces& _places;
+  size_t _depth = 0;
+  Level _levels[kMaxDepth + 1];  // the first one is of none
+};
+
+// There is one parser for all that takes from it: it is large.
+void Parse(core::ViewIstream& in, Taker& taker) {
+  json::sax_parse(in, &taker);
 }
 
 }  // namespace
@@ -206,6 +284,23 @@ json ToJson(const IniFile& settings) {
   return document;
 }
 
+std::string WithoutControls(const std::string& text) {
+  std::string out;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const bool isDelete = text[at] == '\x7F';
+    const bool isAbove = text[at] == '\xC2' && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xA0;
+    if (!isDelete && !isAbove) {
+      out += text[at];
+      continue;
+    }
+    if (isAbove) ++at;
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned char>(text[at]));
+    out += escaped;
+  }
+  return out;
+}
+
 std::string Pretty(const json& document) {
   return WithoutControls(document.dump(2)) + "\n";
 }
@@ -237,8 +332,17 @@ IniFile FromJson(const std::string& text, const std::string& source) {
   core::ViewIstream in;
   in.SetText(text);
   Reader reader(in, text, source);
-  json::sax_parse(in, &reader);
+  Parse(in, reader);
   return reader.TakeSettings();
+}
+
+JsonPlaces ListJsonPlaces(const std::string& text, const std::string& source) {
+  core::ViewIstream in;
+  in.SetText(text);
+  JsonPlaces places;
+  PlaceLister lister(source, places);
+  Parse(in, lister);
+  return places;
 }
 
 }  // namespace tavix::programs

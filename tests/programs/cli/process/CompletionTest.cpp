@@ -44,6 +44,7 @@ class Completion : public CommandTest {
 TEST_F(Completion, KnowsCommandsAndOptions) {
   EXPECT_EQ(CompleteOnce({"se"}),
             "search\tFind text in names, keys and values\nset\tSet one or many settings, in one step\n");
+  EXPECT_EQ(CompleteOnce({"bridge", "di"}), "diff\tPrint what differs between here and there\n");
   EXPECT_EQ(CompleteOnce({"resource", "rel"}), "release\tGive back all that the consumer has\n");
   EXPECT_EQ(CompleteOnce({"get", "--def"}), "--default\tWhat to print for a setting that is not set\n");
   EXPECT_EQ(CompleteOnce({"get", "--jso"}), "--json\tThe same as --output json\n");

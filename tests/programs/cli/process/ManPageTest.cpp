@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -26,13 +28,18 @@ class ManPage : public CommandTest {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
+  // Commands that only hold others.
+  static constexpr const char* kGroups[] = {"bridge", "resource"};
+
   std::set<std::string> FindAllOptions() const {
     std::set<std::string> options;
     for (const std::string& command : FindCandidates({""})) {
       for (const std::string& option : FindCandidates({command, "--"})) options.insert(option);
     }
-    for (const std::string& command : FindCandidates({"resource", ""})) {
-      for (const std::string& option : FindCandidates({"resource", command, "--"})) options.insert(option);
+    for (const char* group : kGroups) {
+      for (const std::string& command : FindCandidates({group, ""})) {
+        for (const std::string& option : FindCandidates({group, command, "--"})) options.insert(option);
+      }
     }
     return options;
   }
@@ -45,11 +52,13 @@ TEST_F(ManPage, NamesEveryCommand) {
   const Words commands = FindCandidates({""});
   EXPECT_GT(commands.size(), 19U);
   for (const std::string& command : commands) {
-    const bool isGroup = command == "resource";
+    const bool isGroup = std::find(std::begin(kGroups), std::end(kGroups), command) != std::end(kGroups);
     EXPECT_THAT(page, HasSubstr("*" + command + (isGroup ? " " : "*")));
   }
-  for (const std::string& command : FindCandidates({"resource", ""}))
-    EXPECT_THAT(page, HasSubstr("*resource " + command + "*"));
+  for (const std::string group : kGroups) {
+    for (const std::string& command : FindCandidates({group, ""}))
+      EXPECT_THAT(page, HasSubstr("*" + group + " " + command + "*"));
+  }
 }
 
 TEST_F(ManPage, NamesEveryOptionAndNoOther) {
