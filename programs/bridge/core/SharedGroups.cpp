@@ -65,6 +65,7 @@ void SharedGroups::OnEvent(const EngineEvent& event, Milliseconds now) {
 void SharedGroups::OnConnected(const Connected& connected) {
   _phase = Phase::kReading;
   _listed.clear();
+  if (connected.source != _source) _confirmed.clear();  // their versions mean nothing here
   _source = connected.source;
   _isSomethingMissed = false;
   const bool isResumed = connected.isResumed && GetStoredSource() == _state.GetSource();
@@ -200,6 +201,7 @@ void SharedGroups::OnPutDone(const PutDone& done, Milliseconds now) {
   if (sent == _sent.end()) return;
   AgreedGroup agreed = std::move(sent->second);
   _sent.erase(sent);
+  _answered.insert(group);
   _dirty.insert(group);
 
   switch (done.outcome) {

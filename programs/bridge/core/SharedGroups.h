@@ -34,6 +34,7 @@ namespace tavix::bridge {
 class SharedGroups : public Mirror {
  public:
   static constexpr size_t kReportedFailures = 3;  // of a change that the device does not take: then it is an error
+  static constexpr size_t kMaxLate = 8;           // puts of a group without a known outcome that are remembered
   static constexpr Milliseconds kFollowedInterval{10'000};  // between two writes of how far everything came in
 
   // prefix: of the keys, without the '/' that follows. All others outlive the object. seed: another one for each
@@ -137,6 +138,7 @@ class SharedGroups : public Mirror {
   void KeepFollowed(Milliseconds now);
   bool IsFollowedKept() const;
   std::string GetStoredSource() const { return _binding + _source; }
+  std::vector<KeyChanges> FindLate(const std::string& group) const;
   Version GetExpected(const std::string& group) const;
   Version GetLatest(const std::string& group) const;
   Milliseconds FindRetry(const std::string& group, Milliseconds now);
@@ -167,6 +169,7 @@ class SharedGroups : public Mirror {
 
   std::map<std::string, Remote> _remote;
   std::map<std::string, AgreedGroup> _sent;       // what puts without their reply agree on
+  std::set<std::string> _answered;                // groups whose last put has a known outcome
   std::map<std::string, AgreedGroup> _confirmed;  // what the other end took, and is not on the disk yet
   std::map<std::string, Refused> _refused;
   std::map<std::string, size_t> _attempts;

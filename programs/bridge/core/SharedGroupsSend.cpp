@@ -44,9 +44,11 @@ bool SharedGroups::Send(const Planned& planned, Milliseconds now) {
   const std::optional<std::string> bytes = Compose(planned);
   PutOptions options;
   options.expected = GetExpected(group);
-  _state.SetIntent(group, {Intent::Where::kCentre, planned.view.centre, planned.plan.centre});
+  _state.SetIntent(group, {Intent::Where::kCentre, planned.view.centre, planned.plan.centre, FindLate(group)});
   _state.Commit();
+  _answered.insert(group);
   if (!_engine.Put(_prefix + group, bytes, options)) return false;
+  _answered.erase(group);
   _schedule.OnSent(group, now);
   AgreedGroup& sent = _sent[group];
   sent.keys = planned.plan.centre;
@@ -91,6 +93,22 @@ bool SharedGroups::IsFollowedKept() const {
   return _followed == _state.GetFollowed() && GetStoredSource() == _state.GetSource();
 }
 
+// What puts without a known outcome may still change there: the link or the process ended before the reply, and the
+// item has the version that they expect.
+std::vector<KeyChanges> SharedGroups::FindLate(const std::string& group) const {
+  const Intent* intent = _state.FindIntent(group);
+  const AgreedGroup* agreed = _state.FindAgreed(group);
+  const Version expected = agreed != nullptr && agreed->isThere ? agreed->version : 0;
+  if (intent == nullptr || GetExpected(group) != expected) return {};
+  std::vector<KeyChanges> late = intent->late;
+  if (intent->where != Intent::Where::kCentre || _answered.count(group) > 0) return late;
+  KeyChanges changes = FindKeyChanges(intent->before, intent->after);
+  if (!changes.empty() && std::find(late.begin(), late.end(), changes) == late.end())
+    late.push_back(std::move(changes));
+  if (late.size() > kMaxLate) late.erase(late.begin());
+  return late;
+}
+
 // Of the item that stands there, as far as it is known; 0: there is none.
 Version SharedGroups::GetExpected(const std::string& group) const {
   const auto remote = _remote.find(group);
@@ -103,11 +121,14 @@ Version SharedGroups::GetExpected(const std::string& group) const {
 Version SharedGroups::GetLatest(const std::string& group) const {
   Version latest = 0;
   const AgreedGroup* agreed = _state.FindAgreed(group);
-  if (agreed != nullptr) latest = agreed->version;
-  const auto confirmed = _confirmed.find(group);
-  if (confirmed != _confirmed.end()) latest = std::max(latest, confirmed->second.version);
   const auto remote = _remote.find(group);
-  return remote == _remote.end() ? latest : std::max(latest, remote->second.version);
+  if (remote != _remote.end()) {
+    latest = remote->second.version;  // what is agreed may be of another source
+  } else if (agreed != nullptr) {
+    latest = agreed->version;
+  }
+  const auto confirmed = _confirmed.find(group);
+  return confirmed == _confirmed.end() ? latest : std::max(latest, confirmed->second.version);
 }
 
 // Others who got ahead will try again, too: each at another moment, and ever later.

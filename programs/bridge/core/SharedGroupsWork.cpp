@@ -193,8 +193,10 @@ SharedGroups::Planned SharedGroups::LookAt(const std::string& group, const Keys&
   const auto hide = [&](const std::string& key) {
     for (Keys* keys : {&view.device, &view.centre}) keys->erase(key);
     if (view.agreed) view.agreed->erase(key);
-    if (view.intent) view.intent->before.erase(key);
-    if (view.intent) view.intent->after.erase(key);
+    if (!view.intent) return;
+    view.intent->before.erase(key);
+    view.intent->after.erase(key);
+    for (KeyChanges& changes : view.intent->late) changes.erase(key);
   };
   for (const auto& [key, value] : planned.hidden) hide(key);
   for (const std::string& key : planned.masked) hide(key);
@@ -256,7 +258,8 @@ void SharedGroups::HoldLosses(std::vector<Planned>& batch, Milliseconds now) {
 void SharedGroups::WriteIntents(const std::vector<Planned>& batch) {
   for (const Planned& planned : batch) {
     if (planned.plan.device == planned.view.device) continue;
-    _state.SetIntent(planned.group, {Intent::Where::kDevice, planned.view.device, planned.plan.device});
+    _state.SetIntent(planned.group,
+                     {Intent::Where::kDevice, planned.view.device, planned.plan.device, FindLate(planned.group)});
   }
   _state.Commit();
 
@@ -304,9 +307,10 @@ void SharedGroups::Agree(const Planned& planned) {
   agreed.version = GetExpected(planned.group);
   agreed.isThere = remote != _remote.end() ? remote->second.isThere : known != nullptr && known->isThere;
   const bool isKnown = known == nullptr ? agreed.IsEmpty() : *known == agreed;
-  if (!isKnown || planned.view.intent || planned.plan.device != planned.view.device) {
-    _state.SetAgreed(planned.group, agreed);
-  }
+  const Intent* intent = _state.FindIntent(planned.group);
+  const std::vector<KeyChanges> late = FindLate(planned.group);
+  const bool isOver = intent != nullptr && (intent->where != Intent::Where::kNowhere || intent->late != late);
+  if (!isKnown || isOver || planned.plan.device != planned.view.device) _state.SetAgreed(planned.group, agreed, late);
   const bool isNewlyKept = !planned.kept.empty() && (known == nullptr || known->kept != planned.kept);
   if (!isNewlyKept) return;
   ++_report.counters.unsupported;
@@ -319,6 +323,7 @@ void SharedGroups::Settle(const Planned& planned, Milliseconds now) {
   _blocked.erase(group);
   _reported.erase(group);
   _remote.erase(group);
+  _answered.erase(group);
   const auto refused = _refused.find(group);
   const bool isRefused = refused != _refused.end() && refused->second.keys == planned.plan.centre;
   if (!IsToSend(planned)) {

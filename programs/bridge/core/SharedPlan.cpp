@@ -22,18 +22,23 @@ void SetValue(Keys& keys, const std::string& key, const std::optional<std::strin
   }
 }
 
-// What both ends held last, with what a change adds to that, which was on its way when the link or the process ended.
+// now: what stands where the changes may have been made.
+void AddMade(Keys& base, const KeyChanges& changes, const Keys& now) {
+  for (const auto& [key, value] : changes) {
+    if (value == FindValue(now, key)) SetValue(base, key, value);
+  }
+}
+
+// What both ends held last, with what changes add to that, which were on their way when the link or the process ended.
 // Key by key: others may have changed some of them since, in the same way, too. Where that can't be known, it is a
 // conflict.
 Keys FindBase(const SharedView& view) {
   Keys base = view.agreed.value_or(Keys());
   if (!view.intent) return base;
   const Intent& intent = *view.intent;
+  for (const KeyChanges& changes : intent.late) AddMade(base, changes, view.centre);
   const Keys& now = intent.where == Intent::Where::kDevice ? view.device : view.centre;
-  for (const std::string& key : NamesOf(intent.before, intent.after)) {
-    const auto after = FindValue(intent.after, key);
-    if (after != FindValue(intent.before, key) && after == FindValue(now, key)) SetValue(base, key, after);
-  }
+  AddMade(base, FindKeyChanges(intent.before, intent.after), now);
   return base;
 }
 
@@ -86,6 +91,15 @@ SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const S
   plan.centre = std::move(merged.keys);
   plan.conflicts = std::move(merged.conflicts);
   return plan;
+}
+
+KeyChanges FindKeyChanges(const Keys& before, const Keys& after) {
+  KeyChanges changes;
+  for (const std::string& key : NamesOf(before, after)) {
+    const auto value = FindValue(after, key);
+    if (value != FindValue(before, key)) changes[key] = value;
+  }
+  return changes;
 }
 
 bool TakesValues(const Keys& before, const Keys& after) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,14 +11,23 @@
 
 namespace tavix::bridge {
 
+// Keys with the values that they get; nothing: they go.
+using KeyChanges = std::map<std::string, std::optional<std::string>>;
+
 // A change that was about to be made when it was written down. A plain value.
 struct Intent {
-  enum class Where { kDevice, kCentre };
+  enum class Where { kDevice, kCentre, kNowhere };
 
   Where where = Where::kDevice;
   Keys before;  // what stood there
   Keys after;   // what was to stand there
+
+  // What earlier puts change whose outcome nobody knows. Until the item has another version than the one that they
+  // expect, the other end may still carry out one of them.
+  std::vector<KeyChanges> late = {};
 };
+
+KeyChanges FindKeyChanges(const Keys& before, const Keys& after);
 
 // What is known of one group. A plain value.
 struct SharedView {

@@ -19,6 +19,8 @@ constexpr char kKept[] = "kept";
 constexpr char kWhere[] = "where";
 constexpr char kBefore[] = "before";
 constexpr char kAfter[] = "after";
+constexpr char kLate[] = "late ";
+constexpr char kLateGone[] = "late-gone ";
 constexpr char kFollowed[] = "followed";
 constexpr char kSource[] = "source";
 
@@ -49,6 +51,40 @@ IniFile MakeRecord(const AgreedGroup& agreed) {
   return record;
 }
 
+const char* NameOf(Intent::Where where) {
+  if (where == Intent::Where::kNowhere) return "nowhere";
+  return where == Intent::Where::kCentre ? "centre" : "device";
+}
+
+Intent::Where WhereOf(const std::string& name) {
+  if (name == NameOf(Intent::Where::kNowhere)) return Intent::Where::kNowhere;
+  return name == NameOf(Intent::Where::kCentre) ? Intent::Where::kCentre : Intent::Where::kDevice;
+}
+
+IniFile MakeRecord(const Intent& intent) {
+  IniFile record;
+  record.SetValue(kHead, kWhere, NameOf(intent.where));
+  if (!intent.before.empty()) record[kBefore] = intent.before;
+  if (!intent.after.empty()) record[kAfter] = intent.after;
+  for (size_t i = 0; i < intent.late.size(); ++i) {
+    for (const auto& [key, value] : intent.late[i])
+      record.SetValue((value ? kLate : kLateGone) + std::to_string(i), key, value.value_or(""));
+  }
+  return record;
+}
+
+Intent ReadIntent(const IniFile& record) {
+  Intent intent{WhereOf(record.GetValueOrDefault(kHead, kWhere)), KeysOf(record, kBefore), KeysOf(record, kAfter)};
+  while (true) {
+    const std::string number = std::to_string(intent.late.size());
+    KeyChanges changes;
+    for (const auto& [key, value] : KeysOf(record, kLate + number)) changes[key] = value;
+    for (const auto& [key, value] : KeysOf(record, kLateGone + number)) changes[key] = std::nullopt;
+    if (changes.empty()) return intent;
+    intent.late.push_back(std::move(changes));
+  }
+}
+
 }  // namespace
 
 SharedState::SharedState(IStateStore& store) : _store(store) {
@@ -56,11 +92,8 @@ SharedState::SharedState(IStateStore& store) : _store(store) {
     _agreed[group] = {KeysOf(record, kKeys), VersionOf(record), !record.HasValue(kHead, kGone), HiddenOf(record),
                       KeysOf(record, kKept)};
   });
-  _store.Load(StateKind::kIntent, [this](const std::string& group, const IniFile& record) {
-    const bool isCentre = record.GetValueOrDefault(kHead, kWhere) == "centre";
-    _intents[group] = {isCentre ? Intent::Where::kCentre : Intent::Where::kDevice, KeysOf(record, kBefore),
-                       KeysOf(record, kAfter)};
-  });
+  _store.Load(StateKind::kIntent,
+              [this](const std::string& group, const IniFile& record) { _intents[group] = ReadIntent(record); });
   _store.Load(StateKind::kMeta, [this](const std::string& key, const IniFile& record) {
     if (key != kFollowed) return;
     _source = record.GetValueOrDefault(kHead, kSource);
@@ -78,18 +111,16 @@ const Intent* SharedState::FindIntent(const std::string& group) const {
   return found == _intents.end() ? nullptr : &found->second;
 }
 
-void SharedState::SetAgreed(const std::string& group, const AgreedGroup& agreed) {
+void SharedState::SetAgreed(const std::string& group, const AgreedGroup& agreed, const std::vector<KeyChanges>& late) {
   Add(StateKind::kAgreed, group, agreed.IsEmpty() ? std::nullopt : std::optional<IniFile>(MakeRecord(agreed)));
-  Add(StateKind::kIntent, group, std::nullopt);
   _newAgreed[group] = agreed;
+  if (!late.empty()) return SetIntent(group, {Intent::Where::kNowhere, {}, {}, late});
+  Add(StateKind::kIntent, group, std::nullopt);
+  _newIntents.erase(group);
 }
 
 void SharedState::SetIntent(const std::string& group, const Intent& intent) {
-  IniFile record;
-  record.SetValue(kHead, kWhere, intent.where == Intent::Where::kCentre ? "centre" : "device");
-  if (!intent.before.empty()) record[kBefore] = intent.before;
-  if (!intent.after.empty()) record[kAfter] = intent.after;
-  Add(StateKind::kIntent, group, record);
+  Add(StateKind::kIntent, group, MakeRecord(intent));
   _newIntents[group] = intent;
 }
 

@@ -47,7 +47,8 @@ class SharedState {
   const Intent* FindIntent(const std::string& group) const;
 
   // Several changes are one commit: changes first, then Commit.
-  void SetAgreed(const std::string& group, const AgreedGroup& agreed);  // ends the intent, too
+  // SetAgreed ends the intent, too, but for the puts of it that may still be carried out.
+  void SetAgreed(const std::string& group, const AgreedGroup& agreed, const std::vector<KeyChanges>& late = {});
   void SetIntent(const std::string& group, const Intent& intent);
   void SetFollowed(const std::string& source, Version version);
   void Commit();

@@ -67,6 +67,15 @@ void MemoryBroker::BreakAfterNextPut(const std::string& client) {
   _clients[client].isBreakingAfterPut = true;
 }
 
+void MemoryBroker::CarryOutLatePuts(const std::string& client) {
+  osa::PlainMutexLock lock(_mutex);
+  for (const PendingPut& put : std::exchange(_clients[client].late, {})) {
+    const Item present = GetItem(put.key);
+    const bool isExpected = !put.expected || *put.expected == (present.bytes ? present.version : 0);
+    if (isExpected) (void)Write(put.key, put.bytes);
+  }
+}
+
 void MemoryBroker::LoseItems(std::size_t count) {
   osa::PlainMutexLock lock(_mutex);
   _lost = count;
@@ -279,6 +288,7 @@ void MemoryBroker::Break(Client& client, const char* reason) {
   client.isLinked = false;
   client.isStalled = false;
   client.prefixes.clear();
+  client.late.insert(client.late.end(), client.requests.begin(), client.requests.end());
   client.requests.clear();
   client.events.clear();
   client.inFlight = 0;

@@ -47,6 +47,9 @@ class MemoryBroker {
   // The client's next put is carried out, and its link breaks before the answer.
   void BreakAfterNextPut(const std::string& client) TAVIX_EXCLUDES(_mutex);
 
+  // Puts that were stalled when the link broke are carried out now, as by a network that is late. Nobody is told.
+  void CarryOutLatePuts(const std::string& client) TAVIX_EXCLUDES(_mutex);
+
   // The next so many changes that would be reported to a client are lost, or reported twice.
   void LoseItems(std::size_t count) TAVIX_EXCLUDES(_mutex);
   void RepeatItems(std::size_t count) TAVIX_EXCLUDES(_mutex);
@@ -93,6 +96,7 @@ class MemoryBroker {
     std::optional<LastWill> will;
     std::vector<std::string> prefixes;
     std::deque<PendingPut> requests;  // of a stalled link
+    std::deque<PendingPut> late;      // of links that broke while they were stalled
     std::size_t inFlight = 0;
     std::deque<EngineEvent> events;
   };

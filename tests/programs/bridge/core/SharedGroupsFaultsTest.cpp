@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
 
 #include "tests/programs/bridge/core/SharedDevices.h"
 
@@ -13,6 +16,7 @@ using tavix::bridge::Keys;
 using tavix::bridge::Limits;
 using tavix::bridge::Side;
 using tavix::test::Milliseconds;
+using tavix::test::SimulatedDevice;
 using testing::HasSubstr;
 using testing::SizeIs;
 
@@ -105,6 +109,105 @@ TEST_F(SharedGroupsFaults, KeepsWhatWasTakenThereWhileTheDiskIsFull) {
   one->state.isFull = false;
   ASSERT_TRUE(simulation.RunUntilInSync());
   EXPECT_EQ(broker.GetPutCount(), 1u);
+}
+
+// A put whose reply is lost with the link, or with the process, may still be on its way when the link is there again.
+class LatePut : public SharedGroupsFaults, public testing::WithParamInterface<bool> {
+ protected:
+  static constexpr char kKey[] = "fleet/Net/A";
+
+  void StepUntil(const std::function<bool()>& condition) {
+    for (int i = 0; i < 1000 && !condition(); ++i) simulation.Step();
+    ASSERT_TRUE(condition());
+  }
+
+  // A put of the value is on its way, and the link and perhaps the process end.
+  void LosePutOf(SimulatedDevice& device, const std::string& value) {
+    broker.Stall("one");
+    device.store.Set("Net/A", "k", value);
+    const Milliseconds begin = simulation.now;
+    while (simulation.now < begin + Milliseconds(1000)) simulation.Step();
+    broker.Cut("one");
+    simulation.Step();
+    broker.Heal("one");
+    if (GetParam()) {
+      device.Kill();
+      device.Start();
+    }
+  }
+
+  // The link is there again and stands still before the device has seen anything of it.
+  void StallNewLink(SimulatedDevice& device) {
+    StepUntil([&] { return device.link->GetState() == tavix::bridge::Link::State::kConnected; });
+    while (!broker.IsQuiet()) device.Drain();
+    broker.Stall("one");
+  }
+};
+
+TEST_P(LatePut, IsNoChangeOfOthers) {
+  const auto one = StartDevice("one", Both());
+  one->store.Set("Net/A", "k", "0");
+  one->store.Set("Net/A", "l", "0");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  LosePutOf(*one, "1");
+  one->store.Set("Net/A", "k", "2");
+  StallNewLink(*one);
+  simulation.Step();
+  ASSERT_EQ(broker.Get(kKey)->bytes, ComposeSharedGroup({{"k", "0"}, {"l", "0"}}, {}));
+  broker.CarryOutLatePuts("one");
+  ASSERT_EQ(broker.Get(kKey)->bytes, ComposeSharedGroup({{"k", "1"}, {"l", "0"}}, {}));
+  broker.Resume("one");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "2"}, {"l", "0"}}));
+  EXPECT_EQ(broker.Get(kKey)->bytes, ComposeSharedGroup({{"k", "2"}, {"l", "0"}}, {}));
+  EXPECT_EQ(one->report->counters.overridden, 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutRestart, LatePut, testing::Bool());
+
+// Versions of a cluster that was restored from a backup begin anew.
+class RestoredCluster : public SharedGroupsFaults {
+ protected:
+  static constexpr char kKey[] = "fleet/Net/A";
+
+  std::unique_ptr<SimulatedDevice> StartAtAHighVersion() {
+    auto device = StartDevice("one", Both());
+    for (int i = 0; i < 10; ++i) broker.Put(kKey, ComposeSharedGroup({{"k", std::to_string(i)}}, {}));
+    EXPECT_TRUE(simulation.RunUntilInSync());
+    return device;
+  }
+
+  void Restore(const std::string& value) {
+    broker.RestartWith({{kKey, {kKey, ComposeSharedGroup({{"k", value}}, {}), 2}}});
+    for (int i = 0; i < 100; ++i) simulation.Step();
+  }
+};
+
+TEST_F(RestoredCluster, ChangesItsGroupsWhileTheDaemonIsAway) {
+  const auto one = StartAtAHighVersion();
+  one->mirror->OnLocalLost();
+  Restore("restored");
+  broker.Put(kKey, ComposeSharedGroup({{"k", "changed"}}, {}));
+  for (int i = 0; i < 10; ++i) simulation.Step();
+  one->mirror->OnLocalReady();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "changed"}}));
+}
+
+TEST_F(RestoredCluster, LacksWhatWasTakenThereWhileTheDaemonWasAway) {
+  const auto one = StartAtAHighVersion();
+  broker.Stall("one");
+  one->store.Set("Net/A", "k", "own");
+  for (int i = 0; i < 20; ++i) simulation.Step();
+  one->mirror->OnLocalLost();
+  broker.Resume("one");
+  simulation.Step();
+  ASSERT_EQ(broker.Get(kKey)->bytes, ComposeSharedGroup({{"k", "own"}}, {}));
+  Restore("restored");
+  one->mirror->OnLocalReady();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"k", "restored"}}));
+  EXPECT_EQ(one->report->counters.overridden, 1u);
 }
 
 TEST_F(SharedGroupsFaults, TriesEverLessOftenWhatTheDeviceRefuses) {

@@ -36,7 +36,7 @@ class RandomLife : public tavix::test::SharedDevicesTest, public testing::WithPa
   }
 
   void Disturb(SimulatedDevice& device, const std::string& name) {
-    switch (_random() % 13) {
+    switch (_random() % 14) {
       case 0:
         broker.Cut(name);
         break;
@@ -76,6 +76,9 @@ class RandomLife : public tavix::test::SharedDevicesTest, public testing::WithPa
       case 12:
         if (device.IsRunning()) device.mirror->OnLocalLost();
         if (device.IsRunning()) device.mirror->OnLocalReady();
+        break;
+      case 13:
+        broker.CarryOutLatePuts(name);
         break;
     }
   }
