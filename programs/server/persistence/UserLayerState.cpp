@@ -26,7 +26,10 @@ UserLayerState::Steps UserLayerState::OnChange(Size size, Clock::time_point now,
     unsavedSince = time;
   }
   ++_changes.last;
-  if (mustBeSynced && !HasFailed()) _changes.toBeSynced = _changes.last;
+  if (mustBeSynced && !HasFailed()) {
+    if (!AwaitsSync()) _changes.firstToBeSynced = _changes.last;
+    _changes.toBeSynced = _changes.last;
+  }
   Steps steps = size == Size::kUnknown ? Fail(now) : FindWrite(size);
   steps.holdsChange = steps.holdsChange || AwaitsSync();
   steps.unsavedSince = unsavedSince;
@@ -243,9 +246,11 @@ void UserLayerState::ShowWrittenUnlessAlways(Steps& steps) const {
   if (_durability.kind != Durability::Kind::kAlways) steps.shown = FindShownUnlessAlways();
 }
 
-// What comes behind a change that waits for its sync waits, too: tickets become durable in their order.
+// What comes behind a change that waits for its sync waits, too: tickets become durable in their order. Of several such
+// changes the first counts; once it is synced, all that is not waits for the last.
 UserLayerState::Ticket UserLayerState::FindShownUnlessAlways() const {
-  return AwaitsSync() ? std::min(_changes.written, _changes.toBeSynced - 1) : _changes.written;
+  if (!AwaitsSync()) return _changes.written;
+  return std::min(_changes.written, std::max(_changes.synced, _changes.firstToBeSynced - 1));
 }
 
 // The changes up to this one were shown without the disk; those behind it are held until the disk has them.

@@ -167,6 +167,7 @@ class UserLayerState {
     Ticket written = 0;
     Ticket synced = 0;
     Ticket toBeSynced = 0;              // the last that must be synced before it is shown
+    Ticket firstToBeSynced = 0;         // the first since none was awaited
     bool areLate = false;               // they are written later
     bool arePaused = false;             // and not before the snapshot is followed
     Clock::time_point firstUnsynced{};  // when the oldest change that is not synced was made
