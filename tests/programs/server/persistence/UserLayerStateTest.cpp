@@ -40,6 +40,22 @@ TEST(UserLayerState, SyncCoversWhatWasAppendedBeforeItBegan) {
   EXPECT_TRUE(driver.state.GetSyncTime());
 }
 
+TEST(UserLayerState, OfSeveralChangesThatWaitForTheirSyncNoneIsShownBeforeIt) {
+  UserLayerDriver driver({Durability::Kind::kNone, std::chrono::seconds(0)});
+  driver.Load(1, true);
+  driver.state.OnChange(Size::kSmall, kNow, kTime);
+  EXPECT_EQ(driver.state.OnAppended(1).shown, 1u);
+  driver.state.OnChange(Size::kSmall, kNow, kTime, true);
+  EXPECT_EQ(driver.state.OnAppended(1).shown, 1u);
+  const auto sync = driver.state.OnSyncBegun(kNow, kTime);
+  EXPECT_TRUE(driver.state.OnChange(Size::kSmall, kNow, kTime, true).holdsChange);
+  EXPECT_EQ(driver.state.OnAppended(1).shown, 1u);
+  driver.state.OnSynced(sync);
+  EXPECT_TRUE(driver.state.OnChange(Size::kSmall, kNow, kTime).holdsChange);
+  EXPECT_EQ(driver.state.OnAppended(1).shown, 2u);
+  EXPECT_EQ(driver.state.OnSynced(driver.state.OnSyncBegun(kNow, kTime)).shown, 4u);
+}
+
 TEST(UserLayerState, FailureOfASyncWhoseJournalWasReplacedIsIgnored) {
   UserLayerDriver driver;
   driver.Load(1, true);
