@@ -139,8 +139,8 @@ std::chrono::seconds TimeOfLastChange(ProtocolClient& client) {
 TEST_F(TrialFaults, AClockThatIsMovedNeitherEndsATrialNorKeepsIt) {
   Start({"--history", "65536"});
   ProtocolClient client(_daemon->GetPort());
-  ProtocolClient watcher = Watch(_daemon->GetPort(), "B");
   Set(client, "[B]\nx=1\n");
+  ProtocolClient watcher = Watch(_daemon->GetPort(), "B");
   const std::chrono::seconds before = TimeOfLastChange(client);
   Try(client, "3600 kept", "[A]\nx=2\n");
   Try(client, "1 back", "[B]\nx=2\n");
