@@ -95,10 +95,10 @@ void ControlSocket::Accept(Milliseconds now) {
   }
 }
 
-// Returns whether the connection goes on.
+// Returns whether the connection goes on. A request that is there is in time, however late it is looked for.
 bool ControlSocket::Serve(Client& client, Milliseconds now) const {
-  if (now >= client.end) return false;
   if (client.answer.empty() && !Receive(client, now)) return false;
+  if (now >= client.end) return false;
   return client.answer.empty() || Send(client);
 }
 

@@ -114,8 +114,8 @@ void Service::Work(Milliseconds now) {
     RunMirror(now);
   }
   Observe(now);
-  _control.Run(now);
-  TakeNotices(now);  // what came with replies does not wake a wait
+  _control.Run(GetNow());  // calls of the daemon may have taken seconds
+  TakeNotices(now);        // what came with replies does not wake a wait
 }
 
 void Service::OpenState(Milliseconds now) {

@@ -84,6 +84,14 @@ TEST_F(ControlSocketTest, EndsAClientThatSaysNothingForFiveSeconds) {
   EXPECT_FALSE(socket.GetNext());
 }
 
+TEST_F(ControlSocketTest, AnswersARequestThatIsThereHoweverLateItIsLookedFor) {
+  const ControlClient client = Connect();
+  client.Send("status\n");
+  now = ControlSocket::kRequestTime;
+  socket.Run(now);
+  EXPECT_EQ(client.ReadToEnd(), "[status]\n");
+}
+
 TEST_F(ControlSocketTest, EndsAClientThatDoesNotTakeItsAnswer) {
   padding.assign(size_t{8} << 20U, 'x');
   const ControlClient client = Connect();
