@@ -1,5 +1,6 @@
 // One Chromium for all tests, and what each of its pages must not do: write to the console, or ask another host.
 import assert from 'node:assert/strict';
+import { EventEmitter, once } from 'node:events';
 import { createRequire } from 'node:module';
 import { readFileSync } from 'node:fs';
 import { kPatience } from './device.mjs';
@@ -18,6 +19,7 @@ let browser = null; // a promise: several tests may begin at once
 function launch() {
   browser ??= chromium.launch({
     executablePath: process.env.TAVIX_TEST_CHROMIUM,
+    timeout: kPatience,
     args: ['--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', `--host-resolver-rules=MAP ${kHostName} 127.0.0.1`],
   });
   return browser;
@@ -34,20 +36,34 @@ export class Visit {
     visit.origin = origin;
     visit.allows = allows;
     visit.wrong = [];
-    visit.requests = [];
+    visit.streams = new Set(); // of changes, that are open
+    visit.news = new EventEmitter();
     visit.context = await (await launch()).newContext({
       viewport: { width, height }, colorScheme, reducedMotion: 'reduce', locale: 'en-GB', timezoneId: 'UTC', acceptDownloads: true,
     });
     visit.context.setDefaultTimeout(kPatience);
-    visit.context.on('request', (request) => visit.#look(request.url()));
+    visit.context.on('request', (request) => visit.#look(request));
+    for (const end of ['requestfinished', 'requestfailed']) visit.context.on(end, (request) => visit.#forget(request));
     visit.context.on('console', (message) => visit.#note(message.type(), message.text()));
     visit.context.on('weberror', (error) => visit.#note('error', String(error.error())));
     return visit;
   }
 
-  #look(url) {
-    this.requests.push(url);
+  #look(request) {
+    const url = request.url();
     if (!url.startsWith(this.origin)) this.wrong.push(`a request to ${url}`);
+    if (!url.includes('/changes')) return;
+    this.streams.add(request);
+    this.news.emit('streams');
+  }
+
+  #forget(request) {
+    if (this.streams.delete(request)) this.news.emit('streams');
+  }
+
+  // Waits until one stream of changes is open. A tab that answers late is taken for gone: then two are, for a moment.
+  async seeOneStream() {
+    while (this.streams.size !== 1) await once(this.news, 'streams', { signal: AbortSignal.timeout(kPatience) });
   }
 
   #note(type, text) {

@@ -99,8 +99,9 @@ test('a checkpoint is kept, brought back and forgotten', async () => {
 
 test('a log level is set', async () => {
   await goTo(page, 'log-levels', 'Log levels');
+  const saved = page.waitForResponse((response) => response.request().method() === 'PATCH');
   await page.getByLabel('Log level of Logging/Recorder').selectOption('8 trace');
-  await page.waitForFunction(() => [...document.querySelectorAll('select')].every((one) => !one.disabled));
+  await saved;
   assert.equal(await device.value('Logging/Recorder', 'log.level'), '8');
 });
 
