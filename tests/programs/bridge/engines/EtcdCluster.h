@@ -9,12 +9,14 @@
 
 #include "programs/bridge/engines/EtcdTransfers.h"
 #include "tests/support/Patience.h"
+#include "tests/support/ReservedPort.h"
 #include "tests/support/ServiceProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
 
-// A cluster of etcd: members in processes of their own, on ports of 127.0.0.1 that were free.
+// A cluster of etcd: members in processes of their own, on ports of 127.0.0.1 that nobody else gets, also while they do
+// not run.
 //
 // Threads: the test's main thread.
 // Errors:  std::runtime_error, with what a member logged, when it does not start.
@@ -27,7 +29,7 @@ class EtcdCluster {
     while (!TryStartAll()) ++_round;
   }
 
-  unsigned short GetPort(std::size_t member) const { return _members[member].client; }
+  unsigned short GetPort(std::size_t member) const { return _members[member].client->Get(); }
 
   void Kill(std::size_t member) {
     _members[member].process->Signal(SIGKILL);
@@ -45,7 +47,7 @@ class EtcdCluster {
     bridge::EtcdSettings settings;
     settings.patience = kPatience;
     const bridge::Credentials none;
-    bridge::EtcdTransfers transfers(settings, MakeAddress("http", _members[member].client), none);
+    bridge::EtcdTransfers transfers(settings, MakeAddress("http", GetPort(member)), none);
     std::optional<bridge::EtcdTransfers::Answer> answer;
     transfers.Post(path, body, [&](const bridge::EtcdTransfers::Answer& given) { answer = given; });
     while (!answer) transfers.Step(-1);
@@ -55,14 +57,15 @@ class EtcdCluster {
 
  private:
   struct Member {
-    unsigned short client = 0;
-    unsigned short peer = 0;
+    std::unique_ptr<ReservedPort> client;
+    std::unique_ptr<ReservedPort> peer;
     std::unique_ptr<ServiceProcess> process;
   };
 
   // False when somebody else took one of the ports meanwhile.
   bool TryStartAll() {
-    for (Member& member : _members) member = {FindFreePort(), FindFreePort(), nullptr};
+    for (Member& member : _members)
+      member = {std::make_unique<ReservedPort>(), std::make_unique<ReservedPort>(), nullptr};
     for (std::size_t member = 0; member < _members.size(); ++member) Start(member);
     for (std::size_t member = 0; member < _members.size(); ++member) {
       if (IsReady(member)) continue;
@@ -79,10 +82,10 @@ class EtcdCluster {
     std::string members;
     for (std::size_t other = 0; other < _members.size(); ++other) {
       members += (members.empty() ? "m" : ",m") + std::to_string(other) + "-" + std::to_string(_round) + "=" +
-                 MakeAddress("http", _members[other].peer);
+                 MakeAddress("http", _members[other].peer->Get());
     }
-    const std::string client = MakeAddress(_scheme, member.client);
-    const std::string peer = MakeAddress("http", member.peer);
+    const std::string client = MakeAddress(_scheme, member.client->Get());
+    const std::string peer = MakeAddress("http", member.peer->Get());
     // Kept is what the kernel has: a disk that syncs slowly would fail requests, or have another leader elected. By a
     // variable, of which older versions only warn.
     std::vector<std::string> words{"env",

@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ReservedPort.h"
 #include "tests/support/ServiceProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace tavix::test {
 
-// A broker of MQTT in a process of its own, on a port of 127.0.0.1 that was free.
+// A broker of MQTT in a process of its own, on a port of 127.0.0.1 that nobody else gets, also while it does not run.
 //
 // Threads: the test's main thread.
 // Errors:  std::runtime_error, with what it logged, when it does not start.
@@ -25,7 +26,7 @@ class MosquittoBroker {
     }
   }
 
-  unsigned short GetPort() const { return _port; }
+  unsigned short GetPort() const { return _port->Get(); }
   pid_t GetId() const { return _process->GetId(); }
   std::string GetLog() const { return _process->GetOutput(); }
 
@@ -37,21 +38,21 @@ class MosquittoBroker {
   // On the same port. With what it had kept, if the lines ask for that.
   void Restart() {
     Kill();
-    if (!Start(_port)) throw std::runtime_error(_process->GetOutput());
+    if (!Start()) throw std::runtime_error(_process->GetOutput());
   }
 
  private:
   // False when somebody else took the port meanwhile.
   bool TryStart() {
-    _port = FindFreePort();
-    if (Start(_port)) return true;
+    _port = std::make_unique<ReservedPort>();
+    if (Start()) return true;
     if (_process->GetOutput().find("in use") == std::string::npos) throw std::runtime_error(_process->GetOutput());
     return false;
   }
 
-  bool Start(unsigned short port) {
+  bool Start() {
     // It would give up root's rights, and with them those to the test's folder.
-    const std::string head = "listener " + std::to_string(port) + " 127.0.0.1\nuser root\nlog_dest stderr\n" +
+    const std::string head = "listener " + std::to_string(GetPort()) + " 127.0.0.1\nuser root\nlog_dest stderr\n" +
                              "max_queued_messages 0\nmax_packet_size 268435455\n";
     const std::string file = _folder.Write("mosquitto.conf", head + _lines);
     _process = std::make_unique<ServiceProcess>(
@@ -61,7 +62,7 @@ class MosquittoBroker {
 
   const TemporaryDirectory& _folder;
   const std::string _lines;
-  unsigned short _port = 0;
+  std::unique_ptr<ReservedPort> _port;
   std::unique_ptr<ServiceProcess> _process;
 };
 
