@@ -37,6 +37,7 @@ before(async () => {
   visit = await Visit.begin({ origin: device.url, allows: [/status of 404/] }); // of the group that is not there
   page = await visit.open();
   await page.getByText('live', { exact: true }).waitFor();
+  await page.getByRole('treeitem', { name: 'Network' }).waitFor();
 });
 
 after(async () => {
