@@ -4,6 +4,13 @@
 
 namespace tavix::daemon {
 
+// A journal that failed may have been given them before.
+void TrialLines::DropLast(size_t bytes) noexcept {
+  _text.resize(_text.size() - std::min(bytes, _text.size()));
+  _journaled = std::min(_journaled, _text.size());
+  _nextJournaled = std::min(_nextJournaled, _text.size());
+}
+
 void TrialLines::OnJournaled() {
   _journaled = _text.size();
   Drop();

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -22,7 +21,7 @@ class TrialLines {
   void AddReserved(std::string_view lines) noexcept { _text += lines; }
 
   // Takes back what was added last, which no journal has.
-  void DropLast(size_t bytes) noexcept { _text.resize(_text.size() - std::min(bytes, _text.size())); }
+  void DropLast(size_t bytes) noexcept;
 
   // The lines that the journal lacks, and that it has them now.
   std::string_view GetUnjournaled() const { return std::string_view(_text).substr(_journaled); }

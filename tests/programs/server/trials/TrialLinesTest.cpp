@@ -55,6 +55,20 @@ TEST(TrialLines, OfAJournalThatFailedAreInTheSnapshot) {
   EXPECT_EQ(lines.GetUnjournaled(), "");
 }
 
+TEST(TrialLines, ThatAreTakenBackLeaveRoomForOthers) {
+  TrialLines lines;
+  lines.AddReserved("a\n");
+  lines.BeginSnapshot();
+  lines.AddReserved("b\n");
+  lines.OnJournaled();
+  lines.DropLast(2);
+  EXPECT_EQ(lines.GetUnjournaled(), "");
+  EXPECT_EQ(lines.GetUnjournaledByNext(), "");
+  lines.AddReserved("c\n");
+  EXPECT_EQ(lines.GetUnjournaled(), "c\n");
+  EXPECT_EQ(lines.GetUnjournaledByNext(), "c\n");
+}
+
 TEST(TrialLines, AreNoneOnceNoJournalWillTakeAny) {
   TrialLines lines;
   lines.AddReserved("a\n");
