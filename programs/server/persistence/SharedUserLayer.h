@@ -148,6 +148,10 @@ class SharedUserLayer : private ChangeBatch::IMember {
   bool NeedsNextJournal();
   std::shared_ptr<Journal> CreateNextJournal(const SnapshotId& snapshot) TAVIX_REQUIRES(_nameMutex);
 
+  // Whether the journal before has to stay until the next one is synced, as a confirmation behind the snapshot must not
+  // be lost, whatever the durability is.
+  bool MustBeSyncedBehind(const UserLayerState::Snapshot& snapshot) TAVIX_EXCLUDES(_mutex);
+
   // Gives the current journal its place.
   void TakePlaceNamed(Journal& journal) TAVIX_REQUIRES(_nameMutex);
 

@@ -123,6 +123,11 @@ std::shared_ptr<Journal> SharedUserLayer::CreateNextJournal(const SnapshotId& sn
   return next;
 }
 
+bool SharedUserLayer::MustBeSyncedBehind(const UserLayerState::Snapshot& snapshot) {
+  const osa::PlainMutexLock lock(_mutex);
+  return _state.MustBeSyncedBehind(snapshot.last);
+}
+
 void SharedUserLayer::TakePlaceNamed(Journal& journal) {
   journal.TakePlace();
   const osa::PlainMutexLock lock(_mutex);

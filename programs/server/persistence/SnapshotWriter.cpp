@@ -169,8 +169,9 @@ void SnapshotWriter::TakeOver(const UserLayerState::Snapshot& snapshot) {
       // Nothing behind the snapshot is in the journal before, which may have filled the disk.
       const bool mayTakePlace = next && !next->HasChanges();
       const bool isNone = _layer.GetSetup().durability.kind == Durability::Kind::kNone;  // no sync comes
+      const bool takesPlaceUnsynced = isNone && !_layer.MustBeSyncedBehind(snapshot);
       _layer.Follow(snapshot, next, last);
-      if (next && (isNone || mayTakePlace)) _layer.TakePlaceNamed(*next);
+      if (next && (takesPlaceUnsynced || mayTakePlace)) _layer.TakePlaceNamed(*next);
       if (!next) _layer.RemoveOldJournal();
     } catch (const std::exception& exception) {
       _layer.FailToFollow(snapshot, ReasonOf(exception), _files);

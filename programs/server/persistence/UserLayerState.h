@@ -143,6 +143,9 @@ class UserLayerState {
   bool IsSnapshotting() const { return _phase == Phase::kSnapshotting; }
   bool OwesAll() const { return _phase == Phase::kNoSnapshot || _phase == Phase::kFailed; }  // to a snapshot to come
   bool AreChangesLate() const { return _changes.areLate; }
+
+  // Whether a change behind this one is not to be shown before it is synced, or was not, whatever the durability is.
+  bool MustBeSyncedBehind(Ticket ticket) const { return _changes.toBeSynced > ticket; }
   bool IsWritten() const { return _changes.written == _changes.last; }
   Ticket GetLast() const { return _changes.last; }
   Ticket GetWritten() const { return _changes.written; }

@@ -76,6 +76,30 @@ TEST(TrialDurability, WhatShowsAChangeBehindAConfirmationWaitsForItsSyncAndNothi
   EXPECT_FALSE(IsHeld(store.GetStore(), "D"));
 }
 
+// It is synced in the journal before: the next one takes that one's place no sooner than it is synced itself.
+TEST(TrialDurability, AConfirmationBesideASnapshotIsNotLostWithTheJournalBefore) {
+  for (const daemon::Durability& durability : {kAlways, kHourly, kNever}) {
+    MemoryFiles files;
+    TrialStore store(files, kNoHistory, durability);
+    store.Merge(kOld);
+    store.AwaitDurable();
+    store.Try("60 t", kNew);
+    Stop stop(files, Kind::kSync, std::string(kUserFile) + ".new");
+    store.MakeSnapshotDue();
+    stop.Await();
+    store.Confirm("t");
+    stop.GoOn();
+    store.Crash();
+    PowerCuts cuts({}, files.GetOperations(), 1);
+    while (cuts.Advance()) continue;
+    for (int i = 0; i < 50; ++i) {
+      core::IniFile user = DocumentOf(UserAfter(cuts.Cut()));
+      user.RemoveGroup("Large");
+      ASSERT_EQ(TextOf(user), kNew);
+    }
+  }
+}
+
 // The first time by the write that fails.
 TEST(TrialDurability, AConfirmationIsRefusedWhileTheDiskTakesNoChanges) {
   MemoryFiles files;
