@@ -100,7 +100,6 @@ void HistoryFile::Look(uint64_t journalBegin, std::vector<std::string>& problems
   const std::string path = PathOf(_snapshotPath);
   const FileContent content = Read(path, problems);
   _isForeign = IsForeign(content);
-  std::set<uint64_t> journaled;
   size_t end = 0;
   HistoryReader reader(content.bytes);
   size_t damaged = 0;  // before the entries that the journal may have
@@ -108,7 +107,6 @@ void HistoryFile::Look(uint64_t journalBegin, std::vector<std::string>& problems
     const uint64_t revision = RevisionOf(reader.GetLines());
     const bool isJournaled = journalBegin > 0 && revision >= journalBegin;
     if (isJournaled && reader.CountDamaged() > damaged) break;
-    if (isJournaled) journaled.insert(revision);
     damaged = reader.CountDamaged();
     parts.Add(revision, IsGap(reader.GetLines()), reader.GetBegin(), reader.GetEnd() - reader.GetBegin());
     last = std::max(last, revision);
@@ -119,8 +117,6 @@ void HistoryFile::Look(uint64_t journalBegin, std::vector<std::string>& problems
   _exists = content.exists;
   _end = end;
   _last = last;
-  _journalBegin = journalBegin;
-  _journaled = std::move(journaled);
   _isKnown = true;
 }
 
@@ -179,11 +175,6 @@ bool HistoryFile::RemoveOld() {
   const osa::PlainMutexLock lock(_mutex);
   _parts.DropOld();
   return true;
-}
-
-bool HistoryFile::Has(uint64_t revision) const {
-  if (revision > _last) return false;
-  return _journalBegin == 0 || revision < _journalBegin || _journaled.count(revision) != 0;
 }
 
 void HistoryFile::AddOne(uint64_t revision, const HistoryLines& lines) {

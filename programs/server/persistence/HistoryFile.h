@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -73,7 +72,8 @@ class HistoryFile {
   // nothing is known of the files; then Append looks again.
   uint64_t Load(uint64_t journalBegin, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
 
-  bool Has(uint64_t revision) const;
+  // Whether it is there, or was: all stand in their order, and both files may be too small for all of the journal's.
+  bool Has(uint64_t revision) const { return revision <= _last; }
 
   // Those whose revision is there already are left out. problems: as those of Load, of files that were looked at anew.
   void Append(const HistoryItems& entries, std::vector<std::string>& problems) TAVIX_EXCLUDES(_mutex);
@@ -107,18 +107,16 @@ class HistoryFile {
   FileSystem& _files;
   const std::string _snapshotPath;
   const size_t _maxBytes;
-  std::unique_ptr<File> _file;    // null: to be opened
-  bool _isSynced = false;         // what was in the open file before, and its name
-  bool _hasUnsynced = false;      // written since the last sync
-  std::string _text;              // comes next, and waits for more
-  bool _isOldForeign = true;      // FILE.history.1, or nobody knows
-  bool _isKnown = false;          // what follows
-  size_t _end = 0;                // of FILE.history, behind what is to be kept of it, and what comes next
-  bool _exists = false;           // FILE.history
-  bool _isForeign = false;        // something else stands there
-  uint64_t _last = 0;             // the last revision that is there
-  uint64_t _journalBegin = 0;     // as Load was given it
-  std::set<uint64_t> _journaled;  // of the revisions from there on, those that are in the file
+  std::unique_ptr<File> _file;  // null: to be opened
+  bool _isSynced = false;       // what was in the open file before, and its name
+  bool _hasUnsynced = false;    // written since the last sync
+  std::string _text;            // comes next, and waits for more
+  bool _isOldForeign = true;    // FILE.history.1, or nobody knows
+  bool _isKnown = false;        // what follows
+  size_t _end = 0;              // of FILE.history, behind what is to be kept of it, and what comes next
+  bool _exists = false;         // FILE.history
+  bool _isForeign = false;      // something else stands there
+  uint64_t _last = 0;           // the last revision that is there
 
   struct Written {
     uint64_t revision = 0;

@@ -119,6 +119,21 @@ TEST_F(HistoryFiles, TakeWhatTheJournalHasOnceMore) {
   EXPECT_THAT(Read(files.Get(kFile)), ElementsAre("1 merge", "2 merge", "3 merge", "4 merge"));
 }
 
+// The journal that has them is still there, though some have become the old ones since, or are gone.
+TEST_F(HistoryFiles, DoNotTakeOnceMoreWhatBecameTheOldOnes) {
+  for (const uint64_t journalBegin : {1, 20, 27}) {
+    Append(ItemsOf(1, 30, 1000));
+    const std::string bytes = files.Get(kFile);
+    const std::string old = files.Get(kOldFile);
+    ASSERT_FALSE(old.empty());
+    EXPECT_EQ(Load(journalBegin), 30u);
+    EXPECT_TRUE(file.Has(journalBegin));
+    Append(ItemsOf(journalBegin, 30, 1000));
+    EXPECT_EQ(files.Get(kFile), bytes);
+    EXPECT_EQ(files.Get(kOldFile), old);
+  }
+}
+
 TEST_F(HistoryFiles, SkipADamagedEntryAndReportIt) {
   std::string second = TextOf(2);
   second[5] ^= 1;
