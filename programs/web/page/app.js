@@ -6,7 +6,7 @@ import { connection, followChanges, lastReset, recent } from './live.js';
 import {
   announce, ask, canWrite, device, go, has, linkTo, pending, readDevice, refreshPending, route, session, useValue,
 } from './store.js';
-import { count, showAuthor, spellName } from './text.js';
+import { count, showAuthor, spellName, valueAt } from './text.js';
 import { followTree, TreePane } from './tree.js';
 import { Dialog, GroupLink, html, Loading, ProblemBox, useAction, Value, View } from './ui.js';
 
@@ -183,7 +183,7 @@ function ChangedKeys({ change }) {
   if (change.gone) return html`<span>was deleted</span>`;
   if (change.old === null) return html`<span>is new</span>`;
   if (change.keys.length === 0) return html`<span>changed</span>`;
-  return html`<span>${change.keys.slice(0, 3).map((key) => html`<span class="one"><code>${spellName(key)}</code> → <${Value} value=${change.new[key]} /></span>`)}
+  return html`<span>${change.keys.slice(0, 3).map((key) => html`<span class="one"><code>${spellName(key)}</code> → <${Value} value=${valueAt(change.new, key)} /></span>`)}
     ${change.keys.length > 3 ? `and ${change.keys.length - 3} more` : null}</span>`;
 }
 
@@ -207,7 +207,7 @@ function LazyView({ view, query }) {
 function Page() {
   const { path, query } = useValue(route);
   const { needsLogin } = useValue(session);
-  const view = kViews[path];
+  const view = valueAt(kViews, path);
   const name = path === 'group' ? query.get('name') : null;
   useEffect(() => {
     document.title = `${name === null ? view?.title ?? 'Settings' : spellName(name)} – ${location.host}`;

@@ -6,7 +6,7 @@
 // since messages wake it; one that is frozen does not, and loses its place. A tab that hears a new leader reads all
 // again, because it can't know what lies between the two.
 import { announce, ask, refreshPending, State, session } from './store.js';
-import { count, isSameValue, spellName, spellValue } from './text.js';
+import { count, isSameValue, spellName, spellValue, valueAt } from './text.js';
 
 const kBeat = 2000; // ms between two messages of a leader
 const kSilence = 6000; // ms without any, behind which others ask
@@ -30,7 +30,7 @@ function keysOf(change) {
   const was = change.old ?? {};
   const is = change.new ?? {};
   if (change.old === undefined) return [];
-  return [...new Set([...Object.keys(was), ...Object.keys(is)])].filter((key) => !isSameValue(was[key], is[key])).sort();
+  return [...new Set([...Object.keys(was), ...Object.keys(is)])].filter((key) => !isSameValue(valueAt(was, key), valueAt(is, key))).sort();
 }
 
 function describe(change) {
@@ -39,8 +39,8 @@ function describe(change) {
   if (change.old === null) return `${name} is new`;
   if (change.keys.length !== 1) return `${name} changed`;
   const [key] = change.keys;
-  return key in change.new ? `${name}, ${spellName(key)} is now ${spellValue(change.new[key])}`
-    : `${name}, ${spellName(key)} was removed`;
+  const value = valueAt(change.new, key);
+  return value === undefined ? `${name}, ${spellName(key)} was removed` : `${name}, ${spellName(key)} is now ${spellValue(value)}`;
 }
 
 function draw() {

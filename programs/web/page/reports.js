@@ -2,7 +2,7 @@
 import { useEffect, useState } from './vendor/standalone.module.js';
 import { changed, recent } from './live.js';
 import { ask, canWrite, useValue } from './store.js';
-import { count, spellName } from './text.js';
+import { count, spellName, valueAt } from './text.js';
 import { GroupLink, html, Loading, ProblemBox, useAction, useLoad, Value, View } from './ui.js';
 
 const kMaxKeys = 20;
@@ -12,7 +12,7 @@ function ChangedSettings({ change }) {
   if (change.old === null) return html`<span>is new, with ${count(Object.keys(change.new).length, 'setting')}</span>`;
   if (change.keys.length === 0) return html`<span>changed</span>`;
   return html`<ul>${change.keys.slice(0, kMaxKeys).map((key) => html`<li key=${key}><code>${spellName(key)}</code>:
-      <${Value} value=${change.old[key]} /> → <${Value} value=${change.new[key]} /></li>`)}
+      <${Value} value=${valueAt(change.old, key)} /> → <${Value} value=${valueAt(change.new, key)} /></li>`)}
     ${change.keys.length > kMaxKeys ? html`<li>and ${count(change.keys.length - kMaxKeys, 'setting')} more</li>` : null}</ul>`;
 }
 

@@ -65,6 +65,12 @@ export function spellValue(value) {
   return kUnseen.test(value) ? spellText(value) : value;
 }
 
+// What an object of the interface holds under a name; undefined: nothing. Each object has parts of its own, such as
+// "constructor", which names of settings may be, too.
+export function valueAt(values, name) {
+  return Object.prototype.hasOwnProperty.call(values, name) ? values[name] : undefined;
+}
+
 export function isSameValue(a, b) {
   return (a?.base64 ?? a) === (b?.base64 ?? b) && typeof a === typeof b;
 }
