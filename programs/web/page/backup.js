@@ -1,6 +1,6 @@
 // Backups: a file of all settings, or of what users set; and one brought back, behind a look at what that would change.
 import { useState } from './vendor/standalone.module.js';
-import { ask, canWrite, device, useValue } from './store.js';
+import { ask, canWrite, device, Problem, useValue } from './store.js';
 import { count, spellName, toName } from './text.js';
 import { ChangeTable, Confirm, html, ProblemBox, useAction, View } from './ui.js';
 
@@ -42,6 +42,15 @@ function ImportDialog({ preview, mode, act, onDone, onClose }) {
   </${Confirm}>`;
 }
 
+// As they are: values that are not UTF-8 would not survive as text.
+async function readBytes(file) {
+  try {
+    return new Uint8Array(await file.arrayBuffer());
+  } catch {
+    throw new Problem(0, { detail: 'The file can’t be read. Choose it again.' });
+  }
+}
+
 function Import() {
   const [file, setFile] = useState(null);
   const [mode, setMode] = useState('merge');
@@ -49,17 +58,20 @@ function Import() {
   const [preview, setPreview] = useState(null);
   const [done, setDone] = useState('');
   const [run, isBusy, problem] = useAction();
-  const send = (text, isDryRun) => ask('POST', 'import', {
-    query: { mode, pattern: pattern === '' ? null : toName(pattern), dryRun: isDryRun ? '1' : null }, body: text,
+  const send = (bytes, isDryRun) => ask('POST', 'import', {
+    query: { mode, pattern: pattern === '' ? null : toName(pattern), dryRun: isDryRun ? '1' : null }, body: bytes,
   });
   const show = async (event) => {
     event.preventDefault();
     setDone('');
-    const text = await file.text();
-    const answer = await run(() => send(text, true));
+    let bytes = null;
+    const answer = await run(async () => {
+      bytes = await readBytes(file);
+      return send(bytes, true);
+    });
     const isEmpty = answer && answer.changes.length === 0 && !answer.gone?.deleted.length && !answer.gone?.reset.length;
     if (isEmpty) setDone('The device holds all of it already.');
-    else if (answer) setPreview({ ...answer, text });
+    else if (answer) setPreview({ ...answer, bytes });
   };
   const finish = (answer) => {
     setPreview(null);
@@ -80,7 +92,7 @@ function Import() {
     </form>
     <p role="status">${done}</p>
     <${ProblemBox} problem=${problem} />
-    ${preview ? html`<${ImportDialog} preview=${preview} mode=${mode} act=${() => send(preview.text, false)} onDone=${finish} onClose=${() => setPreview(null)} />` : null}`;
+    ${preview ? html`<${ImportDialog} preview=${preview} mode=${mode} act=${() => send(preview.bytes, false)} onDone=${finish} onClose=${() => setPreview(null)} />` : null}`;
 }
 
 export function BackupView() {

@@ -51,7 +51,7 @@ export const device = new State(null); // what /status says; null: not known yet
 export const pending = new State([]); // changes on trial
 export const reached = new State(0); // the time of the last answer
 
-// query: values may be lists. body: a text is sent as it is, all else as JSON.
+// query: values may be lists. body: a text or bytes are sent as they are, all else as JSON.
 export async function ask(method, path, { query = {}, body, headers = {} } = {}) {
   const url = new URL(path, kRoot);
   for (const [name, value] of Object.entries(query)) {
@@ -70,12 +70,13 @@ export async function ask(method, path, { query = {}, body, headers = {} } = {})
 async function send(url, method, body, headers) {
   const abort = new AbortController();
   const timer = setTimeout(() => abort.abort(), kPatience);
-  const type = typeof body === 'string' ? 'text/plain' : 'application/json';
+  const isPlain = typeof body === 'string' || body instanceof Uint8Array;
+  const type = isPlain ? 'text/plain' : 'application/json';
   try {
     return await fetch(url, {
       method,
       headers: body === undefined ? headers : { 'Content-Type': type, ...headers },
-      body: body === undefined || typeof body === 'string' ? body : JSON.stringify(body),
+      body: body === undefined || isPlain ? body : JSON.stringify(body),
       cache: 'no-store',
       credentials: 'same-origin',
       signal: abort.signal,
