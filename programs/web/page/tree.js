@@ -10,6 +10,7 @@ import { Dialog, html, ProblemBox } from './ui.js';
 const kRowHeight = 32; // px, as style.css has it
 const kMaxRows = 56; // of five elements at most
 const kMargin = 6; // rows drawn above and below of what is in sight
+const kMaxReads = 3; // of names that go on coming and going while they are read
 
 // What has been read: prefixes, each a Map of the names of its parts.
 class Tree {
@@ -17,11 +18,16 @@ class Tree {
   problem = new State(null);
   #levels = new Map();
   #open = new Set();
+  #changes = 0; // groups that may have come or gone
 
+  // An answer may lack what came while it was on its way, which the tree had taken in already: it is read again then.
   async load(prefix) {
     try {
-      const { parts } = await ask('GET', 'tree', { query: { prefix } });
-      this.#levels.set(prefix, new Map(parts.map((part) => [part.name, part])));
+      for (let reads = 0, seen = -1; reads < kMaxReads && seen !== this.#changes; ++reads) {
+        seen = this.#changes;
+        const { parts } = await ask('GET', 'tree', { query: { prefix } });
+        this.#levels.set(prefix, new Map(parts.map((part) => [part.name, part])));
+      }
       this.problem.set(null);
     } catch (problem) {
       this.problem.set(problem);
@@ -57,6 +63,7 @@ class Tree {
   apply(changes) {
     let isOther = false;
     for (const change of changes.values()) {
+      if (change.gone || change.old === null || change.old === undefined) ++this.#changes;
       if (change.gone) isOther = this.#add(change.group, -1) || isOther;
       else if (change.old === null || (change.old === undefined && this.#misses(change.group))) {
         isOther = this.#add(change.group, 1) || isOther;
