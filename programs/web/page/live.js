@@ -195,7 +195,7 @@ class Tabs {
   }
 
   #follow(message, hasLed) {
-    const isNew = this.#leader !== null && this.#leader !== message.from;
+    const isNew = this.#leader !== message.from;
     this.#stopAsking();
     if (hasLed) this.#stream.close();
     this.#leader = message.from;
@@ -211,11 +211,12 @@ class Tabs {
   }
 
   #apply(name, data, id) {
+    const isFirst = name === 'ready' && this.#lastId === ''; // what was read before may have changed since
     if (id) this.#lastId = id;
     const state = { lost: 'lost', offline: 'offline' }[name] ?? 'live';
     if (connection.value !== state) connection.set(state);
     if (name === 'change') take(data, id);
-    if (name === 'reset') readAgain();
+    if (name === 'reset' || isFirst) readAgain();
   }
 }
 
