@@ -10,7 +10,7 @@ import { count, isSameValue, spellName, spellValue, valueAt } from './text.js';
 
 const kBeat = 2000; // ms between two messages of a leader
 const kSilence = 6000; // ms without any, behind which others ask
-const kAnswer = 500; // ms that a leader has to answer
+const kAnswer = 300; // ms that a leader has to answer, each of two times
 const kDraw = 200; // ms between two times that changes are drawn
 const kMaxRecent = 200;
 
@@ -134,9 +134,9 @@ class Tabs {
     }
     this.#channel.onmessage = ({ data }) => this.#onMessage(data);
     window.addEventListener('pagehide', () => this.#leave());
-    window.addEventListener('pageshow', (event) => event.persisted && this.#find(0));
+    window.addEventListener('pageshow', (event) => event.persisted && this.#find());
     setInterval(() => this.#beat(), kBeat);
-    this.#find(0);
+    this.#find();
   }
 
   // Opens the stream anew, for a login that has just begun.
@@ -149,10 +149,14 @@ class Tabs {
     this.#channel?.postMessage({ ...message, from: this.#name });
   }
 
-  #find(delay) {
-    if (this.#asking) return;
+  #find() {
+    if (!this.#asking) this.#ask(() => this.#ask(() => this.#lead()));
+  }
+
+  // Behind a standstill of the machine the time is over before an answer could come: hence the second time.
+  #ask(next) {
     this.#send({ type: 'who' });
-    this.#asking = setTimeout(() => this.#lead(), delay + kAnswer + Math.random() * 200);
+    this.#asking = setTimeout(next, kAnswer + Math.random() * 100);
   }
 
   #lead() {
@@ -176,7 +180,7 @@ class Tabs {
 
   #beat() {
     if (this.#leader === this.#name) this.#send({ type: 'here', state: connection.value });
-    else if (this.#leader && Date.now() - this.#heard > kSilence) this.#find(0);
+    else if (this.#leader && Date.now() - this.#heard > kSilence) this.#find();
   }
 
   #onMessage(message) {
@@ -184,7 +188,7 @@ class Tabs {
     if (message.type === 'who') {
       if (leads) this.#send({ type: 'here', state: connection.value });
     } else if (message.type === 'bye') {
-      if (this.#leader === message.from) this.#find(0);
+      if (this.#leader === message.from) this.#find();
     } else if (message.type === 'restart') {
       if (leads) this.#stream.open(this.#lastId);
     } else if (leads && message.from > this.#name) {
