@@ -7,7 +7,7 @@
 namespace tavix::web {
 
 // What was compressed as deflate does (RFC 1951), as far as its bytes make sense and no more than "maxBytes" of it.
-// Small rather than fast: it serves a few files, to clients that can't expand them.
+// Throws std::bad_alloc.
 std::string Inflate(std::string_view bytes, size_t maxBytes);
 
 }  // namespace tavix::web
