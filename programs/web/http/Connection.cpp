@@ -20,6 +20,7 @@ constexpr Milliseconds kIdleTime{60'000};
 constexpr timeval kWriteTime{60, 0};
 constexpr size_t kMinOwned = 16 * size_t{1024};
 constexpr size_t kMaxReadBytes = 16 * size_t{1024};
+constexpr size_t kMaxUnsentBytes = 64 * size_t{1024};  // behind which no further request is read
 
 // Of all answers: nothing of them may be shown elsewhere, or taken for something else than it is.
 constexpr char kSecurityHeaders[] =
@@ -109,7 +110,10 @@ void Connection::Read() {
     evbuffer_drain(input, evbuffer_get_length(input));
     return;
   }
-  while (_state == State::kReading && evbuffer_get_length(input) > 0) {
+  // Whoever asks and does not take the answers must not fill the memory with them.
+  const evbuffer* const output = bufferevent_get_output(_buffer.get());
+  while (_state == State::kReading && evbuffer_get_length(input) > 0 &&
+         evbuffer_get_length(output) <= kMaxUnsentBytes) {
     const size_t size = evbuffer_get_contiguous_space(input);
     const auto* const bytes = reinterpret_cast<const char*>(evbuffer_pullup(input, static_cast<ssize_t>(size)));
     evbuffer_drain(input, _parser->Take({bytes, size}));
@@ -218,6 +222,7 @@ bool Connection::IsDrained() const {
 void Connection::OnWritten(bufferevent*, void* self) {
   auto* const connection = static_cast<Connection*>(self);
   if (connection->_state == State::kStreaming) return connection->_owner.OnStreamDrained(*connection);
+  if (connection->_state == State::kReading) return connection->Read();  // what waited for room
   if (connection->_state != State::kClosing || !connection->IsDrained()) return;
   // A client that still sends would lose the answer by a reset: it is read until it ends, or until the timer does.
   if (connection->_hasPeerEnded) return connection->End();

@@ -128,6 +128,15 @@ TEST(WebPage, TakesNothingElse) {
     EXPECT_EQ(Ask(web.process, "GET", target).status, 404) << target;
 }
 
+// The answers are more than the program keeps for one client: it goes on when some of them were taken.
+TEST(WebPage, AnswersAllRequestsThatComeBeforeAnswersAreTaken) {
+  const Web web;
+  constexpr int kRequests = 300;
+  HttpConnection connection(web.process.GetPort());
+  for (int i = 0; i < kRequests; ++i) connection.SendRequest("GET", "/style.css");
+  for (int i = 0; i < kRequests; ++i) ASSERT_EQ(connection.ReadReply().status, 200) << i;
+}
+
 TEST(WebPage, NeedsNoLogin) {
   const WebOnSocket web;
   EXPECT_EQ(Ask(web.process, "GET", "/").status, 200);
