@@ -14,6 +14,7 @@
 #include "tavix/settings/client/TavixSettingsClientImplMultiThreaded.h"
 #include "tavix/settings/client/TavixSettingsTcpConnection.h"
 #include "tests/support/BackgroundCall.h"
+#include "tests/support/Patience.h"
 #include "tests/support/RecordingCallback.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/Threads.h"
@@ -44,15 +45,19 @@ class Client {
 TEST(TavixSettingsClientImplMultiThreaded, AConnectionThatEndsRightAfterASubscribeIsFollowedByOneThatHasIt) {
   constexpr size_t kClients = 24;
   ScriptedServer server;
-  const ServerThreads threads(server, [](ServerEnd& peer, size_t number) {
+  std::promise<void> subscribed;  // a change before a callback is registered is none of its changes
+  const std::shared_future<void> allSubscribed = subscribed.get_future().share();
+  const ServerThreads threads(server, [=](ServerEnd& peer, size_t number) {
     EXPECT_EQ(peer.ReadThrough(), "subscribe\nA\n.\n");
     if (number < 2 * kClients) return;
+    allSubscribed.wait_for(tavix::test::kPatience);
     peer.Send("async change\nA\n.\n.\n");
     peer.ReadThrough("quit");
   });
   std::deque<RecordingCallback> callbacks(kClients);
   std::deque<Client> clients(kClients);
   for (size_t i = 0; i < kClients; ++i) clients[i].Subscribe(&callbacks[i], {"A"});
+  subscribed.set_value();
   for (const RecordingCallback& callback : callbacks)
     EXPECT_TRUE(Eventually([&] { return callback.GetChanges().size() == 1; }));
 }
