@@ -6,11 +6,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/Benches.h"
@@ -30,6 +32,7 @@ namespace {
 constexpr int kGroup = 7;
 constexpr char kMerge[] = "merge-durable";
 constexpr char kMergeWithHistory[] = "merge-durable-history";
+constexpr char kRollback[] = "rollback-1000";
 constexpr char kTestAndMerge[] = "tam-durable";
 constexpr char kGetUnderMerge[] = "get-under-merge";
 constexpr char kStalled[] = "merge-stalled-subscriber";
@@ -38,6 +41,9 @@ constexpr char kAlone[] = "without it";
 constexpr char kHistory[] = "with a history";
 constexpr char kNoHistory[] = "without one";
 constexpr char kAppend[] = "append 128 B, fdatasync";
+constexpr char kLastChange[] = "the last change";
+constexpr char kMergeOfSame[] = "merge of the same";
+constexpr int kManyKeys = 1000;
 constexpr double kMaxOverFloor = 1.2;
 constexpr double kMaxWithHistory = 1.05;
 constexpr double kMaxUnderMerge = 2;
@@ -126,6 +132,77 @@ void MeasureWithHistory(Recorder& recorder) {
                     {{{kMergeWithHistory, kOurs, kHistory}, [&] { return change(withHistory); }},
                      {{kMergeWithHistory, kOurs, kNoHistory}, [&] { return change(without); }}},
                     recorder.Choose(0.15, 0.4), recorder.Choose(20, 200));
+}
+
+// Sets 1,000 settings of the layer. All versions are equally long.
+Exchange MergeManyExchange(int version) {
+  std::string settings;
+  for (int group = 0; group < kManyKeys / kKeysOfGroup; ++group) {
+    settings += "[" + GroupName(group) + "]\n";
+    for (int key = 0; key < kKeysOfGroup; ++key)
+      settings += KeyName(key) + "=" + ValueText(group + version % 2 + 1, key) + "\n";
+  }
+  const Exchange nothing = GetNothingExchange();
+  return {"merge\n" + settings + ".\n" + nothing.request, nothing.reply};
+}
+
+// Takes the last change back, which may be what it did before. The daemon keeps a history; the last change of it set
+// 1,000 settings. All replies are equally long.
+class Rollbacks {
+ public:
+  explicit Rollbacks(osa::Descriptor connection) : _connection(std::move(connection)), _last(FindLastRevision()) {
+    WriteAll(_connection, MakeRequest());
+    while (_reply.size() < kEnd.size() || _reply.substr(_reply.size() - kEnd.size()) != kEnd)
+      _reply += ReadLine(_connection) + "\n";
+    ++_last;
+  }
+
+  double RollBack() {
+    const double start = NowInMicroseconds();
+    WriteAll(_connection, MakeRequest());
+    ReadAll(_connection, _reply.data(), _reply.size());
+    const double end = NowInMicroseconds();
+    const bool isRight =
+        _reply.substr(0, kBegin.size()) == kBegin && _reply.substr(_reply.size() - kEnd.size()) == kEnd;
+    if (!isRight) throw osa::Exception("The reply to a rollback is wrong");
+    ++_last;
+    return end - start;
+  }
+
+ private:
+  static inline const std::string kBegin = "data\n[";
+  static inline const std::string kEnd = "\n.\n";
+
+  std::string MakeRequest() const { return "rollback " + std::to_string(_last - 1) + "\n"; }
+
+  int FindLastRevision() const {
+    int oldest = 0;
+    int last = 0;
+    WriteAll(_connection, "info features\n");
+    for (std::string line = ReadLine(_connection); !line.empty(); line = ReadLine(_connection))
+      static_cast<void>(std::sscanf(line.c_str(), "history %d %d", &oldest, &last));
+    return last;
+  }
+
+  const osa::Descriptor _connection;
+  int _last = 0;  // revision
+  std::string _reply;
+};
+
+// Beside them: the same settings are set by their values, on the same disk.
+void MeasureRollbacks(Recorder& recorder) {
+  const DurableDaemon daemon(recorder, kMiddleLayer, "always", {}, "67108864");
+  const DurableDaemon other(recorder, kMiddleLayer, "always", {}, "67108864");
+  TimedExchange(daemon.Connect(), MergeManyExchange(0));
+  TimedExchange(daemon.Connect(), MergeManyExchange(1));
+  Rollbacks rollbacks(daemon.Connect());
+  const osa::Descriptor connection = other.Connect();
+  int version = 0;
+  MeasureInTurnsFor(
+      recorder,
+      {{{kRollback, kOurs, kLastChange}, [&] { return rollbacks.RollBack(); }},
+       {{kRollback, kOurs, kMergeOfSame}, [&] { return TimedExchange(connection, MergeManyExchange(++version)); }}},
+      recorder.Choose(0.15, 0.4), recorder.Choose(5, 20));
 }
 
 // No request sets what another one set: all have something to write.
@@ -278,6 +355,8 @@ void AddDurableBenches(Suite& suite) {
   suite.Compare({kTestAndMerge, kOurs, OursVariant(kMiddleLayer)}, {kTestAndMerge, kFloor, kAppend}, kMaxOverFloor);
   suite.Add({kMergeWithHistory}, MeasureWithHistory, Suite::Frequency::kFewRounds);
   suite.Compare({kMergeWithHistory, kOurs, kHistory}, {kMergeWithHistory, kOurs, kNoHistory}, kMaxWithHistory);
+  suite.Add({kRollback}, MeasureRollbacks, Suite::Frequency::kFewRounds);
+  suite.Compare({kRollback, kOurs, kLastChange}, {kRollback, kOurs, kMergeOfSame});
   for (int connections : {1, 10, 100}) {
     suite.Add({ThroughputItem(connections)}, [=](Recorder& recorder) {
       MeasureThroughput(recorder, connections, "durable", "always");

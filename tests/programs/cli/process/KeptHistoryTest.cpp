@@ -96,4 +96,28 @@ TEST_F(KeptHistory, CheckpointsAreMadeListedAndForgotten) {
   ExpectRun({"checkpoint", "good", "--forget"}, 7, "", "tavix-settings: not applied: no checkpoint is named 'good'\n");
 }
 
+TEST_F(KeptHistory, RollbackBringsSettingsBack) {
+  Run({"set", "[A]b=1"});
+  Run({"set", "[A]b=2", "[B]x=1"});
+  Run({"checkpoint", "good"});
+  const std::string changes = "[A]b: 2 -> 1\n[B]x: 1 -> (default)\n";
+  ExpectRun({"rollback", "--dry-run", "1"}, 0, changes, "");
+  ExpectRun({"rollback", "-y", "1", "A", "-m", "oops"}, 0, "[A]b: 2 -> 1\n", "done: 1 setting as after revision 1\n");
+  ExpectRun({"rollback", "-y", "1"}, 0, "[B]x: 1 -> (default)\n", "done: 1 setting as after revision 1\n");
+  ExpectRun({"rollback", "-y", "1"}, 0, "", "done: no differences\n");
+  ExpectRun({"log", "-n", "1", "A"}, 0, "3  TIME  ME  rollback  oops\n   [A]b: 2 -> 1\n", "");
+  ExpectRun({"rollback", "-y", "@good"}, 0, "[A]b: 1 -> 2\n[B]x: (default) -> 1\n",
+            "done: 2 settings as in checkpoint good\n");
+  ExpectRun({"rollback", "-y", "9"}, 7, "", "tavix-settings: not applied: revision 9 is not there: the last is 5\n");
+}
+
+TEST_F(KeptHistory, RollbackOnTrialGoesBackUnlessItIsConfirmed) {
+  Run({"set", "[A]b=1"});
+  Run({"set", "[A]b=2"});
+  EXPECT_EQ(Run({"rollback", "-y", "1", "--try", "60", "--check", "false"}).status, 8);
+  ExpectRun({"get", "[A]b"}, 0, "2\n", "");
+  EXPECT_EQ(Run({"rollback", "-y", "1", "--try", "60", "--check", "true"}).status, 0);
+  ExpectRun({"get", "[A]b"}, 0, "1\n", "");
+}
+
 }  // namespace tavix::test
