@@ -89,7 +89,7 @@ TEST_F(Rollbacks, NameWhoMadeThem) {
   EXPECT_THAT(Ask(other, "rollback 1\n"), HasSubstr("\nby=tcp - - -\ncommand=rollback\nis [A]x=1\n"));
 }
 
-TEST_F(Rollbacks, TellWatchersWhatTheySeeOtherwise) {
+TEST_F(Rollbacks, ReportToWatchersWhatTheySeeOtherwise) {
   ProtocolClient client(_address);
   Set(client, "[A]\nx=1\n[B]\nx=1\n");
   Set(client, "[A]\nx=2\n");
