@@ -4,7 +4,8 @@ import { drafts } from './drafts.js';
 import { GroupView } from './group.js';
 import { connection, followChanges, lastReset, recent } from './live.js';
 import {
-  announce, ask, canWrite, device, go, has, linkTo, pending, readDevice, refreshPending, route, session, useValue,
+  announce, ask, canWrite, device, followKeeping, go, has, keeping, linkTo, pending, readDevice, refreshPending, route, session,
+  stopKeeping, useValue,
 } from './store.js';
 import { count, showAuthor, spellName, valueAt } from './text.js';
 import { followTree, TreePane } from './tree.js';
@@ -91,11 +92,21 @@ function useSecondsLeft(end) {
   return seconds;
 }
 
+// due: when this tab keeps the change by itself; undefined: it does not.
+function TrialEnd({ seconds, due }) {
+  const wait = Math.max(0, Math.ceil((due - Date.now()) / 1000));
+  const back = html`<span class="seconds">${seconds}</span> s until it goes back`;
+  if (due === undefined) return back;
+  return html`${back}, unless this page still gets through ${wait > 0 ? `in ${wait} s` : 'now'}`;
+}
+
 function Trial({ trial }) {
   const [run, isBusy, problem] = useAction();
   const seconds = useSecondsLeft(trial.end);
+  const due = useValue(keeping).get(trial.name)?.due;
   useEffect(() => announce(`A change is on trial for ${seconds} seconds`), [trial.name]);
   const end = (method, path, options, text) => async () => {
+    stopKeeping(trial.name);
     if (await run(() => ask(method, path, options))) announce(text);
     refreshPending();
   };
@@ -104,7 +115,7 @@ function Trial({ trial }) {
     <p><strong>On trial: ${count(trial.changes.length, 'setting')}</strong> of ${groups.slice(0, 3).map((name, index) => html`${index > 0 ? ', ' : ''}<${GroupLink} name=${name} />`)}
       ${groups.length > 3 ? ` and ${groups.length - 3} more` : null}
       ${trial.own ? null : html` <span class="quiet">by others (${showAuthor(trial.by)})</span>`}</p>
-    <p class="countdown"><span class="seconds">${seconds}</span> s until it goes back</p>
+    <p class="countdown"><${TrialEnd} seconds=${seconds} due=${due} /></p>
     ${trial.own && canWrite() ? html`<div class="actions">
       <button type="button" disabled=${isBusy} onClick=${end('DELETE', 'pending', { query: { name: trial.name } }, 'The change was taken back')}>Take back</button>
       <button type="button" class="primary" disabled=${isBusy} onClick=${end('POST', 'pending/confirm', { body: { name: trial.name } }, 'The change is kept')}>Keep</button>
@@ -250,6 +261,7 @@ async function begin() {
   connection.subscribe((state) => state === 'live' && !device.value && readDevice().then(refreshPending, () => {}));
   followTree();
   followChanges();
+  followKeeping();
   refreshPending();
 }
 

@@ -2,7 +2,7 @@
 import { useState } from './vendor/standalone.module.js';
 import { ask, canWrite } from './store.js';
 import { count, spellName, toName } from './text.js';
-import { Badge, Confirm, GroupLink, html, Loading, ProblemBox, useAction, useLoad, Value, View } from './ui.js';
+import { Badge, Confirm, GroupLink, html, Loading, ProblemBox, useAction, useLoad, useReload, Value, View } from './ui.js';
 
 const kMaxGroups = 200;
 
@@ -94,6 +94,7 @@ export function DifferencesView() {
   const [pattern, setPattern] = useState('*');
   const name = toName(pattern);
   const { data, problem, isLoading, reload } = useLoad(() => ask('GET', 'diff', { query: { pattern: name === '' ? null : name } }), [name]);
+  useReload(reload, isLoading);
   const groups = byGroup(data?.changes ?? []);
   const shown = [...groups].slice(0, kMaxGroups);
   return html`<${View} title="Differences to the defaults">

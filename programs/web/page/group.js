@@ -4,7 +4,7 @@ import { changed, lastReset } from './live.js';
 import {
   dropDone, dropEdit, dropEdits, drafts, editsOf, findConflicts, isConflict, save, setEdit, wantedOf,
 } from './drafts.js';
-import { ask, canWrite, device, go, has, linkTo, refreshPending, session, useValue } from './store.js';
+import { ask, canWrite, device, go, has, keepLater, linkTo, session, useValue } from './store.js';
 import { count, fromField, isSameValue, spellName, toField, toName } from './text.js';
 import {
   Badge, ChangeTable, Confirm, Dialog, html, Loading, Origin, ProblemBox, TrialChoice, useAction, Value,
@@ -14,7 +14,7 @@ const kReadPause = 300; // ms between two readings of a group that goes on chang
 const kMaxShown = 200; // settings, before somebody asks for all
 const kFlash = 2500; // ms that a changed value is marked
 
-async function readGroup(name) {
+export async function readGroup(name) {
   try {
     const group = await ask('GET', 'group', { query: { name } });
     return { ...group, exists: true, settings: new Map(Object.entries(group.keys)) };
@@ -138,7 +138,7 @@ function SettingText({ name, setting, isMasked, isFlashing }) {
   </li>`;
 }
 
-function Setting({ group, name, setting, edit, isFlashing, index, onSave }) {
+function Setting({ group, name, setting, edit, isFlashing, index, onSave, onRemove }) {
   const field = edit?.kind === 'set' ? edit.field : toField(setting?.value ?? '');
   const base = edit ? edit.base : setting?.value;
   const onInput = (typed) => {
@@ -163,7 +163,8 @@ function Setting({ group, name, setting, edit, isFlashing, index, onSave }) {
       ${edit ? html`<button type="button" class="plain" aria-label=${`Undo the edit of ${spelled}`} onClick=${() => dropEdit(group, name)}>Undo</button>` : null}
       ${!edit && setting?.origin === 'user' ? html`<button type="button" class="plain" aria-label=${`Reset ${spelled}`}
         onClick=${() => setEdit(group, name, { kind: 'unset', base: setting.value })}>Reset</button>` : null}
-      ${has('history') ? html`<a class="plain" aria-label=${`History of ${spelled}`} href=${linkTo('history', { pattern: group, key: name })}>History</a>` : null}
+      ${!edit && setting ? html`<button type="button" class="plain" aria-label=${`Remove ${spelled}`} onClick=${() => onRemove(name)}>Remove…</button>` : null}
+      ${has('history') ? html`<a class="plain" aria-label=${`History of ${spelled}`} href=${linkTo('history', { name: group, key: name })}>History</a>` : null}
     </span>
   </li>`;
 }
@@ -250,7 +251,7 @@ function ReviewDialog({ group, settings, onSaved, onConflict, onClose }) {
       }
     });
     if (answer?.isConflict) onConflict();
-    else if (answer) onSaved(true);
+    else if (answer) onSaved(true, answer.pending);
   };
   return html`<${Dialog} title=${`Save ${count(edits.size, 'change')}`} onClose=${onClose} isWide>
     <p class="quiet">in <code>${spellName(group.name)}</code></p>
@@ -280,6 +281,19 @@ function DeleteDialog({ group, onDone, onClose }) {
   </${Confirm}>`;
 }
 
+// No condition of a change takes a default away: the group is replaced as a whole, which the device does for the version
+// that is shown here alone.
+function RemoveDialog({ group, name, onDone, onClose }) {
+  const spelled = spellName(name) || '(empty key)';
+  const isFromUser = group.settings.get(name)?.origin === 'user';
+  const remove = () => ask('PATCH', 'group', { query: { name: group.name }, body: { [name]: null }, headers: { 'If-Match': `"${group.version}"` } });
+  return html`<${Confirm} title="Remove this setting?" word="Remove" isDanger act=${remove} onDone=${onDone} onClose=${onClose}>
+    <p><code>${spelled}</code> of <code>${spellName(group.name)}</code> goes, and so does its default: it shows again once the whole group is reset.</p>
+    <p>Other settings of the group stay as they are, and count as set by users from then on.</p>
+    ${isFromUser ? html`<p class="quiet">Reset takes away what users set alone.</p>` : null}
+  </${Confirm}>`;
+}
+
 function ResetDialog({ group, onDone, onClose }) {
   const own = [...group.settings].filter(([, setting]) => setting.origin === 'user');
   const reset = () => ask('POST', 'apply', { body: { unset: { [group.name]: [] } } });
@@ -301,21 +315,21 @@ function GroupHead({ group, isWritable, onDelete, onReset }) {
       ${device.value?.read_only ? html`<${Badge} kind="restricted">read only</${Badge}>` : null}
     </p>
     <div class="actions">
-      ${has('history') ? html`<a class="button" href=${linkTo('history', { pattern: group.name })}>History</a>` : null}
+      ${has('history') ? html`<a class="button" href=${linkTo('history', { name: group.name })}>History</a>` : null}
       ${isWritable && group.exists && hasOwn ? html`<button type="button" onClick=${onReset}>Reset…</button>` : null}
       ${isWritable && group.exists ? html`<button type="button" class="danger-text" onClick=${onDelete}>Delete…</button>` : null}
     </div>
   </header>`;
 }
 
-function Settings({ group, edits, flashing, isWritable, onSave }) {
+function Settings({ group, edits, flashing, isWritable, onSave, onRemove }) {
   const [showsAll, setShowsAll] = useState(false);
   const names = [...new Set([...group.settings.keys(), ...(isWritable ? edits.keys() : [])])];
   const shown = showsAll ? names : names.slice(0, kMaxShown);
   return html`<ul class="settings">
     ${shown.map((key, index) => (isWritable
       ? html`<${Setting} key=${key} group=${group.name} name=${key} index=${index} setting=${group.settings.get(key)} edit=${edits.get(key)}
-          isFlashing=${flashing.has(key)} onSave=${onSave} />`
+          isFlashing=${flashing.has(key)} onSave=${onSave} onRemove=${onRemove} />`
       : html`<${SettingText} key=${key} name=${key} setting=${group.settings.get(key)} isMasked=${group.masked} isFlashing=${flashing.has(key)} />`))}
     </ul>
     ${names.length > shown.length ? html`<button type="button" onClick=${() => setShowsAll(true)}>Show all ${names.length} settings</button>` : null}
@@ -327,6 +341,7 @@ export function GroupView({ name }) {
   useValue(device);
   useValue(drafts);
   const [dialog, setDialog] = useState(null);
+  const [removed, setRemoved] = useState(null);
   const edits = editsOf(name);
   if (!group) return html`<section class="view"><${Loading} isLoading=${!problem} isEmpty /><${ProblemBox} problem=${problem} /></section>`;
 
@@ -336,13 +351,13 @@ export function GroupView({ name }) {
     if (edits.size === 0 || [...edits.values()].some((edit) => problemOf(edit) !== null)) return;
     setDialog(findConflicts(edits, group.settings).length > 0 ? 'conflict' : 'review');
   };
-  const onSaved = (isDone) => {
+  const onSaved = (isDone, trial) => {
     if (isDone) {
       dropEdits(name);
       close();
     }
     read();
-    refreshPending();
+    keepLater(trial);
   };
   const onConflict = async () => {
     close();
@@ -350,6 +365,14 @@ export function GroupView({ name }) {
     setDialog('conflict');
   };
   const onDecided = () => setDialog(editsOf(name).size > 0 ? 'review' : null);
+  const onRemove = (key) => {
+    setRemoved(key);
+    setDialog('remove');
+  };
+  const onRemoved = () => {
+    close();
+    read();
+  };
   const onGone = () => {
     close();
     go('browse');
@@ -360,12 +383,13 @@ export function GroupView({ name }) {
     <${ProblemBox} problem=${problem} />
     ${group.origin === 'restricted' ? html`<p class="note">Files on the device set this group; nobody can write it here.
       ${group.masked ? ' Its values are not shown.' : null}</p>` : null}
-    <${Settings} group=${group} edits=${edits} flashing=${flashing} isWritable=${isWritable} onSave=${review} />
+    <${Settings} group=${group} edits=${edits} flashing=${flashing} isWritable=${isWritable} onSave=${review} onRemove=${onRemove} />
     ${isWritable ? html`<${AddSetting} group=${name} settings=${group.settings} />` : null}
     ${edits.size > 0 ? html`<${SaveBar} name=${name} edits=${edits} onReview=${review} />` : null}
     ${dialog === 'review' || (dialog === 'conflict' && !hasConflicts) ? html`<${ReviewDialog} group=${group} settings=${group.settings} onSaved=${onSaved} onConflict=${onConflict} onClose=${close} />` : null}
     ${dialog === 'conflict' && hasConflicts ? html`<${ConflictDialog} group=${group} settings=${group.settings} onDone=${onDecided} onClose=${close} />` : null}
     ${dialog === 'delete' ? html`<${DeleteDialog} group=${group} onDone=${onGone} onClose=${close} />` : null}
+    ${dialog === 'remove' ? html`<${RemoveDialog} group=${group} name=${removed} onDone=${onRemoved} onClose=${close} />` : null}
     ${dialog === 'reset' ? html`<${ResetDialog} group=${group} onDone=${() => onSaved(true)} onClose=${close} />` : null}
   </section>`;
 }

@@ -1,29 +1,53 @@
 // Who changed what, and the way back. A rollback shows what it would change before it does so.
 import { useEffect, useState } from './vendor/standalone.module.js';
-import { changed } from './live.js';
-import { ask, canWrite, go, has, refreshPending } from './store.js';
-import { count, showAuthor, showTime, spellName, spellValue, toName } from './text.js';
-import { Badge, ChangeTable, Confirm, Dialog, html, Loading, ProblemBox, TrialChoice, useAction, useLoad, View } from './ui.js';
+import { save } from './drafts.js';
+import { readGroup } from './group.js';
+import { ask, canWrite, go, has, keepLater, linkTo } from './store.js';
+import { count, kDeletedGroups, nameOf, showAuthor, showTime, spellName, spellValue, toField, toName } from './text.js';
+import {
+  Badge, ChangeTable, Confirm, Dialog, GroupLink, html, Loading, ProblemBox, TrialChoice, useAction, useLoad, useReload, View,
+} from './ui.js';
 
 const kPage = 30;
 
-// to: a revision, or "@NAME" of a checkpoint.
-function RollbackDialog({ to, label, pattern, onDone, onClose }) {
-  const body = { to, ...(pattern ? { pattern } : {}) };
+// Whether a change is about one group: a setting of it, or that users deleted it. name: null stands for all groups.
+function isAbout(name, change) {
+  return name === null || change.group === name
+    || (change.group === kDeletedGroups && [change.old, change.new].some((value) => value && nameOf(value) === name));
+}
+
+// The device takes a "*" of a name for any text: then the page itself sets what goes back, of that group alone.
+async function bringBackAlone(name, changes, seconds) {
+  const group = await readGroup(name);
+  const edits = new Map(changes.map((change) => [change.key, {
+    kind: change.new === null ? 'unset' : 'set', base: group.settings.get(change.key)?.value, field: toField(change.new ?? ''),
+  }]));
+  return { ...await save(name, edits, group.exists, seconds), changes };
+}
+
+// to: a revision, or "@NAME" of a checkpoint. name: of the only group that goes back; null: the pattern counts.
+function RollbackDialog({ to, label, name, pattern, onDone, onClose }) {
+  const scope = name ?? pattern;
+  const body = { to, ...(scope ? { pattern: scope } : {}) };
   const [seconds, setSeconds] = useState(0);
-  const { data, problem, isLoading } = useLoad(() => ask('POST', 'rollback', { body: { ...body, dryRun: true } }), [to, pattern]);
+  const { data, problem, isLoading } = useLoad(() => ask('POST', 'rollback', { body: { ...body, dryRun: true } }), [to, scope]);
   const [run, isBusy, failure] = useAction();
+  const changes = (data?.changes ?? []).filter((change) => isAbout(name, change));
+  const isAlone = name !== null && spellName(name).includes('*');
+  const isImpossible = isAlone && changes.some((change) => change.group !== name || change.key === undefined);
   const confirm = async () => {
-    const answer = await run(() => ask('POST', 'rollback', { body: seconds > 0 ? { ...body, confirm: seconds } : body }));
+    const answer = await run(() => (isAlone ? bringBackAlone(name, changes, seconds)
+      : ask('POST', 'rollback', { body: seconds > 0 ? { ...body, confirm: seconds } : body })));
     if (!answer) return;
-    refreshPending();
+    keepLater(answer.pending);
     onDone(`${count(answer.changes.length, 'setting')} went back.`);
   };
-  const number = data?.changes.length ?? 0;
+  const number = isImpossible ? 0 : changes.length;
   return html`<${Dialog} title="Bring back" onClose=${onClose} isWide>
-    <p>Settings ${pattern ? html`of <code>${spellName(pattern)}</code> ` : ''}go back to ${label}. What others have changed since goes back as well.</p>
+    <p>Settings ${scope ? html`of <code>${spellName(scope)}</code> ` : ''}go back to ${label}. What others have changed since goes back as well.</p>
     <${Loading} isLoading=${isLoading} isEmpty=${!data} />
-    ${data ? html`<${ChangeTable} caption="What changes" changes=${data.changes} />` : null}
+    ${data ? html`<${ChangeTable} caption="What changes" changes=${changes} />` : null}
+    ${isImpossible ? html`<p class="note bad">A group with “*” in its name can’t come or go back alone. Bring back all groups that match its name.</p>` : null}
     ${number > 0 && has('trial') ? html`<${TrialChoice} seconds=${seconds} onChange=${setSeconds} />` : null}
     <${ProblemBox} problem=${failure ?? problem} />
     <footer><button type="button" onClick=${onClose}>Cancel</button>
@@ -31,8 +55,7 @@ function RollbackDialog({ to, label, pattern, onDone, onClose }) {
   </${Dialog}>`;
 }
 
-function Revision({ revision, wantedKey, onRollback }) {
-  const changes = revision.changes.filter((change) => wantedKey === null || change.key === wantedKey);
+function Revision({ revision, changes, onRollback }) {
   const isGap = revision.command === 'gap';
   return html`<li class="revision">
     <header>
@@ -71,7 +94,7 @@ function Checkpoints({ onRollback }) {
     <ul class="feed">${list.map((one) => html`<li key=${one.name}><strong>${spellName(one.name)}</strong>
       <span class="quiet">${one.damaged ? `damaged: ${spellValue(one.damaged)}` : `${showTime(one.time)}, revision ${one.revision}`}</span>
       ${canWrite() ? html`<span class="actions end">
-        ${has('rollback') && !one.damaged ? html`<button type="button" aria-label=${`Bring back checkpoint ${one.name}`} onClick=${() => onRollback({ to: `@${one.name}`, label: html`checkpoint <strong>${one.name}</strong>` })}>Bring back…</button>` : null}
+        ${has('rollback') && !one.damaged ? html`<button type="button" aria-label=${`Bring back checkpoint ${one.name}`} onClick=${() => onRollback({ isAll: true, to: `@${one.name}`, label: html`checkpoint <strong>${one.name}</strong>` })}>Bring back…</button>` : null}
         <button type="button" class="danger-text" aria-label=${`Forget checkpoint ${one.name}`} onClick=${() => setForgotten(one.name)}>Forget…</button></span>` : null}
     </li>`)}</ul>
     ${data && list.length === 0 ? html`<p>None is kept.</p>` : null}
@@ -93,21 +116,19 @@ function Filter({ pattern }) {
   </form>`;
 }
 
+// query: "name" is one group, "key" one setting of it, "pattern" all groups that match.
 export function HistoryView({ query }) {
+  const name = query.get('name');
   const pattern = query.get('pattern') ?? '';
   const wantedKey = query.get('key');
-  const read = (before) => ask('GET', 'history', { query: { pattern: pattern === '' ? null : pattern, count: kPage, before } });
-  const { data, problem, isLoading, reload } = useLoad(() => read(null), [pattern]);
+  const read = (before) => ask('GET', 'history', { query: { pattern: name ?? (pattern === '' ? null : pattern), count: kPage, before } });
+  const { data, problem, isLoading, reload } = useLoad(() => read(null), [name, pattern]);
   const [more, setMore] = useState({ revisions: [], next: null });
   const [run, isBusy, moreProblem] = useAction();
   const [goal, setGoal] = useState(null);
   const [done, setDone] = useState('');
   useEffect(() => setMore({ revisions: [], next: data?.next ?? null }), [data]);
-  useEffect(() => {
-    let timer = null;
-    const end = changed.subscribe(() => { timer ??= setTimeout(() => { timer = null; reload(); }, 500); });
-    return () => { end(); clearTimeout(timer); };
-  }, []);
+  useReload(reload, isLoading);
   const readMore = async () => {
     const answer = await run(() => read(more.next));
     if (answer) setMore({ revisions: [...more.revisions, ...answer.revisions], next: answer.next });
@@ -117,19 +138,22 @@ export function HistoryView({ query }) {
     setDone(text);
     reload();
   };
+  const isWanted = (change) => isAbout(name, change) && (wantedKey === null || change.key === wantedKey || change.group === kDeletedGroups);
   const revisions = [...(data?.revisions ?? []), ...more.revisions]
-    .filter((one) => wantedKey === null || one.changes.some((change) => change.key === wantedKey));
+    .map((revision) => ({ revision, changes: revision.changes.filter(isWanted) }))
+    .filter(({ revision, changes }) => name === null || changes.length > 0 || revision.command === 'gap' || revision.omitted_bytes);
   return html`<${View} title="History">
     <${Filter} key=${pattern} pattern=${pattern} />
-    ${wantedKey === null ? null : html`<p>Only changes of <code>${spellName(wantedKey)}</code>. <a href=${`#/history?${new URLSearchParams({ pattern })}`}>Show all of the group</a></p>`}
+    ${name === null ? null : html`<p>Only changes of ${wantedKey === null ? null : html`<code>${spellName(wantedKey)}</code> in `}<${GroupLink} name=${name} />.
+      ${' '}<a href=${linkTo('history', wantedKey === null ? {} : { name })}>${wantedKey === null ? 'Show all' : 'Show all of the group'}</a></p>`}
     <p role="status">${done}</p>
     <${ProblemBox} problem=${problem ?? moreProblem} />
     <${Loading} isLoading=${isLoading} isEmpty=${!data} />
-    <ol class="revisions">${revisions.map((revision) => html`<${Revision} key=${revision.revision} revision=${revision} wantedKey=${wantedKey}
+    <ol class="revisions">${revisions.map(({ revision, changes }) => html`<${Revision} key=${revision.revision} revision=${revision} changes=${changes}
       onRollback=${() => setGoal({ to: revision.revision, label: html`what they were after revision <strong>${revision.revision}</strong>` })} />`)}</ol>
-    ${data && revisions.length === 0 ? html`<p>No change is kept.</p>` : null}
+    ${data && revisions.length === 0 ? html`<p>${more.next ? 'None among the latest changes.' : 'No change is kept.'}</p>` : null}
     ${more.next ? html`<button type="button" disabled=${isBusy} onClick=${readMore}>Show earlier ones</button>` : null}
     ${has('history') ? html`<${Checkpoints} onRollback=${setGoal} />` : null}
-    ${goal ? html`<${RollbackDialog} to=${goal.to} label=${goal.label} pattern=${goal.to[0] === '@' ? '' : pattern} onDone=${finish} onClose=${() => setGoal(null)} />` : null}
+    ${goal ? html`<${RollbackDialog} to=${goal.to} label=${goal.label} name=${goal.isAll ? null : name} pattern=${goal.isAll ? '' : pattern} onDone=${finish} onClose=${() => setGoal(null)} />` : null}
   </${View}>`;
 }

@@ -1,9 +1,9 @@
 // What the device reports: changes as they come, resources, subscribers, log levels.
-import { useEffect, useState } from './vendor/standalone.module.js';
-import { changed, recent } from './live.js';
+import { useState } from './vendor/standalone.module.js';
+import { recent } from './live.js';
 import { ask, canWrite, useValue } from './store.js';
 import { count, spellName, valueAt } from './text.js';
-import { GroupLink, html, Loading, ProblemBox, useAction, useLoad, Value, View } from './ui.js';
+import { GroupLink, html, Loading, ProblemBox, useAction, useLoad, useReload, Value, View } from './ui.js';
 
 const kMaxKeys = 20;
 
@@ -31,18 +31,6 @@ export function ChangesView() {
   </${View}>`;
 }
 
-// Reads again when a group that matters has changed, at most each second.
-function useReload(reload, matters) {
-  useEffect(() => {
-    let timer = null;
-    const end = changed.subscribe((groups) => {
-      if (timer || ![...groups.keys()].some(matters)) return;
-      timer = setTimeout(() => { timer = null; reload(); }, 1000);
-    });
-    return () => { end(); clearTimeout(timer); };
-  }, []);
-}
-
 function Consumer({ consumer, total }) {
   const name = spellName(consumer.consumer);
   const limit = consumer.most === null ? '' : `, at most ${consumer.most.toLocaleString('en')}`;
@@ -64,7 +52,7 @@ function Resource({ resource }) {
 
 export function ResourcesView() {
   const { data, problem, isLoading, reload } = useLoad(() => ask('GET', 'resources'), []);
-  useReload(reload, (group) => group.startsWith('Resources/'));
+  useReload(reload, isLoading, (group) => group.startsWith('Resources/'));
   return html`<${View} title="Resources">
     <p class="quiet">What programs have booked of what they share.</p>
     <${ProblemBox} problem=${problem} />
@@ -107,7 +95,7 @@ function Level({ group, level, onChanged }) {
 export function LogLevelsView() {
   const { data, problem, isLoading, reload } = useLoad(() => ask('GET', 'log-levels'), []);
   const groups = Object.keys(data ?? {});
-  useReload(reload, () => true);
+  useReload(reload, isLoading);
   return html`<${View} title="Log levels">
     <p class="quiet">How much each program logs. A change counts at once.</p>
     <${ProblemBox} problem=${problem} />

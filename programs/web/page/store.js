@@ -2,6 +2,8 @@
 import { useEffect, useState } from './vendor/standalone.module.js';
 
 const kRoot = new URL('api/v1/', document.baseURI);
+const kKeepingMark = 'tavix-settings-trials';
+const kSettling = 1 / 6; // the part of the time on trial behind which a change is kept
 const kPatience = 15000; // ms; the program itself answers within a few seconds, also where the daemon is silent
 
 // A value that many look at.
@@ -120,13 +122,9 @@ export async function readDevice() {
 let pendingTimer = null;
 
 async function readPending() {
-  try {
-    const { pending: list } = await ask('GET', 'pending');
-    const now = Date.now();
-    pending.set(list.map((trial) => ({ ...trial, end: now + (trial.seconds ?? 0) * 1000 })));
-  } catch {
-    // What is on trial is shown again once the device answers.
-  }
+  const { pending: list } = await ask('GET', 'pending');
+  const now = Date.now();
+  pending.set(list.map((trial) => ({ ...trial, end: now + (trial.seconds ?? 0) * 1000 })));
 }
 
 // Reads what is on trial, once for all that ask within a moment.
@@ -134,8 +132,77 @@ export function refreshPending() {
   if (pendingTimer || !has('trial')) return;
   pendingTimer = setTimeout(() => {
     pendingTimer = null;
-    if (!document.hidden) readPending();
+    if (!document.hidden) readPending().catch(() => {}); // they are shown again once the device answers
   }, 250);
+}
+
+// What this tab has put on trial: names, with the times when it looks whether it still gets through, and when the trial
+// is over. What cuts the device off may do so a while behind the change: so the tab waits for a part of the time, and
+// then asks for all that loading it again takes. It keeps the change behind these answers alone. A tab that gets none,
+// or is closed, keeps nothing, and the daemon takes the change back.
+export const keeping = new State(new Map(recallKeeping()));
+let keepTimer = null;
+
+function recallKeeping() {
+  try {
+    return JSON.parse(sessionStorage.getItem(kKeepingMark) ?? '[]');
+  } catch {
+    return [];
+  }
+}
+
+function setKeeping(trials) {
+  keeping.set(trials);
+  try {
+    sessionStorage.setItem(kKeepingMark, JSON.stringify([...trials]));
+  } catch {
+    // Where a browser keeps nothing, loading the page again leaves the trial to the buttons.
+  }
+}
+
+export function stopKeeping(name) {
+  const left = new Map(keeping.value);
+  if (left.delete(name)) setKeeping(left);
+}
+
+// trial: of the answer to a change; null: nothing is on trial.
+export function keepLater(trial) {
+  refreshPending();
+  if (!trial) return;
+  const length = (trial.seconds ?? 0) * 1000;
+  const now = Date.now();
+  setKeeping(new Map(keeping.value).set(trial.name, { due: now + length * kSettling, end: now + length }));
+  followKeeping();
+}
+
+// Also what it put on trial before it was loaded again.
+export function followKeeping() {
+  if (keeping.value.size > 0) keepTimer ??= setTimeout(keepDue, 1000);
+}
+
+async function keepDue() {
+  for (const [name, { due, end }] of keeping.value) {
+    if (Date.now() >= due) await tryToKeep(name, end);
+  }
+  keepTimer = null;
+  followKeeping();
+}
+
+// A failure is tried again until the trial is over, unless the trial is.
+async function tryToKeep(name, end) {
+  try {
+    await ask('GET', document.baseURI);
+    await readDevice();
+    await readPending();
+    if (!keeping.value.has(name)) return; // somebody has decided meanwhile
+    const isThere = pending.value.some((trial) => trial.name === name);
+    if (isThere) await ask('POST', 'pending/confirm', { body: { name } });
+    announce(isThere ? 'The change is kept' : 'The change on trial has ended');
+  } catch (problem) {
+    if (Date.now() < end && ![403, 404, 409].includes(problem.status)) return;
+  }
+  stopKeeping(name);
+  refreshPending();
 }
 
 // Names of groups and what else a view is about stand behind the '#', so that going back works.

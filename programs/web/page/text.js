@@ -3,6 +3,9 @@
 
 const kNamePrefix = 'base64:';
 
+// Where the daemon records what users deleted.
+export const kDeletedGroups = 'TavixSettings/Data/DeletedGroups';
+
 // Bytes that a reader could not see, or that would make the text look like another: controls, and what turns the
 // direction of writing.
 const kUnseen = /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]/;
@@ -25,6 +28,11 @@ function hex(byte) {
 
 function escapeChar(c) {
   return kShort[c] ?? [...new TextEncoder().encode(c)].map(hex).join('');
+}
+
+// A value of the interface that is the name of a group, as the interface has names.
+export function nameOf(value) {
+  return typeof value === 'string' ? toName(value) : kNamePrefix + value.base64;
 }
 
 // Text that is UTF-8 stays readable; of all else each byte is an escape.

@@ -1,10 +1,11 @@
 // Parts that several views share.
 import { html, useEffect, useLayoutEffect, useRef, useState } from './vendor/standalone.module.js';
-import { lastReset } from './live.js';
+import { changed, lastReset } from './live.js';
 import { session, useValue } from './store.js';
-import { count, spellName, spellValue } from './text.js';
+import { count, kDeletedGroups, nameOf, spellName, spellValue } from './text.js';
 
 const kMaxRows = 300;
+const kReload = 1000; // ms
 
 export { html };
 
@@ -25,6 +26,27 @@ export function useLoad(load, inputs) {
     return () => { isCurrent = false; };
   }, [...inputs, asked, reset, round]);
   return { ...state, reload: () => reload((times) => times + 1) };
+}
+
+// Reads again what useLoad() has read when a group that matters has changed: at most each second, and not while it is
+// being read.
+export function useReload(reload, isLoading, matters = () => true) {
+  const busy = useRef(isLoading);
+  busy.current = isLoading;
+  useEffect(() => {
+    let timer = null;
+    const again = () => {
+      timer = busy.current ? setTimeout(again, kReload) : null;
+      if (timer === null) reload();
+    };
+    const end = changed.subscribe((groups) => {
+      if (timer === null && [...groups.keys()].some(matters)) timer = setTimeout(again, kReload);
+    });
+    return () => {
+      end();
+      clearTimeout(timer);
+    };
+  }, []);
 }
 
 // What runs one request at a time: [run, isBusy, problem]. run: resolves to the answer, or to nothing when it failed.
@@ -111,9 +133,20 @@ export function Confirm({ title, word, act, onDone, onClose, isDanger, children 
   </${Dialog}>`;
 }
 
+// Of the record of what users deleted, in which values are names and patterns.
+function DeletionRow({ change }) {
+  const isDeleted = change.new !== undefined && change.new !== null;
+  const name = nameOf(isDeleted ? change.new : change.old);
+  return html`<tr>
+    <th scope="row">${name.includes('*') ? html`<code>${spellName(name)}</code>` : html`<${GroupLink} name=${name} />`}</th>
+    <td colspan="3"><span class="quiet">${isDeleted ? 'deleted: its defaults no longer show' : 'no longer deleted: its defaults show again'}</span></td>
+  </tr>`;
+}
+
 function ChangeRow({ change, showsGroup }) {
   const name = spellName(change.key ?? '');
   const isGroup = change.key === undefined || change.key === null;
+  if (change.group === kDeletedGroups && !isGroup) return html`<${DeletionRow} change=${change} />`;
   return html`<tr>
     ${showsGroup ? html`<th scope="row"><${GroupLink} name=${change.group} /></th>` : null}
     ${isGroup
@@ -147,9 +180,10 @@ export function TrialChoice({ seconds, onChange }) {
   return html`<fieldset class="choice">
     <legend>If the change cuts you off</legend>
     <label><input type="checkbox" checked=${seconds > 0} onChange=${(event) => onChange(event.target.checked ? 90 : 0)} />
-      Take it back unless I confirm it</label>
-    ${seconds > 0 ? html`<label>within <input type="number" min="10" max="600" value=${seconds}
-      onChange=${(event) => onChange(Math.min(600, Math.max(10, Number(event.target.value) || 90)))} /> seconds</label>` : null}
+      Take it back by itself</label>
+    ${seconds > 0 ? html`<label>after <input type="number" min="10" max="600" value=${seconds}
+      onChange=${(event) => onChange(Math.min(600, Math.max(10, Number(event.target.value) || 90)))} /> seconds,</label>
+      <span>unless this page gets through before</span>` : null}
   </fieldset>`;
 }
 

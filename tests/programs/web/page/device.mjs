@@ -119,6 +119,12 @@ export class Device {
     return this.ask('PATCH', `group?${new URLSearchParams({ name: group })}`, keys);
   }
 
+  async remove(group) {
+    const name = new URLSearchParams({ name: group });
+    const { version } = await this.ask('GET', `group?${name}`);
+    return this.ask('DELETE', `group?${name}`, undefined, { 'If-Match': `"${version}"` });
+  }
+
   async value(group, key) {
     return (await this.ask('GET', `group?${new URLSearchParams({ name: group })}`)).keys[key]?.value;
   }

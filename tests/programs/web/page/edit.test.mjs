@@ -1,29 +1,15 @@
 // Changes that somebody makes on the page, alone and beside others.
 import assert from 'node:assert/strict';
-import { after, before, test } from 'node:test';
-import { checkBothColours, goTo, Visit } from './browser.mjs';
-import { Device } from './device.mjs';
+import { test } from 'node:test';
+import { checkBothColours, goTo } from './browser.mjs';
+import { onOnePage } from './page.mjs';
 
 const kGroup = 'Video/Streams/Main';
 
 let device = null;
-let visit = null;
 let page = null;
 
-before(async () => {
-  device = await Device.start();
-  visit = await Visit.begin({ origin: device.url, allows: [/status of 4(04|12)/] }); // of a new group, and of a lost race
-  page = await visit.open();
-  await page.getByText('live', { exact: true }).waitFor();
-});
-
-after(async () => {
-  try {
-    await visit?.end();
-  } finally {
-    await device?.stop();
-  }
-});
+onOnePage({ allows: [/status of 4(04|12)/] }, (made) => { ({ device, page } = made); }); // of a new group, and of a lost race
 
 const field = (key) => page.getByLabel(key, { exact: true });
 const button = (name) => page.getByRole('button', { name, exact: true });
@@ -66,6 +52,34 @@ test('a setting is added, and reset', async () => {
   await button('Save').click();
   await field('extra').waitFor({ state: 'detached' });
   assert.equal(await device.value(kGroup, 'extra'), undefined);
+});
+
+test('one setting is removed, and its default with it', async () => {
+  await openGroup('25');
+  await button('Remove codec').click();
+  await checkBothColours(page, 'a removal');
+  await button('Remove').click();
+  await field('codec').waitFor({ state: 'detached' });
+  assert.equal(await device.value(kGroup, 'codec'), undefined);
+  assert.equal(await device.value(kGroup, 'fps'), '25');
+  await button('Reset…').click();
+  await button('Reset').click();
+  await field('codec').waitFor();
+});
+
+test('a setting that somebody changes meanwhile is not removed', async () => {
+  await openGroup('25');
+  await button('Remove fps').click();
+  await page.route('**/api/v1/group?*', async (route) => {
+    if (route.request().method() === 'PATCH') await device.set(kGroup, { fps: '24' });
+    await route.continue();
+  });
+  await button('Remove').click();
+  await page.getByRole('alert').waitFor();
+  await page.unrouteAll();
+  assert.equal(await device.value(kGroup, 'fps'), '24');
+  await page.keyboard.press('Escape');
+  await page.getByRole('dialog').waitFor({ state: 'detached' });
 });
 
 test('bytes that are no text are typed as escapes', async () => {
@@ -162,14 +176,22 @@ test('a group is made, and deleted', async () => {
   await assert.rejects(device.value('A/New one', 'key'), /404/);
 });
 
-test('a change on trial is kept', async () => {
+// On trial for so long that this page asks for nothing while the test goes on.
+async function tryFrames(fps) {
   await openGroup('25');
-  await field('fps').fill('20');
+  await field('fps').fill(fps);
   await button('Review and save').click();
-  await page.getByLabel('Take it back unless I confirm it').check();
+  await page.getByLabel('Take it back by itself').check();
+  await page.getByLabel('after').fill('600');
+  await page.getByLabel('after').press('Tab');
   await button('Save').click();
   const banner = page.getByRole('region', { name: 'Changes on trial' });
-  await banner.getByText('s until it goes back').waitFor();
+  await banner.getByText('s until it goes back, unless this page still gets through in').waitFor();
+  return banner;
+}
+
+test('a change on trial is kept', async () => {
+  const banner = await tryFrames('20');
   await checkBothColours(page, 'a trial');
   await banner.getByRole('button', { name: 'Keep' }).click();
   await banner.waitFor({ state: 'detached' });
@@ -178,12 +200,8 @@ test('a change on trial is kept', async () => {
 });
 
 test('a change on trial is taken back', async () => {
-  await openGroup('25');
-  await field('fps').fill('21');
-  await button('Review and save').click();
-  await page.getByLabel('Take it back unless I confirm it').check();
-  await button('Save').click();
-  await button('Take back').click();
-  await page.getByRole('region', { name: 'Changes on trial' }).waitFor({ state: 'detached' });
+  const banner = await tryFrames('21');
+  await banner.getByRole('button', { name: 'Take back' }).click();
+  await banner.waitFor({ state: 'detached' });
   assert.equal(await device.value(kGroup, 'fps'), '25');
 });

@@ -43,8 +43,7 @@ test('groups come and go in the list', async () => {
   await page.getByRole('treeitem', { name: 'New' }).click();
   const group = page.getByRole('treeitem', { name: 'Group' });
   await group.waitFor();
-  const { version } = await device.ask('GET', 'group?name=New/Group');
-  await device.ask('DELETE', 'group?name=New/Group', undefined, { 'If-Match': `"${version}"` });
+  await device.remove('New/Group');
   await group.waitFor({ state: 'detached' });
   await visit.end();
 });
@@ -96,24 +95,61 @@ test('a daemon that is away is shown, and all is read again when it is back', as
   await visit.end();
 });
 
+// Saves a change of fps on trial.
+async function saveOnTrial(page, fps, seconds) {
+  await page.getByLabel('fps', { exact: true }).fill(fps);
+  await page.getByRole('button', { name: 'Review and save' }).click();
+  await page.getByLabel('Take it back by itself').check();
+  await page.getByLabel('after').fill(seconds);
+  await page.getByLabel('after').press('Tab');
+  await page.getByRole('button', { name: 'Save', exact: true }).click();
+}
+
+test('a change on trial is kept by the page that still gets through', async () => {
+  await device.set(kGroup, { fps: '25' });
+  const visit = await Visit.begin({ origin: device.url });
+  await visit.context.clock.install();
+  const page = await visit.open(path(kGroup));
+  await seeState(page, 'live');
+  await saveOnTrial(page, '20', '600');
+  const banner = page.getByRole('region', { name: 'Changes on trial' });
+  await banner.getByText('unless this page still gets through in').waitFor();
+  assert.equal((await device.ask('GET', 'pending')).pending.length, 1);
+  await page.reload(); // which is no reason to forget it
+  await banner.getByText('unless this page still gets through in').waitFor();
+  await page.clock.fastForward(600000 / 6);
+  await banner.waitFor({ state: 'detached' });
+  await page.getByRole('status').getByText('The change is kept').waitFor();
+  assert.deepEqual(await device.ask('GET', 'pending'), { pending: [] });
+  assert.equal(await device.value(kGroup, 'fps'), '20');
+  await visit.end();
+});
+
 test('a change that cuts the page off goes back by itself', async () => {
   await device.set(kGroup, { fps: '25' });
   const visit = await Visit.begin({ origin: device.url, allows: [/ERR_/] });
+  await visit.context.clock.install();
   const page = await visit.open(path(kGroup));
   await seeState(page, 'live');
-  await page.getByLabel('fps', { exact: true }).fill('20');
-  await page.getByRole('button', { name: 'Review and save' }).click();
-  await page.getByLabel('Take it back unless I confirm it').check();
-  await page.getByLabel('within').fill('25'); // so that it is seen also by a machine that stands still meanwhile
-  await page.getByLabel('within').press('Tab');
-  await page.getByRole('button', { name: 'Save', exact: true }).click();
-  await page.getByText('s until it goes back').waitFor();
+  let isCut = false;
+  await page.route('**/*', async (route) => {
+    if (isCut) return route.abort();
+    if (!route.request().url().endsWith('/apply')) return route.continue();
+    const response = await route.fetch();
+    isCut = true; // no answer comes behind that of the change
+    return route.fulfill({ response });
+  });
+  await saveOnTrial(page, '20', '10');
+  await page.getByRole('dialog').waitFor({ state: 'detached' });
   const { address } = device.web;
   await device.web.stop('SIGKILL');
   await seeState(page, 'not reached');
+  await page.clock.fastForward(5000); // it would keep the change now
   const other = await device.startWeb();
   await untilValue(other.address, '25');
   device.web = await device.startWeb(address);
+  isCut = false;
+  await page.clock.fastForward(60000);
   await seeState(page, 'live');
   await seeValue(page, '25');
   await page.getByRole('region', { name: 'Changes on trial' }).waitFor({ state: 'detached' });

@@ -1,10 +1,11 @@
 // Each view: what it is made of, in both colours, on a wide and on a narrow screen.
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
-import { after, before, test } from 'node:test';
+import { test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 import { checkAccess, checkBothColours, checkWidth, goTo, settle, Visit } from './browser.mjs';
 import { Device } from './device.mjs';
+import { onOnePage } from './page.mjs';
 
 const kExpected = fileURLToPath(new URL('expected/', import.meta.url));
 
@@ -24,29 +25,16 @@ const kViews = [
 ];
 
 let device = null;
-let visit = null;
 let page = null;
 
-before(async () => {
-  device = await Device.start();
-  await device.set('Network/Eth0', { mtu: '1400' });
-  await device.set('Video/Streams/Main', { fps: '30' });
-  await device.ask('POST', 'apply', { set: { 'Resources/Bandwidth/Consumers/LiveView': { CurrentlyUsed: '9000' } } });
-  await device.ask('DELETE', 'group?name=Events/Motion/2', undefined,
-    { 'If-Match': `"${(await device.ask('GET', 'group?name=Events/Motion/2')).version}"` });
-  visit = await Visit.begin({ origin: device.url, allows: [/status of 404/] }); // of the group that is not there
-  page = await visit.open();
-  await page.getByText('live', { exact: true }).waitFor();
-  await page.getByRole('treeitem', { name: 'Network' }).waitFor();
-});
+async function prepare(fresh) {
+  await fresh.set('Network/Eth0', { mtu: '1400' });
+  await fresh.set('Video/Streams/Main', { fps: '30' });
+  await fresh.ask('POST', 'apply', { set: { 'Resources/Bandwidth/Consumers/LiveView': { CurrentlyUsed: '9000' } } });
+  await fresh.remove('Events/Motion/2');
+}
 
-after(async () => {
-  try {
-    await visit?.end();
-  } finally {
-    await device?.stop();
-  }
-});
+onOnePage({ allows: [/status of 404/], prepare }, (made) => { ({ device, page } = made); }); // of the group that is not there
 
 // What differs from run to run.
 function plain(structure) {

@@ -1,28 +1,14 @@
 // Search, differences, history, reports and backups: what is done in them.
 import assert from 'node:assert/strict';
 import { readFile } from 'node:fs/promises';
-import { after, before, test } from 'node:test';
-import { checkBothColours, goTo, settle, Visit } from './browser.mjs';
-import { Device } from './device.mjs';
+import { test } from 'node:test';
+import { checkBothColours, goTo, settle } from './browser.mjs';
+import { onOnePage } from './page.mjs';
 
 let device = null;
-let visit = null;
 let page = null;
 
-before(async () => {
-  device = await Device.start();
-  visit = await Visit.begin({ origin: device.url, allows: [/status of 422/] });
-  page = await visit.open();
-  await page.getByText('live', { exact: true }).waitFor();
-});
-
-after(async () => {
-  try {
-    await visit?.end();
-  } finally {
-    await device?.stop();
-  }
-});
+onOnePage({ allows: [/status of 422/] }, (made) => { ({ device, page } = made); });
 
 const button = (name) => page.getByRole('button', { name, exact: true });
 const dialog = (name) => page.getByRole('dialog', { name });
@@ -75,10 +61,39 @@ test('a rollback is shown before it is done', async () => {
 
 test('the history of one key shows that key alone', async () => {
   await device.set('Video/Osd', { text: 'one', font_size: '30' });
-  await goTo(page, 'history?pattern=Video/Osd&key=text', 'History');
+  await goTo(page, 'history?name=Video/Osd&key=text', 'History');
   await page.getByText('Only changes of').waitFor();
   assert.equal(await page.getByRole('cell', { name: 'font_size' }).count(), 0);
   await page.getByRole('cell', { name: 'text' }).waitFor();
+});
+
+test('a name with a "*" is one group, not a pattern, for its history and its way back', async () => {
+  await device.ask('POST', 'apply', { set: { 'Star/*': { key: '1' }, 'Star/Other': { key: '1' } } });
+  await device.ask('POST', 'apply', { set: { 'Star/*': { key: '2', more: '2' }, 'Star/Other': { key: '2' } } });
+  await goTo(page, 'group?name=Star/*', 'Star/*');
+  await page.getByRole('link', { name: 'History', exact: true }).last().click();
+  await page.getByText('Only changes of').waitFor();
+  await page.getByRole('cell', { name: 'more' }).waitFor();
+  assert.equal(await page.getByRole('link', { name: 'Star/Other' }).count(), 0);
+  await page.getByRole('button', { name: /Bring back revision/ }).nth(1).click();
+  await button('Bring back 2 settings').click();
+  await page.getByText('2 settings went back.').waitFor();
+  assert.equal(await device.value('Star/*', 'key'), '1');
+  assert.equal(await device.value('Star/*', 'more'), undefined);
+  assert.equal(await device.value('Star/Other', 'key'), '2');
+});
+
+test('a group that was deleted stands in the history in words', async () => {
+  await device.remove('Events/Motion/1');
+  await goTo(page, 'history?name=Events/Motion/1', 'History');
+  await page.getByRole('row', { name: 'Events/Motion/1 deleted: its defaults no longer show' }).waitFor();
+  assert.equal(await page.getByText('DeletedGroups').count(), 0);
+});
+
+test('differences follow changes', async () => {
+  await goTo(page, 'differences', 'Differences to the defaults');
+  await device.set('Storage/SdCard', { label: 'from elsewhere' });
+  await page.getByText('from elsewhere').waitFor();
 });
 
 test('a checkpoint is kept, brought back and forgotten', async () => {
