@@ -58,8 +58,10 @@ class Answer {
 
   std::string Take(const std::string& place, char kind) const { return TakePlace(_places, _source, place, kind); }
 
-  // How many items a list has.
-  size_t Count(const std::string& place) const { return std::strtoull(Take(place, kJsonList).c_str(), nullptr, 10); }
+  // How many items a list has, which lie in memory: the count always fits.
+  size_t Count(const std::string& place) const {
+    return static_cast<size_t>(std::strtoull(Take(place, kJsonList).c_str(), nullptr, 10));
+  }
 
   // Empty for 0, which stands for no time.
   std::string ShowTime(const std::string& place) const {
