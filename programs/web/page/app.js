@@ -221,6 +221,7 @@ function Page() {
   const view = valueAt(kViews, path);
   const name = path === 'group' ? query.get('name') : null;
   useEffect(() => {
+    window.scrollTo(0, 0);
     document.title = `${name === null ? view?.title ?? 'Settings' : spellName(name)} – ${location.host}`;
   }, [path, name]);
   return html`<a class="skip" href="#main" onClick=${(event) => { event.preventDefault(); document.getElementById('main').focus(); }}>To the content</a>

@@ -163,7 +163,7 @@ function Setting({ group, name, setting, edit, isFlashing, index, onSave, onRemo
       ${edit ? html`<button type="button" class="plain" aria-label=${`Undo the edit of ${spelled}`} onClick=${() => dropEdit(group, name)}>Undo</button>` : null}
       ${!edit && setting?.origin === 'user' ? html`<button type="button" class="plain" aria-label=${`Reset ${spelled}`}
         onClick=${() => setEdit(group, name, { kind: 'unset', base: setting.value })}>Reset</button>` : null}
-      ${!edit && setting ? html`<button type="button" class="plain" aria-label=${`Remove ${spelled}`} onClick=${() => onRemove(name)}>Remove…</button>` : null}
+      ${!edit && setting ? html`<button type="button" class="plain" aria-label=${`Remove ${spelled}`} onClick=${() => onRemove(name)}>Remove</button>` : null}
       ${has('history') ? html`<a class="plain" aria-label=${`History of ${spelled}`} href=${linkTo('history', { name: group, key: name })}>History</a>` : null}
     </span>
   </li>`;
@@ -307,7 +307,7 @@ function ResetDialog({ group, onDone, onClose }) {
 function GroupHead({ group, isWritable, onDelete, onReset }) {
   const parts = (spellName(group.name) || '(empty name)').split('/');
   const hasOwn = [...group.settings.values()].some((setting) => setting.origin === 'user');
-  return html`<header class="view-head">
+  return html`<header class="view-head group-head">
     <a class="back" href=${linkTo('browse')}>‹ All groups</a>
     <h1 tabindex="-1" id="group-name">${parts.map((part, index) => html`${index > 0 ? html`<span class="quiet">/</span><wbr />` : null}${part}`)}</h1>
     <p class="facts">

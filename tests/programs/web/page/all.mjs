@@ -7,6 +7,7 @@ import './edit.test.mjs';
 import './live.test.mjs';
 import './work.test.mjs';
 import './access.test.mjs';
+import './pictures.test.mjs';
 
 // What a test that failed has left open would keep this program from its end.
 after(async () => {

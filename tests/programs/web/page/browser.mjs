@@ -14,13 +14,17 @@ const kRules = ['wcag2a', 'wcag2aa', 'wcag21a', 'wcag21aa', 'wcag22aa'];
 // A name that leads here, so that a page has neither HTTPS nor what browsers grant to the machine itself.
 export const kHostName = 'device.example';
 
+// Pictures of pages are the same on machines with different screens.
+const kPictureArguments = ['--font-render-hinting=none', '--disable-lcd-text', '--force-color-profile=srgb'];
+
 let browser = null; // a promise: several tests may begin at once
 
-function launch() {
+export function launch() {
   browser ??= chromium.launch({
     executablePath: process.env.TAVIX_TEST_CHROMIUM,
     timeout: kPatience,
-    args: ['--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', `--host-resolver-rules=MAP ${kHostName} 127.0.0.1`],
+    args: ['--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', `--host-resolver-rules=MAP ${kHostName} 127.0.0.1`,
+      ...kPictureArguments],
   });
   return browser;
 }

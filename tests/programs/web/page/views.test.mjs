@@ -1,13 +1,10 @@
 // Each view: what it is made of, in both colours, on a wide and on a narrow screen.
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync, readFileSync, writeFileSync } from 'node:fs';
 import { test } from 'node:test';
-import { fileURLToPath } from 'node:url';
 import { checkAccess, checkBothColours, checkWidth, goTo, settle, Visit } from './browser.mjs';
 import { Device } from './device.mjs';
+import { compareStructure } from './expected.mjs';
 import { onOnePage } from './page.mjs';
-
-const kExpected = fileURLToPath(new URL('expected/', import.meta.url));
 
 const kViews = [
   ['browse', 'browse', 'Settings of this device'],
@@ -36,31 +33,10 @@ async function prepare(fresh) {
 
 onOnePage({ allows: [/status of 404/], prepare }, (made) => { ({ device, page } = made); }); // of the group that is not there
 
-// What differs from run to run.
-function plain(structure) {
-  return `${structure
-    .replace(/127\.0\.0\.1:\d+/g, 'ADDRESS')
-    .replace(/(\d+ \w+ \d{4}, )?\d\d:\d\d:\d\d/g, 'TIME')
-    .replace(/process \d+/g, 'process N')
-    .replace(/user \d+/g, 'user N')
-    .replace(/^ *- button "Bring back .*\n/gm, '') // of daemons that can
-    .replace(/(text: |definition: )\d+\.\d+\.\d+\S*/g, '$1VERSION')}\n`;
-}
-
-function compare(name, structure) {
-  const path = `${kExpected}${name}.txt`;
-  if (process.env.TAVIX_TEST_WRITE) {
-    mkdirSync(kExpected, { recursive: true });
-    writeFileSync(path, structure);
-  }
-  assert.ok(existsSync(path), `${path} is missing: ./dev test-web --write makes it`);
-  assert.equal(structure, readFileSync(path, 'utf8'), name);
-}
-
 for (const [name, path, heading] of kViews) {
   test(`the view ${name} is as expected, and everybody can use it`, async () => {
     await goTo(page, path, heading);
-    compare(name, plain(await page.locator(name === 'browse' ? 'main' : 'main .view').ariaSnapshot()));
+    await compareStructure(page.locator(name === 'browse' ? 'main' : 'main .view'), name);
     await checkBothColours(page, name);
     await page.setViewportSize({ width: 320, height: 640 });
     await checkWidth(page, name);
