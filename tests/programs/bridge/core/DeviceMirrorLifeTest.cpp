@@ -5,6 +5,7 @@
 
 #include "tests/programs/bridge/core/MirroredDevice.h"
 #include "tests/support/RunLength.h"
+#include "tests/support/Seeds.h"
 
 namespace {
 
@@ -22,8 +23,8 @@ using testing::HasSubstr;
 
 // Random documents and local changes, with partitions, restarts and processes that end between any two steps.
 TEST(DeviceMirrorLife, EndsAsDocumentsAndStoreHaveIt) {
-  const unsigned int seeds = tavix::test::IsLongRun() ? 10'000 : 20;
-  for (unsigned int seed = 1; seed <= seeds; ++seed) {
+  const auto [first, last] = tavix::test::ChooseSeeds(tavix::test::IsLongRun() ? 10'000 : 20);
+  for (unsigned int seed = first; seed <= last; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     MemoryBroker own{Capabilities{false, false}};
     size_t epochs = 0;  // each state that begins anew has its own

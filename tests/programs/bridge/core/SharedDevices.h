@@ -12,8 +12,8 @@
 namespace tavix::test {
 
 // Devices that share groups, and the store behind the engine between them.
-class SharedDevicesTest : public testing::Test {
- protected:
+class SharedDevices {
+ public:
   static constexpr uint64_t kSeed = 17;
 
   // Limits under which a test does not wait.
@@ -57,5 +57,7 @@ class SharedDevicesTest : public testing::Test {
   bridge::MemoryBroker broker{bridge::Capabilities{true, true}};
   Simulation simulation{broker};
 };
+
+class SharedDevicesTest : public testing::Test, protected SharedDevices {};
 
 }  // namespace tavix::test

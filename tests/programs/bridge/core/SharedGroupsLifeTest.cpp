@@ -4,18 +4,56 @@
 
 #include "tests/programs/bridge/core/SharedDevices.h"
 #include "tests/support/RunLength.h"
+#include "tests/support/Seeds.h"
 
 namespace {
 
 using tavix::bridge::Conflict;
 using tavix::bridge::Side;
+using tavix::test::SharedDevices;
 using tavix::test::SimulatedDevice;
-using tavix::test::Simulation;
 
 // Random writes and removals on two devices, with partitions, restarts of all kinds, and processes that end between any
 // two steps. Each value is written once, so that it is known what became of it.
-class RandomLife : public tavix::test::SharedDevicesTest, public testing::WithParamInterface<Side> {
- protected:
+class RandomLife : public SharedDevices {
+ public:
+  RandomLife(unsigned int seed, Side winner)
+      : _random(seed), _one(StartDevice("one", Both(winner))), _two(StartDevice("two", Both(winner))) {}
+
+  void Live() {
+    for (int i = 0; i < 300; ++i) {
+      if (_random() % 3 == 0) Write(_random() % 2 == 0 ? *_one : *_two);
+      if (_random() % 12 == 0) Disturb(*_one, "one");
+      if (_random() % 12 == 0) Disturb(*_two, "two");
+      simulation.Step();
+    }
+  }
+
+  void Calm() {
+    Calm(*_one, "one");
+    Calm(*_two, "two");
+    ASSERT_TRUE(simulation.RunUntilInSync());
+  }
+
+  void ExpectAlike() { EXPECT_EQ(_one->store.Read({"Net/*"}).GetGroups(), _two->store.Read({"Net/*"}).GetGroups()); }
+
+  void ExpectSilence() {
+    const size_t puts = broker.GetPutCount();
+    for (int i = 0; i < 100; ++i) simulation.Step();
+    EXPECT_EQ(broker.GetPutCount(), puts);
+  }
+
+  void ExpectNothingLost() {
+    Account(*_one);
+    Account(*_two);
+    for (const std::string& value : _superseded) Account(value);
+    for (const auto& [value, replaced] : _replaced) {
+      EXPECT_EQ(_accounted.count(value), 1u) << value << " is lost, and nobody reported it";
+    }
+    EXPECT_EQ(_one->counted + _two->counted, _one->conflicts.size() + _two->conflicts.size());
+  }
+
+ private:
   void Write(SimulatedDevice& device) {
     const std::string group = "Net/" + std::to_string(_random() % 4);
     const std::string key = "k" + std::to_string(_random() % 3);
@@ -110,50 +148,30 @@ class RandomLife : public tavix::test::SharedDevicesTest, public testing::WithPa
   }
 
   std::mt19937 _random;
+  const std::unique_ptr<SimulatedDevice> _one;
+  const std::unique_ptr<SimulatedDevice> _two;
   size_t _writes = 0;
   std::map<std::string, std::string> _replaced;  // by what a writer saw
   std::set<std::string> _superseded;             // by removals
   std::set<std::string> _accounted;
 };
 
-TEST_P(RandomLife, EndsAlikeAndLosesNothingThatIsNotReported) {
-  const unsigned int seeds = tavix::test::IsLongRun() ? 10'000 : 20;
-  for (unsigned int seed = 1; seed <= seeds; ++seed) {
+class SharedGroupsLife : public testing::TestWithParam<Side> {};
+
+TEST_P(SharedGroupsLife, EndsAlikeAndLosesNothingThatIsNotReported) {
+  const auto [first, last] = tavix::test::ChooseSeeds(tavix::test::IsLongRun() ? 10'000 : 20);
+  for (unsigned int seed = first; seed <= last; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    _random.seed(seed);
-    const std::string suffix = std::to_string(seed);
-    const auto one = MakeDevice("one" + suffix, Both(GetParam()));
-    const auto two = MakeDevice("two" + suffix, Both(GetParam()));
-    Simulation life(broker);
-    for (const auto& device : {one.get(), two.get()}) {
-      life.Add(*device);
-      device->Start();
-    }
-    for (int i = 0; i < 300; ++i) {
-      if (_random() % 3 == 0) Write(_random() % 2 == 0 ? *one : *two);
-      if (_random() % 12 == 0) Disturb(*one, "one" + suffix);
-      if (_random() % 12 == 0) Disturb(*two, "two" + suffix);
-      life.Step();
-    }
-    Calm(*one, "one" + suffix);
-    Calm(*two, "two" + suffix);
-    ASSERT_TRUE(life.RunUntilInSync());
-    ASSERT_EQ(one->store.Read({"Net/*"}).GetGroups(), two->store.Read({"Net/*"}).GetGroups());
-
-    const size_t puts = broker.GetPutCount();
-    for (int i = 0; i < 100; ++i) life.Step();
-    EXPECT_EQ(broker.GetPutCount(), puts);
-
-    Account(*one);
-    Account(*two);
-    for (const std::string& value : _superseded) Account(value);
-    for (const auto& [value, replaced] : _replaced) {
-      ASSERT_EQ(_accounted.count(value), 1u) << value << " is lost, and nobody reported it";
-    }
-    EXPECT_EQ(one->counted + two->counted, one->conflicts.size() + two->conflicts.size());
+    RandomLife life(seed, GetParam());
+    life.Live();
+    life.Calm();
+    life.ExpectAlike();
+    life.ExpectSilence();
+    life.ExpectNothingLost();
+    ASSERT_FALSE(HasFailure());
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Shared, RandomLife, testing::Values(Side::kCentre, Side::kDevice));
+INSTANTIATE_TEST_SUITE_P(Shared, SharedGroupsLife, testing::Values(Side::kCentre, Side::kDevice));
 
 }  // namespace
