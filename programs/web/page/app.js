@@ -254,17 +254,18 @@ function onKey(event) {
 }
 
 async function begin() {
-  render(html`<${Page} />`, document.getElementById('page'));
+  const page = document.getElementById('page');
+  page.textContent = ''; // what is painted before anything has run
+  render(html`<${Page} />`, page);
+  followTree(); // beside the device's status: both take a while
   window.addEventListener('keydown', onKey);
   document.addEventListener('visibilitychange', () => document.hidden || refreshPending());
   await readDevice().catch(() => {});
   lastReset.subscribe(() => readDevice().then(refreshPending, () => {}));
   connection.subscribe((state) => state === 'live' && !device.value && readDevice().then(refreshPending, () => {}));
-  followTree();
   followChanges();
   followKeeping();
   refreshPending();
 }
 
-document.querySelector('noscript')?.remove();
 begin();

@@ -106,24 +106,28 @@ class Tree {
   #addRows(rows, prefix, level) {
     const parts = this.#levels.get(prefix);
     if (!parts) return;
-    const names = [...parts.keys()].filter((name) => !parts.get(name).isGroup || !parts.has(`${name}/`));
+    const names = [];
+    for (const [name, part] of parts) {
+      if (!part.isGroup || !parts.has(`${name}/`)) names.push(name);
+    }
     names.sort((a, b) => (a < b ? -1 : 1));
     names.forEach((name, index) => {
       const part = parts.get(name);
       const branch = part.isGroup ? null : name;
       const group = part.isGroup ? name : parts.get(name.slice(0, -1))?.isGroup ? name.slice(0, -1) : null;
-      const row = { id: branch ?? `=${group}`, branch, group, level, position: index + 1, size: names.length };
-      row.label = labelOf(name, prefix, branch);
-      row.count = branch ? part.count : 0;
-      row.isOpen = branch !== null && this.#open.has(branch);
+      const row = {
+        id: branch ?? `=${group}`, branch, group, prefix, level, position: index + 1, size: names.length,
+        count: branch ? part.count : 0, isOpen: branch !== null && this.#open.has(branch),
+      };
       rows.push(row);
       if (row.isOpen) this.#addRows(rows, branch, level + 1);
     });
   }
 }
 
-function labelOf(name, prefix, branch) {
-  const whole = spellName(branch ? branch.slice(0, -1) : name);
+// Of a row that is drawn or looked for: most of a long list never are.
+function labelOf({ branch, group, prefix }) {
+  const whole = spellName(branch ? branch.slice(0, -1) : group);
   const before = spellName(prefix);
   return (whole.startsWith(before) ? whole.slice(before.length) : whole) || '(empty)';
 }
@@ -143,7 +147,7 @@ function Row({ row, isActive, isChosen, hasDraft, top, onPick }) {
     aria-expanded=${row.branch === null ? undefined : row.isOpen} style=${{ top: `${top}px`, paddingLeft: `${8 + Math.min(row.level - 1, 8) * 16}px` }}
     title=${spellName(row.group ?? row.branch)} onClick=${() => onPick(row)}>
     <span class=${`twist ${row.branch === null ? '' : row.isOpen ? 'open' : 'shut'}`} aria-hidden="true"></span>
-    <span class=${`label ${row.group === null ? 'branch' : ''}`}>${row.label}</span>
+    <span class=${`label ${row.group === null ? 'branch' : ''}`}>${labelOf(row)}</span>
     ${hasDraft ? html`<span class="dot" title="unsaved edits"><span class="unseen">unsaved edits</span></span>` : null}
     ${row.branch === null ? null : html`<span class="count" aria-hidden="true">${row.count.toLocaleString('en')}</span>`}
   </div>`;
@@ -209,7 +213,7 @@ function onTreeKey(key, rows, index, page) {
   }
   if (key.length !== 1 || key === '/' || key === ' ') return undefined;
   const order = [...rows.keys()].map((at) => (index + 1 + at) % rows.length);
-  return order.find((at) => rows[at].label.toLowerCase().startsWith(key.toLowerCase()));
+  return order.find((at) => labelOf(rows[at]).toLowerCase().startsWith(key.toLowerCase()));
 }
 
 function NewGroup({ onClose }) {

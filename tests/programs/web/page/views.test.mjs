@@ -82,6 +82,7 @@ test('of 100,000 groups only those in sight are drawn', async () => {
   const tab = await crowd.open('#/group?name=Many/Group99999');
   await tab.getByLabel('key', { exact: true }).waitFor();
   await tab.getByRole('treeitem', { name: 'Group99999' }).waitFor();
+  await tab.setViewportSize({ width: 1280, height: 4000 });
   await tab.getByRole('tree').focus();
   for (const key of ['Home', 'End', 'PageUp', 'ArrowDown']) {
     await tab.keyboard.press(key);
