@@ -35,6 +35,44 @@ test('a change is shown, marked and announced', async () => {
   await visit.end();
 });
 
+// Runs in the page. Notes the times, by the page's clock, at which the list of changes and what is announced are new, and
+// counts the events that the page has taken in: it passes them to other tabs.
+function noteDrawing() {
+  window.noted = { events: 0, draws: [], news: [] };
+  const note = (selector, times) => new MutationObserver(() => times.push(Date.now()))
+    .observe(document.querySelector(selector), { childList: true, characterData: true, subtree: true });
+  note('main .feed', window.noted.draws);
+  note('#news', window.noted.news);
+  window.listener = new BroadcastChannel('tavix-settings');
+  window.listener.onmessage = ({ data }) => { window.noted.events += data.name === 'change' ? 1 : 0; };
+}
+
+test('1,000 events a second are drawn at most 5 times a second, and announced once', async () => {
+  const visit = await Visit.begin({ origin: device.url });
+  await visit.context.clock.install({ time: 0 });
+  const page = await visit.open('#/changes');
+  await seeState(page, 'live');
+  await page.getByRole('heading', { level: 1, name: 'Changes' }).waitFor();
+  await page.clock.pauseAt(3600000);
+  await page.evaluate(noteDrawing);
+  const groups = Array.from({ length: 100 }, (_, number) => `Fast/${number}`);
+  for (let tick = 1; tick <= 30; ++tick) {
+    await device.ask('POST', 'apply', { set: Object.fromEntries(groups.map((group) => [group, { key: `${tick}` }])) });
+    await page.waitForFunction((count) => window.noted.events >= count, tick * groups.length, { polling: 20 });
+    await page.clock.runFor(100);
+  }
+  await page.clock.runFor(1000);
+  const { events, draws, news } = await page.evaluate(() => window.noted);
+  assert.equal(events, 3000);
+  const pauses = (times) => times.slice(1).map((time, at) => time - times[at]);
+  assert.ok(draws.length >= 10 && Math.min(...pauses(draws)) >= 200, `drawn at ${draws}`);
+  assert.ok(news.length >= 3 && Math.min(...pauses(news)) >= 1000, `announced at ${news}`);
+  assert.equal(await page.locator('main .feed > li').count(), 200);
+  assert.equal(await page.locator('#news').getAttribute('aria-live'), 'polite');
+  await device.ask('POST', 'reset', { groups: ['Fast/*'] });
+  await visit.end();
+});
+
 test('groups come and go in the list', async () => {
   const visit = await Visit.begin({ origin: device.url });
   const page = await visit.open();
