@@ -1,5 +1,7 @@
 #include "programs/bridge/core/Admission.h"
 
+#include <utility>
+
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -10,26 +12,58 @@ bool Admission::Admit(const std::string& group, size_t bytes) {
   const bool isTooMuch = (known == _bytes.end() && _bytes.size() >= _limits.maxGroups) ||
                          (bytes > before && _allBytes - before + bytes > _limits.maxPendingBytes);
   if (isTooMuch) {
-    if (_leftOut.size() < _limits.maxGroups && _leftOut.insert(group).second) {
-      ++_report.counters.leftOut;
-      _report.Fail("[" + programs::SpellName(group) + "] is left out: " + std::to_string(_bytes.size()) +
-                   " groups of " + std::to_string(_allBytes) + " bytes are mirrored already");
-    }
+    LeaveOut(group, bytes);
     return false;
   }
   _leftOut.erase(group);
   _allBytes += bytes - before;
   _bytes[group] = bytes;
+  _hasRoom = _hasRoom || bytes < before;
   return true;
 }
 
-bool Admission::Release(const std::string& group) {
+void Admission::LeaveOut(const std::string& group, size_t bytes) {
+  const auto known = _leftOut.find(group);
+  if (known != _leftOut.end()) {
+    known->second = bytes;
+  } else if (_leftOut.size() >= _limits.maxGroups) {
+    _hasForgotten = true;
+  } else {
+    _leftOut[group] = bytes;
+    ++_report.counters.leftOut;
+    _report.Fail("[" + programs::SpellName(group) + "] is left out: " + std::to_string(_bytes.size()) + " groups of " +
+                 std::to_string(_allBytes) + " bytes are mirrored already");
+  }
+}
+
+void Admission::Release(const std::string& group) {
   _leftOut.erase(group);
   const auto known = _bytes.find(group);
-  if (known == _bytes.end()) return false;
+  if (known == _bytes.end()) return;
   _allBytes -= known->second;
   _bytes.erase(known);
-  return !_leftOut.empty();
+  _hasRoom = true;
+}
+
+std::set<std::string> Admission::TakeFitting() {
+  std::set<std::string> fitting;
+  if (!std::exchange(_hasRoom, false)) return fitting;
+  size_t groups = _bytes.size();
+  size_t all = _allBytes;
+  for (const auto& [group, bytes] : _leftOut) {
+    const auto known = _bytes.find(group);
+    const size_t before = known == _bytes.end() ? 0 : known->second;
+    const size_t places = known == _bytes.end() ? 1 : 0;
+    if (groups + places > _limits.maxGroups || all - before + bytes > _limits.maxPendingBytes) continue;
+    groups += places;
+    all += bytes - before;
+    fitting.insert(group);
+  }
+  return fitting;
+}
+
+bool Admission::TakeForgotten() {
+  return _leftOut.empty() && std::exchange(_hasForgotten, false);
 }
 
 }  // namespace tavix::bridge

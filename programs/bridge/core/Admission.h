@@ -22,19 +22,30 @@ class Admission {
   // bytes: of the group at present. Returns whether it is mirrored.
   bool Admit(const std::string& group, size_t bytes);
 
-  // The group is gone at both ends. Returns whether there is room now for groups that were left out.
-  bool Release(const std::string& group);
+  // The group is gone at both ends.
+  void Release(const std::string& group);
+
+  // Groups that were left out and that there is room for since others became smaller or went, each room once. They are
+  // to be admitted as others are.
+  std::set<std::string> TakeFitting();
+
+  // Whether more groups were left out than are remembered, and all that are remembered have found room since; once.
+  bool TakeForgotten();
 
   bool IsAdmitted(const std::string& group) const { return _bytes.count(group) > 0; }
   size_t CountAdmitted() const { return _bytes.size(); }
   size_t CountLeftOut() const { return _leftOut.size(); }
 
  private:
+  void LeaveOut(const std::string& group, size_t bytes);
+
   const Limits _limits;
   Report& _report;
   std::map<std::string, size_t> _bytes;  // of each group that is mirrored
   size_t _allBytes = 0;
-  std::set<std::string> _leftOut;
+  std::map<std::string, size_t> _leftOut;  // likewise; as many as may be mirrored
+  bool _hasForgotten = false;              // more were left out
+  bool _hasRoom = false;                   // more than at the last look
 };
 
 }  // namespace tavix::bridge

@@ -125,6 +125,7 @@ class DeviceMirror : public Mirror {
   void Confirm();
   void RetryRefused(Milliseconds now);
   void SendDue(Milliseconds now);
+  void AddFitting();
   bool SendTopic(const std::string& topic, Milliseconds now);
   bool SendReported(const std::string& group, Milliseconds now);
   bool SendResult(const std::string& topic, Milliseconds now);

@@ -51,7 +51,14 @@ void DeviceMirror::Work(Milliseconds now) {
   AskForMissing(now);
   RetryRefused(now);
   SendDue(now);
+  AddFitting();
   SendIndex(now);
+}
+
+// What was left out comes once there is room.
+void DeviceMirror::AddFitting() {
+  for (const std::string& group : _admission.TakeFitting()) _schedule.Add(_topics.GetReported(group));
+  if (_admission.TakeForgotten()) _isToQueue = true;
 }
 
 // Results that arrived are not sent again.
@@ -119,7 +126,7 @@ bool DeviceMirror::SendReported(const std::string& group, Milliseconds now) {
   const std::string topic = _topics.GetReported(group);
   if (keys.empty()) {
     _live.erase(group);
-    if (_admission.Release(group)) _isToQueue = true;
+    _admission.Release(group);
   } else {
     _live.insert(group);
     if (!_admission.Admit(group, content.size() + group.size())) return true;

@@ -83,6 +83,7 @@ void SharedGroups::OnLost() {
 void SharedGroups::OnReread() {
   if (_phase == Phase::kFollowing) _phase = Phase::kRereading;
   _listed.clear();
+  _isSomethingMissed = false;
 }
 
 void SharedGroups::OnLocalReady() {
@@ -125,7 +126,9 @@ void SharedGroups::OnItem(const Item& item) {
   Remote remote = ReadItem(group, item);
   if (remote.isThere && !_admission.Admit(group, CountBytes(group, remote.keys))) {
     remote.keys.clear();
+    remote.hidden.clear();
     remote.isUsable = false;
+    remote.isLeftOut = true;
   }
   _remote[group] = std::move(remote);
   _dirty.insert(group);

@@ -61,7 +61,7 @@ class SharedGroups : public Mirror {
     kUnlinked,
     kReading,    // the first look of a link: what there is, or what changed since the last link
     kFollowing,  // everything was reported, and changes are
-    kRereading,  // changes were missed: everything is reported again. Puts of this link may be newer.
+    kRereading,  // something is not known: everything is reported again. Puts of this link may be newer.
   };
 
   // What came from there and was not agreed yet.
@@ -70,7 +70,8 @@ class SharedGroups : public Mirror {
     HiddenKeys hidden;
     Version version = 0;
     bool isThere = false;
-    bool isUsable = true;  // not in another form, and not left out
+    bool isUsable = true;    // not in another form, and not left out
+    bool isLeftOut = false;  // its keys are not remembered
   };
 
   // A group that was looked at, with what is to become of it.
@@ -115,6 +116,7 @@ class SharedGroups : public Mirror {
   void Release(const std::string& group);
   void Reconcile(Milliseconds now);
   void AddDue(Milliseconds now);
+  void AddFitting();
   void CarryOut(std::vector<Planned>& batch, Milliseconds now);
   std::vector<Planned> PlanDirty();
   bool IsAbsent(const std::string& group, const Keys& device) const;
@@ -161,7 +163,7 @@ class SharedGroups : public Mirror {
   bool _isLocalReady = false;
   bool _isToCompare = false;        // all groups are to be looked at
   bool _isEngineFull = false;       // it took no put; until something happens
-  bool _isSomethingMissed = false;  // more was left out than is remembered: the next link reads everything
+  bool _isSomethingMissed = false;  // more was left out than is remembered
   std::string _source;              // of the link
   Version _followed = 0;            // everything up to it came in
   Milliseconds _followedKeptAt{0};

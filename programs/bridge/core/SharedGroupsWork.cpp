@@ -74,7 +74,7 @@ void SharedGroups::CompareAll() {
 
 // The group is gone at both ends: another one may have its place.
 void SharedGroups::Release(const std::string& group) {
-  if (_admission.Release(group)) _isToCompare = true;
+  _admission.Release(group);
   _guard.Release(group);
   _undecided.erase(group);
   _blocked.erase(group);
@@ -88,6 +88,20 @@ void SharedGroups::Reconcile(Milliseconds now) {
     WriteIntents(batch);
     CarryOut(batch, now);
   }
+  AddFitting();
+}
+
+// What was left out comes once there is room. What stands there of it was not remembered, and is read again.
+void SharedGroups::AddFitting() {
+  const std::set<std::string> fitting = _admission.TakeFitting();
+  const bool isMore = _admission.TakeForgotten();
+  const bool isLeftOut = std::any_of(fitting.begin(), fitting.end(), [this](const std::string& group) {
+    const auto remote = _remote.find(group);
+    return remote != _remote.end() && remote->second.isLeftOut;
+  });
+  _dirty.insert(fitting.begin(), fitting.end());
+  if (isMore) _isToCompare = true;
+  if (isLeftOut || (isMore && _isSomethingMissed)) _engine.Follow({_prefix}, 0);
 }
 
 void SharedGroups::AddDue(Milliseconds now) {

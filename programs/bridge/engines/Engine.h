@@ -40,8 +40,8 @@ struct Synced {
 };
 
 // Changes were missed, such as when the history that Follow was to go on from is gone: from here on everything that
-// there is gets reported anew, up to a Synced that is complete. Comes at any moment, from an engine that is resumable.
-// A plain value.
+// there is gets reported anew, up to a Synced that is complete. Comes at any moment, from an engine that is resumable,
+// and when Follow asks for it. A plain value.
 struct Reread {};
 
 // What became of a Put. A plain value.
@@ -130,7 +130,8 @@ class Engine {
   // anything else is one key. Reports what there is of those that are new, then Synced, then changes, with a Synced now
   // and then. from: changes behind this version alone, if the link is resumed and the engine still knows them, and else
   // Reread and everything; 0: everything. The first Synced comes when all changes until this call were reported, but
-  // perhaps for removals of the last moments. Does nothing without a link.
+  // perhaps for removals of the last moments. The same prefixes as before, and 0: an engine that is resumable reports
+  // them anew, behind Reread. Does nothing without a link.
   virtual void Follow(const std::vector<std::string>& prefixes, Version from) = 0;
 };
 

@@ -75,6 +75,7 @@ void EtcdLink::Follow(const std::vector<std::string>& prefixes, Version from) {
     _followed.erase(prefix);
   }
   const std::vector<std::string> added = FindAdded(before, prefixes);
+  if (from == 0 && added.empty() && before.size() == _followed.size() && !before.empty()) return ReadAllAgain();
   _isReadWhole = from == 0;
   for (const std::string& prefix : added) {
     _followed[prefix];

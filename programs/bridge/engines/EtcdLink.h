@@ -45,7 +45,7 @@ class EtcdLink {
 
   void Put(const std::string& key, const std::optional<std::string>& bytes, const std::optional<Version>& expected);
 
-  // from: 0, or a version of this cluster.
+  // from: 0, or a version of this cluster. The same prefixes from 0 on are read again.
   void Follow(const std::vector<std::string>& prefixes, Version from);
 
   bool IsConnected() const { return _isConnected; }

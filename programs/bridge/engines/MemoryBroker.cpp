@@ -182,6 +182,7 @@ void MemoryBroker::Follow(const std::string& name, const std::vector<std::string
   Client& client = _clients[name];
   if (!client.isLinked) return;
   const std::vector<std::string> added = FindAdded(client.prefixes, prefixes);
+  const bool isSame = added.empty() && FindAdded(prefixes, client.prefixes).empty() && !prefixes.empty();
   client.prefixes = prefixes;
   const bool isResumed = _capabilities.isResumable && from != 0 && from <= _version;
   if (isResumed && from < _compacted) {
@@ -193,6 +194,8 @@ void MemoryBroker::Follow(const std::string& name, const std::vector<std::string
       if (item.version > from && IsFollowedByAny(added, item.key)) client.events.push_back(item);
     }
     client.events.push_back(Synced{_version, false});
+  } else if (isSame && _capabilities.isResumable) {
+    RereadFor(client);
   } else {
     ReportAllTo(client, added);
   }

@@ -192,6 +192,19 @@ TEST_F(DeviceMirrorFaults, ReadsNothingForAGroupThatIsLeftOut) {
   EXPECT_THAT(At("cam/reported/State/2"), HasSubstr(R"("k":"19")"));
 }
 
+TEST_F(DeviceMirrorFaults, GivesTheBytesThatAGroupLosesToAnotherOne) {
+  Limits limits = Quick();
+  limits.maxPendingBytes = 1000;
+  const auto device = StartDevice(Ruled(), limits);
+  device->store.Set("State/A", "k", std::string(900, 'a'));
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  device->store.Set("State/B", "k", std::string(500, 'b'));
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  device->store.Set("State/A", "k", "a");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_THAT(At("cam/reported/State/B"), HasSubstr("bbb"));
+}
+
 TEST_F(DeviceMirrorFaults, GoesOnWithoutTheMark) {
   broker.LoseSynced(2);
   const auto device = StartDevice(Ruled());

@@ -300,6 +300,39 @@ TEST_F(SharedGroupsFaults, GivesThePlaceOfAGroupThatIsGoneToAnotherOne) {
   EXPECT_THAT(broker.GetAll(), SizeIs(2));
 }
 
+TEST_F(SharedGroupsFaults, TakesAGroupOfTheOtherEndOnceThereIsRoom) {
+  Limits limits = Quick();
+  limits.maxGroups = 2;
+  for (int i = 0; i < 8; ++i) broker.Put("fleet/Net/" + std::to_string(i), ComposeSharedGroup({{"k", "1"}}, {}));
+  const auto one = StartDevice("one", Both(), limits);
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(2));
+  for (int i = 0; i < 7; ++i) {
+    broker.Put("fleet/Net/" + std::to_string(i), std::nullopt);
+    ASSERT_FALSE(i < 6 && simulation.RunUntilInSync(100));
+    EXPECT_EQ(one->store.Get("Net/" + std::to_string(i < 6 ? i + 2 : 7)), (Keys{{"k", "1"}})) << i;
+  }
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), testing::ElementsAre("Net/7"));
+}
+
+TEST_F(SharedGroupsFaults, GivesTheBytesThatAGroupLosesToAnotherOne) {
+  Limits limits = Quick();
+  limits.maxPendingBytes = 1000;
+  const auto one = StartDevice("one", Both(), limits);
+  one->store.Set("Net/0", "k", std::string(900, 'a'));
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  one->store.Set("Net/1", "k", std::string(500, 'b'));
+  broker.Put("fleet/Net/2", ComposeSharedGroup({{"k", std::string(300, 'c')}}, {}));
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_EQ(one->report->counters.leftOut, 2u);
+  one->store.Set("Net/0", "k", "a");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(one->store.Get("Net/2"), (Keys{{"k", std::string(300, 'c')}}));
+  EXPECT_THAT(broker.GetAll(), SizeIs(3));
+  EXPECT_EQ(one->report->counters.leftOut, 2u);
+}
+
 TEST_F(SharedGroupsFaults, SendsALocalChangeBesideARemovalThatIsNotSupported) {
   const auto one = StartDevice("one", Both());
   one->store.Set("Net/A", "k", "1");

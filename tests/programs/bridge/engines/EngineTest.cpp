@@ -358,6 +358,21 @@ TEST_P(ResumableEngineTest, ReportsOnlyWhatChangedSinceAStoredVersion) {
   EXPECT_EQ(_engine.GetItemCount() - before, 2u);
 }
 
+TEST_P(ResumableEngineTest, ReportsEverythingAnewWhenItIsAskedTo) {
+  _other.Connect();
+  _other.Put("fleet/a/1", "one");
+  _engine.Connect();
+  _engine.Follow({"fleet/a/"});
+
+  _engine.ForgetStore();
+  _engine.Get().Follow({"fleet/a/"}, 0);
+  _engine.Await<bridge::Reread>();
+  EXPECT_TRUE(_engine.Await<Synced>().isComplete);
+  EXPECT_THAT(_engine.GetStore(), ElementsAre(Pair("fleet/a/1", "one")));
+  _other.Put("fleet/a/1", "two");
+  _engine.AwaitValue("fleet/a/1", "two");
+}
+
 TEST_P(ResumableEngineTest, IsSyncedAgainBehindChanges) {
   _other.Connect();
   _engine.Connect();
