@@ -134,6 +134,7 @@ class SharedGroups : public Mirror {
   void SendDue(Milliseconds now);
   bool SendGroup(const std::string& group, Milliseconds now);
   bool IsToSend(const Planned& planned) const;
+  bool IsLossAllowed(const Planned& planned) const;
   bool Send(const Planned& planned, Milliseconds now);
   std::optional<std::string> Compose(const Planned& planned) const;
   static size_t CountBytes(const std::string& group, const Keys& keys);
@@ -175,6 +176,7 @@ class SharedGroups : public Mirror {
   std::map<std::string, AgreedGroup> _confirmed;  // what the other end took, and is not on the disk yet
   std::map<std::string, Refused> _refused;
   std::map<std::string, size_t> _attempts;
+  std::map<std::string, std::set<std::string>> _allowed;  // keys that the other end may lose with the next put
   std::set<std::string> _dirty;
   std::map<std::string, Blocked> _blocked;
   std::map<std::string, std::vector<Conflict>> _reported;  // of changes that are not made yet

@@ -32,10 +32,18 @@ bool SharedGroups::SendGroup(const std::string& group, Milliseconds now) {
   }
   // It changed since it was looked at: another look decides what is to be done, and asks the guard.
   const bool isAsPlanned = !planned.plan.isUndecided && planned.plan.device == planned.view.device &&
-                           planned.plan.conflicts.empty() && _dirty.count(group) == 0;
+                           planned.plan.conflicts.empty() && _dirty.count(group) == 0 && IsLossAllowed(planned);
   if (isAsPlanned) return Send(planned, now);
   _dirty.insert(group);
   return true;
+}
+
+// Whether the guard has seen every key that the other end is to lose.
+bool SharedGroups::IsLossAllowed(const Planned& planned) const {
+  const std::set<std::string> lost = FindLost(planned.view.centre, planned.plan.centre);
+  const auto allowed = _allowed.find(planned.group);
+  return lost.empty() || (allowed != _allowed.end() && std::includes(allowed->second.begin(), allowed->second.end(),
+                                                                    lost.begin(), lost.end()));
 }
 
 // Always against the version that is known: nobody else's change is overwritten without having been seen.

@@ -79,6 +79,7 @@ void SharedGroups::Release(const std::string& group) {
   _undecided.erase(group);
   _blocked.erase(group);
   _schedule.Remove(group);
+  _allowed.erase(group);
 }
 
 void SharedGroups::Reconcile(Milliseconds now) {
@@ -248,8 +249,8 @@ Keys SharedGroups::ReadGroup(const std::string& group) {
 void SharedGroups::HoldLosses(std::vector<Planned>& batch, Milliseconds now) {
   std::set<std::string> losing;
   for (const Planned& planned : batch) {
-    const bool isLosing =
-        TakesValues(planned.view.device, planned.plan.device) || TakesValues(planned.view.centre, planned.plan.centre);
+    const bool isLosing = !FindLost(planned.view.device, planned.plan.device).empty() ||
+                          !FindLost(planned.view.centre, planned.plan.centre).empty();
     if (isLosing) {
       losing.insert(planned.group);
     } else {
@@ -340,13 +341,16 @@ void SharedGroups::Settle(const Planned& planned, Milliseconds now) {
   _answered.erase(group);
   const auto refused = _refused.find(group);
   const bool isRefused = refused != _refused.end() && refused->second.keys == planned.plan.centre;
+  _allowed.erase(group);
   if (!IsToSend(planned)) {
     _schedule.Remove(group);
     _attempts.erase(group);
     _decided.erase(group);
     if (!isRefused) _refused.erase(group);
-  } else if (!isRefused) {
-    _schedule.Add(group, FindRetry(group, now));
+  } else {
+    std::set<std::string> lost = FindLost(planned.view.centre, planned.plan.centre);
+    if (!lost.empty()) _allowed[group] = std::move(lost);
+    if (!isRefused) _schedule.Add(group, FindRetry(group, now));
   }
   if (planned.plan.device.empty() && planned.plan.centre.empty() && planned.masked.empty() && planned.hidden.empty() &&
       _state.FindAgreed(group) == nullptr) {

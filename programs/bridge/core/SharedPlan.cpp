@@ -1,6 +1,5 @@
 #include "programs/bridge/core/SharedPlan.h"
 
-#include <algorithm>
 #include <set>
 
 namespace tavix::bridge {
@@ -102,9 +101,12 @@ KeyChanges FindKeyChanges(const Keys& before, const Keys& after) {
   return changes;
 }
 
-bool TakesValues(const Keys& before, const Keys& after) {
-  return std::any_of(before.begin(), before.end(),
-                     [&after](const auto& entry) { return after.count(entry.first) == 0; });
+std::set<std::string> FindLost(const Keys& before, const Keys& after) {
+  std::set<std::string> lost;
+  for (const auto& [key, value] : before) {
+    if (after.count(key) == 0) lost.insert(key);
+  }
+  return lost;
 }
 
 }  // namespace tavix::bridge

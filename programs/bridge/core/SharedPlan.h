@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -49,7 +50,7 @@ struct SharedPlan {
 SharedPlan MakeSharedPlan(const std::string& group, const MapRule& rule, const SharedView& view,
                           std::optional<Side> decision);
 
-// Whether "after" lacks keys that "before" has.
-bool TakesValues(const Keys& before, const Keys& after);
+// The keys of "before" that "after" lacks.
+std::set<std::string> FindLost(const Keys& before, const Keys& after);
 
 }  // namespace tavix::bridge

@@ -369,6 +369,22 @@ TEST_F(SharedGroupsFaults, HoldsTheLossesOfASourceThatIsSuddenlyEmpty) {
   EXPECT_TRUE(one->store.Read({"Net/*"}).IsEmpty());
 }
 
+TEST_F(SharedGroupsFaults, HoldsLossesThatHappenWhileGroupsAreSent) {
+  const auto one = StartDevice("one", Both());
+  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "2");
+  one->store.beforeRead = [&one] {
+    for (int i = 0; i < 30; ++i) one->store.Delete("Net/" + std::to_string(i));
+  };
+  for (int i = 0; i < 100; ++i) simulation.Step();
+  EXPECT_THAT(broker.GetAll(), SizeIs(30));
+  EXPECT_EQ(one->mirror->GetState().held, 30u);
+  one->mirror->AcceptLosses();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_THAT(broker.GetAll(), SizeIs(0));
+}
+
 TEST_F(SharedGroupsFaults, LeavesOutWhatIsBeyondItsLimits) {
   Limits limits = Quick();
   limits.maxGroups = 2;

@@ -81,6 +81,7 @@ class StoreOfDevice : public bridge::ILocalStore, private settings::IChangeCallb
 
   core::IniFile Read(const std::set<std::string>& namesAndPatterns) override {
     ++reads;
+    if (beforeRead && namesAndPatterns.size() == 1) std::exchange(beforeRead, nullptr)();
     settings::common::GroupNameMatcher matcher;
     matcher.AddNamesAndPatterns(namesAndPatterns);
     core::IniFile settings;
@@ -140,6 +141,7 @@ class StoreOfDevice : public bridge::ILocalStore, private settings::IChangeCallb
   size_t reads = 0;
   bool isKillingAfterAmend = false;   // the next amendment is the last thing that the process does
   std::function<void()> beforeAmend;  // runs once: a neighbour that is faster
+  std::function<void()> beforeRead;   // likewise, before one group or pattern is read
 
  private:
   void OnChange(const std::set<std::string>& changedGroups, const core::IniFile&) override {
