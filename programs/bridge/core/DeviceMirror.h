@@ -113,7 +113,6 @@ class DeviceMirror : public Mirror {
   bool CarryOut(const DocumentName& name, const DocumentStep& step, Milliseconds now);
   bool IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now);
   settings::Amendment WithoutUnsupported(const DocumentName& name, const settings::Amendment& amendment);
-  void ReportConflicts(const DocumentName& name, const std::vector<Conflict>& conflicts);
   void SetIntent(const DocumentName& name, const DocumentStep& step);
   void Block(const DocumentName& name, Milliseconds now);
   static std::set<std::string> GroupsOf(const DocumentStep& step);

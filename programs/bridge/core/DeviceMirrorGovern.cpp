@@ -243,7 +243,8 @@ bool DeviceMirror::CarryOut(const DocumentName& name, const DocumentStep& step, 
   if (!amendment.set.IsEmpty() || !amendment.unset.IsEmpty()) {
     SetIntent(name, step);
     _governed.Commit();
-    ReportConflicts(name, step.conflicts);
+    // Before it happens, as nobody could report it behind a power cut; once, however often it takes.
+    _report.AddConflicts(step.conflicts, _reported[name]);
     if (!_local.Amend(amendment)) {
       _governed.RemoveIntent(name);
       if (!DoConditionsHold(amendment, _local.Read(GroupsOf(step)))) return false;
@@ -292,16 +293,6 @@ settings::Amendment DeviceMirror::WithoutUnsupported(const DocumentName& name, c
   }
   supported.unset.Clear();
   return supported;
-}
-
-// Before it happens, as nobody could report it behind a power cut; once, however often it takes.
-void DeviceMirror::ReportConflicts(const DocumentName& name, const std::vector<Conflict>& conflicts) {
-  std::vector<Conflict>& reported = _reported[name];
-  for (const Conflict& conflict : conflicts) {
-    if (std::find(reported.begin(), reported.end(), conflict) != reported.end()) continue;
-    _report.AddConflict(conflict);
-    reported.push_back(conflict);
-  }
 }
 
 void DeviceMirror::Block(const DocumentName& name, Milliseconds now) {

@@ -1,5 +1,7 @@
 #include "programs/bridge/core/Report.h"
 
+#include <algorithm>
+
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -27,6 +29,13 @@ void Report::AddConflict(const Conflict& conflict) {
        values);
   _conflicts.push_back(shown);
   if (_conflicts.size() > _limits.maxConflicts) _conflicts.pop_front();
+}
+
+void Report::AddConflicts(const std::vector<Conflict>& conflicts, std::vector<Conflict>& reported) {
+  for (const Conflict& conflict : conflicts) {
+    if (std::find(reported.begin(), reported.end(), conflict) == reported.end()) AddConflict(conflict);
+  }
+  reported = conflicts;
 }
 
 void Report::Fail(const std::string& line) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "programs/bridge/core/Limits.h"
 #include "programs/bridge/core/Rules.h"
@@ -36,6 +37,9 @@ class Report {
 
   // Logs and remembers it. The values of masked keys are not shown.
   void AddConflict(const Conflict& conflict);
+
+  // Those that are not in "reported", what was there at the last attempt, which become its content.
+  void AddConflicts(const std::vector<Conflict>& conflicts, std::vector<Conflict>& reported);
 
   void Info(const std::string& line) { _log(Severity::kInfo, line); }
   void Warn(const std::string& line) { _log(Severity::kWarning, line); }

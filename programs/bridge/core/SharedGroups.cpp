@@ -110,7 +110,7 @@ void SharedGroups::OnLocalChanged(const std::set<std::string>& groups) {
 void SharedGroups::OnItem(const Item& item) {
   if (item.key.size() <= _prefix.size() || item.key.compare(0, _prefix.size(), _prefix) != 0) return;
   const std::string group = item.key.substr(_prefix.size());
-  if (_phase != Phase::kFollowing) _listed.insert(group);
+  if (_state.FindAgreed(group) != nullptr || _remote.count(group) > 0) List(group);
   if (_rules.Find(group) == nullptr) return;
 
   // Within a link versions grow: an older one is what a reply or a reread shows behind the watch, or behind a put.
@@ -132,6 +132,12 @@ void SharedGroups::OnItem(const Item& item) {
   }
   _remote[group] = std::move(remote);
   _dirty.insert(group);
+  List(group);
+}
+
+// Of groups that nothing is known of nobody asks later whether they came.
+void SharedGroups::List(const std::string& group) {
+  if (_phase != Phase::kFollowing) _listed.insert(group);
 }
 
 SharedGroups::Remote SharedGroups::ReadItem(const std::string& group, const Item& item) {

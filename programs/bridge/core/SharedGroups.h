@@ -106,6 +106,7 @@ class SharedGroups : public Mirror {
   void OnPutDone(const PutDone& done, Milliseconds now);
   void OnConflict(const std::string& group, const Item& present);
   void OnRefused(const std::string& group, const Keys& keys, const std::string& reason, Milliseconds now);
+  void List(const std::string& group);
   Remote ReadItem(const std::string& group, const Item& item);
   void TakeKeys(const std::string& group, const std::string& bytes, Remote& remote);
 
@@ -168,7 +169,7 @@ class SharedGroups : public Mirror {
   std::string _source;              // of the link
   Version _followed = 0;            // everything up to it came in
   Milliseconds _followedKeptAt{0};
-  std::set<std::string> _listed;  // groups that came since everything was to be reported
+  std::set<std::string> _listed;  // known groups that came since everything was to be reported
 
   std::map<std::string, Remote> _remote;
   std::map<std::string, AgreedGroup> _sent;       // what puts without their reply agree on

@@ -80,6 +80,10 @@ void SharedGroups::Release(const std::string& group) {
   _blocked.erase(group);
   _schedule.Remove(group);
   _allowed.erase(group);
+  _refused.erase(group);
+  _attempts.erase(group);
+  _reported.erase(group);
+  _decided.erase(group);
 }
 
 void SharedGroups::Reconcile(Milliseconds now) {
@@ -280,12 +284,8 @@ void SharedGroups::WriteIntents(const std::vector<Planned>& batch) {
 
   // Before it happens, as nobody could report it behind a power cut; once, however often it takes.
   for (const Planned& planned : batch) {
-    std::vector<Conflict>& reported = _reported[planned.group];
-    for (const Conflict& conflict : planned.plan.conflicts) {
-      if (std::find(reported.begin(), reported.end(), conflict) != reported.end()) continue;
-      _report.AddConflict(conflict);
-      reported.push_back(conflict);
-    }
+    if (planned.plan.conflicts.empty()) continue;
+    _report.AddConflicts(planned.plan.conflicts, _reported[planned.group]);
   }
 }
 

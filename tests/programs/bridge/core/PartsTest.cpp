@@ -155,6 +155,19 @@ TEST(Report, ShowsNoValueOfAMaskedKey) {
   EXPECT_FALSE(report.GetConflicts()[0].kept || report.GetConflicts()[0].lost);
 }
 
+TEST(Report, RemembersOfAnAttemptItsOwnConflictsAlone) {
+  const Rules rules({}, {}, {});
+  Report report(Limits(), rules, [](Severity, const std::string&) {});
+  const Conflict one{"Net/A", "k", "1", "2", Side::kDevice};
+  const Conflict other{"Net/A", "k", "1", "3", Side::kDevice};
+  std::vector<Conflict> reported;
+  report.AddConflicts({one}, reported);
+  report.AddConflicts({one, other}, reported);
+  report.AddConflicts({other}, reported);
+  EXPECT_EQ(report.counters.overridden, 2u);
+  EXPECT_THAT(reported, testing::ElementsAre(other));
+}
+
 TEST(Report, RemembersTheLastHundredConflicts) {
   const Rules rules({}, {}, {});
   Report report(Limits(), rules, [](Severity, const std::string&) {});

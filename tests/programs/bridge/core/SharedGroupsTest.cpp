@@ -91,6 +91,27 @@ TEST_F(SharedGroupsTest, DoesNothingBeforeAPersonDecidesWhereItIsToRefuse) {
   EXPECT_EQ(broker.Get("fleet/Net/A")->bytes, ComposeSharedGroup({{"k", "here"}}, {}));
 }
 
+TEST_F(SharedGroupsTest, AsksAgainOfAGroupThatWasGoneSinceAPersonDecided) {
+  broker.Put("fleet/Net/A", ComposeSharedGroup({{"k", "there"}}, {}));
+  const auto one = MakeDevice("one", Both(Side::kCentre, First::kRefuse));
+  one->store.Set("Net/A", "k", "here");
+  one->Start();
+  simulation.Add(*one);
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  one->mirror->Decide(Side::kDevice);
+  one->store.Delete("Net/A");
+  broker.Put("fleet/Net/A", std::nullopt);
+  ASSERT_TRUE(simulation.RunUntilInSync());
+
+  broker.Stall("one");
+  broker.Put("fleet/Net/A", ComposeSharedGroup({{"k", "there"}}, {}));
+  one->store.Set("Net/A", "k", "here");
+  broker.Resume("one");
+  for (int i = 0; i < 50; ++i) simulation.Step();
+  EXPECT_EQ(one->mirror->GetState().undecided, 1u);
+  EXPECT_EQ(broker.Get("fleet/Net/A")->bytes, ComposeSharedGroup({{"k", "there"}}, {}));
+}
+
 TEST_F(SharedGroupsTest, PutsALocalChangeBackWhereTheDirectionIsDown) {
   broker.Put("fleet/Net/A", ComposeSharedGroup({{"k", "there"}}, {}));
   const auto one = StartDevice("one", Rules({{"m", "Net/*", Direction::kDown}}, {}, {}));
