@@ -166,7 +166,10 @@ bool DeviceMirror::SendResult(const std::string& topic, Milliseconds now) {
     text = result->second;
     content = hash.Get();
   }
-  if (sent == content && _forced.count(topic) == 0) return true;
+  if (sent == content && _forced.count(topic) == 0) {
+    _refusedPuts.Remove(topic);  // what stands there is what is to be there
+    return true;
+  }
   if (!Put(topic, text, {}, now)) return false;
   _unconfirmed[topic] = content;
   _forced.erase(topic);

@@ -346,7 +346,7 @@ void SharedGroups::Settle(const Planned& planned, Milliseconds now) {
     _schedule.Remove(group);
     _attempts.erase(group);
     _decided.erase(group);
-    if (!isRefused) _refused.erase(group);
+    _refused.erase(group);
   } else {
     std::set<std::string> lost = FindLost(planned.view.centre, planned.plan.centre);
     if (!lost.empty()) _allowed[group] = std::move(lost);

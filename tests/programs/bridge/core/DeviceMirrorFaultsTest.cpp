@@ -125,6 +125,17 @@ TEST_F(DeviceMirrorFaults, SendsAgainWhatTheBrokerRefused) {
   EXPECT_THAT(At("cam/index"), StartsWith(R"({"epoch":"e1")"));
 }
 
+TEST_F(DeviceMirrorFaults, IsInSyncOnceARefusedResultIsNotNeededAnyMore) {
+  const auto device = StartDevice(Ruled());
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  broker.RefusePuts(1);
+  broker.Put("fleet/cam/desired/d", "no document");
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_EQ(device->mirror->GetState().left, 2u);  // the document, and its result
+  broker.Put("fleet/cam/desired/d", std::nullopt);
+  EXPECT_TRUE(simulation.RunUntilInSync(100));
+}
+
 TEST_F(DeviceMirrorFaults, GoesOnOnceTheDiskHasRoomAgain) {
   const auto device = StartDevice(Ruled());
   device->store.Set("State/A", "k", "1");
