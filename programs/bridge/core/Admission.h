@@ -10,8 +10,8 @@
 
 namespace tavix::bridge {
 
-// Which groups are mirrored: the first ones, as many as the limits allow. Others are left out and reported, until one
-// of the first is gone.
+// Which groups are mirrored: the first ones, as many as the limits allow. Others are left out and reported, until the
+// first ones leave room for them.
 //
 // Threads: one.
 class Admission {

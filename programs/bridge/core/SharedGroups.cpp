@@ -117,7 +117,7 @@ void SharedGroups::OnItem(const Item& item) {
   if (_phase != Phase::kReading && item.version < GetLatest(group)) return;
   const AgreedGroup* agreed = _state.FindAgreed(group);
   const bool isKnown = agreed != nullptr && agreed->isThere && agreed->version == item.version &&
-                       GetStoredSource() == _state.GetSource();
+                       (_phase == Phase::kRereading || GetStoredSource() == _state.GetSource());
   if (isKnown && item.bytes && _remote.count(group) == 0) return;
   if (_remote.size() >= 2 * _limits.maxGroups && _remote.count(group) == 0) {
     _isSomethingMissed = true;

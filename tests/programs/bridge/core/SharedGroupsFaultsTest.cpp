@@ -321,7 +321,7 @@ TEST_F(SharedGroupsFaults, TakesAGroupOfTheOtherEndOnceThereIsRoom) {
   EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(2));
   for (int i = 0; i < 7; ++i) {
     broker.Put("fleet/Net/" + std::to_string(i), std::nullopt);
-    ASSERT_FALSE(i < 6 && simulation.RunUntilInSync(100));
+    ASSERT_FALSE(i < 5 && simulation.RunUntilInSync(100));
     EXPECT_EQ(one->store.Get("Net/" + std::to_string(i < 6 ? i + 2 : 7)), (Keys{{"k", "1"}})) << i;
   }
   ASSERT_TRUE(simulation.RunUntilInSync());
