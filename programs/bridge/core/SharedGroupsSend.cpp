@@ -42,8 +42,8 @@ bool SharedGroups::SendGroup(const std::string& group, Milliseconds now) {
 bool SharedGroups::IsLossAllowed(const Planned& planned) const {
   const std::set<std::string> lost = FindLost(planned.view.centre, planned.plan.centre);
   const auto allowed = _allowed.find(planned.group);
-  return lost.empty() || (allowed != _allowed.end() && std::includes(allowed->second.begin(), allowed->second.end(),
-                                                                    lost.begin(), lost.end()));
+  return lost.empty() || (allowed != _allowed.end() &&
+                          std::includes(allowed->second.begin(), allowed->second.end(), lost.begin(), lost.end()));
 }
 
 // Always against the version that is known: nobody else's change is overwritten without having been seen.

@@ -13,7 +13,6 @@ namespace {
 
 using tavix::bridge::ComposeSharedGroup;
 using tavix::bridge::Keys;
-using tavix::bridge::Limits;
 using tavix::bridge::Side;
 using tavix::test::Milliseconds;
 using tavix::test::SimulatedDevice;
@@ -293,58 +292,6 @@ TEST_F(SharedGroupsFaults, OverwritesNothingHoweverOftenOthersAreFaster) {
   }
 }
 
-TEST_F(SharedGroupsFaults, GivesThePlaceOfAGroupThatIsGoneToAnotherOne) {
-  Limits limits = Quick();
-  limits.maxGroups = 2;
-  const auto one = StartDevice("one", Both(), limits);
-  for (int i = 0; i < 20; ++i) {
-    one->store.Set("Net/" + std::to_string(i), "k", "1");
-    ASSERT_TRUE(simulation.RunUntilInSync());
-    one->store.Delete("Net/" + std::to_string(i));
-    ASSERT_TRUE(simulation.RunUntilInSync());
-    simulation.Step(limits.heldWindow);  // they are not lost at once
-  }
-  for (int i = 0; i < 3; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
-  ASSERT_FALSE(simulation.RunUntilInSync(100));
-  EXPECT_EQ(one->report->counters.leftOut, 1u);
-  one->store.Delete("Net/0");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_THAT(broker.GetAll(), SizeIs(2));
-}
-
-TEST_F(SharedGroupsFaults, TakesAGroupOfTheOtherEndOnceThereIsRoom) {
-  Limits limits = Quick();
-  limits.maxGroups = 2;
-  for (int i = 0; i < 8; ++i) broker.Put("fleet/Net/" + std::to_string(i), ComposeSharedGroup({{"k", "1"}}, {}));
-  const auto one = StartDevice("one", Both(), limits);
-  ASSERT_FALSE(simulation.RunUntilInSync(100));
-  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(2));
-  for (int i = 0; i < 7; ++i) {
-    broker.Put("fleet/Net/" + std::to_string(i), std::nullopt);
-    ASSERT_FALSE(i < 5 && simulation.RunUntilInSync(100));
-    EXPECT_EQ(one->store.Get("Net/" + std::to_string(i < 6 ? i + 2 : 7)), (Keys{{"k", "1"}})) << i;
-  }
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(1));
-}
-
-TEST_F(SharedGroupsFaults, GivesTheBytesThatAGroupLosesToAnotherOne) {
-  Limits limits = Quick();
-  limits.maxPendingBytes = 1000;
-  const auto one = StartDevice("one", Both(), limits);
-  one->store.Set("Net/0", "k", std::string(900, 'a'));
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  one->store.Set("Net/1", "k", std::string(500, 'b'));
-  broker.Put("fleet/Net/2", ComposeSharedGroup({{"k", std::string(300, 'c')}}, {}));
-  ASSERT_FALSE(simulation.RunUntilInSync(100));
-  EXPECT_EQ(one->report->counters.leftOut, 2u);
-  one->store.Set("Net/0", "k", "a");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_EQ(one->store.Get("Net/2"), (Keys{{"k", std::string(300, 'c')}}));
-  EXPECT_THAT(broker.GetAll(), SizeIs(3));
-  EXPECT_EQ(one->report->counters.leftOut, 2u);
-}
-
 TEST_F(SharedGroupsFaults, SendsALocalChangeBesideARemovalThatIsNotSupported) {
   const auto one = StartDevice("one", Both());
   one->store.Set("Net/A", "k", "1");
@@ -364,50 +311,6 @@ TEST_F(SharedGroupsFaults, SendsALocalChangeBesideARemovalThatIsNotSupported) {
   one->mirror->OnLocalReady();
   ASSERT_TRUE(simulation.RunUntilInSync());
   EXPECT_EQ(one->store.Get("Net/A"), (Keys{{"l", "2"}, {"own", "1"}}));
-}
-
-TEST_F(SharedGroupsFaults, HoldsTheLossesOfASourceThatIsSuddenlyEmpty) {
-  const auto one = StartDevice("one", Both());
-  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  broker.RestartWith({});
-  for (int i = 0; i < 100; ++i) simulation.Step();
-  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(30));
-  EXPECT_EQ(one->mirror->GetState().held, 30u);
-  EXPECT_THAT(one->report->GetLastError(), HasSubstr("A source is suddenly empty: 30 groups"));
-
-  one->mirror->AcceptLosses();
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_TRUE(one->store.Read({"Net/*"}).IsEmpty());
-}
-
-TEST_F(SharedGroupsFaults, HoldsLossesThatHappenWhileGroupsAreSent) {
-  const auto one = StartDevice("one", Both());
-  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "2");
-  one->store.beforeRead = [&one] {
-    for (int i = 0; i < 30; ++i) one->store.Delete("Net/" + std::to_string(i));
-  };
-  for (int i = 0; i < 100; ++i) simulation.Step();
-  EXPECT_THAT(broker.GetAll(), SizeIs(30));
-  EXPECT_EQ(one->mirror->GetState().held, 30u);
-  one->mirror->AcceptLosses();
-  ASSERT_TRUE(simulation.RunUntilInSync());
-  EXPECT_THAT(broker.GetAll(), SizeIs(0));
-}
-
-TEST_F(SharedGroupsFaults, LeavesOutWhatIsBeyondItsLimits) {
-  Limits limits = Quick();
-  limits.maxGroups = 2;
-  const auto one = MakeDevice("one", Both(), limits);
-  for (int i = 0; i < 3; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
-  one->Start();
-  simulation.Add(*one);
-  for (int i = 0; i < 50; ++i) simulation.Step();
-  EXPECT_THAT(broker.GetAll(), SizeIs(2));
-  EXPECT_EQ(one->report->counters.leftOut, 1u);
-  EXPECT_THAT(one->report->GetLastError(), HasSubstr("[Net/2] is left out"));
 }
 
 }  // namespace
