@@ -94,9 +94,11 @@ void Connection::WatchTime() {
   _timer.Start(limit == Limit::kIdle ? kIdleTime : isBody ? kBodyTime : kHeadTime);
 }
 
+// An answer that still leaves has the bufferevent's own limit, which is one of no progress.
 void Connection::TimeOut() {
-  if (_state != State::kReading || !_parser->HasBegun()) return End();
-  Refuse(408, "the request did not come in time");
+  if (_state == State::kReading && _parser->HasBegun()) return Refuse(408, "the request did not come in time");
+  if (!IsDrained()) return _timer.Start(kIdleTime);
+  End();
 }
 
 void Connection::OnReadable(bufferevent*, void* self) {
@@ -104,45 +106,55 @@ void Connection::OnReadable(bufferevent*, void* self) {
 }
 
 void Connection::Read() {
-  if (_state == State::kAnswering) return;  // the next request waits
   evbuffer* const input = bufferevent_get_input(_buffer.get());
-  if (_state == State::kClosing || _state == State::kStreaming) {
-    evbuffer_drain(input, evbuffer_get_length(input));
-    return;
-  }
-  // Whoever asks and does not take the answers must not fill the memory with them.
-  const evbuffer* const output = bufferevent_get_output(_buffer.get());
-  while (_state == State::kReading && evbuffer_get_length(input) > 0 &&
-         evbuffer_get_length(output) <= kMaxUnsentBytes) {
+  if (_state == State::kClosing || _state == State::kStreaming) evbuffer_drain(input, evbuffer_get_length(input));
+  while (CanTake() && evbuffer_get_length(input) > 0) {
     const size_t size = evbuffer_get_contiguous_space(input);
     const auto* const bytes = reinterpret_cast<const char*>(evbuffer_pullup(input, static_cast<ssize_t>(size)));
     evbuffer_drain(input, _parser->Take({bytes, size}));
-    if (!HandleRead()) return;
+    HandleTaken();
   }
+  Suspend(evbuffer_get_length(input) >= kMaxReadBytes);
+  if (_state != State::kReading) return;
   WatchTime();
+  if (_hasPeerEnded && evbuffer_get_length(input) == 0) EndBehindAnswers();
 }
 
-// Behind each part of a request that was taken. False when nothing more of it is to be read now.
-bool Connection::HandleRead() {
+// Whoever asks and does not take the answers must not fill the memory with them.
+bool Connection::CanTake() const {
+  return _state == State::kReading && evbuffer_get_length(bufferevent_get_output(_buffer.get())) <= kMaxUnsentBytes;
+}
+
+// libevent calls OnReadable again and again, in a busy loop, while it may read and as much as the watermark allows
+// is not taken.
+void Connection::Suspend(bool isSuspended) {
+  if (isSuspended == _isSuspended) return;
+  _isSuspended = isSuspended;
+  if (isSuspended) {
+    bufferevent_disable(_buffer.get(), EV_READ);
+  } else if (!_hasPeerEnded) {
+    bufferevent_enable(_buffer.get(), EV_READ);
+  }
+}
+
+// Behind each part of a request that was taken.
+void Connection::HandleTaken() {
   using ParserState = RequestParser::State;
   Request& request = _parser->GetRequest();
   switch (_parser->GetState()) {
     case ParserState::kRefused:
-      Refuse(_parser->GetStatus(), _parser->GetReason());
-      return false;
+      return Refuse(_parser->GetStatus(), _parser->GetReason());
     case ParserState::kHeadEnd:
       _isHead = request.method == "HEAD";
-      _owner.OnHead(*this, request, _parser->GetAnnouncedBytes());
-      return _state == State::kReading;
+      return _owner.OnHead(*this, request, _parser->GetAnnouncedBytes());
     case ParserState::kComplete:
       _timer.Stop();
       _state = State::kAnswering;
       _endsBehindAnswer = AsksForEnd(request);
       _isHead = request.method == "HEAD";
-      _owner.OnRequest(*this, request);
-      return false;
+      return _owner.OnRequest(*this, request);
     default:
-      return true;
+      return;
   }
 }
 
@@ -188,7 +200,8 @@ std::string Connection::FormatHead(int status, const Headers& headers) const {
 
 void Connection::Send(Response response) {
   const bool isWhole = _parser->GetState() == RequestParser::State::kComplete;
-  const bool ends = response.endsConnection || _endsBehindAnswer || _hasPeerEnded || !isWhole;
+  const bool isLast = _hasPeerEnded && evbuffer_get_length(bufferevent_get_input(_buffer.get())) == 0;
+  const bool ends = response.endsConnection || _endsBehindAnswer || isLast || !isWhole;
   std::string text = FormatHead(response.status, response.headers);
   if (!HasNoBody(response.status)) text += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
   if (ends) text += "Connection: close\r\n";
@@ -196,19 +209,24 @@ void Connection::Send(Response response) {
   Write(text);
   if (!_isHead && !HasNoBody(response.status) && !response.body.empty()) WriteBody(std::move(response));
   _isFirst = false;
-  if (!ends) {
+  if (ends) {
+    _state = State::kClosing;
+    _timer.Start(kIdleTime);
+  } else {
     BeginNext();
-    // What came early is read behind the caller's work.
-    bufferevent_trigger(_buffer.get(), EV_READ, BEV_TRIG_IGNORE_WATERMARKS | BEV_TRIG_DEFER_CALLBACKS);
-    return;
   }
-  _state = State::kClosing;
-  _timer.Start(kIdleTime);
+  ReadSoon();
+}
+
+// What came early is read behind the caller's work.
+void Connection::ReadSoon() {
+  bufferevent_trigger(_buffer.get(), EV_READ, BEV_TRIG_IGNORE_WATERMARKS | BEV_TRIG_DEFER_CALLBACKS);
 }
 
 void Connection::SendStreamHead(const Headers& headers) {
   Write(FormatHead(200, headers) + "Connection: close\r\n\r\n");
   _state = State::kStreaming;
+  ReadSoon();
 }
 
 void Connection::SendPart(const std::string& text) {
@@ -229,13 +247,21 @@ void Connection::OnWritten(bufferevent*, void* self) {
   shutdown(bufferevent_getfd(connection->_buffer.get()), SHUT_WR);
 }
 
+// No whole request comes any more: the answers that are on their way are the last.
+void Connection::EndBehindAnswers() {
+  if (IsDrained()) return End();
+  _state = State::kClosing;
+  _timer.Start(kIdleTime);
+}
+
+// A peer that has ended may have ended its own side alone, and await answers.
 void Connection::OnEvent(bufferevent*, short what, void* self) {
   auto* const connection = static_cast<Connection*>(self);
-  const bool isEnd = (what & BEV_EVENT_EOF) != 0;
-  const bool isAnswering =
-      connection->_state == State::kAnswering || (connection->_state == State::kClosing && !connection->IsDrained());
-  if (!isEnd || !isAnswering) return connection->End();
-  connection->_hasPeerEnded = true;  // it may have ended its own side alone
+  const bool isOver =
+      connection->_state == State::kStreaming || (connection->_state == State::kClosing && connection->IsDrained());
+  if ((what & BEV_EVENT_EOF) == 0 || isOver) return connection->End();
+  connection->_hasPeerEnded = true;
+  connection->Read();
 }
 
 }  // namespace tavix::web

@@ -49,7 +49,8 @@ class ConnectionOwner {
 // Threads: the loop's.
 // Times:   the head of a request has to come within 10 s of its first byte, or of the connection's begin, its body
 //          within 60 s; a connection without a request ends after 60 s, and so does one that takes nothing of its
-//          answer for 60 s.
+//          answer for 60 s. An answer of which something is taken may take any time.
+// Ends:    a client that ends its own side gets the answers to all requests that came whole.
 class Connection {
  public:
   // owner, base: outlive this.
@@ -99,7 +100,10 @@ class Connection {
   static void OnEvent(bufferevent* buffer, short what, void* self);
 
   void Read();
-  bool HandleRead();
+  void ReadSoon();
+  bool CanTake() const;
+  void Suspend(bool isSuspended);
+  void HandleTaken();
   void Refuse(int status, const std::string& reason);
   void WatchTime();
   void TimeOut();
@@ -107,6 +111,7 @@ class Connection {
   void WriteBody(Response response);
   std::string FormatHead(int status, const Headers& headers) const;
   void BeginNext();
+  void EndBehindAnswers();
 
   struct Free {
     void operator()(bufferevent* buffer) const { bufferevent_free(buffer); }
@@ -122,6 +127,7 @@ class Connection {
   bool _endsBehindAnswer = false;
   bool _hasPeerEnded = false;
   bool _isHead = false;
+  bool _isSuspended = false;
   LoopEvent _timer;
   std::unique_ptr<bufferevent, Free> _buffer;
 };

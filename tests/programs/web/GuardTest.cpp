@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <csignal>
+
 #include "tests/programs/web/Web.h"
+#include "tests/support/StoppedProcess.h"
 
 namespace tavix::test {
 
@@ -13,6 +16,12 @@ std::string Exchange(const Web& web, const std::string& bytes) {
   connection.Send(bytes);
   connection.HalfClose();
   return connection.ReadToEnd();
+}
+
+std::string Repeat(const std::string& text, int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
 }
 
 int StatusOf(const std::string& answer) {
@@ -259,6 +268,39 @@ TEST(WebGuard, EndsConnectionsBeyondTheLimit) {
     next.TrySend("GET /healthz HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
     status = StatusOf(next.ReadToEnd());
   }
+}
+
+TEST(WebGuard, SleepsWhileRequestsWaitForAnAnswer) {
+  Web web;
+  StopProcess(web.daemon.GetId());
+  HttpConnection connection = web.Connect();
+  const std::string get = "GET /api/v1/subscribers HTTP/1.1\r\nHost: localhost\r\n\r\n";
+  constexpr int kCount = 400;
+  connection.Send(Repeat(get, kCount));
+  EXPECT_EQ(web.Connect().Ask("GET", "/healthz").status, 200);  // the others' bytes were there before
+  web.process.AwaitIdle();
+  web.daemon.Signal(SIGCONT);
+  for (int i = 0; i < kCount; ++i) ASSERT_EQ(connection.ReadReply().status, 200) << i;
+}
+
+TEST(WebGuard, SleepsWhileAnswersAreNotTaken) {
+  Web web;
+  HttpConnection connection(web.process.GetPort(), 4096);
+  constexpr int kCount = 2000;
+  connection.Send(Repeat("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", kCount));
+  web.process.AwaitIdle();
+  for (int i = 0; i < kCount; ++i) ASSERT_EQ(connection.ReadReply().status, 200) << i;
+}
+
+TEST(WebGuard, AnswersAllThatCameBeforeTheClientEndedItsSide) {
+  Web web;
+  HttpConnection connection(web.process.GetPort(), 4096);
+  constexpr int kCount = 300;
+  connection.Send(Repeat("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", kCount) + "GET / HTTP/1.1\r\nHo");
+  connection.HalfClose();
+  web.process.AwaitIdle();
+  for (int i = 0; i < kCount; ++i) ASSERT_EQ(connection.ReadReply().status, 200) << i;
+  EXPECT_EQ(connection.ReadToEnd(), "");
 }
 
 TEST(WebGuard, ServesBelowAPath) {
