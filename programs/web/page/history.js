@@ -1,5 +1,5 @@
 // Who changed what, and the way back. A rollback shows what it would change before it does so.
-import { useEffect, useState } from './vendor/standalone.module.js';
+import { useEffect, useRef, useState } from './vendor/standalone.module.js';
 import { save } from './drafts.js';
 import { readGroup } from './group.js';
 import { ask, canWrite, go, has, keepLater, linkTo } from './store.js';
@@ -127,8 +127,15 @@ export function HistoryView({ query }) {
   const [run, isBusy, moreProblem] = useAction();
   const [goal, setGoal] = useState(null);
   const [done, setDone] = useState('');
-  useEffect(() => setMore({ revisions: [], next: data?.next ?? null }), [data]);
-  useReload(reload, isLoading);
+  const [isBehind, setIsBehind] = useState(false);
+  const goesBack = useRef(false);
+  goesBack.current = more.revisions.length > 0;
+  useEffect(() => {
+    setMore({ revisions: [], next: data?.next ?? null });
+    setIsBehind(false);
+  }, [data]);
+  // Earlier revisions that somebody looks at stay.
+  useReload(() => (goesBack.current ? setIsBehind(true) : reload()), isLoading);
   const readMore = async () => {
     const answer = await run(() => read(more.next));
     if (answer) setMore({ revisions: [...more.revisions, ...answer.revisions], next: answer.next });
@@ -147,6 +154,7 @@ export function HistoryView({ query }) {
     ${name === null ? null : html`<p>Only changes of ${wantedKey === null ? null : html`<code>${spellName(wantedKey)}</code> in `}<${GroupLink} name=${name} />.
       ${' '}<a href=${linkTo('history', wantedKey === null ? {} : { name })}>${wantedKey === null ? 'Show all' : 'Show all of the group'}</a></p>`}
     <p role="status">${done}</p>
+    ${isBehind ? html`<p class="note" role="status">There are newer changes. <button type="button" onClick=${reload}>Show them</button></p>` : null}
     <${ProblemBox} problem=${problem ?? moreProblem} />
     <${Loading} isLoading=${isLoading} isEmpty=${!data} />
     <ol class="revisions">${revisions.map(({ revision, changes }) => html`<${Revision} key=${revision.revision} revision=${revision} changes=${changes}

@@ -60,11 +60,14 @@ test('a setting that somebody else changes while it is edited', async (run) => {
   await conflict.getByText('50', { exact: true }).waitFor();
   await compareStructure(page.getByRole('main').locator('.view'), 'conflict');
   await comparePicture(run, page, 'conflict');
-  await conflict.getByRole('button', { name: 'Keep mine' }).click();
+  await button('Discard').click();
 });
 
 test('a look at what is saved, and its trial', async (run) => {
+  await device.set(kStream, { fps: '50' });
   await open(`group?name=${kStream}`, kStream);
+  await page.waitForFunction(() => document.querySelector('textarea[aria-label=fps]')?.value === '50');
+  await field('fps').fill('15');
   await field('codec').fill('h265');
   await button('Review and save').click();
   await page.getByLabel('Take it back by itself').check();

@@ -96,6 +96,19 @@ test('differences follow changes', async () => {
   await page.getByText('from elsewhere').waitFor();
 });
 
+test('earlier changes stay while newer ones come', async () => {
+  for (let number = 1; number <= 32; ++number) await device.set('Many/Changes', { key: `value ${number}` });
+  await goTo(page, 'history?name=Many/Changes', 'History');
+  await page.getByRole('row', { name: /value 31 value 32/ }).waitFor();
+  await button('Show earlier ones').click();
+  await page.getByRole('row', { name: /not set value 1$/ }).waitFor();
+  await device.set('Many/Changes', { key: 'newest' });
+  await page.getByText('There are newer changes.').waitFor();
+  assert.equal(await page.getByRole('row', { name: /not set value 1$/ }).count(), 1);
+  await button('Show them').click();
+  await page.getByRole('row', { name: /value 32 newest/ }).waitFor();
+});
+
 test('a checkpoint is kept, brought back and forgotten', async () => {
   await device.set('Audio/Input', { gain_db: '7' });
   await goTo(page, 'history', 'History');
