@@ -32,11 +32,13 @@ endef
 define TAVIX_SETTINGS_INSTALL_INIT_SYSV
 	mv $(TARGET_DIR)/etc/init.d/tavix-settings-server \
 		$(TARGET_DIR)/etc/init.d/S20tavix-settings-server
+	$(TAVIX_SETTINGS_INSTALL_WEB_INIT_SYSV)
 endef
 
 define TAVIX_SETTINGS_INSTALL_INIT_SYSTEMD
 	rm -f $(TARGET_DIR)/etc/init.d/tavix-settings-server \
-		$(TARGET_DIR)/etc/default/tavix-settings-server
+		$(TARGET_DIR)/etc/default/tavix-settings-server \
+		$(TARGET_DIR)/etc/init.d/tavix-settings-web
 endef
 else
 TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_PROGRAMS=OFF
@@ -47,6 +49,37 @@ TAVIX_SETTINGS_DEPENDENCIES += cli11 json-for-modern-cpp
 TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_CLI=ON
 else
 TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_CLI=OFF
+endif
+
+# Its page holds htm, which is under Apache-2.0, and preact, which is under MIT.
+ifeq ($(BR2_PACKAGE_TAVIX_SETTINGS_WEB),y)
+TAVIX_SETTINGS_LICENSE += , Apache-2.0 (htm)
+TAVIX_SETTINGS_LICENSE_FILES += \
+	programs/web/page/vendor/LICENSE-htm.txt \
+	programs/web/page/vendor/LICENSE-preact.txt
+TAVIX_SETTINGS_DEPENDENCIES += json-for-modern-cpp libargon2 libevent zlib
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_WEB=ON
+
+define TAVIX_SETTINGS_INSTALL_WEB_INIT_SYSV
+	mv $(TARGET_DIR)/etc/init.d/tavix-settings-web \
+		$(TARGET_DIR)/etc/init.d/S30tavix-settings-web
+endef
+else
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_WEB=OFF
+endif
+
+ifeq ($(BR2_PACKAGE_TAVIX_SETTINGS_BRIDGE_MQTT),y)
+TAVIX_SETTINGS_DEPENDENCIES += json-for-modern-cpp mosquitto sqlite
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_BRIDGE_MQTT=ON
+else
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_BRIDGE_MQTT=OFF
+endif
+
+ifeq ($(BR2_PACKAGE_TAVIX_SETTINGS_BRIDGE_ETCD),y)
+TAVIX_SETTINGS_DEPENDENCIES += json-for-modern-cpp libcurl sqlite
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_BRIDGE_ETCD=ON
+else
+TAVIX_SETTINGS_CONF_OPTS += -DTAVIX_BUILD_BRIDGE_ETCD=OFF
 endif
 
 $(eval $(cmake-package))
