@@ -106,23 +106,28 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${package_of_library} ${same_version}")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS ${package_of_server})
 
-set(CPACK_COMPONENT_WEB_DESCRIPTION "settings of a device (HTTP interface)${common_description}This is the program that serves the settings as JSON over HTTP, with what systemd or
-an init script needs to start it. Neither does so by itself.")
+set(CPACK_COMPONENT_WEB_DESCRIPTION "settings of a device (HTTP interface)${common_description}This is the program that serves the settings as JSON over HTTP, and a page for
+browsers, with what systemd or an init script needs to start it. Neither does
+so by itself.")
 set(CPACK_DEBIAN_WEB_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_WEB_PACKAGE_DEPENDS "${package_of_library} ${same_version}")
 set(CPACK_DEBIAN_WEB_PACKAGE_RECOMMENDS ${package_of_server})
-set(CPACK_DEBIAN_WEB_PACKAGE_CONTROL_EXTRA ${debian}/web/conffiles)
+set(CPACK_DEBIAN_WEB_PACKAGE_PREDEPENDS "init-system-helpers (>= 1.54~)")
+set(CPACK_DEBIAN_WEB_PACKAGE_CONTROL_EXTRA ${debian}/web/conffiles ${debian}/web/postinst ${debian}/web/prerm
+    ${debian}/web/postrm)
 
 # The daemon's package makes the user that they run as.
-set(CPACK_COMPONENT_BRIDGE_MQTT_DESCRIPTION "settings of a device (bridge to MQTT)${common_description}This is the program that mirrors settings to a broker of MQTT, from which a centre
-sees and changes them, with what systemd needs to start it.")
-set(CPACK_COMPONENT_BRIDGE_ETCD_DESCRIPTION "settings of a device (bridge to etcd)${common_description}This is the program that mirrors settings to a cluster of etcd, by which several
-devices share them, with what systemd needs to start it.")
+set(CPACK_COMPONENT_BRIDGE_MQTT_DESCRIPTION "settings of a device (bridge to MQTT)${common_description}This is the program that mirrors settings to a broker of MQTT, from which a
+centre sees and changes them, with what systemd needs to start it.")
+set(CPACK_COMPONENT_BRIDGE_ETCD_DESCRIPTION "settings of a device (bridge to etcd)${common_description}This is the program that mirrors settings to a cluster of etcd, by which
+several devices share them, with what systemd needs to start it.")
 foreach(engine MQTT ETCD)
   set(CPACK_DEBIAN_BRIDGE_${engine}_PACKAGE_SECTION admin)
   set(CPACK_DEBIAN_BRIDGE_${engine}_PACKAGE_DEPENDS
       "${package_of_library} ${same_version}, ${package_of_server} ${same_version}")
   set(CPACK_DEBIAN_BRIDGE_${engine}_PACKAGE_RECOMMENDS ${package_of_tools})
+  set(CPACK_DEBIAN_BRIDGE_${engine}_PACKAGE_CONTROL_EXTRA ${debian}/bridge/postinst ${debian}/bridge/prerm
+      ${debian}/bridge/postrm)
 endforeach()
 
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "settings of a device (Python 3)${common_description}This is the package for programs in Python: one store that waits and one for
