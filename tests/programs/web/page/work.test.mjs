@@ -93,7 +93,7 @@ test('a group that was deleted stands in the history in words', async () => {
 test('differences follow changes', async () => {
   await goTo(page, 'differences', 'Differences to the defaults');
   await device.set('Storage/SdCard', { label: 'from elsewhere' });
-  await page.getByText('from elsewhere').waitFor();
+  await page.getByRole('main').getByText('from elsewhere').waitFor();
 });
 
 test('earlier changes stay while newer ones come', async () => {
