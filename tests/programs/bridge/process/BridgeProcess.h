@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -40,6 +41,12 @@ class BridgeProcess {
     words.insert(words.end(), arguments.begin(), arguments.end());
     process.reset();
     process = std::make_unique<DaemonProcess>(_program, _directory.GetPath(), words, limits);
+  }
+
+  // As by kill -9. What it logged until then.
+  std::string Kill() const {
+    process->Stop(SIGKILL);
+    return process->GetErrors();
   }
 
   std::string GetSocketPath() const { return _directory.Path("bridge-" + _name + ".sock"); }
@@ -107,8 +114,11 @@ class BridgedDaemon {
     _client->Subscribe({"*"});
   }
 
-  void Set(const std::string& text) {
-    _client->Merge(DocumentOf(text));
+  void Set(const std::string& text) { SetInTurn({text}); }
+
+  // A change of each, without waiting between them.
+  void SetInTurn(const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) _client->Merge(DocumentOf(text));
     _client->Flush();
   }
 
@@ -124,6 +134,17 @@ class BridgedDaemon {
     const core::IniFile settings = _client->Get({group});
     return settings.HasValue(group, key) ? settings.GetValue(group, key) : "";
   }
+
+  core::IniFile Read(const std::string& pattern) { return _client->Get({pattern}); }
+
+  // The group is gone, its defaults included.
+  void Remove(const std::string& group) {
+    _client->Overwrite({group}, core::IniFile());
+    _client->Flush();
+  }
+
+  // Whether it was done, and then it is on the disk.
+  bool Amend(const settings::Amendment& amendment) { return _client->Amend(amendment); }
 
   const std::string address;
   std::unique_ptr<DaemonProcess> process;

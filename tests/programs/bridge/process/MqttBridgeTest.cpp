@@ -7,10 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "programs/bridge/formats/DesiredDocument.h"
-#include "tests/programs/bridge/engines/LinkedEngine.h"
-#include "tests/programs/bridge/engines/MqttHost.h"
-#include "tests/programs/bridge/process/BridgeProcess.h"
+#include "tests/programs/bridge/control/ControlClient.h"
+#include "tests/programs/bridge/process/MirroredDaemon.h"
 #include "tests/support/StoppedProcess.h"
 
 // The program with MQTT, between a daemon and a broker.
@@ -18,51 +16,8 @@ namespace tavix::test {
 
 namespace {
 
-using bridge::DesiredDocument;
-using bridge::DesiredKeys;
 using nlohmann::json;
 using testing::HasSubstr;
-
-constexpr char kMaps[] =
-    "[map state]\npattern=State/*\ndirection=up\n[map net]\npattern=Net/*\ndirection=both\nwinner=device\n";
-
-class MqttBridge : public testing::Test {
- protected:
-  MqttBridge() {
-    centre.Connect();
-    centre.Follow({"fleet/"});
-    bridge.Start();
-  }
-
-  std::string MakeSections() const {
-    return "[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(broker.GetPort()) + "\nroot=fleet\ndevice=cam\n" +
-           kQuickLimits + kMaps;
-  }
-
-  void Want(std::uint64_t version, const std::map<std::string, DesiredKeys>& groups) {
-    centre.Put("fleet/cam/desired/doc", ComposeDesired(DesiredDocument{"a", version, groups}));
-  }
-
-  // Until the topic holds that member.
-  json AwaitMessage(const std::string& topic, const std::string& member, const json& value) {
-    while (true) {
-      const auto found = centre.GetStore().find("fleet/cam/" + topic);
-      if (found != centre.GetStore().end()) {
-        const json message = json::parse(found->second);
-        if (message.contains(member) && message[member] == value) return message;
-      }
-      centre.Await<bridge::Item>();
-    }
-  }
-
-  TemporaryDirectory directory;
-  BridgedDaemon daemon{directory, "daemon"};
-  MosquittoBroker broker{directory};
-  LinkedEngine centre{[this](bridge::EventQueue& events) {
-    return std::make_unique<bridge::MqttEngine>(MakeMqttSettings(broker.GetPort(), "centre"), events);
-  }};
-  BridgeProcess bridge{TAVIX_BRIDGE_MQTT_PROGRAM, directory, daemon.address, MakeSections()};
-};
 
 }  // namespace
 
@@ -70,7 +25,7 @@ TEST_F(MqttBridge, ReportsWhatTheDeviceChanges) {
   daemon.Set("[State/Lens]\nzoom=2\n[Other]\nx=1\n");
   AwaitMessage("reported/State/Lens", "values", {{"zoom", "2"}});
   bridge.AwaitInSync();
-  EXPECT_EQ(centre.GetStore().count("fleet/cam/reported/Other"), 0u);
+  EXPECT_EQ(centre->GetStore().count("fleet/cam/reported/Other"), 0u);
   daemon.Set("[State/Lens]\nzoom=3\nsecret=x\n");
   AwaitMessage("reported/State/Lens", "values", {{"zoom", "3"}, {"secret", {{"masked", true}}}});
 }
