@@ -19,9 +19,11 @@ namespace tavix::test {
 class MosquittoBroker {
  public:
   // lines: of its configuration, beside those for the port and what a test always wants: everybody may do everything,
-  // unless the lines say otherwise. folder: for all its files; outlives the broker.
-  explicit MosquittoBroker(const TemporaryDirectory& folder, const std::string& lines = "allow_anonymous true\n")
-      : _folder(folder), _lines(lines) {
+  // unless the lines say otherwise. folder: for all its files; outlives the broker. words: of its command line; without
+  // them it does not log each message.
+  explicit MosquittoBroker(const TemporaryDirectory& folder, const std::string& lines = "allow_anonymous true\n",
+                           const std::vector<std::string>& words = {"-v"})
+      : _folder(folder), _lines(lines), _words(words) {
     while (!TryStart()) {
     }
   }
@@ -55,13 +57,15 @@ class MosquittoBroker {
     const std::string head = "listener " + std::to_string(GetPort()) + " 127.0.0.1\nuser root\nlog_dest stderr\n" +
                              "max_queued_messages 0\nmax_packet_size 268435455\n";
     const std::string file = _folder.Write("mosquitto.conf", head + _lines);
-    _process = std::make_unique<ServiceProcess>(
-        _folder.GetPath(), std::vector<std::string>{"mosquitto", "-c", file, "-v"}, _folder.Path("mosquitto.log"));
+    std::vector<std::string> words{"mosquitto", "-c", file};
+    words.insert(words.end(), _words.begin(), _words.end());
+    _process = std::make_unique<ServiceProcess>(_folder.GetPath(), words, _folder.Path("mosquitto.log"));
     return _process->AwaitOutput(" running");
   }
 
   const TemporaryDirectory& _folder;
   const std::string _lines;
+  const std::vector<std::string> _words;
   std::unique_ptr<ReservedPort> _port;
   std::unique_ptr<ServiceProcess> _process;
 };

@@ -74,17 +74,17 @@ class SharingDevices {
     Groups groups;
     bridge::Version revision = 0;
   };
+  // A member that has no leader, as on a busy machine, is asked again.
   Content ReadCluster(std::size_t member = 0) const {
-    const std::string prefix = "fleet/";
-    const std::string range = bridge::etcd::MakeRange(prefix, prefix).dump();
-    const nlohmann::json answer = bridge::etcd::Parse(cluster.Post("/v3/kv/range", range, member));
-    Content content;
-    content.revision = bridge::etcd::GetNumber(bridge::etcd::GetObject(answer, "header"), "revision");
-    for (const nlohmann::json& pair : bridge::etcd::GetArray(answer, "kvs")) {
-      const bridge::Item item = bridge::etcd::GetItem(pair);
-      content.groups[item.key.substr(prefix.size())] = bridge::ParseSharedGroup(*item.bytes, item.bytes->size()).keys;
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (true) {
+      try {
+        return TryReadCluster(member);
+      } catch (const std::runtime_error&) {
+        if (std::chrono::steady_clock::now() > end) throw;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return content;
   }
 
   // Until both devices and the cluster hold the same, and both bridges have put that down: a bridge that is asked
@@ -114,6 +114,20 @@ class SharingDevices {
   EtcdCluster cluster;
   SharingDevice one;
   SharingDevice two;
+
+ private:
+  Content TryReadCluster(std::size_t member) const {
+    const std::string prefix = "fleet/";
+    const std::string range = bridge::etcd::MakeRange(prefix, prefix).dump();
+    const nlohmann::json answer = bridge::etcd::Parse(cluster.Post("/v3/kv/range", range, member));
+    Content content;
+    content.revision = bridge::etcd::GetNumber(bridge::etcd::GetObject(answer, "header"), "revision");
+    for (const nlohmann::json& pair : bridge::etcd::GetArray(answer, "kvs")) {
+      const bridge::Item item = bridge::etcd::GetItem(pair);
+      content.groups[item.key.substr(prefix.size())] = bridge::ParseSharedGroup(*item.bytes, item.bytes->size()).keys;
+    }
+    return content;
+  }
 };
 
 }  // namespace tavix::test
