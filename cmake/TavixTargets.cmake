@@ -56,6 +56,24 @@ function(tavix_configure target)
   tavix_instrument(${target})
 endfunction()
 
+# A small program is a tenth smaller when it is optimized as a whole. Takes it and the libraries that are parts of it.
+function(tavix_optimize_as_a_whole)
+  if(NOT CMAKE_BUILD_TYPE STREQUAL "Release")
+    return()
+  endif()
+  if(NOT DEFINED TAVIX_OPTIMIZES_AS_A_WHOLE)
+    include(CheckIPOSupported)
+    check_ipo_supported(RESULT is_supported OUTPUT ignored LANGUAGES CXX)
+    set(TAVIX_OPTIMIZES_AS_A_WHOLE ${is_supported} CACHE INTERNAL "Whether the compiler optimizes programs as a whole")
+  endif()
+  set_target_properties(${ARGN} PROPERTIES INTERPROCEDURAL_OPTIMIZATION ${TAVIX_OPTIMIZES_AS_A_WHOLE})
+endfunction()
+
+# A small program has its data behind its code, without gaps up to the next page.
+function(tavix_leave_no_gaps target)
+  target_link_options(${target} PRIVATE $<$<CONFIG:Release>:-Wl,-z,noseparate-code>)
+endfunction()
+
 # A small program: addresses that are only moved when it is loaded take a bit each in place of 24 bytes. Linker and C
 # library have to know that form: those of Debian 12 do.
 function(tavix_pack_relocations target)
