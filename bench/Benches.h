@@ -20,5 +20,6 @@ void AddPythonBenches(Suite& suite);
 void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);
 void AddCommandBenches(Suite& suite);
+void AddBridgeBenches(Suite& suite);
 
 }  // namespace tavix::bench
