@@ -27,6 +27,8 @@ constexpr char kEnd[] = ".sock";
 constexpr size_t kBeginSize = sizeof kBegin - 1;
 constexpr size_t kEndSize = sizeof kEnd - 1;
 constexpr size_t kMaxAnswer = 16 * 1024 * 1024;
+constexpr int kMaxSilences = 6;  // that an answer may take in all
+constexpr char kMoreTime[] = "--timeout gives it more time";
 
 [[noreturn]] void Fail(ExitCode code, const std::string& name, const std::string& problem,
                        const std::string& hint = std::string()) {
@@ -65,7 +67,7 @@ bool ReceiveMore(const osa::Descriptor& socket, const std::string& name, std::st
   if (count > 0) answer.append(part, static_cast<size_t>(count));
   if (count >= 0) return count > 0;
   if (errno == EINTR) return true;
-  if (errno == EAGAIN) Fail(kExitNoServer, name, " keeps silent", "--timeout gives it more time");
+  if (errno == EAGAIN) Fail(kExitNoServer, name, " keeps silent", kMoreTime);
   Fail(kExitNoServer, name, std::string(" was lost: ") + std::strerror(errno));
 }
 
@@ -95,7 +97,9 @@ std::string AskBridge(const std::string& runtime, const std::string& name, const
   // One that does not take so little hangs up, which is noticed below.
   (void)send(socket.Get(), line.data(), line.size(), MSG_NOSIGNAL);
   std::string answer;
+  const auto end = std::chrono::steady_clock::now() + kMaxSilences * timeout;
   while (ReceiveMore(socket, name, answer)) {
+    if (std::chrono::steady_clock::now() > end) Fail(kExitNoServer, name, " is too slow", kMoreTime);
     if (answer.size() > kMaxAnswer) Fail(kExitBadInput, name, ": its answer is longer than 16 MiB");
   }
   if (answer.empty() || answer.back() != '\n') Fail(kExitNoServer, name, " hung up before the end of its answer");

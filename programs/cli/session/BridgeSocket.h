@@ -16,8 +16,9 @@ constexpr char kBridgeRuntime[] = "/run/tavix-settings/bridges";
 std::set<std::string> FindBridges(const std::string& runtime);
 
 // Sends a request and returns the answer, 16 MiB at most. request: without a line feed. timeout: how long the bridge
-// may keep silent. Throws Failure: kExitUsage for a name that no bridge has, kExitNoServer when the bridge does not
-// run, lets nobody in, keeps silent or hangs up, kExitBadInput when the answer is longer.
+// may keep silent; all of the answer may take six times as long. Throws Failure: kExitUsage for a name that no bridge
+// has, kExitNoServer when the bridge does not run, lets nobody in, keeps silent, is too slow or hangs up, kExitBadInput
+// when the answer is longer.
 std::string AskBridge(const std::string& runtime, const std::string& name, const std::string& request,
                       std::chrono::milliseconds timeout);
 

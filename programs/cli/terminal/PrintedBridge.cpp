@@ -34,6 +34,7 @@ constexpr Figure kFigures[] = {{"engine", "engine", Kind::kText},
                                {"overridden", "overridden", Kind::kCount},
                                {"refused", "refused", Kind::kCount},
                                {"held", "held", Kind::kCount},
+                               {"undecided", "undecided", Kind::kCount},
                                {"leftOut", "left out", Kind::kCount},
                                {"lastError", "last error", Kind::kOptionalText},
                                {"lastErrorTime", "  at", Kind::kTime}};
@@ -147,6 +148,8 @@ std::string ShowBridgeStatus(const Console& console, const JsonPlaces& places, c
   code = answer.Take("state", kJsonText) == "in sync" ? kExitDone : kExitNo;
   if (answer.Take("held", kJsonNumber) != "0")
     console.Say("'tavix-settings bridge sync --accept' accepts the losses that are held");
+  if (answer.Take("undecided", kJsonNumber) != "0")
+    console.Say("'tavix-settings bridge sync --from centre|device' decides who is right first");
   return text;
 }
 

@@ -55,7 +55,7 @@ class BridgeCommand : public testing::Test {
   static std::string Status(const json& changes = json::object()) {
     json status = json::parse(R"({"name": "fleet", "engine": "mqtt", "state": "in sync", "link": "connected",
         "since": 1795312800, "daemon": "connected", "lag": 0, "waiting": 0, "conflicts": 3, "overridden": 2,
-        "refused": 1, "held": 0, "leftOut": 4, "lastError": "", "lastErrorTime": 0, "from": "later versions"})");
+        "refused": 1, "held": 0, "undecided": 0, "leftOut": 4, "lastError": "", "lastErrorTime": 0, "from": "later versions"})");
     for (const auto& [member, value] : changes.items()) status[member] = value;
     return status.dump() + "\n";
   }
@@ -67,10 +67,11 @@ class BridgeCommand : public testing::Test {
 
 TEST_F(BridgeCommand, StatusOfABridgeInSyncIsPrinted) {
   const ScriptedBridge bridge(_directory.GetPath(), "fleet", Status());
-  ExpectRun({"bridge", "status", "--name", "fleet"}, 0,
-            "bridge         fleet\nengine         mqtt\nstate          in sync\nlink           connected\n"
-            "  since        2026-11-22 02:00:00\ndaemon         connected\nlag            0 s\nwaiting        0\n"
-            "conflicts      3\noverridden     2\nrefused        1\nheld           0\nleft out       4\n");
+  ExpectRun(
+      {"bridge", "status", "--name", "fleet"}, 0,
+      "bridge         fleet\nengine         mqtt\nstate          in sync\nlink           connected\n"
+      "  since        2026-11-22 02:00:00\ndaemon         connected\nlag            0 s\nwaiting        0\n"
+      "conflicts      3\noverridden     2\nrefused        1\nheld           0\nundecided      0\nleft out       4\n");
   EXPECT_THAT(bridge.GetRequests(), ElementsAre("status\n"));
 }
 
@@ -83,12 +84,28 @@ TEST_F(BridgeCommand, StatusShowsTheLastErrorAndWhatIsHeld) {
                      {"lastError", "the broker\x1b refused"},
                      {"lastErrorTime", 1795316405}};
   const ScriptedBridge bridge(_directory.GetPath(), "fleet", Status(changes));
-  ExpectRun({"bridge", "status"}, 1,
-            "bridge         fleet\nengine         mqtt\nstate          not in sync\nlink           lost\n"
-            "  since        2026-11-22 02:00:00\ndaemon         connected\nlag            90 s\nwaiting        5\n"
-            "conflicts      3\noverridden     2\nrefused        1\nheld           12\nleft out       4\n"
-            "last error     the broker\\x1b refused\n  at           2026-11-22 03:00:05\n",
-            "'tavix-settings bridge sync --accept' accepts the losses that are held\n");
+  ExpectRun(
+      {"bridge", "status"}, 1,
+      "bridge         fleet\nengine         mqtt\nstate          not in sync\nlink           lost\n"
+      "  since        2026-11-22 02:00:00\ndaemon         connected\nlag            90 s\nwaiting        5\n"
+      "conflicts      3\noverridden     2\nrefused        1\nheld           12\nundecided      0\nleft out       4\n"
+      "last error     the broker\\x1b refused\n  at           2026-11-22 03:00:05\n",
+      "'tavix-settings bridge sync --accept' accepts the losses that are held\n");
+}
+
+TEST_F(BridgeCommand, StatusTellsHowToDecideWhatIsUndecided) {
+  const ScriptedBridge bridge(_directory.GetPath(), "fleet", Status({{"state", "not in sync"}, {"undecided", 3}}));
+  const Outcome outcome = Run({"bridge", "status"});
+  EXPECT_THAT(outcome.output, HasSubstr("\nundecided      3\n"));
+  EXPECT_EQ(outcome.errors, "'tavix-settings bridge sync --from centre|device' decides who is right first\n");
+  EXPECT_EQ(outcome.status, 1);
+}
+
+TEST_F(BridgeCommand, DoesNotWaitForABridgeThatSendsAByteNowAndThen) {
+  const ScriptedBridge bridge(_directory.GetPath(), "slow", "{", Ending::kDribble);
+  const Outcome outcome = RunAtOnce({"bridge", "status", "--runtime", ".", "-t", "0.5"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, StartsWith("tavix-settings: bridge 'slow' "));
 }
 
 TEST_F(BridgeCommand, JsonHasTheAnswerOfEachBridge) {

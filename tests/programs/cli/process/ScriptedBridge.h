@@ -4,6 +4,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -21,7 +22,7 @@ namespace tavix::test {
 class ScriptedBridge {
  public:
   // What it does behind the answer.
-  enum class Ending { kHangUp, kKeepSilent };
+  enum class Ending { kHangUp, kKeepSilent, kDribble };
 
   ScriptedBridge(const std::string& runtime, const std::string& name, std::string answer,
                  Ending ending = Ending::kHangUp)
@@ -70,6 +71,10 @@ class ScriptedBridge {
         }
         peer.Send(_answer);
         if (_ending == Ending::kKeepSilent) peer.ReadToEnd();
+        while (_ending == Ending::kDribble) {  // until the command is gone
+          peer.Send(" ");
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
       } catch (const std::runtime_error&) {  // the command is gone
       }
     }
