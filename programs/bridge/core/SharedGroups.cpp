@@ -57,7 +57,10 @@ void SharedGroups::OnEvent(const EngineEvent& event, Milliseconds now) {
   if (const auto* connected = std::get_if<Connected>(&event)) OnConnected(*connected);
   if (std::holds_alternative<Lost>(event)) OnLost();
   if (std::holds_alternative<Reread>(event)) OnReread();
-  if (const auto* item = std::get_if<Item>(&event)) OnItem(*item);
+  if (const auto* item = std::get_if<Item>(&event)) {
+    _isPartial = _isPartial || item->version > _followed;
+    OnItem(*item);
+  }
   if (const auto* synced = std::get_if<Synced>(&event)) OnSynced(*synced);
   if (const auto* done = std::get_if<PutDone>(&event)) OnPutDone(*done, now);
 }
@@ -65,6 +68,7 @@ void SharedGroups::OnEvent(const EngineEvent& event, Milliseconds now) {
 void SharedGroups::OnConnected(const Connected& connected) {
   _phase = Phase::kReading;
   _listed.clear();
+  _isPartial = false;
   if (connected.source != _source) _confirmed.clear();  // their versions mean nothing here
   _source = connected.source;
   _isSomethingMissed = false;
@@ -178,6 +182,7 @@ void SharedGroups::TakeKeys(const std::string& group, const std::string& bytes, 
 
 void SharedGroups::OnSynced(const Synced& synced) {
   if (_phase == Phase::kUnlinked) return;
+  _isPartial = false;
   if (synced.isComplete && _phase != Phase::kFollowing) AddRemovals(synced.version);
   _followed = std::max(_followed, synced.version);
   if (_phase == Phase::kFollowing) return;

@@ -110,7 +110,7 @@ class SharedGroups : public Mirror {
   Remote ReadItem(const std::string& group, const Item& item);
   void TakeKeys(const std::string& group, const std::string& bytes, Remote& remote);
 
-  bool CanWork() const { return _phase == Phase::kFollowing && _isLocalReady; }
+  bool CanWork() const { return _phase == Phase::kFollowing && _isLocalReady && !_isPartial; }
   void Work(Milliseconds now);
   void Confirm();
   void CompareAll();
@@ -125,6 +125,9 @@ class SharedGroups : public Mirror {
   Planned LookAt(const std::string& group, const Keys& device) const;
   void KeepUnremovable(Planned& planned);
   Keys ReadGroup(const std::string& group);
+  void JudgeAll(Milliseconds now);
+  static bool IsLosing(const Planned& planned);
+  bool MayLose(const std::set<std::string>& losing, Milliseconds now);
   void HoldLosses(std::vector<Planned>& batch, Milliseconds now);
   void WriteIntents(const std::vector<Planned>& batch);
   bool Apply(const Planned& planned);
@@ -165,6 +168,7 @@ class SharedGroups : public Mirror {
   bool _isLocalReady = false;
   bool _isToCompare = false;        // all groups are to be looked at
   bool _isEngineFull = false;       // it took no put; until something happens
+  bool _isPartial = false;          // more of one change may come: what comes at once is judged at once
   bool _isSomethingMissed = false;  // more was left out than is remembered
   std::string _source;              // of the link
   Version _followed = 0;            // everything up to it came in

@@ -88,6 +88,7 @@ void SharedGroups::Release(const std::string& group) {
 
 void SharedGroups::Reconcile(Milliseconds now) {
   AddDue(now);
+  JudgeAll(now);
   for (std::vector<Planned> batch = PlanDirty(); !batch.empty(); batch = PlanDirty()) {
     HoldLosses(batch, now);
     WriteIntents(batch);
@@ -249,24 +250,50 @@ Keys SharedGroups::ReadGroup(const std::string& group) {
   return settings.HasGroup(group) ? settings[group] : Keys();
 }
 
+bool SharedGroups::IsLosing(const Planned& planned) {
+  return !FindLost(planned.view.device, planned.plan.device).empty() ||
+         !FindLost(planned.view.centre, planned.plan.centre).empty();
+}
+
+// Of more groups than one batch has, all are judged before the first one loses anything.
+void SharedGroups::JudgeAll(Milliseconds now) {
+  if (_dirty.size() <= kBatch) return;
+  std::set<std::string> losing;
+  for (auto next = _dirty.begin(); next != _dirty.end();) {
+    std::set<std::string> names;
+    for (; next != _dirty.end() && names.size() < kBatch; ++next) names.insert(*next);
+    const IniFile settings = _local.Read(names);
+    for (const std::string& group : names) {
+      const auto remote = _remote.find(group);
+      const bool isUsable = remote == _remote.end() || remote->second.isUsable;
+      if (!isUsable || _rules.Find(group) == nullptr) continue;
+      if (IsLosing(PlanGroup(group, settings.HasGroup(group) ? settings[group] : Keys()))) losing.insert(group);
+    }
+  }
+  (void)MayLose(losing, now);
+}
+
+bool SharedGroups::MayLose(const std::set<std::string>& losing, Milliseconds now) {
+  const size_t before = _guard.GetHeld().size();
+  if (losing.empty() || _guard.Allow(losing, _admission.CountAdmitted(), now)) return true;
+  if (_guard.GetHeld().size() > before) {
+    _report.Fail("A source is suddenly empty: " + std::to_string(_guard.GetHeld().size()) +
+                 " groups would lose values and are held until that is accepted");
+  }
+  return false;
+}
+
 // Takes the groups out of the batch that may not lose what they would lose.
 void SharedGroups::HoldLosses(std::vector<Planned>& batch, Milliseconds now) {
   std::set<std::string> losing;
   for (const Planned& planned : batch) {
-    const bool isLosing = !FindLost(planned.view.device, planned.plan.device).empty() ||
-                          !FindLost(planned.view.centre, planned.plan.centre).empty();
-    if (isLosing) {
+    if (IsLosing(planned)) {
       losing.insert(planned.group);
     } else {
       _guard.Release(planned.group);
     }
   }
-  const size_t before = _guard.GetHeld().size();
-  if (losing.empty() || _guard.Allow(losing, _admission.CountAdmitted(), now)) return;
-  if (_guard.GetHeld().size() > before) {
-    _report.Fail("A source is suddenly empty: " + std::to_string(_guard.GetHeld().size()) +
-                 " groups would lose values and are held until that is accepted");
-  }
+  if (MayLose(losing, now)) return;
   const auto isHeld = [this](const Planned& planned) { return _guard.GetHeld().count(planned.group) > 0; };
   for (const Planned& planned : batch) {
     if (isHeld(planned)) _dirty.erase(planned.group);

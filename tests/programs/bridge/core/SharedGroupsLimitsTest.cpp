@@ -95,6 +95,33 @@ TEST_F(SharedGroupsLimits, HoldsTheLossesOfASourceThatIsSuddenlyEmpty) {
   EXPECT_TRUE(one->store.Read({"Net/*"}).IsEmpty());
 }
 
+TEST_F(SharedGroupsLimits, HoldsTheLossesOfMoreGroupsThanAreReadAtOnce) {
+  const auto one = StartDevice("one", Both());
+  for (int i = 0; i < 600; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  broker.RestartWith({});
+  for (int i = 0; i < 100; ++i) simulation.Step();
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(600));
+  EXPECT_EQ(one->mirror->GetState().held, 600u);
+}
+
+// The mirror runs whenever it may, as it does beside an engine that reports what came one by one.
+TEST_F(SharedGroupsLimits, HoldsLossesThatComeOneByOne) {
+  const auto one = StartDevice("one", Both());
+  for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  const tavix::bridge::Version version = broker.Get("fleet/Net/0")->version + 1000;
+  for (int i = 0; i < 30; ++i) {
+    const tavix::bridge::Item gone{"fleet/Net/" + std::to_string(i), std::nullopt, version};
+    one->mirror->OnEvent(gone, simulation.now);
+    one->mirror->Run(simulation.now);
+  }
+  one->mirror->OnEvent(tavix::bridge::Synced{version, false}, simulation.now);
+  one->mirror->Run(simulation.now);
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(30));
+  EXPECT_EQ(one->mirror->GetState().held, 30u);
+}
+
 TEST_F(SharedGroupsLimits, HoldsLossesThatHappenWhileGroupsAreSent) {
   const auto one = StartDevice("one", Both());
   for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
