@@ -20,6 +20,11 @@ constexpr int kBacklog = 16;
 constexpr mode_t kForGroup = 0660;
 constexpr Milliseconds kAcceptRetry{1'000};
 
+// end: of the time of a client that has not asked yet.
+constexpr Milliseconds GetCrowdedEnd(Milliseconds end) {
+  return end - ControlSocket::kRequestTime + ControlSocket::kCrowdedTime;
+}
+
 [[noreturn]] void Fail(const std::string& path) {
   throw osa::Exception("Failed to listen on '%s': %s", path.c_str(), std::strerror(errno));
 }
@@ -59,8 +64,7 @@ ControlSocket::~ControlSocket() {
 }
 
 void ControlSocket::AddTo(std::vector<pollfd>& watched) const {
-  const bool isAccepting = _clients.size() < kMaxClients && _acceptAfter == Milliseconds(0);
-  if (isAccepting) watched.push_back({_listener.Get(), POLLIN, 0});
+  if (HasPlace(_now) && _acceptAfter == Milliseconds(0)) watched.push_back({_listener.Get(), POLLIN, 0});
   for (const Client& client : _clients) {
     const short events = client.answer.empty() ? POLLIN : POLLOUT;
     watched.push_back({client.socket.Get(), events, 0});
@@ -71,11 +75,32 @@ std::optional<Milliseconds> ControlSocket::GetNext() const {
   std::optional<Milliseconds> next;
   if (_acceptAfter > Milliseconds(0)) next = _acceptAfter;
   for (const Client& client : _clients) next = std::min(next.value_or(client.end), client.end);
+  const auto silent = FindSilent();
+  if (IsFull() && silent != _clients.end() && GetCrowdedEnd(silent->end) > _now) {
+    next = std::min(*next, GetCrowdedEnd(silent->end));
+  }
   return next;
 }
 
+// A request that is there is answered before its client has to make room for others.
 void ControlSocket::Run(Milliseconds now) {
+  _now = now;
+  ServeAll(now);
   Accept(now);
+  ServeAll(now);
+}
+
+// The one that has kept silent for longest; end(): none does.
+ControlSocket::Clients::const_iterator ControlSocket::FindSilent() const {
+  return std::find_if(_clients.begin(), _clients.end(), [](const Client& client) { return client.answer.empty(); });
+}
+
+bool ControlSocket::HasPlace(Milliseconds now) const {
+  const auto silent = FindSilent();
+  return now >= _acceptAfter && (!IsFull() || (silent != _clients.end() && now >= GetCrowdedEnd(silent->end)));
+}
+
+void ControlSocket::ServeAll(Milliseconds now) {
   for (auto client = _clients.begin(); client != _clients.end();) {
     client = Serve(*client, now) ? std::next(client) : _clients.erase(client);
   }
@@ -91,6 +116,7 @@ void ControlSocket::Accept(Milliseconds now) {
       if (isExhausted) _acceptAfter = now + kAcceptRetry;
       return;
     }
+    if (IsFull()) _clients.erase(FindSilent());
     _clients.push_back({std::move(socket), now + kRequestTime, {}, {}});
   }
 }
@@ -123,7 +149,15 @@ bool ControlSocket::Send(Client& client) {
     if (size < 0) return IsForLater(errno);
     client.sent += static_cast<size_t>(size);
   }
+  DropRest(client);
   return false;
+}
+
+// Bytes that nobody has read when a socket is closed would take the answer away from its client.
+void ControlSocket::DropRest(const Client& client) {
+  char bytes[4096];
+  shutdown(client.socket.Get(), SHUT_RD);
+  while (recv(client.socket.Get(), bytes, sizeof bytes, 0) > 0) continue;
 }
 
 }  // namespace tavix::bridge

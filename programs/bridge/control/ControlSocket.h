@@ -26,9 +26,10 @@ class ControlSocket {
   // request: without its line feed. What it returns gets a line feed.
   using Answer = std::function<std::string(const std::string& request)>;
 
-  static constexpr size_t kMaxClients = 8;  // at a time; others wait
+  static constexpr size_t kMaxClients = 8;  // at a time; others wait, or get the place of a silent one
   static constexpr size_t kMaxRequest = 256;
   static constexpr Milliseconds kRequestTime{5'000};  // until the request is there
+  static constexpr Milliseconds kCrowdedTime{250};    // likewise, while others wait for a place
   static constexpr Milliseconds kAnswerTime{10'000};  // until the answer was taken
 
   // path: the process's user and group alone may connect. tooLong: the answer to a request that is longer than allowed.
@@ -54,18 +55,25 @@ class ControlSocket {
     size_t sent = 0;     // of it
   };
 
-  bool HasPlace(Milliseconds now) const { return _clients.size() < kMaxClients && now >= _acceptAfter; }
+  using Clients = std::list<Client>;
+
+  bool IsFull() const { return _clients.size() >= kMaxClients; }
+  Clients::const_iterator FindSilent() const;
+  bool HasPlace(Milliseconds now) const;
   void Accept(Milliseconds now);
+  void ServeAll(Milliseconds now);
   bool Serve(Client& client, Milliseconds now) const;
   bool Receive(Client& client, Milliseconds now) const;
   static bool Send(Client& client);
+  static void DropRest(const Client& client);
 
   const std::string _path;
   const Answer _answer;
   const std::string _tooLong;
   osa::Descriptor _listener;
   Milliseconds _acceptAfter{0};  // the system had no descriptor left
-  std::list<Client> _clients;
+  Clients _clients;              // in the order in which they came
+  Milliseconds _now{0};          // of the last Run
 };
 
 }  // namespace tavix::bridge

@@ -47,7 +47,8 @@ class ControlClient {
       if (poll(&look, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) <= 0)
         throw std::runtime_error("No end behind '" + text + "'");
       const ssize_t size = recv(_socket.Get(), bytes, sizeof bytes, 0);
-      if (size <= 0) return text;
+      if (size < 0) throw std::runtime_error("The connection was lost behind '" + text + "'");
+      if (size == 0) return text;
       text.append(bytes, static_cast<size_t>(size));
     }
   }

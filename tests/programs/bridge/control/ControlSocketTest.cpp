@@ -127,6 +127,33 @@ TEST_F(ControlSocketTest, LetsFurtherClientsWaitForAPlace) {
   EXPECT_EQ(last.ReadToEnd(), "[status]\n");
 }
 
+TEST_F(ControlSocketTest, GivesThePlaceOfASilentClientToOneThatWaits) {
+  std::list<ControlClient> clients;
+  for (size_t i = 0; i < ControlSocket::kMaxClients; ++i) clients.emplace_back(path);
+  socket.Run(now);
+  const ControlClient one(path);
+  one.Send("one\n");
+  const ControlClient other(path);
+  other.Send("other\n");
+  socket.Run(now);
+  ASSERT_EQ(socket.GetNext(), ControlSocket::kCrowdedTime);
+  now = ControlSocket::kCrowdedTime;
+  clients.front().Send("first\n");  // gives its place away by itself
+  socket.Run(now);
+  socket.Run(now);
+  EXPECT_EQ(clients.front().ReadToEnd(), "[first]\n");
+  EXPECT_EQ(one.ReadToEnd(), "[one]\n");
+  EXPECT_EQ(other.ReadToEnd(), "[other]\n");
+  EXPECT_EQ(std::next(clients.begin())->ReadToEnd(), "");
+}
+
+TEST_F(ControlSocketTest, AnswersAClientThatSendsMoreThanItsRequest) {
+  const ControlClient client = Connect();
+  client.Send("status\n" + std::string(2000, 'x'));
+  socket.Run(now);
+  EXPECT_EQ(client.ReadToEnd(), "[status]\n");
+}
+
 TEST(ControlSocket, ReplacesTheSocketOfAProcessThatWasKilled) {
   const TemporaryDirectory directory;
   const std::string path = directory.Path("a.sock");
