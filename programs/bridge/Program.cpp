@@ -77,8 +77,8 @@ int Serve(const EngineKind& kind, const Configuration& configuration, const Opti
   const programs::Signals signals;
   const programs::ServiceManager serviceManager;
   const auto lock = MakeOrFail<PatternLock>(configuration.runtime, configuration.name, configuration.maps);
-  const auto service = MakeOrFail<Service>(kind, configuration, options, serviceManager);
-  service->Run(signals);
+  const auto service = MakeOrFail<Service>(kind, configuration, options, serviceManager, signals);
+  service->Run();
   return kExitDone;
 }
 

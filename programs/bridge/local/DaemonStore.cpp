@@ -17,7 +17,7 @@ constexpr size_t kMaxNotices = ProtocolClient::kMaxPendingNotices;  // that one 
 
 // Whoever sends a byte now and then must not hold the bridge up for ever.
 settings::client::ProtocolTimeouts MakeTimeouts(std::chrono::milliseconds silence) {
-  return {silence, 6 * silence};
+  return {silence, 3 * silence};
 }
 
 template <class Names>
@@ -64,8 +64,12 @@ bool HoldsAll(const IniFile& settings, const IniFile& wanted) {
 DaemonStore::DaemonStore(std::string address, std::set<std::string> namesAndPatterns)
     : DaemonStore(std::move(address), std::move(namesAndPatterns), Patience()) {}
 
-DaemonStore::DaemonStore(std::string address, std::set<std::string> namesAndPatterns, const Patience& patience)
-    : _address(std::move(address)), _subscribed(std::move(namesAndPatterns)), _patience(patience) {}
+DaemonStore::DaemonStore(std::string address, std::set<std::string> namesAndPatterns, const Patience& patience,
+                         std::function<void()> beforeCall)
+    : _address(std::move(address)),
+      _subscribed(std::move(namesAndPatterns)),
+      _patience(patience),
+      _beforeCall(std::move(beforeCall)) {}
 
 DaemonStore::~DaemonStore() = default;
 
@@ -73,6 +77,7 @@ DaemonStore::~DaemonStore() = default;
 template <class Call>
 auto DaemonStore::Run(Call call) {
   if (!_client) throw LocalLost("There is no connection to the daemon");
+  if (_beforeCall) _beforeCall();
   try {
     return call(*_client);
   } catch (const ProtocolException& exception) {
@@ -97,6 +102,8 @@ void DaemonStore::Connect() {
     _canAmend = std::any_of(features.begin(), features.end(),
                             [](const std::string& line) { return line.substr(0, line.find(' ')) == "amend"; });
     client.Subscribe(_subscribed);
+  });
+  Run([this](ProtocolClient& client) {
     RequireSubscribed(client);
     client.SetTimeouts(MakeTimeouts(_patience.asking));
   });
@@ -158,10 +165,9 @@ bool DaemonStore::Amend(const Amendment& amendment) {
 // Such a daemon does not show whether it refused the change.
 bool DaemonStore::MergeInstead(const Amendment& amendment) {
   if (amendment.set.IsEmpty()) return true;
-  return Run([&amendment](ProtocolClient& client) {
-    if (!client.TestAndMerge(amendment.present, amendment.set)) return false;
-    return HoldsAll(client.Get(NamesOf(amendment.set)), amendment.set);
-  });
+  const bool isDone =
+      Run([&amendment](ProtocolClient& client) { return client.TestAndMerge(amendment.present, amendment.set); });
+  return isDone && HoldsAll(Read(NamesOf(amendment.set)), amendment.set);
 }
 
 }  // namespace tavix::bridge

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,7 +14,7 @@ namespace tavix::bridge {
 // The daemon as the store of the device, over one connection that is subscribed to all that is mirrored.
 //
 // Threads: one.
-// Time:    a call gives the connection up when the daemon is silent for too long, or takes six times as long in all.
+// Time:    a call gives the connection up when the daemon is silent for too long, or takes three times as long in all.
 // Errors:  LocalLost; the connection is closed then. A name that no request can hold is that of a group that does not
 //          exist, and a change with such a name is refused.
 class DaemonStore : public ILocalStore {
@@ -27,7 +28,9 @@ class DaemonStore : public ILocalStore {
   // address: as ProtocolOptions has it; empty: where clients find the daemon. namesAndPatterns: what notices are wanted
   // of.
   DaemonStore(std::string address, std::set<std::string> namesAndPatterns);
-  DaemonStore(std::string address, std::set<std::string> namesAndPatterns, const Patience& patience);
+  // beforeCall: is called before each; what it throws leaves the call.
+  DaemonStore(std::string address, std::set<std::string> namesAndPatterns, const Patience& patience,
+              std::function<void()> beforeCall = nullptr);
   ~DaemonStore() override;
 
   // One attempt to connect and to subscribe. What is read behind it holds each change whose notice does not come.
@@ -58,6 +61,7 @@ class DaemonStore : public ILocalStore {
   const std::string _address;
   const std::set<std::string> _subscribed;
   const Patience _patience;
+  const std::function<void()> _beforeCall;
   bool _canAmend = false;
   bool _hasMore = false;
   std::unique_ptr<settings::client::ProtocolClient> _client;

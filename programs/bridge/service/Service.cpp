@@ -38,16 +38,17 @@ std::unique_ptr<Engine> MakeEngine(const EngineKind& kind, const Configuration& 
 }  // namespace
 
 Service::Service(const EngineKind& kind, const Configuration& configuration, const Options& options,
-                 const programs::ServiceManager& serviceManager)
+                 const programs::ServiceManager& serviceManager, const programs::Signals& signals)
     : _kind(kind),
       _configuration(configuration),
       _serviceManager(serviceManager),
+      _signals(signals),
       _rules(configuration.maps, configuration.never, configuration.mask),
       _report(configuration.limits, _rules,
               [this](Severity severity, const std::string& line) { Log(severity, line); }),
       _engine(MakeEngine(kind, configuration, _events)),
       _link(configuration.limits, *_engine, MakeRandomNumber()),
-      _store(configuration.server, _rules.GetPatterns()),
+      _store(configuration.server, _rules.GetPatterns(), {}, [this] { BeforeCall(); }),
       _daemon(_store, MakeRandomNumber()),
       _control(
           GetSocketPath(configuration), [this](const std::string& request) { return Answer(request); },
@@ -82,27 +83,35 @@ void Service::FailOnce(std::string& last, const std::string& reason) {
   _report.Fail(reason);
 }
 
-void Service::Run(const programs::Signals& signals) {
+void Service::Run() {
   _report.Info("The bridge '" + _configuration.name + "' begins, with " + _kind.GetSection());
+  OpenState(GetNow());
   _serviceManager.Notify("READY=1");
-  while (TakeSignals(signals)) {
+  while (TakeSignals()) {
     const Milliseconds now = GetNow();
+    if (std::exchange(_isToCompareAgain, false) && _mirror) _mirror->CompareAgain();
     Work(now);
     DoChores(now);
-    Wait(signals, now);
+    Wait(now);
   }
   _serviceManager.Notify("STOPPING=1");
   _report.Info("The bridge '" + _configuration.name + "' ends");
 }
 
 // Whether the program goes on.
-bool Service::TakeSignals(const programs::Signals& signals) {
-  for (auto signal = signals.Take(); signal.number != 0; signal = signals.Take()) {
-    if (signal.number == SIGTERM || signal.number == SIGINT) return false;
-    if (signal.number == SIGHUP && _mirror) _mirror->CompareAgain();
+bool Service::TakeSignals() {
+  for (auto signal = _signals.Take(); signal.number != 0; signal = _signals.Take()) {
+    if (signal.number == SIGTERM || signal.number == SIGINT) _isEnding = true;
+    if (signal.number == SIGHUP) _isToCompareAgain = true;
     if (signal.number == SIGUSR1) _nextMetrics = Milliseconds(0);
   }
-  return true;
+  return !_isEnding;
+}
+
+// Work that takes many calls, each of them slow, delays neither the end nor the watchdog by more than one of them.
+void Service::BeforeCall() {
+  if (!TakeSignals()) throw LocalLost("the bridge ends");
+  FeedWatchdog(GetNow());
 }
 
 void Service::Work(Milliseconds now) {
@@ -128,6 +137,8 @@ void Service::OpenState(Milliseconds now) {
     }
     _mirror = _kind.MakeMirror(_configuration, {_rules, *_engine, _store, *_state, _report});
     if (!_stateFailure.empty()) _report.Info("The state can be opened again");
+  } catch (const StateInUse& error) {
+    throw ConfigurationError(error.what());
   } catch (const osa::Exception& error) {
     _state.reset();
     _nextOpen = now + kStateRetry;
@@ -161,7 +172,7 @@ void Service::FollowDaemon(Milliseconds now) {
     _daemonFailure.clear();
     _report.Info("The daemon is there");
     _mirror->OnLocalReady();
-  } else if (!wasConnected && !_daemon.GetLastReason().empty()) {
+  } else if (!wasConnected && !_isEnding && !_daemon.GetLastReason().empty()) {
     FailOnce(_daemonFailure, "The daemon can't be asked: " + _daemon.GetLastReason());
   }
   TakeNotices(now);
@@ -186,6 +197,7 @@ void Service::RunMirror(Milliseconds now) {
 }
 
 void Service::OnDaemonLost(const std::string& reason, Milliseconds now) {
+  if (_isEnding) return;
   _daemon.OnLost(reason, now);
   _mirror->OnLocalLost();
   FailOnce(_daemonFailure, "The daemon can't be asked: " + reason);
@@ -217,14 +229,18 @@ void Service::DoChores(Milliseconds now) {
     _metrics->Write();
     _nextMetrics = now + _metricsInterval;
   }
-  if (_feedInterval > Milliseconds(0) && now >= _nextFeed) {
-    const char* const state = GetMirrorState().isInSync ? "in sync" : "not in sync";
-    _serviceManager.Notify(std::string("WATCHDOG=1\nSTATUS=") + state);
-    _nextFeed = now + _feedInterval;
-  }
+  FeedWatchdog(now);
+}
+
+void Service::FeedWatchdog(Milliseconds now) {
+  if (_feedInterval == Milliseconds(0) || now < _nextFeed) return;
+  const char* const state = GetMirrorState().isInSync ? "in sync" : "not in sync";
+  _serviceManager.Notify(std::string("WATCHDOG=1\nSTATUS=") + state);
+  _nextFeed = now + _feedInterval;
 }
 
 Milliseconds Service::FindNext(Milliseconds now) const {
+  if (_isEnding || _isToCompareAgain) return now;  // signals that came during a call
   Milliseconds next = now + kMaxWait;
   const auto consider = [&next](std::optional<Milliseconds> time) {
     if (time) next = std::min(next, *time);
@@ -243,8 +259,8 @@ Milliseconds Service::FindNext(Milliseconds now) const {
   return next;
 }
 
-void Service::Wait(const programs::Signals& signals, Milliseconds now) {
-  std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}};
+void Service::Wait(Milliseconds now) {
+  std::vector<pollfd> watched{{_signals.GetDescriptor(), POLLIN, 0}};
   if (_mirror) watched.push_back({_events.GetDescriptor(), POLLIN, 0});
   if (_mirror && _daemon.IsConnected()) watched.push_back({_store.GetDescriptor(), POLLIN, 0});
   _control.AddTo(watched);

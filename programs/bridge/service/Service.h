@@ -39,14 +39,15 @@ class Service {
  public:
   // kind, configuration and what is passed by reference outlive the service.
   Service(const EngineKind& kind, const Configuration& configuration, const Options& options,
-          const programs::ServiceManager& serviceManager);
+          const programs::ServiceManager& serviceManager, const programs::Signals& signals);
   ~Service();
 
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
-  // Until SIGTERM or SIGINT. SIGHUP has everything compared again, SIGUSR1 the metrics written.
-  void Run(const programs::Signals& signals);
+  // Until SIGTERM or SIGINT; not longer than the call of the daemon takes that is under way. SIGHUP has everything
+  // compared again, SIGUSR1 the metrics written. Throws ConfigurationError if the state is that of another bridge.
+  void Run();
 
  private:
   Milliseconds GetNow() const;
@@ -61,9 +62,11 @@ class Service {
   void StampConflicts();
   void Observe(Milliseconds now);
   void DoChores(Milliseconds now);
-  void Wait(const programs::Signals& signals, Milliseconds now);
+  void FeedWatchdog(Milliseconds now);
+  void Wait(Milliseconds now);
   Milliseconds FindNext(Milliseconds now) const;
-  bool TakeSignals(const programs::Signals& signals);
+  bool TakeSignals();
+  void BeforeCall();
 
   void Log(Severity severity, const std::string& line);
   void FailOnce(std::string& last, const std::string& reason);
@@ -78,6 +81,7 @@ class Service {
   const EngineKind& _kind;
   const Configuration& _configuration;
   const programs::ServiceManager& _serviceManager;
+  const programs::Signals& _signals;
   const std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
   const Rules _rules;
   Report _report;
@@ -91,6 +95,8 @@ class Service {
   Milliseconds _nextOpen{0};
   ControlSocket _control;
 
+  bool _isEnding = false;
+  bool _isToCompareAgain = false;
   bool _wasEverConnected = false;  // the link
   std::string _stateFailure;       // that was logged last
   std::string _linkFailure;        // since the last connection

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -84,10 +85,11 @@ StateFile::~StateFile() = default;
 
 StateFile::Database StateFile::Open() {
   // SQLite makes its other files with the same mode.
-  const osa::Descriptor file(open(_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-  if (file.Get() < 0) {
+  _file = osa::Descriptor(open(_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+  if (_file.Get() < 0) {
     throw Exception("Failed to open the state '%s': %s", _path.c_str(), std::strerror(errno));
   }
+  if (flock(_file.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) throw StateInUse(_path);
   sqlite3* opened = nullptr;
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
   const int result = sqlite3_open_v2(_path.c_str(), &opened, flags, nullptr);

@@ -5,11 +5,20 @@
 #include <vector>
 
 #include "programs/bridge/core/IStateStore.h"
+#include "tavix/osa/Descriptor.h"
+#include "tavix/osa/Exception.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
 
 namespace tavix::bridge {
+
+// Another bridge that runs has the state. A plain value.
+class StateInUse : public osa::Exception {
+ public:
+  explicit StateInUse(const std::string& path)
+      : Exception("The state '%s' is that of another bridge, which is running", path.c_str()) {}
+};
 
 // The state of a bridge as a database of SQLite, synced at each commit.
 //
@@ -19,7 +28,8 @@ namespace tavix::bridge {
 // the disk lies about what it has written.
 //
 // Threads: one.
-// Errors:  osa::Exception, such as for a full disk or a directory that can't be written to.
+// Owns:    a lock on the file as long as it is open.
+// Errors:  StateInUse; osa::Exception else, such as for a full disk or a directory that can't be written to.
 class StateFile : public IStateStore {
  public:
   // path: its directory exists. The file is for the process's user alone.
@@ -50,6 +60,7 @@ class StateFile : public IStateStore {
 
   const std::string _path;
   std::string _damage;
+  osa::Descriptor _file;  // has the lock; closed last, as SQLite's own locks go with any descriptor of the file
   Database _database;
 };
 

@@ -155,6 +155,19 @@ TEST_F(DaemonStoreTest, GivesADaemonUpThatStandsStill) {
   EXPECT_FALSE(impatient.IsConnected());
 }
 
+TEST_F(DaemonStoreTest, AsksBeforeEachCallWhetherItIsToBeMade) {
+  bool isEnding = false;
+  DaemonStore asking(address, {"Net/*"}, kPatient, [&isEnding] {
+    if (isEnding) throw LocalLost("the end");
+  });
+  asking.Connect();
+  EXPECT_TRUE(asking.Read({"Net/A"}).HasGroup("Net/A"));
+  isEnding = true;
+  EXPECT_EQ(FailureOf([&] { asking.Read({"Net/A"}); }), "the end");
+  EXPECT_EQ(FailureOf([&] { (void)asking.Amend(SetIf("", "[Net/A]\nmtu=1\n")); }), "the end");
+  EXPECT_EQ(store.Read({"Net/A"}).GetValue("Net/A", "mtu"), "1500");
+}
+
 TEST_F(DaemonStoreTest, TakesNoConnectionWhoseSubscriptionIsRefused) {
   const Daemon small(directory, {"--max-subscriptions", "1"});
   DaemonStore two(small.AwaitAddresses()[0], {"A/*", "B/*"}, kPatient);

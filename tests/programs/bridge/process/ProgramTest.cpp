@@ -28,6 +28,8 @@ using testing::StartsWith;
 
 constexpr char kSections[] =
     "[mqtt]\nhost=127.0.0.1\nport=1\nroot=fleet\ndevice=cam\n[map net]\npattern=Net/*\ndirection=both\n";
+constexpr char kUpSections[] =
+    "[mqtt]\nhost=127.0.0.1\nport=1\nroot=fleet\ndevice=cam\n[map net]\npattern=Net/*\ndirection=up\n";
 constexpr char kNobody[] = "127.0.0.1:1";
 
 class BridgeProgram : public testing::Test {
@@ -109,6 +111,16 @@ TEST_F(BridgeProgram, RefusesToRunBesideABridgeThatChangesTheSameGroups) {
   const Outcome same = RunWith(MakeBridge("first") + kSections);
   EXPECT_EQ(same.status, 78);
   EXPECT_THAT(same.errors, HasSubstr("A bridge 'first' is running already"));
+}
+
+TEST_F(BridgeProgram, RefusesTheStateOfAnotherBridgeThatRuns) {
+  BridgeProcess first(TAVIX_BRIDGE_MQTT_PROGRAM, directory, kNobody, kSections, "first");
+  first.Start();
+  first.AwaitStatus([](const json& now) { return now["daemon"] == "lost" && now["lastErrorTime"] != 0; });
+  const Outcome second = RunWith("[bridge]\nname=second\nruntime=" + directory.GetPath() +
+                                 "\nstate=" + directory.Path("first.db") + "\n" + kUpSections);
+  EXPECT_EQ(second.status, 78);
+  EXPECT_THAT(second.errors, HasSubstr("The state '" + directory.Path("first.db") + "' is that of another bridge"));
 }
 
 TEST_F(BridgeProgram, EndsWithoutItsRuntimeDirectory) {

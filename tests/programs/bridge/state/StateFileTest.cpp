@@ -130,6 +130,19 @@ TEST_F(StateFileTest, HasWhatWasCommittedWhenTheProcessIsKilled) {
   EXPECT_EQ(file.GetDamage(), "");
 }
 
+TEST_F(StateFileTest, IsOneBridgesAlone) {
+  {
+    const StateFile file(path);
+    try {
+      const StateFile other(path);
+      ADD_FAILURE();
+    } catch (const tavix::bridge::StateInUse& error) {
+      EXPECT_THAT(error.what(), testing::HasSubstr("'" + path + "'"));
+    }
+  }
+  const StateFile next(path);
+}
+
 TEST_F(StateFileTest, NamesAFileThatItCanNotOpen) {
   try {
     StateFile file(directory.Path("none/state.db"));
