@@ -180,7 +180,7 @@ Response ShowApplied(Call& call, const Wanted& wanted) {
 void ApplyVolatile(Call& call, const Amendment& amendment) {
   if (!amendment.present.IsEmpty() || !amendment.absent.IsEmpty() || !amendment.unset.IsEmpty())
     throw Refusal(400, "'volatile' goes with 'set' alone");
-  MergeVolatile(call, amendment.set);
+  Merge(call, amendment.set, true);
 }
 
 }  // namespace

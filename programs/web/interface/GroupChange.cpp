@@ -43,8 +43,8 @@ Refusal RefusalOf(const std::string& reason) {
       BeginsWith(reason, kRestricted) ? 403 : 409, "not applied: " + text, {{"outcome", Quoted("nothing written")}}};
 }
 
-void MergeVolatile(Call& call, const IniFile& settings) {
-  call.link.GetForWrite().Merge(settings, true);
+void Merge(Call& call, const IniFile& settings, bool isVolatile) {
+  call.link.GetForWrite().Merge(settings, isVolatile);
   const std::string reason = call.link.Get().TakeRefusal();
   if (!reason.empty()) throw RefusalOf(reason);
 }

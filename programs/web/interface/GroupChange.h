@@ -49,8 +49,9 @@ class GroupChange {
   Keys _after;
 };
 
-// Writes what is not kept. It always shows, so that what differs behind it is somebody else's later change.
-void MergeVolatile(Call& call, const core::IniFile& settings);
+// Sets what is to be kept or, volatile, what is not. Throws Refusal when the daemon does not do it. It always shows,
+// also over what a restricted file has: what differs behind it is somebody else's later change.
+void Merge(Call& call, const core::IniFile& settings, bool isVolatile);
 
 // The daemon's reason for a change that it did not make, as a refusal: 403 for a restricted group, else 409.
 Refusal RefusalOf(const std::string& reason);

@@ -10,7 +10,7 @@
 #include "programs/common/client/LogLevels.h"
 #include "programs/common/client/Resources.h"
 #include "programs/common/client/Spelling.h"
-#include "programs/common/client/Writes.h"
+#include "programs/web/interface/GroupChange.h"
 #include "programs/web/interface/JsonBody.h"
 
 namespace tavix::web {
@@ -98,7 +98,7 @@ Response PatchLogLevels(Call& call) {
       throw Refusal(404, "'" + programs::SpellName(group) + "' is no log group: it has no log.level",
                     {{"group", Quoted(group)}});
   }
-  if (!levels.IsEmpty()) programs::Merge(call.session, levels, false);
+  if (!levels.IsEmpty()) Merge(call, levels, false);
   return ShowLogLevels(call);
 }
 

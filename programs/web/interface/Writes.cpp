@@ -56,7 +56,7 @@ Response PatchVolatile(Call& call, const std::string& group, const JsonValue& pa
       throw Refusal(400, "'volatile' takes nothing away", {{"group", Quoted(group)}, {"key", Quoted(key)}});
     settings.SetValue(group, key, value.text);
   }
-  MergeVolatile(call, settings);
+  Merge(call, settings, true);
   return ShowWritten(call, group, call.ReadGroup(group).value_or(IniFile::KeyMap()), 200);
 }
 

@@ -62,6 +62,7 @@ TEST(WebWriters, AreNotToldOfFailuresThatAreNone) {
   EXPECT_EQ(CountFailures(web, "PATCH", "/group?name=b", "{\"k\": ", "}"), 0);
   EXPECT_EQ(CountFailures(web, "POST", "/apply", "{\"set\": {\"c\": {\"k\": ", "}}}"), 0);
   EXPECT_EQ(CountFailures(web, "POST", "/apply", "{\"volatile\": true, \"set\": {\"d\": {\"k\": ", "}}}"), 0);
+  EXPECT_EQ(CountFailures(web, "PATCH", "/log-levels", "{\"Server\": ", "}"), 0);
 }
 
 TEST(WebWriters, WhoTakeKeysAwayKeepThoseThatOthersAdd) {
