@@ -7,6 +7,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "programs/common/client/Backup.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 
@@ -33,13 +34,21 @@ json RevisionToJson(const View& view, const Revision& revision) {
   return object;
 }
 
-std::string FindLine(const Query& query) {
+// Whether anything is left of a revision, or it stands for what can't be shown.
+bool KeepOnly(const RecordedGroups& groups, Revision& revision) {
+  std::vector<programs::Change>& settings = revision.settings;
+  if (settings.empty()) return true;
+  const auto isOther = [&](const programs::Change& change) { return !groups.Includes(change); };
+  settings.erase(std::remove_if(settings.begin(), settings.end(), isOther), settings.end());
+  return !settings.empty();
+}
+
+std::string FindLine(const Query& query, const RecordedGroups& groups) {
   constexpr size_t kMaxRevision = std::numeric_limits<size_t>::max();
   const bool hasBefore = query.Find("before").has_value();
   const size_t before = query.FindNumber("before", 0, kMaxRevision, 0);
   const size_t count = query.FindNumber("count", 1, kMaxCount, kUsualCount);
-  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) +
-         ToHistoryPattern(query.FindName("pattern").value_or("*"));
+  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) + groups.words;
 }
 
 }  // namespace
@@ -64,13 +73,26 @@ std::string FormatTime(std::chrono::system_clock::time_point time) {
   return text + ("." + fraction.substr(1)) + "Z";
 }
 
-// The line ends with the pattern, without the blanks around it.
-std::string ToHistoryPattern(const std::string& pattern) {
-  RequireSendable(pattern);
+// The line ends with the name or pattern, without the blanks around it.
+RecordedGroups RecordedGroups::From(const std::optional<std::string>& pattern,
+                                    const std::optional<std::string>& group) {
+  if (pattern && group) throw Refusal(400, "'pattern' and 'group' exclude one another");
+  if (!pattern && !group) return {};
+  const std::string& name = group ? *group : *pattern;
+  RequireSendable(name);
   constexpr char kBlanks[] = " \t\r";
-  const bool hasBlanks = pattern.find_first_not_of(kBlanks) != 0 || pattern.find_last_of(kBlanks) == pattern.size() - 1;
-  if (hasBlanks) throw Refusal(422, "the history can't be asked for '" + programs::SpellName(pattern) + "'");
-  return pattern == "*" ? std::string() : " " + pattern;
+  const bool hasBlanks = name.find_first_not_of(kBlanks) != 0 || name.find_last_of(kBlanks) == name.size() - 1;
+  if (hasBlanks && pattern) throw Refusal(422, "the history can't be asked for '" + programs::SpellName(name) + "'");
+  RecordedGroups groups;
+  if (!hasBlanks && name != "*") groups.words = " " + name;
+  if (group && (hasBlanks || name.find('*') != std::string::npos)) groups.group = name;
+  return groups;
+}
+
+bool RecordedGroups::Includes(const programs::Change& change) const {
+  if (!MayFindOthers() || change.group == group) return true;
+  return change.group == programs::kDeletedGroups &&
+         (change.key == group || change.before == group || change.after == group);
 }
 
 json AuthorToJson(const programs::Author& author) {
@@ -90,13 +112,16 @@ json ChangesToJson(const View& view, const std::vector<programs::Change>& change
 }
 
 Response ShowHistory(Call& call) {
-  const std::string line = FindLine(call.query);
+  const RecordedGroups groups = RecordedGroups::From(call.query.FindName("pattern"), call.query.FindName("group"));
+  const std::string line = FindLine(call.query, groups);
   call.link.RequireFeature("history");
   const auto answer = call.link.Get().Ask(line);
   if (answer.isRefused) throw Refusal(409, programs::SpellValue(answer.reason));
   std::vector<Revision> revisions;
   for (const auto& [name, keys] : answer.data) {
-    if (name != kScanned) revisions.push_back(Revision::From(name, keys));
+    if (name == kScanned) continue;
+    Revision revision = Revision::From(name, keys);
+    if (KeepOnly(groups, revision)) revisions.push_back(std::move(revision));
   }
   std::sort(revisions.begin(), revisions.end(),
             [](const Revision& left, const Revision& right) { return left.number > right.number; });

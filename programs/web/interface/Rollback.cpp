@@ -27,8 +27,8 @@ constexpr const char* kMissing[] = {"no checkpoint is named", "is not kept",
 
 // What is to be brought back, and how. A plain value.
 struct Wanted {
-  std::string goal;     // a revision, or '@' and the name of a checkpoint
-  std::string pattern;  // as a request has it
+  std::string goal;  // a revision, or '@' and the name of a checkpoint
+  RecordedGroups groups;
   bool isDryRun = false;
   std::optional<Trial> trial;
 };
@@ -50,17 +50,24 @@ std::string ReadGoal(const JsonValue& body) {
   return goal;
 }
 
+std::optional<std::string> ReadName(const JsonValue& body, const std::string& member) {
+  const JsonValue* const name = body.Find(member);
+  if (!name) return std::nullopt;
+  const auto text = name->kind == JsonValue::Kind::kText ? programs::NameFromJson(name->text) : std::nullopt;
+  if (!text) throw Refusal(400, "'" + member + "' is no name of groups");
+  return text;
+}
+
 Wanted ReadWanted(const Call& call) {
-  const JsonValue body = ParseJsonObject(call.request.body, {"to", "pattern", "dryRun", "confirm"});
+  const JsonValue body = ParseJsonObject(call.request.body, {"to", "pattern", "group", "dryRun", "confirm"});
   Wanted wanted;
   wanted.goal = ReadGoal(body);
   wanted.isDryRun = ReadFlag(body, "dryRun");
-  if (const JsonValue* const pattern = body.Find("pattern")) {
-    const auto name = pattern->kind == JsonValue::Kind::kText ? programs::NameFromJson(pattern->text) : std::nullopt;
-    if (!name) throw Refusal(400, "'pattern' is no name and no pattern");
-    if (name->find('*') == std::string::npos) RequireUnrestricted(call, *name);
-    wanted.pattern = ToHistoryPattern(*name);
-  }
+  const std::optional<std::string> pattern = ReadName(body, "pattern");
+  const std::optional<std::string> group = ReadName(body, "group");
+  if (group) RequireUnrestricted(call, *group);
+  if (pattern && pattern->find('*') == std::string::npos) RequireUnrestricted(call, *pattern);
+  wanted.groups = RecordedGroups::From(pattern, group);
   wanted.trial = Trial::Read(body);
   return wanted;
 }
@@ -85,6 +92,37 @@ json ChangesOf(const Call& call, const IniFile& data) {
   return ChangesToJson(call.view, programs::ReadRecordedChanges(data.begin()->second));
 }
 
+// The daemon takes a '*' in a group's name for a pattern's, and would bring other groups back, too.
+void RequireNoOthers(const RecordedGroups& groups, const IniFile& data) {
+  if (data.IsEmpty()) return;
+  for (const programs::Change& change : programs::ReadRecordedChanges(data.begin()->second)) {
+    if (!groups.Includes(change))
+      throw Refusal(409, "the daemon would bring '" + programs::SpellName(change.group) + "' back, too",
+                    {{"group", Quoted(change.group)}, {"outcome", Quoted("nothing written")}});
+  }
+}
+
+IniFile RollBack(Call& call, const std::optional<Trial>& trial, const std::string& line) {
+  if (trial) trial->Arm(call);
+  return AskOrFail(call.link.GetForWrite(), line);
+}
+
+// Others may have changed such a group behind the dry run: the rollback is on trial until it is known that it took
+// nothing else back.
+IniFile RollBackOne(Call& call, const Wanted& wanted, const std::string& line) {
+  const Trial trial = wanted.trial ? *wanted.trial : Trial::MakeGuard();
+  IniFile data = RollBack(call, trial, line);
+  try {
+    RequireNoOthers(wanted.groups, data);
+  } catch (const Refusal&) {
+    static_cast<void>(trial.Revert(call));  // it goes back by itself otherwise
+    throw;
+  }
+  if (!wanted.trial && !data.IsEmpty() && !trial.Confirm(call))
+    throw Refusal(409, "others changed what the rollback brought back", {{"outcome", Quoted("unknown")}});
+  return data;
+}
+
 json CheckpointToJson(const std::string& name, IniFile::KeyMap keys) {
   const Revision revision = Revision::From(keys["revision"], keys);
   json object = {{"name", programs::NameToJson(name)}, {"bytes", NumberToJson(keys["bytes"])}};
@@ -103,13 +141,14 @@ json CheckpointToJson(const std::string& name, IniFile::KeyMap keys) {
 Response Rollback(Call& call) {
   const Wanted wanted = ReadWanted(call);
   call.link.RequireFeature(kFeature);
-  const std::string line = "rollback " + wanted.goal + wanted.pattern;
-  if (wanted.isDryRun) {
+  const std::string line = "rollback " + wanted.goal + wanted.groups.words;
+  if (wanted.isDryRun || wanted.groups.MayFindOthers()) {
     const IniFile data = AskOrFail(call.link.Get(), "test-" + line);
-    return JsonResponse({{"dryRun", true}, {"changes", ChangesOf(call, data)}});
+    RequireNoOthers(wanted.groups, data);
+    if (wanted.isDryRun) return JsonResponse({{"dryRun", true}, {"changes", ChangesOf(call, data)}});
   }
-  if (wanted.trial) wanted.trial->Arm(call);
-  const IniFile data = AskOrFail(call.link.GetForWrite(), line);
+  const IniFile data =
+      wanted.groups.MayFindOthers() ? RollBackOne(call, wanted, line) : RollBack(call, wanted.trial, line);
   json answer = {{"revision", nullptr}, {"changes", ChangesOf(call, data)}};
   if (!data.IsEmpty()) answer["revision"] = NumberToJson(data.begin()->first);
   if (wanted.trial) answer["pending"] = wanted.trial->Describe(call);

@@ -48,7 +48,7 @@ const std::vector<Route>& GetRoutes() {
       {"POST", "/import", kWorker, Right::kWrite, ImportBackup, "pattern* mode dryRun"},
       {"GET", "/search", kWorker, Right::kRead, Search, "q in ignoreCase after afterKey"},
       {"GET", "/changes", Place::kChanges, Right::kRead, nullptr, "pattern* since wait"},
-      {"GET", "/history", kWorker, Right::kRead, ShowHistory, "before count pattern"},
+      {"GET", "/history", kWorker, Right::kRead, ShowHistory, "before count pattern group"},
       {"POST", "/rollback", kWorker, Right::kWrite, Rollback, ""},
       {"GET", "/checkpoints", kWorker, Right::kRead, ListCheckpoints, ""},
       {"POST", "/checkpoints", kWorker, Right::kWrite, MakeCheckpoint, ""},

@@ -116,6 +116,50 @@ TEST(WebRollback, GoesBackToRevisionsAndCheckpoints) {
   EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": "@none"})").status, 404);
 }
 
+TEST(WebRollback, OfOneGroupTakesAStarOfItsNameAsItIs) {
+  const Keeping web;
+  for (const char* value : {"1", "2"}) web.Ask("PATCH", "/group?name=a*b", std::string(R"({"k": )") + value + "}");
+  const json alone = Parse(web.Ask("POST", "/rollback", R"({"to": 1, "group": "a*b"})"));
+  EXPECT_EQ(alone["changes"].dump(), R"([{"group":"a*b","key":"k","new":"1","old":"2"}])") << alone;
+  EXPECT_EQ(Parse(web.Ask("GET", "/pending"))["pending"].size(), 0U);
+  web.Ask("PATCH", "/group?name=axb", R"({"k": 1})");
+  for (const char* dryRun : {"true", "false"}) {
+    const HttpReply reply =
+        web.Ask("POST", "/rollback", std::string(R"({"to": 0, "group": "a*b", "dryRun": )") + dryRun + "}");
+    EXPECT_EQ(reply.status, 409) << reply.body;
+    EXPECT_EQ(Parse(reply)["group"], "axb");
+  }
+  EXPECT_EQ(Parse(web.Ask("GET", "/groups?pattern=a*"))["groups"].size(), 2U);
+  EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": 0, "group": "axb"})").status, 200);
+  EXPECT_EQ(Parse(web.Ask("GET", "/groups?pattern=a*"))["groups"].size(), 1U);
+}
+
+// Somebody else changes another group between the two.
+TEST(WebRollback, OfOneGroupPutsBackWhatItTookBesides) {
+  const TemporaryDirectory directory;
+  const ScriptedServer server;
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(server.GetPort()));
+  HttpConnection connection(process.GetPort());
+  connection.SendRequest("POST", "/api/v1/rollback", R"({"to": 1, "group": "a*b"})");
+  ServerEnd daemon = server.Accept();
+  const std::string features = "Features\n--------\nrollback\ntrial\n\n";
+  const std::string own = "data\n[0000000009]\nis [a*b]k=1\nwas [a*b]k=2\n";
+  daemon.ReadThrough();
+  daemon.Send(features + "data\n.\n");
+  EXPECT_EQ(daemon.ReadThrough("info features"), "test-rollback 1 a*b\ninfo features\n");
+  daemon.Send(own + ".\n" + features);
+  const std::string rollback = daemon.ReadThrough("info features");
+  EXPECT_EQ(rollback.substr(0, 7), "try 10 ");
+  const std::string name = rollback.substr(7, rollback.find('\n') - 7);
+  EXPECT_EQ(rollback.substr(8 + name.size()), "rollback 1 a*b\ninfo features\n");
+  daemon.Send(own + "is [axb]k=1\n.\n" + features);
+  EXPECT_EQ(daemon.ReadThrough("info features"), "revert " + name + "\ninfo features\n");
+  daemon.Send("data\n.\n" + features);
+  const HttpReply reply = connection.ReadReply();
+  EXPECT_EQ(reply.status, 409);
+  EXPECT_EQ(Parse(reply)["group"], "axb");
+}
+
 TEST(WebRollback, GoesForwardAgainUnlessItIsConfirmed) {
   const Keeping web;
   web.Ask("PATCH", "/group?name=a", R"({"k": 1})");
@@ -129,12 +173,14 @@ TEST(WebRollback, GoesForwardAgainUnlessItIsConfirmed) {
 TEST(WebRollback, RefusesWhatNoLineCanAskFor) {
   const Keeping web;
   for (const char* body : {"{}", R"({"to": true})", R"({"to": null})", R"({"to": 1, "pattern": 1})",
+                           R"({"to": 1, "group": null})", R"({"to": 1, "group": "a", "pattern": "a"})",
                            R"({"to": 1, "dryRun": 1})", R"({"to": 1, "confirm": 5})", R"({"to": 1, "more": 1})"})
     EXPECT_EQ(web.Ask("POST", "/rollback", body).status, 400) << body;
   for (const char* body : {R"({"to": "@"})", R"({"to": "@.."})", R"({"to": "x"})", R"({"to": -1})", R"({"to": 1.5})",
                            R"({"to": 1, "pattern": "a\nb"})", R"({"to": 1, "pattern": " a"})"})
     EXPECT_EQ(web.Ask("POST", "/rollback", body).status, 422) << body;
   EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": 1, "pattern": "Secure/A"})").status, 403);
+  EXPECT_EQ(web.Ask("POST", "/rollback", R"({"to": 1, "group": "Secure/A"})").status, 403);
 }
 
 TEST(WebRollback, IsNotImplementedWithoutAHistory) {

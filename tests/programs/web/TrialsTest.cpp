@@ -55,6 +55,27 @@ TEST(WebHistory, ShowsWhoChangedWhat) {
   EXPECT_EQ(Parse(web.Ask("GET", "/history?count=1&before=" + next))["revisions"][0]["revision"], 2);
 }
 
+TEST(WebHistory, OfOneGroupTakesItsNameAsItIs) {
+  const History web;
+  for (const char* name : {"a*b", "axb", "%20a", "", "*"})
+    ASSERT_EQ(web.Ask("PATCH", std::string("/group?name=") + name, R"({"k": 1})").status, 200) << name;
+  const auto revisionsOf = [&](const std::string& query) {
+    std::string numbers;
+    const json answer = Parse(web.Ask("GET", "/history?" + query));
+    for (const json& revision : answer["revisions"])
+      numbers += revision["revision"].dump() + ":" + revision["changes"][0]["group"].get<std::string>() + " ";
+    return numbers;
+  };
+  EXPECT_EQ(revisionsOf("pattern=a*b"), "2:axb 1:a*b ");
+  EXPECT_EQ(revisionsOf("group=a*b"), "1:a*b ");
+  EXPECT_EQ(revisionsOf("group=axb"), "2:axb ");
+  EXPECT_EQ(revisionsOf("group=%20a"), "3: a ");
+  EXPECT_EQ(revisionsOf("group="), "4: ");
+  EXPECT_EQ(revisionsOf("group=*"), "5:* ");
+  EXPECT_EQ(web.Ask("GET", "/history?group=a&pattern=a").status, 400);
+  EXPECT_EQ(web.Ask("GET", "/history?group=a%0Ab").status, 422);
+}
+
 TEST(WebHistory, RefusesWhatNoLineCanAskFor) {
   const History web;
   for (const char* target : {"?count=0", "?count=257", "?before=x", "?before=-1"})
