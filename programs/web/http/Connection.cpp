@@ -180,13 +180,18 @@ void Connection::Write(const std::string& text) {
 
 // What is large is not copied; its share of the memory goes when the last of it has left, or with the connection.
 void Connection::WriteBody(Response response) {
+  evbuffer* const output = bufferevent_get_output(_buffer.get());
+  const std::string_view lasting = response.lastingBody;
+  if (!lasting.empty()) {
+    if (evbuffer_add_reference(output, lasting.data(), lasting.size(), nullptr, nullptr) != 0) throw std::bad_alloc();
+    return;
+  }
   if (response.body.size() < kMinOwned) return Write(response.body);
   auto owned = std::make_unique<Response>(std::move(response));
   const auto release = [](const void*, size_t, void* owner) {
     const std::unique_ptr<Response> sent(static_cast<Response*>(owner));
   };
   const std::string& body = owned->body;
-  evbuffer* const output = bufferevent_get_output(_buffer.get());
   if (evbuffer_add_reference(output, body.data(), body.size(), release, owned.get()) != 0) throw std::bad_alloc();
   static_cast<void>(owned.release());
 }
@@ -203,11 +208,12 @@ void Connection::Send(Response response) {
   const bool isLast = _hasPeerEnded && evbuffer_get_length(bufferevent_get_input(_buffer.get())) == 0;
   const bool ends = response.endsConnection || _endsBehindAnswer || isLast || !isWhole;
   std::string text = FormatHead(response.status, response.headers);
-  if (!HasNoBody(response.status)) text += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
+  const size_t length = response.lastingBody.empty() ? response.body.size() : response.lastingBody.size();
+  if (!HasNoBody(response.status)) text += "Content-Length: " + std::to_string(length) + "\r\n";
   if (ends) text += "Connection: close\r\n";
   text += "\r\n";
   Write(text);
-  if (!_isHead && !HasNoBody(response.status) && !response.body.empty()) WriteBody(std::move(response));
+  if (!_isHead && !HasNoBody(response.status) && length > 0) WriteBody(std::move(response));
   _isFirst = false;
   if (ends) {
     _state = State::kClosing;

@@ -80,7 +80,9 @@ Response AnswerByFile(const EmbeddedFile& file, const Request& request) {
   headers.emplace_back("Content-Type", file.type);
   if (!isCompressed) return {200, std::move(headers), file.Expand()};
   headers.emplace_back("Content-Encoding", "gzip");
-  return {200, std::move(headers), std::string(reinterpret_cast<const char*>(file.bytes), file.size)};
+  Response response{200, std::move(headers), ""};
+  response.lastingBody = {reinterpret_cast<const char*>(file.bytes), file.size};
+  return response;
 }
 
 }  // namespace tavix::web

@@ -56,6 +56,7 @@ struct Response {
   std::string body;
   bool endsConnection = false;
   std::vector<MemoryBudget::Share> shares{};  // of the memory of all answers; none: it takes little
+  std::string_view lastingBody{};             // in place of "body": bytes that outlive all connections
 };
 
 // The words that go with a status.
