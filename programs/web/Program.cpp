@@ -17,6 +17,10 @@
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/client/ProtocolClient.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 namespace tavix::web {
 
 namespace {
@@ -81,7 +85,19 @@ int PrintPasswordHash() {
   return kExitDone;
 }
 
+// What a large answer or a whole store took goes back to the system. The allocator would raise these limits by itself
+// behind the first of them, and keep as much.
+void BoundUnusedMemory() {
+#ifdef __GLIBC__
+  constexpr int kLargeBlock = 256 * 1024;
+  constexpr int kMaxUnused = 1024 * 1024;
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kMaxUnused);
+#endif
+}
+
 int Serve(const Options& options) {
+  BoundUnusedMemory();
   programs::Signals::Block();
   const programs::Signals signals;
   const programs::ServiceManager serviceManager;

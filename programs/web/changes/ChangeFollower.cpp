@@ -1,6 +1,5 @@
 #include "programs/web/changes/ChangeFollower.h"
 
-#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -13,6 +12,10 @@
 
 #include "programs/common/client/Json.h"
 #include "tavix/osa/Exception.h"
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace tavix::web {
 
@@ -114,18 +117,31 @@ void ChangeFollower::RequireSubscribed(ProtocolClient& client) {
 
 void ChangeFollower::Subscribe(ProtocolClient& client) {
   _known.Clear();
-  {
-    IniFile all = client.Subscribe({kAll});
-    IniFile::GroupMap& groups = all.GetMutableGroups();
-    while (!groups.empty()) {
-      const std::string name = groups.begin()->first;
-      _known.Exchange(name, ValuesOf(all, name));
-      groups.erase(groups.begin());
-    }
-  }
+  Learn(PackAll(client));
   RequireSubscribed(client);
+#ifdef __GLIBC__
   malloc_trim(0);  // a whole store was held for a moment
+#endif
   Report(State::kFollowing, true, {});
+}
+
+// Each group's name and values, on a line each. As one text: small ones would lie scattered over the pages of the
+// store, which could not go back to the system then. What is too much to be known is left out.
+std::string ChangeFollower::PackAll(ProtocolClient& client) const {
+  std::string lines;
+  const IniFile all = client.Subscribe({kAll});
+  for (auto group = all.begin(); group != all.end() && lines.size() <= KnownValues::kMaxBytes; ++group)
+    lines += group->first + "\n" + *ValuesOf(all, group->first) + "\n";
+  return lines;
+}
+
+void ChangeFollower::Learn(const std::string& lines) {
+  for (size_t at = 0; at < lines.size();) {
+    const size_t name = lines.find('\n', at);
+    const size_t end = lines.find('\n', name + 1);
+    _known.Exchange(lines.substr(at, name - at), lines.substr(name + 1, end - name - 1));
+    at = end + 1;
+  }
 }
 
 std::optional<std::string> ChangeFollower::ValuesOf(const IniFile& settings, const std::string& group) const {

@@ -58,6 +58,8 @@ class ChangeFollower {
   void Follow();
   static void RequireSubscribed(settings::client::ProtocolClient& client);
   void Subscribe(settings::client::ProtocolClient& client);
+  std::string PackAll(settings::client::ProtocolClient& client) const;
+  void Learn(const std::string& lines);
   void TakeNotice(const settings::client::ProtocolNotice& notice);
   std::optional<std::string> ValuesOf(const core::IniFile& settings, const std::string& group) const;
   void Report(State state, bool hasBegun, std::vector<ChangePointer> changes) TAVIX_EXCLUDES(_mutex);
