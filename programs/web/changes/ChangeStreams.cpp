@@ -11,7 +11,6 @@ namespace tavix::web {
 
 namespace {
 
-constexpr Milliseconds kLingerTime{60'000};
 constexpr Milliseconds kCommentTime{15'000};
 constexpr size_t kMaxWait = 60;  // seconds
 constexpr size_t kBatchBytes = 64 * size_t{1024};
@@ -35,11 +34,13 @@ std::string FormatEvent(const char* event, const std::string& id, const std::str
 
 }  // namespace
 
-ChangeStreams::ChangeStreams(const EventBase& base, std::string server, const View& view, std::function<void()> wake)
+ChangeStreams::ChangeStreams(const EventBase& base, std::string server, const View& view, std::function<void()> wake,
+                             Milliseconds linger)
     : _base(base),
       _server(std::move(server)),
       _view(view),
       _wake(std::move(wake)),
+      _linger(linger),
       _lingerTimer(base, [this] { StopFollowing(); }),
       _commentTimer(base, [this] { SendComments(); }) {}
 
@@ -276,7 +277,7 @@ void ChangeStreams::OnEnd(Connection& connection) {
 
 void ChangeStreams::Drop(Stream& stream) {
   _streams.erase(Find(*stream.connection));
-  if (_streams.empty()) _lingerTimer.Start(kLingerTime);
+  if (_streams.empty()) _lingerTimer.Start(_linger);
 }
 
 }  // namespace tavix::web

@@ -28,9 +28,12 @@ class ChangeStreams {
  public:
   static constexpr size_t kMaxStreams = 64;
   static constexpr size_t kMaxPatterns = 64;  // of a stream
+  static constexpr Milliseconds kLingerTime{60'000};
 
-  // All outlive this. wake: called on another thread; has to have OnNews called on the loop's.
-  ChangeStreams(const EventBase& base, std::string server, const View& view, std::function<void()> wake);
+  // base, view: outlive this. wake: called on another thread; has to have OnNews called on the loop's. linger: how long
+  // the daemon is followed behind the last stream.
+  ChangeStreams(const EventBase& base, std::string server, const View& view, std::function<void()> wake,
+                Milliseconds linger = kLingerTime);
 
   // Answers by a stream, or, with the parameter "wait", by one document when something has changed or the time is over.
   // isAllowed: whether the stream may go on; asked from time to time, and by EndDisallowed.
@@ -87,6 +90,7 @@ class ChangeStreams {
   const std::string _server;
   const View& _view;
   const std::function<void()> _wake;
+  const Milliseconds _linger;
   ChangeRing _ring;
   bool _isInForce = false;  // the ring's changes are all since its beginning
   bool _isLost = false;     // there is no connection to the daemon, which was reported to the streams

@@ -4,6 +4,7 @@
 #include "tests/support/ProcessFigures.h"
 #include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
+#include "tests/support/StoppedProcess.h"
 
 namespace tavix::test {
 
@@ -93,6 +94,43 @@ TEST(WebChanges, ThatAreNotKeptAskForAReset) {
   Web web;
   for (const char* id : {"0123456789abcdef-7", "x", "-1", "0123456789abcdef-99999999999999999999999"})
     EXPECT_EQ(Watch(web, "", std::string("Last-Event-ID: ") + id + "\r\n").ReadEvent().first, "reset") << id;
+}
+
+TEST(WebChanges, BeginAnewWithAProgramOrADaemonThatWasRestarted) {
+  WebOnSocket web;
+  const auto watch = [&](unsigned short port, const std::string& id) {
+    HttpConnection stream(port);
+    stream.SendRequest("GET", "/api/v1/changes", "", web.authorization + id);
+    stream.ReadReply();
+    return stream.ReadEvent();
+  };
+  const std::string id = "Last-Event-ID: " + IdOf(watch(web.process.GetPort(), "").second) + "\r\n";
+  EXPECT_EQ(watch(web.process.GetPort(), id).first, "ready");
+  const WebProcess other(web.directory, web.GetDaemonAddress(), {"--token-file", web.directory.Path("tokens")});
+  EXPECT_EQ(watch(other.GetPort(), id).first, "reset");
+  HttpConnection held(web.process.GetPort());
+  held.SendRequest("GET", "/api/v1/changes", "", web.authorization);
+  held.ReadReply();
+  EXPECT_EQ(held.ReadEvent().first, "ready");
+  web.daemon.reset();
+  EXPECT_EQ(held.ReadEvent().first, "lost");
+  web.StartDaemon();
+  EXPECT_EQ(held.ReadEvent().first, "reset");
+  EXPECT_EQ(watch(web.process.GetPort(), id).first, "reset");
+}
+
+TEST(WebChanges, OfADaemonThatStandsStillComeOnceItGoesOn) {
+  Web web;
+  HttpConnection first = Watch(web);
+  EXPECT_EQ(first.ReadEvent().first, "ready");
+  StopProcess(web.daemon.GetId());
+  HttpConnection second = Watch(web);
+  EXPECT_EQ(second.ReadEvent().first, "ready");
+  HttpConnection writer = web.Connect();
+  writer.SendRequest("PATCH", "/api/v1/group?name=a", R"({"k": 1})");
+  web.daemon.Signal(SIGCONT);
+  for (HttpConnection* stream : {&first, &second}) EXPECT_EQ(DataOf(stream->ReadEvent().second)["group"], "a");
+  EXPECT_EQ(writer.ReadReply().status, 200);
 }
 
 TEST(WebChanges, BeginAnewWithADaemonThatWasLost) {

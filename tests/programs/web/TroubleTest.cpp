@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <limits>
 #include <map>
 #include <vector>
 
 #include "tests/programs/web/Web.h"
+#include "tests/support/ElapsedTime.h"
+#include "tests/support/RunLength.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/StoppedProcess.h"
 
@@ -52,6 +55,20 @@ TEST(WebTrouble, BehindAWriteLeavesItsOutcomeOpen) {
   EXPECT_FALSE(server.HasWaitingConnection());  // nothing is sent twice
 }
 
+TEST(WebTrouble, BehindAReadIsABadGateway) {
+  const TemporaryDirectory directory;
+  const ScriptedServer server;
+  const WebProcess process(directory, "127.0.0.1:" + std::to_string(server.GetPort()));
+  HttpConnection connection(process.GetPort());
+  connection.SendRequest("GET", "/api/v1/group?name=a");
+  ServerEnd daemon = server.Accept();
+  EXPECT_EQ(daemon.ReadThrough(), "get delimited\na\n.\n");
+  daemon.Close();
+  const HttpReply reply = connection.ReadReply();
+  EXPECT_EQ(reply.status, 502);
+  EXPECT_FALSE(Parse(reply).contains("outcome"));
+}
+
 TEST(WebTrouble, OfADaemonThatIsRestartedHarmsNoRequestBehindIt) {
   const TemporaryDirectory directory;
   // The end of a TCP connection may arrive behind the next request.
@@ -88,6 +105,31 @@ TEST(WebTrouble, OfAStoppedDaemonDelaysNobodyElse) {
   EXPECT_EQ(reply.status, 504);
   EXPECT_EQ(Parse(reply)["outcome"], "nothing written");
   web.daemon.Signal(SIGCONT);
+}
+
+TEST(WebTrouble, OfAStoppedDaemonDelaysNobodyForLong) {
+  Web web;
+  const auto limit = IsLongRun() ? 100 : std::numeric_limits<long>::max();  // milliseconds
+  StopProcess(web.daemon.GetId());
+  std::vector<HttpConnection> waiting;
+  for (int i = 0; i < 60; ++i) {
+    waiting.push_back(web.Connect());
+    waiting.back().SendRequest("GET", "/api/v1/subscribers");
+  }
+  for (int i = 0; i < (IsLongRun() ? 1000 : 10); ++i) {
+    for (const char* target : {"/healthz", "/", "/app.js"}) {
+      const ElapsedTime time([&] { EXPECT_EQ(web.Connect().Ask("GET", target).status, 200); });
+      EXPECT_LE(time.undisturbed, limit) << target;
+    }
+    const ElapsedTime time([&] {
+      HttpConnection stream = web.Connect();
+      stream.SendRequest("GET", "/api/v1/changes");
+      EXPECT_EQ(stream.ReadReply().status, 200);
+    });
+    EXPECT_LE(time.undisturbed, limit);
+  }
+  web.daemon.Signal(SIGCONT);
+  for (HttpConnection& connection : waiting) EXPECT_EQ(connection.ReadReply().status, 200);
 }
 
 TEST(WebTrouble, LetsSixtyFourRequestsWait) {

@@ -90,14 +90,14 @@ class WebOnSocket {
     daemon->AwaitAddresses();
   }
 
+  std::string GetDaemonAddress() const { return "unix:" + directory.Path("daemon.sock"); }
+
   const std::string authorization = "Authorization: Bearer " + std::string(64, 'a') + "\r\n";
   TemporaryDirectory directory;
   std::unique_ptr<DaemonProcess> daemon;
   WebProcess process;
 
  private:
-  std::string GetDaemonAddress() const { return "unix:" + directory.Path("daemon.sock"); }
-
   std::string WriteToken() const {
     const std::string path = directory.Write("tokens", "test " + std::string(64, 'a') + " write\n");
     if (chmod(path.c_str(), 0600) != 0) throw std::runtime_error("No file of tokens");
