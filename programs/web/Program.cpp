@@ -5,14 +5,17 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "programs/common/ServiceManager.h"
 #include "programs/common/Signals.h"
 #include "programs/web/ExitCode.h"
 #include "programs/web/access/Access.h"
+#include "programs/web/access/Certificate.h"
 #include "programs/web/access/Password.h"
 #include "programs/web/http/Listener.h"
 #include "programs/web/options/CommandLine.h"
+#include "programs/web/service/ErrorLine.h"
 #include "programs/web/service/Server.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/settings/client/ProtocolClient.h"
@@ -46,8 +49,7 @@ auto OrFail(ExitCode code, Step step) {
 }
 
 int Fail(ExitCode code, const std::exception& exception) {
-  const char* const level = programs::ServiceManager::HasJournal() ? "<3>" : "";
-  std::fprintf(stderr, "%stavix-settings-web: %s\n", level, exception.what());
+  PrintError(exception.what());
   return code;
 }
 
@@ -102,10 +104,11 @@ int Serve(const Options& options) {
   const programs::Signals signals;
   const programs::ServiceManager serviceManager;
   Access access = OrFail(kExitConfiguration, [&] { return Access(options); });
+  auto encryption = OrFail(kExitConfiguration, [&] { return LoadEncryption(options); });
   const std::vector<Listener> listeners = OrFail(kExitUnavailable, [&] { return OpenListeners(options.listen); });
   RefuseOpenDoors(options, access, listeners);
   {
-    Server server(options, access, listeners, signals);
+    Server server(options, access, std::move(encryption), listeners, signals);
     for (const Listener& listener : listeners)
       std::printf("tavix-settings-web: listening on %s\n", listener.GetAddress().c_str());
     std::fflush(stdout);

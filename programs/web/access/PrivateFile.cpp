@@ -31,16 +31,14 @@ bool IsCredential(const std::string& path) {
   return path.compare(0, begin.size(), begin) == 0 && path.find('/', begin.size()) == std::string::npos;
 }
 
-}  // namespace
-
-std::string ReadPrivateFile(const std::string& path) {
-  const osa::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+osa::Descriptor Open(const std::string& path, struct stat& status) {
+  osa::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file) Fail(path, std::strerror(errno));
-  struct stat status {};
   if (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) Fail(path, "it is no file");
-  if (status.st_uid != 0 && status.st_uid != geteuid()) Fail(path, "it belongs to another user");
-  const mode_t foreign = IsCredential(path) ? 037 : 077;
-  if ((status.st_mode & foreign) != 0) Fail(path, "others than its owner may use it; its mode has to be 0600");
+  return file;
+}
+
+std::string ReadAll(const osa::Descriptor& file, const std::string& path) {
   std::string text;
   char part[4096];
   ssize_t count = 0;
@@ -50,6 +48,22 @@ std::string ReadPrivateFile(const std::string& path) {
   }
   if (count < 0) Fail(path, std::strerror(errno));
   return text;
+}
+
+}  // namespace
+
+std::string ReadPrivateFile(const std::string& path) {
+  struct stat status {};
+  const osa::Descriptor file = Open(path, status);
+  if (status.st_uid != 0 && status.st_uid != geteuid()) Fail(path, "it belongs to another user");
+  const mode_t foreign = IsCredential(path) ? 037 : 077;
+  if ((status.st_mode & foreign) != 0) Fail(path, "others than its owner may use it; its mode has to be 0600");
+  return ReadAll(file, path);
+}
+
+std::string ReadPublicFile(const std::string& path) {
+  struct stat status {};
+  return ReadAll(Open(path, status), path);
 }
 
 std::string MakeSecret() {

@@ -9,6 +9,9 @@ namespace tavix::web {
 // the service manager's, a file of $CREDENTIALS_DIRECTORY, may be readable by its group.
 std::string ReadPrivateFile(const std::string& path);
 
+// The same of a file that anybody may read, or write.
+std::string ReadPublicFile(const std::string& path);
+
 // 256 bits that nobody can guess, as 64 digits. Throws osa::Exception when the system has none.
 std::string MakeSecret();
 

@@ -1,6 +1,7 @@
 #include "programs/web/http/Connection.h"
 
 #include <event2/buffer.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <memory>
@@ -56,23 +57,23 @@ bool AsksForEnd(const Request& request) {
 
 }  // namespace
 
-Connection::Connection(const EventBase& base, osa::Descriptor socket, Peer peer, const RequestParser::Limits& limits,
-                       ConnectionOwner& owner)
-    : _peer(std::move(peer)),
-      _limits(limits),
-      _owner(owner),
-      _timer(base, [this] { TimeOut(); }),
-      _buffer(bufferevent_socket_new(base.Get(), socket.Get(), BEV_OPT_CLOSE_ON_FREE)) {
-  if (!_buffer) throw std::bad_alloc();
-  socket.Release();
-  bufferevent_setcb(_buffer.get(), OnReadable, OnWritten, OnEvent, this);
-  bufferevent_setwatermark(_buffer.get(), EV_READ, 0, kMaxReadBytes);
-  bufferevent_set_timeouts(_buffer.get(), nullptr, &kWriteTime);
-  bufferevent_enable(_buffer.get(), EV_READ | EV_WRITE);
+Connection::Connection(const EventBase& base, osa::Descriptor socket, const Encryption* encryption, Peer peer,
+                       const RequestParser::Limits& limits, ConnectionOwner& owner)
+    : _base(base), _peer(std::move(peer)), _limits(limits), _owner(owner), _timer(base, [this] { TimeOut(); }) {
+  SetBuffer(encryption ? encryption->OpenBuffer(base, std::move(socket)) : OpenPlainBuffer(base, std::move(socket)));
   BeginNext();
 }
 
-Connection::~Connection() = default;
+Connection::~Connection() {
+  Encryption::EndOutput(_buffer.get());
+}
+
+void Connection::SetBuffer(Buffer buffer) {
+  _buffer = std::move(buffer);
+  bufferevent_setcb(_buffer.get(), OnReadable, OnWritten, OnEvent, this);
+  bufferevent_set_timeouts(_buffer.get(), nullptr, &kWriteTime);
+  bufferevent_enable(_buffer.get(), EV_READ | EV_WRITE);
+}
 
 void Connection::End() {
   _owner.OnEnd(*this);
@@ -125,8 +126,8 @@ bool Connection::CanTake() const {
   return _state == State::kReading && evbuffer_get_length(bufferevent_get_output(_buffer.get())) <= kMaxUnsentBytes;
 }
 
-// libevent calls OnReadable again and again, in a busy loop, while it may read and as much as the watermark allows
-// is not taken.
+// What comes too early waits in the socket. By a watermark libevent would call OnReadable in a busy loop meanwhile, and
+// forget what TLS has read and it has not.
 void Connection::Suspend(bool isSuspended) {
   if (isSuspended == _isSuspended) return;
   _isSuspended = isSuspended;
@@ -250,6 +251,7 @@ void Connection::OnWritten(bufferevent*, void* self) {
   if (connection->_state != State::kClosing || !connection->IsDrained()) return;
   // A client that still sends would lose the answer by a reset: it is read until it ends, or until the timer does.
   if (connection->_hasPeerEnded) return connection->End();
+  Encryption::EndOutput(connection->_buffer.get());
   shutdown(bufferevent_getfd(connection->_buffer.get()), SHUT_WR);
 }
 
@@ -260,13 +262,24 @@ void Connection::EndBehindAnswers() {
   _timer.Start(kIdleTime);
 }
 
-// A peer that has ended may have ended its own side alone, and await answers.
-void Connection::OnEvent(bufferevent*, short what, void* self) {
+// Of a client that takes the port for one of plain HTTP: it is told so in its own language.
+void Connection::RefusePlainRequest() {
+  osa::Descriptor socket(fcntl(bufferevent_getfd(_buffer.get()), F_DUPFD_CLOEXEC, 0));
+  if (!socket) return End();
+  SetBuffer(OpenPlainBuffer(_base, std::move(socket)));
+  Refuse(400, "this port takes HTTPS alone");
+}
+
+// A peer that has ended may have ended its own side alone, and await answers. TLS stops writing then.
+void Connection::OnEvent(bufferevent* buffer, short what, void* self) {
+  if (what == BEV_EVENT_CONNECTED) return;
   auto* const connection = static_cast<Connection*>(self);
   const bool isOver =
       connection->_state == State::kStreaming || (connection->_state == State::kClosing && connection->IsDrained());
+  if (Encryption::HasMetPlainRequest(buffer)) return connection->RefusePlainRequest();
   if ((what & BEV_EVENT_EOF) == 0 || isOver) return connection->End();
   connection->_hasPeerEnded = true;
+  if (!connection->IsDrained()) bufferevent_enable(buffer, EV_WRITE);
   connection->Read();
 }
 

@@ -2,11 +2,11 @@
 
 #include <event2/bufferevent.h>
 
-#include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
+#include "programs/web/http/Buffer.h"
+#include "programs/web/http/Encryption.h"
 #include "programs/web/http/EventBase.h"
 #include "programs/web/http/Message.h"
 #include "programs/web/http/Peer.h"
@@ -47,15 +47,16 @@ class ConnectionOwner {
 // What the client sends too early waits in its socket.
 //
 // Threads: the loop's.
-// Times:   the head of a request has to come within 10 s of its first byte, or of the connection's begin, its body
+// Times:   the head of a request has to come within 10 s of its first byte, or of the connection's begin, with its
+//          handshake of TLS; its body
 //          within 60 s; a connection without a request ends after 60 s, and so does one that takes nothing of its
 //          answer for 60 s. An answer of which something is taken may take any time.
 // Ends:    a client that ends its own side gets the answers to all requests that came whole.
 class Connection {
  public:
-  // owner, base: outlive this.
-  Connection(const EventBase& base, osa::Descriptor socket, Peer peer, const RequestParser::Limits& limits,
-             ConnectionOwner& owner);
+  // encryption: null: the connection is not encrypted; of use during the call alone. owner, base: outlive this.
+  Connection(const EventBase& base, osa::Descriptor socket, const Encryption* encryption, Peer peer,
+             const RequestParser::Limits& limits, ConnectionOwner& owner);
   ~Connection();
 
   Connection(const Connection&) = delete;
@@ -99,6 +100,7 @@ class Connection {
   static void OnWritten(bufferevent* buffer, void* self);
   static void OnEvent(bufferevent* buffer, short what, void* self);
 
+  void SetBuffer(Buffer buffer);
   void Read();
   void ReadSoon();
   bool CanTake() const;
@@ -112,11 +114,9 @@ class Connection {
   std::string FormatHead(int status, const Headers& headers) const;
   void BeginNext();
   void EndBehindAnswers();
+  void RefusePlainRequest();
 
-  struct Free {
-    void operator()(bufferevent* buffer) const { bufferevent_free(buffer); }
-  };
-
+  const EventBase& _base;
   const Peer _peer;
   const RequestParser::Limits _limits;
   ConnectionOwner& _owner;
@@ -129,7 +129,7 @@ class Connection {
   bool _isHead = false;
   bool _isSuspended = false;
   LoopEvent _timer;
-  std::unique_ptr<bufferevent, Free> _buffer;
+  Buffer _buffer;
 };
 
 }  // namespace tavix::web

@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "programs/web/http/Encryption.h"
 #include "programs/web/http/Peer.h"
 #include "tavix/osa/Exception.h"
 
@@ -113,12 +114,10 @@ const Entry kEntries[] = {
      [](Options& options, const std::string& value) {
        options.timeout = std::chrono::seconds(ParseNumber(value, 1, kMaxSeconds));
      }},
-#ifdef TAVIX_WEB_TLS
-    {"tls-cert", "FILE", "Serve HTTPS with this certificate and its chain, as PEM",
+    {"tls-cert", "FILE", "Serve HTTPS alone, with this certificate and its chain, as PEM",
      [](Options& options, const std::string& value) { options.certificateFile = ParseText(value); }},
-    {"tls-key", "FILE", "The certificate's key, as PEM",
+    {"tls-key", "FILE", "The certificate's key, as PEM: a file of mode 0600",
      [](Options& options, const std::string& value) { options.keyFile = ParseText(value); }},
-#endif
     {"help", nullptr, "Print this text",
      [](Options& options, const std::string&) { options.action = Options::Action::kShowHelp; }},
     {"version", nullptr, "Print the version",
@@ -166,6 +165,7 @@ std::string FormatHelp() {
     option.resize(std::max<size_t>(option.size() + 1, 28), ' ');
     help += option + entry.help + "\n";
   }
+  if (!Encryption::kIsBuiltIn) help += "\nThis program was built without HTTPS: it refuses --tls-cert and --tls-key.\n";
   return help;
 }
 

@@ -31,8 +31,10 @@ struct Options {
   size_t maxPerAddress = 16;
   bool showsRestricted = false;
   std::chrono::milliseconds timeout{5000};  // of one request to the daemon
-  std::string certificateFile;
+  std::string certificateFile;              // of TLS, which all connections use then
   std::string keyFile;
+
+  bool IsEncrypted() const { return !certificateFile.empty(); }
 };
 
 }  // namespace tavix::web

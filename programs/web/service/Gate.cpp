@@ -36,7 +36,7 @@ void RequireRead(const Request& head) {
 
 Gate::Entry Gate::Admit(const Peer& peer, const Request& head, bool hasBody) {
   _access.RequireAllowed(peer);
-  Origin origin = _guard.FindOrigin(head, peer, false);
+  Origin origin = _guard.FindOrigin(head, peer, _options.IsEncrypted());
   _guard.RequireKnownHost(origin);
   const std::string root = _options.basePath + "/";
   if (!BeginsWith(head.path, root)) RefuseOutside(head);

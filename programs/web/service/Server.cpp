@@ -2,13 +2,16 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <utility>
 
+#include "programs/web/access/Certificate.h"
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/EmbeddedFile.h"
 #include "programs/web/http/Refusal.h"
 #include "programs/web/interface/JsonBody.h"
+#include "programs/web/service/ErrorLine.h"
 
 namespace tavix::web {
 
@@ -40,10 +43,11 @@ void AnswerErrors(Connection& connection, Step step) {
 
 }  // namespace
 
-Server::Server(const Options& options, Access& access, const std::vector<Listener>& listeners,
-               const programs::Signals& signals)
+Server::Server(const Options& options, Access& access, std::unique_ptr<const Encryption> encryption,
+               const std::vector<Listener>& listeners, const programs::Signals& signals)
     : _options(options),
       _access(access),
+      _encryption(std::move(encryption)),
       _signals(signals),
       _gate(options, access),
       _bodies(std::max(kMaxLargeBodies * options.maxBodyBytes, kMinMemoryBudget)),
@@ -66,14 +70,27 @@ Server::Server(const Options& options, Access& access, const std::vector<Listene
         std::make_unique<LoopEvent>(_base, listener.GetDescriptor(), [this, &listener] { Accept(listener); }));
 }
 
-// Streams and pending answers refer to connections.
+// Streams and pending answers refer to connections. What libevent still has to call for them keeps their memory.
 Server::~Server() {
+  _events.clear();
   while (!_connections.empty()) OnEnd(*_connections.begin()->second);
+  event_base_loop(_base.Get(), EVLOOP_NONBLOCK);
 }
 
 void Server::OnSignal() {
   const int number = _signals.Take().number;
   if (number == SIGTERM || number == SIGINT) _base.End();
+  if (number == SIGHUP && _encryption) ReloadEncryption();
+}
+
+void Server::ReloadEncryption() {
+  try {
+    _encryption = LoadEncryption(_options);
+    std::puts("tavix-settings-web: SIGHUP: the certificate was read again");
+    std::fflush(stdout);
+  } catch (const std::exception& exception) {
+    PrintError((std::string("SIGHUP: ") + exception.what() + "; the certificate stays as it was").c_str());
+  }
 }
 
 bool Server::HasRoom(const Peer& peer) const {
@@ -92,7 +109,7 @@ void Server::Accept(const Listener& listener) {
   RequestParser::Limits limits;
   limits.bodyBytes = _options.maxBodyBytes;
   ConnectionOwner& owner = *this;
-  auto connection = std::make_unique<Connection>(_base, std::move(socket), *peer, limits, owner);
+  auto connection = std::make_unique<Connection>(_base, std::move(socket), _encryption.get(), *peer, limits, owner);
   ++_addresses[peer->address];
   Connection* const key = connection.get();
   _connections.emplace(key, std::move(connection));

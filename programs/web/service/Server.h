@@ -12,6 +12,7 @@
 #include "programs/web/changes/ChangeStreams.h"
 #include "programs/web/daemon/WorkQueue.h"
 #include "programs/web/http/Connection.h"
+#include "programs/web/http/Encryption.h"
 #include "programs/web/http/EventBase.h"
 #include "programs/web/http/Listener.h"
 #include "programs/web/http/MemoryBudget.h"
@@ -31,12 +32,13 @@ class Server : private ConnectionOwner {
   static constexpr size_t kMaxConnections = 128;
   static constexpr size_t kMaxWaiting = 64;
 
-  // All outlive this.
-  Server(const Options& options, Access& access, const std::vector<Listener>& listeners,
-         const programs::Signals& signals);
+  // encryption: null: connections are not encrypted. All others outlive this.
+  Server(const Options& options, Access& access, std::unique_ptr<const Encryption> encryption,
+         const std::vector<Listener>& listeners, const programs::Signals& signals);
   ~Server() override;
 
-  // Returns behind SIGTERM or SIGINT.
+  // Returns behind SIGTERM or SIGINT. SIGHUP has the certificate and its key read again, for connections that begin
+  // behind it; if they are wrong, those before stay.
   void Run() { _base.Run(); }
 
  private:
@@ -57,6 +59,7 @@ class Server : private ConnectionOwner {
   void OnEnd(Connection& connection) override;
 
   void OnSignal();
+  void ReloadEncryption();
   void Accept(const Listener& listener);
   bool HasRoom(const Peer& peer) const;
   void Handle(Connection& connection, Request& request);
@@ -71,6 +74,7 @@ class Server : private ConnectionOwner {
 
   const Options& _options;
   Access& _access;
+  std::unique_ptr<const Encryption> _encryption;
   const programs::Signals& _signals;
   Gate _gate;
   MemoryBudget _bodies;

@@ -16,13 +16,14 @@ struct HttpReply {
   std::string body;
 };
 
-// A connection of a client of HTTP that can send anything.
+// A connection of a client of HTTP that can send anything, over what sends and reads bytes as ProtocolClient does.
 //
 // Threads: one.
-// Errors:  as ProtocolClient.
-class HttpConnection : public ProtocolClient {
+// Errors:  as Transport.
+template <class Transport>
+class HttpOver : public Transport {
  public:
-  using ProtocolClient::ProtocolClient;
+  using Transport::Transport;
 
   // One request, with Host and, where "body" has text, its length and a type of JSON. headers: lines that end with a
   // carriage return and a line feed.
@@ -33,12 +34,12 @@ class HttpConnection : public ProtocolClient {
     if (("\n" + headers).find("\nHost:") == std::string::npos) head += "Host: localhost\r\n";
     if (takesBody) head += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     if (takesBody && headers.find("Content-Type:") == std::string::npos) head += "Content-Type: application/json\r\n";
-    Send(head + "\r\n" + body);
+    this->Send(head + "\r\n" + body);
   }
 
   // The next answer. isHead: it is one of HEAD, which has no body.
   HttpReply ReadReply(bool isHead = false) {
-    const std::string head = ReadUntil("\r\n\r\n");
+    const std::string head = this->ReadUntil("\r\n\r\n");
     HttpReply reply;
     if (head.compare(0, 9, "HTTP/1.1 ") != 0) throw std::runtime_error("This is no answer: " + head);
     reply.status = std::stoi(head.substr(9, 3));
@@ -51,7 +52,7 @@ class HttpConnection : public ProtocolClient {
       at = end + 2;
     }
     const auto length = reply.headers.find("content-length");
-    if (length != reply.headers.end() && !isHead) reply.body = Read(std::stoul(length->second));
+    if (length != reply.headers.end() && !isHead) reply.body = this->Read(std::stoul(length->second));
     return reply;
   }
 
@@ -64,11 +65,13 @@ class HttpConnection : public ProtocolClient {
   // The next event of a stream, without comments: its name, and all of it.
   std::pair<std::string, std::string> ReadEvent() {
     while (true) {
-      const std::string text = ReadUntil("\n\n");
+      const std::string text = this->ReadUntil("\n\n");
       const size_t at = text.find("event: ");
       if (at != std::string::npos) return {text.substr(at + 7, text.find('\n', at) - at - 7), text};
     }
   }
 };
+
+using HttpConnection = HttpOver<ProtocolClient>;
 
 }  // namespace tavix::test

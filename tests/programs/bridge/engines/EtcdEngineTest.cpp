@@ -12,9 +12,9 @@
 #include "tavix/osa/Exception.h"
 #include "tests/programs/bridge/engines/EngineKinds.h"
 #include "tests/programs/bridge/engines/LinkedEngine.h"
-#include "tests/programs/bridge/engines/TestCertificates.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ListeningSocket.h"
+#include "tests/support/TestCertificates.h"
 
 #ifdef TAVIX_HAS_ETCD
 namespace tavix::test {

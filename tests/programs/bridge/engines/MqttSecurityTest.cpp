@@ -7,7 +7,7 @@
 
 #include "tests/programs/bridge/engines/EngineKinds.h"
 #include "tests/programs/bridge/engines/LinkedEngine.h"
-#include "tests/programs/bridge/engines/TestCertificates.h"
+#include "tests/support/TestCertificates.h"
 
 #ifdef TAVIX_HAS_MQTT
 namespace tavix::test {
