@@ -38,8 +38,8 @@ class Streams : private web::ConnectionOwner {
       throw std::runtime_error("There are no sockets");
     osa::Descriptor client(ends[1]);
     ConnectionOwner& owner = *this;
-    _connection =
-        std::make_unique<Connection>(_base, osa::Descriptor(ends[0]), web::Peer{}, web::RequestParser::Limits{}, owner);
+    _connection = std::make_unique<Connection>(_base, osa::Descriptor(ends[0]), nullptr, web::Peer{},
+                                               web::RequestParser::Limits{}, owner);
     const std::string request = "GET /changes HTTP/1.1\r\nHost: localhost\r\n\r\n";
     if (send(client.Get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) throw std::runtime_error("Nobody reads");
     return client;
