@@ -68,7 +68,7 @@ TEST(WebManPage, MakesAPasswordAndAsksForIt) {
   const TemporaryDirectory directory;
   const TemporaryDirectory tools;
   const Daemon daemon(directory);
-  const std::string program = TAVIX_WEB_PROGRAM " --listen 127.0.0.1:0 --server " + daemon.AwaitAddresses()[0];
+  const std::string program = "'" TAVIX_WEB_PROGRAM "' --listen 127.0.0.1:0 --server " + daemon.AwaitAddresses()[0];
   WriteProgram(tools, "tavix-settings-web", program + " \"$@\"");
   const std::string path = tools.GetPath() + ":/usr/bin:/bin";
   const ScopedEnvironment environment("PATH", path.c_str());
