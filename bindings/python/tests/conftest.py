@@ -4,6 +4,7 @@ import asyncio
 import functools
 import itertools
 import os
+import signal
 import time
 
 import pytest
@@ -20,6 +21,7 @@ DEFAULTS = {
 RESTRICTED = {"Secure/Wlan0": {"passphrase": "example"}}
 for variable in ("TAVIX_SETTINGS_SERVER", "TAVIX_SETTINGS_LOCALFILE"):  # of whoever runs the tests
     os.environ.pop(variable, None)
+signal.signal(signal.SIGINT, signal.default_int_handler)  # a shell has what it starts in the background ignore it
 
 PATIENCE = 60.0  # seconds that an event may take; machines of tests stand still at times
 
