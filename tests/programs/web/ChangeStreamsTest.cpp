@@ -11,6 +11,7 @@
 #include "programs/web/service/Wakeup.h"
 #include "tavix/settings/client/ProtocolClient.h"
 #include "tests/programs/server/Daemon.h"
+#include "tests/support/Patience.h"
 
 namespace tavix::test {
 
@@ -48,7 +49,7 @@ class Streams : private web::ConnectionOwner {
   // Has the loop run until that holds.
   void RunUntil(std::function<bool()> holds) {
     _holds = std::move(holds);
-    LookAgain();
+    _look.Start(web::Milliseconds(0));  // an end before the loop runs would be forgotten
     _base.Run();
   }
 
@@ -85,6 +86,7 @@ class Streams : private web::ConnectionOwner {
 bool HasSubscriptions(const Daemon& daemon) {
   settings::client::ProtocolOptions options;
   options.address = daemon.AwaitAddresses()[0];
+  options.timeouts.silence = kPatience;
   return !settings::client::ProtocolClient(options).GetSubscribed().empty();
 }
 
