@@ -22,11 +22,14 @@ std::string MakeGroups(int count, const std::string& value) {
   return text;
 }
 
+// A machine that stands still may keep the daemon silent for so long that it counts as lost for a moment.
 HttpConnection Watch(const Web& web) {
   HttpConnection stream = web.Connect();
   stream.SendRequest("GET", "/api/v1/changes");
-  if (stream.ReadReply().status != 200 || stream.ReadEvent().first != "ready")
-    throw std::runtime_error("There is no stream");
+  if (stream.ReadReply().status != 200) throw std::runtime_error("There is no stream");
+  std::string event = stream.ReadEvent().first;
+  while (event == "lost") event = stream.ReadEvent().first;
+  if (event != "ready") throw std::runtime_error("The stream begins with " + event);
   return stream;
 }
 
