@@ -98,6 +98,8 @@ test('differences follow changes', async () => {
 
 test('earlier changes stay while newer ones come', async () => {
   for (let number = 1; number <= 32; ++number) await device.set('Many/Changes', { key: `value ${number}` });
+  await goTo(page, 'changes', 'Changes'); // all of them have come: none has the history read anew later
+  await page.getByRole('main').getByText('value 32', { exact: true }).first().waitFor();
   await goTo(page, 'history?name=Many/Changes', 'History');
   await page.getByRole('row', { name: /value 31 value 32/ }).waitFor();
   await button('Show earlier ones').click();
