@@ -129,7 +129,7 @@ export function HistoryView({ query }) {
   const [done, setDone] = useState('');
   const [isBehind, setIsBehind] = useState(false);
   const goesBack = useRef(false);
-  goesBack.current = more.revisions.length > 0;
+  goesBack.current = isBusy || more.revisions.length > 0;
   useEffect(() => {
     setMore({ revisions: [], next: data?.next ?? null });
     setIsBehind(false);
@@ -160,7 +160,7 @@ export function HistoryView({ query }) {
     <ol class="revisions">${revisions.map(({ revision, changes }) => html`<${Revision} key=${revision.revision} revision=${revision} changes=${changes}
       onRollback=${() => setGoal({ to: revision.revision, label: html`what they were after revision <strong>${revision.revision}</strong>` })} />`)}</ol>
     ${data && revisions.length === 0 ? html`<p>${more.next ? 'None among the latest changes.' : 'No change is kept.'}</p>` : null}
-    ${more.next ? html`<button type="button" disabled=${isBusy} onClick=${readMore}>Show earlier ones</button>` : null}
+    ${more.next ? html`<button type="button" disabled=${isBusy || isLoading} onClick=${readMore}>Show earlier ones</button>` : null}
     ${has('history') ? html`<${Checkpoints} onRollback=${setGoal} />` : null}
     ${goal ? html`<${RollbackDialog} to=${goal.to} label=${goal.label} name=${goal.isAll ? null : name} pattern=${goal.isAll ? '' : pattern} onDone=${finish} onClose=${() => setGoal(null)} />` : null}
   </${View}>`;
