@@ -32,6 +32,16 @@ class Streams : private web::ConnectionOwner {
     std::signal(SIGPIPE, SIG_IGN);  // as the program does
   }
 
+  // libevent frees a connection behind the loop's next round, and forgets one that is left when the loop itself goes.
+  ~Streams() {
+    if (_connection) OnEnd(*_connection);
+    _look.Stop();
+    event_base_loop(_base.Get(), EVLOOP_NONBLOCK);
+  }
+
+  Streams(const Streams&) = delete;
+  Streams& operator=(const Streams&) = delete;
+
   // A client that has asked for changes.
   osa::Descriptor Open() {
     int ends[2];
