@@ -21,5 +21,6 @@ void AddFootprintBenches(Suite& suite);
 void AddLayersBenches(Suite& suite);
 void AddCommandBenches(Suite& suite);
 void AddBridgeBenches(Suite& suite);
+void AddWebBenches(Suite& suite);
 
 }  // namespace tavix::bench

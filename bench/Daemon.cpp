@@ -32,13 +32,6 @@ std::vector<std::string> CommandFor(const std::string& server, const std::vector
   return command;
 }
 
-int PortOf(const std::string& line) {
-  const size_t colon = line.rfind(':');
-  const int port = colon == std::string::npos ? 0 : std::atoi(line.c_str() + colon + 1);
-  if (port == 0) throw osa::Exception("The daemon said \"%s\" instead of its port", line.c_str());
-  return port;
-}
-
 }  // namespace
 
 Program::Program(std::vector<std::string> command, int core, const Environment& environment) {
@@ -55,6 +48,13 @@ Program::Program(std::vector<std::string> command, int core, const Environment& 
   });
   _output = std::move(outputReader);
   _input = std::move(inputWriter);
+}
+
+int PortOf(const std::string& line) {
+  const size_t colon = line.rfind(':');
+  const int port = colon == std::string::npos ? 0 : std::atoi(line.c_str() + colon + 1);
+  if (port == 0) throw osa::Exception("A program said \"%s\" instead of its port", line.c_str());
+  return port;
 }
 
 Daemon::Daemon(const std::string& server, const std::vector<std::string>& options, int core,

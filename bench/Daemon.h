@@ -30,6 +30,9 @@ class Program {
   std::unique_ptr<OwnProcess> _process;
 };
 
+// The port of the address at the end of a line in which a program says that it listens.
+int PortOf(const std::string& line);
+
 // The settings daemon, serving on a loopback port that the kernel picked.
 class Daemon {
  public:

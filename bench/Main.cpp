@@ -105,6 +105,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
   options.setup.server = build + "/programs/server/tavix-settings-server";
   options.setup.command = build + "/programs/cli/tavix-settings";
   options.setup.bridge = build + "/programs/bridge/tavix-settings-bridge-mqtt";
+  options.setup.web = build + "/programs/web/tavix-settings-web";
   options.setup.bareMap = build + "/bench/tavix-bench-bare-map";
   options.setup.slowDisk = build + "/bench/tavix-bench-slow-disk.so";
   return -1;
@@ -128,6 +129,7 @@ int Run(const Options& options) {
   AddLayersBenches(suite);
   AddCommandBenches(suite);
   AddBridgeBenches(suite);
+  AddWebBenches(suite);
   if (!options.only.empty() && !suite.Select(options.only)) return kExitUsage;
 
   Report report;

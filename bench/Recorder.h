@@ -16,6 +16,7 @@ struct Setup {
   std::string server;     // the daemon's program
   std::string command;    // the command's program
   std::string bridge;     // the program that mirrors to a broker of MQTT
+  std::string web;        // the program of the HTTP interface
   std::string bareMap;    // the program that loads a file into a bare map
   std::string slowDisk;   // what makes a daemon's syncs slow, to be loaded first
 };
