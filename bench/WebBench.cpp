@@ -29,6 +29,7 @@ constexpr int kManyGroups = 100000;
 constexpr int kReaders = 50;
 constexpr int kStreams = 50;
 constexpr int kSilentStreams = 64;
+constexpr int kVersions = 1000;
 constexpr double kReadingAim = 0.25;
 constexpr char kReading[] = "web-get-50conn";
 constexpr char kFollowing[] = "web-changes-50streams";
@@ -165,7 +166,7 @@ void MeasureReading(Recorder& recorder) {
 std::string ChangesOf(int groups, int version) {
   std::string request = "merge nopersist\n";
   for (int group = 0; group < groups; ++group)
-    request += "[" + GroupName(group) + "]\n" + KeyName(0) + "=" + ValueText(group, version % 1000) + "\n";
+    request += "[" + GroupName(group) + "]\n" + KeyName(0) + "=" + ValueText(group, version % kVersions) + "\n";
   return request + ".\n";
 }
 
@@ -221,7 +222,7 @@ void MeasureLatency(Recorder& recorder) {
   const Web web(recorder);
   Reader stream = web.Follow();
   const osa::Descriptor sender = web.GetDaemon().Connect();
-  const std::string request = ChangesOf(1, 0);
+  const std::string request = ChangesOf(1, kVersions - 1);
   WriteAll(sender, request);
   std::string message(AwaitEvents(stream, 1), '\0');
   const FloorServer relay = FloorServer::Relay({request.size(), message.size()}, 1, kAnyCore);
