@@ -41,6 +41,9 @@ constexpr int kStateGroups = 10;  // of which each turn changes another one
 constexpr double kMaxStalled = 1.2;
 constexpr size_t kMessage = 300;  // bytes, about those that are reported
 
+// Without the waits that keep a fleet's broker from being flooded.
+constexpr char kNoWaits[] = "group-interval-ms=0\nrate=1000\nburst=100000\n";
+
 std::string MakeDirectory(const Recorder& recorder) {
   std::string directory = recorder.GetSetup().directory + "/bridge-XXXXXX";
   if (!mkdtemp(directory.data())) throw osa::Exception("Failed to make '%s'", directory.c_str());
@@ -75,14 +78,16 @@ class Broker {
 // A daemon, whose bridge reports all groups to a broker, the network between these two, and a subscriber.
 class MirroredDevice {
  public:
-  explicit MirroredDevice(const Recorder& recorder, const std::string& settings)
+  // limits: lines of their section. core: that of the daemon.
+  MirroredDevice(const Recorder& recorder, const std::string& settings, const std::string& limits, int core)
       : _directory(MakeDirectory(recorder)),
         broker(_directory),
         link(broker.GetPort()),
-        daemon(recorder.GetSetup().server, {"--defaults", settings}),
+        daemon(recorder.GetSetup().server, {"--defaults", settings}, core),
         subscriber(broker.GetPort()),
-        _bridge({recorder.GetSetup().bridge, "--config", WriteText(_directory + "/bridge.conf", MakeConfiguration())},
-                kAnyCore) {
+        _bridge(
+            {recorder.GetSetup().bridge, "--config", WriteText(_directory + "/bridge.conf", MakeConfiguration(limits))},
+            kAnyCore) {
     subscriber.SendConnect("subscriber", "fleet/subscriber");
     subscriber.AwaitConnected();
     subscriber.SendSubscribe({"fleet/bench/reported/#"});
@@ -91,12 +96,10 @@ class MirroredDevice {
   }
 
  private:
-  // Without the waits that keep a fleet's broker from being flooded.
-  std::string MakeConfiguration() const {
+  std::string MakeConfiguration(const std::string& limits) const {
     return "[bridge]\nname=bench\nserver=127.0.0.1:" + std::to_string(daemon.GetPort()) + "\nstate=" + _directory +
            "/bench.db\nruntime=" + _directory + "\n[mqtt]\nhost=127.0.0.1\nport=" + std::to_string(link.GetPort()) +
-           "\nroot=fleet\ndevice=bench\n[limits]\nreconnect-min=1\nreconnect-max=1\ngroup-interval-ms=0\nrate=1000\n"
-           "burst=100000\n[map all]\npattern=*\ndirection=up\n";
+           "\nroot=fleet\ndevice=bench\n[limits]\n" + limits + "[map all]\npattern=*\ndirection=up\n";
   }
 
   const std::string _directory;
@@ -173,7 +176,7 @@ double TimedPublish(const MqttConnection& publisher, MqttConnection& subscriber)
 
 void MeasureChange(Recorder& recorder) {
   const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "bridge.ini", kGroups);
-  MirroredDevice device(recorder, settings);
+  MirroredDevice device(recorder, settings, kNoWaits, kAnyCore);
   const osa::Descriptor connection = device.daemon.Connect();
   const BareHops hops;
   MqttConnection publisher(device.broker.GetPort());
@@ -198,7 +201,7 @@ void MeasureChange(Recorder& recorder) {
 
 // Local requests of one daemon.
 struct LocalClient {
-  LocalClient(const Daemon& daemon, const char* suffix) : when(suffix), connection(daemon.Connect()) {}
+  LocalClient(const Daemon& daemon, const std::string& suffix) : when(suffix), connection(daemon.Connect()) {}
 
   void MeasureOnce(int number) {
     gets.Add(TimedExchange(connection, GetExchange(kGroup)));
@@ -206,23 +209,33 @@ struct LocalClient {
   }
 
   void Record(Recorder& recorder) const {
-    recorder.Add({kStalled, kOurs, std::string("get, p99") + when}, kMicroseconds, gets.GetQuantile(0.99));
-    recorder.Add({kStalled, kOurs, std::string("set, p99") + when}, kMicroseconds, sets.GetQuantile(0.99));
+    recorder.Add({kStalled, kOurs, "get, p99" + when}, kMicroseconds, gets.GetQuantile(0.99));
+    recorder.Add({kStalled, kOurs, "set, p99" + when}, kMicroseconds, sets.GetQuantile(0.99));
   }
 
-  const char* when;
+  const std::string when;
   const osa::Descriptor connection;
   Samples gets;
   Samples sets;
 };
 
-void MeasureStalled(Recorder& recorder) {
+std::string Beside(const Placement& placement) {
+  return std::string(", ") + placement.name + kBeside;
+}
+
+std::string Without(const Placement& placement) {
+  return std::string(", ") + placement.name + kWithout;
+}
+
+// Bridge and broker may use both cores.
+void MeasureStalled(Recorder& recorder, const Placement& placement) {
   const std::string settings = WriteSettingsFile(recorder.GetSetup().directory, "stalled.ini", kGroups);
-  MirroredDevice device(recorder, settings);
-  const Daemon alone(recorder.GetSetup().server, {"--defaults", settings});
-  LocalClient beside(device.daemon, kBeside);
-  LocalClient without(alone, kWithout);
+  MirroredDevice device(recorder, settings, "burst=100000\nrate=1000\n", placement.server);
+  const Daemon alone(recorder.GetSetup().server, {"--defaults", settings}, placement.server);
+  LocalClient beside(device.daemon, Beside(placement));
+  LocalClient without(alone, Without(placement));
   device.link.SetMode(test::TcpProxy::Mode::kStall);
+  PinToCore(placement.client);
   const int turns = recorder.Choose(500, 5000);
   for (int i = 0; i < turns; ++i) {
     beside.MeasureOnce(i);
@@ -238,9 +251,13 @@ void AddBridgeBenches(Suite& suite) {
   suite.Add({kChange}, MeasureChange);
   suite.Compare({kChange, kOurs, kToSubscriber}, {kChange, kFloor, kHops});
   suite.Compare({kChange, kOurs, kToSubscriber}, {kChange, kFloor, kPublish});
-  suite.Add({kStalled}, MeasureStalled);
-  for (const std::string what : {"get, p99", "set, p99"})
-    suite.Compare({kStalled, kOurs, what + kBeside}, {kStalled, kOurs, what + kWithout}, kMaxStalled);
+  for (const Placement& placement : Placements()) {
+    suite.Add({kStalled}, [placement](Recorder& recorder) { MeasureStalled(recorder, placement); });
+    for (const std::string what : {"get, p99", "set, p99"}) {
+      suite.Compare({kStalled, kOurs, what + Beside(placement)}, {kStalled, kOurs, what + Without(placement)},
+                    kMaxStalled);
+    }
+  }
 }
 
 }  // namespace tavix::bench
