@@ -1,5 +1,7 @@
 #include "programs/bridge/Program.h"
 
+#include <sched.h>
+
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -60,6 +62,13 @@ int Check(const EngineKind& kind, const Configuration& configuration) {
   return kExitDone;
 }
 
+// A notice that wakes the bridge takes the processor from nobody who serves the device. Who chose a policy for it, as
+// the unit does, keeps that; a system that refuses runs it as any other program.
+void LetOthersGoFirst() {
+  const sched_param parameters{};
+  if (sched_getscheduler(0) == SCHED_OTHER) (void)sched_setscheduler(0, SCHED_BATCH, &parameters);
+}
+
 // Makes what needs the runtime directory.
 template <class Made, class... Arguments>
 std::unique_ptr<Made> MakeOrFail(const Arguments&... arguments) {
@@ -73,6 +82,7 @@ std::unique_ptr<Made> MakeOrFail(const Arguments&... arguments) {
 }
 
 int Serve(const EngineKind& kind, const Configuration& configuration, const Options& options) {
+  LetOthersGoFirst();
   programs::Signals::Block();
   const programs::Signals signals;
   const programs::ServiceManager serviceManager;

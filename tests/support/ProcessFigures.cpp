@@ -21,13 +21,17 @@ size_t CountEntries(pid_t process, const char* directory) {
   return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-size_t StatusInBytes(pid_t process, const std::string& name) {
+size_t ReadStatus(pid_t process, const std::string& name) {
   std::ifstream status(Path(process, "status"));
   for (std::string word; status >> word;) {
-    size_t kilobytes = 0;
-    if (word == name && status >> kilobytes) return kilobytes * 1024;
+    size_t value = 0;
+    if (word == name && status >> value) return value;
   }
   throw std::runtime_error("No " + name + " in " + Path(process, "status"));
+}
+
+size_t StatusInBytes(pid_t process, const std::string& name) {
+  return ReadStatus(process, name) * 1024;
 }
 
 size_t Growth([[maybe_unused]] size_t before, [[maybe_unused]] size_t now) {
@@ -46,6 +50,10 @@ size_t CountDescriptors(pid_t process) {
 
 size_t CountThreads(pid_t process) {
   return CountEntries(process, "task");
+}
+
+size_t CountWaits(pid_t process) {
+  return ReadStatus(process, "voluntary_ctxt_switches:");
 }
 
 size_t ResidentMemory(pid_t process) {

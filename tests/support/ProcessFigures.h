@@ -12,6 +12,9 @@ namespace tavix::test {
 size_t CountDescriptors(pid_t process);
 size_t CountThreads(pid_t process);
 
+// How often the main thread has waited for something until now.
+size_t CountWaits(pid_t process);
+
 // In bytes: the memory that is resident, and the most that ever was mapped.
 size_t ResidentMemory(pid_t process);
 size_t PeakAddressSpace(pid_t process);

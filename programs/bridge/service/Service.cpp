@@ -20,6 +20,7 @@ namespace {
 constexpr Milliseconds kMaxWait{60'000};
 constexpr Milliseconds kStateRetry{10'000};
 constexpr Milliseconds kMinFeed{10};
+constexpr int kReadsInAnInterval = 10;                 // of notices, in that of a group's messages
 constexpr int kFeedsInATime = 4;                       // one that comes late is no reason to be restarted
 constexpr size_t kMaxEvents = EventQueue::kMaxEvents;  // of one round
 
@@ -182,7 +183,9 @@ void Service::TakeNotices(Milliseconds now) {
   if (!_mirror || !_daemon.IsConnected()) return;
   try {
     const std::set<std::string> changed = _store.TakeChanged();
-    if (!changed.empty()) _mirror->OnLocalChanged(changed);
+    if (changed.empty()) return;
+    _mirror->OnLocalChanged(changed);
+    _nextNotices = now + _configuration.limits.groupInterval / kReadsInAnInterval;
   } catch (const LocalLost& lost) {
     OnDaemonLost(lost.what(), now);
   }
@@ -256,13 +259,14 @@ Milliseconds Service::FindNext(Milliseconds now) const {
   consider(_link.GetNext());
   consider(_daemon.GetNext());
   if (_store.HasMore()) consider(now);
+  if (_nextNotices > now) consider(_nextNotices);
   return next;
 }
 
 void Service::Wait(Milliseconds now) {
   std::vector<pollfd> watched{{_signals.GetDescriptor(), POLLIN, 0}};
   if (_mirror) watched.push_back({_events.GetDescriptor(), POLLIN, 0});
-  if (_mirror && _daemon.IsConnected()) watched.push_back({_store.GetDescriptor(), POLLIN, 0});
+  if (_mirror && _daemon.IsConnected() && now >= _nextNotices) watched.push_back({_store.GetDescriptor(), POLLIN, 0});
   _control.AddTo(watched);
   const Milliseconds wait = std::max(Milliseconds(0), FindNext(now) - GetNow());
   // A moment more, as what is due at the end of a millisecond is not due within it.

@@ -93,6 +93,7 @@ class Service {
   std::unique_ptr<StateFile> _state;
   std::unique_ptr<Mirror> _mirror;  // none as long as there is no state
   Milliseconds _nextOpen{0};
+  Milliseconds _nextNotices{0};  // not read before, as a device that changes all the time wakes nobody all the time
   ControlSocket _control;
 
   bool _isEnding = false;

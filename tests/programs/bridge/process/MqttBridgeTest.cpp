@@ -3,12 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "tests/programs/bridge/control/ControlClient.h"
 #include "tests/programs/bridge/process/MirroredDaemon.h"
+#include "tests/support/ProcessFigures.h"
 #include "tests/support/StoppedProcess.h"
 
 // The program with MQTT, between a daemon and a broker.
@@ -28,6 +31,19 @@ TEST_F(MqttBridge, ReportsWhatTheDeviceChanges) {
   EXPECT_EQ(centre->GetStore().count("fleet/cam/reported/Other"), 0u);
   daemon.Set("[State/Lens]\nzoom=3\nsecret=x\n");
   AwaitMessage("reported/State/Lens", "values", {{"zoom", "3"}, {"secret", {{"masked", true}}}});
+}
+
+TEST_F(MqttBridge, IsWokenAFewTimesASecondByADeviceThatChangesAllTheTime) {
+  constexpr size_t kChanges = 4000;
+  constexpr size_t kRest = 500;  // of messages and the state's syncs
+  constexpr std::chrono::milliseconds kBetweenReads{20};
+  bridge.AwaitInSync();
+  const size_t before = CountWaits(bridge.process->GetId());
+  const auto begin = std::chrono::steady_clock::now();
+  for (size_t i = 1; i <= kChanges; ++i) daemon.Set("[State/Level]\nvalue=" + std::to_string(i) + "\n");
+  const auto reads = (std::chrono::steady_clock::now() - begin) / kBetweenReads;
+  EXPECT_LT(CountWaits(bridge.process->GetId()) - before, kRest + 4 * static_cast<size_t>(reads));
+  AwaitMessage("reported/State/Level", "values", {{"value", std::to_string(kChanges)}});
 }
 
 TEST_F(MqttBridge, AppliesWhatTheCentreWants) {
