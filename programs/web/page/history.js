@@ -9,6 +9,7 @@ import {
 } from './ui.js';
 
 const kPage = 30;
+const kMaxEmptyParts = 20; // of the history, that are passed over at once
 
 // Whether a change is about one group: a setting of it, or that users deleted it. name: null stands for all groups.
 function isAbout(name, change) {
@@ -16,7 +17,20 @@ function isAbout(name, change) {
     || (change.group === kDeletedGroups && [change.old, change.new].some((value) => value && nameOf(value) === name));
 }
 
-// The device takes a "*" of a name for any text: then the page itself sets what goes back, of that group alone.
+// What a rollback would change: {changes, isAlone}. Of a name with a "*", or with blanks at its ends, the device can't bring back
+// that group alone where others differ, too, and refuses to: then the page itself sets what goes back.
+async function preview(to, name, pattern) {
+  const look = (scope) => ask('POST', 'rollback', { body: { to, ...scope, dryRun: true } });
+  if (name === null) return look(pattern === '' ? {} : { pattern });
+  try {
+    return await look({ group: name });
+  } catch (problem) {
+    if (problem.status !== 409 || problem.data.group === undefined) throw problem;
+    const { changes } = await look({});
+    return { changes: changes.filter((change) => isAbout(name, change)), isAlone: true };
+  }
+}
+
 async function bringBackAlone(name, changes, seconds) {
   const group = await readGroup(name);
   const edits = new Map(changes.map((change) => [change.key, {
@@ -28,16 +42,18 @@ async function bringBackAlone(name, changes, seconds) {
 // to: a revision, or "@NAME" of a checkpoint. name: of the only group that goes back; null: the pattern counts.
 function RollbackDialog({ to, label, name, pattern, onDone, onClose }) {
   const scope = name ?? pattern;
-  const body = { to, ...(scope ? { pattern: scope } : {}) };
   const [seconds, setSeconds] = useState(0);
-  const { data, problem, isLoading } = useLoad(() => ask('POST', 'rollback', { body: { ...body, dryRun: true } }), [to, scope]);
+  const { data, problem, isLoading } = useLoad(() => preview(to, name, pattern), [to, name, pattern]);
   const [run, isBusy, failure] = useAction();
-  const changes = (data?.changes ?? []).filter((change) => isAbout(name, change));
-  const isAlone = name !== null && spellName(name).includes('*');
-  const isImpossible = isAlone && changes.some((change) => change.group !== name || change.key === undefined);
+  const changes = data?.changes ?? [];
+  const isImpossible = data?.isAlone && changes.some((change) => change.group !== name || change.key === undefined);
+  const bringBack = () => {
+    if (data.isAlone) return bringBackAlone(name, changes, seconds);
+    const body = { to, ...(name !== null ? { group: name } : pattern === '' ? {} : { pattern }), ...(seconds > 0 ? { confirm: seconds } : {}) };
+    return ask('POST', 'rollback', { body });
+  };
   const confirm = async () => {
-    const answer = await run(() => (isAlone ? bringBackAlone(name, changes, seconds)
-      : ask('POST', 'rollback', { body: seconds > 0 ? { ...body, confirm: seconds } : body })));
+    const answer = await run(bringBack);
     if (!answer) return;
     keepLater(answer.pending);
     onDone(`${count(answer.changes.length, 'setting')} went back.`);
@@ -47,7 +63,7 @@ function RollbackDialog({ to, label, name, pattern, onDone, onClose }) {
     <p>Settings ${scope ? html`of <code>${spellName(scope)}</code> ` : ''}go back to ${label}. What others have changed since goes back as well.</p>
     <${Loading} isLoading=${isLoading} isEmpty=${!data} />
     ${data ? html`<${ChangeTable} caption="What changes" changes=${changes} />` : null}
-    ${isImpossible ? html`<p class="note bad">A group with “*” in its name can’t come or go back alone. Bring back all groups that match its name.</p>` : null}
+    ${isImpossible ? html`<p class="note bad">The device can’t have this group come or go alone: it takes its name for that of others, too.</p>` : null}
     ${number > 0 && has('trial') ? html`<${TrialChoice} seconds=${seconds} onChange=${setSeconds} />` : null}
     <${ProblemBox} problem=${failure ?? problem} />
     <footer><button type="button" onClick=${onClose}>Cancel</button>
@@ -121,8 +137,18 @@ export function HistoryView({ query }) {
   const name = query.get('name');
   const pattern = query.get('pattern') ?? '';
   const wantedKey = query.get('key');
-  const read = (before) => ask('GET', 'history', { query: { pattern: name ?? (pattern === '' ? null : pattern), count: kPage, before } });
-  const { data, problem, isLoading, reload } = useLoad(() => read(null), [name, pattern]);
+  const isWanted = (change) => isAbout(name, change) && (wantedKey === null || change.key === wantedKey || change.group === kDeletedGroups);
+  const isShown = (revision) => name === null || revision.changes.some(isWanted) || revision.command === 'gap' || revision.omitted_bytes;
+  // What is about one group may lie far back, behind parts that have nothing of it.
+  const read = async (before) => {
+    const scope = name !== null ? { group: name } : { pattern: pattern === '' ? null : pattern };
+    for (let parts = 1, from = before; ; ++parts) {
+      const answer = await ask('GET', 'history', { query: { ...scope, count: kPage, before: from } });
+      if (answer.next === null || parts === kMaxEmptyParts || answer.revisions.some(isShown)) return answer;
+      from = answer.next;
+    }
+  };
+  const { data, problem, isLoading, reload } = useLoad(() => read(null), [name, pattern, wantedKey]);
   const [more, setMore] = useState({ revisions: [], next: null });
   const [run, isBusy, moreProblem] = useAction();
   const [goal, setGoal] = useState(null);
@@ -145,10 +171,8 @@ export function HistoryView({ query }) {
     setDone(text);
     reload();
   };
-  const isWanted = (change) => isAbout(name, change) && (wantedKey === null || change.key === wantedKey || change.group === kDeletedGroups);
-  const revisions = [...(data?.revisions ?? []), ...more.revisions]
-    .map((revision) => ({ revision, changes: revision.changes.filter(isWanted) }))
-    .filter(({ revision, changes }) => name === null || changes.length > 0 || revision.command === 'gap' || revision.omitted_bytes);
+  const revisions = [...(data?.revisions ?? []), ...more.revisions].filter(isShown)
+    .map((revision) => ({ revision, changes: revision.changes.filter(isWanted) }));
   return html`<${View} title="History">
     <${Filter} key=${pattern} pattern=${pattern} />
     ${name === null ? null : html`<p>Only changes of ${wantedKey === null ? null : html`<code>${spellName(wantedKey)}</code> in `}<${GroupLink} name=${name} />.

@@ -8,7 +8,7 @@ import { onOnePage } from './page.mjs';
 let device = null;
 let page = null;
 
-onOnePage({ allows: [/status of 422/] }, (made) => { ({ device, page } = made); });
+onOnePage({ allows: [/status of (409|422)/] }, (made) => { ({ device, page } = made); });
 
 const button = (name) => page.getByRole('button', { name, exact: true });
 const dialog = (name) => page.getByRole('dialog', { name });
@@ -81,6 +81,27 @@ test('a name with a "*" is one group, not a pattern, for its history and its way
   assert.equal(await device.value('Star/*', 'key'), '1');
   assert.equal(await device.value('Star/*', 'more'), undefined);
   assert.equal(await device.value('Star/Other', 'key'), '2');
+});
+
+test('a name with blanks at its ends is one group, too', async () => {
+  const name = ' Blanks ';
+  await device.ask('POST', 'apply', { set: { [name]: { key: '1' }, Blanks: { key: '1' } } });
+  await device.ask('POST', 'apply', { set: { [name]: { key: '2' }, Blanks: { key: '2' } } });
+  await goTo(page, `history?${new URLSearchParams({ name })}`, 'History');
+  await page.getByRole('row', { name: /key 1 2$/ }).waitFor();
+  assert.equal(await page.getByRole('row', { name: /key 1 2$/ }).count(), 1);
+  await page.getByRole('button', { name: /Bring back revision/ }).nth(1).click();
+  await button('Bring back 1 setting').click();
+  await page.getByText('1 setting went back.').waitFor();
+  assert.equal(await device.value(name, 'key'), '1');
+  assert.equal(await device.value('Blanks', 'key'), '2');
+});
+
+test('changes of a group are found far behind those of others', async () => {
+  await device.set('Far/*', { key: 'early' });
+  for (let number = 0; number < 70; ++number) await device.set('Far/Other', { key: `${number}` });
+  await goTo(page, 'history?name=Far/*', 'History');
+  await page.getByRole('row', { name: /not set early$/ }).waitFor();
 });
 
 test('a group that was deleted stands in the history in words', async () => {
