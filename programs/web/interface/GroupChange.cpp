@@ -4,7 +4,6 @@
 
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
-#include "programs/web/interface/Trials.h"
 
 namespace tavix::web {
 
@@ -83,20 +82,30 @@ bool GroupChange::TryAmend(const Amendment& amendment) {
   return false;
 }
 
+// Each attempt has a trial of its own: the daemon knows the one before by its name.
 bool GroupChange::TryChange(const Amendment& amendment) {
-  if (amendment.replace.IsEmpty() || _call.link.GetFeatures().count(kTrial) == 0) return TryAmend(amendment);
-  const Trial guard = Trial::MakeGuard();
-  guard.Arm(_call);
+  const bool isGuarded = !amendment.replace.IsEmpty() && _call.link.GetFeatures().count(kTrial) != 0;
+  if (!_trial && !isGuarded) return TryAmend(amendment);
+  const Trial trial = _trial ? _trial->MakeAnother() : Trial::MakeGuard();
+  trial.Arm(_call);
   if (!TryAmend(amendment)) return false;
-  const std::optional<programs::TrialState> trial = guard.Find(_call);
-  if (!trial) return true;  // the user settings are as they were
-  const std::vector<programs::Change>& changes = trial->settings;
-  const bool tookMore = std::any_of(changes.begin(), changes.end(), [this](const programs::Change& change) {
+  const std::optional<programs::TrialState> state = trial.Find(_call);  // nothing: the user settings are as they were
+  if (isGuarded && state && TookMore(*state)) {
+    static_cast<void>(trial.Revert(_call));  // it has gone back by itself otherwise
+    return false;
+  }
+  if (_trial) {
+    _trial = trial;
+    return true;
+  }
+  return !state || trial.Confirm(_call);
+}
+
+// Of what somebody added behind the reading.
+bool GroupChange::TookMore(const programs::TrialState& state) const {
+  return std::any_of(state.settings.begin(), state.settings.end(), [this](const programs::Change& change) {
     return change.group == _group && change.key && change.before && (!_before || _before->count(*change.key) == 0);
   });
-  if (!tookMore) return guard.Confirm(_call);
-  static_cast<void>(guard.Revert(_call));  // it has gone back by itself otherwise
-  return false;
 }
 
 void GroupChange::Run(const Make& make) {

@@ -3,8 +3,10 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "programs/web/interface/Conditions.h"
+#include "programs/web/interface/Trials.h"
 #include "tavix/settings/Amendment.h"
 
 namespace tavix::web {
@@ -25,9 +27,10 @@ class GroupChange {
   // What the group is to hold, of what it holds; nothing: it goes.
   using Make = std::function<Keys(const Keys& before)>;
 
-  // All outlive this.
-  GroupChange(Call& call, const std::string& group, const Conditions& conditions)
-      : _call(call), _group(group), _conditions(conditions) {}
+  // All outlive this. trial: that the change is to be on; nothing: it lasts.
+  GroupChange(Call& call, const std::string& group, const Conditions& conditions,
+              std::optional<Trial> trial = std::nullopt)
+      : _call(call), _group(group), _conditions(conditions), _trial(std::move(trial)) {}
 
   void Run(const Make& make);
 
@@ -35,9 +38,13 @@ class GroupChange {
   const Keys& GetBefore() const { return _before; }
   const Keys& GetAfter() const { return _after; }
 
+  // The trial that the change is on.
+  const std::optional<Trial>& GetTrial() const { return _trial; }
+
  private:
   settings::Amendment MakeAmendment(const Keys& wanted) const;
   bool TryChange(const settings::Amendment& amendment);
+  bool TookMore(const programs::TrialState& state) const;
   bool TryAmend(const settings::Amendment& amendment);
   void Finish(const Keys& wanted);
   void RequireApplied(const Keys& wanted) const;
@@ -45,6 +52,7 @@ class GroupChange {
   Call& _call;
   const std::string& _group;
   const Conditions& _conditions;
+  std::optional<Trial> _trial;
   Keys _before;
   Keys _after;
 };

@@ -38,7 +38,7 @@ const std::vector<Route>& GetRoutes() {
       {"GET", "/groups", kWorker, Right::kRead, ListGroups, "pattern* limit after"},
       {"GET", "/tree", kWorker, Right::kRead, ListTree, "prefix"},
       {"GET", "/group", kWorker, Right::kRead, ShowGroup, "name"},
-      {"PATCH", "/group", kWorker, Right::kWrite, PatchGroup, "name volatile"},
+      {"PATCH", "/group", kWorker, Right::kWrite, PatchGroup, "name volatile confirm"},
       {"PUT", "/group", kWorker, Right::kWrite, PutGroup, "name"},
       {"DELETE", "/group", kWorker, Right::kWrite, DeleteGroup, "name"},
       {"POST", "/apply", kWorker, Right::kWrite, Apply, ""},

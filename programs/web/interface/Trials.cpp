@@ -112,11 +112,20 @@ Response RevertPending(Call& call) {
 std::optional<Trial> Trial::Read(const JsonValue& body) {
   const JsonValue* const confirm = body.Find("confirm");
   if (!confirm || (confirm->kind == JsonValue::Kind::kTruth && confirm->text == "false")) return std::nullopt;
-  return Trial(ParseSeconds(*confirm), kOwn + MakeSecret().substr(0, kNameDigits));
+  return Make(ParseSeconds(*confirm));
+}
+
+std::optional<Trial> Trial::Read(const Query& query) {
+  if (!query.Find("confirm")) return std::nullopt;
+  return Make(static_cast<unsigned>(query.FindNumber("confirm", kMinSeconds, kMaxSeconds, kUsualSeconds)));
 }
 
 Trial Trial::MakeGuard() {
-  return Trial(kGuardSeconds, kOwn + MakeSecret().substr(0, kNameDigits));
+  return Make(kGuardSeconds);
+}
+
+Trial Trial::Make(unsigned seconds) {
+  return Trial(seconds, kOwn + MakeSecret().substr(0, kNameDigits));
 }
 
 void Trial::Arm(Call& call) const {
@@ -125,6 +134,7 @@ void Trial::Arm(Call& call) const {
 }
 
 std::optional<TrialState> Trial::Find(Call& call) const {
+  call.link.RequireFeature(kFeature);
   const auto answer = call.link.Get().Ask(std::string(kFeature) + " " + _name);
   const auto found = answer.data.GetGroups().find(_name);
   if (answer.isRefused || found == answer.data.end()) return std::nullopt;

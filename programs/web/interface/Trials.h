@@ -29,6 +29,12 @@ class Trial {
   // nothing when no trial is wanted.
   static std::optional<Trial> Read(const JsonValue& body);
 
+  // The same of a query's parameter "confirm", which is a number.
+  static std::optional<Trial> Read(const Query& query);
+
+  // As long as this one, under a name of its own.
+  Trial MakeAnother() const { return Make(_seconds); }
+
   // Has the next change of the connection put on trial. Throws Refusal, 501, when the daemon can't.
   void Arm(Call& call) const;
 
@@ -43,6 +49,7 @@ class Trial {
   [[nodiscard]] bool Revert(Call& call) const { return End(call, "revert"); }
 
  private:
+  static Trial Make(unsigned seconds);
   bool End(Call& call, const char* word) const;
 
   Trial(unsigned seconds, std::string name) : _seconds(seconds), _name(std::move(name)) {}

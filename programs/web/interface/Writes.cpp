@@ -37,11 +37,13 @@ JsonValue ParseKeys(const Call& call, const std::string& group) {
   return body;
 }
 
-Response ShowWritten(const Call& call, const std::string& group, const IniFile::KeyMap& keys, int status) {
-  Response response = JsonResponse({{"name", programs::NameToJson(group)},
-                                    {"version", call.view.FindVersion(group, keys)},
-                                    {"values", call.view.ValuesToJson(group, keys)}},
-                                   status);
+Response ShowWritten(Call& call, const std::string& group, const IniFile::KeyMap& keys, int status,
+                     const std::optional<Trial>& trial = std::nullopt) {
+  json document = {{"name", programs::NameToJson(group)},
+                   {"version", call.view.FindVersion(group, keys)},
+                   {"values", call.view.ValuesToJson(group, keys)}};
+  if (trial) document["pending"] = trial->Describe(call);
+  Response response = JsonResponse(document, status);
   response.headers.emplace_back("ETag", "\"" + call.view.FindVersion(group, keys) + "\"");
   return response;
 }
@@ -83,10 +85,13 @@ Response PatchGroup(Call& call) {
   const std::string group = RequireWritableName(call);
   const Conditions conditions(call.request);
   const JsonValue patch = ParseKeys(call, group);
-  if (call.query.HasFlag("volatile")) return PatchVolatile(call, group, patch, conditions);
-  GroupChange change(call, group, conditions);
+  const std::optional<Trial> trial = Trial::Read(call.query);
+  const bool isVolatile = call.query.HasFlag("volatile");
+  if (isVolatile && trial) throw Refusal(400, "'confirm' and 'volatile' exclude one another");
+  if (isVolatile) return PatchVolatile(call, group, patch, conditions);
+  GroupChange change(call, group, conditions, trial);
   change.Run([&](const Keys& before) { return Patched(group, before, patch); });
-  return ShowWritten(call, group, change.GetAfter().value_or(IniFile::KeyMap()), 200);
+  return ShowWritten(call, group, change.GetAfter().value_or(IniFile::KeyMap()), 200, change.GetTrial());
 }
 
 Response PutGroup(Call& call) {

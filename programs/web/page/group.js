@@ -284,23 +284,30 @@ function DeleteDialog({ group, onDone, onClose }) {
 // No condition of a change takes a default away: the group is replaced as a whole, which the device does for the version
 // that is shown here alone.
 function RemoveDialog({ group, name, onDone, onClose }) {
+  const [seconds, setSeconds] = useState(0);
   const spelled = spellName(name) || '(empty key)';
   const isFromUser = group.settings.get(name)?.origin === 'user';
-  const remove = () => ask('PATCH', 'group', { query: { name: group.name }, body: { [name]: null }, headers: { 'If-Match': `"${group.version}"` } });
+  const remove = () => ask('PATCH', 'group', {
+    query: { name: group.name, confirm: seconds > 0 ? seconds : null }, body: { [name]: null }, headers: { 'If-Match': `"${group.version}"` },
+  });
   return html`<${Confirm} title="Remove this setting?" word="Remove" isDanger act=${remove} onDone=${onDone} onClose=${onClose}>
     <p><code>${spelled}</code> of <code>${spellName(group.name)}</code> goes, and so does its default: it shows again once the whole group is reset.</p>
     <p>Other settings of the group stay as they are, and count as set by users from then on.</p>
     ${isFromUser ? html`<p class="quiet">Reset takes away what users set alone.</p>` : null}
+    ${has('trial') ? html`<${TrialChoice} seconds=${seconds} onChange=${setSeconds} />` : null}
   </${Confirm}>`;
 }
 
 function ResetDialog({ group, onDone, onClose }) {
+  const [seconds, setSeconds] = useState(0);
   const own = [...group.settings].filter(([, setting]) => setting.origin === 'user');
-  const reset = () => ask('POST', 'apply', { body: { unset: { [group.name]: [] } } });
+  const change = { unset: { [group.name]: [] } };
+  const reset = () => ask('POST', 'apply', { body: seconds > 0 ? { ...change, confirm: seconds } : change });
   return html`<${Confirm} title="Back to the defaults?" word="Reset" act=${reset} onDone=${onDone} onClose=${onClose}>
     <p>${count(own.length, 'setting')} of <code>${spellName(group.name)}</code> that users set:</p>
     <${ChangeTable} caption="What goes" showsGroup=${false}
       changes=${own.map(([key, setting]) => ({ group: group.name, key, old: setting.value, unset: true }))} />
+    ${has('trial') ? html`<${TrialChoice} seconds=${seconds} onChange=${setSeconds} />` : null}
   </${Confirm}>`;
 }
 
@@ -369,9 +376,10 @@ export function GroupView({ name }) {
     setRemoved(key);
     setDialog('remove');
   };
-  const onRemoved = () => {
+  const onRemoved = (answer) => {
     close();
     read();
+    keepLater(answer.pending);
   };
   const onGone = () => {
     close();
@@ -390,6 +398,6 @@ export function GroupView({ name }) {
     ${dialog === 'conflict' && hasConflicts ? html`<${ConflictDialog} group=${group} settings=${group.settings} onDone=${onDecided} onClose=${close} />` : null}
     ${dialog === 'delete' ? html`<${DeleteDialog} group=${group} onDone=${onGone} onClose=${close} />` : null}
     ${dialog === 'remove' ? html`<${RemoveDialog} group=${group} name=${removed} onDone=${onRemoved} onClose=${close} />` : null}
-    ${dialog === 'reset' ? html`<${ResetDialog} group=${group} onDone=${() => onSaved(true)} onClose=${close} />` : null}
+    ${dialog === 'reset' ? html`<${ResetDialog} group=${group} onDone=${(answer) => onSaved(true, answer.pending)} onClose=${close} />` : null}
   </section>`;
 }

@@ -160,6 +160,40 @@ TEST(WebTrials, TakeSecondsAlone) {
   EXPECT_FALSE(Parse(none).contains("pending"));
 }
 
+TEST(WebTrials, OfOneGroupTakeAwayAndBringBack) {
+  const History web;
+  ASSERT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1, "l": 2})").status, 200);
+  const HttpReply patch = web.Ask("PATCH", "/group?name=a&confirm=600", R"({"k": null, "m": 3})");
+  ASSERT_EQ(patch.status, 200) << patch.body;
+  EXPECT_EQ(Parse(patch)["values"].dump(), R"({"l":"2","m":"3"})");
+  const std::string name = Parse(patch)["pending"]["name"];
+  EXPECT_EQ(web.Ask("DELETE", "/pending?name=" + name).status, 200);
+  const json keys = Parse(web.Ask("GET", "/group?name=a"))["keys"];
+  EXPECT_EQ(keys["k"]["value"], "1");
+  EXPECT_EQ(keys["l"]["value"], "2");
+  EXPECT_FALSE(keys.contains("m"));
+}
+
+TEST(WebTrials, OfTheLastKeyOfAGroupBringItBack) {
+  const History web;
+  ASSERT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})").status, 200);
+  const HttpReply patch = web.Ask("PATCH", "/group?name=a&confirm=600", R"({"k": null})");
+  EXPECT_EQ(Parse(web.Ask("GET", "/group?name=a"))["keys"].dump(), "{}");
+  EXPECT_EQ(web.Ask("DELETE", "/pending?name=" + Parse(patch)["pending"]["name"].get<std::string>()).status, 200);
+  EXPECT_EQ(web.ReadValue(), "1");
+}
+
+TEST(WebTrials, OfOneGroupTakeSecondsAndNothingElse) {
+  const History web;
+  for (const char* confirm : {"9", "601", "true", "", "x"})
+    EXPECT_EQ(web.Ask("PATCH", std::string("/group?name=a&confirm=") + confirm, R"({"k": 1})").status, 400) << confirm;
+  EXPECT_EQ(web.Ask("PATCH", "/group?name=a&confirm=90&volatile=1", R"({"k": 1})").status, 400);
+  EXPECT_EQ(web.Ask("GET", "/group?name=a").status, 404);
+  ASSERT_EQ(web.Ask("PATCH", "/group?name=a", R"({"k": 1})").status, 200);
+  const HttpReply same = web.Ask("PATCH", "/group?name=a&confirm=90", R"({"k": 1})");
+  EXPECT_TRUE(Parse(same)["pending"].is_null()) << same.body;
+}
+
 TEST(WebTrials, AreNotImplementedWithoutThem) {
   const TemporaryDirectory directory;
   const Daemon daemon(directory);
@@ -167,6 +201,7 @@ TEST(WebTrials, AreNotImplementedWithoutThem) {
   HttpConnection connection(process.GetPort());
   EXPECT_EQ(connection.Ask("GET", "/api/v1/pending").status, 501);
   EXPECT_EQ(connection.Ask("POST", "/api/v1/apply", R"({"set": {"a": {"k": 1}}, "confirm": 90})").status, 501);
+  EXPECT_EQ(connection.Ask("PATCH", "/api/v1/group?name=a&confirm=90", R"({"k": 1})").status, 501);
   EXPECT_EQ(connection.Ask("GET", "/api/v1/group?name=a").status, 404);
 }
 

@@ -67,6 +67,24 @@ test('one setting is removed, and its default with it', async () => {
   await field('codec').waitFor();
 });
 
+for (const [what, open, word] of [['one setting', 'Remove fps', 'Remove'], ['what users set', 'Reset…', 'Reset']]) {
+  test(`${what} is taken away on trial, and comes back`, async () => {
+    await openGroup('24');
+    await button(open).click();
+    await page.getByLabel('Take it back by itself').check();
+    await page.getByLabel('after').fill('600');
+    await page.getByLabel('after').press('Tab');
+    await checkBothColours(page, `${word} on trial`);
+    await button(word).click();
+    const banner = page.getByRole('region', { name: 'Changes on trial' });
+    await banner.getByText('s until it goes back, unless this page still gets through in').waitFor();
+    assert.notEqual(await device.value(kGroup, 'fps'), '24');
+    await banner.getByRole('button', { name: 'Take back' }).click();
+    await banner.waitFor({ state: 'detached' });
+    assert.equal(await device.value(kGroup, 'fps'), '24');
+  });
+}
+
 test('a setting that somebody changes meanwhile is not removed', async () => {
   await openGroup('25');
   await button('Remove fps').click();
