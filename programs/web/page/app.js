@@ -23,6 +23,8 @@ const kViews = {
   backup: { title: 'Backup', load: () => import('./backup.js'), part: 'BackupView' },
 };
 
+const kMaxPaint = 1000; // ms
+
 const kConnections = {
   connecting: 'connecting…', live: 'live', lost: 'no daemon', offline: 'not reached',
 };
@@ -253,11 +255,20 @@ function onKey(event) {
   }
 }
 
+// Resolves once what lies in index.html is painted; at once where nobody looks.
+function awaitPaint() {
+  return new Promise((resolve) => {
+    setTimeout(resolve, document.hidden ? 0 : kMaxPaint);
+    requestAnimationFrame(() => setTimeout(resolve));
+  });
+}
+
 async function begin() {
   const page = document.getElementById('page');
-  page.textContent = ''; // what is painted before anything has run
+  followTree(); // beside all else: it takes a while
+  await awaitPaint();
+  page.textContent = '';
   render(html`<${Page} />`, page);
-  followTree(); // beside the device's status: both take a while
   window.addEventListener('keydown', onKey);
   document.addEventListener('visibilitychange', () => document.hidden || refreshPending());
   await readDevice().catch(() => {});

@@ -157,14 +157,17 @@ function Row({ row, isActive, isChosen, hasDraft, top, onPick }) {
 function useSight(frame) {
   const [sight, setSight] = useState({ top: 0, height: 640 });
   useLayoutEffect(() => {
-    const look = () => setSight({ top: frame.current.scrollTop, height: frame.current.clientHeight });
     const element = frame.current;
+    const look = () => setSight((before) => {
+      const [top, height] = [element.scrollTop, element.clientHeight];
+      return before.top === top && before.height === height ? before : { top, height };
+    });
+    const observer = new ResizeObserver(look); // looks once there is a layout, and forces none
     element.addEventListener('scroll', look, { passive: true });
-    window.addEventListener('resize', look);
-    look();
+    observer.observe(element);
     return () => {
       element.removeEventListener('scroll', look);
-      window.removeEventListener('resize', look);
+      observer.disconnect();
     };
   }, []);
   const first = Math.max(0, Math.floor(sight.top / kRowHeight) - kMargin);

@@ -1,4 +1,5 @@
-// How soon the page is there, with the processor slowed six times and 100,000 groups: for ./dev soak, as it measures.
+// How soon the page is there, with the processor slowed six times and 100,000 groups, and how soon it shows a change: for
+// ./dev soak, as it measures.
 import assert from 'node:assert/strict';
 import { after, test } from 'node:test';
 import { closeBrowser, Visit } from './browser.mjs';
@@ -7,6 +8,8 @@ import { Device, endAll } from './device.mjs';
 const kGroups = 100000;
 const kTimes = 7; // an odd number
 const kSlowed = 6;
+const kMaxChange = 100; // ms
+const kDrawPause = 300; // ms; more than lies between two times that the page draws changes
 
 after(async () => {
   await closeBrowser();
@@ -61,3 +64,35 @@ for (const { where, nameOf, maxUse } of kCases) {
     assert.ok(use <= maxUse, `usable behind ${use} ms`);
   });
 }
+
+// Runs in the page: resolves to the time of the frame that shows the value.
+function awaitValue(wanted) {
+  return new Promise((resolve) => {
+    const look = () => {
+      if (document.querySelector('textarea[aria-label=fps]').value === wanted) resolve(Date.now());
+      else requestAnimationFrame(look);
+    };
+    look();
+  });
+}
+
+test('a change is in the page soon', async (run) => {
+  const group = 'Video/Streams/Main';
+  const device = await Device.start();
+  const visit = await Visit.begin({ origin: device.url });
+  const page = await visit.open(`#/group?name=${group}`);
+  await page.getByText('live', { exact: true }).waitFor();
+  await page.getByLabel('fps', { exact: true }).waitFor();
+  const times = [];
+  for (let number = 1; number <= 3 * kTimes; ++number) {
+    const shown = page.evaluate(awaitValue, `${number}`);
+    await page.evaluate((pause) => new Promise((resolve) => { setTimeout(resolve, pause); }), kDrawPause);
+    const start = Date.now();
+    await device.set(group, { fps: `${number}` });
+    times.push(await shown - start);
+  }
+  await visit.end();
+  await device.stop();
+  run.diagnostic(`a change is in the page behind ${median(times)} ms; at most ${Math.max(...times)} ms`);
+  assert.ok(median(times) <= kMaxChange, `shown behind ${times} ms`);
+});
