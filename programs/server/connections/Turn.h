@@ -42,14 +42,15 @@ struct Turn {
   // Puts those that wait into the order in which they are to be served. turnOf: returns the turn of an element.
   template <class Waiting, class TurnOf>
   static void Order(std::vector<Waiting>& waiting, TurnOf turnOf) {
-    const auto isOlder = [&](const Waiting& a, const Waiting& b) {
+    bool isByCost = false;  // one comparison for both, as the compiler makes much of each
+    const auto isBefore = [&](const Waiting& a, const Waiting& b) {
+      if (isByCost) return turnOf(a).GetCostClass() < turnOf(b).GetCostClass();
       return turnOf(a).lastServed < turnOf(b).lastServed;
     };
-    std::stable_sort(waiting.begin(), waiting.end(), isOlder);
+    std::stable_sort(waiting.begin(), waiting.end(), isBefore);
+    isByCost = true;
     const auto rest = waiting.begin() + static_cast<std::ptrdiff_t>(std::min(kOldest, waiting.size()));
-    std::stable_sort(rest, waiting.end(), [&](const Waiting& a, const Waiting& b) {
-      return turnOf(a).GetCostClass() < turnOf(b).GetCostClass();
-    });
+    std::stable_sort(rest, waiting.end(), isBefore);
   }
 };
 
