@@ -73,6 +73,9 @@ class Connection : private SlowLane::IJob {
   Connection(osa::Descriptor descriptor, int poll, int wakeLoop, const Shared& shared)
       : Connection(Peer(descriptor.Get()), std::move(descriptor), poll, wakeLoop, shared) {}
 
+  // The same, for a caller that knows the peer already.
+  Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared);
+
   // What was not sent is gone. What the kernel still has to send goes out all the same. Logs why it ends, if a bound is
   // passed. Waits until the lane has finished with it.
   ~Connection() override;
@@ -159,8 +162,6 @@ class Connection : private SlowLane::IJob {
     bool reads = true;
     bool writes = false;
   };
-
-  Connection(Peer peer, osa::Descriptor&& descriptor, int poll, int wakeLoop, const Shared& shared);
 
   bool TakeInput(std::string_view received);
   bool HandleRequests(std::string_view received, size_t& handled);

@@ -1,14 +1,10 @@
 #include "programs/server/connections/EventLoop.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <utility>
@@ -27,24 +23,9 @@ constexpr int kTickMilliseconds = 1000;
 constexpr int kMaxEvents = 1024;
 constexpr size_t kFewEvents = 16;                   // that are all served, in the order in which they came
 constexpr std::chrono::milliseconds kRoundTime{2};  // for events, and for turns, before the loop looks for new events
+constexpr size_t kMinAccepts = 8;                   // in a round that does more than that
 constexpr int kReadsInARow = 64;
 constexpr int kPauseAfterVainRead = 8;
-
-osa::Descriptor Checked(int descriptor, const char* what) {
-  if (descriptor < 0) throw osa::Exception("Failed to make %s: %s", what, std::strerror(errno));
-  return osa::Descriptor(descriptor);
-}
-
-// An event of "wake" is reported with no connection.
-osa::Descriptor MakePoll(const osa::Descriptor& wake) {
-  osa::Descriptor poll = Checked(epoll_create1(EPOLL_CLOEXEC), "an epoll descriptor");
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.ptr = nullptr;
-  if (epoll_ctl(poll.Get(), EPOLL_CTL_ADD, wake.Get(), &event) != 0)
-    throw osa::Exception("Failed to watch an event descriptor: %s", std::strerror(errno));
-  return poll;
-}
 
 // The processor time of the thread is exact where many wait, as for locks, too; the other clock is cheaper to read.
 int64_t ReadMicroseconds(clockid_t clock) {
@@ -63,8 +44,6 @@ core::Logger* Log() {
 EventLoop::EventLoop(const Connection::Shared& shared, std::function<void()> onFailure)
     : _shared(shared),
       _onFailure(std::move(onFailure)),
-      _wake(Checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "an event descriptor")),
-      _poll(MakePoll(_wake)),
       _scratch(new char[kScratchSize]),
       _thread("EventLoop", [this] { Run(); }) {}
 
@@ -73,7 +52,7 @@ EventLoop::~EventLoop() {
     osa::PlainMutexLock lock(_mutex);
     _stop = true;
   }
-  eventfd_write(_wake.Get(), 1);
+  _poll.Wake();
   _thread.Join();
 }
 
@@ -86,13 +65,13 @@ void EventLoop::Add(osa::Descriptor descriptor) {
   } catch (const std::exception& exception) {
     Refuse(exception.what());
   }
-  eventfd_write(_wake.Get(), 1);
+  _poll.Wake();
 }
 
 void EventLoop::Probe() {
   osa::PlainMutexLock lock(_mutex);
   const unsigned long long probe = ++_probes;
-  eventfd_write(_wake.Get(), 1);
+  _poll.Wake();
   lock.Wait(_answered, [&]() TAVIX_REQUIRES(_mutex) { return _answers >= probe || _failed; });
 }
 
@@ -125,9 +104,8 @@ void EventLoop::ServeUntilStopped() {
     ++_round;
     _turns.swap(_busy);
     const int wait = !_turns.empty() ? 0 : _ticks ? kTickMilliseconds : -1;
-    const int count = epoll_wait(_poll.Get(), events.get(), kMaxEvents, wait);
-    if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
-    if (!ServeRound(events.get(), static_cast<size_t>(std::max(count, 0)))) return _connections.clear();
+    const size_t count = _poll.Wait(events.get(), kMaxEvents, wait);
+    if (!ServeRound(events.get(), count)) return _connections.clear();
     if (_ticks && Connection::Clock::now() >= _nextTick) Tick();
   }
 }
@@ -144,8 +122,13 @@ bool EventLoop::ServeRound(const epoll_event* events, size_t count) {
 
 // False when the loop is to stop.
 bool EventLoop::ServeEvents(const epoll_event* events, size_t count) {
+  bool hasSource = false;
   _waiting.clear();
   for (size_t i = 0; i < count; ++i) {
+    if (LoopPoll::FindSource(events[i])) {
+      hasSource = true;
+      continue;
+    }
     auto* const connection = static_cast<Connection*>(events[i].data.ptr);
     if (connection) {
       const bool isQueued = connection->turn.isQueued && events[i].events == EPOLLIN;  // first what has come before
@@ -154,6 +137,7 @@ bool EventLoop::ServeEvents(const epoll_event* events, size_t count) {
       return false;
     }
   }
+  if (hasSource) CallSources(events, count);
   if (count == 1 && !_waiting.empty()) {
     const Event event = _waiting.front();
     ServeTimed(event.connection, CLOCK_MONOTONIC, [&] { return HandleEvent(event.connection, event.events, true); });
@@ -161,6 +145,18 @@ bool EventLoop::ServeEvents(const epoll_event* events, size_t count) {
     ServeInOrder();
   }
   return true;
+}
+
+// Before connections are served, which may take long: the kernel has woken no other loop for the new ones. The more
+// connections a round serves, the longer it takes, and the more new ones may come in it.
+void EventLoop::CallSources(const epoll_event* events, size_t count) {
+  _newest = nullptr;
+  const bool isAlone = count == 1 && _turns.empty();
+  const size_t max = isAlone ? 1 : std::max(kMinAccepts, _waiting.size() + _turns.size());
+  for (size_t i = 0; i < count; ++i) {
+    if (LoopPoll::ISource* const source = LoopPoll::FindSource(events[i])) source->OnReadable(*this, max);
+  }
+  if (isAlone && _newest) ServeTimed(_newest, CLOCK_MONOTONIC, [this, newest = _newest] { return ReadFirst(newest); });
 }
 
 // Those that are left when the time is up are reported again in the next round.
@@ -178,8 +174,7 @@ void EventLoop::ServeInOrder() {
 
 // Another thread wants something. Returns whether the loop goes on.
 bool EventLoop::TakeCall() {
-  eventfd_t ignored = 0;
-  eventfd_read(_wake.Get(), &ignored);
+  _poll.TakeCall();
   _ticks = true;
   _wasWoken = true;
   {
@@ -200,22 +195,36 @@ void EventLoop::TakeNewConnections() {
   }
   for (osa::Descriptor& descriptor : descriptors) {
     try {
-      TakeNew(std::move(descriptor));
+      Peer peer(descriptor.Get());
+      TakeNew(std::move(descriptor), std::move(peer));
     } catch (const std::exception& exception) {
       Refuse(exception.what());
     }
   }
 }
 
+void EventLoop::TakeAccepted(osa::Descriptor descriptor, const SocketAddress& address) noexcept {
+  ++_count;
+  _shared.counters.clients.Add();
+  try {
+    Peer peer(descriptor.Get(), address);
+    TakeNew(std::move(descriptor), std::move(peer));
+  } catch (const std::exception& exception) {
+    Refuse(exception.what());
+  }
+}
+
 // The lists get room for all connections here, so that serving them asks for no memory.
-void EventLoop::TakeNew(osa::Descriptor descriptor) {
+void EventLoop::TakeNew(osa::Descriptor descriptor, Peer peer) {
   for (std::vector<Connection*>* places : {&_busy, &_turns, &_inLane}) {
     if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
   }
-  auto connection = std::make_unique<Connection>(std::move(descriptor), _poll.Get(), _wake.Get(), _shared);
+  auto connection = std::make_unique<Connection>(std::move(peer), std::move(descriptor), _poll.GetDescriptor(),
+                                                 _poll.GetWakeDescriptor(), _shared);
   connection->turn.lastServed = _round;  // those that wait already come first
   Connection* const key = connection.get();
   _connections.emplace(key, std::move(connection));
+  _newest = key;
 }
 
 // A line that can't be written for want of memory is left out.
@@ -318,6 +327,17 @@ bool EventLoop::ReadOn(Connection* connection) {
     }
   }
   return true;
+}
+
+// A client that connects has mostly sent its first request by the time it is accepted.
+bool EventLoop::ReadFirst(Connection* connection) {
+  if (_firstReadsToLeaveOut > 0) {
+    --_firstReadsToLeaveOut;
+    return true;
+  }
+  const bool lives = connection->OnReadable(_scratch.get(), kScratchSize);
+  if (lives && connection->CountReads() == 0) _firstReadsToLeaveOut = kPauseAfterVainRead;
+  return lives;
 }
 
 // Connections that were read in this round already had their turn. Those that are left when the time is up come first

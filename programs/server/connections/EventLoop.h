@@ -12,6 +12,8 @@
 
 #include "programs/common/LoopThread.h"
 #include "programs/server/connections/Connection.h"
+#include "programs/server/connections/LoopPoll.h"
+#include "programs/server/system/SocketName.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -20,6 +22,7 @@ namespace tavix::daemon {
 // A thread that serves many connections, each when there is something to do for it. It goes round, and a round is:
 //
 //     wait      for events, or, where connections are queued for a turn, only look for them
+//     sources   that were reported are called, which bring new connections
 //     serve     the connections with events: few in the order in which they came, many in that of Turn. When that takes
 //               long, the rest is reported again in the next round, where it has waited longest
 //     lane      connections whose requests the slow lane has carried out go on, if the loop was woken
@@ -30,7 +33,8 @@ namespace tavix::daemon {
 // A connection that still has requests behind its turn is queued (Turn::isQueued), in _busy for the next round. One
 // whose request takes long is in _inLane until the lane has finished with it; when it ends meanwhile, it is abandoned.
 //
-// Threads: its own has all connections. Add, Probe, HasFailed and CountConnections may be called from any thread.
+// Threads: its own has all connections. Add, GetPoll, Probe, HasFailed and CountConnections may be called from any
+//          thread.
 // Locks:   its own mutex; not held while a connection is served.
 // Errors:  what a connection's work throws ends that connection. Anything else ends the loop with all of its
 //          connections.
@@ -49,6 +53,12 @@ class EventLoop {
 
   // Takes a connected descriptor over. From any thread.
   void Add(osa::Descriptor descriptor) TAVIX_EXCLUDES(_mutex);
+
+  // The same, on the loop's own thread, by a source. peer: its address.
+  void TakeAccepted(osa::Descriptor descriptor, const SocketAddress& peer) noexcept;
+
+  // Watches descriptors for their sources. From any thread.
+  const LoopPoll& GetPoll() const { return _poll; }
 
   // Returns once the loop has come round after the call, or has failed. From any thread, while nobody ends the loop.
   void Probe() TAVIX_EXCLUDES(_mutex);
@@ -72,7 +82,9 @@ class EventLoop {
   bool TakeCall();
   void Fail(const char* reason);
   void TakeNewConnections();
-  void TakeNew(osa::Descriptor descriptor);
+  void TakeNew(osa::Descriptor descriptor, Peer peer);
+  void CallSources(const epoll_event* events, size_t count);
+  bool ReadFirst(Connection* connection);
   template <class Work>
   bool Serve(Connection* connection, Work work);
   template <class Work>
@@ -90,8 +102,7 @@ class EventLoop {
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
-  const osa::Descriptor _wake;
-  const osa::Descriptor _poll;  // of the connections, and of _wake
+  const LoopPoll _poll;
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn
@@ -101,6 +112,8 @@ class EventLoop {
   std::vector<Connection*> _inLane;           // likewise: whose request the slow lane has. Has room for all
   bool _wasWoken = false;                     // likewise: in this round
   int _readsToLeaveOut = 0;                   // likewise: how many events to wait for before the next look without one
+  int _firstReadsToLeaveOut = 0;              // likewise, of new connections
+  Connection* _newest = nullptr;              // likewise: taken from a source in this round
   bool _ticks = false;                        // likewise
   Connection::Clock::time_point _nextTick{};  // likewise
   std::atomic<size_t> _count{0};

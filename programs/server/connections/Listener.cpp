@@ -1,6 +1,7 @@
 #include "programs/server/connections/Listener.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -10,7 +11,6 @@
 #include "programs/common/PassedSockets.h"
 #include "programs/server/connections/TcpSockets.h"
 #include "programs/server/connections/UnixSocketFile.h"
-#include "programs/server/system/SocketName.h"
 #include "tavix/osa/ConnectEndpoint.h"
 #include "tavix/osa/Exception.h"
 
@@ -47,16 +47,9 @@ void RequirePossible(const ListenAddress& address, const Options& options) {
   }
 }
 
-struct BoundAddress {
-  sockaddr_storage storage{};
-  socklen_t size = sizeof storage;
-
-  const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
-};
-
-BoundAddress AddressOf(int descriptor) {
-  BoundAddress bound;
-  if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&bound.storage), &bound.size) != 0) bound.size = 0;
+SocketAddress AddressOf(int descriptor) {
+  SocketAddress bound;
+  if (getsockname(descriptor, bound.Get(), &bound.size) != 0) bound.size = 0;
   return bound;
 }
 
@@ -120,7 +113,7 @@ void Listener::OpenUnix(const ListenAddress& address, const Options& options, st
 
 void Listener::TakePassed(std::vector<osa::Descriptor> passed, bool allowRemote, std::vector<Listener>& listeners) {
   for (osa::Descriptor& descriptor : passed) {
-    const BoundAddress bound = AddressOf(descriptor.Get());
+    const SocketAddress bound = AddressOf(descriptor.Get());
     if (!IsListeningStream(descriptor.Get()))
       throw osa::Exception("Descriptor %d, which the service manager passed, is no listening stream socket",
                            descriptor.Get());
@@ -128,24 +121,35 @@ void Listener::TakePassed(std::vector<osa::Descriptor> passed, bool allowRemote,
     // A client that has left again by the time it is accepted must not make the accepting thread wait for another one.
     const int flags = fcntl(descriptor.Get(), F_GETFL);
     if (flags >= 0) fcntl(descriptor.Get(), F_SETFL, flags | O_NONBLOCK);
+    osa::SetUpConnection(descriptor.Get());
     listeners.push_back(Listener(std::move(descriptor), nullptr));
+    listeners.back()._hasOlder = true;
   }
 }
 
 Listener::Listener(osa::Descriptor descriptor, std::unique_ptr<UnixSocketFile> file)
     : _file(std::move(file)), _descriptor(std::move(descriptor)) {
-  const BoundAddress bound = AddressOf(_descriptor.Get());
+  const SocketAddress bound = AddressOf(_descriptor.Get());
   _isUnix = bound.Get()->sa_family == AF_UNIX;
   _address = ToText(bound.Get(), bound.size);
-  osa::SetUpConnection(_descriptor.Get());
 }
 
 Listener::Listener(Listener&&) noexcept = default;
 
 Listener::~Listener() = default;
 
-int Listener::Accept() const {
-  return accept4(_descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC);
+int Listener::Accept(SocketAddress& peer) const {
+  const int accepted = accept4(_descriptor.Get(), peer.Get(), &peer.size, SOCK_CLOEXEC);
+  if (accepted >= 0 && _hasOlder) {
+    osa::SetUpConnection(accepted);
+    _hasOlder = DoesAnybodyWait();
+  }
+  return accepted;
+}
+
+bool Listener::DoesAnybodyWait() const {
+  pollfd waits{_descriptor.Get(), POLLIN, 0};
+  return poll(&waits, 1, 0) > 0;
 }
 
 }  // namespace tavix::daemon

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "programs/server/options/Options.h"
+#include "programs/server/system/SocketName.h"
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
@@ -35,8 +36,10 @@ class Listener {
   const std::string& GetAddress() const { return _address; }
 
   // The next connection's descriptor, or -1 with errno set. It is set up as osa::SetUpConnection does, and closed on
-  // exec.
-  int Accept() const;
+  // exec. peer: becomes its far end's address.
+  int Accept(SocketAddress& peer) const;
+
+  bool DoesAnybodyWait() const;
 
  private:
   Listener(osa::Descriptor descriptor, std::unique_ptr<UnixSocketFile> file);
@@ -48,6 +51,7 @@ class Listener {
   std::unique_ptr<UnixSocketFile> _file;  // goes after the socket
   osa::Descriptor _descriptor;
   bool _isUnix;
+  mutable bool _hasOlder = false;  // connections that were made before the socket was set up may wait
   std::string _address;
 };
 

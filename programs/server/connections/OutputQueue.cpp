@@ -238,13 +238,22 @@ bool OutputQueue::IsPeerGone() const {
 // the loop sees it as an event of the socket.
 void OutputQueue::Break(End end) {
   if (_isBroken) return;
+  Drop(end);
+  shutdown(_descriptor, end == End::kPeer ? SHUT_WR : SHUT_RDWR);
+  _onKept();
+}
+
+void OutputQueue::Drop(End end) {
   _end = end;
   _isBroken = true;
-  shutdown(_descriptor, end == End::kPeer ? SHUT_WR : SHUT_RDWR);
   _kept.Clear();
   NoteKept();
   _holds.clear();
-  _onKept();
+}
+
+void OutputQueue::OnPeerGone() {
+  osa::PlainMutexLock lock(_mutex);
+  if (!_isBroken) Drop(End::kPeer);
 }
 
 void OutputQueue::BreakFor(End end) {

@@ -80,8 +80,8 @@ class OutputQueue : public settings::server::IClientOutput,
   // Sends on what is kept, as far as the socket takes it. Returns what stays.
   size_t Send() TAVIX_EXCLUDES(_mutex);
 
-  // Nothing that is written from now on would reach the peer.
-  void OnPeerGone() TAVIX_EXCLUDES(_mutex) { BreakFor(End::kPeer); }
+  // Nothing that is written from now on would reach the peer. By the loop, which has seen that: onKept is not called.
+  void OnPeerGone() TAVIX_EXCLUDES(_mutex);
 
   // Nothing is sent, kept or reported any more. A writer may be at work.
   void Close() TAVIX_EXCLUDES(_mutex);
@@ -126,6 +126,7 @@ class OutputQueue : public settings::server::IClientOutput,
   size_t SendOnce(KeptOutput::Pieces& pieces, size_t count) TAVIX_REQUIRES(_mutex);
   bool IsPeerGone() const;
   void Break(End end) TAVIX_REQUIRES(_mutex);
+  void Drop(End end) TAVIX_REQUIRES(_mutex);
   void BreakFor(End end) TAVIX_EXCLUDES(_mutex);
   template <class Work>
   bool DoOrBreak(Work work) TAVIX_EXCLUDES(_mutex);

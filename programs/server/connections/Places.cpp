@@ -13,14 +13,13 @@ Places::Places(size_t max) : _max(max), _freed(eventfd(0, EFD_CLOEXEC | EFD_NONB
   if (!_freed) throw osa::Exception("Failed to make an event descriptor: %s", std::strerror(errno));
 }
 
-// A place that is freed between the look and the note is seen by the second look.
+// A place that is freed between the look and the note is seen by the second look. The note stays until a place is
+// freed: another thread may wait.
 bool Places::Take() {
   for (const bool isAwaited : {false, true}) {
     if (isAwaited) _isAwaited = true;
-    if (_taken < _max) {
-      ++_taken;
-      _isAwaited = false;
-      return true;
+    for (size_t taken = _taken; taken < _max;) {
+      if (_taken.compare_exchange_weak(taken, taken + 1)) return true;
     }
   }
   return false;

@@ -7,11 +7,11 @@
 
 namespace tavix::daemon {
 
-// How many connections there may be at a time. One thread takes a place for each, and any thread frees it.
+// How many connections there may be at a time. Who accepts one takes a place for it, and any thread frees it.
 //
 // A connection keeps its place as long as it has a descriptor.
 //
-// Threads: Take belongs to one thread; the rest may be called from any thread.
+// Threads: any. One waits for places.
 class Places {
  public:
   // Throws osa::Exception when the system has no event descriptor.
@@ -25,7 +25,7 @@ class Places {
   // Borrowed.
   int GetDescriptor() const { return _freed.Get(); }
 
-  // Has the descriptor not be readable until the next place is freed for which somebody waits.
+  // Has the descriptor not be readable until the next place is freed after a Take that returned false.
   void Acknowledge();
 
  private:

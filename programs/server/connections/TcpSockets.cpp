@@ -8,6 +8,7 @@
 
 #include "programs/server/system/SocketName.h"
 #include "tavix/core/Logger.h"
+#include "tavix/osa/ConnectEndpoint.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::daemon {
@@ -26,6 +27,7 @@ osa::Descriptor OpenSocket(const addrinfo& address) {
   setsockopt(made.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   // IPv4 has a socket of its own, where the address asks for both.
   if (address.ai_family == AF_INET6) setsockopt(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  osa::SetUpConnection(made.Get());  // before the first connection, which is made with these options
   if (bind(made.Get(), address.ai_addr, address.ai_addrlen) == 0 && listen(made.Get(), kBacklog) == 0) return made;
   const int error = errno;
   made.Reset();

@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <optional>
 
-#include "programs/server/system/SocketName.h"
-
 namespace tavix::daemon {
 
 namespace {
@@ -39,6 +37,16 @@ std::vector<gid_t> FindGroups(int descriptor) {
 Peer::Peer(int descriptor) {
   const std::optional<ucred> process = FindPeerProcess(descriptor);
   name = PeerName(descriptor, process);
+  SetProcess(descriptor, process);
+}
+
+Peer::Peer(int descriptor, const SocketAddress& address) {
+  const std::optional<ucred> process = FindPeerProcess(descriptor, address);
+  name = PeerName(address, process);
+  SetProcess(descriptor, process);
+}
+
+void Peer::SetProcess(int descriptor, const std::optional<ucred>& process) {
   lasting = PeerWithoutPort(process, name);
   identity.connection = process ? Connection::kUnix : Connection::kTcp;
   if (!process) return;

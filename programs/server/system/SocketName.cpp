@@ -22,6 +22,13 @@ std::string UnixToText(const sockaddr* address, socklen_t size) {
   return "unix:" + std::string(name->sun_path, strnlen(name->sun_path, size - start));
 }
 
+std::optional<ucred> FindUnixPeer(int descriptor) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
+  return peer;
+}
+
 }  // namespace
 
 std::string ToText(const sockaddr* address, socklen_t size) {
@@ -46,10 +53,12 @@ std::optional<ucred> FindPeerProcess(int descriptor) {
   int domain = 0;
   socklen_t size = sizeof domain;
   if (getsockopt(descriptor, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 || domain != AF_UNIX) return {};
-  ucred peer{};
-  size = sizeof peer;
-  if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return {};
-  return peer;
+  return FindUnixPeer(descriptor);
+}
+
+std::optional<ucred> FindPeerProcess(int descriptor, const SocketAddress& address) {
+  if (address.Get()->sa_family != AF_UNIX) return {};
+  return FindUnixPeer(descriptor);
 }
 
 std::string PeerWithoutPort(int descriptor) {
@@ -66,11 +75,14 @@ std::string PeerName(int descriptor) {
 }
 
 std::string PeerName(int descriptor, const std::optional<ucred>& process) {
+  SocketAddress peer;
+  if (!process && getpeername(descriptor, peer.Get(), &peer.size) != 0) return "?";
+  return PeerName(peer, process);
+}
+
+std::string PeerName(const SocketAddress& address, const std::optional<ucred>& process) {
   if (process) return "user " + std::to_string(process->uid) + " process " + std::to_string(process->pid);
-  sockaddr_storage peer{};
-  socklen_t size = sizeof peer;
-  if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return "?";
-  return ToText(reinterpret_cast<sockaddr*>(&peer), size);
+  return ToText(address.Get(), address.size);
 }
 
 }  // namespace tavix::daemon

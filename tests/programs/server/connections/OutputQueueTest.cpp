@@ -214,6 +214,15 @@ TEST_F(HoldingQueue, PeerThatIsGoneBreaksItAndIsStillReadFrom) {
   EXPECT_EQ(recv(_sockets[0], bytes, sizeof bytes, 0), 7);
 }
 
+TEST_F(HoldingQueue, LoopThatFoundThePeerGoneIsNotCalled) {
+  Write("a\n", Change());
+  const int before = _kept;
+  _queue->OnPeerGone();
+  EXPECT_EQ(_kept, before);
+  EXPECT_EQ(_queue->GetEnd(), OutputQueue::End::kPeer);
+  EXPECT_EQ(_queue->GetKeptBytes(), 0u);
+}
+
 TEST_F(HoldingQueue, ThatKeepsMostOfAllIsPickedWhenAllKeepTooMuch) {
   int others[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, others), 0);

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <atomic>
+#include <list>
+
 #include "tests/support/BackgroundCall.h"
 
 namespace tavix::test {
@@ -43,6 +46,29 @@ TEST(Places, ReportNothingWhereNobodyWaits) {
   ASSERT_TRUE(places.Take());
   places.Free();
   EXPECT_FALSE(IsReadable(places));
+}
+
+TEST(Places, AreNeverMoreThanTheMaximumForManyThatTakeThem) {
+  constexpr size_t kMax = 1;
+  Places places(kMax);
+  std::atomic<size_t> taken{0};
+  std::atomic<size_t> most{0};
+  std::list<BackgroundCall> calls;
+  for (int i = 0; i < 4; ++i) {
+    calls.emplace_back([&] {
+      for (int round = 0; round < 10'000; ++round) {
+        if (!places.Take()) continue;
+        const size_t now = ++taken;
+        if (now > most) most = now;
+        --taken;
+        places.Free();
+      }
+    });
+  }
+  for (BackgroundCall& call : calls) call.Join();
+  EXPECT_LE(most, kMax);
+  for (size_t i = 0; i < kMax; ++i) EXPECT_TRUE(places.Take());
+  EXPECT_FALSE(places.Take());
 }
 
 TEST(Places, AreNeverMissedByWhoWaitsForOne) {

@@ -78,6 +78,32 @@ TEST(Peer, ThatHasManyGroupsHasAllOfThem) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
+TEST(Peer, OfAKnownAddressIsTheSame) {
+  const ListeningSocket listener;
+  const osa::Descriptor client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  daemon::SocketAddress address;
+  ASSERT_EQ(getsockname(listener.GetDescriptor(), address.Get(), &address.size), 0);
+  ASSERT_EQ(connect(client.Get(), address.Get(), address.size), 0);
+  const Peer overTcp(client.Get(), address);
+  EXPECT_EQ(overTcp.name, Peer(client.Get()).name);
+  EXPECT_EQ(overTcp.lasting, "127.0.0.1");
+  EXPECT_EQ(overTcp.identity.connection, Connection::kTcp);
+}
+
+TEST(Peer, OfAKnownUnixAddressIsTheSame) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const osa::Descriptor first(ends[0]);
+  const osa::Descriptor second(ends[1]);
+  daemon::SocketAddress address;
+  ASSERT_EQ(getpeername(first.Get(), address.Get(), &address.size), 0);
+  const Peer peer(first.Get(), address);
+  EXPECT_EQ(peer.identity.connection, Connection::kUnix);
+  EXPECT_EQ(peer.identity.process, getpid());
+  EXPECT_EQ(peer.groups, OwnGroups());
+  EXPECT_EQ(peer.name, Peer(first.Get()).name);
+}
+
 TEST(Peer, OfNoSocketIsNobody) {
   const Peer peer(-1);
   EXPECT_EQ(peer.identity.connection, Connection::kTcp);
