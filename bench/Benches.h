@@ -12,6 +12,7 @@ void AddStoreBenches(Suite& suite);
 void AddDispatchBenches(Suite& suite);
 void AddRoundTripBenches(Suite& suite);
 void AddThroughputBenches(Suite& suite);
+void AddLoopsBenches(Suite& suite);
 void AddDurableBenches(Suite& suite);
 void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);

@@ -120,6 +120,7 @@ int Run(const Options& options) {
   AddDispatchBenches(suite);
   AddRoundTripBenches(suite);
   AddThroughputBenches(suite);
+  AddLoopsBenches(suite);
   AddDurableBenches(suite);
   AddLoadBenches(suite);
   AddNotifyBenches(suite);

@@ -145,7 +145,7 @@ bool Acceptor::GiveToLoop(Arrival arrival, EventLoop* caller) {
     return false;
   }
   _counters.accepted.Add();
-  EventLoop& receiver = FindLeastBusy(caller ? *caller : *_loops.front());
+  EventLoop& receiver = FindLeastBusy(caller);
   if (&receiver == caller) {
     caller->TakeAccepted(std::move(arrival.descriptor), arrival.peer);
     return false;
@@ -171,10 +171,15 @@ bool Acceptor::MayEnter(const Arrival& arrival) const noexcept {
   return false;
 }
 
-EventLoop& Acceptor::FindLeastBusy(EventLoop& first) const {
-  EventLoop* least = &first;
+// The caller's own loop is not stuck. Of equal ones it is the caller's.
+EventLoop& Acceptor::FindLeastBusy(EventLoop* caller) const {
+  const auto getBurden = [caller](const EventLoop& loop) {
+    const LoopLoad& load = loop.GetPoll().GetLoad();
+    return LoopBurden{&loop != caller && load.IsStuck(), load.GetPermille(), loop.CountConnections()};
+  };
+  EventLoop* least = caller ? caller : _loops.front();
   for (EventLoop* loop : _loops) {
-    if (loop->CountConnections() < least->CountConnections()) least = loop;
+    if (getBurden(*loop).IsLessThan(getBurden(*least))) least = loop;
   }
   return *least;
 }
@@ -203,12 +208,13 @@ void Acceptor::LeaveToMain() {
 // Of the loops that wait, the one that watched first is woken.
 void Acceptor::WatchAnew(EventLoop& loop) {
   osa::PlainMutexLock lock(_mutex);
-  if (!_doLoopsAccept) return;
+  if (!_doLoopsAccept || &loop == _lastWatched) return;
   UnwatchOn(loop);
   if (!WatchOn(loop)) LeaveToMain();
 }
 
 bool Acceptor::WatchOn(EventLoop& loop) {
+  _lastWatched = &loop;
   for (Door& door : _doors) {
     if (!loop.GetPoll().Watch(door.GetListener().GetDescriptor(), door)) return false;
   }

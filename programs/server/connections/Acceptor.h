@@ -26,9 +26,9 @@ class EventLoop;
 // The listening sockets, and who accepts connections from them. At any time that is one of two:
 //
 //     the loops   as long as all goes well. Each loop watches all listeners, and the kernel wakes one that waits: a
-//                 loop that is busy keeps nobody waiting to be accepted. The loop keeps the connection if none has
-//                 fewer, else it passes it to that one, and watches the listeners anew, so that the other is woken
-//                 first from then on.
+//                 loop that is busy keeps nobody waiting to be accepted. The connection goes to the
+//                 least busy loop, as LoopBurden tells. Another one that has accepted it passes it on, and watches the
+//                 listeners anew, so that the others are woken before it from then on.
 //     main        from the connection on that a loop can't take, for want of a place or a descriptor, until
 //                 connections can be taken again. It waits and refuses, as Entry says, for which loops have no time.
 //
@@ -114,7 +114,7 @@ class Acceptor {
   Outcome AcceptOne(const Listener& listener, Arrival& arrival);
   bool GiveToLoop(Arrival arrival, EventLoop* caller);
   bool MayEnter(const Arrival& arrival) const noexcept;
-  EventLoop& FindLeastBusy(EventLoop& first) const;
+  EventLoop& FindLeastBusy(EventLoop* caller) const;
   bool DoLoopsAccept() TAVIX_EXCLUDES(_mutex);
   void LetLoopsAccept() TAVIX_EXCLUDES(_mutex);
   void LeaveToMain() TAVIX_REQUIRES(_mutex);
@@ -144,6 +144,7 @@ class Acceptor {
   Clock::time_point _waitsSince{};  // for a place
   osa::PlainMutex _mutex;
   bool _doLoopsAccept TAVIX_GUARDED_BY(_mutex) = false;
+  const EventLoop* _lastWatched TAVIX_GUARDED_BY(_mutex) = nullptr;  // is woken last
 };
 
 }  // namespace tavix::daemon

@@ -102,7 +102,7 @@ class EventLoop {
 
   const Connection::Shared _shared;
   const std::function<void()> _onFailure;
-  const LoopPoll _poll;
+  LoopPoll _poll;
   std::unique_ptr<char[]> _scratch;
   std::map<Connection*, std::unique_ptr<Connection>> _connections;  // the loop's thread's
   std::vector<Connection*> _busy;             // likewise: requests have come that are left for the next turn

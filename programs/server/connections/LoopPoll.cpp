@@ -53,9 +53,11 @@ void LoopPoll::Unwatch(int descriptor) const noexcept {
   epoll_ctl(_poll.Get(), EPOLL_CTL_DEL, descriptor, &ignored);
 }
 
-size_t LoopPoll::Wait(epoll_event* events, int max, int timeout) const {
+size_t LoopPoll::Wait(epoll_event* events, int max, int timeout) {
+  _load.EndRound();
   const int count = epoll_wait(_poll.Get(), events, max, timeout);
   if (count < 0 && errno != EINTR) throw osa::Exception("Failed to wait for events: %s", std::strerror(errno));
+  _load.BeginRound();
   return count < 0 ? 0 : static_cast<size_t>(count);
 }
 

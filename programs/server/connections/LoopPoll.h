@@ -4,6 +4,7 @@
 
 #include <cstddef>
 
+#include "programs/server/connections/LoopLoad.h"
 #include "tavix/osa/Descriptor.h"
 
 namespace tavix::daemon {
@@ -42,7 +43,10 @@ class LoopPoll {
 
   // How many events there are; a signal ends the wait with none. timeout: milliseconds, as of epoll. Throws
   // osa::Exception when it can't wait.
-  size_t Wait(epoll_event* events, int max, int timeout) const;
+  size_t Wait(epoll_event* events, int max, int timeout);
+
+  // How busy the loop is between its waits.
+  const LoopLoad& GetLoad() const { return _load; }
 
   // Whose event it is: a source's, or that of the address, which is null for a call.
   static ISource* FindSource(const epoll_event& event);
@@ -50,6 +54,7 @@ class LoopPoll {
  private:
   const osa::Descriptor _wake;
   const osa::Descriptor _poll;
+  LoopLoad _load;
 };
 
 }  // namespace tavix::daemon

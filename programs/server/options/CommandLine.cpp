@@ -77,7 +77,7 @@ void SetUsualPlaces(LayerSources& layer, const char* folder) {
 void SetDefaults(Options& options) {
   SetUsualPlaces(options.defaults, "defaults.d");
   SetUsualPlaces(options.restricted, "restricted.d");
-  if (options.loops == 0) options.loops = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+  if (options.loops == 0) options.loops = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 2);
 }
 
 void Apply(const std::vector<GivenOption>& given, Options& options) {

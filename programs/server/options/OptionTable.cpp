@@ -131,7 +131,7 @@ std::vector<OptionEntry> MakeTable() {
        "the users, by number and with commas, that unix sockets serve; others are refused. Default: all whom the "
        "permissions let in",
        [](Options& options, const std::string& value) { AppendUsers(value, options.allowedUsers); }},
-      {"", "loops", "N", Kind::kValue, true, "threads that serve connections. Default: one a processor, four at most",
+      {"", "loops", "N", Kind::kValue, true, "threads that serve connections. Default: one a processor, two at most",
        Number(&Options::loops, kMaxLoops)},
 
       {"Settings", "defaults", "PATH", Kind::kList, true,
