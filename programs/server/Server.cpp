@@ -142,6 +142,7 @@ void Server::EndLoops() {
   _timedReverts.reset();
   _lane.Stop();
   osa::PlainMutexLock lock(_probeMutex);
+  for (const auto& loop : _loops) loop->Probe();  // one may still be giving a connection to another one
   _loops.clear();
 }
 

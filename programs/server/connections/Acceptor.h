@@ -32,8 +32,9 @@ class EventLoop;
 //     main        from the connection on that a loop can't take, for want of a place or a descriptor, until
 //                 connections can be taken again. It waits and refuses, as Entry says, for which loops have no time.
 //
-// Threads: one thread, main, constructs, watches, serves, closes and destroys it. Loops call its sources; they end
-//          after Close, and before it is destroyed.
+// Threads: one thread, main, constructs, watches, serves, closes and destroys it. Loops call its sources. They end
+//          before it is destroyed, and none before all have come round after Close: until then one may give a
+//          connection to another one.
 // Locks:   its own mutex. A loop accepts with it held, so that it does not while main has the right to; it is not held
 //          while a connection is given to a loop, nor for the log.
 // Errors:  what is refused is logged and counted, also where memory runs out.

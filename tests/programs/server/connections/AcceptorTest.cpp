@@ -81,6 +81,7 @@ class Accepting {
     StopMain();
     _main.reset();
     Close();
+    for (const auto& loop : loops) loop->Probe();
   }
 
   void StartMain() {
