@@ -1,8 +1,8 @@
-#include "programs/server/system/Deadline.h"
+#include "programs/common/Deadline.h"
 
 #include <utility>
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 Deadline::Deadline(std::chrono::milliseconds limit, std::function<void()> onPassed)
     : _end(std::chrono::steady_clock::now() + limit),
@@ -27,4 +27,4 @@ bool Deadline::IsOverInTime() {
   return lock.WaitUntil(_wake, _end, [this]() TAVIX_REQUIRES(_mutex) { return _isOver; });
 }
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

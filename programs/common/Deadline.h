@@ -8,7 +8,7 @@
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
-namespace tavix::daemon {
+namespace tavix::programs {
 
 // Calls back when the object lives longer than that.
 //
@@ -32,7 +32,7 @@ class Deadline {
   osa::PlainMutex _mutex;
   std::condition_variable _wake;
   bool _isOver TAVIX_GUARDED_BY(_mutex) = false;
-  programs::LoopThread _thread;
+  LoopThread _thread;
 };
 
-}  // namespace tavix::daemon
+}  // namespace tavix::programs

@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "programs/common/Deadline.h"
 #include "programs/common/ServiceManager.h"
 #include "programs/common/Signals.h"
 #include "programs/server/Check.h"
@@ -24,7 +25,6 @@
 #include "programs/server/store/SettingsSources.h"
 #include "programs/server/store/SettingsStore.h"
 #include "programs/server/store/StoreProbe.h"
-#include "programs/server/system/Deadline.h"
 #include "programs/server/system/FileLock.h"
 #include "programs/server/system/MemorySize.h"
 #include "programs/server/system/UnusedMemory.h"
@@ -115,7 +115,7 @@ std::string Announce(const Server& server) {
 // log that nobody reads.
 void EndAtOnce(bool isSaved, bool hasFailed, const LifeLog& life) {
   const int status = hasFailed ? kExitFailure : isSaved ? kExitDone : kExitNotSaved;
-  const Deadline silent(kMaxLogTime, [status] { _exit(status); });
+  const programs::Deadline silent(kMaxLogTime, [status] { _exit(status); });
   core::Logger::GetLogger("UserSettings")
       ->Error("The disk does not answer; the daemon ends without a snapshot%s",
               isSaved ? "" : ", and the last changes are lost");
@@ -169,7 +169,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   }
   const bool isSaved = store->Finish();
   const int status = isSaved ? kExitDone : kExitNotSaved;
-  const Deadline silent(kMaxLogTime, [status] { _exit(status); });  // a log on a disk that hangs
+  const programs::Deadline silent(kMaxLogTime, [status] { _exit(status); });  // a log on a disk that hangs
   life.LogEnd(isSaved);
   return status;
 }

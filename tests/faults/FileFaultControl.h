@@ -25,6 +25,8 @@ struct FileFaultControl {
   std::atomic<uint32_t> heldSyncs;    // how many stand there
   std::atomic<uint32_t> holdsWrites;  // the same for writes, and for taking room for them
   std::atomic<uint32_t> heldWrites;
+  std::atomic<uint32_t> holdsLookups;  // the same for look-ups of hosts; their names are what the part is of
+  std::atomic<uint32_t> heldLookups;
   std::atomic<int64_t> clockShift;  // in seconds: how much later the wall clock is; the monotonic one never is
   char heldName[kLongestName];      // the part of a path that tells which are held; empty: all. Set before a hold
 };

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <netdb.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -300,4 +301,13 @@ TAVIX_REPLACES int link(const char* from, const char* to) noexcept {
 TAVIX_REPLACES int unlink(const char* path) noexcept {
   if (tavix::test::Fails(path)) return -1;
   return tavix::test::Next<int(const char*)>("unlink")(path);
+}
+
+// A name server that does not answer.
+TAVIX_REPLACES int getaddrinfo(const char* host, const char* service, const struct addrinfo* hints,
+                               struct addrinfo** addresses) {
+  tavix::test::FileFaultControl* const control = tavix::test::Control();
+  if (control && host) tavix::test::StandWhile(control->holdsLookups, control->heldLookups, host);
+  return tavix::test::Next<int(const char*, const char*, const struct addrinfo*, struct addrinfo**)>("getaddrinfo")(
+      host, service, hints, addresses);
 }

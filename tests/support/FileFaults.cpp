@@ -55,6 +55,7 @@ FileFaults::FileFaults(std::string directory)
 FileFaults::~FileFaults() {
   LetSyncsGo();
   ReleaseWrites();
+  Release(_control->holdsLookups);
   munmap(_control, sizeof *_control);
 }
 
@@ -96,6 +97,15 @@ void FileFaults::HoldWrites(const std::string& name) {
 
 void FileFaults::ReleaseWrites() {
   Release(_control->holdsWrites);
+}
+
+void FileFaults::HoldLookups(const std::string& host) {
+  SetHeldName(host);
+  _control->holdsLookups = 1;
+}
+
+void FileFaults::AwaitHeldLookup() const {
+  if (!Eventually([this] { return _control->heldLookups > 0; })) throw std::runtime_error("No look-up is held in time");
 }
 
 void FileFaults::AwaitHeldWrite() const {

@@ -11,7 +11,8 @@
 namespace tavix::test {
 
 // Makes file calls of daemons fail, or stand still: those below one directory that change something, or make a change
-// durable. The daemons are those that are started while an Environment of it exists, with absolute paths.
+// durable. Look-ups of hosts stand still, too. The daemons are those that are started while an Environment of it
+// exists, with absolute paths.
 //
 // Threads: any, but for the environment.
 class FileFaults {
@@ -60,6 +61,10 @@ class FileFaults {
   void HoldWrites(const std::string& name);
   void ReleaseWrites();
   void AwaitHeldWrite() const;
+
+  // Look-ups of hosts whose names hold that stand still, until the end.
+  void HoldLookups(const std::string& host);
+  void AwaitHeldLookup() const;
 
   // Returns when a sync stands still.
   void AwaitHeldSync() const;

@@ -1,6 +1,7 @@
 #include "programs/bridge/service/Service.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -9,7 +10,9 @@
 #include <variant>
 #include <vector>
 
+#include "programs/bridge/ExitCode.h"
 #include "programs/bridge/service/RandomNumber.h"
+#include "programs/common/Deadline.h"
 #include "tavix/core/Logger.h"
 
 // The loop. ServiceAnswers.cpp has what is shown of it.
@@ -18,6 +21,7 @@ namespace tavix::bridge {
 namespace {
 
 constexpr Milliseconds kMaxWait{60'000};
+constexpr Milliseconds kMaxEnd{4'000};  // of the engine
 constexpr Milliseconds kStateRetry{10'000};
 constexpr Milliseconds kMinFeed{10};
 constexpr int kReadsInAnInterval = 10;                 // of notices, in that of a group's messages
@@ -47,7 +51,7 @@ Service::Service(const EngineKind& kind, const Configuration& configuration, con
       _rules(configuration.maps, configuration.never, configuration.mask),
       _report(configuration.limits, _rules,
               [this](Severity severity, const std::string& line) { Log(severity, line); }),
-      _engine(MakeEngine(kind, configuration, _events)),
+      _engine(MakeEngine(kind, configuration, _events).release()),
       _link(configuration.limits, *_engine, MakeRandomNumber()),
       _store(configuration.server, _rules.GetPatterns(), {}, [this] { BeforeCall(); }),
       _daemon(_store, MakeRandomNumber()),
@@ -60,8 +64,13 @@ Service::Service(const EngineKind& kind, const Configuration& configuration, con
   if (watchdog > Milliseconds(0)) _feedInterval = std::max(kMinFeed, watchdog / kFeedsInATime);
 }
 
-Service::~Service() {
-  _engine->Close();
+// All that counts is on the disk, and nobody finds the bridge any more.
+void Service::EndEngine::operator()(Engine* engine) const {
+  const programs::Deadline deadline(kMaxEnd, [] {
+    core::Logger::GetLogger("Bridge")->Warning("The bridge ends without its link, which does not end in time");
+    _exit(kExitDone);
+  });
+  const std::unique_ptr<Engine> ending(engine);
 }
 
 Milliseconds Service::GetNow() const {

@@ -40,7 +40,9 @@ class Service {
   // kind, configuration and what is passed by reference outlive the service.
   Service(const EngineKind& kind, const Configuration& configuration, const Options& options,
           const programs::ServiceManager& serviceManager, const programs::Signals& signals);
-  ~Service();
+
+  // Ends the process, with 0, when the engine does not end in time: a name server that is silent holds up its thread.
+  ~Service() = default;
 
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
@@ -50,6 +52,10 @@ class Service {
   void Run();
 
  private:
+  struct EndEngine {
+    void operator()(Engine* engine) const;
+  };
+
   Milliseconds GetNow() const;
   void Work(Milliseconds now);
   void OpenState(Milliseconds now);
@@ -86,7 +92,7 @@ class Service {
   const Rules _rules;
   Report _report;
   EventQueue _events;
-  std::unique_ptr<Engine> _engine;
+  std::unique_ptr<Engine, EndEngine> _engine;  // ends behind all that follows
   Link _link;
   DaemonStore _store;
   DaemonLink _daemon;

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "programs/common/Deadline.h"
 #include "programs/server/persistence/DurabilityGate.h"
 #include "programs/server/persistence/HistoryFile.h"
 #include "programs/server/persistence/JournalSyncer.h"
@@ -14,7 +15,6 @@
 #include "programs/server/persistence/SharedUserLayer.h"
 #include "programs/server/persistence/SnapshotWriter.h"
 #include "programs/server/persistence/UserSettingsFiles.h"
-#include "programs/server/system/Deadline.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/ClientIdentity.h"
 #include "tavix/settings/server/ISettingsPersister.h"
@@ -126,7 +126,7 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
   const KeptHistory _keptHistory;
   std::unique_ptr<JournalSyncer> _syncer;           // null: not started
   std::unique_ptr<SnapshotWriter> _snapshotWriter;  // null: not started
-  std::optional<Deadline> _deadline;                // empty: the end has no limit
+  std::optional<programs::Deadline> _deadline;      // empty: the end has no limit
 };
 
 }  // namespace tavix::daemon
