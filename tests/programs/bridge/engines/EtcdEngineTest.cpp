@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <memory>
 #include <string>
@@ -14,7 +13,6 @@
 #include "tests/programs/bridge/engines/LinkedEngine.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ListeningSocket.h"
-#include "tests/support/TestCertificates.h"
 
 #ifdef TAVIX_HAS_ETCD
 namespace tavix::test {
@@ -311,55 +309,6 @@ TEST_F(HostileEtcd, IsGivenUpWhenItClosesWithoutAnAnswer) {
 TEST_F(HostileEtcd, IsGivenUpWhenItDoesNotAnswer) {
   LinkedEngine impatient(MakeMaker(Hurry(MakeEtcdSettings({_listener.GetPort()}))));
   EXPECT_THAT(impatient.FailToConnect().reason, HasSubstr("timed out"));
-}
-
-TEST(EtcdSecurity, TalksByTlsToTheHostOfTheCertificateAlone) {
-  const TemporaryDirectory folder;
-  const TestCertificates certificates(folder);
-  certificates.Make("member", "DNS:localhost");
-  const EtcdCluster cluster(folder, 1, "https",
-                            {"--cert-file", folder.Path("member.pem"), "--key-file", folder.Path("member.key")});
-  EtcdSettings settings = MakeEtcdSettings({});
-  settings.caFile = certificates.GetAuthority();
-  settings.endpoints = {"https://localhost:" + std::to_string(cluster.GetPort(0))};
-  LinkedEngine named(MakeMaker(settings));
-  named.Connect();
-
-  settings.endpoints = {"https://127.0.0.1:" + std::to_string(cluster.GetPort(0))};
-  EXPECT_NE(LinkedEngine(MakeMaker(settings)).FailToConnect().reason, "");
-
-  settings.endpoints = {"https://localhost:" + std::to_string(cluster.GetPort(0))};
-  settings.caFile = TestCertificates(folder, "others").GetAuthority();
-  EXPECT_THAT(LinkedEngine(MakeMaker(settings)).FailToConnect().reason, HasSubstr("certificate"));
-}
-
-TEST(EtcdSecurity, KeepsToItsRole) {
-  const TemporaryDirectory folder;
-  const EtcdCluster cluster(folder, 1);
-  const std::string range = R"("key":")" + bridge::etcd::EncodeBase64("fleet/") + R"(","range_end":")" +
-                            bridge::etcd::EncodeBase64("fleet0") + "\"";
-  cluster.Post("/v3/auth/user/add", R"({"name":"root","password":"root"})");
-  cluster.Post("/v3/auth/role/add", R"({"name":"root"})");
-  cluster.Post("/v3/auth/user/grant", R"({"user":"root","role":"root"})");
-  cluster.Post("/v3/auth/user/add", R"({"name":"node","password":"sesame-4711"})");
-  cluster.Post("/v3/auth/role/add", R"({"name":"fleet"})");
-  cluster.Post("/v3/auth/role/grant", R"({"name":"fleet","perm":{"permType":"READWRITE",)" + range + "}}");
-  cluster.Post("/v3/auth/user/grant", R"({"user":"node","role":"fleet"})");
-  cluster.Post("/v3/auth/enable", "{}");
-  EtcdSettings settings = MakeEtcdSettings({cluster.GetPort(0)});
-  settings.credentialsFile = folder.Write("credentials", "user=node\npassword=wrong\n");
-  chmod(settings.credentialsFile.c_str(), 0600);
-  LinkedEngine engine(MakeMaker(settings));
-  EXPECT_THAT(engine.FailToConnect().reason, Not(HasSubstr("wrong")));
-
-  folder.Write("credentials", "user=node\npassword=sesame-4711\n");
-  engine.Connect();
-  engine.Follow({"fleet/"});
-  EXPECT_EQ(engine.Put("fleet/a/1", "one").outcome, PutDone::Outcome::kDone);
-  engine.AwaitValue("fleet/a/1", "one");
-  const PutDone refused = engine.Put("elsewhere/1", "one");
-  EXPECT_EQ(refused.outcome, PutDone::Outcome::kRefused);
-  EXPECT_THAT(refused.reason, HasSubstr("permission denied"));
 }
 
 TEST(EtcdEngine, RefusesSettingsThatCannotBeRight) {

@@ -7,6 +7,8 @@
 
 #include "tests/programs/bridge/engines/EngineKinds.h"
 #include "tests/programs/bridge/engines/LinkedEngine.h"
+#include "tests/programs/bridge/engines/TlsServer.h"
+#include "tests/support/ListeningSocket.h"
 #include "tests/support/TestCertificates.h"
 
 #ifdef TAVIX_HAS_MQTT
@@ -107,27 +109,32 @@ TEST_F(MqttSecurity, RefusesABrokerWithoutTls) {
 }
 
 TEST_F(MqttSecurity, RefusesTlsThatIsTooOld) {
-  _certificates.Make("broker", "DNS:localhost");
-  MqttSettings settings = MakeMqttSettings(FindFreePort(), "engine");
+  _certificates.Make("server", "DNS:localhost");
+  TlsServer server(_folder, TlsServer::Old());
+  MqttSettings settings = MakeMqttSettings(server.GetPort(), "engine");
   settings.host = "localhost";
   settings.caFile = _certificates.GetAuthority();
-  const auto start = [&] {
-    return std::make_unique<ServiceProcess>(
-        _folder.GetPath(),
-        std::vector<std::string>{"openssl", "s_server", "-4", "-www", "-accept", std::to_string(settings.port),
-                                 "-tls1_1", "-cipher", "DEFAULT@SECLEVEL=0", "-cert", "broker.pem", "-key",
-                                 "broker.key"},
-        _folder.Path("server.log"));
-  };
-  std::unique_ptr<ServiceProcess> server = start();
-  while (!server->AwaitOutput("ACCEPT")) {
-    ASSERT_THAT(server->GetOutput(), HasSubstr("in use"));  // somebody else took the port meanwhile
-    settings.port = FindFreePort();
-    server = start();
-  }
-
   EXPECT_NE(MakeEngine(settings)->FailToConnect().reason, "");
-  EXPECT_TRUE(server->AwaitOutput("unsupported protocol"));
+  EXPECT_TRUE(server.AwaitOutput("unsupported protocol"));
+}
+
+// 0.0.0.0 reaches the device itself, but is no address that shows that it does.
+TEST_F(MqttSecurity, SaysNothingInPlainToWhatIsNotLoopback) {
+  const ListeningSocket listener;
+  MqttSettings settings = MakeMqttSettings(listener.GetPort(), "engine");
+  settings.host = "0.0.0.0";
+  const auto engine = MakeEngine(settings);
+  engine->Get().Connect({});
+  const osa::Descriptor peer = listener.Accept();
+  EXPECT_EQ(Receive(peer, 1), "\x16");  // a handshake of TLS
+}
+
+TEST_F(MqttSecurity, TrustsTheAuthoritiesOfTheSystemWithoutOthers) {
+  _certificates.Make("server", "IP:0.0.0.0");
+  TlsServer server(_folder);
+  MqttSettings settings = MakeMqttSettings(server.GetPort(), "engine");
+  settings.host = "0.0.0.0";
+  EXPECT_THAT(MakeEngine(settings)->FailToConnect().reason, HasSubstr("certificate"));
 }
 
 TEST_F(MqttSecurity, TalksByTheNewestTls) {
