@@ -1,6 +1,7 @@
 #include "programs/bridge/core/DeviceMirror.h"
 
 #include <algorithm>
+#include <utility>
 #include <variant>
 
 #include "programs/common/client/Spelling.h"
@@ -105,6 +106,7 @@ void DeviceMirror::OnItem(const Item& item, Milliseconds now) {
 
 void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<std::string>& bytes, Milliseconds now) {
   _arrived.insert(name);
+  _crowdedOut.erase(name);
   if (!bytes || bytes->empty()) {
     if (_refused.erase(name) > 0) _areResultsDue = true;
     _book.Release(name);
@@ -121,6 +123,7 @@ void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<st
     if (!CheckDocument(document, result)) return Refuse(name, result);
     const DocumentBook::Outcome outcome = _book.Take(name, document, *bytes, now);
     if (outcome == DocumentBook::Outcome::kFull) {
+      _crowdedOut[name] = bytes->size();
       throw BadDocument("the device has as many documents, or of as many bytes, as its limits allow");
     }
     if (_refused.erase(name) > 0) _areResultsDue = true;
@@ -138,7 +141,10 @@ void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<st
 void DeviceMirror::Refuse(const DocumentName& name, const Result& result) {
   const auto known = _refused.find(name);
   if (known != _refused.end() && ComposeResult(known->second) == ComposeResult(result)) return;
-  if (known == _refused.end() && _refused.size() >= _limits.maxGroups) return;
+  if (known == _refused.end() && _refused.size() >= _limits.maxGroups) {
+    _crowdedOut.erase(name);
+    return;
+  }
   ++_report.counters.refused;
   const std::string key = result.keys.empty() ? "" : result.keys.begin()->first + ": " + result.keys.begin()->second;
   _report.Fail("Document '" + programs::SpellValue(name.name) + "' is refused: " + result.reason +
@@ -214,6 +220,7 @@ void DeviceMirror::ReleaseMissing() {
   }
   for (auto entry = _refused.begin(); entry != _refused.end();) {
     const bool isGone = isAway(entry->first);
+    if (isGone) _crowdedOut.erase(entry->first);
     _areResultsDue = _areResultsDue || isGone;
     entry = isGone ? _refused.erase(entry) : std::next(entry);
   }
@@ -245,12 +252,24 @@ void DeviceMirror::AskForMissing(Milliseconds now) {
   }
   if (missing.empty()) return;
   _report.Warn(std::to_string(missing.size()) + " documents that the centre lists have not come, and are asked for");
-  // Reported is what was not followed before: each alone, then all of them again.
+  AskFor(missing);
+}
+
+// Reported is what was not followed before: each alone, then all of them again.
+void DeviceMirror::AskFor(const std::vector<std::string>& topics) {
   std::vector<std::string> prefixes = ListOthers();
   _engine.Follow(prefixes, 0);
-  prefixes.insert(prefixes.end(), missing.begin(), missing.end());
+  prefixes.insert(prefixes.end(), topics.begin(), topics.end());
   _engine.Follow(prefixes, 0);
   FollowAll(false);
+}
+
+// What was refused for want of room comes once there is some.
+void DeviceMirror::AskForFitting() {
+  if (!std::exchange(_mayHaveRoom, false) || _crowdedOut.empty()) return;
+  std::vector<std::string> topics;
+  for (const DocumentName& name : _book.FindFitting(_crowdedOut)) topics.push_back(_topics.GetDesired(name));
+  if (!topics.empty()) AskFor(topics);
 }
 
 // Sends what differs. What nobody needs any more is cleared when its turn comes, unless the device has it by then.

@@ -87,6 +87,8 @@ class DeviceMirror : public Mirror {
   void TakeDesiredIndex(const std::optional<std::string>& bytes, Milliseconds now);
   void ReleaseMissing();
   void AskForMissing(Milliseconds now);
+  void AskForFitting();
+  void AskFor(const std::vector<std::string>& topics);
   void AwaitMark(Milliseconds now);
   std::vector<std::string> ListOthers() const;
   void FollowAll(bool isComparing);
@@ -181,6 +183,8 @@ class DeviceMirror : public Mirror {
   std::map<DocumentName, std::vector<Conflict>> _reported;  // of steps that are not done yet
   std::map<DocumentName, std::map<std::string, std::string>> _unsupported;
   std::map<DocumentName, Result> _refused;      // documents that can't be taken
+  std::map<DocumentName, size_t> _crowdedOut;   // of these, for want of room: their bytes
+  bool _mayHaveRoom = false;                    // documents changed since there was none
   std::map<std::string, std::string> _results;  // by the document's name, as they are to be published
   bool _areResultsDue = false;
 

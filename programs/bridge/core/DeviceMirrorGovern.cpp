@@ -46,6 +46,7 @@ void DeviceMirror::AdvanceDocuments(Milliseconds now) {
     SetTargets(fresh);
     for (const auto& [group, keys] : _targets.groups) _ungoverned.insert(group);
     _areResultsDue = true;
+    _mayHaveRoom = true;
   }
   _governed.Commit();
 }
@@ -268,6 +269,11 @@ void DeviceMirror::SetIntent(const DocumentName& name, const DocumentStep& step)
 }
 
 bool DeviceMirror::IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now) {
+  if (_heldDocuments.count(name) > 0) {
+    for (const std::string& group : _groupsOf[name]) {
+      if (step.losing.count(group) == 0) _guard.Release(group);
+    }
+  }
   const bool isAccepted = step.losing.empty() || _acceptedDocuments.count(name) > 0;
   if (isAccepted || _guard.Allow(step.losing, std::max(_live.size(), step.losing.size()), now)) {
     for (const std::string& group : step.losing) _guard.Release(group);

@@ -49,6 +49,7 @@ void DeviceMirror::Work(Milliseconds now) {
   if (_areResultsDue) MakeResults();
   if (_phase != Phase::kFollowing) return;
   AskForMissing(now);
+  AskForFitting();
   RetryRefused(now);
   SendDue(now);
   AddFitting();

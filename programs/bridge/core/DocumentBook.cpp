@@ -93,22 +93,41 @@ std::optional<std::uint64_t> DocumentBook::FindVersion(const DocumentName& name)
 bool DocumentBook::HasRoom(const DocumentName& name, size_t size) {
   _maxBytes += size;
   if (_known.size() + _coming.size() < _limits.maxGroups && _maxBytes <= _limits.maxPendingBytes) return true;
-  size_t count = 1;
-  size_t bytes = size;
-  const auto add = [&](const DocumentName& other, size_t otherSize) {
-    if (other == name) return;
-    ++count;
-    bytes += otherSize;
-  };
-  for (const auto& [other, known] : _known) {
-    if (!known.isReleased && _coming.count(other) == 0) add(other, known.size);
+  std::map<DocumentName, size_t> sizes = ListSizes();
+  sizes.erase(name);
+  _maxBytes = 0;
+  for (const auto& [other, otherSize] : sizes) _maxBytes += otherSize;
+  if (sizes.size() >= _limits.maxGroups || _maxBytes + size > _limits.maxPendingBytes) return false;
+  _maxBytes += size;
+  return true;
+}
+
+// Of all that hold, or will.
+std::map<DocumentName, size_t> DocumentBook::ListSizes() const {
+  std::map<DocumentName, size_t> sizes;
+  for (const auto& [name, known] : _known) {
+    if (!known.isReleased && _coming.count(name) == 0) sizes[name] = known.size;
   }
-  for (const auto& [other, coming] : _coming) {
-    if (coming.known) add(other, coming.known->size);
+  for (const auto& [name, coming] : _coming) {
+    if (coming.known) sizes[name] = coming.known->size;
   }
-  const bool hasRoom = count <= _limits.maxGroups && bytes <= _limits.maxPendingBytes;
-  _maxBytes = hasRoom ? bytes : bytes - size;
-  return hasRoom;
+  return sizes;
+}
+
+std::vector<DocumentName> DocumentBook::FindFitting(const std::map<DocumentName, size_t>& refused) const {
+  std::map<DocumentName, size_t> sizes = ListSizes();
+  size_t bytes = 0;
+  for (const auto& [name, size] : sizes) bytes += size;
+  std::vector<DocumentName> fitting;
+  for (const auto& [name, size] : refused) {
+    const auto own = sizes.find(name);  // an older version
+    const size_t others = bytes - (own == sizes.end() ? 0 : own->second);
+    if ((own == sizes.end() && sizes.size() >= _limits.maxGroups) || others + size > _limits.maxPendingBytes) continue;
+    bytes = others + size;
+    sizes[name] = size;
+    fitting.push_back(name);
+  }
+  return fitting;
 }
 
 DocumentBook::Outcome DocumentBook::Take(const DocumentName& name, const DesiredDocument& document,

@@ -5,6 +5,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "programs/bridge/core/IStateStore.h"
 #include "programs/bridge/core/Keys.h"
@@ -78,6 +79,9 @@ class DocumentBook {
   // Of the newest one that came, whether it holds already or not; nothing: none came.
   std::optional<std::uint64_t> FindVersion(const DocumentName& name) const;
 
+  // Of documents that there was no room for, with their bytes: those that there is room for now, in their order.
+  std::vector<DocumentName> FindFitting(const std::map<DocumentName, size_t>& refused) const;
+
   size_t CountWaiting() const { return _coming.size(); }
 
  private:
@@ -96,6 +100,7 @@ class DocumentBook {
   Milliseconds FindDelay(const DocumentName& name, const DesiredDocument& document) const;
   const Known* FindNewest(const DocumentName& name) const;
   bool HasRoom(const DocumentName& name, size_t size);
+  std::map<DocumentName, size_t> ListSizes() const;
   static void Shrink(Known& known);
   static StateRecord MakeRecord(const DocumentName& name, const Known& known);
   StateRecord MakePlaceRecord() const;

@@ -27,7 +27,7 @@ struct Limits {
   Milliseconds missingAfter{30'000};     // a listed document that has not come is asked for alone
 
   size_t heldGroups = 10;           // a source may take values from so many groups at once, and from half of them
-  Milliseconds heldWindow{10'000};  // what "at once" is
+  Milliseconds heldWindow{60'000};  // what "at once" is
 };
 
 }  // namespace tavix::bridge

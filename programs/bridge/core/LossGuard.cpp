@@ -6,25 +6,31 @@ namespace tavix::bridge {
 
 bool LossGuard::Allow(const std::set<std::string>& groups, size_t all, Milliseconds now) {
   Forget(now);
-  std::set<std::string> losing = _held;
-  for (const auto& [group, when] : _recent) losing.insert(group);
+  const bool isTooMuch = IsTooMuch(groups, all);
+  bool mayAll = true;
   for (const std::string& group : groups) {
-    if (_accepted.count(group) == 0) losing.insert(group);
-  }
-
-  if (losing.size() > _limits.heldGroups && 2 * losing.size() > all) {
-    for (const std::string& group : groups) {
-      if (_accepted.count(group) == 0) _held.insert(group);
+    if (IsAccepted(group)) continue;
+    if (isTooMuch) _held.insert(group);
+    if (_held.count(group) > 0) {
+      mayAll = false;
+    } else {
+      _recent[group] = {now, all};
     }
-    const bool areAccepted =
-        std::all_of(groups.begin(), groups.end(), [this](const std::string& group) { return IsAccepted(group); });
-    return areAccepted;
+  }
+  return mayAll;
+}
+
+// Groups that lost all of their values are no longer mirrored, but were part of what half of is meant.
+bool LossGuard::IsTooMuch(const std::set<std::string>& groups, size_t all) const {
+  std::set<std::string> losing = _held;
+  for (const auto& [group, loss] : _recent) {
+    losing.insert(group);
+    all = std::max(all, loss.all);
   }
   for (const std::string& group : groups) {
-    _recent[group] = now;
-    _held.erase(group);
+    if (!IsAccepted(group)) losing.insert(group);
   }
-  return true;
+  return losing.size() > _limits.heldGroups && 2 * losing.size() > all;
 }
 
 void LossGuard::Release(const std::string& group) {
@@ -40,7 +46,7 @@ void LossGuard::Accept() {
 
 void LossGuard::Forget(Milliseconds now) {
   for (auto entry = _recent.begin(); entry != _recent.end();) {
-    entry = now - entry->second > _limits.heldWindow ? _recent.erase(entry) : std::next(entry);
+    entry = now - entry->second.when > _limits.heldWindow ? _recent.erase(entry) : std::next(entry);
   }
 }
 

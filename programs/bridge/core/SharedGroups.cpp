@@ -299,7 +299,7 @@ MirrorState SharedGroups::GetState() const {
     ++state.waiting;
     if (blocked.failures >= kReportedFailures) ++state.left;
   }
-  for (const auto& [group, agreed] : _state.GetAgreed()) state.left += agreed.kept.empty() ? 0 : 1;
+  state.left += _state.CountKeeping();
   for (const auto& [group, remote] : _remote) state.left += remote.isUsable ? 0 : 1;
   state.hasStateFailed = _retry.HasFailed();
   state.isInSync = CanWork() && !_isToCompare && !state.hasStateFailed &&

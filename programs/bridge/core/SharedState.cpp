@@ -91,6 +91,7 @@ SharedState::SharedState(IStateStore& store) : _store(store) {
   _store.Load(StateKind::kAgreed, [this](const std::string& group, const IniFile& record) {
     _agreed[group] = {KeysOf(record, kKeys), VersionOf(record), !record.HasValue(kHead, kGone), HiddenOf(record),
                       KeysOf(record, kKept)};
+    if (!_agreed[group].kept.empty()) ++_keeping;
   });
   _store.Load(StateKind::kIntent,
               [this](const std::string& group, const IniFile& record) { _intents[group] = ReadIntent(record); });
@@ -146,6 +147,9 @@ void SharedState::Commit() {
 
   for (auto& [group, state] : agreed) {
     _intents.erase(group);
+    const AgreedGroup* before = FindAgreed(group);
+    if (before != nullptr && !before->kept.empty()) --_keeping;
+    if (!state.kept.empty()) ++_keeping;
     if (state.IsEmpty()) {
       _agreed.erase(group);
     } else {

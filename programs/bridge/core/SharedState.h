@@ -46,6 +46,9 @@ class SharedState {
   const AgreedGroup* FindAgreed(const std::string& group) const;
   const Intent* FindIntent(const std::string& group) const;
 
+  // How many groups have keys that could not be removed.
+  size_t CountKeeping() const { return _keeping; }
+
   // Several changes are one commit: changes first, then Commit.
   // SetAgreed ends the intent, too, but for the puts of it that may still be carried out.
   void SetAgreed(const std::string& group, const AgreedGroup& agreed, const std::vector<KeyChanges>& late = {});
@@ -62,6 +65,7 @@ class SharedState {
 
   IStateStore& _store;
   std::map<std::string, AgreedGroup> _agreed;
+  size_t _keeping = 0;  // of them
   std::map<std::string, Intent> _intents;
   std::string _source;
   Version _followed = 0;

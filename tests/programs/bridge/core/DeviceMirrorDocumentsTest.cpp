@@ -264,10 +264,72 @@ TEST_F(DeviceMirrorDocuments, RefusesMoreDocumentsThanItsLimitsAllow) {
   EXPECT_THAT(device->store.Get("Net/A"), testing::SizeIs(3));
   EXPECT_THAT(At("cam/result/3"), HasSubstr("the device has as many documents"));
   broker.Put("fleet/cam/desired/0", std::nullopt);
-  simulation.Step();
-  Publish("cam/desired/3", 1, {{"Net/A", {{"3", "1"}}}});
   ASSERT_TRUE(simulation.RunUntilInSync());
   EXPECT_THAT(device->store.Get("Net/A"), testing::SizeIs(4));
+  EXPECT_EQ(At("cam/result/3"), R"({"keys":{},"state":"applied","version":1})");
+}
+
+TEST_F(DeviceMirrorDocuments, AsksForRefusedDocumentsOnceThereIsRoomForTheirBytes) {
+  Limits limits = Quick();
+  limits.maxPendingBytes = 1500;
+  const auto device = StartDevice(Ruled(), limits);
+  Publish("cam/desired/a", 1, {{"Net/A", {{"k", std::string(1000, 'a')}}}});
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  Publish("cam/desired/b", 1, {{"Net/B", {{"k", std::string(1000, 'b')}}}});
+  Publish("all/desired/c", 1, {{"Net/C", {{"k", std::string(800, 'c')}}}});
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_EQ(device->report->counters.refused, 2u);
+  Publish("cam/desired/a", 2, {{"Net/A", {{"k", std::string(500, 'a')}}}});
+  ASSERT_FALSE(simulation.RunUntilInSync(100));  // there is room for one of them
+  EXPECT_THAT(At("cam/result/b"), HasSubstr("refused"));
+  EXPECT_EQ(device->store.Get("Net/C"), (Keys{{"k", std::string(800, 'c')}}));
+  EXPECT_EQ(device->report->counters.refused, 2u);
+  broker.Put("fleet/all/desired/c", std::nullopt);
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  device->store.Delete("Net/C");  // groups have no more bytes than documents
+  Publish("cam/desired/a", 3, {{"Net/A", {{"k", std::string(300, 'a')}}}});
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(device->store.Get("Net/B"), (Keys{{"k", std::string(1000, 'b')}}));
+}
+
+// A series of documents that take few values each.
+TEST_F(DeviceMirrorDocuments, HoldsLossesThatManyDocumentsMakeUp) {
+  const auto device = StartDevice(Ruled());
+  for (int i = 0; i < 20; ++i) device->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  for (int i = 0; i < 20; i += 2) {
+    Publish(
+        "cam/desired/" + std::to_string(i), 1,
+        {{"Net/" + std::to_string(i), {{"k", std::nullopt}}}, {"Net/" + std::to_string(i + 1), {{"k", std::nullopt}}}});
+    for (int step = 0; step < 20; ++step) simulation.Step();
+  }
+  EXPECT_THAT(device->store.Read({"Net/*"}).GetGroups(), testing::SizeIs(10));
+  EXPECT_EQ(device->mirror->GetState().held, 10u);
+
+  // Neither time nor another look at them accepts what is held.
+  simulation.Step(2 * device->limits.heldWindow);
+  device->mirror->OnLocalReady();
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_THAT(device->store.Read({"Net/*"}).GetGroups(), testing::SizeIs(10));
+  device->mirror->AcceptLosses();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_TRUE(device->store.Read({"Net/*"}).IsEmpty());
+}
+
+TEST_F(DeviceMirrorDocuments, HoldsNothingMoreOnceTheDeviceMadeTheLosses) {
+  const auto device = StartDevice(Ruled());
+  std::map<std::string, tavix::bridge::DesiredKeys> groups;
+  for (int i = 0; i < 12; ++i) {
+    device->store.Set("Net/" + std::to_string(i), "k", "1");
+    groups["Net/" + std::to_string(i)] = {{"k", std::nullopt}};
+  }
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  Publish("cam/desired/d", 1, groups);
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_EQ(device->mirror->GetState().held, 12u);
+  for (int i = 0; i < 12; ++i) device->store.Delete("Net/" + std::to_string(i));
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_EQ(At("cam/result/d"), R"({"keys":{},"state":"applied","version":1})");
 }
 
 TEST_F(DeviceMirrorDocuments, AsksForAListedVersionThatHasNotCome) {

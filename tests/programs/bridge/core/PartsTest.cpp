@@ -128,10 +128,29 @@ TEST(LossGuard, HoldsLossesOfMoreThanTenGroupsAndMoreThanHalf) {
 TEST(LossGuard, CountsWhatIsLostShortlyAfterwards) {
   LossGuard guard{Limits()};
   EXPECT_TRUE(guard.Allow(Names(0, 10), 20, Milliseconds(0)));
-  EXPECT_FALSE(guard.Allow(Names(10, 11), 20, Milliseconds(10'000)));
+  EXPECT_FALSE(guard.Allow(Names(10, 11), 20, Limits().heldWindow));
   LossGuard later{Limits()};
   EXPECT_TRUE(later.Allow(Names(0, 10), 20, Milliseconds(0)));
-  EXPECT_TRUE(later.Allow(Names(10, 20), 20, Milliseconds(10'001)));
+  EXPECT_TRUE(later.Allow(Names(10, 20), 20, Limits().heldWindow + Milliseconds(1)));
+}
+
+// A group that lost all of its values is no longer mirrored.
+TEST(LossGuard, MeansHalfOfWhatThereWasBeforeTheLosses) {
+  LossGuard guard{Limits()};
+  for (int i = 0; i < 50; ++i)
+    ASSERT_TRUE(guard.Allow(Names(i, i + 1), 100 - static_cast<size_t>(i), Milliseconds(0))) << i;
+  EXPECT_FALSE(guard.Allow(Names(50, 51), 50, Milliseconds(0)));
+}
+
+TEST(LossGuard, KeepsWhatIsHeldBehindTheWindow) {
+  const Milliseconds later = 2 * Limits().heldWindow;
+  LossGuard guard{Limits()};
+  ASSERT_TRUE(guard.Allow(Names(0, 10), 12, Milliseconds(0)));
+  ASSERT_FALSE(guard.Allow(Names(10, 12), 12, Milliseconds(0)));
+  EXPECT_FALSE(guard.Allow(Names(10, 11), 2, later));
+  EXPECT_TRUE(guard.Allow(Names(20, 21), 22, later));  // of others nothing is held
+  guard.Accept();
+  EXPECT_TRUE(guard.Allow(Names(10, 12), 2, later));
 }
 
 TEST(LossGuard, LetsThemHappenOnceTheyAreAccepted) {

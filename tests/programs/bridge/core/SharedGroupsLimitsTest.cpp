@@ -122,6 +122,28 @@ TEST_F(SharedGroupsLimits, HoldsLossesThatComeOneByOne) {
   EXPECT_EQ(one->mirror->GetState().held, 30u);
 }
 
+// A neighbour deletes key by key, each by a transaction of its own.
+TEST_F(SharedGroupsLimits, HoldsLossesThatFollowEachOther) {
+  const auto one = StartDevice("one", Both());
+  for (int i = 0; i < 20; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  for (int i = 0; i < 20; ++i) {
+    broker.Put("fleet/Net/" + std::to_string(i), std::nullopt);
+    for (int step = 0; step < 40; ++step) simulation.Step();  // two seconds
+  }
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(10));
+  EXPECT_EQ(one->mirror->GetState().held, 10u);
+
+  // Neither time nor another look at them accepts what is held.
+  simulation.Step(2 * one->limits.heldWindow);
+  one->mirror->CompareAgain();
+  ASSERT_FALSE(simulation.RunUntilInSync(100));
+  EXPECT_THAT(one->store.Read({"Net/*"}).GetGroups(), SizeIs(10));
+  one->mirror->AcceptLosses();
+  ASSERT_TRUE(simulation.RunUntilInSync());
+  EXPECT_TRUE(one->store.Read({"Net/*"}).IsEmpty());
+}
+
 TEST_F(SharedGroupsLimits, HoldsLossesThatHappenWhileGroupsAreSent) {
   const auto one = StartDevice("one", Both());
   for (int i = 0; i < 30; ++i) one->store.Set("Net/" + std::to_string(i), "k", "1");

@@ -41,6 +41,7 @@ TEST_F(BridgeOnFullDisk, AppliesNothingUntilThereIsRoomAgain) {
       [](const json& now) { return now["lastError"].get<std::string>().find("the state") != std::string::npos; });
   EXPECT_THAT(status["lastError"].get<std::string>(), HasSubstr("full"));
   EXPECT_EQ(status["state"], "not in sync");
+  mirrored.AwaitMessage("status", "state", "state-failed");
 
   mirrored.daemon.Set("[State/Lens]\nzoom=2\n");
   const auto before = faults.CountCalls();
@@ -53,6 +54,7 @@ TEST_F(BridgeOnFullDisk, AppliesNothingUntilThereIsRoomAgain) {
   mirrored.daemon.Await("Net/Eth0", "mtu", "1500");
   mirrored.AwaitMessage("reported/State/Lens", "values", {{"zoom", "2"}});
   mirrored.AwaitMessage("result/doc", "state", "applied");
+  mirrored.AwaitMessage("status", "state", "mirroring");
   mirrored.bridge.AwaitInSync();
 }
 
