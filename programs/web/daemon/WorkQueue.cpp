@@ -5,8 +5,15 @@
 
 namespace tavix::web {
 
-WorkQueue::WorkQueue(const char* threadName, size_t threads, size_t maxWaiting, std::function<void()> wake)
-    : _maxWaiting(maxWaiting), _wake(std::move(wake)), _running(threads, 0) {
+namespace {
+
+constexpr size_t kMaxBatch = 32;
+
+}  // namespace
+
+WorkQueue::WorkQueue(const char* threadName, size_t threads, size_t maxWaiting, std::function<void()> wake,
+                     Prepare prepare)
+    : _maxWaiting(maxWaiting), _wake(std::move(wake)), _prepare(std::move(prepare)), _running(threads) {
   for (size_t thread = 0; thread < threads; ++thread)
     _threads.emplace_back(threadName, [this, thread] { Run(thread); });
 }
@@ -21,11 +28,18 @@ WorkQueue::~WorkQueue() {
   _threads.clear();
 }
 
-bool WorkQueue::Add(Number number, Work work) {
+// What is begun together still waits, but for the first of it.
+size_t WorkQueue::CountWaiting() const {
+  size_t count = _waiting.size();
+  for (const std::set<Number>& numbers : _running) count += numbers.empty() ? 0 : numbers.size() - 1;
+  return count;
+}
+
+bool WorkQueue::Add(Number number, Work work, std::optional<Reading> reading) {
   {
     const osa::PlainMutexLock lock(_mutex);
-    if (_waiting.size() >= _maxWaiting) return false;
-    _waiting.push_back({number, std::move(work)});
+    if (CountWaiting() >= _maxWaiting) return false;
+    _waiting.push_back({number, std::move(work), std::move(reading)});
   }
   _changed.notify_one();
   return true;
@@ -41,16 +55,17 @@ bool WorkQueue::RemoveWaiting(Number number) {
 
 bool WorkQueue::CancelWaiting(Number number) {
   const osa::PlainMutexLock lock(_mutex);
-  return RemoveWaiting(number);
+  if (RemoveWaiting(number)) return true;
+  return std::any_of(_running.begin(), _running.end(),
+                     [number](std::set<Number>& numbers) { return numbers.size() > 1 && numbers.erase(number) != 0; });
 }
 
 WorkQueue::Cancelled WorkQueue::Cancel(Number number) {
   const osa::PlainMutexLock lock(_mutex);
   if (RemoveWaiting(number)) return Cancelled::kWaiting;
-  const auto running = std::find(_running.begin(), _running.end(), number);
-  if (running == _running.end()) return Cancelled::kUnknown;
-  *running = 0;
-  return Cancelled::kRunning;
+  const bool isRunning = std::any_of(_running.begin(), _running.end(),
+                                     [number](std::set<Number>& numbers) { return numbers.erase(number) != 0; });
+  return isRunning ? Cancelled::kRunning : Cancelled::kUnknown;
 }
 
 std::vector<WorkQueue::Done> WorkQueue::TakeDone() {
@@ -59,28 +74,56 @@ std::vector<WorkQueue::Done> WorkQueue::TakeDone() {
 }
 
 void WorkQueue::Run(size_t thread) {
-  Item item;
-  while (TakeNext(thread, item)) {
-    Response response = item.work(thread);
-    item.work = nullptr;
-    bool isWanted = false;
-    {
-      const osa::PlainMutexLock lock(_mutex);
-      isWanted = std::exchange(_running[thread], 0) == item.number;
-      if (isWanted) _done.push_back({item.number, std::move(response)});
-    }
-    if (isWanted) _wake();
+  std::vector<Item> batch;
+  while (TakeNext(thread, batch)) {
+    PrepareAll(thread, batch);
+    std::vector<Done> done;
+    done.reserve(batch.size());
+    for (const Item& item : batch) done.push_back({item.number, item.work(thread)});
+    batch.clear();
+    if (Deliver(thread, done)) _wake();
   }
 }
 
-bool WorkQueue::TakeNext(size_t thread, Item& item) {
+void WorkQueue::PrepareAll(size_t thread, const std::vector<Item>& batch) const {
+  if (!_prepare) return;
+  std::vector<Reading> readings;
+  for (const Item& item : batch) {
+    if (item.reading) readings.push_back(*item.reading);
+  }
+  _prepare(thread, readings);
+}
+
+// Whether any of it is wanted.
+bool WorkQueue::Deliver(size_t thread, std::vector<Done>& done) {
+  const osa::PlainMutexLock lock(_mutex);
+  const std::set<Number> wanted = std::exchange(_running[thread], {});
+  for (Done& one : done) {
+    if (wanted.count(one.number) != 0) _done.push_back(std::move(one));
+  }
+  return !wanted.empty();
+}
+
+bool WorkQueue::TakeNext(size_t thread, std::vector<Item>& batch) {
   osa::PlainMutexLock lock(_mutex);
   lock.Wait(_changed, [this]() TAVIX_REQUIRES(_mutex) { return _ends || !_waiting.empty(); });
   if (_ends) return false;
-  item = std::move(_waiting.front());
+  batch.push_back(std::move(_waiting.front()));
   _waiting.pop_front();
-  _running[thread] = item.number;
+  if (batch.front().reading) TakeReadings(batch);
+  for (const Item& item : batch) _running[thread].insert(item.number);
   return true;
+}
+
+void WorkQueue::TakeReadings(std::vector<Item>& batch) {
+  for (auto item = _waiting.begin(); item != _waiting.end() && batch.size() < kMaxBatch;) {
+    if (!item->reading) {
+      ++item;
+      continue;
+    }
+    batch.push_back(std::move(*item));
+    item = _waiting.erase(item);
+  }
 }
 
 }  // namespace tavix::web

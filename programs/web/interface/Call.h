@@ -11,6 +11,7 @@
 #include "programs/web/http/Query.h"
 #include "programs/web/http/Refusal.h"
 #include "programs/web/interface/AnswerSize.h"
+#include "programs/web/interface/GroupReads.h"
 #include "tavix/core/IniFile.h"
 
 namespace tavix::web {
@@ -34,15 +35,17 @@ struct View {
 // Errors:  what carries it out throws Refusal, ProtocolException or Failure.
 struct Call {
   // All outlive this.
-  Call(DaemonLink& daemonLink, const Request& theRequest, const View& theView, const AnswerBounds& bounds)
+  Call(DaemonLink& daemonLink, const GroupReads& theReads, const Request& theRequest, const View& theView,
+       const AnswerBounds& bounds)
       : link(daemonLink),
+        reads(theReads),
         session(daemonLink),
         request(theRequest),
         query(theRequest.query),
         view(theView),
         size(bounds) {}
 
-  // The one group that is named; nothing when it does not exist.
+  // The one group that is named, as it is now; nothing when it does not exist.
   std::optional<core::IniFile::KeyMap> ReadGroup(const std::string& name);
 
   // The same of the user settings alone.
@@ -52,6 +55,7 @@ struct Call {
   core::IniFile ReadGroups(const std::set<std::string>& groups);
 
   DaemonLink& link;
+  const GroupReads& reads;  // behind the request's arrival
   ClientSession session;
   const Request& request;
   const Query query;

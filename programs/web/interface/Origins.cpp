@@ -14,6 +14,11 @@ constexpr char kMixed[] = "mixed";
 }  // namespace
 
 Origins::Origins(Call& call, const std::set<std::string>& groups) : _call(call) {
+  if (groups.size() == 1 && call.reads.Has(*groups.begin())) {
+    const std::set<std::string>* const ofUser = call.reads.Find(*groups.begin()).ofUser;
+    if (ofUser) _user.emplace(*groups.begin(), *ofUser);
+    return;
+  }
   call.session.GetEachOfUser([&](const IniFile& part) {
     const auto& [group, keys] = *part.begin();
     if (groups.count(group) == 0) return;

@@ -94,7 +94,9 @@ Response ListTree(Call& call) {
 Response ShowGroup(Call& call) {
   const std::string name = call.query.RequireName("name");
   RequireSendable(name);
-  const auto keys = call.ReadGroup(name);
+  const bool isRead = call.reads.Has(name);
+  const std::optional<IniFile::KeyMap> fresh = isRead ? std::nullopt : call.ReadGroup(name);
+  const IniFile::KeyMap* const keys = isRead ? call.reads.Find(name).keys : fresh ? &*fresh : nullptr;
   if (!keys) throw Refusal(404, "there is no group '" + programs::SpellName(name) + "'", {{"group", Quoted(name)}});
   const std::string version = call.view.FindVersion(name, *keys);
   const Headers headers{{"ETag", "\"" + version + "\""}};

@@ -81,12 +81,19 @@ const Route& FindRoute(const std::string& method, const std::string& path) {
   throw Refusal(405, "'" + path + "' takes no " + method, {}, {{"Allow", allowed}});
 }
 
-Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
+std::optional<std::string> FindGroupToRead(const Route& route, const Request& request) {
+  if (route.handler != ShowGroup) return std::nullopt;
+  std::string name = Query(request.query).RequireName("name");
+  if (name.empty() || name == "." || name.find_first_of("*\n") != std::string::npos) return std::nullopt;
+  return name;
+}
+
+Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const GroupReads& reads, const View& view,
                   const AnswerBounds& bounds, DaemonLink::Clock::time_point end) {
   const bool isWrite = request.IsWrite();
   try {
     link.Begin(end);
-    Call call(link, request, view, bounds);
+    Call call(link, reads, request, view, bounds);
     Response response = handler(call);
     response.shares = call.size.TakeShares();
     return response;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,12 @@ const std::vector<Route>& GetRoutes();
 // for a method that it does not have.
 const Route& FindRoute(const std::string& method, const std::string& path);
 
-// Carries a request out until then, and answers it, whatever becomes of it.
-Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const View& view,
+// The group that the request wants to see and does not change; nothing where that is another one's business, or is no
+// name of one group alone.
+std::optional<std::string> FindGroupToRead(const Route& route, const Request& request);
+
+// Carries a request out until then, and answers it, whatever becomes of it. reads: what was read for it already.
+Response CarryOut(Handler handler, const Request& request, DaemonLink& link, const GroupReads& reads, const View& view,
                   const AnswerBounds& bounds, DaemonLink::Clock::time_point end);
 
 }  // namespace tavix::web

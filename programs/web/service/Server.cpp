@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <set>
 #include <utility>
 
 #include "programs/web/access/Certificate.h"
@@ -62,7 +63,9 @@ Server::Server(const Options& options, Access& access, std::unique_ptr<const Enc
               }),
       _streams(_base, options.server, _view, [this] { _wakeup.Wake(); }),
       _links{{DaemonLink(options.server), DaemonLink(options.server)}},
-      _workers("WebWorker", _links.size(), kMaxWaiting, [this] { _wakeup.Wake(); }),
+      _workers(
+          "WebWorker", _links.size(), kMaxWaiting, [this] { _wakeup.Wake(); },
+          [this](size_t worker, const std::vector<WorkQueue::Reading>& readings) { ReadAtOnce(worker, readings); }),
       _hashing("WebPassword", 1, kMaxWaitingLogins, [this] { _wakeup.Wake(); }) {
   _events.push_back(std::make_unique<LoopEvent>(_base, signals.GetDescriptor(), [this] { OnSignal(); }));
   for (const Listener& listener : listeners)
@@ -162,20 +165,32 @@ void Server::HandleRoute(Connection& connection, Request& request, const Gate::E
     });
   }
   const bool isWrite = request.IsWrite();
-  const auto shared = std::make_shared<const Request>(std::move(request));
   const auto end = DaemonLink::Clock::now() + _options.timeout;
+  std::optional<WorkQueue::Reading> reading;
+  if (std::optional<std::string> group = FindGroupToRead(route, request))
+    reading.emplace(WorkQueue::Reading{*group, end});
+  const auto shared = std::make_shared<const Request>(std::move(request));
   Start(
       connection, _workers, isWrite,
       [this, shared, end, handler = route.handler](size_t worker) {
-        return CarryOut(handler, *shared, _links[worker], _view, _bounds, end);
+        return CarryOut(handler, *shared, _links[worker], _reads[worker], _view, _bounds, end);
       },
-      nullptr);
+      nullptr, std::move(reading));
+}
+
+// On a worker. The first reading has waited longest.
+void Server::ReadAtOnce(size_t worker, const std::vector<WorkQueue::Reading>& readings) {
+  if (readings.size() < 2) return _reads[worker].Forget();
+  std::set<std::string> names;
+  for (const WorkQueue::Reading& reading : readings) names.insert(reading.name);
+  _reads[worker].Read(_links[worker], names, readings.front().end);
 }
 
 void Server::Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
-                   std::function<void(Response& response)> finish) {
+                   std::function<void(Response& response)> finish, std::optional<WorkQueue::Reading> reading) {
   const WorkQueue::Number number = ++_lastNumber;
-  if (!queue.Add(number, std::move(work))) throw Refusal(503, "too many requests wait", {}, {{"Retry-After", "5"}});
+  if (!queue.Add(number, std::move(work), std::move(reading)))
+    throw Refusal(503, "too many requests wait", {}, {{"Retry-After", "5"}});
   auto timer = std::make_unique<LoopEvent>(_base, [this, &queue, number] { OnOverdue(queue, number); });
   timer->Start(_options.timeout);
   _pending.emplace(number, Pending{&connection, &queue, isWrite, false, std::move(finish), std::move(timer)});

@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "programs/web/http/EventBase.h"
 #include "programs/web/http/Listener.h"
 #include "programs/web/http/MemoryBudget.h"
+#include "programs/web/interface/GroupReads.h"
 #include "programs/web/interface/Router.h"
 #include "programs/web/options/Options.h"
 #include "programs/web/service/Gate.h"
@@ -67,7 +69,8 @@ class Server : private ConnectionOwner {
   void LogIn(Connection& connection, const Request& request, const Origin& origin);
   Response LogOut(const Request& request, const Origin& origin);
   void Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
-             std::function<void(Response& response)> finish);
+             std::function<void(Response& response)> finish, std::optional<WorkQueue::Reading> reading = std::nullopt);
+  void ReadAtOnce(size_t worker, const std::vector<WorkQueue::Reading>& readings);
   void OnOverdue(WorkQueue& queue, WorkQueue::Number number);
   void AnswerOverdue(WorkQueue::Number number, bool wasBegun);
   void SendDone(WorkQueue& queue);
@@ -90,6 +93,7 @@ class Server : private ConnectionOwner {
   WorkQueue::Number _lastNumber = 0;
   std::vector<std::unique_ptr<LoopEvent>> _events;  // of listeners and signals
   std::array<DaemonLink, 2> _links;                 // of the workers
+  std::array<GroupReads, 2> _reads;                 // likewise
   WorkQueue _workers;
   WorkQueue _hashing;
 };

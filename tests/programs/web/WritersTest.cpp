@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/programs/web/Web.h"
 #include "tests/support/RunLength.h"
@@ -54,6 +56,28 @@ TEST(WebWriters, LoseNoIncrement) {
   Increment(web.Connect(), times);
   other.join();
   EXPECT_EQ(web.ReadValue("a", "count"), std::to_string(2 * times));
+}
+
+// Those that read at the same time are answered together.
+TEST(WebWriters, ReadWhatTheyHaveWritten) {
+  const Web web;
+  std::atomic<int> failures{0};
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < 12; ++writer) {
+    writers.emplace_back(
+        [&, target = "/api/v1/group?name=group" + std::to_string(writer)](HttpConnection connection) {
+          for (int i = 0; i < 50; ++i) {
+            connection.Ask("PATCH", target, "{\"k\": " + std::to_string(i) + "}");
+            const HttpReply read = connection.Ask("GET", target);
+            const bool isRight = read.status == 200 && Parse(read)["keys"]["k"]["value"] == std::to_string(i) &&
+                                 Parse(read)["origin"] == "user";
+            if (!isRight || connection.Ask("GET", target + "x").status != 404) ++failures;
+          }
+        },
+        web.Connect());
+  }
+  for (std::thread& writer : writers) writer.join();
+  EXPECT_EQ(failures, 0);
 }
 
 TEST(WebWriters, AreNotToldOfFailuresThatAreNone) {
