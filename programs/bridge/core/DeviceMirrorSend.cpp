@@ -4,6 +4,7 @@
 #include "programs/bridge/core/DeviceMirror.h"
 #include "programs/bridge/core/Hash.h"
 #include "programs/bridge/formats/KeysJson.h"
+#include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
 
 // What the device publishes.
@@ -123,7 +124,7 @@ bool DeviceMirror::SendReported(const std::string& group, Milliseconds now) {
   const IniFile settings = _local.Read({group});
   const Keys keys = settings.HasGroup(group) && _rules.Find(group) != nullptr ? settings[group] : Keys();
   const std::set<std::string> masked = FindMasked(_rules, group, keys);
-  const std::string content = KeysToJson(keys, masked).dump();
+  const std::string content = programs::WriteJson(KeysToJson(keys, masked));
   const std::string topic = _topics.GetReported(group);
   if (keys.empty()) {
     _live.erase(group);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "programs/bridge/engines/KeyPrefix.h"
+#include "programs/common/client/JsonTree.h"
 
 namespace tavix::bridge::etcd {
 
@@ -61,7 +62,9 @@ std::string DecodeBase64(const std::string& text) {
 }
 
 json Parse(const std::string& text) {
-  json parsed = json::parse(text, nullptr, false);
+  programs::JsonTree tree;
+  if (!programs::ParseJson(text, tree)) return json::object();
+  json parsed = tree.TakeDocument();
   return parsed.is_object() ? parsed : json::object();
 }
 

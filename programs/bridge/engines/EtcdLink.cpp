@@ -6,6 +6,7 @@
 
 #include "programs/bridge/engines/EtcdJson.h"
 #include "programs/bridge/engines/KeyPrefix.h"
+#include "programs/common/client/JsonWriter.h"
 
 namespace tavix::bridge {
 
@@ -37,17 +38,16 @@ void EtcdLink::Begin() {
   range["keys_only"] = true;
   if (_credentials.user.empty()) return Connect(range);
   const json body = {{"name", _credentials.user}, {"password", _credentials.password}};
-  _transfers.Post("/v3/auth/authenticate", body.dump(-1, ' ', false, json::error_handler_t::replace),
-                  [this, range](const Answer& answer) {
-                    if (answer.status != 200) return Fail(Describe(answer));
-                    _transfers.SetToken(etcd::GetText(etcd::Parse(answer.body), "token"));
-                    Connect(range);
-                  });
+  _transfers.Post("/v3/auth/authenticate", programs::WriteJson(body), [this, range](const Answer& answer) {
+    if (answer.status != 200) return Fail(Describe(answer));
+    _transfers.SetToken(etcd::GetText(etcd::Parse(answer.body), "token"));
+    Connect(range);
+  });
 }
 
 // Only an endpoint that a majority stands behind answers a read.
 void EtcdLink::Connect(const json& range) {
-  _transfers.Post("/v3/kv/range", range.dump(), [this](const Answer& answer) {
+  _transfers.Post("/v3/kv/range", programs::WriteJson(range), [this](const Answer& answer) {
     const json parsed = etcd::Parse(answer.body);
     if (!Require(answer, parsed)) return;
     const json header = etcd::GetObject(parsed, "header");
@@ -95,26 +95,29 @@ void EtcdLink::Resume(const std::string& prefix, Version from) {
   json range = etcd::MakeRange(prefix, prefix);
   range["revision"] = std::to_string(from);
   range["count_only"] = true;
-  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix, from, round = _round](const Answer& answer) {
-    if (round != _round || Find(prefix) == nullptr) return;
-    const json parsed = etcd::Parse(answer.body);
-    if (etcd::GetNumber(parsed, "code") == kOutOfRange) return ReadAllAgain();
-    if (Require(answer, parsed)) FindNewest(prefix, from);
-  });
+  _transfers.Post("/v3/kv/range", programs::WriteJson(range),
+                  [this, prefix, from, round = _round](const Answer& answer) {
+                    if (round != _round || Find(prefix) == nullptr) return;
+                    const json parsed = etcd::Parse(answer.body);
+                    if (etcd::GetNumber(parsed, "code") == kOutOfRange) return ReadAllAgain();
+                    if (Require(answer, parsed)) FindNewest(prefix, from);
+                  });
 }
 
 void EtcdLink::FindNewest(const std::string& prefix, Version from) {
   json range = MakeRangeOfChanges(prefix, from);
   range["sort_target"] = "MOD";
   range["sort_order"] = "DESCEND";
-  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix, from, round = _round](const Answer& answer) {
-    Followed* const followed = Find(prefix);
-    if (round != _round || followed == nullptr) return;
-    const json parsed = etcd::Parse(answer.body);
-    if (!Require(answer, parsed)) return;
-    for (const json& pair : etcd::GetArray(parsed, "kvs")) followed->newest = etcd::GetNumber(pair, "mod_revision");
-    Watch(prefix, from);
-  });
+  _transfers.Post("/v3/kv/range", programs::WriteJson(range),
+                  [this, prefix, from, round = _round](const Answer& answer) {
+                    Followed* const followed = Find(prefix);
+                    if (round != _round || followed == nullptr) return;
+                    const json parsed = etcd::Parse(answer.body);
+                    if (!Require(answer, parsed)) return;
+                    for (const json& pair : etcd::GetArray(parsed, "kvs"))
+                      followed->newest = etcd::GetNumber(pair, "mod_revision");
+                    Watch(prefix, from);
+                  });
 }
 
 void EtcdLink::CatchUp(Followed& followed) {
@@ -128,13 +131,14 @@ void EtcdLink::Read(const std::string& prefix, const std::string& begin, Version
   json range = etcd::MakeRange(prefix, begin);
   range["limit"] = kPageSize;
   if (revision != 0) range["revision"] = std::to_string(revision);
-  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix, revision, round = _round](const Answer& answer) {
-    const Followed* const followed = Find(prefix);
-    if (round != _round || followed == nullptr || followed->watch != 0) return;
-    const json page = etcd::Parse(answer.body);
-    if (revision != 0 && etcd::GetNumber(page, "code") == kOutOfRange) return ReadAllAgain();
-    if (Require(answer, page)) TakePage(prefix, revision, page);
-  });
+  _transfers.Post("/v3/kv/range", programs::WriteJson(range),
+                  [this, prefix, revision, round = _round](const Answer& answer) {
+                    const Followed* const followed = Find(prefix);
+                    if (round != _round || followed == nullptr || followed->watch != 0) return;
+                    const json page = etcd::Parse(answer.body);
+                    if (revision != 0 && etcd::GetNumber(page, "code") == kOutOfRange) return ReadAllAgain();
+                    if (Require(answer, page)) TakePage(prefix, revision, page);
+                  });
 }
 
 void EtcdLink::TakePage(const std::string& prefix, Version revision, const json& page) {
@@ -179,7 +183,7 @@ void EtcdLink::Watch(const std::string& prefix, Version from) {
   Followed& followed = _followed[prefix];
   followed.seen = from;
   followed.watch = _transfers.PostStream(
-      "/v3/watch", json{{"create_request", range}}.dump(),
+      "/v3/watch", programs::WriteJson({{"create_request", range}}),
       [this, prefix](const std::string& line) { TakeWatched(prefix, line); },
       [this](const Answer& answer) { Fail("the watch ended: " + Describe(answer)); });
 }
@@ -231,7 +235,7 @@ void EtcdLink::ReportSynced(bool isComplete) {
 void EtcdLink::Put(const std::string& key, const std::optional<std::string>& bytes,
                    const std::optional<Version>& expected) {
   std::deque<PendingPut>& puts = _puts[key];
-  puts.push_back({key, etcd::MakeTransaction(key, bytes, expected).dump()});
+  puts.push_back({key, programs::WriteJson(etcd::MakeTransaction(key, bytes, expected))});
   if (puts.size() == 1) SendPut(puts.front());
 }
 
@@ -286,7 +290,7 @@ void EtcdLink::Probe() {
 
 void EtcdLink::ProbeOne(const std::string& prefix, Version seen) {
   const json range = MakeRangeOfChanges(prefix, seen);
-  _transfers.Post("/v3/kv/range", range.dump(), [this, prefix](const Answer& answer) {
+  _transfers.Post("/v3/kv/range", programs::WriteJson(range), [this, prefix](const Answer& answer) {
     const json parsed = etcd::Parse(answer.body);
     if (Require(answer, parsed)) TakeProbe(prefix, parsed);
   });

@@ -5,6 +5,7 @@
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -73,7 +74,8 @@ std::string ComposeDesired(const DesiredDocument& desired) {
       object[programs::NameToJson(key).get<std::string>()] = programs::ValueToJson(value);
     }
   }
-  return json{{"format", 1}, {"epoch", desired.epoch}, {"version", desired.version}, {"groups", groups}}.dump();
+  return programs::WriteJson(
+      {{"format", 1}, {"epoch", desired.epoch}, {"version", desired.version}, {"groups", groups}});
 }
 
 }  // namespace tavix::bridge

@@ -5,6 +5,7 @@
 
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
+#include "programs/common/client/JsonWriter.h"
 
 namespace tavix::bridge {
 
@@ -18,7 +19,7 @@ std::string ComposeReported(const std::string& epoch, std::uint64_t version, con
   } else {
     message["values"] = KeysToJson(keys, masked);
   }
-  return message.dump();
+  return programs::WriteJson(message);
 }
 
 ReportedGroup ParseReported(const std::string& bytes, size_t maxBytes) {
@@ -46,22 +47,23 @@ std::string ComposeResult(const Result& result) {
   if (result.version) message["version"] = *result.version;
   if (!result.reason.empty()) message["reason"] = result.reason;
   for (const auto& [key, reason] : result.keys) message["keys"][key] = reason;
-  return message.dump(-1, ' ', false, json::error_handler_t::replace);
+  return programs::WriteJson(message);
 }
 
 std::string ComposeIndex(const std::string& epoch, std::uint64_t hash) {
   char text[17];
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return json{{"format", 1}, {"epoch", epoch}, {"hash", text}}.dump();
+  return programs::WriteJson({{"format", 1}, {"epoch", epoch}, {"hash", text}});
 }
 
 std::string ComposeStatus(const std::string& version, const std::map<std::string, unsigned long long>& figures,
                           const std::string& state) {
-  return json{{"format", 1}, {"online", true}, {"bridge", version}, {"state", state}, {"counters", figures}}.dump();
+  return programs::WriteJson(
+      {{"format", 1}, {"online", true}, {"bridge", version}, {"state", state}, {"counters", figures}});
 }
 
 std::string ComposeOffline() {
-  return json{{"format", 1}, {"online", false}}.dump();
+  return programs::WriteJson({{"format", 1}, {"online", false}});
 }
 
 }  // namespace tavix::bridge

@@ -1,10 +1,9 @@
 #include "programs/bridge/formats/JsonText.h"
 
 #include <nlohmann/json.hpp>
-#include <set>
-#include <vector>
 
 #include "programs/bridge/formats/BadDocument.h"
+#include "programs/common/client/JsonTree.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -13,26 +12,21 @@ using nlohmann::json;
 
 namespace {
 
-constexpr int kMaxDepth = 8;
+constexpr size_t kMaxDepth = 8;
 
-// Looks at what the parser finds, before it is kept.
-class Strictness {
- public:
-  bool operator()(int depth, json::parse_event_t event, json& parsed) {
+// Refuses what no document has, before it is kept.
+class StrictTree : public programs::JsonTree {
+ private:
+  void OnFound(size_t depth) override {
     if (depth > kMaxDepth)
       throw BadDocument("the JSON text nests deeper than " + std::to_string(kMaxDepth) + " levels");
-    if (event == json::parse_event_t::object_start) {
-      _names.emplace_back();
-    } else if (event == json::parse_event_t::object_end) {
-      _names.pop_back();
-    } else if (event == json::parse_event_t::key && !_names.back().insert(parsed.get<std::string>()).second) {
-      throw BadDocument("the name '" + programs::SpellValue(parsed.get<std::string>()) + "' stands twice in an object");
-    }
-    return true;
   }
 
- private:
-  std::vector<std::set<std::string>> _names;  // of the objects that are open
+  void OnNameAgain(const std::string& name) override {
+    throw BadDocument("the name '" + programs::SpellValue(name) + "' stands twice in an object");
+  }
+
+  void OnBadText(const std::string& reason) override { throw BadDocument("the document is not JSON: " + reason); }
 };
 
 const json& GetMember(const json& document, const char* name) {
@@ -52,15 +46,9 @@ json ParseJson(const std::string& text, size_t maxBytes) {
     throw BadDocument("the document has " + std::to_string(text.size()) + " bytes; the limit is " +
                       std::to_string(maxBytes));
   }
-  try {
-    Strictness strictness;
-    return json::parse(text, [&strictness](int depth, json::parse_event_t event, json& parsed) {
-      return strictness(depth, event, parsed);
-    });
-  } catch (const json::exception& error) {
-    const std::string reason = error.what();
-    throw BadDocument("the document is not JSON: " + reason.substr(reason.find("] ") + 2));
-  }
+  StrictTree tree;
+  programs::ParseJson(text, tree);
+  return tree.TakeDocument();
 }
 
 const json& GetObject(const json& document, const char* name) {

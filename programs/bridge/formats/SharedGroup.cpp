@@ -5,6 +5,7 @@
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -22,7 +23,7 @@ bool IsMasked(const json& value) {
 std::string ComposeSharedGroup(const Keys& keys, const std::set<std::string>& masked) {
   Keys all = keys;
   for (const std::string& key : masked) all[key];
-  return json{{"format", 1}, {"keys", KeysToJson(all, masked)}}.dump();
+  return programs::WriteJson({{"format", 1}, {"keys", KeysToJson(all, masked)}});
 }
 
 SharedGroup ParseSharedGroup(const std::string& bytes, size_t maxBytes) {

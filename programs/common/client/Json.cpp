@@ -7,9 +7,10 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/JsonParser.h"
 #include "programs/common/client/JsonPlaces.h"
+#include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
-#include "tavix/core/MemoryStream.h"
 
 namespace tavix::programs {
 
@@ -34,23 +35,12 @@ std::string EncodeBase64(const std::string& bytes) {
   return text;
 }
 
-// What the parser says is wrong, without the name and the number that it gives such errors.
-std::string ReasonOf(const nlohmann::detail::exception& error) {
-  const std::string reason = error.what();
-  return reason.substr(reason.find("] ") + 2);
-}
-
-// What takes values from the parser. A type of this file alone: of one that others could have, too, the compiler keeps
-// readers of binary forms that nobody needs.
-class Taker : public nlohmann::json_sax<json> {};
-
 // Builds settings from what the parser finds. No tree is built in between: it would lose how numbers were written and
 // which keys stood twice, and one of any depth could not even be shown.
-class Reader : public Taker {
+class Reader : public JsonTaker {
  public:
-  // in: what is parsed, of the text; it tells how far that went. All outlive this.
-  Reader(core::ViewIstream& in, const std::string& text, const std::string& source)
-      : _in(in), _text(text), _source(source) {}
+  // source: outlives this.
+  explicit Reader(const std::string& source) : _source(source) {}
 
   IniFile TakeSettings() { return std::move(_settings); }
 
@@ -59,7 +49,6 @@ class Reader : public Taker {
   bool number_integer(number_integer_t value) override { return TakeText(std::to_string(value)); }
   bool number_unsigned(number_unsigned_t value) override { return TakeText(std::to_string(value)); }
   bool number_float(number_float_t, const std::string& text) override { return TakeText(text); }
-  bool binary(binary_t&) override { FailUnexpected("binary data"); }
   bool start_array(size_t) override { FailUnexpected("an array"); }
   bool end_array() override { return true; }
 
@@ -95,11 +84,9 @@ class Reader : public Taker {
     return true;
   }
 
-  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
-    Fail(ReasonOf(error));
-  }
-
  private:
+  void OnBadText(const std::string& reason) override { Fail(reason); }
+
   // How many objects are open.
   enum Depth { kNowhere, kInDocument, kInGroup, kInBase64 };
 
@@ -130,17 +117,12 @@ class Reader : public Taker {
     Fail(SpellSetting(_group, _key) + ": expected a string or {\"base64\": \"...\"}, found " + found);
   }
 
-  // The parser has read one character beyond what it tells of.
   [[noreturn]] void Fail(const std::string& what) {
-    const auto at = static_cast<std::ptrdiff_t>(_text.size() - _in.GetRest().size());
-    const auto line = 1 + std::count(_text.begin(), _text.begin() + std::max<std::ptrdiff_t>(0, at - 1), '\n');
-    throw Failure(kExitBadInput, _source + ":" + std::to_string(line) + ": " + what);
+    throw Failure(kExitBadInput, _source + ":" + std::to_string(GetLine()) + ": " + what);
   }
 
   static constexpr size_t kMaxShown = 40;
 
-  core::ViewIstream& _in;
-  const std::string& _text;
   const std::string& _source;
   IniFile _settings;
   int _depth = kNowhere;
@@ -150,7 +132,7 @@ class Reader : public Taker {
 };
 
 // Lists what the parser finds by its place.
-class PlaceLister : public Taker {
+class PlaceLister : public JsonTaker {
  public:
   // Both outlive this.
   PlaceLister(const std::string& source, JsonPlaces& places) : _source(source), _places(places) {}
@@ -161,7 +143,6 @@ class PlaceLister : public Taker {
   bool number_unsigned(number_unsigned_t value) override { return Add(kJsonNumber, std::to_string(value)); }
   bool number_float(number_float_t, const std::string& text) override { return Add(kJsonOther, text); }
   bool string(std::string& text) override { return Add(kJsonText, text); }
-  bool binary(binary_t&) override { Fail("unexpected binary data"); }
   bool start_object(size_t) override { return Open(kJsonObject, "an object"); }
   bool start_array(size_t) override { return Open(kJsonList, ""); }
 
@@ -182,11 +163,9 @@ class PlaceLister : public Taker {
     return true;
   }
 
-  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
-    Fail(ReasonOf(error));
-  }
-
  private:
+  void OnBadText(const std::string& reason) override { Fail(reason); }
+
   // An object or a list that is open.
   struct Level {
     char kind = 0;
@@ -229,11 +208,6 @@ class PlaceLister : public Taker {
   size_t _depth = 0;
   Level _levels[kMaxDepth + 1];  // the first one is of none
 };
-
-// There is one parser for all that takes from it: it is large.
-void Parse(core::ViewIstream& in, Taker& taker) {
-  json::sax_parse(in, &taker);
-}
 
 }  // namespace
 
@@ -302,7 +276,7 @@ std::string WithoutControls(const std::string& text) {
 }
 
 std::string Pretty(const json& document) {
-  return WithoutControls(document.dump(2)) + "\n";
+  return WithoutControls(WriteJson(document, 2)) + "\n";
 }
 
 // The text of a part begins with its bracket and a line feed, and ends with a line feed, its bracket and a line feed.
@@ -319,7 +293,7 @@ std::string PrettyParts::Finish() const {
 }
 
 std::string Compact(const json& document) {
-  return WithoutControls(document.dump());
+  return WithoutControls(WriteJson(document));
 }
 
 bool LooksLikeJson(const std::string& text) {
@@ -329,19 +303,15 @@ bool LooksLikeJson(const std::string& text) {
 }
 
 IniFile FromJson(const std::string& text, const std::string& source) {
-  core::ViewIstream in;
-  in.SetText(text);
-  Reader reader(in, text, source);
-  Parse(in, reader);
+  Reader reader(source);
+  ParseJson(text, reader);
   return reader.TakeSettings();
 }
 
 JsonPlaces ListJsonPlaces(const std::string& text, const std::string& source) {
-  core::ViewIstream in;
-  in.SetText(text);
   JsonPlaces places;
   PlaceLister lister(source, places);
-  Parse(in, lister);
+  ParseJson(text, lister);
   return places;
 }
 

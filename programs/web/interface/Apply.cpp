@@ -112,13 +112,19 @@ std::set<std::string> NamesOfAll(std::initializer_list<const IniFile*> documents
   return names;
 }
 
-[[noreturn]] void FailCondition(const Call& call, const Amendment& amendment, const IniFile& current) {
+// The items of a list of JSON.
+std::string DescribeGroups(const Call& call, const std::set<std::string>& names, const IniFile& current) {
   std::string groups;
-  for (const std::string& name : NamesOfAll({&amendment.present, &amendment.absent})) {
+  for (const std::string& name : names) {
     const auto found = current.GetGroups().find(name);
     groups +=
         (groups.empty() ? "" : ",") + DescribeGroup(call, name, found == current.end() ? nullptr : &found->second);
   }
+  return groups;
+}
+
+[[noreturn]] void FailCondition(const Call& call, const Amendment& amendment, const IniFile& current) {
+  const std::string groups = DescribeGroups(call, NamesOfAll({&amendment.present, &amendment.absent}), current);
   throw Refusal(412, "the condition does not hold",
                 {{"current", "[" + groups + "]"}, {"outcome", Quoted("nothing written")}});
 }
@@ -165,16 +171,11 @@ void RequireApplied(Call& call, const Amendment& amendment, const IniFile& curre
 Response ShowApplied(Call& call, const Wanted& wanted) {
   const Amendment& amendment = wanted.amendment;
   const std::set<std::string> names = NamesOfAll({&amendment.set, &amendment.unset});
-  json groups = json::array();
   const IniFile current = call.ReadGroups(names);
   if (!wanted.isVolatile) RequireApplied(call, amendment, current);
-  for (const std::string& name : names) {
-    const auto found = current.GetGroups().find(name);
-    groups.push_back(json::parse(DescribeGroup(call, name, found == current.end() ? nullptr : &found->second)));
-  }
-  json answer = {{"groups", groups}};
-  if (wanted.trial) answer["pending"] = wanted.trial->Describe(call);
-  return JsonResponse(answer);
+  std::string answer = "{\"groups\":[" + DescribeGroups(call, names, current) + "]";
+  if (wanted.trial) answer += ",\"pending\":" + programs::Compact(wanted.trial->Describe(call));
+  return TextResponse(answer + "}");
 }
 
 void ApplyVolatile(Call& call, const Amendment& amendment) {

@@ -1,16 +1,14 @@
 #include "programs/web/interface/JsonBody.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonParser.h"
 #include "programs/web/http/Refusal.h"
-#include "tavix/core/MemoryStream.h"
 
 namespace tavix::web {
 
-using nlohmann::json;
 using Kind = JsonValue::Kind;
 
 namespace {
@@ -22,11 +20,10 @@ constexpr size_t kFreeValues = 1024;
 constexpr size_t kMinBytesOfValue = 8;
 
 // Builds the value from what the parser finds, which knows how numbers were written and what stands twice.
-class Builder : public nlohmann::json_sax<json> {
+class Builder : public programs::JsonTaker {
  public:
-  // Both outlive this.
-  Builder(core::ViewIstream& in, const std::string& text, size_t bytesDepth)
-      : _in(in), _text(text), _bytesDepth(bytesDepth), _valuesLeft(kFreeValues + text.size() / kMinBytesOfValue) {}
+  Builder(size_t textSize, size_t bytesDepth)
+      : _bytesDepth(bytesDepth), _valuesLeft(kFreeValues + textSize / kMinBytesOfValue) {}
 
   JsonValue Take() { return std::move(_root); }
 
@@ -36,7 +33,6 @@ class Builder : public nlohmann::json_sax<json> {
   bool number_unsigned(number_unsigned_t value) override { return AddText(Kind::kNumber, std::to_string(value)); }
   bool number_float(number_float_t, const std::string& text) override { return AddText(Kind::kNumber, text); }
   bool string(std::string& text) override { return AddText(Kind::kText, text); }
-  bool binary(binary_t&) override { Fail("unexpected binary data"); }
 
   bool start_object(size_t) override { return Open(Kind::kObject); }
   bool start_array(size_t) override { return Open(Kind::kList); }
@@ -63,12 +59,9 @@ class Builder : public nlohmann::json_sax<json> {
     return Close();
   }
 
-  bool parse_error(size_t, const std::string&, const nlohmann::detail::exception& error) override {
-    const std::string reason = error.what();
-    Fail(reason.substr(reason.find("] ") + 2));
-  }
-
  private:
+  void OnBadText(const std::string& reason) override { Fail(reason); }
+
   struct Level {
     JsonValue value;
     std::set<std::string> names;
@@ -105,15 +98,11 @@ class Builder : public nlohmann::json_sax<json> {
     return Add(std::move(value));
   }
 
-  // The parser has read one character beyond what it reports.
   [[noreturn]] void Fail(const std::string& what) {
-    const auto at = static_cast<std::ptrdiff_t>(_text.size() - _in.GetRest().size());
-    const auto line = 1 + std::count(_text.begin(), _text.begin() + std::max<std::ptrdiff_t>(0, at - 1), '\n');
-    throw Refusal(400, "the body, line " + std::to_string(line) + ": " + what, {{"line", std::to_string(line)}});
+    const std::string line = std::to_string(GetLine());
+    throw Refusal(400, "the body, line " + line + ": " + what, {{"line", line}});
   }
 
-  core::ViewIstream& _in;
-  const std::string& _text;
   const size_t _bytesDepth;
   size_t _valuesLeft;
   std::vector<Level> _levels;
@@ -130,10 +119,8 @@ const JsonValue* JsonValue::Find(const std::string& name) const {
 }
 
 JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth) {
-  core::ViewIstream in;
-  in.SetText(text);
-  Builder builder(in, text, bytesDepth);
-  json::sax_parse(in, &builder);
+  Builder builder(text.size(), bytesDepth);
+  programs::ParseJson(text, builder);
   return builder.Take();
 }
 
