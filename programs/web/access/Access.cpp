@@ -36,7 +36,7 @@ Access::Access(const Options& options) : _options(options) {
 void Access::RequireAllowed(const Peer& peer) const {
   if (!peer.isUnix || _options.allowedUsers.empty()) return;
   if (!peer.user || _options.allowedUsers.count(*peer.user) == 0)
-    throw Refusal(403, "this user may not use the socket; --allow-uid lets one in, if this program can see its number");
+    Refuse(403, "this user may not use the socket; --allow-uid lets one in, if this program can see its number");
 }
 
 // A user that --allow-uid names is known by the kernel.
@@ -69,15 +69,14 @@ Right Access::FindRight(const Request& request, const Peer& peer) {
 void Access::RequireRight(const Request& request, const Peer& peer, Right right) {
   const Right given = FindRight(request, peer);
   if (right == Right::kRead) return;
-  if (_options.isReadOnly) throw Refusal(403, "this program was started with --read-only");
-  if (given == Right::kRead) throw Refusal(403, "the token allows reading alone");
+  if (_options.isReadOnly) Refuse(403, "this program was started with --read-only");
+  if (given == Right::kRead) Refuse(403, "the token allows reading alone");
 }
 
 void Access::RequireAttempt(const std::string& address) {
-  if (_password.empty()) throw Refusal(404, "there is no password to log in with");
+  if (_password.empty()) Refuse(404, "there is no password to log in with");
   const auto wait = _logins.FindWait(address, Logins::Clock::now());
-  if (wait > std::chrono::seconds(0))
-    throw Refusal(429, "too many wrong passwords", {}, {{"Retry-After", std::to_string(wait.count())}});
+  if (wait > std::chrono::seconds(0)) RefuseForNow(429, "too many wrong passwords", wait.count());
 }
 
 std::string Access::FormatCookie(const std::string& value, const Origin& origin) const {

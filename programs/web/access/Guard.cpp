@@ -87,26 +87,26 @@ void Guard::RequireKnownHost(const Origin& origin) const {
   const std::string name = WithoutPort(origin.host);
   const bool isAddress = !name.empty() && (name.front() == '[' || NormalizeAddress(name));
   if (!isAddress && _hosts.count(name) == 0)
-    throw Refusal(421, "this host is not known as '" + origin.host + "'; --host makes the name known");
+    Refuse(421, {"this host is not known as '", origin.host, "'; --host makes the name known"});
 }
 
 void Guard::RequireOwnSite(const Request& request) {
   const std::string* const site = request.Find("sec-fetch-site");
-  if (site && *site == "cross-site") throw Refusal(403, "pages of other sites may not ask here");
+  if (site && *site == "cross-site") Refuse(403, "pages of other sites may not ask here");
 }
 
 void Guard::RequireOwnWrite(const Request& request, const Origin& origin) const {
   const std::string* const sender = request.Find("origin");
   const std::string scheme = origin.isHttps ? "https://" : "http://";
   if (sender && Lower(*sender) != Lower(scheme + origin.host))
-    throw Refusal(403, "the page at '" + *sender + "' may not write here");
-  if (!sender && request.Find("cookie")) throw Refusal(403, "a write with a cookie needs an Origin");
+    Refuse(403, {"the page at '", *sender, "' may not write here"});
+  if (!sender && request.Find("cookie")) Refuse(403, "a write with a cookie needs an Origin");
 }
 
 void RequireKnownType(const Request& request) {
   const std::string type = TypeOf(request);
   const bool isKnown = std::any_of(std::begin(kTypes), std::end(kTypes), [&](const char* one) { return type == one; });
-  if (!isKnown) throw Refusal(415, "the body's type has to be application/json or text/plain");
+  if (!isKnown) Refuse(415, "the body's type has to be application/json or text/plain");
 }
 
 std::vector<std::string> FindCookies(const Request& request, const std::string& name) {

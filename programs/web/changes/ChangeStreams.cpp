@@ -48,7 +48,7 @@ void ChangeStreams::ReadParameters(const Request& request, Stream& stream) const
   const Query query(request.query);
   std::vector<std::string> given = query.FindNames("pattern");
   if (given.size() > kMaxPatterns)
-    throw Refusal(400, "a stream has no more than " + std::to_string(kMaxPatterns) + " patterns");
+    Refuse(400, {"a stream has no more than ", std::to_string(kMaxPatterns), " patterns"});
   if (given.empty()) given = {"*"};
   for (std::string& pattern : given) {
     RequireSendable(pattern);
@@ -71,7 +71,7 @@ void ChangeStreams::Open(Connection& connection, const Request& request, std::fu
   stream.connection = &connection;
   stream.isAllowed = std::move(isAllowed);
   ReadParameters(request, stream);
-  if (_streams.size() >= kMaxStreams) throw Refusal(503, "there are too many streams", {}, {{"Retry-After", "15"}});
+  if (_streams.size() >= kMaxStreams) RefuseForNow(503, "there are too many streams", 15);
   StartFollowing();
   _streams.push_back(std::move(stream));
   Stream& added = _streams.back();

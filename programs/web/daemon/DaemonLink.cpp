@@ -90,7 +90,7 @@ const std::set<std::string>& DaemonLink::GetFeatures() {
 
 void DaemonLink::RequireFeature(const std::string& feature) {
   if (GetFeatures().count(feature) == 0)
-    throw Refusal(501, "the daemon lacks the feature '" + feature + "'", {{"feature", Quoted(feature)}});
+    Refuse(501, {"the daemon lacks the feature '", feature, "'"}, {{"feature", feature}});
 }
 
 Refusal ToRefusal(const ProtocolException& exception, bool isWrite, const DaemonLink& link) {

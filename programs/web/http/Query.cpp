@@ -26,7 +26,7 @@ std::string Decode(const std::string& text) {
     }
     const int high = at + 2 < text.size() ? ValueOfDigit(text[at + 1]) : -1;
     const int low = at + 2 < text.size() ? ValueOfDigit(text[at + 2]) : -1;
-    if (high < 0 || low < 0) throw Refusal(400, "the query holds a '%' without two hexadecimal digits");
+    if (high < 0 || low < 0) Refuse(400, "the query holds a '%' without two hexadecimal digits");
     bytes += static_cast<char>(high * 16 + low);
     at += 2;
   }
@@ -35,7 +35,7 @@ std::string Decode(const std::string& text) {
 
 std::string ReadName(const std::string& parameter, const std::string& text) {
   std::optional<std::string> name = programs::NameFromJson(text);
-  if (!name) throw Refusal(400, parameter + ": what stands behind 'base64:' is none");
+  if (!name) Refuse(400, {parameter, ": what stands behind 'base64:' is none"});
   return *std::move(name);
 }
 
@@ -59,8 +59,8 @@ void Query::RequireOnly(const std::string& known) const {
     const bool isPlain = name.find_first_of(" *") == std::string::npos;
     if (isPlain && words.find(" " + name + "* ") != std::string::npos) continue;
     if (!isPlain || words.find(" " + name + " ") == std::string::npos)
-      throw Refusal(400, "the query holds '" + name + "', which this request does not have");
-    if (FindAll(name).size() > 1) throw Refusal(400, "the parameter '" + name + "' stands twice");
+      Refuse(400, {"the query holds '", name, "', which this request does not have"});
+    if (FindAll(name).size() > 1) Refuse(400, {"the parameter '", name, "' stands twice"});
   }
 }
 
@@ -87,7 +87,7 @@ std::optional<std::string> Query::FindName(const std::string& name) const {
 
 std::string Query::RequireName(const std::string& name) const {
   std::optional<std::string> found = FindName(name);
-  if (!found) throw Refusal(400, "the parameter '" + name + "' is missing");
+  if (!found) Refuse(400, {"the parameter '", name, "' is missing"});
   return *std::move(found);
 }
 
@@ -101,7 +101,7 @@ bool Query::HasFlag(const std::string& name) const {
   const std::string value = Find(name).value_or("0");
   if (value == "1" || value == "true") return true;
   if (value == "0" || value == "false") return false;
-  throw Refusal(400, "the parameter '" + name + "' is neither 1 nor 0");
+  Refuse(400, {"the parameter '", name, "' is neither 1 nor 0"});
 }
 
 size_t Query::FindNumber(const std::string& name, size_t low, size_t high, size_t def) const {
@@ -111,8 +111,7 @@ size_t Query::FindNumber(const std::string& name, size_t low, size_t high, size_
   const char* const last = text->data() + text->size();
   const auto [end, error] = std::from_chars(text->data(), last, number);
   if (error != std::errc() || end != last || number < low || number > high)
-    throw Refusal(
-        400, "the parameter '" + name + "' is no number from " + std::to_string(low) + " to " + std::to_string(high));
+    Refuse(400, {"the parameter '", name, "' is no number from ", std::to_string(low), " to ", std::to_string(high)});
   return number;
 }
 

@@ -8,6 +8,23 @@ namespace tavix::web {
 
 using nlohmann::json;
 
+void Refuse(int status, const char* detail) {
+  throw Refusal(status, detail);
+}
+
+void Refuse(int status, std::initializer_list<std::string_view> partsOfDetail,
+            std::initializer_list<TextMember> members) {
+  std::string detail;
+  for (const std::string_view part : partsOfDetail) detail += part;
+  Refusal::Members quoted;
+  for (const TextMember& member : members) quoted[member.name] = Quoted(std::string(member.text));
+  throw Refusal(status, detail, std::move(quoted));
+}
+
+void RefuseForNow(int status, const char* detail, long long seconds) {
+  throw Refusal(status, detail, {}, {{"Retry-After", std::to_string(seconds)}});
+}
+
 std::string Quoted(const std::string& text) {
   return programs::Compact(programs::NameToJson(text));
 }

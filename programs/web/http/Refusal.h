@@ -1,9 +1,11 @@
 #pragma once
 
+#include <initializer_list>
 #include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "programs/web/http/Message.h"
@@ -29,6 +31,20 @@ class Refusal : public std::runtime_error {
   Members _members;
   Headers _headers;
 };
+
+// A member of a problem that is a string, of any bytes. A plain value.
+struct TextMember {
+  const char* name;
+  std::string_view text;
+};
+
+// Throw a Refusal. Many places do, and each is several times as large when it makes one itself.
+[[noreturn]] void Refuse(int status, const char* detail);
+[[noreturn]] void Refuse(int status, std::initializer_list<std::string_view> partsOfDetail,
+                         std::initializer_list<TextMember> members = {});
+
+// The same with a time after which the request may be carried out.
+[[noreturn]] void RefuseForNow(int status, const char* detail, long long seconds);
 
 // A string of JSON, of any bytes.
 std::string Quoted(const std::string& text);

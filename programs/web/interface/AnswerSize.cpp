@@ -14,11 +14,11 @@ constexpr size_t kShareBytes = 512 * size_t{1024};
 void AnswerSize::Add(size_t bytes) {
   _bytes += bytes;
   if (_bytes > _bounds.maxBytes)
-    throw Refusal(507, "the answer would have more than " + std::to_string(_bounds.maxBytes) +
-                           " bytes: ask for less at once, or give the program --max-answer");
+    Refuse(507, {"the answer would have more than ", std::to_string(_bounds.maxBytes),
+                 " bytes: ask for less at once, or give the program --max-answer"});
   while (_bytes > kFreeBytes && _bytes > _granted) {
     MemoryBudget::Share share = _bounds.budget.Take(kShareBytes);
-    if (!share) throw Refusal(503, "too many large answers are on their way", {}, {{"Retry-After", "1"}});
+    if (!share) RefuseForNow(503, "too many large answers are on their way", 1);
     _shares.push_back(std::move(share));
     _granted += kShareBytes;
   }

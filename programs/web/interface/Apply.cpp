@@ -32,9 +32,8 @@ struct Wanted {
   std::optional<Trial> trial;
 };
 
-[[noreturn]] void FailAt(const std::string& member, const std::string& group, const std::string& expected) {
-  throw Refusal(400, "'" + member + "', group '" + programs::SpellName(group) + "': expected " + expected,
-                {{"group", Quoted(group)}});
+[[noreturn]] void FailAt(const std::string& member, const std::string& group, std::string_view expected) {
+  Refuse(400, {"'", member, "', group '", programs::SpellName(group), "': expected ", expected}, {{"group", group}});
 }
 
 // An object of groups, each an object of keys and values.
@@ -42,7 +41,7 @@ IniFile ReadSettings(const JsonValue& body, const std::string& member) {
   IniFile settings;
   const JsonValue* const groups = body.Find(member);
   if (!groups) return settings;
-  if (groups->kind != Kind::kObject) throw Refusal(400, "'" + member + "' is no object of groups");
+  if (groups->kind != Kind::kObject) Refuse(400, {"'", member, "' is no object of groups"});
   for (const auto& [group, keys] : groups->members) {
     if (keys.kind != Kind::kObject) FailAt(member, group, "an object of keys");
     RequireSendable(group);
@@ -60,7 +59,7 @@ IniFile ReadKeys(const JsonValue& body, const std::string& member) {
   IniFile settings;
   const JsonValue* const groups = body.Find(member);
   if (!groups) return settings;
-  if (groups->kind != Kind::kObject) throw Refusal(400, "'" + member + "' is no object of groups");
+  if (groups->kind != Kind::kObject) Refuse(400, {"'", member, "' is no object of groups"});
   for (const auto& [group, keys] : groups->members) {
     if (keys.kind != Kind::kList) FailAt(member, group, "a list of keys");
     RequireSendable(group);
@@ -91,7 +90,7 @@ Wanted ReadWanted(const Call& call) {
     for (const auto& [group, keys] : *conditions) RequireUnmasked(call, group);
   }
   wanted.trial = Trial::Read(body);
-  if (wanted.trial && wanted.isVolatile) throw Refusal(400, "'confirm' and 'volatile' exclude one another");
+  if (wanted.trial && wanted.isVolatile) Refuse(400, "'confirm' and 'volatile' exclude one another");
   return wanted;
 }
 
@@ -162,8 +161,8 @@ void RequireApplied(Call& call, const Amendment& amendment, const IniFile& curre
       if (!user) user = call.ReadUserGroup(group).value_or(IniFile::KeyMap());
       const auto kept = user->find(key);
       if (kept == user->end() || kept->second != value) continue;
-      throw Refusal(409, "not applied: " + programs::SpellSetting(group, key) + " does not hold what was set",
-                    {{"group", Quoted(group)}, {"key", Quoted(key)}, {"outcome", Quoted("unknown")}});
+      Refuse(409, {"not applied: ", programs::SpellSetting(group, key), " does not hold what was set"},
+             {{"group", group}, {"key", key}, {"outcome", "unknown"}});
     }
   }
 }
@@ -180,7 +179,7 @@ Response ShowApplied(Call& call, const Wanted& wanted) {
 
 void ApplyVolatile(Call& call, const Amendment& amendment) {
   if (!amendment.present.IsEmpty() || !amendment.absent.IsEmpty() || !amendment.unset.IsEmpty())
-    throw Refusal(400, "'volatile' goes with 'set' alone");
+    Refuse(400, "'volatile' goes with 'set' alone");
   Merge(call, amendment.set, true);
 }
 

@@ -71,19 +71,19 @@ IniFile Call::ReadGroups(const std::set<std::string>& groups) {
 
 void RequireSendable(const std::string& group) {
   if (group == "." || group.find('\n') != std::string::npos)
-    throw Refusal(422, "no group can have the name '" + programs::SpellName(group) + "'", {{"group", Quoted(group)}});
+    Refuse(422, {"no group can have the name '", programs::SpellName(group), "'"}, {{"group", group}});
 }
 
 void RequireUnrestricted(const Call& call, const std::string& group) {
   if (call.session.IsRestricted(group))
-    throw Refusal(403, "'" + programs::SpellName(group) + "' is a restricted group, which no client can write",
-                  {{"group", Quoted(group)}});
+    Refuse(403, {"'", programs::SpellName(group), "' is a restricted group, which no client can write"},
+           {{"group", group}});
 }
 
 void RequireUnmasked(const Call& call, const std::string& group) {
   if (call.view.IsMasked(group))
-    throw Refusal(403, "'" + programs::SpellName(group) + "' is a restricted group, whose values are masked",
-                  {{"group", Quoted(group)}});
+    Refuse(403, {"'", programs::SpellName(group), "' is a restricted group, whose values are masked"},
+           {{"group", group}});
 }
 
 }  // namespace tavix::web

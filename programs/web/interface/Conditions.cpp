@@ -15,8 +15,8 @@ Conditions::Conditions(const Request& request) {
   if (const std::string* const tags = request.Find("if-match")) ifMatch = *tags;
   const std::string* const none = request.Find("if-none-match");
   if (!none) return;
-  if (*none != "*") throw Refusal(400, "If-None-Match of a write has to be '*'");
-  if (ifMatch) throw Refusal(400, "If-Match and If-None-Match exclude one another");
+  if (*none != "*") Refuse(400, "If-None-Match of a write has to be '*'");
+  if (ifMatch) Refuse(400, "If-Match and If-None-Match exclude one another");
   mustBeNew = true;
 }
 

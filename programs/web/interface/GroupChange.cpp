@@ -120,8 +120,8 @@ void GroupChange::Run(const Make& make) {
     }
     if (TryChange(MakeAmendment(wanted))) return Finish(wanted);
   }
-  throw Refusal(409, "others change '" + programs::SpellName(_group) + "' again and again",
-                {{"group", Quoted(_group)}, {"outcome", Quoted("nothing written")}});
+  Refuse(409, {"others change '", programs::SpellName(_group), "' again and again"},
+         {{"group", _group}, {"outcome", "nothing written"}});
 }
 
 // An amendment leaves no group without keys.

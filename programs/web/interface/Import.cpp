@@ -33,7 +33,7 @@ ImportOptions ReadOptions(const Call& call) {
   ImportOptions options;
   const std::string mode = call.query.Find("mode").value_or("merge");
   if (mode != "merge" && mode != "replace" && mode != "replace-user")
-    throw Refusal(400, "the parameter 'mode' is none of merge, replace and replace-user");
+    Refuse(400, "the parameter 'mode' is none of merge, replace and replace-user");
   options.replaces = mode != "merge";
   options.isUserLayer = mode == "replace-user";
   const std::vector<std::string> given = call.query.FindNames("pattern");
@@ -45,11 +45,10 @@ ImportOptions ReadOptions(const Call& call) {
 // What a text lacks that may be cut off, or that does not report what it covers, is not taken for gone.
 void RequireWhole(const std::string& text, ImportOptions& options) {
   if (!options.replaces) return;
-  if (programs::IsCutOff(text))
-    throw Refusal(422, "the body is a part of a backup: its last line does not mark the end");
+  if (programs::IsCutOff(text)) Refuse(422, "the body is a part of a backup: its last line does not mark the end");
   if (!options.groups.empty()) return;
   if (programs::LooksLikeJson(text))
-    throw Refusal(422, "JSON does not tell what it covers: name the groups by 'pattern', or '*' for all");
+    Refuse(422, "JSON does not tell what it covers: name the groups by 'pattern', or '*' for all");
   options.groups = programs::ReadCoverage(text);
 }
 

@@ -128,10 +128,10 @@ JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string
   JsonValue value;
   value.kind = Kind::kObject;
   if (!text.empty()) value = ParseJsonBody(text, bytesDepth);
-  if (value.kind != Kind::kObject) throw Refusal(400, "the body is no object");
+  if (value.kind != Kind::kObject) Refuse(400, "the body is no object");
   for (const auto& [name, member] : value.members) {
     if (std::find(known.begin(), known.end(), name) == known.end())
-      throw Refusal(400, "the body holds '" + name + "', which nothing here has");
+      Refuse(400, {"the body holds '", name, "', which nothing here has"});
   }
   return value;
 }
@@ -139,7 +139,7 @@ JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string
 bool ReadFlag(const JsonValue& body, const std::string& member) {
   const JsonValue* const value = body.Find(member);
   if (!value) return false;
-  if (value->kind != Kind::kTruth) throw Refusal(400, "'" + member + "' is neither true nor false");
+  if (value->kind != Kind::kTruth) Refuse(400, {"'", member, "' is neither true nor false"});
   return value->text == "true";
 }
 

@@ -97,7 +97,7 @@ Response ShowGroup(Call& call) {
   const bool isRead = call.reads.Has(name);
   const std::optional<IniFile::KeyMap> fresh = isRead ? std::nullopt : call.ReadGroup(name);
   const IniFile::KeyMap* const keys = isRead ? call.reads.Find(name).keys : fresh ? &*fresh : nullptr;
-  if (!keys) throw Refusal(404, "there is no group '" + programs::SpellName(name) + "'", {{"group", Quoted(name)}});
+  if (!keys) Refuse(404, {"there is no group '", programs::SpellName(name), "'"}, {{"group", name}});
   const std::string version = call.view.FindVersion(name, *keys);
   const Headers headers{{"ETag", "\"" + version + "\""}};
   const std::string* const known = call.request.Find("if-none-match");
@@ -124,7 +124,7 @@ Response Export(Call& call) {
   for (const std::string& pattern : given) RequireSendable(pattern);
   const std::set<std::string> groups(given.begin(), given.end());
   const std::string format = call.query.Find("format").value_or("ini");
-  if (format != "ini" && format != "json") throw Refusal(400, "the parameter 'format' is neither ini nor json");
+  if (format != "ini" && format != "json") Refuse(400, "the parameter 'format' is neither ini nor json");
   core::StringOstream text;
   programs::PrettyParts parts("{}");
   if (format == "ini") text.Append(programs::DescribeCoverage(groups));

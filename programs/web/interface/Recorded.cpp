@@ -76,13 +76,13 @@ std::string FormatTime(std::chrono::system_clock::time_point time) {
 // The line ends with the name or pattern, without the blanks around it.
 RecordedGroups RecordedGroups::From(const std::optional<std::string>& pattern,
                                     const std::optional<std::string>& group) {
-  if (pattern && group) throw Refusal(400, "'pattern' and 'group' exclude one another");
+  if (pattern && group) Refuse(400, "'pattern' and 'group' exclude one another");
   if (!pattern && !group) return {};
   const std::string& name = group ? *group : *pattern;
   RequireSendable(name);
   constexpr char kBlanks[] = " \t\r";
   const bool hasBlanks = name.find_first_not_of(kBlanks) != 0 || name.find_last_of(kBlanks) == name.size() - 1;
-  if (hasBlanks && pattern) throw Refusal(422, "the history can't be asked for '" + programs::SpellName(name) + "'");
+  if (hasBlanks && pattern) Refuse(422, {"the history can't be asked for '", programs::SpellName(name), "'"});
   RecordedGroups groups;
   if (!hasBlanks && name != "*") groups.words = " " + name;
   if (group && (hasBlanks || name.find('*') != std::string::npos)) groups.group = name;
@@ -116,7 +116,7 @@ Response ShowHistory(Call& call) {
   const std::string line = FindLine(call.query, groups);
   call.link.RequireFeature("history");
   const auto answer = call.link.Get().Ask(line);
-  if (answer.isRefused) throw Refusal(409, programs::SpellValue(answer.reason));
+  if (answer.isRefused) Refuse(409, {programs::SpellValue(answer.reason)});
   std::vector<Revision> revisions;
   for (const auto& [name, keys] : answer.data) {
     if (name == kScanned) continue;

@@ -40,10 +40,9 @@ int ParseLevel(const std::string& group, const JsonValue& value) {
   try {
     if (value.IsValue()) return programs::ParseLogLevel(value.text);
   } catch (const programs::Failure& failure) {
-    throw Refusal(400, failure.what(), {{"group", Quoted(group)}});
+    Refuse(400, {failure.what()}, {{"group", group}});
   }
-  throw Refusal(400, "the level of '" + programs::SpellName(group) + "' is no string and no number",
-                {{"group", Quoted(group)}});
+  Refuse(400, {"the level of '", programs::SpellName(group), "' is no string and no number"}, {{"group", group}});
 }
 
 }  // namespace
@@ -85,7 +84,7 @@ Response ShowLogLevels(Call& call) {
 // As the command's, no level is made for a program that has none, which would rather be a misspelled one.
 Response PatchLogLevels(Call& call) {
   const JsonValue body = ParseJsonBody(call.request.body);
-  if (body.kind != JsonValue::Kind::kObject) throw Refusal(400, "the body is no object of groups");
+  if (body.kind != JsonValue::Kind::kObject) Refuse(400, "the body is no object of groups");
   IniFile levels;
   for (const auto& [group, value] : body.members) {
     RequireSendable(group);
@@ -95,8 +94,7 @@ Response PatchLogLevels(Call& call) {
   const IniFile known = programs::ReadLogLevels(call.session, "*");
   for (const auto& [group, keys] : levels) {
     if (!known.HasGroup(group))
-      throw Refusal(404, "'" + programs::SpellName(group) + "' is no log group: it has no log.level",
-                    {{"group", Quoted(group)}});
+      Refuse(404, {"'", programs::SpellName(group), "' is no log group: it has no log.level"}, {{"group", group}});
   }
   if (!levels.IsEmpty()) Merge(call, levels, false);
   return ShowLogLevels(call);

@@ -37,11 +37,11 @@ Names ReadUserPart(Call& call, const Names& groups, const programs::Session::Tak
 Names ReadPatterns(const JsonValue& body) {
   const JsonValue* const list = body.Find("groups");
   if (!list || list->kind != JsonValue::Kind::kList || list->items.empty())
-    throw Refusal(400, "'groups' is no list of names and patterns");
+    Refuse(400, "'groups' is no list of names and patterns");
   Names patterns;
   for (const JsonValue& item : list->items) {
     const auto name = item.kind == JsonValue::Kind::kText ? programs::NameFromJson(item.text) : std::nullopt;
-    if (!name) throw Refusal(400, "'groups' is no list of names and patterns");
+    if (!name) Refuse(400, "'groups' is no list of names and patterns");
     RequireSendable(*name);
     patterns.insert(*name);
   }

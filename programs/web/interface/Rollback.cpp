@@ -38,7 +38,7 @@ std::string ReadGoal(const JsonValue& body) {
   constexpr size_t kMaxDigits = 20;
   const JsonValue* const to = body.Find("to");
   if (!to || (to->kind != JsonValue::Kind::kText && to->kind != JsonValue::Kind::kNumber))
-    throw Refusal(400, "'to' is neither a revision nor '@' with the name of a checkpoint");
+    Refuse(400, "'to' is neither a revision nor '@' with the name of a checkpoint");
   const std::string& goal = to->text;
   if (goal.compare(0, 1, "@") == 0) {
     programs::RequireKeptName(goal.substr(1), kCheckpoint);
@@ -46,7 +46,7 @@ std::string ReadGoal(const JsonValue& body) {
   }
   const bool isRevision =
       !goal.empty() && goal.size() <= kMaxDigits && goal.find_first_not_of("0123456789") == std::string::npos;
-  if (!isRevision) throw Refusal(422, "'" + programs::SpellValue(goal) + "' is no revision");
+  if (!isRevision) Refuse(422, {"'", programs::SpellValue(goal), "' is no revision"});
   return goal;
 }
 
@@ -54,7 +54,7 @@ std::optional<std::string> ReadName(const JsonValue& body, const std::string& me
   const JsonValue* const name = body.Find(member);
   if (!name) return std::nullopt;
   const auto text = name->kind == JsonValue::Kind::kText ? programs::NameFromJson(name->text) : std::nullopt;
-  if (!text) throw Refusal(400, "'" + member + "' is no name of groups");
+  if (!text) Refuse(400, {"'", member, "' is no name of groups"});
   return text;
 }
 
@@ -76,7 +76,7 @@ Wanted ReadWanted(const Call& call) {
 [[noreturn]] void FailRefused(const std::string& reason) {
   const bool isMissing = std::any_of(std::begin(kMissing), std::end(kMissing),
                                      [&](const char* text) { return reason.find(text) != std::string::npos; });
-  throw Refusal(isMissing ? 404 : 409, programs::SpellValue(reason), {{"outcome", Quoted("nothing written")}});
+  Refuse(isMissing ? 404 : 409, {programs::SpellValue(reason)}, {{"outcome", "nothing written"}});
 }
 
 // Of a daemon's answer: by groups, whose names are what is shown.
@@ -97,8 +97,8 @@ void RequireNoOthers(const RecordedGroups& groups, const IniFile& data) {
   if (data.IsEmpty()) return;
   for (const programs::Change& change : programs::ReadRecordedChanges(data.begin()->second)) {
     if (!groups.Includes(change))
-      throw Refusal(409, "the daemon would bring '" + programs::SpellName(change.group) + "' back, too",
-                    {{"group", Quoted(change.group)}, {"outcome", Quoted("nothing written")}});
+      Refuse(409, {"the daemon would bring '", programs::SpellName(change.group), "' back, too"},
+             {{"group", change.group}, {"outcome", "nothing written"}});
   }
 }
 
@@ -119,7 +119,7 @@ IniFile RollBackOne(Call& call, const Wanted& wanted, const std::string& line) {
     throw;
   }
   if (!wanted.trial && !data.IsEmpty() && !trial.Confirm(call))
-    throw Refusal(409, "others changed what the rollback brought back", {{"outcome", Quoted("unknown")}});
+    Refuse(409, {"others changed what the rollback brought back"}, {{"outcome", "unknown"}});
   return data;
 }
 
@@ -165,11 +165,11 @@ Response ListCheckpoints(Call& call) {
 Response MakeCheckpoint(Call& call) {
   const JsonValue body = ParseJsonObject(call.request.body, {"name"});
   const JsonValue* const name = body.Find("name");
-  if (!name || name->kind != JsonValue::Kind::kText) throw Refusal(400, "'name' is no string");
+  if (!name || name->kind != JsonValue::Kind::kText) Refuse(400, "'name' is no string");
   programs::RequireKeptName(name->text, kCheckpoint);
   call.link.RequireFeature(kHistory);
   const IniFile made = AskOrFail(call.link.GetForWrite(), std::string(kCheckpoint) + " " + name->text);
-  if (!made.HasGroup(name->text)) throw Refusal(502, "the daemon does not answer for '" + name->text + "'");
+  if (!made.HasGroup(name->text)) Refuse(502, {"the daemon does not answer for '", name->text, "'"});
   return JsonResponse(CheckpointToJson(name->text, made[name->text]));
 }
 

@@ -77,7 +77,7 @@ const Route& FindRoute(const std::string& method, const std::string& path) {
     allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
     if (std::string(route.method) == "GET") allowed += ", HEAD";
   }
-  if (allowed.empty()) throw Refusal(404, "the interface has no '" + path + "'");
+  if (allowed.empty()) Refuse(404, {"the interface has no '", path, "'"});
   throw Refusal(405, "'" + path + "' takes no " + method, {}, {{"Allow", allowed}});
 }
 

@@ -57,7 +57,7 @@ Options ReadOptions(const Query& query) {
   options.inKeys = list.find(",keys,") != std::string::npos;
   options.inValues = list.find(",values,") != std::string::npos;
   if (!options.inGroups && !options.inKeys && !options.inValues)
-    throw Refusal(400, "the parameter 'in' is no list of groups, keys and values");
+    Refuse(400, "the parameter 'in' is no list of groups, keys and values");
   return options;
 }
 

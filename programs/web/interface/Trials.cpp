@@ -48,18 +48,17 @@ json ToJson(const Call& call, const TrialState& trial) {
 IniFile ReadTrials(Call& call) {
   call.link.RequireFeature(kFeature);
   auto answer = call.link.Get().Ask(kFeature);
-  if (answer.isRefused) throw Refusal(409, "the trials can't be shown: " + programs::SpellValue(answer.reason));
+  if (answer.isRefused) Refuse(409, {"the trials can't be shown: ", programs::SpellValue(answer.reason)});
   return std::move(answer.data);
 }
 
 std::string RequireTrial(Call& call, const std::string& name) {
   const IniFile trials = ReadTrials(call);
   const auto found = trials.GetGroups().find(name);
-  if (found == trials.end()) throw Refusal(404, "no trial is named '" + programs::SpellName(name) + "'");
-  if (!IsOwn(name)) throw Refusal(403, "'" + name + "' was not put on trial by this program");
+  if (found == trials.end()) Refuse(404, {"no trial is named '", programs::SpellName(name), "'"});
+  if (!IsOwn(name)) Refuse(403, {"'", name, "' was not put on trial by this program"});
   const TrialState trial = TrialState::From(name, found->second);
-  if (!trial.IsPending())
-    throw Refusal(409, "'" + name + "' is not pending: it was " + trial.state, {{"state", Quoted(trial.state)}});
+  if (!trial.IsPending()) Refuse(409, {"'", name, "' is not pending: it was ", trial.state}, {{"state", trial.state}});
   return name;
 }
 
@@ -69,10 +68,10 @@ Response EndTrial(Call& call, const std::string& word, const std::string& wanted
   auto answer = call.link.GetForWrite().Ask(word + " " + name);
   if (answer.isRefused) {
     const bool isForeign = answer.reason.find(kForeignUser) != std::string::npos;
-    throw Refusal(isForeign ? 403 : 409, programs::SpellValue(answer.reason));
+    Refuse(isForeign ? 403 : 409, {programs::SpellValue(answer.reason)});
   }
   const auto found = answer.data.GetGroups().find(name);
-  if (found == answer.data.end()) throw Refusal(502, "the daemon does not answer for '" + name + "'");
+  if (found == answer.data.end()) Refuse(502, {"the daemon does not answer for '", name, "'"});
   return JsonResponse(ToJson(call, TrialState::From(name, found->second)));
 }
 
@@ -83,7 +82,7 @@ unsigned ParseSeconds(const JsonValue& value) {
   const auto [end, error] = std::from_chars(value.text.data(), last, seconds);
   const bool isNumber = value.kind == JsonValue::Kind::kNumber && error == std::errc() && end == last;
   if (!isNumber || seconds < kMinSeconds || seconds > kMaxSeconds)
-    throw Refusal(400, "'confirm' is no number of seconds from 10 to 600");
+    Refuse(400, "'confirm' is no number of seconds from 10 to 600");
   return seconds;
 }
 
@@ -101,7 +100,7 @@ Response ShowPending(Call& call) {
 Response ConfirmPending(Call& call) {
   const JsonValue body = ParseJsonObject(call.request.body, {"name"});
   const JsonValue* const name = body.Find("name");
-  if (!name || name->kind != JsonValue::Kind::kText) throw Refusal(400, "'name' is no string");
+  if (!name || name->kind != JsonValue::Kind::kText) Refuse(400, "'name' is no string");
   return EndTrial(call, "confirm", name->text);
 }
 

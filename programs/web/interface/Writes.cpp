@@ -27,12 +27,11 @@ std::string RequireWritableName(const Call& call) {
 // Keys and their values; null takes one away.
 JsonValue ParseKeys(const Call& call, const std::string& group) {
   JsonValue body = ParseJsonBody(call.request.body);
-  if (body.kind != JsonValue::Kind::kObject) throw Refusal(400, "the body is no object of keys");
+  if (body.kind != JsonValue::Kind::kObject) Refuse(400, "the body is no object of keys");
   for (const auto& [key, value] : body.members) {
     if (!value.IsValue() && !value.IsNull())
-      throw Refusal(400,
-                    "the key '" + programs::SpellKey(key) + "': expected a string, a number, a truth value or null",
-                    {{"group", Quoted(group)}, {"key", Quoted(key)}});
+      Refuse(400, {"the key '", programs::SpellKey(key), "': expected a string, a number, a truth value or null"},
+             {{"group", group}, {"key", key}});
   }
   return body;
 }
@@ -50,12 +49,11 @@ Response ShowWritten(Call& call, const std::string& group, const IniFile::KeyMap
 
 // Is not kept, and no condition can go with it.
 Response PatchVolatile(Call& call, const std::string& group, const JsonValue& patch, const Conditions& conditions) {
-  if (conditions.IsAny()) throw Refusal(400, "'volatile' and a condition exclude one another");
+  if (conditions.IsAny()) Refuse(400, "'volatile' and a condition exclude one another");
   IniFile settings;
   settings[group];
   for (const auto& [key, value] : patch.members) {
-    if (value.IsNull())
-      throw Refusal(400, "'volatile' takes nothing away", {{"group", Quoted(group)}, {"key", Quoted(key)}});
+    if (value.IsNull()) Refuse(400, {"'volatile' takes nothing away"}, {{"group", group}, {"key", key}});
     settings.SetValue(group, key, value.text);
   }
   Merge(call, settings, true);
@@ -66,8 +64,7 @@ Response PatchVolatile(Call& call, const std::string& group, const JsonValue& pa
 Keys Patched(const std::string& group, const Keys& before, const JsonValue& patch) {
   const bool sets = std::any_of(patch.members.begin(), patch.members.end(),
                                 [](const auto& member) { return !member.second.IsNull(); });
-  if (!before && !sets)
-    throw Refusal(404, "there is no group '" + programs::SpellName(group) + "'", {{"group", Quoted(group)}});
+  if (!before && !sets) Refuse(404, {"there is no group '", programs::SpellName(group), "'"}, {{"group", group}});
   IniFile::KeyMap after = before.value_or(IniFile::KeyMap());
   for (const auto& [key, value] : patch.members) {
     if (value.IsNull()) {
@@ -97,11 +94,11 @@ Response PatchGroup(Call& call) {
 Response PutGroup(Call& call) {
   const std::string group = RequireWritableName(call);
   const Conditions conditions(call.request);
-  if (!conditions.IsAny()) throw Refusal(428, "a PUT needs If-Match or If-None-Match", {{"group", Quoted(group)}});
+  if (!conditions.IsAny()) Refuse(428, {"a PUT needs If-Match or If-None-Match"}, {{"group", group}});
   const JsonValue body = ParseKeys(call, group);
   IniFile::KeyMap wanted;
   for (const auto& [key, value] : body.members) {
-    if (value.IsNull()) throw Refusal(400, "a PUT takes no null", {{"group", Quoted(group)}, {"key", Quoted(key)}});
+    if (value.IsNull()) Refuse(400, {"a PUT takes no null"}, {{"group", group}, {"key", key}});
     wanted[key] = value.text;
   }
   GroupChange change(call, group, conditions);
@@ -112,7 +109,7 @@ Response PutGroup(Call& call) {
 Response DeleteGroup(Call& call) {
   const std::string group = RequireWritableName(call);
   const Conditions conditions(call.request);
-  if (!conditions.ifMatch) throw Refusal(428, "a DELETE needs If-Match", {{"group", Quoted(group)}});
+  if (!conditions.ifMatch) Refuse(428, {"a DELETE needs If-Match"}, {{"group", group}});
   GroupChange change(call, group, conditions);
   change.Run([](const Keys&) { return Keys(); });
   return {204, {}, ""};

@@ -136,7 +136,7 @@ void Server::OnHead(Connection& connection, const Request& head, size_t announce
   AnswerErrors(connection, [&] {
     const size_t maxBytes = _gate.Admit(connection.GetPeer(), head, true).maxBodyBytes;
     MemoryBudget::Share share = _bodies.Take(std::min(announcedBytes, maxBytes));
-    if (!share) throw Refusal(503, "too many bodies are on their way", {}, {{"Retry-After", "1"}});
+    if (!share) RefuseForNow(503, "too many bodies are on their way", 1);
     connection.AcceptBody(maxBytes, std::move(share));
   });
 }
@@ -189,8 +189,7 @@ void Server::ReadAtOnce(size_t worker, const std::vector<WorkQueue::Reading>& re
 void Server::Start(Connection& connection, WorkQueue& queue, bool isWrite, WorkQueue::Work work,
                    std::function<void(Response& response)> finish, std::optional<WorkQueue::Reading> reading) {
   const WorkQueue::Number number = ++_lastNumber;
-  if (!queue.Add(number, std::move(work), std::move(reading)))
-    throw Refusal(503, "too many requests wait", {}, {{"Retry-After", "5"}});
+  if (!queue.Add(number, std::move(work), std::move(reading))) RefuseForNow(503, "too many requests wait", 5);
   auto timer = std::make_unique<LoopEvent>(_base, [this, &queue, number] { OnOverdue(queue, number); });
   timer->Start(_options.timeout);
   _pending.emplace(number, Pending{&connection, &queue, isWrite, false, std::move(finish), std::move(timer)});
@@ -233,7 +232,7 @@ void Server::SendDone(WorkQueue& queue) {
 void Server::LogIn(Connection& connection, const Request& request, const Origin& origin) {
   const JsonValue body = ParseJsonObject(request.body, {"password"});
   const JsonValue* const password = body.Find("password");
-  if (!password || password->kind != JsonValue::Kind::kText) throw Refusal(400, "'password' is no string");
+  if (!password || password->kind != JsonValue::Kind::kText) Refuse(400, "'password' is no string");
   _access.GetLogins().BeginAttempt(origin.address, Logins::Clock::now());
   Start(
       connection, _hashing, false,
