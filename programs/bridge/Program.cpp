@@ -14,6 +14,7 @@
 #include "programs/bridge/service/Service.h"
 #include "programs/common/ServiceManager.h"
 #include "programs/common/Signals.h"
+#include "programs/common/client/Join.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/Logger.h"
 
@@ -45,8 +46,8 @@ int Fail(ExitCode code, const std::exception& exception) {
 Configuration Read(const EngineKind& kind, const Options& options) {
   Configuration configuration = ReadConfiguration(options.config);
   if (!kind.IsConfigured(configuration)) {
-    throw ConfigurationError(options.config + ": [" + kind.GetSection() + "]: the section is missing; " +
-                             kind.GetProgram() + " mirrors to nothing else");
+    throw ConfigurationError(programs::Join({options.config, ": [", kind.GetSection(), "]: the section is missing; ",
+                                             kind.GetProgram(), " mirrors to nothing else"}));
   }
   return configuration;
 }
@@ -56,7 +57,7 @@ int Check(const EngineKind& kind, const Configuration& configuration) {
   try {
     (void)kind.MakeEngine(configuration, events);
   } catch (const osa::Exception& error) {
-    throw ConfigurationError(std::string("[") + kind.GetSection() + "]: " + error.what());
+    throw ConfigurationError(programs::Join({"[", kind.GetSection(), "]: ", error.what()}));
   }
   std::puts("The configuration is right.");
   return kExitDone;

@@ -9,6 +9,7 @@
 
 #include "programs/common/ServiceManager.h"
 #include "programs/common/Signals.h"
+#include "programs/common/client/Join.h"
 #include "programs/web/ExitCode.h"
 #include "programs/web/access/Access.h"
 #include "programs/web/access/Certificate.h"
@@ -66,7 +67,7 @@ void RefuseOpenDoors(const Options& options, const Access& access, const std::ve
   });
   if (isRemote && !options.allowsRemote)
     throw Failure(kExitConfiguration,
-                  "'" + options.listen + "' is reached by other machines: --allow-remote allows that");
+                  programs::Join({"'", options.listen, "' is reached by other machines: --allow-remote allows that"}));
   if (isRemote && !access.HasSecrets())
     throw Failure(kExitConfiguration, "--allow-remote needs --password-file or --token-file");
   if (IsUnixServer(options) && !access.HasSecrets())

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "programs/bridge/config/Section.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -41,7 +42,8 @@ void RequireFileName(const Section& section, const std::string& name) {
   const bool isPlain = std::all_of(name.begin(), name.end(), [](unsigned char c) {
     return (c < 128 && std::isalnum(c) != 0) || c == '-' || c == '_' || c == '.';
   });
-  if (!isPlain || name[0] == '.') section.Fail("name", "'" + name + "' has other bytes than letters, digits and -_.");
+  if (!isPlain || name[0] == '.')
+    section.Fail("name", programs::Join({"'", name, "' has other bytes than letters, digits and -_."}));
 }
 
 MqttSection ReadMqtt(Section& section) {
@@ -51,11 +53,11 @@ MqttSection ReadMqtt(Section& section) {
   if (mqtt.port > 65535) section.Fail("port", "the highest port is 65535");
   mqtt.root = section.TakeRequired("root");
   if (mqtt.root.find_first_of("+#") != std::string::npos || mqtt.root.front() == '$' || mqtt.root.back() == '/') {
-    section.Fail("root", "'" + mqtt.root + "' is no topic to begin others with");
+    section.Fail("root", programs::Join({"'", mqtt.root, "' is no topic to begin others with"}));
   }
   mqtt.device = section.TakeRequired("device");
   if (mqtt.device == "all" || mqtt.device == "class" || mqtt.device.find('/') != std::string::npos) {
-    section.Fail("device", "'" + mqtt.device + "' has another meaning in topics");
+    section.Fail("device", programs::Join({"'", mqtt.device, "' has another meaning in topics"}));
   }
   mqtt.deviceClass = section.TakeText("class");
   mqtt.credentials = section.TakeText("credentials");
@@ -113,7 +115,7 @@ MapRule ReadMap(Section& section, const std::string& name) {
   map.name = name.substr(sizeof kMapPrefix - 1);
   map.pattern = section.TakeRequired("pattern");
   if (map.pattern.find('\n') != std::string::npos || map.pattern == ".") {
-    section.Fail("pattern", "no request can hold '" + programs::SpellValue(map.pattern) + "'");
+    section.Fail("pattern", programs::Join({"no request can hold '", programs::SpellValue(map.pattern), "'"}));
   }
   section.TakeRequired("direction");
   map.direction = section.TakeWord<Direction>(
@@ -129,13 +131,14 @@ void ReadBridge(Section& section, Configuration& configuration) {
   configuration.name = section.TakeRequired("name");
   RequireFileName(section, configuration.name);
   configuration.server = section.TakeText("server");
-  configuration.state = section.TakeText("state", "/var/lib/tavix-settings/bridges/" + configuration.name + ".db");
+  configuration.state =
+      section.TakeText("state", programs::Join({"/var/lib/tavix-settings/bridges/", configuration.name, ".db"}));
   configuration.runtime = section.TakeText("runtime", "/run/tavix-settings/bridges");
   configuration.never = section.TakeList("never");
   configuration.mask = section.TakeList("mask");
   for (const std::string& mask : configuration.mask) {
     if (mask.front() != '[' || mask.find(']') == std::string::npos)
-      section.Fail("mask", "'" + mask + "' is no [group]key");
+      section.Fail("mask", programs::Join({"'", mask, "' is no [group]key"}));
   }
   section.RequireNothingElse();
 }
@@ -151,7 +154,8 @@ Configuration ParseConfiguration(const std::string& text, const std::string& sou
   }
   for (const auto& [section, keys] : all) {
     if (section != "bridge" && section != "mqtt" && section != "etcd" && section != "limits" && !IsMap(section)) {
-      throw ConfigurationError(source + ": [" + programs::SpellName(section) + "]: the section is unknown");
+      throw ConfigurationError(
+          programs::Join({source, ": [", programs::SpellName(section), "]: the section is unknown"}));
     }
   }
   Configuration configuration;
@@ -176,7 +180,7 @@ Configuration ReadConfiguration(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   std::ostringstream text;
   if (!file.is_open() || !(text << file.rdbuf())) {
-    throw ConfigurationError("Failed to read the configuration '" + path + "': " + std::strerror(errno));
+    throw ConfigurationError(programs::Join({"Failed to read the configuration '", path, "': ", std::strerror(errno)}));
   }
   return ParseConfiguration(text.str(), path);
 }

@@ -13,6 +13,7 @@
 
 #include "programs/bridge/config/ConfigurationError.h"
 #include "programs/bridge/core/PatternOverlap.h"
+#include "programs/common/client/Join.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/StringUtil.h"
 #include "tavix/osa/Exception.h"
@@ -54,13 +55,13 @@ std::vector<std::string> ListPatterns(const std::vector<MapRule>& maps) {
 }  // namespace
 
 PatternLock::PatternLock(const std::string& runtime, const std::string& name, const std::vector<MapRule>& maps)
-    : _runtime(runtime), _name(name), _path(runtime + "/" + kBegin + name + kEnd) {
+    : _runtime(runtime), _name(name), _path(programs::Join({runtime, "/", kBegin, name, kEnd})) {
   // One bridge at a time looks at the lists and writes its own.
   const Descriptor turn = Open(runtime + "/bridges.lock");
   if (flock(turn.Get(), LOCK_EX) != 0)
     throw Exception("Failed to lock '%s': %s", runtime.c_str(), std::strerror(errno));
   _file = Open(_path);
-  if (!TryLock(_file)) throw ConfigurationError("A bridge '" + name + "' is running already");
+  if (!TryLock(_file)) throw ConfigurationError(programs::Join({"A bridge '", name, "' is running already"}));
   const std::vector<std::string> patterns = ListPatterns(maps);
   for (const std::string& other : ListOthers()) RequireApart(other, patterns);
   Write(patterns);
@@ -77,13 +78,13 @@ std::vector<std::string> PatternLock::ListOthers() const {
   while (const dirent* entry = readdir(directory.get())) {
     const std::string file = entry->d_name;
     const bool isList = core::StringUtil::StartsWith(file, kBegin) && EndsWith(file, kEnd);
-    if (isList && _runtime + "/" + file != _path) others.push_back(file);
+    if (isList && programs::Join({_runtime, "/", file}) != _path) others.push_back(file);
   }
   return others;
 }
 
 void PatternLock::RequireApart(const std::string& file, const std::vector<std::string>& own) const {
-  const std::string path = _runtime + "/" + file;
+  const std::string path = programs::Join({_runtime, "/", file});
   const Descriptor list(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (list.Get() < 0 || TryLock(list)) return;
   const core::IniFile patterns(path.c_str());
@@ -92,8 +93,8 @@ void PatternLock::RequireApart(const std::string& file, const std::vector<std::s
   for (const auto& [number, theirs] : patterns[kGroup]) {
     for (const std::string& pattern : own) {
       if (!DoPatternsOverlap(pattern, theirs)) continue;
-      throw ConfigurationError("The pattern '" + pattern + "' of the bridge '" + _name + "' overlaps the pattern '" +
-                               theirs + "' of the bridge '" + other + "'");
+      throw ConfigurationError(programs::Join({"The pattern '", pattern, "' of the bridge '", _name,
+                                               "' overlaps the pattern '", theirs, "' of the bridge '", other, "'"}));
     }
   }
 }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "programs/bridge/config/ConfigurationError.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -45,7 +46,7 @@ unsigned long long Section::TakeNumber(const std::string& key, unsigned long lon
   const unsigned long long number = std::strtoull(text.c_str(), &end, 10);
   const bool isNumber = !text.empty() && text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0;
   if (!isNumber || number < min || number > kMax) {
-    Fail(key, "'" + text + "' is no number from " + std::to_string(min) + " to " + std::to_string(kMax));
+    Fail(key, programs::Join({"'", text, "' is no number from ", std::to_string(min), " to ", std::to_string(kMax)}));
   }
   return number;
 }
@@ -57,7 +58,7 @@ void Section::RequireNothingElse() const {
 }
 
 void Section::Fail(const std::string& key, const std::string& reason) const {
-  throw ConfigurationError(_source + ": " + programs::SpellSetting(_name, key) + ": " + reason);
+  throw ConfigurationError(programs::Join({_source, ": ", programs::SpellSetting(_name, key), ": ", reason}));
 }
 
 }  // namespace tavix::bridge

@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "programs/common/client/Join.h"
 #include "tavix/core/IniFile.h"
 
 namespace tavix::bridge {
@@ -39,7 +40,7 @@ class Section {
       if (word == text) return value;
       known += (known.empty() ? "" : ", ") + word;
     }
-    Fail(key, "'" + text + "' is none of " + known);
+    Fail(key, programs::Join({"'", text, "' is none of ", known}));
   }
 
   // Behind all that is known.

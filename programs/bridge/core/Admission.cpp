@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -31,8 +32,8 @@ void Admission::LeaveOut(const std::string& group, size_t bytes) {
   } else {
     _leftOut[group] = bytes;
     ++_report.counters.leftOut;
-    _report.Fail("[" + programs::SpellName(group) + "] is left out: " + std::to_string(_bytes.size()) + " groups of " +
-                 std::to_string(_allBytes) + " bytes are mirrored already");
+    _report.Fail(programs::Join({"[", programs::SpellName(group), "] is left out: ", std::to_string(_bytes.size()),
+                                 " groups of ", std::to_string(_allBytes), " bytes are mirrored already"}));
   }
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 #include <variant>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 // What is reported to the mirror. DeviceMirrorGovern.cpp applies documents, DeviceMirrorSend.cpp publishes.
@@ -24,7 +25,7 @@ DeviceMirror::DeviceMirror(const Rules& rules, const Limits& limits, const Devic
       _engine(engine),
       _local(local),
       _report(report),
-      _book(state, limits, identity.root + "/" + identity.device, identity.deviceClass),
+      _book(state, limits, programs::Join({identity.root, "/", identity.device}), identity.deviceClass),
       _governed(state),
       _publications(state, identity.newEpoch),
       _retry(report),
@@ -129,8 +130,8 @@ void DeviceMirror::TakeDocument(const DocumentName& name, const std::optional<st
     if (_refused.erase(name) > 0) _areResultsDue = true;
     if (outcome == DocumentBook::Outcome::kStale) {
       ++_report.counters.stale;
-      _report.Warn("Document '" + name.name + "': version " + std::to_string(document.version) +
-                   " is not above the last one of its epoch, and is ignored");
+      _report.Warn(programs::Join({"Document '", name.name, "': version ", std::to_string(document.version),
+                                   " is not above the last one of its epoch, and is ignored"}));
     }
   } catch (const BadDocument& error) {
     result.reason = error.what();
@@ -146,9 +147,10 @@ void DeviceMirror::Refuse(const DocumentName& name, const Result& result) {
     return;
   }
   ++_report.counters.refused;
-  const std::string key = result.keys.empty() ? "" : result.keys.begin()->first + ": " + result.keys.begin()->second;
-  _report.Fail("Document '" + programs::SpellValue(name.name) + "' is refused: " + result.reason +
-               (result.reason.empty() || key.empty() ? "" : ": ") + key);
+  const std::string key =
+      result.keys.empty() ? "" : programs::Join({result.keys.begin()->first, ": ", result.keys.begin()->second});
+  _report.Fail(programs::Join({"Document '", programs::SpellValue(name.name), "' is refused: ", result.reason,
+                               (result.reason.empty() || key.empty() ? "" : ": "), key}));
   _refused[name] = result;
   _areResultsDue = true;
 }
@@ -170,7 +172,7 @@ std::string DeviceMirror::FindObstacle(const std::string& group, const std::stri
 bool DeviceMirror::CheckDocument(const DesiredDocument& document, Result& result) const {
   for (const auto& [group, keys] : document.groups) {
     const std::string reason = FindObstacle(group);
-    if (!reason.empty() && keys.empty()) result.keys["[" + programs::SpellName(group) + "]"] = reason;
+    if (!reason.empty() && keys.empty()) result.keys[programs::Join({"[", programs::SpellName(group), "]"})] = reason;
     for (const auto& [key, value] : keys) {
       const std::string why = FindObstacle(group, key);
       if (!why.empty()) result.keys[programs::SpellSetting(group, key)] = why;
@@ -303,7 +305,7 @@ void DeviceMirror::OnPutDone(const PutDone& done, Milliseconds now) {
     _refusedPuts.Remove(done.key);
   } else {
     ++_report.counters.refused;
-    _report.Fail("'" + programs::SpellValue(done.key) + "' was not taken there: " + done.reason);
+    _report.Fail(programs::Join({"'", programs::SpellValue(done.key), "' was not taken there: ", done.reason}));
     _refusedPuts.Add(done.key, now);
     if (isStatus) _sentStatus.clear();
     if (isIndex) _foundIndex.reset();

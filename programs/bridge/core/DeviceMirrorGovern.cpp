@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "programs/bridge/core/DeviceMirror.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 // How documents are applied: each as one step, whole or not at all.
@@ -281,8 +282,8 @@ bool DeviceMirror::IsHeld(const DocumentName& name, const DocumentStep& step, Mi
     return false;
   }
   if (_heldDocuments.insert(name).second) {
-    _report.Fail("Document '" + name.name + "' would take values from " + std::to_string(step.losing.size()) +
-                 " groups, and is held until that is accepted");
+    _report.Fail(programs::Join({"Document '", name.name, "' would take values from ",
+                                 std::to_string(step.losing.size()), " groups, and is held until that is accepted"}));
   }
   return true;
 }
@@ -308,7 +309,7 @@ void DeviceMirror::Block(const DocumentName& name, Milliseconds now) {
   if (blocked.reason.empty()) blocked.reason = "others change its values all the time";
   if (++blocked.failures != kReportedFailures) return;
   ++_report.counters.refused;
-  _report.Fail("Document '" + name.name + "' is not taken by the device: " + blocked.reason);
+  _report.Fail(programs::Join({"Document '", name.name, "' is not taken by the device: ", blocked.reason}));
 }
 
 std::set<std::string> DeviceMirror::GroupsOf(const DocumentStep& step) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "programs/bridge/core/Hash.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -28,7 +29,7 @@ std::uint64_t HashOf(const std::string& bytes) {
 
 // Level and name, as the state's key.
 std::string ToKey(const DocumentName& name) {
-  return std::to_string(static_cast<int>(name.level)) + "/" + name.name;
+  return programs::Join({std::to_string(static_cast<int>(name.level)), "/", name.name});
 }
 
 std::optional<DocumentName> FromKey(const std::string& key) {
@@ -207,7 +208,7 @@ Targets DocumentBook::ComputeTargets() const {
           const DocumentName& loser = target.origin.document;
           if (!loser.name.empty() && loser.level == level) {
             targets.losers[loser][programs::SpellSetting(group, key)] =
-                "the document '" + name.name + "' names it, too";
+                programs::Join({"the document '", name.name, "' names it, too"});
           }
           target = {origin, value};
         }

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "programs/common/client/Join.h"
+
 namespace tavix::bridge {
 
 using core::IniFile;
@@ -45,7 +47,7 @@ constexpr char kPresent[] = "=";
 constexpr char kAbsent[] = "-";
 
 std::string SpellDocument(const DocumentName& document) {
-  return std::to_string(static_cast<int>(document.level)) + "/" + document.name;
+  return programs::Join({std::to_string(static_cast<int>(document.level)), "/", document.name});
 }
 
 // A mark stands before each value, as a key may have had none.

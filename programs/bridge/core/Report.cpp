@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -9,7 +10,7 @@ namespace tavix::bridge {
 namespace {
 
 std::string Spell(const std::optional<std::string>& value) {
-  return value ? "'" + programs::SpellValue(*value) + "'" : "no value";
+  return value ? programs::Join({"'", programs::SpellValue(*value), "'"}) : "no value";
 }
 
 }  // namespace
@@ -22,11 +23,11 @@ void Report::AddConflict(const Conflict& conflict) {
     shown.kept.reset();
     shown.lost.reset();
   } else {
-    values = ": " + Spell(conflict.kept) + " is kept, " + Spell(conflict.lost) + " is lost";
+    values = programs::Join({": ", Spell(conflict.kept), " is kept, ", Spell(conflict.lost), " is lost"});
   }
   const std::string loser = conflict.loser == Side::kDevice ? "device's" : "centre's";
-  Warn("The " + loser + " value of " + programs::SpellSetting(conflict.group, conflict.key) + " is overridden" +
-       values);
+  Warn(programs::Join(
+      {"The ", loser, " value of ", programs::SpellSetting(conflict.group, conflict.key), " is overridden", values}));
   _conflicts.push_back(shown);
   if (_conflicts.size() > _limits.maxConflicts) _conflicts.pop_front();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "tavix/core/StringUtil.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 
@@ -39,7 +40,7 @@ bool Rules::IsNever(const std::string& group) const {
 }
 
 bool Rules::IsMasked(const std::string& group, const std::string& key) const {
-  return !_mask.empty() && MatchesAny(_mask, "[" + group + "]" + key);
+  return !_mask.empty() && MatchesAny(_mask, programs::Join({"[", group, "]", key}));
 }
 
 std::set<std::string> Rules::GetPatterns() const {

@@ -6,6 +6,7 @@
 
 #include "programs/bridge/core/Hash.h"
 #include "programs/bridge/formats/SharedGroup.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 // What is reported to the mirror: nothing is written here. What follows from it is in SharedGroupsWork.cpp.
@@ -155,7 +156,7 @@ SharedGroups::Remote SharedGroups::ReadItem(const std::string& group, const Item
   } catch (const BadDocument& error) {
     remote.isUsable = false;
     ++_report.counters.refused;
-    _report.Fail("[" + programs::SpellName(group) + "] is left as it is there: " + error.what());
+    _report.Fail(programs::Join({"[", programs::SpellName(group), "] is left as it is there: ", error.what()}));
   }
   return remote;
 }
@@ -244,7 +245,7 @@ void SharedGroups::OnConflict(const std::string& group, const Item& present) {
 
 void SharedGroups::OnRefused(const std::string& group, const Keys& keys, const std::string& reason, Milliseconds now) {
   ++_report.counters.refused;
-  _report.Fail("[" + programs::SpellName(group) + "] was not taken there: " + reason);
+  _report.Fail(programs::Join({"[", programs::SpellName(group), "] was not taken there: ", reason}));
   Refused& refused = _refused[group];
   const bool isSame = refused.wait.count() > 0 && refused.keys == keys;
   refused.wait = isSame ? std::min(2 * refused.wait, kLastRefusedWait) : kFirstRefusedWait;

@@ -3,6 +3,7 @@
 
 #include "programs/bridge/core/GroupChange.h"
 #include "programs/bridge/core/SharedGroups.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 // What follows from what was reported to the mirror. Changes of the state are committed before what they are about is
@@ -277,8 +278,8 @@ bool SharedGroups::MayLose(const std::set<std::string>& losing, Milliseconds now
   const size_t before = _guard.GetHeld().size();
   if (losing.empty() || _guard.Allow(losing, _admission.CountAdmitted(), now)) return true;
   if (_guard.GetHeld().size() > before) {
-    _report.Fail("A source is suddenly empty: " + std::to_string(_guard.GetHeld().size()) +
-                 " groups would lose values and are held until that is accepted");
+    _report.Fail(programs::Join({"A source is suddenly empty: ", std::to_string(_guard.GetHeld().size()),
+                                 " groups would lose values and are held until that is accepted"}));
   }
   return false;
 }
@@ -334,8 +335,9 @@ void SharedGroups::Block(const std::string& group, Milliseconds now) {
   blocked.next = now + std::min(kFirstBlockedWait * (1 << doublings), kLastBlockedWait);
   if (++blocked.failures != kReportedFailures) return;
   ++_report.counters.refused;
-  _report.Fail("A change of [" + programs::SpellName(group) +
-               "] is not taken by the device: its store refuses it, or others change the group all the time");
+  _report.Fail(
+      programs::Join({"A change of [", programs::SpellName(group),
+                      "] is not taken by the device: its store refuses it, or others change the group all the time"}));
 }
 
 // The device has taken in what the centre holds: that is agreed, and what the device holds beyond it is to be sent.
@@ -356,7 +358,8 @@ void SharedGroups::Agree(const Planned& planned) {
   const bool isNewlyKept = !planned.kept.empty() && (known == nullptr || known->kept != planned.kept);
   if (!isNewlyKept) return;
   ++_report.counters.unsupported;
-  _report.Fail("Keys of [" + programs::SpellName(planned.group) + "] are not removed: the daemon is too old for that");
+  _report.Fail(programs::Join(
+      {"Keys of [", programs::SpellName(planned.group), "] are not removed: the daemon is too old for that"}));
 }
 
 void SharedGroups::Settle(const Planned& planned, Milliseconds now) {

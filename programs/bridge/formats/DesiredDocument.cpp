@@ -4,6 +4,7 @@
 
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
@@ -16,21 +17,23 @@ namespace {
 
 std::string ReadName(const std::string& text) {
   const auto name = programs::NameFromJson(text);
-  if (!name) throw BadDocument("'" + programs::SpellValue(text) + "' is no base64");
+  if (!name) throw BadDocument(programs::Join({"'", programs::SpellValue(text), "' is no base64"}));
   return *name;
 }
 
 DesiredKeys ReadKeys(const std::string& group, const json& keys) {
   if (!keys.is_object()) {
-    throw BadDocument("[" + programs::SpellName(group) + "]: expected an object of keys, found " + keys.type_name());
+    throw BadDocument(
+        programs::Join({"[", programs::SpellName(group), "]: expected an object of keys, found ", keys.type_name()}));
   }
   DesiredKeys desired;
   for (const auto& [text, value] : keys.items()) {
     const std::string key = ReadName(text);
     const auto bytes = ValueFromJson(value);
     if (!bytes && !value.is_null()) {
-      throw BadDocument(programs::SpellSetting(group, key) +
-                        ": expected a string, null or {\"base64\": \"...\"}, found " + value.type_name());
+      throw BadDocument(
+          programs::Join({programs::SpellSetting(group, key),
+                          ": expected a string, null or {\"base64\": \"...\"}, found ", value.type_name()}));
     }
     if (!desired.emplace(key, bytes).second) throw BadDocument(programs::SpellSetting(group, key) + " stands twice");
   }
@@ -48,10 +51,10 @@ DesiredDocument ParseDesired(const std::string& bytes, size_t maxBytes) {
   for (const auto& [text, keys] : GetObject(document, "groups").items()) {
     const std::string group = ReadName(text);
     if (group.find('\n') != std::string::npos) {
-      throw BadDocument("[" + programs::SpellName(group) + "]: the name of a group holds no line feed");
+      throw BadDocument(programs::Join({"[", programs::SpellName(group), "]: the name of a group holds no line feed"}));
     }
     if (!desired.groups.emplace(group, ReadKeys(group, keys)).second) {
-      throw BadDocument("[" + programs::SpellName(group) + "] stands twice");
+      throw BadDocument(programs::Join({"[", programs::SpellName(group), "] stands twice"}));
     }
   }
   return desired;

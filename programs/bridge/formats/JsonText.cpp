@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "programs/bridge/formats/BadDocument.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/JsonTree.h"
 #include "programs/common/client/Spelling.h"
 
@@ -19,11 +20,11 @@ class StrictTree : public programs::JsonTree {
  private:
   void OnFound(size_t depth) override {
     if (depth > kMaxDepth)
-      throw BadDocument("the JSON text nests deeper than " + std::to_string(kMaxDepth) + " levels");
+      throw BadDocument(programs::Join({"the JSON text nests deeper than ", std::to_string(kMaxDepth), " levels"}));
   }
 
   void OnNameAgain(const std::string& name) override {
-    throw BadDocument("the name '" + programs::SpellValue(name) + "' stands twice in an object");
+    throw BadDocument(programs::Join({"the name '", programs::SpellValue(name), "' stands twice in an object"}));
   }
 
   void OnBadText(const std::string& reason) override { throw BadDocument("the document is not JSON: " + reason); }
@@ -31,20 +32,20 @@ class StrictTree : public programs::JsonTree {
 
 const json& GetMember(const json& document, const char* name) {
   const auto member = document.find(name);
-  if (member == document.end()) throw BadDocument(std::string("\"") + name + "\" is missing");
+  if (member == document.end()) throw BadDocument(programs::Join({"\"", name, "\" is missing"}));
   return *member;
 }
 
 [[noreturn]] void FailType(const char* name, const char* expected, const json& found) {
-  throw BadDocument(std::string("\"") + name + "\": expected " + expected + ", found " + found.type_name());
+  throw BadDocument(programs::Join({"\"", name, "\": expected ", expected, ", found ", found.type_name()}));
 }
 
 }  // namespace
 
 json ParseJson(const std::string& text, size_t maxBytes) {
   if (text.size() > maxBytes) {
-    throw BadDocument("the document has " + std::to_string(text.size()) + " bytes; the limit is " +
-                      std::to_string(maxBytes));
+    throw BadDocument(programs::Join(
+        {"the document has ", std::to_string(text.size()), " bytes; the limit is ", std::to_string(maxBytes)}));
   }
   StrictTree tree;
   programs::ParseJson(text, tree);

@@ -4,6 +4,7 @@
 
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
@@ -32,14 +33,14 @@ SharedGroup ParseSharedGroup(const std::string& bytes, size_t maxBytes) {
   SharedGroup group;
   for (const auto& [text, value] : GetObject(document, "keys").items()) {
     const auto key = programs::NameFromJson(text);
-    if (!key) throw BadDocument("'" + programs::SpellValue(text) + "' is no base64");
+    if (!key) throw BadDocument(programs::Join({"'", programs::SpellValue(text), "' is no base64"}));
     const auto bytesOfValue = IsMasked(value) ? std::string() : ValueFromJson(value);
     if (!bytesOfValue) {
-      throw BadDocument("'" + programs::SpellKey(*key) + "': expected a string or {\"base64\": \"...\"}, found " +
-                        value.type_name());
+      throw BadDocument(programs::Join(
+          {"'", programs::SpellKey(*key), "': expected a string or {\"base64\": \"...\"}, found ", value.type_name()}));
     }
     const bool isNew = group.keys.count(*key) + group.masked.count(*key) == 0;
-    if (!isNew) throw BadDocument("'" + programs::SpellKey(*key) + "' stands twice");
+    if (!isNew) throw BadDocument(programs::Join({"'", programs::SpellKey(*key), "' stands twice"}));
     if (IsMasked(value)) {
       group.masked.insert(*key);
     } else {

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "programs/common/client/Join.h"
+
 namespace tavix::bridge {
 
 namespace {
@@ -62,8 +64,8 @@ std::optional<std::string> DecodeFromTopic(const std::string& text) {
 }
 
 Topics::Topics(const std::string& root, const std::string& device, const std::string& deviceClass)
-    : _device(root + "/" + EncodeForTopic(device) + "/"),
-      _class(deviceClass.empty() ? std::string() : root + "/class/" + EncodeForTopic(deviceClass) + "/"),
+    : _device(programs::Join({root, "/", EncodeForTopic(device), "/"})),
+      _class(deviceClass.empty() ? std::string() : programs::Join({root, "/class/", EncodeForTopic(deviceClass), "/"})),
       _all(root + "/all/") {}
 
 std::string Topics::GetDesiredPrefix(Level level) const {

@@ -13,6 +13,7 @@
 #include "programs/bridge/ExitCode.h"
 #include "programs/bridge/service/RandomNumber.h"
 #include "programs/common/Deadline.h"
+#include "programs/common/client/Join.h"
 #include "tavix/core/Logger.h"
 
 // The loop. ServiceAnswers.cpp has what is shown of it.
@@ -29,14 +30,14 @@ constexpr int kFeedsInATime = 4;                       // one that comes late is
 constexpr size_t kMaxEvents = EventQueue::kMaxEvents;  // of one round
 
 std::string GetSocketPath(const Configuration& configuration) {
-  return configuration.runtime + "/bridge-" + configuration.name + ".sock";
+  return programs::Join({configuration.runtime, "/bridge-", configuration.name, ".sock"});
 }
 
 std::unique_ptr<Engine> MakeEngine(const EngineKind& kind, const Configuration& configuration, EventQueue& events) {
   try {
     return kind.MakeEngine(configuration, events);
   } catch (const osa::Exception& error) {
-    throw ConfigurationError(std::string("[") + kind.GetSection() + "]: " + error.what());
+    throw ConfigurationError(programs::Join({"[", kind.GetSection(), "]: ", error.what()}));
   }
 }
 
@@ -94,7 +95,7 @@ void Service::FailOnce(std::string& last, const std::string& reason) {
 }
 
 void Service::Run() {
-  _report.Info("The bridge '" + _configuration.name + "' begins, with " + _kind.GetSection());
+  _report.Info(programs::Join({"The bridge '", _configuration.name, "' begins, with ", _kind.GetSection()}));
   OpenState(GetNow());
   _serviceManager.Notify("READY=1");
   while (TakeSignals()) {
@@ -105,7 +106,7 @@ void Service::Run() {
     Wait(now);
   }
   _serviceManager.Notify("STOPPING=1");
-  _report.Info("The bridge '" + _configuration.name + "' ends");
+  _report.Info(programs::Join({"The bridge '", _configuration.name, "' ends"}));
 }
 
 // Whether the program goes on.
@@ -142,8 +143,8 @@ void Service::OpenState(Milliseconds now) {
   try {
     _state = std::make_unique<StateFile>(_configuration.state);
     if (!_state->GetDamage().empty()) {
-      _report.Fail("The state '" + _configuration.state +
-                   "' is put aside, and everything synchronized as new: " + _state->GetDamage());
+      _report.Fail(programs::Join({"The state '", _configuration.state,
+                                   "' is put aside, and everything synchronized as new: ", _state->GetDamage()}));
     }
     _mirror = _kind.MakeMirror(_configuration, {_rules, *_engine, _store, *_state, _report});
     if (!_stateFailure.empty()) _report.Info("The state can be opened again");

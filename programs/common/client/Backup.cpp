@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/osa/Exception.h"
@@ -53,7 +54,7 @@ IniFile ParseDocument(const std::string& text, const std::string& source) {
 std::string DescribeCoverage(const std::set<std::string>& groups) {
   if (groups.empty()) return std::string(kCoversAll) + "\n";
   std::string comments;
-  for (const std::string& group : groups) comments += kCoverage + SpellValue(group) + "\n";
+  for (const std::string& group : groups) comments += Join({kCoverage, SpellValue(group), "\n"});
   return comments;
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
@@ -95,9 +96,9 @@ void DaemonSession::RequireNotEnded() {
   const TrialState trial = TrialState::From(_trial, answer.data[_trial]);
   if (trial.state == "confirmed")
     throw Failure(kExitConditionFailed,
-                  "condition failed: somebody has confirmed " + _trial + " before the whole change was made");
+                  Join({"condition failed: somebody has confirmed ", _trial, " before the whole change was made"}));
   if (!trial.IsPending())
-    throw Failure(kExitReverted, "reverted " + _trial + ": its time was over before the whole change was made");
+    throw Failure(kExitReverted, Join({"reverted ", _trial, ": its time was over before the whole change was made"}));
 }
 
 DaemonSession::DaemonSession(const settings::client::ProtocolOptions& options, std::string hint, const Trace& trace)
@@ -184,7 +185,7 @@ Session::Answer DaemonSession::Ask(const std::string& line, Effect effect) {
     return {answer.isRefused, std::move(answer.reason), std::move(answer.data)};
   } catch (const Failure& failure) {
     if (failure.GetCode() != kExitNotApplied) throw;
-    throw Failure(kExitNotApplied, GetAddress() + " has no '" + NameOfFeature(line) + "'");
+    throw Failure(kExitNotApplied, Join({GetAddress(), " has no '", NameOfFeature(line), "'"}));
   }
 }
 

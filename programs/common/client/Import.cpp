@@ -7,6 +7,7 @@
 
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Writes.h"
 #include "tavix/settings/client/ProtocolClient.h"
 
@@ -20,7 +21,7 @@ void RequireSendable(const IniFile& settings, const std::string& source) {
   try {
     settings::client::ProtocolClient::RequireSendable(settings);
   } catch (const settings::client::ProtocolException& exception) {
-    throw Failure(kExitBadInput, source + ": " + exception.what());
+    throw Failure(kExitBadInput, Join({source, ": ", exception.what()}));
   }
 }
 
@@ -62,7 +63,7 @@ Import::Import(Session& session, IniFile document, const std::string& source, Im
 UserLayer Import::Select(IniFile document, const std::string& source) const {
   if (_options.isFile) return {SelectGroups(std::move(document), _options.groups), {}};
   if (_options.replaces && !_options.isUserLayer && document.HasGroup(kDeletedGroups))
-    throw Failure(kExitUsage, "'" + source + "' tells what users deleted: it is a backup of the user layer",
+    throw Failure(kExitUsage, Join({"'", source, "' tells what users deleted: it is a backup of the user layer"}),
                   "give --user with --replace");
   UserLayer wanted = UserLayer::From(std::move(document), _options.groups);
   RequireSendable(wanted.settings, source);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/JsonParser.h"
 #include "programs/common/client/JsonPlaces.h"
 #include "programs/common/client/JsonWriter.h"
@@ -55,7 +56,7 @@ class Reader : public JsonTaker {
   bool string(std::string& text) override {
     if (_depth < kInBase64) return TakeText(text);
     const std::optional<std::string> bytes = DecodeBase64(text);
-    if (!bytes) Fail("'" + SpellValue(text) + "' is no base64");
+    if (!bytes) Fail(Join({"'", SpellValue(text), "' is no base64"}));
     SetValue(*bytes);
     return true;
   }
@@ -91,7 +92,7 @@ class Reader : public JsonTaker {
   enum Depth { kNowhere, kInDocument, kInGroup, kInBase64 };
 
   bool OpenGroup(const std::string& name) {
-    if (_settings.HasGroup(name)) Fail("[" + SpellName(name) + "] stands twice");
+    if (_settings.HasGroup(name)) Fail(Join({"[", SpellName(name), "] stands twice"}));
     _group = name;
     _settings[name];
     return true;
@@ -99,7 +100,7 @@ class Reader : public JsonTaker {
 
   std::string ReadName(const std::string& text) {
     std::optional<std::string> name = NameFromJson(text);
-    if (!name) Fail("'" + SpellValue(text) + "' is no base64");
+    if (!name) Fail(Join({"'", SpellValue(text), "' is no base64"}));
     return *std::move(name);
   }
 
@@ -113,12 +114,12 @@ class Reader : public JsonTaker {
 
   [[noreturn]] void FailUnexpected(const std::string& found) {
     if (_depth == kNowhere) Fail("expected an object of groups, found " + found);
-    if (_depth == kInDocument) Fail("[" + SpellName(_group) + "]: expected an object of keys, found " + found);
-    Fail(SpellSetting(_group, _key) + ": expected a string or {\"base64\": \"...\"}, found " + found);
+    if (_depth == kInDocument) Fail(Join({"[", SpellName(_group), "]: expected an object of keys, found ", found}));
+    Fail(Join({SpellSetting(_group, _key), ": expected a string or {\"base64\": \"...\"}, found ", found}));
   }
 
   [[noreturn]] void Fail(const std::string& what) {
-    throw Failure(kExitBadInput, _source + ":" + std::to_string(GetLine()) + ": " + what);
+    throw Failure(kExitBadInput, Join({_source, ":", std::to_string(GetLine()), ": ", what}));
   }
 
   static constexpr size_t kMaxShown = 40;
@@ -180,8 +181,8 @@ class PlaceLister : public JsonTaker {
 
   std::string FindPlace() {
     Level& level = _levels[_depth];
-    if (level.kind == kJsonList) return level.place + "[" + std::to_string(level.count++) + "]";
-    return level.place.empty() ? level.member : level.place + "." + level.member;
+    if (level.kind == kJsonList) return Join({level.place, "[", std::to_string(level.count++), "]"});
+    return level.place.empty() ? level.member : Join({level.place, ".", level.member});
   }
 
   bool Add(char kind, const std::string& text) {
@@ -201,7 +202,7 @@ class PlaceLister : public JsonTaker {
     return true;
   }
 
-  [[noreturn]] void Fail(const std::string& what) const { throw Failure(kExitBadInput, _source + ": " + what); }
+  [[noreturn]] void Fail(const std::string& what) const { throw Failure(kExitBadInput, Join({_source, ": ", what})); }
 
   const std::string& _source;
   JsonPlaces& _places;
@@ -289,7 +290,7 @@ std::string PrettyParts::Add(const json& part) {
 }
 
 std::string PrettyParts::Finish() const {
-  return _isFirst ? _kind + "\n" : std::string("\n") + _kind.back() + "\n";
+  return _isFirst ? _kind + "\n" : Join({"\n", _kind.substr(1), "\n"});
 }
 
 std::string Compact(const json& document) {

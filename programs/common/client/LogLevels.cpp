@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Suggestion.h"
 #include "tavix/core/StringUtil.h"
@@ -54,7 +55,7 @@ int ParseLogLevel(const std::string& text) {
   for (const ShortForm& form : kShortForms) {
     if (core::StringUtil::EqualsIgnoringCase(text, form.text)) return form.level;
   }
-  throw Failure(kExitUsage, "'" + SpellValue(text) + "' is no log level" + DidYouMean(text, GetLogLevelNames()),
+  throw Failure(kExitUsage, Join({"'", SpellValue(text), "' is no log level", DidYouMean(text, GetLogLevelNames())}),
                 "error, warning, notice, information, trace, or a number from 0 to 8");
 }
 

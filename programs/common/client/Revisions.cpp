@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::programs {
@@ -114,7 +115,8 @@ void RequireKeptName(const std::string& name, const std::string& what) {
   });
   const bool isName = hasCharacters && !name.empty() && name.size() <= kMaxBytes && name != "." && name != "..";
   if (!isName)
-    throw Failure(kExitUsage, "'" + SpellValue(name) + "' is no name of a " + what + ": 1 to 64 of A-Z a-z 0-9 . _ -");
+    throw Failure(kExitUsage,
+                  Join({"'", SpellValue(name), "' is no name of a ", what, ": 1 to 64 of A-Z a-z 0-9 . _ -"}));
 }
 
 IniFile AskOrFail(Session& session, const std::string& line, Session::Effect effect, const std::string& what) {
@@ -132,7 +134,7 @@ IniFile AskOrFail(Session& session, const std::string& line, Session::Effect eff
 std::vector<Revision> HistoryReader::ReadNext(size_t count) {
   constexpr size_t kMaxCount = 256;
   constexpr char kScanned[] = "scanned";
-  std::string line = "history " + _before + " " + std::to_string(std::min(count, kMaxCount));
+  std::string line = Join({"history ", _before, " ", std::to_string(std::min(count, kMaxCount))});
   if (!_pattern.empty()) line += " " + _pattern;
   const IniFile data = AskOrFail(_session, line, Session::Effect::kNoSettings);
   std::vector<Revision> revisions;

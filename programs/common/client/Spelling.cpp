@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdint>
 
+#include "programs/common/client/Join.h"
+
 namespace tavix::programs {
 
 namespace {
@@ -155,11 +157,11 @@ std::string SpellValue(std::string_view value) {
 }
 
 std::string SpellSetting(const std::string& group, const std::string& key) {
-  return "[" + SpellName(group) + "]" + SpellKey(key);
+  return Join({"[", SpellName(group), "]", SpellKey(key)});
 }
 
 std::string SpellAssignment(const std::string& group, const std::string& key, const std::string& value) {
-  return SpellSetting(group, key) + "=" + SpellValue(value);
+  return Join({SpellSetting(group, key), "=", SpellValue(value)});
 }
 
 std::string Unspell(std::string_view spelling) {
@@ -186,7 +188,7 @@ std::string QuoteForShell(std::string_view text) {
 }
 
 std::string ShellVariable(const std::string& group, const std::string& key) {
-  std::string name = group + "_" + key;
+  std::string name = Join({group, "_", key});
   for (char& c : name) {
     if (!IsWordCharacter(c)) c = '_';
   }

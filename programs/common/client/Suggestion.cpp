@@ -4,6 +4,7 @@
 #include <cctype>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::programs {
@@ -53,7 +54,7 @@ std::string FindSimilar(const std::string& word, const std::vector<std::string>&
 }
 
 std::string DidYouMean(const std::string& similar) {
-  return similar.empty() ? similar : "; did you mean '" + SpellName(similar) + "'?";
+  return similar.empty() ? similar : Join({"; did you mean '", SpellName(similar), "'?"});
 }
 
 std::string DidYouMean(const std::string& word, const std::vector<std::string>& candidates) {

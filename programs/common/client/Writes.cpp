@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::programs {
@@ -37,9 +38,9 @@ std::string FindDifference(const IniFile& current, IniFile::const_iterator wante
     const std::string name = SpellSetting(group, key);
     if (!current.HasValue(group, key)) return name + " is not set";
     const std::string& found = current.GetValue(group, key);
-    if (found != value) return name + " is '" + SpellValue(found) + "', not '" + SpellValue(value) + "'";
+    if (found != value) return Join({name, " is '", SpellValue(found), "', not '", SpellValue(value), "'"});
   }
-  return current.HasGroup(group) ? std::string() : "there is no group '" + SpellName(group) + "'";
+  return current.HasGroup(group) ? std::string() : Join({"there is no group '", SpellName(group), "'"});
 }
 
 std::string FindDifference(const IniFile& current, const IniFile& wanted) {
@@ -52,7 +53,7 @@ std::string FindDifference(const IniFile& current, const IniFile& wanted) {
 // What a group holds that it should not.
 std::string FindLeft(IniFile::const_iterator current, const IniFile& wanted) {
   const auto& [group, keys] = *current;
-  if (!wanted.HasGroup(group)) return "there still is a group '" + SpellName(group) + "'";
+  if (!wanted.HasGroup(group)) return Join({"there still is a group '", SpellName(group), "'"});
   for (const auto& [key, value] : keys) {
     if (!wanted.HasValue(group, key)) return SpellSetting(group, key) + " is still set";
   }
@@ -124,7 +125,7 @@ IniFile FindEmptyGroups(const IniFile& settings) {
 void RefuseRestricted(const Session& session, const std::set<std::string>& groups) {
   for (const std::string& group : groups) {
     if (session.IsRestricted(group))
-      throw Failure(kExitRefused, "refused: '" + SpellName(group) + "' is a restricted group",
+      throw Failure(kExitRefused, Join({"refused: '", SpellName(group), "' is a restricted group"}),
                     "groups with 'Secure' or 'Trusted' in their names are set by the server's restricted files only");
   }
 }
@@ -133,9 +134,9 @@ void RefusePatterns(const std::set<std::string>& groups) {
   for (const std::string& group : groups) {
     if (group.find('*') != std::string::npos)
       throw Failure(kExitUsage,
-                    "the name '" + SpellName(group) +
-                        "' holds a '*': who replaces or deletes that group does so "
-                        "with all that match it",
+                    Join({"the name '", SpellName(group),
+                          "' holds a '*': who replaces or deletes that group does so "
+                          "with all that match it"}),
                     "'tavix-settings reset' takes what users set in it, and in those that match it, away");
   }
 }
@@ -215,8 +216,8 @@ void RequireUnset(const IniFile& current, const IniFile& settings) {
   for (const auto& [group, keys] : settings) {
     for (const auto& [key, value] : keys) {
       if (current.HasValue(group, key))
-        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set, to '" +
-                                                SpellValue(current.GetValue(group, key)) + "'");
+        throw Failure(kExitConditionFailed, Join({"condition failed: ", SpellSetting(group, key), " is set, to '",
+                                                  SpellValue(current.GetValue(group, key)), "'"}));
     }
   }
 }
@@ -229,11 +230,11 @@ void RequireUnchanged(Session& session, const std::set<std::string>& groups, con
   for (const auto& [group, keys] : current) {
     for (const auto& [key, value] : keys) {
       if (!before.HasValue(group, key))
-        throw Failure(kExitConditionFailed, "condition failed: " + SpellSetting(group, key) + " is set by now, to '" +
-                                                SpellValue(value) + "'");
+        throw Failure(kExitConditionFailed, Join({"condition failed: ", SpellSetting(group, key),
+                                                  " is set by now, to '", SpellValue(value), "'"}));
     }
     if (!before.HasGroup(group))
-      throw Failure(kExitConditionFailed, "condition failed: there is a group '" + SpellName(group) + "' by now");
+      throw Failure(kExitConditionFailed, Join({"condition failed: there is a group '", SpellName(group), "' by now"}));
   }
 }
 

@@ -1,5 +1,6 @@
 #include "programs/web/access/Access.h"
 
+#include "programs/common/client/Join.h"
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/Refusal.h"
@@ -80,7 +81,7 @@ void Access::RequireAttempt(const std::string& address) {
 }
 
 std::string Access::FormatCookie(const std::string& value, const Origin& origin) const {
-  std::string cookie = std::string(kCookie) + "=" + value + "; Path=" + _options.basePath + "/";
+  std::string cookie = programs::Join({kCookie, "=", value, "; Path=", _options.basePath, "/"});
   if (value.empty()) cookie += "; Max-Age=0";
   if (origin.isHttps) cookie += "; Secure";
   return cookie + "; HttpOnly; SameSite=Strict";

@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "tavix/osa/Exception.h"
 
@@ -131,7 +132,7 @@ std::string ChangeFollower::PackAll(ProtocolClient& client) const {
   std::string lines;
   const IniFile all = client.Subscribe({kAll});
   for (auto group = all.begin(); group != all.end() && lines.size() <= KnownValues::kMaxBytes; ++group)
-    lines += group->first + "\n" + *ValuesOf(all, group->first) + "\n";
+    lines += programs::Join({group->first, "\n", *ValuesOf(all, group->first), "\n"});
   return lines;
 }
 

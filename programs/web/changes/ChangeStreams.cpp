@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/web/access/PrivateFile.h"
 #include "programs/web/http/Refusal.h"
 #include "tavix/core/StringUtil.h"
@@ -22,14 +23,15 @@ std::string FormatData(const ChangeRing::Item& item, bool hasOld) {
   if (change.isGone) {
     data += ",\"gone\":true";
   } else {
-    data += ",\"version\":\"" + change.version + "\",\"new\":" + change.newValues;
+    data += programs::Join({",\"version\":\"", change.version, "\",\"new\":", change.newValues});
   }
   if (hasOld && old) data += ",\"old\":" + *old;
   return data + "}";
 }
 
 std::string FormatEvent(const char* event, const std::string& id, const std::string& data) {
-  return (id.empty() ? "" : "id: " + id + "\n") + "event: " + event + "\ndata: " + data + "\n\n";
+  return programs::Join(
+      {id.empty() ? "" : "id: ", id, id.empty() ? "" : "\n", "event: ", event, "\ndata: ", data, "\n\n"});
 }
 
 }  // namespace
@@ -165,8 +167,8 @@ void ChangeStreams::Begin(Stream& stream) {
 
 // The answer to one that waits.
 std::string ChangeStreams::FormatPoll(bool isReset, const std::string& events) const {
-  return std::string("{\"reset\":") + (isReset ? "true" : "false") + (_isLost ? ",\"lost\":true" : "") +
-         ",\"events\":[" + events + "],\"next\":" + Quoted(_ring.FormatId(_ring.GetLast())) + "}\n";
+  return programs::Join({"{\"reset\":", (isReset ? "true" : "false"), (_isLost ? ",\"lost\":true" : ""),
+                         ",\"events\":[", events, "],\"next\":", Quoted(_ring.FormatId(_ring.GetLast())), "}\n"});
 }
 
 void ChangeStreams::Pump(Stream& stream) {
@@ -235,7 +237,8 @@ void ChangeStreams::SendComments() {
   for (Stream& stream : _streams) {
     if (stream.isOnce || !stream.connection->IsDrained()) continue;
     const bool hasPlace = _isInForce && stream.hasBegun;
-    stream.connection->SendPart(hasPlace ? ":\nid: " + _ring.FormatId(stream.position) + "\n\n" : ":\n\n");
+    stream.connection->SendPart(hasPlace ? programs::Join({":\nid: ", _ring.FormatId(stream.position), "\n\n"})
+                                         : ":\n\n");
   }
   _commentTimer.Start(kCommentTime);
 }

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "programs/common/client/Join.h"
 #include "tavix/core/StringUtil.h"
 
 namespace tavix::web {
@@ -198,8 +199,8 @@ void Connection::WriteBody(Response response) {
 }
 
 std::string Connection::FormatHead(int status, const Headers& headers) const {
-  std::string head = "HTTP/1.1 " + std::to_string(status) + " " + ReasonOf(status) + "\r\n";
-  for (const auto& [name, value] : headers) head += name + ": " + value + "\r\n";
+  std::string head = programs::Join({"HTTP/1.1 ", std::to_string(status), " ", ReasonOf(status), "\r\n"});
+  for (const auto& [name, value] : headers) head += programs::Join({name, ": ", value, "\r\n"});
   if (!Has(headers, "Cache-Control")) head += "Cache-Control: no-store\r\n";
   return head + kSecurityHeaders;
 }
@@ -210,7 +211,7 @@ void Connection::Send(Response response) {
   const bool ends = response.endsConnection || _endsBehindAnswer || isLast || !isWhole;
   std::string text = FormatHead(response.status, response.headers);
   const size_t length = response.lastingBody.empty() ? response.body.size() : response.lastingBody.size();
-  if (!HasNoBody(response.status)) text += "Content-Length: " + std::to_string(length) + "\r\n";
+  if (!HasNoBody(response.status)) text += programs::Join({"Content-Length: ", std::to_string(length), "\r\n"});
   if (ends) text += "Connection: close\r\n";
   text += "\r\n";
   Write(text);

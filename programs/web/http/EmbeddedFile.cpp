@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "programs/common/client/Join.h"
 #include "programs/web/http/EntityTags.h"
 #include "programs/web/http/Inflate.h"
 #include "tavix/core/StringUtil.h"
@@ -74,7 +75,8 @@ const EmbeddedFile* FindEmbeddedFile(std::string_view name) {
 Response AnswerByFile(const EmbeddedFile& file, const Request& request) {
   const bool isCompressed = AcceptsGzip(request);
   const std::string tag = isCompressed ? file.tag : file.plainTag;
-  Headers headers{{"ETag", "\"" + tag + "\""}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
+  Headers headers{
+      {"ETag", programs::Join({"\"", tag, "\""})}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
   const std::string* const known = request.Find("if-none-match");
   if (known && NamesVersion(*known, tag, true)) return {304, std::move(headers), ""};
   headers.emplace_back("Content-Type", file.type);

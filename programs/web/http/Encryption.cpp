@@ -7,6 +7,7 @@
 
 #include <new>
 
+#include "programs/common/client/Join.h"
 #include "tavix/osa/Exception.h"
 
 namespace tavix::web {
@@ -66,7 +67,7 @@ void UseKey(SSL_CTX* context, const PemFile& file, const PemFile& certificate) {
   if (wasAsked) Fail(file, "it needs a passphrase, and nobody is there to type one");
   if (!key) Fail(file, "it holds no key as PEM: " + LastReason());
   if (SSL_CTX_use_PrivateKey(context, key.get()) != 1)
-    Fail(file, "it is not the key of the certificate in '" + certificate.path + "': " + LastReason());
+    Fail(file, programs::Join({"it is not the key of the certificate in '", certificate.path, "': ", LastReason()}));
 }
 
 // Sessions are kept by the clients alone, and what a silent connection needs of memory is small.

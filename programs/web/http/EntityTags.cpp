@@ -2,11 +2,13 @@
 
 #include <algorithm>
 
+#include "programs/common/client/Join.h"
+
 namespace tavix::web {
 
 bool NamesVersion(const std::string& tags, const std::string& version, bool comparesWeakly) {
   if (tags == "*") return true;
-  const std::string tag = "\"" + version + "\"";
+  const std::string tag = programs::Join({"\"", version, "\""});
   for (size_t at = 0; at < tags.size();) {
     const size_t begin = tags.find_first_not_of(" \t", at);
     if (begin == std::string::npos) return false;

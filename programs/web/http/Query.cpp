@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/web/http/Refusal.h"
 
@@ -54,11 +55,11 @@ Query::Query(const std::string& text) {
 }
 
 void Query::RequireOnly(const std::string& known) const {
-  const std::string words = " " + known + " ";
+  const std::string words = programs::Join({" ", known, " "});
   for (const auto& [name, value] : _parameters) {
     const bool isPlain = name.find_first_of(" *") == std::string::npos;
-    if (isPlain && words.find(" " + name + "* ") != std::string::npos) continue;
-    if (!isPlain || words.find(" " + name + " ") == std::string::npos)
+    if (isPlain && words.find(programs::Join({" ", name, "* "})) != std::string::npos) continue;
+    if (!isPlain || words.find(programs::Join({" ", name, " "})) == std::string::npos)
       Refuse(400, {"the query holds '", name, "', which this request does not have"});
     if (FindAll(name).size() > 1) Refuse(400, {"the parameter '", name, "' stands twice"});
   }

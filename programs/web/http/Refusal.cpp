@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 
 namespace tavix::web {
@@ -14,11 +15,9 @@ void Refuse(int status, const char* detail) {
 
 void Refuse(int status, std::initializer_list<std::string_view> partsOfDetail,
             std::initializer_list<TextMember> members) {
-  std::string detail;
-  for (const std::string_view part : partsOfDetail) detail += part;
   Refusal::Members quoted;
   for (const TextMember& member : members) quoted[member.name] = Quoted(std::string(member.text));
-  throw Refusal(status, detail, std::move(quoted));
+  throw Refusal(status, programs::Join(partsOfDetail), std::move(quoted));
 }
 
 void RefuseForNow(int status, const char* detail, long long seconds) {
@@ -31,9 +30,9 @@ std::string Quoted(const std::string& text) {
 
 Response ToResponse(const Refusal& refusal) {
   const int status = refusal.GetStatus();
-  std::string body = R"({"type":"about:blank","title":)" + Quoted(ReasonOf(status)) +
-                     ",\"status\":" + std::to_string(status) + ",\"detail\":" + Quoted(refusal.what());
-  for (const auto& [name, value] : refusal.GetMembers()) body += ",\"" + name + "\":" + value;
+  std::string body = programs::Join({"{\"type\":\"about:blank\",\"title\":", Quoted(ReasonOf(status)),
+                                     ",\"status\":", std::to_string(status), ",\"detail\":", Quoted(refusal.what())});
+  for (const auto& [name, value] : refusal.GetMembers()) body += programs::Join({",\"", name, "\":", value});
   Response response{status, refusal.GetHeaders(), body + "}\n"};
   response.headers.emplace_back("Content-Type", "application/problem+json");
   return response;

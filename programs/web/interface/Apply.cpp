@@ -2,6 +2,7 @@
 #include <set>
 
 #include "programs/common/client/Changes.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
@@ -125,7 +126,7 @@ std::string DescribeGroups(const Call& call, const std::set<std::string>& names,
 [[noreturn]] void FailCondition(const Call& call, const Amendment& amendment, const IniFile& current) {
   const std::string groups = DescribeGroups(call, NamesOfAll({&amendment.present, &amendment.absent}), current);
   throw Refusal(412, "the condition does not hold",
-                {{"current", "[" + groups + "]"}, {"outcome", Quoted("nothing written")}});
+                {{"current", programs::Join({"[", groups, "]"})}, {"outcome", Quoted("nothing written")}});
 }
 
 // What would differ; a key that leaves the user settings may show its default, which only the daemon knows.
@@ -172,7 +173,7 @@ Response ShowApplied(Call& call, const Wanted& wanted) {
   const std::set<std::string> names = NamesOfAll({&amendment.set, &amendment.unset});
   const IniFile current = call.ReadGroups(names);
   if (!wanted.isVolatile) RequireApplied(call, amendment, current);
-  std::string answer = "{\"groups\":[" + DescribeGroups(call, names, current) + "]";
+  std::string answer = programs::Join({"{\"groups\":[", DescribeGroups(call, names, current), "]"});
   if (wanted.trial) answer += ",\"pending\":" + programs::Compact(wanted.trial->Describe(call));
   return TextResponse(answer + "}");
 }

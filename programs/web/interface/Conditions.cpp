@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/http/EntityTags.h"
@@ -23,7 +24,7 @@ Conditions::Conditions(const Request& request) {
 void Conditions::Require(const Call& call, const std::string& group, const IniFile::KeyMap* keys) const {
   const bool holdsMatch = !ifMatch || (keys && NamesVersion(*ifMatch, call.view.FindVersion(group, *keys)));
   if (holdsMatch && !(mustBeNew && keys)) return;
-  throw Refusal(412, "'" + programs::SpellName(group) + "' holds something else by now",
+  throw Refusal(412, programs::Join({"'", programs::SpellName(group), "' holds something else by now"}),
                 {{"group", Quoted(group)}, {"current", DescribeGroup(call, group, keys)}});
 }
 

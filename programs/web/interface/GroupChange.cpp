@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
 
@@ -150,7 +151,8 @@ void GroupChange::RequireApplied(const Keys& wanted) const {
     if (FindValue(after, key) != old || now == old) continue;
     if (!user) user = _call.ReadUserGroup(_group).value_or(none);
     if (FindValue(*user, key) != now) continue;
-    throw Refusal(409, "not applied: " + programs::SpellSetting(_group, key) + " holds what it held before",
+    throw Refusal(409,
+                  programs::Join({"not applied: ", programs::SpellSetting(_group, key), " holds what it held before"}),
                   {{"group", Quoted(_group)},
                    {"key", Quoted(key)},
                    {"outcome", Quoted("unknown")},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/JsonParser.h"
 #include "programs/web/http/Refusal.h"
@@ -100,7 +101,7 @@ class Builder : public programs::JsonTaker {
 
   [[noreturn]] void Fail(const std::string& what) {
     const std::string line = std::to_string(GetLine());
-    throw Refusal(400, "the body, line " + line + ": " + what, {{"line", line}});
+    throw Refusal(400, programs::Join({"the body, line ", line, ": ", what}), {{"line", line}});
   }
 
   const size_t _bytesDepth;

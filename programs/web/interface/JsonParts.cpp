@@ -1,5 +1,6 @@
 #include "programs/web/interface/JsonParts.h"
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/web/http/Refusal.h"
 
@@ -19,7 +20,7 @@ void JsonParts::Add(const json& item) {
 }
 
 void JsonParts::Add(const std::string& name, const json& value) {
-  Append(Quoted(name) + ":" + programs::Compact(value));
+  Append(programs::Join({Quoted(name), ":", programs::Compact(value)}));
 }
 
 std::string JsonParts::Finish(const std::string& end) {

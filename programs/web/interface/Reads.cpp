@@ -6,6 +6,7 @@
 #include <set>
 
 #include "programs/common/client/Backup.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/http/EntityTags.h"
@@ -64,7 +65,7 @@ Response ListGroups(Call& call) {
                   {"keys", keys.size()}});
     });
   }
-  return TextResponse(groups.Finish("],\"next\":" + programs::Compact(next) + "}"));
+  return TextResponse(groups.Finish(programs::Join({"],\"next\":", programs::Compact(next), "}"})));
 }
 
 Response ListTree(Call& call) {
@@ -88,7 +89,7 @@ Response ListTree(Call& call) {
   JsonParts parts(call.size, "{\"parts\":[");
   for (const auto& [name, branch] : branches)
     parts.Add({{"name", NameToJson(name)}, {"count", branch.groups}, {"isGroup", branch.isGroup}});
-  return TextResponse(parts.Finish("],\"prefix\":" + Quoted(prefix) + "}"));
+  return TextResponse(parts.Finish(programs::Join({"],\"prefix\":", Quoted(prefix), "}"})));
 }
 
 Response ShowGroup(Call& call) {
@@ -99,7 +100,7 @@ Response ShowGroup(Call& call) {
   const IniFile::KeyMap* const keys = isRead ? call.reads.Find(name).keys : fresh ? &*fresh : nullptr;
   if (!keys) Refuse(404, {"there is no group '", programs::SpellName(name), "'"}, {{"group", name}});
   const std::string version = call.view.FindVersion(name, *keys);
-  const Headers headers{{"ETag", "\"" + version + "\""}};
+  const Headers headers{{"ETag", programs::Join({"\"", version, "\""})}};
   const std::string* const known = call.request.Find("if-none-match");
   if (known && NamesVersion(*known, version, true)) return {304, headers, ""};
   const Origins origins(call, {name});
@@ -112,9 +113,9 @@ Response ShowGroup(Call& call) {
     if (origin == "default") setting["default"] = shown;
     settings.Add(key, setting);
   }
-  Response response = TextResponse(settings.Finish(std::string("},\"masked\":") + (isMasked ? "true" : "false") +
-                                                   ",\"name\":" + Quoted(name) + ",\"origin\":\"" +
-                                                   origins.Find(name, *keys) + "\",\"version\":\"" + version + "\"}"));
+  Response response = TextResponse(settings.Finish(
+      programs::Join({std::string("},\"masked\":"), (isMasked ? "true" : "false"), ",\"name\":", Quoted(name),
+                      ",\"origin\":\"", origins.Find(name, *keys), "\",\"version\":\"", version, "\"}"})));
   response.headers.insert(response.headers.end(), headers.begin(), headers.end());
   return response;
 }
@@ -142,7 +143,8 @@ Response Export(Call& call) {
   text.Append(format == "json" ? parts.Finish() : programs::MarkEnd());
   const char* const type = format == "json" ? "application/json" : "text/plain; charset=utf-8";
   return {200,
-          {{"Content-Type", type}, {"Content-Disposition", "attachment; filename=\"settings." + format + "\""}},
+          {{"Content-Type", type},
+           {"Content-Disposition", programs::Join({"attachment; filename=\"settings.", format, "\""})}},
           text.TakeText()};
 }
 

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Backup.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Spelling.h"
 
@@ -48,7 +49,8 @@ std::string FindLine(const Query& query, const RecordedGroups& groups) {
   const bool hasBefore = query.Find("before").has_value();
   const size_t before = query.FindNumber("before", 0, kMaxRevision, 0);
   const size_t count = query.FindNumber("count", 1, kMaxCount, kUsualCount);
-  return "history " + (hasBefore ? std::to_string(before) : "-") + " " + std::to_string(count) + groups.words;
+  return programs::Join(
+      {"history ", (hasBefore ? std::to_string(before) : "-"), " ", std::to_string(count), groups.words});
 }
 
 }  // namespace
@@ -70,7 +72,7 @@ std::string FormatTime(std::chrono::system_clock::time_point time) {
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
   const std::string fraction = std::to_string(1000 + (sinceEpoch - whole).count());
-  return text + ("." + fraction.substr(1)) + "Z";
+  return programs::Join({text, ".", fraction.substr(1), "Z"});
 }
 
 // The line ends with the name or pattern, without the blanks around it.

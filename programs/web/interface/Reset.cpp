@@ -3,6 +3,7 @@
 
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Changes.h"
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/UserLayer.h"
 #include "programs/common/client/Writes.h"
@@ -104,7 +105,7 @@ Response Diff(Call& call) {
     for (const auto& [key, value] : keys)
       changes.Add({{"group", NameToJson(group)}, {"key", NameToJson(key)}, {"new", programs::ValueToJson(value)}});
   });
-  return TextResponse(changes.Finish("],\"deleted\":" + programs::Compact(ListNames(deleted)) + "}"));
+  return TextResponse(changes.Finish(programs::Join({"],\"deleted\":", programs::Compact(ListNames(deleted)), "}"})));
 }
 
 }  // namespace tavix::web

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
@@ -141,7 +142,7 @@ json CheckpointToJson(const std::string& name, IniFile::KeyMap keys) {
 Response Rollback(Call& call) {
   const Wanted wanted = ReadWanted(call);
   call.link.RequireFeature(kFeature);
-  const std::string line = "rollback " + wanted.goal + wanted.groups.words;
+  const std::string line = programs::Join({"rollback ", wanted.goal, wanted.groups.words});
   if (wanted.isDryRun || wanted.groups.MayFindOthers()) {
     const IniFile data = AskOrFail(call.link.Get(), "test-" + line);
     RequireNoOthers(wanted.groups, data);
@@ -168,7 +169,7 @@ Response MakeCheckpoint(Call& call) {
   if (!name || name->kind != JsonValue::Kind::kText) Refuse(400, "'name' is no string");
   programs::RequireKeptName(name->text, kCheckpoint);
   call.link.RequireFeature(kHistory);
-  const IniFile made = AskOrFail(call.link.GetForWrite(), std::string(kCheckpoint) + " " + name->text);
+  const IniFile made = AskOrFail(call.link.GetForWrite(), programs::Join({kCheckpoint, " ", name->text}));
   if (!made.HasGroup(name->text)) Refuse(502, {"the daemon does not answer for '", name->text, "'"});
   return JsonResponse(CheckpointToJson(name->text, made[name->text]));
 }

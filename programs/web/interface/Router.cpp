@@ -1,6 +1,7 @@
 #include "programs/web/interface/Router.h"
 
 #include "programs/common/client/Failure.h"
+#include "programs/common/client/Join.h"
 #include "programs/web/interface/Batches.h"
 #include "programs/web/interface/Reads.h"
 #include "programs/web/interface/Recorded.h"
@@ -78,7 +79,7 @@ const Route& FindRoute(const std::string& method, const std::string& path) {
     if (std::string(route.method) == "GET") allowed += ", HEAD";
   }
   if (allowed.empty()) Refuse(404, {"the interface has no '", path, "'"});
-  throw Refusal(405, "'" + path + "' takes no " + method, {}, {{"Allow", allowed}});
+  throw Refusal(405, programs::Join({"'", path, "' takes no ", method}), {}, {{"Allow", allowed}});
 }
 
 std::optional<std::string> FindGroupToRead(const Route& route, const Request& request) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/web/interface/JsonParts.h"
 #include "programs/web/interface/Reads.h"
@@ -52,7 +53,7 @@ Options ReadOptions(const Query& query) {
   options.afterKey = query.FindName("afterKey");
   const std::optional<std::string> places = query.Find("in");
   if (!places) return options;
-  const std::string list = "," + *places + ",";
+  const std::string list = programs::Join({",", *places, ","});
   options.inGroups = list.find(",groups,") != std::string::npos;
   options.inKeys = list.find(",keys,") != std::string::npos;
   options.inValues = list.find(",values,") != std::string::npos;
@@ -80,7 +81,7 @@ class Hits {
   bool IsFull() const { return _hasMore; }
 
   std::string Finish() {
-    return _list.Finish("],\"next\":" + programs::Compact(_hasMore ? _next : json(nullptr)) + "}");
+    return _list.Finish(programs::Join({"],\"next\":", programs::Compact(_hasMore ? _next : json(nullptr)), "}"}));
   }
 
  private:

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
 #include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
@@ -65,7 +66,7 @@ std::string RequireTrial(Call& call, const std::string& name) {
 // word: "confirm" or "revert".
 Response EndTrial(Call& call, const std::string& word, const std::string& wanted) {
   const std::string name = RequireTrial(call, wanted);
-  auto answer = call.link.GetForWrite().Ask(word + " " + name);
+  auto answer = call.link.GetForWrite().Ask(programs::Join({word, " ", name}));
   if (answer.isRefused) {
     const bool isForeign = answer.reason.find(kForeignUser) != std::string::npos;
     Refuse(isForeign ? 403 : 409, {programs::SpellValue(answer.reason)});
@@ -134,7 +135,7 @@ void Trial::Arm(Call& call) const {
 
 std::optional<TrialState> Trial::Find(Call& call) const {
   call.link.RequireFeature(kFeature);
-  const auto answer = call.link.Get().Ask(std::string(kFeature) + " " + _name);
+  const auto answer = call.link.Get().Ask(programs::Join({kFeature, " ", _name}));
   const auto found = answer.data.GetGroups().find(_name);
   if (answer.isRefused || found == answer.data.end()) return std::nullopt;
   return TrialState::From(_name, found->second);
@@ -146,7 +147,7 @@ json Trial::Describe(Call& call) const {
 }
 
 bool Trial::End(Call& call, const char* word) const {
-  return !call.link.GetForWrite().Ask(std::string(word) + " " + _name).isRefused;
+  return !call.link.GetForWrite().Ask(programs::Join({word, " ", _name})).isRefused;
 }
 
 }  // namespace tavix::web

@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "programs/common/client/Join.h"
 #include "programs/web/http/Encryption.h"
 #include "programs/web/http/Peer.h"
 #include "tavix/osa/Exception.h"
@@ -163,7 +164,7 @@ std::string FormatHelp() {
   for (const Entry& entry : kEntries) {
     std::string option = std::string("  --") + entry.name + (entry.argument ? std::string(" ") + entry.argument : "");
     option.resize(std::max<size_t>(option.size() + 1, 28), ' ');
-    help += option + entry.help + "\n";
+    help += programs::Join({option, entry.help, "\n"});
   }
   if (!Encryption::kIsBuiltIn) help += "\nThis program was built without HTTPS: it refuses --tls-cert and --tls-key.\n";
   return help;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/web/http/Query.h"
 #include "programs/web/http/Refusal.h"
 
@@ -25,11 +26,12 @@ bool BeginsWith(const std::string& text, const std::string& begin) {
 }
 
 Refusal NothingAt(const Request& head) {
-  return {404, "there is nothing at '" + head.path + "'"};
+  return {404, programs::Join({"there is nothing at '", head.path, "'"})};
 }
 
 void RequireRead(const Request& head) {
-  if (head.IsWrite()) throw Refusal(405, "'" + head.path + "' takes no " + head.method, {}, {{"Allow", "GET, HEAD"}});
+  if (head.IsWrite())
+    throw Refusal(405, programs::Join({"'", head.path, "' takes no ", head.method}), {}, {{"Allow", "GET, HEAD"}});
 }
 
 }  // namespace

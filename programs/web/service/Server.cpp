@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "programs/common/client/Join.h"
 #include "programs/web/access/Certificate.h"
 #include "programs/web/access/Password.h"
 #include "programs/web/access/PrivateFile.h"
@@ -92,7 +93,7 @@ void Server::ReloadEncryption() {
     std::puts("tavix-settings-web: SIGHUP: the certificate was read again");
     std::fflush(stdout);
   } catch (const std::exception& exception) {
-    PrintError((std::string("SIGHUP: ") + exception.what() + "; the certificate stays as it was").c_str());
+    PrintError((programs::Join({"SIGHUP: ", exception.what(), "; the certificate stays as it was"})).c_str());
   }
 }
 
