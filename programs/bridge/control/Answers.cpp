@@ -1,6 +1,7 @@
 #include "programs/bridge/control/Answers.h"
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::bridge {
@@ -27,11 +28,13 @@ size_t CountBytes(const std::optional<std::string>& value) {
 json ToJson(const TimedConflict& timed, const Rules& rules) {
   const Conflict& conflict = timed.conflict;
   const bool isDeviceLoser = conflict.loser == Side::kDevice;
-  json object{{"time", timed.time},
-              {"group", NameToJson(conflict.group)},
-              {"key", NameToJson(conflict.key)},
-              {"winner", isDeviceLoser ? "centre" : "device"}};
-  const json masked{{"masked", true}};
+  json object = programs::JsonObject()
+                    .Add("time", timed.time)
+                    .Add("group", NameToJson(conflict.group))
+                    .Add("key", NameToJson(conflict.key))
+                    .Add("winner", isDeviceLoser ? "centre" : "device")
+                    .Take();
+  const json masked = programs::JsonObject().Add("masked", true).Take();
   const bool isMasked = rules.IsMasked(conflict.group, conflict.key);
   object["here"] = isMasked ? masked : ToJson(isDeviceLoser ? conflict.lost : conflict.kept);
   object["there"] = isMasked ? masked : ToJson(isDeviceLoser ? conflict.kept : conflict.lost);
@@ -41,22 +44,24 @@ json ToJson(const TimedConflict& timed, const Rules& rules) {
 }  // namespace
 
 std::string ComposeStatusAnswer(const BridgeStatus& status) {
-  return Compact({{"name", status.name},
-                  {"engine", status.engine},
-                  {"state", status.isInSync ? "in sync" : "not in sync"},
-                  {"link", status.link},
-                  {"since", status.since},
-                  {"daemon", status.isDaemonConnected ? "connected" : "lost"},
-                  {"lag", status.lag},
-                  {"waiting", status.waiting},
-                  {"conflicts", status.conflicts},
-                  {"overridden", status.overridden},
-                  {"refused", status.refused},
-                  {"held", status.held},
-                  {"undecided", status.undecided},
-                  {"leftOut", status.leftOut},
-                  {"lastError", TextOf(status.lastError)},
-                  {"lastErrorTime", status.lastErrorTime}});
+  return Compact(programs::JsonObject()
+                     .Add("name", status.name)
+                     .Add("engine", status.engine)
+                     .Add("state", status.isInSync ? "in sync" : "not in sync")
+                     .Add("link", status.link)
+                     .Add("since", status.since)
+                     .Add("daemon", status.isDaemonConnected ? "connected" : "lost")
+                     .Add("lag", status.lag)
+                     .Add("waiting", status.waiting)
+                     .Add("conflicts", status.conflicts)
+                     .Add("overridden", status.overridden)
+                     .Add("refused", status.refused)
+                     .Add("held", status.held)
+                     .Add("undecided", status.undecided)
+                     .Add("leftOut", status.leftOut)
+                     .Add("lastError", TextOf(status.lastError))
+                     .Add("lastErrorTime", status.lastErrorTime)
+                     .Take());
 }
 
 std::string ComposeConflictsAnswer(const std::deque<TimedConflict>& conflicts, const Rules& rules) {
@@ -68,34 +73,38 @@ std::string ComposeConflictsAnswer(const std::deque<TimedConflict>& conflicts, c
   }
   json list = json::array();
   for (; first != conflicts.end(); ++first) list.push_back(ToJson(*first, rules));
-  return Compact({{"conflicts", list}});
+  return Compact(programs::JsonObject().Add("conflicts", list).Take());
 }
 
 std::string ComposeDone(size_t groups) {
-  return Compact({{"done", true}, {"groups", groups}});
+  return Compact(programs::JsonObject().Add("done", true).Add("groups", groups).Take());
 }
 
 std::string ComposeError(const std::string& text) {
-  return Compact({{"error", TextOf(text)}});
+  return Compact(programs::JsonObject().Add("error", TextOf(text)).Take());
 }
 
 bool DifferencesAnswer::Add(const GroupDifference& difference) {
   json keys = json::array();
   for (const KeyDifference& key : difference.keys) {
-    keys.push_back({{"key", NameToJson(key.key)},
-                    {"here", ToJson(key.here)},
-                    {"there", ToJson(key.there)},
-                    {"agreed", ToJson(key.agreed)}});
+    keys.push_back(programs::JsonObject()
+                       .Add("key", NameToJson(key.key))
+                       .Add("here", ToJson(key.here))
+                       .Add("there", ToJson(key.there))
+                       .Add("agreed", ToJson(key.agreed))
+                       .Take());
     _bytes += key.key.size() + CountBytes(key.here) + CountBytes(key.there) + CountBytes(key.agreed);
   }
   _bytes += difference.group.size();
   _hasMore = _groups.size() >= kMaxGroups || _bytes > kMaxAnswerBytes;
-  if (!_hasMore) _groups.push_back({{"group", NameToJson(difference.group)}, {"keys", std::move(keys)}});
+  if (!_hasMore)
+    _groups.push_back(
+        programs::JsonObject().Add("group", NameToJson(difference.group)).Add("keys", std::move(keys)).Take());
   return !_hasMore;
 }
 
 std::string DifferencesAnswer::Compose() const {
-  return Compact({{"groups", _groups}, {"more", _hasMore}});
+  return Compact(programs::JsonObject().Add("groups", _groups).Add("more", _hasMore).Take());
 }
 
 }  // namespace tavix::bridge

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "programs/bridge/engines/KeyPrefix.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/JsonTree.h"
 
 namespace tavix::bridge::etcd {
@@ -92,27 +93,32 @@ Item GetItem(const json& pair) {
 }
 
 json MakeRange(const std::string& prefix, const std::string& begin) {
-  json range = {{"key", EncodeBase64(begin)}};
+  json range = programs::JsonObject().Add("key", EncodeBase64(begin)).Take();
   if (IsTree(prefix)) range["range_end"] = EncodeBase64(FindEnd(prefix));
   return range;
 }
 
 json MakeTransaction(const std::string& key, const std::optional<std::string>& bytes,
                      const std::optional<Version>& expected) {
-  const json name = {{"key", EncodeBase64(key)}};
+  const json name = programs::JsonObject().Add("key", EncodeBase64(key)).Take();
   json write;
   if (bytes) {
-    write = {{"request_put", {{"key", EncodeBase64(key)}, {"value", EncodeBase64(*bytes)}}}};
+    write = programs::JsonObject()
+                .Add("request_put",
+                     programs::JsonObject().Add("key", EncodeBase64(key)).Add("value", EncodeBase64(*bytes)).Take())
+                .Take();
   } else {
-    write = {{"request_delete_range", name}};
+    write = programs::JsonObject().Add("request_delete_range", name).Take();
   }
-  json transaction = {{"success", json::array({write})}};
+  json transaction = programs::JsonObject().Add("success", json::array({write})).Take();
   if (!expected) return transaction;
-  transaction["compare"] = json::array({{{"key", EncodeBase64(key)},
-                                         {"target", "MOD"},
-                                         {"result", "EQUAL"},
-                                         {"mod_revision", std::to_string(*expected)}}});
-  transaction["failure"] = json::array({{{"request_range", name}}});
+  transaction["compare"] = json::array({programs::JsonObject()
+                                            .Add("key", EncodeBase64(key))
+                                            .Add("target", "MOD")
+                                            .Add("result", "EQUAL")
+                                            .Add("mod_revision", std::to_string(*expected))
+                                            .Take()});
+  transaction["failure"] = json::array({programs::JsonObject().Add("request_range", name).Take()});
   return transaction;
 }
 

@@ -6,6 +6,7 @@
 
 #include "programs/bridge/engines/EtcdJson.h"
 #include "programs/bridge/engines/KeyPrefix.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/JsonWriter.h"
 
 namespace tavix::bridge {
@@ -37,7 +38,7 @@ void EtcdLink::Begin() {
   range["limit"] = 1;
   range["keys_only"] = true;
   if (_credentials.user.empty()) return Connect(range);
-  const json body = {{"name", _credentials.user}, {"password", _credentials.password}};
+  const json body = programs::JsonObject().Add("name", _credentials.user).Add("password", _credentials.password).Take();
   _transfers.Post("/v3/auth/authenticate", programs::WriteJson(body), [this, range](const Answer& answer) {
     if (answer.status != 200) return Fail(Describe(answer));
     _transfers.SetToken(etcd::GetText(etcd::Parse(answer.body), "token"));
@@ -183,7 +184,7 @@ void EtcdLink::Watch(const std::string& prefix, Version from) {
   Followed& followed = _followed[prefix];
   followed.seen = from;
   followed.watch = _transfers.PostStream(
-      "/v3/watch", programs::WriteJson({{"create_request", range}}),
+      "/v3/watch", programs::WriteJson(programs::JsonObject().Add("create_request", range).Take()),
       [this, prefix](const std::string& line) { TakeWatched(prefix, line); },
       [this](const Answer& answer) { Fail("the watch ended: " + Describe(answer)); });
 }

@@ -6,6 +6,7 @@
 #include "programs/bridge/formats/KeysJson.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
 
@@ -77,8 +78,12 @@ std::string ComposeDesired(const DesiredDocument& desired) {
       object[programs::NameToJson(key).get<std::string>()] = programs::ValueToJson(value);
     }
   }
-  return programs::WriteJson(
-      {{"format", 1}, {"epoch", desired.epoch}, {"version", desired.version}, {"groups", groups}});
+  return programs::WriteJson(programs::JsonObject()
+                                 .Add("format", 1)
+                                 .Add("epoch", desired.epoch)
+                                 .Add("version", desired.version)
+                                 .Add("groups", groups)
+                                 .Take());
 }
 
 }  // namespace tavix::bridge

@@ -5,6 +5,7 @@
 
 #include "programs/bridge/formats/JsonText.h"
 #include "programs/bridge/formats/KeysJson.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/JsonWriter.h"
 
 namespace tavix::bridge {
@@ -13,7 +14,7 @@ using nlohmann::json;
 
 std::string ComposeReported(const std::string& epoch, std::uint64_t version, const Keys& keys,
                             const std::set<std::string>& masked) {
-  json message = {{"format", 1}, {"epoch", epoch}, {"version", version}};
+  json message = programs::JsonObject().Add("format", 1).Add("epoch", epoch).Add("version", version).Take();
   if (keys.empty()) {
     message["gone"] = true;
   } else {
@@ -43,7 +44,11 @@ const char* NameOf(ResultState state) {
 }
 
 std::string ComposeResult(const Result& result) {
-  json message = {{"version", nullptr}, {"state", NameOf(result.state)}, {"keys", json::object()}};
+  json message = programs::JsonObject()
+                     .Add("version", nullptr)
+                     .Add("state", NameOf(result.state))
+                     .Add("keys", json::object())
+                     .Take();
   if (result.version) message["version"] = *result.version;
   if (!result.reason.empty()) message["reason"] = result.reason;
   for (const auto& [key, reason] : result.keys) message["keys"][key] = reason;
@@ -53,17 +58,22 @@ std::string ComposeResult(const Result& result) {
 std::string ComposeIndex(const std::string& epoch, std::uint64_t hash) {
   char text[17];
   std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return programs::WriteJson({{"format", 1}, {"epoch", epoch}, {"hash", text}});
+  return programs::WriteJson(programs::JsonObject().Add("format", 1).Add("epoch", epoch).Add("hash", text).Take());
 }
 
 std::string ComposeStatus(const std::string& version, const std::map<std::string, unsigned long long>& figures,
                           const std::string& state) {
-  return programs::WriteJson(
-      {{"format", 1}, {"online", true}, {"bridge", version}, {"state", state}, {"counters", figures}});
+  return programs::WriteJson(programs::JsonObject()
+                                 .Add("format", 1)
+                                 .Add("online", true)
+                                 .Add("bridge", version)
+                                 .Add("state", state)
+                                 .Add("counters", figures)
+                                 .Take());
 }
 
 std::string ComposeOffline() {
-  return programs::WriteJson({{"format", 1}, {"online", false}});
+  return programs::WriteJson(programs::JsonObject().Add("format", 1).Add("online", false).Take());
 }
 
 }  // namespace tavix::bridge

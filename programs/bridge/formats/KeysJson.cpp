@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 
 namespace tavix::bridge {
 
@@ -12,7 +13,7 @@ json KeysToJson(const Keys& keys, const std::set<std::string>& masked) {
   json object = json::object();
   for (const auto& [key, value] : keys) {
     object[programs::NameToJson(key).get<std::string>()] =
-        masked.count(key) > 0 ? json{{"masked", true}} : programs::ValueToJson(value);
+        masked.count(key) > 0 ? programs::JsonObject().Add("masked", true).Take() : programs::ValueToJson(value);
   }
   return object;
 }

@@ -6,6 +6,7 @@
 #include "programs/bridge/formats/KeysJson.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/JsonWriter.h"
 #include "programs/common/client/Spelling.h"
 
@@ -24,7 +25,7 @@ bool IsMasked(const json& value) {
 std::string ComposeSharedGroup(const Keys& keys, const std::set<std::string>& masked) {
   Keys all = keys;
   for (const std::string& key : masked) all[key];
-  return programs::WriteJson({{"format", 1}, {"keys", KeysToJson(all, masked)}});
+  return programs::WriteJson(programs::JsonObject().Add("format", 1).Add("keys", KeysToJson(all, masked)).Take());
 }
 
 SharedGroup ParseSharedGroup(const std::string& bytes, size_t maxBytes) {

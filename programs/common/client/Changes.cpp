@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 
 namespace tavix::programs {
 
@@ -48,7 +49,7 @@ std::vector<Change> FindChanges(const IniFile& before, const IniFile& after) {
 }
 
 json ToJson(const Change& change) {
-  json object = {{"group", NameToJson(change.group)}};
+  json object = JsonObject().Add("group", NameToJson(change.group)).Take();
   if (!change.key) {
     object["event"] = change.hasCome ? "group added" : "group removed";
     return object;

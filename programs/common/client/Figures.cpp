@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 
 namespace tavix::programs {
 
@@ -46,11 +47,13 @@ json FiguresToJson(const Figures& figures) {
 }
 
 json ReportServer(const std::string& address, double latencyInMilliseconds, const Figures& figures) {
-  json status = {{"server", NameToJson(address)},
-                 {"reachable", true},
-                 {"latency_ms", latencyInMilliseconds},
-                 {"version", TAVIX_VERSION},
-                 {"info", FiguresToJson(figures)}};
+  json status = JsonObject()
+                    .Add("server", NameToJson(address))
+                    .Add("reachable", true)
+                    .Add("latency_ms", latencyInMilliseconds)
+                    .Add("version", TAVIX_VERSION)
+                    .Add("info", FiguresToJson(figures))
+                    .Take();
   AddNamed(status["info"], status);
   return status;
 }

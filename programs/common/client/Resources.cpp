@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 
 namespace tavix::programs {
 
@@ -19,16 +20,19 @@ json ReportResource(const ResourceFigures& figures, const std::string& resource)
   const long long used = figures.GetUsedByAll(resource);
   json consumers = json::array();
   for (const std::string& consumer : figures.GetConsumers(resource)) {
-    json object = {{"consumer", NameToJson(consumer)}, {"used", figures.GetUsed(consumer, resource)}};
+    json object =
+        JsonObject().Add("consumer", NameToJson(consumer)).Add("used", figures.GetUsed(consumer, resource)).Take();
     const std::optional<int> max = figures.GetMaxAllowed(consumer, resource);
     object["most"] = max ? json(*max) : json(nullptr);
     consumers.push_back(std::move(object));
   }
-  return {{"resource", NameToJson(resource)},
-          {"total", figures.GetTotal(resource)},
-          {"used", used},
-          {"free", figures.GetTotal(resource) - used},
-          {"consumers", consumers}};
+  return JsonObject()
+      .Add("resource", NameToJson(resource))
+      .Add("total", figures.GetTotal(resource))
+      .Add("used", used)
+      .Add("free", figures.GetTotal(resource) - used)
+      .Add("consumers", consumers)
+      .Take();
 }
 
 }  // namespace tavix::programs

@@ -4,6 +4,7 @@
 #include "programs/common/client/Changes.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/common/client/Writes.h"
 #include "programs/web/interface/Batches.h"
@@ -149,7 +150,7 @@ Response ShowDryRun(Call& call, const Amendment& amendment) {
     changes.push_back(programs::ToJson(change));
     if (amendment.unset.HasGroup(change.group) && !change.after) changes.back()["unset"] = true;
   }
-  return JsonResponse({{"dryRun", true}, {"changes", changes}});
+  return JsonResponse(programs::JsonObject().Add("dryRun", true).Add("changes", changes).Take());
 }
 
 // A value of a restricted file stands, whatever is written: then the user settings have what was set. All else is

@@ -4,6 +4,7 @@
 
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/http/EntityTags.h"
 
@@ -29,7 +30,11 @@ void Conditions::Require(const Call& call, const std::string& group, const IniFi
 }
 
 std::string DescribeGroup(const Call& call, const std::string& group, const IniFile::KeyMap* keys) {
-  json object = {{"name", programs::NameToJson(group)}, {"version", nullptr}, {"values", nullptr}};
+  json object = programs::JsonObject()
+                    .Add("name", programs::NameToJson(group))
+                    .Add("version", nullptr)
+                    .Add("values", nullptr)
+                    .Take();
   if (keys) {
     object["version"] = call.view.FindVersion(group, *keys);
     object["values"] = call.view.ValuesToJson(group, *keys);

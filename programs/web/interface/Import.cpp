@@ -5,6 +5,7 @@
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Failure.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/web/interface/Batches.h"
 
 namespace tavix::web {
@@ -59,7 +60,7 @@ json ListNames(const std::set<std::string>& names) {
 }
 
 json Describe(const programs::Import::Gone& gone) {
-  return {{"deleted", ListNames(gone.deleted)}, {"reset", ListNames(gone.reset)}};
+  return programs::JsonObject().Add("deleted", ListNames(gone.deleted)).Add("reset", ListNames(gone.reset)).Take();
 }
 
 Response RunImport(Call& call, ImportOptions options) {
@@ -73,14 +74,14 @@ Response RunImport(Call& call, ImportOptions options) {
     backup.FindDifferences([&](const programs::Change& change) {
       if (!call.view.IsMasked(change.group)) changes.push_back(programs::ToJson(change));
     });
-    json answer = {{"dryRun", true}, {"changes", changes}};
+    json answer = programs::JsonObject().Add("dryRun", true).Add("changes", changes).Take();
     if (replaces) answer["gone"] = Describe(backup.FindGone());
     return JsonResponse(answer);
   }
   json gone;
   const programs::Import::Result result =
       backup.Run([&](const programs::Import::Gone& groups) { gone = Describe(groups); });
-  json answer = {{"differences", result.differences}, {"copies", result.copies}};
+  json answer = programs::JsonObject().Add("differences", result.differences).Add("copies", result.copies).Take();
   if (replaces) answer["gone"] = gone;
   return JsonResponse(answer);
 }

@@ -8,6 +8,7 @@
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/http/EntityTags.h"
 #include "programs/web/interface/JsonParts.h"
@@ -59,10 +60,12 @@ Response ListGroups(Call& call) {
     call.session.GetEach(names, [&](const IniFile& part) {
       const auto& [name, keys] = *part.begin();
       if (names.count(name) == 0) return;  // a name with a '*' brought it
-      groups.Add({{"name", NameToJson(name)},
-                  {"version", call.view.FindVersion(name, keys)},
-                  {"origin", origins.Find(name, keys)},
-                  {"keys", keys.size()}});
+      groups.Add(programs::JsonObject()
+                     .Add("name", NameToJson(name))
+                     .Add("version", call.view.FindVersion(name, keys))
+                     .Add("origin", origins.Find(name, keys))
+                     .Add("keys", keys.size())
+                     .Take());
     });
   }
   return TextResponse(groups.Finish(programs::Join({"],\"next\":", programs::Compact(next), "}"})));
@@ -88,7 +91,11 @@ Response ListTree(Call& call) {
   });
   JsonParts parts(call.size, "{\"parts\":[");
   for (const auto& [name, branch] : branches)
-    parts.Add({{"name", NameToJson(name)}, {"count", branch.groups}, {"isGroup", branch.isGroup}});
+    parts.Add(programs::JsonObject()
+                  .Add("name", NameToJson(name))
+                  .Add("count", branch.groups)
+                  .Add("isGroup", branch.isGroup)
+                  .Take());
   return TextResponse(parts.Finish(programs::Join({"],\"prefix\":", Quoted(prefix), "}"})));
 }
 
@@ -109,7 +116,7 @@ Response ShowGroup(Call& call) {
   for (const auto& [key, value] : *keys) {
     const std::string origin = origins.Find(name, key);
     const json shown = isMasked ? json(nullptr) : programs::ValueToJson(value);
-    json setting = {{"value", shown}, {"origin", origin}};
+    json setting = programs::JsonObject().Add("value", shown).Add("origin", origin).Take();
     if (origin == "default") setting["default"] = shown;
     settings.Add(key, setting);
   }

@@ -10,6 +10,7 @@
 #include "programs/common/client/Backup.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 
 namespace tavix::web {
@@ -24,11 +25,13 @@ constexpr size_t kUsualCount = 50;
 constexpr char kScanned[] = "scanned";
 
 json RevisionToJson(const View& view, const Revision& revision) {
-  json object = {{"revision", revision.number},
-                 {"time", FormatTime(revision.time)},
-                 {"by", AuthorToJson(revision.author)},
-                 {"command", programs::ValueToJson(revision.command)},
-                 {"changes", ChangesToJson(view, revision.settings)}};
+  json object = programs::JsonObject()
+                    .Add("revision", revision.number)
+                    .Add("time", FormatTime(revision.time))
+                    .Add("by", AuthorToJson(revision.author))
+                    .Add("command", programs::ValueToJson(revision.command))
+                    .Add("changes", ChangesToJson(view, revision.settings))
+                    .Take();
   if (!revision.note.empty()) object["note"] = programs::ValueToJson(revision.note);
   if (!revision.trial.empty()) object["trial"] = programs::ValueToJson(revision.trial);
   if (!revision.omitted.empty()) object["omitted_bytes"] = NumberToJson(revision.omitted);
@@ -98,7 +101,7 @@ bool RecordedGroups::Includes(const programs::Change& change) const {
 }
 
 json AuthorToJson(const programs::Author& author) {
-  json object = {{"connection", programs::ValueToJson(author.connection)}};
+  json object = programs::JsonObject().Add("connection", programs::ValueToJson(author.connection)).Take();
   if (!author.user.empty()) object["user"] = NumberToJson(author.user);
   if (!author.group.empty()) object["group"] = NumberToJson(author.group);
   if (!author.process.empty()) object["process"] = NumberToJson(author.process);
@@ -127,7 +130,7 @@ Response ShowHistory(Call& call) {
   }
   std::sort(revisions.begin(), revisions.end(),
             [](const Revision& left, const Revision& right) { return left.number > right.number; });
-  json document = {{"revisions", json::array()}, {"next", nullptr}};
+  json document = programs::JsonObject().Add("revisions", json::array()).Add("next", nullptr).Take();
   for (const Revision& revision : revisions) document["revisions"].push_back(RevisionToJson(call.view, revision));
   const bool hasMore = answer.data.HasValue(kScanned, "more") && answer.data.GetValue(kScanned, "more") == "true";
   if (hasMore && answer.data.HasValue(kScanned, "next"))

@@ -5,6 +5,7 @@
 #include "programs/common/client/Changes.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/UserLayer.h"
 #include "programs/common/client/Writes.h"
 #include "programs/web/interface/Batches.h"
@@ -82,7 +83,11 @@ Response Reset(Call& call) {
     changed.insert(part.begin()->first);
   });
   if (isDryRun)
-    return JsonResponse({{"dryRun", true}, {"groups", ListNames(changed)}, {"deleted", ListNames(deleted)}});
+    return JsonResponse(programs::JsonObject()
+                            .Add("dryRun", true)
+                            .Add("groups", ListNames(changed))
+                            .Add("deleted", ListNames(deleted))
+                            .Take());
   changed.insert(deleted.begin(), deleted.end());
   const IniFile before = call.ReadGroups(patterns);
   settings::Amendment amendment;
@@ -92,7 +97,7 @@ Response Reset(Call& call) {
   json changes = json::array();
   for (const programs::Change& change : programs::FindChanges(before, call.ReadGroups(patterns)))
     changes.push_back(programs::ToJson(change));
-  return JsonResponse({{"changes", changes}});
+  return JsonResponse(programs::JsonObject().Add("changes", changes).Take());
 }
 
 // What users changed. The value below is the daemon's: no client can read it while another one hides it.

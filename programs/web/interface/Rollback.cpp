@@ -6,6 +6,7 @@
 
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/interface/JsonBody.h"
@@ -126,7 +127,8 @@ IniFile RollBackOne(Call& call, const Wanted& wanted, const std::string& line) {
 
 json CheckpointToJson(const std::string& name, IniFile::KeyMap keys) {
   const Revision revision = Revision::From(keys["revision"], keys);
-  json object = {{"name", programs::NameToJson(name)}, {"bytes", NumberToJson(keys["bytes"])}};
+  json object =
+      programs::JsonObject().Add("name", programs::NameToJson(name)).Add("bytes", NumberToJson(keys["bytes"])).Take();
   if (!keys["damaged"].empty()) {
     object["damaged"] = programs::ValueToJson(keys["damaged"]);
   } else {
@@ -146,11 +148,12 @@ Response Rollback(Call& call) {
   if (wanted.isDryRun || wanted.groups.MayFindOthers()) {
     const IniFile data = AskOrFail(call.link.Get(), "test-" + line);
     RequireNoOthers(wanted.groups, data);
-    if (wanted.isDryRun) return JsonResponse({{"dryRun", true}, {"changes", ChangesOf(call, data)}});
+    if (wanted.isDryRun)
+      return JsonResponse(programs::JsonObject().Add("dryRun", true).Add("changes", ChangesOf(call, data)).Take());
   }
   const IniFile data =
       wanted.groups.MayFindOthers() ? RollBackOne(call, wanted, line) : RollBack(call, wanted.trial, line);
-  json answer = {{"revision", nullptr}, {"changes", ChangesOf(call, data)}};
+  json answer = programs::JsonObject().Add("revision", nullptr).Add("changes", ChangesOf(call, data)).Take();
   if (!data.IsEmpty()) answer["revision"] = NumberToJson(data.begin()->first);
   if (wanted.trial) answer["pending"] = wanted.trial->Describe(call);
   return JsonResponse(answer);
@@ -160,7 +163,7 @@ Response ListCheckpoints(Call& call) {
   call.link.RequireFeature(kHistory);
   json list = json::array();
   for (const auto& [name, keys] : AskOrFail(call.link.Get(), kCheckpoint)) list.push_back(CheckpointToJson(name, keys));
-  return JsonResponse({{"checkpoints", list}});
+  return JsonResponse(programs::JsonObject().Add("checkpoints", list).Take());
 }
 
 Response MakeCheckpoint(Call& call) {

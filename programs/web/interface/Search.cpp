@@ -3,6 +3,7 @@
 
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/web/interface/JsonParts.h"
 #include "programs/web/interface/Reads.h"
 
@@ -74,7 +75,7 @@ class Hits {
     }
     ++_count;
     _list.Add(hit);
-    _next = {{"after", NameToJson(group)}};
+    _next = programs::JsonObject().Add("after", NameToJson(group)).Take();
     if (key) _next["afterKey"] = NameToJson(*key);
   }
 
@@ -94,7 +95,7 @@ class Hits {
 void LookAt(const Call& call, const Options& options, const IniFile& part, Hits& hits) {
   const auto& [group, keys] = *part.begin();
   if (options.inGroups && options.IsBehind(group, nullptr) && options.Matches(group))
-    hits.Add(group, nullptr, {{"group", NameToJson(group)}, {"in", "groups"}});
+    hits.Add(group, nullptr, programs::JsonObject().Add("group", NameToJson(group)).Add("in", "groups").Take());
   const bool isMasked = call.view.IsMasked(group);
   for (const auto& [key, value] : keys) {
     if (hits.IsFull()) return;
@@ -102,10 +103,12 @@ void LookAt(const Call& call, const Options& options, const IniFile& part, Hits&
     const bool isInKey = options.inKeys && options.Matches(key);
     if (!isInKey && (isMasked || !options.inValues || !options.Matches(value))) continue;
     hits.Add(group, &key,
-             {{"group", NameToJson(group)},
-              {"key", NameToJson(key)},
-              {"value", isMasked ? json(nullptr) : programs::ValueToJson(value)},
-              {"in", isInKey ? "keys" : "values"}});
+             programs::JsonObject()
+                 .Add("group", NameToJson(group))
+                 .Add("key", NameToJson(key))
+                 .Add("value", isMasked ? json(nullptr) : programs::ValueToJson(value))
+                 .Add("in", isInKey ? "keys" : "values")
+                 .Take());
   }
 }
 

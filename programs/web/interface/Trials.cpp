@@ -6,6 +6,7 @@
 
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Revisions.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/access/PrivateFile.h"
@@ -33,11 +34,13 @@ bool IsOwn(const std::string& name) {
 }
 
 json ToJson(const Call& call, const TrialState& trial) {
-  json object = {{"name", programs::NameToJson(trial.name)},
-                 {"state", trial.state},
-                 {"own", IsOwn(trial.name)},
-                 {"by", AuthorToJson(trial.author)},
-                 {"changes", ChangesToJson(call.view, trial.settings)}};
+  json object = programs::JsonObject()
+                    .Add("name", programs::NameToJson(trial.name))
+                    .Add("state", trial.state)
+                    .Add("own", IsOwn(trial.name))
+                    .Add("by", AuthorToJson(trial.author))
+                    .Add("changes", ChangesToJson(call.view, trial.settings))
+                    .Take();
   if (!trial.seconds.empty()) object["seconds"] = std::strtoull(trial.seconds.c_str(), nullptr, 10);
   if (!trial.note.empty()) object["note"] = programs::ValueToJson(trial.note);
   if (trial.revision != 0) object["revision"] = trial.revision;
@@ -95,7 +98,7 @@ Response ShowPending(Call& call) {
     const TrialState trial = TrialState::From(name, keys);
     if (trial.IsPending()) list.push_back(ToJson(call, trial));
   }
-  return JsonResponse({{"pending", list}});
+  return JsonResponse(programs::JsonObject().Add("pending", list).Take());
 }
 
 Response ConfirmPending(Call& call) {

@@ -5,6 +5,7 @@
 
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Json.h"
+#include "programs/common/client/JsonObject.h"
 #include "programs/common/client/Spelling.h"
 #include "programs/web/interface/Conditions.h"
 #include "programs/web/interface/GroupChange.h"
@@ -39,12 +40,15 @@ JsonValue ParseKeys(const Call& call, const std::string& group) {
 
 Response ShowWritten(Call& call, const std::string& group, const IniFile::KeyMap& keys, int status,
                      const std::optional<Trial>& trial = std::nullopt) {
-  json document = {{"name", programs::NameToJson(group)},
-                   {"version", call.view.FindVersion(group, keys)},
-                   {"values", call.view.ValuesToJson(group, keys)}};
+  const std::string version = call.view.FindVersion(group, keys);
+  json document = programs::JsonObject()
+                      .Add("name", programs::NameToJson(group))
+                      .Add("version", version)
+                      .Add("values", call.view.ValuesToJson(group, keys))
+                      .Take();
   if (trial) document["pending"] = trial->Describe(call);
   Response response = JsonResponse(document, status);
-  response.headers.emplace_back("ETag", "\"" + call.view.FindVersion(group, keys) + "\"");
+  response.headers.emplace_back("ETag", programs::Join({"\"", version, "\""}));
   return response;
 }
 
