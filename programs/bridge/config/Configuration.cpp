@@ -1,15 +1,17 @@
 #include "programs/bridge/config/Configuration.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "programs/bridge/config/Section.h"
 #include "programs/common/client/Join.h"
 #include "programs/common/client/Spelling.h"
+#include "tavix/osa/Descriptor.h"
 
 namespace tavix::bridge {
 
@@ -26,8 +28,10 @@ bool IsMap(const std::string& section) {
 // A document knows no order of its groups; the first map that matches wins, in the order of the text.
 std::vector<std::string> ListMaps(const std::string& text) {
   std::vector<std::string> maps;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
+  for (size_t next = 0; next < text.size();) {
+    const size_t lineEnd = std::min(text.find('\n', next), text.size());
+    const std::string line = text.substr(next, lineEnd - next);
+    next = lineEnd + 1;
     const size_t begin = line.find_first_not_of(" \t");
     const size_t end = line.rfind(']');
     if (begin == std::string::npos || line[begin] != '[' || end == std::string::npos) continue;
@@ -177,12 +181,15 @@ Configuration ParseConfiguration(const std::string& text, const std::string& sou
 }
 
 Configuration ReadConfiguration(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  if (!file.is_open() || !(text << file.rdbuf())) {
+  const osa::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  std::string text;
+  char part[4096];
+  ssize_t count = file ? 1 : -1;
+  while (count > 0 && (count = read(file.Get(), part, sizeof part)) > 0) text.append(part, static_cast<size_t>(count));
+  if (count < 0) {
     throw ConfigurationError(programs::Join({"Failed to read the configuration '", path, "': ", std::strerror(errno)}));
   }
-  return ParseConfiguration(text.str(), path);
+  return ParseConfiguration(text, path);
 }
 
 }  // namespace tavix::bridge
