@@ -14,19 +14,20 @@ Section::Section(const core::IniFile& all, std::string name, std::string source)
   if (_isThere) _keys = all[_name];
 }
 
-std::string Section::TakeText(const std::string& key, const std::string& byDefault) {
-  _taken.insert(key);
-  const auto found = _keys.find(key);
-  return found == _keys.end() ? byDefault : found->second;
+std::string Section::TakeText(std::string_view key, std::string_view byDefault) {
+  const std::string name(key);
+  _taken.insert(name);
+  const auto found = _keys.find(name);
+  return found == _keys.end() ? std::string(byDefault) : found->second;
 }
 
-std::string Section::TakeRequired(const std::string& key) {
+std::string Section::TakeRequired(std::string_view key) {
   const std::string text = TakeText(key);
   if (text.empty()) Fail(key, "a value is missing");
   return text;
 }
 
-std::vector<std::string> Section::TakeList(const std::string& key) {
+std::vector<std::string> Section::TakeList(std::string_view key) {
   std::vector<std::string> list;
   const std::string text = TakeText(key) + ",";
   for (size_t begin = 0, comma = 0; (comma = text.find(',', begin)) != std::string::npos; begin = comma + 1) {
@@ -37,7 +38,7 @@ std::vector<std::string> Section::TakeList(const std::string& key) {
   return list;
 }
 
-unsigned long long Section::TakeNumber(const std::string& key, unsigned long long byDefault, unsigned long long min) {
+unsigned long long Section::TakeNumber(std::string_view key, unsigned long long byDefault, unsigned long long min) {
   if (!HasKey(key)) return byDefault;
   constexpr unsigned long long kMax = 1'000'000'000'000;
   const std::string text = TakeText(key);
@@ -57,8 +58,9 @@ void Section::RequireNothingElse() const {
   }
 }
 
-void Section::Fail(const std::string& key, const std::string& reason) const {
-  throw ConfigurationError(programs::Join({_source, ": ", programs::SpellSetting(_name, key), ": ", reason}));
+void Section::Fail(std::string_view key, std::string_view reason) const {
+  throw ConfigurationError(
+      programs::Join({_source, ": ", programs::SpellSetting(_name, std::string(key)), ": ", reason}));
 }
 
 }  // namespace tavix::bridge

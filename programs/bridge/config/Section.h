@@ -1,7 +1,9 @@
 #pragma once
 
+#include <initializer_list>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,24 +23,25 @@ class Section {
 
   bool IsThere() const { return _isThere; }
 
-  std::string TakeText(const std::string& key, const std::string& byDefault = "");
-  std::string TakeRequired(const std::string& key);
+  std::string TakeText(std::string_view key, std::string_view byDefault = {});
+  std::string TakeRequired(std::string_view key);
 
   // Texts with commas between them; blanks around them do not count.
-  std::vector<std::string> TakeList(const std::string& key);
+  std::vector<std::string> TakeList(std::string_view key);
 
   // A number from "min" on.
-  unsigned long long TakeNumber(const std::string& key, unsigned long long byDefault, unsigned long long min = 1);
+  unsigned long long TakeNumber(std::string_view key, unsigned long long byDefault, unsigned long long min = 1);
 
   // The value of the word that stands there; of the first one, when none does.
   template <typename Value>
-  Value TakeWord(const std::string& key, const std::vector<std::pair<std::string, Value>>& words) {
-    if (!HasKey(key)) return words.front().second;
+  Value TakeWord(std::string_view key, std::initializer_list<std::pair<std::string_view, Value>> words) {
+    if (!HasKey(key)) return words.begin()->second;
     const std::string text = TakeText(key);
     std::string known;
     for (const auto& [word, value] : words) {
       if (word == text) return value;
-      known += (known.empty() ? "" : ", ") + word;
+      known += known.empty() ? "" : ", ";
+      known += word;
     }
     Fail(key, programs::Join({"'", text, "' is none of ", known}));
   }
@@ -46,10 +49,10 @@ class Section {
   // Behind all that is known.
   void RequireNothingElse() const;
 
-  [[noreturn]] void Fail(const std::string& key, const std::string& reason) const;
+  [[noreturn]] void Fail(std::string_view key, std::string_view reason) const;
 
  private:
-  bool HasKey(const std::string& key) const { return _keys.count(key) > 0; }
+  bool HasKey(std::string_view key) const { return _keys.count(std::string(key)) > 0; }
 
   const std::string _name;
   const std::string _source;

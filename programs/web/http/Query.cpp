@@ -34,7 +34,7 @@ std::string Decode(const std::string& text) {
   return bytes;
 }
 
-std::string ReadName(const std::string& parameter, const std::string& text) {
+std::string ReadName(std::string_view parameter, const std::string& text) {
   std::optional<std::string> name = programs::NameFromJson(text);
   if (!name) Refuse(400, {parameter, ": what stands behind 'base64:' is none"});
   return *std::move(name);
@@ -54,7 +54,7 @@ Query::Query(const std::string& text) {
   }
 }
 
-void Query::RequireOnly(const std::string& known) const {
+void Query::RequireOnly(std::string_view known) const {
   const std::string words = programs::Join({" ", known, " "});
   for (const auto& [name, value] : _parameters) {
     const bool isPlain = name.find_first_of(" *") == std::string::npos;
@@ -65,14 +65,14 @@ void Query::RequireOnly(const std::string& known) const {
   }
 }
 
-std::optional<std::string> Query::Find(const std::string& name) const {
+std::optional<std::string> Query::Find(std::string_view name) const {
   for (const auto& [parameter, value] : _parameters) {
     if (parameter == name) return value;
   }
   return std::nullopt;
 }
 
-std::vector<std::string> Query::FindAll(const std::string& name) const {
+std::vector<std::string> Query::FindAll(std::string_view name) const {
   std::vector<std::string> values;
   for (const auto& [parameter, value] : _parameters) {
     if (parameter == name) values.push_back(value);
@@ -80,32 +80,32 @@ std::vector<std::string> Query::FindAll(const std::string& name) const {
   return values;
 }
 
-std::optional<std::string> Query::FindName(const std::string& name) const {
+std::optional<std::string> Query::FindName(std::string_view name) const {
   const std::optional<std::string> text = Find(name);
   if (!text) return std::nullopt;
   return ReadName(name, *text);
 }
 
-std::string Query::RequireName(const std::string& name) const {
+std::string Query::RequireName(std::string_view name) const {
   std::optional<std::string> found = FindName(name);
   if (!found) Refuse(400, {"the parameter '", name, "' is missing"});
   return *std::move(found);
 }
 
-std::vector<std::string> Query::FindNames(const std::string& name) const {
+std::vector<std::string> Query::FindNames(std::string_view name) const {
   std::vector<std::string> names;
   for (const std::string& text : FindAll(name)) names.push_back(ReadName(name, text));
   return names;
 }
 
-bool Query::HasFlag(const std::string& name) const {
+bool Query::HasFlag(std::string_view name) const {
   const std::string value = Find(name).value_or("0");
   if (value == "1" || value == "true") return true;
   if (value == "0" || value == "false") return false;
   Refuse(400, {"the parameter '", name, "' is neither 1 nor 0"});
 }
 
-size_t Query::FindNumber(const std::string& name, size_t low, size_t high, size_t def) const {
+size_t Query::FindNumber(std::string_view name, size_t low, size_t high, size_t def) const {
   const std::optional<std::string> text = Find(name);
   if (!text) return def;
   size_t number = 0;

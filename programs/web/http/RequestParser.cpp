@@ -214,7 +214,7 @@ void RequestParser::ReadChunkSize(const std::string& line) {
   _chunk = size == 0 ? Chunk::kTrailer : Chunk::kData;
 }
 
-void RequestParser::Refuse(int status, const std::string& reason) {
+void RequestParser::Refuse(int status, const char* reason) {
   _state = State::kRefused;
   _status = status;
   _reason = reason;

@@ -74,7 +74,7 @@ class RequestParser {
   void HandleChunkLine();
   void ReadChunkSize(const std::string& line);
   void ReadTrailer(const std::string& line);
-  void Refuse(int status, const std::string& reason);
+  void Refuse(int status, const char* reason);
 
   const Limits _limits;
   State _state = State::kHead;

@@ -34,12 +34,12 @@ struct Wanted {
   std::optional<Trial> trial;
 };
 
-[[noreturn]] void FailAt(const std::string& member, const std::string& group, std::string_view expected) {
+[[noreturn]] void FailAt(std::string_view member, const std::string& group, std::string_view expected) {
   Refuse(400, {"'", member, "', group '", programs::SpellName(group), "': expected ", expected}, {{"group", group}});
 }
 
 // An object of groups, each an object of keys and values.
-IniFile ReadSettings(const JsonValue& body, const std::string& member) {
+IniFile ReadSettings(const JsonValue& body, std::string_view member) {
   IniFile settings;
   const JsonValue* const groups = body.Find(member);
   if (!groups) return settings;
@@ -57,7 +57,7 @@ IniFile ReadSettings(const JsonValue& body, const std::string& member) {
 }
 
 // An object of groups, each a list of keys; an empty list means the group as a whole.
-IniFile ReadKeys(const JsonValue& body, const std::string& member) {
+IniFile ReadKeys(const JsonValue& body, std::string_view member) {
   IniFile settings;
   const JsonValue* const groups = body.Find(member);
   if (!groups) return settings;

@@ -18,7 +18,7 @@ constexpr char kCondition[] = "condition:";  // the kinds of reasons, as docs/pr
 constexpr char kRestricted[] = "restricted group:";
 constexpr char kTrial[] = "trial";
 
-bool BeginsWith(const std::string& text, const std::string& begin) {
+bool BeginsWith(const std::string& text, std::string_view begin) {
   return text.compare(0, begin.size(), begin) == 0;
 }
 

@@ -112,7 +112,7 @@ class Builder : public programs::JsonTaker {
 
 }  // namespace
 
-const JsonValue* JsonValue::Find(const std::string& name) const {
+const JsonValue* JsonValue::Find(std::string_view name) const {
   for (const auto& [member, value] : members) {
     if (member == name) return &value;
   }
@@ -125,7 +125,7 @@ JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth) {
   return builder.Take();
 }
 
-JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known, size_t bytesDepth) {
+JsonValue ParseJsonObject(const std::string& text, std::initializer_list<std::string_view> known, size_t bytesDepth) {
   JsonValue value;
   value.kind = Kind::kObject;
   if (!text.empty()) value = ParseJsonBody(text, bytesDepth);
@@ -137,7 +137,7 @@ JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string
   return value;
 }
 
-bool ReadFlag(const JsonValue& body, const std::string& member) {
+bool ReadFlag(const JsonValue& body, std::string_view member) {
   const JsonValue* const value = body.Find(member);
   if (!value) return false;
   if (value->kind != Kind::kTruth) Refuse(400, {"'", member, "' is neither true nor false"});

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,7 +22,7 @@ struct JsonValue {
   bool IsValue() const { return kind == Kind::kText || kind == Kind::kNumber || kind == Kind::kTruth; }
 
   // Null when it is no object or has no such member.
-  const JsonValue* Find(const std::string& name) const;
+  const JsonValue* Find(std::string_view name) const;
 };
 
 // Throws Refusal, 400, with the line, for what is no JSON, a name that stands twice, nesting that nothing here has, and
@@ -30,9 +32,10 @@ JsonValue ParseJsonBody(const std::string& text, size_t bytesDepth = 2);
 
 // The same of an object; an empty text is an empty one. known: the members that it may have; throws Refusal, 400, for
 // others.
-JsonValue ParseJsonObject(const std::string& text, const std::vector<std::string>& known, size_t bytesDepth = 2);
+JsonValue ParseJsonObject(const std::string& text, std::initializer_list<std::string_view> known,
+                          size_t bytesDepth = 2);
 
 // A member that is true or false; false when it is missing. Throws Refusal, 400, when it is something else.
-bool ReadFlag(const JsonValue& body, const std::string& member);
+bool ReadFlag(const JsonValue& body, std::string_view member);
 
 }  // namespace tavix::web

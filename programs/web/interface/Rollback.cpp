@@ -52,7 +52,7 @@ std::string ReadGoal(const JsonValue& body) {
   return goal;
 }
 
-std::optional<std::string> ReadName(const JsonValue& body, const std::string& member) {
+std::optional<std::string> ReadName(const JsonValue& body, std::string_view member) {
   const JsonValue* const name = body.Find(member);
   if (!name) return std::nullopt;
   const auto text = name->kind == JsonValue::Kind::kText ? programs::NameFromJson(name->text) : std::nullopt;

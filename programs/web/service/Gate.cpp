@@ -21,7 +21,7 @@ constexpr char kHealth[] = "healthz";
 // Of requests that anybody may send, and of those that need none.
 constexpr size_t kMaxSmallBody = 4096;
 
-bool BeginsWith(const std::string& text, const std::string& begin) {
+bool BeginsWith(const std::string& text, std::string_view begin) {
   return text.compare(0, begin.size(), begin) == 0;
 }
 
