@@ -89,7 +89,7 @@ Response PatchGroup(Call& call) {
   const JsonValue patch = ParseKeys(call, group);
   const std::optional<Trial> trial = Trial::Read(call.query);
   const bool isVolatile = call.query.HasFlag("volatile");
-  if (isVolatile && trial) throw Refusal(400, "'confirm' and 'volatile' exclude one another");
+  if (isVolatile && trial) Refuse(400, "'confirm' and 'volatile' exclude one another");
   if (isVolatile) return PatchVolatile(call, group, patch, conditions);
   GroupChange change(call, group, conditions, trial);
   change.Run([&](const Keys& before) { return Patched(group, before, patch); });
