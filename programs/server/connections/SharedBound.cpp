@@ -41,6 +41,7 @@ void SharedBound::Part::AddText(const std::string& text) {
     _texts->back() = &*_bound._texts.try_emplace(&text).first;
   } catch (...) {
     _texts->pop_back();
+    if (_texts->empty()) _texts.reset();
     throw;
   }
   Keepers& keepers = _texts->back()->second;

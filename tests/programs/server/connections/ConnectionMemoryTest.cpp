@@ -9,6 +9,7 @@
 #include <string>
 
 #include "programs/server/connections/Connection.h"
+#include "programs/server/connections/SharedBound.h"
 #include "tavix/osa/Descriptor.h"
 #include "tests/programs/server/connections/ConnectionSetup.h"
 #include "tests/support/DocumentText.h"
@@ -105,6 +106,27 @@ TEST_F(IdleConnection, MessageThatMemoryDoesNotSufficeForBreaksItsQueue) {
   EXPECT_EQ(ReceiveAll(peer), "a\n");
   EXPECT_GT(kept, 0) << "the loop is told";
   queue->Close();
+}
+
+// A message that other queues keep as well.
+TEST(SharedBoundWithoutMemory, TextThatItDoesNotSufficeForIsNotAdded) {
+  const std::string text(100, 'x');
+  daemon::SharedBound bound(text.size());
+  daemon::SharedBound::Part part(bound, -1);
+  bool isAdded = false;
+  for (int failing = 0; !isAdded; ++failing) {
+    ASSERT_LT(failing, 1000);
+    const RefusedAllocation refused(failing);
+    try {
+      part.AddText(text);
+      isAdded = true;
+    } catch (const std::bad_alloc&) {
+    }
+    part.Clear();
+    EXPECT_TRUE(failing > 0 || !isAdded);
+  }
+  part.AddText(text);
+  EXPECT_EQ(part.GetPicked(), 0u) << "nothing is left of the others";
 }
 
 TEST_F(UnmadeConnection, ClosesItsDescriptorWhicheverAllocationFailed) {
