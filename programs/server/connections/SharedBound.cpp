@@ -69,9 +69,11 @@ void SharedBound::Part::Depart(int event) {
   _hasDeparted = true;
 }
 
+// The bound may be gone once the part has ended.
 void SharedBound::Part::End() {
+  if (_ended) return;
   Clear();
-  if (std::exchange(_ended, true)) return;
+  _ended = true;
   osa::PlainMutexLock lock(_bound._mutex);
   _bound._parts.erase(std::find(_bound._parts.begin(), _bound._parts.end(), this));
 }

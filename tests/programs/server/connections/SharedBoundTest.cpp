@@ -100,6 +100,17 @@ TEST(SharedBound, DepartedClientsCountNoMoreOnceTheyHaveEnded) {
   EXPECT_EQ(departed->GetPicked() + present->GetPicked(), 0u);
 }
 
+// A lock of it that is taken then is seen where threads are checked.
+TEST(SharedBound, OneThatHasEndedMayOutliveTheBound) {
+  auto bound = std::make_unique<SharedBound>(kMax);
+  Kept kept(*bound);
+  kept->Set(kMax);
+  kept->End();
+  bound.reset();
+  kept->End();
+  EXPECT_EQ(kept->GetPicked(), 0u);
+}
+
 TEST(SharedBound, OneThatPassesItAloneIsPicked) {
   SharedBound bound(kMax);
   Kept one(bound);
