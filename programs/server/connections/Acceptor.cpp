@@ -34,6 +34,11 @@ osa::Descriptor OpenSpare() {
   return osa::Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
+// Another connection may wait.
+bool IsGone(int error) {
+  return error == EINTR || error == ECONNABORTED;
+}
+
 osa::Descriptor MakeEvent() {
   osa::Descriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!event) throw osa::Exception("Failed to make an event descriptor: %s", std::strerror(errno));
@@ -133,8 +138,7 @@ Acceptor::Outcome Acceptor::AcceptOne(const Listener& listener, Arrival& arrival
   arrival.error = errno;
   _places.Free();
   if (arrival.error == EAGAIN) return Outcome::kNobody;
-  const bool isGone = arrival.error == EINTR || arrival.error == ECONNABORTED;
-  return isGone ? Outcome::kGone : Outcome::kFailed;
+  return IsGone(arrival.error) ? Outcome::kGone : Outcome::kFailed;
 }
 
 // caller: null: main. Returns whether a loop has passed the connection on to another one.
@@ -246,10 +250,7 @@ bool Acceptor::AcceptFrom(const Listener& listener) {
   for (int i = 0; i < kAcceptsInARow; ++i) {
     Arrival arrival;
     const Outcome outcome = AcceptOne(listener, arrival);
-    if (outcome == Outcome::kNoPlace) {
-      OnNoPlace(listener);
-      return true;
-    }
+    if (outcome == Outcome::kNoPlace) return OnNoPlace(listener);
     _entry = Entry::kOpen;
     if (outcome == Outcome::kNobody) return true;
     if (outcome == Outcome::kFailed && !RefuseOne(listener, arrival.error)) return false;
@@ -258,7 +259,8 @@ bool Acceptor::AcceptFrom(const Listener& listener) {
   return true;
 }
 
-void Acceptor::OnNoPlace(const Listener& listener) {
+// As AcceptFrom.
+bool Acceptor::OnNoPlace(const Listener& listener) {
   const auto now = Clock::now();
   if (_entry == Entry::kOpen) {
     _entry = Entry::kWaiting;
@@ -266,19 +268,22 @@ void Acceptor::OnNoPlace(const Listener& listener) {
   } else if (_entry == Entry::kWaiting && now - _waitsSince >= kMaxWaitForPlace) {
     _entry = Entry::kRefusing;
   }
-  if (_entry == Entry::kRefusing) RefuseQueue(listener);
+  return _entry != Entry::kRefusing || RefuseQueue(listener);
 }
 
-void Acceptor::RefuseQueue(const Listener& listener) const {
+// As AcceptFrom.
+bool Acceptor::RefuseQueue(const Listener& listener) {
   for (int i = 0; i < kAcceptsInARow; ++i) {
     SocketAddress ignored;
     const osa::Descriptor descriptor(listener.Accept(ignored));
-    if (!descriptor) return;
+    const int error = errno;
+    if (!descriptor) return error == EAGAIN || IsGone(error) || RefuseOne(listener, error);
     _counters.Count(Refusal::kTooMany);
     const std::string name = PeerWithoutPort(descriptor.Get());
     const LogPeer peer(name);
     Log()->Warning("Connection refused: %zu are served already", _maxConnections);
   }
+  return true;
 }
 
 // Without a free descriptor a connection can't even be refused, and would keep the listener readable for ever. False

@@ -126,8 +126,8 @@ class Acceptor {
   int FindTimeout() const;
   void AcceptOnMain();
   bool AcceptFrom(const Listener& listener);
-  void OnNoPlace(const Listener& listener);
-  void RefuseQueue(const Listener& listener) const;
+  bool OnNoPlace(const Listener& listener);
+  bool RefuseQueue(const Listener& listener);
   bool RefuseOne(const Listener& listener, int error);
 
   const std::vector<uid_t> _allowedUsers;
