@@ -116,8 +116,9 @@ Server::~Server() {
 
 void Server::Run(const programs::Signals& signals,
                  const std::function<void(const programs::Signals::Signal&)>& onSignal) {
+  std::vector<pollfd> watched;  // rounds but the first ask for no memory
   for (programs::Signals::Signal signal; signal.number != SIGTERM && signal.number != SIGINT;) {
-    std::vector<pollfd> watched{{signals.GetDescriptor(), POLLIN, 0}, {_logLimiter.GetDescriptor(), POLLIN, 0}};
+    watched.assign({{signals.GetDescriptor(), POLLIN, 0}, {_logLimiter.GetDescriptor(), POLLIN, 0}});
     const int timeout = _acceptor.Watch(watched);
     if (!Wait(watched, timeout)) continue;
     signal = watched[0].revents ? signals.Take() : programs::Signals::Signal();
