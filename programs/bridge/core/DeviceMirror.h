@@ -113,6 +113,7 @@ class DeviceMirror : public Mirror {
                         const std::optional<std::string>& shown, const std::optional<std::string>& value);
   void KeepDevices(const std::string& group, const std::string& key, const std::optional<std::string>& shown);
   bool CarryOut(const DocumentName& name, const DocumentStep& step, Milliseconds now);
+  void ReleaseHeld(const std::map<DocumentName, DocumentStep>& steps);
   bool IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now);
   settings::Amendment WithoutUnsupported(const DocumentName& name, const settings::Amendment& amendment);
   void SetIntent(const DocumentName& name, const DocumentStep& step);

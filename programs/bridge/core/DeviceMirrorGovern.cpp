@@ -120,6 +120,7 @@ std::set<DocumentName> DeviceMirror::GovernOnce(Milliseconds now) {
   const PresentKeys present = ReadPresent();
   for (const std::string& group : _ungoverned) _undecided.erase(group);
   const std::map<DocumentName, DocumentStep> steps = PlanSteps(present);
+  ReleaseHeld(steps);
   std::set<DocumentName> failed;
   for (const auto& [name, step] : steps) {
     if (CarryOut(name, step, now)) {
@@ -269,12 +270,26 @@ void DeviceMirror::SetIntent(const DocumentName& name, const DocumentStep& step)
   _governed.SetIntent(name, intent);
 }
 
-bool DeviceMirror::IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now) {
-  if (_heldDocuments.count(name) > 0) {
-    for (const std::string& group : _groupsOf[name]) {
-      if (step.losing.count(group) == 0) _guard.Release(group);
+// What no document that is held would take any more, as others decide it by now or the device holds what is wanted.
+// Documents that are looked at are looked at as a whole.
+void DeviceMirror::ReleaseHeld(const std::map<DocumentName, DocumentStep>& steps) {
+  std::set<std::string> released = _guard.GetHeld();
+  for (auto name = _heldDocuments.begin(); name != _heldDocuments.end();) {
+    const std::set<std::string>& groups = _groupsOf[*name];
+    const bool isLookedAt = std::all_of(groups.begin(), groups.end(),
+                                        [this](const std::string& group) { return _ungoverned.count(group) > 0; });
+    const auto step = steps.find(*name);
+    if (isLookedAt && step == steps.end()) {
+      name = _heldDocuments.erase(name);
+      continue;
     }
+    for (const std::string& group : isLookedAt ? step->second.losing : groups) released.erase(group);
+    ++name;
   }
+  for (const std::string& group : released) _guard.Release(group);
+}
+
+bool DeviceMirror::IsHeld(const DocumentName& name, const DocumentStep& step, Milliseconds now) {
   const bool isAccepted = step.losing.empty() || _acceptedDocuments.count(name) > 0;
   if (isAccepted || _guard.Allow(step.losing, std::max(_live.size(), step.losing.size()), now)) {
     for (const std::string& group : step.losing) _guard.Release(group);
