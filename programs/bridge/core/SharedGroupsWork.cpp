@@ -268,7 +268,11 @@ void SharedGroups::JudgeAll(Milliseconds now) {
       const auto remote = _remote.find(group);
       const bool isUsable = remote == _remote.end() || remote->second.isUsable;
       if (!isUsable || _rules.Find(group) == nullptr) continue;
-      if (IsLosing(PlanGroup(group, settings.HasGroup(group) ? settings[group] : Keys()))) losing.insert(group);
+      if (IsLosing(PlanGroup(group, settings.HasGroup(group) ? settings[group] : Keys()))) {
+        losing.insert(group);
+      } else {
+        _guard.Release(group);
+      }
     }
   }
   (void)MayLose(losing, now);
