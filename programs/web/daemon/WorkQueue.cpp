@@ -79,7 +79,11 @@ void WorkQueue::Run(size_t thread) {
     PrepareAll(thread, batch);
     std::vector<Done> done;
     done.reserve(batch.size());
-    for (const Item& item : batch) done.push_back({item.number, item.work(thread)});
+    for (const Item& item : batch) {
+      done.push_back({item.number, item.work(thread)});
+      // What takes of the memory of all answers makes room for the next ones.
+      if (!done.back().response.shares.empty() && Deliver(thread, done)) _wake();
+    }
     batch.clear();
     if (Deliver(thread, done)) _wake();
   }
@@ -97,11 +101,14 @@ void WorkQueue::PrepareAll(size_t thread, const std::vector<Item>& batch) const 
 // Whether any of it is wanted.
 bool WorkQueue::Deliver(size_t thread, std::vector<Done>& done) {
   const osa::PlainMutexLock lock(_mutex);
-  const std::set<Number> wanted = std::exchange(_running[thread], {});
+  bool isAnyWanted = false;
   for (Done& one : done) {
-    if (wanted.count(one.number) != 0) _done.push_back(std::move(one));
+    if (_running[thread].erase(one.number) == 0) continue;
+    _done.push_back(std::move(one));
+    isAnyWanted = true;
   }
-  return !wanted.empty();
+  done.clear();
+  return isAnyWanted;
 }
 
 bool WorkQueue::TakeNext(size_t thread, std::vector<Item>& batch) {

@@ -12,6 +12,7 @@ using settings::client::ProtocolClient;
 namespace {
 
 constexpr size_t kMaxBytes = size_t{8} * 1024 * 1024;
+constexpr size_t kNodeBytes = 64;  // of a key beside its texts
 
 }  // namespace
 
@@ -36,7 +37,7 @@ void GroupReads::Forget() {
 void GroupReads::ReadKeys(ProtocolClient& client, const std::set<std::string>& names) {
   size_t bytes = 0;
   client.GetEach(names, [&](const IniFile& part) {
-    for (const auto& [key, value] : part.begin()->second) bytes += key.size() + value.size();
+    for (const auto& [key, value] : part.begin()->second) bytes += kNodeBytes + key.size() + value.size();
     if (bytes > kMaxBytes) throw osa::Exception("Too much is read at once");
     _groups.MergeGroup(part.begin());
   });
