@@ -94,12 +94,14 @@ std::optional<std::uint64_t> DocumentBook::FindVersion(const DocumentName& name)
 bool DocumentBook::HasRoom(const DocumentName& name, size_t size) {
   _maxBytes += size;
   if (_known.size() + _coming.size() < _limits.maxGroups && _maxBytes <= _limits.maxPendingBytes) return true;
-  std::map<DocumentName, size_t> sizes = ListSizes();
-  sizes.erase(name);
+  const std::map<DocumentName, size_t> sizes = ListSizes();
   _maxBytes = 0;
   for (const auto& [other, otherSize] : sizes) _maxBytes += otherSize;
-  if (sizes.size() >= _limits.maxGroups || _maxBytes + size > _limits.maxPendingBytes) return false;
-  _maxBytes += size;
+  const auto own = sizes.find(name);  // an older version, which goes on holding when there is no room
+  const size_t others = sizes.size() - (own == sizes.end() ? 0 : 1);
+  const size_t bytesOfOthers = _maxBytes - (own == sizes.end() ? 0 : own->second);
+  if (others >= _limits.maxGroups || bytesOfOthers + size > _limits.maxPendingBytes) return false;
+  _maxBytes = bytesOfOthers + size;
   return true;
 }
 
