@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <exception>
 #include <set>
 #include <utility>
 #include <variant>
@@ -67,9 +68,10 @@ Service::Service(const EngineKind& kind, const Configuration& configuration, con
 
 // All that counts is on the disk, and nobody finds the bridge any more.
 void Service::EndEngine::operator()(Engine* engine) const {
-  const programs::Deadline deadline(kMaxEnd, [] {
+  const ExitCode code = std::uncaught_exceptions() > 0 ? kExitFailure : kExitDone;
+  const programs::Deadline deadline(kMaxEnd, [code] {
     core::Logger::GetLogger("Bridge")->Warning("The bridge ends without its link, which does not end in time");
-    _exit(kExitDone);
+    _exit(code);
   });
   const std::unique_ptr<Engine> ending(engine);
 }

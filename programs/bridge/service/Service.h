@@ -41,7 +41,8 @@ class Service {
   Service(const EngineKind& kind, const Configuration& configuration, const Options& options,
           const programs::ServiceManager& serviceManager, const programs::Signals& signals);
 
-  // Ends the process, with 0, when the engine does not end in time: a name server that is silent holds up its thread.
+  // Ends the process when the engine does not end in time: a name server that is silent holds up its thread. Then it is
+  // done, or has failed if an exception ends the service.
   ~Service() = default;
 
   Service(const Service&) = delete;
