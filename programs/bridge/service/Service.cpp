@@ -26,6 +26,7 @@ constexpr Milliseconds kMaxWait{60'000};
 constexpr Milliseconds kMaxEnd{4'000};  // of the engine
 constexpr Milliseconds kStateRetry{10'000};
 constexpr Milliseconds kMinFeed{10};
+constexpr Milliseconds kMaxUnread{200};
 constexpr int kReadsInAnInterval = 10;                 // of notices, in that of a group's messages
 constexpr int kFeedsInATime = 4;                       // one that comes late is no reason to be restarted
 constexpr size_t kMaxEvents = EventQueue::kMaxEvents;  // of one round
@@ -197,7 +198,7 @@ void Service::TakeNotices(Milliseconds now) {
     const std::set<std::string> changed = _store.TakeChanged();
     if (changed.empty()) return;
     _mirror->OnLocalChanged(changed);
-    _nextNotices = now + _configuration.limits.groupInterval / kReadsInAnInterval;
+    _nextNotices = now + std::min(kMaxUnread, _configuration.limits.groupInterval / kReadsInAnInterval);
   } catch (const LocalLost& lost) {
     OnDaemonLost(lost.what(), now);
   }
