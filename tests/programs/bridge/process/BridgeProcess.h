@@ -116,6 +116,12 @@ class BridgedDaemon {
 
   void Set(const std::string& text) { SetInTurn({text}); }
 
+  // The same of a change that is not saved: it waits for no disk.
+  void SetVolatile(const std::string& text) {
+    _client->Merge(DocumentOf(text), true);
+    _client->Flush();
+  }
+
   // A change of each, without waiting between them.
   void SetInTurn(const std::vector<std::string>& texts) {
     for (const std::string& text : texts) _client->Merge(DocumentOf(text));

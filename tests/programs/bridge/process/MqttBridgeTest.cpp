@@ -40,7 +40,7 @@ TEST_F(MqttBridge, IsWokenAFewTimesASecondByADeviceThatChangesAllTheTime) {
   bridge.AwaitInSync();
   const size_t before = CountWaits(bridge.process->GetId());
   const auto begin = std::chrono::steady_clock::now();
-  for (size_t i = 1; i <= kChanges; ++i) daemon.Set("[State/Level]\nvalue=" + std::to_string(i) + "\n");
+  for (size_t i = 1; i <= kChanges; ++i) daemon.SetVolatile("[State/Level]\nvalue=" + std::to_string(i) + "\n");
   const auto reads = (std::chrono::steady_clock::now() - begin) / kBetweenReads;
   EXPECT_LT(CountWaits(bridge.process->GetId()) - before, kRest + 4 * static_cast<size_t>(reads));
   AwaitMessage("reported/State/Level", "values", {{"value", std::to_string(kChanges)}});
