@@ -177,12 +177,17 @@ export function ChangeTable({ changes, caption, showsGroup = true }) {
 
 // seconds: how long a change is on trial; 0: it is not.
 export function TrialChoice({ seconds, onChange }) {
+  const [typed, setTyped] = useState(null); // what has not been left yet stays, whatever else is drawn anew
+  const take = (text) => {
+    setTyped(null);
+    onChange(Math.min(600, Math.max(10, Number(text) || 90)));
+  };
   return html`<fieldset class="choice">
     <legend>If the change cuts you off</legend>
     <label><input type="checkbox" checked=${seconds > 0} onChange=${(event) => onChange(event.target.checked ? 90 : 0)} />
       Take it back by itself</label>
-    ${seconds > 0 ? html`<label>after <input type="number" min="10" max="600" value=${seconds}
-      onChange=${(event) => onChange(Math.min(600, Math.max(10, Number(event.target.value) || 90)))} /> seconds,</label>
+    ${seconds > 0 ? html`<label>after <input type="number" min="10" max="600" value=${typed ?? seconds}
+      onInput=${(event) => setTyped(event.target.value)} onChange=${(event) => take(event.target.value)} /> seconds,</label>
       <span>unless this page gets through before</span>` : null}
   </fieldset>`;
 }

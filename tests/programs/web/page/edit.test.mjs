@@ -85,6 +85,21 @@ for (const [what, open, word] of [['one setting', 'Remove fps', 'Remove'], ['wha
   });
 }
 
+test('seconds that are typed stay while changes arrive', async () => {
+  await openGroup('24');
+  await button('Remove fps').click();
+  await page.getByLabel('Take it back by itself').check();
+  await page.getByLabel('after').fill('600');
+  await device.set(kGroup, { arrived: '1' });
+  await field('arrived').waitFor({ state: 'attached' });
+  assert.equal(await page.getByLabel('after').inputValue(), '600');
+  await page.getByLabel('after').fill('5');
+  await page.getByLabel('after').press('Tab');
+  assert.equal(await page.getByLabel('after').inputValue(), '10');
+  await page.keyboard.press('Escape');
+  await page.getByRole('dialog').waitFor({ state: 'detached' });
+});
+
 test('a setting that somebody changes meanwhile is not removed', async () => {
   await openGroup('25');
   await button('Remove fps').click();
