@@ -119,8 +119,10 @@ class SharedUserLayer : private ChangeBatch::IMember {
   // Waits until there is something to do for the thread "Snapshot".
   SnapshotWork AwaitSnapshotWork();
 
-  // Removes a journal that was given up and that nobody needs: a snapshot may need its room.
-  void RemoveUselessJournal(UserSettingsFiles& files);
+  // Removes a journal that was given up and still has the name of a new one, for a snapshot that needs its room. It is
+  // what a daemon that crashes before that snapshot stands would find: else Follow removes it, or the next journal gets
+  // its name. False when there is none.
+  bool RemoveUselessJournal(UserSettingsFiles& files);
 
   // Notes the groups that change from now on, and returns those noted since the last call. The second throws
   // std::bad_alloc when some could not be noted.

@@ -29,14 +29,15 @@ SnapshotWork SharedUserLayer::AwaitSnapshotWork() {
   return SnapshotWork::kStop;
 }
 
-void SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
+bool SharedUserLayer::RemoveUselessJournal(UserSettingsFiles& files) {
   const osa::PlainMutexLock names(_nameMutex);
   {
     const osa::PlainMutexLock lock(_mutex);
-    if (!_state.GetNames().TakeUselessName()) return;
+    if (!_state.GetNames().TakeUselessName()) return false;
     _failedJournal.reset();
   }
   files.RemoveNewJournal();
+  return true;
 }
 
 void SharedUserLayer::BeginToNote() {
@@ -158,6 +159,8 @@ void SharedUserLayer::Follow(const UserLayerState::Snapshot& snapshot, std::shar
   if (next) next->Begin();
   _journal = std::move(next);
   _failedJournal.reset();
+  // Under the lock: the next change may open a journal of that name.
+  if (!_journal && _state.GetNames().TakeUselessName()) RemoveQuietly(_setup.files, Journal::NewPathOf(_setup.path));
   _notes.FollowSnapshot();
   _history.Follow();
   if (_setup.trials) _setup.trials->Follow();

@@ -53,7 +53,6 @@ void SnapshotWriter::Run() {
 
 bool SnapshotWriter::Write() {
   try {
-    _layer.RemoveUselessJournal(_files);
     const Text text = MakeText();
     Replace(text);
     AppendHistory(text.revision);
@@ -93,8 +92,8 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   return text;
 }
 
-// The daemon's own files may have filled the disk. They give back what nobody needs, and then what somebody may need
-// one day.
+// The daemon's own files may have filled the disk. They give back what nobody needs, then what is there until the
+// snapshot is, and then what somebody may need one day.
 void SnapshotWriter::Replace(const Text& text) {
   bool hasGivenBack = false;
   while (true) {
@@ -103,7 +102,7 @@ void SnapshotWriter::Replace(const Text& text) {
     } catch (const NoRoom&) {
       if (!std::exchange(hasGivenBack, true)) {
         _layer.GiveRoomBack(text.bytes.size());
-      } else if (!MakeRoom()) {
+      } else if (!_layer.RemoveUselessJournal(_files) && !MakeRoom()) {
         throw;
       }
     }

@@ -51,6 +51,17 @@ inline void CarryOut(unsigned short port, const std::string& requests) {
   if (!client.ReadToEnd().empty()) throw std::runtime_error("There is a reply");
 }
 
+// What the daemon reports of itself, up to the empty line at the end.
+inline std::string AskForServerInfo(ProtocolClient& client) {
+  client.Send("info server\n");
+  return client.ReadUntil("\n\n");
+}
+
+// Whether nothing is still to be brought to the disk, by its own report.
+inline bool SaysThatAllIsSaved(ProtocolClient& client) {
+  return AskForServerInfo(client).find("\nsaved=true\n") != std::string::npos;
+}
+
 // What --check prints, without the line that depends on the machine.
 inline std::string WithoutBounds(std::string output) {
   const size_t line = output.find("bounds: ");

@@ -196,7 +196,6 @@ class RandomHistory {
   }
 
   void BeginSnapshot() {
-    _state.GetNames().TakeUselessName();
     if (Fails()) return FailSnapshot();
     _begin = _state.OnSnapshotBegun();
     _noted.clear();
@@ -224,6 +223,7 @@ class RandomHistory {
     _step = Step::kNone;
     _pending.swap(_noted);
     _noted.clear();
+    if (next == 0) _state.GetNames().TakeUselessName();
     Perform(_state.OnFollowed(GetSnapshot(), next, last, 1));
     Show(_begin.last);
   }

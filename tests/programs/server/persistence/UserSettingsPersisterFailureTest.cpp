@@ -193,9 +193,24 @@ TEST_F(Persister, JournalThatWasGivenUpOnItsWayLeavesItsRoom) {
   _files.FailAfter(0, false);
   store.Merge("[B]\ny=3\n");
   sync.GoOn();
-  EXPECT_TRUE(Eventually([&] { return Load(_files) == "[A]\nx=1\n[B]\ny=3\n"; }));
-  const auto names = _files.GetNames();
-  EXPECT_THAT(names, Not(Contains("user.ini.journal.new")));
+  EXPECT_TRUE(Eventually([&] { return !_files.Exists("user.ini.journal.new"); }));
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=3\n");
+}
+
+// A daemon that is killed meanwhile finds what is in it.
+TEST_F(Persister, JournalThatWasGivenUpOnItsWayStaysUntilTheSnapshotStands) {
+  PersistedStore store(_files, kAlways);
+  Stop sync(_files, Kind::kSync, "user.ini.journal.new");
+  Stop replaced(_files, Kind::kRename, "user.ini.new");
+  store.Merge("[B]\ny=2\n");
+  sync.Await();
+  _files.FailAfter(0, false);
+  sync.GoOn();
+  replaced.Await();
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=2\n");
+  replaced.GoOn();
+  EXPECT_TRUE(Eventually([&] { return !_files.Exists("user.ini.journal.new"); }));
+  EXPECT_EQ(Load(_files), "[A]\nx=1\n[B]\ny=2\n");
 }
 
 // Its name is that of the next one by then.

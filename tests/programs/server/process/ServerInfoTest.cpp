@@ -23,14 +23,9 @@ using testing::Pair;
 
 using Figures = core::IniFile::KeyMap;
 
-std::string AskForText(ProtocolClient& client) {
-  client.Send("info server\n");
-  return client.ReadUntil("\n\n");
-}
-
 Figures AskForFigures(ProtocolClient& client) {
   core::IniFile document;
-  document.LoadFromString("[]\n" + AskForText(client).substr(std::string("Server\n------\n").size()));
+  document.LoadFromString("[]\n" + AskForServerInfo(client).substr(std::string("Server\n------\n").size()));
   return document[""];
 }
 
@@ -55,7 +50,7 @@ TEST_F(ServerInfo, OfADaemonThatKeepsNothingHasTheseLines) {
   client.Send("subscribe\nA\nC*\n.\nmerge\n[A]\nx=2\n[Z]\nk=1\n.\n");
   EXPECT_EQ(client.ReadUntil("[A]\nx=2\ny=1\n.\n"), "async change\nA\n.\n[A]\nx=2\ny=1\n.\n");
   const std::string bytes = AskForFigures(client)["store-bytes"];
-  EXPECT_EQ(WithoutValueOf("started", AskForText(client)),
+  EXPECT_EQ(WithoutValueOf("started", AskForServerInfo(client)),
             "Server\n------\nclients=1\ncut.all_backlog=0\ncut.all_requests=0\ncut.backlog=0\ncut.error=0\n"
             "cut.hard_backlog=0\ncut.held_backlog=0\ncut.http=0\ncut.line=0\ncut.memory=0\ncut.request=0\n"
             "cut.request_time=0\ncut.tls=0\ngroups.defaults=2\ngroups.effective=4\ngroups.restricted=1\n"
