@@ -93,19 +93,21 @@ void MeasureBooking(Recorder& recorder, int competitors) {
                kMicroseconds, samples);
 }
 
-// Threads that share one multi-threaded client.
-void MeasureCallers(Recorder& recorder, int callers) {
+// Threads that share one multi-threaded client, or have one each.
+void MeasureCallers(Recorder& recorder, int callers, bool share) {
   const std::string file = WriteSettingsFile(recorder.GetSetup().directory, "callers.ini", kGroups);
   const Daemon daemon(recorder.GetSetup().server, {"--defaults", file});
   setenv("TAVIX_SETTINGS_SERVER", ("127.0.0.1:" + std::to_string(daemon.GetPort())).c_str(), 1);
-  Client client(Client::MultiThreaded);
-  core::IniFile warm;
-  client.GetSettings(GroupName(0), warm);
+  std::deque<Client> clients;
+  for (int i = 0; i < (share ? 1 : callers); ++i) {
+    core::IniFile warm;
+    clients.emplace_back(Client::MultiThreaded).GetSettings(GroupName(0), warm);
+  }
   const int calls = recorder.Choose(1000, 10000) / callers;
   const double microseconds = Timed([&] {
     std::vector<std::thread> threads;
     for (int i = 0; i < callers; ++i) {
-      threads.emplace_back([&client, calls, i] {
+      threads.emplace_back([&client = clients[share ? 0 : static_cast<size_t>(i)], calls, i] {
         for (int call = 0; call < calls; ++call) {
           core::IniFile out;
           client.GetSettings(GroupName(i), out);
@@ -114,8 +116,9 @@ void MeasureCallers(Recorder& recorder, int callers) {
     }
     for (std::thread& thread : threads) thread.join();
   });
-  recorder.Add({kCallers, kOurs, std::to_string(callers) + (callers == 1 ? " caller" : " callers")},
-               kOperationsPerSecond, calls * callers / microseconds * 1e6);
+  const std::string variant = std::to_string(callers) + (callers == 1 ? " caller" : " callers");
+  recorder.Add({kCallers, kOurs, variant + (share ? "" : ", a client each")}, kOperationsPerSecond,
+               calls * callers / microseconds * 1e6);
 }
 
 }  // namespace
@@ -127,7 +130,8 @@ void AddLayersBenches(Suite& suite) {
     for (int competitors : {1, 8}) MeasureBooking(recorder, competitors);
   });
   suite.Add({kCallers}, [](Recorder& recorder) {
-    for (int callers : {1, 8, 64}) MeasureCallers(recorder, callers);
+    for (int callers : {1, 8, 64}) MeasureCallers(recorder, callers, true);
+    MeasureCallers(recorder, 8, false);
   });
 }
 

@@ -5,6 +5,7 @@
 #include <locale>
 #include <string>
 
+#include "tavix/osa/InputWatch.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 
@@ -15,13 +16,14 @@ namespace {
 constexpr size_t kFlushedUnasked = 64 * 1024;  // what a writer that never flushes keeps to itself at most
 constexpr size_t kKeptBuffer = 4 * 1024;
 
-class ByteQueue {
+class ByteQueue final : public InputWatch {
  public:
   bool Append(const std::string& bytes) {
     PlainMutexLock lock(_mutex);
     if (_closed) return false;
     _bytes.append(bytes);
     _readable.notify_one();
+    if (!_isPaused) _awaited.notify_one();
     return true;
   }
 
@@ -38,13 +40,44 @@ class ByteQueue {
     PlainMutexLock lock(_mutex);
     _closed = true;
     _readable.notify_all();
+    _awaited.notify_all();
   }
 
   bool IsClosed() const { return _closed; }
 
+  bool Await() noexcept override {
+    PlainMutexLock lock(_mutex);
+    while (!_isWoken && !HasInput()) lock.Wait(_awaited);
+    _isWoken = false;
+    return HasInput();
+  }
+
+  void Pause() noexcept override {
+    PlainMutexLock lock(_mutex);
+    _isPaused = true;
+  }
+
+  void Resume() noexcept override {
+    PlainMutexLock lock(_mutex);
+    _isPaused = false;
+    if (HasInput()) _awaited.notify_one();
+  }
+
+  void Wake() noexcept override {
+    PlainMutexLock lock(_mutex);
+    _isWoken = true;
+    _awaited.notify_one();
+  }
+
  private:
+  // That the watch is to report.
+  bool HasInput() const TAVIX_REQUIRES(_mutex) { return _closed || (!_isPaused && !_bytes.empty()); }
+
   PlainMutex _mutex;
   std::condition_variable _readable;
+  std::condition_variable _awaited;
+  bool _isPaused TAVIX_GUARDED_BY(_mutex) = false;
+  bool _isWoken TAVIX_GUARDED_BY(_mutex) = false;
   std::string _bytes TAVIX_GUARDED_BY(_mutex);
   std::atomic<bool> _closed{false};  // written under _mutex
 };
@@ -127,6 +160,10 @@ std::istream* PipeStreamPair::GetIstream() {
 
 std::ostream* PipeStreamPair::GetOstream() {
   return &_state->ostream;
+}
+
+InputWatch& PipeStreamPair::GetWatch() {
+  return _state->queue;
 }
 
 void PipeStreamPair::ClosePipe() {

@@ -6,6 +6,8 @@
 
 namespace tavix::osa {
 
+class InputWatch;
+
 // A pipe inside one process: what is written to GetOstream() and flushed is read from GetIstream(). It costs no
 // descriptor and raises no signal. Writes never block (the pipe keeps what nobody has read yet); reads do.
 //
@@ -23,6 +25,9 @@ class PipeStreamPair {
   // The two ends; both live as long as the pair.
   std::istream* GetIstream();
   std::ostream* GetOstream();
+
+  // Watches the reading end; lives as long as the pair.
+  InputWatch& GetWatch();
 
   // The writing end fails from now on. What was flushed before can still be read; then the reader sees the end.
   // A second call does nothing.

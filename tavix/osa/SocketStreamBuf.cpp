@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tavix/osa/InputWatch.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/osa/Time.h"
 
@@ -77,6 +78,7 @@ bool SocketOutputBuf::SendAll(const char* bytes, size_t count) {
 // A send that waited by itself would return, when its time is over, what it got rid of before; the next one would wait
 // for the whole time again. False when the peer took nothing within the time limit.
 bool SocketOutputBuf::AwaitRoom() const {
+  if (InputWatch* const watch = _watch) watch->Resume();
   const unsigned int timeout = _timeout.load(std::memory_order_relaxed);
   const Deadline deadline(timeout == kWaitForever ? timeout : std::max(timeout, 1u));
   pollfd room{_socket.GetDescriptor(), POLLOUT, 0};

@@ -9,18 +9,22 @@
 
 namespace tavix::osa {
 
+class InputWatch;
 class TcpSocket;
 
 // Writes to a socket: collects until it is synchronised, then sends. The buffer grows with the message and is given
 // back when it has grown large.
 //
-// Threads: one at a time; SetTimeout any.
+// Threads: one at a time; SetTimeout and ResumeWhenFull any.
 class SocketOutputBuf : public std::streambuf {
  public:
   explicit SocketOutputBuf(TcpSocket& socket) : _socket(socket) {}
 
   // How long a write waits for room, in milliseconds; kWaitForever, as at first: for ever.
   void SetTimeout(unsigned int timeout) { _timeout.store(timeout, std::memory_order_relaxed); }
+
+  // Before a write waits for room, the watch is resumed: the peer may make room only once its output is read.
+  void ResumeWhenFull(InputWatch& watch) { _watch = &watch; }
 
  protected:
   int_type overflow(int_type character) override;
@@ -37,6 +41,7 @@ class SocketOutputBuf : public std::streambuf {
   std::vector<char> _buffer;
   bool _failed = false;
   std::atomic<unsigned int> _timeout{kWaitForever};
+  std::atomic<InputWatch*> _watch{nullptr};
 };
 
 // Reads from a socket; what is written to it goes on to the output side. The buffer grows while the peer fills it.

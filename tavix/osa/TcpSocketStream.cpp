@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <locale>
+#include <optional>
 
 #include "tavix/osa/SocketStreamBuf.h"
+#include "tavix/osa/SocketWatch.h"
 #include "tavix/osa/TcpSocket.h"
 #include "tavix/osa/Time.h"
 
@@ -35,6 +37,7 @@ struct TcpSocketStream::State {
   SocketOutputBuf output;
   SocketDuplexBuf duplex;
   std::ostream ostream;
+  std::optional<SocketWatch> watch;
 };
 
 TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int timeout) : TcpSocketStream(socket, timeout, timeout) {}
@@ -51,6 +54,18 @@ TcpSocketStream::TcpSocketStream(TcpSocket* socket, unsigned int readTimeout, un
 void TcpSocketStream::SetWriteTimeout(unsigned int timeout) noexcept {
   SetTimeout(_state->socket, SO_SNDTIMEO, timeout);
   _state->output.SetTimeout(timeout);
+}
+
+InputWatch* TcpSocketStream::WatchInput() {
+  std::optional<SocketWatch>& watch = _state->watch;
+  if (!watch) {
+    if (!watch.emplace(_state->socket.GetDescriptor()).IsInOrder()) {
+      watch.reset();
+      return nullptr;
+    }
+    _state->output.ResumeWhenFull(*watch);
+  }
+  return &*watch;
 }
 
 TcpSocketStream::~TcpSocketStream() = default;

@@ -5,6 +5,7 @@
 
 namespace tavix::osa {
 
+class InputWatch;
 class TcpSocket;
 
 // A connected socket as standard streams.
@@ -28,6 +29,10 @@ class TcpSocketStream : public std::iostream {
 
   // For writes from now on. Any thread may call.
   void SetWriteTimeout(unsigned int timeout) noexcept;
+
+  // Watches the input; a write that has to wait for the peer resumes the watch. It is made by the first call, on the
+  // thread that reads, and lives as long as the stream. Null when the system has no descriptors or no memory left.
+  InputWatch* WatchInput();
 
   // Writes nothing: what was not flushed is gone.
   ~TcpSocketStream() override;

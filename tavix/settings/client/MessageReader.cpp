@@ -29,6 +29,26 @@ void MessageReader::HandleMessage(const std::string& line) {
   }
 }
 
+bool MessageReader::ReadMessage() {
+  std::string line;
+  if (!std::getline(_in, line)) return false;
+  HandleMessage(line);
+  return true;
+}
+
+// The first byte tells a notice from a reply. An empty line ends the connection.
+bool MessageReader::ReadOutcome() {
+  while (!_targets.slot.IsPosted()) {
+    const auto first = _in.peek();
+    if (first == protocol::kAsync[0] || first == '\n' || !ReadMessage()) return false;
+  }
+  return true;
+}
+
+bool MessageReader::AwaitsInput() const {
+  return _in.good() && _in.rdbuf()->in_avail() <= 0;
+}
+
 bool MessageReader::SkipsRest(const std::string& line) {
   const bool skips = _skipsLine || _skipsUntilTerminator;
   _skipsLine = false;

@@ -19,7 +19,7 @@ namespace tavix::settings::client {
 // Reads what the server sends over one connection of a multi-threaded client: notices go to the dispatcher, replies to
 // the caller that awaits them.
 //
-// Threads: the worker alone, on which callbacks run.
+// Threads: whoever has the right to read (ReadRight). Callbacks run on the thread that calls HandleMessage, the worker.
 // Locks:   takes the right to write for a moment when a reply comes before its command is queued. None is held while
 //          callbacks run.
 // Errors:  what nobody awaits is logged and skipped. A message that is cut off by the end of the connection counts for
@@ -43,6 +43,16 @@ class MessageReader {
   // Handles the message that begins with this line, and reads the rest of it. Throws std::runtime_error when the line
   // is empty, and whatever callbacks throw.
   void HandleMessage(const std::string& line);
+
+  // Awaits the next message and handles it. False at the end of the input. Throws as HandleMessage.
+  [[nodiscard]] bool ReadMessage();
+
+  // A caller's, whose command is in the slot: reads replies until its outcome is posted. False when a notice, the end
+  // of the input or an empty line comes before that: nothing of it is read. Throws when memory runs out.
+  [[nodiscard]] bool ReadOutcome();
+
+  // Whether the next message has yet to come: no part of it was read together with what is before it, nor the end.
+  bool AwaitsInput() const;
 
  private:
   bool SkipsRest(const std::string& line);

@@ -59,6 +59,11 @@ void ReplySlot::Drop(std::unique_ptr<RemoteCommand> command) {
   if (_state == State::kTaken) _state = State::kNone;
 }
 
+bool ReplySlot::IsPosted() const {
+  osa::PlainMutexLock lock(_mutex);
+  return _outcome.has_value();
+}
+
 bool ReplySlot::IsQueued() const {
   osa::PlainMutexLock lock(_mutex);
   return _state == State::kQueued;

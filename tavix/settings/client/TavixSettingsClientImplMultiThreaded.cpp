@@ -12,7 +12,6 @@
 #include "tavix/osa/MutexAutoLock.h"
 #include "tavix/settings/client/Commands.h"
 #include "tavix/settings/client/KeptByServer.h"
-#include "tavix/settings/client/MessageReader.h"
 #include "tavix/settings/client/ProtocolConstants.h"
 #include "tavix/settings/client/TavixSettingsConnection.h"
 #include "tavix/settings/client/WireNames.h"
@@ -57,7 +56,7 @@ TavixSettingsClientImplMultiThreaded::TavixSettingsClientImplMultiThreaded(Tavix
       _commandMutex(nullptr),
       _stopping("TavixSettingsClientImpl::_stopping", 1, 0),
       _workerEnded("TavixSettingsClientImpl::_workerEnded", 1, 0),
-      _observerMutex("TavixSettingsClientImpl::_observerMutex") {
+      _observers(*_logger) {
   BindToProcess();
   _pConnection.reset(connection);
   try {
@@ -176,16 +175,6 @@ void TavixSettingsClientImplMultiThreaded::RestoreToDefaults(const std::set<std:
   RunCommand("RestoreToDefaults", std::move(command));
 }
 
-void TavixSettingsClientImplMultiThreaded::AddConnectionObserver(IConnectionObserver* observer) {
-  osa::MutexAutoLock lock(_observerMutex);
-  _observers.insert(observer);
-}
-
-void TavixSettingsClientImplMultiThreaded::RemoveConnectionObserver(IConnectionObserver* observer) {
-  osa::MutexAutoLock lock(_observerMutex);
-  _observers.erase(observer);
-}
-
 // A server in the process saves nothing.
 Keeping TavixSettingsClientImplMultiThreaded::AskForKeeping() const {
   return _pConnection->OutlivesClosing() ? Keeping::kNotKept : AskServerForKeeping();
@@ -244,18 +233,32 @@ bool TavixSettingsClientImplMultiThreaded::RunCommand(const char* name, std::uni
 // nothing was sent.
 bool TavixSettingsClientImplMultiThreaded::TryExchange(const char* name, std::unique_ptr<RemoteCommand> command,
                                                        unsigned int& generation, bool& result) const {
+  ReadTurn turn(_readRight);
   {
     SendRightLock right(_sendRight, _sendTimeout, _pConnection.get());
     if (generation != 0 && generation != _generation.load()) return false;
     generation = _generation.load();
+    turn.Ask();  // before the request is written: its reply shall wake no other thread
     Send(name, *command);
     _slot.Queue(std::move(command));  // before the right is given back, so that its reply finds it
   }
+  if (turn.Begin()) ReadReply(turn);
   const ResponseStatus status = _slot.Await();
   result = status.result;
   if (status.received) return true;
   _logger->Error("%s failed", name);
   throw osa::Exception("%s failed to communicate with tavix-settings-server", name);
+}
+
+// What is not a reply is the worker's: notices, the end of the connection, and what breaks it.
+void TavixSettingsClientImplMultiThreaded::ReadReply(ReadTurn& turn) const {
+  try {
+    if (_reader->ReadOutcome() && _reader->AwaitsInput()) turn.GiveBack();
+    turn.HandOver();
+  } catch (const std::exception& exception) {
+    turn.HandOver(true);
+    _logger->Error("Caught %s", exception.what());
+  }
 }
 
 void TavixSettingsClientImplMultiThreaded::Send(const char* name, RemoteCommand& command) const {
@@ -324,7 +327,7 @@ void TavixSettingsClientImplMultiThreaded::ServeConnection() {
   _logger->Information("Connected to tavix-settings-server, releasing semaphore");
   _sendRight.GiveToCallers();
   try {
-    CallObservers();
+    _observers.CallAll();  // before the first message is read: an observer knows of the connection before any notice
     ReadUntilBroken();
   } catch (const std::exception& exception) {
     _logger->Error("Caught %s", exception.what());
@@ -350,29 +353,19 @@ void TavixSettingsClientImplMultiThreaded::Resubscribe() {
   }
 }
 
-// What one throws does not keep the others from being called. Before the first message is read, so that an observer
-// knows of the connection before any notice that comes over it.
-void TavixSettingsClientImplMultiThreaded::CallObservers() {
-  osa::MutexAutoLock lock(_observerMutex);
-  for (IConnectionObserver* observer : _observers) {
-    try {
-      observer->OnConnected();
-    } catch (const std::exception& exception) {
-      _logger->Error("Caught %s", exception.what());
-    } catch (...) {
-      _logger->Error("Caught %s", "unknown");
-    }
-  }
-}
-
 // The output's state belongs to the writers. A write that fails breaks the connection, which is then seen here. Where a
 // "quit" was written the server ends the connection: to close it earlier would take writes back that are still on
 // their way.
 void TavixSettingsClientImplMultiThreaded::ReadUntilBroken() {
-  std::istream& in = *_pConnection->GetIstream();
-  MessageReader reader(in, {_slot, _sendRight, _commonDispatcher, *_logger});
-  std::string line;
-  while (!_endsUnasked && std::getline(in, line)) reader.HandleMessage(line);
+  _reader.emplace(*_pConnection->GetIstream(), MessageReader::Targets{_slot, _sendRight, _commonDispatcher, *_logger});
+  while (!_endsUnasked && OfferReading() && _reader->ReadMessage()) continue;
+}
+
+// Where the input can't be watched, the worker reads all by itself. False: the input can't be read on.
+bool TavixSettingsClientImplMultiThreaded::OfferReading() {
+  if (!_reader->AwaitsInput() || !_readRight.WasAskedFor()) return true;
+  osa::InputWatch* const watch = _pConnection->WatchInput();
+  return !watch || _readRight.AwaitInput(*watch);
 }
 
 // The order counts: the right is taken before the slot is failed, so that no caller can queue a command that nobody

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -11,6 +12,9 @@
 #include "tavix/osa/Semaphore.h"
 #include "tavix/osa/Thread.h"
 #include "tavix/osa/ThreadAnnotations.h"
+#include "tavix/settings/client/ConnectionObservers.h"
+#include "tavix/settings/client/MessageReader.h"
+#include "tavix/settings/client/ReadRight.h"
 #include "tavix/settings/client/ReplySlot.h"
 #include "tavix/settings/client/SendRight.h"
 #include "tavix/settings/client/TavixSettingsClientImpl.h"
@@ -20,9 +24,9 @@ namespace tavix::settings::client {
 class RemoteCommand;
 class TavixSettingsConnection;
 
-// A remote client whose worker thread owns the reading side of the connection: it connects and reconnects, subscribes
-// again after that, hands replies to the callers that wait for them, and calls back on changes. Callers write their
-// requests themselves.
+// A remote client whose worker thread connects and reconnects, subscribes again after that, reads notices, and calls
+// back on changes. Callers write their requests themselves, and mostly read their own replies, too; else the worker
+// hands these to them.
 //
 // The worker goes round a cycle, and nobody else moves it on:
 //
@@ -30,7 +34,8 @@ class TavixSettingsConnection;
 //                  reason why the last attempt failed. Attempts that fail are made again after a second. Once there is
 //                  a connection, the worker subscribes what was subscribed before, and gives the right to callers.
 //     connected    Callers write requests, one at a time. The worker reads messages until the connection is lost, a
-//                  message is broken, or a callback throws.
+//                  message is broken, or a callback throws. Between two messages it offers the right to read, if
+//                  callers ask for it; one that takes it reads its reply, or up to what is the worker's.
 //     cleaning     The worker breaks the connection, so that a caller that is blocked in a write gives the right back,
 //                  and takes the right. It fails the caller that awaits a reply, and connects again.
 //
@@ -38,14 +43,13 @@ class TavixSettingsConnection;
 // the server ends the connection after everything that was sent before; else the connection is broken.
 //
 // A request without a reply is done once it is written. One with a reply is handed over by the ReplySlot, whose header
-// says what can happen to it.
+// says what can happen to it; that of ReadRight says who reads.
 //
 // Threads: any number of callers, and the worker "TavixSettings". Callbacks run on the worker; a call from there that
 //          would wait for a reply, or subscribe, throws. One request that awaits a reply is under way at a time.
 // Locks:   "_commandMutex" before the right to write before the slot's mutex. The worker never takes the first, and
 //          holds none while callbacks run. A caller queues its command before it gives the right back, so that replies
-//          meet their commands. "_observerMutex" is held while observers are called; an observer that adds
-//          or removes one then gets an exception.
+//          meet their commands. The right to read is asked for with the right to write held, and kept beyond that.
 // Errors:  TavixSettingsClient.h lists them. A caller that is failed by an earlier loss leaves its own reply
 //          behind: the worker reads that reply into the command's own document and drops it. A reply whose keyword is
 //          the wrong one fails the caller it was for, and what follows of it is dropped.
@@ -66,8 +70,8 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   void Subscribe(IChangeCallback* cb, const std::set<std::string>& groups) override;
   void OverwriteSettings(const std::set<std::string>& groups, const core::IniFile& settings) override;
   void RestoreToDefaults(const std::set<std::string>& groups) override;
-  void AddConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
-  void RemoveConnectionObserver(IConnectionObserver* observer) override TAVIX_EXCLUDES(_observerMutex);
+  void AddConnectionObserver(IConnectionObserver* observer) override { _observers.Add(observer); }
+  void RemoveConnectionObserver(IConnectionObserver* observer) override { _observers.Remove(observer); }
   Keeping AskForKeeping() const override;
 
   // The worker.
@@ -86,6 +90,7 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
                    bool& result) const TAVIX_REQUIRES(_commandMutex) TAVIX_EXCLUDES(_sendRight);
   unsigned int AwaitConnection() const TAVIX_EXCLUDES(_sendRight);  // returns its number
   void Send(const char* name, RemoteCommand& command) const TAVIX_REQUIRES(_sendRight);
+  void ReadReply(ReadTurn& turn) const;
   void RequireReady(const char* name) const TAVIX_REQUIRES(_sendRight);
   void RefuseOnWorker(const char* name) const;
   unsigned int SendSubscription(const std::set<std::string>& groups) const TAVIX_EXCLUDES(_sendRight);
@@ -94,8 +99,8 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   void Connect();
   void ServeConnection();
   void Resubscribe();
-  void CallObservers() TAVIX_EXCLUDES(_observerMutex);
   void ReadUntilBroken();
+  bool OfferReading();
   void CleanUp();
   void PauseUnlessStopping(unsigned int milliseconds);
   void EndWorker();
@@ -108,14 +113,15 @@ class TavixSettingsClientImplMultiThreaded final : public TavixSettingsClientImp
   mutable SendRight _sendRight;
   const unsigned int _sendTimeout = 10000;  // milliseconds
   mutable ReplySlot _slot;
-  osa::Semaphore _stopping;     // free once the destructor runs
-  osa::Semaphore _workerEnded;  // free once the worker is done
+  mutable ReadRight _readRight;
+  mutable std::optional<MessageReader> _reader;  // of this connection; belongs to whoever has the right to read
+  osa::Semaphore _stopping;                      // free once the destructor runs
+  osa::Semaphore _workerEnded;                   // free once the worker is done
   std::atomic<std::thread::id> _workerId{};
   std::atomic<unsigned int> _generation{0};                           // counts connections
   unsigned int _askedGeneration TAVIX_GUARDED_BY(_commandMutex) = 0;  // whose server was asked for amendments; 0: none
   bool _canAmend TAVIX_GUARDED_BY(_commandMutex) = false;             // its answer
-  osa::Mutex _observerMutex;                                          // held while observers are called
-  std::set<IConnectionObserver*> _observers TAVIX_GUARDED_BY(_observerMutex);
+  ConnectionObservers _observers;
 };
 
 }  // namespace tavix::settings::client

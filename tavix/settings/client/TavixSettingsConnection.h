@@ -7,6 +7,9 @@
 namespace tavix::core {
 class Logger;
 }
+namespace tavix::osa {
+class InputWatch;
+}
 
 namespace tavix::settings::client {
 
@@ -38,6 +41,10 @@ class TavixSettingsConnection {
 
   // Shortens what a later write may wait for a peer that does not read, to milliseconds.
   virtual void LimitWrites(unsigned int timeout) noexcept = 0;
+
+  // Watches the input stream, for as long as that is there. Null where that can't be done: then somebody has to read to
+  // find out that there is something to read.
+  virtual osa::InputWatch* WatchInput() { return nullptr; }
 
   // Counts the connections that were made: another number is another connection, whose server may be another one.
   unsigned int GetNumber() const { return _number; }

@@ -35,6 +35,8 @@ class TavixSettingsLocalConnection : public TavixSettingsConnection, public osa:
   void BreakConnection() noexcept override;
   void AbortConnection() noexcept override { BreakConnection(); }
 
+  osa::InputWatch* WatchInput() override { return &_responses.GetWatch(); }
+
   // Writes to a pipe never wait.
   void LimitWrites(unsigned int) noexcept override {}
 

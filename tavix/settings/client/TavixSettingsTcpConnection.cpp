@@ -163,4 +163,9 @@ void TavixSettingsTcpConnection::LimitWrites(unsigned int timeout) noexcept {
   if (_stream) _stream->SetWriteTimeout(timeout);
 }
 
+osa::InputWatch* TavixSettingsTcpConnection::WatchInput() {
+  osa::PlainMutexLock lock(_mutex);
+  return _stream ? _stream->WatchInput() : nullptr;
+}
+
 }  // namespace tavix::settings::client

@@ -41,6 +41,7 @@ class TavixSettingsTcpConnection : public TavixSettingsConnection {
   void BreakConnection() noexcept override TAVIX_EXCLUDES(_mutex);
   void AbortConnection() noexcept override TAVIX_EXCLUDES(_mutex);
   void LimitWrites(unsigned int timeout) noexcept override TAVIX_EXCLUDES(_mutex);
+  osa::InputWatch* WatchInput() override TAVIX_EXCLUDES(_mutex);
   std::string DescribeFailure() const override TAVIX_EXCLUDES(_mutex);
 
  private:
