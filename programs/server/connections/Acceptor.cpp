@@ -149,7 +149,7 @@ bool Acceptor::GiveToLoop(Arrival arrival, EventLoop* caller) {
     return false;
   }
   _counters.accepted.Add();
-  EventLoop& receiver = FindLeastBusy(caller);
+  EventLoop& receiver = ChooseLoop(caller);
   if (&receiver == caller) {
     caller->TakeAccepted(std::move(arrival.descriptor), arrival.peer);
     return false;
@@ -175,17 +175,15 @@ bool Acceptor::MayEnter(const Arrival& arrival) const noexcept {
   return false;
 }
 
-// The caller's own loop is not stuck. Of equal ones it is the caller's.
-EventLoop& Acceptor::FindLeastBusy(EventLoop* caller) const {
-  const auto getBurden = [caller](const EventLoop& loop) {
+// The caller's own loop is not stuck.
+EventLoop& Acceptor::ChooseLoop(EventLoop* caller) {
+  const auto callers = std::find(_loops.begin(), _loops.end(), caller);
+  const size_t preferred = callers == _loops.end() ? 0 : static_cast<size_t>(callers - _loops.begin());
+  return *_loops[_choice.Choose(_loops.size(), preferred, [&](size_t index) {
+    const EventLoop& loop = *_loops[index];
     const LoopLoad& load = loop.GetPoll().GetLoad();
     return LoopBurden{&loop != caller && load.IsStuck(), load.GetPermille(), loop.CountConnections()};
-  };
-  EventLoop* least = caller ? caller : _loops.front();
-  for (EventLoop* loop : _loops) {
-    if (getBurden(*loop).IsLessThan(getBurden(*least))) least = loop;
-  }
-  return *least;
+  })];
 }
 
 bool Acceptor::DoLoopsAccept() {

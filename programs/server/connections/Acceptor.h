@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "programs/server/connections/Listener.h"
+#include "programs/server/connections/LoopChoice.h"
 #include "programs/server/connections/LoopPoll.h"
 #include "programs/server/connections/Places.h"
 #include "programs/server/metrics/Counters.h"
@@ -27,7 +28,7 @@ class EventLoop;
 //
 //     the loops   as long as all goes well. Each loop watches all listeners, and the kernel wakes one that waits: a
 //                 loop that is busy keeps nobody waiting to be accepted. The connection goes to the
-//                 least busy loop, as LoopBurden tells. Another one that has accepted it passes it on, and watches the
+//                 loop that LoopChoice names. Another one that has accepted it passes it on, and watches the
 //                 listeners anew, so that the others are woken before it from then on.
 //     main        from the connection on that a loop can't take, for want of a place or a descriptor, until
 //                 connections can be taken again. It waits and refuses, as Entry says, for which loops have no time.
@@ -115,7 +116,7 @@ class Acceptor {
   Outcome AcceptOne(const Listener& listener, Arrival& arrival);
   bool GiveToLoop(Arrival arrival, EventLoop* caller);
   bool MayEnter(const Arrival& arrival) const noexcept;
-  EventLoop& FindLeastBusy(EventLoop* caller) const;
+  EventLoop& ChooseLoop(EventLoop* caller);
   bool DoLoopsAccept() TAVIX_EXCLUDES(_mutex);
   void LetLoopsAccept() TAVIX_EXCLUDES(_mutex);
   void LeaveToMain() TAVIX_REQUIRES(_mutex);
@@ -137,10 +138,11 @@ class Acceptor {
   const osa::Descriptor _callOfMain;  // an eventfd: main is to accept
   std::deque<Door> _doors;            // the same from the construction on
   std::vector<EventLoop*> _loops;     // set before any of them watches
-  osa::Descriptor _spare;             // main's, as what follows: given up for a moment when descriptors run out, so
-                                      // that the queue can be emptied
-  bool _mustPause = false;            // a connection is waiting that can be neither taken nor refused
-  bool _pauses = false;               // until the next Watch
+  LoopChoice _choice;
+  osa::Descriptor _spare;   // main's, as what follows: given up for a moment when descriptors run out, so
+                            // that the queue can be emptied
+  bool _mustPause = false;  // a connection is waiting that can be neither taken nor refused
+  bool _pauses = false;     // until the next Watch
   Entry _entry = Entry::kOpen;
   Clock::time_point _waitsSince{};  // for a place
   osa::PlainMutex _mutex;

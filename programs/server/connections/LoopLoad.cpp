@@ -7,6 +7,8 @@ namespace tavix::daemon {
 
 namespace {
 
+constexpr int kQuarter = LoopLoad::kFull / 4;
+
 // The cheapest clock there is; its steps are those of the kernel's timer.
 uint32_t ReadMilliseconds() {
   timespec now{};
@@ -50,10 +52,14 @@ bool LoopLoad::IsStuck() const noexcept {
 }
 
 bool LoopBurden::IsLessThan(const LoopBurden& other) const {
-  constexpr int kQuarter = LoopLoad::kFull / 4;
   if (isStuck != other.isStuck) return other.isStuck;
   if (permille / kQuarter != other.permille / kQuarter) return permille < other.permille;
   return connections < other.connections;
+}
+
+bool LoopBurden::MayHaveAnother(const LoopBurden& least) const {
+  if (isStuck || permille / kQuarter > least.permille / kQuarter) return false;
+  return connections > least.connections && connections - least.connections < kMaxMoreConnections;
 }
 
 }  // namespace tavix::daemon

@@ -43,12 +43,18 @@ class LoopLoad {
 
 // What tells which loop is to have a new connection. A plain value.
 struct LoopBurden {
+  static constexpr size_t kMaxMoreConnections = 128;
+
   bool isStuck;
   int permille;
   size_t connections;
 
   // Loops whose loads are in the same quarter are alike, and differ by the connections that they have.
   bool IsLessThan(const LoopBurden& other) const;
+
+  // Whether the loop may have another connection of those that it has, though "least" is the least burden. False, too,
+  // when it has none that the other lacks: the last one has ended.
+  bool MayHaveAnother(const LoopBurden& least) const;
 };
 
 }  // namespace tavix::daemon

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "programs/server/connections/LoopLoad.h"
+
+namespace tavix::daemon {
+
+// Chooses the loop of each new connection. It is the least busy one, as LoopBurden tells, with one exception:
+// connections that come in a burst are probably of one process. They follow the first one to its loop, which then
+// reads what the process sends in fewer rounds, and processes are spread over the loops.
+//
+// Threads: any. Of choices that are made at the same time, one may not know of the other.
+class LoopChoice {
+ public:
+  static constexpr uint32_t kMaxGap = 500;  // microseconds between two connections of a burst
+
+  using Clock = uint32_t (*)();  // microseconds since any time; may start again from 0
+
+  LoopChoice();
+  explicit LoopChoice(Clock clock) : _readMicroseconds(clock) {}
+
+  // Notes that a connection has come, and returns the index of its loop. count: of the loops. callers: gets it among
+  // equal ones. getBurden: by a loop's index.
+  template <class GetBurden>
+  size_t Choose(size_t count, size_t callers, const GetBurden& getBurden) noexcept {
+    size_t loop = callers;
+    for (size_t i = 0; i < count; ++i) {
+      if (getBurden(i).IsLessThan(getBurden(loop))) loop = i;
+    }
+    const size_t last = _lastLoop.load(std::memory_order_relaxed);
+    if (IsInBurst() && last < count && getBurden(last).MayHaveAnother(getBurden(loop))) loop = last;
+    _lastLoop.store(loop, std::memory_order_relaxed);
+    return loop;
+  }
+
+ private:
+  bool IsInBurst() noexcept;
+
+  const Clock _readMicroseconds;
+  std::atomic<uint32_t> _lastArrival{0};
+  std::atomic<size_t> _lastLoop{SIZE_MAX};
+};
+
+}  // namespace tavix::daemon
