@@ -14,6 +14,7 @@ void AddRoundTripBenches(Suite& suite);
 void AddThroughputBenches(Suite& suite);
 void AddLoopsBenches(Suite& suite);
 void AddDurableBenches(Suite& suite);
+void AddUnderMergeBenches(Suite& suite);
 void AddLoadBenches(Suite& suite);
 void AddNotifyBenches(Suite& suite);
 void AddCInterfaceBenches(Suite& suite);

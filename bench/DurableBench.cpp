@@ -1,14 +1,8 @@
 // Changes that are on the disk before their reply is sent, and what they cost others.
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -18,6 +12,7 @@
 #include "bench/Benches.h"
 #include "bench/ClosedLoop.h"
 #include "bench/Daemon.h"
+#include "bench/DurableDaemon.h"
 #include "bench/Exchange.h"
 #include "bench/Placement.h"
 #include "bench/SampleSettings.h"
@@ -34,7 +29,6 @@ constexpr char kMerge[] = "merge-durable";
 constexpr char kMergeWithHistory[] = "merge-durable-history";
 constexpr char kRollback[] = "rollback-1000";
 constexpr char kTestAndMerge[] = "tam-durable";
-constexpr char kGetUnderMerge[] = "get-under-merge";
 constexpr char kStalled[] = "merge-stalled-subscriber";
 constexpr char kBeside[] = "raw";
 constexpr char kAlone[] = "without it";
@@ -46,13 +40,6 @@ constexpr char kMergeOfSame[] = "merge of the same";
 constexpr int kManyKeys = 1000;
 constexpr double kMaxOverFloor = 1.2;
 constexpr double kMaxWithHistory = 1.05;
-constexpr double kMaxUnderMerge = 2;
-
-// A user layer of some size.
-struct Layer {
-  const char* name;
-  size_t bytes;
-};
 
 const Layer kLayers[] = {{"4 KiB", 4 << 10}, {"300 KiB", 300 << 10}, {"26 MB", 26000000}};
 const Layer& kMiddleLayer = kLayers[1];
@@ -60,51 +47,6 @@ const Layer& kMiddleLayer = kLayers[1];
 std::string OursVariant(const Layer& layer) {
   return std::string("journal, ") + layer.name;
 }
-
-// The least that makes a record durable.
-class AppendedFile {
- public:
-  explicit AppendedFile(const std::string& directory)
-      : _file(Checked(open((directory + "/floor.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600),
-                      "create a file")) {}
-
-  void Append() {
-    WriteAll(_file, _record);
-    if (fdatasync(_file.Get()) != 0) throw osa::Exception("Failed to sync a file: %s", std::strerror(errno));
-  }
-
- private:
-  const osa::Descriptor _file;
-  const std::string _record = std::string(128, 'r');
-};
-
-// A daemon with a user layer.
-class DurableDaemon {
- public:
-  // historyBytes: 0 for none.
-  DurableDaemon(const Recorder& recorder, const Layer& layer, const char* durability = "always",
-                const Environment& environment = {}, const char* historyBytes = "0")
-      : _path(WriteSettingsFile(MakeDirectory(recorder), "user.ini", GroupsInBytes(layer.bytes, kKeysOfGroup))),
-        _daemon(recorder.GetSetup().server,
-                {"--user-settings", _path, "--durability", durability, "--history", historyBytes}, kAnyCore,
-                environment) {
-    // The first change of a file that the daemon did not write makes a snapshot of its own.
-    TimedExchange(_daemon.Connect(), ChangeExchange("merge", kGroup, 0));
-  }
-
-  osa::Descriptor Connect() const { return _daemon.Connect(); }
-
- private:
-  // What a daemon that was killed left beside its file is in nobody's way.
-  static std::string MakeDirectory(const Recorder& recorder) {
-    std::string path = recorder.GetSetup().directory + "/durable-XXXXXX";
-    if (!mkdtemp(path.data())) throw osa::Exception("Failed to make '%s': %s", path.c_str(), std::strerror(errno));
-    return path;
-  }
-
-  const std::string _path;
-  const Daemon _daemon;
-};
 
 void Measure(Recorder& recorder, const std::string& item, const Layer& layer,
              const std::function<Exchange(int version)>& makeExchange) {
@@ -264,46 +206,6 @@ void MeasureOnSlowDisk(Recorder& recorder, const SlowDisk& disk) {
   recorder.Add(SlowName(kFloor, disk, "all in each sync"), kOperationsPerSecond, disk.connections * 1e6 / sync);
 }
 
-// Changes a group all the time, one change after the other.
-class BusyWriter {
- public:
-  explicit BusyWriter(const DurableDaemon& daemon)
-      : _thread([this, connection = daemon.Connect()] {
-          for (int version = 0; !_stop; ++version) TimedExchange(connection, ChangeExchange("merge", kGroup, version));
-        }) {}
-
-  ~BusyWriter() {
-    _stop = true;
-    _thread.join();
-  }
-
- private:
-  std::atomic<bool> _stop{false};
-  std::thread _thread;
-};
-
-Samples TimeGets(const osa::Descriptor& connection, double seconds) {
-  Samples samples;
-  const Exchange get = GetExchange(kGroup + 1);
-  for (const double end = NowInMicroseconds() + seconds * 1e6; NowInMicroseconds() < end;)
-    samples.Add(TimedExchange(connection, get));
-  return samples;
-}
-
-void MeasureGetUnderMerge(Recorder& recorder) {
-  const DurableDaemon daemon(recorder, kMiddleLayer);
-  const osa::Descriptor connection = daemon.Connect();
-  const double seconds = recorder.Choose(0.1, 0.5);
-  TimeGets(connection, seconds / 4);
-  const Samples alone = TimeGets(connection, seconds);
-  const BusyWriter writer(daemon);
-  const Samples beside = TimeGets(connection, seconds);
-  recorder.Add({kGetUnderMerge, kOurs, "beside a writer"}, kMicroseconds, beside);
-  recorder.Add({kGetUnderMerge, kOurs, "alone"}, kMicroseconds, alone);
-  recorder.Add({kGetUnderMerge, kOurs, "p99 beside a writer"}, kMicroseconds, beside.GetQuantile(0.99));
-  recorder.Add({kGetUnderMerge, kOurs, "p99 alone"}, kMicroseconds, alone.GetQuantile(0.99));
-}
-
 // A subscriber that reads nothing, with 8 MB of notices on their way to it.
 osa::Descriptor MakeStalledSubscriber(const Daemon& daemon) {
   constexpr size_t kUnread = 8000000;
@@ -367,9 +269,6 @@ void AddDurableBenches(Suite& suite) {
     suite.Add({ThroughputItem(disk.connections)}, [=](Recorder& recorder) { MeasureOnSlowDisk(recorder, disk); });
     suite.Compare(SlowName(kOurs, disk, "two changes"), SlowName(kFloor, disk, "all in each sync"));
   }
-  suite.Add({kGetUnderMerge}, MeasureGetUnderMerge);
-  suite.Compare({kGetUnderMerge, kOurs, "beside a writer"}, {kGetUnderMerge, kOurs, "alone"});
-  suite.Compare({kGetUnderMerge, kOurs, "p99 beside a writer"}, {kGetUnderMerge, kOurs, "p99 alone"}, kMaxUnderMerge);
   for (const Placement& placement : Placements()) {
     suite.Add({kStalled}, [=](Recorder& recorder) { MeasureStalled(recorder, placement); });
     suite.Compare(StalledName(kBeside, placement), StalledName(kAlone, placement));

@@ -122,6 +122,7 @@ int Run(const Options& options) {
   AddThroughputBenches(suite);
   AddLoopsBenches(suite);
   AddDurableBenches(suite);
+  AddUnderMergeBenches(suite);
   AddLoadBenches(suite);
   AddNotifyBenches(suite);
   AddCInterfaceBenches(suite);
