@@ -125,6 +125,7 @@ set(internal_headers
     tavix/settings/server/RequestFramer.h
     tavix/settings/server/RequestInput.h
     tavix/settings/server/RequestLists.h
+    tavix/settings/server/SharedPlaces.h
     tavix/settings/server/StoreAccount.h
     tavix/settings/server/StoreChange.h
     tavix/settings/server/StoreDocuments.h
@@ -133,6 +134,7 @@ set(internal_headers
     tavix/settings/server/StreamOutput.h
     tavix/settings/server/TextInParts.h
     tavix/settings/server/UnrestrictedPart.h
+    tavix/settings/server/UserLayer.h
     tavix/settings/server/Words.h)
 set(lower_headers
     tavix/c/tavix-settings-c.h

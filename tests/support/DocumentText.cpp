@@ -2,6 +2,7 @@
 
 #include <sstream>
 
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::test {
@@ -16,6 +17,10 @@ std::string TextOf(const core::IniFile& document) {
   std::ostringstream text;
   document.SaveToStream(text);
   return text.str();
+}
+
+std::string TextOf(const settings::server::LayerView& layer) {
+  return TextOf(layer.Copy());
 }
 
 std::string AllSettingsOf(const settings::server::SettingsManager& store) {

@@ -5,8 +5,9 @@
 #include "tavix/core/IniFile.h"
 
 namespace tavix::settings::server {
+class LayerView;
 class SettingsManager;
-}
+}  // namespace tavix::settings::server
 
 namespace tavix::test {
 
@@ -14,6 +15,7 @@ namespace tavix::test {
 
 core::IniFile DocumentOf(const std::string& text);
 std::string TextOf(const core::IniFile& document);
+std::string TextOf(const settings::server::LayerView& layer);
 
 // What readers of a store see, and its user layer.
 std::string AllSettingsOf(const settings::server::SettingsManager& store);

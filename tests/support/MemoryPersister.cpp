@@ -34,6 +34,12 @@ void MemoryPersister::SaveUserSettings(const core::IniFile& userSettings) {
   ++_saves;
 }
 
+settings::server::ChangeTicket MemoryPersister::SaveChange(const SavedChange& change) {
+  if (_needsWhole) return ISettingsPersister::SaveChange(change);
+  const core::IniFile whole = change.userSettings.Copy();
+  return ISettingsPersister::SaveChange({whole, change.changedGroups, change.added, change.origin, change.before});
+}
+
 void MemoryPersister::SetDefaults(std::vector<std::string> defaults) {
   std::lock_guard<std::mutex> lock(_mutex);
   _defaults = std::move(defaults);

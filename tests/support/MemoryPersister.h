@@ -21,6 +21,11 @@ class MemoryPersister : public settings::server::ISettingsPersister {
   void LoadDefaultSettings(settings::server::SettingsCombiner& combiner) override;
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override;
   void SaveUserSettings(const core::IniFile& userSettings) override;
+  settings::server::ChangeTicket SaveChange(const SavedChange& change) override;
+  bool NeedsWholeUserSettings() const override { return _needsWhole; }
+
+  // Before a store is made over it: its user settings need not be one document.
+  void SetNeedsWhole(bool needsWhole) { _needsWhole = needsWhole; }
 
   void SetDefaults(std::vector<std::string> defaults);
 
@@ -39,6 +44,7 @@ class MemoryPersister : public settings::server::ISettingsPersister {
   std::string _user;
   int _saves = 0;
   bool _failsNextSave = false;
+  bool _needsWhole = true;  // not guarded: it is set first
 };
 
 // Brings the settings of one text.

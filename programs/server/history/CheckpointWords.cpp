@@ -6,6 +6,7 @@
 
 #include "programs/server/history/RequestWords.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -80,8 +81,8 @@ bool CheckpointWords::TryToSpell(core::StringOstream& text) const {
 void CheckpointWords::SpellCopy(core::StringOstream& text) const {
   core::IniFile settings;
   uint64_t revision = 0;
-  _store.ReadUserSettings([&](const core::IniFile& user) {
-    settings = user;
+  _store.ReadUserSettings([&](const settings::server::LayerView& user) {
+    settings = user.Copy();
     revision = _history.GetRange().last;
   });
   text.Reset(text.GetText().size());

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "programs/server/history/RollbackPlan.h"
-#include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -29,7 +29,7 @@ class EarlierSettings {
   [[nodiscard]] virtual bool BeginLocked() = 0;
 
   // Adds what differs. userSettings: those of now. False: nothing is left to compare.
-  virtual bool ComparePart(const core::IniFile& userSettings, RollbackPlan& plan) = 0;
+  virtual bool ComparePart(const settings::server::LayerView& userSettings, RollbackPlan& plan) = 0;
 };
 
 }  // namespace tavix::daemon

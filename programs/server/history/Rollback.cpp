@@ -13,6 +13,7 @@ namespace tavix::daemon {
 using core::IniFile;
 using settings::server::ChangeOrigin;
 using settings::server::ChangeTicket;
+using settings::server::LayerView;
 using settings::server::StoreAmendment;
 
 namespace {
@@ -31,7 +32,7 @@ HistoryEntry Rollback::Make(const ChangeOrigin& origin, ChangeTicket& ticket) {
     PlanInParts();
     const StoreAmendment early = _plan.MakeAmendment();
     StoreAmendment late;
-    const auto choose = [&](const IniFile& userSettings) -> const StoreAmendment* {
+    const auto choose = [&](const LayerView& userSettings) -> const StoreAmendment* {
       if (!IsOutdated()) return &early;
       if (!TryToPlanLocked(round, userSettings)) return nullptr;
       late = _plan.MakeAmendment();
@@ -47,7 +48,7 @@ HistoryEntry Rollback::Test(const ChangeOrigin& origin) {
     PlanInParts();
     bool isPlanned = false;
     _store.ReadUserSettings(
-        [&](const IniFile& userSettings) { isPlanned = !IsOutdated() || TryToPlanLocked(round, userSettings); });
+        [&](const LayerView& userSettings) { isPlanned = !IsOutdated() || TryToPlanLocked(round, userSettings); });
     if (isPlanned) return MakeEntry(origin);
   }
   ThrowTooBusy();
@@ -58,7 +59,8 @@ void Rollback::PlanInParts() {
   _planned = _earlier.Begin();
   bool hasMore = true;
   while (hasMore) {
-    _store.ReadUserSettings([&](const IniFile& userSettings) { hasMore = _earlier.ComparePart(userSettings, _plan); });
+    _store.ReadUserSettings(
+        [&](const LayerView& userSettings) { hasMore = _earlier.ComparePart(userSettings, _plan); });
   }
 }
 
@@ -69,7 +71,7 @@ bool Rollback::IsOutdated() {
   return last != _planned;
 }
 
-bool Rollback::TryToPlanLocked(int round, const IniFile& userSettings) {
+bool Rollback::TryToPlanLocked(int round, const LayerView& userSettings) {
   if (round < kRoundsInParts || !_earlier.BeginLocked()) return false;
   _plan.Clear();
   while (_earlier.ComparePart(userSettings, _plan)) continue;

@@ -36,7 +36,7 @@ class Rollback {
  private:
   void PlanInParts();
   bool IsOutdated();
-  bool TryToPlanLocked(int round, const core::IniFile& userSettings);
+  bool TryToPlanLocked(int round, const settings::server::LayerView& userSettings);
   HistoryEntry MakeEntry(const settings::server::ChangeOrigin& origin) const;
 
   settings::server::SettingsManager& _store;

@@ -6,6 +6,7 @@
 namespace tavix::daemon {
 
 using core::IniFile;
+using settings::server::LayerView;
 using KeyMap = IniFile::KeyMap;
 
 namespace {
@@ -42,21 +43,23 @@ bool SettingsOfCheckpoint::BeginLocked() {
 }
 
 // Goes through the groups of both in the order of their names.
-bool SettingsOfCheckpoint::ComparePart(const IniFile& userSettings, RollbackPlan& plan) {
+bool SettingsOfCheckpoint::ComparePart(const LayerView& userSettings, RollbackPlan& plan) {
   const auto findNext = [this](const IniFile& document) {
     return _last ? document.GetGroups().upper_bound(*_last) : document.GetGroups().begin();
   };
-  auto now = findNext(userSettings);
+  auto now = findNext(userSettings.GetDocument());
   auto then = findNext(_settings);
-  const auto nowEnd = userSettings.GetGroups().end();
+  const auto nowEnd = userSettings.GetEnd();
   const auto thenEnd = _settings.GetGroups().end();
   for (size_t compared = 0; compared < kMaxAtOnce; ++compared) {
     if (now == nowEnd && then == thenEnd) return false;
     const bool isNow = then == thenEnd || (now != nowEnd && now->first <= then->first);
     const bool isThen = now == nowEnd || (then != thenEnd && then->first <= now->first);
     _last = isNow ? now->first : then->first;
-    compared += std::max(isNow ? now->second.size() : 0, isThen ? then->second.size() : 0);
-    CompareGroup(*_last, isNow ? &now->second : nullptr, isThen ? &then->second : nullptr, plan);
+    const KeyMap* const ours = isNow ? &userSettings.Resolve(now)->second : nullptr;
+    const KeyMap* const theirs = isThen ? &then->second : nullptr;
+    compared += std::max(ours ? ours->size() : 0, theirs ? theirs->size() : 0);
+    CompareGroup(*_last, ours, theirs, plan);
     if (isNow) ++now;
     if (isThen) ++then;
   }

@@ -22,7 +22,7 @@ class SettingsOfCheckpoint : public EarlierSettings {
 
   uint64_t Begin() override;
   bool BeginLocked() override;
-  bool ComparePart(const core::IniFile& userSettings, RollbackPlan& plan) override;
+  bool ComparePart(const settings::server::LayerView& userSettings, RollbackPlan& plan) override;
 
  private:
   const KeptHistory& _history;

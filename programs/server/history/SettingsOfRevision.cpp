@@ -101,7 +101,7 @@ void SettingsOfRevision::AddDocument(const IniFile& document, bool wasThere, Old
   }
 }
 
-bool SettingsOfRevision::ComparePart(const IniFile& userSettings, RollbackPlan& plan) {
+bool SettingsOfRevision::ComparePart(const settings::server::LayerView& userSettings, RollbackPlan& plan) {
   for (size_t compared = 0; compared < kMaxAtOnce; ++compared) {
     if (_next == _settings.end()) return false;
     const auto& [name, then] = *_next;

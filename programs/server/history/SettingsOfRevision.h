@@ -26,7 +26,7 @@ class SettingsOfRevision : public EarlierSettings {
 
   uint64_t Begin() override;
   bool BeginLocked() override;
-  bool ComparePart(const core::IniFile& userSettings, RollbackPlan& plan) override;
+  bool ComparePart(const settings::server::LayerView& userSettings, RollbackPlan& plan) override;
 
  private:
   enum class Place { kAnywhere, kMemory };

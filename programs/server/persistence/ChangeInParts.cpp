@@ -29,17 +29,16 @@ void ChangeInParts::Add(ChangedGroups::Changes changes) {
   _added.MergeSettings(std::move(changes.added));
 }
 
-bool ChangeInParts::MakePart(const IniFile& layer) {
-  const auto& groups = layer.GetGroups();
+bool ChangeInParts::MakePart(const settings::server::LayerView& layer) {
   core::StringOstream out;
   for (size_t made = 0; !_missing.empty() && made < _bytesOfAPart; made += kBytesOfVisit + out.GetText().size()) {
     const auto name = _missing.begin();
-    const auto group = groups.find(*name);
+    const auto group = layer.Find(*name);
     out.Reset(_bytesOfAPart);
-    if (group != groups.end()) IniFile::SaveGroupToStream(out, group);
+    if (group != layer.GetEnd()) IniFile::SaveGroupToStream(out, group);
     Text& known = _texts[*name];
     _bytes = _bytes - known.text.size() + out.GetText().size();
-    known.isGone = group == groups.end();
+    known.isGone = group == layer.GetEnd();
     known.text = out.GetText();
     _missing.erase(name);
   }

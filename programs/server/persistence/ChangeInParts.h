@@ -12,6 +12,7 @@
 #include "programs/server/persistence/ChangedGroups.h"
 #include "programs/server/persistence/JournalText.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -31,7 +32,7 @@ class ChangeInParts {
 
   // Makes the text of groups that have none, or another than in the layer, for about a part's length. False when all
   // have theirs.
-  bool MakePart(const core::IniFile& layer);
+  bool MakePart(const settings::server::LayerView& layer);
 
   // Whether nothing is to be written.
   bool IsEmpty() const { return _texts.empty() && _missing.empty() && _added.IsEmpty() && _history.empty(); }

@@ -167,7 +167,7 @@ HistoryEntry DescribeForHistory(const ISettingsPersister::SavedChange& change, i
   entry.note = change.origin.note;
   entry.trial = FindTrialName(change.origin.trial);
   for (const std::string& name : change.changedGroups)
-    AddDifference(name, FindGroup(*change.before, name), FindGroup(change.userSettings, name), entry);
+    AddDifference(name, FindGroup(*change.before, name), change.userSettings.FindKeys(name), entry);
   // All that others of these groups got is new, and nothing else of them differs.
   for (const auto& [name, keys] : change.added) {
     if (change.changedGroups.count(name) == 0) AddDifference(name, FindGroup(*change.before, name), &keys, entry);

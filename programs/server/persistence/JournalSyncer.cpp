@@ -8,7 +8,7 @@
 
 namespace tavix::daemon {
 
-using core::IniFile;
+using settings::server::LayerView;
 
 namespace {
 
@@ -54,7 +54,7 @@ void JournalSyncer::WritePending() {
   if (!Write([this](ChangeInParts& change) { return MakeChange(change); })) return;
   Write([this](ChangeInParts& change) {
     LateRecord record;
-    _readLayer([&](const IniFile& layer) { _layer.ClosePending(change, std::nullopt, layer, false, record); });
+    _readLayer([&](const LayerView& layer) { _layer.ClosePending(change, std::nullopt, layer, false, record); });
     return record;
   });
 }
@@ -85,9 +85,9 @@ LateRecord JournalSyncer::MakeChange(ChangeInParts& change) const {
     if (pending.epoch != epoch) change.TakeBack();  // belongs to no record any more
     epoch = pending.epoch;
     change.Add(std::move(pending.changes));
-    for (bool hasMore = true; hasMore;) _readLayer([&](const IniFile& layer) { hasMore = change.MakePart(layer); });
+    for (bool hasMore = true; hasMore;) _readLayer([&](const LayerView& layer) { hasMore = change.MakePart(layer); });
     const bool isLast = round == kMaxRounds;
-    _readLayer([&](const IniFile& layer) { close = _layer.ClosePending(change, epoch, layer, isLast, record); });
+    _readLayer([&](const LayerView& layer) { close = _layer.ClosePending(change, epoch, layer, isLast, record); });
   }
   return record;
 }

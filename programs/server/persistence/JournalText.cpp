@@ -110,15 +110,15 @@ core::IniFile FindExtensions(const std::set<std::string>& changedGroups, const c
 
 }  // namespace
 
-Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+Change DescribeChange(const settings::server::LayerView& userSettings, const std::set<std::string>& changedGroups,
                       const core::IniFile& added) {
   const core::IniFile extensions = FindExtensions(changedGroups, added);
   const bool extends = !extensions.IsEmpty();
   core::StringOstream set;
   core::IniFile removed;
   for (const std::string& name : changedGroups) {
-    const auto group = userSettings.GetGroups().find(name);
-    const bool isGone = group == userSettings.GetGroups().end();
+    const auto group = userSettings.Find(name);
+    const bool isGone = group == userSettings.GetEnd();
     if (isGone || extends) removed[name];
     if (!isGone) core::IniFile::SaveGroupToStream(set, group);
   }

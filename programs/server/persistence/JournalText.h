@@ -8,6 +8,7 @@
 
 #include "programs/server/persistence/SnapshotId.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -24,7 +25,7 @@ struct Change {
 };
 
 // userSettings: after the change. added: what further groups have got, which are the same else.
-Change DescribeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+Change DescribeChange(const settings::server::LayerView& userSettings, const std::set<std::string>& changedGroups,
                       const core::IniFile& added = {});
 
 // Makes the change to a document. Throws osa::Exception for what is no settings text; the document is as it was then.

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -12,7 +13,7 @@ inline constexpr size_t kFewGroups = 16;     // can be described while nobody ca
 inline constexpr size_t kManyGroups = 1000;  // take long to describe, however short they are
 
 // Whether it takes long to describe a change: it has many groups, or a text of more than about "maxBytes".
-bool IsLargeChange(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
+bool IsLargeChange(const settings::server::LayerView& userSettings, const std::set<std::string>& changedGroups,
                    const core::IniFile& added, size_t maxBytes);
 
 }  // namespace tavix::daemon

@@ -31,8 +31,8 @@ void ReportFailure(const std::function<void(std::string_view reason)>& onFailure
   if (steps.reportsRecovery) onFailure("");
 }
 
-std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                    const core::IniFile& added) {
+std::optional<Change> TryToDescribe(const settings::server::LayerView& userSettings,
+                                    const std::set<std::string>& changedGroups, const core::IniFile& added) {
   try {
     return DescribeChange(userSettings, changedGroups, added);
   } catch (const std::bad_alloc&) {

@@ -29,7 +29,7 @@ void ReportFailure(const std::function<void(std::string_view reason)>& onFailure
                    const char* reason);
 
 // As DescribeChange; empty when memory is refused.
-std::optional<Change> TryToDescribe(const core::IniFile& userSettings, const std::set<std::string>& changedGroups,
-                                    const core::IniFile& added);
+std::optional<Change> TryToDescribe(const settings::server::LayerView& userSettings,
+                                    const std::set<std::string>& changedGroups, const core::IniFile& added);
 
 }  // namespace tavix::daemon

@@ -257,7 +257,7 @@ PendingGroups SharedUserLayer::TakePending() {
 
 // A snapshot may take the journal over, and fail to: so what must not be written now stays pending.
 CloseResult SharedUserLayer::ClosePending(ChangeInParts& change, std::optional<NotedChanges::Epoch> epoch,
-                                          const core::IniFile& layer, bool isLast, LateRecord& record) {
+                                          const LayerView& layer, bool isLast, LateRecord& record) {
   const osa::PlainMutexLock lock(_mutex);
   // The next journal, or a snapshot, has all of it, maybe newer: nobody noted what became of these groups since.
   if (epoch && *epoch != _notes.GetEpoch()) return CloseResult::kDone;

@@ -27,6 +27,7 @@
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ClientIdentity.h"
 #include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::daemon {
 
@@ -51,6 +52,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
  public:
   using Ticket = DurabilityGate::Ticket;
   using Clock = UserLayerState::Clock;
+  using LayerView = settings::server::LayerView;
 
   explicit SharedUserLayer(UserLayerSetup setup);
 
@@ -99,7 +101,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
   // Completes the change by the few groups that are pending besides, so that it leads to the layer as it is now. A
   // change of little text is written at once. epoch: of all that was taken for the change; when it is over, the change
   // is dropped. Empty: nothing was taken. isLast: however many groups are pending. Under the store's read lock.
-  CloseResult ClosePending(ChangeInParts& change, std::optional<NotedChanges::Epoch> epoch, const core::IniFile& layer,
+  CloseResult ClosePending(ChangeInParts& change, std::optional<NotedChanges::Epoch> epoch, const LayerView& layer,
                            bool isLast, LateRecord& record);
   void OnLateWritten(const LateRecord& record);
 
@@ -162,7 +164,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
 
   // Completes a change of the next journal by the few groups that it lacks besides. Returns the last change that it
   // leads to; empty: it lacks many. isLast: however many they are. Under the store's read lock.
-  std::optional<Ticket> CloseChanges(ChangeInParts& change, const core::IniFile& layer, bool isLast);
+  std::optional<Ticket> CloseChanges(ChangeInParts& change, const LayerView& layer, bool isLast);
 
   // The next journal, which holds all changes up to "last", begins and is the current one from now on; all others are
   // pending. next: null when none is needed.

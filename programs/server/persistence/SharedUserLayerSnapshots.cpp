@@ -140,7 +140,7 @@ void SharedUserLayer::TakeOver() {
   _state.OnTakeOver();
 }
 
-std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const core::IniFile& layer,
+std::optional<SharedUserLayer::Ticket> SharedUserLayer::CloseChanges(ChangeInParts& change, const LayerView& layer,
                                                                      bool isLast) {
   const osa::PlainMutexLock lock(_mutex);
   if (_notes.GetChanged().Count() > kFewGroups && !isLast) return std::nullopt;

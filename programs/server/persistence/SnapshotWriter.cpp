@@ -69,7 +69,7 @@ SnapshotWriter::Text SnapshotWriter::MakeText() {
   settings::server::TextInParts layerText;
   layerText.Collect(_readLayer, [this] { return _layer.TakeChanges().TakeNames(); });
   SnapshotMoment moment;
-  _readLayer([&](const core::IniFile& layer) {
+  _readLayer([&](const settings::server::LayerView& layer) {
     layerText.Update(layer, _layer.TakeChanges().TakeNames());
     moment = _layer.BeginSnapshot();
   });
@@ -199,9 +199,9 @@ SharedUserLayer::Ticket SnapshotWriter::AppendChanges(Journal& next) {
   for (int round = 1; !last; ++round) {
     change.Add(_layer.TakeChanges());
     for (bool hasMore = true; hasMore;)
-      _readLayer([&](const core::IniFile& layer) { hasMore = change.MakePart(layer); });
+      _readLayer([&](const settings::server::LayerView& layer) { hasMore = change.MakePart(layer); });
     const bool isLast = round == kMaxRounds;
-    _readLayer([&](const core::IniFile& layer) { last = _layer.CloseChanges(change, layer, isLast); });
+    _readLayer([&](const settings::server::LayerView& layer) { last = _layer.CloseChanges(change, layer, isLast); });
   }
   if (change.IsEmpty()) return *last;
   next.BeginAppend(change.Seal());

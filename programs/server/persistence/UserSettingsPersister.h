@@ -80,6 +80,7 @@ class UserSettingsPersister : public settings::server::ISettingsPersister {
                                            const core::IniFile& added) override;
   DurabilityGate::Ticket SaveChange(const SavedChange& change) override;
   bool NeedsOldSettings() const override;
+  bool NeedsWholeUserSettings() const override { return false; }
   void PrepareChange(const settings::server::PlannedChange& change) override;
   DurabilityGate::Ticket FindLastTicket(const settings::common::GroupNameMatcher& groups) override;
 

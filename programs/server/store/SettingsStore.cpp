@@ -30,10 +30,8 @@ class UnsavedLayers : public settings::server::ISettingsPersister {
   }
   void LoadUserSettings(settings::server::SettingsCombiner& combiner) override { _sources.LoadUserSettings(combiner); }
   void SaveUserSettings(const core::IniFile&) override {}
-  settings::server::ChangeTicket SaveAddedSettings(const core::IniFile&, const std::set<std::string>&,
-                                                   const core::IniFile&) override {
-    return 0;
-  }
+  settings::server::ChangeTicket SaveChange(const SavedChange&) override { return 0; }
+  bool NeedsWholeUserSettings() const override { return false; }
 
  private:
   SettingsSources& _sources;

@@ -17,6 +17,7 @@ namespace tavix::daemon {
 using core::IniFile;
 using settings::server::ChangeOrigin;
 using settings::server::ClientIdentity;
+using settings::server::LayerView;
 using settings::server::RefusedChange;
 using settings::server::StoreAmendment;
 
@@ -53,7 +54,7 @@ IniFile::KeyMap DescribeState(const Trial& trial, Trial::Time now) {
 bool StoreTrials::ReadPart(const std::string& name, OldSettings& part, const Reader& read) {
   const OldSettings previous = std::move(part);
   const SettingName* const last = previous.empty() ? nullptr : &previous.rbegin()->first;
-  _manager.ReadUserSettings([&](const IniFile& user) {
+  _manager.ReadUserSettings([&](const LayerView& user) {
     part = _trials.GetSettings(name, last);
     read(user);
   });
@@ -63,7 +64,7 @@ bool StoreTrials::ReadPart(const std::string& name, OldSettings& part, const Rea
 StoreAmendment StoreTrials::PlanRevert(const std::string& name) {
   StoreAmendment revert;
   OldSettings part;
-  const auto plan = [&](const IniFile& user) {
+  const auto plan = [&](const LayerView& user) {
     for (const auto& setting : part) AddToRevert(setting, user, revert);
   };
   _trials.BeginPlan(name);
@@ -74,7 +75,7 @@ StoreAmendment StoreTrials::PlanRevert(const std::string& name) {
 // With the store locked: no change is half-way between the book's two steps.
 StoreTrials::Ticket StoreTrials::Confirm(const std::string& name, const Client& client) {
   Ticket ticket = 0;
-  _manager.ReadUserSettings([&](const IniFile&) { ticket = _persister.ConfirmTrial(name, client); });
+  _manager.ReadUserSettings([&](const LayerView&) { ticket = _persister.ConfirmTrial(name, client); });
   _trials.DropReleased();
   return ticket;
 }
@@ -93,7 +94,7 @@ StoreTrials::Ticket StoreTrials::End(const std::string& name) {
     if (!_trials.EndReverted(name)) throw TrialBook::OutdatedRevert();
   };
   Ticket ticket = 0;
-  _manager.ReadUserSettings([&](const IniFile&) { ticket = _persister.SaveTrial(end); });
+  _manager.ReadUserSettings([&](const LayerView&) { ticket = _persister.SaveTrial(end); });
   return ticket;
 }
 
@@ -141,7 +142,7 @@ void StoreTrials::DescribeTrial(const std::string& name, IniFile& answer) {
 void StoreTrials::DescribeSettings(const std::string& name, IniFile::KeyMap& keys) {
   OldSettings part;
   OldSettings now;
-  const auto copy = [&](const IniFile& user) {
+  const auto copy = [&](const LayerView& user) {
     for (const auto& setting : part) {
       const std::string* const value = FindNow(setting.first, user);
       if (value) now.emplace_hint(now.end(), setting.first, *value);

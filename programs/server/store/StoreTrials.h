@@ -9,6 +9,7 @@
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
 #include "tavix/settings/server/ChangeOrigin.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::daemon {
@@ -55,7 +56,7 @@ class StoreTrials {
   void AcknowledgeTimer() { _trials.AcknowledgeTimer(); }
 
  private:
-  using Reader = std::function<void(const core::IniFile& userSettings)>;
+  using Reader = std::function<void(const settings::server::LayerView& userSettings)>;
 
   Ticket RevertOne(const std::string& name, const settings::server::ChangeOrigin& origin) TAVIX_EXCLUDES(_mutex);
   using FindNames = std::vector<std::string> (SharedTrials::*)();

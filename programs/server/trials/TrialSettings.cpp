@@ -12,6 +12,7 @@ namespace tavix::daemon {
 
 using core::IniFile;
 using settings::common::GroupNameMatcher;
+using settings::server::LayerView;
 using settings::server::PlannedChange;
 using settings::server::SettingsManager;
 using settings::server::StoreAmendment;
@@ -25,9 +26,8 @@ const std::string& RecordGroup() {
   return name;
 }
 
-const KeyMap* FindGroup(const IniFile& document, const std::string& name) {
-  const auto group = document.GetGroups().find(name);
-  return group == document.GetGroups().end() ? nullptr : &group->second;
+const KeyMap* FindGroup(const LayerView& layer, const std::string& name) {
+  return layer.FindKeys(name);
 }
 
 const std::string* FindKey(const KeyMap* keys, const std::string& key) {
@@ -39,7 +39,7 @@ const std::string* FindKey(const KeyMap* keys, const std::string& key) {
 // Adds what is written with its old value.
 class WrittenCollector {
  public:
-  explicit WrittenCollector(const IniFile& user) : _user(user) {}
+  explicit WrittenCollector(const LayerView& user) : _user(user) {}
 
   OldSettings Take() { return std::move(_written); }
 
@@ -82,7 +82,7 @@ class WrittenCollector {
     _written.emplace(SettingName{group, std::nullopt}, wasThere ? std::optional<std::string>("") : std::nullopt);
   }
 
-  const IniFile& _user;
+  const LayerView _user;
   OldSettings _written;
 };
 
@@ -179,7 +179,7 @@ class Touch {
 };
 
 // A group that came without keys, and still has none, goes. A record without members is none.
-void RevertGroup(const std::string& group, bool wasThere, const IniFile& user, StoreAmendment& revert) {
+void RevertGroup(const std::string& group, bool wasThere, const LayerView& user, StoreAmendment& revert) {
   if (group == RecordGroup()) return;
   const KeyMap* const keys = FindGroup(user, group);
   if (wasThere) {
@@ -222,7 +222,7 @@ std::vector<OldSettings::iterator> FindWritten(const PlannedChange& change, OldS
   return Touch(change).Find(settings);
 }
 
-void AddToRevert(const OldSettings::value_type& setting, const IniFile& userSettings, StoreAmendment& revert) {
+void AddToRevert(const OldSettings::value_type& setting, const LayerView& userSettings, StoreAmendment& revert) {
   const auto& [name, old] = setting;
   if (!name.key) return RevertGroup(name.group, old.has_value(), userSettings, revert);
   const std::string* const now = FindNow(name, userSettings);
@@ -230,7 +230,7 @@ void AddToRevert(const OldSettings::value_type& setting, const IniFile& userSett
   if (!old && now) revert.unset[name.group][*name.key];
 }
 
-const std::string* FindNow(const SettingName& name, const IniFile& userSettings) {
+const std::string* FindNow(const SettingName& name, const LayerView& userSettings) {
   static const std::string none;
   const KeyMap* const keys = FindGroup(userSettings, name.group);
   if (name.key) return FindKey(keys, *name.key);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/PlannedChange.h"
 #include "tavix/settings/server/StoreAmendment.h"
 
@@ -42,10 +43,10 @@ std::vector<OldSettings::iterator> FindWritten(const settings::server::PlannedCh
 
 // Adds what brings one of them back, if the user settings are different from it. A "revert" of many never contradicts
 // itself. Throws std::bad_alloc.
-void AddToRevert(const OldSettings::value_type& setting, const core::IniFile& userSettings,
+void AddToRevert(const OldSettings::value_type& setting, const settings::server::LayerView& userSettings,
                  settings::server::StoreAmendment& revert);
 
 // What the user settings have now. Null: they do not have it.
-const std::string* FindNow(const SettingName& name, const core::IniFile& userSettings);
+const std::string* FindNow(const SettingName& name, const settings::server::LayerView& userSettings);
 
 }  // namespace tavix::daemon

@@ -183,7 +183,8 @@ bool AmendmentPlan::Holds(const IniFile& all) {
 // In the order of the changes: replace, set, unset.
 void AmendmentPlan::EditRecord(const StoreDocuments& documents) {
   const std::string& own = documents.GetRecordGroup();
-  RecordEdit& record = _record.emplace(documents.GetRecord(), documents.GetRecord().MembersOf(documents.GetUser()));
+  RecordEdit& record =
+      _record.emplace(documents.GetRecord(), documents.GetRecord().MembersOf(documents.GetUser().GetGroups()));
   if (const Keys* members = FindKeys(_replace.Get(), own)) record.Replace(*members);
   for (const auto& group : _replace.Get()) {
     if (group.first != own) record.Add(group.first);
@@ -353,7 +354,7 @@ void AmendmentPlan::SaveRecord(const std::string& group) {
 }
 
 std::ptrdiff_t AmendmentPlan::CountGrowth(const StoreDocuments& documents) const {
-  return _edits->all.CountGrowth(documents.GetAll()) + _edits->user.CountGrowth(documents.GetUser());
+  return _edits->all.CountGrowth(documents.GetAll()) + _edits->user.CountGrowth(documents.GetUser().GetGroups());
 }
 
 std::ptrdiff_t AmendmentPlan::CountHiddenGrowth(const StoreDocuments& documents) const {

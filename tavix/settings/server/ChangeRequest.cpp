@@ -20,7 +20,7 @@ void ChangeRequest::RemoveUser(const GroupNameMatcher& matcher) {
   _matches.emplace(matcher, StoreDocuments::Which::kUser);
 }
 
-bool ChangeRequest::Prepare(const StoreDocuments& documents) {
+bool ChangeRequest::Prepare(StoreDocuments& documents) {
   const bool isTestLong = _test && _test->IsLong();
   const bool isLong = IsLarge(*_settings) || (_matches && _matches->AreMany());
   _changedGroups.clear();
@@ -29,6 +29,7 @@ bool ChangeRequest::Prepare(const StoreDocuments& documents) {
   PrepareLocked(documents);
   if (!isLong) return true;
   if (!_test) RequireRoom(documents);
+  documents.OwnGroups(*_settings);  // what is loaded anew since the recorder began is not planned
   Plan(documents);
   return true;
 }
@@ -73,7 +74,7 @@ void ChangeRequest::TakeChangedGroups() {
 bool ChangeRequest::BringUpToDate(const StoreDocuments& documents) {
   if (_recorder) TakeChangedGroups();
   if (_test && !_test->Holds(documents.GetAll(), _changedGroups)) return false;
-  if (_matches) _removedNames = _matches->Take(documents.Get(_matches->GetWhich()), _changedGroups);
+  if (_matches) _removedNames = _matches->Take(documents.GetGroups(_matches->GetWhich()), _changedGroups);
   if (!_plans) return true;
   _plans->all.Withdraw(_changedGroups);
   _plans->user.Withdraw(_changedGroups);

@@ -69,8 +69,9 @@ class ChangeRequest {
 
   // The steps towards the change.
 
-  // Without the lock; again after IsOutdated. Returns false when the test fails already.
-  [[nodiscard]] bool Prepare(const StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
+  // Without the lock; again after IsOutdated. Returns false when the test fails already. Of the documents only shared
+  // groups become own ones.
+  [[nodiscard]] bool Prepare(StoreDocuments& documents) TAVIX_EXCLUDES(documents.GetLock());
 
   // The same for a caller that holds the write lock: nothing is planned.
   void PrepareLocked(const StoreDocuments& documents);

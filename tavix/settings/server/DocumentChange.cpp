@@ -89,28 +89,30 @@ bool HoldsValues(const IniFile& document, IniFile::const_iterator group) {
   return own != document.end() && HoldsKeys(own->second, group->second);
 }
 
-std::set<std::string> FindDifference(const IniFile& document, const std::set<std::string>& removed,
+std::set<std::string> FindDifference(const LayerView& layer, const std::set<std::string>& removed,
                                      const IniFile& settings) {
   std::set<std::string> different;
-  const IniFile::GroupMap& groups = document.GetGroups();
   for (const std::string& name : removed) {
-    const auto before = groups.find(name);
+    const IniFile::KeyMap* const before = layer.FindKeys(name);
     const auto after = settings.GetGroups().find(name);
-    const bool isThere = before != groups.end();
     const bool isSet = after != settings.end();
-    if (isThere && isSet ? before->second != after->second : isThere != isSet) different.insert(different.end(), name);
+    if (before && isSet ? *before != after->second : (before != nullptr) != isSet)
+      different.insert(different.end(), name);
   }
   for (const auto& [name, keys] : settings) {
     if (removed.count(name) != 0) continue;
-    const auto own = groups.find(name);
-    if (own == groups.end() || !HoldsKeys(own->second, keys)) different.insert(name);
+    const IniFile::KeyMap* const own = layer.FindKeys(name);
+    if (!own || !HoldsKeys(*own, keys)) different.insert(name);
   }
   return different;
 }
 
-IniFile CopyGroups(const IniFile& document, const std::set<std::string>& names) {
+IniFile CopyGroups(const LayerView& layer, const std::set<std::string>& names) {
   IniFile copy;
-  for (const std::string& name : names) copy.MergeSettings(document, name);
+  for (const std::string& name : names) {
+    const auto group = layer.Find(name);
+    if (group != layer.GetEnd()) copy.MergeGroup(group);
+  }
   return copy;
 }
 

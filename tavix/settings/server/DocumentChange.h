@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::settings::server {
 
@@ -32,13 +33,13 @@ void MoveKeys(core::IniFile::KeyMap& target, core::IniFile::KeyMap& source) noex
 // Whether the document holds every value of the group. A group without keys asks for nothing.
 bool HoldsValues(const core::IniFile& document, core::IniFile::const_iterator group);
 
-// The groups that hold something else once the document has lost the groups "removed" and "settings" were merged into
+// The groups that hold something else once the layer has lost the groups "removed" and "settings" were merged into
 // it. A group without keys is one, too.
-std::set<std::string> FindDifference(const core::IniFile& document, const std::set<std::string>& removed,
+std::set<std::string> FindDifference(const LayerView& layer, const std::set<std::string>& removed,
                                      const core::IniFile& settings);
 
 // The named groups, as far as they are there.
-core::IniFile CopyGroups(const core::IniFile& document, const std::set<std::string>& names);
+core::IniFile CopyGroups(const LayerView& layer, const std::set<std::string>& names);
 
 // What a change takes out of a store's documents, to be destroyed once its lock is released.
 struct RemovedGroups {

@@ -32,12 +32,12 @@ void DocumentPlan::Make(const StoreDocuments& documents, const IniFile& settings
   for (auto group = _values.begin(); group != _values.end();) {
     const osa::ReadAutoLock lock(documents.GetLock());
     for (size_t left = kGroupsOfAPart; left > 0 && group != _values.end(); --left, ++group)
-      PlanSetting(documents.Get(_which), group, removed.count(group->first) != 0);
+      PlanSetting(documents.GetGroups(_which), group, removed.count(group->first) != 0);
   }
   for (auto name = removed.begin(); name != removed.end();) {
     const osa::ReadAutoLock lock(documents.GetLock());
     for (size_t left = kGroupsOfAPart; left > 0 && name != removed.end(); --left, ++name)
-      PlanRemoval(documents.Get(_which), *name);
+      PlanRemoval(documents.GetGroups(_which), *name);
   }
   FindSurvivors(documents, removed);
   _bytes = StoreAccount::Count(_values);
@@ -86,7 +86,7 @@ void DocumentPlan::FindSurvivors(const StoreDocuments& documents, const std::set
   std::string next;
   for (bool isFirst = true, isDone = false; !isDone; isFirst = false) {
     const osa::ReadAutoLock lock(documents.GetLock());
-    const IniFile::GroupMap& groups = documents.Get(_which).GetGroups();
+    const IniFile::GroupMap& groups = documents.GetGroups(_which).GetGroups();
     if (isFirst) _leavesFew = groups.size() < _removedCount + _removedCount / kFewOf;
     if (!_leavesFew) return;
     auto group = groups.lower_bound(next);

@@ -34,7 +34,7 @@ void EarlyMatches::FindInParts(const StoreDocuments& documents) {
   std::string next;
   for (bool isDone = false; !isDone;) {
     const osa::ReadAutoLock part(documents.GetLock());
-    isDone = FindPart(documents.Get(_which), next);
+    isDone = FindPart(documents.GetGroups(_which), next);
   }
 }
 

@@ -7,6 +7,7 @@
 #include "tavix/osa/Export.h"
 #include "tavix/settings/server/ChangeOrigin.h"
 #include "tavix/settings/server/ChangeTicket.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::settings::common {
 class GroupNameMatcher;
@@ -66,7 +67,7 @@ class TAVIX_EXPORT ISettingsPersister {
 
   // All that is known of a change that is to be saved; valid during the call only.
   struct SavedChange {
-    const core::IniFile& userSettings;           // the three as above
+    LayerView userSettings;                      // the three as above
     const std::set<std::string>& changedGroups;  //
     const core::IniFile& added;                  // may be empty
     const ChangeOrigin& origin;
@@ -78,8 +79,9 @@ class TAVIX_EXPORT ISettingsPersister {
 
   // What the store calls for every change that is to be saved. Here it calls one of the two operations above.
   virtual ChangeTicket SaveChange(const SavedChange& change) {
-    return change.added.IsEmpty() ? SaveChangedGroups(change.userSettings, change.changedGroups)
-                                  : SaveAddedSettings(change.userSettings, change.changedGroups, change.added);
+    const core::IniFile& userSettings = change.userSettings.GetDocument();
+    return change.added.IsEmpty() ? SaveChangedGroups(userSettings, change.changedGroups)
+                                  : SaveAddedSettings(userSettings, change.changedGroups, change.added);
   }
 
   // Whether SaveChange is to be given what was there before; that costs a copy of the changed groups. Always the same.
@@ -88,6 +90,11 @@ class TAVIX_EXPORT ISettingsPersister {
   // Called for every change under the store's write lock, before anything is changed. From here on nothing but what
   // this throws stops the change, and SaveChange follows if it is saved. RefusedChange: it is not carried out.
   virtual void PrepareChange(const PlannedChange& change) { static_cast<void>(change); }
+
+  // Whether the user settings have to be one document, as the operations above that are given an IniFile need it. Not
+  // so where SaveChange reads them as a LayerView: then groups that readers see as the user's file has them are in
+  // memory once, from loading until they change. Always the same.
+  virtual bool NeedsWholeUserSettings() const { return true; }
 };
 
 }  // namespace tavix::settings::server

@@ -5,6 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/ChangeOrigin.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::settings::common {
 class GroupNameMatcher;
@@ -16,7 +17,7 @@ namespace tavix::settings::server {
 //
 // Owns: nothing. Valid during the call that it is passed to. A null pointer: nothing of this kind.
 struct PlannedChange {
-  const core::IniFile& userSettings;  // before the change
+  LayerView userSettings;  // before the change
   const ChangeOrigin& origin;
   bool isSaved = true;  // false: only what readers see is changed
 

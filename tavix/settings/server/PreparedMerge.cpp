@@ -2,6 +2,7 @@
 
 #include "tavix/settings/server/DocumentTally.h"
 #include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/UserLayer.h"
 
 namespace tavix::settings::server {
 
@@ -15,13 +16,18 @@ std::ptrdiff_t CountSetting(const std::string& key, const std::string& value) {
 
 }  // namespace
 
-void PreparedMerge::Prepare(IniFile& document, const IniFile& settings, const std::set<std::string>& removed) {
+void PreparedMerge::Prepare(UserLayer& user, const IniFile& settings, const std::set<std::string>& removed) {
+  Prepare(user.GetMutableGroups(), &user, settings, removed);
+}
+
+void PreparedMerge::Prepare(IniFile& document, const UserLayer* user, const IniFile& settings,
+                            const std::set<std::string>& removed) {
   IniFile::GroupMap& groups = document.GetMutableGroups();
   for (const auto& change : settings) {
     const auto group = groups.find(change.first);
     if (group == groups.end() || removed.count(change.first) != 0) {
       AddKeys(change);
-    } else {
+    } else if (!user || !user->IsShared(group)) {
       MergeKeys(group->second, change);
     }
   }

@@ -12,6 +12,7 @@ namespace tavix::settings::server {
 
 class DocumentTally;
 class StoreAccount;
+class UserLayer;
 
 // A merge of few settings into one document of a store, in two steps: Prepare asks for all memory, CarryOut can't fail.
 // So a change of several documents is made in all of them or in none.
@@ -27,7 +28,13 @@ class PreparedMerge {
   // Adds the settings to the merge. removed: groups that the document loses before CarryOut. Until then nothing else
   // changes in the groups that are merged. The document is not changed yet. A second call brings other keys than the
   // first. Throws std::bad_alloc.
-  void Prepare(core::IniFile& document, const core::IniFile& settings, const std::set<std::string>& removed);
+  void Prepare(core::IniFile& document, const core::IniFile& settings, const std::set<std::string>& removed) {
+    Prepare(document, nullptr, settings, removed);
+  }
+
+  // The same for user settings, without the groups that are shared and stay so: what readers see gets the settings,
+  // too.
+  void Prepare(UserLayer& user, const core::IniFile& settings, const std::set<std::string>& removed);
 
   // Once, after Prepare. What was replaced is destroyed with the object.
   void CarryOut(core::IniFile& document, StoreAccount& account, DocumentTally& tally) noexcept;
@@ -35,6 +42,8 @@ class PreparedMerge {
  private:
   using Group = core::IniFile::GroupMap::value_type;
 
+  void Prepare(core::IniFile& document, const UserLayer* user, const core::IniFile& settings,
+               const std::set<std::string>& removed);
   void AddKeys(const Group& group);
   void MergeKeys(core::IniFile::KeyMap& keys, const Group& change);
 

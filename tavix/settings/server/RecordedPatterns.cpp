@@ -7,6 +7,7 @@
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/HiddenLayers.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/SettingsManager.h"
 
 namespace tavix::settings::server {
@@ -40,8 +41,8 @@ size_t CountRecordedPatterns(const Amendment& amendment, const SettingsManager& 
   const Keys* const replace = FindKeys(amendment.replace, record);
   if (!set && !unset && !replace) return 0;
   size_t count = CountPatterns(set) + CountPatterns(replace);
-  store.ReadUserSettings([&](const core::IniFile& user) {
-    const Keys* const recorded = FindKeys(user, record);
+  store.ReadUserSettings([&](const LayerView& user) {
+    const Keys* const recorded = user.FindKeys(record);
     const bool isWhole = replace || (unset && unset->empty());
     count += isWhole ? CountPatterns(recorded) : CountPatternsAt(recorded, set) + CountPatternsAt(recorded, unset);
   });

@@ -14,6 +14,7 @@
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/GroupWalk.h"
 #include "tavix/settings/server/ISettingsSerializer.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreAmendment.h"
 #include "tavix/settings/server/StoreChange.h"
@@ -51,14 +52,14 @@ void ThrowIfStopped(const SettingsManager::BetweenParts& between) {
 void CollectText(TextInParts& text, const StoreDocuments& documents, Which which,
                  const SettingsManager::BetweenParts& between) {
   ChangeRecorder recorder(documents.GetRecorders());
-  const TextInParts::Reader read = [&](const std::function<void(const IniFile&)>& makePart) {
+  const TextInParts::Reader read = [&](const std::function<void(const LayerView&)>& makePart) {
     ThrowIfStopped(between);
     const ReadAutoLock lock(documents.GetLock());
     makePart(documents.Get(which));
   };
   text.Collect(read, [&] { return recorder.Take(); });
   if (between.onLast) between.onLast();
-  read([&](const IniFile& settings) { text.Update(settings, recorder.Take()); });
+  read([&](const LayerView& settings) { text.Update(settings, recorder.Take()); });
 }
 
 void DumpInParts(std::ostream& os, const StoreDocuments& documents, Which which,
@@ -103,13 +104,14 @@ void SettingsManager::LoadSettings() {
   const osa::AdoptedWriteLock lock(documents.GetLock());
   StoreChange::ReplaceAll(documents, {}, {});
   StoreLoader::Documents loaded = _loader->Load();
-  StoreChange::ReplaceAll(documents, std::move(loaded.all), std::move(loaded.user), std::move(loaded.hidden));
+  StoreChange::ReplaceAll(documents, std::move(loaded.all), std::move(loaded.user), std::move(loaded.hidden),
+                          std::move(loaded.shared));
 }
 
 // Not followed by the analysis of locks: the caller holds the lock, and can't name it.
 void SettingsManager::LoadUserSettings() TAVIX_NO_THREAD_SAFETY_ANALYSIS {
   if (!_persister) return;
-  IniFile user = _documents->GetUser();
+  IniFile user = LayerView(_documents->GetUser()).Copy();
   _loader->LoadUserSettings(user);
   StoreChange::ReplaceUser(*_documents, std::move(user));
 }
@@ -166,7 +168,9 @@ void SettingsManager::WriteGroupsInParts(std::ostream& os, const GroupNameMatche
 
 void SettingsManager::DumpUserSettings(std::ostream& os) const {
   const ReadAutoLock lock(_documents->GetLock());
-  _documents->GetUser().SaveToStream(os);
+  const LayerView user = _documents->GetUser();
+  for (auto place = user.GetBegin(); place != user.GetEnd(); ++place)
+    IniFile::SaveGroupToStream(os, user.Resolve(place));
 }
 
 void SettingsManager::DumpAllSettings(std::ostream& os) const {
@@ -182,7 +186,7 @@ void SettingsManager::DumpAllSettingsInParts(std::ostream& os, const BetweenPart
   DumpInParts(os, *_documents, Which::kAll, between);
 }
 
-void SettingsManager::ReadUserSettings(const std::function<void(const IniFile&)>& reader) const {
+void SettingsManager::ReadUserSettings(const std::function<void(const LayerView&)>& reader) const {
   const ReadAutoLock lock(_documents->GetLock());
   reader(_documents->GetUser());
 }
@@ -192,10 +196,11 @@ SettingsManager::Sizes SettingsManager::GetSizes() const {
   const ReadAutoLock lock(_documents->GetLock());
   sizes.allGroups = _documents->GetAll().GetGroups().size();
   sizes.allKeys = _documents->GetAccount().GetAllTally().CountKeys();
-  sizes.userGroups = _documents->GetUser().GetGroups().size();
-  sizes.userKeys = _documents->GetAccount().GetUserTally().CountKeys();
-  const auto record = _documents->GetUser().GetGroups().find(kDeletedGroups);
-  if (record != _documents->GetUser().GetGroups().end()) {
+  const UserLayer& user = _documents->GetUser();
+  sizes.userGroups = user.GetGroups().GetGroups().size();
+  sizes.userKeys = _documents->GetAccount().GetUserTally().CountKeys() + user.CountSharedKeys();
+  const auto record = user.GetGroups().GetGroups().find(kDeletedGroups);
+  if (record != user.GetGroups().end()) {
     --sizes.userGroups;
     sizes.userKeys -= record->second.size();
   }
@@ -284,7 +289,7 @@ bool SettingsManager::AmendAsChosen(const StoreAmendment& early, const ChooseAme
   ticket = 0;
   AmendmentPlan earlyPlan(early, early.drop);
   std::optional<AmendmentPlan> plan;
-  const auto choosePlan = [&](const IniFile& user) -> AmendmentPlan* {
+  const auto choosePlan = [&](const LayerView& user) -> AmendmentPlan* {
     const StoreAmendment* const chosen = choose(user);
     if (!chosen) return nullptr;
     if (chosen == &early) return &earlyPlan;

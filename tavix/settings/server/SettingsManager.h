@@ -29,6 +29,7 @@ class IIncludeFilter;
 class IRestrictedSettingsLoader;
 class ISettingsPersister;
 class ISettingsSerializer;
+class LayerView;
 class SettingsCombiner;
 class StoreDocuments;
 struct ChangeOrigin;
@@ -123,7 +124,7 @@ class TAVIX_EXPORT SettingsManager {
 
   // Shows the user layer with its bookkeeping to "reader" while no writer can change it. The reader calls no operation
   // of the store.
-  void ReadUserSettings(const std::function<void(const core::IniFile&)>& reader) const;
+  void ReadUserSettings(const std::function<void(const LayerView&)>& reader) const;
 
   // Costs the same however much there is.
   Sizes GetSizes() const;
@@ -175,7 +176,7 @@ class TAVIX_EXPORT SettingsManager {
   // write lock with the user layer, before anything is changed; not called when "early" is not to be made. It returns
   // the amendment that is made: "early", which is planned before the lock is taken, another one, which outlives the
   // call, or null for none: then false is returned. It calls no operation of the store. What it throws passes through.
-  using ChooseAmendment = std::function<const StoreAmendment*(const core::IniFile& userSettings)>;
+  using ChooseAmendment = std::function<const StoreAmendment*(const LayerView& userSettings)>;
   bool AmendAsChosen(const StoreAmendment& early, const ChooseAmendment& choose, const ChangeOrigin& origin,
                      ChangeTicket& ticket);
 

@@ -25,18 +25,12 @@ using core::IniFile;
 
 namespace {
 
-StoreAccount::Groups GroupsOf(const IniFile& document) {
-  StoreAccount::Groups groups;
-  for (auto group = document.begin(); group != document.end(); ++group) groups.push_back(group);
-  return groups;
-}
-
 // What a change may replace, as SavedChange::before has it.
-IniFile CopyOldSettings(const IniFile& user, const std::set<std::string>& different, const IniFile& added) {
+IniFile CopyOldSettings(const LayerView& user, const std::set<std::string>& different, const IniFile& added) {
   IniFile old = CopyGroups(user, different);
   for (const auto& group : added) {
-    const auto own = user.GetGroups().find(group.first);
-    if (own != user.GetGroups().end() && own->second.empty()) old.MergeGroup(own);
+    const auto own = user.Find(group.first);
+    if (own != user.GetEnd() && own->second.empty()) old.MergeGroup(own);
   }
   return old;
 }
@@ -88,16 +82,17 @@ void StoreChange::MakeLocked() {
   if (MakeUnderLock()) FindTicketOfOthers();
 }
 
-void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user, HiddenLayers hidden) {
+void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user, HiddenLayers hidden,
+                             SharedPlaces shared) {
   documents._record.Read(user);
   documents._account.CountAnew(all, user, hidden);
   BeginVersion(documents);
   documents._recorders.Note(documents._all);
-  documents._recorders.Note(documents._user);
+  documents._recorders.Note(documents._user.GetGroups());
   documents._recorders.Note(all);
   documents._recorders.Note(user);
   documents._all = std::move(all);
-  documents._user = std::move(user);
+  documents._user.Replace(std::move(user), std::move(shared));
   documents._hidden = std::move(hidden);
 }
 
@@ -122,6 +117,7 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
     const osa::WriteAutoLock lock(documents.GetLock());
     if (choose) plan = choose(documents._user);
     if (!plan || !plan->Make(documents)) return false;
+    OwnGroups(documents, *plan);
     if (!origin.isRevert) RequireRoom(documents, *plan);
     Prepare(documents, *plan);
     std::optional<IniFile> before;
@@ -139,6 +135,11 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
   };
   Announce(findTicketOfOthers, [&] { notifier.Notify(notices, *reserve, plan->GetGone(), plan->GetChanged()); });
   return true;
+}
+
+void StoreChange::OwnGroups(StoreDocuments& documents, AmendmentPlan& plan) {
+  if (!documents._user.HasShared()) return;
+  for (const std::string& name : plan.GetDifferent()) documents._user.Own(name, documents._account);
 }
 
 void StoreChange::RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) {
@@ -169,7 +170,7 @@ void StoreChange::AskPersister(const StoreDocuments& documents, ISettingsPersist
 void StoreChange::Prepare(StoreDocuments& documents, AmendmentPlan& plan) {
   AmendmentPlan::Edits& edits = plan.GetEdits();
   edits.all.Prepare(documents._all);
-  edits.user.Prepare(documents._user);
+  edits.user.Prepare(documents._user.GetMutableGroups());
   edits.hiddenDefaults.Prepare(documents._hidden.defaults);
   edits.unsaved.Prepare(documents._hidden.unsaved);
 }
@@ -182,7 +183,7 @@ void StoreChange::CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexc
   AmendmentPlan::Edits& edits = plan.GetEdits();
   DocumentTally unasked;  // nobody asks how much is hidden
   edits.all.CarryOut(documents._all, account, account.GetAllTally());
-  edits.user.CarryOut(documents._user, account, account.GetUserTally());
+  edits.user.CarryOut(documents._user.GetMutableGroups(), account, account.GetUserTally());
   edits.hiddenDefaults.CarryOut(documents._hidden.defaults, account, unasked);
   edits.unsaved.CarryOut(documents._hidden.unsaved, account, unasked);
   documents._record.CarryOut(plan.GetRecord().GetCounts());
@@ -190,6 +191,7 @@ void StoreChange::CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexc
 
 bool StoreChange::MakeUnderLock() {
   if (!_request.BringUpToDate(_documents)) return false;
+  if (!_request.IsPersistent()) _documents._user.Own(_request.GetUnplannedSettings(), _documents._account);
   PlanRecord();
   RequirePatterns();
   _hidden.Add(_documents, _request.GetUnplannedSettings(), _request.GetUnplannedNames(), _request.IsPersistent());
@@ -216,7 +218,8 @@ void StoreChange::PlanRecord() {
   const std::set<std::string>* members = _request.GetMembers();
   const bool isRemoved = _request.GetRemovedNames().count(_documents.GetRecordGroup()) != 0;
   if (!_request.IsPersistent() || !(members || isRemoved || _request.HasRecord())) return;
-  _record = _documents._record.Plan(_documents._user, isRemoved, _request.GetSettings(), members ? *members : none);
+  _record = _documents._record.Plan(_documents._user.GetGroups(), isRemoved, _request.GetSettings(),
+                                    members ? *members : none);
 }
 
 // What comes from the defaults has no bound.
@@ -239,7 +242,7 @@ size_t StoreChange::CountRecordGrowth() const {
   if (_record.added.IsEmpty()) return 0;
   const auto& [name, members] = *_record.added.begin();
   const size_t bytes = StoreAccount::CountGroup(name, members);
-  return _documents._user.HasGroup(name) ? bytes - StoreAccount::CountGroup(name, {}) : bytes;
+  return _documents._user.GetGroups().HasGroup(name) ? bytes - StoreAccount::CountGroup(name, {}) : bytes;
 }
 
 // What has room anyway is not searched for.
@@ -257,7 +260,17 @@ void StoreChange::RequireRoom() const {
 std::ptrdiff_t StoreChange::CountGrowth() const {
   const IniFile& settings = _request.GetSettings();
   if (!_request.IsPersistent()) return StoreAccount::CountGrowth(_documents._all, settings);
-  return StoreAccount::CountGrowth(_documents._all, _documents._user, _request.GetRemovedNames(), GroupsOf(settings));
+  const std::set<std::string>& removed = _request.GetRemovedNames();
+  StoreAccount::Groups groups;
+  std::ptrdiff_t growth = 0;
+  for (auto group = settings.begin(); group != settings.end(); ++group) {
+    if (_documents._user.IsShared(group->first) && removed.count(group->first) == 0) {
+      growth += StoreAccount::CountGrowth(_documents._all, group);
+    } else {
+      groups.push_back(group);
+    }
+  }
+  return growth + StoreAccount::CountGrowth(_documents._all, _documents._user.GetGroups(), removed, groups);
 }
 
 // All that the change needs memory for.
@@ -298,12 +311,15 @@ void StoreChange::CarryOut() noexcept {
   BeginVersion(_documents);
   if (_documents._recorders.AreActive()) NoteGroups();
   CarryOutHidden();
+  _documents._user.Forget(_request.GetRemovedNames());
   if (_request.GetPlans()) CarryOutPlans(*_request.GetPlans());
   if (!_request.GetUnplannedNames().empty()) RemoveGroups();
+  _documents._user.CountBefore(_request.GetUnplannedSettings());
   _mergeIntoAll.CarryOut(_documents._all, account, account.GetAllTally());
+  _documents._user.CountBehind(_request.GetUnplannedSettings());
   if (_request.HasRecord()) account.RemoveGroup(_documents._all, account.GetAllTally(), _documents.GetRecordGroup());
   if (!_request.IsPersistent()) return;
-  _mergeIntoUser.CarryOut(_documents._user, account, account.GetUserTally());
+  _mergeIntoUser.CarryOut(_documents._user.GetMutableGroups(), account, account.GetUserTally());
   _documents._record.CarryOut(_record);
 }
 
@@ -325,7 +341,7 @@ void StoreChange::CarryOutPlans(ChangePlans& plans) noexcept {
   if (!_request.IsPersistent()) return;
   account.Add(static_cast<std::ptrdiff_t>(plans.user.GetBytes()));
   _lateCount.Subtract(plans.user.GetReplaced(), plans.user.GetRemoved());
-  plans.user.CarryOut(_documents._user, account.GetUserTally(), changedGroups);
+  plans.user.CarryOut(_documents._user.GetMutableGroups(), account.GetUserTally(), changedGroups);
   _different.merge(plans.user.GetDifferent());
 }
 
@@ -349,7 +365,7 @@ void StoreChange::RemoveGroups() noexcept {
   const std::set<std::string>& names = _request.GetUnplannedNames();
   _lateCount.Subtract(_removed.all, _removed.user);
   MoveGroups(_documents._all, _documents._account.GetAllTally(), names, _removed.all);
-  MoveGroups(_documents._user, _documents._account.GetUserTally(), names, _removed.user);
+  MoveGroups(_documents._user.GetMutableGroups(), _documents._account.GetUserTally(), names, _removed.user);
 }
 
 void StoreChange::Save() {

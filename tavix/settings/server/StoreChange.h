@@ -15,7 +15,9 @@
 #include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/HiddenChange.h"
 #include "tavix/settings/server/HiddenLayers.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/PreparedMerge.h"
+#include "tavix/settings/server/SharedPlaces.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreDocuments.h"
 
@@ -63,7 +65,7 @@ class StoreChange {
   // returns the plan that is made: "early", another sound one, or null; empty: "early". Returns false when the plan
   // contradicts itself, one of its conditions does not hold, or there is none: then nothing is changed and nobody is
   // notified.
-  using ChoosePlan = std::function<AmendmentPlan*(const core::IniFile& userSettings)>;
+  using ChoosePlan = std::function<AmendmentPlan*(const LayerView& userSettings)>;
   [[nodiscard]] static bool Amend(StoreDocuments& documents, ISettingsPersister* persister,
                                   const ChangeNotifier& notifier, AmendmentPlan& early, const ChoosePlan& choose,
                                   const ChangeOrigin& origin, ChangeTicket& ticket) TAVIX_EXCLUDES(documents.GetLock());
@@ -72,9 +74,10 @@ class StoreChange {
   // others that it relies on. 0: nothing, or the change was not saved.
   ChangeTicket GetTicket() const { return _ticket; }
 
-  // Replaces the documents, as loading does: no bounds, nothing is saved, nobody is notified.
-  static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user, HiddenLayers hidden = {})
-      TAVIX_REQUIRES(documents.GetLock());
+  // Replaces the documents, as loading does: no bounds, nothing is saved, nobody is notified. shared: groups of "user"
+  // whose keys are in "all" alone.
+  static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user, HiddenLayers hidden = {},
+                         SharedPlaces shared = {}) TAVIX_REQUIRES(documents.GetLock());
 
   // The same for the user settings alone: what readers see stays as it is.
   static void ReplaceUser(StoreDocuments& documents, core::IniFile user) TAVIX_REQUIRES(documents.GetLock());
@@ -82,6 +85,7 @@ class StoreChange {
  private:
   static void BeginVersion(StoreDocuments& documents);
   static void RequirePatterns(const StoreDocuments& documents, std::ptrdiff_t more) TAVIX_REQUIRES(documents.GetLock());
+  static void OwnGroups(StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
   static void RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
   static void AskPersister(const StoreDocuments& documents, ISettingsPersister& persister, AmendmentPlan& plan,
                            const ChangeOrigin& origin) TAVIX_REQUIRES(documents.GetLock());

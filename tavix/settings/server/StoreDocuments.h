@@ -11,7 +11,9 @@
 #include "tavix/settings/server/DeletedGroupsRecord.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/HiddenLayers.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/UserLayer.h"
 
 namespace tavix::settings::server {
 
@@ -37,15 +39,24 @@ class StoreDocuments {
   osa::ReadWriteLock& GetLock() const TAVIX_RETURN_CAPABILITY(_lock) { return _lock; }
 
   const core::IniFile& GetAll() const TAVIX_REQUIRES_SHARED(_lock) { return _all; }
-  const core::IniFile& GetUser() const TAVIX_REQUIRES_SHARED(_lock) { return _user; }
-  const core::IniFile& Get(Which which) const TAVIX_REQUIRES_SHARED(_lock) {
-    return which == Which::kAll ? _all : _user;
+  const UserLayer& GetUser() const TAVIX_REQUIRES_SHARED(_lock) { return _user; }
+  LayerView Get(Which which) const TAVIX_REQUIRES_SHARED(_lock) {
+    return which == Which::kAll ? LayerView(_all) : LayerView(_user);
   }
+
+  // The same without the keys of groups that both documents share.
+  const core::IniFile& GetGroups(Which which) const TAVIX_REQUIRES_SHARED(_lock) {
+    return which == Which::kAll ? _all : _user.GetGroups();
+  }
+
+  // Makes these groups of the user settings own ones, in parts. Nobody sees that. Throws std::bad_alloc.
+  void OwnGroups(const core::IniFile& named) TAVIX_EXCLUDES(_lock);
+
   const DeletedGroupsRecord& GetRecord() const TAVIX_REQUIRES_SHARED(_lock) { return _record; }
 
   // One group in all layers, for a group that is layered: it is neither restricted nor the record.
   GroupLayers FindLayers(const std::string& group) const TAVIX_REQUIRES_SHARED(_lock) {
-    return {FindKeys(_all, group), FindKeys(_user, group), FindKeys(_hidden.defaults, group),
+    return {FindKeys(_all, group), LayerView(_user).FindKeys(group), FindKeys(_hidden.defaults, group),
             FindKeys(_hidden.unsaved, group), FindKeys(_hidden.restricted, group)};
   }
   const HiddenLayers& GetHidden() const TAVIX_REQUIRES_SHARED(_lock) { return _hidden; }
@@ -74,7 +85,7 @@ class StoreDocuments {
   const std::string _recordGroup;
   mutable osa::ReadWriteLock _lock{"SettingsMutex"};
   core::IniFile _all TAVIX_GUARDED_BY(_lock);
-  core::IniFile _user TAVIX_GUARDED_BY(_lock);
+  UserLayer _user TAVIX_GUARDED_BY(_lock){_all};
   HiddenLayers _hidden TAVIX_GUARDED_BY(_lock);
   DeletedGroupsRecord _record TAVIX_GUARDED_BY(_lock);  // what _user holds of it
   StoreAccount _account;                                // of both documents and what they hide

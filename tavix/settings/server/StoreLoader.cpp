@@ -56,17 +56,27 @@ void HideReplaced(IniFile::GroupMap::value_type& own, const IniFile::KeyMap* use
   }
 }
 
+// The first group from "at" on that is not less than the name. Close by, to go on takes less than to begin again.
+IniFile::iterator FindFrom(IniFile::GroupMap& groups, IniFile::iterator at, const std::string& name) {
+  constexpr int kCloseBy = 3;
+  for (int step = 0; step < kCloseBy && at != groups.end() && at->first < name; ++step) ++at;
+  return at != groups.end() && at->first < name ? groups.lower_bound(name) : at;
+}
+
 // The same for all groups that settings are about to be merged into.
 void HideReplaced(IniFile& all, const IniFile& user, const IniFile& settings, IniFile& hidden) {
-  constexpr int kCloseBy = 3;
   IniFile::GroupMap& groups = all.GetMutableGroups();
   auto own = groups.begin();
   for (const auto& [name, keys] : settings) {
-    for (int step = 0; step < kCloseBy && own != groups.end() && own->first < name; ++step) ++own;
-    if (own != groups.end() && own->first < name) own = groups.lower_bound(name);
+    own = FindFrom(groups, own, name);
     if (own == groups.end()) return;
     if (own->first == name) HideReplaced(*own, FindKeys(user, name), keys, hidden);
   }
+}
+
+bool HasAllKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
+  return wanted.size() <= keys.size() &&
+         std::all_of(wanted.begin(), wanted.end(), [&](const auto& setting) { return keys.count(setting.first) != 0; });
 }
 
 // What filters need counts as wanted. Empty where to try the patterns on all groups may take longer than to load them.
@@ -112,8 +122,9 @@ StoreLoader::Documents StoreLoader::Load() const {
   GroupDiscriminator::FilterOutRestrictedGroups(all);
   all.RemoveGroup(_recordGroup);
   HideReplaced(all, {}, documents.user, documents.hidden.defaults);
-  all.MergeSettings(documents.user);
-  MergeRestrictedSettings(documents);
+  IniFile restricted = LoadRestrictedSettings();
+  MergeUserSettings(documents, restricted);
+  MergeRestrictedSettings(documents, std::move(restricted));
   all.RemoveGroup(_recordGroup);
   return documents;
 }
@@ -124,12 +135,39 @@ void StoreLoader::LoadUserSettings(IniFile& user) const {
   GroupDiscriminator::FilterOutRestrictedGroups(user);
 }
 
-void StoreLoader::MergeRestrictedSettings(Documents& documents) const {
-  if (!_restrictedLoader) return;
+IniFile StoreLoader::LoadRestrictedSettings() const {
   IniFile restricted;
+  if (!_restrictedLoader) return restricted;
   SettingsCombiner combiner(restricted);
   ConfigureSettingsCombiner(combiner);
   _restrictedLoader->LoadRestrictedSettings(combiner);
+  return restricted;
+}
+
+// What readers see of a group is what the user settings have, unless another layer has something to add to it.
+void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restricted) const {
+  if (_persister->NeedsWholeUserSettings()) return documents.all.MergeSettings(documents.user);
+  IniFile::GroupMap& groups = documents.all.GetMutableGroups();
+  auto own = groups.begin();
+  for (auto group = documents.user.begin(); group != documents.user.end(); ++group) {
+    auto& [name, keys] = *group;
+    own = FindFrom(groups, own, name);
+    const bool isThere = own != groups.end() && own->first == name;
+    const bool isShared =
+        name != _recordGroup && !restricted.HasGroup(name) && (!isThere || HasAllKeys(keys, own->second));
+    if (!isShared) {
+      documents.all.MergeGroup(group);
+      continue;
+    }
+    if (!isThere) own = groups.try_emplace(own, name);
+    documents.shared.Add(keys, keys.size());
+    own->second.swap(keys);
+    keys.clear();
+  }
+  documents.shared.Seal();
+}
+
+void StoreLoader::MergeRestrictedSettings(Documents& documents, IniFile restricted) const {
   for (auto group = restricted.begin(); group != restricted.end(); ++group) {
     if (IsLayered(group->first, _recordGroup)) documents.hidden.restricted.MergeGroup(group);
   }

@@ -5,6 +5,7 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/settings/server/HiddenLayers.h"
+#include "tavix/settings/server/SharedPlaces.h"
 
 namespace tavix::settings::common {
 class GroupNameMatcher;
@@ -29,6 +30,7 @@ class StoreLoader {
     core::IniFile all;   // what readers see
     core::IniFile user;  // the user settings with their bookkeeping
     HiddenLayers hidden;
+    SharedPlaces shared;  // groups of "user" whose keys are in "all" alone
   };
 
   // All outlive the object. restrictedLoader and includeFilter may be null; so may the persister, then nothing is
@@ -53,7 +55,9 @@ class StoreLoader {
   core::IniFile LoadDefaults(const common::GroupNameMatcher& matcher) const;
 
  private:
-  void MergeRestrictedSettings(Documents& documents) const;
+  core::IniFile LoadRestrictedSettings() const;
+  void MergeUserSettings(Documents& documents, const core::IniFile& restricted) const;
+  void MergeRestrictedSettings(Documents& documents, core::IniFile restricted) const;
 
   ISettingsPersister* const _persister;
   IRestrictedSettingsLoader* const _restrictedLoader;

@@ -33,7 +33,7 @@ void TextInParts::Collect(const Reader& readDocument, const std::function<std::s
   }
 }
 
-void TextInParts::Update(const IniFile& document, const std::set<std::string>& changedGroups) {
+void TextInParts::Update(const LayerView& document, const std::set<std::string>& changedGroups) {
   if (_parts.empty()) _parts.emplace_back();
   const std::set<size_t> parts = FindParts(changedGroups);
   for (auto part = parts.rbegin(); part != parts.rend(); ++part) {
@@ -46,7 +46,7 @@ void TextInParts::Update(const IniFile& document, const std::set<std::string>& c
 size_t TextInParts::Make(const Reader& readDocument, size_t part, size_t bytes) {
   size_t all = 0;
   for (bool isDone = false; !isDone;) {
-    readDocument([&](const IniFile& document) {
+    readDocument([&](const LayerView& document) {
       for (size_t made = 0; !isDone && made < _bytesOfAPart; ++part) {
         isDone = MakePart(document, part, bytes);
         const size_t size = _parts[part].text.size();
@@ -59,9 +59,8 @@ size_t TextInParts::Make(const Reader& readDocument, size_t part, size_t bytes) 
 }
 
 // False when it was too long: then the next part begins where this one ends, and is not made yet.
-bool TextInParts::MakePart(const IniFile& document, size_t part, size_t bytes) {
-  const auto& groups = document.GetGroups();
-  const auto end = part + 1 < _parts.size() ? groups.lower_bound(_parts[part + 1].first) : groups.end();
+bool TextInParts::MakePart(const LayerView& document, size_t part, size_t bytes) {
+  const auto end = part + 1 < _parts.size() ? document.FindPlace(_parts[part + 1].first) : document.GetEnd();
   const auto rest = Write(document, _parts[part], end, bytes);
   if (rest == end) return true;
   const auto next = _parts.insert(_parts.begin() + static_cast<std::ptrdiff_t>(part) + 1, Part());
@@ -70,19 +69,18 @@ bool TextInParts::MakePart(const IniFile& document, size_t part, size_t bytes) {
 }
 
 // Returns the first group that the part has no room for.
-IniFile::const_iterator TextInParts::Write(const IniFile& document, Part& part, IniFile::const_iterator end,
-                                           size_t bytes) {
+LayerView::Group TextInParts::Write(const LayerView& document, Part& part, LayerView::Group end, size_t bytes) {
   _out.Reset(2 * _bytesOfAPart);
   part.groups = 0;
   GroupWalk::Work work = kWorkOfAPart;
-  auto group = document.GetGroups().lower_bound(part.first);
+  auto group = document.FindPlace(part.first);
   for (; group != end && work > 0 && _out.GetText().size() < bytes; --work) {
-    if (_pWalk) group = _pWalk->FindNext(document, group, end, work);
+    if (_pWalk) group = _pWalk->FindNext(document.GetDocument(), group, end, work);
     if (group == end || work == 0) break;
     if (_pSerializer) {
-      _pSerializer->WriteGroup(_out, group);
+      _pSerializer->WriteGroup(_out, document.Resolve(group));
     } else {
-      IniFile::SaveGroupToStream(_out, group);
+      IniFile::SaveGroupToStream(_out, document.Resolve(group));
     }
     ++part.groups;
     ++group;

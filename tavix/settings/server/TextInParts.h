@@ -9,6 +9,7 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/core/MemoryStream.h"
 #include "tavix/osa/Export.h"
+#include "tavix/settings/server/LayerView.h"
 
 namespace tavix::settings::server {
 
@@ -24,7 +25,7 @@ class ISettingsSerializer;
 class TAVIX_DAEMON_EXPORT TextInParts {
  public:
   // Calls back with the document while nobody can change it.
-  using Reader = std::function<void(const std::function<void(const core::IniFile&)>&)>;
+  using Reader = std::function<void(const std::function<void(const LayerView&)>&)>;
 
   // Settings text of the whole document.
   explicit TextInParts(size_t bytesOfAPart = 64 * 1024) : _bytesOfAPart(bytesOfAPart) {}
@@ -39,7 +40,7 @@ class TAVIX_DAEMON_EXPORT TextInParts {
   void Collect(const Reader& readDocument, const std::function<std::set<std::string>()>& takeChanged);
 
   // Makes the parts again that hold these groups, or would.
-  void Update(const core::IniFile& document, const std::set<std::string>& changedGroups);
+  void Update(const LayerView& document, const std::set<std::string>& changedGroups);
 
   size_t CountGroups() const;
   size_t CountBytes() const;
@@ -56,9 +57,8 @@ class TAVIX_DAEMON_EXPORT TextInParts {
   };
 
   size_t Make(const Reader& readDocument, size_t part, size_t bytes);
-  bool MakePart(const core::IniFile& document, size_t part, size_t bytes);
-  core::IniFile::const_iterator Write(const core::IniFile& document, Part& part, core::IniFile::const_iterator end,
-                                      size_t bytes);
+  bool MakePart(const LayerView& document, size_t part, size_t bytes);
+  LayerView::Group Write(const LayerView& document, Part& part, LayerView::Group end, size_t bytes);
   std::set<size_t> FindParts(const std::set<std::string>& groups) const;
 
   const size_t _bytesOfAPart;

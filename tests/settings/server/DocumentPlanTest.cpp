@@ -5,6 +5,7 @@
 
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
@@ -17,6 +18,7 @@
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/RandomDocument.h"
+#include "tests/support/SharedUserSettings.h"
 
 // Plans that are carried out, by StoreChange, on documents that others changed after they were made.
 
@@ -34,6 +36,8 @@ using tavix::settings::server::StoreChange;
 using tavix::settings::server::StoreDocuments;
 using tavix::test::DocumentOf;
 using tavix::test::RandomDocuments;
+using tavix::test::SharedUserSettings;
+using tavix::test::ShareEqualGroups;
 using tavix::test::TextOf;
 
 using Names = std::set<std::string>;
@@ -73,7 +77,9 @@ struct DocumentPlanTest : testing::Test {
     all = RandomGroups(random, random.Below(500));
     all.MergeSettings(user);
     const tavix::osa::WriteAutoLock lock(documents.GetLock());
-    StoreChange::ReplaceAll(documents, all, user);
+    SharedUserSettings shared{user, {}};
+    if (random.Below(2) == 0) shared = ShareEqualGroups(all, user);
+    StoreChange::ReplaceAll(documents, all, std::move(shared.settings), {}, std::move(shared.shared));
   }
 
   void Change(IniFile& document, const Names& removed, const IniFile& settings) {
@@ -98,12 +104,14 @@ struct DocumentPlanTest : testing::Test {
     const tavix::osa::ReadAutoLock lock(documents.GetLock());
     EXPECT_EQ(TextOf(documents.GetAll()), TextOf(all));
     EXPECT_EQ(TextOf(documents.GetUser()), TextOf(user));
-    EXPECT_EQ(documents.GetAccount().GetBytes(), StoreAccount::Count(all) + StoreAccount::Count(user) +
+    EXPECT_EQ(documents.GetAccount().GetBytes(), StoreAccount::Count(all) +
+                                                     StoreAccount::Count(documents.GetUser().GetGroups()) +
                                                      StoreAccount::Count(documents.GetHidden().defaults));
     StoreAccount counted;
     counted.CountAnew(all, user);
     EXPECT_EQ(documents.GetAccount().GetAllTally().CountKeys(), counted.GetAllTally().CountKeys());
-    EXPECT_EQ(documents.GetAccount().GetUserTally().CountKeys(), counted.GetUserTally().CountKeys());
+    EXPECT_EQ(documents.GetAccount().GetUserTally().CountKeys() + documents.GetUser().CountSharedKeys(),
+              counted.GetUserTally().CountKeys());
     EXPECT_EQ(documents.GetAccount().GetAllTally().CountNameBytes(), counted.GetAllTally().CountNameBytes());
   }
 

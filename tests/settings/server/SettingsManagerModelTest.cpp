@@ -55,6 +55,12 @@ size_t CountBytes(const Groups& groups) {
   return StoreAccount::Count(IniFile(groups));
 }
 
+size_t CountKeys(const Groups& groups) {
+  size_t keys = 0;
+  for (const auto& group : groups) keys += group.second.size();
+  return keys;
+}
+
 Groups WithoutValues(Groups groups) {
   for (auto& group : groups) {
     for (auto& setting : group.second) setting.second.clear();
@@ -114,16 +120,21 @@ GroupNameMatcher MatcherOf(const Names& names) {
 // Does the same to a store and to its model, and compares everything that can be seen.
 class Comparison {
  public:
-  explicit Comparison(unsigned int seed)
+  Comparison(unsigned int seed, bool isWhole)
       : _random(seed),
+        _isWhole(isWhole),
         _model(StoreModel::UnrestrictedOf(RandomGroups(_random)),
                {{"Secure/K", {{"key", "1"}}}, {"Net/Eth0", {{"y", "loader"}}}}),
         _persister({Text(_model.defaults)}),
         _loader(Text(_model.restricted)) {
+    _persister.SetNeedsWhole(isWhole);
     Restart();
   }
 
   size_t CountAmended() const { return _amended; }
+
+  // The bytes that were in memory once instead of twice, summed up over all steps.
+  size_t CountSavedBytes() const { return _savedBytes; }
 
   void Step() {
     const size_t what = _random.Below(130);
@@ -217,9 +228,7 @@ class Comparison {
     ASSERT_EQ(AllSettingsOf(*_store), Text(_model.all));
     ASSERT_EQ(UserSettingsOf(*_store), Text(_model.user));
     ASSERT_EQ(_persister.GetSaved(), Text(_model.user));
-    ASSERT_EQ(_store->GetApproximateBytes(),
-              CountBytes(_model.all) + CountBytes(_model.user) + CountBytes(_model.FindHiddenDefaults()) +
-                  CountBytes(WithoutValues(_model.GetUnsaved())) + CountBytes(_model.FindUnrestricted()));
+    CompareSizes();
     ASSERT_EQ(_everything.TakeChanges(), std::exchange(_expected, {}));
     ASSERT_EQ(_network.TakeChanges(), std::exchange(_expectedOfNetwork, {}));
     const Names groups = RandomNames(_random);
@@ -230,7 +239,22 @@ class Comparison {
     ASSERT_EQ(TextOf(read), Text(expected));
   }
 
+  void CompareSizes() {
+    const size_t bytes = CountBytes(_model.all) + CountBytes(_model.user) + CountBytes(_model.FindHiddenDefaults()) +
+                         CountBytes(WithoutValues(_model.GetUnsaved())) + CountBytes(_model.FindUnrestricted());
+    ASSERT_LE(_store->GetApproximateBytes(), bytes);
+    _savedBytes += bytes - _store->GetApproximateBytes();
+    ASSERT_TRUE(!_isWhole || _savedBytes == 0);
+    Groups user = _model.user;
+    user.erase(kRecord);
+    ASSERT_EQ(_store->GetSizes().userGroups, user.size());
+    ASSERT_EQ(_store->GetSizes().userKeys, CountKeys(user));
+    ASSERT_EQ(_store->GetSizes().allKeys, CountKeys(_model.all));
+  }
+
   RandomDocuments _random;
+  const bool _isWhole;
+  size_t _savedBytes = 0;
   StoreModel _model;
   MemoryPersister _persister;
   MemoryRestrictedLoader _loader;
@@ -242,16 +266,23 @@ class Comparison {
   size_t _amended = 0;
 };
 
-TEST(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
+class SettingsManagerModel : public testing::TestWithParam<bool> {};
+
+TEST_P(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
+  const bool isWhole = GetParam();
   for (const unsigned int seed : {3101u, 3102u, 3103u, 3104u}) {
-    Comparison comparison(seed);
+    Comparison comparison(seed, isWhole);
     for (int step = 0; step < 1500; ++step) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
       comparison.Step();
       if (testing::Test::HasFatalFailure()) return;
     }
     EXPECT_GT(comparison.CountAmended(), 50u);
+    EXPECT_EQ(comparison.CountSavedBytes() == 0, isWhole);
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(WithUserSettings, SettingsManagerModel, testing::Bool(),
+                         [](const auto& parameter) { return parameter.param ? "Whole" : "Shared"; });
 
 }  // namespace

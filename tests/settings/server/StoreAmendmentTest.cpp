@@ -90,7 +90,7 @@ TEST(ChosenAmendment, IsChosenByTheUserSettingsThatItChanges) {
   ServedStore served({"[A]\nd=1\n"}, "[A]\nx=1\n");
   std::string seen;
   const StoreAmendment early = Set("[A]\nx=2\n");
-  EXPECT_TRUE(AmendAsChosen(served, early, [&](const core::IniFile& user) {
+  EXPECT_TRUE(AmendAsChosen(served, early, [&](const settings::server::LayerView& user) {
     seen = TextOf(user);
     return &early;
   }));

@@ -6,6 +6,8 @@
 #include <new>
 #include <set>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tavix/core/IniFile.h"
@@ -17,11 +19,13 @@
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/RefusedAllocation.h"
+#include "tests/support/SharedUserSettings.h"
 
 // Changes of a store whose memory runs out at any moment: they are made altogether, or not at all.
 
@@ -33,6 +37,7 @@ using settings::server::ChangeNotifier;
 using settings::server::ChangeRequest;
 using settings::server::ChangeTicket;
 using settings::server::ISettingsPersister;
+using settings::server::LayerView;
 using settings::server::SettingsCombiner;
 using settings::server::StoreAccount;
 using settings::server::StoreChange;
@@ -94,7 +99,7 @@ class SeenGroups : public settings::IChangeCallback {
 struct Outcome {
   std::string all;
   std::string user;
-  size_t bytes = 0;
+  size_t bytes = 0;  // 0 where a change that is not made leaves more, too
   Names notified;
   int saves = 0;
 
@@ -115,12 +120,17 @@ class SmallStore {
  public:
   using Fill = std::function<void(ChangeRequest&)>;
 
-  SmallStore() {
+  // isShared: groups that readers see as the user settings have them are in memory once.
+  explicit SmallStore(bool isShared) : _isShared(isShared) {
+    const IniFile all = DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n");
+    const IniFile user = DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n");
+    SharedUserSettings shared;
+    if (isShared) shared = ShareEqualGroups(all, user);
     const osa::WriteAutoLock lock(_documents.GetLock());
     StoreChange::ReplaceAll(
-        _documents, DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n"),
-        DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n"),
-        {DocumentOf("[B]\nx=" + kLong + "\n[Default 3]\nx=" + kLong + "\n"), DocumentOf("[Default]\nx=\n"), {}});
+        _documents, all, isShared ? std::move(shared.settings) : user,
+        {DocumentOf("[B]\nx=" + kLong + "\n[Default 3]\nx=" + kLong + "\n"), DocumentOf("[Default]\nx=\n"), {}},
+        std::move(shared.shared));
     _notifier.GetDispatcher().AddCallback(&_callback, Names{"A", "B*", "*a*", "*New*"});
   }
 
@@ -168,19 +178,23 @@ class SmallStore {
   Outcome GetOutcome() const {
     const osa::ReadAutoLock lock(_documents.GetLock());
     const auto& hidden = _documents.GetHidden();
-    const size_t bytes = StoreAccount::Count(_documents.GetAll()) + StoreAccount::Count(_documents.GetUser()) +
-                         StoreAccount::Count(hidden.defaults) + StoreAccount::Count(hidden.unsaved);
+    const size_t bytes = StoreAccount::Count(_documents.GetAll()) +
+                         StoreAccount::Count(_documents.GetUser().GetGroups()) + StoreAccount::Count(hidden.defaults) +
+                         StoreAccount::Count(hidden.unsaved);
     EXPECT_EQ(_documents.GetAccount().GetBytes(), bytes);
     StoreAccount counted;
-    counted.CountAnew(_documents.GetAll(), _documents.GetUser(), hidden);
-    EXPECT_EQ(_documents.GetAccount().GetUserTally().CountKeys(), counted.GetUserTally().CountKeys());
+    const IniFile user = LayerView(_documents.GetUser()).Copy();
+    counted.CountAnew(_documents.GetAll(), user, hidden);
+    EXPECT_EQ(_documents.GetAccount().GetUserTally().CountKeys() + _documents.GetUser().CountSharedKeys(),
+              counted.GetUserTally().CountKeys());
     EXPECT_EQ(_documents.GetAccount().GetAllTally().CountNameBytes(), counted.GetAllTally().CountNameBytes());
-    return {TextOf(_documents.GetAll()), TextOf(_documents.GetUser()), bytes, _callback.Get(), _persister.saves};
+    return {TextOf(_documents.GetAll()), TextOf(user), _isShared ? 0 : bytes, _callback.Get(), _persister.saves};
   }
 
   unsigned long long GetVersion() const { return _documents.GetVersion(); }
 
  private:
+  const bool _isShared;
   StoreDocuments _documents{kRecord};
   CountingPersister _persister;
   ChangeNotifier _notifier;
@@ -251,22 +265,25 @@ const std::vector<Case> kCases{
      }},
 };
 
-class StoreWithoutMemory : public testing::TestWithParam<Case> {
+class StoreWithoutMemory : public testing::TestWithParam<std::tuple<Case, bool>> {
  protected:
+  static const SmallStore::Fill& GetFill() { return std::get<0>(GetParam()).fill; }
+  static bool IsShared() { return std::get<1>(GetParam()); }
+
   // Refuses each allocation of the change in turn. What is left is all of the change, or nothing.
   static void ExpectAllOrNothing(bool areAllBehindIt) {
-    const Outcome before = SmallStore().GetOutcome();
-    SmallStore model;
-    ASSERT_TRUE(model.Change(GetParam().fill, -1, false));
+    const Outcome before = SmallStore(IsShared()).GetOutcome();
+    SmallStore model(IsShared());
+    ASSERT_TRUE(model.Change(GetFill(), -1, false));
     const Outcome after = model.GetOutcome();
     ASSERT_THAT(after.notified, testing::Not(IsEmpty()));
     bool isRefused = true;
     for (long refused = 0; isRefused; ++refused) {
       SCOPED_TRACE(refused);
       ASSERT_LT(refused, 10'000);
-      SmallStore store;
+      SmallStore store(IsShared());
       const auto version = store.GetVersion();
-      const bool isMade = store.Change(GetParam().fill, refused, areAllBehindIt);
+      const bool isMade = store.Change(GetFill(), refused, areAllBehindIt);
       isRefused = RefusedAllocation::WasRefused();
       ASSERT_EQ(store.GetOutcome(), isMade ? after : before);
       ASSERT_EQ(store.GetVersion() != version, isMade);
@@ -289,36 +306,38 @@ TEST_P(StoreWithoutMemory, MakesAllOfAChangeAndNotifiesOfItOrDoesNothingWhenNoMe
 TEST_P(StoreWithoutMemory, MakesAllOrNothingOfAChangeThatOthersWereFasterThan) {
   const IniFile otherSettings = DocumentOf("[A]\nother=1\n[Default]\nx=other\n[Late]\nk=1\n");
   const auto fillOther = [&](ChangeRequest& request) { request.Merge(otherSettings); };
-  SmallStore model;
-  ASSERT_TRUE(model.ChangeLate(GetParam().fill, fillOther, -1));
-  SmallStore first;
-  ASSERT_FALSE(first.ChangeLate(GetParam().fill, fillOther, 0));
+  SmallStore model(IsShared());
+  ASSERT_TRUE(model.ChangeLate(GetFill(), fillOther, -1));
+  SmallStore first(IsShared());
+  ASSERT_FALSE(first.ChangeLate(GetFill(), fillOther, 0));
   bool isRefused = true;
   for (long refused = 0; isRefused; ++refused) {
     SCOPED_TRACE(refused);
     ASSERT_LT(refused, 10'000);
-    SmallStore store;
-    const bool isMade = store.ChangeLate(GetParam().fill, fillOther, refused);
+    SmallStore store(IsShared());
+    const bool isMade = store.ChangeLate(GetFill(), fillOther, refused);
     isRefused = RefusedAllocation::WasRefused();
     ASSERT_EQ(store.GetOutcome(), (isMade ? model : first).GetOutcome());
   }
 }
 
+class AmendedStoreWithoutMemory : public testing::TestWithParam<bool> {};
+
 // Of each layer and of the record something comes, and something goes.
-TEST(AmendedStoreWithoutMemory, MakesAllOfAnAmendmentAndNotifiesOfItOrDoesNothing) {
+TEST_P(AmendedStoreWithoutMemory, MakesAllOfAnAmendmentAndNotifiesOfItOrDoesNothing) {
   settings::Amendment amendment;
   amendment.set = DocumentOf("[Default 2]\nx=" + kLong + "\n[New group of a name that is long]\nk=" + kLong + "\n");
   amendment.unset = DocumentOf("[A]\ny=\n[B]\n[D*]\n[Default]\nx=\n");
   amendment.replace = DocumentOf("[C]\nx=" + kLong + "\n");
-  SmallStore model;
+  SmallStore model(GetParam());
   ASSERT_TRUE(model.Amend(amendment, -1, false));
-  const Outcome before = SmallStore().GetOutcome();
+  const Outcome before = SmallStore(GetParam()).GetOutcome();
   const Outcome after = model.GetOutcome();
   ASSERT_THAT(after.notified, testing::IsSupersetOf({"A", "B", "Default 2"}));
   for (const bool areAllBehindIt : {false, true}) {
     bool isRefused = true;
     for (long refused = 0; isRefused; ++refused) {
-      SmallStore store;
+      SmallStore store(GetParam());
       const bool isMade = store.Amend(amendment, refused, areAllBehindIt);
       isRefused = RefusedAllocation::WasRefused();
       ASSERT_EQ(store.GetOutcome(), isMade ? after : before) << refused;
@@ -326,7 +345,12 @@ TEST(AmendedStoreWithoutMemory, MakesAllOfAnAmendmentAndNotifiesOfItOrDoesNothin
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Changes, StoreWithoutMemory, testing::ValuesIn(kCases),
-                         [](const auto& parameter) { return std::string(parameter.param.name); });
+INSTANTIATE_TEST_SUITE_P(Changes, StoreWithoutMemory, testing::Combine(testing::ValuesIn(kCases), testing::Bool()),
+                         [](const auto& parameter) {
+                           const bool isShared = std::get<1>(parameter.param);
+                           return std::string(std::get<0>(parameter.param).name) + (isShared ? "IntoSharedGroups" : "");
+                         });
+INSTANTIATE_TEST_SUITE_P(Amendments, AmendedStoreWithoutMemory, testing::Bool(),
+                         [](const auto& parameter) { return parameter.param ? "OfSharedGroups" : "OfOwnGroups"; });
 
 }  // namespace tavix::test

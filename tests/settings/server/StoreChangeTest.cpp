@@ -56,7 +56,7 @@ using Names = std::set<std::string>;
 const std::string kRecord = "Record";
 
 template <class Document>
-constexpr bool kIsReadOnly = std::is_same_v<Document, const IniFile&>;
+constexpr bool kIsReadOnly = std::is_const_v<std::remove_reference_t<Document>>;
 
 static_assert(kIsReadOnly<decltype(std::declval<StoreDocuments&>().GetAll())>, "StoreChange alone changes documents");
 static_assert(kIsReadOnly<decltype(std::declval<StoreDocuments&>().GetUser())>, "StoreChange alone changes documents");
@@ -230,7 +230,7 @@ TEST_F(StoreChangeTest, KeepsUserSettingsWhenAsked) {
   request.KeepUserSettings();
   ASSERT_TRUE(Make(request));
   EXPECT_EQ(documents.GetAll().GetValueOrDefault("A", "x"), "7");
-  EXPECT_EQ(documents.GetUser().GetValueOrDefault("A", "x"), "1");
+  EXPECT_EQ(documents.GetUser().GetGroups().GetValueOrDefault("A", "x"), "1");
   EXPECT_THAT(persister.saves, IsEmpty());
   EXPECT_THAT(persister.unchanged, IsEmpty());
 }

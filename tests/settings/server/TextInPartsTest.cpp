@@ -24,7 +24,7 @@ std::string MoveOut(TextInParts& text) {
 // Returns how often the layer was read.
 int Collect(TextInParts& text, const core::IniFile& layer, const std::set<std::string>& changed = {}) {
   int reads = 0;
-  const TextInParts::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+  const TextInParts::Reader readLayer = [&](const std::function<void(const settings::server::LayerView&)>& read) {
     ++reads;
     read(layer);
   };
@@ -96,7 +96,7 @@ TEST(TextInParts, IsCollectedWhileTheLayerChanges) {
     changes.Make(layer, 80, changed);
     changed.clear();
     TextInParts text(1 + changes.Below(200));
-    const TextInParts::Reader readLayer = [&](const std::function<void(const core::IniFile&)>& read) {
+    const TextInParts::Reader readLayer = [&](const std::function<void(const settings::server::LayerView&)>& read) {
       changes.Make(layer, changes.Below(3), changed);
       read(layer);
     };

@@ -91,9 +91,9 @@ class StoreOfDevice : public bridge::ILocalStore, private settings::IChangeCallb
 
   core::IniFile ReadUsers(const std::set<std::string>& groups) override {
     core::IniFile users;
-    _served.store.ReadUserSettings([&](const core::IniFile& layer) {
+    _served.store.ReadUserSettings([&](const settings::server::LayerView& layer) {
       for (const std::string& group : groups) {
-        if (layer.HasGroup(group)) users[group] = layer[group];
+        if (const auto* const keys = layer.FindKeys(group)) users[group] = *keys;
       }
     });
     return users;

@@ -154,7 +154,7 @@ class RandomLife {
 
   Groups GetUser() {
     Groups groups;
-    GetStore().ReadUserSettings([&](const core::IniFile& user) { groups = GroupsOf(user); });
+    GetStore().ReadUserSettings([&](const settings::server::LayerView& user) { groups = GroupsOf(user.Copy()); });
     return groups;
   }
 

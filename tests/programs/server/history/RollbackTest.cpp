@@ -38,7 +38,7 @@ class Interrupted : public daemon::EarlierSettings {
     ++lockedRounds;
     return _canBeginLocked && _inner.BeginLocked();
   }
-  bool ComparePart(const core::IniFile& userSettings, daemon::RollbackPlan& plan) override {
+  bool ComparePart(const settings::server::LayerView& userSettings, daemon::RollbackPlan& plan) override {
     return _inner.ComparePart(userSettings, plan);
   }
 

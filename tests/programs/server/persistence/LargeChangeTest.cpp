@@ -26,10 +26,10 @@ TEST(LargeChange, HasManyGroupsOrAddsToMany) {
     many.insert(std::to_string(i));
     added.SetValue("List", std::to_string(i), "");
   }
-  EXPECT_TRUE(IsLargeChange({}, many, {}, 100));
-  EXPECT_TRUE(IsLargeChange({}, {}, added, 100));
+  EXPECT_TRUE(IsLargeChange(core::IniFile(), many, {}, 100));
+  EXPECT_TRUE(IsLargeChange(core::IniFile(), {}, added, 100));
   many.erase(many.begin());
-  EXPECT_FALSE(IsLargeChange({}, many, {}, 100));
+  EXPECT_FALSE(IsLargeChange(core::IniFile(), many, {}, 100));
 }
 
 }  // namespace tavix::test

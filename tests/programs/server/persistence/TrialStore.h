@@ -70,7 +70,7 @@ class TrialStore {
 
   std::string GetUser() {
     std::string text;
-    _store.GetManager().ReadUserSettings([&](const core::IniFile& user) { text = TextOf(user); });
+    _store.GetManager().ReadUserSettings([&](const settings::server::LayerView& user) { text = TextOf(user); });
     return text;
   }
 

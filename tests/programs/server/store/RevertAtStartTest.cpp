@@ -61,7 +61,7 @@ struct RevertAtStart : testing::Test {
 
     std::string GetUser() const {
       std::string text;
-      store->GetManager().ReadUserSettings([&](const core::IniFile& user) { text = TextOf(user); });
+      store->GetManager().ReadUserSettings([&](const settings::server::LayerView& user) { text = TextOf(user); });
       return text;
     }
 

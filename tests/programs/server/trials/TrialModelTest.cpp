@@ -169,7 +169,7 @@ class Comparison {
 
   Groups GetUser() const {
     Groups groups;
-    _store.manager.ReadUserSettings([&](const core::IniFile& user) { groups = GroupsOf(user); });
+    _store.manager.ReadUserSettings([&](const settings::server::LayerView& user) { groups = GroupsOf(user.Copy()); });
     return WithoutEmptyRecord(groups);
   }
 

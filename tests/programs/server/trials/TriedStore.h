@@ -78,7 +78,7 @@ class TriedStore : private MemoryPersister {
     settings::server::StoreAmendment revert;
     book.BeginPlan(name);
     const daemon::OldSettings settings = GetSettings(name);
-    manager.ReadUserSettings([&](const core::IniFile& user) {
+    manager.ReadUserSettings([&](const settings::server::LayerView& user) {
       for (const auto& setting : settings) AddToRevert(setting, user, revert);
     });
     return revert;
@@ -98,7 +98,7 @@ class TriedStore : private MemoryPersister {
 
   std::string GetUser() const {
     std::string text;
-    manager.ReadUserSettings([&](const core::IniFile& user) { text = TextOf(user); });
+    manager.ReadUserSettings([&](const settings::server::LayerView& user) { text = TextOf(user); });
     return text;
   }
   std::string GetSeen() const {

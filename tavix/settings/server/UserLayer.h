@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/settings/server/SharedPlaces.h"
+
+namespace tavix::settings::server {
+
+class StoreAccount;
+
+// The user settings of a store. A group that readers see as the user settings have it is in memory once: its keys are
+// in the document of what readers see, and this one has its name alone. Such a group is shared. Who changes it in both
+// documents alike changes what readers see alone (CountBefore, CountBehind), or takes the group out of both (Forget).
+// Who changes one of the two, or each in its own way, makes it an own group before (Own): from then on the user
+// settings have keys of their own for it. Only loading shares groups.
+//
+// Threads: guarded by the store's lock, as the document of what readers see.
+class UserLayer {
+ public:
+  using Keys = core::IniFile::KeyMap;
+
+  // all: what readers see; outlives the object.
+  explicit UserLayer(const core::IniFile& all) : _all(all) {}
+
+  UserLayer(const UserLayer&) = delete;
+  UserLayer& operator=(const UserLayer&) = delete;
+
+  // All groups, but without the keys of those that are shared: for what concerns names, and own groups. What is to be
+  // read goes through a LayerView.
+  const core::IniFile& GetGroups() const { return _groups; }
+  core::IniFile& GetMutableGroups() { return _groups; }
+
+  // place: a group of GetGroups.
+  bool IsShared(core::IniFile::const_iterator place) const {
+    return place->second.empty() && _shared.Has(place->second);
+  }
+  bool IsShared(const std::string& name) const;
+
+  // place: a group of GetGroups. The same with its keys.
+  core::IniFile::const_iterator Resolve(core::IniFile::const_iterator place) const;
+
+  // Replaces all of it. shared: groups of "groups", as readers see them.
+  void Replace(core::IniFile groups, SharedPlaces shared) {
+    _groups = std::move(groups);
+    _shared = std::move(shared);
+  }
+
+  bool HasShared() const { return !_shared.IsEmpty(); }
+  size_t CountSharedKeys() const { return _shared.CountKeys(); }
+
+  // Makes groups own ones, which nobody sees but the account. Throws std::bad_alloc: some may have become own groups.
+  void Own(const std::string& name, StoreAccount& account);
+  void Own(const core::IniFile& named, StoreAccount& account);
+
+  // What readers see is about to get settings that both layers get, and has got them.
+  void CountBefore(const core::IniFile& settings) noexcept { CountKeys(settings, -1); }
+  void CountBehind(const core::IniFile& settings) noexcept { CountKeys(settings, 1); }
+
+  // The groups are about to leave both documents.
+  void Forget(const std::set<std::string>& names) noexcept;
+
+ private:
+  void CountKeys(const core::IniFile& named, int sign) noexcept;
+
+  const core::IniFile& _all;
+  core::IniFile _groups;
+  SharedPlaces _shared;
+};
+
+}  // namespace tavix::settings::server
