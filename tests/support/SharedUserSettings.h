@@ -16,13 +16,13 @@ struct SharedUserSettings {
 inline SharedUserSettings ShareEqualGroups(const core::IniFile& all, core::IniFile user) {
   SharedUserSettings result;
   result.settings = std::move(user);
+  result.shared = settings::server::SharedPlaces(result.settings.GetGroups().size());
   for (auto& [name, keys] : result.settings) {
     const auto seen = all.GetGroups().find(name);
     if (seen == all.end() || seen->second != keys) continue;
     result.shared.Add(keys, keys.size());
     keys.clear();
   }
-  result.shared.Seal();
   return result;
 }
 

@@ -99,11 +99,6 @@ std::set<std::string> FindDifference(const LayerView& layer, const std::set<std:
     if (before && isSet ? *before != after->second : (before != nullptr) != isSet)
       different.insert(different.end(), name);
   }
-  for (const auto& [name, keys] : settings) {
-    if (removed.count(name) != 0) continue;
-    const IniFile::KeyMap* const own = layer.FindKeys(name);
-    if (!own || !HoldsKeys(*own, keys)) different.insert(name);
-  }
   return different;
 }
 

@@ -33,7 +33,7 @@ void MoveKeys(core::IniFile::KeyMap& target, core::IniFile::KeyMap& source) noex
 // Whether the document holds every value of the group. A group without keys asks for nothing.
 bool HoldsValues(const core::IniFile& document, core::IniFile::const_iterator group);
 
-// The groups that hold something else once the layer has lost the groups "removed" and "settings" were merged into
+// Those of the groups "removed" that hold something else once the layer has lost them and "settings" were merged into
 // it. A group without keys is one, too.
 std::set<std::string> FindDifference(const LayerView& layer, const std::set<std::string>& removed,
                                      const core::IniFile& settings);

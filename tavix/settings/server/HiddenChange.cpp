@@ -85,7 +85,9 @@ void HiddenChange::AddSet(const StoreDocuments& documents, const Group& group, b
   if (!documents.IsLayered(group.first)) return;
   const GroupLayers layers = documents.FindLayers(group.first);
   if (layers.IsUnmarkedEmptyDefault()) AddGroup(_defaults, group.first);
-  if (layers.all) {
+  if (layers.IsShared()) {  // readers see none of its defaults
+    _hasShared = true;
+  } else if (layers.all) {
     for (const auto& setting : group.second) Hide(layers, group.first, setting.first);
   }
   if (!isPersistent) AddUnsaved(layers, group);

@@ -37,6 +37,9 @@ class HiddenChange {
   // Takes groups out that others changed since Make.
   void Withdraw(const std::set<std::string>& changedGroups);
 
+  // Whether groups that get values are in memory once.
+  bool HasShared() const { return _hasShared; }
+
   // How many bytes the hidden layers get at most, as the store's account counts them.
   size_t GetBytes() const { return _bytes; }
 
@@ -62,6 +65,7 @@ class HiddenChange {
   core::IniFile _defaults;
   core::IniFile _unsaved;
   size_t _bytes = 0;
+  bool _hasShared = false;
 };
 
 }  // namespace tavix::settings::server

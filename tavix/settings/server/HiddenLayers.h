@@ -35,6 +35,9 @@ struct GroupLayers {
   // Whether the group is in the defaults. O(keys) where each key of the group is of another layer.
   bool HasDefaults() const;
 
+  // Whether the user settings have the group, and it is in memory once.
+  bool IsShared() const { return all && user == all; }
+
   // Whether readers see the group as the defaults have it.
   bool IsOfDefaultsAlone() const { return all && !user && !unsaved && !restricted; }
 

@@ -10,8 +10,8 @@ LayerView::LayerView(const UserLayer& layer)
     : _document(&layer.GetGroups()), _layer(layer.HasShared() ? &layer : nullptr) {}
 
 const LayerView::Keys* LayerView::FindKeys(const std::string& group) const {
-  const Group found = Find(group);
-  return found == GetEnd() ? nullptr : &found->second;
+  const Keys* const keys = server::FindKeys(*_document, group);
+  return keys && _layer && _layer->IsShared(*keys) ? &_layer->GetSharedKeys(group) : keys;
 }
 
 LayerView::Group LayerView::Find(const std::string& group) const {

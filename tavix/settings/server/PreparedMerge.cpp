@@ -16,32 +16,45 @@ std::ptrdiff_t CountSetting(const std::string& key, const std::string& value) {
 
 }  // namespace
 
-void PreparedMerge::Prepare(UserLayer& user, const IniFile& settings, const std::set<std::string>& removed) {
-  Prepare(user.GetMutableGroups(), &user, settings, removed);
-}
-
-void PreparedMerge::Prepare(IniFile& document, const UserLayer* user, const IniFile& settings,
-                            const std::set<std::string>& removed) {
-  IniFile::GroupMap& groups = document.GetMutableGroups();
-  for (const auto& change : settings) {
-    const auto group = groups.find(change.first);
-    if (group == groups.end() || removed.count(change.first) != 0) {
-      AddKeys(change);
-    } else if (!user || !user->IsShared(group)) {
-      MergeKeys(group->second, change);
-    }
+void PreparedMerge::Prepare(UserLayer& user, const IniFile& settings, const std::set<std::string>& removed,
+                            std::set<std::string>* different) {
+  for (const auto& group : settings) {
+    const bool isDifferent = Prepare(user.GetMutableGroups(), &user, group, removed);
+    if (different && isDifferent && removed.count(group.first) == 0) different->insert(different->end(), group.first);
   }
 }
 
-void PreparedMerge::AddKeys(const Group& group) {
+// Like those below, returns whether the group will hold something else, unless it is removed.
+bool PreparedMerge::Prepare(IniFile& document, const UserLayer* user, const Group& change,
+                            const std::set<std::string>& removed) {
+  IniFile::GroupMap& groups = document.GetMutableGroups();
+  const auto group = groups.find(change.first);
+  if (group == groups.end() || removed.count(change.first) != 0) return AddKeys(change);
+  const bool isShared = user && user->IsShared(group->second);
+  return isShared ? CountShared(user->GetSharedKeys(change.first), change) : MergeKeys(group->second, change);
+}
+
+bool PreparedMerge::AddKeys(const Group& group) {
   IniFile::KeyMap& added = _added[group.first];
   for (const auto& [key, value] : group.second) {
     added.emplace_hint(added.end(), key, value);
     _growth += CountSetting(key, value);
   }
+  return true;
 }
 
-void PreparedMerge::MergeKeys(IniFile::KeyMap& keys, const Group& change) {
+bool PreparedMerge::CountShared(const IniFile::KeyMap& keys, const Group& change) {
+  bool isDifferent = false;
+  for (const auto& [key, value] : change.second) {
+    const auto own = keys.find(key);
+    if (own == keys.end()) ++_sharedKeys;
+    isDifferent = isDifferent || own == keys.end() || own->second != value;
+  }
+  return isDifferent;
+}
+
+bool PreparedMerge::MergeKeys(IniFile::KeyMap& keys, const Group& change) {
+  bool isDifferent = false;
   for (const auto& [key, value] : change.second) {
     const auto own = keys.find(key);
     if (own == keys.end()) {
@@ -50,8 +63,12 @@ void PreparedMerge::MergeKeys(IniFile::KeyMap& keys, const Group& change) {
     } else if (own->second != value) {
       _changed.emplace_back(&own->second, value);
       _growth += CountSetting(key, value) - CountSetting(key, own->second);
+    } else {
+      continue;
     }
+    isDifferent = true;
   }
+  return isDifferent;
 }
 
 void PreparedMerge::CarryOut(IniFile& document, StoreAccount& account, DocumentTally& tally) noexcept {

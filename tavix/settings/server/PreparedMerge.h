@@ -29,12 +29,17 @@ class PreparedMerge {
   // changes in the groups that are merged. The document is not changed yet. A second call brings other keys than the
   // first. Throws std::bad_alloc.
   void Prepare(core::IniFile& document, const core::IniFile& settings, const std::set<std::string>& removed) {
-    Prepare(document, nullptr, settings, removed);
+    for (const auto& group : settings) Prepare(document, nullptr, group, removed);
   }
 
   // The same for user settings, without the groups that are shared and stay so: what readers see gets the settings,
-  // too.
-  void Prepare(UserLayer& user, const core::IniFile& settings, const std::set<std::string>& removed);
+  // too, and has not got them yet. different: gets the groups that are not removed and will hold something else; a
+  // new one without keys is one, too. Null: nobody asks.
+  void Prepare(UserLayer& user, const core::IniFile& settings, const std::set<std::string>& removed,
+               std::set<std::string>* different);
+
+  // How many keys the shared groups get.
+  size_t CountSharedKeys() const { return _sharedKeys; }
 
   // Once, after Prepare. What was replaced is destroyed with the object.
   void CarryOut(core::IniFile& document, StoreAccount& account, DocumentTally& tally) noexcept;
@@ -42,15 +47,17 @@ class PreparedMerge {
  private:
   using Group = core::IniFile::GroupMap::value_type;
 
-  void Prepare(core::IniFile& document, const UserLayer* user, const core::IniFile& settings,
+  bool Prepare(core::IniFile& document, const UserLayer* user, const Group& change,
                const std::set<std::string>& removed);
-  void AddKeys(const Group& group);
-  void MergeKeys(core::IniFile::KeyMap& keys, const Group& change);
+  bool AddKeys(const Group& group);
+  bool CountShared(const core::IniFile::KeyMap& keys, const Group& change);
+  bool MergeKeys(core::IniFile::KeyMap& keys, const Group& change);
 
   core::IniFile _added;  // groups, and keys of groups, that the document lacks
   std::vector<std::pair<std::string*, std::string>>
       _changed;                // values in the document, and what they are exchanged for
   std::ptrdiff_t _growth = 0;  // in bytes, of the keys alone
+  size_t _sharedKeys = 0;
 };
 
 }  // namespace tavix::settings::server

@@ -1,34 +1,26 @@
 #include "tavix/settings/server/SharedPlaces.h"
 
-#include <algorithm>
-
 namespace tavix::settings::server {
 
-void SharedPlaces::Add(const Keys& place, size_t count) {
-  _places.push_back(PlaceOf(place));
+void SharedPlaces::Add(const Keys& place, size_t count) noexcept {
+  _slots[FindSlot(PlaceOf(place))] = PlaceOf(place);
   ++_count;
   _keys += count;
 }
 
-void SharedPlaces::Seal() {
-  if (!std::is_sorted(_places.begin(), _places.end())) std::sort(_places.begin(), _places.end());
-}
-
-bool SharedPlaces::Has(const Keys& place) const {
-  return !IsEmpty() && FindIndex(place) < _places.size();
-}
-
 void SharedPlaces::Remove(const Keys& place, size_t count) noexcept {
-  _places[FindIndex(place)] |= 1;
+  _slots[FindSlot(PlaceOf(place))] |= 1;
   _keys -= count;
-  if (--_count == 0) std::vector<Place>().swap(_places);
+  if (--_count == 0) _slots = {};
 }
 
-// As many as there are places when the group is not in it.
-size_t SharedPlaces::FindIndex(const Keys& place) const {
-  const auto found = std::lower_bound(_places.begin(), _places.end(), PlaceOf(place));
-  const bool isThere = found != _places.end() && *found == PlaceOf(place);
-  return isThere ? static_cast<size_t>(found - _places.begin()) : _places.size();
+// Fibonacci hashing (Knuth, The Art of Computer Programming, 6.4), scaled to the number of slots. Other places follow.
+size_t SharedPlaces::FindSlot(Place place) const {
+  constexpr uint64_t kGoldenRatio = 0x9E3779B97F4A7C15;
+  const uint64_t hash = (place * kGoldenRatio) >> 32;
+  auto slot = static_cast<size_t>((hash * _slots.size()) >> 32);
+  while (_slots[slot] != place && _slots[slot] != kFree) slot = slot + 1 == _slots.size() ? 0 : slot + 1;
+  return slot;
 }
 
 }  // namespace tavix::settings::server

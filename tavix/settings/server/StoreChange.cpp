@@ -191,10 +191,11 @@ void StoreChange::CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexc
 
 bool StoreChange::MakeUnderLock() {
   if (!_request.BringUpToDate(_documents)) return false;
-  if (!_request.IsPersistent()) _documents._user.Own(_request.GetUnplannedSettings(), _documents._account);
   PlanRecord();
   RequirePatterns();
   _hidden.Add(_documents, _request.GetUnplannedSettings(), _request.GetUnplannedNames(), _request.IsPersistent());
+  if (!_request.IsPersistent() && _hidden.HasShared())
+    _documents._user.Own(_request.GetUnplannedSettings(), _documents._account);
   RequireRoom();
   Prepare();
   if (_persister) AskPersister();
@@ -279,8 +280,8 @@ void StoreChange::Prepare() {
   const std::set<std::string>& removed = _request.GetUnplannedNames();
   _mergeIntoAll.Prepare(_documents._all, settings, removed);
   if (!_request.IsPersistent()) return;
-  _mergeIntoUser.Prepare(_documents._user, settings, removed);
-  _mergeIntoUser.Prepare(_documents._user, _record.added, removed);
+  _mergeIntoUser.Prepare(_documents._user, settings, removed, _persister ? &_different : nullptr);
+  _mergeIntoUser.Prepare(_documents._user, _record.added, removed, nullptr);
   if (_persister) PrepareSave();
 }
 
@@ -288,7 +289,7 @@ void StoreChange::Prepare() {
 void StoreChange::PrepareSave() {
   const std::set<std::string>& removed = _request.GetUnplannedNames();
   const ChangePlans* plans = _request.GetPlans();
-  _different = FindDifference(_documents._user, removed, _request.GetUnplannedSettings());
+  _different.merge(FindDifference(_documents._user, removed, _request.GetUnplannedSettings()));
   const bool isUnchanged = _different.empty() && !(plans && plans->user.HasDifference()) && _record.added.IsEmpty();
   if (_request.GetMembers()) _different.insert(removed.begin(), removed.end());  // defaults go by the record alone
   if (!isUnchanged) return KeepOldSettings();
@@ -314,11 +315,10 @@ void StoreChange::CarryOut() noexcept {
   _documents._user.Forget(_request.GetRemovedNames());
   if (_request.GetPlans()) CarryOutPlans(*_request.GetPlans());
   if (!_request.GetUnplannedNames().empty()) RemoveGroups();
-  _documents._user.CountBefore(_request.GetUnplannedSettings());
   _mergeIntoAll.CarryOut(_documents._all, account, account.GetAllTally());
-  _documents._user.CountBehind(_request.GetUnplannedSettings());
   if (_request.HasRecord()) account.RemoveGroup(_documents._all, account.GetAllTally(), _documents.GetRecordGroup());
   if (!_request.IsPersistent()) return;
+  _documents._user.AddSharedKeys(_mergeIntoUser.CountSharedKeys());
   _mergeIntoUser.CarryOut(_documents._user.GetMutableGroups(), account, account.GetUserTally());
   _documents._record.CarryOut(_record);
 }

@@ -56,8 +56,9 @@ class StoreDocuments {
 
   // One group in all layers, for a group that is layered: it is neither restricted nor the record.
   GroupLayers FindLayers(const std::string& group) const TAVIX_REQUIRES_SHARED(_lock) {
-    return {FindKeys(_all, group), LayerView(_user).FindKeys(group), FindKeys(_hidden.defaults, group),
-            FindKeys(_hidden.unsaved, group), FindKeys(_hidden.restricted, group)};
+    const GroupLayers::Keys* const all = FindKeys(_all, group);
+    return {all, _user.FindKeys(group, all), FindKeys(_hidden.defaults, group), FindKeys(_hidden.unsaved, group),
+            FindKeys(_hidden.restricted, group)};
   }
   const HiddenLayers& GetHidden() const TAVIX_REQUIRES_SHARED(_lock) { return _hidden; }
 

@@ -148,6 +148,7 @@ IniFile StoreLoader::LoadRestrictedSettings() const {
 void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restricted) const {
   if (_persister->NeedsWholeUserSettings()) return documents.all.MergeSettings(documents.user);
   IniFile::GroupMap& groups = documents.all.GetMutableGroups();
+  documents.shared = SharedPlaces(documents.user.GetGroups().size());
   auto own = groups.begin();
   for (auto group = documents.user.begin(); group != documents.user.end(); ++group) {
     auto& [name, keys] = *group;
@@ -164,7 +165,6 @@ void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restric
     own->second.swap(keys);
     keys.clear();
   }
-  documents.shared.Seal();
 }
 
 void StoreLoader::MergeRestrictedSettings(Documents& documents, IniFile restricted) const {

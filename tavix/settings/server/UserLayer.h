@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tavix/core/IniFile.h"
+#include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/SharedPlaces.h"
 
 namespace tavix::settings::server {
@@ -14,7 +15,7 @@ class StoreAccount;
 
 // The user settings of a store. A group that readers see as the user settings have it is in memory once: its keys are
 // in the document of what readers see, and this one has its name alone. Such a group is shared. Who changes it in both
-// documents alike changes what readers see alone (CountBefore, CountBehind), or takes the group out of both (Forget).
+// documents alike changes what readers see alone (AddSharedKeys), or takes the group out of both (Forget).
 // Who changes one of the two, or each in its own way, makes it an own group before (Own): from then on the user
 // settings have keys of their own for it. Only loading shares groups.
 //
@@ -34,11 +35,18 @@ class UserLayer {
   const core::IniFile& GetGroups() const { return _groups; }
   core::IniFile& GetMutableGroups() { return _groups; }
 
-  // place: a group of GetGroups.
-  bool IsShared(core::IniFile::const_iterator place) const {
-    return place->second.empty() && _shared.Has(place->second);
-  }
+  // keys: of a group of GetGroups.
+  bool IsShared(const Keys& keys) const { return keys.empty() && _shared.Has(keys); }
   bool IsShared(const std::string& name) const;
+
+  // Null: there is no such group. all: the keys that readers see of it.
+  const Keys* FindKeys(const std::string& name, const Keys* all) const {
+    const Keys* const keys = server::FindKeys(_groups, name);
+    return keys && IsShared(*keys) ? all : keys;
+  }
+
+  // Of a shared group.
+  const Keys& GetSharedKeys(const std::string& name) const { return *server::FindKeys(_all, name); }
 
   // place: a group of GetGroups. The same with its keys.
   core::IniFile::const_iterator Resolve(core::IniFile::const_iterator place) const;
@@ -56,16 +64,13 @@ class UserLayer {
   void Own(const std::string& name, StoreAccount& account);
   void Own(const core::IniFile& named, StoreAccount& account);
 
-  // What readers see is about to get settings that both layers get, and has got them.
-  void CountBefore(const core::IniFile& settings) noexcept { CountKeys(settings, -1); }
-  void CountBehind(const core::IniFile& settings) noexcept { CountKeys(settings, 1); }
+  // Readers see so many more keys of shared groups.
+  void AddSharedKeys(size_t keys) noexcept { _shared.AddKeys(keys); }
 
   // The groups are about to leave both documents.
   void Forget(const std::set<std::string>& names) noexcept;
 
  private:
-  void CountKeys(const core::IniFile& named, int sign) noexcept;
-
   const core::IniFile& _all;
   core::IniFile _groups;
   SharedPlaces _shared;
