@@ -71,6 +71,12 @@ bool HoldsKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
   });
 }
 
+size_t CountMissingKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
+  size_t missing = wanted.size();
+  for (const auto& setting : wanted) missing -= keys.count(setting.first);
+  return missing;
+}
+
 void MoveKeys(IniFile::KeyMap& target, IniFile::KeyMap& source) noexcept {
   for (auto next = source.begin(); next != source.end();) {
     const auto setting = next++;

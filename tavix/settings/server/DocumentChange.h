@@ -27,6 +27,9 @@ void MoveGroups(core::IniFile& document, DocumentTally& tally, const std::set<st
 // Whether all of the wanted keys are there with these values.
 bool HoldsKeys(const core::IniFile::KeyMap& keys, const core::IniFile::KeyMap& wanted);
 
+// How many of the wanted keys are not there, whatever their values are.
+size_t CountMissingKeys(const core::IniFile::KeyMap& keys, const core::IniFile::KeyMap& wanted);
+
 // Sets every key of "source" by moving it; replaced values are left in "source".
 void MoveKeys(core::IniFile::KeyMap& target, core::IniFile::KeyMap& source) noexcept;
 

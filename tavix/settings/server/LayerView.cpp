@@ -24,7 +24,6 @@ LayerView::Group LayerView::Resolve(Group place) const {
 }
 
 IniFile LayerView::Copy() const {
-  if (!_layer) return *_document;
   IniFile copy;
   for (Group place = GetBegin(); place != GetEnd(); ++place) copy.MergeGroup(Resolve(place));
   return copy;

@@ -1,5 +1,6 @@
 #include "tavix/settings/server/PreparedMerge.h"
 
+#include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/DocumentTally.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/UserLayer.h"
@@ -44,13 +45,8 @@ bool PreparedMerge::AddKeys(const Group& group) {
 }
 
 bool PreparedMerge::CountShared(const IniFile::KeyMap& keys, const Group& change) {
-  bool isDifferent = false;
-  for (const auto& [key, value] : change.second) {
-    const auto own = keys.find(key);
-    if (own == keys.end()) ++_sharedKeys;
-    isDifferent = isDifferent || own == keys.end() || own->second != value;
-  }
-  return isDifferent;
+  _sharedKeys += CountMissingKeys(keys, change.second);
+  return !HoldsKeys(keys, change.second);
 }
 
 bool PreparedMerge::MergeKeys(IniFile::KeyMap& keys, const Group& change) {

@@ -83,7 +83,7 @@ void StoreChange::MakeLocked() {
 }
 
 void StoreChange::ReplaceAll(StoreDocuments& documents, IniFile all, IniFile user, HiddenLayers hidden,
-                             SharedPlaces shared) {
+                             SharedPlaces&& shared) {
   documents._record.Read(user);
   documents._account.CountAnew(all, user, hidden);
   BeginVersion(documents);

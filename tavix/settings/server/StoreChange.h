@@ -77,7 +77,7 @@ class StoreChange {
   // Replaces the documents, as loading does: no bounds, nothing is saved, nobody is notified. shared: groups of "user"
   // whose keys are in "all" alone.
   static void ReplaceAll(StoreDocuments& documents, core::IniFile all, core::IniFile user, HiddenLayers hidden = {},
-                         SharedPlaces shared = {}) TAVIX_REQUIRES(documents.GetLock());
+                         SharedPlaces&& shared = SharedPlaces()) TAVIX_REQUIRES(documents.GetLock());
 
   // The same for the user settings alone: what readers see stays as it is.
   static void ReplaceUser(StoreDocuments& documents, core::IniFile user) TAVIX_REQUIRES(documents.GetLock());

@@ -10,6 +10,7 @@
 
 #include "tavix/core/StringUtil.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
+#include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 #include "tavix/settings/server/HiddenLayers.h"
 #include "tavix/settings/server/IRestrictedSettingsLoader.h"
@@ -72,11 +73,6 @@ void HideReplaced(IniFile& all, const IniFile& user, const IniFile& settings, In
     if (own == groups.end()) return;
     if (own->first == name) HideReplaced(*own, FindKeys(user, name), keys, hidden);
   }
-}
-
-bool HasAllKeys(const IniFile::KeyMap& keys, const IniFile::KeyMap& wanted) {
-  return wanted.size() <= keys.size() &&
-         std::all_of(wanted.begin(), wanted.end(), [&](const auto& setting) { return keys.count(setting.first) != 0; });
 }
 
 // What filters need counts as wanted. Empty where to try the patterns on all groups may take longer than to load them.
@@ -155,7 +151,7 @@ void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restric
     own = FindFrom(groups, own, name);
     const bool isThere = own != groups.end() && own->first == name;
     const bool isShared =
-        name != _recordGroup && !restricted.HasGroup(name) && (!isThere || HasAllKeys(keys, own->second));
+        name != _recordGroup && !restricted.HasGroup(name) && (!isThere || CountMissingKeys(keys, own->second) == 0);
     if (!isShared) {
       documents.all.MergeGroup(group);
       continue;

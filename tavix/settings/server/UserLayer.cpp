@@ -19,11 +19,11 @@ void UserLayer::Own(const std::string& name, StoreAccount& account) {
   const auto group = _groups.GetMutableGroups().find(name);
   if (group == _groups.end() || !IsShared(group->second)) return;
   Keys keys = GetSharedKeys(name);
-  const size_t count = keys.size();
-  account.Add(static_cast<std::ptrdiff_t>(StoreAccount::CountGroup(name, keys) - StoreAccount::CountGroup(name, {})));
-  account.GetUserTally().OnKeysAdded(count);
+  for (const auto& [key, value] : keys)
+    account.Add(static_cast<std::ptrdiff_t>(StoreAccount::CountSetting(key, value)));
+  account.GetUserTally().OnKeysAdded(keys.size());
+  _shared.Remove(group->second, keys.size());
   group->second.swap(keys);
-  _shared.Remove(group->second, count);
 }
 
 void UserLayer::Own(const IniFile& named, StoreAccount& account) {

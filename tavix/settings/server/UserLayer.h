@@ -52,7 +52,7 @@ class UserLayer {
   core::IniFile::const_iterator Resolve(core::IniFile::const_iterator place) const;
 
   // Replaces all of it. shared: groups of "groups", as readers see them.
-  void Replace(core::IniFile groups, SharedPlaces shared) {
+  void Replace(core::IniFile&& groups, SharedPlaces&& shared) {
     _groups = std::move(groups);
     _shared = std::move(shared);
   }
