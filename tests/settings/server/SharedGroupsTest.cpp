@@ -1,0 +1,131 @@
+// Groups of the user settings whose keys are in memory once.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tavix/core/IniFile.h"
+#include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/settings/server/ChangeNotifier.h"
+#include "tavix/settings/server/ChangeRequest.h"
+#include "tavix/settings/server/ISettingsPersister.h"
+#include "tavix/settings/server/LayerView.h"
+#include "tavix/settings/server/SharedPlaces.h"
+#include "tavix/settings/server/StoreChange.h"
+#include "tavix/settings/server/StoreDocuments.h"
+#include "tests/support/DocumentText.h"
+#include "tests/support/SharedUserSettings.h"
+
+using tavix::core::IniFile;
+using tavix::settings::server::ChangeNotifier;
+using tavix::settings::server::ChangeRequest;
+using tavix::settings::server::ChangeTicket;
+using tavix::settings::server::ISettingsPersister;
+using tavix::settings::server::LayerView;
+using tavix::settings::server::SettingsCombiner;
+using tavix::settings::server::SharedPlaces;
+using tavix::settings::server::StoreChange;
+using tavix::settings::server::StoreDocuments;
+using tavix::test::DocumentOf;
+using tavix::test::SharedUserSettings;
+using tavix::test::ShareEqualGroups;
+using tavix::test::TextOf;
+using testing::ElementsAre;
+
+namespace {
+
+using Names = std::set<std::string>;
+
+class NotingPersister : public ISettingsPersister {
+ public:
+  void LoadDefaultSettings(SettingsCombiner&) override {}
+  void LoadUserSettings(SettingsCombiner&) override {}
+  void SaveUserSettings(const IniFile&) override {}
+
+  ChangeTicket SaveChange(const SavedChange& change) override {
+    user = TextOf(change.userSettings);
+    saves.push_back(change.changedGroups);
+    return 0;
+  }
+
+  bool NeedsWholeUserSettings() const override { return false; }
+
+  std::string user;
+  std::vector<Names> saves;
+};
+
+// A store whose groups A and B are shared; the defaults add a key to C.
+struct SharedGroupsTest : testing::Test {
+  SharedGroupsTest() {
+    const IniFile all = DocumentOf("[A]\nx=1\n[B]\nx=2\n[C]\nd=4\nx=3\n");
+    SharedUserSettings shared = ShareEqualGroups(all, DocumentOf("[A]\nx=1\n[B]\nx=2\n[C]\nx=3\n"));
+    const tavix::osa::WriteAutoLock lock(documents.GetLock());
+    StoreChange::ReplaceAll(documents, all, std::move(shared.settings), {}, std::move(shared.shared));
+  }
+
+  void Merge(const std::string& text, bool isPersistent = true) {
+    const IniFile settings = DocumentOf(text);
+    ChangeRequest request;
+    request.Merge(settings);
+    if (!isPersistent) request.KeepUserSettings();
+    ASSERT_TRUE(StoreChange(documents, &persister, notifier, request).Make());
+  }
+
+  Names FindShared() {
+    Names shared;
+    for (const auto& group : documents.GetUser().GetGroups()) {
+      if (documents.GetUser().IsShared(group.first)) shared.insert(group.first);
+    }
+    return shared;
+  }
+
+  StoreDocuments documents{"Record"};
+  NotingPersister persister;
+  ChangeNotifier notifier;
+};
+
+TEST_F(SharedGroupsTest, StaySharedWhenBothLayersGetAlikeSettings) {
+  Merge("[A]\nx=1\n[B]\nx=9\ny=5\n[C]\nx=3\n");
+  EXPECT_THAT(persister.saves, ElementsAre(Names{"B"}));
+  EXPECT_EQ(persister.user, "[A]\nx=1\n[B]\nx=9\ny=5\n[C]\nx=3\n");
+  EXPECT_EQ(FindShared(), (Names{"A", "B"}));
+  EXPECT_EQ(documents.GetUser().CountSharedKeys(), 3u);
+}
+
+TEST_F(SharedGroupsTest, AreSavedForNewKeysAlone) {
+  Merge("[A]\ny=1\n");
+  Merge("[B]\n");
+  EXPECT_THAT(persister.saves, ElementsAre(Names{"A"}, Names{}));
+  EXPECT_EQ(documents.GetUser().CountSharedKeys(), 3u);
+}
+
+TEST_F(SharedGroupsTest, BecomeOwnOnesWhenReadersAloneGetSettings) {
+  Merge("[A]\nx=7\n[C]\nx=7\n", false);
+  EXPECT_EQ(TextOf(LayerView(documents.GetUser())), "[A]\nx=1\n[B]\nx=2\n[C]\nx=3\n");
+  EXPECT_EQ(TextOf(documents.GetAll()), "[A]\nx=7\n[B]\nx=2\n[C]\nd=4\nx=7\n");
+  EXPECT_EQ(FindShared(), (Names{"B"}));
+  EXPECT_EQ(documents.GetUser().CountSharedKeys(), 1u);
+  Merge("[A]\nx=7\n");
+  EXPECT_THAT(persister.saves, ElementsAre(Names{"A"}));
+}
+
+TEST(SharedPlaces, KnowTheirGroupsUntilTheyLeave) {
+  const std::vector<IniFile::KeyMap> groups(2000);
+  SharedPlaces places(1000);
+  for (size_t i = 0; i < 1000; ++i) places.Add(groups[2 * i], 3);
+  for (size_t i = 0; i < groups.size(); ++i) EXPECT_EQ(places.Has(groups[i]), i % 2 == 0) << i;
+  EXPECT_EQ(places.CountKeys(), 3000u);
+  for (size_t i = 0; i < 999; ++i) places.Remove(groups[2 * i], 3);
+  for (size_t i = 0; i < groups.size(); ++i) EXPECT_EQ(places.Has(groups[i]), i == 1998) << i;
+  places.AddKeys(2);
+  places.Remove(groups[1998], 5);
+  EXPECT_TRUE(places.IsEmpty());
+  EXPECT_EQ(places.CountKeys(), 0u);
+  EXPECT_FALSE(places.Has(groups[1998]));
+}
+
+}  // namespace
