@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -26,13 +25,6 @@ constexpr std::chrono::milliseconds kRoundTime{2};  // for events, and for turns
 constexpr size_t kMinAccepts = 8;                   // in a round that does more than that
 constexpr int kReadsInARow = 64;
 constexpr int kPauseAfterVainRead = 8;
-
-// The processor time of the thread is exact where many wait, as for locks, too; the other clock is cheaper to read.
-int64_t ReadMicroseconds(clockid_t clock) {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
-}
 
 core::Logger* Log() {
   static core::Logger* const logger = core::Logger::GetLogger("EventLoop");
@@ -140,7 +132,8 @@ bool EventLoop::ServeEvents(const epoll_event* events, size_t count) {
   if (hasSource) CallSources(events, count);
   if (count == 1 && !_waiting.empty()) {
     const Event event = _waiting.front();
-    ServeTimed(event.connection, CLOCK_MONOTONIC, [&] { return HandleEvent(event.connection, event.events, true); });
+    TurnClock clock(TurnClock::Kind::kPassed);
+    ServeTimed(event.connection, clock, [&] { return HandleEvent(event.connection, event.events, true); });
   } else {
     ServeInOrder();
   }
@@ -156,15 +149,17 @@ void EventLoop::CallSources(const epoll_event* events, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (LoopPoll::ISource* const source = LoopPoll::FindSource(events[i])) source->OnReadable(*this, max);
   }
-  if (isAlone && _newest) ServeTimed(_newest, CLOCK_MONOTONIC, [this, newest = _newest] { return ReadFirst(newest); });
+  if (!isAlone || !_newest) return;
+  TurnClock clock(TurnClock::Kind::kPassed);
+  ServeTimed(_newest, clock, [this, newest = _newest] { return ReadFirst(newest); });
 }
 
 // Those that are left when the time is up are reported again in the next round.
 void EventLoop::ServeInOrder() {
   const bool areMany = _waiting.size() > kFewEvents;
   if (areMany) Turn::Order(_waiting, [](const Event& event) -> const Turn& { return event.connection->turn; });
-  const clockid_t clock = areMany ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC;
   const auto end = Connection::Clock::now() + kRoundTime;
+  TurnClock clock(areMany ? TurnClock::Kind::kWork : TurnClock::Kind::kPassed);
   for (size_t i = 0; i < _waiting.size(); ++i) {
     const Event event = _waiting[i];
     ServeTimed(event.connection, clock, [&] { return HandleEvent(event.connection, event.events, false); });
@@ -288,11 +283,11 @@ bool EventLoop::Serve(Connection* connection, Work work) {
 
 // The same, and notes what it cost.
 template <class Work>
-bool EventLoop::ServeTimed(Connection* connection, clockid_t clock, Work work) {
+bool EventLoop::ServeTimed(Connection* connection, TurnClock& clock, Work work) {
   connection->turn.lastServed = _round;
-  const int64_t begin = ReadMicroseconds(clock);
   const bool lives = Serve(connection, work);
-  if (lives) connection->turn.NoteCost(static_cast<unsigned int>(ReadMicroseconds(clock) - begin));
+  const unsigned int cost = clock.EndTurn();
+  if (lives) connection->turn.NoteCost(cost);
   return lives;
 }
 
@@ -344,11 +339,12 @@ bool EventLoop::ReadFirst(Connection* connection) {
 // in the next round.
 void EventLoop::GiveTurns() {
   const auto end = Connection::Clock::now() + kRoundTime;
+  TurnClock clock(TurnClock::Kind::kWork);
   size_t given = 0;
   while (given < _turns.size() && (given == 0 || Connection::Clock::now() < end)) {
     Connection* const connection = _turns[given++];
     connection->turn.isQueued = false;
-    ServeTimed(connection, CLOCK_THREAD_CPUTIME_ID, [&] { return connection->OnTurn(); });
+    ServeTimed(connection, clock, [&] { return connection->OnTurn(); });
   }
   _turns.erase(_turns.begin(), _turns.begin() + static_cast<std::ptrdiff_t>(given));
   _turns.insert(_turns.end(), _busy.begin(), _busy.end());

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,6 +12,7 @@
 #include "programs/common/LoopThread.h"
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/LoopPoll.h"
+#include "programs/server/connections/TurnClock.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -88,7 +88,7 @@ class EventLoop {
   template <class Work>
   bool Serve(Connection* connection, Work work);
   template <class Work>
-  bool ServeTimed(Connection* connection, clockid_t clock, Work work);
+  bool ServeTimed(Connection* connection, TurnClock& clock, Work work);
   bool HandleEvent(Connection* connection, unsigned int events, bool isAlone);
   bool ReadOn(Connection* connection);
   void EnterLane(Connection* connection);
