@@ -78,7 +78,12 @@ struct ClientAtRest {
   }
 
   void Rest() const { AwaitAsleep(GetWorker()); }
-  static pid_t GetWorker() { return FindThreads("TavixSettings").at(0); }
+
+  // The kernel lists a thread for a moment after its end was awaited.
+  static pid_t GetWorker() {
+    EXPECT_TRUE(Eventually([] { return FindThreads("TavixSettings").size() == 1; }));
+    return FindThreads("TavixSettings").at(0);
+  }
 
   ScriptedServer server;
   RecordingCallback callback;
