@@ -22,8 +22,8 @@ class LoopChoice {
   LoopChoice();
   explicit LoopChoice(Clock clock) : _readMicroseconds(clock) {}
 
-  // Notes that a connection has come, and returns the index of its loop. count: of the loops. callers: gets it among
-  // equal ones. getBurden: by a loop's index.
+  // Notes that a connection has come, and returns the index of its loop. count: how many loops there are. callers: the
+  // index of the caller's loop, which is preferred among equal ones. getBurden: the burden of the loop of an index.
   template <class GetBurden>
   size_t Choose(size_t count, size_t callers, const GetBurden& getBurden) noexcept {
     size_t loop = callers;

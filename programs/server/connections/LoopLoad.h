@@ -52,8 +52,9 @@ struct LoopBurden {
   // Loops whose loads are in the same quarter are alike, and differ by the connections that they have.
   bool IsLessThan(const LoopBurden& other) const;
 
-  // Whether the loop may have another connection of those that it has, though "least" is the least burden. False, too,
-  // when it has none that the other lacks: the last one has ended.
+  // Whether a burst goes on at this loop, although "least" is the least burden of all. Not when this loop is stuck, in
+  // a busier quarter, or has kMaxMoreConnections more; nor when it has no more than the other: then the connection that
+  // came before may have ended.
   bool MayHaveAnother(const LoopBurden& least) const;
 };
 
