@@ -36,11 +36,12 @@ bool MessageReader::ReadMessage() {
   return true;
 }
 
-// The first byte tells a notice from a reply. An empty line ends the connection.
+// The first byte tells a notice from a reply, unless it is a blank: those may stand before the first word of both. An
+// empty line ends the connection. The end of the input is less than any byte.
 bool MessageReader::ReadOutcome() {
   while (!_targets.slot.IsPosted()) {
     const auto first = _in.peek();
-    if (first == protocol::kAsync[0] || first == '\n' || !ReadMessage()) return false;
+    if (first == protocol::kAsync[0] || first <= ' ' || !ReadMessage()) return false;
   }
   return true;
 }

@@ -47,8 +47,9 @@ class MessageReader {
   // Awaits the next message and handles it. False at the end of the input. Throws as HandleMessage.
   [[nodiscard]] bool ReadMessage();
 
-  // A caller's, whose command is in the slot: reads replies until its outcome is posted. False when a notice, the end
-  // of the input or an empty line comes before that: nothing of it is read. Throws when memory runs out.
+  // A caller's, whose command is in the slot: reads replies until its outcome is posted. False when a notice, a line
+  // that begins with a blank, an empty one or the end of the input comes before that: nothing of it is read. Throws
+  // when memory runs out.
   [[nodiscard]] bool ReadOutcome();
 
   // Whether the next message has yet to come: no part of it was read together with what is before it, nor the end.

@@ -122,6 +122,35 @@ TEST(MessageReader, AReplyIsReadWhileAnotherCallerWrites) {
   EXPECT_TRUE(reading.slot.Await().received);
 }
 
+TEST(MessageReader, ACallerThatReadsLeavesANoticeToTheWorker) {
+  for (const std::string blanks : {"", " ", "\t", "\r \v\f"}) {
+    Reading reading(blanks + "async change\nA\n.\n[A]\nx=1\n.\n" + blanks + "data\n.\n");
+    reading.QueueGet();
+    EXPECT_FALSE(reading.reader.ReadOutcome()) << blanks;
+    EXPECT_TRUE(reading.callback.GetChanges().empty()) << blanks;
+    reading.ReadAll();
+    EXPECT_EQ(reading.callback.GetChanges().size(), 1u) << blanks;
+    EXPECT_TRUE(reading.slot.Await().received) << blanks;
+  }
+}
+
+TEST(MessageReader, ACallerReadsItsReplyAndNothingBehindIt) {
+  Reading reading("data\n[A]\nx=1\n.\nasync change\nA\n.\n[A]\nx=1\n.\n");
+  reading.QueueGet();
+  EXPECT_TRUE(reading.reader.ReadOutcome());
+  EXPECT_FALSE(reading.reader.AwaitsInput());
+  EXPECT_TRUE(reading.callback.GetChanges().empty());
+  EXPECT_EQ(TextOf(reading.result), "[A]\nx=1\n");
+}
+
+TEST(MessageReader, ACallerThatReadsLeavesTheEndToTheWorker) {
+  Reading reading("");
+  reading.QueueGet();
+  EXPECT_FALSE(reading.reader.ReadOutcome());
+  EXPECT_FALSE(reading.reader.AwaitsInput());
+  EXPECT_FALSE(reading.reader.ReadMessage());
+}
+
 TEST(MessageReader, AReplyThatNobodyAwaitsIsReported) {
   Reading reading("result\n");
   EXPECT_THAT(LogOf([&] { reading.ReadAll(); }), testing::ElementsAre(kStray));

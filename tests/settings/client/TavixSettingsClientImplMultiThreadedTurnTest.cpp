@@ -131,6 +131,16 @@ TEST(TavixSettingsClientImplMultiThreaded, ANoticeBeforeAReplyIsCalledOnTheWorke
   }
 }
 
+TEST(TavixSettingsClientImplMultiThreaded, ANoticeThatBeginsWithABlankIsCalledOnTheWorkerToo) {
+  std::string thread;
+  ClientAtRest with([&] { thread = NameOfThread(); });
+  PendingValue value(with.client);
+  with.peer.ReadThrough();
+  with.peer.Send(std::string(" ") + kNoticeA + kReplyA);
+  EXPECT_EQ(value.Join(), "1");
+  EXPECT_EQ(thread, "TavixSettings");
+}
+
 TEST(TavixSettingsClientImplMultiThreaded, ACallWaitsForTheCallbackOfANoticeBeforeItsReply) {
   std::promise<void> called, mayReturn;
   ClientAtRest with([&] {
