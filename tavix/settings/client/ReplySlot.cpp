@@ -69,10 +69,15 @@ bool ReplySlot::IsQueued() const {
   return _state == State::kQueued;
 }
 
+// A loss of all replies takes no memory: what it threw would end the worker, and its caller would wait for ever.
 void ReplySlot::Fail(bool canRepliesCome) {
   osa::PlainMutexLock lock(_mutex);
-  if (_state == State::kQueued) _withdrawn.push_back(std::move(_queued));
-  if (!canRepliesCome) _withdrawn.clear();
+  if (!canRepliesCome) {
+    _queued.reset();
+    _withdrawn.clear();
+  } else if (_state == State::kQueued) {
+    _withdrawn.push_back(std::move(_queued));
+  }
   _state = State::kNone;
   Post({});
 }
