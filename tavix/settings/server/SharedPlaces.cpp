@@ -11,7 +11,7 @@ void SharedPlaces::Add(const Keys& place, size_t count) noexcept {
 void SharedPlaces::Remove(const Keys& place, size_t count) noexcept {
   _slots[FindSlot(PlaceOf(place))] |= 1;
   _keys -= count;
-  if (--_count == 0) _slots = {};
+  if (--_count == 0) _slots = std::vector<Place>();  // not {}: that would keep the memory
 }
 
 // Fibonacci hashing (Knuth, The Art of Computer Programming, 6.4), scaled to the number of slots. Other places follow.

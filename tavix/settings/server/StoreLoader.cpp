@@ -161,6 +161,7 @@ void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restric
     own->second.swap(keys);
     keys.clear();
   }
+  if (documents.shared.IsEmpty()) documents.shared = SharedPlaces();  // without the memory for all
 }
 
 void StoreLoader::MergeRestrictedSettings(Documents& documents, IniFile restricted) const {
