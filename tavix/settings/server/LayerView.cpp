@@ -1,5 +1,7 @@
 #include "tavix/settings/server/LayerView.h"
 
+#include <utility>
+
 #include "tavix/settings/server/UserLayer.h"
 
 namespace tavix::settings::server {
@@ -24,9 +26,10 @@ LayerView::Group LayerView::Resolve(Group place) const {
 }
 
 IniFile LayerView::Copy() const {
-  IniFile copy;
-  for (Group place = GetBegin(); place != GetEnd(); ++place) copy.MergeGroup(Resolve(place));
-  return copy;
+  if (!_layer) return *_document;
+  IniFile::GroupMap groups;
+  for (Group place = GetBegin(); place != GetEnd(); ++place) groups.insert(groups.end(), *Resolve(place));
+  return IniFile(std::move(groups));
 }
 
 }  // namespace tavix::settings::server
