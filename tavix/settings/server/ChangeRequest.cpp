@@ -1,6 +1,7 @@
 #include "tavix/settings/server/ChangeRequest.h"
 
 #include "tavix/core/IniFile.h"
+#include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/DocumentChange.h"
 #include "tavix/settings/server/StoreAccount.h"
@@ -8,6 +9,15 @@
 namespace tavix::settings::server {
 
 using common::GroupNameMatcher;
+
+namespace {
+
+bool HasShared(const StoreDocuments& documents) {
+  const osa::ReadAutoLock lock(documents.GetLock());
+  return documents.GetUser().HasShared();
+}
+
+}  // namespace
 
 void ChangeRequest::RemoveVisible(const GroupNameMatcher& matcher, const std::set<std::string>& members) {
   _removedMatcher = &matcher;
@@ -40,11 +50,13 @@ void ChangeRequest::PrepareLocked(const StoreDocuments& documents) {
 }
 
 // Both documents will hold all settings: what they don't leave room for by themselves is refused before it is copied.
+// The copies that shared groups take are no growth: they count as if they were there.
 void ChangeRequest::RequireRoom(const StoreDocuments& documents) const {
   if (_hasRecord) return;  // readers don't see it
   const StoreAccount& account = documents.GetAccount();
   const size_t bytes = _isPersistent ? 2 * _bytes : _bytes;
-  account.RequireRoom(static_cast<std::ptrdiff_t>(bytes) - static_cast<std::ptrdiff_t>(account.GetBytes()));
+  const size_t before = _isPersistent && HasShared(documents) ? 2 * account.GetBytes() : account.GetBytes();
+  account.RequireRoom(static_cast<std::ptrdiff_t>(bytes) - static_cast<std::ptrdiff_t>(before));
 }
 
 void ChangeRequest::Plan(const StoreDocuments& documents) {

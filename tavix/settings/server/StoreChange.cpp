@@ -257,7 +257,7 @@ void StoreChange::RequireRoom() const {
   account.RequireRoom(CountGrowth() + static_cast<std::ptrdiff_t>(record), static_cast<std::ptrdiff_t>(hidden));
 }
 
-// Without what the record gets.
+// Without what the record gets, and without the copies that shared groups take which are replaced.
 std::ptrdiff_t StoreChange::CountGrowth() const {
   const IniFile& settings = _request.GetSettings();
   if (!_request.IsPersistent()) return StoreAccount::CountGrowth(_documents._all, settings);
@@ -265,11 +265,16 @@ std::ptrdiff_t StoreChange::CountGrowth() const {
   StoreAccount::Groups groups;
   std::ptrdiff_t growth = 0;
   for (auto group = settings.begin(); group != settings.end(); ++group) {
-    if (_documents._user.IsShared(group->first) && removed.count(group->first) == 0) {
+    const std::string& name = group->first;
+    const bool isShared = _documents._user.IsShared(name);
+    if (isShared && removed.count(name) == 0) {
       growth += StoreAccount::CountGrowth(_documents._all, group);
-    } else {
-      groups.push_back(group);
+      continue;
     }
+    groups.push_back(group);
+    if (!isShared) continue;
+    const size_t bytes = StoreAccount::CountGroup(name, _documents._user.GetSharedKeys(name));
+    growth -= static_cast<std::ptrdiff_t>(bytes - StoreAccount::CountGroup(name, {}));
   }
   return growth + StoreAccount::CountGrowth(_documents._all, _documents._user.GetGroups(), removed, groups);
 }

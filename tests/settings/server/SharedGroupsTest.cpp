@@ -10,10 +10,12 @@
 
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
+#include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
 #include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/LayerView.h"
+#include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SharedPlaces.h"
 #include "tavix/settings/server/StoreChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
@@ -21,11 +23,13 @@
 #include "tests/support/SharedUserSettings.h"
 
 using tavix::core::IniFile;
+using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ChangeNotifier;
 using tavix::settings::server::ChangeRequest;
 using tavix::settings::server::ChangeTicket;
 using tavix::settings::server::ISettingsPersister;
 using tavix::settings::server::LayerView;
+using tavix::settings::server::RefusedChange;
 using tavix::settings::server::SettingsCombiner;
 using tavix::settings::server::SharedPlaces;
 using tavix::settings::server::StoreChange;
@@ -60,9 +64,11 @@ class NotingPersister : public ISettingsPersister {
 
 // A store whose groups A and B are shared; the defaults add a key to C.
 struct SharedGroupsTest : testing::Test {
-  SharedGroupsTest() {
-    const IniFile all = DocumentOf("[A]\nx=1\n[B]\nx=2\n[C]\nd=4\nx=3\n");
-    SharedUserSettings shared = ShareEqualGroups(all, DocumentOf("[A]\nx=1\n[B]\nx=2\n[C]\nx=3\n"));
+  SharedGroupsTest() { Load("[A]\nx=1\n[B]\nx=2\n[C]\nd=4\nx=3\n", "[A]\nx=1\n[B]\nx=2\n[C]\nx=3\n"); }
+
+  void Load(const std::string& allText, const std::string& userText) {
+    const IniFile all = DocumentOf(allText);
+    SharedUserSettings shared = ShareEqualGroups(all, DocumentOf(userText));
     const tavix::osa::WriteAutoLock lock(documents.GetLock());
     StoreChange::ReplaceAll(documents, all, std::move(shared.settings), {}, std::move(shared.shared));
   }
@@ -74,6 +80,20 @@ struct SharedGroupsTest : testing::Test {
     if (!isPersistent) request.KeepUserSettings();
     ASSERT_TRUE(StoreChange(documents, &persister, notifier, request).Make());
   }
+
+  void Overwrite(const std::string& group, const std::string& text) {
+    const IniFile settings = DocumentOf(text);
+    const Names groups{group};
+    GroupNameMatcher matcher;
+    matcher.AddNamesAndPatterns(groups);
+    ChangeRequest request;
+    request.RemoveVisible(matcher, groups);
+    request.Merge(settings);
+    ASSERT_TRUE(StoreChange(documents, &persister, notifier, request).Make());
+  }
+
+  // Nothing that makes the store larger has room.
+  void Fill() { documents.SetMaxBytes(documents.GetAccount().GetBytes()); }
 
   Names FindShared() {
     Names shared;
@@ -111,6 +131,29 @@ TEST_F(SharedGroupsTest, BecomeOwnOnesWhenReadersAloneGetSettings) {
   EXPECT_EQ(documents.GetUser().CountSharedKeys(), 1u);
   Merge("[A]\nx=7\n");
   EXPECT_THAT(persister.saves, ElementsAre(Names{"A"}));
+}
+
+TEST_F(SharedGroupsTest, AreReplacedByShorterOnesInAFullStore) {
+  Merge("[A]\nx=" + std::string(2000, 'v') + "\n");
+  EXPECT_EQ(FindShared(), (Names{"A", "B"}));
+  Fill();
+  const std::string shorter = "[A]\nx=" + std::string(1500, 'v') + "\n";
+  Overwrite("A", shorter);
+  EXPECT_EQ(TextOf(documents.GetAll()), shorter + "[B]\nx=2\n[C]\nd=4\nx=3\n");
+  EXPECT_EQ(persister.user, shorter + "[B]\nx=2\n[C]\nx=3\n[Record]\nA=A\n");
+  EXPECT_EQ(FindShared(), Names{"B"});
+  EXPECT_THROW(Overwrite("B", "[B]\nx=" + std::string(2000, 'v') + "\n"), RefusedChange);
+}
+
+TEST_F(SharedGroupsTest, AreSetAgainByALongChangeInAFullStore) {
+  const std::string text = "[A]\nx=" + std::string(20'000, 'v') + "\n";
+  Load(text, text);
+  Fill();
+  Merge(text);
+  EXPECT_THAT(persister.saves, ElementsAre(Names{}));
+  EXPECT_EQ(TextOf(documents.GetAll()), text);
+  EXPECT_EQ(persister.user, text);
+  EXPECT_THROW(Merge("[B]\nx=" + std::string(20'000, 'v') + "\n"), RefusedChange);
 }
 
 TEST(SharedPlaces, KnowTheirGroupsUntilTheyLeave) {
