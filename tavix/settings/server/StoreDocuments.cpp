@@ -6,7 +6,8 @@ namespace tavix::settings::server {
 
 namespace {
 
-constexpr size_t kGroupsOfAPart = 200;  // each is looked for, and some keys are copied
+constexpr size_t kKeysOfAPart = 1000;  // that are copied while readers wait
+constexpr size_t kKeysOfASearch = 5;   // that could be copied in the time that a group is looked for
 
 }  // namespace
 
@@ -14,8 +15,8 @@ void StoreDocuments::OwnGroups(const core::IniFile& named) {
   for (auto group = named.begin(); group != named.end();) {
     const osa::WriteAutoLock lock(_lock);
     if (!_user.HasShared()) return;
-    for (size_t left = kGroupsOfAPart; left > 0 && group != named.end(); --left, ++group)
-      _user.Own(group->first, _account);
+    for (size_t keys = 0; keys < kKeysOfAPart && group != named.end(); ++group)
+      keys += kKeysOfASearch + _user.Own(group->first, _account);
   }
 }
 

@@ -15,15 +15,16 @@ bool UserLayer::IsShared(const std::string& name) const {
   return keys && IsShared(*keys);
 }
 
-void UserLayer::Own(const std::string& name, StoreAccount& account) {
+size_t UserLayer::Own(const std::string& name, StoreAccount& account) {
   const auto group = _groups.GetMutableGroups().find(name);
-  if (group == _groups.end() || !IsShared(group->second)) return;
+  if (group == _groups.end() || !IsShared(group->second)) return 0;
   Keys keys = GetSharedKeys(name);
   for (const auto& [key, value] : keys)
     account.Add(static_cast<std::ptrdiff_t>(StoreAccount::CountSetting(key, value)));
   account.GetUserTally().OnKeysAdded(keys.size());
   _shared.Remove(group->second, keys.size());
   group->second.swap(keys);
+  return group->second.size();
 }
 
 void UserLayer::Own(const IniFile& named, StoreAccount& account) {

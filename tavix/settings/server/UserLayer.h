@@ -61,7 +61,8 @@ class UserLayer {
   size_t CountSharedKeys() const { return _shared.CountKeys(); }
 
   // Makes groups own ones, which nobody sees but the account. Throws std::bad_alloc: some may have become own groups.
-  void Own(const std::string& name, StoreAccount& account);
+  // The first returns how many keys were copied.
+  size_t Own(const std::string& name, StoreAccount& account);
   void Own(const core::IniFile& named, StoreAccount& account);
 
   // Readers see so many more keys of shared groups.
