@@ -194,9 +194,9 @@ bool StoreChange::MakeUnderLock() {
   PlanRecord();
   RequirePatterns();
   _hidden.Add(_documents, _request.GetUnplannedSettings(), _request.GetUnplannedNames(), _request.IsPersistent());
+  RequireRoom();
   if (!_request.IsPersistent() && _hidden.HasShared())
     _documents._user.Own(_request.GetUnplannedSettings(), _documents._account);
-  RequireRoom();
   Prepare();
   if (_persister) AskPersister();
   CarryOut();
