@@ -146,6 +146,10 @@ TEST(SocketWatch, AWriteThatWaitsForThePeerResumesTheWatch) {
 }
 
 TEST(SocketWatch, CannotBeMadeWithoutDescriptors) {
+  {
+    WatchedSocket other;  // a sanitizer that meets the class for the first time needs descriptors itself
+    EXPECT_NE(other.stream->WatchInput(), nullptr);
+  }
   WatchedSocket watched;
   {
     const NoMoreDescriptors none;
