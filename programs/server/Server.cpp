@@ -92,6 +92,7 @@ Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Opti
   Connection::Shared shared{&_env, _limits, _bounds, counters, store.GetGate()};
   shared.places = &_acceptor.GetPlaces();
   shared.lane = &_lane;
+  shared.hasOtherLoops = options.loops > 1;
   while (_loops.size() < options.loops) _loops.push_back(std::make_unique<EventLoop>(shared, EndProcess));
   std::vector<EventLoop*> loops;
   for (const auto& loop : _loops) loops.push_back(loop.get());

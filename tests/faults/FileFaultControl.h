@@ -20,10 +20,12 @@ struct FileFaultControl {
   std::atomic<uint64_t> killsAt;    // before the call of that number the process is killed; 0: never
   std::atomic<int> error;           // what a failing call leaves in errno; or kShortWrite: a write writes half
 
-  std::atomic<uint64_t> syncs;        // of files' content, begun
-  std::atomic<uint32_t> holdsSyncs;   // they do not go on while this is not 0; a futex
-  std::atomic<uint32_t> heldSyncs;    // how many stand there
-  std::atomic<uint32_t> holdsWrites;  // the same for writes, and for taking room for them
+  std::atomic<uint64_t> syncs;         // of files' content, begun
+  std::atomic<uint32_t> holdsSyncs;    // they do not go on while this is not 0; a futex
+  std::atomic<uint32_t> heldSyncs;     // how many stand there
+  std::atomic<int32_t> syncingThread;  // the kernel's number of the thread whose sync began last
+  std::atomic<uint32_t> skipsSyncs;    // not 0: they take no time, as the disk is not asked
+  std::atomic<uint32_t> holdsWrites;   // the same for writes, and for taking room for them
   std::atomic<uint32_t> heldWrites;
   std::atomic<uint32_t> holdsLookups;  // the same for look-ups of hosts; their names are what the part is of
   std::atomic<uint32_t> heldLookups;

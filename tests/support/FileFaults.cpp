@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -88,6 +89,13 @@ void FileFaults::HoldSyncs(const std::string& name) {
 
 void FileFaults::LetSyncsGo() {
   Release(_control->holdsSyncs);
+}
+
+std::string FileFaults::NameSyncingThread(pid_t daemon) const {
+  std::ifstream file("/proc/" + std::to_string(daemon) + "/task/" + std::to_string(_control->syncingThread) + "/comm");
+  std::string name;
+  if (!std::getline(file, name)) throw std::runtime_error("The thread that syncs has ended");
+  return name;
 }
 
 void FileFaults::HoldWrites(const std::string& name) {

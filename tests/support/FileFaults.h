@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -66,9 +68,15 @@ class FileFaults {
   void HoldLookups(const std::string& host);
   void AwaitHeldLookup() const;
 
+  // Syncs of files' content take no time from now on, however slow the disk is.
+  void SkipSyncs() { _control->skipsSyncs = 1; }
+
   // Returns when a sync stands still.
   void AwaitHeldSync() const;
   bool IsSyncHeld() const { return _control->heldSyncs > 0; }
+
+  // The name of the daemon's thread whose sync was begun last.
+  std::string NameSyncingThread(pid_t daemon) const;
 
   // How many syncs of files were begun.
   uint64_t CountSyncs() const { return _control->syncs; }

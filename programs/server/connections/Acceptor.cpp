@@ -149,13 +149,11 @@ bool Acceptor::GiveToLoop(Arrival arrival, EventLoop* caller) {
     return false;
   }
   _counters.accepted.Add();
-  EventLoop& receiver = ChooseLoop(caller);
-  if (&receiver == caller) {
-    caller->TakeAccepted(std::move(arrival.descriptor), arrival.peer);
-    return false;
-  }
-  receiver.Add(std::move(arrival.descriptor));
-  return caller != nullptr;
+  EventLoop* receiver = &ChooseLoop(caller);
+  // One that waits for the disk since it was chosen is not chosen again.
+  while (receiver != caller && !receiver->TryAdd(arrival.descriptor)) receiver = &ChooseLoop(caller);
+  if (receiver == caller) caller->TakeAccepted(std::move(arrival.descriptor), arrival.peer);
+  return receiver != caller && caller;
 }
 
 // The permissions of a unix socket's file have let the process in already.
@@ -182,7 +180,8 @@ EventLoop& Acceptor::ChooseLoop(EventLoop* caller) {
   return *_loops[_choice.Choose(_loops.size(), preferred, [&](size_t index) {
     const EventLoop& loop = *_loops[index];
     const LoopLoad& load = loop.GetPoll().GetLoad();
-    return LoopBurden{&loop != caller && load.IsStuck(), load.GetPermille(), loop.CountConnections()};
+    const bool isStuck = loop.IsSyncing() || load.IsStuck();
+    return LoopBurden{&loop != caller && isStuck, load.GetPermille(), loop.CountConnections()};
   })];
 }
 

@@ -66,6 +66,7 @@ class Connection : private SlowLane::IJob {
     int turnMilliseconds = 5;  // after which a connection with many requests lets the others go first
     Places* places = nullptr;  // each connection has one; may be null
     SlowLane* lane = nullptr;  // null: its loop handles all requests
+    bool hasOtherLoops = false;
   };
 
   // descriptor: connected. poll: the loop's epoll descriptor, to which the connection adds itself. wakeLoop: an eventfd
@@ -103,6 +104,11 @@ class Connection : private SlowLane::IJob {
   // Whether everything that has come was answered, and the answers have left.
   bool AwaitsRequest() const {
     return _state == State::kOpen && _progress == Progress::kCaughtUp && _input.empty() && _output->GetKeptBytes() == 0;
+  }
+
+  // Whether everything that has come was answered, and answers are kept, as a rule until the disk has what they show.
+  bool HasKeptAnswers() const {
+    return _state == State::kOpen && _progress == Progress::kCaughtUp && _input.empty() && _output->GetKeptBytes() > 0;
   }
 
   // Whether a request is in the lane, or waits for EnterLane.

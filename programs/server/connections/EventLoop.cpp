@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "programs/server/connections/LogPeer.h"
-#include "programs/server/persistence/ChangeBatch.h"
 #include "tavix/core/Logger.h"
 #include "tavix/osa/Exception.h"
 
@@ -48,23 +47,11 @@ EventLoop::~EventLoop() {
   _thread.Join();
 }
 
-void EventLoop::Add(osa::Descriptor descriptor) {
-  ++_count;
-  _shared.counters.clients.Add();
-  try {
-    osa::PlainMutexLock lock(_mutex);
-    _new.push_back(std::move(descriptor));
-  } catch (const std::exception& exception) {
-    Refuse(exception.what());
-  }
-  _poll.Wake();
-}
-
 void EventLoop::Probe() {
   osa::PlainMutexLock lock(_mutex);
   const unsigned long long probe = ++_probes;
   _poll.Wake();
-  lock.Wait(_answered, [&]() TAVIX_REQUIRES(_mutex) { return _answers >= probe || _failed; });
+  lock.Wait(_answered, [&]() TAVIX_REQUIRES(_mutex) { return _answers >= probe || _failed || _syncs; });
 }
 
 void EventLoop::Run() {
@@ -102,14 +89,33 @@ void EventLoop::ServeUntilStopped() {
   }
 }
 
-// The changes of a round are one batch for the disk. False when the loop is to stop.
+// False when the loop is to stop.
 bool EventLoop::ServeRound(const epoll_event* events, size_t count) {
-  const ChangeBatch batch;
+  ChangeBatch batch;
   if (count > 0 && !ServeEvents(events, count)) return false;
   // Not before all events are handled: one of them may be of a connection that ends here.
   if (std::exchange(_wasWoken, false)) TakeBackFromLane();
   if (!_turns.empty()) GiveTurns();
+  if (MaySync(batch)) EndBatch(batch);
   return true;
+}
+
+bool EventLoop::MaySync(const ChangeBatch& batch) const {
+  if (!_shared.hasOtherLoops || !batch.HasMember() || _connections.size() != 1) return false;
+  return _busy.empty() && _inLane.empty() && _connections.begin()->second->HasKeptAnswers();
+}
+
+// From here on nobody adds a connection, nor waits for this loop to come round.
+void EventLoop::EndBatch(ChangeBatch& batch) {
+  {
+    osa::PlainMutexLock lock(_mutex);
+    if (_count != 1) return;
+    _syncs = true;
+    if (_answers < _probes) _answered.notify_all();
+  }
+  batch.Flush(true);
+  osa::PlainMutexLock lock(_mutex);
+  _syncs = false;
 }
 
 // False when the loop is to stop.
@@ -180,59 +186,6 @@ bool EventLoop::TakeCall() {
   }
   TakeNewConnections();
   return true;
-}
-
-void EventLoop::TakeNewConnections() {
-  std::vector<osa::Descriptor> descriptors;
-  {
-    osa::PlainMutexLock lock(_mutex);
-    descriptors.swap(_new);
-  }
-  for (osa::Descriptor& descriptor : descriptors) {
-    try {
-      Peer peer(descriptor.Get());
-      TakeNew(std::move(descriptor), std::move(peer));
-    } catch (const std::exception& exception) {
-      Refuse(exception.what());
-    }
-  }
-}
-
-void EventLoop::TakeAccepted(osa::Descriptor descriptor, const SocketAddress& address) noexcept {
-  ++_count;
-  _shared.counters.clients.Add();
-  try {
-    Peer peer(descriptor.Get(), address);
-    TakeNew(std::move(descriptor), std::move(peer));
-  } catch (const std::exception& exception) {
-    Refuse(exception.what());
-  }
-}
-
-// The lists get room for all connections here, so that serving them asks for no memory.
-void EventLoop::TakeNew(osa::Descriptor descriptor, Peer peer) {
-  for (std::vector<Connection*>* places : {&_busy, &_turns, &_inLane}) {
-    if (places->capacity() <= _connections.size()) places->reserve(2 * _connections.size() + 1);
-  }
-  auto connection = std::make_unique<Connection>(std::move(peer), std::move(descriptor), _poll.GetDescriptor(),
-                                                 _poll.GetWakeDescriptor(), _shared);
-  connection->turn.lastServed = _round;  // those that wait already come first
-  Connection* const key = connection.get();
-  _connections.emplace(key, std::move(connection));
-  _newest = key;
-}
-
-// A line that can't be written for want of memory is left out.
-void EventLoop::Refuse(const char* reason) noexcept {
-  static const std::string anybody = "all peers";
-  const LogPeer peer(anybody);
-  _shared.counters.Count(Refusal::kSetup);
-  --_count;
-  FreeOnePlace();
-  try {
-    Log()->Warning("Connection refused: %s", reason);
-  } catch (const std::exception&) {
-  }
 }
 
 // A connection whose request is in the lane already stays there.
@@ -379,15 +332,6 @@ void EventLoop::End(Connection* connection) {
   }
   --_count;
   _connections.erase(connection);
-}
-
-void EventLoop::FreePlace(Connection* connection) {
-  if (std::exchange(connection->hasPlace, false)) FreeOnePlace();
-}
-
-void EventLoop::FreeOnePlace() {
-  if (_shared.places) _shared.places->Free();
-  _shared.counters.clients.Subtract();
 }
 
 }  // namespace tavix::daemon

@@ -13,6 +13,7 @@
 #include "programs/server/connections/Connection.h"
 #include "programs/server/connections/LoopPoll.h"
 #include "programs/server/connections/TurnClock.h"
+#include "programs/server/persistence/ChangeBatch.h"
 #include "programs/server/system/SocketName.h"
 #include "tavix/osa/PlainMutex.h"
 #include "tavix/osa/ThreadAnnotations.h"
@@ -28,13 +29,18 @@ namespace tavix::daemon {
 //     lane      connections whose requests the slow lane has carried out go on, if the loop was woken
 //     turns     those that were queued go on with the requests that they have left; what the time does not suffice for
 //               comes first in the next round
+//     sync      the changes of the round are one batch for the disk, whose end may be a sync, see below
 //     tick      once a second, while any connection has something to watch, bounds of time are checked
 //
 // A connection that still has requests behind its turn is queued (Turn::isQueued), in _busy for the next round. One
 // whose request takes long is in _inLane until the lane has finished with it; when it ends meanwhile, it is abandoned.
 //
-// Threads: its own has all connections. Add, GetPoll, Probe, HasFailed and CountConnections may be called from any
-//          thread.
+// A loop whose only connection waits for the disk has nothing else to do, and lets the batch be synced on its own
+// thread: that is quicker than to wake another one, if the sync is short. As it may turn out long, there must be
+// another loop, which gets all connections that come meanwhile.
+//
+// Threads: its own has all connections. TryAdd, IsSyncing, GetPoll, Probe, HasFailed and CountConnections may be called
+//          from any thread.
 // Locks:   its own mutex; not held while a connection is served.
 // Errors:  what a connection's work throws ends that connection. Anything else ends the loop with all of its
 //          connections.
@@ -51,8 +57,9 @@ class EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  // Takes a connected descriptor over. From any thread.
-  void Add(osa::Descriptor descriptor) TAVIX_EXCLUDES(_mutex);
+  // Takes a connected descriptor over. False while the loop may be waiting for the disk; then it stays the caller's.
+  // From any thread.
+  [[nodiscard]] bool TryAdd(osa::Descriptor& descriptor) TAVIX_EXCLUDES(_mutex);
 
   // The same, on the loop's own thread, by a source. peer: its address.
   void TakeAccepted(osa::Descriptor descriptor, const SocketAddress& peer) noexcept;
@@ -60,10 +67,14 @@ class EventLoop {
   // Watches descriptors for their sources. From any thread.
   const LoopPoll& GetPoll() const { return _poll; }
 
-  // Returns once the loop has come round after the call, or has failed. From any thread, while nobody ends the loop.
+  // Returns once the loop has come round after the call, waits for the disk, which is no fault of its own, or has
+  // failed. From any thread, while nobody ends the loop.
   void Probe() TAVIX_EXCLUDES(_mutex);
 
   bool HasFailed() const { return _failed; }
+
+  // Whether it may be waiting for the disk.
+  bool IsSyncing() const { return _syncs; }
 
   // How many connections there are, those on their way included.
   size_t CountConnections() const { return _count; }
@@ -79,6 +90,8 @@ class EventLoop {
   bool ServeRound(const epoll_event* events, size_t count);
   bool ServeEvents(const epoll_event* events, size_t count);
   void ServeInOrder();
+  bool MaySync(const ChangeBatch& batch) const;
+  void EndBatch(ChangeBatch& batch) TAVIX_EXCLUDES(_mutex);
   bool TakeCall();
   void Fail(const char* reason);
   void TakeNewConnections();
@@ -118,6 +131,7 @@ class EventLoop {
   Connection::Clock::time_point _nextTick{};  // likewise
   std::atomic<size_t> _count{0};
   std::atomic<bool> _failed{false};
+  std::atomic<bool> _syncs{false};  // written with the mutex held
   osa::PlainMutex _mutex;
   std::vector<osa::Descriptor> _new TAVIX_GUARDED_BY(_mutex);
   bool _stop TAVIX_GUARDED_BY(_mutex) = false;

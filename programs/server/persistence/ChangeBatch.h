@@ -8,6 +8,9 @@ namespace tavix::daemon {
 // the thread "JournalSync" is woken once, at the end of the batch. One that is made while another lives takes its place
 // until its own end.
 //
+// A thread that has nothing else to do while it waits for the disk may have the changes synced by itself: then no other
+// thread is woken.
+//
 // Threads: the one that makes it, which destroys it, too, and holds no lock then.
 class ChangeBatch {
  public:
@@ -16,8 +19,9 @@ class ChangeBatch {
    public:
     virtual ~IMember() = default;
 
-    // The batch has ended, or goes on without these changes. On the thread of the batch.
-    virtual void OnBatchEnd() noexcept = 0;
+    // The batch has ended, or goes on without these changes. On the thread of the batch. maySync: it may wait for the
+    // disk here, which as a rule takes short.
+    virtual void OnBatchEnd(bool maySync) noexcept = 0;
   };
 
   ChangeBatch() : _outer(std::exchange(s_current, this)) {}
@@ -38,9 +42,11 @@ class ChangeBatch {
     return true;
   }
 
-  // Ends the batch as far as it has come; the next change begins it anew.
-  void Flush() {
-    if (IMember* const member = std::exchange(_member, nullptr)) member->OnBatchEnd();
+  bool HasMember() const { return _member; }
+
+  // Ends the batch as far as it has come; the next change begins it anew. maySync: as OnBatchEnd has it.
+  void Flush(bool maySync = false) {
+    if (IMember* const member = std::exchange(_member, nullptr)) member->OnBatchEnd(maySync);
   }
 
  private:

@@ -144,13 +144,6 @@ bool SharedUserLayer::IsLarge(const SavedChange& change, const std::optional<His
          IsLargeChange(change.userSettings, change.changedGroups, change.added, _setup.largeChange);
 }
 
-// No lock of the store is held: other changes may have come.
-void SharedUserLayer::OnBatchEnd() noexcept {
-  const osa::PlainMutexLock lock(_mutex);
-  WriteBatch();
-  if (MustWakeSync()) _wakeSync.notify_one();
-}
-
 void SharedUserLayer::WriteBatch() {
   if (!_journal) return;
   try {
@@ -158,19 +151,6 @@ void SharedUserLayer::WriteBatch() {
   } catch (const std::exception& exception) {
     Perform(_state.OnAppendFailed(Clock::now()), ReasonOf(exception));
   }
-}
-
-// A thread that waits until some time finds by itself what is due then.
-bool SharedUserLayer::MustWakeSync() const {
-  if (_syncSleepsUntil == Clock::time_point()) return false;
-  const std::optional<Clock::time_point> time = FindSyncTime();
-  return (time && *time < _syncSleepsUntil) || _state.IsLateWriteDue();
-}
-
-std::optional<SharedUserLayer::Clock::time_point> SharedUserLayer::FindSyncTime() const {
-  const std::optional<Clock::time_point> time = _state.GetSyncTime();
-  if (!time || _setup.durability.kind != Durability::Kind::kAlways) return time;
-  return _gather.FindBegin(_state.GetWritten());
 }
 
 // Without durability it takes its place at once: no sync will give it one.
@@ -233,23 +213,6 @@ std::shared_ptr<Journal> SharedUserLayer::GetJournal() {
   return _journal;
 }
 
-JournalWork SharedUserLayer::AwaitJournalWork() {
-  osa::PlainMutexLock lock(_mutex);
-  while (!_state.IsStopping()) {
-    const std::optional<Clock::time_point> time = FindSyncTime();
-    if (time && Clock::now() >= *time) return JournalWork::kSync;
-    if (_state.IsLateWriteDue()) return JournalWork::kWrite;
-    _syncSleepsUntil = time.value_or(Clock::time_point::max());
-    if (time) {
-      lock.WaitUntil(_wakeSync, *time);
-    } else {
-      lock.Wait(_wakeSync);
-    }
-    _syncSleepsUntil = Clock::time_point();
-  }
-  return JournalWork::kStop;
-}
-
 PendingGroups SharedUserLayer::TakePending() {
   const osa::PlainMutexLock lock(_mutex);
   return {_notes.GetPending().TakeChanges(), _notes.GetEpoch()};
@@ -304,62 +267,6 @@ void SharedUserLayer::OnLateWriteFailed(const LateRecord& record, const char* re
 bool SharedUserLayer::IsLateWriteDue() {
   const osa::PlainMutexLock lock(_mutex);
   return _state.IsLateWriteDue();
-}
-
-std::optional<SyncRound> SharedUserLayer::BeginSync() {
-  const Clock::time_point now = Clock::now();
-  const osa::PlainMutexLock lock(_mutex);
-  WriteBatch();
-  if (!_state.GetSyncTime()) return std::nullopt;
-  _gather.OnBegun(now, _state.GetWritten());
-  if (_watch.Begin(now)) _wakeSnapshot.notify_one();
-  return SyncRound{_journal, _state.OnSyncBegun(now, std::time(nullptr)), _history.GetJournaled()};
-}
-
-bool SharedUserLayer::TakePlace(const SyncRound& round) {
-  if (round.journal->IsInPlace()) return true;
-  const osa::PlainMutexLock names(_nameMutex);
-  {
-    const osa::PlainMutexLock lock(_mutex);
-    if (!_state.GetNames().MayTakePlace(round.sync.journal)) return round.journal->IsInPlace();
-  }
-  round.journal->TakePlace();
-  const osa::PlainMutexLock lock(_mutex);
-  _state.GetNames().OnTookPlace(round.sync.journal);
-  return true;
-}
-
-void SharedUserLayer::OnSynced(const SyncRound& round) {
-  _setup.onSave(true, 0);
-  {
-    const osa::PlainMutexLock lock(_mutex);
-    _gather.OnEnded(Clock::now(), _state.GetWritten());
-  }
-  _gate.SetDurable(round.sync.last);
-  const osa::PlainMutexLock lock(_mutex);
-  _gather.OnReleased(Clock::now());
-  EndDiskWork();
-  if (round.journal == _journal) _history.OnSynced(round.revision);
-  Perform(_state.OnSynced(round.sync));
-}
-
-void SharedUserLayer::OnSyncFailed(const SyncRound& round, const char* reason) {
-  const osa::PlainMutexLock lock(_mutex);
-  EndDiskWork();
-  const std::optional<Steps> steps = _state.OnSyncFailed(round.sync, Clock::now());
-  if (!steps) return;
-  _setup.onSave(false, 0);
-  Perform(*steps, reason);
-}
-
-void SharedUserLayer::OnSyncUseless() {
-  const osa::PlainMutexLock lock(_mutex);
-  EndDiskWork();
-}
-
-// There is something to log when the disk has hung.
-void SharedUserLayer::EndDiskWork() {
-  if (_watch.End()) _wakeSnapshot.notify_one();
 }
 
 }  // namespace tavix::daemon

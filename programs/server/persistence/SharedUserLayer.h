@@ -38,7 +38,8 @@ namespace tavix::daemon {
 // In order: saves come under the store's lock, one at a time, and append to the journal; those of a ChangeBatch are
 // written at its end, or by a sync that begins before. Of a large change, and of those behind it until it is
 // written, they note the groups only: the groups are pending. Beside them JournalSyncer writes pending groups
-// (TakePending, ClosePending and, when they are many, OnLateWritten), and syncs what was appended, without a lock.
+// (TakePending, ClosePending and, when they are many, OnLateWritten), and syncs what was appended, without a lock. In
+// its place a thread may sync its batch at the end, where only records are to be synced and the last sync was short.
 // Beside both SnapshotWriter makes a snapshot: BeginToNote starts to note changed groups, BeginSnapshot is the
 // snapshot's moment, TakeOver lets all further changes be pending, and Follow, FailToFollow or FailSnapshot is its
 // end. Then pending is what the next journal does not have.
@@ -179,8 +180,12 @@ class SharedUserLayer : private ChangeBatch::IMember {
  private:
   using Steps = UserLayerState::Steps;
 
-  void OnBatchEnd() noexcept override TAVIX_EXCLUDES(_mutex);
+  void OnBatchEnd(bool maySync) noexcept override TAVIX_EXCLUDES(_mutex);
   void WriteBatch() TAVIX_REQUIRES(_mutex);
+  bool MaySyncInBatch(Clock::time_point now) const TAVIX_REQUIRES(_mutex);
+  void SyncInBatch(const SyncRound& round) noexcept TAVIX_EXCLUDES(_mutex);
+  void EndSyncInBatch() TAVIX_EXCLUDES(_mutex);
+  std::optional<SyncRound> TryToBeginSync(Clock::time_point now) TAVIX_REQUIRES(_mutex);
   bool MustWakeSync() const TAVIX_REQUIRES(_mutex);
   std::optional<Clock::time_point> FindSyncTime() const TAVIX_REQUIRES(_mutex);
   Ticket Write(const SavedChange& saved, std::optional<Change> change, bool isLarge, bool mustBeSynced = false)
@@ -208,6 +213,12 @@ class SharedUserLayer : private ChangeBatch::IMember {
   NotedChanges _notes TAVIX_GUARDED_BY(_mutex);
   HistoryQueue _history TAVIX_GUARDED_BY(_mutex);
   std::condition_variable _wakeSync;
+
+  // Whether a thread syncs the changes of its batch. "JournalSync" waits meanwhile.
+  bool _syncsInBatch TAVIX_GUARDED_BY(_mutex) = false;
+
+  // The journal that was synced last, name included; 0: none was.
+  UserLayerState::JournalNumber _syncedJournal TAVIX_GUARDED_BY(_mutex) = 0;
 
   // Until when "JournalSync" waits if nobody wakes it; in the past while it does not wait.
   Clock::time_point _syncSleepsUntil TAVIX_GUARDED_BY(_mutex){};

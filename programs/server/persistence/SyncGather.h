@@ -46,6 +46,9 @@ class SyncGather {
 
   void OnReleased(Clock::time_point now) { _end = now + _maxWait; }
 
+  // Whether the last sync took no longer than one that nobody waits behind.
+  bool WasShort() const { return _maxWait == Clock::duration::zero(); }
+
   // When the next sync is to begin, in the past for at once; "written" is the last change.
   Clock::time_point FindBegin(Ticket written) const { return written >= _target ? Clock::time_point() : _end; }
 

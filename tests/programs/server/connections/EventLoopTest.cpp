@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <list>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "programs/server/persistence/ChangeBatch.h"
+#include "programs/server/persistence/DurabilityGate.h"
 #include "tavix/osa/Descriptor.h"
 #include "tavix/osa/Semaphore.h"
 #include "tavix/settings/server/ISettingsPersister.h"
@@ -23,21 +25,22 @@ namespace {
 
 using daemon::EventLoop;
 
-// What it throws is no error that a connection's work may end with.
-struct FailingPersister : settings::server::ISettingsPersister {
+// Finds nothing, and saves nothing.
+struct EmptyPersister : settings::server::ISettingsPersister {
   void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
   void LoadUserSettings(settings::server::SettingsCombiner&) override {}
+  void SaveUserSettings(const core::IniFile&) override {}
+};
+
+// What it throws is no error that a connection's work may end with.
+struct FailingPersister : EmptyPersister {
   void SaveUserSettings(const core::IniFile&) override { throw 1; }
 };
 
 // Notes the groups in the order in which they are changed. A change of a group whose name begins with "Wait" lasts for
 // as long as the test wants.
-class OrderedPersister : public settings::server::ISettingsPersister, public daemon::ChangeBatch::IMember {
+class OrderedPersister : public EmptyPersister, public daemon::ChangeBatch::IMember {
  public:
-  void LoadDefaultSettings(settings::server::SettingsCombiner&) override {}
-  void LoadUserSettings(settings::server::SettingsCombiner&) override {}
-  void SaveUserSettings(const core::IniFile&) override {}
-
   settings::server::ChangeTicket SaveChangedGroups(const core::IniFile&,
                                                    const std::set<std::string>& changedGroups) override {
     const std::string& group = *changedGroups.begin();
@@ -50,7 +53,7 @@ class OrderedPersister : public settings::server::ISettingsPersister, public dae
     return 0;
   }
 
-  void OnBatchEnd() noexcept override { batches.push_back(order.size()); }
+  void OnBatchEnd(bool) noexcept override { batches.push_back(order.size()); }
 
   osa::Semaphore begun{nullptr, 1, 0};
   osa::Semaphore isReleased{nullptr, 1, 0};
@@ -58,10 +61,43 @@ class OrderedPersister : public settings::server::ISettingsPersister, public dae
   std::vector<size_t> batches;     // likewise: how many changes there were at the end of each batch
 };
 
+// Has changes synced at the end of the batch: on its thread, for as long as the test wants, or else on another one.
+class SyncingPersister : public EmptyPersister, public daemon::ChangeBatch::IMember {
+ public:
+  settings::server::ChangeTicket SaveChangedGroups(const core::IniFile&,
+                                                   const std::set<std::string>& changedGroups) override {
+    EXPECT_TRUE(daemon::ChangeBatch::Join(*this));
+    return _last = gate.Add(&changedGroups);
+  }
+
+  settings::server::ChangeTicket FindLastTicket(const settings::common::GroupNameMatcher& groups) override {
+    return gate.FindLast(&groups);
+  }
+
+  void OnBatchEnd(bool maySync) noexcept override {
+    if (maySync) {
+      begun.Release();
+      isReleased.Lock(osa::kWaitForever);
+      gate.SetDurable(_last);
+    } else {
+      isLeftToOthers.Release();
+    }
+  }
+
+  daemon::DurabilityGate gate{true};
+  osa::Semaphore begun{nullptr, 1, 0};
+  osa::Semaphore isReleased{nullptr, 1, 0};
+  osa::Semaphore isLeftToOthers{nullptr, 1, 0};
+
+ private:
+  settings::server::ChangeTicket _last = 0;
+};
+
 osa::Descriptor ConnectTo(EventLoop& loop) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  loop.Add(osa::Descriptor(ends[0]));
+  osa::Descriptor descriptor(ends[0]);
+  EXPECT_TRUE(loop.TryAdd(descriptor));
   return osa::Descriptor(ends[1]);
 }
 
@@ -87,6 +123,24 @@ class OrderedLoop : public testing::Test {
   OrderedPersister _persister;
   ConnectionSetup _setup{_persister};
   EventLoop _loop{_setup.GetShared(), [] {}};
+};
+
+// A loop of two, as it believes.
+class SyncingLoop : public testing::Test {
+ protected:
+  static constexpr char kChange[] = "test-and-merge\n.\n[A]\nx=1\n.\n";
+
+  daemon::Connection::Shared GetShared() {
+    daemon::Connection::Shared shared = _setup.GetShared();
+    shared.gate = &_persister.gate;
+    shared.hasOtherLoops = true;
+    return shared;
+  }
+
+  static void AwaitReply(const osa::Descriptor& peer) { EXPECT_EQ(Receive(peer, 10), "result\nok\n"); }
+
+  SyncingPersister _persister;
+  ConnectionSetup _setup{_persister};
 };
 
 }  // namespace
@@ -132,6 +186,73 @@ TEST_F(OrderedLoop, ChangesOfAllConnectionsThatARoundServesAreOneBatch) {
   for (const osa::Descriptor& other : others) AwaitReply(other);
   _loop.Probe();
   EXPECT_EQ(_persister.batches, (std::vector<size_t>{1, 1 + others.size()}));
+}
+
+// The disk may stand still now: who watches the loop is not kept waiting, and the other loop gets new connections.
+TEST_F(SyncingLoop, WithOneConnectionSyncsAndTakesNoOtherMeanwhile) {
+  EventLoop loop(GetShared(), [] {});
+  const osa::Descriptor peer = ConnectTo(loop);
+  EXPECT_TRUE(Send(peer, kChange));
+  _persister.begun.Lock(osa::kWaitForever);
+  for (int i = 0; i < 10; ++i) loop.Probe();
+  EXPECT_TRUE(loop.IsSyncing());
+  osa::Descriptor other(dup(peer.Get()));
+  EXPECT_FALSE(loop.TryAdd(other));
+  EXPECT_TRUE(other);
+  EXPECT_EQ(loop.CountConnections(), 1u);
+  _persister.isReleased.Release();
+  AwaitReply(peer);
+  EXPECT_TRUE(Eventually([&] { return !loop.IsSyncing(); }));
+  const osa::Descriptor second = ConnectTo(loop);
+  EXPECT_TRUE(Send(second, "get delimited\nNothing\n.\n"));
+  EXPECT_EQ(Receive(second, 7), "data\n.\n");
+}
+
+TEST_F(SyncingLoop, ThatIsProbedAllTheTimeKeepsNobodyWaiting) {
+  EventLoop loop(GetShared(), [] {});
+  const osa::Descriptor peer = ConnectTo(loop);
+  std::atomic<bool> ends{false};
+  BackgroundCall probes([&] {
+    while (!ends) loop.Probe();
+  });
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_TRUE(Send(peer, "test-and-merge\n.\n[A]\nx=" + std::to_string(i) + "\n.\n"));
+    _persister.begun.Lock(osa::kWaitForever);
+    if (i == 99) {
+      ends = true;
+      probes.Join();  // while it syncs
+    }
+    _persister.isReleased.Release();
+    AwaitReply(peer);
+  }
+}
+
+TEST_F(SyncingLoop, WithAnotherConnectionLeavesItToOthers) {
+  EventLoop loop(GetShared(), [] {});
+  const osa::Descriptor peer = ConnectTo(loop);
+  const osa::Descriptor other = ConnectTo(loop);
+  EXPECT_TRUE(Send(peer, kChange));
+  _persister.isLeftToOthers.Lock(osa::kWaitForever);
+  _persister.gate.StopHolding();
+  AwaitReply(peer);
+}
+
+TEST_F(SyncingLoop, WhoseClientDoesNotWaitLeavesItToOthers) {
+  EventLoop loop(GetShared(), [] {});
+  const osa::Descriptor peer = ConnectTo(loop);
+  EXPECT_TRUE(Send(peer, "merge\n[A]\nx=1\n.\n"));
+  _persister.isLeftToOthers.Lock(osa::kWaitForever);
+}
+
+TEST_F(SyncingLoop, ThatIsTheOnlyOneLeavesItToOthers) {
+  daemon::Connection::Shared shared = GetShared();
+  shared.hasOtherLoops = false;
+  EventLoop loop(shared, [] {});
+  const osa::Descriptor peer = ConnectTo(loop);
+  EXPECT_TRUE(Send(peer, kChange));
+  _persister.isLeftToOthers.Lock(osa::kWaitForever);
+  _persister.gate.StopHolding();
+  AwaitReply(peer);
 }
 
 // The round that takes the new ones in is held up by a second client. All send their requests meanwhile.

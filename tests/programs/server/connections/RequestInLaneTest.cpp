@@ -60,7 +60,8 @@ class RequestInLane : public testing::Test {
     EXPECT_TRUE(Eventually([this] { return _places.Take(); }));
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    _loop->Add(osa::Descriptor(ends[0]));
+    osa::Descriptor descriptor(ends[0]);
+    EXPECT_TRUE(_loop->TryAdd(descriptor));
     return osa::Descriptor(ends[1]);
   }
 
@@ -70,7 +71,8 @@ class RequestInLane : public testing::Test {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
     EXPECT_TRUE(Send(osa::Descriptor(ends[1]), requests));
-    _loop->Add(osa::Descriptor(ends[0]));
+    osa::Descriptor descriptor(ends[0]);
+    EXPECT_TRUE(_loop->TryAdd(descriptor));
   }
 
   // Returns when the lane works on it.
@@ -289,7 +291,8 @@ TEST(AnswerInLane, IsGivenUpWhenItsClientLeavesAndChangesBehindItAreMade) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   osa::Descriptor peer(ends[1]);
-  loop.Add(osa::Descriptor(ends[0]));
+  osa::Descriptor descriptor(ends[0]);
+  EXPECT_TRUE(loop.TryAdd(descriptor));
   EXPECT_TRUE(Send(peer, "dump all\nmerge nopersist\n[A]\nx=2\n.\n"));
   for (int i = 0; i < 3; ++i) loop.Probe();  // the lane waits for no lock of the loop's any more
   const auto isIdle = [&] { return LookAtThread(thread).empty() || LookAtThread(thread) == idle; };

@@ -6,8 +6,8 @@
 
 #include "programs/server/persistence/ChangeBatch.h"
 #include "programs/server/persistence/SharedUserLayer.h"
+#include "tests/programs/server/persistence/AwaitedWork.h"
 #include "tests/programs/server/persistence/PersistedStore.h"
-#include "tests/support/BackgroundCall.h"
 #include "tests/support/MemoryFiles.h"
 
 namespace tavix::test {
@@ -49,29 +49,6 @@ class ChangesInBatches : public testing::Test {
       {_files, kUserFile, kAlways, [](bool, size_t) {}, {}, {}, kLargeChange, std::chrono::hours(1), kLongGather}};
   core::IniFile _layer;
   int _changes = 0;
-};
-
-// Waits for work as the syncing thread does.
-class AwaitedWork {
- public:
-  explicit AwaitedWork(SharedUserLayer& shared) : _shared(shared) { _call.AwaitBlocked(); }
-  ~AwaitedWork() { _shared.Stop(); }
-
-  // Whether nobody has woken the thread, but for one that waits on.
-  bool IsStillWaiting() const {
-    _call.AwaitBlocked();
-    return !_call.HasEnded();
-  }
-
-  JournalWork Get() {
-    _call.Join();
-    return _work;
-  }
-
- private:
-  SharedUserLayer& _shared;
-  JournalWork _work = JournalWork::kStop;
-  BackgroundCall _call{[this] { _work = _shared.AwaitJournalWork(); }};
 };
 
 }  // namespace

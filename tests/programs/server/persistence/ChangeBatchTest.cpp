@@ -11,9 +11,13 @@ using daemon::ChangeBatch;
 namespace {
 
 struct CountingMember : ChangeBatch::IMember {
-  void OnBatchEnd() noexcept override { ++ends; }
+  void OnBatchEnd(bool maySync) noexcept override {
+    ++ends;
+    mayHaveSynced = maySync;
+  }
 
   int ends = 0;
+  bool mayHaveSynced = false;  // at the last end
 };
 
 }  // namespace
@@ -59,6 +63,22 @@ TEST(ChangeBatch, ThatIsFlushedGoesOn) {
     EXPECT_TRUE(ChangeBatch::Join(member));
   }
   EXPECT_EQ(member.ends, 2);
+}
+
+TEST(ChangeBatch, TellsItsMemberWhetherTheThreadMayWaitForTheDisk) {
+  CountingMember member;
+  {
+    ChangeBatch batch;
+    EXPECT_FALSE(batch.HasMember());
+    EXPECT_TRUE(ChangeBatch::Join(member));
+    EXPECT_TRUE(batch.HasMember());
+    batch.Flush(true);
+    EXPECT_TRUE(member.mayHaveSynced);
+    EXPECT_FALSE(batch.HasMember());
+    EXPECT_TRUE(ChangeBatch::Join(member));
+  }
+  EXPECT_EQ(member.ends, 2);
+  EXPECT_FALSE(member.mayHaveSynced);
 }
 
 TEST(ChangeBatch, InsideAnotherEndsAlone) {

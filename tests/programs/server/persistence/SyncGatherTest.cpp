@@ -58,6 +58,14 @@ TEST(SyncGather, ShortSyncIsFollowedAtOnce) {
   EXPECT_EQ(gather.FindBegin(11), released);
 }
 
+TEST(SyncGather, KnowsWhetherTheLastSyncWasShort) {
+  SyncGather gather{{}};
+  Sync(gather, 10, 10, microseconds(301));
+  EXPECT_FALSE(gather.WasShort());
+  Sync(gather, 20, 20, microseconds(300));
+  EXPECT_TRUE(gather.WasShort());
+}
+
 TEST(SyncGather, ChangesThatAnEarlierSyncCoveredDoNotCount) {
   SyncGather gather{{}};
   Sync(gather, 10, 12);
