@@ -10,6 +10,7 @@
 #include <map>
 #include <mutex>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "programs/server/connections/Connection.h"
@@ -189,13 +190,14 @@ class Client {
     _connection = std::make_unique<daemon::Connection>(osa::Descriptor(ends[0]), poll, wake, shared);
   }
 
-  // Asks behind the request for what shows nothing of it.
-  void Send(const std::string& request) {
+  // Asks behind the request for what shows nothing of it. maySync: as ChangeBatch has it.
+  void Send(const std::string& request, bool maySync) {
     const std::string bytes = request + "get delimited\nNothing\n.\n";
     EXPECT_EQ(send(_peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     std::vector<char> scratch(bytes.size());
-    const daemon::ChangeBatch batch;
+    daemon::ChangeBatch batch;
     EXPECT_TRUE(_connection->OnReadable(scratch.data(), scratch.size()));
+    batch.Flush(maySync);
     ++_asked;
   }
 
@@ -228,26 +230,40 @@ class Client {
   size_t _answered = 0;
 };
 
-// A daemon's parts around one store, on a disk whose syncs the test lets go.
+// Who syncs: the syncing thread, and the test lets each sync go; or, beside it, who makes changes.
+enum class Syncs { kHeld, kInBatch };
+
+// A daemon's parts around one store.
 class DurableReply : public Persister {
  protected:
-  void RunHistory(unsigned int seed) {
+  void RunHistories(Syncs kind) {
+    const unsigned int seed = std::random_device()();
+    std::cout << "seed " << seed << std::endl;
+    for (unsigned int history = 0; history < kHistories && !HasFailure(); ++history)
+      RunHistory(seed + history * kSteps, kind);
+    std::cout << _replies << " replies, " << _early << " before the end, " << _syncsInBatch << " syncs in batches\n";
+  }
+
+  void RunHistory(unsigned int seed, Syncs kind) {
     RandomRequests requests(seed);
     MemoryFiles files(_image);
     SlowSyncs syncs;
     files.AddObserver([&](const auto& operation) { syncs.OnOperation(operation); });
     PersistedStore store(files, kAlways, kDefaults);
+    files.AddObserver([this, self = std::this_thread::get_id()](const auto& operation) {
+      if (operation.kind == Kind::kSync && std::this_thread::get_id() == self) ++_syncsInBatch;
+    });
     settings::server::ServerEnv env{&store.GetManager(), &_serializers};
     const daemon::Connection::Shared shared{&env, _limits, _bounds, _counters, &store.GetGate(), kLongWait};
     std::vector<std::unique_ptr<Client>> clients;
     while (clients.size() < kConnections) clients.push_back(std::make_unique<Client>(_poll.Get(), _wake.Get(), shared));
     LayerStates states(UserSettingsOf(store.GetManager()));
     std::vector<std::vector<size_t>> promised(kConnections);  // at each question
-    syncs.Hold(true);
+    syncs.Hold(kind == Syncs::kHeld);
     for (unsigned int step = 0; step < kSteps && !HasFailure(); ++step) {
       const size_t who = requests.Below(kConnections);
       const Request request = requests.Next(states.GetLast());
-      clients[who]->Send(request.text);
+      clients[who]->Send(request.text, kind == Syncs::kInBatch);
       states.Note(UserSettingsOf(store.GetManager()));
       const size_t before = promised[who].empty() ? 0 : promised[who].back();
       promised[who].push_back(std::max(before, states.FindLastOf(request.groups)));
@@ -285,17 +301,21 @@ class DurableReply : public Persister {
   const osa::Descriptor _poll{epoll_create1(EPOLL_CLOEXEC)};
   const osa::Descriptor _wake{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   size_t _replies = 0;
-  size_t _early = 0;  // while syncs were held
+  size_t _early = 0;  // while changes were made
+  size_t _syncsInBatch = 0;
 };
 
 }  // namespace
 
 TEST_F(DurableReply, IsNeverSeenBeforeAllThatItsConnectionAskedForIsDurable) {
-  const unsigned int seed = std::random_device()();
-  std::cout << "seed " << seed << std::endl;
-  for (unsigned int history = 0; history < kHistories && !HasFailure(); ++history) RunHistory(seed + history * kSteps);
-  std::cout << _replies << " replies, " << _early << " while syncs were held\n";
+  RunHistories(Syncs::kHeld);
   EXPECT_GT(_early, kHistories);
+  EXPECT_EQ(_syncsInBatch, 0u);
+}
+
+TEST_F(DurableReply, IsNotSeenEarlierWhereWhoMakesChangesSyncsThem) {
+  RunHistories(Syncs::kInBatch);
+  EXPECT_GT(_syncsInBatch, 0u);
 }
 
 }  // namespace tavix::test
