@@ -5,7 +5,9 @@
 
 #include "tavix/osa/ReadWriteAutoLock.h"
 #include "tavix/settings/Amendment.h"
+#include "tavix/settings/server/AmendedGroup.h"
 #include "tavix/settings/server/DocumentChange.h"
+#include "tavix/settings/server/StoreAccount.h"
 
 namespace tavix::settings::server {
 
@@ -43,65 +45,7 @@ const IniFile& Nothing() {
   return nothing;
 }
 
-void AddKeys(Names& names, const Keys* keys) {
-  if (!keys) return;
-  for (const auto& setting : *keys) names.insert(setting.first);
-}
-
 }  // namespace
-
-// One touched group: its layers as they are, and what the amendment makes of its user settings.
-struct AmendmentPlan::Group {
-  const std::string& name;
-  const GroupLayers layers;
-  bool isWhole;
-  const bool isDeleted;
-  const bool isDropped;
-  const Keys* const replace;
-  const Keys* const set;
-  const Keys* const unset;
-
-  std::ptrdiff_t seen = 0;     // keys that readers see then
-  size_t unhidden = 0;         // hidden defaults that readers see then
-  bool hidesDefaults = false;  // others than before
-  size_t saved = 0;            // unsaved keys that are not any more
-
-  const std::string* FindUser(const std::string& key) const {
-    if (replace) return FindValue(replace, key);
-    if (const std::string* value = FindValue(set, key)) return value;
-    const bool isKept = !isDropped && (!unset || (!unset->empty() && unset->count(key) == 0));
-    return isKept ? FindValue(layers.user, key) : nullptr;
-  }
-
-  // Whether the user settings have the group then: it goes with its last key, unless it had none before.
-  bool HasUser() const {
-    if (replace) return !replace->empty();
-    if (set || !layers.user) return set != nullptr;
-    if (isDropped || (unset && unset->empty())) return false;
-    return layers.user->empty() || std::any_of(layers.user->begin(), layers.user->end(),
-                                               [&](const auto& setting) { return FindUser(setting.first) != nullptr; });
-  }
-
-  // Whether readers, who see no such group, will see it for its defaults alone.
-  bool AppearsByDefaults() const {
-    return !layers.all && !isDeleted && !layers.restricted && !HasUser() && layers.HasDefaults();
-  }
-
-  // What readers see then.
-  const std::string* FindSeen(const std::string& key) const {
-    if (const std::string* value = FindValue(layers.restricted, key)) return value;
-    if (const std::string* value = FindUser(key)) return value;
-    return isDeleted ? nullptr : layers.FindDefault(key);
-  }
-
-  Names FindTouchedKeys() const {
-    Names keys;
-    for (const Keys* some : {replace, set, unset}) AddKeys(keys, some);
-    if (!isWhole) return keys;
-    for (const Keys* some : {layers.all, layers.user, layers.hiddenDefaults, layers.restricted}) AddKeys(keys, some);
-    return keys;
-  }
-};
 
 AmendmentPlan::AmendmentPlan(const Amendment& amendment) : AmendmentPlan(amendment, Nothing()) {}
 
@@ -132,7 +76,8 @@ bool AmendmentPlan::MakeEarly(const StoreDocuments& documents) {
 }
 
 bool AmendmentPlan::Make(const StoreDocuments& documents) {
-  const bool isMade = _version == documents.GetVersion() || MakeAnew(documents);
+  const bool isUpToDate = _version == documents.GetVersion() && _sharedBefore == documents.GetUser().CountShared();
+  const bool isMade = isUpToDate || MakeAnew(documents);
   _recorder.reset();  // what changes from here on is the amendment's own
   return isMade;
 }
@@ -145,13 +90,14 @@ bool AmendmentPlan::MakeAnew(const StoreDocuments& documents) {
   FindTouched(documents);
   for (const Names* names : {&_whole, &_keyed}) {
     for (const std::string& name : *names) {
-      Group group = MakeGroup(documents, name);
+      AmendedGroup group = MakeGroup(documents, name);
       EditGroup(group);
     }
   }
   SaveRecord(documents.GetRecordGroup());
   FindSaved(documents.GetRecordGroup());
   _version = documents.GetVersion();
+  _sharedBefore = documents.GetUser().CountShared();
   return true;
 }
 
@@ -168,8 +114,10 @@ bool AmendmentPlan::IsLong(const std::string& recordGroup) const {
 void AmendmentPlan::Clear() {
   _version.reset();
   _record.reset();
-  for (Names* names : {&_whole, &_keyed, &_deleted, &_gone, &_different}) names->clear();
+  for (Names* names : {&_whole, &_keyed, &_deleted, &_unshared, &_gone, &_different}) names->clear();
   _edits.emplace();
+  _sharedKeys = 0;
+  _copiedBytes = 0;
   _changed.Clear();
   _addedMembers.Clear();
   _held.reset();
@@ -252,31 +200,30 @@ void AmendmentPlan::AddDeletedOrBack(const StoreDocuments& documents) {
   }
 }
 
-AmendmentPlan::Group AmendmentPlan::MakeGroup(const StoreDocuments& documents, const std::string& name) const {
+AmendedGroup AmendmentPlan::MakeGroup(const StoreDocuments& documents, const std::string& name) const {
   const GroupLayers layers = documents.FindLayers(name);
-  Group group{name,
-              layers,
-              _whole.count(name) != 0,
-              _deleted.count(name) != 0,
-              _drop.Get().HasGroup(name),
-              FindKeys(_replace.Get(), name),
-              FindKeys(_set.Get(), name),
-              FindKeys(_unset.Get(), name)};
+  AmendedGroup group{name,
+                     layers,
+                     _whole.count(name) != 0,
+                     _deleted.count(name) != 0,
+                     _drop.Get().HasGroup(name),
+                     FindKeys(_replace.Get(), name),
+                     FindKeys(_set.Get(), name),
+                     FindKeys(_unset.Get(), name)};
   group.isWhole |= group.AppearsByDefaults();
   group.seen = layers.all ? static_cast<std::ptrdiff_t>(layers.all->size()) : 0;
   return group;
 }
 
-void AmendmentPlan::EditGroup(Group& group) {
-  for (const std::string& key : group.FindTouchedKeys()) {
-    EditKey(group, key);
-    EditUserKey(group, key);
-  }
+void AmendmentPlan::EditGroup(AmendedGroup& group) {
+  const Names keys = group.FindTouchedKeys();
+  for (const std::string& key : keys) EditKey(group, key);
+  EditUser(group, keys);
   EndGroup(group);
   EndHidden(group);
 }
 
-void AmendmentPlan::EditKey(Group& group, const std::string& key) {
+void AmendmentPlan::EditKey(AmendedGroup& group, const std::string& key) {
   const std::string* const before = FindValue(group.layers.all, key);
   const std::string* const after = group.FindSeen(key);
   if (after && !(before && *before == *after)) {
@@ -301,7 +248,28 @@ void AmendmentPlan::EditKey(Group& group, const std::string& key) {
   ++group.saved;
 }
 
-void AmendmentPlan::EditUserKey(const Group& group, const std::string& key) {
+void AmendmentPlan::EditUser(const AmendedGroup& group, const Names& keys) {
+  if (!group.layers.IsShared()) {
+    for (const std::string& key : keys) EditUserKey(group, key);
+  } else if (group.StaysShared(keys)) {
+    _sharedKeys += group.seen - static_cast<std::ptrdiff_t>(group.layers.user->size());
+  } else {
+    Unshare(group);
+  }
+}
+
+// What was shared has no keys in the document of the user settings.
+void AmendmentPlan::Unshare(const AmendedGroup& group) {
+  _unshared.insert(group.name);
+  _different.insert(group.name);
+  if (!group.HasUser()) return;
+  for (const std::string& key : group.FindPossibleUserKeys()) {
+    if (const std::string* const value = group.FindUser(key)) _edits->user.Set(group.name, key, *value);
+  }
+  _copiedBytes += StoreAccount::CountGroup({}, *group.layers.user) - StoreAccount::CountGroup({}, {});
+}
+
+void AmendmentPlan::EditUserKey(const AmendedGroup& group, const std::string& key) {
   const std::string* const before = FindValue(group.layers.user, key);
   const std::string* const after = group.FindUser(key);
   if (after && !(before && *before == *after)) {
@@ -312,7 +280,7 @@ void AmendmentPlan::EditUserKey(const Group& group, const std::string& key) {
 }
 
 // Whether the group is there, for readers and in the user settings.
-void AmendmentPlan::EndGroup(const Group& group) {
+void AmendmentPlan::EndGroup(const AmendedGroup& group) {
   const GroupLayers& layers = group.layers;
   const bool hasUser = group.HasUser();
   if (layers.user && !hasUser) _edits->user.RemoveGroup(group.name);
@@ -330,7 +298,7 @@ void AmendmentPlan::EndGroup(const Group& group) {
 }
 
 // Without a mark, a group of the defaults that has no keys can't be told from one of another layer.
-void AmendmentPlan::EndHidden(const Group& group) {
+void AmendmentPlan::EndHidden(const AmendedGroup& group) {
   const GroupLayers& layers = group.layers;
   const bool isGone = _gone.count(group.name) != 0;
   const bool isSaved =
@@ -354,12 +322,14 @@ void AmendmentPlan::SaveRecord(const std::string& group) {
 }
 
 std::ptrdiff_t AmendmentPlan::CountGrowth(const StoreDocuments& documents) const {
-  return _edits->all.CountGrowth(documents.GetAll()) + _edits->user.CountGrowth(documents.GetUser().GetGroups());
+  return _edits->all.CountGrowth(documents.GetAll()) + _edits->user.CountGrowth(documents.GetUser().GetGroups()) -
+         static_cast<std::ptrdiff_t>(_copiedBytes);
 }
 
 std::ptrdiff_t AmendmentPlan::CountHiddenGrowth(const StoreDocuments& documents) const {
   const HiddenLayers& hidden = documents.GetHidden();
-  return _edits->hiddenDefaults.CountGrowth(hidden.defaults) + _edits->unsaved.CountGrowth(hidden.unsaved);
+  return _edits->hiddenDefaults.CountGrowth(hidden.defaults) + _edits->unsaved.CountGrowth(hidden.unsaved) +
+         static_cast<std::ptrdiff_t>(_copiedBytes);
 }
 
 void AmendmentPlan::FindSaved(const std::string& recordGroup) {

@@ -22,6 +22,8 @@ struct Amendment;
 
 namespace tavix::settings::server {
 
+struct AmendedGroup;
+
 // What an amendment changes in the documents of a store. Each key that it touches is computed anew from all layers, as
 // the next start would do it: restricted settings, then user settings, then the defaults unless the record deletes
 // their group. What it touches are the keys that it names and, of groups that it names as a whole, whose defaults come
@@ -70,7 +72,15 @@ class AmendmentPlan {
   Edits& GetEdits() { return *_edits; }
   RecordEdit& GetRecord() { return *_record; }
 
-  // By how many bytes the store grows, as its account counts them; and what it hides.
+  // Shared groups of the user settings that hold something else then than what readers see, or leave them. They are to
+  // be forgotten before the edits are carried out, which set all that they hold.
+  const std::set<std::string>& GetUnshared() const { return _unshared; }
+
+  // How many keys the groups get that stay shared; negative: they lose some. The edits of the user settings lack them.
+  std::ptrdiff_t CountSharedKeys() const { return _sharedKeys; }
+
+  // By how many bytes the store grows, as its account counts them, without the copies that groups take which are not
+  // shared any more; and these copies together with what it hides.
   std::ptrdiff_t CountGrowth(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
   std::ptrdiff_t CountHiddenGrowth(const StoreDocuments& documents) const TAVIX_REQUIRES_SHARED(documents.GetLock());
 
@@ -87,8 +97,6 @@ class AmendmentPlan {
   const std::optional<common::GroupNameMatcher>& GetHeld() const { return _held; }
 
  private:
-  struct Group;
-
   bool IsLong(const std::string& recordGroup) const;
   void Clear();
   bool MakeAnew(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
@@ -99,13 +107,15 @@ class AmendmentPlan {
   void AddDeletedOrBack(const StoreDocuments& documents) TAVIX_REQUIRES_SHARED(documents.GetLock());
   void SaveRecord(const std::string& group);
   void FindSaved(const std::string& recordGroup);
-  Group MakeGroup(const StoreDocuments& documents, const std::string& name) const
+  AmendedGroup MakeGroup(const StoreDocuments& documents, const std::string& name) const
       TAVIX_REQUIRES_SHARED(documents.GetLock());
-  void EditGroup(Group& group);
-  void EditKey(Group& group, const std::string& key);
-  void EditUserKey(const Group& group, const std::string& key);
-  void EndGroup(const Group& group);
-  void EndHidden(const Group& group);
+  void EditGroup(AmendedGroup& group);
+  void EditKey(AmendedGroup& group, const std::string& key);
+  void EditUser(const AmendedGroup& group, const std::set<std::string>& keys);
+  void EditUserKey(const AmendedGroup& group, const std::string& key);
+  void Unshare(const AmendedGroup& group);
+  void EndGroup(const AmendedGroup& group);
+  void EndHidden(const AmendedGroup& group);
 
   const EarlyTest _present;
   const EarlyTest _absent;
@@ -122,6 +132,10 @@ class AmendmentPlan {
   std::set<std::string> _keyed;    // further groups, of which only named keys are
   std::set<std::string> _deleted;  // of all these, those that the record deletes once the plan is carried out
   std::optional<Edits> _edits;
+  size_t _sharedBefore = 0;  // groups, of the store that the plan is for
+  std::set<std::string> _unshared;
+  std::ptrdiff_t _sharedKeys = 0;
+  size_t _copiedBytes = 0;
   std::set<std::string> _gone;
   core::IniFile _changed;
   std::set<std::string> _different;

@@ -39,7 +39,7 @@ class PreparedMerge {
                std::set<std::string>* different);
 
   // How many keys the shared groups get.
-  size_t CountSharedKeys() const { return _sharedKeys; }
+  std::ptrdiff_t CountSharedKeys() const { return static_cast<std::ptrdiff_t>(_sharedKeys); }
 
   // Once, after Prepare. What was replaced is destroyed with the object.
   void CarryOut(core::IniFile& document, StoreAccount& account, DocumentTally& tally) noexcept;

@@ -30,11 +30,13 @@ class SharedPlaces {
   bool IsEmpty() const { return _count == 0; }
   bool Has(const Keys& place) const { return !IsEmpty() && _slots[FindSlot(PlaceOf(place))] != kFree; }
 
+  size_t CountGroups() const { return _count; }
+
   // How many keys the groups have together.
   size_t CountKeys() const { return _keys; }
 
-  // They get so many.
-  void AddKeys(size_t keys) noexcept { _keys += keys; }
+  // They get so many; negative: they lose some.
+  void AddKeys(std::ptrdiff_t keys) noexcept { _keys += static_cast<size_t>(keys); }
 
   // count: of the keys that the group has now. It leaves.
   void Remove(const Keys& place, size_t count) noexcept;

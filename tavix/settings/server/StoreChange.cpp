@@ -117,7 +117,6 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
     const osa::WriteAutoLock lock(documents.GetLock());
     if (choose) plan = choose(documents._user);
     if (!plan || !plan->Make(documents)) return false;
-    OwnGroups(documents, *plan);
     if (!origin.isRevert) RequireRoom(documents, *plan);
     Prepare(documents, *plan);
     std::optional<IniFile> before;
@@ -135,11 +134,6 @@ bool StoreChange::Amend(StoreDocuments& documents, ISettingsPersister* persister
   };
   Announce(findTicketOfOthers, [&] { notifier.Notify(notices, *reserve, plan->GetGone(), plan->GetChanged()); });
   return true;
-}
-
-void StoreChange::OwnGroups(StoreDocuments& documents, AmendmentPlan& plan) {
-  if (!documents._user.HasShared()) return;
-  for (const std::string& name : plan.GetDifferent()) documents._user.Own(name, documents._account);
 }
 
 void StoreChange::RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) {
@@ -182,6 +176,8 @@ void StoreChange::CarryOut(StoreDocuments& documents, AmendmentPlan& plan) noexc
   documents._recorders.Note(documents._recordGroup);
   AmendmentPlan::Edits& edits = plan.GetEdits();
   DocumentTally unasked;  // nobody asks how much is hidden
+  documents._user.Forget(plan.GetUnshared());
+  documents._user.AddSharedKeys(plan.CountSharedKeys());
   edits.all.CarryOut(documents._all, account, account.GetAllTally());
   edits.user.CarryOut(documents._user.GetMutableGroups(), account, account.GetUserTally());
   edits.hiddenDefaults.CarryOut(documents._hidden.defaults, account, unasked);

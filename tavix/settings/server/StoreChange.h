@@ -85,7 +85,6 @@ class StoreChange {
  private:
   static void BeginVersion(StoreDocuments& documents);
   static void RequirePatterns(const StoreDocuments& documents, std::ptrdiff_t more) TAVIX_REQUIRES(documents.GetLock());
-  static void OwnGroups(StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
   static void RequireRoom(const StoreDocuments& documents, AmendmentPlan& plan) TAVIX_REQUIRES(documents.GetLock());
   static void AskPersister(const StoreDocuments& documents, ISettingsPersister& persister, AmendmentPlan& plan,
                            const ChangeOrigin& origin) TAVIX_REQUIRES(documents.GetLock());

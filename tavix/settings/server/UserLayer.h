@@ -16,8 +16,9 @@ class StoreAccount;
 // The user settings of a store. A group that readers see as the user settings have it is in memory once: its keys are
 // in the document of what readers see, and this one has its name alone. Such a group is shared. Who changes it in both
 // documents alike changes what readers see alone (AddSharedKeys), or takes the group out of both (Forget).
-// Who changes one of the two, or each in its own way, makes it an own group before (Own): from then on the user
-// settings have keys of their own for it. Only loading shares groups.
+// Who changes one of the two, or each in its own way, makes it an own group: from then on the user settings have keys
+// of their own for it. Either the keys are copied before (Own), or the group is forgotten and gets all its keys as new
+// ones. Only loading shares groups.
 //
 // Threads: guarded by the store's lock, as the document of what readers see.
 class UserLayer {
@@ -58,6 +59,7 @@ class UserLayer {
   }
 
   bool HasShared() const { return !_shared.IsEmpty(); }
+  size_t CountShared() const { return _shared.CountGroups(); }
   size_t CountSharedKeys() const { return _shared.CountKeys(); }
 
   // Makes groups own ones, which nobody sees but the account. Throws std::bad_alloc: some may have become own groups.
@@ -65,10 +67,11 @@ class UserLayer {
   size_t Own(const std::string& name, StoreAccount& account);
   void Own(const core::IniFile& named, StoreAccount& account);
 
-  // Readers see so many more keys of shared groups.
-  void AddSharedKeys(size_t keys) noexcept { _shared.AddKeys(keys); }
+  // Readers see so many more keys of shared groups; negative: fewer.
+  void AddSharedKeys(std::ptrdiff_t keys) noexcept { _shared.AddKeys(keys); }
 
-  // The groups are about to leave both documents.
+  // Those of the groups that are shared are own ones without keys from now on. What readers see of them is still as it
+  // was.
   void Forget(const std::set<std::string>& names) noexcept;
 
  private:

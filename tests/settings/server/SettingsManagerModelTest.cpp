@@ -11,6 +11,7 @@
 #include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/ChangeOrigin.h"
+#include "tavix/settings/server/RefusedChange.h"
 #include "tavix/settings/server/SettingsManager.h"
 #include "tavix/settings/server/StoreAccount.h"
 #include "tavix/settings/server/StoreAmendment.h"
@@ -18,6 +19,7 @@
 #include "tests/support/MemoryPersister.h"
 #include "tests/support/RandomDocument.h"
 #include "tests/support/RecordingCallback.h"
+#include "tests/support/Seeds.h"
 #include "tests/support/StoreModel.h"
 
 // The store against the plainest model of it, a map of maps for each layer, under thousands of random operations.
@@ -29,15 +31,18 @@ using tavix::settings::Amendment;
 using tavix::settings::common::GroupNameMatcher;
 using tavix::settings::server::ChangeOrigin;
 using tavix::settings::server::ChangeTicket;
+using tavix::settings::server::RefusedChange;
 using tavix::settings::server::SettingsManager;
 using tavix::settings::server::StoreAccount;
 using tavix::settings::server::StoreAmendment;
 using tavix::test::AllSettingsOf;
 using tavix::test::Change;
+using tavix::test::ChooseSeeds;
 using tavix::test::MemoryPersister;
 using tavix::test::MemoryRestrictedLoader;
 using tavix::test::RandomDocuments;
 using tavix::test::RecordingCallback;
+using tavix::test::Seeds;
 using tavix::test::StoreModel;
 using tavix::test::TextOf;
 using tavix::test::UserSettingsOf;
@@ -132,6 +137,7 @@ class Comparison {
   }
 
   size_t CountAmended() const { return _amended; }
+  size_t CountRefused() const { return _refused; }
 
   // The bytes that were in memory once instead of twice, summed up over all steps.
   size_t CountSavedBytes() const { return _savedBytes; }
@@ -181,17 +187,38 @@ class Comparison {
 
   void Amend() {
     const StoreModel::Amendment amendment = RandomAmendment(_random, _model.all);
-    Change change;
-    const bool isMade = _model.Amend(amendment, change);
     const Amendment request{IniFile(amendment.present), IniFile(amendment.absent), IniFile(amendment.set),
                             IniFile(amendment.unset), IniFile(amendment.replace)};
     ChangeTicket ignored = 0;
-    ASSERT_EQ(amendment.drop.empty()
-                  ? _store->Amend(request)
-                  : _store->Amend(StoreAmendment{request, IniFile(amendment.drop)}, ChangeOrigin(), ignored),
-              isMade);
+    bool isAmended = false;
+    const bool hasRoom = TryChange([&] {
+      isAmended = amendment.drop.empty()
+                      ? _store->Amend(request)
+                      : _store->Amend(StoreAmendment{request, IniFile(amendment.drop)}, ChangeOrigin(), ignored);
+    });
+    if (!hasRoom) return;
+    Change change;
+    const bool isMade = _model.Amend(amendment, change);
+    ASSERT_EQ(isAmended, isMade);
     if (isMade) Expect(change);
     _amended += isMade ? 1 : 0;
+  }
+
+  // Now and then there is little room. Returns whether the change was not refused.
+  template <class Change>
+  bool TryChange(Change change) {
+    const size_t bytes = _store->GetApproximateBytes();
+    if (_random.Below(3) == 0) _store->SetMaxBytes(bytes + _random.Below(500));
+    bool isRefused = false;
+    try {
+      change();
+    } catch (const RefusedChange&) {
+      isRefused = true;
+      EXPECT_EQ(_store->GetApproximateBytes(), bytes);
+    }
+    _store->SetMaxBytes(0);
+    _refused += isRefused ? 1 : 0;
+    return !isRefused;
   }
 
   void Overwrite() {
@@ -264,13 +291,15 @@ class Comparison {
   std::vector<Change> _expectedOfNetwork;
   std::unique_ptr<SettingsManager> _store;
   size_t _amended = 0;
+  size_t _refused = 0;
 };
 
 class SettingsManagerModel : public testing::TestWithParam<bool> {};
 
 TEST_P(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
   const bool isWhole = GetParam();
-  for (const unsigned int seed : {3101u, 3102u, 3103u, 3104u}) {
+  const Seeds seeds = ChooseSeeds(4);
+  for (unsigned int seed = seeds.first; seed <= seeds.last; ++seed) {
     Comparison comparison(seed, isWhole);
     for (int step = 0; step < 1500; ++step) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
@@ -278,6 +307,7 @@ TEST_P(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
       if (testing::Test::HasFatalFailure()) return;
     }
     EXPECT_GT(comparison.CountAmended(), 50u);
+    EXPECT_GT(comparison.CountRefused(), 5u);
     EXPECT_EQ(comparison.CountSavedBytes() == 0, isWhole);
   }
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <new>
 #include <set>
 #include <string>
@@ -13,19 +12,19 @@
 #include "tavix/core/IniFile.h"
 #include "tavix/osa/Exception.h"
 #include "tavix/osa/ReadWriteAutoLock.h"
-#include "tavix/settings/Amendment.h"
 #include "tavix/settings/common/GroupNameMatcher.h"
 #include "tavix/settings/server/AmendmentPlan.h"
 #include "tavix/settings/server/ChangeNotifier.h"
 #include "tavix/settings/server/ChangeRequest.h"
-#include "tavix/settings/server/ISettingsPersister.h"
 #include "tavix/settings/server/LayerView.h"
 #include "tavix/settings/server/StoreAccount.h"
+#include "tavix/settings/server/StoreAmendment.h"
 #include "tavix/settings/server/StoreChange.h"
 #include "tavix/settings/server/StoreDocuments.h"
 #include "tests/support/DocumentText.h"
 #include "tests/support/RefusedAllocation.h"
 #include "tests/support/SharedUserSettings.h"
+#include "tests/support/StoreOutcome.h"
 
 // Changes of a store whose memory runs out at any moment: they are made altogether, or not at all.
 
@@ -33,16 +32,17 @@ namespace tavix::test {
 
 using core::IniFile;
 using settings::common::GroupNameMatcher;
+using settings::server::AmendmentPlan;
 using settings::server::ChangeNotifier;
 using settings::server::ChangeRequest;
 using settings::server::ChangeTicket;
 using settings::server::ISettingsPersister;
 using settings::server::LayerView;
-using settings::server::SettingsCombiner;
+using settings::server::PlannedChange;
 using settings::server::StoreAccount;
+using settings::server::StoreAmendment;
 using settings::server::StoreChange;
 using settings::server::StoreDocuments;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 namespace {
@@ -52,78 +52,15 @@ using Names = std::set<std::string>;
 constexpr char kRecord[] = "Record";
 const std::string kLong = "a value that is longer than a string holds in itself";
 
-// Counts its calls, without memory.
-class CountingPersister : public ISettingsPersister {
- public:
-  void LoadDefaultSettings(SettingsCombiner&) override {}
-  void LoadUserSettings(SettingsCombiner&) override {}
-  void SaveUserSettings(const IniFile&) override {}
-  ChangeTicket SaveChangedGroups(const IniFile&, const Names&) override {
-    ++saves;
-    return 0;
-  }
-  ChangeTicket SaveAddedSettings(const IniFile&, const Names&, const IniFile&) override {
-    ++saves;
-    return 0;
-  }
-
-  int saves = 0;
-};
-
-// Remembers which groups it is called for, without memory.
-class SeenGroups : public settings::IChangeCallback {
- public:
-  explicit SeenGroups(const Names& possible) {
-    for (const std::string& name : possible) _seen[name] = false;
-  }
-
-  void OnChange(const Names& changedGroups, const IniFile&) override {
-    for (const std::string& name : changedGroups) {
-      const auto seen = _seen.find(name);
-      if (seen != _seen.end()) seen->second = true;
-    }
-  }
-
-  Names Get() const {
-    Names names;
-    for (const auto& [name, isSeen] : _seen) {
-      if (isSeen) names.insert(name);
-    }
-    return names;
-  }
-
- private:
-  std::map<std::string, bool> _seen;
-};
-
-struct Outcome {
-  std::string all;
-  std::string user;
-  size_t bytes = 0;  // 0 where a change that is not made leaves more, too
-  Names notified;
-  int saves = 0;
-
-  bool operator==(const Outcome& other) const {
-    return all == other.all && user == other.user && bytes == other.bytes && notified == other.notified &&
-           saves == other.saves;
-  }
-};
-
-std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
-  out << "all\n" << outcome.all << "user\n" << outcome.user << outcome.bytes << " bytes, saved " << outcome.saves;
-  for (const std::string& name : outcome.notified) out << ", notified of " << name;
-  return out;
-}
-
 // A store of its own, for one change.
 class SmallStore {
  public:
   using Fill = std::function<void(ChangeRequest&)>;
 
   // isShared: groups that readers see as the user settings have them are in memory once.
-  explicit SmallStore(bool isShared) : _isShared(isShared) {
-    const IniFile all = DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n");
-    const IniFile user = DocumentOf("[A]\nx=1\ny=" + kLong + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n");
+  explicit SmallStore(bool isShared, const std::string& value = kLong) {
+    const IniFile all = DocumentOf("[A]\nx=1\ny=" + value + "\n[B]\nx=2\n[Default]\nx=3\n[Default 2]\nx=4\n");
+    const IniFile user = DocumentOf("[A]\nx=1\ny=" + value + "\n[B]\nx=2\n[" + kRecord + "]\n1=D*\n2=" + kLong + "\n");
     SharedUserSettings shared;
     if (isShared) shared = ShareEqualGroups(all, user);
     const osa::WriteAutoLock lock(_documents.GetLock());
@@ -146,11 +83,11 @@ class SmallStore {
     }
   }
 
-  bool Amend(const settings::Amendment& amendment, long refused, bool areAllBehindIt) {
+  bool Amend(const StoreAmendment& amendment, long refused, bool areAllBehindIt) {
     const RefusedAllocation allocation(refused, areAllBehindIt);
     try {
-      settings::server::ChangeTicket ticket = 0;
-      settings::server::AmendmentPlan plan(amendment);
+      ChangeTicket ticket = 0;
+      AmendmentPlan plan(amendment, amendment.drop);
       return StoreChange::Amend(_documents, &_persister, _notifier, plan, {}, {}, ticket);
     } catch (const std::bad_alloc&) {
       return false;
@@ -175,7 +112,23 @@ class SmallStore {
     }
   }
 
-  Outcome GetOutcome() const {
+  // How many bytes the amendment takes under the lock, of which it was planned before, until it is carried out.
+  long CountBytesUnderLock(const StoreAmendment& amendment) {
+    AmendmentPlan plan(amendment, amendment.drop);
+    ChangeTicket ticket = 0;
+    long before = 0;
+    long after = 0;
+    _persister.onPrepared = [&] { after = RefusedAllocation::CountLiveBytes(); };
+    const auto choose = [&](const LayerView&) {
+      before = RefusedAllocation::CountLiveBytes();
+      return &plan;
+    };
+    EXPECT_TRUE(StoreChange::Amend(_documents, &_persister, _notifier, plan, choose, {}, ticket));
+    return after - before;
+  }
+
+  // leavesMore: a change that is not made may do so.
+  StoreOutcome GetOutcome(bool leavesMore = false) const {
     const osa::ReadAutoLock lock(_documents.GetLock());
     const auto& hidden = _documents.GetHidden();
     const size_t bytes = StoreAccount::Count(_documents.GetAll()) +
@@ -188,15 +141,14 @@ class SmallStore {
     EXPECT_EQ(_documents.GetAccount().GetUserTally().CountKeys() + _documents.GetUser().CountSharedKeys(),
               counted.GetUserTally().CountKeys());
     EXPECT_EQ(_documents.GetAccount().GetAllTally().CountNameBytes(), counted.GetAllTally().CountNameBytes());
-    return {TextOf(_documents.GetAll()), TextOf(user), _isShared ? 0 : bytes, _callback.Get(), _persister.saves};
+    return {TextOf(_documents.GetAll()), TextOf(user), leavesMore ? 0 : bytes, _callback.Get(), _persister.saves};
   }
 
   unsigned long long GetVersion() const { return _documents.GetVersion(); }
 
  private:
-  const bool _isShared;
   StoreDocuments _documents{kRecord};
-  CountingPersister _persister;
+  CallCountingPersister _persister;
   ChangeNotifier _notifier;
   SeenGroups _callback{{"A", "B", "Default", "Default 2", "New group of a name that is long"}};
 };
@@ -272,10 +224,10 @@ class StoreWithoutMemory : public testing::TestWithParam<std::tuple<Case, bool>>
 
   // Refuses each allocation of the change in turn. What is left is all of the change, or nothing.
   static void ExpectAllOrNothing(bool areAllBehindIt) {
-    const Outcome before = SmallStore(IsShared()).GetOutcome();
+    const StoreOutcome before = SmallStore(IsShared()).GetOutcome(IsShared());
     SmallStore model(IsShared());
     ASSERT_TRUE(model.Change(GetFill(), -1, false));
-    const Outcome after = model.GetOutcome();
+    const StoreOutcome after = model.GetOutcome(IsShared());
     ASSERT_THAT(after.notified, testing::Not(IsEmpty()));
     bool isRefused = true;
     for (long refused = 0; isRefused; ++refused) {
@@ -285,7 +237,7 @@ class StoreWithoutMemory : public testing::TestWithParam<std::tuple<Case, bool>>
       const auto version = store.GetVersion();
       const bool isMade = store.Change(GetFill(), refused, areAllBehindIt);
       isRefused = RefusedAllocation::WasRefused();
-      ASSERT_EQ(store.GetOutcome(), isMade ? after : before);
+      ASSERT_EQ(store.GetOutcome(IsShared()), isMade ? after : before);
       ASSERT_EQ(store.GetVersion() != version, isMade);
       ASSERT_TRUE(isMade || isRefused);
     }
@@ -317,40 +269,73 @@ TEST_P(StoreWithoutMemory, MakesAllOrNothingOfAChangeThatOthersWereFasterThan) {
     SmallStore store(IsShared());
     const bool isMade = store.ChangeLate(GetFill(), fillOther, refused);
     isRefused = RefusedAllocation::WasRefused();
-    ASSERT_EQ(store.GetOutcome(), (isMade ? model : first).GetOutcome());
+    ASSERT_EQ(store.GetOutcome(IsShared()), (isMade ? model : first).GetOutcome(IsShared()));
   }
 }
 
-class AmendedStoreWithoutMemory : public testing::TestWithParam<bool> {};
+struct AmendmentCase {
+  const char* name;
+  StoreAmendment amendment;
+};
 
-// Of each layer and of the record something comes, and something goes.
+class AmendedStoreWithoutMemory : public testing::TestWithParam<std::tuple<AmendmentCase, bool>> {};
+
 TEST_P(AmendedStoreWithoutMemory, MakesAllOfAnAmendmentAndNotifiesOfItOrDoesNothing) {
-  settings::Amendment amendment;
-  amendment.set = DocumentOf("[Default 2]\nx=" + kLong + "\n[New group of a name that is long]\nk=" + kLong + "\n");
-  amendment.unset = DocumentOf("[A]\ny=\n[B]\n[D*]\n[Default]\nx=\n");
-  amendment.replace = DocumentOf("[C]\nx=" + kLong + "\n");
-  SmallStore model(GetParam());
-  ASSERT_TRUE(model.Amend(amendment, -1, false));
-  const Outcome before = SmallStore(GetParam()).GetOutcome();
-  const Outcome after = model.GetOutcome();
-  ASSERT_THAT(after.notified, testing::IsSupersetOf({"A", "B", "Default 2"}));
+  const auto& [theCase, isShared] = GetParam();
+  SmallStore model(isShared);
+  ASSERT_TRUE(model.Amend(theCase.amendment, -1, false));
+  const StoreOutcome before = SmallStore(isShared).GetOutcome();
+  const StoreOutcome after = model.GetOutcome();
+  ASSERT_THAT(after.notified, testing::IsSupersetOf({"A", "B"}));
   for (const bool areAllBehindIt : {false, true}) {
     bool isRefused = true;
     for (long refused = 0; isRefused; ++refused) {
-      SmallStore store(GetParam());
-      const bool isMade = store.Amend(amendment, refused, areAllBehindIt);
+      SmallStore store(isShared);
+      const bool isMade = store.Amend(theCase.amendment, refused, areAllBehindIt);
       isRefused = RefusedAllocation::WasRefused();
       ASSERT_EQ(store.GetOutcome(), isMade ? after : before) << refused;
     }
   }
 }
 
+// What leaves is not copied before.
+TEST(DroppedGroups, TakeNoMemoryUnderTheLock) {
+  for (const bool isShared : {false, true}) {
+    SmallStore store(isShared, std::string(1'000'000, 'v'));
+    StoreAmendment amendment;
+    amendment.drop = DocumentOf("[A]\n[B]\n");
+    for (int i = 0; i < 100; ++i) amendment.drop["None/" + std::to_string(i)];  // long: it is planned before
+    EXPECT_LT(store.CountBytesUnderLock(amendment), 100'000);
+  }
+}
+
+namespace {
+
+StoreAmendment AmendmentOf(const std::string& set, const std::string& unset, const std::string& replace = {},
+                           const std::string& drop = {}) {
+  return {{{}, {}, DocumentOf(set), DocumentOf(unset), DocumentOf(replace)}, DocumentOf(drop)};
+}
+
+const std::vector<AmendmentCase> kAmendments{
+    {"OfEachLayerAndOfTheRecord",
+     AmendmentOf("[Default 2]\nx=" + kLong + "\n[New group of a name that is long]\nk=" + kLong + "\n",
+                 "[A]\ny=\n[B]\n[D*]\n[Default]\nx=\n", "[C]\nx=" + kLong + "\n")},
+    {"OfBothLayersAlike", AmendmentOf("[A]\nz=" + kLong + "\n[B]\nx=" + kLong + "\n", "[A]\nx=\n")},
+    {"ThatShowsADefault", AmendmentOf("[A]\nx=9\n[B]\nz=" + kLong + "\n", "[B]\nx=\n")},
+    {"OfGroupsThatLeave", AmendmentOf({}, {}, {}, "[A]\n[B]\n")},
+};
+
+}  // namespace
+
 INSTANTIATE_TEST_SUITE_P(Changes, StoreWithoutMemory, testing::Combine(testing::ValuesIn(kCases), testing::Bool()),
                          [](const auto& parameter) {
                            const bool isShared = std::get<1>(parameter.param);
                            return std::string(std::get<0>(parameter.param).name) + (isShared ? "IntoSharedGroups" : "");
                          });
-INSTANTIATE_TEST_SUITE_P(Amendments, AmendedStoreWithoutMemory, testing::Bool(),
-                         [](const auto& parameter) { return parameter.param ? "OfSharedGroups" : "OfOwnGroups"; });
+INSTANTIATE_TEST_SUITE_P(Amendments, AmendedStoreWithoutMemory,
+                         testing::Combine(testing::ValuesIn(kAmendments), testing::Bool()), [](const auto& parameter) {
+                           const bool isShared = std::get<1>(parameter.param);
+                           return std::string(std::get<0>(parameter.param).name) + (isShared ? "OfSharedGroups" : "");
+                         });
 
 }  // namespace tavix::test
