@@ -35,10 +35,10 @@ bool ChangeInParts::MakePart(const settings::server::LayerView& layer) {
     const auto name = _missing.begin();
     const auto group = layer.Find(*name);
     out.Reset(_bytesOfAPart);
-    if (group != layer.GetEnd()) IniFile::SaveGroupToStream(out, group);
+    if (group) IniFile::SaveGroupToStream(out, *group);
     Text& known = _texts[*name];
     _bytes = _bytes - known.text.size() + out.GetText().size();
-    known.isGone = group == layer.GetEnd();
+    known.isGone = !group;
     known.text = out.GetText();
     _missing.erase(name);
   }

@@ -118,9 +118,8 @@ Change DescribeChange(const settings::server::LayerView& userSettings, const std
   core::IniFile removed;
   for (const std::string& name : changedGroups) {
     const auto group = userSettings.Find(name);
-    const bool isGone = group == userSettings.GetEnd();
-    if (isGone || extends) removed[name];
-    if (!isGone) core::IniFile::SaveGroupToStream(set, group);
+    if (!group || extends) removed[name];
+    if (group) core::IniFile::SaveGroupToStream(set, *group);
   }
   extensions.SaveToStream(set);
   core::StringOstream gone;

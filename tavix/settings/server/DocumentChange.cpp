@@ -111,8 +111,7 @@ std::set<std::string> FindDifference(const LayerView& layer, const std::set<std:
 IniFile CopyGroups(const LayerView& layer, const std::set<std::string>& names) {
   IniFile copy;
   for (const std::string& name : names) {
-    const auto group = layer.Find(name);
-    if (group != layer.GetEnd()) copy.MergeGroup(group);
+    if (const auto group = layer.Find(name)) copy.MergeGroup(*group);
   }
   return copy;
 }

@@ -16,9 +16,10 @@ const LayerView::Keys* LayerView::FindKeys(const std::string& group) const {
   return keys && _layer && _layer->IsShared(*keys) ? &_layer->GetSharedKeys(group) : keys;
 }
 
-LayerView::Group LayerView::Find(const std::string& group) const {
+std::optional<LayerView::Group> LayerView::Find(const std::string& group) const {
   const Group place = _document->GetGroups().find(group);
-  return place == GetEnd() ? place : Resolve(place);
+  if (place == GetEnd()) return std::nullopt;
+  return Resolve(place);
 }
 
 LayerView::Group LayerView::Resolve(Group place) const {

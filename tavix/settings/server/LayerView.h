@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "tavix/core/IniFile.h"
@@ -26,8 +27,8 @@ class TAVIX_EXPORT LayerView {
   // Null: there is no such group.
   const Keys* FindKeys(const std::string& group) const;
 
-  // The same as a group that can be written; GetEnd() when there is none.
-  Group Find(const std::string& group) const;
+  // The same as a group that can be written; empty: there is none. It need not be a place of GetDocument.
+  std::optional<Group> Find(const std::string& group) const;
 
   // The places of all groups in ascending order of their names, of which nothing but the name may be looked at.
   Group GetBegin() const { return _document->begin(); }

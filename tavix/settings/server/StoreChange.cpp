@@ -30,7 +30,7 @@ IniFile CopyOldSettings(const LayerView& user, const std::set<std::string>& diff
   IniFile old = CopyGroups(user, different);
   for (const auto& group : added) {
     const auto own = user.Find(group.first);
-    if (own != user.GetEnd() && own->second.empty()) old.MergeGroup(own);
+    if (own && (*own)->second.empty()) old.MergeGroup(*own);
   }
   return old;
 }
