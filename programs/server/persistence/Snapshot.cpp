@@ -9,8 +9,11 @@
 #include "programs/server/persistence/Checksum.h"
 #include "programs/server/persistence/LongLine.h"
 #include "tavix/core/SettingsText.h"
+#include "tavix/settings/server/GroupDiscriminator.h"
 
 namespace tavix::daemon {
+
+using settings::server::GroupDiscriminator;
 
 namespace {
 
@@ -73,6 +76,11 @@ bool HasLine(std::string_view text, std::string_view begin) {
     if (at == 0 || text[at - 1] == '\n') return true;
   }
   return false;
+}
+
+// A walk over the names of a large document would take longer. A name may be spelled with escapes.
+bool MayHaveRestricted(const std::string& text) {
+  return GroupDiscriminator::IsRestrictedGroup(text) || text.find('\\') != std::string::npos;
 }
 
 // Behind the first line.
@@ -159,6 +167,7 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content) {
   snapshot.checksum = line.checksum;
   snapshot.bytes = content.bytes.size();
   snapshot.hasLongLine = HasLongLine(content.bytes);
+  snapshot.mayHaveRestricted = MayHaveRestricted(content.bytes);
   snapshot.revision = FindRevision(content.bytes);
   if (snapshot.revision) snapshot.entries = FindEntries(content.bytes);
   snapshot.problem = FindDamage(content, line);

@@ -40,6 +40,7 @@ struct Snapshot {
   uint32_t checksum = 0;  // as the last line says
   size_t bytes = 0;
   bool hasLongLine = false;
+  bool mayHaveRestricted = false;    // groups that clients may not set; else there is none
   std::optional<uint64_t> revision;  // of its last change; empty: history was off
   std::string entries;               // of the history, which no journal may have
 

@@ -104,6 +104,7 @@ FoundUserSettings UserSettingsFiles::Find(bool mayRepair) {
   found.snapshot = snapshot.GetId();
   found.snapshotBytes = snapshot.bytes;
   found.hasLongLine = snapshot.hasLongLine;
+  found.mayHaveRestricted = snapshot.mayHaveRestricted;
   found.history.snapshotRevision = snapshot.revision;
   found.history.AddSnapshot(snapshot.entries);
   found.history.wasEdited = snapshot.revision && snapshot.state == Snapshot::State::kEdited;
@@ -210,6 +211,7 @@ void UserSettingsFiles::ApplyJournal(const Snapshot& snapshot, bool mayRepair, F
   const FoundJournal& journal = newCounts ? onItsWay : inPlace;
   // One without changes does not go on: it may even end before those that the snapshot holds.
   if (journal.changes == 0 || journal.changesFrom == 0) return;
+  found.mayHaveRestricted = true;
   try {
     const JournalReader reader = Replay(journal, found);
     const std::string_view bytes = journal.content.bytes;

@@ -22,6 +22,7 @@ struct FoundUserSettings {
   size_t snapshotBytes = 0;
   std::unique_ptr<Journal> journal;  // that goes on; null: there is none
   bool hasLongLine = false;          // HasLongLine is true of one of the texts
+  bool mayHaveRestricted = true;     // groups that clients may not set; else there is none
   bool isAbsent = false;
   bool mustBeWritten = false;  // what was read stands nowhere as a whole
   FoundHistory history;

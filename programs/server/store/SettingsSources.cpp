@@ -280,7 +280,7 @@ void SettingsSources::RememberUserSettings(const FoundUserSettings& found, const
   Remember({kUserLayer,
             _userSettings,
             CountGroupsOf(found.settings),
-            RestrictedGroupsOf(found.settings),
+            found.mayHaveRestricted ? RestrictedGroupsOf(found.settings) : std::vector<std::string>(),
             {},
             {},
             notLoaded});

@@ -112,7 +112,7 @@ StoreLoader::Documents StoreLoader::Load() const {
   SettingsCombiner combiner(all);
   ConfigureSettingsCombiner(combiner);
   _persister->LoadDefaultSettings(combiner);
-  LoadUserSettings(documents.user);
+  LoadAllUserSettings(documents.user);
   if (const IniFile::KeyMap* const record = FindKeys(documents.user, _recordGroup))
     RemoveGroupsOf(*record, _recordGroup, all, documents.hidden.defaults);
   GroupDiscriminator::FilterOutRestrictedGroups(all);
@@ -126,9 +126,13 @@ StoreLoader::Documents StoreLoader::Load() const {
 }
 
 void StoreLoader::LoadUserSettings(IniFile& user) const {
+  LoadAllUserSettings(user);
+  GroupDiscriminator::FilterOutRestrictedGroups(user);
+}
+
+void StoreLoader::LoadAllUserSettings(IniFile& user) const {
   SettingsCombiner combiner(user);
   _persister->LoadUserSettings(combiner);
-  GroupDiscriminator::FilterOutRestrictedGroups(user);
 }
 
 IniFile StoreLoader::LoadRestrictedSettings() const {
@@ -141,13 +145,23 @@ IniFile StoreLoader::LoadRestrictedSettings() const {
 }
 
 // What readers see of a group is what the user settings have, unless another layer has something to add to it.
+// Restricted groups leave the user settings on the way: each walk over a large document costs as much as to read a
+// tenth of it.
 void StoreLoader::MergeUserSettings(Documents& documents, const IniFile& restricted) const {
-  if (_persister->NeedsWholeUserSettings()) return documents.all.MergeSettings(documents.user);
+  if (_persister->NeedsWholeUserSettings()) {
+    GroupDiscriminator::FilterOutRestrictedGroups(documents.user);
+    return documents.all.MergeSettings(documents.user);
+  }
   IniFile::GroupMap& groups = documents.all.GetMutableGroups();
   documents.shared = SharedPlaces(documents.user.GetGroups().size());
   auto own = groups.begin();
-  for (auto group = documents.user.begin(); group != documents.user.end(); ++group) {
+  for (auto next = documents.user.begin(); next != documents.user.end();) {
+    const auto group = next++;
     auto& [name, keys] = *group;
+    if (GroupDiscriminator::IsRestrictedGroup(name)) {
+      documents.user.RemoveGroup(group);
+      continue;
+    }
     own = FindFrom(groups, own, name);
     const bool isThere = own != groups.end() && own->first == name;
     const bool isShared =

@@ -55,6 +55,7 @@ class StoreLoader {
   core::IniFile LoadDefaults(const common::GroupNameMatcher& matcher) const;
 
  private:
+  void LoadAllUserSettings(core::IniFile& user) const;
   core::IniFile LoadRestrictedSettings() const;
   void MergeUserSettings(Documents& documents, const core::IniFile& restricted) const;
   void MergeRestrictedSettings(Documents& documents, core::IniFile restricted) const;

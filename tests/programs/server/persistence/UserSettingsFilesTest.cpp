@@ -38,6 +38,20 @@ TEST_F(UserFiles, HoldASnapshot) {
   EXPECT_FALSE(found.mustBeWritten);
 }
 
+TEST_F(UserFiles, MayHoldRestrictedGroupsUnlessTheTextShowsThatThereIsNone) {
+  const std::pair<const char*, bool> cases[] = {{"[A]\nsecure=trusted\n", false},
+                                                {"[A/Secure]\nx=1\n", true},
+                                                {"[Trusted]\nx=1\n", true},
+                                                {"[\\x53ecure]\nx=1\n", true}};
+  for (const auto& [settings, expected] : cases) {
+    Save(settings, 7);
+    EXPECT_EQ(Find().mayHaveRestricted, expected) << settings;
+  }
+  Save("[A]\nx=1\n", 8);
+  Begin(8, {{"", "[Secure]\ny=2\n"}})->Sync();
+  EXPECT_TRUE(Find().mayHaveRestricted);
+}
+
 TEST_F(UserFiles, HoldTheChangesSinceTheSnapshot) {
   Save("[A]\nx=1\n", 7);
   Begin(7, {kSetsY, {"[A]\n", ""}})->Sync();
