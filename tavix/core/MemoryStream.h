@@ -10,6 +10,12 @@
 
 namespace tavix::core {
 
+// For the constructors below. To set a stream's locale costs more than a short text, so the same one is not set again.
+inline void SetUpMemoryStream(std::ios& stream, std::streambuf& buffer) {
+  stream.rdbuf(&buffer);
+  if (stream.getloc() != std::locale::classic()) stream.imbue(std::locale::classic());
+}
+
 // Appends what is written to a string, which the owner may read and clear at any time. Keeps its memory for the next
 // use, which makes it cheaper than a string stream. When memory runs out, writing throws std::bad_alloc: other streams
 // would only note it, and half a text would pass for a whole one.
@@ -18,8 +24,7 @@ namespace tavix::core {
 class StringOstream : public std::ostream {
  public:
   StringOstream() : std::ostream(nullptr) {
-    init(&_buffer);
-    imbue(std::locale::classic());
+    SetUpMemoryStream(*this, _buffer);
     exceptions(std::ios::badbit);
   }
 
@@ -62,10 +67,7 @@ class StringOstream : public std::ostream {
 // Counts the bytes that are written instead of keeping them.
 class CountingOstream : public std::ostream {
  public:
-  CountingOstream() : std::ostream(nullptr) {
-    init(&_buffer);
-    imbue(std::locale::classic());
-  }
+  CountingOstream() : std::ostream(nullptr) { SetUpMemoryStream(*this, _buffer); }
 
   size_t GetCount() const { return _buffer.count; }
 
@@ -91,10 +93,7 @@ class CountingOstream : public std::ostream {
 // Threads: one at a time.
 class ViewIstream final : public std::istream {
  public:
-  ViewIstream() : std::istream(nullptr) {
-    init(&_buffer);
-    imbue(std::locale::classic());
-  }
+  ViewIstream() : std::istream(nullptr) { SetUpMemoryStream(*this, _buffer); }
 
   // text: borrowed until the next call.
   void SetText(std::string_view text) {

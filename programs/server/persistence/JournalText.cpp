@@ -114,17 +114,19 @@ Change DescribeChange(const settings::server::LayerView& userSettings, const std
                       const core::IniFile& added) {
   const core::IniFile extensions = FindExtensions(changedGroups, added);
   const bool extends = !extensions.IsEmpty();
-  core::StringOstream set;
+  core::StringOstream out;
   core::IniFile removed;
   for (const std::string& name : changedGroups) {
     const auto group = userSettings.Find(name);
     if (!group || extends) removed[name];
-    if (group) core::IniFile::SaveGroupToStream(set, *group);
+    if (group) core::IniFile::SaveGroupToStream(out, *group);
   }
-  extensions.SaveToStream(set);
-  core::StringOstream gone;
-  removed.SaveToStream(gone);
-  return {gone.GetText(), set.GetText(), extends};
+  if (extends) extensions.SaveToStream(out);
+  Change change{{}, out.TakeText(), extends};
+  out.Reset(0);
+  removed.SaveToStream(out);
+  change.removed = out.TakeText();
+  return change;
 }
 
 void ApplyChange(core::IniFile& document, std::string_view removed, std::string_view set, bool extends) {
