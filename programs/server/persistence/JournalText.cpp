@@ -19,7 +19,6 @@ constexpr std::string_view kMark = "# change ";
 constexpr std::string_view kExtendingMark = "# extend ";
 constexpr std::string_view kBeginOfMarks = "# ";
 constexpr std::string_view kName = "# tavix-settings journal 1, ";
-constexpr char kRecord[] = "%s%08zx %08zx ";
 constexpr char kEnd[] = "%08" PRIx32 "\n";
 constexpr size_t kRecordHeaderSize = 36;
 constexpr size_t kMaxTextBytes = 0xFFFFFFFF;
@@ -36,8 +35,26 @@ std::string Format(const char* format, Values... values) {
   return {text, static_cast<size_t>(std::snprintf(text, sizeof text, format, values...))};
 }
 
+// Eight digits, for each change: printf takes longer than all else that makes a record.
+void AppendHex(std::string& text, uint32_t value) {
+  char digits[8];
+  for (char& digit : digits) {
+    digit = "0123456789abcdef"[value >> 28];
+    value <<= 4;
+  }
+  text.append(digits, sizeof digits);
+}
+
+// The sizes are kMaxTextBytes at most.
 std::string BeginRecord(bool extends, size_t removed, size_t set) {
-  return Format(kRecord, (extends ? kExtendingMark : kMark).data(), removed, set);
+  std::string text;
+  text.reserve(kRecordHeaderSize);
+  text.append(extends ? kExtendingMark : kMark);
+  AppendHex(text, static_cast<uint32_t>(removed));
+  text.push_back(' ');
+  AppendHex(text, static_cast<uint32_t>(set));
+  text.push_back(' ');
+  return text;
 }
 
 bool IsMark(std::string_view bytes) {
@@ -83,8 +100,7 @@ std::optional<Record> ReadRecordHeader(std::string_view bytes) {
   if (std::sscanf(figures, "%zx %zx %" SCNx32, &record.removed, &record.set, &record.checksum) != 3)
     return std::nullopt;
   // sscanf also takes blanks, signs and capitals: only a line as we write it counts.
-  if (header != BeginRecord(record.extends, record.removed, record.set) + Format(kEnd, record.checksum))
-    return std::nullopt;
+  if (header != RecordLine{record.extends, record.removed, record.set}.Encode(record.checksum)) return std::nullopt;
   return record;
 }
 
@@ -173,7 +189,10 @@ uint32_t RecordLine::BeginChecksum(uint32_t before) const {
 }
 
 std::string RecordLine::Encode(uint32_t checksum) const {
-  return BeginRecord(extends, removed, set) + Format(kEnd, checksum);
+  std::string line = BeginRecord(extends, removed, set);
+  AppendHex(line, checksum);
+  line.push_back('\n');
+  return line;
 }
 
 std::string EncodeRecord(const Change& change, uint32_t& checksum) {
