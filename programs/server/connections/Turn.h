@@ -40,6 +40,7 @@ struct Turn {
   }
 
   // Puts those that wait into the order in which they are to be served. turnOf: returns the turn of an element.
+  // Clients that ask again as soon as they are answered come in that order already, as a rule.
   template <class Waiting, class TurnOf>
   static void Order(std::vector<Waiting>& waiting, TurnOf turnOf) {
     bool isByCost = false;  // one comparison for both, as the compiler makes much of each
@@ -47,10 +48,11 @@ struct Turn {
       if (isByCost) return turnOf(a).GetCostClass() < turnOf(b).GetCostClass();
       return turnOf(a).lastServed < turnOf(b).lastServed;
     };
-    std::stable_sort(waiting.begin(), waiting.end(), isBefore);
-    isByCost = true;
-    const auto rest = waiting.begin() + static_cast<std::ptrdiff_t>(std::min(kOldest, waiting.size()));
-    std::stable_sort(rest, waiting.end(), isBefore);
+    for (auto first = waiting.begin();; isByCost = true) {
+      if (!std::is_sorted(first, waiting.end(), isBefore)) std::stable_sort(first, waiting.end(), isBefore);
+      if (isByCost) return;
+      first += static_cast<std::ptrdiff_t>(std::min(kOldest, waiting.size()));
+    }
   }
 };
 
