@@ -237,12 +237,6 @@ void SettingsTextReader::Fail(const char* expected, const char* begin, const cha
                        PrintableText(std::string(begin, end), 80).c_str());
 }
 
-void CheckSettingsText(std::string_view text, const std::string& source) {
-  const SettingsTextReader::GroupFilter none = [](std::string_view) { return false; };
-  SettingsTextReader reader(source, &none);
-  reader.ReadLines(text.data(), text.data() + text.size());
-}
-
 SettingsTextWriter::~SettingsTextWriter() {
   try {
     Flush();

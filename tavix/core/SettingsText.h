@@ -55,9 +55,6 @@ class SettingsTextReader {
   SettingsKeys* _open = nullptr;  // its keys, in _groups; null: it is not kept
 };
 
-// Throws what loading the text would throw, at a small part of its cost.
-TAVIX_DAEMON_EXPORT void CheckSettingsText(std::string_view text, const std::string& source);
-
 // Writes settings text to a stream, through a small buffer of its own.
 //
 // Threads: one at a time.

@@ -13,15 +13,16 @@
 
 #include "tavix/core/DelimitedIstream.h"
 #include "tavix/core/IniFile.h"
+#include "tavix/core/SettingsTextCheck.h"
 #include "tavix/osa/Exception.h"
 #include "tests/core/SettingsTextTest.h"
 #include "tests/support/RandomDocument.h"
 
 namespace {
 
-using tavix::core::CheckSettingsText;
 using tavix::core::IniFile;
 using tavix::core::PrintableText;
+using tavix::core::SettingsTextCheck;
 using tavix::osa::Exception;
 using tavix::test::RandomDocuments;
 using tavix::test::Read;
@@ -52,9 +53,13 @@ std::string ErrorOf(const std::string& text) {
   return "no error";
 }
 
+// Line by line.
 std::string ErrorOfCheck(const std::string& text) {
+  const std::string source = "site.ini";
+  SettingsTextCheck check(source);
+  std::istringstream lines(text);
   try {
-    CheckSettingsText(text, "site.ini");
+    for (std::string line; std::getline(lines, line);) check.ReadLines(lines.eof() ? line : line + "\n");
   } catch (const Exception& exception) {
     return exception.what();
   }

@@ -180,6 +180,18 @@ FileContent MemoryFiles::Read(const std::string& path) {
   return content;
 }
 
+FileContent MemoryFiles::ReadPieces(const std::string& path, const OnPiece& onPiece) {
+  FileContent content = Read(path);
+  const std::string bytes = std::exchange(content.bytes, {});
+  std::string_view rest = bytes;
+  while (!rest.empty()) {
+    const size_t size = std::min(rest.find('\n'), rest.size() - 1) + 1;
+    if (!onPiece(rest.substr(0, size))) break;
+    rest.remove_prefix(size);
+  }
+  return content;
+}
+
 // Fails as a read of the whole file does.
 std::string MemoryFiles::ReadPart(const std::string& path, uint64_t offset, size_t bytes) {
   const FileContent content = Read(path);

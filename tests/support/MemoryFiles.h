@@ -51,6 +51,7 @@ class MemoryFiles : public daemon::FileSystem {
   std::unique_ptr<daemon::File> Create(const std::string& path) override;
   std::unique_ptr<daemon::File> Open(const std::string& path) override;
   daemon::FileContent Read(const std::string& path) override;
+  daemon::FileContent ReadPieces(const std::string& path, const OnPiece& onPiece) override;  // a line each
   std::string ReadPart(const std::string& path, uint64_t offset, size_t bytes) override;
   void Rename(const std::string& from, const std::string& to) override;
   void Link(const std::string& from, const std::string& to) override;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -76,6 +77,12 @@ class FileSystem {
   // Throws nothing but std::bad_alloc. Only regular files have content, and those that could be ours by their size;
   // nothing else is opened or waited for.
   virtual FileContent Read(const std::string& path) = 0;
+
+  // As Read, but the bytes are handed over piece by piece until "onPiece" returns false, and the content has none. A
+  // piece ends with a line feed, but for the last; what is too large to be read is one piece, how it begins and how it
+  // ends. Where the content has an error, pieces that came before it count for nothing.
+  using OnPiece = std::function<bool(std::string_view piece)>;
+  virtual FileContent ReadPieces(const std::string& path, const OnPiece& onPiece) = 0;
 
   // Bytes of a regular file; fewer where it ends. Waits for nothing else than the disk.
   virtual std::string ReadPart(const std::string& path, uint64_t offset, size_t bytes) = 0;

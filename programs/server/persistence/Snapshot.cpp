@@ -8,7 +8,7 @@
 
 #include "programs/server/persistence/Checksum.h"
 #include "programs/server/persistence/LongLine.h"
-#include "tavix/core/SettingsText.h"
+#include "tavix/osa/Exception.h"
 #include "tavix/settings/server/GroupDiscriminator.h"
 
 namespace tavix::daemon {
@@ -186,16 +186,21 @@ bool HoldsNothing(std::string_view bytes) {
   return bytes.find_first_not_of('\0') == std::string_view::npos;
 }
 
-std::string FindWhyForeign(const std::string& path, const FileContent& content) {
-  const std::string_view text = content.bytes;
-  if (HoldsNothing(text) || HasLine(text, kFirstLine) || HasLine(text, kLastLine)) return "";
-  if (!content.problem.empty()) return content.problem;
+bool ForeignLook::Add(std::string_view lines) {
+  _holdsNothing = _holdsNothing && HoldsNothing(lines);
+  _isOurs = _isOurs || HasLine(lines, kFirstLine) || HasLine(lines, kLastLine);
+  if (_isOurs || !_problem.empty()) return !_isOurs;
   try {
-    core::CheckSettingsText(text, path);
-    return "";
-  } catch (const std::exception& exception) {
-    return exception.what();
+    _check.ReadLines(lines);
+  } catch (const osa::Exception& exception) {
+    _problem = exception.what();
   }
+  return true;
+}
+
+std::string ForeignLook::GetReason(const FileContent& content) const {
+  if (content.error != 0 || _holdsNothing || _isOurs) return "";
+  return content.problem.empty() ? _problem : content.problem;
 }
 
 }  // namespace tavix::daemon

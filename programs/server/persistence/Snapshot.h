@@ -9,6 +9,7 @@
 #include "programs/server/persistence/SnapshotId.h"
 #include "tavix/core/IniFile.h"
 #include "tavix/core/MemoryStream.h"
+#include "tavix/core/SettingsTextCheck.h"
 
 namespace tavix::daemon {
 
@@ -68,8 +69,27 @@ Snapshot ReadSnapshot(const std::string& path, const FileContent& content);
 // Whether a power cut, or a file system that lost what was written, may have left this: no bytes, or zeros.
 bool HoldsNothing(std::string_view bytes);
 
-// Why a regular file was never written by this daemon: it has bytes other than zero, is no settings text, and no line
-// of it is our first or our last one. Empty: it may have been, or can't be read. path: what the reason names.
-std::string FindWhyForeign(const std::string& path, const FileContent& content);
+// Finds out whether a regular file was never written by this daemon: it has bytes other than zero, is no settings text,
+// and no line of it is our first or our last one.
+//
+// Threads: one at a time.
+class ForeignLook {
+ public:
+  // path: what the reason names; outlives the object.
+  explicit ForeignLook(const std::string& path) : _check(path) {}
+
+  // Looks at the file's next lines; only its last one may lack its line feed. False: the file may be ours, no matter
+  // what follows.
+  bool Add(std::string_view lines);
+
+  // Why it never was, once all was added. Empty: it may have been, or can't be read. content: what reading gave.
+  std::string GetReason(const FileContent& content) const;
+
+ private:
+  core::SettingsTextCheck _check;
+  bool _holdsNothing = true;
+  bool _isOurs = false;
+  std::string _problem;  // that the check found
+};
 
 }  // namespace tavix::daemon

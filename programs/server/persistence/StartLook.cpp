@@ -20,10 +20,19 @@ namespace {
 
 using Reason = UserSettingsRefused::Reason;
 
+// A file of ours is told by its first line: no more of it is read. why: gets the reason why it was never ours, or "".
+FileContent LookAt(FileSystem& files, const std::string& path, std::string& why) {
+  ForeignLook look(path);
+  FileContent content = files.ReadPieces(path, [&look](std::string_view piece) { return look.Add(piece); });
+  why = look.GetReason(content);
+  return content;
+}
+
 // What is beside the file counts when it can be read; else the file itself decides.
 bool IsSnapshotOfOurs(FileSystem& files, const std::string& path) {
-  const FileContent content = files.Read(path);
-  return content.exists && content.isRegular && content.error == 0 && FindWhyForeign(path, content).empty();
+  std::string why;
+  const FileContent content = LookAt(files, path, why);
+  return content.exists && content.isRegular && content.error == 0 && why.empty();
 }
 
 bool IsJournalOfOurs(FileSystem& files, const std::string& path) {
@@ -62,9 +71,9 @@ bool HasOursBeside(FileSystem& files, const std::string& path) {
 }  // namespace
 
 void LookAtUserSettings(FileSystem& files, const std::string& path, const std::string& name) {
-  const FileContent content = ReadAtStart(files, path, name);
+  std::string why;
+  const FileContent content = ReadAtStart(name, [&] { return LookAt(files, path, why); });
   if (!content.isRegular) throw UserSettingsRefused(Reason::kNotOurs, "Failed to use " + name + ": " + content.problem);
-  const std::string why = FindWhyForeign(path, content);
   if (why.empty() || HasOursBeside(files, path)) return;
   throw UserSettingsRefused(Reason::kNotOurs, "Failed to use " + name + ": it is not a file of user settings (" + why +
                                                   "), and it is left as it is");

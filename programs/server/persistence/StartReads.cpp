@@ -14,9 +14,9 @@ using Reason = UserSettingsRefused::Reason;
 constexpr std::chrono::milliseconds kPauses[] = {std::chrono::milliseconds(100), std::chrono::milliseconds(200),
                                                  std::chrono::milliseconds(400)};
 
-FileContent TryToRead(FileSystem& files, const std::string& path) {
+FileContent TryToRead(const std::function<FileContent()>& read) {
   try {
-    return files.Read(path);
+    return read();
   } catch (const std::bad_alloc&) {
     FileContent content;
     content.exists = true;
@@ -33,15 +33,15 @@ FileContent TryToRead(FileSystem& files, const std::string& path) {
 }  // namespace
 
 FileContent ReadAtStart(FileSystem& files, const std::string& path) {
-  return ReadAtStart(files, path, "'" + path + "'");
+  return ReadAtStart("'" + path + "'", [&] { return files.Read(path); });
 }
 
-FileContent ReadAtStart(FileSystem& files, const std::string& path, const std::string& name) {
-  FileContent content = TryToRead(files, path);
+FileContent ReadAtStart(const std::string& name, const std::function<FileContent()>& read) {
+  FileContent content = TryToRead(read);
   for (const std::chrono::milliseconds pause : kPauses) {
     if (content.error == 0) return content;
     std::this_thread::sleep_for(pause);
-    content = TryToRead(files, path);
+    content = TryToRead(read);
   }
   switch (content.error) {
     case EMFILE:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "programs/server/persistence/FileSystem.h"
@@ -32,7 +33,7 @@ class UserSettingsRefused : public osa::Exception {
 //         place of a file that is whole. What the disk can't read is the content's problem.
 FileContent ReadAtStart(FileSystem& files, const std::string& path);
 
-// The same for a file that a message names otherwise.
-FileContent ReadAtStart(FileSystem& files, const std::string& path, const std::string& name);
+// The same for another way to read, which begins anew each time. name: of the file in messages.
+FileContent ReadAtStart(const std::string& name, const std::function<FileContent()>& read);
 
 }  // namespace tavix::daemon

@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "programs/server/persistence/FileSystem.h"
 #include "tavix/core/Logger.h"
@@ -21,6 +23,7 @@ constexpr int64_t kNanosecondsInASecond = 1000 * 1000 * 1000;
 constexpr mode_t kOwnerOnly = 0600;
 constexpr off_t kMaxBytes = 1024 * 1024 * 1024;  // of settings; a file that claims more is a file system's damage
 constexpr size_t kEndBytes = 64 * 1024;          // read of each end of such a file
+constexpr size_t kPieceBytes = 64 * 1024;        // of a file that is not kept
 
 bool IsFull(int error) {
   return error == ENOSPC || error == EDQUOT;
@@ -134,6 +137,22 @@ bool ReadAll(int descriptor, size_t size, std::string& bytes) {
   return true;
 }
 
+// Until the file's end, which the size is only a guess of. False: reading failed.
+bool HandOver(int descriptor, size_t size, const FileSystem::OnPiece& onPiece) {
+  std::string piece(kPieceBytes, '\0');
+  size_t used = 0;  // of a line whose end is still to come
+  while (true) {
+    const ssize_t count = Retry([&] { return read(descriptor, piece.data() + used, piece.size() - used); });
+    if (count < 0) return false;
+    const std::string_view bytes(piece.data(), used + static_cast<size_t>(count));
+    const size_t ended = count == 0 ? bytes.size() : bytes.rfind('\n') + 1;
+    if ((ended > 0 && !onPiece(bytes.substr(0, ended))) || count == 0) return true;
+    used = bytes.size() - ended;
+    std::memmove(piece.data(), piece.data() + ended, used);
+    if (used == piece.size()) piece.resize(std::max(2 * used, size + 1));
+  }
+}
+
 // How a file begins and ends that is too large to be read.
 void ReadEnds(int descriptor, off_t size, std::string& bytes) {
   for (const off_t begin : {off_t{0}, size - static_cast<off_t>(kEndBytes)}) {
@@ -178,21 +197,11 @@ class SystemFiles : public FileSystem {
 
   std::unique_ptr<File> Open(const std::string& path) override { return std::make_unique<SystemFile>("open", path, 0); }
 
-  // What is no file is not opened: that could wait for a pipe's writer, or start a device.
-  FileContent Read(const std::string& path) override {
-    FileContent content;
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-      NoteError(errno, content);
-      return content;
-    }
-    content.exists = true;
-    content.isRegular = S_ISREG(status.st_mode);
-    if (content.isRegular) {
-      ReadFile(path, content);
-    } else {
-      content.problem = DescribeKind(status.st_mode);
-    }
+  FileContent Read(const std::string& path) override { return DoRead(path, nullptr); }
+
+  FileContent ReadPieces(const std::string& path, const OnPiece& onPiece) override {
+    FileContent content = DoRead(path, &onPiece);
+    if (!content.bytes.empty()) onPiece(std::exchange(content.bytes, {}));
     return content;
   }
 
@@ -254,16 +263,35 @@ class SystemFiles : public FileSystem {
   }
 
  private:
+  // What is no file is not opened: that could wait for a pipe's writer, or start a device. onPiece: may be null.
+  static FileContent DoRead(const std::string& path, const OnPiece* onPiece) {
+    FileContent content;
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+      NoteError(errno, content);
+      return content;
+    }
+    content.exists = true;
+    content.isRegular = S_ISREG(status.st_mode);
+    if (content.isRegular) {
+      ReadFile(path, onPiece, content);
+    } else {
+      content.problem = DescribeKind(status.st_mode);
+    }
+    return content;
+  }
+
   // Another thing may stand there by now.
-  static void ReadFile(const std::string& path, FileContent& content) {
+  static void ReadFile(const std::string& path, const OnPiece* onPiece, FileContent& content) {
     const osa::Descriptor file(Retry([&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
     struct stat status {};
     if (file.Get() < 0 || fstat(file.Get(), &status) != 0) return NoteError(errno, content);
     content.modificationTime = status.st_mtim.tv_sec * kNanosecondsInASecond + status.st_mtim.tv_nsec;
+    const auto size = static_cast<size_t>(status.st_size);
     if (status.st_size > kMaxBytes) {
       content.problem = "it is too large: " + std::to_string(status.st_size) + " bytes";
       ReadEnds(file.Get(), status.st_size, content.bytes);
-    } else if (!ReadAll(file.Get(), static_cast<size_t>(status.st_size), content.bytes)) {
+    } else if (!(onPiece ? HandOver(file.Get(), size, *onPiece) : ReadAll(file.Get(), size, content.bytes))) {
       NoteError(errno, content);
       content.bytes.clear();
     }

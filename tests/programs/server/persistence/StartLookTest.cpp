@@ -47,6 +47,15 @@ TEST_F(StartLook, FileThatWasNeverOursIsRefusedAndNothingIsTouched) {
   EXPECT_EQ(_files.CountOperations(), 0u);
 }
 
+// A line of ours may stand behind the first that is no settings text.
+TEST_F(StartLook, ErrorOfAFileNamesTheLineAndALaterLineOfOursCounts) {
+  const std::string text = "[A]\nx=1\n\ngarbage\n[B]\nmore\n";
+  _files.Put(kUserFile, text);
+  EXPECT_THAT(WhyRefused(), HasSubstr("(user.ini:4: expected \"[group]\" or \"key=value\", found \"garbage\")"));
+  _files.Put(kUserFile, text + "# End of user settings: ");
+  EXPECT_EQ(WhyRefused(), "");
+}
+
 TEST_F(StartLook, AbsentFileMayBeMade) {
   EXPECT_EQ(WhyRefused(), "");
 }
