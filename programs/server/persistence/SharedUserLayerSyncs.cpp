@@ -68,7 +68,7 @@ void SharedUserLayer::OnBatchEnd(bool maySync) noexcept {
 bool SharedUserLayer::MaySyncInBatch(Clock::time_point now) const {
   if (_setup.durability.kind != Durability::Kind::kAlways || _state.IsStopping()) return false;
   if (_syncsInBatch || _syncSleepsUntil == Clock::time_point() || _state.IsLateWriteDue()) return false;
-  if (!_journal || _syncedJournal != _state.GetNames().GetCurrent() || !_gather.WasShort()) return false;
+  if (!_journal || _syncedJournal != _state.GetNames().GetCurrent() || !_gather.MayBeInBatch()) return false;
   const std::optional<Clock::time_point> time = FindSyncTime();
   return time && *time <= now && _state.GetWritten() - _state.GetSynced() <= kMaxInBatch;
 }

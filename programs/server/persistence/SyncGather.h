@@ -26,6 +26,10 @@ class SyncGather {
   struct Rule {
     Clock::duration minSync = std::chrono::microseconds(300);  // a shorter sync is followed by the next one at once
     double maxShare = 1.0 / 8;                                 // of the time of the sync before
+
+    // A loop syncs by itself where the sync before took no longer. To wake another thread for longer ones costs next to
+    // nothing beside them.
+    Clock::duration maxInBatch = std::chrono::milliseconds(1);
   };
 
   explicit SyncGather(const Rule& rule) : _rule(rule) {}
@@ -40,14 +44,15 @@ class SyncGather {
   // It has ended; "written" is the last change that was made by now.
   void OnEnded(Clock::time_point now, Ticket written) {
     const Clock::duration time = now - _begun;
+    _mayBeInBatch = time <= _rule.maxInBatch;
     _maxWait = time > _rule.minSync ? std::chrono::duration_cast<Clock::duration>(time * _rule.maxShare) : time.zero();
     _target = written + _tookAlong;
   }
 
   void OnReleased(Clock::time_point now) { _end = now + _maxWait; }
 
-  // Whether the last sync took no longer than one that nobody waits behind.
-  bool WasShort() const { return _maxWait == Clock::duration::zero(); }
+  // Whether the last sync was so short that a loop may make the next one.
+  bool MayBeInBatch() const { return _mayBeInBatch; }
 
   // When the next sync is to begin, in the past for at once; "written" is the last change.
   Clock::time_point FindBegin(Ticket written) const { return written >= _target ? Clock::time_point() : _end; }
@@ -57,6 +62,7 @@ class SyncGather {
   Clock::time_point _begun{};
   Ticket _last = 0;       // that a sync has covered
   Ticket _tookAlong = 0;  // how many changes the last sync covered that none before had
+  bool _mayBeInBatch = false;
   Clock::duration _maxWait{};
   Ticket _target = 0;  // the change that completes the next sync
   Clock::time_point _end{};

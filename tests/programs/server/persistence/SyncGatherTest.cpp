@@ -58,12 +58,13 @@ TEST(SyncGather, ShortSyncIsFollowedAtOnce) {
   EXPECT_EQ(gather.FindBegin(11), released);
 }
 
-TEST(SyncGather, KnowsWhetherTheLastSyncWasShort) {
+TEST(SyncGather, LeavesTheNextSyncToALoopBehindAShortOneAlone) {
   SyncGather gather{{}};
-  Sync(gather, 10, 10, microseconds(301));
-  EXPECT_FALSE(gather.WasShort());
-  Sync(gather, 20, 20, microseconds(300));
-  EXPECT_TRUE(gather.WasShort());
+  EXPECT_FALSE(gather.MayBeInBatch());
+  Sync(gather, 10, 10, microseconds(1000));
+  EXPECT_TRUE(gather.MayBeInBatch());
+  Sync(gather, 20, 20, microseconds(1001));
+  EXPECT_FALSE(gather.MayBeInBatch());
 }
 
 TEST(SyncGather, ChangesThatAnEarlierSyncCoveredDoNotCount) {

@@ -21,8 +21,8 @@ using Rule = daemon::SyncGather::Rule;
 
 namespace {
 
-constexpr Rule kAllAreShort{std::chrono::hours(1), 0};
-constexpr Rule kNoneIsShort{std::chrono::nanoseconds(-1), 0.001};
+constexpr Rule kAllAreShort{std::chrono::hours(1), 0, std::chrono::hours(1)};
+constexpr Rule kNoneIsShort{std::chrono::hours(1), 0, std::chrono::nanoseconds(-1)};
 
 // Where a change is synced whose batch may be. The syncing thread does one thing at most: it waits for work.
 class SyncInBatch : public testing::Test {
