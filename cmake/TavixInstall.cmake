@@ -93,6 +93,7 @@ set(internal_headers
     tavix/settings/common/SmallChange.h
     tavix/settings/common/Subscriptions.h
     tavix/settings/common/TextCopy.h
+    tavix/settings/server/AmendedGroup.h
     tavix/settings/server/AmendmentPlan.h
     tavix/settings/server/ChangeLines.h
     tavix/settings/server/ChangeNotifier.h
