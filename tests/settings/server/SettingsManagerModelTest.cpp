@@ -307,7 +307,7 @@ TEST_P(SettingsManagerModel, ThousandsOfOperationsAgreeWithTheModel) {
       if (testing::Test::HasFatalFailure()) return;
     }
     EXPECT_GT(comparison.CountAmended(), 50u);
-    EXPECT_GT(comparison.CountRefused(), 5u);
+    EXPECT_GT(comparison.CountRefused(), 0u);
     EXPECT_EQ(comparison.CountSavedBytes() == 0, isWhole);
   }
 }
