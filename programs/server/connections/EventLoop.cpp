@@ -105,17 +105,20 @@ bool EventLoop::MaySync(const ChangeBatch& batch) const {
   return _busy.empty() && _inLane.empty() && _connections.begin()->second->HasKeptAnswers();
 }
 
-// From here on nobody adds a connection, nor waits for this loop to come round.
 void EventLoop::EndBatch(ChangeBatch& batch) {
-  {
-    osa::PlainMutexLock lock(_mutex);
-    if (_count != 1) return;
-    _syncs = true;
-    if (_answers < _probes) _answered.notify_all();
-  }
-  batch.Flush(true);
+  batch.Flush([this] { return TryToWaitForDisk(); });
   osa::PlainMutexLock lock(_mutex);
   _syncs = false;
+}
+
+// From here on nobody adds a connection, nor waits for this loop to come round. Not before the changes are written: a
+// disk that does not answer a write is for the watchdog to see.
+bool EventLoop::TryToWaitForDisk() {
+  osa::PlainMutexLock lock(_mutex);
+  if (_count != 1) return false;
+  _syncs = true;
+  if (_answers < _probes) _answered.notify_all();
+  return true;
 }
 
 // False when the loop is to stop.

@@ -92,6 +92,7 @@ class EventLoop {
   void ServeInOrder();
   bool MaySync(const ChangeBatch& batch) const;
   void EndBatch(ChangeBatch& batch) TAVIX_EXCLUDES(_mutex);
+  bool TryToWaitForDisk() TAVIX_EXCLUDES(_mutex);
   bool TakeCall();
   void Fail(const char* reason);
   void TakeNewConnections();

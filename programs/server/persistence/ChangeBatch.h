@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <utility>
 
 namespace tavix::daemon {
@@ -14,14 +15,17 @@ namespace tavix::daemon {
 // Threads: the one that makes it, which destroys it, too, and holds no lock then.
 class ChangeBatch {
  public:
+  // Says whether the thread of the batch may wait for the disk, which as a rule takes short; empty: it may not. It is
+  // asked once at most, right before the wait would begin, maybe with locks of the member held. It throws nothing.
+  using MayWait = std::function<bool()>;
+
   // What has changes in a batch. It outlives the batch.
   class IMember {
    public:
     virtual ~IMember() = default;
 
-    // The batch has ended, or goes on without these changes. On the thread of the batch. maySync: it may wait for the
-    // disk here, which as a rule takes short.
-    virtual void OnBatchEnd(bool maySync) noexcept = 0;
+    // The batch has ended, or goes on without these changes. On the thread of the batch.
+    virtual void OnBatchEnd(const MayWait& mayWait) noexcept = 0;
   };
 
   ChangeBatch() : _outer(std::exchange(s_current, this)) {}
@@ -44,9 +48,9 @@ class ChangeBatch {
 
   bool HasMember() const { return _member; }
 
-  // Ends the batch as far as it has come; the next change begins it anew. maySync: as OnBatchEnd has it.
-  void Flush(bool maySync = false) {
-    if (IMember* const member = std::exchange(_member, nullptr)) member->OnBatchEnd(maySync);
+  // Ends the batch as far as it has come; the next change begins it anew.
+  void Flush(const MayWait& mayWait = {}) {
+    if (IMember* const member = std::exchange(_member, nullptr)) member->OnBatchEnd(mayWait);
   }
 
  private:

@@ -180,7 +180,7 @@ class SharedUserLayer : private ChangeBatch::IMember {
  private:
   using Steps = UserLayerState::Steps;
 
-  void OnBatchEnd(bool maySync) noexcept override TAVIX_EXCLUDES(_mutex);
+  void OnBatchEnd(const ChangeBatch::MayWait& mayWait) noexcept override TAVIX_EXCLUDES(_mutex);
   void WriteBatch() TAVIX_REQUIRES(_mutex);
   bool MaySyncInBatch(Clock::time_point now) const TAVIX_REQUIRES(_mutex);
   void SyncInBatch(const SyncRound& round) noexcept TAVIX_EXCLUDES(_mutex);

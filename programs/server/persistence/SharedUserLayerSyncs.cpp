@@ -47,13 +47,13 @@ JournalWork SharedUserLayer::AwaitJournalWork() {
 }
 
 // No lock of the store is held: other changes may have come.
-void SharedUserLayer::OnBatchEnd(bool maySync) noexcept {
+void SharedUserLayer::OnBatchEnd(const ChangeBatch::MayWait& mayWait) noexcept {
   std::optional<SyncRound> round;
   {
-    const Clock::time_point now = maySync ? Clock::now() : Clock::time_point();
+    const Clock::time_point now = mayWait ? Clock::now() : Clock::time_point();
     const osa::PlainMutexLock lock(_mutex);
     WriteBatch();
-    if (maySync && MaySyncInBatch(now)) {
+    if (mayWait && MaySyncInBatch(now) && mayWait()) {
       _syncsInBatch = true;
       round = TryToBeginSync(now);
     } else if (MustWakeSync()) {

@@ -53,7 +53,7 @@ class OrderedPersister : public EmptyPersister, public daemon::ChangeBatch::IMem
     return 0;
   }
 
-  void OnBatchEnd(bool) noexcept override { batches.push_back(order.size()); }
+  void OnBatchEnd(const daemon::ChangeBatch::MayWait&) noexcept override { batches.push_back(order.size()); }
 
   osa::Semaphore begun{nullptr, 1, 0};
   osa::Semaphore isReleased{nullptr, 1, 0};
@@ -74,8 +74,8 @@ class SyncingPersister : public EmptyPersister, public daemon::ChangeBatch::IMem
     return gate.FindLast(&groups);
   }
 
-  void OnBatchEnd(bool maySync) noexcept override {
-    if (maySync) {
+  void OnBatchEnd(const daemon::ChangeBatch::MayWait& mayWait) noexcept override {
+    if (mayWait && mayWait()) {
       begun.Release();
       isReleased.Lock(osa::kWaitForever);
       gate.SetDurable(_last);

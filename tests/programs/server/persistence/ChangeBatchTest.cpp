@@ -11,9 +11,9 @@ using daemon::ChangeBatch;
 namespace {
 
 struct CountingMember : ChangeBatch::IMember {
-  void OnBatchEnd(bool maySync) noexcept override {
+  void OnBatchEnd(const ChangeBatch::MayWait& mayWait) noexcept override {
     ++ends;
-    mayHaveSynced = maySync;
+    mayHaveSynced = mayWait && mayWait();
   }
 
   int ends = 0;
@@ -72,7 +72,7 @@ TEST(ChangeBatch, TellsItsMemberWhetherTheThreadMayWaitForTheDisk) {
     EXPECT_FALSE(batch.HasMember());
     EXPECT_TRUE(ChangeBatch::Join(member));
     EXPECT_TRUE(batch.HasMember());
-    batch.Flush(true);
+    batch.Flush([] { return true; });
     EXPECT_TRUE(member.mayHaveSynced);
     EXPECT_FALSE(batch.HasMember());
     EXPECT_TRUE(ChangeBatch::Join(member));

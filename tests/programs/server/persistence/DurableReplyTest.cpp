@@ -190,14 +190,14 @@ class Client {
     _connection = std::make_unique<daemon::Connection>(osa::Descriptor(ends[0]), poll, wake, shared);
   }
 
-  // Asks behind the request for what shows nothing of it. maySync: as ChangeBatch has it.
+  // Asks behind the request for what shows nothing of it. maySync: the batch may wait for the disk.
   void Send(const std::string& request, bool maySync) {
     const std::string bytes = request + "get delimited\nNothing\n.\n";
     EXPECT_EQ(send(_peer.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
     std::vector<char> scratch(bytes.size());
     daemon::ChangeBatch batch;
     EXPECT_TRUE(_connection->OnReadable(scratch.data(), scratch.size()));
-    batch.Flush(maySync);
+    batch.Flush([maySync] { return maySync; });
     ++_asked;
   }
 

@@ -49,7 +49,7 @@ class SyncInBatch : public testing::Test {
   void ChangeInBatch(int count = 1) {
     ChangeBatch batch;
     for (int i = 0; i < count; ++i) Change();
-    batch.Flush(true);
+    batch.Flush([this] { return ++_asked > 0; });
   }
 
   void Sync() {
@@ -76,6 +76,7 @@ class SyncInBatch : public testing::Test {
     ChangeInBatch();
     EXPECT_EQ(work.Get(), JournalWork::kSync);
     EXPECT_EQ(CountSyncs(), before);
+    EXPECT_EQ(_asked, 0);
     EXPECT_FALSE(IsLastDurable());
   }
 
@@ -83,6 +84,7 @@ class SyncInBatch : public testing::Test {
   SharedUserLayer _shared;
   core::IniFile _layer;
   int _changes = 0;
+  int _asked = 0;  // whether the thread may wait for the disk, in batches
 };
 
 class SyncInBatchBehindALongOne : public SyncInBatch {
@@ -109,6 +111,19 @@ TEST_F(SyncInBatch, IsNotForAThreadThatMayNotWait) {
   {
     const ChangeBatch batch;
     Change();
+  }
+  EXPECT_EQ(work.Get(), JournalWork::kSync);
+  EXPECT_FALSE(IsLastDurable());
+}
+
+// It has got another connection meanwhile.
+TEST_F(SyncInBatch, IsNotForAThreadThatMayNotWaitAnyMore) {
+  Begin();
+  AwaitedWork work(_shared);
+  {
+    ChangeBatch batch;
+    Change();
+    batch.Flush([] { return false; });
   }
   EXPECT_EQ(work.Get(), JournalWork::kSync);
   EXPECT_FALSE(IsLastDurable());
