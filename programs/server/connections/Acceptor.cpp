@@ -179,9 +179,9 @@ EventLoop& Acceptor::ChooseLoop(EventLoop* caller) {
   const size_t preferred = callers == _loops.end() ? 0 : static_cast<size_t>(callers - _loops.begin());
   return *_loops[_choice.Choose(_loops.size(), preferred, [&](size_t index) {
     const EventLoop& loop = *_loops[index];
+    if (loop.IsSyncing()) return LoopBurden{true, LoopLoad::kFull, SIZE_MAX};  // takes none: any other is better
     const LoopLoad& load = loop.GetPoll().GetLoad();
-    const bool isStuck = loop.IsSyncing() || load.IsStuck();
-    return LoopBurden{&loop != caller && isStuck, load.GetPermille(), loop.CountConnections()};
+    return LoopBurden{&loop != caller && load.IsStuck(), load.GetPermille(), loop.CountConnections()};
   })];
 }
 
