@@ -55,7 +55,7 @@ class Server {
   // osa::Exception when it ended because an event loop failed.
   void Run(const programs::Signals& signals, const std::function<void(const programs::Signals::Signal&)>& onSignal);
 
-  // Returns once every event loop has come round. From any thread.
+  // Returns once every event loop has come round, or waits for a sync of the disk. From any thread.
   void Probe() TAVIX_EXCLUDES(_probeMutex);
 
  private:
