@@ -19,6 +19,7 @@
 #include "programs/server/LogSetup.h"
 #include "programs/server/Server.h"
 #include "programs/server/Upkeep.h"
+#include "programs/server/connections/ConnectionRoom.h"
 #include "programs/server/options/CommandLine.h"
 #include "programs/server/persistence/StartReads.h"
 #include "programs/server/store/FilePlaces.h"
@@ -137,6 +138,7 @@ int Serve(Options options, const std::vector<GivenOption>& commandLine) {
   const programs::Signals signals;
   const programs::ServiceManager serviceManager;
   LifeLog life(options);
+  options.limits = MakeRoomForConnections(options.limits, options.loops);
   OrFail(kExitConfiguration, [&] { ResolvePlaces(options); });
   WarnUnlessKept(options.userSettings);
   const auto lock = OrFail(kExitUnavailable, [&] { return LockUserSettings(options.userSettings); });

@@ -1,6 +1,5 @@
 #include "programs/server/Server.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,25 +17,7 @@ namespace tavix::daemon {
 
 namespace {
 
-constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
-constexpr rlim_t kDescriptorsOfALoop = 2;
 constexpr int kPause = 100;  // milliseconds
-
-// Raises the soft limit as far as it is of use and the hard one lets it, and lowers the number of connections to what
-// the process then has descriptors for.
-Limits WithinDescriptors(Limits limits, size_t loops) {
-  const rlim_t reserved = kReservedDescriptors + kDescriptorsOfALoop * loops;
-  const rlim_t needed = limits.connections + reserved;
-  rlimit possible{};
-  if (getrlimit(RLIMIT_NOFILE, &possible) != 0) return limits;
-  if (possible.rlim_cur < needed) {
-    possible.rlim_cur = std::min(needed, possible.rlim_max);
-    setrlimit(RLIMIT_NOFILE, &possible);
-  }
-  const rlim_t descriptors = std::max(possible.rlim_cur, reserved + 1);
-  limits.connections = static_cast<size_t>(std::min(needed, descriptors) - reserved);
-  return limits;
-}
 
 // What a handler is given.
 settings::server::ServerEnv EnvironmentOf(SettingsStore& store, settings::server::SerializationManager& serializations,
@@ -78,7 +59,7 @@ bool Wait(std::vector<pollfd>& watched, int timeout) {
 }  // namespace
 
 Server::Server(SettingsStore& store, std::vector<Listener> listeners, const Options& options, Counters& counters)
-    : _limits(WithinDescriptors(options.limits, options.loops)),
+    : _limits(options.limits),
       _acceptor(std::move(listeners), options.allowedUsers, _limits.connections, counters),
       _subscriptionBudget(_limits.allSubscriptionBytes),
       _info(counters, store.GetManager(), KeptChangesOf(options)),

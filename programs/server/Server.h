@@ -39,7 +39,8 @@ class SettingsStore;
 // Members: many, as it owns what all connections share: bounds, the acceptor, the lane, the loops.
 class Server {
  public:
-  // Connections queue at the listeners until Run. store and counters outlive the server.
+  // Connections queue at the listeners until Run. store and counters outlive the server. MakeRoomForConnections has
+  // seen the options.
   Server(SettingsStore& store, std::vector<Listener> listeners, const Options& options, Counters& counters);
 
   // Ends every connection.
@@ -66,7 +67,7 @@ class Server {
   const std::vector<std::unique_ptr<EventLoop>>& GetLoops() const TAVIX_NO_THREAD_SAFETY_ANALYSIS { return _loops; }
 
   LogLimiter _logLimiter;
-  const Limits _limits;  // with as many connections as there are descriptors for
+  const Limits _limits;
   Acceptor _acceptor;
   settings::server::SerializationManager _serializationManager;
   settings::server::SubscriptionBudget _subscriptionBudget;

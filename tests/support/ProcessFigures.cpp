@@ -48,6 +48,10 @@ size_t CountDescriptors(pid_t process) {
   return CountEntries(process, "fd");
 }
 
+size_t DescriptorTableSize(pid_t process) {
+  return ReadStatus(process, "FDSize:");
+}
+
 size_t CountThreads(pid_t process) {
   return CountEntries(process, "task");
 }

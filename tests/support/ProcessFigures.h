@@ -12,6 +12,9 @@ namespace tavix::test {
 size_t CountDescriptors(pid_t process);
 size_t CountThreads(pid_t process);
 
+// How many descriptors the kernel's table has room for before it must grow.
+size_t DescriptorTableSize(pid_t process);
+
 // How often the main thread has waited for something until now.
 size_t CountWaits(pid_t process);
 

@@ -18,7 +18,11 @@ LoopChoice::LoopChoice() : LoopChoice(ReadMicroseconds) {}
 
 bool LoopChoice::IsInBurst() noexcept {
   const uint32_t now = _readMicroseconds();
-  return now - _lastArrival.exchange(now, std::memory_order_relaxed) <= kMaxGap;
+  const uint32_t gap = now - _lastArrival.exchange(now, std::memory_order_relaxed);
+  const uint32_t before = _inBurst.load(std::memory_order_relaxed);
+  const bool goesOn = gap <= (before < kMany ? kMaxGap : kMaxGapOfMany);
+  _inBurst.store(goesOn ? before + 1 : 1, std::memory_order_relaxed);
+  return goesOn;
 }
 
 }  // namespace tavix::daemon

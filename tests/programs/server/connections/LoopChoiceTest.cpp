@@ -49,6 +49,26 @@ TEST_F(ChoiceOfALoop, IsTheOneWithFewerConnectionsForTheNextBurst) {
   EXPECT_EQ(loops[1].connections, 20u);
 }
 
+TEST_F(ChoiceOfALoop, IsOneForABurstOfManyBehindALongerGapToo) {
+  for (uint32_t i = 0; i < LoopChoice::kMany; ++i) ASSERT_EQ(Connect(), 0u);
+  for (int i = 0; i < 10; ++i) {
+    Wait(LoopChoice::kMaxGapOfMany);
+    EXPECT_EQ(Connect(), 0u);
+  }
+  Wait(LoopChoice::kMaxGapOfMany + 1);
+  EXPECT_EQ(Connect(), 1u);
+  Wait(LoopChoice::kMaxGap + 1);
+  EXPECT_EQ(Connect(), 1u);  // the next burst, of the loop with fewer
+}
+
+TEST_F(ChoiceOfALoop, IsAnotherOneBehindALongerGapUntilABurstHasManyConnections) {
+  for (uint32_t i = 0; i + 1 < LoopChoice::kMany; ++i) ASSERT_EQ(Connect(), 0u);
+  Wait(LoopChoice::kMaxGap + 1);
+  EXPECT_EQ(Connect(), 1u);
+  Wait(LoopChoice::kMaxGap + 1);
+  EXPECT_EQ(Connect(), 1u);
+}
+
 TEST_F(ChoiceOfALoop, IsAnotherOneOnceTheBurstsLoopIsStuck) {
   EXPECT_EQ(Connect(), 0u);
   loops[0].isStuck = true;

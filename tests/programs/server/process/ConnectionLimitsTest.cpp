@@ -65,6 +65,12 @@ rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
   return before;
 }
 
+// Of a daemon that serves.
+size_t FindTableSize(const Daemon& daemon) {
+  Converse(daemon.GetPort(), "quit\n");
+  return DescriptorTableSize(daemon.GetId());
+}
+
 // Looks at seconds in each of which the daemon has ten requests to handle and nothing else. One that spins is busy in
 // all of them; a machine that stands still may count that as the daemon's time in one.
 void ExpectNoSpinning(const Daemon& daemon, ProtocolClient& client) {
@@ -95,6 +101,27 @@ TEST(ConnectionLimits, OneConnectionMoreThanTheMostIsClosedAtOnceAndAFreedPlaceI
   clients.back().AwaitHandled();
   clients.pop_front();
   EXPECT_TRUE(Eventually([&] { return IsServed(daemon.GetPort()); }));
+}
+
+// One that grew beside other threads would keep a client waiting for about 10 ms.
+TEST(ConnectionLimits, TableOfDescriptorsIsLargeEnoughFromTheStart) {
+  const TemporaryDirectory directory;
+  const Daemon daemon(directory, {"--max-connections", "300"});
+  const size_t size = FindTableSize(daemon);
+  EXPECT_GT(size, 300u);
+  const std::list<ProtocolClient> clients = Open(daemon.GetPort(), 300);
+  EXPECT_EQ(clients.size(), 300u);
+  EXPECT_EQ(FindTableSize(daemon), size);
+}
+
+TEST(ConnectionLimits, TableOfDescriptorsIsNoLargerThanConnectionsNeed) {
+  const TemporaryDirectory directory;
+  const Daemon few(directory, {"--max-connections", "4"});
+  EXPECT_LT(FindTableSize(few), 300u);
+  const Daemon daemonOf128(directory, {}, {128, {}});
+  EXPECT_LE(FindTableSize(daemonOf128), 256u);
+  const Daemon million(directory, {"--max-connections", "1000000"});
+  EXPECT_LE(FindTableSize(million), 32768u);
 }
 
 TEST(ConnectionLimits, PlaceIsFreeWhenItsClientSeesTheEnd) {
