@@ -1,8 +1,8 @@
 #include "programs/server/connections/ConnectionRoom.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 
@@ -14,11 +14,11 @@ namespace {
 
 constexpr rlim_t kReservedDescriptors = 32;  // standard streams, listeners and, above all, the files of a save
 constexpr rlim_t kDescriptorsOfALoop = 2;
-constexpr rlim_t kMaxTable = 16384;  // descriptors of 8 bytes; a daemon of more connections can wait
+constexpr rlim_t kMaxTable = 16384;  // entries of a pointer each, 128 KiB at most
 
 // The table never shrinks.
 void GrowTable(rlim_t descriptors) noexcept {
-  const osa::Descriptor any(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  const osa::Descriptor any(eventfd(0, EFD_CLOEXEC));
   const osa::Descriptor last(fcntl(any.Get(), F_DUPFD_CLOEXEC, static_cast<int>(descriptors) - 1));
 }
 

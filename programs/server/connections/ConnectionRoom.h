@@ -13,7 +13,7 @@ namespace tavix::daemon {
 // loops: how many event loops there will be.
 // Threads: to be called while there is one only. A table that grows later, beside other threads, has the call that
 // needs it wait for all processors, for about 10 ms.
-// Errors: without memory the table grows later.
+// Errors: a table that can't grow now grows later.
 Limits MakeRoomForConnections(Limits limits, size_t loops) noexcept;
 
 }  // namespace tavix::daemon

@@ -111,7 +111,7 @@ TEST(ConnectionLimits, TableOfDescriptorsIsLargeEnoughFromTheStart) {
   EXPECT_GT(size, 300u);
   const std::list<ProtocolClient> clients = Open(daemon.GetPort(), 300);
   EXPECT_EQ(clients.size(), 300u);
-  EXPECT_EQ(FindTableSize(daemon), size);
+  EXPECT_EQ(DescriptorTableSize(daemon.GetId()), size);
 }
 
 TEST(ConnectionLimits, TableOfDescriptorsIsNoLargerThanConnectionsNeed) {
