@@ -65,7 +65,7 @@ rlim_t SetDescriptorLimit(const Daemon& daemon, rlim_t count) {
   return before;
 }
 
-// Of a daemon that serves.
+// How many descriptors the daemon's table has room for, once it serves.
 size_t FindTableSize(const Daemon& daemon) {
   Converse(daemon.GetPort(), "quit\n");
   return DescriptorTableSize(daemon.GetId());
